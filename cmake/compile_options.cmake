@@ -1,0 +1,32 @@
+# One interface target that everything of ours compiles with.
+add_library(vyr_options INTERFACE)
+target_compile_features(vyr_options INTERFACE cxx_std_20)
+target_compile_options(vyr_options INTERFACE
+  -Wall -Wextra -Wconversion -Wshadow -Wformat=2 -Werror)
+
+if(WIN32)
+  # SSE arithmetic: truncated results must agree with x86-64. Hosts hand over 4-byte stacks.
+  target_compile_options(vyr_options INTERFACE -msse2 -mfpmath=sse -mstackrealign)
+  target_compile_definitions(vyr_options INTERFACE
+    FD_SETSIZE=128 _WIN32_WINNT=0x0601 _CRT_RAND_S UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
+    _WINSOCK_DEPRECATED_NO_WARNINGS)
+  target_link_options(vyr_options INTERFACE -static)
+else()
+  target_compile_options(vyr_options INTERFACE -pthread)
+  target_link_options(vyr_options INTERFACE -pthread)
+endif()
+
+set(VYR_SANITIZE "" CACHE STRING "sanitizers, as -fsanitize= takes them")
+if(VYR_SANITIZE)
+  # Everything is instrumented, the test libraries that are built here included.
+  add_compile_options(-fsanitize=${VYR_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${VYR_SANITIZE})
+  if(VYR_SANITIZE MATCHES undefined)
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
+
+find_program(VYR_CCACHE ccache)
+if(VYR_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${VYR_CCACHE})
+endif()

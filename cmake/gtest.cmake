@@ -1,0 +1,18 @@
+# GoogleTest is built from Debian's source package, so that it has this build's flags.
+set(VYR_GTEST_ROOT /usr/src/googletest CACHE PATH "GoogleTest's sources")
+if(NOT EXISTS ${VYR_GTEST_ROOT}/googletest/src/gtest-all.cc)
+  message(FATAL_ERROR "no GoogleTest sources in ${VYR_GTEST_ROOT}: run scripts/setup.sh")
+endif()
+add_library(vyr_gtest STATIC
+  ${VYR_GTEST_ROOT}/googletest/src/gtest-all.cc
+  ${VYR_GTEST_ROOT}/googlemock/src/gmock-all.cc
+  ${VYR_GTEST_ROOT}/googlemock/src/gmock_main.cc)
+target_compile_features(vyr_gtest PUBLIC cxx_std_20)
+target_include_directories(vyr_gtest SYSTEM
+  PUBLIC ${VYR_GTEST_ROOT}/googletest/include ${VYR_GTEST_ROOT}/googlemock/include
+  PRIVATE ${VYR_GTEST_ROOT}/googletest ${VYR_GTEST_ROOT}/googlemock)
+if(WIN32)
+  # The win32-threads flavour has no std::mutex, which GoogleTest wants for one class only.
+  target_compile_options(vyr_gtest PUBLIC -include ${CMAKE_CURRENT_LIST_DIR}/gtest_notification.h)
+  target_compile_definitions(vyr_gtest PUBLIC GTEST_HAS_NOTIFICATION_=1)
+endif()
