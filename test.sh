@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# All tests, from a fresh machine: installs what is missing, builds every preset, runs every
+# suite, and closes with the number of tests.
+#
+#   ./test.sh                 everything
+#   ./test.sh sim posix       these presets only (sim, posix, posix-tsan, fuzz, windows-x86)
+#   ./test.sh --no-setup …    without looking for missing packages
+#
+# Logs are kept in build/PRESET/{build,test}.log. Exit: 0 all passed, 1 something failed.
+set -u
+cd "$(dirname "$0")" || exit 1
+
+presets=(sim posix posix-tsan fuzz windows-x86)
+setup=yes
+chosen=()
+for argument in "$@"; do
+  case "$argument" in
+    -h|--help) sed -n '2,10s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    --no-setup) setup=no ;;
+    sim|posix|posix-tsan|fuzz|windows-x86) chosen+=("$argument") ;;
+    *) echo "test.sh: unknown argument '$argument'; see --help" >&2; exit 2 ;;
+  esac
+done
+[ ${#chosen[@]} -gt 0 ] && presets=("${chosen[@]}")
+if [ $setup = yes ]; then scripts/setup.sh || exit 1; fi
+
+left_out=()
+failed=no
+results=()
+
+build() {  # preset
+  local preset=$1 log=build/$1/build.log
+  mkdir -p "build/$preset"
+  local started=$SECONDS
+  printf '%-12s building ... ' "$preset"
+  if cmake --preset "$preset" >"$log" 2>&1 && cmake --build --preset "$preset" >>"$log" 2>&1; then
+    echo "done ($((SECONDS - started)) s)"
+    return 0
+  fi
+  echo "FAILED; the end of $log:"
+  grep -nE 'error|FAILED|undefined reference|CMake Error' "$log" | head -n 20
+  tail -n 25 "$log"
+  failed=yes
+  return 1
+}
+
+run_suites() {  # preset
+  local preset=$1 log=build/$1/test.log started=$SECONDS
+  printf '%-12s testing  ... ' "$preset"
+  ctest --preset "$preset" --verbose >"$log" 2>&1
+  local code=$?
+  results+=("$log")
+  echo "$(scripts/count_tests.py "$log") ($((SECONDS - started)) s)"
+  if [ $code != 0 ]; then
+    failed=yes
+    scripts/count_tests.py --failures "$log"
+  fi
+}
+
+wine_works() {
+  command -v wine >/dev/null 2>&1 && scripts/wine cmd /c ver >/dev/null 2>&1
+}
+
+for preset in "${presets[@]}"; do
+  case "$preset" in
+    fuzz)
+      if ! command -v clang++ >/dev/null 2>&1; then
+        left_out+=("fuzz (no clang here)"); continue
+      fi ;;
+  esac
+  build "$preset" || continue
+  if [ "$preset" = windows-x86 ] && ! wine_works; then
+    left_out+=("the Windows suites (32-bit Wine cannot be had here; they are built, not run)")
+    continue
+  fi
+  run_suites "$preset"
+done
+
+for reason in ${left_out[@]+"${left_out[@]}"}; do echo "left out: $reason"; done
+[ ${#results[@]} -gt 0 ] || { echo "no suite ran" >&2; exit 1; }
+scripts/count_tests.py "${results[@]}"
+[ $failed = no ]
