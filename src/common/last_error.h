@@ -1,0 +1,21 @@
+// Keeps the calling thread's last error unchanged over a scope. Logging stands between a failed
+// call and the code that asks why it failed, so it must leave no trace there.
+#pragma once
+#include <winsock2.h>
+//
+#include <windows.h>
+
+namespace common {
+
+class KeepLastError {
+ public:
+  KeepLastError() noexcept : error_(GetLastError()) {}
+  ~KeepLastError() { SetLastError(error_); }
+  KeepLastError(const KeepLastError&) = delete;
+  KeepLastError& operator=(const KeepLastError&) = delete;
+
+ private:
+  const DWORD error_;
+};
+
+}  // namespace common

@@ -1,0 +1,35 @@
+// What is known about this process as a whole.
+//
+// One record, zero at load. Written while the provider starts, under the start-up lock, and only
+// read afterwards, by any thread and without a lock. Texts are UTF-8 and always terminated.
+#pragma once
+#include <winsock2.h>
+//
+#include <windows.h>
+#include <ws2spi.h>
+
+#include "common/types.h"
+
+namespace common {
+
+inline constexpr std::size_t kPathFieldSize = 260;
+
+struct ProcessInfo {
+  u32 lsp_catalog_id = 0;  // this provider's own catalogue entry; 0 until it was found
+  HMODULE module_handle = nullptr;
+  char process_name[kPathFieldSize] = {};  // with extension
+  char process_path[kPathFieldSize] = {};
+  char log_file_path[kPathFieldSize] = {};
+  // What the next provider gave, per kind of socket. A table is filled once its lpWSPSocket is
+  // set. The upcall tables are kept and never called.
+  WSPUPCALLTABLE udp_upcall_table = {};
+  WSPPROC_TABLE udp_proc_table = {};
+  WSPUPCALLTABLE tcp_upcall_table = {};
+  WSPPROC_TABLE tcp_proc_table = {};
+  WSPUPCALLTABLE raw_upcall_table = {};
+  WSPPROC_TABLE raw_proc_table = {};
+};
+
+ProcessInfo& GetProcessInfo() noexcept;
+
+}  // namespace common

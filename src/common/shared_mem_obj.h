@@ -1,0 +1,108 @@
+// A record in named shared memory, as this library and the client program exchange them.
+//
+// Plain: the mapping is the record, and a named mutex is held from Open to Close, also from an
+// Open that failed to its Close. So every Open needs its Close, on every path, and the time
+// between should be one copy.
+//
+// Double-buffered: the mapping is a word that selects one of two copies of the record. A writer
+// fills the copy that is not selected and Close flips the word, so readers need no mutex and see
+// the old copy or the new one, never a mixture. Two writers at once are not guarded against.
+//
+// Whoever comes first creates the mapping; ask Exists first where a missing region must stay
+// missing. An object has no lock of its own: its owner serialises its use.
+#pragma once
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "common/handle.h"
+#include "common/log.h"
+#include "common/named_mutex.h"
+#include "common/shared_mem_header.h"
+#include "common/types.h"
+
+namespace common {
+
+inline constexpr int kOpenForWriting = 1;
+inline constexpr int kOpenForReading = 2;
+
+class Shared_mem_obj {
+ public:
+  // `size` is that of the record, header included. Waits for the mutex without limit. Failures
+  // show at Open.
+  Shared_mem_obj(const std::string& name, u32 size, const std::string& mutex_name,
+                 bool double_buffered);
+  ~Shared_mem_obj();
+  Shared_mem_obj(const Shared_mem_obj&) = delete;
+  Shared_mem_obj& operator=(const Shared_mem_obj&) = delete;
+
+  // The address of the record, or null (with a log line that says why). `check` compares the
+  // record's header with what this library expects. The record of a reader is write-protected.
+  void* Open(int mode, bool check) noexcept;
+  void Close() noexcept;
+
+  static bool Exists(const std::string& name) noexcept;
+
+  const std::string& name() const noexcept { return name_; }
+  u32 size() const noexcept { return size_; }
+
+ private:
+  void CreateMapping() noexcept;
+  u8* SelectRecord() const noexcept;
+  bool HasExpectedHeader(const u8* record) const noexcept;
+  void LogMismatch(const u8* record) const noexcept;
+
+  UniqueHandle mapping_;
+  u8* view_ = nullptr;  // null while closed
+  NamedMutex mutex_;
+  const std::string name_;
+  const u32 size_;
+  const u32 mapped_size_;
+  int open_mode_ = 0;  // of the last Open
+  const bool double_buffered_;
+  bool view_is_writable_ = false;  // a view keeps the access that it was mapped with
+};
+
+// Owns a Shared_mem_obj and stands for it.
+class Shared_mem_owner {
+ public:
+  Shared_mem_owner(const std::string& name, u32 size, const std::string& mutex_name,
+                   bool double_buffered)
+      : object_(std::make_unique<Shared_mem_obj>(name, size, mutex_name, double_buffered)) {}
+
+  void* Open(int mode, bool check) noexcept { return object_->Open(mode, check); }
+  void Close() noexcept { object_->Close(); }
+  const std::string& name() const noexcept { return object_->name(); }
+  u32 size() const noexcept { return object_->size(); }
+
+ private:
+  std::unique_ptr<Shared_mem_obj> object_;
+};
+
+// Opens the owner's record as a T, whose first word must give T's own size. Null where there is
+// none. Never closes: the owner's Close is due on every path, whatever this holds.
+template <typename T>
+class Shared_mem_ptr {
+ public:
+  Shared_mem_ptr(Shared_mem_owner* owner, int mode, bool check) noexcept
+      : owner_(owner), record_(static_cast<T*>(owner->Open(mode, check))) {
+    if (record_ == nullptr) return;
+    u32 declared_size = 0;
+    std::memcpy(&declared_size, record_, sizeof declared_size);
+    if (declared_size == sizeof(T)) return;
+    record_ = nullptr;
+    COMMON_LOG(
+        4, "", "[Shared_mem_obj] Shared_mem_obj(%s,size=%d) template type size(%d) not match.",
+        owner_->name().c_str(), static_cast<int>(owner_->size()), static_cast<int>(sizeof(T)));
+  }
+
+  T* get() const noexcept { return record_; }
+  T* operator->() const noexcept { return record_; }
+  explicit operator bool() const noexcept { return record_ != nullptr; }
+
+ private:
+  Shared_mem_owner* owner_;
+  T* record_;
+};
+
+}  // namespace common
