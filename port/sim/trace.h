@@ -1,0 +1,34 @@
+// What happened, as lines of text in a ring that outlives a crash.
+//
+// The ring lives in memory that a parent process may share, so that the last lines can be
+// printed even when the simulated process died of a signal. The hash covers every line of the
+// run, also those the ring has overwritten: two runs with one hash were the same run. Lines
+// therefore never hold a pointer, a real time or a real process id.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace sim {
+
+struct TraceRing {
+  static constexpr uint32_t kLines = 2048;
+  static constexpr uint32_t kLineBytes = 192;
+
+  uint64_t hash;
+  uint64_t count;  // lines ever written
+  char lines[kLines][kLineBytes];
+};
+
+// Zeroed memory that a forked child writes and its parent reads. Never freed.
+TraceRing* NewSharedTraceRing();
+
+void AddTraceLine(TraceRing& ring, const std::string& line);
+
+// The newest lines, oldest first.
+std::vector<std::string> NewestLines(const TraceRing& ring, size_t most);
+
+// printf into a string.
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace sim
