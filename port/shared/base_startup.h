@@ -1,0 +1,15 @@
+// The base provider's WSPStartup, as its module exports it.
+#pragma once
+#include <ws2spi.h>
+
+namespace port {
+
+// Hands out BaseProviderTable(). 10092 for a version below 2.2.
+int WSPAPI BaseStartup(WORD version, LPWSPDATA data, LPWSAPROTOCOL_INFOW info,
+                       WSPUPCALLTABLE upcalls, LPWSPPROC_TABLE out);
+
+// How often it has been called, and the catalogue id it was last called with.
+int BaseStarts();
+DWORD LastBaseEntry();
+
+}  // namespace port

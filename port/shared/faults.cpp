@@ -1,0 +1,77 @@
+#include "port/shared/faults.h"
+
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "port/shared/rendition.h"
+
+namespace port {
+namespace {
+
+struct Fault {
+  unsigned nth;  // 0: every call
+  DWORD error;
+};
+struct Watched {
+  unsigned calls = 0;
+  std::vector<Fault> faults;  // nth as an absolute count of `calls`
+};
+
+std::atomic<bool> watching{false};
+std::mutex lock;
+
+std::map<std::string, Watched>& Table() {
+  static auto& table = *new std::map<std::string, Watched>;
+  return table;
+}
+
+std::optional<DWORD> CountAndJudge(const char* name) {
+  std::lock_guard hold(lock);
+  Watched& entry = Table()[name];
+  ++entry.calls;
+  for (const Fault& fault : entry.faults)
+    if (fault.nth == 0 || fault.nth == entry.calls) return fault.error;
+  return std::nullopt;
+}
+
+}  // namespace
+
+void FailCall(const std::string& name, unsigned nth, DWORD error) {
+  std::lock_guard hold(lock);
+  Watched& entry = Table()[name];
+  entry.faults.push_back({nth == 0 ? 0 : entry.calls + nth, error});
+  watching = true;
+}
+
+void ClearFaults() {
+  std::lock_guard hold(lock);
+  watching = false;
+  Table().clear();
+}
+
+void CountCalls() { watching = true; }
+
+unsigned CallCount(const std::string& name) {
+  std::lock_guard hold(lock);
+  auto at = Table().find(name);
+  return at == Table().end() ? 0 : at->second.calls;
+}
+
+bool Fails(const char* name) {
+  OnCall(name);
+  if (!watching.load(std::memory_order_relaxed)) return false;
+  auto error = CountAndJudge(name);
+  if (error) SetLastError(*error);
+  return error.has_value();
+}
+
+bool Fails(const char* name, LPINT out) {
+  OnCall(name);
+  if (!watching.load(std::memory_order_relaxed)) return false;
+  auto error = CountAndJudge(name);
+  if (error && out) *out = static_cast<INT>(*error);
+  return error.has_value();
+}
+
+}  // namespace port

@@ -1,0 +1,20 @@
+// Files of the simulated or ported machine: real files under a root directory of the process.
+// "C:\a\b" is root/C/a/b; "\a" and relative paths are on drive C. Names are found whatever the
+// case of their letters.
+#pragma once
+#include <string>
+
+namespace port {
+
+// Created with its parents when missing. Without a call, a fresh temporary directory is made
+// on first use and removed at exit. Call before other threads touch files.
+void SetFileRoot(const std::string& directory);
+std::string FileRoot();
+
+// The host path that stands for a Windows path, with existing names matched by letter case.
+std::string HostPath(const std::wstring& path);
+
+// Makes the directory of a Windows path with all its parents; for tests that set a scene.
+void MakeDirectories(const std::wstring& path);
+
+}  // namespace port

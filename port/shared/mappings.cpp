@@ -1,0 +1,151 @@
+// File mappings backed by nothing but memory. Each view is a mapping of its own, so that a
+// write through a view that was opened for reading faults here as it does on Windows.
+#include "port/shared/mappings.h"
+
+#include <sys/mman.h>
+
+#include <map>
+
+#include "port/shared/faults.h"
+#include "port/shared/objects.h"
+#include "port/shared/process.h"
+#include "port/shared/rendition.h"
+
+namespace port {
+namespace {
+
+constexpr size_t kPage = 4096;
+
+size_t WholePages(size_t size) { return (size + kPage - 1) / kPage * kPage; }
+
+class Mapping : public Object {
+ public:
+  Mapping(int fd, size_t size, bool writable) : fd_(fd), size_(size), writable_(writable) {}
+  ~Mapping() override { ::close(fd_); }
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+
+  const char* kind() const override { return "mapping"; }
+  int fd() const { return fd_; }
+  size_t size() const { return size_; }  // whole pages: as far as a view may reach
+  bool writable() const { return writable_; }
+
+ private:
+  const int fd_;
+  const size_t size_;
+  const bool writable_;
+};
+
+ObjectRef MakeMapping(size_t size, bool writable) {
+  int fd = ::memfd_create("mapping", MFD_CLOEXEC);
+  if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(WholePages(size))) != 0) {
+    if (fd >= 0) ::close(fd);
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  return std::make_shared<Mapping>(fd, WholePages(size), writable);
+}
+
+struct View {
+  std::shared_ptr<Mapping> mapping;
+  size_t size;
+  DWORD pid;
+};
+
+std::mutex views_lock;
+
+std::map<const void*, View>& Views() {
+  static auto& views = *new std::map<const void*, View>;
+  return views;
+}
+
+void* MapPages(const Mapping& mapping, bool write, size_t offset, size_t size) {
+  int protection = write ? PROT_READ | PROT_WRITE : PROT_READ;
+  void* at =
+      ::mmap(nullptr, size, protection, MAP_SHARED, mapping.fd(), static_cast<off_t>(offset));
+  return at == MAP_FAILED ? nullptr : at;
+}
+
+}  // namespace
+
+void UnmapViewsOf(DWORD pid) {
+  std::lock_guard hold(views_lock);
+  for (auto at = Views().begin(); at != Views().end();) {
+    if (at->second.pid != pid) {
+      ++at;
+      continue;
+    }
+    ::munmap(const_cast<void*>(at->first), at->second.size);
+    at = Views().erase(at);
+  }
+}
+
+size_t OpenViews() {
+  std::lock_guard hold(views_lock);
+  return Views().size();
+}
+
+}  // namespace port
+
+HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES, DWORD protect, DWORD size_high,
+                                 DWORD size_low, LPCSTR name) {
+  if (port::Fails("CreateFileMappingA")) return nullptr;
+  size_t size = static_cast<size_t>(size_high) << 32 | size_low;
+  bool known_protection = protect == PAGE_READWRITE || protect == PAGE_READONLY;
+  if (file != INVALID_HANDLE_VALUE || size == 0 || !known_protection) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  return port::CreateNamed(name, "mapping",
+                           [&] { return port::MakeMapping(size, protect == PAGE_READWRITE); });
+}
+
+HANDLE WINAPI OpenFileMappingA(DWORD, BOOL, LPCSTR name) {
+  if (port::Fails("OpenFileMappingA")) return nullptr;
+  if (!name) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  return port::OpenNamed(name, "mapping");
+}
+
+LPVOID WINAPI MapViewOfFile(HANDLE handle, DWORD access, DWORD offset_high, DWORD offset_low,
+                            SIZE_T size) {
+  if (port::Fails("MapViewOfFile")) return nullptr;
+  auto mapping = port::LookupAs<port::Mapping>(handle);
+  if (!mapping) return nullptr;
+  constexpr DWORD kGranularity = 65536;
+  size_t offset = static_cast<size_t>(offset_high) << 32 | offset_low;
+  if (offset % kGranularity != 0) {
+    SetLastError(1132);  // ERROR_MAPPED_ALIGNMENT
+    return nullptr;
+  }
+  const bool write = (access & FILE_MAP_WRITE) != 0;
+  const bool beyond = offset >= mapping->size() || size > mapping->size() - offset;
+  if (beyond || (write && !mapping->writable())) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return nullptr;
+  }
+  if (size == 0) size = mapping->size() - offset;
+  void* view = port::MapPages(*mapping, write, offset, size);
+  if (!view) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  std::lock_guard hold(port::views_lock);
+  port::Views()[view] = {mapping, size, port::CurrentProcess().pid};
+  return view;
+}
+
+BOOL WINAPI UnmapViewOfFile(LPCVOID address) {
+  if (port::Fails("UnmapViewOfFile")) return FALSE;
+  std::lock_guard hold(port::views_lock);
+  auto at = port::Views().find(address);
+  if (at == port::Views().end()) {
+    SetLastError(487);  // ERROR_INVALID_ADDRESS
+    return FALSE;
+  }
+  ::munmap(const_cast<void*>(at->first), at->second.size);
+  port::Views().erase(at);
+  return TRUE;
+}

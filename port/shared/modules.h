@@ -1,0 +1,29 @@
+// Loadable modules: a registry that tests fill with exports, in place of files.
+//
+// Paths compare without regard to letter case. A name without a directory finds the first
+// module that bears it, and ".dll" is added where there is no extension. A module is "loaded"
+// while its count is above zero; its functions stay callable afterwards, so a test that wants
+// to catch a use after FreeLibrary looks at the count.
+#pragma once
+#include <windows.h>
+
+#include <map>
+#include <string>
+
+namespace port {
+
+// Replaces a module of the same path, counts included.
+void RegisterModule(const std::wstring& path, const std::map<std::string, FARPROC>& exports);
+void UnregisterModule(const std::wstring& path);
+
+// How often the module is loaded now, and how often it was loaded at all.
+int LoadCount(const std::wstring& path);
+int LoadsEver(const std::wstring& path);
+
+// Where the rendition's own base provider is registered, exporting WSPStartup; and its identity
+// in the catalogue.
+inline constexpr wchar_t kBaseProviderPath[] = L"%SystemRoot%\\system32\\port_base.dll";
+inline constexpr GUID kBaseProviderGuid = {
+    0x8f5a1c3e, 0x2b67, 0x4d90, {0x9e, 0x41, 0x5c, 0x72, 0x0a, 0xd3, 0x16, 0xb8}};
+
+}  // namespace port

@@ -1,0 +1,68 @@
+// Kernel objects: counted by their handles, found by handle or by name.
+//
+// One table serves the whole machine; each handle belongs to the process that made it, so that
+// the end of a process can close what it left open. All names share one space, as on Windows:
+// a name that an object of another kind bears is an invalid handle to everyone else. A name
+// goes with its object's last handle, even while a view or a waiter keeps the object alive.
+//
+// Threads: every function may be called from any thread. The table's lock is a leaf.
+#pragma once
+#include <windows.h>
+
+#include <memory>
+#include <string>
+
+namespace port {
+
+class Object {
+ public:
+  virtual ~Object() = default;
+  virtual const char* kind() const = 0;  // "mutex", "event", …; equal pointers are not promised
+
+  // Called once, after the last handle is closed and outside the table's lock.
+  virtual void OnLastHandleClosed() {}
+
+  const std::string& name() const { return name_; }  // empty: unnamed
+
+ private:
+  friend class ObjectTable;
+  std::string name_;
+  int handles_ = 0;
+};
+using ObjectRef = std::shared_ptr<Object>;
+
+// A new handle for an object, owned by the calling thread's process. Handle values are
+// multiples of four and never come back.
+HANDLE NewHandle(ObjectRef object);
+
+// Null for a handle that is not open; sets no error.
+ObjectRef Lookup(HANDLE handle);
+
+// Null with ERROR_INVALID_HANDLE for a handle that is not open or not a T.
+template <class T>
+std::shared_ptr<T> LookupAs(HANDLE handle) {
+  auto object = std::dynamic_pointer_cast<T>(Lookup(handle));
+  if (!object) SetLastError(ERROR_INVALID_HANDLE);
+  return object;
+}
+
+// False for a handle that is not open; sets no error.
+bool Close(HANDLE handle);
+
+// The end of a process: closes every handle and unmaps every view it left behind.
+void CloseEverythingOf(DWORD pid);
+
+// How many handles and views are open in all, for tests that look for leaks.
+size_t OpenHandles();
+size_t OpenViews();  // mappings.cpp
+
+// Opens the object of that name and kind, or makes one with `make`. A null or empty name makes
+// an unnamed object. Last error: 0, or ERROR_ALREADY_EXISTS when it was there, or, with a null
+// result, ERROR_INVALID_HANDLE when the name belongs to another kind. `make` runs under the
+// table's lock; a null from it is the result, with the error it set.
+HANDLE CreateNamed(const char* name, const char* kind, const std::function<ObjectRef()>& make);
+
+// Null with ERROR_FILE_NOT_FOUND where no such name is, ERROR_INVALID_HANDLE for another kind.
+HANDLE OpenNamed(const char* name, const char* kind);
+
+}  // namespace port

@@ -1,0 +1,21 @@
+#include <rpc.h>
+
+#include "port/shared/faults.h"
+#include "port/shared/rendition.h"
+
+int rand_s(unsigned int* out) {
+  if (!out || port::Fails("rand_s")) return EINVAL;
+  *out = port::RandomBits();
+  return 0;
+}
+
+RPC_STATUS WINAPI UuidCreate(UUID* out) {
+  INT error = 0;
+  if (port::Fails("UuidCreate", &error)) return error;
+  uint32_t words[4];
+  for (uint32_t& word : words) word = port::RandomBits();
+  std::memcpy(out, words, sizeof words);
+  out->Data3 = static_cast<uint16_t>((out->Data3 & 0x0fff) | 0x4000);   // a random one
+  out->Data4[0] = static_cast<uint8_t>((out->Data4[0] & 0x3f) | 0x80);  // of the usual layout
+  return RPC_S_OK;
+}

@@ -1,0 +1,36 @@
+// The seam between what both renditions share and the one that stands below: what port/posix
+// and port/sim must each supply. Everything else that a rendition brings are the declared
+// Windows calls themselves: threads.cpp (threads, critical sections), waits.cpp (events,
+// mutexes, WaitForSingleObject), clock.cpp (clocks and Sleep), base_provider.cpp.
+#pragma once
+#include <winsock2.h>
+#include <ws2spi.h>
+
+namespace port {
+
+struct Process;
+
+// What Windows keeps in a thread's own block. Only its thread touches it.
+struct ThreadState {
+  DWORD last_error = 0;
+  int bypass_layers = 0;  // > 0: sockets made by this thread skip the layered providers
+  char inet_text[16] = {};
+};
+
+// The calling thread's record; made on first use for a thread the rendition did not start.
+ThreadState& CurrentThreadState();
+
+// The process that the calling thread belongs to. Lives as long as any of its threads.
+Process& CurrentProcess();
+
+// Thirty entries, none null; valid for the life of the program.
+const WSPPROC_TABLE& BaseProviderTable();
+
+// The random source behind rand_s and UuidCreate. The simulation draws it from its seed.
+uint32_t RandomBits();
+
+// Every shared call begins here, before it takes any lock: a thread that was told to end
+// leaves, and the simulation may trace. Must not change the last error.
+void OnCall(const char* name);
+
+}  // namespace port

@@ -1,0 +1,139 @@
+#include "port/shared/catalogue.h"
+#include "port/shared/faults.h"
+#include "port/shared/process.h"
+#include "port/shared/rendition.h"
+#include "port/shared/text.h"
+
+namespace port {
+namespace {
+
+int WSPAPI UnusedUpcall() { return 0; }
+
+WSPUPCALLTABLE Upcalls() {
+  WSPUPCALLTABLE table;
+  std::fill(std::begin(table.entries), std::end(table.entries), &UnusedUpcall);
+  return table;
+}
+
+// Zero asks for whatever comes first; a hidden entry (chain length 0) serves nobody.
+bool Serves(const WSAPROTOCOL_INFOW& entry, int family, int type, int protocol) {
+  const bool protocol_fits =
+      protocol == 0 || entry.iProtocol == protocol ||
+      (protocol > entry.iProtocol && protocol <= entry.iProtocol + entry.iProtocolMaxOffset);
+  return entry.ProtocolChain.ChainLen != LAYERED_PROTOCOL &&
+         (family == 0 || entry.iAddressFamily == family) &&
+         (type == 0 || entry.iSocketType == type) && protocol_fits;
+}
+
+// A layered entry is started by the provider that its chain names first: its own.
+LPWSPSTARTUP FindStartup(const WSAPROTOCOL_INFOW& entry) {
+  const std::wstring path = Expand(ProviderPath(entry.ProviderId));
+  HMODULE module = path.empty() ? nullptr : LoadLibraryW(path.c_str());
+  if (!module) return nullptr;
+  FARPROC function = GetProcAddress(module, "WSPStartup");
+  return reinterpret_cast<LPWSPSTARTUP>(reinterpret_cast<void*>(function));
+}
+
+bool Complete(const WSPPROC_TABLE& table) {
+  FARPROC entries[sizeof table / sizeof(FARPROC)];
+  std::memcpy(entries, &table, sizeof table);
+  return std::find(std::begin(entries), std::end(entries), nullptr) == std::end(entries);
+}
+
+class SectionGuard {
+ public:
+  explicit SectionGuard(CRITICAL_SECTION* section) : section_(section) {
+    EnterCriticalSection(section_);
+  }
+  ~SectionGuard() { LeaveCriticalSection(section_); }
+  SectionGuard(const SectionGuard&) = delete;
+  SectionGuard& operator=(const SectionGuard&) = delete;
+
+ private:
+  CRITICAL_SECTION* const section_;
+};
+
+}  // namespace
+
+SocketLayers::SocketLayers() { InitializeCriticalSection(&start_lock_); }
+SocketLayers::~SocketLayers() { DeleteCriticalSection(&start_lock_); }
+
+void SocketLayers::UseCatalogue(bool use) {
+  SectionGuard hold(&start_lock_);
+  started_.clear();
+  use_catalogue_ = use;
+}
+
+std::shared_ptr<const SocketLayers::Started> SocketLayers::StartEntry(
+    const WSAPROTOCOL_INFOW& entry, int* error) {
+  for (const auto& one : started_)
+    if (one->entry.dwCatalogEntryId == entry.dwCatalogEntryId) return one;
+  auto fresh = std::make_shared<Started>();
+  fresh->entry = entry;
+  fresh->table = {};
+  *error = WSAEPROVIDERFAILEDINIT;
+  const LPWSPSTARTUP startup = FindStartup(entry);
+  if (!startup) return nullptr;
+  WSPDATA data = {};
+  const int result = startup(MAKEWORD(2, 2), &data, &fresh->entry, Upcalls(), &fresh->table);
+  if (result != 0) {
+    *error = result;
+    return nullptr;
+  }
+  if (!Complete(fresh->table)) {
+    *error = WSAEINVALIDPROCTABLE;
+    return nullptr;
+  }
+  *error = 0;
+  started_.push_back(fresh);
+  kept_.push_back(fresh);
+  any_layered_ = true;
+  return fresh;
+}
+
+std::shared_ptr<const SocketLayers::Started> SocketLayers::ForNewSocket(int family, int type,
+                                                                        int protocol, int* error) {
+  *error = 0;
+  if (!use_catalogue_ || CurrentThreadState().bypass_layers > 0) return nullptr;
+  for (const WSAPROTOCOL_INFOW& entry : Catalogue()) {
+    if (!Serves(entry, family, type, protocol)) continue;
+    SectionGuard hold(&start_lock_);
+    return StartEntry(entry, error);
+  }
+  return nullptr;  // nobody serves it: the base provider says so in the platform's words
+}
+
+const WSPPROC_TABLE& SocketLayers::TableOf(SOCKET s) {
+  auto started = Of(s);
+  return started ? started->table : BaseProviderTable();  // kept_ holds it for good
+}
+
+std::shared_ptr<const SocketLayers::Started> SocketLayers::Of(SOCKET s) {
+  if (!any_layered_) return nullptr;
+  std::shared_lock hold(sockets_lock_);
+  auto at = sockets_.find(s);
+  return at == sockets_.end() ? nullptr : at->second;
+}
+
+void SocketLayers::Remember(SOCKET s, std::shared_ptr<const Started> started) {
+  if (!started || s == INVALID_SOCKET) return;
+  std::unique_lock hold(sockets_lock_);
+  sockets_[s] = std::move(started);
+}
+
+std::shared_ptr<const SocketLayers::Started> SocketLayers::Forget(SOCKET s) {
+  if (!any_layered_) return nullptr;
+  std::unique_lock hold(sockets_lock_);
+  auto at = sockets_.find(s);
+  if (at == sockets_.end()) return nullptr;
+  auto started = std::move(at->second);
+  sockets_.erase(at);
+  return started;
+}
+
+void UseCatalogue(bool use) { CurrentProcess().layers.UseCatalogue(use); }
+
+BypassLayers::BypassLayers() { ++CurrentThreadState().bypass_layers; }
+BypassLayers::~BypassLayers() { --CurrentThreadState().bypass_layers; }
+
+}  // namespace port
