@@ -22,9 +22,12 @@ class Mutex {
   CRITICAL_SECTION section_;
 };
 
+struct AdoptLock {};  // says that the caller holds the mutex already
+
 class Lock {
  public:
   explicit Lock(Mutex& mutex) noexcept : mutex_(mutex) { mutex_.lock(); }
+  Lock(Mutex& mutex, AdoptLock) noexcept : mutex_(mutex) {}
   ~Lock() { mutex_.unlock(); }
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;

@@ -49,8 +49,7 @@ class Shared_mem_obj {
  private:
   void CreateMapping() noexcept;
   u8* SelectRecord() const noexcept;
-  bool HasExpectedHeader(const u8* record) const noexcept;
-  void LogMismatch(const u8* record) const noexcept;
+  bool CheckHeader(const u8* record) const noexcept;
 
   UniqueHandle mapping_;
   u8* view_ = nullptr;  // null while closed
@@ -77,6 +76,18 @@ class Shared_mem_owner {
 
  private:
   std::unique_ptr<Shared_mem_obj> object_;
+};
+
+// Closes the owner's object at the end of a scope, whatever became of the Open.
+class Shared_mem_closer {
+ public:
+  explicit Shared_mem_closer(Shared_mem_owner* owner) noexcept : owner_(owner) {}
+  ~Shared_mem_closer() { owner_->Close(); }
+  Shared_mem_closer(const Shared_mem_closer&) = delete;
+  Shared_mem_closer& operator=(const Shared_mem_closer&) = delete;
+
+ private:
+  Shared_mem_owner* const owner_;
 };
 
 // Opens the owner's record as a T, whose first word must give T's own size. Null where there is

@@ -1,0 +1,90 @@
+#include "common/log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "common/last_error.h"
+#include "common/log_file.h"
+#include "common/log_ring.h"
+
+namespace common {
+namespace {
+
+// All with the terminator.
+constexpr std::size_t kMaxHeader = 50;
+constexpr std::size_t kMaxTag = 64;
+
+// Each of these puts text into zeroed memory and returns how many bytes of it.
+
+std::size_t PutHeader(char* out, int level) noexcept {
+  SYSTEMTIME now = {};
+  GetLocalTime(&now);
+  std::snprintf(out, kMaxHeader, "[%04d-%02d-%02d %02d:%02d:%02d.%03d][%d][%d]", now.wYear,
+                now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds,
+                static_cast<int>(GetCurrentThreadId()), level);
+  return std::strlen(out);
+}
+
+std::size_t PutTag(char* out, const char* tag) noexcept {
+  if (tag == nullptr || *tag == '\0') return 0;
+  std::snprintf(out, kMaxTag, "[%s]", tag);
+  return std::strlen(out);
+}
+
+VYR_PRINTF(3, 0)
+std::size_t PutMessage(char* out, std::size_t size, const char* format,
+                       va_list arguments) noexcept {
+  std::vsnprintf(out, size, format, arguments);
+  out[size - 1] = '\0';  // a formatting that failed need not have terminated its text
+  return std::strlen(out);
+}
+
+// The whole line is put together in one buffer on the caller's stack: no allocation, no lock.
+template <std::size_t kMaxMessage>
+VYR_PRINTF(3, 0)
+void WriteLine(int level, const char* tag, const char* format, va_list arguments) noexcept {
+  const KeepLastError keep_last_error;
+  char line[kMaxHeader + kMaxTag + kMaxMessage] = {};
+  std::size_t size = PutHeader(line, level);
+  size += PutTag(line + size, tag);
+  size += PutMessage(line + size, kMaxMessage, format, arguments);
+  line[size++] = '\n';
+  GetLogRing().Append({line, size});
+  GetLogFile().Write({line, size}, level);
+}
+
+}  // namespace
+
+void LspLog(int level, const char* format, ...) noexcept {
+  if (format == nullptr) return;
+  va_list arguments;
+  va_start(arguments, format);
+  WriteLine<kMaxLogMessage>(level, "lsp", format, arguments);
+  va_end(arguments);
+}
+
+void CommonLog(int level, const char* tag, const char* format, ...) noexcept {
+  if (format == nullptr) return;
+  va_list arguments;
+  va_start(arguments, format);
+  WriteLine<kMaxCommonLogMessage>(level, tag, format, arguments);
+  va_end(arguments);
+}
+
+void LspTrace(const char* format, ...) noexcept {
+  if (format == nullptr) return;
+  const KeepLastError keep_last_error;
+  constexpr std::string_view kPrefix = "[LspTrace]";
+  char text[kPrefix.size() + kMaxLogMessage + 1] = {};
+  std::size_t size = kPrefix.copy(text, kPrefix.size());
+  va_list arguments;
+  va_start(arguments, format);
+  size += PutMessage(text + size, kMaxLogMessage, format, arguments);
+  va_end(arguments);
+  text[size] = '\n';
+  OutputDebugStringA(text);
+}
+
+}  // namespace common
