@@ -1,0 +1,15 @@
+#include "common/log.h"
+#include "provider/hook_common.h"
+#include "provider/hook_entries.h"
+
+namespace moru_vyr::lsp {
+
+// Kept: the next provider's WSPCleanup is never called, and no flag of start-up is reset. The
+// relay's end will come first here.
+int WSPAPI WSPCleanup(LPINT lpErrno) noexcept {
+  StoreError(lpErrno, 0);
+  LSP_LOG(0, "WSPCleanup");
+  return 0;
+}
+
+}  // namespace moru_vyr::lsp

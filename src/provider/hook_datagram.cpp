@@ -1,0 +1,87 @@
+// The replaced entries that name an address with each datagram.
+#include "common/log.h"
+#include "provider/hook_common.h"
+#include "provider/hook_entries.h"
+#include "provider/socket_error_filter.h"
+#include "provider/socket_map.h"
+
+namespace moru_vyr::lsp {
+
+int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lpNumberOfBytesSent,
+                     DWORD dwFlags, const struct sockaddr* lpTo, int iTolen,
+                     LPWSAOVERLAPPED lpOverlapped,
+                     LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
+                     LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept {
+  SocketRecord record;
+  GetSocketMap().Get(s, &record);
+  const WSPPROC_TABLE* const next = record.next_proc_table;
+  if (next == nullptr || next->lpWSPSendTo == nullptr) {
+    LSP_LOG(5, "WSPSendTo: next_proc_table invalid, socket=%Id", s);
+    FailWithoutProvider(lpErrno);
+    return SOCKET_ERROR;
+  }
+  // A relayed datagram will go to the relay's address with a copy queued; none is relayed yet.
+  const bool relay_send = false;
+  const sockaddr* const target = lpTo;
+  // Kept: the count of sent bytes is not cleared first, unlike in WSPSend.
+  const int result =
+      next->lpWSPSendTo(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags, target, iTolen,
+                        lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
+  const int error = ErrorOf(lpErrno);
+  const auto log = [&](int level) {
+    LSP_LOG(level,
+            "WSPSendTo: ret=%d, err=%d, dst=%s:%d, relay_send=%s, pbuf=%p, buf_cnt=%d, "
+            "sent_bytes=%d, flag=%d, ol=0x%08x, crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
+            result, error, DescribeAddress(lpTo, iTolen).ip.c_str(),
+            DescribeAddress(lpTo, iTolen).port, relay_send ? "true" : "false",
+            static_cast<void*>(lpBuffers), static_cast<int>(dwBufferCount),
+            static_cast<int>(CountOf(lpNumberOfBytesSent)), static_cast<int>(dwFlags),
+            PointerBits(lpOverlapped), PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s,
+            record.token);
+  };
+  if (result == SOCKET_ERROR && error != WSAEWOULDBLOCK && error != WSA_IO_PENDING) {
+    if (GetSocketErrorFilter().ShouldLog(kOperationSendTo, error, record.token)) log(4);
+  } else if (result == 0) {
+    log(0);
+  }
+  return result;
+}
+
+int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
+                       LPDWORD lpNumberOfBytesRecvd, LPDWORD lpFlags, struct sockaddr* lpFrom,
+                       LPINT lpFromlen, LPWSAOVERLAPPED lpOverlapped,
+                       LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
+                       LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept {
+  SocketRecord record;
+  GetSocketMap().Get(s, &record);
+  const WSPPROC_TABLE* const next = record.next_proc_table;
+  if (next == nullptr || next->lpWSPRecvFrom == nullptr) {
+    LSP_LOG(5, "WSPRecvFrom: next_proc_table invalid, socket=%Id", s);
+    FailWithoutProvider(lpErrno);
+    return SOCKET_ERROR;
+  }
+  // Kept: the count of received bytes is not cleared first, unlike in WSPRecv.
+  const int result =
+      next->lpWSPRecvFrom(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd, lpFlags, lpFrom,
+                          lpFromlen, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
+  const int error = ErrorOf(lpErrno);
+  const auto log = [&](int level) {
+    LSP_LOG(level,
+            "WSPRecvFrom end: ret=%d, err=%d, from=%s:%d, pbuf=%p, buf_cnt=%d, recv_bytes=%d, "
+            "flag=%d, ol=0x%08x, crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
+            result, error, DescribeAddress(lpFrom, lpFromlen).ip.c_str(),
+            DescribeAddress(lpFrom, lpFromlen).port, static_cast<void*>(lpBuffers),
+            static_cast<int>(dwBufferCount), static_cast<int>(CountOf(lpNumberOfBytesRecvd)),
+            static_cast<int>(CountOf(lpFlags)), PointerBits(lpOverlapped),
+            PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s, record.token);
+  };
+  // Kept: a pending receive (997) counts as a failure here, though not in WSPRecv.
+  if (result == SOCKET_ERROR && error != WSAEWOULDBLOCK) {
+    if (GetSocketErrorFilter().ShouldLog(kOperationRecvFrom, error, record.token)) log(4);
+  } else if (result == 0) {
+    log(0);
+  }
+  return result;
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,84 @@
+// The replaced entries that move bytes on a connected socket.
+#include "common/log.h"
+#include "provider/hook_common.h"
+#include "provider/hook_entries.h"
+#include "provider/socket_error_filter.h"
+#include "provider/socket_map.h"
+
+namespace moru_vyr::lsp {
+
+int WSPAPI WSPSend(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lpNumberOfBytesSent,
+                   DWORD dwFlags, LPWSAOVERLAPPED lpOverlapped,
+                   LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine, LPWSATHREADID lpThreadId,
+                   LPINT lpErrno) noexcept {
+  SocketRecord record;
+  GetSocketMap().Get(s, &record);
+  const WSPPROC_TABLE* const next = record.next_proc_table;
+  if (next == nullptr || next->lpWSPSend == nullptr) {
+    LSP_LOG(5, "WSPSend: next_proc_table invalid, socket=%Id", s);
+    FailWithoutProvider(lpErrno);
+    return SOCKET_ERROR;
+  }
+  if (lpNumberOfBytesSent != nullptr) *lpNumberOfBytesSent = 0;
+  const int result = next->lpWSPSend(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags,
+                                     lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
+  const int error = ErrorOf(lpErrno);
+  const auto log = [&](int level) {
+    LSP_LOG(level,
+            "WSPSend: ret=%d, err=%d, pbuf=%p, buf_cnt=%d, sent_bytes=%d, flag=%d, ol=0x%08x, "
+            "crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
+            result, error, static_cast<void*>(lpBuffers), static_cast<int>(dwBufferCount),
+            static_cast<int>(CountOf(lpNumberOfBytesSent)), static_cast<int>(dwFlags),
+            PointerBits(lpOverlapped), PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s,
+            record.token);
+  };
+  // Kept: a pending send (997) counts as a failure here, though a pending receive does not.
+  if (result == SOCKET_ERROR && error != WSAEWOULDBLOCK) {
+    if (GetSocketErrorFilter().ShouldLog(kOperationSend, error, record.token)) log(4);
+  } else if (result == 0) {
+    log(0);
+  }
+  return result;
+}
+
+int WSPAPI WSPRecv(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lpNumberOfBytesRecvd,
+                   LPDWORD lpFlags, LPWSAOVERLAPPED lpOverlapped,
+                   LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine, LPWSATHREADID lpThreadId,
+                   LPINT lpErrno) noexcept {
+  SocketRecord record;
+  GetSocketMap().Get(s, &record);
+  const WSPPROC_TABLE* const next = record.next_proc_table;
+  if (next == nullptr || next->lpWSPRecv == nullptr) {
+    LSP_LOG(5, "WSPRecv: next_proc_table invalid, socket=%Id", s);
+    FailWithoutProvider(lpErrno);
+    return SOCKET_ERROR;
+  }
+  if (lpNumberOfBytesRecvd != nullptr) *lpNumberOfBytesRecvd = 0;
+  const int result = next->lpWSPRecv(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd, lpFlags,
+                                     lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
+  if (lpBuffers == nullptr) {
+    LSP_LOG(0, "WSPRecv: buffer is empty, socket=%Id", s);
+    return result;
+  }
+  const int error = ErrorOf(lpErrno);
+  const DWORD received = CountOf(lpNumberOfBytesRecvd);
+  const auto log = [&](int level) {
+    LSP_LOG(level,
+            "WSPRecv: ret=%d, err=%d, buf_len=%d, buf_cnt=%d, recv_bytes=%d, flag=%d, ol=0x%08x, "
+            "crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
+            result, error, dwBufferCount != 0 ? static_cast<int>(lpBuffers[0].len) : 0,
+            static_cast<int>(dwBufferCount), static_cast<int>(received),
+            static_cast<int>(CountOf(lpFlags)), PointerBits(lpOverlapped),
+            PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s, record.token);
+  };
+  const bool failed = result == SOCKET_ERROR && error != WSAEWOULDBLOCK && error != WSA_IO_PENDING;
+  const bool peer_closed = result == 0 && received == 0;
+  if (failed || peer_closed) {
+    if (GetSocketErrorFilter().ShouldLog(kOperationRecv, error, record.token)) log(4);
+  } else if (result == 0) {
+    log(0);
+  }
+  return result;
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,89 @@
+#include "provider/process_start.h"
+
+#include <winsock2.h>
+//
+#include <windows.h>
+
+#include <string>
+
+#include "common/paths.h"
+#include "common/process_info.h"
+#include "common/text.h"
+#include "provider/gate.h"
+#include "provider/net_probe.h"
+#include "provider/socket_error_filter.h"
+#include "provider/socket_map.h"
+#include "relay/relay_mgr.h"
+#include "route/acc_config.h"
+#include "route/init_log.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+// Under the start-up lock.
+bool startup_done = false;
+bool speed_tester_checked = false;
+bool hook_enabled = false;
+
+// Builds what the calls will need while one thread alone is here.
+void BuildGlobals() {
+  GetSocketMap();
+  GetRelayMgr();
+  GetSocketErrorFilter();
+}
+
+void FillProcessInfo() {
+  wchar_t wide_path[260] = {};
+  GetModuleFileNameW(nullptr, wide_path, 260);
+  wide_path[259] = 0;  // a path that was cut need not be terminated
+  std::string path;
+  std::string name;
+  if (!common::u16to8(wide_path, &path)) return;
+  common::FileName(path, &name);
+  common::ProcessInfo& process = common::GetProcessInfo();
+  common::SetFieldText(process.process_path, path);
+  common::SetFieldText(process.process_name, name);
+}
+
+// A game that the client lists gets a log file. The network probe is hooked without one.
+void SettleGate() {
+  hook_enabled = ReadAccConfig();
+  hook_enabled = CheckCanHook(hook_enabled);
+  if (hook_enabled) {
+    InitLog();
+    return;
+  }
+  hook_enabled = IsNetProbeTest();
+  hook_enabled = CheckCanHook(hook_enabled);
+}
+
+void AdmitSpeedTester() {
+  if (hook_enabled) return;
+  hook_enabled = common::EqualsIgnoreCase(common::FieldText(common::GetProcessInfo().process_name),
+                                          "SpeedTester.exe");
+  hook_enabled = CheckCanHook(hook_enabled);
+  if (hook_enabled) InitLog();
+}
+
+}  // namespace
+
+bool PrepareProcess() noexcept {
+  try {
+    if (!startup_done) {
+      startup_done = true;
+      BuildGlobals();
+      FillProcessInfo();
+      SettleGate();
+    }
+    if (!speed_tester_checked) {
+      speed_tester_checked = true;
+      AdmitSpeedTester();
+    }
+  } catch (...) {
+    // Out of memory: this process goes without us, its chain is resolved all the same.
+    hook_enabled = false;
+  }
+  return hook_enabled;
+}
+
+}  // namespace moru_vyr::lsp

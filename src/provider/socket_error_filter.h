@@ -1,0 +1,44 @@
+// Keeps the failure lines of a busy socket short: each kind of failure is logged five times.
+#pragma once
+#include <map>
+#include <utility>
+
+#include "common/lock.h"
+#include "common/types.h"
+
+namespace moru_vyr::lsp {
+
+enum SocketOperation : int {
+  kOperationSend = 1,
+  kOperationSendTo = 2,
+  kOperationRecv = 3,
+  kOperationRecvFrom = 4,
+  kOperationConnect = 5,
+};
+
+constexpr int kMaxLinesPerFailure = 5;
+
+// Any thread; the lock covers one operation. Nothing throws: out of memory, a failure counts
+// as not seen before.
+class SocketErrorFilter {
+ public:
+  SocketErrorFilter() = default;
+  SocketErrorFilter(const SocketErrorFilter&) = delete;
+  SocketErrorFilter& operator=(const SocketErrorFilter&) = delete;
+
+  // True for the first five times that this socket meets this error in this operation.
+  bool ShouldLog(int operation, int error, u32 token) noexcept;
+  // A closed socket's counts go with it.
+  void Forget(u32 token) noexcept;
+
+ private:
+  using Failure = std::pair<int, int>;  // operation, error
+
+  common::Mutex lock_;  // guards tokens_; a leaf
+  std::map<u32, std::map<Failure, int>> tokens_;
+};
+
+// The process's filter, built at first use and alive until the process ends.
+SocketErrorFilter& GetSocketErrorFilter();
+
+}  // namespace moru_vyr::lsp

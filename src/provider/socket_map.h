@@ -1,0 +1,106 @@
+// What the library knows about each socket, and the one map that holds it.
+//
+// A leaf: besides the hooks, the relay's socket helpers use it too, so it knows nothing of either.
+#pragma once
+#include <winsock2.h>
+#include <ws2spi.h>
+
+#include <map>
+
+#include "common/lock.h"
+#include "common/types.h"
+
+namespace moru_vyr::lsp {
+
+class UdpPackageQueue;
+
+constexpr int kSocketTypeStream = 1;
+constexpr int kSocketTypeDatagram = 2;
+constexpr int kSocketTypeRaw = 3;
+
+// Where a datagram socket stands with the relay. It moves from kNotAsked once and not back.
+enum RelayState : i32 {
+  kRelayNotAsked = 0,
+  kRelayRunning = 1,
+  kRelayRefused = 2,
+};
+
+// What was decided for one destination of a datagram socket. Two ports of one host share it.
+struct RelayRecord {
+  u32 ip = 0;  // network order; 0 marks a free entry
+  bool relay = false;
+};
+constexpr int kMaxRelayRecords = 10;
+
+// One socket. A plain value: it points to things and owns nothing, so that a call can work on a
+// copy while it is away in the next provider.
+struct SocketRecord {
+  SOCKET socket = INVALID_SOCKET;
+  i32 type = 0;
+  i32 protocol = 0;
+  u16 local_port = 0;          // network order; 0 = not known
+  u32 token = 0;               // the socket's name in logs and in messages to the relay
+  sockaddr_in handled_addr{};  // where a redirected stream socket believes it is connected to
+  i32 handled_addr_len = 0;
+  bool handled = false;  // never cleared: a new redirect replaces the answer of the first
+  sockaddr_in relay_addr{};
+  UdpPackageQueue* send_queue = nullptr;
+  UdpPackageQueue* recv_queue = nullptr;
+  WSPPROC_TABLE* next_proc_table = nullptr;
+  i32 relay_state = kRelayNotAsked;
+  bool udp_connect_mode = false;
+  RelayRecord relay_records[kMaxRelayRecords]{};
+  bool relay_disabled = false;  // never cleared
+};
+
+// Any thread. Every operation holds the lock for its own length only, never across a call into
+// the next provider, and none throws. Operations on a socket without a record do nothing and
+// answer false.
+class SocketMap {
+ public:
+  SocketMap() = default;
+  SocketMap(const SocketMap&) = delete;
+  SocketMap& operator=(const SocketMap&) = delete;
+
+  // True where the socket has a record afterwards: a fresh one, or the one it had, which is
+  // left as it stands, stale fields and all. False for INVALID_SOCKET and when out of memory.
+  bool Add(SOCKET socket, int type, int protocol, u32 token) noexcept;
+  bool Remove(SOCKET socket) noexcept;
+  bool Get(SOCKET socket, SocketRecord* out) const noexcept;
+
+  bool SetNextProcTable(SOCKET socket, WSPPROC_TABLE* table) noexcept;  // refuses a null table
+  WSPPROC_TABLE* GetNextProcTable(SOCKET socket, int* type, int* protocol) const noexcept;
+
+  bool GetLocalPort(SOCKET socket, u16* port) const noexcept;
+  bool SetLocalPort(SOCKET socket, u16 port) noexcept;
+
+  // Sets relay_state to kRelayRunning with it.
+  bool SetRelayAddr(SOCKET socket, const sockaddr_in* addr, UdpPackageQueue* send_queue,
+                    UdpPackageQueue* recv_queue) noexcept;
+  bool SetRelayState(SOCKET socket, i32 state) noexcept;
+  bool SetUdpConnectMode(SOCKET socket, bool flag) noexcept;
+  // `len` bytes of `addr`, at most a sockaddr_in.
+  bool SetHandledAddr(SOCKET socket, const sockaddr* addr, int len) noexcept;
+  // Takes the first free entry. With all ten taken nothing happens, and that is no failure.
+  bool SaveRelayRecord(SOCKET socket, const sockaddr_in* addr, bool relay) noexcept;
+  bool SetRelayDisabled(SOCKET socket, bool flag) noexcept;
+
+  // Looks the address up in the caller's copy, without the lock. `has_free` tells whether an
+  // unknown address could still be saved; both results may be null.
+  static bool FindRelayRecord(const SocketRecord& record, const sockaddr_in* addr, bool* relay,
+                              bool* has_free) noexcept;
+
+ private:
+  // Runs `change` on the live record under the lock.
+  template <class Change>
+  bool Update(SOCKET socket, Change&& change) noexcept;
+
+  mutable common::Mutex lock_;  // guards records_; a leaf
+  std::map<SOCKET, SocketRecord> records_;
+};
+
+// The process's map, built at first use and alive until the process ends: other modules may
+// still close sockets while this one is being taken down.
+SocketMap& GetSocketMap();
+
+}  // namespace moru_vyr::lsp
