@@ -1,0 +1,66 @@
+// A catalogue full of other people's entries: chains in circles, lengths no chain can have,
+// layers above and below. Whatever stands there, a start gets a record of our own list or none.
+#include <winsock2.h>
+#include <ws2spi.h>
+
+#include <cstdlib>
+#include <vector>
+
+#include "common/process_info.h"
+#include "port/shared/catalogue.h"
+#include "provider/catalogue.h"
+#include "provider/provider_match.h"
+
+namespace {
+
+using namespace moru_vyr::lsp;
+
+// Reads the input byte by byte; zeros behind its end.
+class Input {
+ public:
+  Input(const unsigned char* data, std::size_t size) : data_(data), size_(size) {}
+  bool empty() const { return size_ == 0; }
+  int Byte() {
+    if (size_ == 0) return 0;
+    --size_;
+    return *data_++;
+  }
+
+ private:
+  const unsigned char* data_;
+  std::size_t size_;
+};
+
+// Small numbers, so that ids meet each other.
+WSAPROTOCOL_INFOW Entry(Input* input) {
+  WSAPROTOCOL_INFOW entry = {};
+  if (input->Byte() % 4 == 0) entry.ProviderId = kLspGuid;
+  entry.dwCatalogEntryId = static_cast<DWORD>(input->Byte() % 16);
+  entry.ProtocolChain.ChainLen = input->Byte() - 120;  // most of them out of range
+  if (input->Byte() % 2 == 0) entry.ProtocolChain.ChainLen = input->Byte() % 9;
+  for (DWORD& id : entry.ProtocolChain.ChainEntries) id = static_cast<DWORD>(input->Byte() % 16);
+  entry.iAddressFamily = AF_INET;
+  entry.iSocketType = 1 + input->Byte() % 3;
+  entry.iProtocol = input->Byte() % 2 == 0 ? 6 : 17;
+  entry.dwServiceFlags1 = static_cast<DWORD>(input->Byte() % 2) * XP1_IFS_HANDLES;
+  return entry;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
+  Input input(data, size);
+  WSAPROTOCOL_INFOW in_info = Entry(&input);
+  std::vector<WSAPROTOCOL_INFOW> catalogue;
+  while (!input.empty() && catalogue.size() < 64) catalogue.push_back(Entry(&input));
+  port::SetCatalogue(catalogue);
+  common::GetProcessInfo().lsp_catalog_id = 0;
+
+  LspProvider* list = nullptr;
+  int count = 0;
+  if (!GetProviders(&list, &count)) return 0;
+  const GlobalPtr<LspProvider> owner(list);
+  const LspProvider* const found = FindMatchingProvider(&in_info, list, count);
+  if (found != nullptr && (found < list || found >= list + count)) std::abort();
+  return 0;
+}

@@ -1,0 +1,73 @@
+// The restriction region, as a client gone wrong may leave it: any header, counts past their
+// arrays, paths without an end. The process is served or it is not; nothing is read past the view,
+// and what is installed keeps the promises of its header.
+#include <windows.h>
+#include <winsock2.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/process_info.h"
+#include "common/text.h"
+#include "route/acc_config.h"
+#include "route/restriction_formats.h"
+
+namespace {
+
+using namespace moru_vyr::lsp;
+
+void Require(bool condition) {
+  if (!condition) std::abort();
+}
+
+// The region, made by "the client": the handle keeps it alive.
+unsigned char* Region() {
+  static const HANDLE mapping =
+      CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                         sizeof(RestrictionRegion), kRestrictionRegionName);
+  static auto* const view = static_cast<unsigned char*>(
+      MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(RestrictionRegion)));
+  return view;
+}
+
+// A sound region that lists this process, for the input to be laid over.
+void Prepare() {
+  auto* const region = new (Region()) RestrictionRegion();
+  region->header = {sizeof(RestrictionRegion), 1, 36};
+  AccConfigRecord& game = region->games[0];
+  game.valid = 1;
+  game.path_count = 1;
+  game.net_mode = 0x18;
+  common::SetFieldText(game.game_paths[0], "C:\\game\\game.exe");
+  common::SetFieldText(common::GetProcessInfo().process_path, "C:\\game\\game.exe");
+}
+
+void CheckInstalled(const AccConfig& config) {
+  Require(config.path_count <= std::size(config.game_paths));
+  Require(config.excluded_port_count <= std::size(config.excluded_ports));
+  Require(std::memchr(config.log_path, 0, sizeof config.log_path) != nullptr);
+  Require(std::memchr(config.uin, 0, sizeof config.uin) != nullptr);
+  Require(std::memchr(config.second_path, 0, sizeof config.second_path) != nullptr);
+}
+
+}  // namespace
+
+// The input is a list of patches: an offset of three bytes, a length of one, the bytes.
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
+  Prepare();
+  ReplaceAccConfig(AccConfig{});
+  while (size >= 4) {
+    const std::size_t offset = (data[0] | std::size_t{data[1]} << 8 | std::size_t{data[2]} << 16) %
+                               sizeof(RestrictionRegion);
+    const std::size_t length =
+        std::min({std::size_t{data[3]}, size - 4, sizeof(RestrictionRegion) - offset});
+    std::memcpy(Region() + offset, data + 4, length);
+    data += 4 + length;
+    size -= 4 + length;
+  }
+  const bool served = ReadAccConfig();
+  Require(!served || GetAccConfig()->net_mode != 0);
+  CheckInstalled(*GetAccConfig());
+  return 0;
+}

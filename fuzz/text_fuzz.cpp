@@ -1,0 +1,54 @@
+// Text and paths: whatever the bytes, conversion gives text that converts back, or refuses; a
+// path function never answers text that is no part of what it was given.
+#include <cstdlib>
+#include <string>
+
+#include "common/paths.h"
+#include "common/text.h"
+
+namespace {
+
+void Require(bool condition) {
+  if (!condition) std::abort();
+}
+
+void CheckConversion(const std::string& text) {
+  std::wstring wide;
+  std::string back;
+  if (!common::u8to16(text, &wide)) {
+    Require(wide.empty());
+    return;
+  }
+  Require(common::u16to8(wide, &back) && back == text);
+}
+
+void CheckWide(const std::string& bytes) {
+  // Two bytes a unit, so that lone surrogates come up.
+  std::wstring wide;
+  for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
+    wide.push_back(static_cast<wchar_t>(static_cast<unsigned char>(bytes[i]) |
+                                        static_cast<unsigned char>(bytes[i + 1]) << 8));
+  }
+  std::string narrow;
+  std::wstring back;
+  if (common::u16to8(wide, &narrow)) Require(common::u8to16(narrow, &back) && back == wide);
+}
+
+void CheckPaths(const std::string& path) {
+  std::string parent;
+  std::string name;
+  if (common::ParentPath(path, &parent)) Require(!parent.empty() && parent.size() <= path.size());
+  if (common::FileName(path, &name)) {
+    Require(!name.empty() && path.compare(path.size() - name.size(), name.size(), name) == 0);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  CheckConversion(text);
+  CheckWide(text);
+  CheckPaths(text);
+  return 0;
+}
