@@ -1,0 +1,26 @@
+// The command line of vyr_run.
+//
+// The program's own part is never taken apart: it is handed on as the very text that was typed,
+// because programs are free to read it by rules of their own.
+#pragma once
+
+#include <string>
+
+namespace vyr_run {
+
+struct Options {
+  bool help = false;
+  bool bare = false;
+  std::wstring library;       // empty: the one beside vyr_run.exe
+  std::wstring next;          // empty: the host's base provider
+  std::wstring trace;         // empty: none
+  std::wstring program;       // as typed, without quotes
+  std::wstring command_line;  // from the program's name to the end, as typed
+};
+
+// False with a sentence in `*problem` when the line makes no sense.
+bool ParseCommandLine(const wchar_t* line, Options* options, std::wstring* problem);
+
+extern const char kHelp[];
+
+}  // namespace vyr_run

@@ -1,0 +1,23 @@
+// The report of a run as JSON lines.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+#include "winsock_host/report.h"
+
+namespace vyr_run {
+
+struct RunFacts {
+  std::wstring program;
+  std::wstring library;  // empty: bare
+  DWORD exit_code;
+};
+
+// One line for the run, one per started catalogue entry, one per call that was made at all, one
+// per text of debugger output. False when the file cannot be written.
+bool WriteTrace(const std::wstring& path, const RunFacts& facts,
+                const winsock_host::HostReport& report);
+
+}  // namespace vyr_run

@@ -1,0 +1,139 @@
+#include <mswsock.h>
+
+#include <cstring>
+
+#include "dispatch.h"
+#include "finish.h"
+
+namespace winsock_host {
+namespace {
+
+// Startups of the program and its modules that have not been answered by a cleanup.
+volatile LONG g_startups = 0;
+
+SOCKET MakeSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info, GROUP group,
+                  DWORD flags) {
+  if (info != nullptr) {
+    if (family == FROM_PROTOCOL_INFO) family = info->iAddressFamily;
+    if (type == FROM_PROTOCOL_INFO) type = info->iSocketType;
+    if (protocol == FROM_PROTOCOL_INFO) protocol = info->iProtocol;
+  }
+  int error = 0;
+  const Provider* provider = ProviderForNewSocket(family, type, protocol, &error);
+  if (provider == nullptr) {
+    WSASetLastError(error);
+    return INVALID_SOCKET;
+  }
+  // An info of the program's own comes from the platform's catalogue or from a duplicated
+  // socket; what the provider gets without one is the entry that was matched.
+  WSAPROTOCOL_INFOW entry = provider->info;
+  LPWSAPROTOCOL_INFOW passed = info;
+  if (passed == nullptr && provider != &DirectProvider()) passed = &entry;
+  const SOCKET s =
+      provider->table.lpWSPSocket(family, type, protocol, passed, group, flags, &error);
+  Own(s, *provider);
+  return Finish<SOCKET>(*provider, kSocket, s, INVALID_SOCKET, error);
+}
+
+// A thread can ask for sockets that are not overlapped; the wish is kept by the platform.
+DWORD FlagsOfPlainSockets() {
+  const int last_error = WSAGetLastError();
+  int open_type = 0;
+  int length = sizeof(open_type);
+  const int result = getsockopt(INVALID_SOCKET, SOL_SOCKET, SO_OPENTYPE,
+                                reinterpret_cast<char*>(&open_type), &length);
+  WSASetLastError(last_error);
+  return result == 0 && open_type != 0 ? 0 : WSA_FLAG_OVERLAPPED;
+}
+
+// The two forms of the record differ in their last field only.
+void CopyHead(void* to, const void* from) {
+  std::memcpy(to, from, offsetof(WSAPROTOCOL_INFOW, szProtocol));
+}
+static_assert(offsetof(WSAPROTOCOL_INFOW, szProtocol) == offsetof(WSAPROTOCOL_INFOA, szProtocol));
+
+}  // namespace
+
+int WSAAPI Startup(WORD version, LPWSADATA data) {
+  const int result = WSAStartup(version, data);
+  if (result == 0) InterlockedIncrement(&g_startups);
+  return result;
+}
+
+int WSAAPI Cleanup() {
+  if (g_startups == 1) CleanUpProviders();
+  const int result = WSACleanup();
+  if (result == 0) InterlockedDecrement(&g_startups);
+  return result;
+}
+
+SOCKET WSAAPI Socket(int family, int type, int protocol) {
+  return MakeSocket(family, type, protocol, nullptr, 0, FlagsOfPlainSockets());
+}
+
+SOCKET WSAAPI SocketA(int family, int type, int protocol, LPWSAPROTOCOL_INFOA info, GROUP group,
+                      DWORD flags) {
+  if (info == nullptr) return MakeSocket(family, type, protocol, nullptr, group, flags);
+  WSAPROTOCOL_INFOW wide = {};
+  CopyHead(&wide, info);
+  MultiByteToWideChar(CP_ACP, 0, info->szProtocol, -1, wide.szProtocol, WSAPROTOCOL_LEN);
+  return MakeSocket(family, type, protocol, &wide, group, flags);
+}
+
+SOCKET WSAAPI SocketW(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info, GROUP group,
+                      DWORD flags) {
+  return MakeSocket(family, type, protocol, info, group, flags);
+}
+
+SOCKET WSAAPI Accept(SOCKET s, sockaddr* addr, int* length) {
+  return AcceptConditional(s, addr, length, nullptr, 0);
+}
+
+SOCKET WSAAPI AcceptConditional(SOCKET s, sockaddr* addr, int* length, LPCONDITIONPROC condition,
+                                DWORD_PTR data) {
+  const Provider& provider = OwnerOf(s);
+  int error = 0;
+  const SOCKET accepted = provider.table.lpWSPAccept(s, addr, length, condition, data, &error);
+  Own(accepted, provider);
+  return Finish<SOCKET>(provider, kAccept, accepted, INVALID_SOCKET, error);
+}
+
+SOCKET WSAAPI JoinLeaf(SOCKET s, const sockaddr* name, int length, LPWSABUF caller, LPWSABUF callee,
+                       LPQOS sqos, LPQOS gqos, DWORD flags) {
+  const Provider& provider = OwnerOf(s);
+  int error = 0;
+  const SOCKET leaf =
+      provider.table.lpWSPJoinLeaf(s, name, length, caller, callee, sqos, gqos, flags, &error);
+  if (leaf != s) Own(leaf, provider);
+  return Finish<SOCKET>(provider, kJoinLeaf, leaf, INVALID_SOCKET, error);
+}
+
+int WSAAPI CloseSocket(SOCKET s) {
+  // Forgotten before the close: the value may come back for another thread's socket at once.
+  const Provider* owner = Disown(s);
+  const Provider& provider = owner != nullptr ? *owner : DirectProvider();
+  int error = 0;
+  const int result = provider.table.lpWSPCloseSocket(s, &error);
+  if (result == SOCKET_ERROR && owner != nullptr && error != WSAENOTSOCK) Own(s, *owner);
+  return Finish(provider, kCloseSocket, result, error);
+}
+
+int WSAAPI DuplicateSocketA(SOCKET s, DWORD process, LPWSAPROTOCOL_INFOA info) {
+  WSAPROTOCOL_INFOW wide = {};
+  const int result = DuplicateSocketW(s, process, info != nullptr ? &wide : nullptr);
+  if (result == 0 && info != nullptr) {
+    CopyHead(info, &wide);
+    WideCharToMultiByte(CP_ACP, 0, wide.szProtocol, -1, info->szProtocol, sizeof(info->szProtocol),
+                        nullptr, nullptr);
+  }
+  return result;
+}
+
+int WSAAPI DuplicateSocketW(SOCKET s, DWORD process, LPWSAPROTOCOL_INFOW info) {
+  const Provider& provider = OwnerOf(s);
+  int error = 0;
+  const int result = provider.table.lpWSPDuplicateSocket(s, process, info, &error);
+  return Finish(provider, kDuplicateSocket, result, error);
+}
+
+}  // namespace winsock_host

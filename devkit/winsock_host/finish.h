@@ -1,0 +1,31 @@
+// How every dispatched call ends.
+#pragma once
+
+#include <winsock2.h>
+
+#include "providers.h"
+#include "report.h"
+
+namespace winsock_host {
+
+// Counts the call and, where it failed, makes the provider's error word the thread's last error.
+// The provider's success leaves the last error alone: so does Winsock.
+template <typename Result>
+Result Finish(const Provider& provider, Call call, Result result, Result failure, int error,
+              DWORD bytes = 0) {
+  const bool failed = result == failure;
+  CountCall(provider.layered, call, failed, error, bytes);
+  if (failed) WSASetLastError(error);
+  return result;
+}
+inline int Finish(const Provider& provider, Call call, int result, int error, DWORD bytes = 0) {
+  return Finish(provider, call, result, SOCKET_ERROR, error, bytes);
+}
+
+// What a call with a completion routine names its thread by. The handle is a pseudo handle: the
+// routine runs in the thread that made the call, so nobody else needs one.
+struct CallingThread {
+  WSATHREADID id = {GetCurrentThread(), 0};
+};
+
+}  // namespace winsock_host

