@@ -96,7 +96,9 @@ template <typename T>
 class Shared_mem_ptr {
  public:
   Shared_mem_ptr(Shared_mem_owner* owner, int mode, bool check) noexcept
-      : owner_(owner), record_(static_cast<T*>(owner->Open(mode, check))) {
+      : owner_(owner),
+        record_(static_cast<T*>(owner->Open(mode, check))),
+        opened_(record_ != nullptr) {
     if (record_ == nullptr) return;
     u32 declared_size = 0;
     std::memcpy(&declared_size, record_, sizeof declared_size);
@@ -111,9 +113,13 @@ class Shared_mem_ptr {
   T* operator->() const noexcept { return record_; }
   explicit operator bool() const noexcept { return record_ != nullptr; }
 
+  // Whether there was a record at all, if only one of another size.
+  bool opened() const noexcept { return opened_; }
+
  private:
   Shared_mem_owner* owner_;
   T* record_;
+  const bool opened_;
 };
 
 }  // namespace common
