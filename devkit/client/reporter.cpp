@@ -1,0 +1,59 @@
+#include "client/reporter.h"
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+namespace client {
+namespace {
+
+void PrintJson(const nlohmann::ordered_json& message) {
+  // A file name may be no UTF-8: show the rest of it rather than fail over it.
+  const std::string line =
+      message.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  std::printf("%s\n", line.c_str());
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+void Reporter::Report(const std::string& file, const Problems& problems) const {
+  for (const Problem& problem : problems) {
+    if (!json_) {
+      std::fprintf(stderr, "%s\n", ToText(file, problem).c_str());
+      continue;
+    }
+    const bool warning = problem.severity == Problem::Severity::kWarning;
+    PrintJson({{"event", warning ? "warning" : "error"},
+               {"file", file},
+               {"line", problem.line},
+               {"key", problem.key},
+               {"reason", problem.reason}});
+  }
+}
+
+void Reporter::Failure(const std::string& reason) const {
+  if (json_) {
+    PrintJson({{"event", "failure"}, {"reason", reason}});
+  } else {
+    std::fprintf(stderr, "vyr_client: %s\n", reason.c_str());
+  }
+}
+
+void Reporter::Checked(const std::string& file, unsigned game_count) const {
+  if (json_) {
+    PrintJson({{"event", "checked"}, {"file", file}, {"games", game_count}});
+  } else {
+    std::printf("%s: right, %u %s\n", file.c_str(), game_count, game_count == 1 ? "game" : "games");
+  }
+}
+
+void Reporter::Ready(const std::string& file, unsigned game_count) const {
+  if (json_) {
+    PrintJson({{"event", "ready"}, {"file", file}, {"games", game_count}});
+  } else {
+    std::printf("ready\n");
+    std::fflush(stdout);
+  }
+}
+
+}  // namespace client

@@ -1,0 +1,19 @@
+// A complete configuration with every key explained, for a person to start from.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace client {
+
+struct SampleOptions {
+  std::vector<std::string> game_paths = {"C:\\vyr\\ffmpeg.exe", "C:\\vyr\\esbuild.exe"};
+  std::string log_path = "C:\\vyr\\log\\";
+};
+
+std::string WriteSample(const SampleOptions& options);
+
+// The text as a TOML value, quoted the way that needs the fewest escapes.
+std::string QuoteToml(const std::string& text);
+
+}  // namespace client
