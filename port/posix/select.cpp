@@ -1,0 +1,199 @@
+// select: sets of handles in array order, over poll.
+#include "port/posix/native.h"
+//
+#include "port/posix/sockets.h"
+
+#include <cerrno>
+#include <chrono>
+
+#include "port/posix/threads.h"
+
+namespace port {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// One handle in one of the three sets.
+struct Wanted {
+  SocketRef socket;
+  short events;
+  bool ready = false;
+};
+
+struct Set {
+  fd_set* handles;
+  short events;
+  std::vector<Wanted> wanted;
+};
+
+int Resolve(Set* set) {
+  if (!set->handles) return 0;
+  if (set->handles->fd_count > FD_SETSIZE) return WSAEINVAL;
+  for (u_int i = 0; i < set->handles->fd_count; ++i) {
+    SocketRef socket = FindSocket(set->handles->fd_array[i]);
+    if (!socket) return WSAENOTSOCK;
+    set->wanted.push_back({std::move(socket), set->events});
+  }
+  return 0;
+}
+
+// What the host's poll may be asked for this socket. An unconnected or refused stream polls as
+// writable and hung up on the host, for ever; Windows shows a refused one in the exception set
+// alone, and an unconnected one nowhere.
+short Pollable(Socket& socket, short events) {
+  if (!socket.stream()) return events;
+  if (socket.listening) return static_cast<short>(events & POLLIN);
+  switch (SettleConnect(socket)) {
+    case Socket::Connect::kDone:
+      return events;
+    case Socket::Connect::kPending:
+      return POLLOUT;  // any outcome concerns any set
+    default:
+      return 0;
+  }
+}
+
+bool ReadyByState(Socket& socket, short events) {
+  if (!socket.stream()) {
+    std::lock_guard hold(socket.lock);
+    return events == POLLIN && socket.pending_error != 0;
+  }
+  return events == POLLPRI && SettleConnect(socket) == Socket::Connect::kFailed;
+}
+
+bool ReadyByPoll(Socket& socket, short events, short seen) {
+  if (seen == 0) return false;
+  if (socket.stream() && !socket.listening && SettleConnect(socket) != Socket::Connect::kDone)
+    return false;
+  if (events == POLLPRI) return (seen & POLLPRI) != 0;
+  if (events == POLLIN) return (seen & (POLLIN | POLLHUP | POLLERR)) != 0;
+  return (seen & (POLLOUT | POLLHUP | POLLERR)) != 0 && (socket.stream() || (seen & POLLOUT));
+}
+
+class Selection {
+ public:
+  Selection(fd_set* read, fd_set* write, fd_set* except)
+      : sets_{{read, POLLIN, {}}, {write, POLLOUT, {}}, {except, POLLPRI, {}}} {}
+
+  int ResolveAll() {
+    for (Set& set : sets_)
+      if (int error = Resolve(&set)) return error;
+    bool any = false;
+    for (const Set& set : sets_) any = any || !set.wanted.empty();
+    return any ? 0 : WSAEINVAL;
+  }
+
+  template <class Action>
+  void ForEach(Action action) {
+    for (Set& set : sets_)
+      for (Wanted& one : set.wanted) action(one);
+  }
+
+  // One look at everything, for at most that long. False: a socket was closed meanwhile.
+  bool Look(Thread& thread, const timespec* limit) {
+    std::vector<pollfd> polled = {{thread.WakeFd(), POLLIN, 0}};
+    bool settled = false;
+    ForEach([&](Wanted& one) {
+      const short events = Pollable(*one.socket, one.events);
+      polled.push_back({events ? one.socket->fd : -1, events, 0});
+      one.ready = ReadyByState(*one.socket, one.events);
+      settled = settled || one.ready;
+    });
+    const timespec none = {0, 0};
+    if (::ppoll(polled.data(), polled.size(), settled ? &none : limit, nullptr) > 0 &&
+        polled[0].revents)
+      thread.DrainWakes();
+    size_t at = 1;
+    bool open = true;
+    ForEach([&](Wanted& one) {
+      Socket& socket = *one.socket;
+      one.ready = one.ready || ReadyByPoll(socket, one.events, polled[at].revents) ||
+                  ReadyByState(socket, one.events);
+      ++at;
+      open = open && !socket.closed;
+    });
+    return open;
+  }
+
+  int Keep() {
+    int total = 0;
+    for (Set& set : sets_) {
+      if (!set.handles) continue;
+      u_int kept = 0;
+      for (u_int i = 0; i < set.handles->fd_count; ++i)
+        if (set.wanted[i].ready) set.handles->fd_array[kept++] = set.handles->fd_array[i];
+      set.handles->fd_count = kept;
+      total += static_cast<int>(kept);
+    }
+    return total;
+  }
+
+  bool AnyReady() {
+    bool any = false;
+    ForEach([&](const Wanted& one) { any = any || one.ready; });
+    return any;
+  }
+
+ private:
+  Set sets_[3];
+};
+
+// This thread among the waiters of every socket of a selection.
+class WaitingForAll {
+ public:
+  WaitingForAll(Selection& selection, Thread& thread) : selection_(selection), thread_(thread) {
+    selection_.ForEach([&](Wanted& one) {
+      std::lock_guard hold(one.socket->lock);
+      one.socket->waiters.push_back(&thread_);
+    });
+  }
+  ~WaitingForAll() {
+    selection_.ForEach([&](Wanted& one) {
+      std::lock_guard hold(one.socket->lock);
+      auto& waiters = one.socket->waiters;
+      auto at = std::find(waiters.begin(), waiters.end(), &thread_);
+      if (at != waiters.end()) waiters.erase(at);
+    });
+  }
+  WaitingForAll(const WaitingForAll&) = delete;
+  WaitingForAll& operator=(const WaitingForAll&) = delete;
+
+ private:
+  Selection& selection_;
+  Thread& thread_;
+};
+
+timespec Left(Clock::time_point deadline) {
+  using std::chrono::nanoseconds;
+  const auto left = std::max<int64_t>(
+      0, std::chrono::duration_cast<nanoseconds>(deadline - Clock::now()).count());
+  return {left / 1'000'000'000, left % 1'000'000'000};
+}
+
+}  // namespace
+
+int SelectSockets(fd_set* read, fd_set* write, fd_set* except, const timeval* timeout, int* ready) {
+  Selection selection(read, write, except);
+  if (int error = selection.ResolveAll()) return error;
+  if (timeout && (timeout->tv_sec < 0 || timeout->tv_usec < 0)) return WSAEINVAL;
+  Clock::time_point deadline = Clock::now();
+  if (timeout)
+    deadline += std::chrono::seconds(timeout->tv_sec) + std::chrono::microseconds(timeout->tv_usec);
+  Thread& thread = Self();
+  bool open = true;
+  bool over = false;
+  {
+    WaitingForAll waiting(selection, thread);
+    while (!thread.told_to_end && open && !selection.AnyReady() && !over) {
+      const timespec left = timeout ? Left(deadline) : timespec{};
+      open = selection.Look(thread, timeout ? &left : nullptr);
+      over = timeout && Clock::now() >= deadline;
+    }
+  }
+  EndIfTold();
+  if (!open) return WSAENOTSOCK;
+  *ready = selection.Keep();
+  return 0;
+}
+
+}  // namespace port

@@ -1,0 +1,205 @@
+// Sending and receiving.
+#include "port/posix/native.h"
+//
+#include "port/posix/sockets.h"
+
+#include <cerrno>
+
+namespace port {
+namespace {
+
+std::vector<iovec> Vectors(const WSABUF* buffers, DWORD count) {
+  std::vector<iovec> out(count);
+  for (DWORD i = 0; i < count; ++i) out[i] = {buffers[i].buf, buffers[i].len};
+  return out;
+}
+
+size_t Total(const std::vector<iovec>& vectors) {
+  size_t total = 0;
+  for (const iovec& one : vectors) total += one.iov_len;
+  return total;
+}
+
+// Drops what has been sent from the front.
+void Advance(std::vector<iovec>* vectors, size_t sent) {
+  for (iovec& one : *vectors) {
+    const size_t step = std::min(sent, one.iov_len);
+    one.iov_base = static_cast<char*>(one.iov_base) + step;
+    one.iov_len -= step;
+    sent -= step;
+  }
+}
+
+int HostFlags(DWORD flags) {
+  int host = MSG_NOSIGNAL;
+  if (flags & MSG_PEEK) host |= native::kPeek;
+  if (flags & MSG_OOB) host |= native::kOob;
+  return host;
+}
+
+msghdr Message(std::vector<iovec>* vectors) {
+  msghdr message = {};
+  message.msg_iov = vectors->data();
+  message.msg_iovlen = vectors->size();
+  return message;
+}
+
+// With IP_RECVERR the host queues each unreachable report, and any call may be the one that
+// learns of it.
+void DropQueuedReport(Socket& socket) {
+  char data[64], control[512];
+  iovec vector = {data, sizeof data};
+  msghdr message = {};
+  message.msg_iov = &vector;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  while (native::RecvMsg(socket.fd, &message, MSG_ERRQUEUE) >= 0) {
+    message.msg_controllen = sizeof control;
+  }
+}
+
+bool IsUnreachableReport(const Socket& socket, int number) {
+  return socket.type == SOCK_DGRAM && (number == ECONNREFUSED || number == EHOSTUNREACH);
+}
+
+int CheckStream(Socket& socket) {
+  if (socket.reset) return WSAECONNRESET;
+  return SettleConnect(socket) == Socket::Connect::kDone ? 0 : WSAENOTCONN;
+}
+
+int CheckDestination(const Socket& socket, const sockaddr* to, int to_size) {
+  if (to_size < static_cast<int>(sizeof(sockaddr_in))) return WSAEFAULT;
+  sockaddr_in in;
+  std::memcpy(&in, to, sizeof in);
+  if (in.sin_family != socket.family) return WSAEAFNOSUPPORT;
+  const bool nowhere = in.sin_addr.s_addr == 0 || (socket.type == SOCK_DGRAM && in.sin_port == 0);
+  return nowhere ? WSAEADDRNOTAVAIL : 0;
+}
+
+int FinishStreamError(Socket& socket, int number) {
+  const int error = ErrorOf(number);
+  if (error == WSAECONNRESET) socket.reset = true;
+  return error;
+}
+
+// A blocking stream send returns when everything has gone; a non-blocking one takes what fits.
+int SendStream(Socket& socket, std::vector<iovec> vectors, int flags, DWORD* sent) {
+  if (int error = CheckStream(socket)) return error;
+  if (socket.shut_send) return WSAESHUTDOWN;
+  const size_t total = Total(vectors);
+  size_t done = 0;
+  do {
+    msghdr message = Message(&vectors);
+    const ssize_t put = native::SendMsg(socket.fd, &message, flags);
+    if (put >= 0) {
+      done += static_cast<size_t>(put);
+      Advance(&vectors, static_cast<size_t>(put));
+    } else if (errno == EAGAIN) {
+      if (socket.non_blocking) break;
+      if (int error = WaitForEvents(socket, POLLOUT, socket.send_timeout_ms)) return error;
+    } else if (errno != EINTR) {
+      return FinishStreamError(socket, errno);
+    }
+  } while (done < total);
+  if (done == 0 && total > 0) return WSAEWOULDBLOCK;
+  *sent = static_cast<DWORD>(done);
+  return 0;
+}
+
+int SendDatagram(Socket& socket, std::vector<iovec> vectors, int flags, const sockaddr* to,
+                 int to_size, DWORD* sent) {
+  msghdr message = Message(&vectors);
+  if (to) {
+    if (int error = CheckDestination(socket, to, to_size)) return error;
+    message.msg_name = const_cast<sockaddr*>(to);
+    message.msg_namelen = sizeof(sockaddr_in);
+  } else if (SettleConnect(socket) != Socket::Connect::kDone) {
+    return WSAENOTCONN;
+  }
+  if (socket.shut_send) return WSAESHUTDOWN;
+  while (true) {
+    const ssize_t put = native::SendMsg(socket.fd, &message, flags);
+    if (put >= 0) {
+      socket.bound = true;  // sending binds
+      *sent = static_cast<DWORD>(put);
+      return 0;
+    }
+    if (errno == EINTR) continue;
+    if (IsUnreachableReport(socket, errno)) {
+      // A report on an earlier datagram: receiving tells it, sending does not.
+      std::lock_guard hold(socket.lock);
+      socket.pending_error = WSAECONNRESET;
+      continue;
+    }
+    if (errno != EAGAIN || socket.non_blocking) return ErrorOf(errno);
+    if (int error = WaitForEvents(socket, POLLOUT, socket.send_timeout_ms)) return error;
+  }
+}
+
+// True once for each report that the caller should see as a reset.
+bool TakeUnreachable(Socket& socket) {
+  std::lock_guard hold(socket.lock);
+  const bool told = socket.pending_error == WSAECONNRESET;
+  if (told) {
+    socket.pending_error = 0;
+    DropQueuedReport(socket);
+  }
+  return told && socket.report_unreachable;
+}
+
+int ReceiveOnce(Socket& socket, std::vector<iovec>* vectors, int flags, sockaddr_storage* from,
+                unsigned* from_size, size_t* got) {
+  msghdr message = Message(vectors);
+  message.msg_name = from;
+  message.msg_namelen = sizeof *from;
+  const ssize_t size = native::RecvMsg(socket.fd, &message, flags);
+  if (size < 0) return errno;
+  *got = static_cast<size_t>(size);
+  *from_size = message.msg_namelen;
+  return (message.msg_flags & MSG_TRUNC) ? EMSGSIZE : 0;
+}
+
+}  // namespace
+
+int SendOn(Socket& socket, const WSABUF* buffers, DWORD count, DWORD flags, const sockaddr* to,
+           int to_size, DWORD* sent) {
+  auto vectors = Vectors(buffers, count);
+  if (socket.stream()) return SendStream(socket, std::move(vectors), HostFlags(flags), sent);
+  return SendDatagram(socket, std::move(vectors), HostFlags(flags), to, to_size, sent);
+}
+
+int ReceiveOn(Socket& socket, const WSABUF* buffers, DWORD count, DWORD flags, sockaddr* from,
+              int* from_size, DWORD* received) {
+  if (from && (!from_size || *from_size < static_cast<int>(sizeof(sockaddr_in)))) return WSAEFAULT;
+  auto vectors = Vectors(buffers, count);
+  if (socket.stream()) {
+    if (int error = CheckStream(socket)) return error;
+  } else if (!socket.bound) {
+    return WSAEINVAL;
+  }
+  if (socket.shut_recv) return WSAESHUTDOWN;
+  while (true) {
+    if (socket.type == SOCK_DGRAM && TakeUnreachable(socket)) return WSAECONNRESET;
+    sockaddr_storage peer = {};
+    unsigned peer_size = 0;
+    size_t got = 0;
+    const int number = ReceiveOnce(socket, &vectors, HostFlags(flags), &peer, &peer_size, &got);
+    if (number == 0 || number == EMSGSIZE) {
+      *received = static_cast<DWORD>(got);
+      if (from && !socket.stream()) DeliverName(peer, peer_size, from, from_size);
+      return ErrorOf(number);
+    }
+    if (number == EINTR) continue;
+    if (IsUnreachableReport(socket, number)) {
+      DropQueuedReport(socket);
+      if (socket.report_unreachable) return WSAECONNRESET;
+      continue;
+    }
+    if (number != EAGAIN) return FinishStreamError(socket, number);
+    if (socket.non_blocking) return WSAEWOULDBLOCK;
+    if (int error = WaitForEvents(socket, POLLIN, socket.recv_timeout_ms)) return error;
+  }
+}
+
+}  // namespace port

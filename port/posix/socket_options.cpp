@@ -1,0 +1,179 @@
+// Options, with Windows' numbers and values.
+#include "port/posix/native.h"
+//
+#include "port/posix/sockets.h"
+
+#include <cerrno>
+
+namespace port {
+namespace {
+
+constexpr int kUpdateAcceptContext = 0x700B;
+constexpr int kUpdateConnectContext = 0x7010;
+
+// Windows' record of SO_LINGER; the host's has two ints.
+struct ShortLinger {
+  uint16_t on, seconds;
+};
+
+int Deliver(int number, char* value, int* size) {
+  if (*size < static_cast<int>(sizeof number)) return WSAEFAULT;
+  std::memcpy(value, &number, sizeof number);
+  *size = sizeof number;
+  return 0;
+}
+
+// Options that are one host flag.
+int HostFlag(int option) {
+  switch (option) {
+    case SO_REUSEADDR:
+      return native::kReuseAddr;
+    case SO_KEEPALIVE:
+      return native::kKeepAlive;
+    case SO_DONTROUTE:
+      return native::kDontRoute;
+    case SO_BROADCAST:
+      return native::kBroadcast;
+    case SO_OOBINLINE:
+      return native::kOobInline;
+    default:
+      return 0;
+  }
+}
+
+int GetHost(const Socket& socket, int level, int option, char* value, int* size) {
+  int number = 0;
+  socklen_t length = sizeof number;
+  if (native::GetSockOpt(socket.fd, level, option, &number, &length) != 0) return ErrorOf(errno);
+  return Deliver(number, value, size);
+}
+
+int SetHost(const Socket& socket, int level, int option, int number) {
+  return native::SetSockOpt(socket.fd, level, option, &number, sizeof number) == 0 ? 0
+                                                                                   : ErrorOf(errno);
+}
+
+int TakeError(Socket& socket) {
+  SettleConnect(socket);
+  std::lock_guard hold(socket.lock);
+  const int error = socket.pending_error;
+  socket.pending_error = 0;
+  return error;
+}
+
+int GetLinger(const Socket& socket, char* value, int* size) {
+  linger host = {};
+  socklen_t length = sizeof host;
+  if (native::GetSockOpt(socket.fd, native::kSolSocket, native::kLinger, &host, &length) != 0)
+    return ErrorOf(errno);
+  if (*size >= static_cast<int>(sizeof host)) {
+    std::memcpy(value, &host, sizeof host);
+    *size = sizeof host;
+    return 0;
+  }
+  if (*size < static_cast<int>(sizeof(ShortLinger))) return WSAEFAULT;
+  const ShortLinger brief = {static_cast<uint16_t>(host.l_onoff),
+                             static_cast<uint16_t>(host.l_linger)};
+  std::memcpy(value, &brief, sizeof brief);
+  *size = sizeof brief;
+  return 0;
+}
+
+int SetLinger(const Socket& socket, const char* value, int size) {
+  linger host = {};
+  if (size >= static_cast<int>(sizeof host)) {
+    std::memcpy(&host, value, sizeof host);
+  } else {
+    ShortLinger brief;
+    std::memcpy(&brief, value, sizeof brief);
+    host = {brief.on, brief.seconds};
+  }
+  return native::SetSockOpt(socket.fd, native::kSolSocket, native::kLinger, &host, sizeof host) == 0
+             ? 0
+             : ErrorOf(errno);
+}
+
+int GetSocketOption(Socket& socket, int option, char* value, int* size) {
+  if (int flag = HostFlag(option)) return GetHost(socket, native::kSolSocket, flag, value, size);
+  switch (option) {
+    case SO_ERROR:
+      // Tested first: an error must not be lost on a buffer that cannot take it.
+      if (*size < static_cast<int>(sizeof(int))) return WSAEFAULT;
+      return Deliver(TakeError(socket), value, size);
+    case SO_TYPE:
+      return Deliver(socket.type, value, size);
+    case SO_ACCEPTCONN:
+      return Deliver(socket.listening, value, size);
+    case SO_SNDBUF:
+      return Deliver(socket.send_buffer, value, size);
+    case SO_RCVBUF:
+      return Deliver(socket.recv_buffer, value, size);
+    case SO_RCVTIMEO:
+      return Deliver(static_cast<int>(socket.recv_timeout_ms), value, size);
+    case SO_SNDTIMEO:
+      return Deliver(static_cast<int>(socket.send_timeout_ms), value, size);
+    case SO_EXCLUSIVEADDRUSE:
+      return Deliver(socket.exclusive, value, size);
+    case SO_DEBUG:
+      return Deliver(0, value, size);
+    case SO_LINGER:
+      return GetLinger(socket, value, size);
+    default:
+      return WSAENOPROTOOPT;
+  }
+}
+
+int SetSocketOption(Socket& socket, int option, const char* value, int size) {
+  if (option == kUpdateAcceptContext || option == kUpdateConnectContext) return 0;
+  if (!value || size < static_cast<int>(sizeof(int))) return WSAEFAULT;
+  int number = 0;
+  std::memcpy(&number, value, sizeof number);
+  if (int flag = HostFlag(option)) return SetHost(socket, native::kSolSocket, flag, number);
+  switch (option) {
+    case SO_SNDBUF:
+      socket.send_buffer = number;
+      return SetHost(socket, native::kSolSocket, native::kSndBuf, number);
+    case SO_RCVBUF:
+      socket.recv_buffer = number;
+      return SetHost(socket, native::kSolSocket, native::kRcvBuf, number);
+    case SO_RCVTIMEO:
+      socket.recv_timeout_ms = static_cast<DWORD>(number);
+      return 0;
+    case SO_SNDTIMEO:
+      socket.send_timeout_ms = static_cast<DWORD>(number);
+      return 0;
+    case SO_EXCLUSIVEADDRUSE:
+      socket.exclusive = number != 0;
+      return 0;
+    case SO_DEBUG:
+      return 0;
+    case SO_LINGER:
+      return SetLinger(socket, value, size);
+    default:
+      return WSAENOPROTOOPT;
+  }
+}
+
+}  // namespace
+
+int GetOption(Socket& socket, int level, int option, char* value, int* size) {
+  if (!value || !size) return WSAEFAULT;
+  if (level == SOL_SOCKET) return GetSocketOption(socket, option, value, size);
+  if (level == IPPROTO_TCP && option == TCP_NODELAY)
+    return GetHost(socket, IPPROTO_TCP, native::kNoDelay, value, size);
+  if (level == IPPROTO_IP) return GetHost(socket, IPPROTO_IP, option, value, size);
+  return level == IPPROTO_TCP || level == IPPROTO_UDP ? WSAENOPROTOOPT : WSAEINVAL;
+}
+
+int SetOption(Socket& socket, int level, int option, const char* value, int size) {
+  if (level == SOL_SOCKET) return SetSocketOption(socket, option, value, size);
+  if (!value || size < 1) return WSAEFAULT;
+  int number = 0;
+  std::memcpy(&number, value, std::min<size_t>(static_cast<size_t>(size), sizeof number));
+  if (level == IPPROTO_TCP && option == TCP_NODELAY)
+    return SetHost(socket, IPPROTO_TCP, native::kNoDelay, number);
+  if (level == IPPROTO_IP) return SetHost(socket, IPPROTO_IP, option, number);
+  return level == IPPROTO_TCP || level == IPPROTO_UDP ? WSAENOPROTOOPT : WSAEINVAL;
+}
+
+}  // namespace port
