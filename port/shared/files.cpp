@@ -211,7 +211,8 @@ std::string FileRoot() {
 
 std::string HostPath(const std::wstring& path) {
   std::string host = FileRoot();
-  for (const std::wstring& part : Components(path)) host += "/" + MatchName(host, part);
+  for (const std::wstring& part : Components(path))
+    host.append(1, '/').append(MatchName(host, part));
   return host;
 }
 
