@@ -1,0 +1,57 @@
+#include "route/ip_table.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "common/log.h"
+#include "route/acc_config.h"
+#include "route/region_reader.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+u32 VipLevelOf(u32 game_idc) noexcept { return game_idc / 100 % 10; }
+
+}  // namespace
+
+bool IpTable::LoadIpTable() noexcept {
+  if (!empty()) return true;
+  switch (ReadRegion<IpTableRegion>(
+      kIpTableRegionName, kIpTableMutexName,
+      [this](const IpTableRegion& region) { LoadIpTableFromMem(region); })) {
+    case RegionRead::kNoView:
+      LSP_LOG(4, "[Route][LoadIpTable] read route table from shared memory failed, mem_addr=null");
+      break;
+    case RegionRead::kNoAddress:
+      LSP_LOG(4,
+              "[Route][LoadIpTable] read route table from shared memory failed, "
+              "mem_addr.get()=null");
+      break;
+    case RegionRead::kNoMemory:
+      LSP_LOG(4,
+              "[Route][LoadIpTable] read iptable from shared memory failed, iptable_pointer alloc "
+              "failed with null");
+      break;
+    case RegionRead::kAbsent:
+    case RegionRead::kParsed:
+      break;
+  }
+  return !empty();
+}
+
+void IpTable::LoadIpTableFromMem(const IpTableRegion& region) {
+  LSP_LOG(0, "[Route][LoadIpTableFromMem] begin!");
+  const u32 level = GetAccConfig()->game_vip_level;
+  const u32 count = std::min(region.ip_count, kMaxIpRecords);
+  std::vector<IpIdcMap::Record> records;
+  for (u32 i = 0; i < count; ++i) {
+    const IpRecord& record = region.records[i];
+    if (VipLevelOf(record.game_idc) == level) records.push_back({record.ip, record.game_idc});
+  }
+  IpIdcMap(records).swap(ip_table_);
+  iptable_word_ = region.iptable_word;
+  LSP_LOG(5, "[Route][LoadIpTableFromMem] success ip count(%d), level=%lu!",
+          static_cast<int>(ip_table_.size()), static_cast<unsigned long>(level));
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,28 @@
+// Which addresses belong to the game, and to which of its data centres. Filled while the provider
+// starts, before any worker exists; only read afterwards, by any thread and without a lock.
+#pragma once
+#include "common/types.h"
+#include "route/ip_idc_map.h"
+#include "route/ip_table_formats.h"
+
+namespace moru_vyr::lsp {
+
+class IpTable {
+ public:
+  // Reads the region, once: a table that holds anything stays. True if it holds anything.
+  bool LoadIpTable() noexcept;
+
+  // Takes the records of the configured game VIP level and ignores the rest: up to ten tables
+  // lie interleaved in one region. May throw std::bad_alloc; the table is unchanged then.
+  void LoadIpTableFromMem(const IpTableRegion& region);
+
+  const u32* Find(u32 ip) const noexcept { return ip_table_.Find(ip); }  // network byte order
+  bool empty() const noexcept { return ip_table_.empty(); }
+  std::size_t size() const noexcept { return ip_table_.size(); }
+
+ private:
+  IpIdcMap ip_table_;
+  u32 iptable_word_ = 0;  // kept for the client program's sake; nothing reads it yet
+};
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,71 @@
+#include "route/launch_test.h"
+
+#include <algorithm>
+#include <new>
+
+#include "common/log.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+// The copy has the key that was asked for and whole texts, whatever a writer without manners
+// does to the record meanwhile.
+bool CopyRecord(const LaunchTestRegion& region, u32 game_idc, GltRouteInfo* out) noexcept {
+  const u32 valid_count = region.valid_count;
+  for (u32 i = 0; i < std::min(valid_count, kMaxGltRecords); ++i) {
+    if (region.records[i].game_idc != game_idc) continue;
+    *out = region.records[i];
+    out->game_idc = game_idc;
+    out->proxy.proxy_addr[sizeof out->proxy.proxy_addr - 1] = '\0';
+    out->proxy.proxy_name[sizeof out->proxy.proxy_name - 1] = '\0';
+    LSP_LOG(0, "[Route][LoadGltRouteInfoFromShare] Got a glt route table, game_idc=%d",
+            static_cast<int>(game_idc));
+    return true;
+  }
+  LSP_LOG(4,
+          "[Route][LoadGltRouteInfoFromShare] No matching game idc from glt table, game_idc=%d, "
+          "valid_count=%d",
+          static_cast<int>(game_idc), static_cast<int>(valid_count));
+  return false;
+}
+
+}  // namespace
+
+bool LaunchTest::OpenRegion() noexcept {
+  if (glt_mem_ != nullptr) return true;
+  try {
+    if (!common::Shared_mem_obj::Exists(kLaunchTestRegionName)) {
+      LSP_LOG(4,
+              "[Route][LoadGltRouteInfoFromShare] open glt table from shared memory failed,share "
+              "mem is not exist!");
+      return false;
+    }
+    glt_mem_ = std::make_unique<common::Shared_mem_owner>(
+        kLaunchTestRegionName, sizeof(LaunchTestRegion), kLaunchTestMutexName, false);
+    return true;
+  } catch (const std::bad_alloc&) {
+    LSP_LOG(4, "[Route][LoadGltRouteInfoFromShare] open glt table from shared memory failed!");
+    return false;
+  }
+}
+
+bool LaunchTest::LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noexcept {
+  if (out == nullptr) {
+    LSP_LOG(4, "[Route][LoadGltRouteInfoFromShare] Invalid glt route info pointer");
+    return false;
+  }
+  const common::Lock hold(lock_);
+  if (!OpenRegion()) return false;
+  const common::Shared_mem_ptr<const LaunchTestRegion> view(glt_mem_.get(), common::kOpenForReading,
+                                                            true);
+  const common::Shared_mem_closer closer(glt_mem_.get());
+  if (!view) {
+    LSP_LOG(4,
+            "[Route][LoadGltRouteInfoFromShare] attampt to open glt route sharing region but "
+            "failed!");
+    return false;
+  }
+  return CopyRecord(*view.get(), game_idc, out);
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,28 @@
+// What the client program measured when the game was launched. Unlike the other tables it is
+// read anew at each question, so a new measurement counts at once, without any notice.
+#pragma once
+#include <memory>
+
+#include "common/lock.h"
+#include "common/shared_mem_obj.h"
+#include "common/types.h"
+#include "route/launch_test_formats.h"
+
+namespace moru_vyr::lsp {
+
+class LaunchTest {
+ public:
+  // Copies the first record for that data centre to *out, texts terminated; leaves *out alone
+  // where there is none. Any thread; waits for the region's mutex without limit.
+  bool LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noexcept;
+
+ private:
+  bool OpenRegion() noexcept;
+
+  // Guards glt_mem_ and its use: the worker and the threads that send pings meet there. Of our
+  // own locks nothing is taken inside it.
+  common::Mutex lock_;
+  std::unique_ptr<common::Shared_mem_owner> glt_mem_;  // stays once it was made
+};
+
+}  // namespace moru_vyr::lsp

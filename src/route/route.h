@@ -1,0 +1,139 @@
+// The route policy: which destinations the relay takes, through which proxy, and where a flow may
+// move when its link degrades. It does not judge whether acceleration pays: the client program
+// has, and left its verdict in the tables.
+//
+// NeedRelay and GetServerLag are called by application threads, the other decisions and OnUpdate
+// by the relay worker, Load while the provider starts, before there is a worker. Addresses and
+// ports are in network byte order throughout, socket types as the socket calls have them. Nothing
+// here throws or fails: a refusal is false, a log line and, in a decision, a reason.
+#pragma once
+#include <winsock2.h>
+//
+#include <windows.h>
+
+#include <string>
+
+#include "common/types.h"
+#include "route/acc_decision_info.h"
+#include "route/blacklist.h"
+#include "route/ip_table.h"
+#include "route/launch_test.h"
+#include "route/port_map.h"
+#include "route/proxy_formats.h"
+#include "route/route_table.h"
+#include "route/spur_list.h"
+
+namespace moru_vyr::lsp {
+
+// What became of a destination, in the order in which it is tested.
+enum class RelayVerdict {
+  kInnerIp,
+  kNoIpTable,
+  kExcludedPort,
+  kNotInIpTable,
+  kBlacklisted,
+  kWillRelay,
+};
+
+class Route {
+ public:
+  Route() = default;
+  Route(const Route&) = delete;
+  Route& operator=(const Route&) = delete;
+
+  // --- loading (route_load.cpp) ---
+
+  // Loads the tables. Where the configuration says wait_route it tries again, with a pause after
+  // each try, until the IP table is there; otherwise it tries once. True if the IP table is
+  // there: the others may be missing.
+  bool Load(u32 try_times, u32 interval_ms) noexcept;
+
+  // Every 30 seconds of what it is told, looks whether the client program has signalled a new
+  // spur list, and loads it.
+  void OnUpdate(u32 elapsed_ms) noexcept;
+
+  // --- destinations (route_relay.cpp) ---
+
+  // The data centre behind an address: by the IP table, the spur list, for every port, by port.
+  // With ignore_port any port will do, but kept: port 0 ends the search after the two lists, so
+  // the caller that does not know the port never gets as far as that.
+  bool GetGameIDC(u32 ip, u16 port, u32* idc, bool ignore_port) noexcept;
+
+  // The tests of NeedRelay. Fills *idc once the destination is known.
+  RelayVerdict ExamineRelay(u32 ip, u16 port, i32 socket_type, u32* idc) noexcept;
+
+  // Whether the relay should take this destination at all. Cheap; never looks at the route table.
+  bool NeedRelay(u32 ip, u16 port, i32 socket_type, SOCKET s, u32 token) noexcept;
+  bool NeedRelay(const sockaddr_in* address, i32 socket_type, SOCKET s, u32 token) noexcept;
+
+  // --- decisions (route_decision.cpp) ---
+
+  // Whether this socket goes through a node, and through which: *info has it all, whatever the
+  // answer. Kept: of what *info held, only glt_route_info and the selected proxy's address are
+  // cleared first. switch_cache is null for TCP.
+  bool MakeDecision(u32 ip, u16 port, i32 socket_type, const std::string& guid,
+                    AccDecisionInfo* info, SwitchProxyInfo* switch_cache, SOCKET s,
+                    u32 token) noexcept;
+
+  // The delay in milliseconds that a ping of that address is answered with: 50 where the target
+  // is unknown, 0 where it is not accelerated, 20 where the route stores none.
+  u32 GetServerLag(u32 ip) noexcept;
+
+  // --- proxies (route_proxy.cpp) ---
+
+  // The proxy for a data centre. info and switch_cache may be null.
+  bool GetProxyInfoFromIdc(u32 game_idc, RouteProxyInfo* out, AccDecisionInfo* info,
+                           SwitchProxyInfo* switch_cache) noexcept;
+  void RefineProxyInfo(const RouteEntry* entry, RouteProxyInfo* out) noexcept;
+  void RefineByGltRouteInfo(const RouteEntry* entry, RouteProxyInfo* out) noexcept;
+  void FillAccDecisionInfo(const RouteEntry* entry, const RouteProxyInfo* proxy,
+                           const RouteHeader& header, AccDecisionInfo* info) noexcept;
+
+  // --- switching (route_switch.cpp) ---
+
+  // Finds another proxy that leads to the same last node, and puts it into *info as the selected
+  // one. The last node comes as 16 bits: those above 65535 cannot be asked for. `cache` is the
+  // session's record of candidates; a search that finds a proxy in the route table refreshes it.
+  bool MakeSwitchDecision(AccDecisionInfo* info, SwitchProxyInfo* cache, const u16* last_node,
+                          u32 token) noexcept;
+  bool GetSwitchProxyInfo(u32 game_idc, u32 current_proxy, u32 last_node, AccDecisionInfo* info,
+                          SwitchProxyInfo* cache) noexcept;
+  bool GetSwitchProxyInfoFromManualRoute(u32 game_idc, u32 current_proxy, u32 last_node,
+                                         RouteProxyInfo* out) noexcept;
+  bool GetSwitchProxyInfoFromIntelliRoute(u32 game_idc, u32 current_proxy, u32 last_node,
+                                          RouteProxyInfo* out, SwitchProxyInfo* cache) noexcept;
+  // The candidates as they stand when a session begins. A null cache is left alone.
+  void CacheSwitchProxy(const RouteEntry* entry, u32 last_node, SwitchProxyInfo* cache) noexcept;
+
+  // --- the tables, for those who load or show them singly ---
+  RouteTable& route_table() noexcept { return route_table_; }
+  IpTable& ip_table() noexcept { return ip_table_; }
+  Blacklist& blacklist() noexcept { return blacklist_; }
+  SpurList& spur_list() noexcept { return spur_list_; }
+  PortMap& port_map() noexcept { return port_map_; }
+  LaunchTest& launch_test() noexcept { return launch_test_; }
+
+ private:
+  bool LoadAll() noexcept;
+  void CreateNotifyEvent() noexcept;
+  bool AdmitDestination(u32 ip, u16 port, i32 socket_type, AccDecisionInfo* info,
+                        u32 token) noexcept;
+  void CopyCandidates(const SwitchGroup& group, SwitchProxyInfo* cache) noexcept;
+
+  RouteTable route_table_;
+  IpTable ip_table_;
+  Blacklist blacklist_;
+  SpurList spur_list_;
+  PortMap port_map_;
+  LaunchTest launch_test_;
+
+  // The worker's alone.
+  u32 elapsed_ms_ = 0;
+  int notify_event_tries_ = 0;
+  HANDLE notify_event_ = nullptr;  // never closed: it ends with the process
+};
+
+// The one for this process: built at first use, alive until the process ends.
+Route* GetRoute();
+
+}  // namespace moru_vyr::lsp

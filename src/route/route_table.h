@@ -1,0 +1,60 @@
+// The route table: looked up in the client program's region, which follows its flips by itself,
+// or in the image of the binary file. Whichever was there first is kept for the life of the
+// process.
+//
+// Any thread may call anything here. What a lookup returns by pointer lies in memory that the
+// client program may rewrite after its next flip but one: use it at once, and copy what must
+// stay the same.
+#pragma once
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "common/lock.h"
+#include "common/shared_mem_obj.h"
+#include "common/types.h"
+#include "route/proxy_formats.h"
+#include "route/route_table_formats.h"
+
+namespace moru_vyr::lsp {
+
+class RouteTable {
+ public:
+  // Looks for a source, while there is none. True if the table stands in the file's image, or if
+  // this very call found it. Kept: false where the region had been found before.
+  bool LoadRoute() noexcept;
+
+  bool HasRouteTable() const noexcept { return source_ != Source::kNone; }
+
+  // The routes for the configured acc_mode, and the table's header if the caller wants it. Null
+  // where there is no table, or none that can be read.
+  const RouteSet* SelectRouteSet(RouteHeader* header) noexcept;
+
+  // A copy of the first entry for that data centre.
+  std::optional<RouteEntry> FindRouteEntry(u32 game_idc, RouteHeader* header) noexcept;
+
+  // The referred proxy, with what the reference says about it; *out is zero where there is none.
+  // Never looks for a source.
+  bool FindProxyByRef(const ProxyRef& ref, RouteProxyInfo* out) noexcept;
+
+  // Whether one of the proxies has that address, compared as text.
+  bool IsProxyIp(std::string_view ip_text) noexcept;
+
+ private:
+  enum class Source { kNone, kFile, kRegion };
+
+  bool OpenRegion() noexcept;
+  bool LoadFile() noexcept;
+  const RouteTableImage* Image() noexcept;
+
+  std::atomic<Source> source_ = Source::kNone;  // set last, never changed again
+  // Guards the finding of a source, and Open of the region, which maps it at the first use: the
+  // worker and the threads that send pings meet there. Nothing of ours is locked inside it.
+  common::Mutex lock_;
+  // The view stays open until the end, because lookups return into it.
+  std::unique_ptr<common::Shared_mem_owner> route_mem_;
+  RouteRegion local_route_;  // its header is never filled
+};
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,60 @@
+#include "route/spur_list.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "common/log.h"
+#include "common/net_text.h"
+#include "route/region_reader.h"
+
+namespace moru_vyr::lsp {
+
+void SpurList::LoadSpurIplistTable() noexcept {
+  switch (ReadRegion<SpurRegion>(kSpurRegionName, kSpurMutexName, [this](const SpurRegion& region) {
+    LoadSpurIplistTableFromMem(region);
+  })) {
+    case RegionRead::kNoView:
+      LSP_LOG(4, "LoadSpurIplistTable read route table from shared memory failed, mem_addr=null");
+      break;
+    case RegionRead::kNoAddress:
+      LSP_LOG(4,
+              "LoadSpurIplistTable read route table from shared memory failed, "
+              "mem_addr.get()=null");
+      break;
+    case RegionRead::kNoMemory:
+      LSP_LOG(4,
+              "LoadSpurIplistTable read iptable from shared memory failed, iptable_pointer alloc "
+              "failed with null");
+      break;
+    case RegionRead::kAbsent:
+    case RegionRead::kParsed:
+      break;
+  }
+}
+
+void SpurList::LoadSpurIplistTableFromMem(const SpurRegion& region) {
+  const u32 count = std::min(region.spur_count, kMaxSpurRecords);
+  std::vector<IpIdcMap::Record> records;
+  records.reserve(count);
+  for (u32 i = 0; i < count; ++i) {
+    const SpurIpRecord& record = region.records[i];
+    LSP_LOG(0, "[LoadSpurIplistTableFromMem] game_idc=%d, ip=%u(%s)",
+            static_cast<int>(record.game_idc), record.ip, common::IpToString(record.ip).c_str());
+    records.push_back({record.ip, record.game_idc});
+  }
+  IpIdcMap list(records);
+  LSP_LOG(5, "[LoadSpurIplistTableFromMem] spur iptable entries count(%d)!",
+          static_cast<int>(list.size()));
+  if (list.empty()) return;
+  const common::Lock hold(lock_);
+  list.swap(spur_iplist_);
+  // The old list dies with `list`, which was there before the lock and outlives it.
+}
+
+std::optional<u32> SpurList::Find(u32 ip) const noexcept {
+  const common::Lock hold(lock_);
+  const u32* const idc = spur_iplist_.Find(ip);
+  return idc != nullptr ? std::optional<u32>(*idc) : std::nullopt;
+}
+
+}  // namespace moru_vyr::lsp
