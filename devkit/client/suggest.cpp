@@ -8,17 +8,20 @@ namespace {
 
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-// Insertions, deletions and replacements that lead from one word to the other.
+// Insertions, deletions, replacements and swaps of neighbours that lead from one to the other.
 size_t EditDistance(std::string_view from, std::string_view to) {
-  std::vector<size_t> row(to.size() + 1);
+  std::vector<size_t> two_up, up, row(to.size() + 1);
   std::iota(row.begin(), row.end(), size_t{0});
-  for (size_t i = 0; i < from.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i + 1;
-    for (size_t j = 0; j < to.size(); ++j) {
-      const size_t replaced = diagonal + (Lower(from[i]) == Lower(to[j]) ? 0 : 1);
-      diagonal = row[j + 1];
-      row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
+  for (size_t i = 1; i <= from.size(); ++i) {
+    two_up = std::move(up);
+    up = std::move(row);
+    row.assign(to.size() + 1, i);
+    for (size_t j = 1; j <= to.size(); ++j) {
+      const bool same = Lower(from[i - 1]) == Lower(to[j - 1]);
+      row[j] = std::min({up[j - 1] + (same ? 0 : 1), up[j] + 1, row[j - 1] + 1});
+      const bool swapped = i > 1 && j > 1 && Lower(from[i - 1]) == Lower(to[j - 2]) &&
+                           Lower(from[i - 2]) == Lower(to[j - 1]);
+      if (swapped) row[j] = std::min(row[j], two_up[j - 2] + 1);
     }
   }
   return row.back();
