@@ -1,0 +1,175 @@
+// Extension functions: what WSPIoctl answers, and the ConnectEx that applications get.
+#include <gtest/gtest.h>
+#include <mswsock.h>
+
+#include <cstring>
+
+#include "provider/extension_functions.h"
+#include "provider/hook_entries.h"
+#include "provider/socket_map.h"
+#include "tests/unit/log_capture.h"
+#include "tests/unit/scripted_provider.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+using test::Address;
+using test::Generic;
+using test::WordsOf;
+
+struct ExtensionHooks : testing::Test {
+  ExtensionHooks() {
+    WSPSocket(AF_INET, 1, 6, nullptr, 0, 1, &error);
+    next.calls.clear();
+    SocketRecord record;
+    GetSocketMap().Get(next.socket, &record);
+    tail =
+        "socket=" + std::to_string(next.socket) + ", token=" + std::to_string(record.token) + "\n";
+  }
+  int Query(const GUID& id, SOCKET s) {
+    GUID copy = id;
+    return WSPIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &copy, sizeof copy, &function,
+                    sizeof function, &returned, nullptr, nullptr, nullptr, &error);
+  }
+
+  test::ScriptedProvider next;
+  const sockaddr_in server = Address("198.51.100.20", 8080);
+  INT error = 0;
+  std::string tail;
+  LPFN_CONNECTEX function = nullptr;
+  DWORD returned = 0;
+};
+
+TEST_F(ExtensionHooks, IoctlPassesItsArguments) {
+  char in[4] = {}, out[4] = {};
+  WSAOVERLAPPED overlapped{};
+  WSATHREADID thread{};
+  next.result = -1;
+  next.error = 10045;
+  test::LogCapture log(0);
+  EXPECT_EQ(WSPIoctl(next.socket, 0x8004667e, in, 4, out, 3, &returned, &overlapped, nullptr,
+                     &thread, &error),
+            -1);
+  EXPECT_EQ(error, 10045);
+  EXPECT_EQ(next.Last().arguments, WordsOf(next.socket, 0x8004667eu, &in[0], 4, &out[0], 3,
+                                           &returned, &overlapped, nullptr, &thread));
+  EXPECT_EQ(log.Text(), "");
+}
+
+TEST_F(ExtensionHooks, IoctlOfAnUnknownSocketFailsWithoutAWord) {
+  test::LogCapture log(0);
+  error = 31;
+  WSASetLastError(4711);
+  EXPECT_EQ(Query(WSAID_CONNECTEX, 0x999), -1);
+  EXPECT_EQ(error, 31);
+  EXPECT_EQ(WSAGetLastError(), 4711);
+  EXPECT_TRUE(next.calls.empty());
+  EXPECT_EQ(log.Text(), "");
+}
+
+// A process whose sockets may not be relayed keeps the real function.
+TEST_F(ExtensionHooks, WithoutARelayTheRealConnectExIsHandedOut) {
+  test::LogCapture log(0);
+  EXPECT_EQ(Query(WSAID_CONNECTEX, next.socket), 0);
+  EXPECT_NE(function, nullptr);
+  EXPECT_NE(function, &WSPConnectEx);
+  EXPECT_EQ(log.Text(), "");
+}
+
+#define COLON "\xA3\xBA"
+
+TEST_F(ExtensionHooks, EveryFunctionIsRecognisedAndConnectExAloneIsReplaced) {
+  struct Case {
+    GUID id;
+    const char* name;
+    bool replaced;
+  };
+  const Case cases[] = {
+      {WSAID_CONNECTEX, "ConnectEx", true},
+      {WSAID_ACCEPTEX, "WSPAcceptEx", false},
+      {WSAID_TRANSMITFILE, "TransmitFile", false},
+      {WSAID_DISCONNECTEX, "DisconnectEx", false},
+      {WSAID_TRANSMITPACKETS, "TransmitPackets", false},
+      {WSAID_WSARECVMSG, "WsaRecvMsg", false},
+      {WSAID_WSASENDMSG, "WSPWsaSendMsg", false},
+      {WSAID_GETACCEPTEXSOCKADDRS, "GetAcceptExSockaddrs", false},
+      {{1, 2, 3, {4}}, "unknown", false},
+  };
+  for (const Case& expected : cases) {
+    test::LogCapture log(0);
+    LPFN_CONNECTEX out = nullptr;
+    AnswerExtensionQuery(&expected.id, sizeof expected.id, &out);
+    EXPECT_EQ(out, expected.replaced ? &WSPConnectEx : nullptr) << expected.name;
+    EXPECT_TRUE(log.Contains(std::string("[0][lsp][Main]WSPIoctl") + COLON +
+                             "extension function is " + expected.name + "\n"))
+        << log.Text();
+  }
+}
+
+TEST_F(ExtensionHooks, IdentitiesAreThePlatforms) {
+  const GUID connect_ex = {
+      0x25a207b9, 0xddf3, 0x4660, {0x8e, 0xe9, 0x76, 0xe5, 0x8c, 0x74, 0x06, 0x3e}};
+  const GUID send_msg = {
+      0xa441e712, 0x754f, 0x43ca, {0x84, 0xa7, 0x0d, 0xee, 0x44, 0xcf, 0x60, 0x6d}};
+  const GUID connect_ex_here = WSAID_CONNECTEX;
+  const GUID send_msg_here = WSAID_WSASENDMSG;
+  EXPECT_EQ(std::memcmp(&connect_ex, &connect_ex_here, sizeof(GUID)), 0);
+  EXPECT_EQ(std::memcmp(&send_msg, &send_msg_here, sizeof(GUID)), 0);
+}
+
+TEST_F(ExtensionHooks, OnlySixteenBytesAreCompared) {
+  test::LogCapture log(0);
+  const GUID id = WSAID_CONNECTEX;
+  LPFN_CONNECTEX out = nullptr;
+  for (const DWORD size : {0u, 12u, 15u, 17u}) AnswerExtensionQuery(&id, size, &out);
+  AnswerExtensionQuery(nullptr, sizeof id, &out);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(log.Text(), "");
+  AnswerExtensionQuery(&id, sizeof id, nullptr);  // nowhere to put it
+}
+
+TEST_F(ExtensionHooks, ConnectExTurnsTheRealAnswerRound) {
+  char data[4] = {};
+  DWORD sent = 0;
+  OVERLAPPED overlapped{};
+  test::LogCapture log(0);
+  EXPECT_EQ(WSPConnectEx(next.socket, Generic(server), 16, data, 4, &sent, &overlapped), FALSE);
+  ASSERT_EQ(next.calls.size(), 2u);
+  EXPECT_EQ(next.calls[0].name, "WSPIoctl");
+  EXPECT_EQ(next.calls[0].arguments[1], 0xC8000006u);
+  EXPECT_EQ(next.calls[0].arguments[3], 16u);
+  EXPECT_EQ(next.calls[0].arguments[5], sizeof(void*));
+  EXPECT_EQ(next.calls[0].arguments[7], 0u);  // not overlapped
+  EXPECT_EQ(next.calls[1].name, "ConnectEx");
+  EXPECT_EQ(next.calls[1].arguments,
+            WordsOf(next.socket, &server, 16, &data[0], 4, &sent, &overlapped));
+  EXPECT_TRUE(log.Contains("[0][lsp]WSPConnectEx: WSPConnectEx, lpConnectEx="));
+  EXPECT_TRUE(
+      log.Contains("[5][lsp]WSPConnectEx: ret=1, err=0, dest=198.51.100.20:8080, port=0, " + tail))
+      << log.Text();
+}
+
+TEST_F(ExtensionHooks, APendingConnectExLooksTrueAndKeepsItsError) {
+  test::LogCapture log(5);
+  next.error = 997;
+  OVERLAPPED overlapped{};
+  EXPECT_EQ(WSPConnectEx(next.socket, Generic(server), 16, nullptr, 0, nullptr, &overlapped), TRUE);
+  EXPECT_EQ(WSAGetLastError(), 997);
+  EXPECT_TRUE(
+      log.Contains("WSPConnectEx: ret=0, err=997, dest=198.51.100.20:8080, port=0, " + tail));
+}
+
+TEST_F(ExtensionHooks, ConnectExThatCannotBeHadAnswersMinusOne) {
+  test::LogCapture log(4);
+  next.result = -1;
+  WSASetLastError(4711);
+  EXPECT_EQ(WSPConnectEx(next.socket, Generic(server), 16, nullptr, 0, nullptr, nullptr), -1);
+  EXPECT_EQ(WSPConnectEx(0x999, Generic(server), 16, nullptr, 0, nullptr, nullptr), -1);
+  EXPECT_EQ(WSPConnectEx(next.socket, nullptr, 16, nullptr, 0, nullptr, nullptr), -1);
+  EXPECT_EQ(WSAGetLastError(), 4711);
+  EXPECT_TRUE(log.Contains("[4][lsp]WSPConnectEx: WSPIoctl get function pointer failure, " + tail));
+  EXPECT_TRUE(log.Contains("[5][lsp]WSPConnectEx: next_proc_table invalid, socket=2457\n"));
+}
+
+}  // namespace
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,67 @@
+// A next provider that does as it is told and remembers every call with all its arguments.
+//
+// One at a time, on one thread. While it lives it stands in the TCP, UDP and raw slots of the
+// process, so that sockets made through the replaced entries reach it.
+#pragma once
+#include <winsock2.h>
+#include <ws2spi.h>
+
+#include <cstdint>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace test {
+
+using Words = std::vector<std::uintptr_t>;
+
+template <class T>
+std::uintptr_t Word(T value) {
+  if constexpr (std::is_pointer_v<T>) {
+    return reinterpret_cast<std::uintptr_t>(value);
+  } else if constexpr (std::is_null_pointer_v<T>) {
+    return 0;
+  } else {
+    return static_cast<std::uintptr_t>(value);
+  }
+}
+
+template <class... T>
+Words WordsOf(T... values) {
+  return {Word(values)...};
+}
+
+struct Call {
+  std::string name;
+  Words arguments;  // without the place for the error
+};
+
+class ScriptedProvider {
+ public:
+  ScriptedProvider();
+  ~ScriptedProvider();
+  ScriptedProvider(const ScriptedProvider&) = delete;
+  ScriptedProvider& operator=(const ScriptedProvider&) = delete;
+
+  // What every call answers. A call that fails stores `error` in its place for it; the counts
+  // and addresses that a call hands back are stored whatever it answers.
+  int result = 0;
+  int error = 0;
+  SOCKET socket = 0x1234;  // of the next WSPSocket or WSPAccept
+  DWORD bytes = 0;
+  bool stores_bytes = true;
+  sockaddr_in address{};
+
+  std::vector<Call> calls;
+  const Call& Last() const { return calls.back(); }
+
+  // All thirty entries; those that are never replaced hold marks that nobody may call.
+  static WSPPROC_TABLE Table();
+};
+
+sockaddr_in Address(const char* ip, unsigned short port);
+inline const sockaddr* Generic(const sockaddr_in& address) {
+  return reinterpret_cast<const sockaddr*>(&address);
+}
+
+}  // namespace test
