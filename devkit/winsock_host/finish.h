@@ -14,7 +14,7 @@ template <typename Result>
 Result Finish(const Provider& provider, Call call, Result result, Result failure, int error,
               DWORD bytes = 0) {
   const bool failed = result == failure;
-  CountCall(provider.layered, call, failed, error, bytes);
+  CountCall(SeenByLibrary(provider, call), call, failed, error, bytes);
   if (failed) WSASetLastError(error);
   return result;
 }

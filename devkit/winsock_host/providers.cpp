@@ -3,6 +3,7 @@
 #include <winternl.h>
 
 #include <atomic>
+#include <bit>
 #include <cstring>
 #include <unordered_map>
 
@@ -61,7 +62,7 @@ class OwnersLock {
   bool held_ = false;
 };
 
-// Calls of `fill(entry)` for each of the thirty pointers of a table.
+// Calls `visit(entry)` for each of the thirty pointers of a table.
 template <typename Visit>
 void ForEachEntry(const WSPPROC_TABLE& table, Visit visit) {
   void* entries[kTableEntries];
@@ -75,15 +76,17 @@ bool IsComplete(const WSPPROC_TABLE& table) {
   return complete;
 }
 
-uint32_t CountEntriesIn(HMODULE module, const WSPPROC_TABLE& table) {
-  uint32_t count = 0;
+uint32_t EntriesIn(HMODULE module, const WSPPROC_TABLE& table) {
+  uint32_t mask = 0;
+  uint32_t bit = 1;
   ForEachEntry(table, [&](void* entry) {
-    if (entry != nullptr && IsInModule(module, entry)) ++count;
+    if (entry != nullptr && IsInModule(module, entry)) mask |= bit;
+    bit <<= 1;
   });
-  return count;
+  return mask;
 }
 
-int LoadAndStart(const CatalogueEntry& entry, Provider* provider, uint32_t* replaced) {
+int LoadAndStart(const CatalogueEntry& entry, Provider* provider) {
   const wchar_t* path = ModulePath(entry.info);
   HMODULE module = LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
   if (module == nullptr) return WSAEPROVIDERFAILEDINIT;
@@ -92,11 +95,10 @@ int LoadAndStart(const CatalogueEntry& entry, Provider* provider, uint32_t* repl
       reinterpret_cast<void*>(GetProcAddress(module, "WSPStartup")));
   if (start == nullptr) return WSAEPROVIDERFAILEDINIT;
   provider->info = entry.info;
-  provider->layered = entry.layered;
   WSPDATA data = {};
   WSAPROTOCOL_INFOW info = entry.info;
   const int result = start(MAKEWORD(2, 2), &data, &info, UpcallTable(), &provider->table);
-  *replaced = entry.layered ? CountEntriesIn(module, provider->table) : 0;
+  if (entry.layered) provider->replaced = EntriesIn(module, provider->table);
   if (result != 0) return result;
   return IsComplete(provider->table) ? 0 : WSAEINVALIDPROCTABLE;
 }
@@ -105,9 +107,9 @@ int LoadAndStart(const CatalogueEntry& entry, Provider* provider, uint32_t* repl
 const Provider* StartEntry(size_t index, int* error) {
   const CatalogueEntry& entry = Catalogue()[index];
   auto* provider = new Provider{};
-  uint32_t replaced = 0;
-  const int result = LoadAndStart(entry, provider, &replaced);
-  RecordStart({entry.info.dwCatalogEntryId, entry.info.iProtocol, result, replaced});
+  const int result = LoadAndStart(entry, provider);
+  RecordStart({entry.info.dwCatalogEntryId, entry.info.iProtocol, result,
+               static_cast<uint32_t>(std::popcount(provider->replaced))});
   if (result != 0) {
     delete provider;
     *error = result;
@@ -184,7 +186,7 @@ void CleanUpProviders() {
     if (provider == nullptr) continue;
     int error = 0;
     const int result = provider->table.lpWSPCleanup(&error);
-    CountCall(provider->layered, kCleanup, result == SOCKET_ERROR, error, 0);
+    CountCall(SeenByLibrary(*provider, kCleanup), kCleanup, result == SOCKET_ERROR, error, 0);
   }
   LeaveCriticalSection(&state.start_lock);
 }

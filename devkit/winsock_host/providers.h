@@ -11,15 +11,22 @@
 
 #include <windows.h>
 
+#include <cstdint>
+
 #include "host_config.h"
+#include "report.h"
 
 namespace winsock_host {
 
 struct Provider {
   WSAPROTOCOL_INFOW info;  // the entry that was started
   WSPPROC_TABLE table;
-  bool layered;  // started through the library
+  uint32_t replaced;  // bit n: entry n of the table lies in the library's own module
 };
+
+inline bool SeenByLibrary(const Provider& provider, Call call) {
+  return (provider.replaced >> call & 1) != 0;
+}
 
 // Loads and starts the base provider that serves sockets which no started entry knows: inherited
 // ones, ones made before the host came, and values that are no sockets. False when it cannot.

@@ -113,7 +113,7 @@ struct HostReport {
   volatile LONG start_count;  // starts seen; records beyond kMaxStarts are lost
   StartRecord starts[kMaxStarts];
   CallCounter through_library[kCallCount];
-  CallCounter through_base[kCallCount];  // base entries, and sockets that the host does not know
+  CallCounter through_base[kCallCount];  // all that did not enter the library's module
   volatile LONG debug_used;              // may exceed kDebugBytes: what did not fit is lost
   uint32_t unused;
   char debug[kDebugBytes];  // debugger output, each text ended by NUL

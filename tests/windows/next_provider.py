@@ -1,0 +1,61 @@
+"""What a program gets when the provider under the library fails, is incomplete or is not there:
+the errors that the platform has for it, never a crash or a hang."""
+
+import re
+
+import support
+
+FAILED_INIT = 10106
+INVALID_TABLE = 10104
+
+# next provider | result of the library's start | what the debugger is told | first socket's error
+# A positive error of the next provider becomes 0 with an empty table; what stops the program's
+# socket then is Winsock's own look at the table.
+CASES = [
+    ("failing", 0, "InitializeProvider failed: 10091", INVALID_TABLE),
+    ("incomplete", FAILED_INIT, "InitLspChain: InitializeProvider failed: 10104", FAILED_INIT),
+    ("no_entry", FAILED_INIT, "LoadProviderPath: GetProcAddress failed: 127", FAILED_INIT),
+    (None, FAILED_INIT, "LoadProviderPath: LoadLibraryW failed: ", FAILED_INIT),
+]
+
+
+def main():
+    arguments = support.parse_arguments()
+    checks = support.Checks()
+    runner = support.Runner(arguments)
+    for name, start_result, words, error in CASES:
+        module = arguments.probes / (f"next_{name}.dll" if name else "no_such_module.dll")
+        for way in ("other", "served"):
+            what = f"{name or 'missing'}, {way}"
+            program = "net_probe.exe" if way == "served" else "program.exe"
+            folder = runner.stage(arguments.probes / "by_name.exe", program)
+            options = ["--next", support.windows_path(module)]
+            result = runner.launch(folder, program, ["127.0.0.1", "9", "-test"], options)
+            checks.that(words in result.debug_output(), f"{what}: trace", result.debug_output())
+            starts = result.starts()
+            checks.that(starts, f"{what}: a start was tried", result.errors)
+            if starts:
+                found = starts[0]["result"]
+                # An empty table is refused by the host as Winsock refuses it.
+                wanted = INVALID_TABLE if start_result == 0 else start_result
+                checks.equal(found, wanted, f"{what}: result of the start")
+            checks.equal(result.code, 0, f"{what}: the program lives on")
+            checks.that(
+                re.search(r"^connect: failed with \d+$", result.output, re.M),
+                f"{what}: the program's calls fail",
+                result.output,
+            )
+            checks.equal(
+                first_socket_error(result.output), error, f"{what}: error of the first socket"
+            )
+    checks.end()
+
+
+def first_socket_error(output):
+    """socket() failed, so connect() works on no socket; the probe says the first one's error."""
+    found = re.search(r"^first socket: failed with (\d+)$", output, re.M)
+    return int(found.group(1)) if found else None
+
+
+if __name__ == "__main__":
+    main()

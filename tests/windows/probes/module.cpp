@@ -1,0 +1,7 @@
+// A program's DLL that does the talking.
+#include "plain_work.h"
+
+extern "C" __declspec(dllexport) void TalkFromModule(const sockaddr_in* server) {
+  probe::g_server = *server;
+  probe::PlainWork();
+}

@@ -1,0 +1,10 @@
+// The calls sit in a DLL that the program is linked with.
+#include "probe.h"
+
+extern "C" void TalkFromModule(const sockaddr_in* server);
+
+int main(int argc, char** argv) {
+  probe::Begin(argc, argv);
+  TalkFromModule(&probe::g_server);
+  return probe::End();
+}

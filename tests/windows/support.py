@@ -1,0 +1,191 @@
+"""What the checks share: native peers in the bed, and running a Windows program in each way.
+
+Ways to run a program:
+  none    the program alone
+  bare    through the host with the base provider alone
+  other   with the library, as a process that it does not serve
+  served  with the library, as a process that it serves
+
+A program that is to be served without any configuration is run as a copy named net_probe.exe,
+with "-test" at the end of its command line; every way gets that argument, so that the program
+sees the same one each time.
+"""
+
+import argparse
+import json
+import os
+import pathlib
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+WINE = ROOT / "scripts" / "wine"
+SERVER = "198.51.100.10" if os.environ.get("VYR_TESTBED") else "127.0.0.1"
+REPLACED_ENTRIES = 12
+WAYS = ("none", "bare", "other", "served")
+LONGEST_RUN_S = 60
+
+
+def parse_arguments(*extra):
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--bin", type=pathlib.Path, required=True)
+    parser.add_argument("--probes", type=pathlib.Path, required=True)
+    for name, options in extra:
+        parser.add_argument(name, **options)
+    arguments = parser.parse_args()
+    if shutil.which("wine") is None:
+        skip("no Wine here")
+    return arguments
+
+
+def skip(reason):
+    print(f"skipped: {reason}")
+    sys.exit(77)
+
+
+class Checks:
+    """Counts what held and what did not; the exit code follows from it."""
+
+    def __init__(self):
+        self.passed = 0
+        self.failed = 0
+
+    def that(self, condition, what, detail=""):
+        if condition:
+            self.passed += 1
+        else:
+            self.failed += 1
+            print(f"FAILED: {what}\n{detail}".rstrip())
+        return condition
+
+    def equal(self, found, wanted, what):
+        return self.that(found == wanted, what, f"  found:  {found!r}\n  wanted: {wanted!r}")
+
+    def end(self):
+        print(f"{self.passed} passed, {self.failed} failed")
+        sys.exit(1 if self.failed else 0)
+
+
+def windows_path(path):
+    return "Z:" + str(pathlib.Path(path).resolve()).replace("/", "\\")
+
+
+class EchoServer:
+    """Echoes TCP streams and UDP datagrams on one port until the process ends."""
+
+    def __init__(self, address=SERVER):
+        self.address = address
+        while True:
+            self.stream = socket.create_server((address, 0))
+            self.port = self.stream.getsockname()[1]
+            self.datagram = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            try:
+                self.datagram.bind((address, self.port))
+                break
+            except OSError:
+                self.stream.close()
+                self.datagram.close()
+        threading.Thread(target=self._accept, daemon=True).start()
+        threading.Thread(target=self._datagrams, daemon=True).start()
+
+    def _accept(self):
+        while True:
+            connection, _ = self.stream.accept()
+            threading.Thread(target=self._echo, args=(connection,), daemon=True).start()
+
+    @staticmethod
+    def _echo(connection):
+        with connection:
+            try:
+                while data := connection.recv(65536):
+                    connection.sendall(data)
+            except OSError:
+                pass  # the peer ended without a word, as some probes do
+
+    def _datagrams(self):
+        while True:
+            data, peer = self.datagram.recvfrom(65536)
+            self.datagram.sendto(data, peer)
+
+
+class Result:
+    def __init__(self, completed, trace, folder):
+        self.code = completed.returncode
+        self.output = completed.stdout.decode("utf-8", "replace").replace("\r\n", "\n")
+        self.errors = completed.stderr.decode("utf-8", "replace").replace("\r\n", "\n")
+        self.trace = trace
+        self.folder = folder
+
+    def starts(self):
+        return [line for line in self.trace if "start" in line]
+
+    def calls(self, through):
+        return {
+            line["call"]: line for line in self.trace if line.get("through") == through
+        }
+
+    def debug_output(self):
+        return "\n".join(line["debug_output"] for line in self.trace if "debug_output" in line)
+
+
+def read_trace(path):
+    if not path.exists():
+        return []
+    with open(path, encoding="utf-8", errors="replace") as file:
+        return [json.loads(line) for line in file]
+
+
+class Runner:
+    def __init__(self, arguments):
+        self.bin = arguments.bin
+        self.probes = arguments.probes
+        self.folder = pathlib.Path(
+            tempfile.mkdtemp(prefix="vyr-probe-", dir=os.environ.get("VYR_BED_DIR"))
+        )
+
+    def stage(self, program, name):
+        """Copies a program, and the DLL that some probes have, into a fresh folder."""
+        folder = pathlib.Path(tempfile.mkdtemp(dir=self.folder))
+        shutil.copy(program, folder / name)
+        module = self.probes / "probe_module.dll"
+        if module.exists():
+            shutil.copy(module, folder)
+        return folder
+
+    def launch(self, folder, name, arguments, options=()):
+        """Under vyr_run, with a trace."""
+        trace = folder / "trace.jsonl"
+        command = [
+            self.bin / "vyr_run.exe",
+            "--trace",
+            windows_path(trace),
+            *options,
+            windows_path(folder / name),
+            *arguments,
+        ]
+        completed = self.wine(command, folder)
+        return Result(completed, read_trace(trace), folder)
+
+    def wine(self, command, folder, **options):
+        return subprocess.run(
+            [WINE, *map(str, command)],
+            cwd=folder,
+            stdin=options.pop("stdin", subprocess.DEVNULL),
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            timeout=options.pop("timeout", LONGEST_RUN_S),
+            **options,
+        )
+
+    def run(self, way, program, arguments):
+        name = "net_probe.exe" if way == "served" else "program.exe"
+        folder = self.stage(program, name)
+        arguments = [*map(str, arguments), "-test"]
+        if way == "none":
+            completed = self.wine([windows_path(folder / name), *arguments], folder)
+            return Result(completed, [], folder)
+        return self.launch(folder, name, arguments, ["--bare"] if way == "bare" else [])

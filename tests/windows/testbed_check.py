@@ -1,0 +1,61 @@
+"""The test bed: its addresses, its exit codes, its own end; and two beds at once."""
+
+import glob
+import os
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+import support
+
+BED = sys.argv[1]
+
+
+def bed(*command, **options):
+    return subprocess.run(
+        [BED, *command], capture_output=True, text=True, timeout=60, check=False, **options
+    )
+
+
+def folders():
+    return set(glob.glob(os.path.join(tempfile.gettempdir(), "vyr-bed.*")))
+
+
+def main():
+    checks = support.Checks()
+    probe = bed("true")
+    if probe.returncode == 77:
+        support.skip(probe.stderr.strip())
+    checks.equal(probe.returncode, 0, "exit code 0")
+    checks.equal(bed("sh", "-c", "exit 42").returncode, 42, "exit code of the command")
+    checks.equal(bed("/no/such/command").returncode, 127, "exit code of a missing command")
+    checks.that("198.51.100.10" in bed("--help").stdout, "--help tells the addresses")
+    checks.equal(bed("cat", input="through").stdout, "through", "input and output pass through")
+    devices = bed("ip", "-o", "link").stdout
+    checks.that(devices.count("\n") == 1 and "lo:" in devices, "loopback is all there is", devices)
+    source = bed("ip", "route", "get", "198.51.100.20").stdout
+    checks.that("src 198.51.100.1 " in source, "an unbound socket speaks as the player", source)
+    checks.that(bed("ip", "route", "get", "192.0.2.1").returncode != 0, "nothing leaves the bed")
+
+    # What the command leaves behind is ended, and nothing else is.
+    bystander = subprocess.Popen(["sleep", "61"])
+    left = bed("sh", "-c", "setsid sleep 62 >/dev/null 2>&1 & echo $!").stdout.strip()
+    checks.that(left and not os.path.exists(f"/proc/{left}"), "what was left behind is ended")
+    checks.that(bystander.poll() is None, "a bystander lives on")
+    bystander.kill()
+    bystander.wait()
+
+    # Two at once, one of which is interrupted.
+    first = subprocess.Popen([BED, "sleep", "63"])
+    second = subprocess.Popen([BED, "sh", "-c", "sleep 1; exit 5"])
+    time.sleep(0.5)  # either way the checks hold; this makes an overlap likely
+    first.send_signal(signal.SIGTERM)
+    checks.equal(first.wait(30), 143, "an ended bed says so")
+    checks.equal(second.wait(30), 5, "the other bed goes on")
+    checks.end()
+
+
+if __name__ == "__main__":
+    main()
