@@ -15,7 +15,11 @@ std::string Seconds(Micros at) {
   return Format("%lld.%06lld s", static_cast<long long>(at / 1000000),
                 static_cast<long long>(at % 1000000));
 }
+
+thread_local const Scheduler* of_this_thread = nullptr;
 }  // namespace
+
+const Scheduler* Scheduler::OfThisThread() { return of_this_thread; }
 
 void Thread::AwaitBaton() {
   std::unique_lock hold(mutex_);
@@ -46,6 +50,7 @@ ThreadRef Scheduler::Adopt(const std::string& name, Process* process) {
   thread->process_ = process;
   threads_.push_back(thread);
   current_ = thread.get();
+  of_this_thread = this;
   return thread;
 }
 
@@ -57,6 +62,7 @@ ThreadRef Scheduler::Start(const std::string& name, Process* process,
   thread->process_ = process;
   try {
     std::thread([this, thread, run = std::move(body)] {
+      of_this_thread = this;
       thread->AwaitBaton();
       const uint32_t code = run();
       MarkEnded(*thread, code);
@@ -243,9 +249,8 @@ std::string Scheduler::Report() const {
       line += thread.get() == current_ ? "running" : "ready to run";
     } else {
       line += "waits for " + thread->wait_->what;
-      line += thread->wait_->deadline == kForever
-                  ? ", for ever"
-                  : ", until " + Seconds(thread->wait_->deadline);
+      line += thread->wait_->deadline == kForever ? ", for ever"
+                                                  : ", until " + Seconds(thread->wait_->deadline);
     }
     out += line + "\n";
   }

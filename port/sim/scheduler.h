@@ -45,6 +45,8 @@ class Thread {
   bool ended() const { return state_ == State::kEnded; }
   std::string Label() const { return name_; }  // "game/main", as in the trace
 
+  void SetProcess(Process* process) { process_ = process; }
+
   uint32_t exit_code = 0;
 
  private:
@@ -90,6 +92,9 @@ class Scheduler {
   const std::vector<ThreadRef>& threads() const { return threads_; }
   ThreadRef Find(uint32_t id) const;
 
+  // The scheduler that the calling thread of the machine belongs to, if any.
+  static const Scheduler* OfThisThread();
+
   // The calling thread of the machine becomes a simulated one and holds the baton.
   ThreadRef Adopt(const std::string& name, Process* process);
   // A new thread, ready to run. Null when the machine has no more threads to give.
@@ -97,6 +102,8 @@ class Scheduler {
 
   // A preemption point. Every simulated call begins with one.
   void Step();
+  // Counts like a step and hands nothing on: for looks at the clock.
+  void Look() { CountStep(); }
   // Lets any thread that can run go first, by the dice.
   void Yield();
   // True when `ready` held, false when the deadline passed. Does not return if killed.

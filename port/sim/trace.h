@@ -28,6 +28,9 @@ void AddTraceLine(TraceRing& ring, const std::string& line);
 // The newest lines, oldest first.
 std::vector<std::string> NewestLines(const TraceRing& ring, size_t most);
 
+// Prints them to stderr.
+void PrintTrace(const TraceRing& ring, size_t most);
+
 // printf into a string.
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -1,0 +1,25 @@
+// Faults that only a simulated world can inject. A counter counts down to its call; 0: off.
+#pragma once
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "port/sim/sim.h"
+
+namespace sim {
+
+struct Faults {
+  struct Countdown {
+    unsigned left = 0;
+    bool Hit() { return left > 0 && --left == 0; }
+  };
+  Countdown short_send;
+  size_t short_send_bytes = 0;
+  Countdown lost_set_event;
+  Countdown thread_start;
+  DWORD thread_start_error = 0;
+  std::vector<std::pair<Process*, std::string>> kill_when_it_holds;
+};
+
+}  // namespace sim

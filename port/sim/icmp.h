@@ -1,0 +1,32 @@
+// The bytes of IP and ICMP headers, for those who look at them: raw sockets.
+#pragma once
+#include <cstdint>
+#include <string>
+
+#include "port/sim/network.h"
+
+namespace sim {
+
+constexpr size_t kIpHeaderSize = 20;
+constexpr size_t kIcmpHeaderSize = 8;
+constexpr uint8_t kIcmpEchoReply = 0;
+constexpr uint8_t kIcmpUnreachable = 3;
+constexpr uint8_t kIcmpEchoRequest = 8;
+constexpr uint8_t kIcmpPortUnreachable = 3;  // a code of kIcmpUnreachable
+
+// The Internet checksum; 0 over a message that holds its own.
+uint16_t Checksum(std::string_view bytes);
+
+// An IP header of 20 bytes for a payload of that size.
+std::string IpHeader(uint8_t protocol, uint32_t from, uint32_t to, size_t payload, uint16_t id);
+
+// Sets the checksum of an ICMP message.
+void SealIcmp(std::string& message);
+
+// What a host says about a datagram that nobody wanted: it quotes the datagram's beginning.
+std::string PortUnreachable(const Packet& datagram);
+
+// The local and remote ends that such a message quotes. False for any other message.
+bool ReadPortUnreachable(std::string_view message, Address* from, Address* to);
+
+}  // namespace sim

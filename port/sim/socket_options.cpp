@@ -1,0 +1,142 @@
+// getsockopt and setsockopt: what has an effect here, and a store for the rest.
+#include "port/sim/sockets.h"
+
+namespace sim {
+namespace {
+
+int Put(int value, char* out, int* size) {
+  if (*size < static_cast<int>(sizeof value)) return WSAEFAULT;
+  std::memcpy(out, &value, sizeof value);
+  *size = sizeof value;
+  return 0;
+}
+
+// Two 16-bit words on Windows, two ints in the host system's record: told apart by size.
+int PutLinger(const Socket& socket, char* out, int* size) {
+  if (*size >= 8) {
+    const int words[2] = {socket.linger_on, socket.linger_seconds};
+    std::memcpy(out, words, sizeof words);
+    *size = sizeof words;
+    return 0;
+  }
+  if (*size < 4) return WSAEFAULT;
+  const uint16_t words[2] = {socket.linger_on, static_cast<uint16_t>(socket.linger_seconds)};
+  std::memcpy(out, words, sizeof words);
+  *size = sizeof words;
+  return 0;
+}
+
+int SetLinger(Socket& socket, const char* value, int size) {
+  if (!socket.stream()) return WSAENOPROTOOPT;
+  if (size < 4) return WSAEFAULT;
+  int on = 0, seconds = 0;
+  if (size >= 8) {
+    std::memcpy(&on, value, 4);
+    std::memcpy(&seconds, value + 4, 4);
+  } else {
+    uint16_t words[2];
+    std::memcpy(words, value, 4);
+    on = words[0];
+    seconds = words[1];
+  }
+  socket.linger_on = on != 0;
+  socket.linger_seconds = seconds;
+  return 0;
+}
+
+void ApplyBuffers(Socket& socket) {
+  if (socket.tcp) socket.tcp->SetBuffers(socket.buffers);
+  if (socket.listener) socket.listener->SetBuffers(socket.buffers);
+  if (socket.datagrams) socket.datagrams->limit = socket.buffers.receive;
+}
+
+}  // namespace
+
+int GetOption(Socket& socket, int level, int option, char* value, int* size) {
+  socket.Settle();
+  if (level != SOL_SOCKET) {
+    const auto at = socket.plain_options.find({level, option});
+    return Put(at == socket.plain_options.end() ? 0 : at->second, value, size);
+  }
+  switch (option) {
+    case SO_ERROR:
+      if (*size < static_cast<int>(sizeof(int))) return WSAEFAULT;
+      return Put(std::exchange(socket.pending_error, 0), value, size);
+    case SO_TYPE:
+      return Put(socket.type, value, size);
+    case SO_SNDBUF:
+      return Put(static_cast<int>(socket.buffers.send), value, size);
+    case SO_RCVBUF:
+      return Put(static_cast<int>(socket.buffers.receive), value, size);
+    case SO_ACCEPTCONN:
+      return Put(socket.listener != nullptr, value, size);
+    case SO_REUSEADDR:
+      return Put(socket.share, value, size);
+    case SO_EXCLUSIVEADDRUSE:
+      return Put(socket.exclusive, value, size);
+    case SO_LINGER:
+      return PutLinger(socket, value, size);
+    case SO_SNDTIMEO:
+      return Put(static_cast<int>(socket.send_timeout_ms), value, size);
+    case SO_RCVTIMEO:
+      return Put(static_cast<int>(socket.receive_timeout_ms), value, size);
+    case SO_KEEPALIVE:
+    case SO_DEBUG:
+    case SO_DONTROUTE:
+    case SO_BROADCAST:
+    case SO_OOBINLINE: {
+      const auto at = socket.plain_options.find({level, option});
+      return Put(at == socket.plain_options.end() ? 0 : at->second, value, size);
+    }
+    default:
+      return WSAENOPROTOOPT;
+  }
+}
+
+int SetOption(Socket& socket, int level, int option, const char* value, int size) {
+  if (level == SOL_SOCKET && option == SO_LINGER) return SetLinger(socket, value, size);
+  if (size < static_cast<int>(sizeof(int))) return WSAEFAULT;
+  int number = 0;
+  std::memcpy(&number, value, sizeof number);
+  if (level != SOL_SOCKET) {
+    socket.plain_options[{level, option}] = number;
+    return 0;
+  }
+  switch (option) {
+    case SO_SNDBUF:
+      if (number < 0) return WSAEINVAL;
+      socket.buffers.send = static_cast<size_t>(number);
+      ApplyBuffers(socket);
+      return 0;
+    case SO_RCVBUF:
+      if (number < 0) return WSAEINVAL;
+      socket.buffers.receive = static_cast<size_t>(number);
+      ApplyBuffers(socket);
+      return 0;
+    case SO_REUSEADDR:
+      if (socket.exclusive && number != 0) return WSAEINVAL;
+      socket.share = number != 0;
+      return 0;
+    case SO_EXCLUSIVEADDRUSE:
+      if (socket.binding || (socket.share && number != 0)) return WSAEINVAL;
+      socket.exclusive = number != 0;
+      return 0;
+    case SO_SNDTIMEO:
+      socket.send_timeout_ms = static_cast<DWORD>(number);
+      return 0;
+    case SO_RCVTIMEO:
+      socket.receive_timeout_ms = static_cast<DWORD>(number);
+      return 0;
+    case SO_KEEPALIVE:
+    case SO_DEBUG:
+    case SO_DONTROUTE:
+    case SO_BROADCAST:
+    case SO_OOBINLINE:
+      socket.plain_options[{level, option}] = number != 0;
+      return 0;
+    default:
+      return WSAENOPROTOOPT;
+  }
+}
+
+}  // namespace sim

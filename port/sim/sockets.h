@@ -1,0 +1,101 @@
+// The sockets of every simulated process, and what the calls on them do.
+//
+// The calls are Windows' own, one function each; base_provider.cpp hands them out as a table.
+// Each answers a Winsock error number, 0 for success. Addresses are in host order here.
+#pragma once
+#include <winsock2.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include "port/sim/scheduler.h"
+#include "port/sim/stack.h"
+
+namespace sim {
+
+// A socket belongs to one process and is held by whoever is inside a call on it: closing it
+// under a blocked call ends that call with WSAEINTR.
+struct Socket {
+  SOCKET handle = INVALID_SOCKET;
+  Process* process = nullptr;
+  int type = 0;
+  int protocol = 0;
+  bool nonblocking = false;
+  bool closed = false;
+
+  std::shared_ptr<Binding> binding;  // null: unbound
+  Address local;                     // as getsockname tells it
+  Address peer;
+  bool share = false, exclusive = false;
+
+  // A stream is idle, listening, connecting (tcp set, not yet settled) or connected.
+  std::shared_ptr<TcpConnection> tcp;
+  std::shared_ptr<TcpListener> listener;
+  bool connecting = false;
+  bool connect_failed = false;  // shows in the exception set until the next connect
+  int pending_error = 0;        // SO_ERROR
+  bool send_shut = false, receive_shut = false;
+  TcpConnection::Buffers buffers;
+  bool linger_on = false;
+  int linger_seconds = 0;
+
+  std::shared_ptr<DatagramPort> datagrams;  // UDP and raw sockets, from the start
+
+  DWORD send_timeout_ms = 0, receive_timeout_ms = 0;  // 0: none
+  std::map<std::pair<int, int>, int> plain_options;   // stored, without effect
+
+  bool stream() const { return type == SOCK_STREAM; }
+  Stack& stack() const { return process->host.stack(); }
+
+  // Takes notice of how a pending connect ended.
+  void Settle();
+  bool CanRead() const;
+  bool CanWrite() const;
+  bool HasException() const;
+};
+using SocketRef = std::shared_ptr<Socket>;
+
+class SocketTable {
+ public:
+  explicit SocketTable(bool reuse) : reuse_(reuse) {}
+  SOCKET Add(SocketRef socket);
+  // Null for a handle that is closed or another process's.
+  SocketRef Find(SOCKET handle, const Process& process) const;
+  void Remove(SOCKET handle);
+  void CloseAllOf(Process& process);  // as a process's sudden end does: streams are reset
+  void SetReuse(bool reuse) { reuse_ = reuse; }
+  size_t size() const { return sockets_.size(); }
+
+ private:
+  bool reuse_;  // true: the value closed last comes back first
+  SOCKET next_ = 0x100;
+  std::vector<SOCKET> closed_;
+  std::map<SOCKET, SocketRef> sockets_;
+};
+
+int OpenSocket(Process& process, int family, int type, int protocol, SOCKET* out);
+int CloseSocket(Socket& socket);
+int Bind(Socket& socket, const Address& address);
+int Listen(Socket& socket, int backlog);
+int Accept(Socket& socket, SOCKET* out, Address* peer);
+int Connect(Socket& socket, const Address& address);
+int Shutdown(Socket& socket, int how);
+int LocalName(const Socket& socket, Address* out);
+int PeerName(Socket& socket, Address* out);
+
+int Send(Socket& socket, const std::string& data, DWORD* sent);
+int SendTo(Socket& socket, const std::string& data, const std::optional<Address>& to, DWORD* sent);
+// `*from` is set for datagrams. 10040 with the part that fits where a datagram is too long.
+int Receive(Socket& socket, char* out, size_t size, bool peek, DWORD* received,
+            std::optional<Address>* from);
+
+int GetOption(Socket& socket, int level, int option, char* value, int* size);
+int SetOption(Socket& socket, int level, int option, const char* value, int size);
+int PendingBytes(const Socket& socket, DWORD* out);
+
+int Select(const Process& process, fd_set* read, fd_set* write, fd_set* except,
+           const struct timeval* timeout, int* ready);
+
+}  // namespace sim

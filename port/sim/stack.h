@@ -1,0 +1,89 @@
+// The TCP/IP of one host: which port belongs to whom, and what an arriving packet means.
+#pragma once
+#include <list>
+#include <map>
+#include <memory>
+
+#include "port/sim/network.h"
+#include "port/sim/tcp.h"
+
+namespace sim {
+
+// Where datagrams arrive: a UDP socket's, or a raw ICMP socket's with the IP header in front.
+struct DatagramPort {
+  struct Datagram {
+    Address from;
+    std::string data;
+  };
+  Protocol protocol = Protocol::kUdp;
+  Address local;
+  Address peer;  // connected: only this one is heard; all zero: everybody
+  size_t limit = 65536;
+  size_t bytes = 0;  // in `queue`; what does not fit any more is dropped
+  std::deque<Datagram> queue;
+  uint64_t dropped = 0;
+  bool report_unreachable = true;  // SIO_UDP_CONNRESET
+  bool unreachable = false;        // the next receive fails with 10054
+};
+
+// A socket's claim on a port.
+struct Binding {
+  Protocol protocol = Protocol::kTcp;
+  Address local;
+  bool share = false;      // SO_REUSEADDR
+  bool exclusive = false;  // SO_EXCLUSIVEADDRUSE
+};
+
+class Stack {
+ public:
+  Stack(Network& network, Host& host) : network_(network), host_(host) {}
+
+  Network& network() { return network_; }
+  Host& host() { return host_; }
+  void Receive(const Packet& packet);
+
+  bool IsLocal(uint32_t ip) const;
+  // The address that a packet to `ip` leaves with.
+  uint32_t SourceFor(uint32_t ip) const;
+  bool HasUnacknowledged() const;
+
+  // The claims: a conflict is what Windows refuses with 10048.
+  bool Conflicts(const Binding& wanted) const;
+  void Claim(std::shared_ptr<Binding> binding) { bindings_.push_back(std::move(binding)); }
+  void Disclaim(const std::shared_ptr<Binding>& binding) { bindings_.remove(binding); }
+  uint16_t EphemeralPort(Protocol protocol);  // 0: all are taken
+
+  // Null when a connection between these two is alive.
+  std::shared_ptr<TcpConnection> Connect(const Address& local, const Address& remote,
+                                         const TcpConnection::Buffers& buffers);
+  void Listen(std::shared_ptr<TcpListener> listener) { listeners_.push_back(std::move(listener)); }
+  void StopListening(const std::shared_ptr<TcpListener>& listener);
+  void Forget(const TcpConnection& connection);
+
+  void Open(std::shared_ptr<DatagramPort> port) { ports_.push_back(std::move(port)); }
+  void Close(const std::shared_ptr<DatagramPort>& port) { ports_.remove(port); }
+  void SendUdp(const Address& from, const Address& to, std::string data);
+  void SendIcmp(const Address& from, const Address& to, std::string message);
+
+ private:
+  using Ends = std::pair<Address, Address>;  // local, remote
+
+  void ReceiveTcp(const Packet& packet);
+  void Refuse(const Packet& packet);
+  std::shared_ptr<TcpListener> ListenerFor(const Address& local) const;
+  void ReceiveUdp(const Packet& packet);
+  void ReceiveIcmp(const Packet& packet);
+  void OnUnreachable(const Packet& packet);
+  static void Deliver(DatagramPort& port, const Address& from, std::string data);
+
+  Network& network_;
+  Host& host_;
+  uint16_t last_ephemeral_ = 49151;
+  uint16_t packet_id_ = 0;
+  std::map<Ends, std::shared_ptr<TcpConnection>> connections_;
+  std::list<std::shared_ptr<TcpListener>> listeners_;
+  std::list<std::shared_ptr<DatagramPort>> ports_;
+  std::list<std::shared_ptr<Binding>> bindings_;
+};
+
+}  // namespace sim

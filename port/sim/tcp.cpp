@@ -1,0 +1,364 @@
+#include "port/sim/tcp.h"
+
+#include <winsock2.h>
+
+#include "port/sim/stack.h"
+
+namespace sim {
+
+namespace {
+constexpr Micros kFirstConnectTimeout = 3'000'000;
+constexpr int kConnectTries = 3;  // 3 + 6 + 12 s
+constexpr Micros kLeastTimeout = 300'000;
+constexpr Micros kMostTimeout = 60'000'000;
+constexpr int kDataRetries = 5;
+constexpr Micros kTimeWait = 60'000'000;
+constexpr Micros kOrphanLife = 120'000'000;  // a peer that never closes its side
+constexpr int kDuplicatesThatMeanLoss = 3;
+constexpr size_t kMaxSegment = 1460;
+constexpr size_t kMaxLoopbackSegment = 65495;
+}  // namespace
+
+TcpConnection::TcpConnection(Stack& stack, const Address& local, const Address& remote,
+                             const Buffers& buffers)
+    : stack_(stack), local_(local), remote_(remote), buffers_(buffers) {}
+
+// --- the owner's side -----------------------------------------------------------------------
+
+void TcpConnection::Connect() {
+  state_ = State::kSynSent;
+  connection_ = stack_.network().NextConnection();
+  timeout_ = kFirstConnectTimeout;
+  Emit(0, {}, true, false, false);
+  next_ = 1;
+  ArmTimer(true);
+}
+
+void TcpConnection::AcceptFrom(const Packet& syn, const std::shared_ptr<TcpListener>& listener) {
+  state_ = State::kSynReceived;
+  connection_ = syn.tcp.connection;
+  listener_ = listener;
+  ++listener->half_open;
+  expected_ = 1;
+  peer_window_ = syn.tcp.window;
+  peer_stamp_ = syn.tcp.stamp;
+  timeout_ = kFirstConnectTimeout;
+  Emit(0, {}, true, false, false);
+  next_ = 1;
+  ArmTimer(true);
+}
+
+size_t TcpConnection::room() const {
+  return out_.size() >= buffers_.send ? 0 : buffers_.send - out_.size();
+}
+
+size_t TcpConnection::Write(std::string_view data) {
+  const size_t n = std::min(data.size(), room());
+  out_.Append(data.substr(0, n));
+  SendWhatFits();
+  return n;
+}
+
+size_t TcpConnection::Read(char* out, size_t most, bool peek) {
+  const size_t n = in_.Peek(out, most);
+  if (peek || n == 0) return n;
+  in_.Drop(n);
+  // A window that was all but shut is announced again once a segment fits, not for each byte.
+  const size_t worth_telling = std::min(segment_size(), buffers_.receive / 2);
+  if (state_ == State::kOpen && told_window_ < worth_telling && window() >= worth_telling)
+    SendAck();
+  return n;
+}
+
+void TcpConnection::FinishWriting() {
+  if (finish_ || dead()) return;
+  finish_ = true;
+  SendWhatFits();
+}
+
+void TcpConnection::StopReading() {
+  stopped_reading_ = true;
+  in_.Clear();
+}
+
+void TcpConnection::Release(bool abort) {
+  if (dead()) return;
+  if (abort || !in_.empty() || state_ != State::kOpen) {
+    if (state_ != State::kSynSent) Emit(next_, {}, false, false, true);
+    Die(0);
+    return;
+  }
+  released_ = true;
+  FinishWriting();
+  if (both_finished()) LingerThenVanish();
+  WatchOrphan();
+}
+
+// Nobody owns it any more: it lives while it still delivers, and then a while for its peer to
+// close the other direction.
+void TcpConnection::WatchOrphan() {
+  Later(kOrphanLife, [](TcpConnection& it) {
+    if (it.all_acknowledged())
+      it.Die(0);
+    else
+      it.WatchOrphan();
+  });
+}
+
+void TcpConnection::SetBuffers(const Buffers& buffers) {
+  buffers_ = buffers;
+  if (state_ == State::kOpen) SendWhatFits();
+}
+
+bool TcpConnection::all_acknowledged() const {
+  if (state_ != State::kOpen) return true;
+  return out_.empty() && unacknowledged_ == next_ && finish_ == finish_sent_;
+}
+
+// --- out ------------------------------------------------------------------------------------
+
+size_t TcpConnection::window() const {
+  if (stopped_reading_) return buffers_.receive;
+  return in_.size() >= buffers_.receive ? 0 : buffers_.receive - in_.size();
+}
+
+size_t TcpConnection::segment_size() const {
+  return stack_.IsLocal(remote_.ip) ? kMaxLoopbackSegment : kMaxSegment;
+}
+
+void TcpConnection::Emit(uint64_t sequence, std::string data, bool syn, bool fin, bool rst) {
+  Packet packet;
+  packet.protocol = Protocol::kTcp;
+  packet.from = local_;
+  packet.to = remote_;
+  packet.payload = std::move(data);
+  packet.tcp.syn = syn;
+  packet.tcp.fin = fin;
+  packet.tcp.rst = rst;
+  packet.tcp.ack = state_ != State::kSynSent;
+  packet.tcp.sequence = sequence;
+  packet.tcp.acknowledged = expected_;
+  packet.tcp.window = static_cast<uint32_t>(window());
+  packet.tcp.connection = connection_;
+  packet.tcp.stamp = ++stamp_;
+  told_window_ = window();
+  stack_.network().Send(stack_.host(), std::move(packet));
+}
+
+void TcpConnection::SendWhatFits() {
+  if (state_ != State::kOpen) return;
+  const uint64_t limit = unacknowledged_ + peer_window_;
+  while (next_ < end_of_data() && next_ < limit) {
+    const size_t n = static_cast<size_t>(
+        std::min<uint64_t>({segment_size(), end_of_data() - next_, limit - next_}));
+    if (timed_sequence_ == 0) {
+      timed_sequence_ = next_ + n;
+      timed_at_ = stack_.network().scheduler().now();
+    }
+    Emit(next_, out_.Copy(static_cast<size_t>(next_ - unacknowledged_), n), false, false, false);
+    next_ += n;
+  }
+  if (finish_ && !finish_sent_ && next_ == end_of_data()) {
+    Emit(next_, {}, false, true, false);
+    finish_sent_ = true;
+    ++next_;
+  }
+  ArmTimer(false);
+}
+
+void TcpConnection::RetransmitFirst() {
+  timed_sequence_ = 0;  // its acknowledgement would not say which copy it answers
+  if (state_ != State::kOpen) {
+    Emit(0, {}, true, false, false);
+    return;
+  }
+  const uint64_t data_under_way =
+      std::min(next_ - (finish_sent_ ? 1 : 0), end_of_data()) - unacknowledged_;
+  const size_t n = static_cast<size_t>(std::min<uint64_t>(segment_size(), data_under_way));
+  if (n > 0) {
+    Emit(unacknowledged_, out_.Copy(0, n), false, false, false);
+  } else if (finish_sent_ && unacknowledged_ < next_) {
+    Emit(unacknowledged_, {}, false, true, false);
+  } else {
+    // A probe of a shut window: an old number, which the peer must answer with its state.
+    Emit(unacknowledged_ - 1, {}, false, false, false);
+  }
+}
+
+void TcpConnection::ArmTimer(bool again) {
+  const bool needed =
+      state_ != State::kOpen || unacknowledged_ < next_ || !out_.empty() || finish_ != finish_sent_;
+  if (!needed || dead()) {
+    timer_armed_ = false;
+    ++timer_;
+    return;
+  }
+  if (timer_armed_ && !again) return;
+  timer_armed_ = true;
+  if (timeout_ == 0) timeout_ = kLeastTimeout;
+  Later(timeout_, [number = ++timer_](TcpConnection& it) {
+    if (it.timer_ == number) it.OnTimer();
+  });
+}
+
+void TcpConnection::OnTimer() {
+  timer_armed_ = false;
+  const bool handshake = state_ != State::kOpen;
+  if (++retries_ >= (handshake ? kConnectTries : kDataRetries + 1)) {
+    Die(WSAETIMEDOUT);
+    return;
+  }
+  timeout_ = std::min(timeout_ * 2, kMostTimeout);
+  recover_ = next_;
+  RetransmitFirst();
+  ArmTimer(true);
+}
+
+// --- in -------------------------------------------------------------------------------------
+
+void TcpConnection::Receive(const Packet& packet) {
+  auto keep = shared_from_this();
+  if (packet.tcp.rst) {
+    OnReset();
+    return;
+  }
+  if (state_ == State::kSynSent) {
+    if (!packet.tcp.syn || !packet.tcp.ack) return;
+    state_ = State::kOpen;
+    expected_ = 1;
+    unacknowledged_ = 1;
+    peer_window_ = packet.tcp.window;
+    peer_stamp_ = packet.tcp.stamp;
+    retries_ = 0;
+    timeout_ = kLeastTimeout;
+    SendAck();
+    ArmTimer(true);
+    return;
+  }
+  if (packet.tcp.syn) {
+    // Our answer to it, or the acknowledgement of theirs, was lost.
+    if (state_ == State::kSynReceived)
+      Emit(0, {}, true, false, false);
+    else
+      SendAck();
+    return;
+  }
+  if (packet.tcp.ack) OnAcknowledged(packet);
+  if (state_ == State::kOpen) OnData(packet);
+}
+
+void TcpConnection::OnAcknowledged(const Packet& packet) {
+  const uint64_t acknowledged = packet.tcp.acknowledged;
+  if (acknowledged > next_) return;
+  if (state_ == State::kSynReceived) {
+    if (acknowledged < 1) return;
+    state_ = State::kOpen;
+    unacknowledged_ = 1;
+    retries_ = 0;
+    timeout_ = kLeastTimeout;
+    ArmTimer(true);
+    auto listener = listener_.lock();
+    if (!listener) {
+      Release(true);
+      return;
+    }
+    --listener->half_open;
+    listener->ready.push_back(shared_from_this());
+  }
+  const bool window_changed = packet.tcp.window != peer_window_;
+  if (packet.tcp.stamp > peer_stamp_) {
+    peer_stamp_ = packet.tcp.stamp;
+    peer_window_ = packet.tcp.window;
+  }
+  if (acknowledged > unacknowledged_) {
+    out_.Drop(static_cast<size_t>(std::min(acknowledged, end_of_data()) - unacknowledged_));
+    unacknowledged_ = acknowledged;
+    duplicates_ = 0;
+    retries_ = 0;
+    if (timed_sequence_ != 0 && acknowledged >= timed_sequence_) {
+      const Micros round_trip = stack_.network().scheduler().now() - timed_at_;
+      timeout_ = std::clamp(round_trip * 2, kLeastTimeout, kMostTimeout);
+      timed_sequence_ = 0;
+    }
+    if (acknowledged < recover_) RetransmitFirst();
+    ArmTimer(true);
+  } else if (unacknowledged_ < next_ && packet.payload.empty() && !packet.tcp.fin &&
+             !window_changed) {
+    if (++duplicates_ == kDuplicatesThatMeanLoss && recover_ <= unacknowledged_) {
+      recover_ = next_;
+      RetransmitFirst();
+    }
+  } else {
+    retries_ = 0;  // an answered probe: the peer lives
+  }
+  SendWhatFits();
+  if (released_ && both_finished()) LingerThenVanish();
+}
+
+void TcpConnection::OnData(const Packet& packet) {
+  const uint64_t begin = packet.tcp.sequence;
+  const uint64_t end = begin + packet.payload.size();
+  if (packet.payload.empty() && !packet.tcp.fin && begin >= expected_) return;  // a bare ACK
+  if (released_ && end > expected_) {
+    // Nobody will read this: say so, as Windows does.
+    Emit(next_, {}, false, false, true);
+    Die(0);
+    return;
+  }
+  if (packet.tcp.fin) finish_at_ = end;
+  if (end > expected_ && begin < expected_ + window()) {
+    std::string& place = early_[begin];
+    if (packet.payload.size() > place.size()) place = packet.payload;
+  }
+  while (!early_.empty() && early_.begin()->first <= expected_) {
+    const auto first = early_.begin();
+    const uint64_t known = expected_ - first->first;
+    const std::string data = std::move(first->second);
+    early_.erase(first);
+    if (known < data.size()) TakeInOrder(std::string_view(data).substr(static_cast<size_t>(known)));
+  }
+  if (expected_ == finish_at_ && !finished_in_) {
+    finished_in_ = true;
+    ++expected_;
+  }
+  SendAck();
+  if (released_ && both_finished()) LingerThenVanish();
+}
+
+void TcpConnection::TakeInOrder(std::string_view data) {
+  const size_t n = std::min(data.size(), window());  // beyond it the sender has to try again
+  if (!stopped_reading_) in_.Append(data.substr(0, n));
+  expected_ += n;
+}
+
+void TcpConnection::OnReset() {
+  if (auto listener = listener_.lock(); listener && state_ == State::kSynReceived)
+    --listener->half_open;
+  Die(state_ == State::kSynSent ? WSAECONNREFUSED : WSAECONNRESET);
+}
+
+// Buffers go with it: what a reset overtakes is lost, on both sides.
+void TcpConnection::Die(int error) {
+  if (dead()) return;
+  state_ = State::kDead;
+  error_ = error;
+  out_.Clear();
+  in_.Clear();
+  early_.clear();
+  stack_.Forget(*this);
+}
+
+// Stays a while to acknowledge a FIN whose acknowledgement was lost.
+void TcpConnection::LingerThenVanish() {
+  Later(kTimeWait, [](TcpConnection& it) { it.Die(0); });
+}
+
+void TcpConnection::Later(Micros delay, std::function<void(TcpConnection&)> what) {
+  Scheduler& scheduler = stack_.network().scheduler();
+  scheduler.At(scheduler.now() + delay, [self = weak_from_this(), what = std::move(what)] {
+    auto it = self.lock();
+    if (it && !it->dead()) what(*it);
+  });
+}
+
+}  // namespace sim

@@ -1,0 +1,139 @@
+// One end of a TCP connection, and a listener.
+//
+// A small TCP over packets that may be lost, doubled or overtaken: cumulative acknowledgement,
+// retransmission with doubling delay, fast retransmission, a window that follows the reader,
+// probes of a closed window, half close, reset. No congestion control, no Nagle: neither shows
+// in what a program can promise or break. Time-outs are Windows': a connect gives up after
+// 3 + 6 + 12 s, data after five retransmissions.
+#pragma once
+#include <deque>
+#include <map>
+#include <memory>
+
+#include "port/sim/byte_queue.h"
+#include "port/sim/network.h"
+
+namespace sim {
+
+class Stack;
+class TcpListener;
+
+class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
+ public:
+  struct Buffers {
+    size_t send = 65536;
+    size_t receive = 65536;
+  };
+  TcpConnection(Stack& stack, const Address& local, const Address& remote, const Buffers& buffers);
+
+  // --- the owner's side ---
+  void Connect();  // sends the first segment
+  void AcceptFrom(const Packet& syn, const std::shared_ptr<TcpListener>& listener);
+  // As many bytes as the send buffer has room for; 0: none.
+  size_t Write(std::string_view data);
+  size_t Read(char* out, size_t most, bool peek);
+  void FinishWriting();  // a FIN behind what is queued
+  void StopReading();    // what arrives from now on is thrown away
+  // The owner goes. Unread bytes or `abort` reset the connection, else what is queued is still
+  // delivered.
+  void Release(bool abort);
+  void SetBuffers(const Buffers& buffers);
+
+  const Address& local() const { return local_; }
+  const Address& remote() const { return remote_; }
+  bool connecting() const { return state_ == State::kSynSent; }
+  bool open() const { return state_ == State::kOpen; }
+  bool dead() const { return state_ == State::kDead; }
+  int error() const { return error_; }  // why it is dead; 0: closed in order
+  size_t unread() const { return in_.size(); }
+  bool at_end() const { return finished_in_ && in_.empty(); }
+  size_t room() const;  // in the send buffer
+  bool writing_finished() const { return finish_; }
+  bool all_acknowledged() const;  // nothing queued, FIN included
+
+  // --- the stack's side ---
+  void Receive(const Packet& packet);
+  uint64_t connection() const { return connection_; }
+  // Only kept to answer what is late: its ports may be used again.
+  bool in_time_wait() const { return released_ && both_finished(); }
+
+ private:
+  enum class State { kNew, kSynSent, kSynReceived, kOpen, kDead };
+
+  bool both_finished() const { return finished_in_ && finish_ && all_acknowledged(); }
+  uint64_t end_of_data() const { return unacknowledged_ + out_.size(); }
+  size_t window() const;
+  size_t segment_size() const;
+  void Emit(uint64_t sequence, std::string data, bool syn, bool fin, bool rst);
+  void SendAck() { Emit(next_, {}, false, false, false); }
+  void SendWhatFits();
+  void RetransmitFirst();
+  void OnAcknowledged(const Packet& packet);
+  void OnData(const Packet& packet);
+  void TakeInOrder(std::string_view data);
+  void OnReset();
+  void ArmTimer(bool again);
+  void OnTimer();
+  void Die(int error);
+  void LingerThenVanish();
+  void WatchOrphan();
+  void Later(Micros delay, std::function<void(TcpConnection&)> what);
+
+  Stack& stack_;
+  const Address local_, remote_;
+  Buffers buffers_;
+  State state_ = State::kNew;
+  int error_ = 0;
+  bool released_ = false;
+  uint64_t connection_ = 0;
+  uint64_t stamp_ = 0;
+  std::weak_ptr<TcpListener> listener_;
+
+  // Out: [unacknowledged_, next_) is under way, out_ holds it and what follows.
+  ByteQueue out_;
+  uint64_t unacknowledged_ = 0;
+  uint64_t next_ = 0;
+  uint64_t recover_ = 0;  // what was sent when a loss was seen: until there, holes are filled
+  bool finish_ = false;
+  bool finish_sent_ = false;
+  uint32_t peer_window_ = 0;
+  uint64_t peer_stamp_ = 0;
+  int duplicates_ = 0;
+
+  // In: everything before expected_ is in in_ or read; early_ waits for a hole to be filled.
+  ByteQueue in_;
+  uint64_t expected_ = 0;
+  std::map<uint64_t, std::string> early_;
+  uint64_t finish_at_ = UINT64_MAX;
+  bool finished_in_ = false;
+  bool stopped_reading_ = false;
+  size_t told_window_ = 0;
+
+  uint64_t timer_ = 0;  // the newest timer's number; older ones find that they are
+  bool timer_armed_ = false;
+  Micros timeout_ = 0;
+  int retries_ = 0;
+  uint64_t timed_sequence_ = 0;  // a segment whose round trip is being measured; 0: none
+  Micros timed_at_ = 0;
+};
+
+class TcpListener {
+ public:
+  TcpListener(const Address& local, size_t backlog, const TcpConnection::Buffers& buffers)
+      : local_(local), backlog_(backlog), buffers_(buffers) {}
+
+  const Address& local() const { return local_; }
+  const TcpConnection::Buffers& buffers() const { return buffers_; }
+  void SetBuffers(const TcpConnection::Buffers& buffers) { buffers_ = buffers; }
+  bool full() const { return half_open + ready.size() >= backlog_; }
+
+  size_t half_open = 0;
+  std::deque<std::shared_ptr<TcpConnection>> ready;  // not yet accepted
+
+ private:
+  const Address local_;
+  const size_t backlog_;
+  TcpConnection::Buffers buffers_;
+};
+
+}  // namespace sim
