@@ -155,7 +155,7 @@ int WSPAPI WspGetSockOpt(SOCKET s, int level, int option, char* value, LPINT val
 // Connects in the call itself, so that there is never anything pending: TRUE, or FALSE with the
 // error of the connect.
 BOOL WINAPI ConnectEx(SOCKET s, const struct sockaddr* name, int name_size, PVOID data, DWORD size,
-                      LPDWORD sent, LPOVERLAPPED) {
+                      LPDWORD sent, LPOVERLAPPED overlapped) {
   const auto fail = [](int error) {
     WSASetLastError(error);
     return FALSE;
@@ -164,7 +164,7 @@ BOOL WINAPI ConnectEx(SOCKET s, const struct sockaddr* name, int name_size, PVOI
   if (port::Fails("ConnectEx", &injected)) return fail(injected);
   const auto socket = Find(s);
   if (!socket) return fail(WSAENOTSOCK);
-  if (!socket->binding) return fail(WSAEINVAL);
+  if (!overlapped || !socket->binding) return fail(WSAEINVAL);
   Address address;
   int result = ReadAddress(name, name_size, &address);
   const bool nonblocking = std::exchange(socket->nonblocking, false);
@@ -187,7 +187,7 @@ int GiveExtension(LPVOID in, DWORD in_size, LPVOID out, DWORD out_size, LPDWORD 
   if (!(id == kConnectExId)) return WSAEINVAL;
   const LPFN_CONNECTEX function = ConnectEx;
   std::memcpy(out, &function, sizeof function);
-  if (returned) *returned = sizeof function;
+  *returned = sizeof function;
   return 0;
 }
 
@@ -198,13 +198,14 @@ int Control(Socket& socket, DWORD code, LPVOID in, DWORD in_size, LPVOID out, DW
     if (!out || out_size < sizeof value) return WSAEFAULT;
     PendingBytes(socket, &value);
     std::memcpy(out, &value, sizeof value);
-    if (returned) *returned = sizeof value;
+    *returned = sizeof value;
     return 0;
   }
   if (code == SIO_GET_EXTENSION_FUNCTION_POINTER)
     return GiveExtension(in, in_size, out, out_size, returned);
   if (code != static_cast<DWORD>(FIONBIO) && code != SIO_UDP_CONNRESET) return WSAEOPNOTSUPP;
-  if (!in || in_size < 1) return WSAEFAULT;
+  const DWORD least = code == SIO_UDP_CONNRESET ? 1 : sizeof value;
+  if (!in || in_size < least) return WSAEFAULT;
   std::memcpy(&value, in, std::min<size_t>(in_size, sizeof value));
   if (code == SIO_UDP_CONNRESET) {
     if (!socket.datagrams) return WSAEINVAL;
@@ -212,7 +213,7 @@ int Control(Socket& socket, DWORD code, LPVOID in, DWORD in_size, LPVOID out, DW
   } else {
     socket.nonblocking = value != 0;
   }
-  if (returned) *returned = 0;
+  *returned = 0;
   return 0;
 }
 
@@ -240,9 +241,11 @@ int ReceiveInto(const char* call, SOCKET s, LPWSABUF buffers, DWORD count, LPDWO
                 LPINT error) {
   const auto socket = Find(s);
   if (!socket) return Answer(call, s, WSAENOTSOCK, error);
-  if (!flags || (count > 0 && !buffers)) return Answer(call, s, WSAEFAULT, error);
-  if (overlapped || (*flags & ~static_cast<DWORD>(MSG_PEEK)) != 0)
-    return Answer(call, s, WSAEOPNOTSUPP, error);
+  if (overlapped) return Answer(call, s, WSAEOPNOTSUPP, error);
+  if (!buffers || !received || !flags) return Answer(call, s, WSAEFAULT, error);
+  if (from && (!from_size || *from_size < static_cast<int>(sizeof(sockaddr_in))))
+    return Answer(call, s, WSAEFAULT, error);
+  if ((*flags & ~static_cast<DWORD>(MSG_PEEK)) != 0) return Answer(call, s, WSAEOPNOTSUPP, error);
   std::string space(Room(buffers, count), '\0');
   DWORD n = 0;
   std::optional<Address> peer;
@@ -250,9 +253,9 @@ int ReceiveInto(const char* call, SOCKET s, LPWSABUF buffers, DWORD count, LPDWO
       Receive(*socket, space.data(), space.size(), (*flags & MSG_PEEK) != 0, &n, &peer);
   if (result == 0 || result == WSAEMSGSIZE) {
     Scatter(std::string_view(space).substr(0, n), buffers, count);
-    if (received) *received = n;
+    *received = n;
     *flags = 0;
-    if (peer && from && from_size) WriteAddress(*peer, from, from_size);
+    if (peer && from) WriteAddress(*peer, from, from_size);
   }
   return Answer(call, s, result, error, Format("%u bytes", n));
 }
@@ -283,11 +286,12 @@ int WSPAPI WspSelect(int, fd_set* read, fd_set* write, fd_set* except,
   return ready;
 }
 
-int CheckSend(const SocketRef& socket, const WSABUF* buffers, DWORD count, DWORD flags,
+int CheckSend(const SocketRef& socket, const WSABUF* buffers, const DWORD* sent, DWORD flags,
               bool overlapped) {
   if (!socket) return WSAENOTSOCK;
-  if (count > 0 && !buffers) return WSAEFAULT;
-  return overlapped || flags != 0 ? WSAEOPNOTSUPP : 0;
+  if (overlapped) return WSAEOPNOTSUPP;
+  if (!buffers || !sent) return WSAEFAULT;
+  return flags != 0 ? WSAEOPNOTSUPP : 0;
 }
 
 int WSPAPI WspSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,
@@ -296,9 +300,9 @@ int WSPAPI WspSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD 
   if (port::Fails("WSPSend", error)) return SOCKET_ERROR;
   const auto socket = Find(s);
   DWORD n = 0;
-  int result = CheckSend(socket, buffers, count, flags, overlapped || completion);
+  int result = CheckSend(socket, buffers, sent, flags, overlapped || completion);
   if (result == 0) result = Send(*socket, Gather(buffers, count), &n);
-  if (result == 0 && sent) *sent = n;
+  if (result == 0) *sent = n;
   return Answer("send", s, result, error, Format("%u bytes", n));
 }
 
@@ -309,13 +313,13 @@ int WSPAPI WspSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWOR
   const auto socket = Find(s);
   DWORD n = 0;
   std::optional<Address> target;
-  int result = CheckSend(socket, buffers, count, flags, overlapped || completion);
+  int result = CheckSend(socket, buffers, sent, flags, overlapped || completion);
   if (result == 0 && to && !socket->stream()) {
     target.emplace();
     result = ReadAddress(to, to_size, &*target);
   }
   if (result == 0) result = SendTo(*socket, Gather(buffers, count), target, &n);
-  if (result == 0 && sent) *sent = n;
+  if (result == 0) *sent = n;
   return Answer("sendto", s, result, error,
                 Format("%u bytes", n) + (target ? " to " + ToText(*target) : ""));
 }

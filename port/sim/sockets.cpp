@@ -267,7 +267,8 @@ int Connect(Socket& socket, const Address& address) {
 int Shutdown(Socket& socket, int how) {
   socket.Settle();
   if (how < SD_RECEIVE || how > SD_BOTH) return WSAEINVAL;
-  if (socket.stream() && (!socket.tcp || socket.connecting)) return WSAENOTCONN;
+  const bool connected = socket.stream() ? socket.tcp && !socket.connecting : socket.peer.ip != 0;
+  if (!connected) return WSAENOTCONN;
   if (how != SD_SEND) {
     socket.receive_shut = true;
     if (socket.tcp) socket.tcp->StopReading();

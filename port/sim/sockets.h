@@ -8,7 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <span>
+#include <utility>
 
 #include "port/sim/scheduler.h"
 #include "port/sim/stack.h"

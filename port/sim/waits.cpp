@@ -1,5 +1,6 @@
 // Events, mutexes and the wait for one object.
 #include <map>
+#include <utility>
 
 #include "port/shared/faults.h"
 #include "port/shared/text.h"

@@ -1,0 +1,41 @@
+// A world in a process of its own: statics start fresh, a crash or a hang harms nobody else.
+#pragma once
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "port/sim/sim.h"
+
+namespace sim {
+
+struct ChildResult {
+  bool passed = false;  // the body came to its end and `failed` said no
+  bool skipped = false;
+  int exit_code = -1;  // -1: it did not exit by itself
+  int signal = 0;      // what ended it; 0: none
+  bool timed_out = false;
+  std::string output;  // its stdout and stderr
+  uint64_t trace_hash = 0;
+  uint64_t trace_lines = 0;
+  std::string last_lines;  // of the trace
+
+  // "was ended by signal 11 (Segmentation fault)", …
+  std::string HowItEnded() const;
+};
+
+enum class Verdict { kPassed, kFailed, kSkipped };
+
+// Runs `body` as the director of a new world in a forked process, and waits for it. The verdict
+// is asked for when the body has returned. `wall_limit` is real time: it bounds a body that
+// loops without a single call.
+ChildResult RunInChild(const Options& options, const std::function<void(World&)>& body,
+                       const std::function<Verdict()>& verdict,
+                       std::chrono::seconds wall_limit = std::chrono::seconds(120));
+
+// The seed that VYR_SEED asks for. False: none.
+bool SeedFromEnvironment(uint64_t* seed);
+
+// The one command that runs this test with this seed again.
+std::string ReplayCommand(const std::string& test_name, uint64_t seed);
+
+}  // namespace sim

@@ -1,0 +1,98 @@
+// Scenarios: GoogleTest tests whose bodies run in simulated worlds.
+//
+//   SCENARIO(Relay, SurvivesASilentNode) {            // one world, seed 1
+//     sim::Host& node = world.AddHost("node", {"198.51.100.20"});
+//     …
+//     world.RunFor(5s);
+//     EXPECT_EQ(…);
+//   }
+//   SCENARIO_SEEDS(Relay, KeepsEveryByte, 200) { … }  // the same for seeds 1 … 200
+//
+// Each runs in a process of its own, so statics start fresh. `world` is the world; the body is
+// its director. Expectations fail the test as ever, from any simulated thread. A crash, a hang,
+// a deadlock fails it too; whatever the failure, the trace's last lines, the seed and the one
+// command that replays the run are printed. VYR_SEED=n runs seed n alone.
+//
+// For a fixture, derive from sim::ScenarioTest and write SCENARIO_F(Fixture, Name): the fixture
+// object is made in the child, inside the world, before the body runs.
+#pragma once
+#include <gtest/gtest.h>
+//
+#include "port/sim/child.h"
+
+namespace sim {
+
+// What a body and a fixture's verbs may use without naming the world.
+class ScenarioTest {
+ public:
+  virtual ~ScenarioTest() = default;
+  virtual void SetUp() {}
+  virtual void TearDown() {}
+
+ protected:
+  World& world = TheWorld();
+  void RunFor(Duration duration) { world.RunFor(duration); }
+  void AdvanceTo(Duration moment) { world.AdvanceTo(moment); }
+  bool RunUntil(const std::function<bool()>& condition, Duration most = std::chrono::minutes(10)) {
+    return world.RunUntil(condition, most);
+  }
+  bool RunUntilIdle() { return world.RunUntilIdle(); }
+};
+
+inline Verdict GtestVerdict() {
+  if (testing::Test::HasFailure()) return Verdict::kFailed;
+  return testing::Test::IsSkipped() ? Verdict::kSkipped : Verdict::kPassed;
+}
+
+// Runs the body for seeds 1 … `seeds`, or for VYR_SEED's; the first failure ends it. `options`
+// gives everything but the seed.
+inline void RunScenario(Options options, unsigned seeds, const std::function<void(World&)>& body) {
+  const auto* test = testing::UnitTest::GetInstance()->current_test_info();
+  const std::string name = std::string(test->test_suite_name()) + "." + test->name();
+  uint64_t first = 1, last = seeds;
+  if (SeedFromEnvironment(&first)) last = first;
+  for (uint64_t seed = first; seed <= last; ++seed) {
+    options.seed = seed;
+    const ChildResult result = RunInChild(options, body, GtestVerdict);
+    if (result.passed) {
+      std::fputs(result.output.c_str(), stdout);
+      continue;
+    }
+    if (result.skipped) GTEST_SKIP() << result.output;
+    FAIL() << "the scenario " << result.HowItEnded() << ", with seed " << seed << "\n"
+           << result.output << "the trace's last lines:\n"
+           << result.last_lines << "to run it again: " << ReplayCommand(name, seed);
+  }
+}
+
+}  // namespace sim
+
+using namespace std::chrono_literals;  // NOLINT: scenarios say 5s
+
+#define SCENARIO_CLASS_(suite, name) suite##_##name##_Scenario
+
+#define SCENARIO_WITH_(suite, name, base, test_macro, seeds, options)                        \
+  class SCENARIO_CLASS_(suite, name) : public base {                                         \
+   public:                                                                                   \
+    void Body();                                                                             \
+  };                                                                                         \
+  test_macro(suite, name) {                                                                  \
+    sim::RunScenario((options), (seeds), [](sim::World&) {                                   \
+      SCENARIO_CLASS_(suite, name) scenario;                                                 \
+      scenario.SetUp();                                                                      \
+      if (!testing::Test::HasFatalFailure() && !testing::Test::IsSkipped()) scenario.Body(); \
+      scenario.TearDown();                                                                   \
+    });                                                                                      \
+  }                                                                                          \
+  void SCENARIO_CLASS_(suite, name)::Body()
+
+#define SCENARIO(suite, name) \
+  SCENARIO_WITH_(suite, name, sim::ScenarioTest, TEST, 1, sim::Options{})
+#define SCENARIO_SEEDS(suite, name, seeds) \
+  SCENARIO_WITH_(suite, name, sim::ScenarioTest, TEST, seeds, sim::Options{})
+#define SCENARIO_F(fixture, name) SCENARIO_WITH_(fixture, name, fixture, TEST, 1, sim::Options{})
+#define SCENARIO_F_SEEDS(fixture, name, seeds) \
+  SCENARIO_WITH_(fixture, name, fixture, TEST, seeds, sim::Options{})
+// With sim::Options of one's own, such as a tick count that is about to wrap.
+#define SCENARIO_OPTIONS(suite, name, options) \
+  SCENARIO_WITH_(suite, name, sim::ScenarioTest, TEST, 1, options)
