@@ -1,0 +1,30 @@
+"""Every C++ file as clang-format 14 writes it. Other versions differ in trifles."""
+import shutil
+import subprocess
+
+from tree import Finding
+
+VERSION = "14"
+
+
+def formatter():
+    for name in (f"clang-format-{VERSION}", "clang-format"):
+        path = shutil.which(name)
+        if path is None:
+            continue
+        said = subprocess.run([path, "--version"], capture_output=True, text=True).stdout
+        if f"version {VERSION}." in said:
+            return path
+    return None
+
+
+def check(tree):
+    program = formatter()
+    for path in tree.cpp_files():
+        run = subprocess.run([program, "--dry-run", "-Werror", str(tree.root / path)],
+                             capture_output=True, text=True)
+        line = 0
+        if run.returncode and (first := run.stderr.split("\n")[0].split(":"))[1:2]:
+            line = int(first[1]) if first[1].isdigit() else 0
+        yield path, ([Finding(path, line, "is not as clang-format writes it")]
+                     if run.returncode else [])

@@ -1,0 +1,249 @@
+#!/usr/bin/env python3
+"""Each rule finds what it is there to find, and lets the rest pass."""
+import contextlib
+import io
+import pathlib
+import sys
+import tempfile
+import unittest
+
+import bans
+import cpp
+import layers
+import readmes
+import records
+import sizes
+import style
+import tidy
+import tree
+
+PROSE = "It owns what stands in it " + "and so on " * 10
+
+
+def findings(rule, files):
+    with tempfile.TemporaryDirectory() as root:
+        for path, text in files.items():
+            file = pathlib.Path(root, path)
+            file.parent.mkdir(parents=True, exist_ok=True)
+            file.write_text(text)
+        found = [f for _, some in rule.check(tree.Tree(root)) for f in some]
+    return [str(f) for f in found]
+
+
+class Sources(unittest.TestCase):
+    def test_comments_and_literals_are_told_from_code(self):
+        text = 'int a;  // new\nf("new // x", \'"\');  /* new\nnew */ g(1\'000, "\\"new");\n'
+        blanked = cpp.blank(text, literals=True)
+        self.assertNotIn("new", blanked)
+        self.assertEqual(blanked.count("\n"), text.count("\n"))
+        self.assertEqual(len(blanked), len(text))
+        self.assertIn("1'000", blanked)
+        self.assertIn('"new // x"', cpp.blank(text, literals=False))
+
+    def test_raw_strings_are_literals(self):
+        self.assertNotIn("new", cpp.blank('auto s = R"x(new " )y")x"; int a;', literals=True))
+        self.assertIn("int a", cpp.blank('auto s = R"x(new " )y")x"; int a;', literals=True))
+
+    def test_includes_keep_their_names(self):
+        code = cpp.blank('#include "a/b.h"\n#include <vector>\n// #include "no.h"\n', literals=True)
+        self.assertEqual(list(cpp.includes(code)), [(1, "a/b.h", True), (2, "vector", False)])
+
+
+class Layers(unittest.TestCase):
+    def check(self, includes):
+        files = {f"src/{path}": "".join(f'#include "{i}"\n' for i in some)
+                 for path, some in includes.items()}
+        return findings(layers, files)
+
+    def test_downwards_is_right(self):
+        self.assertEqual(self.check({
+            "common/log.h": [], "route/route.h": ["common/log.h"],
+            "relay/tcp.h": ["route/route.h"], "relay/relay_mgr.h": ["relay/tcp.h", "udp/udp.h"],
+            "udp/udp.h": ["relay/tcp.h"], "icmp/vm.h": ["relay/relay_mgr.h"],
+            "provider/hook.cpp": ["icmp/vm.h", "relay/relay_mgr.h", "common/log.h"]}), [])
+
+    def test_upwards_is_not(self):
+        for includer, included in [
+                ("common/log.h", "route/route.h"), ("route/route.cpp", "tracker/tracker.h"),
+                ("tracker/tracker.h", "quality/lost.h"), ("quality/lost.h", "relay/tcp.h"),
+                ("relay/tcp.cpp", "relay/relay_mgr.h"), ("udp/udp.h", "relay/relay_mgr.h"),
+                ("relay/relay_mgr.cpp", "icmp/vm.h"), ("icmp/vm.h", "provider/hook.h")]:
+            found = self.check({includer: [included], included: []})
+            self.assertEqual(
+                found, [f"src/{includer}:1: includes {included}, which stands above it"])
+
+    def test_the_leaf_serves_the_one_that_may_use_it(self):
+        self.assertEqual(self.check({"provider/socket_map.h": ["common/log.h"],
+                                     "provider/socket_map.cpp": ["provider/socket_map.h"],
+                                     "common/log.h": [], "provider/hook.h": ["provider/socket_map.h"],
+                                     "relay/socket_helpers.cpp": ["provider/socket_map.h"]}), [])
+
+    def test_the_leaf_serves_no_other_and_stays_one(self):
+        found = self.check({"provider/socket_map.h": ["provider/hook.h"], "provider/hook.h": [],
+                            "relay/tcp.cpp": ["provider/socket_map.h"]})
+        self.assertEqual(found, [
+            "src/provider/socket_map.h:1: includes provider/hook.h, which stands above it",
+            "src/relay/tcp.cpp:1: includes provider/socket_map.h, which stands above it"])
+
+    def test_a_circle_is_found(self):
+        found = self.check({"route/a.h": ["route/b.h"], "route/b.h": ["route/c.h"],
+                            "route/c.h": ["route/a.h"]})
+        self.assertEqual(len(found), 1)
+        self.assertIn("includes itself: src/route/a.h -> src/route/b.h -> src/route/c.h -> "
+                      "src/route/a.h", found[0])
+
+    def test_strangers_are_found(self):
+        self.assertIn("no file of src/", self.check({"common/a.h": ["port/sim/sim.h"]})[0])
+        self.assertIn("without a layer", self.check({"misc/a.h": []})[0])
+        found = findings(layers, {"src/common/a.h": "#include <common/b.h>\n",
+                                  "src/common/b.h": ""})
+        self.assertIn("stand in quotes", found[0])
+
+    def test_the_port_does_not_know_the_product(self):
+        files = {"src/common/log.h": "", "port/sim/sim.h": '#include "common/log.h"\n'}
+        self.assertEqual(findings(layers, files),
+                         ["port/sim/sim.h:1: includes common/log.h of the product"])
+
+
+class Bans(unittest.TestCase):
+    def test_each_is_found(self):
+        for line in ["#ifdef _WIN32", "#if defined(__linux__)", "#elif __GNUC__ > 3",
+                     "std::mutex m;", "std::thread t;", "std::lock_guard<M> g(m);",
+                     "std::condition_variable_any c;", "std::filesystem::path p;",
+                     "std::cout << 1;", 'printf("x");', "#include <mutex>", "#include <iostream>",
+                     "#include <filesystem>", "X* x = new X;", "return new (std::nothrow) X;",
+                     "f(new X(1));", "delete x;", "delete[] x;", "free(x);", "malloc(3);",
+                     'LSP_LOG(4, "%ws", x);', 'f("%-20ws");', 'sprintf(b, "x");', "strcpy(a, b);",
+                     "using namespace std;", "// TODO: later", "/* FIXME */",
+                     "// see Part" + " 2.1", "// as the speci" + "fication says", "// issue" + " 3",
+                     'f("/home' + '/me/x");']:
+            found = findings(bans, {"src/route/a.cpp": "int a;\n" + line + "\n"})
+            self.assertEqual(len(found), 1, line)
+            self.assertTrue(found[0].startswith("src/route/a.cpp:2: "), found)
+
+    def test_what_only_looks_like_it_passes(self):
+        for line in ["X(const X&) = delete;", "void operator delete(void*);", "// a new socket",
+                     'f("delete new std::mutex");', "std::unique_ptr<X>(new X);",
+                     "p.reset(new (std::nothrow) X);", "static X& x = *new X;",
+                     "static X* const x = new X;", "new (storage) X;", "#include <new>",
+                     "renew(x);", "snprintf(a, b, c);", "my_mutex.lock();", "#ifdef NDEBUG",
+                     'f("%s");', "s.free_slots();", "using namespace std::chrono_literals;",
+                     "// std::mutex is lacking", "// https://example.org/home" + "/x", "special();",
+                     "// Partly 1.2"]:
+            self.assertEqual(findings(bans, {"src/route/a.cpp": line + "\n"}), [], line)
+
+    def test_words_are_banned_everywhere_and_constructs_in_the_product_only(self):
+        self.assertEqual(findings(bans, {"port/posix/a.cpp": "std::mutex m;\n"}), [])
+        self.assertEqual(len(findings(bans, {"scripts/a.sh": "# TODO\n"})), 1)
+        self.assertEqual(len(findings(bans, {"README.md": "see Part" + " 3.4\n"})), 1)
+
+
+RECORD = """#pragma pack(push, 1)
+// A record; with a brace { in its comment.
+struct A {
+  enum { kX };
+  static constexpr int kN = 3;
+  A() = default;
+  int Sum() const { return a + b; }
+  u32 a = 0, b = 0;
+  char text[kN][4] = {};
+  std::array<u8, 4> list{};
+  B inner;
+};
+#pragma pack(pop)
+"""
+
+
+class Records(unittest.TestCase):
+    def check(self, text):
+        return findings(records, {"src/route/a.h": text})
+
+    def test_every_field_wants_its_offset_and_the_record_its_size(self):
+        found = [f.split(": ", 1)[1] for f in self.check(RECORD)]
+        self.assertEqual(found, ["A: no assertion on its size"] +
+                         [f"A.{n}: no assertion on its offset"
+                          for n in ["a", "b", "text", "list", "inner"]])
+        self.assertTrue(self.check(RECORD)[0].startswith("src/route/a.h:3: "))
+
+    def test_a_full_set_passes(self):
+        said = "static_assert(sizeof(A) == 1);\n" + "".join(
+            f"static_assert(offsetof(A, {n}) == 0);\n" for n in ["a", "b", "text", "list"])
+        self.assertEqual(len(self.check(RECORD + said)), 1)
+        joined = said + "static_assert(sizeof(B) == 4 &&\n offsetof(ns::A, inner) == 9);\n"
+        self.assertEqual(self.check(RECORD + joined), [])
+
+    def test_an_assertion_in_a_comment_says_nothing(self):
+        text = "#pragma pack(push, 1)\nstruct A { int a; };\n#pragma pack(pop)\n"
+        self.assertEqual(len(self.check(
+            text + "// static_assert(sizeof(A) == 4 && offsetof(A, a) == 0);\n")), 2)
+
+    def test_unpacked_records_are_free(self):
+        self.assertEqual(self.check("#pragma pack(push, 1)\n#pragma pack(pop)\nstruct A { int a; };"),
+                         [])
+
+    def test_pragmas_go_in_pairs(self):
+        self.assertIn("in pairs", self.check("#pragma pack(1)\n")[0])
+        self.assertIn("without", self.check("#pragma pack(push, 1)\n")[0])
+
+
+class Readmes(unittest.TestCase):
+    def check(self, readme):
+        files = {"src/README.md": PROSE, "src/route/a.h": ""}
+        if readme is not None:
+            files["src/route/README.md"] = readme
+        return findings(readmes, files)
+
+    def test_one_paragraph_is_right_under_a_heading_too(self):
+        self.assertEqual(self.check(PROSE), [])
+        self.assertEqual(self.check("# route\n\n" + PROSE), [])
+
+    def test_none_or_two_or_a_word_are_not(self):
+        self.assertIn("is missing", self.check(None)[0])
+        self.assertIn("has 2 paragraphs", self.check(PROSE + "\n\n" + PROSE)[0])
+        self.assertIn("says too little", self.check("Routes.")[0])
+
+    def test_the_roots_want_one_too(self):
+        self.assertIn("port/README.md: is missing",
+                      findings(readmes, {"port/sim/a.h": "", "port/sim/README.md": PROSE})[0])
+
+
+class Driver(unittest.TestCase):
+    def run_rules(self, rules, files):
+        with tempfile.TemporaryDirectory() as root:
+            for path, text in files.items():
+                file = pathlib.Path(root, path)
+                file.parent.mkdir(parents=True, exist_ok=True)
+                file.write_text(text)
+            out = io.StringIO()
+            failed = tidy.run(rules, tree.Tree(root), out)
+        return failed, out.getvalue().splitlines()
+
+    def test_long_files_are_a_warning(self):
+        failed, lines = self.run_rules([sizes], {"src/a/a.cpp": "int a;\n" * 301})
+        self.assertEqual(failed, 0)
+        self.assertEqual(lines, ["src/a/a.cpp: warning: has 301 lines, more than 300",
+                                 "1 passed, 0 failed"])
+
+    def test_counts_and_closes(self):
+        failed, lines = self.run_rules([readmes], {"src/README.md": PROSE, "src/a/a.h": ""})
+        self.assertEqual(failed, 1)
+        self.assertEqual(lines[-1], "1 passed, 1 failed")
+
+    @unittest.skipIf(style.formatter() is None, "no formatter here")
+    def test_layout_is_checked(self):
+        found = findings(style, {".clang-format": "BasedOnStyle: Google\n",
+                                 "a.cpp": "int a;\nint   b;\n", "b.cpp": "int a;\n"})
+        self.assertEqual(found, ["a.cpp:2: is not as clang-format writes it"])
+
+
+def main():
+    with contextlib.redirect_stdout(sys.stderr):
+        result = unittest.main(exit=False, verbosity=1).result
+    bad = len(result.failures) + len(result.errors)
+    skipped = len(result.skipped)
+    print(f"{result.testsRun - bad - skipped} passed, {bad} failed, {skipped} skipped")
+    return 1 if bad else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
