@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# The main job, from a fresh machine: installs what is missing, builds the library, and lets an
+# unmodified Windows program run with it, in a private network on this machine.
+#
+#   ./demo.sh
+#
+# Exit: 0 the program's work was the same with the library and without, 1 otherwise.
+set -u
+cd "$(dirname "$0")" || exit 1
+case "${1:-}" in
+  "") ;;
+  -h|--help) sed -n '2,7s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  *) echo "demo.sh: unknown argument '$1'; see --help" >&2; exit 2 ;;
+esac
+
+scripts/setup.sh || exit 1
+if ! command -v wine >/dev/null 2>&1 || ! scripts/wine cmd /c ver >/dev/null 2>&1; then
+  echo "demo.sh: 32-bit Wine cannot be had here, and the library is a 32-bit Windows library" >&2
+  exit 1
+fi
+
+log=build/windows-x86/demo.log
+mkdir -p build/windows-x86
+printf 'building the library and its programs ... '
+if ! { cmake --preset windows-x86 &&
+       cmake --build --preset windows-x86 --target vyr_lsp winsock_host winsock_base vyr_run vyr_client
+     } >"$log" 2>&1; then
+  echo "FAILED; the end of $log:"
+  tail -n 25 "$log"
+  exit 1
+fi
+echo done
+
+printf 'fetching the third-party programs ... '
+scripts/fetch_programs.sh || exit 1
+echo done
+programs=$(scripts/fetch_programs.sh --path)
+
+exec scripts/testbed python3 scripts/demo_inside.py build/windows-x86 "$programs/ffmpeg.exe"
