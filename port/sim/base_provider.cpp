@@ -224,8 +224,9 @@ int WSPAPI WspIoctl(SOCKET s, DWORD code, LPVOID in, DWORD in_size, LPVOID out, 
   const auto socket = Find(s);
   int result = WSAENOTSOCK;
   if (socket)
-    result =
-        overlapped ? WSAEOPNOTSUPP : Control(*socket, code, in, in_size, out, out_size, returned);
+    result = overlapped  ? WSAEOPNOTSUPP
+             : !returned ? WSAEFAULT
+                         : Control(*socket, code, in, in_size, out, out_size, returned);
   return Answer("ioctl", s, result, error, Format("0x%x", code));
 }
 

@@ -1,0 +1,143 @@
+#include "tests/scenario/game_process.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "common/text.h"
+#include "port/shared/catalogue.h"
+#include "port/shared/debug_output.h"
+#include "port/shared/modules.h"
+#include "port/shared/process.h"
+#include "port/shared/rendition.h"
+#include "provider/catalogue.h"
+
+namespace test {
+namespace {
+
+int WSPAPI StartForeign(WORD version, LPWSPDATA data, LPWSAPROTOCOL_INFOW info,
+                        WSPUPCALLTABLE upcalls, LPWSPPROC_TABLE out) {
+  ForeignProvider& foreign = Foreign();
+  ++foreign.starts;
+  foreign.version = version;
+  foreign.info = *info;
+  foreign.upcalls = upcalls;
+  if (foreign.result != 0) return foreign.result;
+  *out = foreign.table;
+  data->wVersion = 0x0202;
+  data->wHighVersion = 0x0302;
+  return 0;
+}
+
+FARPROC Export(LPWSPSTARTUP function) {
+  FARPROC exported = nullptr;
+  std::memcpy(&exported, &function, sizeof exported);
+  return exported;
+}
+
+}  // namespace
+
+ForeignProvider& Foreign() {
+  static ForeignProvider foreign{.table = port::BaseProviderTable()};
+  return foreign;
+}
+
+GameProcess::GameProcess() {
+  Is(L"C:\\Games\\Dawn\\dawn.exe");
+  std::memset(&upcalls, 0x5a, sizeof upcalls);
+  port::SetCatalogue(port::LayeredCatalogue(moru_vyr::lsp::kLspGuid, kOwnId));
+  port::RegisterModule(kForeignPath, {{"WSPStartup", Export(StartForeign)}});
+  port::SetProviderPath(kForeignGuid, kForeignPath);
+  port::SetDebugSink([this](const char* text) {
+    std::string line = text;
+    constexpr char kPrefix[] = "[LspTrace]";
+    if (line.rfind(kPrefix, 0) == 0) line.erase(0, sizeof kPrefix - 1);
+    if (!line.empty() && line.back() == '\n') line.pop_back();
+    traces_.push_back(line);
+  });
+}
+
+GameProcess::~GameProcess() {
+  port::SetDebugSink(nullptr);
+  if (region_ != nullptr) CloseHandle(region_);
+}
+
+void GameProcess::Is(const std::wstring& path, const std::string& command_line) {
+  port::SetProcess(path, command_line, kPid);
+}
+
+void GameProcess::ListAsGame(common::u32 log_level, const std::string& log_path) {
+  auto region = std::make_unique<moru_vyr::lsp::RestrictionRegion>();
+  region->header = {sizeof *region, common::kSharedMemMajorVersion,
+                    common::kSharedMemMinorVersion};
+  auto& game = region->games[0];
+  game.valid = 1;
+  game.game_id = 7;
+  game.net_mode = 0x18;
+  game.path_count = 1;
+  std::string path;
+  common::u16to8(port::CurrentProcess().path, &path);
+  common::SetFieldText(game.game_paths[0], path);
+  common::SetFieldText(game.uin, "10001");
+  game.log_level = log_level;
+  common::SetFieldText(game.log_path, log_path);
+  region_ = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof *region,
+                               moru_vyr::lsp::kRestrictionRegionName);
+  void* const view = MapViewOfFile(region_, FILE_MAP_ALL_ACCESS, 0, 0, sizeof *region);
+  std::memcpy(view, region.get(), sizeof *region);
+  UnmapViewOfFile(view);
+}
+
+void GameProcess::LayerOverForeign(const std::vector<DWORD>& foreign_chain) {
+  port::SetCatalogue({
+      port::MakeEntry(moru_vyr::lsp::kLspGuid, kOwnId + 1, SOCK_STREAM, 6, {kOwnId, kForeignId}),
+      port::MakeEntry(kForeignGuid, kForeignId, SOCK_STREAM, 6, foreign_chain),
+      port::MakeEntry(port::kBaseProviderGuid, 1001, SOCK_STREAM, 6, {}),
+      port::MakeEntry(moru_vyr::lsp::kLspGuid, kOwnId, SOCK_STREAM, 6, {kOwnId}),
+  });
+}
+
+WSAPROTOCOL_INFOW GameProcess::Layered(int protocol) const {
+  const auto catalogue = port::Catalogue();
+  return *std::find_if(catalogue.begin(), catalogue.end(), [&](const WSAPROTOCOL_INFOW& entry) {
+    return entry.iProtocol == protocol && entry.ProtocolChain.ChainLen > 1;
+  });
+}
+
+int GameProcess::Start(int protocol) {
+  WSAPROTOCOL_INFOW info = Layered(protocol);
+  return Start(&info);
+}
+
+int GameProcess::Start(WSAPROTOCOL_INFOW* info) {
+  table = {};
+  data = {};
+  return WSPStartup(MAKEWORD(2, 2), &data, info, upcalls, &table);
+}
+
+bool GameProcess::GotHookedTable() const { return table.lpWSPSocket == &moru_vyr::lsp::WSPSocket; }
+
+bool GameProcess::GotBaseTable() const {
+  return std::memcmp(&table, &port::BaseProviderTable(), sizeof table) == 0;
+}
+
+bool GameProcess::GotEmptyTable() const {
+  const WSPPROC_TABLE empty{};
+  return std::memcmp(&table, &empty, sizeof table) == 0;
+}
+
+int GameProcess::TraceCount(const std::string& text) const {
+  return static_cast<int>(std::count(traces_.begin(), traces_.end(), text));
+}
+
+bool GameProcess::TracedStart(const std::string& text) const {
+  return std::any_of(traces_.begin(), traces_.end(),
+                     [&](const std::string& line) { return line.rfind(text, 0) == 0; });
+}
+
+std::string GameProcess::AllTraces() const {
+  std::string all;
+  for (const std::string& line : traces_) all += line + "\n";
+  return all;
+}
+
+}  // namespace test

@@ -1,0 +1,79 @@
+// One process on a machine where this provider is installed: what it is called, whether the
+// client lists it, and what the catalogue says. Everything process-wide in the product starts
+// fresh, because each scenario runs in a process of its own.
+#pragma once
+#include <winsock2.h>
+#include <ws2spi.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "provider/hook_entries.h"
+#include "route/restriction_formats.h"
+
+namespace test {
+
+// A provider that is neither ours nor the platform's.
+inline constexpr GUID kForeignGuid = {
+    0x0b1f6f7e, 0x53c1, 0x4f0e, {0x9a, 0x01, 0x10, 0x20, 0x30, 0x40, 0x50, 0x60}};
+inline constexpr wchar_t kForeignPath[] = L"C:\\foreign\\layer.dll";
+
+// What the foreign provider does when it is started, and what it was started with.
+struct ForeignProvider {
+  int result = 0;
+  WSPPROC_TABLE table{};  // the base provider's, until a test changes it
+  int starts = 0;
+  WORD version = 0;
+  WSAPROTOCOL_INFOW info{};
+  WSPUPCALLTABLE upcalls{};
+};
+ForeignProvider& Foreign();
+
+class GameProcess {
+ public:
+  static constexpr DWORD kPid = 4321;
+  static constexpr DWORD kOwnId = 2000;  // the hidden entry; the layered ones follow it
+  static constexpr DWORD kForeignId = 3000;
+
+  // C:\Games\Dawn\dawn.exe over a catalogue with this provider above the three base entries.
+  GameProcess();
+  ~GameProcess();
+  GameProcess(const GameProcess&) = delete;
+  GameProcess& operator=(const GameProcess&) = delete;
+
+  void Is(const std::wstring& path, const std::string& command_line = "");
+  // The client lists this process; its log goes to C:\logs.
+  void ListAsGame(common::u32 log_level = 0, const std::string& log_path = "C:\\logs\\");
+  // Puts the foreign provider's TCP entry below ours, in place of the base provider's.
+  void LayerOverForeign(const std::vector<DWORD>& foreign_chain = {});
+
+  // The catalogue's first entry for that protocol that stands above another.
+  WSAPROTOCOL_INFOW Layered(int protocol) const;
+  // Starts it as Winsock does, into `table` and `data`.
+  int Start(int protocol);
+  int Start(WSAPROTOCOL_INFOW* info);
+
+  // Whose table the last start handed out.
+  bool GotHookedTable() const;
+  bool GotBaseTable() const;
+  bool GotEmptyTable() const;
+
+  // Traces so far, without their prefix and line end.
+  const std::vector<std::string>& traces() const { return traces_; }
+  int TraceCount(const std::string& text) const;
+  bool Traced(const std::string& text) const { return TraceCount(text) > 0; }
+  // Some trace begins so.
+  bool TracedStart(const std::string& text) const;
+  std::string AllTraces() const;
+
+  WSPPROC_TABLE table{};
+  WSPDATA data{};
+  WSPUPCALLTABLE upcalls{};
+
+ private:
+  HANDLE region_ = nullptr;
+  std::vector<std::string> traces_;
+};
+
+}  // namespace test
