@@ -19,7 +19,7 @@ def main():
     }
     alone = results["none"]
     print(alone.output)
-    checks.that(alone.output.count("\n") > 3, "the probe alone says something", alone.errors)
+    checks.that(alone.output.count("\n") >= 2, "the probe alone says something", alone.errors)
     for way in ("bare", "other", "served"):
         result = results[way]
         difference = difflib.unified_diff(
