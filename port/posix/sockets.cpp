@@ -233,6 +233,10 @@ int NamePeer(Socket& socket, const sockaddr* name) {
   return 0;
 }
 
+int TryConnect(int fd, const sockaddr* name) {
+  return native::Connect(fd, name, sizeof(sockaddr_in)) == 0 ? 0 : errno;
+}
+
 void SetConnect(Socket& socket, Socket::Connect state, int error) {
   {
     std::lock_guard hold(socket.lock);
@@ -267,8 +271,8 @@ int ConnectTo(Socket& socket, const sockaddr* name, int name_size) {
   if (state == Socket::Connect::kPending) return WSAEALREADY;
   if (state == Socket::Connect::kDone) return WSAEISCONN;
   if (IsAny(name) || PortOf(name) == 0) return WSAEADDRNOTAVAIL;
-  const int result = native::Connect(socket.fd, name, sizeof(sockaddr_in));
-  const int number = result == 0 ? 0 : errno;
+  int number = TryConnect(socket.fd, name);
+  if (number == ECONNABORTED) number = TryConnect(socket.fd, name);  // a refusal before this one
   if (number != 0 && number != EINPROGRESS && number != ECONNREFUSED) return ErrorOf(number);
   socket.bound = true;
   // On loopback the host may know the outcome at once. Windows never says so in this call when

@@ -11,14 +11,15 @@ namespace {
 SocketLayers& Layers() { return CurrentProcess().layers; }
 
 // A provider reports failure through *error; a plain call leaves it as the last error, which
-// success clears.
+// success clears. The error comes by reference, because the call that fills it stands among the
+// arguments beside it.
 template <class Result>
-Result Finish(Result result, bool failed, int error) {
+Result Finish(Result result, bool failed, const int& error) {
   WSASetLastError(failed ? error : 0);
   return result;
 }
 
-int Finish(int result, int error) { return Finish(result, result == SOCKET_ERROR, error); }
+int Finish(int result, const int& error) { return Finish(result, result == SOCKET_ERROR, error); }
 
 int Fail(int error) { return Finish(SOCKET_ERROR, error); }
 
