@@ -26,10 +26,11 @@ namespace sim {
 class ScenarioTest {
  public:
   virtual ~ScenarioTest() = default;
+
+ protected:
   virtual void SetUp() {}
   virtual void TearDown() {}
 
- protected:
   World& world = TheWorld();
   void RunFor(Duration duration) { world.RunFor(duration); }
   void AdvanceTo(Duration moment) { world.AdvanceTo(moment); }
@@ -71,28 +72,31 @@ using namespace std::chrono_literals;  // NOLINT: scenarios say 5s
 
 #define SCENARIO_CLASS_(suite, name) suite##_##name##_Scenario
 
-#define SCENARIO_WITH_(suite, name, base, test_macro, seeds, options)                        \
-  class SCENARIO_CLASS_(suite, name) : public base {                                         \
-   public:                                                                                   \
-    void Body();                                                                             \
-  };                                                                                         \
-  test_macro(suite, name) {                                                                  \
-    sim::RunScenario((options), (seeds), [](sim::World&) {                                   \
-      SCENARIO_CLASS_(suite, name) scenario;                                                 \
-      scenario.SetUp();                                                                      \
-      if (!testing::Test::HasFatalFailure() && !testing::Test::IsSkipped()) scenario.Body(); \
-      scenario.TearDown();                                                                   \
-    });                                                                                      \
-  }                                                                                          \
+#define SCENARIO_WITH_(suite, name, base, seeds, options)                           \
+  class SCENARIO_CLASS_(suite, name) : public base {                                \
+   public:                                                                          \
+    void RunAll() {                                                                 \
+      SetUp();                                                                      \
+      if (!testing::Test::HasFatalFailure() && !testing::Test::IsSkipped()) Body(); \
+      TearDown();                                                                   \
+    }                                                                               \
+                                                                                    \
+   private:                                                                         \
+    void Body();                                                                    \
+  };                                                                                \
+  TEST(suite, name) {                                                               \
+    sim::RunScenario((options), (seeds), [](sim::World&) {                          \
+      SCENARIO_CLASS_(suite, name)().RunAll();                                      \
+    });                                                                             \
+  }                                                                                 \
   void SCENARIO_CLASS_(suite, name)::Body()
 
-#define SCENARIO(suite, name) \
-  SCENARIO_WITH_(suite, name, sim::ScenarioTest, TEST, 1, sim::Options{})
+#define SCENARIO(suite, name) SCENARIO_WITH_(suite, name, sim::ScenarioTest, 1, sim::Options{})
 #define SCENARIO_SEEDS(suite, name, seeds) \
-  SCENARIO_WITH_(suite, name, sim::ScenarioTest, TEST, seeds, sim::Options{})
-#define SCENARIO_F(fixture, name) SCENARIO_WITH_(fixture, name, fixture, TEST, 1, sim::Options{})
+  SCENARIO_WITH_(suite, name, sim::ScenarioTest, seeds, sim::Options{})
+#define SCENARIO_F(fixture, name) SCENARIO_WITH_(fixture, name, fixture, 1, sim::Options{})
 #define SCENARIO_F_SEEDS(fixture, name, seeds) \
-  SCENARIO_WITH_(fixture, name, fixture, TEST, seeds, sim::Options{})
+  SCENARIO_WITH_(fixture, name, fixture, seeds, sim::Options{})
 // With sim::Options of one's own, such as a tick count that is about to wrap.
 #define SCENARIO_OPTIONS(suite, name, options) \
-  SCENARIO_WITH_(suite, name, sim::ScenarioTest, TEST, 1, options)
+  SCENARIO_WITH_(suite, name, sim::ScenarioTest, 1, options)

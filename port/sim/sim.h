@@ -137,7 +137,7 @@ class World {
   // Until no thread can run, no packet is on its way and no stream waits to be acknowledged.
   // Threads that wait for time to pass count as quiet.
   bool RunUntilIdle(Duration most = std::chrono::minutes(10));
-  // Until every thread but the director has ended.
+  // Until every thread but the caller's has ended.
   bool RunUntilAllEnd(Duration most = std::chrono::minutes(10));
   // Calls `action` at that time from now. It must not block: set a link, kill a process, ….
   void After(Duration delay, std::function<void()> action);

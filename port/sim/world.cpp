@@ -185,12 +185,11 @@ bool World::RunUntilIdle(Duration most) {
 }
 
 bool World::RunUntilAllEnd(Duration most) {
+  const Thread* self = &scheduler_->current();
   return RunUntil(
-      [this] {
+      [this, self] {
         for (const auto& thread : scheduler_->threads())
-          if (!thread->ended() && thread.get() != &scheduler_->current() &&
-              thread->name() != "home/director")
-            return false;
+          if (!thread->ended() && thread.get() != self) return false;
         return true;
       },
       most);

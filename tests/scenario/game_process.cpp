@@ -67,8 +67,7 @@ void GameProcess::Is(const std::wstring& path, const std::string& command_line) 
 
 void GameProcess::ListAsGame(common::u32 log_level, const std::string& log_path) {
   auto region = std::make_unique<moru_vyr::lsp::RestrictionRegion>();
-  region->header = {sizeof *region, common::kSharedMemMajorVersion,
-                    common::kSharedMemMinorVersion};
+  region->header = {sizeof *region, common::kSharedMemMajorVersion, common::kSharedMemMinorVersion};
   auto& game = region->games[0];
   game.valid = 1;
   game.game_id = 7;

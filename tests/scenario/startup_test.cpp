@@ -151,8 +151,8 @@ SCENARIO(Startup, TheGateMutexStaysToTheEndOfTheProcess) {
   game.Start(6);
   INT error = 0;
   game.table.lpWSPCleanup(&error);
-  const HANDLE gate = OpenMutexA(SYNCHRONIZE, FALSE,
-                                 "{BA3793BB-FB18-40DF-8C89-FA7C0159FADC}_single_mutex_4321");
+  const HANDLE gate =
+      OpenMutexA(SYNCHRONIZE, FALSE, "{BA3793BB-FB18-40DF-8C89-FA7C0159FADC}_single_mutex_4321");
   EXPECT_NE(gate, nullptr);
   if (gate != nullptr) CloseHandle(gate);
 }
