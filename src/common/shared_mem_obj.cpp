@@ -65,7 +65,9 @@ Shared_mem_obj::~Shared_mem_obj() {
 void Shared_mem_obj::CreateMapping() noexcept {
   mapping_.Reset(CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, mapped_size_,
                                     name_.c_str()));
-  if (!mapping_) return;
+  const bool is_new = GetLastError() != ERROR_ALREADY_EXISTS;
+  // Another's after all (opening it failed for a reason of its own): its content stays.
+  if (!mapping_ || !is_new) return;
   u8* const view = MapWhole(mapping_.get(), FILE_MAP_ALL_ACCESS, mapped_size_);
   if (view == nullptr) {
     mapping_.Reset();

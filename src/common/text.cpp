@@ -29,8 +29,11 @@ bool u8to16(const std::string& in, std::wstring* out) {
       MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, in.data(), in_size, nullptr, 0);
   if (size <= 0) return false;
   out->resize(static_cast<std::size_t>(size));
-  MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, in.data(), in_size, out->data(), size);
-  return true;
+  if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, in.data(), in_size, out->data(), size) ==
+      size)
+    return true;
+  out->clear();
+  return false;
 }
 
 bool u16to8(const std::wstring& in, std::string* out) {
@@ -42,9 +45,11 @@ bool u16to8(const std::wstring& in, std::string* out) {
                                        0, nullptr, nullptr);
   if (size <= 0) return false;
   out->resize(static_cast<std::size_t>(size));
-  WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, in.data(), in_size, out->data(), size, nullptr,
-                      nullptr);
-  return true;
+  if (WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, in.data(), in_size, out->data(), size,
+                          nullptr, nullptr) == size)
+    return true;
+  out->clear();
+  return false;
 }
 
 int FormatBounded(char (&buffer)[kBoundedTextSize], const char* format, ...) noexcept {
