@@ -141,6 +141,8 @@ def read_trace(path):
 
 class Runner:
     def __init__(self, arguments):
+        arguments.bin = arguments.bin.resolve()
+        arguments.probes = arguments.probes.resolve()
         self.bin = arguments.bin
         self.probes = arguments.probes
         self.folder = pathlib.Path(
