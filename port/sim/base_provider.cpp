@@ -247,13 +247,15 @@ int ReceiveInto(const char* call, SOCKET s, LPWSABUF buffers, DWORD count, LPDWO
   if (from && (!from_size || *from_size < static_cast<int>(sizeof(sockaddr_in))))
     return Answer(call, s, WSAEFAULT, error);
   if ((*flags & ~static_cast<DWORD>(MSG_PEEK)) != 0) return Answer(call, s, WSAEOPNOTSUPP, error);
-  std::string space(Room(buffers, count), '\0');
+  // One buffer, the ordinary case, is filled in place.
+  std::string space(count == 1 ? 0 : Room(buffers, count), '\0');
+  char* const out = count == 1 ? buffers[0].buf : space.data();
+  const size_t size = count == 1 ? buffers[0].len : space.size();
   DWORD n = 0;
   std::optional<Address> peer;
-  const int result =
-      Receive(*socket, space.data(), space.size(), (*flags & MSG_PEEK) != 0, &n, &peer);
+  const int result = Receive(*socket, out, size, (*flags & MSG_PEEK) != 0, &n, &peer);
   if (result == 0 || result == WSAEMSGSIZE) {
-    Scatter(std::string_view(space).substr(0, n), buffers, count);
+    if (count != 1) Scatter(std::string_view(space).substr(0, n), buffers, count);
     *received = n;
     *flags = 0;
     if (peer && from) WriteAddress(*peer, from, from_size);

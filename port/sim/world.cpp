@@ -283,6 +283,8 @@ World& TheWorld() {
   if (!the_world) {
     Options options;
     options.seed = SeedOfEnvironment();
+    options.max_steps *= 10;  // one world for all tests of a program
+    options.max_time *= 100;
     new World(options);  // for good: threads and static objects may use it to the very end
   }
   return *the_world;

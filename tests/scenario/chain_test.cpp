@@ -36,15 +36,16 @@ using port::MakeEntry;
 using test::Foreign;
 using test::GameProcess;
 using test::kForeignGuid;
+using test::kLayerGuid;
 
 constexpr DWORD kOwn = GameProcess::kOwnId;
 constexpr DWORD kForeign = GameProcess::kForeignId;
 
 WSAPROTOCOL_INFOW OwnTcp(DWORD id, const std::vector<DWORD>& chain) {
-  return MakeEntry(kLspGuid, id, SOCK_STREAM, 6, chain);
+  return MakeEntry(kLayerGuid, id, SOCK_STREAM, 6, chain);
 }
 WSAPROTOCOL_INFOW Hidden() {
-  WSAPROTOCOL_INFOW hidden = OwnTcp(kOwn, {});
+  WSAPROTOCOL_INFOW hidden = MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {});
   hidden.ProtocolChain.ChainLen = 0;
   return hidden;
 }
@@ -85,7 +86,7 @@ SCENARIO(Chain, AProtocolWithoutASwitchIsHookedAtEachStart) {
   GameProcess game;
   game.ListAsGame();
   auto catalogue = port::Catalogue();
-  catalogue.push_back(MakeEntry(kLspGuid, 2900, SOCK_RAW, 1, {kOwn, 1003}));
+  catalogue.push_back(MakeEntry(kLayerGuid, 2900, SOCK_RAW, 1, {kOwn, 1003}));
   port::SetCatalogue(catalogue);
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(game.Start(1), 0);
@@ -289,23 +290,22 @@ SCENARIO(Chain, NullArgumentsAreRefusedWithAWord) {
 
 // --- this provider's own entries ----------------------------------------------------------------
 
-SCENARIO(Chain, OwnEntriesAreFoundInCatalogueOrder) {
+SCENARIO(Chain, TheFirstEntryWithOurIdentityGivesTheIdForGood) {
   GameProcess game;
-  port::SetCatalogue({
-      OwnTcp(2002, {kOwn, 1001}),
-      MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, 2002, 1001}),
-      OwnTcp(2001, {kOwn, kForeign, 1001}),
-      OwnTcp(2003, {kOwn}),  // no chain
-      Hidden(),
-      BaseTcp(),
-  });
+  port::SetCatalogue({BaseTcp(), Hidden(), MakeEntry(kLspGuid, 2500, SOCK_STREAM, 6, {})});
   LspProvider* list = nullptr;
   int count = 0;
   ASSERT_TRUE(GetProviders(&list, &count));
-  const GlobalPtr<LspProvider> owner(list);
-  // The first entry with this provider's identity gives the id, and that is not the hidden one.
-  EXPECT_EQ(common::GetProcessInfo().lsp_catalog_id, 2002u);
+  GlobalPtr<LspProvider> owner(list);
   EXPECT_EQ(count, 0);
+  EXPECT_EQ(common::GetProcessInfo().lsp_catalog_id, kOwn);
+  port::SetCatalogue({BaseTcp(), MakeEntry(kLspGuid, 2500, SOCK_STREAM, 6, {}),
+                      OwnTcp(2501, {2500, 1001}), OwnTcp(2001, {kOwn, 1001})});
+  ASSERT_TRUE(GetProviders(&list, &count));
+  owner.reset(list);
+  EXPECT_EQ(common::GetProcessInfo().lsp_catalog_id, kOwn);
+  ASSERT_EQ(count, 1);
+  EXPECT_EQ(list[0].layer_provider.dwCatalogEntryId, 2001u);
 }
 
 SCENARIO(Chain, RecordsHoldTheEntryAndTheOneBelow) {
@@ -371,7 +371,7 @@ struct CatalogueSearch {
         MakeEntry(kBaseProviderGuid, 1002, SOCK_DGRAM, 17, {}),
         BaseTcp(),
         Hidden(),
-        MakeEntry(kLspGuid, 2001, SOCK_DGRAM, 17, {kOwn, 1002}),
+        MakeEntry(kLayerGuid, 2001, SOCK_DGRAM, 17, {kOwn, 1002}),
         OwnTcp(2002, {kOwn, 1001}),
         MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {}),
     };
@@ -437,7 +437,7 @@ SCENARIO(Match, NothingOfOursInTheCatalogueIsNoRecord) {
   port::SetCatalogue(port::BaseEntries());
   EXPECT_EQ(game.Start(&info), 10106);
   port::SetCatalogue({});
-  EXPECT_EQ(game.Start(17 == 17 ? &info : nullptr), 10106);
+  EXPECT_EQ(game.Start(&info), 10106);
 }
 
 // --- catalogues that make no sense --------------------------------------------------------------
@@ -470,9 +470,9 @@ SCENARIO(BadCatalogue, AChainThatLeadsBackToUsEnds) {
   const LPWSPSTARTUP start = &WSPStartup;
   std::memcpy(&self, &start, sizeof self);
   port::RegisterModule(L"C:\\vyr\\vyr_lsp.dll", {{"WSPStartup", self}});
-  port::SetProviderPath(kLspGuid, L"C:\\vyr\\vyr_lsp.dll");
-  auto first = MakeEntry(kLspGuid, 2001, SOCK_RAW, 1, {kOwn, 2002});
-  auto second = MakeEntry(kLspGuid, 2002, SOCK_RAW, 1, {kOwn, 2001});
+  port::SetProviderPath(kLayerGuid, L"C:\\vyr\\vyr_lsp.dll");
+  auto first = MakeEntry(kLayerGuid, 2001, SOCK_RAW, 1, {kOwn, 2002});
+  auto second = MakeEntry(kLayerGuid, 2002, SOCK_RAW, 1, {kOwn, 2001});
   port::SetCatalogue({Hidden(), first, second, BaseTcp()});
   EXPECT_EQ(game.Start(&first), 0);  // a refusal by a provider below counts as success
   EXPECT_EQ(game.TraceCount("WSPStartup end: 10106, protocol=1, [will] hook"), 1)
@@ -488,7 +488,7 @@ SCENARIO(BadCatalogue, ATcpChainThatLeadsBackToUsGetsTheBaseProvider) {
   const LPWSPSTARTUP start = &WSPStartup;
   std::memcpy(&self, &start, sizeof self);
   port::RegisterModule(L"C:\\vyr\\vyr_lsp.dll", {{"WSPStartup", self}});
-  port::SetProviderPath(kLspGuid, L"C:\\vyr\\vyr_lsp.dll");
+  port::SetProviderPath(kLayerGuid, L"C:\\vyr\\vyr_lsp.dll");
   port::SetCatalogue({Hidden(), OwnTcp(2001, {kOwn, 2001}), BaseTcp()});
   EXPECT_EQ(game.Start(6), 0) << game.AllTraces();
   EXPECT_TRUE(game.GotHookedTable());

@@ -44,7 +44,11 @@ ForeignProvider& Foreign() {
 GameProcess::GameProcess() {
   Is(L"C:\\Games\\Dawn\\dawn.exe");
   std::memset(&upcalls, 0x5a, sizeof upcalls);
-  port::SetCatalogue(port::LayeredCatalogue(moru_vyr::lsp::kLspGuid, kOwnId));
+  std::vector<WSAPROTOCOL_INFOW> catalogue = port::LayeredCatalogue(kLayerGuid, kOwnId);
+  for (WSAPROTOCOL_INFOW& entry : catalogue) {
+    if (entry.dwCatalogEntryId == kOwnId) entry.ProviderId = moru_vyr::lsp::kLspGuid;
+  }
+  port::SetCatalogue(catalogue);
   port::RegisterModule(kForeignPath, {{"WSPStartup", Export(StartForeign)}});
   port::SetProviderPath(kForeignGuid, kForeignPath);
   port::SetDebugSink([this](const char* text) {
@@ -88,7 +92,7 @@ void GameProcess::ListAsGame(common::u32 log_level, const std::string& log_path)
 
 void GameProcess::LayerOverForeign(const std::vector<DWORD>& foreign_chain) {
   port::SetCatalogue({
-      port::MakeEntry(moru_vyr::lsp::kLspGuid, kOwnId + 1, SOCK_STREAM, 6, {kOwnId, kForeignId}),
+      port::MakeEntry(kLayerGuid, kOwnId + 1, SOCK_STREAM, 6, {kOwnId, kForeignId}),
       port::MakeEntry(kForeignGuid, kForeignId, SOCK_STREAM, 6, foreign_chain),
       port::MakeEntry(port::kBaseProviderGuid, 1001, SOCK_STREAM, 6, {}),
       port::MakeEntry(moru_vyr::lsp::kLspGuid, kOwnId, SOCK_STREAM, 6, {kOwnId}),

@@ -14,6 +14,10 @@
 
 namespace test {
 
+// Our layered entries have an identity of their own, as installers give them; only the hidden
+// entry bears the provider's.
+inline constexpr GUID kLayerGuid = {
+    0x6a1d0c52, 0x7e35, 0x4f18, {0x8b, 0x02, 0x11, 0x21, 0x31, 0x41, 0x51, 0x61}};
 // A provider that is neither ours nor the platform's.
 inline constexpr GUID kForeignGuid = {
     0x0b1f6f7e, 0x53c1, 0x4f0e, {0x9a, 0x01, 0x10, 0x20, 0x30, 0x40, 0x50, 0x60}};

@@ -58,7 +58,7 @@ inline int SendTextTo(SOCKET s, const std::string& text, const char* ip, int por
   return sendto(s, text.data(), static_cast<int>(text.size()), 0, Raw(to), sizeof to);
 }
 // "error 10054" where the call fails.
-inline std::string Received(SOCKET s, int most = 65536, int flags = 0) {
+inline std::string Received(SOCKET s, int most = 8192, int flags = 0) {
   std::string text(static_cast<size_t>(most), '\0');
   const int n = recv(s, text.data(), most, flags);
   if (n == SOCKET_ERROR) return "error " + std::to_string(WSAGetLastError());

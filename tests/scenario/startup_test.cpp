@@ -217,8 +217,8 @@ void ExpectOutcome(const std::vector<Fault>& faults, Outcome outcome, const char
   port::ClearFaults();
   EXPECT_EQ(result, outcome == kRefused ? 10106 : 0) << game.AllTraces();
   EXPECT_EQ(game.GotHookedTable(), outcome == kHooked) << game.AllTraces();
-  if (outcome == kLeftAlone) EXPECT_TRUE(game.GotBaseTable());
-  if (trace != nullptr) EXPECT_TRUE(game.Traced(trace)) << game.AllTraces();
+  EXPECT_EQ(game.GotBaseTable(), outcome == kLeftAlone);
+  EXPECT_TRUE(trace == nullptr || game.Traced(trace)) << game.AllTraces();
 }
 
 SCENARIO(StartupFault, OwnPathUnknown) {
