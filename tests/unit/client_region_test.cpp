@@ -7,9 +7,11 @@
 #include "client/region_server.h"
 #include "client/sample.h"
 //
+#include "common/named_mutex.h"
 #include "common/process_info.h"
 #include "common/shared_mem_obj.h"
 #include "route/acc_config.h"
+#include "tests/unit/threads.h"
 
 namespace {
 
@@ -124,6 +126,30 @@ TEST_F(ClientRegion, IsGoneWithItsServer) {
     EXPECT_TRUE(common::Shared_mem_obj::Exists(kRestrictionRegionName));
   }
   EXPECT_FALSE(common::Shared_mem_obj::Exists(kRestrictionRegionName));
+}
+
+TEST_F(ClientRegion, AMutexThatIsHeldForGoodIsAnErrorAndNoHang) {
+  common::NamedMutex held(kRestrictionMutexName);
+  held.lock();
+  std::string error;
+  test::RunThread([&] {
+    RegionServer server;
+    error = server.Publish(ParseConfig(Game("C:\\one.exe", 1)).region, 50);
+  });
+  held.unlock();
+  EXPECT_NE(error.find(kRestrictionMutexName), std::string::npos) << error;
+}
+
+TEST_F(ClientRegion, AMutexLeftByTheDeadIsTakenAndGivenBack) {
+  common::NamedMutex mutex(kRestrictionMutexName);
+  test::RunThread([&] { mutex.lock(); });  // ends with it
+  ASSERT_TRUE(Serve(Game("C:\\one.exe", 1)));
+  bool free = false;
+  test::RunThread([&] {
+    free = mutex.try_lock();
+    if (free) mutex.unlock();
+  });
+  EXPECT_TRUE(free);
 }
 
 TEST_F(ClientRegion, ARegionOfAnotherVersionIsRefusedAndLeftAlone) {
