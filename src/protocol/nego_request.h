@@ -1,0 +1,67 @@
+// What the client asks of a node: to carry one connection or flow to a game server.
+#pragma once
+#include <cstddef>
+
+#include "common/types.h"
+#include "protocol/codec.h"
+#include "protocol/last_node_info.h"
+#include "protocol/nego_header.h"
+#include "protocol/session_guid.h"
+
+namespace moru_vyr::lsp {
+
+// In `flags`: the request moves a flow here that another node carries now.
+inline constexpr u32 kNegoFlagSwitch = 2;
+
+#pragma pack(push, 1)
+// See docs/wire.md, "NegoRequest", and codec.h for Pack and Unpack. Each version adds fields to the
+// one before; the fields that a version lacks are neither read nor written. Addresses and ports
+// are host-order integers.
+struct NegoRequestBody {
+  u32 flags = 0;
+  u8 retry = 0;  // changes of node so far
+  u64 uin = 0;
+  u32 game_id_low = 0;
+  u32 game_ip = 0;
+  u16 game_port = 0;
+  SessionGuid guid;
+  LastNodeInfo last_node;  // from version 2 on, with game_idc
+  u32 game_idc = 0;
+  u64 game_id = 0;  // from version 3 on
+
+  void Init(u32 version) noexcept;
+  int Pack(void* buffer, u32 length, u32 version) noexcept;
+  int Unpack(const void* buffer, u32 length, u32 version) noexcept;
+};
+
+struct NegoRequest {
+  NegoHeader header;
+  NegoRequestBody body;
+
+  void Init(u32 version) noexcept;
+  // Version 0 takes the header's. Either way the record's own header gets the version that was
+  // packed and its length. A buffer must have room for the longest form, whatever the version.
+  int Pack(void* buffer, u32 length, u32 version) noexcept;
+  // The node's half: this client reads no requests. The header's version says how much is read,
+  // and an unknown one is replaced by the newest in the record.
+  int Unpack(const void* buffer, u32 length) noexcept;
+};
+#pragma pack(pop)
+
+static_assert(sizeof(NegoRequestBody) == 63);
+static_assert(offsetof(NegoRequestBody, flags) == 0);
+static_assert(offsetof(NegoRequestBody, retry) == 4);
+static_assert(offsetof(NegoRequestBody, uin) == 5);
+static_assert(offsetof(NegoRequestBody, game_id_low) == 13);
+static_assert(offsetof(NegoRequestBody, game_ip) == 17);
+static_assert(offsetof(NegoRequestBody, game_port) == 21);
+static_assert(offsetof(NegoRequestBody, guid) == 23);
+static_assert(offsetof(NegoRequestBody, last_node) == 39);
+static_assert(offsetof(NegoRequestBody, game_idc) == 51);
+static_assert(offsetof(NegoRequestBody, game_id) == 55);
+
+static_assert(sizeof(NegoRequest) == 73);
+static_assert(offsetof(NegoRequest, header) == 0);
+static_assert(offsetof(NegoRequest, body) == 10);
+
+}  // namespace moru_vyr::lsp

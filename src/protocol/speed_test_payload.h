@@ -1,0 +1,48 @@
+// A probe of the link: what it carries behind its header, and how its answer is known and read.
+#pragma once
+#include <cstddef>
+
+#include "common/types.h"
+#include "protocol/udp_accl_header.h"
+
+namespace moru_vyr::lsp {
+
+inline constexpr u32 kSpeedTestMagic = 0x253ABD8F;
+inline constexpr u32 kMaxSpeedTestDelay = 9999;  // milliseconds
+
+#pragma pack(push, 1)
+// See docs/wire.md, "SpeedTestPayload". Has no Pack: it travels in host order, because nobody but
+// us reads it.
+struct SpeedTestPayload {
+  u32 magic = kSpeedTestMagic;
+  u32 seq = 0;        // equal to the header's
+  u64 send_time = 0;  // milliseconds since 1 January 1970
+};
+
+// The whole datagram of a probe, the header in wire order once it is packed.
+struct SpeedTestPackage {
+  UdpAcclHeader header;
+  SpeedTestPayload payload;
+};
+#pragma pack(pop)
+
+static_assert(sizeof(SpeedTestPayload) == 16);
+static_assert(offsetof(SpeedTestPayload, magic) == 0);
+static_assert(offsetof(SpeedTestPayload, seq) == 4);
+static_assert(offsetof(SpeedTestPayload, send_time) == 8);
+
+static_assert(sizeof(SpeedTestPackage) == 36);
+static_assert(offsetof(SpeedTestPackage, header) == 0);
+static_assert(offsetof(SpeedTestPackage, payload) == 20);
+
+// Whether the datagram is the answer to a probe; if so, both parts of it in host order. Any other
+// datagram, one that has the speed test's flag included, is data. May overwrite the version byte
+// of the datagram, as UdpAcclHeader::Unpack does.
+bool ReadSpeedTestReply(void* datagram, u32 length, UdpAcclHeader* header,
+                        SpeedTestPayload* payload) noexcept;
+
+// From sending to `now`, both in milliseconds since 1 January 1970. 1 at least, also where the
+// clock was set back or a node made the time up, and kMaxSpeedTestDelay at most.
+u32 SpeedTestDelay(u64 now, u64 send_time) noexcept;
+
+}  // namespace moru_vyr::lsp
