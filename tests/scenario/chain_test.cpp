@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "common/process_info.h"
 #include "port/shared/base_startup.h"
@@ -258,19 +260,8 @@ SCENARIO(Chain, ANextProviderWithoutAFileFails) {
 SCENARIO(Chain, APathThatGrowsTooLongShowsAtTheStartFunction) {
   GameProcess game;
   game.LayerOverForeign();
-  std::wstring path;
-  for (int i = 0; i < 21; ++i) path += L"%SystemRoot%";  // 252 now, more than that expanded
-  wchar_t expanded[400] = {};
-  path += L"abcde";
-  ASSERT_GT(ExpandEnvironmentStringsW((path + path).c_str(), expanded, 400), 0u);
-  const std::wstring root = L"%SystemRoot%";
-  ASSERT_LT(path.size(), 259u);
-  wchar_t one[100] = {};
-  ExpandEnvironmentStringsW(root.c_str(), one, 100);
-  if (std::wcslen(one) <= root.size()) {  // then a variable that grows is needed
-    path = L"%USERPROFILE%\\" + std::wstring(240, L'y');
-  }
-  port::SetProviderPath(kForeignGuid, path);
+  setenv("VYR_LONG_DIRECTORY", ("C:\\" + std::string(290, 'd')).c_str(), 1);
+  port::SetProviderPath(kForeignGuid, L"%VYR_LONG_DIRECTORY%\\a.dll");
   EXPECT_EQ(game.Start(6), 10106);
   EXPECT_TRUE(game.TracedStart("LoadProviderPath: GetProcAddress failed: ")) << game.AllTraces();
 }
@@ -474,9 +465,13 @@ SCENARIO(BadCatalogue, AChainThatLeadsBackToUsEnds) {
   auto first = MakeEntry(kLayerGuid, 2001, SOCK_RAW, 1, {kOwn, 2002});
   auto second = MakeEntry(kLayerGuid, 2002, SOCK_RAW, 1, {kOwn, 2001});
   port::SetCatalogue({Hidden(), first, second, BaseTcp()});
-  EXPECT_EQ(game.Start(&first), 0);  // a refusal by a provider below counts as success
-  EXPECT_EQ(game.TraceCount("WSPStartup end: 10106, protocol=1, [will] hook"), 1)
+  // Seven starts, one in the other, then a refusal. The start above a refusal takes it for
+  // success, as ever, and hands out an empty table, which the one above that refuses in turn.
+  EXPECT_EQ(game.Start(&first), 0);
+  EXPECT_EQ(game.TraceCount("FindMatchingProvider: inInfo is one of the LSPs entry."), 7)
       << game.AllTraces();
+  EXPECT_EQ(game.TraceCount("WSPStartup end: 10106, protocol=1, [will] hook"), 4);
+  EXPECT_EQ(game.TraceCount("WSPStartup end: 0, protocol=1, [will] hook"), 4);
   INT error = 0;
   EXPECT_EQ(game.table.lpWSPSocket(AF_INET, SOCK_RAW, 1, nullptr, 0, 1, &error), INVALID_SOCKET);
 }

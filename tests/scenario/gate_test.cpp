@@ -130,7 +130,7 @@ SCENARIO(BlockConfig, IsReadAtTheMostVerboseLevelOnly) {
 }
 
 SCENARIO(BlockConfig, AFileThatIsMissingBlocksNothing) {
-  Configure(0, "C:\\logs\\");
+  Configure(0, "C:\\no_file_here\\");
   test::LogCapture log(0);
   UpdateBlockConfig();
   ExpectBlocked(false, false);

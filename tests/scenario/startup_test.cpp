@@ -207,9 +207,10 @@ struct Fault {
   DWORD error;
 };
 
-void ExpectOutcome(const std::vector<Fault>& faults, Outcome outcome, const char* trace = nullptr) {
+void ExpectOutcome(const std::vector<Fault>& faults, Outcome outcome, const char* trace = nullptr,
+                   const char* log_path = "C:\\logs\\") {
   GameProcess game;
-  game.ListAsGame();
+  game.ListAsGame(0, log_path);
   port::ClearFaults();
   for (const Fault& fault : faults) port::FailCall(fault.call, fault.nth, fault.error);
   const int result = game.Start(6);
@@ -233,10 +234,6 @@ SCENARIO(StartupFault, RegionCannotBeMapped) {
   ExpectOutcome({{"MapViewOfFile", 1, 8}}, kLeftAlone,
                 "read restriction from shared memory failed, mem_addr=null");
 }
-SCENARIO(StartupFault, NoMappingAtAll) {
-  ExpectOutcome({{"CreateFileMappingA", 1, 8}}, kLeftAlone,
-                "read restriction from shared memory failed, mem_addr=null");
-}
 SCENARIO(StartupFault, RegionMutexMissing) {
   ExpectOutcome({{"CreateMutexA", 1, 8}}, kHooked, kFirst);
 }
@@ -253,7 +250,7 @@ SCENARIO(StartupFault, WaitsFail) {
 }
 SCENARIO(StartupFault, LogFileCannotBeOpened) { ExpectOutcome({{"CreateFileW", 0, 5}}, kHooked); }
 SCENARIO(StartupFault, LogDirectoryCannotBeMade) {
-  ExpectOutcome({{"CreateDirectoryW", 0, 5}}, kHooked);
+  ExpectOutcome({{"CreateDirectoryW", 0, 5}}, kHooked, kFirst, "C:\\never_made\\");
 }
 SCENARIO(StartupFault, LogFileHasNoSize) { ExpectOutcome({{"GetFileSizeEx", 0, 5}}, kHooked); }
 SCENARIO(StartupFault, BlockFileCannotBeRead) {
