@@ -125,7 +125,7 @@ bool Shared_mem_obj::CheckHeader(const u8* record) const noexcept {
 
 void Shared_mem_obj::Close() noexcept {
   if (view_ != nullptr) {
-    if (double_buffered_ && open_mode_ == kOpenForWriting && view_is_writable_) {
+    if (double_buffered_ && open_mode_ == kOpenForWriting) {
       Selector(view_).store(1 - ActiveIndex(view_), std::memory_order_release);
     }
     UnmapViewOfFile(view_);

@@ -75,6 +75,22 @@ SCENARIO(LogFaults, FullDiskLosesTextAndNothingElse) {
   EXPECT_EQ(ReadFileText(dir / "run.log"), "kept\n");
 }
 
+// A log line stands between a failed socket call and the code that asks why it failed.
+SCENARIO(LogFaults, LastErrorSurvivesALineThatCannotBeWritten) {
+  const test::TempDir dir;
+  ASSERT_TRUE(common::GetLogFile().Open(dir / "run.log"));
+  port::FailCall("WriteFile", 0, 112);
+  const std::string text(1100, 'x');
+  for (int i = 0; i < 3; ++i) {
+    SetLastError(10035);
+    common::LspLog(5, "%s", text.c_str());
+    EXPECT_EQ(GetLastError(), 10035u);
+    common::CommonLog(5, "tag", "%s", text.c_str());
+    EXPECT_EQ(GetLastError(), 10035u);
+  }
+  EXPECT_GE(port::CallCount("WriteFile"), 5u);
+}
+
 SCENARIO(LogFaults, FileThatCannotBeMadeIsTraced) {
   const test::TempDir dir;
   std::string traces;

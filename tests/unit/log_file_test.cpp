@@ -182,6 +182,17 @@ TEST(LogFile, FileStopsGrowingAtTheLimitOfARun) {
   EXPECT_EQ(FileSize(dir / "run.log"), 2599);  // and the end of the process changes nothing
 }
 
+TEST(LogFile, LimitIsReachedByItsLastByte) {
+  const TempDir dir;
+  LogFile log(2000);
+  ASSERT_TRUE(log.Open(dir / "run.log"));
+  log.Write(LineOf(2000), 5);
+  log.Flush();
+  log.Write(LineOf(10), 5);
+  log.Flush();
+  EXPECT_EQ(FileSize(dir / "run.log"), 2000);
+}
+
 TEST(LogFile, LimitCountsThisRunOnly) {
   const TempDir dir;
   test::MakeSparseFile(dir / "run.log", 5000);
