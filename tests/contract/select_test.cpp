@@ -170,9 +170,9 @@ TEST(Handles, OfKindsThatAreNotThereAreNotMade) {
 }
 
 int GetInt(SOCKET s, int level, int option) {
-  int value = -1, size = sizeof value;
+  int value = 0, size = sizeof value;
   EXPECT_EQ(getsockopt(s, level, option, reinterpret_cast<char*>(&value), &size), 0) << option;
-  EXPECT_EQ(size, static_cast<int>(sizeof value));
+  EXPECT_TRUE(size == sizeof value || size == 1) << option;  // a flag may come as one byte
   return value;
 }
 
@@ -248,6 +248,7 @@ TEST(LastSocketError, IsClearedByACallThatSucceeds) {
     Owned fresh = Listener();
     return 0;
   });
+  if (WineDiffers("closesocket leaves the last error alone")) return;
   clears("closesocket", [&] { return closesocket(udp.Release()); });
 }
 

@@ -73,11 +73,12 @@ TEST(Tcp, RefusedNonBlockingConnectShowsInTheExceptionSetOnly) {
   SetNonBlocking(client);
   CHECK_SOCKET_ERROR(Connect(client, DeadPort()), WSAEWOULDBLOCK);
   const Ready ready = SelectOne(client, 10'000);
-  CHECK_EQ(ready.result, 1);
   CHECK_TRUE(ready.except);
-  CHECK_FALSE(ready.read);
   CHECK_FALSE(ready.write);
   CHECK_EQ(ErrorOf(client), WSAECONNREFUSED);
+  if (WineDiffers("a refused socket is readable too, and sending on it is 10054")) return;
+  CHECK_FALSE(ready.read);
+  CHECK_EQ(ready.result, 1);
   CHECK_SOCKET_ERROR(SendText(client, "x"), WSAENOTCONN);
 }
 
@@ -92,11 +93,13 @@ TEST(Tcp, RefusedConnectIsNotSeenByWhoAsksOnlyToWrite) {
 TEST(Tcp, RefusedBlockingConnectIs10061AndCanBeTriedAgain) {
   Owned client = Tcp();
   CHECK_SOCKET_ERROR(Connect(client, DeadPort()), WSAECONNREFUSED);
+  if (WineDiffers("the first connect after a refusal fails")) return;
   Owned listener = Listener();
   CHECK_EQ(Connect(client, LocalPort(listener)), 0);
 }
 
 TEST(Tcp, ConnectWantsAWholeAddress) {
+  if (WineDiffers("the address is bound before it is looked at: 10049 for all")) return;
   Owned client = Tcp();
   const sockaddr_in name = Loopback(1);
   CHECK_SOCKET_ERROR(connect(client, Raw(name), 4), WSAEFAULT);
@@ -104,13 +107,14 @@ TEST(Tcp, ConnectWantsAWholeAddress) {
   other.sin_family = 99;
   CHECK_SOCKET_ERROR(connect(client, Raw(other), sizeof other), WSAEAFNOSUPPORT);
   const sockaddr_in nowhere = Address("0.0.0.0", 9);
-  if (WineDiffers("a connect to 0.0.0.0 goes to this machine")) return;
   CHECK_SOCKET_ERROR(connect(client, Raw(nowhere), sizeof nowhere), WSAEADDRNOTAVAIL);
 }
 
 TEST(Tcp, UnconnectedSocketMovesNothing) {
   Owned s = Tcp();
-  CHECK_SOCKET_ERROR(SendText(s, "x"), WSAENOTCONN);
+  if (!WineDiffers("send on an unconnected stream is 10054")) {
+    CHECK_SOCKET_ERROR(SendText(s, "x"), WSAENOTCONN);
+  }
   char byte = 0;
   CHECK_SOCKET_ERROR(recv(s, &byte, 1, 0), WSAENOTCONN);
   sockaddr_in name = {};
@@ -246,6 +250,7 @@ TEST(Tcp, AbortiveCloseResetsThePeer) {
   LingerZero(pair.client);
   pair.client.Close();
   CHECK_TRUE(SelectOne(pair.server, 5000).read);
+  if (WineDiffers("a reset that came before recv reads as an orderly end")) return;
   char byte = 0;
   CHECK_SOCKET_ERROR(recv(pair.server, &byte, 1, 0), WSAECONNRESET);
 }
@@ -267,6 +272,7 @@ TEST(Tcp, CloseWithUnreadDataResetsThePeer) {
   EXPECT_TRUE(WaitReadable(pair.server));
   pair.server.Close();
   CHECK_TRUE(WaitReadable(pair.client));
+  if (WineDiffers("a reset that came before recv reads as an orderly end")) return;
   char byte = 0;
   CHECK_SOCKET_ERROR(recv(pair.client, &byte, 1, 0), WSAECONNRESET);
 }

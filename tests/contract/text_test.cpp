@@ -83,10 +83,11 @@ TEST(Text, WrongArgumentsAreRefused) {
   CHECK_FAILS(MultiByteToWideChar(CP_UTF8, 0, nullptr, -1, wide, 4), 0, ERROR_INVALID_PARAMETER);
   CHECK_FAILS(MultiByteToWideChar(CP_UTF8, 0, "abc", -1, nullptr, 4), 0, ERROR_INVALID_PARAMETER);
   CHECK_FAILS(MultiByteToWideChar(CP_UTF8, 0, "abc", -1, wide, -1), 0, ERROR_INVALID_PARAMETER);
+  CHECK_FAILS(WideCharToMultiByte(12345, 0, L"abc", -1, narrow, 4, nullptr, nullptr), 0,
+              ERROR_INVALID_PARAMETER);
+  if (WineDiffers("UTF-8 takes a place for \"used the default character\"")) return;
   BOOL used = FALSE;
   CHECK_FAILS(WideCharToMultiByte(CP_UTF8, 0, L"abc", -1, narrow, 4, nullptr, &used), 0,
-              ERROR_INVALID_PARAMETER);
-  CHECK_FAILS(WideCharToMultiByte(12345, 0, L"abc", -1, narrow, 4, nullptr, nullptr), 0,
               ERROR_INVALID_PARAMETER);
 }
 
@@ -125,11 +126,13 @@ TEST(Process, KnowsItsProgram) {
   const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
   CHECK_EQ(length, std::wcslen(path));
   CHECK_NE(length, 0u);
-  wchar_t brief[5] = {};
+  wchar_t brief[6] = {};
   SetLastError(0);
   CHECK_EQ(GetModuleFileNameW(nullptr, brief, 5), 5u);  // cut: the whole buffer, closed by a null
   CHECK_EQ(GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
-  CHECK_EQ(std::wstring(brief), std::wstring(path, 4));
+  if (!WineDiffers("a cut path has no null at its end")) {
+    CHECK_EQ(std::wstring(brief), std::wstring(path, 4));
+  }
   CHECK_NE(GetCommandLineA(), static_cast<char*>(nullptr));
   CHECK_NE(GetCurrentProcessId(), 0u);
 }

@@ -41,7 +41,9 @@ TEST(Udp, SendingBinds) {
   int size = sizeof name;
   CHECK_SOCKET_ERROR(getsockname(a, Raw(name), &size), WSAEINVAL);
   char byte = 0;
-  CHECK_SOCKET_ERROR(recvfrom(a, &byte, 1, 0, nullptr, nullptr), WSAEINVAL);
+  if (!WineDiffers("recvfrom on an unbound socket waits for ever")) {
+    CHECK_SOCKET_ERROR(recvfrom(a, &byte, 1, 0, nullptr, nullptr), WSAEINVAL);
+  }
   CHECK_EQ(SendTextTo(a, "x", LocalPort(b)), 1);
   CHECK_NE(LocalPort(a), 0u);
   CHECK_EQ(ReceiveFrom(b).port, LocalPort(a));
@@ -94,7 +96,9 @@ TEST(Udp, ConnectedSocketHearsItsPeerOnly) {
 
 TEST(Udp, UnconnectedSocketHasNobodyToSendTo) {
   Owned a = BoundUdp();
-  CHECK_SOCKET_ERROR(SendText(a, "x"), WSAENOTCONN);
+  if (!WineDiffers("send on an unconnected datagram socket is 10022")) {
+    CHECK_SOCKET_ERROR(SendText(a, "x"), WSAENOTCONN);
+  }
   sockaddr_in peer = {};
   int size = sizeof peer;
   CHECK_SOCKET_ERROR(getpeername(a, Raw(peer), &size), WSAENOTCONN);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace contract {
@@ -43,7 +44,7 @@ DWORD WINAPI RunBody(LPVOID parameter) {
 void CountCheck() { ++checks; }
 
 bool WineDiffers(const char* what_was_seen) {
-  static const bool wine = OnWine();
+  static const bool wine = OnWine() && !std::getenv("CONTRACT_LEAVE_NOTHING_OUT");
   if (wine) std::printf("[     Wine ] left out here: %s\n", what_was_seen);
   return wine;
 }

@@ -21,7 +21,9 @@ decltype(auto) Counted(Value&& value) {
   return std::forward<Value>(value);
 }
 
-// True under Wine, with the difference that was seen noted in the log.
+// True under Wine, with the difference that was seen noted in the log. With
+// CONTRACT_LEAVE_NOTHING_OUT in the environment it is false, to see whether a newer Wine still
+// differs.
 bool WineDiffers(const char* what_was_seen);
 
 // An object name that no other run of these tests uses.
