@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -15,6 +14,7 @@
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
 #include "port/shared/rendition.h"
+#include "port/shared/text.h"
 #include "port/sim/scenario.h"
 #include "provider/base_startup.h"
 #include "provider/catalogue.h"
@@ -169,7 +169,8 @@ SCENARIO(Chain, ABasePathThatGrowsTooLongIsRefusedByTheLoader) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
   test::LogCapture log(5);
-  port::SetProviderPath(kBaseProviderGuid, L"%SystemRoot%\\" + std::wstring(240, L'x') + L".dll");
+  port::SetEnvironment(L"VYR_LONG_DIRECTORY", L"C:\\" + std::wstring(290, L'd'));
+  port::SetProviderPath(kBaseProviderGuid, L"%VYR_LONG_DIRECTORY%\\a.dll");
   EXPECT_EQ(BSPStartup(MAKEWORD(2, 2), &game.data, &info, game.upcalls, &game.table), 10106);
   EXPECT_TRUE(log.Contains("BSPStartup: LoadLibrary failed, err=")) << log.Text();
 }
@@ -260,7 +261,7 @@ SCENARIO(Chain, ANextProviderWithoutAFileFails) {
 SCENARIO(Chain, APathThatGrowsTooLongShowsAtTheStartFunction) {
   GameProcess game;
   game.LayerOverForeign();
-  setenv("VYR_LONG_DIRECTORY", ("C:\\" + std::string(290, 'd')).c_str(), 1);
+  port::SetEnvironment(L"VYR_LONG_DIRECTORY", L"C:\\" + std::wstring(290, L'd'));
   port::SetProviderPath(kForeignGuid, L"%VYR_LONG_DIRECTORY%\\a.dll");
   EXPECT_EQ(game.Start(6), 10106);
   EXPECT_TRUE(game.TracedStart("LoadProviderPath: GetProcAddress failed: ")) << game.AllTraces();
