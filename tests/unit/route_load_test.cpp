@@ -1,0 +1,194 @@
+// The start, with its tries, and the beat on which a new spur list is picked up.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "common/handle.h"
+#include "tests/unit/route_fixture.h"
+
+namespace {
+
+using namespace moru_vyr::lsp;
+using test::ClientRegion;
+using test::Ip;
+
+class RouteLoad : public test::RoutePolicy {
+ protected:
+  void ProvideIpTable() {
+    ips = std::make_unique<ClientRegion<IpTableRegion>>(kIpTableRegionName);
+    (*ips)->ip_count = 1;
+    (*ips)->records[0] = {1001, Ip("203.0.113.1")};
+  }
+  void Configure(bool wait_route) {
+    config.wait_route = wait_route ? 1 : 0;
+    ReplaceAccConfig(config);
+  }
+  int CountOf(const std::string& text) const {
+    const std::string all = log.Text();
+    int count = 0;
+    for (auto at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++count;
+    return count;
+  }
+
+  std::unique_ptr<ClientRegion<IpTableRegion>> ips;
+};
+
+TEST_F(RouteLoad, WithoutWaitingThereIsOneTryAndNoPause) {
+  Configure(false);
+  const DWORD before = GetTickCount();
+  EXPECT_FALSE(route.Load(50, 60'000));
+  EXPECT_LT(GetTickCount() - before, 60'000u);
+  EXPECT_TRUE(
+      log.Contains("[5][lsp][Route][Load] try to read route failed, wait_route=failed, "
+                   "try time=1, try interval_ms=60000 ms, game vip level=0\n"));
+}
+
+TEST_F(RouteLoad, WaitingTriesToTheEndForTheIpTableAlone) {
+  Configure(true);
+  test::RouteClient route_region;
+  const DWORD before = GetTickCount();
+  EXPECT_FALSE(route.Load(50, 2));
+  EXPECT_GE(GetTickCount() - before, 50u) << "fifty pauses, one after the last try too";
+  EXPECT_TRUE(
+      log.Contains("try to read route failed, wait_route=success, try time=50, try "
+                   "interval_ms=2 ms, game vip level=0\n"));
+  EXPECT_TRUE(route.route_table().HasRouteTable());
+}
+
+TEST_F(RouteLoad, IpTableAloneIsSuccess) {
+  config.game_vip_level = 0;
+  Configure(true);
+  ProvideIpTable();
+  EXPECT_TRUE(route.Load(50, 60'000));
+  EXPECT_FALSE(route.route_table().HasRouteTable());
+  EXPECT_TRUE(
+      log.Contains("try to read route success, wait_route=success, try time=1, try "
+                   "interval_ms=60000 ms, game vip level=0\n"));
+}
+
+TEST_F(RouteLoad, NoTriesMeanNoSuccess) {
+  Configure(true);
+  ProvideIpTable();
+  EXPECT_FALSE(route.Load(0, 1));
+  EXPECT_TRUE(log.Contains("try to read route failed, wait_route=success, try time=0, "));
+}
+
+TEST_F(RouteLoad, EachTryReadsTheBlacklistAndTheSpurListAnew) {
+  Configure(true);
+  ClientRegion<BlacklistRegion> blacklist(kBlacklistRegionName);
+  ClientRegion<SpurRegion> spurs(kSpurRegionName);
+  EXPECT_FALSE(route.Load(3, 1));
+  EXPECT_EQ(CountOf("blacklist entries count(0)!"), 3);
+  EXPECT_EQ(CountOf("spur iptable entries count(0)!"), 3);
+}
+
+TEST_F(RouteLoad, TablesAreLoadedInTheirOrder) {
+  config.port_idc_count = 1;
+  config.port_idc_records[0] = {80, 5};
+  Configure(false);
+  ProvideIpTable();
+  test::RouteClient route_region;
+  ClientRegion<BlacklistRegion> blacklist(kBlacklistRegionName);
+  ClientRegion<SpurRegion> spurs(kSpurRegionName);
+  EXPECT_TRUE(route.Load(1, 1));
+  const std::string text = log.Text();
+  std::size_t last = 0;
+  for (const char* const line :
+       {"[Route][LoadRoute]", "[LoadBlacklistTableFromMem]", "[LoadSpurIplistTableFromMem]",
+        "[Route]LoadPortIdcTable", "[Route][LoadIpTableFromMem]", "[Route][Load] "}) {
+    const std::size_t at = text.find(line);
+    ASSERT_NE(at, std::string::npos) << line;
+    EXPECT_GE(at, last) << line;
+    last = at;
+  }
+}
+
+TEST_F(RouteLoad, GlobalPolicyIsOneObject) { EXPECT_EQ(GetRoute(), GetRoute()); }
+
+// --- the beat --------------------------------------------------------------------------------
+
+class SpurBeat : public RouteLoad {
+ protected:
+  SpurBeat() : spurs(kSpurRegionName) {
+    spurs->spur_count = 1;
+    spurs->records[0] = {7301, Ip("203.0.113.1")};
+  }
+  static std::string EventName() {
+    return "spur_iplist_change_notify_" + std::to_string(GetCurrentProcessId());
+  }
+  // The client opens what the library made.
+  static void Signal() {
+    const common::UniqueHandle event(OpenEventA(EVENT_MODIFY_STATE, FALSE, EventName().c_str()));
+    ASSERT_TRUE(event);
+    EXPECT_TRUE(SetEvent(event.get()));
+  }
+  static bool EventExists() {
+    return static_cast<bool>(
+        common::UniqueHandle(OpenEventA(EVENT_MODIFY_STATE, FALSE, EventName().c_str())));
+  }
+  bool Loaded() { return route.spur_list().Find(Ip("203.0.113.1")).has_value(); }
+
+  ClientRegion<SpurRegion> spurs;
+};
+
+// The event is never closed, so it is there for every later test of this process: the tests of
+// the beat stand in one, in the order of a process's life.
+TEST_F(SpurBeat, EventThatCannotBeMadeIsGivenUpAndOneThatCanIsHeard) {
+  if (EventExists()) GTEST_SKIP() << "an earlier run in this process has made the event";
+  {
+    // Its name is taken by an object of another kind: for five beats, and for good.
+    const common::UniqueHandle other(CreateMutexA(nullptr, FALSE, EventName().c_str()));
+    ASSERT_TRUE(other);
+    for (int i = 0; i < 5; ++i) route.OnUpdate(30'000);
+  }
+  const common::UniqueHandle unheard(CreateEventA(nullptr, FALSE, TRUE, EventName().c_str()));
+  ASSERT_TRUE(unheard);
+  route.OnUpdate(30'000);
+  EXPECT_FALSE(Loaded()) << "after five failures nobody looks any more";
+  EXPECT_EQ(WaitForSingleObject(unheard.get(), 0), WAIT_OBJECT_0) << "nor waits";
+
+  auto second = std::make_unique<Route>();
+  const auto loaded = [&second] { return second->spur_list().Find(Ip("203.0.113.1")).has_value(); };
+  second->OnUpdate(29'999);
+  Signal();
+  EXPECT_FALSE(loaded()) << "the beat is not there yet";
+  second->OnUpdate(1);
+  EXPECT_TRUE(loaded());
+  EXPECT_TRUE(
+      log.Contains("[4][lsp][Route][OnUpdate] Spur iplist content has changed, reload it!\n"));
+
+  // Signalled several times, loaded once; without a signal not at all.
+  Signal();
+  Signal();
+  second->OnUpdate(30'000);
+  second->OnUpdate(30'000);
+  EXPECT_EQ(CountOf("[OnUpdate] Spur iplist content has changed"), 2);
+
+  // Beats are counted in what the worker tells, from zero after each.
+  Signal();
+  second->OnUpdate(45'000);
+  EXPECT_EQ(CountOf("[OnUpdate] Spur iplist content has changed"), 3);
+  Signal();
+  second->OnUpdate(15'000);
+  EXPECT_EQ(CountOf("[OnUpdate] Spur iplist content has changed"), 3);
+  second->OnUpdate(15'000);
+  EXPECT_EQ(CountOf("[OnUpdate] Spur iplist content has changed"), 4);
+}
+
+TEST_F(SpurBeat, EventIsMadeAtTheFirstBeatAndResetsItself) {
+  route.OnUpdate(30'000);
+  ASSERT_TRUE(EventExists());
+  Signal();
+  route.OnUpdate(30'000);
+  EXPECT_TRUE(Loaded());
+  spurs->records[0] = {7302, Ip("203.0.113.2")};
+  route.OnUpdate(30'000);
+  EXPECT_FALSE(route.spur_list().Find(Ip("203.0.113.2")).has_value());
+  spurs->spur_count = 0;
+  Signal();
+  route.OnUpdate(30'000);
+  EXPECT_TRUE(Loaded()) << "kept: an emptied list stays as it was";
+}
+
+}  // namespace
