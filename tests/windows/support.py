@@ -70,8 +70,15 @@ class Checks:
         sys.exit(1 if self.failed else 0)
 
 
+# The bed's own drive C. What programs leave in the root of their drive goes with the bed.
+DRIVE_C = pathlib.Path(os.environ["VYR_WINEPREFIX"], "drive_c") if "VYR_BED_DIR" in os.environ else None
+
+
 def windows_path(path):
-    return "Z:" + str(pathlib.Path(path).resolve()).replace("/", "\\")
+    path = pathlib.Path(os.path.abspath(path))
+    if DRIVE_C is not None and path.is_relative_to(DRIVE_C):
+        return "C:\\" + str(path.relative_to(DRIVE_C)).replace("/", "\\")
+    return "Z:" + str(path).replace("/", "\\")
 
 
 class EchoServer:
@@ -145,9 +152,7 @@ class Runner:
         arguments.probes = arguments.probes.resolve()
         self.bin = arguments.bin
         self.probes = arguments.probes
-        self.folder = pathlib.Path(
-            tempfile.mkdtemp(prefix="vyr-probe-", dir=os.environ.get("VYR_BED_DIR"))
-        )
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="vyr-probe-", dir=DRIVE_C))
 
     def stage(self, program, name):
         """Copies a program, and the DLL that some probes have, into a fresh folder."""
