@@ -420,6 +420,9 @@ TEST_F(RouteTableTest, ThreadsThatMeetAtTheFirstLookupAllFindTheTable) {
 
 // A client that writes while we read, against its own rule, can give us nonsense but no harm.
 TEST_F(RouteTableTest, TableRewrittenWhileItIsReadDoesNoHarm) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "the race is the point: the other side is another process, which no rule binds";
+#endif
   common::SetLogThreshold(6);
   Publish();
   std::atomic<bool> done = false;
