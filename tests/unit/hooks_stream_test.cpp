@@ -295,6 +295,14 @@ TEST_F(StreamHooks, CloseForgetsTheSocketAndReturnsTheNextProvidersAnswer) {
       log.Contains("WSPCloseSocket: ret=-1, err=10038, protocol=17, type=2, " + Tail(token)));
 }
 
+// The value can come back as another thread's socket the moment it is closed below.
+TEST_F(StreamHooks, TheRecordIsGoneBeforeTheSocketIsClosed) {
+  MakeSocket();
+  next.known_at_close = true;
+  EXPECT_EQ(WSPCloseSocket(next.socket, &error), 0);
+  EXPECT_FALSE(next.known_at_close);
+}
+
 TEST_F(StreamHooks, CloseOfAnUnknownSocketLeavesItOpen) {
   test::LogCapture log(5);
   ForgetErrors();

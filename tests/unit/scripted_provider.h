@@ -52,6 +52,8 @@ class ScriptedProvider {
   bool stores_bytes = true;
   sockaddr_in address{};
 
+  bool known_at_close = false;  // the last WSPCloseSocket still found a record of its socket
+
   std::vector<Call> calls;
   const Call& Last() const { return calls.back(); }
 

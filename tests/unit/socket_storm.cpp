@@ -56,6 +56,7 @@ SOCKET WSPAPI OpenFromPool(int, int, int, LPWSAPROTOCOL_INFOW, GROUP, DWORD, LPI
 }
 int WSPAPI CloseToPool(SOCKET s, LPINT) {
   pool->Give(s);
+  Sleep(0);  // lets another thread have the value before the closer goes on
   return 0;
 }
 int WSPAPI ConnectNothing(SOCKET, const sockaddr*, int, LPWSABUF, LPWSABUF, LPQOS, LPQOS, LPINT) {
