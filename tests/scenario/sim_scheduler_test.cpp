@@ -177,6 +177,24 @@ SCENARIO(SimScheduler, AnAutoResetEventWakesOneWaiter) {
   EXPECT_EQ(awake, 1);
 }
 
+// Bounded by the harness in real time: a scheduler that grows slow with threads would not end.
+SCENARIO(SimScheduler, TwoHundredThreadsTakeTurns) {
+  CRITICAL_SECTION section;
+  InitializeCriticalSection(&section);
+  int count = 0;
+  for (int i = 0; i < 200; ++i)
+    world.Spawn(world.home(), "worker" + std::to_string(i), [&] {
+      for (int n = 0; n < 20; ++n) {
+        EnterCriticalSection(&section);
+        ++count;
+        LeaveCriticalSection(&section);
+        if (n % 10 == 0) Sleep(1);
+      }
+    });
+  ASSERT_TRUE(world.RunUntilAllEnd());
+  EXPECT_EQ(count, 4000);
+}
+
 // --- how worlds end ---------------------------------------------------------------------------
 
 TEST(SimScheduler, ADeadlockEndsTheWorldAndSaysWhoWaitsForWhat) {

@@ -298,6 +298,24 @@ SCENARIO_F(SimTcp, AShortPartitionOnlyDelays) {
   EXPECT_GT(world.now(), 2500ms);
 }
 
+// A whole window that is lost is filled hole by hole, each at the cost of a round trip: not of
+// a time-out each, which would take many seconds.
+SCENARIO_F(SimTcp, ALostWindowIsRepairedInRoundTrips) {
+  std::string received;
+  world.After(25ms, [&] { world.Partition(client, server); });
+  world.After(100ms, [&] { world.Partition(client, server, false); });
+  ASSERT_TRUE(Run([&] { received = ReceivedAll(AcceptFrom(ListenAt(80))); },
+                  [&] {
+                    Sleep(6);
+                    const SOCKET s = Tcp();
+                    ASSERT_EQ(ConnectTo(s, kServer, 80), 0);
+                    SendText(s, Pattern(60'000));
+                    closesocket(s);
+                  }));
+  EXPECT_EQ(received, Pattern(60'000));
+  EXPECT_LT(world.now(), 3s);
+}
+
 SCENARIO_F(SimTcp, ALongPartitionEndsTheConnectionWith10060) {
   ASSERT_TRUE(Run([&] { AcceptFrom(ListenAt(80)); },
                   [&] {
