@@ -156,6 +156,9 @@ TEST(Tcp, AcceptedSocketInheritsNonBlockingMode) {
     Owned server(accept(listener, nullptr, nullptr));
     CHECK_NE(static_cast<SOCKET>(server), INVALID_SOCKET);
     if (non_blocking) {
+      const DWORD bound_ms = 3000;  // a blocking one must fail here, not hang
+      setsockopt(server, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&bound_ms),
+                 sizeof bound_ms);
       char byte = 0;
       CHECK_SOCKET_ERROR(recv(server, &byte, 1, 0), WSAEWOULDBLOCK);
     } else {
