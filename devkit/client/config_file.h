@@ -1,19 +1,18 @@
-// From a configuration file to the bytes of the restriction region.
+// From a configuration file to the bytes of the regions.
 #pragma once
 
-#include <string>
+#include <memory>
 #include <string_view>
 
 #include "client/problems.h"
-#include "route/restriction_formats.h"
+#include "client/tables.h"
 
 namespace client {
 
 struct ConfigFile {
-  // The whole region, header included. Of use only when `problems` holds no error.
-  moru_vyr::lsp::RestrictionRegion region;
+  std::unique_ptr<Tables> tables;  // never null; of use only when `problems` holds no error
   unsigned game_count = 0;
-  Problems problems;
+  Problems problems;  // in the order of the file
 };
 
 // Reads TOML. Every offence against the field table is found in one go; only a file that is no

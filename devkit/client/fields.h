@@ -19,9 +19,17 @@ enum class Kind {
   kPath,       // text that must be a full Windows path to be of any use
   kDirectory,  // the same, and it must end in a separator to name a directory
   kAddress,    // dotted IPv4 text
+  kIp,         // the same, stored as a number in network byte order
+  kHex,        // bytes, as text of two hexadecimal digits each; the rest is zero
+  kNode,       // a node that must be there, by its name or its proxy_idc; 0: none
+  kLastNode,   // the same, but a number may be that of a node that is not in the table
+  kIdc,        // a data centre, by the name that an [[idc]] gave it or by number
+  kFromNode,   // the name of a node from which the whole record is filled; keys beside it win
   kNames,      // a number, or one name that stands for it
   kNameBits,   // a number, or a list of names whose bits are joined
   kRecord,     // a table with a shape of its own
+  kAddresses,  // the addresses of a group; only in the shape of a kGroups
+  kGroups,     // tables of one data centre and its addresses, stored flat: a record an address
 };
 
 struct NamedValue {
@@ -53,6 +61,8 @@ struct Field {
   uint64_t max = 0;  // 0: whatever the field can hold
   std::span<const NamedValue> names = {};
   const Shape* shape = nullptr;
+  std::span<const char* const> unique = {};  // lists: keys whose values no two entries share
+  const char* example = nullptr;  // lists of the whole file: entries for the sample, as TOML
 
   uint64_t Max() const;
   bool IsText() const;
@@ -62,11 +72,19 @@ struct Shape {
   const char* name;
   size_t size;
   std::span<const Field> fields;
+  bool is_short = false;  // written on one line, { key = value, … }
 
   const Field* Find(std::string_view key) const;
 };
 
-// The whole restriction region, behind which all other shapes hang.
-const Shape& RegionShape();
+// One entry of a kGroups list, before it becomes records.
+struct AddressGroup {
+  uint32_t game_idc = 0;
+  uint32_t vip_level = 0;
+  char name[64] = {};
+};
+
+// The whole file, behind which all other shapes hang. Its offsets are those of Tables.
+const Shape& FileShape();
 
 }  // namespace client

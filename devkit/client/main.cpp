@@ -82,7 +82,7 @@ int Serve(const Options& options) {
                "vyr_client: this is not the Windows program: no other process sees the region\n");
 #endif
   client::RegionServer server;
-  const std::string error = server.Publish(file->region, kMutexWaitMs);
+  const std::string error = server.Publish(*file->tables, kMutexWaitMs).error;
   if (!error.empty()) {
     reporter.Failure(error);
     return kFailed;

@@ -1,11 +1,13 @@
-// Keeps the restriction region in being, for the games that start meanwhile.
+// Keeps the regions in being, for the games that run and those that start meanwhile.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "client/tables.h"
 #include "common/shared_mem_obj.h"
-#include "route/restriction_formats.h"
 
 namespace client {
 
@@ -13,13 +15,25 @@ namespace client {
 // One thread.
 class RegionServer {
  public:
-  // Makes the region, or takes over the one that stands, and writes it whole under its mutex:
-  // a game that has an older mapping open sees the new content. Waits at most so long for a
-  // mutex that is held by another. Empty on success, else the reason in words.
-  std::string Publish(const moru_vyr::lsp::RestrictionRegion& region, unsigned wait_ms);
+  struct Outcome {
+    std::vector<RegionId> written;
+    std::string error;  // what could not be written, in words; empty if nothing
+  };
+
+  // Brings the regions to what the tables say, and touches only those that differ from what was
+  // published last. Makes a region, or takes over the one that stands: a game that has an older
+  // mapping open sees the new content. A region that nothing was ever written into is not made,
+  // because a route table that is there, if empty, keeps the library from its binary file; the
+  // games' region always is. Plain regions are written under their mutex, for which it waits so
+  // long at most; of the route table the buffer that nobody reads is filled, then the two change
+  // places.
+  Outcome Publish(const Tables& tables, unsigned wait_ms);
 
  private:
-  std::unique_ptr<common::Shared_mem_owner> owner_;
+  std::string Write(RegionId id, const Tables& tables, unsigned wait_ms);
+
+  std::array<std::unique_ptr<common::Shared_mem_owner>, kRegionCount> owners_;
+  std::unique_ptr<Tables> published_;
 };
 
 }  // namespace client

@@ -13,7 +13,4 @@ struct SampleOptions {
 
 std::string WriteSample(const SampleOptions& options);
 
-// The text as a TOML value, quoted the way that needs the fewest escapes.
-std::string QuoteToml(const std::string& text);
-
 }  // namespace client

@@ -21,22 +21,6 @@ bool IsDigitList(const std::string& text) {
   return digit_before;
 }
 
-// Four decimal numbers. A leading zero is refused: the library's own reader takes it as octal.
-bool IsAddress(const std::string& text) {
-  const char* at = text.data();
-  const char* const end = at + text.size();
-  for (int part = 0; part < 4; ++part) {
-    if (part > 0 && (at == end || *at++ != '.')) return false;
-    if (at == end || !IsDigit(*at)) return false;
-    const char* const first = at;
-    unsigned value = 0;
-    const auto [stop, error] = std::from_chars(at, end, value);
-    if (error != std::errc() || value > 255 || (*first == '0' && stop - first > 1)) return false;
-    at = stop;
-  }
-  return at == end;
-}
-
 bool IsFullPath(const std::string& path) {
   const bool drive = path.size() > 3 && path[1] == ':' && path[2] == '\\';
   return drive || path.rfind("\\\\", 0) == 0;
@@ -52,7 +36,7 @@ std::string WhyRefused(const std::string& text, Kind kind) {
     case Kind::kDigitList:
       return IsDigitList(text) ? "" : "'" + text + "' is no list of numbers like '26,2'";
     case Kind::kAddress:
-      return IsAddress(text) ? "" : "'" + text + "' is no dotted IPv4 address";
+      return ParseAddress(text) ? "" : "'" + text + "' is no dotted IPv4 address";
     case Kind::kPath:
     case Kind::kDirectory:
       return text.empty() ? "is empty" : "";
@@ -80,6 +64,58 @@ std::optional<uint64_t> ParseNumber(const std::string& digits) {
   const auto [stop, error] = std::from_chars(digits.data(), end, number);
   if (error != std::errc() || stop != end) return std::nullopt;
   return number;
+}
+
+// A leading zero is refused: the library's own reader takes it as octal.
+std::optional<uint32_t> ParseAddress(const std::string& text) {
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  uint32_t address = 0;
+  for (unsigned part = 0; part < 4; ++part) {
+    if (part > 0 && (at == end || *at++ != '.')) return std::nullopt;
+    if (at == end || !IsDigit(*at)) return std::nullopt;
+    const char* const first = at;
+    uint32_t value = 0;
+    const auto [stop, error] = std::from_chars(at, end, value);
+    if (error != std::errc() || value > 255 || (*first == '0' && stop - first > 1)) {
+      return std::nullopt;
+    }
+    address |= value << (8 * part);
+    at = stop;
+  }
+  return at == end ? std::optional(address) : std::nullopt;
+}
+
+std::optional<std::string> ParseHex(const std::string& digits) {
+  if (digits.size() % 2 != 0) return std::nullopt;
+  std::string bytes;
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    unsigned value = 0;
+    const char* const at = digits.data() + i;
+    const auto [stop, error] = std::from_chars(at, at + 2, value, 16);
+    if (error != std::errc() || stop != at + 2) return std::nullopt;
+    bytes += static_cast<char>(value);
+  }
+  return bytes;
+}
+
+std::string AddressText(uint32_t address) {
+  std::string text;
+  for (unsigned shift = 0; shift < 32; shift += 8) {
+    text += (text.empty() ? "" : ".") + std::to_string(address >> shift & 0xff);
+  }
+  return text;
+}
+
+std::string HexText(const char* bytes, size_t size) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  while (size > 0 && bytes[size - 1] == '\0') --size;
+  std::string text;
+  for (size_t i = 0; i < size; ++i) {
+    const auto byte = static_cast<unsigned char>(bytes[i]);
+    text += {kDigits[byte >> 4], kDigits[byte & 15]};
+  }
+  return text;
 }
 
 }  // namespace client

@@ -18,4 +18,14 @@ std::string WhyDoubtful(const std::string& text, Kind kind);
 // Decimal digits only, within 64 bits.
 std::optional<uint64_t> ParseNumber(const std::string& digits);
 
+// Four decimal numbers with dots between, as they lie in memory: network byte order.
+std::optional<uint32_t> ParseAddress(const std::string& text);
+
+// Two hexadecimal digits for each byte.
+std::optional<std::string> ParseHex(const std::string& digits);
+
+// The other way round. Zero bytes at the end are left out.
+std::string AddressText(uint32_t address);
+std::string HexText(const char* bytes, size_t size);
+
 }  // namespace client

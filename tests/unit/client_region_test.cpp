@@ -52,7 +52,7 @@ class ClientRegion : public testing::Test {
   bool Serve(const std::string& text) {
     const client::ConfigFile file = ParseConfig(text);
     EXPECT_FALSE(HasErrors(file.problems));
-    const std::string error = server_.Publish(file.region, kWaitMs);
+    const std::string error = server_.Publish(*file.tables, kWaitMs).error;
     EXPECT_EQ(error, "");
     return error.empty();
   }
@@ -87,11 +87,11 @@ TEST_F(ClientRegion, TheSampleServesItsGame) {
 TEST_F(ClientRegion, TheReaderTakesTheRecordByteForByte) {
   const client::ConfigFile file =
       ParseConfig(client::WriteSample({{"C:\\a\\game.exe"}, "C:\\log\\"}));
-  ASSERT_EQ(server_.Publish(file.region, kWaitMs), "");
+  ASSERT_EQ(server_.Publish(*file.tables, kWaitMs).error, "");
   RunAs("C:\\a\\game.exe");
   ASSERT_TRUE(ReadAccConfig());
   const AccConfigRecord& read = *GetAccConfig();
-  EXPECT_EQ(std::memcmp(&read, &file.region.games[0], sizeof read), 0);
+  EXPECT_EQ(std::memcmp(&read, &file.tables->restriction.games[0], sizeof read), 0);
 }
 
 TEST_F(ClientRegion, ANewFileReachesWhoStartsLaterThroughAnOlderMapping) {
@@ -122,7 +122,7 @@ TEST_F(ClientRegion, AnInvalidRecordIsSkipped) {
 TEST_F(ClientRegion, IsGoneWithItsServer) {
   {
     RegionServer server;
-    ASSERT_EQ(server.Publish(ParseConfig(Game("C:\\one.exe", 1)).region, kWaitMs), "");
+    ASSERT_EQ(server.Publish(*ParseConfig(Game("C:\\one.exe", 1)).tables, kWaitMs).error, "");
     EXPECT_TRUE(common::Shared_mem_obj::Exists(kRestrictionRegionName));
   }
   EXPECT_FALSE(common::Shared_mem_obj::Exists(kRestrictionRegionName));
@@ -134,7 +134,7 @@ TEST_F(ClientRegion, AMutexThatIsHeldForGoodIsAnErrorAndNoHang) {
   std::string error;
   test::RunThread([&] {
     RegionServer server;
-    error = server.Publish(ParseConfig(Game("C:\\one.exe", 1)).region, 50);
+    error = server.Publish(*ParseConfig(Game("C:\\one.exe", 1)).tables, 50).error;
   });
   held.unlock();
   EXPECT_NE(error.find(kRestrictionMutexName), std::string::npos) << error;
@@ -159,7 +159,7 @@ TEST_F(ClientRegion, ARegionOfAnotherVersionIsRefusedAndLeftAlone) {
   ASSERT_NE(region, nullptr);
   region->header.minor_ver = 37;
   other.Close();
-  EXPECT_NE(server_.Publish(ParseConfig(Game("C:\\one.exe", 1)).region, kWaitMs), "");
+  EXPECT_NE(server_.Publish(*ParseConfig(Game("C:\\one.exe", 1)).tables, kWaitMs).error, "");
   const auto* const after =
       static_cast<const RestrictionRegion*>(other.Open(common::kOpenForReading, false));
   ASSERT_NE(after, nullptr);

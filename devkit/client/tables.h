@@ -1,0 +1,49 @@
+// All that the client program tells the library: every region, in memory of our own.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <memory>
+
+#include "route/restriction_formats.h"
+#include "route/route_formats.h"
+
+namespace client {
+
+// The formats are packed, so the regions lie in here one behind the other without a gap, and a
+// field of any of them is a place in this record. Nearly a megabyte: never on a stack.
+struct Tables {
+  moru_vyr::lsp::RestrictionRegion restriction;
+  moru_vyr::lsp::RouteRegion route;
+  moru_vyr::lsp::IpTableRegion iptable;
+  moru_vyr::lsp::BlacklistRegion blacklist;
+  moru_vyr::lsp::SpurRegion spur;
+  moru_vyr::lsp::LaunchTestRegion launch_test;
+};
+static_assert(sizeof(Tables) == 134216 + 65680 + 655380 + 24600 + 16400 + 15120);
+
+// Empty tables with right headers.
+std::unique_ptr<Tables> NewTables();
+
+// One region as the platform knows it, and its place in Tables.
+struct RegionRow {
+  const char* label;  // for people
+  const char* name;
+  const char* mutex_name;
+  size_t offset;
+  size_t size;
+  bool double_buffered;
+  const char* effect;  // when running games see a change
+};
+
+enum RegionId { kRestriction, kRoute, kIpTable, kBlacklist, kSpur, kLaunchTest, kRegionCount };
+using RegionRows = std::array<RegionRow, kRegionCount>;
+const RegionRows& Regions();
+
+std::byte* RegionOf(Tables& tables, const RegionRow& row);
+const std::byte* RegionOf(const Tables& tables, const RegionRow& row);
+
+// Whether there is anything in the region but its header.
+bool HasContent(const Tables& tables, const RegionRow& row);
+
+}  // namespace client
