@@ -155,11 +155,12 @@ TEST_F(RouteTableTest, FileThatIsNotThereIsTriedAndNamedWithItsError) {
                    path + ") CreateFileW failed(error=2)\n"));
 }
 
-TEST_F(RouteTableTest, FileThatSomeoneElseWritesIsRefused) {
+TEST_F(RouteTableTest, FileThatSomeoneElseWritesIsRefusedEvenIfTheyWouldShareIt) {
   const std::string path = WriteRouteFile();
   SetRouteFile(path);
-  const HANDLE writer = CreateFileW(test::Wide(path).c_str(), GENERIC_WRITE, 0, nullptr,
-                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const HANDLE writer =
+      CreateFileW(test::Wide(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   ASSERT_NE(writer, INVALID_HANDLE_VALUE);
   EXPECT_FALSE(table().LoadRoute());
   EXPECT_TRUE(log.Contains("CreateFileW failed(error=32)\n"));

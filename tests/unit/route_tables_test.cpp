@@ -121,6 +121,10 @@ TEST_F(RouteTables, IpTableRegionOfAnotherVersionReadsAsAbsent) {
 }
 
 TEST_F(RouteTables, RegionThatIsTooSmallReadsAsAbsent) {
+  // The client's own handles: a mutex that we kept would stay taken.
+  common::NamedMutex ip_mutex(kIpTableMutexName);
+  common::NamedMutex spur_mutex(kSpurMutexName);
+  common::NamedMutex blacklist_mutex(kBlacklistMutexName);
   ClientRegion<IpTableRegion> ips(kIpTableRegionName, 4096);
   ClientRegion<SpurRegion> spurs(kSpurRegionName, 4096);
   ClientRegion<BlacklistRegion> blacklist(kBlacklistRegionName, 4096);
