@@ -43,15 +43,14 @@ int main(int argc, char** argv) {
   closesocket(probe::ConnectedStream());  // the first copy is started by now
   const HMODULE copy = LoadLibraryA(argv[3]);
   probe::Say("copy: %s", copy != nullptr ? "loaded" : "failed");
-  const auto start = reinterpret_cast<LPWSPSTARTUP>(
-      reinterpret_cast<void*>(GetProcAddress(copy, "WSPStartup")));
+  const auto start =
+      reinterpret_cast<LPWSPSTARTUP>(reinterpret_cast<void*>(GetProcAddress(copy, "WSPStartup")));
   WSAPROTOCOL_INFOW layered = {};
   if (start == nullptr || !FindLayered(&layered)) return 1;
   WSPDATA data = {};
   WSPUPCALLTABLE upcalls = {};
   WSPPROC_TABLE table = {};
-  probe::Say("WSPStartup of the copy: %d",
-             start(MAKEWORD(2, 2), &data, &layered, upcalls, &table));
+  probe::Say("WSPStartup of the copy: %d", start(MAKEWORD(2, 2), &data, &layered, upcalls, &table));
   probe::Say("entries of the copy: %d", CountEntriesIn(copy, table));
   int error = 0;
   const SOCKET s = table.lpWSPSocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, 0, &error);
