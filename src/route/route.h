@@ -133,7 +133,8 @@ class Route {
   HANDLE notify_event_ = nullptr;  // never closed: it ends with the process
 };
 
-// The one for this process: built at first use, alive until the process ends.
+// The one for this process: built at first use (which may throw std::bad_alloc), alive until the
+// process ends.
 Route* GetRoute();
 
 }  // namespace moru_vyr::lsp
