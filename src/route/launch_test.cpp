@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "common/log.h"
 
@@ -55,6 +56,7 @@ bool LaunchTest::LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noex
     return false;
   }
   const common::Lock hold(lock_);
+  if (local_glt_ != nullptr) return CopyRecord(*local_glt_, game_idc, out);
   if (!OpenRegion()) return false;
   const common::Shared_mem_ptr<const LaunchTestRegion> view(glt_mem_.get(), common::kOpenForReading,
                                                             true);
@@ -66,6 +68,12 @@ bool LaunchTest::LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noex
     return false;
   }
   return CopyRecord(*view.get(), game_idc, out);
+}
+
+void LaunchTest::LoadGltTableFromMem(const LaunchTestRegion& table) {
+  auto copy = std::make_unique<const LaunchTestRegion>(table);
+  const common::Lock hold(lock_);
+  local_glt_ = std::move(copy);
 }
 
 }  // namespace moru_vyr::lsp

@@ -16,13 +16,18 @@ class LaunchTest {
   // where there is none. Any thread; waits for the region's mutex without limit.
   bool LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noexcept;
 
+  // Answers from a copy of this table from now on, never from the region: for those who ask about
+  // tables that no client program has published. May throw std::bad_alloc.
+  void LoadGltTableFromMem(const LaunchTestRegion& table);
+
  private:
   bool OpenRegion() noexcept;
 
-  // Guards glt_mem_ and its use: the worker and the threads that send pings meet there. Of our
-  // own locks nothing is taken inside it.
+  // Guards both sources and their use: the worker and the threads that send pings meet there. Of
+  // our own locks nothing is taken inside it.
   common::Mutex lock_;
   std::unique_ptr<common::Shared_mem_owner> glt_mem_;  // stays once it was made
+  std::unique_ptr<const LaunchTestRegion> local_glt_;  // stands for the region, if there
 };
 
 }  // namespace moru_vyr::lsp

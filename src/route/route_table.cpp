@@ -61,6 +61,13 @@ bool RouteTable::LoadRoute() noexcept {
   return source_ != Source::kNone;
 }
 
+void RouteTable::LoadRouteFromMem(const RouteTableImage& image) noexcept {
+  const common::Lock hold(lock_);
+  if (source_ != Source::kNone) return;
+  local_route_.image = image;
+  source_ = Source::kFile;
+}
+
 bool RouteTable::OpenRegion() noexcept {
   try {
     if (!common::Shared_mem_obj::Exists(kRouteRegionName)) {

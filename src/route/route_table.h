@@ -25,6 +25,10 @@ class RouteTable {
   // this very call found it. Kept: false where the region had been found before.
   bool LoadRoute() noexcept;
 
+  // Takes this table where there is none yet, as if a file had held it: for those who ask about
+  // tables that no client program has published.
+  void LoadRouteFromMem(const RouteTableImage& image) noexcept;
+
   bool HasRouteTable() const noexcept { return source_ != Source::kNone; }
 
   // The routes for the configured acc_mode, and the table's header if the caller wants it. Null
