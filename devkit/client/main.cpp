@@ -3,15 +3,19 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
-#include <iterator>
+#include <memory>
 #include <optional>
+#include <vector>
 
 #include "client/config_file.h"
-#include "client/region_server.h"
+#include "client/dump.h"
+#include "client/explain.h"
+#include "client/file_watcher.h"
+#include "client/region_reader.h"
 #include "client/reporter.h"
 #include "client/sample.h"
+#include "client/takeover.h"
 //
 #include <winsock2.h>
 //
@@ -22,28 +26,25 @@ namespace {
 enum ExitCode { kDone = 0, kFailed = 1, kUsage = 2, kBadFile = 3 };
 
 constexpr unsigned kMutexWaitMs = 5000;
-constexpr DWORD kPollMs = 100;
+constexpr DWORD kPollMs = 200;
 
 struct Options {
   std::string file;
   bool json = false;
   bool until_eof = false;
   client::SampleOptions sample;
+  std::vector<unsigned long> notify_pids;
+  std::string route_file;
+  std::string destination;
+  std::string protocol;
+  std::string game;
+  std::optional<uint32_t> vip_level;
 };
-
-std::optional<std::string> ReadAll(const std::string& path) {
-  if (path == "-") return std::string(std::istreambuf_iterator<char>(std::cin), {});
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  std::string text(std::istreambuf_iterator<char>(file), {});
-  if (file.bad()) return std::nullopt;
-  return text;
-}
 
 // The parsed file, or nothing when it is refused; everything there is to say has been said.
 std::optional<client::ConfigFile> Load(const Options& options) {
   const client::Reporter reporter(options.json);
-  const auto text = ReadAll(options.file);
+  const auto text = client::ReadAll(options.file);
   client::ConfigFile file;
   if (text) {
     file = client::ParseConfig(*text);
@@ -66,30 +67,122 @@ DWORD WINAPI WaitForEndOfInput(LPVOID) {
   return 0;
 }
 
-void WaitForEnd(bool until_eof) {
+void FollowUntilEnd(const Options& options, client::FileWatcher* file, client::Takeover* takeover) {
+  const client::Reporter reporter(options.json);
   std::signal(SIGINT, OnSignal);
   std::signal(SIGTERM, OnSignal);
-  if (until_eof) CreateThread(nullptr, 0, WaitForEndOfInput, nullptr, 0, nullptr);
-  while (g_ended == 0) Sleep(kPollMs);
+  if (options.until_eof) CreateThread(nullptr, 0, WaitForEndOfInput, nullptr, 0, nullptr);
+  for (; g_ended == 0; Sleep(kPollMs)) {
+    const auto text = options.file != "-" ? file->Poll() : std::nullopt;
+    if (!text) continue;
+    const client::TakeoverReport report = takeover->Apply(*text, kMutexWaitMs);
+    reporter.Report(options.file, report.problems);
+    if (client::HasErrors(report.problems)) {
+      reporter.Refused(options.file);
+      continue;
+    }
+    if (!report.failure.empty()) reporter.Failure(report.failure);
+    reporter.Changed(options.file, report);
+  }
 }
 
 int Serve(const Options& options) {
+  const client::Reporter reporter(options.json);
+  const auto text = client::ReadAll(options.file);
+  if (!text) {
+    reporter.Report(options.file, {{.reason = "cannot be read"}});
+    return kBadFile;
+  }
+#ifndef _WIN32
+  std::fprintf(stderr,
+               "vyr_client: this is not the Windows program: no other process sees the regions\n");
+#endif
+  client::Takeover takeover({options.notify_pids.begin(), options.notify_pids.end()});
+  const client::TakeoverReport report = takeover.Apply(*text, kMutexWaitMs);
+  reporter.Report(options.file, report.problems);
+  if (client::HasErrors(report.problems)) return kBadFile;
+  if (!report.failure.empty()) {
+    reporter.Failure(report.failure);
+    return kFailed;
+  }
+  reporter.Ready(options.file, report);
+  client::FileWatcher watcher(options.file, *text);
+  FollowUntilEnd(options, &watcher, &takeover);
+  return kDone;
+}
+
+int Compile(const Options& options) {
   const auto file = Load(options);
   if (!file) return kBadFile;
   const client::Reporter reporter(options.json);
-#ifndef _WIN32
-  std::fprintf(stderr,
-               "vyr_client: this is not the Windows program: no other process sees the region\n");
-#endif
-  client::RegionServer server;
-  const std::string error = server.Publish(*file->tables, kMutexWaitMs).error;
+  const std::string error = client::WriteRouteFile(options.route_file, *file->tables);
   if (!error.empty()) {
-    reporter.Failure(error);
+    reporter.Failure(options.route_file + ": " + error);
     return kFailed;
   }
-  reporter.Ready(options.file, file->game_count);
-  WaitForEnd(options.until_eof);
+  reporter.Compiled(options.route_file, client::Summary(*file->tables, client::kRoute));
   return kDone;
+}
+
+// The tables that games see at this moment. Null, after a word about it, where there are none.
+std::unique_ptr<client::Tables> ReadStanding(const client::Reporter& reporter) {
+  client::StandingTables standing = client::ReadRegions(kMutexWaitMs);
+  if (!standing.error.empty()) reporter.Failure(standing.error);
+  if (!standing.AnyPresent()) {
+    reporter.Failure("no tables are in force: nobody serves any");
+    return nullptr;
+  }
+  return std::move(standing.tables);
+}
+
+int Print(const std::string& text) {
+  const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+  return written && std::fflush(stdout) == 0 ? kDone : kFailed;
+}
+
+int Dump(const Options& options) {
+  const client::Reporter reporter(options.json);
+  std::unique_ptr<client::Tables> tables;
+  if (options.route_file.empty()) {
+    tables = ReadStanding(reporter);
+    if (!tables) return kFailed;
+  } else {
+    tables = client::NewTables();
+    const std::string error = client::ReadRouteFile(options.route_file, tables.get());
+    if (!error.empty()) {
+      reporter.Report(options.route_file, {{.reason = error}});
+      return kBadFile;
+    }
+  }
+  return Print(options.json ? client::DumpJson(*tables) : client::DumpToml(*tables));
+}
+
+int ExplainDestination(const Options& options) {
+  const client::Reporter reporter(options.json);
+  auto question = client::ParseQuestion(options.destination, options.protocol);
+  if (!question) {
+    reporter.Failure("'" + options.destination + " " + options.protocol +
+                     "' is no destination like '198.51.100.10:8080 tcp'");
+    return kUsage;
+  }
+  question->vip_level = options.vip_level;
+  question->game = options.game;
+  std::unique_ptr<client::Tables> tables;
+  if (options.file.empty()) {
+    tables = ReadStanding(reporter);
+    if (!tables) return kFailed;
+  } else {
+    auto file = Load(options);
+    if (!file) return kBadFile;
+    tables = std::move(file->tables);
+  }
+  const client::Explanation explanation = client::Explain(*tables, *question);
+  if (!explanation.problem.empty()) {
+    reporter.Failure(explanation.problem);
+    return kFailed;
+  }
+  return Print(options.json ? client::ExplanationJson(explanation)
+                            : client::ExplanationText(explanation));
 }
 
 int Check(const Options& options) {
@@ -99,11 +192,7 @@ int Check(const Options& options) {
   return kDone;
 }
 
-int Sample(const Options& options) {
-  const std::string text = client::WriteSample(options.sample);
-  const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
-  return written && std::fflush(stdout) == 0 ? kDone : kFailed;
-}
+int Sample(const Options& options) { return Print(client::WriteSample(options.sample)); }
 
 void AddFile(CLI::App* command, Options* options) {
   command->add_option("FILE", options->file, "the configuration, TOML; - reads standard input")
@@ -111,10 +200,64 @@ void AddFile(CLI::App* command, Options* options) {
   command->add_flag("--json", options->json, "one JSON object a line instead of sentences");
 }
 
+using Action = int (*)(const Options&);
+
+void AddServe(CLI::App* app, Options* options, Action* action) {
+  CLI::App* serve = app->add_subcommand(
+      "serve",
+      "put the file where games find it, say \"ready\", take over each edit, stay until ended");
+  AddFile(serve, options);
+  serve->add_flag("--until-eof", options->until_eof, "end with the end of standard input");
+  serve->add_option("--notify-pid", options->notify_pids,
+                    "tell these processes of a new spur list, besides the listed games that run");
+  serve->callback([action] { *action = Serve; });
+}
+
+void AddFileCommands(CLI::App* app, Options* options, Action* action) {
+  CLI::App* check = app->add_subcommand("check", "say what is wrong with the file");
+  AddFile(check, options);
+  check->callback([action] { *action = Check; });
+
+  CLI::App* compile = app->add_subcommand(
+      "compile", "write the route table into a file, for clients that leave no region");
+  AddFile(compile, options);
+  compile->add_option("--route-file", options->route_file, "the file to write")->required();
+  compile->callback([action] { *action = Compile; });
+
+  CLI::App* sample = app->add_subcommand("sample", "write a complete file with comments");
+  sample->add_option("--game", options->sample.game_paths,
+                     "full Windows path of the game's program, up to ten of them");
+  sample->add_option("--log-dir", options->sample.log_path,
+                     "where the log files go, with a backslash at its end");
+  sample->callback([action] { *action = Sample; });
+}
+
+void AddQuestions(CLI::App* app, Options* options, Action* action) {
+  CLI::App* dump = app->add_subcommand("dump", "print the tables in force, as a file for serve");
+  dump->add_option("--route-file", options->route_file, "print this compiled route table instead");
+  dump->add_flag("--json", options->json, "as JSON");
+  dump->callback([action] { *action = Dump; });
+
+  CLI::App* explain =
+      app->add_subcommand("explain", "say what becomes of a destination, by which table, and why");
+  explain->add_option("DESTINATION", options->destination, "ADDRESS:PORT")->required();
+  explain->add_option("PROTOCOL", options->protocol, "tcp or udp")
+      ->required()
+      ->check(CLI::IsMember({"tcp", "udp"}));
+  explain->add_option("--file", options->file, "ask this file instead of the tables in force");
+  explain->add_option("--game", options->game,
+                      "the game that asks: its path, file name or game_id; else the first");
+  explain->add_option("--level", options->vip_level, "VIP level in place of the game's own")
+      ->check(CLI::Range(0, 9));
+  explain->add_flag("--json", options->json, "one JSON object instead of sentences");
+  explain->callback([action] { *action = ExplainDestination; });
+}
+
 int Run(int argc, char** argv) {
   CLI::App app(
       "Tells the library which games it serves, and how.\n\n"
       "  vyr_client sample --game 'C:\\games\\game.exe' > games.toml\n"
+      "  vyr_client explain 198.51.100.10:8080 udp --file games.toml\n"
       "  vyr_client serve games.toml\n",
       "vyr_client");
   app.set_version_flag("--version", "vyr_client " VYR_VERSION);
@@ -123,24 +266,10 @@ int Run(int argc, char** argv) {
   app.allow_windows_style_options(false);  // "/home/…" is a path under Wine, never an option
 
   Options options;
-  int (*action)(const Options&) = nullptr;
-
-  CLI::App* serve = app.add_subcommand(
-      "serve", "put the file where games find it, say \"ready\", stay until ended");
-  AddFile(serve, &options);
-  serve->add_flag("--until-eof", options.until_eof, "end with the end of standard input");
-  serve->callback([&] { action = Serve; });
-
-  CLI::App* check = app.add_subcommand("check", "say what is wrong with the file");
-  AddFile(check, &options);
-  check->callback([&] { action = Check; });
-
-  CLI::App* sample = app.add_subcommand("sample", "write a complete file with comments");
-  sample->add_option("--game", options.sample.game_paths,
-                     "full Windows path of the game's program, up to ten of them");
-  sample->add_option("--log-dir", options.sample.log_path,
-                     "where the log files go, with a backslash at its end");
-  sample->callback([&] { action = Sample; });
+  Action action = nullptr;
+  AddServe(&app, &options, &action);
+  AddFileCommands(&app, &options, &action);
+  AddQuestions(&app, &options, &action);
 
   try {
     app.parse(argc, argv);

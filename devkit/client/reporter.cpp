@@ -47,12 +47,49 @@ void Reporter::Checked(const std::string& file, unsigned game_count) const {
   }
 }
 
-void Reporter::Ready(const std::string& file, unsigned game_count) const {
+void Reporter::Compiled(const std::string& route_file, const std::string& content) const {
   if (json_) {
-    PrintJson({{"event", "ready"}, {"file", file}, {"games", game_count}});
+    PrintJson({{"event", "compiled"}, {"file", route_file}, {"content", content}});
+  } else {
+    std::printf("%s: %s\n", route_file.c_str(), content.c_str());
+  }
+}
+
+void Reporter::Ready(const std::string& file, const TakeoverReport& report) const {
+  if (json_) {
+    PrintJson({{"event", "ready"}, {"file", file}, {"games", report.game_count}});
   } else {
     std::printf("ready\n");
     std::fflush(stdout);
+  }
+}
+
+void Reporter::Changed(const std::string& file, const TakeoverReport& report) const {
+  for (const Change& change : report.changes) {
+    const RegionRow& row = Regions()[change.region];
+    if (json_) {
+      nlohmann::ordered_json message = {{"event", "changed"},        {"file", file},
+                                        {"table", row.label},        {"region", row.name},
+                                        {"content", change.summary}, {"effect", row.effect}};
+      if (change.region == kSpur) message["notified"] = change.notified;
+      PrintJson(message);
+      continue;
+    }
+    std::printf("taken over: %s, %s (counts for %s)\n", row.label, change.summary.c_str(),
+                row.effect);
+    if (change.region == kSpur) std::printf("            %zu notified\n", change.notified);
+  }
+  if (!json_ && report.changes.empty() && report.failure.empty()) {
+    std::printf("the file changed, the tables did not\n");
+  }
+  std::fflush(stdout);
+}
+
+void Reporter::Refused(const std::string& file) const {
+  if (json_) {
+    PrintJson({{"event", "refused"}, {"file", file}});
+  } else {
+    std::fprintf(stderr, "%s: not taken over; what was served before stays\n", file.c_str());
   }
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "client/problems.h"
+#include "client/takeover.h"
 
 namespace client {
 
@@ -14,7 +15,11 @@ class Reporter {
   void Report(const std::string& file, const Problems& problems) const;
   void Failure(const std::string& reason) const;
   void Checked(const std::string& file, unsigned game_count) const;
-  void Ready(const std::string& file, unsigned game_count) const;
+  void Compiled(const std::string& route_file, const std::string& content) const;
+  void Ready(const std::string& file, const TakeoverReport& report) const;
+  void Changed(const std::string& file, const TakeoverReport& report) const;
+  // An edit that is refused: its problems have been reported.
+  void Refused(const std::string& file) const;
 
  private:
   bool json_;
