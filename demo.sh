@@ -34,6 +34,5 @@ echo done
 printf 'fetching the third-party programs ... '
 scripts/fetch_programs.sh || exit 1
 echo done
-programs=$(scripts/fetch_programs.sh --path)
 
-exec scripts/testbed python3 scripts/demo_inside.py build/windows-x86 "$programs/ffmpeg.exe"
+exec scripts/testbed python3 scripts/demo_inside.py build/windows-x86

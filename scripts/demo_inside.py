@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The demo's story, told inside the test bed (demo.sh sets it up and calls this).
 
-usage: demo_inside.py BUILD_DIR FFMPEG
+usage: demo_inside.py BUILD_DIR
 
 A native server at 198.51.100.10 holds a file. An unmodified Windows program fetches it, alone
 and then with the library under it, listed as a game; what both fetched is compared.
@@ -17,6 +17,7 @@ import sys
 import threading
 
 SERVER = ("198.51.100.10", 8080)
+PROGRAM = "C:\\vyr\\ffmpeg.exe"  # where the test bed puts it
 FILE_SIZE = 8 * 1024 * 1024
 TIMEOUT_S = 120
 TREE = pathlib.Path(__file__).resolve().parent.parent
@@ -58,10 +59,10 @@ def start_server(folder):
     threading.Thread(target=server.serve_forever, daemon=True).start()
 
 
-def fetch(launcher, ffmpeg, out):
+def fetch(launcher, out):
     """Runs ffmpeg as the fetcher: the server's bytes as they are, into a file."""
     url = f"http://{SERVER[0]}:{SERVER[1]}/film.bin"
-    command = wine(*launcher, ffmpeg, "-nostdin", "-loglevel", "error", "-f", "data", "-i", url,
+    command = wine(*launcher, PROGRAM, "-nostdin", "-loglevel", "error", "-f", "data", "-i", url,
                       "-map", "0", "-c", "copy", "-f", "data", "-y", windows_path(out))
     done = subprocess.run(command, timeout=TIMEOUT_S, stdin=subprocess.DEVNULL)
     if done.returncode != 0:
@@ -69,16 +70,11 @@ def fetch(launcher, ffmpeg, out):
     return out.read_bytes()
 
 
-def write_tables(path, ffmpeg, log_folder):
-    path.write_text(
-        "[[game]]\n"
-        "game_id = 7\n"
-        'net_mode = ["TCP", "UDP"]\n'
-        f"game_paths = [{json.dumps(windows_path(ffmpeg))}]\n"
-        'uin = "10001"\n'
-        "log_level = 0\n"
-        f"log_path = {json.dumps(windows_path(log_folder) + chr(92))}\n",
-        encoding="utf-8")
+def write_tables(build, path):
+    """The client's own sample: it lists the program as a game, and works here as it stands."""
+    with open(path, "wb") as file:
+        subprocess.run(wine(build / "bin/vyr_client.exe", "sample"), stdout=file, check=True,
+                       timeout=TIMEOUT_S)
 
 
 class Client:
@@ -130,27 +126,31 @@ def show_log(folder):
                 break
 
 
-def main(build, ffmpeg):
+def main(build):
+    drive_c = pathlib.Path(os.environ["VYR_WINEPREFIX"], "drive_c")
+    if not (drive_c / "vyr/ffmpeg.exe").exists():
+        print("demo: the third-party programs are not here; scripts/fetch_programs.sh gets them")
+        sys.exit(77)
     work = pathlib.Path(os.environ["VYR_BED_DIR"], "demo")
-    (work / "log").mkdir(parents=True)
+    work.mkdir()
     original = os.urandom(FILE_SIZE)
     (work / "film.bin").write_bytes(original)
     start_server(work)
     launcher = build / "bin/vyr_run.exe"
 
     print("An unmodified Windows program (ffmpeg) fetches a file from a native server.")
-    alone = fetch([], ffmpeg, work / "alone.bin")
+    alone = fetch([], work / "alone.bin")
     say("without the library", f"{len(alone)} bytes, sha256 {sha256(alone)[:16]}…")
 
     print("The same program, listed as a game, with the library under it.")
     tables = work / "games.toml"
     trace = work / "trace.jsonl"
-    write_tables(tables, ffmpeg, work / "log")
+    write_tables(build, tables)
     with Client(build, tables):
         under = fetch([launcher, "--trace",
-                       windows_path(trace)], ffmpeg, work / "under.bin")
+                       windows_path(trace)], work / "under.bin")
     show_trace(trace)
-    show_log(work / "log")
+    show_log(drive_c / "vyr/log")
     say("with the library", f"{len(under)} bytes, sha256 {sha256(under)[:16]}…")
     peers = {peer for peer, _ in Server.served}
     say("the server saw", f"{len(Server.served)} fetches from {', '.join(sorted(peers))}")
@@ -161,6 +161,6 @@ def main(build, ffmpeg):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 3 or sys.argv[1] in ("-h", "--help"):
+    if len(sys.argv) != 2 or sys.argv[1] in ("-h", "--help"):
         sys.exit(__doc__.strip())
-    main(pathlib.Path(sys.argv[1]).resolve(), pathlib.Path(sys.argv[2]).resolve())
+    main(pathlib.Path(sys.argv[1]).resolve())
