@@ -1,6 +1,6 @@
 #include "relay/block_buffer.h"
 
-#include <limits>
+#include <iterator>
 
 namespace moru_vyr::lsp {
 
@@ -47,10 +47,8 @@ bool BlockBuffer::Peek(u8** ptr, u32* len) noexcept {
 }
 
 bool BlockBuffer::Consume(u32 size) noexcept {
-  // The result of a send comes here: a count that is no int was never one.
-  if (active_.empty() || size > static_cast<u32>(std::numeric_limits<i32>::max())) return false;
+  if (active_.empty() || size > active_.front().Pending()) return false;
   BufferBlock& block = active_.front();
-  if (size > block.Pending()) return false;
   block.read_pos += size;
   if (block.read_pos == block.write_pos) {
     block.Reset();

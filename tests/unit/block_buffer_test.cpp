@@ -196,6 +196,17 @@ TEST(BlockBuffer, APlaceNeverRunsPastItsBlock) {
   EXPECT_EQ(Front(&buffer).size(), 10u);
 }
 
+// Drained blocks go too: what comes next is a block of zeros, not one with old bytes.
+TEST(BlockBuffer, ClearGivesDrainedBlocksBack) {
+  BlockBuffer buffer;
+  FillBlock(&buffer);
+  ASSERT_TRUE(buffer.Consume(kBlock));
+  buffer.Clear();
+  u8* place = nullptr;
+  ASSERT_TRUE(buffer.Reserve(&place, kBlock));
+  EXPECT_EQ(std::count(place, place + kBlock, u8{0}), static_cast<std::ptrdiff_t>(kBlock));
+}
+
 TEST(BlockBuffer, ClearForgetsEverything) {
   BlockBuffer buffer;
   FillBlock(&buffer);
