@@ -1,11 +1,10 @@
 #include "provider/downcall_table.h"
 
-#include <cstring>
-
 #include <atomic>
 
 #include "common/log.h"
 #include "common/process_info.h"
+#include "common/text.h"
 #include "provider/block_config.h"
 #include "provider/hook_entries.h"
 #include "provider/hook_flags.h"
@@ -85,7 +84,8 @@ bool HookWSPAPI(LPWSPPROC_TABLE table) noexcept {
     common::LspTrace("HookWSPAPI: failed with invalid param!");
     return false;
   }
-  if (_stricmp(common::GetProcessInfo().process_name, "SpeedTester.exe") == 0) {
+  if (common::EqualsIgnoreCase(common::FieldText(common::GetProcessInfo().process_name),
+                               "SpeedTester.exe")) {
     GetHookFlags().speed_tester_mode.store(true, std::memory_order_relaxed);
   }
   UpdateBlockConfig();

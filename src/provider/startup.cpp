@@ -1,6 +1,7 @@
 #include "provider/startup.h"
 
 #include <cstring>
+#include <new>
 
 #include "common/lock.h"
 #include "common/log.h"
@@ -12,10 +13,12 @@ namespace moru_vyr::lsp {
 namespace {
 
 // Makes starts strictly sequential, the next provider's own start included. Taken before any
-// other lock. Never destroyed: starts may still come while the process ends.
-common::Mutex& StartupLock() {
-  static common::Mutex& lock = *new common::Mutex;
-  return lock;
+// other lock. Never destroyed: starts may still come while the process ends. In memory that is
+// always there: the first start must not fail for want of a lock.
+common::Mutex& StartupLock() noexcept {
+  alignas(common::Mutex) static unsigned char storage[sizeof(common::Mutex)];
+  static common::Mutex* const lock = new (storage) common::Mutex;
+  return *lock;
 }
 
 int Start(WORD version, LPWSPDATA wsp_data, LPWSAPROTOCOL_INFOW in_info, WSPUPCALLTABLE upcalls,
