@@ -60,16 +60,17 @@ std::vector<WSAPROTOCOL_INFOW> BaseEntries() {
 }
 
 std::vector<WSAPROTOCOL_INFOW> LayeredCatalogue(const GUID& provider, DWORD first_id) {
-  std::vector<WSAPROTOCOL_INFOW> all;
   const auto base = BaseEntries();
+  // The hidden entry stands first, so that a search for the provider's identity ends there and
+  // not at one of its layered entries, which bear it too.
+  auto hidden = MakeEntry(provider, first_id, SOCK_STREAM, IPPROTO_TCP, {});
+  hidden.ProtocolChain.ChainLen = LAYERED_PROTOCOL;
+  std::vector<WSAPROTOCOL_INFOW> all = {hidden};
   DWORD id = first_id;
   for (const auto& below : base)
     all.push_back(MakeEntry(provider, ++id, below.iSocketType, below.iProtocol,
                             {first_id, below.dwCatalogEntryId}));
   all.insert(all.end(), base.begin(), base.end());
-  auto hidden = MakeEntry(provider, first_id, SOCK_STREAM, IPPROTO_TCP, {});
-  hidden.ProtocolChain.ChainLen = LAYERED_PROTOCOL;
-  all.push_back(hidden);
   return all;
 }
 

@@ -24,7 +24,7 @@ std::wstring ProviderPath(const GUID& provider);
 std::vector<WSAPROTOCOL_INFOW> BaseEntries();
 
 // A layered provider of one hidden entry and, above each base entry, one whose chain is
-// {hidden, base}; in the order a catalogue is searched: layered, base, hidden.
+// {hidden, base}; in the order hidden, layered, base.
 std::vector<WSAPROTOCOL_INFOW> LayeredCatalogue(const GUID& provider, DWORD first_id);
 
 // One entry, filled as the platform fills its own.
