@@ -1,0 +1,34 @@
+// A fresh folder of the machine itself, for what is read and written through the standard library.
+#pragma once
+#include <winsock2.h>
+//
+#include <windows.h>
+
+#include <filesystem>
+#include <string>
+
+namespace test {
+
+class RealDir {
+ public:
+  RealDir() {
+    static int made = 0;
+    path_ = std::filesystem::temp_directory_path() /
+            ("vyr_client_" + std::to_string(GetCurrentProcessId()) + "_" +
+             std::to_string(GetTickCount()) + "_" + std::to_string(++made));
+    std::filesystem::create_directories(path_);
+  }
+  ~RealDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  RealDir(const RealDir&) = delete;
+  RealDir& operator=(const RealDir&) = delete;
+
+  std::string File(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+}  // namespace test
