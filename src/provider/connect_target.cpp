@@ -1,15 +1,48 @@
 #include "provider/connect_target.h"
 
+#include <algorithm>
+#include <cstring>
+
+#include "common/log.h"
+#include "provider/check_and_bind.h"
+#include "provider/hook_common.h"
 #include "provider/relay_admission.h"
+#include "relay/relay_mgr.h"
 
 namespace moru_vyr::lsp {
+namespace {
 
-ConnectTarget ChooseConnectTarget(const SocketRecord& record, const sockaddr* name,
-                                  int name_size) noexcept {
-  const ConnectTarget direct{name, name_size};
-  if (!IsAllowedRelay(record)) return direct;
-  // The redirects of stream, datagram and raw sockets come here with the relay.
-  return direct;
+// As much of an address as the application says there is, the rest zero. Kept: the family is not
+// looked at.
+sockaddr_in ReadAddress(const sockaddr* name, int name_size) noexcept {
+  sockaddr_in address = {};
+  const int readable = std::clamp(name_size, 0, static_cast<int>(sizeof address));
+  std::memcpy(&address, name, static_cast<size_t>(readable));
+  return address;
+}
+
+}  // namespace
+
+void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept {
+  const SOCKET s = record.socket;
+  const sockaddr_in asked = ReadAddress(target->name, target->name_size);
+  if (!IsAllowConnect(kSocketTypeStream, &asked, s, record.token)) return;
+  if (!CheckAndBind(s, &target->local_port)) return;
+  sockaddr* relay_addr = nullptr;
+  int relay_len = sizeof(sockaddr_in);
+  if (!GetRelayMgr().RequestTcpRelaySession(s, target->local_port, &asked, &relay_addr, &relay_len,
+                                            record.token) ||
+      relay_addr == nullptr) {
+    LSP_LOG(4, "WSPConnect: RequestTcpRelaySession is false, socket=%Id, token=%u", s,
+            record.token);
+    return;
+  }
+  target->name = relay_addr;
+  target->name_size = relay_len;
+  GetSocketMap().SetHandledAddr(s, reinterpret_cast<const sockaddr*>(&asked), relay_len);
+  LSP_LOG(4, "WSPConnect: RequestTcpRelaySession is relayed. relay=%s:%d, socket=%Id, token=%u",
+          DescribeAddress(relay_addr, relay_len).ip.c_str(),
+          DescribeAddress(relay_addr, relay_len).port, s, record.token);
 }
 
 }  // namespace moru_vyr::lsp

@@ -1,12 +1,13 @@
 #include "common/log.h"
 #include "provider/hook_common.h"
 #include "provider/hook_entries.h"
+#include "relay/relay_mgr.h"
 
 namespace moru_vyr::lsp {
 
-// Kept: the next provider's WSPCleanup is never called, and no flag of start-up is reset. The
-// relay's end will come first here.
+// Kept: the next provider's WSPCleanup is never called, and no flag of start-up is reset.
 int WSPAPI WSPCleanup(LPINT lpErrno) noexcept {
+  GetRelayMgr().Stop();
   StoreError(lpErrno, 0);
   LSP_LOG(0, "WSPCleanup");
   return 0;

@@ -5,6 +5,7 @@
 #include "provider/connect_target.h"
 #include "provider/hook_common.h"
 #include "provider/hook_entries.h"
+#include "provider/relay_admission.h"
 #include "provider/socket_map.h"
 
 namespace moru_vyr::lsp {
@@ -38,7 +39,12 @@ BOOL PASCAL WSPConnectEx(SOCKET s, const struct sockaddr* name, int namelen, PVO
     LSP_LOG(5, "WSPConnectEx: next_proc_table invalid, socket=%Id", s);
     return kRefused;
   }
-  const ConnectTarget target = ChooseConnectTarget(record, name, namelen);
+  ConnectTarget target{name, namelen};
+  if (IsAllowedRelay(record)) {
+    LSP_LOG(4, "WSPConnectEx: protocol=%d, type=%d, socket=%Id, token=%u", record.protocol,
+            record.type, s, record.token);
+    if (record.type == kSocketTypeStream) RedirectStream(record, &target);
+  }
   const LPFN_CONNECTEX connect_ex = FindNextConnectEx(*next, s);
   if (connect_ex == nullptr) {
     LSP_LOG(4, "WSPConnectEx: WSPIoctl get function pointer failure, socket=%Id, token=%u", s,

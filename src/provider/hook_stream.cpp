@@ -8,6 +8,7 @@
 #include "provider/downcall_table.h"
 #include "provider/hook_common.h"
 #include "provider/hook_entries.h"
+#include "provider/relay_admission.h"
 #include "provider/socket_error_filter.h"
 #include "provider/socket_map.h"
 #include "relay/relay_mgr.h"
@@ -97,7 +98,13 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
     StoreError(lpErrno, WSAENETDOWN);
     return SOCKET_ERROR;
   }
-  const ConnectTarget target = ChooseConnectTarget(record, name, namelen);
+  ConnectTarget target{name, namelen};
+  if (IsAllowedRelay(record)) {
+    LSP_LOG(4, "WSPConnect:protocol=%d, type=%d, socket=%Id, token=%u", record.protocol,
+            record.type, s, record.token);
+    // Datagram and raw sockets connect as they were asked to: there is no relay for them yet.
+    if (record.type == kSocketTypeStream) RedirectStream(record, &target);
+  }
   const int result = next->lpWSPConnect(s, target.name, target.name_size, lpCallerData,
                                         lpCalleeData, lpSQOS, lpGQOS, lpErrno);
   // The filter is asked on success as well, so a socket that connects over and over grows quiet.
@@ -147,6 +154,9 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
     FailWithoutProvider(lpErrno);
     return SOCKET_ERROR;
   }
+  // Kept: asked here as well, although a stream's relay sees the close on its own socket and no
+  // other kind is relayed yet. Whichever call comes first is the one that starts the relay.
+  IsAllowedRelay(record);
   // The record goes first: once the socket is closed below, its value can come back at once as
   // another thread's new socket, whose record must not be ours to erase.
   GetSocketErrorFilter().Forget(record.token);

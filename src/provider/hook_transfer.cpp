@@ -2,6 +2,7 @@
 #include "common/log.h"
 #include "provider/hook_common.h"
 #include "provider/hook_entries.h"
+#include "provider/relay_admission.h"
 #include "provider/socket_error_filter.h"
 #include "provider/socket_map.h"
 
@@ -19,6 +20,7 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
     FailWithoutProvider(lpErrno);
     return SOCKET_ERROR;
   }
+  IsAllowedRelay(record);  // kept: starts the relay, though no kind of send is relayed here yet
   if (lpNumberOfBytesSent != nullptr) *lpNumberOfBytesSent = 0;
   const int result = next->lpWSPSend(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags,
                                      lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
@@ -53,6 +55,7 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
     FailWithoutProvider(lpErrno);
     return SOCKET_ERROR;
   }
+  IsAllowedRelay(record);  // as in WSPSend
   if (lpNumberOfBytesRecvd != nullptr) *lpNumberOfBytesRecvd = 0;
   const int result = next->lpWSPRecv(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd, lpFlags,
                                      lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);

@@ -16,6 +16,7 @@
 #include "relay/relay_mgr.h"
 #include "route/acc_config.h"
 #include "route/init_log.h"
+#include "route/route.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -24,6 +25,9 @@ namespace {
 bool startup_done = false;
 bool speed_tester_checked = false;
 bool hook_enabled = false;
+
+constexpr u32 kRouteTries = 50;
+constexpr u32 kRouteIntervalMs = 100;
 
 // Builds what the calls will need while one thread alone is here.
 void BuildGlobals() {
@@ -45,12 +49,14 @@ void FillProcessInfo() {
   common::SetFieldText(process.process_name, name);
 }
 
-// A game that the client lists gets a log file. The network probe is hooked without one.
+// A game that the client lists gets a log file and the route tables. The network probe is hooked
+// without either.
 void SettleGate() {
   hook_enabled = ReadAccConfig();
   hook_enabled = CheckCanHook(hook_enabled);
   if (hook_enabled) {
     InitLog();
+    GetRoute()->Load(kRouteTries, kRouteIntervalMs);
     return;
   }
   hook_enabled = IsNetProbeTest();

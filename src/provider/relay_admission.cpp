@@ -1,10 +1,75 @@
 #include "provider/relay_admission.h"
 
-namespace moru_vyr::lsp {
+#include <windows.h>
 
-// There is no relay yet, so every socket goes direct, without a word in the log. The real rules
-// (the worker's own sockets, a relay that could not start, the block switches, the game's
-// net_mode and acc_mode) take this body's place together with the relay; the callers stay.
-bool IsAllowedRelay(const SocketRecord&) noexcept { return false; }
+#include "common/log.h"
+#include "provider/hook_flags.h"
+#include "relay/relay_mgr.h"
+#include "route/acc_config.h"
+#include "route/acc_mode.h"
+#include "route/route.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr u32 kRelayInitTimeoutMs = 3000;
+
+// Bits of net_mode.
+constexpr u32 kRelaysStreams = 0x8;
+constexpr u32 kRelaysDatagrams = 0x10;
+constexpr u32 kNeedsAccMode = 0x2000000;
+
+struct RelayModes {
+  u32 acc_mode;
+  u32 net_mode;
+};
+
+// Kept: read at the first question that gets this far, and never again.
+const RelayModes& CachedModes() noexcept {
+  static const RelayModes modes{GetAccConfig()->acc_mode, GetAccConfig()->net_mode};
+  return modes;
+}
+
+bool IsSet(const std::atomic<bool>& flag) noexcept { return flag.load(std::memory_order_relaxed); }
+
+}  // namespace
+
+bool IsAllowedRelay(const SocketRecord& record) noexcept {
+  RelayMgr& relay = GetRelayMgr();
+  // The worker's own sockets pass through the same entries and have records too.
+  if (GetCurrentThreadId() == relay.GetWorkerThreadId()) return false;
+  if (record.relay_disabled) return false;
+  if (!relay.CheckAndInit(kRelayInitTimeoutMs)) {
+    LSP_LOG(0, "IsAllowedRelay is false, CheckAndInit failed, set flag, s=%d",
+            static_cast<int>(record.socket));
+    GetSocketMap().SetRelayDisabled(record.socket, true);
+    return false;
+  }
+  const HookFlags& flags = GetHookFlags();
+  if (IsSet(flags.speed_tester_mode)) return true;
+  const bool stream = record.type == kSocketTypeStream;
+  const bool datagram = record.type == kSocketTypeDatagram;
+  if (stream && IsSet(flags.block_tcp)) {
+    LSP_LOG(0, "ignore tcp relay");
+    return false;
+  }
+  if (datagram && IsSet(flags.block_udp)) {
+    LSP_LOG(0, "ignore udp relay");
+    return false;
+  }
+  const RelayModes& modes = CachedModes();
+  if ((modes.net_mode & kNeedsAccMode) != 0 && modes.acc_mode == kAccModeNone) return false;
+  if (stream && (modes.net_mode & kRelaysStreams) == 0) return false;
+  if (datagram && (modes.net_mode & kRelaysDatagrams) == 0) return false;
+  return true;  // raw sockets without a further test
+}
+
+bool IsAllowConnect(int type, const sockaddr_in* addr, SOCKET s, u32 token) noexcept {
+  if (IsSet(GetHookFlags().speed_tester_mode) || addr == nullptr) return true;
+  const bool allowed = GetRoute()->NeedRelay(addr->sin_addr.s_addr, addr->sin_port, type, s, token);
+  LSP_LOG(0, "IsAllowConnect result=%s, type=%d, port=%d, socket=%Id, token=%u",
+          allowed ? "true" : "false", type, ntohs(addr->sin_port), s, token);
+  return allowed;
+}
 
 }  // namespace moru_vyr::lsp

@@ -1,24 +1,85 @@
-// The relay's centre. For now it only names sockets; the worker thread and its providers will
-// stand here.
+// The relay's centre: it owns the one thread that moves relayed traffic, and the providers that
+// live on it.
+//
+// The thread starts at the first CheckAndInit and ends with Stop. A process gets one: kept, a
+// start after a stop reports success, and nobody polls. Any thread may call what is public;
+// IRelaySocketMgr's other three operations belong to the worker. Nothing throws.
 #pragma once
+#include <winsock2.h>
+//
+#include <windows.h>
+
+#include <atomic>
+
 #include "common/lock.h"
 #include "common/types.h"
+#include "relay/net_provider.h"
+#include "relay/relay_interfaces.h"
+#include "relay/socket_sets.h"
+#include "relay/tcp_provider.h"
 
 namespace moru_vyr::lsp {
 
-// One per process. It starts no thread when it is built.
-class RelayMgr {
+class RelayMgr final : public IRelaySocketMgr {
  public:
+  static constexpr u32 kStateRunning = 0;
+  static constexpr u32 kStateNotInitialised = 1;
+  static constexpr u32 kStateFailed = 0x80004005;
+
   RelayMgr() = default;
   RelayMgr(const RelayMgr&) = delete;
   RelayMgr& operator=(const RelayMgr&) = delete;
 
-  // The identity of one more socket: 1, 2, 3 … over the life of the process, from any thread.
-  u32 NextToken() noexcept;
+  // True if the relay runs. The first call starts it and waits up to `timeout_ms` for it; a
+  // worker that is not ready by then may be so at a later call.
+  bool CheckAndInit(u32 timeout_ms) noexcept;
+  // Ends the worker, by force if it has not ended after 200 ms.
+  void Stop() noexcept;
+  bool IsStopping() const noexcept { return stop_flag_.load(std::memory_order_relaxed); }
+
+  // Calls that the worker makes itself are never relayed; this is how they are known.
+  u32 GetWorkerThreadId() const noexcept {
+    return worker_thread_id_.load(std::memory_order_relaxed);
+  }
+
+  // See TcpProvider.
+  bool RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr, sockaddr** out_addr,
+                              int* out_len, u32 token) noexcept;
+
+  u32 AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept override;
+  u32 EnableWrite(SOCKET socket) noexcept override;
+  IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;
+  // The identity of one more socket: 1, 2, 3 … over the life of the process.
+  u32 NextToken() noexcept override;
 
  private:
+  static DWORD WINAPI WorkerThread(LPVOID self) noexcept;
+  bool IsSettled() const noexcept;
+  bool IsRunning() const noexcept;
+  void StartWorker(u32 timeout_ms) noexcept;
+  bool InternalInit() noexcept;
+  void WorkerProc() noexcept;
+  bool BecomeTheWorker() noexcept;
+  void Loop() noexcept;
+  void OnTimer(u32* last_update) noexcept;
+
+  std::atomic<u32> state_{kStateNotInitialised};  // released: the listener's address goes with it
+  std::atomic<bool> stop_flag_{true};
+  std::atomic<HANDLE> worker_thread_{nullptr};
+  std::atomic<u32> worker_thread_id_{0};
+  std::atomic<bool> worker_killed_{false};
+  bool worker_started_ = false;  // guarded by init_lock_; never cleared
+
+  common::Mutex init_lock_;   // one thread starts the worker; held while it waits, a leaf
   common::Mutex token_lock_;  // guards last_token_; a leaf
   u32 last_token_ = 0;
+
+  SocketSets sockets_;
+
+  // There is no relay of datagrams yet. What stands in its place has nothing to start, and so
+  // counts as started.
+  NetProvider udp_provider_;
+  TcpProvider tcp_provider_;
 };
 
 // The process's relay, built at first use and alive until the process ends.

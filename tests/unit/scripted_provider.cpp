@@ -6,6 +6,7 @@
 
 #include "common/process_info.h"
 #include "provider/socket_map.h"
+#include "relay/relay_mgr.h"
 
 namespace test {
 namespace {
@@ -154,6 +155,9 @@ WSPPROC_TABLE ScriptedProvider::Table() {
 }
 
 ScriptedProvider::ScriptedProvider() {
+  // The relay starts at the first call that could use it. Its first words must not come while a
+  // test reads the log.
+  moru_vyr::lsp::GetRelayMgr().CheckAndInit(3000);
   current = this;
   common::ProcessInfo& process = common::GetProcessInfo();
   process.tcp_proc_table = process.udp_proc_table = process.raw_proc_table = Table();

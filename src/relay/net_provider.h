@@ -1,0 +1,59 @@
+// What carries one protocol through the relay: named events by side, a start and an end.
+//
+// The local side faces the game over the loopback interface, the remote side a node or the game
+// server. Worker thread; GetLocalAddr from any thread once the relay runs. Nothing throws.
+#pragma once
+#include <winsock2.h>
+
+#include "common/types.h"
+#include "relay/relay_interfaces.h"
+
+namespace moru_vyr::lsp {
+
+class Route;
+
+// A provider overrides what it needs.
+class INetProvider {
+ public:
+  virtual ~INetProvider() = default;
+  virtual void OnLocalServerAcceptable(SOCKET) noexcept {}
+  virtual void OnLocalReadable(SOCKET) noexcept {}
+  virtual void OnLocalWritable(SOCKET) noexcept {}
+  virtual void OnLocalExcpetion(SOCKET) noexcept {}  // kept: the log has the name, spelled so
+  virtual void OnLocalClose(SOCKET) noexcept {}
+  virtual void OnRemoteReadable(SOCKET) noexcept {}
+  virtual void OnRemoteWritable(SOCKET) noexcept {}
+  virtual void OnRemoteExcpetion(SOCKET) noexcept {}
+  virtual void OnRemoteClose(SOCKET) noexcept {}
+  // Makes the local socket. False: the provider is not started.
+  virtual bool OnCreateLocalServer() noexcept { return true; }
+  virtual void OnCloseLocalServer() noexcept {}
+  virtual void OnUpdate(u32 /*elapsed_ms*/) noexcept {}
+};
+
+class NetProvider : public INetProvider {
+ public:
+  NetProvider() = default;
+  NetProvider(const NetProvider&) = delete;
+  NetProvider& operator=(const NetProvider&) = delete;
+
+  virtual void Start() noexcept;
+  virtual void Shutdown() noexcept;
+
+  // Starts the provider; whether it runs. Neither pointer is owned.
+  bool Init(IRelaySocketMgr* mgr, Route* route) noexcept;
+  void Uninit() noexcept { Shutdown(); }
+  bool IsRunning() const noexcept { return running_; }
+
+  // 127.0.0.1 and the local socket's port. Nothing for a null `out`.
+  void GetLocalAddr(sockaddr_in* out) const noexcept;
+
+ protected:
+  bool running_ = false;
+  IRelaySocketMgr* socket_mgr_ = nullptr;
+  Route* route_ = nullptr;
+  SOCKET local_socket_ = 0;  // the listener, or the datagram socket
+  u16 local_port_ = 0;       // network order
+};
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,98 @@
+#include "relay/socket_sets.h"
+
+#include <algorithm>
+
+namespace moru_vyr::lsp {
+namespace {
+
+// The layout that select takes, on every platform, with room for what the loop promises.
+static_assert(FD_SETSIZE == 128);
+static_assert(sizeof(SOCKET) != 4 || sizeof(fd_set) == 129 * 4);
+
+bool Has(const fd_set& set, SOCKET socket) noexcept {
+  const SOCKET* const end = set.fd_array + set.fd_count;
+  return std::find(set.fd_array, end, socket) != end;
+}
+
+void Append(fd_set* set, SOCKET socket) noexcept {
+  if (set->fd_count < FD_SETSIZE) set->fd_array[set->fd_count++] = socket;
+}
+
+// The order of service is the order of the set, so the rest moves up.
+void Erase(fd_set* set, SOCKET socket) noexcept {
+  SOCKET* const end = set->fd_array + set->fd_count;
+  SOCKET* const found = std::find(set->fd_array, end, socket);
+  if (found == end) return;
+  std::copy(found + 1, end, found);
+  --set->fd_count;
+}
+
+}  // namespace
+
+u32 SocketSets::Add(SOCKET socket, IRelaySocketDelegate* delegate) noexcept {
+  try {
+    if (!sockets_.try_emplace(socket, Entry{delegate, pass_}).second) return 1;
+  } catch (...) {
+    return 1;  // without memory the socket stays unpolled, as one that finds no room does
+  }
+  if (Has(read_, socket)) return 1;
+  Append(&read_, socket);
+  return 0;
+}
+
+u32 SocketSets::EnableWrite(SOCKET socket, bool enable) noexcept {
+  if (!sockets_.contains(socket)) return 0;
+  if (!enable) {
+    Erase(&write_, socket);
+    return 0;
+  }
+  if (Has(write_, socket)) return 1;
+  Append(&write_, socket);
+  return 0;
+}
+
+IRelaySocketDelegate* SocketSets::Remove(SOCKET socket) noexcept {
+  Erase(&read_, socket);
+  Erase(&write_, socket);
+  const auto found = sockets_.find(socket);
+  if (found == sockets_.end()) return nullptr;
+  IRelaySocketDelegate* const delegate = found->second.delegate;
+  sockets_.erase(found);
+  return delegate;
+}
+
+IRelaySocketDelegate* SocketSets::Find(SOCKET socket) const noexcept {
+  const auto found = sockets_.find(socket);
+  if (found == sockets_.end() || found->second.added_in == pass_) return nullptr;
+  return found->second.delegate;
+}
+
+int SocketSets::Poll(const timeval& timeout, int* error) noexcept {
+  ++pass_;
+  fd_set readable = read_;
+  fd_set writable = write_;
+  fd_set failed = read_;
+  fd_set* const writable_or_null = write_.fd_count > 0 ? &writable : nullptr;
+  timeval limit = timeout;  // some headers want to write here
+  const int ready = select(0, &readable, writable_or_null, &failed, &limit);
+  *error = ready == SOCKET_ERROR ? WSAGetLastError() : 0;
+  if (ready <= 0) return ready;
+
+  for (u_int i = 0; i < readable.fd_count; ++i) {
+    if (auto* const delegate = Find(readable.fd_array[i]))
+      delegate->OnReadable(readable.fd_array[i]);
+  }
+  for (u_int i = 0; writable_or_null != nullptr && i < writable.fd_count; ++i) {
+    const SOCKET socket = writable.fd_array[i];
+    IRelaySocketDelegate* const delegate = Find(socket);
+    if (delegate == nullptr) continue;  // the wish of a new socket with this value stays
+    EnableWrite(socket, false);
+    delegate->OnWritable(socket);
+  }
+  for (u_int i = 0; i < failed.fd_count; ++i) {
+    if (auto* const delegate = Find(failed.fd_array[i])) delegate->OnException(failed.fd_array[i]);
+  }
+  return ready;
+}
+
+}  // namespace moru_vyr::lsp

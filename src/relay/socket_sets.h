@@ -1,0 +1,47 @@
+// The sockets that the worker polls, who gets their events, and the events of one pass.
+//
+// Worker thread only, without a lock. Nothing throws. Delegates are not owned.
+#pragma once
+#include <winsock2.h>
+
+#include <map>
+
+#include "common/types.h"
+#include "relay/relay_interfaces.h"
+
+namespace moru_vyr::lsp {
+
+class SocketSets {
+ public:
+  SocketSets() noexcept { read_.fd_count = write_.fd_count = 0; }
+  SocketSets(const SocketSets&) = delete;
+  SocketSets& operator=(const SocketSets&) = delete;
+
+  // As in IRelaySocketMgr. Kept: the 129th socket is known and never polled.
+  u32 Add(SOCKET socket, IRelaySocketDelegate* delegate) noexcept;
+  // With `enable` false no event is waited for any longer, and the result is 0.
+  u32 EnableWrite(SOCKET socket, bool enable) noexcept;
+  IRelaySocketDelegate* Remove(SOCKET socket) noexcept;
+
+  // One pass: waits for readiness up to `timeout`, then gives it to the delegates: all reads in
+  // the order in which the sockets were added, then all writes, then all exceptions. Delegates
+  // may add and remove sockets meanwhile. The result of select, and its error where that is -1.
+  int Poll(const timeval& timeout, int* error) noexcept;
+
+ private:
+  struct Entry {
+    IRelaySocketDelegate* delegate;
+    u32 added_in;  // the pass
+  };
+
+  // The delegate that an event of this pass belongs to. A socket removed since has none. Neither
+  // has one added since: it is not the socket that was polled, but has got its value back.
+  IRelaySocketDelegate* Find(SOCKET socket) const noexcept;
+
+  fd_set read_;   // watched for exceptions as well: a connect that fails shows nowhere else
+  fd_set write_;  // one event each
+  std::map<SOCKET, Entry> sockets_;
+  u32 pass_ = 0;
+};
+
+}  // namespace moru_vyr::lsp

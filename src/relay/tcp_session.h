@@ -1,0 +1,119 @@
+// One relayed connection of the game: what it sends goes to a node or to the game server, what
+// comes from there goes to the game, as it is and in order.
+//
+// The game is connected at once; its first bytes wait until the far side is ready. A node that
+// fails costs time, never the connection: one other node is tried, then the game server directly.
+//
+// Made on the application's thread, used by the worker alone after its accept. The provider owns
+// it, and closes its sockets when it ends. Addresses and ports are in network order. Nothing
+// throws. Handlers answer with a close verdict.
+#pragma once
+#include <winsock2.h>
+
+#include "common/types.h"
+#include "protocol/session_guid.h"
+#include "relay/block_buffer.h"
+#include "relay/tcp_negotiation.h"
+#include "route/acc_decision_info.h"
+
+namespace moru_vyr::lsp {
+
+class TcpProvider;
+
+enum CloseVerdict : u32 {
+  kKeepSession = 0,
+  kNoAction = 1,
+  kCloseSession = 2,
+};
+
+enum class TcpState : u32 {
+  Created,      // waiting for its accept
+  Accepted,     // the local socket is known
+  Connecting,   // to a node or to the game server
+  Negotiating,  // with a node
+  Relaying,
+  Failed,  // a failure is being handled, or nothing more will be done
+};
+
+class TcpSession {
+ public:
+  TcpSession(TcpProvider* provider, u32 token) noexcept;  // the provider outlives it
+  TcpSession(const TcpSession&) = delete;
+  TcpSession& operator=(const TcpSession&) = delete;
+
+  // What the game asked for, and with which socket.
+  void SetGame(SOCKET socket, u16 port, const sockaddr_in& server) noexcept;
+  // The accepted socket of the connection to the listener.
+  void SetLocalSocket(SOCKET socket, u16 port) noexcept;
+  void SetRemoteSocket(SOCKET socket) noexcept { remote_socket_ = socket; }
+
+  // Asks the route policy where the remote socket is to connect.
+  void DecideRemoteAddr() noexcept;
+  // Starts connecting it. False where that failed at once.
+  bool Connect() noexcept;
+
+  u32 HandleLocalReadable() noexcept;
+  u32 HandleRemoteReadable() noexcept;
+  u32 HandleRemoteWritable() noexcept;
+  u32 HandleConnectFailure() noexcept;
+  // Sends the game what waits for it. False: the session is to be closed.
+  bool DoLocalWrite() noexcept;
+
+  void OnUpdate(u32 elapsed_ms) noexcept;
+  // Whether both sides have ended, and long enough ago for the last bytes to have left.
+  bool IsObsolete() noexcept;
+
+  SOCKET game_socket() const noexcept { return game_socket_; }
+  SOCKET local_socket() const noexcept { return local_socket_; }
+  SOCKET remote_socket() const noexcept { return remote_socket_; }
+  u16 game_socket_port() const noexcept { return game_socket_port_; }
+  u16 local_port() const noexcept { return local_port_; }
+  u32 token() const noexcept { return token_; }
+  TcpState state() const noexcept { return state_; }
+  void set_state(TcpState state) noexcept { state_ = state; }
+
+ private:
+  // tcp_session_fallback.cpp
+  bool StartNegotiation() noexcept;
+  bool FinishNegotiation() noexcept;
+  bool OnNegotiationFailed(u32 reason) noexcept;
+  bool ChangeAcclServer() noexcept;
+  bool ConnectToNewNode() noexcept;
+  bool ChangeToGameSrv() noexcept;
+  bool CreateRemoteSocket() noexcept;
+  void TargetSelectedProxy() noexcept;
+
+  // tcp_session_transfer.cpp
+  bool DoLocalRead() noexcept;
+  bool DoRemoteRead() noexcept;
+  bool DoRemoteWrite() noexcept;
+  void CloseSocket(SOCKET* socket) noexcept;
+  void CloseSocketAfter(int error, SOCKET* socket) noexcept;
+
+  u32 game_ip_ = 0;  // what the game asked for
+  u16 game_port_ = 0;
+  u32 remote_ip_ = 0;  // what the remote socket connects to
+  u16 remote_port_ = 0;
+  SOCKET game_socket_ = INVALID_SOCKET;  // the game's own
+  u16 game_socket_port_ = 0;
+  SOCKET local_socket_ = INVALID_SOCKET;
+  u16 local_port_ = 0;
+  SOCKET remote_socket_ = INVALID_SOCKET;
+  u32 connect_elapsed_ = 0;  // milliseconds of connecting and negotiating
+  TcpState state_ = TcpState::Created;
+  bool local_sock_deleteing_ = false;  // the local side is finished
+  bool remote_sock_deleteing_ = false;
+  u32 obsolete_tick_ = 0;  // when the session was marked as finished; 0: never
+  const u32 token_;
+  const SessionGuid guid_;
+  bool use_acc_ = true;  // the remote side is a node
+  AccDecisionInfo decision_;
+  TcpNegotiation negotiation_;
+  u8 node_changes_ = 0;
+  BlockBuffer local_to_remote_;
+  BlockBuffer remote_to_local_;
+  TcpProvider* const provider_;
+  u32 nego_count_ = 0;
+};
+
+}  // namespace moru_vyr::lsp
