@@ -1,0 +1,103 @@
+// One client's connection: its request, the answer, the connection to the game server, and then
+// the bytes, both ways, until both sides have ended.
+#pragma once
+#include <string>
+
+#include "node/behaviour.h"
+#include "node/event.h"
+#include "node/pipe.h"
+#include "node/poller.h"
+#include "node/request_reader.h"
+#include "node/socket.h"
+
+namespace node {
+
+// In milliseconds.
+struct Limits {
+  u32 connections = 256;
+  u32 request_ms = 5000;        // from the accept to the last byte of the request
+  u32 connect_ms = 4000;        // to the game server
+  u32 farewell_ms = 5000;       // after a refusal, until the client has closed
+  u32 half_close_ms = 300'000;  // without a byte, once one side has ended
+};
+
+// What a connection needs to know of its node. Outlives it.
+struct NodeContext {
+  const Behaviour* behaviour = nullptr;
+  Limits limits = {};
+  Address own = {};      // where clients come in
+  Address control = {};  // port 0: there is none
+  u32 source_ip = 0;     // connections to game servers come from here; 0: the system chooses
+  u32 next_token = 1;
+  EventSink emit = {};
+};
+
+class Connection {
+ public:
+  Connection(NodeContext* node, u64 id, Socket client, const Address& peer, u64 now);
+
+  // What to wait for. `*due` is lowered to the moment at which something is to be done anyway.
+  void Want(Poller* poller, u64 now, u64* due) const;
+  // Does what can be done now; never waits.
+  void Step(const Poller& poller, u64 now);
+  // Ends it from outside.
+  void Close(const std::string& reason, u64 now);
+  void Reset(const std::string& reason, u64 now);
+
+  bool closed() const { return state_ == State::kClosed; }
+  // What it is doing, for whoever asks the control port.
+  Event Describe() const;
+
+ private:
+  enum class State { kRequest, kServing, kMute, kFarewell, kClosed };
+  enum class Server { kNone, kConnecting, kConnected, kFailed };
+  enum class Answer { kOpen, kGoing, kSent };  // not decided, on its way, gone out whole
+
+  void ReadRequest(u64 now);
+  void OnRequest(u64 now);
+  void ConnectToServer(u64 now);
+  bool IsOwn(const Address& server) const;
+  void WatchServer(const Readiness& ready, u64 now);
+  void OnServerConnected(u64 now);
+  void OnServerFailed(int error, u64 now);
+  void BeginAnswer(int result, u64 now);
+  void Begin(std::string bytes, u64 now);
+  void SendAnswer(u64 now);
+  void OnAnswered(u64 now);
+  void Discard(u64 now);
+  void Serve(const Readiness& client, const Readiness& server, u64 now);
+  bool Carry(Pipe* pipe, SOCKET from, SOCKET to, bool readable, u32 delay_ms, u64 now);
+  void CheckEnd(u64 now);
+  u64 Budget() const;
+  bool carrying() const { return answer_ == Answer::kSent && server_state_ == Server::kConnected; }
+  u64 OwnDue(u64 now) const;
+  Event Tell(const char* name) const;
+  void Emit(const Event& event) const { node_->emit(event); }
+  void End(const char* how, const std::string& reason, u64 now);
+
+  NodeContext* const node_;
+  const u64 id_;
+  const Address peer_;
+  const u64 accepted_at_;
+  Socket client_;
+  Socket server_;
+  State state_ = State::kRequest;
+  Server server_state_ = Server::kNone;
+  Answer answer_ = Answer::kOpen;
+  RequestReader reader_;
+  Address game_ = {};
+  u64 deadline_ = Pipe::kNever;  // of the request, or of the farewell
+  u64 request_at_ = 0;
+  u64 connect_by_ = Pipe::kNever;
+  u64 active_at_ = 0;  // when a byte was last carried
+  std::string answer_bytes_;
+  std::size_t answer_sent_ = 0;
+  u64 answer_due_ = Pipe::kNever;  // of its next piece
+  bool answer_blocked_ = false;
+  u8 result_ = 0;  // that it tells
+  u32 token_ = 0;
+  Pipe up_;    // client to server
+  Pipe down_;  // server to client
+};
+
+}  // namespace node

@@ -1,0 +1,25 @@
+// One line of the control port: a JSON object with a "command", answered by one with "ok". The
+// lines come from whoever reaches the port: anything that is no command of ours is refused whole.
+#pragma once
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "node/behaviour.h"
+#include "node/event.h"
+
+namespace node {
+
+// What commands act on.
+struct ControlTarget {
+  Behaviour* behaviour = nullptr;
+  Behaviour initial = {};  // what "restore" goes back to
+  std::function<std::vector<Event>()> connections = {};
+  std::function<u64(bool reset)> close_all = {};  // answers how many there were
+  std::function<void()> stop = {};
+};
+
+// The reply, one line without its end.
+std::string RunCommand(const std::string& line, const ControlTarget& target);
+
+}  // namespace node

@@ -1,0 +1,176 @@
+// vyr_node: the reference acceleration node as a program.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+
+#include "node/node.h"
+//
+#include <windows.h>
+
+namespace {
+
+enum ExitCode { kDone = 0, kFailed = 1, kUsage = 2 };
+
+constexpr node::u32 kPollMs = 100;  // how late an end may be noticed
+
+volatile std::sig_atomic_t g_ended = 0;
+
+void OnSignal(int) { g_ended = 1; }
+
+DWORD WINAPI WaitForEndOfInput(LPVOID) {
+  while (std::getchar() != EOF) {
+  }
+  g_ended = 1;
+  return 0;
+}
+
+struct Options {
+  node::NodeOptions node;
+  std::string listen, control, source;
+  bool text = false;
+  bool until_eof = false;
+};
+
+std::string OptionName(const node::BehaviourField& field) {
+  std::string name = std::string("--") + field.name;
+  std::replace(name.begin(), name.end(), '_', '-');
+  return name;
+}
+
+void AddBehaviour(CLI::App* app, node::Behaviour* behaviour) {
+  for (const node::BehaviourField& field : node::BehaviourFields()) {
+    app->add_option_function<std::string>(
+           OptionName(field),
+           [&field, behaviour](const std::string& text) {
+             if (!field.Parse(text, &(behaviour->*field.member)))
+               throw CLI::ValidationError(OptionName(field),
+                                          "'" + text + "' is not " + field.Range());
+           },
+           field.help)
+        ->type_name(field.Range())
+        ->default_str(field.WordFor(behaviour->*field.member).empty()
+                          ? std::to_string(behaviour->*field.member)
+                          : field.WordFor(behaviour->*field.member))
+        ->group("Behaviour");
+  }
+}
+
+void AddLimits(CLI::App* app, node::Limits* limits) {
+  const auto add = [&](const char* name, node::u32* value, node::u32 most, const char* help) {
+    app->add_option(name, *value, help)
+        ->check(CLI::Range(node::u32{1}, most))
+        ->capture_default_str()
+        ->group("Limits");
+  };
+  constexpr node::u32 kDayMs = 86'400'000;
+  add("--connections", &limits->connections, 4096, "at once; more wait to be accepted");
+  add("--request-ms", &limits->request_ms, kDayMs, "for a client to send its request");
+  add("--connect-ms", &limits->connect_ms, kDayMs, "for a game server to accept");
+  add("--farewell-ms", &limits->farewell_ms, kDayMs, "for a refused client to close");
+  add("--half-close-ms", &limits->half_close_ms, kDayMs, "without a byte, when one side has ended");
+}
+
+// Empty, or what is wrong.
+std::string Understand(Options* options) {
+  if (!node::ParseAddress(options->listen, &options->node.listen))
+    return "--listen: '" + options->listen + "' is not ADDRESS:PORT";
+  if (!options->control.empty()) {
+    node::Address control;
+    if (!node::ParseAddress(options->control, &control))
+      return "--control: '" + options->control + "' is not ADDRESS:PORT";
+    options->node.control = control;
+  }
+  if (!options->source.empty()) {
+    node::u32 ip = 0;
+    if (!node::ParseIp(options->source, &ip))
+      return "--source: '" + options->source + "' is not an IPv4 address";
+    options->node.source_ip = ip;
+  }
+  return "";
+}
+
+int Serve(const Options& options) {
+  WSADATA data;
+  if (WSAStartup(MAKEWORD(2, 2), &data) != 0) {
+    std::fprintf(stderr, "vyr_node: no sockets here\n");
+    return kFailed;
+  }
+  const auto print = [&](const node::Event& event) {
+    const std::string line = options.text ? event.ToText() : event.ToJson();
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+  };
+  std::signal(SIGINT, OnSignal);
+  std::signal(SIGTERM, OnSignal);
+  node::Node node(options.node, print);
+  std::string problem;
+  if (!node.Start(&problem)) {
+    std::fprintf(stderr, "vyr_node: %s\n", problem.c_str());
+    return kFailed;
+  }
+  if (options.until_eof) CreateThread(nullptr, 0, WaitForEndOfInput, nullptr, 0, nullptr);
+  while (g_ended == 0 && !node.stop_asked()) node.Step(kPollMs);
+  node.Step(0);  // the reply to the command that ended it
+  return kDone;
+}
+
+int Run(int argc, char** argv) {
+  CLI::App app(
+      "The reference acceleration node: reads a request, answers, connects to the game server\n"
+      "that it names, and carries the bytes both ways. Events go to standard output.\n\n"
+      "  vyr_node --listen 198.51.100.20:7001 --control 127.0.0.1:7101\n",
+      "vyr_node");
+  app.set_version_flag("--version", "vyr_node " VYR_VERSION);
+  app.footer(
+      "With --control, every behaviour can be changed while the node runs, one JSON object a\n"
+      "line: {\"command\":\"set\",\"on_request\":\"silent\"}. Others: get, restore, connections,\n"
+      "close, reset, stop.\n"
+      "Exit codes: 0 ended as asked, 1 cannot listen, 2 wrong usage.");
+  app.allow_windows_style_options(false);
+
+  Options options;
+  app.add_option("--listen", options.listen, "where clients come in; port 0 takes any")
+      ->required()
+      ->type_name("ADDRESS:PORT");
+  app.add_option("--control", options.control, "the control port; none if not given")
+      ->type_name("ADDRESS:PORT");
+  app.add_option("--source", options.source,
+                 "where connections to game servers come from: 0.0.0.0 leaves it to the system; "
+                 "by default the listening address, unless it is a loopback")
+      ->type_name("ADDRESS");
+  bool json = false;
+  auto* const text_flag = app.add_flag("--text", options.text, "events as NAME KEY=VALUE …");
+  app.add_flag("--json", json, "events as JSON lines; the default")->excludes(text_flag);
+  app.add_flag("--until-eof", options.until_eof, "end with the end of standard input");
+  AddBehaviour(&app, &options.node.behaviour);
+  AddLimits(&app, &options.node.limits);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kDone : kUsage;
+  }
+  const std::string problem = Understand(&options);
+  if (!problem.empty()) {
+    std::fprintf(stderr, "vyr_node: %s\n", problem.c_str());
+    return kUsage;
+  }
+  return Serve(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int code = kFailed;
+  try {
+    code = Run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "vyr_node: %s\n", error.what());
+  }
+  // A thread may still sit in a read of standard input, whose lock an ordinary exit would want.
+  std::cout.flush();
+  std::fflush(stdout);
+  std::_Exit(code);
+}

@@ -1,0 +1,169 @@
+#include "node/node.h"
+
+#include <windows.h>
+
+#include <algorithm>
+
+namespace node {
+namespace {
+
+// After a failed accept or select, so that a node out of handles does not spin.
+constexpr u32 kRestMs = 100;
+constexpr int kAcceptsInARow = 32;
+
+u64 UnixTimeMs() {
+  constexpr u64 kUnixEpoch = 116444736000000000;  // in the file time's units of 100 ns
+  FILETIME time = {};
+  GetSystemTimeAsFileTime(&time);
+  const u64 ticks = u64{time.dwHighDateTime} << 32 | time.dwLowDateTime;
+  return (ticks - kUnixEpoch) / 10000;
+}
+
+std::string CannotListen(const Address& address, int error) {
+  std::string reason = "error " + std::to_string(error);
+  if (error == WSAEADDRINUSE) reason = "the port is taken";
+  if (error == WSAEADDRNOTAVAIL) reason = "this machine has no such address";
+  if (error == WSAEACCES) reason = "no permission, or another program owns the port";
+  return "cannot listen on " + address.Text() + ": " + reason;
+}
+
+}  // namespace
+
+Node::Node(NodeOptions options, EventSink sink, Behaviour* behaviour)
+    : options_(std::move(options)),
+      sink_(std::move(sink)),
+      own_behaviour_(options_.behaviour),
+      behaviour_(behaviour != nullptr ? behaviour : &own_behaviour_),
+      control_(MakeControlTarget()) {
+  context_.behaviour = behaviour_;
+  context_.limits = options_.limits;
+  context_.emit = [this](const Event& event) { Emit(event); };
+  tick_ = GetTickCount();
+}
+
+Node::~Node() { CloseAll(false, "the node ends"); }
+
+bool Node::Start(std::string* problem) {
+  int error = 0;
+  listener_ = Socket::Listener(options_.listen, &error);
+  if (error != 0) {
+    *problem = CannotListen(options_.listen, error);
+    return false;
+  }
+  context_.own = listener_.Local();
+  const Address& own = context_.own;
+  context_.source_ip = options_.source_ip.value_or(own.loopback() ? 0 : own.ip);
+  if (options_.control && !StartControl(*options_.control, problem)) return false;
+  Event event{"listening"};
+  event.With("address", own.Text());
+  if (control_.listening()) event.With("control", context_.control.Text());
+  Emit(event);
+  return true;
+}
+
+bool Node::StartControl(const Address& address, std::string* problem) {
+  const int error = control_.Listen(address);
+  if (error != 0) {
+    *problem = CannotListen(address, error);
+    return false;
+  }
+  context_.control = control_.Local();
+  return true;
+}
+
+ControlTarget Node::MakeControlTarget() {
+  return {.behaviour = behaviour_,
+          .initial = options_.behaviour,
+          .connections =
+              [this] {
+                std::vector<Event> all;
+                for (const auto& connection : connections_)
+                  if (!connection->closed()) all.push_back(connection->Describe());
+                return all;
+              },
+          .close_all = [this](bool reset) { return CloseAll(reset, "as told, by a command"); },
+          .stop = [this] { stop_asked_ = true; }};
+}
+
+u64 Node::Now() {
+  const u32 tick = GetTickCount();
+  now_ += static_cast<u32>(tick - tick_);
+  tick_ = tick;
+  return now_;
+}
+
+void Node::Emit(const Event& event) {
+  Event numbered{event.name};
+  numbered.With("number", ++events_).With("time_ms", UnixTimeMs());
+  numbered.fields.insert(numbered.fields.end(), event.fields.begin(), event.fields.end());
+  sink_(numbered);
+}
+
+void Node::Step(u32 most_ms) {
+  u64 now = Now();
+  u64 due = now + most_ms;
+  const bool frozen = behaviour_->freeze != 0;
+  const bool accepting = connections_.size() < context_.limits.connections;
+  poller_.Clear();
+  if (now < accept_again_at_) {
+    due = std::min(due, accept_again_at_);
+  } else {
+    poller_.Want(listener_.get(), {.read = accepting});
+  }
+  control_.Want(&poller_);
+  if (!frozen)
+    for (const auto& connection : connections_) connection->Want(&poller_, now, &due);
+
+  if (!poller_.Wait(static_cast<u32>(due > now ? due - now : 0))) {
+    Emit(Event{"error"}.With("what", "select").With("error", static_cast<u64>(WSAGetLastError())));
+    Sleep(kRestMs);
+    return;
+  }
+  now = Now();
+  // A new connection comes last: its handle may be one that was closed a moment ago, and what
+  // the poller knows of that handle is not about it.
+  const bool somebody = poller_.Of(listener_.get()).read;
+  if (!frozen)
+    for (const auto& connection : connections_) connection->Step(poller_, now);
+  control_.Step(poller_);
+  connections_.remove_if([](const auto& connection) { return connection->closed(); });
+  if (somebody) Accept(now);
+}
+
+void Node::Accept(u64 now) {
+  for (int i = 0; i < kAcceptsInARow && connections_.size() < context_.limits.connections; ++i) {
+    sockaddr_in raw = {};
+    int size = sizeof raw;
+    Socket client(accept(listener_.get(), reinterpret_cast<struct sockaddr*>(&raw), &size));
+    if (!client.open()) {
+      const int error = WSAGetLastError();
+      if (error == WSAEWOULDBLOCK) return;
+      // A client that was gone again before it was accepted is its own affair.
+      if (error == WSAECONNRESET || error == WSAECONNABORTED) continue;
+      Emit(Event{"error"}.With("what", "accept").With("error", static_cast<u64>(error)));
+      accept_again_at_ = now + kRestMs;
+      return;
+    }
+    if (PrepareStream(client.get()) != 0) continue;
+    connections_.push_back(std::make_unique<Connection>(&context_, next_id_++, std::move(client),
+                                                        Address::Of(raw), now));
+  }
+  connections_.remove_if([](const auto& connection) { return connection->closed(); });
+}
+
+u64 Node::CloseAll(bool reset, const std::string& reason) {
+  const u64 now = Now();
+  u64 count = 0;
+  for (const auto& connection : connections_) {
+    if (connection->closed()) continue;
+    ++count;
+    if (reset) {
+      connection->Reset(reason, now);
+    } else {
+      connection->Close(reason, now);
+    }
+  }
+  return count;
+}
+
+}  // namespace node

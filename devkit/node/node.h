@@ -1,0 +1,72 @@
+// The reference acceleration node. One object, one thread: whoever owns it calls Step in a loop.
+#pragma once
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "node/connection.h"
+#include "node/control_port.h"
+
+namespace node {
+
+struct NodeOptions {
+  Address listen = {};                  // port 0: any, which the event "listening" names
+  std::optional<Address> control = {};  // none: no control port
+  std::optional<u32> source_ip = {};    // none: as the listening address says, see Start
+  Limits limits = {};
+  Behaviour behaviour = {};
+};
+
+class Node {
+ public:
+  // `sink` gets every event as it happens, on the thread that calls Step, with its number
+  // (1, 2, …) and the time in front. It must not call back. The behaviour may be kept outside:
+  // then the options' is what "restore" goes back to.
+  Node(NodeOptions options, EventSink sink, Behaviour* behaviour = nullptr);
+  ~Node();
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
+
+  // False: a port is not to be had; *problem says which and why. Unless a source address is
+  // given, connections to game servers come from the listening address, if that is one that
+  // reaches beyond this machine; so a game server sees the node that was asked.
+  bool Start(std::string* problem);
+
+  // Waits for something to do, `most_ms` at most, and does what can be done now.
+  void Step(u32 most_ms);
+
+  // Somebody asked for the end over the control port.
+  bool stop_asked() const { return stop_asked_; }
+  // May be changed between steps.
+  Behaviour& behaviour() { return *behaviour_; }
+  Address listening() const { return context_.own; }
+  Address control() const { return context_.control; }
+  std::size_t connections() const { return connections_.size(); }
+
+ private:
+  u64 Now();
+  void Emit(const Event& event);
+  ControlTarget MakeControlTarget();
+  bool StartControl(const Address& address, std::string* problem);
+  void Accept(u64 now);
+  u64 CloseAll(bool reset, const std::string& reason);
+
+  const NodeOptions options_;
+  const EventSink sink_;
+  Behaviour own_behaviour_;
+  Behaviour* const behaviour_;
+  NodeContext context_;
+  Poller poller_;
+  Socket listener_;
+  ControlPort control_;
+  std::list<std::unique_ptr<Connection>> connections_;
+  u64 now_ = 0;  // milliseconds since the start, beyond the tick counter's wrap
+  u32 tick_ = 0;
+  u64 events_ = 0;
+  u64 next_id_ = 1;
+  u64 accept_again_at_ = 0;
+  bool stop_asked_ = false;
+};
+
+}  // namespace node

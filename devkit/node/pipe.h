@@ -1,0 +1,58 @@
+// One direction of a carried connection: what has been read from one socket and not yet been sent
+// to the other, each byte due some time after it came. Bounded: when it is full, nothing is read,
+// and the sender's own TCP holds it back.
+#pragma once
+#include <cstddef>
+#include <deque>
+#include <memory>
+
+#include "node/socket.h"
+
+namespace node {
+
+class Pipe {
+ public:
+  static constexpr std::size_t kCapacity = 256 * 1024;
+  static constexpr std::size_t kLeastRead = 16 * 1024;
+  static constexpr u64 kNever = ~u64{0};
+
+  // Whether there is room worth a call, and more may come.
+  bool WantsRead() const { return !ended_ && kCapacity - size() >= kLeastRead; }
+  // Whether something is due that the destination did not take yet.
+  bool WantsWrite(u64 now) const;
+  // When the next byte, or the end, becomes due; kNever if nothing waits for its time.
+  u64 NextDue(u64 now) const;
+
+  // Reads what is there, to become due `delay_ms` after `now`. 0, or the socket's error.
+  int Read(SOCKET from, u64 now, u32 delay_ms);
+  // Sends what is due, `most` bytes at most, and shuts `to` down behind the last one of an ended
+  // stream. 0, or the socket's error; a socket that takes no more is none.
+  int Write(SOCKET to, u64 now, u64 most);
+
+  bool ended() const { return ended_; }        // the source has sent its last
+  bool finished() const { return finished_; }  // and the destination has been told
+  u64 received() const { return received_; }
+  u64 sent() const { return sent_; }
+
+ private:
+  // Everything before `end` (counted from the stream's first byte) may go at `due`.
+  struct Mark {
+    u64 end, due;
+  };
+
+  std::size_t size() const { return static_cast<std::size_t>(received_ - sent_); }
+  u64 DueEnd(u64 now) const;
+  void MarkDue(u64 due);
+  char* Room(std::size_t* size);
+
+  std::unique_ptr<char[]> bytes_;  // a ring, made with the first byte
+  std::size_t begin_ = 0;          // where the byte number sent_ lies in it
+  std::deque<Mark> marks_;         // empty: everything is due
+  u64 end_due_ = 0;
+  u64 received_ = 0;
+  u64 sent_ = 0;
+  bool ended_ = false;
+  bool finished_ = false;
+};
+
+}  // namespace node

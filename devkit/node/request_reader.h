@@ -1,0 +1,48 @@
+// Reads one NegoRequest from a stream, byte by byte if it must be. The bytes are a stranger's.
+//
+// Strict where the protocol leaves no choice: the magic, a length that is exactly the version's, a
+// game server that a stream can go to. A version that is not known (0, or above 3) is read as the
+// newest, and its record may be longer, since newer forms only add fields.
+#pragma once
+#include <array>
+#include <cstddef>
+
+#include "common/types.h"
+#include "protocol/nego_request.h"
+
+namespace node {
+
+class RequestReader {
+ public:
+  enum class State { kMore, kDone, kBad };
+
+  static constexpr std::size_t kMaxRequest = 1024;  // bytes, of a version that is not known yet
+
+  // Where the next bytes go and how many there may be: never one beyond the request, so that
+  // what follows it stays in the stream.
+  char* Place() { return bytes_.data() + size_; }
+  std::size_t Wanted() const { return wanted_ - size_; }
+  // That many have been put there; at most Wanted().
+  State Took(std::size_t count);
+
+  std::size_t size() const { return size_; }
+  // Host order; `version` is the one that was sent. Only when done.
+  const moru_vyr::lsp::NegoRequest& request() const { return request_; }
+  moru_vyr::lsp::u16 version() const { return version_; }
+  // What is wrong with it, when bad.
+  const char* problem() const { return problem_; }
+
+ private:
+  State Refuse(const char* problem);
+  State TakeHeader();
+  State TakeRequest();
+
+  std::array<char, kMaxRequest> bytes_ = {};
+  std::size_t size_ = 0;
+  std::size_t wanted_ = sizeof(moru_vyr::lsp::NegoHeader);
+  moru_vyr::lsp::NegoRequest request_ = {};
+  moru_vyr::lsp::u16 version_ = 0;
+  const char* problem_ = "";
+};
+
+}  // namespace node

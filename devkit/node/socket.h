@@ -1,0 +1,73 @@
+// Sockets that close themselves, and IPv4 addresses as text. Errors are Winsock's numbers.
+#pragma once
+#include <winsock2.h>
+
+#include <string>
+
+#include "common/types.h"
+
+namespace node {
+
+using moru_vyr::lsp::u16;
+using moru_vyr::lsp::u32;
+using moru_vyr::lsp::u64;
+using moru_vyr::lsp::u8;
+
+// Host order.
+struct Address {
+  u32 ip = 0;
+  u16 port = 0;
+
+  bool loopback() const { return ip >> 24 == 127; }
+  std::string Text() const;  // "198.51.100.20:7001"
+  sockaddr_in Raw() const;
+  static Address Of(const sockaddr_in& raw);
+};
+
+inline bool operator==(const Address& a, const Address& b) {
+  return a.ip == b.ip && a.port == b.port;
+}
+
+// Strict: four decimal numbers up to 255 and nothing else; for the second form ":" and a port
+// from 0 to 65535 behind them.
+bool ParseIp(const std::string& text, u32* ip);
+bool ParseAddress(const std::string& text, Address* address);
+
+class Socket {
+ public:
+  Socket() = default;
+  explicit Socket(SOCKET handle) : handle_(handle) {}
+  Socket(Socket&& other) noexcept : handle_(other.Release()) {}
+  Socket& operator=(Socket&& other) noexcept;
+  ~Socket() { Close(); }
+
+  // A new non-blocking stream; its error is the last error where it is not open.
+  static Socket Stream();
+  // A listener that is bound and listens; *error is 0 or says why there is none.
+  static Socket Listener(const Address& address, int* error);
+
+  bool open() const { return handle_ != INVALID_SOCKET; }
+  SOCKET get() const { return handle_; }
+  Address Local() const;
+
+  void Close();
+  // The other side sees a reset; what it has not read is lost.
+  void Abort();
+
+ private:
+  SOCKET Release();
+
+  SOCKET handle_ = INVALID_SOCKET;
+};
+
+// Non-blocking, without delay of small pieces, and with a sign of life for connections whose
+// other side is gone without a word.
+int PrepareStream(SOCKET socket);
+
+// 0, or the error of the connect; WSAEWOULDBLOCK while it goes on.
+int StartConnect(SOCKET socket, const Address& to);
+
+// The error that an asynchronous operation left behind, 0 for none.
+int PendingError(SOCKET socket);
+
+}  // namespace node
