@@ -99,8 +99,8 @@ class Dumper {
   // Entries of a list: as its count says or, where it has none, up to the last that is not zero.
   static size_t CountOf(const Field& field, const std::byte* record) {
     if (field.count_size != 0) {
-      return std::min<uint64_t>(Load(record + field.count_offset, field.count_size),
-                                field.capacity);
+      const uint64_t written = Load(record + field.count_offset, field.count_size);
+      return static_cast<size_t>(std::min<uint64_t>(written, field.capacity));
     }
     size_t count = field.capacity;
     while (count > 0 && IsZero(record + field.offset + (count - 1) * field.size, field.size)) {
