@@ -2,6 +2,7 @@
 
 #include <winsock2.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <string>
@@ -134,8 +135,10 @@ std::unique_ptr<IpTableRegion> MakeIpTable(Dice& dice, WorldSize size) {
   region->ip_count = full ? dice.Of(full_counts) : dice.Below(40);
   const u32 filled = Filled(region->ip_count, kMaxIpRecords);
   for (u32 i = 0; i < filled; ++i) {
-    // In a full table most addresses are strangers, and whoever is known may stand anywhere.
-    const bool stranger = full && !dice.OneIn(2000);
+    // In a full table most addresses are strangers. Whoever is known may stand anywhere, and does
+    // stand at the very end and behind it.
+    const bool at_end = i + 1 >= std::min(region->ip_count, kMaxIpRecords);
+    const bool stranger = full && !at_end && !dice.OneIn(2000);
     const u32 ip = stranger ? static_cast<u32>(dice.Word()) | 0xE0 : AnyIp(dice);
     region->records[i] = {AnyGameIdc(dice), ip};
   }
