@@ -267,6 +267,59 @@ SCENARIO(Chain, APathThatGrowsTooLongShowsAtTheStartFunction) {
   EXPECT_TRUE(game.TracedStart("LoadProviderPath: GetProcAddress failed: ")) << game.AllTraces();
 }
 
+SCENARIO(Chain, ANarrowPathThatGrowsTooLongIsRefused) {
+  GameProcess game;
+  game.LayerOverForeign();
+  port::SetEnvironment(L"VYR_LONG_DIRECTORY", L"C:\\" + std::wstring(290, L'd'));
+  port::SetProviderPath(kForeignGuid, L"%VYR_LONG_DIRECTORY%\\a.dll");
+  port::FailCall("ExpandEnvironmentStringsW", 1, 87);
+  EXPECT_EQ(game.Start(6), 10106);
+  EXPECT_TRUE(game.TracedStart("LoadProviderPath: ExpandEnvironmentStringsA failed: "))
+      << game.AllTraces();
+}
+
+// 258 characters and their end are what an expanded path may have.
+SCENARIO(Chain, TheLongestPathIsLoaded) {
+  for (const std::size_t size : {std::size_t{258}, std::size_t{259}}) {
+    const std::wstring directory = L"C:\\" + std::wstring(size - 9, L'd');
+    const std::wstring path = directory + L"\\a.dll";
+    ASSERT_EQ(path.size(), size);
+    port::RegisterModule(path, {});
+    port::SetEnvironment(L"VYR_LONG_DIRECTORY", directory);
+    port::SetProviderPath(kForeignGuid, L"%VYR_LONG_DIRECTORY%\\a.dll");
+    LspProvider provider{};
+    provider.next_provider.ProviderId = kForeignGuid;
+    int error = 0;
+    EXPECT_FALSE(LoadProviderPath(&provider, &error));  // it has no start function
+    EXPECT_EQ(provider.module != nullptr, size == 258) << size;
+  }
+}
+
+// The catalogue's own error is traced; the caller is told the thread's.
+SCENARIO(Chain, AMissingPathIsReportedWithTheThreadsError) {
+  GameProcess game;
+  LspProvider provider{};
+  int error = 0;
+  SetLastError(4711);
+  EXPECT_FALSE(LoadProviderPath(&provider, &error));
+  EXPECT_TRUE(game.Traced("LoadProviderPath: WSCGetProviderPath failed: 10105"))
+      << game.AllTraces();
+  EXPECT_EQ(error, 4711);
+}
+
+SCENARIO(Chain, ASecondStartLooksForABaseEntryOfItsOwnFamily) {
+  GameProcess game;
+  std::vector<WSAPROTOCOL_INFOW> catalogue = port::Catalogue();
+  WSAPROTOCOL_INFOW other_family = BaseTcp();
+  other_family.iAddressFamily = AF_INET6;
+  other_family.dwCatalogEntryId = 1501;
+  catalogue.insert(catalogue.begin(), other_family);
+  port::SetCatalogue(catalogue);
+  EXPECT_EQ(game.Start(6), 0);
+  EXPECT_EQ(game.Start(6), 0);
+  EXPECT_EQ(port::LastBaseEntry(), 1001u);
+}
+
 SCENARIO(Chain, NullArgumentsAreRefusedWithAWord) {
   GameProcess game;
   LspProvider provider{};
@@ -333,6 +386,35 @@ SCENARIO(Match, AProviderAboveUsNamesOurEntryInItsChain) {
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, kOwn + 1, 1001});
   EXPECT_EQ(game.Start(&above), 0) << game.AllTraces();
   EXPECT_TRUE(game.Traced("FindMatchingProvider: our LSP chains in in_info's protocol chains."));
+}
+
+SCENARIO(Match, TheLastEntryOfAShortChainCountsToo) {
+  GameProcess game;
+  auto above = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, kOwn + 1});
+  EXPECT_EQ(game.Start(&above), 0) << game.AllTraces();
+  EXPECT_TRUE(game.Traced("FindMatchingProvider: our LSP chains in in_info's protocol chains."));
+}
+
+// The chain's first entry is not in the catalogue, so nothing stands above us under its number.
+SCENARIO(Match, AnUnknownLayerAboveLeadsNowhere) {
+  GameProcess game;
+  port::SetCatalogue({MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {7777, 2002, 1001}), BaseTcp(),
+                      Hidden(), OwnTcp(2002, {kOwn, 1001})});
+  auto info = MakeEntry(kForeignGuid, 3002, SOCK_STREAM, 99, {7777, 1001});
+  EXPECT_EQ(game.Start(&info), 10106);
+  EXPECT_FALSE(game.Traced(
+      "FindMatchingProvider: entry belongs to the LSP layered over us and it references our LSP"));
+}
+
+SCENARIO(Match, AnEntryAboveNothingIsNoLayer) {
+  GameProcess game;
+  port::SetCatalogue({BaseTcp(), Hidden(), OwnTcp(2001, {kOwn}), OwnTcp(2002, {kOwn, 1001})});
+  LspProvider* list = nullptr;
+  int count = 0;
+  ASSERT_TRUE(GetProviders(&list, &count));
+  const GlobalPtr<LspProvider> owner(list);
+  ASSERT_EQ(count, 1);
+  EXPECT_EQ(list[0].layer_provider.dwCatalogEntryId, 2002u);
 }
 
 SCENARIO(Match, AChainThatNamesOurHiddenEntryGoesByTheKindOfSocket) {

@@ -69,13 +69,14 @@ void GameProcess::Is(const std::wstring& path, const std::string& command_line) 
   port::SetProcess(path, command_line, kPid);
 }
 
-void GameProcess::ListAsGame(common::u32 log_level, const std::string& log_path) {
+void GameProcess::ListAsGame(common::u32 log_level, const std::string& log_path,
+                             common::u32 net_mode) {
   auto region = std::make_unique<moru_vyr::lsp::RestrictionRegion>();
   region->header = {sizeof *region, common::kSharedMemMajorVersion, common::kSharedMemMinorVersion};
   auto& game = region->games[0];
   game.valid = 1;
   game.game_id = 7;
-  game.net_mode = 0x18;
+  game.net_mode = net_mode;
   game.path_count = 1;
   std::string path;
   common::u16to8(port::CurrentProcess().path, &path);

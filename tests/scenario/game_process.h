@@ -48,7 +48,8 @@ class GameProcess {
 
   void Is(const std::wstring& path, const std::string& command_line = "");
   // The client lists this process; its log goes to C:\logs.
-  void ListAsGame(common::u32 log_level = 0, const std::string& log_path = "C:\\logs\\");
+  void ListAsGame(common::u32 log_level = 0, const std::string& log_path = "C:\\logs\\",
+                  common::u32 net_mode = 0x18);
   // Puts the foreign provider's TCP entry below ours, in place of the base provider's.
   void LayerOverForeign(const std::vector<DWORD>& foreign_chain = {});
 

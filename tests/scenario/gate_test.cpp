@@ -53,6 +53,16 @@ SCENARIO(Gate, OneCopyOwnsAtATime) {
   EXPECT_TRUE(third.owns());
 }
 
+SCENARIO(Gate, TheMutexBelongsToWhoTookIt) {
+  const SingleInstanceLock first("gate", "gate_lock");
+  test::RunThread([] {
+    const HANDLE gate = OpenMutexA(SYNCHRONIZE, FALSE, "gate");
+    ASSERT_NE(gate, nullptr);
+    EXPECT_EQ(WaitForSingleObject(gate, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    CloseHandle(gate);
+  });
+}
+
 SCENARIO_SEEDS(Gate, OfManyAtOnceExactlyOneOwns, 20) {
   SingleInstanceLock copies[8];
   test::RunThreads(8, [&](int i) { copies[i] = SingleInstanceLock("gate", "gate_lock"); });
@@ -144,6 +154,22 @@ SCENARIO(BlockConfig, WithoutALogPathTheFileLiesAtTheRootOfTheDrive) {
   UpdateBlockConfig();
   ExpectBlocked(true, false);
   EXPECT_FALSE(log.Contains("log path="));
+}
+
+// 259 characters and their end are what a path may have.
+SCENARIO(BlockConfig, TheLongestPathIsRead) {
+  const std::string directory = "C:\\" + std::string(120, 'a') + "\\" + std::string(123, 'b');
+  CreateDirectoryW((L"C:\\" + std::wstring(120, L'a')).c_str(), nullptr);
+  for (const std::size_t size : {std::size_t{247}, std::size_t{248}}) {
+    const std::string path = directory + std::string(size - directory.size(), 'c');
+    const std::wstring wide(path.begin(), path.end());
+    CreateDirectoryW(wide.c_str(), nullptr);
+    WriteIni(wide + L"\\vyr_lsp.ini",
+             size == 247 ? "[LSP]\r\nTCP=false\r\n" : "[LSP]\r\nUDP=false\r\n");
+    Configure(0, path + "\\");
+    UpdateBlockConfig();
+    ExpectBlocked(true, false);
+  }
 }
 
 // The directory and the file's name together pass what a path may have.

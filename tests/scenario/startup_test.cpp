@@ -63,6 +63,18 @@ SCENARIO(Startup, AnyOtherProcessGetsTheNextProvidersOwnTable) {
   EXPECT_EQ(GetProcessInfo().tcp_proc_table.lpWSPSocket, nullptr);
 }
 
+// Its record is installed by the first start, and a second look at it would say that all is well.
+SCENARIO(Startup, AGameThatIsNotAcceleratedStaysUnhookedAtEveryStart) {
+  GameProcess game;
+  game.ListAsGame(0, "C:\\logs\\", 0);
+  for (const int protocol : {6, 17, 0}) {
+    EXPECT_EQ(game.Start(protocol), 0);
+    EXPECT_TRUE(game.GotBaseTable()) << game.AllTraces();
+  }
+  EXPECT_FALSE(game.TracedStart("CheckCanHook"));
+  EXPECT_STREQ(GetProcessInfo().log_file_path, "");
+}
+
 SCENARIO(Startup, SpeedTesterIsHookedWithALogAndNoConfiguration) {
   GameProcess process;
   process.Is(L"D:\\tools\\SPEEDTESTER.exe");

@@ -89,6 +89,9 @@ class ReadConfig : public testing::Test {
     GetProcessInfo() = {};
   }
 
+  // Nobody's mutex is a new one at its next use, free whoever had it last: this keeps it known.
+  const common::NamedMutex keeps_mutex_{kRestrictionMutexName};
+
   static bool MutexIsFree() {
     bool got = false;
     test::RunThread([&] {

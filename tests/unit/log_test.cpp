@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <regex>
 #include <string>
 
@@ -38,6 +39,26 @@ TEST(Log, LineHasTimeThreadLevelTagAndOneNewline) {
   std::smatch match;
   ASSERT_TRUE(std::regex_match(text, match, line)) << text;
   EXPECT_EQ(match[1].str(), std::to_string(static_cast<int>(GetCurrentThreadId())));
+}
+
+// As a line begins with it, so that times compare as texts.
+std::string LocalTime() {
+  SYSTEMTIME now = {};
+  GetLocalTime(&now);
+  char text[64];
+  std::snprintf(text, sizeof text, "[%04d-%02d-%02d %02d:%02d:%02d.%03d]", now.wYear, now.wMonth,
+                now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
+  return text;
+}
+
+TEST(Log, LineTellsTheLocalTimeOfItsMaking) {
+  LogCapture log;
+  const std::string before = LocalTime();
+  LspLog(4, "x");
+  const std::string after = LocalTime();
+  const std::string found = log.Text().substr(0, before.size());
+  EXPECT_LE(before, found);
+  EXPECT_LE(found, after);
 }
 
 TEST(Log, MessageIsCutAt2047BytesAndTheLineStillEnds) {

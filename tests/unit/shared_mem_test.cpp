@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "tests/unit/log_capture.h"
@@ -36,6 +37,7 @@ class SharedMem : public testing::Test {
     const std::string own = info.name() + std::string("_") + std::to_string(GetCurrentProcessId());
     name_ = "vyr_unit_mem_" + own;
     mutex_name_ = "vyr_unit_mutex_" + own;
+    keeps_mutex_.emplace(mutex_name_);
   }
 
   Shared_mem_obj Plain(u32 size = sizeof(Record)) {
@@ -56,6 +58,8 @@ class SharedMem : public testing::Test {
   }
 
   std::string name_, mutex_name_;
+  // A mutex that nobody knows any more is free, whoever had it last: this keeps it known.
+  std::optional<common::NamedMutex> keeps_mutex_;
 };
 
 // The mapping's bytes as another program sees them.
@@ -292,6 +296,8 @@ TEST_F(SharedMem, AnySelectorAboveOneMeansTheSecondCopy) {
   raw.Set(0, 7);
   EXPECT_EQ(Read(reader), 101u);
   raw.Set(0, 0xffffffff);
+  EXPECT_EQ(Read(reader), 101u);
+  raw.Set(0, 2);
   EXPECT_EQ(Read(reader), 101u);
   Write(writer, 102);  // into the first copy, which is then the one to read
   EXPECT_EQ(raw.Get(0), 0u);

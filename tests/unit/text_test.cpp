@@ -90,6 +90,7 @@ TEST(FormatBounded, ReturnsTheLengthOrRefuses) {
 
 TEST(EqualsIgnoreCase, FoldsAsciiLettersOnly) {
   EXPECT_TRUE(EqualsIgnoreCase("SpeedTester.exe", "SPEEDTESTER.EXE"));
+  EXPECT_TRUE(EqualsIgnoreCase("AZ", "az"));  // both ends of the alphabet
   EXPECT_TRUE(EqualsIgnoreCase("", ""));
   EXPECT_FALSE(EqualsIgnoreCase("a", "ab"));
   EXPECT_FALSE(EqualsIgnoreCase("ab", "a"));
