@@ -21,8 +21,12 @@ TcpProvider::TcpProvider() noexcept {
 
 bool TcpProvider::OnCreateLocalServer() noexcept {
   common::FunctionTrace trace("moru_vyr::lsp::TcpProvider::OnCreateLocalServer");
-  std::unique_ptr<TcpServerSocket> server(new (std::nothrow) TcpServerSocket);
-  if (server == nullptr) return false;
+  std::unique_ptr<TcpServerSocket> server;
+  try {
+    server = std::make_unique<TcpServerSocket>();
+  } catch (...) {
+    return false;
+  }
   server->SetProvider(this);
   if (!CreateTcpSocketAndBind(&local_socket_, &local_port_)) return false;
   AdjustSocketBuff(local_socket_, kListenerBufferSize, kListenerBufferSize);
@@ -40,7 +44,9 @@ bool TcpProvider::OnCreateLocalServer() noexcept {
 void TcpProvider::OnCloseLocalServer() noexcept {
   LSP_LOG(0, "[TCP] TcpProvider::OnCloseLocalServer. socket=%Id", local_socket_);
   closesocket(local_socket_);
-  if (socket_mgr_ != nullptr) delete socket_mgr_->RemoveSocket(local_socket_);
+  if (socket_mgr_ != nullptr) {
+    const std::unique_ptr<IRelaySocketDelegate> server(socket_mgr_->RemoveSocket(local_socket_));
+  }
   local_socket_ = INVALID_SOCKET;
   local_port_ = 0;
 }
