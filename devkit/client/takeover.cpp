@@ -25,8 +25,8 @@ TakeoverReport Takeover::Apply(std::string_view text, unsigned wait_ms) {
 }
 
 std::string Summary(const Tables& tables, RegionId region) {
-  const auto counted = [](uint32_t count, const char* what) {
-    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+  const auto counted = [](uint32_t count, const char* what, const char* plural = "s") {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : plural);
   };
   const auto& image = tables.route.image;
   switch (region) {
@@ -40,13 +40,13 @@ std::string Summary(const Tables& tables, RegionId region) {
              counted(image.route_sets[0].route_count, "route") + " and " +
              std::to_string(image.route_sets[1].route_count) + " for acc_mode 2";
     case kIpTable:
-      return std::to_string(tables.iptable.ip_count) + " addresses";
+      return counted(tables.iptable.ip_count, "address", "es");
     case kBlacklist:
-      return std::to_string(tables.blacklist.blacklist_count) + " entries";
+      return counted(tables.blacklist.blacklist_count, "record");
     case kSpur:
-      return std::to_string(tables.spur.spur_count) + " addresses";
+      return counted(tables.spur.spur_count, "address", "es");
     default:
-      return std::to_string(tables.launch_test.valid_count) + " results";
+      return counted(tables.launch_test.valid_count, "result");
   }
 }
 

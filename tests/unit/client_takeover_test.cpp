@@ -52,7 +52,7 @@ TEST(ClientTakeover, TheFirstTextMakesWhatItFills) {
   EXPECT_EQ(report.failure, "");
   EXPECT_EQ(Changes(report),
             "games: 1 game\nroute table: 1 node, 1 route and 0 for acc_mode 2\n"
-            "IP table: 1 addresses\n");
+            "IP table: 1 address\n");
   EXPECT_TRUE(common::Shared_mem_obj::Exists(kRouteRegionName));
   EXPECT_FALSE(common::Shared_mem_obj::Exists(kSpurRegionName));
 }
@@ -71,7 +71,7 @@ TEST(ClientTakeover, OnlyWhatChangedIsWritten) {
   EXPECT_EQ(Changes(takeover.Apply(kGame + Nodes("1.2.3.5"), kWaitMs)),
             "route table: 1 node, 1 route and 0 for acc_mode 2\n");
   EXPECT_EQ(Changes(takeover.Apply(kGame + Nodes("1.2.3.5") + Spur("9.9.9.9"), kWaitMs)),
-            "spur list: 1 addresses\n");
+            "spur list: 1 address\n");
   EXPECT_EQ(Changes(takeover.Apply(kGame, kWaitMs)),
             "route table: 0 nodes, 0 routes and 0 for acc_mode 2\nIP table: 0 addresses\n"
             "spur list: 0 addresses\n");
