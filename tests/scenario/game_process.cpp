@@ -21,6 +21,7 @@ int WSPAPI StartForeign(WORD version, LPWSPDATA data, LPWSAPROTOCOL_INFOW info,
   foreign.version = version;
   foreign.info = *info;
   foreign.upcalls = upcalls;
+  Sleep(foreign.start_takes_ms);
   if (foreign.result != 0) return foreign.result;
   *out = foreign.table;
   data->wVersion = 0x0202;

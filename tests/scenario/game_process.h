@@ -27,6 +27,7 @@ inline constexpr wchar_t kForeignPath[] = L"C:\\foreign\\layer.dll";
 struct ForeignProvider {
   int result = 0;
   WSPPROC_TABLE table{};  // the base provider's, until a test changes it
+  DWORD start_takes_ms = 0;
   int starts = 0;
   WORD version = 0;
   WSAPROTOCOL_INFOW info{};

@@ -12,6 +12,7 @@
 #include "provider/startup.h"
 #include "route/acc_config.h"
 #include "tests/scenario/game_process.h"
+#include "tests/unit/threads.h"
 
 namespace {
 
@@ -167,6 +168,34 @@ SCENARIO(Startup, TheGateMutexStaysToTheEndOfTheProcess) {
       OpenMutexA(SYNCHRONIZE, FALSE, "{BA3793BB-FB18-40DF-8C89-FA7C0159FADC}_single_mutex_4321");
   EXPECT_NE(gate, nullptr);
   if (gate != nullptr) CloseHandle(gate);
+}
+
+// The next provider's own start belongs to ours, however long it takes.
+SCENARIO(Startup, OneStartWaitsForAnother) {
+  GameProcess game;
+  game.LayerOverForeign();
+  test::Foreign().start_takes_ms = 500;
+  WSAPROTOCOL_INFOW tcp = game.Layered(6);
+  const auto start = [&] {
+    WSPPROC_TABLE table{};
+    WSPDATA data{};
+    EXPECT_EQ(WSPStartup(MAKEWORD(2, 2), &data, &tcp, game.upcalls, &table), 0);
+    return GetTickCount();
+  };
+  DWORD first_ended = 0, second_began = 0, second_ended = 0;
+  test::RunThread([&] {  // it must make the threads: this body goes on when all others wait
+    test::RunThreads(2, [&](int i) {
+      if (i == 0) {
+        first_ended = start();
+        return;
+      }
+      while (test::Foreign().starts == 0) Sleep(1);  // the first is in the next provider
+      second_began = GetTickCount();
+      second_ended = start();
+    });
+  });
+  EXPECT_LT(second_began, first_ended);
+  EXPECT_GE(second_ended - first_ended, 500u);  // it goes to the same provider, after the first
 }
 
 SCENARIO(Startup, WithoutProtocolInfoItFailsAfterPreparing) {
