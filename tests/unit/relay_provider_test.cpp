@@ -1,0 +1,288 @@
+// The class tree between the worker's loop and a provider, and the provider of streams as far as
+// it needs no network: how it starts and ends, and what it does for strangers.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "relay/net_provider.h"
+#include "relay/relay_sockets.h"
+#include "relay/socket_sets.h"
+#include "relay/tcp_provider.h"
+#include "route/route.h"
+#include "tests/unit/log_capture.h"
+#include "tests/unit/loopback.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+// The name of each event that reaches the provider.
+class NamedEvents final : public NetProvider {
+ public:
+  void OnLocalServerAcceptable(SOCKET s) noexcept override { Note("acceptable", s); }
+  void OnLocalReadable(SOCKET s) noexcept override { Note("local readable", s); }
+  void OnLocalWritable(SOCKET s) noexcept override { Note("local writable", s); }
+  void OnLocalExcpetion(SOCKET s) noexcept override { Note("local exception", s); }
+  void OnLocalClose(SOCKET s) noexcept override { Note("local close", s); }
+  void OnRemoteReadable(SOCKET s) noexcept override { Note("remote readable", s); }
+  void OnRemoteWritable(SOCKET s) noexcept override { Note("remote writable", s); }
+  void OnRemoteExcpetion(SOCKET s) noexcept override { Note("remote exception", s); }
+  void OnRemoteClose(SOCKET s) noexcept override { Note("remote close", s); }
+  bool OnCreateLocalServer() noexcept override { return starts; }
+  void OnCloseLocalServer() noexcept override { Note("closed", local_socket_); }
+
+  bool starts = true;
+  std::vector<std::string> events;
+
+ private:
+  void Note(const char* what, SOCKET s) { events.push_back(what + (" " + std::to_string(s))); }
+};
+
+using Events = std::vector<std::string>;
+
+void FireAll(IRelaySocketDelegate& delegate) {
+  delegate.OnReadable(1);
+  delegate.OnWritable(2);
+  delegate.OnException(3);
+  delegate.OnClose(4);
+}
+
+TEST(RelaySockets, EachSideNamesItsEvents) {
+  NamedEvents provider;
+  TcpServerSocket server;
+  LocalRelaySocket local;
+  RemoteRelaySocket remote;
+  for (RelaySocket* socket : {static_cast<RelaySocket*>(&server), static_cast<RelaySocket*>(&local),
+                              static_cast<RelaySocket*>(&remote)}) {
+    socket->SetProvider(&provider);
+    FireAll(*socket);
+  }
+  EXPECT_EQ(provider.events, (Events{"acceptable 1", "local readable 1", "local writable 2",
+                                     "local exception 3", "local close 4", "remote readable 1",
+                                     "remote writable 2", "remote exception 3", "remote close 4"}));
+}
+
+TEST(NetProvider, WithNothingToStartItCountsAsStarted) {
+  NetProvider provider;
+  EXPECT_FALSE(provider.IsRunning());
+  EXPECT_TRUE(provider.Init(nullptr, nullptr));
+  EXPECT_TRUE(provider.IsRunning());
+  provider.Uninit();
+  EXPECT_FALSE(provider.IsRunning());
+}
+
+TEST(NetProvider, AProviderThatCannotStartDoesNotRun) {
+  NamedEvents provider;
+  provider.starts = false;
+  EXPECT_FALSE(provider.Init(nullptr, nullptr));
+}
+
+TEST(NetProvider, AnEndBeforeTheStartMeetsTheFirstValues) {
+  NamedEvents provider;
+  provider.Uninit();
+  EXPECT_EQ(provider.events, (Events{"closed 0"}));
+}
+
+TEST(NetProvider, LocalAddressIsLoopback) {
+  NetProvider provider;
+  sockaddr_in address;
+  std::memset(&address, 0x55, sizeof address);
+  provider.GetLocalAddr(&address);
+  EXPECT_EQ(address.sin_family, AF_INET);
+  EXPECT_EQ(address.sin_port, 0);
+  EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+  provider.GetLocalAddr(nullptr);
+}
+
+// --- the provider of streams -------------------------------------------------------------------
+
+// The loop without its thread.
+class HandTurned final : public IRelaySocketMgr {
+ public:
+  u32 AddSocket(SOCKET s, IRelaySocketDelegate* d) noexcept override { return sets_.Add(s, d); }
+  u32 EnableWrite(SOCKET s) noexcept override { return sets_.EnableWrite(s, true); }
+  IRelaySocketDelegate* RemoveSocket(SOCKET s) noexcept override { return sets_.Remove(s); }
+  u32 NextToken() noexcept override { return ++token_; }
+  void Turn() {
+    int error = 0;
+    sets_.Poll(timeval{0, 10000}, &error);
+  }
+
+ private:
+  SocketSets sets_;
+  u32 token_ = 0;
+};
+
+struct StreamProvider : testing::Test {
+  StreamProvider() {
+    test::StartWinsock();
+    EXPECT_TRUE(provider.Init(&loop, &route));
+  }
+  ~StreamProvider() override { provider.Uninit(); }
+
+  bool Request(u16 port, const char* ip, u32 token) {
+    sockaddr_in server = {};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(80);
+    server.sin_addr.s_addr = static_cast<u32>(inet_addr(ip));
+    return provider.RequestTcpRelaySession(77, port, &server, &relay_addr, &relay_len, token);
+  }
+  // A socket like the game's, bound and not yet connected.
+  SOCKET GameSocket(u16* port) {
+    sockaddr_in address;
+    const SOCKET s = test::BoundSocket(SOCK_STREAM, &address);
+    *port = address.sin_port;
+    return s;
+  }
+  // Turns until the peer has closed, or gives up.
+  bool IsClosedSoon(SOCKET s) {
+    test::MakeNonBlocking(s);
+    for (int i = 0; i < 500; ++i) {
+      char byte;
+      const int n = recv(s, &byte, 1, 0);
+      if (n == 0 || (n == SOCKET_ERROR && WSAGetLastError() == WSAECONNRESET)) return true;
+      loop.Turn();
+      provider.OnUpdate(31);
+    }
+    return false;
+  }
+
+  HandTurned loop;
+  Route route;  // knows nothing, so every connection goes to its server directly
+  TcpProvider provider;
+  sockaddr* relay_addr = nullptr;
+  int relay_len = 0;
+};
+
+TEST_F(StreamProvider, HandsOutItsListener) {
+  ASSERT_TRUE(Request(htons(4000), "198.51.100.10", 1));
+  EXPECT_EQ(relay_len, 16);
+  sockaddr_in address, local;
+  std::memcpy(&address, relay_addr, sizeof address);
+  provider.GetLocalAddr(&local);
+  EXPECT_EQ(address.sin_port, local.sin_port);
+  EXPECT_NE(address.sin_port, 0);
+  EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+}
+
+TEST_F(StreamProvider, RefusesToAnswerNowhere) {
+  test::LogCapture log(4);
+  sockaddr_in server = {};
+  EXPECT_FALSE(provider.RequestTcpRelaySession(77, 1, nullptr, &relay_addr, &relay_len, 5));
+  EXPECT_FALSE(provider.RequestTcpRelaySession(77, 1, &server, nullptr, &relay_len, 5));
+  EXPECT_FALSE(provider.RequestTcpRelaySession(77, 1, &server, &relay_addr, nullptr, 5));
+  EXPECT_TRUE(
+      log.Contains("[TCP]RequestTcpRelaySession: something went wrong, socket=77, token=5\n"));
+}
+
+TEST_F(StreamProvider, ASecondRequestForAPortIsDropped) {
+  test::LogCapture log(4);
+  ASSERT_TRUE(Request(htons(4000), "198.51.100.10", 1));
+  relay_addr = nullptr;
+  EXPECT_TRUE(Request(htons(4000), "198.51.100.11", 2));
+  EXPECT_NE(relay_addr, nullptr);
+  EXPECT_TRUE(log.Contains("[TCP]RequestTcpRelaySession: port=4000, socket=77, token=2\n"));
+  EXPECT_TRUE(log.Contains("[TCP]RequestTcpRelaySession port duplicate, port=" +
+                           std::to_string(htons(4000)) + ", socket=77, token=2\n"));
+  const std::string text = log.Text();
+  EXPECT_EQ(text.find("CreateNewSession succeed, socket=77, token=2"), std::string::npos);
+}
+
+TEST_F(StreamProvider, AStrangerIsAcceptedAndClosedAndTheNextOneToo) {
+  ASSERT_TRUE(Request(htons(1), "198.51.100.10", 1));
+  test::LogCapture log(4);
+  for (int i = 0; i < 2; ++i) {
+    u16 port = 0;
+    const test::OwnSocket stranger(GameSocket(&port));
+    ASSERT_EQ(connect(stranger, relay_addr, relay_len), 0);
+    EXPECT_TRUE(IsClosedSoon(stranger));
+    EXPECT_TRUE(log.Contains("[TCP]OnLocalServerAcceptable, session not registered for port=" +
+                             std::to_string(ntohs(port)) + ", socket="));
+  }
+}
+
+// The server is one of ours on the loopback interface; bytes go both ways, and the first request
+// for a port is the one that counts.
+TEST_F(StreamProvider, AnAcceptedConnectionReachesItsServer) {
+  sockaddr_in address;
+  const test::OwnSocket listener(test::BoundSocket(SOCK_STREAM, &address));
+  ASSERT_EQ(listen(listener, 1), 0);
+  u16 port = 0;
+  const test::OwnSocket game(GameSocket(&port));
+  ASSERT_TRUE(provider.RequestTcpRelaySession(game, port, &address, &relay_addr, &relay_len, 9));
+  ASSERT_TRUE(Request(port, "198.51.100.11", 10));
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  ASSERT_EQ(send(game, "hello", 5, 0), 5);
+  test::MakeNonBlocking(listener);
+  test::OwnSocket server;
+  for (int i = 0; i < 500 && server == INVALID_SOCKET; ++i) {
+    loop.Turn();
+    server.Reset(accept(listener, nullptr, nullptr));
+  }
+  ASSERT_NE(SOCKET{server}, INVALID_SOCKET);
+  test::MakeNonBlocking(server);
+  std::string heard;
+  for (int i = 0; i < 500 && heard.size() < 5; ++i) {
+    loop.Turn();
+    char bytes[8];
+    const int n = recv(server, bytes, sizeof bytes, 0);
+    if (n > 0) heard.append(bytes, static_cast<size_t>(n));
+  }
+  EXPECT_EQ(heard, "hello");
+  // The server's last words arrive before its end.
+  ASSERT_EQ(send(server, "bye", 3, 0), 3);
+  server.Close();
+  heard.clear();
+  test::MakeNonBlocking(game);
+  for (int i = 0; i < 1000; ++i) {
+    loop.Turn();
+    provider.OnUpdate(31);
+    char bytes[8];
+    const int n = recv(game, bytes, sizeof bytes, 0);
+    if (n == 0) break;
+    if (n > 0) heard.append(bytes, static_cast<size_t>(n));
+  }
+  EXPECT_EQ(heard, "bye");
+  // The port is free for another connection of the game.
+  EXPECT_TRUE(Request(port, "198.51.100.11", 11));
+}
+
+TEST_F(StreamProvider, EventsOfUnknownSocketsAreLoggedEachInItsWords) {
+  test::LogCapture log(0);
+  provider.OnLocalReadable(5);
+  provider.OnLocalWritable(5);
+  provider.OnLocalExcpetion(5);
+  provider.OnLocalClose(5);
+  provider.OnRemoteReadable(5);
+  provider.OnRemoteWritable(6);
+  provider.OnRemoteExcpetion(7);
+  provider.OnRemoteClose(5);
+  for (const char* line : {
+           "[4][lsp][TCP] TcpProvider::OnLocalReadable, failed to find socket=5\n",
+           "[4][lsp][TCP]TcpProvider::OnLocalWritable, failed to find socket=5\n",
+           "[4][lsp][TCP]TcpProvider::OnLocalExcpetion. socket=5\n",
+           "[4][lsp][TCP]TcpProvider::OnLocalClose. socket=5\n",
+           "[4][lsp][TCP]TcpProvider::OnRemoteReadable, failed to find socket=5\n",
+           "[4][lsp][TCP]TcpProvider::OnRemoteWritable, failed to find socket=6\n",
+           "[4][lsp][TCP]TcpProvider::OnRemoteWritable, failed to find socket=7\n",
+           "[0][lsp][TCP]TcpProvider::OnRemoteClose. socket=5\n",
+       }) {
+    EXPECT_TRUE(log.Contains(line)) << line;
+  }
+}
+
+TEST_F(StreamProvider, TheEndClosesTheListener) {
+  ASSERT_TRUE(Request(htons(1), "198.51.100.10", 1));
+  test::LogCapture log(0);
+  provider.Uninit();
+  EXPECT_TRUE(log.Contains("[0][lsp][TCP] TcpProvider::OnCloseLocalServer. socket="));
+  const test::OwnSocket late(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  EXPECT_EQ(connect(late, relay_addr, relay_len), SOCKET_ERROR);
+  sockaddr_in address;
+  provider.GetLocalAddr(&address);
+  EXPECT_EQ(address.sin_port, 0);
+}
+
+}  // namespace
+}  // namespace moru_vyr::lsp
