@@ -141,7 +141,7 @@ int Run(int argc, char** argv) {
                  "by default the listening address, unless it is a loopback")
       ->type_name("ADDRESS");
   bool json = false;
-  auto* const text_flag = app.add_flag("--text", options.text, "events as NAME KEY=VALUE …");
+  auto* const text_flag = app.add_flag("--text", options.text, "events as NAME KEY=VALUE ...");
   app.add_flag("--json", json, "events as JSON lines; the default")->excludes(text_flag);
   app.add_flag("--until-eof", options.until_eof, "end with the end of standard input");
   AddBehaviour(&app, &options.node.behaviour);

@@ -144,6 +144,22 @@ SCENARIO_F(NodeCarry, DelaysEachDirectionByItself) {
   EXPECT_EQ(rest, Pattern(100'000));
 }
 
+SCENARIO_F(NodeCarry, TheEndIsDelayedLikeTheBytes) {
+  StartEchoServer();
+  node.behaviour().delay_to_client_ms = 400;
+  DWORD ended_ms = 0;
+  OnClient([&] {
+    const SOCKET s = Asks();
+    ReceivedExactly(s, kAnswerSize);
+    const DWORD before = GetTickCount();
+    shutdown(s, SD_SEND);
+    EXPECT_EQ(Received(s), "");
+    ended_ms = GetTickCount() - before;
+  });
+  ASSERT_TRUE(RunToTheEnd());
+  EXPECT_EQ(ended_ms, 440u);
+}
+
 SCENARIO_F(NodeCarry, ResetsAfterSoManyBytes) {
   StartEchoServer();
   node.ResetsAfter(1500);
@@ -265,6 +281,7 @@ SCENARIO_WITH_(NodeCarryAtTheWrap, KeepsItsTimes, NodeBench, 1, NearTheWrap()) {
     echoed = world.now();
   });
   ASSERT_TRUE(RunToTheEnd());
+  EXPECT_GT(answered, 500ms);
   EXPECT_LT(answered, 700ms);
   EXPECT_GT(echoed - answered, 300ms);
   EXPECT_LT(echoed - answered, 400ms);

@@ -153,6 +153,21 @@ SCENARIO_F(NodeUnderAttack, AClientThatGivesUpFreesItsPlaceAndTheServer) {
   EXPECT_EQ(node.Last("closed").Text("reason"), "the client left before it had its answer");
 }
 
+SCENARIO_F(NodeUnderAttack, AClientThatResetsBeforeItsAnswerIsGone) {
+  node.AnswersAfter(60'000);
+  std::string at_server = "nothing";
+  OnServer([&] { at_server = Received(AcceptFrom(ListenAt(kServerPort))); });
+  OnClient([] {
+    const SOCKET s = Asks();
+    Sleep(1000);
+    ResetOnClose(s);
+    closesocket(s);
+  });
+  ASSERT_TRUE(RunToTheEnd());
+  EXPECT_EQ(at_server, "error 10054");
+  EXPECT_EQ(node.Last("closed").Text("reason"), "client error 10054");
+}
+
 SCENARIO_F(NodeUnderAttack, GarbageOfEveryKindHurtsNobody) {
   StartEchoServer();
   for (int i = 0; i < 60; ++i) {
