@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 """The demo's story, told inside the test bed (demo.sh sets it up and calls this).
 
-usage: demo_inside.py BUILD_DIR
+usage: demo_inside.py WINDOWS_BUILD_DIR NODE_PROGRAM
 
-A native server at 198.51.100.10 holds a file. An unmodified Windows program fetches it, alone
-and then with the library under it, listed as a game; what both fetched is compared.
+A native server at 198.51.100.10 holds a file, and two native nodes stand at .20 and .21. An
+unmodified Windows program fetches the file: alone, then with the library under it through the
+first node, through the second when the first has fallen silent, and directly when both have.
+What each of them fetched is compared.
 """
 import functools
 import hashlib
@@ -12,6 +14,7 @@ import http.server
 import json
 import os
 import pathlib
+import socket
 import subprocess
 import sys
 import threading
@@ -97,6 +100,35 @@ class Client:
         self.process.wait(timeout=TIMEOUT_S)
 
 
+class Node:
+    """vyr_node at an address of the sample's, with its events."""
+
+    def __init__(self, program, name, address, control_port):
+        self.name, self.control = name, ("127.0.0.1", control_port)
+        self.events = []
+        self.process = subprocess.Popen(
+            [program, "--listen", f"{address}:9000", "--control", f"127.0.0.1:{control_port}"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+        first = json.loads(self.process.stdout.readline())
+        if first["event"] != "listening":
+            sys.exit(f"demo: {name} does not listen: {first}")
+        threading.Thread(target=self.collect, daemon=True).start()
+
+    def collect(self):
+        for line in self.process.stdout:
+            self.events.append(json.loads(line))
+
+    def fall_silent(self):
+        with socket.create_connection(self.control, timeout=TIMEOUT_S) as control:
+            control.sendall(b'{"command":"set","on_request":"silent"}\n')
+            reply = json.loads(control.makefile().readline())
+        if not reply["ok"]:
+            sys.exit(f"demo: {self.name} refuses to fall silent: {reply}")
+
+    def asked_for(self):
+        return [event["game"] for event in self.events if event["event"] == "request"]
+
+
 def show_trace(trace):
     facts = [json.loads(line) for line in trace.read_text(errors="replace").splitlines()]
     said = [fact["debug_output"].removeprefix("[LspTrace]").strip()
@@ -105,62 +137,88 @@ def show_trace(trace):
         for line in said:
             if line.startswith(start):
                 say("the library said", line)
+                break
     for fact in facts:
         if "start" in fact:
             say("call table", f"{fact['replaced_entries']} of 30 entries replaced")
+            break
     calls = [f"{fact['call']} {fact['count']}" for fact in facts
              if fact.get("through") == "library"]
     say("calls it saw", ", ".join(calls))
 
 
-def show_log(folder):
-    logs = sorted(folder.glob("*.log"))
-    if not logs:
-        sys.exit("demo: the library wrote no log file")
-    lines = logs[0].read_bytes().decode("gbk", "replace").splitlines()
-    say("log file", f"{logs[0].name}, {len(lines)} lines")
-    for word in ("Basic info", "will accelerate", "WSPConnect: ret"):
-        for line in lines:
-            if word in line:
-                print(f"    {line}")
-                break
+def show_log(log, words):
+    """The first line with each of the words; a missing one means that the demo failed."""
+    lines = log.read_bytes().decode("gbk", "replace").splitlines()
+    say("log file", f"{log.name}, {len(lines)} lines")
+    for word in words:
+        found = [line for line in lines if word in line]
+        if not found:
+            sys.exit(f"demo: FAILED, the log has no line with '{word}'")
+        print(f"    {found[0]}")
 
 
-def main(build):
-    drive_c = pathlib.Path(os.environ["VYR_WINEPREFIX"], "drive_c")
-    if not (drive_c / "vyr/ffmpeg.exe").exists():
-        print("demo: the third-party programs are not here; scripts/fetch_programs.sh gets them")
-        sys.exit(77)
-    work = pathlib.Path(os.environ["VYR_BED_DIR"], "demo")
-    work.mkdir()
-    original = os.urandom(FILE_SIZE)
-    (work / "film.bin").write_bytes(original)
-    start_server(work)
-    launcher = build / "bin/vyr_run.exe"
+class Story:
+    def __init__(self, build, node_program):
+        self.drive_c = pathlib.Path(os.environ["VYR_WINEPREFIX"], "drive_c")
+        if not (self.drive_c / "vyr/ffmpeg.exe").exists():
+            print("demo: the third-party programs are not here; scripts/fetch_programs.sh gets them")
+            sys.exit(77)
+        if not node_program.exists():
+            print(f"demo: no node at {node_program}; the posix preset builds it")
+            sys.exit(77)
+        self.build = build
+        self.work = pathlib.Path(os.environ["VYR_BED_DIR"], "demo")
+        self.work.mkdir()
+        self.original = os.urandom(FILE_SIZE)
+        (self.work / "film.bin").write_bytes(self.original)
+        start_server(self.work)
+        self.nodes = [Node(node_program, "node one", "198.51.100.20", 7101),
+                      Node(node_program, "node two", "198.51.100.21", 7102)]
 
-    print("An unmodified Windows program (ffmpeg) fetches a file from a native server.")
-    alone = fetch([], work / "alone.bin")
-    say("without the library", f"{len(alone)} bytes, sha256 {sha256(alone)[:16]}…")
+    def check(self, fetched):
+        say("bytes", f"{len(fetched)}, sha256 {sha256(fetched)[:16]}…, from the server to "
+            + Server.served[-1][0])
+        if fetched != self.original:
+            sys.exit("demo: FAILED, the bytes differ")
 
-    print("The same program, listed as a game, with the library under it.")
-    tables = work / "games.toml"
-    trace = work / "trace.jsonl"
+    def fetch_alone(self):
+        print("An unmodified Windows program (ffmpeg) fetches a file from a native server.")
+        self.check(fetch([], self.work / "alone.bin"))
+
+    def fetch_as_game(self, title, number, words, trace=False):
+        print(title)
+        asked = [len(node.asked_for()) for node in self.nodes]
+        known = set(self.drive_c.glob("vyr/log/*.log"))
+        trace_file = self.work / f"trace{number}.jsonl"
+        self.check(fetch([self.build / "bin/vyr_run.exe", "--trace", windows_path(trace_file)],
+                         self.work / f"fetch{number}.bin"))
+        if trace:
+            show_trace(trace_file)
+        for node, before in zip(self.nodes, asked):
+            for game in node.asked_for()[before:]:
+                say(node.name, f"was asked for {game}")
+        show_log((set(self.drive_c.glob("vyr/log/*.log")) - known).pop(), words)
+
+
+def main(build, node_program):
+    story = Story(build, node_program)
+    story.fetch_alone()
+    tables = story.work / "games.toml"
     write_tables(build, tables)
     with Client(build, tables):
-        under = fetch([launcher, "--trace",
-                       windows_path(trace)], work / "under.bin")
-    show_trace(trace)
-    show_log(drive_c / "vyr/log")
-    say("with the library", f"{len(under)} bytes, sha256 {sha256(under)[:16]}…")
-    peers = {peer for peer, _ in Server.served}
-    say("the server saw", f"{len(Server.served)} fetches from {', '.join(sorted(peers))}")
-
-    if not original == alone == under:
-        sys.exit("demo: FAILED, the bytes differ")
-    print("The bytes are the same. The program noticed nothing.")
+        story.fetch_as_game("The same program, listed as a game, with the library under it.", 1,
+                            ["will accelerate", "is relayed", "TcpSession::StartNegotiation"],
+                            trace=True)
+        story.nodes[0].fall_silent()
+        story.fetch_as_game("Node one falls silent.", 2,
+                            ["OnNegotiationFailed", "ChangeAcclServer"])
+        story.nodes[1].fall_silent()
+        story.fetch_as_game("Node two falls silent too.", 3, ["ChangeAcclServer", "begin direct"])
+    print("The bytes were the same every time. The program noticed nothing but a delay.")
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 2 or sys.argv[1] in ("-h", "--help"):
+    if len(sys.argv) != 3 or sys.argv[1] in ("-h", "--help"):
         sys.exit(__doc__.strip())
-    main(pathlib.Path(sys.argv[1]).resolve())
+    main(pathlib.Path(sys.argv[1]).resolve(), pathlib.Path(sys.argv[2]).resolve())
