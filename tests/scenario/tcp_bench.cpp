@@ -1,0 +1,178 @@
+#include "tests/scenario/tcp_bench.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "port/shared/catalogue.h"
+#include "port/shared/modules.h"
+#include "port/shared/winsock.h"
+#include "provider/hook_entries.h"
+
+namespace tcp_test {
+namespace {
+
+using namespace moru_vyr::lsp;  // NOLINT: the tables' records
+
+constexpr u32 kNearIdc = 11, kDirectIdc = 12, kForcedIdc = 13;
+
+std::string PeerName(SOCKET s) {
+  sockaddr_in peer = {};
+  int size = sizeof peer;
+  if (getpeername(s, Raw(peer), &size) != 0) return "gone";
+  const std::string ip = inet_ntoa(peer.sin_addr);
+  return ip == kNodeA ? "A" : ip == kNodeB ? "B" : ip == kGame ? "game" : ip;
+}
+
+void AddRouteByA(RouteTableImage& image, u32 idc, u32 decision) {
+  RouteEntry& entry = test::AddRoute(image.route_sets[0], idc, test::Ref(1, decision));
+  entry.top_refs[0] = test::Ref(1);
+  entry.top_refs[1] = test::Ref(2);
+}
+
+}  // namespace
+
+size_t SendAll(SOCKET s, const std::string& text) {
+  size_t sent = 0;
+  while (sent < text.size()) {
+    const int n = send(s, text.data() + sent, static_cast<int>(text.size() - sent), 0);
+    if (n <= 0) break;
+    sent += static_cast<size_t>(n);
+  }
+  return sent;
+}
+
+bool Collect(SOCKET s, size_t size, std::string* got, std::string* end) {
+  const size_t target = got->size() + size;
+  while (got->size() < target) {
+    char bytes[16384];
+    const size_t most = std::min(sizeof bytes, target - got->size());
+    const int n = recv(s, bytes, static_cast<int>(most), 0);
+    if (n <= 0) {
+      *end = n == 0 ? "closed" : "error " + std::to_string(WSAGetLastError());
+      return false;
+    }
+    got->append(bytes, static_cast<size_t>(n));
+  }
+  return true;
+}
+
+std::string CollectAll(SOCKET s, std::string* got) {
+  std::string end;
+  while (Collect(s, 16384, got, &end)) continue;
+  return end;
+}
+
+void Echo(SOCKET s, Call* call) {
+  for (;;) {
+    char bytes[16384];
+    const int n = recv(s, bytes, sizeof bytes, 0);
+    if (n <= 0) {
+      call->end = n == 0 ? "closed" : "error " + std::to_string(WSAGetLastError());
+      return;
+    }
+    call->got.append(bytes, static_cast<size_t>(n));
+    SendAll(s, std::string(bytes, static_cast<size_t>(n)));
+  }
+}
+
+TcpBench::TcpBench() {
+  StartServer();
+  WriteTables();
+  game.ListAsGame(0);
+  SetAccMode(1);
+  Install();
+  RunFor(10ms);
+  // The first socket starts the provider and its log, and then that log is the test's.
+  closesocket(Tcp());
+  RunFor(100ms);
+  log_ = std::make_unique<test::LogCapture>(4);
+}
+
+void TcpBench::WriteTables() {
+  ips->ip_count = 3;
+  ips->records[0] = {kNearIdc, test::Ip(kServer)};
+  ips->records[1] = {kDirectIdc, test::Ip(kDirect)};
+  ips->records[2] = {kForcedIdc, test::Ip(kForced)};
+  auto image = std::make_unique<RouteTableImage>();
+  test::AddProxy(*image, 1, kNodeA).surport_isps = 1;
+  test::AddProxy(*image, 2, kNodeB).surport_isps = 1;
+  AddRouteByA(*image, kNearIdc, DECISION_ACCE);
+  AddRouteByA(*image, kDirectIdc, DECISION_DIRECT);
+  AddRouteByA(*image, kForcedIdc, DECISION_FORCE_ACCE_AUTO);
+  routes.Publish(*image);
+}
+
+void TcpBench::SetAccMode(common::u32 mode) {
+  const HANDLE region = OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE, kRestrictionRegionName);
+  auto* const view = static_cast<RestrictionRegion*>(
+      MapViewOfFile(region, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(RestrictionRegion)));
+  view->games[0].acc_mode = mode;
+  UnmapViewOfFile(view);
+  CloseHandle(region);
+}
+
+void TcpBench::Install() {
+  const LPWSPSTARTUP start = &WSPStartup;
+  FARPROC exported = nullptr;
+  std::memcpy(&exported, &start, sizeof exported);
+  port::RegisterModule(L"C:\\vyr\\vyr_lsp.dll", {{"WSPStartup", exported}});
+  port::SetProviderPath(test::kLayerGuid, L"C:\\vyr\\vyr_lsp.dll");
+  port::UseCatalogue(true);
+}
+
+void TcpBench::StartServer() {
+  sim::Process& process = world.AddProcess(server_host, "server");
+  world.Spawn(process, "listener", [this, &process] {
+    const SOCKET listener = ListenAt(kPort, 200);
+    for (;;) {
+      const SOCKET s = AcceptFrom(listener);
+      if (s == INVALID_SOCKET) return;
+      Call* const call = &calls.emplace_back();
+      call->from = PeerName(s);
+      world.Spawn(process, "", [this, s, call] {
+        serve(s, call);
+        closesocket(s);
+      });
+    }
+  });
+}
+
+SOCKET TcpBench::Joins(const char* server, int port) {
+  const SOCKET s = Tcp();
+  if (ConnectTo(s, server, port) == 0) return s;
+  closesocket(s);
+  return INVALID_SOCKET;
+}
+
+std::string TcpBench::Talks(SOCKET s, const std::string& text) {
+  SendAll(s, text);
+  std::string got, end;
+  Collect(s, text.size(), &got, &end);
+  return got;
+}
+
+void TcpBench::GameThread(std::function<void()> body) {
+  ++running_;
+  world.Spawn(world.home(), "", [this, body = std::move(body)] {
+    body();
+    --running_;
+  });
+}
+
+bool TcpBench::NodesAreFree() const {
+  return a.Count("accepted") == a.Count("closed") && b.Count("accepted") == b.Count("closed");
+}
+
+void TcpBench::ExpectServesAgain() {
+  EXPECT_TRUE(RunUntil([this] { return NodesAreFree(); }, 60s)) << a.AllEvents() << b.AllEvents();
+  a.Behaves();
+  b.Behaves();
+  RunFor(100ms);
+  serve = Echo;
+  const SOCKET s = Joins();
+  EXPECT_EQ(Talks(s, "still there"), "still there");
+  closesocket(s);
+  EXPECT_TRUE(RunUntil([this] { return NodesAreFree(); }, 60s)) << a.AllEvents() << b.AllEvents();
+}
+
+}  // namespace tcp_test

@@ -1,0 +1,98 @@
+// A game in a process where this provider is installed, two acceleration nodes and a game server,
+// each on a host of its own. What the game does with its sockets goes through the provider.
+//
+// The director is the game: it makes ordinary socket calls. GameThread gives it more threads.
+#pragma once
+#include "tests/scenario/sim_sockets.h"
+//
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "node/sim_node.h"
+#include "route/ip_table_formats.h"
+#include "tests/scenario/game_process.h"
+#include "tests/unit/log_capture.h"
+#include "tests/unit/route_fixture.h"
+
+namespace tcp_test {
+
+using namespace sim_test;  // NOLINT: the verbs of these tests
+
+inline constexpr char kGame[] = "192.0.2.1";
+inline constexpr char kNodeA[] = "198.51.100.20";
+inline constexpr char kNodeB[] = "198.51.100.21";
+
+// One game server under four addresses, for each of which the client program has another verdict.
+inline constexpr char kServer[] = "198.51.100.10";    // through A, else B
+inline constexpr char kDirect[] = "198.51.100.11";    // relayed, but through no node
+inline constexpr char kForced[] = "198.51.100.12";    // through A whoever the client's provider is
+inline constexpr char kUnlisted[] = "198.51.100.13";  // not in the tables
+inline constexpr int kPort = 27015;
+inline constexpr int kNobodysPort = 27016;
+
+// A connection as the game server sees it.
+struct Call {
+  std::string from;  // "A", "B", "game"
+  std::string got;   // every byte so far
+  std::string end;   // once it has ended: "closed", or "error N"
+  bool over() const { return !end.empty(); }
+};
+
+// Sends all of it; how much was taken before the connection failed.
+size_t SendAll(SOCKET s, const std::string& text);
+// Up to so many bytes onto *got; false, with *end, where the stream ends before.
+bool Collect(SOCKET s, size_t size, std::string* got, std::string* end);
+// To the end of the stream; "closed" or "error N".
+std::string CollectAll(SOCKET s, std::string* got);
+void Echo(SOCKET s, Call* call);
+
+class TcpBench : public sim::ScenarioTest {
+ protected:
+  TcpBench();
+
+  // --- the game ---
+  // Connected, or INVALID_SOCKET.
+  SOCKET Joins(const char* server = kServer, int port = kPort);
+  // What comes back of what was sent, as far as it does.
+  std::string Talks(SOCKET s, const std::string& text);
+  // Another thread of the game's.
+  void GameThread(std::function<void()> body);
+  bool RunToTheEnd(sim::Duration most = std::chrono::minutes(20)) {
+    return RunUntil([this] { return running_ == 0; }, most);
+  }
+
+  // --- what happened ---
+  Call& LastCall() { return calls.back(); }
+  bool Logged(const std::string& part) const { return log_->Contains(part); }
+  std::string log_text() const { return log_->Text(); }
+  // Both nodes have seen the end of every connection that they took.
+  bool NodesAreFree() const;
+  // Everything is over, and a new connection works.
+  void ExpectServesAgain();
+
+  test::ClientRegion<moru_vyr::lsp::IpTableRegion> ips{moru_vyr::lsp::kIpTableRegionName};
+  test::RouteClient routes;
+  test::GameProcess game;
+  sim::Host& server_host = world.AddHost("server", {kServer, kDirect, kForced, kUnlisted});
+  sim::Host& a_host = world.AddHost("a", {kNodeA});
+  sim::Host& b_host = world.AddHost("b", {kNodeB});
+  node::SimNode a{world, a_host, 7001};
+  node::SimNode b{world, b_host, 7002};
+
+  // What the game server does with a connection, in a thread of its own, before it closes it.
+  std::function<void(SOCKET, Call*)> serve = Echo;
+  std::list<Call> calls;
+
+ private:
+  void WriteTables();
+  static void SetAccMode(common::u32 mode);
+  void Install();
+  void StartServer();
+
+  std::unique_ptr<test::LogCapture> log_;
+  int running_ = 0;
+};
+
+}  // namespace tcp_test

@@ -1,0 +1,202 @@
+// Where a game's stream connection goes: through a node, through the next when that one fails, to
+// the game server when both do. The game sees one connection to its server, and every byte.
+#include "tests/scenario/tcp_bench.h"
+
+namespace {
+using namespace tcp_test;  // NOLINT: the verbs of these tests
+using node::Behaviour;
+
+class TcpRoute : public TcpBench {
+ protected:
+  static std::string PeerOf(SOCKET s) {
+    sockaddr_in peer = {};
+    int size = sizeof peer;
+    if (getpeername(s, Raw(peer), &size) != 0) return "none";
+    return std::string(inet_ntoa(peer.sin_addr)) + ":" + std::to_string(ntohs(peer.sin_port));
+  }
+  // A whole connection: what was sent before the server could be reached, and what later.
+  void ExpectTalk(const char* server = kServer) {
+    const SOCKET s = Joins(server);
+    ASSERT_NE(s, INVALID_SOCKET);
+    EXPECT_EQ(PeerOf(s), std::string(server) + ":27015");
+    EXPECT_EQ(Talks(s, Pattern(20'000)), Pattern(20'000));
+    EXPECT_EQ(Talks(s, "more"), "more");
+    closesocket(s);
+    EXPECT_TRUE(RunUntil([this] { return !calls.empty() && LastCall().over(); }));
+    EXPECT_EQ(LastCall().got, Pattern(20'000) + "more");
+  }
+};
+
+SCENARIO_F_SEEDS(TcpRoute, GoesThroughTheNodeThatTheTablesSay, 10) {
+  ExpectTalk();
+  EXPECT_EQ(LastCall().from, "A");
+  EXPECT_EQ(a.Last("request").Text("game"), "198.51.100.10:27015");
+  EXPECT_EQ(a.Last("request").Number("uin"), 10001u);
+  EXPECT_EQ(a.Last("request").Number("game_idc"), 11u);
+  EXPECT_EQ(b.Count("accepted"), 0u);
+}
+
+SCENARIO_F(TcpRoute, GoesToTheServerWhereTheTablesSaySo) {
+  for (const char* server : {kDirect, kUnlisted}) {
+    ExpectTalk(server);
+    EXPECT_EQ(LastCall().from, "game");
+  }
+  EXPECT_EQ(a.Count("accepted") + b.Count("accepted"), 0u);
+}
+
+struct Failure {
+  const char* what;
+  int reason;
+  Behaviour behaviour;
+};
+
+Behaviour With(std::int64_t Behaviour::*member, std::int64_t value) {
+  Behaviour behaviour;
+  behaviour.*member = value;
+  return behaviour;
+}
+Behaviour Garbage(std::int64_t bytes) {
+  Behaviour behaviour = With(&Behaviour::on_request, Behaviour::kGarbage);
+  behaviour.garbage_bytes = bytes;
+  return behaviour;
+}
+Behaviour InPieces(std::int64_t bytes, std::int64_t gap_ms) {
+  Behaviour behaviour = With(&Behaviour::split_bytes, bytes);
+  behaviour.split_gap_ms = gap_ms;
+  return behaviour;
+}
+
+// Every way in which a negotiation fails, with the reason that the log has for it.
+const Failure kFailures[] = {
+    {"refuses", 9, With(&Behaviour::result, 9)},
+    {"refuses with the largest result", 255, With(&Behaviour::result, 255)},
+    {"cannot reach the server", 1, With(&Behaviour::server, Behaviour::kRefuse)},
+    {"takes it for another provider's client", 207, With(&Behaviour::isp, 2)},
+    {"takes it for nobody's client", 207, With(&Behaviour::isp, 0)},
+    {"answers with another magic", 203, With(&Behaviour::magic, 0x78DB3965)},
+    {"has an answer of no body", 203, With(&Behaviour::pkg_len, 10)},
+    {"has an answer shorter than its header", 203, With(&Behaviour::pkg_len, 9)},
+    {"has an answer of nothing", 203, With(&Behaviour::pkg_len, 0)},
+    {"has an answer of one byte more", 203, With(&Behaviour::pkg_len, 42)},
+    {"has the longest of answers", 203, With(&Behaviour::pkg_len, 65535)},
+    {"answers a part of the header", 205, With(&Behaviour::answer_bytes, 4)},
+    {"answers the header alone", 205, With(&Behaviour::answer_bytes, 10)},
+    {"answers all but a byte", 205, With(&Behaviour::answer_bytes, 40)},
+    {"answers byte for byte", 205, InPieces(1, 20)},
+    {"answers in two pieces", 205, InPieces(30, 200)},
+    {"answers garbage", 203, Garbage(64)},
+    {"answers a little garbage", 205, Garbage(5)},
+    {"closes without an answer", 205, With(&Behaviour::on_request, Behaviour::kCloseThen)},
+    {"resets without an answer", 205, With(&Behaviour::on_request, Behaviour::kResetThen)},
+    {"is silent", 202, With(&Behaviour::on_request, Behaviour::kSilent)},
+    {"hears nothing", 202, With(&Behaviour::on_accept, Behaviour::kMute)},
+    {"waits for the server for ever", 202, With(&Behaviour::server, Behaviour::kHang)},
+    {"answers too late", 202, With(&Behaviour::answer_delay_ms, 8000)},
+};
+
+SCENARIO_F(TcpRoute, EveryFailureOfANodeLeadsToTheNextAndThenToTheServer) {
+  for (const Failure& failure : kFailures) {
+    SCOPED_TRACE(failure.what);
+    const std::string reason =
+        "OnNegotiationFailed, reason=" + std::to_string(failure.reason) + ", ";
+    const auto count = [&] {
+      const std::string text = log_text();
+      int found = 0;
+      for (size_t at = text.find(reason); at != text.npos; at = text.find(reason, at + 1)) ++found;
+      return found;
+    };
+    const int before = count();
+    a.Behaves(failure.behaviour);
+    b.Behaves();
+    RunFor(100ms);
+    ExpectTalk();
+    EXPECT_EQ(LastCall().from, "B");
+    EXPECT_EQ(b.Last("request").Number("retry"), 1u);
+    EXPECT_EQ(count(), before + 1);
+
+    b.Behaves(failure.behaviour);
+    RunFor(100ms);
+    ExpectTalk();
+    EXPECT_EQ(LastCall().from, "game");
+    EXPECT_EQ(count(), before + 3);
+  }
+  a.Behaves();
+  b.Behaves();
+  RunFor(10s);
+  EXPECT_TRUE(NodesAreFree()) << a.AllEvents() << b.AllEvents();
+}
+
+SCENARIO_F(TcpRoute, AnOlderAnswerIsAsGood) {
+  for (const int version : {1, 2, 3}) {
+    a.Behaves(With(&Behaviour::answer_version, version));
+    RunFor(100ms);
+    ExpectTalk();
+    EXPECT_EQ(LastCall().from, "A") << version;
+  }
+}
+
+SCENARIO_F(TcpRoute, AForcedRouteAsksForNobodysProvider) {
+  a.ServesIsps(2);
+  RunFor(100ms);
+  ExpectTalk(kForced);
+  EXPECT_EQ(LastCall().from, "A");
+  EXPECT_TRUE(Logged("[TCP]CheckNegotiation isp not support, but force accl, client_isp=2, "));
+}
+
+SCENARIO_F(TcpRoute, ANodeThatTakesItsTimeIsWaitedFor) {
+  a.AnswersAfter(4500);
+  RunFor(100ms);
+  ExpectTalk();
+  EXPECT_EQ(LastCall().from, "A");
+  EXPECT_EQ(b.Count("accepted"), 0u);
+}
+
+// The time that connecting takes counts as well.
+SCENARIO_F(TcpRoute, ABlackHoleCostsFiveSeconds) {
+  world.Partition(world.home().host, a_host);
+  const auto start = world.now();
+  ExpectTalk();
+  EXPECT_EQ(LastCall().from, "B");
+  EXPECT_GE(world.now() - start, 5s);
+  EXPECT_LE(world.now() - start, 7s);
+  world.Partition(world.home().host, b_host);
+  const auto second = world.now();
+  ExpectTalk();
+  EXPECT_EQ(LastCall().from, "game");
+  EXPECT_GE(world.now() - second, 10s);
+  EXPECT_LE(world.now() - second, 13s);
+}
+
+// Kept: only time and an answer lead on to another way.
+SCENARIO_F(TcpRoute, ANodeThatIsNotThereEndsTheConnection) {
+  world.Kill(a.process());
+  const SOCKET s = Joins();
+  ASSERT_NE(s, INVALID_SOCKET);
+  std::string got;
+  const auto start = world.now();
+  EXPECT_NE(CollectAll(s, &got), "");
+  EXPECT_EQ(got, "");
+  EXPECT_LE(world.now() - start, 3s);
+  EXPECT_TRUE(Logged("[TCP]HandleConnectFailure. Connection Failed, "));
+  EXPECT_EQ(b.Count("accepted"), 0u);
+  EXPECT_TRUE(calls.empty());
+}
+
+SCENARIO_F(TcpRoute, AServerThatIsNotThereEndsTheConnection) {
+  const SOCKET s = Joins(kDirect, kNobodysPort);
+  ASSERT_NE(s, INVALID_SOCKET);
+  std::string got;
+  EXPECT_NE(CollectAll(s, &got), "");
+  EXPECT_EQ(got, "");
+  closesocket(s);
+  // Nor by way of the nodes, each of which says so.
+  const SOCKET second = Joins(kServer, kNobodysPort);
+  ASSERT_NE(second, INVALID_SOCKET);
+  EXPECT_NE(CollectAll(second, &got), "");
+  EXPECT_EQ(a.Count("server_failed"), 1u);
+  EXPECT_EQ(b.Count("server_failed"), 1u);
+  closesocket(second);
+  ExpectServesAgain();
+}
+
+}  // namespace
