@@ -29,9 +29,11 @@ def suites(path):
                 yield match[2], match[3].strip(), lines.pop(match[1], [])
 
 
-def count(verdict, lines):
+def count(name, verdict, lines):
     passed = failed = skipped = 0
     spoke = False
+    if name.startswith("tidy"):
+        lines = []  # it counts what it looked at, thousands of lines, and is one test
     for line in lines:
         if match := PLAIN.match(line.strip()):
             passed, failed = passed + int(match[1]), failed + int(match[2])
@@ -67,8 +69,8 @@ def main(arguments):
         return 0
     totals = [0, 0, 0]
     for path in arguments:
-        for _, verdict, lines in suites(path):
-            totals = [a + b for a, b in zip(totals, count(verdict, lines))]
+        for suite in suites(path):
+            totals = [a + b for a, b in zip(totals, count(*suite))]
     print("{} passed, {} failed, {} skipped".format(*totals))
     return 0
 
