@@ -35,7 +35,5 @@ endif()
 
 find_program(VYR_CCACHE ccache)
 if(VYR_CCACHE)
-  # Relative to the tree, so that a second clone finds what the first has compiled.
-  set(CMAKE_CXX_COMPILER_LAUNCHER
-    ${CMAKE_COMMAND} -E env CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${VYR_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${VYR_CCACHE})
 endif()
