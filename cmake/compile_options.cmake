@@ -35,5 +35,8 @@ endif()
 
 find_program(VYR_CCACHE ccache)
 if(VYR_CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${VYR_CCACHE})
+  # Relative to the tree, so that a second clone finds what the first has compiled. What a test
+  # reads from the tree it finds through VYR_SOURCE_DIR, never through __FILE__.
+  set(CMAKE_CXX_COMPILER_LAUNCHER
+    ${CMAKE_COMMAND} -E env CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${VYR_CCACHE})
 endif()

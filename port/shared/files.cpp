@@ -26,19 +26,13 @@ std::string& Root() {
 
 pid_t root_owner = 0;
 
-void RemoveRoot() {
-  if (root_owner != ::getpid()) return;  // a forked child leaves its parent's files alone
-  std::error_code ignored;
-  std::filesystem::remove_all(Root(), ignored);
-}
-
 const std::string& RootLocked() {
   if (!Root().empty()) return Root();
   std::string pattern = std::filesystem::temp_directory_path() / "port-files-XXXXXX";
   if (!::mkdtemp(pattern.data())) std::abort();  // no place for files: nothing can go on
   Root() = pattern;
   root_owner = ::getpid();
-  std::atexit(RemoveRoot);
+  std::atexit(RemoveTemporaryRoot);
   std::filesystem::create_directories(Root() + "/C/Windows/system32");
   return Root();
 }
@@ -196,6 +190,13 @@ bool Exists(const std::string& path) {
 }
 
 }  // namespace
+
+// Takes no lock: a thread that was killed may hold it for ever.
+void RemoveTemporaryRoot() {
+  if (root_owner != ::getpid()) return;  // a forked child leaves its parent's files alone
+  std::error_code ignored;
+  std::filesystem::remove_all(Root(), ignored);
+}
 
 void SetFileRoot(const std::string& directory) {
   std::lock_guard hold(lock);

@@ -11,6 +11,9 @@ namespace port {
 void SetFileRoot(const std::string& directory);
 std::string FileRoot();
 
+// For a process that leaves without exit(): removes the temporary directory, if it made one.
+void RemoveTemporaryRoot();
+
 // The host path that stands for a Windows path, with existing names matched by letter case.
 std::string HostPath(const std::wstring& path);
 

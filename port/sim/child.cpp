@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "port/shared/files.h"
+
 // The host system's own clock is meant here, not the simulated one.
 #undef time
 
@@ -22,6 +24,11 @@ constexpr size_t kLinesKept = 60;
 
 using WallClock = std::chrono::steady_clock;
 
+[[noreturn]] void Leave(int code) {
+  port::RemoveTemporaryRoot();
+  _exit(code);
+}
+
 [[noreturn]] void RunBody(const Options& options, const std::function<void(World&)>& body,
                           const std::function<Verdict()>& verdict) {
   // Left behind on purpose: what killed threads stand on must stay, and _exit asks nobody.
@@ -30,14 +37,14 @@ using WallClock = std::chrono::steady_clock;
   std::fflush(nullptr);
   switch (verdict()) {
     case Verdict::kPassed:
-      _exit(kPassed);
+      Leave(kPassed);
     case Verdict::kSkipped:
-      _exit(kSkipped);
+      Leave(kSkipped);
     case Verdict::kFailed:
       std::fprintf(stderr, "sim: the world at the end, %s", world.Report().c_str());
-      _exit(kFailed);
+      Leave(kFailed);
   }
-  _exit(kFailed);
+  Leave(kFailed);
 }
 
 // Everything the child says, until it closes the pipe or the time is over.

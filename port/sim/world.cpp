@@ -1,6 +1,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "port/shared/files.h"
 #include "port/shared/process.h"
 #include "port/sim/faults.h"
 #include "port/sim/network.h"
@@ -276,6 +277,7 @@ void World::Fail(const std::string& reason) {
                  static_cast<unsigned long long>(options_.seed));
   }
   std::fflush(stderr);
+  port::RemoveTemporaryRoot();
   _exit(kWorldFailed);
 }
 

@@ -85,8 +85,7 @@ TEST_F(ClientExplain, EachDestinationOfTheSampleEndsForItsOwnReason) {
 // Blocks of the document that begin with the command hold what it prints, to the letter. Set
 // VYR_UPDATE_DOCS to write them anew.
 TEST_F(ClientExplain, TheDocumentShowsWhatTheProgramSays) {
-  const std::string source = __FILE__;
-  const std::string path = source.substr(0, source.rfind("tests")) + "docs/tables.md";
+  const std::string path = VYR_SOURCE_DIR "/docs/tables.md";
   std::ifstream file(path, std::ios::binary);
   ASSERT_TRUE(file) << path;
   const std::string document(std::istreambuf_iterator<char>(file), {});
