@@ -89,18 +89,20 @@ TEST(NodeAnswer, IsWhatTheProtocolsOtherReaderReads) {
     behaviour.answer_version = version;
     const std::string bytes =
         node::MakeAnswer(behaviour, 9, 0x01020304, {0xc6336414, 9200}, {0xc000024d, 50000});
-    wire::Response response;
-    ASSERT_EQ(wire::Decode(wire::Datagram(bytes.begin(), bytes.end()), &response), 0);
-    EXPECT_EQ(response.length, bytes.size());
-    EXPECT_EQ(response.version, version);
-    EXPECT_EQ(response.result, 9);
-    EXPECT_EQ(response.token, 0x01020304u);
-    EXPECT_EQ(response.client_isp, 4u);
-    EXPECT_EQ(response.client_ip, "192.0.2.77");
-    EXPECT_EQ(response.data_ip, "198.51.100.20");
-    EXPECT_EQ(response.data_port, 9200);
-    EXPECT_EQ(response.last_node.node_id, version >= 2 ? 3001 : 0);
-    EXPECT_EQ(response.last_node.port, version >= 2 ? 9200 : 0);
+    wire::Answer read;
+    const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
+    ASSERT_EQ(wire::Decode(wire::Bytes(data, bytes.size()), &read), wire::kFine);
+    EXPECT_EQ(read.length, bytes.size());
+    EXPECT_EQ(read.opening.declared_length, bytes.size());
+    EXPECT_EQ(read.opening.version, version);
+    EXPECT_EQ(read.result, 9);
+    EXPECT_EQ(read.token, 0x01020304u);
+    EXPECT_EQ(read.provider, 4u);
+    EXPECT_EQ(read.client_address, 0xc000024du);
+    EXPECT_EQ(read.data_address, 0xc6336414u);
+    EXPECT_EQ(read.data_port, 9200);
+    EXPECT_EQ(read.previous.number, version >= 2 ? 3001 : 0);
+    EXPECT_EQ(read.previous.port, version >= 2 ? 9200 : 0);
   }
 }
 
