@@ -1,0 +1,118 @@
+// The judge of the link to a node.
+//
+// Fed with the numbers of game data that the node sends and of probes and their answers, it tells
+// the client program about trouble and, where that is allowed, asks its owner through ISwitchEvent
+// to move to another node. For a link on trial it gives the verdict instead.
+//
+// Owned by the session of the link, used by the worker thread alone. The notifier outlives it.
+// While it is not enabled nothing here does anything: reads of a current loss give 0, those of the
+// Get…Lost family kLostNeverComputed with the counts left as they are. Nothing throws.
+#pragma once
+#include <winsock2.h>
+
+#include <string_view>
+
+#include "common/types.h"
+#include "quality/link_identity.h"
+#include "quality/lost_calc.h"
+#include "quality/recovery_switch_config.h"
+#include "quality/switch_event.h"
+
+namespace moru_vyr::lsp {
+
+// What is known of one section of the route. A loss may be a code, see lost_calc.h.
+struct LinkDataSet {
+  u32 recv = 0;
+  u32 lost = 0;
+  u32 delay_amp = 0;  // milliseconds
+  u32 delay_avg = 0;
+};
+
+class RecoverySwitch {
+ public:
+  RecoverySwitch() = default;
+  RecoverySwitch(const RecoverySwitch&) = delete;
+  RecoverySwitch& operator=(const RecoverySwitch&) = delete;
+
+  // Starts judging a link, if that is allowed. Again after a switch: the counts of reports and of
+  // switches, the time of the last switch and the slots of what was measured stay.
+  void Init(ISwitchEvent* notifier, SOCKET socket, u32 token, std::string_view guid,
+            const AccInfo* acc_info, const ClientInfo* client_info,
+            bool is_switch_session) noexcept;
+
+  // The timer's step. False: no check is to be made.
+  bool OnUpdate() noexcept;
+
+  void DataLinkAddOneRecvPkg(u32 seq) noexcept;
+  void DataLinkAddOneSendPkg(u32 seq) noexcept;
+  void RealRouteAddOneSendPkg(u32 seq) noexcept;
+  void RealRouteAddOneRecvPkg(u32 seq, u8 relay_idx) noexcept;
+
+  // What to tell the node, or kLostTooFew rather than a loss from too few packets. `raw` tells it
+  // all the same.
+  u8 DataLinkGetDefCurLost(bool raw) noexcept;
+  u8 RealRouteGetDefCurLost(bool raw) noexcept;
+
+  // The loss over the short and the long window, with the packets expected and received. Not mere
+  // questions: all but the third keep what they find for the reports.
+  u8 GetDataLinkShortLost(u32* need, u32* real, bool include_current) noexcept;
+  u8 GetDataLinkLongLost(u32* need, u32* real, bool include_current) noexcept;
+  u8 GetRealRouteShortLost(u32* need, u32* real, bool include_current) noexcept;
+  u8 GetRealRouteLost(u32* need, u32* real, bool include_current) noexcept;
+
+  // The node's view of what we send.
+  void SetUploadLost(u8 lost) noexcept;
+  // True when the delays were so high that a report was due.
+  bool UpdateDelayValue(u32 delay_amp, u32 delay_avg, u8 relay_idx) noexcept;
+  // Judges the loss that the last GetRealRouteLost found.
+  void TryFireRealRouteLost() noexcept;
+  // Puts the figures into the socket's statistics.
+  void UpdateRecoveryInfo() noexcept;
+
+ private:
+  void Reset() noexcept;
+  bool IsAllowCalc() noexcept;
+  bool IsCalcOpen() const noexcept;
+  bool IsGameListed() const noexcept;
+  void InitCalcs() noexcept;
+  u8 GetCurLost(const LostCalc& calc, u8 upload_lost, bool is_real_route, u16 cycles, u32* need,
+                u32* real, bool include_current) noexcept;
+  // Kept: true means that the report must be held back, which is not what the name says.
+  bool IsBelowReportLimit() noexcept;
+  void Report() noexcept;
+  void FillRecord(RecoverySwitchRecord* record) noexcept;
+  bool IsAllowSwitch() noexcept;
+  bool DoSwitch(const RecoverySwitchRecord* record) noexcept;
+
+  LostCalc real_route_front_;  // probes, answered by the first of two relays
+  LostCalc real_route_full_;   // probes, answered by the last relay
+  LostCalc data_link_;         // data from the node
+  u32 start_tick_ = 0;
+  u32 last_report_tick_ = 0;
+  RecoverySwitchConfig config_;
+  ISwitchEvent* switch_notifier_ = nullptr;
+  u8 data_link_upload_lost_ = 0;
+  SOCKET socket_ = INVALID_SOCKET;
+  u32 token_ = 0;
+  bool enabled_ = false;
+  bool is_switch_session_ = false;
+  u64 game_id_ = 0;
+  LinkDataSet link_data_[2];  // up to the first relay; the whole route
+  u32 link_type_ = 0;         // the number of relays; 0 none has answered yet
+  u32 small_section_pack_ = 0;
+  u32 small_section_lost_ = 0;
+  u32 full_section_pack_ = 0;
+  u32 full_section_lost_ = 0;
+  u32 need_switch_ = 0;
+  u32 switch_result_ = 0;
+  u32 calc_count_ = 0;  // reports made
+  u32 proxy_idc_ = 0;
+  char guid_[37] = {};
+  char switch_condition_[kLinkTextSize] = {};
+  AccInfo acc_info_;
+  char client_info_[kLinkTextSize] = {};
+  u32 switch_count_ = 0;
+  u32 last_switch_tick_ = 0;  // from the system's start: no switch in its first 30 seconds
+};
+
+}  // namespace moru_vyr::lsp
