@@ -74,6 +74,17 @@ bool RelayMgr::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in
   return tcp_provider_.RequestTcpRelaySession(socket, port, addr, out_addr, out_len, token);
 }
 
+bool RelayMgr::GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept {
+  if (worker_killed_.load(std::memory_order_relaxed)) return false;
+  return udp_provider_.GetCreateResult(token, out);
+}
+
+std::shared_ptr<UdpPackageQueue> RelayMgr::UseQueue(const UdpPackageQueue* queue,
+                                                    u32 token) const noexcept {
+  if (worker_killed_.load(std::memory_order_relaxed)) return nullptr;
+  return udp_provider_.UseQueue(queue, token);
+}
+
 DWORD WINAPI RelayMgr::WorkerThread(LPVOID self) noexcept {
   static_cast<RelayMgr*>(self)->WorkerProc();
   return 0;

@@ -10,6 +10,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <memory>
 
 #include "common/lock.h"
 #include "common/types.h"
@@ -17,6 +18,7 @@
 #include "relay/relay_interfaces.h"
 #include "relay/socket_sets.h"
 #include "relay/tcp_provider.h"
+#include "udp/udp_provider.h"
 
 namespace moru_vyr::lsp {
 
@@ -45,6 +47,14 @@ class RelayMgr final : public IRelaySocketMgr {
   // See TcpProvider.
   bool RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr, sockaddr** out_addr,
                               int* out_len, u32 token) noexcept;
+
+  // For sockets of datagrams, which ask for their relay at its control port; see UdpProvider.
+  void GetUdpLocalAddr(sockaddr_in* out) const noexcept { udp_provider_.GetLocalAddr(out); }
+  bool GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept;
+  // What a socket's record says is the socket's queue, to be used through the result alone, for
+  // as long as a call lasts. Null, which counts as a queue with no entry, once its session is
+  // gone.
+  std::shared_ptr<UdpPackageQueue> UseQueue(const UdpPackageQueue* queue, u32 token) const noexcept;
 
   u32 AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept override;
   u32 EnableWrite(SOCKET socket) noexcept override;
@@ -76,9 +86,7 @@ class RelayMgr final : public IRelaySocketMgr {
 
   SocketSets sockets_;
 
-  // There is no relay of datagrams yet. What stands in its place has nothing to start, and so
-  // counts as started.
-  NetProvider udp_provider_;
+  UdpProvider udp_provider_;
   TcpProvider tcp_provider_;
 };
 

@@ -1,0 +1,39 @@
+// Which queues application threads may use.
+//
+// An application thread knows its socket's queues by bare pointers, in a copy of the socket's
+// record that may be older than the end of the session. So it never follows such a pointer: it
+// asks here first, and what it gets stays valid for as long as it holds it. The token is part of
+// the question, because a later session's queue may stand at the same address.
+//
+// Any thread. The lock is held for a look-up, a leaf.
+#pragma once
+#include <map>
+#include <memory>
+
+#include "common/lock.h"
+#include "common/types.h"
+#include "udp/udp_package_queue.h"
+
+namespace moru_vyr::lsp {
+
+// The two directions of one session.
+struct UdpQueues {
+  UdpPackageQueue send_queue;  // from the game: the hooks write, the worker reads
+  UdpPackageQueue recv_queue;  // to the game: the worker writes, the hooks read
+};
+
+class LiveQueues {
+ public:
+  // May throw std::bad_alloc, with nothing changed. A token has one session at a time.
+  void Add(u32 token, std::shared_ptr<UdpQueues> queues);
+  void Remove(u32 token) noexcept;
+
+  // Null if that is not a queue of that session, or no longer.
+  std::shared_ptr<UdpPackageQueue> Use(const UdpPackageQueue* queue, u32 token) const noexcept;
+
+ private:
+  mutable common::Mutex lock_;  // guards by_token_; a leaf
+  std::map<u32, std::shared_ptr<UdpQueues>> by_token_;
+};
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,87 @@
+// What a game's socket says to the relay, in datagrams to its control port: that it wants to be
+// relayed, and that it is done. The open request gets an answer of its own form, which does not
+// travel: the worker leaves it for the requester to take.
+//
+// Both stay inside the process, so all is in host order, and handles and pointers have their own
+// size: the open message is 41 bytes in the 32-bit product, and longer in a 64-bit build.
+#pragma once
+#include <winsock2.h>
+//
+#include <windows.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "common/types.h"
+
+namespace moru_vyr::lsp {
+
+class UdpPackageQueue;
+
+inline constexpr u32 kProtoRelayMagic = 0xC13F0253;
+
+enum ProtoRelayType : u8 {
+  kProtoRelayTypeOpen = 1,
+  kProtoRelayTypeClose = 2,
+};
+
+enum ProtoRelayResult : std::uintptr_t {
+  kProtoRelayOpened = 1,
+  kProtoRelayRefused = 2,
+};
+
+#pragma pack(push, 1)
+struct ProtoRelayOpen {
+  u32 magic = kProtoRelayMagic;
+  u8 type = kProtoRelayTypeOpen;
+  u32 token = 0;
+  u32 tick = 0;                           // when it was built; nobody reads it
+  sockaddr_in addr = {};                  // request: first destination; answer: the relay's address
+  std::uintptr_t event_or_result = 0;     // request: the event to signal; answer: ProtoRelayResult
+  std::uintptr_t send_size_or_queue = 0;  // request: SO_SNDBUF; answer: UdpPackageQueue*
+  std::uintptr_t recv_size_or_queue = 0;  // request: SO_RCVBUF; answer: UdpPackageQueue*
+
+  // Reads the buffer sizes from the game's socket.
+  static ProtoRelayOpen Request(u32 token, const sockaddr_in& first_destination, HANDLE event,
+                                SOCKET game_socket) noexcept;
+  static ProtoRelayOpen Answer(u32 token, bool success, const sockaddr_in& relay,
+                               UdpPackageQueue* send_queue, UdpPackageQueue* recv_queue) noexcept;
+
+  HANDLE event() const noexcept { return reinterpret_cast<HANDLE>(event_or_result); }
+  bool opened() const noexcept { return event_or_result == kProtoRelayOpened; }
+  UdpPackageQueue* send_queue() const noexcept {
+    return reinterpret_cast<UdpPackageQueue*>(send_size_or_queue);
+  }
+  UdpPackageQueue* recv_queue() const noexcept {
+    return reinterpret_cast<UdpPackageQueue*>(recv_size_or_queue);
+  }
+};
+
+struct ProtoRelayClose {
+  u32 magic = kProtoRelayMagic;
+  u8 type = kProtoRelayTypeClose;
+  u32 token = 0;
+  u32 tick = 0;  // when it was built; nobody reads it
+
+  static ProtoRelayClose Request(u32 token) noexcept;
+};
+#pragma pack(pop)
+
+static_assert(sizeof(void*) != 4 || sizeof(ProtoRelayOpen) == 41);
+static_assert(sizeof(ProtoRelayOpen) == 29 + 3 * sizeof(void*));
+static_assert(offsetof(ProtoRelayOpen, magic) == 0);
+static_assert(offsetof(ProtoRelayOpen, type) == 4);
+static_assert(offsetof(ProtoRelayOpen, token) == 5);
+static_assert(offsetof(ProtoRelayOpen, tick) == 9);
+static_assert(offsetof(ProtoRelayOpen, addr) == 13);
+static_assert(offsetof(ProtoRelayOpen, event_or_result) == 29);
+static_assert(offsetof(ProtoRelayOpen, send_size_or_queue) == 29 + sizeof(void*));
+static_assert(offsetof(ProtoRelayOpen, recv_size_or_queue) == 29 + 2 * sizeof(void*));
+
+static_assert(sizeof(ProtoRelayClose) == 13);
+static_assert(offsetof(ProtoRelayClose, magic) == 0);
+static_assert(offsetof(ProtoRelayClose, type) == 4);
+static_assert(offsetof(ProtoRelayClose, token) == 5);
+static_assert(offsetof(ProtoRelayClose, tick) == 9);
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,145 @@
+#include "udp/udp_package_queue.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "common/log.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+// As many bytes as all buffers hold; false where one of them is not there.
+bool TotalLength(const WSABUF* buffers, u32 count, u64* total) noexcept {
+  *total = 0;
+  for (u32 i = 0; i < count; ++i) {
+    if (buffers[i].len != 0 && buffers[i].buf == nullptr) return false;
+    *total += buffers[i].len;
+  }
+  return true;
+}
+
+WSABUF OneBuffer(const void* data, u32 len) noexcept {
+  WSABUF buffer = {};
+  buffer.len = len;
+  buffer.buf = static_cast<CHAR*>(const_cast<void*>(data));
+  return buffer;
+}
+
+}  // namespace
+
+bool UdpPackageQueue::Push(const void* data, u32 len, const sockaddr_in* addr) noexcept {
+  if (data == nullptr || addr == nullptr || len == 0) return false;
+  const WSABUF buffer = OneBuffer(data, len);
+  return Push(&buffer, 1, addr);
+}
+
+bool UdpPackageQueue::Push(const WSABUF* buffers, u32 count, const sockaddr_in* addr) noexcept {
+  if (buffers == nullptr || addr == nullptr || count == 0) return false;
+  common::Lock hold(lock_);
+  UdpPackage package;
+  package.data = static_cast<u8*>(pool_.Get());
+  if (package.data == nullptr) {
+    LSP_LOG(0, "WARNING: alloc failed");
+    return false;
+  }
+  package.capacity = pool_.block_size();
+  package.addr = *addr;
+  if (Clone(buffers, count, &package) && Append(package)) return true;
+  pool_.Put(package.data);
+  return false;
+}
+
+bool UdpPackageQueue::Clone(const WSABUF* buffers, u32 count, UdpPackage* package) noexcept {
+  u64 total = 0;
+  const bool there = TotalLength(buffers, count, &total);
+  if (total > package->capacity) {
+    LSP_LOG(0, "WARNING: clone not enough room, k=%u, size=%u", static_cast<u32>(total),
+            package->capacity);
+  }
+  if (!there || total > package->capacity) {
+    LSP_LOG(0, "WARNING: clone failed");
+    return false;
+  }
+  for (u32 i = 0; i < count; ++i) {
+    if (buffers[i].len == 0) continue;
+    std::memcpy(package->data + package->valid_len, buffers[i].buf, buffers[i].len);
+    package->valid_len += static_cast<u32>(buffers[i].len);
+  }
+  return true;
+}
+
+bool UdpPackageQueue::Append(const UdpPackage& package) noexcept {
+  try {
+    if (spare_.empty()) spare_.emplace_back();
+  } catch (...) {
+    LSP_LOG(0, "WARNING: alloc failed");
+    return false;
+  }
+  spare_.front() = package;
+  packages_.splice(packages_.end(), spare_, spare_.begin());
+  return true;
+}
+
+bool UdpPackageQueue::FindAddrThenRemove(const void* data, u32 len,
+                                         sockaddr_in* out_addr) noexcept {
+  const WSABUF buffer = OneBuffer(data, len);
+  return FindAddrThenRemove(&buffer, 1, len, out_addr);
+}
+
+bool UdpPackageQueue::FindAddrThenRemove(const WSABUF* buffers, u32 count, u32 valid_len,
+                                         sockaddr_in* out_addr) noexcept {
+  if (buffers == nullptr || out_addr == nullptr) return false;
+  common::Lock hold(lock_);
+  if (packages_.empty()) {
+    LSP_LOG(5, "[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove queue size=0");
+    return false;
+  }
+  const Packages::iterator found = Match(buffers, count, valid_len);
+  if (found == packages_.end()) {
+    LSP_LOG(5, "[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove Not Found");
+    return false;
+  }
+  *out_addr = found->addr;
+  pool_.Put(found->data);
+  spare_.splice(spare_.begin(), packages_, found);
+  LSP_LOG(0, "[UDP] UdpPackageQueue::FindAddrThenRemove remove queue, current size=%u",
+          static_cast<u32>(packages_.size()));
+  return true;
+}
+
+// From cheap to dear: mostly one datagram is in flight, and nothing has to be compared.
+UdpPackageQueue::Packages::iterator UdpPackageQueue::Match(const WSABUF* buffers, u32 count,
+                                                           u32 valid_len) noexcept {
+  if (packages_.size() == 1) return packages_.begin();
+  const auto has_length = [=](const UdpPackage& package) { return package.valid_len == valid_len; };
+  const auto first = std::find_if(packages_.begin(), packages_.end(), has_length);
+  if (first != packages_.end() &&
+      std::find_if(std::next(first), packages_.end(), has_length) == packages_.end()) {
+    return first;
+  }
+  LSP_LOG(0, "[UDP] UdpPackageQueue::FindAddrThenRemove, valid_len=%u, queue size=%u", valid_len,
+          static_cast<u32>(packages_.size()));
+  return std::find_if(first, packages_.end(), [=](const UdpPackage& package) {
+    return package.valid_len == valid_len &&
+           CompareToWsaBuffers(package.data, package.valid_len, buffers, count, valid_len);
+  });
+}
+
+bool CompareToWsaBuffers(const void* data, u32 data_len, const WSABUF* buffers, u32 count,
+                         u32 valid_len) noexcept {
+  if (data_len != valid_len || data == nullptr || buffers == nullptr) return false;
+  const u8* const bytes = static_cast<const u8*>(data);
+  bool result = true;
+  u32 offset = 0;
+  for (u32 i = 0; i < count && offset < data_len && result; ++i) {
+    const u32 size = std::min(data_len - offset, static_cast<u32>(buffers[i].len));
+    if (size == 0) continue;
+    result = buffers[i].buf != nullptr && std::memcmp(bytes + offset, buffers[i].buf, size) == 0;
+    offset += size;
+  }
+  LSP_LOG(0, "[UDP] CompareToWsaBuffers Match result=%s, data_len=%u, buffer_valid_len=%u",
+          result ? "true" : "false", data_len, valid_len);
+  return result;
+}
+
+}  // namespace moru_vyr::lsp

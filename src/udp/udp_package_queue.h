@@ -1,0 +1,55 @@
+// Datagrams in flight over the loopback hop, each a copy with its true address: whoever receives
+// the bytes finds the entry by comparing them, and gets the address that the hop has lost.
+//
+// Any thread; every operation holds the queue's own lock for its length, a leaf. Nothing throws.
+// Buffers come from a game, so nothing of theirs is taken for granted but that non-null ones are
+// readable. Entries that nobody takes stay: there is no age and no size limit.
+#pragma once
+#include <winsock2.h>
+
+#include <list>
+
+#include "common/lock.h"
+#include "common/types.h"
+#include "udp/package_block_pool.h"
+#include "udp/udp_package.h"
+
+namespace moru_vyr::lsp {
+
+class UdpPackageQueue {
+ public:
+  UdpPackageQueue() noexcept : pool_(PackageBlockPool::kDatagramBlockSize) {}
+  UdpPackageQueue(const UdpPackageQueue&) = delete;
+  UdpPackageQueue& operator=(const UdpPackageQueue&) = delete;
+
+  // Appends a copy of the datagram with its address. False, with nothing changed, for null
+  // arguments, for a datagram longer than a block and without memory; the second form also for a
+  // datagram of no bytes.
+  bool Push(const WSABUF* buffers, u32 count, const sockaddr_in* addr) noexcept;
+  bool Push(const void* data, u32 len, const sockaddr_in* addr) noexcept;
+
+  // Takes out the entry of the `valid_len` bytes in `buffers`, and stores its address. Kept: a
+  // lone entry matches any datagram, and a lone one of that length any of that length; only where
+  // that leaves a choice do the bytes decide, and among equals the oldest.
+  bool FindAddrThenRemove(const WSABUF* buffers, u32 count, u32 valid_len,
+                          sockaddr_in* out_addr) noexcept;
+  bool FindAddrThenRemove(const void* data, u32 len, sockaddr_in* out_addr) noexcept;
+
+ private:
+  using Packages = std::list<UdpPackage>;
+
+  bool Clone(const WSABUF* buffers, u32 count, UdpPackage* package) noexcept;
+  bool Append(const UdpPackage& package) noexcept;
+  Packages::iterator Match(const WSABUF* buffers, u32 count, u32 valid_len) noexcept;
+
+  common::Mutex lock_;  // guards all below; a leaf
+  PackageBlockPool pool_;
+  Packages packages_;  // oldest first; each in a block of the pool
+  Packages spare_;     // elements to use again
+};
+
+// Whether the datagram `data` is what stands in the first `valid_len` bytes of the buffers.
+bool CompareToWsaBuffers(const void* data, u32 data_len, const WSABUF* buffers, u32 count,
+                         u32 valid_len) noexcept;
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,226 @@
+#include "udp/udp_package_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/unit/log_capture.h"
+#include "udp/live_queues.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+sockaddr_in Address(u16 port) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = static_cast<u32>(inet_addr("198.51.100.10"));
+  return address;
+}
+
+// The texts as the buffers of one call.
+class Buffers {
+ public:
+  Buffers(std::initializer_list<std::string> parts) : parts_(parts) {
+    for (std::string& part : parts_) {
+      WSABUF buffer = {};
+      buffer.len = static_cast<ULONG>(part.size());
+      buffer.buf = part.data();
+      buffers_.push_back(buffer);
+      total_ += static_cast<u32>(part.size());
+    }
+  }
+  const WSABUF* data() const { return buffers_.data(); }
+  u32 count() const { return static_cast<u32>(buffers_.size()); }
+  u32 total() const { return total_; }
+
+ private:
+  std::vector<std::string> parts_;
+  std::vector<WSABUF> buffers_;
+  u32 total_ = 0;
+};
+
+bool Push(UdpPackageQueue* queue, const std::string& text, u16 port) {
+  const sockaddr_in address = Address(port);
+  return queue->Push(text.data(), static_cast<u32>(text.size()), &address);
+}
+
+// The port of the address that is found; -1 for none.
+int Find(UdpPackageQueue* queue, const std::string& text) {
+  sockaddr_in address = {};
+  if (!queue->FindAddrThenRemove(text.data(), static_cast<u32>(text.size()), &address)) return -1;
+  EXPECT_EQ(address.sin_addr.s_addr, static_cast<u32>(inet_addr("198.51.100.10")));
+  EXPECT_EQ(address.sin_family, AF_INET);
+  return ntohs(address.sin_port);
+}
+
+TEST(UdpPackageQueue, FindsNothingWhileEmpty) {
+  test::LogCapture log;
+  UdpPackageQueue queue;
+  EXPECT_EQ(Find(&queue, "any"), -1);
+  EXPECT_TRUE(log.Contains("[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove queue size=0"));
+}
+
+TEST(UdpPackageQueue, LoneEntryMatchesWhateverIsAskedFor) {
+  UdpPackageQueue queue;
+  ASSERT_TRUE(Push(&queue, "hello", 1));
+  EXPECT_EQ(Find(&queue, "something else, and longer"), 1);
+  EXPECT_EQ(Find(&queue, "hello"), -1) << "it is gone";
+}
+
+TEST(UdpPackageQueue, LoneEntryOfALengthMatchesWithoutItsBytes) {
+  UdpPackageQueue queue;
+  for (const auto& [text, port] : {std::pair("a", 1), std::pair("bb", 2), std::pair("ccc", 3)}) {
+    ASSERT_TRUE(Push(&queue, text, static_cast<u16>(port)));
+  }
+  EXPECT_EQ(Find(&queue, "xx"), 2);
+  EXPECT_EQ(Find(&queue, "four"), -1) << "two are left, and none has that length";
+}
+
+TEST(UdpPackageQueue, BytesDecideBetweenEntriesOfOneLength) {
+  UdpPackageQueue queue;
+  ASSERT_TRUE(Push(&queue, "first", 1));
+  ASSERT_TRUE(Push(&queue, "other", 2));
+  ASSERT_TRUE(Push(&queue, "third", 3));
+  EXPECT_EQ(Find(&queue, "third"), 3);
+  EXPECT_EQ(Find(&queue, "wrong"), -1);
+  EXPECT_EQ(Find(&queue, "other"), 2);
+  EXPECT_EQ(Find(&queue, "first"), 1);
+}
+
+TEST(UdpPackageQueue, OldestOfEqualEntriesComesFirst) {
+  UdpPackageQueue queue;
+  for (u16 port = 1; port <= 3; ++port) ASSERT_TRUE(Push(&queue, "same", port));
+  EXPECT_EQ(Find(&queue, "same"), 1);
+  EXPECT_EQ(Find(&queue, "same"), 2);
+  EXPECT_EQ(Find(&queue, "same"), 3);
+}
+
+TEST(UdpPackageQueue, ComparesOverTheBoundariesOfBuffers) {
+  UdpPackageQueue queue;
+  const sockaddr_in first = Address(1), second = Address(2);
+  const Buffers sent{"he", "", "llo"}, other{"hel", "LO"};
+  ASSERT_TRUE(queue.Push(sent.data(), sent.count(), &first));
+  ASSERT_TRUE(queue.Push(other.data(), other.count(), &second));
+  const Buffers received{"hell", "o", "room that was not used"};
+  sockaddr_in found = {};
+  ASSERT_TRUE(queue.FindAddrThenRemove(received.data(), received.count(), 5, &found));
+  EXPECT_EQ(found.sin_port, first.sin_port);
+}
+
+TEST(UdpPackageQueue, TakesADatagramOfOneBlockAndNoMore) {
+  test::LogCapture log;
+  UdpPackageQueue queue;
+  EXPECT_TRUE(Push(&queue, std::string(2048, 'x'), 1));
+  EXPECT_FALSE(Push(&queue, std::string(2049, 'y'), 2));
+  EXPECT_TRUE(log.Contains("WARNING: clone not enough room, k=2049, size=2048"));
+  EXPECT_TRUE(log.Contains("WARNING: clone failed"));
+  EXPECT_EQ(Find(&queue, std::string(2048, 'x')), 1) << "and the queue still works";
+}
+
+// Lengths come from a game: their sum may be beyond 32 bits, and a buffer may not be there.
+TEST(UdpPackageQueue, RefusesBuffersThatCannotBe) {
+  UdpPackageQueue queue;
+  const sockaddr_in address = Address(1);
+  char bytes[16] = {};
+  WSABUF huge[2] = {};
+  huge[0].len = 0xFFFFFFFF;
+  huge[0].buf = bytes;
+  huge[1].len = 2;
+  huge[1].buf = bytes;
+  EXPECT_FALSE(queue.Push(huge, 2, &address));
+  WSABUF missing = {};
+  missing.len = 4;
+  EXPECT_FALSE(queue.Push(&missing, 1, &address));
+  EXPECT_FALSE(queue.Push(huge, 0, &address));
+  EXPECT_FALSE(queue.Push(static_cast<const WSABUF*>(nullptr), 1, &address));
+  EXPECT_FALSE(queue.Push(huge, 1, nullptr));
+  EXPECT_FALSE(queue.Push(bytes, 0, &address));
+  EXPECT_FALSE(queue.Push(bytes, 1, nullptr));
+  EXPECT_FALSE(queue.Push(static_cast<const void*>(nullptr), 1, &address));
+  sockaddr_in found = {};
+  EXPECT_FALSE(queue.FindAddrThenRemove(static_cast<const WSABUF*>(nullptr), 1, 1, &found));
+  EXPECT_FALSE(queue.FindAddrThenRemove(huge, 1, 1, nullptr));
+  EXPECT_EQ(Find(&queue, "x"), -1) << "nothing of all that is in the queue";
+}
+
+TEST(UdpPackageQueue, HoldsADatagramOfNoBytesThatCameInBuffers) {
+  UdpPackageQueue queue;
+  const sockaddr_in address = Address(7);
+  WSABUF empty = {};
+  ASSERT_TRUE(queue.Push(&empty, 1, &address));
+  ASSERT_TRUE(Push(&queue, "x", 8));
+  EXPECT_EQ(Find(&queue, ""), 7);
+}
+
+TEST(UdpPackageQueue, ComparesNothingOfABufferThatIsNotThere) {
+  WSABUF missing = {};
+  missing.len = 3;
+  EXPECT_FALSE(CompareToWsaBuffers("abc", 3, &missing, 1, 3));
+  EXPECT_FALSE(CompareToWsaBuffers(nullptr, 3, &missing, 1, 3));
+  EXPECT_FALSE(CompareToWsaBuffers("abc", 3, nullptr, 1, 3));
+  EXPECT_FALSE(CompareToWsaBuffers("abc", 3, &missing, 1, 4));
+  EXPECT_TRUE(CompareToWsaBuffers("abc", 3, &missing, 0, 3)) << "kept: nothing differs";
+}
+
+TEST(PackageBlockPool, GrowsByDoublingUpToSixteen) {
+  PackageBlockPool pool(1);
+  EXPECT_EQ(pool.block_size(), 128u) << "smaller blocks are not made";
+  std::vector<void*> used;
+  std::set<void*> distinct;
+  const auto use = [&] {
+    void* const block = pool.Get();
+    ASSERT_NE(block, nullptr);
+    std::memset(block, 1, pool.block_size());
+    used.push_back(block);
+    distinct.insert(block);
+  };
+  for (int i = 0; i < 40; ++i) use();
+  EXPECT_EQ(distinct.size(), 40u);
+  // 4, 8, 16, 32, 48: forty given back and eight fresh ones, and a ninth that is a new one.
+  for (void* const block : used) pool.Put(block);
+  for (int i = 0; i < 48; ++i) use();
+  EXPECT_EQ(distinct.size(), 48u);
+  use();
+  EXPECT_EQ(distinct.size(), 49u);
+}
+
+TEST(PackageBlockPool, GivesTheBlockThatCameBackLast) {
+  PackageBlockPool pool(2048);
+  void* const a = pool.Get();
+  void* const b = pool.Get();
+  EXPECT_NE(a, b);
+  pool.Put(a);
+  EXPECT_EQ(pool.Get(), a);
+}
+
+TEST(LiveQueues, AreThoseOfTheTokensSessionAndNoOther) {
+  LiveQueues live;
+  const auto mine = std::make_shared<UdpQueues>();
+  const auto other = std::make_shared<UdpQueues>();
+  live.Add(1, mine);
+  live.Add(2, other);
+  EXPECT_EQ(live.Use(&mine->send_queue, 1).get(), &mine->send_queue);
+  EXPECT_EQ(live.Use(&mine->recv_queue, 1).get(), &mine->recv_queue);
+  EXPECT_EQ(live.Use(&other->send_queue, 1), nullptr) << "a queue of another session";
+  EXPECT_EQ(live.Use(&mine->send_queue, 3), nullptr) << "a token of no session";
+  EXPECT_EQ(live.Use(nullptr, 1), nullptr);
+}
+
+TEST(LiveQueues, LastForAsLongAsACallHoldsThem) {
+  LiveQueues live;
+  auto queues = std::make_shared<UdpQueues>();
+  UdpPackageQueue* const send_queue = &queues->send_queue;
+  live.Add(1, std::move(queues));
+  const auto held = live.Use(send_queue, 1);
+  live.Remove(1);
+  EXPECT_EQ(live.Use(send_queue, 1), nullptr) << "the session is gone";
+  EXPECT_TRUE(Push(held.get(), "still there", 1)) << "but this call has not ended";
+  live.Remove(1);  // nothing, a second time
+}
+
+}  // namespace
+}  // namespace moru_vyr::lsp
