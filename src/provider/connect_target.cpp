@@ -1,8 +1,5 @@
 #include "provider/connect_target.h"
 
-#include <algorithm>
-#include <cstring>
-
 #include "common/log.h"
 #include "provider/check_and_bind.h"
 #include "provider/hook_common.h"
@@ -10,18 +7,6 @@
 #include "relay/relay_mgr.h"
 
 namespace moru_vyr::lsp {
-namespace {
-
-// As much of an address as the application says there is, the rest zero. Kept: the family is not
-// looked at.
-sockaddr_in ReadAddress(const sockaddr* name, int name_size) noexcept {
-  sockaddr_in address = {};
-  const int readable = std::clamp(name_size, 0, static_cast<int>(sizeof address));
-  std::memcpy(&address, name, static_cast<size_t>(readable));
-  return address;
-}
-
-}  // namespace
 
 void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept {
   const SOCKET s = record.socket;

@@ -1,4 +1,5 @@
 #include "common/log.h"
+#include "icmp/icmp_vm.h"
 #include "provider/hook_common.h"
 #include "provider/hook_entries.h"
 #include "relay/relay_mgr.h"
@@ -8,6 +9,7 @@ namespace moru_vyr::lsp {
 // Kept: the next provider's WSPCleanup is never called, and no flag of start-up is reset.
 int WSPAPI WSPCleanup(LPINT lpErrno) noexcept {
   GetRelayMgr().Stop();
+  GetIcmpVM().FreePool();
   StoreError(lpErrno, 0);
   LSP_LOG(0, "WSPCleanup");
   return 0;

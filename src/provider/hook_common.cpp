@@ -1,10 +1,18 @@
 #include "provider/hook_common.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "common/net_text.h"
 
 namespace moru_vyr::lsp {
+
+sockaddr_in ReadAddress(const sockaddr* name, int name_size) noexcept {
+  sockaddr_in address = {};
+  const int readable = std::clamp(name_size, 0, static_cast<int>(sizeof address));
+  std::memcpy(&address, name, static_cast<size_t>(readable));
+  return address;
+}
 
 AddressText DescribeAddress(const sockaddr* name, int name_size) {
   if (name == nullptr) return {"NULL", 0};

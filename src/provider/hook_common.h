@@ -29,6 +29,10 @@ unsigned PointerBits(T* pointer) {
   return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(pointer));
 }
 
+// As much of an address as the application says there is, the rest zero. Kept: the family is not
+// looked at.
+sockaddr_in ReadAddress(const sockaddr* name, int name_size) noexcept;
+
 // An address as a log line prints it.
 struct AddressText {
   std::string ip;

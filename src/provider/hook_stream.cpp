@@ -4,10 +4,12 @@
 #include "common/function_trace.h"
 #include "common/log.h"
 #include "common/net_text.h"
+#include "icmp/icmp_vm.h"
 #include "provider/connect_target.h"
 #include "provider/downcall_table.h"
 #include "provider/hook_common.h"
 #include "provider/hook_entries.h"
+#include "provider/raw_ping.h"
 #include "provider/relay_admission.h"
 #include "provider/socket_error_filter.h"
 #include "provider/socket_map.h"
@@ -102,8 +104,11 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
   if (IsAllowedRelay(record)) {
     LSP_LOG(4, "WSPConnect:protocol=%d, type=%d, socket=%Id, token=%u", record.protocol,
             record.type, s, record.token);
-    // Datagram and raw sockets connect as they were asked to: there is no relay for them yet.
-    if (record.type == kSocketTypeStream) RedirectStream(record, &target);
+    if (IsRawPing(record)) {
+      GetIcmpVM().AddRawSocket(s, ReadAddress(name, namelen).sin_addr.s_addr);
+    } else if (record.type == kSocketTypeStream) {
+      RedirectStream(record, &target);
+    }
   }
   const int result = next->lpWSPConnect(s, target.name, target.name_size, lpCallerData,
                                         lpCalleeData, lpSQOS, lpGQOS, lpErrno);
@@ -154,9 +159,9 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
     FailWithoutProvider(lpErrno);
     return SOCKET_ERROR;
   }
-  // Kept: asked here as well, although a stream's relay sees the close on its own socket and no
-  // other kind is relayed yet. Whichever call comes first is the one that starts the relay.
-  IsAllowedRelay(record);
+  // A stream's relay is not told: it sees the close on its own socket. Kept: it is asked for
+  // streams as well, and whichever call comes first starts the relay.
+  if (IsAllowedRelay(record) && IsRawPing(record)) GetIcmpVM().RemoveRawSocket(s);
   // The record goes first: once the socket is closed below, its value can come back at once as
   // another thread's new socket, whose record must not be ours to erase.
   GetSocketErrorFilter().Forget(record.token);

@@ -2,6 +2,7 @@
 #include "common/log.h"
 #include "provider/hook_common.h"
 #include "provider/hook_entries.h"
+#include "provider/raw_ping.h"
 #include "provider/relay_admission.h"
 #include "provider/socket_error_filter.h"
 #include "provider/socket_map.h"
@@ -20,7 +21,11 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
     FailWithoutProvider(lpErrno);
     return SOCKET_ERROR;
   }
-  IsAllowedRelay(record);  // kept: starts the relay, though no kind of send is relayed here yet
+  // Kept: asked for every kind of socket, so that whichever call comes first starts the relay.
+  if (IsAllowedRelay(record) && IsRawPing(record) &&
+      HoldPing(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent)) {
+    return 0;
+  }
   if (lpNumberOfBytesSent != nullptr) *lpNumberOfBytesSent = 0;
   const int result = next->lpWSPSend(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags,
                                      lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
@@ -55,7 +60,10 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
     FailWithoutProvider(lpErrno);
     return SOCKET_ERROR;
   }
-  IsAllowedRelay(record);  // as in WSPSend
+  if (IsAllowedRelay(record) && IsRawPing(record) &&
+      AnswerPing(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd)) {
+    return 0;
+  }
   if (lpNumberOfBytesRecvd != nullptr) *lpNumberOfBytesRecvd = 0;
   const int result = next->lpWSPRecv(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd, lpFlags,
                                      lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);

@@ -9,6 +9,7 @@
 #include "common/paths.h"
 #include "common/process_info.h"
 #include "common/text.h"
+#include "icmp/icmp_vm.h"
 #include "provider/gate.h"
 #include "provider/net_probe.h"
 #include "provider/socket_error_filter.h"
@@ -33,6 +34,7 @@ constexpr u32 kRouteIntervalMs = 100;
 void BuildGlobals() {
   GetSocketMap();
   GetRelayMgr();
+  GetIcmpVM().ResetPool();
   GetSocketErrorFilter();
 }
 
