@@ -1,47 +1,16 @@
 #include "relay/tcp_negotiation.h"
 
-#include <windows.h>
-
 #include <algorithm>
-#include <cstdlib>
 
 #include "common/log.h"
 #include "common/net_text.h"
-#include "common/text.h"
-#include "protocol/nego_request.h"
-#include "route/acc_config.h"
+#include "common/unix_time.h"
 #include "route/decision.h"
 
 namespace moru_vyr::lsp {
 namespace {
 
 constexpr int kHeaderSize = sizeof(NegoHeader);
-constexpr u64 kUnixEpoch = 116444736000000000;  // as the system's clock counts it
-constexpr u64 kTicksPerMs = 10000;
-
-u64 Now() noexcept {
-  FILETIME now;
-  GetSystemTimeAsFileTime(&now);
-  return ((u64{now.dwHighDateTime} << 32) | now.dwLowDateTime) - kUnixEpoch;
-}
-
-NegoRequest MakeRequest(u32 game_ip, u16 game_port, u8 retry, const SessionGuid& guid,
-                        const AccDecisionInfo& decision) noexcept {
-  const AccConfig& config = *GetAccConfig();
-  NegoRequest request;
-  request.Init(kNegoVersion);
-  request.body.flags = 0;
-  request.body.retry = retry;
-  request.body.uin = std::strtoull(config.uin, nullptr, 10);
-  request.body.game_id_low = static_cast<u32>(config.game_id);
-  request.body.game_ip = ntohl(game_ip);
-  request.body.game_port = ntohs(game_port);
-  request.body.guid = guid;
-  request.body.last_node = {};  // a connection never moves while it lives
-  request.body.game_idc = decision.game_idc;
-  request.body.game_id = config.game_id;
-  return request;
-}
 
 }  // namespace
 
@@ -49,8 +18,8 @@ bool TcpNegotiation::SendTcpNegotiation(IRelaySocketMgr* mgr, SOCKET socket, u32
                                         u16 game_port, u8 retry, const SessionGuid* guid,
                                         const AccDecisionInfo* decision) noexcept {
   token_ = token;
-  start_time_ = Now();
-  NegoRequest request = MakeRequest(game_ip, game_port, retry, *guid, *decision);
+  start_time_ = common::UnixTicks();
+  NegoRequest request = MakeNegoRequest(game_ip, game_port, retry, *guid, *decision);
   request.Pack(nullptr, 0, 0);
   const int sent = send(socket, reinterpret_cast<const char*>(&request), sizeof request, 0);
   if (sent == SOCKET_ERROR) {
@@ -112,7 +81,8 @@ int TcpNegotiation::ParseTcpNegotiation(AccDecisionInfo* decision, u32* reason) 
 }
 
 u32 TcpNegotiation::ElapsedMs() const noexcept {
-  return std::max(u32{1}, static_cast<u32>((Now() - start_time_) / kTicksPerMs));
+  return std::max(u32{1},
+                  static_cast<u32>((common::UnixTicks() - start_time_) / common::kUnixTicksPerMs));
 }
 
 // 0 once `size` bytes are there. The answer is never waited for: one that comes in pieces must

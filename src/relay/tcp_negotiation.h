@@ -8,20 +8,11 @@
 #include "common/types.h"
 #include "protocol/nego_response.h"
 #include "protocol/session_guid.h"
+#include "relay/nego_common.h"
 #include "relay/relay_interfaces.h"
 #include "route/acc_decision_info.h"
 
 namespace moru_vyr::lsp {
-
-// Why a negotiation failed. 1 to 255 are the node's own reasons to refuse; 206 is free.
-enum NegoFailure : u32 {
-  kNegoSendFailed = 201,
-  kNegoTimedOut = 202,
-  kNegoBadHeader = 203,
-  kNegoBadBody = 204,
-  kNegoReceiveFailed = 205,
-  kNegoIspNotServed = 207,
-};
 
 class TcpNegotiation {
  public:

@@ -1,7 +1,6 @@
 // How a session negotiates, and where it turns when a node fails: to one other node, then to the
 // game server. What the game has sent waits meanwhile; the failed node never saw any of it.
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 
 #include "common/log.h"
@@ -12,14 +11,6 @@
 
 namespace moru_vyr::lsp {
 namespace {
-
-// The tables that the client program writes need not terminate their texts.
-struct ProxyAddrText {
-  explicit ProxyAddrText(const RouteProxyInfo& proxy) noexcept {
-    std::memcpy(text, proxy.proxy_addr, sizeof proxy.proxy_addr);
-  }
-  char text[sizeof RouteProxyInfo::proxy_addr + 1] = {};
-};
 
 const char* TrueOrFalse(bool value) noexcept { return value ? "true" : "false"; }
 

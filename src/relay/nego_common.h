@@ -1,0 +1,38 @@
+// What negotiations over streams and over datagrams have in common.
+//
+// Worker thread only. Nothing throws.
+#pragma once
+#include <winsock2.h>
+
+#include "common/types.h"
+#include "protocol/nego_request.h"
+#include "protocol/session_guid.h"
+#include "route/acc_decision_info.h"
+
+namespace moru_vyr::lsp {
+
+// Why a negotiation failed. 1 to 255 are the node's own reasons to refuse; 206 is free.
+enum NegoFailure : u32 {
+  kNegoSendFailed = 201,
+  kNegoTimedOut = 202,
+  kNegoBadHeader = 203,
+  kNegoBadBody = 204,
+  kNegoReceiveFailed = 205,
+  kNegoIspNotServed = 207,
+};
+
+// The request for the game server at game_ip:game_port, both in network order, in host order and
+// the newest form. `retry` counts the changes of node so far.
+NegoRequest MakeNegoRequest(u32 game_ip, u16 game_port, u8 retry, const SessionGuid& guid,
+                            const AccDecisionInfo& decision) noexcept;
+
+// The tables that the client program writes need not terminate their texts.
+struct ProxyAddrText {
+  explicit ProxyAddrText(const RouteProxyInfo& proxy) noexcept;
+  char text[sizeof RouteProxyInfo::proxy_addr + 1] = {};
+};
+
+// Where the proxy negotiates.
+sockaddr_in ProxyAddress(const RouteProxyInfo& proxy) noexcept;
+
+}  // namespace moru_vyr::lsp
