@@ -60,8 +60,11 @@ int WriteAddress(const Address& address, struct sockaddr* name, LPINT size) {
   return 0;
 }
 
-std::string Gather(const WSABUF* buffers, DWORD count) {
-  std::string data;
+// One buffer, the ordinary case, is taken where it lies: a sender whose peer reads slowly offers
+// all that it has again and again.
+std::string_view Gather(const WSABUF* buffers, DWORD count, std::string* space) {
+  if (count == 1) return {buffers[0].buf, buffers[0].len};
+  std::string& data = *space;
   for (DWORD i = 0; i < count; ++i) data.append(buffers[i].buf, buffers[i].len);
   return data;
 }
@@ -304,7 +307,8 @@ int WSPAPI WspSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD 
   const auto socket = Find(s);
   DWORD n = 0;
   int result = CheckSend(socket, buffers, sent, flags, overlapped || completion);
-  if (result == 0) result = Send(*socket, Gather(buffers, count), &n);
+  std::string space;
+  if (result == 0) result = Send(*socket, Gather(buffers, count, &space), &n);
   if (result == 0) *sent = n;
   return Answer("send", s, result, error, Format("%u bytes", n));
 }
@@ -321,7 +325,10 @@ int WSPAPI WspSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWOR
     target.emplace();
     result = ReadAddress(to, to_size, &*target);
   }
-  if (result == 0) result = SendTo(*socket, Gather(buffers, count), target, &n);
+  std::string space;
+  if (result == 0) {
+    result = SendTo(*socket, std::string(Gather(buffers, count, &space)), target, &n);
+  }
   if (result == 0) *sent = n;
   return Answer("sendto", s, result, error,
                 Format("%u bytes", n) + (target ? " to " + ToText(*target) : ""));

@@ -377,9 +377,9 @@ int ReceiveDatagram(Socket& socket, char* out, size_t size, bool peek, DWORD* re
 
 }  // namespace
 
-int Send(Socket& socket, const std::string& data, DWORD* sent) {
+int Send(Socket& socket, std::string_view data, DWORD* sent) {
   if (socket.stream()) return SendStream(socket, data, sent);
-  return SendTo(socket, data, std::nullopt, sent);
+  return SendTo(socket, std::string(data), std::nullopt, sent);
 }
 
 int SendTo(Socket& socket, const std::string& data, const std::optional<Address>& to, DWORD* sent) {
