@@ -1,0 +1,277 @@
+// Calls of the platform that fail under the relay, one at a time and each at its worst moment. The
+// game may lose the connection; it never gets a wrong byte, and the relay goes on.
+#include "port/shared/faults.h"
+#include "tests/scenario/tcp_bench.h"
+
+namespace {
+using namespace tcp_test;  // NOLINT: the verbs of these tests
+
+class TcpFailure : public TcpBench {
+ protected:
+  TcpFailure() {
+    sim::LinkOptions far;
+    far.delay = 50ms;
+    for (sim::Host* host : {&a_host, &b_host, &server_host})
+      world.SetLink(world.home().host, *host, far);
+  }
+  int Sessions(const char* line) const {
+    const std::string text = log_text();
+    int found = 0;
+    for (size_t at = text.find(line); at != text.npos; at = text.find(line, at + 1)) ++found;
+    return found;
+  }
+  // Every connection that was accepted has been given up.
+  bool NobodyIsLeft() const {
+    return Sessions("[TCP]OnLocalServerAcceptable. peer_port=") ==
+           Sessions("[TCP]CloseObsoleteSession, remove session, ");
+  }
+  // Looked at from time to time: reading the log takes calls of its own.
+  bool NobodyIsLeftWithin(sim::Duration most) {
+    for (const auto end = world.now() + most; world.now() < end && !NobodyIsLeft();) RunFor(10ms);
+    return NobodyIsLeft();
+  }
+  // Nothing has come, and the connection is as open as ever.
+  void ExpectSilence(SOCKET s) { EXPECT_EQ(Readiness(s), "w"); }
+  void ExpectEndWithoutAByte(SOCKET s) {
+    std::string got;
+    EXPECT_NE(CollectAll(s, &got), "");
+    EXPECT_EQ(got, "");
+    closesocket(s);
+  }
+  // A connection that nobody serves lasts as long as the game wants it.
+  void ExpectItWaitsForTheGame(SOCKET s) {
+    RunFor(20s);
+    ExpectSilence(s);
+    EXPECT_FALSE(NobodyIsLeft());
+    closesocket(s);
+    EXPECT_TRUE(NobodyIsLeftWithin(1s)) << log_text();
+    ExpectServesAgain();
+  }
+  // The two nodes take five seconds each to fail.
+  void BothNodesAreSilent() {
+    a.StopsAnswering();
+    b.StopsAnswering();
+    RunFor(100ms);
+  }
+};
+
+// Kept: from here there is no other way.
+SCENARIO_F(TcpFailure, ARequestThatCannotBeSentEndsTheConnection) {
+  const SOCKET s = Joins();
+  RunFor(20ms);
+  port::FailCall("send", 1, WSAENOBUFS);
+  ExpectEndWithoutAByte(s);
+  EXPECT_TRUE(Logged("[TCP]Failed to send negotiation, error=10055,socket="));
+  EXPECT_FALSE(Logged("OnNegotiationFailed"));
+  EXPECT_EQ(a.Count("request") + b.Count("accepted"), 0u);
+  EXPECT_TRUE(calls.empty());
+  ExpectServesAgain();
+}
+
+// Kept: the request counts as sent, and the writable event that follows ends it all.
+SCENARIO_F(TcpFailure, ARequestThatWouldBlockEndsTheConnection) {
+  const SOCKET s = Joins();
+  RunFor(20ms);
+  port::FailCall("send", 1, WSAEWOULDBLOCK);
+  const auto start = world.now();
+  ExpectEndWithoutAByte(s);
+  EXPECT_LE(world.now() - start, 200ms);
+  EXPECT_FALSE(Logged("Failed to send negotiation"));
+  EXPECT_FALSE(Logged("OnNegotiationFailed"));
+  EXPECT_EQ(a.Count("request") + b.Count("accepted"), 0u);
+  ExpectServesAgain();
+}
+
+// The node waits for the rest in vain, until time leads on to the next.
+SCENARIO_F(TcpFailure, ARequestThatLeftInPartIsNotNoticed) {
+  const SOCKET s = Joins();
+  RunFor(20ms);
+  world.ShortSend(1, 40);
+  RunFor(200ms);
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  EXPECT_EQ(LastCall().from, "B");
+  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=202, "));
+  EXPECT_EQ(a.Count("request"), 0u);
+  closesocket(s);
+  ExpectServesAgain();
+}
+
+SCENARIO_F(TcpFailure, WithoutASocketForTheFarSideAConnectionWaitsForTheGame) {
+  const SOCKET s = Tcp();
+  port::FailCall("socket", 1, WSAENOBUFS);
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  SendText(s, "early");
+  RunFor(1s);
+  EXPECT_TRUE(Logged("[TCP]ConnectToRemoteServer failed to create socket, token="));
+  ExpectItWaitsForTheGame(s);
+}
+
+SCENARIO_F(TcpFailure, ASocketThatCannotBeMadeNonBlockingIsNoSocket) {
+  const SOCKET s = Tcp();
+  port::FailCall("ioctlsocket", 1, WSAENOBUFS);
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  ExpectItWaitsForTheGame(s);
+}
+
+SCENARIO_F(TcpFailure, AConnectThatFailsAtOnceLeavesTheConnectionToTheGame) {
+  const SOCKET s = Tcp();
+  port::FailCall("connect", 2, WSAENETUNREACH);  // the first is the game's own
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  RunFor(1s);
+  EXPECT_TRUE(Logged("[TCP]ConnectToRemoteServer failed. socket="));
+  ExpectItWaitsForTheGame(s);
+}
+
+SCENARIO_F(TcpFailure, AnAcceptThatFailsIsTriedAgain) {
+  const SOCKET s = Tcp();
+  port::FailCall("accept", 1, WSAENOBUFS);
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  EXPECT_TRUE(Logged("[TCP]OnLocalServerAcceptable, accept failed. err=10055, socket="));
+  EXPECT_EQ(LastCall().from, "A");
+  closesocket(s);
+  ExpectServesAgain();
+}
+
+SCENARIO_F(TcpFailure, AnAcceptedSocketWithoutANameEndsTheConnection) {
+  const SOCKET s = Tcp();
+  port::FailCall("getsockname", 1, WSAENOBUFS);
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  ExpectEndWithoutAByte(s);
+  EXPECT_TRUE(Logged("[TCP]OnLocalServerAcceptable, getsockname failed. err=10055, socket="));
+  RunFor(100ms);
+  EXPECT_TRUE(Logged("TcpSession::IsObsolete, tick 0, found obsolete session, token="));
+  EXPECT_EQ(Sessions("[TCP]CloseObsoleteSession, remove session, "), 1);
+  EXPECT_EQ(a.Count("accepted"), 0u);
+  ExpectServesAgain();
+}
+
+// The error of the connect is only for the log.
+SCENARIO_F(TcpFailure, ARefusedConnectEndsTheConnectionWhateverIsKnownOfIt) {
+  world.Kill(a.process());
+  const SOCKET s = Joins();
+  port::FailCall("getsockopt", 1, WSAENOBUFS);
+  ExpectEndWithoutAByte(s);
+  EXPECT_TRUE(Logged("[TCP] getsockopt failed"));
+  EXPECT_TRUE(Logged("[TCP]TcpProvider::OnRemoteExcpetion. socket="));
+}
+
+// Kept: where time has run out and there is no socket for another node, time runs out once more.
+SCENARIO_F(TcpFailure, ATimeOutWithoutASocketComesToTheServerLater) {
+  a.StopsAnswering();
+  RunFor(100ms);
+  const auto start = world.now();
+  const SOCKET s = Joins();
+  SendText(s, "early");
+  RunFor(4s);
+  port::FailCall("socket", 1, WSAENOBUFS);
+  std::string got, end;
+  ASSERT_TRUE(Collect(s, 5, &got, &end)) << end;
+  EXPECT_EQ(got, "early");
+  EXPECT_EQ(LastCall().from, "game");
+  EXPECT_GE(world.now() - start, 10s);
+  EXPECT_LE(world.now() - start, 12s);
+  EXPECT_TRUE(Logged("[TCP]TcpSession::OnNegotiationFailed. CreateRemoteSocket failed, token="));
+  EXPECT_EQ(Sessions("OnNegotiationFailed, reason=202, "), 2);
+  EXPECT_EQ(b.Count("accepted"), 0u);
+  closesocket(s);
+  ExpectServesAgain();
+}
+
+SCENARIO_F(TcpFailure, ARefusalWithoutASocketForAnotherNodeEndsTheConnection) {
+  a.AnswersWith(9);
+  RunFor(100ms);
+  const SOCKET s = Joins();
+  RunFor(20ms);
+  port::FailCall("socket", 1, WSAENOBUFS);
+  ExpectEndWithoutAByte(s);
+  EXPECT_TRUE(calls.empty());
+  EXPECT_EQ(b.Count("accepted"), 0u);
+  ExpectServesAgain();
+}
+
+SCENARIO_F(TcpFailure, AnotherNodeThatCannotBeConnectedToLeadsToTheServer) {
+  a.AnswersWith(9);
+  RunFor(100ms);
+  const SOCKET s = Tcp();
+  port::FailCall("connect", 3, WSAENETUNREACH);  // the game's own, the first node's, the second's
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  EXPECT_EQ(LastCall().from, "game");
+  EXPECT_TRUE(Logged("[TCP]TcpSession::OnNegotiationFailed. retry=false, socket="));
+  EXPECT_TRUE(Logged("begin direct mode. ChangeToGameSrv result=true, token="));
+  EXPECT_EQ(b.Count("accepted"), 0u);
+  closesocket(s);
+  ExpectServesAgain();
+}
+
+// Kept: after a time-out nobody is told; the game may wait as long as it likes.
+SCENARIO_F(TcpFailure, NoSocketForTheServerEither) {
+  for (const char* call : {"socket", "connect"}) {
+    SCOPED_TRACE(call);
+    BothNodesAreSilent();
+    const SOCKET s = Joins();
+    RunFor(9s);
+    port::FailCall(call, 1, WSAENOBUFS);
+    RunFor(3s);
+    EXPECT_TRUE(Logged("begin direct mode. ChangeToGameSrv result=false, token="));
+    ExpectItWaitsForTheGame(s);
+    port::ClearFaults();
+    calls.clear();
+  }
+}
+
+SCENARIO_F(TcpFailure, ARefusalWithNoWayToTheServerEndsTheConnection) {
+  a.AnswersWith(9);
+  b.AnswersWith(9);
+  RunFor(100ms);
+  for (const char* call : {"socket", "connect"}) {
+    SCOPED_TRACE(call);
+    const SOCKET s = Tcp();
+    const bool sockets = std::string(call) == "socket";
+    // Nodes that refuse make no sockets; of connects the game's own comes first.
+    port::FailCall(call, sockets ? 3 : 4, WSAENOBUFS);
+    ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+    ExpectEndWithoutAByte(s);
+    EXPECT_TRUE(NobodyIsLeft());
+    EXPECT_TRUE(calls.empty());
+    port::ClearFaults();
+  }
+  ExpectServesAgain();
+}
+
+// With a stream under way, on its first way through everybody's hands.
+class TcpBrokenCall : public TcpFailure {
+ protected:
+  void Break(const char* call, unsigned nth, DWORD error) {
+    SCOPED_TRACE(std::string(call) + " " + std::to_string(nth) + " = " + std::to_string(error));
+    const SOCKET s = Joins();
+    std::string got, end;
+    EXPECT_EQ(Talks(s, "before"), "before");
+    port::FailCall(call, nth, error);
+    SendAll(s, "after");
+    const DWORD most_ms = 5000;
+    setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&most_ms), sizeof most_ms);
+    Collect(s, 5, &got, &end);
+    EXPECT_EQ(got, std::string("after").substr(0, got.size()));
+    closesocket(s);
+    port::ClearFaults();
+    EXPECT_TRUE(RunUntil([&] { return LastCall().over(); }, 60s));
+    EXPECT_EQ(LastCall().got, std::string("beforeafter").substr(0, LastCall().got.size()));
+    EXPECT_TRUE(NobodyIsLeftWithin(60s)) << log_text();
+  }
+};
+
+SCENARIO_F(TcpBrokenCall, AnErrorOfAnySendEndsAConnectionAndNothingElse) {
+  for (const DWORD error : {WSAECONNRESET, WSAECONNABORTED, WSAENETRESET, WSAENOBUFS})
+    for (unsigned nth = 1; nth <= 6; ++nth) Break("send", nth, error);
+  ExpectServesAgain();
+}
+
+SCENARIO_F(TcpBrokenCall, AnErrorOfAnyReceiveEndsAConnectionAndNothingElse) {
+  for (const DWORD error : {WSAECONNRESET, WSAECONNABORTED, WSAENETRESET, WSAENOBUFS})
+    for (unsigned nth = 1; nth <= 10; ++nth) Break("recv", nth, error);
+  ExpectServesAgain();
+}
+
+}  // namespace
