@@ -54,7 +54,7 @@ class RecoverySwitch {
   u8 RealRouteGetDefCurLost(bool raw) noexcept;
 
   // The loss over the short and the long window, with the packets expected and received. Not mere
-  // questions: all but the third keep what they find for the reports.
+  // questions: all but the third keep what they find for the reports. The pointers may not be null.
   u8 GetDataLinkShortLost(u32* need, u32* real, bool include_current) noexcept;
   u8 GetDataLinkLongLost(u32* need, u32* real, bool include_current) noexcept;
   u8 GetRealRouteShortLost(u32* need, u32* real, bool include_current) noexcept;
@@ -75,6 +75,7 @@ class RecoverySwitch {
   bool IsCalcOpen() const noexcept;
   bool IsGameListed() const noexcept;
   void InitCalcs() noexcept;
+  void LogUpdate(const char* calc_name, u32 time_delta) const noexcept;
   u8 GetCurLost(const LostCalc& calc, u8 upload_lost, bool is_real_route, u16 cycles, u32* need,
                 u32* real, bool include_current) noexcept;
   // Kept: true means that the report must be held back, which is not what the name says.

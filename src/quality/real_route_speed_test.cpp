@@ -1,0 +1,258 @@
+#include "quality/real_route_speed_test.h"
+
+#include <winsock2.h>
+//
+#include <windows.h>
+
+#include "common/log.h"
+#include "common/unix_time.h"
+#include "protocol/speed_test_payload.h"
+#include "quality/link_thresholds.h"
+#include "quality/recovery_switch.h"
+#include "quality/speed_figures.h"
+#include "route/acc_config.h"
+#include "tracker/tracker.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr u32 kTopologyNotKnown = 0;
+constexpr u32 kOneNode = 1;
+constexpr u32 kTwoNodes = 2;
+constexpr u32 kTopologyNotUnderstood = 0xFFFFFFFF;
+
+void NoteProbeSent(SpeedStatsHalf* half, u32 seq, u32 now) noexcept {
+  half->last_send_tick = now;
+  half->last_send_seq = seq;
+  half->pending = 1;
+  ++half->total_send;
+  ++half->all_send_count;
+}
+
+}  // namespace
+
+void RealRouteSpeedTest::Start(RecoverySwitch* recovery, const SpeedTestParam* param,
+                               bool is_in_switching) noexcept {
+  // The windows keep their configuration and their watch period.
+  norm_test_interval_ = high_freq_test_interval_ = high_freq_test_time_ = long_cycle_ = 0;
+  max_valid_test_delay_ = ignore_high_freq_test_time_ = max_real_route_lost_ = 0;
+  running_ = ignore_time_passed_ = false;
+  last_test_tick_ = high_freq_test_counter_ = 0;
+  for (RealRouteRecentCycleData& cycle : recent_cycle_) cycle.Reset();
+
+  param_ = *param;
+  session_init_time_ = GetTickCount();
+  is_in_switching_ = is_in_switching;
+  recovery_ = recovery;
+  if (recovery_ == nullptr) return;
+  running_ = true;
+  ReadConfig();
+}
+
+void RealRouteSpeedTest::Stop() noexcept {
+  running_ = false;
+  recovery_ = nullptr;
+}
+
+void RealRouteSpeedTest::ReadConfig() noexcept {
+  const AccConfig& config = *GetAccConfig();
+  norm_test_interval_ = thresholds::NormTestInterval(config);
+  high_freq_test_interval_ = thresholds::HighFreqTestInterval(config, is_in_switching_);
+  high_freq_test_time_ = thresholds::HighFreqTestTime(config, is_in_switching_);
+  long_cycle_ = thresholds::LongCycle(config);
+  max_valid_test_delay_ = thresholds::MaxValidTestDelay(config);
+  ignore_high_freq_test_time_ = u32{config.ignore_high_freq_test_time} * 1000;
+  max_real_route_lost_ = thresholds::MaxRealRouteLost(config);
+  LSP_LOG(4,
+          "RealRouteSpeedTest::ReadConfig, is_in_switching=%s, norm_test_interval_=%d, "
+          "high_freq_test_interval_=%d, high_freq_test_time_=%d, long_cycle_=%d, "
+          "ignore_high_freq_test_time_=%d, max_real_route_lost_=%d, max_valid_test_delay=%d, "
+          "socket=%u, token=%u",
+          is_in_switching_ ? "true" : "false", norm_test_interval_, high_freq_test_interval_,
+          high_freq_test_time_, long_cycle_, ignore_high_freq_test_time_, max_real_route_lost_,
+          max_valid_test_delay_, static_cast<u32>(param_.socket), param_.token);
+}
+
+void RealRouteSpeedTest::StepSpeedTest() noexcept {
+  if (!running_ || recovery_ == nullptr) return;
+  const u32 now = GetTickCount();
+  if (last_test_tick_ == 0) {
+    last_test_tick_ = now;
+    return;
+  }
+  if (high_freq_test_counter_ != 0 && now > last_test_tick_ + high_freq_test_interval_) {
+    last_test_tick_ = now;
+    SendSpeedTest();
+    LSP_LOG(0, "StepSpeedTest, high_freq_test_counter=%d, socket=%u, token=%u",
+            high_freq_test_counter_, static_cast<u32>(param_.socket), param_.token);
+    if (--high_freq_test_counter_ == 0) EndBurst();
+  }
+  if (high_freq_test_counter_ == 0 && now > last_test_tick_ + norm_test_interval_) {
+    last_test_tick_ = now;
+    SendSpeedTest();
+  }
+}
+
+// The verdict falls as the last probe leaves: answers still on their way do not count. A link on
+// trial has hardly closed a slot by then, so the running one is looked at.
+void RealRouteSpeedTest::EndBurst() noexcept {
+  u32 need = 0;
+  u32 real = 0;
+  recovery_->GetRealRouteLost(&need, &real, is_in_switching_);
+  recovery_->TryFireRealRouteLost();
+}
+
+bool RealRouteSpeedTest::SendSpeedTest() noexcept {
+  const u32 seq = ++param_.seq;
+  SpeedTestPackage package;
+  package.header.flags = kUdpAcclSpeedTest;
+  package.header.game_ip = param_.game_ip;
+  package.header.game_port = static_cast<u16>(param_.game_port);
+  package.header.seq = seq;
+  package.header.accl_token = param_.accl_token;
+  const int packed = package.header.Pack(nullptr, 0, 0);
+  if (packed < 0) {
+    // Kept: the number is used up, unlike that of a probe that cannot be sent.
+    LSP_LOG(4, "SendSpeedTest Failed, Pack error=%d, socket=%u, token=%u", packed,
+            static_cast<u32>(param_.socket), param_.token);
+    return false;
+  }
+  package.payload.seq = seq;
+  package.payload.send_time = common::UnixTimeMs();
+  constexpr int kLength = sizeof package;
+  // Never queued: a probe that waits would measure our own queue.
+  const int sent = sendto(param_.socket, reinterpret_cast<const char*>(&package), kLength, 0,
+                          reinterpret_cast<const sockaddr*>(&param_.node_addr),
+                          static_cast<int>(sizeof param_.node_addr));
+  if (sent == SOCKET_ERROR) {
+    const int error = WSAGetLastError();
+    LSP_LOG(0, "SendSpeedTest failed, error=%d, seq=%u, len=%d, socket=%u, token=%u", error, seq,
+            kLength, static_cast<u32>(param_.socket), param_.token);
+    --param_.seq;
+    return false;
+  }
+  ProcessTestSend(seq);
+  LSP_LOG(0, "SendSpeedTest success, seq=%u, len=%d, socket=%u, token=%u", seq, kLength,
+          static_cast<u32>(param_.socket), param_.token);
+  return true;
+}
+
+void RealRouteSpeedTest::ProcessTestSend(u32 seq) noexcept {
+  SpeedStats stats;
+  if (!GetTracker().GetSpeedTestResult(param_.socket, &stats)) {
+    LSP_LOG(4, "ProcessTestSend, GetSpeedTestResult: failed to get info, socket=%u, token=%u",
+            static_cast<u32>(param_.socket), param_.token);
+    return;
+  }
+  const u32 now = GetTickCount();
+  NoteProbeSent(&stats.frontend, seq, now);
+  NoteProbeSent(&stats.backend, seq, now);
+  GetTracker().SetSpeedTestResult(param_.socket, &stats);
+  if (recovery_ != nullptr) recovery_->RealRouteAddOneSendPkg(seq);
+}
+
+bool RealRouteSpeedTest::RecvSpeedTest(const u8* data, u32 len) noexcept {
+  if (!running_ || recovery_ == nullptr) return false;
+  UdpAcclHeader header;
+  SpeedTestPayload payload;
+  // The session's receive buffer, and the session has unpacked the header itself already: the
+  // version byte that may be overwritten is as it will be.
+  if (!ReadSpeedTestReply(const_cast<u8*>(data), len, &header, &payload)) return false;
+  const u32 delay = SpeedTestDelay(common::UnixTimeMs(), payload.send_time);
+  ProcessTestRecv(header.relay_idx, payload.seq, delay);
+  LSP_LOG(0, "RecvSpeedTest success,len=%d,relay_idx=%d,seq=%d,delay=%d, socket=%u, token=%u", len,
+          header.relay_idx, payload.seq, delay, static_cast<u32>(param_.socket), param_.token);
+  return true;
+}
+
+void RealRouteSpeedTest::ProcessTestRecv(u8 relay_idx, u32 seq, u32 delay) noexcept {
+  SpeedStats stats;
+  if (!GetTracker().GetSpeedTestResult(param_.socket, &stats)) {
+    LSP_LOG(4, "ProcessTestRecv, GetSpeedTestResult: failed to get info, socket=%u, token=%u",
+            static_cast<u32>(param_.socket), param_.token);
+    return;
+  }
+  if (relay_idx <= 2) {
+    Book(relay_idx == 2 ? &stats.backend : &stats.frontend, seq, delay, relay_idx);
+    recovery_->RealRouteAddOneRecvPkg(seq, relay_idx);
+    if (stats.topology_type == kTopologyNotKnown) {
+      stats.topology_type = relay_idx == 0 ? kOneNode : kTwoNodes;
+    }
+  } else {
+    stats.topology_type = kTopologyNotUnderstood;
+  }
+  GetTracker().SetSpeedTestResult(param_.socket, &stats);
+}
+
+void RealRouteSpeedTest::Book(SpeedStatsHalf* half, u32 seq, u32 delay, u8 relay_idx) noexcept {
+  if (half->last_send_seq == seq) half->pending = 0;
+  AddToAllFigures(half, delay);
+  if (delay >= max_valid_test_delay_) {
+    AddToOverFigures(half, delay);
+    --half->total_send;  // late is not lost: the fine figures have not heard of this probe
+  } else {
+    AddToFineFigures(half, delay);
+  }
+  UpdateDelay(delay, relay_idx);
+}
+
+void RealRouteSpeedTest::UpdateDelay(u32 delay, u8 relay_idx) noexcept {
+  if (relay_idx > 2) return;
+  RealRouteRecentCycleData& cycle = recent_cycle_[relay_idx == 1 ? 0 : 1];
+  cycle.Update(delay, high_freq_test_counter_ != 0, relay_idx);
+  if (!recovery_->UpdateDelayValue(cycle.delay_amp(), cycle.delay_avg(), relay_idx)) return;
+  // A report ran: the next is to rest on new data.
+  for (RealRouteRecentCycleData& each : recent_cycle_) each.Reset();
+}
+
+int RealRouteSpeedTest::HighFreqTest() noexcept {
+  constexpr int kStarted = 0;
+  constexpr int kNotNow = 1;
+  constexpr int kRefused = -1;
+  const u32 now = GetTickCount();
+  const u32 socket = static_cast<u32>(param_.socket);
+  LSP_LOG(0,
+          "HighFreqTest, ignore_high_freq_test_time=%u, begin time=%d, cur time=%d, socket=%u, "
+          "token=%u",
+          ignore_high_freq_test_time_, session_init_time_, now, socket, param_.token);
+  if (!running_) return kRefused;
+  LSP_LOG(0, "HighFreqTest, high_freq_test_countert=%u, socket=%u, token=%u",
+          high_freq_test_counter_, socket, param_.token);
+  if (high_freq_test_counter_ != 0 || IsYoungLink()) return kNotNow;
+  if (recent_cycle_[1].IsWatching() && !MayEndWatching()) return kRefused;
+  high_freq_test_counter_ = high_freq_test_time_ / high_freq_test_interval_;
+  return kStarted;
+}
+
+// A link that has just been made is left alone, unless it was made to be tried.
+bool RealRouteSpeedTest::IsYoungLink() noexcept {
+  if (is_in_switching_ || ignore_time_passed_) return false;
+  if (GetTickCount() - session_init_time_ < ignore_high_freq_test_time_) {
+    LSP_LOG(0, "HighFreqTest, less than %u ms, session_init_time=%u, socket=%u, token=%u",
+            ignore_high_freq_test_time_, session_init_time_, static_cast<u32>(param_.socket),
+            param_.token);
+    return true;
+  }
+  ignore_time_passed_ = true;
+  return false;
+}
+
+// After many bursts only a loss that the probes themselves show is worth another one.
+bool RealRouteSpeedTest::MayEndWatching() noexcept {
+  u32 need = 0;
+  u32 real = 0;
+  const u32 socket = static_cast<u32>(param_.socket);
+  const u32 lost = recovery_->GetRealRouteLost(&need, &real, false);
+  LSP_LOG(0, "test link lost=%d, max=%d, need=%d,real=%d, socket=%u, token=%u", lost,
+          max_real_route_lost_, need, real, socket, param_.token);
+  if (lost < max_real_route_lost_ || lost > 100) {
+    LSP_LOG(0, "watch period time, refuse high freq test, socket=%u, token=%u", socket,
+            param_.token);
+    return false;
+  }
+  recent_cycle_[1].StopWatching();
+  LSP_LOG(0, "test link lost=%d, socket=%u, token=%u", lost, socket, param_.token);
+  return true;
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,137 @@
+#include "quality/recovery_switch.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "common/log.h"
+#include "common/text.h"
+#include "quality/link_thresholds.h"
+#include "route/acc_config.h"
+
+namespace moru_vyr::lsp {
+
+void RecoverySwitch::Init(ISwitchEvent* notifier, SOCKET socket, u32 token, std::string_view guid,
+                          const AccInfo* acc_info, const ClientInfo* client_info,
+                          bool is_switch_session) noexcept {
+  Reset();
+  switch_notifier_ = notifier;
+  socket_ = socket;
+  token_ = token;
+  acc_info_ = *acc_info;
+  game_id_ = GetAccConfig()->game_id;
+  is_switch_session_ = is_switch_session;
+  // One that is too long for a report would be left out of it.
+  const std::string_view kept_guid = guid.size() < sizeof guid_ ? guid : std::string_view();
+  common::SetFieldText(guid_, kept_guid);
+  client_info->Format(client_info_);
+  proxy_idc_ = acc_info_.proxy_idc;
+  start_tick_ = last_report_tick_ = GetTickCount();
+  enabled_ = IsAllowCalc();
+  if (!enabled_) return;
+
+  config_.ReadConfig(is_switch_session);
+  std::snprintf(switch_condition_, sizeof switch_condition_,
+                "delay_amp>=%d;delay_avg>=%d;real_lost>=%d",
+                static_cast<int>(config_.max_delay_amp), static_cast<int>(config_.max_delay_avg),
+                static_cast<int>(config_.max_real_route_lost_));
+  char config_text[RecoverySwitchConfig::kTextSize];
+  config_.Format(config_text);
+  LSP_LOG(0, "RecoverySwitch::Init, switch_condition=%s, %s", switch_condition_, config_text);
+
+  InitCalcs();
+  char acc_text[kLinkTextSize];
+  acc_info_.Format(acc_text);
+  LSP_LOG(0,
+          "[RecoverySwitch::Init]init result=%s, socket=%u, token=%u, game_id=%llu, guid=%s, "
+          "acc_info=%s, client_info=%s, socket=%u, token=%u",
+          enabled_ ? "succ" : "fail", static_cast<u32>(socket_), token_,
+          static_cast<unsigned long long>(game_id_), guid_, acc_text, client_info_,
+          static_cast<u32>(socket_), token_);
+}
+
+void RecoverySwitch::InitCalcs() noexcept {
+  constexpr u32 kClockStart = 0;  // of the clock that OnUpdate gives them
+  constexpr u32 kMinRealRoutePkgs = 0;
+  constexpr u32 kMinDataLinkPkgs = 20;
+  const AccConfig& config = *GetAccConfig();
+  const u16 unit = thresholds::LostCalcUnitSize(config);
+  const u16 cycle = thresholds::LongCycle(config);
+  const u16 wait = thresholds::RecoveryWindow(config);
+  real_route_front_.Init(kClockStart, unit, cycle, wait, kMinRealRoutePkgs, true);
+  real_route_full_.Init(kClockStart, unit, cycle, wait, kMinRealRoutePkgs, true);
+  // Only the last one's word counts. All three get the same unit and cycle.
+  enabled_ = data_link_.Init(kClockStart, unit, cycle, wait, kMinDataLinkPkgs, false) == 0;
+}
+
+void RecoverySwitch::Reset() noexcept {
+  data_link_upload_lost_ = 0;
+  std::fill(std::begin(link_data_), std::end(link_data_), LinkDataSet{});
+  link_type_ = 0;
+  small_section_pack_ = small_section_lost_ = 0;
+  full_section_pack_ = full_section_lost_ = 0;
+  need_switch_ = switch_result_ = 0;
+}
+
+bool RecoverySwitch::OnUpdate() noexcept {
+  if (!enabled_) return false;
+  if (calc_count_ >= config_.max_link_except_rep_num) {
+    LSP_LOG(0, "RecoverySwitch::OnUpdate, reach to the limit.");
+    return false;
+  }
+  const u32 now = GetTickCount();
+  if (now <= start_tick_) {
+    start_tick_ = now;
+    return true;
+  }
+  const u32 time_delta = now - start_tick_;
+  const bool data_link_closed = data_link_.Update(time_delta);
+  real_route_front_.Update(time_delta);
+  const bool real_route_closed = real_route_full_.Update(time_delta);
+  if (data_link_closed) LogUpdate("data_link", time_delta);
+  if (real_route_closed) LogUpdate("real_route", time_delta);
+  return true;
+}
+
+void RecoverySwitch::LogUpdate(const char* calc_name, u32 time_delta) const noexcept {
+  LSP_LOG(0, "[RecoverySwitch::Update]%s, time_delta=%u, socket=%u, token=%u", calc_name,
+          time_delta, static_cast<u32>(socket_), token_);
+}
+
+void RecoverySwitch::RealRouteAddOneSendPkg(u32 seq) noexcept {
+  if (!enabled_) return;
+  real_route_front_.AddOneSend(seq);
+  real_route_full_.AddOneSend(seq);
+  LSP_LOG(0, "[RecoverySwitch::RealRouteAddOneSendPkg]%s, pkg_seq=%u ,socket=%u, token=%u",
+          "real_route", seq, static_cast<u32>(socket_), token_);
+}
+
+void RecoverySwitch::RealRouteAddOneRecvPkg(u32 seq, u8 relay_idx) noexcept {
+  if (!enabled_) return;
+  link_type_ = relay_idx == 0 ? 1 : 2;
+  (relay_idx == 1 ? real_route_front_ : real_route_full_).AddOneRecv(seq);
+  LSP_LOG(0, "[RecoverySwitch::RealRouteAddOneRecvPkg]%s, pkg_seq=%u ,socket=%u, token=%u",
+          "real_route", seq, static_cast<u32>(socket_), token_);
+}
+
+void RecoverySwitch::DataLinkAddOneRecvPkg(u32 seq) noexcept {
+  if (!enabled_) return;
+  data_link_.AddOneRecv(seq);
+  LSP_LOG(0, "[RecoverySwitch::DataLinkAddOneRecvPkg]%s, pkg_seq=%u ,socket=%u, token=%u",
+          "data_link", seq, static_cast<u32>(socket_), token_);
+}
+
+// Of no effect on the figures: what the node received of it, the node says itself.
+void RecoverySwitch::DataLinkAddOneSendPkg(u32 seq) noexcept {
+  if (!enabled_) return;
+  data_link_.AddOneSend(seq);
+  LSP_LOG(0, "[RecoverySwitch::DataLinkAddOneSendPkg]%s, pkg_seq=%u ,socket=%u, token=%u",
+          "data_link", seq, static_cast<u32>(socket_), token_);
+}
+
+void RecoverySwitch::SetUploadLost(u8 lost) noexcept {
+  if (enabled_) data_link_upload_lost_ = lost;
+}
+
+}  // namespace moru_vyr::lsp
