@@ -1,0 +1,64 @@
+// A channel held open for one report: from its construction to its end it has the channel's mutex,
+// if there is a channel.
+//
+// Makes no region: whether there is one is the client program's to say. What it cannot have for
+// want of memory counts as not there.
+#pragma once
+#include <cstring>
+#include <optional>
+
+#include "common/shared_mem_obj.h"
+#include "tracker/report_records.h"
+
+namespace moru_vyr::lsp {
+
+template <typename Record, u32 kSlots>
+class ReportSlot {
+ public:
+  explicit ReportSlot(const ReportChannel& channel) noexcept {
+    try {
+      if (!common::Shared_mem_obj::Exists(channel.mapping_name)) return;
+      owner_.emplace(channel.mapping_name, channel.region_size, channel.mutex_name, false);
+    } catch (...) {
+      return;
+    }
+    const common::Shared_mem_ptr<Region> view(&*owner_, common::kOpenForWriting, true);
+    region_ = view.get();
+    if (region_ == nullptr) return;
+    for (index_ = 0; index_ < kSlots; ++index_) {
+      if (region_->slots[index_].used == 0) break;
+    }
+  }
+  ~ReportSlot() {
+    if (owner_) owner_->Close();
+  }
+  ReportSlot(const ReportSlot&) = delete;
+  ReportSlot& operator=(const ReportSlot&) = delete;
+
+  bool has_region() const noexcept { return region_ != nullptr; }
+  bool is_free() const noexcept { return index_ < kSlots; }
+  int index() const noexcept { return static_cast<int>(index_); }
+
+  // Only into a free slot. The client reads under the mutex, so one copy is as good as any order.
+  void Write(Record record) noexcept {
+    record.used = 1;
+    std::memcpy(&region_->slots[index_], &record, sizeof record);
+  }
+
+ private:
+  using Region = ReportRegion<Record, kSlots>;
+
+  std::optional<common::Shared_mem_owner> owner_;
+  Region* region_ = nullptr;
+  u32 index_ = 0;
+};
+
+using DecisionSlot = ReportSlot<AccDecisionInfo, kDecisionChannel.slot_count>;
+using CommunicationSlot = ReportSlot<CommInfoRecord, kCommunicationChannel.slot_count>;
+using LogPathSlot = ReportSlot<LogPathRecord, kLogPathChannel.slot_count>;
+using LoadedSlot = ReportSlot<LspLoadedRecord, kLoadedChannel.slot_count>;
+using NegotiationResultSlot = ReportSlot<NegRetRecord, kNegotiationResultChannel.slot_count>;
+using RealNegotiationSlot = ReportSlot<RealNegoRecord, kRealNegotiationChannel.slot_count>;
+using RecoverySwitchSlot = ReportSlot<RecoverySwitchRecord, kRecoverySwitchChannel.slot_count>;
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,22 @@
+// The one way in which a report gets into its channel: one operation for each.
+//
+// Each waits for the channel's mutex, which the client program or another game may hold, so only
+// the Tracker's thread calls them. Where the client has made no region, where it is of another
+// version or has no free slot, the report is lost: nothing is retried, queued or counted. Nothing
+// throws.
+#pragma once
+#include "route/acc_decision_info.h"
+#include "tracker/report_records.h"
+#include "tracker/socket_qos_record.h"
+
+namespace moru_vyr::lsp {
+
+void ReportAcceDecisionInfo(const AccDecisionInfo& decision) noexcept;
+void ReportCommunicationStatistic(const SocketQosRecord& socket) noexcept;
+void ReportLogPath(const LogPathRecord& record) noexcept;
+void ReportLspLoadedInfo(const LspLoadedRecord& record) noexcept;
+void ReportNegRetValue(const NegRetRecord& record) noexcept;
+void ReportRealNego(const RealNegoRecord& record) noexcept;
+void ReportRecoverySwitch(const RecoverySwitchRecord& record) noexcept;
+
+}  // namespace moru_vyr::lsp

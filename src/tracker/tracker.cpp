@@ -1,0 +1,299 @@
+// The watch list and its feeding operations.
+#include <windows.h>
+
+#include "common/log.h"
+#include "common/net_text.h"
+#include "common/text.h"
+#include "route/acc_config.h"
+#include "tracker/series_code.h"
+#include "tracker/tracker_impl.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr u64 kUnixEpoch = 116444736000000000;  // as the system's clock counts it
+constexpr u64 kTicksPerSecond = 10'000'000;
+
+int Int(u32 value) noexcept { return static_cast<int>(value); }
+
+u32 CalendarSeconds() noexcept {
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  const u64 ticks = (u64{now.dwHighDateTime} << 32) | now.dwLowDateTime;
+  return static_cast<u32>((ticks - kUnixEpoch) / kTicksPerSecond);
+}
+
+// A direct socket has no proxy, whatever the decision names.
+void CopyProxyFigures(const AccDecisionInfo& decision, SocketQosRecord* record) noexcept {
+  if (!record->is_acce) return;
+  const RouteProxyInfo& proxy = decision.selected_proxy;
+  common::SetFieldText(record->proxy_ip, common::FieldText(proxy.proxy_addr));
+  record->proxy_port = proxy.proxy_port;
+  record->proxy_idc = proxy.proxy_idc;
+  record->section1_delay = proxy.section1_delay;
+  record->section1_lost = proxy.section1_lost;
+  record->section2_delay = proxy.section2_delay;
+}
+
+RealNegoRecord MakeRealNego(const SocketQosRecord& socket, u32 last_node_id, u32 last_node_ip,
+                            const AccDecisionInfo& decision) noexcept {
+  const RouteProxyInfo& proxy = decision.selected_proxy;
+  RealNegoRecord record;
+  record.used = 1;
+  record.game_id = decision.game_id;
+  record.user_isp = socket.user_isp;
+  record.user_ip = socket.user_ip;
+  common::SetFieldText(record.guid, socket.guid);
+  record.proxy_id = proxy.proxy_idc;
+  common::SetFieldText(record.proxy_ip, common::FieldText(proxy.proxy_addr));
+  record.proxy_port = proxy.proxy_port;
+  record.last_node_id = last_node_id;
+  record.last_node_ip = last_node_ip;
+  record.game_ip = decision.game_ip;
+  record.game_port = decision.game_port;
+  record.stamp = CalendarSeconds();
+  return record;
+}
+
+NegRetRecord MakeNegRet(const SocketQosRecord& socket, const AccDecisionInfo& decision) {
+  const RouteProxyInfo& proxy = decision.selected_proxy;
+  NegRetRecord record;
+  record.used = 1;
+  record.game_id = decision.game_id;
+  record.game_idc = decision.game_idc;
+  common::SetFieldText(record.game_ip, common::IpToString(htonl(decision.game_ip)));
+  record.game_port = static_cast<u16>(decision.game_port);
+  record.proxy_idc = proxy.proxy_idc;
+  common::SetFieldText(record.proxy_ip, common::FieldText(proxy.proxy_addr));
+  record.proxy_port = proxy.proxy_port;
+  record.process_id = GetCurrentProcessId();
+  record.user_isp = proxy.user_isp;
+  record.header3 = decision.header3;
+  record.user_ip = proxy.user_ip;
+  common::SetFieldText(record.guid, socket.guid);
+  return record;
+}
+
+// Errors that say "later", and so are none.
+bool CountsForNothing(int error) noexcept {
+  return error == WSAEWOULDBLOCK || error == WSA_IO_PENDING || error == WSAEINPROGRESS;
+}
+
+void Signal(const common::UniqueHandle& event) noexcept {
+  if (event) SetEvent(event.get());
+}
+
+}  // namespace
+
+SocketQosRecord* Tracker::FindRecord(SOCKET socket) {
+  const auto found = watch_list_.find(socket);
+  return found != watch_list_.end() ? &found->second : nullptr;
+}
+
+const SocketQosRecord* Tracker::Find(SOCKET socket) const {
+  const auto found = watch_list_.find(socket);
+  return found != watch_list_.end() ? &found->second : nullptr;
+}
+
+void Tracker::AddToWatchList(SOCKET socket, u32 type, u32 token) {
+  const auto [place, is_new] = watch_list_.try_emplace(socket);
+  if (!is_new) return;
+  SocketQosRecord& record = place->second;
+  record.socket = socket;
+  record.socket_type = type;
+  record.token = token;
+  record.continuous = true;
+  record.create_tick = GetTickCount();
+  MakeSeriesCode(socket, record.series_code, sizeof record.series_code);
+  LSP_LOG(0, "[Tracker] Add %d to watch list, token=%d", static_cast<int>(socket), Int(token));
+}
+
+void Tracker::MakeClosingUpdate(SocketQosRecord* record) {
+  LSP_LOG(0, "[Tracker] update info, is_acce=%s, socket=%Id, token=%d",
+          record->is_acce ? "true" : "false", record->socket, Int(record->token));
+  UpdateTimes(record);
+  if (record->socket_type == kTrackUdp && record->is_acce && record->nego_success) {
+    UpdateLoss(&record->speed_test.frontend, true);
+    UpdateLoss(&record->speed_test.backend, true);
+  }
+  record->continuous = false;
+}
+
+void Tracker::RemoveFromWatchList(SOCKET socket) {
+  const auto found = watch_list_.find(socket);
+  if (found == watch_list_.end()) return;
+  // Taken out first, so that it has left even where the report cannot be kept.
+  const auto node = watch_list_.extract(found);
+  SocketQosRecord& record = node.mapped();
+  const int token = Int(record.token);
+  LSP_LOG(0, "[Tracker] socket closed, socket=%Id, token=%d", socket, token);
+  MakeClosingUpdate(&record);
+  if (record.is_acce && record.nego_success) {
+    common::Lock hold(lists_lock_);
+    pending_.final_comm_list.push_back(std::move(record));
+    LSP_LOG(0, "[Tracker] acce final comm info submitted, socket=%Id, token=%d", socket, token);
+    Signal(qos_ready_event_);
+  } else {
+    LSP_LOG(0, "[Tracker] direct final comm info ignored, socket=%Id, token=%d", socket, token);
+  }
+  LSP_LOG(0, "[Tracker] Remove %d from watch list, token=%d", static_cast<int>(socket), token);
+}
+
+void Tracker::NoteGameServer(SOCKET socket, const char* ip, u16 port) {
+  if (ip == nullptr) return;
+  SocketQosRecord* const record = FindRecord(socket);
+  if (record == nullptr) return;
+  LSP_LOG(0, "[Tracker] Ready to Connect to game server socket=%Id, ip=%s, port=%d,token=%d",
+          socket, ip, int{ntohs(port)}, Int(record->token));
+  common::SetFieldText(record->game_ip, ip);
+  record->game_port = ntohs(port);
+}
+
+void Tracker::SetAcceInfo(SOCKET socket, bool is_acce, const AccDecisionInfo& decision) {
+  SocketQosRecord* const record = FindRecord(socket);
+  if (record == nullptr) {
+    LSP_LOG(4, "[Tracker] set acce can not find socket");
+    return;
+  }
+  LSP_LOG(0, "[Tracker] Socket Base Acce Information saved socket=%Id, is_acce=%d, token=%d",
+          socket, is_acce ? 1 : 0, Int(record->token));
+  record->is_acce = is_acce;
+  record->game_idc = decision.game_idc;
+  record->header3 = decision.header3;
+  record->acc_reason = decision.acc_reason;
+  record->direct_delay = decision.direct_delay;
+  record->direct_lost = decision.direct_lost;
+  CopyProxyFigures(decision, record);
+  record->guid = common::FieldText(decision.guid);
+  // To accelerate may still fail: that decision is reported once the node has agreed.
+  if (is_acce) return;
+  common::Lock hold(lists_lock_);
+  pending_.decision_list.push_back(decision);
+  LSP_LOG(0, "[Tracker] decision info(not acce) qos submitted, socket=%Id, token=%d", socket,
+          Int(record->token));
+  Signal(qos_ready_event_);
+}
+
+void Tracker::RecordNegSuccess(SOCKET socket, u32 user_isp, u32 user_ip, u32 last_node_id,
+                               u32 last_node_ip, const AccDecisionInfo& decision) {
+  SocketQosRecord* const record = FindRecord(socket);
+  if (record == nullptr) return;
+  LSP_LOG(0, "[Tracker] Nego Success socket=%Id, token=%d, type=%d", socket, Int(record->token),
+          Int(record->socket_type));
+  record->nego_success = true;
+  record->user_isp = user_isp;
+  record->user_ip = user_ip;
+  record->nego_result = 0;
+  CopyProxyFigures(decision, record);
+  const RealNegoRecord real_nego = MakeRealNego(*record, last_node_id, last_node_ip, decision);
+  {
+    common::Lock hold(lists_lock_);
+    pending_.decision_list.push_back(decision);
+    LSP_LOG(0, "[Tracker] decision info(will acce) qos submitted, socket=%Id, token=%d", socket,
+            Int(record->token));
+    pending_.real_nego_list.push_back(real_nego);
+    Signal(qos_ready_event_);
+  }
+  SnapshotCommInfo(false);
+}
+
+void Tracker::RecordNegFailed(SOCKET socket, i32 neg_type, u32 nego_result,
+                              const AccDecisionInfo& decision, u32 elapsed_ms, u32 tries) {
+  const DWORD last_error = GetLastError();
+  SocketQosRecord* const record = FindRecord(socket);
+  if (record == nullptr) return;
+  LSP_LOG(0, "[Tracker] RecordNegFailed socket=%Id, neg_type=%d, nego_result=%d, token=%d", socket,
+          int{neg_type}, Int(nego_result), Int(record->token));
+  record->nego_success = false;
+  record->nego_result = nego_result;
+  NegRetRecord neg_ret = MakeNegRet(*record, decision);
+  neg_ret.neg_type = neg_type;
+  neg_ret.nego_result = Int(nego_result);
+  neg_ret.last_error = last_error;
+  neg_ret.nego_count = tries;
+  neg_ret.elapsed_ms = elapsed_ms;
+  common::Lock hold(lists_lock_);
+  pending_.neg_ret_list.push_back(neg_ret);
+  LSP_LOG(0, "[Tracker] nego ret qos submitted, socket=%Id, token=%d", socket, Int(record->token));
+  Signal(qos_ready_event_);
+}
+
+void Tracker::SetConnectResult(SOCKET socket, i32 value) {
+  if (SocketQosRecord* const record = FindRecord(socket)) record->connect_result = value;
+}
+
+void Tracker::RecordSend(SOCKET socket, u32 bytes, int error) {
+  SocketQosRecord* const record = FindRecord(socket);
+  if (record == nullptr || CountsForNothing(error)) return;
+  if (error != 0) {
+    ++record->total_sent_errors;
+    record->curr_send_error_code = static_cast<u32>(error);
+    if (record->first_send_error_code == 0) record->first_send_error_code = static_cast<u32>(error);
+    return;
+  }
+  record->total_sent_bytes += bytes;
+  ++record->total_sent_packets;
+  record->last_send_size = bytes;
+  record->last_send_tick = GetTickCount();
+  if (record->first_send_tick == 0) record->first_send_tick = record->last_send_tick;
+}
+
+void Tracker::RecordRecv(SOCKET socket, u32 bytes, int error) {
+  SocketQosRecord* const record = FindRecord(socket);
+  if (record == nullptr || CountsForNothing(error)) return;
+  if (error != 0) {
+    ++record->total_recv_errors;
+    record->curr_recv_error_code = static_cast<u32>(error);
+    if (record->first_recv_error_code == 0) record->first_recv_error_code = static_cast<u32>(error);
+    return;
+  }
+  record->total_recv_bytes += bytes;
+  ++record->total_recv_packets;
+  record->last_recv_size = bytes;
+  record->last_recv_tick = GetTickCount();
+  if (record->first_recv_tick == 0) record->first_recv_tick = record->last_recv_tick;
+}
+
+bool Tracker::GetSpeedTestResult(SOCKET socket, SpeedStats* out) {
+  const SocketQosRecord* const record = Find(socket);
+  if (record == nullptr) return false;
+  *out = record->speed_test;
+  return true;
+}
+
+bool Tracker::SetSpeedTestResult(SOCKET socket, const SpeedStats& stats) {
+  SocketQosRecord* const record = FindRecord(socket);
+  if (record == nullptr) return false;
+  record->speed_test = stats;
+  UpdateLoss(&record->speed_test.frontend, false);
+  UpdateLoss(&record->speed_test.backend, false);
+  return true;
+}
+
+bool Tracker::GetPacketCounts(SOCKET socket, u32* sent, u32* received) {
+  const SocketQosRecord* const record = Find(socket);
+  if (record == nullptr) return false;
+  *sent = record->total_sent_packets;
+  *received = record->total_recv_packets;
+  return true;
+}
+
+void Tracker::SetRecoveryInfo(SOCKET socket, const char* text) {
+  SocketQosRecord* const record = FindRecord(socket);
+  if (record == nullptr) {
+    LSP_LOG(4, "[Tracker] set recovery can not find socket");
+    return;
+  }
+  record->recovery_info = text;
+  LSP_LOG(0, "socket record recovery switch info=%s", text);
+}
+
+void Tracker::SubmitRecoverySwitch(const RecoverySwitchRecord& record) {
+  common::Lock hold(lists_lock_);
+  pending_.recovery_list.push_back(record);
+  LSP_LOG(0, "[Tracker]  recovery switch qos submitted, game_id=%llu, guid=%s",
+          static_cast<unsigned long long>(record.game_id), record.guid);
+  Signal(qos_ready_event_);
+}
+
+}  // namespace moru_vyr::lsp
