@@ -3,6 +3,7 @@
 #include "common/handle.h"
 #include "common/log.h"
 #include "route/route.h"
+#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -95,8 +96,10 @@ void RelayMgr::WorkerProc() noexcept {
   worker_thread_id_.store(GetCurrentThreadId(), std::memory_order_relaxed);
   if (!InternalInit() || !BecomeTheWorker()) return;
   LSP_LOG(0, "RelayMgr::WorkerProc, FD_SIZE=%lu", static_cast<unsigned long>(FD_SETSIZE));
+  GetTracker().Init();
   stop_flag_.store(false, std::memory_order_relaxed);
   Loop();
+  GetTracker().UnInit();
   udp_provider_.Uninit();
   tcp_provider_.Uninit();
   LSP_LOG(0, "RelayMgr::WorkerProc Quit");
@@ -140,6 +143,7 @@ void RelayMgr::Loop() noexcept {
 // counter has climbed back.
 void RelayMgr::OnTimer(u32* last_update) noexcept {
   const u32 now = GetTickCount();
+  GetTracker().OnTimer(now);
   if (now <= *last_update + kUpdateIntervalMs) return;
   const u32 elapsed = now - *last_update;
   udp_provider_.OnUpdate(elapsed);

@@ -6,6 +6,7 @@
 #include "common/net_text.h"
 #include "common/unix_time.h"
 #include "route/decision.h"
+#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -140,7 +141,10 @@ bool TcpNegotiation::CheckNegotiation(AccDecisionInfo* decision, u32* reason) no
   }
   proxy.user_ip = htonl(body.client_ip);
   proxy.user_isp = client_isp;
-  return *reason == 0;
+  if (*reason != 0) return false;
+  GetTracker().RecordNegSuccess(socket_, client_isp, htonl(body.client_ip), body.last_node.node_id,
+                                htonl(body.last_node.ip), decision);
+  return true;
 }
 
 void TcpNegotiation::NegotiationSuccess() const noexcept {

@@ -6,6 +6,7 @@
 #include "common/function_trace.h"
 #include "common/log.h"
 #include "relay/socket_helpers.h"
+#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -153,6 +154,7 @@ bool TcpProvider::ConnectToRemoteServer(TcpSession* session) noexcept {
     LSP_LOG(4, "[TCP]ConnectToRemoteServer failed to create socket, token=%u", session->token());
     return false;
   }
+  GetTracker().AddToWatchList(remote, kTrackTcp, session->token());
   session->SetRemoteSocket(remote);
   session->DecideRemoteAddr();
   LSP_LOG(4, "[TCP]ConnectToRemoteServer remote socket=%Id, token=%u", remote, session->token());
@@ -181,6 +183,7 @@ void TcpProvider::CloseObsoleteSession(TcpSession* session, u32 verdict) noexcep
     LSP_LOG(4, "[TCP]CloseObsoleteSession, about to close socket=%Id, token=%u", socket, token);
     closesocket(socket);
   }
+  if (remote_socket != INVALID_SOCKET) GetTracker().RemoveFromWatchList(remote_socket);
 }
 
 void TcpProvider::OnUpdate(u32 elapsed_ms) noexcept {

@@ -5,6 +5,7 @@
 #include "common/net_text.h"
 #include "relay/tcp_provider.h"
 #include "route/route.h"
+#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -42,6 +43,7 @@ void TcpSession::DecideRemoteAddr() noexcept {
   } catch (...) {
     use_acc_ = false;  // no memory for a question: the game server can still be reached
   }
+  GetTracker().SetAcceInfo(remote_socket_, use_acc_, &decision_);
   if (use_acc_) {
     connect_elapsed_ = 0;
     TargetSelectedProxy();
@@ -56,6 +58,8 @@ bool TcpSession::Connect() noexcept {
   target.sin_family = AF_INET;
   target.sin_port = remote_port_;
   target.sin_addr.s_addr = remote_ip_;
+  // Also where the target is a node: what is reported is whom the game talks to.
+  GetTracker().NoteGameServer(remote_socket_, common::IpToString(game_ip_).c_str(), game_port_);
   const int result =
       connect(remote_socket_, reinterpret_cast<const sockaddr*>(&target), sizeof target);
   const int error = WSAGetLastError();
@@ -92,6 +96,7 @@ u32 TcpSession::HandleRemoteReadable() noexcept {
 u32 TcpSession::HandleRemoteWritable() noexcept {
   switch (state_) {
     case TcpState::Connecting:
+      GetTracker().SetConnectResult(remote_socket_, 0);
       LSP_LOG(4, "[TCP]TcpSession::HandleRemoteWritable, connection is successful. token=%u",
               token_);
       if (use_acc_) {
@@ -117,6 +122,7 @@ u32 TcpSession::HandleConnectFailure() noexcept {
     return kNoAction;
   }
   LSP_LOG(4, "[TCP]HandleConnectFailure. Connection Failed, token=%u", token_);
+  GetTracker().SetConnectResult(remote_socket_, -1);
   state_ = TcpState::Failed;
   return kCloseSession;
 }

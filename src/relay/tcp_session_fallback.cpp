@@ -8,6 +8,7 @@
 #include "relay/socket_helpers.h"
 #include "relay/tcp_provider.h"
 #include "relay/tcp_session.h"
+#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -21,6 +22,9 @@ bool TcpSession::StartNegotiation() noexcept {
   const bool sent =
       negotiation_.SendTcpNegotiation(provider_->SessionMgr(), remote_socket_, token_, game_ip_,
                                       game_port_, node_changes_, &guid_, &decision_);
+  if (!sent) {
+    GetTracker().RecordNegFailed(remote_socket_, 0, kNegoSendFailed, &decision_, 0, nego_count_);
+  }
   const RouteProxyInfo& proxy = decision_.selected_proxy;
   LSP_LOG(5,
           "TcpSession::StartNegotiation, proxy_idc=%u, proxy_addr=%s:%u, proxy_t1=%u, proxy_t2=%u, "
@@ -47,6 +51,8 @@ bool TcpSession::FinishNegotiation() noexcept {
 
 bool TcpSession::OnNegotiationFailed(u32 reason) noexcept {
   LSP_LOG(5, "[TCP] TcpSession::OnNegotiationFailed, reason=%u, token=%u", reason, token_);
+  GetTracker().RecordNegFailed(remote_socket_, 0, reason, &decision_, negotiation_.ElapsedMs(),
+                               nego_count_);
   if (node_changes_ == 0 && ChangeAcclServer()) {
     ++node_changes_;
     connect_elapsed_ = 0;
@@ -56,6 +62,7 @@ bool TcpSession::OnNegotiationFailed(u32 reason) noexcept {
               token_);
       return false;
     }
+    GetTracker().SetAcceInfo(remote_socket_, true, &decision_);
     if (ConnectToNewNode()) return true;
   }
   state_ = TcpState::Failed;
@@ -99,6 +106,7 @@ bool TcpSession::CreateRemoteSocket() noexcept {
     LSP_LOG(4, "[TCP]CreateRemoteSocket, about to close socket=%Id, token=%u", remote_socket_,
             token_);
     closesocket(remote_socket_);
+    GetTracker().RemoveFromWatchList(remote_socket_);
     remote_socket_ = INVALID_SOCKET;
   }
   if (!CreateNonBlockTcpSocket(&remote_socket_)) {
@@ -106,6 +114,7 @@ bool TcpSession::CreateRemoteSocket() noexcept {
             token_);
     return false;
   }
+  GetTracker().AddToWatchList(remote_socket_, kTrackTcp, token_);
   mgr->AddSocket(remote_socket_, provider_->RemoteRelaySocketOf());
   return true;
 }

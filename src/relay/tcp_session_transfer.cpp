@@ -5,6 +5,7 @@
 #include "common/log.h"
 #include "relay/tcp_provider.h"
 #include "relay/tcp_session.h"
+#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -47,6 +48,7 @@ bool TcpSession::DoRemoteRead() noexcept {
     if (!remote_to_local_.Reserve(&place, kReadSize)) return true;
     const int n = recv(remote_socket_, reinterpret_cast<char*>(place), kReadSize, 0);
     const int error = WSAGetLastError();
+    GetTracker().RecordRecv(remote_socket_, static_cast<u32>(n), error);
     if (n == 0) {
       const bool owes = !remote_to_local_.IsEmpty() && !local_sock_deleteing_;
       if (owes) {
@@ -116,6 +118,7 @@ bool TcpSession::DoRemoteWrite() noexcept {
     const int n =
         send(remote_socket_, reinterpret_cast<const char*>(bytes), static_cast<int>(size), 0);
     const int error = WSAGetLastError();
+    GetTracker().RecordSend(remote_socket_, static_cast<u32>(n), error);
     if (n > 0) {
       LSP_LOG(0, "[TCP]DoRemoteWrite. Send data to acc/game server, len=%d, socket=%Id, token=%u",
               n, remote_socket_, token_);
@@ -148,6 +151,7 @@ void TcpSession::CloseSocket(SOCKET* socket) noexcept {
   if (*socket == INVALID_SOCKET) return;
   if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->RemoveSocket(*socket);
   closesocket(*socket);
+  if (socket == &remote_socket_) GetTracker().RemoveFromWatchList(*socket);
   *socket = INVALID_SOCKET;
 }
 
