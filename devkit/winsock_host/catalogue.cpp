@@ -71,8 +71,17 @@ void SetName(WSAPROTOCOL_INFOW* info, const wchar_t* prefix, const wchar_t* name
   std::wcsncat(info->szProtocol, name, WSAPROTOCOL_LEN - std::wcslen(info->szProtocol));
 }
 
+// A layer does not promise handles that behave as the platform's own in every respect. Programs
+// that see it leave alone the shortcut past their completion ports for calls that succeed at once,
+// and with the library they must: its ConnectEx answers TRUE for a connect that still runs.
+WSAPROTOCOL_INFOW DescribeLayer(const Kind& kind) {
+  WSAPROTOCOL_INFOW info = Describe(kind);
+  info.dwServiceFlags1 &= ~DWORD{XP1_IFS_HANDLES};
+  return info;
+}
+
 void AddHiddenEntry() {
-  WSAPROTOCOL_INFOW info = Describe(kKinds[0]);
+  WSAPROTOCOL_INFOW info = DescribeLayer(kKinds[0]);
   info.dwProviderFlags |= PFL_HIDDEN;
   info.ProviderId = kLibraryGuid;
   info.dwCatalogEntryId = kHiddenId;
@@ -82,7 +91,7 @@ void AddHiddenEntry() {
 }
 
 void AddLayeredEntry(DWORD kind) {
-  WSAPROTOCOL_INFOW info = Describe(kKinds[kind]);
+  WSAPROTOCOL_INFOW info = DescribeLayer(kKinds[kind]);
   info.ProviderId = kLayeredGuid;
   info.dwCatalogEntryId = kLayeredId + kind;
   info.ProtocolChain.ChainLen = 2;

@@ -1,3 +1,5 @@
+#include <cstddef>
+#include <cstring>
 #include <initializer_list>
 
 #include "dispatch.h"
@@ -13,6 +15,15 @@ const Provider& ProviderOfSets(const fd_set* reads, const fd_set* writes, const 
     if (set != nullptr && set->fd_count != 0) return OwnerOf(set->fd_array[0]);
   }
   return DirectProvider();
+}
+
+// The platform knows nothing of our entries: a socket's own description gets the promises of the
+// entry that made it.
+void ShowEntry(const Provider& provider, int option, char* value) {
+  static_assert(offsetof(WSAPROTOCOL_INFOW, dwServiceFlags1) == 0);
+  static_assert(offsetof(WSAPROTOCOL_INFOA, dwServiceFlags1) == 0);
+  if (option != SO_PROTOCOL_INFOW && option != SO_PROTOCOL_INFOA) return;
+  std::memcpy(value, &provider.info.dwServiceFlags1, sizeof provider.info.dwServiceFlags1);
 }
 
 }  // namespace
@@ -69,6 +80,9 @@ int WSAAPI GetSockOpt(SOCKET s, int level, int option, char* value, int* length)
   const Provider& provider = OwnerOf(s);
   int error = 0;
   const int result = provider.table.lpWSPGetSockOpt(s, level, option, value, length, &error);
+  if (result == 0 && level == SOL_SOCKET && &provider != &DirectProvider()) {
+    ShowEntry(provider, option, value);
+  }
   return Finish(provider, kGetSockOpt, result, error);
 }
 
