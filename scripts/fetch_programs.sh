@@ -7,7 +7,8 @@
 #   scripts/fetch_programs.sh --path   print the folder they are unpacked into, fetch nothing
 #   scripts/fetch_programs.sh --check  exit 1 if any is missing, fetch nothing
 #
-# Unpacked: FOLDER/ffmpeg.exe, FOLDER/esbuild.exe
+# Unpacked: FOLDER/ffmpeg.exe, FOLDER/esbuild.exe, FOLDER/node.exe (a JavaScript runtime, no relation
+# to the nodes that traffic goes through)
 set -u
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/vyr/programs
 
@@ -15,6 +16,7 @@ cache=${XDG_CACHE_HOME:-$HOME/.cache}/vyr/programs
 programs=(
   "@ffmpeg-installer/win32-ia32@4.1.0|sha512-FV2D7RlaZv/lrtdhaQ4oETwoFUsUjlUiasiZLDxhEUPdNDWcH1OU9K1xTvqz+OXLdsmYelUDuBS/zkMOTtlUAw==|ffmpeg.exe"
   "@esbuild/win32-ia32@0.21.5|sha512-SWXFF1CL2RVNMaVs+BBClwtfZSvDgtL//G/smwAc5oVK/UPu2Gu9tIaRgFmYFFKrmg3SyAjSrElf0TiJ1v8fYA==|esbuild.exe"
+  "node-win-x86@22.23.2|sha512-KCIFCi5rp0Slx4IoD9flKynhAfvGNloeq/sllx//qGuKZ09aSvrsfejR8pRPcS4Obv9mMcVFApYZxBIdgtcLxA==|node.exe"
 )
 
 complain() { echo "fetch_programs: $*" >&2; exit 1; }
@@ -44,7 +46,7 @@ print("sha512-" + base64.b64encode(hashlib.sha512(open(sys.argv[1], "rb").read()
 mode=${1:-fetch}
 case "$mode" in
   --path) echo "$cache"; exit 0 ;;
-  -h|--help) sed -n '2,10s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  -h|--help) sed -n '2,11s/^# \{0,1\}//p' "$0"; exit 0 ;;
   fetch|--check) ;;
   *) echo "scripts/fetch_programs.sh: unknown option '$mode'; see --help" >&2; exit 2 ;;
 esac

@@ -4,16 +4,14 @@ serves them in one process, a listed game finds them in another and follows each
 import contextlib
 import datetime
 import os
-import queue
 import re
 import shutil
 import socket
-import subprocess
 import threading
-import time
 import tomllib
 
 import support
+from conversation import Conversation, wait_until
 
 KNOWN = "198.51.100.10"  # in the IP table; .11 is too, but blacklisted
 SPUR = "198.51.100.12"  # in the spur list from the start
@@ -24,8 +22,6 @@ BEAT_S = 30
 # Each beat is late by a pass of the worker, and this machine may be busy.
 LATEST_BEAT_S = 33
 HOLD_S = 5  # fifty tries, a tenth of a second each
-PATIENCE_S = 40  # more than a beat
-POLL_S = 0.2
 
 SPUR_CHANGED = "[Route][OnUpdate] Spur iplist content has changed, reload it!"
 WORKER_BEGINS = "RelayMgr::WorkerProc, FD_SIZE="
@@ -85,54 +81,6 @@ ip = '198.51.100.11'
 type = 'UDP'
 port = 53
 """
-
-
-def wait_until(condition):
-    """Polls; what the condition gave last, true or not."""
-    end = time.monotonic() + PATIENCE_S
-    while not (found := condition()) and time.monotonic() < end:
-        time.sleep(POLL_S)
-    return found
-
-
-class Conversation:
-    """A Windows program whose lines are read while it runs."""
-
-    def __init__(self, command, folder):
-        self.process = subprocess.Popen(
-            [support.WINE, *map(str, command)], cwd=folder, text=True, encoding="utf-8",
-            errors="replace", bufsize=1, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT,
-        )  # fmt: skip
-        self.lines = queue.Queue()
-        threading.Thread(target=self._read, daemon=True).start()
-
-    def _read(self):
-        for line in self.process.stdout:
-            self.lines.put(line.rstrip("\r\n"))
-
-    def say(self, text):
-        with contextlib.suppress(OSError):  # it has ended; what it does not answer will show
-            self.process.stdin.write(text + "\n")
-
-    def line_with(self, words):
-        """The next line that has those words; empty where none comes in time."""
-        end = time.monotonic() + PATIENCE_S
-        with contextlib.suppress(queue.Empty):
-            while True:
-                line = self.lines.get(timeout=max(0, end - time.monotonic()))
-                if words in line:
-                    return line
-        return ""
-
-    def asked(self, text, answer):
-        self.say(text)
-        return self.line_with(answer)
-
-    def end(self):
-        with contextlib.suppress(OSError):
-            self.process.stdin.close()
-        return self.process.wait(support.LONGEST_RUN_S)
 
 
 class Client(Conversation):

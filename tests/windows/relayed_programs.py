@@ -1,0 +1,153 @@
+"""Unmodified third-party programs as games: their connections go through a node, which says whose
+they were; their work comes out as ever. A media tool connects in a select loop, a JavaScript
+runtime by extension function and overlapped calls, many connections at once. A bundler that only
+serves is a game too: what it accepts is nobody's to relay."""
+
+import hashlib
+import http.server
+import json
+import os
+import re
+import subprocess
+import threading
+
+import real_programs
+import relay_bench
+import support
+
+FETCHES = 59  # with the upload: sixty at once
+UPLOAD = 8 << 20
+LONGEST_S = 120
+
+
+class WebServer:
+    """Serves one body at any path, and hashes what is posted."""
+
+    def __init__(self, body):
+        bench = self
+        self.uploads = []
+        self.peers = set()
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def answer(self, content):
+                bench.peers.add(self.client_address[0])
+                self.send_response(200)
+                self.send_header("Content-Length", str(len(content)))
+                self.end_headers()
+                self.wfile.write(content)
+
+            def do_GET(self):
+                self.answer(body)
+
+            def do_POST(self):
+                data = self.rfile.read(int(self.headers["Content-Length"]))
+                bench.uploads.append(hashlib.sha256(data).hexdigest())
+                self.answer(b"taken")
+
+            def log_message(self, *_):
+                pass
+
+        http.server.ThreadingHTTPServer.request_queue_size = FETCHES + 1
+        self.server = http.server.ThreadingHTTPServer((relay_bench.SERVER, 0), Handler)
+        self.address = f"{relay_bench.SERVER}:{self.server.server_port}"
+        threading.Thread(target=self.server.serve_forever, daemon=True).start()
+
+
+class Stage:
+    """Each program in a folder of its own, all of them listed as games."""
+
+    def __init__(self, arguments):
+        self.checks = support.Checks()
+        self.runner = support.Runner(arguments)
+        programs = real_programs.programs_folder()
+        self.paths = {}
+        for name in ("ffmpeg.exe", "node.exe", "esbuild.exe"):
+            self.paths[name] = self.runner.stage(programs / name, name) / name
+        self.bench = relay_bench.Bench(arguments, self.runner, self.paths.values())
+
+    def command(self, name, *arguments):
+        launcher = self.runner.bin / "vyr_run.exe"
+        words = [support.WINE, launcher, "--", support.windows_path(self.paths[name]), *arguments]
+        return [str(word) for word in words]
+
+    def runs(self, name, *arguments):
+        done = subprocess.run(
+            self.command(name, *arguments), cwd=self.paths[name].parent, stdin=subprocess.DEVNULL,
+            capture_output=True, timeout=LONGEST_S, check=False,
+        )  # fmt: skip
+        self.checks.equal(done.returncode, 0, f"{name}: exit code")
+        return done.stderr.decode("utf-8", "replace")
+
+    def asked_the_node(self, name, server, before, count):
+        games = self.bench.node.games()[before:]
+        self.checks.equal(games, [server.address] * count, f"{name}: whom the node was asked for")
+        self.checks.equal(server.peers, {relay_bench.NODE}, f"{name}: the server saw the node alone")
+        log = self.bench.log()
+        redirects = re.findall(r"will accelerate", log)
+        self.checks.that(redirects, f"{name}: its log says so", log[-2000:])
+
+
+def media_tool(stage):
+    body, samples = real_programs.wave_file()
+    server = WebServer(body)
+    before = len(stage.bench.node.games())
+    errors = stage.runs("ffmpeg.exe", "-v", "error", "-i", f"http://{server.address}/tone.wav",
+                        "-f", "s16le", "-c:a", "pcm_s16le", "out.pcm")  # fmt: skip
+    out = stage.paths["ffmpeg.exe"].parent / "out.pcm"
+    got = out.read_bytes() if out.exists() else b""
+    stage.checks.that(got == samples, "ffmpeg.exe: every sample arrived", errors)
+    stage.asked_the_node("ffmpeg.exe", server, before, 1)
+
+
+def runtime(stage):
+    checks = stage.checks
+    body = os.urandom(1 << 20)
+    server = WebServer(body)
+    before = len(stage.bench.node.games())
+    script = support.ROOT / "tests/windows/probes/fetcher.js"
+    out = stage.paths["node.exe"].parent / "out.json"
+    errors = stage.runs("node.exe", support.windows_path(script), support.windows_path(out),
+                        f"http://{server.address}", FETCHES, UPLOAD)  # fmt: skip
+    if not checks.that(out.exists(), "node.exe: it gets through its work", errors):
+        return
+    result = json.loads(out.read_text())
+    whole = hashlib.sha256(body).hexdigest()
+    fetched = [one for one in result["seen"] if one["path"] != "/upload"]
+    checks.equal(len(fetched), FETCHES, "node.exe: fetches")
+    wrong = [one for one in fetched if (one["status"], one["hash"]) != (200, whole)]
+    checks.equal(wrong, [], "node.exe: every byte of every fetch arrived")
+    checks.equal(server.uploads, [result["uploaded"]], "node.exe: every byte of the upload arrived")
+    peers = {one["peer"] for one in result["seen"]}
+    checks.equal(peers, {server.address}, "node.exe: it believes in its server")
+    stage.asked_the_node("node.exe", server, before, FETCHES + 1)
+
+
+def bundler(stage):
+    checks = stage.checks
+    before = len(stage.bench.node.games())
+    folder = stage.paths["esbuild.exe"].parent
+    big = os.urandom(4 << 20)
+    (folder / "big.bin").write_bytes(big)
+    port = real_programs.free_port()
+    process = subprocess.Popen(
+        stage.command("esbuild.exe", f"--serve={real_programs.PLAYER}:{port}", "--servedir=."),
+        cwd=folder, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+    )  # fmt: skip
+    status, content = real_programs.get_when_up(process, port, "/big.bin")
+    _, errors = process.communicate(timeout=LONGEST_S)
+    checks.that((status, content) == (200, big), "esbuild.exe: it serves every byte", errors.decode())
+    checks.equal(process.returncode, 0, "esbuild.exe: exit code")
+    checks.equal(stage.bench.node.games()[before:], [], "esbuild.exe: the node hears nothing of it")
+
+
+def main():
+    stage = Stage(relay_bench.parse_arguments())
+    with stage.bench.running:
+        media_tool(stage)
+        runtime(stage)
+        bundler(stage)
+    stage.checks.end()
+
+
+if __name__ == "__main__":
+    main()
