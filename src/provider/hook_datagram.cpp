@@ -1,11 +1,39 @@
 // The replaced entries that name an address with each datagram.
+#include <algorithm>
+#include <cstring>
+
 #include "common/log.h"
 #include "provider/hook_common.h"
 #include "provider/hook_entries.h"
+#include "provider/relay_admission.h"
 #include "provider/socket_error_filter.h"
 #include "provider/socket_map.h"
+#include "provider/udp_relay.h"
 
 namespace moru_vyr::lsp {
+namespace {
+
+// Whether a datagram to `to`, which may be null, goes to the relay; *relay_addr is where then.
+bool PrepareSend(const SocketRecord& record, LPWSABUF buffers, DWORD count, const sockaddr* to,
+                 int to_size, sockaddr_in* relay_addr, LPWSATHREADID thread_id) noexcept {
+  if (record.type != kSocketTypeDatagram) return false;
+  const sockaddr_in asked = to != nullptr ? ReadAddress(to, to_size) : sockaddr_in{};
+  const sockaddr_in* const dest = to != nullptr ? &asked : nullptr;
+  return IsAllowUdpRelayed(record, dest) &&
+         PrepareUdpRelaySend(record, buffers, count, dest, relay_addr, thread_id);
+}
+
+// Puts the true source into the caller's place for it, as far as that reaches.
+void RestoreSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr* from,
+                   const INT* from_size, const DWORD* received) noexcept {
+  if (from == nullptr || from_size == nullptr) return;
+  sockaddr_in source = ReadAddress(from, *from_size);
+  if (!RestoreUdpSource(record, buffers, count, &source, received)) return;
+  const int room = std::clamp(*from_size, 0, static_cast<int>(sizeof source));
+  std::memcpy(from, &source, static_cast<size_t>(room));
+}
+
+}  // namespace
 
 int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lpNumberOfBytesSent,
                      DWORD dwFlags, const struct sockaddr* lpTo, int iTolen,
@@ -20,14 +48,19 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
     FailWithoutProvider(lpErrno);
     return SOCKET_ERROR;
   }
-  // A relayed datagram will go to the relay's address with a copy queued; none is relayed yet.
-  const bool relay_send = false;
-  const sockaddr* const target = lpTo;
+  sockaddr_in relay_addr = {};
+  const bool relay_send =
+      PrepareSend(record, lpBuffers, dwBufferCount, lpTo, iTolen, &relay_addr, lpThreadId);
+  // A socket that names no destination is connected: what it is connected to decides.
+  const sockaddr* const target =
+      relay_send && lpTo != nullptr ? reinterpret_cast<const sockaddr*>(&relay_addr) : lpTo;
   // Kept: the count of sent bytes is not cleared first, unlike in WSPSend.
   const int result =
       next->lpWSPSendTo(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags, target, iTolen,
                         lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
+  // Kept: also for a send that is pending, whose datagram the relay will then drop.
+  if (relay_send && result == SOCKET_ERROR) CancelUdpSend(s, lpBuffers, dwBufferCount);
   const auto log = [&](int level) {
     LSP_LOG(level,
             "WSPSendTo: ret=%d, err=%d, dst=%s:%d, relay_send=%s, pbuf=%p, buf_cnt=%d, "
@@ -60,11 +93,15 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
     FailWithoutProvider(lpErrno);
     return SOCKET_ERROR;
   }
+  const bool allowed = IsAllowedRelay(record);
   // Kept: the count of received bytes is not cleared first, unlike in WSPRecv.
   const int result =
       next->lpWSPRecvFrom(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd, lpFlags, lpFrom,
                           lpFromlen, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
+  if (result == 0 && record.type == kSocketTypeDatagram && allowed) {
+    RestoreSource(record, lpBuffers, dwBufferCount, lpFrom, lpFromlen, lpNumberOfBytesRecvd);
+  }
   const auto log = [&](int level) {
     LSP_LOG(level,
             "WSPRecvFrom end: ret=%d, err=%d, from=%s:%d, pbuf=%p, buf_cnt=%d, recv_bytes=%d, "

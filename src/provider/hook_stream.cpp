@@ -13,6 +13,8 @@
 #include "provider/relay_admission.h"
 #include "provider/socket_error_filter.h"
 #include "provider/socket_map.h"
+#include "provider/udp_relay.h"
+#include "provider/udp_relay_request.h"
 #include "relay/relay_mgr.h"
 
 namespace moru_vyr::lsp {
@@ -23,6 +25,23 @@ namespace {
 void Record(SOCKET s, int type, int protocol, u32 token, WSPPROC_TABLE* table) {
   GetSocketMap().Add(s, type, protocol, token);
   GetSocketMap().SetNextProcTable(s, table);
+}
+
+// Connects a datagram socket to its relay, whose address stands in *storage, if it is for it.
+void RedirectDatagrams(const SocketRecord& record, ConnectTarget* target, sockaddr_in* storage) {
+  const sockaddr_in asked = ReadAddress(target->name, target->name_size);
+  target->udp_connect = HandleUdpConnect(record, &asked, storage);
+  if (!target->udp_connect) return;
+  target->name = reinterpret_cast<const sockaddr*>(storage);
+  target->name_size = sizeof *storage;
+}
+
+void EndRelay(const SocketRecord& record) {
+  if (record.type == kSocketTypeDatagram && record.relay_state == kRelayRunning) {
+    CloseUdpRelay(record);
+  } else if (IsRawPing(record)) {
+    GetIcmpVM().RemoveRawSocket(record.socket);
+  }
 }
 
 }  // namespace
@@ -101,6 +120,7 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
     return SOCKET_ERROR;
   }
   ConnectTarget target{name, namelen};
+  sockaddr_in udp_relay = {};
   if (IsAllowedRelay(record)) {
     LSP_LOG(4, "WSPConnect:protocol=%d, type=%d, socket=%Id, token=%u", record.protocol,
             record.type, s, record.token);
@@ -108,6 +128,8 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
       GetIcmpVM().AddRawSocket(s, ReadAddress(name, namelen).sin_addr.s_addr);
     } else if (record.type == kSocketTypeStream) {
       RedirectStream(record, &target);
+    } else if (record.type == kSocketTypeDatagram) {
+      RedirectDatagrams(record, &target, &udp_relay);
     }
   }
   const int result = next->lpWSPConnect(s, target.name, target.name_size, lpCallerData,
@@ -161,7 +183,7 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
   }
   // A stream's relay is not told: it sees the close on its own socket. Kept: it is asked for
   // streams as well, and whichever call comes first starts the relay.
-  if (IsAllowedRelay(record) && IsRawPing(record)) GetIcmpVM().RemoveRawSocket(s);
+  if (IsAllowedRelay(record)) EndRelay(record);
   // The record goes first: once the socket is closed below, its value can come back at once as
   // another thread's new socket, whose record must not be ours to erase.
   GetSocketErrorFilter().Forget(record.token);

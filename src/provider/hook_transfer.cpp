@@ -6,6 +6,7 @@
 #include "provider/relay_admission.h"
 #include "provider/socket_error_filter.h"
 #include "provider/socket_map.h"
+#include "provider/udp_relay.h"
 
 namespace moru_vyr::lsp {
 
@@ -27,9 +28,14 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
     return 0;
   }
   if (lpNumberOfBytesSent != nullptr) *lpNumberOfBytesSent = 0;
+  const bool relay_send = record.type == kSocketTypeDatagram && IsAllowedRelay(record) &&
+                          PrepareConnectedUdpSend(record, lpBuffers, dwBufferCount, lpThreadId);
   const int result = next->lpWSPSend(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags,
                                      lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
+  if (relay_send && result == SOCKET_ERROR && IsAllowedRelay(record)) {
+    CancelUdpSend(s, lpBuffers, dwBufferCount);
+  }
   const auto log = [&](int level) {
     LSP_LOG(level,
             "WSPSend: ret=%d, err=%d, pbuf=%p, buf_cnt=%d, sent_bytes=%d, flag=%d, ol=0x%08x, "
@@ -67,6 +73,9 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
   if (lpNumberOfBytesRecvd != nullptr) *lpNumberOfBytesRecvd = 0;
   const int result = next->lpWSPRecv(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd, lpFlags,
                                      lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
+  if (result == 0 && record.type == kSocketTypeDatagram && IsAllowedRelay(record)) {
+    RestoreConnectedUdpSource(record, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd);
+  }
   if (lpBuffers == nullptr) {
     LSP_LOG(0, "WSPRecv: buffer is empty, socket=%Id", s);
     return result;
