@@ -47,6 +47,8 @@ void Command(const std::string& line) {
   target.behaviour = &behaviour;
   target.connections = [] { return std::vector<node::Event>(); };
   target.close_all = [](bool) { return node::u64{0}; };
+  target.flows = [] { return std::vector<node::Event>(); };
+  target.forget_flows = [] { return node::u64{0}; };
   target.stop = [] {};
   const std::string reply = node::RunCommand(line, target);
   Require(reply.rfind("{\"ok\":", 0) == 0 && reply.find('\n') == std::string::npos);

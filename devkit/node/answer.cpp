@@ -26,8 +26,10 @@ std::string MakeAnswer(const Behaviour& behaviour, u8 result, u32 token, const A
   response.body.accl_data_ip = own.ip;
   response.body.accl_data_port = own.port;
   response.body.last_node.node_id = static_cast<u16>(behaviour.node_id);
-  response.body.last_node.ip = own.ip;
-  response.body.last_node.port = own.port;
+  response.body.last_node.ip =
+      behaviour.last_node_ip < 0 ? own.ip : static_cast<u32>(behaviour.last_node_ip);
+  response.body.last_node.port =
+      behaviour.last_node_port < 0 ? own.port : static_cast<u16>(behaviour.last_node_port);
   response.body.last_node.accl_token = token;
 
   std::string bytes(sizeof response, '\0');

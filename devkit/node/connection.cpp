@@ -7,15 +7,6 @@
 namespace node {
 namespace {
 
-using moru_vyr::lsp::LastNodeInfo;
-using moru_vyr::lsp::NegoRequest;
-using moru_vyr::lsp::SessionGuid;
-
-std::string TextOf(const SessionGuid& guid) {
-  char text[SessionGuid::kTextSize];
-  return guid.ToString(text, sizeof text);
-}
-
 Readiness ReadinessOf(const Poller& poller, const Socket& socket) {
   return socket.open() ? poller.Of(socket.get()) : Readiness{};
 }
@@ -126,36 +117,11 @@ void Connection::ReadRequest(u64 now) {
   }
 }
 
-namespace {
-
-Event DescribeRequest(Event event, const RequestReader& reader) {
-  const NegoRequest& request = reader.request();
-  const auto& body = request.body;
-  const LastNodeInfo& last = body.last_node;
-  event.With("version", reader.version())
-      .With("pkg_len", request.header.pkg_len)
-      .With("flags", body.flags)
-      .With("retry", body.retry)
-      .With("uin", u64{body.uin})
-      .With("game_id_low", body.game_id_low)
-      .With("game", Address{body.game_ip, body.game_port}.Text())
-      .With("guid", TextOf(body.guid));
-  if (request.header.version >= 2) {
-    event.With("last_node_id", last.node_id)
-        .With("last_node", Address{last.ip, last.port}.Text())
-        .With("last_node_token", last.accl_token)
-        .With("game_idc", body.game_idc);
-  }
-  if (request.header.version >= 3) event.With("game_id", u64{body.game_id});
-  return event;
-}
-
-}  // namespace
-
 void Connection::OnRequest(u64 now) {
-  Emit(DescribeRequest(Tell("request"), reader_));
-  const auto& body = reader_.request().body;
-  game_ = {body.game_ip, body.game_port};
+  Event event = Tell("request");
+  reader_.Describe(&event);
+  Emit(event);
+  game_ = reader_.game();
   request_at_ = now;
   deadline_ = Pipe::kNever;
   state_ = State::kServing;
@@ -182,20 +148,11 @@ void Connection::OnRequest(u64 now) {
 
 // --- the game server ------------------------------------------------------------------------
 
-// A stranger must not reach the control port by way of the node, nor the node by way of itself.
-bool Connection::IsOwn(const Address& server) const {
-  const auto matches = [&](const Address& own) {
-    return own.port != 0 && own.port == server.port &&
-           (own.ip == 0 || own.ip == server.ip || (own.loopback() && server.loopback()));
-  };
-  return matches(node_->own) || matches(node_->control);
-}
-
 void Connection::ConnectToServer(u64 now) {
   server_state_ = Server::kConnecting;
   if (node_->behaviour->server == Behaviour::kHang) return;
   if (node_->behaviour->server == Behaviour::kRefuse) return OnServerFailed(WSAECONNREFUSED, now);
-  if (IsOwn(game_)) return OnServerFailed(WSAEACCES, now);
+  if (node_->IsOwn(game_)) return OnServerFailed(WSAEACCES, now);
   connect_by_ = now + node_->limits.connect_ms;
   server_ = Socket::Stream();
   if (!server_.open()) return OnServerFailed(WSAGetLastError(), now);
@@ -240,8 +197,7 @@ void Connection::OnServerFailed(int error, u64 now) {
 // --- the answer -----------------------------------------------------------------------------
 
 void Connection::BeginAnswer(int result, u64 now) {
-  token_ = static_cast<u32>(node_->behaviour->token);
-  if (token_ == 0) token_ = node_->next_token++;
+  token_ = node_->MakeToken();
   result_ = static_cast<u8>(result);
   Begin(MakeAnswer(*node_->behaviour, result_, token_, node_->own, peer_), now);
   if (result_ != 0) server_.Close();

@@ -3,34 +3,14 @@
 #pragma once
 #include <string>
 
-#include "node/behaviour.h"
 #include "node/event.h"
+#include "node/node_context.h"
 #include "node/pipe.h"
 #include "node/poller.h"
 #include "node/request_reader.h"
 #include "node/socket.h"
 
 namespace node {
-
-// In milliseconds.
-struct Limits {
-  u32 connections = 256;
-  u32 request_ms = 5000;        // from the accept to the last byte of the request
-  u32 connect_ms = 4000;        // to the game server
-  u32 farewell_ms = 5000;       // after a refusal, until the client has closed
-  u32 half_close_ms = 300'000;  // without a byte, once one side has ended
-};
-
-// What a connection needs to know of its node. Outlives it.
-struct NodeContext {
-  const Behaviour* behaviour = nullptr;
-  Limits limits = {};
-  Address own = {};      // where clients come in
-  Address control = {};  // port 0: there is none
-  u32 source_ip = 0;     // connections to game servers come from here; 0: the system chooses
-  u32 next_token = 1;
-  EventSink emit = {};
-};
 
 class Connection {
  public:
@@ -56,7 +36,6 @@ class Connection {
   void ReadRequest(u64 now);
   void OnRequest(u64 now);
   void ConnectToServer(u64 now);
-  bool IsOwn(const Address& server) const;
   void WatchServer(const Readiness& ready, u64 now);
   void OnServerConnected(u64 now);
   void OnServerFailed(int error, u64 now);

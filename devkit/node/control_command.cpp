@@ -51,14 +51,14 @@ Json Set(const Json& command, const ControlTarget& target) {
   return {{"ok", true}};
 }
 
-Json Connections(const ControlTarget& target) {
+Json List(const char* what, const std::vector<Event>& events) {
   Json list = Json::array();
-  for (const Event& connection : target.connections()) {
-    Json one = Json::parse(connection.ToJson());
+  for (const Event& event : events) {
+    Json one = Json::parse(event.ToJson());
     one.erase("event");
     list.push_back(one);
   }
-  return {{"ok", true}, {"connections", list}};
+  return {{"ok", true}, {what, list}};
 }
 
 Json Run(const Json& command, const ControlTarget& target) {
@@ -68,16 +68,20 @@ Json Run(const Json& command, const ControlTarget& target) {
   if (name == "set") return Set(command, target);
   if (command.size() != 1) return Refusal("'" + name + "' takes nothing more");
   if (name == "get") return {{"ok", true}, {"behaviour", ToJson(*target.behaviour)}};
-  if (name == "connections") return Connections(target);
+  if (name == "connections") return List("connections", target.connections());
+  if (name == "flows") return List("flows", target.flows());
   if (name == "restore") {
     *target.behaviour = target.initial;
   } else if (name == "close" || name == "reset") {
     return {{"ok", true}, {"connections", target.close_all(name == "reset")}};
+  } else if (name == "forget") {
+    return {{"ok", true}, {"flows", target.forget_flows()}};
   } else if (name == "stop") {
     target.stop();
   } else {
-    return Refusal("no command '" + name +
-                   "': there are set, get, restore, connections, close, reset, stop");
+    return Refusal(
+        "no command '" + name +
+        "': there are set, get, restore, connections, close, reset, flows, forget, stop");
   }
   return {{"ok", true}};
 }

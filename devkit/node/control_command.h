@@ -16,6 +16,8 @@ struct ControlTarget {
   Behaviour initial = {};  // what "restore" goes back to
   std::function<std::vector<Event>()> connections = {};
   std::function<u64(bool reset)> close_all = {};  // answers how many there were
+  std::function<std::vector<Event>()> flows = {};
+  std::function<u64()> forget_flows = {};  // answers how many there were
   std::function<void()> stop = {};
 };
 

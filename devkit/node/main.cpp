@@ -70,6 +70,8 @@ void AddLimits(CLI::App* app, node::Limits* limits) {
   add("--connect-ms", &limits->connect_ms, kDayMs, "for a game server to accept");
   add("--farewell-ms", &limits->farewell_ms, kDayMs, "for a refused client to close");
   add("--half-close-ms", &limits->half_close_ms, kDayMs, "without a byte, when one side has ended");
+  add("--flows", &limits->flows, 4096, "of datagrams, at once; more are refused");
+  add("--flow-idle-ms", &limits->flow_idle_ms, kDayMs, "without a datagram of the client");
 }
 
 // Empty, or what is wrong.
@@ -118,15 +120,16 @@ int Serve(const Options& options) {
 
 int Run(int argc, char** argv) {
   CLI::App app(
-      "The reference acceleration node: reads a request, answers, connects to the game server\n"
-      "that it names, and carries the bytes both ways. Events go to standard output.\n\n"
+      "The reference acceleration node: reads a request, answers, and carries the bytes of a\n"
+      "connection or the datagrams of a flow to the game server that it names, and back.\n"
+      "Events go to standard output.\n\n"
       "  vyr_node --listen 198.51.100.20:7001 --control 127.0.0.1:7101\n",
       "vyr_node");
   app.set_version_flag("--version", "vyr_node " VYR_VERSION);
   app.footer(
       "With --control, every behaviour can be changed while the node runs, one JSON object a\n"
       "line: {\"command\":\"set\",\"on_request\":\"silent\"}. Others: get, restore, connections,\n"
-      "close, reset, stop.\n"
+      "close, reset, flows, forget, stop.\n"
       "Exit codes: 0 ended as asked, 1 cannot listen, 2 wrong usage.");
   app.allow_windows_style_options(false);
 
@@ -134,6 +137,9 @@ int Run(int argc, char** argv) {
   app.add_option("--listen", options.listen, "where clients come in; port 0 takes any")
       ->required()
       ->type_name("ADDRESS:PORT");
+  app.add_option("--data-port", options.node.data_port,
+                 "where the datagrams of flows go; by default any, as the first event says")
+      ->type_name("PORT");
   app.add_option("--control", options.control, "the control port; none if not given")
       ->type_name("ADDRESS:PORT");
   app.add_option("--source", options.source,

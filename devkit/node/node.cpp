@@ -10,6 +10,7 @@ namespace {
 // After a failed accept or select, so that a node out of handles does not spin.
 constexpr u32 kRestMs = 100;
 constexpr int kAcceptsInARow = 32;
+constexpr int kPortTries = 10;
 
 u64 UnixTimeMs() {
   constexpr u64 kUnixEpoch = 116444736000000000;  // in the file time's units of 100 ns
@@ -41,24 +42,44 @@ Node::Node(NodeOptions options, EventSink sink, Behaviour* behaviour)
   tick_ = GetTickCount();
 }
 
-Node::~Node() { CloseAll(false, "the node ends"); }
+Node::~Node() {
+  CloseAll(false, "the node ends");
+  flows_.CloseAll("the node ends", Now());
+}
 
 bool Node::Start(std::string* problem) {
-  int error = 0;
-  listener_ = Socket::Listener(options_.listen, &error);
-  if (error != 0) {
-    *problem = CannotListen(options_.listen, error);
-    return false;
-  }
-  context_.own = listener_.Local();
+  if (!StartPorts(problem)) return false;
   const Address& own = context_.own;
   context_.source_ip = options_.source_ip.value_or(own.loopback() ? 0 : own.ip);
   if (options_.control && !StartControl(*options_.control, problem)) return false;
   Event event{"listening"};
-  event.With("address", own.Text());
+  event.With("address", own.Text()).With("data", context_.data.Text());
   if (control_.listening()) event.With("control", context_.control.Text());
   Emit(event);
   return true;
+}
+
+bool Node::StartPorts(std::string* problem) {
+  int error = 0;
+  // Where any port will do, one that is free for connections may be taken for datagrams.
+  for (int tries = options_.listen.port == 0 ? kPortTries : 1; tries > 0; --tries) {
+    Address address = options_.listen;
+    if (TryPorts(&address, &error)) return true;
+    *problem = CannotListen(address, error);
+  }
+  return false;
+}
+
+bool Node::TryPorts(Address* address, int* error) {
+  listener_ = Socket::Listener(*address, error);
+  if (*error != 0) return false;
+  context_.own = *address = listener_.Local();
+  *error = negotiation_.Listen(*address);
+  if (*error != 0) return false;
+  *address = {address->ip, options_.data_port};
+  *error = data_.Listen(*address);
+  context_.data = data_.Local();
+  return *error == 0;
 }
 
 bool Node::StartControl(const Address& address, std::string* problem) {
@@ -82,6 +103,13 @@ ControlTarget Node::MakeControlTarget() {
                 return all;
               },
           .close_all = [this](bool reset) { return CloseAll(reset, "as told, by a command"); },
+          .flows =
+              [this] {
+                std::vector<Event> all;
+                for (const auto& flow : flows_.all()) all.push_back(flow->Describe("flow"));
+                return all;
+              },
+          .forget_flows = [this] { return flows_.CloseAll("as told, by a command", Now()); },
           .stop = [this] { stop_asked_ = true; }};
 }
 
@@ -99,21 +127,24 @@ void Node::Emit(const Event& event) {
   sink_(numbered);
 }
 
-void Node::Step(u32 most_ms) {
-  u64 now = Now();
-  u64 due = now + most_ms;
-  const bool frozen = behaviour_->freeze != 0;
-  const bool accepting = connections_.size() < context_.limits.connections;
+u64 Node::WantAll(u64 now, u64 due) {
   poller_.Clear();
   if (now < accept_again_at_) {
     due = std::min(due, accept_again_at_);
   } else {
-    poller_.Want(listener_.get(), {.read = accepting});
+    poller_.Want(listener_.get(), {.read = connections_.size() < context_.limits.connections});
   }
   control_.Want(&poller_);
-  if (!frozen)
-    for (const auto& connection : connections_) connection->Want(&poller_, now, &due);
+  if (behaviour_->freeze != 0) return due;
+  for (const auto& connection : connections_) connection->Want(&poller_, now, &due);
+  negotiation_.Want(&poller_, &due);
+  data_.Want(&poller_, now, &due);
+  return std::min(due, flows_.NextIdle());
+}
 
+void Node::Step(u32 most_ms) {
+  u64 now = Now();
+  const u64 due = WantAll(now, now + most_ms);
   if (!poller_.Wait(static_cast<u32>(due > now ? due - now : 0))) {
     Emit(Event{"error"}.With("what", "select").With("error", static_cast<u64>(WSAGetLastError())));
     Sleep(kRestMs);
@@ -121,10 +152,15 @@ void Node::Step(u32 most_ms) {
   }
   now = Now();
   // A new connection comes last: its handle may be one that was closed a moment ago, and what
-  // the poller knows of that handle is not about it.
+  // the poller knows of that handle is not about it. (For a datagram socket that costs no more
+  // than a read of nothing.)
   const bool somebody = poller_.Of(listener_.get()).read;
-  if (!frozen)
+  if (behaviour_->freeze == 0) {
     for (const auto& connection : connections_) connection->Step(poller_, now);
+    data_.Step(poller_, now);
+    negotiation_.Step(poller_, now);
+    flows_.CloseIdle(now);
+  }
   control_.Step(poller_);
   connections_.remove_if([](const auto& connection) { return connection->closed(); });
   if (somebody) Accept(now);

@@ -7,11 +7,15 @@
 
 #include "node/connection.h"
 #include "node/control_port.h"
+#include "node/data_path.h"
+#include "node/flow_table.h"
+#include "node/negotiation.h"
 
 namespace node {
 
 struct NodeOptions {
   Address listen = {};                  // port 0: any, which the event "listening" names
+  u16 data_port = 0;                    // of datagram flows; 0: any, named there too
   std::optional<Address> control = {};  // none: no control port
   std::optional<u32> source_ip = {};    // none: as the listening address says, see Start
   Limits limits = {};
@@ -41,14 +45,19 @@ class Node {
   // May be changed between steps.
   Behaviour& behaviour() { return *behaviour_; }
   Address listening() const { return context_.own; }
+  Address data() const { return context_.data; }
   Address control() const { return context_.control; }
   std::size_t connections() const { return connections_.size(); }
+  std::size_t flows() const { return flows_.all().size(); }
 
  private:
   u64 Now();
   void Emit(const Event& event);
   ControlTarget MakeControlTarget();
+  bool StartPorts(std::string* problem);
+  bool TryPorts(Address* address, int* error);
   bool StartControl(const Address& address, std::string* problem);
+  u64 WantAll(u64 now, u64 due);
   void Accept(u64 now);
   u64 CloseAll(bool reset, const std::string& reason);
 
@@ -59,6 +68,9 @@ class Node {
   NodeContext context_;
   Poller poller_;
   Socket listener_;
+  FlowTable flows_{&context_};
+  Negotiation negotiation_{&context_, &flows_};
+  DataPath data_{&context_, &flows_};
   ControlPort control_;
   std::list<std::unique_ptr<Connection>> connections_;
   u64 now_ = 0;  // milliseconds since the start, beyond the tick counter's wrap

@@ -1,5 +1,9 @@
 #include "node/request_reader.h"
 
+#include <algorithm>
+#include <cstring>
+#include <string>
+
 namespace node {
 namespace {
 
@@ -17,17 +21,26 @@ u32 SizeOf(u32 version) {
   }
 }
 
-bool IsServer(u32 ip, u16 port) {
-  constexpr u32 kFirstMulticast = 0xE0000000;  // broadcast and all else that is nobody's follows
-  return ip != 0 && ip < kFirstMulticast && port != 0;
-}
-
 }  // namespace
 
 RequestReader::State RequestReader::Took(std::size_t count) {
   size_ += count;
   if (size_ < wanted_) return State::kMore;
   return wanted_ == sizeof(NegoHeader) ? TakeHeader() : TakeRequest();
+}
+
+RequestReader::State RequestReader::TakeDatagram(const char* bytes, std::size_t size) {
+  State state = State::kMore;
+  std::size_t at = 0;
+  while (state == State::kMore && at < size) {
+    const std::size_t count = std::min(Wanted(), size - at);
+    std::memcpy(Place(), bytes + at, count);
+    at += count;
+    state = Took(count);
+  }
+  if (state == State::kMore) return Refuse("ends too early");
+  if (state == State::kDone && at < size) return Refuse("has bytes behind it");
+  return state;
 }
 
 RequestReader::State RequestReader::Refuse(const char* problem) {
@@ -50,10 +63,29 @@ RequestReader::State RequestReader::TakeHeader() {
 
 RequestReader::State RequestReader::TakeRequest() {
   if (request_.Unpack(bytes_.data(), static_cast<u32>(size_)) < 0) return Refuse("unreadable");
-  const u32 game_ip = request_.body.game_ip;
-  const u16 game_port = request_.body.game_port;
-  if (!IsServer(game_ip, game_port)) return Refuse("names no game server");
+  if (!game().server()) return Refuse("names no game server");
   return State::kDone;
+}
+
+void RequestReader::Describe(Event* event) const {
+  const NegoRequestBody& body = request_.body;
+  const LastNodeInfo& last = body.last_node;
+  char guid[SessionGuid::kTextSize];
+  event->With("version", version_)
+      .With("pkg_len", request_.header.pkg_len)
+      .With("flags", body.flags)
+      .With("retry", body.retry)
+      .With("uin", u64{body.uin})
+      .With("game_id_low", body.game_id_low)
+      .With("game", game().Text())
+      .With("guid", body.guid.ToString(guid, sizeof guid));
+  if (request_.header.version >= 2) {
+    event->With("last_node_id", last.node_id)
+        .With("last_node", Address{last.ip, last.port}.Text())
+        .With("last_node_token", last.accl_token)
+        .With("game_idc", body.game_idc);
+  }
+  if (request_.header.version >= 3) event->With("game_id", u64{body.game_id});
 }
 
 }  // namespace node

@@ -1,13 +1,16 @@
-// Reads one NegoRequest from a stream, byte by byte if it must be. The bytes are a stranger's.
+// Reads one NegoRequest from a stream, byte by byte if it must be, or from a datagram. The bytes
+// are a stranger's.
 //
 // Strict where the protocol leaves no choice: the magic, a length that is exactly the version's, a
-// game server that a stream can go to. A version that is not known (0, or above 3) is read as the
+// game server that traffic can go to. A version that is not known (0, or above 3) is read as the
 // newest, and its record may be longer, since newer forms only add fields.
 #pragma once
 #include <array>
 #include <cstddef>
 
 #include "common/types.h"
+#include "node/event.h"
+#include "node/socket.h"
 #include "protocol/nego_request.h"
 
 namespace node {
@@ -24,11 +27,16 @@ class RequestReader {
   std::size_t Wanted() const { return wanted_ - size_; }
   // That many have been put there; at most Wanted().
   State Took(std::size_t count);
+  // A datagram, which must hold one request and nothing else. Done or bad.
+  State TakeDatagram(const char* bytes, std::size_t size);
 
   std::size_t size() const { return size_; }
   // Host order; `version` is the one that was sent. Only when done.
   const moru_vyr::lsp::NegoRequest& request() const { return request_; }
   moru_vyr::lsp::u16 version() const { return version_; }
+  Address game() const { return {request_.body.game_ip, request_.body.game_port}; }
+  // Adds what it asks for to an event.
+  void Describe(Event* event) const;
   // What is wrong with it, when bad.
   const char* problem() const { return problem_; }
 

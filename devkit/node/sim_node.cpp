@@ -96,6 +96,29 @@ SimNode& SimNode::Thaws() {
   return *this;
 }
 
+SimNode& SimNode::GoesDark() { return Loses(100).StopsAnswering(); }
+
+SimNode& SimNode::ComesBack() { return Loses(0).AnswersAgain(); }
+
+SimNode& SimNode::LosesUp(u32 percent) {
+  behaviour().data_up_loss = behaviour().probe_up_loss = percent;
+  return *this;
+}
+
+SimNode& SimNode::LosesDown(u32 percent) {
+  behaviour().data_down_loss = behaviour().probe_down_loss = percent;
+  return *this;
+}
+
+SimNode& SimNode::DelaysRoundTripBy(u32 delay_ms, u32 jitter_ms) {
+  Behaviour& b = behaviour();
+  b.data_up_delay_ms = b.probe_up_delay_ms = delay_ms / 2;
+  b.data_down_delay_ms = b.probe_down_delay_ms = delay_ms - delay_ms / 2;
+  b.data_up_jitter_ms = b.probe_up_jitter_ms = jitter_ms / 2;
+  b.data_down_jitter_ms = b.probe_down_jitter_ms = jitter_ms - jitter_ms / 2;
+  return *this;
+}
+
 std::vector<Event> SimNode::Events(const std::string& name) const {
   std::vector<Event> found;
   for (const Event& event : shared_->events)

@@ -48,6 +48,16 @@ class SimNode {
   SimNode& ResetsAfter(u64 bytes);
   SimNode& Freezes();
   SimNode& Thaws();
+  // Datagrams, as if its cable were pulled: neither requests nor data nor probes get through.
+  // Unlike a frozen node's, they are gone when it comes back.
+  SimNode& GoesDark();
+  SimNode& ComesBack();
+  // Percent of data and probes, up, down or both ways.
+  SimNode& LosesUp(u32 percent);
+  SimNode& LosesDown(u32 percent);
+  SimNode& Loses(u32 percent) { return LosesUp(percent).LosesDown(percent); }
+  // Half of it each way, for data and probes, in the same order.
+  SimNode& DelaysRoundTripBy(u32 delay_ms, u32 jitter_ms = 0);
 
   // What has happened so far, in order; of one name; how often; the last, or an empty one.
   const std::vector<Event>& events() const { return shared_->events; }

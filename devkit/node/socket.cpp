@@ -7,6 +7,7 @@ namespace node {
 namespace {
 
 constexpr int kBacklog = 128;
+constexpr int kDatagramRoom = 1024 * 1024;  // bytes that the system may hold for a busy node
 
 int SetOption(SOCKET socket, int level, int option, int value) {
   return setsockopt(socket, level, option, reinterpret_cast<const char*>(&value), sizeof value);
@@ -111,6 +112,20 @@ Socket Socket::Listener(const Address& address, int* error) {
   return Socket();
 }
 
+Socket Socket::Datagram(const Address& address, int* error) {
+  Socket datagrams(socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
+  const sockaddr_in raw = address.Raw();
+  u_long on = 1;
+  if (datagrams.open() && ioctlsocket(datagrams.get(), static_cast<long>(FIONBIO), &on) == 0 &&
+      bind(datagrams.get(), Generic(&raw), sizeof raw) == 0) {
+    SetOption(datagrams.get(), SOL_SOCKET, SO_RCVBUF, kDatagramRoom);
+    *error = 0;
+    return datagrams;
+  }
+  *error = WSAGetLastError();
+  return Socket();
+}
+
 Address Socket::Local() const {
   sockaddr_in raw = {};
   int size = sizeof raw;
@@ -143,6 +158,24 @@ int PrepareStream(SOCKET socket) {
 int StartConnect(SOCKET socket, const Address& to) {
   const sockaddr_in raw = to.Raw();
   return connect(socket, Generic(&raw), sizeof raw) == 0 ? 0 : WSAGetLastError();
+}
+
+int ReceiveFrom(SOCKET socket, char* bytes, std::size_t room, std::size_t* size, Address* from) {
+  sockaddr_in raw = {};
+  int raw_size = sizeof raw;
+  const int count = recvfrom(socket, bytes, static_cast<int>(room), 0,
+                             reinterpret_cast<struct sockaddr*>(&raw), &raw_size);
+  if (count == SOCKET_ERROR) return WSAGetLastError();
+  *size = static_cast<std::size_t>(count);
+  *from = Address::Of(raw);
+  return 0;
+}
+
+int SendTo(SOCKET socket, const char* bytes, std::size_t size, const Address& to) {
+  const sockaddr_in raw = to.Raw();
+  const int count =
+      sendto(socket, bytes, static_cast<int>(size), 0, Generic(&raw), static_cast<int>(sizeof raw));
+  return count == SOCKET_ERROR ? WSAGetLastError() : 0;
 }
 
 int PendingError(SOCKET socket) {

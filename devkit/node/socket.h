@@ -19,6 +19,8 @@ struct Address {
   u16 port = 0;
 
   bool loopback() const { return ip >> 24 == 127; }
+  // Whether traffic of one can go there: no multicast or broadcast, and a port.
+  bool server() const { return ip != 0 && ip < 0xE0000000 && port != 0; }
   std::string Text() const;  // "198.51.100.20:7001"
   sockaddr_in Raw() const;
   static Address Of(const sockaddr_in& raw);
@@ -45,6 +47,8 @@ class Socket {
   static Socket Stream();
   // A listener that is bound and listens; *error is 0 or says why there is none.
   static Socket Listener(const Address& address, int* error);
+  // A bound non-blocking datagram socket; as Listener.
+  static Socket Datagram(const Address& address, int* error);
 
   bool open() const { return handle_ != INVALID_SOCKET; }
   SOCKET get() const { return handle_; }
@@ -66,6 +70,12 @@ int PrepareStream(SOCKET socket);
 
 // 0, or the error of the connect; WSAEWOULDBLOCK while it goes on.
 int StartConnect(SOCKET socket, const Address& to);
+
+// 0 with one datagram, or the error; *from is the sender. WSAEWOULDBLOCK: nothing there. Everything
+// else is about one datagram, and more may wait behind it.
+int ReceiveFrom(SOCKET socket, char* bytes, std::size_t room, std::size_t* size, Address* from);
+// 0, or the error; the datagram is gone either way.
+int SendTo(SOCKET socket, const char* bytes, std::size_t size, const Address& to);
 
 // The error that an asynchronous operation left behind, 0 for none.
 int PendingError(SOCKET socket);

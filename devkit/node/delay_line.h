@@ -1,0 +1,50 @@
+// Datagrams that are on their way, each until its moment. Bounded: what does not fit is lost, as
+// in any queue of a network.
+#pragma once
+#include <queue>
+#include <string>
+#include <vector>
+
+#include "node/socket.h"
+
+namespace node {
+
+struct Parcel {
+  enum class Goal { kNode, kClient };
+
+  Goal goal = Goal::kNode;
+  u64 flow = 0;
+  std::string bytes = {};
+};
+
+class DelayLine {
+ public:
+  static constexpr std::size_t kMostBytes = 64 * 1024 * 1024;
+  static constexpr u64 kNever = ~u64{0};
+
+  // False: there is no room.
+  bool Add(u64 due, Parcel parcel);
+  // kNever: nothing waits.
+  u64 NextDue() const { return waiting_.empty() ? kNever : waiting_.top().due; }
+  // The first that is due; false: none is. Equal moments keep their order.
+  bool Take(u64 now, Parcel* parcel);
+
+ private:
+  struct Waiting {
+    u64 due, number;
+    mutable Parcel parcel;  // moved out of the queue's top, which is const
+
+    bool operator<(const Waiting& other) const {
+      return due != other.due ? due > other.due : number > other.number;
+    }
+  };
+
+  // What a parcel costs besides its bytes; empty datagrams must not be free.
+  static constexpr std::size_t kOverhead = 128;
+
+  std::priority_queue<Waiting> waiting_;
+  std::size_t bytes_ = 0;
+  u64 number_ = 0;
+};
+
+}  // namespace node
