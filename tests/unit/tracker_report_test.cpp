@@ -1,0 +1,338 @@
+// Each socket's way through the channels: what the client program has in the end, from real
+// threads. What depends on time stands in the scenarios.
+#include <gtest/gtest.h>
+
+#include "common/process_info.h"
+#include "tests/unit/log_capture.h"
+#include "tests/unit/tracker_bench.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+using test::kSocket;
+using test::kToken;
+using test::SomeDecision;
+using test::UsedSlots;
+
+class TrackerReports : public test::TrackerTest {
+ protected:
+  test::ReportClient client;
+};
+
+TEST_F(TrackerReports, StartSaysWhichProcessLogsWhere) {
+  common::ProcessInfo& process = common::GetProcessInfo();
+  const common::ProcessInfo before = process;
+  common::SetFieldText(process.process_name, "dawn.exe");
+  common::SetFieldText(process.log_file_path, "C:\\logs\\dawn.log");
+  ReportAll();
+  process = before;
+  ASSERT_EQ(UsedSlots(client.log_paths), 1);
+  EXPECT_EQ(client.log_paths->slots[0].game_id, 7u);
+  EXPECT_STREQ(client.log_paths->slots[0].log_path, "C:\\logs\\dawn.log");
+  ASSERT_EQ(UsedSlots(client.loaded), 1);
+  EXPECT_EQ(client.loaded->slots[0].game_id, 7u);
+  EXPECT_STREQ(client.loaded->slots[0].process_name, "dawn.exe");
+  EXPECT_EQ(client.loaded->slots[0].is_x64, 0);
+  EXPECT_EQ(UsedSlots(client.decisions) + UsedSlots(client.traffic), 0);
+}
+
+TEST_F(TrackerReports, DirectSocketIsADecisionAndNothingElse) {
+  tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
+  tracker.SetAcceInfo(kSocket, false, SomeDecision());
+  tracker.RecordSend(kSocket, 10, 0);
+  tracker.RemoveFromWatchList(kSocket);
+  ReportAll();
+  ASSERT_EQ(UsedSlots(client.decisions), 1);
+  EXPECT_STREQ(client.decisions->slots[0].guid, "guid");
+  EXPECT_EQ(UsedSlots(client.traffic) + UsedSlots(client.failures) + UsedSlots(client.negotiations),
+            0);
+}
+
+TEST_F(TrackerReports, FailedNegotiationIsThatAndNothingElse) {
+  tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
+  tracker.SetAcceInfo(kSocket, true, SomeDecision());
+  SetLastError(10054);
+  tracker.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 5010, 2);
+  tracker.RemoveFromWatchList(kSocket);
+  ReportAll();
+  ASSERT_EQ(UsedSlots(client.failures), 1);
+  const NegRetRecord& r = client.failures->slots[0];
+  EXPECT_EQ(r.neg_type, 1);
+  EXPECT_EQ(r.game_id, 7u);
+  EXPECT_EQ(r.nego_result, 202);
+  EXPECT_EQ(r.last_error, 10054u);
+  EXPECT_EQ(r.game_idc, 11u);
+  EXPECT_STREQ(r.game_ip, "198.51.100.10");
+  EXPECT_EQ(r.game_port, 27015);
+  EXPECT_EQ(r.proxy_idc, 20u);
+  EXPECT_STREQ(r.proxy_ip, "198.51.100.20");
+  EXPECT_EQ(r.proxy_port, 7001);
+  EXPECT_EQ(r.process_id, GetCurrentProcessId());
+  EXPECT_EQ(r.reserved_value, 0.0);
+  EXPECT_EQ(r.user_isp, 3u);
+  EXPECT_EQ(r.header3, 33u);
+  EXPECT_EQ(r.nego_count, 2u);
+  EXPECT_EQ(r.elapsed_ms, 5010u);
+  EXPECT_EQ(r.user_ip, 0x04030201u);
+  EXPECT_STREQ(r.guid, "guid");
+  EXPECT_EQ(
+      UsedSlots(client.decisions) + UsedSlots(client.traffic) + UsedSlots(client.negotiations), 0);
+}
+
+// A socket on trial has no decision of its own yet.
+TEST_F(TrackerReports, FailedNegotiationOfASocketWithoutAGuidHasNone) {
+  tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
+  tracker.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 1, 1);
+  ReportAll();
+  ASSERT_EQ(UsedSlots(client.failures), 1);
+  EXPECT_STREQ(client.failures->slots[0].guid, "");
+}
+
+TEST_F(TrackerReports, LongGuidIsCutInAFailedNegotiation) {
+  tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
+  tracker.SetAcceInfo(kSocket, true, SomeDecision(std::string(64, 'g')));
+  tracker.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 1, 1);
+  ReportAll();
+  EXPECT_EQ(std::string(client.failures->slots[0].guid), std::string(36, 'g'));
+}
+
+TEST_F(TrackerReports, SuccessIsADecisionANegotiationAndTraffic) {
+  AddAccelerated();
+  tracker.NoteGameServer(kSocket, "198.51.100.10", htons(27015));
+  tracker.RecordSend(kSocket, 10, 0);
+  tracker.RecordRecv(kSocket, 20, 0);
+  tracker.RemoveFromWatchList(kSocket);
+  ReportAll();
+  ASSERT_EQ(UsedSlots(client.decisions), 1);
+  EXPECT_STREQ(client.decisions->slots[0].guid, "guid");
+  ASSERT_EQ(UsedSlots(client.negotiations), 1);
+  const RealNegoRecord& n = client.negotiations->slots[0];
+  EXPECT_EQ(n.game_id, 7u);
+  EXPECT_EQ(n.user_isp, 9u);
+  EXPECT_EQ(n.user_ip, 0x0a0b0c0du);
+  EXPECT_STREQ(n.guid, "guid");
+  EXPECT_EQ(n.proxy_id, 20u);
+  EXPECT_STREQ(n.proxy_ip, "198.51.100.20");
+  EXPECT_EQ(n.proxy_port, 7001u);
+  EXPECT_EQ(n.last_node_id, 21u);
+  EXPECT_EQ(n.last_node_ip, 0x05060708u);
+  EXPECT_EQ(n.game_ip, 0xc633640au);
+  EXPECT_EQ(n.game_port, 27015u);
+  EXPECT_GT(n.stamp, 1'600'000'000u);
+  EXPECT_EQ(UsedSlots(client.failures), 0);
+
+  // The last report was submitted before the thread began; the snapshot of the success is older.
+  ASSERT_EQ(UsedSlots(client.traffic), 1);
+  const CommInfoRecord& t = client.traffic->slots[0];
+  EXPECT_EQ(t.ended, 1);
+  EXPECT_EQ(t.game_id, 7u);
+  EXPECT_EQ(t.socket_type, 2u);
+  EXPECT_EQ(t.total_sent_bytes, 10u);
+  EXPECT_EQ(t.total_recv_bytes, 20u);
+  EXPECT_STREQ(t.game_ip, "198.51.100.10");
+  EXPECT_EQ(t.game_port, 27015u);
+  EXPECT_EQ(t.proxy_idc, 20u);
+  EXPECT_STREQ(t.guid_str, "guid");
+  EXPECT_EQ(t.user_isp, 9u);
+  EXPECT_EQ(t.direct_delay, 90u);
+}
+
+TEST_F(TrackerReports, SocketOnTrialHasANegotiationAndNoTraffic) {
+  tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
+  tracker.RecordNegSuccess(kSocket, 9, 1, 21, 2, SomeDecision());
+  tracker.RemoveFromWatchList(kSocket);
+  ReportAll();
+  EXPECT_EQ(UsedSlots(client.decisions), 1);
+  ASSERT_EQ(UsedSlots(client.negotiations), 1);
+  EXPECT_STREQ(client.negotiations->slots[0].guid, "");
+  EXPECT_STREQ(client.negotiations->slots[0].proxy_ip, "198.51.100.20");
+  EXPECT_EQ(UsedSlots(client.traffic), 0);
+}
+
+TEST_F(TrackerReports, LinkInTroubleNeedsNoSocket) {
+  RecoverySwitchRecord record;
+  record.game_id = 7;
+  record.count = 3;
+  common::SetFieldText(record.guid, "guid");
+  const test::LogCapture log(0);
+  tracker.SubmitRecoverySwitch(record);
+  EXPECT_TRUE(log.Contains("[Tracker]  recovery switch qos submitted, game_id=7, guid=guid\n"));
+  ReportAll();
+  ASSERT_EQ(UsedSlots(client.switches), 1);
+  EXPECT_EQ(client.switches->slots[0].count, 3);
+}
+
+TEST_F(TrackerReports, EndTakesALastLookAtWhatIsStillOpen) {
+  tracker.Init();
+  AddAccelerated(1, "a");
+  AddAccelerated(2, "b");
+  tracker.AddToWatchList(3, kTrackUdp, kToken);
+  tracker.RecordSend(1, 10, 0);
+  tracker.UnInit();
+  // What the first success showed may have been written by itself, or not yet.
+  int last_of_a = -1, last_of_b = -1;
+  for (int i = 0; i < UsedSlots(client.traffic); ++i) {
+    const CommInfoRecord& record = client.traffic->slots[i];
+    EXPECT_EQ(record.ended, 0);
+    (std::string(record.guid_str) == "a" ? last_of_a : last_of_b) = i;
+  }
+  ASSERT_GE(last_of_a, 0);
+  ASSERT_GE(last_of_b, 0);
+  EXPECT_EQ(client.traffic->slots[last_of_a].total_sent_bytes, 10u);
+}
+
+TEST_F(TrackerReports, TwoSocketsWithOneGuidLeaveTheLater) {
+  AddAccelerated(1, "same");
+  AddAccelerated(2, "same");
+  tracker.RecordSend(2, 10, 0);
+  ReportAll();
+  ASSERT_EQ(UsedSlots(client.traffic), 1);
+  EXPECT_EQ(client.traffic->slots[0].total_sent_bytes, 10u);
+}
+
+TEST_F(TrackerReports, SocketClosedAtTheEndIsInTheLastReport) {
+  tracker.Init();
+  AddAccelerated();
+  tracker.RemoveFromWatchList(kSocket);
+  tracker.UnInit();
+  const int used = UsedSlots(client.traffic);
+  ASSERT_GE(used, 1);
+  int ended = 0;
+  for (int i = 0; i < used; ++i) ended += client.traffic->slots[i].ended;
+  EXPECT_EQ(ended, 1);
+}
+
+// The relay's providers end their sessions after the Tracker has ended.
+TEST_F(TrackerReports, WhatComesAfterTheEndWaitsForTheNextStart) {
+  AddAccelerated();
+  ReportAll();
+  const int before = UsedSlots(client.traffic);
+  tracker.RemoveFromWatchList(kSocket);
+  tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
+  tracker.SetAcceInfo(kSocket, false, SomeDecision());
+  EXPECT_EQ(UsedSlots(client.traffic), before);
+  EXPECT_EQ(UsedSlots(client.decisions), 1);
+  ReportAll();
+  EXPECT_EQ(UsedSlots(client.traffic), before + 1);
+  EXPECT_EQ(client.traffic->slots[before].ended, 1);
+  EXPECT_EQ(UsedSlots(client.decisions), 2);
+  EXPECT_EQ(UsedSlots(client.log_paths), 2);
+}
+
+TEST_F(TrackerReports, SecondInitStartsNothing) {
+  tracker.Init();
+  const test::LogCapture log(0);
+  tracker.Init();
+  EXPECT_FALSE(log.Contains("[Tracker] Init."));
+  tracker.UnInit();
+  EXPECT_EQ(UsedSlots(client.log_paths), 1);
+}
+
+TEST_F(TrackerReports, LifeIsToldInTheLog) {
+  const test::LogCapture log(0);
+  ReportAll();
+  const std::string text = log.Text();
+  std::size_t at = 0;
+  for (const char* line : {"[Tracker] Init.\n", "[Tracker] Sync Thread started.\n",
+                           "[Tracker] UnInit.\n", "[Tracker] Sync Thread Ended\n"}) {
+    at = text.find(line, at);
+    ASSERT_NE(at, text.npos) << line << text;
+  }
+  EXPECT_NE(text.find("[Tracker] Report Thread quit, do last report in spite of the trigger state"),
+            text.npos);
+}
+
+// The worker and the sync thread, as hard against each other as they go.
+TEST_F(TrackerReports, NothingIsLostOrDoubledWhileBothSidesRun) {
+  constexpr u32 kSockets = 100;  // the decision channel has room for 108
+  tracker.Init();
+  for (u32 i = 1; i <= kSockets; ++i) {
+    tracker.AddToWatchList(i, kTrackUdp, i);
+    tracker.SetAcceInfo(i, i % 2 == 0, SomeDecision(std::to_string(i)));
+    for (int n = 0; n < 50; ++n) tracker.RecordSend(i, 1, 0);
+    if (i % 2 == 0) tracker.RecordNegSuccess(i, 1, 1, 1, 1, SomeDecision(std::to_string(i)));
+    tracker.SnapshotCommInfo(true);
+    RecoverySwitchRecord record;
+    if (i % 10 == 0) tracker.SubmitRecoverySwitch(record);
+    if (i % 3 == 0) Sleep(1);
+    tracker.RemoveFromWatchList(i);
+  }
+  tracker.UnInit();
+  ASSERT_EQ(UsedSlots(client.decisions), static_cast<int>(kSockets));
+  for (u32 i = 0; i < kSockets; ++i)
+    EXPECT_EQ(std::string(client.decisions->slots[i].guid), std::to_string(i + 1));
+  EXPECT_EQ(UsedSlots(client.negotiations), static_cast<int>(kSockets / 2));
+  EXPECT_EQ(UsedSlots(client.switches), static_cast<int>(kSockets / 10));
+}
+
+// --- the front --------------------------------------------------------------------------------
+
+TEST(TrackerFrontTest, WithoutATrackerEverythingReturnsAtOnce) {
+  TrackerFront front(nullptr);
+  const AccDecisionInfo decision;
+  const RecoverySwitchRecord record;
+  SpeedStats stats;
+  u32 sent = 0, received = 0;
+  front.Init();
+  front.OnTimer(1);
+  front.AddToWatchList(kSocket, kTrackTcp, kToken);
+  front.NoteGameServer(kSocket, "x", 1);
+  front.SetAcceInfo(kSocket, false, &decision);
+  front.RecordNegSuccess(kSocket, 1, 1, 1, 1, &decision);
+  front.RecordNegFailed(kSocket, 0, 1, &decision, 1, 1);
+  front.SetConnectResult(kSocket, 0);
+  front.RecordSend(kSocket, 1, 0);
+  front.RecordRecv(kSocket, 1, 0);
+  EXPECT_FALSE(front.GetSpeedTestResult(kSocket, &stats));
+  EXPECT_FALSE(front.SetSpeedTestResult(kSocket, &stats));
+  EXPECT_FALSE(front.GetPacketCounts(kSocket, &sent, &received));
+  front.SetRecoveryInfo(kSocket, "x");
+  front.SubmitRecoverySwitch(&record);
+  front.RemoveFromWatchList(kSocket);
+  front.UnInit();
+}
+
+TEST_F(TrackerReports, FrontPassesEachCallOn) {
+  TrackerFront front(&tracker);
+  const AccDecisionInfo decision = SomeDecision();
+  SpeedStats stats;
+  stats.topology_type = 2;
+  u32 sent = 0, received = 0;
+  front.AddToWatchList(kSocket, kTrackUdp, kToken);
+  front.NoteGameServer(kSocket, "198.51.100.10", htons(1));
+  front.SetAcceInfo(kSocket, true, &decision);
+  front.RecordNegFailed(kSocket, 1, 202, &decision, 1, 1);
+  front.RecordNegSuccess(kSocket, 9, 8, 7, 6, &decision);
+  front.SetConnectResult(kSocket, -1);
+  front.RecordSend(kSocket, 1, 0);
+  front.RecordSend(kSocket, 1, 0);
+  front.RecordRecv(kSocket, 5, 0);
+  EXPECT_TRUE(front.SetSpeedTestResult(kSocket, &stats));
+  EXPECT_TRUE(front.GetSpeedTestResult(kSocket, &stats));
+  EXPECT_TRUE(front.GetPacketCounts(kSocket, &sent, &received));
+  front.SetRecoveryInfo(kSocket, "info");
+  EXPECT_EQ(sent, 2u);
+  EXPECT_EQ(received, 1u);
+  const SocketQosRecord& r = Record();
+  EXPECT_STREQ(r.game_ip, "198.51.100.10");
+  EXPECT_TRUE(r.is_acce && r.nego_success);
+  EXPECT_EQ(r.user_isp, 9u);
+  EXPECT_EQ(r.user_ip, 8u);
+  EXPECT_EQ(r.connect_result, -1);
+  EXPECT_EQ(r.total_recv_bytes, 5u);
+  EXPECT_EQ(r.speed_test.topology_type, 2u);
+  EXPECT_EQ(r.recovery_info, "info");
+  const RecoverySwitchRecord record;
+  front.SubmitRecoverySwitch(&record);
+  front.RemoveFromWatchList(kSocket);
+  EXPECT_EQ(tracker.Find(kSocket), nullptr);
+  front.Init();
+  front.UnInit();
+  EXPECT_EQ(UsedSlots(client.failures), 1);
+  EXPECT_EQ(UsedSlots(client.negotiations), 1);
+  EXPECT_EQ(UsedSlots(client.switches), 1);
+  EXPECT_EQ(UsedSlots(client.traffic), 1);
+}
+
+}  // namespace
+}  // namespace moru_vyr::lsp
