@@ -86,7 +86,7 @@ class RelayMgr final : public IRelaySocketMgr {
 
   SocketSets sockets_;
 
-  UdpProvider udp_provider_;
+  UdpProvider udp_provider_{stop_flag_};
   TcpProvider tcp_provider_;
 };
 

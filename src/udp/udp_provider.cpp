@@ -1,15 +1,94 @@
+// The control socket, and the sessions' life.
 #include "udp/udp_provider.h"
 
-namespace moru_vyr::lsp {
+#include "common/log.h"
+#include "relay/socket_helpers.h"
 
-bool UdpProvider::GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept {
-  if (out == nullptr) return false;
-  common::Lock hold(result_lock_);
-  const auto found = create_results_.find(token);
-  if (found == create_results_.end()) return false;
-  *out = found->second;
-  create_results_.erase(found);
-  return true;
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr u32 kControlBufferSize = 65536;
+
+}  // namespace
+
+UdpProvider::UdpProvider(const std::atomic<bool>& stopping) noexcept : stopping_(stopping) {
+  local_relay_socket_.SetProvider(this);
+}
+
+bool UdpProvider::OnCreateLocalServer() noexcept {
+  local_socket_ = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+  if (local_socket_ == INVALID_SOCKET) {
+    const int error = WSAGetLastError();
+    LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer socket error=%d", error);
+    return false;
+  }
+  bool result = BindRandomPort(local_socket_, false, &local_port_, true);
+  if (result) {
+    u_long on = 1;
+    if (ioctlsocket(local_socket_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
+      const int error = WSAGetLastError();
+      LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer ioctlsocket , error=%d", error);
+      result = false;
+    }
+  }
+  // Kept: also for a socket that has failed, and so the line proves nothing.
+  AdjustSocketBuff(local_socket_, kControlBufferSize, kControlBufferSize);
+  socket_mgr_->AddSocket(local_socket_, &local_relay_socket_);
+  LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer success, port=%u", ntohs(local_port_));
+  return result;
+}
+
+// Kept: answers that nobody has taken stay.
+void UdpProvider::OnCloseLocalServer() noexcept {
+  LSP_LOG(0, "[UDP] UdpProvider::OnCloseLocalServer");
+  if (local_socket_ != 0) closesocket(local_socket_);
+  if (socket_mgr_ != nullptr) socket_mgr_->RemoveSocket(local_socket_);
+  while (!sessions_.empty()) {
+    live_queues_.Remove(sessions_.begin()->first);
+    sessions_.erase(sessions_.begin());
+  }
+  local_socket_ = INVALID_SOCKET;
+  local_port_ = 0;
+}
+
+// The counterpart of what a requester has been told: from here on the token's queues are in use.
+UdpSession* UdpProvider::CreateSession(const ProtoRelayOpen& request,
+                                       const sockaddr_in& game_addr) noexcept {
+  const u32 token = request.token;
+  try {
+    auto session = std::make_unique<UdpSession>(this, token, game_addr, request.addr,
+                                                static_cast<u32>(request.send_size_or_queue),
+                                                static_cast<u32>(request.recv_size_or_queue));
+    if (!session->Init()) return nullptr;
+    const auto [place, inserted] = sessions_.try_emplace(token, nullptr);
+    if (!inserted) return nullptr;  // the token's session goes on untouched
+    place->second = std::move(session);
+    live_queues_.Add(token, place->second->queues());
+    return place->second.get();
+  } catch (...) {
+    sessions_.erase(token);
+    return nullptr;
+  }
+}
+
+void UdpProvider::CloseSession(u32 token) noexcept {
+  const auto found = sessions_.find(token);
+  if (found == sessions_.end()) return;
+  if (!found->second->CanClose()) {
+    LSP_LOG(5, "[UDP] session enter closing state, token=%u", token);
+    return;
+  }
+  live_queues_.Remove(token);
+  sessions_.erase(found);
+  LSP_LOG(5, "[UDP] session closed, token=%u", token);
+}
+
+void UdpProvider::OnUpdate(u32 elapsed_ms) noexcept {
+  for (auto next = sessions_.begin(); next != sessions_.end();) {
+    UdpSession& session = *(next++)->second;  // may be gone behind the last line
+    session.OnUpdate(elapsed_ms);
+    if (session.IsCloseWanted()) CloseSession(session.token());
+  }
 }
 
 }  // namespace moru_vyr::lsp

@@ -1,25 +1,33 @@
 // The relay of datagram flows: a control port on the loopback interface, at which a game's socket
 // asks for a relay by sending a message from itself, and a session for each socket that has one.
 //
-// An answer does not come back over the network: the worker leaves it here, and the requester,
-// which waits for its event, takes it. The worker thread runs all but the two operations that say
-// otherwise. Nothing throws.
+// The message's own source says where the game's socket receives. The answer does not come back
+// over the network: the worker leaves it here and signals the event that the message names, and
+// the requester takes it. The worker thread runs all but the two operations that say otherwise.
+// Nothing throws.
 #pragma once
 #include <winsock2.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 
 #include "common/lock.h"
 #include "common/types.h"
 #include "relay/net_provider.h"
+#include "relay/relay_sockets.h"
+#include "udp/datagram_buffer.h"
 #include "udp/live_queues.h"
 #include "udp/relay_messages.h"
+#include "udp/udp_session.h"
 
 namespace moru_vyr::lsp {
 
 class UdpProvider final : public NetProvider {
  public:
+  // `stopping` says whether the relay is being stopped, and outlives the provider.
+  explicit UdpProvider(const std::atomic<bool>& stopping) noexcept;
+
   // Any thread. Takes the answer to the open request of that token; false if there is none. An
   // answer can be taken once, and one that nobody takes stays until the token's next.
   bool GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept;
@@ -30,11 +38,38 @@ class UdpProvider final : public NetProvider {
     return live_queues_.Use(queue, token);
   }
 
+  // For the sessions.
+  IRelaySocketMgr* SessionMgr() const noexcept { return socket_mgr_; }
+  Route* SessionRoute() const noexcept { return route_; }
+  // Nodes are told of a link's end only while the relay runs.
+  bool IsStopping() const noexcept { return stopping_.load(std::memory_order_relaxed); }
+  // Ends the session, at once or once its blocked datagrams have left: then it calls again. Ends
+  // the caller with it, where that is a part of the session.
+  void CloseSession(u32 token) noexcept;
+
+  bool OnCreateLocalServer() noexcept override;
+  void OnCloseLocalServer() noexcept override;
+  void OnLocalReadable(SOCKET socket) noexcept override;
+  void OnUpdate(u32 elapsed_ms) noexcept override;
+
  private:
+  bool ReadPackage(SOCKET socket, UdpPackage* package) noexcept;
+  void HandleLocalMessage(const UdpPackage& package) noexcept;
+  void HandleOpenRequest(const ProtoRelayOpen& request, const sockaddr_in& game_addr) noexcept;
+  UdpSession* CreateSession(const ProtoRelayOpen& request, const sockaddr_in& game_addr) noexcept;
+  void ResponseCreateSessionResult(const ProtoRelayOpen& answer, const sockaddr_in& game_addr,
+                                   HANDLE event) noexcept;
+  void StoreCreateResult(const ProtoRelayOpen& answer) noexcept;
+
+  const std::atomic<bool>& stopping_;
+  DatagramBuffer recv_buffer_;
+  std::map<u32, std::unique_ptr<UdpSession>> sessions_;  // by token
+
   common::Mutex result_lock_;                     // guards create_results_; a leaf
   std::map<u32, ProtoRelayOpen> create_results_;  // by token
 
   LiveQueues live_queues_;
+  LocalRelaySocket local_relay_socket_;
 };
 
 }  // namespace moru_vyr::lsp

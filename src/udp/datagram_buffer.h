@@ -1,0 +1,30 @@
+// Where one datagram after the other is received into.
+#pragma once
+#include <winsock2.h>
+
+#include "common/types.h"
+#include "udp/udp_package.h"
+
+namespace moru_vyr::lsp {
+
+// Longer datagrams than this are neither received nor wrapped.
+inline constexpr u32 kDatagramBufferSize = 2048;
+
+class DatagramBuffer {
+ public:
+  // 0 and the datagram, which stands here until the next call; or the Winsock error.
+  int Receive(SOCKET socket, UdpPackage* package) noexcept {
+    sockaddr_in addr = {};
+    int addr_size = sizeof addr;
+    const int received = recvfrom(socket, reinterpret_cast<char*>(bytes_), sizeof bytes_, 0,
+                                  reinterpret_cast<sockaddr*>(&addr), &addr_size);
+    if (received < 0) return WSAGetLastError();
+    *package = {bytes_, sizeof bytes_, static_cast<u32>(received), addr};
+    return 0;
+  }
+
+ private:
+  u8 bytes_[kDatagramBufferSize];
+};
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,38 @@
+// Datagrams that wait: for the end of a negotiation, or for room in a socket.
+#pragma once
+#include <winsock2.h>
+
+#include <list>
+#include <vector>
+
+#include "common/types.h"
+#include "udp/udp_package.h"
+
+namespace moru_vyr::lsp {
+
+struct StoredPackage {
+  std::vector<u8> data;
+  sockaddr_in addr = {};
+  bool to_local = false;  // through the socket that faces the game
+
+  // Valid while this is.
+  UdpPackage View() noexcept {
+    const u32 size = static_cast<u32>(data.size());
+    return {data.data(), size, size, addr};
+  }
+};
+
+// Kept: without a limit. What bounds it is the time of a negotiation, or what the game sends.
+using StoredPackages = std::list<StoredPackage>;
+
+// Appends a copy. Without memory for it the datagram is lost, as any may be on its way.
+inline void Store(StoredPackages* packages, const void* data, u32 len, const sockaddr_in& addr,
+                  bool to_local) noexcept {
+  const u8* const bytes = static_cast<const u8*>(data);
+  try {
+    packages->push_back({std::vector<u8>(bytes, bytes + len), addr, to_local});
+  } catch (...) {
+  }
+}
+
+}  // namespace moru_vyr::lsp

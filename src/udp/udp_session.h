@@ -1,0 +1,78 @@
+// One relayed socket of the game: the queues that carry its datagrams' true addresses past the
+// loopback hop, and a remote session for each group of destinations.
+//
+// A destination that the route tables know has a remote session for its address, which all ports
+// share; all destinations that they do not know share one. The first remote session's socket is
+// where the game sends to and receives from, whichever remote session the datagram belongs to.
+//
+// The provider makes it, owns it and outlives it. Worker thread only, but for the queues. Nothing
+// but the constructor throws.
+#pragma once
+#include <winsock2.h>
+
+#include <map>
+#include <memory>
+
+#include "common/types.h"
+#include "udp/live_queues.h"
+#include "udp/udp_package.h"
+
+namespace moru_vyr::lsp {
+
+class UdpProvider;
+class UdpRemoteSession;
+
+class UdpSession {
+ public:
+  // Where the game's socket is, its first destination, and the sizes of its buffers.
+  UdpSession(UdpProvider* provider, u32 token, const sockaddr_in& local_addr,
+             const sockaddr_in& remote_addr, u32 send_size, u32 recv_size);
+  ~UdpSession();  // ends the links with a word to their nodes
+  UdpSession(const UdpSession&) = delete;
+  UdpSession& operator=(const UdpSession&) = delete;
+
+  // Makes the first remote session, and with it the game's relay port.
+  bool Init() noexcept;
+  // Where the game is to send: the loopback address, although that port listens on all.
+  bool GetRelayAddr(sockaddr_in* out) const noexcept;
+
+  u32 token() const noexcept { return token_; }
+  UdpProvider* provider() const noexcept { return provider_; }
+  UdpPackageQueue* send_queue() const noexcept { return &queues_->send_queue; }
+  UdpPackageQueue* recv_queue() const noexcept { return &queues_->recv_queue; }
+  const std::shared_ptr<UdpQueues>& queues() const noexcept { return queues_; }
+
+  void OnUpdate(u32 elapsed_ms) noexcept;
+
+  // Whether nothing of the game's waits for room in a socket. What does gets told to close after
+  // it; what waits for a negotiation does not count.
+  bool CanClose() noexcept;
+  // For a part that may not end the session from where it stands: the provider does so after this
+  // turn of the timer.
+  void WantClose() noexcept { close_wanted_ = true; }
+  bool IsCloseWanted() const noexcept { return close_wanted_; }
+
+  // A datagram of the game's for a destination of another group.
+  void RouteToRemoteSession(const UdpPackage& package) noexcept;
+  // A datagram from the network; package.addr is who really sent it.
+  void DeliverToGame(const UdpPackage& package) noexcept;
+
+ private:
+  UdpRemoteSession* CreateRemoteSession(const sockaddr_in& addr, bool bind) noexcept;
+  UdpRemoteSession* FindRemoteSession(u32 ip, u16 port) const noexcept;
+  u32 RemoteSessionKey(u32 ip, u16 port) const noexcept;
+  void Cleanup() noexcept;
+
+  UdpProvider* const provider_;
+  const u32 token_;
+  const sockaddr_in local_addr_;
+  const sockaddr_in remote_addr_;
+  const u32 sock_send_buf_size_;
+  const u32 sock_recv_buf_size_;
+  const std::shared_ptr<UdpQueues> queues_;
+  UdpRemoteSession* first_remote_session_ = nullptr;
+  std::map<u32, std::unique_ptr<UdpRemoteSession>> remote_sessions_;  // see RemoteSessionKey
+  bool close_wanted_ = false;
+};
+
+}  // namespace moru_vyr::lsp
