@@ -276,17 +276,26 @@ SCENARIO(RelayMgr, AWorkerThatStartsLateIsWaitedForOnce) {
   EXPECT_TRUE(relay.CheckAndInit(3000));
 }
 
-SCENARIO(RelayMgr, AWorkerThatFailsIsNotTriedAgain) {
-  port::FailCall("WSPSocket", 1, WSAENOBUFS);
+// The datagram relay makes the worker's first socket, the stream relay its second.
+void ExpectFailsOnce(sim::World& world, unsigned failing_socket, const char* udp_init) {
+  port::FailCall("WSPSocket", failing_socket, WSAENOBUFS);
   test::LogCapture log(4);
   RelayMgr& relay = GetRelayMgr();
   EXPECT_FALSE(relay.CheckAndInit(3000));
-  EXPECT_TRUE(log.Contains("RelayMgr::InternalInit, UDP init is true\n"));
+  EXPECT_TRUE(log.Contains(std::string("RelayMgr::InternalInit, UDP init is ") + udp_init));
   EXPECT_TRUE(log.Contains("RelayMgr::InternalInit, TCP init is false\n"));
   EXPECT_TRUE(log.Contains("RelayMgr::CheckAndInit, initialization is -2147467259\n"));
   const auto before = world.now();
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_EQ(world.now(), before);
+}
+
+SCENARIO(RelayMgr, AWorkerWithoutADatagramRelayIsNotTriedAgain) {
+  ExpectFailsOnce(world, 1, "false\n");
+}
+
+SCENARIO(RelayMgr, AWorkerWithoutAStreamRelayIsNotTriedAgain) {
+  ExpectFailsOnce(world, 2, "true\n");
 }
 
 SCENARIO(RelayMgr, AnErrorOfSelectEndsTheWorkerOnlyIfItIsOneOfThree) {
