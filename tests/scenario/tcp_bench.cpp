@@ -75,7 +75,8 @@ void Echo(SOCKET s, Call* call) {
   }
 }
 
-TcpBench::TcpBench() {
+TcpBench::TcpBench(const std::wstring& path) {
+  if (!path.empty()) game.Is(path);
   StartServer();
   WriteTables();
   game.ListAsGame(0);

@@ -50,7 +50,8 @@ void Echo(SOCKET s, Call* call);
 
 class TcpBench : public sim::ScenarioTest {
  protected:
-  TcpBench();
+  // The game's own path, where it matters.
+  explicit TcpBench(const std::wstring& path = L"");
 
   // --- the game ---
   // Connected, or INVALID_SOCKET.

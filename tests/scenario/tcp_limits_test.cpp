@@ -1,0 +1,127 @@
+// The bounds of the relay: two mebibytes of each direction of a connection, 128 sockets in all.
+#include <algorithm>
+#include <vector>
+
+#include "tests/scenario/tcp_bench.h"
+
+namespace {
+using namespace tcp_test;  // NOLINT: the verbs of these tests
+
+// While a buffer is full the worker polls without a pause. Here that costs little time, and others
+// get their turn; the director sleeps, since the world is never quiet enough for RunFor.
+sim::Options QuickSpin() {
+  sim::Options options;
+  options.preempt_percent = 10;
+  options.spin_steps = 20;
+  return options;
+}
+
+class TcpLimits : public TcpBench {
+ protected:
+  // In pieces, so that *sent tells how far it has come.
+  static void SendPieces(SOCKET s, const std::string& text, size_t* sent) {
+    while (*sent < text.size()) {
+      const size_t piece = std::min<size_t>(10'000, text.size() - *sent);
+      if (SendAll(s, text.substr(*sent, piece)) != piece) return;
+      *sent += piece;
+    }
+  }
+  // So much waits in the relay, and the rest in the systems' buffers on the way: of two streams,
+  // two ends each.
+  static void ExpectHeld(size_t sent) {
+    EXPECT_GE(sent, 2'097'152u - 4 * 8192u);
+    EXPECT_LE(sent, 2'097'152u + 4 * 65'536u + 20'000u);
+  }
+  const std::string all = Pattern(4'000'000);
+};
+
+SCENARIO_WITH_(TcpLimits, AServerThatDoesNotReadHoldsTheGameBack, TcpLimits, 1, QuickSpin()) {
+  bool reads = false;
+  serve = [&](SOCKET t, Call* call) {
+    while (!reads) Sleep(50);
+    call->end = CollectAll(t, &call->got);
+  };
+  const SOCKET s = Joins(kDirect);
+  size_t sent = 0;
+  GameThread([&] { SendPieces(s, all, &sent); });
+  Sleep(500);
+  ExpectHeld(sent);
+  const size_t held = sent;
+  Sleep(200);
+  EXPECT_EQ(sent, held);
+  reads = true;
+  ASSERT_TRUE(RunToTheEnd());
+  EXPECT_EQ(sent, all.size());
+  closesocket(s);
+  ASSERT_TRUE(RunUntil([&] { return !calls.empty() && LastCall().over(); }));
+  EXPECT_TRUE(LastCall().got == all) << LastCall().got.size();
+  EXPECT_EQ(LastCall().end, "closed");
+}
+
+SCENARIO_WITH_(TcpLimits, AGameThatDoesNotReadHoldsTheServerBack, TcpLimits, 1, QuickSpin()) {
+  size_t sent = 0;
+  serve = [&](SOCKET t, Call* call) {
+    SendPieces(t, all, &sent);
+    call->end = "closed";
+  };
+  const SOCKET s = Joins(kDirect);
+  Sleep(500);
+  ExpectHeld(sent);
+  const size_t held = sent;
+  Sleep(200);
+  EXPECT_EQ(sent, held);
+  std::string got;
+  EXPECT_EQ(CollectAll(s, &got), "closed");
+  EXPECT_TRUE(got == all) << got.size();
+  closesocket(s);
+}
+
+// What the game says before anybody is there to hear it is held back as well, and then all of it
+// arrives.
+SCENARIO_WITH_(TcpLimits, EarlyBytesAreHeldBackToo, TcpLimits, 1, QuickSpin()) {
+  a.AnswersAfter(4000);
+  RunFor(100ms);
+  const SOCKET s = Joins();
+  size_t sent = 0;
+  GameThread([&] { SendPieces(s, all, &sent); });
+  std::string got, end;
+  GameThread([&] { Collect(s, all.size(), &got, &end); });
+  Sleep(2000);
+  EXPECT_GE(sent, 2'097'152u - 4 * 8192u);
+  EXPECT_LE(sent, 2'097'152u + 2 * 65'536u + 20'000u);
+  ASSERT_TRUE(RunToTheEnd());
+  EXPECT_TRUE(got == all) << got.size() << " " << end;
+  closesocket(s);
+}
+
+// Kept: a socket beyond the 128th is known and never polled. Its connection waits, none is harmed,
+// and the places of those that end are free for those that come.
+SCENARIO_F(TcpLimits, ConnectionsBeyondTheSetsWaitAndHarmNobody) {
+  std::vector<SOCKET> sockets;
+  for (int i = 0; i < 68; ++i) {
+    sockets.push_back(Joins());
+    ASSERT_NE(sockets.back(), INVALID_SOCKET) << i;
+    SendText(sockets.back(), "I am " + std::to_string(i));
+    RunFor(10ms);
+  }
+  RunFor(2s);
+  size_t answered = 0;
+  for (size_t i = 0; i < sockets.size(); ++i) {
+    if (!ReadableWithin(sockets[i], 0)) continue;
+    EXPECT_EQ(Received(sockets[i]), "I am " + std::to_string(i));
+    EXPECT_EQ(i, answered++);  // none that came later than one in want of a place
+  }
+  // Two sockets each; some places are the relay's own.
+  EXPECT_GE(answered, 60u);
+  EXPECT_LE(answered, 63u);
+  for (const SOCKET s : sockets) closesocket(s);
+  RunFor(5s);
+  for (const Call& call : calls) {
+    EXPECT_TRUE(call.got.empty() || call.got.rfind("I am ", 0) == 0) << call.got;
+  }
+  const SOCKET s = Joins();
+  EXPECT_EQ(Talks(s, "still there"), "still there");
+  closesocket(s);
+}
+
+}  // namespace
