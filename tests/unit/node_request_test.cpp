@@ -147,4 +147,24 @@ TEST(NodeRequest, TheGameServerMustBeOne) {
   }
 }
 
+// A datagram holds one request and nothing else; there is no more to come.
+TEST(NodeRequest, ADatagramMustBeExactlyOne) {
+  for (const int version : {1, 2, 3}) {
+    const Bytes right = Request(version);
+    const auto take = [](const Bytes& bytes) {
+      RequestReader reader;
+      return reader.TakeDatagram(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    };
+    EXPECT_EQ(take(right), State::kDone);
+    for (std::size_t size = 0; size < right.size(); ++size)
+      EXPECT_EQ(take(Bytes(right.begin(), right.begin() + static_cast<std::ptrdiff_t>(size))),
+                State::kBad)
+          << size;
+    Bytes longer = right;
+    longer.push_back(0);
+    EXPECT_EQ(take(longer), State::kBad);
+    EXPECT_EQ(take(Bytes(2000, 0)), State::kBad);
+  }
+}
+
 }  // namespace

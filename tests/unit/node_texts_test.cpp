@@ -73,7 +73,13 @@ TEST(NodeBehaviour, IsReadFromText) {
                {"split_bytes", "whole", 0},
                {"split_bytes", "0", -2},
                {"freeze", "yes", 1},
-               {"freeze", "1", -2}};
+               {"freeze", "1", -2},
+               {"data_up_loss", "100", 100},
+               {"probe_down_loss", "101", -2},
+               {"header", "past_end", Behaviour::kPastEnd},
+               {"head_len", "19", -2},
+               {"unasked_ms", "never", 0},
+               {"last_node_ip", "0xC6336415", 0xC6336415}};
   for (const auto& one : cases) {
     std::int64_t value = 0;
     const bool right = node::FindBehaviourField(one.field)->Parse(one.text, &value);
@@ -106,6 +112,19 @@ TEST(NodeAnswer, IsWhatTheProtocolsOtherReaderReads) {
   }
 }
 
+TEST(NodeAnswer, MayNameAnotherLastNode) {
+  Behaviour behaviour;
+  behaviour.last_node_ip = 0xC6336415;
+  behaviour.last_node_port = 9100;
+  const std::string bytes = node::MakeAnswer(behaviour, 0, 7, {0xc6336414, 9200}, {});
+  wire::Answer read;
+  const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
+  ASSERT_EQ(wire::Decode(wire::Bytes(data, bytes.size()), &read), wire::kFine);
+  EXPECT_EQ(read.data_address, 0xc6336414u);
+  EXPECT_EQ(read.previous.address, 0xc6336415u);
+  EXPECT_EQ(read.previous.port, 9100);
+}
+
 class NodeCommand : public testing::Test {
  protected:
   std::string Run(const std::string& line) { return node::RunCommand(line, target); }
@@ -122,6 +141,8 @@ class NodeCommand : public testing::Test {
             resets += reset ? 1 : 0;
             return node::u64{3};
           },
+      .flows = [] { return std::vector{node::Event{"flow"}.With("flow", 4)}; },
+      .forget_flows = [] { return node::u64{5}; },
       .stop = [this] { ++stops; }};
 };
 
@@ -164,6 +185,8 @@ TEST_F(NodeCommand, DoTheRest) {
   EXPECT_EQ(resets, 0);
   EXPECT_EQ(Run(R"({"command":"reset"})"), R"({"ok":true,"connections":3})");
   EXPECT_EQ(resets, 1);
+  EXPECT_EQ(Run(R"({"command":"flows"})"), R"({"ok":true,"flows":[{"flow":4}]})");
+  EXPECT_EQ(Run(R"({"command":"forget"})"), R"({"ok":true,"flows":5})");
   EXPECT_EQ(Run(R"({"command":"stop"})"), R"({"ok":true})");
   EXPECT_EQ(stops, 1);
   const std::string got = Run(R"({"command":"get"})");
