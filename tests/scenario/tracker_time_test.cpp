@@ -1,0 +1,311 @@
+// When the Tracker reports: its two paces, its waits, and what a tick count that wraps does to
+// them. The director is the relay's worker.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "port/sim/scenario.h"
+#include "tests/unit/log_capture.h"
+#include "tests/unit/tracker_bench.h"
+
+namespace {
+
+using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
+using test::kSocket;
+using test::kToken;
+using test::SomeDecision;
+using test::UsedSlots;
+
+class TrackerTime : public sim::ScenarioTest {
+ protected:
+  void AddAccelerated(SOCKET socket, const std::string& guid, u32 type = kTrackUdp) {
+    tracker.AddToWatchList(socket, type, kToken);
+    tracker.SetAcceInfo(socket, true, SomeDecision(guid));
+    tracker.RecordNegSuccess(socket, 1, 1, 1, 1, SomeDecision(guid));
+  }
+  void SubmitOne() { tracker.SubmitRecoverySwitch(RecoverySwitchRecord{}); }
+  template <typename Region>
+  static void FreeSlots(test::ClientRegion<Region>& region) {
+    for (auto& slot : region->slots) slot.used = 0;
+  }
+  u32 TimeOf(const std::function<void()>& body) {
+    const u32 start = GetTickCount();
+    body();
+    return GetTickCount() - start;
+  }
+
+  test::ReportClient client;
+  Tracker tracker;
+  TrackerFront front{&tracker};
+};
+
+// --- the sync thread's pace -------------------------------------------------------------------
+
+SCENARIO_F(TrackerTime, PassesAreMoreThanTwentyMillisecondsApart) {
+  tracker.Init();
+  AddAccelerated(kSocket, "guid");
+  std::vector<u32> passes;
+  for (int i = 0; i < 400; ++i) {
+    SubmitOne();
+    tracker.SnapshotCommInfo(true);  // so that neither wait lasts
+    RunFor(1ms);
+    if (UsedSlots(client.switches) > 0) passes.push_back(GetTickCount());
+    FreeSlots(client.switches);
+    FreeSlots(client.traffic);
+  }
+  ASSERT_GT(passes.size(), 8u);
+  for (size_t i = 1; i < passes.size(); ++i) {
+    EXPECT_GT(passes[i] - passes[i - 1], 20u);
+    EXPECT_LE(passes[i] - passes[i - 1], 35u);
+  }
+  tracker.UnInit();
+}
+
+// The other event's wait is what holds a report up.
+SCENARIO_F(TrackerTime, ReportsWaitForOneWaitAtMost) {
+  tracker.Init();
+  RunFor(1s);
+  u32 longest = 0, shortest = 1000;
+  for (int i = 0; i < 40; ++i) {
+    SubmitOne();
+    const u32 start = GetTickCount();
+    EXPECT_TRUE(RunUntil([&] { return UsedSlots(client.switches) > 0; }, 2s));
+    const u32 took = GetTickCount() - start;
+    longest = std::max(longest, took);
+    shortest = std::min(shortest, took);
+    FreeSlots(client.switches);
+    RunFor(std::chrono::milliseconds(7 * i));
+  }
+  EXPECT_LE(longest, 130u);
+  EXPECT_GT(longest, 70u);
+  EXPECT_LE(shortest, 5u);
+  tracker.UnInit();
+}
+
+// --- snapshots --------------------------------------------------------------------------------
+
+SCENARIO_F(TrackerTime, SuccessShowsTheTrafficUnlessThatWasDoneWithinASecond) {
+  const struct {
+    int gap_ms;
+    int reports;  // of both successes; the second shows both sockets
+  } rows[] = {{1, 1}, {999, 1}, {1000, 1}, {1001, 3}};
+  for (const auto& row : rows) {
+    Tracker fresh;
+    fresh.Init();
+    for (const char* guid : {"a", "b"}) {
+      const SOCKET socket = static_cast<SOCKET>(guid[0]);
+      fresh.AddToWatchList(socket, kTrackUdp, kToken);
+      fresh.SetAcceInfo(socket, true, SomeDecision(guid));
+      fresh.RecordNegSuccess(socket, 1, 1, 1, 1, SomeDecision(guid));
+      if (guid[0] == 'a') RunFor(std::chrono::milliseconds(row.gap_ms));
+    }
+    RunFor(300ms);
+    EXPECT_EQ(UsedSlots(client.traffic), row.reports) << row.gap_ms;
+    fresh.UnInit();
+    FreeSlots(client.traffic);
+  }
+}
+
+SCENARIO_F(TrackerTime, TimerShowsTheTrafficWhenMoreThanFiveSecondsHavePassed) {
+  tracker.Init();
+  AddAccelerated(kSocket, "guid");
+  RunFor(2s);
+  FreeSlots(client.traffic);
+  const auto reports_of_a_tick = [&] {
+    front.OnTimer(GetTickCount());
+    const u32 start = GetTickCount();
+    RunFor(300ms);
+    const int reports = UsedSlots(client.traffic);
+    FreeSlots(client.traffic);
+    EXPECT_EQ(GetTickCount() - start, 300u);
+    return reports;
+  };
+  EXPECT_EQ(reports_of_a_tick(), 1);  // the first tick ever
+  RunFor(4699ms);
+  EXPECT_EQ(reports_of_a_tick(), 0);  // 4999
+  FreeSlots(client.traffic);
+  RunFor(6s);
+  EXPECT_EQ(reports_of_a_tick(), 1);
+  RunFor(4700ms);
+  front.OnTimer(GetTickCount());  // 5000
+  RunFor(1ms);
+  EXPECT_EQ(reports_of_a_tick(), 1);  // 5001
+  tracker.UnInit();
+}
+
+// Every pass of the worker asks; what the client sees is one report in five seconds.
+SCENARIO_F(TrackerTime, LiveReportsComeOnceInFiveSeconds) {
+  tracker.Init();
+  AddAccelerated(kSocket, "guid");
+  for (int i = 0; i < 1500; ++i) {  // 30 s
+    front.OnTimer(GetTickCount());
+    RunFor(20ms);
+  }
+  EXPECT_GE(UsedSlots(client.traffic), 6);
+  EXPECT_LE(UsedSlots(client.traffic), 7);
+  for (int i = 0; i < UsedSlots(client.traffic); ++i) EXPECT_EQ(client.traffic->slots[i].ended, 0);
+  tracker.UnInit();
+}
+
+SCENARIO_F(TrackerTime, TimerThatComesRightAfterASuccessShowsNothingForFiveSeconds) {
+  tracker.Init();
+  AddAccelerated(kSocket, "guid");
+  RunFor(500ms);
+  ASSERT_EQ(UsedSlots(client.traffic), 1);
+  front.OnTimer(GetTickCount());
+  RunFor(5000ms);
+  front.OnTimer(GetTickCount());
+  RunFor(300ms);
+  EXPECT_EQ(UsedSlots(client.traffic), 1);
+}
+
+SCENARIO_F(TrackerTime, TrafficSaysHowLongASocketLivesAndIdles) {
+  tracker.Init();
+  AddAccelerated(kSocket, "guid");
+  RunFor(300ms);
+  EXPECT_EQ(client.traffic->slots[0].life, 0u);
+  EXPECT_EQ(client.traffic->slots[0].idle, 0u);  // nothing was received yet
+  tracker.RecordRecv(kSocket, 1, 0);
+  RunFor(1500ms);
+  tracker.RecordSend(kSocket, 1, 0);  // is no sign of the other side's life
+  tracker.RemoveFromWatchList(kSocket);
+  RunFor(300ms);
+  EXPECT_EQ(client.traffic->slots[1].life, 1800u);
+  EXPECT_EQ(client.traffic->slots[1].idle, 1500u);
+  EXPECT_EQ(client.traffic->slots[1].create_tick, 3'600'000u);
+  tracker.UnInit();
+}
+
+SCENARIO_F(TrackerTime, LiveReportsComeInTheOrderOfTheirGuids) {
+  tracker.Init();
+  AddAccelerated(1, "c");
+  AddAccelerated(2, "a");
+  AddAccelerated(3, "b");
+  RunFor(1500ms);
+  FreeSlots(client.traffic);
+  const test::LogCapture log(0);
+  tracker.SnapshotCommInfo(false);
+  RunFor(300ms);
+  EXPECT_STREQ(client.traffic->slots[0].guid_str, "a");
+  EXPECT_STREQ(client.traffic->slots[1].guid_str, "b");
+  EXPECT_STREQ(client.traffic->slots[2].guid_str, "c");
+  EXPECT_TRUE(log.Contains("[Tracker] Comm Info Sync Start\n"));
+  EXPECT_TRUE(log.Contains("[Tracker] Comm Info Sync End\n"));
+  tracker.UnInit();
+}
+
+// --- a probe that is still under way ----------------------------------------------------------
+
+SCENARIO_F(TrackerTime, ProbeOfTheLastTwoSecondsIsNotLostYet) {
+  const struct {
+    const char* what;
+    u32 type;
+    int age_ms;
+    u32 pending, sent, received;
+    u32 reported;
+    double lost;
+  } rows[] = {
+      {"just sent", kTrackUdp, 0, 1, 10, 9, 9, 0},
+      {"almost two seconds", kTrackUdp, 1999, 1, 10, 9, 9, 0},
+      {"two seconds", kTrackUdp, 2000, 1, 10, 9, 10, 10},
+      {"answered", kTrackUdp, 100, 0, 10, 9, 10, 10},
+      {"none sent", kTrackUdp, 100, 1, 0, 0, 0, 0},
+      {"a stream", kTrackTcp, 100, 1, 10, 9, 10, 10},
+  };
+  tracker.Init();
+  for (const auto& row : rows) {
+    AddAccelerated(kSocket, "guid", row.type);
+    SpeedStats stats;
+    for (SpeedStatsHalf* half : {&stats.frontend, &stats.backend}) {
+      half->total_send = row.sent;
+      half->total_recv = row.received;
+      half->pending = row.pending;
+      half->last_send_tick = GetTickCount();
+    }
+    tracker.SetSpeedTestResult(kSocket, stats);
+    RunFor(std::chrono::milliseconds(row.age_ms));
+    const test::LogCapture log(5);
+    tracker.RemoveFromWatchList(kSocket);
+    FreeSlots(client.traffic);
+    RunFor(500ms);
+    const int used = UsedSlots(client.traffic);
+    const CommInfoRecord* last = nullptr;
+    for (const CommInfoRecord& record : client.traffic->slots)
+      if (record.used != 0 && record.ended != 0) last = &record;
+    ASSERT_NE(last, nullptr) << row.what << used;
+    EXPECT_EQ(last->frontend_fine.total_send, row.reported) << row.what;
+    EXPECT_EQ(last->backend_fine.total_send, row.reported) << row.what;
+    char lost[32];
+    std::snprintf(lost, sizeof lost, "lost_avg=%.1f,backend", row.lost);
+    EXPECT_TRUE(log.Contains(lost)) << row.what << log.Text();
+    FreeSlots(client.traffic);
+  }
+  tracker.UnInit();
+}
+
+// --- the wrap of the tick count ---------------------------------------------------------------
+
+sim::Options WrapIn(u32 ms) {
+  sim::Options options;
+  options.tick_start = 0u - ms;
+  return options;
+}
+
+class TrackerWrap : public TrackerTime {};
+#define SCENARIO_WRAP(name, ms) SCENARIO_WITH_(TrackerWrap, name, TrackerWrap, 1, WrapIn(ms))
+
+// Kept: the thread waits for a tick that comes again in 49 days. The end reports everything.
+SCENARIO_WRAP(ReportsPauseAtTheWrapUntilTheEnd, 1050) {
+  tracker.Init();
+  RunFor(2s);
+  SubmitOne();
+  AddAccelerated(kSocket, "guid");
+  RunFor(60s);
+  EXPECT_EQ(UsedSlots(client.switches), 0);
+  EXPECT_LT(TimeOf([&] { tracker.UnInit(); }), 100u);
+  EXPECT_EQ(UsedSlots(client.switches), 1);
+  EXPECT_EQ(UsedSlots(client.traffic), 1);
+}
+
+// Kept: in the last five seconds before the wrap the limit stands beyond it, so every tick counts
+// as due, and the second between snapshots is no limit in its own last second.
+SCENARIO_WRAP(TimerIsAlwaysDueRightBeforeTheWrap, 5000) {
+  tracker.Init();
+  front.OnTimer(GetTickCount());
+  for (int i = 0; i < 3; ++i) {
+    AddAccelerated(static_cast<SOCKET>(i), std::to_string(i));
+    RunFor(1001ms);
+    FreeSlots(client.traffic);
+    front.OnTimer(GetTickCount());
+    RunFor(200ms);
+    EXPECT_GE(UsedSlots(client.traffic), 1) << i;
+  }
+  tracker.UnInit();
+}
+
+SCENARIO_WRAP(SocketThatIsOlderThanTheWrapHasNoAge, 1000) {
+  tracker.Init();
+  AddAccelerated(kSocket, "guid");
+  tracker.RecordRecv(kSocket, 1, 0);
+  RunFor(3s);
+  tracker.RemoveFromWatchList(kSocket);
+  tracker.UnInit();
+  const int last = UsedSlots(client.traffic) - 1;
+  ASSERT_GE(last, 0);
+  EXPECT_EQ(client.traffic->slots[last].ended, 1);
+  EXPECT_EQ(client.traffic->slots[last].life, 0u);
+  EXPECT_EQ(client.traffic->slots[last].idle, 0u);
+}
+
+// --- the end ----------------------------------------------------------------------------------
+
+SCENARIO_F_SEEDS(TrackerTime, EndDoesNotWaitForTheThreadsWaits, 20) {
+  tracker.Init();
+  RunFor(std::chrono::milliseconds(world.random().Below(400)));
+  SubmitOne();
+  EXPECT_LT(TimeOf([&] { tracker.UnInit(); }), 50u);
+  EXPECT_EQ(UsedSlots(client.switches), 1);
+}
+
+}  // namespace
