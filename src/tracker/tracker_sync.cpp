@@ -118,6 +118,8 @@ void Tracker::ReportStart() noexcept {
   ReportLspLoadedInfo(loaded);
 }
 
+// Kept: once the tick counter has wrapped, the thread pauses until the counter has climbed back.
+// The end reports what has gathered until then.
 void Tracker::SyncLoop() noexcept {
   while (!quit_.load(std::memory_order_relaxed)) {
     const u32 now = GetTickCount();

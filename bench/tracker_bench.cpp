@@ -1,0 +1,123 @@
+// What the Tracker adds to a relayed datagram: one lookup in the watch list and a few additions,
+// on the worker. NoTracker is the call alone, Unwatched a socket that is not in the list; the
+// argument is the number of sockets that are.
+#include <benchmark/benchmark.h>
+
+#include <string>
+
+#include "common/log.h"
+#include "common/text.h"
+#include "tracker/tracker_impl.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr u32 kDatagramSize = 200;
+constexpr SOCKET kFirstSocket = 300;  // handles are four apart, as the system gives them
+constexpr SOCKET kHandleStep = 4;
+
+SOCKET Socket(std::int64_t index) {
+  return kFirstSocket + kHandleStep * static_cast<SOCKET>(index);
+}
+
+// A list of accelerated sockets, without the thread that reports them.
+class Watched {
+ public:
+  explicit Watched(std::int64_t count) {
+    common::SetLogThreshold(6);  // a production level: nothing is written
+    AccDecisionInfo decision;
+    for (std::int64_t i = 0; i < count; ++i) {
+      common::SetFieldText(decision.guid, std::to_string(i));
+      tracker.AddToWatchList(Socket(i), kTrackUdp, static_cast<u32>(i));
+      tracker.SetAcceInfo(Socket(i), true, decision);
+      tracker.RecordNegSuccess(Socket(i), 1, 1, 1, 1, decision);
+    }
+  }
+
+  Tracker tracker;
+  TrackerFront front{&tracker};
+};
+
+void FeedAll(benchmark::State& state, TrackerFront& front, std::int64_t sockets) {
+  std::int64_t next = 0;
+  for (auto _ : state) {
+    front.RecordSend(Socket(next), kDatagramSize, 0);
+    if (++next == sockets) next = 0;
+  }
+}
+
+void NoTracker(benchmark::State& state) {
+  TrackerFront front(nullptr);
+  FeedAll(state, front, 60);
+}
+BENCHMARK(NoTracker);
+
+void Unwatched(benchmark::State& state) {
+  Watched watched(state.range(0));
+  for (auto _ : state) watched.front.RecordSend(kFirstSocket - 1, kDatagramSize, 0);
+}
+BENCHMARK(Unwatched)->Arg(0)->Arg(60);
+
+void Sent(benchmark::State& state) {
+  Watched watched(state.range(0));
+  FeedAll(state, watched.front, state.range(0));
+}
+BENCHMARK(Sent)->Arg(1)->Arg(10)->Arg(60);
+
+void Received(benchmark::State& state) {
+  Watched watched(state.range(0));
+  std::int64_t next = 0;
+  for (auto _ : state) {
+    watched.front.RecordRecv(Socket(next), kDatagramSize, 0);
+    if (++next == state.range(0)) next = 0;
+  }
+}
+BENCHMARK(Received)->Arg(1)->Arg(10)->Arg(60);
+
+// A datagram's way out of the worker, alone and with what the Tracker is told of it.
+void Send(benchmark::State& state, bool told) {
+  WSADATA data;
+  WSAStartup(MAKEWORD(2, 2), &data);
+  const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+  sockaddr_in to = {};
+  int size = sizeof to;
+  to.sin_family = AF_INET;
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const SOCKET sink = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);  // is full soon, and loses
+  bind(sink, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+  getsockname(sink, reinterpret_cast<sockaddr*>(&to), &size);
+  Watched watched(60);
+  const char datagram[kDatagramSize] = {};
+  std::int64_t next = 0;
+  for (auto _ : state) {
+    sendto(s, datagram, sizeof datagram, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    if (told) watched.front.RecordSend(Socket(next), kDatagramSize, 0);
+    if (++next == 60) next = 0;
+  }
+  closesocket(s);
+  closesocket(sink);
+  WSACleanup();
+}
+BENCHMARK_CAPTURE(Send, Untold, false);
+BENCHMARK_CAPTURE(Send, Told, true);
+
+// A probe that is sent: the figures are fetched and given back.
+void ProbeFigures(benchmark::State& state) {
+  Watched watched(state.range(0));
+  SpeedStats stats;
+  for (auto _ : state) {
+    watched.front.GetSpeedTestResult(Socket(state.range(0) - 1), &stats);
+    watched.front.SetSpeedTestResult(Socket(state.range(0) - 1), &stats);
+  }
+}
+BENCHMARK(ProbeFigures)->Arg(1)->Arg(60);
+
+// Once in five seconds: a copy of every record.
+void Snapshot(benchmark::State& state) {
+  Watched watched(state.range(0));
+  for (auto _ : state) watched.tracker.SnapshotCommInfo(true);
+}
+BENCHMARK(Snapshot)->Arg(1)->Arg(10)->Arg(60);
+
+}  // namespace
+}  // namespace moru_vyr::lsp
