@@ -10,12 +10,12 @@
 #include "common/process_info.h"
 #include "common/text.h"
 #include "icmp/icmp_vm.h"
+#include "provider/config_source.h"
 #include "provider/gate.h"
 #include "provider/net_probe.h"
 #include "provider/socket_error_filter.h"
 #include "provider/socket_map.h"
 #include "relay/relay_mgr.h"
-#include "route/acc_config.h"
 #include "route/init_log.h"
 #include "route/route.h"
 
@@ -54,7 +54,7 @@ void FillProcessInfo() {
 // A game that the client lists gets a log file and the route tables. The network probe is hooked
 // without either.
 void SettleGate() {
-  hook_enabled = ReadAccConfig();
+  hook_enabled = ObtainAccConfig();
   hook_enabled = CheckCanHook(hook_enabled);
   if (hook_enabled) {
     InitLog();

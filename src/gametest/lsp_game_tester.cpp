@@ -1,0 +1,188 @@
+#include "gametest/lsp_game_tester.h"
+
+#include <winsock2.h>
+//
+#include <shlwapi.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <set>
+
+#include "common/log.h"
+#include "common/process_info.h"
+#include "common/text.h"
+#include "gametest/test_config.h"
+#include "route/acc_config.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+using common::LspTrace;
+
+constexpr wchar_t kSection[] = L"TestAccGame";
+constexpr wchar_t kFileName[] = L"\\vyr_lsp_test.ini";
+constexpr DWORD kMaxTextChars = 128;
+// Of the proc keys that are looked for: a count that was mistyped must not hold the start for
+// hours.
+constexpr u32 kMaxProcessKeys = 65536;
+constexpr u32 kMaxPort = 65535;
+constexpr INT kDefaultLogLevel = 4;
+
+std::wstring ReadText(const wchar_t* key, const std::wstring& path) {
+  wchar_t text[kMaxTextChars + 1] = {};
+  GetPrivateProfileStringW(kSection, key, L"", text, kMaxTextChars + 1, path.c_str());
+  text[kMaxTextChars] = L'\0';
+  return text;
+}
+
+u32 ReadNumber(const wchar_t* key, INT fallback, const std::wstring& path) {
+  return GetPrivateProfileIntW(kSection, key, fallback, path.c_str());
+}
+
+std::string Narrow(const std::wstring& text) {
+  std::string narrow;
+  common::u16to8(text, &narrow);
+  return narrow;
+}
+
+}  // namespace
+
+struct LspGameTester::Pimpl {
+  bool enabled = false;
+  std::set<std::wstring> process_names;  // kept: nothing is compared with them
+  u32 net_mode = 0;
+  u16 proxy_port = 0;
+  std::string proxy_ip;
+  RouteSet route_set;
+  i32 log_level = 0;
+
+  void ReadProcessNames(u32 count, const std::wstring& path);
+  bool ReadProxy(const std::wstring& path);
+};
+
+LspGameTester::LspGameTester() noexcept {
+  try {
+    pimpl_ = std::make_shared<Pimpl>();
+  } catch (const std::bad_alloc&) {
+    // The empty answers.
+  }
+}
+
+bool LspGameTester::Init() noexcept {
+  if (pimpl_ == nullptr) return false;
+  pimpl_->enabled = false;
+  try {
+    ReadFile();
+  } catch (const std::exception&) {
+    pimpl_->enabled = false;  // out of memory
+  }
+  return true;
+}
+
+bool LspGameTester::IsEnabled() const noexcept { return pimpl_ != nullptr && pimpl_->enabled; }
+
+std::wstring LspGameTester::GetProcessDir() const {
+  if (pimpl_ == nullptr) return {};
+  const std::string path(common::FieldText(common::GetProcessInfo().process_path));
+  wchar_t directory[common::kPathFieldSize] = {};
+  if (!path.empty()) {
+    LSP_LOG(0, "process path=%s", path.c_str());
+    std::wstring wide;
+    common::u8to16(path, &wide);
+    wide.copy(directory, common::kPathFieldSize - 1);
+  }
+  PathRemoveFileSpecW(directory);
+  return directory;
+}
+
+void LspGameTester::ReadFile() {
+  const std::wstring path = GetProcessDir() + kFileName;
+  if (!PathFileExistsW(path.c_str())) {
+    LspTrace("Game Test Init, log_path not exist=[%s] \n", Narrow(path).c_str());
+    return;
+  }
+  LspTrace("Game Test Init, log_path =[%s] \n", Narrow(path).c_str());
+  const u32 process_count = ReadNumber(L"process_count", 0, path);
+  if (process_count == 0) {
+    const DWORD error = GetLastError();
+    LspTrace("Game Test Init, process count error quit,last_error=%lu\n",
+             static_cast<unsigned long>(error));
+    return;
+  }
+  pimpl_->ReadProcessNames(process_count, path);
+  if (pimpl_->process_names.empty()) {
+    LspTrace("Game Test Init, process read count error quit\n");
+    return;
+  }
+  if (!pimpl_->ReadProxy(path)) return;
+  pimpl_->net_mode = ReadNumber(L"net_mode", 0, path);
+  pimpl_->log_level = static_cast<i32>(ReadNumber(L"log_level", kDefaultLogLevel, path));
+  pimpl_->enabled = true;
+  LspTrace("Game Test Init, ip=%s, port=%lu, net_mode=%lu, log_level=%d\n",
+           pimpl_->proxy_ip.c_str(), static_cast<unsigned long>(pimpl_->proxy_port),
+           static_cast<unsigned long>(pimpl_->net_mode), pimpl_->log_level);
+}
+
+void LspGameTester::Pimpl::ReadProcessNames(u32 count, const std::wstring& path) {
+  for (u32 i = 1; i <= std::min(count, kMaxProcessKeys); ++i) {
+    char key[common::kBoundedTextSize];
+    common::FormatBounded(key, "proc%d", static_cast<int>(i));
+    const std::wstring name = ReadText(std::wstring(key, key + std::strlen(key)).c_str(), path);
+    if (!name.empty()) process_names.insert(name);
+  }
+}
+
+bool LspGameTester::Pimpl::ReadProxy(const std::wstring& path) {
+  proxy_ip = Narrow(ReadText(L"proxy_ip", path));
+  if (proxy_ip.empty()) {
+    LspTrace("Game Test Init, process ip empty\n");
+    return false;
+  }
+  proxy_port = static_cast<u16>(std::min(ReadNumber(L"proxy_port", 0, path), kMaxPort));
+  if (proxy_port == 0) {
+    LspTrace("Game Test Init, process port empty\n");
+    return false;
+  }
+  return true;
+}
+
+bool LspGameTester::ReadAccConfig() noexcept {
+  if (pimpl_ == nullptr) return false;
+  const common::ProcessInfo& process = common::GetProcessInfo();
+  if (process.process_path[0] == '\0') {
+    LspTrace("process path is empty, read acce info failed!\n");
+    return false;
+  }
+  LspTrace("process path is %s\n", process.process_path);
+  AccConfig config;  // both paths behind the record stay empty
+  static_cast<AccConfigRecord&>(config) =
+      MakeTestConfig({pimpl_->proxy_ip, pimpl_->proxy_port, pimpl_->net_mode, pimpl_->log_level});
+  ReplaceAccConfig(config);
+  LspTrace("Read Config, ip=%s, port=%lu, net_mode=%lu\n", pimpl_->proxy_ip.c_str(),
+           static_cast<unsigned long>(pimpl_->proxy_port),
+           static_cast<unsigned long>(pimpl_->net_mode));
+  if (pimpl_->net_mode == 0) {
+    LspTrace("Based on server config, the game will not be accelerated:%s", process.process_name);
+    return false;
+  }
+  LspTrace("GameTestModule ReadAccConfig returns done!\n");
+  return true;
+}
+
+RouteSet* LspGameTester::GetRouteSet() noexcept {
+  return pimpl_ != nullptr ? &pimpl_->route_set : nullptr;
+}
+
+bool LspGameTester::HasProxy(u32 ip, u16 port) const noexcept {
+  return pimpl_ != nullptr && ip != 0 && port != 0;
+}
+
+LspGameTester& GetLspGameTester() {
+  static LspGameTester& tester = *new LspGameTester;
+  return tester;
+}
+
+}  // namespace moru_vyr::lsp

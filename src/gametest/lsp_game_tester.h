@@ -1,0 +1,42 @@
+// A developer's configuration: a file beside the process's program names a node and a mode.
+//
+// Nothing in the product uses it. Called at start-up, on one thread, once ProcessInfo is filled.
+#pragma once
+#include <memory>
+#include <string>
+
+#include "common/types.h"
+#include "route/route_table_formats.h"
+
+namespace moru_vyr::lsp {
+
+class LspGameTester {
+ public:
+  // Without memory for its state every operation gives the empty answer.
+  LspGameTester() noexcept;
+  LspGameTester(const LspGameTester&) = delete;
+  LspGameTester& operator=(const LspGameTester&) = delete;
+
+  // Reads the file. True also where there is none or it says too little: see IsEnabled.
+  bool Init() noexcept;
+  bool IsEnabled() const noexcept;
+  // Where the program lies, and the file beside it. May throw std::bad_alloc.
+  std::wstring GetProcessDir() const;
+  // Installs the configuration that the file asks for, whatever IsEnabled says. False where that
+  // does not accelerate anything.
+  bool ReadAccConfig() noexcept;
+  RouteSet* GetRouteSet() noexcept;  // kept: always empty
+  bool HasProxy(u32 ip, u16 port) const noexcept;
+
+ private:
+  struct Pimpl;
+
+  void ReadFile();
+
+  std::shared_ptr<Pimpl> pimpl_;
+};
+
+// The one for this process, built at first use.
+LspGameTester& GetLspGameTester();
+
+}  // namespace moru_vyr::lsp

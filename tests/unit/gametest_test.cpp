@@ -1,0 +1,280 @@
+// Acceleration by a file beside the program. What is at stake: a developer types that file, so
+// everything may stand in it, and what it does not say must not be guessed.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "common/process_info.h"
+#include "common/text.h"
+#include "gametest/lsp_game_tester.h"
+#include "gametest/test_mode.h"
+#include "provider/config_source.h"
+#include "route/acc_config.h"
+#include "route/route.h"
+#include "tests/unit/temp_dir.h"
+#include "tests/unit/trace_capture.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+struct GameTester : testing::Test {
+  GameTester() { common::SetFieldText(common::GetProcessInfo().process_path, dir / "game.exe"); }
+  ~GameTester() override {
+    common::GetProcessInfo().process_path[0] = '\0';
+    common::GetProcessInfo().process_name[0] = '\0';
+    DeleteFileW(test::Wide(File()).c_str());
+    ReplaceAccConfig(AccConfig{});
+  }
+  std::string File() const { return dir / "vyr_lsp_test.ini"; }
+  void WriteBytes(const std::string& bytes) {
+    const HANDLE file = CreateFileW(test::Wide(File()).c_str(), GENERIC_WRITE, 0, nullptr,
+                                    CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    DWORD written = 0;
+    WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
+    CloseHandle(file);
+  }
+  void Write(const std::string& keys) { WriteBytes("[TestAccGame]\r\n" + keys); }
+  bool Traced(const std::string& text) {
+    for (const std::string& line : test::TraceCapture::lines())
+      if (line.find(text) != std::string::npos) return true;
+    return false;
+  }
+
+  test::TempDir dir;
+  test::TraceCapture trace;
+  LspGameTester tester;
+};
+
+const char kWhole[] =
+    "process_count=1\r\nproc1=game.exe\r\nproxy_ip=198.51.100.20\r\nproxy_port=7001\r\n"
+    "net_mode=24\r\nlog_level=5\r\n";
+
+TEST_F(GameTester, WithoutAFileItIsOff) {
+  EXPECT_TRUE(tester.Init());
+  EXPECT_FALSE(tester.IsEnabled());
+  EXPECT_TRUE(Traced("Game Test Init, log_path not exist=[" + File() + "] \n"));
+}
+
+TEST_F(GameTester, AWholeFileTurnsItOn) {
+  Write(kWhole);
+  EXPECT_TRUE(tester.Init());
+  EXPECT_TRUE(tester.IsEnabled());
+  EXPECT_TRUE(Traced("Game Test Init, log_path =[" + File() + "] \n"));
+  EXPECT_TRUE(Traced("Game Test Init, ip=198.51.100.20, port=7001, net_mode=24, log_level=5\n"));
+  std::string directory;
+  common::u16to8(tester.GetProcessDir(), &directory);
+  EXPECT_EQ(directory + "\\game.exe", dir / "game.exe");
+}
+
+TEST_F(GameTester, SaysWhatAFileLacks) {
+  struct Case {
+    const char* keys;
+    const char* trace;
+  };
+  const Case cases[] = {
+      {"", "Game Test Init, process count error quit,last_error="},
+      {"process_count=0\r\n", "Game Test Init, process count error quit,last_error="},
+      {"process_count=2\r\nproc3=a\r\n", "Game Test Init, process read count error quit\n"},
+      {"process_count=1\r\nproc1=\r\n", "Game Test Init, process read count error quit\n"},
+      {"process_count=1\r\nproc1=a\r\nproxy_port=1\r\n", "Game Test Init, process ip empty\n"},
+      {"process_count=1\r\nproc1=a\r\nproxy_ip=1.2.3.4\r\n",
+       "Game Test Init, process port empty\n"},
+      {"process_count=1\r\nproc1=a\r\nproxy_ip=1.2.3.4\r\nproxy_port=x\r\n",
+       "Game Test Init, process port empty\n"},
+  };
+  for (const Case& expected : cases) {
+    Write(expected.keys);
+    test::TraceCapture::lines().clear();
+    EXPECT_TRUE(tester.Init());
+    EXPECT_FALSE(tester.IsEnabled()) << expected.keys;
+    EXPECT_TRUE(Traced(expected.trace)) << expected.keys;
+  }
+}
+
+TEST_F(GameTester, AFileThatIsNoLongerWholeTurnsItOff) {
+  Write(kWhole);
+  tester.Init();
+  DeleteFileW(test::Wide(File()).c_str());
+  EXPECT_TRUE(tester.Init());
+  EXPECT_FALSE(tester.IsEnabled());
+}
+
+TEST_F(GameTester, OneNameAmongTheKeysIsEnough) {
+  Write("process_count=2\r\nproc1=\r\nproc2=b.exe\r\nproxy_ip=1.2.3.4\r\nproxy_port=1\r\n");
+  tester.Init();
+  EXPECT_TRUE(tester.IsEnabled());
+  EXPECT_TRUE(Traced("ip=1.2.3.4, port=1, net_mode=0, log_level=4\n")) << "and the defaults";
+}
+
+TEST_F(GameTester, PortsAreLimited) {
+  for (const char* port : {"70000", "65536", "65535", "-1", "4294967295"}) {
+    Write(std::string("process_count=1\r\nproc1=a\r\nproxy_ip=1.2.3.4\r\nproxy_port=") + port);
+    test::TraceCapture::lines().clear();
+    tester.Init();
+    EXPECT_TRUE(Traced("port=65535,")) << port;
+  }
+}
+
+TEST_F(GameTester, LongTextsAreCut) {
+  const std::string longest(5000, '7');
+  Write("process_count=1\r\nproc1=" + longest + "\r\nproxy_ip=" + longest +
+        "\r\nproxy_port=1\r\nnet_mode=8\r\n");
+  tester.Init();
+  EXPECT_TRUE(Traced("ip=" + std::string(128, '7') + ", port=1"));
+  EXPECT_TRUE(tester.ReadAccConfig());
+  EXPECT_EQ(std::string(GetAccConfig()->forced_proxy.proxy_addr), std::string(31, '7'));
+}
+
+// The whole list where the platform keeps files in memory; elsewhere each look reads the file
+// anew, and its ends must do.
+TEST_F(GameTester, TenThousandProcessesAreRead) {
+#ifdef _WIN32
+  constexpr int kListed = 9'999;
+#else
+  constexpr int kListed = 5;
+#endif
+  std::string keys = "process_count=10000\r\n";
+  for (int i = 1; i <= kListed; ++i)
+    keys += "proc" + std::to_string(i) + "=game" + std::to_string(i) + ".exe\r\n";
+  Write(keys + "proc10000=last.exe\r\nproxy_ip=1.2.3.4\r\nproxy_port=1\r\n");
+  tester.Init();
+  EXPECT_TRUE(tester.IsEnabled());
+}
+
+TEST_F(GameTester, TheLastOfTenThousandCounts) {
+  Write("process_count=10000\r\nproc10000=last.exe\r\nproxy_ip=1.2.3.4\r\nproxy_port=1\r\n");
+  tester.Init();
+  EXPECT_TRUE(tester.IsEnabled());
+}
+
+// A count that was mistyped may not hold the program's start.
+TEST_F(GameTester, AnAbsurdCountEnds) {
+  Write("process_count=-1\r\nproc1=a.exe\r\nproxy_ip=1.2.3.4\r\nproxy_port=1\r\n");
+  tester.Init();
+  EXPECT_TRUE(tester.IsEnabled());
+}
+
+TEST_F(GameTester, ReadsUtf16) {
+  std::string bytes = "\xff\xfe";
+  for (const char c : std::string("[TestAccGame]\r\n") + kWhole) bytes += {c, '\0'};
+  WriteBytes(bytes);
+  tester.Init();
+  EXPECT_TRUE(tester.IsEnabled());
+  EXPECT_TRUE(Traced("ip=198.51.100.20, port=7001, net_mode=24, log_level=5\n"));
+}
+
+TEST_F(GameTester, SurvivesAFileOfAnything) {
+  std::string bytes = "[TestAccGame]\nprocess_count=3\nproc1";
+  for (int i = 0; i < 4096; ++i) bytes += static_cast<char>(i * 37 + i / 256);
+  WriteBytes(bytes);
+  EXPECT_TRUE(tester.Init());
+  WriteBytes("\xff\xfe[");
+  EXPECT_TRUE(tester.Init());
+  EXPECT_FALSE(tester.IsEnabled());
+}
+
+TEST_F(GameTester, TheConfigurationHasItsBuiltInValues) {
+  AccConfig before;
+  std::memset(static_cast<void*>(&before), 0x5a, sizeof before);
+  ReplaceAccConfig(before);
+  Write(kWhole);
+  tester.Init();
+  ASSERT_TRUE(tester.ReadAccConfig());
+  EXPECT_TRUE(Traced("process path is " + (dir / "game.exe") + "\n"));
+  EXPECT_TRUE(Traced("Read Config, ip=198.51.100.20, port=7001, net_mode=24\n"));
+  EXPECT_TRUE(Traced("GameTestModule ReadAccConfig returns done!\n"));
+
+  // Every word that is not 0, by its place in the record, and so every other is 0.
+  AccConfig expected;
+  auto* const bytes = reinterpret_cast<unsigned char*>(&expected);
+  const auto put = [bytes](std::size_t at, int size, u64 value) {
+    for (int i = 0; i < size; ++i)
+      bytes[at + static_cast<std::size_t>(i)] = static_cast<unsigned char>(value >> 8 * i);
+  };
+  put(8, 8, 2000005);
+  put(16, 4, 24);
+  put(2884, 4, 5);
+  put(3164, 4, 2);
+  put(3168, 4, 1);
+  put(3172, 4, 1);
+  std::memcpy(bytes + 3172 + 8, "198.51.100.20", 13);
+  put(3172 + 40, 2, 7001);
+  std::memcpy(bytes + 3172 + 52, "Test", 4);
+  put(11090, 2, 900);
+  put(11092, 2, 1000);
+  put(11094, 2, 20);
+  put(11096, 4, 10000);
+  put(11100, 1, 1);
+  put(11104, 4, 8000);
+  put(11108, 1, 1);
+  put(11112, 4, 1000);
+  put(11116, 1, 2);
+  put(11117, 1, 8);
+  put(11118, 1, 5);
+  put(11119, 1, 5);
+  put(11120, 2, 200);
+  put(11122, 2, 20);
+  put(11124, 2, 30);
+  put(11128, 4, 1000);
+  put(11132, 4, 200);
+  put(11136, 4, 1000);
+  put(11140, 2, 100);
+  put(11142, 2, 30);
+  put(11144, 1, 1);
+  put(11145, 1, 1);
+  put(11146, 1, 1);
+  put(11148, 2, 6);
+  put(11150, 2, 20);
+  put(11152, 2, 3);
+  put(11154, 2, 30);
+  std::memcpy(bytes + 11156, "26,2", 4);
+  put(11285, 1, 1);
+  put(11286, 2, 300);
+  put(11288, 2, 3);
+  put(11292, 4, 30);
+  put(11296, 4, 1000);
+  put(11300, 2, 80);
+  put(11302, 2, 20);
+  put(11304, 1, 4);
+  put(11306, 2, 1000);
+  const auto* const got = reinterpret_cast<const unsigned char*>(GetAccConfig());
+  for (std::size_t i = 0; i < sizeof(AccConfig); ++i) ASSERT_EQ(got[i], bytes[i]) << "byte " << i;
+}
+
+TEST_F(GameTester, WithoutANetModeNothingIsAccelerated) {
+  common::SetFieldText(common::GetProcessInfo().process_name, "game.exe");
+  Write("process_count=1\r\nproc1=a\r\nproxy_ip=1.2.3.4\r\nproxy_port=1\r\n");
+  tester.Init();
+  EXPECT_TRUE(tester.IsEnabled());
+  EXPECT_FALSE(tester.ReadAccConfig());
+  EXPECT_TRUE(Traced("Based on server config, the game will not be accelerated:game.exe"));
+  EXPECT_EQ(GetAccConfig()->game_id, 2000005u) << "installed all the same";
+}
+
+TEST_F(GameTester, WithoutInitTheConfigurationIsThatOfNoFile) {
+  EXPECT_FALSE(tester.ReadAccConfig());
+  EXPECT_EQ(GetAccConfig()->forced_proxy.proxy_port, 0);
+  common::GetProcessInfo().process_path[0] = '\0';
+  EXPECT_FALSE(tester.ReadAccConfig());
+  EXPECT_TRUE(Traced("process path is empty, read acce info failed!\n"));
+}
+
+TEST_F(GameTester, HasAProxyWhereBothAreGiven) {
+  EXPECT_TRUE(tester.HasProxy(1, 1));
+  EXPECT_FALSE(tester.HasProxy(0, 1));
+  EXPECT_FALSE(tester.HasProxy(1, 0));
+  ASSERT_NE(tester.GetRouteSet(), nullptr);
+  EXPECT_EQ(tester.GetRouteSet()->route_count, 0u);
+}
+
+// The product as it is built never looks at the file.
+TEST_F(GameTester, TheProductDoesNotReadTheFile) {
+  Write(kWhole);
+  EXPECT_FALSE(ObtainAccConfig());
+  EXPECT_EQ(GetAccConfig()->game_id, 0u);
+  EXPECT_FALSE(Traced("Game Test Init"));
+}
+
+}  // namespace
+}  // namespace moru_vyr::lsp
