@@ -27,7 +27,7 @@ constexpr wchar_t kFileName[] = L"\\vyr_lsp_test.ini";
 constexpr DWORD kMaxTextChars = 128;
 // Of the proc keys that are looked for: a count that was mistyped must not hold the start for
 // hours.
-constexpr u32 kMaxProcessKeys = 65536;
+constexpr u32 kMaxProcessKeys = 16384;
 constexpr u32 kMaxPort = 65535;
 constexpr INT kDefaultLogLevel = 4;
 
