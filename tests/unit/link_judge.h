@@ -34,6 +34,12 @@ class Owner : public moru_vyr::lsp::ISwitchEvent {
   std::vector<bool> verdicts;
 };
 
+// Until the tick count has moved by so much: it may move in steps of 16 ms.
+inline void Pass(common::u32 ms) {
+  const DWORD start = GetTickCount();
+  while (GetTickCount() - start < ms) Sleep(1);
+}
+
 class LinkJudge {
  public:
   static constexpr common::u32 kToken = 77;
@@ -74,12 +80,12 @@ class LinkJudge {
     return judge.RealRouteGetDefCurLost(true) != 0;  // one that does not judge answers 0
   }
   // Past the time in which no report is made.
-  void PassReportLimit() const { Sleep(config.long_cycle * kUnit + 1); }
+  void PassReportLimit() const { Pass(config.long_cycle * kUnit); }
   // The end of a slot and of its grace period.
   void CloseSlot() {
-    Sleep(kUnit + 1);
+    Pass(kUnit);
     EXPECT_TRUE(judge.OnUpdate());
-    Sleep(kWait + 1);
+    Pass(kWait);
     EXPECT_TRUE(judge.OnUpdate());
   }
   // Probes, of which so many are answered, and the loss that is read from them.

@@ -1,0 +1,64 @@
+// The truncating arithmetic of recent delays, wherever it is built. What depends on the clock is
+// tested where the clock can be moved.
+#include "quality/real_route_recent_cycle_data.h"
+
+#include "tests/unit/link_judge.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+TEST(RecentCycleArithmetic, TruncatesAveragesAndSwing) {
+  struct Case {
+    u32 first, second, avg, amp;
+  };
+  constexpr Case kCases[] = {{10, 21, 15, 5},     {40, 40, 40, 0},       {1, 2, 1, 0},
+                             {30, 61, 45, 15},    {9999, 9998, 9998, 0}, {1, 9997, 4999, 4998},
+                             {333, 666, 499, 166}};
+  AccConfig config;
+  config.long_cycle = 2;
+  config.log_level = 6;
+  ReplaceAccConfig(config);
+  std::vector<RealRouteRecentCycleData> windows(std::size(kCases));
+  test::Pass(3 * 500);  // after a pause every probe closes a cycle: first, second, and one more
+  for (std::size_t i = 0; i < std::size(kCases); ++i) {
+    const auto& [first, second, avg, amp] = kCases[i];
+    for (const u32 delay : {first, second, 1u}) windows[i].Update(delay, false, 0);
+    EXPECT_EQ(windows[i].delay_avg(), avg) << first << " " << second;
+    EXPECT_EQ(windows[i].delay_amp(), amp) << first << " " << second;
+  }
+  ReplaceAccConfig(AccConfig{});
+}
+
+// 30, 32 and 50 swing by 8.99 about their average, and by 9.01 about what is left of it.
+TEST(RecentCycleArithmetic, TheSwingIsAboutTheTruncatedAverage) {
+  AccConfig config;
+  config.long_cycle = 3;
+  config.log_level = 6;
+  ReplaceAccConfig(config);
+  RealRouteRecentCycleData window;
+  test::Pass(4 * 500);
+  for (const u32 delay : {30u, 32u, 50u, 1u}) window.Update(delay, false, 0);
+  EXPECT_EQ(window.delay_avg(), 37u);
+  EXPECT_EQ(window.delay_amp(), 9u);
+  ReplaceAccConfig(AccConfig{});
+}
+
+// The entry of a burst is the sum of its delays, and the squares are of single ones: what is under
+// the root falls below zero.
+TEST(RecentCycleArithmetic, ABurstNeverSwings) {
+  AccConfig config;
+  config.long_cycle = 2;
+  config.log_level = 6;
+  ReplaceAccConfig(config);
+  RealRouteRecentCycleData window;
+  for (int i = 0; i < 3; ++i) window.Update(40, true, 0);
+  test::Pass(2 * 500);
+  window.Update(40, false, 0);
+  window.Update(1, false, 0);
+  EXPECT_EQ(window.delay_avg(), 80u);
+  EXPECT_EQ(window.delay_amp(), 0u);
+  ReplaceAccConfig(AccConfig{});
+}
+
+}  // namespace
+}  // namespace moru_vyr::lsp
