@@ -90,7 +90,7 @@ bool RequestUdpRelay(const SocketRecord& record, const sockaddr_in* to, LPWSATHR
             record.token);
     return false;
   }
-  *out_addr = answer.addr;
+  *out_addr = answer.address();
   LSP_LOG(5, "RequestUdpRelay success: relay_addr(%s:%u), wait_result=%u, socket=%Id,token=%u",
           common::IpToString(out_addr->sin_addr.s_addr).c_str(),
           static_cast<unsigned>(ntohs(out_addr->sin_port)), static_cast<unsigned>(wait_result),

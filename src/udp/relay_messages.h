@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "common/types.h"
 
@@ -47,6 +48,12 @@ struct ProtoRelayOpen {
   static ProtoRelayOpen Answer(u32 token, bool success, const sockaddr_in& relay,
                                UdpPackageQueue* send_queue, UdpPackageQueue* recv_queue) noexcept;
 
+  sockaddr_in address() const noexcept {
+    sockaddr_in copy;  // the field itself is not aligned
+    std::memcpy(&copy, reinterpret_cast<const char*>(this) + offsetof(ProtoRelayOpen, addr),
+                sizeof copy);
+    return copy;
+  }
   HANDLE event() const noexcept { return reinterpret_cast<HANDLE>(event_or_result); }
   bool opened() const noexcept { return event_or_result == kProtoRelayOpened; }
   UdpPackageQueue* send_queue() const noexcept {

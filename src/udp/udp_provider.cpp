@@ -51,24 +51,31 @@ void UdpProvider::OnCloseLocalServer() noexcept {
   local_port_ = 0;
 }
 
-// The counterpart of what a requester has been told: from here on the token's queues are in use.
 UdpSession* UdpProvider::CreateSession(const ProtoRelayOpen& request,
                                        const sockaddr_in& game_addr) noexcept {
-  const u32 token = request.token;
   try {
-    auto session = std::make_unique<UdpSession>(this, token, game_addr, request.addr,
-                                                static_cast<u32>(request.send_size_or_queue),
-                                                static_cast<u32>(request.recv_size_or_queue));
-    if (!session->Init()) return nullptr;
-    const auto [place, inserted] = sessions_.try_emplace(token, nullptr);
-    if (!inserted) return nullptr;  // the token's session goes on untouched
-    place->second = std::move(session);
-    live_queues_.Add(token, place->second->queues());
-    return place->second.get();
+    auto session = std::make_unique<UdpSession>(
+        this, u32{request.token}, game_addr, request.address(),
+        static_cast<u32>(request.send_size_or_queue), static_cast<u32>(request.recv_size_or_queue));
+    return session->Init() ? Adopt(std::move(session)) : nullptr;
   } catch (...) {
-    sessions_.erase(token);
     return nullptr;
   }
+}
+
+// Null where the token is taken; its session goes on untouched. May throw std::bad_alloc.
+UdpSession* UdpProvider::Adopt(std::unique_ptr<UdpSession> session) {
+  const u32 token = session->token();
+  const auto [place, inserted] = sessions_.try_emplace(token, nullptr);
+  if (!inserted) return nullptr;
+  try {
+    live_queues_.Add(token, session->queues());
+  } catch (...) {
+    sessions_.erase(place);
+    throw;
+  }
+  place->second = std::move(session);
+  return place->second.get();
 }
 
 void UdpProvider::CloseSession(u32 token) noexcept {

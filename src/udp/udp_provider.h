@@ -57,6 +57,7 @@ class UdpProvider final : public NetProvider {
   void HandleLocalMessage(const UdpPackage& package) noexcept;
   void HandleOpenRequest(const ProtoRelayOpen& request, const sockaddr_in& game_addr) noexcept;
   UdpSession* CreateSession(const ProtoRelayOpen& request, const sockaddr_in& game_addr) noexcept;
+  UdpSession* Adopt(std::unique_ptr<UdpSession> session);
   void ResponseCreateSessionResult(const ProtoRelayOpen& answer, const sockaddr_in& game_addr,
                                    HANDLE event) noexcept;
   void StoreCreateResult(const ProtoRelayOpen& answer) noexcept;

@@ -103,7 +103,7 @@ void UdpProvider::ResponseCreateSessionResult(const ProtoRelayOpen& answer,
 void UdpProvider::StoreCreateResult(const ProtoRelayOpen& answer) noexcept {
   common::Lock hold(result_lock_);
   try {
-    create_results_[answer.token] = answer;
+    create_results_[u32{answer.token}] = answer;
   } catch (...) {  // the requester finds none, and goes its own way
   }
 }

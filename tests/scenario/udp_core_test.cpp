@@ -1,0 +1,486 @@
+// The relay of datagrams from the game's socket to its server and back. At stake: every datagram
+// reaches the server that the game named, once and unchanged, whatever becomes of the nodes; and
+// what the game receives bears the server's address, not the relay's.
+#include "tests/scenario/udp_bench.h"
+//
+#include "port/shared/faults.h"
+#include "relay/relay_mgr.h"
+#include "udp/relay_messages.h"
+
+namespace {
+
+using namespace udp_test;  // NOLINT
+
+using Texts = std::vector<std::string>;
+
+Texts Numbered(const std::string& name, int count) {
+  Texts texts;
+  for (int i = 0; i < count; ++i) texts.push_back(name + std::to_string(i));
+  return texts;
+}
+
+class UdpRelay : public UdpBench {};
+
+SCENARIO_F(UdpRelay, CarriesADatagramThroughTheNodeAndItsAnswerBack) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015") << log_text();
+  EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
+  EXPECT_EQ(Heard("A"), (Texts{"hello", "again"})) << AllHeard();
+  ASSERT_EQ(heard.size(), 2u);
+  EXPECT_EQ(heard[0].from_full, heard[1].from_full) << "a flow has one address for its server";
+  EXPECT_EQ(a.Count("request"), 1u);
+  EXPECT_EQ(a.Last("request").Text("game"), "198.51.100.10:27015");
+  EXPECT_TRUE(Logged("[UDP] UdpProvider::ResponseCreateSessionResult ok, addr=127.0.0.1:"));
+  closesocket(s);
+  EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 1s)) << a.AllEvents();
+  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+}
+
+SCENARIO_F(UdpRelay, SendsAnUnacceleratedDestinationsDatagramsFromItsOwnSocket) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "hello", kDirect), "hello from 198.51.100.11:27015");
+  EXPECT_EQ(Talks(s, "again", kDirect), "again from 198.51.100.11:27015");
+  EXPECT_EQ(Heard("game"), (Texts{"hello", "again"})) << AllHeard();
+  EXPECT_EQ(a.Count("request"), 0u);
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::DecideAccl result=direct"));
+}
+
+SCENARIO_F(UdpRelay, HoldsDatagramsWhileTheNodeThinksAndSendsThemInOrder) {
+  a.AnswersAfter(700);
+  Starts();
+  const SOCKET s = Udp();
+  const Texts sent = Numbered("early", 10);
+  for (const std::string& text : sent) ASSERT_EQ(Sends(s, text), 0);
+  EXPECT_EQ(Sends(s, "elsewhere", kServer, kSecondPort), 0);
+  RunFor(600ms);
+  EXPECT_TRUE(heard.empty()) << AllHeard();
+  RunFor(1s);
+  Texts here, elsewhere;
+  for (const Datagram& one : heard)
+    (one.text == "elsewhere" ? elsewhere : here).push_back(one.text);
+  EXPECT_EQ(Difference(sent, here), "") << AllHeard();
+  EXPECT_EQ(elsewhere.size(), 1u) << AllHeard();
+  for (const Datagram& one : heard) {
+    EXPECT_EQ(one.from, "A");
+    EXPECT_EQ(one.to == "198.51.100.10:27016", one.text == "elsewhere")
+        << "each leaves with its own destination";
+  }
+}
+
+SCENARIO_F(UdpRelay, ASilentNodeCostsFiveSecondsAndLosesNothing) {
+  a.StopsAnswering();
+  Starts();
+  const SOCKET s = Udp();
+  const Texts sent = Numbered("kept", 5);
+  for (const std::string& text : sent) ASSERT_EQ(Sends(s, text), 0);
+  RunFor(4900ms);
+  EXPECT_EQ(b.Count("request"), 0u);
+  RunFor(1s);
+  EXPECT_EQ(Difference(sent, Heard("B")), "") << AllHeard();
+  EXPECT_EQ(b.Last("request").Number("retry"), 1u);
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::OnNegotiationFailed, reason=202"));
+}
+
+SCENARIO_F(UdpRelay, TwoSilentNodesLeaveTheDirectWay) {
+  a.StopsAnswering();
+  b.StopsAnswering();
+  Starts();
+  const SOCKET s = Udp();
+  const Texts sent = Numbered("kept", 5);
+  for (const std::string& text : sent) ASSERT_EQ(Sends(s, text), 0);
+  RunFor(9900ms);
+  EXPECT_TRUE(heard.empty()) << AllHeard();
+  RunFor(1s);
+  EXPECT_EQ(Difference(sent, Heard("game")), "") << AllHeard();
+  EXPECT_TRUE(Logged("begin direct mode"));
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(Receives(s).from, "198.51.100.10:27015");
+  EXPECT_EQ(Talks(s, "later"), "later from 198.51.100.10:27015");
+}
+
+SCENARIO_F(UdpRelay, ARefusalTurnsToTheOtherNodeAtOnce) {
+  a.AnswersWith(9);
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
+  EXPECT_EQ(Heard("B"), Texts{"hello"}) << AllHeard();
+  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=9,"));
+}
+
+SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsLeftUnlessItIsForced) {
+  a.ServesIsps(2);
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
+  EXPECT_EQ(Heard("B"), Texts{"hello"});
+  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=207,"));
+  const SOCKET forced = Udp();
+  EXPECT_EQ(Talks(forced, "forced", kForced), "forced from 198.51.100.12:27015");
+  EXPECT_EQ(Heard("A"), Texts{"forced"}) << AllHeard();
+}
+
+SCENARIO_F(UdpRelay, AnAnswerThatIsNoneEndsTheAttempt) {
+  a.AnswersGarbage(20);
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
+  EXPECT_EQ(Heard("B"), Texts{"hello"});
+  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=203,"));
+}
+
+SCENARIO_F(UdpRelay, AnAnswerFromAnotherPortOfTheNodeIsIgnored) {
+  a.behaviour().answer_from = node::Behaviour::kOther;
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Sends(s, "hello"), 0);
+  RunFor(4900ms);
+  EXPECT_EQ(a.Count("answered"), 1u);
+  EXPECT_TRUE(heard.empty()) << AllHeard();
+  RunFor(1s);
+  EXPECT_EQ(Heard("B"), Texts{"hello"});
+}
+
+SCENARIO_F(UdpRelay, TheFirstVersionOfAnAnswerHasNoLastNode) {
+  a.behaviour().answer_version = 1;
+  Starts();
+  EXPECT_EQ(Talks(Udp(), "hello"), "hello from 198.51.100.10:27015");
+  EXPECT_TRUE(Logged("last_node:(node_id=0, ip=0.0.0.0, port=0, accl_token=0)")) << log_text();
+}
+
+// The buffer for a wrapped datagram holds 2048 bytes, 20 of them the header's, and so does the
+// queue's block. What cannot be wrapped goes past the node; what cannot be queued is lost.
+SCENARIO_F(UdpRelay, LongDatagramsGoPastTheNodeOrNowhere) {
+  server->answer = [](const std::string&) { return std::string(); };
+  Starts(0);
+  const SOCKET s = Udp();
+  EXPECT_EQ(Sends(s, "first"), 0);
+  RunFor(500ms);
+  for (const size_t size : {1u, 2028u, 2029u, 2048u, 2049u}) {
+    EXPECT_EQ(Sends(s, Pattern(size)), 0);
+    RunFor(50ms);
+  }
+  EXPECT_EQ(Difference({"first", Pattern(1), Pattern(2028)}, Heard("A")), "") << AllHeard();
+  EXPECT_EQ(Difference({Pattern(2029), Pattern(2048)}, Heard("game")), "") << AllHeard();
+  EXPECT_TRUE(Logged("WARNING: clone not enough room, k=2049, size=2048"));
+}
+
+SCENARIO_F(UdpRelay, ADatagramOfNoBytesReachesTheServer) {
+  server->answer = [](const std::string& text) { return text.empty() ? "nothing came" : text; };
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  EXPECT_EQ(Talks(s, ""), "nothing came from 198.51.100.10:27015");
+}
+
+SCENARIO_F(UdpRelay, ASecondDestinationHasItsOwnFlowAndTheSamePortOfTheGame) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "one"), "one from 198.51.100.10:27015");
+  EXPECT_EQ(Talks(s, "two", kSecond), "two from 198.51.100.13:27015");
+  EXPECT_EQ(Talks(s, "three", kSecond, kSecondPort), "three from 198.51.100.13:27016");
+  EXPECT_EQ(Talks(s, "four", kDirect), "four from 198.51.100.11:27015");
+  EXPECT_EQ(a.Count("request"), 2u) << "a flow each for two data centres, whatever the port";
+  EXPECT_EQ(Heard("A"), (Texts{"one", "two", "three"}));
+  EXPECT_EQ(Heard("game"), Texts{"four"});
+}
+
+// The socket has room for ten answers of the route policy.
+SCENARIO_F(UdpRelay, TheEleventhDestinationIsRelayedUnasked) {
+  Starts();
+  const SOCKET s = Udp();
+  const char* const unlisted[] = {"198.51.100.14", "198.51.100.15", "198.51.100.16",
+                                  "198.51.100.17", "198.51.100.18", "198.51.100.19",
+                                  "198.51.100.30", "198.51.100.31", "198.51.100.32"};
+  for (const char* ip : unlisted) EXPECT_EQ(Sends(s, "plain", ip), 0);
+  EXPECT_EQ(Talks(s, "tenth", kServer).substr(0, 5), "plain") << "the answers come in order";
+  RunFor(1s);
+  const std::string own = heard.front().from_full;
+  EXPECT_EQ(Sends(s, "eleventh", "198.51.100.33"), 0);
+  RunFor(1s);
+  ASSERT_EQ(heard.back().text, "eleventh") << AllHeard();
+  EXPECT_EQ(heard.back().from, "game");
+  EXPECT_NE(heard.back().from_full, own) << "from a socket of the relay's";
+}
+
+SCENARIO_F(UdpRelay, AFullSendBufferHoldsDatagramsInOrder) {
+  server->answer = [](const std::string&) { return std::string(); };
+  Starts(0);
+  const SOCKET s = Udp();
+  EXPECT_EQ(Sends(s, "first"), 0);
+  RunFor(500ms);
+  // The game's own send is the first, the relay's the second, and so on in turn.
+  port::FailCall("WSPSendTo", 2, WSAEWOULDBLOCK);
+  EXPECT_EQ(Sends(s, "blocked"), 0);
+  RunFor(100ms);
+  port::ClearFaults();
+  EXPECT_EQ(Sends(s, "after"), 0);
+  RunFor(500ms);
+  EXPECT_EQ(Difference({"first", "blocked", "after"}, Heard("A")), "") << AllHeard();
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::FlushBlockedPackages, count=1, remain_count=0"));
+}
+
+// A game that sends its farewell and closes must not lose it to a buffer that happened to be full.
+SCENARIO_F(UdpRelay, ClosingLetsBlockedDatagramsOutFirst) {
+  server->answer = [](const std::string& text) -> std::string {
+    if (text != "first") return "";
+    Sleep(1000);
+    return "late answer";
+  };
+  Starts(0);
+  const SOCKET s = Udp();
+  EXPECT_EQ(Sends(s, "first"), 0);
+  ASSERT_TRUE(RunUntil([&] { return !heard.empty(); }));
+  // The game's own send, then the relay's, then the relay's next try. Nothing asks for a third.
+  port::FailCall("WSPSendTo", 2, WSAEWOULDBLOCK);
+  port::FailCall("WSPSendTo", 3, WSAEWOULDBLOCK);
+  EXPECT_EQ(Sends(s, "farewell"), 0);
+  RunFor(100ms);
+  port::ClearFaults();
+  closesocket(s);
+  RunFor(100ms);
+  EXPECT_TRUE(Logged("[UDP] session enter closing state, token="));
+  EXPECT_FALSE(Logged("[UDP] session closed, token="));
+  EXPECT_EQ(heard.size(), 1u);
+  // The server's send, the node's, and the relay's to the game: that asks for room again.
+  port::FailCall("WSPSendTo", 3, WSAEWOULDBLOCK);
+  EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 5s)) << a.AllEvents() << log_text();
+  RunFor(100ms);
+  EXPECT_EQ(Difference({"first", "farewell"}, Heard("A")), "") << AllHeard();
+  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+}
+
+SCENARIO_F(UdpRelay, ManySocketsComeAndGo) {
+  Starts();
+  for (int round = 0; round < 20; ++round) {
+    std::vector<SOCKET> sockets;
+    for (int i = 0; i < 10; ++i) sockets.push_back(Udp());
+    for (const SOCKET s : sockets) {
+      EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015") << round;
+    }
+    for (const SOCKET s : sockets) closesocket(s);
+  }
+  EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 5s));
+  EXPECT_EQ(a.Count("flow_opened"), 200u);
+}
+
+// Calls of the game's other threads may have read the socket's record before it was closed.
+SCENARIO_F_SEEDS(UdpRelay, SendingWhileClosingTouchesNoQueueThatIsGone, 100) {
+  Starts(5);
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  for (int t = 0; t < 3; ++t) {
+    GameThread([&, t] {
+      for (int i = 0; i < 20; ++i) Sends(s, "racing" + std::to_string(t * 100 + i));
+    });
+  }
+  GameThread([&] { Receives(s, 5); });
+  GameThread([&] { closesocket(s); });
+  ASSERT_TRUE(RunToTheEnd());
+  EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 5s)) << a.AllEvents();
+}
+
+// --- the control port -------------------------------------------------------------------------
+
+using moru_vyr::lsp::GetRelayMgr;
+using moru_vyr::lsp::ProtoRelayClose;
+using moru_vyr::lsp::ProtoRelayOpen;
+
+class UdpControl : public UdpBench {
+ protected:
+  template <class Message>
+  static std::string Bytes(const Message& message) {
+    return {reinterpret_cast<const char*>(&message), sizeof message};
+  }
+  void SendsControl(const std::string& bytes) {
+    sockaddr_in control = {};
+    GetRelayMgr().GetUdpLocalAddr(&control);
+    sendto(asking, bytes.data(), static_cast<int>(bytes.size()), 0, Raw(control), sizeof control);
+    RunFor(50ms);
+  }
+  // Whether there is an answer for the token, and it says yes.
+  std::string Answer(common::u32 token) {
+    ProtoRelayOpen taken;
+    if (!GetRelayMgr().GetCreateResult(token, &taken)) return "none";
+    return taken.opened() ? "opened" : "refused";
+  }
+  ProtoRelayOpen Request(common::u32 token, HANDLE with) {
+    return ProtoRelayOpen::Request(token, At(kServer, kPort), with, asking);
+  }
+
+  SOCKET asking = INVALID_SOCKET;
+  HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+
+  void Begins() {
+    Starts(0);
+    ASSERT_TRUE(GetRelayMgr().CheckAndInit(3000));
+    asking = Udp();
+  }
+};
+
+SCENARIO_F(UdpControl, AnAnswerIsTakenOnce) {
+  Begins();
+  SendsControl(Bytes(Request(77, event)));
+  EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(Answer(77), "opened");
+  EXPECT_EQ(Answer(77), "none");
+  EXPECT_FALSE(GetRelayMgr().GetCreateResult(77, nullptr));
+}
+
+SCENARIO_F(UdpControl, ATokenThatIsTakenIsRefusedAndItsSessionGoesOn) {
+  Begins();
+  SendsControl(Bytes(Request(77, event)));
+  ProtoRelayOpen first;
+  ASSERT_TRUE(GetRelayMgr().GetCreateResult(77, &first));
+  SendsControl(Bytes(Request(77, event)));
+  EXPECT_EQ(Answer(77), "refused");
+  EXPECT_NE(GetRelayMgr().UseQueue(first.send_queue(), 77), nullptr);
+  SendsControl(Bytes(ProtoRelayClose::Request(77)));
+  EXPECT_EQ(GetRelayMgr().UseQueue(first.send_queue(), 77), nullptr) << "gone with its session";
+  SendsControl(Bytes(Request(77, event)));
+  EXPECT_EQ(Answer(77), "opened") << "the token is free again";
+}
+
+SCENARIO_F(UdpControl, MessagesThatAreNotExactlyOursAreDropped) {
+  Begins();
+  const std::string open = Bytes(Request(77, event));
+  const std::string close = Bytes(ProtoRelayClose::Request(77));
+  std::string other_magic = open, other_type = open;
+  other_magic[0] = static_cast<char>(other_magic[0] + 1);
+  other_type[4] = 3;
+  for (const std::string& bytes :
+       {open.substr(0, open.size() - 1), open + "x", open.substr(0, 4), open.substr(0, 5),
+        std::string(), std::string(3000, 'x'), other_magic, other_type}) {
+    SendsControl(bytes);
+    EXPECT_EQ(Answer(77), "none") << bytes.size();
+  }
+  SendsControl(open);
+  ProtoRelayOpen taken;
+  ASSERT_TRUE(GetRelayMgr().GetCreateResult(77, &taken));
+  for (const std::string& bytes : {close.substr(0, close.size() - 1), close + "x"}) {
+    SendsControl(bytes);
+    EXPECT_NE(GetRelayMgr().UseQueue(taken.send_queue(), 77), nullptr) << bytes.size();
+  }
+}
+
+SCENARIO_F(UdpControl, ARequestWithoutAnEventGetsNoAnswer) {
+  Begins();
+  SendsControl(Bytes(Request(77, nullptr)));
+  EXPECT_EQ(Answer(77), "none");
+  EXPECT_TRUE(Logged("[UDP] UdpProvider::ResponseCreateSessionResult invalid, addr=127.0.0.1:"));
+  SendsControl(Bytes(Request(77, event)));
+  EXPECT_EQ(Answer(77), "refused") << "its session is there";
+}
+
+SCENARIO_F(UdpControl, AnEventThatIsGoneLeavesTheAnswerBehind) {
+  Begins();
+  const HANDLE gone = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+  CloseHandle(gone);
+  SendsControl(Bytes(Request(77, gone)));
+  EXPECT_TRUE(Logged("ResponseCreateSessionResult invalid"));
+  EXPECT_EQ(Answer(77), "opened");
+}
+
+SCENARIO_F(UdpControl, WithoutASocketTheRequestIsRefused) {
+  Begins();
+  port::FailCall("WSPSocket", 1, WSAENOBUFS);
+  SendsControl(Bytes(Request(77, event)));
+  EXPECT_EQ(Answer(77), "refused");
+  SendsControl(Bytes(Request(77, event)));
+  EXPECT_EQ(Answer(77), "opened");
+}
+
+// --- moving to another node -------------------------------------------------------------------
+
+class UdpSwitch : public UdpBench {
+ protected:
+  // Sends 20 datagrams a second until `until` holds; which of the answers came.
+  bool PlaysUntil(SOCKET s, const std::function<bool()>& until, int most_ms) {
+    for (int passed = 0; passed < most_ms; passed += 50) {
+      if (until()) return true;
+      Sends(s, "tick" + std::to_string(next_++));
+      const auto turn = world.now() + 50ms;
+      while (world.now() < turn) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(turn - world.now());
+        const Datagram came = Receives(s, static_cast<int>(left.count()));
+        if (came.from.empty()) break;
+        EXPECT_EQ(came.from, "198.51.100.10:27015");
+        ++answered_;
+      }
+      AdvanceTo(turn);
+    }
+    return until();
+  }
+
+  int next_ = 0;
+  int answered_ = 0;
+};
+
+SCENARIO_F(UdpSwitch, AHealthyLinkIsNeverLeft) {
+  MayMeasureAndSwitch();
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_FALSE(PlaysUntil(
+      s, [&] { return b.Count("request") > 0; }, 120'000))
+      << log_text();
+  EXPECT_EQ(Difference(Heard(), Heard("A")), "");
+  EXPECT_GE(answered_, next_ - 1);
+}
+
+SCENARIO_F(UdpSwitch, ADeadNodeIsLeftForTheOtherWithTheGamesPortUnchanged) {
+  MayMeasureAndSwitch();
+  Starts();
+  RunFor(60s);
+  const SOCKET s = Udp();
+  EXPECT_FALSE(PlaysUntil(
+      s, [&] { return false; }, 10'000));
+  a.GoesDark();
+  const auto heard_by_b = [&] { return !Heard("B").empty(); };
+  ASSERT_TRUE(PlaysUntil(s, heard_by_b, 60'000)) << log_text() << a.AllEvents() << b.AllEvents();
+  EXPECT_EQ(b.Last("request").Number("flags"), 2u);
+  EXPECT_EQ(b.Last("request").Number("last_node_id"), 1u);
+  const int before = answered_;
+  EXPECT_FALSE(PlaysUntil(
+      s, [&] { return false; }, 5'000));
+  EXPECT_GE(answered_ - before, 95) << "the answers come over the new node";
+  EXPECT_TRUE(Logged("UdpRemoteSession::ReplaceSock, new socket="));
+  closesocket(s);
+  EXPECT_TRUE(RunUntil([&] { return b.Count("flow_opened") == b.Count("flow_closed"); }, 5s));
+}
+
+SCENARIO_F(UdpSwitch, WithGameTrafficBarredTheTrialIsOnlyReported) {
+  MayMeasureAndSwitch();
+  Configures([](moru_vyr::lsp::AccConfigRecord* config) { config->game_link_switch_open = 0; });
+  Starts();
+  RunFor(60s);
+  const SOCKET s = Udp();
+  EXPECT_FALSE(PlaysUntil(
+      s, [&] { return false; }, 10'000));
+  a.LosesDown(60);
+  ASSERT_TRUE(PlaysUntil(
+      s, [&] { return b.Count("flow_opened") > 0; }, 60'000))
+      << log_text();
+  EXPECT_FALSE(PlaysUntil(
+      s, [&] { return !Heard("B").empty(); }, 10'000));
+  EXPECT_TRUE(Logged("game_link switch is not open"));
+}
+
+SCENARIO_F(UdpSwitch, ASilentNodeOnTrialIsGivenOneSecond) {
+  MayMeasureAndSwitch();
+  b.StopsAnswering();
+  Starts();
+  RunFor(60s);
+  const SOCKET s = Udp();
+  EXPECT_FALSE(PlaysUntil(
+      s, [&] { return false; }, 10'000));
+  a.LosesDown(60);
+  ASSERT_TRUE(PlaysUntil(
+      s, [&] { return b.Count("request") > 0; }, 60'000))
+      << log_text();
+  EXPECT_FALSE(PlaysUntil(
+      s, [&] { return false; }, 1'200));
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=202"));
+  EXPECT_EQ(Heard("B").size(), 0u);
+}
+
+}  // namespace
