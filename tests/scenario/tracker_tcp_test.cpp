@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "common/named_mutex.h"
+#include "port/shared/faults.h"
 #include "provider/hook_entries.h"
 #include "tests/scenario/tcp_bench.h"
 #include "tests/unit/report_client.h"
@@ -141,6 +142,22 @@ SCENARIO_F(TrackerTcp, TwoFailedNodesAreTwoFailuresAndNoTraffic) {
   EXPECT_GE(second.elapsed_ms, 5000u);
   EXPECT_LT(second.elapsed_ms, 5200u);
   EXPECT_STREQ(second.guid, client.failures->slots[0].guid);
+}
+
+SCENARIO_F(TrackerTcp, RequestThatCannotBeSentIsAFailureOfItsOwn) {
+  port::FailCall("WSPSend", 1, WSAENOBUFS);
+  const SOCKET s = Joins();
+  ASSERT_NE(s, INVALID_SOCKET);
+  RunFor(1s);
+  port::ClearFaults();
+  ExpectSlots(0, 0, 1);
+  const NegRetRecord& failure = client.failures->slots[0];
+  EXPECT_EQ(failure.nego_result, 201);
+  EXPECT_EQ(failure.last_error, static_cast<u32>(WSAENOBUFS));
+  EXPECT_EQ(failure.nego_count, 1u);
+  EXPECT_EQ(failure.elapsed_ms, 0u);
+  EXPECT_EQ(UsedSlots(client.traffic), 0);
+  closesocket(s);
 }
 
 SCENARIO_F(TrackerTcp, OpenConnectionIsReportedEveryFiveSeconds) {
