@@ -2,6 +2,7 @@
 // that fails: a report may be lost, nothing else may be. The director is the relay's worker.
 #include <gtest/gtest.h>
 
+#include <list>
 #include <optional>
 #include <set>
 #include <string>
@@ -170,8 +171,12 @@ SCENARIO_F(TrackerClient, StartsAgainAfterAThreadThatHadToBeEnded) {
   EXPECT_EQ(UsedSlots(client->log_paths), 0);
   tracker.Init();
   RunFor(1s);
-  tracker.UnInit();
+  tracker.SubmitRecoverySwitch(RecoverySwitchRecord{});
+  RunFor(1s);
+  EXPECT_EQ(UsedSlots(client->switches), 2);  // the new thread stays at work
+  client->switches->slots[1].used = 0;
   ExpectEverything();
+  tracker.UnInit();
 }
 
 // --- clients that come and go -----------------------------------------------------------------
@@ -319,6 +324,8 @@ SCENARIO_F(TrackerClient, SignalThatIsLostDelaysTheReportToTheNext) {
 }
 
 SCENARIO_F(TrackerClient, RegionsThatCannotBeReachedCostTheirReports) {
+  std::list<common::NamedMutex> mutexes;  // the client has them open
+  for (const ReportChannel* channel : kChannels) mutexes.emplace_back(channel->mutex_name);
   for (const char* call : {"OpenFileMappingA", "MapViewOfFile"}) {
     port::FailCall(call, 0, ERROR_NOT_ENOUGH_MEMORY);
     const test::LogCapture log(4);
@@ -326,6 +333,10 @@ SCENARIO_F(TrackerClient, RegionsThatCannotBeReachedCostTheirReports) {
     fresh.Init();
     fresh.SubmitRecoverySwitch(RecoverySwitchRecord{});
     RunFor(1s);
+    for (common::NamedMutex& mutex : mutexes) {  // the thread lives, and holds none
+      EXPECT_TRUE(mutex.try_lock()) << call;
+      mutex.unlock();
+    }
     fresh.UnInit();
     port::ClearFaults();
     EXPECT_TRUE(log.Contains("ReportRecoverySwitch failed, mem_addr=null")) << call << log.Text();
