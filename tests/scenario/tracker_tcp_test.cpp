@@ -144,6 +144,22 @@ SCENARIO_F(TrackerTcp, TwoFailedNodesAreTwoFailuresAndNoTraffic) {
   EXPECT_STREQ(second.guid, client.failures->slots[0].guid);
 }
 
+SCENARIO_F(TrackerTcp, ConnectionThatTheServerEndsIsReportedAtOnce) {
+  serve = [](SOCKET s, Call* call) {
+    SendAll(s, "bye");
+    call->end = "served";
+  };
+  const SOCKET s = Joins();
+  std::string got;
+  EXPECT_EQ(CollectAll(s, &got), "closed");
+  RunFor(1s);  // the game's own socket is still open
+  const CommInfoRecord* const last = LastReport();
+  ASSERT_NE(last, nullptr);
+  EXPECT_EQ(last->total_recv_bytes, 3u);
+  EXPECT_LT(last->life, 100u);
+  closesocket(s);
+}
+
 SCENARIO_F(TrackerTcp, RequestThatCannotBeSentIsAFailureOfItsOwn) {
   port::FailCall("WSPSend", 1, WSAENOBUFS);
   const SOCKET s = Joins();
