@@ -1,30 +1,17 @@
 // vyr_node: the reference acceleration node as a program.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <iostream>
 
 #include "node/node.h"
-//
-#include <windows.h>
+#include "program_end.h"
 
 namespace {
 
 enum ExitCode { kDone = 0, kFailed = 1, kUsage = 2 };
 
 constexpr node::u32 kPollMs = 100;  // how late an end may be noticed
-
-volatile std::sig_atomic_t g_ended = 0;
-
-void OnSignal(int) { g_ended = 1; }
-
-DWORD WINAPI WaitForEndOfInput(LPVOID) {
-  while (std::getchar() != EOF) {
-  }
-  g_ended = 1;
-  return 0;
-}
 
 struct Options {
   node::NodeOptions node;
@@ -104,16 +91,14 @@ int Serve(const Options& options) {
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
   };
-  std::signal(SIGINT, OnSignal);
-  std::signal(SIGTERM, OnSignal);
+  const auto* const ended = devkit::NoticeTheEnd(options.until_eof);
   node::Node node(options.node, print);
   std::string problem;
   if (!node.Start(&problem)) {
     std::fprintf(stderr, "vyr_node: %s\n", problem.c_str());
     return kFailed;
   }
-  if (options.until_eof) CreateThread(nullptr, 0, WaitForEndOfInput, nullptr, 0, nullptr);
-  while (g_ended == 0 && !node.stop_asked()) node.Step(kPollMs);
+  while (*ended == 0 && !node.stop_asked()) node.Step(kPollMs);
   node.Step(0);  // the reply to the command that ended it
   return kDone;
 }
