@@ -13,10 +13,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr size_t kNoTwin = static_cast<size_t>(-1);
+
 // One handle in one of the three sets.
 struct Wanted {
   SocketRef socket;
   short events;
+  size_t twin = kNoTwin;  // its place in the set for reading, if the same handle stands there
   bool ready = false;
 };
 
@@ -26,11 +29,19 @@ struct Set {
   std::vector<Wanted> wanted;
 };
 
-int Resolve(Set* set) {
+// Callers are apt to ask for the same handles in two sets, in the same order; what is looked up,
+// waited for and polled once then serves both.
+int Resolve(Set* set, const Set& reads) {
   if (!set->handles) return 0;
   if (set->handles->fd_count > FD_SETSIZE) return WSAEINVAL;
+  set->wanted.reserve(set->handles->fd_count);
   for (u_int i = 0; i < set->handles->fd_count; ++i) {
-    SocketRef socket = FindSocket(set->handles->fd_array[i]);
+    const SOCKET handle = set->handles->fd_array[i];
+    if (set != &reads && i < reads.wanted.size() && reads.handles->fd_array[i] == handle) {
+      set->wanted.push_back({reads.wanted[i].socket, set->events, i});
+      continue;
+    }
+    SocketRef socket = FindSocket(handle);
     if (!socket) return WSAENOTSOCK;
     set->wanted.push_back({std::move(socket), set->events});
   }
@@ -77,7 +88,7 @@ class Selection {
 
   int ResolveAll() {
     for (Set& set : sets_)
-      if (int error = Resolve(&set)) return error;
+      if (int error = Resolve(&set, sets_[0])) return error;
     bool any = false;
     for (const Set& set : sets_) any = any || !set.wanted.empty();
     return any ? 0 : WSAEINVAL;
@@ -91,11 +102,19 @@ class Selection {
 
   // One look at everything, for at most that long. False: a socket was closed meanwhile.
   bool Look(Thread& thread, const timespec* limit) {
-    std::vector<pollfd> polled = {{thread.WakeFd(), POLLIN, 0}};
+    std::vector<pollfd> polled;
+    polled.reserve(Count() + 1);
+    polled.push_back({thread.WakeFd(), POLLIN, 0});
     bool settled = false;
     ForEach([&](Wanted& one) {
       const short events = Pollable(*one.socket, one.events);
-      polled.push_back({events ? one.socket->fd : -1, events, 0});
+      if (one.twin == kNoTwin) {
+        polled.push_back({events ? one.socket->fd : -1, events, 0});
+      } else if (events != 0) {
+        pollfd& shared = polled[one.twin + 1];
+        shared.fd = one.socket->fd;
+        shared.events = static_cast<short>(shared.events | events);
+      }
       one.ready = ReadyByState(*one.socket, one.events);
       settled = settled || one.ready;
     });
@@ -107,12 +126,16 @@ class Selection {
     bool open = true;
     ForEach([&](Wanted& one) {
       Socket& socket = *one.socket;
-      one.ready = one.ready || ReadyByPoll(socket, one.events, polled[at].revents) ||
-                  ReadyByState(socket, one.events);
-      ++at;
+      const short seen = polled[one.twin == kNoTwin ? at++ : one.twin + 1].revents;
+      one.ready =
+          one.ready || ReadyByPoll(socket, one.events, seen) || ReadyByState(socket, one.events);
       open = open && !socket.closed;
     });
     return open;
+  }
+
+  size_t Count() const {
+    return sets_[0].wanted.size() + sets_[1].wanted.size() + sets_[2].wanted.size();
   }
 
   int Keep() {
@@ -143,12 +166,14 @@ class WaitingForAll {
  public:
   WaitingForAll(Selection& selection, Thread& thread) : selection_(selection), thread_(thread) {
     selection_.ForEach([&](Wanted& one) {
+      if (one.twin != kNoTwin) return;
       std::lock_guard hold(one.socket->lock);
       one.socket->waiters.push_back(&thread_);
     });
   }
   ~WaitingForAll() {
     selection_.ForEach([&](Wanted& one) {
+      if (one.twin != kNoTwin) return;
       std::lock_guard hold(one.socket->lock);
       auto& waiters = one.socket->waiters;
       auto at = std::find(waiters.begin(), waiters.end(), &thread_);

@@ -285,6 +285,8 @@ int ConnectTo(Socket& socket, const sockaddr* name, int name_size) {
 }
 
 Socket::Connect SettleConnect(Socket& socket) {
+  const Socket::Connect settled = socket.connect;
+  if (settled != Socket::Connect::kPending) return settled;
   std::lock_guard hold(socket.lock);
   if (socket.connect != Socket::Connect::kPending) return socket.connect;
   pollfd polled = {socket.fd, POLLOUT, 0};

@@ -41,8 +41,9 @@ struct Socket {
   std::atomic<int> send_buffer{65536}, recv_buffer{65536};    // as asked for
   std::atomic<bool> exclusive{false};
 
-  std::mutex lock;  // what follows
-  Connect connect = Connect::kNone;
+  std::atomic<Connect> connect{Connect::kNone};  // written under the lock
+
+  std::mutex lock;               // what follows
   int pending_error = 0;         // what SO_ERROR will tell once
   std::vector<Thread*> waiters;  // threads that poll this socket
 };
