@@ -1,0 +1,19 @@
+// Puts the library into this process, as the machine's Winsock would: listed as a game, with the
+// tables that its client would serve, above the base provider.
+#pragma once
+#include <cstdint>
+#include <string>
+
+namespace bench {
+
+struct LibrarySetup {
+  std::string server;  // the game server; everything else stays direct
+  std::string node;    // empty: its connections are relayed, but to no node
+  std::uint16_t node_port = 0;
+  std::string folder;  // C: of this process
+};
+
+// Call before the first socket, from the only thread. It cannot be undone.
+void InstallLibrary(const LibrarySetup& setup);
+
+}  // namespace bench

@@ -1,0 +1,248 @@
+#include "bench/tcp_game.h"
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+#include <winsock2.h>
+
+#include <algorithm>
+#include <atomic>
+#include <barrier>
+#include <thread>
+#include <vector>
+
+#include "bench/game_library.h"
+#include "bench/tcp_forwarders.h"
+#include "bench/tcp_server.h"
+
+namespace bench {
+namespace {
+
+constexpr int kPiece = 1 << 16;
+
+double Seconds(clockid_t clock) {
+  timespec now = {};
+  clock_gettime(clock, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+class Connection {
+ public:
+  Connection(const GameOptions& options) : socket_(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)) {
+    sockaddr_in server = {};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(options.port);
+    server.sin_addr.s_addr = static_cast<in_addr_t>(inet_addr(options.server.c_str()));
+    works_ = connect(socket_, reinterpret_cast<sockaddr*>(&server), sizeof server) == 0;
+    const int on = 1;
+    setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
+  }
+  ~Connection() { closesocket(socket_); }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  bool works() const { return works_; }
+
+  bool Send(const char* bytes, std::uint64_t size) {
+    while (size > 0 && works_) {
+      const int n = send(socket_, bytes, static_cast<int>(size), 0);
+      works_ = n > 0;
+      bytes += n;
+      size -= static_cast<std::uint64_t>(n);
+    }
+    return works_;
+  }
+
+  bool Receive(std::uint64_t size) {
+    while (size > 0 && works_) {
+      const int most = static_cast<int>(std::min<std::uint64_t>(size, kPiece));
+      const int n = recv(socket_, piece_.data(), most, 0);
+      works_ = n > 0;
+      size -= static_cast<std::uint64_t>(n);
+    }
+    return works_;
+  }
+
+  bool Ask(char what, std::uint64_t amount) {
+    const std::string bytes = Request{what, amount}.Bytes();
+    return Send(bytes.data(), bytes.size());
+  }
+
+  bool Download(std::uint64_t amount) { return Ask('d', amount) && Receive(amount); }
+
+  bool Upload(std::uint64_t amount) {
+    Ask('u', amount);
+    for (std::uint64_t left = amount; left > 0 && works_;) {
+      const std::uint64_t size = std::min<std::uint64_t>(left, kPiece);
+      Send(piece_.data(), size);
+      left -= size;
+    }
+    return Receive(1);
+  }
+
+  bool RoundTrip(std::uint32_t size) { return Send(piece_.data(), size) && Receive(size); }
+
+ private:
+  SOCKET socket_;
+  bool works_ = false;
+  std::vector<char> piece_ = std::vector<char>(kPiece);
+};
+
+// The time of each step, into the outcome.
+template <class Step>
+bool TimeEach(std::uint64_t count, Outcome* outcome, Step step) {
+  std::vector<double> times;
+  times.reserve(count);
+  for (std::uint64_t i = 0; i < count; ++i) {
+    const double begin = Seconds(CLOCK_MONOTONIC);
+    if (!step()) return false;
+    times.push_back((Seconds(CLOCK_MONOTONIC) - begin) * 1e6);
+  }
+  std::sort(times.begin(), times.end());
+  outcome->median_us = times[times.size() / 2];
+  outcome->p99_us = times[times.size() * 99 / 100];
+  return true;
+}
+
+bool Single(const GameOptions& options, const Order& order, Outcome* outcome) {
+  Connection connection(options);
+  if (!connection.RoundTrip(0) || !connection.Ask('e', 1) || !connection.RoundTrip(1)) return false;
+  const double begin = Seconds(CLOCK_MONOTONIC);
+  bool worked = false;
+  if (order.task == Task::kDownload) worked = connection.Download(order.amount);
+  if (order.task == Task::kUpload) worked = connection.Upload(order.amount);
+  if (order.task == Task::kReply) {
+    worked = connection.Ask('e', order.amount * order.message) &&
+             TimeEach(order.amount, outcome, [&] { return connection.RoundTrip(order.message); });
+  }
+  outcome->seconds = Seconds(CLOCK_MONOTONIC) - begin;
+  return worked;
+}
+
+bool ConnectOften(const GameOptions& options, const Order& order, Outcome* outcome) {
+  const double begin = Seconds(CLOCK_MONOTONIC);
+  const bool worked = TimeEach(order.amount, outcome, [&] {
+    Connection connection(options);
+    return connection.Ask('e', 1) && connection.RoundTrip(1);
+  });
+  outcome->seconds = Seconds(CLOCK_MONOTONIC) - begin;
+  return worked;
+}
+
+// All connect and say a word first; then all work at the same time, each in a thread of its own.
+class Crowd {
+ public:
+  Crowd(const GameOptions& options, const Order& order)
+      : options_(options),
+        order_(order),
+        line_(static_cast<std::ptrdiff_t>(order.connections) + 1) {}
+
+  bool Work(Outcome* outcome) {
+    std::vector<std::thread> threads;
+    for (std::uint32_t i = 0; i < order_.connections; ++i) threads.emplace_back([this] { One(); });
+    line_.arrive_and_wait();  // all are connected
+    const double forwarders = ForwarderSeconds();
+    const double process = Seconds(CLOCK_PROCESS_CPUTIME_ID);
+    const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
+    const double begin = Seconds(CLOCK_MONOTONIC);
+    line_.arrive_and_wait();  // go
+    line_.arrive_and_wait();  // all are done
+    outcome->seconds = Seconds(CLOCK_MONOTONIC) - begin;
+    const double mine = Seconds(CLOCK_THREAD_CPUTIME_ID) - own + game_cpu_s_;
+    outcome->library_cpu_s = Seconds(CLOCK_PROCESS_CPUTIME_ID) - process - mine;
+    outcome->forwarder_cpu_s = ForwarderSeconds() - forwarders;
+    line_.arrive_and_wait();  // all may close
+    for (std::thread& thread : threads) thread.join();
+    return failures_ == 0;
+  }
+
+ private:
+  double ForwarderSeconds() const {
+    double sum = 0;
+    for (const pid_t group : options_.forwarders) sum += CpuSecondsOfGroup(group);
+    return sum;
+  }
+
+  void One() {
+    Connection connection(options_);
+    connection.Ask('e', 1);
+    connection.RoundTrip(1);
+    line_.arrive_and_wait();
+    const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
+    line_.arrive_and_wait();
+    if (order_.task == Task::kBulk) connection.Download(order_.amount);
+    if (order_.task == Task::kEvents) {
+      connection.Ask('e', order_.amount * order_.message);
+      for (std::uint64_t i = 0; i < order_.amount; ++i) connection.RoundTrip(order_.message);
+    }
+    game_cpu_s_ += Seconds(CLOCK_THREAD_CPUTIME_ID) - own;
+    failures_ += connection.works() ? 0 : 1;
+    line_.arrive_and_wait();
+    line_.arrive_and_wait();
+  }
+
+  const GameOptions& options_;
+  const Order& order_;
+  std::barrier<> line_;
+  std::atomic<double> game_cpu_s_{0};
+  std::atomic<int> failures_{0};
+};
+
+Outcome Carry(const GameOptions& options, const Order& order) {
+  Outcome outcome = {};
+  if (order.task == Task::kConnect) {
+    outcome.worked = ConnectOften(options, order, &outcome);
+  } else if (order.task == Task::kBulk || order.task == Task::kEvents) {
+    outcome.worked = Crowd(options, order).Work(&outcome);
+  } else {
+    outcome.worked = Single(options, order, &outcome);
+  }
+  return outcome;
+}
+
+[[noreturn]] void Live(const GameOptions& options, int orders, int outcomes) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (options.with_library) {
+    InstallLibrary({options.server, options.node, options.node_port, options.folder});
+  }
+  WSADATA data;
+  WSAStartup(MAKEWORD(2, 2), &data);
+  Order order;
+  while (read(orders, &order, sizeof order) == static_cast<ssize_t>(sizeof order)) {
+    const Outcome outcome = Carry(options, order);
+    if (write(outcomes, &outcome, sizeof outcome) < 0) break;
+  }
+  _exit(0);
+}
+
+}  // namespace
+
+Game::Game(const GameOptions& options) {
+  int orders[2];
+  int outcomes[2];
+  if (pipe(orders) != 0 || pipe(outcomes) != 0) return;
+  pid_ = fork();
+  if (pid_ == 0) Live(options, orders[0], outcomes[1]);
+  close(orders[0]);
+  close(outcomes[1]);
+  orders_ = orders[1];
+  outcomes_ = outcomes[0];
+}
+
+Game::~Game() {
+  close(orders_);
+  close(outcomes_);
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+}
+
+Outcome Game::Does(const Order& order) {
+  Outcome outcome = {};
+  if (write(orders_, &order, sizeof order) < 0) return outcome;
+  if (read(outcomes_, &outcome, sizeof outcome) != static_cast<ssize_t>(sizeof outcome)) return {};
+  return outcome;
+}
+
+}  // namespace bench

@@ -1,0 +1,63 @@
+// A game in a process of its own, with the library in it or without, which measures what it is
+// told to. Its socket calls are Winsock's, the same in every way of running it.
+#pragma once
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+enum class Task : std::uint32_t {
+  kDownload,  // over one connection: `amount` bytes
+  kUpload,
+  kReply,    // over one connection: `amount` round trips of `message` bytes
+  kConnect,  // `amount` connections, one after the other, each to its first reply
+  kBulk,     // over `connections` at once: `amount` bytes down each
+  kEvents,   // over `connections` at once: `amount` round trips of `message` bytes each
+};
+
+struct Order {
+  Task task;
+  std::uint32_t connections;
+  std::uint64_t amount;
+  std::uint32_t message;
+};
+
+struct Outcome {
+  bool worked;
+  double seconds;
+  double median_us;        // of one round trip or connect
+  double p99_us;           //
+  double library_cpu_s;    // used in the game's process by other threads than the game's own
+  double forwarder_cpu_s;  // used by the forwarder meanwhile
+};
+
+struct GameOptions {
+  std::string server;  // what it connects to, as it thinks
+  std::uint16_t port = 0;
+  bool with_library = false;
+  std::string node;  // where the library's node listens, or empty: relayed, but to no node
+  std::uint16_t node_port = 0;
+  std::vector<pid_t> forwarders;  // process groups whose processor time counts
+  std::string folder;             // for what the library writes
+};
+
+// The game process; ended with this object.
+class Game {
+ public:
+  explicit Game(const GameOptions& options);
+  ~Game();
+  Game(const Game&) = delete;
+  Game& operator=(const Game&) = delete;
+
+  Outcome Does(const Order& order);
+
+ private:
+  pid_t pid_ = 0;
+  int orders_ = -1;
+  int outcomes_ = -1;
+};
+
+}  // namespace bench
