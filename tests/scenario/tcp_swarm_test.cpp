@@ -1,0 +1,463 @@
+// Random schedules of games, servers, nodes and faults, one world for each seed. What one side
+// sent is what the other received, in order, once; or the connection has visibly ended.
+//
+// A failure prints its seed and the command that runs it again. VYR_SWARM_SEEDS=5000 asks for more
+// seeds than the usual run takes.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "port/shared/faults.h"
+#include "port/sim/sockets.h"
+#include "port/sim/threads.h"
+#include "relay/relay_mgr.h"
+#include "tests/scenario/tcp_bench.h"
+
+namespace {
+using namespace tcp_test;  // NOLINT: the verbs of these tests
+using node::Behaviour;
+
+unsigned SwarmSeeds(unsigned usual) {
+  const char* const wanted = std::getenv("VYR_SWARM_SEEDS");
+  return wanted != nullptr ? static_cast<unsigned>(std::strtoul(wanted, nullptr, 10)) : usual;
+}
+
+// Every connection starts with a line that tells the server which one it is.
+constexpr size_t kHelloSize = 5;
+std::string Hello(size_t id) {
+  char text[kHelloSize + 1];
+  std::snprintf(text, sizeof text, "%04zu\n", id);
+  return text;
+}
+
+// Bytes that are another connection's, or the other direction's, would show.
+std::string Noise(uint64_t seed, size_t size) {
+  sim::Random random(seed);
+  std::string text;
+  while (text.size() < size) text += std::to_string(random.Next()) + ' ';
+  text.resize(size);
+  return text;
+}
+
+// How one side sends, reads and leaves.
+struct Manner {
+  enum Leaving { kWhenAllIsDone, kWhenThePeerHasLeft, kShutFirst, kAfterSending, kByReset };
+  size_t piece = 4096;
+  DWORD pause_ms = 0;       // between pieces
+  DWORD read_pause_ms = 0;  // before each read
+  Leaving leaving = kWhenAllIsDone;
+  DWORD stays_ms = 0;  // kByReset: after that long, wherever it is
+};
+
+using Leavings = std::vector<Manner::Leaving>;
+
+struct Plan {
+  size_t id = 0;
+  const char* server = kServer;
+  int port = kPort;
+  DWORD starts_ms = 0;
+  std::string up, down;  // the hello stands before what goes up
+  Manner game, host;
+
+  // What became of it.
+  bool connected = false;
+  bool answered = false;  // the server knows of it
+  size_t up_sent = 0, down_sent = 0;
+  std::string up_got, down_got;
+  std::string game_end, host_end;
+};
+
+class TcpSwarm : public TcpBench {
+ protected:
+  TcpSwarm() {
+    if (Chance(50)) common::SetLogThreshold(9);
+    base_sockets_ = HomeSockets();
+    serve = [this](SOCKET s, Call* call) { Serve(s, call); };
+  }
+
+  uint64_t Below(uint64_t n) { return world.random().Below(n); }
+  bool Chance(unsigned percent) { return Below(100) < percent; }
+  sim::Duration Ms(uint64_t most) { return std::chrono::milliseconds(Below(most + 1)); }
+
+  // --- plans ---
+  size_t AnySize() {
+    const size_t bounds[] = {0, 1, 100, 8192, 70'000, 250'000};
+    return static_cast<size_t>(Below(bounds[Below(std::size(bounds))] + 1));
+  }
+  Manner AnyManner(const Leavings& leavings, size_t size) {
+    Manner manner;
+    manner.piece = static_cast<size_t>(1 + Below(Chance(20) ? 100 : 20'000));
+    manner.piece = std::max(manner.piece, size / 200);  // a world has an end
+    if (Chance(30)) manner.pause_ms = static_cast<DWORD>(Below(50));
+    if (Chance(20)) manner.read_pause_ms = static_cast<DWORD>(Below(50));
+    manner.leaving = leavings[Below(leavings.size())];
+    manner.stays_ms = static_cast<DWORD>(Below(8000));
+    return manner;
+  }
+  Plan& AddPlan(const Leavings& games, const Leavings& hosts) {
+    Plan& plan = *plans_.emplace_back(std::make_unique<Plan>());
+    plan.id = plans_.size() - 1;
+    const char* const servers[] = {kServer, kServer, kServer, kDirect, kForced, kUnlisted};
+    plan.server = servers[Below(std::size(servers))];
+    plan.starts_ms = static_cast<DWORD>(Below(4000));
+    plan.up = Hello(plan.id) + Noise(world.seed() * 1000 + plan.id * 2, AnySize());
+    plan.down = Noise(world.seed() * 1000 + plan.id * 2 + 1, AnySize());
+    plan.game = AnyManner(games, plan.up.size());
+    plan.host = AnyManner(hosts, plan.down.size());
+    return plan;
+  }
+
+  // --- lives ---
+  void StartGame(Plan* plan) {
+    GameThread([this, plan] {
+      Sleep(plan->starts_ms);
+      const SOCKET s = Joins(plan->server, plan->port);
+      if (s == INVALID_SOCKET) return;
+      plan->connected = true;
+      plan->game_end =
+          Live(s, plan->game, plan->up, plan->down.size(), &plan->up_sent, &plan->down_got);
+      closesocket(s);
+    });
+  }
+  void Serve(SOCKET s, Call* call) {
+    Limit(s);
+    std::string hello;
+    if (!Collect(s, kHelloSize, &hello, &call->end)) return;
+    const size_t id = static_cast<size_t>(std::strtoul(hello.c_str(), nullptr, 10));
+    ASSERT_LT(id, plans_.size()) << hello;
+    Plan* const plan = plans_[id].get();
+    ASSERT_FALSE(plan->answered) << "connection " << id << " has reached the server twice";
+    plan->answered = true;
+    plan->up_got = hello;
+    plan->host_end = Live(s, plan->host, plan->down, plan->up.size() - kHelloSize, &plan->down_sent,
+                          &plan->up_got);
+    call->end = plan->host_end;
+  }
+  // Nobody waits for ever where a fault has left a connection that nobody serves.
+  static void Limit(SOCKET s) {
+    const DWORD most_ms = 60'000;
+    setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&most_ms), sizeof most_ms);
+  }
+
+  // One side of a connection, sending and reading at once; "done" or how its stream ended.
+  std::string Live(SOCKET s, const Manner& manner, const std::string& says, size_t expects,
+                   size_t* sent, std::string* got) {
+    Limit(s);
+    const auto stop = std::make_shared<bool>(false);
+    const auto running = std::make_shared<int>(0);
+    const auto send_all = [s, manner, &says, sent, stop] {
+      while (*sent < says.size() && !*stop) {
+        const std::string piece = says.substr(*sent, manner.piece);
+        const size_t n = SendAll(s, piece);
+        *sent += n;
+        if (n < piece.size()) break;
+        if (manner.pause_ms > 0) Sleep(manner.pause_ms);
+      }
+    };
+    if (manner.leaving == Manner::kAfterSending) {
+      send_all();
+      return "left";
+    }
+    const auto in_a_thread = [this, running](std::function<void()> body) {
+      ++*running;
+      world.Spawn(*sim::Self().process(), "", [body = std::move(body), running] {
+        body();
+        --*running;
+      });
+    };
+    std::string end;
+    const size_t target = got->size() + expects;
+    if (manner.leaving == Manner::kByReset) {
+      const DWORD most_ms = 100;
+      setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&most_ms),
+                 sizeof most_ms);
+      in_a_thread(send_all);
+      in_a_thread([s, got, expects] {
+        std::string unused;
+        Collect(s, expects, got, &unused);
+      });
+      Sleep(manner.stays_ms);
+      *stop = true;
+      shutdown(s, SD_RECEIVE);
+      while (*running > 0) Sleep(5);
+      ResetOnClose(s);
+      return "reset";
+    }
+    in_a_thread(send_all);
+    while (got->size() < target) {
+      if (manner.read_pause_ms > 0) Sleep(manner.read_pause_ms);
+      if (!Collect(s, std::min<size_t>(16'384, target - got->size()), got, &end)) break;
+    }
+    while (*running > 0) Sleep(5);
+    if (!end.empty()) return end;
+    if (manner.leaving == Manner::kShutFirst) shutdown(s, SD_SEND);
+    if (manner.leaving != Manner::kWhenAllIsDone) {
+      const size_t before = got->size();
+      end = CollectAll(s, got);
+      EXPECT_EQ(got->size(), before) << "bytes that nobody sent";
+    }
+    return "done";
+  }
+
+  // --- verdicts ---
+  void ExpectPrefixes() const {
+    for (const auto& plan : plans_) {
+      SCOPED_TRACE("connection " + std::to_string(plan->id) + " to " + plan->server + ", " +
+                   plan->game_end + " and " + plan->host_end);
+      EXPECT_TRUE(plan->up_got == plan->up.substr(0, plan->up_got.size())) << plan->up_got.size();
+      EXPECT_TRUE(plan->down_got == plan->down.substr(0, plan->down_got.size()))
+          << plan->down_got.size();
+    }
+  }
+  void ExpectAllArrived() const {
+    for (const auto& plan : plans_) {
+      SCOPED_TRACE("connection " + std::to_string(plan->id) + " to " + plan->server + ", " +
+                   plan->game_end + " and " + plan->host_end);
+      EXPECT_TRUE(plan->connected);
+      EXPECT_TRUE(plan->answered);
+      EXPECT_EQ(plan->up_got.size(), plan->up.size());
+      EXPECT_EQ(plan->down_got.size(), plan->down.size());
+    }
+  }
+  // The relay has given everything back.
+  void ExpectNothingIsLeft() {
+    for (int i = 0; i < 600 && HomeSockets() > base_sockets_; ++i) RunFor(500ms);
+    EXPECT_EQ(HomeSockets(), base_sockets_);
+  }
+  // Nodes may be left with clients whose end has been lost on the way, so they are not asked.
+  void ExpectANewConnectionWorks() {
+    common::SetLogThreshold(4);
+    serve = Echo;
+    const SOCKET s = Joins();
+    EXPECT_EQ(Talks(s, "still there"), "still there");
+    closesocket(s);
+    ExpectNothingIsLeft();
+  }
+
+  void RunPlans() {
+    for (const auto& plan : plans_) StartGame(plan.get());
+    EXPECT_TRUE(RunToTheEnd(10min)) << world.Report();
+    EXPECT_TRUE(RunUntil([this] { return ServerIsFree(); }, 5min)) << world.Report();
+  }
+  // Some connections are still on their way when their game has left.
+  void AwaitLateArrivals() {
+    RunUntil(
+        [this] {
+          return ServerIsFree() && std::all_of(plans_.begin(), plans_.end(), [](const auto& plan) {
+                   return !plan->host_end.empty();
+                 });
+        },
+        2min);
+  }
+
+  std::vector<std::unique_ptr<Plan>> plans_;
+
+ private:
+  size_t HomeSockets() {
+    size_t open = 0;
+    for (SOCKET s = 0x100; s < 0x100 + 4 * 4096; s += 4)
+      open += world.sockets().Find(s, world.home()) != nullptr;
+    return open;
+  }
+  bool ServerIsFree() const {
+    return std::all_of(calls.begin(), calls.end(), [](const Call& call) { return call.over(); });
+  }
+  size_t base_sockets_ = 0;
+};
+
+// --- where nobody breaks off --------------------------------------------------------------------
+
+// Links lose packets, nodes refuse, lie and are late, and everybody stays to the end: then
+// everything arrives.
+class TcpCalm : public TcpSwarm {
+ protected:
+  Behaviour AnyNode() {
+    Behaviour it;
+    switch (Below(14)) {
+      case 0:
+        it.on_request = Behaviour::kSilent;
+        break;
+      case 1:
+        it.on_request = Behaviour::kCloseThen;
+        break;
+      case 2:
+        it.on_request = Behaviour::kResetThen;
+        break;
+      case 3:
+        it.on_request = Behaviour::kGarbage;
+        it.garbage_bytes = 1 + static_cast<std::int64_t>(Below(100));
+        break;
+      case 4:
+        it.result = 1 + static_cast<std::int64_t>(Below(255));
+        break;
+      case 5:
+        it.isp = static_cast<std::int64_t>(Below(4));
+        break;
+      case 6:
+        // Not 11 to 40: the rest of such an answer would be the stream's first bytes.
+        it.pkg_len = static_cast<std::int64_t>(Chance(50) ? Below(11) : 42 + Below(100));
+        break;
+      case 7:
+        it.split_bytes = 1 + static_cast<std::int64_t>(Below(40));
+        it.split_gap_ms = static_cast<std::int64_t>(Below(50));
+        break;
+      case 8:
+        it.server = Below(2) == 0 ? Behaviour::kRefuse : Behaviour::kHang;
+        break;
+      case 9:
+        it.answer_version = 1 + static_cast<std::int64_t>(Below(3));
+        break;
+      case 10:
+        it.on_accept = Behaviour::kMute;
+        break;
+      default:
+        break;
+    }
+    if (Chance(30)) it.answer_delay_ms = static_cast<std::int64_t>(Below(7000));
+    // One that answers before it has reached the server must then reach it.
+    if (it.server == Behaviour::kConnect && Chance(20)) it.answer_when = Behaviour::kAtOnce;
+    if (Chance(20)) it.delay_to_server_ms = static_cast<std::int64_t>(Below(200));
+    if (Chance(20)) it.delay_to_client_ms = static_cast<std::int64_t>(Below(200));
+    return it;
+  }
+  sim::LinkOptions AnyLink(bool may_lose) {
+    sim::LinkOptions link;
+    link.delay = Ms(80);
+    if (Chance(50)) link.jitter = Ms(30);
+    if (may_lose && Chance(40)) link.loss = 0.02;
+    if (Chance(20)) link.duplicate = 0.05;
+    if (Chance(20)) link.reorder = 0.05;
+    if (Chance(20)) link.bytes_per_second = 200'000 + Below(2'000'000);
+    return link;
+  }
+  void SetUpWorld(bool may_lose) {
+    sim::Host& home = world.home().host;
+    for (sim::Host* host : {&a_host, &b_host, &server_host})
+      world.SetLink(home, *host, AnyLink(may_lose));
+    for (sim::Host* host : {&a_host, &b_host}) world.SetLink(*host, server_host, AnyLink(may_lose));
+    a.Behaves(AnyNode());
+    b.Behaves(AnyNode());
+    world.ReuseSocketHandles(Chance(50));
+    RunFor(100ms);
+  }
+};
+
+SCENARIO_F_SEEDS(TcpCalm, EverythingArrivesWhereEverybodyStays, SwarmSeeds(100)) {
+  SetUpWorld(true);
+  for (size_t n = 1 + Below(8); n > 0; --n) {
+    Plan& plan = AddPlan({Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutFirst},
+                         {Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutFirst});
+    // One has to go first.
+    if (plan.game.leaving == Manner::kWhenThePeerHasLeft)
+      plan.host.leaving = Manner::kWhenAllIsDone;
+  }
+  RunPlans();
+  AwaitLateArrivals();
+  ExpectPrefixes();
+  ExpectAllArrived();
+  ExpectNothingIsLeft();
+  a.Behaves();
+  b.Behaves();
+  RunFor(100ms);
+  ExpectANewConnectionWorks();
+}
+
+// --- where anything breaks ----------------------------------------------------------------------
+
+class TcpStorm : public TcpCalm {
+ protected:
+  // Calls that the relay makes; whoever makes the one that fails. A socket that cannot be closed
+  // is not among them: nobody could tell what is left then.
+  void FailAnyCall() {
+    const char* const names[] = {"send",        "recv",       "connect", "socket", "accept",
+                                 "getsockname", "getsockopt", "select",  "send",   "recv"};
+    const DWORD errors[] = {WSAECONNRESET, WSAECONNABORTED, WSAENETRESET,
+                            WSAENOBUFS,    WSAEWOULDBLOCK,  WSAETIMEDOUT};
+    port::FailCall(names[Below(std::size(names))], static_cast<unsigned>(1 + Below(40)),
+                   errors[Below(std::size(errors))]);
+  }
+  void BreakANode(node::SimNode& node) {
+    Behaviour it = AnyNode();
+    switch (Below(6)) {
+      case 0:
+        it.on_accept = Behaviour::kClose;
+        break;
+      case 1:
+        it.on_accept = Behaviour::kReset;
+        break;
+      case 2:
+        it.reset_after_bytes = static_cast<std::int64_t>(Below(100'000));
+        break;
+      case 3:
+        it.freeze = 1;
+        break;
+      default:
+        break;
+    }
+    node.Behaves(it);
+  }
+  void BreakALink() {
+    sim::Host& home = world.home().host;
+    sim::Host* const hosts[] = {&a_host, &b_host, &server_host};
+    sim::Host& host = *hosts[Below(3)];
+    sim::LinkOptions link = AnyLink(true);
+    if (Chance(30)) link.loss = 0.3;
+    if (Chance(30)) link.partitioned = true;
+    world.SetLink(home, host, link);
+  }
+  void BreakSomething() {
+    switch (Below(8)) {
+      case 0:
+      case 1:
+      case 2:
+        return FailAnyCall();
+      case 3:
+        return BreakANode(a);
+      case 4:
+        return BreakANode(b);
+      case 5:
+        return BreakALink();
+      case 6:
+        return world.Stall(moru_vyr::lsp::GetRelayMgr().GetWorkerThreadId(), Ms(3000));
+      default:
+        return world.ShortSend(static_cast<unsigned>(1 + Below(20)),
+                               static_cast<size_t>(Below(200)));
+    }
+  }
+  void Heal() {
+    port::ClearFaults();
+    sim::Host& home = world.home().host;
+    for (sim::Host* host : {&a_host, &b_host, &server_host}) world.SetLink(home, *host, {});
+    for (sim::Host* host : {&a_host, &b_host}) world.SetLink(*host, server_host, {});
+    a.Behaves();
+    b.Behaves();
+  }
+};
+
+SCENARIO_F_SEEDS(TcpStorm, NoByteIsWrongWhateverBreaks, SwarmSeeds(150)) {
+  SetUpWorld(true);
+  const Leavings any = {Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutFirst,
+                        Manner::kAfterSending, Manner::kByReset};
+  for (size_t n = 1 + Below(8); n > 0; --n) {
+    Plan& plan = AddPlan(any, any);
+    if (Chance(5)) plan.port = kNobodysPort;
+  }
+  GameThread([this] {
+    for (size_t n = Below(12); n > 0; --n) {
+      Sleep(static_cast<DWORD>(Below(1500)));
+      BreakSomething();
+    }
+    Sleep(2000);
+    Heal();
+  });
+  RunPlans();
+  Heal();
+  ExpectNothingIsLeft();
+  ExpectPrefixes();
+  ExpectANewConnectionWorks();
+}
+
+}  // namespace
