@@ -23,6 +23,7 @@ for argument in "$@"; do
 done
 [ ${#chosen[@]} -gt 0 ] && presets=("${chosen[@]}")
 if [ $setup = yes ]; then scripts/setup.sh || exit 1; fi
+scripts/fetch_programs.sh --charts  # says so where it cannot; pages are then built without charts
 
 left_out=()
 failed=no

@@ -6,9 +6,10 @@
 #   scripts/fetch_programs.sh          fetch what is missing
 #   scripts/fetch_programs.sh --path   print the folder they are unpacked into, fetch nothing
 #   scripts/fetch_programs.sh --check  exit 1 if any is missing, fetch nothing
+#   scripts/fetch_programs.sh --charts fetch the chart library that vyr_client builds into its pages
 #
 # Unpacked: FOLDER/ffmpeg.exe, FOLDER/esbuild.exe, FOLDER/node.exe (a JavaScript runtime, no relation
-# to the nodes that traffic goes through)
+# to the nodes that traffic goes through); with --charts FOLDER/uPlot.iife.min.js, FOLDER/uPlot.min.css
 set -u
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/vyr/programs
 
@@ -17,6 +18,10 @@ programs=(
   "@ffmpeg-installer/win32-ia32@4.1.0|sha512-FV2D7RlaZv/lrtdhaQ4oETwoFUsUjlUiasiZLDxhEUPdNDWcH1OU9K1xTvqz+OXLdsmYelUDuBS/zkMOTtlUAw==|ffmpeg.exe"
   "@esbuild/win32-ia32@0.21.5|sha512-SWXFF1CL2RVNMaVs+BBClwtfZSvDgtL//G/smwAc5oVK/UPu2Gu9tIaRgFmYFFKrmg3SyAjSrElf0TiJ1v8fYA==|esbuild.exe"
   "node-win-x86@22.23.2|sha512-KCIFCi5rp0Slx4IoD9flKynhAfvGNloeq/sllx//qGuKZ09aSvrsfejR8pRPcS4Obv9mMcVFApYZxBIdgtcLxA==|node.exe"
+)
+charts=(
+  "uplot@1.6.32|sha512-KIMVnG68zvu5XXUbC4LQEPnhwOxBuLyW1AHtpm6IKTXImkbLgkMy+jabjLgSLMasNuGGzQm/ep3tOkyTxpiQIw==|uPlot.iife.min.js"
+  "uplot@1.6.32|sha512-KIMVnG68zvu5XXUbC4LQEPnhwOxBuLyW1AHtpm6IKTXImkbLgkMy+jabjLgSLMasNuGGzQm/ep3tOkyTxpiQIw==|uPlot.min.css"
 )
 
 complain() { echo "fetch_programs: $*" >&2; exit 1; }
@@ -46,8 +51,9 @@ print("sha512-" + base64.b64encode(hashlib.sha512(open(sys.argv[1], "rb").read()
 mode=${1:-fetch}
 case "$mode" in
   --path) echo "$cache"; exit 0 ;;
-  -h|--help) sed -n '2,11s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  -h|--help) sed -n '2,12s/^# \{0,1\}//p' "$0"; exit 0 ;;
   fetch|--check) ;;
+  --charts) programs=("${charts[@]}") ;;
   *) echo "scripts/fetch_programs.sh: unknown option '$mode'; see --help" >&2; exit 2 ;;
 esac
 [ "$mode" = --check ] || mkdir -p "$cache" || complain "cannot make $cache"

@@ -16,6 +16,8 @@
 #include "client/reporter.h"
 #include "client/sample.h"
 #include "client/takeover.h"
+#include "client/watch/report_regions.h"
+#include "client/watch/watch.h"
 //
 #include <winsock2.h>
 //
@@ -39,6 +41,7 @@ struct Options {
   std::string protocol;
   std::string game;
   std::optional<uint32_t> vip_level;
+  client::WatchOptions watch;
 };
 
 // The parsed file, or nothing when it is refused; everything there is to say has been said.
@@ -67,11 +70,14 @@ DWORD WINAPI WaitForEndOfInput(LPVOID) {
   return 0;
 }
 
-void FollowUntilEnd(const Options& options, client::FileWatcher* file, client::Takeover* takeover) {
-  const client::Reporter reporter(options.json);
+void NoticeTheEnd(const Options& options) {
   std::signal(SIGINT, OnSignal);
   std::signal(SIGTERM, OnSignal);
   if (options.until_eof) CreateThread(nullptr, 0, WaitForEndOfInput, nullptr, 0, nullptr);
+}
+
+void FollowUntilEnd(const Options& options, client::FileWatcher* file, client::Takeover* takeover) {
+  const client::Reporter reporter(options.json);
   for (; g_ended == 0; Sleep(kPollMs)) {
     const auto text = options.file != "-" ? file->Poll() : std::nullopt;
     if (!text) continue;
@@ -105,6 +111,11 @@ int Serve(const Options& options) {
     reporter.Failure(report.failure);
     return kFailed;
   }
+  // Games are served without them too; only what happens to them is not told.
+  client::ReportRegions reports;
+  const std::string lost = reports.Make(kMutexWaitMs);
+  if (!lost.empty()) reporter.Failure(lost);
+  NoticeTheEnd(options);
   reporter.Ready(options.file, report);
   client::FileWatcher watcher(options.file, *text);
   FollowUntilEnd(options, &watcher, &takeover);
@@ -192,6 +203,13 @@ int Check(const Options& options) {
   return kDone;
 }
 
+int WatchReports(const Options& options) {
+  client::WatchOptions watch = options.watch;
+  watch.json = options.json;
+  NoticeTheEnd(options);
+  return client::Watch(watch, &g_ended) ? kDone : kFailed;
+}
+
 int Sample(const Options& options) { return Print(client::WriteSample(options.sample)); }
 
 void AddFile(CLI::App* command, Options* options) {
@@ -232,6 +250,22 @@ void AddFileCommands(CLI::App* app, Options* options, Action* action) {
   sample->callback([action] { *action = Sample; });
 }
 
+void AddWatch(CLI::App* app, Options* options, Action* action) {
+  CLI::App* watch = app->add_subcommand(
+      "watch", "show what the library reports, a line a report, and free what was shown");
+  watch->add_flag("--json", options->json, "one JSON object a line, with every field");
+  watch->add_flag("--follow", options->watch.follow, "stay and show what comes, until ended");
+  CLI::Option* const top = watch->add_flag("--top", options->watch.top,
+                                           "stay and show a table of the flows, kept up to date");
+  watch->add_option("--report", options->watch.page, "write a page with charts of the run there");
+  CLI::Option* const from = watch->add_option(
+      "--from", options->watch.from, "read what watch --json printed from this file; - is input");
+  watch->add_flag("--until-eof", options->until_eof, "end with the end of standard input")
+      ->excludes(from);
+  top->excludes("--json");
+  watch->callback([action] { *action = WatchReports; });
+}
+
 void AddQuestions(CLI::App* app, Options* options, Action* action) {
   CLI::App* dump = app->add_subcommand("dump", "print the tables in force, as a file for serve");
   dump->add_option("--route-file", options->route_file, "print this compiled route table instead");
@@ -255,10 +289,11 @@ void AddQuestions(CLI::App* app, Options* options, Action* action) {
 
 int Run(int argc, char** argv) {
   CLI::App app(
-      "Tells the library which games it serves, and how.\n\n"
+      "Tells the library which games it serves, and how, and shows what it reports.\n\n"
       "  vyr_client sample --game 'C:\\games\\game.exe' > games.toml\n"
       "  vyr_client explain 198.51.100.10:8080 udp --file games.toml\n"
-      "  vyr_client serve games.toml\n",
+      "  vyr_client serve games.toml\n"
+      "  vyr_client watch --follow --report run.html\n",
       "vyr_client");
   app.set_version_flag("--version", "vyr_client " VYR_VERSION);
   app.footer("Exit codes: 0 done, 1 failed, 2 wrong usage, 3 the file is refused.");
@@ -268,6 +303,7 @@ int Run(int argc, char** argv) {
   Options options;
   Action action = nullptr;
   AddServe(&app, &options, &action);
+  AddWatch(&app, &options, &action);
   AddFileCommands(&app, &options, &action);
   AddQuestions(&app, &options, &action);
 

@@ -1,0 +1,179 @@
+#include "client/watch/flow_book.h"
+
+#include <algorithm>
+
+#include "client/watch/report_words.h"
+#include "common/text.h"
+#include "route/decision.h"
+#include "tracker/report_records.h"
+
+namespace client {
+namespace {
+
+using namespace moru_vyr::lsp;
+using common::FieldText;
+
+template <size_t N>
+std::string Text(const char (&field)[N]) {
+  return std::string(FieldText(field));
+}
+
+const char* TypeName(int64_t type, int64_t stream, int64_t datagram) {
+  return type == stream ? "TCP" : type == datagram ? "UDP" : "";
+}
+
+Section SectionOf(const FineStats& fine) {
+  Section section = {
+      .delay_avg = fine.delay_avg, .delay_amp = fine.delay_amp, .answered = fine.total_recv};
+  if (fine.total_send > fine.total_recv) {
+    section.lost = (fine.total_send - fine.total_recv) * 100.0 / fine.total_send;
+  }
+  return section;
+}
+
+// The probes of a route with one relay are booked as sent in both halves and answered in one.
+constexpr uint32_t kTwoRelays = 2;
+
+double Rate(uint32_t now, uint32_t before, uint32_t span_ms) {
+  return span_ms == 0 ? 0 : (now - before) * 1000.0 / span_ms;
+}
+
+void ThinOut(std::vector<FlowPoint>* points) {
+  std::vector<FlowPoint> kept;
+  const size_t half = points->size() / 2;
+  for (size_t i = 0; i < points->size(); ++i) {
+    if (i >= half || i % 2 == 0) kept.push_back((*points)[i]);
+  }
+  *points = std::move(kept);
+}
+
+}  // namespace
+
+void FlowBook::Add(const Report& report) {
+  switch (report.kind) {
+    case kDecisionReport:
+      return AddDecision(report);
+    case kRealNegotiationReport:
+      return AddNegotiation(report);
+    case kNegotiationResultReport:
+      return AddFailure(report);
+    case kRecoverySwitchReport:
+      return AddSwitch(report);
+    case kCommunicationReport:
+      return AddTraffic(report);
+    default:
+      return;
+  }
+}
+
+// Flows are told by their guid. A failure can come before the socket has one.
+Flow* FlowBook::Find(const std::string& guid, const std::string& game, uint64_t time_ms) {
+  const std::string key = guid.empty() ? "to " + game : guid;
+  Flow*& flow = by_key_[key];
+  if (flow == nullptr) {
+    if (flows_.size() == kMostFlows) {
+      const auto oldest =
+          std::min_element(flows_.begin(), flows_.end(),
+                           [](const Flow& a, const Flow& b) { return a.last_ms < b.last_ms; });
+      std::erase_if(by_key_, [&](const auto& entry) { return entry.second == &*oldest; });
+      flows_.erase(oldest);
+    }
+    flow = &flows_.emplace_back();
+    flow->guid = guid;
+    flow->first_ms = time_ms;
+  }
+  if (!game.empty()) flow->game = game;
+  flow->first_ms = std::min(flow->first_ms, time_ms);
+  flow->last_ms = std::max(flow->last_ms, time_ms);
+  return flow;
+}
+
+void FlowBook::AddMark(Flow* flow, uint64_t time_ms, MarkKind kind, std::string text) {
+  if (flow->marks.size() == kMostMarks) flow->marks.erase(flow->marks.begin());
+  // Reports of one moment come channel by channel.
+  const auto later =
+      std::upper_bound(flow->marks.begin(), flow->marks.end(), time_ms,
+                       [](uint64_t at, const Mark& mark) { return at < mark.time_ms; });
+  flow->marks.insert(later, {time_ms, kind, std::move(text)});
+}
+
+void FlowBook::AddDecision(const Report& report) {
+  const auto info = report.As<AccDecisionInfo>();
+  Flow* const flow = Find(Text(info.guid), Endpoint(HostAddressText(info.game_ip), info.game_port),
+                          report.time_ms);
+  flow->type = TypeName(info.socket_type, 0, 1);
+  flow->accelerated = info.acc_reason == kReasonAcce || info.acc_reason == kReasonForceAuto ||
+                      info.acc_reason == kReasonForceManual;
+  const RouteProxyInfo& node = info.selected_proxy;
+  if (node.proxy_name[0] != '\0') node_names_[node.proxy_idc] = Printable(Text(node.proxy_name));
+  if (flow->accelerated) {
+    const auto name = node_names_.find(node.proxy_idc);
+    flow->node = (name != node_names_.end() ? name->second + " " : "") +
+                 Endpoint(Text(node.proxy_addr), node.proxy_port);
+  }
+  AddMark(flow, report.time_ms, MarkKind::kDecision, ReportMark(report));
+}
+
+void FlowBook::AddNegotiation(const Report& report) {
+  const auto record = report.As<RealNegoRecord>();
+  Flow* const flow =
+      Find(Text(record.guid), Endpoint(HostAddressText(record.game_ip), record.game_port),
+           report.time_ms);
+  flow->accelerated = true;
+  const auto name = node_names_.find(record.proxy_id);
+  flow->node = (name != node_names_.end() ? name->second + " " : "") +
+               Endpoint(Text(record.proxy_ip), record.proxy_port);
+  AddMark(flow, report.time_ms, MarkKind::kNegotiation, ReportMark(report));
+}
+
+void FlowBook::AddFailure(const Report& report) {
+  const auto record = report.As<NegRetRecord>();
+  Flow* const flow =
+      Find(Text(record.guid), Endpoint(Text(record.game_ip), record.game_port), report.time_ms);
+  flow->type = TypeName(record.neg_type, 0, 1);
+  ++flow->failures;
+  AddMark(flow, report.time_ms, MarkKind::kFailure, ReportMark(report));
+}
+
+void FlowBook::AddSwitch(const Report& report) {
+  const auto record = report.As<RecoverySwitchRecord>();
+  Flow* const flow = Find(Text(record.guid), "", report.time_ms);
+  flow->type = "UDP";  // nothing else is moved
+  if (record.need_switch != 0 && record.is_switch_succ == 0) ++flow->switches;
+  AddMark(flow, report.time_ms, MarkKind::kSwitch, ReportMark(report));
+}
+
+void FlowBook::AddTraffic(const Report& report) {
+  const auto record = report.As<CommInfoRecord>();
+  Flow* const flow =
+      Find(Text(record.guid_str), Endpoint(Text(record.game_ip), record.game_port), report.time_ms);
+  flow->type = TypeName(record.socket_type, 1, 2);
+  flow->accelerated = true;
+  const auto name = node_names_.find(record.proxy_idc);
+  flow->node = (name != node_names_.end() ? name->second + " " : "") +
+               Endpoint(Text(record.proxy_ip), record.proxy_port);
+  const bool is_first = flow->points.empty() || record.life < flow->life_ms;
+  const uint32_t span_ms = is_first ? record.life : record.life - flow->life_ms;
+  FlowPoint point;
+  point.time_ms = report.time_ms;
+  point.sent_rate = Rate(record.total_sent_bytes, is_first ? 0 : flow->sent_bytes, span_ms);
+  point.recv_rate = Rate(record.total_recv_bytes, is_first ? 0 : flow->recv_bytes, span_ms);
+  if (record.frontend_fine.total_send != 0 || record.frontend_fine.total_recv != 0) {
+    point.frontend = SectionOf(record.frontend_fine);
+  }
+  if (record.topology_type == kTwoRelays) point.backend = SectionOf(record.backend_fine);
+  flow->life_ms = record.life;
+  flow->sent_bytes = record.total_sent_bytes;
+  flow->recv_bytes = record.total_recv_bytes;
+  flow->sent_packets = record.total_sent_packets;
+  flow->recv_packets = record.total_recv_packets;
+  flow->sent_errors = record.total_sent_errors;
+  flow->recv_errors = record.total_recv_errors;
+  if (flow->points.size() == kMostPoints) ThinOut(&flow->points);
+  flow->points.push_back(point);
+  if (record.ended == 0) return;
+  flow->ended = true;
+  AddMark(flow, report.time_ms, MarkKind::kEnd, "ended");
+}
+
+}  // namespace client

@@ -1,0 +1,39 @@
+// One report, as it came out of its slot.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace client {
+
+// In the order in which the reports of one moment are told: a flow's failures come before the
+// success that ended them.
+enum ReportKind {
+  kLoadedReport,
+  kLogPathReport,
+  kNegotiationResultReport,
+  kDecisionReport,
+  kRealNegotiationReport,
+  kRecoverySwitchReport,
+  kCommunicationReport,
+  kReportKindCount,
+};
+
+struct Report {
+  ReportKind kind = kDecisionReport;
+  uint64_t time_ms = 0;  // milliseconds since 1970: when it was taken out, or better
+  uint32_t slot = 0;
+  std::vector<std::byte> bytes;  // the whole slot
+
+  // A copy, because nothing in here is aligned.
+  template <typename Record>
+  Record As() const {
+    Record record;
+    std::memcpy(static_cast<void*>(&record), bytes.data(), sizeof record);
+    return record;
+  }
+};
+
+}  // namespace client

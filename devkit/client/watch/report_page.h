@@ -1,0 +1,22 @@
+// The run as a page: one HTML file that needs nothing but a browser.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "client/watch/flow_book.h"
+
+namespace client {
+
+// Whether this program was built with the chart library. Without it the page holds its tables and
+// says that the charts are left out.
+bool HasCharts();
+
+// `notes` are lines about the run that belong to no flow: which processes, and where they log.
+std::string ReportPage(const FlowBook& book, const std::vector<std::string>& notes);
+
+// Writes beside the file first, so that whoever has it open finds all of the old page or all of
+// the new. The reason in words, or nothing on success.
+std::string WritePage(const std::string& path, const std::string& page);
+
+}  // namespace client

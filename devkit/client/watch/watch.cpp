@@ -1,0 +1,218 @@
+#include "client/watch/watch.h"
+
+#include <winsock2.h>
+//
+#include <windows.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <optional>
+
+#include "client/reporter.h"
+#include "client/watch/flow_book.h"
+#include "client/watch/report_drain.h"
+#include "client/watch/report_json.h"
+#include "client/watch/report_page.h"
+#include "client/watch/report_words.h"
+#include "client/watch/terminal.h"
+#include "client/watch/top_view.h"
+#include "common/named_mutex.h"
+
+namespace client {
+namespace {
+
+constexpr DWORD kPollMs = 100;
+constexpr DWORD kRedrawMs = 1000;
+constexpr DWORD kPageEveryMs = 5000;
+constexpr unsigned kMutexWaitMs = 1000;
+constexpr size_t kMostNotes = 200;
+
+// Two watchers would show each report twice, or each a part of them.
+constexpr char kWatcherMutexName[] = "vyr_client_watch_mutex";
+
+uint64_t NowMs() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+// Where reports go. Everything that is asked for at once is fed from here.
+class Outlet {
+ public:
+  explicit Outlet(const WatchOptions& options) : options_(options), reporter_(options.json) {
+    if (options.top) terminal_.emplace();
+  }
+
+  // False when the output is closed: nobody has seen these reports.
+  bool Show(const std::vector<Report>& reports) {
+    for (const Report& report : reports) {
+      book_.Add(report);
+      Note(report);
+      latest_ms_ = std::max(latest_ms_, report.time_ms);
+      if (terminal_) continue;
+      const std::string line = options_.json
+                                   ? ReportJson(report)
+                                   : ClockText(report.time_ms) + "  " + ReportWords(report);
+      std::printf("%s\n", line.c_str());
+    }
+    is_changed_ = is_changed_ || !reports.empty();
+    page_is_due_ = page_is_due_ || !reports.empty();
+    if (terminal_) return Redraw();
+    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  }
+
+  // A page that is written each time would cost more than all the rest.
+  void PageNowAndThen() {
+    if (options_.page.empty() || !page_is_due_) return;
+    if (GetTickCount() - page_tick_ >= kPageEveryMs) WriteThePage();
+  }
+
+  bool WriteThePage() {
+    if (options_.page.empty()) return true;
+    page_tick_ = GetTickCount();
+    page_is_due_ = false;
+    const std::string error = WritePage(options_.page, ReportPage(book_, notes_));
+    if (!error.empty() && !page_failed_) reporter_.Failure(options_.page + ": " + error);
+    page_failed_ = !error.empty();
+    return error.empty();
+  }
+
+  // The last picture stays for who looks later.
+  void Close() {
+    if (!terminal_ || (!terminal_->is_screen() && !is_changed_)) return;
+    const ScreenSize size = {terminal_->Size().columns, 0};
+    terminal_.reset();
+    for (const std::string& line : TopLines(book_, size, Now())) {
+      std::printf("%s\n", line.c_str());
+    }
+  }
+
+ private:
+  // A run that is over is as old as it was at its end.
+  uint64_t Now() const { return options_.from.empty() ? NowMs() : latest_ms_; }
+
+  void Note(const Report& report) {
+    if (report.kind != kLoadedReport && report.kind != kLogPathReport) return;
+    if (notes_.size() < kMostNotes) {
+      notes_.push_back(ClockText(report.time_ms) + "  " + ReportWords(report));
+    }
+  }
+
+  // A screen is redrawn every second, because ages grow; a pipe gets a drawing when there is news.
+  bool Redraw() {
+    const bool is_due = GetTickCount() - drawn_tick_ >= kRedrawMs;
+    const bool wanted = terminal_->is_screen() ? is_due || is_changed_ : is_due && is_changed_;
+    if (!wanted) return true;
+    drawn_tick_ = GetTickCount();
+    is_changed_ = false;
+    return terminal_->Draw(TopLines(book_, terminal_->Size(), Now()));
+  }
+
+  const WatchOptions& options_;
+  const Reporter reporter_;
+  FlowBook book_;
+  std::vector<std::string> notes_;
+  std::optional<Terminal> terminal_;
+  uint64_t latest_ms_ = 0;
+  bool is_changed_ = true;
+  bool page_is_due_ = true;
+  bool page_failed_ = false;
+  DWORD drawn_tick_ = GetTickCount() - kRedrawMs;
+  DWORD page_tick_ = GetTickCount() - kPageEveryMs;
+};
+
+bool ShowFile(const WatchOptions& options, Outlet* outlet) {
+  const Reporter reporter(options.json);
+  std::ifstream opened;
+  if (options.from != "-") opened.open(options.from, std::ios::binary);
+  std::istream& file = options.from == "-" ? std::cin : opened;
+  if (!file) {
+    reporter.Report(options.from, {{.reason = "cannot be read"}});
+    return false;
+  }
+  std::string line, why;
+  std::vector<Report> reports;
+  for (unsigned number = 1; std::getline(file, line); ++number) {
+    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+    auto report = ReportFromJson(line, &why);
+    if (!report && why.empty()) continue;
+    if (!report) {
+      reporter.Report(options.from, {{.line = number, .reason = why}});
+      return false;
+    }
+    reports.push_back(std::move(*report));
+  }
+  const bool shown = outlet->Show(reports);
+  outlet->Close();
+  return outlet->WriteThePage() && shown;
+}
+
+// One pass. False when the output is closed: what was taken stays in its slots then.
+bool Pass(ReportDrain* drain, Outlet* outlet) {
+  const std::vector<Report> reports = drain->Take(kMutexWaitMs);
+  if (!outlet->Show(reports)) return false;
+  drain->GiveBack(reports, kMutexWaitMs);
+  return true;
+}
+
+bool Follow(const WatchOptions& options, const volatile std::sig_atomic_t* ended,
+            ReportDrain* drain, Outlet* outlet) {
+  const Reporter reporter(options.json);
+  std::string told;
+  bool open = true;
+  for (bool last = false; open && !last;) {
+    last = *ended != 0;  // one more pass: what was reported until now is not left behind
+    open = Pass(drain, outlet);
+    outlet->PageNowAndThen();
+    std::string trouble = drain->trouble();
+    if (trouble.empty() && !drain->AnyRegion()) trouble = "no report regions yet: nobody serves";
+    if (trouble != told && !trouble.empty() && !options.top) reporter.Failure(trouble);
+    told = trouble;
+    if (!last) Sleep(kPollMs);
+  }
+  outlet->Close();
+  return outlet->WriteThePage() && open;
+}
+
+bool ShowWhatWaits(const WatchOptions& options, ReportDrain* drain, Outlet* outlet) {
+  const Reporter reporter(options.json);
+  const std::vector<Report> reports = drain->Take(kMutexWaitMs);
+  if (!drain->AnyRegion()) {
+    reporter.Failure("there are no report regions: nobody serves");
+    return false;
+  }
+  if (!drain->trouble().empty()) reporter.Failure(drain->trouble());
+  if (!outlet->Show(reports) || !outlet->WriteThePage()) return false;
+  drain->GiveBack(reports, kMutexWaitMs);
+  return drain->trouble().empty();
+}
+
+}  // namespace
+
+bool Watch(const WatchOptions& options, const volatile std::sig_atomic_t* ended) {
+  if (!options.page.empty() && !HasCharts()) {
+    std::fprintf(stderr,
+                 "vyr_client: built without the chart library (scripts/fetch_programs.sh "
+                 "--charts): the page's charts are left out\n");
+  }
+  Outlet outlet(options);
+  if (!options.from.empty()) return ShowFile(options, &outlet);
+#ifndef _WIN32
+  std::fprintf(stderr,
+               "vyr_client: this is not the Windows program: no other process reports here\n");
+#endif
+  common::NamedMutex watcher(kWatcherMutexName);
+  const common::NamedMutexGuard alone(&watcher, true);
+  if (watcher.exists() && !alone.owns()) {
+    Reporter(options.json).Failure("another vyr_client takes the reports already");
+    return false;
+  }
+  ReportDrain drain;
+  if (options.follow || options.top) return Follow(options, ended, &drain, &outlet);
+  return ShowWhatWaits(options, &drain, &outlet);
+}
+
+}  // namespace client

@@ -1,0 +1,313 @@
+// What several reports say of one flow, in words, in the book, on the screen and on the page.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "client/watch/flow_book.h"
+#include "client/watch/report_page.h"
+#include "client/watch/report_words.h"
+#include "client/watch/top_view.h"
+#include "route/decision.h"
+#include "tests/unit/client_reports.h"
+
+namespace {
+
+using client::Flow;
+using client::FlowBook;
+using client::Report;
+using client::ReportWords;
+using client::TopLines;
+using test::Decision;
+using test::ReportOf;
+using test::Traffic;
+using namespace moru_vyr::lsp;
+
+bool Has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+Report DecisionReport(const char* guid, int32_t reason, uint64_t time_ms = 0) {
+  return ReportOf(client::kDecisionReport, Decision(guid, reason), time_ms);
+}
+
+Report TrafficReport(const CommInfoRecord& record, uint64_t time_ms = 0) {
+  return ReportOf(client::kCommunicationReport, record, time_ms);
+}
+
+Report FailureReport(const char* guid, int32_t result, uint64_t time_ms = 0) {
+  NegRetRecord record;
+  record.neg_type = 1;
+  record.nego_result = result;
+  record.proxy_idc = 1;
+  record.elapsed_ms = 5003;
+  record.nego_count = 2;
+  record.game_port = 7000;
+  common::SetFieldText(record.game_ip, "198.51.100.10");
+  common::SetFieldText(record.proxy_ip, "198.51.100.20");
+  record.proxy_port = 9000;
+  common::SetFieldText(record.guid, guid);
+  return ReportOf(client::kNegotiationResultReport, record, time_ms);
+}
+
+Report SwitchReport(const char* guid, int32_t need, int32_t outcome) {
+  RecoverySwitchRecord record;
+  record.need_switch = need;
+  record.is_switch_succ = outcome;
+  record.proxy_idc = 7;
+  record.data_link_small_section_lost = 101;
+  record.data_link_full_section_lost = 23;
+  common::SetFieldText(record.guid, guid);
+  return ReportOf(client::kRecoverySwitchReport, record);
+}
+
+TEST(ClientReportWords, ADecisionSaysWhereAndWhy) {
+  EXPECT_EQ(ReportWords(DecisionReport("g", kReasonAcce)),
+            "UDP to 198.51.100.10:7000, data centre 1001, goes through north "
+            "(198.51.100.20:9000): the node is faster [direct 0 ms, lost 0 %; to the node 0 ms, "
+            "lost 0 %; from there 0 ms, lost 0 %]");
+  EXPECT_TRUE(Has(ReportWords(DecisionReport("g", kReasonOverMaxLost)), "goes direct: "));
+  auto unknown = Decision("g", kReasonNotInIpTable);
+  unknown.game_idc = 0;
+  unknown.socket_type = 0;
+  EXPECT_EQ(ReportWords(ReportOf(client::kDecisionReport, unknown)),
+            "TCP to 198.51.100.10:7000 goes direct: the destination is in no table of the game's "
+            "servers");
+}
+
+// Reason 0 goes by the node, 1 does not: the three that do are few.
+TEST(ClientReportWords, OnlyThreeReasonsGoThroughANode) {
+  for (int32_t reason = -1; reason <= 16; ++reason) {
+    const bool relayed = reason == 0 || reason == 11 || reason == 16;
+    EXPECT_EQ(Has(ReportWords(DecisionReport("g", reason)), "goes through"), relayed) << reason;
+  }
+}
+
+TEST(ClientReportWords, AFailedNegotiationSaysWhatItsCodeMeans) {
+  EXPECT_EQ(ReportWords(FailureReport("g", 202)),
+            "UDP negotiation with node 1 at 198.51.100.20:9000 for 198.51.100.10:7000 failed after "
+            "5003 ms, try 2: no answer in time (202)");
+  EXPECT_TRUE(Has(ReportWords(FailureReport("g", 3)), "the node refused (3)"));
+  EXPECT_TRUE(Has(ReportWords(FailureReport("g", 207)), "internet provider (207)"));
+  EXPECT_TRUE(Has(ReportWords(FailureReport("g", 0)), "for no known reason (0)"));
+}
+
+TEST(ClientReportWords, CodesThatStandForNoFigureAreNamed) {
+  EXPECT_EQ(client::DelayWords(9999), "not measured");
+  EXPECT_EQ(client::DelayWords(9998), "9998 ms");
+  EXPECT_EQ(client::LossWords(100), "100 %");
+  EXPECT_TRUE(Has(client::LossWords(101), "unknown"));
+  EXPECT_TRUE(Has(client::LossWords(102), "no range"));
+  EXPECT_TRUE(Has(client::LossWords(103), "never"));
+  EXPECT_TRUE(Has(client::LossWords(201), "backwards"));
+  const std::string trouble = ReportWords(SwitchReport("g", 0, 0));
+  EXPECT_TRUE(Has(trouble, "no move is allowed now"));
+  EXPECT_TRUE(Has(trouble, "short unknown of 0 packets, long 23 % of 0"));
+}
+
+TEST(ClientReportWords, TrafficOfAProbedFlowHasItsSections) {
+  CommInfoRecord record = Traffic("g", 65000);
+  record.total_sent_bytes = 1500;
+  record.total_sent_packets = 3;
+  record.frontend_fine = {.delay_avg = 12, .delay_amp = 2, .total_recv = 19, .total_send = 20};
+  const std::string words = ReportWords(TrafficReport(record));
+  EXPECT_TRUE(Has(words,
+                  "UDP to 198.51.100.10:7000 through 198.51.100.20:9000, for 1 min 5 s: "
+                  "sent 1.5 kB in 3, received 0 B in 0"));
+  EXPECT_TRUE(Has(words, "frontend 12 ms (±2), 5.0 % of 20 probes lost"));
+  EXPECT_FALSE(Has(words, "backend"));
+  record.ended = 1;
+  record.topology_type = 2;
+  record.backend_fine = {.delay_avg = 40, .total_recv = 0, .total_send = 4};
+  EXPECT_TRUE(Has(ReportWords(TrafficReport(record)), "ended after"));
+  EXPECT_TRUE(Has(ReportWords(TrafficReport(record)), "backend without an answer, 100.0 % of 4"));
+}
+
+TEST(ClientReportWords, TextThatAGameChoseCannotDriveATerminal) {
+  LspLoadedRecord loaded;
+  common::SetFieldText(loaded.process_name, "a\x1b[2Jb\nc");
+  EXPECT_EQ(ReportWords(ReportOf(client::kLoadedReport, loaded)),
+            "a?[2Jb?c has the library, game 0, 32 bits");
+}
+
+TEST(ClientFlowBook, ReportsOfOneGuidAreOneFlow) {
+  FlowBook book;
+  book.Add(FailureReport("g", 202, 1000));
+  book.Add(DecisionReport("g", kReasonAcce, 2000));
+  book.Add(TrafficReport(Traffic("g", 5000), 7000));
+  book.Add(SwitchReport("g", 1, 0));
+  book.Add(DecisionReport("h", kReasonInnerIp, 8000));
+  ASSERT_EQ(book.flows().size(), 2u);
+  const Flow& flow = book.flows().front();
+  EXPECT_EQ(flow.type, "UDP");
+  EXPECT_EQ(flow.game, "198.51.100.10:7000");
+  EXPECT_EQ(flow.failures, 1u);
+  EXPECT_EQ(flow.switches, 1u);
+  EXPECT_TRUE(flow.accelerated);
+  EXPECT_EQ(flow.marks.size(), 3u);
+  EXPECT_FALSE(book.flows().back().accelerated);
+  EXPECT_EQ(book.flows().back().node, "");
+}
+
+TEST(ClientFlowBook, RatesAreOfTheTimeBetweenTwoReportsAndSurviveAWrap) {
+  FlowBook book;
+  CommInfoRecord record = Traffic("g", 5000);
+  record.total_sent_bytes = 0xfffffc00;
+  book.Add(TrafficReport(record));
+  record.life = 7000;
+  record.total_sent_bytes = 0x400;  // 2048 bytes on
+  book.Add(TrafficReport(record));
+  EXPECT_DOUBLE_EQ(book.flows().front().points[1].sent_rate, 1024);
+}
+
+// With one relay every probe is booked as sent in both halves and answered in the first.
+TEST(ClientFlowBook, OneRelayHasNoBackend) {
+  FlowBook book;
+  CommInfoRecord record = Traffic("g", 5000);
+  record.topology_type = 1;
+  record.frontend_fine = {.delay_avg = 10, .total_recv = 4, .total_send = 4};
+  record.backend_fine = {.total_recv = 0, .total_send = 4};
+  book.Add(TrafficReport(record));
+  record.topology_type = 2;
+  book.Add(TrafficReport(record));
+  const auto& points = book.flows().front().points;
+  EXPECT_TRUE(points[0].frontend);
+  EXPECT_FALSE(points[0].backend);
+  ASSERT_TRUE(points[1].backend);
+  EXPECT_DOUBLE_EQ(points[1].backend->lost, 100);
+}
+
+TEST(ClientFlowBook, AFailureBeforeTheSocketHasAGuidIsToldByItsServer) {
+  FlowBook book;
+  book.Add(FailureReport("", 202));
+  book.Add(FailureReport("", 207));
+  ASSERT_EQ(book.flows().size(), 1u);
+  EXPECT_EQ(book.flows().front().failures, 2u);
+}
+
+TEST(ClientFlowBook, MarksStandInTheOrderOfTheirTimes) {
+  FlowBook book;
+  CommInfoRecord last = Traffic("g", 9000);
+  last.ended = 1;
+  book.Add(TrafficReport(last, 9000));
+  book.Add(FailureReport("g", 202, 4000));
+  EXPECT_EQ(book.flows().front().last_event(), "ended");
+  EXPECT_TRUE(book.flows().front().ended);
+}
+
+TEST(ClientFlowBook, IsBoundedInFlowsPointsAndMarks) {
+  FlowBook book;
+  for (size_t i = 0; i < FlowBook::kMostFlows + 5; ++i) {
+    book.Add(DecisionReport(std::to_string(i).c_str(), kReasonAcce, 1000 + i));
+  }
+  EXPECT_EQ(book.flows().size(), FlowBook::kMostFlows);
+  EXPECT_EQ(book.flows().front().guid, "5");  // the ones heard of longest ago are gone
+  book.Add(DecisionReport("0", kReasonAcce, 1));
+  EXPECT_EQ(book.flows().size(), FlowBook::kMostFlows);
+  for (uint32_t i = 1; i <= FlowBook::kMostPoints * 2; ++i) {
+    book.Add(TrafficReport(Traffic("p", i * 10), i));
+    book.Add(FailureReport("p", 202, i));
+  }
+  const Flow& flow = book.flows().back();
+  EXPECT_LE(flow.points.size(), FlowBook::kMostPoints);
+  EXPECT_GT(flow.points.size(), FlowBook::kMostPoints / 2);
+  EXPECT_EQ(flow.points.back().time_ms, FlowBook::kMostPoints * 2);
+  EXPECT_EQ(flow.marks.size(), FlowBook::kMostMarks);
+}
+
+size_t Columns(const std::string& line) {
+  return static_cast<size_t>(
+      std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+}
+
+FlowBook Busy(unsigned flows) {
+  FlowBook book;
+  for (unsigned i = 0; i < flows; ++i) {
+    const std::string guid = "g" + std::to_string(i);
+    book.Add(DecisionReport(guid.c_str(), kReasonAcce));
+    CommInfoRecord record = Traffic(guid.c_str(), 5000);
+    record.frontend_fine = {.delay_avg = 12, .delay_amp = 3, .total_recv = 9, .total_send = 10};
+    record.game_port = 7000 + i;
+    record.ended = i % 2;
+    book.Add(TrafficReport(record));
+  }
+  return book;
+}
+
+TEST(ClientTopView, FitsEveryScreen) {
+  const FlowBook book = Busy(12);
+  for (unsigned columns = 1; columns < 220; ++columns) {
+    for (const unsigned rows : {1u, 2u, 3u, 5u, 13u, 14u, 40u}) {
+      const auto lines = TopLines(book, {columns, rows}, 0);
+      EXPECT_LE(lines.size(), rows);
+      for (const std::string& line : lines) {
+        EXPECT_LE(Columns(line), columns) << line;
+        EXPECT_EQ(line.find('\n'), std::string::npos);
+      }
+    }
+  }
+}
+
+TEST(ClientTopView, AWideScreenShowsAllAndANarrowOneTheServer) {
+  const auto wide = TopLines(Busy(1), {200, 24}, 0);
+  ASSERT_EQ(wide.size(), 3u);
+  for (const char* part :
+       {"198.51.100.10:7000", "north 198.51.100.20:9000", "12 ±3 ms", "10.0 %"}) {
+    EXPECT_TRUE(Has(wide[2], part)) << wide[2];
+  }
+  const auto narrow = TopLines(Busy(1), {30, 24}, 0);
+  EXPECT_TRUE(Has(narrow[2], "198.51.100.10:7000"));
+  EXPECT_FALSE(Has(narrow[2], "north"));
+}
+
+TEST(ClientTopView, TheLivingStandFirstAndTheRestIsCounted) {
+  const auto lines = TopLines(Busy(6), {120, 6}, 0);
+  ASSERT_EQ(lines.size(), 6u);
+  EXPECT_TRUE(Has(lines[0], "6 flows, 3 ended"));
+  EXPECT_TRUE(Has(lines[2], ":7000"));
+  EXPECT_TRUE(Has(lines[3], ":7002"));
+  EXPECT_TRUE(Has(lines[4], ":7004"));
+  EXPECT_EQ(lines[5], "… 3 more");
+}
+
+// Twelve texts of every length through the cutting of a cell.
+TEST(ClientTopView, NoCharacterIsCutInTwo) {
+  FlowBook book;
+  auto info = Decision("g", kReasonAcce);
+  common::SetFieldText(info.selected_proxy.proxy_name, "ÄÖÜäöüßÄÖÜäöüßÄÖÜäöüß");
+  book.Add(ReportOf(client::kDecisionReport, info));
+  for (unsigned columns = 40; columns < 90; ++columns) {
+    for (const std::string& line : TopLines(book, {columns, 0}, 0)) {
+      EXPECT_NO_THROW(nlohmann::json(line).dump()) << columns;
+    }
+  }
+}
+
+TEST(ClientReportPage, NothingThatWasReportedCanEndTheDataElement) {
+  FlowBook book;
+  auto info = Decision("g", kReasonAcce);
+  common::SetFieldText(info.selected_proxy.proxy_name, "</script><script>x");
+  book.Add(ReportOf(client::kDecisionReport, info));
+  const std::string page = client::ReportPage(book, {"</script>note"});
+  EXPECT_FALSE(Has(page, "</script><script>x"));
+  EXPECT_FALSE(Has(page, "</script>note"));
+  EXPECT_TRUE(Has(page, "\\u003c/script>note"));
+}
+
+TEST(ClientReportPage, DataThatLooksLikeAPlaceholderIsData) {
+  const std::string page = client::ReportPage(FlowBook(), {"/*CHART-SCRIPT*/ /*DATA*/"});
+  EXPECT_TRUE(Has(page, "\"/*CHART-SCRIPT*/ /*DATA*/\""));
+}
+
+// A delay that was never measured is a gap, and no zero.
+TEST(ClientReportPage, UnansweredProbesAreAGapInTheDelayAndALossOfAll) {
+  FlowBook book;
+  CommInfoRecord record = Traffic("g", 5000);
+  record.frontend_fine = {.total_recv = 0, .total_send = 4};
+  book.Add(TrafficReport(record));
+  const std::string page = client::ReportPage(book, {});
+  EXPECT_TRUE(Has(page, "\"fd\":[null]"));
+  EXPECT_TRUE(Has(page, "\"fl\":[100.0]"));
+  EXPECT_TRUE(Has(page, "\"bl\":[null]"));
+}
+
+}  // namespace
