@@ -1,0 +1,39 @@
+// A game's own ping: an ICMP echo a second on a raw socket that is connected to the server.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "game/sockets.h"
+
+namespace game {
+
+class IcmpPing {
+ public:
+  explicit IcmpPing(const sockaddr_in& server) : server_(server) {}
+
+  // Empty, or why there is none: most systems ask for a privilege.
+  std::string Open();
+
+  void Send();
+  // To be asked often: an answer need not show in a wait for readable sockets. Never waits.
+  void Receive();
+
+  const sockaddr_in& server() const { return server_; }
+  bool is_open() const { return socket_.is_open(); }
+  unsigned sent() const { return static_cast<unsigned>(sent_us_.size()); }
+  const std::vector<uint32_t>& round_trips_us() const { return round_trips_us_; }
+
+ private:
+  const sockaddr_in server_;
+  Socket socket_;
+  uint16_t identifier_ = 0;
+  std::vector<uint64_t> sent_us_;  // by sequence number; 0 once answered
+  std::vector<uint32_t> round_trips_us_;
+};
+
+// The Internet checksum of that many bytes, ready to be copied into them.
+uint16_t InternetChecksum(const void* bytes, size_t size);
+
+}  // namespace game

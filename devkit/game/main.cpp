@@ -1,0 +1,185 @@
+// vyr_game: a sample game, and its server.
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "game/play.h"
+#include "game/server.h"
+//
+#include <windows.h>
+
+namespace {
+
+enum ExitCode { kDone = 0, kFailed = 1, kUsage = 2 };
+
+volatile std::sig_atomic_t g_ended = 0;
+
+void OnSignal(int) { g_ended = 1; }
+
+DWORD WINAPI WaitForEndOfInput(LPVOID) {
+  while (std::getchar() != EOF) {
+  }
+  g_ended = 1;
+  return 0;
+}
+
+struct Options {
+  game::PlayOptions play;
+  game::ServerOptions server;
+  std::vector<std::string> servers;
+  std::string lobby, listen;
+  bool until_eof = false;
+};
+
+std::optional<sockaddr_in> Understand(const std::string& text) {
+  const auto address = game::ParseEndpoint(text);
+  if (!address) std::fprintf(stderr, "vyr_game: '%s' is not ADDRESS:PORT\n", text.c_str());
+  return address;
+}
+
+int Play(Options* options) {
+  for (const std::string& text : options->servers) {
+    const auto server = Understand(text);
+    if (!server) return kUsage;
+    options->play.servers.push_back(*server);
+  }
+  if (!options->lobby.empty()) {
+    options->play.lobby = Understand(options->lobby);
+    if (!options->play.lobby) return kUsage;
+  }
+  return game::Play(options->play, &g_ended) ? kDone : kFailed;
+}
+
+void PrintLine(const nlohmann::ordered_json& event) {
+  std::printf("%s\n", event.dump().c_str());
+  std::fflush(stdout);
+}
+
+void ReportServer(const game::Server& server) {
+  nlohmann::ordered_json players = nlohmann::ordered_json::array();
+  for (const auto& [key, player] : server.players()) {
+    players.push_back({{"session", key.first},
+                       {"server", key.second},
+                       {"received", player.beats.received()},
+                       {"duplicated", player.beats.duplicated()},
+                       {"reordered", player.beats.reordered()},
+                       {"answered", player.answered},
+                       {"withheld", player.withheld},
+                       {"address", player.last_address},
+                       {"address_changes", player.address_changes}});
+  }
+  PrintLine({{"event", "summary"},
+             {"players", players},
+             {"strangers", server.strangers()},
+             {"lobby", {{"guests", server.guests()}, {"words", server.words()}}}});
+}
+
+int Serve(Options* options) {
+  const auto listen = Understand(options->listen);
+  if (!listen) return kUsage;
+  options->server.listen = *listen;
+  game::Server server(options->server);
+  const std::string error = server.Open();
+  if (!error.empty()) {
+    std::fprintf(stderr, "vyr_game: %s\n", error.c_str());
+    return kFailed;
+  }
+  PrintLine({{"event", "listening"}, {"address", options->listen}});
+  while (g_ended == 0) server.Step(100);
+  ReportServer(server);
+  return kDone;
+}
+
+using Action = int (*)(Options*);
+
+void AddPlay(CLI::App* app, Options* options, Action* action) {
+  CLI::App* play = app->add_subcommand("play", "play: beat to each server, and show ping and loss");
+  play->add_option("SERVER", options->servers, "ADDRESS:PORT, one or several")
+      ->required()
+      ->expected(1, 32);
+  play->add_option("--rate", options->play.rate, "beats a second to each server")
+      ->check(CLI::Range(0.1, 2000.0))
+      ->capture_default_str();
+  play->add_option("--seconds", options->play.seconds, "how long; 0: until ended")
+      ->check(CLI::Range(0.0, 86400.0))
+      ->capture_default_str();
+  play->add_option("--size", options->play.size, "bytes of each beat")
+      ->check(CLI::Range(28u, 1400u))
+      ->capture_default_str();
+  play->add_option("--linger-ms", options->play.linger_ms, "how long the last answers may take")
+      ->check(CLI::Range(0u, 60000u))
+      ->capture_default_str();
+  play->add_flag("--connected", options->play.connected,
+                 "a connected socket for each server instead of one for all");
+  play->add_option("--lobby", options->lobby, "ADDRESS:PORT of a TCP lobby to be in meanwhile");
+  play->add_flag("--ping", options->play.ping, "an ICMP ping a second beside, on a raw socket");
+  play->add_flag("--json", options->play.json, "one JSON object at the end instead of sentences");
+  play->callback([action] { *action = Play; });
+}
+
+void AddServe(CLI::App* app, Options* options, Action* action) {
+  CLI::App* serve = app->add_subcommand("serve", "be the server: answer beats and keep the lobby");
+  serve->add_option("ADDRESS", options->listen, "ADDRESS:PORT to listen at, UDP and TCP")
+      ->required();
+  serve->add_option("--delay-ms", options->server.delay_ms, "before each answer")
+      ->check(CLI::Range(0u, 60000u));
+  serve->add_option("--jitter-ms", options->server.jitter_ms, "on top, at random up to this")
+      ->check(CLI::Range(0u, 60000u));
+  serve->add_option("--loss-percent", options->server.loss_percent, "answers that are not sent")
+      ->check(CLI::Range(0u, 100u));
+  serve->add_option("--seed", options->server.seed, "of what is at random")->capture_default_str();
+  serve->callback([action] { *action = Serve; });
+}
+
+int Run(int argc, char** argv) {
+  CLI::App app(
+      "A sample game: a UDP heartbeat and a TCP lobby.\n\n"
+      "  vyr_game serve 127.0.0.1:7000\n"
+      "  vyr_game play 127.0.0.1:7000 --rate 60 --lobby 127.0.0.1:7000",
+      "vyr_game");
+  app.set_version_flag("--version", "vyr_game " VYR_VERSION);
+  app.footer(
+      "Loss is a figure and no failure. Exit codes: 0 done, 1 could not play or listen, "
+      "2 wrong usage.");
+  app.require_subcommand(1);
+  Options options;
+  Action action = nullptr;
+  AddPlay(&app, &options, &action);
+  AddServe(&app, &options, &action);
+  for (CLI::App* command : app.get_subcommands(nullptr)) {
+    command->add_flag("--until-eof", options.until_eof, "end with the end of standard input");
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kDone : kUsage;
+  }
+  WSADATA data;
+  if (WSAStartup(MAKEWORD(2, 2), &data) != 0) {
+    std::fprintf(stderr, "vyr_game: no sockets here\n");
+    return kFailed;
+  }
+  std::signal(SIGINT, OnSignal);
+  std::signal(SIGTERM, OnSignal);
+  if (options.until_eof) CreateThread(nullptr, 0, WaitForEndOfInput, nullptr, 0, nullptr);
+  const int code = action(&options);
+  WSACleanup();
+  return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int code = kFailed;
+  try {
+    code = Run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "vyr_game: %s\n", error.what());
+  }
+  // A thread may still sit in a read of standard input, whose lock an ordinary exit would want.
+  std::cout.flush();
+  std::fflush(stdout);
+  std::_Exit(code);
+}

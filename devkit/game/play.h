@@ -1,0 +1,29 @@
+// One play of the game: lobby, heartbeat and ping, and what came of them.
+#pragma once
+
+#include <csignal>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "game/sockets.h"
+
+namespace game {
+
+struct PlayOptions {
+  std::vector<sockaddr_in> servers;
+  std::optional<sockaddr_in> lobby;
+  double rate = 30;           // beats a second to each server
+  double seconds = 10;        // 0: until ended
+  unsigned size = 64;         // bytes of each beat
+  unsigned linger_ms = 1000;  // how long the last answers are waited for
+  bool connected = false;
+  bool ping = false;
+  bool json = false;
+};
+
+// Prints a line a second and the figures at the end. False where it could not play at all; what the
+// network does to a play is a figure and no failure.
+bool Play(const PlayOptions& options, const volatile std::sig_atomic_t* ended);
+
+}  // namespace game
