@@ -124,19 +124,20 @@ class Explainer {
 
   bool AskGame() {
     const AccConfig& config = *GetAccConfig();
-    const uint32_t wanted = question_.udp ? kNetModeUdp : kNetModeTcp;
+    const ModeVerdict verdict = ExamineModes(config.net_mode, config.acc_mode, SocketType());
+    if (verdict == ModeVerdict::kNeedsAccMode) {
+      return Stop("acc_mode is 0, and net_mode has REFUSE_WITHOUT_ACC_MODE",
+                  "the game's entry refuses every relay while acc_mode is 0");
+    }
+    if ((config.net_mode & kNetModeRefuseWithoutAccMode) != 0) {
+      Pass("acc_mode is not 0, as REFUSE_WITHOUT_ACC_MODE wants it");
+    }
     const std::string mode = "its net_mode " + HexNumber(config.net_mode);
-    if ((config.net_mode & wanted) == 0) {
+    if (verdict == ModeVerdict::kNotRelayed) {
       return Stop("the game does not relay " + out_.protocol + ": " + mode + " lacks it",
                   "the game's entry does not ask for " + out_.protocol);
     }
     Pass("the game relays " + out_.protocol + " (" + mode + ")");
-    if ((config.net_mode & kNetModeRefuseWithoutAccMode) == 0) return true;
-    if (config.acc_mode == kAccModeNone) {
-      return Stop("acc_mode is 0, and net_mode has REFUSE_WITHOUT_ACC_MODE",
-                  "the game's entry refuses every relay while acc_mode is 0");
-    }
-    Pass("acc_mode is not 0, as REFUSE_WITHOUT_ACC_MODE wants it");
     return true;
   }
 

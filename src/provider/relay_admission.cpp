@@ -14,11 +14,6 @@ namespace {
 
 constexpr u32 kRelayInitTimeoutMs = 3000;
 
-// Bits of net_mode.
-constexpr u32 kRelaysStreams = 0x8;
-constexpr u32 kRelaysDatagrams = 0x10;
-constexpr u32 kNeedsAccMode = 0x2000000;
-
 struct RelayModes {
   u32 acc_mode;
   u32 net_mode;
@@ -58,10 +53,7 @@ bool IsAllowedRelay(const SocketRecord& record) noexcept {
     return false;
   }
   const RelayModes& modes = CachedModes();
-  if ((modes.net_mode & kNeedsAccMode) != 0 && modes.acc_mode == kAccModeNone) return false;
-  if (stream && (modes.net_mode & kRelaysStreams) == 0) return false;
-  if (datagram && (modes.net_mode & kRelaysDatagrams) == 0) return false;
-  return true;  // raw sockets without a further test
+  return ExamineModes(modes.net_mode, modes.acc_mode, record.type) == ModeVerdict::kMayRelay;
 }
 
 bool IsAllowConnect(int type, const sockaddr_in* addr, SOCKET s, u32 token) noexcept {

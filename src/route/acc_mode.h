@@ -1,5 +1,7 @@
-// What acc_mode and manual_mode of the configuration mean together.
+// What the modes of the configuration mean together: net_mode, acc_mode and manual_mode.
 #pragma once
+#include <winsock2.h>
+
 #include "common/types.h"
 #include "route/acc_config_formats.h"
 
@@ -10,6 +12,24 @@ inline constexpr u32 kAccModeSecondSet = 2;  // the second set of routes; manual
 
 inline u32 RouteSetIndex(const AccConfigRecord& config) noexcept {
   return config.acc_mode == kAccModeSecondSet ? 1 : 0;
+}
+
+// What the modes say to a kind of socket, in the order in which it is asked.
+enum class ModeVerdict {
+  kNeedsAccMode,  // nothing is relayed without an acc_mode, and there is none
+  kNotRelayed,    // that kind of socket is not among what is relayed
+  kMayRelay,      // so far; raw sockets come here without a further test
+};
+
+// socket_type as the socket calls have it.
+inline ModeVerdict ExamineModes(u32 net_mode, u32 acc_mode, i32 socket_type) noexcept {
+  if ((net_mode & kNetModeRefuseWithoutAccMode) != 0 && acc_mode == kAccModeNone) {
+    return ModeVerdict::kNeedsAccMode;
+  }
+  const u32 wanted = socket_type == SOCK_STREAM  ? kNetModeTcp
+                     : socket_type == SOCK_DGRAM ? kNetModeUdp
+                                                 : 0;
+  return (net_mode & wanted) == wanted ? ModeVerdict::kMayRelay : ModeVerdict::kNotRelayed;
 }
 
 // Whether the user's own choice of proxies counts.

@@ -184,7 +184,12 @@ TEST_F(ClientExplain, WhatChangesTheRoutesOwnVerdictIsSaid) {
   game.acc_mode = 0;
   answer = Ask(*tables, "198.51.100.10:80", "tcp");
   EXPECT_FALSE(answer.steps.back().passed);
-  EXPECT_EQ(answer.steps.size(), 2u);
+  EXPECT_EQ(answer.steps.size(), 1u);
+
+  game.acc_mode = 1;
+  answer = Ask(*tables, "198.51.100.10:80", "tcp");
+  EXPECT_TRUE(answer.accelerated);
+  EXPECT_EQ(answer.steps.size(), 11u);
 }
 
 TEST_F(ClientExplain, OnlyDatagramFlowsHaveCandidates) {
