@@ -18,10 +18,7 @@
 #include "client/takeover.h"
 #include "client/watch/report_regions.h"
 #include "client/watch/watch.h"
-//
-#include <winsock2.h>
-//
-#include <windows.h>
+#include "program_end.h"
 
 namespace {
 
@@ -59,26 +56,10 @@ std::optional<client::ConfigFile> Load(const Options& options) {
   return file;
 }
 
-volatile std::sig_atomic_t g_ended = 0;
-
-void OnSignal(int) { g_ended = 1; }
-
-DWORD WINAPI WaitForEndOfInput(LPVOID) {
-  while (std::getchar() != EOF) {
-  }
-  g_ended = 1;
-  return 0;
-}
-
-void NoticeTheEnd(const Options& options) {
-  std::signal(SIGINT, OnSignal);
-  std::signal(SIGTERM, OnSignal);
-  if (options.until_eof) CreateThread(nullptr, 0, WaitForEndOfInput, nullptr, 0, nullptr);
-}
-
-void FollowUntilEnd(const Options& options, client::FileWatcher* file, client::Takeover* takeover) {
+void FollowUntilEnd(const Options& options, const volatile std::sig_atomic_t* ended,
+                    client::FileWatcher* file, client::Takeover* takeover) {
   const client::Reporter reporter(options.json);
-  for (; g_ended == 0; Sleep(kPollMs)) {
+  for (; *ended == 0; Sleep(kPollMs)) {
     const auto text = options.file != "-" ? file->Poll() : std::nullopt;
     if (!text) continue;
     const client::TakeoverReport report = takeover->Apply(*text, kMutexWaitMs);
@@ -115,10 +96,10 @@ int Serve(const Options& options) {
   client::ReportRegions reports;
   const std::string lost = reports.Make(kMutexWaitMs);
   if (!lost.empty()) reporter.Failure(lost);
-  NoticeTheEnd(options);
+  const auto* const ended = devkit::NoticeTheEnd(options.until_eof);
   reporter.Ready(options.file, report);
   client::FileWatcher watcher(options.file, *text);
-  FollowUntilEnd(options, &watcher, &takeover);
+  FollowUntilEnd(options, ended, &watcher, &takeover);
   return kDone;
 }
 
@@ -206,8 +187,7 @@ int Check(const Options& options) {
 int WatchReports(const Options& options) {
   client::WatchOptions watch = options.watch;
   watch.json = options.json;
-  NoticeTheEnd(options);
-  return client::Watch(watch, &g_ended) ? kDone : kFailed;
+  return client::Watch(watch, devkit::NoticeTheEnd(options.until_eof)) ? kDone : kFailed;
 }
 
 int Sample(const Options& options) { return Print(client::WriteSample(options.sample)); }
