@@ -1,0 +1,19 @@
+// What every reader of the file says of a node of it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "client/problems.h"
+#include "client/toml.h"
+
+namespace client {
+
+unsigned LineOf(const toml::node& node);
+const char* TypeName(const toml::node& node);  // "a text"
+
+std::string EntryKey(const std::string& key, size_t index);  // "route[3]"
+
+void AddError(Problems* problems, unsigned line, const std::string& key, const std::string& reason);
+
+}  // namespace client
