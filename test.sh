@@ -48,7 +48,7 @@ build() {  # preset
 run_suites() {  # preset
   local preset=$1 log=build/$1/test.log started=$SECONDS
   printf '%-12s testing  ... ' "$preset"
-  ctest --preset "$preset" --verbose >"$log" 2>&1
+  ctest --preset "$preset" --verbose --parallel "$(nproc)" >"$log" 2>&1
   local code=$?
   results+=("$log")
   echo "$(scripts/count_tests.py "$log") ($((SECONDS - started)) s)"
