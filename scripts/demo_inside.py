@@ -1,37 +1,36 @@
 #!/usr/bin/env python3
 """The demo's story, told inside the test bed (demo.sh sets it up and calls this).
 
-usage: demo_inside.py WINDOWS_BUILD_DIR NODE_PROGRAM
+usage: demo_inside.py WINDOWS_BUILD_DIR NATIVE_PROGRAMS_DIR [PAGE]
 
-A native server at 198.51.100.10 holds a file, and two native nodes stand at .20 and .21. An
-unmodified Windows program fetches the file: alone, then with the library under it through the
-first node, through the second when the first has fallen silent, and directly when both have.
-What each of them fetched is compared.
+Three acts. A native server at 198.51.100.10 holds a file, and an unmodified Windows program
+fetches it: alone, with the library under it through the first of two native nodes, through the
+second when the first has fallen silent, and directly when both have. Then the same program sends
+a film as datagrams, and a native peer takes them. At last the sample game plays, and its node's
+link goes bad. PAGE is where the page with the game's connections is written.
 """
 import functools
 import hashlib
 import http.server
-import json
 import os
 import pathlib
+import shutil
 import socket
 import subprocess
 import sys
 import threading
 
+import demo_bed
+import switch_run
+from demo_bed import TIMEOUT_S, Failed, windows_path, wine
+
 SERVER = ("198.51.100.10", 8080)
+FILM_SERVER = ("198.51.100.10", 5004)
 PROGRAM = "C:\\vyr\\ffmpeg.exe"  # where the test bed puts it
+GAME = "C:\\vyr\\vyr_game.exe"
 FILE_SIZE = 8 * 1024 * 1024
-TIMEOUT_S = 120
-TREE = pathlib.Path(__file__).resolve().parent.parent
-
-
-def wine(*arguments):
-    return [str(TREE / "scripts" / "wine"), *map(str, arguments)]
-
-
-def windows_path(path):
-    return "Z:" + str(path).replace("/", "\\")
+TS_PACKET = 188
+FILM_S = 3
 
 
 def say(label, text):
@@ -62,75 +61,65 @@ def start_server(folder):
     threading.Thread(target=server.serve_forever, daemon=True).start()
 
 
+class FilmPeer:
+    """Takes datagrams, for as long as the block runs."""
+
+    def __init__(self, address):
+        self.datagrams, self.peers = [], set()
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 21)
+        self.socket.bind(address)
+
+    def __enter__(self):
+        threading.Thread(target=self._take, daemon=True).start()
+        return self
+
+    def _take(self):
+        while True:
+            data, peer = self.socket.recvfrom(65536)
+            self.datagrams.append(data)
+            self.peers.add(peer[0])
+
+    def size(self):
+        return sum(map(len, self.datagrams))
+
+    def __exit__(self, *reason):
+        pass
+
+
+def run(command, **options):
+    done = subprocess.run(command, timeout=TIMEOUT_S, stdin=subprocess.DEVNULL, **options)
+    if done.returncode != 0:
+        raise Failed(f"the program ended with {done.returncode}")
+
+
 def fetch(launcher, out):
     """Runs ffmpeg as the fetcher: the server's bytes as they are, into a file."""
     url = f"http://{SERVER[0]}:{SERVER[1]}/film.bin"
-    command = wine(*launcher, PROGRAM, "-nostdin", "-loglevel", "error", "-f", "data", "-i", url,
-                      "-map", "0", "-c", "copy", "-f", "data", "-y", windows_path(out))
-    done = subprocess.run(command, timeout=TIMEOUT_S, stdin=subprocess.DEVNULL)
-    if done.returncode != 0:
-        sys.exit(f"demo: the program ended with {done.returncode}")
+    run(wine(*launcher, PROGRAM, "-nostdin", "-loglevel", "error", "-f", "data", "-i", url,
+             "-map", "0", "-c", "copy", "-f", "data", "-y", windows_path(out)))
     return out.read_bytes()
 
 
-def write_tables(build, path):
+def send_film(launcher, address, folder):
+    """Has ffmpeg draw a film and send it at its own pace; what it sent stands in a file as well."""
+    run(wine(*launcher, PROGRAM, "-nostdin", "-loglevel", "error", "-re", "-f", "lavfi",
+             "-i", f"testsrc=size=320x240:rate=25:duration={FILM_S}", "-c:v", "mpeg2video",
+             "-b:v", "1M", "-map", "0", "-f", "tee",
+             f"[f=mpegts]udp\\://{address[0]}\\:{address[1]}?pkt_size=1316|[f=mpegts]film.ts"),
+        cwd=folder)
+    return (folder / "film.ts").read_bytes()
+
+
+def write_sample(programs, path):
     """The client's own sample: it lists the program as a game, and works here as it stands."""
     with open(path, "wb") as file:
-        subprocess.run(wine(build / "bin/vyr_client.exe", "sample"), stdout=file, check=True,
+        subprocess.run(wine(programs / "vyr_client.exe", "sample"), stdout=file, check=True,
                        timeout=TIMEOUT_S)
 
 
-class Client:
-    """vyr_client, serving the tables for as long as the block runs."""
-
-    def __init__(self, build, tables):
-        command = wine(build / "bin/vyr_client.exe", "serve", windows_path(tables),
-                          "--until-eof")
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        text=True)
-
-    def __enter__(self):
-        for line in self.process.stdout:
-            if "ready" in line:
-                return self
-        sys.exit("demo: vyr_client did not become ready")
-
-    def __exit__(self, *reason):
-        self.process.stdin.close()
-        self.process.wait(timeout=TIMEOUT_S)
-
-
-class Node:
-    """vyr_node at an address of the sample's, with its events."""
-
-    def __init__(self, program, name, address, control_port):
-        self.name, self.control = name, ("127.0.0.1", control_port)
-        self.events = []
-        self.process = subprocess.Popen(
-            [program, "--listen", f"{address}:9000", "--control", f"127.0.0.1:{control_port}"],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
-        first = json.loads(self.process.stdout.readline())
-        if first["event"] != "listening":
-            sys.exit(f"demo: {name} does not listen: {first}")
-        threading.Thread(target=self.collect, daemon=True).start()
-
-    def collect(self):
-        for line in self.process.stdout:
-            self.events.append(json.loads(line))
-
-    def fall_silent(self):
-        with socket.create_connection(self.control, timeout=TIMEOUT_S) as control:
-            control.sendall(b'{"command":"set","on_request":"silent"}\n')
-            reply = json.loads(control.makefile().readline())
-        if not reply["ok"]:
-            sys.exit(f"demo: {self.name} refuses to fall silent: {reply}")
-
-    def asked_for(self):
-        return [event["game"] for event in self.events if event["event"] == "request"]
-
-
 def show_trace(trace):
-    facts = [json.loads(line) for line in trace.read_text(errors="replace").splitlines()]
+    facts = demo_bed.read_json_lines(trace)
     said = [fact["debug_output"].removeprefix("[LspTrace]").strip()
             for fact in facts if "debug_output" in fact]
     for start in ("CheckCanHook", "WSPStartup end"):
@@ -154,71 +143,161 @@ def show_log(log, words):
     for word in words:
         found = [line for line in lines if word in line]
         if not found:
-            sys.exit(f"demo: FAILED, the log has no line with '{word}'")
+            raise Failed(f"the log has no line with '{word}'")
         print(f"    {found[0]}")
 
 
 class Story:
-    def __init__(self, build, node_program):
+    def __init__(self, build, native, page):
         self.drive_c = pathlib.Path(os.environ["VYR_WINEPREFIX"], "drive_c")
         if not (self.drive_c / "vyr/ffmpeg.exe").exists():
             print("demo: the third-party programs are not here; scripts/fetch_programs.sh gets them")
             sys.exit(77)
-        if not node_program.exists():
-            print(f"demo: no node at {node_program}; the posix preset builds it")
-            sys.exit(77)
-        self.build = build
+        for program in ("vyr_node", "vyr_game"):
+            if not (native / program).exists():
+                print(f"demo: no {native / program}; the posix preset builds it")
+                sys.exit(77)
+        self.programs, self.native, self.page = build / "bin", native, page
         self.work = pathlib.Path(os.environ["VYR_BED_DIR"], "demo")
         self.work.mkdir()
         self.original = os.urandom(FILE_SIZE)
         (self.work / "film.bin").write_bytes(self.original)
         start_server(self.work)
-        self.nodes = [Node(node_program, "node one", "198.51.100.20", 7101),
-                      Node(node_program, "node two", "198.51.100.21", 7102)]
+
+    def launcher(self, *options):
+        return [self.programs / "vyr_run.exe", *options]
+
+    # --- first act: streams ---
 
     def check(self, fetched):
         say("bytes", f"{len(fetched)}, sha256 {sha256(fetched)[:16]}…, from the server to "
             + Server.served[-1][0])
         if fetched != self.original:
-            sys.exit("demo: FAILED, the bytes differ")
+            raise Failed("the bytes differ")
 
     def fetch_alone(self):
         print("An unmodified Windows program (ffmpeg) fetches a file from a native server.")
         self.check(fetch([], self.work / "alone.bin"))
 
-    def fetch_as_game(self, title, number, words, trace=False):
+    def fetch_as_game(self, nodes, title, number, words, trace=False):
         print(title)
-        asked = [len(node.asked_for()) for node in self.nodes]
-        known = set(self.drive_c.glob("vyr/log/*.log"))
+        asked = [len(node.named("request")) for node in nodes]
+        known = self.logs()
         trace_file = self.work / f"trace{number}.jsonl"
-        self.check(fetch([self.build / "bin/vyr_run.exe", "--trace", windows_path(trace_file)],
+        self.check(fetch(self.launcher("--trace", windows_path(trace_file)),
                          self.work / f"fetch{number}.bin"))
         if trace:
             show_trace(trace_file)
-        for node, before in zip(self.nodes, asked):
-            for game in node.asked_for()[before:]:
-                say(node.name, f"was asked for {game}")
-        show_log((set(self.drive_c.glob("vyr/log/*.log")) - known).pop(), words)
+        for node, before in zip(nodes, asked):
+            for request in node.named("request")[before:]:
+                say(node.name, f"was asked for {request['game']}")
+        show_log((self.logs() - known).pop(), words)
+
+    def logs(self):
+        return set(self.drive_c.glob("vyr/log/*.log"))
+
+    def streams(self, nodes):
+        self.fetch_as_game(nodes, "The same program, listed as a game, with the library under it.",
+                           1, ["will accelerate", "is relayed", "TcpSession::StartNegotiation"],
+                           trace=True)
+        nodes[0].set(on_request="silent")
+        self.fetch_as_game(nodes, "Node one falls silent.", 2,
+                           ["OnNegotiationFailed", "ChangeAcclServer"])
+        nodes[1].set(on_request="silent")
+        self.fetch_as_game(nodes, "Node two falls silent too.", 3,
+                           ["ChangeAcclServer", "begin direct"])
+        print("The bytes were the same every time. The program noticed nothing but a delay.\n")
+
+    # --- second act: datagrams ---
+
+    def film(self, nodes):
+        print("It sends a film as datagrams (MPEG-TS); the nodes are well again.")
+        for node in nodes:
+            node.command(command="restore")
+        folder = self.drive_c / "vyr/film"
+        folder.mkdir()
+        with FilmPeer(FILM_SERVER) as peer:
+            sent = send_film(self.launcher(), FILM_SERVER, folder)
+            demo_bed.wait_until(lambda: peer.size() >= len(sent), 5, "the film's last datagram")
+        flow = demo_bed.wait_until(lambda: nodes[0].named("flow_closed"), 5, "the flow's end")[-1]
+        say("sent", f"{len(sent) // TS_PACKET} MPEG-TS packets, sha256 {sha256(sent)[:16]}…")
+        say("node one", f"carried {flow['datagrams_to_server']} datagrams to {flow['game']}")
+        got = b"".join(peer.datagrams)
+        say("the peer", f"had {len(got) // TS_PACKET} packets in {len(peer.datagrams)} datagrams "
+            f"from {', '.join(peer.peers)}, sha256 {sha256(got)[:16]}…")
+        if got != sent or peer.peers != {"198.51.100.20"}:
+            raise Failed("they are not the packets that were sent, in their order")
+        if flow["datagrams_to_server"] != len(peer.datagrams):
+            raise Failed("not all of them came by the node")
+        print("Packet for packet what was sent.\n")
+
+    # --- last act: the link goes bad while the game plays on ---
+
+    def finale(self):
+        print(f"The sample game plays by way of node A. After {switch_run.HEALTHY_S} s A's link loses "
+              "30 % each way.")
+        shutil.copy(self.programs / "vyr_game.exe", self.drive_c / "vyr")
+        logs = self.drive_c / "vyr/game_log"
+        logs.mkdir()
+        tables = self.work / "game.toml"
+        tables.write_text(switch_run.tables([GAME], "C:\\vyr\\game_log\\"))
+        server = demo_bed.GameServer(self.native / "vyr_game", switch_run.SERVER)
+        nodes = switch_run.start_nodes(self.native / "vyr_node")
+        with demo_bed.Client(self.programs, tables), \
+                demo_bed.Watcher(self.programs, self.page) as watcher:
+            game = wine(*self.launcher("--", GAME))
+            facts = switch_run.Run(nodes, game, logs).play(seed=1)
+        seen = server.end()["players"]
+        for node in nodes:
+            node.end()
+        self.tell(facts, seen, watcher)
+
+    def tell(self, facts, seen, watcher):
+        game, summary = facts.game, facts.summary
+        say("the game", f"{game['sent']} beats, 30 a second, ping {game['ping_ms']['p50']:.0f} ms; "
+            f"its lobby (TCP) and its ICMP ping beside: {summary['icmp'][0]['ping_ms']['p50']:.0f} ms")
+        say("+ 0.00 s", "the trouble begins")
+        for name, words in (("noticed", "noticed"), ("judged", "its probes confirm it"),
+                            ("verified", "node B has passed its trial"),
+                            ("arrived", "the first datagram has come over B")):
+            if name in facts.moments:
+                at, line = facts.moments[name]
+                say(f"+{at:5.2f} s", f"{words}:\n      {line}")
+        say("lost by the network", f"{facts.lost_up} of the game's datagrams on their way up, "
+            f"{facts.lost_down} on their way down")
+        say("lost by the library", f"{facts.library_lost_up} and {facts.library_lost_down}; "
+            f"{game['duplicated']} duplicated, {game['reordered']} out of order")
+        say("the game's port", f"{game['own_port_begin']} before, {game['own_port_end']} after; "
+            f"every answer came from {switch_run.SERVER}")
+        say("the server", f"saw {seen[0]['address']} last, {seen[0]['address_changes']} move")
+        switched = [report for report in watcher.named("recovery_switch")]
+        say("reports", f"{len(watcher.reports)}, {len(switched)} of a change of node")
+        say("the page", os.path.relpath(self.page, demo_bed.TREE))
+        if troubles := facts.troubles():
+            raise Failed("; ".join(troubles))
+        print("The game played on. It noticed nothing but what the network lost.")
 
 
-def main(build, node_program):
-    story = Story(build, node_program)
+def main(build, native, page):
+    story = Story(build, native, page)
     story.fetch_alone()
-    tables = story.work / "games.toml"
-    write_tables(build, tables)
-    with Client(build, tables):
-        story.fetch_as_game("The same program, listed as a game, with the library under it.", 1,
-                            ["will accelerate", "is relayed", "TcpSession::StartNegotiation"],
-                            trace=True)
-        story.nodes[0].fall_silent()
-        story.fetch_as_game("Node one falls silent.", 2,
-                            ["OnNegotiationFailed", "ChangeAcclServer"])
-        story.nodes[1].fall_silent()
-        story.fetch_as_game("Node two falls silent too.", 3, ["ChangeAcclServer", "begin direct"])
-    print("The bytes were the same every time. The program noticed nothing but a delay.")
+    sample = story.work / "games.toml"
+    write_sample(story.programs, sample)
+    nodes = [demo_bed.Node(native / "vyr_node", "node one", "198.51.100.20", 7101),
+             demo_bed.Node(native / "vyr_node", "node two", "198.51.100.21", 7102)]
+    with demo_bed.Client(story.programs, sample):
+        story.streams(nodes)
+        story.film(nodes)
+    for node in nodes:
+        node.end()
+    story.finale()
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 3 or sys.argv[1] in ("-h", "--help"):
+    if not 3 <= len(sys.argv) <= 4 or sys.argv[1] in ("-h", "--help"):
         sys.exit(__doc__.strip())
-    main(pathlib.Path(sys.argv[1]).resolve(), pathlib.Path(sys.argv[2]).resolve())
+    paths = [pathlib.Path(argument).resolve() for argument in sys.argv[1:]]
+    try:
+        main(*paths[:2], paths[2] if len(paths) == 3 else paths[0] / "demo.html")
+    except Failed as failure:
+        sys.exit(f"demo: FAILED, {failure}")

@@ -1,0 +1,133 @@
+"""The parts that the demo and the tests of switching put together inside the test bed: nodes, the
+client that serves the tables, its watcher, the sample game's server."""
+import json
+import pathlib
+import socket
+import subprocess
+import threading
+import time
+
+TREE = pathlib.Path(__file__).resolve().parent.parent
+TIMEOUT_S = 120
+POLL_S = 0.05
+
+
+class Failed(Exception):
+    """What the demo says instead of a Python stack."""
+
+
+def wine(*arguments):
+    return [str(TREE / "scripts" / "wine"), *map(str, arguments)]
+
+
+def windows_path(path):
+    return "Z:" + str(path).replace("/", "\\")
+
+
+def read_json_lines(path):
+    return [json.loads(line) for line in path.read_text(errors="replace").splitlines()]
+
+
+def wait_until(condition, patience_s, what):
+    end = time.monotonic() + patience_s
+    while not (found := condition()):
+        if time.monotonic() > end:
+            raise Failed(f"{what}: not within {patience_s} s")
+        time.sleep(POLL_S)
+    return found
+
+
+def first_event(process, name):
+    line = process.stdout.readline()
+    event = json.loads(line) if line else {}
+    if event.get("event") != "listening":
+        raise Failed(f"{name} does not listen: {event}")
+
+
+class Node:
+    """vyr_node at an address, with its events and its control port."""
+
+    def __init__(self, program, name, address, control_port, *options):
+        self.name, self.control = name, ("127.0.0.1", control_port)
+        self.events = []
+        self.process = subprocess.Popen(
+            [program, "--listen", f"{address}:9000", "--control", f"127.0.0.1:{control_port}",
+             *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+        first_event(self.process, name)
+        threading.Thread(target=self._collect, daemon=True).start()
+
+    def _collect(self):
+        for line in self.process.stdout:
+            self.events.append(json.loads(line))
+
+    def command(self, **command):
+        with socket.create_connection(self.control, timeout=TIMEOUT_S) as control:
+            control.sendall(json.dumps(command).encode() + b"\n")
+            reply = json.loads(control.makefile().readline())
+        if not reply["ok"]:
+            raise Failed(f"{self.name} refuses {command}: {reply}")
+        return reply
+
+    def set(self, **behaviour):
+        return self.command(command="set", **behaviour)
+
+    def named(self, event, since=0):
+        return [line for line in self.events[since:] if line["event"] == event]
+
+    def end(self):
+        self.process.terminate()
+        self.process.wait(timeout=TIMEOUT_S)
+
+
+class GameServer:
+    """The sample game's server; what it has seen is known at its end."""
+
+    def __init__(self, program, address, *options):
+        self.process = subprocess.Popen(
+            [program, "serve", address, "--until-eof", *options], stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE, text=True)
+        first_event(self.process, "the game's server")
+
+    def end(self):
+        said, _ = self.process.communicate(timeout=TIMEOUT_S)
+        return json.loads(said.splitlines()[-1])
+
+
+class Client:
+    """vyr_client, serving the tables for as long as the block runs."""
+
+    def __init__(self, programs, tables):
+        self.process = subprocess.Popen(
+            wine(programs / "vyr_client.exe", "serve", windows_path(tables), "--until-eof"),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+
+    def __enter__(self):
+        for line in self.process.stdout:
+            if "ready" in line:
+                return self
+        raise Failed("vyr_client did not become ready")
+
+    def __exit__(self, *reason):
+        self.process.communicate(timeout=TIMEOUT_S)
+
+
+class Watcher:
+    """vyr_client, taking the library's reports out and drawing the page from them."""
+
+    def __init__(self, programs, page):
+        self.reports = []
+        self.process = subprocess.Popen(
+            wine(programs / "vyr_client.exe", "watch", "--follow", "--json", "--until-eof",
+                 "--report", windows_path(page)),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, encoding="utf-8",
+            errors="replace")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *reason):
+        said, _ = self.process.communicate(timeout=TIMEOUT_S)
+        self.reports = [json.loads(line) for line in said.splitlines() if line.startswith("{")]
+
+    def named(self, event):
+        return [report for report in self.reports if report["event"] == event]

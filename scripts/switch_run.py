@@ -1,0 +1,236 @@
+"""One play of the sample game during which its node's link goes bad: what was seen of it by the
+game, by the nodes and by the library's own log, put together."""
+import dataclasses
+import datetime
+import json
+import re
+import subprocess
+import time
+
+import demo_bed
+
+SERVER = "198.51.100.10:7000"
+NODE_A, NODE_B = "198.51.100.20", "198.51.100.21"
+LAST_NODE = 7      # where both paths end; a flow moves only between such
+HEALTHY_S = 7      # before the trouble: longer than a young link is left alone
+TAIL_S = 3         # played on behind the switch
+PATIENCE_S = 40    # from the trouble to the switch
+LINK = {"data_up_loss": 30, "data_down_loss": 30, "probe_up_loss": 30, "probe_down_loss": 30}
+
+# What the library writes, in the order in which it happens.
+MOMENTS = {
+    "noticed": "requesting high freq test",
+    "judged": "switching is firing",
+    "verified": "Verifying result=succeeded",
+    "arrived": "NotifySwitchState, state=2",
+}
+LINE = re.compile(r"\[(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})\]\[\d+\]\[\d\](.*)")
+
+# Thresholds that a deployment could use: a loss of a tenth over two seconds or of a twentieth over
+# five has the link probed, the probes of one second decide, and a node on trial may miss a sixth of
+# its own, since the answers to the last ones are still on their way when it is judged.
+TABLES = """
+[[game]]
+game_id = 10001
+uin = '20001'
+game_paths = [{games}]
+net_mode = ['TCP', 'UDP']
+log_level = 4
+log_path = '{logs}'
+acc_mode = 1
+
+link_switch_mask = 1
+list_text = '10001'
+lost_calc_unit_size = 1000
+short_cycle = 2
+long_cycle = 5
+data_link_short_cycle_lost = 10
+data_link_long_cycle_lost = 5
+data_link_short_cycle_pkg = 20
+data_link_long_cycle_pkg = 30
+recovery_window_word = 200
+norm_test_interval = 500
+high_freq_test_interval = 50
+high_freq_test_time = 1000
+max_high_freq_test_count = 3
+watching_time_span = 30
+ignore_high_freq_test_time = 5
+max_valid_test_delay = 1000
+max_real_route_lost = 20
+max_delay_avg = 250
+max_delay_amp = 100
+max_link_except_rep_num = 6
+
+switch_open = 1
+game_link_switch_open = 1
+link_switch_min_inter = 300
+max_link_switch_count = 3
+switching_high_freq_test_interval = 30
+switching_high_freq_test_time = 1000
+switching_max_real_route_lost = 15
+switching_max_delay_avg = 80
+switching_max_delay_amp = 20
+
+[[node]]
+proxy_name = 'node A'
+proxy_addr = '198.51.100.20'
+proxy_port = 9000
+proxy_idc = 1
+flag = 6
+section1_delay = 12
+surport_isps = 0xffffffff
+
+[[node]]
+proxy_name = 'node B'
+proxy_addr = '198.51.100.21'
+proxy_port = 9000
+proxy_idc = 2
+flag = 6
+section1_delay = 20
+surport_isps = 0xffffffff
+
+[[idc]]
+game_idc = 1001
+addresses = ['198.51.100.10', '198.51.100.11']
+
+[[route]]
+game_idc = 1001
+entry_name = 'east'
+direct_delay = 60
+ref_default = {{ node = 'node A', section2_delay = 10, last_node = 7 }}
+top_refs = [
+  {{ node = 'node A', section2_delay = 10, last_node = 7 }},
+  {{ node = 'node B', section2_delay = 10, last_node = 7 }},
+]
+switch_groups = [
+  {{ last_node = 7, candidates = [
+    {{ node = 'node A', section2_delay = 10, last_node = 7 }},
+    {{ node = 'node B', section2_delay = 10, last_node = 7 }},
+  ] }},
+]
+"""
+
+
+def tables(games, logs):
+    names = ", ".join(f"'{game}'" for game in games)
+    return TABLES.format(games=names, logs=logs)
+
+
+def start_nodes(program):
+    """B is the farther one, as it would be where A was chosen first: no answer by way of A can be
+    later than the first one by way of B, which ends the listening to A."""
+
+    def node(name, address, control_port, each_way_ms):
+        delays = [word for lane in ("data-up", "data-down", "probe-up", "probe-down")
+                  for word in (f"--{lane}-delay-ms", str(each_way_ms))]
+        return demo_bed.Node(program, name, address, control_port, "--node-id", str(LAST_NODE),
+                             *delays)
+
+    return node("node A", NODE_A, 7103, 6), node("node B", NODE_B, 7104, 10)
+
+
+@dataclasses.dataclass
+class Facts:
+    game: dict      # what the game says of its server
+    summary: dict   # all that the game says
+    began: float    # the trouble, in seconds since 1970
+    moments: dict   # name: (seconds since then, what the library wrote)
+    lost_up: int = 0    # by the network, which is in the nodes
+    lost_down: int = 0
+    moved_from: str = ""  # as node B was told
+
+    @property
+    def library_lost_up(self):
+        return self.game["sent"] - self.game["arrived"] - self.lost_up
+
+    @property
+    def library_lost_down(self):
+        return self.game["arrived"] - self.game["received"] - self.lost_down
+
+    def troubles(self):
+        """Everything that must not be, as sentences; empty where all is well."""
+        game = self.game
+        wrong = [f"{name}: nothing of it in the log" for name in MOMENTS if name not in self.moments]
+        times = [self.moments[name][0] for name in MOMENTS if name in self.moments]
+        if times != sorted(times):
+            wrong.append(f"out of order: {self.moments}")
+        if self.lost_up == 0 or self.lost_down == 0:
+            wrong.append(f"the network lost nothing: {self.lost_up} up, {self.lost_down} down")
+        if self.library_lost_up or self.library_lost_down:
+            wrong.append(f"lost by the library: {self.library_lost_up} up, "
+                         f"{self.library_lost_down} down")
+        for name in ("duplicated", "reordered", "source_mismatches", "damaged", "send_errors"):
+            if game[name]:
+                wrong.append(f"{name}: {game[name]}")
+        if self.summary["strangers"] or self.summary["receive_errors"]:
+            wrong.append(f"strangers or errors: {self.summary}")
+        if game["own_port_begin"] == 0 or game["own_port_begin"] != game["own_port_end"]:
+            wrong.append(f"the port: {game['own_port_begin']}, then {game['own_port_end']}")
+        return wrong
+
+
+def read_moments(log, began):
+    """When each of the moments came first, behind the beginning of the trouble."""
+    moments = {}
+    for line in log.splitlines():
+        if not (match := LINE.match(line)):
+            continue
+        at = datetime.datetime.strptime(match[1], "%Y-%m-%d %H:%M:%S.%f").timestamp() - began
+        for name, words in MOMENTS.items():
+            if at >= 0 and words in line and name not in moments:
+                moments[name] = (at, match[2].strip())
+    return moments
+
+
+class Run:
+    """`game` is the command that plays; `logs` the folder of the library's logs, empty before."""
+
+    def __init__(self, nodes, game, logs):
+        self.a, self.b = nodes
+        self.command = [*game, "play", SERVER, "--rate", "30", "--seconds", "0", "--until-eof",
+                        "--lobby", SERVER, "--ping", "--json"]
+        self.logs = logs
+
+    def play(self, seed, link=None):
+        a, b = self.a, self.b
+        for node in (a, b):
+            node.command(command="restore")
+        a.set(seed=seed)  # a flow takes it when it begins
+        known_a, known_b = len(a.events), len(b.events)
+        known_logs = set(self.logs.glob("*.log"))
+        game = subprocess.Popen(self.command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                text=True)
+        try:
+            demo_bed.wait_until(lambda: a.named("first_data", known_a), PATIENCE_S,
+                                "the game's flow through node A")
+            time.sleep(HEALTHY_S)
+            began = time.time()
+            a.set(**(link or LINK))
+            moved = demo_bed.wait_until(
+                lambda: [event for event in b.named("first_data", known_b)
+                         if event["direction"] == "to_client"], PATIENCE_S, "the flow on node B")
+            time.sleep(TAIL_S)
+        finally:
+            said, _ = game.communicate(timeout=demo_bed.TIMEOUT_S)
+        if game.returncode != 0:
+            raise demo_bed.Failed(f"the game ended with {game.returncode}")
+        summary = json.loads(said.splitlines()[-1])
+        new_logs = set(self.logs.glob("*.log")) - known_logs
+        log = b"".join(file.read_bytes() for file in new_logs).decode("gbk", "replace")
+        facts = Facts(summary["servers"][0], summary, began, read_moments(log, began))
+        facts.moved_from = moved[0]["replaces_node"]
+        for node, known in ((a, known_a), (b, known_b)):
+            self._add_losses(node, known, facts)
+        return facts
+
+    @staticmethod
+    def _add_losses(node, known, facts):
+        ours = {event["flow"] for event in node.named("flow_opened", known)}
+        closed = {event["flow"]: event for event in node.named("flow_closed", known)}
+        for flow in node.command(command="flows")["flows"]:
+            # One that is still open: the library's farewell is lost as easily as anything else.
+            if flow["flow"] in ours and flow["flow"] not in closed:
+                closed[flow["flow"]] = {**flow, "dropped_up": max(flow["dropped_up"] - 1, 0)}
+        for flow in ours & closed.keys():
+            facts.lost_up += closed[flow]["dropped_up"]
+            facts.lost_down += closed[flow]["dropped_down"]
