@@ -26,8 +26,20 @@ struct Wanted {
 struct Set {
   fd_set* handles;
   short events;
-  std::vector<Wanted> wanted;
+  std::vector<Wanted>& wanted;
 };
+
+// What a thread's selections work on, one after the other: the memory stays, so that only its
+// first ones allocate.
+struct Scratch {
+  std::vector<Wanted> wanted[3];
+  std::vector<pollfd> polled;
+};
+
+Scratch& ThreadScratch() {
+  thread_local Scratch scratch;
+  return scratch;
+}
 
 // Callers are apt to ask for the same handles in two sets, in the same order; what is looked up,
 // waited for and polled once then serves both.
@@ -84,7 +96,14 @@ bool ReadyByPoll(Socket& socket, short events, short seen) {
 class Selection {
  public:
   Selection(fd_set* read, fd_set* write, fd_set* except)
-      : sets_{{read, POLLIN, {}}, {write, POLLOUT, {}}, {except, POLLPRI, {}}} {}
+      : sets_{{read, POLLIN, scratch_.wanted[0]},
+              {write, POLLOUT, scratch_.wanted[1]},
+              {except, POLLPRI, scratch_.wanted[2]}} {}
+  ~Selection() {
+    for (Set& set : sets_) set.wanted.clear();  // holds no socket open
+  }
+  Selection(const Selection&) = delete;
+  Selection& operator=(const Selection&) = delete;
 
   int ResolveAll() {
     for (Set& set : sets_)
@@ -102,8 +121,8 @@ class Selection {
 
   // One look at everything, for at most that long. False: a socket was closed meanwhile.
   bool Look(Thread& thread, const timespec* limit) {
-    std::vector<pollfd> polled;
-    polled.reserve(Count() + 1);
+    std::vector<pollfd>& polled = scratch_.polled;
+    polled.clear();
     polled.push_back({thread.WakeFd(), POLLIN, 0});
     bool settled = false;
     ForEach([&](Wanted& one) {
@@ -134,10 +153,6 @@ class Selection {
     return open;
   }
 
-  size_t Count() const {
-    return sets_[0].wanted.size() + sets_[1].wanted.size() + sets_[2].wanted.size();
-  }
-
   int Keep() {
     int total = 0;
     for (Set& set : sets_) {
@@ -158,6 +173,7 @@ class Selection {
   }
 
  private:
+  Scratch& scratch_ = ThreadScratch();
   Set sets_[3];
 };
 

@@ -8,20 +8,35 @@
 namespace port {
 namespace {
 
-std::vector<iovec> Vectors(const WSABUF* buffers, DWORD count) {
-  std::vector<iovec> out(count);
-  for (DWORD i = 0; i < count; ++i) out[i] = {buffers[i].buf, buffers[i].len};
-  return out;
-}
+// The caller's buffers as the host has them. A few need no memory: the port is not to add
+// allocations of its own to a path that has none.
+class Vectors {
+ public:
+  Vectors(const WSABUF* buffers, DWORD count) : size_(count) {
+    if (count > kFew) many_ = std::make_unique<iovec[]>(count);
+    for (DWORD i = 0; i < count; ++i) data()[i] = {buffers[i].buf, buffers[i].len};
+  }
 
-size_t Total(const std::vector<iovec>& vectors) {
+  iovec* data() { return many_ != nullptr ? many_.get() : few_; }
+  size_t size() const { return size_; }
+  iovec* begin() { return data(); }
+  iovec* end() { return data() + size_; }
+
+ private:
+  static constexpr DWORD kFew = 16;
+  const size_t size_;
+  iovec few_[kFew];
+  std::unique_ptr<iovec[]> many_;
+};
+
+size_t Total(Vectors& vectors) {
   size_t total = 0;
   for (const iovec& one : vectors) total += one.iov_len;
   return total;
 }
 
 // Drops what has been sent from the front.
-void Advance(std::vector<iovec>* vectors, size_t sent) {
+void Advance(Vectors* vectors, size_t sent) {
   for (iovec& one : *vectors) {
     const size_t step = std::min(sent, one.iov_len);
     one.iov_base = static_cast<char*>(one.iov_base) + step;
@@ -37,7 +52,7 @@ int HostFlags(DWORD flags) {
   return host;
 }
 
-msghdr Message(std::vector<iovec>* vectors) {
+msghdr Message(Vectors* vectors) {
   msghdr message = {};
   message.msg_iov = vectors->data();
   message.msg_iovlen = vectors->size();
@@ -84,7 +99,7 @@ int FinishStreamError(Socket& socket, int number) {
 }
 
 // A blocking stream send returns when everything has gone; a non-blocking one takes what fits.
-int SendStream(Socket& socket, std::vector<iovec> vectors, int flags, DWORD* sent) {
+int SendStream(Socket& socket, Vectors& vectors, int flags, DWORD* sent) {
   if (int error = CheckStream(socket)) return error;
   if (socket.shut_send) return WSAESHUTDOWN;
   const size_t total = Total(vectors);
@@ -107,8 +122,8 @@ int SendStream(Socket& socket, std::vector<iovec> vectors, int flags, DWORD* sen
   return 0;
 }
 
-int SendDatagram(Socket& socket, std::vector<iovec> vectors, int flags, const sockaddr* to,
-                 int to_size, DWORD* sent) {
+int SendDatagram(Socket& socket, Vectors& vectors, int flags, const sockaddr* to, int to_size,
+                 DWORD* sent) {
   msghdr message = Message(&vectors);
   if (to) {
     if (int error = CheckDestination(socket, to, to_size)) return error;
@@ -148,7 +163,7 @@ bool TakeUnreachable(Socket& socket) {
   return told && socket.report_unreachable;
 }
 
-int ReceiveOnce(Socket& socket, std::vector<iovec>* vectors, int flags, sockaddr_storage* from,
+int ReceiveOnce(Socket& socket, Vectors* vectors, int flags, sockaddr_storage* from,
                 unsigned* from_size, size_t* got) {
   msghdr message = Message(vectors);
   message.msg_name = from;
@@ -164,15 +179,15 @@ int ReceiveOnce(Socket& socket, std::vector<iovec>* vectors, int flags, sockaddr
 
 int SendOn(Socket& socket, const WSABUF* buffers, DWORD count, DWORD flags, const sockaddr* to,
            int to_size, DWORD* sent) {
-  auto vectors = Vectors(buffers, count);
-  if (socket.stream()) return SendStream(socket, std::move(vectors), HostFlags(flags), sent);
-  return SendDatagram(socket, std::move(vectors), HostFlags(flags), to, to_size, sent);
+  Vectors vectors(buffers, count);
+  if (socket.stream()) return SendStream(socket, vectors, HostFlags(flags), sent);
+  return SendDatagram(socket, vectors, HostFlags(flags), to, to_size, sent);
 }
 
 int ReceiveOn(Socket& socket, const WSABUF* buffers, DWORD count, DWORD flags, sockaddr* from,
               int* from_size, DWORD* received) {
   if (from && (!from_size || *from_size < static_cast<int>(sizeof(sockaddr_in)))) return WSAEFAULT;
-  auto vectors = Vectors(buffers, count);
+  Vectors vectors(buffers, count);
   if (socket.stream()) {
     if (int error = CheckStream(socket)) return error;
   } else if (!socket.bound) {
