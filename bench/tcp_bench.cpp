@@ -1,6 +1,5 @@
 // What a relayed connection costs, beside a direct one and beside other programs that forward the
 // same way, on this machine and in one run. See bench/README.md for how to read it.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,20 +7,19 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "bench/comparison.h"
+#include "bench/forwarder.h"
+#include "bench/private_network.h"
 #include "bench/tcp_forwarders.h"
 #include "bench/tcp_game.h"
 #include "bench/tcp_server.h"
 
 namespace bench {
 namespace {
-
-constexpr int kLeftOut = 77;  // what test runners take for "skipped"
 
 constexpr char kUsage[] =
     "usage: tcp_bench [--rounds N] [--only WORD] [--way NAME]... [--quick] [--json]\n"
@@ -34,8 +32,6 @@ constexpr char kUsage[] =
     "\n"
     "Runs in the private network of scripts/testbed, which it enters by itself.\n";
 
-constexpr char kServer[] = "198.51.100.10";
-constexpr char kNode[] = "198.51.100.20";
 constexpr std::uint16_t kNodePort = 9000;
 constexpr std::uint16_t kFirstForwarderPort = 20100;
 // For each connection: enough that the first use of its buffers is not what is measured.
@@ -57,12 +53,13 @@ struct Way {
 };
 
 struct Measure {
-  std::string name;
-  std::string unit;
+  Row row;
   Order order;
   double (*value)(const Order&, const Outcome&);
-  bool more_is_better;
 };
+
+const std::vector<Pair> kPairs = {
+    {"vyr", "direct"}, {"vyr", "socat"}, {"vyr", "haproxy"}, {"vyr+node", "socat+socat"}};
 
 double MegabytesPerSecond(const Order& order, const Outcome& outcome) {
   const double connections = std::max<std::uint32_t>(order.connections, 1);
@@ -89,21 +86,21 @@ std::vector<Measure> Measures(bool quick) {
   const std::uint64_t trips = quick ? 50 : 4000;
   const std::uint64_t connects = quick ? 5 : 200;
   std::vector<Measure> measures = {
-      {"download", "MB/s", {Task::kDownload, 0, bytes, 0}, MegabytesPerSecond, true},
-      {"upload", "MB/s", {Task::kUpload, 0, bytes, 0}, MegabytesPerSecond, true},
-      {"reply, median", "us", {Task::kReply, 0, trips, 64}, MedianUs, false},
-      {"reply, p99", "us", {Task::kReply, 0, trips, 64}, P99Us, false},
-      {"connections set up", "/s", {Task::kConnect, 0, connects, 0}, StepsPerSecond, true},
-      {"connection, median", "us", {Task::kConnect, 0, connects, 0}, MedianUs, false},
+      {{"download", "MB/s", true}, {Task::kDownload, 0, bytes, 0}, MegabytesPerSecond},
+      {{"upload", "MB/s", true}, {Task::kUpload, 0, bytes, 0}, MegabytesPerSecond},
+      {{"reply, median", "us", false}, {Task::kReply, 0, trips, 64}, MedianUs},
+      {{"reply, p99", "us", false}, {Task::kReply, 0, trips, 64}, P99Us},
+      {{"connections set up", "/s", true}, {Task::kConnect, 0, connects, 0}, StepsPerSecond},
+      {{"connection, median", "us", false}, {Task::kConnect, 0, connects, 0}, MedianUs},
   };
   for (const std::uint32_t count : {1u, 4u, 16u, 60u}) {
     const Order bulk = {Task::kBulk, count, std::max(bytes / count, quick ? 0 : kLeastBulk), 0};
     const Order events = {Task::kEvents, count, trips * 2 / count, 64};
     const std::string of = ", " + std::to_string(count) + " conn.";
-    measures.push_back({"download" + of, "MB/s", bulk, MegabytesPerSecond, true});
-    measures.push_back({"processor" + of, "us/MB", bulk, CpuUsPerMegabyte, false});
-    measures.push_back({"round trips" + of, "/s", events, StepsPerSecond, true});
-    measures.push_back({"processor" + of, "us/trip", events, CpuUsPerRoundTrip, false});
+    measures.push_back({{"download" + of, "MB/s", true}, bulk, MegabytesPerSecond});
+    measures.push_back({{"processor" + of, "us/MB", false}, bulk, CpuUsPerMegabyte});
+    measures.push_back({{"round trips" + of, "/s", true}, events, StepsPerSecond});
+    measures.push_back({{"processor" + of, "us/trip", false}, events, CpuUsPerRoundTrip});
   }
   return measures;
 }
@@ -117,11 +114,15 @@ class Bench {
     std::filesystem::create_directories(folder_);
     server_ = StartServer(&server_port_);
     AddWays();
-    if (settings_.ways.empty()) return;
+    const std::vector<std::string>& asked = settings_.ways;
     std::erase_if(ways_, [&](const Way& way) {
-      return std::find(settings_.ways.begin(), settings_.ways.end(), way.name) ==
-             settings_.ways.end();
+      return !asked.empty() && std::find(asked.begin(), asked.end(), way.name) == asked.end();
     });
+    std::vector<Row> rows;
+    for (const Measure& measure : measures_) rows.push_back(measure.row);
+    std::vector<std::string> names;
+    for (const Way& way : ways_) names.push_back(way.name);
+    comparison_ = std::make_unique<Comparison>(rows, names, kPairs);
   }
 
   int Run() {
@@ -131,7 +132,7 @@ class Bench {
       for (std::size_t i = 0; i < measures_.size();) i = TakeTurns(i);
     }
     if (isatty(STDERR_FILENO) != 0) std::fprintf(stderr, "\r                    \r");
-    settings_.json ? PrintJson() : PrintTable();
+    settings_.json ? comparison_->PrintJson(settings_.rounds) : comparison_->PrintTable();
     return failed_ ? 1 : 0;
   }
 
@@ -145,17 +146,17 @@ class Bench {
     const Order& order = measures_[first].order;
     std::size_t end = first;
     while (end < measures_.size() && SameOrder(measures_[end].order, order)) ++end;
-    if (measures_[first].name.find(settings_.only) == std::string::npos) return end;
+    if (measures_[first].row.name.find(settings_.only) == std::string::npos) return end;
     for (Way& way : ways_) {
       const Outcome outcome = way.game->Does(order);
       if (!outcome.worked) {
-        std::fprintf(stderr, "tcp_bench: '%s' failed for %s\n", measures_[first].name.c_str(),
+        std::fprintf(stderr, "tcp_bench: '%s' failed for %s\n", measures_[first].row.name.c_str(),
                      way.name.c_str());
         failed_ = true;
         continue;
       }
       for (std::size_t i = first; i < end; ++i) {
-        values_[{i, way.name}].push_back(measures_[i].value(order, outcome));
+        comparison_->Add(i, way.name, measures_[i].value(order, outcome));
       }
     }
     return end;
@@ -183,8 +184,8 @@ class Bench {
   }
 
   void AddWays() {
-    ways_.push_back({"direct", {}, std::make_unique<Game>(Options(kServer, server_port_))});
-    GameOptions relayed = Options(kServer, server_port_);
+    ways_.push_back({"direct", {}, std::make_unique<Game>(Options(kServerAddress, server_port_))});
+    GameOptions relayed = Options(kServerAddress, server_port_);
     relayed.with_library = true;
     ways_.push_back({"vyr", {}, std::make_unique<Game>(relayed)});
     AddSocat();
@@ -195,7 +196,7 @@ class Bench {
   void AddSocat() {
     if (!HasProgram("socat")) return LeaveOut("socat");
     std::vector<Forwarder> one;
-    one.emplace_back(SocatCommand(kFirstForwarderPort, kServer, server_port_));
+    one.emplace_back(SocatCommand(kFirstForwarderPort, kServerAddress, server_port_));
     AddForwarded("socat", std::move(one), kFirstForwarderPort);
   }
 
@@ -203,7 +204,7 @@ class Bench {
     if (!HasProgram("haproxy")) return LeaveOut("haproxy");
     const std::uint16_t port = kFirstForwarderPort + 1;
     std::vector<Forwarder> one;
-    one.emplace_back(HaproxyCommand(folder_, port, kServer, server_port_));
+    one.emplace_back(HaproxyCommand(folder_, port, kServerAddress, server_port_));
     AddForwarded("haproxy", std::move(one), port);
   }
 
@@ -214,16 +215,16 @@ class Bench {
     if (access(node.c_str(), X_OK) != 0) return LeaveOut("vyr_node");
     std::vector<Forwarder> one;
     one.emplace_back(std::vector<std::string>{
-        node, "--listen", std::string(kNode) + ":" + std::to_string(kNodePort)});
-    if (!WaitForListener(kNode, kNodePort)) return LeaveOut("vyr_node");
+        node, "--listen", std::string(kNodeAddress) + ":" + std::to_string(kNodePort)});
+    if (!WaitForListener(kNodeAddress, kNodePort)) return LeaveOut("vyr_node");
     relayed.forwarders = {one[0].group()};
-    relayed.node = kNode;
+    relayed.node = kNodeAddress;
     relayed.node_port = kNodePort;
     ways_.push_back({"vyr+node", std::move(one), std::make_unique<Game>(relayed)});
     if (!HasProgram("socat")) return;
     std::vector<Forwarder> two;
     const std::uint16_t port = kFirstForwarderPort + 2;
-    two.emplace_back(SocatCommand(port, kServer, server_port_));
+    two.emplace_back(SocatCommand(port, kServerAddress, server_port_));
     two.emplace_back(SocatCommand(port + 1, "127.0.0.1", port));
     AddForwarded("socat+socat", std::move(two), port + 1);
   }
@@ -232,83 +233,13 @@ class Bench {
     std::fprintf(stderr, "tcp_bench: no %s here; left out\n", name);
   }
 
-  static double MedianOf(std::vector<double> values) {
-    if (values.empty()) return 0;
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-  }
-
-  std::vector<double> Values(std::size_t measure, const std::string& way) const {
-    const auto found = values_.find({measure, way});
-    return found != values_.end() ? found->second : std::vector<double>();
-  }
-
-  double Median(std::size_t measure, const std::string& way) const {
-    return MedianOf(Values(measure, way));
-  }
-
-  // How much better the first is than the second; 1 where they are the same. Neighbours in time are
-  // compared, since a busy machine is busy for both, and the middle of those ratios is told.
-  double Ratio(std::size_t measure, const std::string& a, const std::string& b) const {
-    const std::vector<double> first = Values(measure, a);
-    const std::vector<double> second = Values(measure, b);
-    std::vector<double> ratios;
-    for (std::size_t i = 0; i < std::min(first.size(), second.size()); ++i) {
-      if (first[i] <= 0 || second[i] <= 0) continue;
-      ratios.push_back(measures_[measure].more_is_better ? first[i] / second[i]
-                                                         : second[i] / first[i]);
-    }
-    return MedianOf(ratios);
-  }
-
-  void PrintTable() const {
-    std::printf("%-24s%-9s", "", "");
-    for (const Way& way : ways_) std::printf("%12s", way.name.c_str());
-    for (const auto& pair : kPairs) std::printf("  %s", pair.title);
-    std::printf("\n");
-    for (std::size_t i = 0; i < measures_.size(); ++i) {
-      if (measures_[i].name.find(settings_.only) == std::string::npos) continue;
-      std::printf("%-24s%-9s", measures_[i].name.c_str(), measures_[i].unit.c_str());
-      for (const Way& way : ways_) std::printf("%12.1f", Median(i, way.name));
-      for (const auto& pair : kPairs) {
-        std::printf("  %*.2f", static_cast<int>(std::strlen(pair.title)),
-                    Ratio(i, pair.first, pair.second));
-      }
-      std::printf("\n");
-    }
-  }
-
-  void PrintJson() const {
-    nlohmann::ordered_json all;
-    all["rounds"] = settings_.rounds;
-    for (std::size_t i = 0; i < measures_.size(); ++i) {
-      nlohmann::ordered_json row = {{"measure", measures_[i].name}, {"unit", measures_[i].unit}};
-      for (const Way& way : ways_) row["median"][way.name] = Median(i, way.name);
-      for (const auto& pair : kPairs) row["ratio"][pair.title] = Ratio(i, pair.first, pair.second);
-      all["rows"].push_back(row);
-    }
-    std::printf("%s\n", all.dump(1).c_str());
-  }
-
-  struct Pair {
-    const char* title;
-    const char* first;
-    const char* second;
-  };
-  static constexpr Pair kPairs[] = {
-      {"vyr/direct", "vyr", "direct"},
-      {"vyr/socat", "vyr", "socat"},
-      {"vyr/haproxy", "vyr", "haproxy"},
-      {"vyr+node/socat+socat", "vyr+node", "socat+socat"},
-  };
-
   const Settings settings_;
   const std::vector<Measure> measures_;
   std::string folder_;
   pid_t server_ = 0;
   std::uint16_t server_port_ = 0;
   std::vector<Way> ways_;
-  std::map<std::pair<std::size_t, std::string>, std::vector<double>> values_;
+  std::unique_ptr<Comparison> comparison_;
   bool failed_ = false;
 };
 
@@ -332,18 +263,6 @@ bool ReadArguments(int argc, char** argv, Settings* settings) {
   return true;
 }
 
-// Starts anew inside the private network. Returns only where that fails.
-int EnterBed(int argc, char** argv) {
-  const std::string bed = std::string(VYR_SOURCE_DIR) + "/scripts/testbed";
-  const std::string self = std::filesystem::read_symlink("/proc/self/exe");
-  std::vector<char*> words = {const_cast<char*>(bed.c_str()), const_cast<char*>(self.c_str())};
-  for (int i = 1; i < argc; ++i) words.push_back(argv[i]);
-  words.push_back(nullptr);
-  execv(bed.c_str(), words.data());
-  std::perror("tcp_bench: scripts/testbed");
-  return kLeftOut;
-}
-
 }  // namespace
 }  // namespace bench
 
@@ -353,6 +272,6 @@ int main(int argc, char** argv) {
     std::fputs(bench::kUsage, argc == 2 && !std::strcmp(argv[1], "--help") ? stdout : stderr);
     return argc == 2 && !std::strcmp(argv[1], "--help") ? 0 : 2;
   }
-  if (std::getenv("VYR_TESTBED") == nullptr) return bench::EnterBed(argc, argv);
+  if (!bench::InPrivateNetwork()) return bench::EnterPrivateNetwork(argc, argv);
   return bench::Bench(settings).Run();
 }

@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "bench/forwarder.h"
 #include "bench/game_library.h"
-#include "bench/tcp_forwarders.h"
 #include "bench/tcp_server.h"
 
 namespace bench {
