@@ -79,9 +79,9 @@ class Node:
 
 
 class Bench:
-    """`games` are the paths of the programs that are served."""
+    """`games` are the paths of the programs that are served, `tables` the client's file for them."""
 
-    def __init__(self, arguments, runner, games, log_level=0):
+    def __init__(self, arguments, runner, games, log_level=0, tables=GAMES):
         if support.DRIVE_C is None:
             support.skip("this runs in the test bed only")
         if not arguments.node.exists():
@@ -92,13 +92,13 @@ class Bench:
         self.running.callback(self.node.end)
         self.logs = runner.folder / "logs"
         self.logs.mkdir()
-        self._serve_tables(games, log_level)
+        self._serve_tables(games, log_level, tables)
 
-    def _serve_tables(self, games, log_level):
+    def _serve_tables(self, games, log_level, tables):
         path = self.runner.folder / "games.toml"
         names = ", ".join(f"'{support.windows_path(game)}'" for game in games)
         logs = support.windows_path(self.logs) + "\\"
-        path.write_text(GAMES.format(games=names, logs=logs, log_level=log_level))
+        path.write_text(tables.format(games=names, logs=logs, log_level=log_level))
         command = [self.runner.bin / "vyr_client.exe", "serve", "--until-eof", support.windows_path(path)]
         self.client = Conversation(command, self.runner.folder)
         self.running.callback(self.client.end)

@@ -1,0 +1,186 @@
+"""A game's raw pings: of a server that is relayed they never leave the machine, and are answered
+when its route's delay is over; every other one really goes out. The native side listens to all
+echo requests of the bed, so that it knows which did."""
+
+import re
+import socket
+import struct
+import threading
+
+import relay_bench
+import support
+from conversation import Conversation, wait_until
+
+RELAYED = "198.51.100.10"  # over node one: 10 ms to the node, 12 ms behind it
+DIRECT = "198.51.100.11"  # listed, but not worth a node
+WITHOUT_DELAY = "198.51.100.12"  # relayed, and its route says nothing of a delay
+UNKNOWN = "198.51.100.13"  # in no table
+
+# What a reply may come early by, and late on a busy machine.
+EARLY_MS = 5
+LATE_MS = 200
+FORGED_TTL, REAL_TTL = 54, 64
+IN_FLIGHT = 520  # more than are kept without an allocation
+
+TABLES = (
+    relay_bench.GAMES
+    + """
+[[node]]
+proxy_name = 'node zero'
+proxy_addr = '198.51.100.21'
+proxy_port = 9000
+proxy_idc = 2
+surport_isps = 0xffffffff
+
+[[idc]]
+game_idc = 1002
+addresses = ['198.51.100.11']
+
+[[idc]]
+game_idc = 1003
+addresses = ['198.51.100.12']
+
+[[route]]
+game_idc = 1002
+entry_name = 'near'
+ref_default = {{ node = 'node one', decision = 'DECISION_NOT_ACCE', section2_delay = 12, last_node = 'node one' }}
+
+[[route]]
+game_idc = 1003
+entry_name = 'unmeasured'
+ref_default = {{ node = 'node zero', decision = 'DECISION_ACCE', last_node = 'node zero' }}
+"""
+)
+
+
+class Network:
+    """Every echo request that arrives anywhere in the bed."""
+
+    def __init__(self):
+        self.requests = []  # (address, size)
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP)
+        threading.Thread(target=self._listen, daemon=True).start()
+
+    def _listen(self):
+        while True:
+            packet = self.socket.recv(65536)
+            message = packet[(packet[0] & 15) * 4 :]
+            if message[0] == 8:
+                self.requests.append((socket.inet_ntoa(packet[16:20]), len(message)))
+
+    def drained(self, marker):
+        """All that was sent before: a request of our own, of a size of its own, has arrived."""
+        message = struct.pack(">BBHHH", 8, 0, 0xF7FF, 0, 0) + bytes(marker)
+        with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP) as sender:
+            sender.sendto(message, ("198.51.100.19", 0))
+        mark = ("198.51.100.19", len(message))
+        wait_until(lambda: mark in self.requests)
+        return [request for request in self.requests if request[0] != mark[0]]
+
+
+class Stage:
+    def __init__(self, arguments):
+        self.checks = support.Checks()
+        self.runner = support.Runner(arguments)
+        self.folder = self.runner.stage(arguments.probes / "ping_game.exe", "Game.exe")
+        self.network = Network()
+        self.seen = 0
+        self.marker = 1000
+        self.bench = relay_bench.Bench(arguments, self.runner, [self.folder / "Game.exe"], 0, TABLES)
+
+    def went_out(self):
+        """What has reached the network since the last question."""
+        self.marker += 2
+        requests = self.network.drained(self.marker)
+        new, self.seen = requests[self.seen :], len(requests)
+        return new
+
+    def start(self, program):
+        command = [self.runner.bin / "vyr_run.exe", support.windows_path(program)]
+        game = Conversation(command, program.parent)
+        self.bench.running.callback(game.end)
+        return game
+
+
+def reply_to(game, line):
+    """Size, milliseconds and time to live of the reply; none where there is none."""
+    answer = game.asked(line, "reply: ")
+    found = re.match(r"reply: (\d+) bytes after (\d+) ms, ttl (\d+)", answer)
+    return tuple(map(int, found.groups())) if found else None
+
+
+def check_held(stage, game, address, lag, size=64):
+    replies = [reply_to(game, f"ping {address} {size}") for _ in range(3)]
+    what = f"pings of {address}"
+    checks = stage.checks
+    if checks.that(all(replies), f"{what} are answered", str(replies)):
+        checks.equal({(reply[0], reply[2]) for reply in replies}, {(size + 20, FORGED_TTL)}, what)
+        times = [reply[1] for reply in replies]
+        checks.that(min(times) >= lag - EARLY_MS, f"{what}: none before the delay of {lag} ms", str(times))
+        checks.that(min(times) <= lag + LATE_MS, f"{what}: soon after it", str(times))
+        print(f"{what}: {times} ms, by its route {lag} ms")
+    checks.equal(stage.went_out(), [], f"{what} never leave the machine")
+
+
+def check_goes_out(stage, game, line, address, size):
+    reply = reply_to(game, line)
+    stage.checks.equal(stage.went_out(), [(address, size)], f"'{line}' really goes out")
+    if stage.checks.that(reply, f"'{line}' is answered"):
+        stage.checks.equal((reply[0], reply[2]), (size + 20, REAL_TTL), f"'{line}': by the server itself")
+
+
+def check_answers(stage, game):
+    check_held(stage, game, RELAYED, 22)
+    check_held(stage, game, RELAYED, 22, size=8)
+    check_held(stage, game, RELAYED, 22, size=256)
+    check_held(stage, game, WITHOUT_DELAY, 20)
+    check_held(stage, game, UNKNOWN, 50)
+    check_goes_out(stage, game, f"ping {DIRECT} 64", DIRECT, 64)
+    check_goes_out(stage, game, f"ping {RELAYED} 257", RELAYED, 257)
+    check_goes_out(stage, game, f"unconnected {RELAYED} 64", RELAYED, 64)
+
+
+def check_oddities(stage, game):
+    checks = stage.checks
+    # Nobody answers what is broken, neither here nor there.
+    checks.equal(reply_to(game, f"ping {RELAYED} 64 broken"), None, "a broken ping has no answer")
+    checks.equal(stage.went_out(), [(RELAYED, 64)], "a broken ping goes out as it is")
+    checks.equal(game.asked(f"watch {RELAYED} 64", "select"), "select: 0", "select sees no reply")
+    checks.that(game.line_with("reply: 84 bytes"), "but there is one")
+    wanted = f"burst: {IN_FLIGHT} sent, {IN_FLIGHT} answered in order"
+    checks.equal(game.asked(f"burst {RELAYED} {IN_FLIGHT}", "burst"), wanted, "many at once")
+    checks.equal(game.asked("close", "closed"), "closed", "the sockets close")
+    check_held(stage, game, RELAYED, 22)
+
+
+def check_log(stage):
+    log = stage.bench.log()
+    for words in (
+        "[RAW]CheckinPingRequest, lag value=22, socket=",
+        "[RAW]CheckinPingRequest, lag value=20, socket=",
+        "[RAW]CheckinPingRequest, lag value=50, socket=",
+        "[RAW]CheckinConnectionPingRequest: buffer_len=64, socket=",
+        "[RAW]CheckoutPingResponse: buffer_len=84, socket=",
+        "[RAW] CheckoutPingResponse:not ready, req_time=",
+        "[RAW] FreePingRequestCache: cursize=512",
+        "RemoveRawSocket:  socket=",
+    ):
+        stage.checks.that(words in log, f"the log says {words!r}")
+
+
+def main():
+    stage = Stage(relay_bench.parse_arguments())
+    with stage.bench.running:
+        game = stage.start(stage.folder / "Game.exe")
+        check_answers(stage, game)
+        check_oddities(stage, game)
+        stage.checks.equal(game.end(), 0, "the game ends as it wants to")
+        check_log(stage)
+        nobody = stage.runner.stage(stage.runner.probes / "ping_game.exe", "Nobody.exe") / "Nobody.exe"
+        other = stage.start(nobody)
+        check_goes_out(stage, other, f"ping {RELAYED} 64", RELAYED, 64)
+    stage.checks.end()
+
+
+if __name__ == "__main__":
+    main()
