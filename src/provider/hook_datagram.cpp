@@ -48,16 +48,20 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
     FailWithoutProvider(lpErrno);
     return SOCKET_ERROR;
   }
-  sockaddr_in relay_addr = {};
+  // The length that the caller gives goes with either address, and may be longer than IPv4's.
+  sockaddr_in relay_addr[8] = {};
+  static_assert(sizeof relay_addr >= sizeof(sockaddr_storage));
   const bool relay_send =
-      PrepareSend(record, lpBuffers, dwBufferCount, lpTo, iTolen, &relay_addr, lpThreadId);
+      PrepareSend(record, lpBuffers, dwBufferCount, lpTo, iTolen, relay_addr, lpThreadId);
   // A socket that names no destination is connected: what it is connected to decides.
   const sockaddr* const target =
-      relay_send && lpTo != nullptr ? reinterpret_cast<const sockaddr*>(&relay_addr) : lpTo;
+      relay_send && lpTo != nullptr ? reinterpret_cast<const sockaddr*>(relay_addr) : lpTo;
+  const int target_size =
+      target != lpTo ? std::min(iTolen, static_cast<int>(sizeof relay_addr)) : iTolen;
   // Kept: the count of sent bytes is not cleared first, unlike in WSPSend.
   const int result =
-      next->lpWSPSendTo(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags, target, iTolen,
-                        lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
+      next->lpWSPSendTo(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags, target,
+                        target_size, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
   // Kept: also for a send that is pending, whose datagram the relay will then drop.
   if (relay_send && result == SOCKET_ERROR) CancelUdpSend(s, lpBuffers, dwBufferCount);

@@ -6,10 +6,11 @@
 namespace moru_vyr::lsp {
 
 template <class Change>
-bool SocketMap::Update(SOCKET socket, Change&& change) noexcept {
+bool SocketMap::Update(SOCKET socket, Change&& change, u32 token) noexcept {
   common::Lock hold(lock_);
   const auto found = records_.find(socket);
   if (found == records_.end()) return false;
+  if (token != kAnyToken && found->second.token != token) return false;
   change(found->second);
   return true;
 }
@@ -73,21 +74,26 @@ bool SocketMap::SetLocalPort(SOCKET socket, u16 port) noexcept {
 }
 
 bool SocketMap::SetRelayAddr(SOCKET socket, const sockaddr_in* addr, UdpPackageQueue* send_queue,
-                             UdpPackageQueue* recv_queue) noexcept {
-  return Update(socket, [&](SocketRecord& record) {
-    if (addr != nullptr) record.relay_addr = *addr;
-    record.send_queue = send_queue;
-    record.recv_queue = recv_queue;
-    record.relay_state = kRelayRunning;
-  });
+                             UdpPackageQueue* recv_queue, u32 token) noexcept {
+  return Update(
+      socket,
+      [&](SocketRecord& record) {
+        if (addr != nullptr) record.relay_addr = *addr;
+        record.send_queue = send_queue;
+        record.recv_queue = recv_queue;
+        record.relay_state = kRelayRunning;
+      },
+      token);
 }
 
-bool SocketMap::SetRelayState(SOCKET socket, i32 state) noexcept {
-  return Update(socket, [&](SocketRecord& record) { record.relay_state = state; });
+bool SocketMap::SetRelayState(SOCKET socket, i32 state, u32 token) noexcept {
+  return Update(
+      socket, [&](SocketRecord& record) { record.relay_state = state; }, token);
 }
 
-bool SocketMap::SetUdpConnectMode(SOCKET socket, bool flag) noexcept {
-  return Update(socket, [&](SocketRecord& record) { record.udp_connect_mode = flag; });
+bool SocketMap::SetUdpConnectMode(SOCKET socket, bool flag, u32 token) noexcept {
+  return Update(
+      socket, [&](SocketRecord& record) { record.udp_connect_mode = flag; }, token);
 }
 
 bool SocketMap::SetHandledAddr(SOCKET socket, const sockaddr* addr, int len) noexcept {

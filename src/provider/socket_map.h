@@ -58,6 +58,8 @@ struct SocketRecord {
 // answer false.
 class SocketMap {
  public:
+  static constexpr u32 kAnyToken = 0;  // no socket has it
+
   SocketMap() = default;
   SocketMap(const SocketMap&) = delete;
   SocketMap& operator=(const SocketMap&) = delete;
@@ -74,11 +76,13 @@ class SocketMap {
   bool GetLocalPort(SOCKET socket, u16* port) const noexcept;
   bool SetLocalPort(SOCKET socket, u16 port) noexcept;
 
-  // Sets relay_state to kRelayRunning with it.
+  // These three follow a wait for the relay, in which the socket may have been closed and its
+  // value have come back as another's: with a token, only the socket that has it is meant.
+  // The first sets relay_state to kRelayRunning as well.
   bool SetRelayAddr(SOCKET socket, const sockaddr_in* addr, UdpPackageQueue* send_queue,
-                    UdpPackageQueue* recv_queue) noexcept;
-  bool SetRelayState(SOCKET socket, i32 state) noexcept;
-  bool SetUdpConnectMode(SOCKET socket, bool flag) noexcept;
+                    UdpPackageQueue* recv_queue, u32 token = kAnyToken) noexcept;
+  bool SetRelayState(SOCKET socket, i32 state, u32 token = kAnyToken) noexcept;
+  bool SetUdpConnectMode(SOCKET socket, bool flag, u32 token = kAnyToken) noexcept;
   // `len` bytes of `addr`, at most a sockaddr_in.
   bool SetHandledAddr(SOCKET socket, const sockaddr* addr, int len) noexcept;
   // Takes the first free entry. With all ten taken nothing happens, and that is no failure.
@@ -93,7 +97,7 @@ class SocketMap {
  private:
   // Runs `change` on the live record under the lock.
   template <class Change>
-  bool Update(SOCKET socket, Change&& change) noexcept;
+  bool Update(SOCKET socket, Change&& change, u32 token = kAnyToken) noexcept;
 
   mutable common::Mutex lock_;  // guards records_; a leaf
   std::map<SOCKET, SocketRecord> records_;

@@ -37,10 +37,11 @@ bool StartRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* 
                 UdpPackageQueue** send_queue, LPWSATHREADID thread_id) noexcept {
   UdpPackageQueue* recv_queue = nullptr;
   if (!RequestUdpRelay(record, to, thread_id, out_addr, send_queue, &recv_queue)) {
-    GetSocketMap().SetRelayState(record.socket, kRelayRefused);
+    GetSocketMap().SetRelayState(record.socket, kRelayRefused, record.token);
     return false;
   }
-  if (!GetSocketMap().SetRelayAddr(record.socket, out_addr, *send_queue, recv_queue)) {
+  if (!GetSocketMap().SetRelayAddr(record.socket, out_addr, *send_queue, recv_queue,
+                                   record.token)) {
     LSP_LOG(5, "[UDP] WSPSendTo: SetRelayAddr failed, socket=%Id, token=%u", record.socket,
             record.token);
     return false;
@@ -151,15 +152,15 @@ bool HandleUdpConnect(const SocketRecord& record, const sockaddr_in* addr,
   UdpPackageQueue* send_queue = nullptr;
   UdpPackageQueue* recv_queue = nullptr;
   if (!RequestUdpRelay(record, addr, &thread, out_addr, &send_queue, &recv_queue)) {
-    GetSocketMap().SetRelayState(record.socket, kRelayRefused);
+    GetSocketMap().SetRelayState(record.socket, kRelayRefused, record.token);
     return false;
   }
-  if (!GetSocketMap().SetRelayAddr(record.socket, out_addr, send_queue, recv_queue)) {
+  if (!GetSocketMap().SetRelayAddr(record.socket, out_addr, send_queue, recv_queue, record.token)) {
     LSP_LOG(5, "[UDP] HandleUdpConnect:SetRelayAddr failed, socket=%Id, token=%u", record.socket,
             record.token);
     return false;
   }
-  GetSocketMap().SetUdpConnectMode(record.socket, true);
+  GetSocketMap().SetUdpConnectMode(record.socket, true, record.token);
   return true;
 }
 
