@@ -1,0 +1,428 @@
+// How a game's datagram socket comes to its relay, or does not. At stake: a socket asks once, each
+// destination is judged once, and whatever goes wrong, the game's datagram leaves on its own.
+#include "tests/scenario/udp_spied_bench.h"
+//
+#include "port/shared/faults.h"
+#include "relay/relay_mgr.h"
+#include "udp/relay_messages.h"
+#include "udp/udp_package_queue.h"
+
+namespace {
+
+using namespace udp_test;       // NOLINT
+using namespace moru_vyr::lsp;  // NOLINT
+using Texts = std::vector<std::string>;
+
+constexpr const char* kUnlistedOnes[] = {"198.51.100.14", "198.51.100.15", "198.51.100.16",
+                                         "198.51.100.17", "198.51.100.18", "198.51.100.19",
+                                         "198.51.100.30", "198.51.100.31", "198.51.100.32",
+                                         "198.51.100.33", "198.51.100.34", "198.51.100.35"};
+
+class UdpAsking : public UdpSpiedBench {
+ protected:
+  static std::string Control(const ProtoRelayOpen& message) {
+    return {reinterpret_cast<const char*>(&message), sizeof message};
+  }
+};
+
+SCENARIO_F(UdpAsking, OnceForASocketAndOnceForADestination) {
+  Starts(0);
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "one"), "one from 198.51.100.10:27015");
+  EXPECT_EQ(GameSent(), (Texts{"open", "relay:one"}));
+  const SentDatagram open = sent[0];
+  ASSERT_EQ(open.text.size(), sizeof(ProtoRelayOpen));
+  ProtoRelayOpen message;
+  std::memcpy(static_cast<void*>(&message), open.text.data(), sizeof message);
+  EXPECT_EQ(u32{message.magic}, kProtoRelayMagic);
+  EXPECT_EQ(message.type, kProtoRelayTypeOpen);
+  EXPECT_EQ(u32{message.token}, RecordOf(s).token);
+  EXPECT_EQ(std::string(inet_ntoa(message.address().sin_addr)), kServer);
+  EXPECT_EQ(message.address().sin_port, htons(kPort));
+  EXPECT_EQ(static_cast<int>(message.send_size_or_queue), IntOption(s, SO_SNDBUF));
+  EXPECT_EQ(static_cast<int>(message.recv_size_or_queue), IntOption(s, SO_RCVBUF));
+
+  EXPECT_EQ(Talks(s, "two"), "two from 198.51.100.10:27015");
+  EXPECT_EQ(Talks(s, "three", kServer, kSecondPort), "three from 198.51.100.10:27016");
+  EXPECT_EQ(GameSent(), (Texts{"open", "relay:one", "relay:two", "relay:three"}));
+  const std::string log = log_text();
+  const std::string saved = "IsAllowUdpRelayed SaveRelayRecord, addr=198.51.100.10:";
+  EXPECT_NE(log.find(saved), std::string::npos);
+  EXPECT_EQ(log.find(saved), log.rfind(saved)) << "another port of the host is not asked about";
+  EXPECT_TRUE(
+      Logged("[UDP] IsAllowUdpRelayed GetRelayRecord, addr=198.51.100.10:27016, "
+             "relay=true, socket="));
+}
+
+SCENARIO_F(UdpAsking, WhatIsNotWantedGoesDirectlyFromARelayedSocketToo) {
+  Starts(0);
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "relayed"), "relayed from 198.51.100.10:27015");
+  EXPECT_EQ(Talks(s, "plain", kUnlisted), "plain from 198.51.100.14:27015");
+  EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).send_queue), "none");
+  EXPECT_EQ(Talks(s, "relayed too"), "relayed too from 198.51.100.10:27015");
+  EXPECT_EQ(GameSent(),
+            (Texts{"open", "relay:relayed", "198.51.100.14:27015:plain", "relay:relayed too"}));
+  EXPECT_EQ(Heard("game"), Texts{"plain"});
+}
+
+SCENARIO_F(UdpAsking, ASocketOnlyEverUsedDirectlyAsksForNothing) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "plain", kUnlisted), "plain from 198.51.100.14:27015");
+  closesocket(s);
+  RunFor(100ms);
+  EXPECT_EQ(GameSent(), (Texts{"198.51.100.14:27015:plain"}));
+  EXPECT_TRUE(RelaySent().empty());
+}
+
+// --- what can go wrong ------------------------------------------------------------------------
+
+// Each: what the library is told, and what it says of it. The datagram goes directly, the socket
+// never asks again, and its end is not announced to a relay that it has not got.
+struct AskingFailure {
+  const char* name;
+  std::function<void(UdpBench*)> prepare;
+  std::function<int(const SentDatagram&)> fails;
+  std::function<size_t(const SentDatagram&)> says;
+  Texts sent_by_game;
+  const char* words;
+};
+
+bool IsOpen(const SentDatagram& one) { return one.text.size() == sizeof(ProtoRelayOpen); }
+
+std::vector<AskingFailure> AskingFailures() {
+  const auto nothing = [](UdpBench*) {};
+  const auto no_error = [](const SentDatagram&) { return 0; };
+  const auto all = [](const SentDatagram& one) { return one.text.size(); };
+  const Texts both = {"198.51.100.10:27015:one", "198.51.100.10:27015:two"};
+  const Texts asked = {"open", "198.51.100.10:27015:one", "198.51.100.10:27015:two"};
+  return {
+      {"no event", [](UdpBench*) { port::FailCall("CreateEventA", 1, ERROR_NOT_ENOUGH_MEMORY); },
+       no_error, all, both, "[UDP] RequestUdpRelay failed: CreateEvent, error=8, socket="},
+      {"the message is refused", nothing,
+       [](const SentDatagram& one) { return IsOpen(one) ? WSAENOBUFS : 0; }, all, asked,
+       "[UDP] RequestUdpRelay failed: sendto, error=10055, socket="},
+      {"the message would block", nothing,
+       [](const SentDatagram& one) { return IsOpen(one) ? WSAEWOULDBLOCK : 0; }, all, asked,
+       "[UDP] RequestUdpRelay failed: sendto, error=10035, socket="},
+      {"the message is cut", nothing, no_error,
+       [](const SentDatagram& one) { return IsOpen(one) ? 40 : one.text.size(); }, asked,
+       "[UDP] RequestUdpRelay failed: sendto(127.0.0.1:"},
+      {"the relay has no socket", [](UdpBench*) { port::FailCall("WSPSocket", 1, WSAENOBUFS); },
+       no_error, all, asked, "RequestUdpRelay failed: resp ret is failed, socket="},
+      {"the relay's socket has no port", [](UdpBench*) { port::FailCall("WSPBind", 1, WSAEACCES); },
+       no_error, all, asked, "RequestUdpRelay failed: resp ret is failed, socket="},
+      {"the relay's socket finds every port taken",
+       [](UdpBench*) {
+         for (unsigned n = 1; n <= 200; ++n) port::FailCall("WSPBind", n, WSAEADDRINUSE);
+       },
+       no_error, all, asked, "RequestUdpRelay failed: resp ret is failed, socket="},
+      {"the relay is asleep",
+       [](UdpBench*) { sim::TheWorld().Stall(GetRelayMgr().GetWorkerThreadId(), 600ms); }, no_error,
+       all, asked, "RequestUdpRelay failed: resp not found, socket="},
+  };
+}
+
+class UdpAskingFailure : public UdpAsking {
+ protected:
+  void Check(const AskingFailure& failure) {
+    SCOPED_TRACE(failure.name);
+    const SOCKET s = Udp();
+    sent.clear();
+    heard.clear();
+    fails = failure.fails;
+    says = failure.says;
+    failure.prepare(this);
+    const auto begin = world.now();
+    EXPECT_EQ(Talks(s, "one"), "one from 198.51.100.10:27015");
+    EXPECT_LE(world.now() - begin, 520ms) << "half a second is the most that the game may wait";
+    port::ClearFaults();
+    EXPECT_EQ(Talks(s, "two"), "two from 198.51.100.10:27015");
+    EXPECT_EQ(GameSent(), failure.sent_by_game);
+    EXPECT_EQ(Heard("game"), (Texts{"one", "two"})) << AllHeard();
+    EXPECT_TRUE(Logged(failure.words)) << log_text();
+    EXPECT_EQ(RecordOf(s).relay_state, kRelayRefused);
+    sent.clear();
+    closesocket(s);
+    EXPECT_TRUE(GameSent().empty()) << "its end concerns nobody";
+    RunFor(700ms);
+  }
+};
+
+SCENARIO_F(UdpAskingFailure, CostsTheGameNothingButTheRelay) {
+  Starts();
+  for (const AskingFailure& failure : AskingFailures()) Check(failure);
+  fails = [](const SentDatagram&) { return 0; };
+  says = [](const SentDatagram& one) { return one.text.size(); };
+  heard.clear();
+  EXPECT_EQ(Talks(Udp(), "relayed"), "relayed from 198.51.100.10:27015");
+  EXPECT_EQ(Heard("A"), Texts{"relayed"}) << "for another socket all is well";
+}
+
+SCENARIO_F(UdpAsking, ANextProviderThatLacksACallIsNotAskedWith) {
+  Starts();
+  const auto relayed_without = [&](auto WSPPROC_TABLE::*entry) {
+    const auto kept = NextProvider().*entry;
+    NextProvider().*entry = nullptr;
+    const SOCKET s = Udp();
+    sent.clear();
+    Sends(s, "one");
+    NextProvider().*entry = kept;
+    return GameSent() != Texts{"198.51.100.10:27015:one"};
+  };
+  EXPECT_FALSE(relayed_without(&WSPPROC_TABLE::lpWSPSelect));
+  EXPECT_FALSE(relayed_without(&WSPPROC_TABLE::lpWSPRecvFrom));
+}
+
+// The wait is over after half a second whatever came of it; the answer counts, not the event.
+SCENARIO_F(UdpAsking, AnAnswerCountsAlsoWhereItsEventWasNotSeen) {
+  Starts();
+  const SOCKET s = Udp();
+  world.LoseSetEvent(1);
+  const auto begin = world.now();
+  EXPECT_EQ(Sends(s, "hello"), 0);
+  EXPECT_GE(world.now() - begin, 500ms);
+  EXPECT_EQ(Receives(s).from, "198.51.100.10:27015");
+  EXPECT_EQ(Heard("A"), Texts{"hello"});
+  EXPECT_TRUE(Logged("wait_result=258, socket=")) << log_text();
+}
+
+SCENARIO_F(UdpAsking, ALateAnswerStaysUntaken) {
+  Starts();
+  const SOCKET s = Udp();
+  const u32 token = RecordOf(s).token;
+  world.Stall(GetRelayMgr().GetWorkerThreadId(), 600ms);
+  EXPECT_EQ(Sends(s, "hello"), 0);
+  RunFor(1s);
+  EXPECT_TRUE(Logged("ResponseCreateSessionResult invalid")) << "the event was gone";
+  ProtoRelayOpen late;
+  ASSERT_TRUE(GetRelayMgr().GetCreateResult(token, &late));
+  EXPECT_TRUE(late.opened());
+  EXPECT_EQ(Receives(s).text, "hello");
+  EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
+  EXPECT_EQ(Heard("game"), (Texts{"hello", "again"}));
+}
+
+// The handle that the request names may be another event's by the time it is set.
+SCENARIO_F(UdpAsking, ALateAnswerMayWakeAStranger) {
+  Starts();
+  const SOCKET s = Udp();
+  world.Stall(GetRelayMgr().GetWorkerThreadId(), 600ms);
+  EXPECT_EQ(Sends(s, "hello"), 0);
+  Texts opened;
+  std::vector<HANDLE> strangers;
+  for (int i = 0; i < 64; ++i) strangers.push_back(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  RunFor(1s);
+  EXPECT_TRUE(Logged("ResponseCreateSessionResult"));
+  for (const HANDLE one : strangers) CloseHandle(one);
+  EXPECT_EQ(Heard("game"), Texts{"hello"});
+  EXPECT_EQ(Talks(Udp(), "next"), "next from 198.51.100.10:27015");
+}
+
+// Another thread closes the socket while it waits for its relay.
+SCENARIO_F(UdpAsking, ASocketThatIsGoneMeanwhileIsNotRelayed) {
+  Starts();
+  const SOCKET s = Udp();
+  world.Stall(GetRelayMgr().GetWorkerThreadId(), 300ms);
+  int error = 0;
+  GameThread([&] { error = Sends(s, "hello"); });
+  GameThread([&] {
+    Sleep(100);
+    closesocket(s);
+  });
+  ASSERT_TRUE(RunToTheEnd());
+  EXPECT_EQ(error, WSAENOTSOCK);
+  EXPECT_TRUE(Logged("[UDP] WSPSendTo: SetRelayAddr failed, socket=")) << log_text();
+  EXPECT_TRUE(heard.empty());
+}
+
+// And its handle comes back at once, as another socket's: that one must not get the relay.
+SCENARIO_F(UdpAsking, ANewSocketWithTheSameHandleIsNotGivenTheOldOnesRelay) {
+  world.ReuseSocketHandles(true);
+  Starts();
+  const SOCKET s = Udp();
+  world.Stall(GetRelayMgr().GetWorkerThreadId(), 300ms);
+  GameThread([&] { Sends(s, "hello"); });
+  SOCKET other = INVALID_SOCKET;
+  GameThread([&] {
+    Sleep(100);
+    closesocket(s);
+    other = Udp();
+  });
+  ASSERT_TRUE(RunToTheEnd());
+  ASSERT_EQ(other, s);
+  EXPECT_EQ(RecordOf(other).relay_state, kRelayNotAsked);
+  EXPECT_EQ(Receives(other).text, "hello") << "the game itself has sent it from there";
+  heard.clear();
+  EXPECT_EQ(Talks(other, "mine"), "mine from 198.51.100.10:27015") << log_text();
+  EXPECT_EQ(Heard("A"), Texts{"mine"}) << AllHeard();
+}
+
+// Nothing keeps two threads from asking for one socket; one is refused, and may have the last
+// word. Their datagrams arrive whoever has it.
+SCENARIO_F_SEEDS(UdpAsking, TwoThreadsMayAskAtOnceForOneSocket, 40) {
+  Starts();
+  const SOCKET s = Udp();
+  for (const char* text : {"one", "two"}) {
+    GameThread([&, text] { EXPECT_EQ(Sends(s, text), 0); });
+  }
+  ASSERT_TRUE(RunToTheEnd());
+  RunFor(1s);
+  Texts arrived = Heard();
+  std::sort(arrived.begin(), arrived.end());
+  EXPECT_EQ(Difference({"one", "two"}, arrived), "") << AllHeard() << log_text();
+}
+
+// --- the ten destinations ---------------------------------------------------------------------
+
+SCENARIO_F(UdpAsking, TheEleventhDestinationOfARefusedSocketGoesDirectly) {
+  Starts(0);
+  const SOCKET s = Udp();
+  port::FailCall("CreateEventA", 1, ERROR_NOT_ENOUGH_MEMORY);
+  EXPECT_EQ(Sends(s, "first"), 0);
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(Sends(s, "plain", kUnlistedOnes[i]), 0);
+  RunFor(1s);
+  sent.clear();
+  EXPECT_EQ(Sends(s, "eleventh", kUnlistedOnes[9]), 0);
+  EXPECT_EQ(Sends(s, "twelfth", kSecond), 0);
+  EXPECT_EQ(GameSent(), (Texts{"198.51.100.33:27015:eleventh", "198.51.100.13:27015:twelfth"}));
+  EXPECT_TRUE(Logged("IsAllowUdpRelayed, Out of space, addr=198.51.100.33:27015, socket="));
+}
+
+// Destinations that the tables do not know share one flow in the relay.
+SCENARIO_F(UdpAsking, DestinationsBeyondTheTenthShareAFlowUnlessTheyAreKnown) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  for (int i = 0; i < 9; ++i)
+    EXPECT_EQ(Talks(s, "plain", kUnlistedOnes[i]),
+              "plain from " + std::string(kUnlistedOnes[i]) + ":27015");
+  heard.clear();
+  EXPECT_EQ(Talks(s, "eleventh", kUnlistedOnes[9]), "eleventh from 198.51.100.33:27015");
+  EXPECT_EQ(Talks(s, "twelfth", kUnlistedOnes[10]), "twelfth from 198.51.100.34:27015");
+  EXPECT_EQ(Talks(s, "thirteenth", kSecond), "thirteenth from 198.51.100.13:27015");
+  EXPECT_EQ(Talks(s, "fourteenth", kUnlistedOnes[11]), "fourteenth from 198.51.100.35:27015");
+  ASSERT_EQ(heard.size(), 4u) << AllHeard();
+  EXPECT_EQ(heard[0].from_full, heard[1].from_full);
+  EXPECT_EQ(heard[0].from_full, heard[3].from_full);
+  EXPECT_EQ(heard[2].from, "A");
+}
+
+// --- the queue beside the datagram ------------------------------------------------------------
+
+SCENARIO_F(UdpAsking, ADatagramThatCannotBeSentIsTakenBack) {
+  Starts(5);
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  for (const int error : {WSAEWOULDBLOCK, WSA_IO_PENDING, WSAENOBUFS, WSAEMSGSIZE}) {
+    fails = [error](const SentDatagram& one) { return one.by_relay ? 0 : error; };
+    EXPECT_EQ(Sends(s, "never sent"), error);
+    EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).send_queue), "none") << error;
+  }
+  fails = [](const SentDatagram&) { return 0; };
+  EXPECT_EQ(Talks(s, "sent"), "sent from 198.51.100.10:27015");
+  EXPECT_EQ(Heard("A"), (Texts{"first", "sent"}));
+}
+
+SCENARIO_F(UdpAsking, ADatagramWithoutADestinationIsNotQueued) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  sent.clear();
+  EXPECT_EQ(ErrorOf(sendto(s, "x", 1, 0, nullptr, 0)), WSAENOTCONN);
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].to, "") << "to wherever the socket is connected, which is nowhere";
+  EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).send_queue), "none");
+}
+
+SCENARIO_F(UdpAsking, ADatagramWhoseSourceIsForgottenComesFromTheRelay) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  EXPECT_EQ(Sends(s, "second"), 0);
+  ASSERT_TRUE(ReadableWithin(s, 1000));
+  EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).recv_queue), "198.51.100.10:27015");
+  const Datagram second = Receives(s);
+  EXPECT_EQ(second.text, "second");
+  EXPECT_EQ(second.from.substr(0, 10), "127.0.0.1:");
+}
+
+// The address that a call gives may be longer than an IPv4 address is; its like must not be read
+// beyond its end.
+SCENARIO_F(UdpAsking, TheLengthOfTheAddressIsTheCallersOwn) {
+  Starts();
+  const SOCKET s = Udp();
+  for (const int size : {16, 28, 128, 200}) {
+    const sockaddr_in to[16] = {At(kServer, kPort)};
+    const std::string text = "named with " + std::to_string(size);
+    EXPECT_EQ(sendto(s, text.data(), static_cast<int>(text.size()), 0, Raw(to[0]), size),
+              static_cast<int>(text.size()));
+    EXPECT_EQ(Receives(s).text, text);
+  }
+  EXPECT_EQ(Heard("A").size(), 4u);
+}
+
+// --- connected sockets ------------------------------------------------------------------------
+
+SCENARIO_F(UdpAsking, AConnectedSocketIsConnectedToItsRelayAndSaysSo) {
+  Starts(0);
+  const SOCKET s = Udp();
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(RecordOf(s).relay_state, kRelayRunning);
+  EXPECT_TRUE(RecordOf(s).udp_connect_mode);
+  EXPECT_EQ(RecordOf(s).relay_records[0].ip, 0u) << "what was decided is not kept";
+  sockaddr_in peer = {};
+  int size = sizeof peer;
+  EXPECT_EQ(getpeername(s, Raw(peer), &size), 0);
+  EXPECT_EQ(peer.sin_port, RecordOf(s).relay_addr.sin_port);
+  EXPECT_EQ(peer.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+  EXPECT_EQ(GameSent(), Texts{"open"});
+  // Where it is connected to is not known to the relay: nothing arrives anywhere.
+  EXPECT_EQ(SendText(s, "lost"), 4);
+  RunFor(1s);
+  EXPECT_TRUE(heard.empty()) << AllHeard();
+  EXPECT_TRUE(Logged("[UDP] UdpSession CreateRemoteSession game_server=0.0.0.0:0, token="));
+  closesocket(s);
+  RunFor(100ms);
+  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+}
+
+SCENARIO_F(UdpAsking, ReceivingOnAConnectedSocketLeavesTheQueueAlone) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(Sends(s, "named"), 0);
+  ASSERT_TRUE(ReadableWithin(s, 1000));
+  EXPECT_EQ(Received(s), "named");
+  EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).recv_queue), "198.51.100.10:27015");
+}
+
+SCENARIO_F(UdpAsking, ASocketThatIsConnectedAfterItsFirstDatagramIsNotInConnectMode) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_FALSE(RecordOf(s).udp_connect_mode);
+  sent.clear();
+  EXPECT_EQ(SendText(s, "unqueued"), 8);
+  RunFor(1s);
+  EXPECT_TRUE(Logged("FindPackageAddr failed, token=")) << log_text();
+  EXPECT_EQ(Heard(), Texts{"first"});
+}
+
+SCENARIO_F(UdpAsking, ARefusedSocketIsConnectedDirectly) {
+  Starts();
+  const SOCKET s = Udp();
+  port::FailCall("WSPSocket", 1, WSAENOBUFS);
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(RecordOf(s).relay_state, kRelayRefused);
+  EXPECT_EQ(SendText(s, "plain"), 5);
+  RunFor(1s);
+  EXPECT_EQ(Heard("game"), Texts{"plain"});
+  const SOCKET unlisted = Udp();
+  EXPECT_EQ(ConnectTo(unlisted, kUnlisted, kPort), 0);
+  EXPECT_EQ(RecordOf(unlisted).relay_state, kRelayNotAsked);
+}
+
+}  // namespace
