@@ -1,0 +1,709 @@
+// A trial of another node, from the request to each of its ends. At stake: the game plays on over
+// the old node until the new one has proved itself with a datagram of the game's, and each trial is
+// reported once, with what became of it.
+#include "tests/scenario/switch_bench.h"
+//
+#include "port/shared/faults.h"
+#include "tests/unit/link_judge.h"
+#include "tests/unit/wire_bytes.h"
+#include "tracker/tracker.h"
+
+namespace {
+
+using namespace switch_test;  // NOLINT
+
+class SwitchTrial : public SwitchBench {
+ protected:
+  SwitchTrial() = default;
+  explicit SwitchTrial(const char* server_ip) : SwitchBench(server_ip) {}
+
+  // The game still plays over A.
+  void ExpectCarriedByA() {
+    a.Takes();
+    GameSends("ping");
+    Turn();
+    EXPECT_EQ(a.TakenData(), "ping");
+    a.SendsData("pong");
+    GameGets();
+    Turn();
+    EXPECT_EQ(GameGets(), "pong");
+  }
+  // A trial that has failed is gone a turn later, without a word to its node.
+  void ExpectOver(const std::string& result) {
+    EXPECT_EQ(Results(), result) << log->Text();
+    Turns(2);
+    EXPECT_EQ(Trial(), nullptr);
+    EXPECT_EQ(b.TakenEnds(), 0);
+    EXPECT_EQ(Results(), result) << "reported once";
+    ExpectCarriedByA();
+  }
+};
+
+SCENARIO_F(SwitchTrial, WithoutAnotherNodeItEndsAtOnce) {
+  ScriptedNode::Answer no_group;
+  no_group.last_node = kLastNode + 1;
+  IsCarried(no_group);
+  EXPECT_TRUE(Fires()) << "a trial that cannot start has been made all the same";
+  EXPECT_EQ(Results(), "1");
+  EXPECT_TRUE(Logged("Can not find IDC(11)'s switch proxy route, current_proxy=1, last_node=62"));
+  Turn();
+  EXPECT_FALSE(b.IsAsked());
+  ExpectOver("1");
+}
+
+SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNowhereToGo) {
+  ScriptedNode::Answer first_version;
+  first_version.version = 1;
+  IsCarried(first_version);
+  EXPECT_TRUE(Fires());
+  EXPECT_EQ(Results(), "1");
+}
+
+SCENARIO_F(SwitchTrial, ARequestThatCannotLeaveEndsIt) {
+  IsCarried();
+  port::FailCall("sendto", 1, WSAENETUNREACH);
+  EXPECT_TRUE(Fires());
+  EXPECT_EQ(Results(), "2");
+  EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::SendTo, error=10051, token=77"));
+  Turn();
+  EXPECT_FALSE(b.IsAsked());
+  ExpectOver("2");
+}
+
+// The request waits for room all the same, and leaves if that comes before the trial is cleared
+// away. Its answer finds nobody.
+SCENARIO_F(SwitchTrial, ARequestThatHasToWaitEndsItAndStillLeaves) {
+  IsCarried();
+  port::FailCall("sendto", 1, WSAEWOULDBLOCK);
+  EXPECT_TRUE(Fires());
+  EXPECT_EQ(Results(), "2");
+  EXPECT_EQ(loop.wants_room.count(TrialSocket()), 1u);
+  loop.Pass();
+  EXPECT_TRUE(b.IsAsked());
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::FlushBlockedPackages, count=1, remain_count=0, token=77"));
+  b.Answers();
+  loop.Pass();
+  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  ExpectOver("2");
+}
+
+SCENARIO_F(SwitchTrial, WithoutASocketItEnds) {
+  IsCarried();
+  port::FailCall("socket", 1, WSAEMFILE);
+  EXPECT_TRUE(Fires());
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::Init socket error=10024, token=77"));
+  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::Init success"));
+  ExpectOver("2");
+}
+
+SCENARIO_F(SwitchTrial, ASocketThatStaysBlockingIsUsed) {
+  IsCarried();
+  port::FailCall("ioctlsocket", 1, WSAENOBUFS);
+  EXPECT_TRUE(Fires());
+  EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::Init ioctlsocket , error=10055, token=77"));
+  EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::Init success, remote_ip=198.51.100.10"));
+  EXPECT_NE(TrialSocket(), INVALID_SOCKET);
+}
+
+SCENARIO_F(SwitchTrial, ItsRequestNamesTheLinkThatIsLeft) {
+  IsCarried();
+  const NegoRequest first = a.request;
+  EXPECT_EQ(test::Value(first.body.flags), 0u);
+  EXPECT_EQ(test::Value(first.body.last_node.node_id), 0);
+  ASSERT_TRUE(Fires());
+  ASSERT_TRUE(b.IsAsked());
+  NegoRequestBody asked = b.request.body;
+  EXPECT_EQ(test::Value(b.request.header.version), 3u);
+  EXPECT_EQ(test::Value(asked.flags), 2u);
+  EXPECT_EQ(test::Value(asked.retry), 0);
+  EXPECT_EQ(test::Value(asked.last_node.node_id), kLastNode);
+  EXPECT_EQ(test::Value(asked.last_node.port), 7001);
+  EXPECT_EQ(test::Value(asked.last_node.ip), 0x7F000001u);
+  EXPECT_EQ(test::Value(asked.last_node.accl_token), a.accl_token);
+  // For the rest it is the flow's first request once more.
+  asked.flags = 0;
+  asked.last_node = {};
+  EXPECT_EQ(std::memcmp(&asked, &first.body, sizeof asked), 0);
+}
+
+// The limit is a second, however the timer's steps fall, and one step more.
+SCENARIO_F(SwitchTrial, ASilentNodeHasOneSecond) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  Turns(10, 100);
+  EXPECT_EQ(Results(), "");
+  Turn(1);
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=202, token=77"));
+  ExpectOver("3");
+}
+
+SCENARIO_F(SwitchTrial, AnAnswerAtTheLastMomentCounts) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  ASSERT_TRUE(b.IsAsked());
+  Turns(10, 100);
+  b.Answers();
+  Turn(1);
+  EXPECT_EQ(Results(), "");
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::OnNegotiationSuccess, accl_data_addr=127.0.0.1:7102, "
+             "client_ip=127.0.0.1, client_isp=1, accl_token=178, last_node:(node_id=61, "
+             "ip=127.0.0.1, port=7002, accl_token=178), token=77"))
+      << log->Text();
+}
+
+SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
+  test::ReportClient client;
+  GetTracker().Init();
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  ASSERT_TRUE(b.IsAsked());
+  Sleep(200);
+  ScriptedNode::Answer refusal;
+  refusal.result = 9;
+  b.Answers(refusal);
+  Turn();
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=9, token=77"));
+  ExpectOver("3");
+  EXPECT_FALSE(b.IsAsked());
+  GetTracker().UnInit();
+  ASSERT_EQ(test::UsedSlots(client.failures), 1);
+  const NegRetRecord& failure = client.failures->slots[0];
+  EXPECT_EQ(test::Value(failure.nego_result), 9);
+  ASSERT_EQ(test::UsedSlots(client.switches), 1);
+  const RecoverySwitchRecord& report = client.switches->slots[0];
+  EXPECT_EQ(test::Value(report.is_switch_succ), 3);
+  EXPECT_EQ(test::Value(report.need_switch), 1) << "the judge's word";
+  EXPECT_EQ(test::Value(report.count), 3);
+}
+
+SCENARIO_F(SwitchTrial, AnAnswerThatIsNoneEndsIt) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  ASSERT_TRUE(b.IsAsked());
+  b.AnswersBytes("garbage");
+  Turn();
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::HandleNegoRecv, Unpack error="));
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=203, token=77"));
+  ExpectOver("3");
+}
+
+SCENARIO_F(SwitchTrial, ANodeOfAnotherProviderEndsIt) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  ASSERT_TRUE(b.IsAsked());
+  ScriptedNode::Answer other;
+  other.isp = 2;
+  b.Answers(other);
+  Turn();
+  EXPECT_TRUE(
+      Logged("[UDP] UdpSwitchRemoteSession::CheckNegotiation isp not support, "
+             "client_isp=2, support_isps=1, token=77"));
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=207, token=77"));
+  ExpectOver("3");
+}
+
+class ForcedTrial : public SwitchTrial {
+ protected:
+  ForcedTrial() : SwitchTrial(kForcedServer) {}
+};
+
+SCENARIO_F(ForcedTrial, TakesANodeOfAnotherProvider) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  ASSERT_TRUE(b.IsAsked());
+  ScriptedNode::Answer other;
+  other.isp = 2;
+  b.Answers(other);
+  Turn();
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::CheckNegotiation isp not support, but force accl, "
+             "client_isp=2, support_isps=1, token=77"));
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+}
+
+SCENARIO_F(SwitchTrial, HearsItsNodeAlone) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  ASSERT_TRUE(b.IsAsked());
+  b.AnswersFromTheWrongPort();
+  // Nor the game's socket, whatever it says.
+  sockaddr_in trial;
+  int size = sizeof trial;
+  ASSERT_EQ(getsockname(TrialSocket(), Raw(trial), &size), 0);
+  SendTextTo(game, "from the game", "127.0.0.1", ntohs(trial.sin_port));
+  Turn();
+  EXPECT_EQ(Results(), "");
+  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  b.Answers();
+  Turn();
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+}
+
+// --- verification -----------------------------------------------------------------------------
+
+// Five probes, the timer's next steps apart; no datagram of the game's goes that way.
+SCENARIO_F(SwitchTrial, ItsBurstStartsAtOnceWhileTheGamePlaysOnOverTheOldNode) {
+  config.ignore_high_freq_test_time = 60;  // for links that carry the game
+  IsCarried();
+  IsVerifying();
+  int probes = 0;
+  for (int turn = 0; turn < 5; ++turn) {
+    GameSends("tick");
+    Turn();
+    for (const Wrapped& one : b.Takes()) {
+      EXPECT_TRUE(one.IsProbe());
+      EXPECT_EQ(one.accl_token, b.accl_token);
+      EXPECT_EQ(one.seq, static_cast<u32>(++probes));
+    }
+    b.AnswersProbes();
+    EXPECT_EQ(a.TakenData(), "tick");
+  }
+  // The first step of the burst only looked at the clock, as the negotiation ended.
+  EXPECT_EQ(probes, 5);
+  EXPECT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded"));
+}
+
+// The verdict falls as the last probe leaves: of five the first is the base to count from, and the
+// last is not answered by then, which makes one of four.
+SCENARIO_F(SwitchTrial, ANodeThatLosesNothingShowsAQuarterOfLoss) {
+  config.switching_max_real_route_lost = 26;
+  IsCarried();
+  IsVerified();
+  EXPECT_TRUE(
+      Logged("[GetCurLost]real_route, cycle_size=5, download_lost=25, upload_lost=0, "
+             "full_lost=25, need_recv_pkg=4, real_recv_pkgs=3,"))
+      << log->Text();
+}
+
+SCENARIO_F(SwitchTrial, ByDefaultNoNodePasses) {
+  config.switching_max_real_route_lost = 0;
+  IsCarried();
+  IsVerifying();
+  HealthyTurns(10);
+  EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::NotifyVerifyResult, Verifying result=failed"));
+  ExpectOver("4");
+}
+
+SCENARIO_F(SwitchTrial, ANodeThatAnswersNoProbeFails) {
+  IsCarried();
+  IsVerifying();
+  Turns(10);
+  ExpectOver("4");
+}
+
+SCENARIO_F(SwitchTrial, WithGameTrafficBarredAGoodNodeIsOnlyReported) {
+  config.game_link_switch_open = 0;
+  IsCarried();
+  IsVerified();
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::NotifyVerifyResult, game_link switch is not open"));
+  ExpectOver("5");
+}
+
+// A judge that may not measure the new node gives no verdict, and no clock ends the trial. Kept.
+SCENARIO_F(SwitchTrial, OfANodeThatMayNotBeMeasuredNeverEnds) {
+  image.proxies[1].flag = 4;
+  IsCarried();
+  IsVerifying();
+  HealthyTurns(2000);
+  EXPECT_EQ(Results(), "");
+  EXPECT_NE(Trial(), nullptr);
+  EXPECT_FALSE(Fires()) << "and bars every later one";
+  ExpectCarriedByA();
+}
+
+// --- verified ---------------------------------------------------------------------------------
+
+SCENARIO_F(SwitchTrial, AVerifiedNodeCarriesWhatTheGameSendsAndTheOldOneWhatItGets) {
+  IsCarried();
+  IsVerified();
+  GameSends("one");
+  GameSends("two");
+  Turn();
+  const std::vector<Wrapped> came = b.Takes();
+  ASSERT_EQ(came.size(), 2u);
+  for (u32 i = 0; i < 2; ++i) {
+    EXPECT_TRUE(came[i].IsData());
+    EXPECT_EQ(came[i].accl_token, b.accl_token);
+    EXPECT_EQ(came[i].seq, i + 1) << "a link has numbers of its own";
+    EXPECT_EQ(came[i].lost, 0) << "of this link nothing is known yet";
+  }
+  EXPECT_EQ(a.TakenData(), "");
+  a.SendsData("late");
+  Turn();
+  EXPECT_EQ(GameGets(), "late");
+  EXPECT_EQ(Results(), "");
+}
+
+SCENARIO_F(SwitchTrial, ADatagramTooLongToWrapGoesPastAVerifiedNodeToo) {
+  IsCarried();
+  IsVerified();
+  GameSends(Pattern(2029));
+  Turn();
+  EXPECT_EQ(b.TakenData(), "");
+  EXPECT_EQ(a.TakenData(), "");
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::SendTo success, addr=198.51.100.10:27015, len=2029"));
+}
+
+SCENARIO_F(SwitchTrial, NothingButDataOfItsNodeCompletesIt) {
+  IsCarried();
+  IsVerified();
+  GameSends("hello");
+  Turn();
+  b.Takes();
+  b.AnswersProbes();  // however late
+  b.SendsDataFromTheWrongPort("from elsewhere");
+  b.SendsRaw("short");  // no header
+  std::string past_end = b.DataBytes("x", 1, 101);
+  past_end[1] = 60;  // its header says that it is longer than the datagram
+  b.SendsRaw(past_end);
+  Turns(100);
+  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(GameGets(), "");
+  EXPECT_TRUE(
+      Logged("[UDP] UdpSwitchRemoteSession::UnWrapUdpAcclPackage failed, unpack error, "
+             "ret=-3, accl_data_addr=127.0.0.1:7102, token=77"))
+      << log->Text();
+  EXPECT_TRUE(
+      Logged("[UDP] UdpSwitchRemoteSession::UnWrapUdpAcclPackage failed, package invalid, "
+             "head_len > pack_len, accl_data_addr=127.0.0.1:7102, token=77"));
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::UnWrapUdpAcclPackage: it is a speed test result"));
+  EXPECT_FALSE(Fires()) << "it runs, for as long as the node is silent";
+  GameSends("still");
+  Turn();
+  EXPECT_EQ(b.TakenData(), "still");
+}
+
+// A datagram that is marked as a probe and is none is data, and proves the node as any other does.
+SCENARIO_F(SwitchTrial, DataWithAProbesMarkCompletesIt) {
+  IsCarried();
+  IsVerified();
+  std::string marked = b.DataBytes("marked", 1, 101);
+  marked[2] = 8;
+  b.SendsRaw(marked);
+  Turn();
+  EXPECT_EQ(Results(), "0");
+  EXPECT_EQ(GameGets(), "marked");
+}
+
+SCENARIO_F(SwitchTrial, TheFirstDataOfItsNodeHandsTheFlowOver) {
+  IsCarried();
+  IsVerified();
+  const SOCKET new_sock = TrialSocket();
+  sockaddr_in relay_before, relay_after;
+  ASSERT_TRUE(session->GetRelayAddr(&relay_before));
+  a.Takes();
+  GameSends("one");
+  Turn();
+  b.SendsData("answer");
+  b.SendsData("another");  // behind it in the socket, for the one who then has it
+  Turns(2);
+  EXPECT_EQ(GameGets(), "answer another");
+  EXPECT_EQ(Results(), "0");
+  EXPECT_EQ(Trial(), nullptr);
+  EXPECT_EQ(loop.delegates[new_sock], static_cast<IRelaySocketDelegate*>(flow));
+  EXPECT_TRUE(loop.Has(local_sock)) << "the game's port";
+  ASSERT_TRUE(session->GetRelayAddr(&relay_after));
+  EXPECT_EQ(relay_after.sin_port, relay_before.sin_port);
+  // The old node is told, with the number behind its last.
+  const std::vector<Wrapped> farewell = a.Takes();
+  ASSERT_EQ(farewell.size(), 1u);
+  EXPECT_TRUE(farewell[0].IsEnd());
+  EXPECT_EQ(farewell[0].accl_token, a.accl_token);
+  EXPECT_EQ(farewell[0].seq, 3u) << "after one datagram: the number is counted before it is taken";
+  EXPECT_TRUE(Logged("UdpRemoteSession::ReplaceSock, new socket=" + std::to_string(new_sock) +
+                     ", ori socket=" + std::to_string(local_sock) + ", token=77"));
+  // From here on B is the link: for data either way, and for the farewell.
+  EXPECT_EQ(b.TakenData(), "one");
+  GameSends("two");
+  Turn();
+  const std::vector<Wrapped> came = b.Takes();
+  ASSERT_GE(came.size(), 1u);
+  EXPECT_EQ(came[0].payload, "two");
+  EXPECT_EQ(came[0].seq, 2u) << "the link's numbers go on";
+  a.SendsData("too late");
+  Turn();
+  EXPECT_EQ(GameGets(), "") << "the old node is a stranger now";
+  session.reset();
+  EXPECT_EQ(b.TakenEnds(), 1);
+  EXPECT_EQ(a.TakenEnds(), 0);
+}
+
+SCENARIO_F(SwitchTrial, TheNewLinkIsProbedAndJudgedFromNothing) {
+  IsCarried();
+  IsTakenOver();
+  a.Takes();
+  b.Takes();
+  HealthyTurns(60);
+  EXPECT_TRUE(Logged("[RecoverySwitch::Init]init result=succ"));
+  EXPECT_EQ(Count("acc_info=198.51.100.10-27015-2-127.0.0.1-7002, client_info=0-0-1-127.0.0.1, "
+                  "socket="),
+            2)
+      << "its judge on trial and then as the flow's";
+  EXPECT_EQ(a.Takes().size(), 0u);
+}
+
+// The parent takes over a link that it has not been told of, and that is nowhere. Kept: the flow is
+// lost with it.
+SCENARIO_F(SwitchTrial, DataWhileItIsVerifiedHandsOverALinkThatIsNotFilled) {
+  IsCarried();
+  IsVerifying();
+  b.SendsData("eager");
+  Turn();
+  EXPECT_EQ(Results(), "0");
+  EXPECT_EQ(a.TakenEnds(), 1);
+  EXPECT_EQ(GameGets(), "") << "its sender is not the one that the link names";
+  Turn();
+  EXPECT_EQ(Trial(), nullptr);
+  GameSends("lost");
+  Turn();
+  EXPECT_EQ(a.TakenData() + b.TakenData(), "");
+}
+
+// The same once a link has been verified before: the copy is that link's.
+SCENARIO_F(SwitchTrial, DataWhileASecondOneIsVerifiedHandsOverTheLinkBefore) {
+  IsCarried();
+  IsTakenOver();
+  Turns(2);
+  b.Takes();
+  ASSERT_TRUE(Fires());
+  Turn();
+  ASSERT_TRUE(a.IsAsked());
+  a.Answers();
+  Turn();
+  a.SendsData("eager");
+  Turn();
+  EXPECT_EQ(Results(), "0 0");
+  GameSends("on");
+  Turn();
+  EXPECT_EQ(b.TakenData(), "on") << "over A's socket to B's address";
+}
+
+SCENARIO_F(SwitchTrial, GameTrafficThatIsBarredIsStillMovedByData) {
+  config.game_link_switch_open = 0;
+  IsCarried();
+  IsVerifying();
+  b.SendsData("eager");
+  Turn();
+  EXPECT_EQ(Results(), "0") << "kept: only the verdict asks whether that is open";
+}
+
+// --- more than one ----------------------------------------------------------------------------
+
+SCENARIO_F(SwitchTrial, OneRunsAtATime) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  const UdpSwitchRemoteSession* const first = Trial();
+  EXPECT_FALSE(Fires());
+  EXPECT_EQ(Trial(), first);
+  ASSERT_TRUE(b.IsAsked());
+  EXPECT_FALSE(b.IsAsked()) << "asked once";
+}
+
+SCENARIO_F(SwitchTrial, OneThatHasEndedMakesWayAtOnce) {
+  IsCarried();
+  port::FailCall("sendto", 1, WSAENETUNREACH);
+  ASSERT_TRUE(Fires());
+  const SOCKET first = TrialSocket();
+  ASSERT_TRUE(Fires()) << "before the timer has cleared the first away";
+  EXPECT_NE(TrialSocket(), first);
+  EXPECT_FALSE(loop.Has(first));
+  EXPECT_EQ(Readiness(first), "error 10038") << "closed";
+  EXPECT_TRUE(b.IsAsked());
+  EXPECT_EQ(Results(), "2");
+}
+
+SCENARIO_F(SwitchTrial, ASecondSwitchLeavesTheSocketInBetweenOpen) {
+  IsCarried();
+  IsVerified();
+  const SOCKET in_between = TrialSocket();
+  b.SendsData("proof");
+  Turns(2);
+  ASSERT_TRUE(Fires());
+  Turn();
+  ASSERT_TRUE(a.IsAsked());
+  EXPECT_EQ(test::Value(a.request.body.last_node.port), 7002) << "it is B's link that is left now";
+  a.Answers();
+  Turn();
+  const SOCKET last = TrialSocket();
+  HealthyTurns(10);
+  b.Takes();
+  a.SendsData("second proof");
+  Turns(2);
+  EXPECT_EQ(Results(), "0 0");
+  EXPECT_EQ(GameGets(), "proof second proof");
+  EXPECT_EQ(b.TakenEnds(), 1);
+  EXPECT_FALSE(loop.Has(in_between));
+  EXPECT_EQ(Readiness(in_between), "w") << "open, and nobody's";
+  EXPECT_TRUE(loop.Has(last));
+  EXPECT_TRUE(loop.Has(local_sock));
+  GameSends("on");
+  Turn();
+  EXPECT_EQ(a.TakenData(), "on");
+  session.reset();
+  EXPECT_EQ(Readiness(in_between), "w");
+  EXPECT_EQ(Readiness(last), "error 10038");
+  EXPECT_EQ(Readiness(local_sock), "error 10038");
+}
+
+// --- datagrams that wait for room --------------------------------------------------------------
+
+SCENARIO_F(SwitchTrial, WhatWaitsForRoomAtTheNewNodeMovesWithItsSocket) {
+  IsCarried();
+  IsVerified();
+  port::FailCall("sendto", 2, WSAEWOULDBLOCK);  // the game's own is the first
+  GameSends("blocked");
+  Sleep(1);
+  loop.delegates[local_sock]->OnReadable(local_sock);
+  EXPECT_EQ(loop.wants_room.count(TrialSocket()), 1u);
+  b.Takes();
+  b.SendsData("proof");
+  const SOCKET new_sock = TrialSocket();
+  loop.delegates[new_sock]->OnReadable(new_sock);
+  EXPECT_EQ(Results(), "0");
+  EXPECT_TRUE(flow->HasBlockedPackages());
+  // Kept: nobody asks for room again in the name of the new owner. The next that has to wait does.
+  Turns(3);
+  EXPECT_EQ(b.TakenData(), "");
+  port::FailCall("sendto", 2, WSAEWOULDBLOCK);
+  GameSends("next");
+  Turns(2);
+  EXPECT_EQ(b.TakenData(), "blocked next");
+  EXPECT_FALSE(flow->HasBlockedPackages());
+}
+
+SCENARIO_F(SwitchTrial, WhatWaitedForRoomAtTheOldNodeLeavesAsTheNewOneIsVerified) {
+  IsCarried();
+  IsVerifying();
+  port::FailCall("sendto", 2, WSAEWOULDBLOCK);
+  GameSends("waited");
+  Sleep(1);
+  loop.delegates[local_sock]->OnReadable(local_sock);
+  ASSERT_TRUE(flow->HasBlockedPackages());
+  loop.wants_room.clear();  // there is no room for a long time
+  HealthyTurns(10);
+  ASSERT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded"));
+  EXPECT_FALSE(flow->HasBlockedPackages());
+  EXPECT_EQ(GameGets(), "waited") << "A, to which it was wrapped, echoes it";
+}
+
+// --- the end of the flow ----------------------------------------------------------------------
+
+SCENARIO_F(SwitchTrial, ClosingStopsItsProbes) {
+  IsCarried();
+  IsVerifying();
+  flow->SetClosing();
+  b.Takes();
+  HealthyTurns(50);
+  EXPECT_EQ(Results(), "");
+  EXPECT_TRUE(b.Takes().empty());
+  EXPECT_TRUE(a.Takes().empty()) << "nor are there any of the old link";
+}
+
+class SwitchEnd : public SwitchTrial {
+ protected:
+  void Ends() {
+    a.Takes();
+    b.Takes();
+    session.reset();
+  }
+  void ExpectNothingLeft() {
+    for (const auto& [socket, delegate] : loop.delegates) {
+      EXPECT_EQ(dynamic_cast<ISwitchEvent*>(delegate), nullptr) << socket;
+    }
+  }
+};
+
+// While it negotiates it knows of no place to say farewell to.
+SCENARIO_F(SwitchEnd, WhileItNegotiates) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  Ends();
+  EXPECT_EQ(a.TakenEnds(), 1);
+  EXPECT_EQ(b.TakenEnds(), 0);
+  ExpectNothingLeft();
+}
+
+SCENARIO_F(SwitchEnd, WhileItIsVerified) {
+  IsCarried();
+  IsVerifying();
+  Ends();
+  EXPECT_EQ(a.TakenEnds(), 1);
+  const std::vector<Wrapped> farewell = b.Takes();
+  ASSERT_EQ(farewell.size(), 1u);
+  EXPECT_TRUE(farewell[0].IsEnd());
+  EXPECT_EQ(farewell[0].accl_token, b.accl_token);
+  EXPECT_EQ(farewell[0].seq, 2u);
+  ExpectNothingLeft();
+}
+
+SCENARIO_F(SwitchEnd, OnceItIsVerified) {
+  IsCarried();
+  IsVerified();
+  Ends();
+  EXPECT_EQ(a.TakenEnds(), 1);
+  EXPECT_EQ(b.TakenEnds(), 1);
+  ExpectNothingLeft();
+}
+
+SCENARIO_F(SwitchEnd, AfterItHasFailed) {
+  config.switching_max_real_route_lost = 0;
+  IsCarried();
+  IsVerifying();
+  while (Results().empty()) HealthyTurns(1);
+  Ends();
+  EXPECT_EQ(a.TakenEnds(), 1);
+  EXPECT_EQ(b.TakenEnds(), 0) << "a final state says nothing more";
+  ExpectNothingLeft();
+}
+
+SCENARIO_F(SwitchEnd, WhileTheRelayStopsNobodyIsTold) {
+  for (int stage = 0; stage < 4; ++stage) {
+    if (stage != 0) {
+      stopping = false;
+      loop.delegates.clear();
+      provider.Uninit();
+    }
+    if (stage == 0) IsCarried(), Fires();
+    if (stage == 1) IsCarried(), IsVerifying();
+    if (stage == 2) IsCarried(), IsVerified();
+    if (stage == 3) IsCarried(), IsTakenOver();
+    stopping = true;
+    Ends();
+    EXPECT_EQ(a.TakenEnds(), 0) << stage;
+    EXPECT_EQ(b.TakenEnds(), 0) << stage;
+    ExpectNothingLeft();
+    while (b.IsAsked()) {
+    }
+  }
+}
+
+// --- the parent's ear -------------------------------------------------------------------------
+
+SCENARIO_F(SwitchTrial, NewsWithoutOneChangeNothing) {
+  IsCarried();
+  flow->NotifySwitchState(kSwitchVerified);
+  flow->NotifySwitchState(kSwitchTakenOver);
+  EXPECT_FALSE(Logged("NotifySwitchState"));
+  ExpectCarriedByA();
+}
+
+SCENARIO_F(SwitchTrial, NewsOfASocketThatHasBeenGivenAwayChangeNothing) {
+  IsCarried();
+  IsVerified();
+  const SOCKET new_sock = TrialSocket();
+  b.SendsData("proof");
+  loop.delegates[new_sock]->OnReadable(new_sock);
+  ASSERT_EQ(Results(), "0");
+  // It has ended and is not cleared away yet.
+  b.Takes();
+  flow->NotifySwitchState(kSwitchTakenOver);
+  EXPECT_EQ(Count("UdpRemoteSession::ReplaceSock"), 1);
+  EXPECT_EQ(b.TakenEnds(), 0);
+  GameSends("on");
+  Turn();
+  EXPECT_EQ(b.TakenData(), "on");
+}
+
+}  // namespace
