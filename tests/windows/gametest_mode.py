@@ -1,0 +1,81 @@
+"""The developers' library: a file beside an unmodified program is all that it takes to accelerate
+it, with a node and no client program. Without the file nothing is accelerated, and the product
+does not look at it."""
+
+import real_programs
+import relay_bench
+import support
+from conversation import wait_until
+from relayed_programs import LONGEST_S, WebServer
+
+PLAYER = "198.51.100.1"
+FILE = f"""[TestAccGame]
+process_count=1
+proc1=ffmpeg.exe
+proxy_ip={relay_bench.NODE}
+proxy_port={relay_bench.NODE_PORT}
+net_mode=24
+"""
+
+
+class Stage:
+    def __init__(self, arguments):
+        if support.DRIVE_C is None:
+            support.skip("this runs in the test bed only")
+        if not arguments.node.exists():
+            support.skip(f"no node at {arguments.node}; the posix preset builds it")
+        self.checks = support.Checks()
+        self.runner = support.Runner(arguments)
+        self.program = real_programs.programs_folder() / "ffmpeg.exe"
+        self.node = relay_bench.Node(arguments.node)
+
+    def fetch(self, what, file, library, through_the_node):
+        """The program's own work, with the file beside it or not."""
+        body, samples = real_programs.wave_file(seconds=5)
+        server = WebServer(body)
+        before = len(self.node.games())
+        folder = self.runner.stage(self.program, "ffmpeg.exe")
+        if file:
+            (folder / "vyr_lsp_test.ini").write_text(file)
+        url = f"http://{server.address}/tone.wav"
+        done = self.runner.wine(
+            [self.runner.bin / "vyr_run.exe", "--trace", support.windows_path(folder / "trace.jsonl"),
+             "--library", support.windows_path(library), "--",
+             support.windows_path(folder / "ffmpeg.exe"), "-v", "error", "-i", url, "-f", "s16le",
+             "-c:a", "pcm_s16le", "out.pcm"],
+            folder, timeout=LONGEST_S,
+        )  # fmt: skip
+        out = folder / "out.pcm"
+        got = out.read_bytes() if out.exists() else b""
+        checks = self.checks
+        checks.equal(done.returncode, 0, f"{what}: exit code")
+        checks.that(got == samples, f"{what}: every sample arrived", done.stderr.decode("utf-8", "replace"))
+        asked = [server.address] if through_the_node else []
+        wait_until(lambda: len(self.node.games()) >= before + len(asked))
+        checks.equal(self.node.games()[before:], asked, f"{what}: whom the node was asked for")
+        peers = {relay_bench.NODE if through_the_node else PLAYER}
+        checks.equal(server.peers, peers, f"{what}: whom the server saw")
+        return support.Result(done, support.read_trace(folder / "trace.jsonl"), folder).debug_output()
+
+
+def main():
+    stage = Stage(relay_bench.parse_arguments())
+    checks = stage.checks
+    developers = stage.runner.probes / "vyr_lsp_test.dll"
+    product = stage.runner.bin / "vyr_lsp.dll"
+    try:
+        said = stage.fetch("with the file", FILE, developers, True)
+        wanted = f"Game Test Init, ip={relay_bench.NODE}, port={relay_bench.NODE_PORT}, net_mode=24, log_level=4"
+        checks.that(wanted in said, "it says what it read", said)
+        checks.that("GameTestModule ReadAccConfig returns done!" in said, "and that it goes by it", said)
+        said = stage.fetch("without the file", "", developers, False)
+        checks.that("Game Test Init, log_path not exist=[" in said, "it says that there is none", said)
+        said = stage.fetch("the product", FILE, product, False)
+        checks.that("Game Test" not in said, "the product does not look", said)
+    finally:
+        stage.node.end()
+    checks.end()
+
+
+if __name__ == "__main__":
+    main()
