@@ -15,10 +15,12 @@ struct StoredPackage {
   sockaddr_in addr = {};
   bool to_local = false;  // through the socket that faces the game
 
-  // Valid while this is.
+  // Valid while this is. Its data is never null, also where there are no bytes: a datagram of none
+  // is one to be sent.
   UdpPackage View() noexcept {
+    static u8 nothing = 0;
     const u32 size = static_cast<u32>(data.size());
-    return {data.data(), size, size, addr};
+    return {size != 0 ? data.data() : &nothing, size, size, addr};
   }
 };
 

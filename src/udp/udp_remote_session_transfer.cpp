@@ -259,9 +259,9 @@ bool UdpRemoteSession::FlushBlockedPackages() noexcept {
   if (blocked_packages_.empty()) return false;
   const u32 count = static_cast<u32>(blocked_packages_.size());
   for (u32 i = 0; i < count; ++i) {
-    const StoredPackage& front = blocked_packages_.front();
-    const u32 size = static_cast<u32>(front.data.size());
-    if (SendTo(front.data.data(), size, front.addr, false, front.to_local) != 0) break;
+    const bool to_local = blocked_packages_.front().to_local;
+    const UdpPackage front = blocked_packages_.front().View();
+    if (SendTo(front.data, front.valid_len, front.addr, false, to_local) != 0) break;
     blocked_packages_.pop_front();
   }
   LSP_LOG(0, "[UDP] UdpRemoteSession::FlushBlockedPackages, count=%u, remain_count=%u, token=%u",

@@ -142,10 +142,8 @@ bool UdpSwitchRemoteSession::FlushBlockedPackages() noexcept {
   if (blocked_packages_.empty()) return false;
   const u32 count = static_cast<u32>(blocked_packages_.size());
   for (u32 i = 0; i < count; ++i) {
-    const StoredPackage& front = blocked_packages_.front();
-    if (SendTo(front.data.data(), static_cast<u32>(front.data.size()), front.addr, false) != 0) {
-      break;
-    }
+    const UdpPackage front = blocked_packages_.front().View();
+    if (SendTo(front.data, front.valid_len, front.addr, false) != 0) break;
     blocked_packages_.pop_front();
   }
   LSP_LOG(0, "UdpSwitchRemoteSession::FlushBlockedPackages, count=%u, remain_count=%u, token=%u",
