@@ -86,9 +86,10 @@ class ScriptedNode {
 
   // All that has come to the data port since the last time; probes are kept for their answers.
   std::vector<Wrapped> Takes();
-  std::string TakenData();               // of these, the data, "one two"
-  int TakenEnds();                       // of these, the words of farewell
-  void AnswersProbes(u8 relay_idx = 0);  // those taken since the last time
+  std::string TakenData();                   // of these, the data, "one two"
+  int TakenEnds();                           // of these, the words of farewell
+  void AnswersProbes(u8 relay_idx = 0);      // those taken since the last time
+  void ForgetsProbes() { probes_.clear(); }  // … which have no answer then
   void SendsData(const std::string& text, u32 seq = 0, u8 lost = 101);  // 0: the next number
   void SendsRaw(const std::string& bytes) { Send(data_, bytes, peer_); }
   void SendsDataFromTheWrongPort(const std::string& text);

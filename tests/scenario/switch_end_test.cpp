@@ -1,0 +1,129 @@
+// How a flow ends while a trial of another node runs, and what reaches a flow that has none. At
+// stake: every node that still holds the flow is told, once, and no socket stays behind.
+#include "tests/scenario/switch_bench.h"
+//
+#include "tests/unit/link_judge.h"
+
+namespace {
+
+using namespace switch_test;  // NOLINT
+
+class SwitchEnd : public SwitchBench {
+ protected:
+  void Ends() {
+    a.Takes();
+    b.Takes();
+    session.reset();
+  }
+  void ExpectNothingLeft() {
+    for (const auto& [socket, delegate] : loop.delegates) {
+      EXPECT_EQ(dynamic_cast<ISwitchEvent*>(delegate), nullptr) << socket;
+    }
+  }
+};
+
+SCENARIO_F(SwitchEnd, ClosingStopsItsProbes) {
+  IsCarried();
+  IsVerifying();
+  flow->SetClosing();
+  b.Takes();
+  HealthyTurns(50);
+  EXPECT_EQ(Results(), "");
+  EXPECT_TRUE(b.Takes().empty());
+  EXPECT_TRUE(a.Takes().empty()) << "nor are there any of the old link";
+}
+
+// While it negotiates it knows of no place to say farewell to.
+SCENARIO_F(SwitchEnd, WhileItNegotiates) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  Ends();
+  EXPECT_EQ(a.TakenEnds(), 1);
+  EXPECT_EQ(b.TakenEnds(), 0);
+  ExpectNothingLeft();
+}
+
+SCENARIO_F(SwitchEnd, WhileItIsVerified) {
+  IsCarried();
+  IsVerifying();
+  Ends();
+  EXPECT_EQ(a.TakenEnds(), 1);
+  const std::vector<Wrapped> farewell = b.Takes();
+  ASSERT_EQ(farewell.size(), 1u);
+  EXPECT_TRUE(farewell[0].IsEnd());
+  EXPECT_EQ(farewell[0].accl_token, b.accl_token);
+  EXPECT_EQ(farewell[0].seq, 2u);
+  ExpectNothingLeft();
+}
+
+SCENARIO_F(SwitchEnd, OnceItIsVerified) {
+  IsCarried();
+  IsVerified();
+  Ends();
+  EXPECT_EQ(a.TakenEnds(), 1);
+  EXPECT_EQ(b.TakenEnds(), 1);
+  ExpectNothingLeft();
+}
+
+SCENARIO_F(SwitchEnd, AfterItHasFailed) {
+  config.switching_max_real_route_lost = 0;
+  IsCarried();
+  IsVerifying();
+  while (Results().empty()) HealthyTurns(1);
+  Ends();
+  EXPECT_EQ(a.TakenEnds(), 1);
+  EXPECT_EQ(b.TakenEnds(), 0) << "a final state says nothing more";
+  ExpectNothingLeft();
+}
+
+SCENARIO_F(SwitchEnd, WhileTheRelayStopsNobodyIsTold) {
+  for (int stage = 0; stage < 4; ++stage) {
+    if (stage != 0) {
+      stopping = false;
+      loop.delegates.clear();
+      provider.Uninit();
+    }
+    if (stage == 0) IsCarried(), Fires();
+    if (stage == 1) IsCarried(), IsVerifying();
+    if (stage == 2) IsCarried(), IsVerified();
+    if (stage == 3) IsCarried(), IsTakenOver();
+    stopping = true;
+    Ends();
+    EXPECT_EQ(a.TakenEnds(), 0) << stage;
+    EXPECT_EQ(b.TakenEnds(), 0) << stage;
+    ExpectNothingLeft();
+    while (b.IsAsked()) {
+    }
+  }
+}
+
+// --- the parent's ear -------------------------------------------------------------------------
+
+SCENARIO_F(SwitchEnd, NewsWithoutOneChangeNothing) {
+  IsCarried();
+  flow->NotifySwitchState(kSwitchVerified);
+  flow->NotifySwitchState(kSwitchTakenOver);
+  EXPECT_FALSE(Logged("NotifySwitchState"));
+  GameSends("on");
+  Turn();
+  EXPECT_EQ(a.TakenData(), "on");
+}
+
+SCENARIO_F(SwitchEnd, NewsOfASocketThatHasBeenGivenAwayChangeNothing) {
+  IsCarried();
+  IsVerified();
+  const SOCKET new_sock = TrialSocket();
+  b.SendsData("proof");
+  loop.delegates[new_sock]->OnReadable(new_sock);
+  ASSERT_EQ(Results(), "0");
+  // It has ended and is not cleared away yet.
+  b.Takes();
+  flow->NotifySwitchState(kSwitchTakenOver);
+  EXPECT_EQ(Count("UdpRemoteSession::ReplaceSock"), 1);
+  EXPECT_EQ(b.TakenEnds(), 0);
+  GameSends("on");
+  Turn();
+  EXPECT_EQ(b.TakenData(), "on");
+}
+
+}  // namespace

@@ -1,0 +1,272 @@
+// What makes a flow ask for a burst of probes, and what a burst leads to. At stake: a link in
+// trouble is looked at within one slot of its windows, and one in health is left alone.
+#include "tests/scenario/switch_bench.h"
+//
+#include <functional>
+
+#include "tests/unit/link_judge.h"
+#include "tests/unit/wire_bytes.h"
+
+namespace {
+
+using namespace switch_test;  // NOLINT
+
+constexpr char kDead[] =
+    "[RecoverySwitch]the received packages in 2 seconds is 0, indicating dead link, so requesting "
+    "high freq test, token=77";
+constexpr char kShort[] =
+    "[RecoverySwitch]the received packages in 2 seconds is above 20 and lost ratio is above 20, "
+    "indicating lagging link, so requesting high freq test, token=77";
+constexpr char kLong[] =
+    "[RecoverySwitch]received packages in 5 seconds is above 30 and lost ratiois above 5, so "
+    "requesting high freq test, token=77";
+constexpr char kRoute[] =
+    "[RecoverySwitch]the received packages in 5 seconds is less than 30 and lost ratio is above "
+    "40, so requesting high freq test, token=77";
+
+bool Never(u32) { return false; }
+bool Always(u32) { return true; }
+std::function<bool(u32)> OneIn(u32 n) {
+  return [n](u32 seq) { return seq % n == 0; };
+}
+
+class SwitchTrigger : public SwitchBench {
+ protected:
+  // The node sends `per_turn` datagrams in every turn of 50 ms, unless they are lost, and answers
+  // every probe, unless that is lost.
+  struct Traffic {
+    u32 per_turn = 1;
+    std::function<bool(u32)> data_lost = Never;
+    std::function<bool(u32)> probe_lost = Never;
+    u8 lost = 101;  // what the node says of the way up
+  };
+  void Plays(int ms, const Traffic& traffic) {
+    for (int passed = 0; passed < ms; passed += 50) {
+      for (u32 i = 0; i < traffic.per_turn; ++i) {
+        if (!traffic.data_lost(a.next_seq)) {
+          a.SendsData("x", 0, traffic.lost);
+        } else {
+          ++a.next_seq;
+        }
+      }
+      Turn(50);
+      for (const Wrapped& one : a.Takes()) {
+        if (!one.IsProbe()) continue;
+        ++probes_;
+        if (traffic.probe_lost(one.seq)) a.ForgetsProbes();
+        a.AnswersProbes();
+      }
+    }
+  }
+  void Plays(int ms) { Plays(ms, Traffic{}); }
+  // "dead short long route", as often as each was logged.
+  std::string Triggers() const {
+    std::string all;
+    for (const char* line : {kDead, kShort, kLong, kRoute}) {
+      all += (all.empty() ? "" : " ") + std::to_string(Count(line));
+    }
+    return all;
+  }
+
+  int probes_ = 0;
+};
+
+SCENARIO_F(SwitchTrigger, AHealthyLinkIsProbedSeldomAndNeverTested) {
+  IsCarried();
+  Plays(60'000);
+  EXPECT_EQ(Triggers(), "0 0 0 0");
+  EXPECT_GE(probes_, 105);
+  EXPECT_LE(probes_, 110);
+}
+
+// The answers to the probes say that it is the game that is silent, not the link. Kept: not in the
+// first slot, which has only the probe from which they are counted, so that a young link has to be
+// left alone for longer than that.
+SCENARIO_F(SwitchTrigger, AQuietGameIsNotADeadLink) {
+  config.ignore_high_freq_test_time = 2;
+  IsCarried();
+  Traffic quiet;
+  quiet.per_turn = 0;
+  Plays(1'100, quiet);
+  EXPECT_EQ(Triggers(), "1 0 0 0");
+  Plays(30'000, quiet);
+  EXPECT_EQ(Triggers(), "1 0 0 0");
+  EXPECT_LE(probes_, 60) << "no burst";
+}
+
+SCENARIO_F(SwitchTrigger, NothingForAWindowIsADeadLink) {
+  config.ignore_high_freq_test_time = 3600;  // no burst: what is asked for shows in the log alone
+  IsCarried();
+  Plays(10'000);
+  Traffic dead;
+  dead.data_lost = dead.probe_lost = Always;
+  Plays(1'000, dead);
+  EXPECT_EQ(Triggers(), "0 0 0 0");
+  Plays(3'000, dead);
+  const int first = Count(kDead);
+  EXPECT_GE(first, 1);
+  EXPECT_LE(first, 2);
+  // From then on once a slot, which takes 21 turns here.
+  Plays(10'500, dead);
+  EXPECT_EQ(Count(kDead), first + 10);
+  EXPECT_EQ(Count(kShort) + Count(kLong) + Count(kRoute), 0) << "one reason at a time";
+}
+
+// Kept: with what it had last said of the way up, a loss of nothing expected comes out as another
+// code, and that counts as none. Then the probes alone show it, over the longer window.
+SCENARIO_F(SwitchTrigger, ANodeThatDiesWithALossOnItsLipsIsNoticedByItsProbesAlone) {
+  config.ignore_high_freq_test_time = 3600;
+  IsCarried();
+  Traffic lossy;
+  lossy.lost = 5;
+  Plays(10'000, lossy);
+  EXPECT_EQ(Count(kShort), 0);
+  const int before = Count(kLong);
+  EXPECT_GT(before, 0) << "five percent of the way up are five percent of the link";
+  Traffic dead;
+  dead.data_lost = dead.probe_lost = Always;
+  Plays(15'000, dead);
+  EXPECT_EQ(Count(kDead), 0);
+  EXPECT_GT(Count(kRoute), 5);
+}
+
+SCENARIO_F(SwitchTrigger, LossOverTheShortWindow) {
+  config.ignore_high_freq_test_time = 3600;
+  IsCarried();
+  Plays(10'000);
+  Traffic lossy;
+  lossy.data_lost = OneIn(5);
+  Plays(10'000, lossy);
+  EXPECT_GE(Count(kShort), 7);
+  EXPECT_EQ(Count(kDead) + Count(kRoute), 0);
+  EXPECT_LE(Count(kLong), 1) << "while the short window still held no more than a little";
+}
+
+SCENARIO_F(SwitchTrigger, LossOfTheWayUpAsTheNodeSaysIt) {
+  config.ignore_high_freq_test_time = 3600;
+  IsCarried();
+  Traffic lossy;
+  lossy.lost = 9;
+  Plays(10'000, lossy);
+  EXPECT_EQ(Count(kShort), 0);
+  lossy.lost = 10;
+  Plays(10'000, lossy);
+  EXPECT_GE(Count(kShort), 9);
+}
+
+// Of ten datagrams at least: fewer prove nothing about the short window.
+SCENARIO_F(SwitchTrigger, TheShortWindowNeedsTenDatagrams) {
+  config.ignore_high_freq_test_time = 3600;
+  config.short_cycle = 1;
+  IsCarried();
+  Traffic few;
+  few.data_lost = [](u32 seq) { return seq % 2 != 0 || seq % 20 == 0; };  // 9 of 20 arrive
+  Plays(15'000, few);
+  EXPECT_EQ(Count(kShort), 0) << log->Text();
+  EXPECT_GT(Count(kLong), 0) << "which has five times as many";
+}
+
+SCENARIO_F(SwitchTrigger, LossOverTheLongWindow) {
+  config.ignore_high_freq_test_time = 3600;
+  IsCarried();
+  Plays(10'000);
+  Traffic lossy;
+  lossy.data_lost = OneIn(20);
+  Plays(10'000, lossy);
+  EXPECT_GE(Count(kLong), 6);
+  EXPECT_EQ(Count(kDead) + Count(kShort) + Count(kRoute), 0);
+}
+
+SCENARIO_F(SwitchTrigger, LossBelowBothThresholdsIsLeftAlone) {
+  config.data_link_short_cycle_lost = 30;
+  config.data_link_long_cycle_lost = 30;
+  IsCarried();
+  Traffic lossy;
+  lossy.data_lost = OneIn(4);
+  Plays(20'000, lossy);
+  EXPECT_EQ(Triggers(), "0 0 0 0");
+}
+
+// A game that sends little: then the probes have the word, if they are lost.
+SCENARIO_F(SwitchTrigger, LossOfProbesWhereTheGameIsQuiet) {
+  config.ignore_high_freq_test_time = 3600;
+  config.data_link_long_cycle_pkg = 1000;
+  IsCarried();
+  Traffic lossy;
+  lossy.probe_lost = OneIn(3);
+  Plays(20'000, lossy);
+  EXPECT_GE(Count(kRoute), 10);
+  EXPECT_EQ(Count(kDead) + Count(kShort) + Count(kLong), 0);
+}
+
+SCENARIO_F(SwitchTrigger, LossOfProbesIsNoMatterWhereTheGamePlays) {
+  config.ignore_high_freq_test_time = 3600;
+  IsCarried();
+  Traffic lossy;
+  lossy.probe_lost = OneIn(3);
+  Plays(20'000, lossy);
+  EXPECT_EQ(Triggers(), "0 0 0 0");
+}
+
+// Probes that were never sent are no loss.
+SCENARIO_F(SwitchTrigger, ARouteWithoutProbesHasNoLoss) {
+  config.data_link_long_cycle_pkg = 1000;
+  IsCarried();
+  flow->SetClosing();  // no more probes
+  Plays(20'000);
+  EXPECT_EQ(probes_, 0);
+  EXPECT_EQ(Triggers(), "0 0 0 0");
+}
+
+SCENARIO_F(SwitchTrigger, ABurstIsTwentyProbesAtLeastAndEndsInAReportOfALossyRoute) {
+  config.switch_open = 0;
+  IsCarried();
+  Plays(10'000);
+  probes_ = 0;
+  Traffic lossy;
+  lossy.data_lost = lossy.probe_lost = OneIn(2);
+  Plays(5'000, lossy);
+  EXPECT_GE(probes_, 22);
+  EXPECT_GE(Count("[RecoverySwitch::Report]"), 1) << log->Text();
+  EXPECT_TRUE(Logged("[RecoverySwitch][IsAllowSwitch]switch_open is false"));
+  EXPECT_EQ(Trial(), nullptr);
+}
+
+SCENARIO_F(SwitchTrigger, ADeadLinkEndsInATrialOfAnotherNode) {
+  IsCarried();
+  Plays(10'000);
+  Traffic dead;
+  dead.data_lost = dead.probe_lost = Always;
+  for (int i = 0; i < 200 && !b.IsAsked(); ++i) Plays(50, dead);
+  EXPECT_EQ(test::Value(b.request.body.flags), 2u);
+  EXPECT_EQ(Count("[RecoverySwitch]switching is firing: count=0, proxy_idc=1"), 1);
+}
+
+// Nothing is looked at any more once all reports have been made: a link in trouble stays.
+SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
+  config.switch_open = 0;
+  config.max_link_except_rep_num = 1;
+  IsCarried();
+  Plays(10'000);
+  Traffic dead;
+  dead.data_lost = dead.probe_lost = Always;
+  for (int i = 0; i < 200 && Count("[RecoverySwitch::Report]") == 0; ++i) Plays(50, dead);
+  ASSERT_EQ(Count("[RecoverySwitch::Report]"), 1);
+  const std::string before = Triggers();
+  Plays(60'000, dead);
+  EXPECT_EQ(Triggers(), before);
+  EXPECT_EQ(Count("[RecoverySwitch::Report]"), 1);
+}
+
+// The clock of the looks starts again with a link.
+SCENARIO_F(SwitchTrigger, ALinkThatIsNotMeasuredIsNotLookedAt) {
+  image.proxies[0].flag = 4;
+  IsCarried();
+  Traffic dead;
+  dead.data_lost = dead.probe_lost = Always;
+  Plays(20'000, dead);
+  EXPECT_EQ(Triggers(), "0 0 0 0");
+  EXPECT_TRUE(Logged("[RecoverySwitch][IsAllowCalc], flag not allow calc, flag=4, proxy_idc=1"));
+}
+
+}  // namespace
