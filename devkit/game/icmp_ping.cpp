@@ -79,7 +79,8 @@ void IcmpPing::Receive() {
       continue;
     }
     const uint64_t sent = std::exchange(sent_us_[sequence], 0);
-    round_trips_us_.push_back(static_cast<uint32_t>(NowUs() - sent));
+    latest_us_ = static_cast<uint32_t>(NowUs() - sent);
+    round_trips_us_.push_back(latest_us_);
   }
 }
 

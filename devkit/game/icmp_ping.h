@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "game/sockets.h"
@@ -24,6 +25,8 @@ class IcmpPing {
   bool is_open() const { return socket_.is_open(); }
   unsigned sent() const { return static_cast<unsigned>(sent_us_.size()); }
   const std::vector<uint32_t>& round_trips_us() const { return round_trips_us_; }
+  // The latest answer since the last question; 0 where there was none.
+  uint32_t TakeLatestUs() { return std::exchange(latest_us_, 0); }
 
  private:
   const sockaddr_in server_;
@@ -31,6 +34,7 @@ class IcmpPing {
   uint16_t identifier_ = 0;
   std::vector<uint64_t> sent_us_;  // by sequence number; 0 once answered
   std::vector<uint32_t> round_trips_us_;
+  uint32_t latest_us_ = 0;
 };
 
 // The Internet checksum of that many bytes, ready to be copied into them.

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "game/heartbeat.h"
 #include "game/icmp_ping.h"
@@ -22,6 +23,8 @@ constexpr int64_t kLongestWaitUs = 5000;  // answers to pings are asked for at l
 constexpr unsigned kGoodbyeWaitMs = 2000;
 
 double Percent(uint32_t part, uint32_t whole) { return whole == 0 ? 0 : part * 100.0 / whole; }
+
+std::string InMs(uint32_t us) { return us == 0 ? "-" : std::to_string(us / 1000) + " ms"; }
 
 Json FiguresJson(const PingFigures& figures) {
   return {{"min", figures.min_ms}, {"avg", figures.avg_ms}, {"max", figures.max_ms},
@@ -120,10 +123,11 @@ class Game {
       sent += server.sent;
       answered += server.answers.received();
     }
-    const uint32_t latest_us = beats_.TakeLatestUs();
-    std::printf("%4llu s  ping %s  answered %u of %u\n", static_cast<unsigned long long>(second),
-                latest_us == 0 ? "-" : (std::to_string(latest_us / 1000) + " ms").c_str(), answered,
-                sent);
+    uint32_t icmp_us = 0;
+    for (IcmpPing& ping : pings_) icmp_us = std::max(icmp_us, ping.TakeLatestUs());
+    const std::string icmp = options_.ping ? "  ICMP ping " + InMs(icmp_us) : "";
+    std::printf("%4llu s  ping %s%s  answered %u of %u\n", static_cast<unsigned long long>(second),
+                InMs(beats_.TakeLatestUs()).c_str(), icmp.c_str(), answered, sent);
     std::fflush(stdout);
   }
 
