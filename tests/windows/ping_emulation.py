@@ -2,9 +2,11 @@
 when its route's delay is over; every other one really goes out. The native side listens to all
 echo requests of the bed, so that it knows which did."""
 
+import json
 import re
 import socket
 import struct
+import subprocess
 import threading
 
 import relay_bench
@@ -20,10 +22,12 @@ UNKNOWN = "198.51.100.13"  # in no table
 EARLY_MS = 5
 LATE_MS = 200
 FORGED_TTL, REAL_TTL = 54, 64
+GAME_PORT = 7000
+BEAT_MS = 30  # what the sample game's server waits
 IN_FLIGHT = 520  # more than are kept without an allocation
 
 TABLES = (
-    relay_bench.GAMES
+    relay_bench.GAMES.replace("['TCP']", "['TCP', 'UDP']")
     + """
 [[node]]
 proxy_name = 'node zero'
@@ -83,10 +87,13 @@ class Stage:
         self.checks = support.Checks()
         self.runner = support.Runner(arguments)
         self.folder = self.runner.stage(arguments.probes / "ping_game.exe", "Game.exe")
+        self.sample = self.runner.stage(self.runner.bin / "vyr_game.exe", "vyr_game.exe")
+        self.native_game = arguments.game
         self.network = Network()
         self.seen = 0
         self.marker = 1000
-        self.bench = relay_bench.Bench(arguments, self.runner, [self.folder / "Game.exe"], 0, TABLES)
+        games = [self.folder / "Game.exe", self.sample / "vyr_game.exe"]
+        self.bench = relay_bench.Bench(arguments, self.runner, games, 0, TABLES)
 
     def went_out(self):
         """What has reached the network since the last question."""
@@ -168,8 +175,43 @@ def check_log(stage):
         stage.checks.that(words in log, f"the log says {words!r}")
 
 
+def play(stage, options):
+    """What the sample game saw: the figures of its beats, and of its pings beside them."""
+    result = stage.runner.launch(
+        stage.sample, "vyr_game.exe",
+        ["play", f"{RELAYED}:{GAME_PORT}", "--ping", "--json", "--seconds", "2.5"], options,
+    )  # fmt: skip
+    if not stage.checks.that(result.code == 0 and result.output, "the sample game plays", result.errors):
+        return None, None
+    summary = json.loads(result.output)
+    beats, pings = summary["servers"][0], summary["icmp"][0]
+    stage.checks.equal((beats["lost"], pings["received"]), (0, pings["sent"]), "all is answered")
+    return beats["ping_ms"], pings["ping_ms"]
+
+
+def check_sample_game(stage):
+    """Its beats are the same both ways, since the bed has no distances; its ping is not."""
+    command = [stage.native_game, "serve", f"{RELAYED}:{GAME_PORT}", "--delay-ms", str(BEAT_MS)]
+    server = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+    stage.bench.running.callback(server.wait, support.LONGEST_RUN_S)
+    stage.bench.running.callback(server.terminate)
+    server.stdout.readline()
+    for way, options, pings_ms in (("without", ["--bare"], (0, 15)), ("with", [], (16, 222))):
+        beats, pings = play(stage, options)
+        if beats is None:
+            continue
+        said = f"{way} the library: beats {beats['p50']:.1f} ms, pings {pings['p50']:.1f} ms"
+        print(said)
+        stage.checks.that(BEAT_MS - 1 <= beats["p50"] <= BEAT_MS + LATE_MS, said)
+        stage.checks.that(pings_ms[0] <= pings["min"] <= pings_ms[1], said)
+    stage.checks.that(stage.bench.node.named("flow_opened"), "its beats went through the node",
+                      str(stage.bench.node.events))  # fmt: skip
+
+
 def main():
-    stage = Stage(relay_bench.parse_arguments())
+    native_game = ("--game", {"type": support.pathlib.Path, "required": True})
+    node = ("--node", {"type": support.pathlib.Path, "required": True})
+    stage = Stage(support.parse_arguments(node, native_game))
     with stage.bench.running:
         game = stage.start(stage.folder / "Game.exe")
         check_answers(stage, game)
@@ -179,6 +221,7 @@ def main():
         nobody = stage.runner.stage(stage.runner.probes / "ping_game.exe", "Nobody.exe") / "Nobody.exe"
         other = stage.start(nobody)
         check_goes_out(stage, other, f"ping {RELAYED} 64", RELAYED, 64)
+        check_sample_game(stage)
     stage.checks.end()
 
 
