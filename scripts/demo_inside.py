@@ -219,7 +219,7 @@ class Story:
         with FilmPeer(FILM_SERVER) as peer:
             sent = send_film(self.launcher(), FILM_SERVER, folder)
             demo_bed.wait_until(lambda: peer.size() >= len(sent), 5, "the film's last datagram")
-        flow = demo_bed.wait_until(lambda: nodes[0].named("flow_closed"), 5, "the flow's end")[-1]
+        flow = list(nodes[0].flows().values())[-1]
         say("sent", f"{len(sent) // TS_PACKET} MPEG-TS packets, sha256 {sha256(sent)[:16]}…")
         say("node one", f"carried {flow['datagrams_to_server']} datagrams to {flow['game']}")
         got = b"".join(peer.datagrams)
@@ -240,19 +240,21 @@ class Story:
         logs = self.drive_c / "vyr/game_log"
         logs.mkdir()
         tables = self.work / "game.toml"
-        tables.write_text(switch_run.tables([GAME], "C:\\vyr\\game_log\\"))
+        tables.write_text(switch_run.game([GAME], "C:\\vyr\\game_log\\") + switch_run.ROUTES)
         server = demo_bed.GameServer(self.native / "vyr_game", switch_run.SERVER)
         nodes = switch_run.start_nodes(self.native / "vyr_node")
         with demo_bed.Client(self.programs, tables), \
                 demo_bed.Watcher(self.programs, self.page) as watcher:
             game = wine(*self.launcher("--", GAME))
+            lost_before = demo_bed.machine_lost()
             facts = switch_run.Run(nodes, game, logs).play(seed=1)
+            machine_lost = demo_bed.machine_lost() - lost_before
         seen = server.end()["players"]
         for node in nodes:
             node.end()
-        self.tell(facts, seen, watcher)
+        self.tell(facts, seen, watcher, machine_lost)
 
-    def tell(self, facts, seen, watcher):
+    def tell(self, facts, seen, watcher, machine_lost):
         game, summary = facts.game, facts.summary
         say("the game", f"{game['sent']} beats, 30 a second, ping {game['ping_ms']['p50']:.0f} ms; "
             f"its lobby (TCP) and its ICMP ping beside: {summary['icmp'][0]['ping_ms']['p50']:.0f} ms")
@@ -267,13 +269,15 @@ class Story:
             f"{facts.lost_down} on their way down")
         say("lost by the library", f"{facts.library_lost_up} and {facts.library_lost_down}; "
             f"{game['duplicated']} duplicated, {game['reordered']} out of order")
+        if machine_lost:
+            say("lost by the machine", f"{machine_lost}, since it is too busy to be a network")
         say("the game's port", f"{game['own_port_begin']} before, {game['own_port_end']} after; "
             f"every answer came from {switch_run.SERVER}")
         say("the server", f"saw {seen[0]['address']} last, {seen[0]['address_changes']} move")
         switched = [report for report in watcher.named("recovery_switch")]
         say("reports", f"{len(watcher.reports)}, {len(switched)} of a change of node")
         say("the page", os.path.relpath(self.page, demo_bed.TREE))
-        if troubles := facts.troubles():
+        if troubles := facts.troubles(machine_lost):
             raise Failed("; ".join(troubles))
         print("The game played on. It noticed nothing but what the network lost.")
 
