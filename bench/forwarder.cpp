@@ -1,18 +1,32 @@
 #include "bench/forwarder.h"
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 
 namespace bench {
 namespace {
+
+constexpr int kListenTries = 500;
+constexpr useconds_t kListenPauseUs = 10'000;
+
+bool Listens(const sockaddr_in& address) {
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool connected =
+      connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  close(s);
+  return connected;
+}
 
 double CpuSecondsOf(pid_t pid) {
   clockid_t clock;
@@ -61,15 +75,42 @@ bool HasProgram(const std::string& name) {
   return false;
 }
 
-double CpuSecondsOfGroup(pid_t group) {
-  double sum = 0;
+ProcessorUse::ProcessorUse(std::vector<pid_t> groups)
+    : groups_(std::move(groups)), before_(SecondsOfEach()) {}
+
+std::map<pid_t, double> ProcessorUse::SecondsOfEach() const {
+  std::map<pid_t, double> seconds;
+  if (groups_.empty()) return seconds;
   DIR* const processes = opendir("/proc");
   while (const dirent* entry = readdir(processes)) {
     const pid_t pid = std::atoi(entry->d_name);
-    if (pid > 0 && getpgid(pid) == group) sum += CpuSecondsOf(pid);
+    const bool counts =
+        pid > 0 && std::find(groups_.begin(), groups_.end(), getpgid(pid)) != groups_.end();
+    if (counts) seconds[pid] = CpuSecondsOf(pid);
   }
   closedir(processes);
+  return seconds;
+}
+
+double ProcessorUse::Seconds() const {
+  double sum = 0;
+  for (const auto& [pid, seconds] : SecondsOfEach()) {
+    const auto before = before_.find(pid);
+    sum += std::max(seconds - (before != before_.end() ? before->second : 0), 0.0);
+  }
   return sum;
+}
+
+bool WaitForListener(const std::string& address, std::uint16_t port) {
+  sockaddr_in wanted = {};
+  wanted.sin_family = AF_INET;
+  wanted.sin_port = htons(port);
+  inet_pton(AF_INET, address.c_str(), &wanted.sin_addr);
+  for (int i = 0; i < kListenTries; ++i) {
+    if (Listens(wanted)) return true;
+    usleep(kListenPauseUs);
+  }
+  return false;
 }
 
 }  // namespace bench

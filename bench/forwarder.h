@@ -3,7 +3,9 @@
 #pragma once
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,7 +35,21 @@ class Forwarder {
 // Whether a program can be found by that name.
 bool HasProgram(const std::string& name);
 
-// What the processes of a group have used so far, those that still live.
-double CpuSecondsOfGroup(pid_t group);
+// What the processes of some groups use from now on.
+class ProcessorUse {
+ public:
+  explicit ProcessorUse(std::vector<pid_t> groups);
+  // So far, by those that live now: one that has ended meanwhile had nothing to do.
+  double Seconds() const;
+
+ private:
+  std::map<pid_t, double> SecondsOfEach() const;
+
+  const std::vector<pid_t> groups_;
+  const std::map<pid_t, double> before_;
+};
+
+// True once somebody listens there; false after some seconds.
+bool WaitForListener(const std::string& address, std::uint16_t port);
 
 }  // namespace bench

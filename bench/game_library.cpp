@@ -17,6 +17,7 @@
 #include "port/shared/process.h"
 #include "port/shared/winsock.h"
 #include "provider/catalogue.h"
+#include "quality/link_identity.h"
 #include "route/decision.h"
 #include "route/ip_table_formats.h"
 #include "route/restriction_formats.h"
@@ -50,7 +51,21 @@ void SetHeader(Region* region) {
   region->header = {sizeof(Region), common::kSharedMemMajorVersion, common::kSharedMemMinorVersion};
 }
 
-void ListGame() {
+constexpr u32 kADayMs = 86'400'000;
+constexpr common::u16 kALongTimeS = 0xFFFF;
+
+// The widest thresholds: nothing that a loaded machine does to a link has it changed.
+void SetCare(Care care, AccConfigRecord* game) {
+  game->norm_test_interval = care == Care::kNoProbes || care == Care::kNoMeasure ? kADayMs : 0;
+  game->ignore_high_freq_test_time = kALongTimeS;
+  game->link_switch_mask = care == Care::kNoMeasure ? 0 : 0xFF;
+  game->max_delay_avg = 0xFFFF;
+  game->max_delay_amp = 0xFFFF;
+  game->max_real_route_lost = 100;
+  common::SetFieldText(game->list_text, std::to_string(game->game_id));
+}
+
+void ListGame(Care care) {
   auto* const region = MakeRegion<RestrictionRegion>(kRestrictionRegionName);
   SetHeader(region);
   AccConfigRecord& game = region->games[0];
@@ -65,6 +80,7 @@ void ListGame() {
   common::SetFieldText(game.uin, "20001");
   common::SetFieldText(game.log_path, "C:\\logs\\");
   game.log_level = kQuiet;
+  SetCare(care, &game);
 }
 
 void ListServer(const std::string& server) {
@@ -90,6 +106,7 @@ void WriteRoute(const LibrarySetup& setup) {
   common::SetFieldText(proxy.proxy_addr, through_node ? setup.node : "198.51.100.29");
   proxy.proxy_port = setup.node_port;
   proxy.surport_isps = 1;
+  proxy.flag = kLinkMayBeMeasured;
   RouteSet& routes = image.route_sets[0];
   routes.route_count = 1;
   routes.routes[0].game_idc = kServerIdc;
@@ -116,7 +133,7 @@ void Register() {
 void InstallLibrary(const LibrarySetup& setup) {
   port::SetProcess(kGamePath, "game.exe", 4321);
   port::SetFileRoot(setup.folder);
-  ListGame();
+  ListGame(setup.care);
   ListServer(setup.server);
   WriteRoute(setup);
   Register();

@@ -6,11 +6,20 @@
 
 namespace bench {
 
+// What the library does for a flow of datagrams besides carrying it.
+enum class Care : std::uint8_t {
+  kAll,        // as for a game whose links are watched: probes, losses, statistics
+  kNoProbes,   // but no probe is ever due
+  kNoMeasure,  // nor does it count what is lost
+  kNoTracker,  // everything but statistics and reports
+};
+
 struct LibrarySetup {
   std::string server;  // the game server; everything else stays direct
   std::string node;    // empty: its connections are relayed, but to no node
   std::uint16_t node_port = 0;
   std::string folder;  // C: of this process
+  Care care = Care::kAll;
 };
 
 // Call before the first socket, from the only thread. It cannot be undone.

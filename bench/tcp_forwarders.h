@@ -12,7 +12,4 @@ std::vector<std::string> SocatCommand(std::uint16_t from, const std::string& to,
 std::vector<std::string> HaproxyCommand(const std::string& folder, std::uint16_t from,
                                         const std::string& to, std::uint16_t to_port);
 
-// True once somebody listens there; false after some seconds.
-bool WaitForListener(const std::string& address, std::uint16_t port);
-
 }  // namespace bench

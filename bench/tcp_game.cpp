@@ -143,7 +143,7 @@ class Crowd {
     std::vector<std::thread> threads;
     for (std::uint32_t i = 0; i < order_.connections; ++i) threads.emplace_back([this] { One(); });
     line_.arrive_and_wait();  // all are connected
-    const double forwarders = ForwarderSeconds();
+    const ProcessorUse forwarders(options_.forwarders);
     const double process = Seconds(CLOCK_PROCESS_CPUTIME_ID);
     const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
     const double begin = Seconds(CLOCK_MONOTONIC);
@@ -152,19 +152,13 @@ class Crowd {
     outcome->seconds = Seconds(CLOCK_MONOTONIC) - begin;
     const double mine = Seconds(CLOCK_THREAD_CPUTIME_ID) - own + game_cpu_s_;
     outcome->library_cpu_s = Seconds(CLOCK_PROCESS_CPUTIME_ID) - process - mine;
-    outcome->forwarder_cpu_s = ForwarderSeconds() - forwarders;
+    outcome->forwarder_cpu_s = forwarders.Seconds();
     line_.arrive_and_wait();  // all may close
     for (std::thread& thread : threads) thread.join();
     return failures_ == 0;
   }
 
  private:
-  double ForwarderSeconds() const {
-    double sum = 0;
-    for (const pid_t group : options_.forwarders) sum += CpuSecondsOfGroup(group);
-    return sum;
-  }
-
   void One() {
     Connection connection(options_);
     connection.Ask('e', 1);

@@ -38,7 +38,7 @@ case "${1:-}" in
 esac
 
 # Wanted; whatever needs one of these says so and is left out where it cannot be had.
-wanted=(wine wine32:i386 clang socat haproxy chromium)
+wanted=(wine wine32:i386 clang socat haproxy libnginx-mod-stream chromium)
 command -v npm >/dev/null 2>&1 || wanted+=(npm)
 runtime=$(clang_runtime)
 wanted+=("${runtime:-libclang-rt-14-dev}")
@@ -92,6 +92,14 @@ if [ ${#need[@]} -gt 0 ] && ! install "${need[@]}"; then
   echo "setup: these could not be installed: $(missing "${need[@]}" | tr '\n' ' ')" >&2
   tail -n 15 "$log" >&2
   exit 1
+fi
+# A benchmark starts nginx itself. What comes with the package is a web server for the whole machine,
+# which nobody asked for: masked, it starts neither now nor later.
+unit=/etc/systemd/system/nginx.service
+if printf '%s\n' "${want[@]}" | grep -q nginx && ! installed nginx &&
+   [ -d "${unit%/*}" ] && [ ! -e "$unit" ] && [ ! -L "$unit" ]; then
+  ln -s /dev/null "$unit"
+  echo "setup: nginx comes for a benchmark, its service masked ('systemctl unmask nginx' undoes that)"
 fi
 for package in "${want[@]}"; do
   install "$package" || echo "setup: $package cannot be had here; what needs it is left out"

@@ -1,0 +1,297 @@
+#include "bench/udp_game.h"
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <winsock2.h>
+
+#include <algorithm>
+#include <atomic>
+#include <barrier>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <thread>
+#include <utility>
+
+#include "bench/allocations.h"
+#include "bench/forwarder.h"
+#include "tracker/tracker.h"
+
+namespace bench {
+namespace {
+
+constexpr int kMessageBytes = 100;  // what a game sends at a time
+constexpr DWORD kLostAfterMs = 2000;
+constexpr int kOpenTries = 5;
+constexpr std::uint32_t kWarmUpWindows = 8;
+
+double Seconds(clockid_t clock) {
+  timespec now = {};
+  clock_gettime(clock, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+class Flow {
+ public:
+  explicit Flow(const DatagramGameOptions& options)
+      : socket_(socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP)) {
+    server_.sin_family = AF_INET;
+    server_.sin_port = htons(options.port);
+    server_.sin_addr.s_addr = static_cast<in_addr_t>(inet_addr(options.address.c_str()));
+    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&kLostAfterMs),
+               sizeof kLostAfterMs);
+    for (int i = 0; i < kOpenTries && !opened_; ++i) opened_ = RoundTrip();
+  }
+  ~Flow() { closesocket(socket_); }
+  Flow(const Flow&) = delete;
+  Flow& operator=(const Flow&) = delete;
+
+  bool opened() const { return opened_; }
+  std::uint64_t lost() const { return lost_; }
+
+  bool RoundTrip() {
+    Send();
+    if (Receive()) return true;
+    ++lost_;
+    return false;
+  }
+
+  // How many round trips of so many came to their end.
+  std::uint64_t Stream(std::uint64_t round_trips, std::uint32_t window) {
+    std::uint64_t sent = 0, done = 0, under_way = 0;
+    for (;;) {
+      for (; under_way < window && sent < round_trips; ++sent, ++under_way) Send();
+      if (under_way == 0) return done;
+      if (Receive()) {
+        --under_way;
+        ++done;
+      } else {
+        lost_ += std::exchange(under_way, 0);
+      }
+    }
+  }
+
+  void ForgetLosses() { lost_ = 0; }
+
+ private:
+  void Send() {
+    std::memcpy(message_, &++number_, sizeof number_);
+    sendto(socket_, message_, sizeof message_, 0, reinterpret_cast<const sockaddr*>(&server_),
+           sizeof server_);
+  }
+
+  // Whoever it comes from must be the server, as the game knows it.
+  bool Receive() {
+    char bytes[kMessageBytes];
+    sockaddr_in from = {};
+    int from_size = sizeof from;
+    return recvfrom(socket_, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr*>(&from),
+                    &from_size) == kMessageBytes &&
+           from.sin_port == server_.sin_port && from.sin_addr.s_addr == server_.sin_addr.s_addr;
+  }
+
+  const SOCKET socket_;
+  sockaddr_in server_ = {};
+  bool opened_ = false;
+  std::uint64_t lost_ = 0;
+  std::uint64_t number_ = 0;  // no two datagrams on their way are the same
+  char message_[kMessageBytes] = {};
+};
+
+// What the library tells its client of new flows is written behind their back, soon after they have
+// come. Waits until that is over.
+void Settle() {
+  constexpr useconds_t kQuietUs = 150'000;
+  constexpr int kMost = 20;
+  std::uint64_t before = 0;
+  for (int i = 0; i < kMost && std::exchange(before, Allocations()) != Allocations(); ++i) {
+    usleep(kQuietUs);
+  }
+}
+
+// What everything costs from its begin to its end.
+class Meter {
+ public:
+  explicit Meter(const DatagramGameOptions& options)
+      : forwarders_(options.forwarders),
+        process_(Seconds(CLOCK_PROCESS_CPUTIME_ID)),
+        allocations_(Allocations()),
+        begin_(Seconds(CLOCK_MONOTONIC)) {}
+
+  void Tell(double game_cpu_s, DatagramOutcome* outcome) const {
+    outcome->seconds = Seconds(CLOCK_MONOTONIC) - begin_;
+    outcome->allocations = Allocations() - allocations_;
+    outcome->game_cpu_s = game_cpu_s;
+    outcome->library_cpu_s =
+        std::max(Seconds(CLOCK_PROCESS_CPUTIME_ID) - process_ - game_cpu_s, 0.0);
+    outcome->forwarder_cpu_s = forwarders_.Seconds();
+  }
+
+ private:
+  const ProcessorUse forwarders_;
+  const double process_;
+  const std::uint64_t allocations_;
+  const double begin_;
+};
+
+// A game's flows, all open.
+class Flows {
+ public:
+  Flows(const DatagramGameOptions& options, const DatagramOrder& order)
+      : options_(options), order_(order) {
+    for (std::uint32_t i = 0; i < order.flows; ++i) {
+      flows_.push_back(std::make_unique<Flow>(options));
+      opened_ = opened_ && flows_.back()->opened();
+    }
+  }
+
+  bool opened() const { return opened_; }
+
+  // One after the other, in this thread.
+  void InTurn(DatagramOutcome* outcome) {
+    std::vector<double> times;
+    times.reserve(order_.round_trips * order_.flows);
+    Warm(*flows_[0]);
+    if (order_.settle) Settle();
+    const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
+    const Meter meter(options_);
+    for (std::uint64_t i = 0; i < order_.round_trips * order_.flows; ++i) {
+      if (order_.task == DatagramTask::kPaced) WaitFor(i);
+      const double begin = Seconds(CLOCK_MONOTONIC);
+      if (!flows_[i % order_.flows]->RoundTrip()) continue;
+      times.push_back((Seconds(CLOCK_MONOTONIC) - begin) * 1e6);
+    }
+    meter.Tell(Seconds(CLOCK_THREAD_CPUTIME_ID) - own, outcome);
+    TellTimes(std::move(times), outcome);
+  }
+
+  // All at once, each in a thread of its own.
+  void AtOnce(DatagramOutcome* outcome) {
+    std::barrier line(static_cast<std::ptrdiff_t>(order_.flows) + 1);
+    std::atomic<double> game_cpu_s{0};
+    std::atomic<std::uint64_t> round_trips{0};
+    std::vector<std::thread> threads;
+    for (const auto& flow : flows_) {
+      threads.emplace_back([&, one = flow.get()] {
+        Warm(*one);
+        line.arrive_and_wait();
+        const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
+        line.arrive_and_wait();  // go
+        round_trips += one->Stream(order_.round_trips, order_.window);
+        game_cpu_s += Seconds(CLOCK_THREAD_CPUTIME_ID) - own;
+        line.arrive_and_wait();
+      });
+    }
+    line.arrive_and_wait();  // all are warm
+    if (order_.settle) Settle();
+    const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
+    const Meter meter(options_);
+    line.arrive_and_wait();
+    line.arrive_and_wait();  // all are done
+    meter.Tell(game_cpu_s + Seconds(CLOCK_THREAD_CPUTIME_ID) - own, outcome);
+    outcome->round_trips = round_trips;
+    for (std::thread& thread : threads) thread.join();
+  }
+
+  std::uint64_t Lost() const {
+    std::uint64_t sum = 0;
+    for (const auto& flow : flows_) sum += flow->lost();
+    return sum;
+  }
+
+ private:
+  // The first datagrams fill pools and caches.
+  void Warm(Flow& flow) const {
+    flow.Stream(std::uint64_t{kWarmUpWindows} * order_.window, order_.window);
+    flow.ForgetLosses();
+  }
+
+  void WaitFor(std::uint64_t turn) {
+    constexpr std::int64_t kNs = 1'000'000'000;
+    if (turn == 0) clock_gettime(CLOCK_MONOTONIC, &next_);
+    const std::int64_t at = next_.tv_nsec + kNs / order_.hertz / order_.flows;
+    next_.tv_sec += at / kNs;
+    next_.tv_nsec = at % kNs;
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next_, nullptr);
+  }
+
+  static void TellTimes(std::vector<double> times, DatagramOutcome* outcome) {
+    outcome->round_trips = times.size();
+    if (times.empty()) return;
+    std::sort(times.begin(), times.end());
+    outcome->median_us = times[times.size() / 2];
+    outcome->p99_us = times[times.size() * 99 / 100];
+  }
+
+  const DatagramGameOptions& options_;
+  const DatagramOrder& order_;
+  std::vector<std::unique_ptr<Flow>> flows_;
+  bool opened_ = true;
+  timespec next_ = {};
+};
+
+DatagramOutcome Carry(const DatagramGameOptions& options, const DatagramOrder& order) {
+  DatagramOutcome outcome = {};
+  Flows flows(options, order);
+  if (!flows.opened()) return outcome;
+  if (order.task == DatagramTask::kStream) {
+    flows.AtOnce(&outcome);
+  } else {
+    flows.InTurn(&outcome);
+  }
+  outcome.lost = flows.Lost();
+  // A relay that nothing went through has not been measured.
+  outcome.worked = outcome.round_trips > 0 &&
+                   (!options.with_library || outcome.library_cpu_s > outcome.game_cpu_s / 100) &&
+                   (options.forwarders.empty() || outcome.forwarder_cpu_s > 0);
+  return outcome;
+}
+
+[[noreturn]] void Live(const DatagramGameOptions& options, int orders, int outcomes) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (options.with_library) {
+    if (options.library.care == Care::kNoTracker) RefuseNextAllocation();
+    moru_vyr::lsp::GetTracker();  // built now, where there may be no memory for it
+    InstallLibrary(options.library);
+  }
+  WSADATA data;
+  WSAStartup(MAKEWORD(2, 2), &data);
+  DatagramOrder order;
+  while (read(orders, &order, sizeof order) == static_cast<ssize_t>(sizeof order)) {
+    const DatagramOutcome outcome = Carry(options, order);
+    if (write(outcomes, &outcome, sizeof outcome) < 0) break;
+  }
+  _exit(0);
+}
+
+}  // namespace
+
+DatagramGame::DatagramGame(const DatagramGameOptions& options) {
+  int orders[2];
+  int outcomes[2];
+  if (pipe(orders) != 0 || pipe(outcomes) != 0) return;
+  pid_ = fork();
+  if (pid_ == 0) Live(options, orders[0], outcomes[1]);
+  close(orders[0]);
+  close(outcomes[1]);
+  orders_ = orders[1];
+  outcomes_ = outcomes[0];
+}
+
+DatagramGame::~DatagramGame() {
+  close(orders_);
+  close(outcomes_);
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+}
+
+DatagramOutcome DatagramGame::Does(const DatagramOrder& order) {
+  DatagramOutcome outcome = {};
+  if (write(orders_, &order, sizeof order) < 0) return outcome;
+  if (read(outcomes_, &outcome, sizeof outcome) != static_cast<ssize_t>(sizeof outcome)) return {};
+  return outcome;
+}
+
+}  // namespace bench
