@@ -3,8 +3,10 @@
 
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "client/problems.h"
+#include "client/switch_advice.h"
 #include "client/tables.h"
 
 namespace client {
@@ -12,8 +14,12 @@ namespace client {
 struct ConfigFile {
   std::unique_ptr<Tables> tables;  // never null; of use only when `problems` holds no error
   unsigned game_count = 0;
-  Problems problems;  // in the order of the file
+  Problems problems;                 // in the order of the file
+  std::vector<SwitchAdvice> advice;  // of files without an error
 };
+
+// Every warning, those of `advice` among them, in the order of the file.
+Problems AllProblems(const ConfigFile& file);
 
 // Reads TOML. Every offence against the field table is found in one go; only a file that is no
 // TOML at all ends at its first mistake.

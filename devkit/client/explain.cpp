@@ -11,6 +11,7 @@
 #include "client/reason_words.h"
 #include "client/text_rules.h"
 #include "common/text.h"
+#include "quality/link_thresholds.h"
 #include "route/acc_config.h"
 #include "route/acc_mode.h"
 #include "route/decision.h"
@@ -68,8 +69,8 @@ Way WayOf(const RouteProxyInfo& proxy) {
 
 class Explainer {
  public:
-  Explainer(const Tables& tables, const Question& question)
-      : tables_(tables), question_(question), route_(std::make_unique<Route>()) {}
+  Explainer(const Tables& tables, const Question& question, const std::vector<SwitchAdvice>& advice)
+      : tables_(tables), question_(question), advice_(advice), route_(std::make_unique<Route>()) {}
 
   Explanation Run() {
     const AccConfigRecord* const game = FindGame(tables_, question_.game);
@@ -81,6 +82,9 @@ class Explainer {
     Describe(*game);
     LoadAsTheGame(*game);
     if (AskGame() && AskNeedRelay()) AskMakeDecision();
+    if (out_.accelerated && question_.udp) {
+      TakeWarnings(static_cast<uint32_t>(game - tables_.restriction.games));
+    }
     if (out_.acc_reason) out_.reason = ReasonWords(*out_.acc_reason);
     return out_;
   }
@@ -399,10 +403,18 @@ class Explainer {
                                     [](const Way& candidate) { return candidate.would_be_taken; });
     if (can_move && !listed) add(after.selected_proxy);  // the user's own, which is never cached
     const std::string same = "last node " + Number(info_.selected_proxy.last_node);
-    out_.switching = can_move ? "ways to the same " + same
+    const uint32_t wait = thresholds::LinkSwitchMinInterMs(*GetAccConfig()) / 1000;
+    out_.switching = can_move ? "ways to the same " + same + ", no sooner than " + Number(wait) +
+                                    " s after the machine's start and after an earlier move"
                      : info_.selected_proxy.last_node == 0
                          ? "none, because the way names no last node"
                          : "none: no other way leads to the same " + same;
+  }
+
+  void TakeWarnings(uint32_t game) {
+    for (const SwitchAdvice& advice : advice_) {
+      if (advice.game == game) out_.warnings.push_back(advice.problem);
+    }
   }
 
   // --- helpers ---
@@ -425,6 +437,7 @@ class Explainer {
 
   const Tables& tables_;
   const Question& question_;
+  const std::vector<SwitchAdvice>& advice_;
   const std::unique_ptr<Route> route_;
   AccDecisionInfo info_;
   Explanation out_;
@@ -445,8 +458,9 @@ std::optional<Question> ParseQuestion(const std::string& destination, const std:
   return question;
 }
 
-Explanation Explain(const Tables& tables, const Question& question) {
-  return Explainer(tables, question).Run();
+Explanation Explain(const Tables& tables, const Question& question,
+                    const std::vector<SwitchAdvice>& advice) {
+  return Explainer(tables, question, advice).Run();
 }
 
 }  // namespace client

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "client/problems.h"
+#include "client/switch_advice.h"
 #include "client/tables.h"
 
 namespace client {
@@ -56,11 +58,14 @@ struct Explanation {
   uint32_t direct_lost = 0;
   std::vector<Way> candidates;
   std::string switching;  // about the candidates, or why there are none
+  std::string source;     // the file of the warnings; empty: the tables in force
+  Problems warnings;      // what keeps such flows from moving, or moves them without need
 };
 
-// Has the route policy of this process read these tables as a game would, and asks it. Replaces
-// the configuration of this process.
-Explanation Explain(const Tables& tables, const Question& question);
+// Has the route policy of this process read these tables as a game would, and asks it. Of `advice`
+// the answer has what matters for it. Replaces the configuration of this process.
+Explanation Explain(const Tables& tables, const Question& question,
+                    const std::vector<SwitchAdvice>& advice);
 
 std::string ExplanationText(const Explanation& explanation);
 std::string ExplanationJson(const Explanation& explanation);  // one line

@@ -31,6 +31,10 @@ std::string SwitchingText(const Explanation& explanation) {
             ", " + std::to_string(way.section1_delay + way.section2_delay) + " ms" +
             (way.would_be_taken ? "   <- would be taken" : "") + "\n";
   }
+  const std::string source = explanation.source.empty() ? "tables in force" : explanation.source;
+  for (const Problem& warning : explanation.warnings) {
+    text += "    " + ToText(source, warning) + "\n";
+  }
   return text;
 }
 
@@ -103,6 +107,14 @@ std::string ExplanationJson(const Explanation& explanation) {
   for (const Way& way : explanation.candidates) {
     json["candidates"].push_back(ToJson(way));
     json["candidates"].back()["would_be_taken"] = way.would_be_taken;
+  }
+  if (!explanation.switching.empty()) json["switching"] = explanation.switching;
+  json["warnings"] = nlohmann::ordered_json::array();
+  for (const Problem& warning : explanation.warnings) {
+    json["warnings"].push_back({{"file", explanation.source},
+                                {"line", warning.line},
+                                {"key", warning.key},
+                                {"reason", warning.reason}});
   }
   return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }

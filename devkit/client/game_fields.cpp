@@ -245,7 +245,9 @@ constexpr Field kGameFields[] = {
      .sample = "3"},
     {.key = "ignore_high_freq_test_time",
      AT(Config, ignore_high_freq_test_time),
-     .doc = "a session younger than this is never probed in bursts, seconds",
+     .doc =
+         "a session younger than this is never probed in bursts, seconds; above the length of one "
+         "slot and its wait, or each new flow is probed at once",
      .sample = "20"},
     {.key = "max_valid_test_delay",
      AT(Config, max_valid_test_delay),
@@ -264,15 +266,17 @@ constexpr Field kGameFields[] = {
      .sample = "1"},
     {.key = "max_delay_avg",
      AT(Config, max_delay_avg),
-     .doc = "mean delay above which a link is bad, milliseconds; at least 50",
+     .doc = "mean delay from which a link is bad, milliseconds; at least 50. The delays of a burst "
+            "add "
+            "up, so leave room for them",
      .sample = "100"},
     {.key = "max_delay_amp",
      AT(Config, max_delay_amp),
-     .doc = "swing of the delay above which a link is bad, milliseconds; at least 20",
+     .doc = "swing of the delay from which a link is bad, milliseconds; at least 20",
      .sample = "30"},
     {.key = "max_real_route_lost",
      AT(Config, max_real_route_lost),
-     .doc = "loss above which a link is bad, percent; at least 20",
+     .doc = "loss from which a link is bad, percent; at least 20",
      .sample = "20",
      .max = kPercent},
     {.key = "max_link_except_rep_num",
@@ -285,12 +289,15 @@ constexpr Field kGameFields[] = {
      .sample = "30"},
     {.key = "link_switch_min_inter",
      AT(Config, link_switch_min_inter),
-     .doc = "least time between two changes of node, seconds; at least 30",
+     .doc = "least time between two changes of node, and from the machine's start to the first, "
+            "seconds; at least 30",
      .sample = "300"},
     {.key = "max_link_switch_count",
      AT(Config, max_link_switch_count),
-     .doc = "changes of node that a session may make",
-     .sample = "3"},
+     .doc =
+         "changes of node that a session may make; 1 keeps it from leaving a healthy node for the "
+         "loss of the one before",
+     .sample = "1"},
     {.key = "switching_high_freq_test_interval",
      AT(Config, switching_high_freq_test_interval),
      .doc = "as high_freq_test_interval, for the new node, milliseconds; at least 10",
@@ -301,16 +308,18 @@ constexpr Field kGameFields[] = {
      .sample = "1000"},
     {.key = "switching_max_delay_avg",
      AT(Config, switching_max_delay_avg),
-     .doc = "as max_delay_avg, for the new node, milliseconds; 0 means 50",
+     .doc =
+         "written into reports, milliseconds; 0 means 50. A new node is judged by its loss alone",
      .sample = "80"},
     {.key = "switching_max_delay_amp",
      AT(Config, switching_max_delay_amp),
-     .doc = "as max_delay_amp, for the new node, milliseconds; 0 means 20",
+     .doc = "written into reports, milliseconds; 0 means 20",
      .sample = "20"},
     {.key = "switching_max_real_route_lost",
      AT(Config, switching_max_real_route_lost),
-     .doc = "as max_real_route_lost, for the new node, percent; 0 means 1",
-     .sample = "4",
+     .doc = "as max_real_route_lost, for the new node, percent; 0 means 1. The probes that are out "
+            "when the last one leaves count as lost, so leave room for them",
+     .sample = "20",
      .max = kPercent},
     // Tables last: behind a table's heading, TOML knows no way back to the game's own keys.
     {.key = "forced_proxy",

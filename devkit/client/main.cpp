@@ -15,6 +15,7 @@
 #include "client/region_reader.h"
 #include "client/reporter.h"
 #include "client/sample.h"
+#include "client/switch_advice.h"
 #include "client/takeover.h"
 #include "client/watch/report_regions.h"
 #include "client/watch/watch.h"
@@ -42,7 +43,8 @@ struct Options {
 };
 
 // The parsed file, or nothing when it is refused; everything there is to say has been said.
-std::optional<client::ConfigFile> Load(const Options& options) {
+// Without the advice where whoever asks says what of it matters.
+std::optional<client::ConfigFile> Load(const Options& options, bool with_advice = true) {
   const client::Reporter reporter(options.json);
   const auto text = client::ReadAll(options.file);
   client::ConfigFile file;
@@ -51,7 +53,7 @@ std::optional<client::ConfigFile> Load(const Options& options) {
   } else {
     file.problems.push_back({.reason = "cannot be read"});
   }
-  reporter.Report(options.file, file.problems);
+  reporter.Report(options.file, with_advice ? client::AllProblems(file) : file.problems);
   if (client::HasErrors(file.problems)) return std::nullopt;
   return file;
 }
@@ -160,15 +162,19 @@ int ExplainDestination(const Options& options) {
   question->vip_level = options.vip_level;
   question->game = options.game;
   std::unique_ptr<client::Tables> tables;
+  std::vector<client::SwitchAdvice> advice;
   if (options.file.empty()) {
     tables = ReadStanding(reporter);
     if (!tables) return kFailed;
+    advice = client::AdviseOnSwitching(*tables);
   } else {
-    auto file = Load(options);
+    auto file = Load(options, false);
     if (!file) return kBadFile;
     tables = std::move(file->tables);
+    advice = std::move(file->advice);
   }
-  const client::Explanation explanation = client::Explain(*tables, *question);
+  client::Explanation explanation = client::Explain(*tables, *question, advice);
+  explanation.source = options.file;
   if (!explanation.problem.empty()) {
     reporter.Failure(explanation.problem);
     return kFailed;

@@ -35,8 +35,14 @@ constexpr Field kNodeFields[] = {
     {.key = "surport_isps",
      AT(Node, surport_isps),
      .doc = "bit mask of the internet providers that the node serves"},
-    {.key = "type", AT(Node, type), .doc = "carried into reports"},
-    {.key = "flag", AT(Node, flag), .doc = "carried into reports"},
+    {.key = "type",
+     AT(Node, type),
+     .doc = "its link type, by which link_switch_mask opens measuring; carried into reports"},
+    {.key = "flag",
+     AT(Node, flag),
+     .doc =
+         "bits: 2, links through the node may be measured; 4, flows may move away from it. 6 for "
+         "a node that takes part in switching"},
     {.key = "to_proxy_speed_isp", AT(Node, to_proxy_speed_isp), .doc = "carried into reports"},
     {.key = "to_proxy_speed_ip", AT(Node, to_proxy_speed_ip), .doc = "carried into reports"},
     {.key = "version", AT(Node, version), .doc = "carried into reports"},

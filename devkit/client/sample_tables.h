@@ -12,6 +12,7 @@ proxy_port = 9000
 proxy_idc = 1
 section1_delay = 10
 surport_isps = 0xffffffff
+flag = 6
 
 [[node]]
 proxy_name = 'node two'
@@ -20,6 +21,7 @@ proxy_port = 9000
 proxy_idc = 2
 section1_delay = 12
 surport_isps = 0xffffffff
+flag = 6
 
 [[node]]
 proxy_name = 'node three'
@@ -28,6 +30,7 @@ proxy_port = 9000
 proxy_idc = 3
 section1_delay = 15
 surport_isps = 0xffffffff
+flag = 6
 )";
 
 inline constexpr char kSampleIdcs[] = R"([[idc]]

@@ -4,6 +4,8 @@
 #include <set>
 #include <string>
 
+#include "client/toml_node.h"
+
 namespace client {
 namespace {
 
@@ -81,15 +83,11 @@ class Checker {
   }
 
   static std::string Entry(const std::string& list, uint32_t index) {
-    return list + "[" + std::to_string(index) + "]";
+    return EntryKey(list, index);
   }
 
-  // That of the key, or of its table where the key is left out.
   unsigned Line(const char* list, uint32_t index, const char* key) const {
-    const auto entry = root_[list][index];
-    if (const toml::node* const node = entry[key].node()) return node->source().begin.line;
-    const toml::node* const table = entry.node();
-    return table != nullptr ? table->source().begin.line : 0;
+    return LineOfKey(root_, Entry(list, index) + "." + key);
   }
 
   void Doubt(unsigned line, const std::string& key, const std::string& reason) {

@@ -7,7 +7,7 @@ namespace client {
 TakeoverReport Takeover::Apply(std::string_view text, unsigned wait_ms) {
   TakeoverReport report;
   ConfigFile file = ParseConfig(text);
-  report.problems = std::move(file.problems);
+  report.problems = AllProblems(file);
   report.game_count = file.game_count;
   if (HasErrors(report.problems)) return report;
   const RegionServer::Outcome outcome = server_.Publish(*file.tables, wait_ms);

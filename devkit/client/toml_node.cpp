@@ -23,6 +23,15 @@ const char* TypeName(const toml::node& node) {
   }
 }
 
+unsigned LineOfKey(const toml::table& root, const std::string& key) {
+  for (std::string path = key; !path.empty();) {
+    if (const toml::node* const node = toml::at_path(root, path).node()) return LineOf(*node);
+    const size_t end = path.find_last_of(".[");
+    path.resize(end == std::string::npos ? 0 : end);
+  }
+  return 0;
+}
+
 std::string EntryKey(const std::string& key, size_t index) {
   return key + "[" + std::to_string(index) + "]";
 }

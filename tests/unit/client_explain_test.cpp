@@ -34,7 +34,7 @@ class ClientExplain : public testing::Test {
                          const std::string& protocol) {
     const auto question = ParseQuestion(destination, protocol);
     EXPECT_TRUE(question.has_value()) << destination;
-    return Explain(tables, question.value_or(Question{}));
+    return Explain(tables, question.value_or(Question{}), client::AdviseOnSwitching(tables));
   }
 
   static std::unique_ptr<client::Tables> Sample() {
@@ -107,7 +107,7 @@ TEST_F(ClientExplain, TheDocumentShowsWhatTheProgramSays) {
     ASSERT_TRUE(question) << destination;
     uint32_t level = 0;
     if (option == "--level" && words >> level) question->vip_level = level;
-    const Explanation answer = Explain(*tables, *question);
+    const Explanation answer = Explain(*tables, *question, client::AdviseOnSwitching(*tables));
     conclusions.insert(answer.conclusion);
     updated += document.substr(at, body - at) + ExplanationText(answer);
     at = end;
@@ -124,9 +124,9 @@ TEST_F(ClientExplain, TheDocumentShowsWhatTheProgramSays) {
 TEST_F(ClientExplain, TheLevelMayBeAskedFor) {
   const auto tables = Sample();
   auto question = *ParseQuestion("198.51.100.18:8080", "tcp");
-  EXPECT_FALSE(Explain(*tables, question).accelerated);
+  EXPECT_FALSE(Explain(*tables, question, {}).accelerated);
   question.vip_level = 3;
-  EXPECT_TRUE(Explain(*tables, question).accelerated);
+  EXPECT_TRUE(Explain(*tables, question, {}).accelerated);
 }
 
 TEST_F(ClientExplain, TheGameMayBeNamed) {
@@ -139,13 +139,13 @@ TEST_F(ClientExplain, TheGameMayBeNamed) {
   auto question = *ParseQuestion("198.51.100.10:8080", "tcp");
   for (const char* name : {"7", "other.exe", "c:\\other\\OTHER.EXE"}) {
     question.game = name;
-    const Explanation answer = Explain(*tables, question);
+    const Explanation answer = Explain(*tables, question, {});
     EXPECT_EQ(answer.game_id, 7u) << name;
     EXPECT_FALSE(answer.accelerated);
     EXPECT_EQ(answer.steps.size(), 1u);
   }
   question.game = "another.exe";
-  EXPECT_EQ(Explain(*tables, question).problem, "no listed game is 'another.exe'");
+  EXPECT_EQ(Explain(*tables, question, {}).problem, "no listed game is 'another.exe'");
 }
 
 TEST_F(ClientExplain, WithoutTablesTheMissingOneIsNamed) {
