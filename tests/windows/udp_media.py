@@ -17,7 +17,7 @@ FILM_S = 2
 FRAMES = 40  # of the fifty that the film has: the last ones may wait for a successor
 TS_PACKET = 188
 TS_IN_DATAGRAM = 7
-LONGEST_S = 60
+LONGEST_S = 150
 
 
 class FilmPeer:
