@@ -184,6 +184,104 @@ TEST(ClientFlowBook, AFailureBeforeTheSocketHasAGuidIsToldByItsServer) {
   EXPECT_EQ(book.flows().front().failures, 2u);
 }
 
+// --- a flow that moves: what a node on trial answers comes without the flow's guid ---
+
+Report NegotiationReport(const char* guid, uint32_t node) {
+  RealNegoRecord record;
+  common::SetFieldText(record.guid, guid);
+  record.proxy_id = node;
+  common::SetFieldText(record.proxy_ip, node == 1 ? "198.51.100.20" : "198.51.100.21");
+  record.proxy_port = 9000;
+  record.game_ip = 0xc633640a;
+  record.game_port = 7000;
+  return ReportOf(client::kRealNegotiationReport, record);
+}
+
+Report DecisionFor(const char* guid, uint32_t node, const char* name) {
+  auto info = Decision(guid, kReasonAcce);
+  info.selected_proxy.proxy_idc = node;
+  common::SetFieldText(info.selected_proxy.proxy_name, name);
+  common::SetFieldText(info.selected_proxy.proxy_addr,
+                       node == 1 ? "198.51.100.20" : "198.51.100.21");
+  return ReportOf(client::kDecisionReport, info);
+}
+
+Report TroubleReport(int32_t count, int32_t need, int32_t outcome) {
+  Report report = SwitchReport("g", need, outcome);
+  auto record = report.As<RecoverySwitchRecord>();
+  record.count = count;
+  return ReportOf(client::kRecoverySwitchReport, record);
+}
+
+Report Bytes(uint32_t life, uint32_t bytes) {
+  CommInfoRecord record = Traffic("g", life);
+  record.total_sent_bytes = bytes;
+  return TrafficReport(record);
+}
+
+FlowBook OnTrial() {
+  FlowBook book;
+  book.Add(DecisionFor("g", 1, "north"));
+  book.Add(NegotiationReport("g", 1));
+  book.Add(Bytes(5000, 500));
+  book.Add(DecisionFor("g", 2, "south"));
+  book.Add(NegotiationReport("", 2));
+  return book;
+}
+
+TEST(ClientFlowBook, ANodeOnTrialIsNotYetTheFlows) {
+  FlowBook book = OnTrial();
+  ASSERT_EQ(book.flows().size(), 1u);
+  const Flow& flow = book.flows().front();
+  EXPECT_EQ(flow.node, "north 198.51.100.20:9000");
+  book.Add(TroubleReport(1, 1, 4));
+  EXPECT_EQ(flow.node, "north 198.51.100.20:9000");
+  EXPECT_EQ(flow.switches, 0u);
+  EXPECT_FALSE(flow.moved);
+}
+
+TEST(ClientFlowBook, AFlowThatMovedKeepsItsNewNodeAndItsFiguresEnd) {
+  FlowBook book = OnTrial();
+  book.Add(TroubleReport(1, 1, 0));
+  const Flow& flow = book.flows().front();
+  EXPECT_EQ(flow.node, "south 198.51.100.21:9000");
+  EXPECT_EQ(flow.last_event(), "link in trouble: moved to south 198.51.100.21:9000");
+  book.Add(Bytes(10000, 900));  // went out before the move
+  book.Add(Bytes(15000, 900));
+  book.Add(Bytes(20000, 900));
+  EXPECT_EQ(flow.node, "south 198.51.100.21:9000");
+  EXPECT_EQ(flow.points.size(), 2u);
+  EXPECT_EQ(flow.life_ms, 20000u);
+}
+
+TEST(ClientFlowBook, ATroubleDuringATrialIsNoMove) {
+  FlowBook book = OnTrial();
+  book.Add(TroubleReport(2, 1, 0));  // number 1 is that of the trial, which still runs
+  const Flow& flow = book.flows().front();
+  EXPECT_EQ(flow.switches, 0u);
+  EXPECT_EQ(flow.last_event(), "link in trouble: another node is on trial already");
+  book.Add(TroubleReport(1, 1, 0));
+  EXPECT_EQ(flow.switches, 1u);
+  book.Add(TroubleReport(3, 1, 0));
+  EXPECT_EQ(flow.switches, 2u);
+}
+
+TEST(ClientFlowBook, AWatcherThatCameLateTakesTheFirstTroubleAsItIs) {
+  FlowBook book;
+  book.Add(Bytes(90000, 500));
+  book.Add(TroubleReport(5, 1, 0));
+  EXPECT_EQ(book.flows().front().switches, 1u);
+  book.Add(TroubleReport(7, 1, 0));
+  EXPECT_EQ(book.flows().front().switches, 1u);
+}
+
+TEST(ClientFlowBook, AFailedTrialIsAFailureOfItsFlow) {
+  FlowBook book = OnTrial();
+  book.Add(FailureReport("", 202));
+  ASSERT_EQ(book.flows().size(), 1u);
+  EXPECT_EQ(book.flows().front().failures, 1u);
+}
+
 TEST(ClientFlowBook, MarksStandInTheOrderOfTheirTimes) {
   FlowBook book;
   CommInfoRecord last = Traffic("g", 9000);

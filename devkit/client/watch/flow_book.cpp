@@ -1,6 +1,7 @@
 #include "client/watch/flow_book.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "client/watch/report_words.h"
 #include "common/text.h"
@@ -47,6 +48,13 @@ void ThinOut(std::vector<FlowPoint>* points) {
   *points = std::move(kept);
 }
 
+// A report that speaks of success can also be one that came while a trial still ran. Reports are
+// numbered, and that of the trial keeps its number until its end: so a gap stands for a trial.
+bool FollowsAGap(const Flow& flow, int32_t count) {
+  const bool may_have_missed_some = flow.troubles_all == 0 && !flow.is_seen_from_start;
+  return count > flow.troubles_all + 1 && !may_have_missed_some;
+}
+
 }  // namespace
 
 void FlowBook::Add(const Report& report) {
@@ -66,10 +74,11 @@ void FlowBook::Add(const Report& report) {
   }
 }
 
-// Flows are told by their guid. A failure can come before the socket has one.
+// Flows are told by their guid. A failure can come before the socket has one, and what a node on
+// trial answers comes through a socket that never has: that is told by the game's server.
 Flow* FlowBook::Find(const std::string& guid, const std::string& game, uint64_t time_ms) {
-  const std::string key = guid.empty() ? "to " + game : guid;
-  Flow*& flow = by_key_[key];
+  Flow* known = guid.empty() ? FindByServer(game) : nullptr;
+  Flow*& flow = known != nullptr ? known : by_key_[guid.empty() ? "to " + game : guid];
   if (flow == nullptr) {
     if (flows_.size() == kMostFlows) {
       const auto oldest =
@@ -88,6 +97,21 @@ Flow* FlowBook::Find(const std::string& guid, const std::string& game, uint64_t 
   return flow;
 }
 
+// The living relayed flow to that server that was heard of last.
+Flow* FlowBook::FindByServer(const std::string& game) {
+  Flow* found = nullptr;
+  for (Flow& flow : flows_) {
+    if (flow.guid.empty() || flow.game != game || !flow.accelerated || flow.ended) continue;
+    if (found == nullptr || flow.last_ms >= found->last_ms) found = &flow;
+  }
+  return found;
+}
+
+std::string FlowBook::NodeName(uint32_t proxy_idc, const std::string& endpoint) const {
+  const auto name = node_names_.find(proxy_idc);
+  return (name != node_names_.end() ? name->second + " " : "") + endpoint;
+}
+
 void FlowBook::AddMark(Flow* flow, uint64_t time_ms, MarkKind kind, std::string text) {
   if (flow->marks.size() == kMostMarks) flow->marks.erase(flow->marks.begin());
   // Reports of one moment come channel by channel.
@@ -102,27 +126,27 @@ void FlowBook::AddDecision(const Report& report) {
   Flow* const flow = Find(Text(info.guid), Endpoint(HostAddressText(info.game_ip), info.game_port),
                           report.time_ms);
   flow->type = TypeName(info.socket_type, 0, 1);
+  flow->is_seen_from_start |= flow->marks.empty() && flow->points.empty();
   flow->accelerated = info.acc_reason == kReasonAcce || info.acc_reason == kReasonForceAuto ||
                       info.acc_reason == kReasonForceManual;
   const RouteProxyInfo& node = info.selected_proxy;
   if (node.proxy_name[0] != '\0') node_names_[node.proxy_idc] = Printable(Text(node.proxy_name));
   if (flow->accelerated) {
-    const auto name = node_names_.find(node.proxy_idc);
-    flow->node = (name != node_names_.end() ? name->second + " " : "") +
-                 Endpoint(Text(node.proxy_addr), node.proxy_port);
+    // A flow that has its way already is on trial with another node.
+    std::string& way = flow->node.empty() ? flow->node : flow->trial_node;
+    way = NodeName(node.proxy_idc, Endpoint(Text(node.proxy_addr), node.proxy_port));
   }
   AddMark(flow, report.time_ms, MarkKind::kDecision, ReportMark(report));
 }
 
 void FlowBook::AddNegotiation(const Report& report) {
   const auto record = report.As<RealNegoRecord>();
+  const std::string guid = Text(record.guid);
   Flow* const flow =
-      Find(Text(record.guid), Endpoint(HostAddressText(record.game_ip), record.game_port),
-           report.time_ms);
+      Find(guid, Endpoint(HostAddressText(record.game_ip), record.game_port), report.time_ms);
+  std::string& way = guid.empty() && !flow->node.empty() ? flow->trial_node : flow->node;
   flow->accelerated = true;
-  const auto name = node_names_.find(record.proxy_id);
-  flow->node = (name != node_names_.end() ? name->second + " " : "") +
-               Endpoint(Text(record.proxy_ip), record.proxy_port);
+  way = NodeName(record.proxy_id, Endpoint(Text(record.proxy_ip), record.proxy_port));
   AddMark(flow, report.time_ms, MarkKind::kNegotiation, ReportMark(report));
 }
 
@@ -139,8 +163,20 @@ void FlowBook::AddSwitch(const Report& report) {
   const auto record = report.As<RecoverySwitchRecord>();
   Flow* const flow = Find(Text(record.guid), "", report.time_ms);
   flow->type = "UDP";  // nothing else is moved
-  if (record.need_switch != 0 && record.is_switch_succ == 0) ++flow->switches;
-  AddMark(flow, report.time_ms, MarkKind::kSwitch, ReportMark(report));
+  const bool says_moved = record.need_switch != 0 && record.is_switch_succ == 0;
+  const bool trial_runs = FollowsAGap(*flow, record.count);
+  flow->troubles_highest = std::max(flow->troubles_highest, record.count);
+  if (!trial_runs) flow->troubles_all = flow->troubles_highest;
+  std::string text = ReportMark(report);
+  if (says_moved && trial_runs) {
+    text = "link in trouble: another node is on trial already";
+  } else if (says_moved) {
+    ++flow->switches;
+    flow->moved = true;
+    if (!flow->trial_node.empty()) flow->node = std::exchange(flow->trial_node, "");
+    text = "link in trouble: moved to " + (flow->node.empty() ? "another node" : flow->node);
+  }
+  AddMark(flow, report.time_ms, MarkKind::kSwitch, text);
 }
 
 void FlowBook::AddTraffic(const Report& report) {
@@ -149,9 +185,11 @@ void FlowBook::AddTraffic(const Report& report) {
       Find(Text(record.guid_str), Endpoint(Text(record.game_ip), record.game_port), report.time_ms);
   flow->type = TypeName(record.socket_type, 1, 2);
   flow->accelerated = true;
-  const auto name = node_names_.find(record.proxy_idc);
-  flow->node = (name != node_names_.end() ? name->second + " " : "") +
-               Endpoint(Text(record.proxy_ip), record.proxy_port);
+  const bool stands_still = flow->moved && record.total_sent_bytes == flow->sent_bytes &&
+                            record.total_recv_bytes == flow->recv_bytes;
+  if (!flow->moved) {
+    flow->node = NodeName(record.proxy_idc, Endpoint(Text(record.proxy_ip), record.proxy_port));
+  }
   const bool is_first = flow->points.empty() || record.life < flow->life_ms;
   const uint32_t span_ms = is_first ? record.life : record.life - flow->life_ms;
   FlowPoint point;
@@ -169,8 +207,10 @@ void FlowBook::AddTraffic(const Report& report) {
   flow->recv_packets = record.total_recv_packets;
   flow->sent_errors = record.total_sent_errors;
   flow->recv_errors = record.total_recv_errors;
-  if (flow->points.size() == kMostPoints) ThinOut(&flow->points);
-  flow->points.push_back(point);
+  if (!stands_still) {
+    if (flow->points.size() == kMostPoints) ThinOut(&flow->points);
+    flow->points.push_back(point);
+  }
   if (record.ended == 0) return;
   flow->ended = true;
   AddMark(flow, report.time_ms, MarkKind::kEnd, "ended");

@@ -42,8 +42,12 @@ struct Flow {
   std::string type;  // "TCP" or "UDP", empty while not known
   std::string game;  // address and port
   std::string node;  // the same, with the node's name if it is known; empty: direct
+  // The node that agreed to take the flow over, while it is not known whether it did.
+  std::string trial_node;
   bool accelerated = false;
   bool ended = false;
+  // The figures are those of the socket towards the first node, so they stand still from here on.
+  bool moved = false;
   uint64_t first_ms = 0;
   uint64_t last_ms = 0;  // the last report of any kind
   uint32_t life_ms = 0;
@@ -51,6 +55,9 @@ struct Flow {
   uint32_t sent_packets = 0, recv_packets = 0;
   uint32_t sent_errors = 0, recv_errors = 0;
   unsigned failures = 0, switches = 0;
+  bool is_seen_from_start = false;
+  // Of the flow's reports of trouble: up to which number they are all in, and the highest.
+  int32_t troubles_all = 0, troubles_highest = 0;
   std::vector<FlowPoint> points;
   std::vector<Mark> marks;
 
@@ -73,6 +80,8 @@ class FlowBook {
 
  private:
   Flow* Find(const std::string& guid, const std::string& game, uint64_t time_ms);
+  Flow* FindByServer(const std::string& game);
+  std::string NodeName(uint32_t proxy_idc, const std::string& endpoint) const;
   void AddMark(Flow* flow, uint64_t time_ms, MarkKind kind, std::string text);
   void AddDecision(const Report& report);
   void AddNegotiation(const Report& report);
