@@ -19,6 +19,7 @@ struct Watched {
 };
 
 std::atomic<bool> watching{false};
+std::atomic<bool> success_keeps_last_error{false};
 std::mutex lock;
 
 std::map<std::string, Watched>& Table() {
@@ -51,6 +52,10 @@ void ClearFaults() {
 }
 
 void CountCalls() { watching = true; }
+
+void SuccessKeepsLastError(bool keeps) { success_keeps_last_error = keeps; }
+
+bool DoesSuccessKeepLastError() { return success_keeps_last_error.load(std::memory_order_relaxed); }
 
 unsigned CallCount(const std::string& name) {
   std::lock_guard hold(lock);

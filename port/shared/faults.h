@@ -22,6 +22,11 @@ void ClearFaults();
 // Counts calls from now on (a fault that is set does so too).
 void CountCalls();
 
+// True: plain socket calls that succeed leave the last error as it was, where they clear it else.
+// Nobody promises either.
+void SuccessKeepsLastError(bool keeps);
+bool DoesSuccessKeepLastError();
+
 // Calls of that name since counting began, failed ones included.
 unsigned CallCount(const std::string& name);
 

@@ -11,11 +11,11 @@ namespace {
 SocketLayers& Layers() { return CurrentProcess().layers; }
 
 // A provider reports failure through *error; a plain call leaves it as the last error, which
-// success clears. The error comes by reference, because the call that fills it stands among the
-// arguments beside it.
+// success clears, unless a test wants it kept. The error comes by reference, because the call that
+// fills it stands among the arguments beside it.
 template <class Result>
 Result Finish(Result result, bool failed, const int& error) {
-  WSASetLastError(failed ? error : 0);
+  if (failed || !DoesSuccessKeepLastError()) WSASetLastError(failed ? error : 0);
   return result;
 }
 

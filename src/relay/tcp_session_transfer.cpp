@@ -12,6 +12,10 @@ namespace {
 
 constexpr int kReadSize = 8192;
 
+// What the Tracker is told with each call's result is the last error as it stands then. Not every
+// system clears it on success, and what an earlier call left would have the bytes uncounted.
+void ForgetLastError() noexcept { WSASetLastError(0); }
+
 }  // namespace
 
 bool TcpSession::DoLocalRead() noexcept {
@@ -46,6 +50,7 @@ bool TcpSession::DoRemoteRead() noexcept {
   for (;;) {
     u8* place = nullptr;
     if (!remote_to_local_.Reserve(&place, kReadSize)) return true;
+    ForgetLastError();
     const int n = recv(remote_socket_, reinterpret_cast<char*>(place), kReadSize, 0);
     const int error = WSAGetLastError();
     GetTracker().RecordRecv(remote_socket_, static_cast<u32>(n), error);
@@ -115,6 +120,7 @@ bool TcpSession::DoRemoteWrite() noexcept {
   u8* bytes = nullptr;
   u32 size = 0;
   while (local_to_remote_.Peek(&bytes, &size)) {
+    ForgetLastError();
     const int n =
         send(remote_socket_, reinterpret_cast<const char*>(bytes), static_cast<int>(size), 0);
     const int error = WSAGetLastError();

@@ -309,6 +309,18 @@ SCENARIO_F(ReportUdp, FailedCallsAreCountedWithTheirErrors) {
   EXPECT_EQ(last.curr_recv_error_code, static_cast<u32>(WSAECONNRESET));
 }
 
+SCENARIO_F(ReportUdp, FiguresAreTheSameWhateverErrorAnEarlierCallLeft) {
+  port::SuccessKeepsLastError(true);
+  Starts();
+  const SOCKET s = Opens();
+  Plays(s, 3000);
+  Closes(s);
+  ExpectSlots(1, 1, 0);
+  ExpectNodesFigures(LastReport(), a.Last("flow_closed"));
+  EXPECT_EQ(LastReport().total_sent_packets, 61u);
+  EXPECT_EQ(LastReport().total_recv_packets, 61u);
+}
+
 // Kept: what had to wait for room is neither an error nor ever counted as sent.
 SCENARIO_F(ReportUdp, DatagramThatWaitedForRoomIsNotCounted) {
   Starts();

@@ -98,6 +98,18 @@ SCENARIO_F_SEEDS(TrackerTcp, ConnectionThroughANodeIsReportedToTheByte, 5) {
   EXPECT_EQ(std::string(n.guid).size(), 36u);
 }
 
+// The worker's last error is "would block" most of the time, and stays so where success clears
+// none.
+SCENARIO_F(TrackerTcp, BytesAreCountedWhateverErrorAnEarlierCallLeft) {
+  port::SuccessKeepsLastError(true);
+  Talk(kServer, 20'000);
+  const CommInfoRecord* const last = LastReport();
+  ASSERT_NE(last, nullptr);
+  EXPECT_EQ(last->total_sent_bytes, 20'000u);
+  EXPECT_EQ(last->total_recv_bytes, 20'000u);
+  EXPECT_EQ(last->total_sent_errors + last->total_recv_errors, 0u);
+}
+
 SCENARIO_F(TrackerTcp, FailedNodeIsReportedAndThenTheOneThatServes) {
   a.Behaves(Refusing(9));
   RunFor(100ms);
