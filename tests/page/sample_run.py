@@ -60,7 +60,7 @@ def moved(time, number, outcome):
 def reports():
     lines = [
         {"event": "loaded", "time": START, "slot": 0, "used": 1, "game_id": 77,
-         "process_name": "C:\\vyr\\vyr_game.exe"},
+         "process_name": "vyr_game.exe"},
         {"event": "log_path", "time": START, "slot": 0, "used": 1, "game_id": 77,
          "log_path": "C:\\vyr\\</script><b>log</b>.log"},
         decision(50, 1, 7999, 2, kind=0),
