@@ -222,7 +222,8 @@ int Accept(Socket& socket, SOCKET* out, Address* peer) {
 namespace {
 
 int ConnectDatagrams(Socket& socket, const Address& address) {
-  if (address.ip == 0 || address.port == 0) {
+  const bool needs_port = socket.type != SOCK_RAW;
+  if (address.ip == 0 || (needs_port && address.port == 0)) {
     socket.peer = socket.datagrams->peer = {};  // dissolves the connection
     return 0;
   }
