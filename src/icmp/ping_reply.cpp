@@ -42,15 +42,17 @@ void ForgeIpHeader(const ping_request_t& request, u8* header) noexcept {
 
 u32 ForgePingReply(const ping_request_t& request, u8* buffer, u32 room) noexcept {
   // Forged aside: the application's buffer may be shorter than the reply. It is read first
-  // because its old bytes are part of the checksum.
+  // because its old bytes are part of the checksum. Behind the reply it is left alone: some
+  // applications say that there is more of it than there is.
   u8 reply[kMaxPingReplySize] = {};
-  const u32 shared = std::min(room, kMaxPingReplySize);
+  const u32 size = request.size + kIpHeaderSize;
+  const u32 shared = std::min(room, size);
   std::memcpy(reply, buffer, shared);
   std::memset(reply, 0, kZeroedSize);
   ForgeIcmp(request, reply + kIpHeaderSize);
   ForgeIpHeader(request, reply);
   std::memcpy(buffer, reply, shared);
-  return request.size + kIpHeaderSize;
+  return size;
 }
 
 }  // namespace moru_vyr::lsp
