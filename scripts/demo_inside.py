@@ -9,6 +9,7 @@ second when the first has fallen silent, and directly when both have. Then the s
 a film as datagrams, and a native peer takes them. At last the sample game plays, and its node's
 link goes bad. PAGE is where the page with the game's connections is written.
 """
+import datetime
 import functools
 import hashlib
 import http.server
@@ -256,15 +257,20 @@ class Story:
 
     def tell(self, facts, seen, watcher, machine_lost):
         game, summary = facts.game, facts.summary
-        say("the game", f"{game['sent']} beats, 30 a second, ping {game['ping_ms']['p50']:.0f} ms; "
-            f"its lobby (TCP) and its ICMP ping beside: {summary['icmp'][0]['ping_ms']['p50']:.0f} ms")
-        say("+ 0.00 s", "the trouble begins")
-        for name, words in (("noticed", "noticed"), ("judged", "its probes confirm it"),
+        say("the game", f"{game['sent']} beats (UDP), {summary['lobby']['said']} words in its lobby (TCP)")
+        icmp = summary["icmp"][0]
+        say("its ping", f"{game['ping_ms']['p50']:.0f} ms by its beats; {icmp['ping_ms']['p50']:.0f} ms by "
+            f"ICMP, {icmp['received']} of {icmp['sent']} answered by the library from its tables")
+        began = datetime.datetime.fromtimestamp(facts.began)
+        say("+ 0.00 s", f"the trouble begins, at {began:%H:%M:%S}")
+        for name, words in (("noticed", "the library has noticed"),
+                            ("judged", "its probes have confirmed it"),
                             ("verified", "node B has passed its trial"),
                             ("arrived", "the first datagram has come over B")):
             if name in facts.moments:
                 at, line = facts.moments[name]
-                say(f"+{at:5.2f} s", f"{words}:\n      {line}")
+                say(f"+{at:5.2f} s", words)
+                print(f"    {line}")
         say("lost by the network", f"{facts.lost_up} of the game's datagrams on their way up, "
             f"{facts.lost_down} on their way down")
         say("lost by the library", f"{facts.library_lost_up} and {facts.library_lost_down}; "
@@ -274,8 +280,8 @@ class Story:
         say("the game's port", f"{game['own_port_begin']} before, {game['own_port_end']} after; "
             f"every answer came from {switch_run.SERVER}")
         say("the server", f"saw {seen[0]['address']} last, {seen[0]['address_changes']} move")
-        switched = [report for report in watcher.named("recovery_switch")]
-        say("reports", f"{len(watcher.reports)}, {len(switched)} of a change of node")
+        say("the client", f"had {len(watcher.reports)} reports, "
+            f"{len(watcher.named('recovery_switch'))} of a change of node")
         say("the page", os.path.relpath(self.page, demo_bed.TREE))
         if troubles := facts.troubles(machine_lost):
             raise Failed("; ".join(troubles))

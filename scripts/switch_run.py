@@ -28,7 +28,8 @@ LINE = re.compile(r"\[(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})\]\[\d+\]\[\d\](.*)
 
 # Thresholds that a deployment could use: a loss of a tenth over two seconds or of a twentieth over
 # five has the link probed, the probes of one second decide, and a node on trial may miss a sixth of
-# its own, since the answers to the last ones are still on their way when it is judged.
+# its own, since the answers to the last ones are still on their way when it is judged. One move for
+# each flow: after it the old link's loss would be remembered against the new one.
 GAME = """
 [[game]]
 game_id = {number}
@@ -63,8 +64,8 @@ max_link_except_rep_num = 6
 
 switch_open = 1
 game_link_switch_open = 1
-link_switch_min_inter = 300
-max_link_switch_count = 3
+link_switch_min_inter = 30
+max_link_switch_count = 1
 switching_high_freq_test_interval = 30
 switching_high_freq_test_time = 1000
 switching_max_real_route_lost = 15
@@ -159,12 +160,12 @@ class Facts:
         """Everything that must not be, as sentences; empty where all is well. What full buffers of
         the machine took is nobody's."""
         game = self.game
-        wrong = [f"{name}: nothing of it in the log" for name in MOMENTS if name not in self.moments]
+        # A delay shows in the probes alone: nothing has to be noticed before.
+        wrong = [f"{name}: nothing of it in the log" for name in MOMENTS
+                 if name not in self.moments and name != "noticed"]
         times = [self.moments[name][0] for name in MOMENTS if name in self.moments]
         if times != sorted(times):
             wrong.append(f"out of order: {self.moments}")
-        if self.lost_up == 0 or self.lost_down == 0:
-            wrong.append(f"the network lost nothing: {self.lost_up} up, {self.lost_down} down")
         if not 0 <= self.library_lost_up + self.library_lost_down <= machine_lost:
             wrong.append(f"lost by the library: {self.library_lost_up} up, "
                          f"{self.library_lost_down} down; by the machine: {machine_lost}")
