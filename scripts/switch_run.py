@@ -15,6 +15,7 @@ LAST_NODE = 7      # where both paths end; a flow moves only between such
 HEALTHY_S = 7      # before the trouble: longer than a young link is left alone
 TAIL_S = 3         # played on behind the switch
 PATIENCE_S = 40    # from the trouble to the switch
+ATTEMPTS = 3
 LINK = {"data_up_loss": 30, "data_down_loss": 30, "probe_up_loss": 30, "probe_down_loss": 30}
 
 # What the library writes, in the order in which it happens.
@@ -58,8 +59,8 @@ watching_time_span = 30
 ignore_high_freq_test_time = 5
 max_valid_test_delay = 1000
 max_real_route_lost = 20
-max_delay_avg = 250
-max_delay_amp = 100
+max_delay_avg = 300
+max_delay_amp = 200
 max_link_except_rep_num = 6
 
 switch_open = 1
@@ -140,7 +141,6 @@ class Facts:
     moments: dict   # name: (seconds since then, what the library wrote)
     lost_up: int = 0    # by the network, which is in the nodes
     lost_down: int = 0
-    moved_from: str = ""  # as node B was told
 
     @property
     def library_lost_up(self):
@@ -202,6 +202,13 @@ class Run:
         self.logs = logs
 
     def play(self, seed, link=None):
+        for _ in range(ATTEMPTS):
+            if facts := self._attempt(seed, link or LINK):
+                return facts
+        raise demo_bed.Failed("the flow moves before its link is bad: this machine is too busy")
+
+    def _attempt(self, seed, link):
+        """None where the machine itself was a bad link, before there was one."""
         a, b = self.a, self.b
         for node in (a, b):
             node.command(command="restore")
@@ -215,8 +222,10 @@ class Run:
                                 "the game's flow through node A")
             time.sleep(HEALTHY_S)
             began = time.time()
-            a.set(**(link or LINK))
-            moved = demo_bed.wait_until(
+            if b.named("request", known_b):
+                return None
+            a.set(**link)
+            demo_bed.wait_until(
                 lambda: [event for event in b.named("first_data", known_b)
                          if event["direction"] == "to_client"], PATIENCE_S, "the flow on node B")
             time.sleep(TAIL_S)
@@ -228,7 +237,6 @@ class Run:
         new_logs = set(self.logs.glob("*.log")) - known_logs
         log = b"".join(file.read_bytes() for file in new_logs).decode("gbk", "replace")
         facts = Facts(summary["servers"][0], summary, began, read_moments(log, began))
-        facts.moved_from = moved[0]["replaces_node"]
         for node, known in ((a, known_a), (b, known_b)):
             self._add_losses(node, known, facts)
         return facts

@@ -24,7 +24,7 @@ OTHERS = (
     ("silence", dict.fromkeys(switch_run.LINK, 100), 0),
     ("loss on the way up", {"data_up_loss": 40, "probe_up_loss": 40}, 0),
     ("loss on the way down", {"data_down_loss": 40, "probe_down_loss": 40}, 0),
-    ("delay", {"data_up_delay_ms": 156, "probe_up_delay_ms": 156}, 8),
+    ("delay", {"data_up_delay_ms": 400, "probe_up_delay_ms": 400}, 16),
 )
 
 
@@ -68,8 +68,9 @@ def main():
     with demo_bed.Client(runner.bin, tables):
         for one in runs:
             play(checks, run, *one)
+    # One that moved too early was given up and played again.
     moved = [player["address_changes"] for player in server.end()["players"]]
-    checks.equal([changes % 2 for changes in moved], [1] * len(runs), f"each game has moved: {moved}")
+    checks.that(sum(changes % 2 for changes in moved) >= len(runs), f"each game has moved: {moved}")
     slow = sum(late > 0 for *_, late in runs)  # what a slow link holds arrives between the others
     checks.that(sum(changes > 1 for changes in moved) <= slow, f"each game moves once: {moved}")
     checks.end()
