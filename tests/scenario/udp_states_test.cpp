@@ -357,6 +357,19 @@ SCENARIO_F(UdpStates, ANodeThatAnswersEachRequestTwiceIsHeardOnce) {
   EXPECT_EQ(Difference({"one", "two"}, Heard("A")), "");
 }
 
+// Kept: on the direct way whoever writes is heard, a node as well.
+SCENARIO_F(UdpStates, AnAnswerAfterTheDirectWayHasBegunIsTheGamesToRead) {
+  a.AnswersAfter(11'000);
+  b.StopsAnswering();
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Sends(s, "hello"), 0);
+  EXPECT_EQ(Receives(s, 12'000).from, "198.51.100.10:27015");
+  const Datagram late = Receives(s, 2000);
+  EXPECT_EQ(late.from, "198.51.100.20:7001");
+  EXPECT_EQ(late.text.size(), 41u);
+}
+
 // A refusal that comes twice must not cost the second node its chance.
 SCENARIO_F(UdpStates, ANodeThatRefusesTwiceIsLeftOnce) {
   a.behaviour().answers = 2;
