@@ -24,7 +24,8 @@ namespace {
 
 constexpr int kMessageBytes = 100;  // what a game sends at a time
 constexpr DWORD kLostAfterMs = 2000;
-constexpr int kOpenTries = 5;
+constexpr double kOpenSeconds = 10;
+constexpr useconds_t kOpenPauseUs = 10'000;
 constexpr std::uint32_t kWarmUpWindows = 8;
 
 double Seconds(clockid_t clock) {
@@ -42,7 +43,7 @@ class Flow {
     server_.sin_addr.s_addr = static_cast<in_addr_t>(inet_addr(options.address.c_str()));
     setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&kLostAfterMs),
                sizeof kLostAfterMs);
-    for (int i = 0; i < kOpenTries && !opened_; ++i) opened_ = RoundTrip();
+    Open();
   }
   ~Flow() { closesocket(socket_); }
   Flow(const Flow&) = delete;
@@ -76,6 +77,14 @@ class Flow {
   void ForgetLosses() { lost_ = 0; }
 
  private:
+  // A forwarder that makes a process for each flow cannot be reached while it does.
+  void Open() {
+    const double begin = Seconds(CLOCK_MONOTONIC);
+    while (!(opened_ = RoundTrip()) && Seconds(CLOCK_MONOTONIC) < begin + kOpenSeconds) {
+      usleep(kOpenPauseUs);
+    }
+  }
+
   void Send() {
     std::memcpy(message_, &++number_, sizeof number_);
     sendto(socket_, message_, sizeof message_, 0, reinterpret_cast<const sockaddr*>(&server_),
