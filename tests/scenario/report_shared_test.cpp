@@ -1,0 +1,175 @@
+// Games that write to one client's channels at once, and processes that die with a mutex in hand:
+// whoever lives on loses nothing of its own, and no slot holds a mixture.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "common/named_mutex.h"
+#include "port/sim/scenario.h"
+#include "tests/unit/log_capture.h"
+#include "tests/unit/tracker_bench.h"
+
+namespace {
+
+using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
+using common::u32;
+using common::u64;
+using test::SomeDecision;
+
+const ReportChannel* const kChannels[] = {
+    &kDecisionChannel,        &kCommunicationChannel,  &kNegotiationResultChannel,
+    &kRealNegotiationChannel, &kRecoverySwitchChannel, &kLogPathChannel,
+    &kLoadedChannel};
+
+class ReportShared : public sim::ScenarioTest {
+ protected:
+  using Told = std::map<std::string, std::vector<std::string>>;  // by game and channel
+
+  // A game whose connections come and go: each is a refusal, a success, a move and an end, or a
+  // direct connection. What it should have told goes by its name.
+  sim::Process& PlaysAs(const std::string& game) {
+    ++playing_;
+    return world.SpawnOn(world.host("home"), game, [this, game] {
+      const auto tracker = std::make_unique<Tracker>();
+      tracker->Init();
+      for (u32 i = 0; i < kConnections; ++i) {
+        Connect(*tracker, game + "-" + std::to_string(i), 100 + i);
+        Sleep(static_cast<DWORD>(world.random().Below(300)));
+      }
+      tracker->UnInit();
+      ++ended_;
+    });
+  }
+
+  // Takes what is there out of its slots, again and again.
+  sim::Process& Watches() {
+    return world.SpawnOn(world.host("home"), "client", [this] {
+      for (;;) {
+        TakeAll();
+        Sleep(20);
+      }
+    });
+  }
+  void TakeAll() {
+    Take(kDecisionChannel, client.decisions, [](const AccDecisionInfo& r) { return r.guid; });
+    Take(kCommunicationChannel, client.traffic,
+         [](const CommInfoRecord& r) { return r.ended != 0 ? r.guid_str : ""; });
+    Take(kNegotiationResultChannel, client.failures, [](const NegRetRecord& r) { return r.guid; });
+    Take(kRealNegotiationChannel, client.negotiations,
+         [](const RealNegoRecord& r) { return r.guid; });
+    Take(kRecoverySwitchChannel, client.switches,
+         [](const RecoverySwitchRecord& r) { return r.guid; });
+    Take(kLogPathChannel, client.log_paths, [](const LogPathRecord&) { return ""; });
+    Take(kLoadedChannel, client.loaded, [](const LspLoadedRecord&) { return ""; });
+  }
+  // In the order of a game's connections.
+  static std::vector<std::string> AllOf(const std::string& game, u32 first, u32 step) {
+    std::vector<std::string> all;
+    for (u32 i = first; i < kConnections; i += step) all.push_back(game + "-" + std::to_string(i));
+    return all;
+  }
+  void ExpectToldAll(const std::string& game) {
+    EXPECT_EQ(told_[game + kDecisionChannel.mapping_name], AllOf(game, 0, 1));
+    EXPECT_EQ(told_[game + kCommunicationChannel.mapping_name], AllOf(game, 0, 2));
+    EXPECT_EQ(told_[game + kNegotiationResultChannel.mapping_name], AllOf(game, 0, 2));
+    EXPECT_EQ(told_[game + kRealNegotiationChannel.mapping_name], AllOf(game, 0, 2));
+    EXPECT_EQ(told_[game + kRecoverySwitchChannel.mapping_name], AllOf(game, 0, 2));
+  }
+  bool RunsToTheEnd() {
+    return RunUntil([this] { return ended_ == playing_; });
+  }
+
+  test::ReportClient client;
+  Told told_;
+  int playing_ = 0;
+  int ended_ = 0;
+  u32 starts_ = 0;
+
+ private:
+  static constexpr u32 kConnections = 20;
+
+  static void Connect(Tracker& tracker, const std::string& guid, SOCKET socket) {
+    const bool is_acce = (socket - 100) % 2 == 0;
+    const AccDecisionInfo decision = SomeDecision(guid);
+    tracker.AddToWatchList(socket, kTrackUdp, 1);
+    tracker.SetAcceInfo(socket, is_acce, decision);
+    if (is_acce) {
+      tracker.RecordNegFailed(socket, 1, 202, decision, 5000, 1);
+      tracker.RecordNegSuccess(socket, 1, 1, 1, 1, decision);
+      RecoverySwitchRecord move;
+      common::SetFieldText(move.guid, guid);
+      tracker.SubmitRecoverySwitch(move);
+    }
+    tracker.RemoveFromWatchList(socket);
+  }
+
+  template <typename Region, typename Guid>
+  void Take(const ReportChannel& channel, test::ClientRegion<Region>& region, Guid guid_of) {
+    common::NamedMutex mutex(channel.mutex_name);
+    const common::NamedMutexGuard hold(&mutex, false);
+    for (auto& slot : region->slots) {
+      if (slot.used == 0) continue;
+      const std::string guid = guid_of(slot);
+      if (!guid.empty())
+        told_[guid.substr(0, guid.find('-')) + channel.mapping_name].push_back(guid);
+      if (&channel == &kLoadedChannel) ++starts_;
+      slot.used = 0;
+    }
+  }
+};
+
+SCENARIO_F_SEEDS(ReportShared, GamesThatReportAtOnceEachTellEverything, 10) {
+  const test::LogCapture log(4);
+  Watches();
+  PlaysAs("dawn");
+  PlaysAs("dusk");
+  PlaysAs("noon");
+  ASSERT_TRUE(RunsToTheEnd());
+  TakeAll();
+  for (const char* game : {"dawn", "dusk", "noon"}) ExpectToldAll(game);
+  EXPECT_EQ(starts_, 3u);
+  EXPECT_FALSE(log.Contains("failed")) << log.Text();
+}
+
+SCENARIO_F_SEEDS(ReportShared, ClientsThatDieWithEachMutexAreFollowedByTheNext, 10) {
+  PlaysAs("dawn");
+  PlaysAs("dusk");
+  for (const ReportChannel* channel : kChannels) {
+    sim::Process& victim = Watches();
+    RunFor(std::chrono::milliseconds(world.random().Below(200)));
+    world.KillWhenItHolds(victim, channel->mutex_name);
+    ASSERT_TRUE(RunUntil([&] { return !victim.alive; }, 10s));
+  }
+  Watches();
+  ASSERT_TRUE(RunsToTheEnd());
+  TakeAll();
+  ExpectToldAll("dawn");
+  ExpectToldAll("dusk");
+}
+
+// A game that is ended in the middle of a report leaves the slot free or whole.
+SCENARIO_F_SEEDS(ReportShared, GamesThatDieWithEachMutexLeaveTheOthersAlone, 10) {
+  Watches();
+  PlaysAs("dawn");
+  for (const ReportChannel* channel : kChannels) {
+    sim::Process& victim = PlaysAs("dusk");
+    --playing_;
+    world.KillWhenItHolds(victim, channel->mutex_name);
+    ASSERT_TRUE(RunUntil([&] { return !victim.alive; }, 10s)) << channel->mapping_name;
+  }
+  ASSERT_TRUE(RunsToTheEnd());
+  TakeAll();
+  ExpectToldAll("dawn");
+  std::set<std::string> known;
+  for (const std::string& guid : AllOf("dusk", 0, 1)) known.insert(guid);
+  for (const auto& [what, guids] : told_) {
+    if (what.rfind("dusk", 0) != 0) continue;
+    for (const std::string& guid : guids) EXPECT_TRUE(known.contains(guid)) << guid;
+  }
+}
+
+}  // namespace
