@@ -3,6 +3,7 @@
 #include <exception>
 #include <memory>
 
+#include "common/process_info.h"
 #include "common/text.h"
 #include "gametest/lsp_game_tester.h"
 #include "route/acc_config.h"
@@ -18,9 +19,11 @@ constexpr u32 kGameIdc = 1;
 constexpr u32 kProxyIdc = 1;
 constexpr u32 kReachableMs = 1;
 
-// Every port leads to the data centre, and the node reaches it.
-void AddDestinations() noexcept {
+// Every port leads to the data centre, and the node reaches it. The log goes to the program's
+// folder, where the developer has put the file as well.
+void CompleteConfig() noexcept {
   AccConfig config = *GetAccConfig();
+  common::SetFieldText(config.log_path, common::FieldText(common::GetProcessInfo().process_path));
   config.forced_proxy.proxy_idc = kProxyIdc;
   config.port_idc_count = 1;
   config.port_idc_records[0] = {0, kGameIdc};
@@ -65,7 +68,7 @@ bool ReadTestConfig() noexcept {
     LspGameTester& tester = GetLspGameTester();
     if (!tester.Init() || !tester.IsEnabled()) return ReadAccConfig();
     if (!tester.ReadAccConfig()) return false;
-    AddDestinations();
+    CompleteConfig();
     AddIpTable();
     AddRouteTable();
     return true;

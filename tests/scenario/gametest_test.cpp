@@ -8,6 +8,7 @@
 #include "gametest/test_mode.h"
 #include "port/sim/scenario.h"
 #include "route/acc_config.h"
+#include "route/init_log.h"
 #include "route/route.h"
 #include "tests/scenario/game_process.h"
 #include "tests/unit/temp_dir.h"
@@ -45,6 +46,8 @@ SCENARIO_F(TestMode, SendsEveryPublicDestinationThroughTheNodeOfTheFile) {
   const sim::Duration begin = world.now();
   EXPECT_TRUE(GetRoute()->Load(50, 100));
   EXPECT_LT(world.now() - begin, 100ms) << "it does not wait for a client";
+  InitLog();
+  EXPECT_EQ(std::string(common::GetProcessInfo().log_file_path).rfind("C:\\Games\\Dawn\\[", 0), 0u);
   for (const char* ip : {"198.51.100.10", "203.0.113.5"}) {
     AccDecisionInfo info;
     ASSERT_TRUE(Accelerates(ip, &info)) << ip;

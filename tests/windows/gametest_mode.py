@@ -55,6 +55,8 @@ class Stage:
         checks.equal(self.node.games()[before:], asked, f"{what}: whom the node was asked for")
         peers = {relay_bench.NODE if through_the_node else PLAYER}
         checks.equal(server.peers, peers, f"{what}: whom the server saw")
+        logs = len(list(folder.glob("*ffmpeg.exe*.log")))
+        checks.equal(logs, int(through_the_node), f"{what}: logs beside the program")
         return support.Result(done, support.read_trace(folder / "trace.jsonl"), folder).debug_output()
 
 
