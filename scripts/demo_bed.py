@@ -125,6 +125,8 @@ class Client:
 
     def __exit__(self, *reason):
         self.process.communicate(timeout=TIMEOUT_S)
+        if self.process.returncode != 0 and reason[0] is None:
+            raise Failed(f"vyr_client ended with {self.process.returncode}")
 
 
 class Watcher:
@@ -143,6 +145,8 @@ class Watcher:
 
     def __exit__(self, *reason):
         said, _ = self.process.communicate(timeout=TIMEOUT_S)
+        if self.process.returncode != 0 and reason[0] is None:
+            raise Failed(f"vyr_client, watching, ended with {self.process.returncode}")
         self.reports = [json.loads(line) for line in said.splitlines() if line.startswith("{")]
 
     def named(self, event):

@@ -12,8 +12,8 @@ import demo_bed
 SERVER = "198.51.100.10:7000"
 NODE_A, NODE_B = "198.51.100.20", "198.51.100.21"
 LAST_NODE = 7      # where both paths end; a flow moves only between such
-HEALTHY_S = 7      # before the trouble: longer than a young link is left alone
-TAIL_S = 3         # played on behind the switch
+HEALTHY_S = 6      # before the trouble: longer than a young link is left alone
+TAIL_S = 2         # played on behind the switch
 PATIENCE_S = 40    # from the trouble to the switch
 ATTEMPTS = 3
 LINK = {"data_up_loss": 30, "data_down_loss": 30, "probe_up_loss": 30, "probe_down_loss": 30}

@@ -88,7 +88,7 @@ class Stage:
         games = [support.windows_path(path) for path in self.paths.values()]
         text = switch_run.game(games, support.windows_path(self.logs) + "\\") + switch_run.ROUTES
         # A machine that is too busy to forward in time must not look like a bad link.
-        self.tables.write_text(text.replace("switch_open = 1", "switch_open = 0"))
+        self.tables.write_text(text.replace("\nswitch_open = 1", "\nswitch_open = 0"))
 
     def command(self, name):
         """Of a program with the library under it, given its arguments."""
