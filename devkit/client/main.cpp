@@ -244,8 +244,9 @@ void AddWatch(CLI::App* app, Options* options, Action* action) {
   CLI::Option* const top = watch->add_flag("--top", options->watch.top,
                                            "stay and show a table of the flows, kept up to date");
   watch->add_option("--report", options->watch.page, "write a page with charts of the run there");
-  CLI::Option* const from = watch->add_option(
-      "--from", options->watch.from, "read what watch --json printed from this file; - is input");
+  CLI::Option* const from =
+      watch->add_option("--from", options->watch.from,
+                        "read what watch --json prints from this file, as it comes; - is input");
   watch->add_flag("--until-eof", options->until_eof, "end with the end of standard input")
       ->excludes(from);
   top->excludes("--json");

@@ -18,6 +18,11 @@ namespace {
 
 constexpr unsigned kPipeColumns = 160;
 
+// A screen of our own without a cursor. What is too wide after all, since some characters take
+// two columns, is cut there and does not run into the next line.
+constexpr char kEnterScreen[] = "\x1b[?1049h\x1b[?25l\x1b[?7l";
+constexpr char kLeaveScreen[] = "\x1b[?7h\x1b[?25h\x1b[?1049l";
+
 #ifdef _WIN32
 bool MakeScreen() {
   const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
@@ -54,11 +59,11 @@ bool Put(const std::string& text) {
 }  // namespace
 
 Terminal::Terminal() : is_screen_(MakeScreen()) {
-  if (is_screen_) Put("\x1b[?1049h\x1b[?25l");
+  if (is_screen_) Put(kEnterScreen);
 }
 
 Terminal::~Terminal() {
-  if (is_screen_) Put("\x1b[?25h\x1b[?1049l");
+  if (is_screen_) Put(kLeaveScreen);
 }
 
 ScreenSize Terminal::Size() const {
@@ -68,16 +73,18 @@ ScreenSize Terminal::Size() const {
   return {wanted > 0 && wanted < 10000 ? static_cast<unsigned>(wanted) : kPipeColumns, 0};
 }
 
-bool Terminal::Draw(const std::vector<std::string>& lines) {
+bool Terminal::Draw(const std::vector<std::string>& lines, ScreenSize size) {
   std::string text;
   if (!is_screen_) {
     for (const std::string& line : lines) text += line + "\n";
     return Put(text + "\n");
   }
+  // Each line is cleared before it is written: behind its last column a terminal would clear that.
   // No line's end behind the last line: the screen would scroll.
   text = "\x1b[H";
-  for (size_t i = 0; i < lines.size(); ++i) text += (i == 0 ? "" : "\r\n") + lines[i] + "\x1b[K";
-  return Put(text + "\x1b[J");
+  for (size_t i = 0; i < lines.size(); ++i) text += (i == 0 ? "\x1b[K" : "\r\n\x1b[K") + lines[i];
+  if (size.rows == 0 || lines.size() < size.rows) text += "\r\n\x1b[J";
+  return Put(text);
 }
 
 }  // namespace client

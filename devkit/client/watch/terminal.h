@@ -20,8 +20,8 @@ class Terminal {
   bool is_screen() const { return is_screen_; }
   ScreenSize Size() const;
 
-  // False once nobody takes the output any more.
-  bool Draw(const std::vector<std::string>& lines);
+  // Lines that fit that size. False once nobody takes the output any more.
+  bool Draw(const std::vector<std::string>& lines, ScreenSize size);
 
  private:
   bool is_screen_ = false;

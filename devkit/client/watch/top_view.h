@@ -11,6 +11,8 @@ namespace client {
 struct ScreenSize {
   unsigned columns = 120;
   unsigned rows = 0;  // 0: as many as there are
+
+  bool operator==(const ScreenSize&) const = default;
 };
 
 // A heading, then a row a flow: those that live before those that have ended, the newest of these

@@ -7,13 +7,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
-#include <iostream>
 #include <memory>
 #include <optional>
 
 #include "client/reporter.h"
 #include "client/watch/flow_book.h"
+#include "client/watch/line_source.h"
 #include "client/watch/report_drain.h"
 #include "client/watch/report_json.h"
 #include "client/watch/report_page.h"
@@ -101,14 +100,19 @@ class Outlet {
     }
   }
 
-  // A screen is redrawn every second, because ages grow; a pipe gets a drawing when there is news.
+  // A screen is redrawn every second, because ages grow, and when it changes its size; a pipe gets
+  // a drawing when there is news.
   bool Redraw() {
     const bool is_due = GetTickCount() - drawn_tick_ >= kRedrawMs;
-    const bool wanted = terminal_->is_screen() ? is_due || is_changed_ : is_due && is_changed_;
+    const ScreenSize size = terminal_->Size();
+    const bool is_resized = size != drawn_size_;
+    const bool wanted =
+        terminal_->is_screen() ? is_due || is_changed_ || is_resized : is_due && is_changed_;
     if (!wanted) return true;
     drawn_tick_ = GetTickCount();
+    drawn_size_ = size;
     is_changed_ = false;
-    return terminal_->Draw(TopLines(book_, terminal_->Size(), Now()));
+    return terminal_->Draw(TopLines(book_, size, Now()), size);
   }
 
   const WatchOptions& options_;
@@ -120,34 +124,48 @@ class Outlet {
   bool is_changed_ = true;
   bool page_is_due_ = true;
   bool page_failed_ = false;
+  ScreenSize drawn_size_;
   DWORD drawn_tick_ = GetTickCount() - kRedrawMs;
   DWORD page_tick_ = GetTickCount() - kPageEveryMs;
 };
 
-bool ShowFile(const WatchOptions& options, Outlet* outlet) {
-  const Reporter reporter(options.json);
-  std::ifstream opened;
-  if (options.from != "-") opened.open(options.from, std::ios::binary);
-  std::istream& file = options.from == "-" ? std::cin : opened;
-  if (!file) {
-    reporter.Report(options.from, {{.reason = "cannot be read"}});
-    return false;
-  }
-  std::string line, why;
-  std::vector<Report> reports;
-  for (unsigned number = 1; std::getline(file, line); ++number) {
+// Which of the lines are reports. False, after a word about it, at one that is none.
+bool ParseLines(const WatchOptions& options, const std::vector<std::string>& lines,
+                unsigned* number, std::vector<Report>* reports) {
+  for (const std::string& line : lines) {
+    ++*number;
     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+    std::string why;
     auto report = ReportFromJson(line, &why);
-    if (!report && why.empty()) continue;
-    if (!report) {
-      reporter.Report(options.from, {{.line = number, .reason = why}});
+    if (report) {
+      reports->push_back(std::move(*report));
+    } else if (!why.empty()) {
+      Reporter(options.json).Report(options.from, {{.line = *number, .reason = why}});
       return false;
     }
-    reports.push_back(std::move(*report));
   }
-  const bool shown = outlet->Show(reports);
+  return true;
+}
+
+// What comes is shown as it comes: the file may be a pipe from a watch elsewhere.
+bool ShowFile(const WatchOptions& options, const volatile std::sig_atomic_t* ended,
+              Outlet* outlet) {
+  LineSource source(options.from);
+  unsigned number = 0;
+  bool is_right = true, open = true;
+  std::vector<std::string> lines;
+  while (is_right && open && *ended == 0 && source.Take(kPollMs, &lines)) {
+    std::vector<Report> reports;
+    is_right = ParseLines(options, lines, &number, &reports);
+    open = outlet->Show(reports);
+    outlet->PageNowAndThen();
+  }
   outlet->Close();
-  return outlet->WriteThePage() && shown;
+  if (source.failed()) {
+    Reporter(options.json).Report(options.from, {{.reason = "cannot be read"}});
+    return false;
+  }
+  return outlet->WriteThePage() && is_right && open;
 }
 
 // One pass. False when the output is closed: what was taken stays in its slots then.
@@ -199,7 +217,7 @@ bool Watch(const WatchOptions& options, const volatile std::sig_atomic_t* ended)
                  "--charts): the page's charts are left out\n");
   }
   Outlet outlet(options);
-  if (!options.from.empty()) return ShowFile(options, &outlet);
+  if (!options.from.empty()) return ShowFile(options, ended, &outlet);
 #ifndef _WIN32
   std::fprintf(stderr,
                "vyr_client: this is not the Windows program: no other process reports here\n");

@@ -1,0 +1,28 @@
+// Lines of a file or of standard input as they come, without waiting for them.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace client {
+
+// Reads on a thread of its own, which may sit in a read for good: the program must leave by _Exit
+// or live on. One user.
+class LineSource {
+ public:
+  // "-" is standard input. Opening may wait as well, and is done on that thread too.
+  explicit LineSource(const std::string& path);
+
+  // What has come, after waiting so long at most for something. False once all lines were taken.
+  bool Take(unsigned wait_ms, std::vector<std::string>* lines);
+
+  // Whether it could not be opened. Known once Take gave false.
+  bool failed() const;
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;  // the thread's as well
+};
+
+}  // namespace client
