@@ -242,6 +242,72 @@ SCENARIO_F(SwitchTrigger, ADeadLinkEndsInATrialOfAnotherNode) {
   EXPECT_EQ(Count("[RecoverySwitch]switching is firing: count=0, proxy_idc=1"), 1);
 }
 
+// The trial of a node that never sends data has no end, and bars every other: reports go on, and
+// say that a switch was wanted. Such an attempt is not counted and sets no clock.
+SCENARIO_F(SwitchTrigger, ATrialThatDoesNotEndLeavesReportsOfWantedSwitches) {
+  IsCarried();
+  Plays(10'000);
+  Traffic dead;
+  dead.data_lost = dead.probe_lost = Always;
+  for (int i = 0; i < 200 && !b.IsAsked(); ++i) Plays(50, dead);
+  b.Answers();
+  HealthyTurns(20);
+  ASSERT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded"));
+  Plays(25'000, dead);
+  EXPECT_TRUE(Logged("[RecoverySwitch]switching could not happen within 30000ms, proxy_idc=1 ,"));
+  EXPECT_EQ(Count("switching is firing"), 1);
+  const int held_back = Count("need_switch=0, switch_result=0");
+  EXPECT_GT(held_back, 0);
+  Plays(20'000, dead);
+  EXPECT_GT(Count("need_switch=1, switch_result=0"), 1);
+  EXPECT_EQ(Count("switching is firing: count=1"), Count("need_switch=1, switch_result=0"))
+      << "each is refused, and the next may try at once";
+  EXPECT_FALSE(b.IsAsked());
+  EXPECT_EQ(Results(), "");
+}
+
+SCENARIO_F(SwitchTrigger, AFailedTrialCountsAndTheNextComesThirtySecondsLater) {
+  config.max_link_switch_count = 2;
+  config.switching_max_real_route_lost = 0;  // none passes
+  IsCarried();
+  Plays(10'000);
+  Traffic dead;
+  dead.data_lost = dead.probe_lost = Always;
+  std::vector<sim::Duration> asked;
+  for (int i = 0; i < 2000 && asked.size() < 3; ++i) {
+    Plays(50, dead);
+    if (b.IsAsked()) {
+      asked.push_back(world.now());
+      b.Answers();
+    }
+  }
+  ASSERT_EQ(asked.size(), 2u);
+  EXPECT_GE(asked[1] - asked[0], 30s);
+  EXPECT_LE(asked[1] - asked[0], 38s);
+  EXPECT_EQ(Results(), "4 4");
+  EXPECT_TRUE(Logged("[RecoverySwitch]switching count reaches top limit 2, proxy_idc=1 ,"));
+}
+
+// Data that is lost where probes are not would have bursts without end.
+SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
+  config.max_high_freq_test_count = 3;
+  config.watching_time_span = 20;
+  IsCarried();
+  Plays(10'000);
+  Traffic lossy;
+  lossy.data_lost = OneIn(5);
+  Plays(10'000, lossy);
+  EXPECT_TRUE(Logged("watch period time, refuse high freq test"));
+  probes_ = 0;
+  Plays(10'000, lossy);
+  EXPECT_LE(probes_, 20) << "no burst";
+  // Loss of probes ends it before its time.
+  lossy.probe_lost = OneIn(2);
+  Plays(5'000, lossy);
+  EXPECT_GE(probes_, 40);
+  EXPECT_TRUE(Logged("[RecoverySwitch::Report]") || Trial() != nullptr);
+}
+
 // Nothing is looked at any more once all reports have been made: a link in trouble stays.
 SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
   config.switch_open = 0;

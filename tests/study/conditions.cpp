@@ -1,0 +1,100 @@
+#include "tests/study/conditions.h"
+
+#include "common/text.h"
+
+namespace study {
+namespace {
+
+using moru_vyr::lsp::AccConfigRecord;
+using std::chrono::milliseconds;
+
+// Without these nothing is ever measured, reported or switched; everything else is as the library
+// takes it where nobody has set it.
+void Permit(AccConfigRecord* config) {
+  config->link_switch_mask = 3;
+  common::SetFieldText(config->list_text, "7");
+  config->switch_open = 1;
+  config->game_link_switch_open = 1;
+  config->max_link_except_rep_num = 1000;
+  config->max_link_switch_count = 1000;
+  // 0 would be a watch period without end.
+  config->max_high_freq_test_count = 100;
+  // The first look finds less than it needs to tell a quiet link from a dead one.
+  config->ignore_high_freq_test_time = 2;
+  // By default no node passes: the answer to a burst's last probe never counts.
+  config->switching_max_real_route_lost = 60;
+}
+
+void Default(AccConfigRecord* config) { Permit(config); }
+
+// Shorter windows see slots without a datagram, and take a healthy link for a dead one.
+void Fast(AccConfigRecord* config) {
+  Permit(config);
+  config->lost_calc_unit_size = 100;
+  config->recovery_window_word = 50;
+  // Half as many probes, and so less waiting for the timer: the burst ends sooner.
+  config->high_freq_test_interval = 100;
+}
+
+// For links of this length: a burst alone does not look like delay, and the verdict on the new
+// node rests on 25 probes.
+void Steady(AccConfigRecord* config) {
+  Permit(config);
+  config->max_delay_avg = 150;
+  config->max_delay_amp = 25;
+  config->switching_high_freq_test_interval = 20;
+  config->switching_high_freq_test_time = 500;
+  config->switching_max_real_route_lost = 15;
+}
+
+}  // namespace
+
+sim::LinkOptions HealthyLink(double loss) {
+  sim::LinkOptions link;
+  link.delay = milliseconds(10);
+  link.jitter = milliseconds(3);
+  link.loss = loss;
+  return link;
+}
+
+sim::LinkOptions Trouble::Link(double loss) const {
+  sim::LinkOptions link = HealthyLink(loss);
+  link.delay += milliseconds(delay_ms) / 2;
+  link.jitter += milliseconds(jitter_ms);
+  link.partitioned = node_down;
+  return link;
+}
+
+const std::vector<Trouble>& Troubles() {
+  static const std::vector<Trouble> all = {
+      {.name = "dead", .words = "the node is gone", .node_down = true},
+      {.name = "loss20", .words = "20 % lost each way", .loss_up = .2, .loss_down = .2},
+      {.name = "loss40", .words = "40 % lost each way", .loss_up = .4, .loss_down = .4},
+      {.name = "delay150", .words = "150 ms more", .delay_ms = 150},
+      {.name = "jitter60", .words = "up to 60 ms more each way", .jitter_ms = 60},
+      {.name = "down40", .words = "40 % lost from the node", .loss_down = .4},
+      {.name = "up40", .words = "40 % lost to the node", .loss_up = .4},
+      {.name = "both20",
+       .words = "20 % lost each way, at both nodes",
+       .loss_up = .2,
+       .loss_down = .2,
+       .at_both = true},
+      {.name = "both-delay150",
+       .words = "150 ms more, at both nodes",
+       .delay_ms = 150,
+       .at_both = true},
+  };
+  return all;
+}
+
+const std::vector<Settings>& AllSettings() {
+  static const std::vector<Settings> all = {
+      {"default", "as the library takes them where nothing is set", Default, 1000, 50},
+      {"fast", "as fast as a healthy link allows: slots of 100 ms", Fast, 1000, 50},
+      {"steady", "for links of this length: delay from 150 ms on, a trial of 25 probes", Steady,
+       1000, 500},
+  };
+  return all;
+}
+
+}  // namespace study

@@ -1,0 +1,49 @@
+// What is done to the player's link, and by which settings the library watches it.
+#pragma once
+#include <string>
+#include <vector>
+
+#include "port/sim/sim.h"
+#include "route/acc_config_formats.h"
+
+namespace study {
+
+// The player's way to a node, each way: 10 ms, a swing of 3 ms, and this share lost.
+sim::LinkOptions HealthyLink(double loss);
+
+struct Trouble {
+  const char* name;
+  const char* words;
+  bool node_down = false;
+  double loss_up = 0, loss_down = 0;
+  int delay_ms = 0;      // more, over both ways
+  int jitter_ms = 0;     // up to so much more, each way
+  bool at_both = false;  // the other node's way suffers as well
+
+  sim::LinkOptions Up() const { return Link(loss_up); }
+  sim::LinkOptions Down() const { return Link(loss_down); }
+
+ private:
+  sim::LinkOptions Link(double loss) const;
+};
+const std::vector<Trouble>& Troubles();
+
+struct Settings {
+  const char* name;
+  const char* words;
+  void (*apply)(moru_vyr::lsp::AccConfigRecord*);
+  // What they ask for at the least.
+  int burst_ms, trial_ms;
+};
+const std::vector<Settings>& AllSettings();
+
+// Null: none has the name.
+template <class Condition>
+const Condition* Find(const std::vector<Condition>& all, const std::string& name) {
+  for (const Condition& one : all) {
+    if (name == one.name) return &one;
+  }
+  return nullptr;
+}
+
+}  // namespace study
