@@ -276,7 +276,8 @@ class Table {
     for (int round = 0; round < settings_.rounds; ++round) {
       if (isatty(STDERR_FILENO) != 0)
         std::fprintf(stderr, "\rround %d of %d", round + 1, settings_.rounds);
-      for (std::size_t i = 0; i < measures_.size();) i = TakeTurns(i);
+      for (std::size_t i = 0; i < measures_.size();)
+        i = TakeTurns(i, static_cast<std::size_t>(round));
     }
     if (isatty(STDERR_FILENO) != 0) std::fprintf(stderr, "\r                    \r");
     settings_.json ? comparison_->PrintJson(settings_.rounds) : comparison_->PrintTable();
@@ -284,12 +285,14 @@ class Table {
   }
 
  private:
-  // All ways, one after the other; what is measured together is one run of the game.
-  std::size_t TakeTurns(std::size_t first) {
+  // All ways, one after the other, each round from another on: nobody always follows the same. What
+  // is measured together is one run of the game.
+  std::size_t TakeTurns(std::size_t first, std::size_t round) {
     const DatagramOrder& order = measures_[first].order;
     std::size_t end = first;
     while (end < measures_.size() && measures_[end].order == order) ++end;
-    for (Way& way : ways_) {
+    for (std::size_t turn = 0; turn < ways_.size(); ++turn) {
+      Way& way = ways_[(turn + round) % ways_.size()];
       const DatagramOutcome outcome = way.game->Does(order);
       Judge(way, measures_[first], outcome);
       for (std::size_t i = first; i < end && outcome.worked; ++i) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 
@@ -17,6 +18,7 @@ constexpr int kEchoPauseUs = 10'000;
 constexpr char kIdleSeconds[] = "5";
 constexpr char kStreamModule[] = "/usr/lib/nginx/modules/ngx_stream_module.so";
 constexpr std::size_t kFlows = 128;  // at once; the oldest makes room
+constexpr time_t kForgottenSeconds = 2;
 
 sockaddr_in Address(const std::string& ip, std::uint16_t port) {
   sockaddr_in address = {};
@@ -29,7 +31,14 @@ sockaddr_in Address(const std::string& ip, std::uint16_t port) {
 struct ForwardedFlow {
   sockaddr_in client = {};
   int upstream = -1;
+  time_t used = 0;
 };
+
+time_t NowSeconds() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec;
+}
 
 class SelectForwarder {
  public:
@@ -75,16 +84,29 @@ class SelectForwarder {
   }
 
   const ForwardedFlow& FlowOf(const sockaddr_in& client) {
-    for (const ForwardedFlow& flow : flows_) {
-      if (flow.client.sin_port == client.sin_port &&
-          flow.client.sin_addr.s_addr == client.sin_addr.s_addr)
-        return flow;
+    const time_t now = NowSeconds();
+    for (ForwardedFlow& flow : flows_) {
+      if (flow.client.sin_port != client.sin_port ||
+          flow.client.sin_addr.s_addr != client.sin_addr.s_addr)
+        continue;
+      flow.used = now;
+      return flow;
     }
+    Forget(now);
     ForwardedFlow& flow = flows_[next_++ % std::size(flows_)];
     if (flow.upstream >= 0) close(flow.upstream);
-    flow = {client, socket(AF_INET, SOCK_DGRAM, 0)};
+    flow = {client, socket(AF_INET, SOCK_DGRAM, 0), now};
     connect(flow.upstream, reinterpret_cast<const sockaddr*>(&server_), sizeof server_);
     return flow;
+  }
+
+  // Those of earlier measurements would slow every select.
+  void Forget(time_t now) {
+    for (ForwardedFlow& flow : flows_) {
+      if (flow.upstream < 0 || now - flow.used < kForgottenSeconds) continue;
+      close(flow.upstream);
+      flow = {};
+    }
   }
 
   const sockaddr_in server_;
