@@ -11,6 +11,7 @@
 #include "patch.h"
 #include "providers.h"
 #include "report.h"
+#include "thread_hooks.h"
 #include "winsock_hooks.h"
 
 namespace winsock_host {
@@ -35,6 +36,7 @@ extern "C" DWORD WINAPI HostStart(void* argument) {
   SpareSystemModules();
   AddWinsockReplacements();
   AddLoaderReplacements();
+  AddThreadReplacements();
   BuildCatalogue(config);
   if (!StartDirectProvider(config)) return kHostNoBaseProvider;
   FollowModuleLoads();
