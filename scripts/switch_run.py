@@ -198,7 +198,7 @@ class Run:
     def __init__(self, nodes, game, logs):
         self.a, self.b = nodes
         self.command = [*game, "play", SERVER, "--rate", "30", "--seconds", "0", "--until-eof",
-                        "--lobby", SERVER, "--ping", "--json"]
+                        "--lobby", SERVER, "--ping", "--linger-ms", "5000", "--json"]
         self.logs = logs
 
     def play(self, seed, link=None):
@@ -230,7 +230,7 @@ class Run:
                          if event["direction"] == "to_client"], PATIENCE_S, "the flow on node B")
             time.sleep(TAIL_S)
         finally:
-            said, _ = game.communicate(timeout=demo_bed.TIMEOUT_S)
+            said = self._end(game)
         if game.returncode != 0:
             raise demo_bed.Failed(f"the game ended with {game.returncode}")
         summary = json.loads(said.splitlines()[-1])
@@ -240,6 +240,13 @@ class Run:
         for node, known in ((a, known_a), (b, known_b)):
             self._add_losses(node, known, facts)
         return facts
+
+    @staticmethod
+    def _end(game):
+        try:
+            return game.communicate(timeout=demo_bed.TIMEOUT_S)[0]
+        except subprocess.TimeoutExpired:
+            raise demo_bed.Failed("the game does not end") from None
 
     @staticmethod
     def _add_losses(node, known, facts):

