@@ -41,6 +41,12 @@ inline int Accept(int fd, sockaddr* name, socklen_t* size) {
 inline int Connect(int fd, const sockaddr* name, socklen_t size) {
   return ::connect(fd, name, size);
 }
+inline ssize_t Send(int fd, const void* bytes, size_t size, int flags) {
+  return ::send(fd, bytes, size, flags);
+}
+inline ssize_t Recv(int fd, void* bytes, size_t size, int flags) {
+  return ::recv(fd, bytes, size, flags);
+}
 inline ssize_t SendMsg(int fd, const msghdr* message, int flags) {
   return ::sendmsg(fd, message, flags);
 }

@@ -17,7 +17,7 @@ constexpr size_t kNoTwin = static_cast<size_t>(-1);
 
 // One handle in one of the three sets.
 struct Wanted {
-  SocketRef socket;
+  Socket* socket;
   short events;
   size_t twin = kNoTwin;  // its place in the set for reading, if the same handle stands there
   bool ready = false;
@@ -33,6 +33,7 @@ struct Set {
 // first ones allocate.
 struct Scratch {
   std::vector<Wanted> wanted[3];
+  SelectedSockets sockets;
   std::vector<pollfd> polled;
 };
 
@@ -43,10 +44,9 @@ Scratch& ThreadScratch() {
 
 // Callers are apt to ask for the same handles in two sets, in the same order; what is looked up,
 // waited for and polled once then serves both.
-int Resolve(Set* set, const Set& reads) {
+int Resolve(Set* set, const Set& reads, SelectedSockets* sockets) {
   if (!set->handles) return 0;
   if (set->handles->fd_count > FD_SETSIZE) return WSAEINVAL;
-  set->wanted.reserve(set->handles->fd_count);
   for (u_int i = 0; i < set->handles->fd_count; ++i) {
     const SOCKET handle = set->handles->fd_array[i];
     if (set != &reads && i < reads.wanted.size() && reads.handles->fd_array[i] == handle) {
@@ -55,7 +55,8 @@ int Resolve(Set* set, const Set& reads) {
     }
     SocketRef socket = FindSocket(handle);
     if (!socket) return WSAENOTSOCK;
-    set->wanted.push_back({std::move(socket), set->events});
+    set->wanted.push_back({socket.get(), set->events});
+    sockets->push_back(std::move(socket));
   }
   return 0;
 }
@@ -99,15 +100,19 @@ class Selection {
       : sets_{{read, POLLIN, scratch_.wanted[0]},
               {write, POLLOUT, scratch_.wanted[1]},
               {except, POLLPRI, scratch_.wanted[2]}} {}
+  // No socket may outlive its handle for want of another select.
   ~Selection() {
-    for (Set& set : sets_) set.wanted.clear();  // holds no socket open
+    for (Set& set : sets_) set.wanted.clear();
+    scratch_.sockets.clear();
   }
   Selection(const Selection&) = delete;
   Selection& operator=(const Selection&) = delete;
 
+  const SelectedSockets& sockets() const { return scratch_.sockets; }
+
   int ResolveAll() {
     for (Set& set : sets_)
-      if (int error = Resolve(&set, sets_[0])) return error;
+      if (int error = Resolve(&set, sets_[0], &scratch_.sockets)) return error;
     bool any = false;
     for (const Set& set : sets_) any = any || !set.wanted.empty();
     return any ? 0 : WSAEINVAL;
@@ -177,33 +182,6 @@ class Selection {
   Set sets_[3];
 };
 
-// This thread among the waiters of every socket of a selection.
-class WaitingForAll {
- public:
-  WaitingForAll(Selection& selection, Thread& thread) : selection_(selection), thread_(thread) {
-    selection_.ForEach([&](Wanted& one) {
-      if (one.twin != kNoTwin) return;
-      std::lock_guard hold(one.socket->lock);
-      one.socket->waiters.push_back(&thread_);
-    });
-  }
-  ~WaitingForAll() {
-    selection_.ForEach([&](Wanted& one) {
-      if (one.twin != kNoTwin) return;
-      std::lock_guard hold(one.socket->lock);
-      auto& waiters = one.socket->waiters;
-      auto at = std::find(waiters.begin(), waiters.end(), &thread_);
-      if (at != waiters.end()) waiters.erase(at);
-    });
-  }
-  WaitingForAll(const WaitingForAll&) = delete;
-  WaitingForAll& operator=(const WaitingForAll&) = delete;
-
- private:
-  Selection& selection_;
-  Thread& thread_;
-};
-
 timespec Left(Clock::time_point deadline) {
   using std::chrono::nanoseconds;
   const auto left = std::max<int64_t>(
@@ -224,7 +202,7 @@ int SelectSockets(fd_set* read, fd_set* write, fd_set* except, const timeval* ti
   bool open = true;
   bool over = false;
   {
-    WaitingForAll waiting(selection, thread);
+    Selecting selecting(selection.sockets(), thread);
     while (!thread.told_to_end && open && !selection.AnyReady() && !over) {
       const timespec left = timeout ? Left(deadline) : timespec{};
       open = selection.Look(thread, timeout ? &left : nullptr);

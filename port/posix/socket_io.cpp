@@ -59,6 +59,14 @@ msghdr Message(Vectors* vectors) {
   return message;
 }
 
+// Nearly every call has one buffer, for which the host has the quicker call.
+ssize_t PutOnStream(int fd, Vectors* vectors, int flags) {
+  if (vectors->size() == 1)
+    return native::Send(fd, vectors->data()->iov_base, vectors->data()->iov_len, flags);
+  const msghdr message = Message(vectors);
+  return native::SendMsg(fd, &message, flags);
+}
+
 // With IP_RECVERR the host queues each unreachable report, and any call may be the one that
 // learns of it.
 void DropQueuedReport(Socket& socket) {
@@ -105,8 +113,7 @@ int SendStream(Socket& socket, Vectors& vectors, int flags, DWORD* sent) {
   const size_t total = Total(vectors);
   size_t done = 0;
   do {
-    msghdr message = Message(&vectors);
-    const ssize_t put = native::SendMsg(socket.fd, &message, flags);
+    const ssize_t put = PutOnStream(socket.fd, &vectors, flags);
     if (put >= 0) {
       done += static_cast<size_t>(put);
       Advance(&vectors, static_cast<size_t>(put));
@@ -163,8 +170,17 @@ bool TakeUnreachable(Socket& socket) {
   return told && socket.report_unreachable;
 }
 
-int ReceiveOnce(Socket& socket, Vectors* vectors, int flags, sockaddr_storage* from,
-                unsigned* from_size, size_t* got) {
+// The three below give the host's error number.
+int ReceiveBytes(const Socket& socket, Vectors* vectors, int flags, size_t* got) {
+  const ssize_t size =
+      native::Recv(socket.fd, vectors->data()->iov_base, vectors->data()->iov_len, flags);
+  if (size < 0) return errno;
+  *got = static_cast<size_t>(size);
+  return 0;
+}
+
+int ReceiveMessage(const Socket& socket, Vectors* vectors, int flags, sockaddr_storage* from,
+                   unsigned* from_size, size_t* got) {
   msghdr message = Message(vectors);
   message.msg_name = from;
   message.msg_namelen = sizeof *from;
@@ -173,6 +189,13 @@ int ReceiveOnce(Socket& socket, Vectors* vectors, int flags, sockaddr_storage* f
   *got = static_cast<size_t>(size);
   *from_size = message.msg_namelen;
   return (message.msg_flags & MSG_TRUNC) ? EMSGSIZE : 0;
+}
+
+int ReceiveOnce(const Socket& socket, Vectors* vectors, int flags, sockaddr_storage* from,
+                unsigned* from_size, size_t* got) {
+  return socket.stream() && vectors->size() == 1
+             ? ReceiveBytes(socket, vectors, flags, got)
+             : ReceiveMessage(socket, vectors, flags, from, from_size, got);
 }
 
 }  // namespace

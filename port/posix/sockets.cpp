@@ -80,6 +80,17 @@ int CheckName(const Socket& socket, const sockaddr* name, int name_size) {
   return name->sa_family == socket.family ? 0 : WSAEAFNOSUPPORT;
 }
 
+// The selections of all threads. The lock is a leaf.
+struct RunningSelections {
+  std::mutex lock;
+  std::vector<const Selecting*> running;
+};
+
+RunningSelections& Selections() {
+  static auto& selections = *new RunningSelections;
+  return selections;
+}
+
 // A thread's place among those that poll a socket, for as long as it polls.
 class Waiting {
  public:
@@ -111,8 +122,29 @@ SocketRef FindSocket(SOCKET s) { return SocketTable::Instance().Find(s); }
 SOCKET AddSocket(SocketRef socket) { return SocketTable::Instance().Add(std::move(socket)); }
 
 void WakeWaiters(Socket& socket) {
-  std::lock_guard hold(socket.lock);
-  for (Thread* thread : socket.waiters) thread->Wake();
+  {
+    std::lock_guard hold(socket.lock);
+    for (Thread* thread : socket.waiters) thread->Wake();
+  }
+  std::lock_guard hold(Selections().lock);
+  for (const Selecting* one : Selections().running) one->WakeIfSelected(socket);
+}
+
+Selecting::Selecting(const SelectedSockets& sockets, Thread& thread)
+    : sockets_(sockets), thread_(thread) {
+  std::lock_guard hold(Selections().lock);
+  Selections().running.push_back(this);
+}
+
+Selecting::~Selecting() {
+  std::lock_guard hold(Selections().lock);
+  std::erase(Selections().running, this);
+}
+
+void Selecting::WakeIfSelected(const Socket& socket) const {
+  const auto found = std::find_if(sockets_.begin(), sockets_.end(),
+                                  [&](const SocketRef& one) { return one.get() == &socket; });
+  if (found != sockets_.end()) thread_.Wake();
 }
 
 int DeliverName(const sockaddr_storage& from, unsigned from_size, sockaddr* name, int* name_size) {

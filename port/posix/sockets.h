@@ -45,9 +45,27 @@ struct Socket {
 
   std::mutex lock;               // what follows
   int pending_error = 0;         // what SO_ERROR will tell once
-  std::vector<Thread*> waiters;  // threads that poll this socket
+  std::vector<Thread*> waiters;  // threads that poll this socket alone
 };
 using SocketRef = std::shared_ptr<Socket>;
+using SelectedSockets = std::vector<SocketRef>;
+
+// A thread's place among those that poll many sockets at once, for as long as it does. The sockets
+// stay as they are meanwhile. Made for loops with many sockets and few changes: it costs one lock,
+// and a change of a socket looks for it in every selection.
+class Selecting {
+ public:
+  Selecting(const SelectedSockets& sockets, Thread& thread);
+  ~Selecting();
+  Selecting(const Selecting&) = delete;
+  Selecting& operator=(const Selecting&) = delete;
+
+  void WakeIfSelected(const Socket& socket) const;
+
+ private:
+  const SelectedSockets& sockets_;
+  Thread& thread_;
+};
 
 // Tells what becomes of a closed handle's value: never used again (the default), or given to
 // the very next socket, as the platform is apt to do.

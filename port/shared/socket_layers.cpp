@@ -104,8 +104,10 @@ std::shared_ptr<const SocketLayers::Started> SocketLayers::ForNewSocket(int fami
 }
 
 const WSPPROC_TABLE& SocketLayers::TableOf(SOCKET s) {
-  auto started = Of(s);
-  return started ? started->table : BaseProviderTable();  // kept_ holds it for good
+  if (!any_layered_) return BaseProviderTable();
+  std::shared_lock hold(sockets_lock_);
+  const auto at = sockets_.find(s);
+  return at == sockets_.end() ? BaseProviderTable() : at->second->table;  // kept_ holds it for good
 }
 
 std::shared_ptr<const SocketLayers::Started> SocketLayers::Of(SOCKET s) {
