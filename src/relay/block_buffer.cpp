@@ -1,10 +1,14 @@
 #include "relay/block_buffer.h"
 
 #include <iterator>
+#include <new>
 
 namespace moru_vyr::lsp {
 
-BufferBlock::BufferBlock(u32 size) : data(std::make_unique<u8[]>(size)), capacity(size) { Reset(); }
+BufferBlock::BufferBlock(u32 size) : data(static_cast<u8*>(std::calloc(size, 1))), capacity(size) {
+  if (data == nullptr) throw std::bad_alloc();
+  Reset();
+}
 
 bool BlockBuffer::AddBlock() noexcept {
   if (!spare_.empty()) {

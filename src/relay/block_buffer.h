@@ -5,6 +5,7 @@
 // when Reserve refuses, the session stops reading. Blocks are allocated at first use and kept for
 // reuse until Clear. One thread; nothing throws.
 #pragma once
+#include <cstdlib>
 #include <list>
 #include <memory>
 
@@ -12,8 +13,14 @@
 
 namespace moru_vyr::lsp {
 
+// The system hands out memory of this size zeroed and takes a page of it only when it is touched:
+// a connection that carries little costs little.
+struct FreeBytes {
+  void operator()(u8* bytes) const noexcept { std::free(bytes); }
+};
+
 struct BufferBlock {
-  explicit BufferBlock(u32 size);
+  explicit BufferBlock(u32 size);  // throws std::bad_alloc
 
   void Reset() noexcept { read_pos = write_pos = data.get(); }
   u32 Pending() const noexcept { return static_cast<u32>(write_pos - read_pos); }
@@ -25,7 +32,7 @@ struct BufferBlock {
     return size <= Free() && size <= static_cast<u32>(data.get() + capacity - write_pos);
   }
 
-  std::unique_ptr<u8[]> data;  // zero-filled
+  std::unique_ptr<u8[], FreeBytes> data;  // zero-filled
   u32 capacity;
   u8* read_pos;
   u8* write_pos;
