@@ -153,6 +153,29 @@ SCENARIO(CreateNonBlockTcpSocket, MakesANonBlockingSocketThatIsNotBound) {
   EXPECT_TRUE(CreateNonBlockTcpSocket(nullptr));
 }
 
+int NoDelayOf(SOCKET s) {
+  int value = -1;
+  int size = sizeof value;
+  getsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char*>(&value), &size);
+  return value;
+}
+
+// A game that writes in pieces must not wait for a peer that is slow to confirm the first of them.
+SCENARIO(CreateNonBlockTcpSocket, HoldsNoSmallPieceBack) {
+  SOCKET s = INVALID_SOCKET;
+  ASSERT_TRUE(CreateNonBlockTcpSocket(&s));
+  EXPECT_EQ(NoDelayOf(s), 1);
+}
+
+SCENARIO(CreateNonBlockTcpSocket, WorksOverAProviderThatKnowsNoSuchOption) {
+  test::LogCapture log(0);
+  SOCKET s = INVALID_SOCKET;
+  port::FailCall("setsockopt", 1, WSAENOPROTOOPT);
+  EXPECT_TRUE(CreateNonBlockTcpSocket(&s));
+  EXPECT_EQ(NoDelayOf(s), 0);
+  EXPECT_EQ(log.Text(), "");
+}
+
 SCENARIO(CreateNonBlockTcpSocket, SaysWhyItFailsAndKeepsNothing) {
   test::LogCapture log(5);
   SOCKET s = 7;
