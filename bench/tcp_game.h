@@ -10,7 +10,7 @@
 namespace bench {
 
 enum class Task : std::uint32_t {
-  kDownload,  // over one connection: `amount` bytes
+  kDownload,  // over one connection: `amount` bytes, after some that do not count
   kUpload,
   kReply,    // over one connection: `amount` round trips of `message` bytes
   kConnect,  // `amount` connections, one after the other, each to its first reply
@@ -22,7 +22,8 @@ struct Order {
   Task task;
   std::uint32_t connections;
   std::uint64_t amount;
-  std::uint32_t message;
+  std::uint32_t message;     // of kMessage bytes where it has pieces
+  std::uint32_t pieces = 1;  // in which a message is sent
 };
 
 struct Outcome {

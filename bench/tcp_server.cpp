@@ -58,6 +58,18 @@ bool Echo(int s, std::uint64_t amount, std::vector<char>& piece) {
   return true;
 }
 
+// As Echo, but each message of kMessage bytes only when it is whole, in one piece.
+bool EchoWhole(int s, std::uint64_t amount) {
+  char message[kMessage];
+  for (; amount > 0; amount -= std::min<std::uint64_t>(amount, sizeof message)) {
+    if (recv(s, message, sizeof message, MSG_WAITALL) != static_cast<ssize_t>(sizeof message) ||
+        !SendAll(s, message, sizeof message)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 void Serve(int s) {
   const int on = 1;
   setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -73,6 +85,9 @@ void Serve(int s) {
         break;
       case 'u':
         goes_on = Take(s, amount, piece);
+        break;
+      case 'w':
+        goes_on = EchoWhole(s, amount);
         break;
       default:
         goes_on = Echo(s, amount, piece);

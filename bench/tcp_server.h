@@ -1,14 +1,17 @@
-// The far end of every connection: a process of its own on the host's own sockets. The first 17
-// bytes of a connection say what it is to do: 'e' echo, 'd' send, 'u' take; then two big-endian
-// numbers of 8 bytes. 'd' N _ sends N bytes; 'u' N _ takes N bytes and answers with one; 'e' echoes
-// to the end. A request may follow another.
+// The far end of every connection: a process of its own on the host's own sockets. A request of 9
+// bytes says what it is to do: 'e' N echoes N bytes as they come, 'w' N echoes N bytes in whole
+// messages, 'd' N sends N bytes, 'u' N takes N bytes and answers with one. The number is
+// big-endian. A request may follow another.
 #pragma once
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 namespace bench {
+
+constexpr std::size_t kMessage = 64;  // of 'w'
 
 struct Request {
   char what;
