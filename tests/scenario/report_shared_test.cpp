@@ -122,7 +122,7 @@ class ReportShared : public sim::ScenarioTest {
   }
 };
 
-SCENARIO_F_SEEDS(ReportShared, GamesThatReportAtOnceEachTellEverything, 10) {
+SCENARIO_F_SEEDS(ReportShared, GamesThatReportAtOnceEachTellEverything, 6) {
   const test::LogCapture log(4);
   Watches();
   PlaysAs("dawn");
@@ -135,7 +135,7 @@ SCENARIO_F_SEEDS(ReportShared, GamesThatReportAtOnceEachTellEverything, 10) {
   EXPECT_FALSE(log.Contains("failed")) << log.Text();
 }
 
-SCENARIO_F_SEEDS(ReportShared, ClientsThatDieWithEachMutexAreFollowedByTheNext, 10) {
+SCENARIO_F_SEEDS(ReportShared, ClientsThatDieWithEachMutexAreFollowedByTheNext, 6) {
   PlaysAs("dawn");
   PlaysAs("dusk");
   for (const ReportChannel* channel : kChannels) {
@@ -152,7 +152,7 @@ SCENARIO_F_SEEDS(ReportShared, ClientsThatDieWithEachMutexAreFollowedByTheNext, 
 }
 
 // A game that is ended in the middle of a report leaves the slot free or whole.
-SCENARIO_F_SEEDS(ReportShared, GamesThatDieWithEachMutexLeaveTheOthersAlone, 10) {
+SCENARIO_F_SEEDS(ReportShared, GamesThatDieWithEachMutexLeaveTheOthersAlone, 6) {
   Watches();
   PlaysAs("dawn");
   for (const ReportChannel* channel : kChannels) {

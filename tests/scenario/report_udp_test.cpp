@@ -96,7 +96,7 @@ SCENARIO_F(ReportUdp, DirectFlowIsADecisionAlone) {
   EXPECT_EQ(UsedSlots(client.traffic), 0);
 }
 
-SCENARIO_F_SEEDS(ReportUdp, FlowThroughANodeIsReportedToTheByte, 5) {
+SCENARIO_F_SEEDS(ReportUdp, FlowThroughANodeIsReportedToTheByte, 3) {
   Starts();
   const SOCKET s = Opens();
   for (size_t i = 0; i < 60; ++i) {
@@ -519,7 +519,7 @@ SCENARIO_F(ReportUdp, RegionsOfAnotherVersionAreLeftAloneAndTheRelayWorks) {
 // --- the end of the game ----------------------------------------------------------------------
 
 // The Tracker ends before the relays do: what is open is told of as open, and never again.
-SCENARIO_F_SEEDS(ReportUdp, CleanupTellsOfOpenFlowsOnceMoreAndOfNoEnd, 10) {
+SCENARIO_F_SEEDS(ReportUdp, CleanupTellsOfOpenFlowsOnceMoreAndOfNoEnd, 5) {
   Starts();
   const SOCKET s = Opens();
   const SOCKET other = Opens(kSecond);
