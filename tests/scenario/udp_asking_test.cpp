@@ -348,6 +348,25 @@ SCENARIO_F(UdpAsking, ADatagramWhoseSourceIsForgottenComesFromTheRelay) {
   EXPECT_EQ(second.from.substr(0, 10), "127.0.0.1:");
 }
 
+// Kept: a call knows the socket as it was when it began, and this one began without a relay.
+SCENARIO_F(UdpAsking, AReceiveThatBeganBeforeTheRelayNamesTheRelay) {
+  Starts();
+  const SOCKET s = Udp();
+  ASSERT_EQ(BindTo(s, "0.0.0.0", 5000), 0);
+  sockaddr_in from = {};
+  GameThread([&] {
+    char bytes[100];
+    int size = sizeof from;
+    EXPECT_EQ(recvfrom(s, bytes, sizeof bytes, 0, Raw(from), &size), 5);
+  });
+  RunFor(50ms);
+  EXPECT_EQ(Sends(s, "first"), 0);
+  ASSERT_TRUE(RunToTheEnd());
+  EXPECT_EQ(from.sin_port, RecordOf(s).relay_addr.sin_port);
+  EXPECT_EQ(from.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+  EXPECT_EQ(Talks(s, "second"), "second from 198.51.100.10:27015");
+}
+
 // The address that a call gives may be longer than an IPv4 address is; its like must not be read
 // beyond its end.
 SCENARIO_F(UdpAsking, TheLengthOfTheAddressIsTheCallersOwn) {

@@ -492,6 +492,20 @@ SCENARIO_F(UdpStates, NumbersCountFromOneAndTheEndSkipsOne) {
   EXPECT_EQ(numbers, (std::vector<int>{1, 2, 3, 5}));
 }
 
+// A process that ends does not hold up its end with farewells.
+SCENARIO_F(UdpStates, StoppingTheRelayEndsTheFlowsWithoutAWord) {
+  Starts(0);
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
+  sent.clear();
+  GetRelayMgr().Stop();
+  RunFor(100ms);
+  EXPECT_TRUE(Logged("[UDP] UdpProvider::OnCloseLocalServer"));
+  EXPECT_TRUE(Logged("[UDP] UdpSession::Cleanup, token="));
+  EXPECT_TRUE(sent.empty());
+  EXPECT_EQ(GetRelayMgr().UseQueue(RecordOf(s).send_queue, RecordOf(s).token), nullptr);
+}
+
 SCENARIO_F(UdpStates, AGameThatNeverReadsHarmsOnlyItself) {
   Starts();
   const SOCKET deaf = Udp();
