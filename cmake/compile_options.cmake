@@ -33,6 +33,18 @@ if(VYR_SANITIZE)
   endif()
 endif()
 
+# The tests of the sanitized builds are large: the ordinary linker takes minutes over each.
+if(NOT WIN32)
+  include(CheckLinkerFlag)
+  foreach(linker lld gold)
+    check_linker_flag(CXX -fuse-ld=${linker} VYR_HAS_${linker})
+    if(VYR_HAS_${linker})
+      add_link_options(-fuse-ld=${linker})
+      break()
+    endif()
+  endforeach()
+endif()
+
 find_program(VYR_CCACHE ccache)
 if(VYR_CCACHE)
   # Relative to the tree, so that a second clone finds what the first has compiled. What a test
