@@ -1,5 +1,5 @@
-// When a program that serves until somebody ends it has been asked to end. For a program's main
-// file: the signals are the whole process's.
+// How a program that serves until somebody ends it learns that it should, and how it leaves. For
+// a program's main file: the signals are the whole process's.
 #pragma once
 #include <winsock2.h>
 //
@@ -7,6 +7,9 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
 
 namespace devkit {
 
@@ -26,13 +29,29 @@ inline DWORD WINAPI WaitForEndOfInput(LPVOID) {
 }  // namespace internal
 
 // Begins to watch for SIGINT, SIGTERM and, if wanted, the end of standard input; gives the flag
-// that is not 0 from then on. A thread may sit in a read of standard input from here to the end,
-// so the program must leave by _Exit: an ordinary exit would wait for that stream's lock.
+// that is not 0 from then on. A thread may sit in a read of standard input from here to the end:
+// leave by RunToTheEnd.
 inline const volatile std::sig_atomic_t* NoticeTheEnd(bool until_eof) {
   std::signal(SIGINT, internal::OnSignal);
   std::signal(SIGTERM, internal::OnSignal);
   if (until_eof) CreateThread(nullptr, 0, internal::WaitForEndOfInput, nullptr, 0, nullptr);
   return &internal::end_asked;
+}
+
+// The whole of a program's main: runs it, says on standard error what it threw (the exit code is
+// 1 then), and leaves without the ordinary exit, which would wait for a lock of standard input
+// that a thread of NoticeTheEnd holds.
+[[noreturn]] inline void RunToTheEnd(const char* program, int (*run)(int, char**), int argc,
+                                     char** argv) {
+  int code = 1;
+  try {
+    code = run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s: %s\n", program, error.what());
+  }
+  std::cout.flush();
+  std::fflush(stdout);
+  std::_Exit(code);
 }
 
 }  // namespace devkit

@@ -1,9 +1,7 @@
 // vyr_client: the client program's side of the library, as far as a person needs it to serve,
 // watch and test games.
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdio>
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -308,15 +306,4 @@ int Run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  int code = kFailed;
-  try {
-    code = Run(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "vyr_client: %s\n", error.what());
-  }
-  // A thread may still sit in a read of standard input, whose lock an ordinary exit would want.
-  std::cout.flush();
-  std::fflush(stdout);
-  std::_Exit(code);
-}
+int main(int argc, char** argv) { devkit::RunToTheEnd("vyr_client", Run, argc, argv); }

@@ -1,29 +1,15 @@
 // vyr_game: a sample game, and its server.
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdio>
-#include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "game/play.h"
 #include "game/server.h"
-//
-#include <windows.h>
+#include "program_end.h"
 
 namespace {
 
 enum ExitCode { kDone = 0, kFailed = 1, kUsage = 2 };
-
-volatile std::sig_atomic_t g_ended = 0;
-
-void OnSignal(int) { g_ended = 1; }
-
-DWORD WINAPI WaitForEndOfInput(LPVOID) {
-  while (std::getchar() != EOF) {
-  }
-  g_ended = 1;
-  return 0;
-}
 
 struct Options {
   game::PlayOptions play;
@@ -49,7 +35,7 @@ int Play(Options* options) {
     options->play.lobby = Understand(options->lobby);
     if (!options->play.lobby) return kUsage;
   }
-  return game::Play(options->play, &g_ended) ? kDone : kFailed;
+  return game::Play(options->play, devkit::NoticeTheEnd(options->until_eof)) ? kDone : kFailed;
 }
 
 void PrintLine(const nlohmann::ordered_json& event) {
@@ -86,8 +72,9 @@ int Serve(Options* options) {
     std::fprintf(stderr, "vyr_game: %s\n", error.c_str());
     return kFailed;
   }
+  const auto* const ended = devkit::NoticeTheEnd(options->until_eof);
   PrintLine({{"event", "listening"}, {"address", options->listen}});
-  while (g_ended == 0) server.Step(100);
+  while (*ended == 0) server.Step(100);
   ReportServer(server);
   return kDone;
 }
@@ -161,9 +148,6 @@ int Run(int argc, char** argv) {
     std::fprintf(stderr, "vyr_game: no sockets here\n");
     return kFailed;
   }
-  std::signal(SIGINT, OnSignal);
-  std::signal(SIGTERM, OnSignal);
-  if (options.until_eof) CreateThread(nullptr, 0, WaitForEndOfInput, nullptr, 0, nullptr);
   const int code = action(&options);
   WSACleanup();
   return code;
@@ -171,15 +155,4 @@ int Run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  int code = kFailed;
-  try {
-    code = Run(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "vyr_game: %s\n", error.what());
-  }
-  // A thread may still sit in a read of standard input, whose lock an ordinary exit would want.
-  std::cout.flush();
-  std::fflush(stdout);
-  std::_Exit(code);
-}
+int main(int argc, char** argv) { devkit::RunToTheEnd("vyr_game", Run, argc, argv); }

@@ -2,7 +2,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
-#include <iostream>
 
 #include "node/node.h"
 #include "program_end.h"
@@ -153,15 +152,4 @@ int Run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  int code = kFailed;
-  try {
-    code = Run(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "vyr_node: %s\n", error.what());
-  }
-  // A thread may still sit in a read of standard input, whose lock an ordinary exit would want.
-  std::cout.flush();
-  std::fflush(stdout);
-  std::_Exit(code);
-}
+int main(int argc, char** argv) { devkit::RunToTheEnd("vyr_node", Run, argc, argv); }
