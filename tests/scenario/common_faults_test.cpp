@@ -1,5 +1,6 @@
 // The common layer when the platform fails it: a log that cannot be opened or written, a region
 // that cannot be reached. The host must not notice: no crash, no waiting, no lock left behind.
+#include <cstdio>
 #include <optional>
 #include <string>
 
@@ -239,6 +240,26 @@ SCENARIO_F(ListedGame, SlowClientIsWaitedFor) {
   world.RunFor(10ms);
   EXPECT_TRUE(ReadAccConfig());
   EXPECT_GE(world.now(), 60s);
+}
+
+// Whatever goes wrong in a game cannot change the tables that every process reads.
+TEST(RegionFaults, AReadersViewCannotBeWritten) {
+  const sim::ChildResult result = sim::RunInChild(
+      sim::Options{},
+      [](sim::World&) {
+        common::Shared_mem_obj region("vyr_read_only", 64, "vyr_read_only_mutex", true);
+        auto* const record =
+            static_cast<volatile char*>(region.Open(common::kOpenForReading, true));
+        std::puts(record[0] != 0 ? "read" : "empty");
+        std::fflush(stdout);
+        record[0] = 1;
+        std::puts("written");
+        std::fflush(stdout);
+      },
+      sim::GtestVerdict);
+  EXPECT_FALSE(result.passed);
+  EXPECT_NE(result.output.find("read\n"), std::string::npos) << result.output;
+  EXPECT_EQ(result.output.find("written"), std::string::npos) << result.output;
 }
 
 }  // namespace

@@ -254,8 +254,8 @@ int WSPAPI StartSlowly(WORD, LPWSPDATA, LPWSAPROTOCOL_INFOW, WSPUPCALLTABLE, LPW
   return 0;
 }
 
-// The game's first connections go direct rather than wait for it again and again.
-SCENARIO(RelayMgr, AWorkerThatStartsLateIsWaitedForOnce) {
+// The library's worker, over a provider that takes five seconds to start.
+void UseSlowProvider() {
   const LPWSPSTARTUP start = &StartSlowly;
   FARPROC function = nullptr;
   std::memcpy(&function, &start, sizeof function);
@@ -263,6 +263,11 @@ SCENARIO(RelayMgr, AWorkerThatStartsLateIsWaitedForOnce) {
   port::SetProviderPath(test::kForeignGuid, test::kForeignPath);
   port::SetCatalogue({port::MakeEntry(test::kForeignGuid, 3000, SOCK_STREAM, 6, {})});
   port::UseCatalogue(true);
+}
+
+// The game's first connections go direct rather than wait for it again and again.
+SCENARIO(RelayMgr, AWorkerThatStartsLateIsWaitedForOnce) {
+  UseSlowProvider();
   test::LogCapture log(4);
   RelayMgr& relay = GetRelayMgr();
   EXPECT_FALSE(relay.CheckAndInit(3000));
@@ -274,6 +279,29 @@ SCENARIO(RelayMgr, AWorkerThatStartsLateIsWaitedForOnce) {
   EXPECT_EQ(world.now(), before);
   RunFor(3s);
   EXPECT_TRUE(relay.CheckAndInit(3000));
+}
+
+sim::Options CounterEndsInASecond() {
+  sim::Options options;
+  options.tick_start = 0u - 1000u;
+  return options;
+}
+
+// Kept: with the counter's new beginning the time that has passed cannot be told, and the game
+// waits until the worker is there.
+SCENARIO_OPTIONS(RelayMgr, ALateWorkerIsWaitedForToItsEndAcrossTheWrap, CounterEndsInASecond()) {
+  UseSlowProvider();
+  EXPECT_TRUE(GetRelayMgr().CheckAndInit(3000));
+  EXPECT_GE(world.now(), 5000ms);
+  EXPECT_LE(world.now(), 5010ms);
+}
+
+// Kept: a stream relay is there once its socket is bound, whether it listens or not.
+SCENARIO(RelayMgr, AStreamRelayThatCannotListenCountsAsStarted) {
+  port::FailCall("listen", 1, WSAEOPNOTSUPP);
+  test::LogCapture log(4);
+  EXPECT_TRUE(GetRelayMgr().CheckAndInit(3000));
+  EXPECT_TRUE(log.Contains("[TCP] OnCreateLocalServer listen return=-1, err=10045\n"));
 }
 
 // The datagram relay makes the worker's first socket, the stream relay its second.

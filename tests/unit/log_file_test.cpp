@@ -259,6 +259,7 @@ class StuckLogger {
 };
 
 TEST(LogFile, BusyLoggerCostsALineAndNoTime) {
+  EXPECT_EQ(LogFile::kLockTries, 100);
   const TempDir dir;
   LogFile log;
   ASSERT_TRUE(log.Open(dir / "run.log"));

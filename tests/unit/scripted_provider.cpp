@@ -124,7 +124,7 @@ int WSPAPI FakeIoctl(SOCKET s, DWORD code, LPVOID in, DWORD in_size, LPVOID out,
   Note("WSPIoctl", s, code, in, in_size, out, out_size, returned, overlapped, completion, thread);
   const GUID connect_ex = WSAID_CONNECTEX;
   if (code == SIO_GET_EXTENSION_FUNCTION_POINTER && in_size == sizeof connect_ex &&
-      std::memcmp(in, &connect_ex, sizeof connect_ex) == 0 && current->result == 0) {
+      std::memcmp(in, &connect_ex, sizeof connect_ex) == 0) {
     const auto function = &FakeConnectEx;
     std::memcpy(out, &function, sizeof function);
   }
