@@ -13,6 +13,7 @@ import datetime
 import functools
 import hashlib
 import http.server
+import json
 import os
 import pathlib
 import shutil
@@ -36,6 +37,11 @@ FILM_S = 3
 
 def say(label, text):
     print(f"  {label:<22} {text}", flush=True)
+
+
+def say_pings(server, icmp, who):
+    say("its ping", f"{server['ping_ms']['p50']:.0f} ms by its beats; {icmp['ping_ms']['p50']:.0f} ms by "
+        f"ICMP, {icmp['received']} of {icmp['sent']} answered {who}")
 
 
 def sha256(data):
@@ -234,10 +240,20 @@ class Story:
 
     # --- last act: the link goes bad while the game plays on ---
 
+    def play_alone(self):
+        print("A sample game plays for two seconds, with nothing under it.")
+        server = demo_bed.GameServer(self.native / "vyr_game", switch_run.SERVER)
+        done = subprocess.run(wine(GAME, "play", switch_run.SERVER, "--rate", "30", "--seconds", "2",
+                                   "--ping", "--json"), timeout=TIMEOUT_S, check=True,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+        server.end()
+        summary = json.loads(done.stdout.splitlines()[-1])
+        say_pings(summary["servers"][0], summary["icmp"][0], "by the server itself")
+
     def finale(self):
-        print(f"The sample game plays by way of node A. After {switch_run.HEALTHY_S} s A's link loses "
-              "30 % each way.")
         shutil.copy(self.programs / "vyr_game.exe", self.drive_c / "vyr")
+        self.play_alone()
+        print(f"It plays by way of node A. After {switch_run.HEALTHY_S} s A's link loses 30 % each way.")
         logs = self.drive_c / "vyr/game_log"
         logs.mkdir()
         tables = self.work / "game.toml"
@@ -258,9 +274,7 @@ class Story:
     def tell(self, facts, seen, watcher, machine_lost):
         game, summary = facts.game, facts.summary
         say("the game", f"{game['sent']} beats (UDP), {summary['lobby']['said']} words in its lobby (TCP)")
-        icmp = summary["icmp"][0]
-        say("its ping", f"{game['ping_ms']['p50']:.0f} ms by its beats; {icmp['ping_ms']['p50']:.0f} ms by "
-            f"ICMP, {icmp['received']} of {icmp['sent']} answered by the library from its tables")
+        say_pings(game, summary["icmp"][0], "by the library from its tables")
         began = datetime.datetime.fromtimestamp(facts.began)
         say("+ 0.00 s", f"the trouble begins, at {began:%H:%M:%S}")
         for name, words in (("noticed", "the library has noticed"),
