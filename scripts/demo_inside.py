@@ -109,11 +109,15 @@ def fetch(launcher, out):
 
 
 def send_film(launcher, address, folder):
-    """Has ffmpeg draw a film and send it at its own pace; what it sent stands in a file as well."""
+    """Has ffmpeg draw a film and send it at its own pace; what it sent stands in a file as well. A
+    second of silence keeps it alive behind its last picture: the relay lives in the program that it
+    serves, and what a program sends in its last breath is not waited for."""
     run(wine(*launcher, PROGRAM, "-nostdin", "-loglevel", "error", "-re", "-f", "lavfi",
-             "-i", f"testsrc=size=320x240:rate=25:duration={FILM_S}", "-c:v", "mpeg2video",
-             "-b:v", "1M", "-map", "0", "-f", "tee",
-             f"[f=mpegts]udp\\://{address[0]}\\:{address[1]}?pkt_size=1316|[f=mpegts]film.ts"),
+             "-i", f"testsrc=size=320x240:rate=25:duration={FILM_S}", "-re", "-f", "lavfi",
+             "-t", str(FILM_S + 1), "-i", "anullsrc", "-c:v", "mpeg2video", "-b:v", "1M", "-map", "0",
+             "-f", "tee",
+             f"[f=mpegts]udp\\://{address[0]}\\:{address[1]}?pkt_size=1316|[f=mpegts]film.ts",
+             "-map", "1", "-f", "null", "-"),
         cwd=folder)
     return (folder / "film.ts").read_bytes()
 
