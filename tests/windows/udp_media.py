@@ -123,12 +123,16 @@ class Media:
         return errors
 
     def sends(self, node_address):
-        """Draws a film and sends it at its own pace; a file says what was sent."""
+        """Draws a film and sends it at its own pace; a file says what was sent. A second of silence
+        keeps the program alive behind its last picture: the relay lives in it, and what a program
+        sends in its last breath is not waited for."""
         checks, peer = self.checks, FilmPeer()
         film = self.folder / "film.ts"
         self.run("-re", "-f", "lavfi", "-i", f"testsrc=size=320x240:rate=25:duration={FILM_S}",
+                 "-re", "-f", "lavfi", "-t", str(FILM_S + 1), "-i", "anullsrc",
                  "-c:v", "mpeg2video", "-b:v", "1M", "-map", "0", "-f", "tee",
-                 f"[f=mpegts]udp\\://{SERVER}\\:{FILM_PORT}?pkt_size=1316|[f=mpegts]film.ts")
+                 f"[f=mpegts]udp\\://{SERVER}\\:{FILM_PORT}?pkt_size=1316|[f=mpegts]film.ts",
+                 "-map", "1", "-f", "null", "-")
         sent = film.read_bytes() if film.exists() else b""
         wait_until(lambda: len(peer.whole()) >= len(sent))
         checks.that(len(sent) > 100 * TS_PACKET, "the media program has sent a film")
