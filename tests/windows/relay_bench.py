@@ -110,7 +110,11 @@ class Bench:
         return b"".join(file.read_bytes() for file in self.logs.glob("*.log")).decode("gbk", "replace")
 
     def node_is_idle(self):
-        return wait_until(lambda: not self.node.command(command="connections")["connections"])
+        """No connection is left, and everything that the node said of them has been read."""
+        idle = wait_until(lambda: not self.node.command(command="connections")["connections"])
+        return idle and wait_until(
+            lambda: len(self.node.named("closed")) == len(self.node.named("accepted"))
+        )
 
 
 def parse_arguments():

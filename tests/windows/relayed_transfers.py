@@ -1,8 +1,5 @@
 """Whatever a game sends over a relayed connection arrives, and so does what it is sent: from one
-byte to as much as takes a while, both ways at once, over one connection and over sixty.
-
-VYR_LARGEST_TRANSFER is the largest size in MiB; 64 where it is not set, and 256 is what a release
-is held to."""
+byte to as much as takes a while, both ways at once, over one connection and over sixty."""
 
 import os
 import socket
