@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "port/shared/faults.h"
-#include "port/shared/mappings.h"
 #include "port/shared/process.h"
 #include "port/shared/rendition.h"
 
@@ -128,8 +127,7 @@ ObjectRef Lookup(HANDLE handle) { return ObjectTable::Instance().Find(handle); }
 
 bool Close(HANDLE handle) { return ObjectTable::Instance().Remove(handle); }
 
-void CloseEverythingOf(DWORD pid) {
-  UnmapViewsOf(pid);
+void CloseHandlesOf(DWORD pid) {
   for (HANDLE handle : ObjectTable::Instance().HandlesOf(pid)) Close(handle);
 }
 

@@ -49,8 +49,8 @@ std::shared_ptr<T> LookupAs(HANDLE handle) {
 // False for a handle that is not open; sets no error.
 bool Close(HANDLE handle);
 
-// The end of a process: closes every handle and unmaps every view it left behind.
-void CloseEverythingOf(DWORD pid);
+// Closes every handle that a process of that id left behind.
+void CloseHandlesOf(DWORD pid);
 
 // How many handles and views are open in all, for tests that look for leaks.
 size_t OpenHandles();

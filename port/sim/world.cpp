@@ -2,6 +2,8 @@
 #include <cstdlib>
 
 #include "port/shared/files.h"
+#include "port/shared/mappings.h"
+#include "port/shared/objects.h"
 #include "port/shared/process.h"
 #include "port/sim/faults.h"
 #include "port/sim/network.h"
@@ -226,7 +228,8 @@ void World::Kill(Process& process, DWORD exit_code) {
   process.alive = false;
   Trace("process " + process.name + " is killed");
   sockets_->CloseAllOf(process);
-  port::CloseEverythingOf(process.pid);
+  port::UnmapViewsOf(process.pid);
+  port::CloseHandlesOf(process.pid);
   std::vector<ThreadRef> threads;
   for (const auto& thread : scheduler_->threads())
     if (thread->process() == &process) threads.push_back(thread);

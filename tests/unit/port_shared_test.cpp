@@ -213,7 +213,8 @@ TEST(Objects, EndOfAProcessClosesWhatItLeftOpen) {
   process.pid = own;
   EXPECT_EQ(port::OpenHandles(), handles + 2);
   EXPECT_EQ(port::OpenViews(), views + 1);
-  port::CloseEverythingOf(4242);
+  port::UnmapViewsOf(4242);
+  port::CloseHandlesOf(4242);
   EXPECT_EQ(port::OpenHandles(), handles);
   EXPECT_EQ(port::OpenViews(), views);
   EXPECT_EQ(OpenFileMappingA(FILE_MAP_READ, FALSE, "left_by_the_dead"), nullptr);
