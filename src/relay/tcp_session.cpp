@@ -141,7 +141,9 @@ void TcpSession::OnUpdate(u32 elapsed_ms) noexcept {
 
 bool TcpSession::IsObsolete() noexcept {
   const bool local_dead = local_sock_deleteing_ || local_socket_ == INVALID_SOCKET;
-  const bool remote_dead = remote_sock_deleteing_ || remote_socket_ == INVALID_SOCKET;
+  // A socket whose connect has failed carries nothing: what the closed game has sent cannot leave.
+  const bool given_up = state_ == TcpState::Accepted || state_ == TcpState::Failed;
+  const bool remote_dead = remote_sock_deleteing_ || remote_socket_ == INVALID_SOCKET || given_up;
   if (!local_dead || !remote_dead) return false;
   if (obsolete_tick_ == 0) {
     LSP_LOG(4, "TcpSession::IsObsolete, tick 0, found obsolete session, token=%u", token_);

@@ -122,6 +122,15 @@ SCENARIO_F(TcpFailure, AConnectThatFailsAtOnceLeavesTheConnectionToTheGame) {
   ExpectItWaitsForTheGame(s);
 }
 
+SCENARIO_F(TcpFailure, BytesThatCanNeverLeaveDoNotHoldAConnectionThatTheGameHasClosed) {
+  const SOCKET s = Tcp();
+  port::FailCall("connect", 2, WSAENETUNREACH);
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  SendText(s, "early");
+  RunFor(1s);
+  ExpectItWaitsForTheGame(s);
+}
+
 SCENARIO_F(TcpFailure, AnAcceptThatFailsIsTriedAgain) {
   const SOCKET s = Tcp();
   port::FailCall("accept", 1, WSAENOBUFS);
@@ -202,6 +211,19 @@ SCENARIO_F(TcpFailure, AnotherNodeThatCannotBeConnectedToLeadsToTheServer) {
   EXPECT_TRUE(Logged("begin direct mode. ChangeToGameSrv result=true, token="));
   EXPECT_EQ(b.Count("accepted"), 0u);
   closesocket(s);
+  ExpectServesAgain();
+}
+
+SCENARIO_F(TcpFailure, AGameThatHasLeftIsNotKeptForAServerThatCannotBeReached) {
+  BothNodesAreSilent();
+  const SOCKET s = Joins();
+  SendText(s, "early");
+  closesocket(s);
+  RunFor(9s);
+  port::FailCall("connect", 1, WSAENETUNREACH);
+  RunFor(3s);
+  EXPECT_TRUE(Logged("begin direct mode. ChangeToGameSrv result=false, token="));
+  EXPECT_TRUE(NobodyIsLeft()) << log_text();
   ExpectServesAgain();
 }
 
