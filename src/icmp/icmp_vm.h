@@ -23,7 +23,7 @@ namespace moru_vyr::lsp {
 // One connected raw socket. Kept: a record that dies with requests in its queue does not give
 // them back; slots stay out and allocations leak.
 struct raw_request_t {
-  explicit raw_request_t(u32 connected_ip) noexcept : ip(connected_ip) {}
+  explicit raw_request_t(u32 connected_ip) : ip(connected_ip) {}
   const u32 ip;                          // network order
   common::Mutex lock;                    // guards requests
   std::deque<ping_request_t*> requests;  // oldest first
