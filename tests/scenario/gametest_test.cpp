@@ -60,12 +60,24 @@ SCENARIO_F(TestMode, SendsEveryPublicDestinationThroughTheNodeOfTheFile) {
   EXPECT_FALSE(Accelerates("198.51.100.20", &info)) << "the node itself";
 }
 
-SCENARIO_F(TestMode, WithoutAFileTheClientDecides) {
+SCENARIO_F(TestMode, WithoutAWholeFileTheClientDecides) {
+  EXPECT_FALSE(ReadTestConfig());
+  WriteFileBeside("[TestAccGame]\nprocess_count=1\nproc1=dawn.exe\nproxy_ip=198.51.100.20\n");
   EXPECT_FALSE(ReadTestConfig());
   test::GameProcess game;
   game.ListAsGame();
   EXPECT_TRUE(ReadTestConfig());
   EXPECT_EQ(GetAccConfig()->game_id, 7u);
+}
+
+SCENARIO_F(TestMode, AFileThatAsksForNothingIsObeyedWhateverTheClientSays) {
+  WriteFileBeside(
+      "[TestAccGame]\nprocess_count=1\nproc1=dawn.exe\nproxy_ip=198.51.100.20\n"
+      "proxy_port=7001\nnet_mode=0\n");
+  test::GameProcess game;
+  game.ListAsGame();
+  EXPECT_FALSE(ReadTestConfig());
+  EXPECT_EQ(GetAccConfig()->game_id, 2000005u);
 }
 
 }  // namespace

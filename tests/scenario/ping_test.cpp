@@ -244,6 +244,7 @@ SCENARIO_F(Pings, OfAClosedSocketAreLostAndItsSuccessorBeginsAnew) {
 SCENARIO_F(Pings, SurviveTheEndOfTheLibrary) {
   const SOCKET s = Pinger();
   for (int i = 1; i <= 3; ++i) Sends(s, i);
+  const test::LogCapture log(0);
   INT error = 0;
   moru_vyr::lsp::WSPCleanup(&error);
   for (int i = 4; i <= 6; ++i) Sends(s, i);
@@ -252,6 +253,8 @@ SCENARIO_F(Pings, SurviveTheEndOfTheLibrary) {
     EXPECT_GE(MsUntilReply(s, &reply), 0) << i;
     EXPECT_EQ(Sequence(reply), i);
   }
+  EXPECT_TRUE(log.Contains("[RAW] FreePingRequestCache: cursize=509\n"));
+  EXPECT_FALSE(log.Contains("[RAW] FreePingRequestCache: cursize=508\n")) << "two blocks";
   moru_vyr::lsp::WSPCleanup(&error);
   closesocket(s);
 }

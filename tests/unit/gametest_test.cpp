@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "common/process_info.h"
@@ -12,6 +13,8 @@
 #include "provider/config_source.h"
 #include "route/acc_config.h"
 #include "route/route.h"
+#include "tests/unit/log_capture.h"
+#include "tests/unit/out_of_memory.h"
 #include "tests/unit/temp_dir.h"
 #include "tests/unit/trace_capture.h"
 
@@ -63,7 +66,9 @@ TEST_F(GameTester, AWholeFileTurnsItOn) {
   EXPECT_TRUE(Traced("Game Test Init, log_path =[" + File() + "] \n"));
   EXPECT_TRUE(Traced("Game Test Init, ip=198.51.100.20, port=7001, net_mode=24, log_level=5\n"));
   std::string directory;
+  const test::LogCapture log(0);
   common::u16to8(tester.GetProcessDir(), &directory);
+  EXPECT_TRUE(log.Contains("[0][lsp]process path=" + (dir / "game.exe") + "\n")) << log.Text();
   EXPECT_EQ(directory + "\\game.exe", dir / "game.exe");
 }
 
@@ -126,24 +131,13 @@ TEST_F(GameTester, LongTextsAreCut) {
   EXPECT_EQ(std::string(GetAccConfig()->forced_proxy.proxy_addr), std::string(31, '7'));
 }
 
-// The whole list where the platform keeps files in memory; elsewhere each look reads the file
-// anew, and its ends must do.
-TEST_F(GameTester, TenThousandProcessesAreRead) {
-#ifdef _WIN32
-  constexpr int kListed = 9'999;
-#else
-  constexpr int kListed = 5;
-#endif
-  std::string keys = "process_count=10000\r\n";
-  for (int i = 1; i <= kListed; ++i)
-    keys += "proc" + std::to_string(i) + "=game" + std::to_string(i) + ".exe\r\n";
-  Write(keys + "proc10000=last.exe\r\nproxy_ip=1.2.3.4\r\nproxy_port=1\r\n");
-  tester.Init();
-  EXPECT_TRUE(tester.IsEnabled());
-}
-
+// Where each look reads the file anew this is a matter of seconds, and its last line must do.
 TEST_F(GameTester, TheLastOfTenThousandCounts) {
-  Write("process_count=10000\r\nproc10000=last.exe\r\nproxy_ip=1.2.3.4\r\nproxy_port=1\r\n");
+  std::string keys = "process_count=10000\r\n";
+#ifdef _WIN32
+  for (int i = 1; i < 10'000; ++i) keys += "proc" + std::to_string(i) + "=game.exe\r\n";
+#endif
+  Write(keys + "proc10000=last.exe\r\nproxy_ip=1.2.3.4\r\nproxy_port=1\r\n");
   tester.Init();
   EXPECT_TRUE(tester.IsEnabled());
 }
@@ -266,6 +260,34 @@ TEST_F(GameTester, HasAProxyWhereBothAreGiven) {
   EXPECT_FALSE(tester.HasProxy(1, 0));
   ASSERT_NE(tester.GetRouteSet(), nullptr);
   EXPECT_EQ(tester.GetRouteSet()->route_count, 0u);
+}
+
+TEST_F(GameTester, WithoutMemoryForItsStateItGivesTheEmptyAnswers) {
+  Write(kWhole);
+  std::optional<LspGameTester> empty;
+  {
+    const test::OutOfMemory none;
+    empty.emplace();
+  }
+  EXPECT_FALSE(empty->Init());
+  EXPECT_FALSE(empty->IsEnabled());
+  EXPECT_EQ(empty->GetProcessDir(), L"");
+  EXPECT_FALSE(empty->ReadAccConfig());
+  EXPECT_EQ(empty->GetRouteSet(), nullptr);
+  EXPECT_FALSE(empty->HasProxy(1, 1));
+}
+
+TEST_F(GameTester, WithoutMemoryToReadTheFileItIsOff) {
+  Write(kWhole);
+  for (int nth = 1; nth <= 3; ++nth) {
+    {
+      const test::OutOfMemory from(nth);
+      EXPECT_TRUE(tester.Init());
+    }
+    EXPECT_FALSE(tester.IsEnabled()) << nth;
+  }
+  EXPECT_TRUE(tester.Init());
+  EXPECT_TRUE(tester.IsEnabled());
 }
 
 // The product as it is built never looks at the file.

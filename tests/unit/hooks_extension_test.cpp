@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 #include <mswsock.h>
 
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "provider/extension_functions.h"
 #include "provider/hook_entries.h"
@@ -106,15 +109,30 @@ TEST_F(ExtensionHooks, EveryFunctionIsRecognisedAndConnectExAloneIsReplaced) {
   }
 }
 
+// As the platform's documentation has them, whatever the headers of this build say.
 TEST_F(ExtensionHooks, IdentitiesAreThePlatforms) {
-  const GUID connect_ex = {
-      0x25a207b9, 0xddf3, 0x4660, {0x8e, 0xe9, 0x76, 0xe5, 0x8c, 0x74, 0x06, 0x3e}};
-  const GUID send_msg = {
-      0xa441e712, 0x754f, 0x43ca, {0x84, 0xa7, 0x0d, 0xee, 0x44, 0xcf, 0x60, 0x6d}};
-  const GUID connect_ex_here = WSAID_CONNECTEX;
-  const GUID send_msg_here = WSAID_WSASENDMSG;
-  EXPECT_EQ(std::memcmp(&connect_ex, &connect_ex_here, sizeof(GUID)), 0);
-  EXPECT_EQ(std::memcmp(&send_msg, &send_msg_here, sizeof(GUID)), 0);
+  const struct {
+    GUID here, there;
+  } rows[] = {
+      {WSAID_CONNECTEX,
+       {0x25a207b9, 0xddf3, 0x4660, {0x8e, 0xe9, 0x76, 0xe5, 0x8c, 0x74, 0x06, 0x3e}}},
+      {WSAID_ACCEPTEX,
+       {0xb5367df1, 0xcbac, 0x11cf, {0x95, 0xca, 0x00, 0x80, 0x5f, 0x48, 0xa1, 0x92}}},
+      {WSAID_TRANSMITFILE,
+       {0xb5367df0, 0xcbac, 0x11cf, {0x95, 0xca, 0x00, 0x80, 0x5f, 0x48, 0xa1, 0x92}}},
+      {WSAID_DISCONNECTEX,
+       {0x7fda2e11, 0x8630, 0x436f, {0xa0, 0x31, 0xf5, 0x36, 0xa6, 0xee, 0xc1, 0x57}}},
+      {WSAID_TRANSMITPACKETS,
+       {0xd9689da0, 0x1f90, 0x11d3, {0x99, 0x71, 0x00, 0xc0, 0x4f, 0x68, 0xc8, 0x76}}},
+      {WSAID_WSARECVMSG,
+       {0xf689d7c8, 0x6f1f, 0x436b, {0x8a, 0x53, 0xe5, 0x4f, 0xe3, 0x51, 0xc3, 0x22}}},
+      {WSAID_WSASENDMSG,
+       {0xa441e712, 0x754f, 0x43ca, {0x84, 0xa7, 0x0d, 0xee, 0x44, 0xcf, 0x60, 0x6d}}},
+      {WSAID_GETACCEPTEXSOCKADDRS,
+       {0xb5367df2, 0xcbac, 0x11cf, {0x95, 0xca, 0x00, 0x80, 0x5f, 0x48, 0xa1, 0x92}}},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(std::memcmp(&row.here, &row.there, sizeof(GUID)), 0) << row.there.Data1;
 }
 
 TEST_F(ExtensionHooks, OnlySixteenBytesAreCompared) {
@@ -126,6 +144,40 @@ TEST_F(ExtensionHooks, OnlySixteenBytesAreCompared) {
   EXPECT_EQ(out, nullptr);
   EXPECT_EQ(log.Text(), "");
   AnswerExtensionQuery(&id, sizeof id, nullptr);  // nowhere to put it
+}
+
+void WSPAPI NeverCompleted(DWORD, DWORD, LPWSAOVERLAPPED, DWORD) {}
+
+// A raw socket may be relayed whatever the process's modes are.
+TEST_F(ExtensionHooks, AFailedQuerySaysEverythingAboutItself) {
+  WSPCloseSocket(next.socket, &error);
+  WSPSocket(AF_INET, 3, 1, nullptr, 0, 1, &error);
+  GUID id = WSAID_CONNECTEX;
+  WSAOVERLAPPED overlapped{};
+  WSATHREADID thread{};
+  thread.ThreadHandle = reinterpret_cast<HANDLE>(std::uintptr_t{85});
+  next.result = -1;
+  next.error = 10014;
+  returned = 3;
+  test::LogCapture log(0);
+  EXPECT_EQ(WSPIoctl(next.socket, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof id, &function, 4,
+                     &returned, &overlapped, NeverCompleted, &thread, &error),
+            -1);
+  EXPECT_EQ(function, &WSPConnectEx);
+  const auto low = [](auto* pointer) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%x",
+                  static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(pointer)));
+    return std::string(text);
+  };
+  const std::string text = log.Text();
+  const std::size_t failure = text.find(
+      "[0][lsp]WSPIoctl:ret=-1, err=10014, io_control_code=0xc8000006, inbuffer=" + low(&id) +
+      ", inbuffer_bytes=16, outbuffer=" + low(&function) +
+      ", outbuffer_bytes=4, bytes_return=3, overlap=" + low(&overlapped) + ", comp_route=" +
+      low(NeverCompleted) + ", thread_handle=85, socket=" + std::to_string(next.socket) + "\n");
+  ASSERT_NE(failure, text.npos) << text;
+  EXPECT_GT(text.find("extension function is ConnectEx"), failure);
 }
 
 TEST_F(ExtensionHooks, ConnectExTurnsTheRealAnswerRound) {

@@ -100,6 +100,21 @@ TEST_F(RawHooks, CountsMayBeMissing) {
   EXPECT_EQ(next.calls.size(), 1u) << "the connect alone";
 }
 
+// Kept: the game is told of more than it got.
+TEST_F(RawHooks, TheCountOfAReplyThatIsCutIsItsOwn) {
+  MakeSocket();
+  Connect();
+  char longer[16] = {8, 0, '\xf7', '\xff'};
+  ping = {sizeof longer, longer};
+  EXPECT_EQ(Send(), 0);
+  EXPECT_EQ(sent, 16u);
+  WaitUntilDue();
+  reply[28] = 'x';
+  EXPECT_EQ(Recv(28), 0);
+  EXPECT_EQ(received, 36u);
+  EXPECT_EQ(reply[28], 'x');
+}
+
 TEST_F(RawHooks, WithoutBuffersThereIsNothingToHold) {
   MakeSocket();
   Connect();

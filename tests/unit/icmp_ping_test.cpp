@@ -13,6 +13,7 @@
 #include "icmp/icmp_vm.h"
 #include "icmp/ping_reply.h"
 #include "tests/unit/log_capture.h"
+#include "tests/unit/out_of_memory.h"
 #include "tests/unit/threads.h"
 #include "tests/unit/wire_bytes.h"
 
@@ -188,7 +189,11 @@ TEST_F(IcmpPing, OnlyWholeEchoRequestsAreHeld) {
   wrong_sum[2] = static_cast<char>(wrong_sum[2] + 1);
   timestamp[0] = 13;
   timestamp[2] = static_cast<char>(timestamp[2] - 5);  // a sum that fits the type
-  EXPECT_FALSE(Checkin(wrong_sum));
+  {
+    const test::LogCapture log(0);
+    EXPECT_FALSE(Checkin(wrong_sum));
+    EXPECT_TRUE(log.Contains("[RAW]CheckinPingRequest, lag value=50")) << "the route comes first";
+  }
   EXPECT_FALSE(Checkin(timestamp));
   EXPECT_FALSE(vm.CheckinConnectionPingRequest(kSocket, nullptr, 64));
   for (const u32 size : {0u, 1u, 7u, 257u, 0xFFFFFFFFu}) {
@@ -311,6 +316,7 @@ TEST(PingPool, HandsOutItsSlotsAndThenTheHeap) {
   }
   ping_request_t* const extra = pool.AllocPingRequest();
   EXPECT_EQ(extra->from_heap, 1u);
+  EXPECT_EQ(extra->size + extra->lag, 0u) << "cleared";
   test::LogCapture log(0);
   pool.FreePingRequestCache(extra);
   EXPECT_TRUE(log.Contains("[RAW] FreePingRequestCache: cursize=0\n"));
@@ -346,6 +352,17 @@ TEST(PingPool, FreedUnderLiveRequestsItKeepsThemAlive) {
   pool.FreePool();
 }
 
+TEST(PingPool, ForgottenUnderLiveRequestsItFreesNothing) {
+  PingPool pool;
+  ping_request_t* const request = pool.AllocPingRequest();
+  pool.ResetPool();
+  request->size = 8;  // still there
+  EXPECT_NE(pool.AllocPingRequest(), request);
+  test::LogCapture log(0);
+  pool.FreePingRequestCache(request);
+  EXPECT_TRUE(log.Contains("cursize=511\n")) << "the new block's";
+}
+
 TEST(PingPool, EmptyItIsFreedAndMadeAnew) {
   PingPool pool;
   pool.FreePool();
@@ -373,6 +390,68 @@ TEST_F(IcmpPing, RepliesSurviveTheFreeingOfThePool) {
   WaitUntilDue();
   EXPECT_EQ(Checkout().size(), 84u);
   EXPECT_EQ(Checkout().size(), 84u);
+}
+
+// --- out of memory ---------------------------------------------------------------------------
+
+// A ping that cannot be held goes to the network, and the next one is held again.
+TEST_F(IcmpPing, ARequestThatFindsNoMemoryIsNotHeld) {
+  const auto checkin_without_memory = [this] {
+    const std::vector<char> message = Message(64, kChecksumOf64);
+    const test::OutOfMemory none(1, test::OutOfMemory::kOfTheProduct);
+    return Checkin(message);
+  };
+  EXPECT_FALSE(checkin_without_memory()) << "no block";
+  int held = 0;
+  for (bool taken = Checkin(); taken; taken = checkin_without_memory()) ASSERT_LE(++held, 512);
+  EXPECT_TRUE(test::OutOfMemory::WasFelt()) << "no room in the queue";
+  EXPECT_TRUE(Checkin());
+  WaitUntilDue();
+  const test::LogCapture log(0);
+  for (int i = 0; i <= held; ++i) EXPECT_EQ(Checkout().size(), 84u);
+  EXPECT_TRUE(Checkout().empty());
+  EXPECT_TRUE(log.Contains("[RAW] FreePingRequestCache: cursize=512\n")) << "no slot is lost";
+}
+
+TEST_F(IcmpPing, ASocketThatFindsNoMemoryIsNotKnown) {
+  const std::vector<char> message = Message(64, kChecksumOf64);
+  {
+    const test::OutOfMemory none(1, test::OutOfMemory::kOfTheProduct);
+    vm.AddRawSocket(kSocket + 1, kIp);
+  }
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  EXPECT_FALSE(vm.CheckinConnectionPingRequest(kSocket + 1, message.data(), 64));
+}
+
+TEST(PingPool, WithoutMemoryThereIsNoRecord) {
+  PingPool pool;
+  const auto alloc_without_memory = [&pool] {
+    const test::OutOfMemory none(1, test::OutOfMemory::kOfTheProduct);
+    return pool.AllocPingRequest();
+  };
+  EXPECT_EQ(alloc_without_memory(), nullptr) << "no block";
+  std::vector<ping_request_t*> requests;
+  for (u32 i = 0; i < PingPool::kSlots; ++i) requests.push_back(pool.AllocPingRequest());
+  EXPECT_EQ(alloc_without_memory(), nullptr) << "the block is used up";
+  pool.FreePingRequestCache(requests.back());
+  EXPECT_EQ(alloc_without_memory(), requests.back());
+}
+
+// A game may clean Winsock up and start it again all day long.
+TEST(PingPool, KeepsNoBlockThatNobodyNeeds) {
+  const auto growth = [](bool freed_under_a_request) {
+    PingPool pool;
+    const long before = test::AllocationsAlive();
+    for (int i = 0; i < 50; ++i) {
+      ping_request_t* const request = pool.AllocPingRequest();
+      if (freed_under_a_request) pool.FreePool();
+      pool.FreePingRequestCache(request);
+      if (!freed_under_a_request) pool.FreePool();
+    }
+    return test::AllocationsAlive() - before;
+  };
+  EXPECT_LT(growth(false), 10);
+  EXPECT_LT(growth(true), 10);
 }
 
 // --- many threads ----------------------------------------------------------------------------

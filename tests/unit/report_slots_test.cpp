@@ -12,6 +12,7 @@
 #include "common/text.h"
 #include "route/acc_config.h"
 #include "tests/unit/log_capture.h"
+#include "tests/unit/out_of_memory.h"
 #include "tests/unit/threads.h"
 #include "tracker/reports.h"
 
@@ -236,6 +237,19 @@ TEST_P(ReportSlots, AreNotMadeWhereTheClientHasMadeNone) {
   report().make(1);
   EXPECT_TRUE(log.Contains(report().no_region)) << log.Text();
   EXPECT_FALSE(common::Shared_mem_obj::Exists(channel().mapping_name));
+}
+
+TEST_P(ReportSlots, ThatCannotBeAskedForWithoutMemoryCountAsNone) {
+  Region region(channel());
+  const std::vector<u8> before = region.Bytes();
+  {
+    const test::OutOfMemory none;
+    report().make(1);
+  }
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  EXPECT_EQ(region.Bytes(), before);
+  report().make(2);
+  EXPECT_EQ(region.Mark(0, report().mark_at), 2u);
 }
 
 TEST_P(ReportSlots, OfAnotherVersionCountAsNone) {

@@ -4,6 +4,7 @@
 
 #include "common/process_info.h"
 #include "tests/unit/log_capture.h"
+#include "tests/unit/out_of_memory.h"
 #include "tests/unit/tracker_bench.h"
 
 namespace moru_vyr::lsp {
@@ -162,6 +163,26 @@ TEST_F(TrackerReports, LinkInTroubleNeedsNoSocket) {
   EXPECT_EQ(client.switches->slots[0].count, 3);
 }
 
+// The order in which a client that looks in between learns of one connection.
+TEST_F(TrackerReports, AreMadeChannelByChannel) {
+  tracker.SubmitRecoverySwitch(RecoverySwitchRecord{});
+  AddAccelerated();
+  tracker.RemoveFromWatchList(kSocket);
+  tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
+  tracker.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 1, 1);
+  const test::LogCapture log(0);
+  ReportAll();
+  const std::string text = log.Text();
+  std::size_t at = 0;
+  for (const char* line :
+       {"ReportLogPath success", "ReportLspLoadedInfo success",
+        "ReportCommunicationStatistic ended", "ReportAcceDecisionInfo success",
+        "ReportNegRetValue success", "ReportRecoverySwitch success", "ReportRealNego success"}) {
+    at = text.find(line, at);
+    ASSERT_NE(at, text.npos) << line << text;
+  }
+}
+
 TEST_F(TrackerReports, EndTakesALastLookAtWhatIsStillOpen) {
   tracker.Init();
   AddAccelerated(1, "a");
@@ -240,6 +261,7 @@ TEST_F(TrackerReports, LifeIsToldInTheLog) {
   }
   EXPECT_NE(text.find("[Tracker] Report Thread quit, do last report in spite of the trigger state"),
             text.npos);
+  EXPECT_EQ(text.find("Comm Info Sync"), text.npos) << "there was nothing to write";
 }
 
 // The worker and the sync thread, as hard against each other as they go.
@@ -290,6 +312,39 @@ TEST(TrackerFrontTest, WithoutATrackerEverythingReturnsAtOnce) {
   front.SubmitRecoverySwitch(&record);
   front.RemoveFromWatchList(kSocket);
   front.UnInit();
+}
+
+// Each of these needs memory for its report, and none may take the worker with it.
+TEST_F(TrackerReports, WithoutMemoryReportsAreLostAndNothingElse) {
+  TrackerFront front(&tracker);
+  const AccDecisionInfo decision = SomeDecision();
+  const RecoverySwitchRecord record;
+  const auto without_memory = [](const auto& call) {
+    const test::OutOfMemory none(1, test::OutOfMemory::kOfTheProduct);
+    call();
+    EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  };
+  without_memory([&] { front.AddToWatchList(kSocket, kTrackUdp, kToken); });
+  EXPECT_EQ(tracker.Find(kSocket), nullptr);
+  front.AddToWatchList(kSocket, kTrackUdp, kToken);
+  without_memory([&] { front.SetAcceInfo(kSocket, false, &decision); });
+  front.SetAcceInfo(kSocket, true, &decision);
+  without_memory([&] { front.RecordNegFailed(kSocket, 1, 202, &decision, 1, 1); });
+  without_memory([&] { front.SubmitRecoverySwitch(&record); });
+  without_memory([&] { front.RecordNegSuccess(kSocket, 9, 8, 7, 6, &decision); });
+  EXPECT_TRUE(Record().nego_success) << "it is accelerated all the same";
+  without_memory([&] { front.OnTimer(GetTickCount()); });
+  without_memory([&] { front.RemoveFromWatchList(kSocket); });
+  EXPECT_EQ(tracker.Find(kSocket), nullptr) << "its handle may come back";
+  ReportAll();
+  EXPECT_EQ(UsedSlots(client.decisions) + UsedSlots(client.traffic) + UsedSlots(client.failures) +
+                UsedSlots(client.negotiations) + UsedSlots(client.switches),
+            0);
+  AddAccelerated();
+  tracker.RemoveFromWatchList(kSocket);
+  ReportAll();
+  EXPECT_EQ(UsedSlots(client.negotiations), 1);
+  EXPECT_EQ(UsedSlots(client.traffic), 1);
 }
 
 TEST_F(TrackerReports, FrontPassesEachCallOn) {

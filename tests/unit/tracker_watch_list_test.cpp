@@ -359,16 +359,27 @@ TEST_F(WatchList, EndOfAnAcceleratedSocketIsSubmitted) {
   EXPECT_EQ(tracker.Find(kSocket), nullptr);
 }
 
-TEST_F(WatchList, EndOfADirectOrRefusedSocketIsIgnored) {
-  for (const bool is_acce : {false, true}) {
+// Direct, refused by its node, or on trial, where a node has agreed and nothing was decided.
+TEST_F(WatchList, EndOfASocketThatIsNotAcceleratedIsIgnored) {
+  const struct {
+    const char* what;
+    bool decided, is_acce, agreed;
+  } rows[] = {{"direct", true, false, false},
+              {"refused", true, true, false},
+              {"on trial", false, false, true},
+              {"direct after all", true, false, true}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
     tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
-    tracker.SetAcceInfo(kSocket, is_acce, SomeDecision());
-    if (is_acce) tracker.RecordNegFailed(kSocket, 0, 202, SomeDecision(), 1, 1);
+    if (row.agreed) tracker.RecordNegSuccess(kSocket, 1, 1, 1, 1, SomeDecision());
+    if (row.decided) tracker.SetAcceInfo(kSocket, row.is_acce, SomeDecision());
+    if (row.is_acce) tracker.RecordNegFailed(kSocket, 0, 202, SomeDecision(), 1, 1);
     const test::LogCapture log(0);
     tracker.RemoveFromWatchList(kSocket);
     EXPECT_TRUE(log.Contains("[Tracker] direct final comm info ignored, socket=77, token=5\n"));
     EXPECT_TRUE(log.Contains(std::string("[Tracker] update info, is_acce=") +
-                             (is_acce ? "true" : "false") + ", socket=77, token=5\n"));
+                             (row.is_acce ? "true" : "false") + ", socket=77, token=5\n"));
+    EXPECT_FALSE(log.Contains("submitted"));
     EXPECT_EQ(tracker.Find(kSocket), nullptr);
   }
 }
