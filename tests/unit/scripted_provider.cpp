@@ -95,6 +95,10 @@ int WSPAPI FakeSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWO
                       LPWSAOVERLAPPED_COMPLETION_ROUTINE completion, LPWSATHREADID thread,
                       LPINT error) {
   Note("WSPSendTo", s, buffers, count, sent, flags, to, to_size, overlapped, completion, thread);
+  current->sent = {};
+  for (DWORD i = 0; i < count; ++i) current->sent.bytes.append(buffers[i].buf, buffers[i].len);
+  if (to != nullptr) std::memcpy(&current->sent.to, to, sizeof current->sent.to);
+  if (thread != nullptr) current->sent.thread = *thread;
   StoreBytes(sent);
   return Answer(error);
 }

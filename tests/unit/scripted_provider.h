@@ -54,6 +54,14 @@ class ScriptedProvider {
 
   bool known_at_close = false;  // the last WSPCloseSocket still found a record of its socket
 
+  // What the last WSPSendTo was given by pointer.
+  struct Sent {
+    std::string bytes;
+    sockaddr_in to{};
+    WSATHREADID thread{};
+  };
+  Sent sent;
+
   std::vector<Call> calls;
   const Call& Last() const { return calls.back(); }
 
