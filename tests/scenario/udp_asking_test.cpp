@@ -220,6 +220,19 @@ SCENARIO_F(UdpAsking, ALateAnswerMayWakeAStranger) {
   EXPECT_EQ(Talks(Udp(), "next"), "next from 198.51.100.10:27015");
 }
 
+// The relay hears the loopback address alone, and this socket speaks from another.
+SCENARIO_F(UdpAsking, ASocketThatIsBoundToTheNetworkGoesDirectlyAfterAWait) {
+  Starts();
+  const SOCKET s = Udp();
+  ASSERT_EQ(BindTo(s, kGame, 5000), 0);
+  const auto begin = world.now();
+  EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
+  EXPECT_GE(world.now() - begin, 500ms);
+  EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
+  EXPECT_EQ(Heard("game"), (Texts{"hello", "again"})) << AllHeard();
+  EXPECT_TRUE(Logged("RequestUdpRelay failed: resp not found, socket="));
+}
+
 // Another thread closes the socket while it waits for its relay.
 SCENARIO_F(UdpAsking, ASocketThatIsGoneMeanwhileIsNotRelayed) {
   Starts();
@@ -309,6 +322,30 @@ SCENARIO_F(UdpAsking, DestinationsBeyondTheTenthShareAFlowUnlessTheyAreKnown) {
   EXPECT_EQ(heard[2].from, "A");
 }
 
+// A port may make any address known; another port's being known does not.
+SCENARIO_F(UdpAsking, AnAddressIsKnownByThePortThatIsAskedAbout) {
+  Configures([](AccConfigRecord* config) {
+    config->port_idc_count = 1;
+    config->port_idc_records[0] = {kSecondPort, 11};
+  });
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  for (const char* ip : {kUnlistedOnes[0], kUnlistedOnes[1]}) {
+    // That the address is for the relay is kept for it, whatever becomes of the datagram.
+    fails = [](const SentDatagram& one) { return one.by_relay ? 0 : WSAENOBUFS; };
+    EXPECT_EQ(Sends(s, "never sent", ip, kSecondPort), WSAENOBUFS);
+    fails = [](const SentDatagram&) { return 0; };
+    EXPECT_EQ(Talks(s, "unknown", ip), "unknown from " + std::string(ip) + ":27015");
+  }
+  ASSERT_EQ(heard.size(), 3u) << AllHeard();
+  EXPECT_EQ(heard[1].from, "game") << "no data centre is known for that port";
+  EXPECT_EQ(heard[1].from_full, heard[2].from_full) << "and so they share a flow";
+  EXPECT_EQ(Sends(s, "known", kUnlistedOnes[0], kSecondPort), 0);
+  RunFor(100ms);
+  EXPECT_EQ(a.Count("request"), 2u) << "through the other port it has one of its own";
+}
+
 // --- the queue beside the datagram ------------------------------------------------------------
 
 SCENARIO_F(UdpAsking, ADatagramThatCannotBeSentIsTakenBack) {
@@ -348,6 +385,40 @@ SCENARIO_F(UdpAsking, ADatagramWhoseSourceIsForgottenComesFromTheRelay) {
   EXPECT_EQ(second.from.substr(0, 10), "127.0.0.1:");
 }
 
+// Whoever knows the socket's port can send to it: what did not come from the relay keeps its own
+// source, and leaves the relay's datagram its.
+SCENARIO_F(UdpAsking, OnlyTheRelaysDatagramsAreGivenAnotherSource) {
+  sim::Host& stranger = world.AddHost("stranger", {"198.51.100.66"});
+  server->answer = [](const std::string& text) {
+    if (text == "slow") Sleep(200);
+    return text;
+  };
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  sockaddr_in own = {};
+  int size = sizeof own;
+  ASSERT_EQ(getsockname(s, Raw(own), &size), 0);
+  const int port = ntohs(own.sin_port), relay_port = ntohs(RecordOf(s).relay_addr.sin_port);
+  EXPECT_EQ(Sends(s, "slow"), 0);
+  const SOCKET near = Udp();
+  ASSERT_EQ(BindTo(near, "127.0.0.1", 5555), 0);
+  EXPECT_EQ(ErrorOf(SendTextTo(near, "near", "127.0.0.1", port)), 0);
+  world.SpawnOn(stranger, "stranger", [=] {
+    const SOCKET far = Udp();
+    EXPECT_EQ(BindTo(far, "198.51.100.66", relay_port), 0);
+    EXPECT_EQ(ErrorOf(SendTextTo(far, "far", kGame, port)), 0);
+  });
+  RunFor(500ms);
+  for (const auto& [text, from] : {std::pair("near", std::string("127.0.0.1:5555")),
+                                   std::pair("far", "198.51.100.66:" + std::to_string(relay_port)),
+                                   std::pair("slow", std::string("198.51.100.10:27015"))}) {
+    const Datagram came = Receives(s, 0);
+    EXPECT_EQ(came.text, text);
+    EXPECT_EQ(came.from, from);
+  }
+}
+
 // Kept: a call knows the socket as it was when it began, and this one began without a relay.
 SCENARIO_F(UdpAsking, AReceiveThatBeganBeforeTheRelayNamesTheRelay) {
   Starts();
@@ -380,68 +451,6 @@ SCENARIO_F(UdpAsking, TheLengthOfTheAddressIsTheCallersOwn) {
     EXPECT_EQ(Receives(s).text, text);
   }
   EXPECT_EQ(Heard("A").size(), 4u);
-}
-
-// --- connected sockets ------------------------------------------------------------------------
-
-SCENARIO_F(UdpAsking, AConnectedSocketIsConnectedToItsRelayAndSaysSo) {
-  Starts(0);
-  const SOCKET s = Udp();
-  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
-  EXPECT_EQ(RecordOf(s).relay_state, kRelayRunning);
-  EXPECT_TRUE(RecordOf(s).udp_connect_mode);
-  EXPECT_EQ(RecordOf(s).relay_records[0].ip, 0u) << "what was decided is not kept";
-  sockaddr_in peer = {};
-  int size = sizeof peer;
-  EXPECT_EQ(getpeername(s, Raw(peer), &size), 0);
-  EXPECT_EQ(peer.sin_port, RecordOf(s).relay_addr.sin_port);
-  EXPECT_EQ(peer.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
-  EXPECT_EQ(GameSent(), Texts{"open"});
-  // Where it is connected to is not known to the relay: nothing arrives anywhere.
-  EXPECT_EQ(SendText(s, "lost"), 4);
-  RunFor(1s);
-  EXPECT_TRUE(heard.empty()) << AllHeard();
-  EXPECT_TRUE(Logged("[UDP] UdpSession CreateRemoteSession game_server=0.0.0.0:0, token="));
-  closesocket(s);
-  RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
-}
-
-SCENARIO_F(UdpAsking, ReceivingOnAConnectedSocketLeavesTheQueueAlone) {
-  Starts();
-  const SOCKET s = Udp();
-  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
-  EXPECT_EQ(Sends(s, "named"), 0);
-  ASSERT_TRUE(ReadableWithin(s, 1000));
-  EXPECT_EQ(Received(s), "named");
-  EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).recv_queue), "198.51.100.10:27015");
-}
-
-SCENARIO_F(UdpAsking, ASocketThatIsConnectedAfterItsFirstDatagramIsNotInConnectMode) {
-  Starts();
-  const SOCKET s = Udp();
-  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
-  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
-  EXPECT_FALSE(RecordOf(s).udp_connect_mode);
-  sent.clear();
-  EXPECT_EQ(SendText(s, "unqueued"), 8);
-  RunFor(1s);
-  EXPECT_TRUE(Logged("FindPackageAddr failed, token=")) << log_text();
-  EXPECT_EQ(Heard(), Texts{"first"});
-}
-
-SCENARIO_F(UdpAsking, ARefusedSocketIsConnectedDirectly) {
-  Starts();
-  const SOCKET s = Udp();
-  port::FailCall("WSPSocket", 1, WSAENOBUFS);
-  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
-  EXPECT_EQ(RecordOf(s).relay_state, kRelayRefused);
-  EXPECT_EQ(SendText(s, "plain"), 5);
-  RunFor(1s);
-  EXPECT_EQ(Heard("game"), Texts{"plain"});
-  const SOCKET unlisted = Udp();
-  EXPECT_EQ(ConnectTo(unlisted, kUnlisted, kPort), 0);
-  EXPECT_EQ(RecordOf(unlisted).relay_state, kRelayNotAsked);
 }
 
 }  // namespace

@@ -1,0 +1,126 @@
+// Game sockets that are connected. At stake: such a socket is connected to its relay, or to the
+// server itself, and never to anything else.
+#include "tests/scenario/udp_spied_bench.h"
+//
+#include "port/shared/faults.h"
+#include "relay/relay_mgr.h"
+
+namespace {
+
+using namespace udp_test;       // NOLINT
+using namespace moru_vyr::lsp;  // NOLINT
+using Texts = std::vector<std::string>;
+
+class UdpConnected : public UdpSpiedBench {
+ protected:
+  // "198.51.100.10:27015"
+  static std::string PeerOf(SOCKET s) {
+    sockaddr_in peer = {};
+    int size = sizeof peer;
+    if (getpeername(s, Raw(peer), &size) != 0) return "none";
+    return std::string(inet_ntoa(peer.sin_addr)) + ":" + std::to_string(ntohs(peer.sin_port));
+  }
+};
+
+SCENARIO_F(UdpConnected, AConnectedSocketIsConnectedToItsRelayAndSaysSo) {
+  Starts(0);
+  const SOCKET s = Udp();
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(RecordOf(s).relay_state, kRelayRunning);
+  EXPECT_TRUE(RecordOf(s).udp_connect_mode);
+  EXPECT_EQ(RecordOf(s).relay_records[0].ip, 0u) << "what was decided is not kept";
+  EXPECT_TRUE(Logged("dest=198.51.100.10:27015, local port=0, udp_connect_mode=true, socket=" +
+                     std::to_string(s)));
+  EXPECT_EQ(PeerOf(s), "127.0.0.1:" + std::to_string(ntohs(RecordOf(s).relay_addr.sin_port)));
+  EXPECT_EQ(GameSent(), Texts{"open"});
+  // Where it is connected to is not known to the relay: nothing arrives anywhere.
+  EXPECT_EQ(SendText(s, "lost"), 4);
+  RunFor(1s);
+  EXPECT_TRUE(heard.empty()) << AllHeard();
+  EXPECT_TRUE(Logged("[UDP] UdpSession CreateRemoteSession game_server=0.0.0.0:0, token="));
+  closesocket(s);
+  RunFor(100ms);
+  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+}
+
+SCENARIO_F(UdpConnected, ReceivingOnAConnectedSocketLeavesTheQueueAlone) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(Sends(s, "named"), 0);
+  ASSERT_TRUE(ReadableWithin(s, 1000));
+  EXPECT_EQ(Received(s), "named");
+  EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).recv_queue), "198.51.100.10:27015");
+}
+
+SCENARIO_F(UdpConnected, ASocketThatIsConnectedAfterItsFirstDatagramIsNotInConnectMode) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_FALSE(RecordOf(s).udp_connect_mode);
+  sent.clear();
+  EXPECT_EQ(SendText(s, "unqueued"), 8);
+  RunFor(1s);
+  EXPECT_TRUE(Logged("FindPackageAddr failed, token=")) << log_text();
+  EXPECT_EQ(Heard(), Texts{"first"});
+}
+
+SCENARIO_F(UdpConnected, ARefusedSocketIsConnectedDirectly) {
+  Starts();
+  const SOCKET s = Udp();
+  port::FailCall("WSPSocket", 1, WSAENOBUFS);
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(RecordOf(s).relay_state, kRelayRefused);
+  EXPECT_EQ(SendText(s, "plain"), 5);
+  RunFor(1s);
+  EXPECT_EQ(Heard("game"), Texts{"plain"});
+  const SOCKET unlisted = Udp();
+  EXPECT_EQ(ConnectTo(unlisted, kUnlisted, kPort), 0);
+  EXPECT_EQ(RecordOf(unlisted).relay_state, kRelayNotAsked);
+  EXPECT_EQ(PeerOf(unlisted), "198.51.100.14:27015");
+}
+
+// What a destination is worth is asked anew at each connect, whatever the socket has got by then.
+SCENARIO_F(UdpConnected, ARelayedSocketIsConnectedDirectlyToWhatIsNotWanted) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "relayed"), "relayed from 198.51.100.10:27015");
+  EXPECT_EQ(ConnectTo(s, kUnlisted, kPort), 0);
+  EXPECT_EQ(PeerOf(s), "198.51.100.14:27015");
+  EXPECT_EQ(SendText(s, "plain"), 5);
+  RunFor(100ms);
+  EXPECT_EQ(Heard("game"), Texts{"plain"}) << AllHeard();
+  EXPECT_TRUE(Logged("local port=0, udp_connect_mode=false, socket="));
+}
+
+// The copy that was queued for it must not be taken for the next datagram's.
+SCENARIO_F(UdpConnected, ADatagramThatCannotBeSentIsTakenBack) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  for (const int error : {WSAEWOULDBLOCK, WSA_IO_PENDING, WSAENOBUFS}) {
+    port::FailCall("WSPSend", 1, static_cast<DWORD>(error));
+    EXPECT_EQ(ErrorOf(SendText(s, "never sent")), error);
+    EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).send_queue), "none") << error;
+    port::ClearFaults();
+  }
+}
+
+// Another thread closes the socket while it waits for its relay.
+SCENARIO_F(UdpConnected, ASocketThatIsGoneMeanwhileIsNotRelayed) {
+  Starts();
+  const SOCKET s = Udp();
+  world.Stall(GetRelayMgr().GetWorkerThreadId(), 300ms);
+  int error = 0;
+  GameThread([&] { error = ConnectTo(s, kServer, kPort); });
+  GameThread([&] {
+    Sleep(100);
+    closesocket(s);
+  });
+  ASSERT_TRUE(RunToTheEnd());
+  EXPECT_EQ(error, WSAENOTSOCK);
+  EXPECT_TRUE(Logged("[UDP] HandleUdpConnect:SetRelayAddr failed, socket=")) << log_text();
+}
+
+}  // namespace
