@@ -52,8 +52,8 @@ class UdpControlPort : public UdpSpiedBench {
       open += world.sockets().Find(s, world.home()) != nullptr;
     return open;
   }
-  void Begins() {
-    Starts();
+  void Begins(u32 log_level = 4) {
+    Starts(log_level);
     ASSERT_TRUE(GetRelayMgr().CheckAndInit(3000));
     asking = Udp();
   }
@@ -73,6 +73,36 @@ SCENARIO_F(UdpControlPort, OnlyTheLoopbackAddressIsHeard) {
   EXPECT_EQ(Answer(kToken), "opened");
   SendsControl(outward, Bytes(ProtoRelayClose::Request(kToken)));
   EXPECT_TRUE(HasSession(kToken));
+}
+
+SCENARIO_F(UdpControlPort, AnAnswerIsTakenOnce) {
+  Begins();
+  SendsControl(asking, Bytes(ProtoRelayOpen::Request(kToken, At(kServer, kPort), event, asking)));
+  EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+  EXPECT_FALSE(GetRelayMgr().GetCreateResult(kToken, nullptr));
+  EXPECT_EQ(Answer(kToken), "opened");
+  EXPECT_EQ(Answer(kToken), "none");
+}
+
+SCENARIO_F(UdpControlPort, ATokenThatIsTakenIsRefusedAndItsSessionGoesOn) {
+  Begins();
+  const std::string open =
+      Bytes(ProtoRelayOpen::Request(kToken, At(kServer, kPort), event, asking));
+  SendsControl(asking, open);
+  ProtoRelayOpen first;
+  ASSERT_TRUE(GetRelayMgr().GetCreateResult(kToken, &first));
+  SendsControl(asking, open);
+  EXPECT_EQ(Answer(kToken), "refused");
+  EXPECT_NE(GetRelayMgr().UseQueue(first.send_queue(), kToken), nullptr);
+  const std::string close = Bytes(ProtoRelayClose::Request(kToken));
+  for (const std::string& bytes : {close.substr(0, close.size() - 1), close + "x"}) {
+    SendsControl(asking, bytes);
+    EXPECT_NE(GetRelayMgr().UseQueue(first.send_queue(), kToken), nullptr) << bytes.size();
+  }
+  SendsControl(asking, close);
+  EXPECT_EQ(GetRelayMgr().UseQueue(first.send_queue(), kToken), nullptr) << "gone with its session";
+  SendsControl(asking, open);
+  EXPECT_EQ(Answer(kToken), "opened") << "the token is free again";
 }
 
 SCENARIO_F(UdpControlPort, EveryLengthAndTypeButTheExactOnesIsDropped) {
@@ -168,7 +198,7 @@ SCENARIO_F(UdpControlPort, AHandleThatIsNoEventOrNoneIsNotSet) {
 }
 
 SCENARIO_F(UdpControlPort, AFloodOfDatagramsTooLongLetsTheOthersThrough) {
-  Begins();
+  Begins(0);
   for (int i = 0; i < 20; ++i) {
     sockaddr_in control = {};
     GetRelayMgr().GetUdpLocalAddr(&control);
@@ -176,6 +206,46 @@ SCENARIO_F(UdpControlPort, AFloodOfDatagramsTooLongLetsTheOthersThrough) {
     sendto(asking, bytes.data(), static_cast<int>(bytes.size()), 0, Raw(control), sizeof control);
   }
   EXPECT_EQ(Talks(Udp(), "hello"), "hello from 198.51.100.10:27015");
+  EXPECT_TRUE(Logged("[0][lsp]UdpProvider::ReadPackage recvfrom failed, error = 10040\n"));
+}
+
+// --- what a refused request leaves ------------------------------------------------------------
+
+SCENARIO_F(UdpControlPort, ARefusedRequestLeavesNoSocketBehind) {
+  Begins();
+  const std::string open =
+      Bytes(ProtoRelayOpen::Request(kToken, At(kServer, kPort), event, asking));
+  size_t sockets = HomeSockets();
+  port::FailCall("WSPSocket", 1, WSAENOBUFS);
+  SendsControl(asking, open);
+  EXPECT_EQ(Answer(kToken), "refused");
+  port::FailCall("WSPBind", 1, WSAEACCES);
+  SendsControl(asking, open);
+  port::ClearFaults();
+  ProtoRelayOpen refused;
+  ASSERT_TRUE(GetRelayMgr().GetCreateResult(kToken, &refused));
+  EXPECT_FALSE(refused.opened());
+  EXPECT_EQ(static_cast<u32>(refused.event_or_result), 2u);
+  EXPECT_EQ(refused.address().sin_port, 0);
+  EXPECT_EQ(refused.address().sin_addr.s_addr, 0u);
+  EXPECT_EQ(refused.send_queue(), nullptr);
+  EXPECT_EQ(refused.recv_queue(), nullptr);
+  EXPECT_EQ(HomeSockets(), sockets);
+  SendsControl(asking, open);
+  sockets = HomeSockets();
+  SendsControl(asking, open);
+  EXPECT_EQ(HomeSockets(), sockets) << "that of the second session with its token is gone";
+  EXPECT_EQ(Answer(kToken), "refused") << "the answer that nobody took is replaced";
+  EXPECT_EQ(Answer(kToken), "none");
+}
+
+// Kept: a flow whose socket waits for its datagrams is worse than none, and is used all the same.
+SCENARIO_F(UdpControlPort, ASocketThatStaysBlockingIsUsed) {
+  Begins();
+  port::FailCall("WSPIoctl", 1, WSAENOBUFS);
+  SendsControl(asking, Bytes(ProtoRelayOpen::Request(kToken, At(kServer, kPort), event, asking)));
+  EXPECT_EQ(Answer(kToken), "opened");
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::Init ioctlsocket , error=10055, token=7777\n"));
 }
 
 // --- many -------------------------------------------------------------------------------------

@@ -4,8 +4,6 @@
 #include "tests/scenario/udp_bench.h"
 //
 #include "port/shared/faults.h"
-#include "relay/relay_mgr.h"
-#include "udp/relay_messages.h"
 
 namespace {
 
@@ -49,7 +47,7 @@ SCENARIO_F(UdpRelay, SendsAnUnacceleratedDestinationsDatagramsFromItsOwnSocket) 
 
 SCENARIO_F(UdpRelay, HoldsDatagramsWhileTheNodeThinksAndSendsThemInOrder) {
   a.AnswersAfter(700);
-  Starts();
+  Starts(0);
   const SOCKET s = Udp();
   const Texts sent = Numbered("early", 10);
   for (const std::string& text : sent) ASSERT_EQ(Sends(s, text), 0);
@@ -67,6 +65,10 @@ SCENARIO_F(UdpRelay, HoldsDatagramsWhileTheNodeThinksAndSendsThemInOrder) {
     EXPECT_EQ(one.to == "198.51.100.10:27016", one.text == "elsewhere")
         << "each leaves with its own destination";
   }
+  const std::string log = log_text();
+  const size_t left = log.find("[UDP] UdpRemoteSession::FlushCachedPackages, count=11, token=");
+  ASSERT_NE(left, std::string::npos);
+  EXPECT_GT(log.find("RealRouteSpeedTest::ReadConfig"), left) << "then the link is measured";
 }
 
 SCENARIO_F(UdpRelay, ASilentNodeCostsFiveSecondsAndLosesNothing) {
@@ -118,6 +120,22 @@ SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsLeftUnlessItIsForced) {
   const SOCKET forced = Udp();
   EXPECT_EQ(Talks(forced, "forced", kForced), "forced from 198.51.100.12:27015");
   EXPECT_EQ(Heard("A"), Texts{"forced"}) << AllHeard();
+}
+
+SCENARIO_F(UdpRelay, ANodeThatIsForcedByHandIsNotLeftEither) {
+  using namespace moru_vyr::lsp;  // NOLINT: the tables' records
+  auto image = std::make_unique<RouteTableImage>();
+  test::AddProxy(*image, 1, kNodeA).surport_isps = 1;
+  test::AddProxy(*image, 2, kNodeB).surport_isps = 1;
+  constexpr u32 kNearIdc = 11;
+  RouteEntry& entry =
+      test::AddRoute(image->route_sets[0], kNearIdc, test::Ref(1, DECISION_FORCE_ACCE_MANUAL, 1));
+  entry.top_refs[0] = test::Ref(2, DECISION_ACCE, 1);
+  routes.Publish(*image);
+  a.ServesIsps(2);
+  Starts();
+  EXPECT_EQ(Talks(Udp(), "hello"), "hello from 198.51.100.10:27015") << log_text();
+  EXPECT_EQ(Heard("A"), Texts{"hello"}) << AllHeard();
 }
 
 SCENARIO_F(UdpRelay, AnAnswerThatIsNoneEndsTheAttempt) {
@@ -280,116 +298,6 @@ SCENARIO_F_SEEDS(UdpRelay, SendingWhileClosingTouchesNoQueueThatIsGone, 100) {
   EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 5s)) << a.AllEvents();
 }
 
-// --- the control port -------------------------------------------------------------------------
-
-using moru_vyr::lsp::GetRelayMgr;
-using moru_vyr::lsp::ProtoRelayClose;
-using moru_vyr::lsp::ProtoRelayOpen;
-
-class UdpControl : public UdpBench {
- protected:
-  template <class Message>
-  static std::string Bytes(const Message& message) {
-    return {reinterpret_cast<const char*>(&message), sizeof message};
-  }
-  void SendsControl(const std::string& bytes) {
-    sockaddr_in control = {};
-    GetRelayMgr().GetUdpLocalAddr(&control);
-    sendto(asking, bytes.data(), static_cast<int>(bytes.size()), 0, Raw(control), sizeof control);
-    RunFor(50ms);
-  }
-  // Whether there is an answer for the token, and it says yes.
-  std::string Answer(common::u32 token) {
-    ProtoRelayOpen taken;
-    if (!GetRelayMgr().GetCreateResult(token, &taken)) return "none";
-    return taken.opened() ? "opened" : "refused";
-  }
-  ProtoRelayOpen Request(common::u32 token, HANDLE with) {
-    return ProtoRelayOpen::Request(token, At(kServer, kPort), with, asking);
-  }
-
-  SOCKET asking = INVALID_SOCKET;
-  HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-
-  void Begins() {
-    Starts(0);
-    ASSERT_TRUE(GetRelayMgr().CheckAndInit(3000));
-    asking = Udp();
-  }
-};
-
-SCENARIO_F(UdpControl, AnAnswerIsTakenOnce) {
-  Begins();
-  SendsControl(Bytes(Request(77, event)));
-  EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
-  EXPECT_EQ(Answer(77), "opened");
-  EXPECT_EQ(Answer(77), "none");
-  EXPECT_FALSE(GetRelayMgr().GetCreateResult(77, nullptr));
-}
-
-SCENARIO_F(UdpControl, ATokenThatIsTakenIsRefusedAndItsSessionGoesOn) {
-  Begins();
-  SendsControl(Bytes(Request(77, event)));
-  ProtoRelayOpen first;
-  ASSERT_TRUE(GetRelayMgr().GetCreateResult(77, &first));
-  SendsControl(Bytes(Request(77, event)));
-  EXPECT_EQ(Answer(77), "refused");
-  EXPECT_NE(GetRelayMgr().UseQueue(first.send_queue(), 77), nullptr);
-  SendsControl(Bytes(ProtoRelayClose::Request(77)));
-  EXPECT_EQ(GetRelayMgr().UseQueue(first.send_queue(), 77), nullptr) << "gone with its session";
-  SendsControl(Bytes(Request(77, event)));
-  EXPECT_EQ(Answer(77), "opened") << "the token is free again";
-}
-
-SCENARIO_F(UdpControl, MessagesThatAreNotExactlyOursAreDropped) {
-  Begins();
-  const std::string open = Bytes(Request(77, event));
-  const std::string close = Bytes(ProtoRelayClose::Request(77));
-  std::string other_magic = open, other_type = open;
-  other_magic[0] = static_cast<char>(other_magic[0] + 1);
-  other_type[4] = 3;
-  for (const std::string& bytes :
-       {open.substr(0, open.size() - 1), open + "x", open.substr(0, 4), open.substr(0, 5),
-        std::string(), std::string(3000, 'x'), other_magic, other_type}) {
-    SendsControl(bytes);
-    EXPECT_EQ(Answer(77), "none") << bytes.size();
-  }
-  SendsControl(open);
-  ProtoRelayOpen taken;
-  ASSERT_TRUE(GetRelayMgr().GetCreateResult(77, &taken));
-  for (const std::string& bytes : {close.substr(0, close.size() - 1), close + "x"}) {
-    SendsControl(bytes);
-    EXPECT_NE(GetRelayMgr().UseQueue(taken.send_queue(), 77), nullptr) << bytes.size();
-  }
-}
-
-SCENARIO_F(UdpControl, ARequestWithoutAnEventGetsNoAnswer) {
-  Begins();
-  SendsControl(Bytes(Request(77, nullptr)));
-  EXPECT_EQ(Answer(77), "none");
-  EXPECT_TRUE(Logged("[UDP] UdpProvider::ResponseCreateSessionResult invalid, addr=127.0.0.1:"));
-  SendsControl(Bytes(Request(77, event)));
-  EXPECT_EQ(Answer(77), "refused") << "its session is there";
-}
-
-SCENARIO_F(UdpControl, AnEventThatIsGoneLeavesTheAnswerBehind) {
-  Begins();
-  const HANDLE gone = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-  CloseHandle(gone);
-  SendsControl(Bytes(Request(77, gone)));
-  EXPECT_TRUE(Logged("ResponseCreateSessionResult invalid"));
-  EXPECT_EQ(Answer(77), "opened");
-}
-
-SCENARIO_F(UdpControl, WithoutASocketTheRequestIsRefused) {
-  Begins();
-  port::FailCall("WSPSocket", 1, WSAENOBUFS);
-  SendsControl(Bytes(Request(77, event)));
-  EXPECT_EQ(Answer(77), "refused");
-  SendsControl(Bytes(Request(77, event)));
-  EXPECT_EQ(Answer(77), "opened");
-}
-
 // --- moving to another node -------------------------------------------------------------------
 
 class UdpSwitch : public UdpBench {
@@ -425,6 +333,23 @@ SCENARIO_F(UdpSwitch, AHealthyLinkIsNeverLeft) {
       << log_text();
   EXPECT_EQ(Difference(Heard(), Heard("A")), "");
   EXPECT_GE(answered_, next_ - 1);
+}
+
+// Each direction is measured where it ends, and told to the other end with the next datagram.
+SCENARIO_F(UdpSwitch, TheNodeIsToldWhatShareOfItsDataIsLost) {
+  MayMeasureAndSwitch();
+  Configures([](moru_vyr::lsp::AccConfigRecord* config) { config->switch_open = 0; });
+  Starts();
+  for (const common::u32 percent : {0u, 30u}) {
+    a.behaviour().data_down_loss = percent;
+    const SOCKET s = Udp();
+    EXPECT_FALSE(PlaysUntil(
+        s, [] { return false; }, 10'000));
+    closesocket(s);
+    ASSERT_TRUE(RunUntil([this] { return NodesAreFree(); }, 5s));
+    EXPECT_NEAR(static_cast<int>(a.Last("flow_closed").Number("lost_by_client")),
+                static_cast<int>(percent), percent == 0 ? 0 : 20);
+  }
 }
 
 SCENARIO_F(UdpSwitch, ADeadNodeIsLeftForTheOtherWithTheGamesPortUnchanged) {
