@@ -405,20 +405,6 @@ SCENARIO_F(UdpStates, ARequestThatIsBlockedLeavesWhenThereIsRoom) {
   EXPECT_EQ(Heard("A"), Texts{"hello"});
 }
 
-// Closing does not wait for a negotiation: what the game said into it is lost, as the rule is.
-SCENARIO_F(UdpStates, ClosingWhileANodeIsAskedLosesWhatWaits) {
-  a.StopsAnswering();
-  Starts();
-  const SOCKET s = Udp();
-  EXPECT_EQ(Sends(s, "waits"), 0);
-  RunFor(100ms);
-  closesocket(s);
-  RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
-  RunFor(20s);
-  EXPECT_TRUE(heard.empty());
-}
-
 // --- nodes that carry badly -------------------------------------------------------------------
 
 struct BadCarrier {
@@ -431,6 +417,7 @@ SCENARIO_F(UdpStates, WhatANodeGarblesNeverReachesTheGame) {
   const BadCarrier carriers[] = {
       {"a longer header", [](Behaviour* it) { it->head_len = 60; }, true},
       {"another version", [](Behaviour* it) { it->header = Behaviour::kVersion; }, true},
+      {"another flow's token", [](Behaviour* it) { it->data_token = 4711; }, true},
       {"another port", [](Behaviour* it) { it->data_from = Behaviour::kOther; }, false},
       {"a header too short", [](Behaviour* it) { it->header = Behaviour::kShortHeader; }, false},
       {"a header past the end", [](Behaviour* it) { it->header = Behaviour::kPastEnd; }, false},
@@ -455,56 +442,7 @@ SCENARIO_F(UdpStates, WhatANodeGarblesNeverReachesTheGame) {
   }
 }
 
-// --- the end ----------------------------------------------------------------------------------
-
-SCENARIO_F(UdpStates, EachFlowOfASocketIsEndedWithItsNode) {
-  Starts();
-  const SOCKET s = Udp();
-  EXPECT_EQ(Talks(s, "one"), "one from 198.51.100.10:27015");
-  EXPECT_EQ(Talks(s, "two", kSecond), "two from 198.51.100.13:27015");
-  EXPECT_EQ(Talks(s, "three", kDirect), "three from 198.51.100.11:27015");
-  sent.clear();
-  closesocket(s);
-  RunFor(100ms);
-  EXPECT_EQ(RelaySent().size(), 2u) << "one word for each node's flow, none for the direct one";
-  for (const SentDatagram& one : sent) {
-    if (!one.by_relay) continue;
-    ASSERT_EQ(one.text.size(), kHeaderSize);
-    EXPECT_EQ(one.text[2], 4);
-  }
-  EXPECT_TRUE(NodesAreFree());
-}
-
-// The end is announced with the number that follows the last one; data takes it first.
-SCENARIO_F(UdpStates, NumbersCountFromOneAndTheEndSkipsOne) {
-  IsQuiet();
-  Starts();
-  const SOCKET s = Udp();
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(Sends(s, "x"), 0);
-  RunFor(500ms);
-  closesocket(s);
-  RunFor(100ms);
-  std::vector<int> numbers;
-  for (const std::string& text : RelaySent()) {
-    if (text.size() < 40 && (text[2] == 0 || text[2] == 4))
-      numbers.push_back(static_cast<unsigned char>(text[7]));
-  }
-  EXPECT_EQ(numbers, (std::vector<int>{1, 2, 3, 5}));
-}
-
-// A process that ends does not hold up its end with farewells.
-SCENARIO_F(UdpStates, StoppingTheRelayEndsTheFlowsWithoutAWord) {
-  Starts(0);
-  const SOCKET s = Udp();
-  EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
-  sent.clear();
-  GetRelayMgr().Stop();
-  RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] UdpProvider::OnCloseLocalServer"));
-  EXPECT_TRUE(Logged("[UDP] UdpSession::Cleanup, token="));
-  EXPECT_TRUE(sent.empty());
-  EXPECT_EQ(GetRelayMgr().UseQueue(RecordOf(s).send_queue, RecordOf(s).token), nullptr);
-}
+// --- the game and its clock -------------------------------------------------------------------
 
 SCENARIO_F(UdpStates, AGameThatNeverReadsHarmsOnlyItself) {
   Starts();
@@ -524,8 +462,6 @@ SCENARIO_F(UdpStates, AGameThatNeverReadsHarmsOnlyItself) {
   EXPECT_GT(read, 20);
   EXPECT_LT(read, 300);
 }
-
-// --- the clock --------------------------------------------------------------------------------
 
 sim::Options AboutToWrap() {
   sim::Options options;
