@@ -340,6 +340,20 @@ SCENARIO_F(ReportUdp, DatagramThatWaitedForRoomIsNotCounted) {
   EXPECT_EQ(last.total_recv_packets, 3u);
 }
 
+SCENARIO_F(ReportUdp, DatagramThatGoesPastTheNodeIsCountedLikeTheOthers) {
+  Starts();
+  const SOCKET s = Opens();
+  EXPECT_EQ(Sends(s, Pattern(2029)), 0);
+  RunFor(100ms);
+  EXPECT_EQ(Heard("game").size(), 1u);
+  Closes(s);
+  const CommInfoRecord& last = LastReport();
+  const node::Event flow = a.Last("flow_closed");
+  EXPECT_EQ(flow.Number("datagrams_to_server"), 1u);
+  EXPECT_EQ(last.total_sent_packets, 2u);
+  EXPECT_EQ(last.total_sent_bytes, flow.Number("bytes_to_server") + 2029);
+}
+
 // --- moving to another node -------------------------------------------------------------------
 
 class ReportSwitch : public ReportUdp {
@@ -383,6 +397,8 @@ SCENARIO_F(ReportSwitch, MoveIsReportedOnceItIsDone) {
   EXPECT_EQ(moved->guid, guid);
   EXPECT_STREQ(moved->switch_condition, "delay_amp>=1000;delay_avg>=1000;real_lost>=20");
   EXPECT_STREQ(moved->acc_info, "198.51.100.10-27015-1-198.51.100.20-7001");
+  const u32 table = client.decisions->slots[0].header1;
+  EXPECT_EQ(moved->client_info, std::to_string(table) + "-0-1-192.0.2.1");
   EXPECT_GT(moved->total_send_pack, moved->total_recv_pack);
   EXPECT_GE(moved->elapse_time, 8000u);
   EXPECT_STREQ(client.decisions->slots[1].selected_proxy.proxy_addr, kNodeB);
