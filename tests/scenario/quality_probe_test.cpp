@@ -61,6 +61,14 @@ class Probes : public sim::ScenarioTest {
     param.accl_token = 0x01020304;
     probes_->Start(&link.judge, &param, on_trial);
   }
+  // The flow has moved to another link; what is on its way to the node is not looked at.
+  void Restart() {
+    SpeedTestParam param;
+    param.socket = link.socket;
+    param.node_addr = At("127.0.0.1", 7000);
+    probes().Start(&link.judge, &param, false);
+    Arrived();
+  }
   RealRouteSpeedTest& probes() { return *probes_; }
 
   // The timer, every millisecond.
@@ -375,9 +383,12 @@ SCENARIO_F(Probes, AReportOnDelaysForgetsThem) {
   // And so the next report needs a full window again.
   for (int i = 0; i < 2; ++i) {
     Run(601);
-    Answer(++answered, 2, 100);
+    Answer(++answered, 1, 150);
+    Answer(answered, 2, 100);
   }
   LogCapture log;
+  link.judge.UpdateRecoveryInfo();
+  EXPECT_TRUE(log.Contains("rs info=0-0-9999-9999-0-0-9999-9999-"));
   Run(601);
   Answer(++answered, 2, 100);
   EXPECT_EQ(CountOf("UpdateDelayValue", log.Text()), 1);
@@ -386,13 +397,13 @@ SCENARIO_F(Probes, AReportOnDelaysForgetsThem) {
 SCENARIO_F(Probes, AWatchPeriodRefusesBurstsUntilProbesAreLost) {
   link.config.max_high_freq_test_count = 0;  // watches from the first answer on
   link.config.watching_time_span = 60;
-  link.config.max_real_route_lost = 50;
+  link.config.max_real_route_lost = 100;
   Start();
   LogCapture log;
   Run(602);
   Answer(1, 0, 5);
   EXPECT_EQ(probes().HighFreqTest(), -1);  // no slot has closed: 102 is no loss here
-  EXPECT_TRUE(log.Contains("test link lost=102, max=50, need=0,real=0, socket="));
+  EXPECT_TRUE(log.Contains("test link lost=102, max=100, need=0,real=0, socket="));
   EXPECT_TRUE(log.Contains("watch period time, refuse high freq test, socket="));
   for (u32 seq = 2; seq <= 4; ++seq) {
     Run(601);
@@ -400,13 +411,13 @@ SCENARIO_F(Probes, AWatchPeriodRefusesBurstsUntilProbesAreLost) {
   }
   link.CloseSlot();
   EXPECT_EQ(probes().HighFreqTest(), -1);  // all is well
-  EXPECT_TRUE(log.Contains("test link lost=0, max=50, need=3,real=3, socket="));
+  EXPECT_TRUE(log.Contains("test link lost=0, max=100, need=3,real=3, socket="));
   Run(601);
   link.CloseSlot();
   Run(601);
   link.CloseSlot();
   EXPECT_EQ(probes().HighFreqTest(), 0);  // two of two are missing
-  EXPECT_TRUE(log.Contains("test link lost=100, max=50, need=2,real=0, socket="));
+  EXPECT_TRUE(log.Contains("test link lost=100, max=100, need=2,real=0, socket="));
   EXPECT_TRUE(log.Contains("test link lost=100, socket="));
 }
 
@@ -416,16 +427,44 @@ SCENARIO_F(Probes, ANewLinkStartsFromNothingButTheWatch) {
   Start();
   Run(700);
   Answer(1, 0, 5);
-  SpeedTestParam param;
-  param.socket = link.socket;
-  param.node_addr = At("127.0.0.1", 7000);
-  probes().Start(&link.judge, &param, false);
-  Arrived();
+  Restart();
   EXPECT_EQ(probes().HighFreqTest(), -1);
   Run(602);
   const std::vector<std::string> arrived = Arrived();
   ASSERT_EQ(arrived.size(), 1u);
   EXPECT_EQ(arrived[0][7], 1);  // numbers begin again
+}
+
+SCENARIO_F(Probes, ANewLinkIsYoungAndTakesNoBurstWithIt) {
+  link.config.ignore_high_freq_test_time = 3;
+  Start();
+  Run(3000);
+  EXPECT_EQ(probes().HighFreqTest(), 0);
+  Run(100);
+  Restart();
+  Run(602);
+  EXPECT_EQ(Arrived().size(), 1u);
+  EXPECT_EQ(probes().HighFreqTest(), 1);
+  Run(2398);
+  EXPECT_EQ(probes().HighFreqTest(), 0);
+}
+
+SCENARIO_F(Probes, ANewLinkIsNotJudgedByTheDelaysOfTheOldOne) {
+  link.config.max_delay_avg = 100;
+  Start();
+  for (u32 seq = 1; seq <= 2; ++seq) {  // one entry, of two that are wanted
+    Run(601);
+    Answer(seq, 0, 150);
+  }
+  Restart();
+  for (u32 seq = 1; seq <= 2; ++seq) {
+    Run(602);
+    Answer(seq, 0, 150);
+  }
+  EXPECT_TRUE(link.owner.fired.empty());
+  Run(601);
+  Answer(3, 0, 150);
+  EXPECT_EQ(link.owner.fired.size(), 1u);
 }
 
 sim::Options AboutToWrap() {

@@ -320,7 +320,7 @@ TEST(RecoverySwitch, SaysWhyItDoesNotSwitch) {
 }
 
 TEST(RecoverySwitch, ADiagnosticProcessMaySwitchWhateverIsOpen) {
-  const ProcessName name("SpeedTester.exe");
+  const ProcessName name("speedtester.EXE");
   LinkJudge link;
   link.config.switch_open = 0;
   ASSERT_TRUE(link.Start());
@@ -460,6 +460,21 @@ TEST(RecoverySwitch, AReportForgetsWhatItRestedOn) {
   EXPECT_TRUE(log.Contains("rs info=0-0-0-0-0-0-0-0-0-0-0-0-0-0-1, link type=0"));
   link.judge.TryFireRealRouteLost();
   EXPECT_EQ(link.owner.fired.size(), 1u);
+  u32 need = 0, real = 0;  // the code of no range as it is, and so nothing lost on the way up
+  EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, false), 102);
+}
+
+TEST(RecoverySwitch, ANewLinkIsNotJudgedByWhatWasReadOfTheOldOne) {
+  LinkJudge link;
+  ASSERT_TRUE(link.Start());
+  link.judge.SetUploadLost(50);
+  EXPECT_EQ(link.Probe(5, 0), 100);
+  ASSERT_TRUE(link.Start());
+  link.PassReportLimit();
+  link.judge.TryFireRealRouteLost();
+  EXPECT_TRUE(link.owner.fired.empty());
+  u32 need = 0, real = 0;
+  EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, false), 102);
 }
 
 TEST(RecoverySwitch, CutsAnInfoThatIsTooLong) {
@@ -567,6 +582,17 @@ TEST(RecoverySwitch, LooksAtClosedSlotsUnlessToldOtherwise) {
   EXPECT_TRUE(
       log.Contains("[GetCurLost]real_route, cycle_size=1, download_lost=10, upload_lost=0, "
                    "full_lost=10, need_recv_pkg=10, real_recv_pkgs=9,  socket=1234"));
+}
+
+TEST(RecoverySwitch, SlotsOfTheFrontSectionCloseToo) {
+  LinkJudge link(0);
+  ASSERT_TRUE(link.Start());
+  link.Probe(11, 9, 1);
+  link.CloseSlot();
+  EXPECT_EQ(link.RealRouteLost(false), 100);
+  LogCapture log;
+  link.judge.UpdateRecoveryInfo();
+  EXPECT_TRUE(log.Contains("rs info=10-9-0-0-100-0-0-0-0-0-0-0-0-0-0, link type=2"));
 }
 
 // A node is told "not known" rather than a loss from a handful of packets.
