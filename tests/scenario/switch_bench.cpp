@@ -209,7 +209,7 @@ void SwitchBench::Begins() {
   log = std::make_unique<test::LogCapture>(0);
   ASSERT_TRUE(provider.Init(&loop, &route));
   session = std::make_unique<UdpSession>(&provider, kToken, At("127.0.0.1", 5555), server_addr,
-                                         65536, 65536);
+                                         kGameBuffer, kGameBuffer);
   ASSERT_TRUE(session->Init());
   for (const auto& [socket, delegate] : loop.delegates) {
     if (auto* const found = dynamic_cast<UdpRemoteSession*>(delegate)) {
@@ -317,6 +317,12 @@ std::string SwitchBench::Results() const {
     all = Joined(all, text.substr(value, text.find(',', value) - value));
   }
   return all;
+}
+
+std::string SwitchBench::Counted(SOCKET socket) {
+  u32 sent = 0, received = 0;
+  if (!GetTracker().GetPacketCounts(socket, &sent, &received)) return "nothing";
+  return std::to_string(sent) + " sent, " + std::to_string(received) + " received";
 }
 
 int SwitchBench::Count(const std::string& part) const { return test::CountOf(part, log->Text()); }

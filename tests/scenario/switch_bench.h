@@ -34,6 +34,7 @@ inline constexpr char kForcedServer[] = "198.51.100.12";
 inline constexpr int kServerPort = 27015;
 inline constexpr u32 kToken = 77;
 inline constexpr u16 kLastNode = 61;
+inline constexpr int kGameBuffer = 32768;  // bytes, of the game's socket
 
 // One pass calls every socket with something to read, then those that have asked for room.
 class Loop : public IRelaySocketMgr {
@@ -146,6 +147,9 @@ class SwitchBench : public sim::ScenarioTest {
   // The results that have been reported so far, "4" or "0 1".
   std::string Results() const;
   int Count(const std::string& part) const;
+  // "2 sent, 1 received": what the Tracker has counted on the socket; "nothing", if it does not
+  // watch it.
+  static std::string Counted(SOCKET socket);
   bool Logged(const std::string& part) const { return log->Contains(part); }
 
   AccConfig config;

@@ -40,6 +40,7 @@ SCENARIO_F(SwitchEnd, WhileItNegotiates) {
   Ends();
   EXPECT_EQ(a.TakenEnds(), 1);
   EXPECT_EQ(b.TakenEnds(), 0);
+  EXPECT_EQ(Count("[UDP] UdpSwitchRemoteSession::SendTo, error="), 1) << "kept: it is tried";
   ExpectNothingLeft();
 }
 

@@ -106,6 +106,15 @@ SCENARIO_F(SwitchTrial, ASocketThatStaysBlockingIsUsed) {
   EXPECT_NE(TrialSocket(), INVALID_SOCKET);
 }
 
+SCENARIO_F(SwitchTrial, ItsSocketHasBuffersOfItsOwn) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  for (const int option : {SO_SNDBUF, SO_RCVBUF}) {
+    EXPECT_EQ(IntOption(local_sock, option), kGameBuffer);
+    EXPECT_EQ(IntOption(TrialSocket(), option), 65536);
+  }
+}
+
 SCENARIO_F(SwitchTrial, ItsRequestNamesTheLinkThatIsLeft) {
   IsCarried();
   const NegoRequest first = a.request;
@@ -159,11 +168,10 @@ SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
   IsCarried();
   ASSERT_TRUE(Fires());
   ASSERT_TRUE(b.IsAsked());
-  Sleep(200);
   ScriptedNode::Answer refusal;
   refusal.result = 9;
   b.Answers(refusal);
-  Turn();
+  loop.Pass();
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=9, token=77"));
   ExpectOver("3");
   EXPECT_FALSE(b.IsAsked());
@@ -171,6 +179,10 @@ SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
   ASSERT_EQ(test::UsedSlots(client.failures), 1);
   const NegRetRecord& failure = client.failures->slots[0];
   EXPECT_EQ(test::Value(failure.nego_result), 9);
+  EXPECT_EQ(test::Value(failure.proxy_idc), 2u);
+  EXPECT_EQ(test::Value(failure.elapsed_ms), 1u) << "never nothing";
+  EXPECT_EQ(test::Value(failure.user_isp), 1u) << "a refusal says it too";
+  EXPECT_EQ(test::Value(failure.user_ip), test::Ip("127.0.0.1"));
   ASSERT_EQ(test::UsedSlots(client.switches), 1);
   const RecoverySwitchRecord& report = client.switches->slots[0];
   EXPECT_EQ(test::Value(report.is_switch_succ), 3);
@@ -202,6 +214,21 @@ SCENARIO_F(SwitchTrial, ANodeOfAnotherProviderEndsIt) {
              "client_isp=2, support_isps=1, token=77"));
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=207, token=77"));
   ExpectOver("3");
+}
+
+SCENARIO_F(SwitchTrial, AnErrorOfItsSocketEndsNothing) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  ASSERT_TRUE(b.IsAsked());
+  b.Answers();
+  port::FailCall("recvfrom", 1, WSAECONNRESET);
+  loop.Pass();
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::ReadPackage recvfrom failed, error = 10054, token=77"));
+  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  loop.Pass();
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  EXPECT_EQ(Count("recvfrom failed"), 1) << "that there is nothing more to read is no error";
 }
 
 class ForcedTrial : public SwitchTrial {
@@ -289,8 +316,27 @@ SCENARIO_F(SwitchTrial, ByDefaultNoNodePasses) {
 SCENARIO_F(SwitchTrial, ANodeThatAnswersNoProbeFails) {
   IsCarried();
   IsVerifying();
+  const SOCKET trial = TrialSocket();
   Turns(10);
   ExpectOver("4");
+  EXPECT_EQ(Readiness(trial), "error 10038") << "closed";
+  EXPECT_EQ(Counted(trial), "nothing");
+}
+
+// More probes than the long window holds: what a node lost in the beginning is forgiven it.
+SCENARIO_F(SwitchTrial, ALongBurstIsJudgedByItsLastSlots) {
+  config.lost_calc_unit_size = 100;
+  config.long_cycle = 2;
+  config.switching_high_freq_test_time = 400;  // 40 probes, 30 ms apart
+  IsCarried();
+  IsVerifying();
+  for (int turn = 0, probes = 0; turn < 60 && !Logged("NotifyVerifyResult"); ++turn) {
+    Turn();
+    for (const Wrapped& one : b.Takes()) probes += one.IsProbe() ? 1 : 0;
+    if (probes <= 30) b.ForgetsProbes();
+    b.AnswersProbes();
+  }
+  EXPECT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded")) << log->Text();
 }
 
 SCENARIO_F(SwitchTrial, WithGameTrafficBarredAGoodNodeIsOnlyReported) {
@@ -330,6 +376,8 @@ SCENARIO_F(SwitchTrial, AVerifiedNodeCarriesWhatTheGameSendsAndTheOldOneWhatItGe
     EXPECT_EQ(came[i].lost, 0) << "of this link nothing is known yet";
   }
   EXPECT_EQ(a.TakenData(), "");
+  EXPECT_EQ(Counted(TrialSocket()), "2 sent, 0 received");
+  EXPECT_EQ(Counted(local_sock), "1 sent, 0 received") << "the first, before the trial";
   a.SendsData("late");
   Turn();
   EXPECT_EQ(GameGets(), "late");
@@ -422,6 +470,8 @@ SCENARIO_F(SwitchTrial, TheFirstDataOfItsNodeHandsTheFlowOver) {
   ASSERT_GE(came.size(), 1u);
   EXPECT_EQ(came[0].payload, "two");
   EXPECT_EQ(came[0].seq, 2u) << "the link's numbers go on";
+  EXPECT_EQ(Counted(new_sock), "2 sent, 2 received");
+  EXPECT_EQ(Counted(local_sock), "1 sent, 0 received");
   a.SendsData("too late");
   Turn();
   EXPECT_EQ(GameGets(), "") << "the old node is a stranger now";
@@ -431,17 +481,33 @@ SCENARIO_F(SwitchTrial, TheFirstDataOfItsNodeHandsTheFlowOver) {
 }
 
 SCENARIO_F(SwitchTrial, TheNewLinkIsProbedAndJudgedFromNothing) {
+  config.ignore_high_freq_test_time = 3600;  // no burst
   IsCarried();
-  IsTakenOver();
+  IsVerified();
+  const SOCKET new_sock = TrialSocket();
+  SpeedStats before, after;
+  ASSERT_TRUE(GetTracker().GetSpeedTestResult(new_sock, &before));
+  b.SendsData("proof");
+  Turn();
+  ASSERT_EQ(Results(), "0");
   a.Takes();
   b.Takes();
-  HealthyTurns(60);
-  EXPECT_TRUE(Logged("[RecoverySwitch::Init]init result=succ"));
+  Turns(60);
+  const std::vector<Wrapped> probes = b.Takes();
+  EXPECT_EQ(probes.size(), 3u);
+  for (u32 i = 0; i < probes.size(); ++i) {
+    EXPECT_TRUE(probes[i].IsProbe());
+    EXPECT_EQ(probes[i].accl_token, b.accl_token);
+    EXPECT_EQ(probes[i].seq, i + 1);
+  }
+  ASSERT_TRUE(GetTracker().GetSpeedTestResult(new_sock, &after));
+  EXPECT_EQ(after.frontend.all_send_count - before.frontend.all_send_count, probes.size());
+  EXPECT_TRUE(a.Takes().empty());
   EXPECT_EQ(Count("acc_info=198.51.100.10-27015-2-127.0.0.1-7002, client_info=0-0-1-127.0.0.1, "
-                  "socket="),
+                  "socket=" +
+                  std::to_string(new_sock) + ", token=77"),
             2)
       << "its judge on trial and then as the flow's";
-  EXPECT_EQ(a.Takes().size(), 0u);
 }
 
 // The parent takes over a link that it has not been told of, and that is nowhere. Kept: the flow is
@@ -487,105 +553,6 @@ SCENARIO_F(SwitchTrial, GameTrafficThatIsBarredIsStillMovedByData) {
   b.SendsData("eager");
   Turn();
   EXPECT_EQ(Results(), "0") << "kept: only the verdict asks whether that is open";
-}
-
-// --- more than one ----------------------------------------------------------------------------
-
-SCENARIO_F(SwitchTrial, OneRunsAtATime) {
-  IsCarried();
-  ASSERT_TRUE(Fires());
-  const UdpSwitchRemoteSession* const first = Trial();
-  EXPECT_FALSE(Fires());
-  EXPECT_EQ(Trial(), first);
-  ASSERT_TRUE(b.IsAsked());
-  EXPECT_FALSE(b.IsAsked()) << "asked once";
-}
-
-SCENARIO_F(SwitchTrial, OneThatHasEndedMakesWayAtOnce) {
-  IsCarried();
-  port::FailCall("sendto", 1, WSAENETUNREACH);
-  ASSERT_TRUE(Fires());
-  const SOCKET first = TrialSocket();
-  ASSERT_TRUE(Fires()) << "before the timer has cleared the first away";
-  EXPECT_NE(TrialSocket(), first);
-  EXPECT_FALSE(loop.Has(first));
-  EXPECT_EQ(Readiness(first), "error 10038") << "closed";
-  EXPECT_TRUE(b.IsAsked());
-  EXPECT_EQ(Results(), "2");
-}
-
-SCENARIO_F(SwitchTrial, ASecondSwitchLeavesTheSocketInBetweenOpen) {
-  IsCarried();
-  IsVerified();
-  const SOCKET in_between = TrialSocket();
-  b.SendsData("proof");
-  Turns(2);
-  ASSERT_TRUE(Fires());
-  Turn();
-  ASSERT_TRUE(a.IsAsked());
-  EXPECT_EQ(test::Value(a.request.body.last_node.port), 7002) << "it is B's link that is left now";
-  a.Answers();
-  Turn();
-  const SOCKET last = TrialSocket();
-  HealthyTurns(10);
-  b.Takes();
-  a.SendsData("second proof");
-  Turns(2);
-  EXPECT_EQ(Results(), "0 0");
-  EXPECT_EQ(GameGets(), "proof second proof");
-  EXPECT_EQ(b.TakenEnds(), 1);
-  EXPECT_FALSE(loop.Has(in_between));
-  EXPECT_EQ(Readiness(in_between), "w") << "open, and nobody's";
-  EXPECT_TRUE(loop.Has(last));
-  EXPECT_TRUE(loop.Has(local_sock));
-  GameSends("on");
-  Turn();
-  EXPECT_EQ(a.TakenData(), "on");
-  session.reset();
-  EXPECT_EQ(Readiness(in_between), "w");
-  EXPECT_EQ(Readiness(last), "error 10038");
-  EXPECT_EQ(Readiness(local_sock), "error 10038");
-}
-
-// --- datagrams that wait for room --------------------------------------------------------------
-
-SCENARIO_F(SwitchTrial, WhatWaitsForRoomAtTheNewNodeMovesWithItsSocket) {
-  IsCarried();
-  IsVerified();
-  port::FailCall("sendto", 2, WSAEWOULDBLOCK);  // the game's own is the first
-  GameSends("blocked");
-  Sleep(1);
-  loop.delegates[local_sock]->OnReadable(local_sock);
-  EXPECT_EQ(loop.wants_room.count(TrialSocket()), 1u);
-  b.Takes();
-  b.SendsData("proof");
-  const SOCKET new_sock = TrialSocket();
-  loop.delegates[new_sock]->OnReadable(new_sock);
-  EXPECT_EQ(Results(), "0");
-  EXPECT_TRUE(flow->HasBlockedPackages());
-  // Kept: nobody asks for room again in the name of the new owner. The next that has to wait does.
-  Turns(3);
-  EXPECT_EQ(b.TakenData(), "");
-  port::FailCall("sendto", 2, WSAEWOULDBLOCK);
-  GameSends("next");
-  Turns(2);
-  EXPECT_EQ(b.TakenData(), "blocked next");
-  EXPECT_FALSE(flow->HasBlockedPackages());
-}
-
-SCENARIO_F(SwitchTrial, WhatWaitedForRoomAtTheOldNodeLeavesAsTheNewOneIsVerified) {
-  IsCarried();
-  IsVerifying();
-  port::FailCall("sendto", 2, WSAEWOULDBLOCK);
-  GameSends("waited");
-  Sleep(1);
-  loop.delegates[local_sock]->OnReadable(local_sock);
-  ASSERT_TRUE(flow->HasBlockedPackages());
-  loop.wants_room.clear();  // there is no room for a long time
-  HealthyTurns(10);
-  ASSERT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded"));
-  EXPECT_FALSE(flow->HasBlockedPackages());
-  EXPECT_EQ(GameGets(), "waited") << "A, to which it was wrapped, echoes it";
 }
 
 }  // namespace

@@ -146,8 +146,14 @@ SCENARIO_F(SwitchTrigger, LossOfTheWayUpAsTheNodeSaysIt) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   Traffic lossy;
+  lossy.lost = 1;
+  Plays(5'000, lossy);
+  EXPECT_EQ(Triggers(), "0 0 0 0");
+  lossy.lost = 2;
+  Plays(5'000, lossy);
+  EXPECT_GE(Count(kLong), 4);
   lossy.lost = 9;
-  Plays(10'000, lossy);
+  Plays(5'000, lossy);
   EXPECT_EQ(Count(kShort), 0);
   lossy.lost = 10;
   Plays(10'000, lossy);
@@ -164,6 +170,32 @@ SCENARIO_F(SwitchTrigger, TheShortWindowNeedsTenDatagrams) {
   Plays(15'000, few);
   EXPECT_EQ(Count(kShort), 0) << log->Text();
   EXPECT_GT(Count(kLong), 0) << "which has five times as many";
+  few.data_lost = [](u32 seq) { return seq % 2 != 0; };  // 10 of 20
+  Plays(5'000, few);
+  EXPECT_GE(Count(kShort), 3);
+}
+
+SCENARIO_F(SwitchTrigger, TheLongWindowNeedsTwentyDatagrams) {
+  config.ignore_high_freq_test_time = 3600;
+  IsCarried();
+  Traffic few;
+  few.data_lost = [](u32 seq) { return seq % 5 != 0 || seq % 100 == 0; };  // 19 of 100 arrive
+  Plays(15'000, few);
+  EXPECT_EQ(Triggers(), "0 0 0 0");
+  few.data_lost = [](u32 seq) { return seq % 5 != 0; };  // 20 of 100
+  Plays(10'000, few);
+  EXPECT_GE(Count(kLong), 3);
+}
+
+// The longest window there is takes the slot that runs for its oldest: it knows of no range, and
+// with all that it has received that is no loss.
+SCENARIO_F(SwitchTrigger, AWindowOfAllSlotsShowsNoLoss) {
+  config.ignore_high_freq_test_time = 3600;
+  config.lost_calc_unit_size = 100;
+  config.long_cycle = 60;
+  IsCarried();
+  Plays(15'000);
+  EXPECT_EQ(Count(kLong), 0);
 }
 
 SCENARIO_F(SwitchTrigger, LossOverTheLongWindow) {
@@ -197,6 +229,17 @@ SCENARIO_F(SwitchTrigger, LossOfProbesWhereTheGameIsQuiet) {
   Plays(20'000, lossy);
   EXPECT_GE(Count(kRoute), 10);
   EXPECT_EQ(Count(kDead) + Count(kShort) + Count(kLong), 0);
+}
+
+SCENARIO_F(SwitchTrigger, LossOfProbesFromItsThresholdOn) {
+  config.ignore_high_freq_test_time = 3600;
+  config.data_link_long_cycle_pkg = 1000;
+  config.max_real_route_lost = 100;
+  IsCarried();
+  Traffic lossy;
+  lossy.probe_lost = Always;
+  Plays(5'000, lossy);
+  EXPECT_GE(Count(kRoute), 2);
 }
 
 SCENARIO_F(SwitchTrigger, LossOfProbesIsNoMatterWhereTheGamePlays) {
@@ -324,7 +367,25 @@ SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
   EXPECT_EQ(Count("[RecoverySwitch::Report]"), 1);
 }
 
-// The clock of the looks starts again with a link.
+// Each look leaves its figures with the Tracker.
+SCENARIO_F(SwitchTrigger, TheLooksStartAgainWithALink) {
+  constexpr char kLook[] = "socket record recovery switch info=";
+  config.ignore_high_freq_test_time = 3600;
+  IsCarried();
+  IsVerified();
+  const int looks = Count(kLook);
+  for (int i = 0; i < 25 && Count(kLook) == looks; ++i) Turn(50);
+  Turns(15, 50);
+  const int before = Count(kLook);
+  b.SendsData("proof");
+  Turn(50);
+  ASSERT_EQ(Results(), "0");
+  Turns(19, 50);
+  EXPECT_EQ(Count(kLook), before);
+  Turn(50);
+  EXPECT_EQ(Count(kLook), before + 1);
+}
+
 SCENARIO_F(SwitchTrigger, ALinkThatIsNotMeasuredIsNotLookedAt) {
   image.proxies[0].flag = 4;
   IsCarried();

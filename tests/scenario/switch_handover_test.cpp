@@ -1,0 +1,142 @@
+// What a flow takes with it to another node, and what it leaves behind: one trial after the other,
+// sockets, and datagrams that waited for room. At stake: nothing of the game's is lost for the
+// move, and no socket is anybody's twice.
+#include "tests/scenario/switch_bench.h"
+//
+#include "port/shared/faults.h"
+#include "tests/unit/wire_bytes.h"
+
+namespace {
+
+using namespace switch_test;  // NOLINT
+
+using SwitchHandOver = SwitchBench;
+
+// --- more than one ----------------------------------------------------------------------------
+
+SCENARIO_F(SwitchHandOver, OneRunsAtATime) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  const UdpSwitchRemoteSession* const first = Trial();
+  EXPECT_FALSE(Fires());
+  EXPECT_EQ(Trial(), first);
+  ASSERT_TRUE(b.IsAsked());
+  EXPECT_FALSE(b.IsAsked()) << "asked once";
+}
+
+SCENARIO_F(SwitchHandOver, OneThatHasEndedMakesWayAtOnce) {
+  IsCarried();
+  port::FailCall("sendto", 1, WSAENETUNREACH);
+  ASSERT_TRUE(Fires());
+  const SOCKET first = TrialSocket();
+  ASSERT_TRUE(Fires()) << "before the timer has cleared the first away";
+  EXPECT_NE(TrialSocket(), first);
+  EXPECT_FALSE(loop.Has(first));
+  EXPECT_EQ(Readiness(first), "error 10038") << "closed";
+  EXPECT_TRUE(b.IsAsked());
+  EXPECT_EQ(Results(), "2");
+}
+
+SCENARIO_F(SwitchHandOver, ASecondSwitchLeavesTheSocketInBetweenOpen) {
+  IsCarried();
+  IsVerified();
+  const SOCKET in_between = TrialSocket();
+  b.SendsData("proof");
+  Turns(2);
+  ASSERT_TRUE(Fires());
+  Turn();
+  ASSERT_TRUE(a.IsAsked());
+  EXPECT_EQ(test::Value(a.request.body.last_node.port), 7002) << "it is B's link that is left now";
+  a.Answers();
+  Turn();
+  const SOCKET last = TrialSocket();
+  HealthyTurns(10);
+  b.Takes();
+  a.SendsData("second proof");
+  Turns(2);
+  EXPECT_EQ(Results(), "0 0");
+  EXPECT_EQ(GameGets(), "proof second proof");
+  EXPECT_EQ(b.TakenEnds(), 1);
+  EXPECT_FALSE(loop.Has(in_between));
+  EXPECT_EQ(Readiness(in_between), "w") << "open, and nobody's";
+  EXPECT_TRUE(loop.Has(last));
+  EXPECT_TRUE(loop.Has(local_sock));
+  GameSends("on");
+  Turn();
+  EXPECT_EQ(a.TakenData(), "on");
+  session.reset();
+  EXPECT_EQ(Counted(in_between), "0 sent, 1 received") << "watched, too";
+  EXPECT_EQ(Counted(last), "nothing");
+  EXPECT_EQ(Counted(local_sock), "nothing");
+  EXPECT_EQ(Readiness(in_between), "w");
+  EXPECT_EQ(Readiness(last), "error 10038");
+  EXPECT_EQ(Readiness(local_sock), "error 10038");
+}
+
+// --- datagrams that wait for room --------------------------------------------------------------
+
+SCENARIO_F(SwitchHandOver, WhatWaitsForRoomAtTheNewNodeMovesWithItsSocket) {
+  IsCarried();
+  IsVerified();
+  port::FailCall("sendto", 2, WSAEWOULDBLOCK);  // the game's own is the first
+  GameSends("blocked");
+  Sleep(1);
+  loop.delegates[local_sock]->OnReadable(local_sock);
+  EXPECT_EQ(loop.wants_room.count(TrialSocket()), 1u);
+  b.Takes();
+  b.SendsData("proof");
+  const SOCKET new_sock = TrialSocket();
+  loop.delegates[new_sock]->OnReadable(new_sock);
+  EXPECT_EQ(Results(), "0");
+  EXPECT_TRUE(flow->HasBlockedPackages());
+  // Kept: nobody asks for room again in the name of the new owner. The next that has to wait does.
+  Turns(3);
+  EXPECT_EQ(b.TakenData(), "");
+  port::FailCall("sendto", 2, WSAEWOULDBLOCK);
+  GameSends("next");
+  Turns(2);
+  EXPECT_EQ(b.TakenData(), "blocked next");
+  EXPECT_FALSE(flow->HasBlockedPackages());
+}
+
+SCENARIO_F(SwitchHandOver, WhatWaitedAtTheOldSocketLeavesBeforeWhatWaitedAtTheNew) {
+  IsCarried();
+  IsVerified();
+  a.SendsData("answer");
+  Sleep(1);
+  port::FailCall("sendto", 1, WSAEWOULDBLOCK);
+  loop.delegates[local_sock]->OnReadable(local_sock);
+  port::FailCall("sendto", 2, WSAEWOULDBLOCK);  // the game's own is the first
+  GameSends("question");
+  Sleep(1);
+  loop.delegates[local_sock]->OnReadable(local_sock);
+  const SOCKET new_sock = TrialSocket();
+  b.Takes();
+  b.SendsData("proof");
+  loop.delegates[new_sock]->OnReadable(new_sock);
+  ASSERT_EQ(Results(), "0");
+  EXPECT_EQ(GameGets(), "proof");
+  port::FailCall("sendto", 2, WSAEWOULDBLOCK);
+  flow->OnWritable(new_sock);
+  EXPECT_EQ(GameGets(), "answer");
+  EXPECT_EQ(b.TakenData(), "");
+  flow->OnWritable(new_sock);
+  EXPECT_EQ(b.TakenData(), "question");
+}
+
+SCENARIO_F(SwitchHandOver, WhatWaitedForRoomAtTheOldNodeLeavesAsTheNewOneIsVerified) {
+  IsCarried();
+  IsVerifying();
+  port::FailCall("sendto", 2, WSAEWOULDBLOCK);
+  GameSends("waited");
+  Sleep(1);
+  loop.delegates[local_sock]->OnReadable(local_sock);
+  ASSERT_TRUE(flow->HasBlockedPackages());
+  loop.wants_room.clear();  // there is no room for a long time
+  HealthyTurns(10);
+  ASSERT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded"));
+  EXPECT_FALSE(flow->HasBlockedPackages());
+  EXPECT_EQ(GameGets(), "waited") << "A, to which it was wrapped, echoes it";
+}
+
+}  // namespace
