@@ -329,7 +329,7 @@ SCENARIO_F(UdpSwitch, AHealthyLinkIsNeverLeft) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_FALSE(PlaysUntil(
-      s, [&] { return b.Count("request") > 0; }, 120'000))
+      s, [&] { return b.Count("request") > 0; }, 40'000))
       << log_text();
   EXPECT_EQ(Difference(Heard(), Heard("A")), "");
   EXPECT_GE(answered_, next_ - 1);
@@ -371,41 +371,6 @@ SCENARIO_F(UdpSwitch, ADeadNodeIsLeftForTheOtherWithTheGamesPortUnchanged) {
   EXPECT_TRUE(Logged("UdpRemoteSession::ReplaceSock, new socket="));
   closesocket(s);
   EXPECT_TRUE(RunUntil([&] { return b.Count("flow_opened") == b.Count("flow_closed"); }, 5s));
-}
-
-SCENARIO_F(UdpSwitch, WithGameTrafficBarredTheTrialIsOnlyReported) {
-  MayMeasureAndSwitch();
-  Configures([](moru_vyr::lsp::AccConfigRecord* config) { config->game_link_switch_open = 0; });
-  Starts();
-  RunFor(60s);
-  const SOCKET s = Udp();
-  EXPECT_FALSE(PlaysUntil(
-      s, [&] { return false; }, 10'000));
-  a.LosesDown(60);
-  ASSERT_TRUE(PlaysUntil(
-      s, [&] { return b.Count("flow_opened") > 0; }, 60'000))
-      << log_text();
-  EXPECT_FALSE(PlaysUntil(
-      s, [&] { return !Heard("B").empty(); }, 10'000));
-  EXPECT_TRUE(Logged("game_link switch is not open"));
-}
-
-SCENARIO_F(UdpSwitch, ASilentNodeOnTrialIsGivenOneSecond) {
-  MayMeasureAndSwitch();
-  b.StopsAnswering();
-  Starts();
-  RunFor(60s);
-  const SOCKET s = Udp();
-  EXPECT_FALSE(PlaysUntil(
-      s, [&] { return false; }, 10'000));
-  a.LosesDown(60);
-  ASSERT_TRUE(PlaysUntil(
-      s, [&] { return b.Count("request") > 0; }, 60'000))
-      << log_text();
-  EXPECT_FALSE(PlaysUntil(
-      s, [&] { return false; }, 1'200));
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=202"));
-  EXPECT_EQ(Heard("B").size(), 0u);
 }
 
 }  // namespace
