@@ -104,7 +104,7 @@ def check_charts(checks, found):
     for kind in ("decision", "failure", "switch"):
         checks.that(whole[kind] > 20, f"the overview shows each {kind}", whole)
     backs = [c["counts"]["back"] > 100 for c in found["charts"] if c["title"].startswith("Delay")]
-    checks.that(backs == [False, True], "a second relay is drawn where there is one", backs)
+    checks.that(sorted(backs) == [False, True], "a second relay is drawn where there is one", backs)
 
 
 def main():

@@ -49,9 +49,9 @@ def traffic(time, number, port, node, life, front, back=None, ended=0, kind=2):
     return record
 
 
-def moved(time, number, outcome):
+def moved(time, number, outcome, count=1):
     return {"event": "recovery_switch", "time": START + time, "slot": 0, "used": 1, "game_id": 77,
-            "guid": guid(number), "need_switch": 1, "is_switch_succ": outcome, "count": 1,
+            "guid": guid(number), "need_switch": 1, "is_switch_succ": outcome, "count": count,
             "proxy_idc": 1, "elapse_time": 40000, "data_link_small_section_lost": 101,
             "data_link_full_section_lost": 23, "data_link_full_section_pack": 130,
             "switch_condition": "delay_amp>=20;delay_avg>=50;real_lost>=20"}
@@ -75,12 +75,18 @@ def reports():
         lines.append(traffic(5100 + life, 2, 7000, 2, life,
                              (14 + wave, 60, 9, 3 + abs(wave) // 2, 20 * step - step // 6, 20 * step)))
         if step < 20:
-            back = (46 - wave, 99, 30, 6, 20 * step - step, 20 * step) if step > 1 else None
-            lines.append(traffic(900 + life, 3, 7001, 1 if step < 9 else 2, life,
-                                 (25 + 2 * step, 90, 11, 4, 20 * step, 20 * step), back,
-                                 ended=int(step == 19)))
-    lines += [moved(41000, 3, 4), moved(46000, 3, 0)]
-    return lines
+            # It moves away at 46 s; from then on its figures stand still.
+            seen = min(step, 9)
+            back = (46 + 9 * seen, 199, 30, 6 + seen, 20 * seen - 3 * seen, 20 * seen) if seen > 1 else None
+            report = traffic(900 + 5000 * seen, 3, 7001, 1, 5000 * seen,
+                             (25 + 2 * seen, 90, 11, 4, 20 * seen, 20 * seen), back,
+                             ended=int(step == 19))
+            lines.append({**report, "time": START + 900 + life, "life": life})
+    # Two nodes on trial, whose answers carry no guid of the flow: one fails, one takes over.
+    lines += [{**negotiated(40000, 3, 7001, 3), "guid": ""}, moved(41000, 3, 4),
+              decision(45000, 3, 7001, 11, node=2), {**negotiated(45000, 3, 7001, 2), "guid": ""},
+              moved(46000, 3, 0, count=2)]
+    return sorted(lines, key=lambda line: line["time"])
 
 
 def write(path):

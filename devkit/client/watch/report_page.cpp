@@ -67,6 +67,7 @@ Json FlowJson(const Flow& flow) {
           {"node", flow.node},
           {"accelerated", flow.accelerated},
           {"ended", flow.ended},
+          {"moved", flow.moved},
           {"first", static_cast<double>(flow.first_ms) / 1000},
           {"last", static_cast<double>(flow.last_ms) / 1000},
           {"life", flow.life_ms / 1000.0},
