@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Draws the page of a made-up run and looks at it in a browser without a screen.
+"""Draws pages of made-up runs and looks at them in a browser without a screen.
 
 usage: check_page.py VYR_CLIENT OUT_DIR
 
-Kept in OUT_DIR: run.jsonl, run.html, and run.png, the browser's picture of it. Exit code 77 where
-there is no browser or the program was built without the chart library.
+Kept in OUT_DIR: run.jsonl, run.html, and the browser's pictures of it, run.png and run-dark.png.
+Exit code 77 where there is no browser or the program was built without the chart library.
 """
 import html
 import json
@@ -23,33 +23,42 @@ TIMEOUT_S = 120
 # Two flows with three charts each, and the one of all flows.
 CHARTS = 7
 # What each chart must show, by its heading: the colours of its curves.
+HOSTILE = "</script><img src=x onerror=\"document.title='taken'\">"  # a node's name
 CURVES = {"Rate": ("sent", "recv"), "Delay": ("front",), "Probes": ("front",)}
 
-# Stands at the end of a copy of the page, and writes what it finds into the document.
+# How many pixels a curve or a mark has at least.
+DRAWN = {"curve": 100, "mark": 20}
+
+# Stands at the end of a copy of each page, and tells the page around it what it finds.
 LOOK = """
 <script>
 addEventListener("load", () => {
+  const name = location.hash.slice(1), kinds = name === "wide" || name === "narrow"
+    ? ["sent", "recv", "front", "back", "decision", "negotiation", "failure", "switch", "end"] : [];
+  const wanted = kinds.map(kind => [1, 3, 5].map(i => parseInt(colour(kind).slice(i, i + 2), 16)));
   const charts = [...document.querySelectorAll(".chart")].map(place => {
-    const canvas = place.querySelector("canvas");
-    const pixels = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height).data;
-    const near = name => {
-      const hex = colour(name), wanted = [1, 3, 5].map(i => parseInt(hex.slice(i, i + 2), 16));
-      let count = 0;
-      for (let i = 0; i < pixels.length; i += 4) {
-        if (pixels[i + 3] > 200 && wanted.every((c, k) => Math.abs(pixels[i + k] - c) < 12)) ++count;
-      }
-      return count;
-    };
-    const counts = {};
-    for (const name of ["sent", "recv", "front", "back", "decision", "failure", "switch"]) counts[name] = near(name);
+    const canvas = place.querySelector("canvas"), counts = Object.fromEntries(kinds.map(kind => [kind, 0]));
+    const pixels = kinds.length ? canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height).data : [];
+    for (let i = 0; i < pixels.length; i += 4) {
+      if (pixels[i + 3] > 200) wanted.forEach((rgb, k) => {
+        if (rgb.every((c, j) => Math.abs(pixels[i + j] - c) < 12)) ++counts[kinds[k]];
+      });
+    }
     return { title: place.previousSibling.textContent, width: canvas.width, counts };
   });
-  const rows = document.querySelectorAll("#figures tbody tr").length;
-  const found = document.createElement("pre");
-  found.id = "found";
-  found.textContent = JSON.stringify({ charts, rows, text: document.body.innerText, overflow:
-    document.documentElement.scrollWidth - document.documentElement.clientWidth });
-  document.body.append(found);
+  parent.postMessage({ name, charts, title: document.title,
+    rows: document.querySelectorAll("#figures tbody tr").length, text: document.body.innerText,
+    overflow: document.documentElement.scrollWidth - document.documentElement.clientWidth }, "*");
+});
+</script>
+"""
+
+# The page around them: all in one run of the browser, which takes longer to start than to draw.
+AROUND = """<!DOCTYPE html><pre id="found"></pre><script>
+const found = {};
+addEventListener("message", event => {
+  found[event.data.name] = event.data;
+  document.getElementById("found").textContent = JSON.stringify(found);
 });
 </script>
 """
@@ -72,7 +81,7 @@ def skip(reason):
 
 
 def browse(browser, page, *arguments):
-    with tempfile.TemporaryDirectory(prefix="vyr-page-") as profile:
+    with tempfile.TemporaryDirectory(prefix="vyr-page-", ignore_cleanup_errors=True) as profile:
         command = [browser, "--headless=new", "--no-sandbox", "--disable-gpu", "--no-first-run",
                    "--disable-background-networking", "--disable-component-update",
                    # No name resolves and no address is reached: the page has all it needs.
@@ -84,13 +93,29 @@ def browse(browser, page, *arguments):
     return done.stdout, [line for line in done.stderr.splitlines() if "CONSOLE" in line]
 
 
-def look(browser, page, out, width):
-    copy = out / "run-look.html"
-    copy.write_text(page.read_text(encoding="utf-8") + LOOK, encoding="utf-8")
-    dom, console = browse(browser, copy, f"--window-size={width},900", "--dump-dom")
-    copy.unlink()
-    found = re.search(r'<pre id="found">(.*?)</pre>', dom, re.DOTALL)
-    return json.loads(html.unescape(found[1])) if found else None, console
+def look(browser, pages, out):
+    """What each page shows, by its name; `pages` are (name, page, width)."""
+    around, copies = AROUND, []
+    for name, page, width in pages:
+        copies.append(out / f"look-{name}.html")
+        copies[-1].write_text(page.read_text(encoding="utf-8") + LOOK, encoding="utf-8")
+        around += f'<iframe src="{copies[-1].name}#{name}" style="width:{width}px;height:900px;border:0"></iframe>\n'
+    copies.append(out / "look.html")
+    copies[-1].write_text(around, encoding="utf-8")
+    dom, console = browse(browser, copies[-1], "--window-size=1400,900", "--dump-dom")
+    for copy in copies:
+        copy.unlink()
+    found = re.search(r'<pre id="found">(.+?)</pre>', dom, re.DOTALL)
+    return json.loads(html.unescape(found[1])) if found else {}, console
+
+
+def make(program, out, name, reports):
+    """The page of these reports, what the program said of it, and its exit code."""
+    run, page = out / f"{name}.jsonl", out / f"{name}.html"
+    sample_run.write(run, reports)
+    made = subprocess.run([program, "watch", "--from", run, "--report", page], timeout=TIMEOUT_S,
+                          capture_output=True, text=True)
+    return page, made
 
 
 def check_charts(checks, found):
@@ -98,13 +123,64 @@ def check_charts(checks, found):
     for chart in found["charts"]:
         for heading, colours in CURVES.items():
             for name in colours if chart["title"].startswith(heading) else ():
-                checks.that(chart["counts"][name] > 100, f"{chart['title']}: {name} is drawn",
-                            chart["counts"])
+                checks.that(chart["counts"][name] > DRAWN["curve"],
+                            f"{chart['title']}: {name} is drawn", chart["counts"])
     whole = found["charts"][0]["counts"]
-    for kind in ("decision", "failure", "switch"):
-        checks.that(whole[kind] > 20, f"the overview shows each {kind}", whole)
+    for kind in ("decision", "negotiation", "failure", "switch", "end"):
+        checks.that(whole[kind] > DRAWN["mark"], f"the overview shows each {kind}", whole)
     backs = [c["counts"]["back"] > 100 for c in found["charts"] if c["title"].startswith("Delay")]
     checks.that(sorted(backs) == [False, True], "a second relay is drawn where there is one", backs)
+
+
+def check_run(checks, found):
+    for name in ("wide", "narrow"):
+        if name not in found:
+            continue
+        page = found[name]
+        check_charts(checks, page)
+        checks.that(page["rows"] == 4, f"{name}: a row a flow", page["rows"])
+        checks.that(page["overflow"] <= 0, f"{name}: fits its width", page["overflow"])
+        checks.that("</script><b>log</b>" in page["text"], f"{name}: a hostile path is text")
+        checks.that("moved to node-2 198.51.100.21:9000" in page["text"], f"{name}: names the move")
+        checks.that("curves end with the move" in page["text"], f"{name}: says what is not shown")
+
+
+def check_others(checks, found):
+    nothing, one, many = (found.get(name, {"charts": [], "rows": -1, "text": "", "title": ""})
+                          for name in ("nothing", "one", "many"))
+    checks.that("Nothing was reported" in nothing["text"] and "Frontend" not in nothing["text"],
+                "a run of nothing says so, and no more", nothing["text"])
+    checks.that(nothing["rows"] == 0 and not nothing["charts"], "and draws nothing")
+    checks.that("1 flow, 1 through nodes" in one["text"] and one["rows"] == 1, "one flow is one",
+                one["text"][:300])
+    checks.that(len(one["charts"]) == 4, "and has its charts", len(one["charts"]))
+    checks.that(HOSTILE in one["text"] and one["title"] == "Flows of a run",
+                "a hostile name is text", (one["title"], one["text"][:600]))
+    checks.that(many["rows"] == 200, "of 200 flows each has a row", many["rows"])
+    checks.that("Of 200 flows the 30 with most reports are drawn" in many["text"],
+                "and it is said which are drawn")
+    checks.that(len(many["charts"]) == 1 + 30 * 3, "and those are", len(many["charts"]))
+
+
+def luminance(colour):
+    parts = [int(colour[i:i + 2], 16) / 255 for i in (1, 3, 5)]
+    linear = [p / 12.92 if p <= 0.03928 else ((p + 0.055) / 1.055) ** 2.4 for p in parts]
+    return 0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2]
+
+
+def check_contrast(checks, text):
+    """Text stands out 4.5 to 1 from the page, curves and marks 3 to 1, by day and by night."""
+    themes = re.findall(r":root \{(.*?)\}", text, re.DOTALL)
+    checks.that(len(themes) == 2, "there are two sets of colours", len(themes))
+    for theme in themes:
+        colours = {name: code if len(code) == 7 else "#" + "".join(2 * c for c in code[1:])
+                   for name, code in re.findall(r"--(\w+): (#[0-9a-f]+)", theme)}
+        page = luminance(colours["page"])
+        for name, code in colours.items():
+            light, dark = sorted((page, luminance(code)), reverse=True)
+            least = {"page": 0, "line": 0, "grid": 0, "text": 4.5, "faint": 4.5}.get(name, 3)
+            ratio = (light + 0.05) / (dark + 0.05)
+            checks.that(ratio >= least, f"{name} {code} stands out", f"{ratio:.2f}")
 
 
 def main():
@@ -113,10 +189,7 @@ def main():
     if browser is None:
         skip("no Chromium here")
     out.mkdir(parents=True, exist_ok=True)
-    run, page, picture = out / "run.jsonl", out / "run.html", out / "run.png"
-    sample_run.write(run)
-    made = subprocess.run([program, "watch", "--from", run, "--report", page], timeout=TIMEOUT_S,
-                          capture_output=True, text=True)
+    page, made = make(program, out, "run", sample_run.reports())
     if "charts are left out" in made.stderr:
         skip("built without the chart library (scripts/fetch_programs.sh --charts)")
 
@@ -125,18 +198,27 @@ def main():
     checks.that(len(made.stdout.splitlines()) == len(sample_run.reports()), "a line a report")
     text = page.read_text(encoding="utf-8")
     checks.that(not re.search(r"""(?:src|href)\s*=\s*["']?\w""", text), "nothing is fetched")
-    for width in (1280, 420):
-        found, console = look(browser, page, out, width)
-        checks.that(not console, f"no word on the console at {width}", console)
-        checks.that(found is not None, f"the page runs to its end at {width}")
-        if found is None:
-            continue
-        check_charts(checks, found)
-        checks.that(found["rows"] == 4, "a row a flow", found["rows"])
-        checks.that(found["overflow"] <= 0, f"fits {width} pixels", found["overflow"])
-        checks.that("</script><b>log</b>" in found["text"], "a hostile path is shown as text")
-    browse(browser, page, "--window-size=1280,2600", f"--screenshot={picture.absolute()}")
-    checks.that(picture.exists() and picture.stat().st_size > 20000, "a picture is kept")
+    check_contrast(checks, text)
+
+    pages = [("wide", page, 1280), ("narrow", page, 420)]
+    for name, reports in (("nothing", []), ("one", sample_run.one_flow(HOSTILE)),
+                          ("many", sample_run.many_flows(200))):
+        pages.append((name, make(program, out, name, reports)[0], 1280))
+    found, console = look(browser, pages, out)
+    for name, other, _ in pages[2:]:
+        other.unlink()
+        other.with_suffix(".jsonl").unlink()
+    checks.that(not console, "no word on the console", console)
+    checks.that(len(found) == len(pages), "every page runs to its end", list(found))
+    check_run(checks, found)
+    check_others(checks, found)
+
+    for name, *arguments in (("run.png",), ("run-dark.png", "--blink-settings=preferredColorScheme=0")):
+        picture = out / name
+        picture.unlink(missing_ok=True)
+        browse(browser, page, "--hide-scrollbars", "--window-size=1280,2700",
+               f"--screenshot={picture.absolute()}", *arguments)
+        checks.that(picture.exists() and picture.stat().st_size > 20000, f"{name} is kept")
     print(f"{checks.passed} passed, {checks.failed} failed")
     sys.exit(1 if checks.failed else 0)
 
