@@ -22,8 +22,8 @@ BROWSERS = ("chromium", "chromium-browser", "google-chrome")
 TIMEOUT_S = 120
 # Two flows with three charts each, and the one of all flows.
 CHARTS = 7
-# What each chart must show, by its heading: the colours of its curves.
 HOSTILE = "</script><img src=x onerror=\"document.title='taken'\">"  # a node's name
+# What each chart must show, by its heading: the colours of its curves.
 CURVES = {"Rate": ("sent", "recv"), "Delay": ("front",), "Probes": ("front",)}
 
 # How many pixels a curve or a mark has at least.
@@ -48,6 +48,7 @@ addEventListener("load", () => {
   });
   parent.postMessage({ name, charts, title: document.title,
     rows: document.querySelectorAll("#figures tbody tr").length, text: document.body.innerText,
+    links: [...document.querySelectorAll("#figures a")].filter(a => document.querySelector(a.hash)).length,
     overflow: document.documentElement.scrollWidth - document.documentElement.clientWidth }, "*");
 });
 </script>
@@ -139,6 +140,7 @@ def check_run(checks, found):
         page = found[name]
         check_charts(checks, page)
         checks.that(page["rows"] == 4, f"{name}: a row a flow", page["rows"])
+        checks.that(page["links"] == 4, f"{name}: each leads to the flow's charts", page["links"])
         checks.that(page["overflow"] <= 0, f"{name}: fits its width", page["overflow"])
         checks.that("</script><b>log</b>" in page["text"], f"{name}: a hostile path is text")
         checks.that("moved to node-2 198.51.100.21:9000" in page["text"], f"{name}: names the move")
@@ -146,8 +148,8 @@ def check_run(checks, found):
 
 
 def check_others(checks, found):
-    nothing, one, many = (found.get(name, {"charts": [], "rows": -1, "text": "", "title": ""})
-                          for name in ("nothing", "one", "many"))
+    missing = {"charts": [], "rows": -1, "links": -1, "text": "", "title": ""}
+    nothing, one, many = (found.get(name, missing) for name in ("nothing", "one", "many"))
     checks.that("Nothing was reported" in nothing["text"] and "Frontend" not in nothing["text"],
                 "a run of nothing says so, and no more", nothing["text"])
     checks.that(nothing["rows"] == 0 and not nothing["charts"], "and draws nothing")
@@ -159,7 +161,8 @@ def check_others(checks, found):
     checks.that(many["rows"] == 200, "of 200 flows each has a row", many["rows"])
     checks.that("Of 200 flows the 30 with most reports are drawn" in many["text"],
                 "and it is said which are drawn")
-    checks.that(len(many["charts"]) == 1 + 30 * 3, "and those are", len(many["charts"]))
+    checks.that(len(many["charts"]) == 1 + 30 * 3 and many["links"] == 30, "and those are",
+                (len(many["charts"]), many["links"]))
 
 
 def luminance(colour):
