@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "common/text.h"
+
 namespace client {
 namespace {
 
@@ -24,6 +26,19 @@ bool IsDigitList(const std::string& text) {
 bool IsFullPath(const std::string& path) {
   const bool drive = path.size() > 3 && path[1] == ':' && path[2] == '\\';
   return drive || path.rfind("\\\\", 0) == 0;
+}
+
+bool IsUtf8(const std::string& text) {
+  std::wstring wide;
+  return common::u8to16(text, &wide);
+}
+
+// How long the character at that place is; 0: there is none.
+size_t CharacterAt(const std::string& text, size_t at) {
+  for (size_t size = 1; size <= 4 && at + size <= text.size(); ++size) {
+    if (IsUtf8(text.substr(at, size))) return size;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -97,6 +112,17 @@ std::optional<std::string> ParseHex(const std::string& digits) {
     bytes += static_cast<char>(value);
   }
   return bytes;
+}
+
+std::string OnlyUtf8(const std::string& text) {
+  if (IsUtf8(text)) return text;
+  std::string out;
+  for (size_t at = 0; at < text.size();) {
+    const size_t size = CharacterAt(text, at);
+    out += size != 0 ? text.substr(at, size) : "?";
+    at += size != 0 ? size : 1;
+  }
+  return out;
 }
 
 std::string AddressText(uint32_t address) {

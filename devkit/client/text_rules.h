@@ -21,6 +21,9 @@ std::optional<uint64_t> ParseNumber(const std::string& digits);
 // Four decimal numbers with dots between, as they lie in memory: network byte order.
 std::optional<uint32_t> ParseAddress(const std::string& text);
 
+// With a question mark for each byte that is no UTF-8, so no longer than it was.
+std::string OnlyUtf8(const std::string& text);
+
 // Two hexadecimal digits for each byte.
 std::optional<std::string> ParseHex(const std::string& digits);
 

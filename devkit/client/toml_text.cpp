@@ -2,36 +2,9 @@
 
 #include <cstdio>
 
-#include "common/text.h"
+#include "client/text_rules.h"
 
 namespace client {
-namespace {
-
-bool IsUtf8(const std::string& text) {
-  std::wstring wide;
-  return common::u8to16(text, &wide);
-}
-
-// The longest character at that place, or nothing.
-size_t CharacterAt(const std::string& text, size_t at) {
-  for (size_t size = 1; size <= 4 && at + size <= text.size(); ++size) {
-    if (IsUtf8(text.substr(at, size))) return size;
-  }
-  return 0;
-}
-
-std::string OnlyUtf8(const std::string& text) {
-  if (IsUtf8(text)) return text;
-  std::string out;
-  for (size_t at = 0; at < text.size();) {
-    const size_t size = CharacterAt(text, at);
-    out += size != 0 ? text.substr(at, size) : "?";
-    at += size != 0 ? size : 1;
-  }
-  return out;
-}
-
-}  // namespace
 
 std::string QuoteToml(const std::string& raw) {
   const std::string text = OnlyUtf8(raw);

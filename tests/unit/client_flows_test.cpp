@@ -127,6 +127,7 @@ TEST(ClientReportWords, TextThatAGameChoseCannotDriveATerminal) {
   common::SetFieldText(loaded.process_name, "a\x1b[2Jb\nc");
   EXPECT_EQ(ReportWords(ReportOf(client::kLoadedReport, loaded)),
             "a?[2Jb?c has the library, game 0, 32 bits");
+  EXPECT_EQ(client::Printable("\x7f\xc2\x9b[2J \xc2\xa7 \xc3\x9b"), "???[2J \xc2\xa7 \xc3\x9b");
 }
 
 TEST(ClientFlowBook, ReportsOfOneGuidAreOneFlow) {

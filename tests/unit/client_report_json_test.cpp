@@ -124,12 +124,16 @@ TEST(ClientReportJson, ValuesStandInTheFormThatAPersonReads) {
   EXPECT_EQ(decision["selected_proxy"]["proxy_name"], "north");
 }
 
-TEST(ClientReportJson, TextThatIsNoUtf8IsStillAReport) {
+TEST(ClientReportJson, TextThatIsNoUtf8IsStillAReportAndFitsAgain) {
   LspLoadedRecord loaded;
-  common::SetFieldText(loaded.process_name, "C:\\\xff\xfe.exe");
-  const auto json =
-      nlohmann::json::parse(ReportJson(test::ReportOf(client::kLoadedReport, loaded)));
-  EXPECT_NE(json["process_name"].get<std::string>().find(".exe"), std::string::npos);
+  common::SetFieldText(loaded.process_name, "C:\\\xff\xfe\xc3\xa4.exe");
+  const std::string line = ReportJson(test::ReportOf(client::kLoadedReport, loaded));
+  EXPECT_EQ(nlohmann::json::parse(line)["process_name"], "C:\\??\xc3\xa4.exe");
+  // A field that is full to its end, in the middle of a character.
+  std::memset(loaded.process_name, 0xe4, sizeof loaded.process_name);
+  std::string why;
+  EXPECT_TRUE(ReportFromJson(ReportJson(test::ReportOf(client::kLoadedReport, loaded)), &why))
+      << why;
 }
 
 TEST(ClientReportJson, WhatIsNoReportIsRefusedWithItsReason) {
@@ -141,7 +145,17 @@ TEST(ClientReportJson, WhatIsNoReportIsRefusedWithItsReason) {
       {"{\"event\":\"decision\",\"acc_reason\":\"3\"}", "under 'acc_reason'"},
       {"{\"event\":\"decision\",\"game_ip\":\"1.2.3.400\"}", "under 'game_ip'"},
       {"{\"event\":\"decision\",\"top_proxy\":[{},{},{},{}]}", "under 'top_proxy'"},
-      {"{\"event\":\"loaded\",\"process_name\":5}", "type"},
+      {"{\"event\":\"loaded\",\"process_name\":5}", "under 'process_name'"},
+      {"{\"event\":5}", "has no event that is a report: ''"},
+      {"{\"event\":\"loaded\",\"time\":-1}", "under 'time'"},
+      {"{\"event\":\"loaded\",\"slot\":4294967296}", "under 'slot'"},
+      {"{\"event\":\"loaded\",\"is_x64\":256}", "under 'is_x64'"},
+      {"{\"event\":\"loaded\",\"game_id\":-1}", "under 'game_id'"},
+      {"{\"event\":\"decision\",\"acc_reason\":2147483648}", "under 'acc_reason'"},
+      {"{\"event\":\"decision\",\"acc_reason\":-2147483649}", "under 'acc_reason'"},
+      {"{\"event\":\"decision\",\"selected_proxy\":5}", "under 'selected_proxy'"},
+      {"{\"event\":\"decision\",\"top_proxy\":[{\"proxy_port\":65536}]}", "under 'proxy_port'"},
+      {"{\"event\":\"negotiation_result\",\"reserved_value\":\"x\"}", "under 'reserved_value'"},
   };
   for (const auto& [line, reason] : cases) {
     std::string why;

@@ -1,6 +1,8 @@
 #include "client/watch/report_json.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <nlohmann/json.hpp>
 
 #include "client/text_rules.h"
@@ -35,7 +37,8 @@ Json ValueJson(const std::byte* from, const ReportField& field) {
       return value;
     }
     case Form::kText:
-      return std::string(text, std::find(text, text + field.size, '\0'));
+      // Cut by its field or written by a game, it may be no UTF-8; and it must fit again.
+      return OnlyUtf8(std::string(text, std::find(text, text + field.size, '\0')));
     case Form::kIp:
       return AddressText(static_cast<uint32_t>(Load(from, sizeof(uint32_t))));
     case Form::kIpOfHost:
@@ -67,13 +70,22 @@ Json ShapeJson(const std::byte* record, const ReportShape& shape) {
   return object;
 }
 
-// --- and back; whatever is not as it was written throws ---
+// --- and back; whatever is not as it was written throws Unreadable ---
 
 struct Unreadable {
   std::string key;
 };
 
 void ReadShape(const Json& object, const ReportShape& shape, std::byte* record);
+
+bool Fits(const Json& value, const ReportField& field) {
+  if (!value.is_number_integer()) return false;
+  if (!value.is_number_unsigned()) {
+    return field.form == Form::kSigned && value.get<int64_t>() >= INT32_MIN;
+  }
+  const size_t bits = 8 * field.size - (field.form == Form::kSigned ? 1 : 0);
+  return bits == 64 || value.get<uint64_t>() >> bits == 0;
+}
 
 void ReadText(const std::string& text, const ReportField& field, std::byte* to) {
   if (text.size() > field.size) throw Unreadable{field.key};
@@ -91,7 +103,7 @@ void ReadValue(const Json& value, const ReportField& field, std::byte* to) {
   switch (field.form) {
     case Form::kUnsigned:
     case Form::kSigned: {
-      if (!value.is_number_integer()) throw Unreadable{field.key};
+      if (!Fits(value, field)) throw Unreadable{field.key};
       const uint64_t number = value.get<uint64_t>();
       std::memcpy(to, &number, field.size);
       return;
@@ -112,7 +124,17 @@ void ReadValue(const Json& value, const ReportField& field, std::byte* to) {
       return ReadText(*bytes, field, to);
     }
     default:
+      if (!value.is_object()) throw Unreadable{field.key};
       return ReadShape(value, *field.shape, to);
+  }
+}
+
+// A value of another kind than the field's is named like any other that cannot stand there.
+void ReadField(const Json& value, const ReportField& field, std::byte* to) {
+  try {
+    ReadValue(value, field, to);
+  } catch (const Json::exception&) {
+    throw Unreadable{field.key};
   }
 }
 
@@ -121,14 +143,30 @@ void ReadShape(const Json& object, const ReportShape& shape, std::byte* record) 
     const auto found = object.find(field.key);
     if (found == object.end()) continue;
     if (field.count == 0) {
-      ReadValue(*found, field, record + field.offset);
+      ReadField(*found, field, record + field.offset);
       continue;
     }
     if (!found->is_array() || found->size() > field.count) throw Unreadable{field.key};
     for (size_t i = 0; i < found->size(); ++i) {
-      ReadValue(found->at(i), field, record + field.offset + i * field.size);
+      ReadField(found->at(i), field, record + field.offset + i * field.size);
     }
   }
+}
+
+// One of the keys before those of the record. 0 where it is left out.
+template <typename Number>
+Number NumberUnder(const char* key, const Json& object) {
+  const auto found = object.find(key);
+  if (found == object.end()) return 0;
+  const bool fits =
+      found->is_number_unsigned() && found->get<uint64_t>() <= std::numeric_limits<Number>::max();
+  if (!fits) throw Unreadable{key};
+  return found->get<Number>();
+}
+
+std::string EventOf(const Json& object) {
+  const auto found = object.find("event");
+  return found != object.end() && found->is_string() ? found->get<std::string>() : "";
 }
 
 std::optional<ReportKind> KindOf(const std::string& name) {
@@ -155,26 +193,24 @@ std::optional<Report> ReportFromJson(const std::string& line, std::string* why) 
     *why = "is no JSON object";
     return std::nullopt;
   }
+  const std::string name = EventOf(object);
+  const auto kind = KindOf(name);
+  if (!kind) {
+    *why = name == "failure" ? "" : "has no event that is a report: '" + name + "'";
+    return std::nullopt;
+  }
   try {
-    const std::string name = object.value("event", "");
-    const auto kind = KindOf(name);
-    if (!kind) {
-      *why = name == "failure" ? "" : "has no event that is a report: '" + name + "'";
-      return std::nullopt;
-    }
     const ReportShape& shape = ChannelOf(*kind).shape;
     Report report = {.kind = *kind,
-                     .time_ms = object.value("time", uint64_t{0}),
-                     .slot = object.value("slot", uint32_t{0}),
+                     .time_ms = NumberUnder<uint64_t>("time", object),
+                     .slot = NumberUnder<uint32_t>("slot", object),
                      .bytes = std::vector<std::byte>(shape.size)};
     ReadShape(object, shape, report.bytes.data());
     return report;
-  } catch (const Unreadable& field) {
-    *why = "has a value that does not fit under '" + field.key + "'";
-  } catch (const Json::exception& error) {
-    *why = error.what();
+  } catch (const Unreadable& value) {
+    *why = "has a value that does not fit under '" + value.key + "'";
+    return std::nullopt;
   }
-  return std::nullopt;
 }
 
 }  // namespace client

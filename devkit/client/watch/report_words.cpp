@@ -223,8 +223,11 @@ std::string ClockText(uint64_t time_ms) {
 }
 
 std::string Printable(std::string text) {
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < ' ' || c == 0x7f) c = '?';
+  for (size_t i = 0; i < text.size(); ++i) {
+    const unsigned char byte = static_cast<unsigned char>(text[i]);
+    if (byte < ' ' || byte == 0x7f) text[i] = '?';
+    // Behind C2 stand the control characters from 80 on, 9B among them, which opens a sequence.
+    if (byte >= 0x80 && byte < 0xa0 && i > 0 && text[i - 1] == '\xc2') text[i - 1] = text[i] = '?';
   }
   return text;
 }
