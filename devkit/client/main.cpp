@@ -198,7 +198,8 @@ int Sample(const Options& options) { return Print(client::WriteSample(options.sa
 
 void AddFile(CLI::App* command, Options* options) {
   command->add_option("FILE", options->file, "the configuration, TOML; - reads standard input")
-      ->required();
+      ->required()
+      ->type_name("");
   command->add_flag("--json", options->json, "one JSON object a line instead of sentences");
 }
 
@@ -210,8 +211,10 @@ void AddServe(CLI::App* app, Options* options, Action* action) {
       "put the file where games find it, say \"ready\", take over each edit, stay until ended");
   AddFile(serve, options);
   serve->add_flag("--until-eof", options->until_eof, "end with the end of standard input");
-  serve->add_option("--notify-pid", options->notify_pids,
-                    "tell these processes of a new spur list, besides the listed games that run");
+  serve
+      ->add_option("--notify-pid", options->notify_pids,
+                   "tell these processes of a new spur list, besides the listed games that run")
+      ->type_name("PID");
   serve->callback([action] { *action = Serve; });
 }
 
@@ -223,14 +226,20 @@ void AddFileCommands(CLI::App* app, Options* options, Action* action) {
   CLI::App* compile = app->add_subcommand(
       "compile", "write the route table into a file, for clients that leave no region");
   AddFile(compile, options);
-  compile->add_option("--route-file", options->route_file, "the file to write")->required();
+  compile->add_option("--route-file", options->route_file, "the file to write")
+      ->required()
+      ->type_name("PATH");
   compile->callback([action] { *action = Compile; });
 
   CLI::App* sample = app->add_subcommand("sample", "write a complete file with comments");
-  sample->add_option("--game", options->sample.game_paths,
-                     "full Windows path of the game's program, up to ten of them");
-  sample->add_option("--log-dir", options->sample.log_path,
-                     "where the log files go, with a backslash at its end");
+  sample
+      ->add_option("--game", options->sample.game_paths,
+                   "full Windows path of the game's program, up to ten of them")
+      ->type_name("PATH");
+  sample
+      ->add_option("--log-dir", options->sample.log_path,
+                   "where the log files go, with a backslash at its end")
+      ->type_name("FOLDER");
   sample->callback([action] { *action = Sample; });
 }
 
@@ -241,10 +250,14 @@ void AddWatch(CLI::App* app, Options* options, Action* action) {
   watch->add_flag("--follow", options->watch.follow, "stay and show what comes, until ended");
   CLI::Option* const top = watch->add_flag("--top", options->watch.top,
                                            "stay and show a table of the flows, kept up to date");
-  watch->add_option("--report", options->watch.page, "write a page with charts of the run there");
+  watch->add_option("--report", options->watch.page, "write a page with charts of the run there")
+      ->type_name("PAGE.html");
   CLI::Option* const from =
-      watch->add_option("--from", options->watch.from,
-                        "read what watch --json prints from this file, as it comes; - is input");
+      watch
+          ->add_option(
+              "--from", options->watch.from,
+              "show what another watch --json has printed, as it comes; - reads standard input")
+          ->type_name("FILE");
   watch->add_flag("--until-eof", options->until_eof, "end with the end of standard input")
       ->excludes(from);
   top->excludes("--json");
@@ -253,20 +266,28 @@ void AddWatch(CLI::App* app, Options* options, Action* action) {
 
 void AddQuestions(CLI::App* app, Options* options, Action* action) {
   CLI::App* dump = app->add_subcommand("dump", "print the tables in force, as a file for serve");
-  dump->add_option("--route-file", options->route_file, "print this compiled route table instead");
+  dump->add_option("--route-file", options->route_file, "print this compiled route table instead")
+      ->type_name("PATH");
   dump->add_flag("--json", options->json, "as JSON");
   dump->callback([action] { *action = Dump; });
 
   CLI::App* explain =
       app->add_subcommand("explain", "say what becomes of a destination, by which table, and why");
-  explain->add_option("DESTINATION", options->destination, "ADDRESS:PORT")->required();
+  explain->add_option("DESTINATION", options->destination, "ADDRESS:PORT")
+      ->required()
+      ->type_name("");
   explain->add_option("PROTOCOL", options->protocol, "tcp or udp")
       ->required()
+      ->type_name("")
       ->check(CLI::IsMember({"tcp", "udp"}));
-  explain->add_option("--file", options->file, "ask this file instead of the tables in force");
-  explain->add_option("--game", options->game,
-                      "the game that asks: its path, file name or game_id; else the first");
+  explain->add_option("--file", options->file, "ask this file instead of the tables in force")
+      ->type_name("FILE");
+  explain
+      ->add_option("--game", options->game,
+                   "the game that asks: its path, file name or game_id; else the first")
+      ->type_name("GAME");
   explain->add_option("--level", options->vip_level, "VIP level in place of the game's own")
+      ->type_name("LEVEL")
       ->check(CLI::Range(0, 9));
   explain->add_flag("--json", options->json, "one JSON object instead of sentences");
   explain->callback([action] { *action = ExplainDestination; });
