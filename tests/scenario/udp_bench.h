@@ -74,6 +74,7 @@ class UdpBench : public sim::ScenarioTest {
   // --- what happened ---
   bool Logged(const std::string& part) const { return log_->Contains(part); }
   std::string log_text() const { return log_->Text(); }
+  std::string whole_log() const { return log_->Whole(); }
   // The texts that came to the server, all or those from "A", "B" or "game".
   std::vector<std::string> Heard(const std::string& from = "") const;
   std::string AllHeard() const;  // for the message of a failed expectation

@@ -111,14 +111,19 @@ class Play : public udp_test::UdpBench {
     Starts(4);
     GamePlays(flows);
     RunFor(std::chrono::minutes(minutes));
-    const std::string log = log_text();
+    const std::string log = whole_log();
     Health health;
     health.flow_hours = flows * minutes / 60.0;
     health.bursts = static_cast<int>(TimesOf("requesting high freq test", log).size());
     health.trials = static_cast<int>(TimesOf("switching is firing", log).size());
     health.switches = static_cast<int>(TimesOf("::ReplaceSock", log).size());
-    const std::size_t carried = a.Count("flow_opened");
-    if (carried < static_cast<std::size_t>(flows)) {
+    const std::size_t carried = a.Count("flow_opened"), tried = b.Count("request");
+    if (log.size() >= common::LogFile::kMaxWrittenTotal) {
+      health.failure = "the log was full before the end";
+    } else if (tried != static_cast<std::size_t>(health.trials)) {
+      health.failure =
+          "B saw " + std::to_string(tried) + " trials of " + std::to_string(health.trials);
+    } else if (carried < static_cast<std::size_t>(flows)) {
       health.failure = "only " + std::to_string(carried) + " flows were carried";
     }
     return health;
@@ -141,13 +146,13 @@ class Play : public udp_test::UdpBench {
     }
   }
   int CountSince(int moment, const char* part) const {
-    const std::vector<int> times = TimesOf(part, log_text());
+    const std::vector<int> times = TimesOf(part, whole_log());
     return static_cast<int>(
         std::count_if(times.begin(), times.end(), [=](int time) { return time >= moment; }));
   }
 
   Outcome Describe(int start) const {
-    const std::string log = log_text();
+    const std::string log = whole_log();
     const auto first = [&](const char* part) {
       for (const int time : TimesOf(part, log)) {
         if (time >= start) return time - start;

@@ -28,9 +28,14 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
+  // The last of it: a test that asks again and again need not read it all.
   std::string Text() const {
     common::GetLogFile().Flush();
     return ReadFileText(path_);
+  }
+  std::string Whole() const {
+    common::GetLogFile().Flush();
+    return ReadFileText(path_, common::LogFile::kMaxWrittenTotal);
   }
   bool Contains(const std::string& part) const { return Text().find(part) != std::string::npos; }
 
