@@ -139,7 +139,8 @@ class TcpSwarm : public TcpBench {
   // Nobody waits for ever where a fault has left a connection that nobody serves.
   static void Limit(SOCKET s) {
     const DWORD most_ms = 60'000;
-    setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&most_ms), sizeof most_ms);
+    for (const int which : {SO_RCVTIMEO, SO_SNDTIMEO})
+      setsockopt(s, SOL_SOCKET, which, reinterpret_cast<const char*>(&most_ms), sizeof most_ms);
   }
 
   // One side of a connection, sending and reading at once; "done" or how its stream ended.
