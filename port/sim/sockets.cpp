@@ -1,5 +1,7 @@
 #include "port/sim/sockets.h"
 
+#include <algorithm>
+
 #include "port/sim/faults.h"
 #include "port/sim/icmp.h"
 
@@ -114,6 +116,12 @@ SOCKET SocketTable::Add(SocketRef socket) {
 SocketRef SocketTable::Find(SOCKET handle, const Process& process) const {
   const auto at = sockets_.find(handle);
   return at == sockets_.end() || at->second->process != &process ? nullptr : at->second;
+}
+
+size_t SocketTable::CountOf(const Process& process) const {
+  return static_cast<size_t>(
+      std::count_if(sockets_.begin(), sockets_.end(),
+                    [&](const auto& entry) { return entry.second->process == &process; }));
 }
 
 void SocketTable::Remove(SOCKET handle) {

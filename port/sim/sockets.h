@@ -67,6 +67,7 @@ class SocketTable {
   void CloseAllOf(Process& process);  // as a process's sudden end does: streams are reset
   void SetReuse(bool reuse) { reuse_ = reuse; }
   size_t size() const { return sockets_.size(); }
+  size_t CountOf(const Process& process) const;  // open ones
 
  private:
   bool reuse_;  // true: the value closed last comes back first
