@@ -11,34 +11,21 @@
 #include <vector>
 
 #include "port/shared/faults.h"
-#include "port/sim/sockets.h"
 #include "port/sim/threads.h"
 #include "relay/relay_mgr.h"
+#include "tests/scenario/swarm.h"
 #include "tests/scenario/tcp_bench.h"
 
 namespace {
-using namespace tcp_test;  // NOLINT: the verbs of these tests
+using namespace tcp_test;    // NOLINT: the verbs of these tests
+using namespace swarm_test;  // NOLINT: and their draws
 using node::Behaviour;
-
-unsigned SwarmSeeds(unsigned usual) {
-  const char* const wanted = std::getenv("VYR_SWARM_SEEDS");
-  return wanted != nullptr ? static_cast<unsigned>(std::strtoul(wanted, nullptr, 10)) : usual;
-}
 
 // Every connection starts with a line that tells the server which one it is.
 constexpr size_t kHelloSize = 5;
 std::string Hello(size_t id) {
   char text[kHelloSize + 1];
   std::snprintf(text, sizeof text, "%04zu\n", id);
-  return text;
-}
-
-// Bytes that are another connection's, or the other direction's, would show.
-std::string Noise(uint64_t seed, size_t size) {
-  sim::Random random(seed);
-  std::string text;
-  while (text.size() < size) text += std::to_string(random.Next()) + ' ';
-  text.resize(size);
   return text;
 }
 
@@ -70,17 +57,13 @@ struct Plan {
   std::string game_end, host_end;
 };
 
-class TcpSwarm : public TcpBench {
+class TcpSwarm : public Swarm<TcpBench> {
  protected:
   TcpSwarm() {
     if (Chance(50)) common::SetLogThreshold(9);
     base_sockets_ = HomeSockets();
     serve = [this](SOCKET s, Call* call) { Serve(s, call); };
   }
-
-  uint64_t Below(uint64_t n) { return world.random().Below(n); }
-  bool Chance(unsigned percent) { return Below(100) < percent; }
-  sim::Duration Ms(uint64_t most) { return std::chrono::milliseconds(Below(most + 1)); }
 
   // --- plans ---
   size_t AnySize() {
@@ -103,8 +86,8 @@ class TcpSwarm : public TcpBench {
     const char* const servers[] = {kServer, kServer, kServer, kDirect, kForced, kUnlisted};
     plan.server = servers[Below(std::size(servers))];
     plan.starts_ms = static_cast<DWORD>(Below(4000));
-    plan.up = Hello(plan.id) + Noise(world.seed() * 1000 + plan.id * 2, AnySize());
-    plan.down = Noise(world.seed() * 1000 + plan.id * 2 + 1, AnySize());
+    plan.up = Noise(Hello(plan.id), world.seed() * 1000 + plan.id * 2, kHelloSize + AnySize());
+    plan.down = Noise("", world.seed() * 1000 + plan.id * 2 + 1, AnySize());
     plan.game = AnyManner(games, plan.up.size());
     plan.host = AnyManner(hosts, plan.down.size());
     return plan;
@@ -257,12 +240,6 @@ class TcpSwarm : public TcpBench {
   std::vector<std::unique_ptr<Plan>> plans_;
 
  private:
-  size_t HomeSockets() {
-    size_t open = 0;
-    for (SOCKET s = 0x100; s < 0x100 + 4 * 4096; s += 4)
-      open += world.sockets().Find(s, world.home()) != nullptr;
-    return open;
-  }
   bool ServerIsFree() const {
     return std::all_of(calls.begin(), calls.end(), [](const Call& call) { return call.over(); });
   }
@@ -341,9 +318,8 @@ class TcpCalm : public TcpSwarm {
     world.SetLink(host, server_host, AnyLink(may_lose));
   }
   void SetUpWorld(bool may_lose) {
-    sim::Host& home = world.home().host;
     for (sim::Host* host : {&a_host, &b_host, &server_host})
-      world.SetLink(home, *host, AnyLink(may_lose));
+      world.SetLink(world.home().host, *host, AnyLink(may_lose));
     SetUpNode(a, a_host, may_lose);
     SetUpNode(b, b_host, may_lose);
     world.ReuseSocketHandles(Chance(50));
@@ -383,10 +359,10 @@ class TcpStorm : public TcpCalm {
                                  "getsockname", "getsockopt", "select",  "send",   "recv"};
     const DWORD errors[] = {WSAECONNRESET, WSAECONNABORTED, WSAENETRESET,
                             WSAENOBUFS,    WSAEWOULDBLOCK,  WSAETIMEDOUT};
-    const std::string name = names[Below(std::size(names))];
-    DWORD error = errors[Below(std::size(errors))];
+    const std::string name = Any(names);
+    DWORD error = Any(errors);
     if (name == "connect" && error == WSAEWOULDBLOCK) error = WSAECONNREFUSED;
-    port::FailCall(name.c_str(), static_cast<unsigned>(1 + Below(40)), error);
+    port::FailCall(name, static_cast<unsigned>(1 + Below(40)), error);
   }
   void BreakANode(node::SimNode& node) {
     Behaviour it = AnyNode();
@@ -409,13 +385,10 @@ class TcpStorm : public TcpCalm {
     node.Behaves(it);
   }
   void BreakALink() {
-    sim::Host& home = world.home().host;
-    sim::Host* const hosts[] = {&a_host, &b_host, &server_host};
-    sim::Host& host = *hosts[Below(3)];
     sim::LinkOptions link = AnyLink(true);
     if (Chance(30)) link.loss = 0.3;
     if (Chance(30)) link.partitioned = true;
-    world.SetLink(home, host, link);
+    world.SetLink(world.home().host, AnyHost(), link);
   }
   void BreakSomething() {
     switch (Below(8)) {
@@ -438,9 +411,7 @@ class TcpStorm : public TcpCalm {
   }
   void Heal() {
     port::ClearFaults();
-    sim::Host& home = world.home().host;
-    for (sim::Host* host : {&a_host, &b_host, &server_host}) world.SetLink(home, *host, {});
-    for (sim::Host* host : {&a_host, &b_host}) world.SetLink(*host, server_host, {});
+    SetAllLinks([] { return sim::LinkOptions{}; });
     a.Behaves();
     b.Behaves();
   }

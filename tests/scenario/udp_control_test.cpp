@@ -46,12 +46,7 @@ class UdpControlPort : public UdpSpiedBench {
     SendsControl(asking, Bytes(ProtoRelayClose::Request(token)));
     return false;
   }
-  size_t HomeSockets() {
-    size_t open = 0;
-    for (SOCKET s = 0x100; s < 0x100 + 4 * 4096; s += 4)
-      open += world.sockets().Find(s, world.home()) != nullptr;
-    return open;
-  }
+  size_t HomeSockets() { return world.sockets().CountOf(world.home()); }
   void Begins(u32 log_level = 4) {
     Starts(log_level);
     ASSERT_TRUE(GetRelayMgr().CheckAndInit(3000));

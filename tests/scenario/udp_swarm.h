@@ -4,35 +4,22 @@
 //
 // VYR_SWARM_SEEDS=3000 asks for more seeds than the usual run takes.
 #pragma once
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 
-#include "port/sim/sockets.h"
+#include "tests/scenario/swarm.h"
 #include "tests/scenario/udp_bench.h"
 
 namespace udp_test {
 
+using namespace swarm_test;  // NOLINT: the draws of the swarms
 using node::Behaviour;
-
-inline unsigned SwarmSeeds(unsigned usual) {
-  const char* const wanted = std::getenv("VYR_SWARM_SEEDS");
-  return wanted != nullptr ? static_cast<unsigned>(std::strtoul(wanted, nullptr, 10)) : usual;
-}
 
 inline constexpr size_t kIdSize = 6;
 inline constexpr size_t kWrappable = 2028;
 inline constexpr size_t kLongestHeader = 120;
 inline constexpr size_t kReceivable = 2048;
-
-inline std::string Filled(const std::string& begin, uint64_t seed, size_t size) {
-  sim::Random random(seed);
-  std::string text = begin;
-  while (text.size() < size) text += std::to_string(random.Next()) + ' ';
-  text.resize(std::max(size, begin.size()));
-  return text;
-}
 
 inline std::string IdText(size_t id) {
   char text[16];
@@ -62,8 +49,8 @@ struct Said {
 // What a server says to it; who answers is a part of the answer.
 inline std::string AnswerTo(const std::string& text, const std::string& server) {
   const size_t id = IdOf(text, 0);
-  return Filled("R" + text.substr(0, kIdSize) + "@" + server + "|", id,
-                id % 7 == 0 ? text.size() : 30 + id % 90);
+  return Noise("R" + text.substr(0, kIdSize) + "@" + server + "|", id,
+               id % 7 == 0 ? text.size() : 30 + id % 90);
 }
 
 // One socket's life.
@@ -77,12 +64,8 @@ struct Player {
   bool leaves_early = false;  // … or after its first
 };
 
-class UdpSwarm : public UdpBench {
+class UdpSwarm : public Swarm<UdpBench> {
  protected:
-  uint64_t Below(uint64_t n) { return world.random().Below(n); }
-  bool Chance(unsigned percent) { return Below(100) < percent; }
-  sim::Duration Ms(uint64_t most) { return std::chrono::milliseconds(Below(most + 1)); }
-
   void Begins() {
     server->answer = [heard = &server->heard](const std::string& text) {
       return text.size() < kIdSize ? std::string() : AnswerTo(text, heard->back().to);
@@ -110,7 +93,7 @@ class UdpSwarm : public UdpBench {
     Said one;
     one.ip = place.ip;
     one.port = place.port;
-    one.text = Filled(IdText(id), world.seed() * 100'000 + id, AnySize());
+    one.text = Noise(IdText(id), world.seed() * 100'000 + id, AnySize());
     said_.push_back(one);
     return id;
   }
@@ -241,13 +224,6 @@ class UdpSwarm : public UdpBench {
     CountArrivals();
   }
 
-  size_t HomeSockets() {
-    size_t open = 0;
-    for (SOCKET s = 0x100; s < 0x100 + 4 * 1024; s += 4)
-      open += world.sockets().Find(s, world.home()) != nullptr;
-    return open;
-  }
-
   // --- nodes and links ---
   // Flows may move to the other node, at once.
   void MaySwitch() {
@@ -307,11 +283,6 @@ class UdpSwarm : public UdpBench {
     if (Chance(50)) link.jitter = Ms(30);
     if (Chance(20)) link.reorder = 0.1;
     return link;
-  }
-  void SetAllLinks(const std::function<sim::LinkOptions()>& make) {
-    sim::Host& home = world.home().host;
-    for (sim::Host* host : {&a_host, &b_host, &server_host}) world.SetLink(home, *host, make());
-    for (sim::Host* host : {&a_host, &b_host}) world.SetLink(*host, server_host, make());
   }
 
   static constexpr Place kPlaces[] = {

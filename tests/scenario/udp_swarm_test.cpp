@@ -45,8 +45,7 @@ class UdpStorm : public UdpSwarm {
                                  "WSPIoctl",  "WSPSendTo", "CreateEventA"};
     const DWORD errors[] = {WSAECONNRESET, WSAENOBUFS, WSAEWOULDBLOCK, WSAEWOULDBLOCK,
                             WSAENETUNREACH};
-    port::FailCall(names[Below(std::size(names))], static_cast<unsigned>(1 + Below(30)),
-                   errors[Below(std::size(errors))]);
+    port::FailCall(Any(names), static_cast<unsigned>(1 + Below(30)), Any(errors));
   }
   void BreakANode(node::SimNode& node) {
     Behaviour it = AnyNode();
@@ -72,12 +71,10 @@ class UdpStorm : public UdpSwarm {
     node.Behaves(it);
   }
   void BreakALink() {
-    sim::Host& home = world.home().host;
-    sim::Host* const hosts[] = {&a_host, &b_host, &server_host};
     sim::LinkOptions link = AnyLink();
     if (Chance(50)) link.loss = 0.3;
     if (Chance(20)) link.partitioned = true;
-    world.SetLink(home, *hosts[Below(3)], link);
+    world.SetLink(world.home().host, AnyHost(), link);
   }
   void BreakSomething() {
     switch (Below(7)) {
