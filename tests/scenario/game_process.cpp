@@ -9,10 +9,13 @@
 #include "port/shared/modules.h"
 #include "port/shared/process.h"
 #include "port/shared/rendition.h"
+#include "port/shared/winsock.h"
 #include "provider/catalogue.h"
 
 namespace test {
 namespace {
+
+constexpr wchar_t kLayerPath[] = L"C:\\vyr\\vyr_lsp.dll";
 
 int WSPAPI StartForeign(WORD version, LPWSPDATA data, LPWSAPROTOCOL_INFOW info,
                         WSPUPCALLTABLE upcalls, LPWSPPROC_TABLE out) {
@@ -90,6 +93,19 @@ void GameProcess::ListAsGame(common::u32 log_level, const std::string& log_path,
   void* const view = MapViewOfFile(region_, FILE_MAP_ALL_ACCESS, 0, 0, sizeof *region);
   std::memcpy(view, region.get(), sizeof *region);
   UnmapViewOfFile(view);
+}
+
+void GameProcess::Configures(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change) {
+  using Region = moru_vyr::lsp::RestrictionRegion;
+  void* const view = MapViewOfFile(region_, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(Region));
+  change(&static_cast<Region*>(view)->games[0]);
+  UnmapViewOfFile(view);
+}
+
+void GameProcess::IsStartedBySockets() {
+  port::RegisterModule(kLayerPath, {{"WSPStartup", Export(WSPStartup)}});
+  port::SetProviderPath(kLayerGuid, kLayerPath);
+  port::UseCatalogue(true);
 }
 
 void GameProcess::LayerOverForeign(const std::vector<DWORD>& foreign_chain) {

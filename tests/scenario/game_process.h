@@ -5,6 +5,7 @@
 #include <winsock2.h>
 #include <ws2spi.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -51,6 +52,10 @@ class GameProcess {
   // The client lists this process; its log goes to C:\logs.
   void ListAsGame(common::u32 log_level = 0, const std::string& log_path = "C:\\logs\\",
                   common::u32 net_mode = 0x18);
+  // Changes what the client lists it with; before its first start.
+  void Configures(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change);
+  // Has Winsock start the provider by itself, at the first socket of each protocol.
+  void IsStartedBySockets();
   // Puts the foreign provider's TCP entry below ours, in place of the base provider's.
   void LayerOverForeign(const std::vector<DWORD>& foreign_chain = {});
 

@@ -1,19 +1,13 @@
 #include "tests/scenario/tcp_bench.h"
 
 #include <algorithm>
-#include <cstring>
-
-#include "port/shared/catalogue.h"
-#include "port/shared/modules.h"
-#include "port/shared/winsock.h"
-#include "provider/hook_entries.h"
 
 namespace tcp_test {
 namespace {
 
 using namespace moru_vyr::lsp;  // NOLINT: the tables' records
 
-constexpr u32 kNearIdc = 11, kDirectIdc = 12, kForcedIdc = 13;
+constexpr u32 kNearIdc = 11, kDirectIdc = 12, kForcedIdc = 13, kAloneIdc = 14;
 
 std::string PeerName(SOCKET s) {
   sockaddr_in peer = {};
@@ -23,10 +17,11 @@ std::string PeerName(SOCKET s) {
   return ip == kNodeA ? "A" : ip == kNodeB ? "B" : ip == kGame ? "game" : ip;
 }
 
-void AddRouteByA(RouteTableImage& image, u32 idc, u32 decision) {
+RouteEntry& AddRouteByA(RouteTableImage& image, u32 idc, u32 decision) {
   RouteEntry& entry = test::AddRoute(image.route_sets[0], idc, test::Ref(1, decision));
   entry.top_refs[0] = test::Ref(1);
   entry.top_refs[1] = test::Ref(2);
+  return entry;
 }
 
 }  // namespace
@@ -80,8 +75,8 @@ TcpBench::TcpBench(const std::wstring& path) {
   StartServer();
   WriteTables();
   game.ListAsGame(0);
-  SetAccMode(1);
-  Install();
+  game.Configures([](AccConfigRecord* config) { config->acc_mode = 1; });
+  game.IsStartedBySockets();
   RunFor(10ms);
   // The first socket starts the provider and its log, and then that log is the test's.
   closesocket(Tcp());
@@ -90,35 +85,19 @@ TcpBench::TcpBench(const std::wstring& path) {
 }
 
 void TcpBench::WriteTables() {
-  ips->ip_count = 3;
+  ips->ip_count = 4;
   ips->records[0] = {kNearIdc, test::Ip(kServer)};
   ips->records[1] = {kDirectIdc, test::Ip(kDirect)};
   ips->records[2] = {kForcedIdc, test::Ip(kForced)};
+  ips->records[3] = {kAloneIdc, test::Ip(kAlone)};
   auto image = std::make_unique<RouteTableImage>();
   test::AddProxy(*image, 1, kNodeA).surport_isps = 1;
   test::AddProxy(*image, 2, kNodeB).surport_isps = 1;
   AddRouteByA(*image, kNearIdc, DECISION_ACCE);
   AddRouteByA(*image, kDirectIdc, DECISION_DIRECT);
   AddRouteByA(*image, kForcedIdc, DECISION_FORCE_ACCE_AUTO);
+  AddRouteByA(*image, kAloneIdc, DECISION_ACCE).top_refs[1] = {};
   routes.Publish(*image);
-}
-
-void TcpBench::SetAccMode(common::u32 mode) {
-  const HANDLE region = OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE, kRestrictionRegionName);
-  auto* const view = static_cast<RestrictionRegion*>(
-      MapViewOfFile(region, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(RestrictionRegion)));
-  view->games[0].acc_mode = mode;
-  UnmapViewOfFile(view);
-  CloseHandle(region);
-}
-
-void TcpBench::Install() {
-  const LPWSPSTARTUP start = &WSPStartup;
-  FARPROC exported = nullptr;
-  std::memcpy(&exported, &start, sizeof exported);
-  port::RegisterModule(L"C:\\vyr\\vyr_lsp.dll", {{"WSPStartup", exported}});
-  port::SetProviderPath(test::kLayerGuid, L"C:\\vyr\\vyr_lsp.dll");
-  port::UseCatalogue(true);
 }
 
 void TcpBench::StartServer() {

@@ -29,6 +29,7 @@ inline constexpr char kServer[] = "198.51.100.10";    // through A, else B
 inline constexpr char kDirect[] = "198.51.100.11";    // relayed, but through no node
 inline constexpr char kForced[] = "198.51.100.12";    // through A whoever the client's provider is
 inline constexpr char kUnlisted[] = "198.51.100.13";  // not in the tables
+inline constexpr char kAlone[] = "198.51.100.14";     // through A, or else none
 inline constexpr int kPort = 27015;
 inline constexpr int kNobodysPort = 27016;
 
@@ -76,7 +77,7 @@ class TcpBench : public sim::ScenarioTest {
   test::ClientRegion<moru_vyr::lsp::IpTableRegion> ips{moru_vyr::lsp::kIpTableRegionName};
   test::RouteClient routes;
   test::GameProcess game;
-  sim::Host& server_host = world.AddHost("server", {kServer, kDirect, kForced, kUnlisted});
+  sim::Host& server_host = world.AddHost("server", {kServer, kDirect, kForced, kUnlisted, kAlone});
   sim::Host& a_host = world.AddHost("a", {kNodeA});
   sim::Host& b_host = world.AddHost("b", {kNodeB});
   node::SimNode a{world, a_host, 7001};
@@ -88,8 +89,6 @@ class TcpBench : public sim::ScenarioTest {
 
  private:
   void WriteTables();
-  static void SetAccMode(common::u32 mode);
-  void Install();
   void StartServer();
 
   std::unique_ptr<test::LogCapture> log_;

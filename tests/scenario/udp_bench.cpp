@@ -1,12 +1,6 @@
 #include "tests/scenario/udp_bench.h"
 
 #include <algorithm>
-#include <cstring>
-
-#include "port/shared/catalogue.h"
-#include "port/shared/modules.h"
-#include "port/shared/winsock.h"
-#include "provider/hook_entries.h"
 
 namespace udp_test {
 namespace {
@@ -86,15 +80,6 @@ void UdpBench::WriteTables() {
   routes.Publish(*image);
 }
 
-void UdpBench::Configures(const std::function<void(AccConfigRecord*)>& change) {
-  const HANDLE region = OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE, kRestrictionRegionName);
-  auto* const view = static_cast<RestrictionRegion*>(
-      MapViewOfFile(region, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(RestrictionRegion)));
-  change(&view->games[0]);
-  UnmapViewOfFile(view);
-  CloseHandle(region);
-}
-
 void UdpBench::MayMeasureAndSwitch() {
   Configures([](AccConfigRecord* config) {
     config->link_switch_mask = 3;
@@ -117,20 +102,11 @@ void UdpBench::MayMeasureAndSwitch() {
 }
 
 void UdpBench::Starts(common::u32 log_level) {
-  Install();
+  game.IsStartedBySockets();
   RunFor(10ms);
   closesocket(Udp());
   RunFor(100ms);
   log_ = std::make_unique<test::LogCapture>(log_level);
-}
-
-void UdpBench::Install() {
-  const LPWSPSTARTUP start = &WSPStartup;
-  FARPROC exported = nullptr;
-  std::memcpy(&exported, &start, sizeof exported);
-  port::RegisterModule(L"C:\\vyr\\vyr_lsp.dll", {{"WSPStartup", exported}});
-  port::SetProviderPath(test::kLayerGuid, L"C:\\vyr\\vyr_lsp.dll");
-  port::UseCatalogue(true);
 }
 
 void UdpBench::StartServer(const std::string& ip, int port) {

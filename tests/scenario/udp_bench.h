@@ -64,7 +64,9 @@ class UdpBench : public sim::ScenarioTest {
 
   // --- the client program ---
   // Changes the game's configuration; before the game's first socket.
-  void Configures(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change);
+  void Configures(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change) {
+    game.Configures(change);
+  }
   // Measuring and switching as a deployment would have them, and as fast as they can be.
   void MayMeasureAndSwitch();
   // The game's first socket starts the provider; from here on there is a log, of everything from
@@ -106,7 +108,6 @@ class UdpBench : public sim::ScenarioTest {
 
  private:
   void WriteTables();
-  void Install();
   void StartServer(const std::string& ip, int port);
 
   std::unique_ptr<test::LogCapture> log_;
