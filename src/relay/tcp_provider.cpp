@@ -131,7 +131,8 @@ void TcpProvider::OnLocalServerAcceptable(SOCKET listen_socket) noexcept {
   ConnectToRemoteServer(session);
 }
 
-// Takes the session that waits for that port over into sessions_. Null if there is none.
+// Takes the session that waits for that port over into sessions_. Null if there is none, or no
+// memory for it.
 TcpSession* TcpProvider::Adopt(u16 peer_port) noexcept {
   const auto found = pending_sessions_.find(peer_port);
   if (found == pending_sessions_.end()) return nullptr;
@@ -139,6 +140,7 @@ TcpSession* TcpProvider::Adopt(u16 peer_port) noexcept {
     obsolete_sessions_.reserve(sessions_.size() + 1);
     sessions_.push_back(nullptr);
   } catch (...) {
+    pending_sessions_.erase(found);  // its port's next connection may go elsewhere
     return nullptr;
   }
   sessions_.back() = std::move(found->second);

@@ -135,7 +135,8 @@ void TcpSession::OnUpdate(u32 elapsed_ms) noexcept {
     connect_elapsed_ += elapsed_ms;
     return;
   }
-  // Kept: if this fails too, the next event of either side closes the session.
+  // Kept: nobody is told if this fails. The session ends with the far side's next event, or with
+  // the game's close.
   OnNegotiationFailed(kNegoTimedOut);
 }
 
