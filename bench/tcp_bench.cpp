@@ -1,20 +1,17 @@
 // What a relayed connection costs, beside a direct one and beside other programs that forward the
 // same way, on this machine and in one run. See bench/README.md for how to read it.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "bench/comparison.h"
 #include "bench/forwarder.h"
+#include "bench/measured_table.h"
 #include "bench/private_network.h"
+#include "bench/settings.h"
 #include "bench/tcp_forwarders.h"
 #include "bench/tcp_game.h"
 #include "bench/tcp_server.h"
@@ -37,26 +34,9 @@ constexpr std::uint16_t kNodePort = 9000;
 constexpr std::uint16_t kFirstForwarderPort = 20100;
 constexpr std::uint64_t kLeastBulk = 4 << 20;  // for each connection
 
-struct Settings {
-  int rounds = 9;
-  std::string only;
-  std::vector<std::string> ways;  // empty: all
-  bool quick = false;
-  bool json = false;
-};
-
-// One way from the game to its server.
-struct Way {
-  std::string name;
-  std::vector<Forwarder> forwarders;  // each in front of the one before
-  std::unique_ptr<Game> game;
-};
-
-struct Measure {
-  Row row;
-  Order order;
-  double (*value)(const Order&, const Outcome&);
-};
+using StreamMeasure = Measure<Order, Outcome>;
+using StreamWay = Way<Order, Outcome>;
+using StreamTable = MeasuredTable<Order, Outcome>;
 
 const std::vector<Pair> kPairs = {
     {"vyr", "direct"}, {"vyr", "socat"}, {"vyr", "haproxy"}, {"vyr+node", "socat+socat"}};
@@ -81,11 +61,11 @@ double CpuUsPerRoundTrip(const Order& order, const Outcome& outcome) {
   return CpuSeconds(outcome) * 1e6 / (static_cast<double>(order.amount) * order.connections);
 }
 
-std::vector<Measure> Measures(bool quick) {
+std::vector<StreamMeasure> Measures(bool quick) {
   const std::uint64_t bytes = quick ? 1 << 20 : 64 << 20;
   const std::uint64_t trips = quick ? 50 : 4000;
   const std::uint64_t connects = quick ? 5 : 200;
-  std::vector<Measure> measures = {
+  std::vector<StreamMeasure> measures = {
       {{"download", "MB/s", true}, {Task::kDownload, 0, bytes, 0}, MegabytesPerSecond},
       {{"upload", "MB/s", true}, {Task::kUpload, 0, bytes, 0}, MegabytesPerSecond},
       {{"reply, median", "us", false}, {Task::kReply, 0, trips, kMessage}, MedianUs},
@@ -108,64 +88,27 @@ std::vector<Measure> Measures(bool quick) {
   return measures;
 }
 
-class Bench {
+// Starts what has been asked for, in a network of its own.
+class Ways {
  public:
-  explicit Bench(const Settings& settings)
-      : settings_(settings), measures_(Measures(settings.quick)) {
-    const char* const folder = std::getenv("VYR_BED_DIR");
-    folder_ = std::string(folder != nullptr ? folder : "/tmp") + "/bench";
-    std::filesystem::create_directories(folder_);
-    server_ = StartServer(&server_port_);
-    AddWays();
-    const std::vector<std::string>& asked = settings_.ways;
-    std::erase_if(ways_, [&](const Way& way) {
-      return !asked.empty() && std::find(asked.begin(), asked.end(), way.name) == asked.end();
-    });
-    std::vector<Row> rows;
-    for (const Measure& measure : measures_) rows.push_back(measure.row);
-    std::vector<std::string> names;
-    for (const Way& way : ways_) names.push_back(way.name);
-    comparison_ = std::make_unique<Comparison>(rows, names, kPairs);
+  explicit Ways(const Settings& settings) : settings_(settings), folder_(BenchFolder()) {
+    StartServer(&server_port_);
   }
 
-  int Run() {
-    for (int round = 0; round < settings_.rounds; ++round) {
-      if (isatty(STDERR_FILENO) != 0)
-        std::fprintf(stderr, "\rround %d of %d", round + 1, settings_.rounds);
-      for (std::size_t i = 0; i < measures_.size();) i = TakeTurns(i);
-    }
-    if (isatty(STDERR_FILENO) != 0) std::fprintf(stderr, "\r                    \r");
-    settings_.json ? comparison_->PrintJson(settings_.rounds) : comparison_->PrintTable();
-    return failed_ ? 1 : 0;
+  std::vector<StreamWay> All() {
+    const GameOptions direct = Options(kServerAddress, server_port_);
+    Add("direct", {}, direct);
+    GameOptions relayed = direct;
+    relayed.with_library = true;
+    Add("vyr", {}, relayed);
+    AddSocat();
+    AddHaproxy();
+    AddNode(relayed);
+    AddTwoSocats();
+    return std::move(ways_);
   }
 
  private:
-  static bool SameOrder(const Order& a, const Order& b) {
-    return a.task == b.task && a.connections == b.connections && a.amount == b.amount &&
-           a.pieces == b.pieces;
-  }
-
-  // All ways, one after the other; what is measured together is one run of the game.
-  std::size_t TakeTurns(std::size_t first) {
-    const Order& order = measures_[first].order;
-    std::size_t end = first;
-    while (end < measures_.size() && SameOrder(measures_[end].order, order)) ++end;
-    if (measures_[first].row.name.find(settings_.only) == std::string::npos) return end;
-    for (Way& way : ways_) {
-      const Outcome outcome = way.game->Does(order);
-      if (!outcome.worked) {
-        std::fprintf(stderr, "tcp_bench: '%s' failed for %s\n", measures_[first].row.name.c_str(),
-                     way.name.c_str());
-        failed_ = true;
-        continue;
-      }
-      for (std::size_t i = first; i < end; ++i) {
-        comparison_->Add(i, way.name, measures_[i].value(order, outcome));
-      }
-    }
-    return end;
-  }
-
   GameOptions Options(const std::string& address, std::uint16_t port) const {
     GameOptions options;
     options.server = address;
@@ -174,30 +117,24 @@ class Bench {
     return options;
   }
 
-  // The game through those forwarders; what they use counts.
-  void AddForwarded(const std::string& name, std::vector<Forwarder> forwarders,
-                    std::uint16_t port) {
-    if (!WaitForListener("127.0.0.1", port)) {
-      std::fprintf(stderr, "tcp_bench: %s does not listen; left out\n", name.c_str());
-      return;
-    }
-    GameOptions options = Options("127.0.0.1", port);
+  // What the forwarders use counts.
+  void Add(const std::string& name, std::vector<Forwarder> forwarders, GameOptions options) {
+    if (!settings_.Wants(name)) return;
     for (const Forwarder& one : forwarders) options.forwarders.push_back(one.group());
-    auto game = std::make_unique<Game>(options);
-    ways_.push_back({name, std::move(forwarders), std::move(game)});
+    ways_.push_back({name, std::move(forwarders), StartGame(options), options.with_library});
   }
 
-  void AddWays() {
-    ways_.push_back({"direct", {}, std::make_unique<Game>(Options(kServerAddress, server_port_))});
-    GameOptions relayed = Options(kServerAddress, server_port_);
-    relayed.with_library = true;
-    ways_.push_back({"vyr", {}, std::make_unique<Game>(relayed)});
-    AddSocat();
-    AddHaproxy();
-    AddNode(relayed);
+  // The game through those forwarders, of which one has that port.
+  void AddForwarded(const std::string& name, std::vector<Forwarder> forwarders,
+                    std::uint16_t port) {
+    if (WaitForListener("127.0.0.1", port)) {
+      return Add(name, std::move(forwarders), Options("127.0.0.1", port));
+    }
+    std::fprintf(stderr, "tcp_bench: %s does not listen; left out\n", name.c_str());
   }
 
   void AddSocat() {
+    if (!settings_.Wants("socat")) return;
     if (!HasProgram("socat")) return LeaveOut("socat");
     std::vector<Forwarder> one;
     one.emplace_back(SocatCommand(kFirstForwarderPort, kServerAddress, server_port_));
@@ -205,6 +142,7 @@ class Bench {
   }
 
   void AddHaproxy() {
+    if (!settings_.Wants("haproxy")) return;
     if (!HasProgram("haproxy")) return LeaveOut("haproxy");
     const std::uint16_t port = kFirstForwarderPort + 1;
     std::vector<Forwarder> one;
@@ -214,18 +152,20 @@ class Bench {
 
   // Two relays, the library's and the node; beside it, two of the simplest.
   void AddNode(GameOptions relayed) {
-    const std::string node =
-        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../bin/vyr_node";
-    if (access(node.c_str(), X_OK) != 0) return LeaveOut("vyr_node");
+    if (!settings_.Wants("vyr+node")) return;
+    const std::string node = NodeProgram();
+    if (node.empty()) return LeaveOut("vyr_node");
     std::vector<Forwarder> one;
     one.emplace_back(std::vector<std::string>{
         node, "--listen", std::string(kNodeAddress) + ":" + std::to_string(kNodePort)});
     if (!WaitForListener(kNodeAddress, kNodePort)) return LeaveOut("vyr_node");
-    relayed.forwarders = {one[0].group()};
     relayed.node = kNodeAddress;
     relayed.node_port = kNodePort;
-    ways_.push_back({"vyr+node", std::move(one), std::make_unique<Game>(relayed)});
-    if (!HasProgram("socat")) return;
+    Add("vyr+node", std::move(one), relayed);
+  }
+
+  void AddTwoSocats() {
+    if (!settings_.Wants("socat+socat") || !HasProgram("socat")) return;
     std::vector<Forwarder> two;
     const std::uint16_t port = kFirstForwarderPort + 2;
     two.emplace_back(SocatCommand(port, kServerAddress, server_port_));
@@ -233,39 +173,11 @@ class Bench {
     AddForwarded("socat+socat", std::move(two), port + 1);
   }
 
-  static void LeaveOut(const char* name) {
-    std::fprintf(stderr, "tcp_bench: no %s here; left out\n", name);
-  }
-
-  const Settings settings_;
-  const std::vector<Measure> measures_;
-  std::string folder_;
-  pid_t server_ = 0;
+  const Settings& settings_;
+  const std::string folder_;
   std::uint16_t server_port_ = 0;
-  std::vector<Way> ways_;
-  std::unique_ptr<Comparison> comparison_;
-  bool failed_ = false;
+  std::vector<StreamWay> ways_;
 };
-
-bool ReadArguments(int argc, char** argv, Settings* settings) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string word = argv[i];
-    if (word == "--quick") {
-      settings->quick = true;
-    } else if (word == "--json") {
-      settings->json = true;
-    } else if (word == "--rounds" && i + 1 < argc && std::atoi(argv[i + 1]) > 0) {
-      settings->rounds = std::atoi(argv[++i]);
-    } else if (word == "--only" && i + 1 < argc) {
-      settings->only = argv[++i];
-    } else if (word == "--way" && i + 1 < argc) {
-      settings->ways.push_back(argv[++i]);
-    } else {
-      return false;
-    }
-  }
-  return true;
-}
 
 // Some machines' default lets every sender pace itself by what it thinks of the network. Over a
 // loopback that is what would be measured, in all ways alike. Where it cannot be changed it stays.
@@ -273,16 +185,20 @@ void UsePlainCongestionControl() {
   std::ofstream("/proc/sys/net/ipv4/tcp_congestion_control") << "reno";
 }
 
+bool Judge(const StreamWay& way, const StreamMeasure& measure, const Outcome& outcome) {
+  if (outcome.worked) return true;
+  std::fprintf(stderr, "tcp_bench: '%s' failed for %s\n", measure.row.name.c_str(),
+               way.name.c_str());
+  return false;
+}
+
+int Run(const Settings& settings) {
+  UsePlainCongestionControl();
+  StreamTable table(settings, Measures(settings.quick), Ways(settings).All(), kPairs);
+  return table.Run(Judge) ? 0 : 1;
+}
+
 }  // namespace
 }  // namespace bench
 
-int main(int argc, char** argv) {
-  bench::Settings settings;
-  if (!bench::ReadArguments(argc, argv, &settings)) {
-    std::fputs(bench::kUsage, argc == 2 && !std::strcmp(argv[1], "--help") ? stdout : stderr);
-    return argc == 2 && !std::strcmp(argv[1], "--help") ? 0 : 2;
-  }
-  if (!bench::InPrivateNetwork()) return bench::EnterPrivateNetwork(argc, argv);
-  bench::UsePlainCongestionControl();
-  return bench::Bench(settings).Run();
-}
+int main(int argc, char** argv) { return bench::RunBench(argc, argv, bench::kUsage, bench::Run); }

@@ -1,9 +1,5 @@
 #include "bench/tcp_game.h"
 
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 #include <winsock2.h>
 
@@ -11,11 +7,13 @@
 #include <atomic>
 #include <barrier>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "bench/forwarder.h"
 #include "bench/game_library.h"
 #include "bench/tcp_server.h"
+#include "bench/timing.h"
 
 namespace bench {
 namespace {
@@ -24,12 +22,6 @@ constexpr int kPiece = 1 << 16;
 // Down or up a connection before its time counts: by then whoever carries it has its buffers.
 constexpr std::uint64_t kWarmUp = 4 << 20;
 constexpr useconds_t kPauseUs = 200;  // between pieces: each should leave alone
-
-double Seconds(clockid_t clock) {
-  timespec now = {};
-  clock_gettime(clock, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
 
 class Connection {
  public:
@@ -109,9 +101,9 @@ bool TimeEach(std::uint64_t count, Outcome* outcome, Step step) {
     if (!step()) return false;
     times.push_back((Seconds(CLOCK_MONOTONIC) - begin) * 1e6);
   }
-  std::sort(times.begin(), times.end());
-  outcome->median_us = times[times.size() / 2];
-  outcome->p99_us = times[times.size() * 99 / 100];
+  const Spread spread = SpreadOf(std::move(times));
+  outcome->median_us = spread.median;
+  outcome->p99_us = spread.p99;
   return true;
 }
 
@@ -209,47 +201,18 @@ Outcome Carry(const GameOptions& options, const Order& order) {
   return outcome;
 }
 
-[[noreturn]] void Live(const GameOptions& options, int orders, int outcomes) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (options.with_library) {
-    InstallLibrary({options.server, options.node, options.node_port, options.folder});
-  }
-  WSADATA data;
-  WSAStartup(MAKEWORD(2, 2), &data);
-  Order order;
-  while (read(orders, &order, sizeof order) == static_cast<ssize_t>(sizeof order)) {
-    const Outcome outcome = Carry(options, order);
-    if (write(outcomes, &outcome, sizeof outcome) < 0) break;
-  }
-  _exit(0);
-}
-
 }  // namespace
 
-Game::Game(const GameOptions& options) {
-  int orders[2];
-  int outcomes[2];
-  if (pipe(orders) != 0 || pipe(outcomes) != 0) return;
-  pid_ = fork();
-  if (pid_ == 0) Live(options, orders[0], outcomes[1]);
-  close(orders[0]);
-  close(outcomes[1]);
-  orders_ = orders[1];
-  outcomes_ = outcomes[0];
-}
-
-Game::~Game() {
-  close(orders_);
-  close(outcomes_);
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
-}
-
-Outcome Game::Does(const Order& order) {
-  Outcome outcome = {};
-  if (write(orders_, &order, sizeof order) < 0) return outcome;
-  if (read(outcomes_, &outcome, sizeof outcome) != static_cast<ssize_t>(sizeof outcome)) return {};
-  return outcome;
+std::unique_ptr<Game> StartGame(const GameOptions& options) {
+  const auto prepare = [&options] {
+    if (options.with_library) {
+      InstallLibrary({options.server, options.node, options.node_port, options.folder});
+    }
+    WSADATA data;
+    WSAStartup(MAKEWORD(2, 2), &data);
+  };
+  return std::make_unique<Game>(prepare,
+                                [&options](const Order& order) { return Carry(options, order); });
 }
 
 }  // namespace bench

@@ -1,11 +1,14 @@
-// A game in a process of its own, with the library in it or without, which measures what it is
-// told to. Its socket calls are Winsock's, the same in every way of running it.
+// A game of streams, with the library in it or without, which measures what it is told to. Its
+// socket calls are Winsock's, the same in every way of running it.
 #pragma once
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "bench/game_process.h"
 
 namespace bench {
 
@@ -24,6 +27,7 @@ struct Order {
   std::uint64_t amount;
   std::uint32_t message;     // of kMessage bytes where it has pieces
   std::uint32_t pieces = 1;  // in which a message is sent
+  bool operator==(const Order&) const = default;
 };
 
 struct Outcome {
@@ -45,20 +49,7 @@ struct GameOptions {
   std::string folder;             // for what the library writes
 };
 
-// The game process; ended with this object.
-class Game {
- public:
-  explicit Game(const GameOptions& options);
-  ~Game();
-  Game(const Game&) = delete;
-  Game& operator=(const Game&) = delete;
-
-  Outcome Does(const Order& order);
-
- private:
-  pid_t pid_ = 0;
-  int orders_ = -1;
-  int outcomes_ = -1;
-};
+using Game = GameProcess<Order, Outcome>;
+std::unique_ptr<Game> StartGame(const GameOptions& options);
 
 }  // namespace bench

@@ -1,20 +1,17 @@
 // What a relayed flow of datagrams costs, beside a direct one and beside other programs that
 // forward the same way; and what of it the library's care for the flow costs. On this machine and
 // in one run. See bench/README.md for how to read it.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "bench/comparison.h"
 #include "bench/forwarder.h"
+#include "bench/measured_table.h"
 #include "bench/private_network.h"
+#include "bench/settings.h"
 #include "bench/udp_forwarders.h"
 #include "bench/udp_game.h"
 #include "bench/udp_server.h"
@@ -43,39 +40,29 @@ constexpr std::uint32_t kPacedHertz = 60;
 constexpr double kMostAllocationsEach = 0.2;
 constexpr double kReportsOfAFlow = 40;
 
-struct Settings {
-  int rounds = 9;
-  std::string only;
-  std::vector<std::string> ways;  // empty: all
-  bool quick = false;
-  bool json = false;
-};
-
-struct Measure {
-  Row row;
-  DatagramOrder order;
-  double (*value)(const DatagramOutcome&);
-};
+using FlowMeasure = Measure<DatagramOrder, DatagramOutcome>;
+using FlowWay = Way<DatagramOrder, DatagramOutcome>;
+using FlowTable = MeasuredTable<DatagramOrder, DatagramOutcome>;
 
 // There and back.
 double Datagrams(const DatagramOutcome& outcome) {
   return 2 * static_cast<double>(outcome.round_trips);
 }
-double MedianUs(const DatagramOutcome& outcome) { return outcome.median_us; }
-double P99Us(const DatagramOutcome& outcome) { return outcome.p99_us; }
-double DatagramsPerSecond(const DatagramOutcome& outcome) {
+double MedianUs(const DatagramOrder&, const DatagramOutcome& outcome) { return outcome.median_us; }
+double P99Us(const DatagramOrder&, const DatagramOutcome& outcome) { return outcome.p99_us; }
+double DatagramsPerSecond(const DatagramOrder&, const DatagramOutcome& outcome) {
   return Datagrams(outcome) / outcome.seconds;
 }
-double LibraryUs(const DatagramOutcome& outcome) {
+double LibraryUs(const DatagramOrder&, const DatagramOutcome& outcome) {
   return outcome.library_cpu_s * 1e6 / Datagrams(outcome);
 }
-double RelayUs(const DatagramOutcome& outcome) {
+double RelayUs(const DatagramOrder&, const DatagramOutcome& outcome) {
   return (outcome.library_cpu_s + outcome.forwarder_cpu_s) * 1e6 / Datagrams(outcome);
 }
-double AllUs(const DatagramOutcome& outcome) {
-  return RelayUs(outcome) + outcome.game_cpu_s * 1e6 / Datagrams(outcome);
+double AllUs(const DatagramOrder& order, const DatagramOutcome& outcome) {
+  return RelayUs(order, outcome) + outcome.game_cpu_s * 1e6 / Datagrams(outcome);
 }
-double AllocationsEach(const DatagramOutcome& outcome) {
+double AllocationsEach(const DatagramOrder&, const DatagramOutcome& outcome) {
   return static_cast<double>(outcome.allocations) / Datagrams(outcome);
 }
 
@@ -85,9 +72,9 @@ DatagramOrder Stream(std::uint32_t flows, bool quick) {
           std::max(kUnderWay / flows, 1u), 0,     !quick};
 }
 
-std::vector<Measure> ForwardingMeasures(bool quick) {
+std::vector<FlowMeasure> ForwardingMeasures(bool quick) {
   const DatagramOrder reply = {DatagramTask::kReply, 1, quick ? 200u : 5000u, 1, 0, !quick};
-  std::vector<Measure> measures = {
+  std::vector<FlowMeasure> measures = {
       {{"round trip, median", "us", false}, reply, MedianUs},
       {{"round trip, p99", "us", false}, reply, P99Us},
       {{"round trip, relay", "us each", false}, reply, RelayUs},
@@ -104,7 +91,7 @@ std::vector<Measure> ForwardingMeasures(bool quick) {
   return measures;
 }
 
-std::vector<Measure> CareMeasures(bool quick) {
+std::vector<FlowMeasure> CareMeasures(bool quick) {
   const DatagramOrder paced = {DatagramTask::kPaced, kPacedFlows, quick ? 6u : 90u, 1,
                                kPacedHertz,          !quick};
   return {
@@ -123,31 +110,20 @@ const std::vector<Pair> kForwardingPairs = {{"vyr", "direct"},
 const std::vector<Pair> kCarePairs = {
     {"vyr+node", "no probes"}, {"vyr+node", "no measure"}, {"vyr+node", "no tracker"}};
 
-// One way from the game to its server.
-struct Way {
-  std::string name;
-  std::vector<Forwarder> forwarders;  // each in front of the one before
-  std::unique_ptr<DatagramGame> game;
-  bool has_library = false;
-};
-
 // Starts what has been asked for, in a network of its own.
 class Ways {
  public:
-  explicit Ways(const Settings& settings) : settings_(settings) {
-    const char* const folder = std::getenv("VYR_BED_DIR");
-    folder_ = std::string(folder != nullptr ? folder : "/tmp") + "/bench";
-    std::filesystem::create_directories(folder_);
+  explicit Ways(const Settings& settings) : settings_(settings), folder_(BenchFolder()) {
     StartEchoServer(&server_port_);
   }
 
-  std::vector<Way> Forwarding() {
-    std::vector<Way> ways;
+  std::vector<FlowWay> Forwarding() {
+    std::vector<FlowWay> ways;
     const DatagramGameOptions direct = Options(kServerAddress, server_port_);
-    if (Asked("direct")) ways.push_back({"direct", {}, std::make_unique<DatagramGame>(direct)});
+    if (settings_.Wants("direct")) ways.push_back({"direct", {}, StartGame(direct)});
     DatagramGameOptions relayed = direct;
     relayed.with_library = true;
-    if (Asked("vyr")) ways.push_back({"vyr", {}, std::make_unique<DatagramGame>(relayed), true});
+    if (settings_.Wants("vyr")) ways.push_back({"vyr", {}, StartGame(relayed), true});
     AddForwarded("select", BySelect(1), &ways);
     if (HasProgram("socat")) {
       AddForwarded("socat", Started({SocatCommand(NextPort(kServerAddress, server_port_))}), &ways);
@@ -160,8 +136,8 @@ class Ways {
     return ways;
   }
 
-  std::vector<Way> Cares() {
-    std::vector<Way> ways;
+  std::vector<FlowWay> Cares() {
+    std::vector<FlowWay> ways;
     AddNode("vyr+node", Care::kAll, &ways);
     AddNode("no probes", Care::kNoProbes, &ways);
     AddNode("no measure", Care::kNoMeasure, &ways);
@@ -170,15 +146,6 @@ class Ways {
   }
 
  private:
-  bool Asked(const std::string& way) const {
-    const std::vector<std::string>& asked = settings_.ways;
-    return asked.empty() || std::find(asked.begin(), asked.end(), way) != asked.end();
-  }
-
-  static void LeaveOut(const char* name) {
-    std::fprintf(stderr, "udp_bench: no %s here; left out\n", name);
-  }
-
   DatagramGameOptions Options(const std::string& address, std::uint16_t port) const {
     DatagramGameOptions options;
     options.address = address;
@@ -211,8 +178,8 @@ class Ways {
 
   // The game through those forwarders, the last of which has the last port; what they use counts.
   void AddForwarded(const std::string& name, std::vector<Forwarder> forwarders,
-                    std::vector<Way>* ways) {
-    if (!Asked(name)) return;
+                    std::vector<FlowWay>* ways) {
+    if (!settings_.Wants(name)) return;
     const auto port = static_cast<std::uint16_t>(next_port_ - 1);
     if (!WaitForEcho(port)) {
       std::fprintf(stderr, "udp_bench: %s does not forward; left out\n", name.c_str());
@@ -220,21 +187,20 @@ class Ways {
     }
     DatagramGameOptions options = Options("127.0.0.1", port);
     for (const Forwarder& one : forwarders) options.forwarders.push_back(one.group());
-    ways->push_back({name, std::move(forwarders), std::make_unique<DatagramGame>(options)});
+    ways->push_back({name, std::move(forwarders), StartGame(options)});
   }
 
-  void AddNginx(std::vector<Way>* ways) {
+  void AddNginx(std::vector<FlowWay>* ways) {
     const auto command = NginxCommand(folder_, NextPort(kServerAddress, server_port_));
     if (!HasProgram("nginx") || command.empty()) return LeaveOut("nginx with its stream module");
     AddForwarded("nginx", Started({command}), ways);
   }
 
   // Each has a node of its own, so that the nodes' load is the same, too.
-  void AddNode(const std::string& name, Care care, std::vector<Way>* ways) {
-    if (!Asked(name)) return;
-    const std::string node =
-        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../bin/vyr_node";
-    if (access(node.c_str(), X_OK) != 0) return LeaveOut("vyr_node");
+  void AddNode(const std::string& name, Care care, std::vector<FlowWay>* ways) {
+    if (!settings_.Wants(name)) return;
+    const std::string node = NodeProgram();
+    if (node.empty()) return LeaveOut("vyr_node");
     const std::uint16_t port = next_node_port_++;
     std::vector<Forwarder> one =
         Started({{node, "--listen", std::string(kNodeAddress) + ":" + std::to_string(port)}});
@@ -245,122 +211,41 @@ class Ways {
     options.library.node_port = port;
     options.library.care = care;
     options.forwarders = {one[0].group()};
-    ways->push_back({name, std::move(one), std::make_unique<DatagramGame>(options), true});
+    ways->push_back({name, std::move(one), StartGame(options), true});
   }
 
   const Settings& settings_;
-  std::string folder_;
+  const std::string folder_;
   std::uint16_t server_port_ = 0;
   std::uint16_t next_port_ = kFirstForwarderPort;
   std::uint16_t next_node_port_ = kNodePort;
 };
 
-// One table: measures, taken in all ways in turn.
-class Table {
- public:
-  Table(const Settings& settings, std::vector<Measure> measures, std::vector<Way> ways,
-        const std::vector<Pair>& pairs)
-      : settings_(settings), measures_(std::move(measures)), ways_(std::move(ways)) {
-    std::erase_if(measures_, [&](const Measure& measure) {
-      return measure.row.name.find(settings.only) == std::string::npos;
-    });
-    std::vector<Row> rows;
-    for (const Measure& measure : measures_) rows.push_back(measure.row);
-    std::vector<std::string> names;
-    for (const Way& way : ways_) names.push_back(way.name);
-    comparison_ = std::make_unique<Comparison>(rows, names, pairs);
-  }
-
-  bool Run() {
-    if (measures_.empty() || ways_.empty()) return true;
-    for (int round = 0; round < settings_.rounds; ++round) {
-      if (isatty(STDERR_FILENO) != 0)
-        std::fprintf(stderr, "\rround %d of %d", round + 1, settings_.rounds);
-      for (std::size_t i = 0; i < measures_.size();)
-        i = TakeTurns(i, static_cast<std::size_t>(round));
-    }
-    if (isatty(STDERR_FILENO) != 0) std::fprintf(stderr, "\r                    \r");
-    settings_.json ? comparison_->PrintJson(settings_.rounds) : comparison_->PrintTable();
-    return worked_;
-  }
-
- private:
-  // All ways, one after the other, each round from another on: nobody always follows the same. What
-  // is measured together is one run of the game.
-  std::size_t TakeTurns(std::size_t first, std::size_t round) {
-    const DatagramOrder& order = measures_[first].order;
-    std::size_t end = first;
-    while (end < measures_.size() && measures_[end].order == order) ++end;
-    for (std::size_t turn = 0; turn < ways_.size(); ++turn) {
-      Way& way = ways_[(turn + round) % ways_.size()];
-      const DatagramOutcome outcome = way.game->Does(order);
-      Judge(way, measures_[first], outcome);
-      for (std::size_t i = first; i < end && outcome.worked; ++i) {
-        comparison_->Add(i, way.name, measures_[i].value(outcome));
-      }
-    }
-    return end;
-  }
-
-  void Judge(const Way& way, const Measure& measure, const DatagramOutcome& outcome) {
-    const double most =
-        kMostAllocationsEach * Datagrams(outcome) + kReportsOfAFlow * measure.order.flows;
-    const bool allocates = static_cast<double>(outcome.allocations) > most;
-    // Another program's failure is told, and its figure missing.
-    worked_ = worked_ && (outcome.worked || !way.has_library) && !(allocates && way.has_library);
-    if (outcome.worked && !allocates && outcome.lost == 0) return;
+bool Judge(const FlowWay& way, const FlowMeasure& measure, const DatagramOutcome& outcome) {
+  const double most =
+      kMostAllocationsEach * Datagrams(outcome) + kReportsOfAFlow * measure.order.flows;
+  const bool allocates = static_cast<double>(outcome.allocations) > most;
+  if (!outcome.worked || allocates || outcome.lost != 0) {
     std::fprintf(stderr, "udp_bench: %s, %s: %llu lost%s%s\n", way.name.c_str(),
                  measure.row.name.c_str(), static_cast<unsigned long long>(outcome.lost),
                  outcome.worked ? "" : ", did not work",
                  allocates ? ", allocates for its datagrams" : "");
   }
-
-  const Settings& settings_;
-  std::vector<Measure> measures_;
-  std::vector<Way> ways_;
-  std::unique_ptr<Comparison> comparison_;
-  bool worked_ = true;
-};
-
-bool ReadArguments(int argc, char** argv, Settings* settings) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string word = argv[i];
-    if (word == "--quick") {
-      settings->quick = true;
-    } else if (word == "--json") {
-      settings->json = true;
-    } else if (word == "--rounds" && i + 1 < argc && std::atoi(argv[i + 1]) > 0) {
-      settings->rounds = std::atoi(argv[++i]);
-    } else if (word == "--only" && i + 1 < argc) {
-      settings->only = argv[++i];
-    } else if (word == "--way" && i + 1 < argc) {
-      settings->ways.push_back(argv[++i]);
-    } else {
-      return false;
-    }
-  }
-  return true;
+  // Another program's failure is told, and its figure missing.
+  return !way.has_library || (outcome.worked && !allocates);
 }
 
 int Run(const Settings& settings) {
   Ways ways(settings);
   const bool quick = settings.quick;
-  bool worked =
-      Table(settings, ForwardingMeasures(quick), ways.Forwarding(), kForwardingPairs).Run();
+  bool well = FlowTable(settings, ForwardingMeasures(quick), ways.Forwarding(), kForwardingPairs)
+                  .Run(Judge);
   if (!settings.json) std::printf("\n");
-  worked = Table(settings, CareMeasures(quick), ways.Cares(), kCarePairs).Run() && worked;
-  return worked ? 0 : 1;
+  well = FlowTable(settings, CareMeasures(quick), ways.Cares(), kCarePairs).Run(Judge) && well;
+  return well ? 0 : 1;
 }
 
 }  // namespace
 }  // namespace bench
 
-int main(int argc, char** argv) {
-  bench::Settings settings;
-  if (!bench::ReadArguments(argc, argv, &settings)) {
-    std::fputs(bench::kUsage, argc == 2 && !std::strcmp(argv[1], "--help") ? stdout : stderr);
-    return argc == 2 && !std::strcmp(argv[1], "--help") ? 0 : 2;
-  }
-  if (!bench::InPrivateNetwork()) return bench::EnterPrivateNetwork(argc, argv);
-  return bench::Run(settings);
-}
+int main(int argc, char** argv) { return bench::RunBench(argc, argv, bench::kUsage, bench::Run); }

@@ -1,8 +1,5 @@
 #include "bench/udp_game.h"
 
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <winsock2.h>
 
@@ -10,13 +7,13 @@
 #include <atomic>
 #include <barrier>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <thread>
 #include <utility>
 
 #include "bench/allocations.h"
 #include "bench/forwarder.h"
+#include "bench/timing.h"
 #include "tracker/tracker.h"
 
 namespace bench {
@@ -27,12 +24,6 @@ constexpr DWORD kLostAfterMs = 2000;
 constexpr double kOpenSeconds = 10;
 constexpr useconds_t kOpenPauseUs = 10'000;
 constexpr std::uint32_t kWarmUpWindows = 8;
-
-double Seconds(clockid_t clock) {
-  timespec now = {};
-  clock_gettime(clock, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
 
 class Flow {
  public:
@@ -228,10 +219,9 @@ class Flows {
 
   static void TellTimes(std::vector<double> times, DatagramOutcome* outcome) {
     outcome->round_trips = times.size();
-    if (times.empty()) return;
-    std::sort(times.begin(), times.end());
-    outcome->median_us = times[times.size() / 2];
-    outcome->p99_us = times[times.size() * 99 / 100];
+    const Spread spread = SpreadOf(std::move(times));
+    outcome->median_us = spread.median;
+    outcome->p99_us = spread.p99;
   }
 
   const DatagramGameOptions& options_;
@@ -258,49 +248,20 @@ DatagramOutcome Carry(const DatagramGameOptions& options, const DatagramOrder& o
   return outcome;
 }
 
-[[noreturn]] void Live(const DatagramGameOptions& options, int orders, int outcomes) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (options.with_library) {
-    if (options.library.care == Care::kNoTracker) RefuseNextAllocation();
-    moru_vyr::lsp::GetTracker();  // built now, where there may be no memory for it
-    InstallLibrary(options.library);
-  }
-  WSADATA data;
-  WSAStartup(MAKEWORD(2, 2), &data);
-  DatagramOrder order;
-  while (read(orders, &order, sizeof order) == static_cast<ssize_t>(sizeof order)) {
-    const DatagramOutcome outcome = Carry(options, order);
-    if (write(outcomes, &outcome, sizeof outcome) < 0) break;
-  }
-  _exit(0);
-}
-
 }  // namespace
 
-DatagramGame::DatagramGame(const DatagramGameOptions& options) {
-  int orders[2];
-  int outcomes[2];
-  if (pipe(orders) != 0 || pipe(outcomes) != 0) return;
-  pid_ = fork();
-  if (pid_ == 0) Live(options, orders[0], outcomes[1]);
-  close(orders[0]);
-  close(outcomes[1]);
-  orders_ = orders[1];
-  outcomes_ = outcomes[0];
-}
-
-DatagramGame::~DatagramGame() {
-  close(orders_);
-  close(outcomes_);
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
-}
-
-DatagramOutcome DatagramGame::Does(const DatagramOrder& order) {
-  DatagramOutcome outcome = {};
-  if (write(orders_, &order, sizeof order) < 0) return outcome;
-  if (read(outcomes_, &outcome, sizeof outcome) != static_cast<ssize_t>(sizeof outcome)) return {};
-  return outcome;
+std::unique_ptr<DatagramGame> StartGame(const DatagramGameOptions& options) {
+  const auto prepare = [&options] {
+    if (options.with_library) {
+      if (options.library.care == Care::kNoTracker) RefuseNextAllocation();
+      moru_vyr::lsp::GetTracker();  // built now, where there may be no memory for it
+      InstallLibrary(options.library);
+    }
+    WSADATA data;
+    WSAStartup(MAKEWORD(2, 2), &data);
+  };
+  return std::make_unique<DatagramGame>(
+      prepare, [&options](const DatagramOrder& order) { return Carry(options, order); });
 }
 
 }  // namespace bench

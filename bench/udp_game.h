@@ -1,14 +1,15 @@
-// A game in a process of its own, with the library in it or without, whose flows a server echoes,
-// and which measures what it is told to. Its socket calls are Winsock's, the same in every way of
-// running it.
+// A game of datagrams, with the library in it or without, whose flows a server echoes, and which
+// measures what it is told to. Its socket calls are Winsock's, the same in every way of running it.
 #pragma once
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "bench/game_library.h"
+#include "bench/game_process.h"
 
 namespace bench {
 
@@ -49,20 +50,7 @@ struct DatagramGameOptions {
   std::vector<pid_t> forwarders;  // process groups whose processor time counts
 };
 
-// The game process; ended with this object.
-class DatagramGame {
- public:
-  explicit DatagramGame(const DatagramGameOptions& options);
-  ~DatagramGame();
-  DatagramGame(const DatagramGame&) = delete;
-  DatagramGame& operator=(const DatagramGame&) = delete;
-
-  DatagramOutcome Does(const DatagramOrder& order);
-
- private:
-  pid_t pid_ = 0;
-  int orders_ = -1;
-  int outcomes_ = -1;
-};
+using DatagramGame = GameProcess<DatagramOrder, DatagramOutcome>;
+std::unique_ptr<DatagramGame> StartGame(const DatagramGameOptions& options);
 
 }  // namespace bench

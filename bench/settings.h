@@ -1,0 +1,33 @@
+// What the benchmarks of whole processes are asked for on the command line, and where they run.
+#pragma once
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+struct Settings {
+  int rounds = 9;
+  std::string only;               // a word of the measurements' names; empty: all
+  std::vector<std::string> ways;  // empty: all
+  bool quick = false;
+  bool json = false;
+
+  bool Wants(const std::string& way) const;
+};
+
+// The main function of such a program: `run`, in the private network, which is entered where this
+// is not yet in it. The exit code.
+int RunBench(int argc, char** argv, const char* usage,
+             const std::function<int(const Settings&)>& run);
+
+// A folder for what forwarders and the library write; it exists.
+std::string BenchFolder();
+
+// The node that was built beside this program; empty where there is none.
+std::string NodeProgram();
+
+// Tells that a way is not measured for want of that.
+void LeaveOut(const std::string& what);
+
+}  // namespace bench
