@@ -8,6 +8,7 @@
 
 #include "port/shared/faults.h"
 #include "provider/hook_entries.h"
+#include "relay/relay_mgr.h"
 #include "tests/scenario/tcp_bench.h"
 
 namespace {
@@ -132,6 +133,35 @@ SCENARIO_F(TcpAddress, AnOverlappedConnectIsRelayedAndAnswersTheOtherWayRound) {
   EXPECT_EQ(got, "first ");
   ExpectRelayed(s);
   ExpectServesAgain();
+}
+
+SCENARIO_F(TcpAddress, ASocketThatGetsNoPortGoesDirect) {
+  port::FailCall("WSPBind", 0, WSAEADDRINUSE);
+  const SOCKET s = Joins();
+  EXPECT_EQ(port::CallCount("WSPBind"), 200u);
+  port::ClearFaults();
+  EXPECT_TRUE(Logged("CheckAndBind return false, socket="));
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  EXPECT_EQ(LastCall().from, "game");
+  closesocket(s);
+  ExpectServesAgain();
+}
+
+// A relay that was ended by force takes nobody any more.
+SCENARIO_F(TcpAddress, AConnectionThatTheRelayRefusesGoesDirect) {
+  moru_vyr::lsp::RelayMgr& relay = moru_vyr::lsp::GetRelayMgr();
+  world.Stall(relay.GetWorkerThreadId(), 10s);
+  relay.Stop();
+  const SOCKET s = Tcp();
+  ASSERT_EQ(BindTo(s, "0.0.0.0", 40'000), 0);  // one that the relay had to bind could not
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_TRUE(Logged("WSPConnect: RequestTcpRelaySession is false, socket="));
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  EXPECT_EQ(LastCall().from, "game");
+  sockaddr_in peer = {};
+  int size = sizeof peer;
+  ASSERT_EQ(getpeername(s, Raw(peer), &size), 0);
+  EXPECT_STREQ(inet_ntoa(peer.sin_addr), kServer);
 }
 
 // A session that nobody comes for waits for ever, in nobody's way.

@@ -96,6 +96,24 @@ SCENARIO_F(TcpFailure, ARequestThatLeftInPartIsNotNoticed) {
   ExpectServesAgain();
 }
 
+// Kept: a node that closes is told from one that has said nothing so far by the last error, and
+// where success leaves that as it was, it is the one of the connect. Then there is no other way.
+SCENARIO_F(TcpFailure, ANodeThatClosesIsNotRecognisedWhereSuccessKeepsTheLastError) {
+  node::Behaviour closes;
+  closes.on_request = node::Behaviour::kCloseThen;
+  a.Behaves(closes);
+  RunFor(100ms);
+  port::SuccessKeepsLastError(true);
+  const SOCKET s = Joins();
+  ExpectEndWithoutAByte(s);
+  port::SuccessKeepsLastError(false);
+  EXPECT_TRUE(Logged("[TCP]Failed to received Negotiation header\n"));
+  EXPECT_FALSE(Logged("OnNegotiationFailed"));
+  EXPECT_EQ(b.Count("accepted"), 0u);
+  EXPECT_TRUE(calls.empty());
+  ExpectServesAgain();
+}
+
 SCENARIO_F(TcpFailure, WithoutASocketForTheFarSideAConnectionWaitsForTheGame) {
   const SOCKET s = Tcp();
   port::FailCall("socket", 1, WSAENOBUFS);
@@ -260,6 +278,29 @@ SCENARIO_F(TcpFailure, ARefusalWithNoWayToTheServerEndsTheConnection) {
     port::ClearFaults();
   }
   ExpectServesAgain();
+}
+
+// While nothing can be waited for, the worker goes round without a pause: kept. What is timed goes
+// on.
+sim::Options QuickSpin() {
+  sim::Options options;
+  options.spin_steps = 20;
+  return options;
+}
+SCENARIO_WITH_(TcpFailure, TimeGoesOnWhileSelectFails, TcpFailure, 1, QuickSpin()) {
+  a.StopsAnswering();
+  RunFor(100ms);
+  const SOCKET s = Joins();
+  RunFor(200ms);
+  port::FailCall("WSPSelect", 0, WSAENOTSOCK);
+  Sleep(4500);
+  EXPECT_FALSE(Logged("OnNegotiationFailed, reason=202, "));
+  Sleep(1000);
+  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=202, "));
+  port::ClearFaults();
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  EXPECT_EQ(LastCall().from, "B");
+  closesocket(s);
 }
 
 // With a stream under way, on its first way through everybody's hands.

@@ -126,6 +126,30 @@ SCENARIO_F(TcpRoute, EveryFailureOfANodeLeadsToTheNextAndThenToTheServer) {
   EXPECT_TRUE(NodesAreFree()) << a.AllEvents() << b.AllEvents();
 }
 
+// Each change of node closes a socket and makes one in the same pass of the worker. A value that
+// comes back must not bring its old event with it.
+SCENARIO_F_SEEDS(TcpRoute, ValuesThatComeBackAtOnceConfuseNobody, 8) {
+  world.ReuseSocketHandles(true);
+  a.StopsAnswering();
+  b.AnswersWith(9);
+  RunFor(100ms);
+  ExpectTalk();
+  EXPECT_EQ(LastCall().from, "game");
+}
+
+SCENARIO_F(TcpRoute, WhereThereIsNoOtherNodeOneFailureLeadsToTheServer) {
+  a.AnswersWith(9);
+  RunFor(100ms);
+  const auto start = world.now();
+  ExpectTalk(kAlone);
+  EXPECT_EQ(LastCall().from, "game");
+  EXPECT_LE(world.now() - start, 2s);
+  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=9, "));
+  EXPECT_FALSE(Logged("ChangeAcclServer"));
+  EXPECT_FALSE(Logged("OnNegotiationFailed. retry="));
+  EXPECT_EQ(b.Count("accepted"), 0u);
+}
+
 SCENARIO_F(TcpRoute, AnOlderAnswerIsAsGood) {
   for (const int version : {1, 2, 3}) {
     a.Behaves(With(&Behaviour::answer_version, version));

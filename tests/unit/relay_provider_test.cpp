@@ -8,9 +8,9 @@
 
 #include "relay/net_provider.h"
 #include "relay/relay_sockets.h"
-#include "relay/socket_sets.h"
 #include "relay/tcp_provider.h"
 #include "route/route.h"
+#include "tests/unit/hand_turned.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/loopback.h"
 
@@ -97,22 +97,7 @@ TEST(NetProvider, LocalAddressIsLoopback) {
 
 // --- the provider of streams -------------------------------------------------------------------
 
-// The loop without its thread.
-class HandTurned final : public IRelaySocketMgr {
- public:
-  u32 AddSocket(SOCKET s, IRelaySocketDelegate* d) noexcept override { return sets_.Add(s, d); }
-  u32 EnableWrite(SOCKET s) noexcept override { return sets_.EnableWrite(s, true); }
-  IRelaySocketDelegate* RemoveSocket(SOCKET s) noexcept override { return sets_.Remove(s); }
-  u32 NextToken() noexcept override { return ++token_; }
-  void Turn() {
-    int error = 0;
-    sets_.Poll(timeval{0, 10000}, &error);
-  }
-
- private:
-  SocketSets sets_;
-  u32 token_ = 0;
-};
+using test::HandTurned;
 
 struct StreamProvider : testing::Test {
   StreamProvider() {
@@ -154,6 +139,22 @@ struct StreamProvider : testing::Test {
   sockaddr* relay_addr = nullptr;
   int relay_len = 0;
 };
+
+// Kept: the lines call it a socket of datagrams.
+TEST(StreamProviderStart, TheListenerHasBuffersOf64KiBAndGivesThemOn) {
+  test::StartWinsock();
+  test::LogCapture log(0);
+  HandTurned loop;
+  Route route;
+  TcpProvider provider;
+  ASSERT_TRUE(provider.Init(&loop, &route));
+  EXPECT_TRUE(log.Contains(", new send_buf=65536, socket=")) << log.Text();
+  EXPECT_TRUE(log.Contains(", new recv_buf=65536, socket="));
+  EXPECT_TRUE(log.Contains("[4][lsp][TCP] OnCreateLocalServer listen return=0, err="));
+  EXPECT_TRUE(log.Contains("[0][lsp]TcpProvider::OnCreateLocalServer begin\n"));
+  EXPECT_TRUE(log.Contains("[0][lsp]TcpProvider::OnCreateLocalServer end\n"));
+  provider.Uninit();
+}
 
 TEST_F(StreamProvider, HandsOutItsListener) {
   ASSERT_TRUE(Request(htons(4000), "198.51.100.10", 1));

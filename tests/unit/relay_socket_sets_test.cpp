@@ -155,6 +155,32 @@ TEST_F(SocketSetsTest, AFailedConnectIsAnException) {
   EXPECT_EQ(recorder.events, (Events{Event("exception", s)}));
 }
 
+TEST_F(SocketSetsTest, AValueThatComesBackIsSparedTheExceptionOfTheOldOne) {
+  sockaddr_in nobody;
+  test::OwnSocket closed(test::BoundSocket(SOCK_STREAM, &nobody));
+  closed.Close();
+  const test::OwnSocket s(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  test::MakeNonBlocking(s);
+  EXPECT_EQ(connect(s, test::Raw(&nobody), sizeof nobody), SOCKET_ERROR);
+  fd_set failed;
+  failed.fd_count = 1;
+  failed.fd_array[0] = s;
+  timeval limit{10, 0};
+  ASSERT_EQ(select(0, nullptr, nullptr, &failed, &limit), 1);
+  const SOCKET trigger = Ready();
+  Recorder renewed;
+  sets.Add(trigger, &recorder);
+  sets.Add(s, &recorder);
+  recorder.then = [&](const std::string&, SOCKET) {
+    sets.Remove(trigger);
+    sets.Remove(s);
+    sets.Add(s, &renewed);
+  };
+  EXPECT_GE(Poll(), 2);
+  EXPECT_TRUE(renewed.events.empty());
+  EXPECT_EQ(recorder.events, (Events{Event("read", trigger)}));
+}
+
 TEST_F(SocketSetsTest, The129thSocketIsKnownAndNeverPolled) {
   std::vector<SOCKET> all;
   for (int i = 0; i < 129; ++i) all.push_back(Idle());

@@ -1,0 +1,31 @@
+// The relay's loop without its thread: a test turns it.
+#pragma once
+#include <winsock2.h>
+
+#include "common/types.h"
+#include "relay/relay_interfaces.h"
+#include "relay/socket_sets.h"
+
+namespace test {
+
+class HandTurned final : public moru_vyr::lsp::IRelaySocketMgr {
+ public:
+  using Delegate = moru_vyr::lsp::IRelaySocketDelegate;
+
+  common::u32 AddSocket(SOCKET s, Delegate* d) noexcept override { return sets_.Add(s, d); }
+  common::u32 EnableWrite(SOCKET s) noexcept override { return sets_.EnableWrite(s, true); }
+  Delegate* RemoveSocket(SOCKET s) noexcept override { return sets_.Remove(s); }
+  common::u32 NextToken() noexcept override { return ++token_; }
+
+  // One pass, of 10 ms at most.
+  void Turn() {
+    int error = 0;
+    sets_.Poll(timeval{0, 10000}, &error);
+  }
+
+ private:
+  moru_vyr::lsp::SocketSets sets_;
+  common::u32 token_ = 0;
+};
+
+}  // namespace test
