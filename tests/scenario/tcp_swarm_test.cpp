@@ -411,6 +411,7 @@ class TcpStorm : public TcpCalm {
   }
   void Heal() {
     port::ClearFaults();
+    world.ShortSend(0, 0);  // none
     SetAllLinks([] { return sim::LinkOptions{}; });
     a.Behaves();
     b.Behaves();
