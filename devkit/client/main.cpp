@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "client/config_file.h"
@@ -13,11 +15,13 @@
 #include "client/region_reader.h"
 #include "client/reporter.h"
 #include "client/sample.h"
+#include "client/suggest.h"
 #include "client/switch_advice.h"
 #include "client/takeover.h"
 #include "client/watch/report_regions.h"
 #include "client/watch/watch.h"
 #include "program_end.h"
+#include "route/restriction_formats.h"
 
 namespace {
 
@@ -235,7 +239,8 @@ void AddFileCommands(CLI::App* app, Options* options, Action* action) {
   sample
       ->add_option("--game", options->sample.game_paths,
                    "full Windows path of the game's program, up to ten of them")
-      ->type_name("PATH");
+      ->type_name("PATH")
+      ->expected(1, moru_vyr::lsp::kMaxGames);
   sample
       ->add_option("--log-dir", options->sample.log_path,
                    "where the log files go, with a backslash at its end")
@@ -279,7 +284,7 @@ void AddQuestions(CLI::App* app, Options* options, Action* action) {
   explain->add_option("PROTOCOL", options->protocol, "tcp or udp")
       ->required()
       ->type_name("")
-      ->check(CLI::IsMember({"tcp", "udp"}));
+      ->check(CLI::IsMember({"tcp", "udp"}).description(""));
   explain->add_option("--file", options->file, "ask this file instead of the tables in force")
       ->type_name("FILE");
   explain
@@ -287,10 +292,27 @@ void AddQuestions(CLI::App* app, Options* options, Action* action) {
                    "the game that asks: its path, file name or game_id; else the first")
       ->type_name("GAME");
   explain->add_option("--level", options->vip_level, "VIP level in place of the game's own")
-      ->type_name("LEVEL")
-      ->check(CLI::Range(0, 9));
+      ->type_name("0..9")
+      ->check(CLI::Range(0, 9).description(""));
   explain->add_flag("--json", options->json, "one JSON object instead of sentences");
   explain->callback([action] { *action = ExplainDestination; });
+}
+
+// The word that stands where a command should; empty if there is none.
+std::string NoCommand(const CLI::App& app) {
+  const auto rest = app.remaining();
+  return app.get_subcommands().empty() && !rest.empty() ? rest.front() : "";
+}
+
+int RefuseCommand(const CLI::App& app, const std::string& word) {
+  std::vector<std::string_view> names;
+  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    names.push_back(command->get_name());
+  }
+  const std::string meant = client::Suggest(word, names);
+  std::fprintf(stderr, "vyr_client: '%s' is no command; %s\n", word.c_str(),
+               meant.empty() ? "see --help" : ("did you mean '" + meant + "'?").c_str());
+  return kUsage;
 }
 
 int Run(int argc, char** argv) {
@@ -316,6 +338,9 @@ int Run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    if (const std::string word = NoCommand(app); error.get_exit_code() != 0 && !word.empty()) {
+      return RefuseCommand(app, word);
+    }
     return app.exit(error) == 0 ? kDone : kUsage;
   }
   if (options.until_eof && options.file == "-") {

@@ -87,9 +87,9 @@ Report Filled(ReportKind kind) {
 TEST(ClientReportJson, ComesBackAsItWas) {
   for (int i = 0; i < client::kReportKindCount; ++i) {
     const Report report = Filled(static_cast<ReportKind>(i));
-    std::string why;
-    const auto back = ReportFromJson(ReportJson(report), &why);
-    ASSERT_TRUE(back) << why;
+    client::Problem problem;
+    const auto back = ReportFromJson(ReportJson(report), &problem);
+    ASSERT_TRUE(back) << problem.key << " " << problem.reason;
     EXPECT_EQ(back->kind, report.kind);
     EXPECT_EQ(back->time_ms, report.time_ms);
     EXPECT_EQ(back->slot, report.slot);
@@ -131,48 +131,78 @@ TEST(ClientReportJson, TextThatIsNoUtf8IsStillAReportAndFitsAgain) {
   EXPECT_EQ(nlohmann::json::parse(line)["process_name"], "C:\\??\xc3\xa4.exe");
   // A field that is full to its end, in the middle of a character.
   std::memset(loaded.process_name, 0xe4, sizeof loaded.process_name);
-  std::string why;
-  EXPECT_TRUE(ReportFromJson(ReportJson(test::ReportOf(client::kLoadedReport, loaded)), &why))
-      << why;
+  client::Problem problem;
+  EXPECT_TRUE(ReportFromJson(ReportJson(test::ReportOf(client::kLoadedReport, loaded)), &problem))
+      << problem.key;
 }
 
 TEST(ClientReportJson, WhatIsNoReportIsRefusedWithItsReason) {
   const std::pair<const char*, const char*> cases[] = {
-      {"", "is no JSON object"},
-      {"[]", "is no JSON object"},
-      {"{\"event\":\"decision\"", "is no JSON object"},
-      {"{}", "has no event that is a report: ''"},
-      {"{\"event\":\"decision\",\"acc_reason\":\"3\"}", "under 'acc_reason'"},
-      {"{\"event\":\"decision\",\"game_ip\":\"1.2.3.400\"}", "under 'game_ip'"},
-      {"{\"event\":\"decision\",\"top_proxy\":[{},{},{},{}]}", "under 'top_proxy'"},
-      {"{\"event\":\"loaded\",\"process_name\":5}", "under 'process_name'"},
-      {"{\"event\":5}", "has no event that is a report: ''"},
-      {"{\"event\":\"loaded\",\"time\":-1}", "under 'time'"},
-      {"{\"event\":\"loaded\",\"slot\":4294967296}", "under 'slot'"},
-      {"{\"event\":\"loaded\",\"is_x64\":256}", "under 'is_x64'"},
-      {"{\"event\":\"loaded\",\"game_id\":-1}", "under 'game_id'"},
-      {"{\"event\":\"decision\",\"acc_reason\":2147483648}", "under 'acc_reason'"},
-      {"{\"event\":\"decision\",\"acc_reason\":-2147483649}", "under 'acc_reason'"},
-      {"{\"event\":\"decision\",\"selected_proxy\":5}", "under 'selected_proxy'"},
-      {"{\"event\":\"decision\",\"top_proxy\":[{\"proxy_port\":65536}]}", "under 'proxy_port'"},
-      {"{\"event\":\"negotiation_result\",\"reserved_value\":\"x\"}", "under 'reserved_value'"},
+      {"", "f:3: is no JSON object"},
+      {"[]", "f:3: is no JSON object"},
+      {R"({"event":"decision")", "f:3: is no JSON object"},
+      {"{}", "f:3: key 'event': '' is no report"},
+      {R"({"event":"weather"})", "f:3: key 'event': 'weather' is no report"},
+      {R"({"event":5})", "f:3: key 'event': '' is no report"},
   };
-  for (const auto& [line, reason] : cases) {
-    std::string why;
-    EXPECT_FALSE(ReportFromJson(line, &why)) << line;
-    EXPECT_NE(why.find(reason), std::string::npos) << line << ": " << why;
+  for (const auto& [line, said] : cases) {
+    client::Problem problem;
+    EXPECT_FALSE(ReportFromJson(line, &problem)) << line;
+    problem.line = 3;
+    EXPECT_EQ(client::ToText("f", problem), said) << line;
   }
-  std::string why;
-  const std::string long_guid(38, 'g');
-  EXPECT_FALSE(
-      ReportFromJson(R"({"event":"negotiation_result","guid":")" + long_guid + "\"}", &why));
-  EXPECT_NE(why.find("'guid'"), std::string::npos);
+}
+
+TEST(ClientReportJson, AValueThatTheRecordCannotHoldIsNamed) {
+  struct {
+    const char* event;
+    std::string key;
+    std::string value;
+    std::string inside = {};  // which key is named, if another
+  } const cases[] = {
+      {"loaded", "time", "-1"},
+      {"loaded", "time", "1.5"},
+      {"loaded", "slot", "4294967296"},
+      {"loaded", "is_x64", "256"},
+      {"loaded", "game_id", "-1"},
+      {"loaded", "process_name", "5"},
+      {"decision", "acc_reason", "\"3\""},
+      {"decision", "acc_reason", "2147483648"},
+      {"decision", "acc_reason", "-2147483649"},
+      {"decision", "game_ip", "\"1.2.3.400\""},
+      {"decision", "top_proxy", "[{},{},{},{}]"},
+      {"decision", "top_proxy", "[5]"},
+      {"decision", "top_proxy", "[{\"proxy_port\":65536}]", "proxy_port"},
+      {"decision", "selected_proxy", "5"},
+      {"negotiation_result", "reserved_value", "\"x\""},
+      {"negotiation_result", "guid", "\"" + std::string(38, 'g') + "\""},
+  };
+  for (const auto& row : cases) {
+    const std::string line =
+        std::string("{\"event\":\"") + row.event + "\",\"" + row.key + "\":" + row.value + "}";
+    client::Problem problem;
+    EXPECT_FALSE(ReportFromJson(line, &problem)) << line;
+    EXPECT_EQ(problem.key, row.inside.empty() ? row.key : row.inside) << line;
+  }
+}
+
+TEST(ClientReportJson, TheLeastAndTheGreatestValuesOfAFieldFit) {
+  client::Problem problem;
+  const auto least = ReportFromJson(R"({"event":"decision","acc_reason":-2147483648})", &problem);
+  ASSERT_TRUE(least);
+  EXPECT_EQ(least->As<AccDecisionInfo>().acc_reason, INT32_MIN);
+  const auto greatest = ReportFromJson(
+      R"({"event":"loaded","slot":4294967295,"game_id":18446744073709551615,"is_x64":255})",
+      &problem);
+  ASSERT_TRUE(greatest) << problem.key;
+  EXPECT_EQ(greatest->As<LspLoadedRecord>().game_id, UINT64_MAX);
+  EXPECT_EQ(greatest->As<LspLoadedRecord>().is_x64, 255);
 }
 
 TEST(ClientReportJson, AFailureOfTheWatchItselfIsPassedOver) {
-  std::string why = "something";
-  EXPECT_FALSE(ReportFromJson(R"({"event":"failure","reason":"no regions"})", &why));
-  EXPECT_EQ(why, "");
+  client::Problem problem = {.reason = "something"};
+  EXPECT_FALSE(ReportFromJson(R"({"event":"failure","reason":"no regions"})", &problem));
+  EXPECT_EQ(problem.reason, "");
 }
 
 }  // namespace

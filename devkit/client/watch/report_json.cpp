@@ -187,16 +187,17 @@ std::string ReportJson(const Report& report) {
   return object.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-std::optional<Report> ReportFromJson(const std::string& line, std::string* why) {
+std::optional<Report> ReportFromJson(const std::string& line, Problem* problem) {
+  *problem = {};
   const Json object = Json::parse(line, nullptr, false);
   if (!object.is_object()) {
-    *why = "is no JSON object";
+    problem->reason = "is no JSON object";
     return std::nullopt;
   }
   const std::string name = EventOf(object);
   const auto kind = KindOf(name);
   if (!kind) {
-    *why = name == "failure" ? "" : "has no event that is a report: '" + name + "'";
+    if (name != "failure") *problem = {.key = "event", .reason = "'" + name + "' is no report"};
     return std::nullopt;
   }
   try {
@@ -208,7 +209,7 @@ std::optional<Report> ReportFromJson(const std::string& line, std::string* why) 
     ReadShape(object, shape, report.bytes.data());
     return report;
   } catch (const Unreadable& value) {
-    *why = "has a value that does not fit under '" + value.key + "'";
+    *problem = {.key = value.key, .reason = "has a value that does not fit there"};
     return std::nullopt;
   }
 }

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "client/problems.h"
 #include "client/watch/report.h"
 
 namespace client {
@@ -12,8 +13,9 @@ namespace client {
 // since 1970) and "slot". Without a line's end.
 std::string ReportJson(const Report& report);
 
-// Nothing where the line is no such report; *why then says what is wrong with it, or is empty where
-// the line is another of this program's events. Fields that are left out are zero.
-std::optional<Report> ReportFromJson(const std::string& line, std::string* why);
+// Nothing where the line is no such report; *problem then says what is wrong with it, without a
+// line number, or has no reason where the line is another of this program's events. Fields that are
+// left out are zero.
+std::optional<Report> ReportFromJson(const std::string& line, Problem* problem);
 
 }  // namespace client

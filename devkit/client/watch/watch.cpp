@@ -135,12 +135,13 @@ bool ParseLines(const WatchOptions& options, const std::vector<std::string>& lin
   for (const std::string& line : lines) {
     ++*number;
     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-    std::string why;
-    auto report = ReportFromJson(line, &why);
+    Problem problem;
+    auto report = ReportFromJson(line, &problem);
     if (report) {
       reports->push_back(std::move(*report));
-    } else if (!why.empty()) {
-      Reporter(options.json).Report(options.from, {{.line = *number, .reason = why}});
+    } else if (!problem.reason.empty()) {
+      problem.line = *number;
+      Reporter(options.json).Report(options.from, {problem});
       return false;
     }
   }
