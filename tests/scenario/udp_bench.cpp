@@ -124,8 +124,9 @@ void UdpBench::StartServer(const std::string& ip, int port) {
       if (count == SOCKET_ERROR) continue;
       const std::string text = bytes.substr(0, static_cast<size_t>(count));
       server->heard.push_back({text, NameOf(from), AddressText(from), name});
-      const std::string reply = server->answer(text);
+      std::string reply = server->answer(text);
       if (reply.empty()) continue;
+      if (reply == kNoBytes) reply.clear();
       sendto(s, reply.data(), static_cast<int>(reply.size()), 0, Raw(from), size);
     }
   });

@@ -35,6 +35,9 @@ inline constexpr char kUnlisted[] = "198.51.100.14";  // not in the tables, as a
 inline constexpr int kPort = 27015;
 inline constexpr int kSecondPort = 27016;
 
+// What a server answers with a datagram of no bytes.
+inline constexpr char kNoBytes[] = "a datagram of no bytes";
+
 // A datagram as it came to a socket, or to the game server.
 struct Datagram {
   std::string text;

@@ -150,7 +150,8 @@ SCENARIO_F(UdpStates, DatagramsThatAreTooLongForTheRelayAreLostAlone) {
 
 SCENARIO_F(UdpStates, AnswersComeBackUpToWhatANodeCanWrap) {
   server->answer = [](const std::string& text) {
-    return Pattern(static_cast<size_t>(std::strtoul(text.c_str(), nullptr, 10)));
+    const size_t size = std::strtoul(text.c_str(), nullptr, 10);
+    return size != 0 ? Pattern(size) : kNoBytes;
   };
   Starts();
   const SOCKET s = Udp();
