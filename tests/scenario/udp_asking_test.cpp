@@ -274,7 +274,7 @@ SCENARIO_F(UdpAsking, ANewSocketWithTheSameHandleIsNotGivenTheOldOnesRelay) {
 
 // Nothing keeps two threads from asking for one socket; one is refused, and may have the last
 // word. Their datagrams arrive whoever has it.
-SCENARIO_F_SEEDS(UdpAsking, TwoThreadsMayAskAtOnceForOneSocket, 40) {
+SCENARIO_F_SEEDS(UdpAsking, TwoThreadsMayAskAtOnceForOneSocket, 20) {
   Starts();
   const SOCKET s = Udp();
   for (const char* text : {"one", "two"}) {
@@ -344,6 +344,26 @@ SCENARIO_F(UdpAsking, AnAddressIsKnownByThePortThatIsAskedAbout) {
   EXPECT_EQ(Sends(s, "known", kUnlistedOnes[0], kSecondPort), 0);
   RunFor(100ms);
   EXPECT_EQ(a.Count("request"), 2u) << "through the other port it has one of its own";
+  EXPECT_EQ(Talks(s, "now known", kUnlistedOnes[0]), "now known from 198.51.100.14:27015");
+  EXPECT_EQ(heard.back().from, "A") << "which from now on serves all its ports";
+}
+
+// The flow with which the socket began is its first destination's, also where it is that of all
+// unknown ones.
+SCENARIO_F(UdpAsking, TheFirstDestinationStaysInItsFlowThroughAnyPort) {
+  Configures([](AccConfigRecord* config) {
+    config->port_idc_count = 1;
+    config->port_idc_records[0] = {kSecondPort, 11};
+  });
+  Starts();
+  const SOCKET s = Udp();
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(Sends(s, "plain", kUnlistedOnes[i]), 0);
+  EXPECT_EQ(Sends(s, "first", kUnlistedOnes[10]), 0);
+  RunFor(100ms);
+  ASSERT_EQ(RecordOf(s).relay_state, kRelayRunning);
+  EXPECT_EQ(Sends(s, "known", kUnlistedOnes[10], kSecondPort), 0);
+  RunFor(100ms);
+  EXPECT_EQ(a.Count("request"), 0u);
 }
 
 // --- the queue beside the datagram ------------------------------------------------------------

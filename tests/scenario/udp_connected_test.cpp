@@ -43,6 +43,17 @@ SCENARIO_F(UdpConnected, AConnectedSocketIsConnectedToItsRelayAndSaysSo) {
   EXPECT_TRUE(Logged("[UDP] session closed, token="));
 }
 
+SCENARIO_F(UdpConnected, WhereNoDestinationIsNamedItIsThatOfTheSocket) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(sendto(s, "lost", 4, 0, nullptr, 0), 4);
+  RunFor(100ms);
+  EXPECT_EQ(GameSent(), (Texts{"open", ":lost"}));
+  EXPECT_TRUE(Logged("[UDP] UdpSession CreateRemoteSession game_server=0.0.0.0:0, token="))
+      << "kept: which the relay does not know";
+}
+
 SCENARIO_F(UdpConnected, ReceivingOnAConnectedSocketLeavesTheQueueAlone) {
   Starts();
   const SOCKET s = Udp();
@@ -79,6 +90,11 @@ SCENARIO_F(UdpConnected, ARefusedSocketIsConnectedDirectly) {
   EXPECT_EQ(ConnectTo(unlisted, kUnlisted, kPort), 0);
   EXPECT_EQ(RecordOf(unlisted).relay_state, kRelayNotAsked);
   EXPECT_EQ(PeerOf(unlisted), "198.51.100.14:27015");
+  // Kept in the same state by a datagram that names no destination: it is no reason to ask.
+  sent.clear();
+  EXPECT_EQ(sendto(unlisted, "x", 1, 0, nullptr, 0), 1);
+  EXPECT_EQ(GameSent(), Texts{":x"});
+  EXPECT_EQ(RecordOf(unlisted).relay_state, kRelayNotAsked);
 }
 
 // What a destination is worth is asked anew at each connect, whatever the socket has got by then.

@@ -68,11 +68,16 @@ SCENARIO_F(UdpEnd, NumbersCountFromOneAndTheEndSkipsOne) {
   closesocket(s);
   RunFor(100ms);
   std::vector<int> numbers;
+  std::string data, end;
   for (const std::string& text : RelaySent()) {
-    if (text.size() < 40 && (text[2] == 0 || text[2] == 4))
-      numbers.push_back(static_cast<unsigned char>(text[7]));
+    if (text.size() >= 40 || (text[2] != 0 && text[2] != 4)) continue;
+    numbers.push_back(static_cast<unsigned char>(text[7]));
+    (text[2] == 0 ? data : end) = text;
   }
   EXPECT_EQ(numbers, (std::vector<int>{1, 2, 3, 5}));
+  ASSERT_EQ(end.size(), kHeaderSize);
+  EXPECT_EQ(end.substr(8, 11), data.substr(8, 11)) << "the flow's token and its game server";
+  EXPECT_EQ(end[19], 0);
 }
 
 // A process that ends does not hold up its end with farewells.
