@@ -2,6 +2,7 @@
 // stake: every node that still holds the flow is told, once, and no socket stays behind.
 #include "tests/scenario/switch_bench.h"
 //
+#include "port/shared/faults.h"
 #include "tests/unit/link_judge.h"
 
 namespace {
@@ -95,6 +96,44 @@ SCENARIO_F(SwitchEnd, WhileTheRelayStopsNobodyIsTold) {
     ExpectNothingLeft();
     while (b.IsAsked()) {
     }
+  }
+}
+
+// --- once it has happened ----------------------------------------------------------------------
+
+// The game knows one port, whichever socket faces the node.
+SCENARIO_F(SwitchEnd, AnAnswerThatWaitsForRoomStillLeavesFromTheGamesPort) {
+  IsCarried();
+  IsTakenOver();
+  EXPECT_EQ(GameGets(), "proof");
+  sockaddr_in relay = {}, from = {};
+  ASSERT_TRUE(session->GetRelayAddr(&relay));
+  b.SendsData("waits");
+  port::FailCall("sendto", 1, WSAEWOULDBLOCK);
+  Turn();
+  port::ClearFaults();
+  ASSERT_TRUE(ReadableWithin(game, 0));
+  char bytes[16];
+  int size = sizeof from;
+  EXPECT_EQ(recvfrom(game, bytes, sizeof bytes, 0, Raw(from), &size), 5);
+  EXPECT_EQ(from.sin_port, relay.sin_port);
+  EXPECT_TRUE(Logged("UdpRemoteSession::FlushBlockedPackages, count=1, remain_count=0, token=77"));
+}
+
+SCENARIO_F(SwitchEnd, AFlowThatHasMovedClosesBothItsSockets) {
+  IsCarried();
+  IsTakenOver();
+  std::vector<SOCKET> own;
+  for (const auto& [socket, delegate] : loop.delegates) {
+    if (delegate == flow) own.push_back(socket);
+  }
+  ASSERT_EQ(own.size(), 2u);
+  session.reset();
+  for (const SOCKET socket : own) {
+    EXPECT_FALSE(loop.Has(socket));
+    sockaddr_in name = {};
+    int size = sizeof name;
+    EXPECT_EQ(ErrorOf(getsockname(socket, Raw(name), &size)), WSAENOTSOCK);
   }
 }
 

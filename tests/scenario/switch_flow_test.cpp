@@ -89,6 +89,14 @@ SCENARIO_F(SwitchFlow, IsReportedWithWhatLedToIt) {
   EXPECT_EQ(b.Count("flow_closed"), 1u);
 }
 
+// What a flow may be moved to is kept with it from its beginning.
+SCENARIO_F(SwitchFlow, FindsANodeThatTheTablesHaveForgotten) {
+  Begins();
+  routes.Publish(*std::make_unique<moru_vyr::lsp::RouteTableImage>());
+  ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); })) << log_text();
+  GameCloses();
+}
+
 SCENARIO_F(SwitchFlow, GoesBackToANodeThatIsWellAgain) {
   Begins();
   ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); }));
