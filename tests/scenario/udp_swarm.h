@@ -135,7 +135,7 @@ class UdpSwarm : public Swarm<UdpBench> {
       }
       if (player->reads) {
         GameThread([this, player, s, open] {
-          while (*open) Read(s, player->senders == 1);
+          while (*open) Read(s, player->senders == 1, *open);
         });
       }
       while (*senders > 0 && !player->leaves_early) Sleep(10);
@@ -144,8 +144,10 @@ class UdpSwarm : public Swarm<UdpBench> {
       closesocket(s);
     });
   }
-  void Read(SOCKET s, bool knows_its_relay) {
+  void Read(SOCKET s, bool knows_its_relay, const bool& open) {
     const Datagram came = Receives(s, 100);
+    // Kept: nobody knows any more where a datagram is from if its socket is closed meanwhile.
+    if (!open) knows_its_relay = false;
     if (came.from.empty() || came.from.rfind("error", 0) == 0) return;
     // A socket that has lost its relay to a second request still hears what the first has sent.
     const bool from_relay = !knows_its_relay && came.from.rfind("127.0.0.1:", 0) == 0;
