@@ -26,8 +26,17 @@ HOSTILE = "</script><img src=x onerror=\"document.title='taken'\">"  # a node's 
 # What each chart must show, by its heading: the colours of its curves.
 CURVES = {"Rate": ("sent", "recv"), "Delay": ("front",), "Probes": ("front",)}
 
-# How many pixels a curve or a mark has at least.
-DRAWN = {"curve": 100, "mark": 20}
+# What must be read on the page of the made-up run: sums, the last figures of a flow through two relays,
+# what became of a flow without figures, a time counted from the run's start.
+SAID = ("4 flows, 2 through nodes; 3 failed negotiations, 1 move to another node",
+        "sent 494.7 kB, received 989.3 kB", "127 ±15 ms", "15.0 %", "1362",
+        "direct, after 2 failed negotiations", "direct: the destination is inside",
+        "1 min 35.9 s", "moved to node-2 198.51.100.21:9000", "curves end with the move",
+        # A path that would end the script, or be an element.
+        "</script><b>log</b>")
+
+# How many pixels a curve or a mark has at least, a band of amplitude, the labels of an axis.
+DRAWN = {"curve": 100, "mark": 20, "band": 1000, "labels": 100}
 
 # Stands at the end of a copy of each page, and tells the page around it what it finds.
 LOOK = """
@@ -39,14 +48,20 @@ addEventListener("load", () => {
   const charts = [...document.querySelectorAll(".chart")].map(place => {
     const canvas = place.querySelector("canvas"), counts = Object.fromEntries(kinds.map(kind => [kind, 0]));
     const pixels = kinds.length ? canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height).data : [];
+    Object.assign(counts, { heads: 0, band: 0, labels: 0 });  // heads: of marks, above the curves
     for (let i = 0; i < pixels.length; i += 4) {
-      if (pixels[i + 3] > 200) wanted.forEach((rgb, k) => {
+      const x = i / 4 % canvas.width, y = Math.floor(i / 4 / canvas.width), alpha = pixels[i + 3];
+      if (alpha > 200 && y < 12) ++counts.heads;
+      if (alpha > 200 && x < 60) ++counts.labels;
+      if (alpha > 40 && alpha < 60 && x > 90) ++counts.band;
+      if (alpha > 200) wanted.forEach((rgb, k) => {
         if (rgb.every((c, j) => Math.abs(pixels[i + j] - c) < 12)) ++counts[kinds[k]];
       });
     }
     return { title: place.previousSibling.textContent, width: canvas.width, counts };
   });
-  parent.postMessage({ name, charts, title: document.title,
+  const fills = [...document.querySelectorAll("#legend polygon")].map(shape => getComputedStyle(shape).fill);
+  parent.postMessage({ name, charts, title: document.title, fills: new Set(fills).size,
     rows: document.querySelectorAll("#figures tbody tr").length, text: document.body.innerText,
     links: [...document.querySelectorAll("#figures a")].filter(a => document.querySelector(a.hash)).length,
     overflow: document.documentElement.scrollWidth - document.documentElement.clientWidth }, "*");
@@ -126,6 +141,11 @@ def check_charts(checks, found):
             for name in colours if chart["title"].startswith(heading) else ():
                 checks.that(chart["counts"][name] > DRAWN["curve"],
                             f"{chart['title']}: {name} is drawn", chart["counts"])
+        if chart["title"].startswith(tuple(CURVES)):
+            for part, least in (("heads", DRAWN["mark"]), ("labels", DRAWN["labels"]),
+                                ("band", DRAWN["band"] if chart["title"].startswith("Delay") else 0)):
+                checks.that(chart["counts"][part] >= least, f"{chart['title']}: has its {part}",
+                            chart["counts"])
     whole = found["charts"][0]["counts"]
     for kind in ("decision", "negotiation", "failure", "switch", "end"):
         checks.that(whole[kind] > DRAWN["mark"], f"the overview shows each {kind}", whole)
@@ -141,10 +161,10 @@ def check_run(checks, found):
         check_charts(checks, page)
         checks.that(page["rows"] == 4, f"{name}: a row a flow", page["rows"])
         checks.that(page["links"] == 4, f"{name}: each leads to the flow's charts", page["links"])
+        checks.that(page["fills"] == 5, f"{name}: the legend shows five colours", page["fills"])
         checks.that(page["overflow"] <= 0, f"{name}: fits its width", page["overflow"])
-        checks.that("</script><b>log</b>" in page["text"], f"{name}: a hostile path is text")
-        checks.that("moved to node-2 198.51.100.21:9000" in page["text"], f"{name}: names the move")
-        checks.that("curves end with the move" in page["text"], f"{name}: says what is not shown")
+        for words in SAID:
+            checks.that(words in page["text"], f"{name}: says '{words}'")
 
 
 def check_others(checks, found):
@@ -163,6 +183,8 @@ def check_others(checks, found):
                 "and it is said which are drawn")
     checks.that(len(many["charts"]) == 1 + 30 * 3 and many["links"] == 30, "and those are",
                 (len(many["charts"]), many["links"]))
+    checks.that("\n11. UDP to" in many["text"] and "\n1. UDP to" not in many["text"],
+                "and no flow with fewer reports")
 
 
 def luminance(colour):
