@@ -53,6 +53,7 @@ SCENARIO_F(TestMode, SendsEveryPublicDestinationThroughTheNodeOfTheFile) {
     ASSERT_TRUE(Accelerates(ip, &info)) << ip;
     EXPECT_EQ(std::string(info.selected_proxy.proxy_addr), "198.51.100.20");
     EXPECT_EQ(info.selected_proxy.proxy_port, 7001);
+    EXPECT_EQ(info.selected_proxy.proxy_idc, 1u);
     EXPECT_EQ(info.selected_proxy.decision, 8u);
   }
   AccDecisionInfo info;

@@ -264,6 +264,27 @@ TEST_F(TrackerReports, LifeIsToldInTheLog) {
   EXPECT_EQ(text.find("Comm Info Sync"), text.npos) << "there was nothing to write";
 }
 
+// Whatever goes well is a detail, so that a game's log holds none of it at its usual level.
+TEST_F(TrackerReports, WhatTheTrackerSaysOfItselfAreDetails) {
+  const test::LogCapture log(1);
+  AddAccelerated();
+  tracker.NoteGameServer(kSocket, "198.51.100.10", htons(27015));
+  tracker.SetRecoveryInfo(kSocket, "0-1-2");
+  tracker.SubmitRecoverySwitch(RecoverySwitchRecord{});
+  tracker.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 1, 1);
+  tracker.SetAcceInfo(kSocket, false, SomeDecision());
+  tracker.RemoveFromWatchList(kSocket);
+  AddAccelerated();
+  tracker.RemoveFromWatchList(kSocket);
+  EXPECT_EQ(log.Text(), "");
+  AddAccelerated();
+  ReportAll();
+  for (const char* line : {"[Tracker] Init", "[Tracker] Sync", "[Tracker] UnInit",
+                           "[Tracker] Report Thread", "Comm Info Sync"}) {
+    EXPECT_FALSE(log.Contains(line)) << log.Text();
+  }
+}
+
 // The worker and the sync thread, as hard against each other as they go.
 TEST_F(TrackerReports, NothingIsLostOrDoubledWhileBothSidesRun) {
   constexpr u32 kSockets = 100;  // the decision channel has room for 108
