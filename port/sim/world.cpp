@@ -7,6 +7,7 @@
 #include "port/shared/process.h"
 #include "port/sim/faults.h"
 #include "port/sim/network.h"
+#include "port/sim/seeds.h"
 #include "port/sim/sockets.h"
 #include "port/sim/threads.h"
 
@@ -22,7 +23,7 @@ int PreemptPercent(const Options& options) {
   if (options.preempt_percent >= 0) return options.preempt_percent;
   // Some orders show only where threads run long undisturbed, some only where they never do.
   constexpr int kChoices[] = {2, 10, 25, 50};
-  return kChoices[Random(options.seed ^ 0x70726565).Below(4)];
+  return kChoices[Random(Scattered(options.seed ^ 0x70726565)).Below(4)];
 }
 
 uint64_t SeedOfEnvironment() {
@@ -44,11 +45,13 @@ Process::Process(Host& at, const std::string& called, DWORD id)
 Process::~Process() = default;
 
 World::World(const Options& options)
-    : options_(options), random_(options.seed ^ 0x73636e), secrets_(options.seed ^ 0x736563) {
+    : options_(options),
+      random_(Scattered(options.seed ^ 0x73636e)),
+      secrets_(Scattered(options.seed ^ 0x736563)) {
   if (!options_.trace) options_.trace = NewSharedTraceRing();
   options_.trace->hash = 0xcbf29ce484222325u;
   Scheduler::Options schedule;
-  schedule.seed = options.seed;
+  schedule.seed = Scattered(options.seed);
   schedule.preempt_percent = PreemptPercent(options);
   schedule.max_time = options.max_time.count();
   schedule.max_steps = options.max_steps;
@@ -57,8 +60,9 @@ World::World(const Options& options)
   hooks.fail = [this](const std::string& reason) { Fail(reason); };
   hooks.ended = [this](Thread& thread) { OnThreadEnded(thread); };
   scheduler_ = std::make_unique<Scheduler>(schedule, std::move(hooks));
-  network_ = std::make_unique<Network>(*scheduler_, options.seed ^ 0x6e6574, options.link,
-                                       [this](const std::string& line) { Trace(line); });
+  network_ =
+      std::make_unique<Network>(*scheduler_, Scattered(options.seed ^ 0x6e6574), options.link,
+                                [this](const std::string& line) { Trace(line); });
   sockets_ = std::make_unique<SocketTable>(options.reuse_socket_handles);
   faults_ = std::make_unique<Faults>();
   the_world = this;

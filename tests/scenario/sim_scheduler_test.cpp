@@ -3,6 +3,7 @@
 
 #include "port/shared/faults.h"
 #include "port/sim/scenario.h"
+#include "port/sim/seeds.h"
 
 namespace {
 
@@ -288,6 +289,17 @@ TEST(SimScheduler, AFailureTellsTheCommandThatReplaysIt) {
   const std::string command = sim::ReplayCommand("Suite.Name", 123);
   EXPECT_EQ(command.rfind("VYR_SEED=123 /", 0), 0u) << command;
   EXPECT_NE(command.find(" --gtest_filter=Suite.Name"), std::string::npos) << command;
+}
+
+// A hundred seeds are a hundred worlds, not one whose dice are thrown once more for each.
+TEST(SimSeeds, NeighboursHaveNoThrowInCommon) {
+  constexpr uint64_t kSeeds = 100, kThrows = 1000;
+  std::set<uint64_t> throws;
+  for (uint64_t seed = 0; seed < kSeeds; ++seed) {
+    sim::Random random(sim::Scattered(seed));
+    for (uint64_t i = 0; i < kThrows; ++i) throws.insert(random.Next());
+  }
+  EXPECT_EQ(throws.size(), kSeeds * kThrows);
 }
 
 }  // namespace
