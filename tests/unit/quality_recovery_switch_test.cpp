@@ -469,12 +469,20 @@ TEST(RecoverySwitch, ANewLinkIsNotJudgedByWhatWasReadOfTheOldOne) {
   ASSERT_TRUE(link.Start());
   link.judge.SetUploadLost(50);
   EXPECT_EQ(link.Probe(5, 0), 100);
+  link.acc.proxy_idc = 43;
+  link.acc.acc_port = htons(6001);
   ASSERT_TRUE(link.Start());
   link.PassReportLimit();
   link.judge.TryFireRealRouteLost();
   EXPECT_TRUE(link.owner.fired.empty());
   u32 need = 0, real = 0;
   EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, false), 102);
+  // What it reports is its own.
+  link.Probe(5, 0);
+  link.judge.TryFireRealRouteLost();
+  ASSERT_EQ(link.owner.fired.size(), 1u);
+  EXPECT_EQ(link.owner.fired[0].proxy_idc, 43);
+  EXPECT_STREQ(link.owner.fired[0].acc_info, "198.51.100.1-5000-43-203.0.113.7-6001");
 }
 
 TEST(RecoverySwitch, CutsAnInfoThatIsTooLong) {
