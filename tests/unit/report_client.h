@@ -7,6 +7,7 @@
 
 #include "tests/unit/route_fixture.h"
 #include "tracker/report_records.h"
+#include "tracker/tracker.h"
 
 namespace test {
 
@@ -16,6 +17,10 @@ int UsedSlots(ClientRegion<Region>& region) {
   for (const auto& slot : region->slots) used += slot.used;
   return used;
 }
+
+// The process's own Tracker, which other tests have fed, writes into these regions too if its
+// thread still runs. For the beginning of a suite, before there are any.
+inline void EndTheTrackerOfTheProcess() { moru_vyr::lsp::GetTracker().UnInit(); }
 
 struct ReportClient {
   ClientRegion<moru_vyr::lsp::DecisionRegion> decisions{

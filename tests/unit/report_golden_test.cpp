@@ -47,6 +47,8 @@ constexpr u64 kGameId = 0x1122334455667788;
 
 class ReportGolden : public testing::Test {
  protected:
+  static void SetUpTestSuite() { test::EndTheTrackerOfTheProcess(); }
+
   ReportGolden() {
     AccConfigRecord config;
     config.game_id = kGameId;

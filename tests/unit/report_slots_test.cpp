@@ -13,6 +13,7 @@
 #include "route/acc_config.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/out_of_memory.h"
+#include "tests/unit/report_client.h"
 #include "tests/unit/threads.h"
 #include "tracker/reports.h"
 
@@ -170,6 +171,8 @@ class Region {
 
 class ReportSlots : public testing::TestWithParam<Report> {
  protected:
+  static void SetUpTestSuite() { test::EndTheTrackerOfTheProcess(); }
+
   const Report& report() const { return GetParam(); }
   const ReportChannel& channel() const { return *report().channel; }
 };

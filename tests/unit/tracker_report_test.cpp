@@ -17,6 +17,8 @@ using test::UsedSlots;
 
 class TrackerReports : public test::TrackerTest {
  protected:
+  static void SetUpTestSuite() { test::EndTheTrackerOfTheProcess(); }
+
   test::ReportClient client;
 };
 
