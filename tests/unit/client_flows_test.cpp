@@ -293,6 +293,38 @@ TEST(ClientFlowBook, MarksStandInTheOrderOfTheirTimes) {
   EXPECT_TRUE(book.flows().front().ended);
 }
 
+// Figures carry their own time; what a late watcher takes out beside them does not.
+TEST(ClientFlowBook, WhatWasTakenOutLateStillStandsBeforeWhatCameAfterIt) {
+  FlowBook book;
+  book.Add(FailureReport("g", 202, 60000));
+  book.Add(DecisionReport("g", kReasonAcce, 60000));
+  Report agreed = NegotiationReport("g", 1);
+  agreed.time_ms = 60000;
+  book.Add(agreed);
+  Report trouble = TroubleReport(1, 1, 4);
+  trouble.time_ms = 60000;
+  book.Add(trouble);
+  book.Add(TrafficReport(Traffic("g", 10), 1000));
+  const Flow& flow = book.flows().front();
+  ASSERT_EQ(flow.marks.size(), 4u);
+  for (size_t i = 0; i < 3; ++i) EXPECT_EQ(flow.marks[i].time_ms, 1000u) << i;
+  EXPECT_EQ(flow.marks[3].time_ms, 60000u);
+
+  CommInfoRecord last = Traffic("g", 9010);
+  last.ended = 1;
+  book.Add(TrafficReport(last, 10000));
+  Report second = TroubleReport(2, 1, 4);
+  second.time_ms = 60100;
+  book.Add(second);
+  ASSERT_EQ(flow.marks.size(), 6u);
+  EXPECT_EQ(flow.marks[3].time_ms, 10000u);
+  EXPECT_EQ(flow.marks[4].kind, client::MarkKind::kSwitch);
+  EXPECT_EQ(flow.marks[4].time_ms, 10000u);
+  EXPECT_EQ(flow.last_event(), "ended");
+  EXPECT_EQ(flow.first_ms, 1000u);
+  EXPECT_EQ(flow.last_ms, 10000u);
+}
+
 TEST(ClientFlowBook, IsBoundedInFlowsPointsAndMarks) {
   FlowBook book;
   for (size_t i = 0; i < FlowBook::kMostFlows + 5; ++i) {

@@ -48,6 +48,14 @@ void ThinOut(std::vector<FlowPoint>* points) {
   *points = std::move(kept);
 }
 
+// Only figures know when they were true. Other reports have the time at which they were taken out,
+// which may be later than what is known to have come after them.
+void PullBack(std::vector<Mark>* marks, std::vector<Mark>::iterator end, uint64_t time_ms) {
+  for (auto mark = marks->begin(); mark != end; ++mark) {
+    mark->time_ms = std::min(mark->time_ms, time_ms);
+  }
+}
+
 // A report that speaks of success can also be one that came while a trial still ran. Reports are
 // numbered, and that of the trial keeps its number until its end: so a gap stands for a trial.
 bool FollowsAGap(const Flow& flow, int32_t count) {
@@ -93,7 +101,7 @@ Flow* FlowBook::Find(const std::string& guid, const std::string& game, uint64_t 
   }
   if (!game.empty()) flow->game = game;
   flow->first_ms = std::min(flow->first_ms, time_ms);
-  flow->last_ms = std::max(flow->last_ms, time_ms);
+  if (!flow->ended) flow->last_ms = std::max(flow->last_ms, time_ms);
   return flow;
 }
 
@@ -113,12 +121,16 @@ std::string FlowBook::NodeName(uint32_t proxy_idc, const std::string& endpoint) 
 }
 
 void FlowBook::AddMark(Flow* flow, uint64_t time_ms, MarkKind kind, std::string text) {
-  if (flow->marks.size() == kMostMarks) flow->marks.erase(flow->marks.begin());
+  std::vector<Mark>& marks = flow->marks;
+  if (marks.size() == kMostMarks) marks.erase(marks.begin());
+  // What is taken out behind a flow's end happened before it.
+  const bool is_late = flow->ended && !marks.empty();
+  if (is_late) time_ms = std::min(time_ms, marks.back().time_ms);
   // Reports of one moment come channel by channel.
   const auto later =
-      std::upper_bound(flow->marks.begin(), flow->marks.end(), time_ms,
+      std::upper_bound(marks.begin(), is_late ? marks.end() - 1 : marks.end(), time_ms,
                        [](uint64_t at, const Mark& mark) { return at < mark.time_ms; });
-  flow->marks.insert(later, {time_ms, kind, std::move(text)});
+  marks.insert(later, {time_ms, kind, std::move(text)});
 }
 
 void FlowBook::AddDecision(const Report& report) {
@@ -190,6 +202,13 @@ void FlowBook::AddTraffic(const Report& report) {
   if (!flow->moved) {
     flow->node = NodeName(record.proxy_idc, Endpoint(Text(record.proxy_ip), record.proxy_port));
   }
+  // The first figures come behind the node's word.
+  const auto agreed = std::find_if(flow->marks.begin(), flow->marks.end(), [](const Mark& mark) {
+    return mark.kind == MarkKind::kNegotiation;
+  });
+  if (flow->points.empty() && agreed != flow->marks.end()) {
+    PullBack(&flow->marks, agreed + 1, report.time_ms);
+  }
   const bool is_first = flow->points.empty() || record.life < flow->life_ms;
   const uint32_t span_ms = is_first ? record.life : record.life - flow->life_ms;
   FlowPoint point;
@@ -211,9 +230,11 @@ void FlowBook::AddTraffic(const Report& report) {
     if (flow->points.size() == kMostPoints) ThinOut(&flow->points);
     flow->points.push_back(point);
   }
-  if (record.ended == 0) return;
-  flow->ended = true;
+  if (record.ended == 0 || flow->ended) return;
+  PullBack(&flow->marks, flow->marks.end(), report.time_ms);
   AddMark(flow, report.time_ms, MarkKind::kEnd, "ended");
+  flow->ended = true;
+  flow->last_ms = report.time_ms;
 }
 
 }  // namespace client

@@ -49,7 +49,7 @@ struct Flow {
   // The figures are those of the socket towards the first node, so they stand still from here on.
   bool moved = false;
   uint64_t first_ms = 0;
-  uint64_t last_ms = 0;  // the last report of any kind
+  uint64_t last_ms = 0;  // the last report of any kind, or the end
   uint32_t life_ms = 0;
   uint32_t sent_bytes = 0, recv_bytes = 0;  // these wrap, as the library's own counters do
   uint32_t sent_packets = 0, recv_packets = 0;
