@@ -34,6 +34,7 @@ class TcpFailure : public TcpBench {
   void ExpectSilence(SOCKET s) { EXPECT_EQ(Readiness(s), "w"); }
   void ExpectEndWithoutAByte(SOCKET s) {
     std::string got;
+    ASSERT_TRUE(ReadableWithin(s, 30'000)) << log_text();
     EXPECT_NE(CollectAll(s, &got), "");
     EXPECT_EQ(got, "");
     closesocket(s);
