@@ -16,6 +16,12 @@ constexpr int kReadSize = 8192;
 // system clears it on success, and what an earlier call left would have the bytes uncounted.
 void ForgetLastError() noexcept { WSASetLastError(0); }
 
+// A send to a side that is finished, whose socket is closed or has failed before.
+int FailAsEnded() noexcept {
+  WSASetLastError(WSAENOTSOCK);
+  return SOCKET_ERROR;
+}
+
 }  // namespace
 
 bool TcpSession::DoLocalRead() noexcept {
@@ -79,8 +85,10 @@ bool TcpSession::DoLocalWrite() noexcept {
   u8* bytes = nullptr;
   u32 size = 0;
   while (remote_to_local_.Peek(&bytes, &size)) {
-    const int n =
-        send(local_socket_, reinterpret_cast<const char*>(bytes), static_cast<int>(size), 0);
+    // One that has missed bytes gets none of those behind them, though its socket may be open.
+    const int n = local_sock_deleteing_ ? FailAsEnded()
+                                        : send(local_socket_, reinterpret_cast<const char*>(bytes),
+                                               static_cast<int>(size), 0);
     const int error = WSAGetLastError();
     if (n > 0) {
       LSP_LOG(0, "[TCP]DoLocalWrite. Send data to game client, len=%d, socket=%Id, token=%u", n,

@@ -135,6 +135,8 @@ SCENARIO_F(TcpFarewell, AGameThatCannotBeWrittenToIsOwedNothingAndItsServerAll) 
     serve = [&](SOCKET t, Call* call) {
       while (!speaks) Sleep(10);
       SendAll(t, "x");
+      Sleep(200);
+      SendAll(t, "y");  // without the x it must not arrive
       while (!reads) Sleep(10);
       call->end = CollectAll(t, &call->got);
     };
@@ -170,6 +172,8 @@ SCENARIO_F(TcpFarewell, AServerThatCannotBeWrittenToIsOwedNothingAndItsGameAll) 
     port::FailCall("send", 2, it.error);  // the first is the game's
     SendAll(s, "x");
     RunFor(500ms);
+    SendAll(s, "y");  // without the x it must not arrive
+    RunFor(500ms);
     EXPECT_EQ(LastCall().over(), it.gone);
     std::string got;
     EXPECT_EQ(CollectAll(s, &got), "closed");
@@ -179,6 +183,51 @@ SCENARIO_F(TcpFarewell, AServerThatCannotBeWrittenToIsOwedNothingAndItsGameAll) 
     EXPECT_EQ(LastCall().got, "");
     port::ClearFaults();
   }
+  ExpectServesAgain();
+}
+
+// --- both sides at once -------------------------------------------------------------------------
+
+// A server that has left is owed nothing, whatever the game goes on to say.
+class TcpBothEnd : public TcpFarewell {
+ protected:
+  // The server has left, much of what it said waits for the game, and the game has said something.
+  SOCKET ServerLeaves() {
+    serve = [this](SOCKET t, Call* call) {
+      SendAll(t, all);
+      call->end = "left";
+    };
+    const SOCKET s = Joins(kDirect);
+    RunFor(1s);
+    SendAll(s, "more");
+    RunFor(100ms);
+    EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, "), 0);
+    return s;
+  }
+  const std::string all = Pattern(300'000);
+};
+
+SCENARIO_F(TcpBothEnd, AGameThatLeavesAfterItsServerEndsTheConnectionAtOnce) {
+  closesocket(ServerLeaves());
+  RunFor(100ms);
+  EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, "), 1);
+  EXPECT_FALSE(Logged("found obsolete session"));
+  ExpectServesAgain();
+}
+
+SCENARIO_F(TcpBothEnd, AGameThatBreaksAfterItsServerHasLeftEndsTheConnectionAtOnce) {
+  const SOCKET s = ServerLeaves();
+  port::FailCall("send", 1, WSAECONNRESET);
+  std::string got, end;
+  EXPECT_TRUE(Collect(s, 70'000, &got, &end));
+  RunFor(100ms);
+  EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, "), 1);
+  EXPECT_FALSE(Logged("Marking session obsolete"));
+  CollectAll(s, &got);
+  EXPECT_TRUE(got == all.substr(0, got.size())) << got.size();
+  EXPECT_LT(got.size(), all.size());
+  closesocket(s);
+  port::ClearFaults();
   ExpectServesAgain();
 }
 
