@@ -76,6 +76,8 @@ SCENARIO_F_SEEDS(TrackerTcp, ConnectionThroughANodeIsReportedToTheByte, 5) {
   ExpectSlots(1, 1, 0);
   const RealNegoRecord& n = client.negotiations->slots[0];
   EXPECT_EQ(n.user_isp, 1u);
+  EXPECT_EQ(n.last_node_id, 1u);
+  EXPECT_EQ(n.last_node_ip, test::Ip(kNodeA));
   EXPECT_EQ(n.proxy_id, 1u);
   EXPECT_STREQ(n.proxy_ip, kNodeA);
   EXPECT_EQ(n.game_ip, 0xc633640au);
@@ -154,6 +156,23 @@ SCENARIO_F(TrackerTcp, TwoFailedNodesAreTwoFailuresAndNoTraffic) {
   EXPECT_GE(second.elapsed_ms, 5000u);
   EXPECT_LT(second.elapsed_ms, 5200u);
   EXPECT_STREQ(second.guid, client.failures->slots[0].guid);
+}
+
+// Its value may come back as another connection's.
+SCENARIO_F(TrackerTcp, EverySocketThatIsWatchedIsForgottenWhenItIsClosed) {
+  a.Behaves(Refusing(9));
+  b.Behaves(Refusing(9));
+  RunFor(100ms);
+  common::SetLogThreshold(0);
+  Talk(kServer, 1000);
+  const std::string text = log_text();
+  const auto lines = [&](const std::string& part) {
+    int found = 0;
+    for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + 1)) ++found;
+    return found;
+  };
+  EXPECT_EQ(lines("[Tracker] Add "), 3);
+  EXPECT_EQ(lines("[Tracker] Remove "), 3);
 }
 
 SCENARIO_F(TrackerTcp, ConnectionThatTheServerEndsIsReportedAtOnce) {

@@ -181,8 +181,10 @@ TEST_F(StreamProvider, ASecondRequestForAPortIsDropped) {
   test::LogCapture log(4);
   ASSERT_TRUE(Request(htons(4000), "198.51.100.10", 1));
   relay_addr = nullptr;
+  relay_len = 0;
   EXPECT_TRUE(Request(htons(4000), "198.51.100.11", 2));
   EXPECT_NE(relay_addr, nullptr);
+  EXPECT_EQ(relay_len, 16);
   EXPECT_TRUE(log.Contains("[TCP]RequestTcpRelaySession: port=4000, socket=77, token=2\n"));
   EXPECT_TRUE(log.Contains("[TCP]RequestTcpRelaySession port duplicate, port=" +
                            std::to_string(htons(4000)) + ", socket=77, token=2\n"));
