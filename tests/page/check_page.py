@@ -241,7 +241,7 @@ def main():
     for name, *arguments in (("run.png",), ("run-dark.png", "--blink-settings=preferredColorScheme=0")):
         picture = out / name
         picture.unlink(missing_ok=True)
-        browse(browser, page, "--hide-scrollbars", "--window-size=1280,2700",
+        browse(browser, page, "--hide-scrollbars", "--window-size=1280,3200",
                f"--screenshot={picture.absolute()}", *arguments)
         checks.that(picture.exists() and picture.stat().st_size > 20000, f"{name} is kept")
     print(f"{checks.passed} passed, {checks.failed} failed")
