@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "port/shared/objects.h"
 #include "port/sim/scenario.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/tracker_bench.h"
@@ -386,6 +387,21 @@ SCENARIO_F_SEEDS(TrackerTime, EndDoesNotWaitForTheThreadsWaits, 20) {
     EXPECT_LT(TimeOf([&] { tracker.UnInit(); }), 50u);
     EXPECT_EQ(UsedSlots(client.switches), reports);
   }
+}
+
+SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndMayComeTwice) {
+  const size_t before = port::OpenHandles();
+  for (int i = 0; i < 2; ++i) {
+    tracker.Init();
+    SubmitOne();
+    RunFor(300ms);
+    EXPECT_GT(port::OpenHandles(), before);
+    tracker.UnInit();
+    EXPECT_EQ(port::OpenHandles(), before);
+  }
+  const test::LogCapture log(0);
+  tracker.UnInit();
+  EXPECT_FALSE(log.Contains("[Tracker] Sync Thread Ended")) << "there was none";
 }
 
 // The thread is at work and sees the end coming; what is open must be looked at before it goes.
