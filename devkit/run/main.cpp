@@ -77,17 +77,21 @@ bool Copy(const std::wstring& from, wchar_t* to) {
   return true;
 }
 
-bool FillConfig(const Files& files, winsock_host::HostConfig* config) {
+bool FillConfig(const Options& options, const Files& files, winsock_host::HostConfig* config) {
   *config = {};
   config->version = winsock_host::kHostVersion;
-  config->bare = files.library.empty() ? 1 : 0;
+  config->bare = options.bare ? 1 : 0;
+  config->one_guid = options.one_guid ? 1 : 0;
+  config->start_each_entry = options.start_each_entry ? 1 : 0;
+  config->cleanup_after_end = options.cleanup_after_end ? 1 : 0;
+  config->keep_loaded = options.keep_loaded ? 1 : 0;
   return Copy(files.library, config->library) && Copy(files.base, config->base) &&
          Copy(files.next, config->next);
 }
 
 int RunProgram(const Options& options, const Files& files) {
   winsock_host::HostConfig config;
-  if (!FillConfig(files, &config)) {
+  if (!FillConfig(options, files, &config)) {
     Complain(L"a path is too long for the host");
     return kNoHost;
   }

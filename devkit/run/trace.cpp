@@ -51,6 +51,18 @@ void WriteStarts(std::FILE* file, const HostReport& report) {
   }
 }
 
+void WriteCleanups(std::FILE* file, const HostReport& report) {
+  const long seen = report.cleanup_count;
+  const long count = std::min<long>(seen, winsock_host::kMaxCleanups);
+  for (long i = 0; i < count; ++i) {
+    const winsock_host::CleanupRecord& cleanup = report.cleanups[i];
+    std::fprintf(file, "{\"cleanup\":%lu,\"result\":%ld,\"elapsed_ms\":%lu,\"unloaded\":%s}\n",
+                 static_cast<unsigned long>(cleanup.catalog_id), static_cast<long>(cleanup.result),
+                 static_cast<unsigned long>(cleanup.elapsed_ms),
+                 cleanup.unloaded != 0 ? "true" : "false");
+  }
+}
+
 void WriteCalls(std::FILE* file, const char* through, const CallCounter* counters) {
   for (size_t i = 0; i < winsock_host::kCallCount; ++i) {
     const CallCounter& counter = counters[i];
@@ -82,6 +94,7 @@ bool WriteTrace(const std::wstring& path, const RunFacts& facts, const HostRepor
   if (file == nullptr) return false;
   WriteRun(file, facts);
   WriteStarts(file, report);
+  WriteCleanups(file, report);
   WriteCalls(file, "library", report.through_library);
   WriteCalls(file, "base", report.through_base);
   WriteDebugOutput(file, report);

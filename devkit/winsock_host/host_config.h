@@ -11,7 +11,7 @@
 
 namespace winsock_host {
 
-constexpr uint32_t kHostVersion = 1;
+constexpr uint32_t kHostVersion = 2;
 constexpr size_t kConfigPathChars = 520;
 
 // What HostStart returns, as the exit code of its thread.
@@ -27,18 +27,26 @@ struct HostConfig {
   uint32_t version;
   uint32_t bare;                      // not 0: base provider alone, no library
   uint32_t report_mapping;            // handle in the program, of a mapping of a HostReport
+  uint32_t one_guid;                  // not 0: one provider GUID for all layered entries
+  uint32_t start_each_entry;          // not 0: a start per catalogue entry, else one per GUID
+  uint32_t cleanup_after_end;         // not 0: WSPCleanup comes when Winsock has ended already
+  uint32_t keep_loaded;               // not 0: the last WSACleanup unloads no provider
   wchar_t library[kConfigPathChars];  // the layer; full path
   wchar_t base[kConfigPathChars];     // the base provider; full path
   wchar_t next[kConfigPathChars];     // what the catalogue names as the base; any text
 };
 #pragma pack(pop)
-static_assert(sizeof(HostConfig) == 12 + 3 * kConfigPathChars * sizeof(wchar_t));
+static_assert(sizeof(HostConfig) == 28 + 3 * kConfigPathChars * sizeof(wchar_t));
 static_assert(offsetof(HostConfig, version) == 0);
 static_assert(offsetof(HostConfig, bare) == 4);
 static_assert(offsetof(HostConfig, report_mapping) == 8);
-static_assert(offsetof(HostConfig, library) == 12);
-static_assert(offsetof(HostConfig, base) == 12 + kConfigPathChars * sizeof(wchar_t));
-static_assert(offsetof(HostConfig, next) == 12 + 2 * kConfigPathChars * sizeof(wchar_t));
+static_assert(offsetof(HostConfig, one_guid) == 12);
+static_assert(offsetof(HostConfig, start_each_entry) == 16);
+static_assert(offsetof(HostConfig, cleanup_after_end) == 20);
+static_assert(offsetof(HostConfig, keep_loaded) == 24);
+static_assert(offsetof(HostConfig, library) == 28);
+static_assert(offsetof(HostConfig, base) == 28 + kConfigPathChars * sizeof(wchar_t));
+static_assert(offsetof(HostConfig, next) == 28 + 2 * kConfigPathChars * sizeof(wchar_t));
 
 using HostStartFunction = DWORD(WINAPI*)(void* config);
 

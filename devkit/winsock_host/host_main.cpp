@@ -11,6 +11,7 @@
 #include "patch.h"
 #include "providers.h"
 #include "report.h"
+#include "startup.h"
 #include "thread_hooks.h"
 #include "winsock_hooks.h"
 
@@ -38,7 +39,8 @@ extern "C" DWORD WINAPI HostStart(void* argument) {
   AddLoaderReplacements();
   AddThreadReplacements();
   BuildCatalogue(config);
-  if (!StartDirectProvider(config)) return kHostNoBaseProvider;
+  PrepareStartup(config);
+  if (!PrepareProviders(config)) return kHostNoBaseProvider;
   FollowModuleLoads();
   PatchNewModules();
   return kHostStarted;
