@@ -28,6 +28,10 @@ def main():
     checks.that(code == 120 and "--trace needs a value" in err, "option without its value", err)
     code, _, err = launch("--bare", "--library", "x.dll", cmd)
     checks.that(code == 120 and "--bare" in err, "--bare with a library", err)
+    code, _, err = launch("--guids")
+    checks.that(code == 120 and "--guids needs a value" in err, "choice without its value", err)
+    code, _, err = launch("--cleanup", "never", "x")
+    checks.that(code == 120 and "--cleanup is before or after" in err, "word that is no choice", err)
     code, _, err = launch("no_such_program")
     checks.that(code == 127 and "no_such_program" in err, "program not found", err)
     text = runner.folder / "text.exe"

@@ -130,6 +130,9 @@ class Result:
     def starts(self):
         return [line for line in self.trace if "start" in line]
 
+    def cleanups(self):
+        return [line for line in self.trace if "cleanup" in line]
+
     def calls(self, through):
         return {
             line["call"]: line for line in self.trace if line.get("through") == through
@@ -163,7 +166,7 @@ class Runner:
             shutil.copy(module, folder)
         return folder
 
-    def launch(self, folder, name, arguments, options=()):
+    def launch(self, folder, name, arguments, options=(), timeout=LONGEST_RUN_S):
         """Under vyr_run, with a trace."""
         trace = folder / "trace.jsonl"
         command = [
@@ -174,7 +177,7 @@ class Runner:
             windows_path(folder / name),
             *arguments,
         ]
-        completed = self.wine(command, folder)
+        completed = self.wine(command, folder, timeout=timeout)
         return Result(completed, read_trace(trace), folder)
 
     def wine(self, command, folder, **options):
