@@ -17,9 +17,12 @@ SOCKET MakeSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info, 
     if (type == FROM_PROTOCOL_INFO) type = info->iSocketType;
     if (protocol == FROM_PROTOCOL_INFO) protocol = info->iProtocol;
   }
-  int error = WSANOTINITIALISED;
-  const Provider* provider =
-      IsStarted() ? ProviderForNewSocket(family, type, protocol, &error) : nullptr;
+  if (!IsStarted()) {
+    WSASetLastError(WSANOTINITIALISED);
+    return INVALID_SOCKET;
+  }
+  int error = 0;
+  const Provider* provider = ProviderForNewSocket(family, type, protocol, &error);
   if (provider == nullptr) {
     WSASetLastError(error);
     return INVALID_SOCKET;

@@ -1,5 +1,5 @@
-// What a process has at a moment: threads, handles by kind, sockets, memory. To be compared with
-// what it has later.
+// What a process has at a moment: threads, handles by kind, sockets, thread-local slots, memory. To
+// be compared with what it has later.
 #pragma once
 
 #include <winsock2.h>
@@ -18,6 +18,7 @@ struct Belongings {
   int threads = 0;
   int sockets = 0;  // 0 while Winsock is not started
   std::map<std::string, int> handles;
+  DWORD tls_index = 0;   // the lowest that is free
   size_t memory_kb = 0;  // private pages and views of sections
 };
 
@@ -82,6 +83,8 @@ inline Belongings Look() {
       ++all.sockets;
     }
   }
+  all.tls_index = TlsAlloc();
+  TlsFree(all.tls_index);
   all.memory_kb = CountMemoryKb();
   return all;
 }
@@ -90,6 +93,7 @@ inline Belongings Look() {
 inline std::string Text(const Belongings& all) {
   std::string text = "{\"threads\":" + std::to_string(all.threads) +
                      ",\"sockets\":" + std::to_string(all.sockets) +
+                     ",\"tls_index\":" + std::to_string(all.tls_index) +
                      ",\"memory_kb\":" + std::to_string(all.memory_kb) + ",\"handles\":{";
   for (const auto& [kind, count] : all.handles) {
     if (text.back() != '{') text += ',';
