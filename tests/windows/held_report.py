@@ -9,7 +9,7 @@ import support
 from conversation import Conversation
 
 MUTEX = "vyr_log_file_path_named_mutex"  # of the report that is the first in every game
-WORKER_MS = 200  # the library waits so long for its worker, and ends it then
+LEAST_CLEANUP_MS = 180  # the library waits 200 for its worker; the tick counter is coarse
 LONGEST_CLEANUP_MS = 2000  # less than a worker that waits for the reports would take
 LONGEST_END_S = 4.0  # from there until the process is gone, on a busy machine
 
@@ -45,7 +45,7 @@ def main():
         checks.that(found and code == 0, f"the game plays and ends with {code}", said)
         took_ms = int(found.group(4)) if found else 0
         print(f"the last cleanup took {took_ms} ms, the process ended {end_s:.1f} s after it")
-        checks.that(WORKER_MS <= took_ms < LONGEST_CLEANUP_MS, "the last cleanup", f"{took_ms} ms")
+        checks.that(LEAST_CLEANUP_MS <= took_ms < LONGEST_CLEANUP_MS, "the last cleanup", f"{took_ms} ms")
         checks.that(end_s < LONGEST_END_S, "the process's end", f"{end_s:.1f} s")
     checks.end()
 
