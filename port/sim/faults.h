@@ -1,6 +1,8 @@
 // Faults that only a simulated world can inject. A counter counts down to its call; 0: off.
 #pragma once
 #include <cstddef>
+#include <functional>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,6 +22,11 @@ struct Faults {
   Countdown thread_start;
   DWORD thread_start_error = 0;
   std::vector<std::pair<Process*, std::string>> kill_when_it_holds;
+  struct CallAction {
+    unsigned nth;
+    std::function<void()> action;
+  };
+  std::map<std::string, CallAction> at_call;  // of threads that have not started yet
 };
 
 }  // namespace sim

@@ -151,6 +151,12 @@ class World {
   void FailThreadStart(unsigned nth, DWORD error = ERROR_NOT_ENOUGH_MEMORY);
   // The thread is not scheduled for that long, wherever it is.
   void Stall(DWORD thread_id, Duration duration);
+  // The thread ends wherever it is, as if by TerminateThread.
+  void Terminate(DWORD thread_id);
+  // Runs `action` when the thread of that name ("process/thread") begins its n-th call from now
+  // on, or, where there is no such thread yet, its n-th call at all. It must not block; it may end
+  // the thread or its process. One action a thread.
+  void AtCall(const std::string& thread, unsigned nth, std::function<void()> action);
   // All threads end at once, nothing is unwound; mutexes are abandoned, streams are reset,
   // handles and views are closed.
   void Kill(Process& process, DWORD exit_code = 1);
