@@ -25,6 +25,7 @@ namespace {
 void Record(SOCKET s, int type, int protocol, u32 token, WSPPROC_TABLE* table) {
   GetSocketMap().Add(s, type, protocol, token);
   GetSocketMap().SetNextProcTable(s, table);
+  GetSocketMap().SetOfWorker(s, GetCurrentThreadId() == GetRelayMgr().GetWorkerThreadId());
 }
 
 // Connects a datagram socket to its relay, whose address stands in *storage, if it is for it.

@@ -123,6 +123,17 @@ bool SocketMap::SetRelayDisabled(SOCKET socket, bool flag) noexcept {
   return Update(socket, [&](SocketRecord& record) { record.relay_disabled = flag; });
 }
 
+bool SocketMap::SetOfWorker(SOCKET socket, bool flag) noexcept {
+  return Update(socket, [&](SocketRecord& record) { record.of_worker = flag; });
+}
+
+SOCKET SocketMap::NextOfWorker(SOCKET after) const noexcept {
+  common::Lock hold(lock_);
+  const auto found = std::find_if(records_.upper_bound(after), records_.end(),
+                                  [](const auto& entry) { return entry.second.of_worker; });
+  return found != records_.end() ? found->first : INVALID_SOCKET;
+}
+
 bool SocketMap::FindRelayRecord(const SocketRecord& record, const sockaddr_in* addr, bool* relay,
                                 bool* has_free) noexcept {
   if (has_free != nullptr) *has_free = false;

@@ -78,7 +78,7 @@ bool IsAllowUdpRelayed(const SocketRecord& record, const sockaddr_in* to) noexce
 bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
                          const sockaddr_in* to, sockaddr_in* out_addr,
                          LPWSATHREADID thread_id) noexcept {
-  if (out_addr == nullptr) return false;
+  if (out_addr == nullptr || !GetRelayMgr().StillServes(RelayMgr::kDatagramTrustMs)) return false;
   const sockaddr_in* dest = to;
   UdpPackageQueue* queue = nullptr;
   switch (record.relay_state) {

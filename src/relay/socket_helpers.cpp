@@ -11,6 +11,7 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr int kBindTries = 200;
+constexpr int kExcludedTries = 20;
 constexpr u32 kFirstPort = 1025;
 constexpr u32 kPortCount = 64506;  // 1025 to 65530
 
@@ -86,6 +87,30 @@ bool BindRandomPort(SOCKET s, bool through_next_provider, u16* port, bool loopba
   return false;
 }
 
+bool BindLoopbackPort(SOCKET s, u16* port) noexcept {
+  for (int i = 0; i < kExcludedTries; ++i) {
+    if (BindRandomPort(s, false, port, true)) return true;
+    if (WSAGetLastError() != WSAEACCES) return false;
+  }
+  return false;
+}
+
+void CloseRelaySocket(SOCKET s) noexcept {
+  if (closesocket(s) != SOCKET_ERROR || WSAGetLastError() != WSANOTINITIALISED) return;
+  SocketRecord record;
+  if (!GetSocketMap().Get(s, &record) || record.next_proc_table == nullptr) return;
+  GetSocketMap().Remove(s);
+  INT error = 0;
+  record.next_proc_table->lpWSPCloseSocket(s, &error);
+}
+
+void CloseWorkerSockets() noexcept {
+  const SocketMap& sockets = GetSocketMap();
+  for (SOCKET s = sockets.NextOfWorker(0); s != INVALID_SOCKET; s = sockets.NextOfWorker(s)) {
+    CloseRelaySocket(s);
+  }
+}
+
 bool CreateTcpSocketAndBind(SOCKET* out, u16* port) noexcept {
   const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   if (s == INVALID_SOCKET) {
@@ -94,7 +119,7 @@ bool CreateTcpSocketAndBind(SOCKET* out, u16* port) noexcept {
     return false;
   }
   u16 bound = 0;
-  if (!BindRandomPort(s, false, &bound, true)) return false;  // kept: the socket stays open
+  if (!BindLoopbackPort(s, &bound)) return false;  // kept: the socket stays open
   int error = 0;
   if (!MakeNonBlocking(s, &error)) {
     LSP_LOG(5, "[TCP]CreateTcpSocketAndBind ioctlsocket, err = %u", static_cast<u32>(error));

@@ -21,6 +21,19 @@ bool CreateTcpSocketAndBind(SOCKET* out, u16* port) noexcept;
 // A non-blocking stream socket that is not bound.
 bool CreateNonBlockTcpSocket(SOCKET* out) noexcept;
 
+// A random port of 127.0.0.1 for a socket of the relay's own, as BindRandomPort finds one.
+// Guard: Windows keeps whole ranges of ports for others and answers 10013 for them, which ends
+// BindRandomPort's tries. One such draw would end relaying in this process, so it is asked again,
+// up to 20 times.
+bool BindLoopbackPort(SOCKET s, u16* port) noexcept;
+
+// Closes a socket of the relay's own. Where Winsock has already ended for this process and closes
+// nothing any more, the next provider does.
+void CloseRelaySocket(SOCKET s) noexcept;
+
+// Closes every socket that a worker has left which did not come to its end.
+void CloseWorkerSockets() noexcept;
+
 // Sets the socket's buffers, in bytes, as far as the system agrees. Nothing if either is 0.
 void AdjustSocketBuff(SOCKET socket, u32 send_size, u32 recv_size) noexcept;
 

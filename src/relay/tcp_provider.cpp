@@ -33,7 +33,7 @@ bool TcpProvider::OnCreateLocalServer() noexcept {
   AdjustSocketBuff(local_socket_, kListenerBufferSize, kListenerBufferSize);
   local_addr_.sin_family = AF_INET;
   local_addr_.sin_port = local_port_;
-  local_addr_.sin_addr.s_addr = static_cast<u32>(inet_addr("127.0.0.1"));
+  local_addr_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socket_mgr_->AddSocket(local_socket_, server.release());
   const int result = listen(local_socket_, SOMAXCONN);
   const int error = WSAGetLastError();
@@ -44,7 +44,7 @@ bool TcpProvider::OnCreateLocalServer() noexcept {
 // Kept: sessions stay as they are, with their sockets open, until the process ends.
 void TcpProvider::OnCloseLocalServer() noexcept {
   LSP_LOG(0, "[TCP] TcpProvider::OnCloseLocalServer. socket=%Id", local_socket_);
-  closesocket(local_socket_);
+  CloseRelaySocket(local_socket_);
   if (socket_mgr_ != nullptr) {
     const std::unique_ptr<IRelaySocketDelegate> server(socket_mgr_->RemoveSocket(local_socket_));
   }

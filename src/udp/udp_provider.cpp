@@ -22,7 +22,7 @@ bool UdpProvider::OnCreateLocalServer() noexcept {
     LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer socket error=%d", error);
     return false;
   }
-  bool result = BindRandomPort(local_socket_, false, &local_port_, true);
+  bool result = BindLoopbackPort(local_socket_, &local_port_);
   if (result) {
     u_long on = 1;
     if (ioctlsocket(local_socket_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
@@ -41,7 +41,7 @@ bool UdpProvider::OnCreateLocalServer() noexcept {
 // Kept: answers that nobody has taken stay.
 void UdpProvider::OnCloseLocalServer() noexcept {
   LSP_LOG(0, "[UDP] UdpProvider::OnCloseLocalServer");
-  if (local_socket_ != 0) closesocket(local_socket_);
+  if (local_socket_ != 0) CloseRelaySocket(local_socket_);
   if (socket_mgr_ != nullptr) socket_mgr_->RemoveSocket(local_socket_);
   while (!sessions_.empty()) {
     live_queues_.Remove(sessions_.begin()->first);

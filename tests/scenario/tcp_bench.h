@@ -51,8 +51,10 @@ void Echo(SOCKET s, Call* call);
 
 class TcpBench : public sim::ScenarioTest {
  protected:
-  // The game's own path, where it matters.
-  explicit TcpBench(const std::wstring& path = L"");
+  using Configure = std::function<void(moru_vyr::lsp::AccConfigRecord*)>;
+
+  // The game's own path, where it matters, and what else the client lists it with.
+  explicit TcpBench(const std::wstring& path = L"", const Configure& configure = nullptr);
 
   // --- the game ---
   // Connected, or INVALID_SOCKET.
