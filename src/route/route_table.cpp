@@ -93,7 +93,7 @@ std::unique_ptr<common::Shared_mem_owner> RouteTable::OpenRegion() noexcept {
 }
 
 std::unique_ptr<const RouteTableImage> RouteTable::LoadFile() noexcept {
-  std::unique_ptr<RouteTableImage> image(new (std::nothrow) RouteTableImage);
+  auto image = std::unique_ptr<RouteTableImage>(new (std::nothrow) RouteTableImage);
   if (image == nullptr ||
       !LoadRouteFromBinFile(GetAccConfig()->route_binary_file_path, image.get(), sizeof *image)) {
     LSP_LOG(5, "[Route][LoadRoute] load route table from file failed!");
