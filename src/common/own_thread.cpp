@@ -9,6 +9,7 @@ namespace common {
 namespace {
 
 constexpr u32 kNameBit = 0x80000000;  // no thread's id has it
+constexpr u32 kClearing = kNameBit;   // nobody's name: the slot is being given back
 constexpr int kMostThreads = 4;       // two at a time, and those that follow them
 constexpr DWORD kForceWaitMs = 100;
 constexpr DWORD kParkMs = 10'000;
@@ -40,10 +41,12 @@ int FindName(u32 name) noexcept {
   return -1;
 }
 
-// A name whose thread is gone may be forgotten by several threads at once.
+// A name whose thread is gone may be forgotten by several threads at once: one of them clears the
+// slot, and only then may a new thread have it.
 void Forget(int slot, u32 name) noexcept {
+  if (!ids.name[slot].compare_exchange_strong(name, kClearing, std::memory_order_acq_rel)) return;
   ids.thread_id[slot].store(0, std::memory_order_relaxed);
-  ids.name[slot].compare_exchange_strong(name, 0, std::memory_order_release);
+  ids.name[slot].store(0, std::memory_order_release);
 }
 
 // Its handle is asked for anew: whoever made the thread may close its own at any time.
@@ -109,9 +112,10 @@ u32 BeginLock() noexcept {
   const int slot = FindThread(thread_id);
   if (slot < 0) return thread_id;
   Holding& own = holding[slot];
-  // In this order: whoever dooms the thread looks at the count afterwards.
-  own.locks.fetch_add(1);
-  if (own.doomed.load()) {
+  // In this order: whoever dooms the thread looks at the count afterwards. A thread that holds a
+  // lock already goes on to let go of it.
+  const bool holds_none = own.locks.fetch_add(1) == 0;
+  if (holds_none && own.doomed.load()) {
     own.locks.fetch_sub(1);
     Sleep(kParkMs);  // is ended here; if it should not be, it goes on
     own.locks.fetch_add(1);

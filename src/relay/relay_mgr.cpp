@@ -39,6 +39,7 @@ bool RelayMgr::CheckAndInit(u32 timeout_ms) noexcept {
 void RelayMgr::StartWorker(u32 timeout_ms) noexcept {
   DWORD id = 0;
   thread_left_.store(false, std::memory_order_relaxed);
+  worker_name_.store(0, std::memory_order_relaxed);
   const HANDLE thread = CreateThread(nullptr, 0, WorkerThread, this, 0, &id);
   if (thread != nullptr) {
     worker_thread_id_.store(id, std::memory_order_relaxed);
@@ -48,8 +49,10 @@ void RelayMgr::StartWorker(u32 timeout_ms) noexcept {
       const u32 now = GetTickCount();
       // Kept: once the counter has wrapped the wait goes on until the worker is ready.
       if (now >= start && now - start >= timeout_ms) break;
-      // A thread that was ended on its way is not waited for.
-      if (WaitForSingleObject(thread, kInitPollMs) == WAIT_OBJECT_0) break;
+      // A thread that was ended on its way is not waited for. Its handle is not asked, since a stop
+      // may close that meanwhile.
+      if (common::HasEnded(worker_name_.load(std::memory_order_relaxed))) break;
+      Sleep(kInitPollMs);
     }
   } else {
     thread_left_.store(true, std::memory_order_relaxed);

@@ -149,6 +149,25 @@ SCENARIO_F(OwnThreads, AreNotEndedInTheMiddleOfWhatALockGuards) {
   EXPECT_TRUE(mutex.try_lock()) << "it was let go";
 }
 
+// Not between two locks either, of which it holds one.
+SCENARIO_F(OwnThreads, ThatHoldOneLockMayStillTakeAnother) {
+  Mutex inner;
+  int begun = 0, finished = 0;
+  Starts([&] {
+    for (;;) {
+      const Lock hold(mutex);
+      ++begun;
+      Sleep(20);
+      const Lock hold_inner(inner);
+      ++finished;
+    }
+  });
+  for (int i = 0; i < 1000 && begun == finished; ++i) RunFor(1ms);
+  ASSERT_NE(begun, finished);
+  EXPECT_LE(MsOf([&] { EndByForce(thread, name); }), 21u);
+  EXPECT_EQ(begun, finished);
+}
+
 // A thread that stands still with a lock in its hands cannot be waited for.
 SCENARIO_F(OwnThreads, AreEndedAllTheSameWhereTheyDoNotLetGo) {
   Starts([&] {
