@@ -59,8 +59,9 @@ class TcpProvider final : public NetProvider {
 
   sockaddr_in local_addr_ = {};  // of the listener; written once, before anyone asks
 
-  // In the order of their accepts, so that equal runs serve them in equal order. At most as many
-  // as there are sockets to poll, which makes a walk cheap enough for each event.
+  // In the order of their accepts, so that equal runs serve them in equal order. Each event walks
+  // over them. They may be more than the sets can poll: a session whose sockets found no place there
+  // is accepted all the same, and waits for the places of others.
   std::vector<std::unique_ptr<TcpSession>> sessions_;
   std::vector<TcpSession*> obsolete_sessions_;  // within one OnUpdate; has room for all
 

@@ -1,8 +1,11 @@
 // One relayed connection of the game: what it sends goes to a node or to the game server, what
 // comes from there goes to the game, as it is and in order.
 //
-// The game is connected at once; its first bytes wait until the far side is ready. A node that
-// fails costs time, never the connection: one other node is tried, then the game server directly.
+// The game is connected at once; its first bytes wait until the far side is ready. A node that is
+// silent, refuses or gives a bad answer costs time: one other node is tried, then the game server
+// directly. Four failures end the connection instead: a connect that the network refuses, a request
+// that cannot be sent, one that would block, and a node that closes while the last error says
+// "would block".
 //
 // Made on the application's thread, used by the worker alone after its accept. The provider owns
 // it, and closes its sockets when it ends. Addresses and ports are in network order. Nothing
