@@ -276,3 +276,11 @@ void WINAPI OutputDebugStringA(LPCSTR text);
 #define GPTR 0x40u
 HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T size);
 HGLOBAL WINAPI GlobalFree(HGLOBAL memory);
+
+#define MEM_COMMIT 0x1000u
+#define MEM_RESERVE 0x2000u
+#define MEM_RELEASE 0x8000u
+// Whole pages at an address of the system's choice, zero, readable and writable: nothing else may
+// be asked for.
+LPVOID WINAPI VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect);
+BOOL WINAPI VirtualFree(LPVOID address, SIZE_T size, DWORD type);  // size 0, MEM_RELEASE

@@ -20,6 +20,7 @@ struct Watched {
 
 std::atomic<bool> watching{false};
 std::atomic<bool> success_keeps_last_error{false};
+std::atomic<DWORD> last_error_of_success{0};
 std::mutex lock;
 
 std::map<std::string, Watched>& Table() {
@@ -56,6 +57,10 @@ void CountCalls() { watching = true; }
 void SuccessKeepsLastError(bool keeps) { success_keeps_last_error = keeps; }
 
 bool DoesSuccessKeepLastError() { return success_keeps_last_error.load(std::memory_order_relaxed); }
+
+void SuccessLeavesLastError(DWORD error) { last_error_of_success = error; }
+
+DWORD LastErrorOfSuccess() { return last_error_of_success.load(std::memory_order_relaxed); }
 
 unsigned CallCount(const std::string& name) {
   std::lock_guard hold(lock);

@@ -27,6 +27,11 @@ void CountCalls();
 void SuccessKeepsLastError(bool keeps);
 bool DoesSuccessKeepLastError();
 
+// The last error that plain socket calls leave when they succeed, from now on; 0, the default. For
+// providers below that set one although nothing has failed.
+void SuccessLeavesLastError(DWORD error);
+DWORD LastErrorOfSuccess();
+
 // Calls of that name since counting began, failed ones included.
 unsigned CallCount(const std::string& name);
 

@@ -15,7 +15,11 @@ SocketLayers& Layers() { return CurrentProcess().layers; }
 // fills it stands among the arguments beside it.
 template <class Result>
 Result Finish(Result result, bool failed, const int& error) {
-  if (failed || !DoesSuccessKeepLastError()) WSASetLastError(failed ? error : 0);
+  if (failed) {
+    WSASetLastError(error);
+  } else if (!DoesSuccessKeepLastError()) {
+    SetLastError(LastErrorOfSuccess());
+  }
   return result;
 }
 

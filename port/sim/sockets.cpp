@@ -194,7 +194,7 @@ int Listen(Socket& socket, int backlog) {
   if (socket.listener) return 0;
   const int places = std::clamp(backlog, 1, kMaxBacklog);
   socket.listener =
-      std::make_shared<TcpListener>(socket.local, static_cast<size_t>(places), socket.buffers);
+      std::make_shared<TcpListener>(socket.local, static_cast<size_t>(places), socket.settings);
   socket.stack().Listen(socket.listener);
   return 0;
 }
@@ -213,7 +213,7 @@ int Accept(Socket& socket, SOCKET* out, Address* peer) {
   accepted->type = socket.type;
   accepted->protocol = socket.protocol;
   accepted->nonblocking = socket.nonblocking;
-  accepted->buffers = socket.buffers;
+  accepted->settings = socket.settings;
   accepted->linger_on = socket.linger_on;
   accepted->linger_seconds = socket.linger_seconds;
   accepted->send_timeout_ms = socket.send_timeout_ms;
@@ -221,6 +221,7 @@ int Accept(Socket& socket, SOCKET* out, Address* peer) {
   accepted->plain_options = socket.plain_options;
   accepted->tcp = listener->ready.front();
   listener->ready.pop_front();
+  accepted->tcp->SetSettings(accepted->settings);
   accepted->local = accepted->tcp->local();
   accepted->peer = *peer = accepted->tcp->remote();
   *out = TheWorld().sockets().Add(accepted);
@@ -258,7 +259,7 @@ int Connect(Socket& socket, const Address& address) {
     if (const int error = Claim(socket, {0, 0})) return error;
   Address local = socket.local;
   if (local.ip == 0) local.ip = socket.stack().SourceFor(address.ip);
-  auto tcp = socket.stack().Connect(local, address, socket.buffers);
+  auto tcp = socket.stack().Connect(local, address, socket.settings);
   if (!tcp) return WSAEADDRINUSE;
   socket.tcp = tcp;
   socket.local = local;

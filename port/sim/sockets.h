@@ -37,7 +37,7 @@ struct Socket {
   bool connect_failed = false;  // shows in the exception set until the next connect
   int pending_error = 0;        // SO_ERROR
   bool send_shut = false, receive_shut = false;
-  TcpConnection::Buffers buffers;
+  TcpConnection::Settings settings;
   bool linger_on = false;
   int linger_seconds = 0;
 

@@ -2,9 +2,11 @@
 //
 // A small TCP over packets that may be lost, doubled or overtaken: cumulative acknowledgement,
 // retransmission with doubling delay, fast retransmission, a window that follows the reader,
-// probes of a closed window, half close, reset. No congestion control, no Nagle: neither shows
-// in what a program can promise or break. Time-outs are Windows': a connect gives up after
-// 3 + 6 + 12 s, data after five retransmissions.
+// probes of a closed window, half close, reset. Small pieces wait for what is under way to be
+// acknowledged unless TCP_NODELAY is set, and an acknowledgement waits for something to ride on,
+// for a second segment, or for 200 ms: together they are what makes a message late. No congestion
+// control: it shows in nothing that a program can promise or break. Time-outs are Windows': a
+// connect gives up after 3 + 6 + 12 s, data after five retransmissions.
 #pragma once
 #include <deque>
 #include <map>
@@ -20,11 +22,14 @@ class TcpListener;
 
 class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
  public:
-  struct Buffers {
+  // What setsockopt has to say about it.
+  struct Settings {
     size_t send = 65536;
     size_t receive = 65536;
+    bool no_delay = false;
   };
-  TcpConnection(Stack& stack, const Address& local, const Address& remote, const Buffers& buffers);
+  TcpConnection(Stack& stack, const Address& local, const Address& remote,
+                const Settings& settings);
 
   // --- the owner's side ---
   void Connect();  // sends the first segment
@@ -37,7 +42,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   // The owner goes. Unread bytes or `abort` reset the connection, else what is queued is still
   // delivered.
   void Release(bool abort);
-  void SetBuffers(const Buffers& buffers);
+  void SetSettings(const Settings& settings);
 
   const Address& local() const { return local_; }
   const Address& remote() const { return remote_; }
@@ -64,8 +69,10 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   uint64_t end_of_data() const { return unacknowledged_ + out_.size(); }
   size_t window() const;
   size_t segment_size() const;
+  bool HoldsBack(size_t piece) const;
   void Emit(uint64_t sequence, std::string data, bool syn, bool fin, bool rst);
   void SendAck() { Emit(next_, {}, false, false, false); }
+  void Acknowledge(bool at_once);
   void SendWhatFits();
   void RetransmitFirst();
   void OnAcknowledged(const Packet& packet);
@@ -81,7 +88,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
 
   Stack& stack_;
   const Address local_, remote_;
-  Buffers buffers_;
+  Settings settings_;
   State state_ = State::kNew;
   int error_ = 0;
   bool released_ = false;
@@ -97,6 +104,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   bool finish_ = false;
   bool finish_sent_ = false;
   uint32_t peer_window_ = 0;
+  uint32_t largest_window_ = 0;  // that the peer has ever announced
   uint64_t peer_stamp_ = 0;
   int duplicates_ = 0;
 
@@ -107,7 +115,9 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   uint64_t finish_at_ = UINT64_MAX;
   bool finished_in_ = false;
   bool stopped_reading_ = false;
-  size_t told_window_ = 0;
+  uint64_t told_edge_ = 0;           // how far the peer may send, as far as it knows
+  int unacknowledged_segments_ = 0;  // that have come since we last said something
+  uint64_t spoken_ = 0;              // segments sent: an acknowledgement that waits has become idle
 
   uint64_t timer_ = 0;  // the newest timer's number; older ones find that they are
   bool timer_armed_ = false;
@@ -119,12 +129,12 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
 
 class TcpListener {
  public:
-  TcpListener(const Address& local, size_t backlog, const TcpConnection::Buffers& buffers)
-      : local_(local), backlog_(backlog), buffers_(buffers) {}
+  TcpListener(const Address& local, size_t backlog, const TcpConnection::Settings& settings)
+      : local_(local), backlog_(backlog), settings_(settings) {}
 
   const Address& local() const { return local_; }
-  const TcpConnection::Buffers& buffers() const { return buffers_; }
-  void SetBuffers(const TcpConnection::Buffers& buffers) { buffers_ = buffers; }
+  const TcpConnection::Settings& settings() const { return settings_; }
+  void SetSettings(const TcpConnection::Settings& settings) { settings_ = settings; }
   bool full() const { return half_open + ready.size() >= backlog_; }
 
   size_t half_open = 0;
@@ -133,7 +143,7 @@ class TcpListener {
  private:
   const Address local_;
   const size_t backlog_;
-  TcpConnection::Buffers buffers_;
+  TcpConnection::Settings settings_;
 };
 
 }  // namespace sim

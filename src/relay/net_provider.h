@@ -5,6 +5,8 @@
 #pragma once
 #include <winsock2.h>
 
+#include <atomic>
+
 #include "common/types.h"
 #include "relay/relay_interfaces.h"
 
@@ -53,7 +55,8 @@ class NetProvider : public INetProvider {
   IRelaySocketMgr* socket_mgr_ = nullptr;
   Route* route_ = nullptr;
   SOCKET local_socket_ = 0;  // the listener, or the datagram socket
-  u16 local_port_ = 0;       // network order
+  // Network order. Any thread may ask for it, also while the worker starts or ends the provider.
+  std::atomic<u16> local_port_{0};
 };
 
 }  // namespace moru_vyr::lsp

@@ -37,8 +37,9 @@ bool MakeNonBlocking(SOCKET s, int* error) noexcept {
   return false;
 }
 
-// A game that sends a message in pieces has said so to its own socket; held back here, the last
-// piece would wait for the peer to confirm the one before, which it may put off for up to 200 ms.
+// Both ends of a relayed connection have said to their own sockets whether small pieces may be held
+// back; held back here, the last piece would wait for the peer to confirm the one before, which it
+// may put off for up to 200 ms. Sockets that a listener accepts have the option from the listener.
 // A provider below that does not know the option costs no connection.
 void SendAtOnce(SOCKET s) noexcept {
   const int on = 1;
@@ -101,6 +102,7 @@ bool CreateTcpSocketAndBind(SOCKET* out, u16* port) noexcept {
     closesocket(s);
     return false;
   }
+  SendAtOnce(s);
   if (out != nullptr) *out = s;
   if (port != nullptr) *port = bound;
   return true;

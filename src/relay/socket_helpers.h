@@ -14,11 +14,12 @@ namespace moru_vyr::lsp {
 // than a port in use, and after 200 ports in use.
 bool BindRandomPort(SOCKET s, bool through_next_provider, u16* port, bool loopback) noexcept;
 
-// A non-blocking stream socket on a random port of 127.0.0.1; the port in network order. Both
-// pointers may be null, and are untouched on failure.
+// A non-blocking stream socket on a random port of 127.0.0.1, to listen on; the port in network
+// order. What it accepts holds no small piece back. Both pointers may be null, and are untouched on
+// failure.
 bool CreateTcpSocketAndBind(SOCKET* out, u16* port) noexcept;
 
-// A non-blocking stream socket that is not bound.
+// A non-blocking stream socket that is not bound and holds no small piece back.
 bool CreateNonBlockTcpSocket(SOCKET* out) noexcept;
 
 // Sets the socket's buffers, in bytes, as far as the system agrees. Nothing if either is 0.

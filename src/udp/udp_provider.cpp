@@ -22,8 +22,10 @@ bool UdpProvider::OnCreateLocalServer() noexcept {
     LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer socket error=%d", error);
     return false;
   }
-  bool result = BindRandomPort(local_socket_, false, &local_port_, true);
+  u16 port = 0;
+  bool result = BindRandomPort(local_socket_, false, &port, true);
   if (result) {
+    local_port_ = port;
     u_long on = 1;
     if (ioctlsocket(local_socket_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
       const int error = WSAGetLastError();

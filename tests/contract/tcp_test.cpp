@@ -171,6 +171,23 @@ TEST(Tcp, AcceptedSocketInheritsNonBlockingMode) {
   }
 }
 
+TEST(Tcp, AcceptedSocketInheritsNoDelay) {
+  for (const int on : {0, 1}) {
+    Owned listener = Listener();
+    EXPECT_EQ(setsockopt(listener, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on),
+                         sizeof on),
+              0);
+    Owned client = Tcp();
+    EXPECT_EQ(Connect(client, LocalPort(listener)), 0);
+    Owned server(accept(listener, nullptr, nullptr));
+    CHECK_NE(static_cast<SOCKET>(server), INVALID_SOCKET);
+    int value = -1, size = sizeof value;
+    CHECK_EQ(getsockopt(server, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char*>(&value), &size),
+             0);
+    CHECK_EQ(value != 0, on != 0);
+  }
+}
+
 TEST(Tcp, NonBlockingCallsSayWouldBlock) {
   Owned listener = Listener();
   SetNonBlocking(listener);
