@@ -63,6 +63,7 @@ struct Options {
   uint64_t max_steps = 20'000'000;
   uint64_t spin_steps = 20'000;       // calls without a wait after which the clock moves by 1 ms
   LinkOptions link;                   // what hosts start with between them
+  bool tcp_saves_segments = false;    // Nagle's rule and delayed acknowledgements, as in life
   bool reuse_socket_handles = false;  // true: a closed handle's number comes back at once
   TraceRing* trace = nullptr;         // null: the world makes its own
 };

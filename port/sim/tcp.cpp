@@ -16,9 +16,11 @@ constexpr Micros kTimeWait = 60'000'000;
 constexpr Micros kOrphanLife = 120'000'000;  // a peer that never closes its side
 constexpr int kDuplicatesThatMeanLoss = 3;
 constexpr Micros kDelayedAck = 200'000;
-constexpr int kSegmentsPerAck = 2;
+constexpr size_t kSegmentsPerAck = 2;
 constexpr size_t kMaxSegment = 1460;
 constexpr size_t kMaxLoopbackSegment = 65495;
+
+bool SavesSegments() { return TheWorld().options().tcp_saves_segments; }
 }  // namespace
 
 TcpConnection::TcpConnection(Stack& stack, const Address& local, const Address& remote,
@@ -65,9 +67,7 @@ size_t TcpConnection::Read(char* out, size_t most, bool peek) {
   const size_t n = in_.Peek(out, most);
   if (peek || n == 0) return n;
   in_.Drop(n);
-  // The room that reading makes is announced by segments, not for each byte.
-  const size_t worth_telling = std::min(kSegmentsPerAck * segment_size(), settings_.receive / 2);
-  if (state_ == State::kOpen && expected_ + window() >= told_edge_ + worth_telling) SendAck();
+  if (state_ == State::kOpen && RoomIsWorthTelling()) SendAck();
   return n;
 }
 
@@ -127,10 +127,19 @@ size_t TcpConnection::segment_size() const {
   return stack_.IsLocal(remote_.ip) ? kMaxLoopbackSegment : kMaxSegment;
 }
 
+// The room that reading makes is announced by segments, not for each byte.
+bool TcpConnection::RoomIsWorthTelling() const {
+  const size_t half = settings_.receive / 2;
+  if (SavesSegments())
+    return expected_ + window() >= told_edge_ + std::min(kSegmentsPerAck * segment_size(), half);
+  const size_t least = std::min(segment_size(), half);  // a window that was all but shut
+  return told_window_ < least && window() >= least;
+}
+
 // Nagle's rule: while something is under way, a piece waits until it makes a segment, or half of
 // what the peer ever had room for. The end of the stream takes it along.
 bool TcpConnection::HoldsBack(size_t piece) const {
-  if (settings_.no_delay || finish_ || unacknowledged_ == next_) return false;
+  if (!SavesSegments() || settings_.no_delay || finish_ || unacknowledged_ == next_) return false;
   return piece < std::min<size_t>(segment_size(), largest_window_ / 2);
 }
 
@@ -149,6 +158,7 @@ void TcpConnection::Emit(uint64_t sequence, std::string data, bool syn, bool fin
   packet.tcp.window = static_cast<uint32_t>(window());
   packet.tcp.connection = connection_;
   packet.tcp.stamp = ++stamp_;
+  told_window_ = window();
   told_edge_ = expected_ + window();
   unacknowledged_segments_ = 0;
   ++spoken_;
@@ -340,7 +350,7 @@ void TcpConnection::OnData(const Packet& packet) {
 }
 
 void TcpConnection::Acknowledge(bool at_once) {
-  if (at_once || ++unacknowledged_segments_ >= kSegmentsPerAck) {
+  if (at_once || !SavesSegments() || ++unacknowledged_segments_ >= kSegmentsPerAck) {
     SendAck();
     return;
   }

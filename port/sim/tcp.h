@@ -2,9 +2,10 @@
 //
 // A small TCP over packets that may be lost, doubled or overtaken: cumulative acknowledgement,
 // retransmission with doubling delay, fast retransmission, a window that follows the reader,
-// probes of a closed window, half close, reset. Small pieces wait for what is under way to be
-// acknowledged unless TCP_NODELAY is set, and an acknowledgement waits for something to ride on,
-// for a second segment, or for 200 ms: together they are what makes a message late. No congestion
+// probes of a closed window, half close, reset. Where the world's options say so, it saves
+// segments: small pieces wait for what is under way to be acknowledged unless TCP_NODELAY is set,
+// and an acknowledgement waits for something to ride on, for a second segment, or for 200 ms.
+// Together they are what makes a message late; elsewhere everything leaves at once. No congestion
 // control: it shows in nothing that a program can promise or break. Time-outs are Windows': a
 // connect gives up after 3 + 6 + 12 s, data after five retransmissions.
 #pragma once
@@ -70,6 +71,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   size_t window() const;
   size_t segment_size() const;
   bool HoldsBack(size_t piece) const;
+  bool RoomIsWorthTelling() const;
   void Emit(uint64_t sequence, std::string data, bool syn, bool fin, bool rst);
   void SendAck() { Emit(next_, {}, false, false, false); }
   void Acknowledge(bool at_once);
@@ -115,9 +117,10 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   uint64_t finish_at_ = UINT64_MAX;
   bool finished_in_ = false;
   bool stopped_reading_ = false;
-  uint64_t told_edge_ = 0;           // how far the peer may send, as far as it knows
-  int unacknowledged_segments_ = 0;  // that have come since we last said something
-  uint64_t spoken_ = 0;              // segments sent: an acknowledgement that waits has become idle
+  size_t told_window_ = 0;
+  uint64_t told_edge_ = 0;              // how far the peer may send, as far as it knows
+  size_t unacknowledged_segments_ = 0;  // that have come since we last said something
+  uint64_t spoken_ = 0;  // segments sent: an acknowledgement that waits has become idle
 
   uint64_t timer_ = 0;  // the newest timer's number; older ones find that they are
   bool timer_armed_ = false;

@@ -466,6 +466,12 @@ SCENARIO_F(SimTcp, ASocketOfAnotherProcessIsNoSocket) {
 // --- small pieces -------------------------------------------------------------------------------
 
 // The client says two small things a millisecond apart; the server hears them, or answers each.
+sim::Options SavingSegments() {
+  sim::Options options;
+  options.tcp_saves_segments = true;
+  return options;
+}
+
 class SimNagle : public TwoHosts {
  protected:
   void Talk(bool no_delay, bool answers) {
@@ -499,23 +505,24 @@ class SimNagle : public TwoHosts {
   std::vector<sim::Duration> heard;
 };
 
-SCENARIO_F(SimNagle, ASecondPieceWaitsUntilTheFirstIsConfirmedWhichTakesItsTime) {
+SCENARIO_WITH_(SimNagle, ASecondPieceWaitsUntilTheFirstIsConfirmedWhichTakesItsTime, SimNagle, 1,
+               SavingSegments()) {
   Talk(false, false);
   EXPECT_EQ(heard, (std::vector<sim::Duration>{10ms, 230ms}));
 }
 
-SCENARIO_F(SimNagle, AnAnswerConfirmsAtOnce) {
+SCENARIO_WITH_(SimNagle, AnAnswerConfirmsAtOnce, SimNagle, 1, SavingSegments()) {
   Talk(false, true);
   EXPECT_EQ(heard, (std::vector<sim::Duration>{10ms, 30ms}));
 }
 
-SCENARIO_F(SimNagle, NothingWaitsWithTheOption) {
+SCENARIO_WITH_(SimNagle, NothingWaitsWithTheOption, SimNagle, 1, SavingSegments()) {
   Talk(true, false);
   EXPECT_EQ(heard, (std::vector<sim::Duration>{10ms, 11ms}));
 }
 
 // Of segments that nobody has read yet, two are confirmed at once, and one after a while.
-SCENARIO_F(SimNagle, SegmentsAreConfirmedByTwos) {
+SCENARIO_WITH_(SimNagle, SegmentsAreConfirmedByTwos, SimNagle, 1, SavingSegments()) {
   for (const size_t segments : {1u, 2u, 3u, 4u}) {
     SCOPED_TRACE(segments);
     const int port = static_cast<int>(80 + segments);
@@ -546,7 +553,7 @@ SCENARIO_F(SimNagle, SegmentsAreConfirmedByTwos) {
 
 // --- the option is the listener's, too ----------------------------------------------------------
 
-SCENARIO_F(SimNagle, AListenerGivesTheOptionToWhatItAccepts) {
+SCENARIO_WITH_(SimNagle, AListenerGivesTheOptionToWhatItAccepts, SimNagle, 1, SavingSegments()) {
   for (const bool no_delay : {false, true}) {
     std::vector<sim::Duration> times;
     ASSERT_TRUE(Run(

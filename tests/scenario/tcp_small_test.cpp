@@ -8,6 +8,12 @@
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
+sim::Options SavingSegments() {
+  sim::Options options;
+  options.tcp_saves_segments = true;
+  return options;
+}
+
 class TcpSmall : public TcpBench {
  protected:
   static constexpr DWORD kGapMs = 5;
@@ -45,7 +51,7 @@ class TcpSmall : public TcpBench {
   const char* const ways_[3] = {kServer, kDirect, kForced};
 };
 
-SCENARIO_F(TcpSmall, AServersMessagesReachTheGameOneByOne) {
+SCENARIO_WITH_(TcpSmall, AServersMessagesReachTheGameOneByOne, TcpSmall, 1, SavingSegments()) {
   serve = [&](SOCKET t, Call* call) {
     HoldNothingBack(t);
     for (int round = 0; round < 3; ++round) {
@@ -65,7 +71,7 @@ SCENARIO_F(TcpSmall, AServersMessagesReachTheGameOneByOne) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpSmall, AGamesMessagesReachItsServerOneByOne) {
+SCENARIO_WITH_(TcpSmall, AGamesMessagesReachItsServerOneByOne, TcpSmall, 1, SavingSegments()) {
   std::vector<sim::Duration> times;
   serve = [&](SOCKET t, Call* call) {
     for (int round = 0; round < 3; ++round) times.push_back(HearThree(t));
