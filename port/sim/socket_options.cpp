@@ -72,6 +72,8 @@ int GetOption(Socket& socket, int level, int option, char* value, int* size) {
       return Put(static_cast<int>(socket.settings.receive), value, size);
     case SO_ACCEPTCONN:
       return Put(socket.listener != nullptr, value, size);
+    case SO_OOBINLINE:
+      return Put(socket.settings.oob_inline, value, size);
     case SO_REUSEADDR:
       return Put(socket.share, value, size);
     case SO_EXCLUSIVEADDRUSE:
@@ -85,8 +87,7 @@ int GetOption(Socket& socket, int level, int option, char* value, int* size) {
     case SO_KEEPALIVE:
     case SO_DEBUG:
     case SO_DONTROUTE:
-    case SO_BROADCAST:
-    case SO_OOBINLINE: {
+    case SO_BROADCAST: {
       const auto at = socket.plain_options.find({level, option});
       return Put(at == socket.plain_options.end() ? 0 : at->second, value, size);
     }
@@ -120,6 +121,10 @@ int SetOption(Socket& socket, int level, int option, const char* value, int size
       socket.settings.receive = static_cast<size_t>(number);
       ApplySettings(socket);
       return 0;
+    case SO_OOBINLINE:
+      socket.settings.oob_inline = number != 0;
+      ApplySettings(socket);
+      return 0;
     case SO_REUSEADDR:
       if (socket.exclusive && number != 0) return WSAEINVAL;
       socket.share = number != 0;
@@ -138,7 +143,6 @@ int SetOption(Socket& socket, int level, int option, const char* value, int size
     case SO_DEBUG:
     case SO_DONTROUTE:
     case SO_BROADCAST:
-    case SO_OOBINLINE:
       socket.plain_options[{level, option}] = number != 0;
       return 0;
     default:

@@ -56,19 +56,28 @@ size_t TcpConnection::room() const {
   return out_.size() >= settings_.send ? 0 : settings_.send - out_.size();
 }
 
-size_t TcpConnection::Write(std::string_view data) {
+size_t TcpConnection::Write(std::string_view data, bool urgent) {
   const size_t n = std::min(data.size(), room());
   out_.Append(data.substr(0, n));
+  if (urgent && n > 0 && n == data.size()) urgent_end_ = end_of_data();
   SendWhatFits();
   return n;
 }
 
 size_t TcpConnection::Read(char* out, size_t most, bool peek) {
+  if (before_urgent_ && *before_urgent_ > 0) most = std::min(most, *before_urgent_);
   const size_t n = in_.Peek(out, most);
   if (peek || n == 0) return n;
   in_.Drop(n);
+  if (before_urgent_) *before_urgent_ -= std::min(n, *before_urgent_);
   if (state_ == State::kOpen && RoomIsWorthTelling()) SendAck();
   return n;
+}
+
+std::optional<char> TcpConnection::ReadUrgent(bool peek) {
+  const std::optional<char> byte = urgent_byte_;
+  if (!peek) urgent_byte_.reset();
+  return byte;
 }
 
 void TcpConnection::FinishWriting() {
@@ -140,6 +149,7 @@ bool TcpConnection::RoomIsWorthTelling() const {
 // what the peer ever had room for. The end of the stream takes it along.
 bool TcpConnection::HoldsBack(size_t piece) const {
   if (!SavesSegments() || settings_.no_delay || finish_ || unacknowledged_ == next_) return false;
+  if (urgent_end_ > next_) return false;
   return piece < std::min<size_t>(segment_size(), largest_window_ / 2);
 }
 
@@ -156,6 +166,7 @@ void TcpConnection::Emit(uint64_t sequence, std::string data, bool syn, bool fin
   packet.tcp.sequence = sequence;
   packet.tcp.acknowledged = expected_;
   packet.tcp.window = static_cast<uint32_t>(window());
+  packet.tcp.urgent = urgent_end_ > sequence ? urgent_end_ : 0;
   packet.tcp.connection = connection_;
   packet.tcp.stamp = ++stamp_;
   told_window_ = window();
@@ -329,6 +340,7 @@ void TcpConnection::OnData(const Packet& packet) {
   }
   // What comes in order, and leaves nothing missing, can wait for its acknowledgement.
   const bool as_expected = begin == expected_ && early_.empty() && !packet.tcp.fin;
+  urgent_behind_ = std::max(urgent_behind_, packet.tcp.urgent);
   if (packet.tcp.fin) finish_at_ = end;
   if (end > expected_ && begin < expected_ + window()) {
     std::string& place = early_[begin];
@@ -360,9 +372,17 @@ void TcpConnection::Acknowledge(bool at_once) {
 }
 
 void TcpConnection::TakeInOrder(std::string_view data) {
-  const size_t n = std::min(data.size(), window());  // beyond it the sender has to try again
-  if (!stopped_reading_) in_.Append(data.substr(0, n));
-  expected_ += n;
+  data = data.substr(0, window());  // beyond it the sender has to try again
+  const uint64_t begin = expected_;
+  expected_ += data.size();
+  if (stopped_reading_) return;
+  const bool urgent = urgent_behind_ > begin && urgent_behind_ <= expected_;
+  const size_t before = urgent ? static_cast<size_t>(urgent_behind_ - begin - 1) : data.size();
+  in_.Append(data.substr(0, before));
+  if (!urgent) return;
+  before_urgent_ = in_.size();
+  if (!settings_.oob_inline) urgent_byte_ = data[before];
+  in_.Append(data.substr(before + (settings_.oob_inline ? 0 : 1)));
 }
 
 void TcpConnection::OnReset() {

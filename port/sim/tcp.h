@@ -7,11 +7,13 @@
 // and an acknowledgement waits for something to ride on, for a second segment, or for 200 ms.
 // Together they are what makes a message late; elsewhere everything leaves at once. No congestion
 // control: it shows in nothing that a program can promise or break. Time-outs are Windows': a
-// connect gives up after 3 + 6 + 12 s, data after five retransmissions.
+// connect gives up after 3 + 6 + 12 s, data after five retransmissions. There is one urgent byte
+// at a time, the latest: one that another follows before it has arrived is an ordinary byte.
 #pragma once
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 
 #include "port/sim/byte_queue.h"
 #include "port/sim/network.h"
@@ -28,6 +30,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
     size_t send = 65536;
     size_t receive = 65536;
     bool no_delay = false;
+    bool oob_inline = false;
   };
   TcpConnection(Stack& stack, const Address& local, const Address& remote,
                 const Settings& settings);
@@ -35,9 +38,13 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   // --- the owner's side ---
   void Connect();  // sends the first segment
   void AcceptFrom(const Packet& syn, const std::shared_ptr<TcpListener>& listener);
-  // As many bytes as the send buffer has room for; 0: none.
-  size_t Write(std::string_view data);
+  // As many bytes as the send buffer has room for; 0: none. Of urgent ones the last is the urgent
+  // byte, if all of them have room.
+  size_t Write(std::string_view data, bool urgent = false);
+  // Stops at the place of an urgent byte, which is not among them unless it is taken inline.
   size_t Read(char* out, size_t most, bool peek);
+  // The urgent byte, if there is one.
+  std::optional<char> ReadUrgent(bool peek);
   void FinishWriting();  // a FIN behind what is queued
   void StopReading();    // what arrives from now on is thrown away
   // The owner goes. Unread bytes or `abort` reset the connection, else what is queued is still
@@ -52,6 +59,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   bool dead() const { return state_ == State::kDead; }
   int error() const { return error_; }  // why it is dead; 0: closed in order
   size_t unread() const { return in_.size(); }
+  bool urgent_waits() const { return urgent_byte_.has_value(); }
   bool at_end() const { return finished_in_ && in_.empty(); }
   size_t room() const;  // in the send buffer
   bool writing_finished() const { return finish_; }
@@ -103,6 +111,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   uint64_t unacknowledged_ = 0;
   uint64_t next_ = 0;
   uint64_t recover_ = 0;  // what was sent when a loss was seen: until there, holes are filled
+  uint64_t urgent_end_ = 0;
   bool finish_ = false;
   bool finish_sent_ = false;
   uint32_t peer_window_ = 0;
@@ -114,6 +123,9 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   ByteQueue in_;
   uint64_t expected_ = 0;
   std::map<uint64_t, std::string> early_;
+  uint64_t urgent_behind_ = 0;           // the number behind the peer's last urgent byte
+  std::optional<char> urgent_byte_;      // not inline, and not read
+  std::optional<size_t> before_urgent_;  // bytes of in_ before its place
   uint64_t finish_at_ = UINT64_MAX;
   bool finished_in_ = false;
   bool stopped_reading_ = false;
