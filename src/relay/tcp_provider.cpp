@@ -29,10 +29,12 @@ bool TcpProvider::OnCreateLocalServer() noexcept {
     return false;
   }
   server->SetProvider(this);
-  if (!CreateTcpSocketAndBind(&local_socket_, &local_port_)) return false;
+  u16 port = 0;
+  if (!CreateTcpSocketAndBind(&local_socket_, &port)) return false;
+  local_port_.store(port, std::memory_order_relaxed);
   AdjustSocketBuff(local_socket_, kListenerBufferSize, kListenerBufferSize);
   local_addr_.sin_family = AF_INET;
-  local_addr_.sin_port = local_port_;
+  local_addr_.sin_port = port;
   local_addr_.sin_addr.s_addr = static_cast<u32>(inet_addr("127.0.0.1"));
   socket_mgr_->AddSocket(local_socket_, server.release());
   const int result = listen(local_socket_, SOMAXCONN);
@@ -49,7 +51,7 @@ void TcpProvider::OnCloseLocalServer() noexcept {
     const std::unique_ptr<IRelaySocketDelegate> server(socket_mgr_->RemoveSocket(local_socket_));
   }
   local_socket_ = INVALID_SOCKET;
-  local_port_ = 0;
+  local_port_.store(0, std::memory_order_relaxed);
 }
 
 bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr,

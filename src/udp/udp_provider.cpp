@@ -22,8 +22,10 @@ bool UdpProvider::OnCreateLocalServer() noexcept {
     LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer socket error=%d", error);
     return false;
   }
-  bool result = BindRandomPort(local_socket_, false, &local_port_, true);
+  u16 port = 0;
+  bool result = BindRandomPort(local_socket_, false, &port, true);
   if (result) {
+    local_port_.store(port, std::memory_order_relaxed);
     u_long on = 1;
     if (ioctlsocket(local_socket_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
       const int error = WSAGetLastError();
@@ -34,7 +36,7 @@ bool UdpProvider::OnCreateLocalServer() noexcept {
   // Kept: also for a socket that has failed, and so the line proves nothing.
   AdjustSocketBuff(local_socket_, kControlBufferSize, kControlBufferSize);
   socket_mgr_->AddSocket(local_socket_, &local_relay_socket_);
-  LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer success, port=%u", ntohs(local_port_));
+  LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer success, port=%u", ntohs(port));
   return result;
 }
 
@@ -48,7 +50,7 @@ void UdpProvider::OnCloseLocalServer() noexcept {
     sessions_.erase(sessions_.begin());
   }
   local_socket_ = INVALID_SOCKET;
-  local_port_ = 0;
+  local_port_.store(0, std::memory_order_relaxed);
 }
 
 UdpSession* UdpProvider::CreateSession(const ProtoRelayOpen& request,
