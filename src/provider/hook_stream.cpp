@@ -27,13 +27,14 @@ void Record(SOCKET s, int type, int protocol, u32 token, WSPPROC_TABLE* table) {
   GetSocketMap().SetNextProcTable(s, table);
 }
 
-// Connects a datagram socket to its relay, whose address stands in *storage, if it is for it.
-void RedirectDatagrams(const SocketRecord& record, ConnectTarget* target, sockaddr_in* storage) {
+// Connects a datagram socket to its relay, whose address stands in *relay, if it is for it. The
+// length stays the application's.
+void RedirectDatagrams(const SocketRecord& record, ConnectTarget* target, RelayName* relay) {
   const sockaddr_in asked = ReadAddress(target->name, target->name_size);
-  target->udp_connect = HandleUdpConnect(record, &asked, storage);
+  target->udp_connect = HandleUdpConnect(record, &asked, relay->address());
   if (!target->udp_connect) return;
-  target->name = reinterpret_cast<const sockaddr*>(storage);
-  target->name_size = sizeof *storage;
+  target->name = relay->name();
+  target->name_size = RelayName::BoundedSize(target->name_size);
 }
 
 void EndRelay(const SocketRecord& record) {
@@ -120,7 +121,7 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
     return SOCKET_ERROR;
   }
   ConnectTarget target{name, namelen};
-  sockaddr_in udp_relay = {};
+  RelayName udp_relay;
   if (IsAllowedRelay(record)) {
     LSP_LOG(4, "WSPConnect:protocol=%d, type=%d, socket=%Id, token=%u", record.protocol,
             record.type, s, record.token);

@@ -76,8 +76,8 @@ bool IsAllowUdpRelayed(const SocketRecord& record, const sockaddr_in* to) noexce
 }
 
 bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
-                         const sockaddr_in* to, sockaddr_in* out_addr,
-                         LPWSATHREADID thread_id) noexcept {
+                         const sockaddr_in* to, sockaddr_in* out_addr, LPWSATHREADID thread_id,
+                         u64* entry) noexcept {
   if (out_addr == nullptr) return false;
   const sockaddr_in* dest = to;
   UdpPackageQueue* queue = nullptr;
@@ -95,15 +95,18 @@ bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD cou
   }
   // Queued before it is sent, so that the worker finds the entry however soon the datagram comes.
   // Kept: a datagram that cannot be queued goes to the relay all the same, and is lost there.
-  if (const auto live = Use(record, queue)) live->Push(buffers, static_cast<u32>(count), dest);
+  if (const auto live = Use(record, queue)) {
+    live->Push(buffers, static_cast<u32>(count), dest, entry);
+  }
   return true;
 }
 
 bool PrepareConnectedUdpSend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
-                             LPWSATHREADID thread_id) noexcept {
+                             LPWSATHREADID thread_id, u64* entry) noexcept {
   if (!record.udp_connect_mode) return false;
   sockaddr_in scratch = {};
-  return PrepareUdpRelaySend(record, buffers, count, &record.handled_addr, &scratch, thread_id);
+  return PrepareUdpRelaySend(record, buffers, count, &record.handled_addr, &scratch, thread_id,
+                             entry);
 }
 
 void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count) noexcept {
@@ -117,6 +120,12 @@ void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count) noexcept {
   sockaddr_in scratch = {};
   queue->FindAddrThenRemove(buffers, static_cast<u32>(count),
                             static_cast<u32>(std::min<u64>(total, UINT32_MAX)), &scratch);
+}
+
+void CancelPendingUdpSend(SOCKET s, u64 entry) noexcept {
+  SocketRecord record;
+  if (!GetSocketMap().Get(s, &record)) return;
+  if (const auto queue = Use(record, record.send_queue)) queue->Remove(entry);
 }
 
 bool RestoreUdpSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr_in* from,
