@@ -37,12 +37,22 @@ void RedirectDatagrams(const SocketRecord& record, ConnectTarget* target, RelayN
   target->name_size = RelayName::BoundedSize(target->name_size);
 }
 
-void EndRelay(const SocketRecord& record) {
+// Whether a datagram socket's relay has heard of the end.
+bool EndRelay(const SocketRecord& record) {
   if (record.type == kSocketTypeDatagram && record.relay_state == kRelayRunning) {
-    CloseUdpRelay(record);
-  } else if (IsRawPing(record)) {
-    GetIcmpVM().RemoveRawSocket(record.socket);
+    return CloseUdpRelay(record);
   }
+  if (IsRawPing(record)) GetIcmpVM().RemoveRawSocket(record.socket);
+  return false;
+}
+
+// Takes the socket out of the map. A relay that was asked for, and has not been told of the end
+// under that token, learns of it here. Only now is it sure whether one was asked for: another
+// thread may have done so since this call began.
+void Forget(SOCKET s, u32 told_token) {
+  SocketRecord last;
+  if (!GetSocketMap().Remove(s, &last) || last.relay_state == kRelayNotAsked) return;
+  if (last.token != told_token) GetRelayMgr().NoteUntoldEnd(last.token);
 }
 
 }  // namespace
@@ -184,11 +194,12 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
   }
   // A stream's relay is not told: it sees the close on its own socket. Kept: it is asked for
   // streams as well, and whichever call comes first starts the relay.
-  if (IsAllowedRelay(record)) EndRelay(record);
+  const bool relay_told = IsAllowedRelay(record) && EndRelay(record);
+  const u32 told_token = relay_told ? record.token : SocketMap::kAnyToken;
   // The record goes first: once the socket is closed below, its value can come back at once as
   // another thread's new socket, whose record must not be ours to erase.
   GetSocketErrorFilter().Forget(record.token);
-  GetSocketMap().Remove(s);
+  Forget(s, told_token);
   const int result = next->lpWSPCloseSocket(s, lpErrno);
   LSP_LOG(4, "WSPCloseSocket: ret=%d, err=%d, protocol=%d, type=%d, socket=%Id, token=%u", result,
           ErrorOf(lpErrno), record.protocol, record.type, s, record.token);

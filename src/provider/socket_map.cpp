@@ -33,10 +33,14 @@ bool SocketMap::Add(SOCKET socket, int type, int protocol, u32 token) noexcept {
   }
 }
 
-bool SocketMap::Remove(SOCKET socket) noexcept {
+bool SocketMap::Remove(SOCKET socket, SocketRecord* last) noexcept {
   if (socket == INVALID_SOCKET) return false;
   common::Lock hold(lock_);
-  return records_.erase(socket) != 0;
+  const auto found = records_.find(socket);
+  if (found == records_.end()) return false;
+  if (last != nullptr) *last = found->second;
+  records_.erase(found);
+  return true;
 }
 
 bool SocketMap::Get(SOCKET socket, SocketRecord* out) const noexcept {

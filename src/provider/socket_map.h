@@ -67,7 +67,7 @@ class SocketMap {
   // True where the socket has a record afterwards: a fresh one, or the one it had, which is
   // left as it stands, stale fields and all. False for INVALID_SOCKET and when out of memory.
   bool Add(SOCKET socket, int type, int protocol, u32 token) noexcept;
-  bool Remove(SOCKET socket) noexcept;
+  bool Remove(SOCKET socket, SocketRecord* last = nullptr) noexcept;  // *last: as it went
   bool Get(SOCKET socket, SocketRecord* out) const noexcept;
 
   bool SetNextProcTable(SOCKET socket, WSPPROC_TABLE* table) noexcept;  // refuses a null table

@@ -31,22 +31,33 @@ std::shared_ptr<UdpPackageQueue> Use(const SocketRecord& record,
   return queue != nullptr ? GetRelayMgr().UseQueue(queue, record.token) : nullptr;
 }
 
-// The socket's first datagram for the relay. Two threads may both come here for one socket: the
-// relay answers one of them, and the other's failure may have the last word.
+enum class Asked { kRelayed, kRefused, kSocketGone };
+
+// Asks for the socket's relay and keeps what came of it with the socket. Two threads may both come
+// here for one socket: the relay answers one of them, and the other's failure may have the last
+// word. A socket that was closed meanwhile could not know of the session that it may have by now.
+Asked AskForRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
+                  UdpPackageQueue** send_queue, LPWSATHREADID thread_id) noexcept {
+  UdpPackageQueue* recv_queue = nullptr;
+  const bool relayed = RequestUdpRelay(record, to, thread_id, out_addr, send_queue, &recv_queue);
+  const bool kept = relayed
+                        ? GetSocketMap().SetRelayAddr(record.socket, out_addr, *send_queue,
+                                                      recv_queue, record.token)
+                        : GetSocketMap().SetRelayState(record.socket, kRelayRefused, record.token);
+  if (!kept) GetRelayMgr().NoteUntoldEnd(record.token);
+  if (!relayed) return Asked::kRefused;
+  return kept ? Asked::kRelayed : Asked::kSocketGone;
+}
+
+// The socket's first datagram for the relay.
 bool StartRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
                 UdpPackageQueue** send_queue, LPWSATHREADID thread_id) noexcept {
-  UdpPackageQueue* recv_queue = nullptr;
-  if (!RequestUdpRelay(record, to, thread_id, out_addr, send_queue, &recv_queue)) {
-    GetSocketMap().SetRelayState(record.socket, kRelayRefused, record.token);
-    return false;
-  }
-  if (!GetSocketMap().SetRelayAddr(record.socket, out_addr, *send_queue, recv_queue,
-                                   record.token)) {
+  const Asked asked = AskForRelay(record, to, out_addr, send_queue, thread_id);
+  if (asked == Asked::kSocketGone) {
     LSP_LOG(5, "[UDP] WSPSendTo: SetRelayAddr failed, socket=%Id, token=%u", record.socket,
             record.token);
-    return false;
   }
-  return true;
+  return asked == Asked::kRelayed;
 }
 
 }  // namespace
@@ -159,16 +170,12 @@ bool HandleUdpConnect(const SocketRecord& record, const sockaddr_in* addr,
   if (record.relay_state != kRelayNotAsked) return false;
   WSATHREADID thread{GetCurrentThread(), 0};
   UdpPackageQueue* send_queue = nullptr;
-  UdpPackageQueue* recv_queue = nullptr;
-  if (!RequestUdpRelay(record, addr, &thread, out_addr, &send_queue, &recv_queue)) {
-    GetSocketMap().SetRelayState(record.socket, kRelayRefused, record.token);
-    return false;
-  }
-  if (!GetSocketMap().SetRelayAddr(record.socket, out_addr, send_queue, recv_queue, record.token)) {
+  const Asked asked = AskForRelay(record, addr, out_addr, &send_queue, &thread);
+  if (asked == Asked::kSocketGone) {
     LSP_LOG(5, "[UDP] HandleUdpConnect:SetRelayAddr failed, socket=%Id, token=%u", record.socket,
             record.token);
-    return false;
   }
+  if (asked != Asked::kRelayed) return false;
   GetSocketMap().SetUdpConnectMode(record.socket, true, record.token);
   return true;
 }

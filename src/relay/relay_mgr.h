@@ -56,6 +56,10 @@ class RelayMgr final : public IRelaySocketMgr {
   // gone.
   std::shared_ptr<UdpPackageQueue> UseQueue(const UdpPackageQueue* queue, u32 token) const noexcept;
 
+  // The game's socket of that token is gone, and could not say so at the control port: see
+  // UdpProvider::NoteUntoldEnd.
+  void NoteUntoldEnd(u32 token) noexcept { udp_provider_.NoteUntoldEnd(token); }
+
   u32 AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept override;
   u32 EnableWrite(SOCKET socket) noexcept override;
   IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;

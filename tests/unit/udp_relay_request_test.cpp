@@ -124,7 +124,7 @@ TEST_F(ControlMessages, TheEndIsToldInThirteenBytesFromTheSocketItself) {
   IsRelayed();
   next.bytes = 13;
   test::LogCapture log(0);
-  CloseUdpRelay(record);
+  EXPECT_TRUE(CloseUdpRelay(record));
   ExpectSentToTheControlPort(13);
   const auto message = SentMessage<ProtoRelayClose>();
   EXPECT_EQ(u32{message.magic}, 0xC13F0253u);
@@ -141,34 +141,34 @@ TEST_F(ControlMessages, AnEndThatCannotBeToldIsOnlyLogged) {
   IsRelayed();
   next.bytes = 12;
   test::LogCapture log(5);
-  CloseUdpRelay(record);
+  EXPECT_FALSE(CloseUdpRelay(record));
   EXPECT_TRUE(
       log.Contains("[5][lsp][UDP] CloseUdpRelay: sendto, bytes(12)!=13, socket=4660, token=4711\n"))
       << log.Text();
   next.result = -1;
   next.error = 10035;
-  CloseUdpRelay(record);
+  EXPECT_FALSE(CloseUdpRelay(record));
   EXPECT_TRUE(
       log.Contains("[5][lsp][UDP] CloseUdpRelay: sendto, error=10035, socket=4660, token=4711\n"));
   EXPECT_EQ(next.calls.size(), 2u) << "nothing is tried again";
 }
 
 TEST_F(ControlMessages, OnlyTheEndOfARelayIsTold) {
-  CloseUdpRelay(record);
+  EXPECT_FALSE(CloseUdpRelay(record));
   IsRelayed();
   record.relay_state = kRelayRefused;
-  CloseUdpRelay(record);
+  EXPECT_FALSE(CloseUdpRelay(record));
   IsRelayed();
   record.relay_addr.sin_port = 0;
-  CloseUdpRelay(record);
+  EXPECT_FALSE(CloseUdpRelay(record));
   IsRelayed();
   record.relay_addr.sin_addr.s_addr = 0;
-  CloseUdpRelay(record);
+  EXPECT_FALSE(CloseUdpRelay(record));
   IsRelayed();
   table.lpWSPSendTo = nullptr;
-  CloseUdpRelay(record);
+  EXPECT_FALSE(CloseUdpRelay(record));
   record.next_proc_table = nullptr;
-  CloseUdpRelay(record);
+  EXPECT_FALSE(CloseUdpRelay(record));
   EXPECT_TRUE(next.calls.empty());
 }
 
