@@ -1,5 +1,6 @@
 #include "port/shared/faults.h"
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <vector>
@@ -20,6 +21,8 @@ struct Watched {
 
 std::atomic<bool> watching{false};
 std::atomic<bool> success_keeps_last_error{false};
+std::atomic<unsigned> reads_to_short_one{0};  // counts down; 0: off
+std::atomic<DWORD> short_read_bytes{0};
 std::mutex lock;
 
 std::map<std::string, Watched>& Table() {
@@ -48,7 +51,18 @@ void FailCall(const std::string& name, unsigned nth, DWORD error) {
 void ClearFaults() {
   std::lock_guard hold(lock);
   watching = false;
+  reads_to_short_one = 0;
   Table().clear();
+}
+
+void ShortRead(unsigned nth, DWORD bytes) {
+  short_read_bytes = bytes;
+  reads_to_short_one = nth;
+}
+
+DWORD SizeToRead(DWORD size) {
+  if (reads_to_short_one == 0 || --reads_to_short_one != 0) return size;
+  return std::min<DWORD>(size, short_read_bytes);
 }
 
 void CountCalls() { watching = true; }

@@ -18,6 +18,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,8 @@ class SocketTable;
 class Stack;
 class Thread;
 struct Faults;
+
+using ViewLook = std::function<void(std::span<const uint8_t> view, bool is_new)>;
 
 // One direction of a link. Every probability is 0 … 1 and drawn for each packet.
 struct LinkOptions {
@@ -156,6 +159,13 @@ class World {
   void Kill(Process& process, DWORD exit_code = 1);
   // The same at the moment when a thread of the process gets the named mutex.
   void KillWhenItHolds(Process& process, const std::string& mutex);
+  // The same between two instructions of a copy: at the process's n-th write from now on into views
+  // of that mapping. The copy's later writes do not happen.
+  void KillAtWrite(Process& process, const std::string& mapping, unsigned nth);
+  // Calls `look` when a thread of that process (null: of any) has mapped a view of that mapping,
+  // with true, and after each instruction of the thread until it unmaps the view, with false. What
+  // it may do: see port/shared/single_step.h.
+  void WatchView(Process* process, const std::string& mapping, ViewLook look);
   void ReuseSocketHandles(bool reuse);
 
   // --- looking ---
