@@ -14,6 +14,8 @@ constexpr int kBindTries = 200;
 constexpr u32 kFirstPort = 1025;
 constexpr u32 kPortCount = 64506;  // 1025 to 65530
 
+// From the secure generator. The runtime's own belongs to the host and is not even seeded: no port
+// would come of it, and the game would draw other numbers than it counts on.
 u16 DrawPort() noexcept {
   unsigned int drawn = 0;
   rand_s(&drawn);
@@ -37,9 +39,9 @@ bool MakeNonBlocking(SOCKET s, int* error) noexcept {
   return false;
 }
 
-// A game that sends a message in pieces has said so to its own socket; held back here, the last
-// piece would wait for the peer to confirm the one before, which it may put off for up to 200 ms.
-// A provider below that does not know the option costs no connection.
+// Guard: a game that sends a message in pieces has said so to its own socket; held back here, the
+// last piece would wait for the peer to confirm the one before, which it may put off for up to 200
+// ms. A provider below that does not know the option costs no connection.
 void SendAtOnce(SOCKET s) noexcept {
   const int on = 1;
   setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
@@ -65,7 +67,6 @@ bool BindRandomPort(SOCKET s, bool through_next_provider, u16* port, bool loopba
     next = GetSocketMap().GetNextProcTable(s, nullptr, nullptr);
     if (next == nullptr || next->lpWSPBind == nullptr) return false;
   }
-  std::srand(GetTickCount());  // kept, though the ports below do not come from that generator
   for (int i = 0; i < kBindTries; ++i) {
     const u16 drawn = DrawPort();
     address.sin_port = htons(drawn);
