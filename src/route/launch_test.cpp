@@ -9,7 +9,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// The copy has the key that was asked for and whole texts, whatever a writer without manners
+// Guard: the copy has the key that was asked for and whole texts, whatever a writer without manners
 // does to the record meanwhile.
 bool CopyRecord(const LaunchTestRegion& region, u32 game_idc, GltRouteInfo* out) noexcept {
   const u32 valid_count = region.valid_count;
@@ -36,7 +36,7 @@ bool LaunchTest::OpenRegion() noexcept {
   if (glt_mem_ != nullptr) return true;
   try {
     if (!common::Shared_mem_obj::Exists(kLaunchTestRegionName)) {
-      LSP_LOG(4,
+      LSP_LOG(5,
               "[Route][LoadGltRouteInfoFromShare] open glt table from shared memory failed,share "
               "mem is not exist!");
       return false;
@@ -45,14 +45,14 @@ bool LaunchTest::OpenRegion() noexcept {
         kLaunchTestRegionName, sizeof(LaunchTestRegion), kLaunchTestMutexName, false);
     return true;
   } catch (const std::bad_alloc&) {
-    LSP_LOG(4, "[Route][LoadGltRouteInfoFromShare] open glt table from shared memory failed!");
+    LSP_LOG(5, "[Route][LoadGltRouteInfoFromShare] open glt table from shared memory failed!");
     return false;
   }
 }
 
 bool LaunchTest::LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noexcept {
   if (out == nullptr) {
-    LSP_LOG(4, "[Route][LoadGltRouteInfoFromShare] Invalid glt route info pointer");
+    LSP_LOG(5, "[Route][LoadGltRouteInfoFromShare] Invalid glt route info pointer");
     return false;
   }
   const common::Lock hold(lock_);
@@ -62,7 +62,7 @@ bool LaunchTest::LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noex
                                                             true);
   const common::Shared_mem_closer closer(glt_mem_.get());
   if (!view) {
-    LSP_LOG(4,
+    LSP_LOG(5,
             "[Route][LoadGltRouteInfoFromShare] attampt to open glt route sharing region but "
             "failed!");
     return false;

@@ -13,7 +13,8 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// Counts are read once: the client program may be writing them.
+// Guard: counts are read once, since the client program may be writing them, and bounded by their
+// arrays. (That the routes are is part of the format; of the proxies nobody asks it.)
 std::span<const RouteEntry> RoutesOf(const RouteSet& set) noexcept {
   const u32 count = set.route_count;
   return {set.routes, std::min(count, kMaxRoutes)};
