@@ -29,8 +29,8 @@ unsigned PointerBits(T* pointer) {
   return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(pointer));
 }
 
-// As much of an address as the application says there is, the rest zero. Kept: the family is not
-// looked at.
+// Guard: as much of an address as the application says there is, the rest zero. Kept: the family is
+// not looked at.
 sockaddr_in ReadAddress(const sockaddr* name, int name_size) noexcept;
 
 // An address as a log line prints it.
@@ -39,7 +39,7 @@ struct AddressText {
   int port;  // host order
 };
 
-// Reads the address as IPv4. A name too short to hold one prints as 0.0.0.0:0, whatever it
+// Reads the address as IPv4. Guard: a name too short to hold one prints as 0.0.0.0:0, whatever it
 // says, and a null one as "NULL" and 0.
 AddressText DescribeAddress(const sockaddr* name, int name_size);
 // The same for a place where a call has put an address and its size.

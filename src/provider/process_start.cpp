@@ -41,7 +41,7 @@ void BuildGlobals() {
 void FillProcessInfo() {
   wchar_t wide_path[260] = {};
   GetModuleFileNameW(nullptr, wide_path, 260);
-  wide_path[259] = 0;  // a path that was cut need not be terminated
+  wide_path[259] = 0;  // Guard: a path that was cut need not be terminated
   std::string path;
   std::string name;
   if (!common::u16to8(wide_path, &path)) return;
