@@ -1,6 +1,7 @@
 #include "port/shared/single_step.h"
 
 #include <signal.h>
+#include <ucontext.h>
 
 #include <cerrno>
 
@@ -14,11 +15,19 @@
 namespace port {
 namespace {
 
-thread_local const std::function<void()>* look_of_this_thread = nullptr;
+thread_local const std::function<bool()>* look_of_this_thread = nullptr;
 
-void OnTrap(int, siginfo_t*, void*) {
+constexpr unsigned kTrapFlag = 0x100;
+
+void OnTrap(int, siginfo_t*, void* context) {
   const int error = errno;
-  if (look_of_this_thread != nullptr) (*look_of_this_thread)();
+  if (look_of_this_thread != nullptr && !(*look_of_this_thread)()) look_of_this_thread = nullptr;
+#if VYR_CAN_STEP
+  auto& flags = static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL];
+  if (look_of_this_thread == nullptr) flags &= ~static_cast<greg_t>(kTrapFlag);
+#else
+  (void)context;
+#endif
   errno = error;
 }
 
@@ -31,7 +40,6 @@ void CatchTraps() {
 
 void SetTrapFlag(bool on) {
 #if VYR_CAN_STEP
-  constexpr unsigned kTrapFlag = 0x100;
   const auto flags = __readeflags();
   __writeeflags(on ? flags | kTrapFlag : flags & ~decltype(flags){kTrapFlag});
 #else
@@ -43,7 +51,7 @@ void SetTrapFlag(bool on) {
 
 bool CanStep() { return VYR_CAN_STEP != 0; }
 
-void BeginSteps(const std::function<void()>* look) {
+void BeginSteps(const std::function<bool()>* look) {
   static const bool caught = (CatchTraps(), true);
   (void)caught;
   look_of_this_thread = look;

@@ -42,7 +42,7 @@ class Stack;
 class Thread;
 struct Faults;
 
-using ViewLook = std::function<void(std::span<const uint8_t> view, bool is_new)>;
+using ViewLook = std::function<bool(std::span<const uint8_t> view, bool is_new)>;
 
 // One direction of a link. Every probability is 0 … 1 and drawn for each packet.
 struct LinkOptions {
@@ -163,8 +163,9 @@ class World {
   // of that mapping. The copy's later writes do not happen.
   void KillAtWrite(Process& process, const std::string& mapping, unsigned nth);
   // Calls `look` when a thread of that process (null: of any) has mapped a view of that mapping,
-  // with true, and after each instruction of the thread until it unmaps the view, with false. What
-  // it may do: see port/shared/single_step.h.
+  // with true, and after each instruction of the thread until it unmaps the view, with false, or
+  // until `look` says false: it has seen enough of this view. What it may do: see
+  // port/shared/single_step.h.
   void WatchView(Process* process, const std::string& mapping, ViewLook look);
   void ReuseSocketHandles(bool reuse);
 

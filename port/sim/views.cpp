@@ -15,11 +15,11 @@ thread_local const void* watched_view = nullptr;
 
 void Begin(const ViewWatch& watch, const Thread& self, std::span<const uint8_t> view) {
   watched_view = view.data();
-  watch.look(view, true);
+  if (!watch.look(view, true)) return;
   // Steps go on while the thread waits for its turn; what it sees then is not its own doing.
-  static thread_local std::function<void()> look;
+  static thread_local std::function<bool()> look;
   look = [&watch, &self, view] {
-    if (&TheWorld().scheduler().current() == &self) watch.look(view, false);
+    return &TheWorld().scheduler().current() != &self || watch.look(view, false);
   };
   port::BeginSteps(&look);
 }
@@ -37,9 +37,10 @@ void World::KillAtWrite(Process& process, const std::string& mapping, unsigned n
   auto seen = std::make_shared<std::vector<uint8_t>>();
   WatchView(&process, mapping, [=, this, &process](std::span<const uint8_t> view, bool is_new) {
     if (is_new) seen->assign(view.begin(), view.end());
-    if (std::memcmp(seen->data(), view.data(), view.size()) == 0) return;
+    if (std::memcmp(seen->data(), view.data(), view.size()) == 0) return true;
     std::copy(view.begin(), view.end(), seen->begin());
     if (*left > 0 && --*left == 0) Kill(process);
+    return true;
   });
 }
 

@@ -55,7 +55,8 @@ inline void StepThrough(const std::function<void()>& body, const std::function<v
   internal::look = nullptr;  // the last step finds nobody who looks, and sets no flag for a next
   RemoveVectoredExceptionHandler(handler);
 #else
-  port::BeginSteps(&look);
+  const std::function<bool()> go_on = [&look] { return look(), true; };
+  port::BeginSteps(&go_on);
   body();
   port::EndSteps();
 #endif
