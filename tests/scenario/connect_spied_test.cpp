@@ -27,6 +27,7 @@ std::vector<Connect>* connects = nullptr;
 LPWSPCONNECT real_connect = nullptr;
 LPWSPIOCTL real_ioctl = nullptr;
 LPFN_CONNECTEX real_connect_ex = nullptr;
+bool named_its_thread = false;  // the last question for a function
 
 void Note(SOCKET s, const struct sockaddr* name, int size) {
   sockaddr_in address = {};
@@ -56,6 +57,7 @@ int WSPAPI SpyIoctl(SOCKET s, DWORD code, LPVOID in, DWORD in_size, LPVOID out, 
   const int result = real_ioctl(s, code, in, in_size, out, out_size, returned, overlapped,
                                 completion, thread, error);
   if (code == SIO_GET_EXTENSION_FUNCTION_POINTER && result == 0) {
+    named_its_thread = thread != nullptr && thread->ThreadHandle == GetCurrentThread();
     std::memcpy(&real_connect_ex, out, sizeof real_connect_ex);
     const LPFN_CONNECTEX spy = SpyConnectEx;
     std::memcpy(out, &spy, sizeof spy);
@@ -174,6 +176,7 @@ SCENARIO_F(ConnectSpied, ConnectExHasTheLengthOfWhatItNames) {
     seen.clear();
     const SOCKET relayed = Tcp();
     EXPECT_EQ(ConnectsExWith(relayed, kServer, size), FALSE);
+    EXPECT_TRUE(named_its_thread);
     ASSERT_FALSE(seen.empty());
     EXPECT_TRUE(ToRelay(seen[0]));
     EXPECT_EQ(seen[0].size, 16) << size;
@@ -213,6 +216,20 @@ SCENARIO_F(ConnectSpied, ConnectExLeavesDatagramsAlone) {
   EXPECT_TRUE(Logged("dest=198.51.100.10:27015, port=0, socket=" + std::to_string(s)));
 }
 
+// Nor does it make a raw socket one whose pings are answered here.
+SCENARIO_F(ConnectSpied, ConnectExLeavesRawSocketsAlone) {
+  const SOCKET s = Ping();
+  EXPECT_EQ(ConnectsExWith(s, kServer, 16), FALSE);
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].to, "198.51.100.10:27015");
+  EXPECT_FALSE(RecordOf(s).handled);
+  EXPECT_TRUE(Logged("[4][lsp]WSPConnectEx: protocol=1, type=3, socket=")) << log_text();
+  EXPECT_FALSE(Logged("RequestTcpRelaySession"));
+  const test::LogCapture log(0);
+  SendText(s, std::string("\x08\0\xf7\xff\0\0\0\0", 8));
+  EXPECT_FALSE(log.Contains("CheckinConnectionPingRequest"));
+}
+
 // --- what is said of it ---------------------------------------------------------------------
 
 SCENARIO_F(ConnectSpied, ARelayedConnectIsToldAtTheLevelsOfItsEvents) {
@@ -222,6 +239,8 @@ SCENARIO_F(ConnectSpied, ARelayedConnectIsToldAtTheLevelsOfItsEvents) {
       "socket=" + std::to_string(s) + ", token=" + std::to_string(record.token) + "\n";
   const std::string port = std::to_string(ntohs(record.local_port));
   EXPECT_TRUE(Logged("[4][lsp]WSPConnect:protocol=6, type=1, " + tail)) << log_text();
+  EXPECT_TRUE(Logged("[4][lsp][TCP]RequestTcpRelaySession: port=" + port + ", " + tail));
+  EXPECT_TRUE(Logged("[TCP]RequestTcpRelaySession: CreateNewSession succeed, " + tail));
   EXPECT_TRUE(Logged("[4][lsp]WSPConnect: RequestTcpRelaySession is relayed. relay=" + seen[0].to +
                      ", " + tail))
       << log_text();
@@ -247,6 +266,21 @@ SCENARIO_F(ConnectSpied, ARelayedConnectExIsToldAtTheLevelsOfItsEvents) {
                      ", " + tail))
       << log_text();
   closesocket(s);
+}
+
+// The policy is asked about the socket by its own kind, value and token.
+SCENARIO_F(ConnectSpied, TheAnswerOfThePolicyNamesTheSocketThatAsked) {
+  for (const auto& [server, answer] : {std::pair(kServer, "true"), std::pair(kUnlisted, "false")}) {
+    const SOCKET s = Tcp();
+    const test::LogCapture log(0);
+    EXPECT_EQ(ConnectsWith(s, server, 16), 0);
+    const std::string names =
+        "socket=" + std::to_string(s) + ", token=" + std::to_string(RecordOf(s).token) + "\n";
+    EXPECT_TRUE(log.Contains(std::string("[0][lsp]IsAllowConnect result=") + answer +
+                             ", type=1, port=27015, " + names))
+        << log.Text();
+    closesocket(s);
+  }
 }
 
 }  // namespace

@@ -151,4 +151,11 @@ SCENARIO_F(NetProbeStart, ReplacesTheRecordThatTheClientHasOfIt) {
   EXPECT_EQ(std::memcmp(GetAccConfig(), &expected, sizeof expected), 0);
 }
 
+SCENARIO_F(ProcessStart, OfAProgramWhoseNameOnlyEndsInNetProbeIsNotServed) {
+  game.Is(L"C:\\tools\\my_net_probe.exe", "my_net_probe.exe -test");
+  EXPECT_EQ(game.Start(IPPROTO_TCP), 0);
+  EXPECT_TRUE(game.GotBaseTable()) << game.AllTraces();
+  EXPECT_EQ(GetAccConfig()->net_mode, 0u);
+}
+
 }  // namespace

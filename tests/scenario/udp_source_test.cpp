@@ -11,6 +11,7 @@ using namespace udp_test;       // NOLINT
 using namespace moru_vyr::lsp;  // NOLINT
 
 LPWSPRECVFROM real_recv_from = nullptr;
+int fails_with = 0;  // where not 0: with this, after all has been handed out
 
 // A next provider that hands out as much of the source as there is room for, and says how much.
 int WSPAPI RecvFromWithWhatFits(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received,
@@ -25,7 +26,9 @@ int WSPAPI RecvFromWithWhatFits(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD
   if (result != 0 || from == nullptr || from_size == nullptr) return result;
   *from_size = std::min(*from_size, whole_size);
   if (*from_size > 0) std::memcpy(from, &whole, static_cast<size_t>(*from_size));
-  return result;
+  if (fails_with == 0) return 0;
+  *error = fails_with;
+  return SOCKET_ERROR;
 }
 
 class UdpSource : public UdpSpiedBench {
@@ -83,6 +86,31 @@ SCENARIO_F(UdpSource, IsNotLookedForWhereNobodyAsks) {
   ASSERT_TRUE(ReadableWithin(s, 1000));
   char bytes[100];
   EXPECT_EQ(recvfrom(s, bytes, sizeof bytes, 0, nullptr, nullptr), 5);
+  EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).recv_queue), "198.51.100.10:27015");
+}
+
+// A provider that answers without a size has written no address either.
+SCENARIO_F(UdpSource, IsNotLookedForWhereTheGameGivesNoSize) {
+  EXPECT_EQ(Sends(s, "again"), 0);
+  ASSERT_TRUE(ReadableWithin(s, 1000));
+  char bytes[100];
+  sockaddr_in place = {};
+  EXPECT_EQ(recvfrom(s, bytes, sizeof bytes, 0, Raw(place), nullptr), 5);
+  EXPECT_EQ(place.sin_port, 0);
+  EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).recv_queue), "198.51.100.10:27015");
+}
+
+// A datagram that was cut fails the call, whatever has been handed out with it.
+SCENARIO_F(UdpSource, IsNotLookedForWhereTheCallFails) {
+  EXPECT_EQ(Sends(s, "again"), 0);
+  ASSERT_TRUE(ReadableWithin(s, 1000));
+  fails_with = WSAEMSGSIZE;
+  char bytes[100];
+  sockaddr_in place = {};
+  int size = sizeof place;
+  EXPECT_EQ(ErrorOf(recvfrom(s, bytes, sizeof bytes, 0, Raw(place), &size)), WSAEMSGSIZE);
+  fails_with = 0;
+  EXPECT_EQ(place.sin_port, RecordOf(s).relay_addr.sin_port);
   EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).recv_queue), "198.51.100.10:27015");
 }
 
