@@ -13,6 +13,7 @@
 #include "port/sim/scenario.h"
 #include "provider/base_startup.h"
 #include "provider/catalogue.h"
+#include "provider/provider_loader.h"
 #include "provider/provider_match.h"
 #include "tests/scenario/game_process.h"
 
@@ -153,6 +154,122 @@ SCENARIO(ChainEdges, EachProtocolKeepsTheUpcallsOfItsStart) {
     EXPECT_EQ(game.Start(protocol), 0);
     EXPECT_EQ(std::memcmp(slot, &game.upcalls, sizeof game.upcalls), 0) << protocol;
   }
+}
+
+// --- the next provider's file -----------------------------------------------------------------
+
+// As the catalogue gives it: 258 characters and their end, whatever they expand to.
+SCENARIO(ChainEdges, TheLongestPathOfTheCatalogueIsRead) {
+  GameProcess game;
+  for (const std::size_t size : {std::size_t{258}, std::size_t{259}}) {
+    const std::wstring path = L"C:\\" + std::wstring(size - 9, L'e') + L"\\a.dll";
+    ASSERT_EQ(path.size(), size);
+    port::RegisterModule(path, {});
+    port::SetProviderPath(kForeignGuid, path);
+    LspProvider provider{};
+    provider.next_provider.ProviderId = kForeignGuid;
+    int error = 0;
+    EXPECT_FALSE(LoadProviderPath(&provider, &error));  // it has no start function
+    EXPECT_EQ(provider.module != nullptr, size == 258) << size;
+    EXPECT_EQ(game.Traced("LoadProviderPath: WSCGetProviderPath failed: 10014"), size == 259);
+  }
+}
+
+SCENARIO(ChainEdges, AFileThatIsLoadedLeavesNoError) {
+  GameProcess game;
+  LspProvider provider{};
+  provider.next_provider.ProviderId = kForeignGuid;
+  int error = 7;
+  EXPECT_TRUE(LoadProviderPath(&provider, &error)) << game.AllTraces();
+  EXPECT_EQ(error, 0);
+  EXPECT_NE(provider.start_function, nullptr);
+}
+
+// It is the next provider that refuses, and its name that support must read.
+SCENARIO(ChainEdges, ARefusalIsTracedUnderTheNextProvidersName) {
+  GameProcess game;
+  game.LayerOverForeign();
+  auto catalogue = port::Catalogue();
+  for (WSAPROTOCOL_INFOW& entry : catalogue) {
+    std::wcscpy(entry.szProtocol, entry.dwCatalogEntryId == kForeign ? L"Below" : L"Ours");
+  }
+  port::SetCatalogue(catalogue);
+  Foreign().result = 10055;
+  EXPECT_EQ(game.Start(6), 0);
+  EXPECT_TRUE(game.Traced("Below::InitializeProvider failed: 10055")) << game.AllTraces();
+}
+
+// --- which entry is meant ---------------------------------------------------------------------
+
+// Two layered entries for streams over two providers, one for datagrams, and nothing above.
+class MatchEdges : public sim::ScenarioTest {
+ protected:
+  MatchEdges() {
+    catalogue = {MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {}),
+                 OwnTcp(2001, {kOwn, 1001}),
+                 OwnTcp(2002, {kOwn, kForeign}),
+                 MakeEntry(kLayerGuid, 2003, SOCK_DGRAM, 17, {kOwn, 1002}),
+                 MakeEntry(kBaseProviderGuid, 1001, SOCK_STREAM, 6, {}),
+                 MakeEntry(kBaseProviderGuid, 1002, SOCK_DGRAM, 17, {}),
+                 MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {})};
+    catalogue[0].ProtocolChain.ChainLen = 0;
+    port::SetCatalogue(catalogue);
+  }
+  // The id of the record that is found; 0: none.
+  DWORD Find(const WSAPROTOCOL_INFOW& info) {
+    LspProvider* list = nullptr;
+    int count = 0;
+    EXPECT_TRUE(GetProviders(&list, &count));
+    const GlobalPtr<LspProvider> owner(list);
+    const LspProvider* const found = FindMatchingProvider(&info, list, count);
+    return found != nullptr ? found->layer_provider.dwCatalogEntryId : 0;
+  }
+  GameProcess game;
+  std::vector<WSAPROTOCOL_INFOW> catalogue;
+};
+
+SCENARIO_F(MatchEdges, AnEntryOfOursIsMeantThoughAnotherIsOfItsKind) {
+  EXPECT_EQ(Find(catalogue[2]), 2002u);
+  EXPECT_EQ(game.traces().back(), "FindMatchingProvider: inInfo is one of the LSPs entry.");
+}
+
+SCENARIO_F(MatchEdges, AChainThatNamesAnEntryOfOursMeansItThoughAnotherIsOfItsKind) {
+  EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3000, 2002, 1001})), 2002u);
+}
+
+// What stands first in a chain is the layer's own, and says nothing of what is below.
+SCENARIO_F(MatchEdges, TheFirstOfAChainIsNotLookedAt) {
+  EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3001, SOCK_RAW, 98, {2001, 1001})), 0u);
+}
+
+// The hidden entry ends the search through the chains, whatever else the chain names.
+SCENARIO_F(MatchEdges, TheHiddenEntryHasTheLastWordOnAChain) {
+  EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3001, SOCK_DGRAM, 17, {3000, kOwn, 2001, 1001})), 2003u);
+  EXPECT_EQ(game.TraceCount("FindMatchingProvider: our LSP in the in_info's protocol chains."), 1);
+}
+
+// Family, type and protocol count each by itself.
+SCENARIO_F(MatchEdges, AKindAgreesInEveryPart) {
+  const auto stream = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3999, kOwn, 1001});
+  EXPECT_EQ(Find(stream), 2001u);
+  auto other = stream;
+  other.iAddressFamily = 23;
+  EXPECT_EQ(Find(other), 0u);
+  other = stream;
+  other.iSocketType = SOCK_RAW;
+  EXPECT_EQ(Find(other), 0u);
+  other = stream;
+  other.iProtocol = 132;
+  EXPECT_EQ(Find(other), 0u);
+}
+
+// A layer that stands above us under another number leads nowhere.
+SCENARIO_F(MatchEdges, OnlyTheLayerThatWasAskedForIsSearched) {
+  catalogue.insert(catalogue.begin(),
+                   MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3500, 2002, 1001}));
+  port::SetCatalogue(catalogue);
+  EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3002, SOCK_RAW, 98, {kForeign, 1001})), 0u);
+  EXPECT_FALSE(game.TracedStart("FindMatchingProvider: entry belongs")) << game.AllTraces();
 }
 
 }  // namespace

@@ -69,6 +69,20 @@ SCENARIO(FirstQuestion, WaitsThreeSecondsForARelayThatIsLate) {
   EXPECT_TRUE(IsAllowedRelay(record)) << "another's";
 }
 
+// The policy is asked for the kind of socket that it is.
+SCENARIO(FirstQuestion, OfADestinationNamesTheKindOfSocket) {
+  const sockaddr_in anywhere = At("203.0.113.77", 9);
+  for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
+    const test::LogCapture log(0);
+    EXPECT_FALSE(IsAllowConnect(type, &anywhere, 5, 9));
+    EXPECT_TRUE(
+        log.Contains("[Route][NeedRelay] Ready to Check Relay(203.0.113.77:9), socket=5, "
+                     "socket_type=" +
+                     std::to_string(type) + ", token=9\n"))
+        << log.Text();
+  }
+}
+
 // --- which call, and when in it ---------------------------------------------------------------
 
 // Whether the relay had started when the next provider was called.

@@ -159,6 +159,74 @@ TEST_F(HookEdges, ConnectExNeedsNoConnectBelow) {
   EXPECT_NE(next.calls[0].arguments[9], 0u) << "a provider may read the thread's id";
 }
 
+// --- pings ----------------------------------------------------------------------------------
+
+// A message lies in the first buffer, as far as anyone here looks.
+TEST_F(HookEdges, APingIsReadFromTheFirstOfItsBuffers) {
+  Make(3, 1);
+  EXPECT_EQ(
+      WSPConnect(next.socket, Generic(server), 16, nullptr, nullptr, nullptr, nullptr, &error), 0);
+  next.calls.clear();
+  char message[8] = {8, 0, '\xf7', '\xff'};
+  WSABUF buffers[2] = {{sizeof message, message}, {sizeof data, data}};
+  EXPECT_EQ(WSPSend(next.socket, buffers, 2, &bytes, 0, nullptr, nullptr, nullptr, &error), 0);
+  EXPECT_EQ(bytes, 8u);
+  EXPECT_TRUE(next.calls.empty()) << "it is held";
+  const DWORD begin = GetTickCount();
+  while (GetTickCount() - begin < 45) Sleep(1);
+  char reply[40] = {};
+  WSABUF places[2] = {{sizeof reply, reply}, {sizeof data, data}};
+  EXPECT_EQ(WSPRecv(next.socket, places, 2, &bytes, &flags, nullptr, nullptr, nullptr, &error), 0);
+  EXPECT_EQ(bytes, 28u);
+  EXPECT_EQ(reply[0], 0x45);
+  EXPECT_TRUE(next.calls.empty());
+  WSPCloseSocket(next.socket, &error);
+}
+
+// --- levels ---------------------------------------------------------------------------------
+
+// The life of a socket is told at the level of events, whatever else is.
+TEST_F(HookEdges, TheLifeOfASocketIsToldAtTheLevelOfEvents) {
+  test::LogCapture log(4);
+  Make();
+  const std::string tail = Tail();
+  sockaddr_in peer{};
+  INT size = sizeof peer;
+  EXPECT_EQ(WSPBind(next.socket, Generic(server), 16, &error), 0);
+  GetSocketMap().SetHandledAddr(next.socket, Generic(server), 16);
+  EXPECT_EQ(WSPGetPeerName(next.socket, reinterpret_cast<sockaddr*>(&peer), &size, &error), 0);
+  EXPECT_EQ(WSPCloseSocket(next.socket, &error), 0);
+  EXPECT_EQ(WSPAccept(0x99, nullptr, nullptr, nullptr, 0, &error), next.socket);
+  for (const std::string line :
+       {"WSPSocket: err=0, af=2,type=TCP, ", "WSPBind: ret=0, err=0, port=8080, ",
+        "WSPGetPeerName: retrive from handled info, peer=198.51.100.20:",
+        "WSPCloseSocket: ret=0, err=0, protocol=6, type=1, ", "WSPAccept: err=0, accept_socket="}) {
+    EXPECT_TRUE(log.Contains("[4][lsp]" + line)) << line << log.Text();
+  }
+}
+
+// And a socket that is nobody's as a failure.
+TEST_F(HookEdges, CallsWithoutAProviderBelowAreToldAsFailures) {
+  test::LogCapture log(4);
+  constexpr SOCKET kUnknown = 0x999;
+  sockaddr_in peer{};
+  INT size = sizeof peer;
+  WSPBind(kUnknown, Generic(server), 16, &error);
+  WSPGetPeerName(kUnknown, reinterpret_cast<sockaddr*>(&peer), &size, &error);
+  WSPCloseSocket(kUnknown, &error);
+  WSPSend(kUnknown, &buffer, 1, &bytes, 0, nullptr, nullptr, nullptr, &error);
+  WSPRecv(kUnknown, &buffer, 1, &bytes, &flags, nullptr, nullptr, nullptr, &error);
+  WSPSendTo(kUnknown, &buffer, 1, &bytes, 0, Generic(server), 16, nullptr, nullptr, nullptr,
+            &error);
+  WSPRecvFrom(kUnknown, &buffer, 1, &bytes, &flags, nullptr, nullptr, nullptr, nullptr, nullptr,
+              &error);
+  for (const std::string call : {"WSPConnect", "WSPGetPeerName", "WSPCloseSocket", "WSPSend",
+                                 "WSPRecv", "WSPSendTo", "WSPRecvFrom"}) {
+    EXPECT_TRUE(log.Contains("[5][lsp]" + call + ": next_proc_table invalid, socket=2457\n"))
+        << call << log.Text();
+  }
+}
+
 // --- the filter -----------------------------------------------------------------------------
 
 // Each kind of call counts its failures under its own number.
