@@ -79,17 +79,23 @@ TEST_F(HookEdges, AnAddressWithoutItsPaddingIsPrinted) {
   EXPECT_TRUE(log.Contains("WSPBind: ret=0, err=0, port=0, " + Tail())) << text;
 }
 
-// It lies at the very end of what may be read.
+// A provider that reads no more of an address than there is.
+std::string read_below;
+int WSPAPI SendToThatReadsWhatThereIs(SOCKET, LPWSABUF, DWORD, LPDWORD, DWORD, const sockaddr* to,
+                                      int size, LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE,
+                                      LPWSATHREADID, LPINT) {
+  read_below.assign(reinterpret_cast<const char*>(to), static_cast<size_t>(size));
+  return 0;
+}
+
+// It lies at the very end of memory that may be read.
 TEST_F(HookEdges, AShortDestinationIsNotReadBeyondItsEnd) {
+  common::GetProcessInfo().udp_proc_table.lpWSPSendTo = SendToThatReadsWhatThereIs;
   Make(2, 17);
-  const std::vector<char> shorter(reinterpret_cast<const char*>(&server),
-                                  reinterpret_cast<const char*>(&server) + 8);
-  std::vector<char> memory(32, 'x');
-  std::memcpy(memory.data(), shorter.data(), shorter.size());
-  const auto* const to = reinterpret_cast<const sockaddr*>(memory.data());
-  EXPECT_EQ(SendTo(to, 8), 0);
-  EXPECT_EQ(next.Last().arguments[5], reinterpret_cast<std::uintptr_t>(to));
-  EXPECT_EQ(next.Last().arguments[6], 8u);
+  const auto* const first = reinterpret_cast<const char*>(&server);
+  const std::vector<char> place(first, first + 8);
+  EXPECT_EQ(SendTo(reinterpret_cast<const sockaddr*>(place.data()), 8), 0);
+  EXPECT_EQ(read_below, std::string(first, 8));
 }
 
 TEST_F(HookEdges, APeerWithoutASizeIsPrintedAsNone) {
