@@ -12,8 +12,7 @@ else()
 endif()
 
 if(WIN32)
-  # SSE arithmetic: truncated results must agree with x86-64. Hosts hand over 4-byte stacks.
-  target_compile_options(vyr_options INTERFACE -msse2 -mfpmath=sse -mstackrealign)
+  target_compile_options(vyr_options INTERFACE ${VYR_KIND_OPTIONS})
   target_compile_definitions(vyr_options INTERFACE
     FD_SETSIZE=128 _WIN32_WINNT=0x0601 _CRT_RAND_S UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
     _WINSOCK_DEPRECATED_NO_WARNINGS)

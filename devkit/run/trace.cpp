@@ -33,10 +33,10 @@ std::string Quoted(const std::string& text) {
 }
 
 void WriteRun(std::FILE* file, const RunFacts& facts) {
-  std::fprintf(file, "{\"program\":%s,\"library\":%s,\"exit_code\":%lu}\n",
+  std::fprintf(file, "{\"program\":%s,\"library\":%s,\"is_x64\":%s,\"exit_code\":%lu}\n",
                Quoted(ToUtf8(facts.program)).c_str(),
                facts.library.empty() ? "null" : Quoted(ToUtf8(facts.library)).c_str(),
-               facts.exit_code);
+               facts.is_x64 ? "true" : "false", facts.exit_code);
 }
 
 void WriteStarts(std::FILE* file, const HostReport& report) {

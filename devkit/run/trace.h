@@ -12,6 +12,7 @@ namespace vyr_run {
 struct RunFacts {
   std::wstring program;
   std::wstring library;  // empty: bare
+  bool is_x64;
   DWORD exit_code;
 };
 

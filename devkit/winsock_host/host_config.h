@@ -1,6 +1,7 @@
 // What the launcher hands to the host inside the program it starts: one record, written into the
-// program's memory and given to HostStart as the argument of a remote thread. Both sides are
-// 32-bit builds of one tree; kHostVersion keeps a stale copy of either from being used.
+// program's memory and given to HostStart as the argument of a remote thread. It is the same in
+// 32-bit and 64-bit programs. Both sides are builds of one tree; kHostVersion keeps a stale copy of
+// either from being used.
 #pragma once
 
 #include <windows.h>
@@ -39,6 +40,14 @@ static_assert(offsetof(HostConfig, report_mapping) == 8);
 static_assert(offsetof(HostConfig, library) == 12);
 static_assert(offsetof(HostConfig, base) == 12 + kConfigPathChars * sizeof(wchar_t));
 static_assert(offsetof(HostConfig, next) == 12 + 2 * kConfigPathChars * sizeof(wchar_t));
+
+// No handle has more than 32 bits, whichever kind of program it is in.
+inline uint32_t HandleValue(HANDLE handle) {
+  return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(handle));
+}
+inline HANDLE HandleOf(uint32_t value) {
+  return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(value));
+}
 
 using HostStartFunction = DWORD(WINAPI*)(void* config);
 

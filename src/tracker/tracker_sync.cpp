@@ -115,6 +115,7 @@ void Tracker::ReportStart() noexcept {
   LspLoadedRecord loaded;
   loaded.game_id = GetAccConfig()->game_id;
   common::SetFieldText(loaded.process_name, process.process_name);
+  loaded.is_x64 = process.is_x64 ? 1 : 0;
   ReportLspLoadedInfo(loaded);
 }
 

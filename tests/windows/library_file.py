@@ -1,4 +1,5 @@
-"""What the DLL is made of: a small 32-bit module with two exports that needs system DLLs only."""
+"""What the DLL is made of: a small module of its kind, with two exports, that needs system DLLs only
+and says what it is."""
 
 import os
 import re
@@ -13,18 +14,31 @@ SYSTEM_LIBRARIES = {
     "rpcrt4.dll", "advapi32.dll", "user32.dll", "mswsock.dll",
 }  # fmt: skip
 LARGEST_STRIPPED = 1_000_000
+TOOLS = {"x86": "i686-w64-mingw32-", "x64": "x86_64-w64-mingw32-"}
+FORMATS = {"x86": "pei-i386", "x64": "pei-x86-64"}
 
 
-def objdump(*arguments):
-    tool = "i686-w64-mingw32-objdump"
-    return subprocess.run([tool, *map(str, arguments)], check=True, capture_output=True, text=True).stdout
+def says(content, key, value):
+    """Whether a version resource has that line: texts of 16-bit characters, each ended and padded."""
+    key, value = (re.escape(text.encode("utf-16-le")) for text in (key, value))
+    return re.search(key + rb"\0{2,6}" + value + rb"\0\0", content) is not None
 
 
 def main():
     arguments = support.parse_arguments()
     checks = support.Checks()
-    library = arguments.bin / "vyr_lsp.dll"
-    checks.that("pei-i386" in objdump("-f", library), "the format is pei-i386")
+    tools = TOOLS[arguments.kind]
+
+    def objdump(*words):
+        command = [tools + "objdump", *map(str, words)]
+        return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+    library = support.Runner(arguments).library
+    wanted = FORMATS[arguments.kind]
+    checks.that(f"file format {wanted}\n" in objdump("-f", library), f"the format is {wanted}")
+    content = library.read_bytes()
+    for key, value in (("OriginalFilename", library.name), ("FileVersion", "0.1.0")):
+        checks.that(says(content, key, value), f"its version resource says {key} {value}")
     text = objdump("-p", library)
     imports = {name.lower() for name in re.findall(r"DLL Name: (\S+)", text)}
     checks.that(imports, "it imports something")
@@ -35,7 +49,7 @@ def main():
     with tempfile.TemporaryDirectory() as folder:
         stripped = os.path.join(folder, "stripped.dll")
         shutil.copy(library, stripped)
-        subprocess.run(["i686-w64-mingw32-strip", stripped], check=True)
+        subprocess.run([tools + "strip", stripped], check=True)
         size = os.path.getsize(stripped)
         print(f"stripped size: {size} bytes")
         checks.that(size < LARGEST_STRIPPED, "it is under 1 MB stripped", str(size))
