@@ -24,6 +24,8 @@ for argument in "$@"; do
 done
 [ ${#chosen[@]} -gt 0 ] && presets=("${chosen[@]}")
 if [ $setup = yes ]; then scripts/setup.sh || exit 1; fi
+case " ${presets[*]} " in *windows-x86*) scripts/fetch_programs.sh ;; esac
+case " ${presets[*]} " in *windows-x64*) scripts/fetch_programs.sh --x64 ;; esac
 scripts/fetch_programs.sh --charts  # says so where it cannot; pages are then built without charts
 
 left_out=()
