@@ -34,8 +34,6 @@ class Server:
         self.peers = set()
 
         class Handler(http.server.BaseHTTPRequestHandler):
-            protocol_version = "HTTP/1.1"
-
             def answer(self, content):
                 bench.peers.add(self.client_address[0])
                 self.send_response(200)
