@@ -50,5 +50,6 @@ if(VYR_CCACHE)
   # Relative to the tree, so that a second clone finds what the first has compiled. What a test
   # reads from the tree it finds through VYR_SOURCE_DIR, never through __FILE__.
   set(CMAKE_CXX_COMPILER_LAUNCHER
-    ${CMAKE_COMMAND} -E env CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${VYR_CCACHE})
+    ${CMAKE_COMMAND} -E env CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1
+    CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${VYR_CCACHE})
 endif()

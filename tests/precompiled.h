@@ -1,0 +1,11 @@
+// What nearly every test includes, parsed once for a suite. A file still includes what it uses.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
