@@ -5,33 +5,37 @@
 # sends a film as datagrams, packet for packet. A sample game plays on while its link goes bad and
 # its flow moves to another node. A page with the game's connections is left behind.
 #
-#   ./demo.sh
+#   ./demo.sh          with 32-bit programs
+#   ./demo.sh --x64    with 64-bit ones
 #
 # Exit: 0 the program's work was the same with the library and without, 1 otherwise.
 set -u
 cd "$(dirname "$0")" || exit 1
+preset=windows-x86 bits=32 programs=()
 case "${1:-}" in
   "") ;;
-  -h|--help) sed -n '2,10s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  --x64) preset=windows-x64 bits=64 programs=(--x64) ;;
+  -h|--help) sed -n '2,11s/^# \{0,1\}//p' "$0"; exit 0 ;;
   *) echo "demo.sh: unknown argument '$1'; see --help" >&2; exit 2 ;;
 esac
 
 scripts/setup.sh || exit 1
-if ! command -v wine >/dev/null 2>&1 || ! scripts/wine cmd /c ver >/dev/null 2>&1; then
-  echo "demo.sh: 32-bit Wine cannot be had here, and the library is a 32-bit Windows library" >&2
+if ! command -v wine >/dev/null 2>&1 || ! scripts/wine cmd /c ver >/dev/null 2>&1 ||
+   { [ "$bits" = 64 ] && [ "$(scripts/wine --kind)" != win64 ]; }; then
+  echo "demo.sh: Wine for $bits-bit programs cannot be had here" >&2
   exit 1
 fi
 
 printf 'fetching the third-party programs ... '
-scripts/fetch_programs.sh || exit 1
+scripts/fetch_programs.sh "${programs[@]}" || exit 1
 scripts/fetch_programs.sh --charts  # says so where it cannot; the page is then without charts
 echo done
 
-log=build/windows-x86/demo.log
-mkdir -p build/windows-x86
+log=build/$preset/demo.log
+mkdir -p "build/$preset"
 printf 'building the library, its programs and a native node ... '
-if ! { cmake --preset windows-x86 &&
-       cmake --build --preset windows-x86 \
+if ! { cmake --preset "$preset" &&
+       cmake --build --preset "$preset" \
          --target vyr_lsp winsock_host winsock_base vyr_run vyr_client vyr_game &&
        cmake --preset posix && cmake --build --preset posix --target vyr_node vyr_game
      } >"$log" 2>&1; then
@@ -41,4 +45,4 @@ if ! { cmake --preset windows-x86 &&
 fi
 echo done
 
-exec scripts/testbed python3 scripts/demo_inside.py build/windows-x86 build/posix/bin
+exec scripts/testbed python3 scripts/demo_inside.py "build/$preset" build/posix/bin

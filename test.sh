@@ -3,38 +3,43 @@
 # suite, and closes with the number of tests.
 #
 #   ./test.sh                 everything
-#   ./test.sh sim posix       these presets only (sim, posix, posix-tsan, fuzz, windows-x86)
+#   ./test.sh sim posix       these presets only (sim, posix, posix-tsan, fuzz, windows-x86,
+#                             windows-x64)
 #   ./test.sh --no-setup …    without looking for missing packages
 #
 # Logs are kept in build/PRESET/{build,test}.log. Exit: 0 all passed, 1 something failed.
 set -u
 cd "$(dirname "$0")" || exit 1
 
-presets=(sim posix posix-tsan fuzz windows-x86)
+presets=(sim posix posix-tsan fuzz windows-x86 windows-x64)
 setup=yes
 chosen=()
 for argument in "$@"; do
   case "$argument" in
-    -h|--help) sed -n '2,10s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,11s/^# \{0,1\}//p' "$0"; exit 0 ;;
     --no-setup) setup=no ;;
-    sim|posix|posix-tsan|fuzz|windows-x86) chosen+=("$argument") ;;
+    sim|posix|posix-tsan|fuzz|windows-x86|windows-x64) chosen+=("$argument") ;;
     *) echo "test.sh: unknown argument '$argument'; see --help" >&2; exit 2 ;;
   esac
 done
 [ ${#chosen[@]} -gt 0 ] && presets=("${chosen[@]}")
 if [ $setup = yes ]; then scripts/setup.sh || exit 1; fi
+case " ${presets[*]} " in *windows-x86*) scripts/fetch_programs.sh ;; esac
+case " ${presets[*]} " in *windows-x64*) scripts/fetch_programs.sh --x64 ;; esac
 scripts/fetch_programs.sh --charts  # says so where it cannot; pages are then built without charts
 
 left_out=()
 failed=no
 results=()
 
-build() {  # preset
+build() {  # preset; what of it, everything if nothing is named
   local preset=$1 log=build/$1/build.log
+  shift
   mkdir -p "build/$preset"
   local started=$SECONDS
-  printf '%-12s building ... ' "$preset"
-  if cmake --preset "$preset" >"$log" 2>&1 && cmake --build --preset "$preset" >>"$log" 2>&1; then
+  printf '%-12s building %s... ' "$preset" "${*:+${#} targets }"
+  if cmake --preset "$preset" >"$log" 2>&1 &&
+     cmake --build --preset "$preset" ${*:+--target} "$@" >>"$log" 2>&1; then
     echo "done ($((SECONDS - started)) s)"
     return 0
   fi
@@ -58,8 +63,19 @@ run_suites() {  # preset
   fi
 }
 
-wine_works() {
-  command -v wine >/dev/null 2>&1 && scripts/wine cmd /c ver >/dev/null 2>&1
+wine_works() {  # preset, which has been built
+  local program=vyr_run.exe
+  [ "$1" = windows-x64 ] && program=vyr_run64.exe
+  command -v wine >/dev/null 2>&1 && scripts/wine "build/$1/bin/$program" --help >/dev/null 2>&1
+}
+
+# Suites run native nodes beside the Windows programs, and those for 64-bit programs also what is
+# there for 32-bit ones: each has been built before, unless the one preset was asked for.
+build_companions() {  # preset
+  case "$1" in windows-*) build posix vyr_node vyr_game || return ;; esac
+  if [ "$1" = windows-x64 ]; then
+    build windows-x86 vyr_lsp winsock_host winsock_base vyr_run vyr_client vyr_game by_name
+  fi
 }
 
 for preset in "${presets[@]}"; do
@@ -70,10 +86,15 @@ for preset in "${presets[@]}"; do
       fi ;;
   esac
   build "$preset" || continue
-  if [ "$preset" = windows-x86 ] && ! wine_works; then
-    left_out+=("the Windows suites (32-bit Wine cannot be had here; they are built, not run)")
-    continue
-  fi
+  case "$preset" in windows-*)
+    if ! wine_works "$preset"; then
+      bits=32
+      [ "$preset" = windows-x64 ] && bits=64
+      left_out+=("the $preset suites ($bits-bit Wine cannot be had here; they are built, not run)")
+      continue
+    fi
+    build_companions "$preset" || continue ;;
+  esac
   run_suites "$preset"
 done
 

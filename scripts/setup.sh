@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building and testing needs: Debian packages, by name. Idempotent, and silent
-# when there is nothing to do. 32-bit Wine is wanted but not required: without it the Windows
-# suites are left out, and test.sh says so.
+# when there is nothing to do. Wine is wanted but not required: without it the Windows suites of
+# its kind, 32-bit or 64-bit, are left out, and test.sh says so.
 #
 #   scripts/setup.sh            install everything that is missing
 #   scripts/setup.sh --check    list what is missing, install nothing (exit 1 if anything is)
@@ -13,7 +13,7 @@ required=(
   build-essential cmake ninja-build ccache git ca-certificates python3
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libtomlplusplus-dev libcli11-dev nlohmann-json3-dev
-  g++-mingw-w64-i686-win32 g++-mingw-w64-i686-posix
+  g++-mingw-w64-i686-win32 g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-win32
   iproute2 util-linux
 )
 clang_runtime() {  # the sanitizer runtime belongs to a numbered clang
@@ -38,7 +38,7 @@ case "${1:-}" in
 esac
 
 # Wanted; whatever needs one of these says so and is left out where it cannot be had.
-wanted=(wine wine32:i386 clang socat haproxy libnginx-mod-stream chromium)
+wanted=(wine wine32:i386 wine64 clang socat haproxy libnginx-mod-stream chromium)
 command -v npm >/dev/null 2>&1 || wanted+=(npm)
 runtime=$(clang_runtime)
 wanted+=("${runtime:-libclang-rt-14-dev}")

@@ -96,6 +96,11 @@ class SettingsAdviser {
   }
 
   void DataLink() {
+    RateOfTheGame();
+    LoneDatagram();
+  }
+
+  void RateOfTheGame() {
     const uint64_t window =
         std::max<uint64_t>(thresholds::ShortCycle(game_) * thresholds::LostCalcUnitSize(game_), 1);
     const uint64_t rate = thresholds::DataLinkShortCyclePkg(game_) * 1000 / window;
@@ -103,6 +108,19 @@ class SettingsAdviser {
     Say("data_link_short_cycle_pkg",
         "only a game that receives " + Number(rate) + " datagrams a second fills the range of " +
             Number(window) + " ms: for others the loss of their data counts for nothing");
+  }
+
+  // Of as few datagrams as the long range may hold. The floors of the short range rule this out.
+  void LoneDatagram() {
+    const uint64_t least = thresholds::DataLinkLongCyclePkg(game_);
+    const uint64_t most = thresholds::DataLinkLongCycleLost(game_);
+    const uint64_t shown = 100 / (least + 1);
+    if (shown < most) return;
+    Say("data_link_long_cycle_lost",
+        Number(most) + " %: one datagram that is lost is " + Number(shown) +
+            " % of a range that holds " + Number(least) +
+            " others, which is enough by data_link_long_cycle_pkg, so that a single lost one has "
+            "a healthy link probed in a burst");
   }
 
   void Bursts() {

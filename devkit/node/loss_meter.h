@@ -1,5 +1,10 @@
 // How much of what a client sends does not arrive, told from the gaps in its numbers: over the last
-// two seconds, leaving out the newest moments, whose stragglers may still come.
+// five seconds, leaving out the newest moments, whose stragglers may still come.
+//
+// No rule says over how long a node looks back. Games send some 20 datagrams a second: two seconds
+// hold 40 of them, and a single one that is lost reads as 2 percent, from which on a client may
+// take the link for a bad one. Five seconds hold 100, so that a percent is a datagram, and they are
+// what a client itself looks back over where nothing else is configured.
 #pragma once
 #include <array>
 #include <bitset>
@@ -13,7 +18,7 @@ class LossMeter {
   static constexpr u8 kNotKnown = 101;
   static constexpr u32 kLeastExpected = 10;  // datagrams; a share of fewer says nothing
   static constexpr u64 kSlotMs = 100;
-  static constexpr u32 kWindowSlots = 20;
+  static constexpr u32 kWindowSlots = 50;
   static constexpr u32 kRecentSlots = 3;  // the running one and two before it
 
   // A datagram with that number has come. A link's first number is 1.

@@ -7,6 +7,8 @@
 namespace vyr_run {
 namespace {
 
+using winsock_host::Kind;
+
 bool ReadAt(HANDLE file, DWORD offset, void* to, DWORD size) {
   DWORD got = 0;
   return SetFilePointer(file, static_cast<LONG>(offset), nullptr, FILE_BEGIN) !=
@@ -14,10 +16,12 @@ bool ReadAt(HANDLE file, DWORD offset, void* to, DWORD size) {
          ReadFile(file, to, size, &got, nullptr) && got == size;
 }
 
-ModuleKind KindOfOpened(HANDLE file) {
+constexpr Module Neither(ModuleForm form) { return {form, winsock_host::kOwnKind}; }
+
+Module ModuleIn(HANDLE file) {
   IMAGE_DOS_HEADER dos = {};
   if (!ReadAt(file, 0, &dos, sizeof(dos)) || dos.e_magic != IMAGE_DOS_SIGNATURE) {
-    return ModuleKind::kNotExecutable;
+    return Neither(ModuleForm::kNotExecutable);
   }
   struct {
     DWORD signature;
@@ -25,22 +29,26 @@ ModuleKind KindOfOpened(HANDLE file) {
   } nt = {};
   if (!ReadAt(file, static_cast<DWORD>(dos.e_lfanew), &nt, sizeof(nt)) ||
       nt.signature != IMAGE_NT_SIGNATURE) {
-    return ModuleKind::kNotExecutable;
+    return Neither(ModuleForm::kNotExecutable);
   }
-  if (nt.header.Machine != IMAGE_FILE_MACHINE_I386) return ModuleKind::kOtherBitness;
+  const WORD machine = nt.header.Machine;
+  if (machine != IMAGE_FILE_MACHINE_I386 && machine != IMAGE_FILE_MACHINE_AMD64) {
+    return Neither(ModuleForm::kOtherMachine);
+  }
   const bool is_library = (nt.header.Characteristics & IMAGE_FILE_DLL) != 0;
-  return is_library ? ModuleKind::kLibrary32 : ModuleKind::kProgram32;
+  return {is_library ? ModuleForm::kLibrary : ModuleForm::kProgram,
+          machine == IMAGE_FILE_MACHINE_AMD64 ? Kind::k64 : Kind::k32};
 }
 
 }  // namespace
 
-ModuleKind KindOf(const std::wstring& path) {
+Module ModuleAt(const std::wstring& path) {
   const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                   OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return ModuleKind::kMissing;
-  const ModuleKind kind = KindOfOpened(file);
+  if (file == INVALID_HANDLE_VALUE) return Neither(ModuleForm::kMissing);
+  const Module module = ModuleIn(file);
   CloseHandle(file);
-  return kind;
+  return module;
 }
 
 std::wstring FindProgram(const std::wstring& name) {
@@ -61,11 +69,8 @@ std::wstring FullPath(const std::wstring& path) {
   return length == 0 || length >= size ? path : std::wstring(full.data());
 }
 
-std::wstring BesideExecutable(const wchar_t* name) {
-  std::vector<wchar_t> path(32768);
-  GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-  const std::wstring self(path.data());
-  return self.substr(0, self.find_last_of(L"\\/") + 1) + name;
+std::wstring FileName(const std::wstring& path) {
+  return path.substr(path.find_last_of(L"\\/") + 1);
 }
 
 }  // namespace vyr_run

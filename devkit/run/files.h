@@ -3,11 +3,18 @@
 
 #include <string>
 
+#include "winsock_host/kinds.h"
+
 namespace vyr_run {
 
-enum class ModuleKind { kMissing, kNotExecutable, kOtherBitness, kProgram32, kLibrary32 };
+enum class ModuleForm { kMissing, kNotExecutable, kOtherMachine, kProgram, kLibrary };
 
-ModuleKind KindOf(const std::wstring& path);
+struct Module {
+  ModuleForm form;
+  winsock_host::Kind kind;  // of a program or a library
+};
+
+Module ModuleAt(const std::wstring& path);
 
 // The program as the platform would look for it: as given, in the current directory, on the
 // search path, with ".exe" where there is no extension. Empty when there is none.
@@ -15,7 +22,7 @@ std::wstring FindProgram(const std::wstring& name);
 
 std::wstring FullPath(const std::wstring& path);
 
-// `name` in the folder of the running executable.
-std::wstring BesideExecutable(const wchar_t* name);
+// What stands behind the last separator.
+std::wstring FileName(const std::wstring& path);
 
 }  // namespace vyr_run

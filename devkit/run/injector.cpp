@@ -1,14 +1,14 @@
 #include "injector.h"
 
-#include <vector>
+#include <tlhelp32.h>
 
+#include <cwchar>
+
+#include "files.h"
 #include "text.h"
 
 namespace vyr_run {
 namespace {
-
-using winsock_host::HostConfig;
-using winsock_host::HostReport;
 
 // The host's entry lies at the same distance from its base in every process.
 uintptr_t OffsetOfHostStart(const std::wstring& host_path) {
@@ -23,11 +23,11 @@ uintptr_t OffsetOfHostStart(const std::wstring& host_path) {
 const wchar_t* Explain(DWORD host_start_result) {
   switch (host_start_result) {
     case winsock_host::kHostWrongVersion:
-      return L"winsock_host.dll and vyr_run.exe are of different builds";
+      return L"the host and its launcher are of different builds";
     case winsock_host::kHostNoReport:
       return L"the host could not map its report";
     case winsock_host::kHostNoBaseProvider:
-      return L"winsock_base.dll could not be started in the program";
+      return L"the base provider could not be started in the program";
     default:
       return L"the host failed in the program";
   }
@@ -35,82 +35,24 @@ const wchar_t* Explain(DWORD host_start_result) {
 
 }  // namespace
 
-HostedProgram::~HostedProgram() {
-  if (process_.hProcess != nullptr) {
-    if (!let_go_) TerminateProcess(process_.hProcess, 1);
-    CloseHandle(process_.hThread);
-    CloseHandle(process_.hProcess);
-  }
-  if (report_ != nullptr) UnmapViewOfFile(report_);
-  if (mapping_ != nullptr) CloseHandle(mapping_);
-  if (job_ != nullptr) CloseHandle(job_);
-}
-
-bool HostedProgram::Fail(const std::wstring& what, DWORD error) {
+bool Injector::Fail(const std::wstring& what, DWORD error) {
   problem_ = what + L": " + ErrorText(error);
   return false;
 }
 
-bool HostedProgram::Start(const std::wstring& program, const std::wstring& command_line) {
-  // Whoever ends us ends the program too, not only our half.
-  job_ = CreateJobObjectW(nullptr, nullptr);
-  JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
-  limits.BasicLimitInformation.LimitFlags =
-      JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE | JOB_OBJECT_LIMIT_SILENT_BREAKAWAY_OK;
-  SetInformationJobObject(job_, JobObjectExtendedLimitInformation, &limits, sizeof(limits));
-
-  STARTUPINFOW startup = {};
-  startup.cb = sizeof(startup);
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-  startup.hStdOutput = GetStdHandle(STD_OUTPUT_HANDLE);
-  startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
-  for (const HANDLE handle : {startup.hStdInput, startup.hStdOutput, startup.hStdError}) {
-    SetHandleInformation(handle, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
-  }
-  std::vector<wchar_t> line(command_line.begin(), command_line.end());
-  line.push_back(0);  // the platform may write into it
-  if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED,
-                      nullptr, nullptr, &startup, &process_)) {
-    return Fail(L"cannot start " + program, GetLastError());
-  }
-  AssignProcessToJobObject(job_, process_.hProcess);
-  return true;
-}
-
-bool HostedProgram::CreateReport(DWORD* handle_in_program) {
-  mapping_ = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
-                                sizeof(HostReport), nullptr);
-  if (mapping_ == nullptr) return Fail(L"no shared memory for the report", GetLastError());
-  report_ = static_cast<HostReport*>(
-      MapViewOfFile(mapping_, FILE_MAP_READ | FILE_MAP_WRITE, 0, 0, sizeof(HostReport)));
-  if (report_ == nullptr) return Fail(L"no view of the report", GetLastError());
-  report_->version = winsock_host::kHostVersion;
-  HANDLE in_program = nullptr;
-  if (!DuplicateHandle(GetCurrentProcess(), mapping_, process_.hProcess, &in_program, 0, FALSE,
-                       DUPLICATE_SAME_ACCESS)) {
-    return Fail(L"cannot hand over the report", GetLastError());
-  }
-  *handle_in_program = static_cast<DWORD>(reinterpret_cast<uintptr_t>(in_program));
-  return true;
-}
-
-void* HostedProgram::CopyIntoProgram(const void* data, size_t size) {
-  void* copy =
-      VirtualAllocEx(process_.hProcess, nullptr, size, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+void* Injector::CopyIntoProgram(const void* data, size_t size) {
+  void* copy = VirtualAllocEx(process_, nullptr, size, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
   SIZE_T written = 0;
-  if (copy != nullptr && WriteProcessMemory(process_.hProcess, copy, data, size, &written)) {
-    return copy;
-  }
+  if (copy != nullptr && WriteProcessMemory(process_, copy, data, size, &written)) return copy;
   Fail(L"cannot write into the program", GetLastError());
   return nullptr;
 }
 
-bool HostedProgram::CallInProgram(void* function, void* argument, DWORD* result) {
+bool Injector::CallInProgram(void* function, void* argument, DWORD* result) {
   constexpr DWORD kLongestWaitMs = 60'000;
   const HANDLE thread =
-      CreateRemoteThread(process_.hProcess, nullptr, 0,
-                         reinterpret_cast<LPTHREAD_START_ROUTINE>(function), argument, 0, nullptr);
+      CreateRemoteThread(process_, nullptr, 0, reinterpret_cast<LPTHREAD_START_ROUTINE>(function),
+                         argument, 0, nullptr);
   if (thread == nullptr) return Fail(L"no thread in the program", GetLastError());
   const bool ended = WaitForSingleObject(thread, kLongestWaitMs) == WAIT_OBJECT_0 &&
                      GetExitCodeThread(thread, result);
@@ -119,42 +61,47 @@ bool HostedProgram::CallInProgram(void* function, void* argument, DWORD* result)
   return ended;
 }
 
-bool HostedProgram::PlaceHost(const std::wstring& host_path, HostConfig config) {
+// A module's handle is wider than the exit code of the thread that has loaded it.
+uintptr_t Injector::BaseInProgram(const std::wstring& host_path) {
+  const HANDLE modules = CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, process_id_);
+  if (modules == INVALID_HANDLE_VALUE) return 0;
+  const std::wstring name = FileName(host_path);
+  MODULEENTRY32W entry = {};
+  entry.dwSize = sizeof(entry);
+  uintptr_t base = 0;
+  for (BOOL more = Module32FirstW(modules, &entry); more && base == 0;
+       more = Module32NextW(modules, &entry)) {
+    if (_wcsicmp(entry.szModule, name.c_str()) != 0) continue;
+    base = reinterpret_cast<uintptr_t>(entry.modBaseAddr);
+  }
+  CloseHandle(modules);
+  return base;
+}
+
+bool Injector::PlaceHost(const std::wstring& host_path, const winsock_host::HostConfig& config) {
   const uintptr_t offset = OffsetOfHostStart(host_path);
   if (offset == 0) {
     problem_ = host_path + L" has no HostStart";
     return false;
   }
-  if (!CreateReport(reinterpret_cast<DWORD*>(&config.report_mapping))) return false;
   void* path = CopyIntoProgram(host_path.c_str(), (host_path.size() + 1) * sizeof(wchar_t));
   void* remote_config = CopyIntoProgram(&config, sizeof(config));
   if (path == nullptr || remote_config == nullptr) return false;
 
-  // kernel32 has one address in all processes of a session, and a 32-bit module handle fits a
-  // thread's exit code.
+  // kernel32 has one address in all processes of a kind in a session.
   void* load_library =
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "LoadLibraryW"));
-  DWORD module = 0;
-  if (!CallInProgram(load_library, path, &module)) return false;
-  if (module == 0) {
+  DWORD loaded = 0;
+  if (!CallInProgram(load_library, path, &loaded)) return false;
+  const uintptr_t base = BaseInProgram(host_path);
+  if (base == 0) {
     problem_ = host_path + L" could not be loaded in the program";
     return false;
   }
   DWORD result = 0;
-  if (!CallInProgram(reinterpret_cast<void*>(module + offset), remote_config, &result)) {
-    return false;
-  }
+  if (!CallInProgram(reinterpret_cast<void*>(base + offset), remote_config, &result)) return false;
   if (result != winsock_host::kHostStarted) problem_ = Explain(result);
   return result == winsock_host::kHostStarted;
-}
-
-DWORD HostedProgram::RunToEnd() {
-  let_go_ = true;
-  ResumeThread(process_.hThread);
-  WaitForSingleObject(process_.hProcess, INFINITE);
-  DWORD exit_code = 0;
-  GetExitCodeProcess(process_.hProcess, &exit_code);
-  return exit_code;
 }
 
 }  // namespace vyr_run

@@ -1,4 +1,4 @@
-// One program, started suspended, with the host placed in it before its first instruction runs.
+// Places the host in a program of our own kind that has not run yet.
 #pragma once
 
 #include <windows.h>
@@ -6,39 +6,27 @@
 #include <string>
 
 #include "winsock_host/host_config.h"
-#include "winsock_host/report.h"
 
 namespace vyr_run {
 
-// Owns the process, the job that ends it with us, and the shared report. Used by one thread.
-class HostedProgram {
+// `process` stays the caller's, and has to let us write into it and start threads in it.
+class Injector {
  public:
-  HostedProgram() = default;
-  ~HostedProgram();
-  HostedProgram(const HostedProgram&) = delete;
-  HostedProgram& operator=(const HostedProgram&) = delete;
+  Injector(HANDLE process, DWORD process_id) : process_(process), process_id_(process_id) {}
 
-  // Each false leaves a sentence in problem(). On false after Start the program is ended unrun.
-  bool Start(const std::wstring& program, const std::wstring& command_line);
-  bool PlaceHost(const std::wstring& host_path, winsock_host::HostConfig config);
+  // Each false leaves a sentence in problem(). The report's handle in `config` is the program's.
+  bool PlaceHost(const std::wstring& host_path, const winsock_host::HostConfig& config);
 
-  // Lets the program run; its exit code once it has ended.
-  DWORD RunToEnd();
-
-  const winsock_host::HostReport* report() const { return report_; }
   const std::wstring& problem() const { return problem_; }
 
  private:
   bool Fail(const std::wstring& what, DWORD error);
-  bool CreateReport(DWORD* handle_in_program);
   void* CopyIntoProgram(const void* data, size_t size);
   bool CallInProgram(void* function, void* argument, DWORD* result);
+  uintptr_t BaseInProgram(const std::wstring& host_path);
 
-  PROCESS_INFORMATION process_ = {};
-  HANDLE job_ = nullptr;
-  HANDLE mapping_ = nullptr;
-  winsock_host::HostReport* report_ = nullptr;
-  bool let_go_ = false;
+  const HANDLE process_;
+  const DWORD process_id_;
   std::wstring problem_;
 };
 

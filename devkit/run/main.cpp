@@ -5,10 +5,13 @@
 #include <string>
 
 #include "files.h"
+#include "hosted_program.h"
 #include "injector.h"
 #include "options.h"
 #include "text.h"
 #include "trace.h"
+#include "winsock_host/join.h"
+#include "winsock_host/kinds.h"
 
 namespace vyr_run {
 namespace {
@@ -23,52 +26,25 @@ enum ExitCode : int {
   kNotFound = 127,
 };
 
-// What a run needs, as full paths.
-struct Files {
-  std::wstring program;
-  std::wstring host;
-  std::wstring base;
-  std::wstring library;  // empty: bare
-  std::wstring next;
-};
+using winsock_host::FilesOf;
+using winsock_host::FolderOf;
+using winsock_host::HostConfig;
+using winsock_host::Kind;
+using winsock_host::kOwnKind;
 
 bool IsLibrary(const std::wstring& path, const wchar_t* what) {
-  const ModuleKind kind = KindOf(path);
-  if (kind == ModuleKind::kLibrary32) return true;
+  const Module module = ModuleAt(path);
+  if (module.form == ModuleForm::kLibrary && module.kind == kOwnKind) return true;
+  const std::wstring wrong_kind =
+      std::wstring(L" is not a ") + FilesOf(kOwnKind).bits + L" module: ";
+  const bool is_other =
+      module.form == ModuleForm::kLibrary || module.form == ModuleForm::kOtherMachine;
   Complain(std::wstring(what) +
-           (kind == ModuleKind::kMissing        ? L" is missing: "
-            : kind == ModuleKind::kOtherBitness ? L" is not a 32-bit module: "
-                                                : L" is not a Windows library: ") +
+           (module.form == ModuleForm::kMissing ? std::wstring(L" is missing: ")
+            : is_other                          ? wrong_kind
+                                                : std::wstring(L" is not a Windows library: ")) +
            path);
   return false;
-}
-
-// 0, or the exit code to end with.
-int CheckProgram(const std::wstring& name, std::wstring* program) {
-  *program = FindProgram(name);
-  if (program->empty()) {
-    Complain(L"program not found: " + name);
-    return kNotFound;
-  }
-  if (KindOf(*program) == ModuleKind::kProgram32) return 0;
-  Complain(L"not a 32-bit Windows program: " + *program);
-  return kNotRunnable;
-}
-
-int FindFiles(const Options& options, Files* files) {
-  if (const int failure = CheckProgram(options.program, &files->program)) return failure;
-  files->host = BesideExecutable(L"winsock_host.dll");
-  files->base = BesideExecutable(L"winsock_base.dll");
-  if (!IsLibrary(files->host, L"the host") || !IsLibrary(files->base, L"the base provider")) {
-    return kNoHost;
-  }
-  files->next = options.next.empty() ? files->base : options.next;
-  if (!options.bare) {
-    files->library =
-        options.library.empty() ? BesideExecutable(L"vyr_lsp.dll") : FullPath(options.library);
-    if (!IsLibrary(files->library, L"the library")) return kNoLibrary;
-  }
-  return 0;
 }
 
 bool Copy(const std::wstring& from, wchar_t* to) {
@@ -77,42 +53,120 @@ bool Copy(const std::wstring& from, wchar_t* to) {
   return true;
 }
 
-bool FillConfig(const Files& files, winsock_host::HostConfig* config) {
-  *config = {};
-  config->version = winsock_host::kHostVersion;
-  config->bare = files.library.empty() ? 1 : 0;
-  return Copy(files.library, config->library) && Copy(files.base, config->base) &&
-         Copy(files.next, config->next);
+// What was not said is filled in with what lies beside us, of our own kind; what the program cannot
+// do without is checked. 0, or the exit code to end with.
+int Complete(HostConfig* config, const std::wstring& host) {
+  const std::wstring folder = FolderOf(nullptr);
+  if (config->base[0] == 0 && !Copy(folder + FilesOf(kOwnKind).base, config->base)) return kNoHost;
+  if (!IsLibrary(host, L"the host") || !IsLibrary(config->base, L"the base provider")) {
+    return kNoHost;
+  }
+  if (config->next[0] == 0) std::wcscpy(config->next, config->base);
+  if (config->bare != 0) return 0;
+  if (config->library[0] == 0 && !Copy(folder + FilesOf(kOwnKind).library, config->library)) {
+    return kNoLibrary;
+  }
+  return IsLibrary(config->library, L"the library") ? 0 : kNoLibrary;
 }
 
-int RunProgram(const Options& options, const Files& files) {
-  winsock_host::HostConfig config;
-  if (!FillConfig(files, &config)) {
+int CheckProgram(const std::wstring& name, std::wstring* program) {
+  *program = FindProgram(name);
+  if (program->empty()) {
+    Complain(L"program not found: " + name);
+    return kNotFound;
+  }
+  if (ModuleAt(*program).form == ModuleForm::kProgram) return 0;
+  Complain(L"not a Windows program for x86 or x64: " + *program);
+  return kNotRunnable;
+}
+
+bool FillConfig(const Options& options, HostConfig* config) {
+  *config = {};
+  config->version = winsock_host::kHostVersion;
+  config->bare = options.bare ? 1 : 0;
+  config->one_guid = options.one_guid ? 1 : 0;
+  config->start_each_entry = options.start_each_entry ? 1 : 0;
+  config->cleanup_after_end = options.cleanup_after_end ? 1 : 0;
+  config->keep_loaded = options.keep_loaded ? 1 : 0;
+  return Copy(options.library.empty() ? L"" : FullPath(options.library), config->library) &&
+         Copy(options.next, config->next);
+}
+
+int PlaceHost(HostedProgram* hosted, HostConfig* config) {
+  const std::wstring host = FolderOf(nullptr) + FilesOf(kOwnKind).host;
+  if (const int failure = Complete(config, host)) return failure;
+  if (hosted->PlaceHost(host, *config)) return 0;
+  Complain(hosted->problem());
+  return kNotInjected;
+}
+
+int PlaceHostOfOtherKind(HostedProgram* hosted, const std::wstring& program,
+                         const HostConfig& config) {
+  constexpr DWORD kNone = ~DWORD{0};
+  const DWORD code = hosted->PlaceByLauncher(config, kNone);
+  if (code != kNone) return static_cast<int>(code);
+  const winsock_host::KindFiles& files = FilesOf(hosted->kind());
+  Complain(std::wstring(L"a ") + files.bits + L" program needs " + files.launcher +
+           L" beside vyr_run: " + program);
+  return kNoHost;
+}
+
+// Empty where there is none.
+std::wstring LibraryOf(const HostedProgram& hosted, const HostConfig& config) {
+  if (config.bare != 0) return {};
+  if (config.library[0] != 0) return config.library;
+  const wchar_t* name = FilesOf(hosted.kind()).library;
+  return winsock_host::FindKindFile(FolderOf(nullptr), hosted.kind(), name);
+}
+
+int RunProgram(const Options& options, const std::wstring& program) {
+  HostConfig config;
+  if (!FillConfig(options, &config)) {
     Complain(L"a path is too long for the host");
     return kNoHost;
   }
   HostedProgram hosted;
-  if (!hosted.Start(files.program, options.command_line)) {
+  if (!hosted.Start(program, options.command_line)) {
     Complain(hosted.problem());
     return kNotRunnable;
   }
-  if (!hosted.PlaceHost(files.host, config)) {
-    Complain(hosted.problem());
-    return kNotInjected;
-  }
+  const int failure = hosted.kind() == kOwnKind ? PlaceHost(&hosted, &config)
+                                                : PlaceHostOfOtherKind(&hosted, program, config);
+  if (failure != 0) return failure;
   const DWORD exit_code = hosted.RunToEnd();
-  if (!options.trace.empty() &&
-      !WriteTrace(options.trace, {files.program, files.library, exit_code}, *hosted.report())) {
+  const RunFacts facts = {program, LibraryOf(hosted, config), hosted.kind() == Kind::k64,
+                          exit_code};
+  if (!options.trace.empty() && !WriteTrace(options.trace, facts, *hosted.report())) {
     Complain(L"cannot write the trace to " + options.trace);
     return kNoTrace;
   }
   return static_cast<int>(exit_code);
 }
 
+// The host placed for somebody else: see join.h.
+int Join(const winsock_host::JoinRequest& request) {
+  HostConfig config;
+  const std::wstring host = FolderOf(nullptr) + FilesOf(kOwnKind).host;
+  if (!winsock_host::ReadJoinConfig(request.mapping, &config)) return kBadUsage;
+  if (const int failure = Complete(&config, host)) return failure;
+  const HANDLE process = OpenProcess(PROCESS_ALL_ACCESS, FALSE, request.process_id);
+  if (process == nullptr) {
+    Complain(L"cannot open the program: " + ErrorText(GetLastError()));
+    return kNotInjected;
+  }
+  Injector injector(process, request.process_id);
+  const bool placed = injector.PlaceHost(host, config);
+  CloseHandle(process);
+  if (!placed) Complain(injector.problem());
+  return placed ? 0 : kNotInjected;
+}
+
 // Ctrl-C is the program's to answer; we stay to report how it ended.
 BOOL WINAPI IgnoreConsoleSignals(DWORD) { return TRUE; }
 
-int Main() {
+int Main(int argc, char** argv) {
+  winsock_host::JoinRequest request;
+  if (winsock_host::ParseJoinRequest(argc, argv, &request)) return Join(request);
   Options options;
   std::wstring problem;
   if (!ParseCommandLine(GetCommandLineW(), &options, &problem)) {
@@ -123,13 +177,13 @@ int Main() {
     std::fputs(kHelp, stdout);
     return 0;
   }
-  Files files;
-  if (const int failure = FindFiles(options, &files)) return failure;
+  std::wstring program;
+  if (const int failure = CheckProgram(options.program, &program)) return failure;
   SetConsoleCtrlHandler(IgnoreConsoleSignals, TRUE);
-  return RunProgram(options, files);
+  return RunProgram(options, program);
 }
 
 }  // namespace
 }  // namespace vyr_run
 
-int main() { return vyr_run::Main(); }
+int main(int argc, char** argv) { return vyr_run::Main(argc, argv); }

@@ -11,6 +11,10 @@ namespace vyr_run {
 struct Options {
   bool help = false;
   bool bare = false;
+  bool one_guid = false;           // --guids one
+  bool start_each_entry = false;   // --starts entry
+  bool cleanup_after_end = false;  // --cleanup after
+  bool keep_loaded = false;
   std::wstring library;       // empty: the one beside vyr_run.exe
   std::wstring next;          // empty: the host's base provider
   std::wstring trace;         // empty: none

@@ -33,10 +33,10 @@ std::string Quoted(const std::string& text) {
 }
 
 void WriteRun(std::FILE* file, const RunFacts& facts) {
-  std::fprintf(file, "{\"program\":%s,\"library\":%s,\"exit_code\":%lu}\n",
+  std::fprintf(file, "{\"program\":%s,\"library\":%s,\"is_x64\":%s,\"exit_code\":%lu}\n",
                Quoted(ToUtf8(facts.program)).c_str(),
                facts.library.empty() ? "null" : Quoted(ToUtf8(facts.library)).c_str(),
-               facts.exit_code);
+               facts.is_x64 ? "true" : "false", facts.exit_code);
 }
 
 void WriteStarts(std::FILE* file, const HostReport& report) {
@@ -48,6 +48,18 @@ void WriteStarts(std::FILE* file, const HostReport& report) {
                  static_cast<unsigned long>(start.catalog_id), static_cast<long>(start.protocol),
                  static_cast<long>(start.result),
                  static_cast<unsigned long>(start.replaced_entries));
+  }
+}
+
+void WriteCleanups(std::FILE* file, const HostReport& report) {
+  const long seen = report.cleanup_count;
+  const long count = std::min<long>(seen, winsock_host::kMaxCleanups);
+  for (long i = 0; i < count; ++i) {
+    const winsock_host::CleanupRecord& cleanup = report.cleanups[i];
+    std::fprintf(file, "{\"cleanup\":%lu,\"result\":%ld,\"elapsed_ms\":%lu,\"unloaded\":%s}\n",
+                 static_cast<unsigned long>(cleanup.catalog_id), static_cast<long>(cleanup.result),
+                 static_cast<unsigned long>(cleanup.elapsed_ms),
+                 cleanup.unloaded != 0 ? "true" : "false");
   }
 }
 
@@ -82,6 +94,7 @@ bool WriteTrace(const std::wstring& path, const RunFacts& facts, const HostRepor
   if (file == nullptr) return false;
   WriteRun(file, facts);
   WriteStarts(file, report);
+  WriteCleanups(file, report);
   WriteCalls(file, "library", report.through_library);
   WriteCalls(file, "base", report.through_base);
   WriteDebugOutput(file, report);

@@ -1,7 +1,8 @@
 // winsock_base.dll: a base provider whose thirty entries are the platform's own Winsock calls.
 // It stands at the bottom of the chain where the platform's real base provider cannot be loaded
 // through its path. The host never touches this module's imports, so these calls always reach
-// the platform.
+// the platform. Each start of it is a start of the platform's Winsock, which goes on until as many
+// cleanups have come: a layer that keeps them to itself keeps its sockets open, as on Windows.
 //
 // Every entry leaves the last error as the platform's call left it, on success too: a program
 // must not be able to tell the chain from a direct call.
@@ -13,9 +14,13 @@
 
 #include <cwchar>
 
-#include "catalogue.h"
+#include "base_handles.h"
 
 namespace {
+
+using winsock_base::IsOurs;
+using winsock_base::RegisterChild;
+using winsock_base::RegisterNew;
 
 template <typename Result>
 Result Report(Result result, Result failure, LPINT error) {
@@ -27,7 +32,9 @@ int Report(int result, LPINT error) { return Report(result, SOCKET_ERROR, error)
 
 SOCKET WSPAPI Accept(SOCKET s, sockaddr* addr, LPINT length, LPCONDITIONPROC condition,
                      DWORD_PTR data, LPINT error) {
-  return Report<SOCKET>(WSAAccept(s, addr, length, condition, data), INVALID_SOCKET, error);
+  const SOCKET accepted =
+      Report<SOCKET>(WSAAccept(s, addr, length, condition, data), INVALID_SOCKET, error);
+  return RegisterChild(accepted, s, error);
 }
 
 INT WSPAPI AddressToString(LPSOCKADDR address, DWORD length, LPWSAPROTOCOL_INFOW, LPWSTR text,
@@ -45,7 +52,7 @@ int WSPAPI Bind(SOCKET s, const sockaddr* name, int length, LPINT error) {
 
 int WSPAPI CancelBlockingCall(LPINT error) { return Report(WSACancelBlockingCall(), error); }
 
-int WSPAPI Cleanup(LPINT) { return 0; }
+int WSPAPI Cleanup(LPINT error) { return Report(WSACleanup(), error); }
 
 int WSPAPI CloseSocket(SOCKET s, LPINT error) { return Report(closesocket(s), error); }
 
@@ -96,8 +103,9 @@ int WSPAPI Ioctl(SOCKET s, DWORD code, LPVOID in, DWORD in_bytes, LPVOID out, DW
 
 SOCKET WSPAPI JoinLeaf(SOCKET s, const sockaddr* name, int length, LPWSABUF caller, LPWSABUF callee,
                        LPQOS sqos, LPQOS gqos, DWORD flags, LPINT error) {
-  return Report<SOCKET>(WSAJoinLeaf(s, name, length, caller, callee, sqos, gqos, flags),
-                        INVALID_SOCKET, error);
+  const SOCKET leaf = Report<SOCKET>(
+      WSAJoinLeaf(s, name, length, caller, callee, sqos, gqos, flags), INVALID_SOCKET, error);
+  return RegisterChild(leaf, s, error);
 }
 
 int WSPAPI Listen(SOCKET s, int backlog, LPINT error) { return Report(listen(s, backlog), error); }
@@ -149,17 +157,18 @@ int WSPAPI SetSockOpt(SOCKET s, int level, int option, const char* value, int le
 int WSPAPI Shutdown(SOCKET s, int how, LPINT error) { return Report(shutdown(s, how), error); }
 
 // An info of our own catalogue means nothing to the platform; one made by duplicating a socket
-// carries the handle and must go through as it is.
+// carries the handle, in words that are reserved, and must go through.
+bool MeansSomethingToThePlatform(const WSAPROTOCOL_INFOW* info) {
+  return !IsOurs(info) || info->dwServiceFlags3 != 0 || info->dwServiceFlags4 != 0 ||
+         info->dwProviderReserved != 0;
+}
+
 SOCKET WSPAPI Socket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info, GROUP group,
                      DWORD flags, LPINT error) {
-  using winsock_host::kFirstCatalogId;
-  using winsock_host::kLastCatalogId;
-  if (info != nullptr && info->dwCatalogEntryId >= kFirstCatalogId &&
-      info->dwCatalogEntryId <= kLastCatalogId) {
-    info = nullptr;
-  }
-  return Report<SOCKET>(WSASocketW(family, type, protocol, info, group, flags), INVALID_SOCKET,
-                        error);
+  const LPWSAPROTOCOL_INFOW passed = MeansSomethingToThePlatform(info) ? info : nullptr;
+  const SOCKET s = Report<SOCKET>(WSASocketW(family, type, protocol, passed, group, flags),
+                                  INVALID_SOCKET, error);
+  return RegisterNew(s, info, error);
 }
 
 INT WSPAPI StringToAddress(LPWSTR text, INT family, LPWSAPROTOCOL_INFOW, LPSOCKADDR address,
@@ -201,9 +210,12 @@ constexpr WSPPROC_TABLE kTable = {Accept,
 }  // namespace
 
 extern "C" int WSPAPI WSPStartup(WORD version, LPWSPDATA data, LPWSAPROTOCOL_INFOW info,
-                                 WSPUPCALLTABLE, LPWSPPROC_TABLE table) {
+                                 WSPUPCALLTABLE upcalls, LPWSPPROC_TABLE table) {
   if (info == nullptr || data == nullptr || table == nullptr) return WSAEPROVIDERFAILEDINIT;
   if (version < MAKEWORD(2, 2) && LOBYTE(version) < 2) return WSAVERNOTSUPPORTED;
+  WSADATA platform = {};
+  if (const int result = WSAStartup(MAKEWORD(2, 2), &platform); result != 0) return result;
+  winsock_base::UseUpcalls(upcalls);
   *data = {};
   data->wVersion = MAKEWORD(2, 2);
   data->wHighVersion = MAKEWORD(2, 2);

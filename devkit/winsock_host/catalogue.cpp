@@ -12,6 +12,9 @@ constexpr DWORD kBaseId = kFirstCatalogId + 0x01;
 
 constexpr GUID kLibraryGuid = {
     0x4D2062B0, 0x79CA, 0x466E, {0x94, 0xD4, 0x21, 0xFE, 0x2E, 0xD9, 0x0E, 0xE6}};
+// Of the first layered entry; the others count its last byte up, or share it. A provider is started
+// once for each GUID: with one for all it is started for the first kind of socket alone, and that
+// table serves the other kinds too.
 constexpr GUID kLayeredGuid = {
     0x9B1C44D7, 0x5E0A, 0x4F42, {0x8D, 0x6B, 0x3A, 0x77, 0x10, 0xC2, 0x5E, 0x01}};
 constexpr GUID kBaseGuid = {
@@ -90,9 +93,10 @@ void AddHiddenEntry() {
   TheState().entries.push_back({info, true});
 }
 
-void AddLayeredEntry(DWORD kind) {
+void AddLayeredEntry(DWORD kind, bool one_guid) {
   WSAPROTOCOL_INFOW info = DescribeLayer(kKinds[kind]);
   info.ProviderId = kLayeredGuid;
+  if (!one_guid) info.ProviderId.Data4[7] = static_cast<BYTE>(info.ProviderId.Data4[7] + kind);
   info.dwCatalogEntryId = kLayeredId + kind;
   info.ProtocolChain.ChainLen = 2;
   info.ProtocolChain.ChainEntries[0] = kHiddenId;
@@ -136,7 +140,9 @@ void BuildCatalogue(const HostConfig& config) {
   std::wcsncpy(state.base, config.next, kConfigPathChars - 1);
   if (config.bare == 0) {
     AddHiddenEntry();
-    for (DWORD kind = 0; kind < kLayeredKinds; ++kind) AddLayeredEntry(kind);
+    for (DWORD kind = 0; kind < kLayeredKinds; ++kind) {
+      AddLayeredEntry(kind, config.one_guid != 0);
+    }
   }
   for (DWORD kind = 0; kind < std::size(kKinds); ++kind) AddBaseEntry(kind);
 }

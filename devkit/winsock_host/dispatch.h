@@ -10,9 +10,12 @@
 
 namespace winsock_host {
 
-// Sockets come and go: dispatch_sockets.cpp.
+// Winsock starts and ends: startup.cpp.
 int WSAAPI Startup(WORD version, LPWSADATA data);
 int WSAAPI Cleanup();
+char* WSAAPI AddressText(in_addr address);
+
+// Sockets come and go: dispatch_sockets.cpp.
 SOCKET WSAAPI Socket(int family, int type, int protocol);
 SOCKET WSAAPI SocketA(int family, int type, int protocol, LPWSAPROTOCOL_INFOA info, GROUP group,
                       DWORD flags);

@@ -4,6 +4,7 @@
 
 #include "dispatch.h"
 #include "finish.h"
+#include "owners.h"
 
 namespace winsock_host {
 namespace {
@@ -14,7 +15,7 @@ const Provider& ProviderOfSets(const fd_set* reads, const fd_set* writes, const 
   for (const fd_set* set : {reads, writes, excepts}) {
     if (set != nullptr && set->fd_count != 0) return OwnerOf(set->fd_array[0]);
   }
-  return DirectProvider();
+  return ProviderOfStrangers();
 }
 
 // The platform knows nothing of our entries: a socket's own description gets the promises of the

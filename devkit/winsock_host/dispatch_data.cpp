@@ -2,6 +2,7 @@
 
 #include "dispatch.h"
 #include "finish.h"
+#include "owners.h"
 
 namespace winsock_host {
 namespace {

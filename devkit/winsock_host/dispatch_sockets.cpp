@@ -4,12 +4,11 @@
 
 #include "dispatch.h"
 #include "finish.h"
+#include "owners.h"
+#include "startup.h"
 
 namespace winsock_host {
 namespace {
-
-// Startups of the program and its modules that have not been answered by a cleanup.
-volatile LONG g_startups = 0;
 
 SOCKET MakeSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info, GROUP group,
                   DWORD flags) {
@@ -18,20 +17,27 @@ SOCKET MakeSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info, 
     if (type == FROM_PROTOCOL_INFO) type = info->iSocketType;
     if (protocol == FROM_PROTOCOL_INFO) protocol = info->iProtocol;
   }
+  if (!IsStarted()) {
+    WSASetLastError(WSANOTINITIALISED);
+    return INVALID_SOCKET;
+  }
   int error = 0;
   const Provider* provider = ProviderForNewSocket(family, type, protocol, &error);
   if (provider == nullptr) {
     WSASetLastError(error);
     return INVALID_SOCKET;
   }
-  // An info of the program's own comes from the platform's catalogue or from a duplicated
-  // socket; what the provider gets without one is the entry that was matched.
-  WSAPROTOCOL_INFOW entry = provider->info;
+  WSAPROTOCOL_INFOW entry;
   LPWSAPROTOCOL_INFOW passed = info;
-  if (passed == nullptr && provider != &DirectProvider()) passed = &entry;
+  if (provider != &DirectProvider()) {
+    // An info of the program's own comes from the platform's catalogue or from a duplicated
+    // socket: it keeps all it says but the entry's id, under which the handle is registered.
+    entry = info != nullptr ? *info : provider->info;
+    entry.dwCatalogEntryId = provider->info.dwCatalogEntryId;
+    passed = &entry;
+  }
   const SOCKET s =
       provider->table.lpWSPSocket(family, type, protocol, passed, group, flags, &error);
-  Own(s, *provider);
   return Finish<SOCKET>(*provider, kSocket, s, INVALID_SOCKET, error);
 }
 
@@ -53,19 +59,6 @@ void CopyHead(void* to, const void* from) {
 static_assert(offsetof(WSAPROTOCOL_INFOW, szProtocol) == offsetof(WSAPROTOCOL_INFOA, szProtocol));
 
 }  // namespace
-
-int WSAAPI Startup(WORD version, LPWSADATA data) {
-  const int result = WSAStartup(version, data);
-  if (result == 0) InterlockedIncrement(&g_startups);
-  return result;
-}
-
-int WSAAPI Cleanup() {
-  if (g_startups == 1) CleanUpProviders();
-  const int result = WSACleanup();
-  if (result == 0) InterlockedDecrement(&g_startups);
-  return result;
-}
 
 SOCKET WSAAPI Socket(int family, int type, int protocol) {
   return MakeSocket(family, type, protocol, nullptr, 0, FlagsOfPlainSockets());
@@ -94,7 +87,6 @@ SOCKET WSAAPI AcceptConditional(SOCKET s, sockaddr* addr, int* length, LPCONDITI
   const Provider& provider = OwnerOf(s);
   int error = 0;
   const SOCKET accepted = provider.table.lpWSPAccept(s, addr, length, condition, data, &error);
-  Own(accepted, provider);
   return Finish<SOCKET>(provider, kAccept, accepted, INVALID_SOCKET, error);
 }
 
@@ -104,14 +96,13 @@ SOCKET WSAAPI JoinLeaf(SOCKET s, const sockaddr* name, int length, LPWSABUF call
   int error = 0;
   const SOCKET leaf =
       provider.table.lpWSPJoinLeaf(s, name, length, caller, callee, sqos, gqos, flags, &error);
-  if (leaf != s) Own(leaf, provider);
   return Finish<SOCKET>(provider, kJoinLeaf, leaf, INVALID_SOCKET, error);
 }
 
 int WSAAPI CloseSocket(SOCKET s) {
   // Forgotten before the close: the value may come back for another thread's socket at once.
   const Provider* owner = Disown(s);
-  const Provider& provider = owner != nullptr ? *owner : DirectProvider();
+  const Provider& provider = owner != nullptr ? *owner : ProviderOfStrangers();
   int error = 0;
   const int result = provider.table.lpWSPCloseSocket(s, &error);
   if (result == SOCKET_ERROR && owner != nullptr && error != WSAENOTSOCK) Own(s, *owner);

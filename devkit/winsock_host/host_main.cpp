@@ -6,11 +6,13 @@
 #include <winsock2.h>
 
 #include "catalogue.h"
+#include "child_hooks.h"
 #include "host_config.h"
 #include "loader_hooks.h"
 #include "patch.h"
 #include "providers.h"
 #include "report.h"
+#include "startup.h"
 #include "thread_hooks.h"
 #include "winsock_hooks.h"
 
@@ -31,14 +33,15 @@ void SpareSystemModules() {
 extern "C" DWORD WINAPI HostStart(void* argument) {
   const auto& config = *static_cast<const HostConfig*>(argument);
   if (config.version != kHostVersion) return kHostWrongVersion;
-  const HANDLE mapping = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(config.report_mapping));
-  if (!OpenReport(mapping)) return kHostNoReport;
+  if (!OpenReport(HandleOf(config.report_mapping))) return kHostNoReport;
   SpareSystemModules();
   AddWinsockReplacements();
   AddLoaderReplacements();
   AddThreadReplacements();
+  AddChildReplacements(g_host_module, config);
   BuildCatalogue(config);
-  if (!StartDirectProvider(config)) return kHostNoBaseProvider;
+  PrepareStartup(config);
+  if (!PrepareProviders(config)) return kHostNoBaseProvider;
   FollowModuleLoads();
   PatchNewModules();
   return kHostStarted;

@@ -66,7 +66,7 @@ void ReplaceSlots(const Image& image, DWORD slots, DWORD names) {
     void** slot = image.At<void*>(slots + at);
     if (slot == nullptr || *slot == nullptr) return;
     if (names != 0) {
-      const DWORD* name = image.At<DWORD>(names + at);
+      const auto* name = image.At<uintptr_t>(names + at);
       if (name == nullptr || *name == 0) return;
     }
     ReplaceSlot(slot);

@@ -1,11 +1,8 @@
 #include "providers.h"
 
-#include <winternl.h>
-
 #include <atomic>
 #include <bit>
 #include <cstring>
-#include <unordered_map>
 
 #include "catalogue.h"
 #include "patch.h"
@@ -19,47 +16,27 @@ constexpr size_t kMaxEntries = 16;
 constexpr size_t kTableEntries = sizeof(WSPPROC_TABLE) / sizeof(void*);
 static_assert(kTableEntries == 30);
 
-using StartFunction = LPWSPSTARTUP;
-using ShutdownQuery = BOOLEAN(NTAPI*)();
-
 struct State {
   State() { InitializeCriticalSection(&start_lock); }
 
   Provider direct = {};
   // Per catalogue index. Written under start_lock; read without it.
   std::atomic<const Provider*> started[kMaxEntries] = {};
-  CRITICAL_SECTION start_lock;         // one start at a time, as Winsock does it
-  SRWLOCK owners_lock = SRWLOCK_INIT;  // guards owners; a leaf
-  std::unordered_map<SOCKET, const Provider*> owners;
-  ShutdownQuery shutdown_in_progress = nullptr;
+  CRITICAL_SECTION start_lock;  // one start or cleanup at a time, as Winsock does it
+  bool start_each_entry = false;
+  bool keep_loaded = false;
 };
 State& TheState() {
   static State& state = *new State;  // never destroyed: threads outlive static destructors
   return state;
 }
 
-// At process end the other threads are gone, and one of them may have held the lock. The calls
-// that still come (from static destructors) do without it rather than hang.
-class OwnersLock {
+class StartLock {
  public:
-  OwnersLock() {
-    State& state = TheState();
-    if (state.shutdown_in_progress != nullptr && state.shutdown_in_progress()) {
-      held_ = TryAcquireSRWLockExclusive(&state.owners_lock) != FALSE;
-    } else {
-      AcquireSRWLockExclusive(&state.owners_lock);
-      held_ = true;
-    }
-  }
-  ~OwnersLock() {
-    if (held_) ReleaseSRWLockExclusive(&TheState().owners_lock);
-  }
-  OwnersLock(const OwnersLock&) = delete;
-  OwnersLock& operator=(const OwnersLock&) = delete;
-  bool held() const { return held_; }
-
- private:
-  bool held_ = false;
+  StartLock() { EnterCriticalSection(&TheState().start_lock); }
+  ~StartLock() { LeaveCriticalSection(&TheState().start_lock); }
+  StartLock(const StartLock&) = delete;
+  StartLock& operator=(const StartLock&) = delete;
 };
 
 // Calls `visit(entry)` for each of the thirty pointers of a table.
@@ -86,15 +63,14 @@ uint32_t EntriesIn(HMODULE module, const WSPPROC_TABLE& table) {
   return mask;
 }
 
-int LoadAndStart(const CatalogueEntry& entry, Provider* provider) {
-  const wchar_t* path = ModulePath(entry.info);
-  HMODULE module = LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
-  if (module == nullptr) return WSAEPROVIDERFAILEDINIT;
-  PatchNewModules();
-  const auto start = reinterpret_cast<StartFunction>(
+LPWSPSTARTUP StartFunctionOf(HMODULE module) {
+  return reinterpret_cast<LPWSPSTARTUP>(
       reinterpret_cast<void*>(GetProcAddress(module, "WSPStartup")));
+}
+
+int Start(HMODULE module, const CatalogueEntry& entry, Provider* provider) {
+  const LPWSPSTARTUP start = StartFunctionOf(module);
   if (start == nullptr) return WSAEPROVIDERFAILEDINIT;
-  provider->info = entry.info;
   WSPDATA data = {};
   WSAPROTOCOL_INFOW info = entry.info;
   const int result = start(MAKEWORD(2, 2), &data, &info, UpcallTable(), &provider->table);
@@ -103,38 +79,90 @@ int LoadAndStart(const CatalogueEntry& entry, Provider* provider) {
   return IsComplete(provider->table) ? 0 : WSAEINVALIDPROCTABLE;
 }
 
-// The table's start, with what came of it in the report. Never called twice at once.
+// True: nothing is left of it in memory.
+bool Unload(HMODULE module) {
+  if (TheState().keep_loaded) return false;
+  FreeLibrary(module);
+  HMODULE found = nullptr;
+  constexpr DWORD kFlags =
+      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
+  return !GetModuleHandleExW(kFlags, reinterpret_cast<LPCWSTR>(module), &found);
+}
+
+int LoadAndStart(const CatalogueEntry& entry, Provider* provider) {
+  const HMODULE module =
+      LoadLibraryExW(ModulePath(entry.info), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+  if (module == nullptr) return WSAEPROVIDERFAILEDINIT;
+  PatchNewModules();
+  const int result = Start(module, entry, provider);
+  if (result == 0) {
+    provider->module = module;
+  } else {
+    Unload(module);
+  }
+  return result;
+}
+
+// What serves another entry of the GUID, if one start is to serve them all.
+const Provider* StartedUnder(const GUID& guid) {
+  if (TheState().start_each_entry) return nullptr;
+  for (const std::atomic<const Provider*>& slot : TheState().started) {
+    const Provider* provider = slot.load(std::memory_order_relaxed);
+    if (provider != nullptr && provider->info.ProviderId == guid) return provider;
+  }
+  return nullptr;
+}
+
+// The table's start, with what came of it in the report. Under start_lock.
 const Provider* StartEntry(size_t index, int* error) {
   const CatalogueEntry& entry = Catalogue()[index];
   auto* provider = new Provider{};
-  const int result = LoadAndStart(entry, provider);
-  RecordStart({entry.info.dwCatalogEntryId, entry.info.iProtocol, result,
-               static_cast<uint32_t>(std::popcount(provider->replaced))});
-  if (result != 0) {
-    delete provider;
-    *error = result;
-    return nullptr;
+  if (const Provider* same = StartedUnder(entry.info.ProviderId)) {
+    *provider = *same;
+    provider->module = nullptr;
+  } else {
+    const int result = LoadAndStart(entry, provider);
+    RecordStart({entry.info.dwCatalogEntryId, entry.info.iProtocol, result,
+                 static_cast<uint32_t>(std::popcount(provider->replaced))});
+    if (result != 0) {
+      delete provider;
+      *error = result;
+      return nullptr;
+    }
   }
+  provider->info = entry.info;
   TheState().started[index].store(provider, std::memory_order_release);
   return provider;
 }
 
+void CleanUp(const Provider& provider) {
+  const DWORD begin = GetTickCount();
+  int error = 0;
+  const int result = provider.table.lpWSPCleanup(&error);
+  const DWORD elapsed_ms = GetTickCount() - begin;
+  CountCall(SeenByLibrary(provider, kCleanup), kCleanup, result == SOCKET_ERROR, error, 0);
+  const bool unloaded = Unload(provider.module);
+  RecordCleanup({provider.info.dwCatalogEntryId, result, elapsed_ms, unloaded ? 1U : 0U});
+}
+
 }  // namespace
 
-bool StartDirectProvider(const HostConfig& config) {
+bool PrepareProviders(const HostConfig& config) {
   State& state = TheState();
-  state.shutdown_in_progress = reinterpret_cast<ShutdownQuery>(reinterpret_cast<void*>(
-      GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
-  HMODULE module = LoadLibraryExW(config.base, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+  state.start_each_entry = config.start_each_entry != 0;
+  state.keep_loaded = config.keep_loaded != 0;
+  const HMODULE module = LoadLibraryExW(config.base, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
   if (module == nullptr) return false;
   NeverPatch(module);
-  const auto start = reinterpret_cast<StartFunction>(
-      reinterpret_cast<void*>(GetProcAddress(module, "WSPStartup")));
+  const LPWSPSTARTUP start = StartFunctionOf(module);
   if (start == nullptr) return false;
   WSPDATA data = {};
   WSAPROTOCOL_INFOW info = {};
-  return start(MAKEWORD(2, 2), &data, &info, UpcallTable(), &state.direct.table) == 0 &&
-         IsComplete(state.direct.table);
+  if (start(MAKEWORD(2, 2), &data, &info, UpcallTable(), &state.direct.table) != 0) return false;
+  if (!IsComplete(state.direct.table)) return false;
+  // Its table is all that is wanted: the starts that the program causes keep the provider going.
+  int error = 0;
+  return state.direct.table.lpWSPCleanup(&error) == 0;
 }
 
 const Provider& DirectProvider() { return TheState().direct; }
@@ -145,50 +173,26 @@ const Provider* ProviderForNewSocket(int family, int type, int protocol, int* er
   if (index < 0 || index >= static_cast<int>(kMaxEntries)) return &state.direct;
   std::atomic<const Provider*>& slot = state.started[index];
   if (const Provider* provider = slot.load(std::memory_order_acquire)) return provider;
-  EnterCriticalSection(&state.start_lock);
+  const StartLock lock;
   const Provider* provider = slot.load(std::memory_order_acquire);
   if (provider == nullptr) provider = StartEntry(static_cast<size_t>(index), error);
-  LeaveCriticalSection(&state.start_lock);
   return provider;
 }
 
-const Provider& OwnerOf(SOCKET s) {
-  State& state = TheState();
-  OwnersLock lock;
-  if (!lock.held()) return state.direct;
-  const auto found = state.owners.find(s);
-  return found == state.owners.end() ? state.direct : *found->second;
-}
-
-void Own(SOCKET s, const Provider& provider) {
-  State& state = TheState();
-  if (s == INVALID_SOCKET || &provider == &state.direct) return;
-  OwnersLock lock;
-  if (lock.held()) state.owners[s] = &provider;
-}
-
-const Provider* Disown(SOCKET s) {
-  State& state = TheState();
-  OwnersLock lock;
-  if (!lock.held()) return nullptr;
-  const auto found = state.owners.find(s);
-  if (found == state.owners.end()) return nullptr;
-  const Provider* owner = found->second;
-  state.owners.erase(found);
-  return owner;
+const Provider* StartedProvider(DWORD catalog_id) {
+  for (const std::atomic<const Provider*>& slot : TheState().started) {
+    const Provider* provider = slot.load(std::memory_order_acquire);
+    if (provider != nullptr && provider->info.dwCatalogEntryId == catalog_id) return provider;
+  }
+  return nullptr;
 }
 
 void CleanUpProviders() {
-  State& state = TheState();
-  EnterCriticalSection(&state.start_lock);
-  for (std::atomic<const Provider*>& slot : state.started) {
+  const StartLock lock;
+  for (std::atomic<const Provider*>& slot : TheState().started) {
     const Provider* provider = slot.exchange(nullptr, std::memory_order_acq_rel);
-    if (provider == nullptr) continue;
-    int error = 0;
-    const int result = provider->table.lpWSPCleanup(&error);
-    CountCall(SeenByLibrary(*provider, kCleanup), kCleanup, result == SOCKET_ERROR, error, 0);
+    if (provider != nullptr && provider->module != nullptr) CleanUp(*provider);
   }
-  LeaveCriticalSection(&state.start_lock);
 }
 
 }  // namespace winsock_host

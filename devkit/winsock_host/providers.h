@@ -1,9 +1,14 @@
-// Which call table serves which socket.
+// The call table of each catalogue entry that the program has started.
 //
-// A catalogue entry is started at the first socket that matches it, once, under a lock; a start
-// that failed is tried again at the next such socket. Records of started providers are never
-// freed: sockets point to them for as long as the process lives. All operations may be called
-// from any thread.
+// An entry is started at the first socket that matches it, once, under a lock; a start that failed
+// is tried again at the next such socket. Winsock starts a provider once for each provider GUID:
+// further entries of a GUID get the table of its first start. One that starts each entry by itself
+// can be asked for.
+//
+// At the program's last WSACleanup every start is answered by a WSPCleanup and its module is
+// freed, whatever still runs there: a provider that is not done by then has to keep itself in
+// memory. Records of started providers are never freed: a call that is under way has one in hand.
+// All operations may be called from any thread.
 #pragma once
 
 #include <winsock2.h>
@@ -19,18 +24,19 @@
 namespace winsock_host {
 
 struct Provider {
-  WSAPROTOCOL_INFOW info;  // the entry that was started
+  WSAPROTOCOL_INFOW info;  // the entry that it serves
   WSPPROC_TABLE table;
   uint32_t replaced;  // bit n: entry n of the table lies in the library's own module
+  HMODULE module;     // as loaded for the start; null where the start was another entry's
 };
 
 inline bool SeenByLibrary(const Provider& provider, Call call) {
   return (provider.replaced >> call & 1) != 0;
 }
 
-// Loads and starts the base provider that serves sockets which no started entry knows: inherited
-// ones, ones made before the host came, and values that are no sockets. False when it cannot.
-bool StartDirectProvider(const HostConfig& config);
+// Once, before anything is patched. Loads the base provider that serves what no started entry
+// knows (owners.h). False when it cannot.
+bool PrepareProviders(const HostConfig& config);
 const Provider& DirectProvider();
 
 // The provider for a new socket of these kinds, started if need be; null with `*error` when the
@@ -38,13 +44,11 @@ const Provider& DirectProvider();
 // (or serves) them in its own way.
 const Provider* ProviderForNewSocket(int family, int type, int protocol, int* error);
 
-// Socket ownership. `Disown` answers the owner that was recorded, or null.
-const Provider& OwnerOf(SOCKET s);
-void Own(SOCKET s, const Provider& provider);
-const Provider* Disown(SOCKET s);
+// The provider of a catalogue entry, null while the entry is not started.
+const Provider* StartedProvider(DWORD catalog_id);
 
-// The program's last WSACleanup: every started provider is told, and the next socket starts
-// anew. Sockets keep their tables.
+// The program's last WSACleanup: what was started is told and unloaded; the next socket starts
+// anew.
 void CleanUpProviders();
 
 }  // namespace winsock_host

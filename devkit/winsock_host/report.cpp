@@ -38,6 +38,11 @@ void RecordStart(const StartRecord& start) {
   if (index < static_cast<LONG>(kMaxStarts)) g_report->starts[index] = start;
 }
 
+void RecordCleanup(const CleanupRecord& cleanup) {
+  const LONG index = InterlockedIncrement(&g_report->cleanup_count) - 1;
+  if (index < static_cast<LONG>(kMaxCleanups)) g_report->cleanups[index] = cleanup;
+}
+
 void RecordDebugText(const char* text) {
   const LONG size = static_cast<LONG>(std::strlen(text)) + 1;
   // Once the texts are full they stay full: the counter must not wrap in a talkative process.

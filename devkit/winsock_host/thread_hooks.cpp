@@ -4,32 +4,33 @@
 
 #include <initializer_list>
 
+#include "owners.h"
 #include "patch.h"
 
 namespace winsock_host {
 namespace {
 
-// Longer than the library lets its own threads wait for one another.
-constexpr DWORD kGraceMs = 5000;
+constexpr DWORD kFailed = static_cast<DWORD>(-1);
 
-bool IsProvider(const void* caller) {
-  HMODULE module = nullptr;
-  constexpr DWORD kFlags =
-      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
-  return GetModuleHandleExW(kFlags, static_cast<LPCWSTR>(caller), &module) &&
-         GetProcAddress(module, "WSPStartup") != nullptr;
+// Stops a thread where it may be ended. True: it stands, and has to be ended or resumed.
+bool Halt(HANDLE thread) {
+  const OwnersLock not_inside_the_host;
+  if (SuspendThread(thread) == kFailed) return false;
+  CONTEXT context = {};
+  context.ContextFlags = CONTEXT_CONTROL;
+  GetThreadContext(thread, &context);  // comes back when the thread stands
+  return true;
 }
 
-// Windows lets a thread out of the kernel before it ends it. Wine 8 ends it wherever it stands,
-// also while it holds the lock under which handles are closed: the process then waits for ever at
-// the next handle that it closes, mostly at its own end. A worker that is late because the machine
-// is busy gets time to end by itself.
+// Windows ends a thread outside of the kernel only. Wine 8 ends it wherever it is, also while it
+// holds the lock under which handles are closed: the process then waits for ever at the next handle
+// that it closes, mostly at its own end. It suspends a thread outside of such places, though.
 BOOL WINAPI HookedTerminateThread(HANDLE thread, DWORD code) {
-  if (IsProvider(__builtin_return_address(0)) &&
-      WaitForSingleObject(thread, kGraceMs) == WAIT_OBJECT_0) {
-    return TRUE;
-  }
-  return TerminateThread(thread, code);
+  const bool is_own = GetThreadId(thread) == GetCurrentThreadId();
+  const bool halted = !is_own && Halt(thread);
+  const BOOL ended = TerminateThread(thread, code);
+  if (halted && !ended) ResumeThread(thread);
+  return ended;
 }
 
 }  // namespace

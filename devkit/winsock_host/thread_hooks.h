@@ -1,4 +1,4 @@
-// Lets the library end threads without harm on a platform where that harms the process.
+// Ends threads as Windows does on a platform where it harms the process.
 #pragma once
 
 namespace winsock_host {

@@ -1,6 +1,8 @@
 #include "upcalls.h"
 
 #include "catalogue.h"
+#include "owners.h"
+#include "providers.h"
 
 namespace winsock_host {
 namespace {
@@ -29,7 +31,15 @@ SOCKET WSPAPI CreateSocketHandle(DWORD, DWORD_PTR, LPINT error) {
   return Refuse<SOCKET>(INVALID_SOCKET, error);
 }
 int WSPAPI FdIsSet(SOCKET s, fd_set* set) { return __WSAFDIsSet(s, set); }
-SOCKET WSPAPI ModifyIfsHandle(DWORD, SOCKET proposed, LPINT) { return proposed; }
+SOCKET WSPAPI ModifyIfsHandle(DWORD catalog_id, SOCKET proposed, LPINT error) {
+  const Provider* provider = StartedProvider(catalog_id);
+  if (provider == nullptr) {
+    if (error != nullptr) *error = WSAEINVAL;
+    return INVALID_SOCKET;
+  }
+  Own(proposed, *provider);
+  return proposed;
+}
 BOOL WSPAPI PostMessageUpcall(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
   return PostMessageW(window, message, wparam, lparam);
 }

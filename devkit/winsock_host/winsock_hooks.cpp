@@ -23,6 +23,7 @@ void AddWinsockReplacements() {
   const Replacement replacements[] = {
       Replace("WSAStartup", Startup),
       Replace("WSACleanup", Cleanup),
+      Replace("inet_ntoa", AddressText),
       Replace("socket", Socket),
       Replace("WSASocketA", SocketA),
       Replace("WSASocketW", SocketW),

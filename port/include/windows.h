@@ -159,6 +159,8 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stack_size, LPTHREAD_ST
 // Ends the thread at its next port call, never asynchronously.
 BOOL WINAPI TerminateThread(HANDLE thread, DWORD exit_code);
 BOOL WINAPI GetExitCodeThread(HANDLE thread, LPDWORD exit_code);
+// A thread that has ended may or may not be found. One that is not: ERROR_INVALID_PARAMETER.
+HANDLE WINAPI OpenThread(DWORD access, BOOL inherit, DWORD id);
 HANDLE WINAPI GetCurrentThread();
 DWORD WINAPI GetCurrentThreadId();
 DWORD WINAPI GetCurrentProcessId();
@@ -268,6 +270,12 @@ HMODULE WINAPI LoadLibraryW(LPCWSTR path);
 HMODULE WINAPI LoadLibraryA(LPCSTR path);
 FARPROC WINAPI GetProcAddress(HMODULE module, LPCSTR name);
 BOOL WINAPI FreeLibrary(HMODULE module);
+// The module that an address lies in, which is all that is asked for here: both flags are needed.
+// From then on the module stays loaded, however often it is freed. What no module of
+// port/shared/modules.h exports lies in the program itself.
+#define GET_MODULE_HANDLE_EX_FLAG_PIN 1u
+#define GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS 4u
+BOOL WINAPI GetModuleHandleExW(DWORD flags, LPCWSTR address, HMODULE* out);
 void WINAPI OutputDebugStringA(LPCSTR text);
 
 // --- memory -------------------------------------------------------------------------------
@@ -276,3 +284,11 @@ void WINAPI OutputDebugStringA(LPCSTR text);
 #define GPTR 0x40u
 HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T size);
 HGLOBAL WINAPI GlobalFree(HGLOBAL memory);
+
+#define MEM_COMMIT 0x1000u
+#define MEM_RESERVE 0x2000u
+#define MEM_RELEASE 0x8000u
+// Whole pages at an address of the system's choice, zero, readable and writable: nothing else may
+// be asked for.
+LPVOID WINAPI VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect);
+BOOL WINAPI VirtualFree(LPVOID address, SIZE_T size, DWORD type);  // size 0, MEM_RELEASE

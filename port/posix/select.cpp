@@ -69,7 +69,8 @@ short Pollable(Socket& socket, short events) {
   if (socket.listening) return static_cast<short>(events & POLLIN);
   switch (SettleConnect(socket)) {
     case Socket::Connect::kDone:
-      return events;
+      // The host tells of an urgent byte also where it is taken inline; Windows does not.
+      return events == POLLPRI && socket.oob_inline ? short{0} : events;
     case Socket::Connect::kPending:
       return POLLOUT;  // any outcome concerns any set
     default:
@@ -89,7 +90,7 @@ bool ReadyByPoll(Socket& socket, short events, short seen) {
   if (seen == 0) return false;
   if (socket.stream() && !socket.listening && SettleConnect(socket) != Socket::Connect::kDone)
     return false;
-  if (events == POLLPRI) return (seen & POLLPRI) != 0;
+  if (events == POLLPRI) return (seen & POLLPRI) != 0 && !socket.oob_inline;
   if (events == POLLIN) return (seen & (POLLIN | POLLHUP | POLLERR)) != 0;
   return (seen & (POLLOUT | POLLHUP | POLLERR)) != 0 && (socket.stream() || (seen & POLLOUT));
 }

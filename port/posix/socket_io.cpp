@@ -234,9 +234,12 @@ int ReceiveOn(Socket& socket, const WSABUF* buffers, DWORD count, DWORD flags, s
       if (socket.report_unreachable) return WSAECONNRESET;
       continue;
     }
-    if (number != EAGAIN) return FinishStreamError(socket, number);
+    // The host calls an urgent byte that is not there a wrong question; Windows waits for it.
+    const bool waits_for_urgent = (flags & MSG_OOB) != 0 && number == EINVAL && !socket.oob_inline;
+    if (number != EAGAIN && !waits_for_urgent) return FinishStreamError(socket, number);
     if (socket.non_blocking) return WSAEWOULDBLOCK;
-    if (int error = WaitForEvents(socket, POLLIN, socket.recv_timeout_ms)) return error;
+    const short events = waits_for_urgent ? POLLPRI : POLLIN;
+    if (int error = WaitForEvents(socket, events, socket.recv_timeout_ms)) return error;
   }
 }
 

@@ -128,6 +128,7 @@ int SetSocketOption(Socket& socket, int option, const char* value, int size) {
   if (!value || size < static_cast<int>(sizeof(int))) return WSAEFAULT;
   int number = 0;
   std::memcpy(&number, value, sizeof number);
+  if (option == SO_OOBINLINE) socket.oob_inline = number != 0;
   if (int flag = HostFlag(option)) return SetHost(socket, native::kSolSocket, flag, number);
   switch (option) {
     case SO_SNDBUF:

@@ -239,6 +239,7 @@ int AcceptOn(Socket& socket, sockaddr* name, int* name_size, SOCKET* out) {
       accepted->non_blocking = socket.non_blocking.load();
       accepted->recv_timeout_ms = socket.recv_timeout_ms.load();
       accepted->send_timeout_ms = socket.send_timeout_ms.load();
+      accepted->oob_inline = socket.oob_inline.load();
       if (name) DeliverName(peer, peer_size, name, name_size);
       *out = AddSocket(std::move(accepted));
       return 0;

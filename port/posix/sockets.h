@@ -40,6 +40,7 @@ struct Socket {
   std::atomic<DWORD> recv_timeout_ms{0}, send_timeout_ms{0};  // 0: none
   std::atomic<int> send_buffer{65536}, recv_buffer{65536};    // as asked for
   std::atomic<bool> exclusive{false};
+  std::atomic<bool> oob_inline{false};
 
   std::atomic<Connect> connect{Connect::kNone};  // written under the lock
 

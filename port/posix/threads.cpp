@@ -5,6 +5,7 @@
 #include <linux/futex.h>
 #include <sys/syscall.h>
 
+#include <map>
 #include <set>
 #include <system_error>
 
@@ -18,6 +19,12 @@ const HANDLE kCurrentThread = reinterpret_cast<HANDLE>(static_cast<intptr_t>(-2)
 
 std::atomic<DWORD> next_id{1};
 
+// Those that CreateThread has made and that have not ended. Under KernelLock().
+std::map<DWORD, std::weak_ptr<Thread>>& Running() {
+  static auto& running = *new std::map<DWORD, std::weak_ptr<Thread>>;
+  return running;
+}
+
 thread_local Thread* self = nullptr;
 
 // Under KernelLock().
@@ -25,6 +32,7 @@ void MarkEnded(Thread& thread, DWORD code) {
   if (thread.ended) return;
   thread.ended = true;
   thread.exit_code = code;
+  Running().erase(thread.id);
   for (const auto& mutex : thread.owned) mutex->Abandon();
   thread.owned.clear();
   thread.changed.notify_all();
@@ -127,6 +135,10 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE
     return nullptr;
   }
   auto thread = std::make_shared<port::Thread>(port::next_id++);
+  {
+    std::lock_guard hold(KernelLock());
+    port::Running()[thread->id] = thread;
+  }
   try {
     std::thread([thread, start, parameter] {
       port::self = thread.get();
@@ -136,6 +148,8 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE
       port::self = nullptr;
     }).detach();
   } catch (const std::system_error&) {
+    std::lock_guard hold(KernelLock());
+    port::Running().erase(thread->id);
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
@@ -169,6 +183,19 @@ BOOL WINAPI GetExitCodeThread(HANDLE handle, LPDWORD exit_code) {
   std::lock_guard hold(KernelLock());
   *exit_code = thread->exit_code;
   return TRUE;
+}
+
+HANDLE WINAPI OpenThread(DWORD, BOOL, DWORD id) {
+  if (port::Fails("OpenThread")) return nullptr;
+  std::shared_ptr<port::Thread> thread;
+  {
+    std::lock_guard hold(KernelLock());
+    if (const auto at = port::Running().find(id); at != port::Running().end())
+      thread = at->second.lock();
+  }
+  if (thread) return port::NewHandle(thread);
+  SetLastError(ERROR_INVALID_PARAMETER);
+  return nullptr;
 }
 
 HANDLE WINAPI GetCurrentThread() { return port::kCurrentThread; }

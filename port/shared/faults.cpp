@@ -1,5 +1,6 @@
 #include "port/shared/faults.h"
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <vector>
@@ -20,6 +21,9 @@ struct Watched {
 
 std::atomic<bool> watching{false};
 std::atomic<bool> success_keeps_last_error{false};
+std::atomic<DWORD> last_error_of_success{0};
+std::atomic<unsigned> reads_to_short_one{0};  // counts down; 0: off
+std::atomic<DWORD> short_read_bytes{0};
 std::mutex lock;
 
 std::map<std::string, Watched>& Table() {
@@ -48,7 +52,18 @@ void FailCall(const std::string& name, unsigned nth, DWORD error) {
 void ClearFaults() {
   std::lock_guard hold(lock);
   watching = false;
+  reads_to_short_one = 0;
   Table().clear();
+}
+
+void ShortRead(unsigned nth, DWORD bytes) {
+  short_read_bytes = bytes;
+  reads_to_short_one = nth;
+}
+
+DWORD SizeToRead(DWORD size) {
+  if (reads_to_short_one == 0 || --reads_to_short_one != 0) return size;
+  return std::min<DWORD>(size, short_read_bytes);
 }
 
 void CountCalls() { watching = true; }
@@ -56,6 +71,10 @@ void CountCalls() { watching = true; }
 void SuccessKeepsLastError(bool keeps) { success_keeps_last_error = keeps; }
 
 bool DoesSuccessKeepLastError() { return success_keeps_last_error.load(std::memory_order_relaxed); }
+
+void SuccessLeavesLastError(DWORD error) { last_error_of_success = error; }
+
+DWORD LastErrorOfSuccess() { return last_error_of_success.load(std::memory_order_relaxed); }
 
 unsigned CallCount(const std::string& name) {
   std::lock_guard hold(lock);

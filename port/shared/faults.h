@@ -16,6 +16,9 @@ namespace port {
 // `nth` counts from 1, from this call on; 0 fails every call. Several may be set for one name.
 void FailCall(const std::string& name, unsigned nth, DWORD error);
 
+// The n-th ReadFile from now on reads no more than that many bytes.
+void ShortRead(unsigned nth, DWORD bytes);
+
 // Forgets all faults and counts, and stops counting.
 void ClearFaults();
 
@@ -27,6 +30,11 @@ void CountCalls();
 void SuccessKeepsLastError(bool keeps);
 bool DoesSuccessKeepLastError();
 
+// The last error that plain socket calls leave when they succeed, from now on; 0, the default. For
+// providers below that set one although nothing has failed.
+void SuccessLeavesLastError(DWORD error);
+DWORD LastErrorOfSuccess();
+
 // Calls of that name since counting began, failed ones included.
 unsigned CallCount(const std::string& name);
 
@@ -36,5 +44,8 @@ bool Fails(const char* name);
 
 // The same for calls that hand their error through a pointer.
 bool Fails(const char* name, LPINT error);
+
+// How much of a read of that size is to be done.
+DWORD SizeToRead(DWORD size);
 
 }  // namespace port

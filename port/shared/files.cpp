@@ -263,7 +263,8 @@ BOOL WINAPI ReadFile(HANDLE handle, LPVOID buffer, DWORD size, LPDWORD read, LPO
   if (port::Fails("ReadFile")) return FALSE;
   auto file = port::LookupAs<port::File>(handle);
   if (!file) return FALSE;
-  const ssize_t got = file->may(GENERIC_READ) ? ::read(file->fd(), buffer, size) : -1;
+  const ssize_t got =
+      file->may(GENERIC_READ) ? ::read(file->fd(), buffer, port::SizeToRead(size)) : -1;
   if (got < 0) {
     SetLastError(ERROR_ACCESS_DENIED);
     return FALSE;

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "port/shared/process.h"
 #include "port/shared/rendition.h"
 
 namespace {
@@ -49,6 +50,7 @@ unsigned long vyr_port_inet_addr(const char* text) {
 }
 
 char* vyr_port_inet_ntoa(struct in_addr address) {
+  port::CurrentProcess().layers.AwaitStartLock();
   auto& text = port::CurrentThreadState().inet_text;
   const uint32_t value = ntohl(address.s_addr);
   std::snprintf(text, sizeof text, "%u.%u.%u.%u", value >> 24, value >> 16 & 255, value >> 8 & 255,

@@ -132,13 +132,17 @@ LPVOID WINAPI MapViewOfFile(HANDLE handle, DWORD access, DWORD offset_high, DWOR
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
-  std::lock_guard hold(port::views_lock);
-  port::Views()[view] = {mapping, size, port::CurrentProcess().pid};
+  {
+    std::lock_guard hold(port::views_lock);
+    port::Views()[view] = {mapping, size, port::CurrentProcess().pid};
+  }
+  port::OnViewMapped(mapping->name(), view, size);
   return view;
 }
 
 BOOL WINAPI UnmapViewOfFile(LPCVOID address) {
   if (port::Fails("UnmapViewOfFile")) return FALSE;
+  port::OnViewUnmapped(address);
   std::lock_guard hold(port::views_lock);
   auto at = port::Views().find(address);
   if (at == port::Views().end()) {

@@ -16,6 +16,7 @@ struct Module {
   std::map<std::string, FARPROC> exports;
   int loaded = 0;
   int loads_ever = 0;
+  bool pinned = false;
 };
 
 std::mutex lock;
@@ -52,6 +53,20 @@ Module* FromHandle(HMODULE handle) {
   for (Module& module : Modules())
     if (reinterpret_cast<HMODULE>(&module) == handle && module.loaded > 0) return &module;
   return nullptr;
+}
+
+Module* FindByAddress(FARPROC address) {
+  for (Module& module : Modules()) {
+    for (const auto& [name, exported] : module.exports)
+      if (exported == address) return &module;
+  }
+  return nullptr;
+}
+
+// What every program's own module would be found by.
+HMODULE TheProgram() {
+  static Module program;
+  return reinterpret_cast<HMODULE>(&program);
 }
 
 HMODULE Load(const std::wstring& path) {
@@ -127,7 +142,27 @@ BOOL WINAPI FreeLibrary(HMODULE handle) {
     SetLastError(ERROR_MOD_NOT_FOUND);
     return FALSE;
   }
-  --module->loaded;
+  if (module->loaded > 1 || !module->pinned) --module->loaded;
+  return TRUE;
+}
+
+BOOL WINAPI GetModuleHandleExW(DWORD flags, LPCWSTR address, HMODULE* out) {
+  if (port::Fails("GetModuleHandleExW")) return FALSE;
+  constexpr DWORD kKnown = GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS;
+  if (!out || flags != kKnown) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  std::lock_guard hold(port::lock);
+  const auto function = reinterpret_cast<FARPROC>(const_cast<wchar_t*>(address));
+  port::Module* const module = port::FindByAddress(function);
+  if (!module) {
+    *out = port::TheProgram();
+    return TRUE;
+  }
+  module->pinned = true;
+  module->loaded = std::max(module->loaded, 1);
+  *out = reinterpret_cast<HMODULE>(module);
   return TRUE;
 }
 

@@ -16,7 +16,8 @@ namespace port {
 void RegisterModule(const std::wstring& path, const std::map<std::string, FARPROC>& exports);
 void UnregisterModule(const std::wstring& path);
 
-// How often the module is loaded now, and how often it was loaded at all.
+// How often the module is loaded now, and how often it was loaded at all. A module that was pinned
+// stays loaded once when it is freed for the last time.
 int LoadCount(const std::wstring& path);
 int LoadsEver(const std::wstring& path);
 

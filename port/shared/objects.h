@@ -54,7 +54,8 @@ void CloseHandlesOf(DWORD pid);
 
 // How many handles and views are open in all, for tests that look for leaks.
 size_t OpenHandles();
-size_t OpenViews();  // mappings.cpp
+size_t OpenViews();        // mappings.cpp
+size_t OpenAllocations();  // memory.cpp: blocks of VirtualAlloc
 
 // Opens the object of that name and kind, or makes one with `make`. A null or empty name makes
 // an unnamed object. Last error: 0, or ERROR_ALREADY_EXISTS when it was there, or, with a null

@@ -6,6 +6,8 @@
 #include <winsock2.h>
 #include <ws2spi.h>
 
+#include <string>
+
 namespace port {
 
 struct Process;
@@ -32,5 +34,10 @@ uint32_t RandomBits();
 // Every shared call begins here, before it takes any lock: a thread that was told to end
 // leaves, and the simulation may trace. Must not change the last error.
 void OnCall(const char* name);
+
+// The calling thread has mapped a view of a mapping of that name (empty: unnamed), or is about to
+// unmap one. No lock is held. The simulation may watch a thread while it has a view.
+void OnViewMapped(const std::string& mapping, const void* view, size_t size);
+void OnViewUnmapped(const void* view);
 
 }  // namespace port

@@ -25,13 +25,22 @@ bool Serves(const WSAPROTOCOL_INFOW& entry, int family, int type, int protocol) 
          (type == 0 || entry.iSocketType == type) && protocol_fits;
 }
 
+std::atomic<bool> ends_before_its_providers{false};
+std::atomic<bool> starts_once_per_provider{false};
+std::atomic<bool> text_takes_the_start_lock{false};
+
 // A layered entry is started by the provider that its chain names first: its own.
-LPWSPSTARTUP FindStartup(const WSAPROTOCOL_INFOW& entry) {
+LPWSPSTARTUP FindStartup(const WSAPROTOCOL_INFOW& entry, HMODULE* module) {
   const std::wstring path = Expand(ProviderPath(entry.ProviderId));
-  HMODULE module = path.empty() ? nullptr : LoadLibraryW(path.c_str());
-  if (!module) return nullptr;
-  FARPROC function = GetProcAddress(module, "WSPStartup");
+  *module = path.empty() ? nullptr : LoadLibraryW(path.c_str());
+  if (!*module) return nullptr;
+  FARPROC function = GetProcAddress(*module, "WSPStartup");
   return reinterpret_cast<LPWSPSTARTUP>(reinterpret_cast<void*>(function));
+}
+
+bool ServesAlso(const WSAPROTOCOL_INFOW& started, const WSAPROTOCOL_INFOW& entry) {
+  return starts_once_per_provider ? started.ProviderId == entry.ProviderId
+                                  : started.dwCatalogEntryId == entry.dwCatalogEntryId;
 }
 
 bool Complete(const WSPPROC_TABLE& table) {
@@ -64,15 +73,41 @@ void SocketLayers::UseCatalogue(bool use) {
   use_catalogue_ = use;
 }
 
+void SocketLayers::StartUp() {
+  SectionGuard hold(&start_lock_);
+  ++startups_;
+  ended_ = false;
+}
+
+int SocketLayers::CleanUp() {
+  SectionGuard hold(&start_lock_);
+  if (startups_ == 0) return WSANOTINITIALISED;
+  if (--startups_ > 0) return 0;
+  if (ends_before_its_providers) ended_ = true;
+  for (const auto& one : started_) {
+    INT ignored = 0;
+    one->table.lpWSPCleanup(&ignored);
+    FreeLibrary(one->module);
+  }
+  started_.clear();
+  ended_ = true;
+  return 0;
+}
+
+void SocketLayers::AwaitStartLock() {
+  if (!text_takes_the_start_lock) return;
+  SectionGuard hold(&start_lock_);
+}
+
 std::shared_ptr<const SocketLayers::Started> SocketLayers::StartEntry(
     const WSAPROTOCOL_INFOW& entry, int* error) {
   for (const auto& one : started_)
-    if (one->entry.dwCatalogEntryId == entry.dwCatalogEntryId) return one;
+    if (ServesAlso(one->entry, entry)) return one;
   auto fresh = std::make_shared<Started>();
   fresh->entry = entry;
   fresh->table = {};
   *error = WSAEPROVIDERFAILEDINIT;
-  const LPWSPSTARTUP startup = FindStartup(entry);
+  const LPWSPSTARTUP startup = FindStartup(entry, &fresh->module);
   if (!startup) return nullptr;
   WSPDATA data = {};
   const int result = startup(MAKEWORD(2, 2), &data, &fresh->entry, Upcalls(), &fresh->table);
@@ -134,6 +169,12 @@ std::shared_ptr<const SocketLayers::Started> SocketLayers::Forget(SOCKET s) {
 }
 
 void UseCatalogue(bool use) { CurrentProcess().layers.UseCatalogue(use); }
+
+void SetDispatchManners(const DispatchManners& manners) {
+  ends_before_its_providers = manners.ends_before_its_providers;
+  starts_once_per_provider = manners.starts_once_per_provider;
+  text_takes_the_start_lock = manners.text_takes_the_start_lock;
+}
 
 BypassLayers::BypassLayers() { ++CurrentThreadState().bypass_layers; }
 BypassLayers::~BypassLayers() { --CurrentThreadState().bypass_layers; }

@@ -15,13 +15,25 @@ SocketLayers& Layers() { return CurrentProcess().layers; }
 // fills it stands among the arguments beside it.
 template <class Result>
 Result Finish(Result result, bool failed, const int& error) {
-  if (failed || !DoesSuccessKeepLastError()) WSASetLastError(failed ? error : 0);
+  if (failed) {
+    WSASetLastError(error);
+  } else if (!DoesSuccessKeepLastError()) {
+    SetLastError(LastErrorOfSuccess());
+  }
   return result;
 }
 
 int Finish(int result, const int& error) { return Finish(result, result == SOCKET_ERROR, error); }
 
 int Fail(int error) { return Finish(SOCKET_ERROR, error); }
+
+// What every plain call asks first. True: the last error is set, and the call has failed.
+bool Refuses(const char* name) {
+  if (Fails(name)) return true;
+  if (!Layers().ended()) return false;
+  WSASetLastError(WSANOTINITIALISED);
+  return true;
+}
 
 SOCKET FirstOf(const vyr_port_fd_set* set) {
   return set && set->fd_count > 0 ? set->fd_array[0] : INVALID_SOCKET;
@@ -34,6 +46,7 @@ using port::Fail;
 using port::Fails;
 using port::Finish;
 using port::Layers;
+using port::Refuses;
 
 int WSAAPI WSAStartup(WORD version, LPWSADATA data) {
   INT error = 0;
@@ -45,13 +58,17 @@ int WSAAPI WSAStartup(WORD version, LPWSADATA data) {
   data->wHighVersion = MAKEWORD(2, 2);
   std::strcpy(data->szDescription, "WinSock 2.0");
   std::strcpy(data->szSystemStatus, "Running");
+  Layers().StartUp();
   return 0;
 }
 
-int WSAAPI WSACleanup() { return 0; }
+int WSAAPI WSACleanup() {
+  const int error = Layers().CleanUp();
+  return error == 0 ? 0 : Fail(error);
+}
 
 SOCKET vyr_port_socket(int family, int type, int protocol) {
-  if (Fails("socket")) return INVALID_SOCKET;
+  if (Refuses("socket")) return INVALID_SOCKET;
   int error = 0;
   auto started = Layers().ForNewSocket(family, type, protocol, &error);
   if (error != 0) return Finish(INVALID_SOCKET, true, error);
@@ -65,7 +82,7 @@ SOCKET vyr_port_socket(int family, int type, int protocol) {
 }
 
 int WSAAPI closesocket(SOCKET s) {
-  if (Fails("closesocket")) return SOCKET_ERROR;
+  if (Refuses("closesocket")) return SOCKET_ERROR;
   const WSPPROC_TABLE& table = Layers().TableOf(s);
   // Forgotten first: once it is closed, the handle may be another socket's.
   auto started = Layers().Forget(s);
@@ -76,19 +93,19 @@ int WSAAPI closesocket(SOCKET s) {
 }
 
 int vyr_port_bind(SOCKET s, const struct sockaddr* name, int name_size) {
-  if (Fails("bind")) return SOCKET_ERROR;
+  if (Refuses("bind")) return SOCKET_ERROR;
   int error = 0;
   return Finish(Layers().TableOf(s).lpWSPBind(s, name, name_size, &error), error);
 }
 
 int vyr_port_listen(SOCKET s, int backlog) {
-  if (Fails("listen")) return SOCKET_ERROR;
+  if (Refuses("listen")) return SOCKET_ERROR;
   int error = 0;
   return Finish(Layers().TableOf(s).lpWSPListen(s, backlog, &error), error);
 }
 
 SOCKET vyr_port_accept(SOCKET s, struct sockaddr* name, int* name_size) {
-  if (Fails("accept")) return INVALID_SOCKET;
+  if (Refuses("accept")) return INVALID_SOCKET;
   int error = 0;
   const SOCKET accepted = Layers().TableOf(s).lpWSPAccept(s, name, name_size, nullptr, 0, &error);
   Layers().Remember(accepted, Layers().Of(s));
@@ -96,7 +113,7 @@ SOCKET vyr_port_accept(SOCKET s, struct sockaddr* name, int* name_size) {
 }
 
 int vyr_port_connect(SOCKET s, const struct sockaddr* name, int name_size) {
-  if (Fails("connect")) return SOCKET_ERROR;
+  if (Refuses("connect")) return SOCKET_ERROR;
   int error = 0;
   return Finish(Layers().TableOf(s).lpWSPConnect(s, name, name_size, nullptr, nullptr, nullptr,
                                                  nullptr, &error),
@@ -105,7 +122,7 @@ int vyr_port_connect(SOCKET s, const struct sockaddr* name, int name_size) {
 
 int vyr_port_select(int ignored, vyr_port_fd_set* read, vyr_port_fd_set* write,
                     vyr_port_fd_set* except, const struct vyr_port_timeval* timeout) {
-  if (Fails("select")) return SOCKET_ERROR;
+  if (Refuses("select")) return SOCKET_ERROR;
   // The provider of the first handle serves the whole call, as in Winsock.
   SOCKET first = port::FirstOf(read);
   if (first == INVALID_SOCKET) first = port::FirstOf(write);
@@ -117,7 +134,7 @@ int vyr_port_select(int ignored, vyr_port_fd_set* read, vyr_port_fd_set* write,
 }
 
 int vyr_port_recv(SOCKET s, char* buffer, int size, int flags) {
-  if (Fails("recv")) return SOCKET_ERROR;
+  if (Refuses("recv")) return SOCKET_ERROR;
   WSABUF one = {static_cast<ULONG>(size), buffer};
   DWORD received = 0;
   DWORD in_out = static_cast<DWORD>(flags);
@@ -128,7 +145,7 @@ int vyr_port_recv(SOCKET s, char* buffer, int size, int flags) {
 }
 
 int vyr_port_send(SOCKET s, const char* buffer, int size, int flags) {
-  if (Fails("send")) return SOCKET_ERROR;
+  if (Refuses("send")) return SOCKET_ERROR;
   WSABUF one = {static_cast<ULONG>(size), const_cast<char*>(buffer)};
   DWORD sent = 0;
   int error = 0;
@@ -139,7 +156,7 @@ int vyr_port_send(SOCKET s, const char* buffer, int size, int flags) {
 
 int vyr_port_recvfrom(SOCKET s, char* buffer, int size, int flags, struct sockaddr* from,
                       int* from_size) {
-  if (Fails("recvfrom")) return SOCKET_ERROR;
+  if (Refuses("recvfrom")) return SOCKET_ERROR;
   WSABUF one = {static_cast<ULONG>(size), buffer};
   DWORD received = 0;
   DWORD in_out = static_cast<DWORD>(flags);
@@ -151,7 +168,7 @@ int vyr_port_recvfrom(SOCKET s, char* buffer, int size, int flags, struct sockad
 
 int vyr_port_sendto(SOCKET s, const char* buffer, int size, int flags, const struct sockaddr* to,
                     int to_size) {
-  if (Fails("sendto")) return SOCKET_ERROR;
+  if (Refuses("sendto")) return SOCKET_ERROR;
   WSABUF one = {static_cast<ULONG>(size), const_cast<char*>(buffer)};
   DWORD sent = 0;
   int error = 0;
@@ -161,39 +178,39 @@ int vyr_port_sendto(SOCKET s, const char* buffer, int size, int flags, const str
 }
 
 int vyr_port_shutdown(SOCKET s, int how) {
-  if (Fails("shutdown")) return SOCKET_ERROR;
+  if (Refuses("shutdown")) return SOCKET_ERROR;
   int error = 0;
   return Finish(Layers().TableOf(s).lpWSPShutdown(s, how, &error), error);
 }
 
 int vyr_port_getsockname(SOCKET s, struct sockaddr* name, int* name_size) {
-  if (Fails("getsockname")) return SOCKET_ERROR;
+  if (Refuses("getsockname")) return SOCKET_ERROR;
   int error = 0;
   return Finish(Layers().TableOf(s).lpWSPGetSockName(s, name, name_size, &error), error);
 }
 
 int vyr_port_getpeername(SOCKET s, struct sockaddr* name, int* name_size) {
-  if (Fails("getpeername")) return SOCKET_ERROR;
+  if (Refuses("getpeername")) return SOCKET_ERROR;
   int error = 0;
   return Finish(Layers().TableOf(s).lpWSPGetPeerName(s, name, name_size, &error), error);
 }
 
 int vyr_port_getsockopt(SOCKET s, int level, int option, char* value, int* value_size) {
-  if (Fails("getsockopt")) return SOCKET_ERROR;
+  if (Refuses("getsockopt")) return SOCKET_ERROR;
   int error = 0;
   return Finish(Layers().TableOf(s).lpWSPGetSockOpt(s, level, option, value, value_size, &error),
                 error);
 }
 
 int vyr_port_setsockopt(SOCKET s, int level, int option, const char* value, int value_size) {
-  if (Fails("setsockopt")) return SOCKET_ERROR;
+  if (Refuses("setsockopt")) return SOCKET_ERROR;
   int error = 0;
   return Finish(Layers().TableOf(s).lpWSPSetSockOpt(s, level, option, value, value_size, &error),
                 error);
 }
 
 int WSAAPI ioctlsocket(SOCKET s, long command, u_long* argument) {
-  if (Fails("ioctlsocket")) return SOCKET_ERROR;
+  if (Refuses("ioctlsocket")) return SOCKET_ERROR;
   if (!argument) return Fail(WSAEFAULT);
   // The interface's arguments are 32 bits wide; u_long is wider here.
   DWORD value = static_cast<DWORD>(*argument);

@@ -27,11 +27,21 @@ class SocketLayers {
   struct Started {
     WSAPROTOCOL_INFOW entry;
     WSPPROC_TABLE table;
+    HMODULE module;
   };
 
   // True: sockets made from now on go by the catalogue. Forgets what was started before, so
   // that the next socket starts its provider anew; sockets made before keep their tables.
   void UseCatalogue(bool use);
+
+  // Winsock's own life: WSAStartup and WSACleanup, counted. The last cleanup tells each provider
+  // that was started and frees its module as often as it was loaded here; the next socket starts
+  // it anew. In a process that has asked for Winsock once, calls answer 10093 from the last cleanup
+  // to the next start; one that never asked is served all the same.
+  void StartUp();
+  int CleanUp();  // 0, or the error
+  bool ended() const { return ended_; }
+  void AwaitStartLock();  // where the dispatch's manners have inet_ntoa do so
 
   // The started provider for a new socket; starts it when it is the first. Null with *error
   // set, or with *error 0 where the base provider serves.
@@ -49,6 +59,8 @@ class SocketLayers {
   std::shared_ptr<const Started> StartEntry(const WSAPROTOCOL_INFOW& entry, int* error);
 
   std::atomic<bool> use_catalogue_{false};
+  int startups_ = 0;  // under start_lock_
+  std::atomic<bool> ended_{false};
   std::atomic<bool> any_layered_{false};                 // false: TableOf need not look
   CRITICAL_SECTION start_lock_;                          // held across WSPStartup
   std::vector<std::shared_ptr<const Started>> started_;  // under start_lock_
@@ -59,6 +71,19 @@ class SocketLayers {
 
 // For the calling thread's process.
 void UseCatalogue(bool use);
+
+// How the dispatch goes about what nobody has promised. For all processes.
+struct DispatchManners {
+  // True: by the time the last cleanup tells the providers, Winsock's own calls answer 10093.
+  // False: they still work then.
+  bool ends_before_its_providers = false;
+  // True: a provider is started once, with the first of its entries that is asked for, and the
+  // table that it gives serves all of them. False: each entry is started by itself.
+  bool starts_once_per_provider = false;
+  // True: inet_ntoa waits for the lock that starts and cleanups hold.
+  bool text_takes_the_start_lock = false;
+};
+void SetDispatchManners(const DispatchManners& manners);
 
 // While one of these lives on a thread, sockets that the thread makes go straight to the base
 // provider: for actors that are not the game, and for what a base provider does itself.

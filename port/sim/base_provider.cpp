@@ -174,7 +174,7 @@ BOOL WINAPI ConnectEx(SOCKET s, const struct sockaddr* name, int name_size, PVOI
   if (result == 0) result = Connect(*socket, address);
   DWORD done = 0;
   if (result == 0 && data && size > 0)
-    result = Send(*socket, std::string(static_cast<const char*>(data), size), &done);
+    result = Send(*socket, std::string(static_cast<const char*>(data), size), false, &done);
   socket->nonblocking = nonblocking;
   if (sent) *sent = done;
   Note("ConnectEx", s, result, ToText(address));
@@ -249,14 +249,16 @@ int ReceiveInto(const char* call, SOCKET s, LPWSABUF buffers, DWORD count, LPDWO
   if (!buffers || !received || !flags) return Answer(call, s, WSAEFAULT, error);
   if (from && (!from_size || *from_size < static_cast<int>(sizeof(sockaddr_in))))
     return Answer(call, s, WSAEFAULT, error);
-  if ((*flags & ~static_cast<DWORD>(MSG_PEEK)) != 0) return Answer(call, s, WSAEOPNOTSUPP, error);
+  if ((*flags & ~static_cast<DWORD>(MSG_PEEK | MSG_OOB)) != 0)
+    return Answer(call, s, WSAEOPNOTSUPP, error);
   // One buffer, the ordinary case, is filled in place.
   std::string space(count == 1 ? 0 : Room(buffers, count), '\0');
   char* const out = count == 1 ? buffers[0].buf : space.data();
   const size_t size = count == 1 ? buffers[0].len : space.size();
   DWORD n = 0;
   std::optional<Address> peer;
-  const int result = Receive(*socket, out, size, (*flags & MSG_PEEK) != 0, &n, &peer);
+  const int result =
+      Receive(*socket, out, size, (*flags & MSG_PEEK) != 0, (*flags & MSG_OOB) != 0, &n, &peer);
   if (result == 0 || result == WSAEMSGSIZE) {
     if (count != 1) Scatter(std::string_view(space).substr(0, n), buffers, count);
     *received = n;
@@ -297,7 +299,7 @@ int CheckSend(const SocketRef& socket, const WSABUF* buffers, const DWORD* sent,
   if (!socket) return WSAENOTSOCK;
   if (overlapped) return WSAEOPNOTSUPP;
   if (!buffers || !sent) return WSAEFAULT;
-  return flags != 0 ? WSAEOPNOTSUPP : 0;
+  return (flags & ~static_cast<DWORD>(MSG_OOB)) != 0 ? WSAEOPNOTSUPP : 0;
 }
 
 int WSPAPI WspSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,
@@ -308,7 +310,8 @@ int WSPAPI WspSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD 
   DWORD n = 0;
   int result = CheckSend(socket, buffers, sent, flags, overlapped || completion);
   std::string space;
-  if (result == 0) result = Send(*socket, Gather(buffers, count, &space), &n);
+  if (result == 0)
+    result = Send(*socket, Gather(buffers, count, &space), (flags & MSG_OOB) != 0, &n);
   if (result == 0) *sent = n;
   return Answer("send", s, result, error, Format("%u bytes", n));
 }

@@ -1,6 +1,9 @@
 // Faults that only a simulated world can inject. A counter counts down to its call; 0: off.
 #pragma once
 #include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -8,6 +11,12 @@
 #include "port/sim/sim.h"
 
 namespace sim {
+
+struct ViewWatch {
+  const Process* process;  // null: any
+  std::string mapping;
+  ViewLook look;
+};
 
 struct Faults {
   struct Countdown {
@@ -20,6 +29,12 @@ struct Faults {
   Countdown thread_start;
   DWORD thread_start_error = 0;
   std::vector<std::pair<Process*, std::string>> kill_when_it_holds;
+  struct CallAction {
+    unsigned nth;
+    std::function<void()> action;
+  };
+  std::map<std::string, CallAction> at_call;             // of threads that have not started yet
+  std::vector<std::unique_ptr<ViewWatch>> view_watches;  // threads that are watched point to them
 };
 
 }  // namespace sim

@@ -35,6 +35,7 @@ struct TcpHeader {
   uint64_t sequence = 0;
   uint64_t acknowledged = 0;
   uint32_t window = 0;
+  uint64_t urgent = 0;  // the number behind the last urgent byte; 0: there is none
   // Stands for what random initial sequence numbers are for: a segment of an earlier connection
   // between the same two ports is told apart.
   uint64_t connection = 0;

@@ -77,6 +77,7 @@ ThreadRef Scheduler::Start(const std::string& name, Process* process,
 
 void Scheduler::Step() {
   CountStep();
+  MeetCall();
   RunEventsUntil(now_);
   if (current_->state_ == Thread::State::kEnded) Leave();  // killed by an event
   const bool stalled = current_->stalled_until_ > now_;
@@ -91,6 +92,7 @@ void Scheduler::Yield() {
 
 bool Scheduler::Block(const Wait& wait) {
   CountStep();
+  MeetCall();
   Thread& self = *current_;
   self.wait_ = &wait;
   self.state_ = Thread::State::kWaiting;
@@ -117,6 +119,19 @@ void Scheduler::Kill(const std::vector<ThreadRef>& threads, uint32_t exit_code) 
 }
 
 void Scheduler::Stall(Thread& thread, Micros duration) { thread.stalled_until_ = now_ + duration; }
+
+void Scheduler::AtCall(Thread& thread, unsigned nth, std::function<void()> action) {
+  thread.calls_to_action_ = nth;
+  thread.action_ = std::move(action);
+}
+
+void Scheduler::MeetCall() {
+  Thread& self = *current_;
+  if (self.calls_to_action_ == 0 || --self.calls_to_action_ > 0) return;
+  const std::function<void()> action = std::move(self.action_);
+  action();
+  if (self.state_ == Thread::State::kEnded) Leave();
+}
 
 bool Scheduler::Later(const Event& a, const Event& b) {
   return a.when != b.when ? a.when > b.when : a.order > b.order;

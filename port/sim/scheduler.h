@@ -62,6 +62,8 @@ class Thread {
   State state_ = State::kReady;
   const Wait* wait_ = nullptr;
   Micros stalled_until_ = 0;
+  unsigned calls_to_action_ = 0;  // 0: none waits
+  std::function<void()> action_;
 
   std::mutex mutex_;
   std::condition_variable wake_;
@@ -115,6 +117,9 @@ class Scheduler {
   // Ends several at once: the whole set is marked before anything else can run.
   void Kill(const std::vector<ThreadRef>& threads, uint32_t exit_code);
   void Stall(Thread& thread, Micros duration);
+  // Runs `action` on the baton when the thread begins its n-th step or wait from now on. It must
+  // not block, and may end the thread.
+  void AtCall(Thread& thread, unsigned nth, std::function<void()> action);
 
   // Runs `event` at that time, on the baton, in the order of time and then of these calls. It
   // must not block. Traffic counts as not idle.
@@ -134,6 +139,7 @@ class Scheduler {
   static bool Later(const Event& a, const Event& b);
 
   void CountStep();
+  void MeetCall();
   void RunEventsUntil(Micros until);
   bool CanRun(const Thread& thread) const;
   Thread* PickReady();

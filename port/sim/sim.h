@@ -18,6 +18,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,8 @@ class Stack;
 class Thread;
 struct Faults;
 
+using ViewLook = std::function<bool(std::span<const uint8_t> view, bool is_new)>;
+
 // One direction of a link. Every probability is 0 … 1 and drawn for each packet.
 struct LinkOptions {
   Duration delay{1000};
@@ -63,6 +66,7 @@ struct Options {
   uint64_t max_steps = 20'000'000;
   uint64_t spin_steps = 20'000;       // calls without a wait after which the clock moves by 1 ms
   LinkOptions link;                   // what hosts start with between them
+  bool tcp_saves_segments = false;    // Nagle's rule and delayed acknowledgements, as in life
   bool reuse_socket_handles = false;  // true: a closed handle's number comes back at once
   TraceRing* trace = nullptr;         // null: the world makes its own
 };
@@ -151,11 +155,25 @@ class World {
   void FailThreadStart(unsigned nth, DWORD error = ERROR_NOT_ENOUGH_MEMORY);
   // The thread is not scheduled for that long, wherever it is.
   void Stall(DWORD thread_id, Duration duration);
+  // The thread ends wherever it is, as if by TerminateThread.
+  void Terminate(DWORD thread_id);
+  // Runs `action` when the thread of that name ("process/thread") begins its n-th call from now
+  // on, or, where there is no such thread yet, its n-th call at all. It must not block; it may end
+  // the thread or its process. One action a thread.
+  void AtCall(const std::string& thread, unsigned nth, std::function<void()> action);
   // All threads end at once, nothing is unwound; mutexes are abandoned, streams are reset,
   // handles and views are closed.
   void Kill(Process& process, DWORD exit_code = 1);
   // The same at the moment when a thread of the process gets the named mutex.
   void KillWhenItHolds(Process& process, const std::string& mutex);
+  // The same between two instructions of a copy: at the process's n-th write from now on into views
+  // of that mapping. The copy's later writes do not happen.
+  void KillAtWrite(Process& process, const std::string& mapping, unsigned nth);
+  // Calls `look` when a thread of that process (null: of any) has mapped a view of that mapping,
+  // with true, and after each instruction of the thread until it unmaps the view, with false, or
+  // until `look` says false: it has seen enough of this view. What it may do: see
+  // port/shared/single_step.h.
+  void WatchView(Process* process, const std::string& mapping, ViewLook look);
   void ReuseSocketHandles(bool reuse);
 
   // --- looking ---

@@ -44,16 +44,18 @@ int SetLinger(Socket& socket, const char* value, int size) {
   return 0;
 }
 
-void ApplyBuffers(Socket& socket) {
-  if (socket.tcp) socket.tcp->SetBuffers(socket.buffers);
-  if (socket.listener) socket.listener->SetBuffers(socket.buffers);
-  if (socket.datagrams) socket.datagrams->limit = socket.buffers.receive;
+void ApplySettings(Socket& socket) {
+  if (socket.tcp) socket.tcp->SetSettings(socket.settings);
+  if (socket.listener) socket.listener->SetSettings(socket.settings);
+  if (socket.datagrams) socket.datagrams->limit = socket.settings.receive;
 }
 
 }  // namespace
 
 int GetOption(Socket& socket, int level, int option, char* value, int* size) {
   socket.Settle();
+  if (level == IPPROTO_TCP && option == TCP_NODELAY)
+    return Put(socket.settings.no_delay, value, size);
   if (level != SOL_SOCKET) {
     const auto at = socket.plain_options.find({level, option});
     return Put(at == socket.plain_options.end() ? 0 : at->second, value, size);
@@ -65,11 +67,13 @@ int GetOption(Socket& socket, int level, int option, char* value, int* size) {
     case SO_TYPE:
       return Put(socket.type, value, size);
     case SO_SNDBUF:
-      return Put(static_cast<int>(socket.buffers.send), value, size);
+      return Put(static_cast<int>(socket.settings.send), value, size);
     case SO_RCVBUF:
-      return Put(static_cast<int>(socket.buffers.receive), value, size);
+      return Put(static_cast<int>(socket.settings.receive), value, size);
     case SO_ACCEPTCONN:
       return Put(socket.listener != nullptr, value, size);
+    case SO_OOBINLINE:
+      return Put(socket.settings.oob_inline, value, size);
     case SO_REUSEADDR:
       return Put(socket.share, value, size);
     case SO_EXCLUSIVEADDRUSE:
@@ -83,8 +87,7 @@ int GetOption(Socket& socket, int level, int option, char* value, int* size) {
     case SO_KEEPALIVE:
     case SO_DEBUG:
     case SO_DONTROUTE:
-    case SO_BROADCAST:
-    case SO_OOBINLINE: {
+    case SO_BROADCAST: {
       const auto at = socket.plain_options.find({level, option});
       return Put(at == socket.plain_options.end() ? 0 : at->second, value, size);
     }
@@ -98,6 +101,11 @@ int SetOption(Socket& socket, int level, int option, const char* value, int size
   if (size < static_cast<int>(sizeof(int))) return WSAEFAULT;
   int number = 0;
   std::memcpy(&number, value, sizeof number);
+  if (level == IPPROTO_TCP && option == TCP_NODELAY) {
+    socket.settings.no_delay = number != 0;
+    ApplySettings(socket);
+    return 0;
+  }
   if (level != SOL_SOCKET) {
     socket.plain_options[{level, option}] = number;
     return 0;
@@ -105,13 +113,17 @@ int SetOption(Socket& socket, int level, int option, const char* value, int size
   switch (option) {
     case SO_SNDBUF:
       if (number < 0) return WSAEINVAL;
-      socket.buffers.send = static_cast<size_t>(number);
-      ApplyBuffers(socket);
+      socket.settings.send = static_cast<size_t>(number);
+      ApplySettings(socket);
       return 0;
     case SO_RCVBUF:
       if (number < 0) return WSAEINVAL;
-      socket.buffers.receive = static_cast<size_t>(number);
-      ApplyBuffers(socket);
+      socket.settings.receive = static_cast<size_t>(number);
+      ApplySettings(socket);
+      return 0;
+    case SO_OOBINLINE:
+      socket.settings.oob_inline = number != 0;
+      ApplySettings(socket);
       return 0;
     case SO_REUSEADDR:
       if (socket.exclusive && number != 0) return WSAEINVAL;
@@ -131,7 +143,6 @@ int SetOption(Socket& socket, int level, int option, const char* value, int size
     case SO_DEBUG:
     case SO_DONTROUTE:
     case SO_BROADCAST:
-    case SO_OOBINLINE:
       socket.plain_options[{level, option}] = number != 0;
       return 0;
     default:

@@ -96,7 +96,10 @@ bool Socket::CanWrite() const {
   return tcp->dead() || send_shut || tcp->room() > 0;
 }
 
-bool Socket::HasException() const { return connect_failed || (connecting && tcp->dead()); }
+bool Socket::HasException() const {
+  if (connect_failed || (connecting && tcp->dead())) return true;
+  return tcp && !tcp->dead() && tcp->urgent_waits();
+}
 
 // --- the table ------------------------------------------------------------------------------
 
@@ -194,7 +197,7 @@ int Listen(Socket& socket, int backlog) {
   if (socket.listener) return 0;
   const int places = std::clamp(backlog, 1, kMaxBacklog);
   socket.listener =
-      std::make_shared<TcpListener>(socket.local, static_cast<size_t>(places), socket.buffers);
+      std::make_shared<TcpListener>(socket.local, static_cast<size_t>(places), socket.settings);
   socket.stack().Listen(socket.listener);
   return 0;
 }
@@ -213,7 +216,7 @@ int Accept(Socket& socket, SOCKET* out, Address* peer) {
   accepted->type = socket.type;
   accepted->protocol = socket.protocol;
   accepted->nonblocking = socket.nonblocking;
-  accepted->buffers = socket.buffers;
+  accepted->settings = socket.settings;
   accepted->linger_on = socket.linger_on;
   accepted->linger_seconds = socket.linger_seconds;
   accepted->send_timeout_ms = socket.send_timeout_ms;
@@ -221,6 +224,7 @@ int Accept(Socket& socket, SOCKET* out, Address* peer) {
   accepted->plain_options = socket.plain_options;
   accepted->tcp = listener->ready.front();
   listener->ready.pop_front();
+  accepted->tcp->SetSettings(accepted->settings);
   accepted->local = accepted->tcp->local();
   accepted->peer = *peer = accepted->tcp->remote();
   *out = TheWorld().sockets().Add(accepted);
@@ -258,7 +262,7 @@ int Connect(Socket& socket, const Address& address) {
     if (const int error = Claim(socket, {0, 0})) return error;
   Address local = socket.local;
   if (local.ip == 0) local.ip = socket.stack().SourceFor(address.ip);
-  auto tcp = socket.stack().Connect(local, address, socket.buffers);
+  auto tcp = socket.stack().Connect(local, address, socket.settings);
   if (!tcp) return WSAEADDRINUSE;
   socket.tcp = tcp;
   socket.local = local;
@@ -316,7 +320,7 @@ int StreamUnusable(Socket& socket) {
 // A connection that died keeps saying why.
 int DeathOf(const TcpConnection& tcp) { return tcp.error() != 0 ? tcp.error() : WSAECONNABORTED; }
 
-int SendStream(Socket& socket, std::string_view data, DWORD* sent) {
+int SendStream(Socket& socket, std::string_view data, bool urgent, DWORD* sent) {
   if (const int error = StreamUnusable(socket)) return error;
   const auto tcp = socket.tcp;
   if (tcp->dead()) return DeathOf(*tcp);
@@ -324,7 +328,7 @@ int SendStream(Socket& socket, std::string_view data, DWORD* sent) {
   Faults& faults = TheWorld().faults();
   const size_t limit = faults.short_send.Hit() ? faults.short_send_bytes : data.size();
   const std::string_view wanted = data.substr(0, limit);
-  size_t done = tcp->Write(wanted);
+  size_t done = tcp->Write(wanted, urgent);
   if (socket.nonblocking) {
     *sent = static_cast<DWORD>(done);
     return done == 0 && !data.empty() ? WSAEWOULDBLOCK : 0;
@@ -335,7 +339,7 @@ int SendStream(Socket& socket, std::string_view data, DWORD* sent) {
     if (error != 0) return error;
     if (tcp->dead()) return DeathOf(*tcp);
     if (socket.send_shut) return WSAESHUTDOWN;
-    done += tcp->Write(wanted.substr(done));
+    done += tcp->Write(wanted.substr(done), urgent);
   }
   *sent = static_cast<DWORD>(done);
   return 0;
@@ -356,6 +360,24 @@ int ReceiveStream(Socket& socket, char* out, size_t size, bool peek, DWORD* rece
   if (tcp->dead()) return DeathOf(*tcp);
   if (socket.receive_shut) return WSAESHUTDOWN;
   *received = static_cast<DWORD>(tcp->Read(out, size, peek));
+  return 0;
+}
+
+int ReceiveUrgent(Socket& socket, char* out, size_t size, bool peek, DWORD* received) {
+  if (const int error = StreamUnusable(socket)) return error;
+  if (socket.settings.oob_inline) return WSAEINVAL;
+  if (socket.receive_shut) return WSAESHUTDOWN;
+  const auto tcp = socket.tcp;
+  const auto settled = [&] { return tcp->urgent_waits() || tcp->dead() || tcp->at_end(); };
+  if (!settled()) {
+    if (socket.nonblocking) return WSAEWOULDBLOCK;
+    const int error = WaitUntil(socket, "recv", socket.receive_timeout_ms, settled);
+    if (error != 0) return error;
+  }
+  if (tcp->dead()) return DeathOf(*tcp);
+  if (!tcp->urgent_waits() || size == 0) return 0;
+  *out = *tcp->ReadUrgent(peek);
+  *received = 1;
   return 0;
 }
 
@@ -386,13 +408,14 @@ int ReceiveDatagram(Socket& socket, char* out, size_t size, bool peek, DWORD* re
 
 }  // namespace
 
-int Send(Socket& socket, std::string_view data, DWORD* sent) {
-  if (socket.stream()) return SendStream(socket, data, sent);
+int Send(Socket& socket, std::string_view data, bool urgent, DWORD* sent) {
+  if (socket.stream()) return SendStream(socket, data, urgent, sent);
+  if (urgent) return WSAEOPNOTSUPP;
   return SendTo(socket, std::string(data), std::nullopt, sent);
 }
 
 int SendTo(Socket& socket, const std::string& data, const std::optional<Address>& to, DWORD* sent) {
-  if (socket.stream()) return SendStream(socket, data, sent);
+  if (socket.stream()) return SendStream(socket, data, false, sent);
   if (socket.send_shut) return WSAESHUTDOWN;
   if (!to && socket.peer.ip == 0) return WSAENOTCONN;
   const Address target = to.value_or(socket.peer);
@@ -412,9 +435,11 @@ int SendTo(Socket& socket, const std::string& data, const std::optional<Address>
   return 0;
 }
 
-int Receive(Socket& socket, char* out, size_t size, bool peek, DWORD* received,
+int Receive(Socket& socket, char* out, size_t size, bool peek, bool urgent, DWORD* received,
             std::optional<Address>* from) {
   *received = 0;
+  if (urgent)
+    return socket.stream() ? ReceiveUrgent(socket, out, size, peek, received) : WSAEOPNOTSUPP;
   if (socket.stream()) return ReceiveStream(socket, out, size, peek, received);
   return ReceiveDatagram(socket, out, size, peek, received, from);
 }

@@ -37,7 +37,7 @@ struct Socket {
   bool connect_failed = false;  // shows in the exception set until the next connect
   int pending_error = 0;        // SO_ERROR
   bool send_shut = false, receive_shut = false;
-  TcpConnection::Buffers buffers;
+  TcpConnection::Settings settings;
   bool linger_on = false;
   int linger_seconds = 0;
 
@@ -86,10 +86,10 @@ int Shutdown(Socket& socket, int how);
 int LocalName(const Socket& socket, Address* out);
 int PeerName(Socket& socket, Address* out);
 
-int Send(Socket& socket, std::string_view data, DWORD* sent);
+int Send(Socket& socket, std::string_view data, bool urgent, DWORD* sent);
 int SendTo(Socket& socket, const std::string& data, const std::optional<Address>& to, DWORD* sent);
 // `*from` is set for datagrams. 10040 with the part that fits where a datagram is too long.
-int Receive(Socket& socket, char* out, size_t size, bool peek, DWORD* received,
+int Receive(Socket& socket, char* out, size_t size, bool peek, bool urgent, DWORD* received,
             std::optional<Address>* from);
 
 int GetOption(Socket& socket, int level, int option, char* value, int* size);

@@ -75,10 +75,10 @@ uint16_t Stack::EphemeralPort(Protocol protocol) {
 // --- TCP ------------------------------------------------------------------------------------
 
 std::shared_ptr<TcpConnection> Stack::Connect(const Address& local, const Address& remote,
-                                              const TcpConnection::Buffers& buffers) {
+                                              const TcpConnection::Settings& settings) {
   auto& place = connections_[{local, remote}];
   if (place && !place->in_time_wait()) return nullptr;
-  auto connection = place = std::make_shared<TcpConnection>(*this, local, remote, buffers);
+  auto connection = place = std::make_shared<TcpConnection>(*this, local, remote, settings);
   connection->Connect();
   return connection;
 }
@@ -118,7 +118,7 @@ void Stack::ReceiveTcp(const Packet& packet) {
   const auto listener = ListenerFor(packet.to);
   if (!listener || listener->full()) return Refuse(packet);
   auto connection =
-      std::make_shared<TcpConnection>(*this, packet.to, packet.from, listener->buffers());
+      std::make_shared<TcpConnection>(*this, packet.to, packet.from, listener->settings());
   connections_[ends] = connection;
   connection->AcceptFrom(packet, listener);
 }

@@ -55,7 +55,7 @@ class Stack {
 
   // Null when a connection between these two is alive.
   std::shared_ptr<TcpConnection> Connect(const Address& local, const Address& remote,
-                                         const TcpConnection::Buffers& buffers);
+                                         const TcpConnection::Settings& settings);
   void Listen(std::shared_ptr<TcpListener> listener) { listeners_.push_back(std::move(listener)); }
   void StopListening(const std::shared_ptr<TcpListener>& listener);
   void Forget(const TcpConnection& connection);

@@ -15,13 +15,17 @@ constexpr int kDataRetries = 5;
 constexpr Micros kTimeWait = 60'000'000;
 constexpr Micros kOrphanLife = 120'000'000;  // a peer that never closes its side
 constexpr int kDuplicatesThatMeanLoss = 3;
+constexpr Micros kDelayedAck = 200'000;
+constexpr size_t kSegmentsPerAck = 2;
 constexpr size_t kMaxSegment = 1460;
 constexpr size_t kMaxLoopbackSegment = 65495;
+
+bool SavesSegments() { return TheWorld().options().tcp_saves_segments; }
 }  // namespace
 
 TcpConnection::TcpConnection(Stack& stack, const Address& local, const Address& remote,
-                             const Buffers& buffers)
-    : stack_(stack), local_(local), remote_(remote), buffers_(buffers) {}
+                             const Settings& settings)
+    : stack_(stack), local_(local), remote_(remote), settings_(settings) {}
 
 // --- the owner's side -----------------------------------------------------------------------
 
@@ -40,7 +44,7 @@ void TcpConnection::AcceptFrom(const Packet& syn, const std::shared_ptr<TcpListe
   listener_ = listener;
   ++listener->half_open;
   expected_ = 1;
-  peer_window_ = syn.tcp.window;
+  peer_window_ = largest_window_ = syn.tcp.window;
   peer_stamp_ = syn.tcp.stamp;
   timeout_ = kFirstConnectTimeout;
   Emit(0, {}, true, false, false);
@@ -49,25 +53,31 @@ void TcpConnection::AcceptFrom(const Packet& syn, const std::shared_ptr<TcpListe
 }
 
 size_t TcpConnection::room() const {
-  return out_.size() >= buffers_.send ? 0 : buffers_.send - out_.size();
+  return out_.size() >= settings_.send ? 0 : settings_.send - out_.size();
 }
 
-size_t TcpConnection::Write(std::string_view data) {
+size_t TcpConnection::Write(std::string_view data, bool urgent) {
   const size_t n = std::min(data.size(), room());
   out_.Append(data.substr(0, n));
+  if (urgent && n > 0 && n == data.size()) urgent_end_ = end_of_data();
   SendWhatFits();
   return n;
 }
 
 size_t TcpConnection::Read(char* out, size_t most, bool peek) {
+  if (before_urgent_ && *before_urgent_ > 0) most = std::min(most, *before_urgent_);
   const size_t n = in_.Peek(out, most);
   if (peek || n == 0) return n;
   in_.Drop(n);
-  // A window that was all but shut is announced again once a segment fits, not for each byte.
-  const size_t worth_telling = std::min(segment_size(), buffers_.receive / 2);
-  if (state_ == State::kOpen && told_window_ < worth_telling && window() >= worth_telling)
-    SendAck();
+  if (before_urgent_) *before_urgent_ -= std::min(n, *before_urgent_);
+  if (state_ == State::kOpen && RoomIsWorthTelling()) SendAck();
   return n;
+}
+
+std::optional<char> TcpConnection::ReadUrgent(bool peek) {
+  const std::optional<char> byte = urgent_byte_;
+  if (!peek) urgent_byte_.reset();
+  return byte;
 }
 
 void TcpConnection::FinishWriting() {
@@ -105,8 +115,8 @@ void TcpConnection::WatchOrphan() {
   });
 }
 
-void TcpConnection::SetBuffers(const Buffers& buffers) {
-  buffers_ = buffers;
+void TcpConnection::SetSettings(const Settings& settings) {
+  settings_ = settings;
   if (state_ == State::kOpen) SendWhatFits();
 }
 
@@ -118,12 +128,29 @@ bool TcpConnection::all_acknowledged() const {
 // --- out ------------------------------------------------------------------------------------
 
 size_t TcpConnection::window() const {
-  if (stopped_reading_) return buffers_.receive;
-  return in_.size() >= buffers_.receive ? 0 : buffers_.receive - in_.size();
+  if (stopped_reading_) return settings_.receive;
+  return in_.size() >= settings_.receive ? 0 : settings_.receive - in_.size();
 }
 
 size_t TcpConnection::segment_size() const {
   return stack_.IsLocal(remote_.ip) ? kMaxLoopbackSegment : kMaxSegment;
+}
+
+// The room that reading makes is announced by segments, not for each byte.
+bool TcpConnection::RoomIsWorthTelling() const {
+  const size_t half = settings_.receive / 2;
+  if (SavesSegments())
+    return expected_ + window() >= told_edge_ + std::min(kSegmentsPerAck * segment_size(), half);
+  const size_t least = std::min(segment_size(), half);  // a window that was all but shut
+  return told_window_ < least && window() >= least;
+}
+
+// Nagle's rule: while something is under way, a piece waits until it makes a segment, or half of
+// what the peer ever had room for. The end of the stream takes it along.
+bool TcpConnection::HoldsBack(size_t piece) const {
+  if (!SavesSegments() || settings_.no_delay || finish_ || unacknowledged_ == next_) return false;
+  if (urgent_end_ > next_) return false;
+  return piece < std::min<size_t>(segment_size(), largest_window_ / 2);
 }
 
 void TcpConnection::Emit(uint64_t sequence, std::string data, bool syn, bool fin, bool rst) {
@@ -139,9 +166,13 @@ void TcpConnection::Emit(uint64_t sequence, std::string data, bool syn, bool fin
   packet.tcp.sequence = sequence;
   packet.tcp.acknowledged = expected_;
   packet.tcp.window = static_cast<uint32_t>(window());
+  packet.tcp.urgent = urgent_end_ > sequence ? urgent_end_ : 0;
   packet.tcp.connection = connection_;
   packet.tcp.stamp = ++stamp_;
   told_window_ = window();
+  told_edge_ = expected_ + window();
+  unacknowledged_segments_ = 0;
+  ++spoken_;
   stack_.network().Send(stack_.host(), std::move(packet));
 }
 
@@ -151,6 +182,7 @@ void TcpConnection::SendWhatFits() {
   while (next_ < end_of_data() && next_ < limit) {
     const size_t n = static_cast<size_t>(
         std::min<uint64_t>({segment_size(), end_of_data() - next_, limit - next_}));
+    if (HoldsBack(n)) break;
     if (timed_sequence_ == 0) {
       timed_sequence_ = next_ + n;
       timed_at_ = stack_.network().scheduler().now();
@@ -227,7 +259,7 @@ void TcpConnection::Receive(const Packet& packet) {
     state_ = State::kOpen;
     expected_ = 1;
     unacknowledged_ = 1;
-    peer_window_ = packet.tcp.window;
+    peer_window_ = largest_window_ = packet.tcp.window;
     peer_stamp_ = packet.tcp.stamp;
     retries_ = 0;
     timeout_ = kLeastTimeout;
@@ -269,6 +301,7 @@ void TcpConnection::OnAcknowledged(const Packet& packet) {
   if (packet.tcp.stamp > peer_stamp_) {
     peer_stamp_ = packet.tcp.stamp;
     peer_window_ = packet.tcp.window;
+    largest_window_ = std::max(largest_window_, peer_window_);
   }
   if (acknowledged > unacknowledged_) {
     out_.Drop(static_cast<size_t>(std::min(acknowledged, end_of_data()) - unacknowledged_));
@@ -305,6 +338,9 @@ void TcpConnection::OnData(const Packet& packet) {
     Die(0);
     return;
   }
+  // What comes in order, and leaves nothing missing, can wait for its acknowledgement.
+  const bool as_expected = begin == expected_ && early_.empty() && !packet.tcp.fin;
+  urgent_behind_ = std::max(urgent_behind_, packet.tcp.urgent);
   if (packet.tcp.fin) finish_at_ = end;
   if (end > expected_ && begin < expected_ + window()) {
     std::string& place = early_[begin];
@@ -321,14 +357,32 @@ void TcpConnection::OnData(const Packet& packet) {
     finished_in_ = true;
     ++expected_;
   }
-  SendAck();
+  Acknowledge(!as_expected || expected_ != end);
   if (released_ && both_finished()) LingerThenVanish();
 }
 
+void TcpConnection::Acknowledge(bool at_once) {
+  if (at_once || !SavesSegments() || ++unacknowledged_segments_ >= kSegmentsPerAck) {
+    SendAck();
+    return;
+  }
+  Later(kDelayedAck, [before = spoken_](TcpConnection& it) {
+    if (it.spoken_ == before) it.SendAck();
+  });
+}
+
 void TcpConnection::TakeInOrder(std::string_view data) {
-  const size_t n = std::min(data.size(), window());  // beyond it the sender has to try again
-  if (!stopped_reading_) in_.Append(data.substr(0, n));
-  expected_ += n;
+  data = data.substr(0, window());  // beyond it the sender has to try again
+  const uint64_t begin = expected_;
+  expected_ += data.size();
+  if (stopped_reading_) return;
+  const bool urgent = urgent_behind_ > begin && urgent_behind_ <= expected_;
+  const size_t before = urgent ? static_cast<size_t>(urgent_behind_ - begin - 1) : data.size();
+  in_.Append(data.substr(0, before));
+  if (!urgent) return;
+  before_urgent_ = in_.size();
+  if (!settings_.oob_inline) urgent_byte_ = data[before];
+  in_.Append(data.substr(before + (settings_.oob_inline ? 0 : 1)));
 }
 
 void TcpConnection::OnReset() {

@@ -2,13 +2,18 @@
 //
 // A small TCP over packets that may be lost, doubled or overtaken: cumulative acknowledgement,
 // retransmission with doubling delay, fast retransmission, a window that follows the reader,
-// probes of a closed window, half close, reset. No congestion control, no Nagle: neither shows
-// in what a program can promise or break. Time-outs are Windows': a connect gives up after
-// 3 + 6 + 12 s, data after five retransmissions.
+// probes of a closed window, half close, reset. Where the world's options say so, it saves
+// segments: small pieces wait for what is under way to be acknowledged unless TCP_NODELAY is set,
+// and an acknowledgement waits for something to ride on, for a second segment, or for 200 ms.
+// Together they are what makes a message late; elsewhere everything leaves at once. No congestion
+// control: it shows in nothing that a program can promise or break. Time-outs are Windows': a
+// connect gives up after 3 + 6 + 12 s, data after five retransmissions. There is one urgent byte
+// at a time, the latest: one that another follows before it has arrived is an ordinary byte.
 #pragma once
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 
 #include "port/sim/byte_queue.h"
 #include "port/sim/network.h"
@@ -20,24 +25,32 @@ class TcpListener;
 
 class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
  public:
-  struct Buffers {
+  // What setsockopt has to say about it.
+  struct Settings {
     size_t send = 65536;
     size_t receive = 65536;
+    bool no_delay = false;
+    bool oob_inline = false;
   };
-  TcpConnection(Stack& stack, const Address& local, const Address& remote, const Buffers& buffers);
+  TcpConnection(Stack& stack, const Address& local, const Address& remote,
+                const Settings& settings);
 
   // --- the owner's side ---
   void Connect();  // sends the first segment
   void AcceptFrom(const Packet& syn, const std::shared_ptr<TcpListener>& listener);
-  // As many bytes as the send buffer has room for; 0: none.
-  size_t Write(std::string_view data);
+  // As many bytes as the send buffer has room for; 0: none. Of urgent ones the last is the urgent
+  // byte, if all of them have room.
+  size_t Write(std::string_view data, bool urgent = false);
+  // Stops at the place of an urgent byte, which is not among them unless it is taken inline.
   size_t Read(char* out, size_t most, bool peek);
+  // The urgent byte, if there is one.
+  std::optional<char> ReadUrgent(bool peek);
   void FinishWriting();  // a FIN behind what is queued
   void StopReading();    // what arrives from now on is thrown away
   // The owner goes. Unread bytes or `abort` reset the connection, else what is queued is still
   // delivered.
   void Release(bool abort);
-  void SetBuffers(const Buffers& buffers);
+  void SetSettings(const Settings& settings);
 
   const Address& local() const { return local_; }
   const Address& remote() const { return remote_; }
@@ -46,6 +59,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   bool dead() const { return state_ == State::kDead; }
   int error() const { return error_; }  // why it is dead; 0: closed in order
   size_t unread() const { return in_.size(); }
+  bool urgent_waits() const { return urgent_byte_.has_value(); }
   bool at_end() const { return finished_in_ && in_.empty(); }
   size_t room() const;  // in the send buffer
   bool writing_finished() const { return finish_; }
@@ -64,8 +78,11 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   uint64_t end_of_data() const { return unacknowledged_ + out_.size(); }
   size_t window() const;
   size_t segment_size() const;
+  bool HoldsBack(size_t piece) const;
+  bool RoomIsWorthTelling() const;
   void Emit(uint64_t sequence, std::string data, bool syn, bool fin, bool rst);
   void SendAck() { Emit(next_, {}, false, false, false); }
+  void Acknowledge(bool at_once);
   void SendWhatFits();
   void RetransmitFirst();
   void OnAcknowledged(const Packet& packet);
@@ -81,7 +98,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
 
   Stack& stack_;
   const Address local_, remote_;
-  Buffers buffers_;
+  Settings settings_;
   State state_ = State::kNew;
   int error_ = 0;
   bool released_ = false;
@@ -94,9 +111,11 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   uint64_t unacknowledged_ = 0;
   uint64_t next_ = 0;
   uint64_t recover_ = 0;  // what was sent when a loss was seen: until there, holes are filled
+  uint64_t urgent_end_ = 0;
   bool finish_ = false;
   bool finish_sent_ = false;
   uint32_t peer_window_ = 0;
+  uint32_t largest_window_ = 0;  // that the peer has ever announced
   uint64_t peer_stamp_ = 0;
   int duplicates_ = 0;
 
@@ -104,10 +123,16 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   ByteQueue in_;
   uint64_t expected_ = 0;
   std::map<uint64_t, std::string> early_;
+  uint64_t urgent_behind_ = 0;           // the number behind the peer's last urgent byte
+  std::optional<char> urgent_byte_;      // not inline, and not read
+  std::optional<size_t> before_urgent_;  // bytes of in_ before its place
   uint64_t finish_at_ = UINT64_MAX;
   bool finished_in_ = false;
   bool stopped_reading_ = false;
   size_t told_window_ = 0;
+  uint64_t told_edge_ = 0;              // how far the peer may send, as far as it knows
+  size_t unacknowledged_segments_ = 0;  // that have come since we last said something
+  uint64_t spoken_ = 0;  // segments sent: an acknowledgement that waits has become idle
 
   uint64_t timer_ = 0;  // the newest timer's number; older ones find that they are
   bool timer_armed_ = false;
@@ -119,12 +144,12 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
 
 class TcpListener {
  public:
-  TcpListener(const Address& local, size_t backlog, const TcpConnection::Buffers& buffers)
-      : local_(local), backlog_(backlog), buffers_(buffers) {}
+  TcpListener(const Address& local, size_t backlog, const TcpConnection::Settings& settings)
+      : local_(local), backlog_(backlog), settings_(settings) {}
 
   const Address& local() const { return local_; }
-  const TcpConnection::Buffers& buffers() const { return buffers_; }
-  void SetBuffers(const TcpConnection::Buffers& buffers) { buffers_ = buffers; }
+  const TcpConnection::Settings& settings() const { return settings_; }
+  void SetSettings(const TcpConnection::Settings& settings) { settings_ = settings; }
   bool full() const { return half_open + ready.size() >= backlog_; }
 
   size_t half_open = 0;
@@ -133,7 +158,7 @@ class TcpListener {
  private:
   const Address local_;
   const size_t backlog_;
-  TcpConnection::Buffers buffers_;
+  TcpConnection::Settings settings_;
 };
 
 }  // namespace sim

@@ -100,6 +100,16 @@ BOOL WINAPI GetExitCodeThread(HANDLE handle, LPDWORD exit_code) {
   return TRUE;
 }
 
+HANDLE WINAPI OpenThread(DWORD, BOOL, DWORD id) {
+  if (port::Fails("OpenThread")) return nullptr;
+  auto thread = sim::TheWorld().scheduler().Find(id);
+  if (!thread || thread->ended()) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  return port::NewHandle(std::make_shared<sim::ThreadObject>(thread));
+}
+
 HANDLE WINAPI GetCurrentThread() { return sim::kCurrentThread; }
 
 DWORD WINAPI GetCurrentThreadId() { return sim::Self().id(); }

@@ -118,7 +118,12 @@ ThreadRef World::StartThread(Process& process, const std::string& name,
   const std::string label =
       process.name + "/" + (name.empty() ? Format("thread%d", ++process.threads_named) : name);
   auto thread = scheduler_->Start(label, &process, std::move(body));
-  if (thread) Trace("thread " + label + " starts");
+  if (!thread) return nullptr;
+  Trace("thread " + label + " starts");
+  if (const auto at = faults_->at_call.find(label); at != faults_->at_call.end()) {
+    scheduler_->AtCall(*thread, at->second.nth, std::move(at->second.action));
+    faults_->at_call.erase(at);
+  }
   return thread;
 }
 
@@ -225,6 +230,22 @@ void World::Stall(DWORD thread_id, Duration duration) {
   if (!thread) Fail(Format("there is no thread %u to stall", thread_id));
   Trace("thread " + thread->name() + " is stalled");
   scheduler_->Stall(*thread, duration.count());
+}
+
+void World::Terminate(DWORD thread_id) {
+  const ThreadRef thread = scheduler_->Find(thread_id);
+  if (!thread || thread->ended()) return;
+  Trace("thread " + thread->name() + " is terminated");
+  scheduler_->Kill(*thread, 1);
+}
+
+void World::AtCall(const std::string& thread, unsigned nth, std::function<void()> action) {
+  const ThreadRef found = scheduler_->Find(ThreadNamed(thread));
+  if (found) {
+    scheduler_->AtCall(*found, nth, std::move(action));
+  } else {
+    faults_->at_call[thread] = {nth, std::move(action)};
+  }
 }
 
 void World::Kill(Process& process, DWORD exit_code) {

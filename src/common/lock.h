@@ -1,25 +1,37 @@
-// A critical section and its guard. (std::mutex does not exist in the runtime we build with.)
+// A lock between threads, and its guard. (std::mutex does not exist in the runtime we build with.)
 // Recursive. Construction and destruction never block, so a Mutex may stand in a global object.
-#pragma once
-#include <winsock2.h>
 //
-#include <windows.h>
+// It is not a critical section, because one whose holder was ended stays taken for ever, and the
+// next call of the game that needs it never returns. This one goes to whoever asks next, if the
+// holder was a thread of ours (own_thread.h). Its waiters look again and again, so it is for what
+// is held briefly; docs/lifetime.md says of each lock what is waited for while it is held.
+#pragma once
+#include <atomic>
+
+#include "common/types.h"
 
 namespace common {
 
 class Mutex {
  public:
-  Mutex() noexcept { InitializeCriticalSection(&section_); }
-  ~Mutex() { DeleteCriticalSection(&section_); }
+  constexpr Mutex() noexcept = default;
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  void lock() noexcept { EnterCriticalSection(&section_); }
-  bool try_lock() noexcept { return TryEnterCriticalSection(&section_) != FALSE; }
-  void unlock() noexcept { LeaveCriticalSection(&section_); }
+  void lock() noexcept {
+    if (!try_lock()) AwaitLock();
+  }
+  bool try_lock() noexcept { return Take(false); }
+  // Takes the lock also from a holder that has ended.
+  bool inherit_lock() noexcept { return Take(true); }
+  void unlock() noexcept;
 
  private:
-  CRITICAL_SECTION section_;
+  bool Take(bool inherits) noexcept;
+  void AwaitLock() noexcept;
+
+  std::atomic<u32> holder_{0};  // 0: free
+  u32 depth_ = 0;               // the holder's
 };
 
 struct AdoptLock {};  // says that the caller holds the mutex already

@@ -1,8 +1,11 @@
 #include "common/log.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string_view>
 
 #include "common/last_error.h"
@@ -15,6 +18,7 @@ namespace {
 // All with the terminator.
 constexpr std::size_t kMaxHeader = 50;
 constexpr std::size_t kMaxTag = 64;
+constexpr std::size_t kMaxFrame = kMaxHeader + kMaxTag;  // of a line, without its message
 
 // Each of these puts text into zeroed memory and returns how many bytes of it.
 
@@ -41,35 +45,61 @@ std::size_t PutMessage(char* out, std::size_t size, const char* format,
   return std::strlen(out);
 }
 
-// The whole line is put together in one buffer on the caller's stack: no allocation, no lock.
-template <std::size_t kMaxMessage>
-VYR_PRINTF(3, 0)
-void WriteLine(int level, const char* tag, const char* format, va_list arguments) noexcept {
-  const KeepLastError keep_last_error;
-  char line[kMaxHeader + kMaxTag + kMaxMessage] = {};
+// The whole line in zeroed memory of kMaxFrame + max_message bytes.
+VYR_PRINTF(5, 0)
+void WriteLine(char* line, std::size_t max_message, int level, const char* tag, const char* format,
+               va_list arguments) noexcept {
   std::size_t size = PutHeader(line, level);
   size += PutTag(line + size, tag);
-  size += PutMessage(line + size, kMaxMessage, format, arguments);
+  size += PutMessage(line + size, max_message, format, arguments);
   line[size++] = '\n';
   GetLogRing().Append({line, size});
   GetLogFile().Write({line, size}, level);
+}
+
+// On the caller's stack: no allocation, no lock.
+VYR_PRINTF(3, 0)
+void WriteShortLine(int level, const char* tag, const char* format, va_list arguments) noexcept {
+  char line[kMaxFrame + kMaxLogMessage] = {};
+  WriteLine(line, kMaxLogMessage, level, tag, format, arguments);
+}
+
+// Bytes of the whole message, negative if it cannot be formatted.
+VYR_PRINTF(1, 0)
+int MessageSize(const char* format, va_list arguments) noexcept {
+  va_list copy;
+  va_copy(copy, arguments);
+  const int size = std::vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  return size;
 }
 
 }  // namespace
 
 void LspLog(int level, const char* format, ...) noexcept {
   if (format == nullptr) return;
+  const KeepLastError keep_last_error;
   va_list arguments;
   va_start(arguments, format);
-  WriteLine<kMaxLogMessage>(level, "lsp", format, arguments);
+  WriteShortLine(level, "lsp", format, arguments);
   va_end(arguments);
 }
 
 void CommonLog(int level, const char* tag, const char* format, ...) noexcept {
   if (format == nullptr) return;
+  const KeepLastError keep_last_error;
   va_list arguments;
   va_start(arguments, format);
-  WriteLine<kMaxCommonLogMessage>(level, tag, format, arguments);
+  const int size = MessageSize(format, arguments);
+  std::unique_ptr<char[]> line;
+  const int max_message = std::min(size, kMaxCommonLogMessage - 1) + 1;
+  if (max_message > kMaxLogMessage)
+    line.reset(new (std::nothrow) char[kMaxFrame + static_cast<std::size_t>(max_message)]());
+  if (line != nullptr) {
+    WriteLine(line.get(), static_cast<std::size_t>(max_message), level, tag, format, arguments);
+  } else {
+    WriteShortLine(level, tag, format, arguments);
+  }
   va_end(arguments);
 }
 

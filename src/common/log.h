@@ -48,8 +48,9 @@ inline void SetLogThreshold(u32 lowest_level) noexcept {
 // format does nothing.
 void LspLog(int level, const char* format, ...) noexcept VYR_PRINTF(2, 3);
 
-// The same with a caller's tag and room for very long messages (about 100 KiB of stack). An empty
-// tag leaves the tag out. Has no level test: use COMMON_LOG.
+// The same with a caller's tag, and long messages too. The threads are the host's, some with little
+// stack: a message that LspLog would cut is put together on the heap, and cut as there if the heap
+// has no room. An empty tag leaves the tag out. Has no level test: use COMMON_LOG.
 void CommonLog(int level, const char* tag, const char* format, ...) noexcept VYR_PRINTF(3, 4);
 
 // Goes to the debugger output, whatever the levels are: for start-up, which runs before there is

@@ -39,8 +39,8 @@ class LogFile {
   void Flush() noexcept;
 
   // Writes what was collected and closes the file; later lines are dropped. Gives up, with the
-  // text, where the lock stays taken: at process end its owner may be a thread that the platform
-  // has killed, and waiting for it would hang the host.
+  // text, where the lock stays taken: at process end its owner may be a thread of the host that the
+  // platform has killed, and waiting for it would hang the host.
   void Shut() noexcept;
 
  private:

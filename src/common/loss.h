@@ -4,15 +4,12 @@
 
 namespace common {
 
-// The loss of two links in a row that lose independently: 50 and 50 give 75.
-//
-// Truncated, not rounded, and in double precision throughout: 10 and 0 give 9, because the
-// product is a little above 0.9. Thresholds are compared with these values, so the 32-bit product
-// computes in SSE registers, which round at each step as every other machine does.
-inline int CombineLoss(u8 a, u8 b) noexcept {
-  const double kept_a = 1.0 - a / 100.0;
-  const double kept_b = 1.0 - b / 100.0;
-  return static_cast<int>(100.0 * (1.0 - kept_a * kept_b));
+// The loss of two links in a row that lose independently: 50 and 50 give 75. Truncated. Reckoned in
+// integers: in floating point 10 and 20 would give 27, and a whole percentage could come out as one
+// less than itself. Values above 100 go through as if they were percentages.
+constexpr int CombineLoss(u8 a, u8 b) noexcept {
+  const int kept = (100 - a) * (100 - b);
+  return (10000 - kept) / 100;
 }
 
 }  // namespace common

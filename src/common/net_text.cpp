@@ -2,13 +2,18 @@
 
 #include <winsock2.h>
 
+#include <cstdio>
+#include <cstring>
+
 namespace common {
 
 std::string IpToString(u32 ip) {
-  in_addr address = {};
-  address.s_addr = ip;
-  const char* const text = inet_ntoa(address);
-  return text != nullptr ? text : "0.0.0.0";
+  unsigned char bytes[sizeof ip];
+  std::memcpy(bytes, &ip, sizeof ip);
+  char text[sizeof "255.255.255.255"];
+  const int size = std::snprintf(text, sizeof text, "%u.%u.%u.%u", unsigned{bytes[0]},
+                                 unsigned{bytes[1]}, unsigned{bytes[2]}, unsigned{bytes[3]});
+  return size > 0 ? text : "0.0.0.0";
 }
 
 std::string SocketTypeName(int type) {

@@ -6,7 +6,9 @@
 
 namespace common {
 
-std::string IpToString(u32 ip);         // network byte order; "0.0.0.0" where that fails
+// Network byte order. Not by inet_ntoa, which waits while Winsock starts or ends in this process,
+// and whoever ends it waits for our worker.
+std::string IpToString(u32 ip);
 std::string SocketTypeName(int type);   // "TCP" for 1, "UDP" for 2, "RAW" for the rest
 int SocketTypeCode(int type) noexcept;  // 0 for 1, 1 for 2, -1 for the rest
 

@@ -1,13 +1,15 @@
 // What is known about this process as a whole.
 //
-// One record, zero at load. Written while the provider starts, under the start-up lock, and only
-// read afterwards, by any thread and without a lock. Texts are UTF-8 and always terminated.
+// One record, zero at load but for the kind. Written while the provider starts, under the start-up
+// lock, and only read afterwards, by any thread and without a lock. Texts are UTF-8 and always
+// terminated.
 #pragma once
 #include <winsock2.h>
 //
 #include <windows.h>
 #include <ws2spi.h>
 
+#include "common/kind.h"
 #include "common/types.h"
 
 namespace common {
@@ -17,6 +19,7 @@ inline constexpr std::size_t kPathFieldSize = 260;
 struct ProcessInfo {
   u32 lsp_catalog_id = 0;  // this provider's own catalogue entry; 0 until it was found
   HMODULE module_handle = nullptr;
+  bool is_x64 = kIsX64;                    // this process is a 64-bit one
   char process_name[kPathFieldSize] = {};  // with extension
   char process_path[kPathFieldSize] = {};
   char log_file_path[kPathFieldSize] = {};

@@ -66,7 +66,7 @@ void Shared_mem_obj::CreateMapping() noexcept {
   mapping_.Reset(CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, mapped_size_,
                                     name_.c_str()));
   const bool is_new = GetLastError() != ERROR_ALREADY_EXISTS;
-  // Another's after all (opening it failed for a reason of its own): its content stays.
+  // Guard: another's after all (opening it failed for a reason of its own), so its content stays.
   if (!mapping_ || !is_new) return;
   u8* const view = MapWhole(mapping_.get(), FILE_MAP_ALL_ACCESS, mapped_size_);
   if (view == nullptr) {
@@ -90,7 +90,7 @@ void* Shared_mem_obj::Open(int mode, bool check) noexcept {
     view_ = MapWhole(mapping_.get(), writes ? FILE_MAP_ALL_ACCESS : FILE_MAP_READ, mapped_size_);
     view_is_writable_ = writes;
   }
-  // A reader's view that is still open would fault under a writer.
+  // Guard: a reader's view that is still open would fault under a writer.
   if (view_ == nullptr || (writes && !view_is_writable_)) {
     COMMON_LOG(4, "", "[Shared_mem_obj]Shared_mem_obj(%s,size=%d) mapped_region create failed",
                name_.c_str(), static_cast<int>(size_));
@@ -108,13 +108,13 @@ u8* Shared_mem_obj::SelectRecord() const noexcept {
   return view_ + kSelectorSize + selected * size_;
 }
 
-// Reads the header once: whoever wrote it may be writing again.
+// Guard: reads the header once, since whoever wrote it may be writing again. A record without room
+// for a header has no version that could be right.
 bool Shared_mem_obj::CheckHeader(const u8* record) const noexcept {
   SharedMemHeader found = {kNoHeader, kNoHeader, kNoHeader};
   const SharedMemHeader expected = {size_, kSharedMemMajorVersion, kSharedMemMinorVersion};
-  std::memcpy(&found, record, HeaderSize(size_));
-  if (std::memcmp(&found, &expected, HeaderSize(size_)) == 0) return true;
-  if (size_ < sizeof found) found = {kNoHeader, kNoHeader, kNoHeader};
+  if (size_ >= sizeof found) std::memcpy(&found, record, sizeof found);
+  if (std::memcmp(&found, &expected, sizeof found) == 0) return true;
   COMMON_LOG(4, "",
              "[Shared_mem_obj]Shared_mem_obj(%s,size=%d) open failed,structure not match, "
              "shared_mem_size=%d, major_ver=%d, minor_ver=%d",

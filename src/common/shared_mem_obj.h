@@ -45,6 +45,8 @@ class Shared_mem_obj {
 
   const std::string& name() const noexcept { return name_; }
   u32 size() const noexcept { return size_; }
+  // Whether the mutex is there. Where it is, it keeps this process's own threads apart as well.
+  bool guarded() const noexcept { return mutex_.exists(); }
 
  private:
   void CreateMapping() noexcept;
@@ -73,6 +75,7 @@ class Shared_mem_owner {
   void Close() noexcept { object_->Close(); }
   const std::string& name() const noexcept { return object_->name(); }
   u32 size() const noexcept { return object_->size(); }
+  bool guarded() const noexcept { return object_->guarded(); }
 
  private:
   std::unique_ptr<Shared_mem_obj> object_;

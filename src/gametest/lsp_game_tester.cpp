@@ -25,8 +25,7 @@ using common::LspTrace;
 constexpr wchar_t kSection[] = L"TestAccGame";
 constexpr wchar_t kFileName[] = L"\\vyr_lsp_test.ini";
 constexpr DWORD kMaxTextChars = 128;
-// Of the proc keys that are looked for: a count that was mistyped must not hold the start for
-// hours.
+// Guard: of the proc keys that are looked for. A mistyped count must not hold the start for hours.
 constexpr u32 kMaxProcessKeys = 16384;
 constexpr u32 kMaxPort = 65535;
 constexpr INT kDefaultLogLevel = 4;

@@ -20,7 +20,7 @@ constexpr u32 kMinReplyRoom = 28;
 constexpr u32 kEarlyMs = 5;
 
 bool IsValidEchoRequest(const char* buffer, u32 length) noexcept {
-  // Summed in a copy: another thread may be sending from the same buffer.
+  // Guard: summed in a copy, since another thread may be sending from the same buffer.
   u8 message[kMaxIcmpSize];
   std::memcpy(message, buffer, length);
   if (message[0] != kEchoRequest) return false;

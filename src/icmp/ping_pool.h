@@ -25,8 +25,8 @@ class PingPool {
 
   // Forgets the block, and frees nothing: for start-up, when there should be none.
   void ResetPool() noexcept;
-  // Frees the block; the next request makes a new one. A block with slots still out is set aside
-  // instead and lives until they are back. Slots that were lost with a closed socket never are.
+  // Frees the block; the next request makes a new one. Guard: a block with slots still out is set
+  // aside instead and lives until they are back. Those that a closed socket has lost never are.
   void FreePool() noexcept;
 
  private:

@@ -41,8 +41,8 @@ void ForgeIpHeader(const ping_request_t& request, u8* header) noexcept {
 }  // namespace
 
 u32 ForgePingReply(const ping_request_t& request, u8* buffer, u32 room) noexcept {
-  // Forged aside: the application's buffer may be shorter than the reply. It is read first
-  // because its old bytes are part of the checksum. Behind the reply it is left alone: some
+  // Guard: forged aside, since the application's buffer may be shorter than the reply. It is read
+  // first because its old bytes are part of the checksum. Behind the reply it is left alone: some
   // applications say that there is more of it than there is.
   u8 reply[kMaxPingReplySize] = {};
   const u32 size = request.size + kIpHeaderSize;

@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::size_t kPathSize = 260;  // in characters, terminator included
 
-// The file's path, empty where it would be too long to be one. With no log path that is the
+// The file's path. Guard: empty where it would be too long to be one. With no log path that is the
 // root of the current drive.
 std::wstring IniPath(std::string_view log_path) {
   wchar_t directory[kPathSize] = {};

@@ -35,6 +35,7 @@ bool IsLayeredOn(const WSAPROTOCOL_INFOW& entry, u32 lsp_catalog_id) {
 
 void CopyEntry(WSAPROTOCOL_INFOW& to, const WSAPROTOCOL_INFOW& from) {
   to = from;
+  // Guard: another installer's text.
   to.szProtocol[WSAPROTOCOL_LEN] = 0;
 }
 
@@ -62,8 +63,8 @@ WSAPROTOCOL_INFOW* GetProtocols(int* count) noexcept {
   const std::size_t capacity = size / sizeof(WSAPROTOCOL_INFOW);
   GlobalPtr<WSAPROTOCOL_INFOW> catalogue(
       static_cast<WSAPROTOCOL_INFOW*>(GlobalAlloc(GPTR, std::max<SIZE_T>(size, 1))));
-  // A catalogue that grew in between no longer fits: the count is then -1, and every loop over
-  // it ends at once.
+  // Guard: the entries that are looked at are those that there is room for. A catalogue that grew
+  // in between no longer fits: the count is then -1, and every loop over it ends at once.
   *count = WSCEnumProtocols(nullptr, catalogue.get(), &size, &error);
   if (*count == 0) common::LspTrace("GetProtocols failed, protocol count=0, error=%d", error);
   *count = std::min(*count, static_cast<int>(capacity));

@@ -16,8 +16,8 @@ bool tcp_started = false;
 bool udp_started = false;
 bool raw_started = false;
 
-// A catalogue whose chains lead from us back to us would start us without end. No true chain is
-// longer than the platform's limit.
+// Guard: a catalogue whose chains lead from us back to us would start us without end. No true chain
+// is longer than the platform's limit.
 int start_depth = 0;
 
 struct DepthCount {

@@ -12,6 +12,9 @@ void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept 
   const SOCKET s = record.socket;
   const sockaddr_in asked = ReadAddress(target->name, target->name_size);
   if (!IsAllowConnect(kSocketTypeStream, &asked, s, record.token)) return;
+  // Exactly, before the socket is bound to the loopback interface: bound there it gets nowhere
+  // else.
+  if (!GetRelayMgr().StillServes(0)) return;
   if (!CheckAndBind(s, &target->local_port)) return;
   sockaddr* relay_addr = nullptr;
   int relay_len = sizeof(sockaddr_in);

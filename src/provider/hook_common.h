@@ -3,6 +3,7 @@
 #include <winsock2.h>
 #include <ws2spi.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 
@@ -21,6 +22,12 @@ inline void FailWithoutProvider(LPINT error) {
   WSASetLastError(WSAENETDOWN);
 }
 
+// Whether the call may still be under way. Then all that it was given belongs to its completion,
+// which may have freed it before this thread comes to look: nothing of it may be read any more.
+inline bool MayBePending(int result, const INT* error) {
+  return result == SOCKET_ERROR && (error == nullptr || *error == WSA_IO_PENDING);
+}
+
 inline DWORD CountOf(const DWORD* count) { return count != nullptr ? *count : 0; }
 
 // A pointer as the log's eight hexadecimal digits show it: its low 32 bits.
@@ -29,9 +36,23 @@ unsigned PointerBits(T* pointer) {
   return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(pointer));
 }
 
-// As much of an address as the application says there is, the rest zero. Kept: the family is not
-// looked at.
+// Guard: as much of an address as the application says there is, the rest zero. Kept: the family is
+// not looked at.
 sockaddr_in ReadAddress(const sockaddr* name, int name_size) noexcept;
+
+// The relay's address in place of the one that an application named. The application's own length
+// goes with it, which may be longer than an IPv4 address is.
+class RelayName {
+ public:
+  sockaddr_in* address() { return storage_; }
+  const sockaddr* name() const { return reinterpret_cast<const sockaddr*>(storage_); }
+  // Guard: longer than any address there is, and the next provider would read past the end.
+  static int BoundedSize(int size) { return std::min(size, static_cast<int>(sizeof storage_)); }
+
+ private:
+  sockaddr_in storage_[sizeof(sockaddr_storage) / sizeof(sockaddr_in)] = {};
+  static_assert(sizeof storage_ == sizeof(sockaddr_storage));
+};
 
 // An address as a log line prints it.
 struct AddressText {
@@ -39,7 +60,7 @@ struct AddressText {
   int port;  // host order
 };
 
-// Reads the address as IPv4. A name too short to hold one prints as 0.0.0.0:0, whatever it
+// Reads the address as IPv4. Guard: a name too short to hold one prints as 0.0.0.0:0, whatever it
 // says, and a null one as "NULL" and 0.
 AddressText DescribeAddress(const sockaddr* name, int name_size);
 // The same for a place where a call has put an address and its size.

@@ -25,23 +25,35 @@ namespace {
 void Record(SOCKET s, int type, int protocol, u32 token, WSPPROC_TABLE* table) {
   GetSocketMap().Add(s, type, protocol, token);
   GetSocketMap().SetNextProcTable(s, table);
+  GetSocketMap().SetOfWorker(s, GetCurrentThreadId() == GetRelayMgr().GetWorkerThreadId());
 }
 
-// Connects a datagram socket to its relay, whose address stands in *storage, if it is for it.
-void RedirectDatagrams(const SocketRecord& record, ConnectTarget* target, sockaddr_in* storage) {
+// Connects a datagram socket to its relay, whose address stands in *relay, if it is for it. The
+// length stays the application's.
+void RedirectDatagrams(const SocketRecord& record, ConnectTarget* target, RelayName* relay) {
   const sockaddr_in asked = ReadAddress(target->name, target->name_size);
-  target->udp_connect = HandleUdpConnect(record, &asked, storage);
+  target->udp_connect = HandleUdpConnect(record, &asked, relay->address());
   if (!target->udp_connect) return;
-  target->name = reinterpret_cast<const sockaddr*>(storage);
-  target->name_size = sizeof *storage;
+  target->name = relay->name();
+  target->name_size = RelayName::BoundedSize(target->name_size);
 }
 
-void EndRelay(const SocketRecord& record) {
+// Whether a datagram socket's relay has heard of the end.
+bool EndRelay(const SocketRecord& record) {
   if (record.type == kSocketTypeDatagram && record.relay_state == kRelayRunning) {
-    CloseUdpRelay(record);
-  } else if (IsRawPing(record)) {
-    GetIcmpVM().RemoveRawSocket(record.socket);
+    return CloseUdpRelay(record);
   }
+  if (IsRawPing(record)) GetIcmpVM().RemoveRawSocket(record.socket);
+  return false;
+}
+
+// Takes the socket out of the map. A relay that was asked for, and has not been told of the end
+// under that token, learns of it here. Only now is it sure whether one was asked for: another
+// thread may have done so since this call began.
+void Forget(SOCKET s, u32 told_token) {
+  SocketRecord last;
+  if (!GetSocketMap().Remove(s, &last) || last.relay_state == kRelayNotAsked) return;
+  if (last.token != told_token) GetRelayMgr().NoteUntoldEnd(last.token);
 }
 
 }  // namespace
@@ -120,7 +132,7 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
     return SOCKET_ERROR;
   }
   ConnectTarget target{name, namelen};
-  sockaddr_in udp_relay = {};
+  RelayName udp_relay;
   if (IsAllowedRelay(record)) {
     LSP_LOG(4, "WSPConnect:protocol=%d, type=%d, socket=%Id, token=%u", record.protocol,
             record.type, s, record.token);
@@ -183,11 +195,12 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
   }
   // A stream's relay is not told: it sees the close on its own socket. Kept: it is asked for
   // streams as well, and whichever call comes first starts the relay.
-  if (IsAllowedRelay(record)) EndRelay(record);
+  const bool relay_told = IsAllowedRelay(record) && EndRelay(record);
+  const u32 told_token = relay_told ? record.token : SocketMap::kAnyToken;
   // The record goes first: once the socket is closed below, its value can come back at once as
   // another thread's new socket, whose record must not be ours to erase.
   GetSocketErrorFilter().Forget(record.token);
-  GetSocketMap().Remove(s);
+  Forget(s, told_token);
   const int result = next->lpWSPCloseSocket(s, lpErrno);
   LSP_LOG(4, "WSPCloseSocket: ret=%d, err=%d, protocol=%d, type=%d, socket=%Id, token=%u", result,
           ErrorOf(lpErrno), record.protocol, record.type, s, record.token);

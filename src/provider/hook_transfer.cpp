@@ -28,20 +28,27 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
     return 0;
   }
   if (lpNumberOfBytesSent != nullptr) *lpNumberOfBytesSent = 0;
-  const bool relay_send = record.type == kSocketTypeDatagram && IsAllowedRelay(record) &&
-                          PrepareConnectedUdpSend(record, lpBuffers, dwBufferCount, lpThreadId);
+  u64 entry = 0;  // in the relay's queue
+  const bool relay_send =
+      record.type == kSocketTypeDatagram && IsAllowedRelay(record) &&
+      PrepareConnectedUdpSend(record, lpBuffers, dwBufferCount, lpThreadId, &entry);
   const int result = next->lpWSPSend(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags,
                                      lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
+  const bool pending = MayBePending(result, lpErrno);
   if (relay_send && result == SOCKET_ERROR && IsAllowedRelay(record)) {
-    CancelUdpSend(s, lpBuffers, dwBufferCount);
+    if (pending) {
+      CancelPendingUdpSend(s, entry);
+    } else {
+      CancelUdpSend(s, lpBuffers, dwBufferCount);
+    }
   }
   const auto log = [&](int level) {
     LSP_LOG(level,
             "WSPSend: ret=%d, err=%d, pbuf=%p, buf_cnt=%d, sent_bytes=%d, flag=%d, ol=0x%08x, "
             "crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
             result, error, static_cast<void*>(lpBuffers), static_cast<int>(dwBufferCount),
-            static_cast<int>(CountOf(lpNumberOfBytesSent)), static_cast<int>(dwFlags),
+            pending ? 0 : static_cast<int>(CountOf(lpNumberOfBytesSent)), static_cast<int>(dwFlags),
             PointerBits(lpOverlapped), PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s,
             record.token);
   };
@@ -81,14 +88,15 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
     return result;
   }
   const int error = ErrorOf(lpErrno);
-  const DWORD received = CountOf(lpNumberOfBytesRecvd);
+  const bool pending = MayBePending(result, lpErrno);
+  const DWORD received = pending ? 0 : CountOf(lpNumberOfBytesRecvd);
   const auto log = [&](int level) {
     LSP_LOG(level,
             "WSPRecv: ret=%d, err=%d, buf_len=%d, buf_cnt=%d, recv_bytes=%d, flag=%d, ol=0x%08x, "
             "crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
-            result, error, dwBufferCount != 0 ? static_cast<int>(lpBuffers[0].len) : 0,
+            result, error, dwBufferCount != 0 && !pending ? static_cast<int>(lpBuffers[0].len) : 0,
             static_cast<int>(dwBufferCount), static_cast<int>(received),
-            static_cast<int>(CountOf(lpFlags)), PointerBits(lpOverlapped),
+            pending ? 0 : static_cast<int>(CountOf(lpFlags)), PointerBits(lpOverlapped),
             PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s, record.token);
   };
   const bool failed = result == SOCKET_ERROR && error != WSAEWOULDBLOCK && error != WSA_IO_PENDING;

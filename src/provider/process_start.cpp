@@ -12,6 +12,7 @@
 #include "icmp/icmp_vm.h"
 #include "provider/config_source.h"
 #include "provider/gate.h"
+#include "provider/module_life.h"
 #include "provider/net_probe.h"
 #include "provider/socket_error_filter.h"
 #include "provider/socket_map.h"
@@ -41,7 +42,7 @@ void BuildGlobals() {
 void FillProcessInfo() {
   wchar_t wide_path[260] = {};
   GetModuleFileNameW(nullptr, wide_path, 260);
-  wide_path[259] = 0;  // a path that was cut need not be terminated
+  wide_path[259] = 0;  // Guard: a path that was cut need not be terminated
   std::string path;
   std::string name;
   if (!common::u16to8(wide_path, &path)) return;
@@ -51,25 +52,28 @@ void FillProcessInfo() {
   common::SetFieldText(process.process_name, name);
 }
 
+// The gate, and with it the module's stay: threads of ours may run from now on.
+bool Admit(bool want) { return CheckCanHook(want) && KeepModule(); }
+
 // A game that the client lists gets a log file and the route tables. The network probe is hooked
 // without either.
 void SettleGate() {
   hook_enabled = ObtainAccConfig();
-  hook_enabled = CheckCanHook(hook_enabled);
+  hook_enabled = Admit(hook_enabled);
   if (hook_enabled) {
     InitLog();
     GetRoute()->Load(kRouteTries, kRouteIntervalMs);
     return;
   }
   hook_enabled = IsNetProbeTest();
-  hook_enabled = CheckCanHook(hook_enabled);
+  hook_enabled = Admit(hook_enabled);
 }
 
 void AdmitSpeedTester() {
   if (hook_enabled) return;
   hook_enabled = common::EqualsIgnoreCase(common::FieldText(common::GetProcessInfo().process_name),
                                           "SpeedTester.exe");
-  hook_enabled = CheckCanHook(hook_enabled);
+  hook_enabled = Admit(hook_enabled);
   if (hook_enabled) InitLog();
 }
 

@@ -90,7 +90,7 @@ bool LoadProviderPath(LspProvider* provider, int* error) noexcept {
   }
   if (!LoadModule(provider, error)) return false;
   const FARPROC start = GetProcAddress(provider->module, "WSPStartup");
-  // Without a module the platform may look into the program itself, which is no provider.
+  // Guard: without a module the platform may look into the program itself, which is no provider.
   if (start == nullptr || provider->module == nullptr) {
     *error = LastError();
     common::LspTrace("LoadProviderPath: GetProcAddress failed: %d", *error);

@@ -104,8 +104,8 @@ LspProvider* MatchCatalogue(const WSAPROTOCOL_INFOW& in_info, Providers list) {
   for (std::size_t i = 0; i < catalogue.size(); ++i) {
     if (catalogue[i].ProtocolChain.ChainEntries[0] != top) continue;
     if (!LeadsToUs(catalogue[i], in_info, list)) continue;
-    // Kept: the index of the catalogue picks the record, not the record that matched. Where the
-    // list is shorter than that there is no record.
+    // Kept: the index of the catalogue picks the record, not the record that matched. Guard: where
+    // the list is shorter than that there is no record.
     return i < list.size() ? &list[i] : nullptr;
   }
   return nullptr;

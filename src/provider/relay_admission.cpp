@@ -31,8 +31,9 @@ bool IsSet(const std::atomic<bool>& flag) noexcept { return flag.load(std::memor
 
 bool IsAllowedRelay(const SocketRecord& record) noexcept {
   RelayMgr& relay = GetRelayMgr();
-  // The worker's own sockets pass through the same entries and have records too.
-  if (GetCurrentThreadId() == relay.GetWorkerThreadId()) return false;
+  // The worker's own sockets pass through the same entries and have records too. Others use them
+  // only to close them.
+  if (GetCurrentThreadId() == relay.GetWorkerThreadId() || record.of_worker) return false;
   if (record.relay_disabled) return false;
   if (!relay.CheckAndInit(kRelayInitTimeoutMs)) {
     LSP_LOG(0, "IsAllowedRelay is false, CheckAndInit failed, set flag, s=%d",
@@ -40,10 +41,12 @@ bool IsAllowedRelay(const SocketRecord& record) noexcept {
     GetSocketMap().SetRelayDisabled(record.socket, true);
     return false;
   }
-  const HookFlags& flags = GetHookFlags();
-  if (IsSet(flags.speed_tester_mode)) return true;
   const bool stream = record.type == kSocketTypeStream;
   const bool datagram = record.type == kSocketTypeDatagram;
+  // Pings are answered without it.
+  if ((stream || datagram) && !relay.Serves()) return false;
+  const HookFlags& flags = GetHookFlags();
+  if (IsSet(flags.speed_tester_mode)) return true;
   if (stream && IsSet(flags.block_tcp)) {
     LSP_LOG(0, "ignore tcp relay");
     return false;

@@ -9,7 +9,8 @@ namespace moru_vyr::lsp {
 
 // A question about the socket, not about a destination. Every intercepting call that could
 // relay asks it anew, on its own copy of the record. Any thread. The first question starts the
-// relay, whatever becomes of it, and can take up to three seconds.
+// relay, whatever becomes of it, and can take up to three seconds. For streams and
+// datagrams it is false once the relay's worker has ended, however it came to that.
 bool IsAllowedRelay(const SocketRecord& record) noexcept;
 
 // Whether the route policy would have a connection there relayed. A null address may.

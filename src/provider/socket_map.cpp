@@ -33,10 +33,14 @@ bool SocketMap::Add(SOCKET socket, int type, int protocol, u32 token) noexcept {
   }
 }
 
-bool SocketMap::Remove(SOCKET socket) noexcept {
+bool SocketMap::Remove(SOCKET socket, SocketRecord* last) noexcept {
   if (socket == INVALID_SOCKET) return false;
   common::Lock hold(lock_);
-  return records_.erase(socket) != 0;
+  const auto found = records_.find(socket);
+  if (found == records_.end()) return false;
+  if (last != nullptr) *last = found->second;
+  records_.erase(found);
+  return true;
 }
 
 bool SocketMap::Get(SOCKET socket, SocketRecord* out) const noexcept {
@@ -121,6 +125,17 @@ bool SocketMap::SaveRelayRecord(SOCKET socket, const sockaddr_in* addr, bool rel
 
 bool SocketMap::SetRelayDisabled(SOCKET socket, bool flag) noexcept {
   return Update(socket, [&](SocketRecord& record) { record.relay_disabled = flag; });
+}
+
+bool SocketMap::SetOfWorker(SOCKET socket, bool flag) noexcept {
+  return Update(socket, [&](SocketRecord& record) { record.of_worker = flag; });
+}
+
+SOCKET SocketMap::NextOfWorker(SOCKET after) const noexcept {
+  common::Lock hold(lock_);
+  const auto found = std::find_if(records_.upper_bound(after), records_.end(),
+                                  [](const auto& entry) { return entry.second.of_worker; });
+  return found != records_.end() ? found->first : INVALID_SOCKET;
 }
 
 bool SocketMap::FindRelayRecord(const SocketRecord& record, const sockaddr_in* addr, bool* relay,

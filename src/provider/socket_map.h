@@ -51,6 +51,7 @@ struct SocketRecord {
   bool udp_connect_mode = false;
   RelayRecord relay_records[kMaxRelayRecords]{};
   bool relay_disabled = false;  // never cleared
+  bool of_worker = false;       // the relay's own
 };
 
 // Any thread. Every operation holds the lock for its own length only, never across a call into
@@ -67,7 +68,7 @@ class SocketMap {
   // True where the socket has a record afterwards: a fresh one, or the one it had, which is
   // left as it stands, stale fields and all. False for INVALID_SOCKET and when out of memory.
   bool Add(SOCKET socket, int type, int protocol, u32 token) noexcept;
-  bool Remove(SOCKET socket) noexcept;
+  bool Remove(SOCKET socket, SocketRecord* last = nullptr) noexcept;  // *last: as it went
   bool Get(SOCKET socket, SocketRecord* out) const noexcept;
 
   bool SetNextProcTable(SOCKET socket, WSPPROC_TABLE* table) noexcept;  // refuses a null table
@@ -88,6 +89,11 @@ class SocketMap {
   // Takes the first free entry. With all ten taken nothing happens, and that is no failure.
   bool SaveRelayRecord(SOCKET socket, const sockaddr_in* addr, bool relay) noexcept;
   bool SetRelayDisabled(SOCKET socket, bool flag) noexcept;
+  bool SetOfWorker(SOCKET socket, bool flag) noexcept;
+
+  // The first of the relay's own sockets behind `after`, in the order of their values; 0 comes
+  // before all. INVALID_SOCKET: there is none.
+  SOCKET NextOfWorker(SOCKET after) const noexcept;
 
   // Looks the address up in the caller's copy, without the lock. `has_free` tells whether an
   // unknown address could still be saved; both results may be null.

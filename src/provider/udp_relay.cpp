@@ -31,22 +31,33 @@ std::shared_ptr<UdpPackageQueue> Use(const SocketRecord& record,
   return queue != nullptr ? GetRelayMgr().UseQueue(queue, record.token) : nullptr;
 }
 
-// The socket's first datagram for the relay. Two threads may both come here for one socket: the
-// relay answers one of them, and the other's failure may have the last word.
+enum class Asked { kRelayed, kRefused, kSocketGone };
+
+// Asks for the socket's relay and keeps what came of it with the socket. Two threads may both come
+// here for one socket: the relay answers one of them, and the other's failure may have the last
+// word. A socket that was closed meanwhile could not know of the session that it may have by now.
+Asked AskForRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
+                  UdpPackageQueue** send_queue, LPWSATHREADID thread_id) noexcept {
+  UdpPackageQueue* recv_queue = nullptr;
+  const bool relayed = RequestUdpRelay(record, to, thread_id, out_addr, send_queue, &recv_queue);
+  const bool kept = relayed
+                        ? GetSocketMap().SetRelayAddr(record.socket, out_addr, *send_queue,
+                                                      recv_queue, record.token)
+                        : GetSocketMap().SetRelayState(record.socket, kRelayRefused, record.token);
+  if (!kept) GetRelayMgr().NoteUntoldEnd(record.token);
+  if (!relayed) return Asked::kRefused;
+  return kept ? Asked::kRelayed : Asked::kSocketGone;
+}
+
+// The socket's first datagram for the relay.
 bool StartRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
                 UdpPackageQueue** send_queue, LPWSATHREADID thread_id) noexcept {
-  UdpPackageQueue* recv_queue = nullptr;
-  if (!RequestUdpRelay(record, to, thread_id, out_addr, send_queue, &recv_queue)) {
-    GetSocketMap().SetRelayState(record.socket, kRelayRefused, record.token);
-    return false;
-  }
-  if (!GetSocketMap().SetRelayAddr(record.socket, out_addr, *send_queue, recv_queue,
-                                   record.token)) {
+  const Asked asked = AskForRelay(record, to, out_addr, send_queue, thread_id);
+  if (asked == Asked::kSocketGone) {
     LSP_LOG(5, "[UDP] WSPSendTo: SetRelayAddr failed, socket=%Id, token=%u", record.socket,
             record.token);
-    return false;
   }
-  return true;
+  return asked == Asked::kRelayed;
 }
 
 }  // namespace
@@ -76,9 +87,9 @@ bool IsAllowUdpRelayed(const SocketRecord& record, const sockaddr_in* to) noexce
 }
 
 bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
-                         const sockaddr_in* to, sockaddr_in* out_addr,
-                         LPWSATHREADID thread_id) noexcept {
-  if (out_addr == nullptr) return false;
+                         const sockaddr_in* to, sockaddr_in* out_addr, LPWSATHREADID thread_id,
+                         u64* entry) noexcept {
+  if (out_addr == nullptr || !GetRelayMgr().StillServes(RelayMgr::kDatagramTrustMs)) return false;
   const sockaddr_in* dest = to;
   UdpPackageQueue* queue = nullptr;
   switch (record.relay_state) {
@@ -95,15 +106,18 @@ bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD cou
   }
   // Queued before it is sent, so that the worker finds the entry however soon the datagram comes.
   // Kept: a datagram that cannot be queued goes to the relay all the same, and is lost there.
-  if (const auto live = Use(record, queue)) live->Push(buffers, static_cast<u32>(count), dest);
+  if (const auto live = Use(record, queue)) {
+    live->Push(buffers, static_cast<u32>(count), dest, entry);
+  }
   return true;
 }
 
 bool PrepareConnectedUdpSend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
-                             LPWSATHREADID thread_id) noexcept {
+                             LPWSATHREADID thread_id, u64* entry) noexcept {
   if (!record.udp_connect_mode) return false;
   sockaddr_in scratch = {};
-  return PrepareUdpRelaySend(record, buffers, count, &record.handled_addr, &scratch, thread_id);
+  return PrepareUdpRelaySend(record, buffers, count, &record.handled_addr, &scratch, thread_id,
+                             entry);
 }
 
 void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count) noexcept {
@@ -117,6 +131,12 @@ void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count) noexcept {
   sockaddr_in scratch = {};
   queue->FindAddrThenRemove(buffers, static_cast<u32>(count),
                             static_cast<u32>(std::min<u64>(total, UINT32_MAX)), &scratch);
+}
+
+void CancelPendingUdpSend(SOCKET s, u64 entry) noexcept {
+  SocketRecord record;
+  if (!GetSocketMap().Get(s, &record)) return;
+  if (const auto queue = Use(record, record.send_queue)) queue->Remove(entry);
 }
 
 bool RestoreUdpSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr_in* from,
@@ -150,16 +170,12 @@ bool HandleUdpConnect(const SocketRecord& record, const sockaddr_in* addr,
   if (record.relay_state != kRelayNotAsked) return false;
   WSATHREADID thread{GetCurrentThread(), 0};
   UdpPackageQueue* send_queue = nullptr;
-  UdpPackageQueue* recv_queue = nullptr;
-  if (!RequestUdpRelay(record, addr, &thread, out_addr, &send_queue, &recv_queue)) {
-    GetSocketMap().SetRelayState(record.socket, kRelayRefused, record.token);
-    return false;
-  }
-  if (!GetSocketMap().SetRelayAddr(record.socket, out_addr, send_queue, recv_queue, record.token)) {
+  const Asked asked = AskForRelay(record, addr, out_addr, &send_queue, &thread);
+  if (asked == Asked::kSocketGone) {
     LSP_LOG(5, "[UDP] HandleUdpConnect:SetRelayAddr failed, socket=%Id, token=%u", record.socket,
             record.token);
-    return false;
   }
+  if (asked != Asked::kRelayed) return false;
   GetSocketMap().SetUdpConnectMode(record.socket, true, record.token);
   return true;
 }

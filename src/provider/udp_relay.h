@@ -18,18 +18,22 @@ bool IsAllowUdpRelayed(const SocketRecord& record, const sockaddr_in* to) noexce
 
 // Makes a datagram ready to be sent to the relay, whose address it stores; the socket's first one
 // asks for the relay. False: it is to go directly. `thread_id` is the caller's, as it came.
+// `entry`, which may be null, gets the number under which the datagram has been queued, if it has
+// been.
 bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
-                         const sockaddr_in* to, sockaddr_in* out_addr,
-                         LPWSATHREADID thread_id) noexcept;
+                         const sockaddr_in* to, sockaddr_in* out_addr, LPWSATHREADID thread_id,
+                         u64* entry = nullptr) noexcept;
 
 // The same for a socket that was connected through the relay. Kept: its datagrams are queued with
 // an address of zeros.
 bool PrepareConnectedUdpSend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
-                             LPWSATHREADID thread_id) noexcept;
+                             LPWSATHREADID thread_id, u64* entry = nullptr) noexcept;
 
 // Takes back what was queued for a datagram that was not sent after all. Works on the socket's
 // record of now.
 void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count) noexcept;
+// The same for one that is still being sent, whose buffers may be gone.
+void CancelPendingUdpSend(SOCKET s, u64 entry) noexcept;
 
 // Puts the true source of a datagram that came from the relay over `from`. False where it came
 // from elsewhere or its source is not known.

@@ -100,13 +100,13 @@ bool RequestUdpRelay(const SocketRecord& record, const sockaddr_in* to, LPWSATHR
   return true;
 }
 
-void CloseUdpRelay(const SocketRecord& record) noexcept {
+bool CloseUdpRelay(const SocketRecord& record) noexcept {
   const sockaddr_in& relay = record.relay_addr;
   if (record.relay_state != kRelayRunning || relay.sin_port == 0 || relay.sin_addr.s_addr == 0) {
-    return;
+    return false;
   }
   const WSPPROC_TABLE* const next = record.next_proc_table;
-  if (next == nullptr || next->lpWSPSendTo == nullptr) return;
+  if (next == nullptr || next->lpWSPSendTo == nullptr) return false;
   sockaddr_in control = {};
   GetRelayMgr().GetUdpLocalAddr(&control);
   ProtoRelayClose message = ProtoRelayClose::Request(record.token);
@@ -115,14 +115,17 @@ void CloseUdpRelay(const SocketRecord& record) noexcept {
   if (sent.result == SOCKET_ERROR) {
     LSP_LOG(5, "[UDP] CloseUdpRelay: sendto, error=%d, socket=%Id, token=%u", sent.error,
             record.socket, record.token);
-  } else if (sent.bytes != sizeof message) {
+    return false;
+  }
+  if (sent.bytes != sizeof message) {
     LSP_LOG(5, "[UDP] CloseUdpRelay: sendto, bytes(%u)!=%u, socket=%Id, token=%u",
             static_cast<unsigned>(sent.bytes), static_cast<unsigned>(sizeof message), record.socket,
             record.token);
-  } else {
-    LSP_LOG(0, "[UDP] CloseUdpRelay: sendto success, bytes=%u, socket=%Id, token=%u",
-            static_cast<unsigned>(sent.bytes), record.socket, record.token);
+    return false;
   }
+  LSP_LOG(0, "[UDP] CloseUdpRelay: sendto success, bytes=%u, socket=%Id, token=%u",
+          static_cast<unsigned>(sent.bytes), record.socket, record.token);
+  return true;
 }
 
 }  // namespace moru_vyr::lsp

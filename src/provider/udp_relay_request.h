@@ -16,8 +16,8 @@ bool RequestUdpRelay(const SocketRecord& record, const sockaddr_in* to, LPWSATHR
                      sockaddr_in* out_addr, UdpPackageQueue** out_send_queue,
                      UdpPackageQueue** out_recv_queue) noexcept;
 
-// Tells the relay of a socket that has one that the socket is about to be closed. Nothing is
-// waited for or tried again: a session that is not told ends by itself.
-void CloseUdpRelay(const SocketRecord& record) noexcept;
+// Tells the relay of a socket that has one that the socket is about to be closed; whether it could
+// be told. Nothing is waited for or tried again: see RelayMgr::NoteUntoldEnd.
+bool CloseUdpRelay(const SocketRecord& record) noexcept;
 
 }  // namespace moru_vyr::lsp

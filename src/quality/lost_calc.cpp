@@ -105,7 +105,8 @@ void LostCalc::OpenNext(u32 now_ms) noexcept {
 }
 
 void LostCalc::CloseCurrent() noexcept {
-  u16 span = std::min(cycle_size_, kSlots);  // a size that was refused must not leave the ring
+  // Guard: a size that was refused must not leave the ring.
+  u16 span = std::min(cycle_size_, kSlots);
   if (cycle_count_ < span) span = static_cast<u16>(cycle_count_ + 1);
   last_lost_ = Calc(cur_index_, span, &need_recv_pkg_, &real_recv_pkgs_);
   if (last_lost_ <= 100) {

@@ -1,5 +1,6 @@
 // RecoverySwitch: what the link loses, in the forms that others ask for it.
 #include "common/log.h"
+#include "common/loss.h"
 #include "quality/recovery_switch.h"
 
 namespace moru_vyr::lsp {
@@ -9,15 +10,6 @@ namespace {
 u8 DefCurLost(const LostCalc& calc, bool raw) noexcept {
   const bool too_few = calc.real_recv_pkgs() < calc.min_pkgs() && calc.last_lost() < kLostTooFew;
   return !raw && too_few ? kLostTooFew : calc.last_lost();
-}
-
-// Two directions of one path that lose independently, truncated. Reckoned in integers: in floating
-// point 10 and 20 would give 27, and a whole percentage could come out as one less than itself. A
-// code in place of the second loss goes through as if it were a percentage, and comes out as it
-// went in where the first is 0.
-u8 CombineDirections(u8 upload_lost, u8 download_lost) noexcept {
-  const int kept = (100 - upload_lost) * (100 - download_lost);
-  return static_cast<u8>((10000 - kept) / 100);
 }
 
 }  // namespace
@@ -41,9 +33,11 @@ u8 RecoverySwitch::RealRouteGetDefCurLost(bool raw) noexcept {
 u8 RecoverySwitch::GetCurLost(const LostCalc& calc, u8 upload_lost, bool is_real_route, u16 cycles,
                               u32* need, u32* real, bool include_current) noexcept {
   const u8 download_lost = calc.GetCurLost(cycles, need, real, include_current);
-  // The node does not know its view, or told nonsense.
-  const u8 full_lost =
-      upload_lost > 100 ? download_lost : CombineDirections(upload_lost, download_lost);
+  // Above 100 the node does not know its view, or told nonsense. A code in place of our own goes
+  // through as if it were a percentage, and comes out as it went in where the node's is 0.
+  const u8 full_lost = upload_lost > 100
+                           ? download_lost
+                           : static_cast<u8>(common::CombineLoss(upload_lost, download_lost));
   LSP_LOG(0,
           "[GetCurLost]%s, cycle_size=%d, download_lost=%d, upload_lost=%d, full_lost=%d, "
           "need_recv_pkg=%u, real_recv_pkgs=%u,  socket=%u, token=%u",

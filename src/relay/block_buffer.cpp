@@ -1,11 +1,19 @@
 #include "relay/block_buffer.h"
 
+#include <winsock2.h>
+//
+#include <windows.h>
+
 #include <iterator>
 #include <new>
 
 namespace moru_vyr::lsp {
 
-BufferBlock::BufferBlock(u32 size) : data(static_cast<u8*>(std::calloc(size, 1))), capacity(size) {
+void FreePages::operator()(u8* bytes) const noexcept { VirtualFree(bytes, 0, MEM_RELEASE); }
+
+BufferBlock::BufferBlock(u32 size)
+    : data(static_cast<u8*>(VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE))),
+      capacity(size) {
   if (data == nullptr) throw std::bad_alloc();
   Reset();
 }
@@ -42,7 +50,7 @@ bool BlockBuffer::Commit(u32 size) noexcept {
   return true;
 }
 
-bool BlockBuffer::Peek(u8** ptr, u32* len) noexcept {
+bool BlockBuffer::Peek(u8** ptr, u32* len) const noexcept {
   if (ptr == nullptr || len == nullptr || active_.empty()) return false;
   const BufferBlock& block = active_.front();
   *len = block.Pending();
@@ -61,7 +69,7 @@ bool BlockBuffer::Consume(u32 size) noexcept {
   return true;
 }
 
-bool BlockBuffer::IsEmpty() noexcept {
+bool BlockBuffer::IsEmpty() const noexcept {
   u8* ptr;
   u32 len;
   return !Peek(&ptr, &len);

@@ -5,7 +5,6 @@
 // when Reserve refuses, the session stops reading. Blocks are allocated at first use and kept for
 // reuse until Clear. One thread; nothing throws.
 #pragma once
-#include <cstdlib>
 #include <list>
 #include <memory>
 
@@ -13,10 +12,11 @@
 
 namespace moru_vyr::lsp {
 
-// The system hands out memory of this size zeroed and takes a page of it only when it is touched:
-// a connection that carries little costs little.
-struct FreeBytes {
-  void operator()(u8* bytes) const noexcept { std::free(bytes); }
+// Pages come from the system itself: it hands them out zeroed, and takes one only when it is
+// touched, so that a connection that carries little costs little. A heap may give back a block that
+// was used before, and then clears all of it by hand.
+struct FreePages {
+  void operator()(u8* bytes) const noexcept;
 };
 
 struct BufferBlock {
@@ -32,7 +32,7 @@ struct BufferBlock {
     return size <= Free() && size <= static_cast<u32>(data.get() + capacity - write_pos);
   }
 
-  std::unique_ptr<u8[], FreeBytes> data;  // zero-filled
+  std::unique_ptr<u8[], FreePages> data;  // zero-filled
   u32 capacity;
   u8* read_pos;
   u8* write_pos;
@@ -55,11 +55,11 @@ class BlockBuffer {
 
   // The oldest bytes that lie together. False if there are none; *ptr is then null and *len 0,
   // unless a pointer is null or no block is in use.
-  bool Peek(u8** ptr, u32* len) noexcept;
+  bool Peek(u8** ptr, u32* len) const noexcept;
   // `size` of the bytes that Peek gave were read. False, and nothing changes, for more than that.
   bool Consume(u32 size) noexcept;
 
-  bool IsEmpty() noexcept;  // whether Peek gives nothing
+  bool IsEmpty() const noexcept;  // whether Peek gives nothing
 
   // Forgets all bytes and gives the memory back at once.
   void Clear() noexcept;

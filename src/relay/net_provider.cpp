@@ -20,7 +20,7 @@ void NetProvider::GetLocalAddr(sockaddr_in* out) const noexcept {
   if (out == nullptr) return;
   *out = {};
   out->sin_family = AF_INET;
-  out->sin_port = local_port_;
+  out->sin_port = local_port_.load(std::memory_order_relaxed);
   out->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
 }
 

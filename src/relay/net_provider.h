@@ -1,9 +1,11 @@
 // What carries one protocol through the relay: named events by side, a start and an end.
 //
 // The local side faces the game over the loopback interface, the remote side a node or the game
-// server. Worker thread; GetLocalAddr from any thread once the relay runs. Nothing throws.
+// server. Worker thread; GetLocalAddr from any thread, at any time. Nothing throws.
 #pragma once
 #include <winsock2.h>
+
+#include <atomic>
 
 #include "common/types.h"
 #include "relay/relay_interfaces.h"
@@ -53,7 +55,8 @@ class NetProvider : public INetProvider {
   IRelaySocketMgr* socket_mgr_ = nullptr;
   Route* route_ = nullptr;
   SOCKET local_socket_ = 0;  // the listener, or the datagram socket
-  u16 local_port_ = 0;       // network order
+  // Network order; 0 without a local socket. The worker writes it, and any thread may ask for it.
+  std::atomic<u16> local_port_{0};
 };
 
 }  // namespace moru_vyr::lsp

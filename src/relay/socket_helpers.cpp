@@ -11,9 +11,12 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr int kBindTries = 200;
+constexpr int kExcludedTries = 20;
 constexpr u32 kFirstPort = 1025;
 constexpr u32 kPortCount = 64506;  // 1025 to 65530
 
+// From the secure generator. The runtime's own belongs to the host and is not even seeded: no port
+// would come of it, and the game would draw other numbers than it counts on.
 u16 DrawPort() noexcept {
   unsigned int drawn = 0;
   rand_s(&drawn);
@@ -37,9 +40,10 @@ bool MakeNonBlocking(SOCKET s, int* error) noexcept {
   return false;
 }
 
-// A game that sends a message in pieces has said so to its own socket; held back here, the last
-// piece would wait for the peer to confirm the one before, which it may put off for up to 200 ms.
-// A provider below that does not know the option costs no connection.
+// Guard: both ends of a relayed connection have said to their own sockets whether small pieces may
+// be held back; held back here, the last piece would wait for the peer to confirm the one before,
+// which it may put off for up to 200 ms. Sockets that a listener accepts have the option from the
+// listener. A provider below that does not know the option costs no connection.
 void SendAtOnce(SOCKET s) noexcept {
   const int on = 1;
   setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
@@ -65,7 +69,6 @@ bool BindRandomPort(SOCKET s, bool through_next_provider, u16* port, bool loopba
     next = GetSocketMap().GetNextProcTable(s, nullptr, nullptr);
     if (next == nullptr || next->lpWSPBind == nullptr) return false;
   }
-  std::srand(GetTickCount());  // kept, though the ports below do not come from that generator
   for (int i = 0; i < kBindTries; ++i) {
     const u16 drawn = DrawPort();
     address.sin_port = htons(drawn);
@@ -86,6 +89,30 @@ bool BindRandomPort(SOCKET s, bool through_next_provider, u16* port, bool loopba
   return false;
 }
 
+bool BindLoopbackPort(SOCKET s, u16* port) noexcept {
+  for (int i = 0; i < kExcludedTries; ++i) {
+    if (BindRandomPort(s, false, port, true)) return true;
+    if (WSAGetLastError() != WSAEACCES) return false;
+  }
+  return false;
+}
+
+void CloseRelaySocket(SOCKET s) noexcept {
+  if (closesocket(s) != SOCKET_ERROR || WSAGetLastError() != WSANOTINITIALISED) return;
+  SocketRecord record;
+  if (!GetSocketMap().Get(s, &record) || record.next_proc_table == nullptr) return;
+  GetSocketMap().Remove(s);
+  INT error = 0;
+  record.next_proc_table->lpWSPCloseSocket(s, &error);
+}
+
+void CloseWorkerSockets() noexcept {
+  const SocketMap& sockets = GetSocketMap();
+  for (SOCKET s = sockets.NextOfWorker(0); s != INVALID_SOCKET; s = sockets.NextOfWorker(s)) {
+    CloseRelaySocket(s);
+  }
+}
+
 bool CreateTcpSocketAndBind(SOCKET* out, u16* port) noexcept {
   const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   if (s == INVALID_SOCKET) {
@@ -94,13 +121,14 @@ bool CreateTcpSocketAndBind(SOCKET* out, u16* port) noexcept {
     return false;
   }
   u16 bound = 0;
-  if (!BindRandomPort(s, false, &bound, true)) return false;  // kept: the socket stays open
+  if (!BindLoopbackPort(s, &bound)) return false;  // kept: the socket stays open
   int error = 0;
   if (!MakeNonBlocking(s, &error)) {
     LSP_LOG(5, "[TCP]CreateTcpSocketAndBind ioctlsocket, err = %u", static_cast<u32>(error));
     closesocket(s);
     return false;
   }
+  SendAtOnce(s);
   if (out != nullptr) *out = s;
   if (port != nullptr) *port = bound;
   return true;

@@ -87,10 +87,13 @@ u32 TcpNegotiation::ElapsedMs() const noexcept {
 }
 
 // 0 once `size` bytes are there. The answer is never waited for: one that comes in pieces must
-// have come by the time it is looked at.
+// have come by the time it is looked at. What an earlier call left as the last error is no word of
+// this one's, and not every system clears it on success: a node that closed would be taken for one
+// that has said nothing so far, and no other would be tried.
 int TcpNegotiation::Receive(u8* to, int size, int* received) noexcept {
   *received = 0;
   while (*received < size) {
+    WSASetLastError(0);
     const int n = recv(socket_, reinterpret_cast<char*>(to + *received), size - *received, 0);
     const int error = WSAGetLastError();
     if (n <= 0) return n == 0 && error == WSAEWOULDBLOCK ? 1 : -1;

@@ -15,7 +15,7 @@ constexpr u32 kListenerBufferSize = 65536;
 
 }  // namespace
 
-TcpProvider::TcpProvider() noexcept {
+TcpProvider::TcpProvider() : local_addrs_(1) {
   local_relay_socket_.SetProvider(this);
   remote_relay_socket_.SetProvider(this);
 }
@@ -29,11 +29,14 @@ bool TcpProvider::OnCreateLocalServer() noexcept {
     return false;
   }
   server->SetProvider(this);
-  if (!CreateTcpSocketAndBind(&local_socket_, &local_port_)) return false;
+  u16 port = 0;
+  if (!CreateTcpSocketAndBind(&local_socket_, &port)) return false;
+  local_port_.store(port, std::memory_order_relaxed);
   AdjustSocketBuff(local_socket_, kListenerBufferSize, kListenerBufferSize);
-  local_addr_.sin_family = AF_INET;
-  local_addr_.sin_port = local_port_;
-  local_addr_.sin_addr.s_addr = static_cast<u32>(inet_addr("127.0.0.1"));
+  if (!AddLocalAddr(port)) {
+    CloseRelaySocket(local_socket_);
+    return false;
+  }
   socket_mgr_->AddSocket(local_socket_, server.release());
   const int result = listen(local_socket_, SOMAXCONN);
   const int error = WSAGetLastError();
@@ -41,15 +44,29 @@ bool TcpProvider::OnCreateLocalServer() noexcept {
   return true;  // kept: the bind alone decides
 }
 
+bool TcpProvider::AddLocalAddr(u16 port) noexcept {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = port;
+  address.sin_addr.s_addr = static_cast<u32>(inet_addr("127.0.0.1"));
+  common::Lock hold(pending_lock_);
+  try {
+    local_addrs_.push_front(address);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
 // Kept: sessions stay as they are, with their sockets open, until the process ends.
 void TcpProvider::OnCloseLocalServer() noexcept {
   LSP_LOG(0, "[TCP] TcpProvider::OnCloseLocalServer. socket=%Id", local_socket_);
-  closesocket(local_socket_);
+  CloseRelaySocket(local_socket_);
   if (socket_mgr_ != nullptr) {
     const std::unique_ptr<IRelaySocketDelegate> server(socket_mgr_->RemoveSocket(local_socket_));
   }
   local_socket_ = INVALID_SOCKET;
-  local_port_ = 0;
+  local_port_.store(0, std::memory_order_relaxed);
 }
 
 bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr,
@@ -73,8 +90,8 @@ bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr
             token);
     return false;
   }
-  *out_addr = reinterpret_cast<sockaddr*>(&local_addr_);
-  *out_len = sizeof local_addr_;
+  *out_addr = reinterpret_cast<sockaddr*>(&local_addrs_.front());
+  *out_len = sizeof(sockaddr_in);
   if (!duplicate) {
     LSP_LOG(4, "[TCP]RequestTcpRelaySession: CreateNewSession succeed, socket=%Id, token=%u",
             socket, token);

@@ -7,6 +7,7 @@
 #pragma once
 #include <winsock2.h>
 
+#include <forward_list>
 #include <map>
 #include <memory>
 #include <vector>
@@ -21,7 +22,7 @@ namespace moru_vyr::lsp {
 
 class TcpProvider final : public NetProvider {
  public:
-  TcpProvider() noexcept;
+  TcpProvider();
 
   // Prepares a connection of the game's `socket`, which is bound to `port` (network order), to
   // `addr`. On true the caller connects the socket to *out_addr, which stays where it is. May
@@ -53,19 +54,23 @@ class TcpProvider final : public NetProvider {
 
  private:
   bool CreateNewSession(SOCKET socket, u16 port, const sockaddr_in& addr, u32 token) noexcept;
+  bool AddLocalAddr(u16 port) noexcept;
   TcpSession* Adopt(u16 peer_port) noexcept;
   TcpSession* FindByLocalSocket(SOCKET socket) const noexcept;
   TcpSession* FindByRemoteSocket(SOCKET socket) const noexcept;
 
-  sockaddr_in local_addr_ = {};  // of the listener; written once, before anyone asks
+  // Where the listener is, the latest at the front. A start adds its own and none is ever changed
+  // or freed: threads connect by what they were given, also by one of an earlier start.
+  std::forward_list<sockaddr_in> local_addrs_;  // guarded by pending_lock_
 
-  // In the order of their accepts, so that equal runs serve them in equal order. At most as many
-  // as there are sockets to poll, which makes a walk cheap enough for each event.
+  // In the order of their accepts, so that equal runs serve them in equal order. Each event walks
+  // over them. They may be more than the sets can poll: a session whose sockets found no place
+  // there is accepted all the same, and waits for the places of others.
   std::vector<std::unique_ptr<TcpSession>> sessions_;
   std::vector<TcpSession*> obsolete_sessions_;  // within one OnUpdate; has room for all
 
-  // Guards pending_sessions_. Held across an accepted session's decision and connect, so it is
-  // the outermost of all locks, and nothing may be held when it is taken.
+  // Guards pending_sessions_ and local_addrs_. Held across an accepted session's decision and
+  // connect, so it is the outermost of all locks, and nothing may be held when it is taken.
   common::Mutex pending_lock_;
   std::map<u16, std::unique_ptr<TcpSession>> pending_sessions_;  // by port, network order
 

@@ -28,7 +28,7 @@ void TcpSession::SetGame(SOCKET socket, u16 port, const sockaddr_in& server) noe
 }
 
 void TcpSession::SetLocalSocket(SOCKET socket, u16 port) noexcept {
-  local_socket_ = socket;
+  local_.socket = socket;
   local_port_ = port;
 }
 
@@ -39,18 +39,18 @@ void TcpSession::DecideRemoteAddr() noexcept {
   guid_.ToString(guid_text, sizeof guid_text);
   try {
     use_acc_ = provider_->SessionRoute()->MakeDecision(game_ip_, game_port_, SOCK_STREAM, guid_text,
-                                                       &decision_, nullptr, remote_socket_, token_);
+                                                       &decision_, nullptr, remote_.socket, token_);
   } catch (...) {
     use_acc_ = false;  // no memory for a question: the game server can still be reached
   }
-  GetTracker().SetAcceInfo(remote_socket_, use_acc_, &decision_);
+  GetTracker().SetAcceInfo(remote_.socket, use_acc_, &decision_);
   if (use_acc_) {
     connect_elapsed_ = 0;
     TargetSelectedProxy();
   }
   LSP_LOG(4, "[TCP]DecideRemoteAddr.use_acc_=%s, ip=%s, port=%d, socket=%Id, token=%u",
           use_acc_ ? "true" : "false", common::IpToString(remote_ip_).c_str(), ntohs(remote_port_),
-          remote_socket_, token_);
+          remote_.socket, token_);
 }
 
 bool TcpSession::Connect() noexcept {
@@ -59,14 +59,14 @@ bool TcpSession::Connect() noexcept {
   target.sin_port = remote_port_;
   target.sin_addr.s_addr = remote_ip_;
   // Also where the target is a node: what is reported is whom the game talks to.
-  GetTracker().NoteGameServer(remote_socket_, common::IpToString(game_ip_).c_str(), game_port_);
+  GetTracker().NoteGameServer(remote_.socket, common::IpToString(game_ip_).c_str(), game_port_);
   const int result =
-      connect(remote_socket_, reinterpret_cast<const sockaddr*>(&target), sizeof target);
+      connect(remote_.socket, reinterpret_cast<const sockaddr*>(&target), sizeof target);
   const int error = WSAGetLastError();
-  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->EnableWrite(remote_socket_);
+  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->EnableWrite(remote_.socket);
   if (result == SOCKET_ERROR && error != WSAEWOULDBLOCK) {
     LSP_LOG(0, "[TCP]connect [%s] server failed. err=%d, socket=%Id, token=%u",
-            use_acc_ ? "proxy" : "game", error, remote_socket_, token_);
+            use_acc_ ? "proxy" : "game", error, remote_.socket, token_);
     return false;
   }
   state_ = TcpState::Connecting;
@@ -96,7 +96,7 @@ u32 TcpSession::HandleRemoteReadable() noexcept {
 u32 TcpSession::HandleRemoteWritable() noexcept {
   switch (state_) {
     case TcpState::Connecting:
-      GetTracker().SetConnectResult(remote_socket_, 0);
+      GetTracker().SetConnectResult(remote_.socket, 0);
       LSP_LOG(4, "[TCP]TcpSession::HandleRemoteWritable, connection is successful. token=%u",
               token_);
       if (use_acc_) {
@@ -122,7 +122,7 @@ u32 TcpSession::HandleConnectFailure() noexcept {
     return kNoAction;
   }
   LSP_LOG(4, "[TCP]HandleConnectFailure. Connection Failed, token=%u", token_);
-  GetTracker().SetConnectResult(remote_socket_, -1);
+  GetTracker().SetConnectResult(remote_.socket, -1);
   state_ = TcpState::Failed;
   return kCloseSession;
 }
@@ -140,11 +140,15 @@ void TcpSession::OnUpdate(u32 elapsed_ms) noexcept {
   OnNegotiationFailed(kNegoTimedOut);
 }
 
+bool TcpSession::IsGivenUp() const noexcept {
+  return state_ == TcpState::Accepted || state_ == TcpState::Failed;
+}
+
 bool TcpSession::IsObsolete() noexcept {
-  const bool local_dead = local_sock_deleteing_ || local_socket_ == INVALID_SOCKET;
+  const bool local_dead = local_.sock_deleteing || local_.socket == INVALID_SOCKET;
   // A socket whose connect has failed carries nothing: what the closed game has sent cannot leave.
-  const bool given_up = state_ == TcpState::Accepted || state_ == TcpState::Failed;
-  const bool remote_dead = remote_sock_deleteing_ || remote_socket_ == INVALID_SOCKET || given_up;
+  const bool remote_dead =
+      remote_.sock_deleteing || remote_.socket == INVALID_SOCKET || IsGivenUp();
   if (!local_dead || !remote_dead) return false;
   if (obsolete_tick_ == 0) {
     LSP_LOG(4, "TcpSession::IsObsolete, tick 0, found obsolete session, token=%u", token_);

@@ -20,10 +20,10 @@ const char* TrueOrFalse(bool value) noexcept { return value ? "true" : "false"; 
 bool TcpSession::StartNegotiation() noexcept {
   ++nego_count_;
   const bool sent =
-      negotiation_.SendTcpNegotiation(provider_->SessionMgr(), remote_socket_, token_, game_ip_,
+      negotiation_.SendTcpNegotiation(provider_->SessionMgr(), remote_.socket, token_, game_ip_,
                                       game_port_, node_changes_, &guid_, &decision_);
   if (!sent) {
-    GetTracker().RecordNegFailed(remote_socket_, 0, kNegoSendFailed, &decision_, 0, nego_count_);
+    GetTracker().RecordNegFailed(remote_.socket, 0, kNegoSendFailed, &decision_, 0, nego_count_);
   }
   const RouteProxyInfo& proxy = decision_.selected_proxy;
   LSP_LOG(5,
@@ -31,7 +31,7 @@ bool TcpSession::StartNegotiation() noexcept {
           "t1_lost=%u%%, game_idc=%d, socket=%Id, token=%u",
           u32{proxy.proxy_idc}, ProxyAddrText(proxy).text, u32{proxy.proxy_port},
           u32{proxy.section1_delay}, u32{proxy.section2_delay}, u32{proxy.section1_lost},
-          static_cast<int>(decision_.game_idc), remote_socket_, token_);
+          static_cast<int>(decision_.game_idc), remote_.socket, token_);
   return sent;
 }
 
@@ -51,7 +51,7 @@ bool TcpSession::FinishNegotiation() noexcept {
 
 bool TcpSession::OnNegotiationFailed(u32 reason) noexcept {
   LSP_LOG(5, "[TCP] TcpSession::OnNegotiationFailed, reason=%u, token=%u", reason, token_);
-  GetTracker().RecordNegFailed(remote_socket_, 0, reason, &decision_, negotiation_.ElapsedMs(),
+  GetTracker().RecordNegFailed(remote_.socket, 0, reason, &decision_, negotiation_.ElapsedMs(),
                                nego_count_);
   if (node_changes_ == 0 && ChangeAcclServer()) {
     ++node_changes_;
@@ -62,7 +62,7 @@ bool TcpSession::OnNegotiationFailed(u32 reason) noexcept {
               token_);
       return false;
     }
-    GetTracker().SetAcceInfo(remote_socket_, true, &decision_);
+    GetTracker().SetAcceInfo(remote_.socket, true, &decision_);
     if (ConnectToNewNode()) return true;
   }
   state_ = TcpState::Failed;
@@ -78,10 +78,10 @@ bool TcpSession::ConnectToNewNode() noexcept {
   state_ = TcpState::Negotiating;
   TargetSelectedProxy();
   LSP_LOG(4, "[TCP]OnNegotiationFailed. ip=%s, port=%d, socket=%Id, token=%u",
-          common::IpToString(remote_ip_).c_str(), ntohs(remote_port_), remote_socket_, token_);
+          common::IpToString(remote_ip_).c_str(), ntohs(remote_port_), remote_.socket, token_);
   const bool retried = Connect();
   LSP_LOG(4, "[TCP]TcpSession::OnNegotiationFailed. retry=%s, socket=%Id, token=%u",
-          TrueOrFalse(retried), remote_socket_, token_);
+          TrueOrFalse(retried), remote_.socket, token_);
   return retried;
 }
 
@@ -101,21 +101,21 @@ bool TcpSession::ChangeAcclServer() noexcept {
 bool TcpSession::CreateRemoteSocket() noexcept {
   IRelaySocketMgr* const mgr = provider_->SessionMgr();
   if (mgr == nullptr) return false;
-  if (remote_socket_ != INVALID_SOCKET) {
-    mgr->RemoveSocket(remote_socket_);
-    LSP_LOG(4, "[TCP]CreateRemoteSocket, about to close socket=%Id, token=%u", remote_socket_,
+  if (remote_.socket != INVALID_SOCKET) {
+    mgr->RemoveSocket(remote_.socket);
+    LSP_LOG(4, "[TCP]CreateRemoteSocket, about to close socket=%Id, token=%u", remote_.socket,
             token_);
-    closesocket(remote_socket_);
-    GetTracker().RemoveFromWatchList(remote_socket_);
-    remote_socket_ = INVALID_SOCKET;
+    closesocket(remote_.socket);
+    GetTracker().RemoveFromWatchList(remote_.socket);
+    remote_.socket = INVALID_SOCKET;
   }
-  if (!CreateNonBlockTcpSocket(&remote_socket_)) {
+  if (!CreateNonBlockTcpSocket(&remote_.socket)) {
     LSP_LOG(4, "[TCP]ERROR TcpProvider::CreateRemoteSocket. Fail to create socket, token=%u",
             token_);
     return false;
   }
-  GetTracker().AddToWatchList(remote_socket_, kTrackTcp, token_);
-  mgr->AddSocket(remote_socket_, provider_->RemoteRelaySocketOf());
+  GetTracker().AddToWatchList(remote_.socket, kTrackTcp, token_);
+  mgr->AddSocket(remote_.socket, provider_->RemoteRelaySocketOf());
   return true;
 }
 
@@ -129,7 +129,7 @@ bool TcpSession::ChangeToGameSrv() noexcept {
   remote_port_ = game_port_;
   const bool result = Connect();
   LSP_LOG(4, "[TCP]TcpSession::ChangeToGameSrv. result=%s, socket=%Id, token=%u",
-          TrueOrFalse(result), remote_socket_, token_);
+          TrueOrFalse(result), remote_.socket, token_);
   return result;
 }
 

@@ -1,7 +1,9 @@
 // How a session moves bytes: each read goes straight into a buffer, each write straight out of it.
 //
 // A side that ends while bytes are still owed to the other leaves the session alive until they
-// are delivered. What was meant for the ended side is dropped: nobody is left to take it.
+// are delivered. What was meant for the ended side is dropped: nobody is left to take it. Both
+// directions are the same code; they differ in what the log says, and in the Tracker's count of
+// what the remote socket carries.
 #include "common/log.h"
 #include "relay/tcp_provider.h"
 #include "relay/tcp_session.h"
@@ -16,7 +18,7 @@ constexpr int kReadSize = 8192;
 // system clears it on success, and what an earlier call left would have the bytes uncounted.
 void ForgetLastError() noexcept { WSASetLastError(0); }
 
-// A send to a side that is finished, whose socket is closed or has failed before.
+// A send to a side whose earlier bytes were dropped.
 int FailAsEnded() noexcept {
   WSASetLastError(WSAENOTSOCK);
   return SOCKET_ERROR;
@@ -24,155 +26,127 @@ int FailAsEnded() noexcept {
 
 }  // namespace
 
-bool TcpSession::DoLocalRead() noexcept {
-  for (;;) {
-    u8* place = nullptr;
-    // A full buffer holds the game back: its bytes stay in the system until there is room.
-    if (!local_to_remote_.Reserve(&place, kReadSize)) return true;
-    const int n = recv(local_socket_, reinterpret_cast<char*>(place), kReadSize, 0);
-    const int error = WSAGetLastError();
-    if (n == 0) {
-      const bool owes = !local_to_remote_.IsEmpty() && !remote_sock_deleteing_;
-      if (owes) {
-        local_sock_deleteing_ = true;
-        remote_to_local_.Clear();
-      }
-      CloseSocket(&local_socket_);
-      return owes;
-    }
-    if (n == SOCKET_ERROR) {
-      if (error == WSAEWOULDBLOCK) return true;
-      LSP_LOG(4, "[TCP]DoLocalRead. err=%d, socket=%Id, token=%u", error, local_socket_, token_);
-      CloseSocketAfter(error, &local_socket_);
-      return false;
-    }
-    LSP_LOG(0, "[TCP]DoLocalRead. Read game client data, len=%d, socket=%Id, token=%u", n,
-            local_socket_, token_);
-    local_to_remote_.Commit(static_cast<u32>(n));
+bool TcpSession::DoLocalRead() noexcept { return Read(&local_, &remote_); }
+bool TcpSession::DoRemoteRead() noexcept { return Read(&remote_, &local_); }
+bool TcpSession::DoLocalWrite() noexcept { return Write(&local_, &remote_); }
+
+bool TcpSession::DoRemoteWrite() noexcept {
+  if (remote_.sock_deleteing || remote_.socket == INVALID_SOCKET) {
+    LSP_LOG(4, "[TCP]DoRemoteWrite,invalid status,remote_sock_deleteing_=%s,socket=%Id, token=%u",
+            remote_.sock_deleteing ? "true" : "false", remote_.socket, token_);
+    return true;
   }
+  return Write(&remote_, &local_);
 }
 
-bool TcpSession::DoRemoteRead() noexcept {
+bool TcpSession::Read(TcpSide* from, TcpSide* to) noexcept {
   for (;;) {
     u8* place = nullptr;
-    if (!remote_to_local_.Reserve(&place, kReadSize)) return true;
+    if (!to->owed.Reserve(&place, kReadSize)) return WaitForRoom(to);
     ForgetLastError();
-    const int n = recv(remote_socket_, reinterpret_cast<char*>(place), kReadSize, 0);
+    const int n = recv(from->socket, reinterpret_cast<char*>(place), kReadSize, 0);
     const int error = WSAGetLastError();
-    GetTracker().RecordRecv(remote_socket_, static_cast<u32>(n), error);
+    if (from->is_remote) GetTracker().RecordRecv(from->socket, static_cast<u32>(n), error);
     if (n == 0) {
-      const bool owes = !remote_to_local_.IsEmpty() && !local_sock_deleteing_;
-      if (owes) {
-        remote_sock_deleteing_ = true;
-        local_to_remote_.Clear();
-      }
-      CloseSocket(&remote_socket_);
-      return owes;
+      const bool keep = EndSide(from, *to);
+      CloseSocket(from);
+      return keep;
     }
     if (n == SOCKET_ERROR) {
       if (error == WSAEWOULDBLOCK) return true;
-      LSP_LOG(4, "[TCP]DoRemoteRead. err=%d, socket=%Id, token=%u", error, remote_socket_, token_);
-      CloseSocketAfter(error, &remote_socket_);
+      LSP_LOG(4,
+              from->is_remote ? "[TCP]DoRemoteRead. err=%d, socket=%Id, token=%u"
+                              : "[TCP]DoLocalRead. err=%d, socket=%Id, token=%u",
+              error, from->socket, token_);
+      CloseSocketAfter(error, from);
       return false;
     }
-    LSP_LOG(0, "[TCP]DoRemoteRead. Read acc/game server data, len=%d, socket=%Id, token=%u", n,
-            remote_socket_, token_);
-    remote_to_local_.Commit(static_cast<u32>(n));
+    LSP_LOG(0,
+            from->is_remote
+                ? "[TCP]DoRemoteRead. Read acc/game server data, len=%d, socket=%Id, token=%u"
+                : "[TCP]DoLocalRead. Read game client data, len=%d, socket=%Id, token=%u",
+            n, from->socket, token_);
+    to->owed.Commit(static_cast<u32>(n));
   }
 }
 
-bool TcpSession::DoLocalWrite() noexcept {
+bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
   u8* bytes = nullptr;
   u32 size = 0;
-  while (remote_to_local_.Peek(&bytes, &size)) {
-    // One that has missed bytes gets none of those behind them, though its socket may be open.
-    const int n = local_sock_deleteing_ ? FailAsEnded()
-                                        : send(local_socket_, reinterpret_cast<const char*>(bytes),
-                                               static_cast<int>(size), 0);
+  while (to->owed.Peek(&bytes, &size)) {
+    ForgetLastError();
+    const int n = to->missed_bytes ? FailAsEnded()
+                                   : send(to->socket, reinterpret_cast<const char*>(bytes),
+                                          static_cast<int>(size), 0);
     const int error = WSAGetLastError();
+    if (to->is_remote) GetTracker().RecordSend(to->socket, static_cast<u32>(n), error);
     if (n > 0) {
-      LSP_LOG(0, "[TCP]DoLocalWrite. Send data to game client, len=%d, socket=%Id, token=%u", n,
-              local_socket_, token_);
-      if (!remote_to_local_.Consume(static_cast<u32>(n))) return false;  // more than was given
+      LSP_LOG(0,
+              to->is_remote
+                  ? "[TCP]DoRemoteWrite. Send data to acc/game server, len=%d, socket=%Id, token=%u"
+                  : "[TCP]DoLocalWrite. Send data to game client, len=%d, socket=%Id, token=%u",
+              n, to->socket, token_);
+      if (!to->owed.Consume(static_cast<u32>(n))) return false;  // more than was given
       continue;
     }
     // A send that takes nothing without an error would keep the worker here for ever.
     if (n == 0 || error == WSAEWOULDBLOCK) {
-      provider_->SessionMgr()->EnableWrite(local_socket_);
+      provider_->SessionMgr()->EnableWrite(to->socket);
       break;
     }
-    LSP_LOG(4, "[TCP]DoLocalWrite. err=%d, socket=%Id, token=%u", error, local_socket_, token_);
-    const bool owes = !local_to_remote_.IsEmpty() && !remote_sock_deleteing_;
-    if (owes) {
-      local_sock_deleteing_ = true;
-      remote_to_local_.Clear();
-    }
-    CloseSocketAfter(error, &local_socket_);
-    if (!owes) return false;
+    LSP_LOG(4,
+            to->is_remote ? "[TCP]DoRemoteWrite. err=%d, socket=%Id, token=%u"
+                          : "[TCP]DoLocalWrite. err=%d, socket=%Id, token=%u",
+            error, to->socket, token_);
+    const bool keep = EndSide(to, *from);
+    CloseSocketAfter(error, to);
+    if (!keep) return false;
     break;
   }
-  if (remote_sock_deleteing_ && remote_to_local_.IsEmpty()) {
-    LSP_LOG(4, "DoLocalWrite, buffer is empty. Marking session obsolete, token=%u", token_);
-    local_sock_deleteing_ = true;
+  if (from->sock_deleteing && to->owed.IsEmpty()) {
+    LSP_LOG(4,
+            to->is_remote ? "DoRemoteWrite, buffer is empty. Marking session obsolete, token=%u"
+                          : "DoLocalWrite, buffer is empty. Marking session obsolete, token=%u",
+            token_);
+    to->sock_deleteing = true;
     obsolete_tick_ = GetTickCount();
   }
   return true;
 }
 
-bool TcpSession::DoRemoteWrite() noexcept {
-  if (remote_sock_deleteing_ || remote_socket_ == INVALID_SOCKET) {
-    LSP_LOG(4, "[TCP]DoRemoteWrite,invalid status,remote_sock_deleteing_=%s,socket=%Id, token=%u",
-            remote_sock_deleteing_ ? "true" : "false", remote_socket_, token_);
-    return true;
-  }
-  u8* bytes = nullptr;
-  u32 size = 0;
-  while (local_to_remote_.Peek(&bytes, &size)) {
-    ForgetLastError();
-    const int n =
-        send(remote_socket_, reinterpret_cast<const char*>(bytes), static_cast<int>(size), 0);
-    const int error = WSAGetLastError();
-    GetTracker().RecordSend(remote_socket_, static_cast<u32>(n), error);
-    if (n > 0) {
-      LSP_LOG(0, "[TCP]DoRemoteWrite. Send data to acc/game server, len=%d, socket=%Id, token=%u",
-              n, remote_socket_, token_);
-      if (!local_to_remote_.Consume(static_cast<u32>(n))) return false;
-      continue;
-    }
-    if (n == 0 || error == WSAEWOULDBLOCK) {
-      provider_->SessionMgr()->EnableWrite(remote_socket_);
-      break;
-    }
-    LSP_LOG(4, "[TCP]DoRemoteWrite. err=%d, socket=%Id, token=%u", error, remote_socket_, token_);
-    const bool owes = !remote_to_local_.IsEmpty() && !local_sock_deleteing_;
-    if (owes) {
-      remote_sock_deleteing_ = true;
-      local_to_remote_.Clear();
-    }
-    CloseSocketAfter(error, &remote_socket_);
-    if (!owes) return false;
-    break;
-  }
-  if (local_sock_deleteing_ && local_to_remote_.IsEmpty()) {
-    LSP_LOG(4, "DoRemoteWrite, buffer is empty. Marking session obsolete, token=%u", token_);
-    remote_sock_deleteing_ = true;
-    obsolete_tick_ = GetTickCount();
-  }
-  return true;
+// A full buffer holds the sender back: its bytes stay in the system until there is room. Guard:
+// where there never will be, that would go on for ever, since the sender's close stands behind the
+// bytes that are not read, and select would return at once all that time. A remote side that has
+// missed bytes takes no more, so what waits for it is dropped, and the game may still get what it
+// is owed. A session that was given up has nobody on either side, and ends.
+bool TcpSession::WaitForRoom(TcpSide* to) noexcept {
+  if (to->is_remote && to->missed_bytes) to->owed.Clear();
+  return !IsGivenUp();
 }
 
-void TcpSession::CloseSocket(SOCKET* socket) noexcept {
-  if (*socket == INVALID_SOCKET) return;
-  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->RemoveSocket(*socket);
-  closesocket(*socket);
-  if (socket == &remote_socket_) GetTracker().RemoveFromWatchList(*socket);
-  *socket = INVALID_SOCKET;
+// The side is finished. Whether the session goes on, to deliver what the other side is owed.
+bool TcpSession::EndSide(TcpSide* ended, const TcpSide& other) noexcept {
+  const bool owes = !other.owed.IsEmpty() && !other.sock_deleteing;
+  if (owes) {
+    ended->sock_deleteing = true;
+    ended->missed_bytes = true;
+    ended->owed.Clear();
+  }
+  return owes;
+}
+
+void TcpSession::CloseSocket(TcpSide* side) noexcept {
+  if (side->socket == INVALID_SOCKET) return;
+  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->RemoveSocket(side->socket);
+  closesocket(side->socket);
+  if (side->is_remote) GetTracker().RemoveFromWatchList(side->socket);
+  side->socket = INVALID_SOCKET;
 }
 
 // After these the connection is gone. Any other error leaves the socket to the session's end.
-void TcpSession::CloseSocketAfter(int error, SOCKET* socket) noexcept {
+void TcpSession::CloseSocketAfter(int error, TcpSide* side) noexcept {
   if (error == WSAECONNABORTED || error == WSAECONNRESET || error == WSAENETRESET) {
-    CloseSocket(socket);
+    CloseSocket(side);
   }
 }
 

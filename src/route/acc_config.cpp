@@ -19,7 +19,8 @@ using common::LspTrace;
 
 constinit AccConfig process_config;
 
-// What comes from another process is made safe here, once, for all who read it later.
+// Guard: what comes from another process is made safe here, once, for all who read it later: texts
+// have an end, and counts keep to their arrays.
 
 template <std::size_t N>
 void Terminate(char (&field)[N]) noexcept {
@@ -94,7 +95,7 @@ bool NoRegion() noexcept {
   return false;
 }
 
-// Asks first whether the region exists: opening it would make a missing one, empty, and the
+// Guard: asks first whether the region exists. Opening it would make a missing one, empty, and the
 // client program would find that in place of its own.
 bool InstallFromRegion() {
   if (!common::Shared_mem_obj::Exists(kRestrictionRegionName)) return NoRegion();

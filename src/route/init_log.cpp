@@ -81,6 +81,7 @@ void OpenLog() {
   const DWORD error = opened ? 0 : GetLastError();
   common::SetFieldText(common::GetProcessInfo().log_file_path, path);
   common::LspTrace("InitLog: %s", path.c_str());
+  // Guard: a line more than is asked for, since a log that is missing can say nothing itself.
   if (!opened) common::LspTrace("InitLog: no log file, err=%lu", static_cast<unsigned long>(error));
   common::GetLogFile().SetLevel(LogFileLevel(GetAccConfig()->log_level));
   LogBasicInfo();

@@ -20,14 +20,14 @@ bool IpTable::LoadIpTable() noexcept {
       kIpTableRegionName, kIpTableMutexName,
       [this](const IpTableRegion& region) { LoadIpTableFromMem(region); })) {
     case RegionRead::kNoView:
-      LSP_LOG(4, "[Route][LoadIpTable] read route table from shared memory failed, mem_addr=null");
+      LSP_LOG(5, "[Route][LoadIpTable] read route table from shared memory failed, mem_addr=null");
       break;
     case RegionRead::kNoAddress:
-      LSP_LOG(4,
+      LSP_LOG(5,
               "[Route][LoadIpTable] read route table from shared memory failed, "
               "mem_addr.get()=null");
       break;
-    case RegionRead::kNoMemory:
+    case RegionRead::kNoMemory:  // kept: the one failure of a table at this level
       LSP_LOG(4,
               "[Route][LoadIpTable] read iptable from shared memory failed, iptable_pointer alloc "
               "failed with null");

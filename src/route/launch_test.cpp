@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "common/log.h"
@@ -9,7 +10,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// The copy has the key that was asked for and whole texts, whatever a writer without manners
+// Guard: the copy has the key that was asked for and whole texts, whatever a writer without manners
 // does to the record meanwhile.
 bool CopyRecord(const LaunchTestRegion& region, u32 game_idc, GltRouteInfo* out) noexcept {
   const u32 valid_count = region.valid_count;
@@ -32,37 +33,47 @@ bool CopyRecord(const LaunchTestRegion& region, u32 game_idc, GltRouteInfo* out)
 
 }  // namespace
 
-bool LaunchTest::OpenRegion() noexcept {
-  if (glt_mem_ != nullptr) return true;
+common::Shared_mem_owner* LaunchTest::OpenRegion() noexcept {
+  {
+    const common::Lock hold(lock_);
+    if (glt_mem_ != nullptr) return glt_mem_.get();
+  }
   try {
     if (!common::Shared_mem_obj::Exists(kLaunchTestRegionName)) {
-      LSP_LOG(4,
+      LSP_LOG(5,
               "[Route][LoadGltRouteInfoFromShare] open glt table from shared memory failed,share "
               "mem is not exist!");
-      return false;
+      return nullptr;
     }
-    glt_mem_ = std::make_unique<common::Shared_mem_owner>(
+    auto opened = std::make_unique<common::Shared_mem_owner>(
         kLaunchTestRegionName, sizeof(LaunchTestRegion), kLaunchTestMutexName, false);
-    return true;
+    const common::Lock hold(lock_);
+    if (glt_mem_ == nullptr) glt_mem_ = std::move(opened);  // else another thread was first
+    return glt_mem_.get();
   } catch (const std::bad_alloc&) {
-    LSP_LOG(4, "[Route][LoadGltRouteInfoFromShare] open glt table from shared memory failed!");
-    return false;
+    LSP_LOG(5, "[Route][LoadGltRouteInfoFromShare] open glt table from shared memory failed!");
+    return nullptr;
   }
 }
 
 bool LaunchTest::LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noexcept {
   if (out == nullptr) {
-    LSP_LOG(4, "[Route][LoadGltRouteInfoFromShare] Invalid glt route info pointer");
+    LSP_LOG(5, "[Route][LoadGltRouteInfoFromShare] Invalid glt route info pointer");
     return false;
   }
-  const common::Lock hold(lock_);
-  if (local_glt_ != nullptr) return CopyRecord(*local_glt_, game_idc, out);
-  if (!OpenRegion()) return false;
-  const common::Shared_mem_ptr<const LaunchTestRegion> view(glt_mem_.get(), common::kOpenForReading,
-                                                            true);
-  const common::Shared_mem_closer closer(glt_mem_.get());
+  {
+    const common::Lock hold(lock_);
+    if (local_glt_ != nullptr) return CopyRecord(*local_glt_, game_idc, out);
+  }
+  common::Shared_mem_owner* const region = OpenRegion();
+  if (region == nullptr) return false;
+  // The region's mutex keeps our own threads apart too. Without one nobody is waited for.
+  std::optional<common::Lock> alone;
+  if (!region->guarded()) alone.emplace(lock_);
+  const common::Shared_mem_ptr<const LaunchTestRegion> view(region, common::kOpenForReading, true);
+  const common::Shared_mem_closer closer(region);
   if (!view) {
-    LSP_LOG(4,
+    LSP_LOG(5,
             "[Route][LoadGltRouteInfoFromShare] attampt to open glt route sharing region but "
             "failed!");
     return false;

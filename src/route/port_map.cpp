@@ -14,7 +14,7 @@ void PortMap::LoadPortIdcTable() {
   for (u32 i = 0; i < count; ++i) {
     const PortIdcRecord& record = config.port_idc_records[i];
     if (record.idc == 0) {
-      LSP_LOG(4, "[Route]LoadPortIdcTable, invalid port idc record, pass");
+      LSP_LOG(5, "[Route]LoadPortIdcTable, invalid port idc record, pass");
       continue;
     }
     if (record.port == 0) {

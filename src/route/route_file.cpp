@@ -31,7 +31,7 @@ common::UniqueHandle OpenForReading(const std::wstring& path, DWORD* error) noex
 bool ReadWhole(HANDLE file, const char* utf8_path, void* buffer, u32 size) noexcept {
   const DWORD file_size = GetFileSize(file, nullptr);
   if (file_size != size) {
-    LSP_LOG(4,
+    LSP_LOG(5,
             "[Route][LoadRouteFromBinFile] load_mem_binary_from_file failed:file(%s) file "
             "size(%d) not match data size(%d)",
             utf8_path, static_cast<int>(file_size), static_cast<int>(size));
@@ -40,14 +40,14 @@ bool ReadWhole(HANDLE file, const char* utf8_path, void* buffer, u32 size) noexc
   DWORD read = 0;
   if (!ReadFile(file, buffer, size, &read, nullptr)) {
     const DWORD error = GetLastError();
-    LSP_LOG(4,
+    LSP_LOG(5,
             "[Route][LoadRouteFromBinFile] load_mem_binary_from_file failed:file(%s) ReadFile "
             "failed(error=%d)",
             utf8_path, static_cast<int>(error));
     return false;
   }
   if (read != size) {
-    LSP_LOG(4,
+    LSP_LOG(5,
             "[Route][LoadRouteFromBinFile] load_mem_binary_from_file failed:file(%s) read "
             "size(%d) not file size(%d)",
             utf8_path, static_cast<int>(read), static_cast<int>(size));
@@ -74,12 +74,12 @@ bool Widen(const char* utf8, std::wstring* out) noexcept {
 bool LoadRouteFromBinFile(const char* utf8_path, void* buffer, u32 size) noexcept {
   if (utf8_path == nullptr || buffer == nullptr || size == 0) return false;
   if (*utf8_path == '\0') {
-    LSP_LOG(4, "[Route][LoadRouteFromBinFile] load_mem_binary_from_file failed,file_path is empty");
+    LSP_LOG(5, "[Route][LoadRouteFromBinFile] load_mem_binary_from_file failed,file_path is empty");
     return false;
   }
   std::wstring path;
   if (!Widen(utf8_path, &path)) {
-    LSP_LOG(4,
+    LSP_LOG(5,
             "[Route][LoadRouteFromBinFile] load_mem_binary_from_file "
             "failed,route_binary_file_path u8to16(%s) failed",
             utf8_path);
@@ -88,7 +88,7 @@ bool LoadRouteFromBinFile(const char* utf8_path, void* buffer, u32 size) noexcep
   DWORD error = 0;
   const common::UniqueHandle file = OpenForReading(path, &error);
   if (!file) {
-    LSP_LOG(4,
+    LSP_LOG(5,
             "[Route][LoadRouteFromBinFile] load_mem_binary_from_file failed:file(%s) CreateFileW "
             "failed(error=%d)",
             utf8_path, static_cast<int>(error));

@@ -59,7 +59,7 @@ void Route::OnUpdate(u32 elapsed_ms) noexcept {
   if (notify_event_ == nullptr && notify_event_tries_ < kMaxNotifyEventTries) CreateNotifyEvent();
   if (notify_event_ == nullptr) return;
   if (WaitForSingleObject(notify_event_, 0) != WAIT_OBJECT_0) return;
-  LSP_LOG(4, "[Route][OnUpdate] Spur iplist content has changed, reload it!");
+  LSP_LOG(5, "[Route][OnUpdate] Spur iplist content has changed, reload it!");
   spur_list_.LoadSpurIplistTable();
 }
 

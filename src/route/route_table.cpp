@@ -13,7 +13,8 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// Counts are read once: the client program may be writing them.
+// Guard: counts are read once, since the client program may be writing them, and bounded by their
+// arrays. (That the routes are is part of the format; of the proxies nobody asks it.)
 std::span<const RouteEntry> RoutesOf(const RouteSet& set) noexcept {
   const u32 count = set.route_count;
   return {set.routes, std::min(count, kMaxRoutes)};
@@ -51,14 +52,19 @@ RouteProxyInfo Join(const ProxyRecord& record, const ProxyRef& ref) noexcept {
 bool RouteTable::LoadRoute() noexcept {
   if (source_ == Source::kFile) return true;
   if (source_ == Source::kRegion) return false;
+  auto region = OpenRegion();
+  const auto file = region == nullptr ? LoadFile() : nullptr;
+  if (region == nullptr && file == nullptr) return source_ == Source::kFile;
   const common::Lock hold(lock_);
-  if (source_ != Source::kNone) return source_ == Source::kFile;
-  if (OpenRegion()) {
+  if (source_ != Source::kNone) return source_ == Source::kFile;  // another thread was first
+  if (region != nullptr) {
+    route_mem_ = std::move(region);
     source_ = Source::kRegion;
-  } else if (LoadFile()) {
+  } else {
+    local_route_.image = *file;
     source_ = Source::kFile;
   }
-  return source_ != Source::kNone;
+  return true;
 }
 
 void RouteTable::LoadRouteFromMem(const RouteTableImage& image) noexcept {
@@ -68,32 +74,34 @@ void RouteTable::LoadRouteFromMem(const RouteTableImage& image) noexcept {
   source_ = Source::kFile;
 }
 
-bool RouteTable::OpenRegion() noexcept {
+std::unique_ptr<common::Shared_mem_owner> RouteTable::OpenRegion() noexcept {
+  std::unique_ptr<common::Shared_mem_owner> region;
   try {
     if (!common::Shared_mem_obj::Exists(kRouteRegionName)) {
       LSP_LOG(5,
               "[Route][LoadRoute] open route table from shared memory failed,share mem is not "
               "exist!");
-      return false;
+      return nullptr;
     }
-    route_mem_ = std::make_unique<common::Shared_mem_owner>(kRouteRegionName, sizeof(RouteRegion),
-                                                            kRouteMutexName, true);
+    region = std::make_unique<common::Shared_mem_owner>(kRouteRegionName, sizeof(RouteRegion),
+                                                        kRouteMutexName, true);
   } catch (const std::bad_alloc&) {
     LSP_LOG(5, "[Route][LoadRoute] open route table from shared memory failed,mem_obj is null!");
-    return false;
+    return nullptr;
   }
   LSP_LOG(5, "[Route][LoadRoute] open route table from shared memory success!");
-  return true;
+  return region;
 }
 
-bool RouteTable::LoadFile() noexcept {
-  if (!LoadRouteFromBinFile(GetAccConfig()->route_binary_file_path, &local_route_.image,
-                            sizeof local_route_.image)) {
+std::unique_ptr<const RouteTableImage> RouteTable::LoadFile() noexcept {
+  auto image = std::unique_ptr<RouteTableImage>(new (std::nothrow) RouteTableImage);
+  if (image == nullptr ||
+      !LoadRouteFromBinFile(GetAccConfig()->route_binary_file_path, image.get(), sizeof *image)) {
     LSP_LOG(5, "[Route][LoadRoute] load route table from file failed!");
-    return false;
+    return nullptr;
   }
   LSP_LOG(5, "[Route][LoadRoute] load route table from file success!");
-  return true;
+  return image;
 }
 
 const RouteTableImage* RouteTable::Image() noexcept {

@@ -48,13 +48,15 @@ class RouteTable {
  private:
   enum class Source { kNone, kFile, kRegion };
 
-  bool OpenRegion() noexcept;
-  bool LoadFile() noexcept;
+  std::unique_ptr<common::Shared_mem_owner> OpenRegion() noexcept;
+  std::unique_ptr<const RouteTableImage> LoadFile() noexcept;
   const RouteTableImage* Image() noexcept;
 
   std::atomic<Source> source_ = Source::kNone;  // set last, never changed again
-  // Guards the finding of a source, and Open of the region, which maps it at the first use: the
-  // worker and the threads that send pings meet there. Nothing of ours is locked inside it.
+  // Guards the choice of a source, and Open of the region, which maps it at the first use: the
+  // worker and the threads that send pings meet there. Not held while a source is looked for, which
+  // waits for the client program and for the disk: two threads may look at once, and the first
+  // find counts. Nothing of ours is locked inside it.
   common::Mutex lock_;
   // The view stays open until the end, because lookups return into it.
   std::unique_ptr<common::Shared_mem_owner> route_mem_;

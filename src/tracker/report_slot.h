@@ -1,9 +1,11 @@
 // A channel held open for one report: from its construction to its end it has the channel's mutex,
 // if there is a channel.
 //
-// Makes no region: whether there is one is the client program's to say. What it cannot have for
-// want of memory counts as not there.
+// Guard: makes no region, since whether there is one is the client program's to say. What it cannot
+// have for want of memory counts as not there.
 #pragma once
+#include <atomic>
+#include <cstddef>
 #include <cstring>
 #include <optional>
 
@@ -39,10 +41,14 @@ class ReportSlot {
   bool is_free() const noexcept { return index_ < kSlots; }
   int index() const noexcept { return static_cast<int>(index_); }
 
-  // Only into a free slot. The client reads under the mutex, so one copy is as good as any order.
-  void Write(Record record) noexcept {
-    record.used = 1;
-    std::memcpy(&region_->slots[index_], &record, sizeof record);
+  // Only into a free slot. The body first and the mark after it, as two writes that stay in that
+  // order: the mutex of a process that is ended in the middle goes to the next, who must find the
+  // slot free or whole. One copy would begin with the mark.
+  void Write(const Record& record) noexcept {
+    static_assert(offsetof(Record, used) == 0 && sizeof record.used == 1);
+    auto* const slot = reinterpret_cast<u8*>(&region_->slots[index_]);
+    std::memcpy(slot + 1, reinterpret_cast<const u8*>(&record) + 1, sizeof record - 1);
+    std::atomic_ref<u8>(*slot).store(1, std::memory_order_release);
   }
 
  private:

@@ -21,6 +21,9 @@ class Tracker;
 inline constexpr u32 kTrackTcp = 1;
 inline constexpr u32 kTrackUdp = 2;
 
+// Told on the reporting thread, once, when the worker has ended without UnInit. May not throw.
+using WorkerGone = void (*)() noexcept;
+
 class TrackerFront {
  public:
   // Owns the Tracker and never ends it: its thread may still write when the process ends. Null:
@@ -29,8 +32,10 @@ class TrackerFront {
   TrackerFront(const TrackerFront&) = delete;
   TrackerFront& operator=(const TrackerFront&) = delete;
 
-  // At the worker's start and at its end; may be repeated.
-  void Init() noexcept;
+  // At the worker's start and at its end; may be repeated. Where the worker is ended by force
+  // before its end or in it, the reporting thread sees that, writes what there is and ends by
+  // itself. `gone` may be null.
+  void Init(WorkerGone gone = nullptr) noexcept;
   // Has the last reports written, for which it waits 2000 ms at most.
   void UnInit() noexcept;
   // On every pass of the worker: reports what flows, once in more than five seconds.

@@ -32,8 +32,8 @@ void Tell(Tracker* tracker, const Call& call) noexcept {
 
 }  // namespace
 
-void TrackerFront::Init() noexcept {
-  Tell(tracker_, [](Tracker& t) { t.Init(); });
+void TrackerFront::Init(WorkerGone gone) noexcept {
+  Tell(tracker_, [gone](Tracker& t) { t.Init(gone); });
 }
 
 void TrackerFront::UnInit() noexcept {

@@ -42,7 +42,7 @@ class Tracker {
   Tracker(const Tracker&) = delete;
   Tracker& operator=(const Tracker&) = delete;
 
-  void Init() noexcept;
+  void Init(WorkerGone gone = nullptr) noexcept;
   void UnInit() noexcept;
 
   void AddToWatchList(SOCKET socket, u32 type, u32 token);
@@ -80,6 +80,8 @@ class Tracker {
   static DWORD WINAPI SyncThread(LPVOID self) noexcept;
   void ReportStart() noexcept;
   void SyncLoop() noexcept;
+  bool WorkerIsGone() const noexcept;
+  void LeaveAlone() noexcept;
   void DrainQosLists() noexcept;
   void SyncCommInfo() noexcept;
 
@@ -87,6 +89,9 @@ class Tracker {
 
   common::UniqueHandle thread_;
   DWORD thread_id_ = 0;
+  std::atomic<u32> sync_name_{0};  // of own_thread.h: the sync thread's
+  u32 worker_name_ = 0;            // and that of the thread that called Init, if it has one
+  WorkerGone gone_ = nullptr;
   std::atomic<bool> quit_{false};
   bool initialized_ = false;
   common::Mutex init_lock_;

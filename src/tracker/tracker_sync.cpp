@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/own_thread.h"
 #include "common/process_info.h"
 #include "common/text.h"
 #include "route/acc_config.h"
@@ -29,7 +30,7 @@ bool IsSignalled(const common::UniqueHandle& event) noexcept {
 
 }  // namespace
 
-void Tracker::Init() noexcept {
+void Tracker::Init(WorkerGone gone) noexcept {
   if (initialized_) return;
   common::Lock hold(init_lock_);
   if (initialized_) return;
@@ -45,6 +46,9 @@ void Tracker::Init() noexcept {
     return;
   }
   quit_.store(false, std::memory_order_relaxed);
+  sync_name_.store(0, std::memory_order_relaxed);
+  worker_name_ = common::OwnThread::NameOfCaller();
+  gone_ = gone;
   thread_.Reset(CreateThread(nullptr, 0, SyncThread, this, 0, &thread_id_));
   LSP_LOG(0, "[Tracker] Sync Thread started.");
   initialized_ = true;
@@ -60,7 +64,7 @@ void Tracker::UnInit() noexcept {
   if (thread_) {
     // A client that keeps a mutex may hold the worker up for so long and no longer.
     if (WaitForSingleObject(thread_.get(), kUnInitWaitMs) == WAIT_TIMEOUT) {
-      TerminateThread(thread_.get(), 0);
+      common::EndByForce(thread_.get(), sync_name_.load(std::memory_order_relaxed));
     }
     thread_.Reset();
     thread_id_ = 0;
@@ -97,13 +101,30 @@ void Tracker::AddToSnapshot(const SocketQosRecord& record) noexcept {
 }
 
 DWORD WINAPI Tracker::SyncThread(LPVOID self) noexcept {
+  const common::OwnThread own;
   Tracker& tracker = *static_cast<Tracker*>(self);
+  tracker.sync_name_.store(own.name(), std::memory_order_relaxed);
   tracker.ReportStart();
   tracker.SyncLoop();
+  // Told first: what is reported below may wait for a client.
+  if (tracker.WorkerIsGone() && tracker.gone_ != nullptr) tracker.gone_();
   LSP_LOG(0, "[Tracker] Report Thread quit, do last report in spite of the trigger state");
   tracker.DrainQosLists();
   tracker.SyncCommInfo();
+  if (tracker.WorkerIsGone()) tracker.LeaveAlone();
   return 0;
+}
+
+bool Tracker::WorkerIsGone() const noexcept { return common::HasEnded(worker_name_); }
+
+// Nobody is left to do what UnInit does after this thread's end.
+void Tracker::LeaveAlone() noexcept {
+  common::Lock hold(init_lock_);
+  thread_.Reset();
+  thread_id_ = 0;
+  qos_ready_event_.Reset();
+  sync_ready_event_.Reset();
+  initialized_ = false;
 }
 
 void Tracker::ReportStart() noexcept {
@@ -115,13 +136,15 @@ void Tracker::ReportStart() noexcept {
   LspLoadedRecord loaded;
   loaded.game_id = GetAccConfig()->game_id;
   common::SetFieldText(loaded.process_name, process.process_name);
+  loaded.is_x64 = process.is_x64 ? 1 : 0;
   ReportLspLoadedInfo(loaded);
 }
 
+// Ends when it is told to, and when there is no worker any more that could tell it.
 // Kept: once the tick counter has wrapped, the thread pauses until the counter has climbed back.
 // The end reports what has gathered until then.
 void Tracker::SyncLoop() noexcept {
-  while (!quit_.load(std::memory_order_relaxed)) {
+  while (!quit_.load(std::memory_order_relaxed) && !WorkerIsGone()) {
     const u32 now = GetTickCount();
     if (last_loop_tick_ != 0 && last_loop_tick_ + kPassIntervalMs >= now) {
       Sleep(kPassPauseMs);

@@ -1,4 +1,4 @@
-// Which queues application threads may use.
+// Guard: which queues application threads may use.
 //
 // An application thread knows its socket's queues by bare pointers, in a copy of the socket's
 // record that may be older than the end of the session. So it never follows such a pointer: it

@@ -3,7 +3,7 @@
 // travel: the worker leaves it for the requester to take.
 //
 // Both stay inside the process, so all is in host order, and handles and pointers have their own
-// size: the open message is 41 bytes in the 32-bit product, and longer in a 64-bit build.
+// size: the open message is 41 bytes in a 32-bit process and 53 in a 64-bit one.
 #pragma once
 #include <winsock2.h>
 //
@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/kind.h"
 #include "common/types.h"
 
 namespace moru_vyr::lsp {
@@ -74,16 +75,15 @@ struct ProtoRelayClose {
 };
 #pragma pack(pop)
 
-static_assert(sizeof(void*) != 4 || sizeof(ProtoRelayOpen) == 41);
-static_assert(sizeof(ProtoRelayOpen) == 29 + 3 * sizeof(void*));
+static_assert(sizeof(ProtoRelayOpen) == common::SizeByKind(41, 53));
 static_assert(offsetof(ProtoRelayOpen, magic) == 0);
 static_assert(offsetof(ProtoRelayOpen, type) == 4);
 static_assert(offsetof(ProtoRelayOpen, token) == 5);
 static_assert(offsetof(ProtoRelayOpen, tick) == 9);
 static_assert(offsetof(ProtoRelayOpen, addr) == 13);
 static_assert(offsetof(ProtoRelayOpen, event_or_result) == 29);
-static_assert(offsetof(ProtoRelayOpen, send_size_or_queue) == 29 + sizeof(void*));
-static_assert(offsetof(ProtoRelayOpen, recv_size_or_queue) == 29 + 2 * sizeof(void*));
+static_assert(offsetof(ProtoRelayOpen, send_size_or_queue) == common::SizeByKind(33, 37));
+static_assert(offsetof(ProtoRelayOpen, recv_size_or_queue) == common::SizeByKind(37, 45));
 
 static_assert(sizeof(ProtoRelayClose) == 13);
 static_assert(offsetof(ProtoRelayClose, magic) == 0);

@@ -33,7 +33,8 @@ bool UdpPackageQueue::Push(const void* data, u32 len, const sockaddr_in* addr) n
   return Push(&buffer, 1, addr);
 }
 
-bool UdpPackageQueue::Push(const WSABUF* buffers, u32 count, const sockaddr_in* addr) noexcept {
+bool UdpPackageQueue::Push(const WSABUF* buffers, u32 count, const sockaddr_in* addr,
+                           u64* number) noexcept {
   if (buffers == nullptr || addr == nullptr || count == 0) return false;
   common::Lock hold(lock_);
   UdpPackage package;
@@ -44,9 +45,12 @@ bool UdpPackageQueue::Push(const WSABUF* buffers, u32 count, const sockaddr_in* 
   }
   package.capacity = pool_.block_size();
   package.addr = *addr;
-  if (Clone(buffers, count, &package) && Append(package)) return true;
-  pool_.Put(package.data);
-  return false;
+  if (!Clone(buffers, count, &package) || !Append(package)) {
+    pool_.Put(package.data);
+    return false;
+  }
+  if (number != nullptr) *number = last_number_;
+  return true;
 }
 
 bool UdpPackageQueue::Clone(const WSABUF* buffers, u32 count, UdpPackage* package) noexcept {
@@ -75,7 +79,7 @@ bool UdpPackageQueue::Append(const UdpPackage& package) noexcept {
     LSP_LOG(0, "WARNING: alloc failed");
     return false;
   }
-  spare_.front() = package;
+  spare_.front() = {package, ++last_number_};
   packages_.splice(packages_.end(), spare_, spare_.begin());
   return true;
 }
@@ -90,17 +94,28 @@ bool UdpPackageQueue::FindAddrThenRemove(const WSABUF* buffers, u32 count, u32 v
                                          sockaddr_in* out_addr) noexcept {
   if (buffers == nullptr || out_addr == nullptr) return false;
   common::Lock hold(lock_);
+  return TakeOut(packages_.empty() ? packages_.end() : Match(buffers, count, valid_len), out_addr);
+}
+
+bool UdpPackageQueue::Remove(u64 number) noexcept {
+  common::Lock hold(lock_);
+  sockaddr_in addr = {};
+  return TakeOut(std::find_if(packages_.begin(), packages_.end(),
+                              [=](const Entry& entry) { return entry.number == number; }),
+                 &addr);
+}
+
+bool UdpPackageQueue::TakeOut(Packages::iterator found, sockaddr_in* out_addr) noexcept {
   if (packages_.empty()) {
     LSP_LOG(5, "[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove queue size=0");
     return false;
   }
-  const Packages::iterator found = Match(buffers, count, valid_len);
   if (found == packages_.end()) {
     LSP_LOG(5, "[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove Not Found");
     return false;
   }
-  *out_addr = found->addr;
-  pool_.Put(found->data);
+  *out_addr = found->package.addr;
+  pool_.Put(found->package.data);
   spare_.splice(spare_.begin(), packages_, found);
   LSP_LOG(0, "[UDP] UdpPackageQueue::FindAddrThenRemove remove queue, current size=%u",
           static_cast<u32>(packages_.size()));
@@ -111,7 +126,7 @@ bool UdpPackageQueue::FindAddrThenRemove(const WSABUF* buffers, u32 count, u32 v
 UdpPackageQueue::Packages::iterator UdpPackageQueue::Match(const WSABUF* buffers, u32 count,
                                                            u32 valid_len) noexcept {
   if (packages_.size() == 1) return packages_.begin();
-  const auto has_length = [=](const UdpPackage& package) { return package.valid_len == valid_len; };
+  const auto has_length = [=](const Entry& entry) { return entry.package.valid_len == valid_len; };
   const auto first = std::find_if(packages_.begin(), packages_.end(), has_length);
   if (first != packages_.end() &&
       std::find_if(std::next(first), packages_.end(), has_length) == packages_.end()) {
@@ -119,7 +134,8 @@ UdpPackageQueue::Packages::iterator UdpPackageQueue::Match(const WSABUF* buffers
   }
   LSP_LOG(0, "[UDP] UdpPackageQueue::FindAddrThenRemove, valid_len=%u, queue size=%u", valid_len,
           static_cast<u32>(packages_.size()));
-  return std::find_if(first, packages_.end(), [=](const UdpPackage& package) {
+  return std::find_if(first, packages_.end(), [=](const Entry& entry) {
+    const UdpPackage& package = entry.package;
     return package.valid_len == valid_len &&
            CompareToWsaBuffers(package.data, package.valid_len, buffers, count, valid_len);
   });

@@ -4,6 +4,9 @@
 // Any thread; every operation holds the queue's own lock for its length, a leaf. Nothing throws.
 // Buffers come from a game, so nothing of theirs is taken for granted but that non-null ones are
 // readable. Entries that nobody takes stay: there is no age and no size limit.
+//
+// Whoever queues a datagram can take that very entry back by its number, when the bytes are no
+// longer there to be compared.
 #pragma once
 #include <winsock2.h>
 
@@ -24,8 +27,9 @@ class UdpPackageQueue {
 
   // Appends a copy of the datagram with its address. False, with nothing changed, for null
   // arguments, for a datagram longer than a block and without memory; the second form also for a
-  // datagram of no bytes.
-  bool Push(const WSABUF* buffers, u32 count, const sockaddr_in* addr) noexcept;
+  // datagram of no bytes. `number`, which may be null, gets the entry's own, which is not 0.
+  bool Push(const WSABUF* buffers, u32 count, const sockaddr_in* addr,
+            u64* number = nullptr) noexcept;
   bool Push(const void* data, u32 len, const sockaddr_in* addr) noexcept;
 
   // Takes out the entry of the `valid_len` bytes in `buffers`, and stores its address. Kept: a
@@ -34,18 +38,26 @@ class UdpPackageQueue {
   bool FindAddrThenRemove(const WSABUF* buffers, u32 count, u32 valid_len,
                           sockaddr_in* out_addr) noexcept;
   bool FindAddrThenRemove(const void* data, u32 len, sockaddr_in* out_addr) noexcept;
+  // Takes out the entry of that number and no other; false if it is gone.
+  bool Remove(u64 number) noexcept;
 
  private:
-  using Packages = std::list<UdpPackage>;
+  struct Entry {
+    UdpPackage package;
+    u64 number = 0;
+  };
+  using Packages = std::list<Entry>;
 
   bool Clone(const WSABUF* buffers, u32 count, UdpPackage* package) noexcept;
   bool Append(const UdpPackage& package) noexcept;
   Packages::iterator Match(const WSABUF* buffers, u32 count, u32 valid_len) noexcept;
+  bool TakeOut(Packages::iterator found, sockaddr_in* out_addr) noexcept;
 
   common::Mutex lock_;  // guards all below; a leaf
   PackageBlockPool pool_;
   Packages packages_;  // oldest first; each in a block of the pool
   Packages spare_;     // elements to use again
+  u64 last_number_ = 0;
 };
 
 // Whether the datagram `data` is what stands in the first `valid_len` bytes of the buffers.

@@ -22,8 +22,10 @@ bool UdpProvider::OnCreateLocalServer() noexcept {
     LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer socket error=%d", error);
     return false;
   }
-  bool result = BindRandomPort(local_socket_, false, &local_port_, true);
+  u16 port = 0;
+  bool result = BindLoopbackPort(local_socket_, &port);
   if (result) {
+    local_port_.store(port, std::memory_order_relaxed);
     u_long on = 1;
     if (ioctlsocket(local_socket_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
       const int error = WSAGetLastError();
@@ -34,21 +36,21 @@ bool UdpProvider::OnCreateLocalServer() noexcept {
   // Kept: also for a socket that has failed, and so the line proves nothing.
   AdjustSocketBuff(local_socket_, kControlBufferSize, kControlBufferSize);
   socket_mgr_->AddSocket(local_socket_, &local_relay_socket_);
-  LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer success, port=%u", ntohs(local_port_));
+  LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer success, port=%u", ntohs(port));
   return result;
 }
 
 // Kept: answers that nobody has taken stay.
 void UdpProvider::OnCloseLocalServer() noexcept {
   LSP_LOG(0, "[UDP] UdpProvider::OnCloseLocalServer");
-  if (local_socket_ != 0) closesocket(local_socket_);
+  if (local_socket_ != 0) CloseRelaySocket(local_socket_);
   if (socket_mgr_ != nullptr) socket_mgr_->RemoveSocket(local_socket_);
   while (!sessions_.empty()) {
     live_queues_.Remove(sessions_.begin()->first);
     sessions_.erase(sessions_.begin());
   }
   local_socket_ = INVALID_SOCKET;
-  local_port_ = 0;
+  local_port_.store(0, std::memory_order_relaxed);
 }
 
 UdpSession* UdpProvider::CreateSession(const ProtoRelayOpen& request,
@@ -96,6 +98,15 @@ void UdpProvider::OnUpdate(u32 elapsed_ms) noexcept {
     session.OnUpdate(elapsed_ms);
     if (session.IsCloseWanted()) CloseSession(session.token());
   }
+  EndUntold();
+}
+
+void UdpProvider::EndUntold() noexcept {
+  untold_ends_.OnTurn([this](u32 token) {
+    const bool has_session = sessions_.count(token) != 0;
+    CloseSession(token);
+    return has_session;
+  });
 }
 
 }  // namespace moru_vyr::lsp

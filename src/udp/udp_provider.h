@@ -3,7 +3,7 @@
 //
 // The message's own source says where the game's socket receives. The answer does not come back
 // over the network: the worker leaves it here and signals the event that the message names, and
-// the requester takes it. The worker thread runs all but the two operations that say otherwise.
+// the requester takes it. The worker thread runs all but the operations that say otherwise.
 // Nothing throws.
 #pragma once
 #include <winsock2.h>
@@ -20,6 +20,7 @@
 #include "udp/live_queues.h"
 #include "udp/relay_messages.h"
 #include "udp/udp_session.h"
+#include "udp/untold_ends.h"
 
 namespace moru_vyr::lsp {
 
@@ -38,6 +39,11 @@ class UdpProvider final : public NetProvider {
     return live_queues_.Use(queue, token);
   }
 
+  // Any thread, without a lock. Ends the session of a socket that is gone without a close message:
+  // one whose message could not be sent, or that never got to use the session. Also a session that
+  // is still being asked for.
+  void NoteUntoldEnd(u32 token) noexcept { untold_ends_.Add(token); }
+
   // For the sessions.
   IRelaySocketMgr* SessionMgr() const noexcept { return socket_mgr_; }
   Route* SessionRoute() const noexcept { return route_; }
@@ -53,6 +59,7 @@ class UdpProvider final : public NetProvider {
   void OnUpdate(u32 elapsed_ms) noexcept override;
 
  private:
+  void EndUntold() noexcept;
   bool ReadPackage(SOCKET socket, UdpPackage* package) noexcept;
   void HandleLocalMessage(const UdpPackage& package) noexcept;
   void HandleOpenRequest(const ProtoRelayOpen& request, const sockaddr_in& game_addr) noexcept;
@@ -70,6 +77,7 @@ class UdpProvider final : public NetProvider {
   std::map<u32, ProtoRelayOpen> create_results_;  // by token
 
   LiveQueues live_queues_;
+  UntoldEnds untold_ends_;
   LocalRelaySocket local_relay_socket_;
 };
 

@@ -114,8 +114,8 @@ void UdpRemoteSession::ReleaseSock() noexcept {
   for (const SOCKET socket : {local_sock_, remote_sock_}) {
     GetTracker().RemoveFromWatchList(socket);
   }
-  if (local_sock_ != INVALID_SOCKET) closesocket(local_sock_);
-  if (switched_ && remote_sock_ != INVALID_SOCKET) closesocket(remote_sock_);
+  if (local_sock_ != INVALID_SOCKET) CloseRelaySocket(local_sock_);
+  if (switched_ && remote_sock_ != INVALID_SOCKET) CloseRelaySocket(remote_sock_);
   local_sock_ = INVALID_SOCKET;
   remote_sock_ = INVALID_SOCKET;
 }

@@ -1,7 +1,7 @@
 // The care for a link, and the session's part in a move to another node.
 #include "common/log.h"
 #include "quality/link_identity.h"
-#include "quality/lost_calc.h"
+#include "quality/link_trouble.h"
 #include "relay/relay_interfaces.h"
 #include "udp/udp_provider.h"
 #include "udp/udp_remote_session.h"
@@ -42,49 +42,46 @@ void UdpRemoteSession::CheckHighFreqTrigger(u32 elapsed_ms) noexcept {
 }
 
 // Whether the traffic looks bad enough for a burst of probes; that is all that follows from it.
-// The numbers in the log lines are words, not the thresholds. In this order.
+// The numbers in the log lines are words, not the thresholds.
 bool UdpRemoteSession::WantsHighFreqTest() noexcept {
-  u32 need = 0, small_real = 0, long_real = 0, route_short_real = 0, route_real = 0;
-  u32 small_lost = recovery_.GetDataLinkShortLost(&need, &small_real, false);
-  u32 long_lost = recovery_.GetDataLinkLongLost(&need, &long_real, false);
-  recovery_.GetRealRouteShortLost(&need, &route_short_real, false);
-  const u32 route_lost = recovery_.GetRealRouteLost(&need, &route_real, false);
+  u32 need = 0, route_real = 0;
+  LinkFigures figures;
+  figures.small_lost = recovery_.GetDataLinkShortLost(&need, &figures.small_real, false);
+  figures.long_lost = recovery_.GetDataLinkLongLost(&need, &figures.long_real, false);
+  recovery_.GetRealRouteShortLost(&need, &figures.route_short_real, false);
+  figures.route_lost = recovery_.GetRealRouteLost(&need, &route_real, false);
   recovery_.UpdateRecoveryInfo();
-
-  // Nothing expected is no loss unknown: that is what a dead link looks like.
-  const bool small_unknown = small_lost > 100 && small_lost != kLostNoRange;
-  if (small_unknown) small_lost = 0;
-  if (!small_unknown && small_real == 0 && route_short_real == 0) {
-    LSP_LOG(4,
-            "[RecoverySwitch]the received packages in 2 seconds is 0, indicating dead link, so "
-            "requesting high freq test, token=%u",
-            token_);
-    return true;
+  switch (FindTrouble(
+      figures, {data_link_short_cycle_pkg_, data_link_short_cycle_lost_, data_link_long_cycle_pkg_,
+                data_link_long_cycle_lost_, max_real_route_lost_})) {
+    case LinkTrouble::kNone:
+      return false;
+    case LinkTrouble::kDead:
+      LSP_LOG(4,
+              "[RecoverySwitch]the received packages in 2 seconds is 0, indicating dead link, so "
+              "requesting high freq test, token=%u",
+              token_);
+      break;
+    case LinkTrouble::kShortLoss:
+      LSP_LOG(4,
+              "[RecoverySwitch]the received packages in 2 seconds is above 20 and lost ratio is "
+              "above 20, indicating lagging link, so requesting high freq test, token=%u",
+              token_);
+      break;
+    case LinkTrouble::kLongLoss:
+      LSP_LOG(4,
+              "[RecoverySwitch]received packages in 5 seconds is above 30 and lost ratiois above "
+              "5, so requesting high freq test, token=%u",
+              token_);
+      break;
+    case LinkTrouble::kRouteLoss:
+      LSP_LOG(4,
+              "[RecoverySwitch]the received packages in 5 seconds is less than 30 and lost ratio "
+              "is above 40, so requesting high freq test, token=%u",
+              token_);
+      break;
   }
-  if (small_real >= data_link_short_cycle_pkg_ && small_lost >= data_link_short_cycle_lost_) {
-    LSP_LOG(4,
-            "[RecoverySwitch]the received packages in 2 seconds is above 20 and lost ratio is "
-            "above 20, indicating lagging link, so requesting high freq test, token=%u",
-            token_);
-    return true;
-  }
-  if (long_lost > 100) long_lost = 0;
-  if (long_real >= data_link_long_cycle_pkg_ && long_lost >= data_link_long_cycle_lost_) {
-    LSP_LOG(4,
-            "[RecoverySwitch]received packages in 5 seconds is above 30 and lost ratiois above 5, "
-            "so requesting high freq test, token=%u",
-            token_);
-    return true;
-  }
-  if (long_real < data_link_long_cycle_pkg_ && route_lost >= max_real_route_lost_ &&
-      route_lost < kLostTooFew) {
-    LSP_LOG(4,
-            "[RecoverySwitch]the received packages in 5 seconds is less than 30 and lost ratio is "
-            "above 40, so requesting high freq test, token=%u",
-            token_);
-    return true;
-  }
-  return false;
+  return true;
 }
 
 bool UdpRemoteSession::FireSwitch(const RecoverySwitchRecord* report) noexcept {

@@ -159,7 +159,7 @@ void UdpSwitchRemoteSession::ReleaseSock() noexcept {
   if (!session_->provider()->IsStopping()) SendEndToAccl();
   if (IRelaySocketMgr* const mgr = session_->provider()->SessionMgr()) mgr->RemoveSocket(sock_);
   GetTracker().RemoveFromWatchList(sock_);
-  closesocket(sock_);
+  CloseRelaySocket(sock_);
   sock_ = 0;
 }
 

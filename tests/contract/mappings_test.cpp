@@ -96,5 +96,23 @@ TEST(Mapping, OfNoSizeCannotBe) {
               ERROR_INVALID_PARAMETER);
 }
 
+// Pages straight from the system: zero, whatever lay there before.
+TEST(Pages, AreZeroAndGoBackAsAWhole) {
+  constexpr DWORD kSize = 300'000;
+  for (int round = 0; round < 3; ++round) {
+    auto* const bytes = static_cast<unsigned char*>(
+        VirtualAlloc(nullptr, kSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+    CHECK_NE(static_cast<void*>(bytes), nullptr);
+    int sum = 0;
+    for (DWORD i = 0; i < kSize; ++i) sum |= bytes[i];
+    CHECK_EQ(sum, 0);
+    std::memset(bytes, 0x5a, kSize);
+    CHECK_FAILS(VirtualFree(bytes, 1, MEM_RELEASE), FALSE, ERROR_INVALID_PARAMETER);
+    CHECK_TRUE(VirtualFree(bytes, 0, MEM_RELEASE));
+  }
+  CHECK_FAILS(VirtualAlloc(nullptr, 0, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE), nullptr,
+              ERROR_INVALID_PARAMETER);
+}
+
 }  // namespace
 }  // namespace contract

@@ -171,6 +171,21 @@ TEST(Tcp, AcceptedSocketInheritsNonBlockingMode) {
   }
 }
 
+TEST(Tcp, AcceptedSocketInheritsNoDelay) {
+  const int on = 1;
+  Owned listener = Listener();
+  EXPECT_EQ(
+      setsockopt(listener, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on),
+      0);
+  Owned client = Tcp();
+  EXPECT_EQ(Connect(client, LocalPort(listener)), 0);
+  Owned server(accept(listener, nullptr, nullptr));
+  CHECK_NE(static_cast<SOCKET>(server), INVALID_SOCKET);
+  int value = 0, size = sizeof value;
+  CHECK_EQ(getsockopt(server, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char*>(&value), &size), 0);
+  CHECK_TRUE(value != 0);
+}
+
 TEST(Tcp, NonBlockingCallsSayWouldBlock) {
   Owned listener = Listener();
   SetNonBlocking(listener);
@@ -289,6 +304,65 @@ TEST(Tcp, PeekLeavesTheDataThere) {
   CHECK_EQ(ioctlsocket(pair.server, static_cast<long>(FIONREAD), &readable), 0);
   CHECK_EQ(readable, 3u);
   CHECK_EQ(RecvText(pair.server), "abc");
+}
+
+int SendUrgent(SOCKET s, const std::string& text) {
+  return send(s, text.data(), static_cast<int>(text.size()), MSG_OOB);
+}
+
+// So many bytes, by as many calls as it takes.
+std::string RecvWhole(SOCKET s, size_t size) {
+  std::string text;
+  while (text.size() < size) {
+    const std::string more = RecvText(s, static_cast<int>(size - text.size()));
+    if (more.empty() || more[0] == '<') return text + more;
+    text += more;
+  }
+  return text;
+}
+
+TEST(Tcp, UrgentByteComesApartFromTheStream) {
+  Pair pair = ConnectedPair();
+  SetNonBlocking(pair.server);
+  CHECK_EQ(RecvText(pair.server, 1, MSG_OOB), "<error 10035>");
+  CHECK_EQ(SendText(pair.client, "ab"), 2);
+  CHECK_EQ(SendUrgent(pair.client, "cX"), 2);  // the last byte is the urgent one
+  CHECK_EQ(SendText(pair.client, "de"), 2);
+  CHECK_TRUE(SelectOne(pair.server, 5000, false, false, true).except);
+  CHECK_TRUE(SelectOne(pair.server, 0, false, false, true).except);  // until it is taken
+  CHECK_EQ(RecvText(pair.server, 8, MSG_OOB), "X");
+  CHECK_FALSE(SelectOne(pair.server, 50, false, false, true).except);
+  CHECK_EQ(RecvText(pair.server, 8, MSG_OOB), "<error 10035>");
+  SetNonBlocking(pair.server, false);
+  CHECK_EQ(RecvWhole(pair.server, 5), "abcde");
+}
+
+TEST(Tcp, UrgentByteAloneIsNothingToRead) {
+  Pair pair = ConnectedPair();
+  CHECK_EQ(SendUrgent(pair.client, "X"), 1);
+  CHECK_TRUE(SelectOne(pair.server, 5000, false, false, true).except);
+  CHECK_FALSE(SelectOne(pair.server, 50, true, false, false).read);
+  SetNonBlocking(pair.server);
+  CHECK_EQ(RecvText(pair.server, 1, MSG_OOB), "X");
+  CHECK_EQ(RecvText(pair.server), "<error 10035>");
+}
+
+TEST(Tcp, UrgentByteIsPartOfTheStreamWhereThatIsWanted) {
+  Owned listener = Listener();
+  const int on = 1;
+  CHECK_EQ(
+      setsockopt(listener, SOL_SOCKET, SO_OOBINLINE, reinterpret_cast<const char*>(&on), sizeof on),
+      0);
+  Owned client = Tcp();
+  EXPECT_EQ(Connect(client, LocalPort(listener)), 0);
+  Owned server(accept(listener, nullptr, nullptr));  // inherits it
+  CHECK_EQ(SendText(client, "ab"), 2);
+  CHECK_EQ(SendUrgent(client, "X"), 1);
+  CHECK_EQ(SendText(client, "de"), 2);
+  EXPECT_TRUE(WaitReadable(server));
+  CHECK_FALSE(SelectOne(server, 50, false, false, true).except);
+  CHECK_EQ(RecvText(server, 1, MSG_OOB), "<error 10022>");
+  CHECK_EQ(RecvWhole(server, 5), "abXde");
 }
 
 TEST(Tcp, ReceiveTimesOut) {

@@ -144,6 +144,16 @@ TEST(Module, MissingOneCannotBeLoaded) {
               ERROR_MOD_NOT_FOUND);
 }
 
+TEST(Module, IsFoundByAnAddressInIt) {
+  constexpr DWORD kFlags = GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN;
+  const auto here = reinterpret_cast<LPCWSTR>(reinterpret_cast<void*>(&UniqueName));
+  HMODULE first = nullptr, second = nullptr;
+  CHECK_TRUE(GetModuleHandleExW(kFlags, here, &first));
+  CHECK_NE(first, static_cast<HMODULE>(nullptr));
+  CHECK_TRUE(GetModuleHandleExW(kFlags, here, &second));
+  CHECK_EQ(first, second);
+}
+
 TEST(Clock, SleepTakesItsTime) {
   const DWORD before = GetTickCount();
   Sleep(60);

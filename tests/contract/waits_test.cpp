@@ -243,6 +243,28 @@ TEST(Thread, IsEndedFromOutsideWhereverItWaits) {
   }
 }
 
+TEST(Thread, IsFoundByItsIdWhileItRuns) {
+  Handle running(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+  DWORD id = 0;
+  Handle thread(CreateThread(nullptr, 0, SleepForGood, static_cast<HANDLE>(running), 0, &id));
+  CHECK_EQ(WaitForSingleObject(running, 10'000), WAIT_OBJECT_0);
+  Handle found(OpenThread(SYNCHRONIZE, FALSE, id));
+  CHECK_NE(static_cast<HANDLE>(found), static_cast<HANDLE>(nullptr));
+  CHECK_EQ(WaitForSingleObject(found, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+  CHECK_TRUE(TerminateThread(thread, 0));
+  CHECK_EQ(WaitForSingleObject(found, 10'000), WAIT_OBJECT_0);
+  // Whether it is still found is the platform's affair; a handle then says that it has ended.
+  Handle late(OpenThread(SYNCHRONIZE, FALSE, id));
+  if (late != nullptr) {
+    CHECK_EQ(WaitForSingleObject(late, 0), WAIT_OBJECT_0);
+  }
+}
+
+TEST(Thread, ThatNeverWasIsAnInvalidParameter) {
+  CHECK_FAILS(OpenThread(SYNCHRONIZE, FALSE, 0x7ffffff0), static_cast<HANDLE>(nullptr),
+              ERROR_INVALID_PARAMETER);
+}
+
 struct Held {
   HANDLE mutex, running;
 };

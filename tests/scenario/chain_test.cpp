@@ -476,25 +476,44 @@ SCENARIO(Match, ACatalogueIndexPastTheListIsNoRecord) {
   EXPECT_TRUE(search.game.Traced("InitLspChain: FindMatchingProvider failed!"));
 }
 
-SCENARIO(Match, TheCatalogueSearchGoesByHiddenEntryAndKindToo) {
+// A foreign layer that names our hidden entry says nothing of which entry is meant. By the kind of
+// socket it has been looked for before, and without one that agrees it stays nobody's.
+SCENARIO(Match, TheHiddenEntryAloneDoesNotEndTheCatalogueSearch) {
   GameProcess game;
-  auto own = OwnTcp(2002, {kOwn, 1001});
-  own.dwServiceFlags1 |= 0x400;
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, kOwn, 1001});
-  port::SetCatalogue(
-      {above, BaseTcp(), Hidden(), own, MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {})});
+  port::SetCatalogue({above, BaseTcp(), Hidden(), OwnTcp(2002, {kOwn, 1001}),
+                      MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {})});
   LspProvider* list = nullptr;
   int count = 0;
   ASSERT_TRUE(GetProviders(&list, &count));
   const GlobalPtr<LspProvider> owner(list);
   ASSERT_EQ(count, 1);
-  // Equal in kind to the record, and below a chain that names nothing of ours; the third pass
-  // would find it, so it is taken out of that pass's sight and put back by the catalogue's.
   auto info = MakeEntry(kForeignGuid, 3002, SOCK_STREAM, 6, {kForeign, 1001});
   info.dwServiceFlags1 |= 0x400;
-  EXPECT_EQ(FindMatchingProvider(&info, list, count), &list[0]);
-  EXPECT_TRUE(game.Traced(
-      "FindMatchingProvider: match address family, socket type, protocol and provider flags."));
+  EXPECT_EQ(FindMatchingProvider(&info, list, count), nullptr);
+  EXPECT_FALSE(game.TracedStart("FindMatchingProvider: ")) << game.AllTraces();
+}
+
+// So the search through the catalogue never comes to compare kinds: whoever agrees is found first.
+SCENARIO(Match, AKindThatAgreesIsFoundBeforeTheCatalogueIsSearched) {
+  GameProcess game;
+  auto own = OwnTcp(2002, {kOwn, 1001});
+  own.dwServiceFlags1 |= 0x400;
+  auto above = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, kOwn, 1001});
+  port::SetCatalogue({above, BaseTcp(), Hidden(), OwnTcp(2001, {kOwn, 1001}), own,
+                      MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {})});
+  LspProvider* list = nullptr;
+  int count = 0;
+  ASSERT_TRUE(GetProviders(&list, &count));
+  const GlobalPtr<LspProvider> owner(list);
+  ASSERT_EQ(count, 2);
+  auto info = MakeEntry(kForeignGuid, 3002, SOCK_STREAM, 6, {kForeign, 1001});
+  info.dwServiceFlags1 |= 0x400;
+  EXPECT_EQ(FindMatchingProvider(&info, list, count), &list[1])
+      << "the catalogue's index would have been the first";
+  EXPECT_EQ(
+      game.traces().back(),
+      "FindMatchingProvider: match address family, socket type, protocol and provider flags.");
 }
 
 SCENARIO(Match, AnUnreadableCatalogueEndsTheSearch) {

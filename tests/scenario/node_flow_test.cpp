@@ -280,12 +280,12 @@ SCENARIO_F_SEEDS(NodeFlow, TellsTheClientTheLossOfItsUpload, 5) {
       }
       return flow.ReceivesAll(100);
     };
-    healthy = plays(4);
+    healthy = plays(6);
     world.SetLinkOneWay(client_host, node_host, lossy);
-    bad = plays(4);
+    bad = plays(6);
   }));
-  ASSERT_GT(healthy.size(), 300u);
-  ASSERT_GT(bad.size(), 200u);
+  ASSERT_GT(healthy.size(), 500u);
+  ASSERT_GT(bad.size(), 400u);
   EXPECT_EQ(healthy.front().lost, 101u);
   EXPECT_EQ(healthy.back().lost, 0u);
   EXPECT_NEAR(bad.back().lost, 20, 10);

@@ -2,13 +2,17 @@
 // whoever lives on loses nothing of its own, and no slot holds a mixture.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "common/log.h"
 #include "common/named_mutex.h"
+#include "common/process_info.h"
+#include "common/text.h"
 #include "port/sim/scenario.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/tracker_bench.h"
@@ -20,13 +24,51 @@ using common::u32;
 using common::u64;
 using test::SomeDecision;
 
+constexpr u64 kGameId = 7;
+constexpr u32 kLastWord = 0xfedcba98;
+
+std::string LongText(std::size_t size) { return std::string(size, 't'); }
+
 const ReportChannel* const kChannels[] = {
     &kDecisionChannel,        &kCommunicationChannel,  &kNegotiationResultChannel,
     &kRealNegotiationChannel, &kRecoverySwitchChannel, &kLogPathChannel,
     &kLoadedChannel};
 
+// Whether everything that the game put in is there, from the first field to the last.
+bool IsWhole(const AccDecisionInfo& r) {
+  AccDecisionInfo made = SomeDecision(r.guid);
+  made.glt_word = kLastWord;
+  return std::memcmp(&r, &made, sizeof r) == 0;
+}
+bool IsWhole(const CommInfoRecord& r) {
+  return r.game_id == kGameId && r.game_idc == 11 && *r.guid_str != '\0' && r.section2_delay == 40;
+}
+bool IsWhole(const NegRetRecord& r) {
+  return r.neg_type == 1 && r.game_id == kGameId && r.elapsed_ms == 5000 && *r.guid != '\0';
+}
+bool IsWhole(const RealNegoRecord& r) {
+  return r.game_id == kGameId && r.proxy_port == 7001 && r.game_port == 27015 && r.stamp != 0;
+}
+bool IsWhole(const RecoverySwitchRecord& r) {
+  return r.game_id == kGameId && std::string(r.fe_be) == LongText(119);
+}
+bool IsWhole(const LogPathRecord& r) {
+  return r.game_id == kGameId && std::string(r.log_path) == LongText(259);
+}
+bool IsWhole(const LspLoadedRecord& r) {
+  return r.game_id == kGameId && std::string(r.process_name) == LongText(259);
+}
+
 class ReportShared : public sim::ScenarioTest {
  protected:
+  ReportShared() {
+    AccConfigRecord config;
+    config.game_id = kGameId;
+    ReplaceAccConfig(config);
+    common::SetFieldText(common::GetProcessInfo().log_file_path, LongText(259));
+    common::SetFieldText(common::GetProcessInfo().process_name, LongText(259));
+  }
+
   using Told = std::map<std::string, std::vector<std::string>>;  // by game and channel
 
   // A game whose connections come and go: each is a refusal, a success, a move and an end, or a
@@ -88,20 +130,24 @@ class ReportShared : public sim::ScenarioTest {
   int playing_ = 0;
   int ended_ = 0;
   u32 starts_ = 0;
+  u32 torn_ = 0;
 
  private:
   static constexpr u32 kConnections = 20;
 
   static void Connect(Tracker& tracker, const std::string& guid, SOCKET socket) {
     const bool is_acce = (socket - 100) % 2 == 0;
-    const AccDecisionInfo decision = SomeDecision(guid);
+    AccDecisionInfo decision = SomeDecision(guid);
+    decision.glt_word = kLastWord;
     tracker.AddToWatchList(socket, kTrackUdp, 1);
     tracker.SetAcceInfo(socket, is_acce, decision);
     if (is_acce) {
       tracker.RecordNegFailed(socket, 1, 202, decision, 5000, 1);
       tracker.RecordNegSuccess(socket, 1, 1, 1, 1, decision);
       RecoverySwitchRecord move;
+      move.game_id = kGameId;
       common::SetFieldText(move.guid, guid);
+      common::SetFieldText(move.fe_be, LongText(119));
       tracker.SubmitRecoverySwitch(move);
     }
     tracker.RemoveFromWatchList(socket);
@@ -113,6 +159,7 @@ class ReportShared : public sim::ScenarioTest {
     const common::NamedMutexGuard hold(&mutex, false);
     for (auto& slot : region->slots) {
       if (slot.used == 0) continue;
+      if (!IsWhole(slot)) ++torn_;
       const std::string guid = guid_of(slot);
       if (!guid.empty())
         told_[guid.substr(0, guid.find('-')) + channel.mapping_name].push_back(guid);
@@ -170,6 +217,25 @@ SCENARIO_F_SEEDS(ReportShared, GamesThatDieWithEachMutexLeaveTheOthersAlone, 6) 
     if (what.rfind("dusk", 0) != 0) continue;
     for (const std::string& guid : guids) EXPECT_TRUE(known.contains(guid)) << guid;
   }
+}
+
+// Between any two writes of a copy, of one of its own reports or of any game's after it.
+SCENARIO_F_SEEDS(ReportShared, GamesThatDieInTheMiddleOfACopyLeaveTheSlotFreeOrWhole, 8) {
+  common::SetLogThreshold(6);
+  Watches();
+  PlaysAs("dawn");
+  for (const ReportChannel* channel : kChannels) {
+    sim::Process& victim = PlaysAs("dusk");
+    --playing_;
+    // The shortest report is written in two: its body and the mark.
+    world.KillAtWrite(victim, channel->mapping_name,
+                      1 + static_cast<unsigned>(world.random().Below(2)));
+    ASSERT_TRUE(RunUntil([&] { return !victim.alive; }, 10s)) << channel->mapping_name;
+  }
+  ASSERT_TRUE(RunsToTheEnd());
+  TakeAll();
+  EXPECT_EQ(torn_, 0u);
+  ExpectToldAll("dawn");
 }
 
 }  // namespace

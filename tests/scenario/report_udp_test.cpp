@@ -178,6 +178,23 @@ SCENARIO_F(ReportUdp, RefusalIsReportedAndThenTheNodeThatServes) {
   ExpectNodesFigures(last, b.Last("flow_closed"));
 }
 
+// The record of the socket names the node that is being asked, before that has answered.
+SCENARIO_F(ReportUdp, AChangeOfNodeIsNotedAsItIsMade) {
+  a.AnswersWith(9);
+  b.StopsAnswering();
+  Starts(0);
+  EXPECT_EQ(Sends(Udp(), "hello"), 0);
+  RunFor(1s);
+  const std::string log = log_text(),
+                    noted = "[Tracker] Socket Base Acce Information saved socket=";
+  const size_t change = log.find("[UDP] UdpRemoteSession::ChangeAcclServer, proxy_idc=2,token=");
+  ASSERT_NE(change, std::string::npos) << log;
+  const size_t second = log.rfind(noted, change);
+  EXPECT_NE(log.find(noted), second) << "the decision's own is the first";
+  EXPECT_NE(log.find("is_acce=1", second), std::string::npos);
+  EXPECT_EQ(log.find(noted, change), std::string::npos);
+}
+
 SCENARIO_F(ReportUdp, TwoSilentNodesAreTwoFailuresAndNothingElse) {
   a.StopsAnswering();
   b.StopsAnswering();

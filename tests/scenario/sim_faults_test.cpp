@@ -129,6 +129,69 @@ SCENARIO_F(SimFaults, AProcessThatKillsItselfEndsThere) {
   EXPECT_FALSE(went_on);
 }
 
+SCENARIO_F(SimFaults, AThreadIsTerminatedWhereItStands) {
+  const HANDLE mutex = CreateMutexA(nullptr, FALSE, "held");
+  bool went_on = false;
+  const DWORD id = world.Spawn(world.home(), "victim", [&] {
+    WaitForSingleObject(mutex, INFINITE);
+    Sleep(10);
+    went_on = true;
+  });
+  RunFor(5ms);
+  world.Terminate(id);
+  EXPECT_FALSE(world.IsRunning(id));
+  EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_ABANDONED);
+  RunFor(1s);
+  EXPECT_FALSE(went_on);
+  world.Terminate(id);  // is nobody's any more
+}
+
+// Whether the thread runs already or not.
+SCENARIO_F(SimFaults, AnActionComesAtTheNthCallOfAThread) {
+  for (const bool early : {false, true}) {
+    int events = 0, seen = -1;
+    const auto act = [&] { seen = events; };
+    if (early) world.AtCall("home/caller", 3, act);
+    HANDLE begin = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    world.Spawn(world.home(), "caller", [&] {
+      if (!early) WaitForSingleObject(begin, INFINITE);
+      for (int i = 0; i < 5; ++i, ++events)
+        CloseHandle(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+    });
+    RunFor(1ms);
+    if (!early) {
+      world.AtCall("home/caller", 3, act);
+      SetEvent(begin);
+      RunFor(1ms);
+    }
+    EXPECT_EQ(events, 5);
+    EXPECT_EQ(seen, 1) << "two calls a round";
+  }
+}
+
+SCENARIO_F(SimFaults, AThreadAndAProcessEndAtTheNthCall) {
+  bool thread_went_on = false, process_went_on = false;
+  sim::Process& process = world.AddProcess(server, "process");
+  world.AtCall("home/victim", 1, [&] { world.Terminate(world.ThreadNamed("home/victim")); });
+  world.AtCall("process/main", 2, [&] { world.Kill(process); });
+  world.Spawn(world.home(), "victim", [&] {
+    GetLastError();
+    CloseHandle(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+    thread_went_on = true;
+  });
+  world.Spawn(process, "other", [] { Sleep(INFINITE); });
+  world.Spawn(process, "main", [&] {
+    Sleep(1);
+    Sleep(1);
+    process_went_on = true;
+  });
+  RunFor(1s);
+  EXPECT_FALSE(thread_went_on);
+  EXPECT_FALSE(process_went_on);
+  EXPECT_FALSE(process.alive);
+  EXPECT_EQ(world.ThreadNamed("process/other"), 0u);
+}
+
 SCENARIO_F(SimFaults, ClosedSocketHandlesComeBackOnlyWhenAsked) {
   const SOCKET first = Tcp();
   closesocket(first);

@@ -463,4 +463,125 @@ SCENARIO_F(SimTcp, ASocketOfAnotherProcessIsNoSocket) {
   EXPECT_EQ(closesocket(mine), 0);
 }
 
+// --- small pieces -------------------------------------------------------------------------------
+
+// The client says two small things a millisecond apart; the server hears them, or answers each.
+sim::Options SavingSegments() {
+  sim::Options options;
+  options.tcp_saves_segments = true;
+  return options;
+}
+
+class SimNagle : public TwoHosts {
+ protected:
+  void Talk(bool no_delay, bool answers) {
+    ASSERT_TRUE(Run(
+        [&] {
+          const SOCKET s = AcceptFrom(ListenAt(80));
+          for (int i = 0; i < 2; ++i) {
+            Received(s, 1);
+            heard.push_back(world.now() - said);
+            if (answers) SendText(s, "!");
+          }
+          closesocket(s);
+        },
+        [&] {
+          Sleep(1);
+          const SOCKET s = Tcp();
+          ASSERT_EQ(ConnectTo(s, kServer, 80), 0);
+          const int on = no_delay;
+          ASSERT_EQ(setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on),
+                               sizeof on),
+                    0);
+          said = world.now();
+          SendText(s, "a");
+          Sleep(1);
+          SendText(s, "b");
+          ReceivedAll(s);
+          closesocket(s);
+        }));
+  }
+  sim::Duration said{};
+  std::vector<sim::Duration> heard;
+};
+
+SCENARIO_WITH_(SimNagle, ASecondPieceWaitsUntilTheFirstIsConfirmedWhichTakesItsTime, SimNagle, 1,
+               SavingSegments()) {
+  Talk(false, false);
+  EXPECT_EQ(heard, (std::vector<sim::Duration>{10ms, 230ms}));
+}
+
+SCENARIO_WITH_(SimNagle, AnAnswerConfirmsAtOnce, SimNagle, 1, SavingSegments()) {
+  Talk(false, true);
+  EXPECT_EQ(heard, (std::vector<sim::Duration>{10ms, 30ms}));
+}
+
+SCENARIO_WITH_(SimNagle, NothingWaitsWithTheOption, SimNagle, 1, SavingSegments()) {
+  Talk(true, false);
+  EXPECT_EQ(heard, (std::vector<sim::Duration>{10ms, 11ms}));
+}
+
+// Of segments that nobody has read yet, two are confirmed at once, and one after a while.
+SCENARIO_WITH_(SimNagle, SegmentsAreConfirmedByTwos, SimNagle, 1, SavingSegments()) {
+  for (const size_t segments : {1u, 2u, 3u, 4u}) {
+    SCOPED_TRACE(segments);
+    const int port = static_cast<int>(80 + segments);
+    sim::Duration heard_all{};
+    ASSERT_TRUE(Run(
+        [&] {
+          const SOCKET s = AcceptFrom(ListenAt(port));
+          u_long waiting = 0;
+          while (waiting <= segments * 1460) {
+            Sleep(1);
+            ioctlsocket(s, static_cast<long>(FIONREAD), &waiting);
+          }
+          heard_all = world.now() - said;
+        },
+        [&] {
+          Sleep(1);
+          const SOCKET s = Tcp();
+          ASSERT_EQ(ConnectTo(s, kServer, port), 0);
+          said = world.now();
+          SendText(s, std::string(segments * 1460, 'x'));
+          SendText(s, "y");  // waits until all of it is confirmed
+          Sleep(1000);
+        }));
+    EXPECT_GE(heard_all, segments % 2 == 0 ? 30ms : 230ms);
+    EXPECT_LE(heard_all, segments % 2 == 0 ? 32ms : 232ms);
+  }
+}
+
+// --- the option is the listener's, too ----------------------------------------------------------
+
+SCENARIO_WITH_(SimNagle, AListenerGivesTheOptionToWhatItAccepts, SimNagle, 1, SavingSegments()) {
+  for (const bool no_delay : {false, true}) {
+    std::vector<sim::Duration> times;
+    ASSERT_TRUE(Run(
+        [&] {
+          const SOCKET listener = ListenAt(no_delay ? 81 : 80);
+          const int on = no_delay;
+          setsockopt(listener, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on),
+                     sizeof on);
+          const SOCKET s = AcceptFrom(listener);
+          Sleep(100);
+          said = world.now();
+          SendText(s, "a");
+          Sleep(1);
+          SendText(s, "b");
+          ReceivedAll(s);
+        },
+        [&] {
+          Sleep(1);
+          const SOCKET s = Tcp();
+          ASSERT_EQ(ConnectTo(s, kServer, no_delay ? 81 : 80), 0);
+          for (int i = 0; i < 2; ++i) {
+            Received(s, 1);
+            times.push_back(world.now() - said);
+          }
+          closesocket(s);
+        }));
+    EXPECT_EQ(times, (std::vector<sim::Duration>{10ms, no_delay ? 11ms : 230ms}));
+  }
+}
+
 }  // namespace

@@ -102,6 +102,34 @@ SCENARIO(CreateTcpSocketAndBind, MakesANonBlockingSocketThatCanListen) {
   EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
 }
 
+int NoDelayOf(SOCKET s) {
+  int value = -1;
+  int size = sizeof value;
+  getsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char*>(&value), &size);
+  return value;
+}
+
+// A server that speaks in pieces must not wait for a game that is slow to confirm the first of
+// them.
+SCENARIO(CreateTcpSocketAndBind, WhatItAcceptsHoldsNoSmallPieceBack) {
+  SOCKET s = INVALID_SOCKET;
+  u16 port = 0;
+  ASSERT_TRUE(CreateTcpSocketAndBind(&s, &port));
+  ASSERT_EQ(listen(s, 5), 0);
+  ASSERT_EQ(sim_test::ConnectTo(sim_test::Tcp(), "127.0.0.1", ntohs(port)), 0);
+  ASSERT_TRUE(sim_test::ReadableWithin(s, 1000));
+  const SOCKET accepted = accept(s, nullptr, nullptr);
+  ASSERT_NE(accepted, INVALID_SOCKET);
+  EXPECT_EQ(NoDelayOf(accepted), 1);
+}
+
+SCENARIO(CreateTcpSocketAndBind, WorksOverAProviderThatKnowsNoSuchOption) {
+  port::FailCall("setsockopt", 1, WSAENOPROTOOPT);
+  SOCKET s = INVALID_SOCKET;
+  EXPECT_TRUE(CreateTcpSocketAndBind(&s, nullptr));
+  EXPECT_EQ(NoDelayOf(s), 0);
+}
+
 SCENARIO(CreateTcpSocketAndBind, TakesNullForBoth) {
   EXPECT_TRUE(CreateTcpSocketAndBind(nullptr, nullptr));
 }
@@ -118,7 +146,7 @@ SCENARIO(CreateTcpSocketAndBind, SaysWhyThereIsNoSocket) {
 }
 
 SCENARIO(CreateTcpSocketAndBind, LeavesTheSocketOpenWhenTheBindFails) {
-  port::FailCall("bind", 1, WSAEACCES);
+  port::FailCall("bind", 1, WSAENOBUFS);
   SOCKET s = 7;
   EXPECT_FALSE(CreateTcpSocketAndBind(&s, nullptr));
   EXPECT_EQ(s, 7u);
@@ -151,13 +179,6 @@ SCENARIO(CreateNonBlockTcpSocket, MakesANonBlockingSocketThatIsNotBound) {
   EXPECT_EQ(sim_test::ConnectTo(s, "192.0.2.1", 9), WSAEWOULDBLOCK);
   EXPECT_EQ(log.Text(), "");
   EXPECT_TRUE(CreateNonBlockTcpSocket(nullptr));
-}
-
-int NoDelayOf(SOCKET s) {
-  int value = -1;
-  int size = sizeof value;
-  getsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char*>(&value), &size);
-  return value;
 }
 
 // A game that writes in pieces must not wait for a peer that is slow to confirm the first of them.

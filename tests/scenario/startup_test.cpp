@@ -285,6 +285,10 @@ SCENARIO(StartupFault, GateMutexCannotBeMade) {
   ExpectOutcome({{"CreateMutexA", 3, 8}}, kLeftAlone,
                 "CheckCanHook, someone has hooked and not hook");
 }
+// Its threads could outlive it.
+SCENARIO(StartupFault, ModuleCannotBeKept) {
+  ExpectOutcome({{"GetModuleHandleExW", 1, 126}}, kLeftAlone, kFirst);
+}
 SCENARIO(StartupFault, NoMutexesAtAll) { ExpectOutcome({{"CreateMutexA", 0, 8}}, kLeftAlone); }
 SCENARIO(StartupFault, WaitsFail) {
   ExpectOutcome({{"WaitForSingleObject", 0, 6}}, kHooked, kFirst);

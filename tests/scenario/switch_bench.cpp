@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "common/unix_time.h"
+#include "protocol/speed_test_payload.h"
 #include "protocol/udp_accl_header.h"
 #include "tests/unit/link_judge.h"
 #include "tracker/tracker.h"
@@ -105,7 +107,8 @@ std::string ScriptedNode::AnswerBytes(const Answer& with) const {
   response.body.client_isp = with.isp;
   response.body.client_ip = 0x7F000001;
   response.body.accl_data_ip = 0x7F000001;
-  response.body.accl_data_port = static_cast<u16>(port_ + kDataPorts);
+  response.body.accl_data_port =
+      static_cast<u16>(with.data_port != 0 ? with.data_port : port_ + kDataPorts);
   response.body.last_node.node_id = with.last_node;
   response.body.last_node.ip = 0x7F000001;
   response.body.last_node.port = static_cast<u16>(port_);
@@ -162,6 +165,17 @@ std::string ScriptedNode::DataBytes(const std::string& text, u32 seq, u8 lost) c
   header.accl_token = accl_token;
   header.lost = lost;
   return Bytes(header) + text;
+}
+
+std::string ScriptedNode::LateProbeAnswer(u32 seq, u32 delay_ms) const {
+  SpeedTestPackage package;
+  package.header.flags = kUdpAcclSpeedTest;
+  package.header.seq = seq;
+  package.header.accl_token = accl_token;
+  package.header.Pack(nullptr, 0, 0);
+  package.payload.seq = seq;
+  package.payload.send_time = common::UnixTimeMs() - delay_ms;
+  return {reinterpret_cast<const char*>(&package), sizeof package};
 }
 
 void ScriptedNode::SendsData(const std::string& text, u32 seq, u8 lost) {

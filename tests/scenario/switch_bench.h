@@ -77,6 +77,7 @@ class ScriptedNode {
     u32 version = 3;
     u32 isp = 1;
     u16 last_node = kLastNode;
+    int data_port = 0;  // 0: the node's own
   };
   // Whether there was a request; it stands in `request` then.
   bool IsAsked();
@@ -96,6 +97,8 @@ class ScriptedNode {
   void SendsDataFromTheWrongPort(const std::string& text);
   // What comes to the data port is from there; before the first datagram, from the asker.
   std::string DataBytes(const std::string& text, u32 seq, u8 lost) const;
+  // The answer of a lone relay to a probe that left that long ago.
+  std::string LateProbeAnswer(u32 seq, u32 delay_ms) const;
 
   NegoRequest request;
   const u32 accl_token;

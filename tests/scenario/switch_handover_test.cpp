@@ -5,6 +5,7 @@
 //
 #include "port/shared/faults.h"
 #include "tests/unit/wire_bytes.h"
+#include "tracker/tracker.h"
 
 namespace {
 
@@ -71,6 +72,66 @@ SCENARIO_F(SwitchHandOver, ASecondSwitchLeavesTheSocketInBetweenOpen) {
   EXPECT_EQ(Readiness(in_between), "w");
   EXPECT_EQ(Readiness(last), "error 10038");
   EXPECT_EQ(Readiness(local_sock), "error 10038");
+}
+
+// The game sends to one port and hears from it, however often the node changes behind it.
+SCENARIO_F(SwitchHandOver, TheGamesPortStaysThroughAnyNumber) {
+  IsCarried();
+  sockaddr_in relay = {};
+  ASSERT_TRUE(session->GetRelayAddr(&relay));
+  for (int moves = 1; moves <= 5; ++moves) {
+    ScriptedNode& next = moves % 2 != 0 ? b : a;
+    ASSERT_TRUE(Fires());
+    Turn();
+    ASSERT_TRUE(next.IsAsked()) << moves;
+    next.Answers();
+    Turn();
+    HealthyTurns(10);
+    next.SendsData("proof");
+    Turns(2);
+    ASSERT_EQ(static_cast<size_t>(moves), (Results().size() + 1) / 2) << Results();
+    sockaddr_in now = {}, from = {};
+    ASSERT_TRUE(session->GetRelayAddr(&now));
+    EXPECT_EQ(now.sin_port, relay.sin_port) << moves;
+    ASSERT_TRUE(ReadableWithin(game, 0));
+    char bytes[16];
+    int size = sizeof from;
+    EXPECT_EQ(recvfrom(game, bytes, sizeof bytes, 0, Raw(from), &size), 5);
+    EXPECT_EQ(from.sin_port, relay.sin_port) << moves;
+    next.Takes();
+    GameSends("on");
+    Turn();
+    EXPECT_EQ(next.TakenData(), "on") << moves;
+  }
+}
+
+// What a socket's own calls come to is the socket's, whichever of the two is the link's.
+SCENARIO_F(SwitchHandOver, AnErrorOfReceivingIsBookedOnTheSocketThatHadIt) {
+  test::ReportClient client;
+  GetTracker().Init();
+  IsCarried();
+  IsTakenOver();
+  SOCKET new_sock = INVALID_SOCKET;
+  for (const auto& [socket, delegate] : loop.delegates) {
+    if (delegate == flow && socket != local_sock) new_sock = socket;
+  }
+  ASSERT_NE(new_sock, INVALID_SOCKET);
+  for (const SOCKET socket : {local_sock, new_sock, new_sock}) {
+    port::FailCall("recvfrom", 1, WSAECONNRESET);
+    loop.delegates[socket]->OnReadable(socket);
+  }
+  port::ClearFaults();
+  session.reset();
+  GetTracker().UnInit();
+  const CommInfoRecord* last = nullptr;
+  for (const CommInfoRecord& record : client.traffic->slots) {
+    if (record.used != 0 && record.ended == 1) {
+      EXPECT_EQ(last, nullptr) << "a socket that came in by a move leaves no report";
+      last = &record;
+    }
+  }
+  ASSERT_NE(last, nullptr);
+  EXPECT_EQ(test::Value(last->total_recv_errors), 1u);
 }
 
 // --- datagrams that wait for room --------------------------------------------------------------

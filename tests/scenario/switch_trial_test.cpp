@@ -190,6 +190,23 @@ SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
   EXPECT_EQ(test::Value(report.count), 3);
 }
 
+// The flow's own negotiation, too, may be over before the clock has moved.
+SCENARIO_F(SwitchTrial, AFlowThatIsRefusedAtOnceIsReportedWithAMillisecond) {
+  test::ReportClient client;
+  GetTracker().Init();
+  Begins();
+  const auto asked = world.now();
+  ScriptedNode::Answer refusal;
+  refusal.result = 9;
+  a.Answers(refusal);
+  loop.Pass();
+  ASSERT_EQ(world.now(), asked);
+  EXPECT_TRUE(Logged("UdpRemoteSession::OnNegotiationFailed, reason=9, token=77"));
+  GetTracker().UnInit();
+  ASSERT_EQ(test::UsedSlots(client.failures), 1);
+  EXPECT_EQ(test::Value(client.failures->slots[0].elapsed_ms), 1u);
+}
+
 SCENARIO_F(SwitchTrial, AnAnswerThatIsNoneEndsIt) {
   IsCarried();
   ASSERT_TRUE(Fires());
@@ -255,17 +272,31 @@ SCENARIO_F(SwitchTrial, HearsItsNodeAlone) {
   ASSERT_TRUE(Fires());
   ASSERT_TRUE(b.IsAsked());
   b.AnswersFromTheWrongPort();
-  // Nor the game's socket, whatever it says.
-  sockaddr_in trial;
-  int size = sizeof trial;
-  ASSERT_EQ(getsockname(TrialSocket(), Raw(trial), &size), 0);
-  SendTextTo(game, "from the game", "127.0.0.1", ntohs(trial.sin_port));
   Turn();
   EXPECT_EQ(Results(), "");
   EXPECT_FALSE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
   b.Answers();
   Turn();
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+}
+
+// Nor the game's socket, even where that is what the node names for its data.
+SCENARIO_F(SwitchTrial, IsDeafToTheGame) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  ASSERT_TRUE(b.IsAsked());
+  ScriptedNode::Answer the_games;
+  the_games.data_port = 5555;
+  b.Answers(the_games);
+  Turn();
+  ASSERT_TRUE(Logged("OnNegotiationSuccess, accl_data_addr=127.0.0.1:5555,")) << log->Text();
+  sockaddr_in trial;
+  int size = sizeof trial;
+  ASSERT_EQ(getsockname(TrialSocket(), Raw(trial), &size), 0);
+  SendTextTo(game, b.DataBytes("from the game", 1, 101), "127.0.0.1", ntohs(trial.sin_port));
+  Turn();
+  EXPECT_EQ(Results(), "") << "data of the node would have completed it";
+  EXPECT_NE(Trial(), nullptr);
 }
 
 // --- verification -----------------------------------------------------------------------------

@@ -331,6 +331,23 @@ SCENARIO_F(SwitchTrigger, AFailedTrialCountsAndTheNextComesThirtySecondsLater) {
   EXPECT_TRUE(Logged("[RecoverySwitch]switching count reaches top limit 2, proxy_idc=1 ,"));
 }
 
+// A trial that finds no node to try has been a switch all the same.
+SCENARIO_F(SwitchTrigger, ATrialWithoutAnotherNodeCountsAsASwitch) {
+  config.max_link_switch_count = 1;
+  ScriptedNode::Answer leads_nowhere;
+  leads_nowhere.last_node = kLastNode + 1;
+  IsCarried(leads_nowhere);
+  Plays(10'000);
+  Traffic dead;
+  dead.data_lost = dead.probe_lost = Always;
+  for (int i = 0; i < 200 && Results().empty(); ++i) Plays(50, dead);
+  ASSERT_EQ(Results(), "1");
+  Plays(60'000, dead);
+  EXPECT_EQ(Count("[RecoverySwitch]switching is firing: count=0, proxy_idc=1"), 1);
+  EXPECT_TRUE(Logged("[RecoverySwitch]switching count reaches top limit 1, proxy_idc=1 ,"));
+  EXPECT_EQ(Results(), "1");
+}
+
 // Data that is lost where probes are not would have bursts without end.
 SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
   config.max_high_freq_test_count = 3;

@@ -70,12 +70,15 @@ void Echo(SOCKET s, Call* call) {
   }
 }
 
-TcpBench::TcpBench(const std::wstring& path) {
+TcpBench::TcpBench(const std::wstring& path, const Configure& configure) {
   if (!path.empty()) game.Is(path);
   StartServer();
   WriteTables();
   game.ListAsGame(0);
-  game.Configures([](AccConfigRecord* config) { config->acc_mode = 1; });
+  game.Configures([&](AccConfigRecord* config) {
+    config->acc_mode = 1;
+    if (configure) configure(config);
+  });
   game.IsStartedBySockets();
   RunFor(10ms);
   // The first socket starts the provider and its log, and then that log is the test's.

@@ -32,6 +32,8 @@ inline constexpr char kUnlisted[] = "198.51.100.13";  // not in the tables
 inline constexpr char kAlone[] = "198.51.100.14";     // through A, or else none
 inline constexpr int kPort = 27015;
 inline constexpr int kNobodysPort = 27016;
+inline constexpr unsigned kQuietSelects =
+    160;  // in a second: 50 each of the relay and two nodes, and some
 
 // A connection as the game server sees it.
 struct Call {
@@ -51,8 +53,10 @@ void Echo(SOCKET s, Call* call);
 
 class TcpBench : public sim::ScenarioTest {
  protected:
-  // The game's own path, where it matters.
-  explicit TcpBench(const std::wstring& path = L"");
+  using Configure = std::function<void(moru_vyr::lsp::AccConfigRecord*)>;
+
+  // The game's own path, where it matters, and what else the client lists it with.
+  explicit TcpBench(const std::wstring& path = L"", const Configure& configure = nullptr);
 
   // --- the game ---
   // Connected, or INVALID_SOCKET.

@@ -48,6 +48,11 @@ class TcpFailure : public TcpBench {
     EXPECT_TRUE(NobodyIsLeftWithin(1s)) << log_text();
     ExpectServesAgain();
   }
+  static node::Behaviour Closes() {
+    node::Behaviour closes;
+    closes.on_request = node::Behaviour::kCloseThen;
+    return closes;
+  }
   // The two nodes take five seconds each to fail.
   void BothNodesAreSilent() {
     a.StopsAnswering();
@@ -97,17 +102,28 @@ SCENARIO_F(TcpFailure, ARequestThatLeftInPartIsNotNoticed) {
   ExpectServesAgain();
 }
 
-// Kept: a node that closes is told from one that has said nothing so far by the last error, and
-// where success leaves that as it was, it is the one of the connect. Then there is no other way.
-SCENARIO_F(TcpFailure, ANodeThatClosesIsNotRecognisedWhereSuccessKeepsTheLastError) {
-  node::Behaviour closes;
-  closes.on_request = node::Behaviour::kCloseThen;
-  a.Behaves(closes);
+// What an earlier call has left as the last error is no word of the node's.
+SCENARIO_F(TcpFailure, ANodeThatClosesIsRecognisedWhereSuccessKeepsTheLastError) {
+  a.Behaves(Closes());
   RunFor(100ms);
   port::SuccessKeepsLastError(true);
   const SOCKET s = Joins();
-  ExpectEndWithoutAByte(s);
+  EXPECT_EQ(Talks(s, "hello"), "hello");
   port::SuccessKeepsLastError(false);
+  EXPECT_EQ(LastCall().from, "B");
+  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=205, "));
+  closesocket(s);
+  ExpectServesAgain();
+}
+
+// Kept: where the call that sees the end says itself that it would block, there is no other way.
+SCENARIO_F(TcpFailure, ANodeThatClosesIsNotRecognisedWhereItsEndSaysThatItWouldBlock) {
+  a.Behaves(Closes());
+  RunFor(100ms);
+  port::SuccessLeavesLastError(WSAEWOULDBLOCK);
+  const SOCKET s = Joins();
+  ExpectEndWithoutAByte(s);
+  port::SuccessLeavesLastError(0);
   EXPECT_TRUE(Logged("[TCP]Failed to received Negotiation header\n"));
   EXPECT_FALSE(Logged("OnNegotiationFailed"));
   EXPECT_EQ(b.Count("accepted"), 0u);
@@ -302,6 +318,71 @@ SCENARIO_WITH_(TcpFailure, TimeGoesOnWhileSelectFails, TcpFailure, 1, QuickSpin(
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "B");
   closesocket(s);
+}
+
+// A connection that nobody serves keeps what the game sends, up to two mebibytes. Then it ends: the
+// game's own close would stand behind bytes that are never read, and select would return at once
+// for as long as the process lives.
+class TcpOverfull : public TcpFailure {
+ protected:
+  static constexpr DWORD kMostMs = 3000;  // a game that is held back for ever gives up
+
+  void ExpectAnEndAndAQuietWorker(SOCKET s) {
+    setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&kMostMs), sizeof kMostMs);
+    const std::string all = Pattern(4'000'000);
+    EXPECT_LT(SendAll(s, all), all.size());
+    EXPECT_NE(WSAGetLastError(), WSAETIMEDOUT);
+    Sleep(100);
+    EXPECT_TRUE(NobodyIsLeft()) << log_text();
+    port::CountCalls();
+    const unsigned before = port::CallCount("select");
+    Sleep(1000);
+    EXPECT_LE(port::CallCount("select") - before, kQuietSelects);
+    closesocket(s);
+    port::ClearFaults();
+  }
+};
+
+SCENARIO_WITH_(TcpOverfull, WithoutAConnectTheConnectionEndsWhenItsBufferIsFull, TcpOverfull, 1,
+               QuickSpin()) {
+  const SOCKET s = Tcp();
+  port::FailCall("connect", 2, WSAENETUNREACH);  // the first is the game's own
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  Sleep(100);
+  ExpectAnEndAndAQuietWorker(s);
+}
+
+SCENARIO_WITH_(TcpOverfull, WithoutAWayToTheServerTheConnectionEndsWhenItsBufferIsFull, TcpOverfull,
+               1, QuickSpin()) {
+  for (const char* call : {"socket", "connect"}) {
+    SCOPED_TRACE(call);
+    BothNodesAreSilent();
+    const SOCKET s = Joins();
+    Sleep(9000);
+    port::FailCall(call, 1, WSAENOBUFS);
+    Sleep(3000);
+    EXPECT_TRUE(Logged("begin direct mode. ChangeToGameSrv result=false, token="));
+    ExpectAnEndAndAQuietWorker(s);
+  }
+}
+
+// The buffers' memory comes from the system, which may have none: then the stream waits for it, as
+// it waits for a slow reader.
+SCENARIO_WITH_(TcpOverfull, WithoutMemoryAStreamIsHeldBackAndGoesOnLater, TcpOverfull, 1,
+               QuickSpin()) {
+  const SOCKET s = Joins(kDirect);
+  Sleep(500);
+  port::FailCall("VirtualAlloc", 0, ERROR_NOT_ENOUGH_MEMORY);
+  const std::string all = Pattern(100'000);
+  GameThread([&] { EXPECT_EQ(SendAll(s, all), all.size()); });
+  Sleep(500);
+  EXPECT_EQ(LastCall().got, "");
+  port::ClearFaults();
+  std::string got, end;
+  EXPECT_TRUE(Collect(s, all.size(), &got, &end)) << end;
+  EXPECT_TRUE(got == all) << got.size();
+  closesocket(s);
+  ASSERT_TRUE(RunToTheEnd());
 }
 
 // With a stream under way, on its first way through everybody's hands.

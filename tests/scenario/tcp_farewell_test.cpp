@@ -186,6 +186,37 @@ SCENARIO_F(TcpFarewell, AServerThatCannotBeWrittenToIsOwedNothingAndItsGameAll) 
   ExpectServesAgain();
 }
 
+// A server that could not be written to may still say something. What comes after the game has got
+// everything, in the 200 ms before the end, is for the game too: it has missed nothing.
+SCENARIO_F(TcpFarewell, WhatAServerSaysInTheLastTwoHundredMillisecondsReachesTheGame) {
+  const std::string all = Pattern(300'000);
+  bool speaks = false;
+  serve = [&](SOCKET t, Call* call) {
+    SendAll(t, all);
+    while (!speaks) Sleep(5);
+    SendAll(t, "one more");
+    Sleep(100);
+    SendAll(t, " and one");
+    call->end = CollectAll(t, &call->got);
+  };
+  const SOCKET s = Joins(kDirect);
+  RunFor(1s);
+  port::FailCall("send", 2, WSAENOBUFS);  // the first is the game's
+  SendAll(s, "x");
+  RunFor(100ms);
+  std::string got, end;
+  EXPECT_TRUE(Collect(s, all.size(), &got, &end)) << end;
+  EXPECT_TRUE(got == all) << got.size();
+  EXPECT_TRUE(Logged("DoLocalWrite, buffer is empty. Marking session obsolete, token="));
+  speaks = true;
+  got.clear();
+  EXPECT_EQ(CollectAll(s, &got), "closed");
+  EXPECT_EQ(got, "one more and one");
+  closesocket(s);
+  port::ClearFaults();
+  ExpectServesAgain();
+}
+
 // --- both sides at once -------------------------------------------------------------------------
 
 // A server that has left is owed nothing, whatever the game goes on to say.
@@ -212,6 +243,18 @@ SCENARIO_F(TcpBothEnd, AGameThatLeavesAfterItsServerEndsTheConnectionAtOnce) {
   RunFor(100ms);
   EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, "), 1);
   EXPECT_FALSE(Logged("found obsolete session"));
+  ExpectServesAgain();
+}
+
+// Kept: also when it only ends its half. What it said last has nobody to go to, so nothing is
+// waited for.
+SCENARIO_F(TcpBothEnd, AGameThatEndsItsHalfAfterItsServerHasLeftEndsTheConnectionAtOnce) {
+  const SOCKET s = ServerLeaves();
+  shutdown(s, SD_SEND);
+  RunFor(100ms);
+  EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, "), 1);
+  EXPECT_FALSE(Logged("found obsolete session"));
+  closesocket(s);
   ExpectServesAgain();
 }
 

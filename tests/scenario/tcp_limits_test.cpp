@@ -2,6 +2,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "port/shared/faults.h"
+#include "port/sim/threads.h"
 #include "tests/scenario/tcp_bench.h"
 
 namespace {
@@ -74,6 +76,66 @@ SCENARIO_WITH_(TcpLimits, AGameThatDoesNotReadHoldsTheServerBack, TcpLimits, 1, 
   EXPECT_EQ(CollectAll(s, &got), "closed");
   EXPECT_TRUE(got == all) << got.size();
   closesocket(s);
+}
+
+// Each direction has its own two mebibytes, and neither waits for the other.
+SCENARIO_WITH_(TcpLimits, BothDirectionsAreHeldBackAtOnceAndThenAllArrives, TcpLimits, 1,
+               QuickSpin()) {
+  bool reads = false;
+  size_t up = 0, down = 0;
+  serve = [&](SOCKET t, Call* call) {
+    bool sending = true;
+    world.Spawn(*sim::Self().process(), "", [&, t] {
+      SendPieces(t, all, &down);
+      sending = false;
+    });
+    while (!reads) Sleep(50);
+    Collect(t, all.size(), &call->got, &call->end);
+    while (sending) Sleep(50);
+    call->end = "done";
+  };
+  const SOCKET s = Joins(kDirect);
+  GameThread([&] { SendPieces(s, all, &up); });
+  Sleep(1000);
+  ExpectHeld(up);
+  ExpectHeld(down);
+  const size_t held = up + down;
+  Sleep(200);
+  EXPECT_EQ(up + down, held);
+  reads = true;
+  std::string got, end;
+  EXPECT_TRUE(Collect(s, all.size(), &got, &end)) << end;
+  EXPECT_TRUE(got == all) << got.size();
+  ASSERT_TRUE(RunToTheEnd());
+  ASSERT_TRUE(RunUntil([&] { return LastCall().over(); }));
+  EXPECT_TRUE(LastCall().got == all) << LastCall().got.size();
+  closesocket(s);
+}
+
+// A server that has left takes nothing any more, and what the game says to it is dropped: it must
+// neither hold the game back for ever nor keep the worker from its rest. What the server said last
+// is the game's all the same.
+SCENARIO_WITH_(TcpLimits, AGameMaySayMuchToAServerThatHasLeft, TcpLimits, 1, QuickSpin()) {
+  const std::string last_words = Pattern(300'000);
+  serve = [&](SOCKET t, Call* call) {
+    SendAll(t, last_words);
+    call->end = "left";
+  };
+  const SOCKET s = Joins(kDirect);
+  Sleep(1000);
+  size_t sent = 0;
+  GameThread([&] { SendPieces(s, all, &sent); });
+  Sleep(1000);
+  EXPECT_EQ(sent, all.size());
+  port::CountCalls();
+  const unsigned before = port::CallCount("select");
+  Sleep(1000);
+  EXPECT_LE(port::CallCount("select") - before, kQuietSelects);
+  std::string got;
+  EXPECT_EQ(CollectAll(s, &got), "closed");
+  EXPECT_TRUE(got == last_words) << got.size();
+  closesocket(s);
+  ASSERT_TRUE(RunToTheEnd());
 }
 
 // What the game says before anybody is there to hear it is held back as well, and then all of it

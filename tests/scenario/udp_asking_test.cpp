@@ -3,6 +3,7 @@
 #include "tests/scenario/udp_spied_bench.h"
 //
 #include "port/shared/faults.h"
+#include "provider/hook_entries.h"
 #include "relay/relay_mgr.h"
 #include "udp/relay_messages.h"
 #include "udp/udp_package_queue.h"
@@ -380,6 +381,44 @@ SCENARIO_F(UdpAsking, ADatagramThatCannotBeSentIsTakenBack) {
   fails = [](const SentDatagram&) { return 0; };
   EXPECT_EQ(Talks(s, "sent"), "sent from 198.51.100.10:27015");
   EXPECT_EQ(Heard("A"), (Texts{"first", "sent"}));
+}
+
+// From the moment on that a send is pending its buffers may be gone, and with them the bytes to
+// look for. What is taken back is its own entry, whatever equal ones there are.
+SCENARIO_F(UdpAsking, ASendThatIsPendingIsTakenBackWithoutALookAtItsBuffers) {
+  struct Operation {
+    char data[4] = {'s', 'a', 'm', 'e'};
+    WSABUF buffer{sizeof data, data};
+    sockaddr_in to = At(kServer, kPort);
+    DWORD bytes = 0;
+    WSAOVERLAPPED overlapped{};
+  };
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  const auto queue = GetRelayMgr().UseQueue(RecordOf(s).send_queue, RecordOf(s).token);
+  const sockaddr_in older = At(kServer, 1), younger = At(kServer, 2);
+  ASSERT_TRUE(queue->Push("same", 4, &older));
+  auto operation = std::make_unique<Operation>();
+  fails = [&](const SentDatagram& one) -> int {
+    if (one.by_relay) return 0;
+    operation.reset();
+    EXPECT_TRUE(queue->Push("same", 4, &younger));
+    return WSA_IO_PENDING;
+  };
+  int error = 0;
+  EXPECT_EQ(WSPSendTo(s, &operation->buffer, 1, &operation->bytes, 0, Raw(operation->to),
+                      sizeof operation->to, &operation->overlapped, nullptr, nullptr, &error),
+            SOCKET_ERROR);
+  EXPECT_EQ(error, WSA_IO_PENDING);
+  EXPECT_EQ(operation, nullptr);
+  fails = [](const SentDatagram&) { return 0; };
+  sockaddr_in found = {};
+  for (const sockaddr_in& left : {older, younger}) {
+    ASSERT_TRUE(queue->FindAddrThenRemove("same", 4, &found));
+    EXPECT_EQ(ntohs(found.sin_port), ntohs(left.sin_port));
+  }
+  EXPECT_FALSE(queue->FindAddrThenRemove("same", 4, &found));
 }
 
 SCENARIO_F(UdpAsking, ADatagramWithoutADestinationIsNotQueued) {

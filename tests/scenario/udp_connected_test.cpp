@@ -3,7 +3,9 @@
 #include "tests/scenario/udp_spied_bench.h"
 //
 #include "port/shared/faults.h"
+#include "provider/hook_entries.h"
 #include "relay/relay_mgr.h"
+#include "udp/udp_package_queue.h"
 
 namespace {
 
@@ -121,6 +123,70 @@ SCENARIO_F(UdpConnected, ADatagramThatCannotBeSentIsTakenBack) {
     EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).send_queue), "none") << error;
     port::ClearFaults();
   }
+}
+
+// From the moment on that a send is pending its buffers may be gone, and with them the bytes to
+// look for.
+SCENARIO_F(UdpConnected, ASendThatIsPendingIsTakenBackWithoutALookAtItsBuffers) {
+  static struct Operation {
+    char data[4] = {'s', 'a', 'm', 'e'};
+    WSABUF buffer{sizeof data, data};
+    DWORD bytes = 0;
+    WSAOVERLAPPED overlapped{};
+  } * operation;
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  const auto queue = GetRelayMgr().UseQueue(RecordOf(s).send_queue, RecordOf(s).token);
+  const sockaddr_in older = At(kServer, 1);
+  ASSERT_TRUE(queue->Push("same", 4, &older));
+  const auto send = NextProvider().lpWSPSend;
+  NextProvider().lpWSPSend = [](SOCKET, LPWSABUF, DWORD, LPDWORD, DWORD, LPWSAOVERLAPPED,
+                                LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID, LPINT error) {
+    delete operation;
+    *error = WSA_IO_PENDING;
+    return SOCKET_ERROR;
+  };
+  operation = new Operation;
+  int error = 0;
+  EXPECT_EQ(WSPSend(s, &operation->buffer, 1, &operation->bytes, 0, &operation->overlapped, nullptr,
+                    nullptr, &error),
+            SOCKET_ERROR);
+  NextProvider().lpWSPSend = send;
+  EXPECT_EQ(error, WSA_IO_PENDING);
+  EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).send_queue), "198.51.100.10:1") << "the other one is left";
+  EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).send_queue), "none");
+}
+
+// The address that a call gives may be longer than an IPv4 address is, or too short to be one: its
+// length goes down as it came, and what stands in its place must not be read beyond its end.
+SCENARIO_F(UdpConnected, TheLengthOfTheAddressIsTheCallersOwn) {
+  static int connect_size;
+  static std::string connect_bytes;
+  static LPWSPCONNECT connect_below;
+  Starts();
+  connect_below = NextProvider().lpWSPConnect;
+  NextProvider().lpWSPConnect = [](SOCKET s, const sockaddr* name, int size, LPWSABUF caller,
+                                   LPWSABUF callee, LPQOS sqos, LPQOS gqos, LPINT error) {
+    connect_size = size;
+    connect_bytes.assign(reinterpret_cast<const char*>(name), static_cast<size_t>(size));
+    return connect_below(s, name, size, caller, callee, sqos, gqos, error);
+  };
+  for (const int size : {16, 20, 28, static_cast<int>(sizeof(sockaddr_storage))}) {
+    const sockaddr_in to[16] = {At(kServer, kPort)};
+    const SOCKET s = Udp();
+    EXPECT_EQ(ErrorOf(connect(s, Raw(to[0]), size)), 0) << size;
+    EXPECT_EQ(connect_size, size);
+    EXPECT_EQ(PeerOf(s), "127.0.0.1:" + std::to_string(ntohs(RecordOf(s).relay_addr.sin_port)));
+  }
+  const sockaddr_in to[16] = {At(kServer, kPort)};
+  const SOCKET too_long = Udp();
+  EXPECT_EQ(ErrorOf(connect(too_long, Raw(to[0]), sizeof to)), 0);
+  EXPECT_EQ(connect_size, static_cast<int>(sizeof(sockaddr_storage))) << "guarded";
+  const SOCKET too_short = Udp();
+  EXPECT_EQ(ErrorOf(connect(too_short, Raw(to[0]), 8)), WSAEFAULT) << "as it is without us";
+  EXPECT_EQ(connect_size, 8);
+  NextProvider().lpWSPConnect = connect_below;
 }
 
 // Another thread closes the socket while it waits for its relay.

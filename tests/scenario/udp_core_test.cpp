@@ -352,6 +352,38 @@ SCENARIO_F(UdpSwitch, TheNodeIsToldWhatShareOfItsDataIsLost) {
   }
 }
 
+// A node says what it misses in percent, and two percent have the link probed. So it must look back
+// over more of a game's datagrams than the fifty of which one is that much.
+SCENARIO_F(UdpSwitch, ALoneDatagramLostOnTheWayUpIsNoReasonToProbe) {
+  MayMeasureAndSwitch();
+  Starts();
+  const SOCKET s = Udp();
+  const auto never = [] { return false; };
+  const auto loses = [&](int datagrams) {
+    for (int i = 0; i < datagrams; ++i) {
+      a.behaviour().data_up_loss = 100;
+      PlaysUntil(s, never, 50);
+      a.behaviour().data_up_loss = 0;
+      PlaysUntil(s, never, 1'000);
+    }
+    PlaysUntil(s, never, 10'000);
+    EXPECT_EQ(answered_, (next_ - datagrams));
+    answered_ = next_;
+  };
+  PlaysUntil(s, never, 10'000);
+  const auto asked = [this] {
+    const std::string log = whole_log();
+    int lines = 0;
+    for (size_t at = 0; (at = log.find("requesting high freq test", at)) != log.npos; ++at) ++lines;
+    return lines;
+  };
+  const int at_first = asked();
+  loses(1);
+  EXPECT_EQ(asked(), at_first) << log_text();
+  loses(2);
+  EXPECT_GT(asked(), at_first) << "two in a hundred are two percent";
+}
+
 SCENARIO_F(UdpSwitch, ADeadNodeIsLeftForTheOtherWithTheGamesPortUnchanged) {
   MayMeasureAndSwitch();
   Starts();

@@ -75,7 +75,7 @@ SCENARIO_F(UdpAlone, WithoutASocketTheProviderDoesNotStart) {
 
 // Kept: a socket that has failed is polled all the same, and a line says that all is well.
 SCENARIO_F(UdpAlone, ASocketWithoutAPortIsKeptAndTheProviderDoesNotStart) {
-  port::FailCall("bind", 1, WSAEACCES);
+  port::FailCall("bind", 1, WSAENOBUFS);
   EXPECT_FALSE(provider.Init(&loop, &route));
   EXPECT_EQ(loop.added.size(), 1u);
   EXPECT_EQ(IntOption(loop.added.at(0), SO_RCVBUF), 65536);

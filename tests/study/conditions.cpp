@@ -8,28 +8,35 @@ namespace {
 using moru_vyr::lsp::AccConfigRecord;
 using std::chrono::milliseconds;
 
-// Without these nothing is ever measured, reported or switched; everything else is as the library
-// takes it where nobody has set it.
-void Permit(AccConfigRecord* config) {
+// What must be set for anything to be measured, reported or switched. Everything else is as the
+// library takes it where nobody has set it.
+void Unset(AccConfigRecord* config) {
   config->link_switch_mask = 3;
   common::SetFieldText(config->list_text, "7");
   config->switch_open = 1;
   config->game_link_switch_open = 1;
   config->max_link_except_rep_num = 1000;
   config->max_link_switch_count = 1000;
-  // 0 would be a watch period without end.
-  config->max_high_freq_test_count = 100;
-  // The first look finds less than it needs to tell a quiet link from a dead one.
-  config->ignore_high_freq_test_time = 2;
-  // By default no node passes: the answer to a burst's last probe never counts.
+}
+
+// Unset, no node passes its trial: the answer to a burst's last probe never counts.
+void Least(AccConfigRecord* config) {
+  Unset(config);
   config->switching_max_real_route_lost = 60;
 }
 
-void Default(AccConfigRecord* config) { Permit(config); }
+void NoWatch(AccConfigRecord* config) {
+  Least(config);
+  // No window holds so many bursts. 0, the unset value, is a watch period without end.
+  config->max_high_freq_test_count = 100;
+  // The first look finds less than it needs to tell a quiet link from a dead one. In a watch period
+  // that asks for nothing; here it would be a burst for each flow.
+  config->ignore_high_freq_test_time = 2;
+}
 
 // Shorter windows see slots without a datagram, and take a healthy link for a dead one.
 void Fast(AccConfigRecord* config) {
-  Permit(config);
+  NoWatch(config);
   config->lost_calc_unit_size = 100;
   config->recovery_window_word = 50;
   // Half as many probes, and so less waiting for the timer: the burst ends sooner.
@@ -39,7 +46,7 @@ void Fast(AccConfigRecord* config) {
 // For links of this length: a burst alone does not look like delay, and the verdict on the new
 // node rests on 25 probes.
 void Steady(AccConfigRecord* config) {
-  Permit(config);
+  NoWatch(config);
   config->max_delay_avg = 150;
   config->max_delay_amp = 25;
   config->switching_high_freq_test_interval = 20;
@@ -89,7 +96,11 @@ const std::vector<Trouble>& Troubles() {
 
 const std::vector<Settings>& AllSettings() {
   static const std::vector<Settings> all = {
-      {"default", "as the library takes them where nothing is set", Default, 1000, 50},
+      {"unset", "nothing set but what opens measuring and switching: no node ever passes", Unset,
+       1000, 50},
+      {"least", "the same, and 60 percent for the trial", Least, 1000, 50},
+      {"no-watch", "the same without a watch period, so that each burst asked for is sent", NoWatch,
+       1000, 50},
       {"fast", "as fast as a healthy link allows: slots of 100 ms", Fast, 1000, 50},
       {"steady", "for links of this length: delay from 150 ms on, a trial of 25 probes", Steady,
        1000, 500},

@@ -11,6 +11,11 @@ namespace study {
 // The player's way to a node, each way: 10 ms, a swing of 3 ms, and this share lost.
 sim::LinkOptions HealthyLink(double loss);
 
+// Shares of 1 that a link without trouble loses.
+struct Losses {
+  double up = 0, down = 0;
+};
+
 struct Trouble {
   const char* name;
   const char* words;

@@ -16,7 +16,7 @@ struct Wanted {
   study::Spans spans;
   int seeds = 100, first_seed = 1;
   int healthy_minutes = 0, healthy_flows = 40;
-  double healthy_loss = 0;
+  double healthy_loss_up = 0, healthy_loss_down = 0;  // percent
   std::vector<std::string> troubles, settings;
   bool json = false, quiet = false;
 };
@@ -118,8 +118,9 @@ bool StudyHealth(const Wanted& wanted, const Settings& settings) {
   study::Health sum;
   for (int i = 0; i < wanted.seeds; ++i) {
     const auto seed = static_cast<uint64_t>(wanted.first_seed + i);
-    const study::Health one = study::RunHealthy(seed, wanted.healthy_loss / 100, settings,
-                                                wanted.healthy_flows, wanted.healthy_minutes);
+    const study::Losses losses = {wanted.healthy_loss_up / 100, wanted.healthy_loss_down / 100};
+    const study::Health one =
+        study::RunHealthy(seed, losses, settings, wanted.healthy_flows, wanted.healthy_minutes);
     if (!one.failure.empty()) {
       std::fprintf(stderr, "\nhealthy, %s, seed %llu: %s\n", settings.name,
                    static_cast<unsigned long long>(seed), one.failure.c_str());
@@ -129,22 +130,26 @@ bool StudyHealth(const Wanted& wanted, const Settings& settings) {
     sum.bursts += one.bursts;
     sum.trials += one.trials;
     sum.switches += one.switches;
+    sum.flows_moved += one.flows_moved;
     Progress(wanted, std::string(settings.name) + ", healthy", i + 1, wanted.seeds);
   }
   if (wanted.json) {
     const nlohmann::json line = {{"settings", settings.name},
                                  {"trouble", "none"},
-                                 {"loss_percent", wanted.healthy_loss},
+                                 {"loss_up_percent", wanted.healthy_loss_up},
+                                 {"loss_down_percent", wanted.healthy_loss_down},
                                  {"flow_hours", sum.flow_hours},
                                  {"bursts_asked_for", sum.bursts},
                                  {"trials", sum.trials},
-                                 {"switches", sum.switches}};
+                                 {"switches", sum.switches},
+                                 {"flows_moved", sum.flows_moved}};
     std::printf("%s\n", line.dump().c_str());
   } else {
     std::printf(
-        "%-8s healthy, %.2f %% lost: %.1f hours of flows, %d bursts asked for, %d trials, "
-        "%d switches\n",
-        settings.name, wanted.healthy_loss, sum.flow_hours, sum.bursts, sum.trials, sum.switches);
+        "%-8s healthy, %.2f %% lost up, %.2f %% down: %.1f hours of flows, %d bursts asked for, "
+        "%d trials, %d switches of %d flows\n",
+        settings.name, wanted.healthy_loss_up, wanted.healthy_loss_down, sum.flow_hours, sum.bursts,
+        sum.trials, sum.switches, sum.flows_moved);
   }
   std::fflush(stdout);
   return true;
@@ -210,7 +215,11 @@ int main(int argc, char** argv) {
   app.add_option("--healthy-flows", wanted.healthy_flows, "sockets of the game meanwhile")
       ->check(CLI::Range(1, 50))
       ->capture_default_str();
-  app.add_option("--healthy-loss", wanted.healthy_loss, "percent that such a link loses each way")
+  app.add_option("--healthy-loss-up", wanted.healthy_loss_up,
+                 "percent that such a link loses on the way to the node")
+      ->check(CLI::Range(0.0, 100.0))
+      ->capture_default_str();
+  app.add_option("--healthy-loss-down", wanted.healthy_loss_down, "… and on the way from it")
       ->check(CLI::Range(0.0, 100.0))
       ->capture_default_str();
   app.add_flag("--json", wanted.json, "one line of JSON for each row");

@@ -39,13 +39,25 @@ std::vector<int> TimesOf(const std::string& part, const std::string& log) {
   return times;
 }
 
+// How many flows have a line with that part.
+int FlowsWith(const std::string& part, const std::string& log) {
+  std::set<std::string> tokens;
+  for (std::size_t at = log.find(part); at != std::string::npos; at = log.find(part, at + 1)) {
+    const std::size_t end = log.find('\n', at);
+    const std::size_t token = log.rfind("token=", end);
+    if (token != std::string::npos && token > at) tokens.insert(log.substr(token, end - token));
+  }
+  return static_cast<int>(tokens.size());
+}
+
 class Play : public udp_test::UdpBench {
  public:
-  Play(const Settings& settings, double loss) {
+  Play(const Settings& settings, const Losses& losses) {
     Configures(settings.apply);
     sim::Host& player = world.home().host;
     for (sim::Host* node : {&a_host, &b_host}) {
-      world.SetLink(player, *node, HealthyLink(loss));
+      world.SetLinkOneWay(player, *node, HealthyLink(losses.up));
+      world.SetLinkOneWay(*node, player, HealthyLink(losses.down));
       sim::LinkOptions to_server;
       to_server.delay = 5ms;
       world.SetLink(*node, server_host, to_server);
@@ -117,6 +129,7 @@ class Play : public udp_test::UdpBench {
     health.bursts = static_cast<int>(TimesOf("requesting high freq test", log).size());
     health.trials = static_cast<int>(TimesOf("switching is firing", log).size());
     health.switches = static_cast<int>(TimesOf("::ReplaceSock", log).size());
+    health.flows_moved = FlowsWith("::ReplaceSock", log);
     const std::size_t carried = a.Count("flow_opened") + b.Count("flow_opened");
     // A flow asks when it begins, another node where the first is not heard, and in each trial; a
     // link may lose the question.
@@ -211,7 +224,7 @@ Outcome RunTrouble(uint64_t seed, const Trouble& trouble, const Settings& settin
                    const Spans& spans) {
   const nlohmann::json said = InChild(seed, [&]() -> nlohmann::json {
     // Left behind on purpose: its threads run until the process ends.
-    const Outcome o = (new Play(settings, 0))->Through(trouble, spans);
+    const Outcome o = (new Play(settings, {}))->Through(trouble, spans);
     return {{"failure", o.failure},
             {"noticed", o.noticed},
             {"fired", o.fired},
@@ -239,14 +252,12 @@ Outcome RunTrouble(uint64_t seed, const Trouble& trouble, const Settings& settin
   return outcome;
 }
 
-Health RunHealthy(uint64_t seed, double loss, const Settings& settings, int flows, int minutes) {
+Health RunHealthy(uint64_t seed, const Losses& losses, const Settings& settings, int flows,
+                  int minutes) {
   const nlohmann::json said = InChild(seed, [&]() -> nlohmann::json {
-    const Health h = (new Play(settings, loss))->InHealth(flows, minutes);
-    return {{"failure", h.failure},
-            {"hours", h.flow_hours},
-            {"bursts", h.bursts},
-            {"trials", h.trials},
-            {"switches", h.switches}};
+    const Health h = (new Play(settings, losses))->InHealth(flows, minutes);
+    return {{"failure", h.failure}, {"hours", h.flow_hours},  {"bursts", h.bursts},
+            {"trials", h.trials},   {"switches", h.switches}, {"flows_moved", h.flows_moved}};
   });
   Health health;
   health.failure = said.value("failure", "");
@@ -254,6 +265,7 @@ Health RunHealthy(uint64_t seed, double loss, const Settings& settings, int flow
   health.bursts = said.value("bursts", 0);
   health.trials = said.value("trials", 0);
   health.switches = said.value("switches", 0);
+  health.flows_moved = said.value("flows_moved", 0);
   return health;
 }
 

@@ -9,6 +9,11 @@
 #include <string>
 #include <vector>
 
+#ifndef _WIN32
+#include "port/shared/faults.h"
+#include "port/shared/objects.h"
+#endif
+
 namespace moru_vyr::lsp {
 namespace {
 
@@ -206,6 +211,42 @@ TEST(BlockBuffer, ClearGivesDrainedBlocksBack) {
   ASSERT_TRUE(buffer.Reserve(&place, kBlock));
   EXPECT_EQ(std::count(place, place + kBlock, u8{0}), static_cast<std::ptrdiff_t>(kBlock));
 }
+
+#ifndef _WIN32
+TEST(BlockBuffer, ClearAndTheEndLeaveNoBlockBehind) {
+  const size_t before = port::OpenAllocations();
+  {
+    BlockBuffer buffer;
+    for (int i = 0; i < 3; ++i) FillBlock(&buffer);
+    ASSERT_TRUE(buffer.Consume(kBlock));
+    EXPECT_EQ(port::OpenAllocations(), before + 3);
+    buffer.Clear();
+    EXPECT_EQ(port::OpenAllocations(), before);
+    FillBlock(&buffer);
+    FillBlock(&buffer);
+    ASSERT_TRUE(buffer.Consume(kBlock));
+  }
+  EXPECT_EQ(port::OpenAllocations(), before);
+}
+
+TEST(BlockBuffer, WithoutMemoryThereIsNoRoomAndNothingIsLost) {
+  BlockBuffer buffer;
+  u8 mark = 0;
+  u8* place = &mark;
+  port::FailCall("VirtualAlloc", 0, ERROR_NOT_ENOUGH_MEMORY);
+  EXPECT_FALSE(buffer.Reserve(&place, kRead));
+  EXPECT_EQ(place, &mark);
+  port::ClearFaults();
+  FillBlock(&buffer);
+  port::FailCall("VirtualAlloc", 0, ERROR_NOT_ENOUGH_MEMORY);
+  EXPECT_FALSE(buffer.Reserve(&place, kRead));
+  EXPECT_EQ(Front(&buffer).size(), kBlock);
+  port::ClearFaults();
+  EXPECT_TRUE(Write(&buffer, "more"));
+  ASSERT_TRUE(buffer.Consume(kBlock));
+  EXPECT_EQ(Front(&buffer), "more");
+}
+#endif
 
 TEST(BlockBuffer, ClearForgetsEverything) {
   BlockBuffer buffer;

@@ -84,6 +84,16 @@ const Spoilt kSpoilt[] = {
      [](Tables*, Game* game) { game->short_cycle = 1; }},
     {"DataNeverCounts", "game[0].data_link_short_cycle_pkg", "101 datagrams a second",
      [](Tables*, Game* game) { game->data_link_short_cycle_pkg = 202; }},
+    {"LoneDatagram", "game[0].data_link_long_cycle_lost", "a single lost one",
+     [](Tables*, Game* game) {
+       game->data_link_long_cycle_lost = 2;
+       game->data_link_long_cycle_pkg = 49;
+     }},
+    {"LoneDatagramWhereNothingIsSet", "game[0].data_link_long_cycle_lost", "2 %: one datagram",
+     [](Tables*, Game* game) {
+       game->data_link_long_cycle_lost = 0;
+       game->data_link_long_cycle_pkg = 0;
+     }},
     {"BurstOfNothing", "game[0].high_freq_test_interval", "bursts have no probe",
      [](Tables*, Game* game) { game->high_freq_test_interval = 1001; }},
     {"YoungFlow", "game[0].ignore_high_freq_test_time", "2 avoids it",
@@ -175,6 +185,15 @@ TEST_P(ClientAdviceRow, IsGivenForItsOwnReason) {
 
 INSTANTIATE_TEST_SUITE_P(All, ClientAdviceRow, testing::ValuesIn(kSpoilt),
                          [](const auto& row) { return std::string(row.param.name); });
+
+// One in 51 is less than two percent.
+TEST(ClientAdvice, ALongRangeThatBearsALostDatagramNeedsNone) {
+  const auto tables = Sample();
+  Game& game = tables->restriction.games[0];
+  game.data_link_long_cycle_lost = 2;
+  game.data_link_long_cycle_pkg = 50;
+  EXPECT_EQ(Describe(AdviseOnSwitching(*tables)), "");
+}
 
 // To measure and not to move, or to have no datagrams to move, is nobody's mistake.
 TEST(ClientAdvice, WhoAsksForNoSwitchingIsLeftInPeace) {

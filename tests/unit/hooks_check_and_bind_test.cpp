@@ -87,6 +87,19 @@ TEST_F(CheckAndBindTest, ThePortIsAskedForOnce) {
   EXPECT_TRUE(log.Contains("[0][lsp]CheckAndBind, retrieve port=4000 for socket=4322\n"));
 }
 
+// Kept: an answer is an answer. The next call asks again.
+TEST_F(CheckAndBindTest, APortOfZeroIsBelieved) {
+  port = 1;
+  EXPECT_TRUE(CheckAndBind(kSocket, &port));
+  EXPECT_EQ(port, 0);
+  EXPECT_FALSE(log.Contains("CheckAndBind return false"));
+  EXPECT_EQ(next.binds, 0);
+  next.name_port = 4000;
+  EXPECT_TRUE(CheckAndBind(kSocket, &port));
+  EXPECT_EQ(port, htons(4000));
+  EXPECT_EQ(next.names, 2);
+}
+
 TEST_F(CheckAndBindTest, AnUnboundSocketGetsARandomPort) {
   next.name_error = WSAEINVAL;
   EXPECT_TRUE(CheckAndBind(kSocket, &port));

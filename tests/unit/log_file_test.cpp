@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "tests/unit/out_of_memory.h"
 #include "tests/unit/temp_dir.h"
 
 namespace {
@@ -180,6 +181,26 @@ TEST(LogFile, FileStopsGrowingAtTheLimitOfARun) {
     EXPECT_EQ(FileSize(dir / "run.log"), 2599);
   }
   EXPECT_EQ(FileSize(dir / "run.log"), 2599);  // and the end of the process changes nothing
+}
+
+// Kept: what nobody may write any more stays in memory, line by line, for the rest of the run.
+TEST(LogFile, PastTheLimitTheTextGrowsInMemory) {
+  const TempDir dir;
+  LogFile log(2000);
+  ASSERT_TRUE(log.Open(dir / "run.log"));
+  log.Write(LineOf(2000), 5);
+  log.Flush();
+  for (int i = 0; i < 10; ++i) ASSERT_TRUE(log.Write(LineOf(600), 5));
+  const std::string line = LineOf(600);
+  int kept = 0;
+  {
+    const test::OutOfMemory none(1, 4096);  // what is there has room for a few more
+    while (kept < 1000 && log.Write(line, 5)) ++kept;
+    EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  }
+  EXPECT_LT(kept, 100) << "the text is not kept";
+  for (int i = 0; i < 1000; ++i) ASSERT_TRUE(log.Write(line, 5));
+  EXPECT_EQ(FileSize(dir / "run.log"), 2000);
 }
 
 TEST(LogFile, LimitIsReachedByItsLastByte) {

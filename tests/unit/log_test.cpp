@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <regex>
 #include <string>
 
@@ -12,6 +13,7 @@
 #include "common/log_file.h"
 #include "common/log_ring.h"
 #include "tests/unit/log_capture.h"
+#include "tests/unit/out_of_memory.h"
 #include "tests/unit/threads.h"
 #include "tests/unit/trace_capture.h"
 
@@ -71,6 +73,59 @@ TEST(Log, CommonMessageIsCutAt102399Bytes) {
   LogCapture log;
   CommonLog(4, "tag", "%s", std::string(103000, 'c').c_str());
   EXPECT_EQ(LastMessage(log.Text(), "[tag]"), std::string(102399, 'c') + "\n");
+}
+
+TEST(Log, CommonMessageOfAnyLengthIsWhole) {
+  LogCapture log;
+  for (const std::size_t size : {2046u, 2047u, 2048u, 2049u, 50000u, 102398u}) {
+    CommonLog(4, "tag", "%s", std::string(size, 'c').c_str());
+    EXPECT_EQ(LastMessage(log.Text(), "[tag]"), std::string(size, 'c') + "\n") << size;
+  }
+}
+
+TEST(Log, LongCommonMessageIsCutAsAnyOtherWhereThereIsNoMemory) {
+  LogCapture log;
+  const std::string text(5000, 'c');
+  {
+    const test::OutOfMemory none(1, 4096);
+    CommonLog(4, "tag", "%s", text.c_str());
+    EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  }
+  EXPECT_EQ(LastMessage(log.Text(), "[tag]"), std::string(2047, 'c') + "\n");
+}
+
+// How far down a call has used the stack: it is painted before and looked at afterwards, from the
+// same frame.
+constexpr std::size_t kPainted = 300 * 1024;
+constexpr std::size_t kFrameSlack = 256;  // the two frames need not be laid out alike
+constexpr unsigned char kPaint = 0x5a;
+
+__attribute__((noinline, no_sanitize_address)) void PaintStack() {
+  unsigned char area[kPainted];
+  std::memset(area, kPaint, sizeof area);
+  asm volatile("" : : "r"(area) : "memory");
+}
+__attribute__((noinline, no_sanitize_address)) std::size_t StackUsed() {
+  unsigned char area[kPainted];
+  asm volatile("" : "=m"(area));  // what was there, for all the compiler knows
+  std::size_t clean = kFrameSlack;
+  while (clean < kPainted && area[clean] == kPaint) ++clean;
+  return kPainted - clean;
+}
+
+// The threads are the host's: some programs give them 64 KiB.
+TEST(Log, LinesNeedLittleStackHoweverLongTheyAre) {
+  LogCapture log;
+  const std::string text(100'000, 'c');
+  PaintStack();
+  CommonLog(4, "tag", "%s", text.c_str());
+  EXPECT_LT(StackUsed(), 24'000u);
+  PaintStack();
+  CommonLog(4, "tag", "%s", "short");
+  EXPECT_LT(StackUsed(), 24'000u);
+  PaintStack();
+  LspLog(4, "%s", text.c_str());
+  EXPECT_LT(StackUsed(), 24'000u);
 }
 
 TEST(Log, EmptyTagLeavesNoTagPart) {

@@ -139,6 +139,27 @@ TEST_F(Layered, BaseProviderIsFoundByTheChain) {
   EXPECT_EQ(port::LoadCount(path), loads);
 }
 
+int ExportOfThePinned() { return 0; }
+
+TEST(Modules, APinnedOneStaysLoadedAndOthersDoNot) {
+  constexpr DWORD kFlags = GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN;
+  const std::wstring path = L"C:\\pinned\\pinned.dll";
+  const auto function = reinterpret_cast<FARPROC>(&ExportOfThePinned);
+  port::RegisterModule(path, {{"Export", function}});
+  const HMODULE module = LoadLibraryW(path.c_str());
+  ASSERT_NE(module, nullptr);
+  EXPECT_TRUE(FreeLibrary(module));
+  EXPECT_EQ(port::LoadCount(path), 0);
+  LoadLibraryW(path.c_str());
+  HMODULE found = nullptr;
+  EXPECT_TRUE(GetModuleHandleExW(
+      kFlags, reinterpret_cast<LPCWSTR>(reinterpret_cast<void*>(function)), &found));
+  EXPECT_EQ(found, module);
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(FreeLibrary(module));
+  EXPECT_EQ(port::LoadCount(path), 1);
+  port::UnregisterModule(path);
+}
+
 TEST(Faults, NthCallFailsAndTheOthersDoNot) {
   port::ClearFaults();
   port::FailCall("CreateEventA", 2, ERROR_NOT_ENOUGH_MEMORY);

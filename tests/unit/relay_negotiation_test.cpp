@@ -12,6 +12,9 @@
 #include "route/decision.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/loopback.h"
+#ifndef _WIN32
+#include "port/shared/faults.h"
+#endif
 
 namespace moru_vyr::lsp {
 namespace {
@@ -136,6 +139,24 @@ TEST_F(Negotiation, AnAnswerOfTheFirstVersionHasNoLastNode) {
   EXPECT_TRUE(log.Contains("last_node:(node_id=0, ip=0.0.0.0, port=0, accl_token=0), token=9\n"));
 }
 
+// The version decides, not what the node has put there.
+TEST_F(Negotiation, AnAnswerBelowTheSecondVersionHasNoLastNodeWhateverItsBytesSay) {
+  for (const int version : {0, 1, 2}) {
+    test::LogCapture log(5);
+    test::StreamPair fresh;
+    TcpNegotiation attempt;
+    ASSERT_TRUE(attempt.SendTcpNegotiation(&wishes, fresh.here, 9, 1, 2, 0, &guid, &decision));
+    std::string wire = Wire(GoodAnswer());
+    wire[7] = static_cast<char>(version);
+    fresh.OtherEndSays(wire);
+    EXPECT_EQ(attempt.ParseTcpNegotiation(&decision, &reason), 0) << version;
+    EXPECT_TRUE(log.Contains(version < 2 ? "last_node:(node_id=0, ip=0.0.0.0, port=0, accl_token=0)"
+                                         : "last_node:(node_id=12, ip=198.51.100.21, port=6000, "
+                                           "accl_token=88)"))
+        << version << log.Text();
+  }
+}
+
 TEST_F(Negotiation, EachBadAnswerHasItsReason) {
   const std::string good = Wire(GoodAnswer());
   std::string wrong_magic = good;
@@ -183,6 +204,39 @@ TEST_F(Negotiation, ANodeThatClosesHasFailed) {
   EXPECT_EQ(negotiation.ParseTcpNegotiation(&decision, &reason), -1);
   EXPECT_EQ(reason, 205u);
 }
+
+#ifndef _WIN32
+struct NegotiationErrors : Negotiation {
+  ~NegotiationErrors() override {
+    port::SuccessKeepsLastError(false);
+    port::SuccessLeavesLastError(0);
+  }
+  int HearTheEnd() {
+    EXPECT_TRUE(Ask());
+    u8 request[73];
+    EXPECT_EQ(recv(pair.there, reinterpret_cast<char*>(request), sizeof request, 0), 73);
+    pair.there.Close();
+    EXPECT_TRUE(test::BecomesReadable(pair.here));
+    WSASetLastError(WSAEWOULDBLOCK);
+    return negotiation.ParseTcpNegotiation(&decision, &reason);
+  }
+};
+
+// What some earlier call has left as the last error says nothing about the node.
+TEST_F(NegotiationErrors, AnErrorOfAnEarlierCallDoesNotHideThatTheNodeHasClosed) {
+  port::SuccessKeepsLastError(true);
+  EXPECT_EQ(HearTheEnd(), -1);
+  EXPECT_EQ(reason, 205u);
+}
+
+// Kept: where the call that saw the end says so itself, the node counts as one that has said
+// nothing so far.
+TEST_F(NegotiationErrors, AnEndThatSaysItWouldBlockIsNeitherAnAnswerNorAFailure) {
+  port::SuccessLeavesLastError(WSAEWOULDBLOCK);
+  EXPECT_EQ(HearTheEnd(), 1);
+  EXPECT_EQ(reason, 205u);
+}
+#endif
 
 TEST_F(Negotiation, ARefusalKeepsItsNumberAndStillSaysWhoTheClientIs) {
   NegoResponse refusal = GoodAnswer();

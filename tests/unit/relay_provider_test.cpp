@@ -99,6 +99,23 @@ TEST(NetProvider, LocalAddressIsLoopback) {
 
 using test::HandTurned;
 
+// The loop, which remembers whom it was to tell of writability.
+struct NotingLoop final : IRelaySocketMgr {
+  u32 AddSocket(SOCKET s, IRelaySocketDelegate* d) noexcept override {
+    return turned.AddSocket(s, d);
+  }
+  u32 EnableWrite(SOCKET s) noexcept override {
+    writers.push_back(s);
+    return turned.EnableWrite(s);
+  }
+  IRelaySocketDelegate* RemoveSocket(SOCKET s) noexcept override { return turned.RemoveSocket(s); }
+  u32 NextToken() noexcept override { return turned.NextToken(); }
+  void Turn() { turned.Turn(); }
+
+  HandTurned turned;
+  std::vector<SOCKET> writers;
+};
+
 struct StreamProvider : testing::Test {
   StreamProvider() {
     test::StartWinsock();
@@ -120,6 +137,24 @@ struct StreamProvider : testing::Test {
     *port = address.sin_port;
     return s;
   }
+  // In network order.
+  u16 ListenerPort() const {
+    sockaddr_in address;
+    provider.GetLocalAddr(&address);
+    return address.sin_port;
+  }
+  // What stands behind those words, to the line's end.
+  static std::string LineWith(const test::LogCapture& log, const std::string& words) {
+    const std::string text = log.Text();
+    const std::size_t at = text.find(words);
+    if (at == text.npos) return "";
+    const std::size_t begin = at + words.size();
+    return text.substr(begin, text.find('\n', begin) - begin);
+  }
+  static SOCKET SocketOf(const std::string& line) {
+    const std::size_t at = line.find("socket=");
+    return at == line.npos ? INVALID_SOCKET : static_cast<SOCKET>(std::stoul(line.substr(at + 7)));
+  }
   // Turns until the peer has closed, or gives up.
   bool IsClosedSoon(SOCKET s) {
     test::MakeNonBlocking(s);
@@ -133,7 +168,7 @@ struct StreamProvider : testing::Test {
     return false;
   }
 
-  HandTurned loop;
+  NotingLoop loop;
   Route route;  // knows nothing, so every connection goes to its server directly
   TcpProvider provider;
   sockaddr* relay_addr = nullptr;
@@ -165,6 +200,20 @@ TEST_F(StreamProvider, HandsOutItsListener) {
   EXPECT_EQ(address.sin_port, local.sin_port);
   EXPECT_NE(address.sin_port, 0);
   EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+}
+
+// A thread may still be connecting by what it was given when the worker ends and starts again.
+TEST_F(StreamProvider, WhatWasHandedOutStaysAsItWas) {
+  ASSERT_TRUE(Request(htons(4000), "198.51.100.10", 1));
+  const auto* const first = reinterpret_cast<const sockaddr_in*>(relay_addr);
+  const sockaddr_in copy = *first;
+  provider.Uninit();
+  ASSERT_TRUE(provider.Init(&loop, &route));
+  ASSERT_TRUE(Request(htons(4001), "198.51.100.10", 2));
+  EXPECT_EQ(std::memcmp(first, &copy, sizeof copy), 0);
+  sockaddr_in local;
+  provider.GetLocalAddr(&local);
+  EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(relay_addr)->sin_port, local.sin_port);
 }
 
 TEST_F(StreamProvider, RefusesToAnswerNowhere) {
@@ -208,6 +257,7 @@ TEST_F(StreamProvider, AStrangerIsAcceptedAndClosedAndTheNextOneToo) {
 // The server is one of ours on the loopback interface; bytes go both ways, and the first request
 // for a port is the one that counts.
 TEST_F(StreamProvider, AnAcceptedConnectionReachesItsServer) {
+  test::LogCapture log(4);
   sockaddr_in address;
   const test::OwnSocket listener(test::BoundSocket(SOCK_STREAM, &address));
   ASSERT_EQ(listen(listener, 1), 0);
@@ -224,6 +274,11 @@ TEST_F(StreamProvider, AnAcceptedConnectionReachesItsServer) {
     server.Reset(accept(listener, nullptr, nullptr));
   }
   ASSERT_NE(SOCKET{server}, INVALID_SOCKET);
+  const std::string line = LineWith(log, "[4][lsp][TCP]OnLocalServerAcceptable. peer_port=");
+  EXPECT_TRUE(line.starts_with(std::to_string(ntohs(port)) + ", local_port=" +
+                               std::to_string(ntohs(ListenerPort())) + ", socket="))
+      << line;
+  EXPECT_TRUE(line.ends_with(", token=9")) << line << ": the first request's";
   test::MakeNonBlocking(server);
   std::string heard;
   for (int i = 0; i < 500 && heard.size() < 5; ++i) {
@@ -249,6 +304,47 @@ TEST_F(StreamProvider, AnAcceptedConnectionReachesItsServer) {
   EXPECT_EQ(heard, "bye");
   // The port is free for another connection of the game.
   EXPECT_TRUE(Request(port, "198.51.100.11", 11));
+  EXPECT_TRUE(log.Contains("CreateNewSession succeed, socket=77, token=11\n")) << log.Text();
+}
+
+// The listener's sockets inherit it: the last piece of what a server says must not wait for the
+// game to confirm the one before.
+TEST_F(StreamProvider, NeitherSideWaitsForSmallPiecesToBeConfirmed) {
+  test::LogCapture log(4);
+  sockaddr_in address;
+  const test::OwnSocket listener(test::BoundSocket(SOCK_STREAM, &address));
+  ASSERT_EQ(listen(listener, 1), 0);
+  u16 port = 0;
+  const test::OwnSocket game(GameSocket(&port));
+  ASSERT_TRUE(provider.RequestTcpRelaySession(game, port, &address, &relay_addr, &relay_len, 9));
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  const char remote_line[] = "[TCP]ConnectToRemoteServer remote ";
+  for (int i = 0; i < 500 && !log.Contains(remote_line); ++i) loop.Turn();
+  for (const char* words : {"[TCP]OnLocalServerAcceptable. ", remote_line}) {
+    int value = 0;
+    int size = sizeof value;
+    EXPECT_EQ(getsockopt(SocketOf(LineWith(log, words)), IPPROTO_TCP, TCP_NODELAY,
+                         reinterpret_cast<char*>(&value), &size),
+              0);
+    EXPECT_NE(value, 0) << words;
+  }
+}
+
+// Kept: the remote socket is watched for writability whatever the connect came to. The error is a
+// detail at the lowest level.
+TEST_F(StreamProvider, AConnectThatFailsAtOnceIsWatchedAllTheSame) {
+  test::LogCapture log(0);
+  u16 port = 0;
+  const test::OwnSocket game(GameSocket(&port));
+  ASSERT_TRUE(Request(port, "0.0.0.0", 9));
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  for (int i = 0; i < 500 && !log.Contains("[TCP]ConnectToRemoteServer failed. "); ++i) loop.Turn();
+  const SOCKET remote = SocketOf(LineWith(log, "[4][lsp][TCP]ConnectToRemoteServer failed. "));
+  const std::string line = LineWith(log, "[0][lsp][TCP]connect [game] server failed. err=");
+  EXPECT_NE(line, "") << log.Text();
+  EXPECT_EQ(SocketOf(line), remote);
+  EXPECT_TRUE(line.ends_with(", token=9")) << line;
+  EXPECT_EQ(loop.writers, std::vector<SOCKET>{remote});
 }
 
 TEST_F(StreamProvider, EventsOfUnknownSocketsAreLoggedEachInItsWords) {

@@ -14,6 +14,7 @@
 #include "tests/unit/log_capture.h"
 #include "tests/unit/out_of_memory.h"
 #include "tests/unit/report_client.h"
+#include "tests/unit/single_step.h"
 #include "tests/unit/threads.h"
 #include "tracker/reports.h"
 
@@ -233,6 +234,32 @@ TEST_P(ReportSlots, AreTakenWhateverTheirFirstByteSays) {
   report().make(7);
   EXPECT_EQ(*region.Slot(0), 0xff);
   EXPECT_EQ(region.Mark(2, report().mark_at), 7u);
+}
+
+// A process may be ended between any two writes, and the mutex goes to the next all the same.
+TEST_P(ReportSlots, AreFreeOrWholeAfterEachWrite) {
+  if (!test::CanStep()) GTEST_SKIP() << "no steps here";
+  common::SetLogThreshold(6);
+  Region region(channel());
+  u8* const slot = region.Slot(0);
+  const std::size_t size = channel().slot_size;
+  report().make(1);
+  const std::vector<u8> whole(slot, slot + size);
+  std::memset(slot, 0xee, size);  // what an earlier report left
+  *slot = 0;
+  std::vector<u8> seen(slot, slot + size);
+  int writes = 0, torn = 0;
+  test::StepThrough([&] { report().make(1); },
+                    [&] {
+                      if (std::memcmp(seen.data(), slot, size) == 0) return;
+                      std::memcpy(seen.data(), slot, size);
+                      ++writes;
+                      if (*slot != 0 && std::memcmp(whole.data(), slot, size) != 0) ++torn;
+                    });
+  common::SetLogThreshold(0);
+  EXPECT_EQ(std::vector<u8>(slot, slot + size), whole);
+  EXPECT_GT(writes, 2) << "the steps are not seen";
+  EXPECT_EQ(torn, 0) << "of " << writes << " writes";
 }
 
 TEST_P(ReportSlots, AreNotMadeWhereTheClientHasMadeNone) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/named_mutex.h"
+#include "tests/unit/out_of_memory.h"
 #include "tests/unit/route_fixture.h"
 #include "tests/unit/threads.h"
 
@@ -353,7 +354,7 @@ TEST_F(DecisionTest, MissingLaunchTestLeavesTheTablesChoice) {
   EXPECT_TRUE(Decide());
   EXPECT_EQ(info.selected_proxy.proxy_idc, 1u);
   EXPECT_EQ(info.glt_route_info.game_idc, 0u);
-  Say("[4][lsp][Route][LoadGltRouteInfoFromShare] open glt table from shared memory failed,share "
+  Say("[5][lsp][Route][LoadGltRouteInfoFromShare] open glt table from shared memory failed,share "
       "mem is not exist!");
   Say("[4][lsp][Route][RefineByGltRouteInfo] load glt route table failed");
 }
@@ -389,7 +390,7 @@ TEST_F(DecisionTest, NullPlacesAreRefused) {
   route.FillAccDecisionInfo(&Entry(), &proxy, {}, nullptr);
   Say("[4][lsp][Route][FillAccDecisionInfo] Invalid decision info pointer");
   EXPECT_FALSE(route.launch_test().LoadGltRouteInfoFromShare(1001, nullptr));
-  Say("[4][lsp][Route][LoadGltRouteInfoFromShare] Invalid glt route info pointer");
+  Say("[5][lsp][Route][LoadGltRouteInfoFromShare] Invalid glt route info pointer");
 }
 
 // --- GetServerLag ------------------------------------------------------------------------------
@@ -492,10 +493,25 @@ TEST_F(LaunchTestTest, MutexIsLetGoOnEveryPath) {
   EXPECT_FALSE(Load(1001));
   EXPECT_TRUE(is_free());
   EXPECT_TRUE(
-      log.Contains("[4][lsp][Route][LoadGltRouteInfoFromShare] attampt to open glt route "
+      log.Contains("[5][lsp][Route][LoadGltRouteInfoFromShare] attampt to open glt route "
                    "sharing region but failed!\n"));
   region->header.minor_ver = 36;
   EXPECT_TRUE(Load(1001)) << "it is looked at anew";
+}
+
+TEST_F(LaunchTestTest, RegionThatNobodyHasMemoryForIsLookedForAgain) {
+  ClientRegion<LaunchTestRegion> region(kLaunchTestRegionName);
+  AddGlt(region.region(), 1001, 2, "198.51.100.2");
+  {
+    const test::OutOfMemory none(1, sizeof(common::Shared_mem_obj));
+    EXPECT_FALSE(Load(1001));
+    EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  }
+  EXPECT_TRUE(
+      log.Contains("[5][lsp][Route][LoadGltRouteInfoFromShare] open glt table from shared memory "
+                   "failed!\n"))
+      << log.Text();
+  EXPECT_TRUE(Load(1001));
 }
 
 TEST_F(LaunchTestTest, ThreadsThatMeetAtTheFirstLookupAllFindTheRecord) {

@@ -171,7 +171,7 @@ TEST_F(SpurBeat, ChangeIsPickedUpAtTheNextBeatHoweverOftenItIsSignalled) {
   route.OnUpdate(1);
   EXPECT_TRUE(Loaded());
   EXPECT_TRUE(
-      log.Contains("[4][lsp][Route][OnUpdate] Spur iplist content has changed, reload it!\n"));
+      log.Contains("[5][lsp][Route][OnUpdate] Spur iplist content has changed, reload it!\n"));
 
   // Signalled several times, loaded once; without a signal not at all.
   Signal();

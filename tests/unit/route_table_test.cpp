@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "route/route_file.h"
+#include "tests/unit/out_of_memory.h"
 #include "tests/unit/route_fixture.h"
 #include "tests/unit/temp_dir.h"
 #include "tests/unit/threads.h"
@@ -134,7 +135,7 @@ TEST_F(RouteTableTest, FileOfAnyOtherSizeIsRefused) {
     EXPECT_FALSE(table().LoadRoute());
     EXPECT_FALSE(table().HasRouteTable());
     EXPECT_TRUE(log.Contains(
-        "[4][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
+        "[5][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
         "failed:file(" +
         path + ") file size(" + std::to_string(size) + ") not match data size(65668)\n"));
   }
@@ -150,7 +151,7 @@ TEST_F(RouteTableTest, FileThatIsNotThereIsTriedAndNamedWithItsError) {
   EXPECT_FALSE(table().LoadRoute());
   EXPECT_GE(GetTickCount() - before, 5u) << "five tries, with a pause after each";
   EXPECT_TRUE(
-      log.Contains("[4][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
+      log.Contains("[5][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
                    "failed:file(" +
                    path + ") CreateFileW failed(error=2)\n"));
 }
@@ -176,11 +177,11 @@ TEST_F(RouteTableTest, PathsThatCannotBeOpenedSayWhy) {
   EXPECT_EQ(log.Text(), "") << "our own mistakes are silent";
   EXPECT_FALSE(LoadRouteFromBinFile("", buffer, 4));
   EXPECT_TRUE(
-      log.Contains("[4][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
+      log.Contains("[5][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
                    "failed,file_path is empty\n"));
   EXPECT_FALSE(LoadRouteFromBinFile("C:\\\xFF\x80.bin", buffer, 4));
   EXPECT_TRUE(
-      log.Contains("[4][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
+      log.Contains("[5][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
                    "failed,route_binary_file_path u8to16(C:\\\xFF\x80.bin) failed\n"));
 }
 
@@ -260,6 +261,24 @@ TEST_F(RouteTableTest, RegionThatIsTooSmallGivesNothing) {
   EXPECT_TRUE(table().LoadRoute()) << "kept: it exists, so it is taken, and the file is not tried";
   EXPECT_EQ(table().SelectRouteSet(nullptr), nullptr);
   EXPECT_FALSE(table().FindRouteEntry(0, nullptr).has_value());
+}
+
+TEST_F(RouteTableTest, RegionThatNobodyHasMemoryForLeavesTheFile) {
+  RouteClient region;
+  SetRouteFile(WriteRouteFile());
+  {
+    const test::OutOfMemory none(1, sizeof(common::Shared_mem_obj));
+    EXPECT_FALSE(table().LoadRoute());
+    EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  }
+  EXPECT_FALSE(table().HasRouteTable());
+  EXPECT_TRUE(
+      log.Contains("[5][lsp][Route][LoadRoute] open route table from shared memory "
+                   "failed,mem_obj is null!\n"))
+      << log.Text();
+  EXPECT_TRUE(log.Contains("[5][lsp][Route][LoadRoute] load route table from file failed!\n"));
+  EXPECT_TRUE(table().LoadRoute()) << "a later look finds the region";
+  EXPECT_FALSE(table().LoadRoute()) << "and it was the region";
 }
 
 TEST_F(RouteTableTest, CopiesOfEntriesOutliveWhatTheClientDoesNext) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "common/named_mutex.h"
+#include "tests/unit/out_of_memory.h"
 #include "tests/unit/route_fixture.h"
 #include "tests/unit/threads.h"
 
@@ -27,6 +28,11 @@ class RouteTables : public test::RoutePolicy {
     });
     return free;
   }
+
+  // The client's own handles: the last one takes a mutex with it, and a new one is always free.
+  const common::NamedMutex ip_mutex{kIpTableMutexName};
+  const common::NamedMutex spur_mutex{kSpurMutexName};
+  const common::NamedMutex blacklist_mutex{kBlacklistMutexName};
 };
 
 // --- IP table --------------------------------------------------------------------------------
@@ -114,17 +120,13 @@ TEST_F(RouteTables, IpTableRegionOfAnotherVersionReadsAsAbsent) {
       "[4][Shared_mem_obj]Shared_mem_obj(vyr_iptable_share_mem,size=655380) open "
       "failed,structure not match, shared_mem_size=655380, major_ver=1, minor_ver=35\n"));
   EXPECT_TRUE(
-      log.Contains("[4][lsp][Route][LoadIpTable] read route table from shared memory "
+      log.Contains("[5][lsp][Route][LoadIpTable] read route table from shared memory "
                    "failed, mem_addr=null\n"));
   region->header = {655380, 1, 36};
   EXPECT_TRUE(route.ip_table().LoadIpTable()) << "a later try takes it";
 }
 
 TEST_F(RouteTables, RegionThatIsTooSmallReadsAsAbsent) {
-  // The client's own handles: a mutex that we kept would stay taken.
-  common::NamedMutex ip_mutex(kIpTableMutexName);
-  common::NamedMutex spur_mutex(kSpurMutexName);
-  common::NamedMutex blacklist_mutex(kBlacklistMutexName);
   ClientRegion<IpTableRegion> ips(kIpTableRegionName, 4096);
   ClientRegion<SpurRegion> spurs(kSpurRegionName, 4096);
   ClientRegion<BlacklistRegion> blacklist(kBlacklistRegionName, 4096);
@@ -135,11 +137,39 @@ TEST_F(RouteTables, RegionThatIsTooSmallReadsAsAbsent) {
       log.Contains("[Route][LoadIpTable] read route table from shared memory failed, "
                    "mem_addr=null\n"));
   EXPECT_TRUE(
-      log.Contains("[4][lsp]LoadSpurIplistTable read route table from shared memory "
+      log.Contains("[5][lsp]LoadSpurIplistTable read route table from shared memory "
                    "failed, mem_addr=null\n"));
   EXPECT_TRUE(
-      log.Contains("[4][lsp]LoadBlacklistTable read route table from shared memory "
+      log.Contains("[5][lsp]LoadBlacklistTable read route table from shared memory "
                    "failed, mem_addr=null\n"));
+  EXPECT_TRUE(IsFree(kIpTableMutexName));
+  EXPECT_TRUE(IsFree(kSpurMutexName));
+  EXPECT_TRUE(IsFree(kBlacklistMutexName));
+}
+
+// A table that there is no memory for stays as it was, and says so.
+TEST_F(RouteTables, RegionThatNobodyHasMemoryForIsNotRead) {
+  ClientRegion<IpTableRegion> ips(kIpTableRegionName);
+  ClientRegion<SpurRegion> spurs(kSpurRegionName);
+  ClientRegion<BlacklistRegion> blacklist(kBlacklistRegionName);
+  LoadBlacklist({{5, Ip("203.0.113.1"), 80, 1, {}}});
+  LoadSpurs({{7301, Ip("203.0.113.1")}});
+  {
+    const test::OutOfMemory none(1, sizeof(SpurRegion));  // the smallest of the copies
+    EXPECT_FALSE(route.ip_table().LoadIpTable());
+    route.spur_list().LoadSpurIplistTable();
+    route.blacklist().LoadBlacklistTable();
+  }
+  for (const char* const line :
+       {"[4][lsp][Route][LoadIpTable] read iptable from shared memory failed, iptable_pointer "
+        "alloc failed with null\n",
+        "[4][lsp]LoadSpurIplistTable read iptable from shared memory failed, iptable_pointer "
+        "alloc failed with null\n",
+        "[4][lsp]LoadBlacklistTable read iptable from shared memory failed, iptable_pointer "
+        "alloc failed with null\n"})
+    EXPECT_TRUE(log.Contains(line)) << line << log.Text();
+  EXPECT_TRUE(route.spur_list().Find(Ip("203.0.113.1")).has_value());
+  EXPECT_EQ(route.blacklist().size(), 1u);
   EXPECT_TRUE(IsFree(kIpTableMutexName));
   EXPECT_TRUE(IsFree(kSpurMutexName));
   EXPECT_TRUE(IsFree(kBlacklistMutexName));
@@ -307,7 +337,7 @@ TEST_F(RouteTables, PortMapTakesPortsAndPassesOverRecordsWithoutDataCentre) {
   EXPECT_EQ(*route.port_map().First(), 13u) << "the lowest port's";
   EXPECT_EQ(route.port_map().Find(81), nullptr);
   EXPECT_EQ(route.port_map().all_port_idc(), 0u);
-  EXPECT_TRUE(log.Contains("[4][lsp][Route]LoadPortIdcTable, invalid port idc record, pass\n"));
+  EXPECT_TRUE(log.Contains("[5][lsp][Route]LoadPortIdcTable, invalid port idc record, pass\n"));
   EXPECT_TRUE(log.Contains("[4][lsp][Route]LoadPortIdcTable, port=443, idc=12\n"));
 }
 

@@ -19,6 +19,7 @@ void Note(const char* name, T... arguments) {
 }
 
 int Answer(LPINT error) {
+  current->meanwhile();
   if (current->result != 0 && error != nullptr) *error = current->error;
   return current->result;
 }

@@ -7,6 +7,7 @@
 #include <ws2spi.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -51,6 +52,9 @@ class ScriptedProvider {
   DWORD bytes = 0;
   bool stores_bytes = true;
   sockaddr_in address{};
+
+  // What else happens in the meantime, just before a call returns.
+  std::function<void()> meanwhile = [] {};
 
   bool known_at_close = false;  // the last WSPCloseSocket still found a record of its socket
 

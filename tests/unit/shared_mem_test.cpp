@@ -236,6 +236,20 @@ TEST_F(SharedMem, RecordTooShortForAHeaderShowsNoNumbers) {
       << log.Text();
 }
 
+// Its version has no place, so nothing can say that it is the right one.
+TEST_F(SharedMem, RecordTooShortForAHeaderPassesNoCheck) {
+  test::LogCapture log;
+  Shared_mem_obj object = Plain(8);
+  RawView raw(name_, 8);
+  EXPECT_EQ(raw.Get(0), 8u);
+  EXPECT_EQ(raw.Get(4), 1u);
+  EXPECT_EQ(object.Open(kOpenForReading, true), nullptr);
+  object.Close();
+  EXPECT_TRUE(log.Contains("shared_mem_size=-1, major_ver=-1, minor_ver=-1\n")) << log.Text();
+  EXPECT_NE(object.Open(kOpenForReading, false), nullptr);
+  object.Close();
+}
+
 TEST_F(SharedMem, MappingSmallerThanTheRecordIsNoRegion) {
   // A page, because whole pages are mapped; the record asked for is larger than that.
   const HANDLE small =

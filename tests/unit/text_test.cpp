@@ -154,22 +154,27 @@ TEST(CombineLoss, JoinsIndependentLosses) {
   }
 }
 
-// The sums were taken on x86-64. A machine that rounds otherwise, or keeps more digits between
-// the steps, truncates some of the 65536 pairs to a neighbour.
-TEST(CombineLoss, TruncatesAlikeOnEveryMachine) {
-  EXPECT_EQ(CombineLoss(10, 0), 9);  // 0.9 is stored a little too large
-  EXPECT_EQ(CombineLoss(255, 255), -140);
-  long long sum = 0;
-  unsigned hash = 2166136261u;
-  for (int a = 0; a < 256; ++a) {
-    for (int b = 0; b < 256; ++b) {
+// Nothing is lost to rounding: what comes out whole stays whole.
+TEST(CombineLoss, TruncatesTheExactFigure) {
+  EXPECT_EQ(CombineLoss(10, 0), 10);
+  EXPECT_EQ(CombineLoss(0, 29), 29);
+  EXPECT_EQ(CombineLoss(10, 20), 28);
+  EXPECT_EQ(CombineLoss(33, 33), 55);  // 55.11
+  EXPECT_EQ(CombineLoss(1, 1), 1);     // 1.99
+  for (int a = 0; a <= 100; ++a) {
+    for (int b = 0; b <= 100; ++b) {
       const int loss = CombineLoss(static_cast<common::u8>(a), static_cast<common::u8>(b));
-      sum += loss;
-      hash = (hash ^ static_cast<unsigned>(loss)) * 16777619u;
+      const int in_ten_thousand = 100 * a + 100 * b - a * b;
+      EXPECT_LE(100 * loss, in_ten_thousand) << a << " and " << b;
+      EXPECT_GT(100 * loss + 100, in_ten_thousand) << a << " and " << b;
     }
   }
-  EXPECT_EQ(sum, 6031789);
-  EXPECT_EQ(hash, 961636290u);
+}
+
+TEST(CombineLoss, TakesACodeForAPercentage) {
+  EXPECT_EQ(CombineLoss(0, 102), 102);
+  EXPECT_EQ(CombineLoss(10, 102), 101);
+  EXPECT_EQ(CombineLoss(255, 255), -140);
 }
 
 }  // namespace

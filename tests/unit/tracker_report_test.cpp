@@ -35,7 +35,8 @@ TEST_F(TrackerReports, StartSaysWhichProcessLogsWhere) {
   ASSERT_EQ(UsedSlots(client.loaded), 1);
   EXPECT_EQ(client.loaded->slots[0].game_id, 7u);
   EXPECT_STREQ(client.loaded->slots[0].process_name, "dawn.exe");
-  EXPECT_EQ(client.loaded->slots[0].is_x64, 0);
+  EXPECT_EQ(client.loaded->slots[0].is_x64, sizeof(void*) == 8 ? 1 : 0);
+  EXPECT_EQ(before.is_x64, sizeof(void*) == 8);
   EXPECT_EQ(UsedSlots(client.decisions) + UsedSlots(client.traffic), 0);
 }
 

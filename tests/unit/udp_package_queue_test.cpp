@@ -99,6 +99,44 @@ TEST(UdpPackageQueue, OldestOfEqualEntriesComesFirst) {
   EXPECT_EQ(Find(&queue, "same"), 3);
 }
 
+// By its number, since the bytes of a datagram that is still being sent may be gone.
+TEST(UdpPackageQueue, TakesBackThatVeryEntryAndNoOther) {
+  test::LogCapture log;
+  UdpPackageQueue queue;
+  const Buffers same{"same"};
+  u64 numbers[3] = {};
+  for (u16 i = 0; i < 3; ++i) {
+    const sockaddr_in address = Address(static_cast<u16>(i + 1));
+    ASSERT_TRUE(queue.Push(same.data(), same.count(), &address, &numbers[i]));
+    EXPECT_NE(numbers[i], 0u);
+  }
+  EXPECT_TRUE(queue.Remove(numbers[1]));
+  EXPECT_TRUE(log.Contains("UdpPackageQueue::FindAddrThenRemove remove queue, current size=2"));
+  EXPECT_FALSE(queue.Remove(numbers[1])) << "it is gone";
+  EXPECT_FALSE(queue.Remove(0)) << "the number of none";
+  EXPECT_TRUE(log.Contains("[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove Not Found"));
+  EXPECT_EQ(Find(&queue, "same"), 1);
+  EXPECT_EQ(Find(&queue, "same"), 3);
+  EXPECT_FALSE(queue.Remove(numbers[0]));
+  EXPECT_TRUE(log.Contains("[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove queue size=0"));
+}
+
+// The memory of an entry that is gone serves the next one; the number does not.
+TEST(UdpPackageQueue, ANumberIsNeverUsedAgain) {
+  UdpPackageQueue queue;
+  const Buffers one{"one"};
+  const sockaddr_in address = Address(1);
+  u64 first = 0, second = 0, refused = 7;
+  ASSERT_TRUE(queue.Push(one.data(), one.count(), &address, &first));
+  EXPECT_EQ(Find(&queue, "one"), 1);
+  ASSERT_TRUE(queue.Push(one.data(), one.count(), &address, &second));
+  EXPECT_FALSE(queue.Remove(first));
+  EXPECT_TRUE(queue.Remove(second));
+  const Buffers too_long{std::string(2049, 'x')};
+  EXPECT_FALSE(queue.Push(too_long.data(), too_long.count(), &address, &refused));
+  EXPECT_EQ(refused, 7u);
+}
+
 TEST(UdpPackageQueue, ComparesOverTheBoundariesOfBuffers) {
   UdpPackageQueue queue;
   const sockaddr_in first = Address(1), second = Address(2);

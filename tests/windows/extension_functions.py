@@ -49,7 +49,7 @@ def main():
         wait_until(lambda: len(bench.node.games()) >= CONNECTIONS)
         checks.equal(bench.node.games(), asked, "the node is asked for every connection")
         found, without = modules(game), modules(alone)
-        checks.equal(found.pop("ConnectEx", None), "vyr_lsp.dll", "whose ConnectEx it is")
+        checks.equal(found.pop("ConnectEx", None), runner.library.name, "whose ConnectEx it is")
         without.pop("ConnectEx", None)
         checks.equal(found, without, "whose the others are")
         log = bench.log()

@@ -26,7 +26,7 @@ class Stage:
             support.skip(f"no node at {arguments.node}; the posix preset builds it")
         self.checks = support.Checks()
         self.runner = support.Runner(arguments)
-        self.program = real_programs.programs_folder() / "ffmpeg.exe"
+        self.program = real_programs.programs_folder(self.runner.kind) / "ffmpeg.exe"
         self.node = relay_bench.Node(arguments.node)
 
     def fetch(self, what, file, library, through_the_node):
@@ -39,7 +39,7 @@ class Stage:
             (folder / "vyr_lsp_test.ini").write_text(file)
         url = f"http://{server.address}/tone.wav"
         done = self.runner.wine(
-            [self.runner.bin / "vyr_run.exe", "--trace", support.windows_path(folder / "trace.jsonl"),
+            [self.runner.launcher, "--trace", support.windows_path(folder / "trace.jsonl"),
              "--library", support.windows_path(library), "--",
              support.windows_path(folder / "ffmpeg.exe"), "-v", "error", "-i", url, "-f", "s16le",
              "-c:a", "pcm_s16le", "out.pcm"],
@@ -63,8 +63,8 @@ class Stage:
 def main():
     stage = Stage(relay_bench.parse_arguments())
     checks = stage.checks
-    developers = stage.runner.probes / "vyr_lsp_test.dll"
-    product = stage.runner.bin / "vyr_lsp.dll"
+    developers = stage.runner.probes / f"{stage.runner.library.stem}_test.dll"
+    product = stage.runner.library
     try:
         said = stage.fetch("with the file", FILE, developers, True)
         wanted = f"Game Test Init, ip={relay_bench.NODE}, port={relay_bench.NODE_PORT}, net_mode=24, log_level=4"

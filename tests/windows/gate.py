@@ -135,7 +135,7 @@ def check_second_copy(gate):
     for name, extra, first in (("net_probe.exe", ["-test"], HOOKED), ("program.exe", [], 0)):
         folder = gate.runner.stage(gate.arguments.probes / "second_copy.exe", name)
         copy = folder / "second.dll"
-        shutil.copy(gate.arguments.bin / "vyr_lsp.dll", copy)
+        shutil.copy(gate.runner.library, copy)
         result = gate.run(name, support.windows_path(copy), *extra, folder=folder)
         what = f"second copy in {name}"
         gate.checks.that("WSPStartup of the copy: 0" in result.output, f"{what}: starts", result.output)

@@ -11,7 +11,7 @@ def main():
     arguments = support.parse_arguments()
     checks = support.Checks()
     runner = support.Runner(arguments)
-    run = arguments.bin / "vyr_run.exe"
+    run = runner.launcher
     cmd = "C:\\windows\\system32\\cmd.exe"
 
     def launch(*words, **options):
@@ -28,13 +28,17 @@ def main():
     checks.that(code == 120 and "--trace needs a value" in err, "option without its value", err)
     code, _, err = launch("--bare", "--library", "x.dll", cmd)
     checks.that(code == 120 and "--bare" in err, "--bare with a library", err)
+    code, _, err = launch("--guids")
+    checks.that(code == 120 and "--guids needs a value" in err, "choice without its value", err)
+    code, _, err = launch("--cleanup", "never", "x")
+    checks.that(code == 120 and "--cleanup is before or after" in err, "word that is no choice", err)
     code, _, err = launch("no_such_program")
     checks.that(code == 127 and "no_such_program" in err, "program not found", err)
     text = runner.folder / "text.exe"
     text.write_text("not a program")
     code, _, err = launch(support.windows_path(text))
     checks.that(code == 126 and "text.exe" in err, "not a program", err)
-    code, _, err = launch(support.windows_path(arguments.bin / "vyr_lsp.dll"))
+    code, _, err = launch(support.windows_path(runner.library))
     checks.that(code == 126, "a DLL is not a program", err)
     code, _, err = launch("--library", "missing.dll", cmd, "/c", "exit")
     checks.that(code == 122 and "missing.dll" in err, "library not found", err)
@@ -45,7 +49,7 @@ def main():
     lonely = runner.folder / "lonely"
     lonely.mkdir()
     shutil.copy(run, lonely)
-    done = runner.wine([lonely / "vyr_run.exe", "--bare", cmd, "/c", "exit"], lonely)
+    done = runner.wine([lonely / run.name, "--bare", cmd, "/c", "exit"], lonely)
     checks.equal(done.returncode, 121, "no host beside vyr_run")
 
     for code_wanted in (0, 1, 42, 255):

@@ -103,7 +103,7 @@ class Stage:
         return new
 
     def start(self, program):
-        command = [self.runner.bin / "vyr_run.exe", support.windows_path(program)]
+        command = [self.runner.launcher, support.windows_path(program)]
         game = Conversation(command, program.parent)
         self.bench.running.callback(game.end)
         return game

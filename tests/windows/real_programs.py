@@ -23,11 +23,12 @@ PLAYER = "198.51.100.1" if os.environ.get("VYR_TESTBED") else "127.0.0.1"
 SERVED_NAME = "SpeedTester.exe"
 
 
-def programs_folder():
-    script = support.ROOT / "scripts" / "fetch_programs.sh"
-    if subprocess.run([script, "--check"], check=False).returncode != 0:
-        support.skip("the third-party programs are not there; scripts/fetch_programs.sh gets them")
-    path = subprocess.run([script, "--path"], capture_output=True, text=True, check=True)
+def programs_folder(kind="x86"):
+    script = [support.ROOT / "scripts" / "fetch_programs.sh"] + (["--x64"] if kind == "x64" else [])
+    if subprocess.run([*script, "--check"], check=False).returncode != 0:
+        words = " ".join(["scripts/fetch_programs.sh", *script[1:]])
+        support.skip(f"the third-party programs are not there; {words} gets them")
+    path = subprocess.run([*script, "--path"], capture_output=True, text=True, check=True)
     return pathlib.Path(path.stdout.strip())
 
 
@@ -80,7 +81,7 @@ class Program:
         if way == "none":
             return [support.WINE, program, *arguments], folder, trace
         options = ["--bare"] if way == "bare" else []
-        launcher = [self.runner.bin / "vyr_run.exe", "--trace", support.windows_path(trace)]
+        launcher = [self.runner.launcher, "--trace", support.windows_path(trace)]
         return [support.WINE, *launcher, *options, "--", program, *arguments], folder, trace
 
     def run(self, way, arguments):
@@ -218,7 +219,7 @@ def serve_http(checks, esbuild):
 
 def main():
     arguments = support.parse_arguments()
-    folder = programs_folder()
+    folder = programs_folder(arguments.kind)
     checks = support.Checks()
     runner = support.Runner(arguments)
     ffmpeg = Program(runner, folder / "ffmpeg.exe")

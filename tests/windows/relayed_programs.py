@@ -59,14 +59,14 @@ class Stage:
     def __init__(self, arguments):
         self.checks = support.Checks()
         self.runner = support.Runner(arguments)
-        programs = real_programs.programs_folder()
+        programs = real_programs.programs_folder(arguments.kind)
         self.paths = {}
         for name in ("ffmpeg.exe", "node.exe", "esbuild.exe"):
             self.paths[name] = self.runner.stage(programs / name, name) / name
         self.bench = relay_bench.Bench(arguments, self.runner, self.paths.values())
 
     def command(self, name, *arguments):
-        launcher = self.runner.bin / "vyr_run.exe"
+        launcher = self.runner.launcher
         words = [support.WINE, launcher, "--", support.windows_path(self.paths[name]), *arguments]
         return [str(word) for word in words]
 

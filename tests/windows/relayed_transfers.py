@@ -114,7 +114,7 @@ def main():
     bench = relay_bench.Bench(arguments, runner, [folder / "Game.exe"], log_level=5)
     server = PatternServer()
     with bench.running:
-        command = [runner.bin / "vyr_run.exe", support.windows_path(folder / "Game.exe"),
+        command = [runner.launcher, support.windows_path(folder / "Game.exe"),
                    relay_bench.SERVER, server.port]  # fmt: skip
         game = Conversation(command, folder)
         bench.running.callback(game.end)

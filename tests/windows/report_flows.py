@@ -160,7 +160,7 @@ class Stage:
     def play(self, lobby):
         servers = [f"{address}:{PORT}" for address in SERVERS]
         done = self.runner.wine(
-            [self.runner.bin / "vyr_run.exe", support.windows_path(self.game), "play", *servers,
+            [self.runner.launcher, support.windows_path(self.game), "play", *servers,
              "--lobby", f"{lobby}:{PORT}", "--rate", RATE, "--seconds", SECONDS, "--size", SIZE,
              "--json"], self.game.parent)  # fmt: skip
         self.checks.equal(done.returncode, 0, f"the game with the lobby at {lobby} plays")

@@ -111,7 +111,7 @@ class Game(Conversation):
         self.logs = bench.logs(name)
         self.connections = 0
         self.known_logs = set(self.logs.glob("*.log"))
-        command = [bench.runner.bin / "vyr_run.exe", support.windows_path(bench.folder / name)]
+        command = [bench.runner.launcher, support.windows_path(bench.folder / name)]
         super().__init__(command, bench.folder)
 
     def log(self):

@@ -25,6 +25,7 @@ import threading
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 WINE = ROOT / "scripts" / "wine"
 SERVER = "198.51.100.10" if os.environ.get("VYR_TESTBED") else "127.0.0.1"
+SUFFIXES = {"x86": "", "x64": "64"}  # behind the names of programs and DLLs
 REPLACED_ENTRIES = 12
 WAYS = ("none", "bare", "other", "served")
 LONGEST_RUN_S = 60
@@ -34,6 +35,7 @@ def parse_arguments(*extra):
     parser = argparse.ArgumentParser()
     parser.add_argument("--bin", type=pathlib.Path, required=True)
     parser.add_argument("--probes", type=pathlib.Path, required=True)
+    parser.add_argument("--kind", choices=tuple(SUFFIXES), default="x86", help="what was built")
     for name, options in extra:
         parser.add_argument(name, **options)
     arguments = parser.parse_args()
@@ -130,6 +132,9 @@ class Result:
     def starts(self):
         return [line for line in self.trace if "start" in line]
 
+    def cleanups(self):
+        return [line for line in self.trace if "cleanup" in line]
+
     def calls(self, through):
         return {
             line["call"]: line for line in self.trace if line.get("through") == through
@@ -152,7 +157,14 @@ class Runner:
         arguments.probes = arguments.probes.resolve()
         self.bin = arguments.bin
         self.probes = arguments.probes
+        self.kind = arguments.kind
+        self.launcher = self.file("vyr_run", ".exe")
+        self.library = self.file("vyr_lsp", ".dll")
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="vyr-probe-", dir=DRIVE_C))
+
+    def file(self, name, extension):
+        """One of the files that both kinds have, by the name that it has for ours."""
+        return self.bin / f"{name}{SUFFIXES[self.kind]}{extension}"
 
     def stage(self, program, name):
         """Copies a program, and the DLL that some probes have, into a fresh folder."""
@@ -163,18 +175,18 @@ class Runner:
             shutil.copy(module, folder)
         return folder
 
-    def launch(self, folder, name, arguments, options=()):
+    def launch(self, folder, name, arguments, options=(), timeout=LONGEST_RUN_S):
         """Under vyr_run, with a trace."""
         trace = folder / "trace.jsonl"
         command = [
-            self.bin / "vyr_run.exe",
+            self.launcher,
             "--trace",
             windows_path(trace),
             *options,
             windows_path(folder / name),
             *arguments,
         ]
-        completed = self.wine(command, folder)
+        completed = self.wine(command, folder, timeout=timeout)
         return Result(completed, read_trace(trace), folder)
 
     def wine(self, command, folder, **options):

@@ -60,7 +60,7 @@ def main():
     )
     server = demo_bed.GameServer(server_program, switch_run.SERVER)
     nodes = switch_run.start_nodes(arguments.node)
-    command = demo_bed.wine(runner.bin / "vyr_run.exe", "--", support.windows_path(game))
+    command = demo_bed.wine(runner.launcher, "--", support.windows_path(game))
     run = switch_run.Run(nodes, command, logs)
     runs = [(f"seed {FIRST_SEED + i}", FIRST_SEED + i, switch_run.LINK, 0) for i in range(RUNS)]
     if RUNS > 1:

@@ -77,7 +77,7 @@ class Stage:
                 support.skip(f"no {program}; the posix preset builds it")
         self.checks = support.Checks()
         self.runner = support.Runner(arguments)
-        programs = real_programs.programs_folder()
+        programs = real_programs.programs_folder(arguments.kind)
         sources = {"vyr_game.exe": self.runner.bin, "ffmpeg.exe": programs}
         self.paths = {name: self.runner.stage(folder / name, name) / name
                       for name, folder in sources.items()}  # fmt: skip
@@ -94,7 +94,7 @@ class Stage:
 
     def command(self, name):
         """Of a program with the library under it, given its arguments."""
-        launcher, program = self.runner.bin / "vyr_run.exe", support.windows_path(self.paths[name])
+        launcher, program = self.runner.launcher, support.windows_path(self.paths[name])
         return lambda *words: demo_bed.wine(launcher, "--", program, *words)
 
     def media(self):

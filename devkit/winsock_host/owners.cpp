@@ -1,0 +1,75 @@
+#include "owners.h"
+
+#include <winternl.h>
+
+#include <unordered_map>
+
+#include "not_started.h"
+#include "startup.h"
+
+namespace winsock_host {
+namespace {
+
+using ShutdownQuery = BOOLEAN(NTAPI*)();
+
+struct State {
+  SRWLOCK lock = SRWLOCK_INIT;  // guards owners; a leaf
+  std::unordered_map<SOCKET, const Provider*> owners;
+  const ShutdownQuery shutdown_in_progress =
+      reinterpret_cast<ShutdownQuery>(reinterpret_cast<void*>(
+          GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+};
+State& TheState() {
+  static State& state = *new State;  // never destroyed: threads outlive static destructors
+  return state;
+}
+
+}  // namespace
+
+OwnersLock::OwnersLock() : held_(true) {
+  State& state = TheState();
+  if (state.shutdown_in_progress != nullptr && state.shutdown_in_progress()) {
+    held_ = TryAcquireSRWLockExclusive(&state.lock) != FALSE;
+  } else {
+    AcquireSRWLockExclusive(&state.lock);
+  }
+}
+
+OwnersLock::~OwnersLock() {
+  if (held_) ReleaseSRWLockExclusive(&TheState().lock);
+}
+
+const Provider& OwnerOf(SOCKET s) {
+  const OwnersLock lock;
+  if (!lock.held()) return ProviderOfStrangers();
+  const auto& owners = TheState().owners;
+  const auto found = owners.find(s);
+  return found == owners.end() ? ProviderOfStrangers() : *found->second;
+}
+
+void Own(SOCKET s, const Provider& provider) {
+  const OwnersLock lock;
+  if (lock.held()) TheState().owners[s] = &provider;
+}
+
+const Provider* Disown(SOCKET s) {
+  const OwnersLock lock;
+  if (!lock.held()) return nullptr;
+  auto& owners = TheState().owners;
+  const auto found = owners.find(s);
+  if (found == owners.end()) return nullptr;
+  const Provider* owner = found->second;
+  owners.erase(found);
+  return owner;
+}
+
+void DisownAll() {
+  const OwnersLock lock;
+  if (lock.held()) TheState().owners.clear();
+}
+
+const Provider& ProviderOfStrangers() {
+  return IsStarted() ? DirectProvider() : RefusingProvider();
+}
+
+}  // namespace winsock_host

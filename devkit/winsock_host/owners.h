@@ -1,0 +1,42 @@
+// Which provider serves which socket.
+//
+// A socket is a provider's from the moment that the base provider has registered its handle under
+// the catalogue entry it was made for (upcalls.h), until it is closed or Winsock has ended. All
+// operations may be called from any thread.
+#pragma once
+
+#include <winsock2.h>
+
+#include <windows.h>
+
+#include "providers.h"
+
+namespace winsock_host {
+
+// Exclusive. Also for whoever ends a thread, which must not happen while that thread holds it.
+//
+// At process end the other threads are gone, and one of them may have held the lock. The calls
+// that still come (from static destructors) do without it rather than hang.
+class OwnersLock {
+ public:
+  OwnersLock();
+  ~OwnersLock();
+  OwnersLock(const OwnersLock&) = delete;
+  OwnersLock& operator=(const OwnersLock&) = delete;
+  bool held() const { return held_; }
+
+ private:
+  bool held_;
+};
+
+// A socket without an owner is served by ProviderOfStrangers().
+const Provider& OwnerOf(SOCKET s);
+void Own(SOCKET s, const Provider& provider);
+const Provider* Disown(SOCKET s);  // the owner that was recorded, or null
+void DisownAll();
+
+// Serves inherited sockets, ones made before the host came, and values that are no sockets: the
+// direct provider, or one that refuses everything while Winsock is not started.
+const Provider& ProviderOfStrangers();
+
+}  // namespace winsock_host

@@ -1,0 +1,43 @@
+#include "common/lock.h"
+
+#include "common/last_error.h"
+#include "common/own_thread.h"
+
+namespace common {
+namespace {
+
+// Tries that give way to other threads at once, before the next ones wait for a millisecond each:
+// a holder that has lost its processor is mostly back by then.
+constexpr u32 kYields = 64;
+constexpr u32 kTriesPerLook = 16;  // at whether the holder is still there
+
+}  // namespace
+
+bool Mutex::Take(bool inherits) noexcept {
+  const u32 self = BeginLock();
+  u32 holder = holder_.load(std::memory_order_relaxed);
+  if (holder == self) {
+    ++depth_;
+    return true;
+  }
+  const bool is_free = holder == 0 || (inherits && IsOwnName(holder) && HasEnded(holder));
+  if (is_free && holder_.compare_exchange_strong(holder, self, std::memory_order_acquire)) {
+    depth_ = 1;
+    return true;
+  }
+  EndLock(self);
+  return false;
+}
+
+void Mutex::AwaitLock() noexcept {
+  const KeepLastError keep_last_error;
+  for (u32 tries = 1; !Take(tries % kTriesPerLook == 0); ++tries) Sleep(tries < kYields ? 0 : 1);
+}
+
+void Mutex::unlock() noexcept {
+  const u32 holder = holder_.load(std::memory_order_relaxed);
+  if (--depth_ == 0) holder_.store(0, std::memory_order_release);
+  EndLock(holder);
+}
+
+}  // namespace common

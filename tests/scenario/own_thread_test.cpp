@@ -1,0 +1,208 @@
+// Threads of ours that are ended by force, and what they had locked. What is at stake: the game's
+// next call that needs such a lock must come back, and find whole what the lock guards.
+#include "common/own_thread.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "common/lock.h"
+#include "common/log_file.h"
+#include "port/sim/scenario.h"
+
+namespace {
+
+using common::EndByForce;
+using common::HasEnded;
+using common::Lock;
+using common::Mutex;
+using common::OwnThread;
+
+class OwnThreads : public sim::ScenarioTest {
+ protected:
+  // A thread of ours, which runs the body and then waits for its end.
+  void Starts(std::function<void()> body) {
+    body_ = std::move(body);
+    thread = CreateThread(nullptr, 0, Run, this, 0, &id);
+    RunFor(1ms);
+  }
+  common::u32 MsOf(const std::function<void()>& body) {
+    const common::u32 start = GetTickCount();
+    body();
+    return GetTickCount() - start;
+  }
+
+  HANDLE thread = nullptr;
+  DWORD id = 0;
+  common::u32 name = 0;
+  Mutex mutex;
+
+ private:
+  static DWORD WINAPI Run(LPVOID parameter) {
+    auto& self = *static_cast<OwnThreads*>(parameter);
+    const OwnThread own;
+    self.name = own.name();
+    self.body_();
+    Sleep(INFINITE);
+    return 0;
+  }
+  std::function<void()> body_;
+};
+
+SCENARIO_F(OwnThreads, HaveANameUntilTheyEnd) {
+  EXPECT_EQ(OwnThread::NameOfCaller(), 0u);
+  EXPECT_FALSE(HasEnded(0));
+  common::u32 inside = 0;
+  Starts([&] { inside = OwnThread::NameOfCaller(); });
+  EXPECT_NE(name, 0u);
+  EXPECT_EQ(inside, name);
+  EXPECT_FALSE(HasEnded(name));
+  EndByForce(thread, name);
+  EXPECT_TRUE(HasEnded(name));
+  const common::u32 first = name;
+  Starts([] {});
+  EXPECT_NE(name, first) << "a name is never another's";
+}
+
+SCENARIO_F(OwnThreads, ThatAStrangerEndsAreSeenToHaveEnded) {
+  Starts([] {});
+  TerminateThread(thread, 1);
+  EXPECT_TRUE(HasEnded(name));
+}
+
+// Names are few, and taken again.
+SCENARIO_F(OwnThreads, ThatHaveEndedMakeRoomForOthers) {
+  for (int i = 0; i < 20; ++i) {
+    Starts([] {});
+    EXPECT_NE(name, 0u) << i;
+    if (i % 2 == 0) {
+      EndByForce(thread, name);
+    } else {
+      TerminateThread(thread, 1);
+      EXPECT_TRUE(HasEnded(name));
+    }
+  }
+}
+
+SCENARIO_F(OwnThreads, ALockOfOneThatIsGoneGoesToTheNext) {
+  Starts([&] {
+    mutex.lock();
+    mutex.lock();
+  });
+  EXPECT_FALSE(mutex.try_lock());
+  EXPECT_FALSE(mutex.inherit_lock()) << "it lives";
+  TerminateThread(thread, 1);
+  EXPECT_FALSE(mutex.try_lock()) << "a try does not look";
+  EXPECT_LT(MsOf([&] { mutex.lock(); }), 5u);
+  world.Spawn(world.home(), "other", [&] { EXPECT_FALSE(mutex.inherit_lock()); });
+  RunFor(1ms);
+  mutex.unlock();  // once, however often the dead one had it
+  EXPECT_TRUE(mutex.try_lock());
+}
+
+// Whoever waits already when the holder ends.
+SCENARIO_F_SEEDS(OwnThreads, WaitersOfALockGetItOneAfterTheOther, 20) {
+  Starts([&] { mutex.lock(); });
+  int inside = 0, done = 0;
+  for (int i = 0; i < 5; ++i) {
+    world.Spawn(world.home(), "", [&] {
+      const Lock hold(mutex);
+      EXPECT_EQ(++inside, 1);
+      Sleep(static_cast<DWORD>(world.random().Below(3)));
+      --inside;
+      ++done;
+    });
+  }
+  RunFor(1s);
+  EXPECT_EQ(done, 0);
+  TerminateThread(thread, 1);
+  RunFor(1s);
+  EXPECT_EQ(done, 5);
+}
+
+// Only a thread of ours is ever taken for gone.
+SCENARIO_F(OwnThreads, ALockOfAnyOtherThreadStaysItsOwn) {
+  const DWORD other = world.Spawn(world.home(), "other", [&] {
+    mutex.lock();
+    Sleep(INFINITE);
+  });
+  RunFor(1ms);
+  world.Terminate(other);
+  EXPECT_FALSE(mutex.inherit_lock());
+}
+
+SCENARIO_F(OwnThreads, AreNotEndedInTheMiddleOfWhatALockGuards) {
+  int begun = 0, finished = 0;
+  Starts([&] {
+    for (;;) {
+      const Lock hold(mutex);
+      ++begun;
+      Sleep(30);
+      ++finished;
+    }
+  });
+  for (int i = 0; i < 1000 && begun == finished; ++i) RunFor(1ms);
+  ASSERT_NE(begun, finished);
+  EXPECT_LE(MsOf([&] { EndByForce(thread, name); }), 31u);
+  EXPECT_FALSE(world.IsRunning(id));
+  EXPECT_EQ(begun, finished);
+  EXPECT_TRUE(mutex.try_lock()) << "it was let go";
+}
+
+// Not between two locks either, of which it holds one.
+SCENARIO_F(OwnThreads, ThatHoldOneLockMayStillTakeAnother) {
+  Mutex inner;
+  int begun = 0, finished = 0;
+  Starts([&] {
+    for (;;) {
+      const Lock hold(mutex);
+      ++begun;
+      Sleep(20);
+      const Lock hold_inner(inner);
+      ++finished;
+    }
+  });
+  for (int i = 0; i < 1000 && begun == finished; ++i) RunFor(1ms);
+  ASSERT_NE(begun, finished);
+  EXPECT_LE(MsOf([&] { EndByForce(thread, name); }), 21u);
+  EXPECT_EQ(begun, finished);
+}
+
+// A thread that stands still with a lock in its hands cannot be waited for.
+SCENARIO_F(OwnThreads, AreEndedAllTheSameWhereTheyDoNotLetGo) {
+  Starts([&] {
+    mutex.lock();
+    Sleep(INFINITE);
+  });
+  const common::u32 took = MsOf([&] { EndByForce(thread, name); });
+  EXPECT_GE(took, 100u);
+  EXPECT_LE(took, 101u);
+  EXPECT_FALSE(world.IsRunning(id));
+  EXPECT_LT(MsOf([&] { mutex.lock(); }), 5u);
+}
+
+SCENARIO_F(OwnThreads, ThatHoldNothingAreEndedAtOnce) {
+  Starts([] {});
+  EXPECT_EQ(MsOf([&] { EndByForce(thread, name); }), 0u);
+  EXPECT_FALSE(world.IsRunning(id));
+}
+
+// Lines of the others must not be lost for the rest of the run.
+SCENARIO_F(OwnThreads, OneThatIsEndedWhileItLogsDoesNotEndTheLog) {
+  common::LogFile file;
+  ASSERT_TRUE(file.Open("C:\\logs\\life.log"));
+  bool at_the_disk = false;
+  Starts([&] {
+    const std::string line(1000, 'x');
+    world.AtCall("home/thread1", 1, [&] {
+      at_the_disk = true;
+      world.Terminate(id);
+    });
+    file.Write(line, 5);
+    file.Write(line, 5);  // the first is written out under the lock
+  });
+  EXPECT_TRUE(at_the_disk);
+  EXPECT_TRUE(file.Write("another thread's\n", 5));
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+// Urgent bytes in a relayed connection. Kept: nobody takes them. They are lost, the exception that
+// they cause is only logged, and it stays as long as the byte does; the stream around them is
+// whole.
+#include "port/shared/faults.h"
+#include "tests/scenario/tcp_bench.h"
+
+namespace {
+using namespace tcp_test;  // NOLINT: the verbs of these tests
+
+// While an exception stays, the worker polls without a pause.
+sim::Options QuickSpin() {
+  sim::Options options;
+  options.preempt_percent = 10;
+  options.spin_steps = 20;
+  return options;
+}
+
+class TcpUrgent : public TcpBench {
+ protected:
+  static void SendUrgent(SOCKET s) { EXPECT_EQ(send(s, "!", 1, MSG_OOB), 1); }
+  void ExpectAQuietWorker() {
+    port::CountCalls();
+    const unsigned before = port::CallCount("select");
+    Sleep(1000);
+    EXPECT_LE(port::CallCount("select") - before, kQuietSelects);
+    port::ClearFaults();
+  }
+};
+
+SCENARIO_WITH_(TcpUrgent, AGamesUrgentByteIsLostAndTheStreamIsWhole, TcpUrgent, 1, QuickSpin()) {
+  for (const char* server : {kServer, kDirect}) {
+    const SOCKET s = Joins(server);
+    EXPECT_EQ(Talks(s, "before"), "before");
+    SendUrgent(s);
+    Sleep(20);
+    EXPECT_TRUE(Logged("[TCP]TcpProvider::OnLocalExcpetion. socket="));
+    EXPECT_EQ(Talks(s, "after"), "after");
+    SendText(s, "ab");
+    SendUrgent(s);
+    SendText(s, "cd");
+    std::string got, end;
+    EXPECT_TRUE(Collect(s, 4, &got, &end)) << end;
+    EXPECT_EQ(got, "abcd");
+    closesocket(s);
+    Sleep(1000);
+    EXPECT_EQ(LastCall().got, "beforeafterabcd");
+    EXPECT_EQ(LastCall().end, "closed");
+  }
+  ExpectAQuietWorker();
+}
+
+SCENARIO_WITH_(TcpUrgent, AServersUrgentByteIsLostAndTheStreamIsWhole, TcpUrgent, 1, QuickSpin()) {
+  serve = [](SOCKET t, Call* call) {
+    SendText(t, "before");
+    SendUrgent(t);
+    SendText(t, "after");
+    call->end = CollectAll(t, &call->got);
+  };
+  const SOCKET s = Joins(kDirect);
+  std::string got, end;
+  EXPECT_TRUE(Collect(s, 11, &got, &end)) << end;
+  EXPECT_EQ(got, "beforeafter");
+  EXPECT_TRUE(Logged("[TCP]TcpProvider::OnRemoteExcpetion. socket="));
+  EXPECT_TRUE(Logged("[TCP]HandleConnectFailure. state mismatched, cur state=4, token="));
+  SendText(s, "and up");
+  closesocket(s);
+  Sleep(1000);
+  EXPECT_EQ(LastCall().got, "and up");
+  EXPECT_EQ(LastCall().end, "closed");
+  ExpectAQuietWorker();
+}
+
+}  // namespace

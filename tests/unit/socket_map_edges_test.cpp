@@ -1,0 +1,70 @@
+// Records of sockets whose values come back. At stake: what the relay says after a wait is meant
+// for the socket that asked, and for no other under the same value.
+#include <gtest/gtest.h>
+
+#include "provider/socket_map.h"
+#include "tests/unit/scripted_provider.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+using test::Address;
+
+constexpr SOCKET kSocket = 77;
+constexpr u32 kToken = 9, kOlder = 8;
+
+struct SocketMapEdges : testing::Test {
+  SocketMapEdges() { map.Add(kSocket, 2, 17, kToken); }
+  SocketRecord Snapshot() {
+    SocketRecord record;
+    EXPECT_TRUE(map.Get(kSocket, &record));
+    return record;
+  }
+  SocketMap map;
+  const sockaddr_in relay = Address("127.0.0.1", 4000);
+};
+
+TEST_F(SocketMapEdges, WhatIsMeantForAnEarlierSocketIsRefused) {
+  EXPECT_FALSE(map.SetRelayAddr(kSocket, &relay, nullptr, nullptr, kOlder));
+  EXPECT_FALSE(map.SetRelayState(kSocket, kRelayRefused, kOlder));
+  EXPECT_FALSE(map.SetUdpConnectMode(kSocket, true, kOlder));
+  const SocketRecord record = Snapshot();
+  EXPECT_EQ(record.relay_state, kRelayNotAsked);
+  EXPECT_EQ(record.relay_addr.sin_port, 0);
+  EXPECT_FALSE(record.udp_connect_mode);
+}
+
+TEST_F(SocketMapEdges, WhatIsMeantForThisOneIsTaken) {
+  EXPECT_TRUE(map.SetRelayState(kSocket, kRelayRefused, kToken));
+  EXPECT_EQ(Snapshot().relay_state, kRelayRefused);
+  EXPECT_TRUE(map.SetRelayAddr(kSocket, &relay, nullptr, nullptr, kToken));
+  EXPECT_EQ(Snapshot().relay_state, kRelayRunning);
+  EXPECT_TRUE(map.SetUdpConnectMode(kSocket, true, kToken));
+  EXPECT_TRUE(Snapshot().udp_connect_mode);
+}
+
+// Two threads may decide the same destination at once: both decisions are saved, and the first
+// counts.
+TEST_F(SocketMapEdges, ADestinationThatIsSavedTwiceTakesTwoPlaces) {
+  const sockaddr_in server = Address("198.51.100.10", 1000);
+  EXPECT_TRUE(map.SaveRelayRecord(kSocket, &server, true));
+  EXPECT_TRUE(map.SaveRelayRecord(kSocket, &server, false));
+  const SocketRecord record = Snapshot();
+  EXPECT_EQ(record.relay_records[1].ip, static_cast<u32>(server.sin_addr.s_addr));
+  EXPECT_FALSE(record.relay_records[1].relay);
+  EXPECT_EQ(record.relay_records[2].ip, 0u);
+  bool relayed = false;
+  EXPECT_TRUE(SocketMap::FindRelayRecord(record, &server, &relayed, nullptr));
+  EXPECT_TRUE(relayed);
+}
+
+TEST_F(SocketMapEdges, AHandledAddressChangesNothingElse) {
+  map.SetUdpConnectMode(kSocket, true);
+  map.SetRelayAddr(kSocket, &relay, nullptr, nullptr);
+  map.SetHandledAddr(kSocket, test::Generic(relay), 16);
+  EXPECT_TRUE(Snapshot().udp_connect_mode);
+  EXPECT_EQ(Snapshot().relay_state, kRelayRunning);
+}
+
+}  // namespace
+}  // namespace moru_vyr::lsp

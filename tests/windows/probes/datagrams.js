@@ -1,0 +1,30 @@
+// What the JavaScript runtime does with datagrams as a game: it sends each from one socket to a
+// server that echoes, again until its echo is there, and writes down what came back.
+//   datagrams.js OUT_FILE ADDRESS PORT COUNT
+"use strict";
+const dgram = require("dgram");
+const fs = require("fs");
+
+const [outFile, address, port, count] = process.argv.slice(2);
+const kAgainMs = 1000;
+const seen = new Set();
+const sources = new Set();
+const socket = dgram.createSocket("udp4");
+const text = (number) => `datagram ${number} ` + "x".repeat(number * 10);
+
+function sendMissing() {
+  for (let i = 0; i < Number(count); i++) {
+    if (!seen.has(text(i))) socket.send(text(i), Number(port), address);
+  }
+}
+
+const again = setInterval(sendMissing, kAgainMs);
+socket.on("message", (data, from) => {
+  seen.add(data.toString());
+  sources.add(`${from.address}:${from.port}`);
+  if (seen.size < Number(count)) return;
+  clearInterval(again);
+  socket.close();
+  fs.writeFileSync(outFile, JSON.stringify({ seen: [...seen].sort(), sources: [...sources] }));
+});
+sendMissing();
