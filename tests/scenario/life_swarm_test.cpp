@@ -105,7 +105,8 @@ class LifeSwarm : public EarlyEnd, public Swarm<LifeBench> {
   int playing_ = 0;
 };
 
-// Off: with seed 4 it does not end, and why is not known yet.
+// Off: a thread that is ended inside the dispatcher leaves its start-up lock taken, and with seed 4
+// the next start waits for it. The world has to spare such a thread.
 SCENARIO_F_SEEDS(LifeSwarm, DISABLED_WhateverIsEndedNoCallHangsAndTrafficGoesDirect,
                  SwarmSeeds(60)) {
   StartsWinsock();
