@@ -21,7 +21,12 @@ namespace {
 constexpr int kPiece = 1 << 16;
 // Down or up a connection before its time counts: by then whoever carries it has its buffers.
 constexpr std::uint64_t kWarmUp = 4 << 20;
-constexpr useconds_t kPauseUs = 200;  // between pieces: each should leave alone
+
+// What the server is asked for.
+char Demand(const Order& order) {
+  if (order.split_answer) return 's';
+  return order.pieces > 1 ? 'w' : 'e';
+}
 
 class Connection {
  public:
@@ -117,7 +122,7 @@ bool Single(const GameOptions& options, const Order& order, Outcome* outcome) {
   if (order.task == Task::kDownload) worked = connection.Download(order.amount);
   if (order.task == Task::kUpload) worked = connection.Upload(order.amount);
   if (order.task == Task::kReply) {
-    worked = connection.Ask(order.pieces > 1 ? 'w' : 'e', order.amount * order.message) &&
+    worked = connection.Ask(Demand(order), order.amount * order.message) &&
              TimeEach(order.amount, outcome,
                       [&] { return connection.RoundTrip(order.message, order.pieces); });
   }
@@ -127,9 +132,10 @@ bool Single(const GameOptions& options, const Order& order, Outcome* outcome) {
 
 bool ConnectOften(const GameOptions& options, const Order& order, Outcome* outcome) {
   const double begin = Seconds(CLOCK_MONOTONIC);
+  const std::uint32_t size = std::max<std::uint32_t>(order.message, 1);
   const bool worked = TimeEach(order.amount, outcome, [&] {
     Connection connection(options);
-    return connection.Ask('e', 1) && connection.RoundTrip(1);
+    return connection.Ask(Demand(order), size) && connection.RoundTrip(size, order.pieces);
   });
   outcome->seconds = Seconds(CLOCK_MONOTONIC) - begin;
   return worked;

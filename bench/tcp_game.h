@@ -16,7 +16,8 @@ enum class Task : std::uint32_t {
   kDownload,  // over one connection: `amount` bytes, after some that do not count
   kUpload,
   kReply,    // over one connection: `amount` round trips of `message` bytes
-  kConnect,  // `amount` connections, one after the other, each to its first reply
+  kConnect,  // `amount` connections, one after the other, each to its first reply of `message`
+             // bytes, or of one
   kBulk,     // over `connections` at once: `amount` bytes down each
   kEvents,   // over `connections` at once: `amount` round trips of `message` bytes each
 };
@@ -25,8 +26,9 @@ struct Order {
   Task task;
   std::uint32_t connections;
   std::uint64_t amount;
-  std::uint32_t message;     // of kMessage bytes where it has pieces
-  std::uint32_t pieces = 1;  // in which a message is sent
+  std::uint32_t message;      // of kMessage bytes where it has pieces
+  std::uint32_t pieces = 1;   // in which a message is sent
+  bool split_answer = false;  // whether the server sends its answer in two pieces
   bool operator==(const Order&) const = default;
 };
 

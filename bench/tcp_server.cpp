@@ -58,13 +58,16 @@ bool Echo(int s, std::uint64_t amount, std::vector<char>& piece) {
   return true;
 }
 
-// As Echo, but each message of kMessage bytes only when it is whole, in one piece.
-bool EchoWhole(int s, std::uint64_t amount) {
+// As Echo, but each message of kMessage bytes only when it is whole, in so many pieces.
+bool EchoWhole(int s, std::uint64_t amount, std::size_t pieces) {
   char message[kMessage];
+  const std::size_t size = sizeof message / pieces;
   for (; amount > 0; amount -= std::min<std::uint64_t>(amount, sizeof message)) {
-    if (recv(s, message, sizeof message, MSG_WAITALL) != static_cast<ssize_t>(sizeof message) ||
-        !SendAll(s, message, sizeof message)) {
+    if (recv(s, message, sizeof message, MSG_WAITALL) != static_cast<ssize_t>(sizeof message))
       return false;
+    for (std::size_t i = 0; i < pieces; ++i) {
+      if (i > 0) usleep(kPauseUs);
+      if (!SendAll(s, message + i * size, size)) return false;
     }
   }
   return true;
@@ -87,7 +90,10 @@ void Serve(int s) {
         goes_on = Take(s, amount, piece);
         break;
       case 'w':
-        goes_on = EchoWhole(s, amount);
+        goes_on = EchoWhole(s, amount, 1);
+        break;
+      case 's':
+        goes_on = EchoWhole(s, amount, 2);
         break;
       default:
         goes_on = Echo(s, amount, piece);

@@ -1,7 +1,7 @@
 // The far end of every connection: a process of its own on the host's own sockets. A request of 9
 // bytes says what it is to do: 'e' N echoes N bytes as they come, 'w' N echoes N bytes in whole
-// messages, 'd' N sends N bytes, 'u' N takes N bytes and answers with one. The number is
-// big-endian. A request may follow another.
+// messages, 's' N the same with each message in two pieces, 'd' N sends N bytes, 'u' N takes N
+// bytes and answers with one. The number is big-endian. A request may follow another.
 #pragma once
 #include <sys/types.h>
 
@@ -11,7 +11,8 @@
 
 namespace bench {
 
-constexpr std::size_t kMessage = 64;  // of 'w'
+constexpr std::size_t kMessage = 64;  // of 'w' and 's'
+constexpr unsigned kPauseUs = 200;    // between pieces, on either side: each should leave alone
 
 struct Request {
   char what;
