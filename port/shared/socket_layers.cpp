@@ -52,9 +52,13 @@ bool Complete(const WSPPROC_TABLE& table) {
 class SectionGuard {
  public:
   explicit SectionGuard(CRITICAL_SECTION* section) : section_(section) {
+    ++CurrentThreadState().dispatch_sections;
     EnterCriticalSection(section_);
   }
-  ~SectionGuard() { LeaveCriticalSection(section_); }
+  ~SectionGuard() {
+    LeaveCriticalSection(section_);
+    --CurrentThreadState().dispatch_sections;
+  }
   SectionGuard(const SectionGuard&) = delete;
   SectionGuard& operator=(const SectionGuard&) = delete;
 
@@ -175,6 +179,8 @@ void SetDispatchManners(const DispatchManners& manners) {
   starts_once_per_provider = manners.starts_once_per_provider;
   text_takes_the_start_lock = manners.text_takes_the_start_lock;
 }
+
+bool IsInsideDispatch() { return CurrentThreadState().dispatch_sections > 0; }
 
 BypassLayers::BypassLayers() { ++CurrentThreadState().bypass_layers; }
 BypassLayers::~BypassLayers() { --CurrentThreadState().bypass_layers; }

@@ -85,6 +85,10 @@ struct DispatchManners {
 };
 void SetDispatchManners(const DispatchManners& manners);
 
+// Whether the calling thread waits for, or holds, the lock that starts and cleanups take. A thread
+// that is ended there keeps the lock for good, as on Windows, and no provider can do a thing.
+bool IsInsideDispatch();
+
 // While one of these lives on a thread, sockets that the thread makes go straight to the base
 // provider: for actors that are not the game, and for what a base provider does itself.
 class BypassLayers {

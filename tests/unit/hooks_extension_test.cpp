@@ -79,7 +79,8 @@ TEST_F(ExtensionHooks, WithoutARelayTheRealConnectExIsHandedOut) {
   EXPECT_EQ(log.Text(), "");
 }
 
-#define COLON "\xA3\xBA"
+// The colon is a wide one, in the log's own encoding.
+constexpr char kFunctionIs[] = "[0][lsp][Main]WSPIoctl\xA3\xBA" "extension function is ";
 
 TEST_F(ExtensionHooks, EveryFunctionIsRecognisedAndConnectExAloneIsReplaced) {
   struct Case {
@@ -103,9 +104,8 @@ TEST_F(ExtensionHooks, EveryFunctionIsRecognisedAndConnectExAloneIsReplaced) {
     LPFN_CONNECTEX out = nullptr;
     AnswerExtensionQuery(&expected.id, sizeof expected.id, &out);
     EXPECT_EQ(out, expected.replaced ? &WSPConnectEx : nullptr) << expected.name;
-    EXPECT_TRUE(log.Contains(std::string("[0][lsp][Main]WSPIoctl") + COLON +
-                             "extension function is " + expected.name + "\n"))
-        << log.Text();
+    const std::string line = std::string(kFunctionIs) + expected.name + "\n";
+    EXPECT_TRUE(log.Contains(line)) << log.Text();
   }
 }
 
