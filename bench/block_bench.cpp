@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "relay/block_buffer.h"
+#include "stream/block_buffer.h"
 
 namespace moru_vyr::lsp {
 namespace {

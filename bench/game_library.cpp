@@ -9,6 +9,9 @@
 #include <memory>
 #include <vector>
 
+#include "abi/ip_table_formats.h"
+#include "abi/restriction_formats.h"
+#include "abi/route_table_formats.h"
 #include "common/shared_mem_header.h"
 #include "common/text.h"
 #include "port/shared/catalogue.h"
@@ -16,12 +19,9 @@
 #include "port/shared/modules.h"
 #include "port/shared/process.h"
 #include "port/shared/winsock.h"
-#include "provider/catalogue.h"
 #include "quality/link_identity.h"
 #include "route/decision.h"
-#include "route/ip_table_formats.h"
-#include "route/restriction_formats.h"
-#include "route/route_table_formats.h"
+#include "start/catalogue.h"
 
 namespace bench {
 namespace {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "common/log.h"
-#include "provider/downcall_table.h"
+#include "hooks/downcall_table.h"
 
 namespace moru_vyr::lsp {
 namespace {

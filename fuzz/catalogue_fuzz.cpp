@@ -8,8 +8,8 @@
 
 #include "common/process_info.h"
 #include "port/shared/catalogue.h"
-#include "provider/catalogue.h"
-#include "provider/provider_match.h"
+#include "start/catalogue.h"
+#include "start/provider_match.h"
 
 namespace {
 

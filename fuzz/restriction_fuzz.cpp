@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "abi/restriction_formats.h"
 #include "common/process_info.h"
 #include "common/text.h"
 #include "route/acc_config.h"
-#include "route/restriction_formats.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 
 #include <cstring>
 
+#include "abi/route_formats.h"
 #include "client/text_rules.h"
 #include "client/toml_node.h"
-#include "route/route_formats.h"
 
 namespace client {
 

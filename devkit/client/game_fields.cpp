@@ -1,5 +1,5 @@
+#include "abi/restriction_formats.h"
 #include "client/field_rows.h"
-#include "route/restriction_formats.h"
 
 namespace client {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "route/acc_config_formats.h"
+#include "abi/acc_config_formats.h"
 
 namespace client {
 

@@ -1,5 +1,5 @@
+#include "abi/route_formats.h"
 #include "client/field_rows.h"
-#include "route/route_formats.h"
 
 namespace client {
 namespace {

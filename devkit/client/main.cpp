@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "abi/restriction_formats.h"
 #include "client/config_file.h"
 #include "client/dump.h"
 #include "client/explain.h"
@@ -21,7 +22,6 @@
 #include "client/watch/report_regions.h"
 #include "client/watch/watch.h"
 #include "program_end.h"
-#include "route/restriction_formats.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
+#include "abi/proxy_formats.h"
 #include "client/decision_names.h"
 #include "client/field_rows.h"
-#include "route/proxy_formats.h"
 
 namespace client {
 namespace {

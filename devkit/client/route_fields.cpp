@@ -1,6 +1,6 @@
+#include "abi/route_table_formats.h"
 #include "client/decision_names.h"
 #include "client/field_rows.h"
-#include "route/route_table_formats.h"
 
 namespace client {
 namespace {

@@ -9,10 +9,10 @@
 #include <algorithm>
 #include <string>
 
+#include "abi/acc_config_formats.h"
 #include "client/spur_notifier.h"
 #include "common/handle.h"
 #include "common/text.h"
-#include "route/acc_config_formats.h"
 
 namespace client {
 

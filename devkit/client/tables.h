@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <memory>
 
-#include "route/restriction_formats.h"
-#include "route/route_formats.h"
+#include "abi/restriction_formats.h"
+#include "abi/route_formats.h"
 
 namespace client {
 

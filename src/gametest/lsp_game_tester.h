@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "abi/route_table_formats.h"
 #include "common/types.h"
-#include "route/route_table_formats.h"
 
 namespace moru_vyr::lsp {
 

@@ -3,8 +3,8 @@
 #pragma once
 #include <string_view>
 
+#include "abi/acc_config_formats.h"
 #include "common/types.h"
-#include "route/acc_config_formats.h"
 
 namespace moru_vyr::lsp {
 

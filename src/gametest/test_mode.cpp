@@ -3,13 +3,13 @@
 #include <exception>
 #include <memory>
 
+#include "abi/ip_table_formats.h"
+#include "abi/route_table_formats.h"
 #include "common/process_info.h"
 #include "common/text.h"
 #include "gametest/lsp_game_tester.h"
 #include "route/acc_config.h"
-#include "route/ip_table_formats.h"
 #include "route/route.h"
-#include "route/route_table_formats.h"
 
 namespace moru_vyr::lsp {
 namespace {

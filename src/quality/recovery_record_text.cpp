@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "tracker/report_records.h"
+#include "abi/report_records.h"
 
 namespace moru_vyr::lsp {
 

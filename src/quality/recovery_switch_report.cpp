@@ -4,12 +4,12 @@
 #include <cstdio>
 #include <string_view>
 
+#include "abi/report_records.h"
 #include "common/log.h"
 #include "common/text.h"
 #include "quality/real_route_recent_cycle_data.h"
 #include "quality/recovery_record_text.h"
 #include "quality/recovery_switch.h"
-#include "tracker/report_records.h"
 #include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {

@@ -4,10 +4,10 @@
 #pragma once
 #include <winsock2.h>
 
+#include "abi/acc_decision_info.h"
 #include "common/types.h"
 #include "protocol/nego_request.h"
 #include "protocol/session_guid.h"
-#include "route/acc_decision_info.h"
 
 namespace moru_vyr::lsp {
 

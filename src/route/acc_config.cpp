@@ -5,11 +5,11 @@
 #include <exception>
 #include <string_view>
 
+#include "abi/restriction_formats.h"
 #include "common/log.h"
 #include "common/process_info.h"
 #include "common/shared_mem_obj.h"
 #include "common/text.h"
-#include "route/restriction_formats.h"
 
 namespace moru_vyr::lsp {
 namespace {

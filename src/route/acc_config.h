@@ -5,7 +5,7 @@
 // lock, and every thread reads it without a lock afterwards. The library never watches the
 // region: a later change by the client reaches only processes that start later.
 #pragma once
-#include "route/acc_config_formats.h"
+#include "abi/acc_config_formats.h"
 
 namespace moru_vyr::lsp {
 

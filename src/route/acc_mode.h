@@ -2,8 +2,8 @@
 #pragma once
 #include <winsock2.h>
 
+#include "abi/acc_config_formats.h"
 #include "common/types.h"
-#include "route/acc_config_formats.h"
 
 namespace moru_vyr::lsp {
 

@@ -3,8 +3,8 @@
 #pragma once
 #include <vector>
 
+#include "abi/blacklist_formats.h"
 #include "common/types.h"
-#include "route/blacklist_formats.h"
 
 namespace moru_vyr::lsp {
 

@@ -1,7 +1,7 @@
 // Questions about a destination that the configuration alone can answer.
 #pragma once
+#include "abi/acc_config_formats.h"
 #include "common/types.h"
-#include "route/acc_config_formats.h"
 
 namespace moru_vyr::lsp {
 

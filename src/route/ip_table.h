@@ -1,9 +1,9 @@
 // Which addresses belong to the game, and to which of its data centres. Filled while the provider
 // starts, before any worker exists; only read afterwards, by any thread and without a lock.
 #pragma once
+#include "abi/ip_table_formats.h"
 #include "common/types.h"
 #include "route/ip_idc_map.h"
-#include "route/ip_table_formats.h"
 
 namespace moru_vyr::lsp {
 

@@ -3,10 +3,10 @@
 #pragma once
 #include <memory>
 
+#include "abi/launch_test_formats.h"
 #include "common/lock.h"
 #include "common/shared_mem_obj.h"
 #include "common/types.h"
-#include "route/launch_test_formats.h"
 
 namespace moru_vyr::lsp {
 

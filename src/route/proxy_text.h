@@ -1,6 +1,6 @@
 // Proxies as the log shows them.
 #pragma once
-#include "route/proxy_formats.h"
+#include "abi/proxy_formats.h"
 
 namespace moru_vyr::lsp {
 

@@ -13,13 +13,13 @@
 
 #include <string>
 
+#include "abi/acc_decision_info.h"
+#include "abi/proxy_formats.h"
 #include "common/types.h"
-#include "route/acc_decision_info.h"
 #include "route/blacklist.h"
 #include "route/ip_table.h"
 #include "route/launch_test.h"
 #include "route/port_map.h"
-#include "route/proxy_formats.h"
 #include "route/route_table.h"
 #include "route/spur_list.h"
 

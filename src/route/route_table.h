@@ -11,11 +11,11 @@
 #include <optional>
 #include <string_view>
 
+#include "abi/proxy_formats.h"
+#include "abi/route_table_formats.h"
 #include "common/lock.h"
 #include "common/shared_mem_obj.h"
 #include "common/types.h"
-#include "route/proxy_formats.h"
-#include "route/route_table_formats.h"
 
 namespace moru_vyr::lsp {
 

@@ -3,10 +3,10 @@
 #pragma once
 #include <optional>
 
+#include "abi/ip_table_formats.h"
 #include "common/lock.h"
 #include "common/types.h"
 #include "route/ip_idc_map.h"
-#include "route/ip_table_formats.h"
 
 namespace moru_vyr::lsp {
 

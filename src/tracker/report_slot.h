@@ -9,8 +9,8 @@
 #include <cstring>
 #include <optional>
 
+#include "abi/report_records.h"
 #include "common/shared_mem_obj.h"
-#include "tracker/report_records.h"
 
 namespace moru_vyr::lsp {
 

@@ -5,8 +5,8 @@
 // version or has no free slot, the report is lost: nothing is retried, queued or counted. Nothing
 // throws.
 #pragma once
-#include "route/acc_decision_info.h"
-#include "tracker/report_records.h"
+#include "abi/acc_decision_info.h"
+#include "abi/report_records.h"
 #include "tracker/socket_qos_record.h"
 
 namespace moru_vyr::lsp {

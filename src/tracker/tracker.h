@@ -9,9 +9,9 @@
 #pragma once
 #include <winsock2.h>
 
+#include "abi/acc_decision_info.h"
+#include "abi/report_records.h"
 #include "common/types.h"
-#include "route/acc_decision_info.h"
-#include "tracker/report_records.h"
 #include "tracker/speed_stats.h"
 
 namespace moru_vyr::lsp {

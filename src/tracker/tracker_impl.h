@@ -16,10 +16,10 @@
 #include <string>
 #include <vector>
 
+#include "abi/report_records.h"
 #include "common/handle.h"
 #include "common/lock.h"
 #include "common/types.h"
-#include "tracker/report_records.h"
 #include "tracker/socket_qos_record.h"
 #include "tracker/tracker.h"
 

@@ -2,12 +2,12 @@
 #pragma once
 #include <winsock2.h>
 
+#include "abi/acc_decision_info.h"
+#include "abi/proxy_formats.h"
 #include "common/types.h"
 #include "protocol/last_node_info.h"
 #include "protocol/nego_response.h"
 #include "quality/link_identity.h"
-#include "route/acc_decision_info.h"
-#include "route/proxy_formats.h"
 
 namespace moru_vyr::lsp {
 

@@ -2,7 +2,7 @@
 #include "udp/udp_provider.h"
 
 #include "common/log.h"
-#include "relay/socket_helpers.h"
+#include "sockets/socket_helpers.h"
 
 namespace moru_vyr::lsp {
 namespace {

@@ -14,13 +14,13 @@
 #include <memory>
 #include <string>
 
+#include "abi/acc_decision_info.h"
 #include "common/types.h"
 #include "protocol/session_guid.h"
 #include "quality/real_route_speed_test.h"
 #include "quality/recovery_switch.h"
 #include "quality/switch_event.h"
 #include "relay/relay_interfaces.h"
-#include "route/acc_decision_info.h"
 #include "udp/accl_link_info.h"
 #include "udp/datagram_buffer.h"
 #include "udp/stored_package.h"

@@ -11,6 +11,8 @@
 #pragma once
 #include <winsock2.h>
 
+#include "abi/acc_decision_info.h"
+#include "abi/report_records.h"
 #include "common/types.h"
 #include "protocol/session_guid.h"
 #include "quality/link_identity.h"
@@ -18,8 +20,6 @@
 #include "quality/recovery_switch.h"
 #include "quality/switch_event.h"
 #include "relay/relay_interfaces.h"
-#include "route/acc_decision_info.h"
-#include "tracker/report_records.h"
 #include "udp/accl_link_info.h"
 #include "udp/datagram_buffer.h"
 #include "udp/stored_package.h"

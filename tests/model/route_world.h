@@ -8,14 +8,14 @@
 #include <memory>
 #include <random>
 
+#include "abi/acc_decision_info.h"
+#include "abi/blacklist_formats.h"
+#include "abi/ip_table_formats.h"
+#include "abi/launch_test_formats.h"
+#include "abi/restriction_formats.h"
+#include "abi/route_table_formats.h"
 #include "common/types.h"
 #include "route/acc_config.h"
-#include "route/acc_decision_info.h"
-#include "route/blacklist_formats.h"
-#include "route/ip_table_formats.h"
-#include "route/launch_test_formats.h"
-#include "route/restriction_formats.h"
-#include "route/route_table_formats.h"
 
 namespace test {
 

@@ -1,13 +1,13 @@
 // Who may use the relay at all. At stake: a socket that must not is carried past it as if there
 // were no relay, and one that may is never turned away by a rule that comes later.
-#include "provider/relay_admission.h"
+#include "hooks/relay_admission.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
 
-#include "provider/hook_flags.h"
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
+#include "hooks/hook_flags.h"
 #include "route/acc_config.h"
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"

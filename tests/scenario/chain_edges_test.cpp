@@ -11,10 +11,10 @@
 #include "port/shared/rendition.h"
 #include "port/shared/text.h"
 #include "port/sim/scenario.h"
-#include "provider/base_startup.h"
-#include "provider/catalogue.h"
-#include "provider/provider_loader.h"
-#include "provider/provider_match.h"
+#include "start/base_startup.h"
+#include "start/catalogue.h"
+#include "start/provider_loader.h"
+#include "start/provider_match.h"
 #include "tests/scenario/game_process.h"
 
 namespace {

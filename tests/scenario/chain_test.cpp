@@ -1,7 +1,7 @@
 // From a start of one of our catalogue entries to the next provider. What is at stake: the
 // catalogue belongs to the machine and to every other layer on it, so whatever stands there,
 // the process must end up with a working provider or with an error that Winsock understands.
-#include "provider/chain.h"
+#include "start/chain.h"
 
 #include <gtest/gtest.h>
 
@@ -16,10 +16,10 @@
 #include "port/shared/rendition.h"
 #include "port/shared/text.h"
 #include "port/sim/scenario.h"
-#include "provider/base_startup.h"
-#include "provider/catalogue.h"
-#include "provider/provider_loader.h"
-#include "provider/provider_match.h"
+#include "start/base_startup.h"
+#include "start/catalogue.h"
+#include "start/provider_loader.h"
+#include "start/provider_match.h"
 #include "tests/scenario/game_process.h"
 #include "tests/unit/log_capture.h"
 

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "abi/restriction_formats.h"
 #include "common/log_file.h"
 #include "common/named_mutex.h"
 #include "common/process_info.h"
@@ -14,7 +15,6 @@
 #include "port/sim/scenario.h"
 #include "route/acc_config.h"
 #include "route/init_log.h"
-#include "route/restriction_formats.h"
 #include "tests/unit/temp_dir.h"
 
 namespace {

@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "common/process_info.h"
-#include "provider/downcall_table.h"
-#include "provider/hook_entries.h"
-#include "provider/socket_map.h"
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
+#include "hooks/downcall_table.h"
+#include "hooks/hook_entries.h"
+#include "sockets/socket_map.h"
 #include "tests/scenario/tcp_bench.h"
 
 namespace {

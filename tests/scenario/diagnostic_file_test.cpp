@@ -2,9 +2,9 @@
 // machine it must do nothing at all, and it may only ever take traffic out.
 #include <gtest/gtest.h>
 
-#include "provider/hook_flags.h"
-#include "provider/socket_map.h"
-#include "route/ip_table_formats.h"
+#include "abi/ip_table_formats.h"
+#include "hooks/hook_flags.h"
+#include "sockets/socket_map.h"
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"
 #include "tests/unit/log_capture.h"

@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "common/process_info.h"
+#include "engine/relay_mgr.h"
+#include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
 #include "port/shared/rendition.h"
-#include "provider/hook_entries.h"
-#include "relay/relay_mgr.h"
 #include "tests/scenario/tcp_bench.h"
 
 namespace {

@@ -6,13 +6,13 @@
 #include <functional>
 
 #include "common/process_info.h"
+#include "engine/relay_mgr.h"
+#include "hooks/hook_entries.h"
+#include "hooks/relay_admission.h"
 #include "port/shared/catalogue.h"
 #include "port/shared/modules.h"
 #include "port/shared/rendition.h"
 #include "port/shared/winsock.h"
-#include "provider/hook_entries.h"
-#include "provider/relay_admission.h"
-#include "relay/relay_mgr.h"
 #include "route/acc_config.h"
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"

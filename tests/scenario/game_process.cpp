@@ -10,7 +10,7 @@
 #include "port/shared/process.h"
 #include "port/shared/rendition.h"
 #include "port/shared/winsock.h"
-#include "provider/catalogue.h"
+#include "start/catalogue.h"
 
 namespace test {
 namespace {

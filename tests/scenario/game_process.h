@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "provider/hook_entries.h"
-#include "route/restriction_formats.h"
+#include "abi/restriction_formats.h"
+#include "hooks/hook_entries.h"
 
 namespace test {
 

@@ -1,15 +1,15 @@
 // The gate inside one process, and the two switches that a diagnostic file can raise.
-#include "provider/gate.h"
+#include "start/gate.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "common/text.h"
+#include "hooks/block_config.h"
+#include "hooks/hook_flags.h"
 #include "port/shared/process.h"
 #include "port/sim/scenario.h"
-#include "provider/block_config.h"
-#include "provider/hook_flags.h"
 #include "route/acc_config.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/threads.h"

@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "engine/relay_mgr.h"
 #include "port/shared/objects.h"
 #include "port/shared/winsock.h"
 #include "port/sim/scheduler.h"
 #include "port/sim/sockets.h"
-#include "relay/relay_mgr.h"
 
 namespace life_test {
 

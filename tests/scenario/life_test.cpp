@@ -3,11 +3,11 @@
 // no thread of ours runs on, and what cannot be relayed goes direct.
 #include "tests/scenario/life_bench.h"
 
+#include "abi/launch_test_formats.h"
 #include "common/named_mutex.h"
+#include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
-#include "provider/hook_entries.h"
-#include "route/launch_test_formats.h"
 #include "tests/unit/report_client.h"
 
 namespace {

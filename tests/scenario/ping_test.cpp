@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "provider/hook_entries.h"
+#include "hooks/hook_entries.h"
 #include "tests/scenario/tcp_bench.h"
 
 namespace {

@@ -6,13 +6,13 @@
 #include <cstring>
 #include <memory>
 
+#include "abi/ip_table_formats.h"
+#include "abi/restriction_formats.h"
 #include "common/log_file.h"
 #include "common/process_info.h"
 #include "common/text.h"
 #include "port/sim/scenario.h"
 #include "route/acc_config.h"
-#include "route/ip_table_formats.h"
-#include "route/restriction_formats.h"
 #include "route/route.h"
 #include "tests/scenario/game_process.h"
 #include "tests/unit/route_fixture.h"

@@ -1,5 +1,5 @@
 // The relay's worker: how it starts, what ends it and what does not, and how its time goes.
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
 
 #include <gtest/gtest.h>
 

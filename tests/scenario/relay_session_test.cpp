@@ -5,7 +5,7 @@
 #include <string>
 
 #include "protocol/nego_response.h"
-#include "relay/tcp_provider.h"
+#include "stream/tcp_provider.h"
 #include "tests/unit/hand_turned.h"
 #include "tests/unit/loopback.h"
 #include "tests/unit/route_fixture.h"

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <set>
 
+#include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "provider/hook_entries.h"
 #include "tests/unit/report_client.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The relay's own sockets, and every way in which making one can fail. What is at stake: a
 // failure must leave the caller with an answer it can act on, and no socket open but where that
 // is known.
-#include "relay/socket_helpers.h"
+#include "sockets/socket_helpers.h"
 
 #include <gtest/gtest.h>
 

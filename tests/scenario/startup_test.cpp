@@ -6,11 +6,11 @@
 #include <cstring>
 
 #include "common/process_info.h"
+#include "hooks/hook_flags.h"
 #include "port/shared/faults.h"
 #include "port/sim/scenario.h"
-#include "provider/hook_flags.h"
-#include "provider/startup.h"
 #include "route/acc_config.h"
+#include "start/startup.h"
 #include "tests/scenario/game_process.h"
 #include "tests/unit/threads.h"
 

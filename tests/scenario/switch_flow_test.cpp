@@ -3,7 +3,7 @@
 // does in the middle of it, nobody is left waiting.
 #include "tests/scenario/udp_bench.h"
 //
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
 #include "tests/unit/report_client.h"
 #include "tests/unit/wire_bytes.h"
 

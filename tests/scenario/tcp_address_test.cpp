@@ -6,9 +6,9 @@
 #include <cstring>
 #include <vector>
 
+#include "engine/relay_mgr.h"
+#include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "provider/hook_entries.h"
-#include "relay/relay_mgr.h"
 #include "tests/scenario/tcp_bench.h"
 
 namespace {

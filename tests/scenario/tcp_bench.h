@@ -10,8 +10,8 @@
 #include <memory>
 #include <string>
 
+#include "abi/ip_table_formats.h"
 #include "node/sim_node.h"
-#include "route/ip_table_formats.h"
 #include "tests/scenario/game_process.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/route_fixture.h"

@@ -2,7 +2,7 @@
 // closes reaches its server; whatever else happens, no byte is wrong and nothing stays behind.
 #include <algorithm>
 
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
 #include "tests/scenario/tcp_bench.h"
 
 namespace {

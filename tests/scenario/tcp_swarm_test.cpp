@@ -10,9 +10,9 @@
 #include <memory>
 #include <vector>
 
+#include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
 #include "port/sim/threads.h"
-#include "relay/relay_mgr.h"
 #include "tests/scenario/swarm.h"
 #include "tests/scenario/tcp_bench.h"
 

@@ -1,7 +1,7 @@
 // The numbers of sockets when they begin anew. At stake: a process that opens sockets for years
 // comes to it, and no socket may lose its relay, or get another's, for having such a number.
-#include "provider/socket_error_filter.h"
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
+#include "sockets/socket_error_filter.h"
 #include "tests/scenario/tcp_bench.h"
 #include "tests/scenario/udp_spied_bench.h"
 

@@ -3,8 +3,8 @@
 #include <cstring>
 
 #include "common/named_mutex.h"
+#include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "provider/hook_entries.h"
 #include "tests/scenario/tcp_bench.h"
 #include "tests/unit/report_client.h"
 

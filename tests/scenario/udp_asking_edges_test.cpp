@@ -2,9 +2,9 @@
 // sockets that are gone by the time that they are answered. At stake: no socket pays for another.
 #include "tests/scenario/udp_spied_bench.h"
 //
+#include "engine/relay_mgr.h"
+#include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "provider/hook_entries.h"
-#include "relay/relay_mgr.h"
 #include "udp/relay_messages.h"
 
 namespace {

@@ -2,9 +2,9 @@
 // destination is judged once, and whatever goes wrong, the game's datagram leaves on its own.
 #include "tests/scenario/udp_spied_bench.h"
 //
+#include "engine/relay_mgr.h"
+#include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "provider/hook_entries.h"
-#include "relay/relay_mgr.h"
 #include "udp/relay_messages.h"
 #include "udp/udp_package_queue.h"
 

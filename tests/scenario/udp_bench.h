@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "abi/ip_table_formats.h"
+#include "abi/restriction_formats.h"
 #include "node/sim_node.h"
-#include "route/ip_table_formats.h"
-#include "route/restriction_formats.h"
 #include "tests/scenario/game_process.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/route_fixture.h"

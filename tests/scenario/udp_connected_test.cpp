@@ -2,9 +2,9 @@
 // server itself, and never to anything else.
 #include "tests/scenario/udp_spied_bench.h"
 //
+#include "engine/relay_mgr.h"
+#include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "provider/hook_entries.h"
-#include "relay/relay_mgr.h"
 #include "udp/udp_package_queue.h"
 
 namespace {

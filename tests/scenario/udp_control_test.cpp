@@ -7,9 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
 #include "port/sim/sockets.h"
-#include "relay/relay_mgr.h"
 #include "udp/relay_messages.h"
 
 extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));

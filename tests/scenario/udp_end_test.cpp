@@ -2,7 +2,7 @@
 // At stake: what can still leave leaves first, each node is told once, and nothing is left behind.
 #include "tests/scenario/udp_spied_bench.h"
 //
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "provider/downcall_table.h"
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
+#include "hooks/downcall_table.h"
 #include "udp/relay_messages.h"
 #include "udp/udp_package_queue.h"
 

@@ -4,7 +4,7 @@
 #pragma once
 #include "tests/scenario/udp_bench.h"
 //
-#include "provider/socket_map.h"
+#include "sockets/socket_map.h"
 
 namespace udp_test {
 

@@ -3,8 +3,8 @@
 // rule says so, and the flow goes on.
 #include "tests/scenario/udp_spied_bench.h"
 //
+#include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
-#include "relay/relay_mgr.h"
 #include "udp/relay_messages.h"
 
 namespace {

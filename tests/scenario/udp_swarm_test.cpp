@@ -6,8 +6,8 @@
 // A failure prints its seed and the command that runs it again.
 #include "tests/scenario/udp_swarm.h"
 //
+#include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
-#include "relay/relay_mgr.h"
 
 namespace {
 

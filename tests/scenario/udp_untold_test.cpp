@@ -5,8 +5,8 @@
 #include "tests/scenario/udp_spied_bench.h"
 #include "tests/scenario/udp_swarm.h"
 //
+#include "engine/relay_mgr.h"
 #include "port/sim/sockets.h"
-#include "relay/relay_mgr.h"
 #include "udp/relay_messages.h"
 #include "udp/udp_package_queue.h"
 

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "abi/acc_config_formats.h"
 #include "port/sim/sim.h"
-#include "route/acc_config_formats.h"
 
 namespace study {
 

@@ -42,8 +42,8 @@ BANS = [
         "a naked new: let a type own it", flags=re.MULTILINE),
     Ban(r"(?<!=)(?<!= )(?<!operator )\bdelete\b", "a naked delete: let a type own it"),
     Ban(r"\b(?:malloc|calloc|realloc|free)\s*\(", "let a type own the memory",
-        except_for=(("src/relay/block_buffer.h", "std::free(bytes)"),
-                    ("src/relay/block_buffer.cpp", "data(static_cast<u8*>(std::calloc("))),
+        except_for=(("src/stream/block_buffer.h", "std::free(bytes)"),
+                    ("src/stream/block_buffer.cpp", "data(static_cast<u8*>(std::calloc("))),
     Ban(r"%[-0-9.*]*ws", "prints literally where this is built: convert the text, print %s",
         where=LITERALS),
     # _snprintf leaves a text without its end where it does not fit; snprintf does not.

@@ -1,57 +1,45 @@
 """Who may include whom, from the ground up.
 
-A file of src/ includes only files of its own layer or of a lower one, by their path from src/,
-and no file includes itself by way of others. The layers are told by the longest prefix.
+A file of src/ includes only files of its own folder or of a lower layer, by their path from src/,
+and no file includes itself by way of others. Folders of one layer do not know each other.
 """
 import cpp
 from tree import Finding
 
+# A folder includes its own floor and those above it in this list, which stand below it in the tree.
 LAYERS = [
     ["common"],
-    ["protocol", "route"],
+    ["abi", "protocol"],
+    ["route"],
     ["tracker"],
-    ["quality"],
-    ["relay", "udp"],
-    ["relay/relay_mgr"],
-    ["icmp"],
-    ["provider", "gametest"],
+    ["quality", "sockets"],
+    ["relay"],
+    ["stream", "udp"],
+    ["engine"],
+    ["icmp", "gametest"],
+    ["hooks"],
+    ["start"],
 ]
-
-# Leaves that stand low although their folder stands high: what they may include, and who below
-# their folder may include them. The record of a socket belongs to the hooks, and the relay's
-# helpers look it up.
-LEAVES = {
-    "provider/socket_map": {"includes": ["common"], "used_by": ["relay/socket_helpers"]},
-}
 
 # Folders outside src/ that must not know the product.
 PRODUCT_FREE = ["port"]
 
 
-def unit(path):
-    """src/route/route.cpp -> route/route"""
-    return path.removeprefix("src/").rsplit(".", 1)[0]
-
-
-def matches(name, prefix):
-    return name == prefix or name.startswith(prefix + "/")
+def folder(path):
+    """src/route/route.cpp -> route"""
+    return path.removeprefix("src/").split("/")[0]
 
 
 def level(name):
-    found = [(len(p), i) for i, layer in enumerate(LAYERS) for p in layer if matches(name, p)]
-    return max(found)[1] if found else None
+    return next((i for i, layer in enumerate(LAYERS) if name in layer), None)
 
 
 def allowed(includer, included):
-    if includer in LEAVES and included != includer:
-        return any(matches(included, p) for p in LEAVES[includer]["includes"])
-    if included in LEAVES and includer in LEAVES[included]["used_by"]:
-        return True
-    return level(included) <= level(includer)
+    return includer == included or level(included) < level(includer)
 
 
 def check_file(tree, path):
-    name = unit(path)
+    name = folder(path)
     if level(name) is None:
         yield Finding(path, 0, "stands in a folder without a layer (tests/tidy/layers.py)")
         return
@@ -63,9 +51,9 @@ def check_file(tree, path):
             continue
         if not quoted:
             yield Finding(path, line, f"includes <{header}>: our own headers stand in quotes")
-        other = unit(target)
+        other = folder(target)
         if level(other) is not None and not allowed(name, other):
-            yield Finding(path, line, f"includes {header}, which stands above it")
+            yield Finding(path, line, f"includes {header}, which does not stand below it")
 
 
 def cycles(tree):

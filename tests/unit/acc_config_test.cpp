@@ -10,12 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "abi/restriction_formats.h"
 #include "common/log.h"
 #include "common/named_mutex.h"
 #include "common/process_info.h"
 #include "common/shared_mem_obj.h"
 #include "common/text.h"
-#include "route/restriction_formats.h"
 #include "tests/unit/threads.h"
 #include "tests/unit/trace_capture.h"
 

@@ -1,4 +1,4 @@
-#include "relay/block_buffer.h"
+#include "stream/block_buffer.h"
 
 #include <gtest/gtest.h>
 

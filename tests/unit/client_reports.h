@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
+#include "abi/report_records.h"
 #include "client/watch/report.h"
 #include "client/watch/report_fields.h"
 #include "common/shared_mem_obj.h"
 #include "common/text.h"
-#include "tracker/report_records.h"
 
 namespace test {
 

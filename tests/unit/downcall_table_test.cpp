@@ -1,4 +1,4 @@
-#include "provider/downcall_table.h"
+#include "hooks/downcall_table.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 #include <iterator>
 
 #include "common/process_info.h"
-#include "provider/hook_entries.h"
-#include "provider/hook_flags.h"
+#include "hooks/hook_entries.h"
+#include "hooks/hook_flags.h"
 #include "tests/unit/scripted_provider.h"
 #include "tests/unit/trace_capture.h"
 

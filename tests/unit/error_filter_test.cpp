@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "provider/socket_error_filter.h"
+#include "sockets/socket_error_filter.h"
 
 namespace moru_vyr::lsp {
 namespace {

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <vector>
 
+#include "abi/restriction_formats.h"
 #include "common/shared_mem_header.h"
-#include "route/restriction_formats.h"
 
 namespace {
 

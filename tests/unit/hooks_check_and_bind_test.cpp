@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "provider/check_and_bind.h"
-#include "provider/socket_map.h"
+#include "sockets/check_and_bind.h"
+#include "sockets/socket_map.h"
 #include "tests/unit/log_capture.h"
 
 namespace moru_vyr::lsp {

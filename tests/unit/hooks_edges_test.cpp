@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "common/process_info.h"
-#include "provider/hook_entries.h"
-#include "provider/socket_error_filter.h"
-#include "provider/socket_map.h"
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
+#include "hooks/hook_entries.h"
+#include "sockets/socket_error_filter.h"
+#include "sockets/socket_map.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/scripted_provider.h"
 

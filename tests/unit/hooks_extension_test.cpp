@@ -7,9 +7,9 @@
 #include <cstring>
 #include <string>
 
-#include "provider/extension_functions.h"
-#include "provider/hook_entries.h"
-#include "provider/socket_map.h"
+#include "hooks/extension_functions.h"
+#include "hooks/hook_entries.h"
+#include "sockets/socket_map.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/scripted_provider.h"
 
@@ -80,7 +80,9 @@ TEST_F(ExtensionHooks, WithoutARelayTheRealConnectExIsHandedOut) {
 }
 
 // The colon is a wide one, in the log's own encoding.
-constexpr char kFunctionIs[] = "[0][lsp][Main]WSPIoctl\xA3\xBA" "extension function is ";
+constexpr char kFunctionIs[] =
+    "[0][lsp][Main]WSPIoctl\xA3\xBA"
+    "extension function is ";
 
 TEST_F(ExtensionHooks, EveryFunctionIsRecognisedAndConnectExAloneIsReplaced) {
   struct Case {

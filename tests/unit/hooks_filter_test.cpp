@@ -1,9 +1,9 @@
 // What the failure filter keeps for a socket, as its calls leave it behind.
 #include <gtest/gtest.h>
 
-#include "provider/hook_entries.h"
-#include "provider/socket_error_filter.h"
-#include "provider/socket_map.h"
+#include "hooks/hook_entries.h"
+#include "sockets/socket_error_filter.h"
+#include "sockets/socket_map.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/scripted_provider.h"
 

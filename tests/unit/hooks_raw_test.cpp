@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-#include "provider/hook_entries.h"
-#include "provider/socket_map.h"
+#include "hooks/hook_entries.h"
+#include "sockets/socket_map.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/scripted_provider.h"
 

@@ -6,9 +6,9 @@
 #include <cstring>
 #include <memory>
 
-#include "provider/downcall_table.h"
-#include "provider/hook_entries.h"
-#include "provider/socket_map.h"
+#include "hooks/downcall_table.h"
+#include "hooks/hook_entries.h"
+#include "sockets/socket_map.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/scripted_provider.h"
 

@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "abi/report_records.h"
 #include "common/process_info.h"
 #include "common/text.h"
 #include "quality/recovery_switch.h"
 #include "route/acc_config.h"
 #include "tests/unit/log_capture.h"
-#include "tracker/report_records.h"
 
 namespace test {
 

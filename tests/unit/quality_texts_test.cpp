@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "abi/report_records.h"
 #include "common/text.h"
 #include "quality/link_identity.h"
 #include "quality/link_thresholds.h"
@@ -14,7 +15,6 @@
 #include "quality/recovery_switch_config.h"
 #include "quality/speed_figures.h"
 #include "route/acc_config.h"
-#include "tracker/report_records.h"
 
 namespace moru_vyr::lsp {
 namespace {

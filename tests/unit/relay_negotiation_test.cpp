@@ -7,9 +7,9 @@
 
 #include "protocol/nego_request.h"
 #include "relay/relay_interfaces.h"
-#include "relay/tcp_negotiation.h"
 #include "route/acc_config.h"
 #include "route/decision.h"
+#include "stream/tcp_negotiation.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/loopback.h"
 #ifndef _WIN32

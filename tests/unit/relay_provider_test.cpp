@@ -8,8 +8,8 @@
 
 #include "relay/net_provider.h"
 #include "relay/relay_sockets.h"
-#include "relay/tcp_provider.h"
 #include "route/route.h"
+#include "stream/tcp_provider.h"
 #include "tests/unit/hand_turned.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/loopback.h"

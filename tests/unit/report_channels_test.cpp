@@ -1,5 +1,5 @@
 // The report channels as a client of another make knows them: by these texts and numbers alone.
-#include "tracker/report_channels.h"
+#include "abi/report_channels.h"
 
 #include <gtest/gtest.h>
 

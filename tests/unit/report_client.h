@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "abi/report_records.h"
 #include "tests/unit/route_fixture.h"
-#include "tracker/report_records.h"
 #include "tracker/tracker.h"
 
 namespace test {

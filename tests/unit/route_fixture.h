@@ -13,13 +13,13 @@
 #include <memory>
 #include <string>
 
+#include "abi/ip_table_formats.h"
+#include "abi/route_formats.h"
 #include "common/shared_mem_obj.h"
 #include "common/text.h"
 #include "route/acc_config.h"
 #include "route/decision.h"
-#include "route/ip_table_formats.h"
 #include "route/route.h"
-#include "route/route_formats.h"
 #include "tests/unit/log_capture.h"
 
 namespace test {

@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "common/process_info.h"
-#include "provider/socket_map.h"
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
+#include "sockets/socket_map.h"
 
 namespace test {
 namespace {

@@ -1,6 +1,6 @@
 // The random bind of a game socket, which goes through the socket's own next provider. What the
 // helpers do with plain sockets is in the scenarios.
-#include "relay/socket_helpers.h"
+#include "sockets/socket_helpers.h"
 
 #include <gtest/gtest.h>
 #include <ws2spi.h>
@@ -8,7 +8,7 @@
 #include <set>
 #include <vector>
 
-#include "provider/socket_map.h"
+#include "sockets/socket_map.h"
 #include "tests/unit/log_capture.h"
 
 namespace moru_vyr::lsp {

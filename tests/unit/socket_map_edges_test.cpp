@@ -2,7 +2,7 @@
 // for the socket that asked, and for no other under the same value.
 #include <gtest/gtest.h>
 
-#include "provider/socket_map.h"
+#include "sockets/socket_map.h"
 #include "tests/unit/scripted_provider.h"
 
 namespace moru_vyr::lsp {

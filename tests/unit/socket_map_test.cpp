@@ -1,4 +1,4 @@
-#include "provider/socket_map.h"
+#include "sockets/socket_map.h"
 
 #include <gtest/gtest.h>
 

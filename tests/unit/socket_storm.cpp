@@ -8,8 +8,8 @@
 
 #include "common/lock.h"
 #include "common/process_info.h"
-#include "provider/downcall_table.h"
-#include "provider/socket_map.h"
+#include "hooks/downcall_table.h"
+#include "sockets/socket_map.h"
 #include "tests/unit/scripted_provider.h"
 #include "tests/unit/threads.h"
 

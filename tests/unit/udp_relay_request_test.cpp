@@ -1,14 +1,14 @@
 // What a datagram socket says to the relay's control port, over a next provider that does as it is
 // told. At stake: the relay takes nothing but the exact message, from the socket itself, and
 // whatever becomes of it the game's call goes on.
-#include "provider/udp_relay_request.h"
+#include "hooks/udp_relay_request.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 
-#include "provider/udp_relay.h"
-#include "relay/relay_mgr.h"
+#include "engine/relay_mgr.h"
+#include "hooks/udp_relay.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/scripted_provider.h"
 #include "udp/relay_messages.h"

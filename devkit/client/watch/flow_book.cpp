@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "abi/report_records.h"
 #include "client/watch/report_words.h"
 #include "common/text.h"
 #include "route/decision.h"
-#include "tracker/report_records.h"
 
 namespace client {
 namespace {

@@ -8,9 +8,9 @@
 #include <chrono>
 #include <iterator>
 
+#include "abi/report_records.h"
 #include "client/bounded_lock.h"
 #include "client/watch/report_fields.h"
-#include "tracker/report_records.h"
 
 namespace client {
 namespace {

@@ -3,7 +3,7 @@
 #include <array>
 #include <iterator>
 
-#include "tracker/report_records.h"
+#include "abi/report_records.h"
 
 namespace client {
 namespace {

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <span>
 
+#include "abi/report_channels.h"
 #include "client/watch/report.h"
-#include "tracker/report_channels.h"
 
 namespace client {
 

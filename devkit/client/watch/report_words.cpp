@@ -4,11 +4,11 @@
 #include <cstdio>
 #include <ctime>
 
+#include "abi/report_records.h"
 #include "client/reason_words.h"
 #include "client/text_rules.h"
 #include "common/text.h"
 #include "route/decision.h"
-#include "tracker/report_records.h"
 
 namespace client {
 namespace {

@@ -1,0 +1,219 @@
+#include "engine/relay_mgr.h"
+
+#include "common/handle.h"
+#include "common/log.h"
+#include "common/own_thread.h"
+#include "route/route.h"
+#include "sockets/socket_helpers.h"
+#include "tracker/tracker.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr DWORD kInitPollMs = 10;
+constexpr DWORD kStopWaitMs = 200;
+constexpr long kPassTimeUs = 20000;  // bounds the idle latency of every timer
+constexpr u32 kUpdateIntervalMs = 30;
+constexpr int kFarewellPasses = 2;  // after a stop, for the providers to flush
+
+}  // namespace
+
+bool RelayMgr::IsRunning() const noexcept {
+  return state_.load(std::memory_order_acquire) == kStateRunning;
+}
+
+bool RelayMgr::IsSettled() const noexcept {
+  return state_.load(std::memory_order_relaxed) != kStateNotInitialised;
+}
+
+bool RelayMgr::CheckAndInit(u32 timeout_ms) noexcept {
+  if (IsSettled()) return IsRunning();
+  common::Lock hold(init_lock_);
+  // With a thread but no state, an earlier call gave up waiting; that may not be said twice.
+  if (!IsSettled() && worker_thread_.load(std::memory_order_relaxed) == nullptr) {
+    StartWorker(timeout_ms);
+  }
+  return IsRunning();
+}
+
+void RelayMgr::StartWorker(u32 timeout_ms) noexcept {
+  DWORD id = 0;
+  thread_left_.store(false, std::memory_order_relaxed);
+  worker_name_.store(0, std::memory_order_relaxed);
+  const HANDLE thread = CreateThread(nullptr, 0, WorkerThread, this, 0, &id);
+  if (thread != nullptr) {
+    worker_thread_id_.store(id, std::memory_order_relaxed);
+    worker_thread_.store(thread, std::memory_order_relaxed);
+    const u32 start = GetTickCount();
+    while (!IsSettled()) {
+      const u32 now = GetTickCount();
+      // Kept: once the counter has wrapped the wait goes on until the worker is ready.
+      if (now >= start && now - start >= timeout_ms) break;
+      // A thread that was ended on its way is not waited for. Its handle is not asked, since a stop
+      // may close that meanwhile.
+      if (common::HasEnded(worker_name_.load(std::memory_order_relaxed))) break;
+      Sleep(kInitPollMs);
+    }
+  } else {
+    thread_left_.store(true, std::memory_order_relaxed);
+  }
+  LSP_LOG(4, "RelayMgr::CheckAndInit, initialization is %d",
+          static_cast<int>(state_.load(std::memory_order_relaxed)));
+}
+
+bool RelayMgr::StillServes(u32 trust_ms) noexcept {
+  if (!Serves()) return false;
+  const u32 now = GetTickCount();
+  if (now - looked_at_.load(std::memory_order_relaxed) < trust_ms) return true;
+  looked_at_.store(now, std::memory_order_relaxed);
+  if (!common::HasEnded(worker_name_.load(std::memory_order_relaxed))) return true;
+  BuryWorker();
+  return false;
+}
+
+// What a worker leaves behind that did not come to its end: nobody polls its sockets any more, and
+// whoever is connected to one would wait for ever. Nothing else of it is touched, now or later: it
+// may have been changing anything.
+void RelayMgr::BuryWorker() noexcept {
+  if (thread_left_.load(std::memory_order_acquire) || buried_.exchange(true)) return;
+  serves_.store(false, std::memory_order_release);
+  CloseWorkerSockets();
+}
+
+// The worker's identity stands until it has ended, since its last calls must be known as its own.
+void RelayMgr::Stop() noexcept {
+  stop_flag_.store(true, std::memory_order_relaxed);
+  serves_.store(false, std::memory_order_release);
+  u32 id = GetWorkerThreadId();
+  common::UniqueHandle thread(worker_thread_.exchange(nullptr, std::memory_order_relaxed));
+  if (thread) {
+    const DWORD waited = WaitForSingleObject(thread.get(), kStopWaitMs);
+    if (waited == WAIT_TIMEOUT) {
+      common::EndByForce(thread.get(), worker_name_.load(std::memory_order_relaxed));
+    }
+    if (waited != WAIT_FAILED) BuryWorker();
+    thread.Reset();
+    worker_thread_id_.compare_exchange_strong(id, 0, std::memory_order_relaxed);
+  }
+  state_.store(kStateNotInitialised, std::memory_order_relaxed);
+}
+
+bool RelayMgr::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr,
+                                      sockaddr** out_addr, int* out_len, u32 token) noexcept {
+  // Asked again afterwards: the worker may have ended while it was waited for.
+  return Serves() &&
+         tcp_provider_.RequestTcpRelaySession(socket, port, addr, out_addr, out_len, token) &&
+         StillServes(0);
+}
+
+bool RelayMgr::GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept {
+  return Serves() && udp_provider_.GetCreateResult(token, out);
+}
+
+std::shared_ptr<UdpPackageQueue> RelayMgr::UseQueue(const UdpPackageQueue* queue,
+                                                    u32 token) const noexcept {
+  return Serves() ? udp_provider_.UseQueue(queue, token) : nullptr;
+}
+
+DWORD WINAPI RelayMgr::WorkerThread(LPVOID self) noexcept {
+  const common::OwnThread own;
+  auto& relay = *static_cast<RelayMgr*>(self);
+  relay.worker_name_.store(own.name(), std::memory_order_relaxed);
+  relay.WorkerProc();
+  relay.thread_left_.store(true, std::memory_order_release);
+  return 0;
+}
+
+void RelayMgr::WorkerProc() noexcept {
+  // Before anything else: its own first socket call asks whose it is, and would wait for itself.
+  worker_thread_id_.store(GetCurrentThreadId(), std::memory_order_relaxed);
+  if (!InternalInit()) return;
+  LSP_LOG(0, "RelayMgr::WorkerProc, FD_SIZE=%lu", static_cast<unsigned long>(FD_SETSIZE));
+  GetTracker().Init([]() noexcept { GetRelayMgr().BuryWorker(); });
+  stop_flag_.store(false, std::memory_order_relaxed);
+  Loop();
+  serves_.store(false, std::memory_order_release);
+  GetTracker().UnInit();
+  UninitProviders();
+  LSP_LOG(0, "RelayMgr::WorkerProc Quit");
+}
+
+// True if the thread is to poll. The state comes last: whoever sees it may use the relay at once.
+bool RelayMgr::InternalInit() noexcept {
+  if (buried_.load(std::memory_order_acquire)) {
+    state_.store(kStateRunning, std::memory_order_release);  // kept; the providers are left alone
+    return false;
+  }
+  const bool udp_started = udp_provider_.Init(this, GetRoute());
+  LSP_LOG(4, "RelayMgr::InternalInit, UDP init is %s", udp_started ? "true" : "false");
+  const bool tcp_started = udp_started && tcp_provider_.Init(this, GetRoute());
+  LSP_LOG(4, "RelayMgr::InternalInit, TCP init is %s", tcp_started ? "true" : "false");
+  const bool is_worker = tcp_started && BecomeTheWorker();
+  state_.store(tcp_started ? kStateRunning : kStateFailed, std::memory_order_release);
+  // Nobody would poll their sockets, nor ever close them.
+  if (tcp_started && !is_worker) UninitProviders();
+  return is_worker;
+}
+
+bool RelayMgr::BecomeTheWorker() noexcept {
+  if (worker_started_.exchange(true)) return false;
+  serves_.store(true, std::memory_order_release);
+  return true;
+}
+
+void RelayMgr::UninitProviders() noexcept {
+  udp_provider_.Uninit();
+  tcp_provider_.Uninit();
+}
+
+void RelayMgr::Loop() noexcept {
+  const timeval pass_time{0, kPassTimeUs};
+  int passes_left = kFarewellPasses;
+  u32 last_update = GetTickCount();
+  for (;;) {
+    if (IsStopping()) {
+      if (passes_left <= 0) return;
+      --passes_left;
+    }
+    int error = 0;
+    if (sockets_.Poll(pass_time, &error) == SOCKET_ERROR) {
+      LSP_LOG(0, "RelayMgr::WorkerProc select return error = %u", static_cast<u32>(error));
+      if (error == WSANOTINITIALISED || error == WSAEFAULT || error == WSAENETDOWN) return;
+    }
+    OnTimer(&last_update);
+  }
+}
+
+// Kept: where the sum wraps or the counter has, the updates come at every pass, or pause until the
+// counter has climbed back.
+void RelayMgr::OnTimer(u32* last_update) noexcept {
+  const u32 now = GetTickCount();
+  GetTracker().OnTimer(now);
+  if (now <= *last_update + kUpdateIntervalMs) return;
+  const u32 elapsed = now - *last_update;
+  udp_provider_.OnUpdate(elapsed);
+  tcp_provider_.OnUpdate(elapsed);
+  GetRoute()->OnUpdate(elapsed);
+  *last_update = now;
+}
+
+u32 RelayMgr::AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept {
+  return sockets_.Add(socket, delegate);
+}
+
+u32 RelayMgr::EnableWrite(SOCKET socket) noexcept { return sockets_.EnableWrite(socket, true); }
+
+IRelaySocketDelegate* RelayMgr::RemoveSocket(SOCKET socket) noexcept {
+  return sockets_.Remove(socket);
+}
+
+u32 RelayMgr::NextToken() noexcept {
+  return last_token_.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+RelayMgr& GetRelayMgr() {
+  static RelayMgr& relay = *new RelayMgr;
+  return relay;
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,116 @@
+// The relay's centre: it owns the one thread that moves relayed traffic, and the providers that
+// live on it.
+//
+// The thread starts at the first CheckAndInit and ends with Stop. A process gets one: kept, a
+// start after a stop reports success, and nobody polls. What is asked of the relay then is refused,
+// and so it is as soon as the worker has ended in any other way: by an error of select, by force,
+// or by the hand of a stranger. See Serves, and docs/lifetime.md. Any thread may call what is
+// public; IRelaySocketMgr's other three operations belong to the worker. Nothing throws.
+#pragma once
+#include <winsock2.h>
+//
+#include <windows.h>
+
+#include <atomic>
+#include <memory>
+
+#include "common/lock.h"
+#include "common/types.h"
+#include "relay/net_provider.h"
+#include "relay/relay_interfaces.h"
+#include "relay/socket_sets.h"
+#include "stream/tcp_provider.h"
+#include "udp/udp_provider.h"
+
+namespace moru_vyr::lsp {
+
+class RelayMgr final : public IRelaySocketMgr {
+ public:
+  static constexpr u32 kStateRunning = 0;
+  static constexpr u32 kStateNotInitialised = 1;
+  static constexpr u32 kStateFailed = 0x80004005;
+  static constexpr u32 kDatagramTrustMs = 100;
+
+  RelayMgr() = default;
+  RelayMgr(const RelayMgr&) = delete;
+  RelayMgr& operator=(const RelayMgr&) = delete;
+
+  // True if the relay has been started. The first call starts it and waits up to `timeout_ms` for
+  // it; a worker that is not ready by then may be so at a later call.
+  bool CheckAndInit(u32 timeout_ms) noexcept;
+  // Whether a worker is there that takes what is sent to the relay: the one question to ask before
+  // anything is sent there, or waited for from there. Costs one load, and may say yes for a moment
+  // after a worker was ended from outside.
+  bool Serves() const noexcept { return serves_.load(std::memory_order_acquire); }
+  // The same, with a look at the worker's thread unless somebody has looked within `trust_ms`. For
+  // the beginning of a connection or a datagram's way, which costs a few system calls anyway.
+  bool StillServes(u32 trust_ms) noexcept;
+  // Ends the worker, by force if it has not ended after 200 ms. A worker that was ended by force
+  // has left its sockets open; they are closed then, so that the game hears of it.
+  void Stop() noexcept;
+  bool IsStopping() const noexcept { return stop_flag_.load(std::memory_order_relaxed); }
+
+  // Calls that the worker makes itself are never relayed; this is how they are known.
+  u32 GetWorkerThreadId() const noexcept {
+    return worker_thread_id_.load(std::memory_order_relaxed);
+  }
+
+  // See TcpProvider.
+  bool RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr, sockaddr** out_addr,
+                              int* out_len, u32 token) noexcept;
+
+  // For sockets of datagrams, which ask for their relay at its control port; see UdpProvider.
+  void GetUdpLocalAddr(sockaddr_in* out) const noexcept { udp_provider_.GetLocalAddr(out); }
+  bool GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept;
+  // What a socket's record says is the socket's queue, to be used through the result alone, for
+  // as long as a call lasts. Null, which counts as a queue with no entry, once its session is
+  // gone.
+  std::shared_ptr<UdpPackageQueue> UseQueue(const UdpPackageQueue* queue, u32 token) const noexcept;
+
+  // The game's socket of that token is gone, and could not say so at the control port: see
+  // UdpProvider::NoteUntoldEnd.
+  void NoteUntoldEnd(u32 token) noexcept { udp_provider_.NoteUntoldEnd(token); }
+
+  u32 AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept override;
+  u32 EnableWrite(SOCKET socket) noexcept override;
+  IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;
+  // The identity of one more socket: 1, 2, 3 … over the life of the process.
+  u32 NextToken() noexcept override;
+
+ private:
+  static DWORD WINAPI WorkerThread(LPVOID self) noexcept;
+  bool IsSettled() const noexcept;
+  bool IsRunning() const noexcept;
+  void StartWorker(u32 timeout_ms) noexcept;
+  void WorkerProc() noexcept;
+  bool InternalInit() noexcept;
+  bool BecomeTheWorker() noexcept;
+  void Loop() noexcept;
+  void UninitProviders() noexcept;
+  void BuryWorker() noexcept;
+  void OnTimer(u32* last_update) noexcept;
+
+  std::atomic<u32> state_{kStateNotInitialised};  // released: the listener's address goes with it
+  std::atomic<bool> stop_flag_{true};
+  std::atomic<HANDLE> worker_thread_{nullptr};
+  std::atomic<u32> worker_thread_id_{0};
+  std::atomic<u32> worker_name_{0};          // of own_thread.h
+  std::atomic<bool> worker_started_{false};  // never cleared
+  std::atomic<bool> serves_{false};      // from the worker's readiness to the first sign of its end
+  std::atomic<u32> looked_at_{0};        // the tick at which the worker's thread was seen alive
+  std::atomic<bool> thread_left_{true};  // the thread has come to the end of its function
+  std::atomic<bool> buried_{false};      // a worker was ended in the middle of its work
+
+  common::Mutex init_lock_;  // one thread starts the worker; held while it waits for that
+  std::atomic<u32> last_token_{0};
+
+  SocketSets sockets_;
+
+  UdpProvider udp_provider_{stop_flag_};
+  TcpProvider tcp_provider_;
+};
+
+// The process's relay, built at first use and alive until the process ends.
+RelayMgr& GetRelayMgr();
+
+}  // namespace moru_vyr::lsp

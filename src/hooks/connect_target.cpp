@@ -1,0 +1,36 @@
+#include "hooks/connect_target.h"
+
+#include "common/log.h"
+#include "engine/relay_mgr.h"
+#include "hooks/hook_common.h"
+#include "hooks/relay_admission.h"
+#include "sockets/check_and_bind.h"
+
+namespace moru_vyr::lsp {
+
+void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept {
+  const SOCKET s = record.socket;
+  const sockaddr_in asked = ReadAddress(target->name, target->name_size);
+  if (!IsAllowConnect(kSocketTypeStream, &asked, s, record.token)) return;
+  // Exactly, before the socket is bound to the loopback interface: bound there it gets nowhere
+  // else.
+  if (!GetRelayMgr().StillServes(0)) return;
+  if (!CheckAndBind(s, &target->local_port)) return;
+  sockaddr* relay_addr = nullptr;
+  int relay_len = sizeof(sockaddr_in);
+  if (!GetRelayMgr().RequestTcpRelaySession(s, target->local_port, &asked, &relay_addr, &relay_len,
+                                            record.token) ||
+      relay_addr == nullptr) {
+    LSP_LOG(4, "WSPConnect: RequestTcpRelaySession is false, socket=%Id, token=%u", s,
+            record.token);
+    return;
+  }
+  target->name = relay_addr;
+  target->name_size = relay_len;
+  GetSocketMap().SetHandledAddr(s, reinterpret_cast<const sockaddr*>(&asked), relay_len);
+  LSP_LOG(4, "WSPConnect: RequestTcpRelaySession is relayed. relay=%s:%d, socket=%Id, token=%u",
+          DescribeAddress(relay_addr, relay_len).ip.c_str(),
+          DescribeAddress(relay_addr, relay_len).port, s, record.token);
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,18 @@
+#include "common/log.h"
+#include "engine/relay_mgr.h"
+#include "hooks/hook_common.h"
+#include "hooks/hook_entries.h"
+#include "icmp/icmp_vm.h"
+
+namespace moru_vyr::lsp {
+
+// Kept: the next provider's WSPCleanup is never called, and no flag of start-up is reset.
+int WSPAPI WSPCleanup(LPINT lpErrno) noexcept {
+  GetRelayMgr().Stop();
+  GetIcmpVM().FreePool();
+  StoreError(lpErrno, 0);
+  LSP_LOG(0, "WSPCleanup");
+  return 0;
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,160 @@
+// The replaced entries that name an address with each datagram.
+#include <algorithm>
+#include <cstring>
+
+#include "common/log.h"
+#include "hooks/hook_common.h"
+#include "hooks/hook_entries.h"
+#include "hooks/relay_admission.h"
+#include "hooks/udp_relay.h"
+#include "sockets/socket_error_filter.h"
+#include "sockets/socket_map.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+// Whether a datagram to `to`, which may be null, goes to the relay; *relay_addr is where then, and
+// *entry what stands for it in the relay's queue.
+bool PrepareSend(const SocketRecord& record, LPWSABUF buffers, DWORD count, const sockaddr* to,
+                 int to_size, sockaddr_in* relay_addr, LPWSATHREADID thread_id,
+                 u64* entry) noexcept {
+  if (record.type != kSocketTypeDatagram) return false;
+  const sockaddr_in asked = to != nullptr ? ReadAddress(to, to_size) : sockaddr_in{};
+  const sockaddr_in* const dest = to != nullptr ? &asked : nullptr;
+  return IsAllowUdpRelayed(record, dest) &&
+         PrepareUdpRelaySend(record, buffers, count, dest, relay_addr, thread_id, entry);
+}
+
+// Puts the true source into the caller's place for it, as far as that reaches.
+void RestoreSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr* from,
+                   const INT* from_size, const DWORD* received) noexcept {
+  if (from == nullptr || from_size == nullptr) return;
+  sockaddr_in source = ReadAddress(from, *from_size);
+  if (!RestoreUdpSource(record, buffers, count, &source, received)) return;
+  const int room = std::clamp(*from_size, 0, static_cast<int>(sizeof source));
+  std::memcpy(from, &source, static_cast<size_t>(room));
+}
+
+// What a line on a receive tells of the caller's memory.
+struct ReceiveView {
+  AddressText From() const {
+    const auto* const name = reinterpret_cast<const sockaddr*>(&from);
+    return DescribeAddress(named ? name : nullptr, from_size);
+  }
+
+  bool named = false;
+  sockaddr_in from = {};
+  int from_size = 0;
+  int bytes = 0;
+  int flags = 0;
+};
+
+ReceiveView Look(const sockaddr* from, const INT* from_size, const DWORD* bytes,
+                 const DWORD* flags) {
+  ReceiveView view;
+  view.named = from != nullptr;
+  if (view.named && from_size != nullptr) {
+    view.from = ReadAddress(from, *from_size);
+    view.from_size = *from_size;
+  }
+  view.bytes = static_cast<int>(CountOf(bytes));
+  view.flags = static_cast<int>(CountOf(flags));
+  return view;
+}
+
+}  // namespace
+
+int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lpNumberOfBytesSent,
+                     DWORD dwFlags, const struct sockaddr* lpTo, int iTolen,
+                     LPWSAOVERLAPPED lpOverlapped,
+                     LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
+                     LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept {
+  SocketRecord record;
+  GetSocketMap().Get(s, &record);
+  const WSPPROC_TABLE* const next = record.next_proc_table;
+  if (next == nullptr || next->lpWSPSendTo == nullptr) {
+    LSP_LOG(5, "WSPSendTo: next_proc_table invalid, socket=%Id", s);
+    FailWithoutProvider(lpErrno);
+    return SOCKET_ERROR;
+  }
+  RelayName relay;
+  u64 entry = 0;
+  const bool relay_send = PrepareSend(record, lpBuffers, dwBufferCount, lpTo, iTolen,
+                                      relay.address(), lpThreadId, &entry);
+  // A socket that names no destination is connected: what it is connected to decides.
+  const sockaddr* const target = relay_send && lpTo != nullptr ? relay.name() : lpTo;
+  const int target_size = target != lpTo ? RelayName::BoundedSize(iTolen) : iTolen;
+  // Kept: the count of sent bytes is not cleared first, unlike in WSPSend.
+  const int result =
+      next->lpWSPSendTo(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags, target,
+                        target_size, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
+  const int error = ErrorOf(lpErrno);
+  if (relay_send && MayBePending(result, lpErrno)) {
+    CancelPendingUdpSend(s, entry);  // kept: the relay will drop its datagram
+  } else if (relay_send && result == SOCKET_ERROR) {
+    CancelUdpSend(s, lpBuffers, dwBufferCount);
+  }
+  const auto log = [&](int level) {
+    LSP_LOG(level,
+            "WSPSendTo: ret=%d, err=%d, dst=%s:%d, relay_send=%s, pbuf=%p, buf_cnt=%d, "
+            "sent_bytes=%d, flag=%d, ol=0x%08x, crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
+            result, error, DescribeAddress(lpTo, iTolen).ip.c_str(),
+            DescribeAddress(lpTo, iTolen).port, relay_send ? "true" : "false",
+            static_cast<void*>(lpBuffers), static_cast<int>(dwBufferCount),
+            static_cast<int>(CountOf(lpNumberOfBytesSent)), static_cast<int>(dwFlags),
+            PointerBits(lpOverlapped), PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s,
+            record.token);
+  };
+  if (result == SOCKET_ERROR && error != WSAEWOULDBLOCK && error != WSA_IO_PENDING) {
+    if (GetSocketErrorFilter().ShouldLog(kOperationSendTo, error, record.token)) log(4);
+  } else if (result == 0) {
+    log(0);
+  }
+  return result;
+}
+
+int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
+                       LPDWORD lpNumberOfBytesRecvd, LPDWORD lpFlags, struct sockaddr* lpFrom,
+                       LPINT lpFromlen, LPWSAOVERLAPPED lpOverlapped,
+                       LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
+                       LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept {
+  SocketRecord record;
+  GetSocketMap().Get(s, &record);
+  const WSPPROC_TABLE* const next = record.next_proc_table;
+  if (next == nullptr || next->lpWSPRecvFrom == nullptr) {
+    LSP_LOG(5, "WSPRecvFrom: next_proc_table invalid, socket=%Id", s);
+    FailWithoutProvider(lpErrno);
+    return SOCKET_ERROR;
+  }
+  const bool allowed = IsAllowedRelay(record);
+  const auto look = [&] { return Look(lpFrom, lpFromlen, lpNumberOfBytesRecvd, lpFlags); };
+  // For the line on a receive that goes pending: it tells how it began.
+  const ReceiveView before = common::IsLogged(4) ? look() : ReceiveView{};
+  // Kept: the count of received bytes is not cleared first, unlike in WSPRecv.
+  const int result =
+      next->lpWSPRecvFrom(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd, lpFlags, lpFrom,
+                          lpFromlen, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
+  const int error = ErrorOf(lpErrno);
+  if (result == 0 && record.type == kSocketTypeDatagram && allowed) {
+    RestoreSource(record, lpBuffers, dwBufferCount, lpFrom, lpFromlen, lpNumberOfBytesRecvd);
+  }
+  const auto log = [&](int level) {
+    if (!common::IsLogged(level)) return;
+    const ReceiveView seen = MayBePending(result, lpErrno) ? before : look();
+    LSP_LOG(level,
+            "WSPRecvFrom end: ret=%d, err=%d, from=%s:%d, pbuf=%p, buf_cnt=%d, recv_bytes=%d, "
+            "flag=%d, ol=0x%08x, crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
+            result, error, seen.From().ip.c_str(), seen.From().port, static_cast<void*>(lpBuffers),
+            static_cast<int>(dwBufferCount), seen.bytes, seen.flags, PointerBits(lpOverlapped),
+            PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s, record.token);
+  };
+  // Kept: a pending receive (997) counts as a failure here, though not in WSPRecv.
+  if (result == SOCKET_ERROR && error != WSAEWOULDBLOCK) {
+    if (GetSocketErrorFilter().ShouldLog(kOperationRecvFrom, error, record.token)) log(4);
+  } else if (result == 0) {
+    log(0);
+  }
+  return result;
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,183 @@
+#include "hooks/udp_relay.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+
+#include "common/log.h"
+#include "common/net_text.h"
+#include "engine/relay_mgr.h"
+#include "hooks/relay_admission.h"
+#include "hooks/udp_relay_request.h"
+#include "route/route.h"
+#include "udp/udp_package_queue.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+bool NeedsRelay(const SocketRecord& record, const sockaddr_in* to) noexcept {
+  try {
+    return GetRoute()->NeedRelay(to, record.type, record.socket, record.token);
+  } catch (...) {
+    return false;  // out of memory
+  }
+}
+
+// A queue of that socket's session; null once the session is gone, which counts as no entry.
+std::shared_ptr<UdpPackageQueue> Use(const SocketRecord& record,
+                                     const UdpPackageQueue* queue) noexcept {
+  return queue != nullptr ? GetRelayMgr().UseQueue(queue, record.token) : nullptr;
+}
+
+enum class Asked { kRelayed, kRefused, kSocketGone };
+
+// Asks for the socket's relay and keeps what came of it with the socket. Two threads may both come
+// here for one socket: the relay answers one of them, and the other's failure may have the last
+// word. A socket that was closed meanwhile could not know of the session that it may have by now.
+Asked AskForRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
+                  UdpPackageQueue** send_queue, LPWSATHREADID thread_id) noexcept {
+  UdpPackageQueue* recv_queue = nullptr;
+  const bool relayed = RequestUdpRelay(record, to, thread_id, out_addr, send_queue, &recv_queue);
+  const bool kept = relayed
+                        ? GetSocketMap().SetRelayAddr(record.socket, out_addr, *send_queue,
+                                                      recv_queue, record.token)
+                        : GetSocketMap().SetRelayState(record.socket, kRelayRefused, record.token);
+  if (!kept) GetRelayMgr().NoteUntoldEnd(record.token);
+  if (!relayed) return Asked::kRefused;
+  return kept ? Asked::kRelayed : Asked::kSocketGone;
+}
+
+// The socket's first datagram for the relay.
+bool StartRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
+                UdpPackageQueue** send_queue, LPWSATHREADID thread_id) noexcept {
+  const Asked asked = AskForRelay(record, to, out_addr, send_queue, thread_id);
+  if (asked == Asked::kSocketGone) {
+    LSP_LOG(5, "[UDP] WSPSendTo: SetRelayAddr failed, socket=%Id, token=%u", record.socket,
+            record.token);
+  }
+  return asked == Asked::kRelayed;
+}
+
+}  // namespace
+
+bool IsAllowUdpRelayed(const SocketRecord& record, const sockaddr_in* to) noexcept {
+  if (!IsAllowedRelay(record)) return false;
+  if (to == nullptr) return record.relay_state == kRelayRunning;
+  bool result = true;
+  bool has_free = false;
+  const u32 ip = static_cast<u32>(to->sin_addr.s_addr);
+  const unsigned port = ntohs(to->sin_port);
+  if (SocketMap::FindRelayRecord(record, to, &result, &has_free)) {
+    LSP_LOG(0, "[UDP] IsAllowUdpRelayed GetRelayRecord, addr=%s:%u, relay=%s, socket=%Id, token=%u",
+            common::IpToString(ip).c_str(), port, result ? "true" : "false", record.socket,
+            record.token);
+  } else if (has_free) {
+    result = NeedsRelay(record, to);
+    GetSocketMap().SaveRelayRecord(record.socket, to, result);
+    LSP_LOG(4, "IsAllowUdpRelayed SaveRelayRecord, addr=%s:%u, relay=%s, socket=%Id, token=%u",
+            common::IpToString(ip).c_str(), port, result ? "true" : "false", record.socket,
+            record.token);
+  } else {
+    LSP_LOG(0, "IsAllowUdpRelayed, Out of space, addr=%s:%u, socket=%Id, token=%u",
+            common::IpToString(ip).c_str(), port, record.socket, record.token);
+  }
+  return result;
+}
+
+bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
+                         const sockaddr_in* to, sockaddr_in* out_addr, LPWSATHREADID thread_id,
+                         u64* entry) noexcept {
+  if (out_addr == nullptr || !GetRelayMgr().StillServes(RelayMgr::kDatagramTrustMs)) return false;
+  const sockaddr_in* dest = to;
+  UdpPackageQueue* queue = nullptr;
+  switch (record.relay_state) {
+    case kRelayNotAsked:
+      if (!StartRelay(record, to, out_addr, &queue, thread_id)) return false;
+      break;
+    case kRelayRunning:
+      queue = record.send_queue;
+      *out_addr = record.relay_addr;
+      if (dest == nullptr && record.udp_connect_mode) dest = &record.handled_addr;
+      break;
+    default:
+      return false;
+  }
+  // Queued before it is sent, so that the worker finds the entry however soon the datagram comes.
+  // Kept: a datagram that cannot be queued goes to the relay all the same, and is lost there.
+  if (const auto live = Use(record, queue)) {
+    live->Push(buffers, static_cast<u32>(count), dest, entry);
+  }
+  return true;
+}
+
+bool PrepareConnectedUdpSend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
+                             LPWSATHREADID thread_id, u64* entry) noexcept {
+  if (!record.udp_connect_mode) return false;
+  sockaddr_in scratch = {};
+  return PrepareUdpRelaySend(record, buffers, count, &record.handled_addr, &scratch, thread_id,
+                             entry);
+}
+
+void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count) noexcept {
+  if (buffers == nullptr) return;
+  SocketRecord record;
+  if (!GetSocketMap().Get(s, &record)) return;
+  const auto queue = Use(record, record.send_queue);
+  if (queue == nullptr) return;
+  u64 total = 0;
+  for (DWORD i = 0; i < count; ++i) total += buffers[i].len;
+  sockaddr_in scratch = {};
+  queue->FindAddrThenRemove(buffers, static_cast<u32>(count),
+                            static_cast<u32>(std::min<u64>(total, UINT32_MAX)), &scratch);
+}
+
+void CancelPendingUdpSend(SOCKET s, u64 entry) noexcept {
+  SocketRecord record;
+  if (!GetSocketMap().Get(s, &record)) return;
+  if (const auto queue = Use(record, record.send_queue)) queue->Remove(entry);
+}
+
+bool RestoreUdpSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr_in* from,
+                      const DWORD* received) noexcept {
+  if (from == nullptr || record.relay_state != kRelayRunning || received == nullptr) return false;
+  if (from->sin_addr.s_addr != record.relay_addr.sin_addr.s_addr ||
+      from->sin_port != record.relay_addr.sin_port) {
+    return false;  // it did not come through the relay
+  }
+  const auto queue = Use(record, record.recv_queue);
+  if (queue == nullptr) return false;
+  return queue->FindAddrThenRemove(buffers, static_cast<u32>(count), static_cast<u32>(*received),
+                                   from);
+}
+
+bool RestoreConnectedUdpSource(const SocketRecord& record, LPWSABUF buffers, DWORD count,
+                               const DWORD* received) noexcept {
+  if (!record.udp_connect_mode) return false;
+  sockaddr_in source = {};  // never the relay's address, so the search ends there
+  return RestoreUdpSource(record, buffers, count, &source, received);
+}
+
+bool HandleUdpConnect(const SocketRecord& record, const sockaddr_in* addr,
+                      sockaddr_in* out_addr) noexcept {
+  if (out_addr == nullptr || !NeedsRelay(record, addr)) return false;
+  if (record.relay_state == kRelayRunning) {
+    // Kept: a socket whose relay was started by a datagram does not come into connect mode.
+    *out_addr = record.relay_addr;
+    return true;
+  }
+  if (record.relay_state != kRelayNotAsked) return false;
+  WSATHREADID thread{GetCurrentThread(), 0};
+  UdpPackageQueue* send_queue = nullptr;
+  const Asked asked = AskForRelay(record, addr, out_addr, &send_queue, &thread);
+  if (asked == Asked::kSocketGone) {
+    LSP_LOG(5, "[UDP] HandleUdpConnect:SetRelayAddr failed, socket=%Id, token=%u", record.socket,
+            record.token);
+  }
+  if (asked != Asked::kRelayed) return false;
+  GetSocketMap().SetUdpConnectMode(record.socket, true, record.token);
+  return true;
+}
+
+}  // namespace moru_vyr::lsp

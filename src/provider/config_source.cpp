@@ -1,9 +1,0 @@
-#include "provider/config_source.h"
-
-#include "route/acc_config.h"
-
-namespace moru_vyr::lsp {
-
-bool ObtainAccConfig() noexcept { return ReadAccConfig(); }
-
-}  // namespace moru_vyr::lsp

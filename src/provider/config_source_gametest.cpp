@@ -1,9 +1,0 @@
-// For the build for developers, in place of config_source.cpp.
-#include "gametest/test_mode.h"
-#include "provider/config_source.h"
-
-namespace moru_vyr::lsp {
-
-bool ObtainAccConfig() noexcept { return ReadTestConfig(); }
-
-}  // namespace moru_vyr::lsp

@@ -1,0 +1,12 @@
+// Which of this provider's layered entries a start means.
+#pragma once
+#include "start/catalogue.h"
+
+namespace moru_vyr::lsp {
+
+// The record of `list` that `in_info` stands for, or null. Four passes, from the entry itself to
+// a start that comes through a provider layered above this one; the first hit decides.
+LspProvider* FindMatchingProvider(const WSAPROTOCOL_INFOW* in_info, LspProvider* list,
+                                  int count) noexcept;
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,168 @@
+#include "stream/tcp_negotiation.h"
+
+#include <algorithm>
+
+#include "common/log.h"
+#include "common/net_text.h"
+#include "common/unix_time.h"
+#include "route/decision.h"
+#include "tracker/tracker.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr int kHeaderSize = sizeof(NegoHeader);
+
+}  // namespace
+
+bool TcpNegotiation::SendTcpNegotiation(IRelaySocketMgr* mgr, SOCKET socket, u32 token, u32 game_ip,
+                                        u16 game_port, u8 retry, const SessionGuid* guid,
+                                        const AccDecisionInfo* decision) noexcept {
+  token_ = token;
+  start_time_ = common::UnixTicks();
+  NegoRequest request = MakeNegoRequest(game_ip, game_port, retry, *guid, *decision);
+  request.Pack(nullptr, 0, 0);
+  const int sent = send(socket, reinterpret_cast<const char*>(&request), sizeof request, 0);
+  if (sent == SOCKET_ERROR) {
+    const int error = WSAGetLastError();
+    if (error != WSAEWOULDBLOCK) {
+      LSP_LOG(4, "[TCP]Failed to send negotiation, error=%d,socket=%Id, token=%u", error, socket,
+              token_);
+      return false;
+    }
+    if (mgr != nullptr) mgr->EnableWrite(socket);
+  } else {
+    LSP_LOG(0, "[TCP]Negotiation request is sent successfully");  // kept: also for a part of it
+  }
+  socket_ = socket;
+  response_.Init(kNegoVersion);
+  return true;
+}
+
+int TcpNegotiation::ParseTcpNegotiation(AccDecisionInfo* decision, u32* reason) noexcept {
+  if (const int result = RspTcpNegotiationHead(); result != 0) {
+    LSP_LOG(4, "[TCP]Failed to received Negotiation header");
+    *reason = kNegoReceiveFailed;
+    return result;
+  }
+  if (const int result = response_.header.Unpack(nullptr, 0); result < 0) {
+    LSP_LOG(4, "[TCP]Failed to parse Negotiation header, err=%d, socket=%Id, token=%u", result,
+            socket_, token_);
+    *reason = kNegoBadHeader;
+    return -1;
+  }
+  // An answer longer than the longest form is no answer of ours, and there is no room for it.
+  const int pkg_len = response_.header.pkg_len;
+  if (pkg_len <= kHeaderSize || pkg_len > static_cast<int>(sizeof response_)) {
+    LSP_LOG(4,
+            "TcpNegotiation::ParseTcpNegotiation, wrong pkg_len, pkg_len=%d, sizeof(header)=%d, "
+            "socket=%Id, token=%u",
+            pkg_len, kHeaderSize, socket_, token_);
+    *reason = kNegoBadHeader;
+    return -1;
+  }
+  if (const int result = RspTcpNegotiationBody(); result != 0) {
+    LSP_LOG(4, "[TCP]Failed to received Negotiation body");
+    *reason = kNegoReceiveFailed;
+    return result;
+  }
+  LSP_LOG(4, "[TCP]Negotiation response is received successfully, socket=%Id, token=%u", socket_,
+          token_);
+  // Kept: the newest form, whatever the version; what a shorter one lacks is still zero.
+  if (const int result = response_.body.Unpack(nullptr, 0, 0); result < 0) {
+    LSP_LOG(4, "[TCP]Failed to parse Negotiation header,err=%d, socket=%Id, token=%u", result,
+            socket_, token_);
+    *reason = kNegoBadBody;
+    return -1;
+  }
+  if (!CheckNegotiation(decision, reason)) return -1;
+  LSP_LOG(4, "[TCP]Negotiation is successful");
+  NegotiationSuccess();
+  return 0;
+}
+
+u32 TcpNegotiation::ElapsedMs() const noexcept {
+  return std::max(u32{1},
+                  static_cast<u32>((common::UnixTicks() - start_time_) / common::kUnixTicksPerMs));
+}
+
+// 0 once `size` bytes are there. The answer is never waited for: one that comes in pieces must
+// have come by the time it is looked at. What an earlier call left as the last error is no word of
+// this one's, and not every system clears it on success: a node that closed would be taken for one
+// that has said nothing so far, and no other would be tried.
+int TcpNegotiation::Receive(u8* to, int size, int* received) noexcept {
+  *received = 0;
+  while (*received < size) {
+    WSASetLastError(0);
+    const int n = recv(socket_, reinterpret_cast<char*>(to + *received), size - *received, 0);
+    const int error = WSAGetLastError();
+    if (n <= 0) return n == 0 && error == WSAEWOULDBLOCK ? 1 : -1;
+    *received += n;
+  }
+  return 0;
+}
+
+int TcpNegotiation::RspTcpNegotiationHead() noexcept {
+  int received = 0;
+  const int result = Receive(reinterpret_cast<u8*>(&response_.header), kHeaderSize, &received);
+  if (result != 0) return result;
+  if (received != kHeaderSize) {  // a provider below says that it gave more than it was asked for
+    LSP_LOG(4,
+            "TcpNegotiation::RspTcpNegotiationHead, Negotiation head reception failed. possibly it "
+            "is illegal package. socket=%Id, token=%u",
+            socket_, token_);
+    return -1;
+  }
+  return 0;
+}
+
+int TcpNegotiation::RspTcpNegotiationBody() noexcept {
+  int received = 0;
+  return Receive(reinterpret_cast<u8*>(&response_.body), response_.header.pkg_len - kHeaderSize,
+                 &received);
+}
+
+bool TcpNegotiation::CheckNegotiation(AccDecisionInfo* decision, u32* reason) noexcept {
+  const NegoResponseBody& body = response_.body;
+  RouteProxyInfo& proxy = decision->selected_proxy;
+  const u32 client_isp = body.client_isp;
+  const u32 served_isps = proxy.surport_isps;
+  *reason = body.result;
+  if (*reason == 0 && (client_isp & served_isps) == 0) {
+    if (decision->acc_reason == kReasonForceAuto || decision->acc_reason == kReasonForceManual) {
+      LSP_LOG(5,
+              "[TCP]CheckNegotiation isp not support, but force accl, client_isp=%x, "
+              "support_isps=%x, socket=%Id, token=%u",
+              client_isp, served_isps, socket_, token_);
+    } else {
+      *reason = kNegoIspNotServed;
+      LSP_LOG(5,
+              "[TCP]CheckNegotiation isp not support, client_isp=%x, support_isps=%x, socket=%Id, "
+              "token=%u",
+              client_isp, served_isps, socket_, token_);
+    }
+  }
+  proxy.user_ip = htonl(body.client_ip);
+  proxy.user_isp = client_isp;
+  if (*reason != 0) return false;
+  GetTracker().RecordNegSuccess(socket_, client_isp, htonl(body.client_ip), body.last_node.node_id,
+                                htonl(body.last_node.ip), decision);
+  return true;
+}
+
+void TcpNegotiation::NegotiationSuccess() const noexcept {
+  const NegoResponseBody& body = response_.body;
+  // A shorter body leaves no word of a last node.
+  const LastNodeInfo last_node = response_.header.version < 2 ? LastNodeInfo{} : body.last_node;
+  LSP_LOG(5,
+          "[TCP] TcpNegotiation, NegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
+          "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
+          "token=%u",
+          common::IpToString(htonl(body.accl_data_ip)).c_str(), u32{body.accl_data_port},
+          common::IpToString(htonl(body.client_ip)).c_str(), u32{body.client_isp},
+          u32{body.accl_token}, int{last_node.node_id},
+          common::IpToString(htonl(last_node.ip)).c_str(), int{last_node.port},
+          u32{last_node.accl_token}, token_);
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,217 @@
+// The listener, the sessions' registration and their end.
+#include "stream/tcp_provider.h"
+
+#include <algorithm>
+
+#include "common/function_trace.h"
+#include "common/log.h"
+#include "sockets/socket_helpers.h"
+#include "tracker/tracker.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr u32 kListenerBufferSize = 65536;
+
+}  // namespace
+
+TcpProvider::TcpProvider() : local_addrs_(1) {
+  local_relay_socket_.SetProvider(this);
+  remote_relay_socket_.SetProvider(this);
+}
+
+bool TcpProvider::OnCreateLocalServer() noexcept {
+  common::FunctionTrace trace("moru_vyr::lsp::TcpProvider::OnCreateLocalServer");
+  std::unique_ptr<TcpServerSocket> server;
+  try {
+    server = std::make_unique<TcpServerSocket>();
+  } catch (...) {
+    return false;
+  }
+  server->SetProvider(this);
+  u16 port = 0;
+  if (!CreateTcpSocketAndBind(&local_socket_, &port)) return false;
+  local_port_.store(port, std::memory_order_relaxed);
+  AdjustSocketBuff(local_socket_, kListenerBufferSize, kListenerBufferSize);
+  if (!AddLocalAddr(port)) {
+    CloseRelaySocket(local_socket_);
+    return false;
+  }
+  socket_mgr_->AddSocket(local_socket_, server.release());
+  const int result = listen(local_socket_, SOMAXCONN);
+  const int error = WSAGetLastError();
+  LSP_LOG(4, "[TCP] OnCreateLocalServer listen return=%d, err=%d", result, error);
+  return true;  // kept: the bind alone decides
+}
+
+bool TcpProvider::AddLocalAddr(u16 port) noexcept {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = port;
+  address.sin_addr.s_addr = static_cast<u32>(inet_addr("127.0.0.1"));
+  common::Lock hold(pending_lock_);
+  try {
+    local_addrs_.push_front(address);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+// Kept: sessions stay as they are, with their sockets open, until the process ends.
+void TcpProvider::OnCloseLocalServer() noexcept {
+  LSP_LOG(0, "[TCP] TcpProvider::OnCloseLocalServer. socket=%Id", local_socket_);
+  CloseRelaySocket(local_socket_);
+  if (socket_mgr_ != nullptr) {
+    const std::unique_ptr<IRelaySocketDelegate> server(socket_mgr_->RemoveSocket(local_socket_));
+  }
+  local_socket_ = INVALID_SOCKET;
+  local_port_.store(0, std::memory_order_relaxed);
+}
+
+bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr,
+                                         sockaddr** out_addr, int* out_len, u32 token) noexcept {
+  LSP_LOG(4, "[TCP]RequestTcpRelaySession: port=%d, socket=%Id, token=%u", ntohs(port), socket,
+          token);
+  if (addr == nullptr || out_addr == nullptr || out_len == nullptr) {
+    LSP_LOG(4, "[TCP]RequestTcpRelaySession: something went wrong, socket=%Id, token=%u", socket,
+            token);
+    return false;
+  }
+  common::Lock hold(pending_lock_);
+  const bool duplicate = pending_sessions_.contains(port);
+  if (duplicate) {
+    // Kept: the session that waits keeps its destination, which may be another. The port stands
+    // here in network order.
+    LSP_LOG(4, "[TCP]RequestTcpRelaySession port duplicate, port=%d, socket=%Id, token=%u", port,
+            socket, token);
+  } else if (!CreateNewSession(socket, port, *addr, token)) {
+    LSP_LOG(4, "[TCP]RequestTcpRelaySession: CreateNewSession failed, socket=%Id, token=%u", socket,
+            token);
+    return false;
+  }
+  *out_addr = reinterpret_cast<sockaddr*>(&local_addrs_.front());
+  *out_len = sizeof(sockaddr_in);
+  if (!duplicate) {
+    LSP_LOG(4, "[TCP]RequestTcpRelaySession: CreateNewSession succeed, socket=%Id, token=%u",
+            socket, token);
+  }
+  return true;
+}
+
+bool TcpProvider::CreateNewSession(SOCKET socket, u16 port, const sockaddr_in& addr,
+                                   u32 token) noexcept {
+  try {
+    auto session = std::make_unique<TcpSession>(this, token);
+    session->SetGame(socket, port, addr);
+    pending_sessions_.emplace(port, std::move(session));
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+void TcpProvider::OnLocalServerAcceptable(SOCKET listen_socket) noexcept {
+  sockaddr_in addr = {};
+  int size = sizeof addr;
+  const SOCKET accepted = accept(listen_socket, reinterpret_cast<sockaddr*>(&addr), &size);
+  if (accepted == INVALID_SOCKET) {
+    const int error = WSAGetLastError();
+    LSP_LOG(4, "[TCP]OnLocalServerAcceptable, accept failed. err=%d, socket=%Id", error,
+            listen_socket);
+    return;
+  }
+  const u16 peer_port = addr.sin_port;
+  // To the end: a connect that is being registered must not pass unseen.
+  common::Lock hold(pending_lock_);
+  TcpSession* const session = Adopt(peer_port);
+  if (session == nullptr) {
+    LSP_LOG(4, "[TCP]OnLocalServerAcceptable, session not registered for port=%d, socket=%Id",
+            ntohs(peer_port), accepted);
+    closesocket(accepted);
+    return;
+  }
+  addr = {};
+  size = sizeof addr;
+  if (getsockname(accepted, reinterpret_cast<sockaddr*>(&addr), &size) == SOCKET_ERROR) {
+    const int error = WSAGetLastError();
+    LSP_LOG(4, "[TCP]OnLocalServerAcceptable, getsockname failed. err=%d, socket=%Id, token=%u",
+            error, accepted, session->token());
+    closesocket(accepted);
+    return;  // without sockets the session ends at the next update
+  }
+  LSP_LOG(4, "[TCP]OnLocalServerAcceptable. peer_port=%d, local_port=%d, socket=%Id, token=%u",
+          ntohs(peer_port), ntohs(addr.sin_port), accepted, session->token());
+  session->SetLocalSocket(accepted, addr.sin_port);
+  socket_mgr_->AddSocket(accepted, &local_relay_socket_);
+  // Kept: where this fails the session stays, and ends when the game closes.
+  ConnectToRemoteServer(session);
+}
+
+// Takes the session that waits for that port over into sessions_. Null if there is none, or no
+// memory for it.
+TcpSession* TcpProvider::Adopt(u16 peer_port) noexcept {
+  const auto found = pending_sessions_.find(peer_port);
+  if (found == pending_sessions_.end()) return nullptr;
+  try {
+    obsolete_sessions_.reserve(sessions_.size() + 1);
+    sessions_.push_back(nullptr);
+  } catch (...) {
+    pending_sessions_.erase(found);  // its port's next connection may go elsewhere
+    return nullptr;
+  }
+  sessions_.back() = std::move(found->second);
+  pending_sessions_.erase(found);
+  sessions_.back()->set_state(TcpState::Accepted);
+  return sessions_.back().get();
+}
+
+bool TcpProvider::ConnectToRemoteServer(TcpSession* session) noexcept {
+  if (session == nullptr) return false;
+  SOCKET remote = INVALID_SOCKET;
+  if (!CreateNonBlockTcpSocket(&remote)) {
+    LSP_LOG(4, "[TCP]ConnectToRemoteServer failed to create socket, token=%u", session->token());
+    return false;
+  }
+  GetTracker().AddToWatchList(remote, kTrackTcp, session->token());
+  session->SetRemoteSocket(remote);
+  session->DecideRemoteAddr();
+  LSP_LOG(4, "[TCP]ConnectToRemoteServer remote socket=%Id, token=%u", remote, session->token());
+  socket_mgr_->AddSocket(remote, &remote_relay_socket_);
+  if (session->Connect()) return true;
+  LSP_LOG(4, "[TCP]ConnectToRemoteServer failed. socket=%Id, token=%u", remote, session->token());
+  return false;
+}
+
+void TcpProvider::CloseObsoleteSession(TcpSession* session, u32 verdict) noexcept {
+  if (verdict != kCloseSession || session == nullptr) return;
+  const SOCKET local_socket = session->local_socket();
+  const SOCKET remote_socket = session->remote_socket();
+  const u16 port = session->game_socket_port();
+  const u32 token = session->token();
+  const auto found = std::find_if(sessions_.begin(), sessions_.end(),
+                                  [&](const auto& entry) { return entry.get() == session; });
+  if (found != sessions_.end()) sessions_.erase(found);  // ends the session
+  LSP_LOG(4,
+          "[TCP]CloseObsoleteSession, remove session, port=%d, local_socket=%Id, "
+          "remote_socket=%Id, token=%u",
+          ntohs(port), local_socket, remote_socket, token);
+  for (const SOCKET socket : {local_socket, remote_socket}) {
+    if (socket == INVALID_SOCKET) continue;
+    socket_mgr_->RemoveSocket(socket);
+    LSP_LOG(4, "[TCP]CloseObsoleteSession, about to close socket=%Id, token=%u", socket, token);
+    closesocket(socket);
+  }
+  if (remote_socket != INVALID_SOCKET) GetTracker().RemoveFromWatchList(remote_socket);
+}
+
+void TcpProvider::OnUpdate(u32 elapsed_ms) noexcept {
+  for (const auto& session : sessions_) {
+    session->OnUpdate(elapsed_ms);
+    if (session->IsObsolete()) obsolete_sessions_.push_back(session.get());
+  }
+  for (TcpSession* const session : obsolete_sessions_) CloseObsoleteSession(session, kCloseSession);
+  obsolete_sessions_.clear();
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,81 @@
+// The relay of stream connections: a listener on the loopback interface that the game is
+// connected to in place of its server, and a session for each connection.
+//
+// A session waits under the port of the game's socket until the listener accepts a connection
+// from that port. RequestTcpRelaySession comes from any thread, all else runs on the worker.
+// Nothing throws.
+#pragma once
+#include <winsock2.h>
+
+#include <forward_list>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "common/lock.h"
+#include "common/types.h"
+#include "relay/net_provider.h"
+#include "relay/relay_sockets.h"
+#include "stream/tcp_session.h"
+
+namespace moru_vyr::lsp {
+
+class TcpProvider final : public NetProvider {
+ public:
+  TcpProvider();
+
+  // Prepares a connection of the game's `socket`, which is bound to `port` (network order), to
+  // `addr`. On true the caller connects the socket to *out_addr, which stays where it is. May
+  // wait for as long as the worker takes to accept a connection and to choose its way.
+  bool RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr, sockaddr** out_addr,
+                              int* out_len, u32 token) noexcept;
+
+  // For the sessions.
+  IRelaySocketMgr* SessionMgr() const noexcept { return socket_mgr_; }
+  RemoteRelaySocket* RemoteRelaySocketOf() noexcept { return &remote_relay_socket_; }
+  Route* SessionRoute() const noexcept { return route_; }
+
+  bool ConnectToRemoteServer(TcpSession* session) noexcept;
+  // On a verdict to close ends the session and closes its sockets; else nothing.
+  void CloseObsoleteSession(TcpSession* session, u32 verdict) noexcept;
+
+  bool OnCreateLocalServer() noexcept override;
+  void OnCloseLocalServer() noexcept override;
+  void OnLocalServerAcceptable(SOCKET listen_socket) noexcept override;
+  void OnLocalReadable(SOCKET socket) noexcept override;
+  void OnLocalWritable(SOCKET socket) noexcept override;
+  void OnLocalExcpetion(SOCKET socket) noexcept override;
+  void OnLocalClose(SOCKET socket) noexcept override;
+  void OnRemoteReadable(SOCKET socket) noexcept override;
+  void OnRemoteWritable(SOCKET socket) noexcept override;
+  void OnRemoteExcpetion(SOCKET socket) noexcept override;
+  void OnRemoteClose(SOCKET socket) noexcept override;
+  void OnUpdate(u32 elapsed_ms) noexcept override;
+
+ private:
+  bool CreateNewSession(SOCKET socket, u16 port, const sockaddr_in& addr, u32 token) noexcept;
+  bool AddLocalAddr(u16 port) noexcept;
+  TcpSession* Adopt(u16 peer_port) noexcept;
+  TcpSession* FindByLocalSocket(SOCKET socket) const noexcept;
+  TcpSession* FindByRemoteSocket(SOCKET socket) const noexcept;
+
+  // Where the listener is, the latest at the front. A start adds its own and none is ever changed
+  // or freed: threads connect by what they were given, also by one of an earlier start.
+  std::forward_list<sockaddr_in> local_addrs_;  // guarded by pending_lock_
+
+  // In the order of their accepts, so that equal runs serve them in equal order. Each event walks
+  // over them. They may be more than the sets can poll: a session whose sockets found no place
+  // there is accepted all the same, and waits for the places of others.
+  std::vector<std::unique_ptr<TcpSession>> sessions_;
+  std::vector<TcpSession*> obsolete_sessions_;  // within one OnUpdate; has room for all
+
+  // Guards pending_sessions_ and local_addrs_. Held across an accepted session's decision and
+  // connect, so it is the outermost of all locks, and nothing may be held when it is taken.
+  common::Mutex pending_lock_;
+  std::map<u16, std::unique_ptr<TcpSession>> pending_sessions_;  // by port, network order
+
+  LocalRelaySocket local_relay_socket_;
+  RemoteRelaySocket remote_relay_socket_;
+};
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,89 @@
+// The sockets' events: each finds its session and does what the session's verdict says.
+#include <algorithm>
+
+#include "common/log.h"
+#include "stream/tcp_provider.h"
+
+namespace moru_vyr::lsp {
+
+TcpSession* TcpProvider::FindByLocalSocket(SOCKET socket) const noexcept {
+  const auto found = std::find_if(sessions_.begin(), sessions_.end(), [&](const auto& session) {
+    return session->local_socket() == socket;
+  });
+  return found != sessions_.end() ? found->get() : nullptr;
+}
+
+TcpSession* TcpProvider::FindByRemoteSocket(SOCKET socket) const noexcept {
+  const auto found = std::find_if(sessions_.begin(), sessions_.end(), [&](const auto& session) {
+    return session->remote_socket() == socket;
+  });
+  return found != sessions_.end() ? found->get() : nullptr;
+}
+
+void TcpProvider::OnLocalReadable(SOCKET socket) noexcept {
+  TcpSession* const session = FindByLocalSocket(socket);
+  if (session == nullptr) {
+    LSP_LOG(4, "[TCP] TcpProvider::OnLocalReadable, failed to find socket=%Id", socket);
+    return;
+  }
+  CloseObsoleteSession(session, session->HandleLocalReadable());
+}
+
+void TcpProvider::OnLocalWritable(SOCKET socket) noexcept {
+  TcpSession* const session = FindByLocalSocket(socket);
+  if (session == nullptr) {
+    LSP_LOG(4, "[TCP]TcpProvider::OnLocalWritable, failed to find socket=%Id", socket);
+    return;
+  }
+  CloseObsoleteSession(session, session->DoLocalWrite() ? kKeepSession : kCloseSession);
+}
+
+void TcpProvider::OnLocalExcpetion(SOCKET socket) noexcept {
+  LSP_LOG(4, "[TCP]TcpProvider::OnLocalExcpetion. socket=%Id", socket);
+}
+
+void TcpProvider::OnLocalClose(SOCKET socket) noexcept {
+  LSP_LOG(4, "[TCP]TcpProvider::OnLocalClose. socket=%Id", socket);
+}
+
+void TcpProvider::OnRemoteReadable(SOCKET socket) noexcept {
+  TcpSession* const session = FindByRemoteSocket(socket);
+  if (session == nullptr) {
+    LSP_LOG(4, "[TCP]TcpProvider::OnRemoteReadable, failed to find socket=%Id", socket);
+    return;
+  }
+  CloseObsoleteSession(session, session->HandleRemoteReadable());
+}
+
+void TcpProvider::OnRemoteWritable(SOCKET socket) noexcept {
+  TcpSession* const session = FindByRemoteSocket(socket);
+  if (session == nullptr) {
+    LSP_LOG(4, "[TCP]TcpProvider::OnRemoteWritable, failed to find socket=%Id", socket);
+    return;
+  }
+  CloseObsoleteSession(session, session->HandleRemoteWritable());
+}
+
+void TcpProvider::OnRemoteExcpetion(SOCKET socket) noexcept {
+  TcpSession* const session = FindByRemoteSocket(socket);
+  if (session == nullptr) {
+    // Kept: the text of the writable event.
+    LSP_LOG(4, "[TCP]TcpProvider::OnRemoteWritable, failed to find socket=%Id", socket);
+    return;
+  }
+  int pending = 0;
+  int size = sizeof pending;
+  if (getsockopt(socket, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&pending), &size) ==
+      SOCKET_ERROR) {
+    LSP_LOG(4, "[TCP] getsockopt failed");
+  }
+  LSP_LOG(4, "[TCP]TcpProvider::OnRemoteExcpetion. socket=%Id, error=%d, token=%u", socket, pending,
+          session->token());
+  CloseObsoleteSession(session, session->HandleConnectFailure());
+}
+
+void TcpProvider::OnRemoteClose(SOCKET socket) noexcept {
+  LSP_LOG(0, "[TCP]TcpProvider::OnRemoteClose. socket=%Id", socket);
+}
+
+}  // namespace moru_vyr::lsp

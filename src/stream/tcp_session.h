@@ -1,0 +1,134 @@
+// One relayed connection of the game: what it sends goes to a node or to the game server, what
+// comes from there goes to the game, as it is and in order.
+//
+// The game is connected at once; its first bytes wait until the far side is ready. A node that is
+// silent, refuses or gives a bad answer costs time: one other node is tried, then the game server
+// directly. Four failures end the connection instead: a connect that the network refuses, a request
+// that cannot be sent, one that would block, and a node that closes while the last error says
+// "would block".
+//
+// Made on the application's thread, used by the worker alone after its accept. The provider owns
+// it, and closes its sockets when it ends. Addresses and ports are in network order. Nothing
+// throws. Handlers answer with a close verdict.
+#pragma once
+#include <winsock2.h>
+
+#include "abi/acc_decision_info.h"
+#include "common/types.h"
+#include "protocol/session_guid.h"
+#include "stream/block_buffer.h"
+#include "stream/tcp_negotiation.h"
+
+namespace moru_vyr::lsp {
+
+class TcpProvider;
+
+enum CloseVerdict : u32 {
+  kKeepSession = 0,
+  kNoAction = 1,
+  kCloseSession = 2,
+};
+
+enum class TcpState : u32 {
+  Created,      // waiting for its accept
+  Accepted,     // the local socket is known
+  Connecting,   // to a node or to the game server
+  Negotiating,  // with a node
+  Relaying,
+  Failed,  // a failure is being handled, or nothing more will be done
+};
+
+// One of the two sockets that a session joins, and what it is still to get.
+struct TcpSide {
+  const bool is_remote;  // the Tracker watches it, and the log names it
+  SOCKET socket = INVALID_SOCKET;
+  bool sock_deleteing = false;  // the side is finished; its socket may still be open
+  bool missed_bytes = false;    // some of what it was owed was dropped: nothing may follow that
+  BlockBuffer owed{};           // filled by reading the other side, drained by writing to this one
+};
+
+class TcpSession {
+ public:
+  TcpSession(TcpProvider* provider, u32 token) noexcept;  // the provider outlives it
+  TcpSession(const TcpSession&) = delete;
+  TcpSession& operator=(const TcpSession&) = delete;
+
+  // What the game asked for, and with which socket.
+  void SetGame(SOCKET socket, u16 port, const sockaddr_in& server) noexcept;
+  // The accepted socket of the connection to the listener.
+  void SetLocalSocket(SOCKET socket, u16 port) noexcept;
+  void SetRemoteSocket(SOCKET socket) noexcept { remote_.socket = socket; }
+
+  // Asks the route policy where the remote socket is to connect.
+  void DecideRemoteAddr() noexcept;
+  // Starts connecting it. False where that failed at once.
+  bool Connect() noexcept;
+
+  u32 HandleLocalReadable() noexcept;
+  u32 HandleRemoteReadable() noexcept;
+  u32 HandleRemoteWritable() noexcept;
+  u32 HandleConnectFailure() noexcept;
+  // Sends the game what waits for it. False: the session is to be closed.
+  bool DoLocalWrite() noexcept;
+
+  void OnUpdate(u32 elapsed_ms) noexcept;
+  // Whether both sides have ended, and long enough ago for the last bytes to have left.
+  bool IsObsolete() noexcept;
+
+  SOCKET game_socket() const noexcept { return game_socket_; }
+  SOCKET local_socket() const noexcept { return local_.socket; }
+  SOCKET remote_socket() const noexcept { return remote_.socket; }
+  u16 game_socket_port() const noexcept { return game_socket_port_; }
+  u16 local_port() const noexcept { return local_port_; }
+  u32 token() const noexcept { return token_; }
+  TcpState state() const noexcept { return state_; }
+  void set_state(TcpState state) noexcept { state_ = state; }
+
+ private:
+  // No connect is under way and none will follow: what the game sends can never leave.
+  bool IsGivenUp() const noexcept;
+
+  // tcp_session_fallback.cpp
+  bool StartNegotiation() noexcept;
+  bool FinishNegotiation() noexcept;
+  bool OnNegotiationFailed(u32 reason) noexcept;
+  bool ChangeAcclServer() noexcept;
+  bool ConnectToNewNode() noexcept;
+  bool ChangeToGameSrv() noexcept;
+  bool CreateRemoteSocket() noexcept;
+  void TargetSelectedProxy() noexcept;
+
+  // tcp_session_transfer.cpp
+  bool DoLocalRead() noexcept;
+  bool DoRemoteRead() noexcept;
+  bool DoRemoteWrite() noexcept;
+  bool Read(TcpSide* from, TcpSide* to) noexcept;
+  bool Write(TcpSide* to, TcpSide* from) noexcept;
+  bool WaitForRoom(TcpSide* to) noexcept;
+  bool EndSide(TcpSide* ended, const TcpSide& other) noexcept;
+  void CloseSocket(TcpSide* side) noexcept;
+  void CloseSocketAfter(int error, TcpSide* side) noexcept;
+
+  u32 game_ip_ = 0;  // what the game asked for
+  u16 game_port_ = 0;
+  u32 remote_ip_ = 0;  // what the remote socket connects to
+  u16 remote_port_ = 0;
+  SOCKET game_socket_ = INVALID_SOCKET;  // the game's own
+  u16 game_socket_port_ = 0;
+  TcpSide local_{.is_remote = false};  // towards the game
+  u16 local_port_ = 0;
+  TcpSide remote_{.is_remote = true};  // towards a node or the game server
+  u32 connect_elapsed_ = 0;            // milliseconds of connecting and negotiating
+  TcpState state_ = TcpState::Created;
+  u32 obsolete_tick_ = 0;  // when the session was marked as finished; 0: never
+  const u32 token_;
+  const SessionGuid guid_;
+  bool use_acc_ = true;  // the remote side is a node
+  AccDecisionInfo decision_;
+  TcpNegotiation negotiation_;
+  u8 node_changes_ = 0;
+  TcpProvider* const provider_;
+  u32 nego_count_ = 0;
+};
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,142 @@
+// How a session negotiates, and where it turns when a node fails: to one other node, then to the
+// game server. What the game has sent waits meanwhile; the failed node never saw any of it.
+#include <algorithm>
+#include <iterator>
+
+#include "common/log.h"
+#include "common/net_text.h"
+#include "sockets/socket_helpers.h"
+#include "stream/tcp_provider.h"
+#include "stream/tcp_session.h"
+#include "tracker/tracker.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+const char* TrueOrFalse(bool value) noexcept { return value ? "true" : "false"; }
+
+}  // namespace
+
+bool TcpSession::StartNegotiation() noexcept {
+  ++nego_count_;
+  const bool sent =
+      negotiation_.SendTcpNegotiation(provider_->SessionMgr(), remote_.socket, token_, game_ip_,
+                                      game_port_, node_changes_, &guid_, &decision_);
+  if (!sent) {
+    GetTracker().RecordNegFailed(remote_.socket, 0, kNegoSendFailed, &decision_, 0, nego_count_);
+  }
+  const RouteProxyInfo& proxy = decision_.selected_proxy;
+  LSP_LOG(5,
+          "TcpSession::StartNegotiation, proxy_idc=%u, proxy_addr=%s:%u, proxy_t1=%u, proxy_t2=%u, "
+          "t1_lost=%u%%, game_idc=%d, socket=%Id, token=%u",
+          u32{proxy.proxy_idc}, ProxyAddrText(proxy).text, u32{proxy.proxy_port},
+          u32{proxy.section1_delay}, u32{proxy.section2_delay}, u32{proxy.section1_lost},
+          static_cast<int>(decision_.game_idc), remote_.socket, token_);
+  return sent;
+}
+
+bool TcpSession::FinishNegotiation() noexcept {
+  u32 reason = 0;
+  switch (negotiation_.ParseTcpNegotiation(&decision_, &reason)) {
+    case 0:
+      state_ = TcpState::Relaying;
+      return DoRemoteWrite();
+    case -1:
+      state_ = TcpState::Failed;
+      return OnNegotiationFailed(reason);
+    default:
+      return false;
+  }
+}
+
+bool TcpSession::OnNegotiationFailed(u32 reason) noexcept {
+  LSP_LOG(5, "[TCP] TcpSession::OnNegotiationFailed, reason=%u, token=%u", reason, token_);
+  GetTracker().RecordNegFailed(remote_.socket, 0, reason, &decision_, negotiation_.ElapsedMs(),
+                               nego_count_);
+  if (node_changes_ == 0 && ChangeAcclServer()) {
+    ++node_changes_;
+    connect_elapsed_ = 0;
+    if (!CreateRemoteSocket()) {
+      // Kept: the state stays as it is, so where time ran out it will run out once more.
+      LSP_LOG(4, "[TCP]TcpSession::OnNegotiationFailed. CreateRemoteSocket failed, token=%u",
+              token_);
+      return false;
+    }
+    GetTracker().SetAcceInfo(remote_.socket, true, &decision_);
+    if (ConnectToNewNode()) return true;
+  }
+  state_ = TcpState::Failed;
+  const bool result = ChangeToGameSrv();
+  LSP_LOG(5,
+          "[TCP] TcpSession::OnNegotiationFailed, begin direct mode. ChangeToGameSrv result=%s, "
+          "token=%u",
+          TrueOrFalse(result), token_);
+  return result;
+}
+
+bool TcpSession::ConnectToNewNode() noexcept {
+  state_ = TcpState::Negotiating;
+  TargetSelectedProxy();
+  LSP_LOG(4, "[TCP]OnNegotiationFailed. ip=%s, port=%d, socket=%Id, token=%u",
+          common::IpToString(remote_ip_).c_str(), ntohs(remote_port_), remote_.socket, token_);
+  const bool retried = Connect();
+  LSP_LOG(4, "[TCP]TcpSession::OnNegotiationFailed. retry=%s, socket=%Id, token=%u",
+          TrueOrFalse(retried), remote_.socket, token_);
+  return retried;
+}
+
+// Puts the first other proxy of the decision in the selected one's place.
+bool TcpSession::ChangeAcclServer() noexcept {
+  const u32 current = decision_.selected_proxy.proxy_idc;
+  const auto found = std::find_if(
+      std::begin(decision_.top_proxy), std::end(decision_.top_proxy),
+      [&](const RouteProxyInfo& p) { return p.proxy_idc != 0 && p.proxy_idc != current; });
+  if (found == std::end(decision_.top_proxy)) return false;
+  decision_.selected_proxy = *found;
+  LSP_LOG(5, "[TCP] TcpSession::ChangeAcclServer, proxy_idc=%u, token=%u", u32{found->proxy_idc},
+          token_);
+  return true;
+}
+
+bool TcpSession::CreateRemoteSocket() noexcept {
+  IRelaySocketMgr* const mgr = provider_->SessionMgr();
+  if (mgr == nullptr) return false;
+  if (remote_.socket != INVALID_SOCKET) {
+    mgr->RemoveSocket(remote_.socket);
+    LSP_LOG(4, "[TCP]CreateRemoteSocket, about to close socket=%Id, token=%u", remote_.socket,
+            token_);
+    closesocket(remote_.socket);
+    GetTracker().RemoveFromWatchList(remote_.socket);
+    remote_.socket = INVALID_SOCKET;
+  }
+  if (!CreateNonBlockTcpSocket(&remote_.socket)) {
+    LSP_LOG(4, "[TCP]ERROR TcpProvider::CreateRemoteSocket. Fail to create socket, token=%u",
+            token_);
+    return false;
+  }
+  GetTracker().AddToWatchList(remote_.socket, kTrackTcp, token_);
+  mgr->AddSocket(remote_.socket, provider_->RemoteRelaySocketOf());
+  return true;
+}
+
+bool TcpSession::ChangeToGameSrv() noexcept {
+  if (!CreateRemoteSocket()) {
+    LSP_LOG(4, "[TCP]TcpSession::ChangeToGameSrv. result=%s, token=%u", "false", token_);
+    return false;
+  }
+  use_acc_ = false;
+  remote_ip_ = game_ip_;
+  remote_port_ = game_port_;
+  const bool result = Connect();
+  LSP_LOG(4, "[TCP]TcpSession::ChangeToGameSrv. result=%s, socket=%Id, token=%u",
+          TrueOrFalse(result), remote_.socket, token_);
+  return result;
+}
+
+void TcpSession::TargetSelectedProxy() noexcept {
+  const RouteProxyInfo& proxy = decision_.selected_proxy;
+  remote_ip_ = static_cast<u32>(inet_addr(ProxyAddrText(proxy).text));
+  remote_port_ = htons(proxy.proxy_port);
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,153 @@
+// How a session moves bytes: each read goes straight into a buffer, each write straight out of it.
+//
+// A side that ends while bytes are still owed to the other leaves the session alive until they
+// are delivered. What was meant for the ended side is dropped: nobody is left to take it. Both
+// directions are the same code; they differ in what the log says, and in the Tracker's count of
+// what the remote socket carries.
+#include "common/log.h"
+#include "stream/tcp_provider.h"
+#include "stream/tcp_session.h"
+#include "tracker/tracker.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr int kReadSize = 8192;
+
+// What the Tracker is told with each call's result is the last error as it stands then. Not every
+// system clears it on success, and what an earlier call left would have the bytes uncounted.
+void ForgetLastError() noexcept { WSASetLastError(0); }
+
+// A send to a side whose earlier bytes were dropped.
+int FailAsEnded() noexcept {
+  WSASetLastError(WSAENOTSOCK);
+  return SOCKET_ERROR;
+}
+
+}  // namespace
+
+bool TcpSession::DoLocalRead() noexcept { return Read(&local_, &remote_); }
+bool TcpSession::DoRemoteRead() noexcept { return Read(&remote_, &local_); }
+bool TcpSession::DoLocalWrite() noexcept { return Write(&local_, &remote_); }
+
+bool TcpSession::DoRemoteWrite() noexcept {
+  if (remote_.sock_deleteing || remote_.socket == INVALID_SOCKET) {
+    LSP_LOG(4, "[TCP]DoRemoteWrite,invalid status,remote_sock_deleteing_=%s,socket=%Id, token=%u",
+            remote_.sock_deleteing ? "true" : "false", remote_.socket, token_);
+    return true;
+  }
+  return Write(&remote_, &local_);
+}
+
+bool TcpSession::Read(TcpSide* from, TcpSide* to) noexcept {
+  for (;;) {
+    u8* place = nullptr;
+    if (!to->owed.Reserve(&place, kReadSize)) return WaitForRoom(to);
+    ForgetLastError();
+    const int n = recv(from->socket, reinterpret_cast<char*>(place), kReadSize, 0);
+    const int error = WSAGetLastError();
+    if (from->is_remote) GetTracker().RecordRecv(from->socket, static_cast<u32>(n), error);
+    if (n == 0) {
+      const bool keep = EndSide(from, *to);
+      CloseSocket(from);
+      return keep;
+    }
+    if (n == SOCKET_ERROR) {
+      if (error == WSAEWOULDBLOCK) return true;
+      LSP_LOG(4,
+              from->is_remote ? "[TCP]DoRemoteRead. err=%d, socket=%Id, token=%u"
+                              : "[TCP]DoLocalRead. err=%d, socket=%Id, token=%u",
+              error, from->socket, token_);
+      CloseSocketAfter(error, from);
+      return false;
+    }
+    LSP_LOG(0,
+            from->is_remote
+                ? "[TCP]DoRemoteRead. Read acc/game server data, len=%d, socket=%Id, token=%u"
+                : "[TCP]DoLocalRead. Read game client data, len=%d, socket=%Id, token=%u",
+            n, from->socket, token_);
+    to->owed.Commit(static_cast<u32>(n));
+  }
+}
+
+bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
+  u8* bytes = nullptr;
+  u32 size = 0;
+  while (to->owed.Peek(&bytes, &size)) {
+    ForgetLastError();
+    const int n = to->missed_bytes ? FailAsEnded()
+                                   : send(to->socket, reinterpret_cast<const char*>(bytes),
+                                          static_cast<int>(size), 0);
+    const int error = WSAGetLastError();
+    if (to->is_remote) GetTracker().RecordSend(to->socket, static_cast<u32>(n), error);
+    if (n > 0) {
+      LSP_LOG(0,
+              to->is_remote
+                  ? "[TCP]DoRemoteWrite. Send data to acc/game server, len=%d, socket=%Id, token=%u"
+                  : "[TCP]DoLocalWrite. Send data to game client, len=%d, socket=%Id, token=%u",
+              n, to->socket, token_);
+      if (!to->owed.Consume(static_cast<u32>(n))) return false;  // more than was given
+      continue;
+    }
+    // A send that takes nothing without an error would keep the worker here for ever.
+    if (n == 0 || error == WSAEWOULDBLOCK) {
+      provider_->SessionMgr()->EnableWrite(to->socket);
+      break;
+    }
+    LSP_LOG(4,
+            to->is_remote ? "[TCP]DoRemoteWrite. err=%d, socket=%Id, token=%u"
+                          : "[TCP]DoLocalWrite. err=%d, socket=%Id, token=%u",
+            error, to->socket, token_);
+    const bool keep = EndSide(to, *from);
+    CloseSocketAfter(error, to);
+    if (!keep) return false;
+    break;
+  }
+  if (from->sock_deleteing && to->owed.IsEmpty()) {
+    LSP_LOG(4,
+            to->is_remote ? "DoRemoteWrite, buffer is empty. Marking session obsolete, token=%u"
+                          : "DoLocalWrite, buffer is empty. Marking session obsolete, token=%u",
+            token_);
+    to->sock_deleteing = true;
+    obsolete_tick_ = GetTickCount();
+  }
+  return true;
+}
+
+// A full buffer holds the sender back: its bytes stay in the system until there is room. Guard:
+// where there never will be, that would go on for ever, since the sender's close stands behind the
+// bytes that are not read, and select would return at once all that time. A remote side that has
+// missed bytes takes no more, so what waits for it is dropped, and the game may still get what it
+// is owed. A session that was given up has nobody on either side, and ends.
+bool TcpSession::WaitForRoom(TcpSide* to) noexcept {
+  if (to->is_remote && to->missed_bytes) to->owed.Clear();
+  return !IsGivenUp();
+}
+
+// The side is finished. Whether the session goes on, to deliver what the other side is owed.
+bool TcpSession::EndSide(TcpSide* ended, const TcpSide& other) noexcept {
+  const bool owes = !other.owed.IsEmpty() && !other.sock_deleteing;
+  if (owes) {
+    ended->sock_deleteing = true;
+    ended->missed_bytes = true;
+    ended->owed.Clear();
+  }
+  return owes;
+}
+
+void TcpSession::CloseSocket(TcpSide* side) noexcept {
+  if (side->socket == INVALID_SOCKET) return;
+  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->RemoveSocket(side->socket);
+  closesocket(side->socket);
+  if (side->is_remote) GetTracker().RemoveFromWatchList(side->socket);
+  side->socket = INVALID_SOCKET;
+}
+
+// After these the connection is gone. Any other error leaves the socket to the session's end.
+void TcpSession::CloseSocketAfter(int error, TcpSide* side) noexcept {
+  if (error == WSAECONNABORTED || error == WSAECONNRESET || error == WSAENETRESET) {
+    CloseSocket(side);
+  }
+}
+
+}  // namespace moru_vyr::lsp
