@@ -10,6 +10,7 @@ import unittest
 import bans
 import cpp
 import layers
+import oddities
 import readmes
 import records
 import sizes
@@ -184,6 +185,56 @@ class Records(unittest.TestCase):
     def test_pragmas_go_in_pairs(self):
         self.assertIn("in pairs", self.check("#pragma pack(1)\n")[0])
         self.assertIn("without", self.check("#pragma pack(push, 1)\n")[0])
+
+
+class Oddities(unittest.TestCase):
+    SOURCE = "int a;  // Kept: the first word\n// Says much. Guard: against\n// all of it.\n"
+    REGISTER = ("## Kept\n\n| mark | what | who | test |\n|---|---|---|---|\n"
+                "| `a.h` \"the first\" | x | y | `Suite.One`, `Suite.Two` |\n"
+                "## Guard\n\n| `a.h` \"against all of\" | x | y | none |\n")
+    TESTS = "TEST_F(Suite, One) {\nSCENARIO_F_SEEDS(Suite, Two, 4) {\n"
+
+    def check(self, source=SOURCE, register=REGISTER, tests=TESTS):
+        files = {"src/route/a.h": source, "tests/unit/a_test.cpp": tests}
+        if register is not None:
+            files["docs/oddities.md"] = register
+        return findings(oddities, files)
+
+    def test_each_mark_with_its_row_and_its_tests_is_right(self):
+        self.assertEqual(self.check(), [])
+        self.assertEqual(self.check("int a;\n", None), [])
+
+    def test_a_mark_without_a_row_is_found(self):
+        found = self.check(self.SOURCE + "// Kept: another\n")
+        self.assertEqual(found, ["src/route/a.h:4: has 0 rows instead of one in docs/oddities.md: "
+                                 "Kept: another"])
+        self.assertIn("is missing, and src/ has 2 marks", self.check(register=None)[0])
+
+    def test_a_row_stands_for_one_mark_of_its_own_kind(self):
+        again = '| `a.h` "the first word" | x | y | none |\n'
+        self.assertIn("has 2 rows", self.check(
+            register=self.REGISTER.replace("## Guard", again + "## Guard"))[0])
+        self.assertEqual(len(self.check(register=self.REGISTER.replace("## Guard", "## Notes"))), 2)
+
+    def test_a_row_without_a_mark_is_found(self):
+        self.assertIn('docs/oddities.md:5: no such mark: a.h "the first"', self.check(
+            self.SOURCE.replace("first", "second")))
+
+    def test_a_test_that_does_not_exist_is_found(self):
+        self.assertEqual(self.check(tests="TEST_F(Suite, One) {\n"),
+                         ["docs/oddities.md:5: no such test: Suite.Two"])
+        self.assertIn("no such test: somewhere",
+                      self.check(register=self.REGISTER.replace("none", "somewhere"))[0])
+
+    def test_a_files_own_short_form_of_a_scenario_names_a_test(self):
+        tests = ("TEST_F(Suite, One) {\n"
+                 "#define SCENARIO_WRAP(name, ms) SCENARIO_WITH_(Suite, name, Suite, 1, In(ms))\n"
+                 "SCENARIO_WRAP(Two, 1050) {\n")
+        self.assertEqual(self.check(tests=tests), [])
+
+    def test_a_row_that_cannot_be_read_is_found(self):
+        self.assertIn("is no row", self.check(
+            register=self.REGISTER + "| `a.h` no quotes | x | y | none |\n")[0])
 
 
 class Readmes(unittest.TestCase):
