@@ -7,6 +7,7 @@ import sys
 import tempfile
 import unittest
 
+import architecture
 import bans
 import cpp
 import layers
@@ -187,6 +188,35 @@ class Records(unittest.TestCase):
         self.assertIn("without", self.check("#pragma pack(push, 1)\n")[0])
 
 
+class Architecture(unittest.TestCase):
+    SOURCES = {
+        "src/a/README.md": "# a: the ground\n\ntext", "src/a/a.h": 'f("vyr_x_share_mem");',
+        "src/b/b.h": '#include "a/a.h"\n', "src/c/c.h": "",
+        "src/c/c.cpp": '#include "b/b.h"\n#include "a/a.h"\nint WSPAPI WSPSend(int s) {}\n',
+    }
+    DRAWING = architecture.draw_architecture
+
+    def test_folders_come_from_the_tree_and_arrows_that_follow_are_left_out(self):
+        drawn = self.DRAWING.draw(self.SOURCES).split("\n")
+        self.assertIn('    a["<b>a</b><br/>the ground"]', drawn)
+        self.assertIn('    b["<b>b</b>"]', drawn)
+        self.assertEqual([line.strip() for line in drawn if "-->" in line],
+                         ["game -- socket calls --> c", "b --> a", "c --> b"])
+        self.assertIn("  a <-. shared memory .-> client", drawn)
+
+    def test_folders_that_include_one_another_show_it(self):
+        sources = dict(self.SOURCES, **{"src/a/b.h": '#include "b/b.h"\n'})
+        self.assertIn("  a --> b", self.DRAWING.draw(sources).split("\n"))
+
+    def test_a_picture_of_another_tree_is_found(self):
+        readme = f"before\n{self.DRAWING.BEGIN}\nold\n{self.DRAWING.END}\nafter\n"
+        self.assertEqual(findings(architecture, dict(self.SOURCES, **{"README.md": readme})), [
+            "README.md: its picture is not that of the tree: run scripts/draw_architecture.py"])
+        right = self.DRAWING.replaced(readme, self.DRAWING.draw(self.SOURCES))
+        self.assertTrue(right.startswith("before\n") and right.endswith("\nafter\n"))
+        self.assertEqual(findings(architecture, dict(self.SOURCES, **{"README.md": right})), [])
+
+
 class Oddities(unittest.TestCase):
     SOURCE = "int a;  // Kept: the first word\n// Says much. Guard: against\n// all of it.\n"
     REGISTER = ("## Kept\n\n| mark | what | who | test |\n|---|---|---|---|\n"
@@ -252,6 +282,13 @@ class Readmes(unittest.TestCase):
         self.assertIn("is missing", self.check(None)[0])
         self.assertIn("has 2 paragraphs", self.check(PROSE + "\n\n" + PROSE)[0])
         self.assertIn("says too little", self.check("Routes.")[0])
+
+    def test_folders_without_code_want_one_and_may_say_more(self):
+        self.assertEqual(findings(readmes, {"tests/unit/a.cpp": "", "tests/unit/README.md":
+                                            PROSE + "\n\n" + PROSE, "tests/README.md": PROSE}), [])
+        self.assertEqual(len(findings(readmes, {"tests/unit/a.cpp": ""})), 2)
+        self.assertEqual(findings(readmes, {"fuzz/corpus/a/b": "", "fuzz/README.md": PROSE,
+                                            ".ci/run": ""}), [])
 
     def test_the_roots_want_one_too(self):
         self.assertIn("port/README.md: is missing",
