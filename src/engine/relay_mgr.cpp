@@ -141,7 +141,7 @@ void RelayMgr::WorkerProc() noexcept {
 // True if the thread is to poll. The state comes last: whoever sees it may use the relay at once.
 bool RelayMgr::InternalInit() noexcept {
   if (buried_.load(std::memory_order_acquire)) {
-    state_.store(kStateRunning, std::memory_order_release);  // kept; the providers are left alone
+    state_.store(kStateRunning, std::memory_order_release);  // reports success; see the header
     return false;
   }
   const bool udp_started = udp_provider_.Init(this, GetRoute());

@@ -51,7 +51,7 @@ std::string Narrow(const std::wstring& text) {
 
 struct LspGameTester::Pimpl {
   bool enabled = false;
-  std::set<std::wstring> process_names;  // kept: nothing is compared with them
+  std::set<std::wstring> process_names;  // Kept: nothing is compared with them
   u32 net_mode = 0;
   u16 proxy_port = 0;
   std::string proxy_ip;

@@ -90,7 +90,7 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
                         target_size, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
   if (relay_send && MayBePending(result, lpErrno)) {
-    CancelPendingUdpSend(s, entry);  // kept: the relay will drop its datagram
+    CancelPendingUdpSend(s, entry);  // Kept: the relay will drop its datagram
   } else if (relay_send && result == SOCKET_ERROR) {
     CancelUdpSend(s, lpBuffers, dwBufferCount);
   }

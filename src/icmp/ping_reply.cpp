@@ -20,7 +20,7 @@ constexpr u8 kEchoReply = 0;
 
 void PutWord(u8* at, u16 word) noexcept { std::memcpy(at, &word, sizeof word); }
 
-// Kept in this order: the payload comes first and the header over it.
+// The payload comes first and the header over it; see ping_reply.h.
 void ForgeIcmp(const ping_request_t& request, u8* icmp) noexcept {
   std::memcpy(icmp, request.data + kIcmpHeaderSize, request.size - kIcmpHeaderSize);
   icmp[0] = kEchoReply;

@@ -132,8 +132,8 @@ u8 LostCalc::GetCurLost(u16 cycles, u32* need, u32* real, bool include_current) 
   return Calc(static_cast<u16>(index), cycles, need, real);
 }
 
-// The ring has no more slots than the longest window, so a window of all of them takes for its
-// oldest slot the one that has been opened since. Kept.
+// Kept: the ring has no more slots than the longest window, so a window of all of them takes for
+// its oldest slot the one that has been opened since.
 u8 LostCalc::Calc(u16 index, u16 span, u32* need, u32* real) const noexcept {
   const u16 first = static_cast<u16>((index - span + kSlots + 1) % kSlots);
   const u32 top = cycles_[index].max_seq;

@@ -77,8 +77,8 @@ void RealRouteRecentCycleData::CloseCycle() noexcept {
   cur_high_freq_ = false;
 }
 
-// 9999 stands for "not measured" and is a possible sum too: a window that adds up to exactly that
-// counts as not measured. Kept.
+// Kept: 9999 stands for "not measured" and is a possible sum too, so a window that adds up to
+// exactly that counts as not measured.
 void RealRouteRecentCycleData::CalcDelay() noexcept {
   const std::size_t count = cycles_.size();
   double total = kSumNotMeasured;

@@ -27,7 +27,7 @@ bool IpTable::LoadIpTable() noexcept {
               "[Route][LoadIpTable] read route table from shared memory failed, "
               "mem_addr.get()=null");
       break;
-    case RegionRead::kNoMemory:  // kept: the one failure of a table at this level
+    case RegionRead::kNoMemory:  // Kept: the one failure of a table at this level
       LSP_LOG(4,
               "[Route][LoadIpTable] read iptable from shared memory failed, iptable_pointer alloc "
               "failed with null");

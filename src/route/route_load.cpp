@@ -28,7 +28,7 @@ bool Route::Load(u32 try_times, u32 interval_ms) noexcept {
     loaded = LoadAll();
     ++tries;
     if (loaded || !wait_route) break;
-    Sleep(interval_ms);  // kept: also after the last try
+    Sleep(interval_ms);  // Kept: also after the last try
   }
   LSP_LOG(5,
           "[Route][Load] try to read route %s, wait_route=%s, try time=%d, try interval_ms=%d ms, "

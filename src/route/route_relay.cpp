@@ -22,8 +22,8 @@ bool Route::GetGameIDC(u32 ip, u16 port, u32* idc, bool ignore_port) noexcept {
             static_cast<int>(*idc));
     return true;
   }
-  // Kept in this place: it stands ahead of ignore_port, so a ping, which knows no port, is never
-  // answered with the delay of a route that was found by port.
+  // Ahead of ignore_port, see the header: a ping, which has no port, is never answered with the
+  // delay of a route that was found by port.
   if (ip == 0 || port == 0) return false;
   if (port_map_.all_port_idc() != 0) {
     *idc = port_map_.all_port_idc();

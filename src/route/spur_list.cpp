@@ -21,7 +21,7 @@ void SpurList::LoadSpurIplistTable() noexcept {
               "LoadSpurIplistTable read route table from shared memory failed, "
               "mem_addr.get()=null");
       break;
-    case RegionRead::kNoMemory:  // kept: the one failure of a table at this level
+    case RegionRead::kNoMemory:  // Kept: the one failure of a table at this level
       LSP_LOG(4,
               "LoadSpurIplistTable read iptable from shared memory failed, iptable_pointer alloc "
               "failed with null");

@@ -18,7 +18,7 @@ bool FindPort(SOCKET s, u16* port) noexcept {
   INT error = 0;
   if (next->lpWSPGetSockName(s, reinterpret_cast<sockaddr*>(&address), &size, &error) !=
       SOCKET_ERROR) {
-    *port = address.sin_port;  // kept: the provider's word counts, also if it is 0
+    *port = address.sin_port;  // the provider's word counts, even if it is 0
     return true;
   }
   if (error == WSAEINVAL) return BindRandomPort(s, true, port, true);  // not bound

@@ -121,7 +121,7 @@ bool CreateTcpSocketAndBind(SOCKET* out, u16* port) noexcept {
     return false;
   }
   u16 bound = 0;
-  if (!BindLoopbackPort(s, &bound)) return false;  // kept: the socket stays open
+  if (!BindLoopbackPort(s, &bound)) return false;  // Kept: the socket stays open
   int error = 0;
   if (!MakeNonBlocking(s, &error)) {
     LSP_LOG(5, "[TCP]CreateTcpSocketAndBind ioctlsocket, err = %u", static_cast<u32>(error));

@@ -32,7 +32,7 @@ bool TcpNegotiation::SendTcpNegotiation(IRelaySocketMgr* mgr, SOCKET socket, u32
     }
     if (mgr != nullptr) mgr->EnableWrite(socket);
   } else {
-    LSP_LOG(0, "[TCP]Negotiation request is sent successfully");  // kept: also for a part of it
+    LSP_LOG(0, "[TCP]Negotiation request is sent successfully");  // Kept: also for a part of it
   }
   socket_ = socket;
   response_.Init(kNegoVersion);

@@ -41,7 +41,7 @@ bool TcpProvider::OnCreateLocalServer() noexcept {
   const int result = listen(local_socket_, SOMAXCONN);
   const int error = WSAGetLastError();
   LSP_LOG(4, "[TCP] OnCreateLocalServer listen return=%d, err=%d", result, error);
-  return true;  // kept: the bind alone decides
+  return true;  // Kept: the bind alone decides
 }
 
 bool TcpProvider::AddLocalAddr(u16 port) noexcept {

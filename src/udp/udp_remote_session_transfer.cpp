@@ -211,7 +211,7 @@ void UdpRemoteSession::SendEndToAccl() noexcept {
   header.flags = kUdpAcclEnd;
   header.game_ip = ntohl(remote_addr_.sin_addr.s_addr);
   header.game_port = ntohs(remote_addr_.sin_port);
-  header.seq = ++link.seq;  // kept: unlike data, which takes the number and then counts
+  header.seq = ++link.seq;  // Kept: unlike data, which takes the number and then counts
   header.accl_token = link.accl_token;
   const int packed = header.Pack(nullptr, 0, 0);
   if (packed < 0) {

@@ -108,7 +108,7 @@ void UdpSwitchRemoteSession::SendEndToAccl() noexcept {
   const int packed = header.Pack(nullptr, 0, 0);
   if (packed < 0) {
     LSP_LOG(5, "[UDP] UdpRemoteSession::SendEndToAccl Failed, Pack error, ret=%d, token=%u", packed,
-            token_);  // kept: the parent's name
+            token_);  // Kept: the parent's name
     return;
   }
   SendTo(&header, sizeof header, accl_info_.data_addr, true);

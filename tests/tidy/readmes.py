@@ -1,9 +1,10 @@
-"""Each folder of code says in one paragraph what it is."""
+"""Each folder has a README that says what it is; in the code's own folders in one paragraph."""
 import re
 
 from tree import Finding
 
-ROOTS = ["src", "port", "devkit"]
+ROOTS = ["src", "port", "devkit"]  # their folders say it in one paragraph
+DATA = ("fuzz/corpus/",)
 LEAST_WORDS = 20
 
 
@@ -11,9 +12,14 @@ def paragraphs(text):
     return [p for p in re.split(r"\n\s*\n", text.strip()) if p and not p.startswith("#")]
 
 
+def folders_of(paths):
+    folders = {p.rsplit("/", 1)[0] for p in paths if "/" in p and not p.startswith(DATA)}
+    above = {f.rsplit("/", n)[0] for f in folders for n in range(1, f.count("/") + 1)}
+    return {f for f in folders | above if not f.startswith(".")}
+
+
 def check(tree):
-    folders = {"/".join(p.split("/")[:depth]) for p in tree.paths for depth in (1, 2)
-               if p.count("/") >= depth and p.split("/")[0] in ROOTS}
+    folders = folders_of(tree.paths)
     for folder in sorted(folders):
         path = folder + "/README.md"
         if path not in tree.paths:
@@ -22,8 +28,8 @@ def check(tree):
             continue
         found = paragraphs(tree.text(path))
         findings = []
-        # The three roots may say more.
-        if len(found) != 1 and folder not in ROOTS:
+        # The three roots themselves may say more.
+        if len(found) != 1 and folder not in ROOTS and folder.split("/")[0] in ROOTS:
             findings.append(Finding(path, 0, f"has {len(found)} paragraphs instead of one"))
         if not found or len(found[0].split()) < LEAST_WORDS:
             findings.append(Finding(path, 0, "says too little"))

@@ -1,26 +1,29 @@
 #!/usr/bin/env python3
-"""Holds the tree to the rules of the house.
+"""Holds the tree to its own rules.
 
 usage: tidy.py [--format] [ROOT]
 
-Include directions, banned constructs, a README per folder, assertions on packed records, sizes of
-files; with --format the layout of every C++ file instead. Prints one line, FILE:LINE: MESSAGE,
-for each offence and closes with "N passed, N failed": a check is one rule on one file. Exit: 0
-all passed, 1 something failed, 77 nothing to format with.
+Include directions, the picture of them in README.md, banned constructs, the register of oddities, a
+README per folder, assertions on packed records, sizes of files; with --format the layout of every
+C++ file instead. Prints one line, FILE:LINE: MESSAGE, for each offence and closes with "N passed, N
+failed": a check is one rule on one file. Exit: 0 all passed, 1 something failed, 77 nothing to format
+with.
 """
 import argparse
 import pathlib
 import sys
 
+import architecture
 import bans
 import layers
+import oddities
 import readmes
 import records
 import sizes
 import style
 import tree
 
-RULES = [layers, bans, readmes, records, sizes]
+RULES = [layers, architecture, bans, oddities, readmes, records, sizes]
 
 
 def run(rules, files, out=sys.stdout):

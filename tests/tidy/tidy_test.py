@@ -7,9 +7,11 @@ import sys
 import tempfile
 import unittest
 
+import architecture
 import bans
 import cpp
 import layers
+import oddities
 import readmes
 import records
 import sizes
@@ -175,6 +177,85 @@ class Records(unittest.TestCase):
         self.assertIn("without", self.check("#pragma pack(push, 1)\n")[0])
 
 
+class Architecture(unittest.TestCase):
+    SOURCES = {
+        "src/a/README.md": "# a: the ground\n\ntext", "src/a/a.h": 'f("vyr_x_share_mem");',
+        "src/b/b.h": '#include "a/a.h"\n', "src/c/c.h": "",
+        "src/c/c.cpp": '#include "b/b.h"\n#include "a/a.h"\nint WSPAPI WSPSend(int s) {}\n',
+    }
+    DRAWING = architecture.draw_architecture
+
+    def test_folders_come_from_the_tree_and_arrows_that_follow_are_left_out(self):
+        drawn = self.DRAWING.draw(self.SOURCES).split("\n")
+        self.assertIn('    a["<b>a</b><br/>the ground"]', drawn)
+        self.assertIn('    b["<b>b</b>"]', drawn)
+        self.assertEqual([line.strip() for line in drawn if "-->" in line],
+                         ["game -- socket calls --> c", "b --> a", "c --> b"])
+        self.assertIn("  a <-. shared memory .-> client", drawn)
+
+    def test_folders_that_include_one_another_show_it(self):
+        sources = dict(self.SOURCES, **{"src/a/b.h": '#include "b/b.h"\n'})
+        self.assertIn("  a --> b", self.DRAWING.draw(sources).split("\n"))
+
+    def test_a_picture_of_another_tree_is_found(self):
+        readme = f"before\n{self.DRAWING.BEGIN}\nold\n{self.DRAWING.END}\nafter\n"
+        self.assertEqual(findings(architecture, dict(self.SOURCES, **{"README.md": readme})), [
+            "README.md: its picture is not that of the tree: run scripts/draw_architecture.py"])
+        right = self.DRAWING.replaced(readme, self.DRAWING.draw(self.SOURCES))
+        self.assertTrue(right.startswith("before\n") and right.endswith("\nafter\n"))
+        self.assertEqual(findings(architecture, dict(self.SOURCES, **{"README.md": right})), [])
+
+
+class Oddities(unittest.TestCase):
+    SOURCE = "int a;  // Kept: the first word\n// Says much. Guard: against\n// all of it.\n"
+    REGISTER = ("## Kept\n\n| mark | what | who | test |\n|---|---|---|---|\n"
+                "| `a.h` \"the first\" | x | y | `Suite.One`, `Suite.Two` |\n"
+                "## Guard\n\n| `a.h` \"against all of\" | x | y | none |\n")
+    TESTS = "TEST_F(Suite, One) {\nSCENARIO_F_SEEDS(Suite, Two, 4) {\n"
+
+    def check(self, source=SOURCE, register=REGISTER, tests=TESTS):
+        files = {"src/route/a.h": source, "tests/unit/a_test.cpp": tests}
+        if register is not None:
+            files["docs/oddities.md"] = register
+        return findings(oddities, files)
+
+    def test_each_mark_with_its_row_and_its_tests_is_right(self):
+        self.assertEqual(self.check(), [])
+        self.assertEqual(self.check("int a;\n", None), [])
+
+    def test_a_mark_without_a_row_is_found(self):
+        found = self.check(self.SOURCE + "// Kept: another\n")
+        self.assertEqual(found, ["src/route/a.h:4: has 0 rows instead of one in docs/oddities.md: "
+                                 "Kept: another"])
+        self.assertIn("is missing, and src/ has 2 marks", self.check(register=None)[0])
+
+    def test_a_row_stands_for_one_mark_of_its_own_kind(self):
+        again = '| `a.h` "the first word" | x | y | none |\n'
+        self.assertIn("has 2 rows", self.check(
+            register=self.REGISTER.replace("## Guard", again + "## Guard"))[0])
+        self.assertEqual(len(self.check(register=self.REGISTER.replace("## Guard", "## Notes"))), 2)
+
+    def test_a_row_without_a_mark_is_found(self):
+        self.assertIn('docs/oddities.md:5: no such mark: a.h "the first"', self.check(
+            self.SOURCE.replace("first", "second")))
+
+    def test_a_test_that_does_not_exist_is_found(self):
+        self.assertEqual(self.check(tests="TEST_F(Suite, One) {\n"),
+                         ["docs/oddities.md:5: no such test: Suite.Two"])
+        self.assertIn("no such test: somewhere",
+                      self.check(register=self.REGISTER.replace("none", "somewhere"))[0])
+
+    def test_a_files_own_short_form_of_a_scenario_names_a_test(self):
+        tests = ("TEST_F(Suite, One) {\n"
+                 "#define SCENARIO_WRAP(name, ms) SCENARIO_WITH_(Suite, name, Suite, 1, In(ms))\n"
+                 "SCENARIO_WRAP(Two, 1050) {\n")
+        self.assertEqual(self.check(tests=tests), [])
+
+    def test_a_row_that_cannot_be_read_is_found(self):
+        self.assertIn("is no row", self.check(
+            register=self.REGISTER + "| `a.h` no quotes | x | y | none |\n")[0])
+
+
 class Readmes(unittest.TestCase):
     def check(self, readme):
         files = {"src/README.md": PROSE, "src/route/a.h": ""}
@@ -190,6 +271,13 @@ class Readmes(unittest.TestCase):
         self.assertIn("is missing", self.check(None)[0])
         self.assertIn("has 2 paragraphs", self.check(PROSE + "\n\n" + PROSE)[0])
         self.assertIn("says too little", self.check("Routes.")[0])
+
+    def test_folders_without_code_want_one_and_may_say_more(self):
+        self.assertEqual(findings(readmes, {"tests/unit/a.cpp": "", "tests/unit/README.md":
+                                            PROSE + "\n\n" + PROSE, "tests/README.md": PROSE}), [])
+        self.assertEqual(len(findings(readmes, {"tests/unit/a.cpp": ""})), 2)
+        self.assertEqual(findings(readmes, {"fuzz/corpus/a/b": "", "fuzz/README.md": PROSE,
+                                            ".ci/run": ""}), [])
 
     def test_the_roots_want_one_too(self):
         self.assertIn("port/README.md: is missing",

@@ -1,0 +1,105 @@
+"""Every Kept: and Guard: in src/ has a row in docs/oddities.md, and every row has its mark.
+
+A row names the mark by the name of its file and the words with which it begins, so that it stays
+right when a file moves to another folder. The tests that it names must exist.
+"""
+import dataclasses
+import re
+
+from tree import Finding
+
+REGISTER = "docs/oddities.md"
+NO_TEST = "none"
+MARK = re.compile(r"\b(Kept|Guard):")
+ROW = re.compile(r'^\| `([\w.]+)` "(.+?)" \|(.+)\|(.+)\|(.+)\|$')
+TEST = re.compile(r"^[ \t]*(\w*(?:TEST|SCENARIO)\w*)\(\s*(\w+)\s*(?:,\s*(\w+))?", re.MULTILINE)
+# A file's own short form of a scenario: the fixture stands in the definition.
+SHORT_FORM = re.compile(r"^#define (\w+)\((\w+)[^)]*\)[\s\\]+\w+\(\s*(\w+),\s*\2\b", re.MULTILINE)
+
+
+@dataclasses.dataclass(frozen=True)
+class Mark:
+    path: str
+    line: int
+    kind: str
+    text: str
+
+    def is_meant_by(self, row):
+        return (self.kind == row.kind and self.path.rsplit("/", 1)[-1] == row.file
+                and self.text.lower().startswith(row.words.lower()))
+
+
+@dataclasses.dataclass(frozen=True)
+class Row:
+    line: int
+    kind: str  # of the table that it stands in
+    file: str
+    words: str
+    tests: tuple
+
+
+def comment_of(line):
+    """What a line says behind its //; None where it has no comment."""
+    start = line.find("//")
+    return None if start < 0 else line[start + 2:].strip()
+
+
+def marks(path, text):
+    lines = text.split("\n")
+    for number, line in enumerate(lines):
+        said = comment_of(line)
+        if said is None or not MARK.search(said):
+            continue
+        for below in lines[number + 1:]:  # the rest of the comment
+            if not below.strip().startswith("//"):
+                break
+            said += " " + comment_of(below)
+        for match in MARK.finditer(comment_of(line)):
+            yield Mark(path, number + 1, match[1], " ".join(said[match.end():].split()))
+
+
+def rows(text):
+    kind = None
+    for number, line in enumerate(text.split("\n"), 1):
+        if heading := re.match(r"^#+ (Kept|Guard)\b", line):
+            kind = heading[1]
+        elif row := ROW.match(line):
+            named = row[5].strip()
+            tests = () if named == NO_TEST else tuple(re.findall(r"`([^`]+)`", named)) or (named,)
+            yield Row(number, kind, row[1], row[2], tests)
+        elif line.startswith("| `"):
+            yield Finding(REGISTER, number, "is no row: | `file` \"words\" | what | who | test |")
+
+
+def tests_of(text):
+    short_forms = {name: suite for name, _, suite in SHORT_FORM.findall(text)}
+    for macro, first, second in TEST.findall(text):
+        if macro in short_forms:
+            yield f"{short_forms[macro]}.{first}"
+        elif second:
+            yield f"{first}.{second}"
+
+
+def check(tree):
+    found = [m for path in tree.cpp_files("src/") for m in marks(path, tree.text(path))]
+    if not found and REGISTER not in tree.paths:
+        return
+    if REGISTER not in tree.paths:
+        yield REGISTER, [Finding(REGISTER, 0, f"is missing, and src/ has {len(found)} marks")]
+        return
+    read = list(rows(tree.text(REGISTER)))
+    known = {name for path in tree.cpp_files("tests/") for name in tests_of(tree.text(path))}
+    findings = [r for r in read if isinstance(r, Finding)]
+    listed = [r for r in read if isinstance(r, Row)]
+    for mark in found:
+        owners = [r for r in listed if mark.is_meant_by(r)]
+        if len(owners) != 1:
+            findings.append(Finding(mark.path, mark.line, f"has {len(owners)} rows instead of one "
+                                    f"in {REGISTER}: {mark.kind}: {mark.text[:60]}"))
+    for row in listed:
+        if not any(m.is_meant_by(row) for m in found):
+            findings.append(Finding(REGISTER, row.line, f"no such mark: {row.file} \"{row.words}\""))
+        for test in row.tests:
+            if test not in known:
+                findings.append(Finding(REGISTER, row.line, f"no such test: {test}"))
+    yield REGISTER, findings
