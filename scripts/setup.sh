@@ -38,7 +38,7 @@ case "${1:-}" in
 esac
 
 # Wanted; whatever needs one of these says so and is left out where it cannot be had.
-wanted=(wine wine32:i386 wine64 clang socat haproxy libnginx-mod-stream chromium)
+wanted=(wine wine32:i386 wine64 clang clang-format clang-tidy socat haproxy libnginx-mod-stream chromium)
 command -v npm >/dev/null 2>&1 || wanted+=(npm)
 runtime=$(clang_runtime)
 wanted+=("${runtime:-libclang-rt-14-dev}")
