@@ -23,7 +23,7 @@ inline constexpr u32 kNetModeBothModes = 0x30000;  // both bits together
 inline constexpr u32 kNetModeRefuseWithoutAccMode = 0x2000000;
 
 #pragma pack(push, 1)
-// The identity of the game's data centre behind a port. idc 0: no record; port 0: every port.
+// The number of the game's data centre behind a port. idc 0: no record; port 0: every port.
 struct PortIdcRecord {
   u32 port = 0;  // host byte order
   u32 idc = 0;
@@ -31,7 +31,8 @@ struct PortIdcRecord {
 
 using ManualRouteRecord = SwitchProxyInfo;
 
-// What the forced proxy reaches. A delay of 9999 milliseconds or more means unreachable.
+// The data centres that the forced proxy reaches. A delay of 9999 milliseconds or more means
+// unreachable.
 struct ReachRecord {
   u32 game_idc = 0;
   u32 delay = 0;
@@ -72,7 +73,7 @@ struct AccConfigRecord {
   u32 glt_word = 0;
   u8 wait_route = 0;  // wait for the route tables at start-up
   u8 reserved_11109[3] = {};
-  // Thresholds of measuring and of node switching. Their readers apply the floors.
+  // Thresholds of measuring and of node switching. Their readers apply the minimum values.
   u32 lost_calc_unit_size = 0;  // low 16 bits count
   u8 short_cycle = 0;
   u8 data_link_short_cycle_lost = 0;
@@ -88,7 +89,7 @@ struct AccConfigRecord {
   u16 max_delay_avg = 0;            // milliseconds
   u16 max_delay_amp = 0;            // milliseconds
   u8 max_real_route_lost = 0;       // percent
-  u8 link_switch_mask = 0;          // bit n: measuring is open for link type n
+  u8 link_switch_mask = 0;          // bit n: links of type n are measured
   u8 switch_open = 0;
   u8 reserved_11147 = 0;
   u16 max_link_except_rep_num = 0;

@@ -1,4 +1,4 @@
-// The whole outcome of one decision. The session keeps one, and a copy of it is reported to the
+// The complete outcome of one decision. The session keeps one, and a copy of it is reported to the
 // client program, so it is a format: little-endian, packed.
 #pragma once
 #include <cstddef>
@@ -15,7 +15,7 @@ struct AccDecisionInfo {
   u8 used = 0;         // 1 once filled
   char guid[65] = {};  // the socket's identifying text
   u8 reserved_66[2] = {};
-  i32 acc_reason = 0;  // why it ended as it did: see decision.h
+  i32 acc_reason = 0;  // see decision.h
   u64 game_id = 0;
   u64 zone_id = 0;
   u32 net_mode = 0;

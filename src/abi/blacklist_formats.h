@@ -15,7 +15,7 @@ inline constexpr u32 kBlacklistTcp = 1;
 inline constexpr u32 kBlacklistUdp = 2;
 
 #pragma pack(push, 1)
-// A zero matches everything, in each of the first three; type has no such value.
+// A zero in any of the first three fields matches everything; type has no such value.
 struct BlacklistRecord {
   u64 game_id = 0;
   u32 ip = 0;    // network byte order

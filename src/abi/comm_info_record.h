@@ -1,4 +1,4 @@
-// What one accelerated socket has moved, and what the probes of its way have shown: the record of
+// The traffic of one accelerated socket, and the results of the probes on its route: the record of
 // the communication channel. Little-endian, packed. Texts are terminated.
 #pragma once
 #include <cstddef>
@@ -8,8 +8,8 @@
 namespace moru_vyr::lsp {
 
 #pragma pack(push, 1)
-// Delays in milliseconds. Fine figures are of answers below the limit that the game's
-// configuration sets for delays, over figures of those at or above it.
+// Delays in milliseconds. Fine figures are of answers below the configured limit for delays, over
+// figures of those at or above it.
 struct FineStats {
   u32 delay_avg = 0;
   u32 delay_max = 0;
@@ -49,7 +49,7 @@ struct CommInfoRecord {
   u32 total_recv_errors = 0;
   u32 first_recv_error_code = 0;
   u32 curr_recv_error_code = 0;
-  u32 create_tick = 0;  // GetTickCount when the socket was made
+  u32 create_tick = 0;  // GetTickCount when the socket was created
   u32 life = 0;         // milliseconds since then
   u32 idle = 0;         // milliseconds since the last receive
   u32 game_idc = 0;

@@ -1,4 +1,4 @@
-// The two tables that give an address the identity of its data centre: the big one, and the spur
+// The two tables that map an address to the number of its data centre: the large one, and the spur
 // list, which the client program rewrites while a game runs. Plain regions, little-endian, packed.
 #pragma once
 #include <cstddef>
@@ -17,7 +17,7 @@ inline constexpr char kSpurMutexName[] = "vyr_spur_iptable_named_mutex";
 inline constexpr u32 kMaxSpurRecords = 2048;
 
 #pragma pack(push, 1)
-// The hundreds digit of game_idc is the level of game VIP that the record is for.
+// The hundreds digit of game_idc is the VIP level that the record is for.
 struct IpRecord {
   u32 game_idc = 0;
   u32 ip = 0;  // network byte order

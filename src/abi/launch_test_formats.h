@@ -16,7 +16,7 @@ inline constexpr u32 kMaxGltRecords = 64;
 #pragma pack(push, 1)
 struct GltRouteInfo {
   u32 game_idc = 0;
-  u8 glt_head[68] = {};  // carried into reports, read by nothing here
+  u8 glt_head[68] = {};  // copied into reports, otherwise unused
   RouteProxyInfo proxy;
 };
 

@@ -1,4 +1,4 @@
-// One acceleration proxy as a decision sees it, and a pair of them to switch to. Both stand
+// One acceleration proxy as a decision sees it, and a pair of them to switch to. Both also occur
 // ready-made in regions that the client program writes. Little-endian, packed.
 #pragma once
 #include <cstddef>

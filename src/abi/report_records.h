@@ -1,8 +1,8 @@
 // What the library reports to the client program, one record a channel (report_channels.h). The
 // record of the decision channel is AccDecisionInfo itself.
 //
-// Little-endian, packed. Texts are terminated. `used` stands first in each, because the first byte
-// of a slot says whether the slot is taken. Whatever is not set is zero.
+// Little-endian, packed. Texts are terminated. `used` comes first in each, because the first byte
+// of a slot says whether the slot is taken. Fields that are not set are zero.
 #pragma once
 #include <cstddef>
 
@@ -53,7 +53,7 @@ struct NegRetRecord {
   double reserved_value = 0;  // always
   u32 user_isp = 0;
   u32 header3 = 0;
-  u32 nego_count = 0;  // tries so far
+  u32 nego_count = 0;  // attempts so far
   u32 elapsed_ms = 0;
   u32 user_ip = 0;
   char guid[37] = {};
@@ -79,7 +79,7 @@ struct RealNegoRecord {
   u32 stamp = 0;         // seconds since 1970
 };
 
-// A link in trouble: what was measured, and what became of the wish to leave it.
+// A link in trouble: what was measured, and whether the flow moved.
 struct RecoverySwitchRecord {
   u8 used = 0;
   u8 reserved_1[7] = {};
@@ -186,7 +186,7 @@ static_assert(offsetof(RecoverySwitchRecord, client_info) == 341);
 static_assert(offsetof(RecoverySwitchRecord, fe_be) == 461);
 static_assert(offsetof(RecoverySwitchRecord, reserved_581) == 581);
 
-// A channel's region as a whole. Records are packed, so there is no padding to speak of.
+// A channel's region as a whole. The records are packed, so there is no padding.
 template <typename Record, u32 kSlots>
 struct ReportRegion {
   common::SharedMemHeader header;

@@ -1,7 +1,7 @@
 // The route table: which proxies lead to which data centre of a game, and the client program's
-// verdict on each. It stands in a double-buffered region, or alone in a binary file.
-// Little-endian, packed. Nothing in it may be believed: counts can pass their arrays, references
-// can dangle, texts can lack their end.
+// verdict on each. It is in a double-buffered region, or alone in a binary file. Little-endian,
+// packed. Nothing in it can be trusted: counts can exceed their arrays, references can dangle,
+// texts can be unterminated.
 #pragma once
 #include <array>
 #include <cstddef>
@@ -19,7 +19,7 @@ inline constexpr u32 kTopRefs = 3;
 inline constexpr u32 kSwitchGroups = 4;
 inline constexpr u32 kSwitchCandidates = 2;
 
-// The four words that travel with every decision into its report.
+// The four words that are copied with every decision into its report.
 inline constexpr u32 kRouteHeaderWords = 4;
 using RouteHeader = std::array<u32, kRouteHeaderWords>;
 
@@ -33,7 +33,7 @@ struct ProxyRef {
   u32 last_node = 0;       // identity of the last node on this path
 };
 
-// Where a flow may move whose path ends in last_node. last_node 0: no group.
+// Where a flow may move if its path ends in last_node. last_node 0: no group.
 struct SwitchGroup {
   u32 last_node = 0;
   ProxyRef candidates[kSwitchCandidates];

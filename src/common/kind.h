@@ -1,6 +1,6 @@
-// What differs between the library for 32-bit games and the one for 64-bit games: the width of a
-// handle and of a pointer, and what follows from it. All the rest is the same in both, byte for
-// byte: a client program of either kind serves games of either.
+// What differs between the library for 32-bit games and the one for 64-bit games: the width of
+// handles and pointers, and what follows from it. Everything else is the same in both, byte for
+// byte: a client program of either kind serves games of either kind.
 #pragma once
 #include <winsock2.h>
 //

@@ -1,5 +1,5 @@
-// Keeps the calling thread's last error unchanged over a scope. Logging stands between a failed
-// call and the code that asks why it failed, so it must leave no trace there.
+// Keeps the calling thread's last error unchanged over a scope. Logging happens between a failed
+// call and the code that asks why it failed, so it must not change the error.
 #pragma once
 #include <winsock2.h>
 //

@@ -1,10 +1,11 @@
 // A lock between threads, and its guard. (std::mutex does not exist in the runtime we build with.)
-// Recursive. Construction and destruction never block, so a Mutex may stand in a global object.
+// Recursive. Construction and destruction never block, so a Mutex may be part of a global object.
 //
-// It is not a critical section, because one whose holder was ended stays taken for ever, and the
-// next call of the game that needs it never returns. This one goes to whoever asks next, if the
-// holder was a thread of ours (own_thread.h). Its waiters look again and again, so it is for what
-// is held briefly; docs/lifetime.md says of each lock what is waited for while it is held.
+// It is not a critical section, because one whose holder was terminated stays locked for ever, and
+// the next call of the game that needs it never returns. If the holder was one of the library's
+// threads (own_thread.h), this lock goes to whoever asks next. Waiters poll, so it is for locks
+// that are held briefly; docs/lifetime.md says for each lock what may be waited for while it is
+// held.
 #pragma once
 #include <atomic>
 

@@ -1,8 +1,8 @@
-// Two ways out: the log file of a served process, and the debugger for everyone else.
+// Two outputs: the log file of a served process, and the debugger output for every process.
 //
-// Any thread may call anything here, at any time, also before the log file is opened and while
-// the process ends. Nothing throws, nothing waits, the thread's last error is the same after the
-// call, and no failure is reported: the host must never notice that it is being logged.
+// Any thread may call anything here, at any time, even before the log file is opened and while the
+// process ends. Nothing throws, nothing waits, the thread's last error is the same after the call,
+// and no failure is reported: the host must never notice that it is being logged.
 //
 // Call sites use LSP_LOG. Its level test is the first thing evaluated, so a silent level costs
 // one comparison and none of its arguments. The format stands whole at the call site, so that a
@@ -27,7 +27,7 @@
 
 namespace common {
 
-// Longest messages, terminator included; what is longer is cut.
+// Maximum message lengths, terminator included; longer messages are cut.
 inline constexpr int kMaxLogMessage = 2048;
 inline constexpr int kMaxCommonLogMessage = 102400;
 
@@ -48,9 +48,9 @@ inline void SetLogThreshold(u32 lowest_level) noexcept {
 // format does nothing.
 void LspLog(int level, const char* format, ...) noexcept VYR_PRINTF(2, 3);
 
-// The same with a caller's tag, and long messages too. The threads are the host's, some with little
-// stack: a message that LspLog would cut is put together on the heap, and cut as there if the heap
-// has no room. An empty tag leaves the tag out. Has no level test: use COMMON_LOG.
+// The same with a caller's tag, and for long messages too. The threads are the host's, some of them
+// with little stack, so a message that LspLog would cut is formatted on the heap; if the heap has
+// no room it is cut as well. An empty tag leaves the tag out. Has no level test: use COMMON_LOG.
 void CommonLog(int level, const char* tag, const char* format, ...) noexcept VYR_PRINTF(3, 4);
 
 // Goes to the debugger output, whatever the levels are: for start-up, which runs before there is

@@ -76,7 +76,7 @@ void LogFile::Shut() noexcept {
 
 bool LogFile::TryLock() noexcept {
   for (int tries = 1; !lock_.try_lock(); ++tries) {
-    // A thread of ours that was ended while it logged must not end the log as well.
+    // One of our threads that was terminated while it logged must not end the log as well.
     if (tries == kLockTries) return lock_.inherit_lock();
     Sleep(0);
   }

@@ -1,8 +1,8 @@
 // The file that the log lines of one process run go to.
 //
-// Any thread may call anything. Nobody waits for a busy logger: the lock is tried a hundred
-// times, then the line is lost. Lines are collected and reach the disk when the next one would
-// pass 1024 bytes, and when the object ends; a crash loses what was collected.
+// Any thread may call anything. Nobody waits for a busy logger: the lock is tried a hundred times,
+// then the line is lost. Lines are collected, and written when the next one would exceed 1024 bytes
+// and when the object ends; a crash loses the collected lines.
 #pragma once
 #include <atomic>
 #include <string>
@@ -27,8 +27,8 @@ class LogFile {
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
 
-  // Appends to the file of this UTF-8 path, making it and its directories where they are missing.
-  // True if the file is open, also if it was before (under whatever path).
+  // Appends to the file of this UTF-8 path, and creates it and its directories if they are missing.
+  // True if the file is open, even if it was open before (under whatever path).
   bool Open(const std::string& path) noexcept;
 
   void SetLevel(int level) noexcept;  // lines below it are dropped
@@ -38,9 +38,9 @@ class LogFile {
   bool Write(std::string_view line, int level) noexcept;
   void Flush() noexcept;
 
-  // Writes what was collected and closes the file; later lines are dropped. Gives up, with the
-  // text, where the lock stays taken: at process end its owner may be a thread of the host that the
-  // platform has killed, and waiting for it would hang the host.
+  // Writes what was collected and closes the file; later lines are dropped. If the lock stays
+  // taken, it gives up and the text is lost: at process end the lock's owner may be a thread of the
+  // host that the platform has killed, and waiting for it would hang the host.
   void Shut() noexcept;
 
  private:
@@ -59,8 +59,8 @@ class LogFile {
   const u64 max_written_total_;
 };
 
-// The process's log file. It is shut when the process ends, and never destroyed: threads that
-// still run then find a closed file, not a dead object.
+// The process's log file. It is closed when the process ends and never destroyed, so threads that
+// still run then find a closed file and not a dead object.
 LogFile& GetLogFile() noexcept;
 
 }  // namespace common

@@ -1,7 +1,7 @@
-// A second sink for log text: a ring of the last 5 MiB, meant to live in a view of a temporary
-// file (name prefix "TFR") and to be written to a file of one's choice on demand. Nothing opens
-// it, so it is an empty step in the write path and holds no memory. Whoever gives it a body finds
-// every line of every thread passing through Append, before any lock is taken.
+// A second sink for log text: a ring of the last 5 MiB, meant to live in a view of a temporary file
+// (name prefix "TFR") and to be written to a chosen file on demand. Nothing opens it, so it is an
+// empty step in the write path and uses no memory. An implementation would see every line of every
+// thread in Append, before any lock is taken.
 #pragma once
 #include <cstddef>
 #include <string_view>

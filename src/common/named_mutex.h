@@ -1,8 +1,8 @@
 // A recursive mutex that processes share by name, and its guard.
 //
-// Where the mutex cannot be had (out of handles, a name of another kind of object) every call
-// fails at once and the caller runs unguarded: an unguarded copy of a table is better than a
-// game that hangs.
+// If the mutex cannot be created (out of handles, or the name belongs to another kind of object),
+// every call fails at once and the caller runs unguarded: an unguarded copy of a table is better
+// than a game that hangs.
 #pragma once
 #include <string>
 

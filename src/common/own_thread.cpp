@@ -49,7 +49,7 @@ void Forget(int slot, u32 name) noexcept {
   ids.name[slot].store(0, std::memory_order_release);
 }
 
-// Its handle is asked for anew: whoever made the thread may close its own at any time.
+// Its handle is opened again: whoever created the thread may close theirs at any time.
 bool IsGone(u32 thread_id) noexcept {
   const KeepLastError keep_last_error;
   const UniqueHandle thread(OpenThread(SYNCHRONIZE, FALSE, thread_id));
@@ -113,7 +113,7 @@ u32 BeginLock() noexcept {
   if (slot < 0) return thread_id;
   Holding& own = holding[slot];
   // In this order: whoever dooms the thread looks at the count afterwards. A thread that holds a
-  // lock already goes on to let go of it.
+  // lock already goes on to release it.
   const bool holds_none = own.locks.fetch_add(1) == 0;
   if (holds_none && own.doomed.load()) {
     own.locks.fetch_sub(1);

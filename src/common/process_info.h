@@ -1,8 +1,8 @@
 // What is known about this process as a whole.
 //
-// One record, zero at load but for the kind. Written while the provider starts, under the start-up
-// lock, and only read afterwards, by any thread and without a lock. Texts are UTF-8 and always
-// terminated.
+// One record, zero at load except for the kind. Written while the provider starts, under the
+// start-up lock, and only read afterwards, by any thread and without a lock. Texts are UTF-8 and
+// always terminated.
 #pragma once
 #include <winsock2.h>
 //
@@ -23,8 +23,8 @@ struct ProcessInfo {
   char process_name[kPathFieldSize] = {};  // with extension
   char process_path[kPathFieldSize] = {};
   char log_file_path[kPathFieldSize] = {};
-  // What the next provider gave, per kind of socket. A table is filled once its lpWSPSocket is
-  // set. The upcall tables are kept and never called.
+  // What the next provider returned, per kind of socket. A table counts as filled once its
+  // lpWSPSocket is set. The upcall tables are stored and never called.
   WSPUPCALLTABLE udp_upcall_table = {};
   WSPPROC_TABLE udp_proc_table = {};
   WSPUPCALLTABLE tcp_upcall_table = {};

@@ -1,5 +1,5 @@
-// The twelve bytes that every record in shared memory begins with. Both sides check them, so
-// that a client of another version is seen as having written nothing.
+// The twelve bytes that every record in shared memory begins with. Both sides check them, so that a
+// client of another version appears to have written nothing.
 #pragma once
 #include <cstddef>
 

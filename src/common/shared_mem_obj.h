@@ -1,15 +1,14 @@
 // A record in named shared memory, as this library and the client program exchange them.
 //
-// Plain: the mapping is the record, and a named mutex is held from Open to Close, also from an
-// Open that failed to its Close. So every Open needs its Close, on every path, and the time
-// between should be one copy.
+// Plain: the mapping is the record, and a named mutex is held from Open to Close, even if the Open
+// failed. So every Open needs its Close, on every path, and the time between should be one copy.
 //
 // Double-buffered: the mapping is a word that selects one of two copies of the record. A writer
 // fills the copy that is not selected and Close flips the word, so readers need no mutex and see
-// the old copy or the new one, never a mixture. Two writers at once are not guarded against.
+// the old copy or the new one, never a mixture. Two writers at once are not supported.
 //
-// Whoever comes first creates the mapping; ask Exists first where a missing region must stay
-// missing. An object has no lock of its own: its owner serialises its use.
+// Whoever comes first creates the mapping; ask Exists first if a missing region must stay missing.
+// An object has no lock of its own: its owner serialises its use.
 #pragma once
 #include <cstring>
 #include <memory>
@@ -28,8 +27,8 @@ inline constexpr int kOpenForReading = 2;
 
 class Shared_mem_obj {
  public:
-  // `size` is that of the record, header included. Waits for the mutex without limit. Failures
-  // show at Open.
+  // `size` is that of the record, header included. Waits for the mutex without limit. Failures show
+  // at Open.
   Shared_mem_obj(const std::string& name, u32 size, const std::string& mutex_name,
                  bool double_buffered);
   ~Shared_mem_obj();
@@ -45,7 +44,7 @@ class Shared_mem_obj {
 
   const std::string& name() const noexcept { return name_; }
   u32 size() const noexcept { return size_; }
-  // Whether the mutex is there. Where it is, it keeps this process's own threads apart as well.
+  // Whether the mutex exists. If it does, it also serialises this process's own threads.
   bool guarded() const noexcept { return mutex_.exists(); }
 
  private:
@@ -64,7 +63,7 @@ class Shared_mem_obj {
   bool view_is_writable_ = false;  // a view keeps the access that it was mapped with
 };
 
-// Owns a Shared_mem_obj and stands for it.
+// Owns a Shared_mem_obj and forwards to it.
 class Shared_mem_owner {
  public:
   Shared_mem_owner(const std::string& name, u32 size, const std::string& mutex_name,
@@ -81,7 +80,7 @@ class Shared_mem_owner {
   std::unique_ptr<Shared_mem_obj> object_;
 };
 
-// Closes the owner's object at the end of a scope, whatever became of the Open.
+// Closes the owner's object at the end of a scope, whether the Open succeeded or not.
 class Shared_mem_closer {
  public:
   explicit Shared_mem_closer(Shared_mem_owner* owner) noexcept : owner_(owner) {}
@@ -93,8 +92,8 @@ class Shared_mem_closer {
   Shared_mem_owner* const owner_;
 };
 
-// Opens the owner's record as a T, whose first word must give T's own size. Null where there is
-// none. Never closes: the owner's Close is due on every path, whatever this holds.
+// Opens the owner's record as a T, whose first word must hold T's own size; null if it does not.
+// Never closes: the owner's Close is required on every path, whatever this holds.
 template <typename T>
 class Shared_mem_ptr {
  public:
@@ -116,7 +115,7 @@ class Shared_mem_ptr {
   T* operator->() const noexcept { return record_; }
   explicit operator bool() const noexcept { return record_ != nullptr; }
 
-  // Whether there was a record at all, if only one of another size.
+  // Whether there was a record at all, even if of another size.
   bool opened() const noexcept { return opened_; }
 
  private:

@@ -1,5 +1,5 @@
 // Text is UTF-8 everywhere in the library. Wide strings exist only at the platform's wide calls,
-// and these functions are the one bridge: a wide string holds UTF-16 on Windows.
+// and only these functions convert between the two: a wide string holds UTF-16 on Windows.
 #pragma once
 #include <cstddef>
 #include <string>
@@ -20,13 +20,13 @@ inline constexpr std::size_t kBoundedTextSize = 128;
 int FormatBounded(char (&buffer)[kBoundedTextSize], const char* format, ...) noexcept
     VYR_PRINTF(2, 3);
 
-// Whole-string comparison that folds the 26 ASCII letters and nothing else, so that its answer
-// does not depend on the locale the host has set.
+// Compares whole strings and folds the 26 ASCII letters and nothing else, so that the result does
+// not depend on the locale that the host has set.
 bool EqualsIgnoreCase(std::string_view a, std::string_view b) noexcept;
 bool EndsWithIgnoreCase(std::string_view text, std::string_view end) noexcept;
 
-// What a fixed text field holds: everything before its first zero, the whole field if there is
-// none (fields that another process wrote need not be terminated).
+// The content of a fixed text field: everything before its first zero, or the whole field if there
+// is none (fields that another process wrote need not be terminated).
 template <std::size_t N>
 std::string_view FieldText(const char (&field)[N]) noexcept {
   const std::string_view whole(field, N);

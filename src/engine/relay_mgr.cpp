@@ -125,7 +125,7 @@ DWORD WINAPI RelayMgr::WorkerThread(LPVOID self) noexcept {
 }
 
 void RelayMgr::WorkerProc() noexcept {
-  // Before anything else: its own first socket call asks whose it is, and would wait for itself.
+  // Before anything else: its own first socket call asks who makes it, and would wait for itself.
   worker_thread_id_.store(GetCurrentThreadId(), std::memory_order_relaxed);
   if (!InternalInit()) return;
   LSP_LOG(0, "RelayMgr::WorkerProc, FD_SIZE=%lu", static_cast<unsigned long>(FD_SETSIZE));

@@ -1,11 +1,12 @@
-// The relay's centre: it owns the one thread that moves relayed traffic, and the providers that
-// live on it.
+// The centre of the relay: owns the one thread that moves relayed traffic, and the providers that
+// run on it.
 //
-// The thread starts at the first CheckAndInit and ends with Stop. A process gets one: kept, a
-// start after a stop reports success, and nobody polls. What is asked of the relay then is refused,
-// and so it is as soon as the worker has ended in any other way: by an error of select, by force,
-// or by the hand of a stranger. See Serves, and docs/lifetime.md. Any thread may call what is
-// public; IRelaySocketMgr's other three operations belong to the worker. Nothing throws.
+// The thread starts at the first CheckAndInit and ends with Stop. A process gets one. Kept: a start
+// after a stop reports success, and no worker runs. Requests to the relay are then refused, and so
+// they are as soon as the worker has ended in any other way: after an error of select, because Stop
+// terminated it, or because another program did. See Serves, and docs/lifetime.md. Any thread may
+// call the public operations; IRelaySocketMgr's other three operations belong to the worker.
+// Nothing throws.
 #pragma once
 #include <winsock2.h>
 //
@@ -36,21 +37,21 @@ class RelayMgr final : public IRelaySocketMgr {
   RelayMgr& operator=(const RelayMgr&) = delete;
 
   // True if the relay has been started. The first call starts it and waits up to `timeout_ms` for
-  // it; a worker that is not ready by then may be so at a later call.
+  // it; a worker that is not ready by then may be ready at a later call.
   bool CheckAndInit(u32 timeout_ms) noexcept;
-  // Whether a worker is there that takes what is sent to the relay: the one question to ask before
-  // anything is sent there, or waited for from there. Costs one load, and may say yes for a moment
-  // after a worker was ended from outside.
+  // Whether there is a worker that handles what is sent to the relay: the one question to ask
+  // before sending anything to it, or waiting for anything from it. Costs one load, and may be true
+  // for a moment after the worker was terminated from outside.
   bool Serves() const noexcept { return serves_.load(std::memory_order_acquire); }
-  // The same, with a look at the worker's thread unless somebody has looked within `trust_ms`. For
-  // the beginning of a connection or a datagram's way, which costs a few system calls anyway.
+  // The same, but checks the worker's thread unless that was done within the last `trust_ms`. For
+  // the start of a connection or the sending of a datagram, which cost a few system calls anyway.
   bool StillServes(u32 trust_ms) noexcept;
-  // Ends the worker, by force if it has not ended after 200 ms. A worker that was ended by force
-  // has left its sockets open; they are closed then, so that the game hears of it.
+  // Ends the worker, and terminates it if it has not ended after 200 ms. A terminated worker has
+  // left its sockets open; they are then closed, so that the game notices.
   void Stop() noexcept;
   bool IsStopping() const noexcept { return stop_flag_.load(std::memory_order_relaxed); }
 
-  // Calls that the worker makes itself are never relayed; this is how they are known.
+  // Identifies calls that the worker makes itself; they are never relayed.
   u32 GetWorkerThreadId() const noexcept {
     return worker_thread_id_.load(std::memory_order_relaxed);
   }
@@ -59,22 +60,21 @@ class RelayMgr final : public IRelaySocketMgr {
   bool RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr, sockaddr** out_addr,
                               int* out_len, u32 token) noexcept;
 
-  // For sockets of datagrams, which ask for their relay at its control port; see UdpProvider.
+  // For datagram sockets, which ask for their relay at its control port; see UdpProvider.
   void GetUdpLocalAddr(sockaddr_in* out) const noexcept { udp_provider_.GetLocalAddr(out); }
   bool GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept;
-  // What a socket's record says is the socket's queue, to be used through the result alone, for
-  // as long as a call lasts. Null, which counts as a queue with no entry, once its session is
-  // gone.
+  // The queue that a socket's record points to, to be used through the result alone, for the length
+  // of one call. Null once its session has ended, which counts as an empty queue.
   std::shared_ptr<UdpPackageQueue> UseQueue(const UdpPackageQueue* queue, u32 token) const noexcept;
 
-  // The game's socket of that token is gone, and could not say so at the control port: see
+  // The game's socket of that token was closed and could not tell the control port: see
   // UdpProvider::NoteUntoldEnd.
   void NoteUntoldEnd(u32 token) noexcept { udp_provider_.NoteUntoldEnd(token); }
 
   u32 AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept override;
   u32 EnableWrite(SOCKET socket) noexcept override;
   IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;
-  // The identity of one more socket: 1, 2, 3 … over the life of the process.
+  // A new token: 1, 2, 3 … over the life of the process.
   u32 NextToken() noexcept override;
 
  private:
@@ -99,9 +99,9 @@ class RelayMgr final : public IRelaySocketMgr {
   std::atomic<bool> serves_{false};      // from the worker's readiness to the first sign of its end
   std::atomic<u32> looked_at_{0};        // the tick at which the worker's thread was seen alive
   std::atomic<bool> thread_left_{true};  // the thread has come to the end of its function
-  std::atomic<bool> buried_{false};      // a worker was ended in the middle of its work
+  std::atomic<bool> buried_{false};      // a worker was terminated in the middle of its work
 
-  common::Mutex init_lock_;  // one thread starts the worker; held while it waits for that
+  common::Mutex init_lock_;  // one thread starts the worker; held while it waits for it
   std::atomic<u32> last_token_{0};
 
   SocketSets sockets_;

@@ -12,20 +12,20 @@ namespace moru_vyr::lsp {
 
 class LspGameTester {
  public:
-  // Without memory for its state every operation gives the empty answer.
+  // Without memory for its state every operation returns the empty result.
   LspGameTester() noexcept;
   LspGameTester(const LspGameTester&) = delete;
   LspGameTester& operator=(const LspGameTester&) = delete;
 
-  // Reads the file. True also where there is none or it says too little: see IsEnabled.
+  // Reads the file. True even if there is none or it is incomplete: see IsEnabled.
   bool Init() noexcept;
   bool IsEnabled() const noexcept;
-  // Where the program lies, and the file beside it. May throw std::bad_alloc.
+  // The directory of the program, and of the file. May throw std::bad_alloc.
   std::wstring GetProcessDir() const;
-  // Installs the configuration that the file asks for, whatever IsEnabled says. False where that
-  // does not accelerate anything.
+  // Installs the configuration that the file asks for, whatever IsEnabled returns. False if that
+  // configuration accelerates nothing.
   bool ReadAccConfig() noexcept;
-  RouteSet* GetRouteSet() noexcept;  // kept: always empty
+  RouteSet* GetRouteSet() noexcept;  // Kept: always empty
   bool HasProxy(u32 ip, u16 port) const noexcept;
 
  private:

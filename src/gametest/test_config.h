@@ -1,5 +1,5 @@
-// The configuration of a process in test mode: what its file says, and built-in values for all
-// that a client program would have chosen.
+// The configuration of a process in test mode: what its file says, and built-in values for
+// everything else that a client program would have chosen.
 #pragma once
 #include <string_view>
 

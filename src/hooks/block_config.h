@@ -3,8 +3,8 @@
 
 namespace moru_vyr::lsp {
 
-// Reads the file beside the log files and raises the block switches of HookFlags that it asks
-// for. Only at the most verbose log level is the file looked at. Start-up only, under its lock.
+// Reads the file beside the log files and sets the block switches of HookFlags that it asks for.
+// The file is only read at the most verbose log level. Start-up only, under its lock.
 void UpdateBlockConfig() noexcept;
 
 }  // namespace moru_vyr::lsp

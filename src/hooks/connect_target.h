@@ -1,4 +1,4 @@
-// Where a connect really goes: to the place that the application named, or to the relay.
+// Where a connect really goes: to the address that the application named, or to the relay.
 #pragma once
 #include <winsock2.h>
 
@@ -10,13 +10,14 @@ namespace moru_vyr::lsp {
 struct ConnectTarget {
   const sockaddr* name;  // outlives the call
   int name_size;
-  u16 local_port = 0;        // network order; known only where the socket was bound for a redirect
+  u16 local_port = 0;        // network order; known only if the socket was bound for a redirect
   bool udp_connect = false;  // a datagram socket that is connected to the relay
 };
 
-// Turns the target of a stream socket that may be relayed, which is what the application named,
-// to the relay's listener, if the route policy wants the destination relayed and the relay takes
-// it. Otherwise it stays; kept: the socket may have been bound to the loopback interface by then.
+// Changes the target of a stream socket that may be relayed, which is what the application named,
+// to the relay's listener, if the route policy wants the destination relayed and the relay accepts
+// it. Otherwise the target stays. Kept: the socket may have been bound to the loopback interface by
+// then.
 void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept;
 
 }  // namespace moru_vyr::lsp

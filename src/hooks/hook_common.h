@@ -9,21 +9,21 @@
 
 namespace moru_vyr::lsp {
 
-// The error that a call left in the caller's place for it, 0 where there is none.
+// The error that a call stored for its caller, or 0 if there is none.
 inline int ErrorOf(const INT* error) { return error != nullptr ? *error : 0; }
 
 inline void StoreError(LPINT error, int value) {
   if (error != nullptr) *error = value;
 }
 
-// The answer of a call that finds no next provider: the error in both of its places.
+// The result of a call that finds no next provider: sets the error in both places.
 inline void FailWithoutProvider(LPINT error) {
   StoreError(error, WSAENETDOWN);
   WSASetLastError(WSAENETDOWN);
 }
 
-// Whether the call may still be under way. Then all that it was given belongs to its completion,
-// which may have freed it before this thread comes to look: nothing of it may be read any more.
+// Whether the call may still be under way. Then its arguments belong to its completion, which may
+// have freed them before this thread looks at them: none of them may be read any more.
 inline bool MayBePending(int result, const INT* error) {
   return result == SOCKET_ERROR && (error == nullptr || *error == WSA_IO_PENDING);
 }
@@ -40,8 +40,8 @@ unsigned PointerBits(T* pointer) {
 // not looked at.
 sockaddr_in ReadAddress(const sockaddr* name, int name_size) noexcept;
 
-// The relay's address in place of the one that an application named. The application's own length
-// goes with it, which may be longer than an IPv4 address is.
+// The relay's address in place of the one that the application named. It is passed on with the
+// application's own length, which may be longer than an IPv4 address.
 class RelayName {
  public:
   sockaddr_in* address() { return storage_; }
@@ -63,7 +63,7 @@ struct AddressText {
 // Reads the address as IPv4. Guard: a name too short to hold one prints as 0.0.0.0:0, whatever it
 // says, and a null one as "NULL" and 0.
 AddressText DescribeAddress(const sockaddr* name, int name_size);
-// The same for a place where a call has put an address and its size.
+// The same for an address and its size that a call has stored.
 AddressText DescribeAddress(const sockaddr* name, const INT* name_size);
 
 }  // namespace moru_vyr::lsp

@@ -11,7 +11,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// The next provider's ConnectEx, asked for anew at each call: it may differ from socket to
+// The next provider's ConnectEx, asked for again at each call: it may differ from socket to
 // socket. Null where there is none.
 LPFN_CONNECTEX FindNextConnectEx(const WSPPROC_TABLE& next, SOCKET s) {
   GUID id = WSAID_CONNECTEX;

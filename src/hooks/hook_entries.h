@@ -1,9 +1,9 @@
-// The functions that stand in the call table in place of the next provider's, and the one that
-// applications get in place of ConnectEx.
+// The functions that replace the next provider's in the call table, and the one that applications
+// get in place of ConnectEx.
 //
-// Any application thread, and the relay's worker for its own sockets. Each reads one copy of
-// the socket's record at its start and holds no lock while it is in the next provider. None
-// throws, and a call that relays nothing passes the caller's arguments on as they came.
+// Any application thread, and the relay's worker for its own sockets. Each reads one copy of the
+// socket's record at its start and holds no lock while it is in the next provider. None throws, and
+// a call that relays nothing passes the caller's arguments on unchanged.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>
@@ -46,8 +46,8 @@ int WSPAPI WSPIoctl(SOCKET s, DWORD dwIoControlCode, LPVOID lpvInBuffer, DWORD c
                     LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept;
 int WSPAPI WSPCleanup(LPINT lpErrno) noexcept;
 
-// Handed out for WSAID_CONNECTEX. Its result is the negation of the real function's: a pending
-// connect, for which that gives FALSE, comes back as TRUE.
+// Returned for WSAID_CONNECTEX. Its result is the negation of the real function's: a pending
+// connect, for which the real function returns FALSE, returns TRUE.
 BOOL PASCAL WSPConnectEx(SOCKET s, const struct sockaddr* name, int namelen, PVOID lpSendBuffer,
                          DWORD dwSendDataLength, LPDWORD lpdwBytesSent,
                          LPOVERLAPPED lpOverlapped) noexcept;

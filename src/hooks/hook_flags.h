@@ -4,7 +4,7 @@
 
 namespace moru_vyr::lsp {
 
-// Written under the start-up lock, read by any thread without one. They go from false to true
+// Written under the start-up lock, read by any thread without one. Each goes from false to true
 // once and never back.
 struct HookFlags {
   std::atomic<bool> speed_tester_mode{false};  // this process is SpeedTester.exe

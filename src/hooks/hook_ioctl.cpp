@@ -16,7 +16,7 @@ int WSPAPI WSPIoctl(SOCKET s, DWORD dwIoControlCode, LPVOID lpvInBuffer, DWORD c
   SocketRecord record;
   GetSocketMap().Get(s, &record);
   const WSPPROC_TABLE* const next = record.next_proc_table;
-  // Kept: of all entries this one fails without a word and without an error.
+  // Kept: this is the only entry that fails without a log line and without an error.
   if (next == nullptr || next->lpWSPIoctl == nullptr) return SOCKET_ERROR;
 
   const int result =

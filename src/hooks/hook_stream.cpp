@@ -28,8 +28,8 @@ void Record(SOCKET s, int type, int protocol, u32 token, WSPPROC_TABLE* table) {
   GetSocketMap().SetOfWorker(s, GetCurrentThreadId() == GetRelayMgr().GetWorkerThreadId());
 }
 
-// Connects a datagram socket to its relay, whose address stands in *relay, if it is for it. The
-// length stays the application's.
+// Connects a datagram socket to its relay, whose address goes into *relay, if it is to be relayed.
+// The length stays the application's.
 void RedirectDatagrams(const SocketRecord& record, ConnectTarget* target, RelayName* relay) {
   const sockaddr_in asked = ReadAddress(target->name, target->name_size);
   target->udp_connect = HandleUdpConnect(record, &asked, relay->address());
@@ -198,7 +198,7 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
   const bool relay_told = IsAllowedRelay(record) && EndRelay(record);
   const u32 told_token = relay_told ? record.token : SocketMap::kAnyToken;
   // The record goes first: once the socket is closed below, its value can come back at once as
-  // another thread's new socket, whose record must not be ours to erase.
+  // another thread's new socket, and its record must not be erased here.
   GetSocketErrorFilter().Forget(record.token);
   Forget(s, told_token);
   const int result = next->lpWSPCloseSocket(s, lpErrno);

@@ -7,13 +7,13 @@
 
 namespace moru_vyr::lsp {
 
-// A question about the socket, not about a destination. Every intercepting call that could
-// relay asks it anew, on its own copy of the record. Any thread. The first question starts the
-// relay, whatever becomes of it, and can take up to three seconds. For streams and
-// datagrams it is false once the relay's worker has ended, however it came to that.
+// Asks about the socket, not about a destination. Every intercepted call that could relay asks it
+// again, with its own copy of the record. Any thread. In spite of its name the first call acts: it
+// starts the relay, whatever the answer is, and may take up to three seconds. For streams and
+// datagrams it is false once the relay's worker has ended for any reason.
 bool IsAllowedRelay(const SocketRecord& record) noexcept;
 
-// Whether the route policy would have a connection there relayed. A null address may.
+// Whether the route policy wants a connection to that address relayed. A null address may be.
 bool IsAllowConnect(int type, const sockaddr_in* addr, SOCKET s, u32 token) noexcept;
 
 }  // namespace moru_vyr::lsp

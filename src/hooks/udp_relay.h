@@ -1,8 +1,8 @@
-// How the calls of a datagram socket are turned to its relay and back.
+// How the calls of a datagram socket are redirected to its relay and back.
 //
-// A relayed datagram goes to a loopback address of the relay instead of its destination, with a
-// copy and the destination queued before it; one from the relay has the queue's address put in
-// place of the relay's. `record` is the caller's copy throughout. Any thread; nothing throws.
+// A relayed datagram goes to a loopback address of the relay instead of its destination; before it
+// is sent, a copy and the destination are queued. For one from the relay, the address in the queue
+// replaces the relay's. `record` is the caller's copy throughout. Any thread; nothing throws.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>
@@ -11,15 +11,14 @@
 
 namespace moru_vyr::lsp {
 
-// Whether a datagram to that destination is for the relay. The answer is kept with the socket for
-// the first ten destinations; kept: the eleventh counts as relayed without the route policy being
-// asked. Without a destination it is the socket's own state that counts.
+// Whether a datagram to that destination is for the relay. The answer is stored with the socket for
+// the first ten destinations. Kept: the eleventh counts as relayed without the route policy being
+// asked. Without a destination the socket's own state counts.
 bool IsAllowUdpRelayed(const SocketRecord& record, const sockaddr_in* to) noexcept;
 
-// Makes a datagram ready to be sent to the relay, whose address it stores; the socket's first one
-// asks for the relay. False: it is to go directly. `thread_id` is the caller's, as it came.
-// `entry`, which may be null, gets the number under which the datagram has been queued, if it has
-// been.
+// Prepares a datagram for the relay, and stores the relay's address; the socket's first datagram
+// asks for the relay. False: it is to go directly. `thread_id` is the caller's, unchanged. `entry`,
+// which may be null, gets the number under which the datagram was queued, if it was.
 bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
                          const sockaddr_in* to, sockaddr_in* out_addr, LPWSATHREADID thread_id,
                          u64* entry = nullptr) noexcept;
@@ -30,12 +29,12 @@ bool PrepareConnectedUdpSend(const SocketRecord& record, LPWSABUF buffers, DWORD
                              LPWSATHREADID thread_id, u64* entry = nullptr) noexcept;
 
 // Takes back what was queued for a datagram that was not sent after all. Works on the socket's
-// record of now.
+// current record.
 void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count) noexcept;
 // The same for one that is still being sent, whose buffers may be gone.
 void CancelPendingUdpSend(SOCKET s, u64 entry) noexcept;
 
-// Puts the true source of a datagram that came from the relay over `from`. False where it came
+// Replaces `from` with the true source of a datagram that came from the relay. False if it came
 // from elsewhere or its source is not known.
 bool RestoreUdpSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr_in* from,
                       const DWORD* received) noexcept;

@@ -1,9 +1,9 @@
-// A game's raw pings, answered by ourselves.
+// Answers a game's raw pings in place of the network.
 //
 // A game that measures its ping with a raw socket would see the direct route, not the accelerated
-// one. So an echo request on a connected raw ICMP socket to a server that the tables know never
-// reaches the network, and after the delay that the tables give, a forged reply is handed out.
-// False always means that we do not take over and the call takes its normal way.
+// one. So an echo request on a connected raw ICMP socket, to a server that is in the tables, never
+// reaches the network; a forged reply is returned after the delay that the tables give. False
+// always means that the call is not handled here and takes its normal course.
 //
 // Any thread. The three kinds of lock are leaves and never nest. Nothing throws.
 #pragma once
@@ -20,8 +20,8 @@
 
 namespace moru_vyr::lsp {
 
-// One connected raw socket. Kept: a record that dies with requests in its queue does not give
-// them back; slots stay out and allocations leak.
+// One connected raw socket. Kept: a record that dies with requests in its queue does not return
+// them; slots stay out and allocations leak.
 struct raw_request_t {
   explicit raw_request_t(u32 connected_ip) : ip(connected_ip) {}
   const u32 ip;                          // network order
@@ -42,9 +42,9 @@ class CIcmpVM {
 
   // True: the message is held and counts as sent.
   bool CheckinConnectionPingRequest(SOCKET s, const char* buffer, u32 length) noexcept;
-  // True: a reply is due and stands in `buffer`, cut to the *length bytes that there were.
-  // *length is then the length of the whole reply, also where it was cut. Replies come in the
-  // order of their requests. `from_ip` may be null.
+  // True: a reply is due and is now in `buffer`, cut to the *length bytes that there were. *length
+  // is then the length of the whole reply, even if it was cut. Replies come in the order of their
+  // requests. `from_ip` may be null.
   bool CheckoutPingResponse(SOCKET s, char* buffer, u32* length, u32* from_ip) noexcept;
 
   // See PingPool.

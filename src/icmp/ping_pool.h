@@ -1,4 +1,4 @@
-// The memory of held requests: one block of 512, and the heap for what goes beyond.
+// The memory of held requests: one block of 512, and the heap beyond that.
 #pragma once
 #include <memory>
 
@@ -17,16 +17,18 @@ class PingPool {
   PingPool(const PingPool&) = delete;
   PingPool& operator=(const PingPool&) = delete;
 
-  // A cleared record, null when out of memory. Slots are handed out in the order in which they
-  // came free.
+  // A cleared record, or null when out of memory. Slots are reused in the order in which they were
+  // freed.
   ping_request_t* AllocPingRequest() noexcept;
-  // Gives a record of AllocPingRequest back, whatever became of the pool meanwhile. Null may be.
+  // Returns a record of AllocPingRequest, whatever has happened to the pool meanwhile. Null is
+  // allowed.
   void FreePingRequestCache(ping_request_t* request) noexcept;
 
-  // Forgets the block, and frees nothing: for start-up, when there should be none.
+  // Forgets the block and frees nothing: for start-up, when there should be none.
   void ResetPool() noexcept;
-  // Frees the block; the next request makes a new one. Guard: a block with slots still out is set
-  // aside instead and lives until they are back. Those that a closed socket has lost never are.
+  // Frees the block; the next request allocates a new one. Guard: a block with slots still out is
+  // set aside instead and freed once they are back. The slots that a closed socket has lost never
+  // come back.
   void FreePool() noexcept;
 
  private:

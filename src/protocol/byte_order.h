@@ -1,8 +1,8 @@
 // Conversion of record fields between host order and the wire's big-endian order.
 //
 // A record has the same layout in memory as on the wire, so a conversion is a copy that swaps, and
-// the same copy serves both directions; `to` and `from` may be the same record. Fields stand at
-// any address: they are only ever touched through memcpy.
+// the same copy serves both directions; `to` and `from` may be the same record. Fields may have any
+// alignment: they are only accessed through memcpy.
 #pragma once
 #include <winsock2.h>
 
@@ -29,7 +29,7 @@ inline u64 SwapToWire(u64 value) noexcept {
   return value;
 }
 
-// Converts the integer of type T that stands at `offset` of both records.
+// Converts the integer of type T at `offset` of both records.
 template <class T>
 void ConvertField(u8* to, const u8* from, std::size_t offset) noexcept {
   T value;
@@ -45,7 +45,7 @@ inline void CopyBytes(u8* to, const u8* from, std::size_t offset, std::size_t si
 
 inline u8* BytesOf(void* record) noexcept { return static_cast<u8*>(record); }
 
-// Where a conversion writes to or reads from: the caller's buffer, or the record itself in place.
+// Where a conversion writes to or reads from: the caller's buffer, or the record itself, in place.
 inline u8* BufferOr(void* buffer, void* record) noexcept {
   return static_cast<u8*>(buffer != nullptr ? buffer : record);
 }

@@ -4,10 +4,10 @@
 //   int Unpack(buffer, u32 length[, u32 version]);        wire order -> host order
 //
 // With a buffer, Pack writes the wire form there and Unpack reads it from there; the length is
-// tested first, so a record that does not fit changes nothing. With a null buffer the record
-// converts itself in place, ready to be sent from its own memory or just received into it, and
-// the length is not looked at. The result is the number of bytes converted or a CodecError.
-// A buffer must not overlap the record, other than by being null.
+// checked first, so a record that does not fit changes nothing. With a null buffer the record
+// converts itself in place, ready to be sent from its own memory or just received into it, and the
+// length is ignored. The result is the number of bytes converted or a CodecError. A buffer must not
+// overlap the record.
 #pragma once
 #include "common/types.h"
 

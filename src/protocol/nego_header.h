@@ -1,4 +1,4 @@
-// What opens the request and the response of a negotiation.
+// The header of the request and the response of a negotiation.
 #pragma once
 #include <cstddef>
 
@@ -18,7 +18,7 @@ struct NegoHeader {
   u16 reserved = 0;
 
   int Pack(void* buffer, u32 length) noexcept;
-  // A wrong magic is kBadMagic; all fields are in the record even then.
+  // A wrong magic is kBadMagic; all fields are in the record all the same.
   int Unpack(const void* buffer, u32 length) noexcept;
 };
 #pragma pack(pop)

@@ -8,7 +8,7 @@
 
 namespace moru_vyr::lsp {
 
-// One version of a body. The bytes behind `size` are not touched.
+// One version of a body. The bytes after `size` are not touched.
 struct NegoForm {
   u32 size;
   void (*convert)(u8* to, const u8* from) noexcept;
@@ -37,7 +37,7 @@ void InitForm(const NegoForm* form, Body* body) noexcept {
 
 template <class Message>
 int PackMessage(Message* message, void* buffer, u32 length, u32 version) noexcept {
-  // Kept: the size of the longest form, also where a shorter one would fit.
+  // Kept: the size of the longest form, even if a shorter one would fit.
   if (buffer != nullptr && length < sizeof *message) return kPackTooShort;
   NegoHeader& header = message->header;
   const u32 packed = NormaliseVersion(version != 0 ? version : header.version, kNegoVersion);
@@ -52,7 +52,7 @@ int PackMessage(Message* message, void* buffer, u32 length, u32 version) noexcep
   return header_size < 0 ? header_size : size;
 }
 
-// `claimable` is what pkg_len may say at most, if there is a buffer.
+// `claimable` is the most that pkg_len may claim, if there is a buffer.
 template <class Message>
 int UnpackMessage(Message* message, const void* buffer, u32 length, u32 claimable) noexcept {
   NegoHeader& header = message->header;

@@ -1,4 +1,4 @@
-// What the client asks of a node: to carry one connection or flow to a game server.
+// The client's request to a node: to carry one connection or flow to a game server.
 #pragma once
 #include <cstddef>
 
@@ -10,7 +10,7 @@
 
 namespace moru_vyr::lsp {
 
-// In `flags`: the request moves a flow here that another node carries now.
+// In `flags`: the request moves a flow to this node that another node carries now.
 inline constexpr u32 kNegoFlagSwitch = 2;
 
 #pragma pack(push, 1)
@@ -39,11 +39,11 @@ struct NegoRequest {
   NegoRequestBody body;
 
   void Init(u32 version) noexcept;
-  // Version 0 takes the header's. Either way the record's own header gets the version that was
-  // packed and its length. A buffer must have room for the longest form, whatever the version.
+  // Version 0 takes the header's version. Either way the record's own header gets the version that
+  // was packed and its length. A buffer must have room for the longest form, whatever the version.
   int Pack(void* buffer, u32 length, u32 version) noexcept;
-  // The node's half: this client reads no requests. The header's version says how much is read,
-  // and an unknown one is replaced by the newest in the record.
+  // For nodes: this client reads no requests. The header's version says how much is read, and an
+  // unknown one is replaced in the record by the newest.
   int Unpack(const void* buffer, u32 length) noexcept;
 };
 #pragma pack(pop)

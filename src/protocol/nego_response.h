@@ -1,4 +1,4 @@
-// What a node answers to a request.
+// A node's answer to a request.
 #pragma once
 #include <cstddef>
 
@@ -15,7 +15,7 @@ namespace moru_vyr::lsp {
 struct NegoResponseBody {
   u8 result = 0;       // 0 accepts; anything else is the node's reason to refuse
   u32 accl_token = 0;  // what this flow's datagrams must carry
-  u32 client_isp = 0;  // bit mask; the route tables know its bits
+  u32 client_isp = 0;  // bit mask, with the bits of the route tables
   u32 client_ip = 0;
   u32 accl_data_ip = 0;
   u16 accl_data_port = 0;
@@ -31,10 +31,10 @@ struct NegoResponse {
   NegoResponseBody body;
 
   void Init(u32 version) noexcept;
-  // The node's half: this client sends no responses. As NegoRequest::Pack.
+  // For nodes: this client sends no responses. As NegoRequest::Pack.
   int Pack(void* buffer, u32 length, u32 version) noexcept;
-  // The header's version says how much is read, and an unknown one is replaced by the newest in
-  // the record. Kept: only the low 16 bits of `length` are held against the header's length.
+  // The header's version says how much is read, and an unknown one is replaced in the record by the
+  // newest. Kept: only the low 16 bits of `length` are compared with the header's length.
   int Unpack(const void* buffer, u32 length) noexcept;
 };
 #pragma pack(pop)

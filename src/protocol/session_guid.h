@@ -16,14 +16,14 @@ struct SessionGuid {
   u16 data3 = 0;
   u8 data4[8] = {};
 
-  // A fresh one.
+  // A new one.
   static SessionGuid Make() noexcept;
 
   int Pack(void* buffer, u32 length) noexcept;
   int Unpack(const void* buffer, u32 length) noexcept;
 
-  // Writes the text form of the host-order record, 36 characters in upper case, and gives
-  // `buffer` back. Null, with nothing written, if `buffer` is null or `size` below kTextSize.
+  // Writes the text form of the host-order record, 36 characters in upper case, and returns
+  // `buffer`. Null, with nothing written, if `buffer` is null or `size` below kTextSize.
   char* ToString(char* buffer, u32 size) const noexcept;
 };
 #pragma pack(pop)

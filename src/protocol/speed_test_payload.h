@@ -1,4 +1,4 @@
-// A probe of the link: what it carries behind its header, and how its answer is known and read.
+// A probe of the link: what it carries after its header, and how its answer is recognised and read.
 #pragma once
 #include <cstddef>
 
@@ -11,15 +11,15 @@ inline constexpr u32 kSpeedTestMagic = 0x253ABD8F;
 inline constexpr u32 kMaxSpeedTestDelay = 9999;  // milliseconds
 
 #pragma pack(push, 1)
-// See docs/wire.md, "SpeedTestPayload". Has no Pack: it travels in host order, because nobody but
-// us reads it.
+// See docs/wire.md, "SpeedTestPayload". Has no Pack: it travels in host order, because only this
+// library reads it.
 struct SpeedTestPayload {
   u32 magic = kSpeedTestMagic;
   u32 seq = 0;        // equal to the header's
   u64 send_time = 0;  // milliseconds since 1 January 1970
 };
 
-// The whole datagram of a probe, the header in wire order once it is packed.
+// The whole datagram of a probe; its header is in wire order once it is packed.
 struct SpeedTestPackage {
   UdpAcclHeader header;
   SpeedTestPayload payload;
@@ -36,13 +36,13 @@ static_assert(offsetof(SpeedTestPackage, header) == 0);
 static_assert(offsetof(SpeedTestPackage, payload) == 20);
 
 // Whether the datagram is the answer to a probe; if so, both parts of it in host order. Any other
-// datagram, one that has the speed test's flag included, is data. May overwrite the version byte
-// of the datagram, as UdpAcclHeader::Unpack does.
+// datagram is data, even if it has the speed test's flag. May overwrite the version byte of the
+// datagram, as UdpAcclHeader::Unpack does.
 bool ReadSpeedTestReply(void* datagram, u32 length, UdpAcclHeader* header,
                         SpeedTestPayload* payload) noexcept;
 
-// From sending to `now`, both in milliseconds since 1 January 1970. 1 at least, also where the
-// clock was set back or a node made the time up, and kMaxSpeedTestDelay at most.
+// From sending to `now`, both in milliseconds since 1 January 1970. At least 1, even if the clock
+// was set back or a node invented the time, and at most kMaxSpeedTestDelay.
 u32 SpeedTestDelay(u64 now, u64 send_time) noexcept;
 
 }  // namespace moru_vyr::lsp

@@ -1,4 +1,4 @@
-// What stands before the payload of every datagram between client and node.
+// The header of every datagram between client and node.
 #pragma once
 #include <cstddef>
 
@@ -32,9 +32,9 @@ struct UdpAcclHeader {
   // packed_version 0 takes the record's. Sets the record's own version and head_len to what is
   // packed.
   int Pack(void* buffer, u32 length, u32 packed_version) noexcept;
-  // Gives head_len, at least 20, which may be more than `length`: the caller must compare. The
-  // packet is a node's, and an unknown version is overwritten in the packet itself, so that it
-  // can be unpacked again with the same result; nothing else of it changes.
+  // Returns head_len, at least 20, which may be more than `length`: the caller must compare. The
+  // packet comes from a node, and an unknown version is overwritten in the packet itself, so that
+  // it can be unpacked again with the same result; nothing else of it changes.
   int Unpack(void* buffer, u32 length) noexcept;
 };
 #pragma pack(pop)

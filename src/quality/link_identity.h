@@ -1,4 +1,4 @@
-// Which link and which client a report on link trouble speaks of.
+// Which link and which client a report on link trouble is about.
 #pragma once
 #include <cstddef>
 
@@ -6,7 +6,7 @@
 
 namespace moru_vyr::lsp {
 
-// Room for either text form, terminator included.
+// Room for either text, terminator included.
 inline constexpr std::size_t kLinkTextSize = 120;
 
 // Addresses and ports in network byte order.
@@ -28,7 +28,7 @@ inline constexpr u32 kLinkMayBeMeasured = 2;
 inline constexpr u32 kLinkMaySwitch = 4;
 
 struct ClientInfo {
-  u32 header1 = 0;  // of the decision; carried into reports unread
+  u32 header1 = 0;  // of the decision; copied into reports, otherwise unused
   u32 reserved = 0;
   u32 client_isp = 0;
   u32 client_ip = 0;  // host byte order

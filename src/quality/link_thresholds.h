@@ -1,5 +1,5 @@
-// The thresholds of measuring and switching as everyone uses them: what the client program
-// configured, raised to the floor or replaced by the default that makes it usable.
+// The thresholds of measuring and switching that everyone uses: the values that the client program
+// configured, raised to a minimum or replaced by a default where they would not work.
 #pragma once
 #include <algorithm>
 
@@ -8,7 +8,7 @@
 
 namespace moru_vyr::lsp::thresholds {
 
-// A setting of 0 stands for the default.
+// A setting of 0 means the default.
 constexpr u32 OrDefault(u32 value, u32 preset) noexcept { return value != 0 ? value : preset; }
 
 // Only the low half of the setting counts.
@@ -46,12 +46,12 @@ inline u32 LinkSwitchMinInterMs(const AccConfigRecord& config) noexcept {
   return std::max<u32>(config.link_switch_min_inter, 30) * 1000;
 }
 
-// Of a link that carries the game, whether or not another one is on trial.
+// For a link that carries the game, whether or not another one is on trial.
 inline u32 MaxRealRouteLost(const AccConfigRecord& config) noexcept {
   return std::max<u32>(config.max_real_route_lost, 20);
 }
 
-// The settings that a link on trial has of its own.
+// The settings that apply to a link on trial.
 inline u32 HighFreqTestInterval(const AccConfigRecord& config, bool on_trial) noexcept {
   return on_trial ? std::max<u32>(config.switching_high_freq_test_interval, 10)
                   : std::max<u32>(config.high_freq_test_interval, 50);

@@ -4,7 +4,7 @@
 
 namespace moru_vyr::lsp {
 
-// What the windows show. A loss is a percentage, or one of LostCalc's codes above 100.
+// The figures of the windows. A loss is a percentage, or one of LostCalc's codes above 100.
 struct LinkFigures {
   u32 small_lost = 0;        // of data, over the short window
   u32 small_real = 0;        // datagrams that arrived in it
@@ -14,7 +14,7 @@ struct LinkFigures {
   u32 route_lost = 0;        // of probes, over the long window
 };
 
-// Losses in percent, from which on they count, in windows of that many datagrams.
+// The losses, in percent, at which trouble begins, and how many datagrams a window must hold.
 struct LinkLimits {
   u32 short_cycle_pkg = 0;
   u32 short_cycle_lost = 0;
@@ -25,7 +25,7 @@ struct LinkLimits {
 
 enum class LinkTrouble { kNone, kDead, kShortLoss, kLongLoss, kRouteLoss };
 
-// The first that holds, in this order.
+// The first condition that holds, in this order.
 LinkTrouble FindTrouble(const LinkFigures& figures, const LinkLimits& limits) noexcept;
 
 }  // namespace moru_vyr::lsp

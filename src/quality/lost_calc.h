@@ -1,12 +1,12 @@
 // The share of a stream of numbered packets that did not arrive, over a sliding window of slots.
 //
-// What was expected of a slot is a range of numbers. Where the sender's numbers are known (probes)
-// its sends make the range; where only arrivals are seen (data of a node) the highest number seen
-// does. A slot that ends keeps counting late packets for a grace period while the next one is
-// open already.
+// What was expected of a slot is a range of numbers. If the sender's numbers are known (probes),
+// the sends make the range; if only arrivals are seen (data from a node), the highest number seen
+// does. A slot that has ended keeps counting late packets for a grace period, while the next one is
+// already open.
 //
-// Owned by a RecoverySwitch, used by its thread alone. Times are milliseconds from whatever start
-// the owner chose. Nothing allocates, nothing throws.
+// Owned by a RecoverySwitch, used by its thread alone. Times are milliseconds from a start that the
+// owner chooses. Nothing allocates, nothing throws.
 #pragma once
 #include <cstddef>
 
@@ -33,21 +33,21 @@ class LostCalc {
   static constexpr u16 kSlots = 60;
   static constexpr u16 kMinUnitMs = 11;
 
-  // 0, or -1 for a unit below kMinUnitMs and for a cycle_size that is 0 or above kSlots; what was
-  // given is stored in either case. Empties nothing: a second call keeps the slots, so that with
-  // an earlier clock they stand still until their own start times are reached again.
+  // 0, or -1 for a unit below kMinUnitMs and for a cycle_size that is 0 or above kSlots; the values
+  // are stored in either case. Nothing is cleared: a second call keeps the slots, so that with an
+  // earlier clock they do not advance until their own start times are reached again.
   int Init(u32 start_time, u16 unit_ms, u16 cycle_size, u16 wait_ms, u32 min_pkgs,
            bool send_tracked) noexcept;
 
-  void AddOneSend(u32 seq) noexcept;  // of no effect where arrivals make the range
+  void AddOneSend(u32 seq) noexcept;  // no effect where arrivals make the range
   void AddOneRecv(u32 seq) noexcept;
 
-  // True when a slot closed. Each call does one step, however late it is: the end of a slot takes
+  // True when a slot closed. Each call takes one step, however late it is: the end of a slot takes
   // one call to open the grace period and another to close it.
   bool Update(u32 now_ms) noexcept;
 
-  // The loss over the last `cycles` slots (kSlots at most), the running one included or not, with
-  // how many packets were expected and how many came. Either pointer may be null.
+  // The loss over the last `cycles` slots (kSlots at most), including the running one or not, with
+  // the number of packets expected and received. Either pointer may be null.
   u8 GetCurLost(u16 cycles, u32* need, u32* real, bool include_current) const noexcept;
 
   // As of the last closing, over cycle_size slots.
@@ -55,8 +55,8 @@ class LostCalc {
   u32 need_recv_pkg() const noexcept { return need_recv_pkg_; }
   u32 real_recv_pkgs() const noexcept { return real_recv_pkgs_; }
   u32 min_pkgs() const noexcept { return min_pkgs_; }
-  // Over all closed slots since the first packet: the sum of results from 0 to 100, and of how
-  // many.
+  // Over all closed slots since the first packet: the sum of the results from 0 to 100, and their
+  // number.
   u32 lost_accum() const noexcept { return lost_accum_; }
   u32 lost_accum_count() const noexcept { return lost_accum_count_; }
 

@@ -1,5 +1,5 @@
-// The delays of the last probes over one section of a route: their average and how much they
-// swing, and whether there were so many bursts of probes lately that no more should be asked for.
+// The delays of the last probes over one section of a route: their average and how much they vary,
+// and whether there were so many bursts of probes lately that no more should be sent.
 //
 // The unit is a cycle. All delays of a cycle make one entry, their sum. With one probe per cycle
 // that is its delay; a burst raises it, and with it the average. Kept: thresholds are set for it.
@@ -15,7 +15,7 @@ namespace moru_vyr::lsp {
 
 inline constexpr u32 kDelayNotMeasured = 9999;
 
-// What the probes of one cycle add up to.
+// The sums over the probes of one cycle.
 struct RecentCycle {
   u32 delay_sum = 0;
   double delay_square_sum = 0;
@@ -26,12 +26,13 @@ class RealRouteRecentCycleData {
  public:
   RealRouteRecentCycleData();  // reads the configuration of the process
 
-  // An answered probe. relay_idx 1 is the front section, for which no watch period runs.
+  // An answered probe. relay_idx 1 is the front section, which has no watch period.
   void Update(u32 delay, bool is_high_freq, u8 relay_idx) noexcept;
-  // Forgets all delays. A watch period goes on.
+  // Forgets all delays. A watch period continues.
   void Reset() noexcept;
 
-  // Whether bursts are to be refused. Ends at the first Update after its time, or here.
+  // Whether bursts are to be refused. A watch period ends at the first Update after its time, or
+  // here.
   bool IsWatching() const noexcept { return watch_start_tick_ > 0; }
   void StopWatching() noexcept { watch_start_tick_ = 0; }
 
@@ -47,7 +48,7 @@ class RealRouteRecentCycleData {
   u32 HighFreqCycles() const noexcept;
 
   u32 real_route_cycle_size_ = 0;  // milliseconds
-  u32 lost_calc_cycle_ = 0;        // entries that the window must hold before it says anything
+  u32 lost_calc_cycle_ = 0;        // entries that the window must hold before it has a result
   u32 delay_avg_ = 0;
   u32 cycle_start_tick_ = 0;
   u32 delay_amp_ = 0;

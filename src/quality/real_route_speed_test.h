@@ -1,9 +1,9 @@
-// Numbered probes over the route of a link, and what their answers say about it.
+// Numbered probes over the route of a link, and the evaluation of their answers.
 //
-// Normally one probe now and then; on request a burst of them, at whose end the judge of the link
-// looks at the loss. Every relay of the route answers a probe, so one probe can have two answers.
-// The statistics of a socket live with the Tracker; a socket that it does not know is not
-// measured, and its judge hears of no probe.
+// Normally one probe now and then; on request a burst of them, at the end of which the judge of the
+// link checks the loss. Every relay of the route answers a probe, so one probe can have two
+// answers. The Tracker holds the statistics of a socket; a socket that it does not know is not
+// measured, and its judge is told of no probe.
 //
 // Owned by the session of the link, used by the worker thread alone. The judge given to Start must
 // live until Stop. Nothing but the constructor throws.
@@ -19,7 +19,7 @@ class RecoverySwitch;
 struct SpeedStats;
 struct SpeedStatsHalf;
 
-// What the session hands over.
+// What the session provides.
 struct SpeedTestParam {
   SOCKET socket = INVALID_SOCKET;
   u32 token = 0;
@@ -36,14 +36,14 @@ class RealRouteSpeedTest {
   RealRouteSpeedTest(const RealRouteSpeedTest&) = delete;
   RealRouteSpeedTest& operator=(const RealRouteSpeedTest&) = delete;
 
-  // Begins anew. Without a judge nothing runs. A watch period of an earlier link goes on.
+  // Starts again. Without a judge nothing runs. A watch period of an earlier link continues.
   void Start(RecoverySwitch* recovery, const SpeedTestParam* param, bool is_in_switching) noexcept;
   void Stop() noexcept;
 
   // The timer's step: sends the probe that is due.
   void StepSpeedTest() noexcept;
-  // Whether the datagram was the answer to a probe; any other is data, also one that is marked
-  // as a probe. The datagram's version byte may be overwritten, see UdpAcclHeader::Unpack.
+  // Whether the datagram was the answer to a probe; any other is data, even if it is marked as a
+  // probe. The datagram's version byte may be overwritten, see UdpAcclHeader::Unpack.
   bool RecvSpeedTest(const u8* data, u32 len) noexcept;
   // Asks for a burst: 0 it starts, 1 not now, -1 refused.
   int HighFreqTest() noexcept;

@@ -6,8 +6,8 @@ namespace moru_vyr::lsp {
 
 struct RecoverySwitchRecord;
 
-// Formats at once and owns its text, so that it can stand among the arguments of a log statement
-// and costs nothing at levels that are not written.
+// Formats at once and owns its text, so that it can be an argument of a log statement and costs
+// nothing at levels that are not written.
 class RecoveryRecordText {
  public:
   explicit RecoveryRecordText(const RecoverySwitchRecord& record) noexcept;

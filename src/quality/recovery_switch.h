@@ -1,11 +1,11 @@
 // The judge of the link to a node.
 //
-// Fed with the numbers of game data that the node sends and of probes and their answers, it tells
-// the client program about trouble and, where that is allowed, asks its owner through ISwitchEvent
-// to move to another node. For a link on trial it gives the verdict instead.
+// It is fed with the numbers of the game data that the node sends, and of probes and their answers.
+// It reports trouble to the client program and, if that is allowed, asks its owner through
+// ISwitchEvent to move to another node. For a link on trial it gives the verdict instead.
 //
 // Owned by the session of the link, used by the worker thread alone. The notifier outlives it.
-// While it is not enabled nothing here does anything: reads of a current loss give 0, those of the
+// While it is not enabled nothing here has any effect: reads of a current loss give 0, those of the
 // Get…Lost family kLostNeverComputed with the counts left as they are. Nothing throws.
 #pragma once
 #include <winsock2.h>
@@ -34,8 +34,8 @@ class RecoverySwitch {
   RecoverySwitch(const RecoverySwitch&) = delete;
   RecoverySwitch& operator=(const RecoverySwitch&) = delete;
 
-  // Starts judging a link, if that is allowed. Again after a switch: the counts of reports and of
-  // switches, the time of the last switch and the slots of what was measured stay.
+  // Starts judging a link, if that is allowed. Called again after a switch, it keeps the counts of
+  // reports and of switches, the time of the last switch and the slots of what was measured.
   void Init(ISwitchEvent* notifier, SOCKET socket, u32 token, std::string_view guid,
             const AccInfo* acc_info, const ClientInfo* client_info,
             bool is_switch_session) noexcept;
@@ -48,13 +48,13 @@ class RecoverySwitch {
   void RealRouteAddOneSendPkg(u32 seq) noexcept;
   void RealRouteAddOneRecvPkg(u32 seq, u8 relay_idx) noexcept;
 
-  // What to tell the node, or kLostTooFew rather than a loss from too few packets. `raw` tells it
-  // all the same.
+  // The loss to tell the node, or kLostTooFew in place of a loss from too few packets. With `raw`
+  // it is returned all the same.
   u8 DataLinkGetDefCurLost(bool raw) noexcept;
   u8 RealRouteGetDefCurLost(bool raw) noexcept;
 
-  // The loss over the short and the long window, with the packets expected and received. Not mere
-  // questions: all but the third keep what they find for the reports. The pointers may not be null.
+  // The loss over the short and the long window, with the packets expected and received. All but
+  // the third also store their result for the reports. The pointers may not be null.
   u8 GetDataLinkShortLost(u32* need, u32* real, bool include_current) noexcept;
   u8 GetDataLinkLongLost(u32* need, u32* real, bool include_current) noexcept;
   u8 GetRealRouteShortLost(u32* need, u32* real, bool include_current) noexcept;
@@ -78,7 +78,7 @@ class RecoverySwitch {
   void LogUpdate(const char* calc_name, u32 time_delta) const noexcept;
   u8 GetCurLost(const LostCalc& calc, u8 upload_lost, bool is_real_route, u16 cycles, u32* need,
                 u32* real, bool include_current) noexcept;
-  // Kept: true means that the report must be held back, which is not what the name says.
+  // Kept: true means that the report must be held back, which is the opposite of the name.
   bool IsBelowReportLimit() noexcept;
   void Report() noexcept;
   void FillRecord(RecoverySwitchRecord* record) noexcept;

@@ -1,4 +1,4 @@
-// What negotiations over streams and over datagrams have in common.
+// What negotiations over TCP and over UDP have in common.
 //
 // Worker thread only. Nothing throws.
 #pragma once
@@ -11,7 +11,7 @@
 
 namespace moru_vyr::lsp {
 
-// Why a negotiation failed. 1 to 255 are the node's own reasons to refuse; 206 is free.
+// Why a negotiation failed. 1 to 255 are the node's own reasons to refuse; 206 is unused.
 enum NegoFailure : u32 {
   kNegoSendFailed = 201,
   kNegoTimedOut = 202,
@@ -21,8 +21,8 @@ enum NegoFailure : u32 {
   kNegoIspNotServed = 207,
 };
 
-// The request for the game server at game_ip:game_port, both in network order, in host order and
-// the newest form. `retry` counts the changes of node so far.
+// The request, in host order and in the newest form, for the game server at game_ip:game_port, both
+// in network order. `retry` is the number of changes of node so far.
 NegoRequest MakeNegoRequest(u32 game_ip, u16 game_port, u8 retry, const SessionGuid& guid,
                             const AccDecisionInfo& decision) noexcept;
 
@@ -32,7 +32,7 @@ struct ProxyAddrText {
   char text[sizeof RouteProxyInfo::proxy_addr + 1] = {};
 };
 
-// Where the proxy negotiates.
+// The proxy's address for negotiations.
 sockaddr_in ProxyAddress(const RouteProxyInfo& proxy) noexcept;
 
 }  // namespace moru_vyr::lsp

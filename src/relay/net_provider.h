@@ -1,4 +1,4 @@
-// What carries one protocol through the relay: named events by side, a start and an end.
+// The relay of one protocol: named events for each side, a start and an end.
 //
 // The local side faces the game over the loopback interface, the remote side a node or the game
 // server. Worker thread; GetLocalAddr from any thread, at any time. Nothing throws.
@@ -21,7 +21,7 @@ class INetProvider {
   virtual void OnLocalServerAcceptable(SOCKET) noexcept {}
   virtual void OnLocalReadable(SOCKET) noexcept {}
   virtual void OnLocalWritable(SOCKET) noexcept {}
-  virtual void OnLocalExcpetion(SOCKET) noexcept {}  // kept: the log has the name, spelled so
+  virtual void OnLocalExcpetion(SOCKET) noexcept {}  // Kept: the log has the name, spelled so
   virtual void OnLocalClose(SOCKET) noexcept {}
   virtual void OnRemoteReadable(SOCKET) noexcept {}
   virtual void OnRemoteWritable(SOCKET) noexcept {}
@@ -42,7 +42,7 @@ class NetProvider : public INetProvider {
   virtual void Start() noexcept;
   virtual void Shutdown() noexcept;
 
-  // Starts the provider; whether it runs. Neither pointer is owned.
+  // Starts the provider; returns whether it runs. Neither pointer is owned.
   bool Init(IRelaySocketMgr* mgr, Route* route) noexcept;
   void Uninit() noexcept { Shutdown(); }
   bool IsRunning() const noexcept { return running_; }
@@ -55,7 +55,7 @@ class NetProvider : public INetProvider {
   IRelaySocketMgr* socket_mgr_ = nullptr;
   Route* route_ = nullptr;
   SOCKET local_socket_ = 0;  // the listener, or the datagram socket
-  // Network order; 0 without a local socket. The worker writes it, and any thread may ask for it.
+  // Network order; 0 without a local socket. The worker writes it, and any thread may read it.
   std::atomic<u16> local_port_{0};
 };
 

@@ -1,6 +1,6 @@
-// What the worker's loop and the sockets on it know of one another.
+// The interfaces between the worker's loop and the sockets that it polls.
 //
-// Everything here runs on the worker thread, NextToken alone on any. Nothing throws.
+// Everything here runs on the worker thread, except NextToken, which runs on any. Nothing throws.
 #pragma once
 #include <winsock2.h>
 
@@ -8,14 +8,14 @@
 
 namespace moru_vyr::lsp {
 
-// Gets the readiness of a socket.
+// Receives the readiness of a socket.
 class IRelaySocketDelegate {
  public:
   virtual ~IRelaySocketDelegate() = default;
   virtual void OnReadable(SOCKET socket) noexcept = 0;
   virtual void OnWritable(SOCKET socket) noexcept = 0;
   virtual void OnException(SOCKET socket) noexcept = 0;
-  virtual void OnClose(SOCKET socket) noexcept = 0;  // kept; the loop never calls it
+  virtual void OnClose(SOCKET socket) noexcept = 0;  // Kept: the loop never calls it
 };
 
 // The loop, as providers and sessions see it.
@@ -24,10 +24,10 @@ class IRelaySocketMgr {
   virtual ~IRelaySocketMgr() = default;
 
   // Watches the socket for reading and for exceptions from the next pass on. The delegate is not
-  // owned and must outlive the registration. 0 if added, not 0 if the socket was known, and then
-  // nothing changes. Kept: a socket that finds no room in the sets is added and never polled.
+  // owned and must outlive the registration. 0 if added; not 0 if the socket was already known, and
+  // then nothing changes. Kept: a socket that finds no room in the sets is added and never polled.
   virtual u32 AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept = 0;
-  // Asks for one writable event. 0, or not 0 if it is already waited for. Nothing for a socket
+  // Asks for one writable event. 0, or not 0 if it was already asked for. Does nothing for a socket
   // that was not added.
   virtual u32 EnableWrite(SOCKET socket) noexcept = 0;
   // The delegate, which is the caller's to delete or to keep; null if there was none.

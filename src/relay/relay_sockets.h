@@ -1,5 +1,5 @@
-// The delegates of a provider's sockets: they turn the readiness of a socket into an event with
-// a name. One object serves all the sockets of its side, since it knows nothing of any of them.
+// The delegates of a provider's sockets: they turn the readiness of a socket into a named event.
+// One object serves all sockets of its side, since it keeps no state about any of them.
 #pragma once
 #include <winsock2.h>
 

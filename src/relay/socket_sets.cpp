@@ -85,7 +85,7 @@ int SocketSets::Poll(const timeval& timeout, int* error) noexcept {
   for (u_int i = 0; writable_or_null != nullptr && i < writable.fd_count; ++i) {
     const SOCKET socket = writable.fd_array[i];
     IRelaySocketDelegate* const delegate = Find(socket);
-    if (delegate == nullptr) continue;  // the wish of a new socket with this value stays
+    if (delegate == nullptr) continue;  // a new socket with this value keeps its request
     EnableWrite(socket, false);
     delegate->OnWritable(socket);
   }

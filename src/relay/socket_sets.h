@@ -1,4 +1,4 @@
-// The sockets that the worker polls, who gets their events, and the events of one pass.
+// The sockets that the worker polls, their delegates, and the events of one pass.
 //
 // Worker thread only, without a lock. Nothing throws. Delegates are not owned.
 #pragma once
@@ -19,7 +19,7 @@ class SocketSets {
 
   // As in IRelaySocketMgr. Kept: the 129th socket is known and never polled.
   u32 Add(SOCKET socket, IRelaySocketDelegate* delegate) noexcept;
-  // With `enable` false no event is waited for any longer, and the result is 0.
+  // With `enable` false the event is no longer waited for, and the result is 0.
   u32 EnableWrite(SOCKET socket, bool enable) noexcept;
   IRelaySocketDelegate* Remove(SOCKET socket) noexcept;
 
@@ -34,11 +34,11 @@ class SocketSets {
     u32 added_in;  // the pass
   };
 
-  // The delegate that an event of this pass belongs to. A socket removed since has none. Neither
-  // has one added since: it is not the socket that was polled, but has got its value back.
+  // The delegate for an event of this pass. None for a socket that was removed since, nor for one
+  // that was added since: that is another socket with the same value.
   IRelaySocketDelegate* Find(SOCKET socket) const noexcept;
 
-  fd_set read_;   // watched for exceptions as well: a connect that fails shows nowhere else
+  fd_set read_;   // watched for exceptions as well: a failed connect shows nowhere else
   fd_set write_;  // one event each
   std::map<SOCKET, Entry> sockets_;
   u32 pass_ = 0;

@@ -1,9 +1,8 @@
-// The configuration of this process: the record of the game that it is, if the client program
-// lists it.
+// The configuration of this process: the record of its game, if the client program lists it.
 //
 // One global record, zero at load. It is replaced while the provider starts, under the start-up
-// lock, and every thread reads it without a lock afterwards. The library never watches the
-// region: a later change by the client reaches only processes that start later.
+// lock, and every thread reads it without a lock afterwards. The library never watches the region:
+// a later change by the client reaches only processes that start later.
 #pragma once
 #include "abi/acc_config_formats.h"
 
@@ -23,10 +22,10 @@ const AccConfig* GetAccConfig() noexcept;
 void ReplaceAccConfig(const AccConfigRecord& record) noexcept;
 void ReplaceAccConfig(const AccConfig& config) noexcept;
 
-// Looks for the record that lists this process's path (ProcessInfo must be filled) and installs
-// it. True if there is one and it says that the game is accelerated. A record that says it is
-// not stays installed all the same. Says what it finds in the debugger output. Waits for the
-// region's mutex without limit; any failure means that the process is not served.
+// Looks for the record that lists this process's path (ProcessInfo must be filled) and installs it.
+// True if there is one and it says that the game is accelerated. A record that says otherwise stays
+// installed all the same. Writes what it finds to the debugger output. Waits for the region's mutex
+// without limit; any failure means that the process is not served.
 bool ReadAccConfig() noexcept;
 
 }  // namespace moru_vyr::lsp

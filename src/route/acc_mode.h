@@ -14,14 +14,14 @@ inline u32 RouteSetIndex(const AccConfigRecord& config) noexcept {
   return config.acc_mode == kAccModeSecondSet ? 1 : 0;
 }
 
-// What the modes say to a kind of socket, in the order in which it is asked.
+// What the modes say about a kind of socket, in the order of the checks.
 enum class ModeVerdict {
-  kNeedsAccMode,  // nothing is relayed without an acc_mode, and there is none
-  kNotRelayed,    // that kind of socket is not among what is relayed
-  kMayRelay,      // so far; raw sockets come here without a further test
+  kNeedsAccMode,  // nothing is relayed without an acc_mode, and none is set
+  kNotRelayed,    // this kind of socket is not relayed
+  kMayRelay,      // so far; raw sockets get here without a further check
 };
 
-// socket_type as the socket calls have it.
+// socket_type as in the socket calls.
 inline ModeVerdict ExamineModes(u32 net_mode, u32 acc_mode, i32 socket_type) noexcept {
   if ((net_mode & kNetModeRefuseWithoutAccMode) != 0 && acc_mode == kAccModeNone) {
     return ModeVerdict::kNeedsAccMode;

@@ -1,11 +1,11 @@
-// The verdict on a route, and why a socket ended as it did.
+// The verdict on a route, and the reason for a socket's outcome.
 #pragma once
 #include "common/types.h"
 
 namespace moru_vyr::lsp {
 
-// The client program's verdict, as it stands in each reference of the route table. Any other
-// value is unknown and does not accelerate.
+// The client program's verdict, as it is in each reference of the route table. Any other value is
+// unknown and does not accelerate.
 enum Decision : u32 {
   DECISION_ACCE = 0,
   DECISION_DIRECT = 1,
@@ -18,8 +18,8 @@ enum Decision : u32 {
   DECISION_FORCE_ACCE_MANUAL = 8,
 };
 
-// acc_reason, for the reports. The first ten are what a verdict is reported as, the rest are
-// reasons why there was none. 5 is free.
+// acc_reason, for the reports. The first ten correspond to verdicts, the rest are reasons why there
+// was none. 5 is unused.
 enum AccReason : i32 {
   kReasonUnknown = -1,
   kReasonAcce = 0,
@@ -41,7 +41,7 @@ enum AccReason : i32 {
   kReasonIsProxy = 15,
 };
 
-// The decision's name. Also stores what it is reported as, if there is a place for it.
+// The decision's name. Also stores its acc_reason, if the pointer is not null.
 const char* DecisionName(u32 decision, i32* acc_reason) noexcept;
 
 // Whether a socket with this decision goes through its proxy.

@@ -1,10 +1,10 @@
-// From an address to the identity of its data centre. Built once, then only looked up.
+// Maps an address to the number of its data centre. Built once, then only looked up.
 //
 // Addresses are mixed by a bijection and sorted by the result; an index on the top bits of the
 // mixed value leads to a run that holds one record on average. So a lookup touches two places
-// however many records there are, and records made to collide cost a binary search, no more. (A
-// plain hash table is as fast, but a hostile table could make its building quadratic; a sorted
-// array and a tree are several times slower at full size.)
+// however many records there are, and records made to collide cost no more than a binary search. (A
+// plain hash table is as fast, but a hostile table could make building it quadratic; a sorted array
+// and a tree are several times slower at full size.)
 #pragma once
 #include <cstddef>
 #include <utility>
@@ -26,7 +26,7 @@ class IpIdcMap {
   // The later of two records with the same address wins. May throw std::bad_alloc.
   explicit IpIdcMap(const std::vector<Record>& records);
 
-  // Null where the address is unknown. Valid as long as the map is unchanged.
+  // Null if the address is unknown. Valid as long as the map is unchanged.
   const u32* Find(u32 ip) const noexcept;
 
   std::size_t size() const noexcept { return slots_.size(); }
@@ -45,7 +45,7 @@ class IpIdcMap {
 
   std::vector<Slot> slots_;      // by key
   std::vector<u32> run_begins_;  // per value of the key's top bits, and one past the last
-  int shift_ = 0;                // what takes a key to its top bits
+  int shift_ = 0;                // shifts a key to its top bits
 };
 
 }  // namespace moru_vyr::lsp

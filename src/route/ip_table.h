@@ -9,11 +9,11 @@ namespace moru_vyr::lsp {
 
 class IpTable {
  public:
-  // Reads the region, once: a table that holds anything stays. True if it holds anything.
+  // Reads the region once: a table that is not empty stays. True if the table is not empty.
   bool LoadIpTable() noexcept;
 
-  // Takes the records of the configured game VIP level and ignores the rest: up to ten tables
-  // lie interleaved in one region. May throw std::bad_alloc; the table is unchanged then.
+  // Takes the records of the configured game VIP level and ignores the rest: up to ten tables are
+  // interleaved in one region. May throw std::bad_alloc; the table is unchanged then.
   void LoadIpTableFromMem(const IpTableRegion& region);
 
   const u32* Find(u32 ip) const noexcept { return ip_table_.Find(ip); }  // network byte order
@@ -22,7 +22,7 @@ class IpTable {
 
  private:
   IpIdcMap ip_table_;
-  u32 iptable_word_ = 0;  // kept for the client program's sake; nothing reads it yet
+  u32 iptable_word_ = 0;  // stored for the client program; nothing reads it yet
 };
 
 }  // namespace moru_vyr::lsp

@@ -10,7 +10,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// Guard: the copy has the key that was asked for and whole texts, whatever a writer without manners
+// Guard: the copy has the key that was asked for and terminated texts, whatever another process
 // does to the record meanwhile.
 bool CopyRecord(const LaunchTestRegion& region, u32 game_idc, GltRouteInfo* out) noexcept {
   const u32 valid_count = region.valid_count;

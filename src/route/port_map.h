@@ -9,9 +9,9 @@ namespace moru_vyr::lsp {
 
 class PortMap {
  public:
-  // Takes the records of the process's configuration. A record for port 0 speaks for every port:
-  // it discards those before it and leaves those after it unread. Kept: nothing takes it back, a
-  // later load without such a record leaves all_port_idc as it was. May throw std::bad_alloc.
+  // Takes the records of the process's configuration. A record for port 0 applies to every port: it
+  // discards those before it and leaves those after it unread. Kept: nothing takes it back, a later
+  // load without such a record leaves all_port_idc as it was. May throw std::bad_alloc.
   void LoadPortIdcTable();
 
   const u32* Find(u32 port) const noexcept;  // host byte order; null where unknown

@@ -4,8 +4,7 @@
 
 namespace moru_vyr::lsp {
 
-// All fields but the two that a node's answer fills in. Texts that lack their end stop with
-// their field.
+// All fields but the two that a node's answer fills in. Unterminated texts end with their field.
 class ProxyText {
  public:
   explicit ProxyText(const RouteProxyInfo& proxy) noexcept;
@@ -15,7 +14,7 @@ class ProxyText {
   char text_[640];  // the labels, fifteen numbers and two whole fields are shorter than that
 };
 
-// Writes the pair at level 0, a line for each proxy that there is.
+// Writes the pair at level 0, one line for each proxy that is set.
 void LogSwitchProxyInfo(const SwitchProxyInfo& pair) noexcept;
 
 }  // namespace moru_vyr::lsp

@@ -1,4 +1,4 @@
-// Reads a whole plain region at once: the client program must never wait for our parsing.
+// Reads a whole plain region at once, so that the client program never waits for our parsing.
 #pragma once
 #include <memory>
 #include <new>
@@ -9,16 +9,16 @@
 namespace moru_vyr::lsp {
 
 enum class RegionRead {
-  kAbsent,     // nobody has made the region
-  kNoView,     // it cannot be opened, or its header is not what it must be
+  kAbsent,     // nobody has created the region
+  kNoView,     // it cannot be opened, or its header is wrong
   kNoAddress,  // it changed its size between two looks at it
   kNoMemory,
   kParsed,
 };
 
-// Copies the region under its mutex, lets go of both, and hands the copy to parse(const T&). The
-// copy is private: what is read from it twice is the same twice. Waits for the mutex without
-// limit. Parsers signal failure by std::bad_alloc alone and leave their table as it was then.
+// Copies the region under its mutex, releases both, and passes the copy to parse(const T&). The
+// copy is private, so reading it twice gives the same data. Waits for the mutex without limit.
+// Parsers signal failure by std::bad_alloc alone and leave their table as it was.
 template <typename T, typename Parser>
 RegionRead ReadRegion(const char* name, const char* mutex_name, Parser parse) noexcept {
   try {

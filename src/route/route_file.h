@@ -1,4 +1,4 @@
-// The route table as a file, for clients that leave no region.
+// The route table as a file, for clients that publish no region.
 #pragma once
 #include "common/types.h"
 

@@ -1,10 +1,10 @@
-// The route table: looked up in the client program's region, which follows its flips by itself,
-// or in the image of the binary file. Whichever was there first is kept for the life of the
+// The route table, looked up either in the client program's region, where each flip takes effect by
+// itself, or in the image of the binary file. Whichever was found first is used for the life of the
 // process.
 //
-// Any thread may call anything here. What a lookup returns by pointer lies in memory that the
-// client program may rewrite after its next flip but one: use it at once, and copy what must
-// stay the same.
+// Any thread may call anything here. A pointer that a lookup returns points into memory that the
+// client program may rewrite after its next flip but one: use it at once, and copy what must stay
+// the same.
 #pragma once
 #include <atomic>
 #include <memory>
@@ -21,24 +21,24 @@ namespace moru_vyr::lsp {
 
 class RouteTable {
  public:
-  // Looks for a source, while there is none. True if the table stands in the file's image, or if
-  // this very call found it. Kept: false where the region had been found before.
+  // Looks for a source while there is none. True if the table is in the file's image, or if this
+  // very call found it. Kept: false where the region had been found before.
   bool LoadRoute() noexcept;
 
-  // Takes this table where there is none yet, as if a file had held it: for those who ask about
+  // Takes this table, if there is none yet, as if a file had held it: for tools that ask about
   // tables that no client program has published.
   void LoadRouteFromMem(const RouteTableImage& image) noexcept;
 
   bool HasRouteTable() const noexcept { return source_ != Source::kNone; }
 
-  // The routes for the configured acc_mode, and the table's header if the caller wants it. Null
-  // where there is no table, or none that can be read.
+  // The routes for the configured acc_mode, and the table's header if the caller wants it. Null if
+  // there is no table, or none that can be read.
   const RouteSet* SelectRouteSet(RouteHeader* header) noexcept;
 
   // A copy of the first entry for that data centre.
   std::optional<RouteEntry> FindRouteEntry(u32 game_idc, RouteHeader* header) noexcept;
 
-  // The referred proxy, with what the reference says about it; *out is zero where there is none.
+  // The referenced proxy, combined with the data of the reference; *out is zero if there is none.
   // Never looks for a source.
   bool FindProxyByRef(const ProxyRef& ref, RouteProxyInfo* out) noexcept;
 
@@ -54,9 +54,9 @@ class RouteTable {
 
   std::atomic<Source> source_ = Source::kNone;  // set last, never changed again
   // Guards the choice of a source, and Open of the region, which maps it at the first use: the
-  // worker and the threads that send pings meet there. Not held while a source is looked for, which
-  // waits for the client program and for the disk: two threads may look at once, and the first
-  // find counts. Nothing of ours is locked inside it.
+  // worker and the threads that send pings compete for it. Not held while a source is looked for,
+  // which waits for the client program and for the disk: two threads may look at once, and the
+  // first result counts. None of our locks is taken inside it.
   common::Mutex lock_;
   // The view stays open until the end, because lookups return into it.
   std::unique_ptr<common::Shared_mem_owner> route_mem_;

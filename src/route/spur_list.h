@@ -1,4 +1,4 @@
-// Addresses that join the game while it runs, with their data centres, whatever the user's level.
+// Addresses that are added to the game while it runs, with their data centres, for every VIP level.
 // Replaced by the worker, looked up by application threads.
 #pragma once
 #include <optional>
@@ -12,7 +12,7 @@ namespace moru_vyr::lsp {
 
 class SpurList {
  public:
-  // Reads the region anew. What cannot be read leaves the list as it was.
+  // Reads the region again. If it cannot be read, the list stays as it was.
   void LoadSpurIplistTable() noexcept;
 
   // Kept: an empty table never replaces what was loaded before, so the client program cannot

@@ -1,4 +1,4 @@
-// Keeps the failure lines of a busy socket short: each kind of failure is logged five times.
+// Limits the failure lines of a busy socket: each kind of failure is logged five times.
 #pragma once
 #include <map>
 #include <utility>
@@ -18,17 +18,17 @@ enum SocketOperation : int {
 
 constexpr int kMaxLinesPerFailure = 5;
 
-// Any thread; the lock covers one operation. Nothing throws: out of memory, a failure counts
-// as not seen before.
+// Any thread; the lock covers one operation. Nothing throws: when out of memory, a failure counts
+// as new.
 class SocketErrorFilter {
  public:
   SocketErrorFilter() = default;
   SocketErrorFilter(const SocketErrorFilter&) = delete;
   SocketErrorFilter& operator=(const SocketErrorFilter&) = delete;
 
-  // True for the first five times that this socket meets this error in this operation.
+  // True for the first five times that this socket gets this error in this operation.
   bool ShouldLog(int operation, int error, u32 token) noexcept;
-  // A closed socket's counts go with it.
+  // Forgets a closed socket's counts.
   void Forget(u32 token) noexcept;
 
  private:

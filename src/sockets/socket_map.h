@@ -18,7 +18,7 @@ constexpr int kSocketTypeStream = 1;
 constexpr int kSocketTypeDatagram = 2;
 constexpr int kSocketTypeRaw = 3;
 
-// Where a datagram socket stands with the relay. It moves from kNotAsked once and not back.
+// The state of a datagram socket in the relay. It leaves kNotAsked once and never returns to it.
 enum RelayState : i32 {
   kRelayNotAsked = 0,
   kRelayRunning = 1,
@@ -33,7 +33,7 @@ struct RelayRecord {
 constexpr int kMaxRelayRecords = 10;
 
 // One socket. A plain value: it points to things and owns nothing, so that a call can work on a
-// copy while it is away in the next provider.
+// copy while it is in the next provider.
 struct SocketRecord {
   SOCKET socket = INVALID_SOCKET;
   i32 type = 0;
@@ -54,9 +54,9 @@ struct SocketRecord {
   bool of_worker = false;       // the relay's own
 };
 
-// Any thread. Every operation holds the lock for its own length only, never across a call into
-// the next provider, and none throws. Operations on a socket without a record do nothing and
-// answer false.
+// Any thread. Every operation holds the lock for its own length only, never across a call into the
+// next provider, and none throws. Operations on a socket without a record do nothing and return
+// false.
 class SocketMap {
  public:
   static constexpr u32 kAnyToken = 0;  // no socket has it
@@ -65,10 +65,10 @@ class SocketMap {
   SocketMap(const SocketMap&) = delete;
   SocketMap& operator=(const SocketMap&) = delete;
 
-  // True where the socket has a record afterwards: a fresh one, or the one it had, which is
-  // left as it stands, stale fields and all. False for INVALID_SOCKET and when out of memory.
+  // True if the socket has a record afterwards: a fresh one, or the one it had, which is left
+  // unchanged, even if its fields are stale. False for INVALID_SOCKET and when out of memory.
   bool Add(SOCKET socket, int type, int protocol, u32 token) noexcept;
-  bool Remove(SOCKET socket, SocketRecord* last = nullptr) noexcept;  // *last: as it went
+  bool Remove(SOCKET socket, SocketRecord* last = nullptr) noexcept;  // *last: its last state
   bool Get(SOCKET socket, SocketRecord* out) const noexcept;
 
   bool SetNextProcTable(SOCKET socket, WSPPROC_TABLE* table) noexcept;  // refuses a null table
@@ -77,22 +77,22 @@ class SocketMap {
   bool GetLocalPort(SOCKET socket, u16* port) const noexcept;
   bool SetLocalPort(SOCKET socket, u16 port) noexcept;
 
-  // These three follow a wait for the relay, in which the socket may have been closed and its
-  // value have come back as another's: with a token, only the socket that has it is meant.
-  // The first sets relay_state to kRelayRunning as well.
+  // These three follow a wait for the relay, during which the socket may have been closed and its
+  // value reused for another: with a token, only the socket that has the token is meant. The first
+  // also sets relay_state to kRelayRunning.
   bool SetRelayAddr(SOCKET socket, const sockaddr_in* addr, UdpPackageQueue* send_queue,
                     UdpPackageQueue* recv_queue, u32 token = kAnyToken) noexcept;
   bool SetRelayState(SOCKET socket, i32 state, u32 token = kAnyToken) noexcept;
   bool SetUdpConnectMode(SOCKET socket, bool flag, u32 token = kAnyToken) noexcept;
   // `len` bytes of `addr`, at most a sockaddr_in.
   bool SetHandledAddr(SOCKET socket, const sockaddr* addr, int len) noexcept;
-  // Takes the first free entry. With all ten taken nothing happens, and that is no failure.
+  // Takes the first free entry. If all ten are taken, nothing happens, and that is not a failure.
   bool SaveRelayRecord(SOCKET socket, const sockaddr_in* addr, bool relay) noexcept;
   bool SetRelayDisabled(SOCKET socket, bool flag) noexcept;
   bool SetOfWorker(SOCKET socket, bool flag) noexcept;
 
-  // The first of the relay's own sockets behind `after`, in the order of their values; 0 comes
-  // before all. INVALID_SOCKET: there is none.
+  // The first of the relay's own sockets after `after`, in the order of their values; 0 starts from
+  // the beginning. INVALID_SOCKET if there is none.
   SOCKET NextOfWorker(SOCKET after) const noexcept;
 
   // Looks the address up in the caller's copy, without the lock. `has_free` tells whether an
@@ -109,8 +109,8 @@ class SocketMap {
   std::map<SOCKET, SocketRecord> records_;
 };
 
-// The process's map, built at first use and alive until the process ends: other modules may
-// still close sockets while this one is being taken down.
+// The process's map, built at first use and alive until the process ends: other modules may still
+// close sockets while this one is being torn down.
 SocketMap& GetSocketMap();
 
 }  // namespace moru_vyr::lsp

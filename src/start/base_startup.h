@@ -5,7 +5,7 @@
 
 namespace moru_vyr::lsp {
 
-// Hands the base provider's own table out. 0 or a Winsock error. Start-up only, under its lock.
+// Returns the base provider's own table. 0 or a Winsock error. Start-up only, under its lock.
 int BSPStartup(WORD version, LPWSPDATA wsp_data, LPWSAPROTOCOL_INFOW in_info,
                WSPUPCALLTABLE upcalls, LPWSPPROC_TABLE out_table) noexcept;
 

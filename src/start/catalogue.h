@@ -1,7 +1,7 @@
 // The platform's catalogue of providers, and this provider's own layered entries in it.
 //
-// Nothing in the catalogue is trusted: entries may be missing, chains may lead in circles or
-// carry a length that no chain can have. Start-up only, under its lock.
+// Nothing in the catalogue is trusted: entries may be missing, chains may be circular or have an
+// impossible length. Start-up only, under its lock.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>
@@ -16,7 +16,7 @@ namespace moru_vyr::lsp {
 inline constexpr GUID kLspGuid = {
     0x4d2062b0, 0x79ca, 0x466e, {0x94, 0xd4, 0x21, 0xfe, 0x2e, 0xd9, 0x0e, 0xe6}};
 
-// One layered entry of this provider, with what starting its next provider brings in.
+// One layered entry of this provider, with the results of starting its next provider.
 struct LspProvider {
   u32 lsp_catalog_id;
   WSAPROTOCOL_INFOW next_provider;   // second in the layered entry's chain; zero if it is missing
@@ -42,8 +42,8 @@ inline int ChainLength(const WSAPROTOCOL_INFOW& info) {
   return std::clamp(info.ProtocolChain.ChainLen, 0, static_cast<int>(MAX_PROTOCOL_CHAIN));
 }
 
-// The whole catalogue, in order. Null with a count of 0 where it cannot be read; a count of 0
-// or -1 with a buffer where only the second reading fails. The caller frees it.
+// The whole catalogue, in order. Null with a count of 0 if it cannot be read; a count of 0 or -1
+// with a buffer if only the second read fails. The caller frees it.
 WSAPROTOCOL_INFOW* GetProtocols(int* count) noexcept;
 
 // This provider's layered entries, in catalogue order; finds lsp_catalog_id of ProcessInfo on

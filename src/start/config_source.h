@@ -1,5 +1,5 @@
-// Where this process's configuration comes from. One of two files has the body, chosen by the
-// build: the product reads what the client program says, the build for developers a file.
+// Where this process's configuration comes from. The build chooses one of two implementations: the
+// product reads what the client program wrote, the developer build reads a file.
 #pragma once
 
 namespace moru_vyr::lsp {

@@ -9,8 +9,8 @@ namespace moru_vyr::lsp {
 
 // Owns the gate's mutex, if no other copy of the library in this process does.
 //
-// Test and creation happen under a second named lock, so two copies cannot both find the mutex
-// missing. Both names hold the process id: the gate never compares two processes.
+// The test and the creation happen under a second named lock, so two copies cannot both find the
+// mutex missing. Both names contain the process id: the gate never compares two processes.
 class SingleInstanceLock {
  public:
   SingleInstanceLock() = default;
@@ -25,9 +25,8 @@ class SingleInstanceLock {
   std::shared_ptr<common::NamedMutex> guard_;
 };
 
-// The gate. False for a process that does not want to be hooked, without a trace of the
-// question; the first process that wants it settles the answer for good. Start-up only, under
-// its lock.
+// The gate. False for a process that does not want to be hooked, and then nothing is remembered;
+// the first start that wants it decides for good. Start-up only, under its lock.
 bool CheckCanHook(bool want) noexcept;
 
 }  // namespace moru_vyr::lsp

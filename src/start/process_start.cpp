@@ -52,7 +52,7 @@ void FillProcessInfo() {
   common::SetFieldText(process.process_name, name);
 }
 
-// The gate, and with it the module's stay: threads of ours may run from now on.
+// The gate, and the pinning of the module: the library's threads may run from now on.
 bool Admit(bool want) { return CheckCanHook(want) && KeepModule(); }
 
 // A game that the client lists gets a log file and the route tables. The network probe is hooked

@@ -3,8 +3,8 @@
 
 namespace moru_vyr::lsp {
 
-// True if this process is hooked. The first call settles that; later ones repeat the answer.
-// Start-up only, under its lock.
+// True if this process is hooked. The first call decides; later ones repeat the answer. Start-up
+// only, under its lock.
 bool PrepareProcess() noexcept;
 
 }  // namespace moru_vyr::lsp

@@ -14,7 +14,7 @@ namespace {
 
 // Makes starts strictly sequential, the next provider's own start included. Taken before any
 // other lock. Never destroyed: starts may still come while the process ends. In memory that is
-// always there: the first start must not fail for want of a lock.
+// always there: the first start must not fail for lack of a lock.
 common::Mutex& StartupLock() noexcept {
   alignas(common::Mutex) static unsigned char storage[sizeof(common::Mutex)];
   static common::Mutex* const lock = new (storage) common::Mutex;

@@ -35,7 +35,7 @@ bool BlockBuffer::AddBlock() noexcept {
 bool BlockBuffer::Reserve(u8** ptr, u32 size) noexcept {
   if (ptr == nullptr || size == 0) return false;
   // A block with room by the books may not have it at its end; then the next one is taken. That
-  // cannot fail for want of blocks: only the front block is ever read from, so such a block is
+  // cannot fail for lack of blocks: only the front block is ever read from, so such a block is
   // the only one in use.
   if (active_.empty() || !active_.back().Fits(size)) AddBlock();
   if (active_.empty()) return false;

@@ -1,9 +1,9 @@
 // The byte queue of one direction of a relayed connection.
 //
 // The writer receives straight into it and the reader sends straight out of it, so nothing is
-// copied on the way. It grows by blocks up to 2 MiB, and that limit is the relay's back-pressure:
-// when Reserve refuses, the session stops reading. Blocks are allocated at first use and kept for
-// reuse until Clear. One thread; nothing throws.
+// copied. It grows in blocks up to 2 MiB, and that limit is the relay's back-pressure: when Reserve
+// refuses, the session stops reading. Blocks are allocated at first use and kept for reuse until
+// Clear. One thread; nothing throws.
 #pragma once
 #include <list>
 #include <memory>
@@ -12,9 +12,9 @@
 
 namespace moru_vyr::lsp {
 
-// Pages come from the system itself: it hands them out zeroed, and takes one only when it is
-// touched, so that a connection that carries little costs little. A heap may give back a block that
-// was used before, and then clears all of it by hand.
+// Pages come from the system itself: it provides them zeroed, and commits one only when it is
+// touched, so that a connection with little traffic costs little. A heap may return a block that
+// was used before, and then has to clear all of it.
 struct FreePages {
   void operator()(u8* bytes) const noexcept;
 };
@@ -24,10 +24,10 @@ struct BufferBlock {
 
   void Reset() noexcept { read_pos = write_pos = data.get(); }
   u32 Pending() const noexcept { return static_cast<u32>(write_pos - read_pos); }
-  // By the books: what has been read counts as free, although its room comes back only when the
-  // whole block has drained.
+  // Nominal free space: what has been read counts as free, although its room comes back only when
+  // the whole block has drained.
   u32 Free() const noexcept { return capacity - Pending(); }
-  // Whether `size` bytes can be written: free by the books, and before the block's end.
+  // Whether `size` bytes can be written: nominally free, and before the block's end.
   bool Fits(u32 size) const noexcept {
     return size <= Free() && size <= static_cast<u32>(data.get() + capacity - write_pos);
   }
@@ -47,21 +47,22 @@ class BlockBuffer {
   BlockBuffer(const BlockBuffer&) = delete;
   BlockBuffer& operator=(const BlockBuffer&) = delete;
 
-  // The place to write `size` bytes into, followed by Commit. False, with *ptr null, where there
-  // is no room; false, with *ptr untouched, for a null `ptr`, for no bytes and without memory.
+  // Room for `size` bytes, to be followed by Commit. False, with *ptr null, if there is no room;
+  // false, with *ptr untouched, for a null `ptr`, for no bytes and without memory.
   bool Reserve(u8** ptr, u32 size) noexcept;
-  // `size` bytes were written at the place reserved last. False for more than fit there.
+  // `size` bytes were written at the place reserved last. False if they are more than fit there.
   bool Commit(u32 size) noexcept;
 
-  // The oldest bytes that lie together. False if there are none; *ptr is then null and *len 0,
-  // unless a pointer is null or no block is in use.
+  // The oldest contiguous bytes. False if there are none; *ptr is then null and *len 0, unless a
+  // pointer is null or no block is in use.
   bool Peek(u8** ptr, u32* len) const noexcept;
-  // `size` of the bytes that Peek gave were read. False, and nothing changes, for more than that.
+  // `size` of the bytes that Peek returned were read. False, with nothing changed, for more than
+  // that.
   bool Consume(u32 size) noexcept;
 
-  bool IsEmpty() const noexcept;  // whether Peek gives nothing
+  bool IsEmpty() const noexcept;  // whether Peek returns nothing
 
-  // Forgets all bytes and gives the memory back at once.
+  // Discards all bytes and frees the memory at once.
   void Clear() noexcept;
 
  private:

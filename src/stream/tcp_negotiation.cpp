@@ -51,7 +51,8 @@ int TcpNegotiation::ParseTcpNegotiation(AccDecisionInfo* decision, u32* reason) 
     *reason = kNegoBadHeader;
     return -1;
   }
-  // An answer longer than the longest form is no answer of ours, and there is no room for it.
+  // An answer longer than the longest form is not part of the protocol, and there is no room for
+  // it.
   const int pkg_len = response_.header.pkg_len;
   if (pkg_len <= kHeaderSize || pkg_len > static_cast<int>(sizeof response_)) {
     LSP_LOG(4,
@@ -152,7 +153,7 @@ bool TcpNegotiation::CheckNegotiation(AccDecisionInfo* decision, u32* reason) no
 
 void TcpNegotiation::NegotiationSuccess() const noexcept {
   const NegoResponseBody& body = response_.body;
-  // A shorter body leaves no word of a last node.
+  // A shorter body has no last node.
   const LastNodeInfo last_node = response_.header.version < 2 ? LastNodeInfo{} : body.last_node;
   LSP_LOG(5,
           "[TCP] TcpNegotiation, NegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "

@@ -1,5 +1,5 @@
-// The one exchange of a stream connection with a node, before the game's bytes flow: a request
-// once the node is connected, and the node's answer to it.
+// The exchange of a TCP connection with a node, before the game's bytes flow: a request once the
+// node is connected, and the node's answer to it.
 //
 // Worker thread only. Nothing throws. One object serves a session's attempts one after another.
 #pragma once
@@ -16,17 +16,17 @@ namespace moru_vyr::lsp {
 
 class TcpNegotiation {
  public:
-  // Asks the node on `socket` for the game server at game_ip:game_port, both in network order.
-  // False if the request could not be sent. A socket that would block counts as success, although
-  // nothing was sent and nothing will be: its writable event ends the session.
+  // Sends the node on `socket` a request for the game server at game_ip:game_port, both in network
+  // order. False if the request could not be sent. A socket that would block counts as success,
+  // although nothing was sent and nothing will be: its writable event ends the session.
   bool SendTcpNegotiation(IRelaySocketMgr* mgr, SOCKET socket, u32 token, u32 game_ip,
                           u16 game_port, u8 retry, const SessionGuid* guid,
                           const AccDecisionInfo* decision) noexcept;
 
-  // Once per request, when the socket is readable. The answer must be there as a whole by then;
-  // one that is still on its way has failed. 0: the node carries the connection from now on.
-  // -1: *reason says what went wrong. 1: the node closed, and the error of the call said that it
-  // would block. *decision learns who the client is to the node, also from a refusal.
+  // Once per request, when the socket is readable. The whole answer must be there by then; an
+  // incomplete one is a failure. 0: the node carries the connection from now on. -1: *reason says
+  // why it failed. 1: the node closed, and the error of the call was "would block". *decision
+  // learns the client's address and provider as the node sees them, even from a refusal.
   int ParseTcpNegotiation(AccDecisionInfo* decision, u32* reason) noexcept;
 
   // Milliseconds since the last request, at least 1. Kept: before the first request the time is

@@ -1,9 +1,9 @@
-// The relay of stream connections: a listener on the loopback interface that the game is
-// connected to in place of its server, and a session for each connection.
+// The relay of TCP connections: a listener on the loopback interface that the game is connected to
+// in place of its server, and a session for each connection.
 //
-// A session waits under the port of the game's socket until the listener accepts a connection
-// from that port. RequestTcpRelaySession comes from any thread, all else runs on the worker.
-// Nothing throws.
+// A session waits under the port of the game's socket until the listener accepts a connection from
+// that port. RequestTcpRelaySession may be called from any thread; everything else runs on the
+// worker. Nothing throws.
 #pragma once
 #include <winsock2.h>
 
@@ -25,8 +25,8 @@ class TcpProvider final : public NetProvider {
   TcpProvider();
 
   // Prepares a connection of the game's `socket`, which is bound to `port` (network order), to
-  // `addr`. On true the caller connects the socket to *out_addr, which stays where it is. May
-  // wait for as long as the worker takes to accept a connection and to choose its way.
+  // `addr`. On true the caller connects the socket to *out_addr, which stays valid. May wait for as
+  // long as the worker takes to accept a connection and to decide its route.
   bool RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr, sockaddr** out_addr,
                               int* out_len, u32 token) noexcept;
 
@@ -36,7 +36,7 @@ class TcpProvider final : public NetProvider {
   Route* SessionRoute() const noexcept { return route_; }
 
   bool ConnectToRemoteServer(TcpSession* session) noexcept;
-  // On a verdict to close ends the session and closes its sockets; else nothing.
+  // On a verdict to close, ends the session and closes its sockets; otherwise nothing.
   void CloseObsoleteSession(TcpSession* session, u32 verdict) noexcept;
 
   bool OnCreateLocalServer() noexcept override;
@@ -59,13 +59,14 @@ class TcpProvider final : public NetProvider {
   TcpSession* FindByLocalSocket(SOCKET socket) const noexcept;
   TcpSession* FindByRemoteSocket(SOCKET socket) const noexcept;
 
-  // Where the listener is, the latest at the front. A start adds its own and none is ever changed
-  // or freed: threads connect by what they were given, also by one of an earlier start.
+  // The listener's addresses, the latest at the front. Each start adds its own and none is ever
+  // changed or freed: threads connect by the address that they were given, even if it is that of an
+  // earlier start.
   std::forward_list<sockaddr_in> local_addrs_;  // guarded by pending_lock_
 
-  // In the order of their accepts, so that equal runs serve them in equal order. Each event walks
-  // over them. They may be more than the sets can poll: a session whose sockets found no place
-  // there is accepted all the same, and waits for the places of others.
+  // In the order of their accepts, so that equal runs serve them in equal order. Each event
+  // searches them in order. There may be more than the sets can poll: a session whose sockets found
+  // no place there is accepted all the same, and waits until places become free.
   std::vector<std::unique_ptr<TcpSession>> sessions_;
   std::vector<TcpSession*> obsolete_sessions_;  // within one OnUpdate; has room for all
 

@@ -155,7 +155,7 @@ bool TcpSession::IsObsolete() noexcept {
     return true;
   }
   const u32 now = GetTickCount();
-  if (now < obsolete_tick_) {  // the counter has wrapped: the wait starts anew
+  if (now < obsolete_tick_) {  // the counter has wrapped: the wait starts again
     obsolete_tick_ = now;
     return false;
   }

@@ -1,5 +1,5 @@
-// One relayed connection of the game: what it sends goes to a node or to the game server, what
-// comes from there goes to the game, as it is and in order.
+// One relayed connection of the game: what it sends goes to a node or to the game server, and what
+// comes back goes to the game, unchanged and in order.
 //
 // The game is connected at once; its first bytes wait until the far side is ready. A node that is
 // silent, refuses or gives a bad answer costs time: one other node is tried, then the game server
@@ -7,9 +7,9 @@
 // that cannot be sent, one that would block, and a node that closes while the last error says
 // "would block".
 //
-// Made on the application's thread, used by the worker alone after its accept. The provider owns
+// Created on the application's thread, used by the worker alone after its accept. The provider owns
 // it, and closes its sockets when it ends. Addresses and ports are in network order. Nothing
-// throws. Handlers answer with a close verdict.
+// throws. Handlers return a close verdict.
 #pragma once
 #include <winsock2.h>
 
@@ -38,12 +38,12 @@ enum class TcpState : u32 {
   Failed,  // a failure is being handled, or nothing more will be done
 };
 
-// One of the two sockets that a session joins, and what it is still to get.
+// One of the two sockets that a session joins, and the data that it is still to get.
 struct TcpSide {
   const bool is_remote;  // the Tracker watches it, and the log names it
   SOCKET socket = INVALID_SOCKET;
   bool sock_deleteing = false;  // the side is finished; its socket may still be open
-  bool missed_bytes = false;    // some of what it was owed was dropped: nothing may follow that
+  bool missed_bytes = false;    // some data for it was dropped: nothing may follow that
   BlockBuffer owed{};           // filled by reading the other side, drained by writing to this one
 };
 
@@ -53,26 +53,26 @@ class TcpSession {
   TcpSession(const TcpSession&) = delete;
   TcpSession& operator=(const TcpSession&) = delete;
 
-  // What the game asked for, and with which socket.
+  // The address that the game asked for, and the socket that asked.
   void SetGame(SOCKET socket, u16 port, const sockaddr_in& server) noexcept;
   // The accepted socket of the connection to the listener.
   void SetLocalSocket(SOCKET socket, u16 port) noexcept;
   void SetRemoteSocket(SOCKET socket) noexcept { remote_.socket = socket; }
 
-  // Asks the route policy where the remote socket is to connect.
+  // Asks the route policy where the remote socket should connect.
   void DecideRemoteAddr() noexcept;
-  // Starts connecting it. False where that failed at once.
+  // Starts connecting it. False if that failed at once.
   bool Connect() noexcept;
 
   u32 HandleLocalReadable() noexcept;
   u32 HandleRemoteReadable() noexcept;
   u32 HandleRemoteWritable() noexcept;
   u32 HandleConnectFailure() noexcept;
-  // Sends the game what waits for it. False: the session is to be closed.
+  // Sends the game the data that waits for it. False: the session is to be closed.
   bool DoLocalWrite() noexcept;
 
   void OnUpdate(u32 elapsed_ms) noexcept;
-  // Whether both sides have ended, and long enough ago for the last bytes to have left.
+  // Whether both sides have ended, and long enough ago for the last bytes to have been sent.
   bool IsObsolete() noexcept;
 
   SOCKET game_socket() const noexcept { return game_socket_; }
@@ -85,7 +85,7 @@ class TcpSession {
   void set_state(TcpState state) noexcept { state_ = state; }
 
  private:
-  // No connect is under way and none will follow: what the game sends can never leave.
+  // No connect is under way and none will follow, so what the game sends can never leave.
   bool IsGivenUp() const noexcept;
 
   // tcp_session_fallback.cpp

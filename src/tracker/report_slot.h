@@ -1,8 +1,8 @@
-// A channel held open for one report: from its construction to its end it has the channel's mutex,
-// if there is a channel.
+// A channel held open for one report: from its construction to its destruction it holds the
+// channel's mutex, if there is a channel.
 //
-// Guard: makes no region, since whether there is one is the client program's to say. What it cannot
-// have for want of memory counts as not there.
+// Guard: makes no region, since the client program decides whether there is one. If it cannot open
+// one for lack of memory, the channel counts as missing.
 #pragma once
 #include <atomic>
 #include <cstddef>
@@ -41,9 +41,9 @@ class ReportSlot {
   bool is_free() const noexcept { return index_ < kSlots; }
   int index() const noexcept { return static_cast<int>(index_); }
 
-  // Only into a free slot. The body first and the mark after it, as two writes that stay in that
-  // order: the mutex of a process that is ended in the middle goes to the next, who must find the
-  // slot free or whole. One copy would begin with the mark.
+  // Only into a free slot. First the body and then the mark, as two writes that stay in that order:
+  // if the process is terminated in the middle, its mutex goes to the next one, which must find the
+  // slot either free or complete. A single copy would begin with the mark.
   void Write(const Record& record) noexcept {
     static_assert(offsetof(Record, used) == 0 && sizeof record.used == 1);
     auto* const slot = reinterpret_cast<u8*>(&region_->slots[index_]);

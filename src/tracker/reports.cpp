@@ -1,4 +1,4 @@
-// The reports whose records come ready-made.
+// The reports that get a complete record from their caller.
 #include "tracker/reports.h"
 
 #include <winsock2.h>

@@ -1,9 +1,8 @@
-// The one way in which a report gets into its channel: one operation for each.
+// The only way for a report into its channel: one operation for each kind.
 //
 // Each waits for the channel's mutex, which the client program or another game may hold, so only
-// the Tracker's thread calls them. Where the client has made no region, where it is of another
-// version or has no free slot, the report is lost: nothing is retried, queued or counted. Nothing
-// throws.
+// the Tracker's thread calls them. If the client has created no region, or one of another version,
+// or if no slot is free, the report is lost: nothing is retried, queued or counted. Nothing throws.
 #pragma once
 #include "abi/acc_decision_info.h"
 #include "abi/report_records.h"

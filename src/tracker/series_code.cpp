@@ -18,7 +18,7 @@ std::atomic<u32> codes_made{0};
 
 }  // namespace
 
-// A generator of our own, because the runtime's belongs to the game: to seed it anew would change
+// A generator of our own, because the runtime's belongs to the game: to seed it again would change
 // what the game draws.
 void MakeSeriesCode(SOCKET socket, char* buffer, std::size_t size) noexcept {
   if (size < kSeriesCodeSize) return;
@@ -26,7 +26,7 @@ void MakeSeriesCode(SOCKET socket, char* buffer, std::size_t size) noexcept {
   std::minstd_rand generator(GetTickCount() + count);
   const int random = static_cast<int>(generator() % kRandomRange);
   const AccConfig& config = *GetAccConfig();
-  // Kept: the socket stands at the end once more, where a time was meant.
+  // Kept: the socket is repeated at the end, where a time was meant.
   std::snprintf(buffer, size, "%llu-%s-%u-%d-%d", static_cast<unsigned long long>(config.game_id),
                 config.uin, static_cast<u32>(socket), random, static_cast<int>(socket));
   buffer[size - 1] = '\0';

@@ -1,4 +1,4 @@
-// The text by which log lines tell one use of a socket handle from the next.
+// The text by which log lines distinguish one use of a socket handle from the next.
 #pragma once
 #include <winsock2.h>
 
@@ -10,8 +10,8 @@ namespace moru_vyr::lsp {
 
 inline constexpr std::size_t kSeriesCodeSize = 65;  // terminator included
 
-// Writes one into a buffer of at least kSeriesCodeSize bytes; into a smaller one nothing. Cut where
-// it is longer.
+// Writes one into a buffer of at least kSeriesCodeSize bytes, and nothing into a smaller one. Cut
+// if it is longer.
 void MakeSeriesCode(SOCKET socket, char* buffer, std::size_t size) noexcept;
 
 }  // namespace moru_vyr::lsp

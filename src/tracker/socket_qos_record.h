@@ -1,4 +1,4 @@
-// What the Tracker keeps of one watched socket. Receive figures stand before send figures.
+// The Tracker's record of one watched socket. Receive figures come before send figures.
 #pragma once
 #include <winsock2.h>
 
@@ -68,8 +68,8 @@ struct SocketQosRecord {
   std::string recovery_info;
 };
 
-// Brings `life` and `idle` up to now. Kept: once the tick counter has wrapped, both say 0 for what
-// began before.
+// Updates `life` and `idle`. Kept: once the tick counter has wrapped, both say 0 for what began
+// before.
 void UpdateTimes(SocketQosRecord* record) noexcept;
 
 }  // namespace moru_vyr::lsp

@@ -1,12 +1,13 @@
-// What the probes of one accelerated socket have shown. The speed test fetches the record, changes
-// it and gives it back whole; the Tracker works out the loss and reports the rest.
+// The results of the probes of one accelerated socket. The speed test fetches the record, changes
+// it and returns the whole record; the Tracker computes the loss and reports the rest.
 #pragma once
 #include "common/types.h"
 
 namespace moru_vyr::lsp {
 
-// One half of the way. Delays in milliseconds; `amp` is their standard deviation. Fine figures are
-// of answers below the limit for delays, over figures of those at or above it, all figures of both.
+// One half of the route. Delays in milliseconds; `amp` is their standard deviation. Fine figures
+// are of answers below the limit for delays, over figures of those at or above it, all figures of
+// both.
 struct SpeedStatsHalf {
   u32 delay_avg = 0;
   u32 delay_max = 0;
@@ -47,8 +48,8 @@ struct SpeedStats {
   u32 speed_test_word = 0;  // the speed test's own
 };
 
-// Works the loss out anew. `in_flight`: a probe sent in the last two seconds that has not been
-// answered yet is taken off what was sent, since it is not lost so far.
+// Computes the loss again. `in_flight`: a probe sent in the last two seconds that has not been
+// answered yet is subtracted from what was sent, since it is not lost so far.
 void UpdateLoss(SpeedStatsHalf* half, bool in_flight) noexcept;
 
 }  // namespace moru_vyr::lsp

@@ -1,5 +1,5 @@
 // What the worker calls: nothing where there is no Tracker, and nothing thrown where there is one.
-// Memory that cannot be had costs a report.
+// Running out of memory costs a report.
 #include <new>
 #include <utility>
 

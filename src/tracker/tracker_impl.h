@@ -1,11 +1,11 @@
-// What stands behind the front: the watch list, which the worker alone touches, the lists of what
-// is to be reported, and the thread that reports it.
+// The implementation behind the front: the watch list, which the worker alone touches, the lists of
+// what is to be reported, and the thread that reports it.
 //
 // The worker appends under lists_lock_ and replaces the snapshot under snapshot_lock_; the sync
-// thread takes both over whole, so neither ever waits for shared memory or for the other for long.
-// The locks are leaves and never held together.
+// thread takes both over as a whole, so neither ever waits for shared memory, or long for the
+// other. The locks are leaves and never held together.
 //
-// Operations are as in tracker.h. Where memory runs out they may throw; the front catches.
+// Operations are as in tracker.h. They may throw when memory runs out; the front catches.
 #pragma once
 #include <winsock2.h>
 //
@@ -37,7 +37,7 @@ struct PendingReports {
 class Tracker {
  public:
   Tracker() = default;
-  // Its thread must have ended, or never have begun.
+  // Its thread must have ended, or never have started.
   ~Tracker() = default;
   Tracker(const Tracker&) = delete;
   Tracker& operator=(const Tracker&) = delete;
@@ -62,7 +62,7 @@ class Tracker {
   void SetRecoveryInfo(SOCKET socket, const char* text);
   void SubmitRecoverySwitch(const RecoverySwitchRecord& record);
 
-  // Has what flows now reported, unless that was done within the last second.
+  // Has the current traffic reported, unless that was done within the last second.
   void SnapshotCommInfo(bool force) noexcept;
 
   u32 last_timer_tick() const noexcept { return last_timer_tick_; }
@@ -97,7 +97,7 @@ class Tracker {
   common::Mutex init_lock_;
   common::Mutex lists_lock_;     // guards pending_
   common::Mutex snapshot_lock_;  // guards snapshot_
-  // Manual-reset. They stand closed before Init and after UnInit, when sockets may still end.
+  // Manual-reset. They are closed before Init and after UnInit, when sockets may still end.
   common::UniqueHandle qos_ready_event_;
   common::UniqueHandle sync_ready_event_;
   PendingReports pending_;

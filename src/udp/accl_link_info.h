@@ -19,7 +19,7 @@ struct AcclLinkInfo {
   LastNodeInfo last_node;
   SwitchProxyInfo switch_route;  // what a later switch chooses from
 
-  // What the node said. An answer of the first version leaves no word of a last node.
+  // Takes over the node's answer. An answer of the first version has no last node.
   void Accept(const NegoResponse& response) noexcept {
     data_addr = {};
     data_addr.sin_family = AF_INET;
@@ -30,7 +30,7 @@ struct AcclLinkInfo {
   }
 };
 
-// How reports name the link and the client.
+// The names of the link and the client in reports.
 inline AccInfo DescribeLink(const sockaddr_in& game, const AccDecisionInfo& decision,
                             const AcclLinkInfo& link) noexcept {
   const RouteProxyInfo& proxy = decision.selected_proxy;

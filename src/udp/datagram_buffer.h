@@ -1,4 +1,4 @@
-// Where one datagram after the other is received into.
+// The buffer into which one datagram after another is received.
 #pragma once
 #include <winsock2.h>
 
@@ -12,7 +12,7 @@ inline constexpr u32 kDatagramBufferSize = 2048;
 
 class DatagramBuffer {
  public:
-  // 0 and the datagram, which stands here until the next call; or the Winsock error.
+  // 0 and the datagram, which stays here until the next call; or the Winsock error.
   int Receive(SOCKET socket, UdpPackage* package) noexcept {
     sockaddr_in addr = {};
     int addr_size = sizeof addr;

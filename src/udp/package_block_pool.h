@@ -1,4 +1,4 @@
-// Equal blocks of memory for datagrams, each used again and again: a steady flow allocates none.
+// Equal blocks of memory for datagrams, which are reused: a steady flow allocates none.
 //
 // One thread at a time. Nothing throws. The pool owns every block, also those in use.
 #pragma once
@@ -20,7 +20,7 @@ class PackageBlockPool {
 
   u32 block_size() const noexcept { return block_size_; }
 
-  // A block that is not in use; null where there is no memory for one. The caller gives it back.
+  // A block that is not in use; null if there is no memory for one. The caller returns it.
   void* Get() noexcept;
   void Put(void* block) noexcept;
 

@@ -1,9 +1,9 @@
-// What a game's socket says to the relay, in datagrams to its control port: that it wants to be
-// relayed, and that it is done. The open request gets an answer of its own form, which does not
+// What a game's socket tells the relay, in datagrams to its control port: that it wants to be
+// relayed, and that it is done. The answer to the open request has the same form but does not
 // travel: the worker leaves it for the requester to take.
 //
-// Both stay inside the process, so all is in host order, and handles and pointers have their own
-// size: the open message is 41 bytes in a 32-bit process and 53 in a 64-bit one.
+// Both stay inside the process, so everything is in host order, and handles and pointers have their
+// native size: the open message is 41 bytes in a 32-bit process and 53 in a 64-bit one.
 #pragma once
 #include <winsock2.h>
 //

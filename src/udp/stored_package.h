@@ -15,8 +15,8 @@ struct StoredPackage {
   sockaddr_in addr = {};
   bool to_local = false;  // through the socket that faces the game
 
-  // Valid while this is. Its data is never null, also where there are no bytes: a datagram of none
-  // is one to be sent.
+  // Valid while this object is. Its data is never null, even without any bytes: an empty datagram
+  // is sent too.
   UdpPackage View() noexcept {
     static u8 nothing = 0;
     const u32 size = static_cast<u32>(data.size());
@@ -24,10 +24,11 @@ struct StoredPackage {
   }
 };
 
-// Kept: without a limit. What bounds it is the time of a negotiation, or what the game sends.
+// Kept: without a limit. It is bounded only by the duration of a negotiation, or by what the game
+// sends.
 using StoredPackages = std::list<StoredPackage>;
 
-// Appends a copy. Without memory for it the datagram is lost, as any may be on its way.
+// Appends a copy. Without memory for it the datagram is lost, as any may be on the network.
 inline void Store(StoredPackages* packages, const void* data, u32 len, const sockaddr_in& addr,
                   bool to_local) noexcept {
   const u8* const bytes = static_cast<const u8*>(data);

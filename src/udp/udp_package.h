@@ -1,4 +1,4 @@
-// One datagram in memory, and who it is from or for.
+// One datagram in memory, and its source or destination.
 #pragma once
 #include <winsock2.h>
 

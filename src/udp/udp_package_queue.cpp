@@ -122,7 +122,7 @@ bool UdpPackageQueue::TakeOut(Packages::iterator found, sockaddr_in* out_addr) n
   return true;
 }
 
-// From cheap to dear: mostly one datagram is in flight, and nothing has to be compared.
+// The cheapest check first: mostly one datagram is in flight, and nothing has to be compared.
 UdpPackageQueue::Packages::iterator UdpPackageQueue::Match(const WSABUF* buffers, u32 count,
                                                            u32 valid_len) noexcept {
   if (packages_.size() == 1) return packages_.begin();

@@ -2,10 +2,10 @@
 // the bytes finds the entry by comparing them, and gets the address that the hop has lost.
 //
 // Any thread; every operation holds the queue's own lock for its length, a leaf. Nothing throws.
-// Buffers come from a game, so nothing of theirs is taken for granted but that non-null ones are
-// readable. Entries that nobody takes stay: there is no age and no size limit.
+// Buffers come from a game, so nothing is assumed about them except that non-null ones are
+// readable. Entries that nobody takes stay: there is no age limit and no size limit.
 //
-// Whoever queues a datagram can take that very entry back by its number, when the bytes are no
+// Whoever queues a datagram can take back exactly that entry by its number, when the bytes are no
 // longer there to be compared.
 #pragma once
 #include <winsock2.h>
@@ -26,19 +26,19 @@ class UdpPackageQueue {
   UdpPackageQueue& operator=(const UdpPackageQueue&) = delete;
 
   // Appends a copy of the datagram with its address. False, with nothing changed, for null
-  // arguments, for a datagram longer than a block and without memory; the second form also for a
-  // datagram of no bytes. `number`, which may be null, gets the entry's own, which is not 0.
+  // arguments, for a datagram longer than a block, and without memory; the second form also for an
+  // empty datagram. `number`, which may be null, gets the entry's number, which is not 0.
   bool Push(const WSABUF* buffers, u32 count, const sockaddr_in* addr,
             u64* number = nullptr) noexcept;
   bool Push(const void* data, u32 len, const sockaddr_in* addr) noexcept;
 
-  // Takes out the entry of the `valid_len` bytes in `buffers`, and stores its address. Kept: a
-  // lone entry matches any datagram, and a lone one of that length any of that length; only where
-  // that leaves a choice do the bytes decide, and among equals the oldest.
+  // Takes out the entry of the `valid_len` bytes in `buffers`, and stores its address. Kept: a lone
+  // entry matches any datagram, and a lone one of that length any of that length; only if that
+  // leaves a choice do the bytes decide, and among equals the oldest.
   bool FindAddrThenRemove(const WSABUF* buffers, u32 count, u32 valid_len,
                           sockaddr_in* out_addr) noexcept;
   bool FindAddrThenRemove(const void* data, u32 len, sockaddr_in* out_addr) noexcept;
-  // Takes out the entry of that number and no other; false if it is gone.
+  // Takes out the entry of that number and no other; false if it has been taken.
   bool Remove(u64 number) noexcept;
 
  private:
@@ -60,7 +60,7 @@ class UdpPackageQueue {
   u64 last_number_ = 0;
 };
 
-// Whether the datagram `data` is what stands in the first `valid_len` bytes of the buffers.
+// Whether the datagram `data` equals the first `valid_len` bytes of the buffers.
 bool CompareToWsaBuffers(const void* data, u32 data_len, const WSABUF* buffers, u32 count,
                          u32 valid_len) noexcept;
 

@@ -1,9 +1,9 @@
 // The relay of datagram flows: a control port on the loopback interface, at which a game's socket
 // asks for a relay by sending a message from itself, and a session for each socket that has one.
 //
-// The message's own source says where the game's socket receives. The answer does not come back
-// over the network: the worker leaves it here and signals the event that the message names, and
-// the requester takes it. The worker thread runs all but the operations that say otherwise.
+// The source address of the message says where the game's socket receives. The answer does not go
+// over the network: the worker leaves it here and signals the event that the message names, and the
+// requester takes it. The worker thread runs all operations except those that say otherwise.
 // Nothing throws.
 #pragma once
 #include <winsock2.h>
@@ -30,7 +30,7 @@ class UdpProvider final : public NetProvider {
   explicit UdpProvider(const std::atomic<bool>& stopping) noexcept;
 
   // Any thread. Takes the answer to the open request of that token; false if there is none. An
-  // answer can be taken once, and one that nobody takes stays until the token's next.
+  // answer can be taken once; if nobody takes it, it stays until the token's next answer.
   bool GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept;
 
   // Any thread. See LiveQueues::Use.
@@ -39,9 +39,9 @@ class UdpProvider final : public NetProvider {
     return live_queues_.Use(queue, token);
   }
 
-  // Any thread, without a lock. Ends the session of a socket that is gone without a close message:
-  // one whose message could not be sent, or that never got to use the session. Also a session that
-  // is still being asked for.
+  // Any thread, without a lock. Ends the session of a socket that was closed without a close
+  // message: one whose message could not be sent, or that never got to use the session. Also a
+  // session that is still being asked for.
   void NoteUntoldEnd(u32 token) noexcept { untold_ends_.Add(token); }
 
   // For the sessions.
@@ -49,8 +49,8 @@ class UdpProvider final : public NetProvider {
   Route* SessionRoute() const noexcept { return route_; }
   // Nodes are told of a link's end only while the relay runs.
   bool IsStopping() const noexcept { return stopping_.load(std::memory_order_relaxed); }
-  // Ends the session, at once or once its blocked datagrams have left: then it calls again. Ends
-  // the caller with it, where that is a part of the session.
+  // Ends the session, at once or once its blocked datagrams have been sent; the session then calls
+  // this again. Also ends the caller, if it is a part of the session.
   void CloseSession(u32 token) noexcept;
 
   bool OnCreateLocalServer() noexcept override;

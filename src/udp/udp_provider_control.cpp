@@ -1,7 +1,7 @@
-// The control port: what arrives there, and what becomes of a request.
+// The control port: what arrives there, and how a request is handled.
 //
 // Any process of the machine can send here, so a message that is not exactly one of ours is
-// dropped, without a word in the log.
+// dropped, without a log line.
 #include <cstring>
 
 #include "common/log.h"

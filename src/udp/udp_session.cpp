@@ -80,7 +80,7 @@ void UdpSession::RouteToRemoteSession(const UdpPackage& package) noexcept {
 
 void UdpSession::DeliverToGame(const UdpPackage& package) noexcept {
   if (first_remote_session_ == nullptr) return;
-  // A datagram whose source the game cannot learn is not passed on.
+  // A datagram is not passed on if the game could not learn its source.
   if (!recv_queue()->Push(package.data, package.valid_len, &package.addr)) return;
   first_remote_session_->SendTo(package.data, package.valid_len, local_addr_, true, true);
 }

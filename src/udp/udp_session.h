@@ -1,5 +1,5 @@
-// One relayed socket of the game: the queues that carry its datagrams' true addresses past the
-// loopback hop, and a remote session for each group of destinations.
+// One relayed socket of the game: the queues that carry the true addresses of its datagrams past
+// the loopback hop, and a remote session for each group of destinations.
 //
 // A destination that the route tables know has a remote session for its address, which all ports
 // share; all destinations that they do not know share one. The first remote session's socket is
@@ -27,13 +27,13 @@ class UdpSession {
   // Where the game's socket is, its first destination, and the sizes of its buffers.
   UdpSession(UdpProvider* provider, u32 token, const sockaddr_in& local_addr,
              const sockaddr_in& remote_addr, u32 send_size, u32 recv_size);
-  ~UdpSession();  // ends the links with a word to their nodes
+  ~UdpSession();  // ends the links and tells their nodes
   UdpSession(const UdpSession&) = delete;
   UdpSession& operator=(const UdpSession&) = delete;
 
   // Makes the first remote session, and with it the game's relay port.
   bool Init() noexcept;
-  // Where the game is to send: the loopback address, although that port listens on all.
+  // The address for the game to send to: the loopback address, although that port listens on all.
   bool GetRelayAddr(sockaddr_in* out) const noexcept;
 
   u32 token() const noexcept { return token_; }
@@ -44,17 +44,17 @@ class UdpSession {
 
   void OnUpdate(u32 elapsed_ms) noexcept;
 
-  // Whether nothing of the game's waits for room in a socket. What does gets told to close after
-  // it; what waits for a negotiation does not count.
+  // Whether none of the game's datagrams waits for room in a socket. A remote session with such
+  // datagrams is told to close after them; those that wait for a negotiation do not count.
   bool CanClose() noexcept;
-  // For a part that may not end the session from where it stands: the provider does so after this
-  // turn of the timer.
+  // For a part of the session that may not end it directly: the provider does so after this tick of
+  // the timer.
   void WantClose() noexcept { close_wanted_ = true; }
   bool IsCloseWanted() const noexcept { return close_wanted_; }
 
   // A datagram of the game's for a destination of another group.
   void RouteToRemoteSession(const UdpPackage& package) noexcept;
-  // A datagram from the network; package.addr is who really sent it.
+  // A datagram from the network; package.addr is its true source.
   void DeliverToGame(const UdpPackage& package) noexcept;
 
  private:

@@ -37,7 +37,7 @@ enum class UdpSwitchState : u32 {
   kDone,       // final
 };
 
-// What becomes of a trial, in the report on it.
+// The outcome of a trial, for the report on it.
 enum class SwitchResult : i32 {
   kTakenOver = 0,
   kNoRoute = 1,

@@ -1,10 +1,10 @@
-// The sockets of the game that are gone and could not say so at the control port.
+// The sockets of the game that were closed without telling the control port.
 //
 // A thread of the game leaves the socket's token here, and the worker ends the session at the next
-// turn of its timer. The session may not be there yet, because the request for it still stands in
-// the control port's buffer: so a token stays for a few turns, in each of which that port is read.
-// Without a lock, as the game's thread is closing a socket and the worker may be killed at any
-// time. Nothing allocates, nothing throws.
+// tick of its timer. The session may not exist yet, because the request for it is still in the
+// control port's buffer: so a token stays for a few ticks, in each of which that port is read.
+// Without a lock, since the game's thread is closing a socket and the worker may be terminated at
+// any time. Nothing allocates, nothing throws.
 #pragma once
 #include <array>
 #include <atomic>
@@ -15,11 +15,11 @@ namespace moru_vyr::lsp {
 
 class UntoldEnds {
  public:
-  // As many sockets as the relay can poll. What comes while all places are taken is not noted.
+  // As many sockets as the relay can poll. If all places are taken, a further token is dropped.
   static constexpr size_t kPlaces = 128;
   static constexpr u32 kTurns = 10;  // about 300 ms
 
-  // Any thread. 0 is no token.
+  // Any thread. 0 is not a token.
   void Add(u32 token) noexcept {
     for (Place& place : places_) {
       u32 free = 0;
@@ -27,7 +27,7 @@ class UntoldEnds {
     }
   }
 
-  // The worker's. `end` gets each token and says whether there was a session to end.
+  // For the worker. `end` gets each token and returns whether there was a session to end.
   template <class End>
   void OnTurn(End&& end) noexcept {
     for (Place& place : places_) {

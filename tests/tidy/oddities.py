@@ -11,6 +11,7 @@ from tree import Finding
 REGISTER = "docs/oddities.md"
 NO_TEST = "none"
 MARK = re.compile(r"\b(Kept|Guard):")
+MISSPELT = re.compile(r"//.*(?:\b(?:kept|guard):|\b(?:Kept|Guard)\.$)")
 ROW = re.compile(r'^\| `([\w.]+)` "(.+?)" \|(.+)\|(.+)\|(.+)\|$')
 TEST = re.compile(r"^[ \t]*(\w*(?:TEST|SCENARIO)\w*)\(\s*(\w+)\s*(?:,\s*(\w+))?", re.MULTILINE)
 # A file's own short form of a scenario: the fixture stands in the definition.
@@ -58,6 +59,12 @@ def marks(path, text):
             yield Mark(path, number + 1, match[1], " ".join(said[match.end():].split()))
 
 
+def misspelt(path, text):
+    for number, line in enumerate(text.split("\n"), 1):
+        if MISSPELT.search(line):
+            yield Finding(path, number, "a mark is written 'Kept: what' or 'Guard: what'")
+
+
 def rows(text):
     kind = None
     for number, line in enumerate(text.split("\n"), 1):
@@ -91,6 +98,8 @@ def check(tree):
     known = {name for path in tree.cpp_files("tests/") for name in tests_of(tree.text(path))}
     findings = [r for r in read if isinstance(r, Finding)]
     listed = [r for r in read if isinstance(r, Row)]
+    for path in tree.cpp_files("src/"):
+        findings += misspelt(path, tree.text(path))
     for mark in found:
         owners = [r for r in listed if mark.is_meant_by(r)]
         if len(owners) != 1:

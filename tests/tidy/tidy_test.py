@@ -251,6 +251,13 @@ class Oddities(unittest.TestCase):
                  "SCENARIO_WRAP(Two, 1050) {\n")
         self.assertEqual(self.check(tests=tests), [])
 
+    def test_odd_spellings_are_found(self):
+        for line in ["int b;  // kept: so", "// and so it stays. Kept.", "// guard: so"]:
+            found = self.check(self.SOURCE + line + "\n")
+            self.assertEqual(found, ["src/route/a.h:4: a mark is written 'Kept: what' or "
+                                     "'Guard: what'"], line)
+        self.assertEqual(self.check(self.SOURCE + "// the guard of a lock, kept for later\n"), [])
+
     def test_a_row_that_cannot_be_read_is_found(self):
         self.assertIn("is no row", self.check(
             register=self.REGISTER + "| `a.h` no quotes | x | y | none |\n")[0])
