@@ -2,9 +2,9 @@
 // Recursive. Construction and destruction never block, so a Mutex may stand in a global object.
 //
 // It is not a critical section, because one whose holder was ended stays taken for ever, and the
-// next call of the game that needs it never returns. This one goes to whoever asks next, if the
-// holder was a thread of ours (own_thread.h). Its waiters look again and again, so it is for what
-// is held briefly; docs/lifetime.md says of each lock what is waited for while it is held.
+// next call of the game that needs it never returns. This one goes to whoever waits for it, once
+// its holder is gone (own_thread.h). Its waiters look again and again, so it is for what is held
+// briefly; docs/lifetime.md says of each lock what is waited for while it is held.
 #pragma once
 #include <atomic>
 
@@ -22,7 +22,7 @@ class Mutex {
     if (!try_lock()) AwaitLock();
   }
   bool try_lock() noexcept { return Take(false); }
-  // Takes the lock also from a holder that has ended.
+  // Takes the lock also from a holder that has ended, if that was a thread of ours.
   bool inherit_lock() noexcept { return Take(true); }
   void unlock() noexcept;
 
