@@ -15,7 +15,7 @@ struct Process;
 // What Windows keeps in a thread's own block. Only its thread touches it.
 struct ThreadState {
   DWORD last_error = 0;
-  int bypass_layers = 0;  // > 0: sockets made by this thread skip the layered providers
+  int bypass_layers = 0;      // > 0: sockets made by this thread skip the layered providers
   int dispatch_sections = 0;  // > 0: inside the lock that starts and cleanups take, or at its door
   char inet_text[16] = {};
 };
