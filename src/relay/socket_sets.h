@@ -34,8 +34,8 @@ class SocketSets {
     u32 added_in;  // the pass
   };
 
-  // The delegate that an event of this pass belongs to. A socket removed since has none. Neither
-  // has one added since: it is not the socket that was polled, but has got its value back.
+  // The delegate that an event of this pass belongs to. A socket removed since has none. Guard:
+  // nor has one added since; it is not the socket that was polled, but has got its value back.
   IRelaySocketDelegate* Find(SOCKET socket) const noexcept;
 
   fd_set read_;   // watched for exceptions as well: a connect that fails shows nowhere else

@@ -59,8 +59,8 @@ class TcpProvider final : public NetProvider {
   TcpSession* FindByLocalSocket(SOCKET socket) const noexcept;
   TcpSession* FindByRemoteSocket(SOCKET socket) const noexcept;
 
-  // Where the listener is, the latest at the front. A start adds its own and none is ever changed
-  // or freed: threads connect by what they were given, also by one of an earlier start.
+  // Where the listener is, the latest at the front. Guard: a start adds its own and none is changed
+  // or freed, ever; threads connect by what they were given, also by one of an earlier start.
   std::forward_list<sockaddr_in> local_addrs_;  // guarded by pending_lock_
 
   // In the order of their accepts, so that equal runs serve them in equal order. Each event walks

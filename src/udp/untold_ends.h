@@ -1,4 +1,4 @@
-// The sockets of the game that are gone and could not say so at the control port.
+// Guard: the sockets of the game that are gone and could not say so at the control port.
 //
 // A thread of the game leaves the socket's token here, and the worker ends the session at the next
 // turn of its timer. The session may not be there yet, because the request for it still stands in
