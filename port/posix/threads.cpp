@@ -19,9 +19,29 @@ const HANDLE kCurrentThread = reinterpret_cast<HANDLE>(static_cast<intptr_t>(-2)
 
 std::atomic<DWORD> next_id{1};
 
-// Those that CreateThread has made and that have not ended. Under KernelLock().
-std::map<DWORD, std::weak_ptr<Thread>>& Running() {
-  static auto& running = *new std::map<DWORD, std::weak_ptr<Thread>>;
+// Those that have not ended.
+class RunningThreads {
+ public:
+  void Add(const std::shared_ptr<Thread>& thread) {
+    std::lock_guard hold(lock_);
+    by_id_[thread->id] = thread;
+  }
+  void Remove(DWORD id) {
+    std::lock_guard hold(lock_);
+    by_id_.erase(id);
+  }
+  std::shared_ptr<Thread> Find(DWORD id) {
+    std::lock_guard hold(lock_);
+    const auto at = by_id_.find(id);
+    return at != by_id_.end() ? at->second.lock() : nullptr;
+  }
+
+ private:
+  std::mutex lock_;  // a leaf
+  std::map<DWORD, std::weak_ptr<Thread>> by_id_;
+};
+RunningThreads& Running() {
+  static auto& running = *new RunningThreads;
   return running;
 }
 
@@ -32,7 +52,7 @@ void MarkEnded(Thread& thread, DWORD code) {
   if (thread.ended) return;
   thread.ended = true;
   thread.exit_code = code;
-  Running().erase(thread.id);
+  Running().Remove(thread.id);
   for (const auto& mutex : thread.owned) mutex->Abandon();
   thread.owned.clear();
   thread.changed.notify_all();
@@ -46,6 +66,7 @@ struct Adopted {
     static auto& all = *new std::set<std::shared_ptr<Thread>>;
     std::lock_guard hold(lock);
     all.insert(thread);
+    Running().Add(thread);
   }
   ~Adopted() {
     std::lock_guard hold(KernelLock());
@@ -135,10 +156,7 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE
     return nullptr;
   }
   auto thread = std::make_shared<port::Thread>(port::next_id++);
-  {
-    std::lock_guard hold(KernelLock());
-    port::Running()[thread->id] = thread;
-  }
+  port::Running().Add(thread);
   try {
     std::thread([thread, start, parameter] {
       port::self = thread.get();
@@ -148,8 +166,7 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE
       port::self = nullptr;
     }).detach();
   } catch (const std::system_error&) {
-    std::lock_guard hold(KernelLock());
-    port::Running().erase(thread->id);
+    port::Running().Remove(thread->id);
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
@@ -187,12 +204,7 @@ BOOL WINAPI GetExitCodeThread(HANDLE handle, LPDWORD exit_code) {
 
 HANDLE WINAPI OpenThread(DWORD, BOOL, DWORD id) {
   if (port::Fails("OpenThread")) return nullptr;
-  std::shared_ptr<port::Thread> thread;
-  {
-    std::lock_guard hold(KernelLock());
-    if (const auto at = port::Running().find(id); at != port::Running().end())
-      thread = at->second.lock();
-  }
+  const std::shared_ptr<port::Thread> thread = port::Running().Find(id);
   if (thread) return port::NewHandle(thread);
   SetLastError(ERROR_INVALID_PARAMETER);
   return nullptr;

@@ -29,9 +29,26 @@ bool Mutex::Take(bool inherits) noexcept {
   return false;
 }
 
+// When a process ends, Windows ends all its threads but one, wherever they are, and what that one
+// does then in the destructors of other modules may need any lock of ours: whoever waited for a
+// thread of the host that is gone would keep the process from ending for ever. What the lock guards
+// may be half changed then; but a next holder that never comes is the worse.
 void Mutex::AwaitLock() noexcept {
   const KeepLastError keep_last_error;
-  for (u32 tries = 1; !Take(tries % kTriesPerLook == 0); ++tries) Sleep(tries < kYields ? 0 : 1);
+  for (u32 tries = 1;; ++tries) {
+    const bool looks = tries % kTriesPerLook == 0;
+    if (Take(looks)) return;
+    u32 holder = looks ? holder_.load(std::memory_order_relaxed) : 0;
+    if (HasEnded(holder)) {
+      const u32 self = BeginLock();
+      if (holder_.compare_exchange_strong(holder, self, std::memory_order_acquire)) {
+        depth_ = 1;
+        return;
+      }
+      EndLock(self);
+    }
+    Sleep(tries < kYields ? 0 : 1);
+  }
 }
 
 void Mutex::unlock() noexcept {

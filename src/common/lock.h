@@ -2,10 +2,9 @@
 // Recursive. Construction and destruction never block, so a Mutex may be part of a global object.
 //
 // It is not a critical section, because one whose holder was terminated stays locked for ever, and
-// the next call of the game that needs it never returns. If the holder was one of the library's
-// threads (own_thread.h), this lock goes to whoever asks next. Waiters poll, so it is for locks
-// that are held briefly; docs/lifetime.md says for each lock what may be waited for while it is
-// held.
+// the next call of the game that needs it never returns. This one goes to a thread that waits for
+// it, once its holder is gone (own_thread.h). Waiters poll, so it is for locks that are held
+// briefly; docs/lifetime.md says for each lock what may be waited for while it is held.
 #pragma once
 #include <atomic>
 
@@ -23,7 +22,7 @@ class Mutex {
     if (!try_lock()) AwaitLock();
   }
   bool try_lock() noexcept { return Take(false); }
-  // Takes the lock also from a holder that has ended.
+  // Takes the lock also from a holder that has ended, if that was a thread of ours.
   bool inherit_lock() noexcept { return Take(true); }
   void unlock() noexcept;
 

@@ -15,11 +15,11 @@
 
 #include "common/types.h"
 
-// What the compiler checks formats against. The C runtime used here brings its own formatting
-// on Windows (%llu and %Id both work), which __MINGW_PRINTF_FORMAT names.
+// What the compiler checks formats against. The C runtime used here brings its own formatting on
+// Windows, where %llu and %Id both work; of the compiler's checks ms_printf alone knows both.
 #ifdef __MINGW_PRINTF_FORMAT
 #define VYR_PRINTF(format_index, first_argument) \
-  __attribute__((format(__MINGW_PRINTF_FORMAT, format_index, first_argument)))
+  __attribute__((format(ms_printf, format_index, first_argument)))
 #else
 #define VYR_PRINTF(format_index, first_argument) \
   __attribute__((format(printf, format_index, first_argument)))

@@ -83,13 +83,14 @@ u32 OwnThread::NameOfCaller() noexcept {
   return slot >= 0 ? ids.name[slot].load(std::memory_order_relaxed) : 0;
 }
 
-bool HasEnded(u32 name) noexcept {
-  if (name == 0) return false;
-  const int slot = FindName(name);
+bool HasEnded(u32 who) noexcept {
+  if (who == 0) return false;
+  if (!IsOwnName(who)) return IsGone(who);
+  const int slot = FindName(who);
   if (slot < 0) return true;
   const u32 thread_id = ids.thread_id[slot].load(std::memory_order_acquire);
   if (thread_id == 0 || !IsGone(thread_id)) return false;  // 0: it is just taking the name
-  Forget(slot, name);
+  Forget(slot, who);
   return true;
 }
 
@@ -97,7 +98,9 @@ void EndByForce(HANDLE thread, u32 name) noexcept {
   const int slot = name != 0 ? FindName(name) : -1;
   if (slot >= 0) {
     holding[slot].doomed.store(true);
-    for (DWORD waited = 0; waited < kForceWaitMs && holding[slot].locks.load() != 0; ++waited) {
+    // By the clock: a wait of 1 ms may well take a whole tick of the system.
+    const u32 start = GetTickCount();
+    while (holding[slot].locks.load() != 0 && GetTickCount() - start < kForceWaitMs) {
       if (WaitForSingleObject(thread, 1) == WAIT_OBJECT_0) break;
     }
   }

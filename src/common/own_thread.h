@@ -6,7 +6,8 @@
 // - EndByForce does not end a thread while it holds one of our locks, so nothing that a lock guards
 //   is left half changed;
 // - a lock whose holder has ended all the same (whoever ended it) goes to the next thread that asks
-//   for it, see lock.h. Any thread may ask. Nothing throws, and nothing here waits for a lock.
+//   for it, see lock.h.
+// Any thread may ask. Nothing throws, and nothing here waits for a lock.
 #pragma once
 #include <winsock2.h>
 //
@@ -33,8 +34,9 @@ class OwnThread {
   u32 name_ = 0;  // 0 if there is no room for another: then it is a thread like any other
 };
 
-// Whether the thread of that name has ended, in whatever way. False for 0.
-bool HasEnded(u32 name) noexcept;
+// Whether the thread of that name has ended, in whatever way; of a thread that is not ours, whether
+// there is none of that id any more. False for 0.
+bool HasEnded(u32 who) noexcept;
 
 // Terminates one of our threads. Waits up to 100 ms for it to release our locks, and as long for it
 // to end. `name` may be 0 for a thread that has not named itself yet.

@@ -71,9 +71,9 @@ bool RelayMgr::StillServes(u32 trust_ms) noexcept {
   return false;
 }
 
-// What a worker leaves behind that did not come to its end: nobody polls its sockets any more, and
-// whoever is connected to one would wait for ever. Nothing else of it is touched, now or later: it
-// may have been changing anything.
+// Guard: what a worker leaves behind that did not come to its end. Nobody polls its sockets any
+// more, and whoever is connected to one would wait for ever. Nothing else of it is touched, now or
+// later: it may have been changing anything.
 void RelayMgr::BuryWorker() noexcept {
   if (thread_left_.load(std::memory_order_acquire) || buried_.exchange(true)) return;
   serves_.store(false, std::memory_order_release);
@@ -150,7 +150,7 @@ bool RelayMgr::InternalInit() noexcept {
   LSP_LOG(4, "RelayMgr::InternalInit, TCP init is %s", tcp_started ? "true" : "false");
   const bool is_worker = tcp_started && BecomeTheWorker();
   state_.store(tcp_started ? kStateRunning : kStateFailed, std::memory_order_release);
-  // Nobody would poll their sockets, nor ever close them.
+  // Guard: nobody would poll their sockets, nor ever close them.
   if (tcp_started && !is_worker) UninitProviders();
   return is_worker;
 }

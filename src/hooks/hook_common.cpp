@@ -23,8 +23,4 @@ AddressText DescribeAddress(const sockaddr* name, int name_size) {
   return {common::IpToString(address.sin_addr.s_addr), ntohs(address.sin_port)};
 }
 
-AddressText DescribeAddress(const sockaddr* name, const INT* name_size) {
-  return DescribeAddress(name, name_size != nullptr ? *name_size : 0);
-}
-
 }  // namespace moru_vyr::lsp

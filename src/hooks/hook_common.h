@@ -63,7 +63,19 @@ struct AddressText {
 // Reads the address as IPv4. Guard: a name too short to hold one prints as 0.0.0.0:0, whatever it
 // says, and a null one as "NULL" and 0.
 AddressText DescribeAddress(const sockaddr* name, int name_size);
-// The same for an address and its size that a call has stored.
-AddressText DescribeAddress(const sockaddr* name, const INT* name_size);
+
+// The size of a caller's place for an address, which a call replaces by that of the address. Made
+// before the call.
+class SizedPlace {
+ public:
+  explicit SizedPlace(const INT* size) : size_(size), room_(size != nullptr ? *size : 0) {}
+  // How much of the place can be read now. Guard: never more than the caller has said that there
+  // is; a provider may tell the size of an address that it had no room for.
+  int Size() const { return size_ != nullptr ? std::min(room_, int{*size_}) : 0; }
+
+ private:
+  const INT* const size_;
+  const int room_;
+};
 
 }  // namespace moru_vyr::lsp

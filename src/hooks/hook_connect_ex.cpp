@@ -53,12 +53,14 @@ BOOL PASCAL WSPConnectEx(SOCKET s, const struct sockaddr* name, int namelen, PVO
   }
   LSP_LOG(0, "WSPConnectEx: WSPConnectEx, lpConnectEx=%p, socket=%Id, token=%u",
           reinterpret_cast<void*>(connect_ex), s, record.token);
+  // Taken now: a connect that has gone pending, or has just succeeded, leaves the address to its
+  // completion, which may have freed it.
+  const AddressText dest = common::IsLogged(5) ? DescribeAddress(name, namelen) : AddressText{};
   const BOOL result = connect_ex(s, target.name, target.name_size, lpSendBuffer, dwSendDataLength,
                                  lpdwBytesSent, lpOverlapped);
   const int error = WSAGetLastError();
   LSP_LOG(5, "WSPConnectEx: ret=%d, err=%d, dest=%s:%d, port=%d, socket=%Id, token=%u", result,
-          error, DescribeAddress(name, namelen).ip.c_str(), DescribeAddress(name, namelen).port,
-          ntohs(target.local_port), s, record.token);
+          error, dest.ip.c_str(), dest.port, ntohs(target.local_port), s, record.token);
   return result == 0 ? TRUE : FALSE;
 }
 

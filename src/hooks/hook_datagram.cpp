@@ -27,11 +27,11 @@ bool PrepareSend(const SocketRecord& record, LPWSABUF buffers, DWORD count, cons
 
 // Puts the true source into the caller's place for it, as far as that reaches.
 void RestoreSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr* from,
-                   const INT* from_size, const DWORD* received) noexcept {
-  if (from == nullptr || from_size == nullptr) return;
-  sockaddr_in source = ReadAddress(from, *from_size);
+                   int from_size, const DWORD* received) noexcept {
+  if (from == nullptr) return;
+  sockaddr_in source = ReadAddress(from, from_size);
   if (!RestoreUdpSource(record, buffers, count, &source, received)) return;
-  const int room = std::clamp(*from_size, 0, static_cast<int>(sizeof source));
+  const int room = std::clamp(from_size, 0, static_cast<int>(sizeof source));
   std::memcpy(from, &source, static_cast<size_t>(room));
 }
 
@@ -49,13 +49,12 @@ struct ReceiveView {
   int flags = 0;
 };
 
-ReceiveView Look(const sockaddr* from, const INT* from_size, const DWORD* bytes,
-                 const DWORD* flags) {
+ReceiveView Look(const sockaddr* from, int from_size, const DWORD* bytes, const DWORD* flags) {
   ReceiveView view;
   view.named = from != nullptr;
-  if (view.named && from_size != nullptr) {
-    view.from = ReadAddress(from, *from_size);
-    view.from_size = *from_size;
+  if (view.named) {
+    view.from = ReadAddress(from, from_size);
+    view.from_size = from_size;
   }
   view.bytes = static_cast<int>(CountOf(bytes));
   view.flags = static_cast<int>(CountOf(flags));
@@ -84,24 +83,27 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
   // A socket that names no destination is connected: what it is connected to decides.
   const sockaddr* const target = relay_send && lpTo != nullptr ? relay.name() : lpTo;
   const int target_size = target != lpTo ? RelayName::BoundedSize(iTolen) : iTolen;
+  const sockaddr_in asked = lpTo != nullptr ? ReadAddress(lpTo, iTolen) : sockaddr_in{};
   // Kept: the count of sent bytes is not cleared first, unlike in WSPSend.
   const int result =
       next->lpWSPSendTo(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags, target,
                         target_size, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
-  if (relay_send && MayBePending(result, lpErrno)) {
+  const bool pending = MayBePending(result, lpErrno);
+  if (relay_send && pending) {
     CancelPendingUdpSend(s, entry);  // Kept: the relay will drop its datagram
   } else if (relay_send && result == SOCKET_ERROR) {
     CancelUdpSend(s, lpBuffers, dwBufferCount);
   }
   const auto log = [&](int level) {
+    const sockaddr* const to = lpTo != nullptr ? reinterpret_cast<const sockaddr*>(&asked) : lpTo;
     LSP_LOG(level,
             "WSPSendTo: ret=%d, err=%d, dst=%s:%d, relay_send=%s, pbuf=%p, buf_cnt=%d, "
             "sent_bytes=%d, flag=%d, ol=0x%08x, crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
-            result, error, DescribeAddress(lpTo, iTolen).ip.c_str(),
-            DescribeAddress(lpTo, iTolen).port, relay_send ? "true" : "false",
-            static_cast<void*>(lpBuffers), static_cast<int>(dwBufferCount),
-            static_cast<int>(CountOf(lpNumberOfBytesSent)), static_cast<int>(dwFlags),
+            result, error, DescribeAddress(to, iTolen).ip.c_str(), DescribeAddress(to, iTolen).port,
+            relay_send ? "true" : "false", static_cast<void*>(lpBuffers),
+            static_cast<int>(dwBufferCount),
+            pending ? 0 : static_cast<int>(CountOf(lpNumberOfBytesSent)), static_cast<int>(dwFlags),
             PointerBits(lpOverlapped), PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s,
             record.token);
   };
@@ -127,7 +129,8 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
     return SOCKET_ERROR;
   }
   const bool allowed = IsAllowedRelay(record);
-  const auto look = [&] { return Look(lpFrom, lpFromlen, lpNumberOfBytesRecvd, lpFlags); };
+  const SizedPlace source(lpFromlen);
+  const auto look = [&] { return Look(lpFrom, source.Size(), lpNumberOfBytesRecvd, lpFlags); };
   // For the line on a receive that goes pending: it tells how it began.
   const ReceiveView before = common::IsLogged(4) ? look() : ReceiveView{};
   // Kept: the count of received bytes is not cleared first, unlike in WSPRecv.
@@ -136,7 +139,7 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
                           lpFromlen, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
   if (result == 0 && record.type == kSocketTypeDatagram && allowed) {
-    RestoreSource(record, lpBuffers, dwBufferCount, lpFrom, lpFromlen, lpNumberOfBytesRecvd);
+    RestoreSource(record, lpBuffers, dwBufferCount, lpFrom, source.Size(), lpNumberOfBytesRecvd);
   }
   const auto log = [&](int level) {
     if (!common::IsLogged(level)) return;

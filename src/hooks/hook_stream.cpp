@@ -177,10 +177,11 @@ int WSPAPI WSPGetPeerName(SOCKET s, struct sockaddr* name, LPINT namelen, LPINT 
             DescribeAddress(name, record.handled_addr_len).port, s, record.token);
     return 0;
   }
+  const SizedPlace peer(namelen);
   const int result = next->lpWSPGetPeerName(s, name, namelen, lpErrno);
   LSP_LOG(4, "WSPGetPeerName: ret=%d, err=%d, peer=%s:%d, socket=%Id, token=%u", result,
-          ErrorOf(lpErrno), DescribeAddress(name, namelen).ip.c_str(),
-          DescribeAddress(name, namelen).port, s, record.token);
+          ErrorOf(lpErrno), DescribeAddress(name, peer.Size()).ip.c_str(),
+          DescribeAddress(name, peer.Size()).port, s, record.token);
   return result;
 }
 

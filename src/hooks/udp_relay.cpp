@@ -162,6 +162,8 @@ bool RestoreConnectedUdpSource(const SocketRecord& record, LPWSABUF buffers, DWO
 bool HandleUdpConnect(const SocketRecord& record, const sockaddr_in* addr,
                       sockaddr_in* out_addr) noexcept {
   if (out_addr == nullptr || !NeedsRelay(record, addr)) return false;
+  // Exactly, as for a stream: what is connected to the relay gets nowhere else.
+  if (!GetRelayMgr().StillServes(0)) return false;
   if (record.relay_state == kRelayRunning) {
     // Kept: a socket whose relay was started by a datagram does not come into connect mode.
     *out_addr = record.relay_addr;

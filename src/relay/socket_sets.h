@@ -34,8 +34,8 @@ class SocketSets {
     u32 added_in;  // the pass
   };
 
-  // The delegate for an event of this pass. None for a socket that was removed since, nor for one
-  // that was added since: that is another socket with the same value.
+  // The delegate for an event of this pass. None for a socket that was removed since. Guard: nor
+  // for one that was added since: that is another socket with the same value.
   IRelaySocketDelegate* Find(SOCKET socket) const noexcept;
 
   fd_set read_;   // watched for exceptions as well: a failed connect shows nowhere else

@@ -59,9 +59,9 @@ class TcpProvider final : public NetProvider {
   TcpSession* FindByLocalSocket(SOCKET socket) const noexcept;
   TcpSession* FindByRemoteSocket(SOCKET socket) const noexcept;
 
-  // The listener's addresses, the latest at the front. Each start adds its own and none is ever
-  // changed or freed: threads connect by the address that they were given, even if it is that of an
-  // earlier start.
+  // The listener's addresses, the latest at the front. Guard: each start adds its own and none is
+  // ever changed or freed: threads connect by the address that they were given, even if it is that
+  // of an earlier start.
   std::forward_list<sockaddr_in> local_addrs_;  // guarded by pending_lock_
 
   // In the order of their accepts, so that equal runs serve them in equal order. Each event

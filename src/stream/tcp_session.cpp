@@ -146,7 +146,8 @@ bool TcpSession::IsGivenUp() const noexcept {
 
 bool TcpSession::IsObsolete() noexcept {
   const bool local_dead = local_.sock_deleteing || local_.socket == INVALID_SOCKET;
-  // A socket whose connect has failed carries nothing: what the closed game has sent cannot leave.
+  // Guard: a socket whose connect has failed carries nothing. What the closed game has sent cannot
+  // leave, and the session would wait for that for ever.
   const bool remote_dead =
       remote_.sock_deleteing || remote_.socket == INVALID_SOCKET || IsGivenUp();
   if (!local_dead || !remote_dead) return false;

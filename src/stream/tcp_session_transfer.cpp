@@ -86,10 +86,11 @@ bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
                   ? "[TCP]DoRemoteWrite. Send data to acc/game server, len=%d, socket=%Id, token=%u"
                   : "[TCP]DoLocalWrite. Send data to game client, len=%d, socket=%Id, token=%u",
               n, to->socket, token_);
-      if (!to->owed.Consume(static_cast<u32>(n))) return false;  // more than was given
+      // Guard: a provider below says that it took more than it was given.
+      if (!to->owed.Consume(static_cast<u32>(n))) return false;
       continue;
     }
-    // A send that takes nothing without an error would keep the worker here for ever.
+    // Guard: a send that takes nothing without an error would keep the worker here for ever.
     if (n == 0 || error == WSAEWOULDBLOCK) {
       provider_->SessionMgr()->EnableWrite(to->socket);
       break;

@@ -8,7 +8,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// As many bytes as all buffers hold; false where one of them is not there.
+// As many bytes as all buffers hold. Guard: false where one of them is not there.
 bool TotalLength(const WSABUF* buffers, u32 count, u64* total) noexcept {
   *total = 0;
   for (u32 i = 0; i < count; ++i) {

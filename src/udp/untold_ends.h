@@ -1,4 +1,4 @@
-// The sockets of the game that were closed without telling the control port.
+// Guard: the sockets of the game that were closed without telling the control port.
 //
 // A thread of the game leaves the socket's token here, and the worker ends the session at the next
 // tick of its timer. The session may not exist yet, because the request for it is still in the

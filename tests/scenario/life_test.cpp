@@ -120,6 +120,24 @@ SCENARIO_F(Life, AWorkerEndedByForceTakesItsConnectionsWithIt) {
   ExpectConnects("game");
 }
 
+// Nobody has noticed yet. A connected socket could not go elsewhere afterwards.
+SCENARIO_F(Life, ADatagramSocketIsNotConnectedToAWorkerThatIsGone) {
+  const SOCKET flow = Udp();
+  EXPECT_EQ(TalksByDatagram(flow), "A");
+  const SOCKET fresh = Udp();
+  world.Terminate(Worker());
+  for (const SOCKET s : {flow, fresh}) {
+    const common::u32 start = GetTickCount();
+    EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+    EXPECT_EQ(GetTickCount() - start, 0u);
+    sockaddr_in peer = {};
+    int size = sizeof peer;
+    EXPECT_EQ(getpeername(s, Raw(peer), &size), 0);
+    EXPECT_STREQ(inet_ntoa(peer.sin_addr), kServer);
+    closesocket(s);
+  }
+}
+
 // --- the thread that reports --------------------------------------------------------------------
 
 // Whatever the worker comes to, wherever it stands.

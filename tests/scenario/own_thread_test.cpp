@@ -120,15 +120,27 @@ SCENARIO_F_SEEDS(OwnThreads, WaitersOfALockGetItOneAfterTheOther, 20) {
   EXPECT_EQ(done, 5);
 }
 
-// Only a thread of ours is ever taken for gone.
-SCENARIO_F(OwnThreads, ALockOfAnyOtherThreadStaysItsOwn) {
+// A thread of the host that is gone with the lock, as all are that a process has left behind on its
+// way out. Whoever can do without the lock leaves it; whoever waits gets it.
+SCENARIO_F(OwnThreads, ALockOfAnyOtherThatIsGoneGoesToWhoWaits) {
   const DWORD other = world.Spawn(world.home(), "other", [&] {
+    mutex.lock();
     mutex.lock();
     Sleep(INFINITE);
   });
   RunFor(1ms);
+  bool done = false;
+  world.Spawn(world.home(), "waits", [&] {
+    const Lock hold(mutex);
+    done = true;
+  });
+  RunFor(1s);
+  EXPECT_FALSE(done) << "it lives";
   world.Terminate(other);
   EXPECT_FALSE(mutex.inherit_lock());
+  RunFor(100ms);
+  EXPECT_TRUE(done);
+  EXPECT_TRUE(mutex.try_lock()) << "and lets go of it";
 }
 
 SCENARIO_F(OwnThreads, AreNotEndedInTheMiddleOfWhatALockGuards) {

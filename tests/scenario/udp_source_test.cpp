@@ -11,7 +11,8 @@ using namespace udp_test;       // NOLINT
 using namespace moru_vyr::lsp;  // NOLINT
 
 LPWSPRECVFROM real_recv_from = nullptr;
-int fails_with = 0;  // where not 0: with this, after all has been handed out
+int fails_with = 0;       // where not 0: with this, after all has been handed out
+bool says_whole = false;  // how long the address is, however much of it there was room for
 
 // A next provider that hands out as much of the source as there is room for, and says how much.
 int WSPAPI RecvFromWithWhatFits(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received,
@@ -26,6 +27,7 @@ int WSPAPI RecvFromWithWhatFits(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD
   if (result != 0 || from == nullptr || from_size == nullptr) return result;
   *from_size = std::min(*from_size, whole_size);
   if (*from_size > 0) std::memcpy(from, &whole, static_cast<size_t>(*from_size));
+  if (says_whole) *from_size = whole_size;
   if (fails_with == 0) return 0;
   *error = fails_with;
   return SOCKET_ERROR;
@@ -51,7 +53,7 @@ class UdpSource : public UdpSpiedBench {
     EXPECT_EQ(recvfrom(s, bytes, sizeof bytes, 0, reinterpret_cast<struct sockaddr*>(place.data()),
                        &size),
               5);
-    EXPECT_EQ(size, std::min(room, 16));
+    EXPECT_EQ(size, says_whole ? 16 : std::min(room, 16));
     return place;
   }
   static constexpr size_t kMargin = 4;
@@ -69,6 +71,19 @@ SCENARIO_F(UdpSource, IsWrittenAsFarAsTheGamesPlaceReaches) {
     for (size_t i = written; i < place.size(); ++i) EXPECT_EQ(place[i], kOld) << i;
   }
   EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).recv_queue), "none");
+}
+
+// Nor further where the provider tells the size of an address that it had no room for.
+SCENARIO_F(UdpSource, IsBoundByTheGamesPlaceWhateverTheProviderSays) {
+  const sockaddr_in truth = At(kServer, kPort);
+  says_whole = true;
+  for (const int room : {8, 11, 16}) {
+    SCOPED_TRACE(room);
+    const std::vector<char> place = PlaceOf(room);
+    EXPECT_EQ(std::memcmp(place.data(), &truth, static_cast<size_t>(room)), 0);
+    for (size_t i = static_cast<size_t>(room); i < place.size(); ++i) EXPECT_EQ(place[i], kOld);
+  }
+  says_whole = false;
 }
 
 // Where the address does not fit, nobody can tell that it is the relay's.

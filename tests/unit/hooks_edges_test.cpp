@@ -108,6 +108,25 @@ TEST_F(HookEdges, APeerWithoutASizeIsPrintedAsNone) {
       << log.Text();
 }
 
+// A provider that finds no room for an address, and says how much it would have needed.
+int WSPAPI PeerThatDoesNotFit(SOCKET, struct sockaddr*, LPINT size, LPINT error) {
+  *size = sizeof(sockaddr_in);
+  *error = WSAEFAULT;
+  return SOCKET_ERROR;
+}
+
+TEST_F(HookEdges, APeerThatDoesNotFitIsNotReadBeyondItsPlace) {
+  common::GetProcessInfo().tcp_proc_table.lpWSPGetPeerName = PeerThatDoesNotFit;
+  Make();
+  std::vector<char> place(4);
+  INT size = 4;
+  test::LogCapture log(4);
+  EXPECT_EQ(WSPGetPeerName(next.socket, reinterpret_cast<sockaddr*>(place.data()), &size, &error),
+            SOCKET_ERROR);
+  EXPECT_TRUE(log.Contains("WSPGetPeerName: ret=-1, err=10014, peer=0.0.0.0:0, " + Tail()))
+      << log.Text();
+}
+
 // --- opening --------------------------------------------------------------------------------
 
 TEST_F(HookEdges, OnlyTheFlagForItMakesASocketOverlapped) {

@@ -81,6 +81,20 @@ TEST_F(PendingCalls, ASendWithADestination) {
   EXPECT_FALSE(log.Contains("WSPSendTo: ret=")) << log.Text();
 }
 
+// The address that is asked for, too, and a connect that goes pending ends as one that succeeds.
+TEST_F(PendingCalls, AConnectWithAnOverlappedResult) {
+  next.result = 0;  // of the question for the function
+  next.meanwhile = [this] {
+    if (next.Last().name == "ConnectEx") operation.reset();
+  };
+  EXPECT_EQ(WSPConnectEx(next.socket, Generic(its.address), sizeof its.address, its.data, 8,
+                         &its.bytes, &its.overlapped),
+            TRUE);
+  EXPECT_EQ(operation, nullptr) << "the completion has run";
+  EXPECT_TRUE(log.Contains("[5][lsp]WSPConnectEx: ret=0, err=997, dest=198.51.100.40:27040, "))
+      << log.Text();
+}
+
 // Without a place for the error nobody can tell that the call is pending.
 TEST_F(PendingCalls, ACallThatHasNoPlaceForItsError) {
   EXPECT_EQ(WSPRecvFrom(next.socket, &its.buffer, 1, &its.bytes, &its.flags,
@@ -92,6 +106,12 @@ TEST_F(PendingCalls, ACallThatHasNoPlaceForItsError) {
   EXPECT_EQ(WSPRecv(next.socket, &operation->buffer, 1, &operation->bytes, &operation->flags,
                     &operation->overlapped, nullptr, &thread, nullptr),
             SOCKET_ERROR);
+  operation = std::make_unique<Operation>();
+  EXPECT_EQ(WSPSendTo(next.socket, &operation->buffer, 1, &operation->bytes, 5,
+                      Generic(operation->address), sizeof(sockaddr_in), &operation->overlapped,
+                      nullptr, &thread, nullptr),
+            SOCKET_ERROR);
+  EXPECT_TRUE(log.Contains("err=0, dst=198.51.100.40:27040, ")) << log.Text();
   operation = std::make_unique<Operation>();
   EXPECT_EQ(WSPSend(next.socket, &operation->buffer, 1, &operation->bytes, 5,
                     &operation->overlapped, nullptr, &thread, nullptr),

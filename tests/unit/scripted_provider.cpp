@@ -118,6 +118,7 @@ int WSPAPI FakeRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD receive
 BOOL PASCAL FakeConnectEx(SOCKET s, const sockaddr* name, int size, PVOID buffer, DWORD length,
                           LPDWORD sent, LPOVERLAPPED overlapped) {
   Note("ConnectEx", s, name, size, buffer, length, sent, overlapped);
+  current->meanwhile();
   WSASetLastError(current->error);
   return current->error == 0 ? TRUE : FALSE;
 }
