@@ -6,6 +6,7 @@
 #include "abi/launch_test_formats.h"
 #include "common/named_mutex.h"
 #include "hooks/hook_entries.h"
+#include "hooks/relay_admission.h"
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
 #include "tests/unit/report_client.h"
@@ -138,6 +139,65 @@ SCENARIO_F(Life, ADatagramSocketIsNotConnectedToAWorkerThatIsGone) {
   }
 }
 
+// A stranger says nothing to anybody. A game that only listens hears of it all the same.
+SCENARIO_F(Life, AWorkerEndedByAStrangerTakesItsConnectionsWithIt) {
+  const SOCKET s = Joins();
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  std::string end = "still waits";
+  world.Spawn(world.home(), "reader", [&] {
+    std::string got;
+    end = CollectAll(s, &got);
+  });
+  RunFor(10ms);
+  EXPECT_EQ(end, "still waits");
+  world.Terminate(Worker());
+  RunFor(1s);
+  EXPECT_NE(end, "still waits");
+  EXPECT_TRUE(ThreadsOfOurs().empty());
+  closesocket(s);
+  EXPECT_EQ(Sockets(), 0u);
+}
+
+// Before anybody has noticed. A stream must be asked for before it is bound to the loopback
+// interface, where it would get nowhere else; a datagram may be lost for a tenth of a second.
+SCENARIO_F(Life, WhatBeginsBehindAWorkerThatAStrangerEndedGoesDirect) {
+  const SOCKET flow = Udp();
+  EXPECT_EQ(TalksByDatagram(flow), "A");
+  world.Stall(world.ThreadNamed(kSyncThread), 10s);
+  world.Terminate(Worker());
+  EXPECT_TRUE(GetRelayMgr().Serves()) << "nobody has looked";
+  RunFor(150ms);
+  EXPECT_EQ(TalksByDatagram(flow), "game");
+  EXPECT_FALSE(GetRelayMgr().Serves());
+}
+SCENARIO_F(Life, AStreamThatBeginsBehindAWorkerThatAStrangerEndedGoesDirect) {
+  ExpectConnects("A");
+  world.Stall(world.ThreadNamed(kSyncThread), 10s);
+  world.Terminate(Worker());
+  EXPECT_TRUE(GetRelayMgr().Serves()) << "nobody has looked";
+  ExpectConnects("game");
+}
+
+// From the first moment of a stop, though the worker takes its time.
+SCENARIO_F(Life, NothingIsAskedOfAWorkerThatIsToEnd) {
+  ExpectConnects("A");
+  SocketRecord record;
+  record.protocol = IPPROTO_TCP;
+  for (const int type : {kSocketTypeStream, kSocketTypeDatagram}) {
+    record.type = type;
+    EXPECT_TRUE(IsAllowedRelay(record)) << type;
+  }
+  world.Stall(Worker(), 10s);
+  world.Spawn(world.home(), "stops", [] { GetRelayMgr().Stop(); });
+  RunFor(10ms);
+  EXPECT_TRUE(world.IsRunning(Worker()));
+  EXPECT_FALSE(GetRelayMgr().Serves());
+  for (const int type : {kSocketTypeStream, kSocketTypeDatagram}) {
+    record.type = type;
+    EXPECT_FALSE(IsAllowedRelay(record)) << type;
+  }
+}
+
 // --- the thread that reports --------------------------------------------------------------------
 
 // Whatever the worker comes to, wherever it stands.
@@ -217,6 +277,7 @@ SCENARIO_F(LifeHeld, AWorkerEndedWhileItWaitsForAClientLeavesNoLockBehind) {
   EXPECT_GE(took, kStopMs + kForceMs);
   EXPECT_LE(took, kStopMs + kForceMs + 2);
   EXPECT_TRUE(RunUntil([&] { return done == 2; }, 5s)) << world.Report();
+  EXPECT_TRUE(Logged("WSPConnect: RequestTcpRelaySession is false")) << "the second's";
   world.Kill(holder);
   bool pinged = false;
   world.Spawn(world.home(), "pinger", [&] {
@@ -230,24 +291,35 @@ SCENARIO_F(LifeHeld, AWorkerEndedWhileItWaitsForAClientLeavesNoLockBehind) {
   ExpectConnects("game");
 }
 
-// While the client keeps it, those who do not need it go on.
+// While the client keeps it, those who do not need it go on: whether the thread that needs it is
+// the first to open the region or comes later.
 SCENARIO_F(LifeHeld, AThreadThatWaitsForAClientKeepsNoOtherFromTheTables) {
-  sim::Process& holder = Holds(kLaunchTestMutexName);
-  world.Spawn(world.home(), "waits", [&] {
-    GltRouteInfo info;
-    GetRoute()->launch_test().LoadGltRouteInfoFromShare(1, &info);
-  });
-  RunFor(10ms);
-  bool done = false;
-  world.Spawn(world.home(), "loads", [&] {
-    LaunchTestRegion table;
-    GetRoute()->launch_test().LoadGltTableFromMem(table);
-    GltRouteInfo info;
-    EXPECT_FALSE(GetRoute()->launch_test().LoadGltRouteInfoFromShare(1, &info));
-    done = true;
-  });
-  EXPECT_TRUE(RunUntil([&] { return done; }, 1s)) << world.Report();
-  world.Kill(holder);
+  for (const bool is_open : {false, true}) {
+    SCOPED_TRACE(is_open);
+    LaunchTest tables;
+    GltRouteInfo first;
+    if (is_open) tables.LoadGltRouteInfoFromShare(1, &first);
+    sim::Process& holder = Holds(kLaunchTestMutexName);
+    bool waits = true;
+    world.Spawn(world.home(), "waits", [&] {
+      GltRouteInfo info;
+      tables.LoadGltRouteInfoFromShare(1, &info);
+      waits = false;
+    });
+    RunFor(10ms);
+    EXPECT_TRUE(waits);
+    bool done = false;
+    world.Spawn(world.home(), "loads", [&] {
+      LaunchTestRegion table;
+      tables.LoadGltTableFromMem(table);
+      GltRouteInfo info;
+      EXPECT_FALSE(tables.LoadGltRouteInfoFromShare(1, &info));
+      done = true;
+    });
+    EXPECT_TRUE(RunUntil([&] { return done; }, 1s)) << world.Report();
+    world.Kill(holder);
+    EXPECT_TRUE(RunUntil([&] { return done && !waits; }, 1s)) << world.Report();
+  }
 }
 
 // Without a mutex the threads of this process still do not meet in one view.

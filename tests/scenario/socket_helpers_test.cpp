@@ -154,6 +154,15 @@ SCENARIO(CreateTcpSocketAndBind, LeavesTheSocketOpenWhenTheBindFails) {
   EXPECT_EQ(port::CallCount("ioctlsocket"), 0u);
 }
 
+SCENARIO(CreateTcpSocketAndBind, GivesUpAfterTwentyPortsThatAreKeptForOthers) {
+  port::FailCall("bind", 0, WSAEACCES);
+  SOCKET s = 7;
+  EXPECT_FALSE(CreateTcpSocketAndBind(&s, nullptr));
+  EXPECT_EQ(port::CallCount("bind"), 20u);
+  EXPECT_EQ(s, 7u);
+  EXPECT_EQ(port::CallCount("closesocket"), 0u);
+}
+
 SCENARIO(CreateTcpSocketAndBind, ClosesTheSocketThatCannotBeMadeNonBlocking) {
   test::LogCapture log(5);
   port::FailCall("ioctlsocket", 1, WSAENOBUFS);

@@ -2,6 +2,7 @@
 #include "common/text.h"
 
 #include <gtest/gtest.h>
+#include <winsock2.h>
 
 #include <cstring>
 #include <string>
@@ -131,6 +132,16 @@ TEST(IpToString, ReadsNetworkOrder) {
   EXPECT_EQ(common::IpToString(ip), "198.51.100.7");
   EXPECT_EQ(common::IpToString(0), "0.0.0.0");
   EXPECT_EQ(common::IpToString(0xffffffff), "255.255.255.255");
+}
+
+// Winsock's own text of an address is the game's: it may be looking at one, and making another may
+// wait for the lock under which Winsock ends.
+TEST(IpToString, LeavesWinsocksOwnTextAlone) {
+  in_addr address = {};
+  address.s_addr = htonl(0xc6336407);
+  const char* const shown = inet_ntoa(address);
+  EXPECT_EQ(common::IpToString(0), "0.0.0.0");
+  EXPECT_STREQ(shown, "198.51.100.7");
 }
 
 TEST(SocketType, NamesAndCodes) {
