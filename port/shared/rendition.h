@@ -1,5 +1,5 @@
-// The seam between what both renditions share and the one that stands below: what port/posix
-// and port/sim must each supply. Everything else that a rendition brings are the declared
+// The interface between what both backends share and the backend below: what port/posix and
+// port/sim must each supply. Everything else that a backend supplies are the declared
 // Windows calls themselves: threads.cpp (threads, critical sections), waits.cpp (events,
 // mutexes, WaitForSingleObject), clock.cpp (clocks and Sleep), base_provider.cpp.
 #pragma once
@@ -15,12 +15,12 @@ struct Process;
 // What Windows keeps in a thread's own block. Only its thread touches it.
 struct ThreadState {
   DWORD last_error = 0;
-  int bypass_layers = 0;  // > 0: sockets made by this thread skip the layered providers
+  int bypass_layers = 0;      // > 0: sockets made by this thread skip the layered providers
   int dispatch_sections = 0;  // > 0: inside the lock that starts and cleanups take, or at its door
   char inet_text[16] = {};
 };
 
-// The calling thread's record; made on first use for a thread the rendition did not start.
+// The calling thread's record; made on first use for a thread that the backend did not start.
 ThreadState& CurrentThreadState();
 
 // The process that the calling thread belongs to. Lives as long as any of its threads.

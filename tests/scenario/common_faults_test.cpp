@@ -185,8 +185,8 @@ class ListedGame : public sim::ScenarioTest {
   std::optional<common::Shared_mem_owner> client_;
 };
 
-// Every platform call of the reading fails in turn. The process is served where the data could
-// be had and not served where it could not; the client's mutex is free either way, and the next
+// Every platform call of the reading fails in turn. The process is served if the data could be
+// read and not served if it could not; the client's mutex is free either way, and the next
 // process finds the region as it was.
 SCENARIO_F(ListedGame, ReadingSurvivesEveryFailure) {
   struct {

@@ -125,7 +125,7 @@ SCENARIO_F(NodeUnderAttack, TheSilentOnesAreBoundedInNumberAndTime) {
   ExpectServes();
 }
 
-// By way of the node a stranger would command the node itself.
+// Otherwise anyone could control the node through the node itself.
 SCENARIO_F(NodeUnderAttack, TheNodesOwnPortsAreNoGameServers) {
   for (const int port : {kControlPort, static_cast<int>(node::SimNode::kPort)}) {
     std::string answer;

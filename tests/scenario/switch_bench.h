@@ -89,7 +89,7 @@ class ScriptedNode {
   // All that has come to the data port since the last time; probes are kept for their answers.
   std::vector<Wrapped> Takes();
   std::string TakenData();                   // of these, the data, "one two"
-  int TakenEnds();                           // of these, the words of farewell
+  int TakenEnds();                           // of these, the end messages
   void AnswersProbes(u8 relay_idx = 0);      // those taken since the last time
   void ForgetsProbes() { probes_.clear(); }  // … which have no answer then
   void SendsData(const std::string& text, u32 seq = 0, u8 lost = 101);  // 0: the next number

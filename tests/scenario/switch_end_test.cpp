@@ -34,7 +34,7 @@ SCENARIO_F(SwitchEnd, ClosingStopsItsProbes) {
   EXPECT_TRUE(a.Takes().empty()) << "nor are there any of the old link";
 }
 
-// While it negotiates it knows of no place to say farewell to.
+// While it negotiates it has no address for an end message.
 SCENARIO_F(SwitchEnd, WhileItNegotiates) {
   IsCarried();
   ASSERT_TRUE(Fires());

@@ -85,7 +85,7 @@ class SwitchSwarm : public UdpSwarm {
     }
     for (auto one = flow.begin(); one != moved; ++one) {
       if ((*one)->at + kUnderWay >= trouble_) break;
-      // What the node that is left has not brought back by then is a stranger's.
+      // What the old node has not brought back by then comes from an unknown sender.
       const bool strange = moved != flow.end() && (*one)->at + kUnderWay > (*moved)->at;
       ExpectArrived(**one, strange);
     }

@@ -1,6 +1,6 @@
 // A trial of another node, from the request to each of its ends. At stake: the game plays on over
 // the old node until the new one has proved itself with a datagram of the game's, and each trial is
-// reported once, with what became of it.
+// reported once, with its outcome.
 #include "tests/scenario/switch_bench.h"
 //
 #include "port/shared/faults.h"
@@ -493,7 +493,7 @@ SCENARIO_F(SwitchTrial, TheFirstDataOfItsNodeHandsTheFlowOver) {
   EXPECT_EQ(farewell[0].seq, 3u) << "after one datagram: the number is counted before it is taken";
   EXPECT_TRUE(Logged("UdpRemoteSession::ReplaceSock, new socket=" + std::to_string(new_sock) +
                      ", ori socket=" + std::to_string(local_sock) + ", token=77"));
-  // From here on B is the link: for data either way, and for the farewell.
+  // From here on B is the link: for data either way, and for the end message.
   EXPECT_EQ(b.TakenData(), "one");
   GameSends("two");
   Turn();

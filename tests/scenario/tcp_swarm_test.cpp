@@ -49,7 +49,7 @@ struct Plan {
   std::string up, down;  // the hello stands before what goes up
   Manner game, host;
 
-  // What became of it.
+  // The outcome.
   bool connected = false;
   bool answered = false;  // the server knows of it
   size_t up_sent = 0, down_sent = 0;

@@ -333,7 +333,7 @@ SCENARIO_F(UdpAsking, AnAddressIsKnownByThePortThatIsAskedAbout) {
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
   for (const char* ip : {kUnlistedOnes[0], kUnlistedOnes[1]}) {
-    // That the address is for the relay is kept for it, whatever becomes of the datagram.
+    // The socket remembers that the address is for the relay, even if the datagram is lost.
     fails = [](const SentDatagram& one) { return one.by_relay ? 0 : WSAENOBUFS; };
     EXPECT_EQ(Sends(s, "never sent", ip, kSecondPort), WSAENOBUFS);
     fails = [](const SentDatagram&) { return 0; };

@@ -1,6 +1,5 @@
-// Random games on datagram sockets, whatever their world does to them: what each datagram of theirs
-// was, who sent it where and when, and what became of it. Used by the swarms; each brings the
-// faults of its own.
+// Random games on datagram sockets, under any faults: what each of their datagrams was, who sent it
+// where and when, and whether it arrived. Used by the swarms, each of which adds its own faults.
 //
 // VYR_SWARM_SEEDS=3000 asks for more seeds than the usual run takes.
 #pragma once
@@ -31,7 +30,7 @@ inline size_t IdOf(const std::string& text, size_t at) {
   return static_cast<size_t>(std::strtoul(text.substr(at, kIdSize).c_str(), nullptr, 10));
 }
 
-// One datagram of the game's and what became of it.
+// One of the game's datagrams and its fate.
 struct Said {
   std::string text;
   const char* ip = kServer;

@@ -80,7 +80,9 @@ TEST_F(ExtensionHooks, WithoutARelayTheRealConnectExIsHandedOut) {
 }
 
 // The colon is a wide one, in the log's own encoding.
-constexpr char kFunctionIs[] = "[0][lsp][Main]WSPIoctl\xA3\xBA" "extension function is ";
+constexpr char kFunctionIs[] =
+    "[0][lsp][Main]WSPIoctl\xA3\xBA"
+    "extension function is ";
 
 TEST_F(ExtensionHooks, EveryFunctionIsRecognisedAndConnectExAloneIsReplaced) {
   struct Case {

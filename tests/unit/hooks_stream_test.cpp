@@ -41,7 +41,7 @@ struct StreamHooks : testing::Test {
   std::string Tail(u32 token) {
     return "socket=" + std::to_string(next.socket) + ", token=" + std::to_string(token) + "\n";
   }
-  // The call failed for want of a next provider: in both places, or in one.
+  // The call failed because it found no next provider: in both places, or in one.
   void ExpectNetDown(bool last_error_too) {
     EXPECT_EQ(error, 10050);
     EXPECT_EQ(WSAGetLastError(), last_error_too ? 10050 : 4711);

@@ -120,7 +120,7 @@ TEST_F(SocketSetsTest, ARemovedSocketGetsNothingMoreOfThePass) {
 }
 
 // The value of a socket that was closed can come back at once, for a new one. It has not been
-// polled; what happened to the old one is none of its business, and its wish to write stands.
+// polled; what happened to the old one does not concern it, and its own request to write stays.
 TEST_F(SocketSetsTest, AValueThatComesBackWaitsForTheNextPass) {
   const SOCKET s = Ready(), trigger = Ready();
   Recorder renewed;
