@@ -1,4 +1,4 @@
-// A world's tables in named shared memory, where the policy looks for them: made and filled with
+// A world's tables in named shared memory, where the policy looks for them: created and filled with
 // the calls that the client program itself would use.
 #pragma once
 #include <winsock2.h>

@@ -1,5 +1,5 @@
 // A game that closes a relayed datagram socket while its other threads still send and receive on
-// it. At stake: no queue or session is touched after it is gone, and none is left behind.
+// it. At stake: no queue or session is used after it has been freed, and none is left behind.
 #include <winsock2.h>
 //
 #include <signal.h>

@@ -1,5 +1,5 @@
-// Who may use the relay at all. At stake: a socket that must not is carried past it as if there
-// were no relay, and one that may is never turned away by a rule that comes later.
+// Which sockets may use the relay at all. At stake: a socket that may not is handled as if there
+// were no relay, and one that may is never refused by a later rule.
 #include "provider/relay_admission.h"
 
 #include <gtest/gtest.h>

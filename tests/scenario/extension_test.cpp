@@ -1,6 +1,6 @@
-// Programs that take ConnectEx from the provider, as event-loop runtimes do. What is at stake: the
-// one pointer that they fetch carries every connection they ever make, and it must be ours for
-// them and the platform's own for our worker.
+// Programs that take ConnectEx from the provider, as event-loop runtimes do. At stake: the one
+// pointer that they fetch carries every connection that they ever make. It must be ours for them,
+// and the platform's own for our worker.
 #include <mswsock.h>
 
 #include <cstring>

@@ -1,5 +1,5 @@
-// Who is the first to ask for the relay, and how long that may take. At stake: the relay is started
-// by a call of the game's, which waits for it, and not for ever.
+// Which call is the first to ask for the relay, and how long that may take. At stake: a call of the
+// game starts the relay and waits for it, but not for ever.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,6 +1,6 @@
-// The library's life in a process: what a game gets once the worker has ended, by itself, by force
-// or with Winsock, and what of ours is left behind. What is at stake: no call of the game hangs,
-// no thread of ours runs on, and what cannot be relayed goes direct.
+// The library's life in a process: what a game gets once the worker has ended, by itself,
+// terminated or with Winsock, and what the library leaves behind. At stake: no call of the game
+// hangs, none of our threads still runs, and what cannot be relayed goes direct.
 #include "tests/scenario/life_bench.h"
 
 #include "common/named_mutex.h"

@@ -1,5 +1,5 @@
-// Clients that mean no good, or know no better: the node ends them within its bounds, and serves
-// everybody else meanwhile.
+// Malicious and faulty clients: the node ends them within its limits, and serves everybody else
+// meanwhile.
 #include "tests/scenario/node_bench.h"
 
 namespace {

@@ -1,5 +1,6 @@
-// Probes at the reference node, a flow that moves from one node to another, and what lies between
-// a client and a node: delay, loss, doubles and disorder, for each kind and direction apart.
+// Probes at the reference node, a flow that moves from one node to another, and the path between a
+// client and a node: delay, loss, duplicates and reordering, separately for each kind and
+// direction.
 #include <algorithm>
 #include <set>
 

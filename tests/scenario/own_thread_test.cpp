@@ -1,5 +1,5 @@
-// Threads of ours that are ended by force, and what they had locked. What is at stake: the game's
-// next call that needs such a lock must come back, and find whole what the lock guards.
+// Threads of the library that are terminated, and what they had locked. At stake: the game's next
+// call that needs such a lock must return, and find what the lock guards intact.
 #include "common/own_thread.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// The probes of a link: when they leave, what is made of their answers, and when a burst is asked
-// for, refused and judged. All by virtual time, to the millisecond.
+// The probes of a link: when they are sent, how their answers are evaluated, and when a burst is
+// asked for, refused and judged. All in virtual time, to the millisecond.
 #include <winsock2.h>
 //
 #include <windows.h>

@@ -1,4 +1,4 @@
-// The relay's worker: how it starts, what ends it and what does not, and how its time goes.
+// The relay's worker: how it starts, what ends it and what does not, and how it keeps time.
 #include "relay/relay_mgr.h"
 
 #include <gtest/gtest.h>

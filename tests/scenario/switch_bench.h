@@ -1,6 +1,6 @@
-// A relayed flow of datagrams, taken out of its worker: the session with its real sockets, and in
-// place of the loop, the nodes and the game what a test says, step by step. So a test decides what
-// stands in which queue when the next thing happens.
+// A relayed datagram flow without its worker: the session with its real sockets; the test takes the
+// place of the loop, the nodes and the game, step by step. So a test decides what is in which queue
+// when the next thing happens.
 //
 // Everything is on the director's thread and on one host.
 #pragma once

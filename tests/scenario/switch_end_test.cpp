@@ -1,5 +1,6 @@
-// How a flow ends while a trial of another node runs, and what reaches a flow that has none. At
-// stake: every node that still holds the flow is told, once, and no socket stays behind.
+// How a flow ends while another node is on trial, and what happens when news of a trial reaches a
+// flow that has none. At stake: every node that still holds the flow is told, once, and no socket is
+// left behind.
 #include "tests/scenario/switch_bench.h"
 //
 #include "port/shared/faults.h"

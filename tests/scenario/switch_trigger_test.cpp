@@ -1,5 +1,5 @@
 // What makes a flow ask for a burst of probes, and what a burst leads to. At stake: a link in
-// trouble is looked at within one slot of its windows, and one in health is left alone.
+// trouble is tested within one slot of its windows, and a healthy one is left alone.
 #include "tests/scenario/switch_bench.h"
 //
 #include <functional>

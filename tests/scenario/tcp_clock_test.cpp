@@ -1,5 +1,5 @@
-// The tick counter begins again after 49.7 days, at whatever moment of a connection. Kept: what the
-// relay times then waits anew, or stands still until the counter has climbed back; never a byte.
+// The tick counter starts again after 49.7 days, at any moment of a connection. Kept: the relay's
+// timers then start again, or stand still until the counter has caught up; the bytes never do.
 #include <cstdio>
 #include <memory>
 

@@ -1,5 +1,5 @@
-// Who ends a connection, how, and in which state it is then. Whatever the game has said before it
-// closes reaches its server; whatever else happens, no byte is wrong and nothing stays behind.
+// Who ends a connection, how, and in which state. Whatever the game sent before it closed reaches
+// its server; in every other case no byte is wrong and nothing is left behind.
 #include <algorithm>
 
 #include "relay/relay_mgr.h"

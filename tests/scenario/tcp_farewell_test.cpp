@@ -1,5 +1,5 @@
-// Between the end of one side of a connection and the end of the connection: what is owed is
-// delivered, what nobody can take any more is dropped, and nobody waits longer than that takes.
+// Between the end of one side and the end of the connection: data that is still owed is delivered,
+// data that nobody can take any more is dropped, and nobody waits longer than that takes.
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_bench.h"
 

@@ -1,5 +1,5 @@
-// The bytes of a relayed connection: all of them, in order, once, or a visible end; whoever ends
-// it, at whatever moment, and however slowly somebody reads.
+// The bytes of a relayed connection: all of them, in order, once, or a visible end, whoever ends
+// it, at any moment, and however slowly somebody reads.
 #include "provider/hook_entries.h"
 #include "relay/relay_mgr.h"
 #include "tests/scenario/tcp_bench.h"

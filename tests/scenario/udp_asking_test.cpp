@@ -1,5 +1,5 @@
-// How a game's datagram socket comes to its relay, or does not. At stake: a socket asks once, each
-// destination is judged once, and whatever goes wrong, the game's datagram leaves on its own.
+// How a game's datagram socket gets its relay, or does not. At stake: a socket asks once, each
+// destination is decided once, and whatever goes wrong, the game's datagram still leaves.
 #include "tests/scenario/udp_spied_bench.h"
 //
 #include "port/shared/faults.h"

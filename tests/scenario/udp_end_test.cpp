@@ -1,5 +1,6 @@
-// The end of a flow: by the game, which may close its socket at any moment, and by the relay's own.
-// At stake: what can still leave leaves first, each node is told once, and nothing is left behind.
+// The end of a flow: by the game, which may close its socket at any moment, and by the end of the
+// relay. At stake: what can still be sent is sent first, each node is told once, and nothing is
+// left behind.
 #include "tests/scenario/udp_spied_bench.h"
 //
 #include "relay/relay_mgr.h"

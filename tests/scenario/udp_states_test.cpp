@@ -1,6 +1,6 @@
-// A flow's course through its states, with something odd at each turn: strangers, full buffers,
-// errors, lengths at the bounds, nodes that misbehave. At stake: a datagram is lost only where the
-// rule says so, and the flow goes on.
+// A flow through all its states, with something unusual in each: unknown senders, full buffers,
+// errors, lengths at the limits, nodes that misbehave. At stake: a datagram is lost only where the
+// rules say so, and the flow goes on.
 #include "tests/scenario/udp_spied_bench.h"
 //
 #include "port/shared/faults.h"

@@ -1,4 +1,4 @@
-// Advice about switching: each row spoils one thing in tables that have nothing to be said about.
+// Advice about switching: each row spoils one thing in tables that cause no advice.
 #include "client/switch_advice.h"
 
 #include <gtest/gtest.h>

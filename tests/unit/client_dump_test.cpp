@@ -1,4 +1,4 @@
-// What stands in the regions, written back as a file: nothing is lost on the way.
+// The content of the regions, written back as a file: nothing is lost on the way.
 #include "client/dump.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// What several reports say of one flow, in words, in the book, on the screen and on the page.
+// Several reports about one flow, combined in words, in the book, on the screen and on the page.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>

@@ -1,5 +1,5 @@
-// Acceleration by a file beside the program. What is at stake: a developer types that file, so
-// everything may stand in it, and what it does not say must not be guessed.
+// Acceleration by a file beside the program. At stake: a developer types that file, so it may
+// contain anything, and what it does not say must not be guessed.
 #include <gtest/gtest.h>
 
 #include <cstring>

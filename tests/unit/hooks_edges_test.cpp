@@ -1,6 +1,5 @@
-// The replaced entries at their edges, over a next provider that does as it is told. At stake:
-// nothing is read beyond what the caller says is there, and what is written about a socket is its
-// own.
+// Edge cases of the replaced entries, over a scripted next provider. At stake: nothing is read
+// beyond what the caller says is there, and what is logged about a socket is its own.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,6 +1,6 @@
-// The replaced entries that make, connect and close sockets, over a next provider that does as
-// it is told. What is at stake: a game must get its own arguments through and the next
-// provider's own answers back, whatever is written about it in the log.
+// The replaced entries that create, connect and close sockets, over a scripted next provider. At
+// stake: a game must get its own arguments through and the next provider's own answers back,
+// whatever is logged about it.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,5 +1,5 @@
-// A game's raw pings, answered with forged replies. What is at stake: the bytes and the moment of
-// a reply are all that the game's ping display has, and the buffers are the game's own.
+// A game's raw pings, answered with forged replies. At stake: the bytes and the time of a reply are
+// all that the game's ping display has, and the buffers are the game's own.
 #include <gtest/gtest.h>
 
 #include <algorithm>

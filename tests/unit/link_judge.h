@@ -1,5 +1,5 @@
-// A judge of a link with everything that it wants allowed, and an owner that writes down what it is
-// asked. Tests change `config` and `acc`, then say Start.
+// A judge of a link with everything that it needs enabled, and an owner that records what it is
+// asked. Tests change `config` and `acc`, then call Start.
 #pragma once
 #include <winsock2.h>
 //

@@ -1,4 +1,4 @@
-// The shape of a log line, what a silent level costs, and that logging leaves no trace in the
+// The shape of a log line, the cost of a silent level, and that logging changes nothing in the
 // host.
 #include "common/log.h"
 

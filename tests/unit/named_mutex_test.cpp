@@ -1,4 +1,4 @@
-// A mutex shared by name. Other processes are played by other threads: ownership is a thread's.
+// A mutex shared by name. Threads stand in for other processes: a mutex is owned by a thread.
 #include "common/named_mutex.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// How the node reads and writes the datagrams of a flow, what it makes of their numbers, and the
-// chance that they meet.
+// How the node reads and writes the datagrams of a flow, how it evaluates their numbers, and its
+// random impairments.
 #include "node/datagram.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Losses from sequence numbers: what is expected, what counts, and when it is looked at. A wrong
+// Losses from sequence numbers: what is expected, what counts, and when it is evaluated. A wrong
 // percentage here moves a game that plays well to another node, or leaves it on a dead one.
 #include "quality/lost_calc.h"
 

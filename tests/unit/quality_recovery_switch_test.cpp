@@ -1,5 +1,5 @@
-// The judge of a link: whom it judges, what makes it speak, and to whom. A wrong word costs a game
-// a healthy link, or leaves it on a dead one.
+// The judge of a link: which links it judges, what makes it report, and to whom. A wrong verdict
+// costs a game a healthy link, or leaves it on a dead one.
 #include "quality/recovery_switch.h"
 
 #include "tests/unit/link_judge.h"

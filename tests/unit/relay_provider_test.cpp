@@ -1,5 +1,5 @@
-// The class tree between the worker's loop and a provider, and the provider of streams as far as
-// it needs no network: how it starts and ends, and what it does for strangers.
+// The classes between the worker's loop and a provider, and the TCP provider as far as it needs no
+// network: how it starts and ends, and how it treats unknown connections.
 #include <gtest/gtest.h>
 
 #include <cstring>

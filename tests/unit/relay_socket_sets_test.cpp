@@ -1,5 +1,5 @@
-// The sockets that the worker polls. What is at stake: an event must reach the delegate of the
-// socket that it happened to, once, in the order that the relay is built on.
+// The sockets that the worker polls. At stake: an event must reach the delegate of its socket,
+// once, in the order that the relay depends on.
 #include "relay/socket_sets.h"
 
 #include <gtest/gtest.h>

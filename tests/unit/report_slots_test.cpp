@@ -1,5 +1,5 @@
-// How a report gets into its channel: the lowest free slot, or not at all. Whatever keeps a report
-// out loses that report and leaves everything else as it was.
+// How a report gets into its channel: into the lowest free slot, or not at all. Whatever prevents a
+// report loses that report and leaves everything else unchanged.
 #include <gtest/gtest.h>
 
 #include <cstring>

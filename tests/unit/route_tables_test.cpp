@@ -1,4 +1,5 @@
-// The IP table, the spur list, the blacklist and the port map: what of their regions counts.
+// The IP table, the spur list, the blacklist and the port map: which records of their regions
+// count.
 #include <gtest/gtest.h>
 
 #include <memory>

@@ -1,4 +1,4 @@
-// What the Tracker keeps of a socket, call by call.
+// What the Tracker stores about a socket, call by call.
 #include <gtest/gtest.h>
 
 #include <set>
