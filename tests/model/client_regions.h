@@ -45,7 +45,7 @@ class ClientRegions {
  public:
   explicit ClientRegions(const World& world) { Publish(world); }
 
-  // Makes what stands in the world stand in shared memory. What is there already is rewritten in
+  // Writes the world's tables into shared memory. What is there already is rewritten in
   // place; nothing is ever taken away.
   void Publish(const World& world) {
     PublishGames(world);

@@ -103,7 +103,7 @@ std::string Difference(const Record& product, const Record& model, const Field (
   return "";
 }
 
-// What stands behind the end of a text is nobody's.
+// The bytes after the end of a text do not matter.
 template <std::size_t N>
 void WipeBehindText(char (&field)[N]) {
   std::size_t end = 0;

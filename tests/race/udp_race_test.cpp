@@ -137,7 +137,7 @@ TEST(UdpRace, SendingAndReceivingWhileClosing) {
         closesocket(s);
       } else if (thread == 1) {
         for (std::string text, from; !(from = Receive(s, &text)).empty(); ++answers) {
-          // The true sources go with the relay, so what is read last may bear the relay's.
+          // The true sources go with the relay, so what is read last may have the relay's.
           EXPECT_TRUE(from == bench::kServerAddress || closing) << from << " " << text;
         }
       } else {

@@ -120,7 +120,7 @@ SCENARIO_F(Admission, AQuestionThatIsAnsweredBeforeTheModesDoesNotReadThem) {
   EXPECT_TRUE(May(SOCK_STREAM));
 }
 
-SCENARIO_F(Admission, ADestinationIsTheRoutePolicysAffair) {
+SCENARIO_F(Admission, ADestinationIsDecidedByTheRoutePolicy) {
   test::LogCapture log(0);
   const sockaddr_in unlisted = At("203.0.113.77", 27015);
   EXPECT_FALSE(IsAllowConnect(SOCK_STREAM, &unlisted, 5, 9));

@@ -129,7 +129,7 @@ SCENARIO(ChainEdges, TheNextProviderIsTheSecondOfTheChain) {
   EXPECT_EQ(Foreign().info.dwCatalogEntryId, 2001u) << "a layer is told what was asked for";
 }
 
-SCENARIO(ChainEdges, AListThatCannotBeHadIsEmpty) {
+SCENARIO(ChainEdges, AListThatCannotBeReadIsEmpty) {
   GameProcess game;
   LspProvider stranger{};
   LspProvider* list = &stranger;

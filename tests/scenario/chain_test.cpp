@@ -153,7 +153,7 @@ SCENARIO(Chain, BaseStartFailuresAreLoggedAndBecome10106) {
   port::ClearFaults();
 }
 
-SCENARIO(Chain, WithoutABaseEntryBaseStartFailsWithoutAWord) {
+SCENARIO(Chain, WithoutABaseEntryBaseStartFailsSilently) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
   test::LogCapture log(0);

@@ -153,7 +153,7 @@ SCENARIO(RegionFaults, WithoutAMutexTheRegionIsUsedUnguarded) {
   object.Close();
 }
 
-// The open fails although the region is there; making it anew must not wipe it.
+// The open fails although the region is there; creating it again must not wipe it.
 SCENARIO(RegionFaults, FailedOpenNeverWipesAnothersRecord) {
   common::Shared_mem_obj writer(RegionName(), 64, MutexName(), false);
   static_cast<char*>(writer.Open(common::kOpenForWriting, true))[63] = 'w';

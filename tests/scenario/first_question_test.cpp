@@ -187,7 +187,7 @@ SCENARIO_F(FirstCallOfAGame, MayBeAClose) {
   EXPECT_STARTED(true, true);
 }
 
-// A stream that names an address with its bytes is none of the relay's business.
+// A stream that names an address with its bytes does not concern the relay.
 SCENARIO_F(FirstCallOfAGame, IsNoSendToOfAStream) {
   Make(SOCK_STREAM, IPPROTO_TCP);
   EXPECT_EQ(table.lpWSPSendTo(s, &buffer, 1, &bytes, 0, Raw(address), size, nullptr, nullptr,

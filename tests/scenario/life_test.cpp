@@ -18,7 +18,7 @@ using common::u32;
 
 constexpr wchar_t kLibrary[] = L"C:\\vyr\\vyr_lsp.dll";  // as GameProcess registers it
 constexpr u32 kStopMs = 200;                             // a worker's time to end
-constexpr u32 kForceMs = 100;                            // and to let go of a lock
+constexpr u32 kForceMs = 100;                            // and to release a lock
 
 class Life : public LifeBench {
  protected:
@@ -293,7 +293,7 @@ SCENARIO_F_SEEDS(Life, BothProtocolsAreRelayedHoweverProvidersAreStarted, 4) {
   ExpectTalksByDatagram("A");
 }
 
-// Kept: a process is served until its first cleanup. Nothing of ours is in it afterwards.
+// Kept: a process is served until its first cleanup. Nothing of the library runs afterwards.
 SCENARIO_F_SEEDS(Life, AHundredRoundsOfWinsockLeaveNothingBehind, 4) {
   port::SetDispatchManners(SomeManners(world.seed()));
   StartsWinsock();

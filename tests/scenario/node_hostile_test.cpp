@@ -37,7 +37,7 @@ SCENARIO_F(NodeUnderAttack, ARequestThatBreaksOffAnywhereIsDropped) {
   ExpectServes();
 }
 
-SCENARIO_F(NodeUnderAttack, AnUnreadableRequestEndsTheConnectionWithoutAWord) {
+SCENARIO_F(NodeUnderAttack, AnUnreadableRequestEndsTheConnectionSilently) {
   StartEchoServer();
   const struct {
     std::size_t at;

@@ -101,7 +101,7 @@ SCENARIO_F(NodeProbe, ARelayMayCallItselfAnything) {
   }));
 }
 
-// A longer header stands before the 16 bytes that a client knows an answer by.
+// A longer header comes before the 16 bytes by which a client recognises an answer.
 SCENARIO_F(NodeProbe, AnswersKeepTheirPayloadBehindALongerHeader) {
   node.behaviour().head_len = 28;
   ASSERT_TRUE(Runs([&](RawFlow& flow) {

@@ -20,7 +20,7 @@ using common::OwnThread;
 
 class OwnThreads : public sim::ScenarioTest {
  protected:
-  // A thread of ours, which runs the body and then waits for its end.
+  // One of the library's threads: it runs the body and then waits for its end.
   void Starts(std::function<void()> body) {
     body_ = std::move(body);
     thread = CreateThread(nullptr, 0, Run, this, 0, &id);
@@ -120,7 +120,7 @@ SCENARIO_F_SEEDS(OwnThreads, WaitersOfALockGetItOneAfterTheOther, 20) {
   EXPECT_EQ(done, 5);
 }
 
-// Only a thread of ours is ever taken for gone.
+// Only the library's own threads are ever taken to have ended.
 SCENARIO_F(OwnThreads, ALockOfAnyOtherThreadStaysItsOwn) {
   const DWORD other = world.Spawn(world.home(), "other", [&] {
     mutex.lock();
@@ -168,8 +168,8 @@ SCENARIO_F(OwnThreads, ThatHoldOneLockMayStillTakeAnother) {
   EXPECT_EQ(begun, finished);
 }
 
-// A thread that stands still with a lock in its hands cannot be waited for.
-SCENARIO_F(OwnThreads, AreEndedAllTheSameWhereTheyDoNotLetGo) {
+// A thread that has stopped while it holds a lock cannot be waited for.
+SCENARIO_F(OwnThreads, AreTerminatedEvenIfTheyKeepTheirLock) {
   Starts([&] {
     mutex.lock();
     Sleep(INFINITE);

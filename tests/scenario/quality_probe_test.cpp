@@ -193,7 +193,7 @@ SCENARIO_F(Probes, OfASocketThatNobodyWatchesLeaveNoTrace) {
   EXPECT_TRUE(log.Contains("ProcessTestSend, GetSpeedTestResult: failed to get info, socket="));
   EXPECT_TRUE(Answer(1, 0, 10));
   EXPECT_TRUE(log.Contains("ProcessTestRecv, GetSpeedTestResult: failed to get info, socket="));
-  EXPECT_EQ(link.RealRouteLost(), 102);  // the judge heard of neither
+  EXPECT_EQ(link.RealRouteLost(), 102);  // the judge was told of neither
   EXPECT_EQ(CountOf("RealRouteAdd", log.Text()), 0);
 }
 

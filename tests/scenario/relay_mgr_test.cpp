@@ -172,7 +172,7 @@ SCENARIO(RelayMgr, AWorkerWithoutAStreamRelayIsNotTriedAgain) {
   ExpectFailsOnce(world, 2, "true\n");
 }
 
-// A stop ends a failure as well: the next question tries anew.
+// A stop ends a failure as well: the next request tries again.
 SCENARIO(RelayMgr, AfterAStopAFailedStartIsTriedAgain) {
   ExpectFailsOnce(world, 2, "true\n");
   RelayMgr& relay = GetRelayMgr();

@@ -158,7 +158,7 @@ SCENARIO_F(SessionByHand, OnceNegotiatedThereIsNoLimit) {
   EXPECT_FALSE(IsClosed());
 }
 
-// Bytes out of band show as an exception, and are none of ours.
+// Out-of-band bytes show as an exception, and do not concern the session.
 SCENARIO_F(SessionByHand, AnExceptionOfAConnectionThatStandsIsNoFailure) {
   test::OwnSocket node_end;
   Accept(&node_end);

@@ -205,7 +205,7 @@ SCENARIO(Startup, WithoutProtocolInfoItFailsAfterPreparing) {
   EXPECT_TRUE(game.Traced("WSPStartup failed"));
   EXPECT_EQ(game.TraceCount(kFirst), 1);
   EXPECT_TRUE(game.GotEmptyTable());
-  EXPECT_EQ(game.Start(6), 0);  // and the process is none the worse for it
+  EXPECT_EQ(game.Start(6), 0);  // and does the process no harm
   EXPECT_TRUE(game.GotHookedTable());
 }
 

@@ -79,7 +79,7 @@ class ScriptedNode {
     u16 last_node = kLastNode;
     int data_port = 0;  // 0: the node's own
   };
-  // Whether there was a request; it stands in `request` then.
+  // Whether there was a request; it is in `request` then.
   bool IsAsked();
   void Answers(const Answer& with);
   void Answers() { Answers(Answer{}); }

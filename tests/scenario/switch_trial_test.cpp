@@ -28,7 +28,7 @@ class SwitchTrial : public SwitchBench {
     Turn();
     EXPECT_EQ(GameGets(), "pong");
   }
-  // A trial that has failed is gone a turn later, without a word to its node.
+  // A trial that has failed is gone a tick later, and its node is not told.
   void ExpectOver(const std::string& result) {
     EXPECT_EQ(Results(), result) << log->Text();
     Turns(2);
@@ -267,7 +267,7 @@ SCENARIO_F(ForcedTrial, TakesANodeOfAnotherProvider) {
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
 }
 
-SCENARIO_F(SwitchTrial, HearsItsNodeAlone) {
+SCENARIO_F(SwitchTrial, HearsOnlyItsNode) {
   IsCarried();
   ASSERT_TRUE(Fires());
   ASSERT_TRUE(b.IsAsked());
@@ -281,7 +281,7 @@ SCENARIO_F(SwitchTrial, HearsItsNodeAlone) {
 }
 
 // Nor the game's socket, even where that is what the node names for its data.
-SCENARIO_F(SwitchTrial, IsDeafToTheGame) {
+SCENARIO_F(SwitchTrial, IgnoresTheGame) {
   IsCarried();
   ASSERT_TRUE(Fires());
   ASSERT_TRUE(b.IsAsked());
@@ -454,7 +454,7 @@ SCENARIO_F(SwitchTrial, NothingButDataOfItsNodeCompletesIt) {
   EXPECT_EQ(b.TakenData(), "still");
 }
 
-// A datagram that is marked as a probe and is none is data, and proves the node as any other does.
+// A datagram that is marked as a probe and is not one is data, and proves the node like any other.
 SCENARIO_F(SwitchTrial, DataWithAProbesMarkCompletesIt) {
   IsCarried();
   IsVerified();

@@ -114,7 +114,7 @@ SCENARIO_F(SwitchTrigger, NothingForAWindowIsADeadLink) {
 
 // Kept: with what it had last said of the way up, a loss of nothing expected comes out as another
 // code, and that counts as none. Then the probes alone show it, over the longer window.
-SCENARIO_F(SwitchTrigger, ANodeThatDiesWithALossOnItsLipsIsNoticedByItsProbesAlone) {
+SCENARIO_F(SwitchTrigger, ANodeThatDiesAfterItReportedLossIsNoticedByItsProbesAlone) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   Traffic lossy;

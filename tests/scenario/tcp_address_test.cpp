@@ -163,7 +163,7 @@ SCENARIO_F(TcpAddress, AConnectionThatTheRelayRefusesGoesDirect) {
   EXPECT_STREQ(inet_ntoa(peer.sin_addr), kServer);
 }
 
-// A session that nobody comes for waits for ever, in nobody's way.
+// A session that nobody connects to waits for ever, which harms nobody.
 SCENARIO_F(TcpAddress, AConnectThatNeverComesLeavesTheOthersAlone) {
   for (int i = 0; i < 20; ++i) {
     const SOCKET s = Tcp();

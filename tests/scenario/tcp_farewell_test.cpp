@@ -19,7 +19,7 @@ class TcpFarewell : public TcpBench {
     SendAll(s, text);
     closesocket(s);
   }
-  // How long the server waited for the end, behind the last byte that it has heard.
+  // How long the server waited for the end, after the last byte that it received.
   sim::Duration WaitForTheEnd(const std::string& answer) {
     sim::Duration waited{0};
     serve = [&, answer](SOCKET t, Call* call) {
@@ -76,7 +76,7 @@ SCENARIO_F(TcpFarewell, AnAnswerToAGoneGameIsDroppedWhileBytesAreOwed) {
 
 // --- a port that comes back ---------------------------------------------------------------------
 
-// A game that binds its sockets itself may do so anew while the connection before is still being
+// A game that binds its sockets itself may do so again while the connection before is still being
 // delivered. The two have only their port in common.
 SCENARIO_F_SEEDS(TcpFarewell, APortMayComeBackWhileItsOldConnectionIsDelivered, 4) {
   world.ReuseSocketHandles(world.seed() % 2 == 0);

@@ -46,7 +46,7 @@ struct Plan {
   const char* server = kServer;
   int port = kPort;
   DWORD starts_ms = 0;
-  std::string up, down;  // the hello stands before what goes up
+  std::string up, down;  // the hello comes before what goes up
   Manner game, host;
 
   // The outcome.

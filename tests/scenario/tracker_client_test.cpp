@@ -345,7 +345,7 @@ SCENARIO_F(TrackerClient, RegionsThatCannotBeReachedCostTheirReports) {
 }
 
 // Unguarded writing is better than none: the client sees the record whole, as a rule.
-SCENARIO_F(TrackerClient, MutexThatCannotBeHadIsDoneWithout) {
+SCENARIO_F(TrackerClient, WithoutAMutexReportsAreWrittenAllTheSame) {
   port::FailCall("CreateMutexA", 0, ERROR_NOT_ENOUGH_MEMORY);
   tracker.Init();
   ReportEverything();

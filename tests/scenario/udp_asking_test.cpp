@@ -206,7 +206,7 @@ SCENARIO_F(UdpAsking, ALateAnswerStaysUntaken) {
 }
 
 // The handle that the request names may be another event's by the time it is set.
-SCENARIO_F(UdpAsking, ALateAnswerMayWakeAStranger) {
+SCENARIO_F(UdpAsking, ALateAnswerMayWakeAnotherWaiter) {
   Starts();
   const SOCKET s = Udp();
   world.Stall(GetRelayMgr().GetWorkerThreadId(), 600ms);

@@ -82,7 +82,7 @@ SCENARIO_F(UdpEnd, NumbersCountFromOneAndTheEndSkipsOne) {
 }
 
 // A process that ends does not hold up its end with farewells.
-SCENARIO_F(UdpEnd, StoppingTheRelayEndsTheFlowsWithoutAWord) {
+SCENARIO_F(UdpEnd, StoppingTheRelayEndsTheFlowsSilently) {
   Starts(0);
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");

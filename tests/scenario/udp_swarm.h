@@ -150,7 +150,7 @@ class UdpSwarm : public Swarm<UdpBench> {
     if (came.from.empty() || came.from.rfind("error", 0) == 0) return;
     // A socket that has lost its relay to a second request still hears what the first has sent.
     const bool from_relay = !knows_its_relay && came.from.rfind("127.0.0.1:", 0) == 0;
-    // Kept: on the direct way whoever writes is heard, also a node with whatever it says too late.
+    // Kept: on the direct way every sender is heard, even a node that answers too late.
     const std::string from_ip = came.from.substr(0, came.from.find(':'));
     const bool from_node = from_ip == kNodeA || from_ip == kNodeB;
     if (from_node || (from_relay && came.text.substr(0, 2) != "R0")) return;

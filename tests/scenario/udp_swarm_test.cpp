@@ -100,7 +100,7 @@ class UdpStorm : public UdpSwarm {
   }
 };
 
-SCENARIO_F_SEEDS(UdpStorm, NoDatagramIsMisledOrRepeatedWhateverBreaks, SwarmSeeds(40)) {
+SCENARIO_F_SEEDS(UdpStorm, NoDatagramIsMisdeliveredOrRepeatedWhateverBreaks, SwarmSeeds(40)) {
   SetAllLinks([this] { return AnyLink(); });
   a.Behaves(AnyNode());
   b.Behaves(AnyNode());

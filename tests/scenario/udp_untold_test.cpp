@@ -48,7 +48,7 @@ class UdpUntold : public UdpSpiedBench {
     RunFor(15s);  // a flow that lives is probed within ten
     EXPECT_TRUE(RelaySent().empty()) << sent.size();
   }
-  // The same, and its node has heard the end: a flow that was accepted is not left open there.
+  // The same, and its node got the end message: a flow that was accepted is not left open there.
   void ExpectNothingLeftAnywhere() {
     ExpectNothingLeft();
     EXPECT_GT(a.Count("flow_opened"), 0u);

@@ -213,7 +213,7 @@ TEST(ClientDump, NamesStandWhereOneNodeIsMeant) {
                       "'DECISION_DIRECT', last_node = 77 }"),
             std::string::npos)
       << DumpToml(*file.tables);
-  // A second node with the name, which no file of ours would hold: the number is shown.
+  // A second node with the name, which our own files never contain: the number is shown.
   auto& image = file.tables->route.image;
   image.proxies[1] = image.proxies[0];
   image.proxies[1].proxy_idc = 6;

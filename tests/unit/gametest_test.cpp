@@ -131,7 +131,7 @@ TEST_F(GameTester, LongTextsAreCut) {
   EXPECT_EQ(std::string(GetAccConfig()->forced_proxy.proxy_addr), std::string(31, '7'));
 }
 
-// Where each look reads the file anew this is a matter of seconds, and its last line must do.
+// If each lookup reads the file again this takes seconds, and its last line must be found.
 TEST_F(GameTester, TheLastOfTenThousandCounts) {
   std::string keys = "process_count=10000\r\n";
 #ifdef _WIN32

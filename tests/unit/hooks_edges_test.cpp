@@ -210,7 +210,7 @@ TEST_F(HookEdges, TheLifeOfASocketIsToldAtTheLevelOfEvents) {
   }
 }
 
-// And a socket that is nobody's as a failure.
+// And a socket without a provider as a failure.
 TEST_F(HookEdges, CallsWithoutAProviderBelowAreToldAsFailures) {
   test::LogCapture log(4);
   constexpr SOCKET kUnknown = 0x999;

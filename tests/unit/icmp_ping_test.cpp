@@ -27,7 +27,7 @@ namespace {
 constexpr SOCKET kSocket = 0x4321;
 const u32 kIp = static_cast<u32>(inet_addr("198.51.100.10"));
 constexpr u32 kUnknownServerLag = 50;
-constexpr char kOld = '\xEE';  // what stands in the game's buffer
+constexpr char kOld = '\xEE';  // the previous content of the game's buffer
 
 // An echo request of that size, with payload bytes 3, 10, 17, …
 std::vector<char> Message(u32 size, u16 checksum) {
@@ -93,7 +93,7 @@ struct IcmpPing : testing::Test {
                                            static_cast<u32>(message.size()));
   }
   bool Checkin() { return Checkin(Message(64, kChecksumOf64)); }
-  // The reply that is due, empty where there is none.
+  // The reply that is due, or empty.
   std::vector<char> Checkout(u32 room = 300) {
     std::vector<char> buffer(room, kOld);
     u32 length = room;

@@ -108,7 +108,7 @@ class LinkJudge {
   common::u32 seq = 0;
 };
 
-// How often a text stands in another.
+// How often a text occurs in another.
 inline int CountOf(const std::string& part, const std::string& text) {
   int count = 0;
   for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))

@@ -254,7 +254,7 @@ TEST(FunctionTrace, NameIsLoggedWithoutTheNamespace) {
   } const rows[] = {
       {"moru_vyr::lsp::WSPGetPeerName", "WSPGetPeerName"},
       {"moru_vyr::lsp::", "moru_vyr::lsp::"},  // 15 characters stay whole …
-      {"abcdefghijklmn:", "abcdefghijklmn:"},  // … whatever stands in front of the end
+      {"abcdefghijklmn:", "abcdefghijklmn:"},  // … whatever comes before the end
       {"abcdefghijklmn:o", "o"},               // the colon alone decides
       {"TcpProvider::OnCreateLocalServer", "TcpProvider::OnCreateLocalServer"},
       {"", ""},

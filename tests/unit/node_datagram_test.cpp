@@ -284,7 +284,7 @@ TEST(NodeLossMeter, OneDatagramAtAGamesPaceIsOnePercent) {
   }
 }
 
-TEST(NodeLossMeter, DoublesAndStragglersAreNoLossAndNoGain) {
+TEST(NodeLossMeter, DuplicatesAndLateDatagramsAreNoLossAndNoGain) {
   LossMeter meter;
   u64 now = 0;
   for (u32 i = 0; i < 300; i += 2, now += 20) {

@@ -298,7 +298,7 @@ TEST(LostCalc, SumsTheResultsOfClosedSlots) {
   EXPECT_EQ(calc.lost_accum_count(), 2u);
 }
 
-// A node that starts anew, or the link after a switch. Arrivals below everything are not seen,
+// A node that starts again, or the link after a switch. Arrivals below everything are not seen,
 // until they have passed the old numbers; sends lower the base of their slot and make it very wide.
 TEST(LostCalc, NumbersThatStartAgainAreMisunderstood) {
   Calc arrivals(kArrivals, 2);

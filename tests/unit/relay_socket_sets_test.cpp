@@ -66,7 +66,7 @@ TEST_F(SocketSetsTest, ReadsComeFirstInTheOrderOfAddingThenWrites) {
             (Events{Event("read", a), Event("read", b), Event("write", idle), Event("write", a)}));
 }
 
-TEST_F(SocketSetsTest, AWishToWriteCountsOnce) {
+TEST_F(SocketSetsTest, AWriteRequestCountsOnce) {
   const SOCKET s = Idle();
   EXPECT_EQ(sets.EnableWrite(s, true), 0u);  // not added yet: nothing
   sets.Add(s, &recorder);
@@ -80,7 +80,7 @@ TEST_F(SocketSetsTest, AWishToWriteCountsOnce) {
   EXPECT_EQ(Poll(), 0);
 }
 
-TEST_F(SocketSetsTest, AWishMadeWhileAWriteIsServedStays) {
+TEST_F(SocketSetsTest, AWriteRequestMadeWhileAWriteIsServedStays) {
   const SOCKET s = Idle();
   sets.Add(s, &recorder);
   sets.EnableWrite(s, true);

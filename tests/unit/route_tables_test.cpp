@@ -225,7 +225,7 @@ TEST_F(RouteTables, SpurRegionIsReadAtEachLoad) {
   EXPECT_TRUE(IsFree(kSpurMutexName));
 }
 
-TEST_F(RouteTables, SpurListIsReplacedUnderTheEyesOfItsReaders) {
+TEST_F(RouteTables, SpurListIsReplacedWhileItIsRead) {
   common::SetLogThreshold(6);
   auto odd = std::make_unique<SpurRegion>();
   auto even = std::make_unique<SpurRegion>();

@@ -280,7 +280,7 @@ TEST_F(WatchList, StoredProbeFiguresComeBackWithTheirLoss) {
 
 // --- sockets that are not watched -------------------------------------------------------------
 
-TEST_F(WatchList, UnknownSocketsAreNobodysBusiness) {
+TEST_F(WatchList, UnknownSocketsAreIgnored) {
   const test::LogCapture log(0);
   SpeedStats stats;
   u32 sent = 4, received = 4;
