@@ -124,9 +124,20 @@ std::shared_ptr<const SocketLayers::Started> SocketLayers::StartEntry(
     return nullptr;
   }
   *error = 0;
-  started_.push_back(fresh);
-  kept_.push_back(fresh);
+  started_.push_back(Keep(std::move(fresh)));
   any_layered_ = true;
+  return started_.back();
+}
+
+// What an earlier start gave, where this one gave the same: a process may start a hundred times.
+std::shared_ptr<const SocketLayers::Started> SocketLayers::Keep(
+    std::shared_ptr<const Started> fresh) {
+  for (const auto& one : kept_)
+    if (one->module == fresh->module &&
+        std::memcmp(&one->entry, &fresh->entry, sizeof one->entry) == 0 &&
+        std::memcmp(&one->table, &fresh->table, sizeof one->table) == 0)
+      return one;
+  kept_.push_back(fresh);
   return fresh;
 }
 

@@ -57,6 +57,7 @@ class SocketLayers {
 
  private:
   std::shared_ptr<const Started> StartEntry(const WSAPROTOCOL_INFOW& entry, int* error);
+  std::shared_ptr<const Started> Keep(std::shared_ptr<const Started> fresh);
 
   std::atomic<bool> use_catalogue_{false};
   int startups_ = 0;  // under start_lock_

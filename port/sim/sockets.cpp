@@ -257,6 +257,7 @@ int Connect(Socket& socket, const Address& address) {
   if (socket.connecting) return WSAEALREADY;
   if (socket.tcp) return WSAEISCONN;
   if (address.ip == 0 || address.port == 0) return WSAEADDRNOTAVAIL;
+  if (address.ip == INADDR_BROADCAST) return WSAENETUNREACH;
   if (CannotReach(socket, address)) return WSAEADDRNOTAVAIL;
   if (!socket.binding)
     if (const int error = Claim(socket, {0, 0})) return error;

@@ -1,11 +1,24 @@
 #include "relay/nego_common.h"
 
-#include <cstdlib>
+#include <charconv>
 #include <cstring>
+#include <iterator>
+#include <limits>
+#include <system_error>
 
 #include "route/acc_config.h"
 
 namespace moru_vyr::lsp {
+namespace {
+
+// As strtoull reads a text of digits, which says of a number too large that in the host's errno.
+u64 UserNumber(const AccConfig& config) noexcept {
+  u64 number = 0;
+  const auto read = std::from_chars(config.uin, std::end(config.uin), number);
+  return read.ec == std::errc::result_out_of_range ? std::numeric_limits<u64>::max() : number;
+}
+
+}  // namespace
 
 NegoRequest MakeNegoRequest(u32 game_ip, u16 game_port, u8 retry, const SessionGuid& guid,
                             const AccDecisionInfo& decision) noexcept {
@@ -14,7 +27,7 @@ NegoRequest MakeNegoRequest(u32 game_ip, u16 game_port, u8 retry, const SessionG
   request.Init(kNegoVersion);
   request.body.flags = 0;
   request.body.retry = retry;
-  request.body.uin = std::strtoull(config.uin, nullptr, 10);
+  request.body.uin = UserNumber(config);
   request.body.game_id_low = static_cast<u32>(config.game_id);
   request.body.game_ip = ntohl(game_ip);
   request.body.game_port = ntohs(game_port);

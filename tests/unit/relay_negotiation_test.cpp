@@ -107,6 +107,19 @@ TEST_F(Negotiation, TheRequestSaysWhoWantsToGoWhere) {
   EXPECT_EQ(std::memcmp(&request.body.last_node, &none, sizeof none), 0);
 }
 
+TEST(NegoRequestTest, TheUsersNumberIsWhatTheDigitsOfItsTextSay) {
+  const std::pair<const char*, u64> cases[] = {
+      {"", 0}, {"x", 0}, {"12x", 12}, {"0010", 10}, {"99999999999999999999", ~u64{0}}};
+  for (const auto& [text, number] : cases) {
+    AccConfig config;
+    std::strcpy(config.uin, text);
+    ReplaceAccConfig(config);
+    const NegoRequest request = MakeNegoRequest(0, 0, 0, SessionGuid{}, AccDecisionInfo{});
+    EXPECT_EQ(u64{request.body.uin}, number) << text;
+  }
+  ReplaceAccConfig(AccConfig{});
+}
+
 TEST_F(Negotiation, AGoodAnswerSaysWhoTheClientIs) {
   test::LogCapture log(4);
   ASSERT_TRUE(Ask());

@@ -336,7 +336,7 @@ TEST_F(StreamProvider, AConnectThatFailsAtOnceIsWatchedAllTheSame) {
   test::LogCapture log(0);
   u16 port = 0;
   const test::OwnSocket game(GameSocket(&port));
-  ASSERT_TRUE(Request(port, "0.0.0.0", 9));
+  ASSERT_TRUE(Request(port, "255.255.255.255", 9));
   ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
   for (int i = 0; i < 500 && !log.Contains("[TCP]ConnectToRemoteServer failed. "); ++i) loop.Turn();
   const SOCKET remote = SocketOf(LineWith(log, "[4][lsp][TCP]ConnectToRemoteServer failed. "));

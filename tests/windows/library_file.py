@@ -54,6 +54,7 @@ CARRIED = {
     "setlocale": "asks which locale there is (with null), for wide text in formats; ours has none",
     "localtime": "of localtime_s where the system's runtime is too old to have it",
     "_localtime32": "of localtime_s where the system's runtime is too old to have it",
+    "_localtime64": "of localtime_s where the system's runtime is too old to have it",
     "strerror": "of the format %m; ours has none",
     "__setusermatherr": "of a function that only a program's own start calls",
     "vfprintf": "of the message of a relocation that fails, when the module is loaded",
