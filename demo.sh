@@ -22,7 +22,7 @@ esac
 scripts/setup.sh || exit 1
 if ! command -v wine >/dev/null 2>&1 || ! scripts/wine cmd /c ver >/dev/null 2>&1 ||
    { [ "$bits" = 64 ] && [ "$(scripts/wine --kind)" != win64 ]; }; then
-  echo "demo.sh: Wine for $bits-bit programs cannot be had here" >&2
+  echo "demo.sh: Wine for $bits-bit programs is not available here" >&2
   exit 1
 fi
 

@@ -90,7 +90,7 @@ for preset in "${presets[@]}"; do
     if ! wine_works "$preset"; then
       bits=32
       [ "$preset" = windows-x64 ] && bits=64
-      left_out+=("the $preset suites ($bits-bit Wine cannot be had here; they are built, not run)")
+      left_out+=("the $preset suites ($bits-bit Wine is not available here; they are built, not run)")
       continue
     fi
     build_companions "$preset" || continue ;;

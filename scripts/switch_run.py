@@ -253,6 +253,6 @@ class Run:
         for flow in node.flows(known).values():
             facts.lost_up += flow["dropped_up"]
             facts.lost_down += flow["dropped_down"]
-            # The library's farewell is lost as easily as anything else.
+            # The library's end message can be lost like anything else.
             if flow["open"] and flow["dropped_up"] > 0:
                 facts.lost_up -= 1

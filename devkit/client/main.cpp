@@ -277,7 +277,7 @@ void AddQuestions(CLI::App* app, Options* options, Action* action) {
   dump->callback([action] { *action = Dump; });
 
   CLI::App* explain =
-      app->add_subcommand("explain", "say what becomes of a destination, by which table, and why");
+      app->add_subcommand("explain", "say how a destination is decided, by which table, and why");
   explain->add_option("DESTINATION", options->destination, "ADDRESS:PORT")
       ->required()
       ->type_name("");

@@ -18,7 +18,7 @@ constexpr char kHeading[] =
     "#\n"
     "#   vyr_client check FILE                 says whether a file is right\n"
     "#   vyr_client explain --file FILE ADDRESS:PORT tcp\n"
-    "#                                         says what becomes of a destination, and why\n"
+    "#                                         says how a destination is decided, and why\n"
     "#   vyr_client serve FILE                 puts it where games find it, and follows changes\n"
     "\n";
 

@@ -26,7 +26,7 @@ struct TakeoverReport {
   unsigned game_count = 0;
 };
 
-// Serves one file and what becomes of it. One thread.
+// Serves one file and its later edits. One thread.
 class Takeover {
  public:
   // Processes to notify besides the running games.

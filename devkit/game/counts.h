@@ -1,4 +1,4 @@
-// What became of numbered datagrams.
+// Counts numbered datagrams: received, duplicated, reordered.
 #pragma once
 
 #include <cstdint>

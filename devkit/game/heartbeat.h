@@ -32,7 +32,7 @@ class Heartbeat {
   // One socket for all servers, or a connected one for each. `size` is that of each datagram.
   Heartbeat(const std::vector<sockaddr_in>& servers, bool connected, size_t size);
 
-  // Empty, or why the sockets cannot be had.
+  // Empty, or why the sockets cannot be created.
   std::string Open();
 
   void SendAll();

@@ -65,7 +65,7 @@ class Connection {
   Answer answer_ = Answer::kOpen;
   RequestReader reader_;
   Address game_ = {};
-  u64 deadline_ = Pipe::kNever;  // of the request, or of the farewell
+  u64 deadline_ = Pipe::kNever;  // of the request, or of a refused client's close
   u64 request_at_ = 0;
   u64 connect_by_ = Pipe::kNever;
   u64 active_at_ = 0;  // when a byte was last carried

@@ -1,4 +1,4 @@
-// The datagrams of a flow as the node reads and writes them. What it reads is a stranger's.
+// The datagrams of a flow as the node reads and writes them. What it reads is untrusted.
 #pragma once
 #include <cstddef>
 

@@ -32,7 +32,7 @@ class Node {
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
 
-  // False: a port is not to be had; *problem says which and why. Unless a source address is
+  // False: a port is not available; *problem says which and why. Unless a source address is
   // given, connections to game servers come from the listening address, if that is one that
   // reaches beyond this machine; so a game server sees the node that was asked.
   bool Start(std::string* problem);

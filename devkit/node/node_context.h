@@ -33,7 +33,7 @@ struct NodeContext {
     return fixed != 0 ? fixed : next_token++;
   }
 
-  // A stranger must not reach the control port by way of the node, nor the node by way of itself.
+  // Nobody may reach the control port through the node, nor the node through itself.
   bool IsOwn(const Address& server) const {
     const auto matches = [&](const Address& mine) {
       return mine.port != 0 && mine.port == server.port &&

@@ -1,5 +1,5 @@
-// Reads one NegoRequest from a stream, byte by byte if it must be, or from a datagram. The bytes
-// are a stranger's.
+// Reads one NegoRequest from a stream, byte by byte if necessary, or from a datagram. The bytes
+// are untrusted.
 //
 // Strict where the protocol leaves no choice: the magic, a length that is exactly the version's, a
 // game server that traffic can go to. A version that is not known (0, or above 3) is read as the

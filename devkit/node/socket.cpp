@@ -149,7 +149,7 @@ SOCKET Socket::Release() { return std::exchange(handle_, INVALID_SOCKET); }
 int PrepareStream(SOCKET socket) {
   u_long on = 1;
   if (ioctlsocket(socket, static_cast<long>(FIONBIO), &on) != 0) return WSAGetLastError();
-  // Both are a matter of manners: a node works without them.
+  // Both are optional: a node works without them.
   SetOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
   SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
   return 0;

@@ -41,7 +41,7 @@ SOCKET MakeSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info, 
   return Finish<SOCKET>(*provider, kSocket, s, INVALID_SOCKET, error);
 }
 
-// A thread can ask for sockets that are not overlapped; the wish is kept by the platform.
+// A thread can ask for sockets that are not overlapped; the platform stores that setting.
 DWORD FlagsOfPlainSockets() {
   const int last_error = WSAGetLastError();
   int open_type = 0;

@@ -1,11 +1,11 @@
 // The Winsock calls that the product and the devkit make, for machines that lack them.
 //
 // Semantics are Windows', not the host system's: error numbers, the sets of select, the
-// inheritance of non-blocking mode. tests/contract holds each rendition to them.
+// inheritance of non-blocking mode. tests/contract checks each backend.
 //
 // sockaddr, sockaddr_in, in_addr and sockaddr_storage are the host system's: they have the same
-// layout. Names that the C library bears with another meaning are renamed by macros, so that
-// code which includes this header sees one of a kind.
+// layout. Names that the C library uses with another meaning are renamed by macros, so that
+// code which includes this header sees each name once.
 #pragma once
 #include <windows.h>
 

@@ -19,7 +19,7 @@ constexpr size_t kNoTwin = static_cast<size_t>(-1);
 struct Wanted {
   Socket* socket;
   short events;
-  size_t twin = kNoTwin;  // its place in the set for reading, if the same handle stands there
+  size_t twin = kNoTwin;  // its place in the set for reading, if the same handle is in it
   bool ready = false;
 };
 
@@ -101,7 +101,7 @@ class Selection {
       : sets_{{read, POLLIN, scratch_.wanted[0]},
               {write, POLLOUT, scratch_.wanted[1]},
               {except, POLLPRI, scratch_.wanted[2]}} {}
-  // No socket may outlive its handle for want of another select.
+  // No socket may outlive its handle because no other select follows.
   ~Selection() {
     for (Set& set : sets_) set.wanted.clear();
     scratch_.sockets.clear();

@@ -1,4 +1,4 @@
-// Sockets of the posix rendition: real ones, with Windows' semantics on top.
+// Sockets of the posix backend: real ones, with Windows' semantics on top.
 //
 // Every host socket is non-blocking; a blocking call waits in poll, together with a descriptor
 // of its thread, so that closing the socket or ending the thread reaches a call in progress.
@@ -68,8 +68,8 @@ class Selecting {
   Thread& thread_;
 };
 
-// Tells what becomes of a closed handle's value: never used again (the default), or given to
-// the very next socket, as the platform is apt to do.
+// What happens to a closed handle's value: it is never used again (the default), or given to the
+// very next socket, as the platform tends to do.
 void ReuseSocketHandles(bool at_once);
 
 SocketRef FindSocket(SOCKET s);  // null: not a socket

@@ -1,4 +1,4 @@
-// Threads of the posix rendition: what the waits and the sockets need to know of them.
+// Threads of the posix backend: what the waits and the sockets need to know of them.
 #pragma once
 #include <atomic>
 #include <vector>

@@ -21,7 +21,7 @@ void UnregisterModule(const std::wstring& path);
 int LoadCount(const std::wstring& path);
 int LoadsEver(const std::wstring& path);
 
-// Where the rendition's own base provider is registered, exporting WSPStartup; and its identity
+// Where the backend's own base provider is registered, exporting WSPStartup; and its identity
 // in the catalogue.
 inline constexpr wchar_t kBaseProviderPath[] = L"%SystemRoot%\\system32\\port_base.dll";
 inline constexpr GUID kBaseProviderGuid = {

@@ -1,5 +1,5 @@
-// The seam between what both renditions share and the one that stands below: what port/posix
-// and port/sim must each supply. Everything else that a rendition brings are the declared
+// The interface between what both backends share and the backend below: what port/posix and
+// port/sim must each supply. Everything else that a backend supplies are the declared
 // Windows calls themselves: threads.cpp (threads, critical sections), waits.cpp (events,
 // mutexes, WaitForSingleObject), clock.cpp (clocks and Sleep), base_provider.cpp.
 #pragma once
@@ -20,7 +20,7 @@ struct ThreadState {
   char inet_text[16] = {};
 };
 
-// The calling thread's record; made on first use for a thread the rendition did not start.
+// The calling thread's record; made on first use for a thread that the backend did not start.
 ThreadState& CurrentThreadState();
 
 // The process that the calling thread belongs to. Lives as long as any of its threads.

@@ -1,7 +1,7 @@
-// Where Winsock's own dispatch stands: the plain socket calls go through the call table of the
-// provider that made the socket.
+// Takes the place of Winsock's own dispatch: the plain socket calls go through the call table of
+// the provider that made the socket.
 //
-// By default that is the rendition's base provider. With the catalogue in use, the first socket
+// By default that is the backend's base provider. With the catalogue in use, the first socket
 // of a protocol starts the first catalogue entry that serves it: its provider's module is
 // loaded, its WSPStartup called once, and its table serves every later socket of that entry.
 #pragma once
@@ -41,7 +41,7 @@ class SocketLayers {
   void StartUp();
   int CleanUp();  // 0, or the error
   bool ended() const { return ended_; }
-  void AwaitStartLock();  // where the dispatch's manners have inet_ntoa do so
+  void AwaitStartLock();  // where DispatchManners have inet_ntoa do so
 
   // The started provider for a new socket; starts it when it is the first. Null with *error
   // set, or with *error 0 where the base provider serves.

@@ -96,7 +96,7 @@ class Process {
   const std::string name;  // for traces
   const DWORD pid;
   bool alive = true;      // a process whose threads have all ended lives on, handles open
-  int threads_named = 0;  // by the world, for want of a name
+  int threads_named = 0;  // by the world, if they had no name
   port::Process& record() { return *record_; }  // path, command line, providers
 
  private:

@@ -8,7 +8,7 @@
 namespace common {
 namespace {
 
-// Length of "moru_vyr::lsp::". Told by the colon it ends in; shorter names are kept whole.
+// Length of "moru_vyr::lsp::". Recognised by the colon at its end; shorter names are kept whole.
 constexpr std::size_t kNamespaceSize = 15;
 
 }  // namespace

@@ -6,8 +6,8 @@
 namespace common {
 namespace {
 
-// Tries that give way to other threads at once, before the next ones wait for a millisecond each:
-// a holder that has lost its processor is mostly back by then.
+// First some attempts that only yield the processor, then attempts that wait for a millisecond
+// each: a holder that has lost its processor is mostly back by then.
 constexpr u32 kYields = 64;
 constexpr u32 kTriesPerLook = 16;  // at whether the holder is still there
 

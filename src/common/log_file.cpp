@@ -50,7 +50,7 @@ bool LogFile::Write(std::string_view line, int level) noexcept {
   if (level < GetLevel() || line.empty()) return true;
   if (!TryLock()) return false;
   const Lock lock(lock_, AdoptLock{});
-  if (!file_) return false;  // shut since we looked
+  if (!file_) return false;  // closed since we looked
   if (buffer_.size() + line.size() > kFlushThreshold) FlushLocked();
   try {
     buffer_.append(line);

@@ -41,7 +41,7 @@ int FindName(u32 name) noexcept {
   return -1;
 }
 
-// A name whose thread is gone may be forgotten by several threads at once: one of them clears the
+// Several threads at once may forget the name of a thread that has ended: one of them clears the
 // slot, and only then may a new thread have it.
 void Forget(int slot, u32 name) noexcept {
   if (!ids.name[slot].compare_exchange_strong(name, kClearing, std::memory_order_acq_rel)) return;
@@ -105,7 +105,7 @@ void EndByForce(HANDLE thread, u32 name) noexcept {
     }
   }
   TerminateThread(thread, 0);
-  // It goes on for a moment, and its locks are not anybody's before it is gone.
+  // It goes on for a moment, and nobody may have its locks before it has ended.
   WaitForSingleObject(thread, kForceWaitMs);
   if (slot >= 0) HasEnded(name);
 }

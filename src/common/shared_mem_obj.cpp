@@ -25,7 +25,7 @@ std::atomic_ref<u32> Selector(u8* view) noexcept {
   return std::atomic_ref<u32>(*reinterpret_cast<u32*>(view));
 }
 
-// Whoever wrote the word may have left anything in it.
+// Whoever wrote the word may have left any value in it.
 u32 ActiveIndex(u8* view) noexcept {
   return std::min(Selector(view).load(std::memory_order_acquire), u32{1});
 }

@@ -12,7 +12,7 @@ void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept 
   const SOCKET s = record.socket;
   const sockaddr_in asked = ReadAddress(target->name, target->name_size);
   if (!IsAllowConnect(kSocketTypeStream, &asked, s, record.token)) return;
-  // Exactly, before the socket is bound to the loopback interface: bound there it gets nowhere
+  // Exactly, before the socket is bound to the loopback interface: from there it can reach nothing
   // else.
   if (!GetRelayMgr().StillServes(0)) return;
   if (!CheckAndBind(s, &target->local_port)) return;

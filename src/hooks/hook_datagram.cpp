@@ -13,8 +13,8 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// Whether a datagram to `to`, which may be null, goes to the relay; *relay_addr is where then, and
-// *entry what stands for it in the relay's queue.
+// Whether a datagram to `to`, which may be null, goes to the relay; if so, *relay_addr is the
+// address to send it to, and *entry its number in the relay's queue.
 bool PrepareSend(const SocketRecord& record, LPWSABUF buffers, DWORD count, const sockaddr* to,
                  int to_size, sockaddr_in* relay_addr, LPWSATHREADID thread_id,
                  u64* entry) noexcept {
@@ -25,7 +25,7 @@ bool PrepareSend(const SocketRecord& record, LPWSABUF buffers, DWORD count, cons
          PrepareUdpRelaySend(record, buffers, count, dest, relay_addr, thread_id, entry);
 }
 
-// Puts the true source into the caller's place for it, as far as that reaches.
+// Writes the true source into the caller's address buffer, as far as that reaches.
 void RestoreSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr* from,
                    int from_size, const DWORD* received) noexcept {
   if (from == nullptr) return;
@@ -35,7 +35,7 @@ void RestoreSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, so
   std::memcpy(from, &source, static_cast<size_t>(room));
 }
 
-// What a line on a receive tells of the caller's memory.
+// What a log line on a receive says about the caller's memory.
 struct ReceiveView {
   AddressText From() const {
     const auto* const name = reinterpret_cast<const sockaddr*>(&from);

@@ -20,8 +20,8 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// Gives a new socket its record. The token is taken by the caller, at once after the next
-// provider returned, and counts on for failed sockets as well.
+// Gives a new socket its record. The caller takes the token at once after the next provider
+// returned, so failed sockets use up tokens as well.
 void Record(SOCKET s, int type, int protocol, u32 token, WSPPROC_TABLE* table) {
   GetSocketMap().Add(s, type, protocol, token);
   GetSocketMap().SetNextProcTable(s, table);
@@ -38,7 +38,7 @@ void RedirectDatagrams(const SocketRecord& record, ConnectTarget* target, RelayN
   target->name_size = RelayName::BoundedSize(target->name_size);
 }
 
-// Whether a datagram socket's relay has heard of the end.
+// Whether a datagram socket's relay was told of the end.
 bool EndRelay(const SocketRecord& record) {
   if (record.type == kSocketTypeDatagram && record.relay_state == kRelayRunning) {
     return CloseUdpRelay(record);
@@ -48,8 +48,8 @@ bool EndRelay(const SocketRecord& record) {
 }
 
 // Takes the socket out of the map. A relay that was asked for, and has not been told of the end
-// under that token, learns of it here. Only now is it sure whether one was asked for: another
-// thread may have done so since this call began.
+// under that token, is told here. Only now is it certain whether one was asked for: another thread
+// may have done so since this call began.
 void Forget(SOCKET s, u32 told_token) {
   SocketRecord last;
   if (!GetSocketMap().Remove(s, &last) || last.relay_state == kRelayNotAsked) return;

@@ -33,9 +33,9 @@ std::shared_ptr<UdpPackageQueue> Use(const SocketRecord& record,
 
 enum class Asked { kRelayed, kRefused, kSocketGone };
 
-// Asks for the socket's relay and keeps what came of it with the socket. Two threads may both come
-// here for one socket: the relay answers one of them, and the other's failure may have the last
-// word. A socket that was closed meanwhile could not know of the session that it may have by now.
+// Asks for the socket's relay and stores the outcome with the socket. Two threads may both do so
+// for one socket: the relay answers one of them, and the other's failure may be stored last. A
+// socket that was closed meanwhile could not know of the session that it may have by now.
 Asked AskForRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
                   UdpPackageQueue** send_queue, LPWSATHREADID thread_id) noexcept {
   UdpPackageQueue* recv_queue = nullptr;

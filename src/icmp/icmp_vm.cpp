@@ -16,7 +16,7 @@ namespace {
 constexpr u8 kEchoRequest = 8;
 constexpr u32 kChecksumOffset = 2;
 constexpr u32 kMinReplyRoom = 28;
-// Replies come early by as much, to make up for the game's own polling.
+// Replies come this much early, to make up for the game's own polling.
 constexpr u32 kEarlyMs = 5;
 
 bool IsValidEchoRequest(const char* buffer, u32 length) noexcept {

@@ -8,7 +8,7 @@
 
 namespace moru_vyr::lsp {
 
-// The slots, and which of them are free: a ring of their numbers, so that giving and taking
+// The slots, and which of them are free: a ring of their numbers, so that taking and returning one
 // never allocates.
 struct PingPool::Block {
   Block() noexcept {

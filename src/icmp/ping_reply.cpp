@@ -42,8 +42,8 @@ void ForgeIpHeader(const ping_request_t& request, u8* header) noexcept {
 
 u32 ForgePingReply(const ping_request_t& request, u8* buffer, u32 room) noexcept {
   // Guard: forged aside, since the application's buffer may be shorter than the reply. It is read
-  // first because its old bytes are part of the checksum. Behind the reply it is left alone: some
-  // applications say that there is more of it than there is.
+  // first because its old bytes are part of the checksum. The bytes after the reply are left alone:
+  // some applications state a larger size than they have.
   u8 reply[kMaxPingReplySize] = {};
   const u32 size = request.size + kIpHeaderSize;
   const u32 shared = std::min(room, size);

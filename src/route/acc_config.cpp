@@ -19,8 +19,8 @@ using common::LspTrace;
 
 constinit AccConfig process_config;
 
-// Guard: what comes from another process is made safe here, once, for all who read it later: texts
-// have an end, and counts keep to their arrays.
+// Guard: what comes from another process is made safe here, once, for all later readers: texts are
+// terminated, and counts are bounded by their arrays.
 
 template <std::size_t N>
 void Terminate(char (&field)[N]) noexcept {
@@ -76,7 +76,7 @@ bool ListsThisProcess(const AccConfigRecord& game) noexcept {
   const u32 path_count = game.path_count;  // read once: it may change under us
   for (u32 i = 0; i < std::min(path_count, kMaxGamePaths); ++i) {
     // The path shown is the process's own, not the configured one: the lines tell how many paths
-    // were tried, and support is used to them.
+    // were tried, and support staff are used to them.
     LspTrace("cfg game path %d/%d:%s\n", static_cast<int>(i + 1), static_cast<int>(path_count),
              process_path);
     if (common::EqualsIgnoreCase(process_path, FieldText(game.game_paths[i]))) return true;
@@ -95,8 +95,8 @@ bool NoRegion() noexcept {
   return false;
 }
 
-// Guard: asks first whether the region exists. Opening it would make a missing one, empty, and the
-// client program would find that in place of its own.
+// Guard: asks first whether the region exists. Opening it would create a missing one, empty, and
+// the client program would find that instead of its own.
 bool InstallFromRegion() {
   if (!common::Shared_mem_obj::Exists(kRestrictionRegionName)) return NoRegion();
   common::Shared_mem_owner owner(kRestrictionRegionName, sizeof(RestrictionRegion),

@@ -68,7 +68,7 @@ void Blacklist::LoadBlacklistTableFromMem(const BlacklistRegion& region) {
 bool Blacklist::IsInAccBlacklist(u64 game_id, u32 ip, u16 port, i32 socket_type) const noexcept {
   const u32 host_port = ntohs(port);
   for (const BlacklistRecord& record : records_) {
-    // Kept: a record of nothing but zeros is no wildcard for everything, it is no record.
+    // Kept: a record of nothing but zeros is not a wildcard for everything; it does not count.
     if (MatchesNothing(record)) continue;
     if (Matches(record, game_id, ip, host_port, socket_type)) return true;
   }

@@ -12,8 +12,7 @@ namespace {
 
 constexpr u32 kUnreachableDelayMs = 9999;
 
-// The address as it lies in memory and is read on this little-endian machine: its first byte is
-// the lowest.
+// The address as it is in memory, read on this little-endian machine: its first byte is the lowest.
 struct InnerRange {
   u32 mask;
   u32 value;
@@ -22,7 +21,7 @@ constexpr InnerRange kInnerRanges[] = {
     {0xFF, 0x0A},      // 10.0.0.0/8
     {0xF0FF, 0x10AC},  // 172.16.0.0/12
     {0xFFFF, 0xA8C0},  // 192.168.0.0/16
-    // Kept: not 100.64.0.0/10. One bit of the second byte is looked at, so 100.192 to 100.255
+    // Kept: not 100.64.0.0/10. Only one bit of the second byte is checked, so 100.192 to 100.255
     // are inner as well as 100.64 to 100.127.
     {0x40FF, 0x4064},
     {0xFF, 0x7F},  // 127.0.0.0/8

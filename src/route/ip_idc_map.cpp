@@ -8,8 +8,8 @@ namespace {
 
 constexpr int kKeyBits = 32;
 
-// Both steps can be undone, so no two addresses share a key. The first carries the host part of
-// an address down and the second carries everything up, so that neighbours part ways.
+// Both steps are reversible, so no two addresses share a key. The first mixes the host part of an
+// address downwards and the second mixes everything upwards, so that neighbours are separated.
 u32 Mix(u32 ip) noexcept { return (ip ^ (ip >> 16)) * 0x9E3779B1u; }
 
 }  // namespace
@@ -20,7 +20,7 @@ IpIdcMap::IpIdcMap(const std::vector<Record>& records) {
   const auto by_key = [](const Slot& a, const Slot& b) { return a.key < b.key; };
   std::stable_sort(slots_.begin(), slots_.end(), by_key);
   const auto same_key = [](const Slot& a, const Slot& b) { return a.key == b.key; };
-  // From the back, because unique keeps the first it meets and the last one counts.
+  // From the back, because unique keeps the first one it meets and the last one counts.
   const auto kept = std::unique(slots_.rbegin(), slots_.rend(), same_key);
   slots_.erase(slots_.begin(), kept.base());
   slots_.shrink_to_fit();

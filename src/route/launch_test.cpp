@@ -67,7 +67,7 @@ bool LaunchTest::LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noex
   }
   common::Shared_mem_owner* const region = OpenRegion();
   if (region == nullptr) return false;
-  // The region's mutex keeps our own threads apart too. Without one nobody is waited for.
+  // The region's mutex also keeps our own threads apart. Without one nobody waits.
   std::optional<common::Lock> alone;
   if (!region->guarded()) alone.emplace(lock_);
   const common::Shared_mem_ptr<const LaunchTestRegion> view(region, common::kOpenForReading, true);

@@ -47,7 +47,7 @@ bool Route::LoadAll() noexcept {
   try {
     port_map_.LoadPortIdcTable();
   } catch (const std::bad_alloc&) {
-    // The ports that found room are known.
+    // The ports that there was room for are known.
   }
   return ip_table_.LoadIpTable();
 }

@@ -66,8 +66,8 @@ void Route::RefineProxyInfo(const RouteEntry* entry, RouteProxyInfo* out) noexce
   RefineByGltRouteInfo(entry, out);
 }
 
-// The proxy that the launch test found takes the place of the table's, if the table has it among
-// its best. The verdict stays the table's. What the user forced is never replaced.
+// The proxy that the launch test found replaces the table's, if the table has it among its best.
+// The verdict remains the table's. What the user forced is never replaced.
 void Route::RefineByGltRouteInfo(const RouteEntry* entry, RouteProxyInfo* out) noexcept {
   if (out == nullptr) {
     LSP_LOG(4, "[Route][RefineByGltRouteInfo] Invalid route proxy info pointer");

@@ -31,8 +31,8 @@ bool GetSwitchProxyInfoFromRecord(u32 current_proxy, u32 last_node, const Switch
   return false;
 }
 
-// Kept: looks at both proxies, and the second takes the place of the first where both will do.
-// A proxy_idc of 0 will do as well as any.
+// Kept: looks at both proxies, and if both qualify the second replaces the first. A proxy_idc of 0
+// qualifies like any other.
 bool FindInRecord(const ManualRouteRecord& record, u32 current_proxy, u32 last_node,
                   RouteProxyInfo* out) noexcept {
   bool found = false;
@@ -99,8 +99,8 @@ bool Route::GetSwitchProxyInfoFromManualRoute(u32 game_idc, u32 current_proxy, u
   return false;
 }
 
-// Kept: both candidates are tried, and the last one tried has the word: where its proxy is
-// missing the search fails, with *out empty, although the first was found.
+// Kept: both candidates are tried, and the last one tried counts: if its proxy is missing, the
+// search fails, with *out empty, although the first was found.
 bool Route::GetSwitchProxyInfoFromIntelliRoute(u32 game_idc, u32 current_proxy, u32 last_node,
                                                RouteProxyInfo* out,
                                                SwitchProxyInfo* cache) noexcept {
@@ -149,7 +149,7 @@ void Route::CacheSwitchProxy(const RouteEntry* entry, u32 last_node,
   LogSwitchProxyInfo(*cache);
 }
 
-// A candidate that is not there leaves what the record holds in its place.
+// A missing candidate leaves what the record holds in its place.
 void Route::CopyCandidates(const SwitchGroup& group, SwitchProxyInfo* cache) noexcept {
   for (u32 i = 0; i < kSwitchCandidates; ++i) {
     RouteProxyInfo proxy;

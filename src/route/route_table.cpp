@@ -14,7 +14,7 @@ namespace moru_vyr::lsp {
 namespace {
 
 // Guard: counts are read once, since the client program may be writing them, and bounded by their
-// arrays. (That the routes are is part of the format; of the proxies nobody asks it.)
+// arrays. (Bounding the routes is required; bounding the proxies is not.)
 std::span<const RouteEntry> RoutesOf(const RouteSet& set) noexcept {
   const u32 count = set.route_count;
   return {set.routes, std::min(count, kMaxRoutes)};

@@ -69,8 +69,8 @@ int BSPStartup(WORD version, LPWSPDATA wsp_data, LPWSAPROTOCOL_INFOW in_info,
   std::memcpy(&start, &exported, sizeof start);
   const int result = start(version, wsp_data, &entry, upcalls, out_table);
   LSP_LOG(5, "BSPStartup:  ret=%d", result);
-  // The table that was just handed out points into the module. One reference of its own keeps
-  // it there, also where no first start of the protocol holds one.
+  // The table that was just returned points into the module. A reference of its own keeps the
+  // module there, even if no first start of the protocol holds one.
   if (result == 0) LoadLibraryW(path);
   FreeLibrary(module);
   return result;

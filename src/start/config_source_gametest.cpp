@@ -1,4 +1,4 @@
-// For the build for developers, in place of config_source.cpp.
+// For the developer build, in place of config_source.cpp.
 #include "gametest/test_mode.h"
 #include "start/config_source.h"
 

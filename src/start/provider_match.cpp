@@ -10,7 +10,7 @@ namespace {
 using Providers = std::span<LspProvider>;
 using Entries = std::span<const WSAPROTOCOL_INFOW>;
 
-// What stands below the first entry of a chain.
+// The entry below the first entry of a chain.
 std::span<const DWORD> LowerEntries(const WSAPROTOCOL_INFOW& info) {
   const int length = ChainLength(info);
   if (length < 2) return {};
@@ -38,7 +38,7 @@ LspProvider* MatchChain(const WSAPROTOCOL_INFOW& in_info, Providers list) {
   for (LspProvider& provider : list) {
     for (const DWORD id : LowerEntries(in_info)) {
       if (id == provider.lsp_catalog_id) {
-        // The hidden entry says that we take part, not with which entry: the next pass asks.
+        // The hidden entry says that we take part, but not with which entry: the next pass decides.
         common::LspTrace("FindMatchingProvider: our LSP in the in_info's protocol chains.");
         return nullptr;
       }

@@ -95,7 +95,7 @@ void LogTraffic(int level, const char* data, const SocketQosRecord& s) noexcept 
       Int(s.life), s.socket, Int(s.token));
 }
 
-// Kept: the backend's last figures bear the frontend's name.
+// Kept: the backend's last figures have the frontend's name.
 void LogSpeedTest(int level, const char* data, const SocketQosRecord& s) noexcept {
   const SpeedStatsHalf& front = s.speed_test.frontend;
   const SpeedStatsHalf& back = s.speed_test.backend;

@@ -11,7 +11,8 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr u64 kNetProbeGameId = 99999;  // the network probe decides much and is asked for nothing
+constexpr u64 kNetProbeGameId =
+    99999;  // the network probe decides often and nobody wants its reports
 
 unsigned long Long(u32 value) noexcept { return value; }
 
@@ -51,7 +52,7 @@ void ReportLogPath(const LogPathRecord& record) noexcept {
           static_cast<unsigned long long>(record.game_id), record.log_path);
 }
 
-// Kept: it fails in the words of the report before it.
+// Kept: it fails in the words of the previous report.
 void ReportLspLoadedInfo(const LspLoadedRecord& record) noexcept {
   LoadedSlot slot(kLoadedChannel);
   if (!slot.has_region()) {

@@ -18,7 +18,7 @@ std::atomic<u32> codes_made{0};
 
 }  // namespace
 
-// A generator of our own, because the runtime's belongs to the game: to seed it again would change
+// A generator of our own, because the runtime's belongs to the game: seeding it again would change
 // what the game draws.
 void MakeSeriesCode(SOCKET socket, char* buffer, std::size_t size) noexcept {
   if (size < kSeriesCodeSize) return;

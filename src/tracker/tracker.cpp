@@ -74,7 +74,7 @@ NegRetRecord MakeNegRet(const SocketQosRecord& socket, const AccDecisionInfo& de
   return record;
 }
 
-// Errors that say "later", and so are none.
+// Errors that mean "later", which do not count as errors.
 bool CountsForNothing(int error) noexcept {
   return error == WSAEWOULDBLOCK || error == WSA_IO_PENDING || error == WSAEINPROGRESS;
 }
@@ -122,7 +122,7 @@ void Tracker::MakeClosingUpdate(SocketQosRecord* record) {
 void Tracker::RemoveFromWatchList(SOCKET socket) {
   const auto found = watch_list_.find(socket);
   if (found == watch_list_.end()) return;
-  // Taken out first, so that it has left even where the report cannot be kept.
+  // Taken out first, so that it is gone even if the report cannot be stored.
   const auto node = watch_list_.extract(found);
   SocketQosRecord& record = node.mapped();
   const int token = Int(record.token);

@@ -1,5 +1,5 @@
-// What the worker calls: nothing where there is no Tracker, and nothing thrown where there is one.
-// Running out of memory costs a report.
+// The worker's calls: without a Tracker they do nothing, and nothing is thrown. Running out of
+// memory costs a report.
 #include <new>
 #include <utility>
 
@@ -11,7 +11,7 @@ namespace {
 
 constexpr u32 kTimerIntervalMs = 5000;
 
-// What `call` says, or false where there is nobody to ask or no memory for an answer.
+// The result of `call`, or false if there is no Tracker or no memory for an answer.
 template <typename Call>
 bool Ask(Tracker* tracker, const Call& call) noexcept {
   if (tracker == nullptr) return false;

@@ -58,11 +58,11 @@ void Tracker::UnInit() noexcept {
   LSP_LOG(0, "[Tracker] UnInit.");
   SnapshotCommInfo(true);
   quit_.store(true, std::memory_order_relaxed);
-  // The thread leaves its waits at once: whoever stops the worker does not wait for long.
+  // The thread leaves its waits at once, so that whoever stops the worker does not wait long.
   if (qos_ready_event_) SetEvent(qos_ready_event_.get());
   if (sync_ready_event_) SetEvent(sync_ready_event_.get());
   if (thread_) {
-    // A client that keeps a mutex may hold the worker up for so long and no longer.
+    // A client that keeps a mutex may delay the worker for this long and no longer.
     if (WaitForSingleObject(thread_.get(), kUnInitWaitMs) == WAIT_TIMEOUT) {
       common::EndByForce(thread_.get(), sync_name_.load(std::memory_order_relaxed));
     }
@@ -106,7 +106,7 @@ DWORD WINAPI Tracker::SyncThread(LPVOID self) noexcept {
   tracker.sync_name_.store(own.name(), std::memory_order_relaxed);
   tracker.ReportStart();
   tracker.SyncLoop();
-  // Told first: what is reported below may wait for a client.
+  // Reported first: what follows may wait for a client.
   if (tracker.WorkerIsGone() && tracker.gone_ != nullptr) tracker.gone_();
   LSP_LOG(0, "[Tracker] Report Thread quit, do last report in spite of the trigger state");
   tracker.DrainQosLists();
@@ -117,7 +117,7 @@ DWORD WINAPI Tracker::SyncThread(LPVOID self) noexcept {
 
 bool Tracker::WorkerIsGone() const noexcept { return common::HasEnded(worker_name_); }
 
-// Nobody is left to do what UnInit does after this thread's end.
+// Nobody else does what UnInit does after this thread's end.
 void Tracker::LeaveAlone() noexcept {
   common::Lock hold(init_lock_);
   thread_.Reset();

@@ -1,4 +1,4 @@
-// Conversion of text, the environment, and what else the runtime gives.
+// Text conversion, the environment, and other services of the runtime.
 #include <rpc.h>
 #include <time.h>
 

@@ -121,7 +121,7 @@ TEST(Udp, UnreachablePeerShowsAsAResetAtTheNextReceive) {
   CHECK_EQ(ReceiveFrom(b).text, "y");
 }
 
-TEST(Udp, NobodysAddressIsNoDestination) {
+TEST(Udp, TheUnspecifiedAddressIsNoDestination) {
   Owned a = BoundUdp();
   const sockaddr_in nobody = Address("0.0.0.0", 9);
   if (WineDiffers("a socket on loopback sends to 0.0.0.0")) return;

@@ -155,7 +155,7 @@ TEST(Mutex, IsSharedByItsName) {
   Handle first(CreateMutexA(nullptr, TRUE, name.c_str()));
   Handle second(CreateMutexA(nullptr, TRUE, name.c_str()));
   CHECK_EQ(GetLastError(), static_cast<DWORD>(ERROR_ALREADY_EXISTS));
-  // The creator's wish to own it holds for the first alone.
+  // Asking for ownership has an effect for the first creator alone.
   CHECK_TRUE(ReleaseMutex(second));
   CHECK_FAILS(ReleaseMutex(second), FALSE, ERROR_NOT_OWNER);
   Handle third(OpenMutexA(SYNCHRONIZE, FALSE, name.c_str()));

@@ -1,5 +1,5 @@
 // What the contract tests need besides the Windows calls: counted checks, loopback sockets, and
-// the knowledge of whether real Windows, or Wine in its place, is underneath.
+// whether they run on real Windows, or on Wine in its place.
 #pragma once
 #include <winsock2.h>
 //

@@ -1,4 +1,4 @@
-// A world's tables in named shared memory, where the policy looks for them: made and filled with
+// A world's tables in named shared memory, where the policy looks for them: created and filled with
 // the calls that the client program itself would use.
 #pragma once
 #include <winsock2.h>
@@ -45,7 +45,7 @@ class ClientRegions {
  public:
   explicit ClientRegions(const World& world) { Publish(world); }
 
-  // Makes what stands in the world stand in shared memory. What is there already is rewritten in
+  // Writes the world's tables into shared memory. What is there already is rewritten in
   // place; nothing is ever taken away.
   void Publish(const World& world) {
     PublishGames(world);

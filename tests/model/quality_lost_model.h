@@ -1,6 +1,6 @@
-// Losses from sequence numbers a second time: every slot that ever was is remembered with every
-// arrival that it was given, and each question goes through all of them. Slow and plain; whoever
-// changes it must not look at the implementation, only at lost_calc.h.
+// A second implementation of losses from sequence numbers: it remembers every slot with every
+// arrival, and each question searches all of them. Slow and simple; whoever changes it must not
+// look at the implementation, only at lost_calc.h.
 #pragma once
 #include <cstdint>
 #include <vector>

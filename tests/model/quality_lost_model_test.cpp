@@ -1,8 +1,8 @@
-// The same packets to LostCalc and to its model: lost, doubled, overtaken, numbered anew, over
-// clocks that jump and that begin again. Both must say the same after every single one.
+// The same packets go to LostCalc and to its model: lost, duplicated, reordered, renumbered, over
+// clocks that jump and that start again. Both must agree after every single one.
 //
-// What fails says its seed; with VYR_SEED set to it, that stream alone is run. VYR_STEPS sets how
-// many steps are made in all.
+// A failure prints its seed; with VYR_SEED set to it, only that stream is run. VYR_STEPS is the
+// total number of steps.
 #include "tests/model/quality_lost_model.h"
 
 #include <gtest/gtest.h>

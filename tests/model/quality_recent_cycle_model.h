@@ -1,6 +1,6 @@
-// The delays of recent cycles a second time: every probe is remembered with its cycle, and each
-// question goes through all that belong to the window. Time comes from the caller. Whoever changes
-// it must not look at the implementation, only at real_route_recent_cycle_data.h.
+// A second implementation of the delays of recent cycles: it remembers every probe with its cycle,
+// and each question searches all that belong to the window. Time comes from the caller. Whoever
+// changes it must not look at the implementation, only at real_route_recent_cycle_data.h.
 #pragma once
 #include <algorithm>
 #include <cmath>

@@ -1,5 +1,5 @@
 // The route policy as its rules read, for comparison: no index, no map, no cache, no lock. Every
-// question goes back to the records the client program wrote.
+// question searches the records that the client program wrote.
 #pragma once
 #include <string>
 #include <vector>

@@ -1,8 +1,8 @@
-// The same questions to the route policy and to its model, on tables made at random. Both must
-// answer alike, to the last byte of every record that they fill.
+// The same questions go to the route policy and to its model, on random tables. Both must answer
+// alike, to the last byte of every record that they fill.
 //
-// Each seed is a world of tables and a run of destinations in it. What fails says its seed; with
-// VYR_SEED set to it, that world alone is run.
+// Each seed is a world of tables with a series of destinations. A failure prints its seed; with
+// VYR_SEED set to it, only that world is run.
 #include <winsock2.h>
 //
 #include <windows.h>
@@ -103,7 +103,7 @@ std::string Difference(const Record& product, const Record& model, const Field (
   return "";
 }
 
-// What stands behind the end of a text is nobody's.
+// The bytes after the end of a text do not matter.
 template <std::size_t N>
 void WipeBehindText(char (&field)[N]) {
   std::size_t end = 0;

@@ -1,8 +1,8 @@
-// Everything a client program may have left for the route policy, at random.
+// Everything that a client program may have left for the route policy, at random.
 //
-// The spaces that numbers are drawn from are small, so that tables refer to one another, and hold
-// the values at which an answer changes: bounds of counts, zero, values that differ only above
-// their low 16 bits, addresses beside the private ranges. Same seed, same world.
+// The ranges from which numbers are drawn are small, so that tables refer to one another, and
+// contain the values at which an answer changes: limits of counts, zero, values that differ only
+// above their low 16 bits, addresses next to the private ranges. Same seed, same world.
 #pragma once
 #include <cstddef>
 #include <memory>

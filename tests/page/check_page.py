@@ -27,7 +27,7 @@ HOSTILE = "</script><img src=x onerror=\"document.title='taken'\">"  # a node's 
 CURVES = {"Rate": ("sent", "recv"), "Delay": ("front",), "Probes": ("front",)}
 
 # What must be read on the page of the made-up run: sums, the last figures of a flow through two relays,
-# what became of a flow without figures, a time counted from the run's start.
+# the outcome of a flow without figures, a time counted from the run's start.
 SAID = ("4 flows, 2 through nodes; 3 failed negotiations, 1 move to another node",
         "sent 494.7 kB, received 989.3 kB", "127 ±15 ms", "15.0 %", "1362",
         "direct, after 2 failed negotiations", "direct: the destination is inside",

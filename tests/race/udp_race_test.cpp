@@ -1,5 +1,5 @@
 // A game that closes a relayed datagram socket while its other threads still send and receive on
-// it. At stake: no queue or session is touched after it is gone, and none is left behind.
+// it. At stake: no queue or session is used after it has been freed, and none is left behind.
 #include <winsock2.h>
 //
 #include <signal.h>
@@ -137,7 +137,7 @@ TEST(UdpRace, SendingAndReceivingWhileClosing) {
         closesocket(s);
       } else if (thread == 1) {
         for (std::string text, from; !(from = Receive(s, &text)).empty(); ++answers) {
-          // The true sources go with the relay, so what is read last may bear the relay's.
+          // The true sources go with the relay, so what is read last may have the relay's.
           EXPECT_TRUE(from == bench::kServerAddress || closing) << from << " " << text;
         }
       } else {

@@ -1,5 +1,5 @@
-// Who may use the relay at all. At stake: a socket that must not is carried past it as if there
-// were no relay, and one that may is never turned away by a rule that comes later.
+// Which sockets may use the relay at all. At stake: a socket that may not is handled as if there
+// were no relay, and one that may is never refused by a later rule.
 #include "hooks/relay_admission.h"
 
 #include <gtest/gtest.h>
@@ -120,7 +120,7 @@ SCENARIO_F(Admission, AQuestionThatIsAnsweredBeforeTheModesDoesNotReadThem) {
   EXPECT_TRUE(May(SOCK_STREAM));
 }
 
-SCENARIO_F(Admission, ADestinationIsTheRoutePolicysAffair) {
+SCENARIO_F(Admission, ADestinationIsDecidedByTheRoutePolicy) {
   test::LogCapture log(0);
   const sockaddr_in unlisted = At("203.0.113.77", 27015);
   EXPECT_FALSE(IsAllowConnect(SOCK_STREAM, &unlisted, 5, 9));

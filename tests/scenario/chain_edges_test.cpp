@@ -1,5 +1,5 @@
-// Starts of a provider at their edges. At stake: a process that starts and cleans up for days, and
-// a catalogue in which other layers stand between this one and the platform's own.
+// Edge cases of starting a provider. At stake: a process that starts and cleans up for days, and a
+// catalogue in which other layers are between this one and the platform's own.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -129,7 +129,7 @@ SCENARIO(ChainEdges, TheNextProviderIsTheSecondOfTheChain) {
   EXPECT_EQ(Foreign().info.dwCatalogEntryId, 2001u) << "a layer is told what was asked for";
 }
 
-SCENARIO(ChainEdges, AListThatCannotBeHadIsEmpty) {
+SCENARIO(ChainEdges, AListThatCannotBeReadIsEmpty) {
   GameProcess game;
   LspProvider stranger{};
   LspProvider* list = &stranger;

@@ -1,6 +1,6 @@
-// From a start of one of our catalogue entries to the next provider. What is at stake: the
-// catalogue belongs to the machine and to every other layer on it, so whatever stands there,
-// the process must end up with a working provider or with an error that Winsock understands.
+// From the start of one of our catalogue entries to the next provider. At stake: the catalogue
+// belongs to the machine and to every other layer on it, so whatever it contains, the process must
+// end up with a working provider or with an error that Winsock understands.
 #include "start/chain.h"
 
 #include <gtest/gtest.h>
@@ -153,7 +153,7 @@ SCENARIO(Chain, BaseStartFailuresAreLoggedAndBecome10106) {
   port::ClearFaults();
 }
 
-SCENARIO(Chain, WithoutABaseEntryBaseStartFailsWithoutAWord) {
+SCENARIO(Chain, WithoutABaseEntryBaseStartFailsSilently) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
   test::LogCapture log(0);

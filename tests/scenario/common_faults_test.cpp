@@ -153,7 +153,7 @@ SCENARIO(RegionFaults, WithoutAMutexTheRegionIsUsedUnguarded) {
   object.Close();
 }
 
-// The open fails although the region is there; making it anew must not wipe it.
+// The open fails although the region is there; creating it again must not wipe it.
 SCENARIO(RegionFaults, FailedOpenNeverWipesAnothersRecord) {
   common::Shared_mem_obj writer(RegionName(), 64, MutexName(), false);
   static_cast<char*>(writer.Open(common::kOpenForWriting, true))[63] = 'w';
@@ -185,8 +185,8 @@ class ListedGame : public sim::ScenarioTest {
   std::optional<common::Shared_mem_owner> client_;
 };
 
-// Every platform call of the reading fails in turn. The process is served where the data could
-// be had and not served where it could not; the client's mutex is free either way, and the next
+// Every platform call of the reading fails in turn. The process is served if the data could be
+// read and not served if it could not; the client's mutex is free either way, and the next
 // process finds the region as it was.
 SCENARIO_F(ListedGame, ReadingSurvivesEveryFailure) {
   struct {

@@ -1,4 +1,4 @@
-// What the common layer waits for, what it does not wait for, and what it leaves as it was.
+// What the common layer waits for, what it does not wait for, and what it leaves unchanged.
 #include <atomic>
 #include <string>
 

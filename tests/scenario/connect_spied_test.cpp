@@ -1,6 +1,6 @@
-// What the next provider is asked to connect, by whom and with which length. At stake: the game's
-// connects may go to the relay, the relay's own must go where it says, and a provider reads as
-// much of an address as the length says there is.
+// Which connects reach the next provider, made by whom and with which length. At stake: the game's
+// connects may go to the relay, the relay's own must go where it says, and a provider reads as much
+// of an address as the length says.
 #include <mswsock.h>
 
 #include <vector>

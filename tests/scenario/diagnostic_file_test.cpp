@@ -1,5 +1,5 @@
 // The file with which support keeps one kind of traffic out of the relay. At stake: on a player's
-// machine it must do nothing at all, and it may only ever take traffic out.
+// machine it must have no effect, and it may only ever exclude traffic.
 #include <gtest/gtest.h>
 
 #include "abi/ip_table_formats.h"

@@ -1,6 +1,6 @@
-// Programs that take ConnectEx from the provider, as event-loop runtimes do. What is at stake: the
-// one pointer that they fetch carries every connection they ever make, and it must be ours for
-// them and the platform's own for our worker.
+// Programs that take ConnectEx from the provider, as event-loop runtimes do. At stake: the one
+// pointer that they fetch carries every connection that they ever make. It must be ours for them,
+// and the platform's own for our worker.
 #include <mswsock.h>
 
 #include <cstring>
@@ -107,8 +107,8 @@ SCENARIO_F(Extensions, AConnectExThatIsPendingLooksTrue) {
   ExpectServesAgain();
 }
 
-// The session that was asked for waits for ever, in nobody's way.
-SCENARIO_F(Extensions, AConnectExThatCannotBeHadFailsAndHarmsNobody) {
+// The session that was asked for waits for ever, which harms nobody.
+SCENARIO_F(Extensions, AMissingConnectExFailsAndHarmsNobody) {
   const SOCKET s = Tcp();
   const LPFN_CONNECTEX connect_ex = Query(s, WSAID_CONNECTEX).function;
   port::FailCall("WSPIoctl", 1, WSAEOPNOTSUPP);
@@ -134,7 +134,7 @@ SCENARIO_F(Extensions, TheFailureOfTheNextProviderIsHandedOnWithOurPointer) {
   EXPECT_TRUE(Said(std::string(kRecognised) + "ConnectEx\n"));
 }
 
-SCENARIO_F(Extensions, AnUnknownFunctionIsTheNextProvidersAffair) {
+SCENARIO_F(Extensions, AnUnknownFunctionIsLeftToTheNextProvider) {
   ReadAlong();
   const Answer answer = Query(Tcp(), GUID{1, 2, 3, {4}});
   EXPECT_EQ(answer.result, SOCKET_ERROR);
@@ -181,7 +181,7 @@ SCENARIO_F(Extensions, NullBuffersGetThePlatformsAnswer) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(Extensions, EveryOtherCodePassesWithoutAWord) {
+SCENARIO_F(Extensions, EveryOtherCodePassesSilently) {
   ReadAlong();
   const SOCKET s = Tcp();
   NonBlocking(s);

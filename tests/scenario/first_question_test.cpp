@@ -1,5 +1,5 @@
-// Who is the first to ask for the relay, and how long that may take. At stake: the relay is started
-// by a call of the game's, which waits for it, and not for ever.
+// Which call is the first to ask for the relay, and how long that may take. At stake: a call of the
+// game starts the relay and waits for it, but not for ever.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -187,7 +187,7 @@ SCENARIO_F(FirstCallOfAGame, MayBeAClose) {
   EXPECT_STARTED(true, true);
 }
 
-// A stream that names an address with its bytes is none of the relay's business.
+// A stream that names an address with its bytes does not concern the relay.
 SCENARIO_F(FirstCallOfAGame, IsNoSendToOfAStream) {
   Make(SOCK_STREAM, IPPROTO_TCP);
   EXPECT_EQ(table.lpWSPSendTo(s, &buffer, 1, &bytes, 0, Raw(address), size, nullptr, nullptr,

@@ -1,6 +1,6 @@
-// One process on a machine where this provider is installed: what it is called, whether the
-// client lists it, and what the catalogue says. Everything process-wide in the product starts
-// fresh, because each scenario runs in a process of its own.
+// One process on a machine where this provider is installed: its name, whether the client lists it,
+// and what the catalogue contains. Everything process-wide in the product starts fresh, because
+// each scenario runs in a process of its own.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>

@@ -1,4 +1,4 @@
-// The gate inside one process, and the two switches that a diagnostic file can raise.
+// The gate inside one process, and the two switches that a diagnostic file can set.
 #include "start/gate.h"
 
 #include <gtest/gtest.h>

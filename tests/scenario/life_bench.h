@@ -1,5 +1,5 @@
-// A game with streams and datagrams in a process that may end Winsock, or whose threads of ours may
-// be ended, at any time; and what is then left in it.
+// A game with streams and datagrams in a process that may end Winsock, or in which one of our
+// threads may be terminated, at any time; and what is then left in it.
 #pragma once
 #include "tests/scenario/tcp_bench.h"
 //

@@ -1,5 +1,5 @@
-// Random worlds in which a thread of ours, or the whole process, ends at any call that it makes.
-// Afterwards no call of the game hangs, no thread of ours runs on, and traffic goes direct.
+// Random worlds in which one of our threads, or the whole process, ends at any of its calls.
+// Afterwards no call of the game hangs, none of our threads still runs, and traffic goes direct.
 //
 // A failure prints its seed and the command that runs it again. VYR_SWARM_SEEDS=5000 asks for more
 // seeds than the usual run takes.

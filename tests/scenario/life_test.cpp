@@ -1,6 +1,6 @@
-// The library's life in a process: what a game gets once the worker has ended, by itself, by force
-// or with Winsock, and what of ours is left behind. What is at stake: no call of the game hangs,
-// no thread of ours runs on, and what cannot be relayed goes direct.
+// The library's life in a process: what a game gets once the worker has ended, by itself,
+// terminated or with Winsock, and what the library leaves behind. At stake: no call of the game
+// hangs, none of our threads still runs, and what cannot be relayed goes direct.
 #include "tests/scenario/life_bench.h"
 
 #include "abi/launch_test_formats.h"
@@ -19,7 +19,7 @@ using common::u32;
 
 constexpr wchar_t kLibrary[] = L"C:\\vyr\\vyr_lsp.dll";  // as GameProcess registers it
 constexpr u32 kStopMs = 200;                             // a worker's time to end
-constexpr u32 kForceMs = 100;                            // and to let go of a lock
+constexpr u32 kForceMs = 100;                            // and to release a lock
 
 class Life : public LifeBench {
  protected:
@@ -383,7 +383,7 @@ SCENARIO_F_SEEDS(Life, BothProtocolsAreRelayedHoweverProvidersAreStarted, 4) {
   ExpectTalksByDatagram("A");
 }
 
-// Kept: a process is served until its first cleanup. Nothing of ours is in it afterwards.
+// Kept: a process is served until its first cleanup. Nothing of the library runs afterwards.
 SCENARIO_F_SEEDS(Life, AHundredRoundsOfWinsockLeaveNothingBehind, 4) {
   port::SetDispatchManners(SomeManners(world.seed()));
   StartsWinsock();

@@ -1,5 +1,5 @@
-// A logger that is kept busy: by a thread that stands in the middle of a write with the lock in its
-// hands, as one of a game does that the platform has suspended or killed.
+// A busy logger: a thread is in the middle of a write and holds the lock, like a thread of a game
+// that the platform has suspended or killed.
 #include <windows.h>
 
 #include <string>

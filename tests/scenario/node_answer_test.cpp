@@ -1,5 +1,5 @@
 // What a client sees of each behaviour of the reference node, up to the answer. Tests of the
-// library lean on these: a node that does not do what it is told would make them prove nothing.
+// library depend on it: with a node that did not do what it is told they would prove nothing.
 #include "tests/scenario/node_bench.h"
 
 namespace {

@@ -1,4 +1,4 @@
-// A client of the reference node that makes its datagrams byte by byte, and a game server that
+// A client of the reference node that builds its datagrams byte by byte, and a game server that
 // answers datagrams.
 #pragma once
 #include <map>

@@ -1,5 +1,5 @@
-// Every way in which the reference node treats a flow of datagrams badly on demand: each is what
-// it says, and nothing else is.
+// Every way in which the reference node mistreats a datagram flow on demand: each does what it
+// says, and nothing else.
 #include <functional>
 
 #include "tests/scenario/node_flow_bench.h"

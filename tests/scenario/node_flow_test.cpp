@@ -50,7 +50,7 @@ SCENARIO_F(NodeFlow, CarriesBothWaysWithNumbersAndSources) {
   EXPECT_EQ(closed.Number("bytes_to_client"), 8u);
 }
 
-// The payload's length is nobody's business: not the smallest, not the largest.
+// The payload's length does not matter, from the smallest to the largest.
 SCENARIO_F(NodeFlow, CarriesDatagramsOfEverySize) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
@@ -89,7 +89,7 @@ SCENARIO_F(NodeFlow, EachDatagramGoesWhereItSays) {
 }
 
 // Whoever the client never wrote to does not reach it, however he learned the address.
-SCENARIO_F(NodeFlow, StrangersDoNotReachTheClient) {
+SCENARIO_F(NodeFlow, UnknownSendersDoNotReachTheClient) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
     ASSERT_TRUE(flow.Opens());
@@ -174,7 +174,7 @@ SCENARIO_F(NodeFlow, AnotherClientsTokenIsWorthNothing) {
   EXPECT_EQ(heard.size(), 1u);
 }
 
-// What is no datagram of a flow is dropped without a word, and the flow goes on.
+// Datagrams that do not belong to a flow are dropped silently, and the flow goes on.
 SCENARIO_F(NodeFlow, BadDatagramsAreDropped) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;

@@ -1,5 +1,5 @@
-// Clients that mean no good, or know no better: the node ends them within its bounds, and serves
-// everybody else meanwhile.
+// Malicious and faulty clients: the node ends them within its limits, and serves everybody else
+// meanwhile.
 #include "tests/scenario/node_bench.h"
 
 namespace {
@@ -37,7 +37,7 @@ SCENARIO_F(NodeUnderAttack, ARequestThatBreaksOffAnywhereIsDropped) {
   ExpectServes();
 }
 
-SCENARIO_F(NodeUnderAttack, AnUnreadableRequestEndsTheConnectionWithoutAWord) {
+SCENARIO_F(NodeUnderAttack, AnUnreadableRequestEndsTheConnectionSilently) {
   StartEchoServer();
   const struct {
     std::size_t at;
@@ -125,7 +125,7 @@ SCENARIO_F(NodeUnderAttack, TheSilentOnesAreBoundedInNumberAndTime) {
   ExpectServes();
 }
 
-// By way of the node a stranger would command the node itself.
+// Otherwise anyone could control the node through the node itself.
 SCENARIO_F(NodeUnderAttack, TheNodesOwnPortsAreNoGameServers) {
   for (const int port : {kControlPort, static_cast<int>(node::SimNode::kPort)}) {
     std::string answer;

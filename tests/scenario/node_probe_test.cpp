@@ -1,5 +1,6 @@
-// Probes at the reference node, a flow that moves from one node to another, and what lies between
-// a client and a node: delay, loss, doubles and disorder, for each kind and direction apart.
+// Probes at the reference node, a flow that moves from one node to another, and the path between a
+// client and a node: delay, loss, duplicates and reordering, separately for each kind and
+// direction.
 #include <algorithm>
 #include <set>
 
@@ -100,7 +101,7 @@ SCENARIO_F(NodeProbe, ARelayMayCallItselfAnything) {
   }));
 }
 
-// A longer header stands before the 16 bytes that a client knows an answer by.
+// A longer header comes before the 16 bytes by which a client recognises an answer.
 SCENARIO_F(NodeProbe, AnswersKeepTheirPayloadBehindALongerHeader) {
   node.behaviour().head_len = 28;
   ASSERT_TRUE(Runs([&](RawFlow& flow) {

@@ -1,5 +1,5 @@
-// Threads of ours that are ended by force, and what they had locked. What is at stake: the game's
-// next call that needs such a lock must come back, and find whole what the lock guards.
+// Threads of the library that are terminated, and what they had locked. At stake: the game's next
+// call that needs such a lock must return, and find what the lock guards intact.
 #include "common/own_thread.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ using common::OwnThread;
 
 class OwnThreads : public sim::ScenarioTest {
  protected:
-  // A thread of ours, which runs the body and then waits for its end.
+  // One of the library's threads: it runs the body and then waits for its end.
   void Starts(std::function<void()> body) {
     body_ = std::move(body);
     thread = CreateThread(nullptr, 0, Run, this, 0, &id);
@@ -180,8 +180,8 @@ SCENARIO_F(OwnThreads, ThatHoldOneLockMayStillTakeAnother) {
   EXPECT_EQ(begun, finished);
 }
 
-// A thread that stands still with a lock in its hands cannot be waited for.
-SCENARIO_F(OwnThreads, AreEndedAllTheSameWhereTheyDoNotLetGo) {
+// A thread that has stopped while it holds a lock cannot be waited for.
+SCENARIO_F(OwnThreads, AreTerminatedEvenIfTheyKeepTheirLock) {
   Starts([&] {
     mutex.lock();
     Sleep(INFINITE);

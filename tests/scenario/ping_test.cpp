@@ -1,6 +1,6 @@
-// A game's raw pings in a process where this provider is installed, to the millisecond. What is at
-// stake: the game shows its player the delay that the route promises, and no ping that we answer
-// may leave the machine, nor one that we do not answer be lost.
+// A game's raw pings in a process where this provider is installed, to the millisecond. At stake:
+// the game shows its player the delay of its route, no ping that we answer may leave the machine,
+// and none that we do not answer may be lost.
 #include <algorithm>
 #include <cstring>
 #include <vector>

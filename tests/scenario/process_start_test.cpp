@@ -1,6 +1,6 @@
-// What the first start of a process does beside the gate. At stake: the log must be there before
-// anything is worth a line in it, a game's first socket waits for all of this, and a diagnostic
-// process must not run on what the client program wrote for somebody else.
+// What the first start of a process does besides the gate. At stake: the log must be open before
+// anything needs it, a game's first socket waits for all of this, and a diagnostic process must not
+// use what the client program wrote for somebody else.
 #include <gtest/gtest.h>
 
 #include <cstring>

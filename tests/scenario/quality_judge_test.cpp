@@ -1,5 +1,5 @@
 // The judge of a link and time: how soon it may report, how soon it may ask for a switch again, and
-// what a tick count does to both that begins again.
+// how a wrap of the tick counter affects both.
 #include <winsock2.h>
 //
 #include <windows.h>

@@ -1,5 +1,5 @@
-// The probes of a link: when they leave, what is made of their answers, and when a burst is asked
-// for, refused and judged. All by virtual time, to the millisecond.
+// The probes of a link: when they are sent, how their answers are evaluated, and when a burst is
+// asked for, refused and judged. All in virtual time, to the millisecond.
 #include <winsock2.h>
 //
 #include <windows.h>
@@ -193,7 +193,7 @@ SCENARIO_F(Probes, OfASocketThatNobodyWatchesLeaveNoTrace) {
   EXPECT_TRUE(log.Contains("ProcessTestSend, GetSpeedTestResult: failed to get info, socket="));
   EXPECT_TRUE(Answer(1, 0, 10));
   EXPECT_TRUE(log.Contains("ProcessTestRecv, GetSpeedTestResult: failed to get info, socket="));
-  EXPECT_EQ(link.RealRouteLost(), 102);  // the judge heard of neither
+  EXPECT_EQ(link.RealRouteLost(), 102);  // the judge was told of neither
   EXPECT_EQ(CountOf("RealRouteAdd", log.Text()), 0);
 }
 

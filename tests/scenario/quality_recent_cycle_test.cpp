@@ -1,6 +1,6 @@
-// The delays of recent cycles. A cycle is the unit, not a probe; a burst raises the average; after
-// many bursts a watch period keeps more from being asked for. All of it by the tick count, which
-// begins again every 49.7 days.
+// The delays of recent cycles. The unit is a cycle, not a probe; a burst raises the average; after
+// many bursts a watch period prevents further ones. All by the tick count, which starts again every
+// 49.7 days.
 #include "quality/real_route_recent_cycle_data.h"
 
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// The relay's worker: how it starts, what ends it and what does not, and how its time goes.
+// The relay's worker: how it starts, what ends it and what does not, and how it keeps time.
 #include "engine/relay_mgr.h"
 
 #include <gtest/gtest.h>
@@ -172,7 +172,7 @@ SCENARIO(RelayMgr, AWorkerWithoutAStreamRelayIsNotTriedAgain) {
   ExpectFailsOnce(world, 2, "true\n");
 }
 
-// A stop ends a failure as well: the next question tries anew.
+// A stop ends a failure as well: the next request tries again.
 SCENARIO(RelayMgr, AfterAStopAFailedStartIsTriedAgain) {
   ExpectFailsOnce(world, 2, "true\n");
   RelayMgr& relay = GetRelayMgr();

@@ -1,5 +1,5 @@
-// A session between its events, which the test brings about one at a time: what it does with those
-// that make no sense in its state, and to the millisecond how long a node may take.
+// A session whose events the test raises one at a time: how it handles those that make no sense in
+// its state, and, to the millisecond, how long a node may take.
 #include "port/sim/scenario.h"
 //
 #include <string>
@@ -158,7 +158,7 @@ SCENARIO_F(SessionByHand, OnceNegotiatedThereIsNoLimit) {
   EXPECT_FALSE(IsClosed());
 }
 
-// Bytes out of band show as an exception, and are none of ours.
+// Out-of-band bytes show as an exception, and do not concern the session.
 SCENARIO_F(SessionByHand, AnExceptionOfAConnectionThatStandsIsNoFailure) {
   test::OwnSocket node_end;
   Accept(&node_end);

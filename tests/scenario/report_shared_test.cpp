@@ -1,5 +1,5 @@
-// Games that write to one client's channels at once, and processes that die with a mutex in hand:
-// whoever lives on loses nothing of its own, and no slot holds a mixture.
+// Games that write to one client's channels at once, and processes that die while they hold a
+// mutex: the survivors lose nothing of their own, and no slot holds a mixture.
 #include <gtest/gtest.h>
 
 #include <cstring>

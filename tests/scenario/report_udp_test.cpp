@@ -1,4 +1,4 @@
-// What the client program learns of datagram flows: every way through a node, past it or beside it
+// What the client program learns of datagram flows: every way through a node, past it or around it
 // leaves exactly the reports that it should, with figures that agree with the node's own.
 #include "tests/scenario/udp_bench.h"
 //

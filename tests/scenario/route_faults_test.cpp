@@ -1,5 +1,5 @@
-// The tables when the platform fails them, and when a client breaks its own rules under the eyes of
-// a reader: each failure has its line, nobody waits longer than is said, no mutex stays taken.
+// The tables when the platform fails, and when a client breaks its own rules while a reader reads:
+// each failure has its log line, nobody waits longer than the limit, no mutex stays taken.
 #include <windows.h>
 
 #include <functional>

@@ -1,4 +1,4 @@
-// The route file, while the client program is just writing it.
+// The route file while the client program is writing it.
 #include "route/route_file.h"
 
 #include "port/shared/faults.h"

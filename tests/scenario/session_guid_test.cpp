@@ -1,5 +1,5 @@
-// Machines without a network address give no identifiers. A connection needs one all the same,
-// and nodes have known the makeshift ones for long, with their flaw.
+// Machines without a network address provide no identifiers. A connection needs one all the same,
+// and nodes have long known the substitutes, flaw included.
 #include "protocol/session_guid.h"
 
 #include <gtest/gtest.h>

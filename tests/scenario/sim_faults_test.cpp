@@ -1,4 +1,4 @@
-// Faults on demand, the sudden end of a process, and what a failing scenario tells.
+// Injected faults, the sudden end of a process, and what a failing scenario prints.
 #include "port/shared/faults.h"
 #include "port/shared/process.h"
 #include "tests/scenario/sim_sockets.h"

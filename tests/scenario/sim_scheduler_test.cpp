@@ -292,7 +292,7 @@ TEST(SimScheduler, AFailureTellsTheCommandThatReplaysIt) {
 }
 
 // A hundred seeds are a hundred worlds, not one whose dice are thrown once more for each.
-TEST(SimSeeds, NeighboursHaveNoThrowInCommon) {
+TEST(SimSeeds, NeighboursDrawDifferentNumbers) {
   constexpr uint64_t kSeeds = 100, kThrows = 1000;
   std::set<uint64_t> throws;
   for (uint64_t seed = 0; seed < kSeeds; ++seed) {

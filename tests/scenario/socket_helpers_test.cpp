@@ -1,6 +1,6 @@
-// The relay's own sockets, and every way in which making one can fail. What is at stake: a
-// failure must leave the caller with an answer it can act on, and no socket open but where that
-// is known.
+// The relay's own sockets, and every way in which creating one can fail. At stake: a failure must
+// leave the caller with a result that it can act on, and no socket open except where that is
+// documented.
 #include "sockets/socket_helpers.h"
 
 #include <gtest/gtest.h>

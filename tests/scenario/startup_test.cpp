@@ -1,6 +1,6 @@
-// What a process gets when Winsock first starts this provider in it. What is at stake: a game
-// that the client serves must be hooked exactly once, and everyone else must keep a working
-// Winsock that we take no part in, whatever fails on the way.
+// What a process gets when Winsock first starts this provider in it. At stake: a game that the
+// client serves must be hooked exactly once, and every other process must keep a working Winsock
+// without us, whatever fails on the way.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -205,7 +205,7 @@ SCENARIO(Startup, WithoutProtocolInfoItFailsAfterPreparing) {
   EXPECT_TRUE(game.Traced("WSPStartup failed"));
   EXPECT_EQ(game.TraceCount(kFirst), 1);
   EXPECT_TRUE(game.GotEmptyTable());
-  EXPECT_EQ(game.Start(6), 0);  // and the process is none the worse for it
+  EXPECT_EQ(game.Start(6), 0);  // and does the process no harm
   EXPECT_TRUE(game.GotHookedTable());
 }
 

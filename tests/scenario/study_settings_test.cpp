@@ -1,5 +1,5 @@
-// The rows of the study say what they set. "unset" is what the others are measured against: a
-// threshold of its own would show there as the library's doing.
+// The rows of the study set what they say. "unset" is the baseline for the others: if it set a
+// threshold, the effect would be attributed to the library.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,5 +1,5 @@
-// What worlds of random games, nodes and faults have in common: how many of them there are, what
-// is drawn in them, and whether the relay has given everything back.
+// What the worlds of random games, nodes and faults have in common: how many there are, what is
+// drawn in them, and whether the relay has released everything.
 #pragma once
 #include "tests/scenario/sim_sockets.h"
 //
@@ -27,7 +27,7 @@ inline std::string Noise(const std::string& begin, uint64_t seed, size_t size) {
   return text;
 }
 
-// The draws of one world, which its seed decides, on a bench that has a game, two nodes and a
+// The draws of one world, which its seed decides, in a fixture that has a game, two nodes and a
 // game server.
 template <class Bench>
 class Swarm : public Bench {

@@ -1,6 +1,6 @@
-// A relayed flow of datagrams, taken out of its worker: the session with its real sockets, and in
-// place of the loop, the nodes and the game what a test says, step by step. So a test decides what
-// stands in which queue when the next thing happens.
+// A relayed datagram flow without its worker: the session with its real sockets; the test takes the
+// place of the loop, the nodes and the game, step by step. So a test decides what is in which queue
+// when the next thing happens.
 //
 // Everything is on the director's thread and on one host.
 #pragma once
@@ -79,7 +79,7 @@ class ScriptedNode {
     u16 last_node = kLastNode;
     int data_port = 0;  // 0: the node's own
   };
-  // Whether there was a request; it stands in `request` then.
+  // Whether there was a request; it is in `request` then.
   bool IsAsked();
   void Answers(const Answer& with);
   void Answers() { Answers(Answer{}); }
@@ -89,7 +89,7 @@ class ScriptedNode {
   // All that has come to the data port since the last time; probes are kept for their answers.
   std::vector<Wrapped> Takes();
   std::string TakenData();                   // of these, the data, "one two"
-  int TakenEnds();                           // of these, the words of farewell
+  int TakenEnds();                           // of these, the end messages
   void AnswersProbes(u8 relay_idx = 0);      // those taken since the last time
   void ForgetsProbes() { probes_.clear(); }  // … which have no answer then
   void SendsData(const std::string& text, u32 seq = 0, u8 lost = 101);  // 0: the next number

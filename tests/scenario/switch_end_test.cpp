@@ -1,5 +1,6 @@
-// How a flow ends while a trial of another node runs, and what reaches a flow that has none. At
-// stake: every node that still holds the flow is told, once, and no socket stays behind.
+// How a flow ends while another node is on trial, and what happens when news of a trial reaches a
+// flow that has none. At stake: every node that still holds the flow is told, once, and no socket
+// is left behind.
 #include "tests/scenario/switch_bench.h"
 //
 #include "port/shared/faults.h"
@@ -34,7 +35,7 @@ SCENARIO_F(SwitchEnd, ClosingStopsItsProbes) {
   EXPECT_TRUE(a.Takes().empty()) << "nor are there any of the old link";
 }
 
-// While it negotiates it knows of no place to say farewell to.
+// While it negotiates it has no address for an end message.
 SCENARIO_F(SwitchEnd, WhileItNegotiates) {
   IsCarried();
   ASSERT_TRUE(Fires());

@@ -1,6 +1,6 @@
-// A switch as the game lives it, through the provider, its worker and real nodes. At stake: the
-// game plays on with the same port, the client program learns what happened, and whatever the game
-// does in the middle of it, nobody is left waiting.
+// A switch as the game sees it, through the provider, its worker and real nodes. At stake: the game
+// plays on with the same port, the client program learns what happened, and whatever the game does
+// in the middle of it, nobody is left waiting.
 #include "tests/scenario/udp_bench.h"
 //
 #include "engine/relay_mgr.h"

@@ -1,6 +1,6 @@
-// What a flow takes with it to another node, and what it leaves behind: one trial after the other,
-// sockets, and datagrams that waited for room. At stake: nothing of the game's is lost for the
-// move, and no socket is anybody's twice.
+// What a flow takes along to another node, and what it leaves behind: one trial after another,
+// sockets, and datagrams that waited for room. At stake: the move costs the game no datagram, and
+// no socket has two owners.
 #include "tests/scenario/switch_bench.h"
 //
 #include "port/shared/faults.h"

@@ -1,7 +1,7 @@
-// Random games whose node degrades at a random moment while another is well. At stake: whatever the
-// flow does then, each datagram arrives at most once, unchanged, where it was sent, and is answered
-// by that address; until the trouble begins nothing is lost but what a hand-over loses by rule; and
-// once a flow has moved, nothing is lost at all.
+// Random games whose node degrades at a random moment while another node is healthy. At stake: each
+// datagram arrives at most once, unchanged, where it was sent, and is answered by that address;
+// before the trouble begins, only what a hand-over may lose by rule is lost; and once a flow has
+// moved, nothing is lost at all.
 //
 // A failure prints its seed and the command that runs it again.
 #include "tests/scenario/udp_swarm.h"
@@ -85,7 +85,7 @@ class SwitchSwarm : public UdpSwarm {
     }
     for (auto one = flow.begin(); one != moved; ++one) {
       if ((*one)->at + kUnderWay >= trouble_) break;
-      // What the node that is left has not brought back by then is a stranger's.
+      // What the old node has not brought back by then comes from an unknown sender.
       const bool strange = moved != flow.end() && (*one)->at + kUnderWay > (*moved)->at;
       ExpectArrived(**one, strange);
     }

@@ -1,6 +1,6 @@
 // A trial of another node, from the request to each of its ends. At stake: the game plays on over
 // the old node until the new one has proved itself with a datagram of the game's, and each trial is
-// reported once, with what became of it.
+// reported once, with its outcome.
 #include "tests/scenario/switch_bench.h"
 //
 #include "port/shared/faults.h"
@@ -28,7 +28,7 @@ class SwitchTrial : public SwitchBench {
     Turn();
     EXPECT_EQ(GameGets(), "pong");
   }
-  // A trial that has failed is gone a turn later, without a word to its node.
+  // A trial that has failed is gone a tick later, and its node is not told.
   void ExpectOver(const std::string& result) {
     EXPECT_EQ(Results(), result) << log->Text();
     Turns(2);
@@ -267,7 +267,7 @@ SCENARIO_F(ForcedTrial, TakesANodeOfAnotherProvider) {
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
 }
 
-SCENARIO_F(SwitchTrial, HearsItsNodeAlone) {
+SCENARIO_F(SwitchTrial, HearsOnlyItsNode) {
   IsCarried();
   ASSERT_TRUE(Fires());
   ASSERT_TRUE(b.IsAsked());
@@ -281,7 +281,7 @@ SCENARIO_F(SwitchTrial, HearsItsNodeAlone) {
 }
 
 // Nor the game's socket, even where that is what the node names for its data.
-SCENARIO_F(SwitchTrial, IsDeafToTheGame) {
+SCENARIO_F(SwitchTrial, IgnoresTheGame) {
   IsCarried();
   ASSERT_TRUE(Fires());
   ASSERT_TRUE(b.IsAsked());
@@ -454,7 +454,7 @@ SCENARIO_F(SwitchTrial, NothingButDataOfItsNodeCompletesIt) {
   EXPECT_EQ(b.TakenData(), "still");
 }
 
-// A datagram that is marked as a probe and is none is data, and proves the node as any other does.
+// A datagram that is marked as a probe and is not one is data, and proves the node like any other.
 SCENARIO_F(SwitchTrial, DataWithAProbesMarkCompletesIt) {
   IsCarried();
   IsVerified();
@@ -493,7 +493,7 @@ SCENARIO_F(SwitchTrial, TheFirstDataOfItsNodeHandsTheFlowOver) {
   EXPECT_EQ(farewell[0].seq, 3u) << "after one datagram: the number is counted before it is taken";
   EXPECT_TRUE(Logged("UdpRemoteSession::ReplaceSock, new socket=" + std::to_string(new_sock) +
                      ", ori socket=" + std::to_string(local_sock) + ", token=77"));
-  // From here on B is the link: for data either way, and for the farewell.
+  // From here on B is the link: for data either way, and for the end message.
   EXPECT_EQ(b.TakenData(), "one");
   GameSends("two");
   Turn();

@@ -1,5 +1,5 @@
 // What makes a flow ask for a burst of probes, and what a burst leads to. At stake: a link in
-// trouble is looked at within one slot of its windows, and one in health is left alone.
+// trouble is tested within one slot of its windows, and a healthy one is left alone.
 #include "tests/scenario/switch_bench.h"
 //
 #include <functional>
@@ -114,7 +114,7 @@ SCENARIO_F(SwitchTrigger, NothingForAWindowIsADeadLink) {
 
 // Kept: with what it had last said of the way up, a loss of nothing expected comes out as another
 // code, and that counts as none. Then the probes alone show it, over the longer window.
-SCENARIO_F(SwitchTrigger, ANodeThatDiesWithALossOnItsLipsIsNoticedByItsProbesAlone) {
+SCENARIO_F(SwitchTrigger, ANodeThatDiesAfterItReportedLossIsNoticedByItsProbesAlone) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   Traffic lossy;

@@ -1,5 +1,5 @@
-// What a game may hand to connect, and how it may come to its socket. What is meant for the relay
-// reaches its server; what makes no sense gets the platform's own answer.
+// What a game may pass to connect, and how it may have made its socket. A connect that is meant for
+// the relay reaches its server; an invalid one gets the platform's own answer.
 #include <mswsock.h>
 
 #include <algorithm>
@@ -163,7 +163,7 @@ SCENARIO_F(TcpAddress, AConnectionThatTheRelayRefusesGoesDirect) {
   EXPECT_STREQ(inet_ntoa(peer.sin_addr), kServer);
 }
 
-// A session that nobody comes for waits for ever, in nobody's way.
+// A session that nobody connects to waits for ever, which harms nobody.
 SCENARIO_F(TcpAddress, AConnectThatNeverComesLeavesTheOthersAlone) {
   for (int i = 0; i < 20; ++i) {
     const SOCKET s = Tcp();

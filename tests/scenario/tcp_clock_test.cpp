@@ -1,5 +1,5 @@
-// The tick counter begins again after 49.7 days, at whatever moment of a connection. Kept: what the
-// relay times then waits anew, or stands still until the counter has climbed back; never a byte.
+// The tick counter starts again after 49.7 days, at any moment of a connection. Kept: the relay's
+// timers then start again, or stand still until the counter has caught up; the bytes never do.
 #include <cstdio>
 #include <memory>
 
@@ -14,7 +14,7 @@ class TcpClock : public TcpBench {
  public:
   using Course = bool (TcpClock::*)(sim::Duration wrap);
 
-  // 100 ms before the counter begins again the server says goodbye. True: the game heard the end.
+  // 100 ms before the counter wraps the server closes. True: the game saw the end.
   bool Farewell(sim::Duration wrap) {
     serve = [&](SOCKET t, Call* call) {
       Sleep(static_cast<DWORD>((wrap - 100ms - world.now()) / 1ms));
@@ -96,7 +96,7 @@ Outcome AtEachOffset(TcpClock::Course course) {
   return outcome;
 }
 
-TEST(TcpClock, AFarewellThatTheCounterInterruptsStartsAnewOrWaits) {
+TEST(TcpClock, LastBytesThatTheCounterInterruptsStartAgainOrWait) {
   const Outcome outcome = AtEachOffset(&TcpClock::Farewell);
   EXPECT_GT(outcome.went_on, 0);
   EXPECT_GT(outcome.stood_still, 0);

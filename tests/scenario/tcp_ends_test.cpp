@@ -1,5 +1,5 @@
-// Who ends a connection, how, and in which state it is then. Whatever the game has said before it
-// closes reaches its server; whatever else happens, no byte is wrong and nothing stays behind.
+// Who ends a connection, how, and in which state. Whatever the game sent before it closed reaches
+// its server; in every other case no byte is wrong and nothing is left behind.
 #include <algorithm>
 
 #include "engine/relay_mgr.h"
@@ -92,7 +92,7 @@ SCENARIO_F(TcpEnds, NothingOfAClosingGameIsLostInAnyState) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpEnds, AGameThatClosesWithoutAWordIsForgottenAtOnce) {
+SCENARIO_F(TcpEnds, AGameThatClosesWithoutSendingIsForgottenAtOnce) {
   for (const Moment& moment : kMoments) {
     SCOPED_TRACE(moment.what);
     const SOCKET s = JoinsUntil(moment, "");
@@ -225,7 +225,7 @@ TEST(TcpStop, TheRelayMayStopInAnyStateOfAConnection) {
 }
 
 // One that has much to deliver to a game that does not read.
-SCENARIO_F(TcpStop, TheRelayMayStopWithFullHands) {
+SCENARIO_F(TcpStop, TheRelayMayStopWithUndeliveredBytes) {
   serve = [](SOCKET t, Call* call) {
     SendAll(t, Pattern(1'000'000));
     call->end = "closed";

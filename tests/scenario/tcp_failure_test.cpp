@@ -1,5 +1,5 @@
-// Calls of the platform that fail under the relay, one at a time and each at its worst moment. The
-// game may lose the connection; it never gets a wrong byte, and the relay goes on.
+// Platform calls that fail under the relay, one at a time and each at its worst moment. The game
+// may lose the connection, but never gets a wrong byte, and the relay goes on.
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_bench.h"
 

@@ -1,5 +1,5 @@
-// Between the end of one side of a connection and the end of the connection: what is owed is
-// delivered, what nobody can take any more is dropped, and nobody waits longer than that takes.
+// Between the end of one side and the end of the connection: data that is still owed is delivered,
+// data that nobody can take any more is dropped, and nobody waits longer than that takes.
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_bench.h"
 
@@ -19,7 +19,7 @@ class TcpFarewell : public TcpBench {
     SendAll(s, text);
     closesocket(s);
   }
-  // How long the server waited for the end, behind the last byte that it has heard.
+  // How long the server waited for the end, after the last byte that it received.
   sim::Duration WaitForTheEnd(const std::string& answer) {
     sim::Duration waited{0};
     serve = [&, answer](SOCKET t, Call* call) {
@@ -76,7 +76,7 @@ SCENARIO_F(TcpFarewell, AnAnswerToAGoneGameIsDroppedWhileBytesAreOwed) {
 
 // --- a port that comes back ---------------------------------------------------------------------
 
-// A game that binds its sockets itself may do so anew while the connection before is still being
+// A game that binds its sockets itself may do so again while the connection before is still being
 // delivered. The two have only their port in common.
 SCENARIO_F_SEEDS(TcpFarewell, APortMayComeBackWhileItsOldConnectionIsDelivered, 4) {
   world.ReuseSocketHandles(world.seed() % 2 == 0);

@@ -1,4 +1,4 @@
-// The bounds of the relay: two mebibytes of each direction of a connection, 128 sockets in all.
+// The limits of the relay: two mebibytes for each direction of a connection, 128 sockets in all.
 #include <algorithm>
 #include <vector>
 

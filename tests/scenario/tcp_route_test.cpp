@@ -159,7 +159,7 @@ SCENARIO_F(TcpRoute, AnOlderAnswerIsAsGood) {
   }
 }
 
-SCENARIO_F(TcpRoute, AForcedRouteAsksForNobodysProvider) {
+SCENARIO_F(TcpRoute, AForcedRouteIgnoresTheClientsProvider) {
   a.ServesIsps(2);
   RunFor(100ms);
   ExpectTalk(kForced);
@@ -213,7 +213,7 @@ SCENARIO_F(TcpRoute, AServerThatIsNotThereEndsTheConnection) {
   EXPECT_NE(CollectAll(s, &got), "");
   EXPECT_EQ(got, "");
   closesocket(s);
-  // Nor by way of the nodes, each of which says so.
+  // Nor through the nodes, each of which says so.
   const SOCKET second = Joins(kServer, kNobodysPort);
   ASSERT_NE(second, INVALID_SOCKET);
   EXPECT_NE(CollectAll(second, &got), "");

@@ -1,5 +1,5 @@
-// Small messages, a few milliseconds apart. Whoever sends them has said that none may wait for the
-// one before to be confirmed, which a peer may put off for 200 ms; through the relay that holds
+// Small messages, a few milliseconds apart. Their sender has asked that none waits for the
+// acknowledgement of the one before, which a peer may delay by 200 ms. Through the relay that holds
 // too, in both directions, for the first messages of a connection and for later ones.
 #include <vector>
 

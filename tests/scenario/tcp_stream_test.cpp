@@ -1,5 +1,5 @@
-// The bytes of a relayed connection: all of them, in order, once, or a visible end; whoever ends
-// it, at whatever moment, and however slowly somebody reads.
+// The bytes of a relayed connection: all of them, in order, once, or a visible end, whoever ends
+// it, at any moment, and however slowly somebody reads.
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
 #include "tests/scenario/tcp_bench.h"
@@ -87,7 +87,7 @@ SCENARIO_F_SEEDS(TcpStream, TheServerMayCloseBehindItsLastByte, 4) {
 }
 
 // What has left for the game gets that long to arrive before the connection ends.
-SCENARIO_F(TcpStream, TheFarewellTakesTwoHundredMilliseconds) {
+SCENARIO_F(TcpStream, AConnectionEndsTwoHundredMillisecondsAfterItsLastByte) {
   serve = [](SOCKET t, Call* call) {
     SendAll(t, "goodbye");
     call->end = "closed";
@@ -104,7 +104,7 @@ SCENARIO_F(TcpStream, TheFarewellTakesTwoHundredMilliseconds) {
 }
 
 // One that neither side expects harms nobody.
-SCENARIO_F(TcpStream, AStrangerOnTheListenerIsTurnedAway) {
+SCENARIO_F(TcpStream, AnUnknownConnectionToTheListenerIsClosed) {
   const SOCKET s = Joins();
   EXPECT_EQ(Talks(s, "before"), "before");
   const sockaddr_in somewhere = At(kServer, kPort);

@@ -46,10 +46,10 @@ struct Plan {
   const char* server = kServer;
   int port = kPort;
   DWORD starts_ms = 0;
-  std::string up, down;  // the hello stands before what goes up
+  std::string up, down;  // the hello comes before what goes up
   Manner game, host;
 
-  // What became of it.
+  // The outcome.
   bool connected = false;
   bool answered = false;  // the server knows of it
   size_t up_sent = 0, down_sent = 0;

@@ -1,6 +1,5 @@
-// Urgent bytes in a relayed connection. Kept: nobody takes them. They are lost, the exception that
-// they cause is only logged, and it stays as long as the byte does; the stream around them is
-// whole.
+// Urgent bytes in a relayed connection. Kept: nobody reads them. They are lost, the exception that
+// they cause is only logged and lasts as long as the byte does; the stream around them is complete.
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_bench.h"
 

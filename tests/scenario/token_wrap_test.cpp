@@ -1,5 +1,5 @@
-// The numbers of sockets when they begin anew. At stake: a process that opens sockets for years
-// comes to it, and no socket may lose its relay, or get another's, for having such a number.
+// The wrap of the tokens. At stake: a process that opens sockets for years gets there, and no
+// socket may lose its relay, or get another's, because of its number.
 #include "engine/relay_mgr.h"
 #include "sockets/socket_error_filter.h"
 #include "tests/scenario/tcp_bench.h"

@@ -1,5 +1,5 @@
 // Clients that die, stop or come late, other games that report at the same moment, and a platform
-// that fails: a report may be lost, nothing else may be. The director is the relay's worker.
+// that fails: reports may be lost, but nothing else. The director is the relay's worker.
 #include <gtest/gtest.h>
 
 #include <list>
@@ -345,7 +345,7 @@ SCENARIO_F(TrackerClient, RegionsThatCannotBeReachedCostTheirReports) {
 }
 
 // Unguarded writing is better than none: the client sees the record whole, as a rule.
-SCENARIO_F(TrackerClient, MutexThatCannotBeHadIsDoneWithout) {
+SCENARIO_F(TrackerClient, WithoutAMutexReportsAreWrittenAllTheSame) {
   port::FailCall("CreateMutexA", 0, ERROR_NOT_ENOUGH_MEMORY);
   tracker.Init();
   ReportEverything();

@@ -1,5 +1,5 @@
-// What the client program learns of stream connections: every way through a node, past it or
-// beside it leaves exactly the reports that it should, and no client can hold the game up.
+// What the client program learns of TCP connections: every way through a node, past it or around it
+// leaves exactly the reports that it should, and no client can delay the game.
 #include <cstring>
 
 #include "common/named_mutex.h"

@@ -1,5 +1,5 @@
-// When the Tracker reports: its two paces, its waits, and what a tick count that wraps does to
-// them. The director is the relay's worker.
+// When the Tracker reports: its two intervals, its waits, and the effect of a tick counter that
+// wraps. The director is the relay's worker.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// A datagram socket's way to its relay at its edges: what is said of it, datagrams in pieces, and
-// sockets that are gone by the time that they are answered. At stake: no socket pays for another.
+// Edge cases of a datagram socket that asks for its relay: what is logged about it, datagrams in
+// pieces, and sockets that are closed before the answer. At stake: no socket pays for another.
 #include "tests/scenario/udp_spied_bench.h"
 //
 #include "engine/relay_mgr.h"

@@ -1,5 +1,5 @@
-// How a game's datagram socket comes to its relay, or does not. At stake: a socket asks once, each
-// destination is judged once, and whatever goes wrong, the game's datagram leaves on its own.
+// How a game's datagram socket gets its relay, or does not. At stake: a socket asks once, each
+// destination is decided once, and whatever goes wrong, the game's datagram still leaves.
 #include "tests/scenario/udp_spied_bench.h"
 //
 #include "engine/relay_mgr.h"
@@ -206,7 +206,7 @@ SCENARIO_F(UdpAsking, ALateAnswerStaysUntaken) {
 }
 
 // The handle that the request names may be another event's by the time it is set.
-SCENARIO_F(UdpAsking, ALateAnswerMayWakeAStranger) {
+SCENARIO_F(UdpAsking, ALateAnswerMayWakeAnotherWaiter) {
   Starts();
   const SOCKET s = Udp();
   world.Stall(GetRelayMgr().GetWorkerThreadId(), 600ms);
@@ -333,7 +333,7 @@ SCENARIO_F(UdpAsking, AnAddressIsKnownByThePortThatIsAskedAbout) {
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
   for (const char* ip : {kUnlistedOnes[0], kUnlistedOnes[1]}) {
-    // That the address is for the relay is kept for it, whatever becomes of the datagram.
+    // The socket remembers that the address is for the relay, even if the datagram is lost.
     fails = [](const SentDatagram& one) { return one.by_relay ? 0 : WSAENOBUFS; };
     EXPECT_EQ(Sends(s, "never sent", ip, kSecondPort), WSAENOBUFS);
     fails = [](const SentDatagram&) { return 0; };

@@ -99,7 +99,7 @@ SCENARIO_F(UdpConnected, ARefusedSocketIsConnectedDirectly) {
   EXPECT_EQ(RecordOf(unlisted).relay_state, kRelayNotAsked);
 }
 
-// What a destination is worth is asked anew at each connect, whatever the socket has got by then.
+// A destination is decided again at each connect, whatever the state of the socket is by then.
 SCENARIO_F(UdpConnected, ARelayedSocketIsConnectedDirectlyToWhatIsNotWanted) {
   Starts();
   const SOCKET s = Udp();

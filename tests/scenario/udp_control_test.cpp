@@ -1,5 +1,5 @@
-// The control port of the datagram relay against whoever can reach it, and many sockets that come
-// and go. At stake: nothing but an exact message has an effect, and nothing is left behind.
+// The control port of the datagram relay against everyone who can reach it, and many sockets that
+// come and go. At stake: only an exact message has an effect, and nothing is left behind.
 //
 // VYR_UDP_SOCKETS=10000 opens and closes that many sockets instead of a few hundred.
 #include "tests/scenario/udp_spied_bench.h"

@@ -1,6 +1,6 @@
 // The relay of datagrams from the game's socket to its server and back. At stake: every datagram
-// reaches the server that the game named, once and unchanged, whatever becomes of the nodes; and
-// what the game receives bears the server's address, not the relay's.
+// reaches the server that the game named, once and unchanged, whatever happens to the nodes; and
+// what the game receives has the server's address, not the relay's.
 #include "tests/scenario/udp_bench.h"
 //
 #include "port/shared/faults.h"
@@ -238,7 +238,7 @@ SCENARIO_F(UdpRelay, AFullSendBufferHoldsDatagramsInOrder) {
   EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::FlushBlockedPackages, count=1, remain_count=0"));
 }
 
-// A game that sends its farewell and closes must not lose it to a buffer that happened to be full.
+// A game that sends its last datagram and closes must not lose it because a buffer is full.
 SCENARIO_F(UdpRelay, ClosingLetsBlockedDatagramsOutFirst) {
   server->answer = [](const std::string& text) -> std::string {
     if (text != "first") return "";

@@ -1,5 +1,6 @@
-// The end of a flow: by the game, which may close its socket at any moment, and by the relay's own.
-// At stake: what can still leave leaves first, each node is told once, and nothing is left behind.
+// The end of a flow: by the game, which may close its socket at any moment, and by the end of the
+// relay. At stake: what can still be sent is sent first, each node is told once, and nothing is
+// left behind.
 #include "tests/scenario/udp_spied_bench.h"
 //
 #include "engine/relay_mgr.h"
@@ -81,7 +82,7 @@ SCENARIO_F(UdpEnd, NumbersCountFromOneAndTheEndSkipsOne) {
 }
 
 // A process that ends does not hold up its end with farewells.
-SCENARIO_F(UdpEnd, StoppingTheRelayEndsTheFlowsWithoutAWord) {
+SCENARIO_F(UdpEnd, StoppingTheRelayEndsTheFlowsSilently) {
   Starts(0);
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");

@@ -1,5 +1,5 @@
-// What the queues of datagrams keep of the memory that they take. At stake: a game that sends for
-// days, and is refused now and then, grows no larger than its busiest moment.
+// How much memory the datagram queues keep. At stake: a game that sends for days, and is refused
+// now and then, uses no more memory than at its busiest moment.
 #include <vector>
 
 #include "common/log.h"

@@ -1,5 +1,5 @@
-// The provider of datagram relays and a session by themselves, without the worker's loop. At stake:
-// a relay that cannot start says so, and the address that a game is given is one that it can use.
+// The provider of datagram relays, and a session, without the worker's loop. At stake: a relay that
+// cannot start says so, and the address that a game is given is usable.
 #include "udp/udp_provider.h"
 //
 #include <vector>

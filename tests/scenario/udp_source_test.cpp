@@ -1,5 +1,5 @@
-// The true source of a datagram that came through the relay, put into the game's own memory. At
-// stake: not a byte beyond the place that the game has for it.
+// The true source of a datagram that came through the relay, written into the game's own memory. At
+// stake: not a byte beyond the buffer that the game provides for it.
 #include <cstring>
 #include <vector>
 

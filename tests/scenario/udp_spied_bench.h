@@ -1,6 +1,6 @@
-// The bench of the datagram relay with a spy between this library and the next provider: it sees
-// each datagram that the game or the relay sends, and can have any of them fail. The nodes and the
-// server are elsewhere and not seen.
+// The datagram fixture with a spy between this library and the next provider: it sees each datagram
+// that the game or the relay sends, and can make any of them fail. It does not see the nodes and
+// the server.
 #pragma once
 #include "tests/scenario/udp_bench.h"
 //

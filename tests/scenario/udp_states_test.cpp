@@ -1,6 +1,6 @@
-// A flow's course through its states, with something odd at each turn: strangers, full buffers,
-// errors, lengths at the bounds, nodes that misbehave. At stake: a datagram is lost only where the
-// rule says so, and the flow goes on.
+// A flow through all its states, with something unusual in each: unknown senders, full buffers,
+// errors, lengths at the limits, nodes that misbehave. At stake: a datagram is lost only where the
+// rules say so, and the flow goes on.
 #include "tests/scenario/udp_spied_bench.h"
 //
 #include "engine/relay_mgr.h"
@@ -54,7 +54,7 @@ class UdpStates : public UdpSpiedBench {
 
 // --- strangers --------------------------------------------------------------------------------
 
-SCENARIO_F(UdpStates, BeforeTheFirstDatagramNobodyIsHeard) {
+SCENARIO_F(UdpStates, BeforeTheFirstDatagramNothingIsDelivered) {
   Starts();
   const SOCKET s = Udp();
   fails = [](const SentDatagram& one) {
@@ -69,7 +69,7 @@ SCENARIO_F(UdpStates, BeforeTheFirstDatagramNobodyIsHeard) {
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
 }
 
-SCENARIO_F(UdpStates, WhileANodeIsAskedOnlyItIsHeard) {
+SCENARIO_F(UdpStates, DuringANegotiationOnlyItsNodeIsHeard) {
   a.AnswersAfter(1000);
   Starts();
   const SOCKET s = Udp();
@@ -88,8 +88,8 @@ SCENARIO_F(UdpStates, ThroughANodeOnlyItsDataPortIsHeard) {
   EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
 }
 
-// Directly it is as it was without a relay: whoever knows the port is heard, under his own name.
-SCENARIO_F(UdpStates, DirectlyAStrangerIsHeardAsHimself) {
+// Without a node: anyone who knows the port is heard, under their own address.
+SCENARIO_F(UdpStates, DirectlyAnUnknownSenderKeepsItsOwnAddress) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello", kDirect), "hello from 198.51.100.11:27015");
@@ -336,8 +336,8 @@ SCENARIO_F(UdpStates, AThirdNodeIsNotTried) {
   EXPECT_TRUE(Logged("begin direct mode"));
 }
 
-// A late answer is another negotiation's, and nobody's.
-SCENARIO_F(UdpStates, AnAnswerAfterTheLimitIsNobodys) {
+// A late answer comes during another negotiation, and is ignored.
+SCENARIO_F(UdpStates, AnAnswerAfterTheLimitIsIgnored) {
   a.AnswersAfter(5500);
   Starts();
   const SOCKET s = Udp();
@@ -358,7 +358,7 @@ SCENARIO_F(UdpStates, ANodeThatAnswersEachRequestTwiceIsHeardOnce) {
   EXPECT_EQ(Difference({"one", "two"}, Heard("A")), "");
 }
 
-// Kept: on the direct way whoever writes is heard, a node as well.
+// Kept: on the direct way every sender is heard, even a node.
 SCENARIO_F(UdpStates, AnAnswerAfterTheDirectWayHasBegunIsTheGamesToRead) {
   a.AnswersAfter(11'000);
   b.StopsAnswering();

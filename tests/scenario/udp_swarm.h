@@ -1,6 +1,5 @@
-// Random games on datagram sockets, whatever their world does to them: what each datagram of theirs
-// was, who sent it where and when, and what became of it. Used by the swarms; each brings the
-// faults of its own.
+// Random games on datagram sockets, under any faults: what each of their datagrams was, who sent it
+// where and when, and whether it arrived. Used by the swarms, each of which adds its own faults.
 //
 // VYR_SWARM_SEEDS=3000 asks for more seeds than the usual run takes.
 #pragma once
@@ -31,7 +30,7 @@ inline size_t IdOf(const std::string& text, size_t at) {
   return static_cast<size_t>(std::strtoul(text.substr(at, kIdSize).c_str(), nullptr, 10));
 }
 
-// One datagram of the game's and what became of it.
+// One of the game's datagrams and its fate.
 struct Said {
   std::string text;
   const char* ip = kServer;
@@ -151,7 +150,7 @@ class UdpSwarm : public Swarm<UdpBench> {
     if (came.from.empty() || came.from.rfind("error", 0) == 0) return;
     // A socket that has lost its relay to a second request still hears what the first has sent.
     const bool from_relay = !knows_its_relay && came.from.rfind("127.0.0.1:", 0) == 0;
-    // Kept: on the direct way whoever writes is heard, also a node with whatever it says too late.
+    // Kept: on the direct way every sender is heard, even a node that answers too late.
     const std::string from_ip = came.from.substr(0, came.from.find(':'));
     const bool from_node = from_ip == kNodeA || from_ip == kNodeB;
     if (from_node || (from_relay && came.text.substr(0, 2) != "R0")) return;

@@ -1,7 +1,7 @@
 // Random games, servers, nodes and faults on datagram sockets, one world for each seed. At stake:
 // each datagram that the game sent arrives at most once, unchanged, at the destination that it
-// named, and is lost only where the network or a rule of ours loses it; each one that the game
-// receives bears the address of the server that sent it.
+// named, and is lost only if the network or one of our rules loses it; each datagram that the game
+// receives has the address of the server that sent it.
 //
 // A failure prints its seed and the command that runs it again.
 #include "tests/scenario/udp_swarm.h"
@@ -100,7 +100,7 @@ class UdpStorm : public UdpSwarm {
   }
 };
 
-SCENARIO_F_SEEDS(UdpStorm, NoDatagramIsMisledOrRepeatedWhateverBreaks, SwarmSeeds(40)) {
+SCENARIO_F_SEEDS(UdpStorm, NoDatagramIsMisdeliveredOrRepeatedWhateverBreaks, SwarmSeeds(40)) {
   SetAllLinks([this] { return AnyLink(); });
   a.Behaves(AnyNode());
   b.Behaves(AnyNode());

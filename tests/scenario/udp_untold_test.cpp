@@ -1,7 +1,7 @@
-// Flows whose socket goes without a word to the relay: the word could not be sent, the answer came
-// too late, another thread's request had the last word, or the socket was closed while it was asked
-// for. At stake: a relay has 128 places, and a flow that nobody can use must give back its socket
-// and its node's flow once the game's own socket is gone.
+// Flows of sockets that were closed without telling the relay: the message could not be sent, the
+// answer came too late, another thread's request came last, or the socket was closed while it was
+// being asked for. At stake: a relay has 128 places, and a flow that nobody can use must release
+// its socket and its node's flow once the game's own socket is gone.
 #include "tests/scenario/udp_spied_bench.h"
 #include "tests/scenario/udp_swarm.h"
 //
@@ -48,7 +48,7 @@ class UdpUntold : public UdpSpiedBench {
     RunFor(15s);  // a flow that lives is probed within ten
     EXPECT_TRUE(RelaySent().empty()) << sent.size();
   }
-  // The same, and its node has heard the end: a flow that was accepted is not left open there.
+  // The same, and its node got the end message: a flow that was accepted is not left open there.
   void ExpectNothingLeftAnywhere() {
     ExpectNothingLeft();
     EXPECT_GT(a.Count("flow_opened"), 0u);

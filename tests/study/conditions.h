@@ -1,4 +1,4 @@
-// What is done to the player's link, and by which settings the library watches it.
+// What happens to the player's link, and the settings with which the library watches it.
 #pragma once
 #include <string>
 #include <vector>

@@ -1,4 +1,4 @@
-// One run: a game that plays through node A, and what becomes of it.
+// One run: a game that plays through node A, and its outcome.
 #pragma once
 #include <cstdint>
 #include <string>

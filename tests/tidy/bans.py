@@ -1,4 +1,4 @@
-"""Constructs and words that do not stand in a place, each with the reason."""
+"""Constructs and words that are not allowed in some place, each with the reason."""
 import dataclasses
 import re
 

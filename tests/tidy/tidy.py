@@ -3,11 +3,11 @@
 
 usage: tidy.py [--format] [ROOT]
 
-Include directions, the picture of them in README.md, banned constructs, the register of oddities, a
-README per folder, assertions on packed records, sizes of files; with --format the layout of every
-C++ file instead. Prints one line, FILE:LINE: MESSAGE, for each offence and closes with "N passed, N
-failed": a check is one rule on one file. Exit: 0 all passed, 1 something failed, 77 nothing to format
-with.
+Include directions, the picture of them in README.md, banned constructs, the names in the glossary,
+the register of oddities, a README per folder, assertions on packed records, sizes of files; with
+--format the layout of every C++ file instead. Prints one line, FILE:LINE: MESSAGE, for each offence
+and closes with "N passed, N failed": a check is one rule on one file. Exit: 0 all passed, 1 something
+failed, 77 nothing to format with.
 """
 import argparse
 import pathlib
@@ -15,6 +15,7 @@ import sys
 
 import architecture
 import bans
+import glossary
 import layers
 import oddities
 import readmes
@@ -23,7 +24,7 @@ import sizes
 import style
 import tree
 
-RULES = [layers, architecture, bans, oddities, readmes, records, sizes]
+RULES = [layers, architecture, bans, glossary, oddities, readmes, records, sizes]
 
 
 def run(rules, files, out=sys.stdout):

@@ -10,6 +10,7 @@ import unittest
 import architecture
 import bans
 import cpp
+import glossary
 import layers
 import oddities
 import readmes
@@ -204,6 +205,21 @@ class Architecture(unittest.TestCase):
         right = self.DRAWING.replaced(readme, self.DRAWING.draw(self.SOURCES))
         self.assertTrue(right.startswith("before\n") and right.endswith("\nafter\n"))
         self.assertEqual(findings(architecture, dict(self.SOURCES, **{"README.md": right})), [])
+
+
+class Glossary(unittest.TestCase):
+    def check(self, named):
+        return findings(glossary, {
+            "docs/glossary.md": f"| word | meaning of `Nothing` | where |\n| a | b | {named} |\n",
+            "src/route/route.h": "class Route { int first_; };\n"})
+
+    def test_what_is_there_passes(self):
+        self.assertEqual(self.check("`Route`, `Route::first_`, `route.h`, `src/route`, `rou*.h`"), [])
+
+    def test_what_is_not_there_is_found(self):
+        for named in ["Rout", "Route::second_", "ruote.h", "src/rout", "x*.h"]:
+            self.assertEqual(self.check(f"`{named}`"),
+                             [f"docs/glossary.md:2: no such file or name: {named}"])
 
 
 class Oddities(unittest.TestCase):

@@ -1,6 +1,6 @@
-// Which games are served, and that nothing a client leaves in the region can hurt the process
-// that reads it. The region has its real name: on one machine these tests run one at a time and
-// never beside a running client.
+// Which games are served, and that nothing a client leaves in the region can harm the process that
+// reads it. The region has its real name: on one machine these tests run one at a time and never
+// beside a running client.
 #include "route/acc_config.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Advice about switching: each row spoils one thing in tables that have nothing to be said about.
+// Advice about switching: each row spoils one thing in tables that cause no advice.
 #include "client/switch_advice.h"
 
 #include <gtest/gtest.h>
@@ -195,8 +195,8 @@ TEST(ClientAdvice, ALongRangeThatBearsALostDatagramNeedsNone) {
   EXPECT_EQ(Describe(AdviseOnSwitching(*tables)), "");
 }
 
-// To measure and not to move, or to have no datagrams to move, is nobody's mistake.
-TEST(ClientAdvice, WhoAsksForNoSwitchingIsLeftInPeace) {
+// To measure without moving, or to have no datagrams to move, is not a mistake.
+TEST(ClientAdvice, IsNotGivenWithoutSwitching) {
   auto tables = Sample();
   Game& game = tables->restriction.games[0];
   game.switch_open = game.game_link_switch_open = 0;

@@ -1,4 +1,4 @@
-// The client's configuration file: what it takes, where the bytes go, and how it refuses.
+// The client's configuration file: what it accepts, where the bytes go, and its error messages.
 #include "client/config_file.h"
 
 #include <gtest/gtest.h>

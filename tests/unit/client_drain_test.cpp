@@ -1,4 +1,4 @@
-// Reports out of their slots: each once, and no slot freed before its report is out.
+// Taking reports out of their slots: each once, and no slot released before its report is written.
 #include "client/watch/report_drain.h"
 
 #include <gtest/gtest.h>

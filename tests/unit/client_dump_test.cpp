@@ -1,4 +1,4 @@
-// What stands in the regions, written back as a file: nothing is lost on the way.
+// The content of the regions, written back as a file: nothing is lost on the way.
 #include "client/dump.h"
 
 #include <gtest/gtest.h>
@@ -213,7 +213,7 @@ TEST(ClientDump, NamesStandWhereOneNodeIsMeant) {
                       "'DECISION_DIRECT', last_node = 77 }"),
             std::string::npos)
       << DumpToml(*file.tables);
-  // A second node with the name, which no file of ours would hold: the number is shown.
+  // A second node with the name, which our own files never contain: the number is shown.
   auto& image = file.tables->route.image;
   image.proxies[1] = image.proxies[0];
   image.proxies[1].proxy_idc = 6;

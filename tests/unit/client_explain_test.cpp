@@ -83,7 +83,7 @@ TEST_F(ClientExplain, EachDestinationOfTheSampleEndsForItsOwnReason) {
 }
 
 // Blocks of the document that begin with the command hold what it prints, to the letter. Set
-// VYR_UPDATE_DOCS to write them anew.
+// VYR_UPDATE_DOCS to write them again.
 TEST_F(ClientExplain, TheDocumentShowsWhatTheProgramSays) {
   const std::string path = VYR_SOURCE_DIR "/docs/tables.md";
   std::ifstream file(path, std::ios::binary);

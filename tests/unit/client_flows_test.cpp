@@ -1,4 +1,4 @@
-// What several reports say of one flow, in words, in the book, on the screen and on the page.
+// Several reports about one flow, combined in words, in the book, on the screen and on the page.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -331,7 +331,7 @@ TEST(ClientFlowBook, IsBoundedInFlowsPointsAndMarks) {
     book.Add(DecisionReport(std::to_string(i).c_str(), kReasonAcce, 1000 + i));
   }
   EXPECT_EQ(book.flows().size(), FlowBook::kMostFlows);
-  EXPECT_EQ(book.flows().front().guid, "5");  // the ones heard of longest ago are gone
+  EXPECT_EQ(book.flows().front().guid, "5");  // the ones with the oldest news are gone
   book.Add(DecisionReport("0", kReasonAcce, 1));
   EXPECT_EQ(book.flows().size(), FlowBook::kMostFlows);
   for (uint32_t i = 1; i <= FlowBook::kMostPoints * 2; ++i) {

@@ -1,4 +1,4 @@
-// What becomes of an edit of the file that is being served.
+// How an edit of the file that is being served takes effect.
 #include "client/takeover.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// The bytes of the restriction region, as a client of another make would write them. (Offsets
-// and sizes are asserted where the records are declared.)
+// The bytes of the restriction region, as another client program would write them. (Offsets and
+// sizes are asserted where the records are declared.)
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,4 +1,4 @@
-// What the sample game makes of numbered answers and of round trips.
+// How the sample game evaluates numbered answers and round trips.
 #include "game/counts.h"
 
 #include <gtest/gtest.h>

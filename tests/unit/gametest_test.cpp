@@ -1,5 +1,5 @@
-// Acceleration by a file beside the program. What is at stake: a developer types that file, so
-// everything may stand in it, and what it does not say must not be guessed.
+// Acceleration by a file beside the program. At stake: a developer types that file, so it may
+// contain anything, and what it does not say must not be guessed.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -131,7 +131,7 @@ TEST_F(GameTester, LongTextsAreCut) {
   EXPECT_EQ(std::string(GetAccConfig()->forced_proxy.proxy_addr), std::string(31, '7'));
 }
 
-// Where each look reads the file anew this is a matter of seconds, and its last line must do.
+// If each lookup reads the file again this takes seconds, and its last line must be found.
 TEST_F(GameTester, TheLastOfTenThousandCounts) {
   std::string keys = "process_count=10000\r\n";
 #ifdef _WIN32

@@ -1,6 +1,6 @@
 // What the library shares with its host: the runtime's random numbers, its locale, its error number
 // and the processor's floating-point modes. A game draws the numbers that its seed gives, and reads
-// its own errors, whatever stands between it and its sockets.
+// its own errors, whatever is between it and its sockets.
 #include <gtest/gtest.h>
 #include <winsock2.h>
 //

@@ -1,4 +1,4 @@
-// The relay's loop without its thread: a test turns it.
+// The relay's loop without its thread: a test runs each pass.
 #pragma once
 #include <winsock2.h>
 

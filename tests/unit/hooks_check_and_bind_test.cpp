@@ -1,5 +1,5 @@
-// The local port of a game's socket. What is at stake: it is what the relay knows the connection
-// by, so it must be the port that the socket really has.
+// The local port of a game's socket. At stake: the relay recognises the connection by it, so it
+// must be the port that the socket really has.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,5 +1,5 @@
-// The replaced entries that name an address with each datagram. What is at stake: the address
-// and the datagram must reach the next provider, and its answer the game, untouched.
+// The replaced entries that name an address with each datagram. At stake: the address and the
+// datagram must reach the next provider, and its answer the game, unchanged.
 #include <gtest/gtest.h>
 
 #include <cstring>

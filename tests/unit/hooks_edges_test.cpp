@@ -1,6 +1,5 @@
-// The replaced entries at their edges, over a next provider that does as it is told. At stake:
-// nothing is read beyond what the caller says is there, and what is written about a socket is its
-// own.
+// Edge cases of the replaced entries, over a scripted next provider. At stake: nothing is read
+// beyond what the caller says is there, and what is logged about a socket is its own.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -230,7 +229,7 @@ TEST_F(HookEdges, TheLifeOfASocketIsToldAtTheLevelOfEvents) {
   }
 }
 
-// And a socket that is nobody's as a failure.
+// And a socket without a provider as a failure.
 TEST_F(HookEdges, CallsWithoutAProviderBelowAreToldAsFailures) {
   test::LogCapture log(4);
   constexpr SOCKET kUnknown = 0x999;

@@ -59,7 +59,7 @@ TEST_F(ExtensionHooks, IoctlPassesItsArguments) {
   EXPECT_EQ(log.Text(), "");
 }
 
-TEST_F(ExtensionHooks, IoctlOfAnUnknownSocketFailsWithoutAWord) {
+TEST_F(ExtensionHooks, IoctlOfAnUnknownSocketFailsSilently) {
   test::LogCapture log(0);
   error = 31;
   WSASetLastError(4711);
@@ -213,7 +213,7 @@ TEST_F(ExtensionHooks, APendingConnectExLooksTrueAndKeepsItsError) {
       log.Contains("WSPConnectEx: ret=0, err=997, dest=198.51.100.20:8080, port=0, " + tail));
 }
 
-TEST_F(ExtensionHooks, ConnectExThatCannotBeHadAnswersMinusOne) {
+TEST_F(ExtensionHooks, AMissingConnectExAnswersMinusOne) {
   test::LogCapture log(4);
   next.result = -1;
   WSASetLastError(4711);

@@ -1,6 +1,6 @@
-// Calls that go pending. What is at stake: from then on all that the call was given belongs to its
-// completion, which may run on another thread and free it before this one is back. Nothing of it
-// may be touched; the address sanitizer watches.
+// Calls that go pending. At stake: from then on the call's arguments belong to its completion,
+// which may run on another thread and free them before this one returns. None of them may be
+// touched; the address sanitizer watches.
 #include <gtest/gtest.h>
 
 #include <memory>

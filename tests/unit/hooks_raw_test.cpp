@@ -1,5 +1,5 @@
-// Raw pings through the replaced entries. What is at stake: a ping of a server that the relay
-// knows is answered here and never sent; every other call of a raw socket goes through untouched.
+// Raw pings through the replaced entries. At stake: a ping of a server that the relay knows is
+// answered here and never sent; every other call of a raw socket passes through unchanged.
 #include <gtest/gtest.h>
 
 #include <cstring>

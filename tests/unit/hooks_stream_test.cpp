@@ -1,6 +1,6 @@
-// The replaced entries that make, connect and close sockets, over a next provider that does as
-// it is told. What is at stake: a game must get its own arguments through and the next
-// provider's own answers back, whatever is written about it in the log.
+// The replaced entries that create, connect and close sockets, over a scripted next provider. At
+// stake: a game must get its own arguments through and the next provider's own answers back,
+// whatever is logged about it.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -41,7 +41,7 @@ struct StreamHooks : testing::Test {
   std::string Tail(u32 token) {
     return "socket=" + std::to_string(next.socket) + ", token=" + std::to_string(token) + "\n";
   }
-  // The call failed for want of a next provider: in both places, or in one.
+  // The call failed because it found no next provider: in both places, or in one.
   void ExpectNetDown(bool last_error_too) {
     EXPECT_EQ(error, 10050);
     EXPECT_EQ(WSAGetLastError(), last_error_too ? 10050 : 4711);

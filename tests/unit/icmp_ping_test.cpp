@@ -1,5 +1,5 @@
-// A game's raw pings, answered with forged replies. What is at stake: the bytes and the moment of
-// a reply are all that the game's ping display has, and the buffers are the game's own.
+// A game's raw pings, answered with forged replies. At stake: the bytes and the time of a reply are
+// all that the game's ping display has, and the buffers are the game's own.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -27,7 +27,7 @@ namespace {
 constexpr SOCKET kSocket = 0x4321;
 const u32 kIp = static_cast<u32>(inet_addr("198.51.100.10"));
 constexpr u32 kUnknownServerLag = 50;
-constexpr char kOld = '\xEE';  // what stands in the game's buffer
+constexpr char kOld = '\xEE';  // the previous content of the game's buffer
 
 // An echo request of that size, with payload bytes 3, 10, 17, …
 std::vector<char> Message(u32 size, u16 checksum) {
@@ -93,7 +93,7 @@ struct IcmpPing : testing::Test {
                                            static_cast<u32>(message.size()));
   }
   bool Checkin() { return Checkin(Message(64, kChecksumOf64)); }
-  // The reply that is due, empty where there is none.
+  // The reply that is due, or empty.
   std::vector<char> Checkout(u32 room = 300) {
     std::vector<char> buffer(room, kOld);
     u32 length = room;

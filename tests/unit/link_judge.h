@@ -1,5 +1,5 @@
-// A judge of a link with everything that it wants allowed, and an owner that writes down what it is
-// asked. Tests change `config` and `acc`, then say Start.
+// A judge of a link with everything that it needs enabled, and an owner that records what it is
+// asked. Tests change `config` and `acc`, then call Start.
 #pragma once
 #include <winsock2.h>
 //
@@ -108,7 +108,7 @@ class LinkJudge {
   common::u32 seq = 0;
 };
 
-// How often a text stands in another.
+// How often a text occurs in another.
 inline int CountOf(const std::string& part, const std::string& text) {
   int count = 0;
   for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))

@@ -1,5 +1,5 @@
-// When lines reach the disk, when a file starts afresh, when it stops growing; and that a log
-// nobody can write to is no trouble to the host.
+// When lines reach the disk, when a file starts afresh, when it stops growing; and that a log that
+// nobody can write to does not disturb the host.
 #include "common/log_file.h"
 
 #include <gtest/gtest.h>

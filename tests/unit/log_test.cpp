@@ -1,4 +1,4 @@
-// The shape of a log line, what a silent level costs, and that logging leaves no trace in the
+// The shape of a log line, the cost of a silent level, and that logging changes nothing in the
 // host.
 #include "common/log.h"
 
@@ -254,7 +254,7 @@ TEST(FunctionTrace, NameIsLoggedWithoutTheNamespace) {
   } const rows[] = {
       {"moru_vyr::lsp::WSPGetPeerName", "WSPGetPeerName"},
       {"moru_vyr::lsp::", "moru_vyr::lsp::"},  // 15 characters stay whole …
-      {"abcdefghijklmn:", "abcdefghijklmn:"},  // … whatever stands in front of the end
+      {"abcdefghijklmn:", "abcdefghijklmn:"},  // … whatever comes before the end
       {"abcdefghijklmn:o", "o"},               // the colon alone decides
       {"TcpProvider::OnCreateLocalServer", "TcpProvider::OnCreateLocalServer"},
       {"", ""},

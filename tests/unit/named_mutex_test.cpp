@@ -1,4 +1,4 @@
-// A mutex shared by name. Other processes are played by other threads: ownership is a thread's.
+// A mutex shared by name. Threads stand in for other processes: a mutex is owned by a thread.
 #include "common/named_mutex.h"
 
 #include <gtest/gtest.h>
@@ -76,7 +76,7 @@ TEST(NamedMutex, TryLockRefusesWhatADeadOwnerLeftOnce) {
   mutex.unlock();
 }
 
-// An event of that name stands in the way: the mutex does not exist, and nobody hangs.
+// An event has that name: the mutex does not exist, and nobody hangs.
 TEST(NamedMutex, WithoutAMutexEveryCallReturnsAtOnce) {
   const std::string name = Name("event");
   const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, name.c_str());

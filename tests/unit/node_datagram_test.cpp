@@ -1,5 +1,5 @@
-// How the node reads and writes the datagrams of a flow, what it makes of their numbers, and the
-// chance that they meet.
+// How the node reads and writes the datagrams of a flow, how it evaluates their numbers, and its
+// random impairments.
 #include "node/datagram.h"
 
 #include <gtest/gtest.h>
@@ -284,7 +284,7 @@ TEST(NodeLossMeter, OneDatagramAtAGamesPaceIsOnePercent) {
   }
 }
 
-TEST(NodeLossMeter, DoublesAndStragglersAreNoLossAndNoGain) {
+TEST(NodeLossMeter, DuplicatesAndLateDatagramsAreNoLossAndNoGain) {
   LossMeter meter;
   u64 now = 0;
   for (u32 i = 0; i < 300; i += 2, now += 20) {

@@ -1,4 +1,4 @@
-// The node reads requests from strangers, in pieces of any size, strictly.
+// The node reads untrusted requests, in pieces of any size, strictly.
 #include <gtest/gtest.h>
 
 #include <algorithm>

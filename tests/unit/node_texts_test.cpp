@@ -1,5 +1,5 @@
-// What the node understands and says besides its protocol: addresses, behaviours, commands,
-// events; and its answers, read by a decoder that shares nothing with it.
+// The node's interfaces besides its protocol: addresses, behaviours, commands, events; and its
+// answers, read by a decoder that shares no code with it.
 #include <gtest/gtest.h>
 
 #include "node/answer.h"

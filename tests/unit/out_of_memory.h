@@ -1,6 +1,5 @@
-// A thread that gets no memory. While one of these lives, its thread's allocations of at least
-// `smallest` bytes fail from the n-th on; other threads are not concerned. What is allocated by
-// malloc is not either.
+// A thread without memory. While one of these lives, its thread's allocations of at least
+// `smallest` bytes fail from the n-th on; other threads are not affected, and neither is malloc.
 #pragma once
 #include <cstddef>
 

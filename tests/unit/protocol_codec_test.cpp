@@ -1,5 +1,5 @@
-// What the codecs refuse, with which number, and what they leave as it was. The bytes come from
-// strangers: every length of every record is tried.
+// What the codecs refuse, with which number, and what they leave unchanged. The bytes are
+// untrusted: every length of every record is tried.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // The codecs against the second reader, and against themselves: whatever the fields hold, and
-// whatever a stranger does to the bytes, both readers see the same.
+// however the bytes are damaged, both readers see the same.
 #include <gtest/gtest.h>
 #include <winsock2.h>
 
@@ -181,7 +181,7 @@ TEST(ProtocolDecoder, PartsOfRecordsRoundTripInPlace) {
   }
 }
 
-// --- what a stranger may send ---------------------------------------------------------------
+// --- what anyone may send -------------------------------------------------------------------
 
 Bytes Damaged(Bytes bytes, Random* random) {
   for (u32 changes = (*random)() % 4; changes > 0; --changes) {

@@ -1,5 +1,5 @@
-// Every record in every version against bytes that were written down by hand: those of
-// docs/wire.md, section 7. Nodes of other makers read them, so a byte that moves breaks everyone.
+// Every record in every version against bytes that were written by hand: those of docs/wire.md,
+// section 7. Other implementations of nodes read them, so a byte that moves breaks everyone.
 #include <gtest/gtest.h>
 
 #include <cstring>

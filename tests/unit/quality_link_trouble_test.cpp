@@ -1,5 +1,5 @@
-// When traffic calls for a burst of probes. At stake: a link in trouble is looked at, and a code
-// that stands for a loss that nobody knows is not taken for one.
+// When traffic calls for a burst of probes. At stake: a link in trouble is tested, and a code for
+// an unknown loss is not taken for a loss.
 #include "quality/link_trouble.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Losses from sequence numbers: what is expected, what counts, and when it is looked at. A wrong
+// Losses from sequence numbers: what is expected, what counts, and when it is evaluated. A wrong
 // percentage here moves a game that plays well to another node, or leaves it on a dead one.
 #include "quality/lost_calc.h"
 
@@ -298,7 +298,7 @@ TEST(LostCalc, SumsTheResultsOfClosedSlots) {
   EXPECT_EQ(calc.lost_accum_count(), 2u);
 }
 
-// A node that starts anew, or the link after a switch. Arrivals below everything are not seen,
+// A node that starts again, or the link after a switch. Arrivals below everything are not seen,
 // until they have passed the old numbers; sends lower the base of their slot and make it very wide.
 TEST(LostCalc, NumbersThatStartAgainAreMisunderstood) {
   Calc arrivals(kArrivals, 2);

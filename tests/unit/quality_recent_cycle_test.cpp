@@ -1,4 +1,4 @@
-// The truncating arithmetic of recent delays, wherever it is built. What depends on the clock is
+// The truncating arithmetic of recent delays, on every platform. What depends on the clock is
 // tested where the clock can be moved.
 #include "quality/real_route_recent_cycle_data.h"
 

@@ -1,5 +1,5 @@
-// The judge of a link: whom it judges, what makes it speak, and to whom. A wrong word costs a game
-// a healthy link, or leaves it on a dead one.
+// The judge of a link: which links it judges, what makes it report, and to whom. A wrong verdict
+// costs a game a healthy link, or leaves it on a dead one.
 #include "quality/recovery_switch.h"
 
 #include "tests/unit/link_judge.h"
@@ -167,7 +167,7 @@ TEST(RecoverySwitch, WithNoReportAllowedNothingIsEverChecked) {
   EXPECT_EQ(CountOf(kReportLine, log.Text()), 0);
 }
 
-// 9999 stands for a delay that was not measured.
+// 9999 means a delay that was not measured.
 TEST(RecoverySwitch, HighDelaysMakeItReport) {
   struct Case {
     u32 amp, avg;
@@ -441,7 +441,7 @@ TEST(RecoverySwitch, ASingleRelayHasNoFrontSection) {
   link.judge.UpdateRecoveryInfo();
   EXPECT_TRUE(log.Contains("rs info=0-0-0-0-80-4-0-0-0-0-0-0-0-0-0, link type=1"));
   EXPECT_TRUE(log.Contains("rs recovery switch info=0-0-0-0-80-4-0-0-0-0-0-0-0-0-0"));
-  EXPECT_EQ(link.RealRouteLost(), 80);  // reads both sections anew
+  EXPECT_EQ(link.RealRouteLost(), 80);  // reads both sections again
   link.judge.TryFireRealRouteLost();
   ASSERT_EQ(link.owner.fired.size(), 1u);
   EXPECT_STREQ(link.owner.fired[0].fe_be, "0-0-0-0;80-4-0-0");

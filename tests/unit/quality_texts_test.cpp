@@ -1,5 +1,5 @@
-// What the measuring of a link says of itself: thresholds with their floors, figures of delays and
-// the texts of reports.
+// The texts of link measurement: thresholds with their minimum values, figures of delays and the
+// texts of reports.
 #include <winsock2.h>
 
 #include <gtest/gtest.h>

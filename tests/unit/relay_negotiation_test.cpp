@@ -1,5 +1,6 @@
-// The exchange with a node over a real stream. What is at stake: a node that says anything but a
-// whole, good answer must cost the game one attempt, and never more than the record's own bytes.
+// The exchange with a node over a real stream. At stake: a node that sends anything but a complete,
+// good answer may cost the game one attempt, and must never cause a read beyond the record's own
+// bytes.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,5 +1,5 @@
-// The class tree between the worker's loop and a provider, and the provider of streams as far as
-// it needs no network: how it starts and ends, and what it does for strangers.
+// The classes between the worker's loop and a provider, and the TCP provider as far as it needs no
+// network: how it starts and ends, and how it treats unknown connections.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -143,7 +143,7 @@ struct StreamProvider : testing::Test {
     provider.GetLocalAddr(&address);
     return address.sin_port;
   }
-  // What stands behind those words, to the line's end.
+  // The text after those words, to the line's end.
   static std::string LineWith(const test::LogCapture& log, const std::string& words) {
     const std::string text = log.Text();
     const std::size_t at = text.find(words);
@@ -241,7 +241,7 @@ TEST_F(StreamProvider, ASecondRequestForAPortIsDropped) {
   EXPECT_EQ(text.find("CreateNewSession succeed, socket=77, token=2"), std::string::npos);
 }
 
-TEST_F(StreamProvider, AStrangerIsAcceptedAndClosedAndTheNextOneToo) {
+TEST_F(StreamProvider, AnUnknownConnectionIsAcceptedAndClosedAndTheNextOneToo) {
   ASSERT_TRUE(Request(htons(1), "198.51.100.10", 1));
   test::LogCapture log(4);
   for (int i = 0; i < 2; ++i) {
@@ -254,7 +254,7 @@ TEST_F(StreamProvider, AStrangerIsAcceptedAndClosedAndTheNextOneToo) {
   }
 }
 
-// The server is one of ours on the loopback interface; bytes go both ways, and the first request
+// The server is the test's own on the loopback interface; bytes go both ways, and the first request
 // for a port is the one that counts.
 TEST_F(StreamProvider, AnAcceptedConnectionReachesItsServer) {
   test::LogCapture log(4);

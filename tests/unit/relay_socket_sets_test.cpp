@@ -1,5 +1,5 @@
-// The sockets that the worker polls. What is at stake: an event must reach the delegate of the
-// socket that it happened to, once, in the order that the relay is built on.
+// The sockets that the worker polls. At stake: an event must reach the delegate of its socket,
+// once, in the order that the relay depends on.
 #include "relay/socket_sets.h"
 
 #include <gtest/gtest.h>
@@ -66,7 +66,7 @@ TEST_F(SocketSetsTest, ReadsComeFirstInTheOrderOfAddingThenWrites) {
             (Events{Event("read", a), Event("read", b), Event("write", idle), Event("write", a)}));
 }
 
-TEST_F(SocketSetsTest, AWishToWriteCountsOnce) {
+TEST_F(SocketSetsTest, AWriteRequestCountsOnce) {
   const SOCKET s = Idle();
   EXPECT_EQ(sets.EnableWrite(s, true), 0u);  // not added yet: nothing
   sets.Add(s, &recorder);
@@ -80,7 +80,7 @@ TEST_F(SocketSetsTest, AWishToWriteCountsOnce) {
   EXPECT_EQ(Poll(), 0);
 }
 
-TEST_F(SocketSetsTest, AWishMadeWhileAWriteIsServedStays) {
+TEST_F(SocketSetsTest, AWriteRequestMadeWhileAWriteIsServedStays) {
   const SOCKET s = Idle();
   sets.Add(s, &recorder);
   sets.EnableWrite(s, true);
@@ -120,7 +120,7 @@ TEST_F(SocketSetsTest, ARemovedSocketGetsNothingMoreOfThePass) {
 }
 
 // The value of a socket that was closed can come back at once, for a new one. It has not been
-// polled; what happened to the old one is none of its business, and its wish to write stands.
+// polled; what happened to the old one does not concern it, and its own request to write stays.
 TEST_F(SocketSetsTest, AValueThatComesBackWaitsForTheNextPass) {
   const SOCKET s = Ready(), trigger = Ready();
   Recorder renewed;

@@ -1,4 +1,4 @@
-// The report channels as a client of another make knows them: by these texts and numbers alone.
+// The report channels as other client programs know them: by these texts and numbers alone.
 #include "abi/report_channels.h"
 
 #include <gtest/gtest.h>

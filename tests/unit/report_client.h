@@ -1,5 +1,5 @@
-// The client program's side of the seven report channels: regions as it makes them, with every
-// slot free, and what stands in them afterwards.
+// The client program's side of the seven report channels: regions as it creates them, with every
+// slot free, and their content afterwards.
 #pragma once
 #include <cstring>
 #include <string>

@@ -1,4 +1,4 @@
-// Every report, byte for byte, as a client of another make finds it in its region.
+// Every report, byte for byte, as another client program finds it in its region.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,5 +1,5 @@
-// How a report gets into its channel: the lowest free slot, or not at all. Whatever keeps a report
-// out loses that report and leaves everything else as it was.
+// How a report gets into its channel: into the lowest free slot, or not at all. Whatever prevents a
+// report loses that report and leaves everything else unchanged.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -25,7 +25,7 @@ struct Report {
   const char* name;
   const ReportChannel* channel;
   std::function<void(u32 mark)> make;  // a report with that number in it
-  std::size_t mark_at;                 // where the number stands in a slot
+  std::size_t mark_at;                 // the offset of the number in a slot
   std::string no_region;               // what the log says, and at which level
   std::string full;
   std::string success;

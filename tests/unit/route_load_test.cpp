@@ -1,4 +1,4 @@
-// The start, with its tries, and the beat on which a new spur list is picked up.
+// The loading of the tables with its attempts, and the interval at which a new spur list is loaded.
 #include <gtest/gtest.h>
 
 #include <memory>

@@ -178,7 +178,7 @@ TEST_F(RelayQuestion, AllPortsAdmitEveryDestinationWithAnAddressAndAPort) {
   EXPECT_TRUE(Need("203.0.113.1", 0)) << "the IP table needs no port";
 }
 
-TEST_F(RelayQuestion, ProxiesAndTheRouteTableAreNobodysBusinessHere) {
+TEST_F(RelayQuestion, ProxiesAndTheRouteTableDoNotMatterHere) {
   LoadIps({{1001, Ip("203.0.113.9")}});
   test::AddProxy(image, 9, "203.0.113.9");
   Publish();

@@ -1,4 +1,4 @@
-// Where the route table comes from, and what of it can be believed.
+// Where the route table comes from, and how much of it can be trusted.
 #include "route/route_table.h"
 
 #include <gtest/gtest.h>

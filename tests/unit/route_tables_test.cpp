@@ -1,4 +1,5 @@
-// The IP table, the spur list, the blacklist and the port map: what of their regions counts.
+// The IP table, the spur list, the blacklist and the port map: which records of their regions
+// count.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -224,7 +225,7 @@ TEST_F(RouteTables, SpurRegionIsReadAtEachLoad) {
   EXPECT_TRUE(IsFree(kSpurMutexName));
 }
 
-TEST_F(RouteTables, SpurListIsReplacedUnderTheEyesOfItsReaders) {
+TEST_F(RouteTables, SpurListIsReplacedWhileItIsRead) {
   common::SetLogThreshold(6);
   auto odd = std::make_unique<SpurRegion>();
   auto even = std::make_unique<SpurRegion>();

@@ -1,6 +1,6 @@
-// A next provider that does as it is told and remembers every call with all its arguments.
+// A next provider that does what the test says and remembers every call with all its arguments.
 //
-// One at a time, on one thread. While it lives it stands in the TCP, UDP and raw slots of the
+// One at a time, on one thread. While it lives it occupies the TCP, UDP and raw slots of the
 // process, so that sockets made through the replaced entries reach it.
 #pragma once
 #include <winsock2.h>

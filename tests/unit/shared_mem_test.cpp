@@ -1,5 +1,5 @@
-// Records in named shared memory: who makes them, which copy one sees, what is refused, and when
-// the mutex is held. Other processes are played by other objects and threads.
+// Records in named shared memory: who creates them, which copy a reader sees, what is refused, and
+// when the mutex is held. Other objects and threads stand in for other processes.
 #include "common/shared_mem_obj.h"
 
 #include <gtest/gtest.h>

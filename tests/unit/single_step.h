@@ -20,7 +20,7 @@
 
 namespace test {
 
-// False where steps cannot be had; the thread sanitizer keeps their signals to itself.
+// False where single steps are not possible; the thread sanitizer keeps their signals to itself.
 inline bool CanStep() {
 #if defined(_WIN32)
   return true;

@@ -1,5 +1,5 @@
-// Records of sockets whose values come back. At stake: what the relay says after a wait is meant
-// for the socket that asked, and for no other under the same value.
+// Records of sockets whose values are reused. At stake: what the relay says after a wait applies to
+// the socket that asked, and to no other with the same value.
 #include <gtest/gtest.h>
 
 #include "sockets/socket_map.h"

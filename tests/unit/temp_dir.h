@@ -71,7 +71,7 @@ inline bool FileExists(const std::string& path) {
   return GetFileAttributesW(Wide(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-// Also of a file that someone still writes. -1 where there is none.
+// Even of a file that someone still writes. -1 if there is none.
 inline long long FileSize(const std::string& path) {
   const HANDLE file =
       CreateFileW(Wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,

@@ -1,4 +1,4 @@
-// Conversions, bounded formatting, and the small spellings that log lines and reports use.
+// Conversions, bounded formatting, and the spellings that log lines and reports use.
 #include "common/text.h"
 
 #include <gtest/gtest.h>

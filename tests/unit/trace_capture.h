@@ -1,6 +1,6 @@
-// What the debugger output got while this object lived. One at a time.
+// The debugger output during this object's life. One at a time.
 //
-// On Windows the text is taken from the exception by which OutputDebugStringA hands it to a
+// On Windows the text is taken from the exception with which OutputDebugStringA passes it to a
 // debugger, elsewhere from the port's sink.
 #pragma once
 #include <winsock2.h>

@@ -1,4 +1,4 @@
-// A Tracker of the test's own, fed as the relay's worker feeds it, and decisions to feed it with.
+// A Tracker owned by the test, fed as the relay's worker feeds it, and decisions to feed it with.
 #pragma once
 #include <gtest/gtest.h>
 

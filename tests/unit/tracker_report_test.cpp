@@ -1,5 +1,5 @@
-// Each socket's way through the channels: what the client program has in the end, from real
-// threads. What depends on time stands in the scenarios.
+// Each socket's way through the channels: what the client program has in the end, with real
+// threads. What depends on time is tested in the scenarios.
 #include <gtest/gtest.h>
 
 #include "common/process_info.h"

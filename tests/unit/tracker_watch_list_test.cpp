@@ -1,4 +1,4 @@
-// What the Tracker keeps of a socket, call by call.
+// What the Tracker stores about a socket, call by call.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -280,7 +280,7 @@ TEST_F(WatchList, StoredProbeFiguresComeBackWithTheirLoss) {
 
 // --- sockets that are not watched -------------------------------------------------------------
 
-TEST_F(WatchList, UnknownSocketsAreNobodysBusiness) {
+TEST_F(WatchList, UnknownSocketsAreIgnored) {
   const test::LogCapture log(0);
   SpeedStats stats;
   u32 sent = 4, received = 4;

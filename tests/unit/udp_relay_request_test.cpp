@@ -1,6 +1,6 @@
-// What a datagram socket says to the relay's control port, over a next provider that does as it is
-// told. At stake: the relay takes nothing but the exact message, from the socket itself, and
-// whatever becomes of it the game's call goes on.
+// What a datagram socket tells the relay's control port, over a scripted next provider. At stake:
+// the relay accepts nothing but the exact message, from the socket itself, and whatever the outcome
+// is, the game's call goes on.
 #include "hooks/udp_relay_request.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// Sockets that went without a word to the relay. At stake: each is ended once, also where its
-// session comes later than the note of its end, and notes that concern nobody do not pile up.
+// Sockets that were closed without telling the relay. At stake: each is ended once, even if its
+// session comes later than the note of its end, and notes about no session do not accumulate.
 #include "udp/untold_ends.h"
 
 #include <gtest/gtest.h>

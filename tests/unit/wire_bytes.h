@@ -1,4 +1,4 @@
-// Bytes of the wire as a person writes them down, and as a failed test prints them.
+// Bytes of the wire as a person writes them, and as a failed test prints them.
 #pragma once
 #include <cctype>
 #include <cstddef>

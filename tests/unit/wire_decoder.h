@@ -28,7 +28,7 @@ struct PreviousNode {
 
 struct Opening {
   std::uint16_t declared_length = 0;  // of the whole record, this opening included
-  std::uint16_t version = 0;          // as it stands in the bytes, also 0 and above 3
+  std::uint16_t version = 0;          // as it is in the bytes, even 0 or above 3
   std::uint16_t reserved = 0;
 };
 

@@ -8,7 +8,7 @@ namespace client {
 
 std::string_view PageTemplate();
 
-// Both empty where the chart library was not to be had when this was built.
+// Both empty if the chart library was missing when this was built.
 std::string_view ChartScript();
 std::string_view ChartStyle();
 

@@ -18,12 +18,12 @@ namespace client {
 
 class ReportDrain {
  public:
-  // What waits at this moment, channel by channel, each in the order of its slots. A region that
-  // nobody has made is passed over, and so is one whose mutex is not to be had within that time.
+  // The reports that wait now, channel by channel, each in the order of its slots. A region that
+  // nobody has created is skipped, and so is one whose mutex is not free within that time.
   std::vector<Report> Take(unsigned wait_ms);
 
-  // Frees the slots of reports that have been written out. What has changed there since is no
-  // longer the report that was taken, and stays. Slots whose mutex is not to be had within that
+  // Frees the slots of reports that have been written out. A slot that has changed since is no
+  // longer the report that was taken, and stays. Slots whose mutex is not free within that
   // time are freed by a later call; their reports are not taken twice.
   void GiveBack(std::vector<Report> reports, unsigned wait_ms);
 

@@ -1,5 +1,5 @@
-// What a process has at a moment: threads, handles by kind, sockets, thread-local slots, memory. To
-// be compared with what it has later.
+// What a process has at one moment: threads, handles by kind, sockets, thread-local slots, memory.
+// To be compared with what it has later.
 #pragma once
 
 #include <winsock2.h>

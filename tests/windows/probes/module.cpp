@@ -1,4 +1,4 @@
-// A program's DLL that does the talking.
+// A program's DLL that makes the calls.
 #include "plain_work.h"
 
 extern "C" __declspec(dllexport) void TalkFromModule(const sockaddr_in* server) {
