@@ -49,7 +49,6 @@ void IpTable::LoadIpTableFromMem(const IpTableRegion& region) {
     if (VipLevelOf(record.game_idc) == level) records.push_back({record.ip, record.game_idc});
   }
   IpIdcMap(records).swap(ip_table_);
-  iptable_word_ = region.iptable_word;
   LSP_LOG(5, "[Route][LoadIpTableFromMem] success ip count(%d), level=%lu!",
           static_cast<int>(ip_table_.size()), static_cast<unsigned long>(level));
 }

@@ -53,7 +53,7 @@ class TcpProvider final : public NetProvider {
   void OnUpdate(u32 elapsed_ms) noexcept override;
 
  private:
-  bool CreateNewSession(SOCKET socket, u16 port, const sockaddr_in& addr, u32 token) noexcept;
+  bool CreateNewSession(u16 port, const sockaddr_in& addr, u32 token) noexcept;
   bool AddLocalAddr(u16 port) noexcept;
   TcpSession* Adopt(u16 peer_port) noexcept;
   TcpSession* FindByLocalSocket(SOCKET socket) const noexcept;

@@ -20,8 +20,7 @@ u32 Verdict(bool keep) noexcept { return keep ? kKeepSession : kCloseSession; }
 TcpSession::TcpSession(TcpProvider* provider, u32 token) noexcept
     : token_(token), guid_(SessionGuid::Make()), provider_(provider) {}
 
-void TcpSession::SetGame(SOCKET socket, u16 port, const sockaddr_in& server) noexcept {
-  game_socket_ = socket;
+void TcpSession::SetGame(u16 port, const sockaddr_in& server) noexcept {
   game_socket_port_ = port;
   game_ip_ = server.sin_addr.s_addr;
   game_port_ = server.sin_port;
