@@ -53,12 +53,6 @@ struct SocketQosRecord {
   u32 user_isp = 0;
   u32 user_ip = 0;  // network byte order
 
-  // Kept: a watch over a socket's errors that nothing ever turns on.
-  u32 error_watch_on = 0;
-  u32 error_watch_mask = 0;
-  u32 error_watch_ms = 0;
-  u32 error_flags = 0;
-
   bool is_acce = false;
   bool continuous = false;  // the socket is open
   char series_code[65] = {};

@@ -7,7 +7,7 @@
 #include "common/text.h"
 #include "route/acc_config.h"
 #include "tests/unit/report_client.h"
-#include "tracker/tracker_impl.h"
+#include "tracker/tracker.h"
 
 namespace test {
 
@@ -41,6 +41,12 @@ inline moru_vyr::lsp::AccDecisionInfo SomeDecision(const std::string& guid = "gu
   return decision;
 }
 
+// The address of a value that is made for one call.
+template <class T>
+const T* At(const T& value) {
+  return &value;
+}
+
 class TrackerTest : public testing::Test {
  protected:
   TrackerTest() {
@@ -62,8 +68,8 @@ class TrackerTest : public testing::Test {
                       u32 type = moru_vyr::lsp::kTrackUdp) {
     const auto decision = SomeDecision(guid);
     tracker.AddToWatchList(socket, type, kToken);
-    tracker.SetAcceInfo(socket, true, decision);
-    tracker.RecordNegSuccess(socket, 9, 0x0a0b0c0d, 21, 0x05060708, decision);
+    tracker.SetAcceInfo(socket, true, &decision);
+    tracker.RecordNegSuccess(socket, 9, 0x0a0b0c0d, 21, 0x05060708, &decision);
   }
   // Has everything that waits reported, and the thread gone.
   void ReportAll() {

@@ -11,6 +11,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
+using test::At;
 using test::kSocket;
 using test::kToken;
 using test::SomeDecision;
@@ -163,7 +164,7 @@ TEST_F(WatchList, GameServerIsKeptAsTextWithItsPortInHostOrder) {
 TEST_F(WatchList, AccelerationBringsTheProxysFigures) {
   tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
   const test::LogCapture log(0);
-  tracker.SetAcceInfo(kSocket, true, SomeDecision());
+  tracker.SetAcceInfo(kSocket, true, At(SomeDecision()));
   const SocketQosRecord& r = Record();
   EXPECT_TRUE(r.is_acce);
   EXPECT_EQ(r.game_idc, 11u);
@@ -186,7 +187,7 @@ TEST_F(WatchList, AccelerationBringsTheProxysFigures) {
 TEST_F(WatchList, DirectSocketHasNoProxyWhateverTheDecisionNames) {
   tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
   const test::LogCapture log(0);
-  tracker.SetAcceInfo(kSocket, false, SomeDecision());
+  tracker.SetAcceInfo(kSocket, false, At(SomeDecision()));
   EXPECT_FALSE(Record().is_acce);
   EXPECT_EQ(Record().game_idc, 11u);
   EXPECT_EQ(Record().guid, "guid");
@@ -204,21 +205,21 @@ TEST_F(WatchList, TextsWithoutAnEndAreCut) {
   std::memset(decision.selected_proxy.proxy_addr, '9', sizeof decision.selected_proxy.proxy_addr);
   std::memset(decision.guid, 'g', sizeof decision.guid);
   tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
-  tracker.SetAcceInfo(kSocket, true, decision);
+  tracker.SetAcceInfo(kSocket, true, &decision);
   EXPECT_EQ(std::string(Record().proxy_ip), std::string(31, '9'));
   EXPECT_EQ(Record().guid, std::string(65, 'g'));
 }
 
 TEST_F(WatchList, SuccessTakesTheProxyThatAgreed) {
   tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
-  tracker.SetAcceInfo(kSocket, true, SomeDecision());
-  tracker.RecordNegFailed(kSocket, 0, 202, SomeDecision(), 1, 1);
+  tracker.SetAcceInfo(kSocket, true, At(SomeDecision()));
+  tracker.RecordNegFailed(kSocket, 0, 202, At(SomeDecision()), 1, 1);
   EXPECT_EQ(Record().nego_result, 202u);
   EXPECT_FALSE(Record().nego_success);
   AccDecisionInfo decision = SomeDecision();
   decision.selected_proxy.proxy_idc = 22;
   const test::LogCapture log(0);
-  tracker.RecordNegSuccess(kSocket, 9, 0x0a0b0c0d, 21, 0, decision);
+  tracker.RecordNegSuccess(kSocket, 9, 0x0a0b0c0d, 21, 0, &decision);
   EXPECT_TRUE(Record().nego_success);
   EXPECT_EQ(Record().nego_result, 0u);
   EXPECT_EQ(Record().user_isp, 9u);
@@ -227,7 +228,7 @@ TEST_F(WatchList, SuccessTakesTheProxyThatAgreed) {
   EXPECT_TRUE(log.Contains("[Tracker] Nego Success socket=77, token=5, type=1\n")) << log.Text();
   EXPECT_TRUE(
       log.Contains("[Tracker] decision info(will acce) qos submitted, socket=77, token=5\n"));
-  tracker.RecordNegFailed(kSocket, 0, 5, decision, 1, 2);
+  tracker.RecordNegFailed(kSocket, 0, 5, &decision, 1, 2);
   EXPECT_FALSE(Record().nego_success);
   EXPECT_TRUE(
       log.Contains("[Tracker] RecordNegFailed socket=77, neg_type=0, nego_result=5, token=5\n"));
@@ -267,7 +268,7 @@ TEST_F(WatchList, StoredProbeFiguresComeBackWithTheirLoss) {
     stats.backend.last_send_tick = GetTickCount();
     stats.topology_type = 2;
     stats.speed_test_word = 8;
-    ASSERT_TRUE(tracker.SetSpeedTestResult(kSocket, stats));
+    ASSERT_TRUE(tracker.SetSpeedTestResult(kSocket, &stats));
     SpeedStats found;
     ASSERT_TRUE(tracker.GetSpeedTestResult(kSocket, &found));
     EXPECT_DOUBLE_EQ(found.frontend.lost_avg, row.lost) << row.sent << " " << row.received;
@@ -285,14 +286,14 @@ TEST_F(WatchList, UnknownSocketsAreNobodysBusiness) {
   SpeedStats stats;
   u32 sent = 4, received = 4;
   tracker.NoteGameServer(kSocket, "198.51.100.10", 1);
-  tracker.RecordNegSuccess(kSocket, 1, 1, 1, 1, SomeDecision());
-  tracker.RecordNegFailed(kSocket, 0, 202, SomeDecision(), 1, 1);
+  tracker.RecordNegSuccess(kSocket, 1, 1, 1, 1, At(SomeDecision()));
+  tracker.RecordNegFailed(kSocket, 0, 202, At(SomeDecision()), 1, 1);
   tracker.SetConnectResult(kSocket, -1);
   tracker.RecordSend(kSocket, 1, 0);
   tracker.RecordRecv(kSocket, 1, 0);
   tracker.RemoveFromWatchList(kSocket);
   EXPECT_FALSE(tracker.GetSpeedTestResult(kSocket, &stats));
-  EXPECT_FALSE(tracker.SetSpeedTestResult(kSocket, stats));
+  EXPECT_FALSE(tracker.SetSpeedTestResult(kSocket, &stats));
   EXPECT_FALSE(tracker.GetPacketCounts(kSocket, &sent, &received));
   EXPECT_EQ(sent + received, 8u);
   EXPECT_EQ(tracker.Find(kSocket), nullptr);
@@ -301,7 +302,7 @@ TEST_F(WatchList, UnknownSocketsAreNobodysBusiness) {
 
 TEST_F(WatchList, OnlyTwoOperationsSayThatTheSocketIsUnknown) {
   const test::LogCapture log(4);
-  tracker.SetAcceInfo(kSocket, false, SomeDecision());
+  tracker.SetAcceInfo(kSocket, false, At(SomeDecision()));
   tracker.SetRecoveryInfo(kSocket, "x");
   EXPECT_TRUE(log.Contains("[Tracker] set acce can not find socket\n"));
   EXPECT_TRUE(log.Contains("[Tracker] set recovery can not find socket\n"));
@@ -371,9 +372,9 @@ TEST_F(WatchList, EndOfASocketThatIsNotAcceleratedIsIgnored) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
-    if (row.agreed) tracker.RecordNegSuccess(kSocket, 1, 1, 1, 1, SomeDecision());
-    if (row.decided) tracker.SetAcceInfo(kSocket, row.is_acce, SomeDecision());
-    if (row.is_acce) tracker.RecordNegFailed(kSocket, 0, 202, SomeDecision(), 1, 1);
+    if (row.agreed) tracker.RecordNegSuccess(kSocket, 1, 1, 1, 1, At(SomeDecision()));
+    if (row.decided) tracker.SetAcceInfo(kSocket, row.is_acce, At(SomeDecision()));
+    if (row.is_acce) tracker.RecordNegFailed(kSocket, 0, 202, At(SomeDecision()), 1, 1);
     const test::LogCapture log(0);
     tracker.RemoveFromWatchList(kSocket);
     EXPECT_TRUE(log.Contains("[Tracker] direct final comm info ignored, socket=77, token=5\n"));
