@@ -88,8 +88,9 @@ class SessionByHand : public test::RoutePolicy {
   void Answer(SOCKET node_end) {
     NegoResponse response;
     response.body.client_isp = 1;
-    response.Pack(nullptr, 0, 3);
-    ASSERT_EQ(send(node_end, reinterpret_cast<const char*>(&response), sizeof response, 0), 41);
+    u8 wire[sizeof response];
+    response.Pack(wire);
+    ASSERT_EQ(send(node_end, reinterpret_cast<const char*>(wire), sizeof wire, 0), 41);
     ASSERT_TRUE(TurnUntil("[TCP]Negotiation is successful"));
   }
 

@@ -18,8 +18,13 @@ constexpr int kOtherPorts = 200;  // as well
 
 template <class Record>
 std::string Bytes(Record record) {
-  record.Pack(nullptr, 0, 0);
-  return {reinterpret_cast<const char*>(&record), sizeof record};
+  u8 bytes[sizeof record];
+  record.Pack(bytes);
+  return {reinterpret_cast<const char*>(bytes), sizeof bytes};
+}
+
+std::span<const u8> Wire(const std::string& bytes) {
+  return {reinterpret_cast<const u8*>(bytes.data()), bytes.size()};
 }
 
 // Empty: nothing is there.
@@ -94,7 +99,7 @@ bool ScriptedNode::IsAsked() {
   const std::string bytes = Take(nego_, &asker_);
   if (bytes.empty()) return false;
   EXPECT_EQ(bytes.size(), sizeof request);
-  EXPECT_GT(request.Unpack(bytes.data(), static_cast<u32>(bytes.size())), 0);
+  EXPECT_GT(request.Unpack(Wire(bytes)), 0);
   peer_ = asker_;
   return true;
 }
@@ -128,7 +133,7 @@ std::vector<Wrapped> ScriptedNode::Takes() {
   std::vector<Wrapped> all;
   for (std::string bytes; !(bytes = Take(data_, &peer_)).empty();) {
     UdpAcclHeader header;
-    EXPECT_EQ(header.Unpack(bytes.data(), static_cast<u32>(bytes.size())), 20);
+    EXPECT_EQ(header.Unpack(Wire(bytes)), 20);
     all.push_back({header.flags, header.lost, header.seq, header.accl_token, ""});
     if (all.back().IsData()) all.back().payload = bytes.substr(sizeof header);
     if (all.back().IsProbe()) probes_.push_back(bytes);
@@ -172,10 +177,9 @@ std::string ScriptedNode::LateProbeAnswer(u32 seq, u32 delay_ms) const {
   package.header.flags = kUdpAcclSpeedTest;
   package.header.seq = seq;
   package.header.accl_token = accl_token;
-  package.header.Pack(nullptr, 0, 0);
   package.payload.seq = seq;
   package.payload.send_time = common::UnixTimeMs() - delay_ms;
-  return {reinterpret_cast<const char*>(&package), sizeof package};
+  return Bytes(package);
 }
 
 void ScriptedNode::SendsData(const std::string& text, u32 seq, u8 lost) {

@@ -47,7 +47,7 @@ NegoResponse GoodAnswer() {
 
 std::string Wire(NegoResponse answer, u32 version = 3) {
   u8 bytes[sizeof answer];
-  const int size = answer.Pack(bytes, sizeof bytes, version);
+  const int size = answer.Pack(bytes, version);
   return std::string(reinterpret_cast<const char*>(bytes), static_cast<size_t>(size));
 }
 
@@ -90,7 +90,7 @@ TEST_F(Negotiation, TheRequestSaysWhoWantsToGoWhere) {
   ASSERT_TRUE(test::BecomesReadable(pair.there));
   ASSERT_EQ(recv(pair.there, reinterpret_cast<char*>(bytes), sizeof bytes, 0), 73);
   NegoRequest request;
-  ASSERT_EQ(request.Unpack(bytes, 73), 73);
+  ASSERT_EQ(request.Unpack(bytes), 73);
   EXPECT_EQ(int{request.header.version}, 3);
   EXPECT_EQ(int{request.header.pkg_len}, 73);
   EXPECT_EQ(u32{request.body.flags}, 0u);
