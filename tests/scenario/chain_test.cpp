@@ -21,7 +21,7 @@
 #include "start/provider_loader.h"
 #include "start/provider_match.h"
 #include "tests/scenario/game_process.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "port/sim/scenario.h"
 #include "route/acc_config.h"
 #include "route/init_log.h"
-#include "tests/unit/temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "common/named_mutex.h"
 #include "tests/scenario/life_bench.h"
 #include "tests/scenario/swarm.h"
-#include "tests/unit/report_client.h"
+#include "tests/support/report_client.h"
 
 namespace {
 

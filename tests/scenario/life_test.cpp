@@ -8,7 +8,7 @@
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
-#include "tests/unit/report_client.h"
+#include "tests/support/report_client.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <windows.h>
 
 #include "port/sim/scenario.h"
-#include "tests/unit/link_judge.h"
+#include "tests/support/link_judge.h"
 #include "tracker/tracker.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include "protocol/speed_test_payload.h"
 #include "quality/real_route_speed_test.h"
 #include "tests/scenario/sim_sockets.h"
-#include "tests/unit/link_judge.h"
+#include "tests/support/link_judge.h"
 #include "tracker/tracker.h"
 
 namespace {

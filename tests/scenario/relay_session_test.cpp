@@ -6,9 +6,9 @@
 
 #include "protocol/nego_response.h"
 #include "stream/tcp_provider.h"
-#include "tests/unit/hand_turned.h"
-#include "tests/unit/loopback.h"
-#include "tests/unit/route_fixture.h"
+#include "tests/support/hand_turned.h"
+#include "tests/support/loopback.h"
+#include "tests/support/route_fixture.h"
 
 namespace {
 

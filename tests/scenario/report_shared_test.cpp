@@ -14,8 +14,8 @@
 #include "common/process_info.h"
 #include "common/text.h"
 #include "port/sim/scenario.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/tracker_bench.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/tracker_fixture.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "tests/unit/report_client.h"
+#include "tests/support/report_client.h"
 
 namespace {
 

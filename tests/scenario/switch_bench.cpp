@@ -5,7 +5,7 @@
 #include "common/unix_time.h"
 #include "protocol/speed_test_payload.h"
 #include "protocol/udp_accl_header.h"
-#include "tests/unit/link_judge.h"
+#include "tests/support/link_judge.h"
 #include "tracker/tracker.h"
 
 namespace switch_test {

@@ -15,7 +15,7 @@
 
 #include "protocol/nego_request.h"
 #include "protocol/nego_response.h"
-#include "tests/unit/report_client.h"
+#include "tests/support/report_client.h"
 #include "udp/udp_provider.h"
 #include "udp/udp_remote_session.h"
 #include "udp/udp_session.h"

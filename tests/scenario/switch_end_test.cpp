@@ -3,7 +3,7 @@
 #include "tests/scenario/switch_bench.h"
 //
 #include "port/shared/faults.h"
-#include "tests/unit/link_judge.h"
+#include "tests/support/link_judge.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include "tests/scenario/udp_bench.h"
 //
 #include "engine/relay_mgr.h"
-#include "tests/unit/report_client.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/report_client.h"
+#include "tests/support/wire_bytes.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include "tests/scenario/switch_bench.h"
 //
 #include "port/shared/faults.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/wire_bytes.h"
 #include "tracker/tracker.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include "tests/scenario/switch_bench.h"
 //
 #include "port/shared/faults.h"
-#include "tests/unit/link_judge.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/link_judge.h"
+#include "tests/support/wire_bytes.h"
 #include "tracker/tracker.h"
 
 namespace {

@@ -4,8 +4,8 @@
 //
 #include <functional>
 
-#include "tests/unit/link_judge.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/link_judge.h"
+#include "tests/support/wire_bytes.h"
 
 namespace {
 

@@ -13,8 +13,8 @@
 #include "abi/ip_table_formats.h"
 #include "node/sim_node.h"
 #include "tests/scenario/game_process.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/route_fixture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/route_fixture.h"
 
 namespace tcp_test {
 

@@ -11,8 +11,8 @@
 #include "common/shared_mem_obj.h"
 #include "port/shared/faults.h"
 #include "port/sim/scenario.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/tracker_bench.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/tracker_fixture.h"
 #include "tracker/reports.h"
 
 namespace {

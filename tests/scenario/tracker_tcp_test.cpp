@@ -6,7 +6,7 @@
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_bench.h"
-#include "tests/unit/report_client.h"
+#include "tests/support/report_client.h"
 
 namespace {
 

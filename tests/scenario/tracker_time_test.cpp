@@ -7,8 +7,8 @@
 
 #include "port/shared/objects.h"
 #include "port/sim/scenario.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/tracker_bench.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/tracker_fixture.h"
 
 namespace {
 

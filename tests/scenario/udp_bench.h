@@ -15,8 +15,8 @@
 #include "abi/restriction_formats.h"
 #include "node/sim_node.h"
 #include "tests/scenario/game_process.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/route_fixture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/route_fixture.h"
 
 namespace udp_test {
 

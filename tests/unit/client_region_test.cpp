@@ -11,7 +11,7 @@
 #include "common/process_info.h"
 #include "common/shared_mem_obj.h"
 #include "route/acc_config.h"
-#include "tests/unit/threads.h"
+#include "tests/support/threads.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include "route/acc_config.h"
 #include "route/route.h"
 #include "start/config_source.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/temp_dir.h"
 #include "tests/unit/trace_capture.h"
 
 namespace moru_vyr::lsp {

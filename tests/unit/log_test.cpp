@@ -11,9 +11,9 @@
 
 #include "common/function_trace.h"
 #include "common/log_file.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/threads.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/threads.h"
 #include "tests/unit/trace_capture.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include "protocol/session_guid.h"
 #include "protocol/speed_test_payload.h"
 #include "protocol/udp_accl_header.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/wire_bytes.h"
 
 namespace moru_vyr::lsp {
 namespace {

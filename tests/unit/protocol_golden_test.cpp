@@ -8,7 +8,7 @@
 #include "protocol/nego_response.h"
 #include "protocol/speed_test_payload.h"
 #include "protocol/udp_accl_header.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/wire_bytes.h"
 
 namespace moru_vyr::lsp {
 namespace {

@@ -2,7 +2,7 @@
 // a healthy link, or leaves it on a dead one.
 #include "quality/recovery_switch.h"
 
-#include "tests/unit/link_judge.h"
+#include "tests/support/link_judge.h"
 
 namespace moru_vyr::lsp {
 namespace {

@@ -10,8 +10,8 @@
 #include "route/acc_config.h"
 #include "route/decision.h"
 #include "stream/tcp_negotiation.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/loopback.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/loopback.h"
 #ifndef _WIN32
 #include "port/shared/faults.h"
 #endif

@@ -6,7 +6,7 @@
 
 #include "common/text.h"
 #include "route/acc_config.h"
-#include "tests/unit/report_client.h"
+#include "tests/support/report_client.h"
 #include "tracker/reports.h"
 
 namespace moru_vyr::lsp {

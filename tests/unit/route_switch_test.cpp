@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "tests/unit/route_fixture.h"
+#include "tests/support/route_fixture.h"
 
 namespace {
 

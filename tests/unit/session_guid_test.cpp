@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/wire_bytes.h"
 
 namespace moru_vyr::lsp {
 namespace {

@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "tests/unit/log_capture.h"
-#include "tests/unit/threads.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/threads.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "common/process_info.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/tracker_fixture.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/tracker_bench.h"
 
 namespace moru_vyr::lsp {
 namespace {

@@ -4,8 +4,8 @@
 #include <set>
 #include <string>
 
-#include "tests/unit/log_capture.h"
-#include "tests/unit/tracker_bench.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/tracker_fixture.h"
 #include "tracker/series_code.h"
 
 namespace moru_vyr::lsp {

@@ -16,7 +16,7 @@
 #include "common/text.h"
 #include "quality/recovery_switch.h"
 #include "route/acc_config.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace test {
 

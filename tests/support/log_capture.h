@@ -7,7 +7,7 @@
 
 #include "common/log.h"
 #include "common/log_file.h"
-#include "tests/unit/temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 namespace test {
 

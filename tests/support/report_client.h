@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "abi/report_records.h"
-#include "tests/unit/route_fixture.h"
+#include "tests/support/route_fixture.h"
 #include "tracker/tracker.h"
 
 namespace test {

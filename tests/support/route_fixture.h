@@ -20,7 +20,7 @@
 #include "route/acc_config.h"
 #include "route/decision.h"
 #include "route/route.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace test {
 
