@@ -1,7 +1,7 @@
 // The library's life in a process: what a game gets once the worker has ended, by itself, by force
 // or with Winsock, and what of ours is left behind. What is at stake: no call of the game hangs,
 // no thread of ours runs on, and what cannot be relayed goes direct.
-#include "tests/scenario/life_bench.h"
+#include "tests/scenario/life_world.h"
 
 #include "abi/launch_test_formats.h"
 #include "common/named_mutex.h"
@@ -20,9 +20,9 @@ constexpr wchar_t kLibrary[] = L"C:\\vyr\\vyr_lsp.dll";  // as GameProcess regis
 constexpr u32 kStopMs = 200;                             // a worker's time to end
 constexpr u32 kForceMs = 100;                            // and to let go of a lock
 
-class Life : public LifeBench {
+class Life : public LifeWorld {
  protected:
-  using LifeBench::LifeBench;
+  using LifeWorld::LifeWorld;
   // How long the game's own cleanup takes, without Winsock's part in it.
   static u32 CleansUp() {
     const u32 start = GetTickCount();

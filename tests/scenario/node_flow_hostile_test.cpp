@@ -2,13 +2,13 @@
 // it says, and nothing else is.
 #include <functional>
 
-#include "tests/scenario/node_flow_bench.h"
+#include "tests/scenario/node_flow_world.h"
 
 namespace {
 using namespace node_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class NodeFlowHostile : public NodeFlowBench {
+class NodeFlowHostile : public NodeFlowWorld {
  protected:
   bool Runs(std::function<void()> body) {
     StartEcho();

@@ -1,6 +1,6 @@
 // What the client program learns of datagram flows: every way through a node, past it or beside it
 // leaves exactly the reports that it should, with figures that agree with the node's own.
-#include "tests/scenario/udp_bench.h"
+#include "tests/scenario/udp_world.h"
 //
 #include <cstring>
 #include <set>
@@ -21,7 +21,7 @@ struct EarlyClient {
   test::ReportClient client;
 };
 
-class ReportUdp : public EarlyClient, public UdpBench {
+class ReportUdp : public EarlyClient, public UdpWorld {
  protected:
   SOCKET Opens(const char* ip = kServer) {
     const SOCKET s = Udp();

@@ -27,10 +27,10 @@ inline std::string Noise(const std::string& begin, uint64_t seed, size_t size) {
   return text;
 }
 
-// The draws of one world, which its seed decides, on a bench that has a game, two nodes and a
+// The draws of one world, which its seed decides, on a world that has a game, two nodes and a
 // game server.
-template <class Bench>
-class Swarm : public Bench {
+template <class World>
+class Swarm : public World {
  protected:
   uint64_t Below(uint64_t n) { return this->world.random().Below(n); }
   bool Chance(unsigned percent) { return Below(100) < percent; }

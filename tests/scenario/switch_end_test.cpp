@@ -1,6 +1,6 @@
 // How a flow ends while a trial of another node runs, and what reaches a flow that has none. At
 // stake: every node that still holds the flow is told, once, and no socket stays behind.
-#include "tests/scenario/switch_bench.h"
+#include "tests/scenario/switch_world.h"
 //
 #include "port/shared/faults.h"
 #include "tests/support/link_judge.h"
@@ -9,7 +9,7 @@ namespace {
 
 using namespace switch_test;  // NOLINT
 
-class SwitchEnd : public SwitchBench {
+class SwitchEnd : public SwitchWorld {
  protected:
   void Ends() {
     a.Takes();

@@ -1,7 +1,7 @@
 // A switch as the game lives it, through the provider, its worker and real nodes. At stake: the
 // game plays on with the same port, the client program learns what happened, and whatever the game
 // does in the middle of it, nobody is left waiting.
-#include "tests/scenario/udp_bench.h"
+#include "tests/scenario/udp_world.h"
 //
 #include "engine/relay_mgr.h"
 #include "tests/support/report_client.h"
@@ -13,7 +13,7 @@ using namespace udp_test;  // NOLINT
 using moru_vyr::lsp::GetRelayMgr;
 using moru_vyr::lsp::RecoverySwitchRecord;
 
-class SwitchFlow : public UdpBench {
+class SwitchFlow : public UdpWorld {
  protected:
   // Windows of half a second, and bursts of ten probes.
   void Begins(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change = {}) {

@@ -1,7 +1,7 @@
 // What a flow takes with it to another node, and what it leaves behind: one trial after the other,
 // sockets, and datagrams that waited for room. At stake: nothing of the game's is lost for the
 // move, and no socket is anybody's twice.
-#include "tests/scenario/switch_bench.h"
+#include "tests/scenario/switch_world.h"
 //
 #include "port/shared/faults.h"
 #include "tests/support/wire_bytes.h"
@@ -11,7 +11,7 @@ namespace {
 
 using namespace switch_test;  // NOLINT
 
-using SwitchHandOver = SwitchBench;
+using SwitchHandOver = SwitchWorld;
 
 // --- more than one ----------------------------------------------------------------------------
 

@@ -1,7 +1,7 @@
 // A trial of another node, from the request to each of its ends. At stake: the game plays on over
 // the old node until the new one has proved itself with a datagram of the game's, and each trial is
 // reported once, with what became of it.
-#include "tests/scenario/switch_bench.h"
+#include "tests/scenario/switch_world.h"
 //
 #include "port/shared/faults.h"
 #include "tests/support/link_judge.h"
@@ -12,10 +12,10 @@ namespace {
 
 using namespace switch_test;  // NOLINT
 
-class SwitchTrial : public SwitchBench {
+class SwitchTrial : public SwitchWorld {
  protected:
   SwitchTrial() = default;
-  explicit SwitchTrial(const char* server_ip) : SwitchBench(server_ip) {}
+  explicit SwitchTrial(const char* server_ip) : SwitchWorld(server_ip) {}
 
   // The game still plays over A.
   void ExpectCarriedByA() {

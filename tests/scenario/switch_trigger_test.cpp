@@ -1,6 +1,6 @@
 // What makes a flow ask for a burst of probes, and what a burst leads to. At stake: a link in
 // trouble is looked at within one slot of its windows, and one in health is left alone.
-#include "tests/scenario/switch_bench.h"
+#include "tests/scenario/switch_world.h"
 //
 #include <functional>
 
@@ -30,7 +30,7 @@ std::function<bool(u32)> OneIn(u32 n) {
   return [n](u32 seq) { return seq % n == 0; };
 }
 
-class SwitchTrigger : public SwitchBench {
+class SwitchTrigger : public SwitchWorld {
  protected:
   // The node sends `per_turn` datagrams in every turn of 50 ms, unless they are lost, and answers
   // every probe, unless that is lost.

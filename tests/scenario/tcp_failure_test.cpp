@@ -1,12 +1,12 @@
 // Calls of the platform that fail under the relay, one at a time and each at its worst moment. The
 // game may lose the connection; it never gets a wrong byte, and the relay goes on.
 #include "port/shared/faults.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
-class TcpFailure : public TcpBench {
+class TcpFailure : public TcpWorld {
  protected:
   TcpFailure() {
     sim::LinkOptions far;

@@ -1,12 +1,12 @@
 // Between the end of one side of a connection and the end of the connection: what is owed is
 // delivered, what nobody can take any more is dropped, and nobody waits longer than that takes.
 #include "port/shared/faults.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
-class TcpFarewell : public TcpBench {
+class TcpFarewell : public TcpWorld {
  protected:
   TcpFarewell() {
     sim::LinkOptions far;

@@ -4,7 +4,7 @@
 
 #include "port/shared/faults.h"
 #include "port/sim/threads.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -18,7 +18,7 @@ sim::Options QuickSpin() {
   return options;
 }
 
-class TcpLimits : public TcpBench {
+class TcpLimits : public TcpWorld {
  protected:
   // In pieces, so that *sent tells how far it has come.
   static void SendPieces(SOCKET s, const std::string& text, size_t* sent) {

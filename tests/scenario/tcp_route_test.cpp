@@ -1,12 +1,12 @@
 // Where a game's stream connection goes: through a node, through the next when that one fails, to
 // the game server when both do. The game sees one connection to its server, and every byte.
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class TcpRoute : public TcpBench {
+class TcpRoute : public TcpWorld {
  protected:
   static std::string PeerOf(SOCKET s) {
     sockaddr_in peer = {};

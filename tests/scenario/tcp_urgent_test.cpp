@@ -2,7 +2,7 @@
 // they cause is only logged, and it stays as long as the byte does; the stream around them is
 // whole.
 #include "port/shared/faults.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -15,7 +15,7 @@ sim::Options QuickSpin() {
   return options;
 }
 
-class TcpUrgent : public TcpBench {
+class TcpUrgent : public TcpWorld {
  protected:
   static void SendUrgent(SOCKET s) { EXPECT_EQ(send(s, "!", 1, MSG_OOB), 1); }
   void ExpectAQuietWorker() {

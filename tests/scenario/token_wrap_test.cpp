@@ -2,8 +2,8 @@
 // comes to it, and no socket may lose its relay, or get another's, for having such a number.
 #include "engine/relay_mgr.h"
 #include "sockets/socket_error_filter.h"
-#include "tests/scenario/tcp_bench.h"
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/tcp_world.h"
+#include "tests/scenario/udp_spied_world.h"
 
 // Four billion sockets take too long to open: an explicit instantiation may name what is private.
 template <auto kMember>
@@ -35,7 +35,7 @@ u32 TokenOf(SOCKET s) {
   return record.token;
 }
 
-class StreamsAtTheWrap : public tcp_test::TcpBench {};
+class StreamsAtTheWrap : public tcp_test::TcpWorld {};
 
 SCENARIO_F(StreamsAtTheWrap, AreRelayedUnderEveryNumber) {
   for (const u32 last : {0xFFFFFFFDu, 0xFFFFFFFEu, 0xFFFFFFFFu, 0u}) {
@@ -53,7 +53,7 @@ SCENARIO_F(StreamsAtTheWrap, AreRelayedUnderEveryNumber) {
   ExpectServesAgain();
 }
 
-class DatagramsAtTheWrap : public udp_test::UdpSpiedBench {};
+class DatagramsAtTheWrap : public udp_test::UdpSpiedWorld {};
 
 SCENARIO_F(DatagramsAtTheWrap, AreRelayedUnderEveryNumber) {
   Starts();

@@ -5,7 +5,7 @@
 #include "common/named_mutex.h"
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 #include "tests/support/report_client.h"
 
 namespace {
@@ -20,7 +20,7 @@ struct EarlyClient {
   test::ReportClient client;
 };
 
-class TrackerTcp : public EarlyClient, public TcpBench {
+class TrackerTcp : public EarlyClient, public TcpWorld {
  protected:
   // A connection from its beginning to its end, in which the server echoes so many bytes.
   void Talk(const char* server, size_t bytes) {

@@ -1,6 +1,6 @@
 // A datagram socket's way to its relay at its edges: what is said of it, datagrams in pieces, and
 // sockets that are gone by the time that they are answered. At stake: no socket pays for another.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
 //
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
@@ -13,7 +13,7 @@ using namespace udp_test;       // NOLINT
 using namespace moru_vyr::lsp;  // NOLINT
 using Texts = std::vector<std::string>;
 
-class UdpAskingEdges : public UdpSpiedBench {
+class UdpAskingEdges : public UdpSpiedWorld {
  protected:
   static std::string Tail(SOCKET s) {
     return "socket=" + std::to_string(s) + ", token=" + std::to_string(RecordOf(s).token) + "\n";

@@ -1,6 +1,6 @@
 // Game sockets that are connected. At stake: such a socket is connected to its relay, or to the
 // server itself, and never to anything else.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
 //
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
@@ -13,7 +13,7 @@ using namespace udp_test;       // NOLINT
 using namespace moru_vyr::lsp;  // NOLINT
 using Texts = std::vector<std::string>;
 
-class UdpConnected : public UdpSpiedBench {
+class UdpConnected : public UdpSpiedWorld {
  protected:
   // "198.51.100.10:27015"
   static std::string PeerOf(SOCKET s) {

@@ -2,7 +2,7 @@
 // and go. At stake: nothing but an exact message has an effect, and nothing is left behind.
 //
 // VYR_UDP_SOCKETS=10000 opens and closes that many sockets instead of a few hundred.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
 //
 #include <cstdio>
 #include <cstdlib>
@@ -20,7 +20,7 @@ using namespace udp_test;       // NOLINT
 using namespace moru_vyr::lsp;  // NOLINT
 using Texts = std::vector<std::string>;
 
-class UdpControlPort : public UdpSpiedBench {
+class UdpControlPort : public UdpSpiedWorld {
  protected:
   template <class Message>
   static std::string Bytes(const Message& message) {

@@ -1,7 +1,7 @@
 // The relay of datagrams from the game's socket to its server and back. At stake: every datagram
 // reaches the server that the game named, once and unchanged, whatever becomes of the nodes; and
 // what the game receives bears the server's address, not the relay's.
-#include "tests/scenario/udp_bench.h"
+#include "tests/scenario/udp_world.h"
 //
 #include "port/shared/faults.h"
 
@@ -17,7 +17,7 @@ Texts Numbered(const std::string& name, int count) {
   return texts;
 }
 
-class UdpRelay : public UdpBench {};
+class UdpRelay : public UdpWorld {};
 
 SCENARIO_F(UdpRelay, CarriesADatagramThroughTheNodeAndItsAnswerBack) {
   Starts();
@@ -300,7 +300,7 @@ SCENARIO_F_SEEDS(UdpRelay, SendingWhileClosingTouchesNoQueueThatIsGone, 100) {
 
 // --- moving to another node -------------------------------------------------------------------
 
-class UdpSwitch : public UdpBench {
+class UdpSwitch : public UdpWorld {
  protected:
   // Sends 20 datagrams a second until `until` holds; which of the answers came.
   bool PlaysUntil(SOCKET s, const std::function<bool()>& until, int most_ms) {

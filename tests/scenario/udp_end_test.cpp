@@ -1,6 +1,6 @@
 // The end of a flow: by the game, which may close its socket at any moment, and by the relay's own.
 // At stake: what can still leave leaves first, each node is told once, and nothing is left behind.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
 //
 #include "engine/relay_mgr.h"
 
@@ -12,7 +12,7 @@ using namespace moru_vyr::lsp;  // NOLINT
 constexpr size_t kHeaderSize = 20;
 constexpr char kProbe = 8;
 
-class UdpEnd : public UdpSpiedBench {
+class UdpEnd : public UdpSpiedWorld {
  protected:
   void IsQuiet() {
     server->answer = [](const std::string&) { return std::string(); };

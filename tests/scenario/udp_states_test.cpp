@@ -1,7 +1,7 @@
 // A flow's course through its states, with something odd at each turn: strangers, full buffers,
 // errors, lengths at the bounds, nodes that misbehave. At stake: a datagram is lost only where the
 // rule says so, and the flow goes on.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
 //
 #include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
@@ -16,7 +16,7 @@ using Texts = std::vector<std::string>;
 
 constexpr size_t kHeaderSize = 20;
 
-class UdpStates : public UdpSpiedBench {
+class UdpStates : public UdpSpiedWorld {
  protected:
   void IsQuiet() {
     server->answer = [](const std::string&) { return std::string(); };

@@ -2,7 +2,7 @@
 // too late, another thread's request had the last word, or the socket was closed while it was asked
 // for. At stake: a relay has 128 places, and a flow that nobody can use must give back its socket
 // and its node's flow once the game's own socket is gone.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
 #include "tests/scenario/udp_swarm.h"
 //
 #include "engine/relay_mgr.h"
@@ -22,7 +22,7 @@ bool IsClose(const SentDatagram& one) {
   return !one.by_relay && one.text.size() == sizeof(ProtoRelayClose);
 }
 
-class UdpUntold : public UdpSpiedBench {
+class UdpUntold : public UdpSpiedWorld {
  protected:
   void Begins() {
     Starts();

@@ -5,7 +5,7 @@
 #include <set>
 #include <sstream>
 
-#include "tests/scenario/udp_bench.h"
+#include "tests/scenario/udp_world.h"
 
 namespace study {
 namespace {
@@ -50,7 +50,7 @@ int FlowsWith(const std::string& part, const std::string& log) {
   return static_cast<int>(tokens.size());
 }
 
-class Play : public udp_test::UdpBench {
+class Play : public udp_test::UdpWorld {
  public:
   Play(const Settings& settings, const Losses& losses) {
     Configures(settings.apply);

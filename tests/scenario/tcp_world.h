@@ -51,12 +51,12 @@ bool Collect(SOCKET s, size_t size, std::string* got, std::string* end);
 std::string CollectAll(SOCKET s, std::string* got);
 void Echo(SOCKET s, Call* call);
 
-class TcpBench : public sim::ScenarioTest {
+class TcpWorld : public sim::ScenarioTest {
  protected:
   using Configure = std::function<void(moru_vyr::lsp::AccConfigRecord*)>;
 
   // The game's own path, where it matters, and what else the client lists it with.
-  explicit TcpBench(const std::wstring& path = L"", const Configure& configure = nullptr);
+  explicit TcpWorld(const std::wstring& path = L"", const Configure& configure = nullptr);
 
   // --- the game ---
   // Connected, or INVALID_SOCKET.

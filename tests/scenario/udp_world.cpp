@@ -1,4 +1,4 @@
-#include "tests/scenario/udp_bench.h"
+#include "tests/scenario/udp_world.h"
 
 #include <algorithm>
 
@@ -51,7 +51,7 @@ std::string Difference(const std::vector<std::string>& sent, const std::vector<s
   return text.empty() ? "the order differs" : text;
 }
 
-UdpBench::UdpBench() {
+UdpWorld::UdpWorld() {
   for (const char* ip : {kServer, kDirect, kForced, kSecond}) {
     StartServer(ip, kPort);
     StartServer(ip, kSecondPort);
@@ -64,7 +64,7 @@ UdpBench::UdpBench() {
   Configures([](AccConfigRecord* config) { config->acc_mode = 1; });
 }
 
-void UdpBench::WriteTables() {
+void UdpWorld::WriteTables() {
   ips->ip_count = 4;
   ips->records[0] = {kNearIdc, test::Ip(kServer)};
   ips->records[1] = {kDirectIdc, test::Ip(kDirect)};
@@ -80,7 +80,7 @@ void UdpBench::WriteTables() {
   routes.Publish(*image);
 }
 
-void UdpBench::MayMeasureAndSwitch() {
+void UdpWorld::MayMeasureAndSwitch() {
   Configures([](AccConfigRecord* config) {
     config->link_switch_mask = 3;
     common::SetFieldText(config->list_text, "7");
@@ -101,7 +101,7 @@ void UdpBench::MayMeasureAndSwitch() {
   });
 }
 
-void UdpBench::Starts(common::u32 log_level) {
+void UdpWorld::Starts(common::u32 log_level) {
   game.IsStartedBySockets();
   RunFor(10ms);
   closesocket(Udp());
@@ -109,7 +109,7 @@ void UdpBench::Starts(common::u32 log_level) {
   log_ = std::make_unique<test::LogCapture>(log_level);
 }
 
-void UdpBench::StartServer(const std::string& ip, int port) {
+void UdpWorld::StartServer(const std::string& ip, int port) {
   const std::string name = ip + ":" + std::to_string(port);
   world.SpawnOn(server_host, name, [server = server, ip, port, name] {
     const SOCKET s = Udp();
@@ -132,11 +132,11 @@ void UdpBench::StartServer(const std::string& ip, int port) {
   });
 }
 
-int UdpBench::Sends(SOCKET s, const std::string& text, const char* ip, int port) {
+int UdpWorld::Sends(SOCKET s, const std::string& text, const char* ip, int port) {
   return ErrorOf(SendTextTo(s, text, ip, port));
 }
 
-Datagram UdpBench::Receives(SOCKET s, int ms) {
+Datagram UdpWorld::Receives(SOCKET s, int ms) {
   if (!ReadableWithin(s, ms)) return {};
   std::string bytes(65536, '\0');
   sockaddr_in from = {};
@@ -146,13 +146,13 @@ Datagram UdpBench::Receives(SOCKET s, int ms) {
   return {bytes.substr(0, static_cast<size_t>(count)), AddressText(from), "", ""};
 }
 
-std::string UdpBench::Talks(SOCKET s, const std::string& text, const char* ip, int port) {
+std::string UdpWorld::Talks(SOCKET s, const std::string& text, const char* ip, int port) {
   if (const int error = Sends(s, text, ip, port)) return "error " + std::to_string(error);
   const Datagram came = Receives(s);
   return came.from.empty() ? "nothing" : came.text + " from " + came.from;
 }
 
-void UdpBench::GameThread(std::function<void()> body) {
+void UdpWorld::GameThread(std::function<void()> body) {
   ++running_;
   world.Spawn(world.home(), "", [this, body = std::move(body)] {
     body();
@@ -160,7 +160,7 @@ void UdpBench::GameThread(std::function<void()> body) {
   });
 }
 
-std::vector<std::string> UdpBench::Heard(const std::string& from) const {
+std::vector<std::string> UdpWorld::Heard(const std::string& from) const {
   std::vector<std::string> texts;
   for (const Datagram& one : heard) {
     if (from.empty() || one.from == from) texts.push_back(one.text);
@@ -168,14 +168,14 @@ std::vector<std::string> UdpBench::Heard(const std::string& from) const {
   return texts;
 }
 
-std::string UdpBench::AllHeard() const {
+std::string UdpWorld::AllHeard() const {
   std::string all;
   for (const Datagram& one : heard)
     all += one.text.substr(0, 40) + " at " + one.to + " from " + one.from_full + "\n";
   return all;
 }
 
-bool UdpBench::NodesAreFree() const {
+bool UdpWorld::NodesAreFree() const {
   return a.Count("flow_opened") == a.Count("flow_closed") &&
          b.Count("flow_opened") == b.Count("flow_closed");
 }

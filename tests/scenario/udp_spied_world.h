@@ -1,8 +1,8 @@
-// The bench of the datagram relay with a spy between this library and the next provider: it sees
+// The world of the datagram relay with a spy between this library and the next provider: it sees
 // each datagram that the game or the relay sends, and can have any of them fail. The nodes and the
 // server are elsewhere and not seen.
 #pragma once
-#include "tests/scenario/udp_bench.h"
+#include "tests/scenario/udp_world.h"
 //
 #include "sockets/socket_map.h"
 
@@ -15,10 +15,10 @@ struct SentDatagram {
   std::string to;  // with the port; empty: the call named no destination
 };
 
-class UdpSpiedBench : public UdpBench {
+class UdpSpiedWorld : public UdpWorld {
  protected:
-  UdpSpiedBench();
-  ~UdpSpiedBench() override;
+  UdpSpiedWorld();
+  ~UdpSpiedWorld() override;
 
   // Starts the provider, then puts the spy in.
   void Starts(common::u32 log_level = 4);
@@ -49,7 +49,7 @@ class UdpSpiedBench : public UdpBench {
                               LPWSAOVERLAPPED_COMPLETION_ROUTINE completion, LPWSATHREADID thread,
                               LPINT error);
 
-  static UdpSpiedBench* spy_;
+  static UdpSpiedWorld* spy_;
   LPWSPSENDTO real_ = nullptr;
   std::string address_bytes_;
 };

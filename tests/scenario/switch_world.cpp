@@ -1,4 +1,4 @@
-#include "tests/scenario/switch_bench.h"
+#include "tests/scenario/switch_world.h"
 
 #include <cstring>
 
@@ -192,7 +192,7 @@ void ScriptedNode::SendsDataFromTheWrongPort(const std::string& text) {
 
 // --- the flow ---------------------------------------------------------------------------------
 
-SwitchBench::SwitchBench(const char* server_ip) : server_addr(At(server_ip, kServerPort)) {
+SwitchWorld::SwitchWorld(const char* server_ip) : server_addr(At(server_ip, kServerPort)) {
   config.valid = 1;
   config.acc_mode = 1;
   config.game_id = 7;
@@ -212,9 +212,9 @@ SwitchBench::SwitchBench(const char* server_ip) : server_addr(At(server_ip, kSer
   AddRouteByA(image, kForcedIdc, DECISION_FORCE_ACCE_AUTO);
 }
 
-SwitchBench::~SwitchBench() { session.reset(); }
+SwitchWorld::~SwitchWorld() { session.reset(); }
 
-void SwitchBench::Begins() {
+void SwitchWorld::Begins() {
   ReplaceAccConfig(config);
   routes.Publish(image);
   route.route_table().LoadRoute();
@@ -240,20 +240,20 @@ void SwitchBench::Begins() {
   ASSERT_TRUE(a.IsAsked()) << log->Text();
 }
 
-void SwitchBench::IsCarried(const ScriptedNode::Answer& with) {
+void SwitchWorld::IsCarried(const ScriptedNode::Answer& with) {
   Begins();
   a.Answers(with);
   Turn();
   ASSERT_EQ(a.TakenData(), "first") << log->Text();
 }
 
-void SwitchBench::Turn(u32 ms) {
+void SwitchWorld::Turn(u32 ms) {
   Sleep(ms);
   loop.Pass();
   session->OnUpdate(ms);
 }
 
-void SwitchBench::HealthyTurns(int count, u32 ms) {
+void SwitchWorld::HealthyTurns(int count, u32 ms) {
   for (int i = 0; i < count; ++i) {
     Turn(ms);
     for (ScriptedNode* node : {&a, &b}) {
@@ -265,7 +265,7 @@ void SwitchBench::HealthyTurns(int count, u32 ms) {
   }
 }
 
-void SwitchBench::GameSends(const std::string& text) {
+void SwitchWorld::GameSends(const std::string& text) {
   ASSERT_TRUE(session->send_queue()->Push(reinterpret_cast<const u8*>(text.data()),
                                           static_cast<u32>(text.size()), &server_addr));
   sockaddr_in relay;
@@ -273,14 +273,14 @@ void SwitchBench::GameSends(const std::string& text) {
   sendto(game, text.data(), static_cast<int>(text.size()), 0, Raw(relay), sizeof relay);
 }
 
-std::string SwitchBench::GameGets() {
+std::string SwitchWorld::GameGets() {
   std::string all, bytes;
   sockaddr_in from;
   while (!(bytes = Take(game, &from)).empty()) all = Joined(all, bytes);
   return all;
 }
 
-bool SwitchBench::Fires() {
+bool SwitchWorld::Fires() {
   RecoverySwitchRecord report;
   report.used = 1;
   report.game_id = 7;
@@ -289,21 +289,21 @@ bool SwitchBench::Fires() {
   return flow->FireSwitch(&report);
 }
 
-UdpSwitchRemoteSession* SwitchBench::Trial() const {
+UdpSwitchRemoteSession* SwitchWorld::Trial() const {
   for (const auto& [socket, delegate] : loop.delegates) {
     if (auto* const found = dynamic_cast<UdpSwitchRemoteSession*>(delegate)) return found;
   }
   return nullptr;
 }
 
-SOCKET SwitchBench::TrialSocket() const {
+SOCKET SwitchWorld::TrialSocket() const {
   for (const auto& [socket, delegate] : loop.delegates) {
     if (dynamic_cast<UdpSwitchRemoteSession*>(delegate) != nullptr) return socket;
   }
   return INVALID_SOCKET;
 }
 
-void SwitchBench::IsVerifying() {
+void SwitchWorld::IsVerifying() {
   ASSERT_TRUE(Fires());
   Turn();
   ASSERT_TRUE(b.IsAsked()) << log->Text();
@@ -312,20 +312,20 @@ void SwitchBench::IsVerifying() {
   ASSERT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess")) << log->Text();
 }
 
-void SwitchBench::IsVerified() {
+void SwitchWorld::IsVerified() {
   IsVerifying();
   HealthyTurns(10);
   ASSERT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded")) << log->Text();
 }
 
-void SwitchBench::IsTakenOver() {
+void SwitchWorld::IsTakenOver() {
   IsVerified();
   b.SendsData("proof");
   Turn();
   ASSERT_EQ(Results(), "0") << log->Text();
 }
 
-std::string SwitchBench::Results() const {
+std::string SwitchWorld::Results() const {
   const std::string text = log->Text();
   const std::string line = "[UdpSwitchRemoteSession::ReportSwitchResult]";
   const std::string label = "switch_result=";
@@ -337,12 +337,12 @@ std::string SwitchBench::Results() const {
   return all;
 }
 
-std::string SwitchBench::Counted(SOCKET socket) {
+std::string SwitchWorld::Counted(SOCKET socket) {
   u32 sent = 0, received = 0;
   if (!GetTracker().GetPacketCounts(socket, &sent, &received)) return "nothing";
   return std::to_string(sent) + " sent, " + std::to_string(received) + " received";
 }
 
-int SwitchBench::Count(const std::string& part) const { return test::CountOf(part, log->Text()); }
+int SwitchWorld::Count(const std::string& part) const { return test::CountOf(part, log->Text()); }
 
 }  // namespace switch_test

@@ -1,4 +1,4 @@
-#include "tests/scenario/node_flow_bench.h"
+#include "tests/scenario/node_flow_world.h"
 
 namespace node_test {
 namespace {
@@ -117,7 +117,7 @@ std::vector<Wrapped> RawFlow::ReceivesAll(int ms) {
   }
 }
 
-void NodeFlowBench::StartEcho(int port) {
+void NodeFlowWorld::StartEcho(int port) {
   world.SpawnOn(server_host, "echo" + std::to_string(port), [this, port] {
     const SOCKET s = Udp();
     EXPECT_EQ(BindTo(s, "0.0.0.0", port), 0);

@@ -1,4 +1,4 @@
-#include "tests/scenario/node_bench.h"
+#include "tests/scenario/node_world.h"
 
 namespace node_test {
 namespace {
@@ -72,14 +72,14 @@ std::string ReceivedExactly(SOCKET s, std::size_t size) {
   return all;
 }
 
-void NodeBench::SetUp() {
+void NodeWorld::SetUp() {
   sim::LinkOptions link;
   link.delay = 10ms;
   world.SetLink(client_host, node_host, link);
   world.SetLink(node_host, server_host, link);
 }
 
-void NodeBench::Spawn(sim::Host& host, const char* name, std::function<void()> body) {
+void NodeWorld::Spawn(sim::Host& host, const char* name, std::function<void()> body) {
   ++running_;
   world.SpawnOn(host, name, [this, body = std::move(body)] {
     body();
@@ -87,7 +87,7 @@ void NodeBench::Spawn(sim::Host& host, const char* name, std::function<void()> b
   });
 }
 
-void NodeBench::StartEchoServer() {
+void NodeWorld::StartEchoServer() {
   sim::Process& process = world.AddProcess(server_host, "echo");
   world.Spawn(process, "listener", [this, &process] {
     const SOCKET listener = ListenAt(kServerPort, 200);
@@ -99,20 +99,20 @@ void NodeBench::StartEchoServer() {
   });
 }
 
-SOCKET NodeBench::Joins() {
+SOCKET NodeWorld::Joins() {
   Sleep(5);  // the node and the server listen by then
   const SOCKET s = Tcp();
   EXPECT_EQ(ConnectTo(s, kNode, node::SimNode::kPort), 0);
   return s;
 }
 
-SOCKET NodeBench::Asks(int version) {
+SOCKET NodeWorld::Asks(int version) {
   const SOCKET s = Joins();
   SendText(s, RequestBytes(version));
   return s;
 }
 
-std::string NodeBench::Fetches(const std::string& text, std::string* answer) {
+std::string NodeWorld::Fetches(const std::string& text, std::string* answer) {
   const SOCKET s = Asks();
   const std::string bytes = ReceivedExactly(s, kAnswerSize);
   if (answer != nullptr) *answer = bytes;

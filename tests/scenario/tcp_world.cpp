@@ -1,4 +1,4 @@
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 #include <algorithm>
 
@@ -70,7 +70,7 @@ void Echo(SOCKET s, Call* call) {
   }
 }
 
-TcpBench::TcpBench(const std::wstring& path, const Configure& configure) {
+TcpWorld::TcpWorld(const std::wstring& path, const Configure& configure) {
   if (!path.empty()) game.Is(path);
   StartServer();
   WriteTables();
@@ -87,7 +87,7 @@ TcpBench::TcpBench(const std::wstring& path, const Configure& configure) {
   log_ = std::make_unique<test::LogCapture>(4);
 }
 
-void TcpBench::WriteTables() {
+void TcpWorld::WriteTables() {
   ips->ip_count = 4;
   ips->records[0] = {kNearIdc, test::Ip(kServer)};
   ips->records[1] = {kDirectIdc, test::Ip(kDirect)};
@@ -103,7 +103,7 @@ void TcpBench::WriteTables() {
   routes.Publish(*image);
 }
 
-void TcpBench::StartServer() {
+void TcpWorld::StartServer() {
   sim::Process& process = world.AddProcess(server_host, "server");
   world.Spawn(process, "listener", [this, &process] {
     const SOCKET listener = ListenAt(kPort, 200);
@@ -120,21 +120,21 @@ void TcpBench::StartServer() {
   });
 }
 
-SOCKET TcpBench::Joins(const char* server, int port) {
+SOCKET TcpWorld::Joins(const char* server, int port) {
   const SOCKET s = Tcp();
   if (ConnectTo(s, server, port) == 0) return s;
   closesocket(s);
   return INVALID_SOCKET;
 }
 
-std::string TcpBench::Talks(SOCKET s, const std::string& text) {
+std::string TcpWorld::Talks(SOCKET s, const std::string& text) {
   SendAll(s, text);
   std::string got, end;
   Collect(s, text.size(), &got, &end);
   return got;
 }
 
-void TcpBench::GameThread(std::function<void()> body) {
+void TcpWorld::GameThread(std::function<void()> body) {
   ++running_;
   world.Spawn(world.home(), "", [this, body = std::move(body)] {
     body();
@@ -142,11 +142,11 @@ void TcpBench::GameThread(std::function<void()> body) {
   });
 }
 
-bool TcpBench::NodesAreFree() const {
+bool TcpWorld::NodesAreFree() const {
   return a.Count("accepted") == a.Count("closed") && b.Count("accepted") == b.Count("closed");
 }
 
-void TcpBench::ExpectServesAgain() {
+void TcpWorld::ExpectServesAgain() {
   EXPECT_TRUE(RunUntil([this] { return NodesAreFree(); }, 60s)) << a.AllEvents() << b.AllEvents();
   a.Behaves();
   b.Behaves();

@@ -114,10 +114,10 @@ class ScriptedNode {
   std::vector<std::string> probes_;
 };
 
-class SwitchBench : public sim::ScenarioTest {
+class SwitchWorld : public sim::ScenarioTest {
  protected:
-  explicit SwitchBench(const char* server_ip = kServer);
-  ~SwitchBench() override;
+  explicit SwitchWorld(const char* server_ip = kServer);
+  ~SwitchWorld() override;
 
   // The configuration and the tables count from here on; the flow is made, and asks node A.
   void Begins();

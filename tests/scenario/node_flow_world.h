@@ -4,7 +4,7 @@
 #include <map>
 #include <vector>
 
-#include "tests/scenario/node_bench.h"
+#include "tests/scenario/node_world.h"
 
 namespace node_test {
 
@@ -57,7 +57,7 @@ class RawFlow {
   unsigned next_seq = 1;
 };
 
-class NodeFlowBench : public NodeBench {
+class NodeFlowWorld : public NodeWorld {
  protected:
   // A game server that sends each datagram back; `heard` gets who sent which.
   void StartEcho(int port = kServerPort);

@@ -29,7 +29,7 @@ unsigned Big32(const std::string& bytes, std::size_t at);
 // Up to so many bytes, fewer only where the stream ends; then "error …" may be its end.
 std::string ReceivedExactly(SOCKET s, std::size_t size);
 
-class NodeBench : public sim::ScenarioTest {
+class NodeWorld : public sim::ScenarioTest {
  protected:
   void SetUp() override;
 

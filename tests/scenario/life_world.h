@@ -1,7 +1,7 @@
 // A game with streams and datagrams in a process that may end Winsock, or whose threads of ours may
 // be ended, at any time; and what is then left in it.
 #pragma once
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 //
 #include <algorithm>
 #include <memory>
@@ -22,9 +22,9 @@ using namespace tcp_test;  // NOLINT: the verbs of these tests
 inline constexpr char kWorker[] = "home/thread1";
 inline constexpr char kSyncThread[] = "home/thread2";
 
-class LifeBench : public TcpBench {
+class LifeWorld : public TcpWorld {
  protected:
-  explicit LifeBench(const Configure& configure = nullptr) : TcpBench(L"", configure) {
+  explicit LifeWorld(const Configure& configure = nullptr) : TcpWorld(L"", configure) {
     for (const char* ip : {kServer, kDirect, kUnlisted}) StartEcho(ip);
     RunFor(1ms);
   }

@@ -1,4 +1,4 @@
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
 
 #include <cstring>
 
@@ -22,23 +22,23 @@ std::string TextOf(const struct sockaddr* to) {
 
 }  // namespace
 
-UdpSpiedBench* UdpSpiedBench::spy_ = nullptr;
+UdpSpiedWorld* UdpSpiedWorld::spy_ = nullptr;
 
-UdpSpiedBench::UdpSpiedBench() { spy_ = this; }
+UdpSpiedWorld::UdpSpiedWorld() { spy_ = this; }
 
-UdpSpiedBench::~UdpSpiedBench() {
+UdpSpiedWorld::~UdpSpiedWorld() {
   if (real_ != nullptr) NextProvider().lpWSPSendTo = real_;
 }
 
-WSPPROC_TABLE& UdpSpiedBench::NextProvider() { return *GetDowncallTable(kProtocolUdp, nullptr); }
+WSPPROC_TABLE& UdpSpiedWorld::NextProvider() { return *GetDowncallTable(kProtocolUdp, nullptr); }
 
-void UdpSpiedBench::Starts(common::u32 log_level) {
-  UdpBench::Starts(log_level);
+void UdpSpiedWorld::Starts(common::u32 log_level) {
+  UdpWorld::Starts(log_level);
   real_ = NextProvider().lpWSPSendTo;
   NextProvider().lpWSPSendTo = SpySendTo;
 }
 
-int WSPAPI UdpSpiedBench::SpySendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent_bytes,
+int WSPAPI UdpSpiedWorld::SpySendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent_bytes,
                                     DWORD flags, const struct sockaddr* to, int to_size,
                                     LPWSAOVERLAPPED overlapped,
                                     LPWSAOVERLAPPED_COMPLETION_ROUTINE completion,
@@ -60,13 +60,13 @@ int WSPAPI UdpSpiedBench::SpySendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPD
   return result;
 }
 
-std::string UdpSpiedBench::ControlAddress() {
+std::string UdpSpiedWorld::ControlAddress() {
   sockaddr_in control = {};
   GetRelayMgr().GetUdpLocalAddr(&control);
   return TextOf(Raw(control));
 }
 
-std::vector<std::string> UdpSpiedBench::GameSent() const {
+std::vector<std::string> UdpSpiedWorld::GameSent() const {
   std::vector<std::string> texts;
   for (const SentDatagram& one : sent) {
     if (one.by_relay) continue;
@@ -82,7 +82,7 @@ std::vector<std::string> UdpSpiedBench::GameSent() const {
   return texts;
 }
 
-std::vector<std::string> UdpSpiedBench::RelaySent() const {
+std::vector<std::string> UdpSpiedWorld::RelaySent() const {
   std::vector<std::string> texts;
   for (const SentDatagram& one : sent) {
     if (one.by_relay) texts.push_back(one.text);
@@ -90,13 +90,13 @@ std::vector<std::string> UdpSpiedBench::RelaySent() const {
   return texts;
 }
 
-SocketRecord UdpSpiedBench::RecordOf(SOCKET s) {
+SocketRecord UdpSpiedWorld::RecordOf(SOCKET s) {
   SocketRecord record;
   GetSocketMap().Get(s, &record);
   return record;
 }
 
-std::string UdpSpiedBench::TakeLoneEntry(SOCKET s, const UdpPackageQueue* queue) {
+std::string UdpSpiedWorld::TakeLoneEntry(SOCKET s, const UdpPackageQueue* queue) {
   const auto live = GetRelayMgr().UseQueue(queue, RecordOf(s).token);
   if (live == nullptr) return "no queue";
   sockaddr_in address = {};

@@ -49,9 +49,9 @@ struct Datagram {
 // Tells what is missing in `got` and what is in it twice; empty: it is `sent`, in this order.
 std::string Difference(const std::vector<std::string>& sent, const std::vector<std::string>& got);
 
-class UdpBench : public sim::ScenarioTest {
+class UdpWorld : public sim::ScenarioTest {
  protected:
-  UdpBench();
+  UdpWorld();
 
   // --- the game ---
   // One datagram; 0 or the error.
