@@ -3,9 +3,9 @@
 
 #include <cstring>
 
-#include "client/config_file.h"
-#include "client/region_server.h"
-#include "client/sample.h"
+#include "client/check/config_file.h"
+#include "client/sample/sample.h"
+#include "client/serve/region_server.h"
 //
 #include "common/named_mutex.h"
 #include "common/process_info.h"
