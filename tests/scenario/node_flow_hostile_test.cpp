@@ -8,16 +8,7 @@ namespace {
 using namespace node_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class NodeFlowHostile : public NodeFlowWorld {
- protected:
-  bool Runs(std::function<void()> body) {
-    StartEcho();
-    OnClient(std::move(body));
-    return RunToTheEnd();
-  }
-
-  node::SimNode node{world, node_host};
-};
+class NodeFlowHostile : public NodeFlowRun {};
 
 SCENARIO_F(NodeFlowHostile, RequestsAreMetAsTold) {
   const struct {

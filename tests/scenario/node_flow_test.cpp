@@ -6,17 +6,7 @@ namespace {
 using namespace node_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class NodeFlow : public NodeFlowWorld {
- protected:
-  // The client's body, once the echo server and the node stand.
-  bool Runs(std::function<void()> body) {
-    StartEcho();
-    OnClient(std::move(body));
-    return RunToTheEnd();
-  }
-
-  node::SimNode node{world, node_host};
-};
+class NodeFlow : public NodeFlowRun {};
 
 SCENARIO_F(NodeFlow, CarriesBothWaysWithNumbersAndSources) {
   ASSERT_TRUE(Runs([&] {

@@ -68,4 +68,16 @@ class NodeFlowWorld : public NodeWorld {
   std::vector<Heard> heard;
 };
 
+// With a node, and the client's body run once the echo server and the node stand.
+class NodeFlowRun : public NodeFlowWorld {
+ protected:
+  bool Runs(std::function<void()> body) {
+    StartEcho();
+    OnClient(std::move(body));
+    return RunToTheEnd();
+  }
+
+  node::SimNode node{world, node_host};
+};
+
 }  // namespace node_test

@@ -1,6 +1,7 @@
 // A session between its events, which the test brings about one at a time: what it does with those
 // that make no sense in its state, and to the millisecond how long a node may take.
 #include "port/sim/scenario.h"
+#include "tests/support/log_texts.h"
 //
 #include <string>
 
@@ -70,7 +71,7 @@ class SessionByHand : public test::RoutePolicy {
     const std::string text = log.Text();
     return static_cast<SOCKET>(std::stoul(text.substr(text.rfind(line) + line.size())));
   }
-  bool IsClosed() { return log.Contains("[TCP]CloseObsoleteSession, remove session, "); }
+  bool IsClosed() { return log.Contains(test::kObsoleteClosed); }
   int Failures() {
     const std::string text = log.Text(), line = "OnNegotiationFailed, reason=202, token=9\n";
     int lines = 0;

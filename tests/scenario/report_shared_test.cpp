@@ -14,6 +14,7 @@
 #include "common/process_info.h"
 #include "common/text.h"
 #include "port/sim/scenario.h"
+#include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/tracker_fixture.h"
 
@@ -142,7 +143,7 @@ class ReportShared : public sim::ScenarioTest {
     tracker.AddToWatchList(socket, kTrackUdp, 1);
     tracker.SetAcceInfo(socket, is_acce, &decision);
     if (is_acce) {
-      tracker.RecordNegFailed(socket, 1, 202, &decision, 5000, 1);
+      tracker.RecordNegFailed(socket, 1, kNegoTimedOut, &decision, 5000, 1);
       tracker.RecordNegSuccess(socket, 1, 1, 1, 1, &decision);
       RecoverySwitchRecord move;
       move.game_id = kGameId;

@@ -2,6 +2,7 @@
 // game plays on with the same port, the client program learns what happened, and whatever the game
 // does in the middle of it, nobody is left waiting.
 #include "tests/scenario/udp_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 #include "tests/support/report_client.h"
@@ -56,7 +57,7 @@ class SwitchFlow : public UdpWorld {
     RunFor(200ms);
     closesocket(s);
     RunFor(1s);
-    EXPECT_TRUE(Logged("[UDP] session closed, token=")) << log_text();
+    EXPECT_TRUE(Logged(test::kUdpSessionClosed)) << log_text();
   }
 
   SOCKET s = INVALID_SOCKET;
@@ -134,8 +135,8 @@ SCENARIO_F(SwitchFlow, EndsWithTheGameWhileItNegotiates) {
   closesocket(s);
   playing = false;
   RunFor(3s);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
-  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
+  EXPECT_FALSE(Logged(test::kTrialAgreed));
 }
 
 SCENARIO_F(SwitchFlow, EndsWithTheGameWhileItIsVerified) {
@@ -146,7 +147,7 @@ SCENARIO_F(SwitchFlow, EndsWithTheGameWhileItIsVerified) {
   closesocket(s);
   playing = false;
   RunFor(1s);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
   EXPECT_FALSE(Logged("NotifyVerifyResult"));
   EXPECT_EQ(b.Count("flow_closed"), 1u) << b.AllEvents();
 }

@@ -2,6 +2,7 @@
 // sockets, and datagrams that waited for room. At stake: nothing of the game's is lost for the
 // move, and no socket is anybody's twice.
 #include "tests/scenario/switch_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "port/shared/faults.h"
 #include "tests/support/wire_bytes.h"
@@ -195,7 +196,7 @@ SCENARIO_F(SwitchHandOver, WhatWaitedForRoomAtTheOldNodeLeavesAsTheNewOneIsVerif
   ASSERT_TRUE(flow->HasBlockedPackages());
   loop.wants_room.clear();  // there is no room for a long time
   HealthyTurns(10);
-  ASSERT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded"));
+  ASSERT_TRUE(Logged(test::kTrialVerified));
   EXPECT_FALSE(flow->HasBlockedPackages());
   EXPECT_EQ(GameGets(), "waited") << "A, to which it was wrapped, echoes it";
 }

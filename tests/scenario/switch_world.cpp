@@ -1,4 +1,5 @@
 #include "tests/scenario/switch_world.h"
+#include "tests/support/log_texts.h"
 
 #include <cstring>
 
@@ -309,13 +310,13 @@ void SwitchWorld::IsVerifying() {
   ASSERT_TRUE(b.IsAsked()) << log->Text();
   b.Answers();
   Turn();
-  ASSERT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess")) << log->Text();
+  ASSERT_TRUE(Logged(test::kTrialAgreed)) << log->Text();
 }
 
 void SwitchWorld::IsVerified() {
   IsVerifying();
   HealthyTurns(10);
-  ASSERT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded")) << log->Text();
+  ASSERT_TRUE(Logged(test::kTrialVerified)) << log->Text();
 }
 
 void SwitchWorld::IsTakenOver() {

@@ -7,14 +7,7 @@
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
-// While an exception stays, the worker polls without a pause.
-sim::Options QuickSpin() {
-  sim::Options options;
-  options.preempt_percent = 10;
-  options.spin_steps = 20;
-  return options;
-}
-
+// While an exception stays, the worker polls without a pause: hence QuickSpin.
 class TcpUrgent : public TcpWorld {
  protected:
   static void SendUrgent(SOCKET s) { EXPECT_EQ(send(s, "!", 1, MSG_OOB), 1); }

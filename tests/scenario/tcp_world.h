@@ -1,37 +1,27 @@
-// A game in a process where this provider is installed, two acceleration nodes and a game server,
-// each on a host of its own. What the game does with its sockets goes through the provider.
-//
-// The director is the game: it makes ordinary socket calls. GameThread gives it more threads.
+// Connections in a relayed world: the game server takes calls.
 #pragma once
-#include "tests/scenario/sim_sockets.h"
+#include "tests/scenario/relayed_world.h"
 //
-#include <functional>
 #include <list>
-#include <memory>
-#include <string>
-
-#include "abi/ip_table_formats.h"
-#include "node/sim_node.h"
-#include "tests/scenario/game_process.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/route_fixture.h"
 
 namespace tcp_test {
 
-using namespace sim_test;  // NOLINT: the verbs of these tests
+using namespace sim_test;      // NOLINT: the verbs of these tests
+using namespace relayed_test;  // NOLINT
 
-inline constexpr char kGame[] = "192.0.2.1";
-inline constexpr char kNodeA[] = "198.51.100.20";
-inline constexpr char kNodeB[] = "198.51.100.21";
-
-// One game server under four addresses, for each of which the client program has another verdict.
-inline constexpr char kServer[] = "198.51.100.10";    // through A, else B
-inline constexpr char kDirect[] = "198.51.100.11";    // relayed, but through no node
-inline constexpr char kForced[] = "198.51.100.12";    // through A whoever the client's provider is
 inline constexpr char kUnlisted[] = "198.51.100.13";  // not in the tables
 inline constexpr char kAlone[] = "198.51.100.14";     // through A, or else none
-inline constexpr int kPort = 27015;
 inline constexpr int kNobodysPort = 27016;
+
+// For scenarios in which the worker polls without a pause: that costs little time, and others get
+// their turn.
+inline sim::Options QuickSpin() {
+  sim::Options options;
+  options.preempt_percent = 10;
+  options.spin_steps = 20;
+  return options;
+}
+
 inline constexpr unsigned kQuietSelects =
     160;  // in a second: 50 each of the relay and two nodes, and some
 

@@ -4,6 +4,7 @@
 #include "sockets/socket_error_filter.h"
 #include "tests/scenario/tcp_world.h"
 #include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 
 // Four billion sockets take too long to open: an explicit instantiation may name what is private.
 template <auto kMember>
@@ -73,7 +74,7 @@ SCENARIO_F(DatagramsAtTheWrap, AreRelayedUnderEveryNumber) {
     const u32 token = TokenOf(s);
     closesocket(s);
     RunFor(100ms);
-    EXPECT_TRUE(Logged("[UDP] session closed, token=" + std::to_string(token) + "\n")) << token;
+    EXPECT_TRUE(Logged(test::kUdpSessionClosed + std::to_string(token) + "\n")) << token;
   }
 }
 

@@ -11,6 +11,7 @@
 #include "common/shared_mem_obj.h"
 #include "port/shared/faults.h"
 #include "port/sim/scenario.h"
+#include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/tracker_fixture.h"
 #include "tracker/reports.h"
@@ -37,7 +38,7 @@ class TrackerClient : public sim::ScenarioTest {
     tracker.SetAcceInfo(1, false, At(SomeDecision()));
     tracker.SetAcceInfo(2, true, At(SomeDecision()));
     tracker.RecordNegSuccess(2, 1, 1, 1, 1, At(SomeDecision()));
-    tracker.RecordNegFailed(3, 1, 202, At(SomeDecision()), 1, 1);
+    tracker.RecordNegFailed(3, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
     tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
     for (const SOCKET socket : {SOCKET{1}, SOCKET{2}, SOCKET{3}})
       tracker.RemoveFromWatchList(socket);
@@ -136,7 +137,7 @@ SCENARIO_F(TrackerClient, EndWaitsTwoSecondsForAThreadThatAStoppedClientHolds) {
     fresh.AddToWatchList(kSocket, kTrackUdp, kToken);
     fresh.SetAcceInfo(kSocket, true, At(SomeDecision()));
     fresh.RecordNegSuccess(kSocket, 1, 1, 1, 1, At(SomeDecision()));
-    fresh.RecordNegFailed(kSocket, 1, 202, At(SomeDecision()), 1, 1);
+    fresh.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
     fresh.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
     fresh.RecordNegSuccess(kSocket, 1, 1, 1, 1, At(SomeDecision()));
     RunFor(500ms);

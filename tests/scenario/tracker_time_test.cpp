@@ -7,6 +7,7 @@
 
 #include "port/shared/objects.h"
 #include "port/sim/scenario.h"
+#include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/tracker_fixture.h"
 
@@ -98,7 +99,7 @@ SCENARIO_F(TrackerTime, EachReportGoesOutWithoutWaitingForAnother) {
     tracker.AddToWatchList(socket, kTrackUdp, kToken);
   tracker.SetAcceInfo(1, false, At(SomeDecision()));
   EXPECT_TRUE(RunUntil([&] { return UsedSlots(client.decisions) == 1; }, 250ms));
-  tracker.RecordNegFailed(2, 1, 202, At(SomeDecision()), 1, 1);
+  tracker.RecordNegFailed(2, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
   EXPECT_TRUE(RunUntil([&] { return UsedSlots(client.failures) == 1; }, 250ms));
   tracker.SetAcceInfo(3, true, At(SomeDecision()));
   tracker.RecordNegSuccess(3, 1, 1, 1, 1, At(SomeDecision()));
@@ -249,7 +250,7 @@ SCENARIO_F(TrackerTime, OnlyAcceleratedSocketsAreShown) {
     tracker.AddToWatchList(socket, kTrackUdp, kToken);
   tracker.RecordNegSuccess(1, 1, 1, 1, 1, At(SomeDecision()));
   tracker.SetAcceInfo(2, true, At(SomeDecision("refused")));
-  tracker.RecordNegFailed(2, 1, 202, At(SomeDecision("refused")), 1, 1);
+  tracker.RecordNegFailed(2, 1, kNegoTimedOut, At(SomeDecision("refused")), 1, 1);
   tracker.SnapshotCommInfo(true);
   RunFor(300ms);
   EXPECT_EQ(UsedSlots(client.traffic), 0);

@@ -1,6 +1,7 @@
 // A datagram socket's way to its relay at its edges: what is said of it, datagrams in pieces, and
 // sockets that are gone by the time that they are answered. At stake: no socket pays for another.
 #include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
@@ -174,7 +175,7 @@ SCENARIO_F(UdpAskingEdges, ANewSocketWithTheSameHandleIsNotRefusedForTheOldOne) 
     });
     ASSERT_TRUE(RunToTheEnd());
     ASSERT_EQ(other, s);
-    EXPECT_TRUE(Logged("RequestUdpRelay failed: resp not found, socket="));
+    EXPECT_TRUE(Logged(test::kNoRelayAnswer));
     EXPECT_EQ(RecordOf(other).relay_state, kRelayNotAsked) << connects;
     closesocket(other);
     RunFor(1s);

@@ -1,6 +1,7 @@
 // How a game's datagram socket comes to its relay, or does not. At stake: a socket asks once, each
 // destination is judged once, and whatever goes wrong, the game's datagram leaves on its own.
 #include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
@@ -121,7 +122,7 @@ std::vector<AskingFailure> AskingFailures() {
        no_error, all, asked, "RequestUdpRelay failed: resp ret is failed, socket="},
       {"the relay is asleep",
        [](UdpWorld*) { sim::TheWorld().Stall(GetRelayMgr().GetWorkerThreadId(), 600ms); }, no_error,
-       all, asked, "RequestUdpRelay failed: resp not found, socket="},
+       all, asked, test::kNoRelayAnswer},
   };
 }
 
@@ -231,7 +232,7 @@ SCENARIO_F(UdpAsking, ASocketThatIsBoundToTheNetworkGoesDirectlyAfterAWait) {
   EXPECT_GE(world.now() - begin, 500ms);
   EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
   EXPECT_EQ(Heard("game"), (Texts{"hello", "again"})) << AllHeard();
-  EXPECT_TRUE(Logged("RequestUdpRelay failed: resp not found, socket="));
+  EXPECT_TRUE(Logged(test::kNoRelayAnswer));
 }
 
 // Another thread closes the socket while it waits for its relay.

@@ -2,6 +2,7 @@
 // reaches the server that the game named, once and unchanged, whatever becomes of the nodes; and
 // what the game receives bears the server's address, not the relay's.
 #include "tests/scenario/udp_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "port/shared/faults.h"
 
@@ -32,7 +33,7 @@ SCENARIO_F(UdpRelay, CarriesADatagramThroughTheNodeAndItsAnswerBack) {
   EXPECT_TRUE(Logged("[UDP] UdpProvider::ResponseCreateSessionResult ok, addr=127.0.0.1:"));
   closesocket(s);
   EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 1s)) << a.AllEvents();
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
 }
 
 SCENARIO_F(UdpRelay, SendsAnUnacceleratedDestinationsDatagramsFromItsOwnSocket) {
@@ -257,15 +258,15 @@ SCENARIO_F(UdpRelay, ClosingLetsBlockedDatagramsOutFirst) {
   port::ClearFaults();
   closesocket(s);
   RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session enter closing state, token="));
-  EXPECT_FALSE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosing));
+  EXPECT_FALSE(Logged(test::kUdpSessionClosed));
   EXPECT_EQ(heard.size(), 1u);
   // The server's send, the node's, and the relay's to the game: that asks for room again.
   port::FailCall("WSPSendTo", 3, WSAEWOULDBLOCK);
   EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 5s)) << a.AllEvents() << log_text();
   RunFor(100ms);
   EXPECT_EQ(Difference({"first", "farewell"}, Heard("A")), "") << AllHeard();
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
 }
 
 SCENARIO_F(UdpRelay, ManySocketsComeAndGo) {

@@ -1,6 +1,7 @@
 // The end of a flow: by the game, which may close its socket at any moment, and by the relay's own.
 // At stake: what can still leave leaves first, each node is told once, and nothing is left behind.
 #include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 
@@ -35,7 +36,7 @@ SCENARIO_F(UdpEnd, ClosingWhileANodeIsAskedLosesWhatWaits) {
   RunFor(100ms);
   closesocket(s);
   RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
   RunFor(20s);
   EXPECT_TRUE(heard.empty());
 }
@@ -125,12 +126,12 @@ SCENARIO_F(UdpEnd, AFlowThatWaitsForRoomIsNoLongerMeasuredAndTheOthersAre) {
   EXPECT_GE(ProbesOf(goes), 3u);
   closesocket(s);
   RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session enter closing state, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosing));
   sent.clear();
   RunFor(5s);
   EXPECT_EQ(ProbesOf(waits), 0u);
   EXPECT_GE(ProbesOf(goes), 3u);
-  EXPECT_FALSE(Logged("[UDP] session closed, token="));
+  EXPECT_FALSE(Logged(test::kUdpSessionClosed));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // errors, lengths at the bounds, nodes that misbehave. At stake: a datagram is lost only where the
 // rule says so, and the flow goes on.
 #include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
@@ -481,7 +482,7 @@ SCENARIO_WITH_(UdpStates, AFlowGoesOnWhileTheTickCountWraps, UdpStates, 4, About
   EXPECT_EQ(Talks(Udp(), "a new flow"), "a new flow from 198.51.100.10:27015");
   closesocket(s);
   RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
 }
 
 }  // namespace

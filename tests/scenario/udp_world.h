@@ -1,38 +1,18 @@
-// A game in a process where this provider is installed, two acceleration nodes and a game server
-// that answers datagrams, each on a host of its own. What the game does with its sockets goes
-// through the provider.
-//
-// The director is the game: it makes ordinary socket calls. GameThread gives it more threads.
+// Datagrams in a relayed world: the game server answers each.
 #pragma once
-#include "tests/scenario/sim_sockets.h"
+#include "tests/scenario/relayed_world.h"
 //
-#include <functional>
-#include <memory>
-#include <string>
 #include <vector>
 
-#include "abi/ip_table_formats.h"
 #include "abi/restriction_formats.h"
-#include "node/sim_node.h"
-#include "tests/scenario/game_process.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/route_fixture.h"
 
 namespace udp_test {
 
-using namespace sim_test;  // NOLINT: the verbs of these tests
+using namespace sim_test;      // NOLINT: the verbs of these tests
+using namespace relayed_test;  // NOLINT
 
-inline constexpr char kGame[] = "192.0.2.1";
-inline constexpr char kNodeA[] = "198.51.100.20";
-inline constexpr char kNodeB[] = "198.51.100.21";
-
-// One game server under several addresses, for each of which the client program has its verdict.
-inline constexpr char kServer[] = "198.51.100.10";    // through A, else B
-inline constexpr char kDirect[] = "198.51.100.11";    // relayed, but through no node
-inline constexpr char kForced[] = "198.51.100.12";    // through A whoever the client's provider is
 inline constexpr char kSecond[] = "198.51.100.13";    // as kServer, another data centre's
 inline constexpr char kUnlisted[] = "198.51.100.14";  // not in the tables, as are kUnlisted + 1 …
-inline constexpr int kPort = 27015;
 inline constexpr int kSecondPort = 27016;
 
 // What a server answers with a datagram of no bytes.

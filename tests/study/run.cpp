@@ -1,4 +1,5 @@
 #include "tests/study/run.h"
+#include "tests/support/log_texts.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -182,7 +183,7 @@ class Play : public udp_test::UdpWorld {
     outcome.fired = first("switching is firing");
     outcome.verified = first("Verifying result=succeeded");
     // Of the trial that passed: there may have been others before.
-    for (const int time : TimesOf("UdpSwitchRemoteSession::OnNegotiationSuccess", log)) {
+    for (const int time : TimesOf(test::kTrialAgreed, log)) {
       if (time >= start && time - start <= outcome.verified) outcome.answered = time - start;
     }
     if (first_by_b >= start) outcome.over_b = first_by_b - start;

@@ -173,16 +173,16 @@ TEST_F(Negotiation, EachBadAnswerHasItsReason) {
     u32 reason;
   };
   for (const Case& bad : {
-           Case{"nothing", "", 205},
-           Case{"one byte", good.substr(0, 1), 205},
-           Case{"four bytes", good.substr(0, 4), 205},
-           Case{"the header alone", good.substr(0, 10), 205},
-           Case{"all but a byte", good.substr(0, good.size() - 1), 205},
-           Case{"wrong magic", wrong_magic, 203},
-           Case{"no body", with_length(10), 203},
-           Case{"less than itself", with_length(0), 203},
-           Case{"longer than any", with_length(42), 203},
-           Case{"much longer", with_length(65535), 203},
+           Case{"nothing", "", kNegoReceiveFailed},
+           Case{"one byte", good.substr(0, 1), kNegoReceiveFailed},
+           Case{"four bytes", good.substr(0, 4), kNegoReceiveFailed},
+           Case{"the header alone", good.substr(0, 10), kNegoReceiveFailed},
+           Case{"all but a byte", good.substr(0, good.size() - 1), kNegoReceiveFailed},
+           Case{"wrong magic", wrong_magic, kNegoBadHeader},
+           Case{"no body", with_length(10), kNegoBadHeader},
+           Case{"less than itself", with_length(0), kNegoBadHeader},
+           Case{"longer than any", with_length(42), kNegoBadHeader},
+           Case{"much longer", with_length(65535), kNegoBadHeader},
        }) {
     test::StreamPair fresh;
     TcpNegotiation attempt;
@@ -202,7 +202,7 @@ TEST_F(Negotiation, ANodeThatClosesHasFailed) {
   pair.there.Close();
   ASSERT_TRUE(test::BecomesReadable(pair.here));
   EXPECT_EQ(negotiation.ParseTcpNegotiation(&decision, &reason), -1);
-  EXPECT_EQ(reason, 205u);
+  EXPECT_EQ(reason, kNegoReceiveFailed);
 }
 
 #ifndef _WIN32
@@ -226,7 +226,7 @@ struct NegotiationErrors : Negotiation {
 TEST_F(NegotiationErrors, AnErrorOfAnEarlierCallDoesNotHideThatTheNodeHasClosed) {
   port::SuccessKeepsLastError(true);
   EXPECT_EQ(HearTheEnd(), -1);
-  EXPECT_EQ(reason, 205u);
+  EXPECT_EQ(reason, kNegoReceiveFailed);
 }
 
 // Kept: where the call that saw the end says so itself, the node counts as one that has said
@@ -234,7 +234,7 @@ TEST_F(NegotiationErrors, AnErrorOfAnEarlierCallDoesNotHideThatTheNodeHasClosed)
 TEST_F(NegotiationErrors, AnEndThatSaysItWouldBlockIsNeitherAnAnswerNorAFailure) {
   port::SuccessLeavesLastError(WSAEWOULDBLOCK);
   EXPECT_EQ(HearTheEnd(), 1);
-  EXPECT_EQ(reason, 205u);
+  EXPECT_EQ(reason, kNegoReceiveFailed);
 }
 #endif
 
@@ -255,8 +255,9 @@ TEST_F(Negotiation, AnIspThatIsNotServedIsRefusedUnlessForced) {
     int result;
     u32 reason;
   };
-  for (const Case& expected : {Case{kReasonAcce, -1, 207}, Case{kReasonOverMaxLost, -1, 207},
-                               Case{kReasonForceAuto, 0, 0}, Case{kReasonForceManual, 0, 0}}) {
+  for (const Case& expected :
+       {Case{kReasonAcce, -1, kNegoIspNotServed}, Case{kReasonOverMaxLost, -1, kNegoIspNotServed},
+        Case{kReasonForceAuto, 0, 0}, Case{kReasonForceManual, 0, 0}}) {
     test::LogCapture log(5);
     test::StreamPair fresh;
     TcpNegotiation attempt;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/process_info.h"
+#include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/tracker_fixture.h"
 #include "tests/unit/out_of_memory.h"
@@ -57,14 +58,14 @@ TEST_F(TrackerReports, FailedNegotiationIsThatAndNothingElse) {
   tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
   tracker.SetAcceInfo(kSocket, true, At(SomeDecision()));
   SetLastError(10054);
-  tracker.RecordNegFailed(kSocket, 1, 202, At(SomeDecision()), 5010, 2);
+  tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 5010, 2);
   tracker.RemoveFromWatchList(kSocket);
   ReportAll();
   ASSERT_EQ(UsedSlots(client.failures), 1);
   const NegRetRecord& r = client.failures->slots[0];
   EXPECT_EQ(r.neg_type, 1);
   EXPECT_EQ(r.game_id, 7u);
-  EXPECT_EQ(r.nego_result, 202);
+  EXPECT_EQ(r.nego_result, int{kNegoTimedOut});
   EXPECT_EQ(r.last_error, 10054u);
   EXPECT_EQ(r.game_idc, 11u);
   EXPECT_STREQ(r.game_ip, "198.51.100.10");
@@ -87,7 +88,7 @@ TEST_F(TrackerReports, FailedNegotiationIsThatAndNothingElse) {
 // A socket on trial has no decision of its own yet.
 TEST_F(TrackerReports, FailedNegotiationOfASocketWithoutAGuidHasNone) {
   tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
-  tracker.RecordNegFailed(kSocket, 1, 202, At(SomeDecision()), 1, 1);
+  tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
   ReportAll();
   ASSERT_EQ(UsedSlots(client.failures), 1);
   EXPECT_STREQ(client.failures->slots[0].guid, "");
@@ -96,7 +97,7 @@ TEST_F(TrackerReports, FailedNegotiationOfASocketWithoutAGuidHasNone) {
 TEST_F(TrackerReports, LongGuidIsCutInAFailedNegotiation) {
   tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
   tracker.SetAcceInfo(kSocket, true, At(SomeDecision(std::string(64, 'g'))));
-  tracker.RecordNegFailed(kSocket, 1, 202, At(SomeDecision()), 1, 1);
+  tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
   ReportAll();
   EXPECT_EQ(std::string(client.failures->slots[0].guid), std::string(36, 'g'));
 }
@@ -173,7 +174,7 @@ TEST_F(TrackerReports, AreMadeChannelByChannel) {
   AddAccelerated();
   tracker.RemoveFromWatchList(kSocket);
   tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
-  tracker.RecordNegFailed(kSocket, 1, 202, At(SomeDecision()), 1, 1);
+  tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
   const test::LogCapture log(0);
   ReportAll();
   const std::string text = log.Text();
@@ -275,7 +276,7 @@ TEST_F(TrackerReports, WhatTheTrackerSaysOfItselfAreDetails) {
   tracker.NoteGameServer(kSocket, "198.51.100.10", htons(27015));
   tracker.SetRecoveryInfo(kSocket, "0-1-2");
   tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
-  tracker.RecordNegFailed(kSocket, 1, 202, At(SomeDecision()), 1, 1);
+  tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
   tracker.SetAcceInfo(kSocket, false, At(SomeDecision()));
   tracker.RemoveFromWatchList(kSocket);
   AddAccelerated();
@@ -328,7 +329,7 @@ TEST_F(TrackerReports, WithoutMemoryReportsAreLostAndNothingElse) {
   tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
   without_memory([&] { tracker.SetAcceInfo(kSocket, false, &decision); });
   tracker.SetAcceInfo(kSocket, true, &decision);
-  without_memory([&] { tracker.RecordNegFailed(kSocket, 1, 202, &decision, 1, 1); });
+  without_memory([&] { tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, &decision, 1, 1); });
   without_memory([&] { tracker.SubmitRecoverySwitch(&record); });
   without_memory([&] { tracker.RecordNegSuccess(kSocket, 9, 8, 7, 6, &decision); });
   EXPECT_TRUE(Record().nego_success) << "it is accelerated all the same";

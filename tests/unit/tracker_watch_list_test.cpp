@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/tracker_fixture.h"
 #include "tracker/series_code.h"
@@ -213,8 +214,8 @@ TEST_F(WatchList, TextsWithoutAnEndAreCut) {
 TEST_F(WatchList, SuccessTakesTheProxyThatAgreed) {
   tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
   tracker.SetAcceInfo(kSocket, true, At(SomeDecision()));
-  tracker.RecordNegFailed(kSocket, 0, 202, At(SomeDecision()), 1, 1);
-  EXPECT_EQ(Record().nego_result, 202u);
+  tracker.RecordNegFailed(kSocket, 0, kNegoTimedOut, At(SomeDecision()), 1, 1);
+  EXPECT_EQ(Record().nego_result, kNegoTimedOut);
   EXPECT_FALSE(Record().nego_success);
   AccDecisionInfo decision = SomeDecision();
   decision.selected_proxy.proxy_idc = 22;
@@ -287,7 +288,7 @@ TEST_F(WatchList, UnknownSocketsAreNobodysBusiness) {
   u32 sent = 4, received = 4;
   tracker.NoteGameServer(kSocket, "198.51.100.10", 1);
   tracker.RecordNegSuccess(kSocket, 1, 1, 1, 1, At(SomeDecision()));
-  tracker.RecordNegFailed(kSocket, 0, 202, At(SomeDecision()), 1, 1);
+  tracker.RecordNegFailed(kSocket, 0, kNegoTimedOut, At(SomeDecision()), 1, 1);
   tracker.SetConnectResult(kSocket, -1);
   tracker.RecordSend(kSocket, 1, 0);
   tracker.RecordRecv(kSocket, 1, 0);
@@ -374,7 +375,7 @@ TEST_F(WatchList, EndOfASocketThatIsNotAcceleratedIsIgnored) {
     tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
     if (row.agreed) tracker.RecordNegSuccess(kSocket, 1, 1, 1, 1, At(SomeDecision()));
     if (row.decided) tracker.SetAcceInfo(kSocket, row.is_acce, At(SomeDecision()));
-    if (row.is_acce) tracker.RecordNegFailed(kSocket, 0, 202, At(SomeDecision()), 1, 1);
+    if (row.is_acce) tracker.RecordNegFailed(kSocket, 0, kNegoTimedOut, At(SomeDecision()), 1, 1);
     const test::LogCapture log(0);
     tracker.RemoveFromWatchList(kSocket);
     EXPECT_TRUE(log.Contains("[Tracker] direct final comm info ignored, socket=77, token=5\n"));
