@@ -16,26 +16,13 @@ u32 VipLevelOf(u32 game_idc) noexcept { return game_idc / 100 % 10; }
 
 bool IpTable::LoadIpTable() noexcept {
   if (!empty()) return true;
-  switch (ReadRegion<IpTableRegion>(
+  ReadRegion<IpTableRegion>(
       kIpTableRegionName, kIpTableMutexName,
-      [this](const IpTableRegion& region) { LoadIpTableFromMem(region); })) {
-    case RegionRead::kNoView:
-      LSP_LOG(5, "[Route][LoadIpTable] read route table from shared memory failed, mem_addr=null");
-      break;
-    case RegionRead::kNoAddress:
-      LSP_LOG(5,
-              "[Route][LoadIpTable] read route table from shared memory failed, "
-              "mem_addr.get()=null");
-      break;
-    case RegionRead::kNoMemory:  // kept: the one failure of a table at this level
-      LSP_LOG(4,
-              "[Route][LoadIpTable] read iptable from shared memory failed, iptable_pointer alloc "
-              "failed with null");
-      break;
-    case RegionRead::kAbsent:
-    case RegionRead::kParsed:
-      break;
-  }
+      {"[Route][LoadIpTable] read route table from shared memory failed, mem_addr=null",
+       "[Route][LoadIpTable] read route table from shared memory failed, mem_addr.get()=null",
+       "[Route][LoadIpTable] read iptable from shared memory failed, iptable_pointer alloc failed "
+       "with null"},
+      [this](const IpTableRegion& region) { LoadIpTableFromMem(region); });
   return !empty();
 }
 

@@ -56,8 +56,8 @@ class TcpProvider final : public NetProvider {
   bool CreateNewSession(u16 port, const sockaddr_in& addr, u32 token) noexcept;
   bool AddLocalAddr(u16 port) noexcept;
   TcpSession* Adopt(u16 peer_port) noexcept;
-  TcpSession* FindByLocalSocket(SOCKET socket) const noexcept;
-  TcpSession* FindByRemoteSocket(SOCKET socket) const noexcept;
+  // Null: no session has that socket on that side.
+  TcpSession* FindBy(SOCKET (TcpSession::*of)() const noexcept, SOCKET socket) const noexcept;
 
   // Where the listener is, the latest at the front. A start adds its own and none is ever changed
   // or freed: threads connect by what they were given, also by one of an earlier start.
