@@ -21,13 +21,13 @@ class LaunchTest {
   void LoadGltTableFromMem(const LaunchTestRegion& table);
 
  private:
-  common::Shared_mem_owner* OpenRegion() noexcept;
+  common::Shared_mem_obj* OpenRegion() noexcept;
 
   // Guards the two pointers, and the use of what they point to where the region's mutex does not
   // do that. The worker and the threads that send pings meet here, so it is never held while one
   // of them waits for the client program.
   common::Mutex lock_;
-  std::unique_ptr<common::Shared_mem_owner> glt_mem_;  // stays once it was made
+  std::unique_ptr<common::Shared_mem_obj> glt_mem_;    // stays once it was made
   std::unique_ptr<const LaunchTestRegion> local_glt_;  // stands for the region, if there
 };
 

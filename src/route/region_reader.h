@@ -27,7 +27,7 @@ void ReadRegion(const char* name, const char* mutex_name, const RegionFailures& 
     std::unique_ptr<const T> copy;
     const char* failure = nullptr;
     {
-      common::Shared_mem_owner region(name, sizeof(T), mutex_name, false);
+      common::Shared_mem_obj region(name, sizeof(T), mutex_name, false);
       const common::Shared_mem_ptr<const T> view(&region, common::kOpenForReading, true);
       const common::Shared_mem_closer closer(&region);
       if (view) copy.reset(new T(*view.get()));

@@ -95,7 +95,6 @@ u32 TcpSession::HandleRemoteReadable() noexcept {
 u32 TcpSession::HandleRemoteWritable() noexcept {
   switch (state_) {
     case TcpState::Connecting:
-      GetTracker().SetConnectResult(remote_.socket, 0);
       LSP_LOG(4, "[TCP]TcpSession::HandleRemoteWritable, connection is successful. token=%u",
               token_);
       if (use_acc_) {
@@ -121,7 +120,6 @@ u32 TcpSession::HandleConnectFailure() noexcept {
     return kNoAction;
   }
   LSP_LOG(4, "[TCP]HandleConnectFailure. Connection Failed, token=%u", token_);
-  GetTracker().SetConnectResult(remote_.socket, -1);
   state_ = TcpState::Failed;
   return kCloseSession;
 }

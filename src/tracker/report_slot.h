@@ -63,7 +63,7 @@ class ReportSlot {
  private:
   using Region = ReportRegion<Record, kSlots>;
 
-  std::optional<common::Shared_mem_owner> owner_;
+  std::optional<common::Shared_mem_obj> owner_;
   Region* region_ = nullptr;
   u32 index_ = 0;
 };

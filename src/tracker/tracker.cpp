@@ -68,7 +68,7 @@ NegRetRecord MakeNegRet(const SocketQosRecord& socket, const AccDecisionInfo& de
 
 // A record's figures of one direction.
 struct Traffic {
-  u32 &bytes, &packets, &last_size, &last_tick, &first_tick, &errors, &last_error, &first_error;
+  u32 &bytes, &packets, &last_tick, &errors, &last_error, &first_error;
 };
 
 void CountCall(const Traffic& traffic, u32 bytes, int error) noexcept {
@@ -81,9 +81,7 @@ void CountCall(const Traffic& traffic, u32 bytes, int error) noexcept {
   }
   traffic.bytes += bytes;
   ++traffic.packets;
-  traffic.last_size = bytes;
   traffic.last_tick = GetTickCount();
-  if (traffic.first_tick == 0) traffic.first_tick = traffic.last_tick;
 }
 
 void Signal(const common::UniqueHandle& event) noexcept {
@@ -164,8 +162,6 @@ void Tracker::SetAcceInfo(SOCKET socket, bool is_acce, const AccDecisionInfo* de
           socket, is_acce ? 1 : 0, Int(record->token));
   record->is_acce = is_acce;
   record->game_idc = decision->game_idc;
-  record->header3 = decision->header3;
-  record->acc_reason = decision->acc_reason;
   record->direct_delay = decision->direct_delay;
   record->direct_lost = decision->direct_lost;
   CopyProxyFigures(*decision, record);
@@ -189,7 +185,6 @@ void Tracker::RecordNegSuccess(SOCKET socket, u32 user_isp, u32 user_ip, u32 las
   record->nego_success = true;
   record->user_isp = user_isp;
   record->user_ip = user_ip;
-  record->nego_result = 0;
   CopyProxyFigures(*decision, record);
   const RealNegoRecord real_nego = MakeRealNego(*record, last_node_id, last_node_ip, *decision);
   {
@@ -213,7 +208,6 @@ void Tracker::RecordNegFailed(SOCKET socket, i32 neg_type, u32 nego_result,
   LSP_LOG(0, "[Tracker] RecordNegFailed socket=%Id, neg_type=%d, nego_result=%d, token=%d", socket,
           int{neg_type}, Int(nego_result), Int(record->token));
   record->nego_success = false;
-  record->nego_result = nego_result;
   NegRetRecord neg_ret = MakeNegRet(*record, *decision);
   neg_ret.neg_type = neg_type;
   neg_ret.nego_result = Int(nego_result);
@@ -227,26 +221,20 @@ void Tracker::RecordNegFailed(SOCKET socket, i32 neg_type, u32 nego_result,
 } catch (...) {
 }
 
-void Tracker::SetConnectResult(SOCKET socket, i32 value) noexcept {
-  if (SocketQosRecord* const record = Find(socket)) record->connect_result = value;
-}
-
 void Tracker::RecordSend(SOCKET socket, u32 bytes, int error) noexcept {
   SocketQosRecord* const r = Find(socket);
   if (r == nullptr) return;
-  CountCall(
-      {r->total_sent_bytes, r->total_sent_packets, r->last_send_size, r->last_send_tick,
-       r->first_send_tick, r->total_sent_errors, r->curr_send_error_code, r->first_send_error_code},
-      bytes, error);
+  CountCall({r->total_sent_bytes, r->total_sent_packets, r->last_send_tick, r->total_sent_errors,
+             r->curr_send_error_code, r->first_send_error_code},
+            bytes, error);
 }
 
 void Tracker::RecordRecv(SOCKET socket, u32 bytes, int error) noexcept {
   SocketQosRecord* const r = Find(socket);
   if (r == nullptr) return;
-  CountCall(
-      {r->total_recv_bytes, r->total_recv_packets, r->last_recv_size, r->last_recv_tick,
-       r->first_recv_tick, r->total_recv_errors, r->curr_recv_error_code, r->first_recv_error_code},
-      bytes, error);
+  CountCall({r->total_recv_bytes, r->total_recv_packets, r->last_recv_tick, r->total_recv_errors,
+             r->curr_recv_error_code, r->first_recv_error_code},
+            bytes, error);
 }
 
 bool Tracker::GetSpeedTestResult(SOCKET socket, SpeedStats* out) noexcept {

@@ -77,7 +77,6 @@ class Tracker {
   // `neg_type` is 0 for a stream and 1 for datagrams. Reports the last error as it is found.
   void RecordNegFailed(SOCKET socket, i32 neg_type, u32 nego_result,
                        const AccDecisionInfo* decision, u32 elapsed_ms, u32 tries) noexcept;
-  void SetConnectResult(SOCKET socket, i32 value) noexcept;
 
   // One call of the system's on the socket: what it moved, and its error. Error 0 counts as
   // traffic, whatever the bytes; an error that means "later" counts for nothing.

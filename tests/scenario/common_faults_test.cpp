@@ -182,7 +182,7 @@ class ListedGame : public sim::ScenarioTest {
   }
 
  protected:
-  std::optional<common::Shared_mem_owner> client_;
+  std::optional<common::Shared_mem_obj> client_;
 };
 
 // Every platform call of the reading fails in turn. The process is served where the data could

@@ -17,8 +17,8 @@ using moru_vyr::lsp::RouteTableImage;
 bool CopyRegion(const RegionRow& row, unsigned wait_ms, std::byte* to) {
   BoundedLock lock(row.mutex_name, wait_ms);
   if (!lock.owns()) return false;
-  common::Shared_mem_owner owner(row.name, static_cast<uint32_t>(row.size), row.mutex_name,
-                                 row.double_buffered);
+  common::Shared_mem_obj owner(row.name, static_cast<uint32_t>(row.size), row.mutex_name,
+                               row.double_buffered);
   const void* const record = owner.Open(common::kOpenForReading, true);
   if (record != nullptr) std::memcpy(to, record, row.size);
   owner.Close();

@@ -8,13 +8,13 @@ namespace client {
 namespace {
 
 // Whether readers would take the region that stands. Reading flips nothing.
-bool IsReadable(common::Shared_mem_owner* owner) {
+bool IsReadable(common::Shared_mem_obj* owner) {
   const bool readable = owner->Open(common::kOpenForReading, true) != nullptr;
   owner->Close();
   return readable;
 }
 
-bool Copy(common::Shared_mem_owner* owner, const std::byte* record, size_t size) {
+bool Copy(common::Shared_mem_obj* owner, const std::byte* record, size_t size) {
   if (!IsReadable(owner)) return false;
   // The buffer that is not read may hold anything: it is written whole, header included.
   void* const to = owner->Open(common::kOpenForWriting, false);
@@ -61,8 +61,8 @@ std::string RegionServer::Write(RegionId id, const Tables& tables, unsigned wait
   }
   auto& owner = owners_[id];
   if (!owner) {
-    owner = std::make_unique<common::Shared_mem_owner>(row.name, static_cast<uint32_t>(row.size),
-                                                       row.mutex_name, row.double_buffered);
+    owner = std::make_unique<common::Shared_mem_obj>(row.name, static_cast<uint32_t>(row.size),
+                                                     row.mutex_name, row.double_buffered);
   }
   const bool written = Copy(owner.get(), RegionOf(tables, row), row.size);
   if (written) return "";

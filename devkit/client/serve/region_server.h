@@ -32,7 +32,7 @@ class RegionServer {
  private:
   std::string Write(RegionId id, const Tables& tables, unsigned wait_ms);
 
-  std::array<std::unique_ptr<common::Shared_mem_owner>, kRegionCount> owners_;
+  std::array<std::unique_ptr<common::Shared_mem_obj>, kRegionCount> owners_;
   std::unique_ptr<Tables> published_;
 };
 
