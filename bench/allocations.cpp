@@ -1,7 +1,6 @@
 #include "bench/allocations.h"
 
 #include <atomic>
-#include <cerrno>
 #include <cstddef>
 
 // The C library's own, which it lends to those who stand in front of it.
@@ -15,16 +14,10 @@ void* __libc_memalign(std::size_t alignment, std::size_t size) noexcept;
 namespace {
 
 constinit std::atomic<std::uint64_t> allocations{0};
-constinit thread_local bool refuse_next = false;
 
 template <class Allocate>
 void* Count(Allocate allocate) noexcept {
   allocations.fetch_add(1, std::memory_order_relaxed);
-  if (refuse_next) {
-    refuse_next = false;
-    errno = ENOMEM;
-    return nullptr;
-  }
   return allocate();
 }
 
@@ -48,7 +41,5 @@ void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
 namespace bench {
 
 std::uint64_t Allocations() { return allocations.load(std::memory_order_relaxed); }
-
-void RefuseNextAllocation() { refuse_next = true; }
 
 }  // namespace bench

@@ -8,7 +8,4 @@ namespace bench {
 // By all threads, since the process began.
 std::uint64_t Allocations();
 
-// The next one of this thread finds no memory.
-void RefuseNextAllocation();
-
 }  // namespace bench

@@ -11,7 +11,6 @@ enum class Care : std::uint8_t {
   kAll,        // as for a game whose links are watched: probes, losses, statistics
   kNoProbes,   // but no probe is ever due
   kNoMeasure,  // nor does it count what is lost
-  kNoTracker,  // everything but statistics and reports
 };
 
 struct LibrarySetup {

@@ -116,13 +116,13 @@ void AnsweredProbe(benchmark::State& state) {
   probes.Start(&judge, &param, false);
   SpeedTestPackage answer;
   answer.header.flags = kUdpAcclSpeedTest;
-  answer.header.Pack(nullptr, 0, 0);
   answer.payload.send_time = common::UnixTimeMs() - 10;
   for (auto _ : state) {
     ++answer.payload.seq;
     judge.RealRouteAddOneSendPkg(answer.payload.seq);
-    benchmark::DoNotOptimize(
-        probes.RecvSpeedTest(reinterpret_cast<const u8*>(&answer), sizeof answer));
+    u8 wire[sizeof answer];
+    answer.Pack(wire);
+    benchmark::DoNotOptimize(probes.RecvSpeedTest(wire, sizeof wire));
   }
   for (SOCKET s = kFirst; s < kFirst + sockets; ++s) GetTracker().RemoveFromWatchList(s);
 }

@@ -1,13 +1,13 @@
 // What the Tracker adds to a relayed datagram: one lookup in the watch list and a few additions,
-// on the worker. NoTracker is the call alone, Unwatched a socket that is not in the list; the
-// argument is the number of sockets that are.
+// on the worker. Unwatched is a socket that is not in the list; the argument is the number of
+// sockets that are.
 #include <benchmark/benchmark.h>
 
 #include <string>
 
 #include "common/log.h"
 #include "common/text.h"
-#include "tracker/tracker_impl.h"
+#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -29,38 +29,31 @@ class Watched {
     for (std::int64_t i = 0; i < count; ++i) {
       common::SetFieldText(decision.guid, std::to_string(i));
       tracker.AddToWatchList(Socket(i), kTrackUdp, static_cast<u32>(i));
-      tracker.SetAcceInfo(Socket(i), true, decision);
-      tracker.RecordNegSuccess(Socket(i), 1, 1, 1, 1, decision);
+      tracker.SetAcceInfo(Socket(i), true, &decision);
+      tracker.RecordNegSuccess(Socket(i), 1, 1, 1, 1, &decision);
     }
   }
 
   Tracker tracker;
-  TrackerFront front{&tracker};
 };
 
-void FeedAll(benchmark::State& state, TrackerFront& front, std::int64_t sockets) {
+void FeedAll(benchmark::State& state, Tracker& tracker, std::int64_t sockets) {
   std::int64_t next = 0;
   for (auto _ : state) {
-    front.RecordSend(Socket(next), kDatagramSize, 0);
+    tracker.RecordSend(Socket(next), kDatagramSize, 0);
     if (++next == sockets) next = 0;
   }
 }
 
-void NoTracker(benchmark::State& state) {
-  TrackerFront front(nullptr);
-  FeedAll(state, front, 60);
-}
-BENCHMARK(NoTracker);
-
 void Unwatched(benchmark::State& state) {
   Watched watched(state.range(0));
-  for (auto _ : state) watched.front.RecordSend(kFirstSocket - 1, kDatagramSize, 0);
+  for (auto _ : state) watched.tracker.RecordSend(kFirstSocket - 1, kDatagramSize, 0);
 }
 BENCHMARK(Unwatched)->Arg(0)->Arg(60);
 
 void Sent(benchmark::State& state) {
   Watched watched(state.range(0));
-  FeedAll(state, watched.front, state.range(0));
+  FeedAll(state, watched.tracker, state.range(0));
 }
 BENCHMARK(Sent)->Arg(1)->Arg(10)->Arg(60);
 
@@ -68,7 +61,7 @@ void Received(benchmark::State& state) {
   Watched watched(state.range(0));
   std::int64_t next = 0;
   for (auto _ : state) {
-    watched.front.RecordRecv(Socket(next), kDatagramSize, 0);
+    watched.tracker.RecordRecv(Socket(next), kDatagramSize, 0);
     if (++next == state.range(0)) next = 0;
   }
 }
@@ -91,7 +84,7 @@ void Send(benchmark::State& state, bool told) {
   std::int64_t next = 0;
   for (auto _ : state) {
     sendto(s, datagram, sizeof datagram, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    if (told) watched.front.RecordSend(Socket(next), kDatagramSize, 0);
+    if (told) watched.tracker.RecordSend(Socket(next), kDatagramSize, 0);
     if (++next == 60) next = 0;
   }
   closesocket(s);
@@ -106,8 +99,8 @@ void ProbeFigures(benchmark::State& state) {
   Watched watched(state.range(0));
   SpeedStats stats;
   for (auto _ : state) {
-    watched.front.GetSpeedTestResult(Socket(state.range(0) - 1), &stats);
-    watched.front.SetSpeedTestResult(Socket(state.range(0) - 1), &stats);
+    watched.tracker.GetSpeedTestResult(Socket(state.range(0) - 1), &stats);
+    watched.tracker.SetSpeedTestResult(Socket(state.range(0) - 1), &stats);
   }
 }
 BENCHMARK(ProbeFigures)->Arg(1)->Arg(60);

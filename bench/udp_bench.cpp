@@ -25,7 +25,7 @@ constexpr char kUsage[] =
     "  --rounds N   how often each measurement is taken in each way, in turn (default 9)\n"
     "  --only WORD  the measurements that have this word in their name\n"
     "  --way NAME   this way only, or these: direct, vyr, select, socat, nginx, vyr+node,\n"
-    "               select+select; 'no probes', 'no measure', 'no tracker'\n"
+    "               select+select; 'no probes', 'no measure'\n"
     "  --quick      small amounts, to see that it runs; its figures mean nothing\n"
     "  --json       a JSON object for each table\n"
     "\n"
@@ -107,8 +107,7 @@ const std::vector<Pair> kForwardingPairs = {{"vyr", "direct"},
                                             {"vyr", "socat"},
                                             {"vyr", "nginx"},
                                             {"vyr+node", "select+select"}};
-const std::vector<Pair> kCarePairs = {
-    {"vyr+node", "no probes"}, {"vyr+node", "no measure"}, {"vyr+node", "no tracker"}};
+const std::vector<Pair> kCarePairs = {{"vyr+node", "no probes"}, {"vyr+node", "no measure"}};
 
 // Starts what has been asked for, in a network of its own.
 class Ways {
@@ -141,7 +140,6 @@ class Ways {
     AddNode("vyr+node", Care::kAll, &ways);
     AddNode("no probes", Care::kNoProbes, &ways);
     AddNode("no measure", Care::kNoMeasure, &ways);
-    AddNode("no tracker", Care::kNoTracker, &ways);
     return ways;
   }
 

@@ -14,7 +14,6 @@
 #include "bench/allocations.h"
 #include "bench/forwarder.h"
 #include "bench/timing.h"
-#include "tracker/tracker.h"
 
 namespace bench {
 namespace {
@@ -253,8 +252,6 @@ DatagramOutcome Carry(const DatagramGameOptions& options, const DatagramOrder& o
 std::unique_ptr<DatagramGame> StartGame(const DatagramGameOptions& options) {
   const auto prepare = [&options] {
     if (options.with_library) {
-      if (options.library.care == Care::kNoTracker) RefuseNextAllocation();
-      moru_vyr::lsp::GetTracker();  // built now, where there may be no memory for it
       InstallLibrary(options.library);
     }
     WSADATA data;

@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "client/problems.h"
-#include "client/takeover.h"
+#include "client/check/problems.h"
+#include "client/serve/takeover.h"
 
 namespace client {
 

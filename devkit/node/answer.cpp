@@ -34,7 +34,7 @@ std::string MakeAnswer(const Behaviour& behaviour, u8 result, u32 token, const A
 
   std::string bytes(sizeof response, '\0');
   const int size =
-      response.Pack(bytes.data(), static_cast<u32>(bytes.size()),
+      response.Pack({reinterpret_cast<u8*>(bytes.data()), bytes.size()},
                     NormaliseVersion(static_cast<u32>(behaviour.answer_version), kNegoVersion));
   bytes.resize(static_cast<std::size_t>(size));
   const auto field = [&](std::size_t offset, std::size_t width, std::int64_t value) {

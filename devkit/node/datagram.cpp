@@ -10,9 +10,7 @@ using namespace moru_vyr::lsp;
 const char* ReadDatagram(const char* bytes, std::size_t size, ClientDatagram* datagram) {
   UdpAcclHeader header;
   if (size < sizeof header) return "shorter than a header";
-  char copy[sizeof header];  // Unpack may write to what it reads
-  std::memcpy(copy, bytes, sizeof copy);
-  const int head_len = header.Unpack(copy, sizeof copy);
+  const int head_len = header.Unpack({reinterpret_cast<const u8*>(bytes), size});
   if (head_len < 0) return "its header is too short";
   if (static_cast<std::size_t>(head_len) > size) return "its header ends beyond it";
   if (header.flags != kUdpAcclData && header.flags != kUdpAcclEnd &&
@@ -35,7 +33,7 @@ std::size_t WriteDatagram(const Behaviour& behaviour, UdpAcclHeader header, cons
   };
   if (behaviour.data_token >= 0) header.accl_token = static_cast<u32>(behaviour.data_token);
   if (payload_size != 0) std::memmove(out + head_len, payload, payload_size);
-  header.Pack(out, sizeof header, 0);
+  header.Pack({reinterpret_cast<u8*>(out), sizeof header});
   std::memset(out + sizeof header, kFiller, head_len - sizeof header);
   overwrite(offsetof(UdpAcclHeader, head_len), static_cast<u8>(head_len));
   const std::size_t size = head_len + payload_size;

@@ -50,7 +50,7 @@ RequestReader::State RequestReader::Refuse(const char* problem) {
 
 RequestReader::State RequestReader::TakeHeader() {
   NegoHeader header;
-  if (header.Unpack(bytes_.data(), static_cast<u32>(size_)) < 0) return Refuse("wrong magic");
+  if (header.Unpack(Bytes()) < 0) return Refuse("wrong magic");
   version_ = header.version;
   const u32 size = SizeOf(version_);
   const bool known = version_ >= 1 && version_ <= kNegoVersion;
@@ -62,7 +62,7 @@ RequestReader::State RequestReader::TakeHeader() {
 }
 
 RequestReader::State RequestReader::TakeRequest() {
-  if (request_.Unpack(bytes_.data(), static_cast<u32>(size_)) < 0) return Refuse("unreadable");
+  if (request_.Unpack(Bytes()) < 0) return Refuse("unreadable");
   if (!game().server()) return Refuse("names no game server");
   return State::kDone;
 }

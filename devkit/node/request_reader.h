@@ -7,6 +7,7 @@
 #pragma once
 #include <array>
 #include <cstddef>
+#include <span>
 
 #include "common/types.h"
 #include "node/event.h"
@@ -44,6 +45,9 @@ class RequestReader {
   State Refuse(const char* problem);
   State TakeHeader();
   State TakeRequest();
+  std::span<const moru_vyr::lsp::u8> Bytes() const {
+    return {reinterpret_cast<const moru_vyr::lsp::u8*>(bytes_.data()), size_};
+  }
 
   std::array<char, kMaxRequest> bytes_ = {};
   std::size_t size_ = 0;

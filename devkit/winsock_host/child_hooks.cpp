@@ -38,26 +38,33 @@ void Host(DWORD wanted_flags, const PROCESS_INFORMATION& child) {
   SetLastError(last_error);
 }
 
+// `create` starts the child with the flags passed to it.
+template <class Create>
+BOOL StartHosted(DWORD flags, const PROCESS_INFORMATION* child, const Create& create) {
+  const DWORD suspended = IsDebugged(flags) ? 0 : CREATE_SUSPENDED;
+  const BOOL started = create(flags | suspended);
+  if (started && suspended != 0) Host(flags, *child);
+  return started;
+}
+
 BOOL WINAPI HookedCreateProcessA(LPCSTR program, LPSTR line, LPSECURITY_ATTRIBUTES process,
                                  LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags,
                                  LPVOID environment, LPCSTR folder, LPSTARTUPINFOA startup,
                                  LPPROCESS_INFORMATION child) {
-  const DWORD suspended = IsDebugged(flags) ? 0 : CREATE_SUSPENDED;
-  const BOOL started = CreateProcessA(program, line, process, thread, inherit, flags | suspended,
-                                      environment, folder, startup, child);
-  if (started && suspended != 0) Host(flags, *child);
-  return started;
+  return StartHosted(flags, child, [&](DWORD with) {
+    return CreateProcessA(program, line, process, thread, inherit, with, environment, folder,
+                          startup, child);
+  });
 }
 
 BOOL WINAPI HookedCreateProcessW(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES process,
                                  LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags,
                                  LPVOID environment, LPCWSTR folder, LPSTARTUPINFOW startup,
                                  LPPROCESS_INFORMATION child) {
-  const DWORD suspended = IsDebugged(flags) ? 0 : CREATE_SUSPENDED;
-  const BOOL started = CreateProcessW(program, line, process, thread, inherit, flags | suspended,
-                                      environment, folder, startup, child);
-  if (started && suspended != 0) Host(flags, *child);
-  return started;
+  return StartHosted(flags, child, [&](DWORD with) {
+    return CreateProcessW(program, line, process, thread, inherit, with, environment, folder,
+                          startup, child);
+  });
 }
 
 }  // namespace

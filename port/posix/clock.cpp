@@ -1,13 +1,10 @@
 #include <sched.h>
 
-#include <cerrno>
 #include <chrono>
 
 #include "port/posix/threads.h"
 
 namespace {
-
-constexpr int64_t kUnixEpoch = 116'444'736'000'000'000;  // in 100 ns since 1 January 1601
 
 timespec Now(clockid_t clock) {
   timespec now;
@@ -17,31 +14,21 @@ timespec Now(clockid_t clock) {
 
 }  // namespace
 
+namespace port {
+
+int64_t UnixTicks() {
+  const timespec now = Now(CLOCK_REALTIME);
+  return now.tv_sec * 10'000'000 + now.tv_nsec / 100;
+}
+
+bool BreakDown(time_t moment, struct tm* out) { return ::localtime_r(&moment, out) != nullptr; }
+
+}  // namespace port
+
 DWORD WINAPI GetTickCount() {
   const timespec now = Now(CLOCK_MONOTONIC);
   return static_cast<DWORD>(static_cast<uint64_t>(now.tv_sec) * 1000 +
                             static_cast<uint64_t>(now.tv_nsec) / 1'000'000);
-}
-
-void WINAPI GetLocalTime(LPSYSTEMTIME out) {
-  const timespec now = Now(CLOCK_REALTIME);
-  struct tm fields = {};
-  ::localtime_r(&now.tv_sec, &fields);
-  out->wYear = static_cast<WORD>(fields.tm_year + 1900);
-  out->wMonth = static_cast<WORD>(fields.tm_mon + 1);
-  out->wDayOfWeek = static_cast<WORD>(fields.tm_wday);
-  out->wDay = static_cast<WORD>(fields.tm_mday);
-  out->wHour = static_cast<WORD>(fields.tm_hour);
-  out->wMinute = static_cast<WORD>(fields.tm_min);
-  out->wSecond = static_cast<WORD>(fields.tm_sec);
-  out->wMilliseconds = static_cast<WORD>(now.tv_nsec / 1'000'000);
-}
-
-void WINAPI GetSystemTimeAsFileTime(LPFILETIME out) {
-  const timespec now = Now(CLOCK_REALTIME);
-  const int64_t ticks = kUnixEpoch + now.tv_sec * 10'000'000 + now.tv_nsec / 100;
-  out->dwLowDateTime = static_cast<DWORD>(ticks);
-  out->dwHighDateTime = static_cast<DWORD>(ticks >> 32);
 }
 
 void WINAPI Sleep(DWORD ms) {
@@ -64,15 +51,4 @@ void WINAPI Sleep(DWORD ms) {
     thread.waits_for = nullptr;
   }
   port::EndIfTold();
-}
-
-time_t vyr_port_time(time_t* out) {
-  const time_t now = Now(CLOCK_REALTIME).tv_sec;
-  if (out) *out = now;
-  return now;
-}
-
-int vyr_port_localtime_s(struct tm* out, const time_t* when) {
-  if (!out || !when || *when < 0 || !::localtime_r(when, out)) return EINVAL;
-  return 0;
 }

@@ -2,6 +2,7 @@
 #include "port/posix/native.h"
 //
 #include "port/posix/sockets.h"
+#include "port/shared/socket_options.h"
 
 #include <cerrno>
 
@@ -10,18 +11,6 @@ namespace {
 
 constexpr int kUpdateAcceptContext = 0x700B;
 constexpr int kUpdateConnectContext = 0x7010;
-
-// Windows' record of SO_LINGER; the host's has two ints.
-struct ShortLinger {
-  uint16_t on, seconds;
-};
-
-int Deliver(int number, char* value, int* size) {
-  if (*size < static_cast<int>(sizeof number)) return WSAEFAULT;
-  std::memcpy(value, &number, sizeof number);
-  *size = sizeof number;
-  return 0;
-}
 
 // Options that are one host flag.
 int HostFlag(int option) {
@@ -45,7 +34,7 @@ int GetHost(const Socket& socket, int level, int option, char* value, int* size)
   int number = 0;
   socklen_t length = sizeof number;
   if (native::GetSockOpt(socket.fd, level, option, &number, &length) != 0) return ErrorOf(errno);
-  return Deliver(number, value, size);
+  return PutOption(number, value, size);
 }
 
 int SetHost(const Socket& socket, int level, int option, int number) {
@@ -66,28 +55,12 @@ int GetLinger(const Socket& socket, char* value, int* size) {
   socklen_t length = sizeof host;
   if (native::GetSockOpt(socket.fd, native::kSolSocket, native::kLinger, &host, &length) != 0)
     return ErrorOf(errno);
-  if (*size >= static_cast<int>(sizeof host)) {
-    std::memcpy(value, &host, sizeof host);
-    *size = sizeof host;
-    return 0;
-  }
-  if (*size < static_cast<int>(sizeof(ShortLinger))) return WSAEFAULT;
-  const ShortLinger brief = {static_cast<uint16_t>(host.l_onoff),
-                             static_cast<uint16_t>(host.l_linger)};
-  std::memcpy(value, &brief, sizeof brief);
-  *size = sizeof brief;
-  return 0;
+  return PutLinger(host.l_onoff, host.l_linger, value, size);
 }
 
 int SetLinger(const Socket& socket, const char* value, int size) {
   linger host = {};
-  if (size >= static_cast<int>(sizeof host)) {
-    std::memcpy(&host, value, sizeof host);
-  } else {
-    ShortLinger brief;
-    std::memcpy(&brief, value, sizeof brief);
-    host = {brief.on, brief.seconds};
-  }
+  if (const int error = ReadLinger(value, size, &host.l_onoff, &host.l_linger)) return error;
   return native::SetSockOpt(socket.fd, native::kSolSocket, native::kLinger, &host, sizeof host) == 0
              ? 0
              : ErrorOf(errno);
@@ -99,23 +72,23 @@ int GetSocketOption(Socket& socket, int option, char* value, int* size) {
     case SO_ERROR:
       // Tested first: an error must not be lost on a buffer that cannot take it.
       if (*size < static_cast<int>(sizeof(int))) return WSAEFAULT;
-      return Deliver(TakeError(socket), value, size);
+      return PutOption(TakeError(socket), value, size);
     case SO_TYPE:
-      return Deliver(socket.type, value, size);
+      return PutOption(socket.type, value, size);
     case SO_ACCEPTCONN:
-      return Deliver(socket.listening, value, size);
+      return PutOption(socket.listening, value, size);
     case SO_SNDBUF:
-      return Deliver(socket.send_buffer, value, size);
+      return PutOption(socket.send_buffer, value, size);
     case SO_RCVBUF:
-      return Deliver(socket.recv_buffer, value, size);
+      return PutOption(socket.recv_buffer, value, size);
     case SO_RCVTIMEO:
-      return Deliver(static_cast<int>(socket.recv_timeout_ms), value, size);
+      return PutOption(static_cast<int>(socket.recv_timeout_ms), value, size);
     case SO_SNDTIMEO:
-      return Deliver(static_cast<int>(socket.send_timeout_ms), value, size);
+      return PutOption(static_cast<int>(socket.send_timeout_ms), value, size);
     case SO_EXCLUSIVEADDRUSE:
-      return Deliver(socket.exclusive, value, size);
+      return PutOption(socket.exclusive, value, size);
     case SO_DEBUG:
-      return Deliver(0, value, size);
+      return PutOption(0, value, size);
     case SO_LINGER:
       return GetLinger(socket, value, size);
     default:

@@ -4,7 +4,6 @@
 
 #include "port/posix/threads.h"
 #include "port/shared/faults.h"
-#include "port/shared/text.h"
 
 namespace port {
 namespace {
@@ -90,9 +89,16 @@ DWORD WaitFor(Waitable& object, Thread& thread, DWORD timeout_ms) {
   return result;
 }
 
-HANDLE MakeEvent(const char* name, BOOL manual_reset, BOOL initial) {
-  return CreateNamed(name, "event",
-                     [&] { return std::make_shared<Event>(manual_reset != 0, initial != 0); });
+}  // namespace
+
+std::shared_ptr<Object> NewEvent(bool manual_reset, bool set) {
+  return std::make_shared<Event>(manual_reset, set);
+}
+
+std::shared_ptr<Object> NewMutex(bool owned) {
+  auto mutex = std::make_shared<Mutex>();
+  if (owned) mutex->TryTake(Self());  // without KernelLock(): no other thread has it yet
+  return mutex;
 }
 
 BOOL ChangeEvent(HANDLE handle, bool set) {
@@ -103,28 +109,7 @@ BOOL ChangeEvent(HANDLE handle, bool set) {
   return TRUE;
 }
 
-HANDLE OpenKind(LPCSTR name, const char* kind) {
-  if (name) return OpenNamed(name, kind);
-  SetLastError(ERROR_INVALID_PARAMETER);
-  return nullptr;
-}
-
-}  // namespace
 }  // namespace port
-
-HANDLE WINAPI CreateMutexA(LPSECURITY_ATTRIBUTES, BOOL initial_owner, LPCSTR name) {
-  if (port::Fails("CreateMutexA")) return nullptr;
-  HANDLE handle = port::CreateNamed(name, "mutex", [] { return std::make_shared<port::Mutex>(); });
-  if (!handle || !initial_owner || GetLastError() == ERROR_ALREADY_EXISTS) return handle;
-  std::lock_guard hold(port::KernelLock());
-  port::LookupAs<port::Mutex>(handle)->TryTake(port::Self());
-  return handle;
-}
-
-HANDLE WINAPI OpenMutexA(DWORD, BOOL, LPCSTR name) {
-  if (port::Fails("OpenMutexA")) return nullptr;
-  return port::OpenKind(name, "mutex");
-}
 
 BOOL WINAPI ReleaseMutex(HANDLE handle) {
   if (port::Fails("ReleaseMutex")) return FALSE;
@@ -134,31 +119,6 @@ BOOL WINAPI ReleaseMutex(HANDLE handle) {
   if (mutex->Release(port::Self())) return TRUE;
   SetLastError(ERROR_NOT_OWNER);
   return FALSE;
-}
-
-HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES, BOOL manual_reset, BOOL initial, LPCSTR name) {
-  if (port::Fails("CreateEventA")) return nullptr;
-  return port::MakeEvent(name, manual_reset, initial);
-}
-
-HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manual_reset, BOOL initial, LPCWSTR name) {
-  if (port::Fails("CreateEventW")) return nullptr;
-  return port::MakeEvent(name ? port::Utf8(name).c_str() : nullptr, manual_reset, initial);
-}
-
-HANDLE WINAPI OpenEventA(DWORD, BOOL, LPCSTR name) {
-  if (port::Fails("OpenEventA")) return nullptr;
-  return port::OpenKind(name, "event");
-}
-
-BOOL WINAPI SetEvent(HANDLE handle) {
-  if (port::Fails("SetEvent")) return FALSE;
-  return port::ChangeEvent(handle, true);
-}
-
-BOOL WINAPI ResetEvent(HANDLE handle) {
-  if (port::Fails("ResetEvent")) return FALSE;
-  return port::ChangeEvent(handle, false);
 }
 
 DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD timeout_ms) {

@@ -1,15 +1,18 @@
 // The interface between what both backends share and the backend below: what port/posix and
 // port/sim must each supply. Everything else that a backend supplies are the declared
 // Windows calls themselves: threads.cpp (threads, critical sections), waits.cpp (events,
-// mutexes, WaitForSingleObject), clock.cpp (clocks and Sleep), base_provider.cpp.
+// mutexes, WaitForSingleObject), clock.cpp (GetTickCount and Sleep), base_provider.cpp.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>
 
+#include <ctime>
+#include <memory>
 #include <string>
 
 namespace port {
 
+class Object;
 struct Process;
 
 // What Windows keeps in a thread's own block. Only its thread touches it.
@@ -28,6 +31,16 @@ Process& CurrentProcess();
 
 // Thirty entries, none null; valid for the life of the program.
 const WSPPROC_TABLE& BaseProviderTable();
+
+// An event or a mutex without a handle. `owned` means by the calling thread.
+std::shared_ptr<Object> NewEvent(bool manual_reset, bool set);
+std::shared_ptr<Object> NewMutex(bool owned);
+// SetEvent and ResetEvent.
+BOOL ChangeEvent(HANDLE handle, bool set);
+
+// Calendar time in units of 100 ns since 1970, and its conversion to local time.
+int64_t UnixTicks();
+bool BreakDown(time_t moment, struct tm* out);
 
 // The random source behind rand_s and UuidCreate. The simulation draws it from its seed.
 uint32_t RandomBits();

@@ -1,44 +1,14 @@
 // getsockopt and setsockopt: what has an effect here, and a store for the rest.
+#include "port/shared/socket_options.h"
 #include "port/sim/sockets.h"
 
 namespace sim {
 namespace {
 
-int Put(int value, char* out, int* size) {
-  if (*size < static_cast<int>(sizeof value)) return WSAEFAULT;
-  std::memcpy(out, &value, sizeof value);
-  *size = sizeof value;
-  return 0;
-}
-
-// Two 16-bit words on Windows, two ints in the host system's record: told apart by size.
-int PutLinger(const Socket& socket, char* out, int* size) {
-  if (*size >= 8) {
-    const int words[2] = {socket.linger_on, socket.linger_seconds};
-    std::memcpy(out, words, sizeof words);
-    *size = sizeof words;
-    return 0;
-  }
-  if (*size < 4) return WSAEFAULT;
-  const uint16_t words[2] = {socket.linger_on, static_cast<uint16_t>(socket.linger_seconds)};
-  std::memcpy(out, words, sizeof words);
-  *size = sizeof words;
-  return 0;
-}
-
 int SetLinger(Socket& socket, const char* value, int size) {
   if (!socket.stream()) return WSAENOPROTOOPT;
-  if (size < 4) return WSAEFAULT;
   int on = 0, seconds = 0;
-  if (size >= 8) {
-    std::memcpy(&on, value, 4);
-    std::memcpy(&seconds, value + 4, 4);
-  } else {
-    uint16_t words[2];
-    std::memcpy(words, value, 4);
-    on = words[0];
-    seconds = words[1];
-  }
+  if (const int error = port::ReadLinger(value, size, &on, &seconds)) return error;
   socket.linger_on = on != 0;
   socket.linger_seconds = seconds;
   return 0;
@@ -55,41 +25,41 @@ void ApplySettings(Socket& socket) {
 int GetOption(Socket& socket, int level, int option, char* value, int* size) {
   socket.Settle();
   if (level == IPPROTO_TCP && option == TCP_NODELAY)
-    return Put(socket.settings.no_delay, value, size);
+    return port::PutOption(socket.settings.no_delay, value, size);
   if (level != SOL_SOCKET) {
     const auto at = socket.plain_options.find({level, option});
-    return Put(at == socket.plain_options.end() ? 0 : at->second, value, size);
+    return port::PutOption(at == socket.plain_options.end() ? 0 : at->second, value, size);
   }
   switch (option) {
     case SO_ERROR:
       if (*size < static_cast<int>(sizeof(int))) return WSAEFAULT;
-      return Put(std::exchange(socket.pending_error, 0), value, size);
+      return port::PutOption(std::exchange(socket.pending_error, 0), value, size);
     case SO_TYPE:
-      return Put(socket.type, value, size);
+      return port::PutOption(socket.type, value, size);
     case SO_SNDBUF:
-      return Put(static_cast<int>(socket.settings.send), value, size);
+      return port::PutOption(static_cast<int>(socket.settings.send), value, size);
     case SO_RCVBUF:
-      return Put(static_cast<int>(socket.settings.receive), value, size);
+      return port::PutOption(static_cast<int>(socket.settings.receive), value, size);
     case SO_ACCEPTCONN:
-      return Put(socket.listener != nullptr, value, size);
+      return port::PutOption(socket.listener != nullptr, value, size);
     case SO_OOBINLINE:
-      return Put(socket.settings.oob_inline, value, size);
+      return port::PutOption(socket.settings.oob_inline, value, size);
     case SO_REUSEADDR:
-      return Put(socket.share, value, size);
+      return port::PutOption(socket.share, value, size);
     case SO_EXCLUSIVEADDRUSE:
-      return Put(socket.exclusive, value, size);
+      return port::PutOption(socket.exclusive, value, size);
     case SO_LINGER:
-      return PutLinger(socket, value, size);
+      return port::PutLinger(socket.linger_on, socket.linger_seconds, value, size);
     case SO_SNDTIMEO:
-      return Put(static_cast<int>(socket.send_timeout_ms), value, size);
+      return port::PutOption(static_cast<int>(socket.send_timeout_ms), value, size);
     case SO_RCVTIMEO:
-      return Put(static_cast<int>(socket.receive_timeout_ms), value, size);
+      return port::PutOption(static_cast<int>(socket.receive_timeout_ms), value, size);
     case SO_KEEPALIVE:
     case SO_DEBUG:
     case SO_DONTROUTE:
     case SO_BROADCAST: {
       const auto at = socket.plain_options.find({level, option});
-      return Put(at == socket.plain_options.end() ? 0 : at->second, value, size);
+      return port::PutOption(at == socket.plain_options.end() ? 0 : at->second, value, size);
     }
     default:
       return WSAENOPROTOOPT;

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "port/shared/faults.h"
-#include "port/shared/text.h"
 #include "port/sim/faults.h"
 #include "port/sim/threads.h"
 
@@ -103,29 +102,6 @@ DWORD WaitFor(Waitable& object, DWORD timeout_ms) {
   return result;
 }
 
-HANDLE MakeEvent(const char* name, BOOL manual_reset, BOOL initial) {
-  return port::CreateNamed(
-      name, "event", [&] { return std::make_shared<Event>(manual_reset != 0, initial != 0); });
-}
-
-BOOL ChangeEvent(HANDLE handle, bool set) {
-  auto event = port::LookupAs<Event>(handle);
-  if (!event) return FALSE;
-  if (set && TheWorld().faults().lost_set_event.Hit()) {
-    TheWorld().Trace(Self().name() + " SetEvent is lost on demand: " + event->Describe());
-    return TRUE;
-  }
-  event->Change(set);
-  Step();
-  return TRUE;
-}
-
-HANDLE OpenKind(LPCSTR name, const char* kind) {
-  if (name) return port::OpenNamed(name, kind);
-  SetLastError(ERROR_INVALID_PARAMETER);
-  return nullptr;
-}
-
 }  // namespace
 
 void AbandonMutexesOf(Thread& thread) {
@@ -137,18 +113,31 @@ void AbandonMutexesOf(Thread& thread) {
 
 }  // namespace sim
 
-HANDLE WINAPI CreateMutexA(LPSECURITY_ATTRIBUTES, BOOL initial_owner, LPCSTR name) {
-  if (port::Fails("CreateMutexA")) return nullptr;
-  HANDLE handle = port::CreateNamed(name, "mutex", [] { return std::make_shared<sim::Mutex>(); });
-  if (!handle || !initial_owner || GetLastError() == ERROR_ALREADY_EXISTS) return handle;
-  port::LookupAs<sim::Mutex>(handle)->Take(sim::Self());
-  return handle;
+namespace port {
+
+std::shared_ptr<Object> NewEvent(bool manual_reset, bool set) {
+  return std::make_shared<sim::Event>(manual_reset, set);
 }
 
-HANDLE WINAPI OpenMutexA(DWORD, BOOL, LPCSTR name) {
-  if (port::Fails("OpenMutexA")) return nullptr;
-  return sim::OpenKind(name, "mutex");
+std::shared_ptr<Object> NewMutex(bool owned) {
+  auto mutex = std::make_shared<sim::Mutex>();
+  if (owned) mutex->Take(sim::Self());
+  return mutex;
 }
+
+BOOL ChangeEvent(HANDLE handle, bool set) {
+  auto event = LookupAs<sim::Event>(handle);
+  if (!event) return FALSE;
+  if (set && sim::TheWorld().faults().lost_set_event.Hit()) {
+    sim::TheWorld().Trace(sim::Self().name() + " SetEvent is lost on demand: " + event->Describe());
+    return TRUE;
+  }
+  event->Change(set);
+  sim::Step();
+  return TRUE;
+}
+
+}  // namespace port
 
 BOOL WINAPI ReleaseMutex(HANDLE handle) {
   if (port::Fails("ReleaseMutex")) return FALSE;
@@ -160,31 +149,6 @@ BOOL WINAPI ReleaseMutex(HANDLE handle) {
   }
   SetLastError(ERROR_NOT_OWNER);
   return FALSE;
-}
-
-HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES, BOOL manual_reset, BOOL initial, LPCSTR name) {
-  if (port::Fails("CreateEventA")) return nullptr;
-  return sim::MakeEvent(name, manual_reset, initial);
-}
-
-HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manual_reset, BOOL initial, LPCWSTR name) {
-  if (port::Fails("CreateEventW")) return nullptr;
-  return sim::MakeEvent(name ? port::Utf8(name).c_str() : nullptr, manual_reset, initial);
-}
-
-HANDLE WINAPI OpenEventA(DWORD, BOOL, LPCSTR name) {
-  if (port::Fails("OpenEventA")) return nullptr;
-  return sim::OpenKind(name, "event");
-}
-
-BOOL WINAPI SetEvent(HANDLE handle) {
-  if (port::Fails("SetEvent")) return FALSE;
-  return sim::ChangeEvent(handle, true);
-}
-
-BOOL WINAPI ResetEvent(HANDLE handle) {
-  if (port::Fails("ResetEvent")) return FALSE;
-  return sim::ChangeEvent(handle, false);
 }
 
 DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD timeout_ms) {

@@ -145,6 +145,10 @@ Process& World::SpawnOn(Host& host, const std::string& name, std::function<void(
 // --- links ----------------------------------------------------------------------------------
 
 void World::SetLinkOneWay(const Host& from, const Host& to, const LinkOptions& options) {
+  for (const double share : {options.loss, options.duplicate, options.reorder}) {
+    if (share >= 0 && share <= 1) continue;
+    Fail(Format("a share of %g of a link's packets: it must be 0 to 1, and 20 %% is 0.2", share));
+  }
   network_->LinkFrom(from, to).Set(options);
 }
 

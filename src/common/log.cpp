@@ -10,7 +10,6 @@
 
 #include "common/last_error.h"
 #include "common/log_file.h"
-#include "common/log_ring.h"
 
 namespace common {
 namespace {
@@ -53,7 +52,6 @@ void WriteLine(char* line, std::size_t max_message, int level, const char* tag, 
   size += PutTag(line + size, tag);
   size += PutMessage(line + size, max_message, format, arguments);
   line[size++] = '\n';
-  GetLogRing().Append({line, size});
   GetLogFile().Write({line, size}, level);
 }
 

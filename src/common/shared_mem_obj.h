@@ -11,7 +11,6 @@
 // An object has no lock of its own: its owner serialises its use.
 #pragma once
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "common/handle.h"
@@ -63,44 +62,25 @@ class Shared_mem_obj {
   bool view_is_writable_ = false;  // a view keeps the access that it was mapped with
 };
 
-// Owns a Shared_mem_obj and forwards to it.
-class Shared_mem_owner {
- public:
-  Shared_mem_owner(const std::string& name, u32 size, const std::string& mutex_name,
-                   bool double_buffered)
-      : object_(std::make_unique<Shared_mem_obj>(name, size, mutex_name, double_buffered)) {}
-
-  void* Open(int mode, bool check) noexcept { return object_->Open(mode, check); }
-  void Close() noexcept { object_->Close(); }
-  const std::string& name() const noexcept { return object_->name(); }
-  u32 size() const noexcept { return object_->size(); }
-  bool guarded() const noexcept { return object_->guarded(); }
-
- private:
-  std::unique_ptr<Shared_mem_obj> object_;
-};
-
-// Closes the owner's object at the end of a scope, whether the Open succeeded or not.
+// Closes the object at the end of a scope, whether the Open succeeded or not.
 class Shared_mem_closer {
  public:
-  explicit Shared_mem_closer(Shared_mem_owner* owner) noexcept : owner_(owner) {}
-  ~Shared_mem_closer() { owner_->Close(); }
+  explicit Shared_mem_closer(Shared_mem_obj* object) noexcept : object_(object) {}
+  ~Shared_mem_closer() { object_->Close(); }
   Shared_mem_closer(const Shared_mem_closer&) = delete;
   Shared_mem_closer& operator=(const Shared_mem_closer&) = delete;
 
  private:
-  Shared_mem_owner* const owner_;
+  Shared_mem_obj* const object_;
 };
 
-// Opens the owner's record as a T, whose first word must hold T's own size; null if it does not.
-// Never closes: the owner's Close is required on every path, whatever this holds.
+// Opens the object's record as a T, whose first word must hold T's own size; null if it does not.
+// Never closes: the object's Close is required on every path, whatever this holds.
 template <typename T>
 class Shared_mem_ptr {
  public:
-  Shared_mem_ptr(Shared_mem_owner* owner, int mode, bool check) noexcept
-      : owner_(owner),
-        record_(static_cast<T*>(owner->Open(mode, check))),
-        opened_(record_ != nullptr) {
+  Shared_mem_ptr(Shared_mem_obj* object, int mode, bool check) noexcept
+      : record_(static_cast<T*>(object->Open(mode, check))), opened_(record_ != nullptr) {
     if (record_ == nullptr) return;
     u32 declared_size = 0;
     std::memcpy(&declared_size, record_, sizeof declared_size);
@@ -108,7 +88,7 @@ class Shared_mem_ptr {
     record_ = nullptr;
     COMMON_LOG(
         4, "", "[Shared_mem_obj] Shared_mem_obj(%s,size=%d) template type size(%d) not match.",
-        owner_->name().c_str(), static_cast<int>(owner_->size()), static_cast<int>(sizeof(T)));
+        object->name().c_str(), static_cast<int>(object->size()), static_cast<int>(sizeof(T)));
   }
 
   T* get() const noexcept { return record_; }
@@ -119,7 +99,6 @@ class Shared_mem_ptr {
   bool opened() const noexcept { return opened_; }
 
  private:
-  Shared_mem_owner* owner_;
   T* record_;
   const bool opened_;
 };

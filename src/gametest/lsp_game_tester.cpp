@@ -55,7 +55,6 @@ struct LspGameTester::Pimpl {
   u32 net_mode = 0;
   u16 proxy_port = 0;
   std::string proxy_ip;
-  RouteSet route_set;
   i32 log_level = 0;
 
   void ReadProcessNames(u32 count, const std::wstring& path);
@@ -169,14 +168,6 @@ bool LspGameTester::ReadAccConfig() noexcept {
   }
   LspTrace("GameTestModule ReadAccConfig returns done!\n");
   return true;
-}
-
-RouteSet* LspGameTester::GetRouteSet() noexcept {
-  return pimpl_ != nullptr ? &pimpl_->route_set : nullptr;
-}
-
-bool LspGameTester::HasProxy(u32 ip, u16 port) const noexcept {
-  return pimpl_ != nullptr && ip != 0 && port != 0;
 }
 
 LspGameTester& GetLspGameTester() {

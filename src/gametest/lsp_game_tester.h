@@ -5,9 +5,6 @@
 #include <memory>
 #include <string>
 
-#include "abi/route_table_formats.h"
-#include "common/types.h"
-
 namespace moru_vyr::lsp {
 
 class LspGameTester {
@@ -25,8 +22,6 @@ class LspGameTester {
   // Installs the configuration that the file asks for, whatever IsEnabled returns. False if that
   // configuration accelerates nothing.
   bool ReadAccConfig() noexcept;
-  RouteSet* GetRouteSet() noexcept;  // Kept: always empty
-  bool HasProxy(u32 ip, u16 port) const noexcept;
 
  private:
   struct Pimpl;

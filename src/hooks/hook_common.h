@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "sockets/socket_map.h"
+
 namespace moru_vyr::lsp {
 
 // The error that a call stored for its caller, or 0 if there is none.
@@ -16,10 +18,20 @@ inline void StoreError(LPINT error, int value) {
   if (error != nullptr) *error = value;
 }
 
+// Fetches the socket's record and returns the table of its next provider: null if it has none, or
+// one without that entry.
+template <auto kEntry>
+const WSPPROC_TABLE* NextWith(SOCKET s, SocketRecord* record) noexcept {
+  GetSocketMap().Get(s, record);
+  const WSPPROC_TABLE* const next = record->next_proc_table;
+  return next != nullptr && next->*kEntry != nullptr ? next : nullptr;
+}
+
 // The result of a call that finds no next provider: sets the error in both places.
-inline void FailWithoutProvider(LPINT error) {
+inline int FailWithoutProvider(LPINT error) {
   StoreError(error, WSAENETDOWN);
   WSASetLastError(WSAENETDOWN);
+  return SOCKET_ERROR;
 }
 
 // Whether the call may still be under way. Then its arguments belong to its completion, which may

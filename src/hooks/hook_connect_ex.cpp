@@ -33,9 +33,8 @@ BOOL PASCAL WSPConnectEx(SOCKET s, const struct sockaddr* name, int namelen, PVO
   // Kept: a caller reads this as TRUE.
   constexpr BOOL kRefused = -1;
   SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  const WSPPROC_TABLE* const next = record.next_proc_table;
-  if (name == nullptr || next == nullptr || next->lpWSPIoctl == nullptr) {
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPIoctl>(s, &record);
+  if (name == nullptr || next == nullptr) {
     LSP_LOG(5, "WSPConnectEx: next_proc_table invalid, socket=%Id", s);
     return kRefused;
   }

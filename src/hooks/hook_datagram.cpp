@@ -69,12 +69,10 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
                      LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
                      LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept {
   SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  const WSPPROC_TABLE* const next = record.next_proc_table;
-  if (next == nullptr || next->lpWSPSendTo == nullptr) {
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPSendTo>(s, &record);
+  if (next == nullptr) {
     LSP_LOG(5, "WSPSendTo: next_proc_table invalid, socket=%Id", s);
-    FailWithoutProvider(lpErrno);
-    return SOCKET_ERROR;
+    return FailWithoutProvider(lpErrno);
   }
   RelayName relay;
   u64 entry = 0;
@@ -121,12 +119,10 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
                        LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
                        LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept {
   SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  const WSPPROC_TABLE* const next = record.next_proc_table;
-  if (next == nullptr || next->lpWSPRecvFrom == nullptr) {
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPRecvFrom>(s, &record);
+  if (next == nullptr) {
     LSP_LOG(5, "WSPRecvFrom: next_proc_table invalid, socket=%Id", s);
-    FailWithoutProvider(lpErrno);
-    return SOCKET_ERROR;
+    return FailWithoutProvider(lpErrno);
   }
   const bool allowed = IsAllowedRelay(record);
   const SizedPlace source(lpFromlen);

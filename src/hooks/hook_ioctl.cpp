@@ -14,10 +14,9 @@ int WSPAPI WSPIoctl(SOCKET s, DWORD dwIoControlCode, LPVOID lpvInBuffer, DWORD c
                     LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
                     LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept {
   SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  const WSPPROC_TABLE* const next = record.next_proc_table;
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPIoctl>(s, &record);
   // Kept: this is the only entry that fails without a log line and without an error.
-  if (next == nullptr || next->lpWSPIoctl == nullptr) return SOCKET_ERROR;
+  if (next == nullptr) return SOCKET_ERROR;
 
   const int result =
       next->lpWSPIoctl(s, dwIoControlCode, lpvInBuffer, cbInBuffer, lpvOutBuffer, cbOutBuffer,

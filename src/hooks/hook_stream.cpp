@@ -106,9 +106,8 @@ SOCKET WSPAPI WSPAccept(SOCKET s, struct sockaddr* addr, LPINT addrlen,
 
 int WSPAPI WSPBind(SOCKET s, const struct sockaddr* name, int namelen, LPINT lpErrno) noexcept {
   SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  const WSPPROC_TABLE* const next = record.next_proc_table;
-  if (name == nullptr || next == nullptr || next->lpWSPBind == nullptr) {
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPBind>(s, &record);
+  if (name == nullptr || next == nullptr) {
     // Kept: the text says WSPConnect, and the thread's last error is left alone.
     LSP_LOG(5, "WSPConnect: next_proc_table invalid, socket=%Id", s);
     StoreError(lpErrno, WSAENETDOWN);
@@ -123,9 +122,8 @@ int WSPAPI WSPBind(SOCKET s, const struct sockaddr* name, int namelen, LPINT lpE
 int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSABUF lpCallerData,
                       LPWSABUF lpCalleeData, LPQOS lpSQOS, LPQOS lpGQOS, LPINT lpErrno) noexcept {
   SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  const WSPPROC_TABLE* const next = record.next_proc_table;
-  if (name == nullptr || next == nullptr || next->lpWSPConnect == nullptr) {
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPConnect>(s, &record);
+  if (name == nullptr || next == nullptr) {
     // Kept: the thread's last error is left alone here.
     LSP_LOG(5, "WSPConnect: next_proc_table invalid, socket=%Id", s);
     StoreError(lpErrno, WSAENETDOWN);
@@ -161,12 +159,10 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
 int WSPAPI WSPGetPeerName(SOCKET s, struct sockaddr* name, LPINT namelen, LPINT lpErrno) noexcept {
   common::FunctionTrace trace("moru_vyr::lsp::WSPGetPeerName");
   SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  const WSPPROC_TABLE* const next = record.next_proc_table;
-  if (name == nullptr || next == nullptr || next->lpWSPGetPeerName == nullptr) {
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPGetPeerName>(s, &record);
+  if (name == nullptr || next == nullptr) {
     LSP_LOG(5, "WSPGetPeerName: next_proc_table invalid, socket=%Id", s);
-    FailWithoutProvider(lpErrno);
-    return SOCKET_ERROR;
+    return FailWithoutProvider(lpErrno);
   }
   if (record.handled) {
     // Kept: the caller's buffer counts as long enough, and its error is not touched.
@@ -187,12 +183,10 @@ int WSPAPI WSPGetPeerName(SOCKET s, struct sockaddr* name, LPINT namelen, LPINT 
 
 int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
   SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  const WSPPROC_TABLE* const next = record.next_proc_table;
-  if (next == nullptr || next->lpWSPCloseSocket == nullptr) {
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPCloseSocket>(s, &record);
+  if (next == nullptr) {
     LSP_LOG(5, "WSPCloseSocket: next_proc_table invalid, socket=%Id", s);
-    FailWithoutProvider(lpErrno);
-    return SOCKET_ERROR;
+    return FailWithoutProvider(lpErrno);
   }
   // A stream's relay is not told: it sees the close on its own socket. Kept: it is asked for
   // streams as well, and whichever call comes first starts the relay.

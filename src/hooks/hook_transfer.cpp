@@ -15,12 +15,10 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
                    LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine, LPWSATHREADID lpThreadId,
                    LPINT lpErrno) noexcept {
   SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  const WSPPROC_TABLE* const next = record.next_proc_table;
-  if (next == nullptr || next->lpWSPSend == nullptr) {
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPSend>(s, &record);
+  if (next == nullptr) {
     LSP_LOG(5, "WSPSend: next_proc_table invalid, socket=%Id", s);
-    FailWithoutProvider(lpErrno);
-    return SOCKET_ERROR;
+    return FailWithoutProvider(lpErrno);
   }
   // Kept: asked for every kind of socket, so that whichever call comes first starts the relay.
   if (IsAllowedRelay(record) && IsRawPing(record) &&
@@ -66,12 +64,10 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
                    LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine, LPWSATHREADID lpThreadId,
                    LPINT lpErrno) noexcept {
   SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  const WSPPROC_TABLE* const next = record.next_proc_table;
-  if (next == nullptr || next->lpWSPRecv == nullptr) {
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPRecv>(s, &record);
+  if (next == nullptr) {
     LSP_LOG(5, "WSPRecv: next_proc_table invalid, socket=%Id", s);
-    FailWithoutProvider(lpErrno);
-    return SOCKET_ERROR;
+    return FailWithoutProvider(lpErrno);
   }
   if (IsAllowedRelay(record) && IsRawPing(record) &&
       AnswerPing(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd)) {

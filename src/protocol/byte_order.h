@@ -1,56 +1,55 @@
-// Conversion of record fields between host order and the wire's big-endian order.
+// Conversion of records between host order and the wire's big-endian order. For the sources of
+// this folder.
 //
-// A record has the same layout in memory as on the wire, so a conversion is a copy that swaps, and
-// the same copy serves both directions; `to` and `from` may be the same record. Fields may have any
-// alignment: they are only accessed through memcpy.
+// A record has the same layout in memory as on the wire, so a conversion is a copy that swaps the
+// bytes of the integers, and the same copy serves both directions. Other fields have no byte order.
 #pragma once
 #include <winsock2.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
-#include <utility>
+#include <span>
 
 #include "common/types.h"
+#include "protocol/codec.h"
 
 namespace moru_vyr::lsp {
 
-inline u16 SwapToWire(u16 value) noexcept { return htons(value); }
-inline u32 SwapToWire(u32 value) noexcept { return htonl(value); }
+// An integer field of a record or of a record inside it; both members in bytes.
+struct WireInteger {
+  std::size_t offset;
+  std::size_t size;
+};
 
-// The socket layer has no call for 64 bits.
-inline u64 SwapToWire(u64 value) noexcept {
-  if (htons(1) == 1) return value;
-  u8 bytes[sizeof value];
-  std::memcpy(bytes, &value, sizeof value);
-  for (std::size_t i = 0; i < sizeof bytes / 2; ++i) {
-    std::swap(bytes[i], bytes[sizeof bytes - 1 - i]);
+// Copies the first `size` bytes of a record and swaps the integers in them.
+template <std::size_t kCount>
+void ConvertRecord(void* to, const void* from, std::size_t size,
+                   const WireInteger (&integers)[kCount]) noexcept {
+  auto* const bytes = static_cast<u8*>(to);
+  std::memcpy(bytes, from, size);
+  if (htons(1) == 1) return;
+  for (const WireInteger& integer : integers) {
+    if (integer.offset >= size) continue;
+    std::reverse(bytes + integer.offset, bytes + integer.offset + integer.size);
   }
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
 }
 
-// Converts the integer of type T at `offset` of both records.
-template <class T>
-void ConvertField(u8* to, const u8* from, std::size_t offset) noexcept {
-  T value;
-  std::memcpy(&value, from + offset, sizeof value);
-  value = SwapToWire(value);
-  std::memcpy(to + offset, &value, sizeof value);
+// `size` is that of the form, if a record has several; the bytes after it are not touched.
+template <class Record, std::size_t kCount>
+int PackRecord(const Record& record, const WireInteger (&integers)[kCount], std::span<u8> out,
+               std::size_t size = sizeof(Record)) noexcept {
+  if (out.size() < size) return kPackTooShort;
+  ConvertRecord(out.data(), &record, size, integers);
+  return static_cast<int>(size);
 }
 
-// Fields that have no byte order.
-inline void CopyBytes(u8* to, const u8* from, std::size_t offset, std::size_t size) noexcept {
-  if (to != from) std::memcpy(to + offset, from + offset, size);
-}
-
-inline u8* BytesOf(void* record) noexcept { return static_cast<u8*>(record); }
-
-// Where a conversion writes to or reads from: the caller's buffer, or the record itself, in place.
-inline u8* BufferOr(void* buffer, void* record) noexcept {
-  return static_cast<u8*>(buffer != nullptr ? buffer : record);
-}
-inline const u8* BufferOr(const void* buffer, const void* record) noexcept {
-  return static_cast<const u8*>(buffer != nullptr ? buffer : record);
+template <class Record, std::size_t kCount>
+int UnpackRecord(Record* record, const WireInteger (&integers)[kCount], std::span<const u8> in,
+                 std::size_t size = sizeof(Record)) noexcept {
+  if (in.size() < size) return kUnpackTooShort;
+  ConvertRecord(record, in.data(), size, integers);
+  return static_cast<int>(size);
 }
 
 }  // namespace moru_vyr::lsp

@@ -1,13 +1,10 @@
 // What all records have in common.
 //
-//   int Pack(void* buffer, u32 length[, u32 version]);    host order -> wire order
-//   int Unpack(buffer, u32 length[, u32 version]);        wire order -> host order
+//   int Pack(std::span<u8> out[, u32 version]);          host order -> wire order
+//   int Unpack(std::span<const u8> in[, u32 version]);   wire order -> host order
 //
-// With a buffer, Pack writes the wire form there and Unpack reads it from there; the length is
-// checked first, so a record that does not fit changes nothing. With a null buffer the record
-// converts itself in place, ready to be sent from its own memory or just received into it, and the
-// length is ignored. The result is the number of bytes converted or a CodecError. A buffer must not
-// overlap the record.
+// The length is checked first, so a record that does not fit changes nothing. The result is the
+// number of bytes converted or a CodecError. The bytes must not overlap the record.
 #pragma once
 #include "common/types.h"
 
@@ -16,7 +13,7 @@ namespace moru_vyr::lsp {
 enum CodecError : int {
   kPackTooShort = -2,
   kUnpackTooShort = -3,
-  kNoSuchVersion = -4,
+  kNoSuchVersion = -4,  // never returned: an unknown version counts as the newest
   kBadLength = -5,  // the record claims more bytes than were given, or a header shorter than it is
   kBadMagic = -6,
 };

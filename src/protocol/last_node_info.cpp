@@ -1,27 +1,25 @@
 #include "protocol/last_node_info.h"
 
 #include "protocol/byte_order.h"
-#include "protocol/codec.h"
 
 namespace moru_vyr::lsp {
+namespace {
 
-void ConvertLastNodeInfo(u8* to, const u8* from) noexcept {
-  ConvertField<u16>(to, from, offsetof(LastNodeInfo, node_id));
-  ConvertField<u16>(to, from, offsetof(LastNodeInfo, port));
-  ConvertField<u32>(to, from, offsetof(LastNodeInfo, ip));
-  ConvertField<u32>(to, from, offsetof(LastNodeInfo, accl_token));
+constexpr WireInteger kIntegers[] = {
+    {offsetof(LastNodeInfo, node_id), sizeof(u16)},
+    {offsetof(LastNodeInfo, port), sizeof(u16)},
+    {offsetof(LastNodeInfo, ip), sizeof(u32)},
+    {offsetof(LastNodeInfo, accl_token), sizeof(u32)},
+};
+
+}  // namespace
+
+int LastNodeInfo::Pack(std::span<u8> out) const noexcept {
+  return PackRecord(*this, kIntegers, out);
 }
 
-int LastNodeInfo::Pack(void* buffer, u32 length) noexcept {
-  if (buffer != nullptr && length < sizeof *this) return kPackTooShort;
-  ConvertLastNodeInfo(BufferOr(buffer, this), BytesOf(this));
-  return sizeof *this;
-}
-
-int LastNodeInfo::Unpack(const void* buffer, u32 length) noexcept {
-  if (buffer != nullptr && length < sizeof *this) return kUnpackTooShort;
-  ConvertLastNodeInfo(BytesOf(this), BufferOr(buffer, this));
-  return sizeof *this;
+int LastNodeInfo::Unpack(std::span<const u8> in) noexcept {
+  return UnpackRecord(this, kIntegers, in);
 }
 
 }  // namespace moru_vyr::lsp

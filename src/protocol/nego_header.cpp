@@ -5,25 +5,20 @@
 namespace moru_vyr::lsp {
 namespace {
 
-void Convert(u8* to, const u8* from) noexcept {
-  ConvertField<u32>(to, from, offsetof(NegoHeader, magic));
-  ConvertField<u16>(to, from, offsetof(NegoHeader, pkg_len));
-  ConvertField<u16>(to, from, offsetof(NegoHeader, version));
-  ConvertField<u16>(to, from, offsetof(NegoHeader, reserved));
-}
+constexpr WireInteger kIntegers[] = {
+    {offsetof(NegoHeader, magic), sizeof(u32)},
+    {offsetof(NegoHeader, pkg_len), sizeof(u16)},
+    {offsetof(NegoHeader, version), sizeof(u16)},
+    {offsetof(NegoHeader, reserved), sizeof(u16)},
+};
 
 }  // namespace
 
-int NegoHeader::Pack(void* buffer, u32 length) noexcept {
-  if (buffer != nullptr && length < sizeof *this) return kPackTooShort;
-  Convert(BufferOr(buffer, this), BytesOf(this));
-  return sizeof *this;
-}
+int NegoHeader::Pack(std::span<u8> out) const noexcept { return PackRecord(*this, kIntegers, out); }
 
-int NegoHeader::Unpack(const void* buffer, u32 length) noexcept {
-  if (buffer != nullptr && length < sizeof *this) return kUnpackTooShort;
-  Convert(BytesOf(this), BufferOr(buffer, this));
-  return magic == kNegoMagic ? static_cast<int>(sizeof *this) : kBadMagic;
+int NegoHeader::Unpack(std::span<const u8> in) noexcept {
+  const int size = UnpackRecord(this, kIntegers, in);
+  return size < 0 || magic == kNegoMagic ? size : kBadMagic;
 }
 
 }  // namespace moru_vyr::lsp

@@ -1,6 +1,7 @@
 // The header of the request and the response of a negotiation.
 #pragma once
 #include <cstddef>
+#include <span>
 
 #include "common/types.h"
 #include "protocol/codec.h"
@@ -17,9 +18,9 @@ struct NegoHeader {
   u16 version = kNegoVersion;
   u16 reserved = 0;
 
-  int Pack(void* buffer, u32 length) noexcept;
+  int Pack(std::span<u8> out) const noexcept;
   // A wrong magic is kBadMagic; all fields are in the record all the same.
-  int Unpack(const void* buffer, u32 length) noexcept;
+  int Unpack(std::span<const u8> in) noexcept;
 };
 #pragma pack(pop)
 

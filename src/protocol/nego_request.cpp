@@ -1,76 +1,49 @@
 #include "protocol/nego_request.h"
 
 #include "protocol/byte_order.h"
-#include "protocol/nego_message.h"
 
 namespace moru_vyr::lsp {
 namespace {
 
-void ConvertVersion1(u8* to, const u8* from) noexcept {
-  ConvertField<u32>(to, from, offsetof(NegoRequestBody, flags));
-  CopyBytes(to, from, offsetof(NegoRequestBody, retry), sizeof NegoRequestBody::retry);
-  ConvertField<u64>(to, from, offsetof(NegoRequestBody, uin));
-  ConvertField<u32>(to, from, offsetof(NegoRequestBody, game_id_low));
-  ConvertField<u32>(to, from, offsetof(NegoRequestBody, game_ip));
-  ConvertField<u16>(to, from, offsetof(NegoRequestBody, game_port));
-  constexpr std::size_t kGuid = offsetof(NegoRequestBody, guid);
-  ConvertSessionGuid(to + kGuid, from + kGuid);
-}
+using Body = NegoRequestBody;
 
-void ConvertVersion2(u8* to, const u8* from) noexcept {
-  ConvertVersion1(to, from);
-  constexpr std::size_t kLastNode = offsetof(NegoRequestBody, last_node);
-  ConvertLastNodeInfo(to + kLastNode, from + kLastNode);
-  ConvertField<u32>(to, from, offsetof(NegoRequestBody, game_idc));
-}
+constexpr WireInteger kIntegers[] = {
+    {offsetof(Body, flags), sizeof(u32)},
+    {offsetof(Body, uin), sizeof(u64)},
+    {offsetof(Body, game_id_low), sizeof(u32)},
+    {offsetof(Body, game_ip), sizeof(u32)},
+    {offsetof(Body, game_port), sizeof(u16)},
+    {offsetof(Body, guid.data1), sizeof(u32)},
+    {offsetof(Body, guid.data2), sizeof(u16)},
+    {offsetof(Body, guid.data3), sizeof(u16)},
+    {offsetof(Body, last_node.node_id), sizeof(u16)},
+    {offsetof(Body, last_node.port), sizeof(u16)},
+    {offsetof(Body, last_node.ip), sizeof(u32)},
+    {offsetof(Body, last_node.accl_token), sizeof(u32)},
+    {offsetof(Body, game_idc), sizeof(u32)},
+    {offsetof(Body, game_id), sizeof(u64)},
+};
 
-void ConvertVersion3(u8* to, const u8* from) noexcept {
-  ConvertVersion2(to, from);
-  ConvertField<u64>(to, from, offsetof(NegoRequestBody, game_id));
-}
-
-const NegoForm* FormOf(u32 version) noexcept {
-  static constexpr NegoForm kForms[] = {
-      {offsetof(NegoRequestBody, last_node), ConvertVersion1},
-      {offsetof(NegoRequestBody, game_id), ConvertVersion2},
-      {sizeof(NegoRequestBody), ConvertVersion3},
-  };
-  switch (NormaliseVersion(version, kNegoVersion)) {
-    case 1:
-      return &kForms[0];
-    case 2:
-      return &kForms[1];
-    case 3:
-      return &kForms[2];
-    default:
-      return nullptr;
-  }
+constexpr std::size_t SizeOf(u32 version) noexcept {
+  const u32 known = NormaliseVersion(version, kNegoVersion);
+  return known == 1   ? offsetof(Body, last_node)
+         : known == 2 ? offsetof(Body, game_id)
+                      : sizeof(Body);
 }
 
 }  // namespace
 
-void NegoRequestBody::Init(u32 version) noexcept { InitForm(FormOf(version), this); }
-
-int NegoRequestBody::Pack(void* buffer, u32 length, u32 version) noexcept {
-  return PackForm(FormOf(version), this, buffer, length);
+void NegoRequestBody::Init(u32 version) noexcept {
+  const NegoRequestBody initial;
+  std::memcpy(static_cast<void*>(this), &initial, SizeOf(version));
 }
 
-int NegoRequestBody::Unpack(const void* buffer, u32 length, u32 version) noexcept {
-  return UnpackForm(FormOf(version), this, buffer, length);
+int NegoRequestBody::Pack(std::span<u8> out, u32 version) const noexcept {
+  return PackRecord(*this, kIntegers, out, SizeOf(version));
 }
 
-void NegoRequest::Init(u32 version) noexcept {
-  header = {};
-  header.version = static_cast<u16>(NormaliseVersion(version, kNegoVersion));
-  body.Init(version);
-}
-
-int NegoRequest::Pack(void* buffer, u32 length, u32 version) noexcept {
-  return PackMessage(this, buffer, length, version);
-}
-
-int NegoRequest::Unpack(const void* buffer, u32 length) noexcept {
-  return UnpackMessage(this, buffer, length, length);
+int NegoRequestBody::Unpack(std::span<const u8> in, u32 version) noexcept {
+  return UnpackRecord(this, kIntegers, in, SizeOf(version));
 }
 
 }  // namespace moru_vyr::lsp

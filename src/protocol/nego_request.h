@@ -1,11 +1,11 @@
 // The client's request to a node: to carry one connection or flow to a game server.
 #pragma once
 #include <cstddef>
+#include <span>
 
 #include "common/types.h"
-#include "protocol/codec.h"
 #include "protocol/last_node_info.h"
-#include "protocol/nego_header.h"
+#include "protocol/nego_message.h"
 #include "protocol/session_guid.h"
 
 namespace moru_vyr::lsp {
@@ -29,24 +29,17 @@ struct NegoRequestBody {
   u32 game_idc = 0;
   u64 game_id = 0;  // from version 3 on
 
-  void Init(u32 version) noexcept;
-  int Pack(void* buffer, u32 length, u32 version) noexcept;
-  int Unpack(const void* buffer, u32 length, u32 version) noexcept;
-};
-
-struct NegoRequest {
-  NegoHeader header;
-  NegoRequestBody body;
+  static constexpr u32 kLengthMask = 0xFFFFFFFF;  // see NegoMessage
 
   void Init(u32 version) noexcept;
-  // Version 0 takes the header's version. Either way the record's own header gets the version that
-  // was packed and its length. A buffer must have room for the longest form, whatever the version.
-  int Pack(void* buffer, u32 length, u32 version) noexcept;
-  // For nodes: this client reads no requests. The header's version says how much is read, and an
-  // unknown one is replaced in the record by the newest.
-  int Unpack(const void* buffer, u32 length) noexcept;
+  int Pack(std::span<u8> out, u32 version) const noexcept;
+  int Unpack(std::span<const u8> in, u32 version) noexcept;
 };
+
 #pragma pack(pop)
+
+// Unpack is for nodes: this client reads no requests.
+using NegoRequest = NegoMessage<NegoRequestBody>;
 
 static_assert(sizeof(NegoRequestBody) == 63);
 static_assert(offsetof(NegoRequestBody, flags) == 0);

@@ -1,66 +1,41 @@
 #include "protocol/nego_response.h"
 
 #include "protocol/byte_order.h"
-#include "protocol/nego_message.h"
 
 namespace moru_vyr::lsp {
 namespace {
 
-void ConvertVersion1(u8* to, const u8* from) noexcept {
-  CopyBytes(to, from, offsetof(NegoResponseBody, result), sizeof NegoResponseBody::result);
-  ConvertField<u32>(to, from, offsetof(NegoResponseBody, accl_token));
-  ConvertField<u32>(to, from, offsetof(NegoResponseBody, client_isp));
-  ConvertField<u32>(to, from, offsetof(NegoResponseBody, client_ip));
-  ConvertField<u32>(to, from, offsetof(NegoResponseBody, accl_data_ip));
-  ConvertField<u16>(to, from, offsetof(NegoResponseBody, accl_data_port));
-}
+using Body = NegoResponseBody;
 
-void ConvertVersion2(u8* to, const u8* from) noexcept {
-  ConvertVersion1(to, from);
-  constexpr std::size_t kLastNode = offsetof(NegoResponseBody, last_node);
-  ConvertLastNodeInfo(to + kLastNode, from + kLastNode);
-}
+constexpr WireInteger kIntegers[] = {
+    {offsetof(Body, accl_token), sizeof(u32)},
+    {offsetof(Body, client_isp), sizeof(u32)},
+    {offsetof(Body, client_ip), sizeof(u32)},
+    {offsetof(Body, accl_data_ip), sizeof(u32)},
+    {offsetof(Body, accl_data_port), sizeof(u16)},
+    {offsetof(Body, last_node.node_id), sizeof(u16)},
+    {offsetof(Body, last_node.port), sizeof(u16)},
+    {offsetof(Body, last_node.ip), sizeof(u32)},
+    {offsetof(Body, last_node.accl_token), sizeof(u32)},
+};
 
-const NegoForm* FormOf(u32 version) noexcept {
-  static constexpr NegoForm kForms[] = {
-      {offsetof(NegoResponseBody, last_node), ConvertVersion1},
-      {sizeof(NegoResponseBody), ConvertVersion2},
-  };
-  switch (NormaliseVersion(version, kNegoVersion)) {
-    case 1:
-      return &kForms[0];
-    case 2:
-    case 3:
-      return &kForms[1];
-    default:
-      return nullptr;
-  }
+constexpr std::size_t SizeOf(u32 version) noexcept {
+  return version == 1 ? offsetof(Body, last_node) : sizeof(Body);
 }
 
 }  // namespace
 
-void NegoResponseBody::Init(u32 version) noexcept { InitForm(FormOf(version), this); }
-
-int NegoResponseBody::Pack(void* buffer, u32 length, u32 version) noexcept {
-  return PackForm(FormOf(version), this, buffer, length);
+void NegoResponseBody::Init(u32 version) noexcept {
+  const NegoResponseBody initial;
+  std::memcpy(static_cast<void*>(this), &initial, SizeOf(version));
 }
 
-int NegoResponseBody::Unpack(const void* buffer, u32 length, u32 version) noexcept {
-  return UnpackForm(FormOf(version), this, buffer, length);
+int NegoResponseBody::Pack(std::span<u8> out, u32 version) const noexcept {
+  return PackRecord(*this, kIntegers, out, SizeOf(version));
 }
 
-void NegoResponse::Init(u32 version) noexcept {
-  header = {};
-  header.version = static_cast<u16>(NormaliseVersion(version, kNegoVersion));
-  body.Init(version);
-}
-
-int NegoResponse::Pack(void* buffer, u32 length, u32 version) noexcept {
-  return PackMessage(this, buffer, length, version);
-}
-
-int NegoResponse::Unpack(const void* buffer, u32 length) noexcept {
-  return UnpackMessage(this, buffer, length, static_cast<u16>(length));
+int NegoResponseBody::Unpack(std::span<const u8> in, u32 version) noexcept {
+  return UnpackRecord(this, kIntegers, in, SizeOf(version));
 }
 
 }  // namespace moru_vyr::lsp

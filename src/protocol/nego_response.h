@@ -1,11 +1,11 @@
 // A node's answer to a request.
 #pragma once
 #include <cstddef>
+#include <span>
 
 #include "common/types.h"
-#include "protocol/codec.h"
 #include "protocol/last_node_info.h"
-#include "protocol/nego_header.h"
+#include "protocol/nego_message.h"
 
 namespace moru_vyr::lsp {
 
@@ -21,23 +21,18 @@ struct NegoResponseBody {
   u16 accl_data_port = 0;
   LastNodeInfo last_node;  // from version 2 on
 
-  void Init(u32 version) noexcept;
-  int Pack(void* buffer, u32 length, u32 version) noexcept;
-  int Unpack(const void* buffer, u32 length, u32 version) noexcept;
-};
-
-struct NegoResponse {
-  NegoHeader header;
-  NegoResponseBody body;
+  // Kept: only the low 16 bits of the length are compared with the header's length.
+  static constexpr u32 kLengthMask = 0xFFFF;
 
   void Init(u32 version) noexcept;
-  // For nodes: this client sends no responses. As NegoRequest::Pack.
-  int Pack(void* buffer, u32 length, u32 version) noexcept;
-  // The header's version says how much is read, and an unknown one is replaced in the record by the
-  // newest. Kept: only the low 16 bits of `length` are compared with the header's length.
-  int Unpack(const void* buffer, u32 length) noexcept;
+  int Pack(std::span<u8> out, u32 version) const noexcept;
+  int Unpack(std::span<const u8> in, u32 version) noexcept;
 };
+
 #pragma pack(pop)
+
+// Pack is for nodes: this client sends no responses.
+using NegoResponse = NegoMessage<NegoResponseBody>;
 
 static_assert(sizeof(NegoResponseBody) == 31);
 static_assert(offsetof(NegoResponseBody, result) == 0);

@@ -11,10 +11,15 @@
 #include <cstring>
 
 #include "protocol/byte_order.h"
-#include "protocol/codec.h"
 
 namespace moru_vyr::lsp {
 namespace {
+
+constexpr WireInteger kIntegers[] = {
+    {offsetof(SessionGuid, data1), sizeof(u32)},
+    {offsetof(SessionGuid, data2), sizeof(u16)},
+    {offsetof(SessionGuid, data3), sizeof(u16)},
+};
 
 u32 DrawRandom() noexcept {
   unsigned int value = 0;
@@ -47,23 +52,12 @@ SessionGuid SessionGuid::Make() noexcept {
   return guid;
 }
 
-void ConvertSessionGuid(u8* to, const u8* from) noexcept {
-  ConvertField<u32>(to, from, offsetof(SessionGuid, data1));
-  ConvertField<u16>(to, from, offsetof(SessionGuid, data2));
-  ConvertField<u16>(to, from, offsetof(SessionGuid, data3));
-  CopyBytes(to, from, offsetof(SessionGuid, data4), sizeof SessionGuid::data4);
+int SessionGuid::Pack(std::span<u8> out) const noexcept {
+  return PackRecord(*this, kIntegers, out);
 }
 
-int SessionGuid::Pack(void* buffer, u32 length) noexcept {
-  if (buffer != nullptr && length < sizeof *this) return kPackTooShort;
-  ConvertSessionGuid(BufferOr(buffer, this), BytesOf(this));
-  return sizeof *this;
-}
-
-int SessionGuid::Unpack(const void* buffer, u32 length) noexcept {
-  if (buffer != nullptr && length < sizeof *this) return kUnpackTooShort;
-  ConvertSessionGuid(BytesOf(this), BufferOr(buffer, this));
-  return sizeof *this;
+int SessionGuid::Unpack(std::span<const u8> in) noexcept {
+  return UnpackRecord(this, kIntegers, in);
 }
 
 char* SessionGuid::ToString(char* buffer, u32 size) const noexcept {

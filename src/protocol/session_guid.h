@@ -1,13 +1,15 @@
 // The identity of one relayed connection or flow, towards nodes and in reports.
 #pragma once
 #include <cstddef>
+#include <span>
 
 #include "common/types.h"
 
 namespace moru_vyr::lsp {
 
 #pragma pack(push, 1)
-// See docs/wire.md, "SessionGuid", and codec.h for Pack and Unpack.
+// See docs/wire.md, "SessionGuid", and codec.h for Pack and Unpack, which nobody calls
+// here: it travels in requests.
 struct SessionGuid {
   static constexpr u32 kTextSize = 37;  // the text form with its terminator
 
@@ -19,8 +21,8 @@ struct SessionGuid {
   // A new one.
   static SessionGuid Make() noexcept;
 
-  int Pack(void* buffer, u32 length) noexcept;
-  int Unpack(const void* buffer, u32 length) noexcept;
+  int Pack(std::span<u8> out) const noexcept;
+  int Unpack(std::span<const u8> in) noexcept;
 
   // Writes the text form of the host-order record, 36 characters in upper case, and returns
   // `buffer`. Null, with nothing written, if `buffer` is null or `size` below kTextSize.
@@ -33,8 +35,5 @@ static_assert(offsetof(SessionGuid, data1) == 0);
 static_assert(offsetof(SessionGuid, data2) == 4);
 static_assert(offsetof(SessionGuid, data3) == 6);
 static_assert(offsetof(SessionGuid, data4) == 8);
-
-// The conversion alone, for the records that contain one.
-void ConvertSessionGuid(u8* to, const u8* from) noexcept;
 
 }  // namespace moru_vyr::lsp

@@ -5,13 +5,19 @@
 
 namespace moru_vyr::lsp {
 
-bool ReadSpeedTestReply(void* datagram, u32 length, UdpAcclHeader* header,
+int SpeedTestPackage::Pack(std::span<u8> out) noexcept {
+  if (out.size() < sizeof *this) return kPackTooShort;
+  header.Pack(out);
+  std::memcpy(out.data() + sizeof header, &payload, sizeof payload);
+  return sizeof *this;
+}
+
+bool ReadSpeedTestReply(std::span<const u8> datagram, UdpAcclHeader* header,
                         SpeedTestPayload* payload) noexcept {
-  const int head_len = header->Unpack(datagram, length);
+  const int head_len = header->Unpack(datagram);
   if (head_len <= 0 || (header->flags & kUdpAcclSpeedTest) == 0) return false;
-  if (length != static_cast<u32>(head_len) + sizeof *payload) return false;
-  std::memcpy(static_cast<void*>(payload), static_cast<const u8*>(datagram) + head_len,
-              sizeof *payload);
+  if (datagram.size() != static_cast<std::size_t>(head_len) + sizeof *payload) return false;
+  std::memcpy(static_cast<void*>(payload), datagram.data() + head_len, sizeof *payload);
   return payload->magic == kSpeedTestMagic;
 }
 

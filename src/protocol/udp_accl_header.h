@@ -1,6 +1,7 @@
 // The header of every datagram between client and node.
 #pragma once
 #include <cstddef>
+#include <span>
 
 #include "common/types.h"
 #include "protocol/codec.h"
@@ -11,8 +12,6 @@ namespace moru_vyr::lsp {
 inline constexpr u8 kUdpAcclData = 0;
 inline constexpr u8 kUdpAcclEnd = 4;
 inline constexpr u8 kUdpAcclSpeedTest = 8;
-
-inline constexpr u8 kLostNotKnown = 101;
 
 #pragma pack(push, 1)
 // See docs/wire.md, "UdpAcclHeader", and codec.h for Pack and Unpack. Address and port are
@@ -27,15 +26,14 @@ struct UdpAcclHeader {
   u32 game_ip = 0;
   u16 game_port = 0;
   u8 reserved = 0;
-  u8 lost = 0;  // percent, or kLostNotKnown
+  u8 lost = 0;  // percent, or 101: not known
 
   // packed_version 0 takes the record's. Sets the record's own version and head_len to what is
   // packed.
-  int Pack(void* buffer, u32 length, u32 packed_version) noexcept;
-  // Returns head_len, at least 20, which may be more than `length`: the caller must compare. The
-  // packet comes from a node, and an unknown version is overwritten in the packet itself, so that
-  // it can be unpacked again with the same result; nothing else of it changes.
-  int Unpack(void* buffer, u32 length) noexcept;
+  int Pack(std::span<u8> out, u32 packed_version = 0) noexcept;
+  // Returns head_len, at least 20, which may be more than there are bytes: the caller must compare.
+  // An unknown version is replaced in the record by the newest.
+  int Unpack(std::span<const u8> in) noexcept;
 };
 #pragma pack(pop)
 

@@ -110,18 +110,19 @@ bool RealRouteSpeedTest::SendSpeedTest() noexcept {
   package.header.game_port = static_cast<u16>(param_.game_port);
   package.header.seq = seq;
   package.header.accl_token = param_.accl_token;
-  const int packed = package.header.Pack(nullptr, 0, 0);
+  package.payload.seq = seq;
+  package.payload.send_time = common::UnixTimeMs();
+  u8 wire[sizeof package];
+  const int packed = package.Pack(wire);
   if (packed < 0) {
     // Kept: the number is used up, unlike that of a probe that cannot be sent.
     LSP_LOG(4, "SendSpeedTest Failed, Pack error=%d, socket=%u, token=%u", packed,
             static_cast<u32>(param_.socket), param_.token);
     return false;
   }
-  package.payload.seq = seq;
-  package.payload.send_time = common::UnixTimeMs();
-  constexpr int kLength = sizeof package;
+  constexpr int kLength = sizeof wire;
   // Never queued: a probe that waits would measure our own queue.
-  const int sent = sendto(param_.socket, reinterpret_cast<const char*>(&package), kLength, 0,
+  const int sent = sendto(param_.socket, reinterpret_cast<const char*>(wire), kLength, 0,
                           reinterpret_cast<const sockaddr*>(&param_.node_addr),
                           static_cast<int>(sizeof param_.node_addr));
   if (sent == SOCKET_ERROR) {
@@ -155,9 +156,7 @@ bool RealRouteSpeedTest::RecvSpeedTest(const u8* data, u32 len) noexcept {
   if (!running_ || recovery_ == nullptr) return false;
   UdpAcclHeader header;
   SpeedTestPayload payload;
-  // The session's receive buffer, and the session has unpacked the header itself already: the
-  // version byte that may be overwritten is as it will be.
-  if (!ReadSpeedTestReply(const_cast<u8*>(data), len, &header, &payload)) return false;
+  if (!ReadSpeedTestReply({data, len}, &header, &payload)) return false;
   const u32 delay = SpeedTestDelay(common::UnixTimeMs(), payload.send_time);
   ProcessTestRecv(header.relay_idx, payload.seq, delay);
   LSP_LOG(0, "RecvSpeedTest success,len=%d,relay_idx=%d,seq=%d,delay=%d, socket=%u, token=%u", len,

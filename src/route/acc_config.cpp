@@ -99,8 +99,8 @@ bool NoRegion() noexcept {
 // the client program would find that instead of its own.
 bool InstallFromRegion() {
   if (!common::Shared_mem_obj::Exists(kRestrictionRegionName)) return NoRegion();
-  common::Shared_mem_owner owner(kRestrictionRegionName, sizeof(RestrictionRegion),
-                                 kRestrictionMutexName, false);
+  common::Shared_mem_obj owner(kRestrictionRegionName, sizeof(RestrictionRegion),
+                               kRestrictionMutexName, false);
   common::Shared_mem_ptr<const RestrictionRegion> region(&owner, common::kOpenForReading, true);
   const common::Shared_mem_closer closer(&owner);
   if (!region) return NoRegion();

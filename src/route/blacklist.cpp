@@ -26,26 +26,13 @@ bool Matches(const BlacklistRecord& record, u64 game_id, u32 ip, u32 host_port,
 }  // namespace
 
 void Blacklist::LoadBlacklistTable() noexcept {
-  switch (ReadRegion<BlacklistRegion>(
+  ReadRegion<BlacklistRegion>(
       kBlacklistRegionName, kBlacklistMutexName,
-      [this](const BlacklistRegion& region) { LoadBlacklistTableFromMem(region); })) {
-    case RegionRead::kNoView:
-      LSP_LOG(5, "LoadBlacklistTable read route table from shared memory failed, mem_addr=null");
-      break;
-    case RegionRead::kNoAddress:
-      LSP_LOG(5,
-              "LoadBlacklistTable read route table from shared memory failed, "
-              "mem_addr.get()=null");
-      break;
-    case RegionRead::kNoMemory:  // Kept: the one failure of a table at this level
-      LSP_LOG(4,
-              "LoadBlacklistTable read iptable from shared memory failed, iptable_pointer alloc "
-              "failed with null");
-      break;
-    case RegionRead::kAbsent:
-    case RegionRead::kParsed:
-      break;
-  }
+      {"LoadBlacklistTable read route table from shared memory failed, mem_addr=null",
+       "LoadBlacklistTable read route table from shared memory failed, mem_addr.get()=null",
+       "LoadBlacklistTable read iptable from shared memory failed, iptable_pointer alloc failed "
+       "with null"},
+      [this](const BlacklistRegion& region) { LoadBlacklistTableFromMem(region); });
 }
 
 void Blacklist::LoadBlacklistTableFromMem(const BlacklistRegion& region) {

@@ -16,26 +16,13 @@ u32 VipLevelOf(u32 game_idc) noexcept { return game_idc / 100 % 10; }
 
 bool IpTable::LoadIpTable() noexcept {
   if (!empty()) return true;
-  switch (ReadRegion<IpTableRegion>(
+  ReadRegion<IpTableRegion>(
       kIpTableRegionName, kIpTableMutexName,
-      [this](const IpTableRegion& region) { LoadIpTableFromMem(region); })) {
-    case RegionRead::kNoView:
-      LSP_LOG(5, "[Route][LoadIpTable] read route table from shared memory failed, mem_addr=null");
-      break;
-    case RegionRead::kNoAddress:
-      LSP_LOG(5,
-              "[Route][LoadIpTable] read route table from shared memory failed, "
-              "mem_addr.get()=null");
-      break;
-    case RegionRead::kNoMemory:  // Kept: the one failure of a table at this level
-      LSP_LOG(4,
-              "[Route][LoadIpTable] read iptable from shared memory failed, iptable_pointer alloc "
-              "failed with null");
-      break;
-    case RegionRead::kAbsent:
-    case RegionRead::kParsed:
-      break;
-  }
+      {"[Route][LoadIpTable] read route table from shared memory failed, mem_addr=null",
+       "[Route][LoadIpTable] read route table from shared memory failed, mem_addr.get()=null",
+       "[Route][LoadIpTable] read iptable from shared memory failed, iptable_pointer alloc failed "
+       "with null"},
+      [this](const IpTableRegion& region) { LoadIpTableFromMem(region); });
   return !empty();
 }
 
@@ -49,7 +36,6 @@ void IpTable::LoadIpTableFromMem(const IpTableRegion& region) {
     if (VipLevelOf(record.game_idc) == level) records.push_back({record.ip, record.game_idc});
   }
   IpIdcMap(records).swap(ip_table_);
-  iptable_word_ = region.iptable_word;
   LSP_LOG(5, "[Route][LoadIpTableFromMem] success ip count(%d), level=%lu!",
           static_cast<int>(ip_table_.size()), static_cast<unsigned long>(level));
 }

@@ -22,7 +22,6 @@ class IpTable {
 
  private:
   IpIdcMap ip_table_;
-  u32 iptable_word_ = 0;  // stored for the client program; nothing reads it yet
 };
 
 }  // namespace moru_vyr::lsp

@@ -33,7 +33,7 @@ bool CopyRecord(const LaunchTestRegion& region, u32 game_idc, GltRouteInfo* out)
 
 }  // namespace
 
-common::Shared_mem_owner* LaunchTest::OpenRegion() noexcept {
+common::Shared_mem_obj* LaunchTest::OpenRegion() noexcept {
   {
     const common::Lock hold(lock_);
     if (glt_mem_ != nullptr) return glt_mem_.get();
@@ -45,7 +45,7 @@ common::Shared_mem_owner* LaunchTest::OpenRegion() noexcept {
               "mem is not exist!");
       return nullptr;
     }
-    auto opened = std::make_unique<common::Shared_mem_owner>(
+    auto opened = std::make_unique<common::Shared_mem_obj>(
         kLaunchTestRegionName, sizeof(LaunchTestRegion), kLaunchTestMutexName, false);
     const common::Lock hold(lock_);
     if (glt_mem_ == nullptr) glt_mem_ = std::move(opened);  // else another thread was first
@@ -65,7 +65,7 @@ bool LaunchTest::LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noex
     const common::Lock hold(lock_);
     if (local_glt_ != nullptr) return CopyRecord(*local_glt_, game_idc, out);
   }
-  common::Shared_mem_owner* const region = OpenRegion();
+  common::Shared_mem_obj* const region = OpenRegion();
   if (region == nullptr) return false;
   // The region's mutex also keeps our own threads apart. Without one nobody waits.
   std::optional<common::Lock> alone;

@@ -21,13 +21,13 @@ class LaunchTest {
   void LoadGltTableFromMem(const LaunchTestRegion& table);
 
  private:
-  common::Shared_mem_owner* OpenRegion() noexcept;
+  common::Shared_mem_obj* OpenRegion() noexcept;
 
   // Guards the two pointers, and the use of what they point to where the region's mutex does not.
   // The worker and the threads that send pings compete for it, so it is never held while one of
   // them waits for the client program.
   common::Mutex lock_;
-  std::unique_ptr<common::Shared_mem_owner> glt_mem_;  // stays once it exists
+  std::unique_ptr<common::Shared_mem_obj> glt_mem_;    // stays once it exists
   std::unique_ptr<const LaunchTestRegion> local_glt_;  // replaces the region, if set
 };
 

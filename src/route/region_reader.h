@@ -3,39 +3,40 @@
 #include <memory>
 #include <new>
 
+#include "common/log.h"
 #include "common/shared_mem_obj.h"
 #include "common/types.h"
 
 namespace moru_vyr::lsp {
 
-enum class RegionRead {
-  kAbsent,     // nobody has created the region
-  kNoView,     // it cannot be opened, or its header is wrong
-  kNoAddress,  // it changed its size between two looks at it
-  kNoMemory,
-  kParsed,
+// The log lines for a region that exists and cannot be read.
+struct RegionFailures {
+  const char* no_view;     // it cannot be opened, or its header is wrong
+  const char* no_address;  // it changed its size between two looks at it
+  const char* no_memory;   // Kept: written at a lower level than the other two
 };
 
 // Copies the region under its mutex, releases both, and passes the copy to parse(const T&). The
 // copy is private, so reading it twice gives the same data. Waits for the mutex without limit.
 // Parsers signal failure by std::bad_alloc alone and leave their table as it was.
 template <typename T, typename Parser>
-RegionRead ReadRegion(const char* name, const char* mutex_name, Parser parse) noexcept {
+void ReadRegion(const char* name, const char* mutex_name, const RegionFailures& failures,
+                Parser parse) noexcept {
   try {
-    if (!common::Shared_mem_obj::Exists(name)) return RegionRead::kAbsent;
+    if (!common::Shared_mem_obj::Exists(name)) return;
     std::unique_ptr<const T> copy;
+    const char* failure = nullptr;
     {
-      common::Shared_mem_owner region(name, sizeof(T), mutex_name, false);
+      common::Shared_mem_obj region(name, sizeof(T), mutex_name, false);
       const common::Shared_mem_ptr<const T> view(&region, common::kOpenForReading, true);
       const common::Shared_mem_closer closer(&region);
-      if (!view.opened()) return RegionRead::kNoView;
-      if (!view) return RegionRead::kNoAddress;
-      copy.reset(new T(*view.get()));
+      if (view) copy.reset(new T(*view.get()));
+      if (!view) failure = view.opened() ? failures.no_address : failures.no_view;
     }
-    parse(*copy);
-    return RegionRead::kParsed;
+    if (failure != nullptr) LSP_LOG(5, "%s", failure);
+    if (copy != nullptr) parse(*copy);
   } catch (const std::bad_alloc&) {
-    return RegionRead::kNoMemory;
+    LSP_LOG(4, "%s", failures.no_memory);
   }
 }
 

@@ -74,8 +74,8 @@ void RouteTable::LoadRouteFromMem(const RouteTableImage& image) noexcept {
   source_ = Source::kFile;
 }
 
-std::unique_ptr<common::Shared_mem_owner> RouteTable::OpenRegion() noexcept {
-  std::unique_ptr<common::Shared_mem_owner> region;
+std::unique_ptr<common::Shared_mem_obj> RouteTable::OpenRegion() noexcept {
+  std::unique_ptr<common::Shared_mem_obj> region;
   try {
     if (!common::Shared_mem_obj::Exists(kRouteRegionName)) {
       LSP_LOG(5,
@@ -83,8 +83,8 @@ std::unique_ptr<common::Shared_mem_owner> RouteTable::OpenRegion() noexcept {
               "exist!");
       return nullptr;
     }
-    region = std::make_unique<common::Shared_mem_owner>(kRouteRegionName, sizeof(RouteRegion),
-                                                        kRouteMutexName, true);
+    region = std::make_unique<common::Shared_mem_obj>(kRouteRegionName, sizeof(RouteRegion),
+                                                      kRouteMutexName, true);
   } catch (const std::bad_alloc&) {
     LSP_LOG(5, "[Route][LoadRoute] open route table from shared memory failed,mem_obj is null!");
     return nullptr;

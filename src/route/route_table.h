@@ -48,7 +48,7 @@ class RouteTable {
  private:
   enum class Source { kNone, kFile, kRegion };
 
-  std::unique_ptr<common::Shared_mem_owner> OpenRegion() noexcept;
+  std::unique_ptr<common::Shared_mem_obj> OpenRegion() noexcept;
   std::unique_ptr<const RouteTableImage> LoadFile() noexcept;
   const RouteTableImage* Image() noexcept;
 
@@ -59,7 +59,7 @@ class RouteTable {
   // first result counts. None of our locks is taken inside it.
   common::Mutex lock_;
   // The view stays open until the end, because lookups return into it.
-  std::unique_ptr<common::Shared_mem_owner> route_mem_;
+  std::unique_ptr<common::Shared_mem_obj> route_mem_;
   RouteRegion local_route_;  // its header is never filled
 };
 

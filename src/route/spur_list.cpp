@@ -10,26 +10,13 @@
 namespace moru_vyr::lsp {
 
 void SpurList::LoadSpurIplistTable() noexcept {
-  switch (ReadRegion<SpurRegion>(kSpurRegionName, kSpurMutexName, [this](const SpurRegion& region) {
-    LoadSpurIplistTableFromMem(region);
-  })) {
-    case RegionRead::kNoView:
-      LSP_LOG(5, "LoadSpurIplistTable read route table from shared memory failed, mem_addr=null");
-      break;
-    case RegionRead::kNoAddress:
-      LSP_LOG(5,
-              "LoadSpurIplistTable read route table from shared memory failed, "
-              "mem_addr.get()=null");
-      break;
-    case RegionRead::kNoMemory:  // Kept: the one failure of a table at this level
-      LSP_LOG(4,
-              "LoadSpurIplistTable read iptable from shared memory failed, iptable_pointer alloc "
-              "failed with null");
-      break;
-    case RegionRead::kAbsent:
-    case RegionRead::kParsed:
-      break;
-  }
+  ReadRegion<SpurRegion>(
+      kSpurRegionName, kSpurMutexName,
+      {"LoadSpurIplistTable read route table from shared memory failed, mem_addr=null",
+       "LoadSpurIplistTable read route table from shared memory failed, mem_addr.get()=null",
+       "LoadSpurIplistTable read iptable from shared memory failed, iptable_pointer alloc failed "
+       "with null"},
+      [this](const SpurRegion& region) { LoadSpurIplistTableFromMem(region); });
 }
 
 void SpurList::LoadSpurIplistTableFromMem(const SpurRegion& region) {

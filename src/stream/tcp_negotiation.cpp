@@ -1,6 +1,8 @@
 #include "stream/tcp_negotiation.h"
 
 #include <algorithm>
+#include <cstring>
+#include <span>
 
 #include "common/log.h"
 #include "common/net_text.h"
@@ -21,8 +23,9 @@ bool TcpNegotiation::SendTcpNegotiation(IRelaySocketMgr* mgr, SOCKET socket, u32
   token_ = token;
   start_time_ = common::UnixTicks();
   NegoRequest request = MakeNegoRequest(game_ip, game_port, retry, *guid, *decision);
-  request.Pack(nullptr, 0, 0);
-  const int sent = send(socket, reinterpret_cast<const char*>(&request), sizeof request, 0);
+  u8 wire[sizeof request];
+  request.Pack(wire);
+  const int sent = send(socket, reinterpret_cast<const char*>(wire), sizeof wire, 0);
   if (sent == SOCKET_ERROR) {
     const int error = WSAGetLastError();
     if (error != WSAEWOULDBLOCK) {
@@ -35,7 +38,7 @@ bool TcpNegotiation::SendTcpNegotiation(IRelaySocketMgr* mgr, SOCKET socket, u32
     LSP_LOG(0, "[TCP]Negotiation request is sent successfully");  // Kept: also for a part of it
   }
   socket_ = socket;
-  response_.Init(kNegoVersion);
+  std::memset(received_, 0, sizeof received_);
   return true;
 }
 
@@ -45,7 +48,7 @@ int TcpNegotiation::ParseTcpNegotiation(AccDecisionInfo* decision, u32* reason) 
     *reason = kNegoReceiveFailed;
     return result;
   }
-  if (const int result = response_.header.Unpack(nullptr, 0); result < 0) {
+  if (const int result = response_.header.Unpack(received_); result < 0) {
     LSP_LOG(4, "[TCP]Failed to parse Negotiation header, err=%d, socket=%Id, token=%u", result,
             socket_, token_);
     *reason = kNegoBadHeader;
@@ -54,7 +57,7 @@ int TcpNegotiation::ParseTcpNegotiation(AccDecisionInfo* decision, u32* reason) 
   // An answer longer than the longest form is not part of the protocol, and there is no room for
   // it.
   const int pkg_len = response_.header.pkg_len;
-  if (pkg_len <= kHeaderSize || pkg_len > static_cast<int>(sizeof response_)) {
+  if (pkg_len <= kHeaderSize || pkg_len > static_cast<int>(sizeof received_)) {
     LSP_LOG(4,
             "TcpNegotiation::ParseTcpNegotiation, wrong pkg_len, pkg_len=%d, sizeof(header)=%d, "
             "socket=%Id, token=%u",
@@ -70,7 +73,8 @@ int TcpNegotiation::ParseTcpNegotiation(AccDecisionInfo* decision, u32* reason) 
   LSP_LOG(4, "[TCP]Negotiation response is received successfully, socket=%Id, token=%u", socket_,
           token_);
   // Kept: the newest form, whatever the version; what a shorter one lacks is still zero.
-  if (const int result = response_.body.Unpack(nullptr, 0, 0); result < 0) {
+  const std::span<const u8> body = std::span(received_).subspan<kHeaderSize>();
+  if (const int result = response_.body.Unpack(body, 0); result < 0) {
     LSP_LOG(4, "[TCP]Failed to parse Negotiation header,err=%d, socket=%Id, token=%u", result,
             socket_, token_);
     *reason = kNegoBadBody;
@@ -105,7 +109,7 @@ int TcpNegotiation::Receive(u8* to, int size, int* received) noexcept {
 
 int TcpNegotiation::RspTcpNegotiationHead() noexcept {
   int received = 0;
-  const int result = Receive(reinterpret_cast<u8*>(&response_.header), kHeaderSize, &received);
+  const int result = Receive(received_, kHeaderSize, &received);
   if (result != 0) return result;
   if (received != kHeaderSize) {  // a provider below says that it gave more than it was asked for
     LSP_LOG(4,
@@ -119,8 +123,7 @@ int TcpNegotiation::RspTcpNegotiationHead() noexcept {
 
 int TcpNegotiation::RspTcpNegotiationBody() noexcept {
   int received = 0;
-  return Receive(reinterpret_cast<u8*>(&response_.body), response_.header.pkg_len - kHeaderSize,
-                 &received);
+  return Receive(received_ + kHeaderSize, response_.header.pkg_len - kHeaderSize, &received);
 }
 
 bool TcpNegotiation::CheckNegotiation(AccDecisionInfo* decision, u32* reason) noexcept {

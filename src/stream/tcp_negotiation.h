@@ -42,7 +42,8 @@ class TcpNegotiation {
 
   SOCKET socket_ = INVALID_SOCKET;  // of the last request that went out
   u32 token_ = 0;
-  NegoResponse response_;  // received straight into it
+  u8 received_[sizeof(NegoResponse)] = {};
+  NegoResponse response_;  // what was received
   u64 start_time_ = 0;     // in units of 100 ns since 1970
 };
 

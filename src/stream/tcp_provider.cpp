@@ -85,7 +85,7 @@ bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr
     // here in network order.
     LSP_LOG(4, "[TCP]RequestTcpRelaySession port duplicate, port=%d, socket=%Id, token=%u", port,
             socket, token);
-  } else if (!CreateNewSession(socket, port, *addr, token)) {
+  } else if (!CreateNewSession(port, *addr, token)) {
     LSP_LOG(4, "[TCP]RequestTcpRelaySession: CreateNewSession failed, socket=%Id, token=%u", socket,
             token);
     return false;
@@ -99,11 +99,10 @@ bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr
   return true;
 }
 
-bool TcpProvider::CreateNewSession(SOCKET socket, u16 port, const sockaddr_in& addr,
-                                   u32 token) noexcept {
+bool TcpProvider::CreateNewSession(u16 port, const sockaddr_in& addr, u32 token) noexcept {
   try {
     auto session = std::make_unique<TcpSession>(this, token);
-    session->SetGame(socket, port, addr);
+    session->SetGame(port, addr);
     pending_sessions_.emplace(port, std::move(session));
     return true;
   } catch (...) {

@@ -53,11 +53,11 @@ class TcpProvider final : public NetProvider {
   void OnUpdate(u32 elapsed_ms) noexcept override;
 
  private:
-  bool CreateNewSession(SOCKET socket, u16 port, const sockaddr_in& addr, u32 token) noexcept;
+  bool CreateNewSession(u16 port, const sockaddr_in& addr, u32 token) noexcept;
   bool AddLocalAddr(u16 port) noexcept;
   TcpSession* Adopt(u16 peer_port) noexcept;
-  TcpSession* FindByLocalSocket(SOCKET socket) const noexcept;
-  TcpSession* FindByRemoteSocket(SOCKET socket) const noexcept;
+  // Null: no session has that socket on that side.
+  TcpSession* FindBy(SOCKET (TcpSession::*of)() const noexcept, SOCKET socket) const noexcept;
 
   // The listener's addresses, the latest at the front. Guard: each start adds its own and none is
   // ever changed or freed: threads connect by the address that they were given, even if it is that

@@ -1,27 +1,18 @@
 // The sockets' events: each finds its session and does what the session's verdict says.
-#include <algorithm>
-
 #include "common/log.h"
 #include "stream/tcp_provider.h"
 
 namespace moru_vyr::lsp {
 
-TcpSession* TcpProvider::FindByLocalSocket(SOCKET socket) const noexcept {
-  const auto found = std::find_if(sessions_.begin(), sessions_.end(), [&](const auto& session) {
-    return session->local_socket() == socket;
-  });
-  return found != sessions_.end() ? found->get() : nullptr;
-}
-
-TcpSession* TcpProvider::FindByRemoteSocket(SOCKET socket) const noexcept {
-  const auto found = std::find_if(sessions_.begin(), sessions_.end(), [&](const auto& session) {
-    return session->remote_socket() == socket;
-  });
-  return found != sessions_.end() ? found->get() : nullptr;
+TcpSession* TcpProvider::FindBy(SOCKET (TcpSession::*of)() const noexcept,
+                                SOCKET socket) const noexcept {
+  for (const auto& session : sessions_)
+    if ((session.get()->*of)() == socket) return session.get();
+  return nullptr;
 }
 
 void TcpProvider::OnLocalReadable(SOCKET socket) noexcept {
-  TcpSession* const session = FindByLocalSocket(socket);
+  TcpSession* const session = FindBy(&TcpSession::local_socket, socket);
   if (session == nullptr) {
     LSP_LOG(4, "[TCP] TcpProvider::OnLocalReadable, failed to find socket=%Id", socket);
     return;
@@ -30,7 +21,7 @@ void TcpProvider::OnLocalReadable(SOCKET socket) noexcept {
 }
 
 void TcpProvider::OnLocalWritable(SOCKET socket) noexcept {
-  TcpSession* const session = FindByLocalSocket(socket);
+  TcpSession* const session = FindBy(&TcpSession::local_socket, socket);
   if (session == nullptr) {
     LSP_LOG(4, "[TCP]TcpProvider::OnLocalWritable, failed to find socket=%Id", socket);
     return;
@@ -47,7 +38,7 @@ void TcpProvider::OnLocalClose(SOCKET socket) noexcept {
 }
 
 void TcpProvider::OnRemoteReadable(SOCKET socket) noexcept {
-  TcpSession* const session = FindByRemoteSocket(socket);
+  TcpSession* const session = FindBy(&TcpSession::remote_socket, socket);
   if (session == nullptr) {
     LSP_LOG(4, "[TCP]TcpProvider::OnRemoteReadable, failed to find socket=%Id", socket);
     return;
@@ -56,7 +47,7 @@ void TcpProvider::OnRemoteReadable(SOCKET socket) noexcept {
 }
 
 void TcpProvider::OnRemoteWritable(SOCKET socket) noexcept {
-  TcpSession* const session = FindByRemoteSocket(socket);
+  TcpSession* const session = FindBy(&TcpSession::remote_socket, socket);
   if (session == nullptr) {
     LSP_LOG(4, "[TCP]TcpProvider::OnRemoteWritable, failed to find socket=%Id", socket);
     return;
@@ -65,7 +56,7 @@ void TcpProvider::OnRemoteWritable(SOCKET socket) noexcept {
 }
 
 void TcpProvider::OnRemoteExcpetion(SOCKET socket) noexcept {
-  TcpSession* const session = FindByRemoteSocket(socket);
+  TcpSession* const session = FindBy(&TcpSession::remote_socket, socket);
   if (session == nullptr) {
     // Kept: the text of the writable event.
     LSP_LOG(4, "[TCP]TcpProvider::OnRemoteWritable, failed to find socket=%Id", socket);

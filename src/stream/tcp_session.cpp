@@ -20,8 +20,7 @@ u32 Verdict(bool keep) noexcept { return keep ? kKeepSession : kCloseSession; }
 TcpSession::TcpSession(TcpProvider* provider, u32 token) noexcept
     : token_(token), guid_(SessionGuid::Make()), provider_(provider) {}
 
-void TcpSession::SetGame(SOCKET socket, u16 port, const sockaddr_in& server) noexcept {
-  game_socket_ = socket;
+void TcpSession::SetGame(u16 port, const sockaddr_in& server) noexcept {
   game_socket_port_ = port;
   game_ip_ = server.sin_addr.s_addr;
   game_port_ = server.sin_port;
@@ -96,7 +95,6 @@ u32 TcpSession::HandleRemoteReadable() noexcept {
 u32 TcpSession::HandleRemoteWritable() noexcept {
   switch (state_) {
     case TcpState::Connecting:
-      GetTracker().SetConnectResult(remote_.socket, 0);
       LSP_LOG(4, "[TCP]TcpSession::HandleRemoteWritable, connection is successful. token=%u",
               token_);
       if (use_acc_) {
@@ -122,7 +120,6 @@ u32 TcpSession::HandleConnectFailure() noexcept {
     return kNoAction;
   }
   LSP_LOG(4, "[TCP]HandleConnectFailure. Connection Failed, token=%u", token_);
-  GetTracker().SetConnectResult(remote_.socket, -1);
   state_ = TcpState::Failed;
   return kCloseSession;
 }

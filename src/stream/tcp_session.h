@@ -53,8 +53,8 @@ class TcpSession {
   TcpSession(const TcpSession&) = delete;
   TcpSession& operator=(const TcpSession&) = delete;
 
-  // The address that the game asked for, and the socket that asked.
-  void SetGame(SOCKET socket, u16 port, const sockaddr_in& server) noexcept;
+  // The address that the game asked for, and the port from which it asked.
+  void SetGame(u16 port, const sockaddr_in& server) noexcept;
   // The accepted socket of the connection to the listener.
   void SetLocalSocket(SOCKET socket, u16 port) noexcept;
   void SetRemoteSocket(SOCKET socket) noexcept { remote_.socket = socket; }
@@ -75,7 +75,6 @@ class TcpSession {
   // Whether both sides have ended, and long enough ago for the last bytes to have been sent.
   bool IsObsolete() noexcept;
 
-  SOCKET game_socket() const noexcept { return game_socket_; }
   SOCKET local_socket() const noexcept { return local_.socket; }
   SOCKET remote_socket() const noexcept { return remote_.socket; }
   u16 game_socket_port() const noexcept { return game_socket_port_; }
@@ -113,7 +112,6 @@ class TcpSession {
   u16 game_port_ = 0;
   u32 remote_ip_ = 0;  // what the remote socket connects to
   u16 remote_port_ = 0;
-  SOCKET game_socket_ = INVALID_SOCKET;  // the game's own
   u16 game_socket_port_ = 0;
   TcpSide local_{.is_remote = false};  // towards the game
   u16 local_port_ = 0;

@@ -123,7 +123,7 @@ void LogSpeedTest(int level, const char* data, const SocketQosRecord& s) noexcep
 }  // namespace
 
 void ReportCommunicationStatistic(const SocketQosRecord& socket) noexcept {
-  CommunicationSlot slot(kCommunicationChannel);
+  CommunicationSlot slot;
   if (!slot.has_region()) {
     LSP_LOG(4,
             "[Tracker] ReportCommunicationStatistic failed, mem_addr=null,socket=%Id, "

@@ -10,17 +10,20 @@
 #include <optional>
 
 #include "abi/report_records.h"
+#include "common/log.h"
 #include "common/shared_mem_obj.h"
 
 namespace moru_vyr::lsp {
 
-template <typename Record, u32 kSlots>
+template <typename Record, const ReportChannel& kChannel>
 class ReportSlot {
  public:
-  explicit ReportSlot(const ReportChannel& channel) noexcept {
+  static constexpr u32 kSlots = kChannel.slot_count;
+
+  ReportSlot() noexcept {
     try {
-      if (!common::Shared_mem_obj::Exists(channel.mapping_name)) return;
-      owner_.emplace(channel.mapping_name, channel.region_size, channel.mutex_name, false);
+      if (!common::Shared_mem_obj::Exists(kChannel.mapping_name)) return;
+      owner_.emplace(kChannel.mapping_name, kChannel.region_size, kChannel.mutex_name, false);
     } catch (...) {
       return;
     }
@@ -38,8 +41,14 @@ class ReportSlot {
   ReportSlot& operator=(const ReportSlot&) = delete;
 
   bool has_region() const noexcept { return region_ != nullptr; }
-  bool is_free() const noexcept { return index_ < kSlots; }
+  bool is_free() const noexcept { return region_ != nullptr && index_ < kSlots; }
   int index() const noexcept { return static_cast<int>(index_); }
+
+  // Whether there is a free slot. If not, logs whichever of the two lines gives the reason.
+  bool IsFreeOr(const char* no_region, const char* no_free_slot) const noexcept {
+    if (!is_free()) LSP_LOG(4, "%s", has_region() ? no_free_slot : no_region);
+    return is_free();
+  }
 
   // Only into a free slot. First the body and then the mark, as two writes that stay in that order:
   // if the process is terminated in the middle, its mutex goes to the next one, which must find the
@@ -54,17 +63,17 @@ class ReportSlot {
  private:
   using Region = ReportRegion<Record, kSlots>;
 
-  std::optional<common::Shared_mem_owner> owner_;
+  std::optional<common::Shared_mem_obj> owner_;
   Region* region_ = nullptr;
   u32 index_ = 0;
 };
 
-using DecisionSlot = ReportSlot<AccDecisionInfo, kDecisionChannel.slot_count>;
-using CommunicationSlot = ReportSlot<CommInfoRecord, kCommunicationChannel.slot_count>;
-using LogPathSlot = ReportSlot<LogPathRecord, kLogPathChannel.slot_count>;
-using LoadedSlot = ReportSlot<LspLoadedRecord, kLoadedChannel.slot_count>;
-using NegotiationResultSlot = ReportSlot<NegRetRecord, kNegotiationResultChannel.slot_count>;
-using RealNegotiationSlot = ReportSlot<RealNegoRecord, kRealNegotiationChannel.slot_count>;
-using RecoverySwitchSlot = ReportSlot<RecoverySwitchRecord, kRecoverySwitchChannel.slot_count>;
+using DecisionSlot = ReportSlot<AccDecisionInfo, kDecisionChannel>;
+using CommunicationSlot = ReportSlot<CommInfoRecord, kCommunicationChannel>;
+using LogPathSlot = ReportSlot<LogPathRecord, kLogPathChannel>;
+using LoadedSlot = ReportSlot<LspLoadedRecord, kLoadedChannel>;
+using NegotiationResultSlot = ReportSlot<NegRetRecord, kNegotiationResultChannel>;
+using RealNegotiationSlot = ReportSlot<RealNegoRecord, kRealNegotiationChannel>;
+using RecoverySwitchSlot = ReportSlot<RecoverySwitchRecord, kRecoverySwitchChannel>;
 
 }  // namespace moru_vyr::lsp

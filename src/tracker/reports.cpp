@@ -20,33 +20,28 @@ unsigned long Long(u32 value) noexcept { return value; }
 
 void ReportAcceDecisionInfo(const AccDecisionInfo& decision) noexcept {
   if (GetAccConfig()->game_id == kNetProbeGameId) return;
-  DecisionSlot slot(kDecisionChannel);
-  const int slots = static_cast<int>(kDecisionChannel.slot_count);
+  DecisionSlot slot;
+  constexpr int kSlots = DecisionSlot::kSlots;
   if (!slot.has_region()) {
     LSP_LOG(4, "[Tracker] ReportAcceDecisionInfo failed, mem_addr=null");
     return;
   }
   if (!slot.is_free()) {
     LSP_LOG(4, "[Tracker] ReportAcceDecisionInfo failed,  can't find free position, array_size=%d",
-            slots);
+            kSlots);
     return;
   }
   slot.Write(decision);
   LSP_LOG(0, "[Tracker] ReportAcceDecisionInfo success,  idx=%d, array_size=%d, pid=%d, sock=%d",
-          slot.index(), slots, static_cast<int>(decision.process_id),
+          slot.index(), kSlots, static_cast<int>(decision.process_id),
           static_cast<int>(decision.socket));
 }
 
 void ReportLogPath(const LogPathRecord& record) noexcept {
-  LogPathSlot slot(kLogPathChannel);
-  if (!slot.has_region()) {
-    LSP_LOG(4, "[Tracker] ReportLogPath failed, mem_addr=null");
+  LogPathSlot slot;
+  if (!slot.IsFreeOr("[Tracker] ReportLogPath failed, mem_addr=null",
+                     "[Tracker] ReportLogPath failed.can't find free position."))
     return;
-  }
-  if (!slot.is_free()) {
-    LSP_LOG(4, "[Tracker] ReportLogPath failed.can't find free position.");
-    return;
-  }
   slot.Write(record);
   LSP_LOG(0, "[Tracker] ReportLogPath success, game_id=%llu,  log_path=%s",
           static_cast<unsigned long long>(record.game_id), record.log_path);
@@ -54,15 +49,10 @@ void ReportLogPath(const LogPathRecord& record) noexcept {
 
 // Kept: it fails in the words of the previous report.
 void ReportLspLoadedInfo(const LspLoadedRecord& record) noexcept {
-  LoadedSlot slot(kLoadedChannel);
-  if (!slot.has_region()) {
-    LSP_LOG(4, "[Tracker] ReportLogPath failed, mem_addr=null");
+  LoadedSlot slot;
+  if (!slot.IsFreeOr("[Tracker] ReportLogPath failed, mem_addr=null",
+                     "[Tracker] ReportLogPath failed.can't find free position."))
     return;
-  }
-  if (!slot.is_free()) {
-    LSP_LOG(4, "[Tracker] ReportLogPath failed.can't find free position.");
-    return;
-  }
   slot.Write(record);
   LSP_LOG(0, "[Tracker] ReportLspLoadedInfo success, game_id=%llu,  process_name=%s, is_x64=%s",
           static_cast<unsigned long long>(record.game_id), record.process_name,
@@ -70,29 +60,19 @@ void ReportLspLoadedInfo(const LspLoadedRecord& record) noexcept {
 }
 
 void ReportNegRetValue(const NegRetRecord& record) noexcept {
-  NegotiationResultSlot slot(kNegotiationResultChannel);
-  if (!slot.has_region()) {
-    LSP_LOG(4, "[Tracker] ReportNegRetValue failed, mem_addr=null");
+  NegotiationResultSlot slot;
+  if (!slot.IsFreeOr("[Tracker] ReportNegRetValue failed, mem_addr=null",
+                     "[Tracker] ReportNegRetValue failed. can't find free position."))
     return;
-  }
-  if (!slot.is_free()) {
-    LSP_LOG(4, "[Tracker] ReportNegRetValue failed. can't find free position.");
-    return;
-  }
   slot.Write(record);
   LSP_LOG(4, "[Tracker] ReportNegRetValue success.");
 }
 
 void ReportRealNego(const RealNegoRecord& record) noexcept {
-  RealNegotiationSlot slot(kRealNegotiationChannel);
-  if (!slot.has_region()) {
-    LSP_LOG(4, "[SocketQosHelper] ReportRealNego failed, mem_addr=null");
+  RealNegotiationSlot slot;
+  if (!slot.IsFreeOr("[SocketQosHelper] ReportRealNego failed, mem_addr=null",
+                     "[SocketQosHelper]ReportRealNego failed.can't find free position."))
     return;
-  }
-  if (!slot.is_free()) {
-    LSP_LOG(4, "[SocketQosHelper]ReportRealNego failed.can't find free position.");
-    return;
-  }
   slot.Write(record);
   LSP_LOG(0,
           "[SocketQosHelper] ReportRealNego success, stamp=%lu,game_id=%llu, user_ip=%s, "
@@ -106,15 +86,10 @@ void ReportRealNego(const RealNegoRecord& record) noexcept {
 }
 
 void ReportRecoverySwitch(const RecoverySwitchRecord& record) noexcept {
-  RecoverySwitchSlot slot(kRecoverySwitchChannel);
-  if (!slot.has_region()) {
-    LSP_LOG(4, "[SocketQosHelper] ReportRecoverySwitch failed, mem_addr=null");
+  RecoverySwitchSlot slot;
+  if (!slot.IsFreeOr("[SocketQosHelper] ReportRecoverySwitch failed, mem_addr=null",
+                     "[SocketQosHelper]ReportRecoverySwitch failed.can't find free position."))
     return;
-  }
-  if (!slot.is_free()) {
-    LSP_LOG(4, "[SocketQosHelper]ReportRecoverySwitch failed.can't find free position.");
-    return;
-  }
   slot.Write(record);
   LSP_LOG(0,
           "[SocketQosHelper] ReportRecoverySwitch success, game_id=%llu, "

@@ -12,8 +12,6 @@ namespace moru_vyr::lsp {
 struct SocketQosRecord {
   SOCKET socket = INVALID_SOCKET;
   u32 socket_type = 0;  // 1 stream, 2 datagram
-  i32 acc_reason = 0;   // as in AccDecisionInfo
-  u32 nego_result = 0;  // of the last negotiation; 0 after a success
   u32 token = 0;
 
   u32 total_recv_bytes = 0;
@@ -22,17 +20,12 @@ struct SocketQosRecord {
   u32 total_sent_packets = 0;
   u32 total_recv_errors = 0;
   u32 total_sent_errors = 0;
-  i32 connect_result = 0;
   u32 first_recv_error_code = 0;
   u32 first_send_error_code = 0;
   u32 curr_recv_error_code = 0;
   u32 curr_send_error_code = 0;
   u32 last_send_tick = 0;
-  u32 first_send_tick = 0;
-  u32 last_send_size = 0;
-  u32 first_recv_tick = 0;
   u32 last_recv_tick = 0;
-  u32 last_recv_size = 0;
 
   u32 create_tick = 0;
   u32 life = 0;  // milliseconds, as idle is; see UpdateTimes
@@ -49,15 +42,8 @@ struct SocketQosRecord {
   char game_ip[32] = {};
   u16 game_port = 0;  // host byte order
   u32 game_idc = 0;
-  u32 header3 = 0;
   u32 user_isp = 0;
   u32 user_ip = 0;  // network byte order
-
-  // Kept: a watch over a socket's errors that nothing ever turns on.
-  u32 error_watch_on = 0;
-  u32 error_watch_mask = 0;
-  u32 error_watch_ms = 0;
-  u32 error_flags = 0;
 
   bool is_acce = false;
   bool continuous = false;  // the socket is open

@@ -45,7 +45,6 @@ struct SpeedStats {
   SpeedStatsHalf frontend;  // to the node that the client talks to
   SpeedStatsHalf backend;   // to the last node
   u32 topology_type = 0;    // 0 not known, 1 one node, 2 two nodes, -1 not understood
-  u32 speed_test_word = 0;  // the speed test's own
 };
 
 // Computes the loss again. `in_flight`: a probe sent in the last two seconds that has not been

@@ -1,27 +1,19 @@
-// The watch list and its feeding operations.
+// The watch list and its feeding operations. If one runs out of memory, its report is lost, and
+// what it had done until then stays.
 #include <windows.h>
 
 #include "common/log.h"
 #include "common/net_text.h"
 #include "common/text.h"
+#include "common/unix_time.h"
 #include "route/acc_config.h"
 #include "tracker/series_code.h"
-#include "tracker/tracker_impl.h"
+#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr u64 kUnixEpoch = 116444736000000000;  // as the system's clock counts it
-constexpr u64 kTicksPerSecond = 10'000'000;
-
 int Int(u32 value) noexcept { return static_cast<int>(value); }
-
-u32 CalendarSeconds() noexcept {
-  FILETIME now;
-  GetSystemTimeAsFileTime(&now);
-  const u64 ticks = (u64{now.dwHighDateTime} << 32) | now.dwLowDateTime;
-  return static_cast<u32>((ticks - kUnixEpoch) / kTicksPerSecond);
-}
 
 // A direct socket has no proxy, whatever the decision names.
 void CopyProxyFigures(const AccDecisionInfo& decision, SocketQosRecord* record) noexcept {
@@ -51,7 +43,7 @@ RealNegoRecord MakeRealNego(const SocketQosRecord& socket, u32 last_node_id, u32
   record.last_node_ip = last_node_ip;
   record.game_ip = decision.game_ip;
   record.game_port = decision.game_port;
-  record.stamp = CalendarSeconds();
+  record.stamp = static_cast<u32>(common::UnixTimeMs() / 1000);
   return record;
 }
 
@@ -74,9 +66,23 @@ NegRetRecord MakeNegRet(const SocketQosRecord& socket, const AccDecisionInfo& de
   return record;
 }
 
-// Errors that mean "later", which do not count as errors.
-bool CountsForNothing(int error) noexcept {
-  return error == WSAEWOULDBLOCK || error == WSA_IO_PENDING || error == WSAEINPROGRESS;
+// A record's figures of one direction.
+struct Traffic {
+  u32 &bytes, &packets, &last_tick, &errors, &last_error, &first_error;
+};
+
+// Errors that mean "later" do not count as errors.
+void CountCall(const Traffic& traffic, u32 bytes, int error) noexcept {
+  if (error == WSAEWOULDBLOCK || error == WSA_IO_PENDING || error == WSAEINPROGRESS) return;
+  if (error != 0) {
+    ++traffic.errors;
+    traffic.last_error = static_cast<u32>(error);
+    if (traffic.first_error == 0) traffic.first_error = static_cast<u32>(error);
+    return;
+  }
+  traffic.bytes += bytes;
+  ++traffic.packets;
+  traffic.last_tick = GetTickCount();
 }
 
 void Signal(const common::UniqueHandle& event) noexcept {
@@ -85,17 +91,12 @@ void Signal(const common::UniqueHandle& event) noexcept {
 
 }  // namespace
 
-SocketQosRecord* Tracker::FindRecord(SOCKET socket) {
+SocketQosRecord* Tracker::Find(SOCKET socket) noexcept {
   const auto found = watch_list_.find(socket);
   return found != watch_list_.end() ? &found->second : nullptr;
 }
 
-const SocketQosRecord* Tracker::Find(SOCKET socket) const {
-  const auto found = watch_list_.find(socket);
-  return found != watch_list_.end() ? &found->second : nullptr;
-}
-
-void Tracker::AddToWatchList(SOCKET socket, u32 type, u32 token) {
+void Tracker::AddToWatchList(SOCKET socket, u32 type, u32 token) noexcept try {
   const auto [place, is_new] = watch_list_.try_emplace(socket);
   if (!is_new) return;
   SocketQosRecord& record = place->second;
@@ -106,6 +107,7 @@ void Tracker::AddToWatchList(SOCKET socket, u32 type, u32 token) {
   record.create_tick = GetTickCount();
   MakeSeriesCode(socket, record.series_code, sizeof record.series_code);
   LSP_LOG(0, "[Tracker] Add %d to watch list, token=%d", static_cast<int>(socket), Int(token));
+} catch (...) {
 }
 
 void Tracker::MakeClosingUpdate(SocketQosRecord* record) {
@@ -119,7 +121,7 @@ void Tracker::MakeClosingUpdate(SocketQosRecord* record) {
   record->continuous = false;
 }
 
-void Tracker::RemoveFromWatchList(SOCKET socket) {
+void Tracker::RemoveFromWatchList(SOCKET socket) noexcept try {
   const auto found = watch_list_.find(socket);
   if (found == watch_list_.end()) return;
   // Taken out first, so that it is gone even if the report cannot be stored.
@@ -137,11 +139,12 @@ void Tracker::RemoveFromWatchList(SOCKET socket) {
     LSP_LOG(0, "[Tracker] direct final comm info ignored, socket=%Id, token=%d", socket, token);
   }
   LSP_LOG(0, "[Tracker] Remove %d from watch list, token=%d", static_cast<int>(socket), token);
+} catch (...) {
 }
 
-void Tracker::NoteGameServer(SOCKET socket, const char* ip, u16 port) {
+void Tracker::NoteGameServer(SOCKET socket, const char* ip, u16 port) noexcept {
   if (ip == nullptr) return;
-  SocketQosRecord* const record = FindRecord(socket);
+  SocketQosRecord* const record = Find(socket);
   if (record == nullptr) return;
   LSP_LOG(0, "[Tracker] Ready to Connect to game server socket=%Id, ip=%s, port=%d,token=%d",
           socket, ip, int{ntohs(port)}, Int(record->token));
@@ -149,8 +152,9 @@ void Tracker::NoteGameServer(SOCKET socket, const char* ip, u16 port) {
   record->game_port = ntohs(port);
 }
 
-void Tracker::SetAcceInfo(SOCKET socket, bool is_acce, const AccDecisionInfo& decision) {
-  SocketQosRecord* const record = FindRecord(socket);
+void Tracker::SetAcceInfo(SOCKET socket, bool is_acce, const AccDecisionInfo* decision) noexcept
+    try {
+  SocketQosRecord* const record = Find(socket);
   if (record == nullptr) {
     LSP_LOG(4, "[Tracker] set acce can not find socket");
     return;
@@ -158,55 +162,54 @@ void Tracker::SetAcceInfo(SOCKET socket, bool is_acce, const AccDecisionInfo& de
   LSP_LOG(0, "[Tracker] Socket Base Acce Information saved socket=%Id, is_acce=%d, token=%d",
           socket, is_acce ? 1 : 0, Int(record->token));
   record->is_acce = is_acce;
-  record->game_idc = decision.game_idc;
-  record->header3 = decision.header3;
-  record->acc_reason = decision.acc_reason;
-  record->direct_delay = decision.direct_delay;
-  record->direct_lost = decision.direct_lost;
-  CopyProxyFigures(decision, record);
-  record->guid = common::FieldText(decision.guid);
+  record->game_idc = decision->game_idc;
+  record->direct_delay = decision->direct_delay;
+  record->direct_lost = decision->direct_lost;
+  CopyProxyFigures(*decision, record);
+  record->guid = common::FieldText(decision->guid);
   // To accelerate may still fail: that decision is reported once the node has agreed.
   if (is_acce) return;
   common::Lock hold(lists_lock_);
-  pending_.decision_list.push_back(decision);
+  pending_.decision_list.push_back(*decision);
   LSP_LOG(0, "[Tracker] decision info(not acce) qos submitted, socket=%Id, token=%d", socket,
           Int(record->token));
   Signal(qos_ready_event_);
+} catch (...) {
 }
 
 void Tracker::RecordNegSuccess(SOCKET socket, u32 user_isp, u32 user_ip, u32 last_node_id,
-                               u32 last_node_ip, const AccDecisionInfo& decision) {
-  SocketQosRecord* const record = FindRecord(socket);
+                               u32 last_node_ip, const AccDecisionInfo* decision) noexcept try {
+  SocketQosRecord* const record = Find(socket);
   if (record == nullptr) return;
   LSP_LOG(0, "[Tracker] Nego Success socket=%Id, token=%d, type=%d", socket, Int(record->token),
           Int(record->socket_type));
   record->nego_success = true;
   record->user_isp = user_isp;
   record->user_ip = user_ip;
-  record->nego_result = 0;
-  CopyProxyFigures(decision, record);
-  const RealNegoRecord real_nego = MakeRealNego(*record, last_node_id, last_node_ip, decision);
+  CopyProxyFigures(*decision, record);
+  const RealNegoRecord real_nego = MakeRealNego(*record, last_node_id, last_node_ip, *decision);
   {
     common::Lock hold(lists_lock_);
-    pending_.decision_list.push_back(decision);
+    pending_.decision_list.push_back(*decision);
     LSP_LOG(0, "[Tracker] decision info(will acce) qos submitted, socket=%Id, token=%d", socket,
             Int(record->token));
     pending_.real_nego_list.push_back(real_nego);
     Signal(qos_ready_event_);
   }
   SnapshotCommInfo(false);
+} catch (...) {
 }
 
 void Tracker::RecordNegFailed(SOCKET socket, i32 neg_type, u32 nego_result,
-                              const AccDecisionInfo& decision, u32 elapsed_ms, u32 tries) {
+                              const AccDecisionInfo* decision, u32 elapsed_ms, u32 tries) noexcept
+    try {
   const DWORD last_error = GetLastError();
-  SocketQosRecord* const record = FindRecord(socket);
+  SocketQosRecord* const record = Find(socket);
   if (record == nullptr) return;
   LSP_LOG(0, "[Tracker] RecordNegFailed socket=%Id, neg_type=%d, nego_result=%d, token=%d", socket,
           int{neg_type}, Int(nego_result), Int(record->token));
   record->nego_success = false;
-  record->nego_result = nego_result;
-  NegRetRecord neg_ret = MakeNegRet(*record, decision);
+  NegRetRecord neg_ret = MakeNegRet(*record, *decision);
   neg_ret.neg_type = neg_type;
   neg_ret.nego_result = Int(nego_result);
   neg_ret.last_error = last_error;
@@ -216,61 +219,42 @@ void Tracker::RecordNegFailed(SOCKET socket, i32 neg_type, u32 nego_result,
   pending_.neg_ret_list.push_back(neg_ret);
   LSP_LOG(0, "[Tracker] nego ret qos submitted, socket=%Id, token=%d", socket, Int(record->token));
   Signal(qos_ready_event_);
+} catch (...) {
 }
 
-void Tracker::SetConnectResult(SOCKET socket, i32 value) {
-  if (SocketQosRecord* const record = FindRecord(socket)) record->connect_result = value;
+void Tracker::RecordSend(SOCKET socket, u32 bytes, int error) noexcept {
+  SocketQosRecord* const r = Find(socket);
+  if (r == nullptr) return;
+  CountCall({r->total_sent_bytes, r->total_sent_packets, r->last_send_tick, r->total_sent_errors,
+             r->curr_send_error_code, r->first_send_error_code},
+            bytes, error);
 }
 
-void Tracker::RecordSend(SOCKET socket, u32 bytes, int error) {
-  SocketQosRecord* const record = FindRecord(socket);
-  if (record == nullptr || CountsForNothing(error)) return;
-  if (error != 0) {
-    ++record->total_sent_errors;
-    record->curr_send_error_code = static_cast<u32>(error);
-    if (record->first_send_error_code == 0) record->first_send_error_code = static_cast<u32>(error);
-    return;
-  }
-  record->total_sent_bytes += bytes;
-  ++record->total_sent_packets;
-  record->last_send_size = bytes;
-  record->last_send_tick = GetTickCount();
-  if (record->first_send_tick == 0) record->first_send_tick = record->last_send_tick;
+void Tracker::RecordRecv(SOCKET socket, u32 bytes, int error) noexcept {
+  SocketQosRecord* const r = Find(socket);
+  if (r == nullptr) return;
+  CountCall({r->total_recv_bytes, r->total_recv_packets, r->last_recv_tick, r->total_recv_errors,
+             r->curr_recv_error_code, r->first_recv_error_code},
+            bytes, error);
 }
 
-void Tracker::RecordRecv(SOCKET socket, u32 bytes, int error) {
-  SocketQosRecord* const record = FindRecord(socket);
-  if (record == nullptr || CountsForNothing(error)) return;
-  if (error != 0) {
-    ++record->total_recv_errors;
-    record->curr_recv_error_code = static_cast<u32>(error);
-    if (record->first_recv_error_code == 0) record->first_recv_error_code = static_cast<u32>(error);
-    return;
-  }
-  record->total_recv_bytes += bytes;
-  ++record->total_recv_packets;
-  record->last_recv_size = bytes;
-  record->last_recv_tick = GetTickCount();
-  if (record->first_recv_tick == 0) record->first_recv_tick = record->last_recv_tick;
-}
-
-bool Tracker::GetSpeedTestResult(SOCKET socket, SpeedStats* out) {
+bool Tracker::GetSpeedTestResult(SOCKET socket, SpeedStats* out) noexcept {
   const SocketQosRecord* const record = Find(socket);
   if (record == nullptr) return false;
   *out = record->speed_test;
   return true;
 }
 
-bool Tracker::SetSpeedTestResult(SOCKET socket, const SpeedStats& stats) {
-  SocketQosRecord* const record = FindRecord(socket);
+bool Tracker::SetSpeedTestResult(SOCKET socket, const SpeedStats* stats) noexcept {
+  SocketQosRecord* const record = Find(socket);
   if (record == nullptr) return false;
-  record->speed_test = stats;
+  record->speed_test = *stats;
   UpdateLoss(&record->speed_test.frontend, false);
   UpdateLoss(&record->speed_test.backend, false);
   return true;
 }
 
-bool Tracker::GetPacketCounts(SOCKET socket, u32* sent, u32* received) {
+bool Tracker::GetPacketCounts(SOCKET socket, u32* sent, u32* received) noexcept {
   const SocketQosRecord* const record = Find(socket);
   if (record == nullptr) return false;
   *sent = record->total_sent_packets;
@@ -278,22 +262,24 @@ bool Tracker::GetPacketCounts(SOCKET socket, u32* sent, u32* received) {
   return true;
 }
 
-void Tracker::SetRecoveryInfo(SOCKET socket, const char* text) {
-  SocketQosRecord* const record = FindRecord(socket);
+void Tracker::SetRecoveryInfo(SOCKET socket, const char* text) noexcept try {
+  SocketQosRecord* const record = Find(socket);
   if (record == nullptr) {
     LSP_LOG(4, "[Tracker] set recovery can not find socket");
     return;
   }
   record->recovery_info = text;
   LSP_LOG(0, "socket record recovery switch info=%s", text);
+} catch (...) {
 }
 
-void Tracker::SubmitRecoverySwitch(const RecoverySwitchRecord& record) {
+void Tracker::SubmitRecoverySwitch(const RecoverySwitchRecord* record) noexcept try {
   common::Lock hold(lists_lock_);
-  pending_.recovery_list.push_back(record);
+  pending_.recovery_list.push_back(*record);
   LSP_LOG(0, "[Tracker]  recovery switch qos submitted, game_id=%llu, guid=%s",
-          static_cast<unsigned long long>(record.game_id), record.guid);
+          static_cast<unsigned long long>(record->game_id), record->guid);
   Signal(qos_ready_event_);
+} catch (...) {
 }
 
 }  // namespace moru_vyr::lsp

@@ -2,21 +2,30 @@
 //
 // The relay's worker makes every call here, and none of them waits: what is to be reported goes
 // into a list in memory, and the Tracker's own thread writes it to the client's shared memory. A
-// report that cannot be written is lost, without any other effect. Nothing throws.
+// report that cannot be written, or for which there is no memory, is lost, without any other
+// effect. Nothing throws.
 //
 // An operation on a socket that is not in the watch list does nothing, and returns false if it
 // returns anything. Pointers may not be null unless stated.
 #pragma once
 #include <winsock2.h>
+//
+#include <windows.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <vector>
 
 #include "abi/acc_decision_info.h"
 #include "abi/report_records.h"
+#include "common/handle.h"
+#include "common/lock.h"
 #include "common/types.h"
+#include "tracker/socket_qos_record.h"
 #include "tracker/speed_stats.h"
 
 namespace moru_vyr::lsp {
-
-class Tracker;
 
 inline constexpr u32 kTrackTcp = 1;
 inline constexpr u32 kTrackUdp = 2;
@@ -24,13 +33,22 @@ inline constexpr u32 kTrackUdp = 2;
 // Called on the reporting thread, once, when the worker has ended without UnInit. May not throw.
 using WorkerGone = void (*)() noexcept;
 
-class TrackerFront {
+// What waits to be reported.
+struct PendingReports {
+  std::vector<SocketQosRecord> final_comm_list;
+  std::vector<AccDecisionInfo> decision_list;
+  std::vector<NegRetRecord> neg_ret_list;
+  std::vector<RecoverySwitchRecord> recovery_list;
+  std::vector<RealNegoRecord> real_nego_list;
+};
+
+class Tracker {
  public:
-  // Owns the Tracker and never ends it: its thread may still write when the process ends. If there
-  // was no memory for a Tracker, the pointer is null and every operation returns at once.
-  explicit TrackerFront(Tracker* tracker) noexcept : tracker_(tracker) {}
-  TrackerFront(const TrackerFront&) = delete;
-  TrackerFront& operator=(const TrackerFront&) = delete;
+  Tracker() = default;
+  // Its thread must have ended, or never have started.
+  ~Tracker() = default;
+  Tracker(const Tracker&) = delete;
+  Tracker& operator=(const Tracker&) = delete;
 
   // At the worker's start and at its end; may be repeated. If the worker is terminated before or
   // during its end, the reporting thread notices, writes what there is and ends by itself. `gone`
@@ -40,11 +58,15 @@ class TrackerFront {
   void UnInit() noexcept;
   // On every pass of the worker: reports the open sockets' traffic, at most once in five seconds.
   void OnTimer(u32 now) noexcept;
+  // Has the current traffic reported, unless that was done within the last second.
+  void SnapshotCommInfo(bool force) noexcept;
 
   // `type` is kTrackTcp or kTrackUdp. A socket that is in the list already keeps its record.
   void AddToWatchList(SOCKET socket, u32 type, u32 token) noexcept;
   // Called once the socket is closed: leaves its last report, if it was accelerated.
   void RemoveFromWatchList(SOCKET socket) noexcept;
+  // Null if the socket is not watched.
+  SocketQosRecord* Find(SOCKET socket) noexcept;
 
   // The game server's address, as text (null: nothing is done) and with a port in network order.
   void NoteGameServer(SOCKET socket, const char* ip, u16 port) noexcept;
@@ -55,7 +77,6 @@ class TrackerFront {
   // `neg_type` is 0 for a stream and 1 for datagrams. Reports the last error as it is.
   void RecordNegFailed(SOCKET socket, i32 neg_type, u32 nego_result,
                        const AccDecisionInfo* decision, u32 elapsed_ms, u32 tries) noexcept;
-  void SetConnectResult(SOCKET socket, i32 value) noexcept;
 
   // One system call on the socket: what it moved, and its error. Error 0 counts as traffic,
   // whatever the bytes; an error that means "later" counts for nothing.
@@ -71,10 +92,45 @@ class TrackerFront {
   void SubmitRecoverySwitch(const RecoverySwitchRecord* record) noexcept;
 
  private:
-  Tracker* const tracker_;
+  void AddToSnapshot(const SocketQosRecord& record) noexcept;
+  void MakeClosingUpdate(SocketQosRecord* record);
+
+  // The sync thread's.
+  static DWORD WINAPI SyncThread(LPVOID self) noexcept;
+  void ReportStart() noexcept;
+  void SyncLoop() noexcept;
+  bool WorkerIsGone() const noexcept;
+  void LeaveAlone() noexcept;
+  void DrainQosLists() noexcept;
+  void SyncCommInfo() noexcept;
+
+  std::map<SOCKET, SocketQosRecord> watch_list_;  // used by the worker only
+
+  common::UniqueHandle thread_;
+  DWORD thread_id_ = 0;
+  std::atomic<u32> sync_name_{0};  // of own_thread.h: the sync thread's
+  u32 worker_name_ = 0;            // and that of the thread that called Init, if it has one
+  WorkerGone gone_ = nullptr;
+  std::atomic<bool> quit_{false};
+  bool initialized_ = false;
+  // The worker appends under lists_lock_ and replaces the snapshot under snapshot_lock_; the sync
+  // thread takes both over as a whole, so neither ever waits for shared memory, or long for the
+  // other. The locks are leaves and never held together.
+  common::Mutex init_lock_;
+  common::Mutex lists_lock_;     // guards pending_
+  common::Mutex snapshot_lock_;  // guards snapshot_
+  // Manual-reset. They are closed before Init and after UnInit, when sockets may still end.
+  common::UniqueHandle qos_ready_event_;
+  common::UniqueHandle sync_ready_event_;
+  PendingReports pending_;
+  std::map<std::string, SocketQosRecord> snapshot_;  // by guid
+
+  u32 last_loop_tick_ = 0;  // the sync thread's
+  u32 last_timer_tick_ = 0;
+  u32 last_snapshot_tick_ = 0;
 };
 
 // The process's own, built at first use.
-TrackerFront& GetTracker() noexcept;
+Tracker& GetTracker() noexcept;
 
 }  // namespace moru_vyr::lsp

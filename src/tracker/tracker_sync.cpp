@@ -1,6 +1,7 @@
 // The Tracker's life, its snapshots, and the thread that writes what there is to report.
 #include <windows.h>
 
+#include <new>
 #include <utility>
 
 #include "common/log.h"
@@ -9,7 +10,7 @@
 #include "common/text.h"
 #include "route/acc_config.h"
 #include "tracker/reports.h"
-#include "tracker/tracker_impl.h"
+#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -19,6 +20,7 @@ constexpr DWORD kPassPauseMs = 10;
 constexpr DWORD kEventWaitMs = 100;
 constexpr DWORD kUnInitWaitMs = 2000;
 constexpr u32 kSnapshotIntervalMs = 1000;
+constexpr u32 kTimerIntervalMs = 5000;
 
 common::UniqueHandle MakeManualResetEvent() noexcept {
   return common::UniqueHandle(CreateEventA(nullptr, TRUE, FALSE, nullptr));
@@ -29,6 +31,13 @@ bool IsSignalled(const common::UniqueHandle& event) noexcept {
 }
 
 }  // namespace
+
+// Never destroyed: its thread may still write when the process ends.
+Tracker& GetTracker() noexcept {
+  alignas(Tracker) static u8 place[sizeof(Tracker)];
+  static Tracker* const tracker = new (place) Tracker;
+  return *tracker;
+}
 
 void Tracker::Init(WorkerGone gone) noexcept {
   if (initialized_) return;
@@ -75,7 +84,13 @@ void Tracker::UnInit() noexcept {
   initialized_ = false;
 }
 
-// Kept: the sum wraps with the tick counter.
+// Kept: the sum wraps with the tick counter, here and below.
+void Tracker::OnTimer(u32 now) noexcept {
+  if (last_timer_tick_ != 0 && last_timer_tick_ + kTimerIntervalMs >= now) return;
+  last_timer_tick_ = now;
+  SnapshotCommInfo(false);
+}
+
 void Tracker::SnapshotCommInfo(bool force) noexcept {
   const u32 now = GetTickCount();
   if (last_snapshot_tick_ != 0 && last_snapshot_tick_ + kSnapshotIntervalMs >= now && !force) {

@@ -54,8 +54,9 @@ void UdpRemoteSession::StartNegotiation(const sockaddr_in& game_addr) noexcept {
   accl_info_.nego_addr = ProxyAddress(proxy);
   NegoRequest request = MakeNegoRequest(game_addr.sin_addr.s_addr, game_addr.sin_port,
                                         static_cast<u8>(nego_retry_), guid_, decision_);
-  request.Pack(nullptr, 0, 0);
-  SendTo(&request, sizeof request, accl_info_.nego_addr, true, false);
+  u8 wire[sizeof request];
+  request.Pack(wire);
+  SendTo(wire, sizeof wire, accl_info_.nego_addr, true, false);
   nego_elapsed_ms_ = 0;
 }
 
@@ -63,7 +64,7 @@ void UdpRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept {
   if (!SameAddress(package.addr, accl_info_.nego_addr)) return;
   NegoResponse response;
   response.Init(kNegoVersion);
-  const int result = response.Unpack(package.data, package.valid_len);
+  const int result = response.Unpack({package.data, package.valid_len});
   if (result < 0) {
     LSP_LOG(5, "[UDP] UdpRemoteSession::HandleNegoRecv, Unpack error=%d, pack_len=%u, token=%u",
             result, package.valid_len, token_);

@@ -118,7 +118,7 @@ bool UdpRemoteSession::WrapUdpProxyPacket(const UdpPackage& package, AcclLinkInf
   header.lost = lost;
   header.seq = link->seq;
   header.accl_token = link->accl_token;
-  const int packed = header.Pack(send_buffer_, sizeof send_buffer_, 0);
+  const int packed = header.Pack(send_buffer_);
   if (packed < 0) {
     LSP_LOG(5, "[UDP] WrapUdpProxyPacket Failed, Pack error, ret=%d, token=%u", packed, token_);
     return false;
@@ -165,7 +165,7 @@ void UdpRemoteSession::HandleAcclRecv(const UdpPackage& package) noexcept {
 // False for what is not for the game, as the answer to a probe.
 bool UdpRemoteSession::UnWrapUdpAcclPackage(const UdpPackage& package, UdpPackage* out) noexcept {
   UdpAcclHeader header;
-  const int head_len = header.Unpack(package.data, package.valid_len);
+  const int head_len = header.Unpack({package.data, package.valid_len});
   if (head_len <= 0) {
     LSP_LOG(5,
             "[UDP] UnWrapUdpAcclPackage failed, unpack error, ret=%d, accl_data_addr=%s:%u, "
@@ -213,13 +213,14 @@ void UdpRemoteSession::SendEndToAccl() noexcept {
   header.game_port = ntohs(remote_addr_.sin_port);
   header.seq = ++link.seq;  // Kept: unlike data, which takes the number and then counts
   header.accl_token = link.accl_token;
-  const int packed = header.Pack(nullptr, 0, 0);
+  u8 wire[sizeof header];
+  const int packed = header.Pack(wire);
   if (packed < 0) {
     LSP_LOG(5, "[UDP] UdpRemoteSession::SendEndToAccl Failed, Pack error, ret=%d, token=%u", packed,
             token_);
     return;
   }
-  SendTo(&header, kHeaderSize, link.data_addr, true, false);
+  SendTo(wire, sizeof wire, link.data_addr, true, false);
 }
 
 u32 UdpRemoteSession::SendTo(const void* data, u32 len, const sockaddr_in& addr,

@@ -36,8 +36,9 @@ bool UdpSwitchRemoteSession::StartNegotiation(const sockaddr_in& game_addr,
       MakeNegoRequest(game_addr.sin_addr.s_addr, game_addr.sin_port, 0, guid_, decision_);
   request.body.flags = kNegoFlagSwitch;
   request.body.last_node = last_node;
-  request.Pack(nullptr, 0, 0);
-  const u32 error = SendTo(&request, sizeof request, accl_info_.nego_addr, true);
+  u8 wire[sizeof request];
+  request.Pack(wire);
+  const u32 error = SendTo(wire, sizeof wire, accl_info_.nego_addr, true);
   nego_elapsed_ms_ = 0;
   return error == 0;
 }
@@ -46,7 +47,7 @@ void UdpSwitchRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept 
   if (!SameAddress(package.addr, accl_info_.nego_addr)) return;
   NegoResponse response;
   response.Init(kNegoVersion);
-  const int result = response.Unpack(package.data, package.valid_len);
+  const int result = response.Unpack({package.data, package.valid_len});
   if (result < 0) {
     LSP_LOG(5, "UdpSwitchRemoteSession::HandleNegoRecv, Unpack error=%d, pack_len=%u, token=%u",
             result, package.valid_len, token_);

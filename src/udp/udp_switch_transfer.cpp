@@ -61,7 +61,7 @@ void UdpSwitchRemoteSession::HandleAcclRecv(const UdpPackage& package) noexcept 
 // Whether it is a datagram for the game. The parent unwraps it once more, and then for its use.
 bool UdpSwitchRemoteSession::UnWrapUdpAcclPackage(const UdpPackage& package) noexcept {
   UdpAcclHeader header;
-  const int head_len = header.Unpack(package.data, package.valid_len);
+  const int head_len = header.Unpack({package.data, package.valid_len});
   if (head_len <= 0) {
     LSP_LOG(5,
             "[UDP] UdpSwitchRemoteSession::UnWrapUdpAcclPackage failed, unpack error, ret=%d, "
@@ -105,13 +105,14 @@ void UdpSwitchRemoteSession::SendEndToAccl() noexcept {
   header.game_port = ntohs(remote_addr_.sin_port);
   header.seq = ++accl_info_.seq;
   header.accl_token = accl_info_.accl_token;
-  const int packed = header.Pack(nullptr, 0, 0);
+  u8 wire[sizeof header];
+  const int packed = header.Pack(wire);
   if (packed < 0) {
     LSP_LOG(5, "[UDP] UdpRemoteSession::SendEndToAccl Failed, Pack error, ret=%d, token=%u", packed,
             token_);  // Kept: the parent's name
     return;
   }
-  SendTo(&header, sizeof header, accl_info_.data_addr, true);
+  SendTo(wire, sizeof wire, accl_info_.data_addr, true);
 }
 
 u32 UdpSwitchRemoteSession::SendTo(const void* data, u32 len, const sockaddr_in& addr,

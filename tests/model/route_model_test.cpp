@@ -23,7 +23,7 @@
 #include "tests/model/client_regions.h"
 #include "tests/model/route_model.h"
 #include "tests/model/route_world.h"
-#include "tests/unit/temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 namespace test {
 namespace {

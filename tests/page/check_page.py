@@ -17,6 +17,7 @@ import sys
 import tempfile
 
 import sample_run
+from checks import Checks
 
 BROWSERS = ("chromium", "chromium-browser", "google-chrome")
 TIMEOUT_S = 120
@@ -78,17 +79,6 @@ addEventListener("message", event => {
 });
 </script>
 """
-
-
-class Checks:
-    passed = failed = 0
-
-    def that(self, condition, what, detail=""):
-        if condition:
-            self.passed += 1
-        else:
-            self.failed += 1
-            print(f"FAILED: {what} {detail}")
 
 
 def skip(reason):

@@ -6,7 +6,7 @@
 #include <atomic>
 
 #include "relay/relay_interfaces.h"
-#include "tests/unit/threads.h"
+#include "tests/support/threads.h"
 #include "udp/udp_provider.h"
 
 namespace {

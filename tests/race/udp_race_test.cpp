@@ -19,7 +19,7 @@
 
 #include "bench/game_library.h"
 #include "bench/private_network.h"
-#include "tests/unit/threads.h"
+#include "tests/support/threads.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "route/acc_config.h"
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 

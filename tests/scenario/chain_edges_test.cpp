@@ -26,13 +26,10 @@ using test::Foreign;
 using test::GameProcess;
 using test::kForeignGuid;
 using test::kLayerGuid;
+using test::LayeredTcp;
 
 constexpr DWORD kOwn = GameProcess::kOwnId;
 constexpr DWORD kForeign = GameProcess::kForeignId;
-
-WSAPROTOCOL_INFOW OwnTcp(DWORD id, const std::vector<DWORD>& chain) {
-  return MakeEntry(kLayerGuid, id, SOCK_STREAM, 6, chain);
-}
 
 // --- starting over and over -------------------------------------------------------------------
 
@@ -50,7 +47,7 @@ SCENARIO(ChainEdges, AProcessMayStartItsProvidersAnyNumberOfTimes) {
 SCENARIO(ChainEdges, AStartThatFailsDoesNotCountTowardsTheDepthOfTheNext) {
   GameProcess game;
   game.LayerOverForeign();
-  WSAPROTOCOL_INFOW raw = OwnTcp(2900, {kOwn, kForeign});
+  WSAPROTOCOL_INFOW raw = LayeredTcp(2900, {kOwn, kForeign});
   raw.iProtocol = 99;  // without a switch of its own, so that each start resolves the chain
   auto catalogue = port::Catalogue();
   catalogue.push_back(raw);
@@ -107,7 +104,7 @@ SCENARIO(ChainEdges, AnIdentityThatDiffersAtItsEndIsAnothers) {
   GUID almost = kLspGuid;
   almost.Data4[7] = static_cast<unsigned char>(almost.Data4[7] ^ 1);
   port::SetCatalogue({MakeEntry(almost, 1999, SOCK_STREAM, 6, {}),
-                      MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {}), OwnTcp(2001, {kOwn, 1001}),
+                      MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {}), LayeredTcp(2001, {kOwn, 1001}),
                       MakeEntry(kBaseProviderGuid, 1001, SOCK_STREAM, 6, {})});
   LspProvider* list = nullptr;
   int count = 0;
@@ -121,7 +118,7 @@ SCENARIO(ChainEdges, AnIdentityThatDiffersAtItsEndIsAnothers) {
 SCENARIO(ChainEdges, TheNextProviderIsTheSecondOfTheChain) {
   GameProcess game;
   port::SetCatalogue({MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {}),
-                      OwnTcp(2001, {kOwn, kForeign, 1001}),
+                      LayeredTcp(2001, {kOwn, kForeign, 1001}),
                       MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {kForeign, 1001}),
                       MakeEntry(kBaseProviderGuid, 1001, SOCK_STREAM, 6, {})});
   EXPECT_EQ(game.Start(6), 0) << game.AllTraces();
@@ -206,8 +203,8 @@ class MatchEdges : public sim::ScenarioTest {
  protected:
   MatchEdges() {
     catalogue = {MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {}),
-                 OwnTcp(2001, {kOwn, 1001}),
-                 OwnTcp(2002, {kOwn, kForeign}),
+                 LayeredTcp(2001, {kOwn, 1001}),
+                 LayeredTcp(2002, {kOwn, kForeign}),
                  MakeEntry(kLayerGuid, 2003, SOCK_DGRAM, 17, {kOwn, 1002}),
                  MakeEntry(kBaseProviderGuid, 1001, SOCK_STREAM, 6, {}),
                  MakeEntry(kBaseProviderGuid, 1002, SOCK_DGRAM, 17, {}),

@@ -21,7 +21,7 @@
 #include "start/provider_loader.h"
 #include "start/provider_match.h"
 #include "tests/scenario/game_process.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 
@@ -39,13 +39,11 @@ using test::Foreign;
 using test::GameProcess;
 using test::kForeignGuid;
 using test::kLayerGuid;
+using test::LayeredTcp;
 
 constexpr DWORD kOwn = GameProcess::kOwnId;
 constexpr DWORD kForeign = GameProcess::kForeignId;
 
-WSAPROTOCOL_INFOW OwnTcp(DWORD id, const std::vector<DWORD>& chain) {
-  return MakeEntry(kLayerGuid, id, SOCK_STREAM, 6, chain);
-}
 WSAPROTOCOL_INFOW Hidden() {
   WSAPROTOCOL_INFOW hidden = MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {});
   hidden.ProtocolChain.ChainLen = 0;
@@ -158,7 +156,7 @@ SCENARIO(Chain, WithoutABaseEntryBaseStartFailsSilently) {
   WSAPROTOCOL_INFOW info = game.Layered(6);
   test::LogCapture log(0);
   port::SetCatalogue({MakeEntry(kBaseProviderGuid, 1002, SOCK_DGRAM, 17, {}),
-                      OwnTcp(kOwn + 1, {kOwn, 1001}), Hidden()});
+                      LayeredTcp(kOwn + 1, {kOwn, 1001}), Hidden()});
   EXPECT_EQ(BSPStartup(MAKEWORD(2, 2), &game.data, &info, game.upcalls, &game.table), 10106);
   port::FailCall("WSCEnumProtocols", 1, 10091);
   EXPECT_EQ(BSPStartup(MAKEWORD(2, 2), &game.data, &info, game.upcalls, &game.table), 10106);
@@ -241,7 +239,7 @@ SCENARIO(Chain, AnIncompleteTableIsRefused) {
 
 SCENARIO(Chain, ANextProviderThatIsNotInTheCatalogueFails) {
   GameProcess game;
-  port::SetCatalogue({OwnTcp(kOwn + 1, {kOwn, 4444}), BaseTcp(), Hidden()});
+  port::SetCatalogue({LayeredTcp(kOwn + 1, {kOwn, 4444}), BaseTcp(), Hidden()});
   EXPECT_EQ(game.Start(6), 10106);
   EXPECT_TRUE(game.Traced("LoadProviderPath: WSCGetProviderPath failed: 10105"));
   EXPECT_TRUE(game.TracedStart("InitializeProvider: LoadProviderPath failed: "));
@@ -345,7 +343,7 @@ SCENARIO(Chain, TheFirstEntryWithOurIdentityGivesTheIdForGood) {
   EXPECT_EQ(count, 0);
   EXPECT_EQ(common::GetProcessInfo().lsp_catalog_id, kOwn);
   port::SetCatalogue({BaseTcp(), MakeEntry(kLspGuid, 2500, SOCK_STREAM, 6, {}),
-                      OwnTcp(2501, {2500, 1001}), OwnTcp(2001, {kOwn, 1001})});
+                      LayeredTcp(2501, {2500, 1001}), LayeredTcp(2001, {kOwn, 1001})});
   ASSERT_TRUE(GetProviders(&list, &count));
   owner.reset(list);
   EXPECT_EQ(common::GetProcessInfo().lsp_catalog_id, kOwn);
@@ -355,9 +353,9 @@ SCENARIO(Chain, TheFirstEntryWithOurIdentityGivesTheIdForGood) {
 
 SCENARIO(Chain, RecordsHoldTheEntryAndTheOneBelow) {
   GameProcess game;
-  auto layered = OwnTcp(2002, {kOwn, 1001});
+  auto layered = LayeredTcp(2002, {kOwn, 1001});
   layered.szProtocol[WSAPROTOCOL_LEN] = L'x';  // unterminated
-  port::SetCatalogue({Hidden(), layered, BaseTcp(), OwnTcp(2003, {kOwn, 4444}),
+  port::SetCatalogue({Hidden(), layered, BaseTcp(), LayeredTcp(2003, {kOwn, 4444}),
                       MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, 2002, 1001})});
   LspProvider* list = nullptr;
   int count = 0;
@@ -399,7 +397,7 @@ SCENARIO(Match, TheLastEntryOfAShortChainCountsToo) {
 SCENARIO(Match, AnUnknownLayerAboveLeadsNowhere) {
   GameProcess game;
   port::SetCatalogue({MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {7777, 2002, 1001}), BaseTcp(),
-                      Hidden(), OwnTcp(2002, {kOwn, 1001})});
+                      Hidden(), LayeredTcp(2002, {kOwn, 1001})});
   auto info = MakeEntry(kForeignGuid, 3002, SOCK_STREAM, 99, {7777, 1001});
   EXPECT_EQ(game.Start(&info), 10106);
   EXPECT_FALSE(game.Traced(
@@ -408,7 +406,8 @@ SCENARIO(Match, AnUnknownLayerAboveLeadsNowhere) {
 
 SCENARIO(Match, AnEntryAboveNothingIsNoLayer) {
   GameProcess game;
-  port::SetCatalogue({BaseTcp(), Hidden(), OwnTcp(2001, {kOwn}), OwnTcp(2002, {kOwn, 1001})});
+  port::SetCatalogue(
+      {BaseTcp(), Hidden(), LayeredTcp(2001, {kOwn}), LayeredTcp(2002, {kOwn, 1001})});
   LspProvider* list = nullptr;
   int count = 0;
   ASSERT_TRUE(GetProviders(&list, &count));
@@ -446,7 +445,7 @@ struct CatalogueSearch {
         BaseTcp(),
         Hidden(),
         MakeEntry(kLayerGuid, 2001, SOCK_DGRAM, 17, {kOwn, 1002}),
-        OwnTcp(2002, {kOwn, 1001}),
+        LayeredTcp(2002, {kOwn, 1001}),
         MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {}),
     };
     catalogue.insert(catalogue.begin() + static_cast<std::ptrdiff_t>(above_at),
@@ -481,7 +480,7 @@ SCENARIO(Match, ACatalogueIndexPastTheListIsNoRecord) {
 SCENARIO(Match, TheHiddenEntryAloneDoesNotEndTheCatalogueSearch) {
   GameProcess game;
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, kOwn, 1001});
-  port::SetCatalogue({above, BaseTcp(), Hidden(), OwnTcp(2002, {kOwn, 1001}),
+  port::SetCatalogue({above, BaseTcp(), Hidden(), LayeredTcp(2002, {kOwn, 1001}),
                       MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {})});
   LspProvider* list = nullptr;
   int count = 0;
@@ -497,10 +496,10 @@ SCENARIO(Match, TheHiddenEntryAloneDoesNotEndTheCatalogueSearch) {
 // So the search through the catalogue never comes to compare kinds: whoever agrees is found first.
 SCENARIO(Match, AKindThatAgreesIsFoundBeforeTheCatalogueIsSearched) {
   GameProcess game;
-  auto own = OwnTcp(2002, {kOwn, 1001});
+  auto own = LayeredTcp(2002, {kOwn, 1001});
   own.dwServiceFlags1 |= 0x400;
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, kOwn, 1001});
-  port::SetCatalogue({above, BaseTcp(), Hidden(), OwnTcp(2001, {kOwn, 1001}), own,
+  port::SetCatalogue({above, BaseTcp(), Hidden(), LayeredTcp(2001, {kOwn, 1001}), own,
                       MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {})});
   LspProvider* list = nullptr;
   int count = 0;
@@ -586,7 +585,7 @@ SCENARIO(BadCatalogue, ATcpChainThatLeadsBackToUsGetsTheBaseProvider) {
   std::memcpy(&self, &start, sizeof self);
   port::RegisterModule(L"C:\\vyr\\vyr_lsp.dll", {{"WSPStartup", self}});
   port::SetProviderPath(kLayerGuid, L"C:\\vyr\\vyr_lsp.dll");
-  port::SetCatalogue({Hidden(), OwnTcp(2001, {kOwn, 2001}), BaseTcp()});
+  port::SetCatalogue({Hidden(), LayeredTcp(2001, {kOwn, 2001}), BaseTcp()});
   EXPECT_EQ(game.Start(6), 0) << game.AllTraces();
   EXPECT_TRUE(game.GotHookedTable());
   EXPECT_EQ(game.table.lpWSPListen, port::BaseProviderTable().lpWSPListen);

@@ -15,7 +15,7 @@
 #include "port/sim/scenario.h"
 #include "route/acc_config.h"
 #include "route/init_log.h"
-#include "tests/unit/temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -182,7 +182,7 @@ class ListedGame : public sim::ScenarioTest {
   }
 
  protected:
-  std::optional<common::Shared_mem_owner> client_;
+  std::optional<common::Shared_mem_obj> client_;
 };
 
 // Every platform call of the reading fails in turn. The process is served if the data could be

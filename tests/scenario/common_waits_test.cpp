@@ -7,7 +7,7 @@
 #include "common/shared_mem_obj.h"
 #include "port/shared/debug_output.h"
 #include "port/sim/scenario.h"
-#include "tests/unit/threads.h"
+#include "tests/support/threads.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "hooks/downcall_table.h"
 #include "hooks/hook_entries.h"
 #include "sockets/socket_map.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 
@@ -65,7 +65,7 @@ int WSPAPI SpyIoctl(SOCKET s, DWORD code, LPVOID in, DWORD in_size, LPVOID out, 
   return result;
 }
 
-class ConnectSpied : public TcpBench {
+class ConnectSpied : public TcpWorld {
  protected:
   ConnectSpied() {
     connects = &seen;

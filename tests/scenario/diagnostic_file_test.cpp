@@ -7,8 +7,8 @@
 #include "sockets/socket_map.h"
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/route_fixture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/route_fixture.h"
 
 namespace {
 

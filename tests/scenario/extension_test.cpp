@@ -11,7 +11,7 @@
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
 #include "port/shared/rendition.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -38,7 +38,7 @@ Answer Query(SOCKET s, GUID id, DWORD id_size = sizeof(GUID)) {
   return answer;
 }
 
-class Extensions : public TcpBench {
+class Extensions : public TcpWorld {
  protected:
   // Lines of every level, and only those from here on.
   void ReadAlong() { log_ = std::make_unique<test::LogCapture>(0); }

@@ -2,21 +2,16 @@
 // game starts the relay and waits for it, but not for ever.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 
 #include "common/process_info.h"
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
 #include "hooks/relay_admission.h"
-#include "port/shared/catalogue.h"
-#include "port/shared/modules.h"
-#include "port/shared/rendition.h"
-#include "port/shared/winsock.h"
 #include "route/acc_config.h"
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 
@@ -27,28 +22,11 @@ bool RelayHasStarted() { return GetRelayMgr().GetWorkerThreadId() != 0; }
 
 // --- how long ---------------------------------------------------------------------------------
 
-int WSPAPI StartSlowly(WORD, LPWSPDATA, LPWSAPROTOCOL_INFOW, WSPUPCALLTABLE, LPWSPPROC_TABLE out) {
-  Sleep(5000);
-  *out = port::BaseProviderTable();
-  return 0;
-}
-
-// The worker's own sockets come from a provider that takes five seconds to start.
-void UseSlowProvider() {
-  const LPWSPSTARTUP start = &StartSlowly;
-  FARPROC function = nullptr;
-  std::memcpy(&function, &start, sizeof function);
-  port::RegisterModule(test::kForeignPath, {{"WSPStartup", function}});
-  port::SetProviderPath(test::kForeignGuid, test::kForeignPath);
-  port::SetCatalogue({port::MakeEntry(test::kForeignGuid, 3000, SOCK_STREAM, 6, {})});
-  port::UseCatalogue(true);
-}
-
 SCENARIO(FirstQuestion, WaitsThreeSecondsForARelayThatIsLate) {
   AccConfig config;
   config.net_mode = 0x8;
   ReplaceAccConfig(config);
-  UseSlowProvider();
+  test::UseSlowProvider();
   SocketRecord record;
   record.socket = 5;
   record.type = SOCK_STREAM;

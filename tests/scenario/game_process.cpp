@@ -38,11 +38,27 @@ FARPROC Export(LPWSPSTARTUP function) {
   return exported;
 }
 
+void RegisterForeign() {
+  port::RegisterModule(kForeignPath, {{"WSPStartup", Export(StartForeign)}});
+  port::SetProviderPath(kForeignGuid, kForeignPath);
+}
+
 }  // namespace
 
 ForeignProvider& Foreign() {
   static ForeignProvider foreign{.table = port::BaseProviderTable()};
   return foreign;
+}
+
+void UseSlowProvider() {
+  RegisterForeign();
+  Foreign().start_takes_ms = 5000;
+  port::SetCatalogue({port::MakeEntry(kForeignGuid, GameProcess::kForeignId, SOCK_STREAM, 6, {})});
+  port::UseCatalogue(true);
+}
+
+WSAPROTOCOL_INFOW LayeredTcp(DWORD id, const std::vector<DWORD>& chain) {
+  return port::MakeEntry(kLayerGuid, id, SOCK_STREAM, 6, chain);
 }
 
 GameProcess::GameProcess() {
@@ -53,8 +69,7 @@ GameProcess::GameProcess() {
     if (entry.dwCatalogEntryId == kOwnId) entry.ProviderId = moru_vyr::lsp::kLspGuid;
   }
   port::SetCatalogue(catalogue);
-  port::RegisterModule(kForeignPath, {{"WSPStartup", Export(StartForeign)}});
-  port::SetProviderPath(kForeignGuid, kForeignPath);
+  RegisterForeign();
   port::SetDebugSink([this](const char* text) {
     std::string line = text;
     constexpr char kPrefix[] = "[LspTrace]";

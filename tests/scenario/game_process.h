@@ -36,6 +36,13 @@ struct ForeignProvider {
 };
 ForeignProvider& Foreign();
 
+// Without a GameProcess: the library's own sockets come from a provider that takes five seconds to
+// start.
+void UseSlowProvider();
+
+// A catalogue entry of our own, layered above the entries of `chain`.
+WSAPROTOCOL_INFOW LayeredTcp(DWORD id, const std::vector<DWORD>& chain);
+
 class GameProcess {
  public:
   static constexpr DWORD kPid = 4321;

@@ -11,7 +11,7 @@
 #include "route/init_log.h"
 #include "route/route.h"
 #include "tests/scenario/game_process.h"
-#include "tests/unit/temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 using namespace moru_vyr::lsp;  // NOLINT: the policy's names

@@ -11,8 +11,8 @@
 #include "port/shared/process.h"
 #include "port/sim/scenario.h"
 #include "route/acc_config.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/threads.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/threads.h"
 
 namespace {
 

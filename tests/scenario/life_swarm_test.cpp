@@ -4,9 +4,9 @@
 // A failure prints its seed and the command that runs it again. VYR_SWARM_SEEDS=5000 asks for more
 // seeds than the usual run takes.
 #include "common/named_mutex.h"
-#include "tests/scenario/life_bench.h"
+#include "tests/scenario/life_world.h"
 #include "tests/scenario/swarm.h"
-#include "tests/unit/report_client.h"
+#include "tests/support/report_client.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ struct EarlyEnd {
   test::ReportClient client;
 };
 
-class LifeSwarm : public EarlyEnd, public Swarm<LifeBench> {
+class LifeSwarm : public EarlyEnd, public Swarm<LifeWorld> {
  protected:
   LifeSwarm() {
     common::SetLogThreshold(Chance(50) ? 9 : 0);
@@ -136,9 +136,9 @@ SCENARIO_F_SEEDS(LifeSwarm, WhateverIsEndedNoCallHangsAndTrafficGoesDirect, Swar
 // --- the whole process --------------------------------------------------------------------------
 
 // The game's side, made and played in a process that may end at any moment.
-class VictimGame : public TcpBench {
+class VictimGame : public TcpWorld {
  public:
-  using TcpBench::NodesAreFree;
+  using TcpWorld::NodesAreFree;
   void Plays() {
     for (int i = 0; i < 30; ++i) {
       const SOCKET s = Joins();

@@ -1,7 +1,7 @@
 // The library's life in a process: what a game gets once the worker has ended, by itself,
 // terminated or with Winsock, and what the library leaves behind. At stake: no call of the game
 // hangs, none of our threads still runs, and what cannot be relayed goes direct.
-#include "tests/scenario/life_bench.h"
+#include "tests/scenario/life_world.h"
 
 #include "abi/launch_test_formats.h"
 #include "common/named_mutex.h"
@@ -9,7 +9,7 @@
 #include "hooks/relay_admission.h"
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
-#include "tests/unit/report_client.h"
+#include "tests/support/report_client.h"
 
 namespace {
 
@@ -21,9 +21,9 @@ constexpr wchar_t kLibrary[] = L"C:\\vyr\\vyr_lsp.dll";  // as GameProcess regis
 constexpr u32 kStopMs = 200;                             // a worker's time to end
 constexpr u32 kForceMs = 100;                            // and to release a lock
 
-class Life : public LifeBench {
+class Life : public LifeWorld {
  protected:
-  using LifeBench::LifeBench;
+  using LifeWorld::LifeWorld;
   // How long the game's own cleanup takes, without Winsock's part in it.
   static u32 CleansUp() {
     const u32 start = GetTickCount();

@@ -6,7 +6,7 @@
 
 #include "common/log_file.h"
 #include "port/sim/scenario.h"
-#include "tests/unit/temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // What a client sees of each behaviour of the reference node, up to the answer. Tests of the
 // library depend on it: with a node that did not do what it is told they would prove nothing.
-#include "tests/scenario/node_bench.h"
+#include "tests/scenario/node_world.h"
 
 namespace {
 using namespace node_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class NodeAnswer : public NodeBench {
+class NodeAnswer : public NodeWorld {
  protected:
   // Sends a request and tells what comes back, and how many milliseconds later, to the end of
   // the stream or of `ms`.

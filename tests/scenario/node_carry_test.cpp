@@ -1,12 +1,12 @@
 // The reference node between a client and a game server, once it has answered: every byte, in
 // order, once, both ways, and each end as it happened.
-#include "tests/scenario/node_bench.h"
+#include "tests/scenario/node_world.h"
 
 namespace {
 using namespace node_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class NodeCarry : public NodeBench {
+class NodeCarry : public NodeWorld {
  protected:
   node::SimNode node{world, node_host};
 };
@@ -267,7 +267,7 @@ sim::Options NearTheWrap() {
   return options;
 }
 
-SCENARIO_WITH_(NodeCarryAtTheWrap, KeepsItsTimes, NodeBench, 1, NearTheWrap()) {
+SCENARIO_WITH_(NodeCarryAtTheWrap, KeepsItsTimes, NodeWorld, 1, NearTheWrap()) {
   node::SimNode node(world, node_host);
   node.AnswersAfter(500).behaviour().delay_to_client_ms = 300;
   StartEchoServer();

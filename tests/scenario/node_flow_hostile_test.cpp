@@ -2,22 +2,13 @@
 // says, and nothing else.
 #include <functional>
 
-#include "tests/scenario/node_flow_bench.h"
+#include "tests/scenario/node_flow_world.h"
 
 namespace {
 using namespace node_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class NodeFlowHostile : public NodeFlowBench {
- protected:
-  bool Runs(std::function<void()> body) {
-    StartEcho();
-    OnClient(std::move(body));
-    return RunToTheEnd();
-  }
-
-  node::SimNode node{world, node_host};
-};
+class NodeFlowHostile : public NodeFlowRun {};
 
 SCENARIO_F(NodeFlowHostile, RequestsAreMetAsTold) {
   const struct {

@@ -1,22 +1,12 @@
 // Datagrams through the reference node: each reaches the server that it names, from one address
 // for the whole flow, and each answer comes back wrapped, numbered and with its true source.
-#include "tests/scenario/node_flow_bench.h"
+#include "tests/scenario/node_flow_world.h"
 
 namespace {
 using namespace node_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class NodeFlow : public NodeFlowBench {
- protected:
-  // The client's body, once the echo server and the node stand.
-  bool Runs(std::function<void()> body) {
-    StartEcho();
-    OnClient(std::move(body));
-    return RunToTheEnd();
-  }
-
-  node::SimNode node{world, node_host};
-};
+class NodeFlow : public NodeFlowRun {};
 
 SCENARIO_F(NodeFlow, CarriesBothWaysWithNumbersAndSources) {
   ASSERT_TRUE(Runs([&] {
@@ -240,7 +230,7 @@ SCENARIO_F(NodeFlow, ItsOwnPortsAreNoServers) {
   }));
 }
 
-class NodeSmall : public NodeFlowBench {
+class NodeSmall : public NodeFlowWorld {
  protected:
   node::SimNode node{world, node_host, [] {
                        node::NodeOptions options;

@@ -1,12 +1,12 @@
 // Malicious and faulty clients: the node ends them within its limits, and serves everybody else
 // meanwhile.
-#include "tests/scenario/node_bench.h"
+#include "tests/scenario/node_world.h"
 
 namespace {
 using namespace node_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class NodeUnderAttack : public NodeBench {
+class NodeUnderAttack : public NodeWorld {
  protected:
   // The node still does its work.
   void ExpectServes() {

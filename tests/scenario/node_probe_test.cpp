@@ -4,13 +4,13 @@
 #include <algorithm>
 #include <set>
 
-#include "tests/scenario/node_flow_bench.h"
+#include "tests/scenario/node_flow_world.h"
 
 namespace {
 using namespace node_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class NodeProbe : public NodeFlowBench {
+class NodeProbe : public NodeFlowWorld {
  protected:
   bool Runs(std::function<void(RawFlow&)> body) {
     StartEcho();

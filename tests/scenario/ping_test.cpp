@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "hooks/hook_entries.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -36,7 +36,7 @@ std::string EchoRequest(int sequence, size_t size = 64) {
 int Ttl(const std::string& reply) { return reply.size() > 28 ? reply[8] : 0; }
 int Sequence(const std::string& reply) { return reply.size() > 28 ? reply[27] : -1; }
 
-class Pings : public TcpBench {
+class Pings : public TcpWorld {
  protected:
   Pings() {
     sim::LinkOptions link;

@@ -15,8 +15,8 @@
 #include "route/acc_config.h"
 #include "route/route.h"
 #include "tests/scenario/game_process.h"
-#include "tests/unit/route_fixture.h"
-#include "tests/unit/temp_dir.h"
+#include "tests/support/route_fixture.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 

@@ -5,7 +5,8 @@
 #include <windows.h>
 
 #include "port/sim/scenario.h"
-#include "tests/unit/link_judge.h"
+#include "tests/support/link_judge.h"
+#include "tests/support/log_texts.h"
 #include "tracker/tracker.h"
 
 namespace {
@@ -41,10 +42,10 @@ SCENARIO(LinkJudge, ReportsAtLeastAWindowApartAndAfterTheStart) {
   EXPECT_EQ(link.owner.fired[0].elapse_time, 5000u);
   Sleep(4999);
   Trouble(link);
-  EXPECT_EQ(CountOf("[RecoverySwitch::Report]", log.Text()), 0);
+  EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 0);
   Sleep(1);
   Trouble(link);
-  EXPECT_EQ(CountOf("[RecoverySwitch::Report]", log.Text()), 1);
+  EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 1);
 }
 
 SCENARIO(LinkJudge, AsksForSwitchesNoMoreOftenThanAllowed) {

@@ -14,7 +14,7 @@
 #include "protocol/speed_test_payload.h"
 #include "quality/real_route_speed_test.h"
 #include "tests/scenario/sim_sockets.h"
-#include "tests/unit/link_judge.h"
+#include "tests/support/link_judge.h"
 #include "tracker/tracker.h"
 
 namespace {
@@ -89,21 +89,21 @@ class Probes : public sim::ScenarioTest {
     return probes().RecvSpeedTest(AnswerBytes(seq, relay_idx, age_ms), 36);
   }
   const u8* AnswerBytes(u32 seq, u8 relay_idx, std::int64_t age_ms) {
-    answer_ = {};
-    answer_.header.flags = kUdpAcclSpeedTest;
-    answer_.header.relay_idx = relay_idx;
-    answer_.header.seq = seq;
-    answer_.header.Pack(nullptr, 0, 0);
-    answer_.payload.seq = seq;
-    answer_.payload.send_time = common::UnixTimeMs() - static_cast<u64>(age_ms);
-    return reinterpret_cast<const u8*>(&answer_);
+    SpeedTestPackage answer;
+    answer.header.flags = kUdpAcclSpeedTest;
+    answer.header.relay_idx = relay_idx;
+    answer.header.seq = seq;
+    answer.payload.seq = seq;
+    answer.payload.send_time = common::UnixTimeMs() - static_cast<u64>(age_ms);
+    answer.Pack(answer_);
+    return answer_;
   }
   SpeedStats Stats() {
     SpeedStats stats;
     EXPECT_TRUE(GetTracker().GetSpeedTestResult(link.socket, &stats));
     return stats;
   }
-  SpeedTestPackage answer_;
+  u8 answer_[sizeof(SpeedTestPackage)] = {};
   test::LinkJudge link{0};
 
  private:
@@ -291,14 +291,14 @@ SCENARIO_F(Probes, WhatIsNotAnAnswerIsData) {
   std::memcpy(longer.data(), AnswerBytes(1, 0, 5), 36);
   EXPECT_FALSE(probes().RecvSpeedTest(longer.data(), 37));
   AnswerBytes(1, 0, 5);
-  answer_.payload.magic ^= 1;
-  EXPECT_FALSE(probes().RecvSpeedTest(reinterpret_cast<const u8*>(&answer_), 36));
+  answer_[offsetof(SpeedTestPackage, payload)] ^= 1;  // of the magic
+  EXPECT_FALSE(probes().RecvSpeedTest(answer_, 36));
   AnswerBytes(1, 0, 5);
-  answer_.header.flags = 4;
-  EXPECT_FALSE(probes().RecvSpeedTest(reinterpret_cast<const u8*>(&answer_), 36));
+  answer_[offsetof(UdpAcclHeader, flags)] = 4;
+  EXPECT_FALSE(probes().RecvSpeedTest(answer_, 36));
   AnswerBytes(1, 0, 5);
-  answer_.header.head_len = 19;
-  EXPECT_FALSE(probes().RecvSpeedTest(reinterpret_cast<const u8*>(&answer_), 36));
+  answer_[offsetof(UdpAcclHeader, head_len)] = 19;
+  EXPECT_FALSE(probes().RecvSpeedTest(answer_, 36));
   EXPECT_EQ(Stats().frontend.all_recv_count, 0u);
   EXPECT_TRUE(Answer(1, 0, 5));
 }

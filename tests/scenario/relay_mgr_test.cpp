@@ -3,17 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 
-#include "port/shared/catalogue.h"
 #include "port/shared/faults.h"
-#include "port/shared/modules.h"
-#include "port/shared/rendition.h"
-#include "port/shared/winsock.h"
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 
@@ -94,26 +89,9 @@ SCENARIO(RelayMgr, AWorkerThatDoesNotEndIsKilled) {
   EXPECT_EQ(relay_addr, nullptr);
 }
 
-int WSPAPI StartSlowly(WORD, LPWSPDATA, LPWSAPROTOCOL_INFOW, WSPUPCALLTABLE, LPWSPPROC_TABLE out) {
-  Sleep(5000);
-  *out = port::BaseProviderTable();
-  return 0;
-}
-
-// The library's worker, over a provider that takes five seconds to start.
-void UseSlowProvider() {
-  const LPWSPSTARTUP start = &StartSlowly;
-  FARPROC function = nullptr;
-  std::memcpy(&function, &start, sizeof function);
-  port::RegisterModule(test::kForeignPath, {{"WSPStartup", function}});
-  port::SetProviderPath(test::kForeignGuid, test::kForeignPath);
-  port::SetCatalogue({port::MakeEntry(test::kForeignGuid, 3000, SOCK_STREAM, 6, {})});
-  port::UseCatalogue(true);
-}
-
 // The game's first connections go direct rather than wait for it again and again.
 SCENARIO(RelayMgr, AWorkerThatStartsLateIsWaitedForOnce) {
-  UseSlowProvider();
+  test::UseSlowProvider();
   test::LogCapture log(4);
   RelayMgr& relay = GetRelayMgr();
   EXPECT_FALSE(relay.CheckAndInit(3000));
@@ -136,7 +114,7 @@ sim::Options CounterEndsInASecond() {
 // Kept: with the counter's new beginning the time that has passed cannot be told, and the game
 // waits until the worker is there.
 SCENARIO_OPTIONS(RelayMgr, ALateWorkerIsWaitedForToItsEndAcrossTheWrap, CounterEndsInASecond()) {
-  UseSlowProvider();
+  test::UseSlowProvider();
   EXPECT_TRUE(GetRelayMgr().CheckAndInit(3000));
   EXPECT_GE(world.now(), 5000ms);
   EXPECT_LE(world.now(), 5010ms);

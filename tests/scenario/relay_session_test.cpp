@@ -1,14 +1,15 @@
 // A session whose events the test raises one at a time: how it handles those that make no sense in
 // its state, and, to the millisecond, how long a node may take.
 #include "port/sim/scenario.h"
+#include "tests/support/log_texts.h"
 //
 #include <string>
 
 #include "protocol/nego_response.h"
 #include "stream/tcp_provider.h"
-#include "tests/unit/hand_turned.h"
-#include "tests/unit/loopback.h"
-#include "tests/unit/route_fixture.h"
+#include "tests/support/hand_turned.h"
+#include "tests/support/loopback.h"
+#include "tests/support/route_fixture.h"
 
 namespace {
 
@@ -70,7 +71,7 @@ class SessionByHand : public test::RoutePolicy {
     const std::string text = log.Text();
     return static_cast<SOCKET>(std::stoul(text.substr(text.rfind(line) + line.size())));
   }
-  bool IsClosed() { return log.Contains("[TCP]CloseObsoleteSession, remove session, "); }
+  bool IsClosed() { return log.Contains(test::kObsoleteClosed); }
   int Failures() {
     const std::string text = log.Text(), line = "OnNegotiationFailed, reason=202, token=9\n";
     int lines = 0;
@@ -88,8 +89,9 @@ class SessionByHand : public test::RoutePolicy {
   void Answer(SOCKET node_end) {
     NegoResponse response;
     response.body.client_isp = 1;
-    response.Pack(nullptr, 0, 3);
-    ASSERT_EQ(send(node_end, reinterpret_cast<const char*>(&response), sizeof response, 0), 41);
+    u8 wire[sizeof response];
+    response.Pack(wire);
+    ASSERT_EQ(send(node_end, reinterpret_cast<const char*>(wire), sizeof wire, 0), 41);
     ASSERT_TRUE(TurnUntil("[TCP]Negotiation is successful"));
   }
 

@@ -14,8 +14,9 @@
 #include "common/process_info.h"
 #include "common/text.h"
 #include "port/sim/scenario.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/tracker_bench.h"
+#include "relay/nego_common.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/tracker_fixture.h"
 
 namespace {
 
@@ -140,15 +141,15 @@ class ReportShared : public sim::ScenarioTest {
     AccDecisionInfo decision = SomeDecision(guid);
     decision.glt_word = kLastWord;
     tracker.AddToWatchList(socket, kTrackUdp, 1);
-    tracker.SetAcceInfo(socket, is_acce, decision);
+    tracker.SetAcceInfo(socket, is_acce, &decision);
     if (is_acce) {
-      tracker.RecordNegFailed(socket, 1, 202, decision, 5000, 1);
-      tracker.RecordNegSuccess(socket, 1, 1, 1, 1, decision);
+      tracker.RecordNegFailed(socket, 1, kNegoTimedOut, &decision, 5000, 1);
+      tracker.RecordNegSuccess(socket, 1, 1, 1, 1, &decision);
       RecoverySwitchRecord move;
       move.game_id = kGameId;
       common::SetFieldText(move.guid, guid);
       common::SetFieldText(move.fe_be, LongText(119));
-      tracker.SubmitRecoverySwitch(move);
+      tracker.SubmitRecoverySwitch(&move);
     }
     tracker.RemoveFromWatchList(socket);
   }

@@ -1,13 +1,14 @@
 // What the client program learns of datagram flows: every way through a node, past it or around it
 // leaves exactly the reports that it should, with figures that agree with the node's own.
-#include "tests/scenario/udp_bench.h"
+#include "relay/nego_common.h"
+#include "tests/scenario/udp_world.h"
 //
 #include <cstring>
 #include <set>
 
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "tests/unit/report_client.h"
+#include "tests/support/report_client.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ struct EarlyClient {
   test::ReportClient client;
 };
 
-class ReportUdp : public EarlyClient, public UdpBench {
+class ReportUdp : public EarlyClient, public UdpWorld {
  protected:
   SOCKET Opens(const char* ip = kServer) {
     const SOCKET s = Udp();
@@ -210,7 +211,7 @@ SCENARIO_F(ReportUdp, TwoSilentNodesAreTwoFailuresAndNothingElse) {
   EXPECT_EQ(UsedSlots(client.traffic), 0);
   for (u32 i = 0; i < 2; ++i) {
     const NegRetRecord& failure = client.failures->slots[i];
-    EXPECT_EQ(failure.nego_result, 202);
+    EXPECT_EQ(failure.nego_result, int{moru_vyr::lsp::kNegoTimedOut});
     EXPECT_EQ(failure.nego_count, i + 1);
     EXPECT_GE(failure.elapsed_ms, 5000u);
     EXPECT_LT(failure.elapsed_ms, 5200u);
@@ -444,7 +445,7 @@ SCENARIO_F(ReportSwitch, FailedTrialIsAFailedNegotiationAndAReportOfTheMove) {
   ExpectSlots(1, 1, 1);
   const NegRetRecord& failure = client.failures->slots[0];
   EXPECT_EQ(failure.neg_type, 1);
-  EXPECT_EQ(failure.nego_result, 202);
+  EXPECT_EQ(failure.nego_result, int{moru_vyr::lsp::kNegoTimedOut});
   EXPECT_EQ(failure.nego_count, 1u);
   EXPECT_GE(failure.elapsed_ms, 1000u);
   EXPECT_LT(failure.elapsed_ms, 1200u);

@@ -10,9 +10,9 @@
 #include "port/shared/faults.h"
 #include "port/sim/scenario.h"
 #include "route/route_file.h"
-#include "tests/unit/route_fixture.h"
-#include "tests/unit/temp_dir.h"
-#include "tests/unit/threads.h"
+#include "tests/support/route_fixture.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/threads.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 
 #include "port/shared/faults.h"
 #include "port/sim/scenario.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/temp_dir.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 

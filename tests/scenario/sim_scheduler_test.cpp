@@ -249,6 +249,20 @@ TEST(SimScheduler, AWorldThatGrowsTooOldEnds) {
   EXPECT_NE(run.output.find("older than its limit"), std::string::npos) << run.output;
 }
 
+// Twenty per cent is 0.2: a link with a loss of 20 would lose everything.
+TEST(SimScheduler, ALinkThatIsToLoseMoreThanAllEndsTheWorld) {
+  for (const double loss : {20.0, 1.01, -0.1}) {
+    const auto run = sim::RunInChild(
+        {},
+        [loss](sim::World& world) {
+          world.SetLink(world.home().host, world.AddHost("far", {"198.51.100.10"}), {.loss = loss});
+        },
+        sim::GtestVerdict);
+    EXPECT_EQ(run.exit_code, sim::kWorldFailed);
+    EXPECT_NE(run.output.find("it must be 0 to 1"), std::string::npos) << run.output;
+  }
+}
+
 TEST(SimScheduler, ABodyThatLoopsWithoutACallIsEndedInRealTime) {
   const auto run = sim::RunInChild(
       {},

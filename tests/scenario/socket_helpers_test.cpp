@@ -10,7 +10,7 @@
 #include "port/shared/faults.h"
 #include "port/sim/scenario.h"
 #include "tests/scenario/sim_sockets.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "route/acc_config.h"
 #include "start/startup.h"
 #include "tests/scenario/game_process.h"
-#include "tests/unit/threads.h"
+#include "tests/support/threads.h"
 
 namespace {
 

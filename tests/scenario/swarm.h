@@ -29,8 +29,8 @@ inline std::string Noise(const std::string& begin, uint64_t seed, size_t size) {
 
 // The draws of one world, which its seed decides, in a fixture that has a game, two nodes and a
 // game server.
-template <class Bench>
-class Swarm : public Bench {
+template <class World>
+class Swarm : public World {
  protected:
   uint64_t Below(uint64_t n) { return this->world.random().Below(n); }
   bool Chance(unsigned percent) { return Below(100) < percent; }

@@ -1,16 +1,16 @@
 // How a flow ends while another node is on trial, and what happens when news of a trial reaches a
 // flow that has none. At stake: every node that still holds the flow is told, once, and no socket
 // is left behind.
-#include "tests/scenario/switch_bench.h"
+#include "tests/scenario/switch_world.h"
 //
 #include "port/shared/faults.h"
-#include "tests/unit/link_judge.h"
+#include "tests/support/link_judge.h"
 
 namespace {
 
 using namespace switch_test;  // NOLINT
 
-class SwitchEnd : public SwitchBench {
+class SwitchEnd : public SwitchWorld {
  protected:
   void Ends() {
     a.Takes();

@@ -1,11 +1,12 @@
 // A switch as the game sees it, through the provider, its worker and real nodes. At stake: the game
 // plays on with the same port, the client program learns what happened, and whatever the game does
 // in the middle of it, nobody is left waiting.
-#include "tests/scenario/udp_bench.h"
+#include "tests/scenario/udp_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
-#include "tests/unit/report_client.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/report_client.h"
+#include "tests/support/wire_bytes.h"
 
 namespace {
 
@@ -13,7 +14,7 @@ using namespace udp_test;  // NOLINT
 using moru_vyr::lsp::GetRelayMgr;
 using moru_vyr::lsp::RecoverySwitchRecord;
 
-class SwitchFlow : public UdpBench {
+class SwitchFlow : public UdpWorld {
  protected:
   // Windows of half a second, and bursts of ten probes.
   void Begins(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change = {}) {
@@ -56,7 +57,7 @@ class SwitchFlow : public UdpBench {
     RunFor(200ms);
     closesocket(s);
     RunFor(1s);
-    EXPECT_TRUE(Logged("[UDP] session closed, token=")) << log_text();
+    EXPECT_TRUE(Logged(test::kUdpSessionClosed)) << log_text();
   }
 
   SOCKET s = INVALID_SOCKET;
@@ -134,8 +135,8 @@ SCENARIO_F(SwitchFlow, EndsWithTheGameWhileItNegotiates) {
   closesocket(s);
   playing = false;
   RunFor(3s);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
-  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
+  EXPECT_FALSE(Logged(test::kTrialAgreed));
 }
 
 SCENARIO_F(SwitchFlow, EndsWithTheGameWhileItIsVerified) {
@@ -146,7 +147,7 @@ SCENARIO_F(SwitchFlow, EndsWithTheGameWhileItIsVerified) {
   closesocket(s);
   playing = false;
   RunFor(1s);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
   EXPECT_FALSE(Logged("NotifyVerifyResult"));
   EXPECT_EQ(b.Count("flow_closed"), 1u) << b.AllEvents();
 }

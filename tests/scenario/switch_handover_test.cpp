@@ -1,17 +1,18 @@
 // What a flow takes along to another node, and what it leaves behind: one trial after another,
 // sockets, and datagrams that waited for room. At stake: the move costs the game no datagram, and
 // no socket has two owners.
-#include "tests/scenario/switch_bench.h"
+#include "tests/scenario/switch_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "port/shared/faults.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/wire_bytes.h"
 #include "tracker/tracker.h"
 
 namespace {
 
 using namespace switch_test;  // NOLINT
 
-using SwitchHandOver = SwitchBench;
+using SwitchHandOver = SwitchWorld;
 
 // --- more than one ----------------------------------------------------------------------------
 
@@ -195,7 +196,7 @@ SCENARIO_F(SwitchHandOver, WhatWaitedForRoomAtTheOldNodeLeavesAsTheNewOneIsVerif
   ASSERT_TRUE(flow->HasBlockedPackages());
   loop.wants_room.clear();  // there is no room for a long time
   HealthyTurns(10);
-  ASSERT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded"));
+  ASSERT_TRUE(Logged(test::kTrialVerified));
   EXPECT_FALSE(flow->HasBlockedPackages());
   EXPECT_EQ(GameGets(), "waited") << "A, to which it was wrapped, echoes it";
 }

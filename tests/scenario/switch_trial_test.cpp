@@ -1,21 +1,22 @@
 // A trial of another node, from the request to each of its ends. At stake: the game plays on over
 // the old node until the new one has proved itself with a datagram of the game's, and each trial is
 // reported once, with its outcome.
-#include "tests/scenario/switch_bench.h"
+#include "tests/scenario/switch_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "port/shared/faults.h"
-#include "tests/unit/link_judge.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/link_judge.h"
+#include "tests/support/wire_bytes.h"
 #include "tracker/tracker.h"
 
 namespace {
 
 using namespace switch_test;  // NOLINT
 
-class SwitchTrial : public SwitchBench {
+class SwitchTrial : public SwitchWorld {
  protected:
   SwitchTrial() = default;
-  explicit SwitchTrial(const char* server_ip) : SwitchBench(server_ip) {}
+  explicit SwitchTrial(const char* server_ip) : SwitchWorld(server_ip) {}
 
   // The game still plays over A.
   void ExpectCarriedByA() {
@@ -84,7 +85,7 @@ SCENARIO_F(SwitchTrial, ARequestThatHasToWaitEndsItAndStillLeaves) {
       Logged("UdpSwitchRemoteSession::FlushBlockedPackages, count=1, remain_count=0, token=77"));
   b.Answers();
   loop.Pass();
-  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  EXPECT_FALSE(Logged(test::kTrialAgreed));
   ExpectOver("2");
 }
 
@@ -242,9 +243,9 @@ SCENARIO_F(SwitchTrial, AnErrorOfItsSocketEndsNothing) {
   loop.Pass();
   EXPECT_TRUE(
       Logged("UdpSwitchRemoteSession::ReadPackage recvfrom failed, error = 10054, token=77"));
-  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  EXPECT_FALSE(Logged(test::kTrialAgreed));
   loop.Pass();
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  EXPECT_TRUE(Logged(test::kTrialAgreed));
   EXPECT_EQ(Count("recvfrom failed"), 1) << "that there is nothing more to read is no error";
 }
 
@@ -264,7 +265,7 @@ SCENARIO_F(ForcedTrial, TakesANodeOfAnotherProvider) {
   EXPECT_TRUE(
       Logged("UdpSwitchRemoteSession::CheckNegotiation isp not support, but force accl, "
              "client_isp=2, support_isps=1, token=77"));
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  EXPECT_TRUE(Logged(test::kTrialAgreed));
 }
 
 SCENARIO_F(SwitchTrial, HearsOnlyItsNode) {
@@ -274,10 +275,10 @@ SCENARIO_F(SwitchTrial, HearsOnlyItsNode) {
   b.AnswersFromTheWrongPort();
   Turn();
   EXPECT_EQ(Results(), "");
-  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  EXPECT_FALSE(Logged(test::kTrialAgreed));
   b.Answers();
   Turn();
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationSuccess"));
+  EXPECT_TRUE(Logged(test::kTrialAgreed));
 }
 
 // Nor the game's socket, even where that is what the node names for its data.
@@ -320,7 +321,7 @@ SCENARIO_F(SwitchTrial, ItsBurstStartsAtOnceWhileTheGamePlaysOnOverTheOldNode) {
   }
   // The first step of the burst only looked at the clock, as the negotiation ended.
   EXPECT_EQ(probes, 5);
-  EXPECT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded"));
+  EXPECT_TRUE(Logged(test::kTrialVerified));
 }
 
 // The verdict falls as the last probe leaves: of five the first is the base to count from, and the
@@ -367,7 +368,7 @@ SCENARIO_F(SwitchTrial, ALongBurstIsJudgedByItsLastSlots) {
     if (probes <= 30) b.ForgetsProbes();
     b.AnswersProbes();
   }
-  EXPECT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded")) << log->Text();
+  EXPECT_TRUE(Logged(test::kTrialVerified)) << log->Text();
 }
 
 SCENARIO_F(SwitchTrial, WithGameTrafficBarredAGoodNodeIsOnlyReported) {

@@ -1,11 +1,12 @@
 // What makes a flow ask for a burst of probes, and what a burst leads to. At stake: a link in
 // trouble is tested within one slot of its windows, and a healthy one is left alone.
-#include "tests/scenario/switch_bench.h"
+#include "tests/scenario/switch_world.h"
+#include "tests/support/log_texts.h"
 //
 #include <functional>
 
-#include "tests/unit/link_judge.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/link_judge.h"
+#include "tests/support/wire_bytes.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ std::function<bool(u32)> OneIn(u32 n) {
   return [n](u32 seq) { return seq % n == 0; };
 }
 
-class SwitchTrigger : public SwitchBench {
+class SwitchTrigger : public SwitchWorld {
  protected:
   // The node sends `per_turn` datagrams in every turn of 50 ms, unless they are lost, and answers
   // every probe, unless that is lost.
@@ -270,7 +271,7 @@ SCENARIO_F(SwitchTrigger, ABurstIsTwentyProbesAtLeastAndEndsInAReportOfALossyRou
   lossy.data_lost = lossy.probe_lost = OneIn(2);
   Plays(5'000, lossy);
   EXPECT_GE(probes_, 22);
-  EXPECT_GE(Count("[RecoverySwitch::Report]"), 1) << log->Text();
+  EXPECT_GE(Count(test::kSwitchReported), 1) << log->Text();
   EXPECT_TRUE(Logged("[RecoverySwitch][IsAllowSwitch]switch_open is false"));
   EXPECT_EQ(Trial(), nullptr);
 }
@@ -295,7 +296,7 @@ SCENARIO_F(SwitchTrigger, ATrialThatDoesNotEndLeavesReportsOfWantedSwitches) {
   for (int i = 0; i < 200 && !b.IsAsked(); ++i) Plays(50, dead);
   b.Answers();
   HealthyTurns(20);
-  ASSERT_TRUE(Logged("NotifyVerifyResult, Verifying result=succeeded"));
+  ASSERT_TRUE(Logged(test::kTrialVerified));
   Plays(25'000, dead);
   EXPECT_TRUE(Logged("[RecoverySwitch]switching could not happen within 30000ms, proxy_idc=1 ,"));
   EXPECT_EQ(Count("switching is firing"), 1);
@@ -365,7 +366,7 @@ SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
   lossy.probe_lost = OneIn(2);
   Plays(5'000, lossy);
   EXPECT_GE(probes_, 40);
-  EXPECT_TRUE(Logged("[RecoverySwitch::Report]") || Trial() != nullptr);
+  EXPECT_TRUE(Logged(test::kSwitchReported) || Trial() != nullptr);
 }
 
 // Nothing is looked at any more once all reports have been made: a link in trouble stays.
@@ -376,12 +377,12 @@ SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
   Plays(10'000);
   Traffic dead;
   dead.data_lost = dead.probe_lost = Always;
-  for (int i = 0; i < 200 && Count("[RecoverySwitch::Report]") == 0; ++i) Plays(50, dead);
-  ASSERT_EQ(Count("[RecoverySwitch::Report]"), 1);
+  for (int i = 0; i < 200 && Count(test::kSwitchReported) == 0; ++i) Plays(50, dead);
+  ASSERT_EQ(Count(test::kSwitchReported), 1);
   const std::string before = Triggers();
   Plays(60'000, dead);
   EXPECT_EQ(Triggers(), before);
-  EXPECT_EQ(Count("[RecoverySwitch::Report]"), 1);
+  EXPECT_EQ(Count(test::kSwitchReported), 1);
 }
 
 // Each look leaves its figures with the Tracker.

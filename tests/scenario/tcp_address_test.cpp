@@ -9,7 +9,7 @@
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -23,7 +23,7 @@ std::vector<char> Bytes(const sockaddr_in& address, size_t size) {
   return bytes;
 }
 
-class TcpAddress : public TcpBench {
+class TcpAddress : public TcpWorld {
  protected:
   static int Connects(SOCKET s, const std::vector<char>& bytes, int size) {
     return ErrorOf(connect(s, reinterpret_cast<const struct sockaddr*>(bytes.data()), size));
@@ -176,9 +176,9 @@ SCENARIO_F(TcpAddress, AConnectThatNeverComesLeavesTheOthersAlone) {
 
 // --- a game whose path no code page can write ---------------------------------------------------
 
-class TcpForeignPath : public TcpBench {
+class TcpForeignPath : public TcpWorld {
  protected:
-  TcpForeignPath() : TcpBench(L"D:\\\u6e38\u620f\\\u9ece\u660e \u00e9t\u00e9\\\u66d9\u5149.exe") {}
+  TcpForeignPath() : TcpWorld(L"D:\\\u6e38\u620f\\\u9ece\u660e \u00e9t\u00e9\\\u66d9\u5149.exe") {}
 };
 
 SCENARIO_F(TcpForeignPath, IsServedAsAnyOther) {

@@ -3,14 +3,14 @@
 #include <cstdio>
 #include <memory>
 
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
 constexpr sim::Duration kWrap = 3s;  // at the earliest
 
-class TcpClock : public TcpBench {
+class TcpClock : public TcpWorld {
  public:
   using Course = bool (TcpClock::*)(sim::Duration wrap);
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "engine/relay_mgr.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -32,7 +32,7 @@ const Moment kMoments[] = {
     {"relaying to the server", 0, true, 1s},
 };
 
-class TcpEnds : public TcpBench {
+class TcpEnds : public TcpWorld {
  protected:
   TcpEnds() {
     sim::LinkOptions far;

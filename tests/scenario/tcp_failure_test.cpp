@@ -1,12 +1,13 @@
 // Platform calls that fail under the relay, one at a time and each at its worst moment. The game
 // may lose the connection, but never gets a wrong byte, and the relay goes on.
 #include "port/shared/faults.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
-class TcpFailure : public TcpBench {
+class TcpFailure : public TcpWorld {
  protected:
   TcpFailure() {
     sim::LinkOptions far;
@@ -22,8 +23,7 @@ class TcpFailure : public TcpBench {
   }
   // Every connection that was accepted has been given up.
   bool NobodyIsLeft() const {
-    return Sessions("[TCP]OnLocalServerAcceptable. peer_port=") ==
-           Sessions("[TCP]CloseObsoleteSession, remove session, ");
+    return Sessions("[TCP]OnLocalServerAcceptable. peer_port=") == Sessions(test::kObsoleteClosed);
   }
   // Looked at from time to time: reading the log takes calls of its own.
   bool NobodyIsLeftWithin(sim::Duration most) {
@@ -185,7 +185,7 @@ SCENARIO_F(TcpFailure, AnAcceptedSocketWithoutANameEndsTheConnection) {
   EXPECT_TRUE(Logged("[TCP]OnLocalServerAcceptable, getsockname failed. err=10055, socket="));
   RunFor(100ms);
   EXPECT_TRUE(Logged("TcpSession::IsObsolete, tick 0, found obsolete session, token="));
-  EXPECT_EQ(Sessions("[TCP]CloseObsoleteSession, remove session, "), 1);
+  EXPECT_EQ(Sessions(test::kObsoleteClosed), 1);
   EXPECT_EQ(a.Count("accepted"), 0u);
   ExpectServesAgain();
 }
@@ -257,7 +257,7 @@ SCENARIO_F(TcpFailure, AGameThatHasLeftIsNotKeptForAServerThatCannotBeReached) {
   RunFor(9s);
   port::FailCall("connect", 1, WSAENETUNREACH);
   RunFor(3s);
-  EXPECT_TRUE(Logged("begin direct mode. ChangeToGameSrv result=false, token="));
+  EXPECT_TRUE(Logged(test::kNoGameServer));
   EXPECT_TRUE(NobodyIsLeft()) << log_text();
   ExpectServesAgain();
 }
@@ -271,7 +271,7 @@ SCENARIO_F(TcpFailure, NoSocketForTheServerEither) {
     RunFor(9s);
     port::FailCall(call, 1, WSAENOBUFS);
     RunFor(3s);
-    EXPECT_TRUE(Logged("begin direct mode. ChangeToGameSrv result=false, token="));
+    EXPECT_TRUE(Logged(test::kNoGameServer));
     ExpectItWaitsForTheGame(s);
     port::ClearFaults();
     calls.clear();
@@ -299,11 +299,6 @@ SCENARIO_F(TcpFailure, ARefusalWithNoWayToTheServerEndsTheConnection) {
 
 // While nothing can be waited for, the worker goes round without a pause: kept. What is timed goes
 // on.
-sim::Options QuickSpin() {
-  sim::Options options;
-  options.spin_steps = 20;
-  return options;
-}
 SCENARIO_WITH_(TcpFailure, TimeGoesOnWhileSelectFails, TcpFailure, 1, QuickSpin()) {
   a.StopsAnswering();
   RunFor(100ms);
@@ -361,7 +356,7 @@ SCENARIO_WITH_(TcpOverfull, WithoutAWayToTheServerTheConnectionEndsWhenItsBuffer
     Sleep(9000);
     port::FailCall(call, 1, WSAENOBUFS);
     Sleep(3000);
-    EXPECT_TRUE(Logged("begin direct mode. ChangeToGameSrv result=false, token="));
+    EXPECT_TRUE(Logged(test::kNoGameServer));
     ExpectAnEndAndAQuietWorker(s);
   }
 }

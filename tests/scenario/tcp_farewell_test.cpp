@@ -1,12 +1,13 @@
 // Between the end of one side and the end of the connection: data that is still owed is delivered,
 // data that nobody can take any more is dropped, and nobody waits longer than that takes.
 #include "port/shared/faults.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
-class TcpFarewell : public TcpBench {
+class TcpFarewell : public TcpWorld {
  protected:
   TcpFarewell() {
     sim::LinkOptions far;
@@ -232,7 +233,7 @@ class TcpBothEnd : public TcpFarewell {
     RunFor(1s);
     SendAll(s, "more");
     RunFor(100ms);
-    EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, "), 0);
+    EXPECT_EQ(Lines(test::kObsoleteClosed), 0);
     return s;
   }
   const std::string all = Pattern(300'000);
@@ -241,7 +242,7 @@ class TcpBothEnd : public TcpFarewell {
 SCENARIO_F(TcpBothEnd, AGameThatLeavesAfterItsServerEndsTheConnectionAtOnce) {
   closesocket(ServerLeaves());
   RunFor(100ms);
-  EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, "), 1);
+  EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
   EXPECT_FALSE(Logged("found obsolete session"));
   ExpectServesAgain();
 }
@@ -252,7 +253,7 @@ SCENARIO_F(TcpBothEnd, AGameThatEndsItsHalfAfterItsServerHasLeftEndsTheConnectio
   const SOCKET s = ServerLeaves();
   shutdown(s, SD_SEND);
   RunFor(100ms);
-  EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, "), 1);
+  EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
   EXPECT_FALSE(Logged("found obsolete session"));
   closesocket(s);
   ExpectServesAgain();
@@ -264,7 +265,7 @@ SCENARIO_F(TcpBothEnd, AGameThatBreaksAfterItsServerHasLeftEndsTheConnectionAtOn
   std::string got, end;
   EXPECT_TRUE(Collect(s, 70'000, &got, &end));
   RunFor(100ms);
-  EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, "), 1);
+  EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
   EXPECT_FALSE(Logged("Marking session obsolete"));
   CollectAll(s, &got);
   EXPECT_TRUE(got == all.substr(0, got.size())) << got.size();

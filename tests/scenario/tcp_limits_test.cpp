@@ -4,21 +4,14 @@
 
 #include "port/shared/faults.h"
 #include "port/sim/threads.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
-// While a buffer is full the worker polls without a pause. Here that costs little time, and others
-// get their turn; the director sleeps, since the world is never quiet enough for RunFor.
-sim::Options QuickSpin() {
-  sim::Options options;
-  options.preempt_percent = 10;
-  options.spin_steps = 20;
-  return options;
-}
-
-class TcpLimits : public TcpBench {
+// While a buffer is full the worker polls without a pause: hence QuickSpin. The director sleeps,
+// since the world is never quiet enough for RunFor.
+class TcpLimits : public TcpWorld {
  protected:
   // In pieces, so that *sent tells how far it has come.
   static void SendPieces(SOCKET s, const std::string& text, size_t* sent) {

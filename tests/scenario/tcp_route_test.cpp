@@ -1,12 +1,13 @@
 // Where a game's stream connection goes: through a node, through the next when that one fails, to
 // the game server when both do. The game sees one connection to its server, and every byte.
-#include "tests/scenario/tcp_bench.h"
+#include "relay/nego_common.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class TcpRoute : public TcpBench {
+class TcpRoute : public TcpWorld {
  protected:
   static std::string PeerOf(SOCKET s) {
     sockaddr_in peer = {};
@@ -44,6 +45,8 @@ SCENARIO_F(TcpRoute, GoesToTheServerWhereTheTablesSaySo) {
   EXPECT_EQ(a.Count("accepted") + b.Count("accepted"), 0u);
 }
 
+using enum moru_vyr::lsp::NegoFailure;
+
 struct Failure {
   const char* what;
   int reason;
@@ -71,27 +74,29 @@ const Failure kFailures[] = {
     {"refuses", 9, With(&Behaviour::result, 9)},
     {"refuses with the largest result", 255, With(&Behaviour::result, 255)},
     {"cannot reach the server", 1, With(&Behaviour::server, Behaviour::kRefuse)},
-    {"takes it for another provider's client", 207, With(&Behaviour::isp, 2)},
-    {"takes it for nobody's client", 207, With(&Behaviour::isp, 0)},
-    {"answers with another magic", 203, With(&Behaviour::magic, 0x78DB3965)},
-    {"has an answer of no body", 203, With(&Behaviour::pkg_len, 10)},
-    {"has an answer shorter than its header", 203, With(&Behaviour::pkg_len, 9)},
-    {"has an answer of nothing", 203, With(&Behaviour::pkg_len, 0)},
-    {"has an answer of one byte more", 203, With(&Behaviour::pkg_len, 42)},
-    {"has the longest of answers", 203, With(&Behaviour::pkg_len, 65535)},
-    {"answers a part of the header", 205, With(&Behaviour::answer_bytes, 4)},
-    {"answers the header alone", 205, With(&Behaviour::answer_bytes, 10)},
-    {"answers all but a byte", 205, With(&Behaviour::answer_bytes, 40)},
-    {"answers byte for byte", 205, InPieces(1, 20)},
-    {"answers in two pieces", 205, InPieces(30, 200)},
-    {"answers garbage", 203, Garbage(64)},
-    {"answers a little garbage", 205, Garbage(5)},
-    {"closes without an answer", 205, With(&Behaviour::on_request, Behaviour::kCloseThen)},
-    {"resets without an answer", 205, With(&Behaviour::on_request, Behaviour::kResetThen)},
-    {"is silent", 202, With(&Behaviour::on_request, Behaviour::kSilent)},
-    {"hears nothing", 202, With(&Behaviour::on_accept, Behaviour::kMute)},
-    {"waits for the server for ever", 202, With(&Behaviour::server, Behaviour::kHang)},
-    {"answers too late", 202, With(&Behaviour::answer_delay_ms, 8000)},
+    {"takes it for another provider's client", kNegoIspNotServed, With(&Behaviour::isp, 2)},
+    {"takes it for nobody's client", kNegoIspNotServed, With(&Behaviour::isp, 0)},
+    {"answers with another magic", kNegoBadHeader, With(&Behaviour::magic, 0x78DB3965)},
+    {"has an answer of no body", kNegoBadHeader, With(&Behaviour::pkg_len, 10)},
+    {"has an answer shorter than its header", kNegoBadHeader, With(&Behaviour::pkg_len, 9)},
+    {"has an answer of nothing", kNegoBadHeader, With(&Behaviour::pkg_len, 0)},
+    {"has an answer of one byte more", kNegoBadHeader, With(&Behaviour::pkg_len, 42)},
+    {"has the longest of answers", kNegoBadHeader, With(&Behaviour::pkg_len, 65535)},
+    {"answers a part of the header", kNegoReceiveFailed, With(&Behaviour::answer_bytes, 4)},
+    {"answers the header alone", kNegoReceiveFailed, With(&Behaviour::answer_bytes, 10)},
+    {"answers all but a byte", kNegoReceiveFailed, With(&Behaviour::answer_bytes, 40)},
+    {"answers byte for byte", kNegoReceiveFailed, InPieces(1, 20)},
+    {"answers in two pieces", kNegoReceiveFailed, InPieces(30, 200)},
+    {"answers garbage", kNegoBadHeader, Garbage(64)},
+    {"answers a little garbage", kNegoReceiveFailed, Garbage(5)},
+    {"closes without an answer", kNegoReceiveFailed,
+     With(&Behaviour::on_request, Behaviour::kCloseThen)},
+    {"resets without an answer", kNegoReceiveFailed,
+     With(&Behaviour::on_request, Behaviour::kResetThen)},
+    {"is silent", kNegoTimedOut, With(&Behaviour::on_request, Behaviour::kSilent)},
+    {"hears nothing", kNegoTimedOut, With(&Behaviour::on_accept, Behaviour::kMute)},
+    {"waits for the server for ever", kNegoTimedOut, With(&Behaviour::server, Behaviour::kHang)},
+    {"answers too late", kNegoTimedOut, With(&Behaviour::answer_delay_ms, 8000)},
 };
 
 SCENARIO_F(TcpRoute, EveryFailureOfANodeLeadsToTheNextAndThenToTheServer) {

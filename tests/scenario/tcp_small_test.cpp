@@ -3,7 +3,7 @@
 // too, in both directions, for the first messages of a connection and for later ones.
 #include <vector>
 
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -14,7 +14,7 @@ sim::Options SavingSegments() {
   return options;
 }
 
-class TcpSmall : public TcpBench {
+class TcpSmall : public TcpWorld {
  protected:
   static constexpr DWORD kGapMs = 5;
 

@@ -2,13 +2,13 @@
 // it, at any moment, and however slowly somebody reads.
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 using node::Behaviour;
 
-class TcpStream : public TcpBench {};
+class TcpStream : public TcpWorld {};
 
 // What the game says before anybody can hear it.
 SCENARIO_F(TcpStream, EarlyBytesReachWhoeverTakesTheConnection) {

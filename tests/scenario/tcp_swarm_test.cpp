@@ -14,7 +14,7 @@
 #include "port/shared/faults.h"
 #include "port/sim/threads.h"
 #include "tests/scenario/swarm.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;    // NOLINT: the verbs of these tests
@@ -57,7 +57,7 @@ struct Plan {
   std::string game_end, host_end;
 };
 
-class TcpSwarm : public Swarm<TcpBench> {
+class TcpSwarm : public Swarm<TcpWorld> {
  protected:
   TcpSwarm() {
     if (Chance(50)) common::SetLogThreshold(9);

@@ -1,20 +1,13 @@
 // Urgent bytes in a relayed connection. Kept: nobody reads them. They are lost, the exception that
 // they cause is only logged and lasts as long as the byte does; the stream around them is complete.
 #include "port/shared/faults.h"
-#include "tests/scenario/tcp_bench.h"
+#include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
-// While an exception stays, the worker polls without a pause.
-sim::Options QuickSpin() {
-  sim::Options options;
-  options.preempt_percent = 10;
-  options.spin_steps = 20;
-  return options;
-}
-
-class TcpUrgent : public TcpBench {
+// While an exception stays, the worker polls without a pause: hence QuickSpin.
+class TcpUrgent : public TcpWorld {
  protected:
   static void SendUrgent(SOCKET s) { EXPECT_EQ(send(s, "!", 1, MSG_OOB), 1); }
   void ExpectAQuietWorker() {

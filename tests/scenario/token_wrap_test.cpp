@@ -2,8 +2,9 @@
 // socket may lose its relay, or get another's, because of its number.
 #include "engine/relay_mgr.h"
 #include "sockets/socket_error_filter.h"
-#include "tests/scenario/tcp_bench.h"
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/tcp_world.h"
+#include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 
 // Four billion sockets take too long to open: an explicit instantiation may name what is private.
 template <auto kMember>
@@ -35,7 +36,7 @@ u32 TokenOf(SOCKET s) {
   return record.token;
 }
 
-class StreamsAtTheWrap : public tcp_test::TcpBench {};
+class StreamsAtTheWrap : public tcp_test::TcpWorld {};
 
 SCENARIO_F(StreamsAtTheWrap, AreRelayedUnderEveryNumber) {
   for (const u32 last : {0xFFFFFFFDu, 0xFFFFFFFEu, 0xFFFFFFFFu, 0u}) {
@@ -53,7 +54,7 @@ SCENARIO_F(StreamsAtTheWrap, AreRelayedUnderEveryNumber) {
   ExpectServesAgain();
 }
 
-class DatagramsAtTheWrap : public udp_test::UdpSpiedBench {};
+class DatagramsAtTheWrap : public udp_test::UdpSpiedWorld {};
 
 SCENARIO_F(DatagramsAtTheWrap, AreRelayedUnderEveryNumber) {
   Starts();
@@ -73,7 +74,7 @@ SCENARIO_F(DatagramsAtTheWrap, AreRelayedUnderEveryNumber) {
     const u32 token = TokenOf(s);
     closesocket(s);
     RunFor(100ms);
-    EXPECT_TRUE(Logged("[UDP] session closed, token=" + std::to_string(token) + "\n")) << token;
+    EXPECT_TRUE(Logged(test::kUdpSessionClosed + std::to_string(token) + "\n")) << token;
   }
 }
 

@@ -11,13 +11,15 @@
 #include "common/shared_mem_obj.h"
 #include "port/shared/faults.h"
 #include "port/sim/scenario.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/tracker_bench.h"
+#include "relay/nego_common.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/tracker_fixture.h"
 #include "tracker/reports.h"
 
 namespace {
 
 using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
+using test::At;
 using test::kSocket;
 using test::kToken;
 using test::SomeDecision;
@@ -33,11 +35,11 @@ class TrackerClient : public sim::ScenarioTest {
   void ReportEverything() {
     for (const SOCKET socket : {SOCKET{1}, SOCKET{2}, SOCKET{3}})
       tracker.AddToWatchList(socket, kTrackUdp, kToken);
-    tracker.SetAcceInfo(1, false, SomeDecision());
-    tracker.SetAcceInfo(2, true, SomeDecision());
-    tracker.RecordNegSuccess(2, 1, 1, 1, 1, SomeDecision());
-    tracker.RecordNegFailed(3, 1, 202, SomeDecision(), 1, 1);
-    tracker.SubmitRecoverySwitch(RecoverySwitchRecord{});
+    tracker.SetAcceInfo(1, false, At(SomeDecision()));
+    tracker.SetAcceInfo(2, true, At(SomeDecision()));
+    tracker.RecordNegSuccess(2, 1, 1, 1, 1, At(SomeDecision()));
+    tracker.RecordNegFailed(3, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
+    tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
     for (const SOCKET socket : {SOCKET{1}, SOCKET{2}, SOCKET{3}})
       tracker.RemoveFromWatchList(socket);
   }
@@ -133,11 +135,11 @@ SCENARIO_F(TrackerClient, EndWaitsTwoSecondsForAThreadThatAStoppedClientHolds) {
     sim::Process& stopped = StopClientIn(*channel);
     fresh.Init();
     fresh.AddToWatchList(kSocket, kTrackUdp, kToken);
-    fresh.SetAcceInfo(kSocket, true, SomeDecision());
-    fresh.RecordNegSuccess(kSocket, 1, 1, 1, 1, SomeDecision());
-    fresh.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 1, 1);
-    fresh.SubmitRecoverySwitch(RecoverySwitchRecord{});
-    fresh.RecordNegSuccess(kSocket, 1, 1, 1, 1, SomeDecision());
+    fresh.SetAcceInfo(kSocket, true, At(SomeDecision()));
+    fresh.RecordNegSuccess(kSocket, 1, 1, 1, 1, At(SomeDecision()));
+    fresh.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
+    fresh.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
+    fresh.RecordNegSuccess(kSocket, 1, 1, 1, 1, At(SomeDecision()));
     RunFor(500ms);
     const u32 took = TimeOf([&] { fresh.UnInit(); });
     EXPECT_GE(took, 2000u) << channel->mapping_name;
@@ -171,7 +173,7 @@ SCENARIO_F(TrackerClient, StartsAgainAfterAThreadThatHadToBeEnded) {
   EXPECT_EQ(UsedSlots(client->log_paths), 0);
   tracker.Init();
   RunFor(1s);
-  tracker.SubmitRecoverySwitch(RecoverySwitchRecord{});
+  tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
   RunFor(1s);
   EXPECT_EQ(UsedSlots(client->switches), 2);  // the new thread stays at work
   client->switches->slots[1].used = 0;
@@ -191,7 +193,7 @@ SCENARIO_F(TrackerClient, WithoutAClientReportsAreLostAndNoRegionAppears) {
   client.emplace();  // what came before it does not come back
   RunFor(1s);
   EXPECT_EQ(UsedSlots(client->decisions) + UsedSlots(client->log_paths), 0);
-  tracker.SubmitRecoverySwitch(RecoverySwitchRecord{});
+  tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
   RunFor(1s);
   EXPECT_EQ(UsedSlots(client->switches), 1);
   tracker.UnInit();
@@ -271,7 +273,7 @@ SCENARIO_F(TrackerClient, WithoutItsEventsItKeepsListsAndRunsNoThread) {
     fresh.Init();
     port::ClearFaults();
     EXPECT_TRUE(log.Contains(text)) << log.Text();
-    fresh.SubmitRecoverySwitch(RecoverySwitchRecord{});
+    fresh.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
     RunFor(1s);
     EXPECT_EQ(UsedSlots(client->log_paths), static_cast<int>(nth) - 1);
     const u32 took = TimeOf([&] { fresh.UnInit(); });
@@ -314,10 +316,10 @@ SCENARIO_F(TrackerClient, SignalThatIsLostDelaysTheReportToTheNext) {
   tracker.Init();
   RunFor(1s);
   world.LoseSetEvent(1);
-  tracker.SubmitRecoverySwitch(RecoverySwitchRecord{});
+  tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
   RunFor(10s);
   EXPECT_EQ(UsedSlots(client->switches), 0);
-  tracker.SubmitRecoverySwitch(RecoverySwitchRecord{});
+  tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
   RunFor(1s);
   EXPECT_EQ(UsedSlots(client->switches), 2);
   tracker.UnInit();
@@ -331,7 +333,7 @@ SCENARIO_F(TrackerClient, RegionsThatCannotBeReachedCostTheirReports) {
     const test::LogCapture log(4);
     Tracker fresh;
     fresh.Init();
-    fresh.SubmitRecoverySwitch(RecoverySwitchRecord{});
+    fresh.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
     RunFor(1s);
     for (common::NamedMutex& mutex : mutexes) {  // the thread lives, and holds none
       EXPECT_TRUE(mutex.try_lock()) << call;

@@ -5,8 +5,9 @@
 #include "common/named_mutex.h"
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
-#include "tests/scenario/tcp_bench.h"
-#include "tests/unit/report_client.h"
+#include "relay/nego_common.h"
+#include "tests/scenario/tcp_world.h"
+#include "tests/support/report_client.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ struct EarlyClient {
   test::ReportClient client;
 };
 
-class TrackerTcp : public EarlyClient, public TcpBench {
+class TrackerTcp : public EarlyClient, public TcpWorld {
  protected:
   // A connection from its beginning to its end, in which the server echoes so many bytes.
   void Talk(const char* server, size_t bytes) {
@@ -150,7 +151,7 @@ SCENARIO_F(TrackerTcp, TwoFailedNodesAreTwoFailuresAndNoTraffic) {
   ExpectSlots(0, 0, 2);
   EXPECT_EQ(UsedSlots(client.traffic), 0);
   const NegRetRecord& second = client.failures->slots[1];
-  EXPECT_EQ(second.nego_result, 202);
+  EXPECT_EQ(second.nego_result, int{moru_vyr::lsp::kNegoTimedOut});
   EXPECT_EQ(second.nego_count, 2u);
   EXPECT_STREQ(second.proxy_ip, kNodeB);
   EXPECT_GE(second.elapsed_ms, 5000u);
@@ -199,7 +200,7 @@ SCENARIO_F(TrackerTcp, RequestThatCannotBeSentIsAFailureOfItsOwn) {
   port::ClearFaults();
   ExpectSlots(0, 0, 1);
   const NegRetRecord& failure = client.failures->slots[0];
-  EXPECT_EQ(failure.nego_result, 201);
+  EXPECT_EQ(failure.nego_result, int{moru_vyr::lsp::kNegoSendFailed});
   EXPECT_EQ(failure.last_error, static_cast<u32>(WSAENOBUFS));
   EXPECT_EQ(failure.nego_count, 1u);
   EXPECT_EQ(failure.elapsed_ms, 0u);

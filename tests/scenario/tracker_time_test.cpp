@@ -7,12 +7,14 @@
 
 #include "port/shared/objects.h"
 #include "port/sim/scenario.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/tracker_bench.h"
+#include "relay/nego_common.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/tracker_fixture.h"
 
 namespace {
 
 using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
+using test::At;
 using test::kSocket;
 using test::kToken;
 using test::SomeDecision;
@@ -22,10 +24,10 @@ class TrackerTime : public sim::ScenarioTest {
  protected:
   void AddAccelerated(SOCKET socket, const std::string& guid, u32 type = kTrackUdp) {
     tracker.AddToWatchList(socket, type, kToken);
-    tracker.SetAcceInfo(socket, true, SomeDecision(guid));
-    tracker.RecordNegSuccess(socket, 1, 1, 1, 1, SomeDecision(guid));
+    tracker.SetAcceInfo(socket, true, At(SomeDecision(guid)));
+    tracker.RecordNegSuccess(socket, 1, 1, 1, 1, At(SomeDecision(guid)));
   }
-  void SubmitOne() { tracker.SubmitRecoverySwitch(RecoverySwitchRecord{}); }
+  void SubmitOne() { tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{})); }
   template <typename Region>
   static void FreeSlots(test::ClientRegion<Region>& region) {
     for (auto& slot : region->slots) slot.used = 0;
@@ -38,7 +40,6 @@ class TrackerTime : public sim::ScenarioTest {
 
   test::ReportClient client;
   Tracker tracker;
-  TrackerFront front{&tracker};
 };
 
 // --- the sync thread's pace -------------------------------------------------------------------
@@ -96,12 +97,12 @@ SCENARIO_F(TrackerTime, EachReportGoesOutWithoutWaitingForAnother) {
   RunFor(1s);
   for (const SOCKET socket : {SOCKET{1}, SOCKET{2}, SOCKET{3}})
     tracker.AddToWatchList(socket, kTrackUdp, kToken);
-  tracker.SetAcceInfo(1, false, SomeDecision());
+  tracker.SetAcceInfo(1, false, At(SomeDecision()));
   EXPECT_TRUE(RunUntil([&] { return UsedSlots(client.decisions) == 1; }, 250ms));
-  tracker.RecordNegFailed(2, 1, 202, SomeDecision(), 1, 1);
+  tracker.RecordNegFailed(2, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
   EXPECT_TRUE(RunUntil([&] { return UsedSlots(client.failures) == 1; }, 250ms));
-  tracker.SetAcceInfo(3, true, SomeDecision());
-  tracker.RecordNegSuccess(3, 1, 1, 1, 1, SomeDecision());
+  tracker.SetAcceInfo(3, true, At(SomeDecision()));
+  tracker.RecordNegSuccess(3, 1, 1, 1, 1, At(SomeDecision()));
   EXPECT_TRUE(RunUntil(
       [&] { return UsedSlots(client.decisions) == 2 && UsedSlots(client.negotiations) == 1; },
       250ms));
@@ -150,8 +151,8 @@ SCENARIO_F(TrackerTime, SuccessShowsTheTrafficUnlessThatWasDoneWithinASecond) {
     for (const char* guid : {"a", "b"}) {
       const SOCKET socket = static_cast<SOCKET>(guid[0]);
       fresh.AddToWatchList(socket, kTrackUdp, kToken);
-      fresh.SetAcceInfo(socket, true, SomeDecision(guid));
-      fresh.RecordNegSuccess(socket, 1, 1, 1, 1, SomeDecision(guid));
+      fresh.SetAcceInfo(socket, true, At(SomeDecision(guid)));
+      fresh.RecordNegSuccess(socket, 1, 1, 1, 1, At(SomeDecision(guid)));
       if (guid[0] == 'a') RunFor(std::chrono::milliseconds(row.gap_ms));
     }
     RunFor(300ms);
@@ -167,7 +168,7 @@ SCENARIO_F(TrackerTime, TimerShowsTheTrafficWhenMoreThanFiveSecondsHavePassed) {
   RunFor(2s);
   FreeSlots(client.traffic);
   const auto reports_of_a_tick = [&] {
-    front.OnTimer(GetTickCount());
+    tracker.OnTimer(GetTickCount());
     const u32 start = GetTickCount();
     RunFor(300ms);
     const int reports = UsedSlots(client.traffic);
@@ -182,7 +183,7 @@ SCENARIO_F(TrackerTime, TimerShowsTheTrafficWhenMoreThanFiveSecondsHavePassed) {
   RunFor(6s);
   EXPECT_EQ(reports_of_a_tick(), 1);
   RunFor(4700ms);
-  front.OnTimer(GetTickCount());  // 5000
+  tracker.OnTimer(GetTickCount());  // 5000
   RunFor(1ms);
   EXPECT_EQ(reports_of_a_tick(), 1);  // 5001
   tracker.UnInit();
@@ -191,7 +192,7 @@ SCENARIO_F(TrackerTime, TimerShowsTheTrafficWhenMoreThanFiveSecondsHavePassed) {
 // A look that finds nothing is no look.
 SCENARIO_F(TrackerTime, SuccessRightAfterATimerWithoutSocketsShowsTheTraffic) {
   tracker.Init();
-  front.OnTimer(GetTickCount());
+  tracker.OnTimer(GetTickCount());
   RunFor(500ms);
   AddAccelerated(kSocket, "guid");
   RunFor(250ms);
@@ -204,7 +205,7 @@ SCENARIO_F(TrackerTime, LiveReportsComeOnceInFiveSeconds) {
   tracker.Init();
   AddAccelerated(kSocket, "guid");
   for (int i = 0; i < 1500; ++i) {  // 30 s
-    front.OnTimer(GetTickCount());
+    tracker.OnTimer(GetTickCount());
     RunFor(20ms);
   }
   EXPECT_GE(UsedSlots(client.traffic), 6);
@@ -218,9 +219,9 @@ SCENARIO_F(TrackerTime, TimerThatComesRightAfterASuccessShowsNothingForFiveSecon
   AddAccelerated(kSocket, "guid");
   RunFor(500ms);
   ASSERT_EQ(UsedSlots(client.traffic), 1);
-  front.OnTimer(GetTickCount());
+  tracker.OnTimer(GetTickCount());
   RunFor(5000ms);
-  front.OnTimer(GetTickCount());
+  tracker.OnTimer(GetTickCount());
   RunFor(300ms);
   EXPECT_EQ(UsedSlots(client.traffic), 1);
 }
@@ -247,9 +248,9 @@ SCENARIO_F(TrackerTime, OnlyAcceleratedSocketsAreShown) {
   tracker.Init();
   for (const SOCKET socket : {SOCKET{1}, SOCKET{2}})
     tracker.AddToWatchList(socket, kTrackUdp, kToken);
-  tracker.RecordNegSuccess(1, 1, 1, 1, 1, SomeDecision());
-  tracker.SetAcceInfo(2, true, SomeDecision("refused"));
-  tracker.RecordNegFailed(2, 1, 202, SomeDecision("refused"), 1, 1);
+  tracker.RecordNegSuccess(1, 1, 1, 1, 1, At(SomeDecision()));
+  tracker.SetAcceInfo(2, true, At(SomeDecision("refused")));
+  tracker.RecordNegFailed(2, 1, kNegoTimedOut, At(SomeDecision("refused")), 1, 1);
   tracker.SnapshotCommInfo(true);
   RunFor(300ms);
   EXPECT_EQ(UsedSlots(client.traffic), 0);
@@ -302,7 +303,7 @@ SCENARIO_F(TrackerTime, ProbeOfTheLastTwoSecondsIsNotLostYet) {
       half->pending = row.pending;
       half->last_send_tick = GetTickCount();
     }
-    tracker.SetSpeedTestResult(kSocket, stats);
+    tracker.SetSpeedTestResult(kSocket, &stats);
     RunFor(std::chrono::milliseconds(row.age_ms));
     const test::LogCapture log(5);
     tracker.RemoveFromWatchList(kSocket);
@@ -351,12 +352,12 @@ SCENARIO_WRAP(ReportsPauseAtTheWrapUntilTheEnd, 1050) {
 // as due, and the second between snapshots is no limit in its own last second.
 SCENARIO_WRAP(TimerIsAlwaysDueRightBeforeTheWrap, 5000) {
   tracker.Init();
-  front.OnTimer(GetTickCount());
+  tracker.OnTimer(GetTickCount());
   for (int i = 0; i < 3; ++i) {
     AddAccelerated(static_cast<SOCKET>(i), std::to_string(i));
     RunFor(1001ms);
     FreeSlots(client.traffic);
-    front.OnTimer(GetTickCount());
+    tracker.OnTimer(GetTickCount());
     RunFor(200ms);
     EXPECT_GE(UsedSlots(client.traffic), 1) << i;
   }

@@ -1,6 +1,7 @@
 // Edge cases of a datagram socket that asks for its relay: what is logged about it, datagrams in
 // pieces, and sockets that are closed before the answer. At stake: no socket pays for another.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
@@ -13,7 +14,7 @@ using namespace udp_test;       // NOLINT
 using namespace moru_vyr::lsp;  // NOLINT
 using Texts = std::vector<std::string>;
 
-class UdpAskingEdges : public UdpSpiedBench {
+class UdpAskingEdges : public UdpSpiedWorld {
  protected:
   static std::string Tail(SOCKET s) {
     return "socket=" + std::to_string(s) + ", token=" + std::to_string(RecordOf(s).token) + "\n";
@@ -174,7 +175,7 @@ SCENARIO_F(UdpAskingEdges, ANewSocketWithTheSameHandleIsNotRefusedForTheOldOne) 
     });
     ASSERT_TRUE(RunToTheEnd());
     ASSERT_EQ(other, s);
-    EXPECT_TRUE(Logged("RequestUdpRelay failed: resp not found, socket="));
+    EXPECT_TRUE(Logged(test::kNoRelayAnswer));
     EXPECT_EQ(RecordOf(other).relay_state, kRelayNotAsked) << connects;
     closesocket(other);
     RunFor(1s);

@@ -1,6 +1,7 @@
 // How a game's datagram socket gets its relay, or does not. At stake: a socket asks once, each
 // destination is decided once, and whatever goes wrong, the game's datagram still leaves.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
@@ -19,7 +20,7 @@ constexpr const char* kUnlistedOnes[] = {"198.51.100.14", "198.51.100.15", "198.
                                          "198.51.100.30", "198.51.100.31", "198.51.100.32",
                                          "198.51.100.33", "198.51.100.34", "198.51.100.35"};
 
-class UdpAsking : public UdpSpiedBench {
+class UdpAsking : public UdpSpiedWorld {
  protected:
   static std::string Control(const ProtoRelayOpen& message) {
     return {reinterpret_cast<const char*>(&message), sizeof message};
@@ -83,7 +84,7 @@ SCENARIO_F(UdpAsking, ASocketOnlyEverUsedDirectlyAsksForNothing) {
 // never asks again, and its end is not announced to a relay that it has not got.
 struct AskingFailure {
   const char* name;
-  std::function<void(UdpBench*)> prepare;
+  std::function<void(UdpWorld*)> prepare;
   std::function<int(const SentDatagram&)> fails;
   std::function<size_t(const SentDatagram&)> says;
   Texts sent_by_game;
@@ -93,13 +94,13 @@ struct AskingFailure {
 bool IsOpen(const SentDatagram& one) { return one.text.size() == sizeof(ProtoRelayOpen); }
 
 std::vector<AskingFailure> AskingFailures() {
-  const auto nothing = [](UdpBench*) {};
+  const auto nothing = [](UdpWorld*) {};
   const auto no_error = [](const SentDatagram&) { return 0; };
   const auto all = [](const SentDatagram& one) { return one.text.size(); };
   const Texts both = {"198.51.100.10:27015:one", "198.51.100.10:27015:two"};
   const Texts asked = {"open", "198.51.100.10:27015:one", "198.51.100.10:27015:two"};
   return {
-      {"no event", [](UdpBench*) { port::FailCall("CreateEventA", 1, ERROR_NOT_ENOUGH_MEMORY); },
+      {"no event", [](UdpWorld*) { port::FailCall("CreateEventA", 1, ERROR_NOT_ENOUGH_MEMORY); },
        no_error, all, both, "[UDP] RequestUdpRelay failed: CreateEvent, error=8, socket="},
       {"the message is refused", nothing,
        [](const SentDatagram& one) { return IsOpen(one) ? WSAENOBUFS : 0; }, all, asked,
@@ -110,18 +111,18 @@ std::vector<AskingFailure> AskingFailures() {
       {"the message is cut", nothing, no_error,
        [](const SentDatagram& one) { return IsOpen(one) ? 40 : one.text.size(); }, asked,
        "[UDP] RequestUdpRelay failed: sendto(127.0.0.1:"},
-      {"the relay has no socket", [](UdpBench*) { port::FailCall("WSPSocket", 1, WSAENOBUFS); },
+      {"the relay has no socket", [](UdpWorld*) { port::FailCall("WSPSocket", 1, WSAENOBUFS); },
        no_error, all, asked, "RequestUdpRelay failed: resp ret is failed, socket="},
-      {"the relay's socket has no port", [](UdpBench*) { port::FailCall("WSPBind", 1, WSAEACCES); },
+      {"the relay's socket has no port", [](UdpWorld*) { port::FailCall("WSPBind", 1, WSAEACCES); },
        no_error, all, asked, "RequestUdpRelay failed: resp ret is failed, socket="},
       {"the relay's socket finds every port taken",
-       [](UdpBench*) {
+       [](UdpWorld*) {
          for (unsigned n = 1; n <= 200; ++n) port::FailCall("WSPBind", n, WSAEADDRINUSE);
        },
        no_error, all, asked, "RequestUdpRelay failed: resp ret is failed, socket="},
       {"the relay is asleep",
-       [](UdpBench*) { sim::TheWorld().Stall(GetRelayMgr().GetWorkerThreadId(), 600ms); }, no_error,
-       all, asked, "RequestUdpRelay failed: resp not found, socket="},
+       [](UdpWorld*) { sim::TheWorld().Stall(GetRelayMgr().GetWorkerThreadId(), 600ms); }, no_error,
+       all, asked, test::kNoRelayAnswer},
   };
 }
 
@@ -231,7 +232,7 @@ SCENARIO_F(UdpAsking, ASocketThatIsBoundToTheNetworkGoesDirectlyAfterAWait) {
   EXPECT_GE(world.now() - begin, 500ms);
   EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
   EXPECT_EQ(Heard("game"), (Texts{"hello", "again"})) << AllHeard();
-  EXPECT_TRUE(Logged("RequestUdpRelay failed: resp not found, socket="));
+  EXPECT_TRUE(Logged(test::kNoRelayAnswer));
 }
 
 // Another thread closes the socket while it waits for its relay.

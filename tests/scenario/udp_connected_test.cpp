@@ -1,6 +1,7 @@
 // Game sockets that are connected. At stake: such a socket is connected to its relay, or to the
 // server itself, and never to anything else.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
@@ -13,7 +14,7 @@ using namespace udp_test;       // NOLINT
 using namespace moru_vyr::lsp;  // NOLINT
 using Texts = std::vector<std::string>;
 
-class UdpConnected : public UdpSpiedBench {
+class UdpConnected : public UdpSpiedWorld {
  protected:
   // "198.51.100.10:27015"
   static std::string PeerOf(SOCKET s) {
@@ -42,7 +43,7 @@ SCENARIO_F(UdpConnected, AConnectedSocketIsConnectedToItsRelayAndSaysSo) {
   EXPECT_TRUE(Logged("[UDP] UdpSession CreateRemoteSession game_server=0.0.0.0:0, token="));
   closesocket(s);
   RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
 }
 
 SCENARIO_F(UdpConnected, WhereNoDestinationIsNamedItIsThatOfTheSocket) {

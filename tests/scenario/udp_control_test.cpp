@@ -2,7 +2,7 @@
 // come and go. At stake: only an exact message has an effect, and nothing is left behind.
 //
 // VYR_UDP_SOCKETS=10000 opens and closes that many sockets instead of a few hundred.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
 //
 #include <cstdio>
 #include <cstdlib>
@@ -20,7 +20,7 @@ using namespace udp_test;       // NOLINT
 using namespace moru_vyr::lsp;  // NOLINT
 using Texts = std::vector<std::string>;
 
-class UdpControlPort : public UdpSpiedBench {
+class UdpControlPort : public UdpSpiedWorld {
  protected:
   template <class Message>
   static std::string Bytes(const Message& message) {
@@ -220,7 +220,7 @@ SCENARIO_F(UdpControlPort, ARefusedRequestLeavesNoSocketBehind) {
   ProtoRelayOpen refused;
   ASSERT_TRUE(GetRelayMgr().GetCreateResult(kToken, &refused));
   EXPECT_FALSE(refused.opened());
-  EXPECT_EQ(static_cast<u32>(refused.event_or_result), 2u);
+  EXPECT_EQ(refused.event_or_result, moru_vyr::lsp::kProtoRelayRefused);
   EXPECT_EQ(refused.address().sin_port, 0);
   EXPECT_EQ(refused.address().sin_addr.s_addr, 0u);
   EXPECT_EQ(refused.send_queue(), nullptr);

@@ -1,7 +1,8 @@
 // The relay of datagrams from the game's socket to its server and back. At stake: every datagram
 // reaches the server that the game named, once and unchanged, whatever happens to the nodes; and
 // what the game receives has the server's address, not the relay's.
-#include "tests/scenario/udp_bench.h"
+#include "tests/scenario/udp_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "port/shared/faults.h"
 
@@ -17,7 +18,7 @@ Texts Numbered(const std::string& name, int count) {
   return texts;
 }
 
-class UdpRelay : public UdpBench {};
+class UdpRelay : public UdpWorld {};
 
 SCENARIO_F(UdpRelay, CarriesADatagramThroughTheNodeAndItsAnswerBack) {
   Starts();
@@ -32,7 +33,7 @@ SCENARIO_F(UdpRelay, CarriesADatagramThroughTheNodeAndItsAnswerBack) {
   EXPECT_TRUE(Logged("[UDP] UdpProvider::ResponseCreateSessionResult ok, addr=127.0.0.1:"));
   closesocket(s);
   EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 1s)) << a.AllEvents();
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
 }
 
 SCENARIO_F(UdpRelay, SendsAnUnacceleratedDestinationsDatagramsFromItsOwnSocket) {
@@ -257,15 +258,15 @@ SCENARIO_F(UdpRelay, ClosingLetsBlockedDatagramsOutFirst) {
   port::ClearFaults();
   closesocket(s);
   RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session enter closing state, token="));
-  EXPECT_FALSE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosing));
+  EXPECT_FALSE(Logged(test::kUdpSessionClosed));
   EXPECT_EQ(heard.size(), 1u);
   // The server's send, the node's, and the relay's to the game: that asks for room again.
   port::FailCall("WSPSendTo", 3, WSAEWOULDBLOCK);
   EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 5s)) << a.AllEvents() << log_text();
   RunFor(100ms);
   EXPECT_EQ(Difference({"first", "farewell"}, Heard("A")), "") << AllHeard();
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
 }
 
 SCENARIO_F(UdpRelay, ManySocketsComeAndGo) {
@@ -300,7 +301,7 @@ SCENARIO_F_SEEDS(UdpRelay, SendingWhileClosingTouchesNoQueueThatIsGone, 100) {
 
 // --- moving to another node -------------------------------------------------------------------
 
-class UdpSwitch : public UdpBench {
+class UdpSwitch : public UdpWorld {
  protected:
   // Sends 20 datagrams a second until `until` holds; which of the answers came.
   bool PlaysUntil(SOCKET s, const std::function<bool()>& until, int most_ms) {

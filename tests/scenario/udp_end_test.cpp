@@ -1,7 +1,8 @@
 // The end of a flow: by the game, which may close its socket at any moment, and by the end of the
 // relay. At stake: what can still be sent is sent first, each node is told once, and nothing is
 // left behind.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 
@@ -13,7 +14,7 @@ using namespace moru_vyr::lsp;  // NOLINT
 constexpr size_t kHeaderSize = 20;
 constexpr char kProbe = 8;
 
-class UdpEnd : public UdpSpiedBench {
+class UdpEnd : public UdpSpiedWorld {
  protected:
   void IsQuiet() {
     server->answer = [](const std::string&) { return std::string(); };
@@ -36,7 +37,7 @@ SCENARIO_F(UdpEnd, ClosingWhileANodeIsAskedLosesWhatWaits) {
   RunFor(100ms);
   closesocket(s);
   RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
   RunFor(20s);
   EXPECT_TRUE(heard.empty());
 }
@@ -126,12 +127,12 @@ SCENARIO_F(UdpEnd, AFlowThatWaitsForRoomIsNoLongerMeasuredAndTheOthersAre) {
   EXPECT_GE(ProbesOf(goes), 3u);
   closesocket(s);
   RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session enter closing state, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosing));
   sent.clear();
   RunFor(5s);
   EXPECT_EQ(ProbesOf(waits), 0u);
   EXPECT_GE(ProbesOf(goes), 3u);
-  EXPECT_FALSE(Logged("[UDP] session closed, token="));
+  EXPECT_FALSE(Logged(test::kUdpSessionClosed));
 }
 
 }  // namespace

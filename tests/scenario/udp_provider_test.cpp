@@ -7,7 +7,7 @@
 #include "port/shared/faults.h"
 #include "route/route.h"
 #include "tests/scenario/sim_sockets.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 #include "udp/udp_remote_session.h"
 
 namespace {

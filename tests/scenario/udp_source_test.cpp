@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ int WSPAPI RecvFromWithWhatFits(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD
   return SOCKET_ERROR;
 }
 
-class UdpSource : public UdpSpiedBench {
+class UdpSource : public UdpSpiedWorld {
  protected:
   UdpSource() {
     Starts();

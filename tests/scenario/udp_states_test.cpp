@@ -1,7 +1,8 @@
 // A flow through all its states, with something unusual in each: unknown senders, full buffers,
 // errors, lengths at the limits, nodes that misbehave. At stake: a datagram is lost only where the
 // rules say so, and the flow goes on.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
@@ -16,7 +17,7 @@ using Texts = std::vector<std::string>;
 
 constexpr size_t kHeaderSize = 20;
 
-class UdpStates : public UdpSpiedBench {
+class UdpStates : public UdpSpiedWorld {
  protected:
   void IsQuiet() {
     server->answer = [](const std::string&) { return std::string(); };
@@ -481,7 +482,7 @@ SCENARIO_WITH_(UdpStates, AFlowGoesOnWhileTheTickCountWraps, UdpStates, 4, About
   EXPECT_EQ(Talks(Udp(), "a new flow"), "a new flow from 198.51.100.10:27015");
   closesocket(s);
   RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "tests/scenario/swarm.h"
-#include "tests/scenario/udp_bench.h"
+#include "tests/scenario/udp_world.h"
 
 namespace udp_test {
 
@@ -63,7 +63,7 @@ struct Player {
   bool leaves_early = false;  // … or after its first
 };
 
-class UdpSwarm : public Swarm<UdpBench> {
+class UdpSwarm : public Swarm<UdpWorld> {
  protected:
   void Begins() {
     server->answer = [heard = &server->heard](const std::string& text) {

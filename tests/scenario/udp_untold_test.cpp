@@ -2,8 +2,9 @@
 // answer came too late, another thread's request came last, or the socket was closed while it was
 // being asked for. At stake: a relay has 128 places, and a flow that nobody can use must release
 // its socket and its node's flow once the game's own socket is gone.
-#include "tests/scenario/udp_spied_bench.h"
+#include "tests/scenario/udp_spied_world.h"
 #include "tests/scenario/udp_swarm.h"
+#include "tests/support/log_texts.h"
 //
 #include "engine/relay_mgr.h"
 #include "port/sim/sockets.h"
@@ -22,7 +23,7 @@ bool IsClose(const SentDatagram& one) {
   return !one.by_relay && one.text.size() == sizeof(ProtoRelayClose);
 }
 
-class UdpUntold : public UdpSpiedBench {
+class UdpUntold : public UdpSpiedWorld {
  protected:
   void Begins() {
     Starts();
@@ -115,8 +116,8 @@ SCENARIO_F(UdpUntold, AFlowThatWaitsForRoomIsClosing) {
   RunFor(1s);
   EXPECT_EQ(log_text().find("session enter closing state"),
             log_text().rfind("session enter closing state"));
-  EXPECT_TRUE(Logged("[UDP] session enter closing state, token="));
-  EXPECT_FALSE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(Logged(test::kUdpSessionClosing));
+  EXPECT_FALSE(Logged(test::kUdpSessionClosed));
   EXPECT_EQ(HomeSockets(), base_ + 1);
 }
 
@@ -147,7 +148,7 @@ SCENARIO_F(UdpUntold, ASessionThatComesAfterItsSocketHasGoneEndsAtOnce) {
   EXPECT_EQ(HomeSockets(), base_);
   for (int i = 0; i < 1000 && !Logged("ResponseCreateSessionResult"); ++i) Sleep(1);
   ExpectNothingLeft();
-  EXPECT_TRUE(Logged("[UDP] session closed, token=")) << log_text();
+  EXPECT_TRUE(Logged(test::kUdpSessionClosed)) << log_text();
 }
 
 // What is noted of a socket that was refused for good concerns nobody.
@@ -219,7 +220,7 @@ SCENARIO_F(UdpUntold, ASocketThatIsClosedWhileItWaitsForALateAnswerLeavesNothing
     closesocket(s);
   });
   ASSERT_TRUE(RunToTheEnd());
-  EXPECT_TRUE(Logged("RequestUdpRelay failed: resp not found, socket="));
+  EXPECT_TRUE(Logged(test::kNoRelayAnswer));
   RunFor(200ms);
   ExpectNothingLeft();
 }

@@ -1,11 +1,12 @@
 #include "tests/study/run.h"
+#include "tests/support/log_texts.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 
-#include "tests/scenario/udp_bench.h"
+#include "tests/scenario/udp_world.h"
 
 namespace study {
 namespace {
@@ -50,7 +51,7 @@ int FlowsWith(const std::string& part, const std::string& log) {
   return static_cast<int>(tokens.size());
 }
 
-class Play : public udp_test::UdpBench {
+class Play : public udp_test::UdpWorld {
  public:
   Play(const Settings& settings, const Losses& losses) {
     Configures(settings.apply);
@@ -182,7 +183,7 @@ class Play : public udp_test::UdpBench {
     outcome.fired = first("switching is firing");
     outcome.verified = first("Verifying result=succeeded");
     // Of the trial that passed: there may have been others before.
-    for (const int time : TimesOf("UdpSwitchRemoteSession::OnNegotiationSuccess", log)) {
+    for (const int time : TimesOf(test::kTrialAgreed, log)) {
       if (time >= start && time - start <= outcome.verified) outcome.answered = time - start;
     }
     if (first_by_b >= start) outcome.over_b = first_by_b - start;

@@ -17,21 +17,11 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "page"))
 import sample_run  # noqa: E402
+from checks import Checks  # noqa: E402
 from screen import Screen  # noqa: E402
 
 TIMEOUT_S = 30  # for what takes a second at most
 FLOWS = 30
-
-
-class Checks:
-    passed = failed = 0
-
-    def that(self, condition, what, detail=""):
-        if condition:
-            self.passed += 1
-        else:
-            self.failed += 1
-            print(f"FAILED: {what} {detail}")
 
 
 def flow(number, name="node-7", life=5000):

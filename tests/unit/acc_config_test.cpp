@@ -16,7 +16,7 @@
 #include "common/process_info.h"
 #include "common/shared_mem_obj.h"
 #include "common/text.h"
-#include "tests/unit/threads.h"
+#include "tests/support/threads.h"
 #include "tests/unit/trace_capture.h"
 
 namespace {

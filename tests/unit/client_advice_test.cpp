@@ -1,13 +1,13 @@
 // Advice about switching: each row spoils one thing in tables that cause no advice.
-#include "client/switch_advice.h"
+#include "client/check/switch_advice.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 
-#include "client/config_file.h"
-#include "client/explain.h"
-#include "client/sample.h"
+#include "client/check/config_file.h"
+#include "client/explain/explain.h"
+#include "client/sample/sample.h"
 #include "common/text.h"
 #include "route/acc_config.h"
 #include "route/decision.h"

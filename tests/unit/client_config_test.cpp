@@ -1,5 +1,5 @@
 // The client's configuration file: what it accepts, where the bytes go, and its error messages.
-#include "client/config_file.h"
+#include "client/check/config_file.h"
 
 #include <gtest/gtest.h>
 
@@ -8,8 +8,8 @@
 #include <set>
 #include <vector>
 
-#include "client/fields.h"
-#include "client/sample.h"
+#include "client/fields/fields.h"
+#include "client/sample/sample.h"
 #include "client/suggest.h"
 
 namespace {

@@ -5,8 +5,8 @@
 
 #include "client/watch/report_regions.h"
 #include "common/named_mutex.h"
+#include "tests/support/threads.h"
 #include "tests/unit/client_reports.h"
-#include "tests/unit/threads.h"
 
 namespace {
 

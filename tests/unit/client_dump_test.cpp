@@ -1,5 +1,5 @@
 // The content of the regions, written back as a file: nothing is lost on the way.
-#include "client/dump.h"
+#include "client/dump/dump.h"
 
 #include <gtest/gtest.h>
 
@@ -7,13 +7,13 @@
 #include <random>
 #include <string>
 
-#include "client/config_file.h"
-#include "client/fields.h"
-#include "client/region_reader.h"
-#include "client/region_server.h"
-#include "client/sample.h"
-#include "client/text_rules.h"
-#include "client/toml_text.h"
+#include "client/check/config_file.h"
+#include "client/dump/region_reader.h"
+#include "client/fields/fields.h"
+#include "client/fields/text_rules.h"
+#include "client/fields/toml_text.h"
+#include "client/sample/sample.h"
+#include "client/serve/region_server.h"
 
 namespace {
 

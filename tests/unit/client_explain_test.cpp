@@ -1,5 +1,5 @@
 // "Why is this not accelerated?", answered from tables.
-#include "client/explain.h"
+#include "client/explain/explain.h"
 
 #include <gtest/gtest.h>
 
@@ -10,9 +10,9 @@
 #include <set>
 #include <sstream>
 
-#include "client/config_file.h"
-#include "client/reason_words.h"
-#include "client/sample.h"
+#include "client/check/config_file.h"
+#include "client/explain/reason_words.h"
+#include "client/sample/sample.h"
 #include "common/shared_mem_obj.h"
 #include "route/acc_config.h"
 #include "route/decision.h"

@@ -3,15 +3,15 @@
 
 #include <cstring>
 
-#include "client/config_file.h"
-#include "client/region_server.h"
-#include "client/sample.h"
+#include "client/check/config_file.h"
+#include "client/sample/sample.h"
+#include "client/serve/region_server.h"
 //
 #include "common/named_mutex.h"
 #include "common/process_info.h"
 #include "common/shared_mem_obj.h"
 #include "route/acc_config.h"
-#include "tests/unit/threads.h"
+#include "tests/support/threads.h"
 
 namespace {
 
@@ -96,8 +96,8 @@ TEST_F(ClientRegion, TheReaderTakesTheRecordByteForByte) {
 
 TEST_F(ClientRegion, ANewFileReachesWhoStartsLaterThroughAnOlderMapping) {
   ASSERT_TRUE(Serve(Game("C:\\one.exe", 1)));
-  common::Shared_mem_owner older(kRestrictionRegionName, sizeof(RestrictionRegion),
-                                 kRestrictionMutexName, false);
+  common::Shared_mem_obj older(kRestrictionRegionName, sizeof(RestrictionRegion),
+                               kRestrictionMutexName, false);
   ASSERT_TRUE(Serve(Game("C:\\two.exe", 2)));
   common::Shared_mem_ptr<RestrictionRegion> view(&older, common::kOpenForReading, true);
   ASSERT_NE(view.get(), nullptr);
@@ -153,8 +153,8 @@ TEST_F(ClientRegion, AMutexLeftByTheDeadIsTakenAndGivenBack) {
 }
 
 TEST_F(ClientRegion, ARegionOfAnotherVersionIsRefusedAndLeftAlone) {
-  common::Shared_mem_owner other(kRestrictionRegionName, sizeof(RestrictionRegion),
-                                 kRestrictionMutexName, false);
+  common::Shared_mem_obj other(kRestrictionRegionName, sizeof(RestrictionRegion),
+                               kRestrictionMutexName, false);
   auto* const region = static_cast<RestrictionRegion*>(other.Open(common::kOpenForWriting, false));
   ASSERT_NE(region, nullptr);
   region->header.minor_ver = 37;

@@ -80,7 +80,7 @@ class Channel {
   size_t Offset(uint32_t slot) const { return 16 + size_t{slot} * channel_.slot_size; }
 
   const moru_vyr::lsp::ReportChannel& channel_;
-  common::Shared_mem_owner owner_;
+  common::Shared_mem_obj owner_;
 };
 
 }  // namespace test

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <set>
 
-#include "client/reason_words.h"
+#include "client/explain/reason_words.h"
 #include "client/watch/report_words.h"
 #include "route/decision.h"
 #include "tests/unit/client_reports.h"

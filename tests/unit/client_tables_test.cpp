@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "client/config_file.h"
-#include "client/region_reader.h"
-#include "client/sample.h"
+#include "client/check/config_file.h"
+#include "client/dump/region_reader.h"
+#include "client/sample/sample.h"
 #include "tests/unit/real_dir.h"
 
 namespace {

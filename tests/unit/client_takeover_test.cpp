@@ -1,14 +1,14 @@
 // How an edit of the file that is being served takes effect.
-#include "client/takeover.h"
+#include "client/serve/takeover.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <string>
 
-#include "client/config_file.h"
-#include "client/file_watcher.h"
-#include "client/region_reader.h"
+#include "client/check/config_file.h"
+#include "client/dump/region_reader.h"
+#include "client/serve/file_watcher.h"
 #include "route/acc_config.h"
 #include "route/route.h"
 #include "tests/unit/real_dir.h"

@@ -13,9 +13,9 @@
 #include "route/acc_config.h"
 #include "route/route.h"
 #include "start/config_source.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/temp_dir.h"
 #include "tests/unit/trace_capture.h"
 
 namespace moru_vyr::lsp {
@@ -254,14 +254,6 @@ TEST_F(GameTester, WithoutInitTheConfigurationIsThatOfNoFile) {
   EXPECT_TRUE(Traced("process path is empty, read acce info failed!\n"));
 }
 
-TEST_F(GameTester, HasAProxyWhereBothAreGiven) {
-  EXPECT_TRUE(tester.HasProxy(1, 1));
-  EXPECT_FALSE(tester.HasProxy(0, 1));
-  EXPECT_FALSE(tester.HasProxy(1, 0));
-  ASSERT_NE(tester.GetRouteSet(), nullptr);
-  EXPECT_EQ(tester.GetRouteSet()->route_count, 0u);
-}
-
 TEST_F(GameTester, WithoutMemoryForItsStateItGivesTheEmptyAnswers) {
   Write(kWhole);
   std::optional<LspGameTester> empty;
@@ -273,8 +265,6 @@ TEST_F(GameTester, WithoutMemoryForItsStateItGivesTheEmptyAnswers) {
   EXPECT_FALSE(empty->IsEnabled());
   EXPECT_EQ(empty->GetProcessDir(), L"");
   EXPECT_FALSE(empty->ReadAccConfig());
-  EXPECT_EQ(empty->GetRouteSet(), nullptr);
-  EXPECT_FALSE(empty->HasProxy(1, 1));
 }
 
 TEST_F(GameTester, WithoutMemoryToReadTheFileItIsOff) {

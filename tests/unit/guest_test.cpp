@@ -22,9 +22,9 @@
 #include "route/route_file.h"
 #include "sockets/socket_helpers.h"
 #include "sockets/socket_map.h"
-#include "tests/unit/link_judge.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/temp_dir.h"
+#include "tests/support/link_judge.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
 #include "tracker/series_code.h"
 
 #if defined(__x86_64__) || defined(__i386__)

@@ -6,7 +6,7 @@
 
 #include "sockets/check_and_bind.h"
 #include "sockets/socket_map.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace moru_vyr::lsp {
 namespace {

@@ -9,7 +9,7 @@
 #include "hooks/downcall_table.h"
 #include "hooks/hook_entries.h"
 #include "sockets/socket_map.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 #include "tests/unit/scripted_provider.h"
 
 namespace moru_vyr::lsp {

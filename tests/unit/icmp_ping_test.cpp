@@ -12,10 +12,10 @@
 #include "icmp/icmp_checksum.h"
 #include "icmp/icmp_vm.h"
 #include "icmp/ping_reply.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/threads.h"
+#include "tests/support/wire_bytes.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/threads.h"
-#include "tests/unit/wire_bytes.h"
 
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/lsan_interface.h>

@@ -11,7 +11,7 @@
 #include "common/process_info.h"
 #include "common/text.h"
 #include "route/acc_config.h"
-#include "tests/unit/temp_dir.h"
+#include "tests/support/temp_dir.h"
 #include "tests/unit/trace_capture.h"
 
 namespace {

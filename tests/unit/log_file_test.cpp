@@ -6,8 +6,8 @@
 
 #include <string>
 
+#include "tests/support/temp_dir.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/temp_dir.h"
 
 namespace {
 

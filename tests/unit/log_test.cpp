@@ -11,10 +11,9 @@
 
 #include "common/function_trace.h"
 #include "common/log_file.h"
-#include "common/log_ring.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/threads.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/threads.h"
 #include "tests/unit/trace_capture.h"
 
 namespace {
@@ -286,11 +285,6 @@ TEST(FunctionTrace, TheLevelAtConstructionDecides) {
     common::SetLogThreshold(4);
   }
   EXPECT_TRUE(log.Contains("f end\n"));
-}
-
-TEST(LogRing, HasItsCapacityAndTakesNothing) {
-  EXPECT_EQ(common::LogRing::kCapacity, 5242880u);
-  common::GetLogRing().Append("x");
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "tests/unit/threads.h"
+#include "tests/support/threads.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "node/delay_line.h"
 #include "node/lane.h"
 #include "node/loss_meter.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/wire_bytes.h"
 #include "tests/unit/wire_decoder.h"
 
 namespace {

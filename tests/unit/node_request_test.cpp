@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "node/request_reader.h"
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/wire_bytes.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // tested where the clock can be moved.
 #include "quality/real_route_recent_cycle_data.h"
 
-#include "tests/unit/link_judge.h"
+#include "tests/support/link_judge.h"
 
 namespace moru_vyr::lsp {
 namespace {

@@ -1,8 +1,9 @@
 // The judge of a link: which links it judges, what makes it report, and to whom. A wrong verdict
 // costs a game a healthy link, or leaves it on a dead one.
 #include "quality/recovery_switch.h"
+#include "tests/support/log_texts.h"
 
-#include "tests/unit/link_judge.h"
+#include "tests/support/link_judge.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -10,8 +11,6 @@ namespace {
 using test::CountOf;
 using test::LinkJudge;
 using test::LogCapture;
-
-constexpr char kReportLine[] = "[RecoverySwitch::Report]";
 
 class ProcessName {
  public:
@@ -164,7 +163,7 @@ TEST(RecoverySwitch, WithNoReportAllowedNothingIsEverChecked) {
   link.PassReportLimit();
   EXPECT_TRUE(link.judge.UpdateDelayValue(1000, 1000, 0));
   EXPECT_TRUE(link.owner.fired.empty());
-  EXPECT_EQ(CountOf(kReportLine, log.Text()), 0);
+  EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 0);
 }
 
 // 9999 means a delay that was not measured.
@@ -277,7 +276,7 @@ TEST(RecoverySwitch, WithoutAnOwnerALinkOnTrialReports) {
   LogCapture log;
   link.Probe(5, 0);
   link.judge.TryFireRealRouteLost();
-  EXPECT_EQ(CountOf(kReportLine, log.Text()), 1);
+  EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 1);
 }
 
 TEST(RecoverySwitch, SaysWhyItDoesNotSwitch) {
@@ -314,7 +313,7 @@ TEST(RecoverySwitch, SaysWhyItDoesNotSwitch) {
     EXPECT_NE(text.find(refused.line), std::string::npos) << refused.line << "\n" << text;
     EXPECT_EQ(CountOf("switching", text), CountOf("switching", refused.line));  // no other reason
     EXPECT_TRUE(link.owner.fired.empty());
-    EXPECT_EQ(CountOf(kReportLine, text), 1);
+    EXPECT_EQ(CountOf(test::kSwitchReported, text), 1);
     EXPECT_EQ(CountOf("need_switch=0, switch_result=0, count=1", text), 1);
   }
 }
@@ -342,7 +341,7 @@ TEST(RecoverySwitch, LeavesTheReportToTheSwitchThatItStarted) {
   EXPECT_EQ(link.owner.fired[0].need_switch, 1);
   EXPECT_EQ(link.owner.fired[0].is_switch_succ, 0);
   EXPECT_EQ(link.owner.fired[0].count, 1);
-  EXPECT_EQ(CountOf(kReportLine, log.Text()), 0);
+  EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 0);
   EXPECT_TRUE(log.Contains(
       "[RecoverySwitch]switching is firing: count=0, proxy_idc=42 ,socket=1234, token=77"));
   EXPECT_TRUE(log.Contains("[RecoverySwitch]DoSwitch, count=0, socket=1234, token=77"));
@@ -355,7 +354,7 @@ TEST(RecoverySwitch, LeavesTheReportToTheSwitchThatItStarted) {
   EXPECT_TRUE(
       log.Contains("[RecoverySwitch]switching could not happen within 30000ms, "
                    "proxy_idc=42 ,socket=1234,token=77"));
-  EXPECT_EQ(CountOf(kReportLine, log.Text()), 1);
+  EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 1);
 }
 
 TEST(RecoverySwitch, ReportsASwitchThatCouldNotStartAndMayTryAgainAtOnce) {
@@ -368,7 +367,7 @@ TEST(RecoverySwitch, ReportsASwitchThatCouldNotStartAndMayTryAgainAtOnce) {
     link.Probe(5, 0);
     link.judge.TryFireRealRouteLost();
     EXPECT_EQ(link.owner.fired.size(), static_cast<std::size_t>(i));
-    EXPECT_EQ(CountOf(kReportLine, log.Text()), i);
+    EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), i);
   }
   EXPECT_TRUE(log.Contains("need_switch=1, switch_result=0, count=2"));
   EXPECT_EQ(CountOf("DoSwitch, count=0,", log.Text()), 2);  // none has been made

@@ -11,8 +11,8 @@
 #include "route/acc_config.h"
 #include "route/decision.h"
 #include "stream/tcp_negotiation.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/loopback.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/loopback.h"
 #ifndef _WIN32
 #include "port/shared/faults.h"
 #endif
@@ -48,7 +48,7 @@ NegoResponse GoodAnswer() {
 
 std::string Wire(NegoResponse answer, u32 version = 3) {
   u8 bytes[sizeof answer];
-  const int size = answer.Pack(bytes, sizeof bytes, version);
+  const int size = answer.Pack(bytes, version);
   return std::string(reinterpret_cast<const char*>(bytes), static_cast<size_t>(size));
 }
 
@@ -91,7 +91,7 @@ TEST_F(Negotiation, TheRequestSaysWhoWantsToGoWhere) {
   ASSERT_TRUE(test::BecomesReadable(pair.there));
   ASSERT_EQ(recv(pair.there, reinterpret_cast<char*>(bytes), sizeof bytes, 0), 73);
   NegoRequest request;
-  ASSERT_EQ(request.Unpack(bytes, 73), 73);
+  ASSERT_EQ(request.Unpack(bytes), 73);
   EXPECT_EQ(int{request.header.version}, 3);
   EXPECT_EQ(int{request.header.pkg_len}, 73);
   EXPECT_EQ(u32{request.body.flags}, 0u);
@@ -187,16 +187,16 @@ TEST_F(Negotiation, EachBadAnswerHasItsReason) {
     u32 reason;
   };
   for (const Case& bad : {
-           Case{"nothing", "", 205},
-           Case{"one byte", good.substr(0, 1), 205},
-           Case{"four bytes", good.substr(0, 4), 205},
-           Case{"the header alone", good.substr(0, 10), 205},
-           Case{"all but a byte", good.substr(0, good.size() - 1), 205},
-           Case{"wrong magic", wrong_magic, 203},
-           Case{"no body", with_length(10), 203},
-           Case{"less than itself", with_length(0), 203},
-           Case{"longer than any", with_length(42), 203},
-           Case{"much longer", with_length(65535), 203},
+           Case{"nothing", "", kNegoReceiveFailed},
+           Case{"one byte", good.substr(0, 1), kNegoReceiveFailed},
+           Case{"four bytes", good.substr(0, 4), kNegoReceiveFailed},
+           Case{"the header alone", good.substr(0, 10), kNegoReceiveFailed},
+           Case{"all but a byte", good.substr(0, good.size() - 1), kNegoReceiveFailed},
+           Case{"wrong magic", wrong_magic, kNegoBadHeader},
+           Case{"no body", with_length(10), kNegoBadHeader},
+           Case{"less than itself", with_length(0), kNegoBadHeader},
+           Case{"longer than any", with_length(42), kNegoBadHeader},
+           Case{"much longer", with_length(65535), kNegoBadHeader},
        }) {
     test::StreamPair fresh;
     TcpNegotiation attempt;
@@ -216,7 +216,7 @@ TEST_F(Negotiation, ANodeThatClosesHasFailed) {
   pair.there.Close();
   ASSERT_TRUE(test::BecomesReadable(pair.here));
   EXPECT_EQ(negotiation.ParseTcpNegotiation(&decision, &reason), -1);
-  EXPECT_EQ(reason, 205u);
+  EXPECT_EQ(reason, kNegoReceiveFailed);
 }
 
 #ifndef _WIN32
@@ -240,7 +240,7 @@ struct NegotiationErrors : Negotiation {
 TEST_F(NegotiationErrors, AnErrorOfAnEarlierCallDoesNotHideThatTheNodeHasClosed) {
   port::SuccessKeepsLastError(true);
   EXPECT_EQ(HearTheEnd(), -1);
-  EXPECT_EQ(reason, 205u);
+  EXPECT_EQ(reason, kNegoReceiveFailed);
 }
 
 // Kept: where the call that saw the end says so itself, the node counts as one that has said
@@ -248,7 +248,7 @@ TEST_F(NegotiationErrors, AnErrorOfAnEarlierCallDoesNotHideThatTheNodeHasClosed)
 TEST_F(NegotiationErrors, AnEndThatSaysItWouldBlockIsNeitherAnAnswerNorAFailure) {
   port::SuccessLeavesLastError(WSAEWOULDBLOCK);
   EXPECT_EQ(HearTheEnd(), 1);
-  EXPECT_EQ(reason, 205u);
+  EXPECT_EQ(reason, kNegoReceiveFailed);
 }
 #endif
 
@@ -269,8 +269,9 @@ TEST_F(Negotiation, AnIspThatIsNotServedIsRefusedUnlessForced) {
     int result;
     u32 reason;
   };
-  for (const Case& expected : {Case{kReasonAcce, -1, 207}, Case{kReasonOverMaxLost, -1, 207},
-                               Case{kReasonForceAuto, 0, 0}, Case{kReasonForceManual, 0, 0}}) {
+  for (const Case& expected :
+       {Case{kReasonAcce, -1, kNegoIspNotServed}, Case{kReasonOverMaxLost, -1, kNegoIspNotServed},
+        Case{kReasonForceAuto, 0, 0}, Case{kReasonForceManual, 0, 0}}) {
     test::LogCapture log(5);
     test::StreamPair fresh;
     TcpNegotiation attempt;

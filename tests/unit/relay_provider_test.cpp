@@ -10,9 +10,9 @@
 #include "relay/relay_sockets.h"
 #include "route/route.h"
 #include "stream/tcp_provider.h"
-#include "tests/unit/hand_turned.h"
-#include "tests/unit/log_capture.h"
-#include "tests/unit/loopback.h"
+#include "tests/support/hand_turned.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/loopback.h"
 
 namespace moru_vyr::lsp {
 namespace {

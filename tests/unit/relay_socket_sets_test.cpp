@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/unit/loopback.h"
+#include "tests/support/loopback.h"
 
 namespace moru_vyr::lsp {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "common/text.h"
 #include "route/acc_config.h"
-#include "tests/unit/report_client.h"
+#include "tests/support/report_client.h"
 #include "tracker/reports.h"
 
 namespace moru_vyr::lsp {
@@ -108,11 +108,6 @@ SocketQosRecord Socket() {
   s.section2_delay = 122;
   s.continuous = true;
   s.recovery_info = "1-2-3";
-  // What has no place in the record.
-  s.acc_reason = 999;
-  s.nego_result = 999;
-  s.connect_result = 999;
-  s.header3 = 999;
   return s;
 }
 

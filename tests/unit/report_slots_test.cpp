@@ -11,11 +11,11 @@
 #include "common/shared_mem_obj.h"
 #include "common/text.h"
 #include "route/acc_config.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/report_client.h"
+#include "tests/support/threads.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/report_client.h"
 #include "tests/unit/single_step.h"
-#include "tests/unit/threads.h"
 #include "tracker/reports.h"
 
 namespace moru_vyr::lsp {

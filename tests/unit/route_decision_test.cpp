@@ -6,9 +6,9 @@
 #include <string>
 
 #include "common/named_mutex.h"
+#include "tests/support/route_fixture.h"
+#include "tests/support/threads.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/route_fixture.h"
-#include "tests/unit/threads.h"
 
 namespace {
 
@@ -101,7 +101,7 @@ TEST_F(DecisionTest, EachTestStandsBeforeThoseThatFollowIt) {
       "IDC(1002), token=77");
   Say("[4][lsp][Route][MakeDecision] Can not find IDC(1002)'s route, token=77");
   EXPECT_TRUE(Decide());
-  EXPECT_EQ(info.acc_reason, 0);
+  EXPECT_EQ(info.acc_reason, kReasonAcce);
   Say("[4][lsp][Route][MakeDecision] proxy route founded\xA3\xBAip(198.51.100.1), port(7001) will "
       "be used, token=77");
 }
@@ -233,7 +233,7 @@ TEST_F(DecisionTest, LateRouteTableIsSeenByAPingBeforeADecision) {
   client = std::make_unique<test::RouteClient>();
   client->Publish(image);
   EXPECT_FALSE(Decide()) << "kept: nothing looks for the table before it is asked for";
-  EXPECT_EQ(info.acc_reason, 9);
+  EXPECT_EQ(info.acc_reason, kReasonNoRouteTable);
   route.GetServerLag(Ip(kServer));
   EXPECT_TRUE(Decide());
 }
@@ -252,7 +252,7 @@ TEST_F(DecisionTest, BothModeBitsTogetherTakeTheOtherReference) {
     EXPECT_TRUE(Decide());
     EXPECT_EQ(info.selected_proxy.proxy_idc, row.proxy_idc) << row.net_mode;
   }
-  EXPECT_EQ(info.acc_reason, 11);
+  EXPECT_EQ(info.acc_reason, kReasonForceAuto);
 }
 
 TEST_F(DecisionTest, DanglingReferenceReadsAsAcceTowardsAnEmptyAddress) {
@@ -260,7 +260,7 @@ TEST_F(DecisionTest, DanglingReferenceReadsAsAcceTowardsAnEmptyAddress) {
   Entry().top_refs[1] = Ref(98);
   PublishAll();
   EXPECT_TRUE(Decide());
-  EXPECT_EQ(info.acc_reason, 0);
+  EXPECT_EQ(info.acc_reason, kReasonAcce);
   const RouteProxyInfo zero;
   EXPECT_EQ(std::memcmp(&info.selected_proxy, &zero, sizeof zero), 0);
   EXPECT_EQ(std::memcmp(&info.top_proxy[1], &zero, sizeof zero), 0);
@@ -277,7 +277,7 @@ TEST_F(DecisionTest, WithoutAccModeNothingIsAcceleratedWhateverTheTablesSay) {
     Entry().ref_default.decision = decision;
     Publish();
     EXPECT_FALSE(Decide());
-    EXPECT_EQ(info.acc_reason, 10);
+    EXPECT_EQ(info.acc_reason, kReasonNotAcce);
     EXPECT_EQ(info.selected_proxy.decision, 3u);
     EXPECT_EQ(info.selected_proxy.proxy_idc, 1u) << "the launch test has no say";
   }

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "common/handle.h"
-#include "tests/unit/route_fixture.h"
+#include "tests/support/route_fixture.h"
 
 namespace {
 

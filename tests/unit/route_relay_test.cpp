@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tests/unit/route_fixture.h"
+#include "tests/support/route_fixture.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "route/decision.h"
 #include "route/destination.h"
 #include "route/proxy_text.h"
-#include "tests/unit/route_fixture.h"
+#include "tests/support/route_fixture.h"
 
 namespace {
 

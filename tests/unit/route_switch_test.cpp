@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "tests/unit/route_fixture.h"
+#include "tests/support/route_fixture.h"
 
 namespace {
 
@@ -61,12 +61,12 @@ class Switch : public test::RoutePolicy {
     AccDecisionInfo copy = info;
     const bool found = route.MakeSwitchDecision(&copy, &cache, &last_node, kToken);
     if (!found) {
-      EXPECT_EQ(copy.acc_reason, 6);
+      EXPECT_EQ(copy.acc_reason, kReasonNoRoute);
       copy.acc_reason = info.acc_reason;
       EXPECT_EQ(std::memcmp(&copy, &info, sizeof copy), 0) << "a failure changes nothing else";
       return 0;
     }
-    EXPECT_EQ(copy.acc_reason, 11) << "the reason stays the first decision's";
+    EXPECT_EQ(copy.acc_reason, kReasonForceAuto) << "the reason stays the first decision's";
     EXPECT_EQ(copy.selected_proxy.decision, 4u) << "whatever the route said";
     return copy.selected_proxy.proxy_idc;
   }

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "route/route_file.h"
+#include "tests/support/route_fixture.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/threads.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/route_fixture.h"
-#include "tests/unit/temp_dir.h"
-#include "tests/unit/threads.h"
 
 namespace {
 

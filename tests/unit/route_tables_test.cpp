@@ -6,9 +6,9 @@
 #include <string>
 
 #include "common/named_mutex.h"
+#include "tests/support/route_fixture.h"
+#include "tests/support/threads.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/route_fixture.h"
-#include "tests/unit/threads.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "tests/unit/wire_bytes.h"
+#include "tests/support/wire_bytes.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -41,16 +41,13 @@ TEST(SessionGuid, TheLastByteOfALongerBufferIsZeroToo) {
 }
 
 TEST(SessionGuid, TheWireFormIsBigEndianWithTheLastEightBytesAsTheyAre) {
-  SessionGuid guid = Known();
+  const SessionGuid guid = Known();
   u8 bytes[16];
-  EXPECT_EQ(guid.Pack(bytes, sizeof bytes), 16);
+  EXPECT_EQ(guid.Pack(bytes), 16);
   EXPECT_EQ(ToHex(bytes, 16), "0a 1b 2c 3d 4e 5f 06 07 88 09 aa bb cc dd ee ff");
-  EXPECT_EQ(Value(guid.data1), 0x0A1B2C3Du) << "packing into a buffer leaves the record alone";
   SessionGuid read;
-  EXPECT_EQ(read.Unpack(bytes, sizeof bytes), 16);
+  EXPECT_EQ(read.Unpack(bytes), 16);
   EXPECT_EQ(std::memcmp(&read, &guid, sizeof guid), 0);
-  EXPECT_EQ(guid.Pack(nullptr, 0), 16);
-  EXPECT_EQ(std::memcmp(&guid, bytes, sizeof guid), 0);
 }
 
 TEST(SessionGuid, NoTwoAreTheSame) {

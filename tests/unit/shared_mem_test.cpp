@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "tests/unit/log_capture.h"
-#include "tests/unit/threads.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/threads.h"
 
 namespace {
 
@@ -17,7 +17,6 @@ using common::kOpenForReading;
 using common::kOpenForWriting;
 using common::Shared_mem_closer;
 using common::Shared_mem_obj;
-using common::Shared_mem_owner;
 using common::Shared_mem_ptr;
 using common::SharedMemHeader;
 using common::u32;
@@ -334,18 +333,8 @@ TEST_F(SharedMem, WriterIsRefusedOnAViewThatIsOpenForReading) {
   EXPECT_EQ(RawView(name_, 36).Get(0), 1u);
 }
 
-TEST_F(SharedMem, OwnerForwardsAndKnowsNameAndSize) {
-  Shared_mem_owner owner(name_, sizeof(Record), mutex_name_, false);
-  EXPECT_EQ(owner.name(), name_);
-  EXPECT_EQ(owner.size(), 16u);
-  EXPECT_NE(owner.Open(kOpenForReading, true), nullptr);
-  EXPECT_FALSE(MutexIsFree());
-  owner.Close();
-  EXPECT_TRUE(MutexIsFree());
-}
-
 TEST_F(SharedMem, TypedViewGivesTheRecordAndDoesNotClose) {
-  Shared_mem_owner owner(name_, sizeof(Record), mutex_name_, false);
+  Shared_mem_obj owner(name_, sizeof(Record), mutex_name_, false);
   {
     const Shared_mem_ptr<Record> view(&owner, kOpenForWriting, true);
     ASSERT_TRUE(view);
@@ -361,7 +350,7 @@ TEST_F(SharedMem, TypedViewGivesTheRecordAndDoesNotClose) {
 
 TEST_F(SharedMem, TypedViewOfAnotherSizeIsNullAndTheObjectStaysOpen) {
   test::LogCapture log;
-  Shared_mem_owner owner(name_, 20, mutex_name_, false);
+  Shared_mem_obj owner(name_, 20, mutex_name_, false);
   const Shared_mem_ptr<Record> view(&owner, kOpenForReading, true);
   EXPECT_FALSE(view);
   EXPECT_EQ(view.get(), nullptr);
@@ -375,7 +364,7 @@ TEST_F(SharedMem, TypedViewOfAnotherSizeIsNullAndTheObjectStaysOpen) {
 
 TEST_F(SharedMem, TypedViewOfAFailedOpenSaysNothingMore) {
   test::LogCapture log;
-  Shared_mem_owner owner(name_, sizeof(Record), mutex_name_, false);
+  Shared_mem_obj owner(name_, sizeof(Record), mutex_name_, false);
   RawView(name_, 16).Set(8, 37);
   const Shared_mem_ptr<Record> view(&owner, kOpenForReading, true);
   const Shared_mem_closer closer(&owner);

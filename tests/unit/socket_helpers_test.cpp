@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "sockets/socket_map.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace moru_vyr::lsp {
 namespace {

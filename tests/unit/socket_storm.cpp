@@ -10,8 +10,8 @@
 #include "common/process_info.h"
 #include "hooks/downcall_table.h"
 #include "sockets/socket_map.h"
+#include "tests/support/threads.h"
 #include "tests/unit/scripted_provider.h"
-#include "tests/unit/threads.h"
 
 namespace test {
 namespace {

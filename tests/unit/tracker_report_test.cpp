@@ -3,13 +3,15 @@
 #include <gtest/gtest.h>
 
 #include "common/process_info.h"
-#include "tests/unit/log_capture.h"
+#include "relay/nego_common.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/tracker_fixture.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/tracker_bench.h"
 
 namespace moru_vyr::lsp {
 namespace {
 
+using test::At;
 using test::kSocket;
 using test::kToken;
 using test::SomeDecision;
@@ -42,7 +44,7 @@ TEST_F(TrackerReports, StartSaysWhichProcessLogsWhere) {
 
 TEST_F(TrackerReports, DirectSocketIsADecisionAndNothingElse) {
   tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
-  tracker.SetAcceInfo(kSocket, false, SomeDecision());
+  tracker.SetAcceInfo(kSocket, false, At(SomeDecision()));
   tracker.RecordSend(kSocket, 10, 0);
   tracker.RemoveFromWatchList(kSocket);
   ReportAll();
@@ -54,16 +56,16 @@ TEST_F(TrackerReports, DirectSocketIsADecisionAndNothingElse) {
 
 TEST_F(TrackerReports, FailedNegotiationIsThatAndNothingElse) {
   tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
-  tracker.SetAcceInfo(kSocket, true, SomeDecision());
+  tracker.SetAcceInfo(kSocket, true, At(SomeDecision()));
   SetLastError(10054);
-  tracker.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 5010, 2);
+  tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 5010, 2);
   tracker.RemoveFromWatchList(kSocket);
   ReportAll();
   ASSERT_EQ(UsedSlots(client.failures), 1);
   const NegRetRecord& r = client.failures->slots[0];
   EXPECT_EQ(r.neg_type, 1);
   EXPECT_EQ(r.game_id, 7u);
-  EXPECT_EQ(r.nego_result, 202);
+  EXPECT_EQ(r.nego_result, int{kNegoTimedOut});
   EXPECT_EQ(r.last_error, 10054u);
   EXPECT_EQ(r.game_idc, 11u);
   EXPECT_STREQ(r.game_ip, "198.51.100.10");
@@ -86,7 +88,7 @@ TEST_F(TrackerReports, FailedNegotiationIsThatAndNothingElse) {
 // A socket on trial has no decision of its own yet.
 TEST_F(TrackerReports, FailedNegotiationOfASocketWithoutAGuidHasNone) {
   tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
-  tracker.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 1, 1);
+  tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
   ReportAll();
   ASSERT_EQ(UsedSlots(client.failures), 1);
   EXPECT_STREQ(client.failures->slots[0].guid, "");
@@ -94,8 +96,8 @@ TEST_F(TrackerReports, FailedNegotiationOfASocketWithoutAGuidHasNone) {
 
 TEST_F(TrackerReports, LongGuidIsCutInAFailedNegotiation) {
   tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
-  tracker.SetAcceInfo(kSocket, true, SomeDecision(std::string(64, 'g')));
-  tracker.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 1, 1);
+  tracker.SetAcceInfo(kSocket, true, At(SomeDecision(std::string(64, 'g'))));
+  tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
   ReportAll();
   EXPECT_EQ(std::string(client.failures->slots[0].guid), std::string(36, 'g'));
 }
@@ -143,7 +145,7 @@ TEST_F(TrackerReports, SuccessIsADecisionANegotiationAndTraffic) {
 
 TEST_F(TrackerReports, SocketOnTrialHasANegotiationAndNoTraffic) {
   tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
-  tracker.RecordNegSuccess(kSocket, 9, 1, 21, 2, SomeDecision());
+  tracker.RecordNegSuccess(kSocket, 9, 1, 21, 2, At(SomeDecision()));
   tracker.RemoveFromWatchList(kSocket);
   ReportAll();
   EXPECT_EQ(UsedSlots(client.decisions), 1);
@@ -159,7 +161,7 @@ TEST_F(TrackerReports, LinkInTroubleNeedsNoSocket) {
   record.count = 3;
   common::SetFieldText(record.guid, "guid");
   const test::LogCapture log(0);
-  tracker.SubmitRecoverySwitch(record);
+  tracker.SubmitRecoverySwitch(&record);
   EXPECT_TRUE(log.Contains("[Tracker]  recovery switch qos submitted, game_id=7, guid=guid\n"));
   ReportAll();
   ASSERT_EQ(UsedSlots(client.switches), 1);
@@ -168,11 +170,11 @@ TEST_F(TrackerReports, LinkInTroubleNeedsNoSocket) {
 
 // The order in which a client that looks in between learns of one connection.
 TEST_F(TrackerReports, AreMadeChannelByChannel) {
-  tracker.SubmitRecoverySwitch(RecoverySwitchRecord{});
+  tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
   AddAccelerated();
   tracker.RemoveFromWatchList(kSocket);
   tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
-  tracker.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 1, 1);
+  tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
   const test::LogCapture log(0);
   ReportAll();
   const std::string text = log.Text();
@@ -233,7 +235,7 @@ TEST_F(TrackerReports, WhatComesAfterTheEndWaitsForTheNextStart) {
   const int before = UsedSlots(client.traffic);
   tracker.RemoveFromWatchList(kSocket);
   tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
-  tracker.SetAcceInfo(kSocket, false, SomeDecision());
+  tracker.SetAcceInfo(kSocket, false, At(SomeDecision()));
   EXPECT_EQ(UsedSlots(client.traffic), before);
   EXPECT_EQ(UsedSlots(client.decisions), 1);
   ReportAll();
@@ -273,9 +275,9 @@ TEST_F(TrackerReports, WhatTheTrackerSaysOfItselfAreDetails) {
   AddAccelerated();
   tracker.NoteGameServer(kSocket, "198.51.100.10", htons(27015));
   tracker.SetRecoveryInfo(kSocket, "0-1-2");
-  tracker.SubmitRecoverySwitch(RecoverySwitchRecord{});
-  tracker.RecordNegFailed(kSocket, 1, 202, SomeDecision(), 1, 1);
-  tracker.SetAcceInfo(kSocket, false, SomeDecision());
+  tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
+  tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, At(SomeDecision()), 1, 1);
+  tracker.SetAcceInfo(kSocket, false, At(SomeDecision()));
   tracker.RemoveFromWatchList(kSocket);
   AddAccelerated();
   tracker.RemoveFromWatchList(kSocket);
@@ -294,12 +296,12 @@ TEST_F(TrackerReports, NothingIsLostOrDoubledWhileBothSidesRun) {
   tracker.Init();
   for (u32 i = 1; i <= kSockets; ++i) {
     tracker.AddToWatchList(i, kTrackUdp, i);
-    tracker.SetAcceInfo(i, i % 2 == 0, SomeDecision(std::to_string(i)));
+    tracker.SetAcceInfo(i, i % 2 == 0, At(SomeDecision(std::to_string(i))));
     for (int n = 0; n < 50; ++n) tracker.RecordSend(i, 1, 0);
-    if (i % 2 == 0) tracker.RecordNegSuccess(i, 1, 1, 1, 1, SomeDecision(std::to_string(i)));
+    if (i % 2 == 0) tracker.RecordNegSuccess(i, 1, 1, 1, 1, At(SomeDecision(std::to_string(i))));
     tracker.SnapshotCommInfo(true);
     RecoverySwitchRecord record;
-    if (i % 10 == 0) tracker.SubmitRecoverySwitch(record);
+    if (i % 10 == 0) tracker.SubmitRecoverySwitch(&record);
     if (i % 3 == 0) Sleep(1);
     tracker.RemoveFromWatchList(i);
   }
@@ -311,36 +313,10 @@ TEST_F(TrackerReports, NothingIsLostOrDoubledWhileBothSidesRun) {
   EXPECT_EQ(UsedSlots(client.switches), static_cast<int>(kSockets / 10));
 }
 
-// --- the front --------------------------------------------------------------------------------
-
-TEST(TrackerFrontTest, WithoutATrackerEverythingReturnsAtOnce) {
-  TrackerFront front(nullptr);
-  const AccDecisionInfo decision;
-  const RecoverySwitchRecord record;
-  SpeedStats stats;
-  u32 sent = 0, received = 0;
-  front.Init();
-  front.OnTimer(1);
-  front.AddToWatchList(kSocket, kTrackTcp, kToken);
-  front.NoteGameServer(kSocket, "x", 1);
-  front.SetAcceInfo(kSocket, false, &decision);
-  front.RecordNegSuccess(kSocket, 1, 1, 1, 1, &decision);
-  front.RecordNegFailed(kSocket, 0, 1, &decision, 1, 1);
-  front.SetConnectResult(kSocket, 0);
-  front.RecordSend(kSocket, 1, 0);
-  front.RecordRecv(kSocket, 1, 0);
-  EXPECT_FALSE(front.GetSpeedTestResult(kSocket, &stats));
-  EXPECT_FALSE(front.SetSpeedTestResult(kSocket, &stats));
-  EXPECT_FALSE(front.GetPacketCounts(kSocket, &sent, &received));
-  front.SetRecoveryInfo(kSocket, "x");
-  front.SubmitRecoverySwitch(&record);
-  front.RemoveFromWatchList(kSocket);
-  front.UnInit();
-}
+// --- out of memory ---------------------------------------------------------------------------
 
 // Each of these needs memory for its report, and none may take the worker with it.
 TEST_F(TrackerReports, WithoutMemoryReportsAreLostAndNothingElse) {
-  TrackerFront front(&tracker);
   const AccDecisionInfo decision = SomeDecision();
   const RecoverySwitchRecord record;
   const auto without_memory = [](const auto& call) {
@@ -348,17 +324,17 @@ TEST_F(TrackerReports, WithoutMemoryReportsAreLostAndNothingElse) {
     call();
     EXPECT_TRUE(test::OutOfMemory::WasFelt());
   };
-  without_memory([&] { front.AddToWatchList(kSocket, kTrackUdp, kToken); });
+  without_memory([&] { tracker.AddToWatchList(kSocket, kTrackUdp, kToken); });
   EXPECT_EQ(tracker.Find(kSocket), nullptr);
-  front.AddToWatchList(kSocket, kTrackUdp, kToken);
-  without_memory([&] { front.SetAcceInfo(kSocket, false, &decision); });
-  front.SetAcceInfo(kSocket, true, &decision);
-  without_memory([&] { front.RecordNegFailed(kSocket, 1, 202, &decision, 1, 1); });
-  without_memory([&] { front.SubmitRecoverySwitch(&record); });
-  without_memory([&] { front.RecordNegSuccess(kSocket, 9, 8, 7, 6, &decision); });
+  tracker.AddToWatchList(kSocket, kTrackUdp, kToken);
+  without_memory([&] { tracker.SetAcceInfo(kSocket, false, &decision); });
+  tracker.SetAcceInfo(kSocket, true, &decision);
+  without_memory([&] { tracker.RecordNegFailed(kSocket, 1, kNegoTimedOut, &decision, 1, 1); });
+  without_memory([&] { tracker.SubmitRecoverySwitch(&record); });
+  without_memory([&] { tracker.RecordNegSuccess(kSocket, 9, 8, 7, 6, &decision); });
   EXPECT_TRUE(Record().nego_success) << "it is accelerated all the same";
-  without_memory([&] { front.OnTimer(GetTickCount()); });
-  without_memory([&] { front.RemoveFromWatchList(kSocket); });
+  without_memory([&] { tracker.OnTimer(GetTickCount()); });
+  without_memory([&] { tracker.RemoveFromWatchList(kSocket); });
   EXPECT_EQ(tracker.Find(kSocket), nullptr) << "its handle may come back";
   ReportAll();
   EXPECT_EQ(UsedSlots(client.decisions) + UsedSlots(client.traffic) + UsedSlots(client.failures) +
@@ -368,48 +344,6 @@ TEST_F(TrackerReports, WithoutMemoryReportsAreLostAndNothingElse) {
   tracker.RemoveFromWatchList(kSocket);
   ReportAll();
   EXPECT_EQ(UsedSlots(client.negotiations), 1);
-  EXPECT_EQ(UsedSlots(client.traffic), 1);
-}
-
-TEST_F(TrackerReports, FrontPassesEachCallOn) {
-  TrackerFront front(&tracker);
-  const AccDecisionInfo decision = SomeDecision();
-  SpeedStats stats;
-  stats.topology_type = 2;
-  u32 sent = 0, received = 0;
-  front.AddToWatchList(kSocket, kTrackUdp, kToken);
-  front.NoteGameServer(kSocket, "198.51.100.10", htons(1));
-  front.SetAcceInfo(kSocket, true, &decision);
-  front.RecordNegFailed(kSocket, 1, 202, &decision, 1, 1);
-  front.RecordNegSuccess(kSocket, 9, 8, 7, 6, &decision);
-  front.SetConnectResult(kSocket, -1);
-  front.RecordSend(kSocket, 1, 0);
-  front.RecordSend(kSocket, 1, 0);
-  front.RecordRecv(kSocket, 5, 0);
-  EXPECT_TRUE(front.SetSpeedTestResult(kSocket, &stats));
-  EXPECT_TRUE(front.GetSpeedTestResult(kSocket, &stats));
-  EXPECT_TRUE(front.GetPacketCounts(kSocket, &sent, &received));
-  front.SetRecoveryInfo(kSocket, "info");
-  EXPECT_EQ(sent, 2u);
-  EXPECT_EQ(received, 1u);
-  const SocketQosRecord& r = Record();
-  EXPECT_STREQ(r.game_ip, "198.51.100.10");
-  EXPECT_TRUE(r.is_acce && r.nego_success);
-  EXPECT_EQ(r.user_isp, 9u);
-  EXPECT_EQ(r.user_ip, 8u);
-  EXPECT_EQ(r.connect_result, -1);
-  EXPECT_EQ(r.total_recv_bytes, 5u);
-  EXPECT_EQ(r.speed_test.topology_type, 2u);
-  EXPECT_EQ(r.recovery_info, "info");
-  const RecoverySwitchRecord record;
-  front.SubmitRecoverySwitch(&record);
-  front.RemoveFromWatchList(kSocket);
-  EXPECT_EQ(tracker.Find(kSocket), nullptr);
-  front.Init();
-  front.UnInit();
-  EXPECT_EQ(UsedSlots(client.failures), 1);
-  EXPECT_EQ(UsedSlots(client.negotiations), 1);
-  EXPECT_EQ(UsedSlots(client.switches), 1);
   EXPECT_EQ(UsedSlots(client.traffic), 1);
 }
 

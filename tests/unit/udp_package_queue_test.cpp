@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 #include "udp/live_queues.h"
 
 namespace moru_vyr::lsp {

@@ -9,7 +9,7 @@
 
 #include "engine/relay_mgr.h"
 #include "hooks/udp_relay.h"
-#include "tests/unit/log_capture.h"
+#include "tests/support/log_capture.h"
 #include "tests/unit/scripted_provider.h"
 #include "udp/relay_messages.h"
 

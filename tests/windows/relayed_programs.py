@@ -4,53 +4,19 @@ runtime by extension function and overlapped calls, many connections at once. A 
 serves is a game too: what it accepts is nobody's to relay."""
 
 import hashlib
-import http.server
 import json
 import os
 import re
 import subprocess
-import threading
 
 import real_programs
 import relay_bench
 import support
+from web_server import WebServer
 
 FETCHES = 59  # with the upload: sixty at once
 UPLOAD = 8 << 20
 LONGEST_S = 120
-
-
-class WebServer:
-    """Serves one body at any path, and hashes what is posted."""
-
-    def __init__(self, body):
-        bench = self
-        self.uploads = []
-        self.peers = set()
-
-        class Handler(http.server.BaseHTTPRequestHandler):
-            def answer(self, content):
-                bench.peers.add(self.client_address[0])
-                self.send_response(200)
-                self.send_header("Content-Length", str(len(content)))
-                self.end_headers()
-                self.wfile.write(content)
-
-            def do_GET(self):
-                self.answer(body)
-
-            def do_POST(self):
-                data = self.rfile.read(int(self.headers["Content-Length"]))
-                bench.uploads.append(hashlib.sha256(data).hexdigest())
-                self.answer(b"taken")
-
-            def log_message(self, *_):
-                pass
-
-        http.server.ThreadingHTTPServer.request_queue_size = FETCHES + 1
-        self.server = http.server.ThreadingHTTPServer((relay_bench.SERVER, 0), Handler)
-        self.address = f"{relay_bench.SERVER}:{self.server.server_port}"
-        threading.Thread(target=self.server.serve_forever, daemon=True).start()
 
 
 class Stage:
@@ -89,7 +55,7 @@ class Stage:
 
 def media_tool(stage):
     body, samples = real_programs.wave_file()
-    server = WebServer(body)
+    server = WebServer({"": body}, at_once=FETCHES + 1)
     before = len(stage.bench.node.games())
     errors = stage.runs("ffmpeg.exe", "-v", "error", "-i", f"http://{server.address}/tone.wav",
                         "-f", "s16le", "-c:a", "pcm_s16le", "out.pcm")  # fmt: skip
@@ -102,7 +68,7 @@ def media_tool(stage):
 def runtime(stage):
     checks = stage.checks
     body = os.urandom(1 << 20)
-    server = WebServer(body)
+    server = WebServer({"": body}, at_once=FETCHES + 1)
     before = len(stage.bench.node.games())
     script = support.ROOT / "tests/windows/probes/fetcher.js"
     out = stage.paths["node.exe"].parent / "out.json"

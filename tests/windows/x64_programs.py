@@ -7,53 +7,22 @@ same, to the byte, without the library and as a game whose traffic goes through 
   a build runner (Rust)     asks the driver for readiness, by completion port; plain calls
 """
 
-import http.server
 import io
 import json
 import os
 import struct
 import subprocess
 import tarfile
-import threading
 
 import real_programs
 import relay_bench
 import support
 from conversation import wait_until
+from web_server import WebServer
 
 LONGEST_S = 120
 FETCHES, DATAGRAMS = 20, 40
 TABLES = relay_bench.GAMES.replace("['TCP']", "['TCP', 'UDP']")
-
-
-class Server:
-    """Serves bodies by path (the one named "" at any other), takes what is posted, remembers who came."""
-
-    def __init__(self, bodies):
-        bench = self
-        self.peers = set()
-
-        class Handler(http.server.BaseHTTPRequestHandler):
-            def answer(self, content):
-                bench.peers.add(self.client_address[0])
-                self.send_response(200)
-                self.send_header("Content-Length", str(len(content)))
-                self.end_headers()
-                self.wfile.write(content)
-
-            def do_GET(self):
-                self.answer(bodies.get(self.path, bodies[""]))
-
-            def do_POST(self):
-                self.rfile.read(int(self.headers["Content-Length"]))
-                self.answer(b"{}")
-
-            def log_message(self, *_):
-                pass
-
-        self.http = http.server.ThreadingHTTPServer((relay_bench.SERVER, 0), Handler)
-        self.address = f"{relay_bench.SERVER}:{self.http.server_port}"
-        threading.Thread(target=self.http.serve_forever, daemon=True).start()
 
 
 def archive(files, mode="w"):
@@ -92,7 +61,7 @@ class Fetch(Work):
 
     def __init__(self):
         body, self.wanted = real_programs.wave_file(seconds=5)
-        self.server = Server({"": body})
+        self.server = WebServer({"": body}, b"{}")
         self.arguments = ["-v", "error", "-i", f"http://{self.server.address}/tone.wav",
                           "-f", "s16le", "-c:a", "pcm_s16le", self.out]  # fmt: skip
 
@@ -101,7 +70,7 @@ class Fetches(Work):
     name, program, out = "JavaScript runtime", "node.exe", "out.json"
 
     def __init__(self):
-        self.server = Server({"": os.urandom(1 << 18)})
+        self.server = WebServer({"": os.urandom(1 << 18)}, b"{}")
         script = support.windows_path(support.ROOT / "tests/windows/probes/fetcher.js")
         self.arguments = [script, self.out, f"http://{self.server.address}", FETCHES, 1 << 18]
         self.wanted = None
@@ -131,7 +100,7 @@ class Export(Work):
     def __init__(self):
         fields = "".join(f"  // {os.urandom(900).hex()}\n  int32 f{n} = {n};\n" for n in range(1, 500))
         self.wanted = f'syntax = "proto3";\npackage big;\nmessage Big {{\n{fields}}}\n'.encode()
-        self.server = Server({"": archive({"big.proto": self.wanted}, "w:gz")})
+        self.server = WebServer({"": archive({"big.proto": self.wanted}, "w:gz")}, b"{}")
         self.arguments = ["export", f"http://{self.server.address}/big.tar.gz", "-o", "out"]
 
 
@@ -143,7 +112,7 @@ class Restore(Work):
     def __init__(self):
         self.wanted = os.urandom(1 << 20)
         built = {"a/.turbo/turbo-build.log": b"built elsewhere\n", self.out: self.wanted}
-        self.server = Server({"": stored_zstandard(archive(built))})
+        self.server = WebServer({"": stored_zstandard(archive(built))}, b"{}")
         self.arguments = ["run", "build", f"--api=http://{self.server.address}", "--token=t",
                           "--team=team_t"]  # fmt: skip
 

@@ -65,12 +65,12 @@ void ReportDrain::CopyUsed(void* region, ReportKind kind, std::vector<Report>* r
 }
 
 // A region is kept open once it was there: what the last games reported outlives their client.
-common::Shared_mem_owner* ReportDrain::Owner(ReportKind kind) {
+common::Shared_mem_obj* ReportDrain::Owner(ReportKind kind) {
   auto& owner = owners_[kind];
   const ReportChannel& channel = Channel(kind);
   if (!owner && common::Shared_mem_obj::Exists(channel.mapping_name)) {
-    owner = std::make_unique<common::Shared_mem_owner>(channel.mapping_name, channel.region_size,
-                                                       channel.mutex_name, false);
+    owner = std::make_unique<common::Shared_mem_obj>(channel.mapping_name, channel.region_size,
+                                                     channel.mutex_name, false);
   }
   return owner.get();
 }
@@ -81,7 +81,7 @@ bool ReportDrain::TakeChannel(ReportKind kind, unsigned wait_ms, std::vector<Rep
   any_region_ = true;
   const BoundedLock lock(channel.mutex_name, wait_ms);
   if (!lock.owns()) return false;
-  common::Shared_mem_owner* const owner = Owner(kind);
+  common::Shared_mem_obj* const owner = Owner(kind);
   if (owner == nullptr) return true;
   void* const region = owner->Open(common::kOpenForReading, true);
   if (region != nullptr) CopyUsed(region, kind, reports);

@@ -34,12 +34,12 @@ class ReportDrain {
   const std::string& trouble() const { return trouble_; }
 
  private:
-  common::Shared_mem_owner* Owner(ReportKind kind);
+  common::Shared_mem_obj* Owner(ReportKind kind);
   bool TakeChannel(ReportKind kind, unsigned wait_ms, std::vector<Report>* reports);
   void CopyUsed(void* region, ReportKind kind, std::vector<Report>* reports) const;
   bool FreeChannel(ReportKind kind, const std::vector<Report>& reports, unsigned wait_ms);
 
-  std::array<std::unique_ptr<common::Shared_mem_owner>, kReportKindCount> owners_;
+  std::array<std::unique_ptr<common::Shared_mem_obj>, kReportKindCount> owners_;
   std::vector<Report> not_freed_;  // written out, but still in their slots
   bool any_region_ = false;
   std::string trouble_;

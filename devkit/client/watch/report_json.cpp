@@ -5,7 +5,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
-#include "client/text_rules.h"
+#include "client/fields/text_rules.h"
 #include "client/watch/report_fields.h"
 
 namespace client {

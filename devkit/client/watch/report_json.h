@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "client/problems.h"
+#include "client/check/problems.h"
 #include "client/watch/report.h"
 
 namespace client {

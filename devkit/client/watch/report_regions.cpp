@@ -8,7 +8,7 @@ namespace {
 
 using moru_vyr::lsp::ReportChannel;
 
-bool IsUsable(common::Shared_mem_owner* owner) {
+bool IsUsable(common::Shared_mem_obj* owner) {
   const bool usable = owner->Open(common::kOpenForReading, true) != nullptr;
   owner->Close();
   return usable;
@@ -22,7 +22,7 @@ std::string ReportRegions::Make(unsigned wait_ms) {
     const ReportChannel& channel = *ChannelOf(static_cast<ReportKind>(i)).channel;
     const BoundedLock lock(channel.mutex_name, wait_ms);
     if (lock.owns()) {
-      auto owner = std::make_unique<common::Shared_mem_owner>(
+      auto owner = std::make_unique<common::Shared_mem_obj>(
           channel.mapping_name, channel.region_size, channel.mutex_name, false);
       if (IsUsable(owner.get())) {
         owners_.push_back(std::move(owner));

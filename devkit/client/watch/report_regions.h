@@ -17,7 +17,7 @@ class ReportRegions {
   std::string Make(unsigned wait_ms);
 
  private:
-  std::vector<std::unique_ptr<common::Shared_mem_owner>> owners_;
+  std::vector<std::unique_ptr<common::Shared_mem_obj>> owners_;
 };
 
 }  // namespace client

@@ -5,8 +5,8 @@
 #include <ctime>
 
 #include "abi/report_records.h"
-#include "client/reason_words.h"
-#include "client/text_rules.h"
+#include "client/explain/reason_words.h"
+#include "client/fields/text_rules.h"
 #include "common/text.h"
 #include "route/decision.h"
 

@@ -1,0 +1,63 @@
+#include "client/check/config_file.h"
+
+#include <algorithm>
+
+#include "client/check/record_reader.h"
+#include "client/check/table_rules.h"
+#include "client/check/toml.h"
+#include "client/check/toml_node.h"
+
+namespace client {
+namespace {
+
+Problem SyntaxProblem(const toml::parse_error& error) {
+  return {.severity = Problem::Severity::kError,
+          .line = error.source().begin.line,
+          .key = "",
+          .reason = std::string(error.description())};
+}
+
+void SortByLine(Problems* problems) {
+  std::stable_sort(problems->begin(), problems->end(),
+                   [](const Problem& a, const Problem& b) { return a.line < b.line; });
+}
+
+bool IsSame(const Problem& a, const Problem& b) { return a.key == b.key && a.reason == b.reason; }
+
+}  // namespace
+
+// What is wrong with a node is so for every game that uses it, and said once.
+Problems AllProblems(const ConfigFile& file) {
+  Problems all = file.problems;
+  for (const SwitchAdvice& advice : file.advice) {
+    const bool is_said = std::any_of(
+        all.begin(), all.end(), [&](const Problem& said) { return IsSame(said, advice.problem); });
+    if (!is_said) all.push_back(advice.problem);
+  }
+  SortByLine(&all);
+  return all;
+}
+
+ConfigFile ParseConfig(std::string_view text) {
+  ConfigFile file;
+  file.tables = NewTables();
+  const toml::parse_result parsed = toml::parse(text);
+  if (!parsed) {
+    file.problems.push_back(SyntaxProblem(parsed.error()));
+    return file;
+  }
+  file.problems = ReadTables(parsed.table(), file.tables.get());
+  // What the tables say together is worth a look only when each says something by itself.
+  if (!HasErrors(file.problems)) CheckTables(parsed.table(), *file.tables, &file.problems);
+  if (!HasErrors(file.problems)) file.advice = AdviseOnSwitching(*file.tables);
+  for (SwitchAdvice& advice : file.advice) {
+    advice.problem.line = LineOfKey(parsed.table(), advice.problem.key);
+  }
+  SortByLine(&file.problems);
+  if (const toml::array* games = parsed.table()["game"].as_array()) {
+    file.game_count = static_cast<unsigned>(games->size());
+  }
+  return file;
+}
+
+}  // namespace client

@@ -1,0 +1,180 @@
+#include "client/check/record_reader.h"
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <vector>
+
+#include "client/check/address_list.h"
+#include "client/check/references.h"
+#include "client/check/toml_node.h"
+#include "client/check/value_reader.h"
+#include "client/suggest.h"
+
+namespace client {
+namespace {
+
+// "proxy_count" of "route.image.proxy_count".
+std::string_view LastPart(std::string_view place) { return place.substr(place.rfind('.') + 1); }
+
+std::string WhyUnknown(std::string_view key, const Shape& shape, const std::string& path) {
+  for (const Field& field : shape.fields) {
+    if (field.count_key != nullptr && key == LastPart(field.count_key)) {
+      return "is counted from '" + std::string(field.key) + "'; leave it out";
+    }
+  }
+  std::vector<std::string_view> keys;
+  for (const Field& field : shape.fields) keys.emplace_back(field.key);
+  const std::string meant = Suggest(key, keys);
+  if (!meant.empty()) return "is unknown; did you mean '" + meant + "'?";
+  if (!path.empty() && FileShape().Find(key) != nullptr) {
+    return "is unknown here; it belongs at the top of the file, before the first table";
+  }
+  return "is unknown here";
+}
+
+// Walks the tables of the file along the shapes of the records.
+class Reader {
+ public:
+  explicit Reader(Tables* tables) : references_(*tables, &problems_), values_(&problems_) {}
+
+  void Table(const toml::table& table, const Shape& shape, std::byte* record,
+             const std::string& path) {
+    Keys(table, shape, path);
+    const bool whole = references_.TakeOverNode(table, shape, record, path);
+    for (const Field& field : shape.fields) {
+      const std::string key = path + field.key;
+      if (field.kind == Kind::kFromNode || field.kind == Kind::kAddresses) continue;
+      if (const toml::node* node = table.get(field.key)) {
+        Value(*node, field, record, key);
+      } else if (field.required && !whole) {
+        AddError(&problems_, LineOf(table), key, "is missing");
+      } else if (field.fallback != 0) {
+        Store(record + field.offset, field.size, field.fallback);
+      }
+    }
+  }
+
+  Problems Take() { return std::move(problems_); }
+
+ private:
+  using RecordOf = std::function<const std::byte*(size_t index)>;
+
+  // Every key that is written must be one of the shape's.
+  void Keys(const toml::table& table, const Shape& shape, const std::string& path) {
+    for (const auto& [key, node] : table) {
+      if (shape.Find(key.str()) != nullptr) continue;
+      AddError(&problems_, key.source().begin.line, path + std::string(key.str()),
+               WhyUnknown(key.str(), shape, path));
+    }
+  }
+
+  void Value(const toml::node& node, const Field& field, std::byte* record,
+             const std::string& key) {
+    const bool is_list = field.kind == Kind::kGroups || field.capacity != 0;
+    if (!is_list) {
+      Entry(node, field, record + field.offset, key);
+    } else if (const toml::array* const list = node.as_array()) {
+      field.kind == Kind::kGroups ? Groups(*list, field, record, key)
+                                  : List(*list, field, record, key);
+    } else {
+      AddError(&problems_, LineOf(node), key, std::string("wants a list, found ") + TypeName(node));
+    }
+  }
+
+  void List(const toml::array& list, const Field& field, std::byte* record,
+            const std::string& key) {
+    if (list.size() > field.capacity) {
+      AddError(&problems_, LineOf(list.at(field.capacity)), key,
+               "takes at most " + std::to_string(field.capacity) + " entries, found " +
+                   std::to_string(list.size()));
+    }
+    const size_t count = std::min(list.size(), field.capacity);
+    if (field.count_size != 0) Store(record + field.count_offset, field.count_size, count);
+    for (size_t i = 0; i < list.size(); ++i) {
+      // Entries past the end are read into nothing, for the sake of their own mistakes.
+      std::vector<std::byte> spare(i < count ? 0 : field.size);
+      std::byte* to = i < count ? record + field.offset + i * field.size : spare.data();
+      Entry(list.at(i), field, to, EntryKey(key, i));
+    }
+    Unique(list, field, key,
+           [&](size_t i) { return i < count ? record + field.offset + i * field.size : nullptr; });
+  }
+
+  void Groups(const toml::array& list, const Field& field, std::byte* record,
+              const std::string& key) {
+    AddressList addresses(field, record, &problems_);
+    std::vector<AddressGroup> groups(list.size());
+    for (size_t i = 0; i < list.size(); ++i) {
+      const std::string path = EntryKey(key, i);
+      const toml::table* const table = list.at(i).as_table();
+      if (table == nullptr) {
+        AddError(&problems_, LineOf(list.at(i)), path,
+                 std::string("wants a table, found ") + TypeName(list.at(i)));
+        continue;
+      }
+      Table(*table, *field.shape, reinterpret_cast<std::byte*>(&groups[i]), path + ".");
+      if (AddressList::HasLevels(field) && groups[i].name[0] != '\0') {
+        references_.AddDataCentre(groups[i].name, groups[i].game_idc);
+      }
+      addresses.Add(*table, groups[i], path + ".");
+    }
+    Store(record + field.count_offset, field.count_size,
+          std::min(addresses.count(), field.capacity));
+    Unique(list, field, key,
+           [&](size_t i) { return reinterpret_cast<const std::byte*>(&groups[i]); });
+  }
+
+  // No two entries may have the same value under the keys that say so. Zero and the empty text
+  // are no values.
+  void Unique(const toml::array& list, const Field& field, const std::string& key,
+              const RecordOf& record_of) {
+    for (const char* const shared : field.unique) {
+      UniqueKey(list, *field.shape->Find(shared), key, record_of);
+    }
+  }
+
+  void UniqueKey(const toml::array& list, const Field& field, const std::string& key,
+                 const RecordOf& record_of) {
+    std::map<std::string, size_t> seen;
+    for (size_t i = 0; i < list.size(); ++i) {
+      const toml::table* table = list.at(i).as_table();
+      const std::byte* record = record_of(i);
+      if (table == nullptr || record == nullptr || !table->contains(field.key)) continue;
+      const std::string value(reinterpret_cast<const char*>(record + field.offset), field.size);
+      if (value.find_first_not_of('\0') == std::string::npos) continue;
+      const auto [first, is_new] = seen.emplace(value, i);
+      if (is_new) continue;
+      AddError(&problems_, LineOf(*table->get(field.key)), EntryKey(key, i) + "." + field.key,
+               "is that of " + EntryKey(key, first->second) + " too, in line " +
+                   std::to_string(LineOf(list.at(first->second))));
+    }
+  }
+
+  // One value, or one entry of a list, at its place.
+  void Entry(const toml::node& node, const Field& field, std::byte* to, const std::string& key) {
+    const toml::table* const table = node.as_table();
+    if (table != nullptr && field.kind == Kind::kRecord) {
+      return Table(*table, *field.shape, to, key + ".");
+    }
+    if (const auto* name = node.as_string(); name && References::IsReference(field.kind)) {
+      return references_.Resolve(**name, LineOf(node), field, to, key);
+    }
+    if (!values_.Read(node, field, to, key)) return values_.WrongType(node, field, key);
+    if (field.kind == Kind::kNode) references_.CheckNode(to, LineOf(node), key);
+  }
+
+  Problems problems_;
+  References references_;
+  ValueReader values_;
+};
+
+}  // namespace
+
+Problems ReadTables(const toml::table& table, Tables* tables) {
+  Reader reader(tables);
+  reader.Table(table, FileShape(), reinterpret_cast<std::byte*>(tables), "");
+  return reader.Take();
+}
+
+}  // namespace client

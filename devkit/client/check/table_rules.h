@@ -1,0 +1,13 @@
+// What tables must agree on among each other, and what can stand in them but does nothing.
+#pragma once
+
+#include "client/check/problems.h"
+#include "client/check/toml.h"
+#include "client/fields/tables.h"
+
+namespace client {
+
+// `root` is the file that the tables were read from without an error; it gives the lines.
+void CheckTables(const toml::table& root, const Tables& tables, Problems* problems);
+
+}  // namespace client

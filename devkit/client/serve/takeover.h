@@ -1,0 +1,47 @@
+// From an edited file to the regions, or to a refusal.
+#pragma once
+
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "client/check/problems.h"
+#include "client/serve/region_server.h"
+#include "client/serve/spur_notifier.h"
+
+namespace client {
+
+struct Change {
+  RegionId region;
+  std::string summary;  // "3 nodes, 2 routes"
+  size_t notified = 0;  // spur list: running games that were told
+};
+
+struct TakeoverReport {
+  Problems problems;            // with an error among them nothing was touched
+  std::string failure;          // a region could not be written, in words
+  std::vector<Change> changes;  // what was, in the order of the regions; may be nothing
+  unsigned game_count = 0;
+};
+
+// Serves one file and its later edits. One thread.
+class Takeover {
+ public:
+  // Processes to notify besides the running games.
+  explicit Takeover(std::set<unsigned long> extra_pids) : extra_pids_(std::move(extra_pids)) {}
+
+  // Brings the regions to what the text says. A text with a mistake leaves them as they are.
+  TakeoverReport Apply(std::string_view text, unsigned wait_ms);
+
+ private:
+  const std::set<unsigned long> extra_pids_;
+  RegionServer server_;
+  SpurNotifier notifier_;
+};
+
+// How much there is in a region, in words.
+std::string Summary(const Tables& tables, RegionId region);
+
+}  // namespace client

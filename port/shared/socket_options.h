@@ -1,0 +1,12 @@
+// How the values of socket options cross: as an int, or for SO_LINGER as two words, which have 16
+// bits each on Windows and are ints in the host's record. The size tells the two apart. An error is
+// a Winsock error, 0 none.
+#pragma once
+
+namespace port {
+
+int PutOption(int value, char* out, int* size);
+int PutLinger(int on, int seconds, char* out, int* size);
+int ReadLinger(const char* value, int size, int* on, int* seconds);
+
+}  // namespace port

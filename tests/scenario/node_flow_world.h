@@ -1,0 +1,83 @@
+// A client of the reference node that builds its datagrams byte by byte, and a game server that
+// answers datagrams.
+#pragma once
+#include <map>
+#include <vector>
+
+#include "tests/scenario/node_world.h"
+
+namespace node_test {
+
+inline constexpr int kRequestVersion = 3;
+
+// A datagram of a flow as it came, taken apart.
+struct Wrapped {
+  std::string bytes;
+  std::string from;  // "198.51.100.20:40001"
+  unsigned version = 0, head_len = 0, flags = 0, relay_idx = 0;
+  unsigned seq = 0, token = 0, lost = 0;
+  std::string source;   // of the game, as the header says
+  std::string payload;  // behind head_len, empty if there is nothing
+
+  bool came() const { return !bytes.empty() || !from.empty(); }
+};
+
+std::string AddressText(const sockaddr_in& address);
+// Nothing came in time: an empty one.
+Wrapped ReceiveWrapped(SOCKET s, int ms);
+
+class RawFlow {
+ public:
+  // A socket on a port of its own choice, or on a given one.
+  explicit RawFlow(int port = 0);
+
+  // Sends these bytes to the node's negotiation port.
+  void Asks(const std::string& request = RequestBytes(kRequestVersion));
+  // The answer's bytes, whoever sent it; empty: none in time. Keeps token and data address of it.
+  std::string Answer(int ms = 1000, std::string* from = nullptr);
+  // Both, and whether the node accepted.
+  bool Opens(const std::string& request = RequestBytes(kRequestVersion));
+
+  // One datagram with a header of 20 bytes to the data port.
+  void Sends(const std::string& payload, int port = kServerPort, const char* ip = kServer);
+  void SendsNumbered(unsigned seq, const std::string& payload);
+  void Probes(unsigned seq);
+  void Ends();
+  void SendsBytes(const std::string& bytes);
+  std::string Header(unsigned flags, unsigned seq, const char* ip = kServer,
+                     int port = kServerPort) const;
+  Wrapped Receives(int ms = 1000) { return ReceiveWrapped(s, ms); }
+  // All that come, each within that time of the one before.
+  std::vector<Wrapped> ReceivesAll(int ms);
+
+  SOCKET s;
+  unsigned token = 0;
+  std::string data_ip;
+  int data_port = 0;
+  unsigned next_seq = 1;
+};
+
+class NodeFlowWorld : public NodeWorld {
+ protected:
+  // A game server that sends each datagram back; `heard` gets who sent which.
+  void StartEcho(int port = kServerPort);
+
+  struct Heard {
+    std::string from, text;
+  };
+  std::vector<Heard> heard;
+};
+
+// With a node, and the client's body run once the echo server and the node are up.
+class NodeFlowRun : public NodeFlowWorld {
+ protected:
+  bool Runs(std::function<void()> body) {
+    StartEcho();
+    OnClient(std::move(body));
+    return RunToTheEnd();
+  }
+
+  node::SimNode node{world, node_host};
+};
+
+}  // namespace node_test

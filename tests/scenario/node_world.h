@@ -1,0 +1,63 @@
+// A client, a reference node and a game server on three hosts, 10 ms from each other.
+#pragma once
+#include "tests/scenario/sim_sockets.h"
+//
+#include <functional>
+#include <string>
+
+#include "node/sim_node.h"
+
+namespace node_test {
+
+using namespace sim_test;  // NOLINT: the verbs of these tests
+
+inline constexpr char kNode[] = "198.51.100.20";
+inline constexpr char kServer[] = "203.0.113.9";
+inline constexpr int kServerPort = 27015;
+inline constexpr int kAnswerSize = 41;
+
+// As docs/wire.md shows it, for 203.0.113.9:27015; user 10001, game 0x500000007.
+std::string RequestBytes(int version = 3);
+// With another server in it.
+std::string RequestFor(const char* ip, int port);
+
+// "result 0, version 3, 41 bytes", or what is odd about it.
+std::string Summary(const std::string& answer);
+unsigned Big16(const std::string& bytes, std::size_t at);
+unsigned Big32(const std::string& bytes, std::size_t at);
+
+// Up to so many bytes, fewer only where the stream ends; then "error …" may be its end.
+std::string ReceivedExactly(SOCKET s, std::size_t size);
+
+class NodeWorld : public sim::ScenarioTest {
+ protected:
+  void SetUp() override;
+
+  // Each on its host in a process of its own.
+  void OnServer(std::function<void()> body) { Spawn(server_host, "server", std::move(body)); }
+  void OnClient(std::function<void()> body) { Spawn(client_host, "client", std::move(body)); }
+  // Until all these bodies are through; false when they do not come to it.
+  bool RunToTheEnd() {
+    return RunUntil([this] { return running_ == 0; });
+  }
+
+  // A server that sends back what it gets, to any number of connections, each to its end.
+  void StartEchoServer();
+
+  // For clients: a connection to the node; the same with the request sent.
+  static SOCKET Joins();
+  static SOCKET Asks(int version = 3);
+  // The whole talk in one: the request, the answer, `text` up and all that comes down.
+  static std::string Fetches(const std::string& text, std::string* answer = nullptr);
+
+  sim::Host& client_host = world.AddHost("client", {"192.0.2.77"});
+  sim::Host& node_host = world.AddHost("node", {kNode});
+  sim::Host& server_host = world.AddHost("server", {kServer});
+
+ private:
+  void Spawn(sim::Host& host, const char* name, std::function<void()> body);
+
+  int running_ = 0;
+};
+
+}  // namespace node_test

@@ -1,0 +1,174 @@
+// A relayed datagram flow without its worker: the session with its real sockets; the test takes the
+// place of the loop, the nodes and the game, step by step. So a test decides what is in which queue
+// when the next thing happens.
+//
+// Everything is on the director's thread and on one host.
+#pragma once
+#include "tests/scenario/sim_sockets.h"
+//
+#include <atomic>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "protocol/nego_request.h"
+#include "protocol/nego_response.h"
+#include "tests/support/report_client.h"
+#include "udp/udp_provider.h"
+#include "udp/udp_remote_session.h"
+#include "udp/udp_session.h"
+#include "udp/udp_switch_remote_session.h"
+
+namespace switch_test {
+
+using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
+using common::u16;
+using common::u32;
+using common::u8;
+using namespace sim_test;  // NOLINT: the verbs of these tests
+
+inline constexpr char kServer[] = "198.51.100.10";
+inline constexpr char kForcedServer[] = "198.51.100.12";
+inline constexpr int kServerPort = 27015;
+inline constexpr u32 kToken = 77;
+inline constexpr u16 kLastNode = 61;
+inline constexpr int kGameBuffer = 32768;  // bytes, of the game's socket
+
+// One pass calls every socket with something to read, then those that have asked for room.
+class Loop : public IRelaySocketMgr {
+ public:
+  u32 AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept override {
+    return delegates.emplace(socket, delegate).second ? 0 : 1;
+  }
+  u32 EnableWrite(SOCKET socket) noexcept override { return wants_room.insert(socket).second; }
+  IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;
+  u32 NextToken() noexcept override { return ++tokens_; }
+
+  void Pass();
+  bool Has(SOCKET socket) const { return delegates.count(socket) != 0; }
+
+  std::map<SOCKET, IRelaySocketDelegate*> delegates;
+  std::set<SOCKET> wants_room;
+
+ private:
+  u32 tokens_ = 0;
+};
+
+// A datagram of a flow as it came to a node.
+struct Wrapped {
+  u8 flags = 0, lost = 0;
+  u32 seq = 0, accl_token = 0;
+  std::string payload;  // of data
+  bool IsData() const { return flags == 0; }
+  bool IsEnd() const { return flags == 4; }
+  bool IsProbe() const { return flags == 8; }
+};
+
+// A node whose every word is the test's. Ports: negotiation, data, and one that is neither.
+class ScriptedNode {
+ public:
+  explicit ScriptedNode(int port, u32 accl_token);
+
+  // How the answer differs from a good one.
+  struct Answer {
+    u8 result = 0;
+    u32 version = 3;
+    u32 isp = 1;
+    u16 last_node = kLastNode;
+    int data_port = 0;  // 0: the node's own
+  };
+  // Whether there was a request; it is in `request` then.
+  bool IsAsked();
+  void Answers(const Answer& with);
+  void Answers() { Answers(Answer{}); }
+  void AnswersFromTheWrongPort();
+  void AnswersBytes(const std::string& bytes);
+
+  // All that has come to the data port since the last time; probes are kept for their answers.
+  std::vector<Wrapped> Takes();
+  std::string TakenData();                   // of these, the data, "one two"
+  int TakenEnds();                           // of these, the end messages
+  void AnswersProbes(u8 relay_idx = 0);      // those taken since the last time
+  void ForgetsProbes() { probes_.clear(); }  // … which have no answer then
+  void SendsData(const std::string& text, u32 seq = 0, u8 lost = 101);  // 0: the next number
+  void SendsRaw(const std::string& bytes) { Send(data_, bytes, peer_); }
+  void SendsDataFromTheWrongPort(const std::string& text);
+  // What comes to the data port is from there; before the first datagram, from the asker.
+  std::string DataBytes(const std::string& text, u32 seq, u8 lost) const;
+  // The answer of a lone relay to a probe that left that long ago.
+  std::string LateProbeAnswer(u32 seq, u32 delay_ms) const;
+
+  NegoRequest request;
+  const u32 accl_token;
+  u32 next_seq = 1;
+
+ private:
+  static void Send(SOCKET from, const std::string& bytes, const sockaddr_in& to);
+  std::string AnswerBytes(const Answer& with) const;
+
+  SOCKET nego_, data_, other_;
+  int port_;
+  sockaddr_in asker_ = {}, peer_ = {};
+  std::vector<std::string> probes_;
+};
+
+class SwitchWorld : public sim::ScenarioTest {
+ protected:
+  explicit SwitchWorld(const char* server_ip = kServer);
+  ~SwitchWorld() override;
+
+  // The configuration and the tables count from here on; the flow is made, and asks node A.
+  void Begins();
+  // …and is carried by A.
+  void IsCarried(const ScriptedNode::Answer& with);
+  void IsCarried() { IsCarried(ScriptedNode::Answer{}); }
+
+  // One turn of the worker: the loop, then the timer.
+  void Turn(u32 ms = 30);
+  void Turns(int count, u32 ms = 30) {
+    for (int i = 0; i < count; ++i) Turn(ms);
+  }
+  // Turns in which both nodes answer each probe at once, and A echoes data.
+  void HealthyTurns(int count, u32 ms = 30);
+
+  // --- the game ---
+  void GameSends(const std::string& text);
+  std::string GameGets();  // "one two"
+
+  // --- a switch ---
+  bool Fires();  // what the judge does: asks for a switch, with a report of its own
+  UdpSwitchRemoteSession* Trial() const;  // null: none is on the loop
+  SOCKET TrialSocket() const;             // INVALID_SOCKET: none
+  // B has answered; the burst runs.
+  void IsVerifying();
+  // B has passed.
+  void IsVerified();
+  // B carries the flow.
+  void IsTakenOver();
+  // The results that have been reported so far, "4" or "0 1".
+  std::string Results() const;
+  int Count(const std::string& part) const;
+  // "2 sent, 1 received": what the Tracker has counted on the socket; "nothing", if it does not
+  // watch it.
+  static std::string Counted(SOCKET socket);
+  bool Logged(const std::string& part) const { return log->Contains(part); }
+
+  AccConfig config;
+  RouteTableImage image;
+  test::RouteClient routes;
+  Route route;
+  Loop loop;
+  std::atomic<bool> stopping = false;
+  UdpProvider provider{stopping};
+  sockaddr_in server_addr;
+  SOCKET game = INVALID_SOCKET;
+  ScriptedNode a{7001, 0xA1}, b{7002, 0xB2};
+  std::unique_ptr<test::LogCapture> log;
+  std::unique_ptr<UdpSession> session;
+  UdpRemoteSession* flow = nullptr;  // the session's
+  SOCKET local_sock = INVALID_SOCKET;
+};
+
+}  // namespace switch_test

@@ -1,0 +1,47 @@
+// The process's own log, opened on a file of the test's: everything that is logged while this
+// object lives. One at a time.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "common/log.h"
+#include "common/log_file.h"
+#include "tests/support/temp_dir.h"
+
+namespace test {
+
+class LogCapture {
+ public:
+  // Call sites write from that level on, and the file takes whatever they write.
+  explicit LogCapture(common::u32 level = 0) : path_(dir_ / "test.log") {
+    common::GetLogFile().Shut();  // an earlier test's
+    EXPECT_TRUE(common::GetLogFile().Open(path_));
+    common::GetLogFile().SetLevel(0);
+    common::SetLogThreshold(level);
+  }
+  ~LogCapture() {
+    common::GetLogFile().Shut();
+    common::GetLogFile().SetLevel(common::LogFile::kInitialLevel);
+    common::SetLogThreshold(0);
+  }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  // The last of it: a test that asks again and again need not read it all.
+  std::string Text() const {
+    common::GetLogFile().Flush();
+    return ReadFileText(path_);
+  }
+  std::string Whole() const {
+    common::GetLogFile().Flush();
+    return ReadFileText(path_, common::LogFile::kMaxWrittenTotal);
+  }
+  bool Contains(const std::string& part) const { return Text().find(part) != std::string::npos; }
+
+ private:
+  TempDir dir_;
+  std::string path_;
+};
+
+}  // namespace test

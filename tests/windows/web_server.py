@@ -1,0 +1,43 @@
+"""A game server that speaks HTTP, for programs whose traffic can be told by what they fetch."""
+
+import hashlib
+import http.server
+import threading
+
+import relay_bench
+
+
+class WebServer:
+    """Serves bodies by path (the one named "" at any other), hashes what is posted, remembers who
+    came."""
+
+    def __init__(self, bodies, taken=b"taken", at_once=5):
+        bench = self
+        self.uploads = []
+        self.peers = set()
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def answer(self, content):
+                bench.peers.add(self.client_address[0])
+                self.send_response(200)
+                self.send_header("Content-Length", str(len(content)))
+                self.end_headers()
+                self.wfile.write(content)
+
+            def do_GET(self):
+                self.answer(bodies.get(self.path, bodies[""]))
+
+            def do_POST(self):
+                data = self.rfile.read(int(self.headers["Content-Length"]))
+                bench.uploads.append(hashlib.sha256(data).hexdigest())
+                self.answer(taken)
+
+            def log_message(self, *_):
+                pass
+
+        class HttpServer(http.server.ThreadingHTTPServer):
+            request_queue_size = at_once
+
+        self.server = HttpServer((relay_bench.SERVER, 0), Handler)
+        self.address = f"{relay_bench.SERVER}:{self.server.server_port}"
+        threading.Thread(target=self.server.serve_forever, daemon=True).start()
