@@ -3,9 +3,65 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/log.h"
 #include "route/acc_config.h"
+#include "route/decision.h"
+#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
+namespace {
+
+void LogIspForced(NegoAsker asker, SOCKET socket, u32 token, u32 client, u32 served) noexcept {
+  switch (asker) {
+    case NegoAsker::kTcp:
+      LSP_LOG(5,
+              "[TCP]CheckNegotiation isp not support, but force accl, client_isp=%x, "
+              "support_isps=%x, socket=%Id, token=%u",
+              client, served, socket, token);
+      break;
+    case NegoAsker::kUdp:
+      LSP_LOG(5,
+              "[UDP] UdpRemoteSession::CheckNegotiation isp not support, but force accl, "
+              "client_isp=%x, support_isps=%x, token=%u",
+              client, served, token);
+      break;
+    case NegoAsker::kUdpSwitch:
+      LSP_LOG(5,
+              "UdpSwitchRemoteSession::CheckNegotiation isp not support, but force accl, "
+              "client_isp=%x, support_isps=%x, token=%u",
+              client, served, token);
+      break;
+  }
+}
+
+void LogIspNotServed(NegoAsker asker, SOCKET socket, u32 token, u32 client, u32 served) noexcept {
+  switch (asker) {
+    case NegoAsker::kTcp:
+      LSP_LOG(5,
+              "[TCP]CheckNegotiation isp not support, client_isp=%x, support_isps=%x, socket=%Id, "
+              "token=%u",
+              client, served, socket, token);
+      break;
+    case NegoAsker::kUdp:
+      LSP_LOG(5,
+              "[UDP] UdpRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
+              "support_isps=%x, token=%u",
+              client, served, token);
+      break;
+    case NegoAsker::kUdpSwitch:
+      LSP_LOG(5,
+              "[UDP] UdpSwitchRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
+              "support_isps=%x, token=%u",
+              client, served, token);
+      break;
+  }
+}
+
+bool IsForced(const AccDecisionInfo& decision) noexcept {
+  return decision.acc_reason == kReasonForceAuto || decision.acc_reason == kReasonForceManual;
+}
+
+}  // namespace
 
 NegoRequest MakeNegoRequest(u32 game_ip, u16 game_port, u8 retry, const SessionGuid& guid,
                             const AccDecisionInfo& decision) noexcept {
@@ -23,6 +79,29 @@ NegoRequest MakeNegoRequest(u32 game_ip, u16 game_port, u8 retry, const SessionG
   request.body.game_idc = decision.game_idc;
   request.body.game_id = config.game_id;
   return request;
+}
+
+u32 CheckNegotiation(NegoAsker asker, SOCKET socket, u32 token, const NegoResponseBody& body,
+                     AccDecisionInfo* decision) noexcept {
+  RouteProxyInfo& proxy = decision->selected_proxy;
+  const u32 client_isp = body.client_isp;
+  const u32 served_isps = proxy.surport_isps;
+  u32 reason = body.result;
+  if (reason == 0 && (client_isp & served_isps) == 0) {
+    if (IsForced(*decision)) {
+      LogIspForced(asker, socket, token, client_isp, served_isps);
+    } else {
+      LogIspNotServed(asker, socket, token, client_isp, served_isps);
+      reason = kNegoIspNotServed;
+    }
+  }
+  proxy.user_ip = htonl(body.client_ip);
+  proxy.user_isp = client_isp;
+  if (reason == 0) {
+    GetTracker().RecordNegSuccess(socket, client_isp, htonl(body.client_ip), body.last_node.node_id,
+                                  htonl(body.last_node.ip), decision);
+  }
+  return reason;
 }
 
 ProxyAddrText::ProxyAddrText(const RouteProxyInfo& proxy) noexcept {

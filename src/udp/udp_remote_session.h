@@ -85,7 +85,6 @@ class UdpRemoteSession final : public IRelaySocketDelegate, public ISwitchEvent 
   bool DecideAccl() noexcept;
   void StartNegotiation(const sockaddr_in& game_addr) noexcept;
   void HandleNegoRecv(const UdpPackage& package) noexcept;
-  void CheckNegotiation(const NegoResponse& response) noexcept;
   void OnNegotiationSuccess(const NegoResponse& response) noexcept;
   void OnNegotiationFailed(u32 reason) noexcept;
   bool ChangeAcclServer() noexcept;

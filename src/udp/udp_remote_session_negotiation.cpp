@@ -8,9 +8,7 @@
 #include "common/log.h"
 #include "common/net_text.h"
 #include "common/unix_time.h"
-#include "protocol/nego_response.h"
 #include "relay/nego_common.h"
-#include "route/decision.h"
 #include "route/route.h"
 #include "tracker/tracker.h"
 #include "udp/udp_provider.h"
@@ -70,38 +68,13 @@ void UdpRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept {
     OnNegotiationFailed(kNegoBadHeader);
     return;
   }
-  CheckNegotiation(response);
-}
-
-void UdpRemoteSession::CheckNegotiation(const NegoResponse& response) noexcept {
-  const NegoResponseBody& body = response.body;
-  RouteProxyInfo& proxy = decision_.selected_proxy;
-  const u32 client_isp = body.client_isp;
-  const u32 served_isps = proxy.surport_isps;
-  u32 reason = body.result;
-  if (reason == 0 && (client_isp & served_isps) == 0) {
-    if (decision_.acc_reason == kReasonForceAuto || decision_.acc_reason == kReasonForceManual) {
-      LSP_LOG(5,
-              "[UDP] UdpRemoteSession::CheckNegotiation isp not support, but force accl, "
-              "client_isp=%x, support_isps=%x, token=%u",
-              client_isp, served_isps, token_);
-    } else {
-      LSP_LOG(5,
-              "[UDP] UdpRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
-              "support_isps=%x, token=%u",
-              client_isp, served_isps, token_);
-      reason = kNegoIspNotServed;
-    }
-  }
-  proxy.user_ip = htonl(body.client_ip);
-  proxy.user_isp = client_isp;
-  if (reason != 0) {
+  const u32 reason =
+      CheckNegotiation(NegoAsker::kUdp, local_sock_, token_, response.body, &decision_);
+  if (reason == 0) {
+    OnNegotiationSuccess(response);
+  } else {
     OnNegotiationFailed(reason);
-    return;
   }
-  GetTracker().RecordNegSuccess(local_sock_, client_isp, htonl(body.client_ip),
-                                body.last_node.node_id, htonl(body.last_node.ip), &decision_);
-  OnNegotiationSuccess(response);
 }
 
 void UdpRemoteSession::OnNegotiationSuccess(const NegoResponse& response) noexcept {

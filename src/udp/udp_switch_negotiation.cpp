@@ -5,7 +5,6 @@
 #include "common/net_text.h"
 #include "common/unix_time.h"
 #include "relay/nego_common.h"
-#include "route/decision.h"
 #include "tracker/tracker.h"
 #include "udp/udp_switch_remote_session.h"
 
@@ -53,38 +52,13 @@ void UdpSwitchRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept 
     OnNegotiationFailed(kNegoBadHeader);
     return;
   }
-  CheckNegotiation(response);
-}
-
-void UdpSwitchRemoteSession::CheckNegotiation(const NegoResponse& response) noexcept {
-  const NegoResponseBody& body = response.body;
-  RouteProxyInfo& proxy = decision_.selected_proxy;
-  const u32 client_isp = body.client_isp;
-  const u32 served_isps = proxy.surport_isps;
-  u32 reason = body.result;
-  if (reason == 0 && (client_isp & served_isps) == 0) {
-    if (decision_.acc_reason == kReasonForceAuto || decision_.acc_reason == kReasonForceManual) {
-      LSP_LOG(5,
-              "UdpSwitchRemoteSession::CheckNegotiation isp not support, but force accl, "
-              "client_isp=%x, support_isps=%x, token=%u",
-              client_isp, served_isps, token_);
-    } else {
-      LSP_LOG(5,
-              "[UDP] UdpSwitchRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
-              "support_isps=%x, token=%u",
-              client_isp, served_isps, token_);
-      reason = kNegoIspNotServed;
-    }
-  }
-  proxy.user_ip = htonl(body.client_ip);
-  proxy.user_isp = client_isp;
-  if (reason != 0) {
+  const u32 reason =
+      CheckNegotiation(NegoAsker::kUdpSwitch, sock_, token_, response.body, &decision_);
+  if (reason == 0) {
+    OnNegotiationSuccess(response);
+  } else {
     OnNegotiationFailed(reason);
-    return;
   }
-  GetTracker().RecordNegSuccess(sock_, client_isp, htonl(body.client_ip), body.last_node.node_id,
-                                htonl(body.last_node.ip), &decision_);
-  OnNegotiationSuccess(response);
 }
 
 void UdpSwitchRemoteSession::OnNegotiationSuccess(const NegoResponse& response) noexcept {

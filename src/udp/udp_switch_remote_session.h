@@ -96,7 +96,6 @@ class UdpSwitchRemoteSession final : public IRelaySocketDelegate, public ISwitch
   // udp_switch_negotiation.cpp
   bool StartNegotiation(const sockaddr_in& game_addr, const LastNodeInfo& last_node) noexcept;
   void HandleNegoRecv(const UdpPackage& package) noexcept;
-  void CheckNegotiation(const NegoResponse& response) noexcept;
   void OnNegotiationSuccess(const NegoResponse& response) noexcept;
   void StartVerification() noexcept;
   void OnNegotiationFailed(u32 reason) noexcept;
