@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <string_view>
 
-#include "abi/report_records.h"
 #include "common/log.h"
 #include "common/text.h"
 #include "quality/real_route_recent_cycle_data.h"
@@ -38,13 +37,11 @@ bool RecoverySwitch::UpdateDelayValue(u32 delay_amp, u32 delay_avg, u8 relay_idx
           "[RecoverySwitch::UpdateDelayValue]delay_amp=%d, delay_avg=%d, real_route_lost=%d, "
           "socket=%u, token=%u",
           delay_amp, delay_avg, section.lost, static_cast<u32>(socket_), token_);
-  if (is_switch_session_) return false;  // a link on trial is judged by its loss alone
-  Report();
-  return true;
+  return !is_switch_session_;  // a link on trial is judged by its loss alone
 }
 
-void RecoverySwitch::TryFireRealRouteLost() noexcept {
-  if (!enabled_) return;
+std::optional<bool> RecoverySwitch::TryFireRealRouteLost() noexcept {
+  if (!enabled_) return std::nullopt;
   const LinkDataSet& route = link_data_[1];
   // No answer at all leaves no range of numbers: that counts as loss.
   const bool is_loss = route.lost <= 100 || route.lost == kLostNoRange;
@@ -55,35 +52,45 @@ void RecoverySwitch::TryFireRealRouteLost() noexcept {
             "real_route_lost=%d, socket=%u, token=%u",
             route.delay_amp, route.delay_avg, route.lost, static_cast<u32>(socket_), token_);
   }
-  if (is_switch_session_ && switch_notifier_ != nullptr) {
-    switch_notifier_->NotifyVerifyResult(!fire);
-    return;
-  }
-  if (fire) Report();
+  return fire;
 }
 
-void RecoverySwitch::Report() noexcept {
-  if (IsBelowReportLimit()) return;
+LinkRequest RecoverySwitch::Report() noexcept {
+  if (IsBelowReportLimit()) return LinkRequest::kNone;
   last_report_tick_ = GetTickCount();
   ++calc_count_;
   if (link_type_ == 1) link_data_[0] = {};  // a single relay: there is no front section
-  RecoverySwitchRecord record;
-  FillRecord(&record);
-  bool fired = false;
-  if (IsAllowSwitch()) {
-    record.need_switch = 1;
-    fired = DoSwitch(&record);
-  }
-  // Where a switch has begun, its session reports, once it knows how it ended.
-  if (!fired) {
-    GetTracker().SubmitRecoverySwitch(&record);
-    LSP_LOG(0, "[RecoverySwitch::Report]%s, socket=%u, token=%u",
-            RecoveryRecordText(record).c_str(), static_cast<u32>(socket_), token_);
-  }
+  FillReport();
   Reset();
+  if (!IsAllowSwitch()) {
+    SubmitReport();
+    return LinkRequest::kNone;
+  }
+  report_.need_switch = 1;
+  LSP_LOG(0, "[RecoverySwitch]DoSwitch, count=%d, socket=%u, token=%u", switch_count_,
+          static_cast<u32>(socket_), token_);
+  return LinkRequest::kSwitch;
 }
 
-void RecoverySwitch::FillRecord(RecoverySwitchRecord* record) noexcept {
+// Where a switch has begun, its session reports, once it knows how it ended.
+void RecoverySwitch::SwitchAnswered(bool begun) noexcept {
+  if (!begun) {
+    SubmitReport();
+    return;
+  }
+  ++switch_count_;
+  last_switch_tick_ = GetTickCount();
+}
+
+void RecoverySwitch::SubmitReport() noexcept {
+  GetTracker().SubmitRecoverySwitch(&report_);
+  LSP_LOG(0, "[RecoverySwitch::Report]%s, socket=%u, token=%u", RecoveryRecordText(report_).c_str(),
+          static_cast<u32>(socket_), token_);
+}
+
+void RecoverySwitch::FillReport() noexcept {
+  report_ = {};
+  RecoverySwitchRecord* const record = &report_;
   record->used = 1;
   record->game_id = game_id_;
   record->data_link_small_section_pack = static_cast<i32>(small_section_pack_);
@@ -114,15 +121,6 @@ void RecoverySwitch::FillRecord(RecoverySwitchRecord* record) noexcept {
                 full.delay_avg);
   LSP_LOG(0, "real route data set=%s", text);
   SetWholeText(record->fe_be, text);
-}
-
-bool RecoverySwitch::DoSwitch(const RecoverySwitchRecord* record) noexcept {
-  LSP_LOG(0, "[RecoverySwitch]DoSwitch, count=%d, socket=%u, token=%u", switch_count_,
-          static_cast<u32>(socket_), token_);
-  if (!switch_notifier_->FireSwitch(record)) return false;
-  ++switch_count_;
-  last_switch_tick_ = GetTickCount();
-  return true;
 }
 
 void RecoverySwitch::UpdateRecoveryInfo() noexcept {

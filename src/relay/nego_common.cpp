@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common/log.h"
+#include "common/net_text.h"
 #include "route/acc_config.h"
 #include "route/decision.h"
 #include "tracker/tracker.h"
@@ -102,6 +103,38 @@ u32 CheckNegotiation(NegoAsker asker, SOCKET socket, u32 token, const NegoRespon
                                   htonl(body.last_node.ip), decision);
   }
   return reason;
+}
+
+void LogNegotiated(NegoAsker asker, const NegoResponse& response, u32 token) noexcept {
+  const NegoResponseBody& body = response.body;
+  // A shorter body leaves no word of a last node.
+  const LastNodeInfo node = response.header.version < 2 ? LastNodeInfo{} : body.last_node;
+#define LOG_NEGOTIATED(format)                                                         \
+  LSP_LOG(5, format, common::IpToString(htonl(body.accl_data_ip)).c_str(),             \
+          u32{body.accl_data_port}, common::IpToString(htonl(body.client_ip)).c_str(), \
+          u32{body.client_isp}, u32{body.accl_token}, int{node.node_id},               \
+          common::IpToString(htonl(node.ip)).c_str(), int{node.port}, u32{node.accl_token}, token)
+  switch (asker) {
+    case NegoAsker::kTcp:
+      LOG_NEGOTIATED(
+          "[TCP] TcpNegotiation, NegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
+          "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
+          "token=%u");
+      break;
+    case NegoAsker::kUdp:
+      LOG_NEGOTIATED(
+          "[UDP] UdpRemoteSession::OnNegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
+          "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
+          "token=%u");
+      break;
+    case NegoAsker::kUdpSwitch:
+      LOG_NEGOTIATED(
+          "[UDP] UdpSwitchRemoteSession::OnNegotiationSuccess, accl_data_addr=%s:%u, "
+          "client_ip=%s, client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, "
+          "accl_token=%u), token=%u");
+      break;
+  }
+#undef LOG_NEGOTIATED
 }
 
 ProxyAddrText::ProxyAddrText(const RouteProxyInfo& proxy) noexcept {

@@ -36,6 +36,9 @@ enum class NegoAsker { kTcp, kUdp, kUdpSwitch };
 u32 CheckNegotiation(NegoAsker asker, SOCKET socket, u32 token, const NegoResponseBody& body,
                      AccDecisionInfo* decision) noexcept;
 
+// The line on an answer that has passed.
+void LogNegotiated(NegoAsker asker, const NegoResponse& response, u32 token) noexcept;
+
 // The tables that the client program writes need not terminate their texts.
 struct ProxyAddrText {
   explicit ProxyAddrText(const RouteProxyInfo& proxy) noexcept;

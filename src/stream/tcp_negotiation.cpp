@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "common/log.h"
-#include "common/net_text.h"
 #include "common/unix_time.h"
 
 namespace moru_vyr::lsp {
@@ -76,7 +75,7 @@ int TcpNegotiation::ParseTcpNegotiation(AccDecisionInfo* decision, u32* reason) 
   *reason = CheckNegotiation(NegoAsker::kTcp, socket_, token_, response_.body, decision);
   if (*reason != 0) return -1;
   LSP_LOG(4, "[TCP]Negotiation is successful");
-  NegotiationSuccess();
+  LogNegotiated(NegoAsker::kTcp, response_, token_);
   return 0;
 }
 
@@ -119,21 +118,6 @@ int TcpNegotiation::RspTcpNegotiationBody() noexcept {
   int received = 0;
   return Receive(reinterpret_cast<u8*>(&response_.body), response_.header.pkg_len - kHeaderSize,
                  &received);
-}
-
-void TcpNegotiation::NegotiationSuccess() const noexcept {
-  const NegoResponseBody& body = response_.body;
-  // A shorter body leaves no word of a last node.
-  const LastNodeInfo last_node = response_.header.version < 2 ? LastNodeInfo{} : body.last_node;
-  LSP_LOG(5,
-          "[TCP] TcpNegotiation, NegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
-          "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
-          "token=%u",
-          common::IpToString(htonl(body.accl_data_ip)).c_str(), u32{body.accl_data_port},
-          common::IpToString(htonl(body.client_ip)).c_str(), u32{body.client_isp},
-          u32{body.accl_token}, int{last_node.node_id},
-          common::IpToString(htonl(last_node.ip)).c_str(), int{last_node.port},
-          u32{last_node.accl_token}, token_);
 }
 
 }  // namespace moru_vyr::lsp

@@ -10,10 +10,13 @@
 
 namespace moru_vyr::lsp {
 
+// Stands for the link's socket at the time of sending, as it may change until then.
+inline constexpr SOCKET kOwnSocket = INVALID_SOCKET;
+
 struct StoredPackage {
   std::vector<u8> data;
   sockaddr_in addr = {};
-  bool to_local = false;  // through the socket that faces the game
+  SOCKET socket = kOwnSocket;  // to send through
 
   // Valid while this is. Its data is never null, also where there are no bytes: a datagram of none
   // is one to be sent.
@@ -29,10 +32,10 @@ using StoredPackages = std::list<StoredPackage>;
 
 // Appends a copy. Without memory for it the datagram is lost, as any may be on its way.
 inline void Store(StoredPackages* packages, const void* data, u32 len, const sockaddr_in& addr,
-                  bool to_local) noexcept {
+                  SOCKET socket = kOwnSocket) noexcept {
   const u8* const bytes = static_cast<const u8*>(data);
   try {
-    packages->push_back({std::vector<u8>(bytes, bytes + len), addr, to_local});
+    packages->push_back({std::vector<u8>(bytes, bytes + len), addr, socket});
   } catch (...) {
   }
 }

@@ -282,7 +282,7 @@ bool SwitchBench::Fires() {
   report.game_id = 7;
   report.need_switch = 1;
   report.count = 3;
-  return flow->FireSwitch(&report);
+  return flow->FireSwitch(report);
 }
 
 UdpSwitchRemoteSession* SwitchBench::Trial() const {
