@@ -12,54 +12,39 @@
 namespace moru_vyr::lsp {
 namespace {
 
-void LogIspForced(NegoAsker asker, SOCKET socket, u32 token, u32 client, u32 served) noexcept {
-  switch (asker) {
-    case NegoAsker::kTcp:
-      LSP_LOG(5,
-              "[TCP]CheckNegotiation isp not support, but force accl, client_isp=%x, "
-              "support_isps=%x, socket=%Id, token=%u",
-              client, served, socket, token);
-      break;
-    case NegoAsker::kUdp:
-      LSP_LOG(5,
-              "[UDP] UdpRemoteSession::CheckNegotiation isp not support, but force accl, "
-              "client_isp=%x, support_isps=%x, token=%u",
-              client, served, token);
-      break;
-    case NegoAsker::kUdpSwitch:
-      LSP_LOG(5,
-              "UdpSwitchRemoteSession::CheckNegotiation isp not support, but force accl, "
-              "client_isp=%x, support_isps=%x, token=%u",
-              client, served, token);
-      break;
+void LogIsp(NegoAsker asker, bool forced, SOCKET socket, u32 token, u32 client,
+            u32 served) noexcept {
+  if (asker == NegoAsker::kTcp && forced) {
+    LSP_LOG(5,
+            "[TCP]CheckNegotiation isp not support, but force accl, client_isp=%x, "
+            "support_isps=%x, socket=%Id, token=%u",
+            client, served, socket, token);
+  } else if (asker == NegoAsker::kTcp) {
+    LSP_LOG(5,
+            "[TCP]CheckNegotiation isp not support, client_isp=%x, support_isps=%x, socket=%Id, "
+            "token=%u",
+            client, served, socket, token);
+  } else if (asker == NegoAsker::kUdp && forced) {
+    LSP_LOG(5,
+            "[UDP] UdpRemoteSession::CheckNegotiation isp not support, but force accl, "
+            "client_isp=%x, support_isps=%x, token=%u",
+            client, served, token);
+  } else if (asker == NegoAsker::kUdp) {
+    LSP_LOG(5,
+            "[UDP] UdpRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
+            "support_isps=%x, token=%u",
+            client, served, token);
+  } else if (forced) {
+    LSP_LOG(5,
+            "UdpSwitchRemoteSession::CheckNegotiation isp not support, but force accl, "
+            "client_isp=%x, support_isps=%x, token=%u",
+            client, served, token);
+  } else {
+    LSP_LOG(5,
+            "[UDP] UdpSwitchRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
+            "support_isps=%x, token=%u",
+            client, served, token);
   }
-}
-
-void LogIspNotServed(NegoAsker asker, SOCKET socket, u32 token, u32 client, u32 served) noexcept {
-  switch (asker) {
-    case NegoAsker::kTcp:
-      LSP_LOG(5,
-              "[TCP]CheckNegotiation isp not support, client_isp=%x, support_isps=%x, socket=%Id, "
-              "token=%u",
-              client, served, socket, token);
-      break;
-    case NegoAsker::kUdp:
-      LSP_LOG(5,
-              "[UDP] UdpRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
-              "support_isps=%x, token=%u",
-              client, served, token);
-      break;
-    case NegoAsker::kUdpSwitch:
-      LSP_LOG(5,
-              "[UDP] UdpSwitchRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
-              "support_isps=%x, token=%u",
-              client, served, token);
-      break;
-  }
-}
-
-bool IsForced(const AccDecisionInfo& decision) noexcept {
-  return decision.acc_reason == kReasonForceAuto || decision.acc_reason == kReasonForceManual;
 }
 
 }  // namespace
@@ -89,12 +74,10 @@ u32 CheckNegotiation(NegoAsker asker, SOCKET socket, u32 token, const NegoRespon
   const u32 served_isps = proxy.surport_isps;
   u32 reason = body.result;
   if (reason == 0 && (client_isp & served_isps) == 0) {
-    if (IsForced(*decision)) {
-      LogIspForced(asker, socket, token, client_isp, served_isps);
-    } else {
-      LogIspNotServed(asker, socket, token, client_isp, served_isps);
-      reason = kNegoIspNotServed;
-    }
+    const bool forced =
+        decision->acc_reason == kReasonForceAuto || decision->acc_reason == kReasonForceManual;
+    LogIsp(asker, forced, socket, token, client_isp, served_isps);
+    if (!forced) reason = kNegoIspNotServed;
   }
   proxy.user_ip = htonl(body.client_ip);
   proxy.user_isp = client_isp;
@@ -114,25 +97,21 @@ void LogNegotiated(NegoAsker asker, const NegoResponse& response, u32 token) noe
           u32{body.accl_data_port}, common::IpToString(htonl(body.client_ip)).c_str(), \
           u32{body.client_isp}, u32{body.accl_token}, int{node.node_id},               \
           common::IpToString(htonl(node.ip)).c_str(), int{node.port}, u32{node.accl_token}, token)
-  switch (asker) {
-    case NegoAsker::kTcp:
-      LOG_NEGOTIATED(
-          "[TCP] TcpNegotiation, NegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
-          "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
-          "token=%u");
-      break;
-    case NegoAsker::kUdp:
-      LOG_NEGOTIATED(
-          "[UDP] UdpRemoteSession::OnNegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
-          "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
-          "token=%u");
-      break;
-    case NegoAsker::kUdpSwitch:
-      LOG_NEGOTIATED(
-          "[UDP] UdpSwitchRemoteSession::OnNegotiationSuccess, accl_data_addr=%s:%u, "
-          "client_ip=%s, client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, "
-          "accl_token=%u), token=%u");
-      break;
+  if (asker == NegoAsker::kTcp) {
+    LOG_NEGOTIATED(
+        "[TCP] TcpNegotiation, NegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
+        "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
+        "token=%u");
+  } else if (asker == NegoAsker::kUdp) {
+    LOG_NEGOTIATED(
+        "[UDP] UdpRemoteSession::OnNegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
+        "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
+        "token=%u");
+  } else {
+    LOG_NEGOTIATED(
+        "[UDP] UdpSwitchRemoteSession::OnNegotiationSuccess, accl_data_addr=%s:%u, "
+        "client_ip=%s, client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, "
+        "accl_token=%u), token=%u");
   }
 #undef LOG_NEGOTIATED
 }

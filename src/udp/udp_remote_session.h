@@ -63,26 +63,21 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   void OnClose(SOCKET) noexcept override {}
 
  private:
-  // udp_remote_session.cpp
   void TellNodeOfEnd() noexcept;
   void ReleaseSock() noexcept;
-
-  // udp_remote_session_negotiation.cpp
-  bool DecideAccl() noexcept;
-  void StartNegotiation() noexcept;
-  void HandleNegoRecv(const UdpPackage& package) noexcept;
-  void OnNegotiationFailed(u32 reason) noexcept;
-  bool ChangeAcclServer() noexcept;
-  void FlushCachedPackages() noexcept;
-
-  // udp_remote_session_transfer.cpp
   void HandleGamePacket(const UdpPackage& package) noexcept;
   void HandleAcclSend(const UdpPackage& package) noexcept;
   void HandleRemotePacket(const UdpPackage& package) noexcept;
   void HandleAcclRecv(const UdpPackage& package, const UdpAcclHeader& header) noexcept;
   bool HandleReply(const UdpPackage& package) noexcept;
 
-  // udp_remote_session_switch.cpp
+  // udp_remote_session_node.cpp
+  bool DecideAccl() noexcept;
+  void StartNegotiation() noexcept;
+  void HandleNegoRecv(const UdpPackage& package) noexcept;
+  void OnNegotiationFailed(u32 reason) noexcept;
+  bool ChangeAcclServer() noexcept;
+  void FlushCachedPackages() noexcept;
   bool TakeUp(LinkRequest request) noexcept;
   void EndTrial() noexcept;
 

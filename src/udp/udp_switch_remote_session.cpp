@@ -170,11 +170,6 @@ bool UdpSwitchRemoteSession::HandleReply(const UdpPackage& package) noexcept {
   return true;
 }
 
-bool UdpSwitchRemoteSession::SendData(const UdpPackage& package) noexcept {
-  constexpr u8 kNothingLost = 0;  // of this link nothing is known yet
-  return link_.SendData(package, kNothingLost);
-}
-
 void UdpSwitchRemoteSession::OnWritable(SOCKET) noexcept {
   if (link_.FlushBlockedPackages() && closing_) {
     flow_.session->provider()->CloseSession(flow_.token);  // the end of this, too

@@ -53,8 +53,8 @@ class UdpSwitchRemoteSession final : public IRelaySocketDelegate {
 
   bool IsActive() const noexcept;
   bool IsVerified() const noexcept { return state_ == UdpSwitchState::kVerified; }
-  // Sends for the parent, once verified. False if the datagram is too long to be wrapped.
-  bool SendData(const UdpPackage& package) noexcept;
+  // For the parent, once verified: see NodeLink::SendData. What this link loses is not known yet.
+  bool SendData(const UdpPackage& package) noexcept { return link_.SendData(package, 0); }
 
   // --- the hand-over, in a call of the parent's TakeOver
   SOCKET sock() const noexcept { return link_.sock(); }
