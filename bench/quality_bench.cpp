@@ -37,7 +37,7 @@ void Judge(RecoverySwitch* judge, SOCKET socket, bool enabled) {
   AccInfo acc;
   acc.flag = kLinkMayBeMeasured;
   const ClientInfo client;
-  judge->Init(nullptr, socket, 1, "guid", &acc, &client, false);
+  judge->Init(socket, 1, "guid", acc, client, false);
 }
 
 // What a session does for one datagram from the node and one to it.
@@ -110,10 +110,10 @@ void AnsweredProbe(benchmark::State& state) {
   for (SOCKET s = kFirst; s < kFirst + sockets; ++s) GetTracker().AddToWatchList(s, kTrackUdp, 1);
   RecoverySwitch judge;
   Judge(&judge, kFirst, true);
-  RealRouteSpeedTest probes;
+  RealRouteSpeedTest probes(&judge);
   SpeedTestParam param;
   param.socket = kFirst;
-  probes.Start(&judge, &param, false);
+  probes.Start(param, false);
   SpeedTestPackage answer;
   answer.header.flags = kUdpAcclSpeedTest;
   answer.payload.send_time = common::UnixTimeMs() - 10;
@@ -122,7 +122,10 @@ void AnsweredProbe(benchmark::State& state) {
     judge.RealRouteAddOneSendPkg(answer.payload.seq);
     u8 wire[sizeof answer];
     answer.Pack(wire);
-    benchmark::DoNotOptimize(probes.RecvSpeedTest(wire, sizeof wire));
+    ProbeReply reply;
+    probes.ReadReply(wire, sizeof wire, &reply);
+    benchmark::DoNotOptimize(probes.ProcessTestRecv(&reply));
+    probes.CountReply(reply);
   }
   for (SOCKET s = kFirst; s < kFirst + sockets; ++s) GetTracker().RemoveFromWatchList(s);
 }

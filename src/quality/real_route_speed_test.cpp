@@ -8,7 +8,6 @@
 #include "common/unix_time.h"
 #include "protocol/speed_test_payload.h"
 #include "quality/link_thresholds.h"
-#include "quality/recovery_switch.h"
 #include "quality/speed_figures.h"
 #include "route/acc_config.h"
 #include "tracker/tracker.h"
@@ -31,27 +30,17 @@ void NoteProbeSent(SpeedStatsHalf* half, u32 seq, u32 now) noexcept {
 
 }  // namespace
 
-void RealRouteSpeedTest::Start(RecoverySwitch* recovery, const SpeedTestParam* param,
-                               bool is_in_switching) noexcept {
+void RealRouteSpeedTest::Start(const SpeedTestParam& param, bool is_in_switching) noexcept {
   // The windows keep their configuration and their watch period.
-  norm_test_interval_ = high_freq_test_interval_ = high_freq_test_time_ = long_cycle_ = 0;
-  max_valid_test_delay_ = ignore_high_freq_test_time_ = max_real_route_lost_ = 0;
-  running_ = ignore_time_passed_ = false;
+  ignore_time_passed_ = false;
   last_test_tick_ = high_freq_test_counter_ = 0;
   for (RealRouteRecentCycleData& cycle : recent_cycle_) cycle.Reset();
 
-  param_ = *param;
+  param_ = param;
   session_init_time_ = GetTickCount();
   is_in_switching_ = is_in_switching;
-  recovery_ = recovery;
-  if (recovery_ == nullptr) return;
   running_ = true;
   ReadConfig();
-}
-
-void RealRouteSpeedTest::Stop() noexcept {
-  running_ = false;
-  recovery_ = nullptr;
 }
 
 void RealRouteSpeedTest::ReadConfig() noexcept {
@@ -73,36 +62,28 @@ void RealRouteSpeedTest::ReadConfig() noexcept {
           max_valid_test_delay_, static_cast<u32>(param_.socket), param_.token);
 }
 
-void RealRouteSpeedTest::StepSpeedTest() noexcept {
-  if (!running_ || recovery_ == nullptr) return;
+bool RealRouteSpeedTest::StepSpeedTest() noexcept {
+  if (!running_) return false;
   const u32 now = GetTickCount();
   if (last_test_tick_ == 0) {
     last_test_tick_ = now;
-    return;
+    return false;
   }
   if (high_freq_test_counter_ != 0 && now > last_test_tick_ + high_freq_test_interval_) {
     last_test_tick_ = now;
     SendSpeedTest();
     LSP_LOG(0, "StepSpeedTest, high_freq_test_counter=%d, socket=%u, token=%u",
             high_freq_test_counter_, static_cast<u32>(param_.socket), param_.token);
-    if (--high_freq_test_counter_ == 0) EndBurst();
+    if (--high_freq_test_counter_ == 0) return true;
   }
   if (high_freq_test_counter_ == 0 && now > last_test_tick_ + norm_test_interval_) {
     last_test_tick_ = now;
     SendSpeedTest();
   }
+  return false;
 }
 
-// The verdict falls as the last probe leaves: answers still on their way do not count. A link on
-// trial has hardly closed a slot by then, so the running one is looked at.
-void RealRouteSpeedTest::EndBurst() noexcept {
-  u32 need = 0;
-  u32 real = 0;
-  recovery_->GetRealRouteLost(&need, &real, is_in_switching_);
-  recovery_->TryFireRealRouteLost();
-}
-
-bool RealRouteSpeedTest::SendSpeedTest() noexcept {
+void RealRouteSpeedTest::SendSpeedTest() noexcept {
   const u32 seq = ++param_.seq;
   SpeedTestPackage package;
   package.header.flags = kUdpAcclSpeedTest;
@@ -118,7 +99,7 @@ bool RealRouteSpeedTest::SendSpeedTest() noexcept {
     // Kept: the number is used up, unlike that of a probe that cannot be sent.
     LSP_LOG(4, "SendSpeedTest Failed, Pack error=%d, socket=%u, token=%u", packed,
             static_cast<u32>(param_.socket), param_.token);
-    return false;
+    return;
   }
   constexpr int kLength = sizeof wire;
   // Never queued: a probe that waits would measure our own queue.
@@ -130,12 +111,11 @@ bool RealRouteSpeedTest::SendSpeedTest() noexcept {
     LSP_LOG(0, "SendSpeedTest failed, error=%d, seq=%u, len=%d, socket=%u, token=%u", error, seq,
             kLength, static_cast<u32>(param_.socket), param_.token);
     --param_.seq;
-    return false;
+    return;
   }
   ProcessTestSend(seq);
   LSP_LOG(0, "SendSpeedTest success, seq=%u, len=%d, socket=%u, token=%u", seq, kLength,
           static_cast<u32>(param_.socket), param_.token);
-  return true;
 }
 
 void RealRouteSpeedTest::ProcessTestSend(u32 seq) noexcept {
@@ -149,41 +129,50 @@ void RealRouteSpeedTest::ProcessTestSend(u32 seq) noexcept {
   NoteProbeSent(&stats.frontend, seq, now);
   NoteProbeSent(&stats.backend, seq, now);
   GetTracker().SetSpeedTestResult(param_.socket, &stats);
-  if (recovery_ != nullptr) recovery_->RealRouteAddOneSendPkg(seq);
+  judge_.RealRouteAddOneSendPkg(seq);
 }
 
-bool RealRouteSpeedTest::RecvSpeedTest(const u8* data, u32 len) noexcept {
-  if (!running_ || recovery_ == nullptr) return false;
+bool RealRouteSpeedTest::ReadReply(const u8* data, u32 len, ProbeReply* reply) noexcept {
+  if (!running_) return false;
   UdpAcclHeader header;
   SpeedTestPayload payload;
   if (!ReadSpeedTestReply({data, len}, &header, &payload)) return false;
-  const u32 delay = SpeedTestDelay(common::UnixTimeMs(), payload.send_time);
-  ProcessTestRecv(header.relay_idx, payload.seq, delay);
-  LSP_LOG(0, "RecvSpeedTest success,len=%d,relay_idx=%d,seq=%d,delay=%d, socket=%u, token=%u", len,
-          header.relay_idx, payload.seq, delay, static_cast<u32>(param_.socket), param_.token);
+  *reply = {};
+  reply->len = len;
+  reply->relay_idx = header.relay_idx;
+  reply->seq = payload.seq;
+  reply->delay = SpeedTestDelay(common::UnixTimeMs(), payload.send_time);
   return true;
 }
 
-void RealRouteSpeedTest::ProcessTestRecv(u8 relay_idx, u32 seq, u32 delay) noexcept {
+LinkRequest RealRouteSpeedTest::ProcessTestRecv(ProbeReply* reply) noexcept {
   SpeedStats stats;
   if (!GetTracker().GetSpeedTestResult(param_.socket, &stats)) {
     LSP_LOG(4, "ProcessTestRecv, GetSpeedTestResult: failed to get info, socket=%u, token=%u",
             static_cast<u32>(param_.socket), param_.token);
-    return;
+    return LinkRequest::kNone;
   }
-  if (relay_idx <= 2) {
-    Book(relay_idx == 2 ? &stats.backend : &stats.frontend, seq, delay, relay_idx);
-    recovery_->RealRouteAddOneRecvPkg(seq, relay_idx);
-    if (stats.topology_type == kTopologyNotKnown) {
-      stats.topology_type = relay_idx == 0 ? kOneNode : kTwoNodes;
-    }
-  } else {
+  reply->booked = reply->relay_idx <= 2;
+  if (!reply->booked) {
     stats.topology_type = kTopologyNotUnderstood;
+  } else {
+    Book(reply->relay_idx == 2 ? &stats.backend : &stats.frontend, reply->seq, reply->delay);
+    if (stats.topology_type == kTopologyNotKnown) {
+      stats.topology_type = reply->relay_idx == 0 ? kOneNode : kTwoNodes;
+    }
   }
   GetTracker().SetSpeedTestResult(param_.socket, &stats);
+  return reply->booked ? UpdateDelay(reply->delay, reply->relay_idx) : LinkRequest::kNone;
 }
 
-void RealRouteSpeedTest::Book(SpeedStatsHalf* half, u32 seq, u32 delay, u8 relay_idx) noexcept {
+void RealRouteSpeedTest::CountReply(const ProbeReply& reply) noexcept {
+  if (reply.booked) judge_.RealRouteAddOneRecvPkg(reply.seq, reply.relay_idx);
+  LSP_LOG(0, "RecvSpeedTest success,len=%d,relay_idx=%d,seq=%d,delay=%d, socket=%u, token=%u",
+          reply.len, reply.relay_idx, reply.seq, reply.delay, static_cast<u32>(param_.socket),
+          param_.token);
+}
+
+void RealRouteSpeedTest::Book(SpeedStatsHalf* half, u32 seq, u32 delay) noexcept {
   if (half->last_send_seq == seq) half->pending = 0;
   AddToAllFigures(half, delay);
   if (delay >= max_valid_test_delay_) {
@@ -192,16 +181,17 @@ void RealRouteSpeedTest::Book(SpeedStatsHalf* half, u32 seq, u32 delay, u8 relay
   } else {
     AddToFineFigures(half, delay);
   }
-  UpdateDelay(delay, relay_idx);
 }
 
-void RealRouteSpeedTest::UpdateDelay(u32 delay, u8 relay_idx) noexcept {
-  if (relay_idx > 2) return;
+LinkRequest RealRouteSpeedTest::UpdateDelay(u32 delay, u8 relay_idx) noexcept {
   RealRouteRecentCycleData& cycle = recent_cycle_[relay_idx == 1 ? 0 : 1];
   cycle.Update(delay, high_freq_test_counter_ != 0, relay_idx);
-  if (!recovery_->UpdateDelayValue(cycle.delay_amp(), cycle.delay_avg(), relay_idx)) return;
-  // A report ran: the next is to rest on new data.
-  for (RealRouteRecentCycleData& each : recent_cycle_) each.Reset();
+  if (!judge_.UpdateDelayValue(cycle.delay_amp(), cycle.delay_avg(), relay_idx)) {
+    return LinkRequest::kNone;
+  }
+  const LinkRequest request = judge_.Report();
+  for (RealRouteRecentCycleData& each : recent_cycle_) each.Reset();  // the next rests on new data
+  return request;
 }
 
 int RealRouteSpeedTest::HighFreqTest() noexcept {
@@ -241,7 +231,7 @@ bool RealRouteSpeedTest::MayEndWatching() noexcept {
   u32 need = 0;
   u32 real = 0;
   const u32 socket = static_cast<u32>(param_.socket);
-  const u32 lost = recovery_->GetRealRouteLost(&need, &real, false);
+  const u32 lost = judge_.GetRealRouteLost(&need, &real, false);
   LSP_LOG(0, "test link lost=%d, max=%d, need=%d,real=%d, socket=%u, token=%u", lost,
           max_real_route_lost_, need, real, socket, param_.token);
   if (lost < max_real_route_lost_ || lost > 100) {

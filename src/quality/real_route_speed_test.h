@@ -5,18 +5,17 @@
 // answers. The Tracker holds the statistics of a socket; a socket that it does not know is not
 // measured, and its judge is told of no probe.
 //
-// Owned by the session of the link, used by the worker thread alone. The judge given to Start must
-// live until Stop. Nothing but the constructor throws.
+// Owned by the watcher of the link, used by the worker thread alone. The judge outlives it. Nothing
+// but the constructor throws.
 #pragma once
 #include <winsock2.h>
 
 #include "common/types.h"
 #include "quality/real_route_recent_cycle_data.h"
+#include "quality/recovery_switch.h"
 
 namespace moru_vyr::lsp {
 
-class RecoverySwitch;
-struct SpeedStats;
 struct SpeedStatsHalf;
 
 // What the session provides.
@@ -30,35 +29,50 @@ struct SpeedTestParam {
   u32 seq = 0;  // of the last probe
 };
 
+// The answer to a probe.
+struct ProbeReply {
+  u32 len = 0;  // of the datagram
+  u8 relay_idx = 0;
+  u32 seq = 0;
+  u32 delay = 0;
+  bool judged = false;  // its delay has been judged …
+  bool booked = false;  // … and is in the socket's statistics
+};
+
 class RealRouteSpeedTest {
  public:
-  RealRouteSpeedTest() = default;  // its windows read the configuration of the process
+  // Its windows read the configuration of the process.
+  explicit RealRouteSpeedTest(RecoverySwitch* judge) : judge_(*judge) {}
   RealRouteSpeedTest(const RealRouteSpeedTest&) = delete;
   RealRouteSpeedTest& operator=(const RealRouteSpeedTest&) = delete;
 
-  // Starts again. Without a judge nothing runs. A watch period of an earlier link continues.
-  void Start(RecoverySwitch* recovery, const SpeedTestParam* param, bool is_in_switching) noexcept;
-  void Stop() noexcept;
+  // Starts again. A watch period of an earlier link continues.
+  void Start(const SpeedTestParam& param, bool is_in_switching) noexcept;
+  void Stop() noexcept { running_ = false; }
 
-  // The timer's step: sends the probe that is due.
-  void StepSpeedTest() noexcept;
+  // The timer's step: sends the probe that is due. True once the last one of a burst has been sent;
+  // then it must be called again in the same step of the timer.
+  bool StepSpeedTest() noexcept;
   // Whether the datagram was the answer to a probe; any other is data, even if it is marked as a
-  // probe. The datagram's version byte may be overwritten, see UdpAcclHeader::Unpack.
-  bool RecvSpeedTest(const u8* data, u32 len) noexcept;
+  // probe.
+  bool ReadReply(const u8* data, u32 len, ProbeReply* reply) noexcept;
+  // Adds the answer's delay to the statistics, and reports delays that are too high.
+  LinkRequest ProcessTestRecv(ProbeReply* reply) noexcept;
+  // Tells the judge of the answer, if it was added.
+  void CountReply(const ProbeReply& reply) noexcept;
   // Asks for a burst: 0 it starts, 1 not now, -1 refused.
   int HighFreqTest() noexcept;
 
  private:
   void ReadConfig() noexcept;
-  bool SendSpeedTest() noexcept;
-  void EndBurst() noexcept;
+  void SendSpeedTest() noexcept;
   bool MayEndWatching() noexcept;
   bool IsYoungLink() noexcept;
   void ProcessTestSend(u32 seq) noexcept;
-  void ProcessTestRecv(u8 relay_idx, u32 seq, u32 delay) noexcept;
-  void Book(SpeedStatsHalf* half, u32 seq, u32 delay, u8 relay_idx) noexcept;
-  void UpdateDelay(u32 delay, u8 relay_idx) noexcept;
+  void Book(SpeedStatsHalf* half, u32 seq, u32 delay) noexcept;
+  LinkRequest UpdateDelay(u32 delay, u8 relay_idx) noexcept;
 
+  RecoverySwitch& judge_;
   u32 norm_test_interval_ = 0;  // milliseconds, as are all times
   u32 high_freq_test_interval_ = 0;
   u32 high_freq_test_time_ = 0;
@@ -68,7 +82,6 @@ class RealRouteSpeedTest {
   bool running_ = false;
   bool is_in_switching_ = false;
   u32 last_test_tick_ = 0;
-  RecoverySwitch* recovery_ = nullptr;
   u32 high_freq_test_counter_ = 0;  // probes left in the burst
   bool ignore_time_passed_ = false;
   u32 session_init_time_ = 0;

@@ -6,26 +6,34 @@
 #include <cstdio>
 
 #include "common/log.h"
+#include "common/loss.h"
 #include "common/text.h"
 #include "quality/link_thresholds.h"
 #include "route/acc_config.h"
 
 namespace moru_vyr::lsp {
+namespace {
 
-void RecoverySwitch::Init(ISwitchEvent* notifier, SOCKET socket, u32 token, std::string_view guid,
-                          const AccInfo* acc_info, const ClientInfo* client_info,
-                          bool is_switch_session) noexcept {
+// A loss from fewer packets than that says nothing.
+u8 DefCurLost(const LostCalc& calc, bool raw) noexcept {
+  const bool too_few = calc.real_recv_pkgs() < calc.min_pkgs() && calc.last_lost() < kLostTooFew;
+  return !raw && too_few ? kLostTooFew : calc.last_lost();
+}
+
+}  // namespace
+
+void RecoverySwitch::Init(SOCKET socket, u32 token, std::string_view guid, const AccInfo& acc_info,
+                          const ClientInfo& client_info, bool is_switch_session) noexcept {
   Reset();
-  switch_notifier_ = notifier;
   socket_ = socket;
   token_ = token;
-  acc_info_ = *acc_info;
+  acc_info_ = acc_info;
   game_id_ = GetAccConfig()->game_id;
   is_switch_session_ = is_switch_session;
   // One that is too long for a report would be left out of it.
   const std::string_view kept_guid = guid.size() < sizeof guid_ ? guid : std::string_view();
   common::SetFieldText(guid_, kept_guid);
-  client_info->Format(client_info_);
+  client_info.Format(client_info_);
   proxy_idc_ = acc_info_.proxy_idc;
   start_tick_ = last_report_tick_ = GetTickCount();
   enabled_ = IsAllowCalc();
@@ -132,6 +140,115 @@ void RecoverySwitch::DataLinkAddOneSendPkg(u32 seq) noexcept {
 
 void RecoverySwitch::SetUploadLost(u8 lost) noexcept {
   if (enabled_) data_link_upload_lost_ = lost;
+}
+
+// --- losses, in the forms that others ask for them ---
+
+u8 RecoverySwitch::DataLinkGetDefCurLost(bool raw) noexcept {
+  if (!enabled_) return 0;
+  const u8 lost = DefCurLost(data_link_, raw);
+  LSP_LOG(0, "[RecoverySwitch::DataLinkGetDefCurLost]%s, lost=%d, socket=%u, token=%u", "data_link",
+          lost, static_cast<u32>(socket_), token_);
+  return lost;
+}
+
+u8 RecoverySwitch::RealRouteGetDefCurLost(bool raw) noexcept {
+  if (!enabled_) return 0;
+  const u8 lost = DefCurLost(real_route_full_, raw);
+  LSP_LOG(0, "[RecoverySwitch::RealRouteGetDefCurLost]%s, lost=%d, socket=%u, token=%u",
+          "real_route", lost, static_cast<u32>(socket_), token_);
+  return lost;
+}
+
+u8 RecoverySwitch::GetCurLost(const LostCalc& calc, u8 upload_lost, bool is_real_route, u16 cycles,
+                              u32* need, u32* real, bool include_current) noexcept {
+  const u8 download_lost = calc.GetCurLost(cycles, need, real, include_current);
+  // Above 100 the node does not know its view, or told nonsense. A code in place of our own goes
+  // through as if it were a percentage, and comes out as it went in where the node's is 0.
+  const u8 full_lost = upload_lost > 100
+                           ? download_lost
+                           : static_cast<u8>(common::CombineLoss(upload_lost, download_lost));
+  LSP_LOG(0,
+          "[GetCurLost]%s, cycle_size=%d, download_lost=%d, upload_lost=%d, full_lost=%d, "
+          "need_recv_pkg=%u, real_recv_pkgs=%u,  socket=%u, token=%u",
+          is_real_route ? "real_route" : "data_link", cycles, download_lost, upload_lost, full_lost,
+          *need, *real, static_cast<u32>(socket_), token_);
+  return full_lost;
+}
+
+u8 RecoverySwitch::GetDataLinkShortLost(u32* need, u32* real, bool include_current) noexcept {
+  if (!enabled_) return kLostNeverComputed;
+  const u8 lost = GetCurLost(data_link_, data_link_upload_lost_, false, config_.short_cycle, need,
+                             real, include_current);
+  small_section_pack_ = *real;
+  small_section_lost_ = lost;
+  return lost;
+}
+
+u8 RecoverySwitch::GetDataLinkLongLost(u32* need, u32* real, bool include_current) noexcept {
+  if (!enabled_) return kLostNeverComputed;
+  const u8 lost = GetCurLost(data_link_, data_link_upload_lost_, false, config_.long_cycle, need,
+                             real, include_current);
+  full_section_pack_ = *real;
+  full_section_lost_ = lost;
+  return lost;
+}
+
+u8 RecoverySwitch::GetRealRouteShortLost(u32* need, u32* real, bool include_current) noexcept {
+  if (!enabled_) return kLostNeverComputed;
+  return GetCurLost(real_route_full_, 0, true, config_.short_cycle, need, real, include_current);
+}
+
+u8 RecoverySwitch::GetRealRouteLost(u32* need, u32* real, bool include_current) noexcept {
+  if (!enabled_) return kLostNeverComputed;
+  link_data_[0].lost =
+      GetCurLost(real_route_front_, 0, true, config_.long_cycle, need, real, include_current);
+  link_data_[0].recv = *real;
+  const u8 lost =
+      GetCurLost(real_route_full_, 0, true, config_.long_cycle, need, real, include_current);
+  link_data_[1].lost = lost;
+  link_data_[1].recv = *real;
+  return lost;
+}
+
+// --- the thresholds ------------------------------------------------------------------------------
+
+void RecoverySwitchConfig::ReadConfig(bool is_switch_session) noexcept {
+  const AccConfig& config = *GetAccConfig();
+  short_cycle = thresholds::ShortCycle(config);
+  long_cycle = thresholds::LongCycle(config);
+  max_delay_amp = thresholds::MaxDelayAmp(config, is_switch_session);
+  max_delay_avg = thresholds::MaxDelayAvg(config, is_switch_session);
+  max_real_route_lost_ = thresholds::MaxRealRouteLost(config, is_switch_session);
+  lost_calc_unit_size = thresholds::LostCalcUnitSize(config);
+  max_link_except_rep_num = config.max_link_except_rep_num;
+  link_switch_min_inter = thresholds::LinkSwitchMinInterMs(config);
+  max_link_switch_count = config.max_link_switch_count;
+  data_link_short_cycle_pkg_ = thresholds::DataLinkShortCyclePkg(config);
+  data_link_short_cycle_lost = thresholds::DataLinkShortCycleLost(config);
+  data_link_long_cycle_pkg_ = thresholds::DataLinkLongCyclePkg(config);
+  data_link_long_cycle_lost_ = thresholds::DataLinkLongCycleLost(config);
+}
+
+void RecoverySwitchConfig::Format(char (&text)[kTextSize]) const noexcept {
+  std::snprintf(text, sizeof text,
+                "short_cycle              =%u"
+                ", long_cycle             =%u"
+                ", max_delay_amp          =%u"
+                ", max_delay_avg          =%u"
+                ", lost_calc_unit_size    =%u"
+                ", max_link_except_rep_num=%u"
+                ", link_switch_min_inter  =%u"
+                ", max_link_switch_count  =%u"
+                ", data_link_short_cycle_pkg_%u"
+                ", data_link_short_cycle_lost%u"
+                ", data_link_long_cycle_pkg_%u"
+                ", data_link_long_cycle_lost_%u"
+                ", max_real_route_lost_%u",
+                u32{short_cycle}, u32{long_cycle}, max_delay_amp, max_delay_avg,
+                lost_calc_unit_size, max_link_except_rep_num, link_switch_min_inter,
+                max_link_switch_count, data_link_short_cycle_pkg_, data_link_short_cycle_lost,
+                data_link_long_cycle_pkg_, data_link_long_cycle_lost_, max_real_route_lost_);
 }
 
 }  // namespace moru_vyr::lsp

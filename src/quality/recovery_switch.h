@@ -1,24 +1,33 @@
 // The judge of the link to a node.
 //
 // It is fed with the numbers of the game data that the node sends, and of probes and their answers.
-// It reports trouble to the client program and, if that is allowed, asks its owner through
-// ISwitchEvent to move to another node. For a link on trial it gives the verdict instead.
+// It reports trouble to the client program and, if that is allowed, requests a switch to another
+// node.
 //
-// Owned by the session of the link, used by the worker thread alone. The notifier outlives it.
+// Owned by the watcher of the link, used by the worker thread alone.
 // While it is not enabled nothing here has any effect: reads of a current loss give 0, those of the
 // Get…Lost family kLostNeverComputed with the counts left as they are. Nothing throws.
 #pragma once
 #include <winsock2.h>
 
+#include <optional>
 #include <string_view>
 
+#include "abi/report_records.h"
 #include "common/types.h"
 #include "quality/link_identity.h"
 #include "quality/lost_calc.h"
 #include "quality/recovery_switch_config.h"
-#include "quality/switch_event.h"
 
 namespace moru_vyr::lsp {
+
+// What the watcher of a link asks its owner to do.
+enum class LinkRequest {
+  kNone,
+  kSwitch,  // the link is bad: move to another node
+  kAccept,  // the verdict on a link on trial
+  kReject,
+};
 
 // What is known of one section of the route. A loss may be a code, see lost_calc.h.
 struct LinkDataSet {
@@ -36,9 +45,12 @@ class RecoverySwitch {
 
   // Starts judging a link, if that is allowed. Called again after a switch, it keeps the counts of
   // reports and of switches, the time of the last switch and the slots of what was measured.
-  void Init(ISwitchEvent* notifier, SOCKET socket, u32 token, std::string_view guid,
-            const AccInfo* acc_info, const ClientInfo* client_info,
-            bool is_switch_session) noexcept;
+  void Init(SOCKET socket, u32 token, std::string_view guid, const AccInfo& acc_info,
+            const ClientInfo& client_info, bool is_switch_session) noexcept;
+
+  // From now on it only reports. Nothing in the product calls this: each link has a session that
+  // takes requests.
+  void HasNoOwner() noexcept { has_owner_ = false; }
 
   // The timer's step. False: no check is to be made.
   bool OnUpdate() noexcept;
@@ -62,12 +74,20 @@ class RecoverySwitch {
 
   // The node's view of what we send.
   void SetUploadLost(u8 lost) noexcept;
-  // True when the delays were so high that a report was due.
+  // True when the delays are so high that a report is due; never for a link on trial.
   bool UpdateDelayValue(u32 delay_amp, u32 delay_avg, u8 relay_idx) noexcept;
-  // Judges the loss that the last GetRealRouteLost found.
-  void TryFireRealRouteLost() noexcept;
+  // Whether the loss that the last GetRealRouteLost found is too high.
+  std::optional<bool> TryFireRealRouteLost() noexcept;
+  // Reports trouble, unless reports are held back: to the client program, or as kSwitch, which must
+  // be answered before the next call.
+  LinkRequest Report() noexcept;
+  const RecoverySwitchRecord& report() const noexcept { return report_; }
+  // Whether the switch has begun. If not, its report is submitted now.
+  void SwitchAnswered(bool begun) noexcept;
   // Puts the figures into the socket's statistics.
   void UpdateRecoveryInfo() noexcept;
+
+  const RecoverySwitchConfig& config() const noexcept { return config_; }
 
  private:
   void Reset() noexcept;
@@ -80,10 +100,9 @@ class RecoverySwitch {
                 u32* real, bool include_current) noexcept;
   // Kept: true means that the report must be held back, which is the opposite of the name.
   bool IsBelowReportLimit() noexcept;
-  void Report() noexcept;
-  void FillRecord(RecoverySwitchRecord* record) noexcept;
+  void FillReport() noexcept;
+  void SubmitReport() noexcept;
   bool IsAllowSwitch() noexcept;
-  bool DoSwitch(const RecoverySwitchRecord* record) noexcept;
 
   LostCalc real_route_front_;  // probes, answered by the first of two relays
   LostCalc real_route_full_;   // probes, answered by the last relay
@@ -91,11 +110,11 @@ class RecoverySwitch {
   u32 start_tick_ = 0;
   u32 last_report_tick_ = 0;
   RecoverySwitchConfig config_;
-  ISwitchEvent* switch_notifier_ = nullptr;
   u8 data_link_upload_lost_ = 0;
   SOCKET socket_ = INVALID_SOCKET;
   u32 token_ = 0;
   bool enabled_ = false;
+  bool has_owner_ = true;
   bool is_switch_session_ = false;
   u64 game_id_ = 0;
   LinkDataSet link_data_[2];  // up to the first relay; the whole route
@@ -106,7 +125,8 @@ class RecoverySwitch {
   u32 full_section_lost_ = 0;
   u32 need_switch_ = 0;
   u32 switch_result_ = 0;
-  u32 calc_count_ = 0;  // reports made
+  u32 calc_count_ = 0;           // reports made
+  RecoverySwitchRecord report_;  // the last one
   u32 proxy_idc_ = 0;
   char guid_[37] = {};
   char switch_condition_[kLinkTextSize] = {};

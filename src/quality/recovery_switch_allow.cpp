@@ -99,7 +99,7 @@ bool RecoverySwitch::IsBelowReportLimit() noexcept {
 
 bool RecoverySwitch::IsAllowSwitch() noexcept {
   const u32 socket = static_cast<u32>(socket_);
-  if (switch_notifier_ == nullptr) {
+  if (!has_owner_) {
     LSP_LOG(4, "IsAllowSwitch, switch_notifier_ pointer is null, socket=%u, token=%u", socket,
             token_);
     return false;

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <string_view>
 
-#include "abi/report_records.h"
 #include "common/log.h"
 #include "common/text.h"
 #include "quality/real_route_recent_cycle_data.h"
@@ -38,13 +37,11 @@ bool RecoverySwitch::UpdateDelayValue(u32 delay_amp, u32 delay_avg, u8 relay_idx
           "[RecoverySwitch::UpdateDelayValue]delay_amp=%d, delay_avg=%d, real_route_lost=%d, "
           "socket=%u, token=%u",
           delay_amp, delay_avg, section.lost, static_cast<u32>(socket_), token_);
-  if (is_switch_session_) return false;  // a link on trial is judged by its loss alone
-  Report();
-  return true;
+  return !is_switch_session_;  // a link on trial is judged by its loss alone
 }
 
-void RecoverySwitch::TryFireRealRouteLost() noexcept {
-  if (!enabled_) return;
+std::optional<bool> RecoverySwitch::TryFireRealRouteLost() noexcept {
+  if (!enabled_) return std::nullopt;
   const LinkDataSet& route = link_data_[1];
   // No answer at all leaves no range of numbers: that counts as loss.
   const bool is_loss = route.lost <= 100 || route.lost == kLostNoRange;
@@ -55,35 +52,45 @@ void RecoverySwitch::TryFireRealRouteLost() noexcept {
             "real_route_lost=%d, socket=%u, token=%u",
             route.delay_amp, route.delay_avg, route.lost, static_cast<u32>(socket_), token_);
   }
-  if (is_switch_session_ && switch_notifier_ != nullptr) {
-    switch_notifier_->NotifyVerifyResult(!fire);
-    return;
-  }
-  if (fire) Report();
+  return fire;
 }
 
-void RecoverySwitch::Report() noexcept {
-  if (IsBelowReportLimit()) return;
+LinkRequest RecoverySwitch::Report() noexcept {
+  if (IsBelowReportLimit()) return LinkRequest::kNone;
   last_report_tick_ = GetTickCount();
   ++calc_count_;
   if (link_type_ == 1) link_data_[0] = {};  // a single relay: there is no front section
-  RecoverySwitchRecord record;
-  FillRecord(&record);
-  bool fired = false;
-  if (IsAllowSwitch()) {
-    record.need_switch = 1;
-    fired = DoSwitch(&record);
-  }
-  // Where a switch has begun, its session reports, once it knows how it ended.
-  if (!fired) {
-    GetTracker().SubmitRecoverySwitch(&record);
-    LSP_LOG(0, "[RecoverySwitch::Report]%s, socket=%u, token=%u",
-            RecoveryRecordText(record).c_str(), static_cast<u32>(socket_), token_);
-  }
+  FillReport();
   Reset();
+  if (!IsAllowSwitch()) {
+    SubmitReport();
+    return LinkRequest::kNone;
+  }
+  report_.need_switch = 1;
+  LSP_LOG(0, "[RecoverySwitch]DoSwitch, count=%d, socket=%u, token=%u", switch_count_,
+          static_cast<u32>(socket_), token_);
+  return LinkRequest::kSwitch;
 }
 
-void RecoverySwitch::FillRecord(RecoverySwitchRecord* record) noexcept {
+// Where a switch has begun, its session reports, once it knows how it ended.
+void RecoverySwitch::SwitchAnswered(bool begun) noexcept {
+  if (!begun) {
+    SubmitReport();
+    return;
+  }
+  ++switch_count_;
+  last_switch_tick_ = GetTickCount();
+}
+
+void RecoverySwitch::SubmitReport() noexcept {
+  GetTracker().SubmitRecoverySwitch(&report_);
+  LSP_LOG(0, "[RecoverySwitch::Report]%s, socket=%u, token=%u", RecoveryRecordText(report_).c_str(),
+          static_cast<u32>(socket_), token_);
+}
+
+void RecoverySwitch::FillReport() noexcept {
+  report_ = {};
+  RecoverySwitchRecord* const record = &report_;
   record->used = 1;
   record->game_id = game_id_;
   record->data_link_small_section_pack = static_cast<i32>(small_section_pack_);
@@ -116,15 +123,6 @@ void RecoverySwitch::FillRecord(RecoverySwitchRecord* record) noexcept {
   SetWholeText(record->fe_be, text);
 }
 
-bool RecoverySwitch::DoSwitch(const RecoverySwitchRecord* record) noexcept {
-  LSP_LOG(0, "[RecoverySwitch]DoSwitch, count=%d, socket=%u, token=%u", switch_count_,
-          static_cast<u32>(socket_), token_);
-  if (!switch_notifier_->FireSwitch(record)) return false;
-  ++switch_count_;
-  last_switch_tick_ = GetTickCount();
-  return true;
-}
-
 void RecoverySwitch::UpdateRecoveryInfo() noexcept {
   if (!enabled_) return;
   if (link_type_ == 1) link_data_[0] = {};
@@ -137,6 +135,35 @@ void RecoverySwitch::UpdateRecoveryInfo() noexcept {
   LSP_LOG(0, "rs info=%s, link type=%d", text, link_type_);
   LSP_LOG(0, "rs recovery switch info=%s", text);
   GetTracker().SetRecoveryInfo(socket_, text);
+}
+
+RecoveryRecordText::RecoveryRecordText(const RecoverySwitchRecord& record) noexcept {
+  std::snprintf(text_, sizeof text_,
+                "game_id=%llu"
+                ", data_link_small_section_pack=%d"
+                ", data_link_small_section_lost=%d"
+                ", data_link_full_section_pack=%d"
+                ", data_link_full_section_lost=%d"
+                ", need_switch=%d"
+                ", switch_result=%d"
+                ", count=%d"
+                ", link type=%d"
+                ", proxy_idc=%d"
+                ", session_elapse_time=%u"
+                ", session_recv_pack=%d"
+                ", session_send_pack=%d"
+                ", guid=%s"
+                ", switch_condition=%s"
+                ", acc_info=%s"
+                ", client_info=%s"
+                ", fe_be=%s",
+                static_cast<unsigned long long>(record.game_id),
+                record.data_link_small_section_pack, record.data_link_small_section_lost,
+                record.data_link_full_section_pack, record.data_link_full_section_lost,
+                record.need_switch, record.is_switch_succ, record.count, record.link_type,
+                record.proxy_idc, record.elapse_time, record.total_recv_pack,
+                record.total_send_pack, record.guid, record.switch_condition, record.acc_info,
+                record.client_info, record.fe_be);
 }
 
 }  // namespace moru_vyr::lsp

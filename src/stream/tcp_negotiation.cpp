@@ -5,10 +5,7 @@
 #include <span>
 
 #include "common/log.h"
-#include "common/net_text.h"
 #include "common/unix_time.h"
-#include "route/decision.h"
-#include "tracker/tracker.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -80,9 +77,10 @@ int TcpNegotiation::ParseTcpNegotiation(AccDecisionInfo* decision, u32* reason) 
     *reason = kNegoBadBody;
     return -1;
   }
-  if (!CheckNegotiation(decision, reason)) return -1;
+  *reason = CheckNegotiation(NegoAsker::kTcp, socket_, token_, response_.body, decision);
+  if (*reason != 0) return -1;
   LSP_LOG(4, "[TCP]Negotiation is successful");
-  NegotiationSuccess();
+  LogNegotiated(NegoAsker::kTcp, response_, token_);
   return 0;
 }
 
@@ -124,49 +122,6 @@ int TcpNegotiation::RspTcpNegotiationHead() noexcept {
 int TcpNegotiation::RspTcpNegotiationBody() noexcept {
   int received = 0;
   return Receive(received_ + kHeaderSize, response_.header.pkg_len - kHeaderSize, &received);
-}
-
-bool TcpNegotiation::CheckNegotiation(AccDecisionInfo* decision, u32* reason) noexcept {
-  const NegoResponseBody& body = response_.body;
-  RouteProxyInfo& proxy = decision->selected_proxy;
-  const u32 client_isp = body.client_isp;
-  const u32 served_isps = proxy.surport_isps;
-  *reason = body.result;
-  if (*reason == 0 && (client_isp & served_isps) == 0) {
-    if (decision->acc_reason == kReasonForceAuto || decision->acc_reason == kReasonForceManual) {
-      LSP_LOG(5,
-              "[TCP]CheckNegotiation isp not support, but force accl, client_isp=%x, "
-              "support_isps=%x, socket=%Id, token=%u",
-              client_isp, served_isps, socket_, token_);
-    } else {
-      *reason = kNegoIspNotServed;
-      LSP_LOG(5,
-              "[TCP]CheckNegotiation isp not support, client_isp=%x, support_isps=%x, socket=%Id, "
-              "token=%u",
-              client_isp, served_isps, socket_, token_);
-    }
-  }
-  proxy.user_ip = htonl(body.client_ip);
-  proxy.user_isp = client_isp;
-  if (*reason != 0) return false;
-  GetTracker().RecordNegSuccess(socket_, client_isp, htonl(body.client_ip), body.last_node.node_id,
-                                htonl(body.last_node.ip), decision);
-  return true;
-}
-
-void TcpNegotiation::NegotiationSuccess() const noexcept {
-  const NegoResponseBody& body = response_.body;
-  // A shorter body has no last node.
-  const LastNodeInfo last_node = response_.header.version < 2 ? LastNodeInfo{} : body.last_node;
-  LSP_LOG(5,
-          "[TCP] TcpNegotiation, NegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
-          "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
-          "token=%u",
-          common::IpToString(htonl(body.accl_data_ip)).c_str(), u32{body.accl_data_port},
-          common::IpToString(htonl(body.client_ip)).c_str(), u32{body.client_isp},
-          u32{body.accl_token}, int{last_node.node_id},
-          common::IpToString(htonl(last_node.ip)).c_str(), int{last_node.port},
-          u32{last_node.accl_token}, token_);
 }
 
 }  // namespace moru_vyr::lsp

@@ -37,8 +37,6 @@ class TcpNegotiation {
   int Receive(u8* to, int size, int* received) noexcept;
   int RspTcpNegotiationHead() noexcept;
   int RspTcpNegotiationBody() noexcept;
-  bool CheckNegotiation(AccDecisionInfo* decision, u32* reason) noexcept;
-  void NegotiationSuccess() const noexcept;
 
   SOCKET socket_ = INVALID_SOCKET;  // of the last request that went out
   u32 token_ = 0;

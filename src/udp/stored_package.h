@@ -10,10 +10,13 @@
 
 namespace moru_vyr::lsp {
 
+// Means the link's socket at the time of sending, because it may change until then.
+inline constexpr SOCKET kOwnSocket = INVALID_SOCKET;
+
 struct StoredPackage {
   std::vector<u8> data;
   sockaddr_in addr = {};
-  bool to_local = false;  // through the socket that faces the game
+  SOCKET socket = kOwnSocket;  // to send through
 
   // Valid while this object is. Its data is never null, even without any bytes: an empty datagram
   // is sent too.
@@ -30,10 +33,10 @@ using StoredPackages = std::list<StoredPackage>;
 
 // Appends a copy. Without memory for it the datagram is lost, as any may be on the network.
 inline void Store(StoredPackages* packages, const void* data, u32 len, const sockaddr_in& addr,
-                  bool to_local) noexcept {
+                  SOCKET socket = kOwnSocket) noexcept {
   const u8* const bytes = static_cast<const u8*>(data);
   try {
-    packages->push_back({std::vector<u8>(bytes, bytes + len), addr, to_local});
+    packages->push_back({std::vector<u8>(bytes, bytes + len), addr, socket});
   } catch (...) {
   }
 }

@@ -1,4 +1,4 @@
-// The session's sockets, its course over time and its end.
+// The session's sockets and datagrams, its timer and its end. A steady flow allocates nothing.
 #include "udp/udp_remote_session.h"
 
 #include "common/log.h"
@@ -21,103 +21,202 @@ constexpr u32 kNegotiationLimitMs = 5000;
 
 UdpRemoteSession::UdpRemoteSession(UdpSession* session, const sockaddr_in& remote_addr,
                                    const sockaddr_in& local_addr)
-    : session_(session),
-      token_(session->token()),
-      remote_addr_(remote_addr),
-      local_addr_(local_addr),
-      remote_ip_(common::IpToString(remote_addr.sin_addr.s_addr)),
-      guid_(SessionGuid::Make()),
-      lost_calc_unit_size_(thresholds::LostCalcUnitSize(*GetAccConfig())),
-      data_link_short_cycle_pkg_(thresholds::DataLinkShortCyclePkg(*GetAccConfig())),
-      data_link_short_cycle_lost_(thresholds::DataLinkShortCycleLost(*GetAccConfig())),
-      data_link_long_cycle_pkg_(thresholds::DataLinkLongCyclePkg(*GetAccConfig())),
-      data_link_long_cycle_lost_(thresholds::DataLinkLongCycleLost(*GetAccConfig())),
-      max_real_route_lost_(thresholds::MaxRealRouteLost(*GetAccConfig())) {
+    : flow_{session, session->token(), remote_addr, local_addr, SessionGuid::Make()},
+      link_(flow_, false) {
+  const AccConfig& config = *GetAccConfig();
   LSP_LOG(5,
           "[UDP] UdpRemoteSession::UdpRemoteSession, data_link_short_cycle_pkg_=%d, "
           "data_link_short_cycle_lost_=%d, data_link_long_cycle_pkg_=%d, "
           "data_link_long_cycle_lost_=%d, max_real_route_lost_=%d",
-          static_cast<int>(data_link_short_cycle_pkg_),
-          static_cast<int>(data_link_short_cycle_lost_),
-          static_cast<int>(data_link_long_cycle_pkg_), static_cast<int>(data_link_long_cycle_lost_),
-          static_cast<int>(max_real_route_lost_));
+          static_cast<int>(thresholds::DataLinkShortCyclePkg(config)),
+          static_cast<int>(thresholds::DataLinkShortCycleLost(config)),
+          static_cast<int>(thresholds::DataLinkLongCyclePkg(config)),
+          static_cast<int>(thresholds::DataLinkLongCycleLost(config)),
+          static_cast<int>(thresholds::MaxRealRouteLost(config)));
 }
 
 UdpRemoteSession::~UdpRemoteSession() { ReleaseSock(); }
 
-bool UdpRemoteSession::Init(bool bind, u32 send_size, u32 recv_size) noexcept {
-  sock_send_buf_size_ = send_size;
-  sock_recv_buf_size_ = recv_size;
+bool UdpRemoteSession::Init(bool bind) noexcept {
+  const std::string remote_ip = common::IpToString(flow_.remote_addr.sin_addr.s_addr);
+  const u32 send_size = flow_.session->sock_send_buf_size();
+  const u32 recv_size = flow_.session->sock_recv_buf_size();
   LSP_LOG(0,
           "[UDP] UdpRemoteSession::Init, remote_ip=%s, sock_send_buf_size=%d, "
           "sock_recv_buf_size=%d, token=%u",
-          remote_ip_.c_str(), static_cast<int>(send_size), static_cast<int>(recv_size), token_);
-  local_sock_ = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-  if (local_sock_ == INVALID_SOCKET) {
-    const int error = WSAGetLastError();
-    LSP_LOG(5, "[UDP] UdpRemoteSession::Init socket error=%d, token=%u", error, token_);
+          remote_ip.c_str(), static_cast<int>(send_size), static_cast<int>(recv_size), flow_.token);
+  if (!link_.Open()) return false;
+  if (bind && !BindRandomPort(link_.sock(), false, &local_port_, false)) {
+    link_.Discard();
+    LSP_LOG(5, "[UDP] UdpRemoteSession::Init failed, remote_ip=%s, token=%u", remote_ip.c_str(),
+            flow_.token);
     return false;
   }
-  u_long on = 1;
-  if (ioctlsocket(local_sock_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
-    const int error = WSAGetLastError();
-    LSP_LOG(5, "[UDP] UdpRemoteSession::Init ioctlsocket , error=%d, token=%u", error, token_);
-  }
-  if (bind && !BindRandomPort(local_sock_, false, &local_port_, false)) {
-    closesocket(local_sock_);
-    local_sock_ = INVALID_SOCKET;
-    LSP_LOG(5, "[UDP] UdpRemoteSession::Init failed, remote_ip=%s, token=%u", remote_ip_.c_str(),
-            token_);
-    return false;
-  }
-  session_->provider()->SessionMgr()->AddSocket(local_sock_, this);
+  local_sock_ = link_.sock();
+  flow_.session->provider()->SessionMgr()->AddSocket(local_sock_, this);
   AdjustSocketBuff(local_sock_, send_size, recv_size);
-  GetTracker().AddToWatchList(local_sock_, kTrackUdp, token_);
-  remote_sock_ = local_sock_;
-  LSP_LOG(5, "[UDP] UdpRemoteSession::Init success, remote_ip=%s, token=%u", remote_ip_.c_str(),
-          token_);
+  GetTracker().AddToWatchList(local_sock_, kTrackUdp, flow_.token);
+  LSP_LOG(5, "[UDP] UdpRemoteSession::Init success, remote_ip=%s, token=%u", remote_ip.c_str(),
+          flow_.token);
   return true;
 }
 
 void UdpRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
-  if (state_ == UdpState::kNegotiating) {
-    if (nego_elapsed_ms_ < kNegotiationLimitMs) {
-      nego_elapsed_ms_ += elapsed_ms;
-    } else {
-      OnNegotiationFailed(kNegoTimedOut);
-    }
+  if (state_ == UdpState::kNegotiating && link_.IsAnswerOverdue(elapsed_ms, kNegotiationLimitMs)) {
+    OnNegotiationFailed(kNegoTimedOut);
   }
-  if (state_ == UdpState::kAccl && !closing_) speed_test_.StepSpeedTest();
-  CheckHighFreqTrigger(elapsed_ms);
-  if (switch_session_ == nullptr) return;
-  if (switch_session_->IsActive()) {
-    switch_session_->OnUpdate(elapsed_ms);
+  const bool probing = state_ == UdpState::kAccl && !closing_;
+  while (TakeUp(watch_.OnUpdate(elapsed_ms, probing))) {
+  }
+  if (trial_ == nullptr) return;
+  if (trial_->IsActive()) {
+    trial_->OnUpdate(elapsed_ms);
   } else {
-    switch_session_->SetClosing();
-    switch_session_.reset();
+    EndTrial();
   }
 }
 
 void UdpRemoteSession::SetClosing() noexcept {
-  speed_test_.Stop();
+  watch_.Stop();
   closing_ = true;
-  if (switch_session_ != nullptr) switch_session_->SetClosing();
+  if (trial_ != nullptr) trial_->SetClosing();
+}
+
+void UdpRemoteSession::OnWritable(SOCKET) noexcept {
+  if (link_.FlushBlockedPackages() && closing_) {
+    flow_.session->provider()->CloseSession(flow_.token);  // the end of this, too
+  }
+}
+
+void UdpRemoteSession::TellNodeOfEnd() noexcept {
+  if (state_ == UdpState::kAccl && !flow_.session->provider()->IsStopping()) link_.SendEnd();
 }
 
 void UdpRemoteSession::ReleaseSock() noexcept {
+  const SOCKET remote_sock = link_.sock();
   LSP_LOG(0, "UdpRemoteSession::ReleaseSock, remote_ip=%s, new_sock = %u, ori socket=%u, token=%u",
-          remote_ip_.c_str(), static_cast<u32>(remote_sock_), static_cast<u32>(local_sock_),
-          token_);
-  if (!session_->provider()->IsStopping()) SendEndToAccl();
-  IRelaySocketMgr* const mgr = session_->provider()->SessionMgr();
-  for (const SOCKET socket : {remote_sock_, local_sock_}) mgr->RemoveSocket(socket);
-  for (const SOCKET socket : {local_sock_, remote_sock_}) {
+          common::IpToString(flow_.remote_addr.sin_addr.s_addr).c_str(),
+          static_cast<u32>(remote_sock), static_cast<u32>(local_sock_), flow_.token);
+  TellNodeOfEnd();
+  IRelaySocketMgr* const mgr = flow_.session->provider()->SessionMgr();
+  for (const SOCKET socket : {remote_sock, local_sock_}) mgr->RemoveSocket(socket);
+  for (const SOCKET socket : {local_sock_, remote_sock}) {
     GetTracker().RemoveFromWatchList(socket);
   }
   if (local_sock_ != INVALID_SOCKET) CloseRelaySocket(local_sock_);
-  if (switched_ && remote_sock_ != INVALID_SOCKET) CloseRelaySocket(remote_sock_);
-  local_sock_ = INVALID_SOCKET;
-  remote_sock_ = INVALID_SOCKET;
+  if (remote_sock != local_sock_) CloseRelaySocket(remote_sock);
+}
+
+// --- datagrams: received once into a buffer, wrapped or unwrapped, and sent ----------------------
+
+void UdpRemoteSession::OnReadable(SOCKET socket) noexcept {
+  if (socket != local_sock_ && socket != link_.sock()) return;
+  DatagramBuffer buffer;
+  UdpPackage package;
+  while (link_.ReadPackage(socket, &buffer, &package)) {
+    if (SameAddress(package.addr, flow_.local_addr)) {
+      HandleGamePacket(package);
+    } else {
+      HandleRemotePacket(package);
+    }
+  }
+}
+
+void UdpRemoteSession::HandleGamePacket(const UdpPackage& package) noexcept {
+  UdpPackage addressed = package;
+  if (!flow_.session->send_queue()->FindAddrThenRemove(package.data, package.valid_len,
+                                                       &addressed.addr)) {
+    LSP_LOG(4, "FindPackageAddr failed, token=%u", flow_.token);
+    return;
+  }
+  // Another port of the same host stays here: a wrapped datagram names its own destination.
+  if (addressed.addr.sin_addr.s_addr != flow_.remote_addr.sin_addr.s_addr) {
+    flow_.session->RouteToRemoteSession(addressed);
+  } else {
+    HandleLocalPacket(addressed);
+  }
+}
+
+void UdpRemoteSession::HandleLocalPacket(const UdpPackage& package) noexcept {
+  if (state_ == UdpState::kInit) {
+    if (DecideAccl()) {
+      StartNegotiation();
+    } else {
+      state_ = UdpState::kDirect;
+    }
+  }
+  switch (state_) {
+    case UdpState::kInit:
+    case UdpState::kNegotiating:
+      Store(&cached_packages_, package.data, package.valid_len, package.addr);
+      break;
+    case UdpState::kAccl:
+      HandleAcclSend(package);
+      break;
+    case UdpState::kDirect:
+      link_.SendBare(package);
+      break;
+  }
+}
+
+void UdpRemoteSession::HandleAcclSend(const UdpPackage& package) noexcept {
+  const bool verified = trial_ != nullptr && trial_->IsVerified();
+  const bool sent =
+      verified ? trial_->SendData(package) : link_.SendData(package, watch_.LostToTell());
+  if (!sent) link_.SendBare(package);  // too long to wrap: past the node, to the game server
+}
+
+void UdpRemoteSession::HandleRemotePacket(const UdpPackage& package) noexcept {
+  switch (state_) {
+    case UdpState::kInit:
+      break;  // no node has been asked
+    case UdpState::kNegotiating:
+      HandleNegoRecv(package);
+      break;
+    case UdpState::kAccl:
+      if (UdpAcclHeader header; link_.IsFromNode(package) && link_.Unwrap(package, &header)) {
+        HandleAcclRecv(package, header);
+      }
+      break;
+    case UdpState::kDirect:
+      GetTracker().RecordRecv(local_sock_, package.valid_len, 0);
+      flow_.session->DeliverToGame(package);
+      break;
+  }
+}
+
+void UdpRemoteSession::HandleAcclRecv(const UdpPackage& package,
+                                      const UdpAcclHeader& header) noexcept {
+  if ((header.flags & kUdpAcclSpeedTest) != 0 && HandleReply(package)) return;
+  UdpPackage payload;
+  payload.data = package.data + header.head_len;
+  payload.capacity = payload.valid_len = package.valid_len - header.head_len;
+  payload.addr.sin_family = AF_INET;
+  payload.addr.sin_addr.s_addr = htonl(header.game_ip);
+  payload.addr.sin_port = htons(header.game_port);
+  LSP_LOG(0,
+          "[UDP] UnWrapUdpAcclPackage success, pack_len=%u, new_pack_len=%u,accl_data_addr=%s:%u, "
+          "token=%u",
+          package.valid_len, payload.valid_len,
+          common::IpToString(package.addr.sin_addr.s_addr).c_str(), ntohs(package.addr.sin_port),
+          flow_.token);
+  watch_.OnData(header.seq, header.lost);
+  GetTracker().RecordRecv(link_.sock(), payload.valid_len, 0);
+  flow_.session->DeliverToGame(payload);
+}
+
+// False if it is data, whatever its flags say.
+bool UdpRemoteSession::HandleReply(const UdpPackage& package) noexcept {
+  ProbeReply reply;
+  if (!watch_.ReadReply(package.data, package.valid_len, &reply)) return false;
+  while (TakeUp(watch_.OnReply(&reply))) {
+  }
+  link_.LogProbeAnswer();
+  return true;
+}
+
+void UdpRemoteSession::SendToGame(const UdpPackage& package) noexcept {
+  link_.SendThrough(local_sock_, package, flow_.local_addr);
 }
 
 }  // namespace moru_vyr::lsp

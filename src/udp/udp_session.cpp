@@ -52,7 +52,7 @@ UdpRemoteSession* UdpSession::CreateRemoteSession(const sockaddr_in& addr, bool 
   const u32 key = RemoteSessionKey(addr.sin_addr.s_addr, addr.sin_port);
   try {
     auto session = std::make_unique<UdpRemoteSession>(this, addr, local_addr_);
-    if (!session->Init(bind, sock_send_buf_size_, sock_recv_buf_size_)) return nullptr;
+    if (!session->Init(bind)) return nullptr;
     // Whoever asks for a new one has found none under the key.
     return remote_sessions_.try_emplace(key, std::move(session)).first->second.get();
   } catch (...) {
@@ -82,7 +82,7 @@ void UdpSession::DeliverToGame(const UdpPackage& package) noexcept {
   if (first_remote_session_ == nullptr) return;
   // A datagram is not passed on if the game could not learn its source.
   if (!recv_queue()->Push(package.data, package.valid_len, &package.addr)) return;
-  first_remote_session_->SendTo(package.data, package.valid_len, local_addr_, true, true);
+  first_remote_session_->SendToGame(package);
 }
 
 bool UdpSession::CanClose() noexcept {

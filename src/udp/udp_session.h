@@ -37,6 +37,8 @@ class UdpSession {
   bool GetRelayAddr(sockaddr_in* out) const noexcept;
 
   u32 token() const noexcept { return token_; }
+  u32 sock_send_buf_size() const noexcept { return sock_send_buf_size_; }
+  u32 sock_recv_buf_size() const noexcept { return sock_recv_buf_size_; }
   UdpProvider* provider() const noexcept { return provider_; }
   UdpPackageQueue* send_queue() const noexcept { return &queues_->send_queue; }
   UdpPackageQueue* recv_queue() const noexcept { return &queues_->recv_queue; }

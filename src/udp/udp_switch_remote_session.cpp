@@ -1,4 +1,3 @@
-// The trial's course: its start, its verdict, its end.
 #include "udp/udp_switch_remote_session.h"
 
 #include "common/log.h"
@@ -10,6 +9,7 @@
 #include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
 #include "udp/udp_provider.h"
+#include "udp/udp_remote_session.h"
 #include "udp/udp_session.h"
 
 namespace moru_vyr::lsp {
@@ -20,147 +20,204 @@ constexpr u32 kSocketBufferSize = 65536;
 
 }  // namespace
 
-UdpSwitchRemoteSession::UdpSwitchRemoteSession(UdpSession* session, const SessionGuid& guid,
-                                               const sockaddr_in& remote_addr,
-                                               const sockaddr_in& local_addr)
-    : session_(session),
-      token_(session->token()),
-      guid_(guid),
-      remote_addr_(remote_addr),
-      local_addr_(local_addr) {}
+UdpSwitchRemoteSession::UdpSwitchRemoteSession(UdpRemoteSession* parent, const UdpFlow& flow)
+    : parent_(*parent), flow_(flow), link_(flow, true) {}
 
 UdpSwitchRemoteSession::~UdpSwitchRemoteSession() { ReleaseSock(); }
 
-void UdpSwitchRemoteSession::Init(u32 send_size, u32 recv_size) noexcept {
-  const std::string remote_ip = common::IpToString(remote_addr_.sin_addr.s_addr);
+void UdpSwitchRemoteSession::Init() noexcept {
+  const std::string remote_ip = common::IpToString(flow_.remote_addr.sin_addr.s_addr);
   LSP_LOG(0,
           "[UDP] UdpSwitchRemoteSession::Init, remote_ip=%s, sock_send_buf_size=%d, "
           "sock_recv_buf_size=%d, token=%u",
-          remote_ip.c_str(), static_cast<int>(send_size), static_cast<int>(recv_size), token_);
-  sock_ = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-  if (sock_ == INVALID_SOCKET) {
-    const int error = WSAGetLastError();
-    LSP_LOG(5, "UdpSwitchRemoteSession::Init socket error=%d, token=%u", error, token_);
-    return;
-  }
-  u_long on = 1;
-  if (ioctlsocket(sock_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
-    const int error = WSAGetLastError();
-    LSP_LOG(5, "[UDP] UdpSwitchRemoteSession::Init ioctlsocket , error=%d, token=%u", error,
-            token_);
-  }
-  IRelaySocketMgr* const mgr = session_->provider()->SessionMgr();
+          remote_ip.c_str(), static_cast<int>(flow_.session->sock_send_buf_size()),
+          static_cast<int>(flow_.session->sock_recv_buf_size()), flow_.token);
+  if (!link_.Open()) return;
+  IRelaySocketMgr* const mgr = flow_.session->provider()->SessionMgr();
   if (mgr == nullptr) {
-    closesocket(sock_);
-    sock_ = INVALID_SOCKET;
+    link_.Discard();
     LSP_LOG(5, "[UDP] UdpSwitchRemoteSession::Init failed, remote_ip=%s, token=%u",
-            remote_ip.c_str(), token_);
+            remote_ip.c_str(), flow_.token);
     return;
   }
-  mgr->AddSocket(sock_, this);
-  AdjustSocketBuff(sock_, kSocketBufferSize, kSocketBufferSize);
-  GetTracker().AddToWatchList(sock_, kTrackUdp, token_);
+  mgr->AddSocket(link_.sock(), this);
+  AdjustSocketBuff(link_.sock(), kSocketBufferSize, kSocketBufferSize);
+  GetTracker().AddToWatchList(link_.sock(), kTrackUdp, flow_.token);
   LSP_LOG(5, "[UDP] UdpSwitchRemoteSession::Init success, remote_ip=%s, token=%u",
-          remote_ip.c_str(), token_);
+          remote_ip.c_str(), flow_.token);
 }
 
-void UdpSwitchRemoteSession::StartSwitch(const AccDecisionInfo& decision,
-                                         const SwitchProxyInfo& switch_route,
-                                         const LastNodeInfo& last_node,
-                                         const RecoverySwitchRecord& report,
-                                         ISwitchEvent* notifier) noexcept {
-  parent_notifier_ = notifier;
+// --- negotiation: one attempt with one node ------------------------------------------------------
+
+void UdpSwitchRemoteSession::StartSwitch(const AccDecisionInfo& decision, const AcclLinkInfo& left,
+                                         const RecoverySwitchRecord& report) noexcept {
   decision_ = decision;
   report_ = report;
-  accl_info_.switch_route = switch_route;
-  const u16 last_node_id = last_node.node_id;
-  if (!session_->provider()->SessionRoute()->MakeSwitchDecision(
-          &decision_, &accl_info_.switch_route, &last_node_id, token_)) {
+  link_.info().switch_route = left.switch_route;
+  const u16 last_node_id = left.last_node.node_id;
+  if (!flow_.session->provider()->SessionRoute()->MakeSwitchDecision(
+          &decision_, &link_.info().switch_route, &last_node_id, flow_.token)) {
     Finish(UdpSwitchState::kFailed, SwitchResult::kNoRoute);
-  } else if (!StartNegotiation(remote_addr_, last_node)) {
+  } else if (!StartNegotiation(left.last_node)) {
     Finish(UdpSwitchState::kFailed, SwitchResult::kNotAsked);
   }
 }
 
-void UdpSwitchRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
-  if (state_ == UdpSwitchState::kNegotiating) {
-    if (nego_elapsed_ms_ < kNegotiationLimitMs) {
-      nego_elapsed_ms_ += elapsed_ms;
-    } else {
-      OnNegotiationFailed(kNegoTimedOut);
-    }
-  }
-  // Kept: a judge that may not measure this node gives no verdict, and the trial has no other end.
-  if (state_ == UdpSwitchState::kVerifying && !closing_) speed_test_.StepSpeedTest();
-  recovery_.OnUpdate();
+// Whether the request has been sent. Kept: one that waits for room counts as failed, and is still
+// sent.
+bool UdpSwitchRemoteSession::StartNegotiation(const LastNodeInfo& last_node) noexcept {
+  state_ = UdpSwitchState::kNegotiating;
+  const RouteProxyInfo& proxy = decision_.selected_proxy;
+  LSP_LOG(5,
+          "[UDP] UdpSwitchRemoteSession::StartNegotiation, proxy_idc=%u, proxy_addr=%s:%u, "
+          "proxy_t1=%u, proxy_t2=%u, t1_lost=%u%%, game_idc=%d, last_node:(node_id=%d, ip=%s, "
+          "port=%d, accl_token=%u), socket=%Id, token=%u",
+          u32{proxy.proxy_idc}, ProxyAddrText(proxy).text, u32{proxy.proxy_port},
+          u32{proxy.section1_delay}, u32{proxy.section2_delay}, u32{proxy.section1_lost},
+          static_cast<int>(decision_.game_idc), int{last_node.node_id},
+          common::IpToString(htonl(last_node.ip)).c_str(), int{last_node.port},
+          u32{last_node.accl_token}, link_.sock(), flow_.token);
+  return link_.SendRequest(decision_, 0, &last_node) == 0;
 }
 
-// As the last probe of the burst leaves: its answer does not count any more.
+void UdpSwitchRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept {
+  NegoResponse response;
+  const std::optional<u32> reason = link_.TakeAnswer(package, &decision_, &response);
+  if (!reason) return;
+  if (*reason != 0) {
+    OnNegotiationFailed(*reason);
+    return;
+  }
+  state_ = UdpSwitchState::kVerifying;
+  client_info_ = DescribeClient(decision_, response.body.client_isp, response.body.client_ip);
+  link_.StartWatch(&watch_, decision_, client_info_);
+}
+
+void UdpSwitchRemoteSession::OnNegotiationFailed(u32 reason) noexcept {
+  LSP_LOG(5, "UdpSwitchRemoteSession::OnNegotiationFailed, reason=%u, token=%u", reason,
+          flow_.token);
+  link_.RecordNegFailed(reason, decision_, 1);
+  Finish(UdpSwitchState::kFailed, SwitchResult::kNegotiationFailed);
+}
+
+// --- verification --------------------------------------------------------------------------------
+
+void UdpSwitchRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
+  if (state_ == UdpSwitchState::kNegotiating &&
+      link_.IsAnswerOverdue(elapsed_ms, kNegotiationLimitMs)) {
+    OnNegotiationFailed(kNegoTimedOut);
+  }
+  // Kept: a watcher that may not measure this node gives no verdict, and nothing else ends the
+  // trial.
+  const bool probing = state_ == UdpSwitchState::kVerifying && !closing_;
+  for (LinkRequest verdict;
+       (verdict = watch_.OnUpdate(elapsed_ms, probing)) != LinkRequest::kNone;) {
+    NotifyVerifyResult(verdict == LinkRequest::kAccept);
+  }
+}
+
 void UdpSwitchRemoteSession::NotifyVerifyResult(bool ok) noexcept {
   LSP_LOG(5,
           "[UDP] UdpSwitchRemoteSession::NotifyVerifyResult, Verifying result=%s, socket=%u, "
           "token=%u",
-          ok ? "succeeded" : "failed", static_cast<u32>(sock_), token_);
+          ok ? "succeeded" : "failed", static_cast<u32>(link_.sock()), flow_.token);
   if (!ok) {
     Finish(UdpSwitchState::kFailed, SwitchResult::kVerificationFailed);
   } else if (GetAccConfig()->game_link_switch_open != 0) {
     state_ = UdpSwitchState::kVerified;
-    parent_notifier_->NotifySwitchState(kSwitchVerified);
+    parent_.OnVerified();
   } else {
     LSP_LOG(5,
             "UdpSwitchRemoteSession::NotifyVerifyResult, game_link switch is not open, socket=%u, "
             "token=%u",
-            static_cast<u32>(sock_), token_);
+            static_cast<u32>(link_.sock()), flow_.token);
     Finish(UdpSwitchState::kDone, SwitchResult::kNotOpen);
   }
 }
 
-void UdpSwitchRemoteSession::Finish(UdpSwitchState state, SwitchResult result) noexcept {
-  state_ = state;
-  ReportSwitchResult(result);
+// --- the game's datagrams ------------------------------------------------------------------------
+
+void UdpSwitchRemoteSession::OnReadable(SOCKET socket) noexcept {
+  if (socket != link_.sock()) return;
+  DatagramBuffer buffer;
+  UdpPackage package;
+  // The link may be given away while it is being read.
+  while (!link_.IsGivenAway() && link_.ReadPackage(socket, &buffer, &package)) {
+    if (SameAddress(package.addr, flow_.local_addr)) continue;
+    if (state_ == UdpSwitchState::kNegotiating) {
+      HandleNegoRecv(package);
+    } else if (state_ == UdpSwitchState::kVerifying || state_ == UdpSwitchState::kVerified) {
+      HandleAcclRecv(package);
+    }
+  }
 }
 
-void UdpSwitchRemoteSession::ReportSwitchResult(SwitchResult result) noexcept {
+// Kept: also during the verification, and then the parent takes over a link that it has not been
+// told of.
+void UdpSwitchRemoteSession::HandleAcclRecv(const UdpPackage& package) noexcept {
+  UdpAcclHeader header;
+  if (!link_.IsFromNode(package) || !link_.Unwrap(package, &header)) return;
+  if ((header.flags & kUdpAcclSpeedTest) != 0 && HandleReply(package)) return;
+  parent_.TakeOver(package, header);
+  Finish(UdpSwitchState::kDone, SwitchResult::kTakenOver);
+}
+
+// False if it is data, whatever its flags say.
+bool UdpSwitchRemoteSession::HandleReply(const UdpPackage& package) noexcept {
+  ProbeReply reply;
+  if (!watch_.ReadReply(package.data, package.valid_len, &reply)) return false;
+  watch_.OnReply(&reply);
+  link_.LogProbeAnswer();
+  return true;
+}
+
+void UdpSwitchRemoteSession::OnWritable(SOCKET) noexcept {
+  if (link_.FlushBlockedPackages() && closing_) {
+    flow_.session->provider()->CloseSession(flow_.token);  // the end of this, too
+  }
+}
+
+// --- the end -------------------------------------------------------------------------------------
+
+ClientInfo UdpSwitchRemoteSession::HandOver(NodeLink* link, AccDecisionInfo* decision) noexcept {
+  LSP_LOG(5, "[UDP] UdpSwitchRemoteSession::DetachSock, socket=%u, token=%u",
+          static_cast<u32>(link_.sock()), flow_.token);
+  link->Adopt(&link_);
+  *decision = decision_;
+  return client_info_;
+}
+
+void UdpSwitchRemoteSession::Finish(UdpSwitchState state, SwitchResult result) noexcept {
+  state_ = state;
   report_.is_switch_succ = static_cast<i32>(result);
   GetTracker().SubmitRecoverySwitch(&report_);
   LSP_LOG(0, "[UdpSwitchRemoteSession::ReportSwitchResult]%s, socket=%u, token=%u",
-          RecoveryRecordText(report_).c_str(), static_cast<u32>(sock_), token_);
+          RecoveryRecordText(report_).c_str(), static_cast<u32>(link_.sock()), flow_.token);
 }
 
 bool UdpSwitchRemoteSession::IsActive() const noexcept {
-  if (state_ == UdpSwitchState::kFailed || state_ == UdpSwitchState::kDone) return false;
-  return sock_ != 0;
+  return state_ != UdpSwitchState::kFailed && state_ != UdpSwitchState::kDone;
 }
 
 void UdpSwitchRemoteSession::SetClosing() noexcept {
-  speed_test_.Stop();
+  watch_.Stop();
   closing_ = true;
-}
-
-void UdpSwitchRemoteSession::DetachSock() noexcept {
-  LSP_LOG(5, "[UDP] UdpSwitchRemoteSession::DetachSock, socket=%u, token=%u",
-          static_cast<u32>(sock_), token_);
-  sock_ = 0;
-}
-
-void UdpSwitchRemoteSession::TakeOver(AccDecisionInfo* decision, UdpPackage* package,
-                                      StoredPackages* blocked, ClientInfo* client_info) noexcept {
-  *decision = decision_;
-  *package = recv_package_;
-  blocked_packages_.swap(*blocked);
-  *client_info = client_info_;
 }
 
 void UdpSwitchRemoteSession::ReleaseSock() noexcept {
   LSP_LOG(0, "[UDP] UdpSwitchRemoteSession::ReleaseSock, remote_ip=%s, socket=%u, token=%u",
-          common::IpToString(remote_addr_.sin_addr.s_addr).c_str(), static_cast<u32>(sock_),
-          token_);
-  if (sock_ == 0) return;
-  if (!session_->provider()->IsStopping()) SendEndToAccl();
-  if (IRelaySocketMgr* const mgr = session_->provider()->SessionMgr()) mgr->RemoveSocket(sock_);
-  GetTracker().RemoveFromWatchList(sock_);
-  CloseRelaySocket(sock_);
-  sock_ = 0;
+          common::IpToString(flow_.remote_addr.sin_addr.s_addr).c_str(),
+          static_cast<u32>(link_.sock()), flow_.token);
+  if (link_.IsGivenAway()) return;
+  if (IsActive() && state_ != UdpSwitchState::kInit && !flow_.session->provider()->IsStopping()) {
+    link_.info().seq = AcclLinkInfo{}.seq;  // Kept: what the parent has sent does not count
+    link_.SendEnd();
+  }
+  if (IRelaySocketMgr* const mgr = flow_.session->provider()->SessionMgr()) {
+    mgr->RemoveSocket(link_.sock());
+  }
+  GetTracker().RemoveFromWatchList(link_.sock());
+  CloseRelaySocket(link_.sock());
 }
 
 }  // namespace moru_vyr::lsp

@@ -22,7 +22,7 @@ sim::Options TickStart(u32 tick) {
   return options;
 }
 
-bool Trouble(LinkJudge& link) { return link.judge.UpdateDelayValue(1000, 0, 0); }
+bool Trouble(LinkJudge& link) { return link.JudgesDelay(1000, 0, 0); }
 
 SCENARIO(LinkJudge, ReportsAtLeastAWindowApartAndAfterTheStart) {
   LinkJudge link(0);

@@ -1,6 +1,5 @@
-// How a flow ends while another node is on trial, and what happens when news of a trial reaches a
-// flow that has none. At stake: every node that still holds the flow is told, once, and no socket
-// is left behind.
+// How a flow ends while another node is on trial, and after a trial. At stake: every node that
+// still holds the flow is told, once, and no socket is left behind.
 #include "tests/scenario/switch_world.h"
 //
 #include "port/shared/faults.h"
@@ -19,7 +18,8 @@ class SwitchEnd : public SwitchWorld {
   }
   void ExpectNothingLeft() {
     for (const auto& [socket, delegate] : loop.delegates) {
-      EXPECT_EQ(dynamic_cast<ISwitchEvent*>(delegate), nullptr) << socket;
+      EXPECT_EQ(dynamic_cast<UdpRemoteSession*>(delegate), nullptr) << socket;
+      EXPECT_EQ(dynamic_cast<UdpSwitchRemoteSession*>(delegate), nullptr) << socket;
     }
   }
 };
@@ -178,35 +178,6 @@ SCENARIO_F(SwitchEnd, AFlowThatHasMovedClosesBothItsSockets) {
     int size = sizeof name;
     EXPECT_EQ(ErrorOf(getsockname(socket, Raw(name), &size)), WSAENOTSOCK);
   }
-}
-
-// --- the parent's ear -------------------------------------------------------------------------
-
-SCENARIO_F(SwitchEnd, NewsWithoutOneChangeNothing) {
-  IsCarried();
-  flow->NotifySwitchState(kSwitchVerified);
-  flow->NotifySwitchState(kSwitchTakenOver);
-  EXPECT_FALSE(Logged("NotifySwitchState"));
-  GameSends("on");
-  Turn();
-  EXPECT_EQ(a.TakenData(), "on");
-}
-
-SCENARIO_F(SwitchEnd, NewsOfASocketThatHasBeenGivenAwayChangeNothing) {
-  IsCarried();
-  IsVerified();
-  const SOCKET new_sock = TrialSocket();
-  b.SendsData("proof");
-  loop.delegates[new_sock]->OnReadable(new_sock);
-  ASSERT_EQ(Results(), "0");
-  // It has ended and is not cleared away yet.
-  b.Takes();
-  flow->NotifySwitchState(kSwitchTakenOver);
-  EXPECT_EQ(Count("UdpRemoteSession::ReplaceSock"), 1);
-  EXPECT_EQ(b.TakenEnds(), 0);
-  GameSends("on");
-  Turn();
-  EXPECT_EQ(b.TakenData(), "on");
 }
 
 }  // namespace

@@ -287,7 +287,7 @@ bool SwitchWorld::Fires() {
   report.game_id = 7;
   report.need_switch = 1;
   report.count = 3;
-  return flow->FireSwitch(&report);
+  return flow->FireSwitch(report);
 }
 
 UdpSwitchRemoteSession* SwitchWorld::Trial() const {

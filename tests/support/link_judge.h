@@ -1,5 +1,5 @@
-// A judge of a link with everything that it needs enabled, and an owner that records what it is
-// asked. Tests change `config` and `acc`, then call Start.
+// A judge of a link with everything that it needs enabled, and an owner that records what is
+// requested. Tests change `config` and `acc`, then call Start.
 #pragma once
 #include <winsock2.h>
 //
@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,18 +21,9 @@
 
 namespace test {
 
-class Owner : public moru_vyr::lsp::ISwitchEvent {
- public:
-  bool FireSwitch(const moru_vyr::lsp::RecoverySwitchRecord* report) noexcept override {
-    fired.push_back(*report);
-    return accepts;
-  }
-  void NotifyVerifyResult(bool ok) noexcept override { verdicts.push_back(ok); }
-  void NotifySwitchState(int) noexcept override { ADD_FAILURE() << "not the judge's to say"; }
-
+struct Owner {
   bool accepts = true;
   std::vector<moru_vyr::lsp::RecoverySwitchRecord> fired;
-  std::vector<bool> verdicts;
 };
 
 // Until the tick count has moved by so much: it may move in steps of 16 ms.
@@ -76,8 +68,27 @@ class LinkJudge {
   // Whether it judges.
   bool Start(bool on_trial = false, bool with_owner = true) {
     moru_vyr::lsp::ReplaceAccConfig(config);
-    judge.Init(with_owner ? &owner : nullptr, socket, kToken, kGuid, &acc, &client, on_trial);
+    if (!with_owner) judge.HasNoOwner();
+    judge.Init(socket, kToken, kGuid, acc, client, on_trial);
     return judge.RealRouteGetDefCurLost(true) != 0;  // one that does not judge answers 0
+  }
+  // What the owner does with a request: whether there was one.
+  bool TakesUp(moru_vyr::lsp::LinkRequest request) {
+    if (request != moru_vyr::lsp::LinkRequest::kSwitch) return false;
+    owner.fired.push_back(judge.report());
+    judge.SwitchAnswered(owner.accepts);
+    return true;
+  }
+  // Judges the loss that was last read, and the delays that are given.
+  std::optional<bool> JudgesLoss() {
+    const std::optional<bool> lost = judge.TryFireRealRouteLost();
+    if (lost.value_or(false)) TakesUp(judge.Report());
+    return lost;
+  }
+  bool JudgesDelay(common::u32 amp, common::u32 avg, common::u8 relay_idx) {
+    const bool high = judge.UpdateDelayValue(amp, avg, relay_idx);
+    if (high) TakesUp(judge.Report());
+    return high;
   }
   // Past the time in which no report is made.
   void PassReportLimit() const { Pass(config.long_cycle * kUnit); }

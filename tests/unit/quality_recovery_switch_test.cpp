@@ -146,10 +146,9 @@ TEST(RecoverySwitch, DoesNothingWhileItDoesNotJudge) {
   EXPECT_EQ(real, 6u);
   link.PassReportLimit();
   EXPECT_FALSE(judge.UpdateDelayValue(1000, 1000, 0));
-  judge.TryFireRealRouteLost();
+  EXPECT_EQ(judge.TryFireRealRouteLost(), std::nullopt);
   judge.UpdateRecoveryInfo();
   EXPECT_TRUE(link.owner.fired.empty());
-  EXPECT_TRUE(link.owner.verdicts.empty());
   EXPECT_EQ(log.Text(), "");
 }
 
@@ -161,7 +160,7 @@ TEST(RecoverySwitch, WithNoReportAllowedNothingIsEverChecked) {
   EXPECT_FALSE(link.judge.OnUpdate());
   EXPECT_TRUE(log.Contains("RecoverySwitch::OnUpdate, reach to the limit."));
   link.PassReportLimit();
-  EXPECT_TRUE(link.judge.UpdateDelayValue(1000, 1000, 0));
+  EXPECT_TRUE(link.JudgesDelay(1000, 1000, 0));
   EXPECT_TRUE(link.owner.fired.empty());
   EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 0);
 }
@@ -189,7 +188,7 @@ TEST(RecoverySwitch, HighDelaysMakeItReport) {
     link.config.max_delay_avg = 70;
     ASSERT_TRUE(link.Start());
     link.PassReportLimit();
-    EXPECT_EQ(link.judge.UpdateDelayValue(amp, avg, relay_idx), reports) << amp << " " << avg;
+    EXPECT_EQ(link.JudgesDelay(amp, avg, relay_idx), reports) << amp << " " << avg;
     EXPECT_EQ(link.owner.fired.size(), reports ? 1u : 0u) << amp << " " << avg;
   }
 }
@@ -198,9 +197,8 @@ TEST(RecoverySwitch, ALinkOnTrialIsNotJudgedByItsDelay) {
   LinkJudge link;
   ASSERT_TRUE(link.Start(true));
   link.PassReportLimit();
-  EXPECT_FALSE(link.judge.UpdateDelayValue(1000, 1000, 0));
+  EXPECT_FALSE(link.JudgesDelay(1000, 1000, 0));
   EXPECT_TRUE(link.owner.fired.empty());
-  EXPECT_TRUE(link.owner.verdicts.empty());
 }
 
 TEST(RecoverySwitch, LossOfProbesFiresFromItsThresholdOn) {
@@ -216,7 +214,7 @@ TEST(RecoverySwitch, LossOfProbesFiresFromItsThresholdOn) {
     ASSERT_TRUE(link.Start());
     link.PassReportLimit();
     EXPECT_EQ(link.Probe(sent, answered), lost);  // the first probe is the base
-    link.judge.TryFireRealRouteLost();
+    link.JudgesLoss();
     EXPECT_EQ(link.owner.fired.size(), fires ? 1u : 0u) << lost;
   }
 }
@@ -227,7 +225,7 @@ TEST(RecoverySwitch, ARouteOfWhichNothingIsKnownFiresToo) {
   ASSERT_TRUE(link.Start());
   link.PassReportLimit();
   EXPECT_EQ(link.RealRouteLost(false), 102);
-  link.judge.TryFireRealRouteLost();
+  link.JudgesLoss();
   EXPECT_EQ(link.owner.fired.size(), 1u);
 
   LinkJudge patient;
@@ -235,7 +233,7 @@ TEST(RecoverySwitch, ARouteOfWhichNothingIsKnownFiresToo) {
   ASSERT_TRUE(patient.Start());
   patient.PassReportLimit();
   EXPECT_EQ(patient.RealRouteLost(false), 102);
-  patient.judge.TryFireRealRouteLost();
+  patient.JudgesLoss();
   EXPECT_TRUE(patient.owner.fired.empty());
 }
 
@@ -243,21 +241,18 @@ TEST(RecoverySwitch, WithoutAReadingThereIsNoLoss) {
   LinkJudge link;
   ASSERT_TRUE(link.Start());
   link.PassReportLimit();
-  link.judge.TryFireRealRouteLost();  // what the last reading found, and there was none: 0
+  link.JudgesLoss();  // what the last reading found, and there was none: 0
   EXPECT_TRUE(link.owner.fired.empty());
 }
 
-TEST(RecoverySwitch, GivesItsVerdictOnALinkOnTrial) {
+TEST(RecoverySwitch, JudgesALinkOnTrialByALimitOfItsOwn) {
   LinkJudge link;
   link.config.switching_max_real_route_lost = 30;
   ASSERT_TRUE(link.Start(true));
   EXPECT_EQ(link.Probe(5, 3), 25);  // four expected; the last has always just left
-  link.judge.TryFireRealRouteLost();
-  EXPECT_EQ(link.owner.verdicts, std::vector<bool>{true});
+  EXPECT_EQ(link.judge.TryFireRealRouteLost(), false);
   EXPECT_EQ(link.Probe(1, 0), 40);
-  link.judge.TryFireRealRouteLost();
-  EXPECT_EQ(link.owner.verdicts, (std::vector<bool>{true, false}));
-  EXPECT_TRUE(link.owner.fired.empty());
+  EXPECT_EQ(link.judge.TryFireRealRouteLost(), true);
 }
 
 // With the default of 1 percent no node can pass: the verdict falls as the last probe leaves.
@@ -265,18 +260,7 @@ TEST(RecoverySwitch, ByDefaultEveryLinkOnTrialFails) {
   LinkJudge link;
   ASSERT_TRUE(link.Start(true));
   EXPECT_EQ(link.Probe(5, 3), 25);
-  link.judge.TryFireRealRouteLost();
-  EXPECT_EQ(link.owner.verdicts, std::vector<bool>{false});
-}
-
-TEST(RecoverySwitch, WithoutAnOwnerALinkOnTrialReports) {
-  LinkJudge link(0);
-  ASSERT_TRUE(link.Start(true, false));
-  link.PassReportLimit();
-  LogCapture log;
-  link.Probe(5, 0);
-  link.judge.TryFireRealRouteLost();
-  EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 1);
+  EXPECT_EQ(link.judge.TryFireRealRouteLost(), true);
 }
 
 TEST(RecoverySwitch, SaysWhyItDoesNotSwitch) {
@@ -308,7 +292,7 @@ TEST(RecoverySwitch, SaysWhyItDoesNotSwitch) {
     link.PassReportLimit();
     LogCapture log;
     link.Probe(5, 0);
-    link.judge.TryFireRealRouteLost();
+    link.JudgesLoss();
     const std::string text = log.Text();
     EXPECT_NE(text.find(refused.line), std::string::npos) << refused.line << "\n" << text;
     EXPECT_EQ(CountOf("switching", text), CountOf("switching", refused.line));  // no other reason
@@ -325,7 +309,7 @@ TEST(RecoverySwitch, ADiagnosticProcessMaySwitchWhateverIsOpen) {
   ASSERT_TRUE(link.Start());
   link.PassReportLimit();
   link.Probe(5, 0);
-  link.judge.TryFireRealRouteLost();
+  link.JudgesLoss();
   EXPECT_EQ(link.owner.fired.size(), 1u);
 }
 
@@ -336,7 +320,7 @@ TEST(RecoverySwitch, LeavesTheReportToTheSwitchThatItStarted) {
   link.PassReportLimit();
   LogCapture log;
   link.Probe(5, 0);
-  link.judge.TryFireRealRouteLost();
+  link.JudgesLoss();
   ASSERT_EQ(link.owner.fired.size(), 1u);
   EXPECT_EQ(link.owner.fired[0].need_switch, 1);
   EXPECT_EQ(link.owner.fired[0].is_switch_succ, 0);
@@ -349,7 +333,7 @@ TEST(RecoverySwitch, LeavesTheReportToTheSwitchThatItStarted) {
   // And not again for half a minute; that one is its own to report.
   link.PassReportLimit();
   link.Probe(5, 0);
-  link.judge.TryFireRealRouteLost();
+  link.JudgesLoss();
   EXPECT_EQ(link.owner.fired.size(), 1u);
   EXPECT_TRUE(
       log.Contains("[RecoverySwitch]switching could not happen within 30000ms, "
@@ -365,7 +349,7 @@ TEST(RecoverySwitch, ReportsASwitchThatCouldNotStartAndMayTryAgainAtOnce) {
   for (int i = 1; i <= 2; ++i) {
     link.PassReportLimit();
     link.Probe(5, 0);
-    link.judge.TryFireRealRouteLost();
+    link.JudgesLoss();
     EXPECT_EQ(link.owner.fired.size(), static_cast<std::size_t>(i));
     EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), i);
   }
@@ -389,9 +373,9 @@ TEST(RecoverySwitch, FillsTheWholeRecord) {
   EXPECT_EQ(link.Probe(11, 4, 2), 60);
   link.judge.RealRouteAddOneRecvPkg(3, 1);
   EXPECT_EQ(link.RealRouteLost(), 60);
-  link.judge.UpdateDelayValue(5, 6, 1);
-  link.judge.UpdateDelayValue(7, 8, 2);
-  link.judge.TryFireRealRouteLost();
+  link.JudgesDelay(5, 6, 1);
+  link.JudgesDelay(7, 8, 2);
+  link.JudgesLoss();
   ASSERT_EQ(link.owner.fired.size(), 1u);
   const RecoverySwitchRecord& record = link.owner.fired[0];
   EXPECT_EQ(record.used, 1);
@@ -419,11 +403,10 @@ TEST(RecoverySwitch, LeavesOutAnIdentifierThatIsTooLong) {
   LinkJudge link;
   ReplaceAccConfig(link.config);
   const std::string guid(37, 'g');
-  link.judge.Init(&link.owner, link.socket, LinkJudge::kToken, guid, &link.acc, &link.client,
-                  false);
+  link.judge.Init(link.socket, LinkJudge::kToken, guid, link.acc, link.client, false);
   link.PassReportLimit();
   link.Probe(5, 0);
-  link.judge.TryFireRealRouteLost();
+  link.JudgesLoss();
   ASSERT_EQ(link.owner.fired.size(), 1u);
   EXPECT_STREQ(link.owner.fired[0].guid, "");
   EXPECT_STREQ(link.owner.fired[0].acc_info, "198.51.100.1-5000-42-203.0.113.7-6000");
@@ -441,7 +424,7 @@ TEST(RecoverySwitch, ASingleRelayHasNoFrontSection) {
   EXPECT_TRUE(log.Contains("rs info=0-0-0-0-80-4-0-0-0-0-0-0-0-0-0, link type=1"));
   EXPECT_TRUE(log.Contains("rs recovery switch info=0-0-0-0-80-4-0-0-0-0-0-0-0-0-0"));
   EXPECT_EQ(link.RealRouteLost(), 80);  // reads both sections again
-  link.judge.TryFireRealRouteLost();
+  link.JudgesLoss();
   ASSERT_EQ(link.owner.fired.size(), 1u);
   EXPECT_STREQ(link.owner.fired[0].fe_be, "0-0-0-0;80-4-0-0");
   EXPECT_EQ(link.owner.fired[0].link_type, 1);
@@ -453,11 +436,11 @@ TEST(RecoverySwitch, AReportForgetsWhatItRestedOn) {
   link.PassReportLimit();
   link.judge.SetUploadLost(50);
   link.Probe(5, 0, 2);
-  link.judge.TryFireRealRouteLost();
+  link.JudgesLoss();
   LogCapture log;
   link.judge.UpdateRecoveryInfo();
   EXPECT_TRUE(log.Contains("rs info=0-0-0-0-0-0-0-0-0-0-0-0-0-0-1, link type=0"));
-  link.judge.TryFireRealRouteLost();
+  link.JudgesLoss();
   EXPECT_EQ(link.owner.fired.size(), 1u);
   u32 need = 0, real = 0;  // the code of no range as it is, and so nothing lost on the way up
   EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, false), 102);
@@ -472,13 +455,13 @@ TEST(RecoverySwitch, ANewLinkIsNotJudgedByWhatWasReadOfTheOldOne) {
   link.acc.acc_port = htons(6001);
   ASSERT_TRUE(link.Start());
   link.PassReportLimit();
-  link.judge.TryFireRealRouteLost();
+  link.JudgesLoss();
   EXPECT_TRUE(link.owner.fired.empty());
   u32 need = 0, real = 0;
   EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, false), 102);
   // What it reports is its own.
   link.Probe(5, 0);
-  link.judge.TryFireRealRouteLost();
+  link.JudgesLoss();
   ASSERT_EQ(link.owner.fired.size(), 1u);
   EXPECT_EQ(link.owner.fired[0].proxy_idc, 43);
   EXPECT_STREQ(link.owner.fired[0].acc_info, "198.51.100.1-5000-43-203.0.113.7-6001");
@@ -487,7 +470,7 @@ TEST(RecoverySwitch, ANewLinkIsNotJudgedByWhatWasReadOfTheOldOne) {
 TEST(RecoverySwitch, CutsAnInfoThatIsTooLong) {
   LinkJudge link(0);
   ASSERT_TRUE(link.Start());
-  link.judge.UpdateDelayValue(4111111111, 4111111111, 1);
+  link.JudgesDelay(4111111111, 4111111111, 1);
   link.judge.RealRouteAddOneRecvPkg(1, 2);
   LogCapture log;
   link.judge.UpdateRecoveryInfo();
@@ -504,12 +487,12 @@ TEST(RecoverySwitch, StopsReportingAtTheLimit) {
   ASSERT_TRUE(link.Start());
   EXPECT_TRUE(link.judge.OnUpdate());
   link.PassReportLimit();
-  EXPECT_TRUE(link.judge.UpdateDelayValue(1000, 0, 0));
+  EXPECT_TRUE(link.JudgesDelay(1000, 0, 0));
   EXPECT_EQ(link.owner.fired.size(), 1u);
   EXPECT_FALSE(link.judge.OnUpdate());
   link.PassReportLimit();
   LogCapture log;
-  EXPECT_TRUE(link.judge.UpdateDelayValue(1000, 0, 0));
+  EXPECT_TRUE(link.JudgesDelay(1000, 0, 0));
   EXPECT_TRUE(
       log.Contains("[RecoverySwitch]IsBelowReportLimit: current calc_count 1is more than "
                    "report limit(1), socket=1234, token=77"));

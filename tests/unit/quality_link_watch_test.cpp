@@ -1,13 +1,22 @@
 // When traffic calls for a burst of probes. At stake: a link in trouble is tested, and a code for
 // an unknown loss is not taken for a loss.
-#include "quality/link_trouble.h"
+#include "quality/link_watch.h"
 
 #include <gtest/gtest.h>
 
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr LinkLimits kLimits{10, 15, 20, 5, 30};
+RecoverySwitchConfig Limits(u32 short_pkg, u32 short_lost, u32 long_pkg, u32 long_lost,
+                            u32 route_lost) {
+  RecoverySwitchConfig limits;
+  limits.data_link_short_cycle_pkg_ = short_pkg;
+  limits.data_link_short_cycle_lost = short_lost;
+  limits.data_link_long_cycle_pkg_ = long_pkg;
+  limits.data_link_long_cycle_lost_ = long_lost;
+  limits.max_real_route_lost_ = route_lost;
+  return limits;
+}
 
 struct Case {
   const char* name;
@@ -56,14 +65,13 @@ const Case kCases[] = {
 
 TEST(LinkTrouble, IsTheFirstThatHolds) {
   for (const Case& one : kCases) {
-    EXPECT_EQ(FindTrouble(one.figures, kLimits), one.trouble) << one.name;
+    EXPECT_EQ(FindTrouble(one.figures, Limits(10, 15, 20, 5, 30)), one.trouble) << one.name;
   }
 }
 
 // Limits of 0 would make any code a loss.
 TEST(LinkTrouble, ACodeIsNoLossWhateverTheLimit) {
-  const LinkLimits none{0, 1, 0, 1, 1};
-  EXPECT_EQ(FindTrouble({201, 7, 201, 7, 2, 201}, none), LinkTrouble::kNone);
+  EXPECT_EQ(FindTrouble({201, 7, 201, 7, 2, 201}, Limits(0, 1, 0, 1, 1)), LinkTrouble::kNone);
 }
 
 }  // namespace

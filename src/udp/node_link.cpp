@@ -1,0 +1,233 @@
+#include "udp/node_link.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "common/log.h"
+#include "common/unix_time.h"
+#include "protocol/nego_request.h"
+#include "relay/nego_common.h"
+#include "tracker/tracker.h"
+#include "udp/udp_provider.h"
+#include "udp/udp_session.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr u32 kHeaderSize = sizeof(UdpAcclHeader);
+
+UdpAcclHeader HeaderTo(const sockaddr_in& game_addr, u8 flags, u32 seq, u32 accl_token) noexcept {
+  UdpAcclHeader header;
+  header.flags = flags;
+  header.game_ip = ntohl(game_addr.sin_addr.s_addr);
+  header.game_port = ntohs(game_addr.sin_port);
+  header.seq = seq;
+  header.accl_token = accl_token;
+  return header;
+}
+
+}  // namespace
+
+bool NodeLink::Open() noexcept {
+  sock_ = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+  if (sock_ == INVALID_SOCKET) {
+    LogNoSocket(WSAGetLastError());
+    return false;
+  }
+  u_long on = 1;
+  if (ioctlsocket(sock_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
+    LogStaysBlocking(WSAGetLastError());
+  }
+  return true;
+}
+
+void NodeLink::Discard() noexcept {
+  closesocket(sock_);
+  sock_ = INVALID_SOCKET;
+}
+
+void NodeLink::Adopt(NodeLink* other) noexcept {
+  sock_ = std::exchange(other->sock_, kGivenAway);
+  info_ = other->info_;
+  blocked_.splice(blocked_.end(), other->blocked_);
+}
+
+// --- negotiation ---------------------------------------------------------------------------------
+
+u32 NodeLink::SendRequest(const AccDecisionInfo& decision, u8 retry,
+                          const LastNodeInfo* left) noexcept {
+  nego_start_ms_ = common::UnixTimeMs();
+  nego_elapsed_ms_ = 0;
+  info_.nego_addr = ProxyAddress(decision.selected_proxy);
+  const sockaddr_in& game = flow_.remote_addr;
+  NegoRequest request =
+      MakeNegoRequest(game.sin_addr.s_addr, game.sin_port, retry, flow_.guid, decision);
+  if (left != nullptr) {
+    request.body.flags = kNegoFlagSwitch;
+    request.body.last_node = *left;
+  }
+  u8 wire[sizeof request];
+  request.Pack(wire);
+  return Send(kOwnSocket, wire, sizeof wire, info_.nego_addr, true);
+}
+
+std::optional<u32> NodeLink::TakeAnswer(const UdpPackage& package, AccDecisionInfo* decision,
+                                        NegoResponse* response) noexcept {
+  if (!SameAddress(package.addr, info_.nego_addr)) return std::nullopt;
+  response->Init(kNegoVersion);
+  const int result = response->Unpack({package.data, package.valid_len});
+  if (result < 0) {
+    LogAnswerError(result, package.valid_len);
+    return kNegoBadHeader;
+  }
+  const NegoAsker asker = on_trial_ ? NegoAsker::kUdpSwitch : NegoAsker::kUdp;
+  const u32 reason = CheckNegotiation(asker, sock_, flow_.token, response->body, decision);
+  if (reason == 0) {
+    info_.Accept(*response);
+    LogNegotiated(asker, *response, flow_.token);
+  }
+  return reason;
+}
+
+bool NodeLink::IsAnswerOverdue(u32 elapsed_ms, u32 limit_ms) noexcept {
+  if (nego_elapsed_ms_ >= limit_ms) return true;
+  nego_elapsed_ms_ += elapsed_ms;
+  return false;
+}
+
+void NodeLink::RecordNegFailed(u32 reason, const AccDecisionInfo& decision,
+                               u32 attempts) const noexcept {
+  constexpr i32 kNegTypeUdp = 1;
+  const u32 elapsed = static_cast<u32>(common::UnixTimeMs() - nego_start_ms_);
+  GetTracker().RecordNegFailed(sock_, kNegTypeUdp, reason, &decision, std::max(1u, elapsed),
+                               attempts);
+}
+
+void NodeLink::StartWatch(LinkWatch* watch, const AccDecisionInfo& decision,
+                          const ClientInfo& client_info) const noexcept {
+  SpeedTestParam param;
+  param.socket = sock_;
+  param.token = flow_.token;
+  param.node_addr = info_.data_addr;
+  param.game_ip = ntohl(flow_.remote_addr.sin_addr.s_addr);
+  param.game_port = ntohs(flow_.remote_addr.sin_port);
+  param.accl_token = info_.accl_token;
+  char guid_text[SessionGuid::kTextSize] = {};
+  flow_.guid.ToString(guid_text, sizeof guid_text);
+  watch->Start(param, guid_text, DescribeLink(flow_.remote_addr, decision, info_), client_info,
+               on_trial_);
+}
+
+// --- sending -------------------------------------------------------------------------------------
+
+bool NodeLink::SendData(const UdpPackage& package, u8 lost) noexcept {
+  u8 wrapped[kDatagramBufferSize];
+  if (!Wrap(package, lost, wrapped)) return false;
+  const u32 result =
+      Send(kOwnSocket, wrapped, package.valid_len + kHeaderSize, info_.data_addr, true);
+  GetTracker().RecordSend(sock_, package.valid_len, static_cast<int>(result));
+  return true;
+}
+
+bool NodeLink::Wrap(const UdpPackage& package, u8 lost, u8 (&out)[kDatagramBufferSize]) noexcept {
+  if (package.valid_len > sizeof out - kHeaderSize) return false;
+  UdpAcclHeader header = HeaderTo(package.addr, kUdpAcclData, info_.seq, info_.accl_token);
+  header.lost = lost;
+  const int packed = header.Pack(out);
+  if (packed < 0) {
+    LSP_LOG(5, "[UDP] WrapUdpProxyPacket Failed, Pack error, ret=%d, token=%u", packed,
+            flow_.token);
+    return false;
+  }
+  std::memcpy(out + kHeaderSize, package.data, package.valid_len);
+  LSP_LOG(0,
+          "[UDP] WrapUdpProxyPacket Success, SrcPkgLen=%u, NewPkgLen=%u, accl_token=%u, seq=%u, "
+          "token=%u",
+          package.valid_len, package.valid_len + kHeaderSize, info_.accl_token, info_.seq,
+          flow_.token);
+  ++info_.seq;
+  return true;
+}
+
+void NodeLink::SendBare(const UdpPackage& package) noexcept {
+  const u32 result = Send(kOwnSocket, package.data, package.valid_len, package.addr, true);
+  GetTracker().RecordSend(sock_, package.valid_len, static_cast<int>(result));
+}
+
+// Kept: unlike data, which takes the number and then counts, this counts first.
+void NodeLink::SendEnd() noexcept {
+  UdpAcclHeader header = HeaderTo(flow_.remote_addr, kUdpAcclEnd, ++info_.seq, info_.accl_token);
+  u8 wire[sizeof header];
+  const int packed = header.Pack(wire);
+  if (packed < 0) {
+    LSP_LOG(5, "[UDP] UdpRemoteSession::SendEndToAccl Failed, Pack error, ret=%d, token=%u", packed,
+            flow_.token);  // Kept: the flow's name, for a trial too
+    return;
+  }
+  Send(kOwnSocket, wire, sizeof wire, info_.data_addr, true);
+}
+
+// Returns 0 or the Winsock error. Kept: room is awaited in the link's socket, even if another one
+// had none.
+u32 NodeLink::Send(SOCKET through, const void* data, u32 len, const sockaddr_in& to,
+                   bool may_wait) noexcept {
+  const SOCKET socket = through == kOwnSocket ? sock_ : through;
+  if (sendto(socket, static_cast<const char*>(data), static_cast<int>(len), 0,
+             reinterpret_cast<const sockaddr*>(&to), sizeof to) != SOCKET_ERROR) {
+    LogSent(to, len, socket);
+    return 0;
+  }
+  const int error = WSAGetLastError();
+  if (error == WSAEWOULDBLOCK && may_wait) {
+    Store(&blocked_, data, len, to, through);
+    flow_.session->provider()->SessionMgr()->EnableWrite(sock_);
+  } else {
+    LogSendError(error, socket);
+  }
+  return static_cast<u32>(error);
+}
+
+bool NodeLink::FlushBlockedPackages() noexcept {
+  if (blocked_.empty()) return false;
+  const u32 count = static_cast<u32>(blocked_.size());
+  for (u32 i = 0; i < count; ++i) {
+    StoredPackage& front = blocked_.front();
+    const UdpPackage package = front.View();
+    if (Send(front.socket, package.data, package.valid_len, package.addr, false) != 0) break;
+    blocked_.pop_front();
+  }
+  LogFlushed(count, static_cast<u32>(blocked_.size()));
+  return blocked_.empty();
+}
+
+// --- receiving -----------------------------------------------------------------------------------
+
+bool NodeLink::ReadPackage(SOCKET socket, DatagramBuffer* buffer,
+                           UdpPackage* package) const noexcept {
+  const int error = buffer->Receive(socket, package);
+  if (error == 0) {
+    LogReceived(*package, socket);
+    return true;
+  }
+  if (error != WSAEWOULDBLOCK) {
+    GetTracker().RecordRecv(socket, 0, error);
+    LogReceiveError(error, socket);
+  }
+  return false;
+}
+
+bool NodeLink::Unwrap(const UdpPackage& package, UdpAcclHeader* header) const noexcept {
+  const int head_len = header->Unpack({package.data, package.valid_len});
+  if (head_len <= 0) {
+    LogUnpackError(head_len, package.addr);
+    return false;
+  }
+  if (static_cast<u32>(head_len) > package.valid_len) {
+    LogHeadTooLong(package.addr);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,175 @@
+// Which node the flow goes through: whether one is asked, what follows from its answer, and the
+// move to another one.
+//
+// Each request is one datagram, never repeated. After a failure one other node is asked; then the
+// flow goes direct, with everything that waited.
+#include <algorithm>
+#include <iterator>
+#include <optional>
+
+#include "common/log.h"
+#include "common/net_text.h"
+#include "relay/nego_common.h"
+#include "route/route.h"
+#include "tracker/tracker.h"
+#include "udp/udp_provider.h"
+#include "udp/udp_remote_session.h"
+#include "udp/udp_session.h"
+#include "udp/udp_switch_remote_session.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr int kSwitchVerified = 1, kSwitchTakenOver = 2;
+
+void LogSwitchState(int state, SOCKET socket, u32 token) noexcept {
+  LSP_LOG(5, "[UDP] UdpRemoteSession::NotifySwitchState, state=%d, socket=%u, token=%u", state,
+          static_cast<u32>(socket), token);
+}
+
+}  // namespace
+
+bool UdpRemoteSession::DecideAccl() noexcept {
+  char guid_text[SessionGuid::kTextSize] = {};
+  flow_.guid.ToString(guid_text, sizeof guid_text);
+  bool result = false;
+  try {
+    result = flow_.session->provider()->SessionRoute()->MakeDecision(
+        flow_.remote_addr.sin_addr.s_addr, flow_.remote_addr.sin_port, SOCK_DGRAM, guid_text,
+        &decision_, &link_.info().switch_route, local_sock_, flow_.token);
+  } catch (...) {  // no memory for a question: the game server can still be reached
+  }
+  GetTracker().NoteGameServer(local_sock_,
+                              common::IpToString(flow_.remote_addr.sin_addr.s_addr).c_str(),
+                              flow_.remote_addr.sin_port);
+  GetTracker().SetAcceInfo(local_sock_, result, &decision_);
+  LSP_LOG(5, "[UDP] UdpRemoteSession::DecideAccl result=%s, socket=%Id, token=%u",
+          result ? "acc" : "direct", local_sock_, flow_.token);
+  return result;
+}
+
+void UdpRemoteSession::StartNegotiation() noexcept {
+  state_ = UdpState::kNegotiating;
+  const RouteProxyInfo& proxy = decision_.selected_proxy;
+  LSP_LOG(5,
+          "[UDP] UdpRemoteSession::StartNegotiation, proxy_idc=%u, proxy_addr=%s:%u, proxy_t1=%u, "
+          "proxy_t2=%u, t1_lost=%u%%, game_idc=%d, socket=%Id, token=%u",
+          u32{proxy.proxy_idc}, ProxyAddrText(proxy).text, u32{proxy.proxy_port},
+          u32{proxy.section1_delay}, u32{proxy.section2_delay}, u32{proxy.section1_lost},
+          static_cast<int>(decision_.game_idc), local_sock_, flow_.token);
+  link_.SendRequest(decision_, static_cast<u8>(nego_retry_), nullptr);
+}
+
+void UdpRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept {
+  NegoResponse response;
+  const std::optional<u32> reason = link_.TakeAnswer(package, &decision_, &response);
+  if (!reason) return;
+  if (*reason != 0) {
+    OnNegotiationFailed(*reason);
+    return;
+  }
+  state_ = UdpState::kAccl;
+  FlushCachedPackages();  // before anything is measured: the game has waited long enough
+  link_.StartWatch(&watch_, decision_,
+                   DescribeClient(decision_, response.body.client_isp, response.body.client_ip));
+}
+
+void UdpRemoteSession::OnNegotiationFailed(u32 reason) noexcept {
+  LSP_LOG(5, "[UDP] UdpRemoteSession::OnNegotiationFailed, reason=%u, token=%u", reason,
+          flow_.token);
+  link_.RecordNegFailed(reason, decision_, nego_retry_ + 1);
+  if (nego_retry_ == 0 && ChangeAcclServer()) {
+    ++nego_retry_;
+    StartNegotiation();
+    return;
+  }
+  state_ = UdpState::kDirect;
+  LSP_LOG(5, "[UDP] UdpRemoteSession::OnNegotiationFailed, begin direct mode, token=%u",
+          flow_.token);
+  FlushCachedPackages();
+}
+
+// Replaces the selected proxy by the first other one of the decision.
+bool UdpRemoteSession::ChangeAcclServer() noexcept {
+  const u32 current = decision_.selected_proxy.proxy_idc;
+  const auto found = std::find_if(
+      std::begin(decision_.top_proxy), std::end(decision_.top_proxy),
+      [&](const RouteProxyInfo& p) { return p.proxy_idc != 0 && p.proxy_idc != current; });
+  if (found == std::end(decision_.top_proxy)) return false;
+  decision_.selected_proxy = *found;
+  GetTracker().SetAcceInfo(local_sock_, true, &decision_);
+  LSP_LOG(5, "[UDP] UdpRemoteSession::ChangeAcclServer, proxy_idc=%u,token=%u",
+          u32{found->proxy_idc}, flow_.token);
+  return true;
+}
+
+// The negotiation is over, with either result, so nothing gets back into the list.
+void UdpRemoteSession::FlushCachedPackages() noexcept {
+  for (StoredPackage& cached : cached_packages_) HandleLocalPacket(cached.View());
+  if (!cached_packages_.empty()) {
+    LSP_LOG(0, "[UDP] UdpRemoteSession::FlushCachedPackages, count=%u, token=%u",
+            static_cast<u32>(cached_packages_.size()), flow_.token);
+  }
+  cached_packages_.clear();
+}
+
+// --- the move to another node --------------------------------------------------------------------
+
+// False if there was no request to act on.
+bool UdpRemoteSession::TakeUp(LinkRequest request) noexcept {
+  if (request != LinkRequest::kSwitch) return false;
+  watch_.SwitchAnswered(FireSwitch(watch_.report()));
+  return true;
+}
+
+bool UdpRemoteSession::FireSwitch(const RecoverySwitchRecord& report) noexcept {
+  if (trial_ != nullptr) {
+    if (trial_->IsActive()) return false;
+    EndTrial();
+  }
+  try {
+    trial_ = std::make_unique<UdpSwitchRemoteSession>(this, flow_);
+  } catch (...) {
+    return false;
+  }
+  trial_->Init();
+  trial_->StartSwitch(decision_, link_.info(), report);
+  return true;
+}
+
+void UdpRemoteSession::EndTrial() noexcept {
+  trial_->SetClosing();
+  trial_.reset();
+}
+
+// What the old node sends is still received.
+void UdpRemoteSession::OnVerified() noexcept {
+  LogSwitchState(kSwitchVerified, link_.sock(), flow_.token);
+  if (link_.FlushBlockedPackages() && closing_) flow_.session->WantClose();
+}
+
+// The local socket stays, and with it the port that the game talks to.
+void UdpRemoteSession::TakeOver(const UdpPackage& proof, const UdpAcclHeader& header) noexcept {
+  LogSwitchState(kSwitchTakenOver, link_.sock(), flow_.token);
+  TellNodeOfEnd();  // the node that the flow is leaving
+  IRelaySocketMgr* const mgr = flow_.session->provider()->SessionMgr();
+  // Kept: after a second switch the socket in between stays open until the process ends.
+  if (link_.sock() != local_sock_) mgr->RemoveSocket(link_.sock());
+  const SOCKET new_sock = trial_->sock();
+  LSP_LOG(5, "UdpRemoteSession::ReplaceSock, new socket=%u, ori socket=%u, token=%u",
+          static_cast<u32>(new_sock), static_cast<u32>(local_sock_), flow_.token);
+  mgr->RemoveSocket(new_sock);
+  mgr->AddSocket(new_sock, this);
+  const ClientInfo client_info = trial_->HandOver(&link_, &decision_);
+  // Kept: of a node that has not passed, the flow does not know the numbers and addresses. It
+  // continues with those of the last one that had passed, or with none.
+  if (trial_->IsVerified()) {
+    last_verified_ = link_.info();
+  } else {
+    link_.info() = last_verified_;
+  }
+  link_.StartWatch(&watch_, decision_, client_info);
+  if (link_.IsFromNode(proof)) HandleAcclRecv(proof, header);
+}
+
+}  // namespace moru_vyr::lsp
