@@ -336,8 +336,10 @@ SCENARIO_F_SEEDS(LifeHeld, ARegionWithoutAMutexIsReadByOneThreadAtATime, 20) {
       }
     });
   }
+  port::CountCalls();
   RunFor(1s);
   EXPECT_EQ(found, 80);
+  EXPECT_EQ(port::CallCount("MapViewOfFile"), 80u) << "each read has a view of its own";
 }
 
 SCENARIO_F(Life, AThreadThatWaitsForTheRouteTableKeepsNoOtherFromIt) {

@@ -81,6 +81,17 @@ TEST_F(DatagramHooks, SendToPassesItsArgumentsAndLeavesTheCountAlone) {
   EXPECT_EQ(bytes, 99u);
 }
 
+// How much of an address is valid is for the caller to say and for the next provider to judge.
+TEST_F(DatagramHooks, SendToPassesTheLengthOfTheAddressAsItIs) {
+  sockaddr_in room[2] = {server};
+  for (const int size : {-1, 0, 2, 15, 16, 17, 32}) {
+    EXPECT_EQ(WSPSendTo(next.socket, &buffer, 1, &bytes, 4, Generic(room[0]), size, &overlapped,
+                        nullptr, &thread, &error),
+              0);
+    EXPECT_EQ(next.Last().arguments[6], test::Word(size)) << size;
+  }
+}
+
 TEST_F(DatagramHooks, SendToLogsItsDestination) {
   next.bytes = 8;
   test::LogCapture log(0);

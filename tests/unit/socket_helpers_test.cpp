@@ -22,6 +22,7 @@ struct NextBind {
   int then = 0;
   std::vector<sockaddr_in> addresses;
   std::vector<SOCKET> sockets;
+  std::vector<SOCKET> closed;
 };
 NextBind* next_bind = nullptr;
 
@@ -34,6 +35,11 @@ int WSPAPI AnswerBind(SOCKET s, const sockaddr* name, int name_size, LPINT error
   if (answer == 0) return 0;
   *error = answer;
   return SOCKET_ERROR;
+}
+
+int WSPAPI AnswerClose(SOCKET s, LPINT) {
+  next_bind->closed.push_back(s);
+  return 0;
 }
 
 struct BindThroughNextProvider : testing::Test {
@@ -118,6 +124,18 @@ TEST_F(BindThroughNextProvider, WithoutATableNothingIsAsked) {
 TEST_F(BindThroughNextProvider, WithoutABindInTheTableNothingIsAsked) {
   table.lpWSPBind = nullptr;
   EXPECT_FALSE(Bind(nullptr));
+}
+
+// The socket's number may be given to another socket at once.
+TEST_F(BindThroughNextProvider, ASocketClosedAfterWinsocksEndLeavesNoRecord) {
+  table.lpWSPCloseSocket = AnswerClose;
+  ASSERT_EQ(WSACleanup(), 0);
+  CloseRelaySocket(kSocket);
+  WSADATA data;
+  ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+  EXPECT_EQ(bind.closed, std::vector<SOCKET>{kSocket});
+  SocketRecord record;
+  EXPECT_FALSE(GetSocketMap().Get(kSocket, &record));
 }
 
 TEST_F(BindThroughNextProvider, PortsComeFromTheWholeRangeAndNoOther) {
