@@ -105,7 +105,7 @@ u8* Shared_mem_obj::SelectRecord() const noexcept {
   if (!double_buffered_) return view_;
   const u32 active = ActiveIndex(view_);
   const u32 selected = open_mode_ == kOpenForWriting ? 1 - active : active;
-  return view_ + kSelectorSize + selected * size_;
+  return view_ + kSelectorSize + std::size_t{selected} * size_;
 }
 
 // Guard: reads the header once, since whoever wrote it may be writing again. A record without room

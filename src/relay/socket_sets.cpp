@@ -7,7 +7,7 @@ namespace {
 
 // The layout that select takes, on every platform, with room for what the loop promises.
 static_assert(FD_SETSIZE == 128);
-static_assert(sizeof(SOCKET) != 4 || sizeof(fd_set) == 129 * 4);
+static_assert(sizeof(SOCKET) != 4 || sizeof(fd_set) == 129 * sizeof(u32));
 
 bool Has(const fd_set& set, SOCKET socket) noexcept {
   const SOCKET* const end = set.fd_array + set.fd_count;
