@@ -6,7 +6,7 @@ usage: count_tests.py [--failures] LOG...
 Adds up what each suite says of itself: GoogleTest's closing lines, and the lines
 "N passed, N failed" (", N skipped") of the scripts; a suite that says neither counts as one
 test, by ctest's own verdict. Prints one line, "N passed, N failed, N skipped"; with
---failures the output of every suite that failed instead.
+--failures what every suite that failed said of it instead.
 """
 import re
 import sys
@@ -55,6 +55,24 @@ def count(name, verdict, lines):
     return passed, failed, skipped
 
 
+def complaint(lines):
+    """What of a suite's lines says why it failed: of GoogleTest's, those of the tests that did not
+    pass, a crash included; of others the end."""
+    said, test = [], None
+    for line in lines:
+        if line.startswith("[ RUN "):
+            test = []
+        elif line.startswith(("[       OK ]", "[  SKIPPED ]")):
+            test = None
+        if test is not None:
+            test.append(line)
+            if line.startswith("[  FAILED  ]"):
+                said, test = said + test[-60:], None
+    if test:
+        said += test[-60:]  # it never ended
+    return said or lines[-60:]
+
+
 def main(arguments):
     if not arguments or arguments[0] in ("-h", "--help"):
         print(__doc__.strip())
@@ -65,7 +83,7 @@ def main(arguments):
                 if verdict == "Passed" or verdict.endswith("Skipped"):
                     continue
                 print(f"--- {name}: {verdict}")
-                print("\n".join(lines[-60:]))
+                print("\n".join(complaint(lines)))
         return 0
     totals = [0, 0, 0]
     for path in arguments:

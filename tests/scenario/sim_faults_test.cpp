@@ -1,5 +1,7 @@
 // Injected faults, the sudden end of a process, and what a failing scenario prints.
 #include "port/shared/faults.h"
+#include "port/shared/mappings.h"
+#include "port/shared/objects.h"
 #include "port/shared/process.h"
 #include "tests/scenario/sim_sockets.h"
 
@@ -213,6 +215,24 @@ SCENARIO_F(SimFaults, EachProcessHasItsOwnRecord) {
   });
   ASSERT_TRUE(world.RunUntilAllEnd());
   EXPECT_NE(GetCurrentProcessId(), game.pid);
+}
+
+SCENARIO_F(SimFaults, EndOfAProcessClosesWhatItLeftOpen) {
+  sim::Process& game = world.AddProcess(client, "game", L"C:\\games\\play.exe", "play.exe");
+  const size_t handles = port::OpenHandles(), views = port::OpenViews();
+  world.Spawn(game, "main", [] {
+    const HANDLE mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                              4096, "left_by_the_dead");
+    MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
+    CreateEventA(nullptr, FALSE, FALSE, nullptr);
+  });
+  ASSERT_TRUE(world.RunUntilAllEnd());
+  EXPECT_GE(port::OpenHandles(), handles + 2);
+  EXPECT_EQ(port::OpenViews(), views + 1);
+  world.Kill(game);
+  EXPECT_EQ(port::OpenHandles(), handles);
+  EXPECT_EQ(port::OpenViews(), views);
+  EXPECT_EQ(OpenFileMappingA(FILE_MAP_READ, FALSE, "left_by_the_dead"), nullptr);
 }
 
 SCENARIO_F(SimFaults, IdleMeansThatNothingIsUnderWay) {

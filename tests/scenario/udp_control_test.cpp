@@ -220,7 +220,7 @@ SCENARIO_F(UdpControlPort, ARefusedRequestLeavesNoSocketBehind) {
   ProtoRelayOpen refused;
   ASSERT_TRUE(GetRelayMgr().GetCreateResult(kToken, &refused));
   EXPECT_FALSE(refused.opened());
-  EXPECT_EQ(refused.event_or_result, moru_vyr::lsp::kProtoRelayRefused);
+  EXPECT_EQ(u64{refused.event_or_result}, moru_vyr::lsp::kProtoRelayRefused);
   EXPECT_EQ(refused.address().sin_port, 0);
   EXPECT_EQ(refused.address().sin_addr.s_addr, 0u);
   EXPECT_EQ(refused.send_queue(), nullptr);

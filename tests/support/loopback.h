@@ -72,6 +72,14 @@ inline bool BecomesReadable(SOCKET s) {
   return select(0, &set, nullptr, nullptr, &limit) == 1;
 }
 
+inline bool BecomesWritable(SOCKET s, int milliseconds) {
+  fd_set set;
+  set.fd_count = 1;
+  set.fd_array[0] = s;
+  timeval limit{0, milliseconds * 1000};
+  return select(0, nullptr, &set, nullptr, &limit) == 1;
+}
+
 // Two ends of one stream; `here` does not block.
 struct StreamPair {
   StreamPair() {

@@ -9,11 +9,7 @@
 #include "port/shared/base_startup.h"
 #include "port/shared/catalogue.h"
 #include "port/shared/faults.h"
-#include "port/shared/mappings.h"
 #include "port/shared/modules.h"
-#include "port/shared/objects.h"
-#include "port/shared/process.h"
-#include "port/shared/rendition.h"
 
 namespace {
 
@@ -220,25 +216,6 @@ TEST(Modules, CountTheirLoadsAndIgnoreLetterCase) {
   EXPECT_FALSE(FreeLibrary(second));
   EXPECT_EQ(port::LoadsEver(L"C:\\some\\Thing.dll"), 2);
   port::UnregisterModule(L"C:\\some\\Thing.dll");
-}
-
-TEST(Objects, EndOfAProcessClosesWhatItLeftOpen) {
-  const size_t handles = port::OpenHandles(), views = port::OpenViews();
-  const DWORD own = GetCurrentProcessId();
-  port::Process& process = port::CurrentProcess();
-  process.pid = 4242;
-  const HANDLE mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096,
-                                            "left_by_the_dead");
-  MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
-  CreateEventA(nullptr, FALSE, FALSE, nullptr);
-  process.pid = own;
-  EXPECT_EQ(port::OpenHandles(), handles + 2);
-  EXPECT_EQ(port::OpenViews(), views + 1);
-  port::UnmapViewsOf(4242);
-  port::CloseHandlesOf(4242);
-  EXPECT_EQ(port::OpenHandles(), handles);
-  EXPECT_EQ(port::OpenViews(), views);
-  EXPECT_EQ(OpenFileMappingA(FILE_MAP_READ, FALSE, "left_by_the_dead"), nullptr);
 }
 
 }  // namespace
