@@ -28,9 +28,6 @@ using test::kForeignGuid;
 using test::kLayerGuid;
 using test::LayeredTcp;
 
-constexpr DWORD kOwn = GameProcess::kOwnId;
-constexpr DWORD kForeign = GameProcess::kForeignId;
-
 // --- starting over and over -------------------------------------------------------------------
 
 SCENARIO(ChainEdges, AProcessMayStartItsProvidersAnyNumberOfTimes) {
@@ -47,7 +44,7 @@ SCENARIO(ChainEdges, AProcessMayStartItsProvidersAnyNumberOfTimes) {
 SCENARIO(ChainEdges, AStartThatFailsDoesNotCountTowardsTheDepthOfTheNext) {
   GameProcess game;
   game.LayerOverForeign();
-  WSAPROTOCOL_INFOW raw = LayeredTcp(2900, {kOwn, kForeign});
+  WSAPROTOCOL_INFOW raw = LayeredTcp(2900, {GameProcess::kOwnId, GameProcess::kForeignId});
   raw.iProtocol = 99;  // without a switch of its own, so that each start resolves the chain
   auto catalogue = port::Catalogue();
   catalogue.push_back(raw);
@@ -63,8 +60,9 @@ SCENARIO(ChainEdges, AStartThatFailsDoesNotCountTowardsTheDepthOfTheNext) {
 
 // The base entry is another provider's than the port's own, so that its start can be looked at.
 void MakeForeignTheBase() {
-  port::SetCatalogue({MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {}),
-                      MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {kOwn})});
+  port::SetCatalogue(
+      {MakeEntry(kForeignGuid, GameProcess::kForeignId, SOCK_STREAM, 6, {}),
+       MakeEntry(kLspGuid, GameProcess::kOwnId, SOCK_STREAM, 6, {GameProcess::kOwnId})});
 }
 
 SCENARIO(ChainEdges, ABaseStartIsGivenWhatTheCallerGave) {
@@ -74,7 +72,7 @@ SCENARIO(ChainEdges, ABaseStartIsGivenWhatTheCallerGave) {
   EXPECT_EQ(BSPStartup(MAKEWORD(2, 1), &game.data, &info, game.upcalls, &game.table), 0);
   EXPECT_EQ(Foreign().version, MAKEWORD(2, 1));
   EXPECT_EQ(std::memcmp(&Foreign().upcalls, &game.upcalls, sizeof game.upcalls), 0);
-  EXPECT_EQ(Foreign().info.dwCatalogEntryId, kForeign);
+  EXPECT_EQ(Foreign().info.dwCatalogEntryId, GameProcess::kForeignId);
   EXPECT_EQ(game.data.wHighVersion, 0x0302);
   EXPECT_EQ(std::memcmp(&game.table, &Foreign().table, sizeof game.table), 0);
 }
@@ -104,22 +102,24 @@ SCENARIO(ChainEdges, AnIdentityThatDiffersAtItsEndIsAnothers) {
   GUID almost = kLspGuid;
   almost.Data4[7] = static_cast<unsigned char>(almost.Data4[7] ^ 1);
   port::SetCatalogue({MakeEntry(almost, 1999, SOCK_STREAM, 6, {}),
-                      MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {}), LayeredTcp(2001, {kOwn, 1001}),
+                      MakeEntry(kLspGuid, GameProcess::kOwnId, SOCK_STREAM, 6, {}),
+                      LayeredTcp(2001, {GameProcess::kOwnId, 1001}),
                       MakeEntry(kBaseProviderGuid, 1001, SOCK_STREAM, 6, {})});
   LspProvider* list = nullptr;
   int count = 0;
   ASSERT_TRUE(GetProviders(&list, &count));
   const GlobalPtr<LspProvider> owner(list);
-  EXPECT_EQ(common::GetProcessInfo().lsp_catalog_id, kOwn);
+  EXPECT_EQ(common::GetProcessInfo().lsp_catalog_id, GameProcess::kOwnId);
   EXPECT_EQ(count, 1);
 }
 
 // Not the last of the chain, which is the platform's.
 SCENARIO(ChainEdges, TheNextProviderIsTheSecondOfTheChain) {
   GameProcess game;
-  port::SetCatalogue({MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {}),
-                      LayeredTcp(2001, {kOwn, kForeign, 1001}),
-                      MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {kForeign, 1001}),
+  port::SetCatalogue({MakeEntry(kLspGuid, GameProcess::kOwnId, SOCK_STREAM, 6, {}),
+                      LayeredTcp(2001, {GameProcess::kOwnId, GameProcess::kForeignId, 1001}),
+                      MakeEntry(kForeignGuid, GameProcess::kForeignId, SOCK_STREAM, 6,
+                                {GameProcess::kForeignId, 1001}),
                       MakeEntry(kBaseProviderGuid, 1001, SOCK_STREAM, 6, {})});
   EXPECT_EQ(game.Start(6), 0) << game.AllTraces();
   EXPECT_EQ(Foreign().starts, 1);
@@ -188,7 +188,8 @@ SCENARIO(ChainEdges, ARefusalIsTracedUnderTheNextProvidersName) {
   game.LayerOverForeign();
   auto catalogue = port::Catalogue();
   for (WSAPROTOCOL_INFOW& entry : catalogue) {
-    std::wcscpy(entry.szProtocol, entry.dwCatalogEntryId == kForeign ? L"Below" : L"Ours");
+    std::wcscpy(entry.szProtocol,
+                entry.dwCatalogEntryId == GameProcess::kForeignId ? L"Below" : L"Ours");
   }
   port::SetCatalogue(catalogue);
   Foreign().result = 10055;
@@ -202,13 +203,13 @@ SCENARIO(ChainEdges, ARefusalIsTracedUnderTheNextProvidersName) {
 class MatchEdges : public sim::ScenarioTest {
  protected:
   MatchEdges() {
-    catalogue = {MakeEntry(kLspGuid, kOwn, SOCK_STREAM, 6, {}),
-                 LayeredTcp(2001, {kOwn, 1001}),
-                 LayeredTcp(2002, {kOwn, kForeign}),
-                 MakeEntry(kLayerGuid, 2003, SOCK_DGRAM, 17, {kOwn, 1002}),
+    catalogue = {MakeEntry(kLspGuid, GameProcess::kOwnId, SOCK_STREAM, 6, {}),
+                 LayeredTcp(2001, {GameProcess::kOwnId, 1001}),
+                 LayeredTcp(2002, {GameProcess::kOwnId, GameProcess::kForeignId}),
+                 MakeEntry(kLayerGuid, 2003, SOCK_DGRAM, 17, {GameProcess::kOwnId, 1002}),
                  MakeEntry(kBaseProviderGuid, 1001, SOCK_STREAM, 6, {}),
                  MakeEntry(kBaseProviderGuid, 1002, SOCK_DGRAM, 17, {}),
-                 MakeEntry(kForeignGuid, kForeign, SOCK_STREAM, 6, {})};
+                 MakeEntry(kForeignGuid, GameProcess::kForeignId, SOCK_STREAM, 6, {})};
     catalogue[0].ProtocolChain.ChainLen = 0;
     port::SetCatalogue(catalogue);
   }
@@ -241,13 +242,16 @@ SCENARIO_F(MatchEdges, TheFirstOfAChainIsNotLookedAt) {
 
 // The hidden entry ends the search through the chains, whatever else the chain names.
 SCENARIO_F(MatchEdges, TheHiddenEntryHasTheLastWordOnAChain) {
-  EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3001, SOCK_DGRAM, 17, {3000, kOwn, 2001, 1001})), 2003u);
+  EXPECT_EQ(
+      Find(MakeEntry(kForeignGuid, 3001, SOCK_DGRAM, 17, {3000, GameProcess::kOwnId, 2001, 1001})),
+      2003u);
   EXPECT_EQ(game.TraceCount("FindMatchingProvider: our LSP in the in_info's protocol chains."), 1);
 }
 
 // Family, type and protocol count each by itself.
 SCENARIO_F(MatchEdges, AKindAgreesInEveryPart) {
-  const auto stream = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3999, kOwn, 1001});
+  const auto stream =
+      MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3999, GameProcess::kOwnId, 1001});
   EXPECT_EQ(Find(stream), 2001u);
   auto other = stream;
   other.iAddressFamily = 23;
@@ -265,7 +269,7 @@ SCENARIO_F(MatchEdges, OnlyTheLayerThatWasAskedForIsSearched) {
   catalogue.insert(catalogue.begin(),
                    MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3500, 2002, 1001}));
   port::SetCatalogue(catalogue);
-  EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3002, SOCK_RAW, 98, {kForeign, 1001})), 0u);
+  EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3002, SOCK_RAW, 98, {GameProcess::kForeignId, 1001})), 0u);
   EXPECT_FALSE(game.TracedStart("FindMatchingProvider: entry belongs")) << game.AllTraces();
 }
 

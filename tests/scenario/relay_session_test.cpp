@@ -16,7 +16,7 @@ namespace {
 using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
 
 constexpr u32 kGameIdc = 11;
-constexpr char kServer[] = "198.51.100.10";  // which this world does not have
+constexpr char kAbsentServer[] = "198.51.100.10";  // which this world does not have
 
 // Two nodes, both ours, and a connection of the game on its way to the first.
 class SessionByHand : public test::RoutePolicy {
@@ -33,7 +33,7 @@ class SessionByHand : public test::RoutePolicy {
     RouteEntry& entry = test::AddRoute(image.route_sets[0], kGameIdc, test::Ref(1));
     entry.top_refs[0] = test::Ref(1);
     entry.top_refs[1] = test::Ref(2);
-    LoadIps({{kGameIdc, test::Ip(kServer)}});
+    LoadIps({{kGameIdc, test::Ip(kAbsentServer)}});
     Publish();
     EXPECT_TRUE(provider.Init(&loop, &route));
     Join();
@@ -54,7 +54,7 @@ class SessionByHand : public test::RoutePolicy {
     game.Reset(test::BoundSocket(SOCK_STREAM, &own));
     server.sin_family = AF_INET;
     server.sin_port = htons(80);
-    server.sin_addr.s_addr = test::Ip(kServer);
+    server.sin_addr.s_addr = test::Ip(kAbsentServer);
     sockaddr* relay_addr = nullptr;
     int relay_len = 0;
     ASSERT_TRUE(

@@ -26,9 +26,9 @@ constexpr char kFailed[] =
 
 // --- the file --------------------------------------------------------------------------------
 
-class RouteFile : public sim::ScenarioTest {
+class RouteFileFaults : public sim::ScenarioTest {
  protected:
-  RouteFile() : path(dir / "route.bin") { test::MakeSparseFile(path, sizeof buffer); }
+  RouteFileFaults() : path(dir / "route.bin") { test::MakeSparseFile(path, sizeof buffer); }
   bool Load() { return LoadRouteFromBinFile(path.c_str(), buffer, sizeof buffer); }
 
   test::LogCapture log;
@@ -37,7 +37,7 @@ class RouteFile : public sim::ScenarioTest {
   u8 buffer[100] = {};
 };
 
-SCENARIO_F(RouteFile, IsOpenedAtTheFifthTryAndWaitsBetween) {
+SCENARIO_F(RouteFileFaults, IsOpenedAtTheFifthTryAndWaitsBetween) {
   for (unsigned i = 1; i <= 4; ++i) port::FailCall("CreateFileW", i, ERROR_SHARING_VIOLATION);
   const sim::Duration begin = world.now();
   EXPECT_TRUE(Load());
@@ -45,7 +45,7 @@ SCENARIO_F(RouteFile, IsOpenedAtTheFifthTryAndWaitsBetween) {
   EXPECT_EQ(world.now() - begin, 20ms) << "five after each failure";
 }
 
-SCENARIO_F(RouteFile, IsGivenUpAfterFiveTriesInTheWordsOfTheLast) {
+SCENARIO_F(RouteFileFaults, IsGivenUpAfterFiveTriesInTheWordsOfTheLast) {
   for (unsigned i = 1; i <= 4; ++i) port::FailCall("CreateFileW", i, ERROR_SHARING_VIOLATION);
   port::FailCall("CreateFileW", 5, ERROR_ACCESS_DENIED);
   const sim::Duration begin = world.now();
@@ -55,7 +55,7 @@ SCENARIO_F(RouteFile, IsGivenUpAfterFiveTriesInTheWordsOfTheLast) {
   EXPECT_TRUE(log.Contains(kFailed + ("file(" + path) + ") CreateFileW failed(error=5)\n"));
 }
 
-SCENARIO_F(RouteFile, ThatCannotBeReadSaysWhyAndIsClosed) {
+SCENARIO_F(RouteFileFaults, ThatCannotBeReadSaysWhyAndIsClosed) {
   port::FailCall("ReadFile", 1, 1117);
   EXPECT_FALSE(Load());
   EXPECT_TRUE(log.Contains(kFailed + ("file(" + path) + ") ReadFile failed(error=1117)\n"))
@@ -63,7 +63,7 @@ SCENARIO_F(RouteFile, ThatCannotBeReadSaysWhyAndIsClosed) {
   EXPECT_TRUE(Load()) << "nobody has it open any more";
 }
 
-SCENARIO_F(RouteFile, ThatEndsBeforeItsSizeIsRefusedAndClosed) {
+SCENARIO_F(RouteFileFaults, ThatEndsBeforeItsSizeIsRefusedAndClosed) {
   port::ShortRead(1, 99);
   EXPECT_FALSE(Load());
   EXPECT_TRUE(log.Contains(kFailed + ("file(" + path) + ") read size(99) not file size(100)\n"))
@@ -71,7 +71,7 @@ SCENARIO_F(RouteFile, ThatEndsBeforeItsSizeIsRefusedAndClosed) {
   EXPECT_TRUE(Load());
 }
 
-SCENARIO_F(RouteFile, ThatCannotBeReadIsNoTable) {
+SCENARIO_F(RouteFileFaults, ThatCannotBeReadIsNoTable) {
   AccConfig config;
   common::SetFieldText(config.route_binary_file_path, dir / "table.bin");
   ReplaceAccConfig(config);

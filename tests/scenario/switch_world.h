@@ -15,6 +15,7 @@
 
 #include "protocol/nego_request.h"
 #include "protocol/nego_response.h"
+#include "tests/scenario/relayed_world.h"
 #include "tests/support/report_client.h"
 #include "udp/udp_provider.h"
 #include "udp/udp_remote_session.h"
@@ -29,7 +30,7 @@ using common::u32;
 using common::u8;
 using namespace sim_test;  // NOLINT: the verbs of these tests
 
-inline constexpr char kServer[] = "198.51.100.10";
+using relayed_test::kServer;
 inline constexpr char kForcedServer[] = "198.51.100.12";
 inline constexpr int kServerPort = 27015;
 inline constexpr u32 kToken = 77;

@@ -26,7 +26,7 @@ using client::RegionRow;
 using client::Shape;
 using client::Tables;
 
-std::string Describe(const client::Problems& problems) {
+std::string ErrorsOf(const client::Problems& problems) {
   std::string all;
   for (const Problem& problem : problems) {
     if (problem.severity == Problem::Severity::kError) all += ToText("file", problem) + "\n";
@@ -47,10 +47,10 @@ void ExpectSame(const Tables& a, const Tables& b, const std::string& dump) {
 
 void ExpectSurvives(const std::string& text) {
   const ConfigFile first = ParseConfig(text);
-  ASSERT_EQ(Describe(first.problems), "") << text.substr(0, 20000);
+  ASSERT_EQ(ErrorsOf(first.problems), "") << text.substr(0, 20000);
   const std::string dump = DumpToml(*first.tables);
   const ConfigFile second = ParseConfig(dump);
-  ASSERT_EQ(Describe(second.problems), "") << dump.substr(0, 20000);
+  ASSERT_EQ(ErrorsOf(second.problems), "") << dump.substr(0, 20000);
   ExpectSame(*first.tables, *second.tables, dump);
   EXPECT_EQ(DumpToml(*second.tables), dump);
 }
@@ -239,7 +239,7 @@ TEST(ClientDump, OfTwoRecordsForAnAddressTheLaterIsShown) {
   tables->iptable.records[1] = {.game_idc = 1101, .ip = 0x04030201};  // for another level
   tables->iptable.records[2] = {.game_idc = 1002, .ip = 0x04030201};
   const ConfigFile again = ParseConfig(DumpToml(*tables));
-  ASSERT_EQ(Describe(again.problems), "");
+  ASSERT_EQ(ErrorsOf(again.problems), "");
   EXPECT_EQ(again.tables->iptable.ip_count, 2u);
   EXPECT_EQ(again.tables->iptable.records[0].game_idc, 1101u);
   EXPECT_EQ(again.tables->iptable.records[1].game_idc, 1002u);

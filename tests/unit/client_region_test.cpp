@@ -26,9 +26,9 @@ using moru_vyr::lsp::ReadAccConfig;
 using moru_vyr::lsp::ReplaceAccConfig;
 using moru_vyr::lsp::RestrictionRegion;
 
-constexpr unsigned kWaitMs = 1000;
+constexpr unsigned kRegionWaitMs = 1000;
 
-std::string Game(const std::string& path, unsigned game_id) {
+std::string ListedGame(const std::string& path, unsigned game_id) {
   return "[[game]]\ngame_id = " + std::to_string(game_id) + "\ngame_paths = ['" + path +
          "']\nnet_mode = ['ASYTCP']\nlog_level = 6\nlog_path = 'C:\\log\\'\n";
 }
@@ -52,7 +52,7 @@ class ClientRegion : public testing::Test {
   bool Serve(const std::string& text) {
     const client::ConfigFile file = ParseConfig(text);
     EXPECT_FALSE(HasErrors(file.problems));
-    const std::string error = server_.Publish(*file.tables, kWaitMs).error;
+    const std::string error = server_.Publish(*file.tables, kRegionWaitMs).error;
     EXPECT_EQ(error, "");
     return error.empty();
   }
@@ -62,7 +62,7 @@ class ClientRegion : public testing::Test {
 
 TEST_F(ClientRegion, AListedGameReadsWhatTheFileSays) {
   ASSERT_TRUE(Serve("route_binary_file_path = 'C:\\route.dat'\nsecond_path = 'second'\n" +
-                    Game("C:\\Games\\Game.exe", 77) +
+                    ListedGame("C:\\Games\\Game.exe", 77) +
                     "excluded_ports = [25, 465]\nuin = '20001'\nzone_id = 3\n"));
   RunAs("c:\\games\\game.EXE");
   ASSERT_TRUE(ReadAccConfig());
@@ -87,7 +87,7 @@ TEST_F(ClientRegion, TheSampleServesItsGame) {
 TEST_F(ClientRegion, TheReaderTakesTheRecordByteForByte) {
   const client::ConfigFile file =
       ParseConfig(client::WriteSample({{"C:\\a\\game.exe"}, "C:\\log\\"}));
-  ASSERT_EQ(server_.Publish(*file.tables, kWaitMs).error, "");
+  ASSERT_EQ(server_.Publish(*file.tables, kRegionWaitMs).error, "");
   RunAs("C:\\a\\game.exe");
   ASSERT_TRUE(ReadAccConfig());
   const AccConfigRecord& read = *GetAccConfig();
@@ -95,10 +95,10 @@ TEST_F(ClientRegion, TheReaderTakesTheRecordByteForByte) {
 }
 
 TEST_F(ClientRegion, ANewFileReachesWhoStartsLaterThroughAnOlderMapping) {
-  ASSERT_TRUE(Serve(Game("C:\\one.exe", 1)));
+  ASSERT_TRUE(Serve(ListedGame("C:\\one.exe", 1)));
   common::Shared_mem_obj older(kRestrictionRegionName, sizeof(RestrictionRegion),
                                kRestrictionMutexName, false);
-  ASSERT_TRUE(Serve(Game("C:\\two.exe", 2)));
+  ASSERT_TRUE(Serve(ListedGame("C:\\two.exe", 2)));
   common::Shared_mem_ptr<RestrictionRegion> view(&older, common::kOpenForReading, true);
   ASSERT_NE(view.get(), nullptr);
   EXPECT_STREQ(view->games[0].game_paths[0], "C:\\two.exe");
@@ -106,14 +106,14 @@ TEST_F(ClientRegion, ANewFileReachesWhoStartsLaterThroughAnOlderMapping) {
 }
 
 TEST_F(ClientRegion, FewerGamesLeaveNothingOfTheOldOnes) {
-  ASSERT_TRUE(Serve(Game("C:\\one.exe", 1) + Game("C:\\two.exe", 2)));
-  ASSERT_TRUE(Serve(Game("C:\\one.exe", 1)));
+  ASSERT_TRUE(Serve(ListedGame("C:\\one.exe", 1) + ListedGame("C:\\two.exe", 2)));
+  ASSERT_TRUE(Serve(ListedGame("C:\\one.exe", 1)));
   RunAs("C:\\two.exe");
   EXPECT_FALSE(ReadAccConfig());
 }
 
 TEST_F(ClientRegion, AnInvalidRecordIsSkipped) {
-  ASSERT_TRUE(Serve(Game("C:\\one.exe", 1) + "valid = 0\n" + Game("C:\\one.exe", 2)));
+  ASSERT_TRUE(Serve(ListedGame("C:\\one.exe", 1) + "valid = 0\n" + ListedGame("C:\\one.exe", 2)));
   RunAs("C:\\one.exe");
   ASSERT_TRUE(ReadAccConfig());
   EXPECT_EQ(GetAccConfig()->game_id, 2u);
@@ -122,7 +122,8 @@ TEST_F(ClientRegion, AnInvalidRecordIsSkipped) {
 TEST_F(ClientRegion, IsGoneWithItsServer) {
   {
     RegionServer server;
-    ASSERT_EQ(server.Publish(*ParseConfig(Game("C:\\one.exe", 1)).tables, kWaitMs).error, "");
+    ASSERT_EQ(
+        server.Publish(*ParseConfig(ListedGame("C:\\one.exe", 1)).tables, kRegionWaitMs).error, "");
     EXPECT_TRUE(common::Shared_mem_obj::Exists(kRestrictionRegionName));
   }
   EXPECT_FALSE(common::Shared_mem_obj::Exists(kRestrictionRegionName));
@@ -134,7 +135,7 @@ TEST_F(ClientRegion, AMutexThatIsHeldForGoodIsAnErrorAndNoHang) {
   std::string error;
   test::RunThread([&] {
     RegionServer server;
-    error = server.Publish(*ParseConfig(Game("C:\\one.exe", 1)).tables, 50).error;
+    error = server.Publish(*ParseConfig(ListedGame("C:\\one.exe", 1)).tables, 50).error;
   });
   held.unlock();
   EXPECT_NE(error.find(kRestrictionMutexName), std::string::npos) << error;
@@ -143,7 +144,7 @@ TEST_F(ClientRegion, AMutexThatIsHeldForGoodIsAnErrorAndNoHang) {
 TEST_F(ClientRegion, AMutexLeftByTheDeadIsTakenAndGivenBack) {
   common::NamedMutex mutex(kRestrictionMutexName);
   test::RunThread([&] { mutex.lock(); });  // ends with it
-  ASSERT_TRUE(Serve(Game("C:\\one.exe", 1)));
+  ASSERT_TRUE(Serve(ListedGame("C:\\one.exe", 1)));
   bool free = false;
   test::RunThread([&] {
     free = mutex.try_lock();
@@ -159,7 +160,8 @@ TEST_F(ClientRegion, ARegionOfAnotherVersionIsRefusedAndLeftAlone) {
   ASSERT_NE(region, nullptr);
   region->header.minor_ver = 37;
   other.Close();
-  EXPECT_NE(server_.Publish(*ParseConfig(Game("C:\\one.exe", 1)).tables, kWaitMs).error, "");
+  EXPECT_NE(server_.Publish(*ParseConfig(ListedGame("C:\\one.exe", 1)).tables, kRegionWaitMs).error,
+            "");
   const auto* const after =
       static_cast<const RestrictionRegion*>(other.Open(common::kOpenForReading, false));
   ASSERT_NE(after, nullptr);

@@ -38,7 +38,7 @@ const std::string kBase =
     "name = 'east'\n"
     "addresses = ['198.51.100.10', '198.51.100.11']\n";
 
-std::string Describe(const client::Problems& problems) {
+std::string ProblemsOf(const client::Problems& problems) {
   std::string all;
   for (const Problem& problem : problems) all += ToText("file", problem) + "\n";
   return all;
@@ -56,7 +56,7 @@ class ClientTablesBytes : public testing::TestWithParam<Placed> {};
 TEST_P(ClientTablesBytes, StandAtTheirOffset) {
   const Placed& placed = GetParam();
   const ConfigFile file = ParseConfig(kBase + placed.text);
-  ASSERT_EQ(Describe(file.problems), "");
+  ASSERT_EQ(ProblemsOf(file.problems), "");
   const auto* const region =
       reinterpret_cast<const unsigned char*>(RegionOf(*file.tables, Regions()[placed.region]));
   const std::vector<unsigned char> found(region + placed.offset,
@@ -143,7 +143,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(ClientTables, HeaderWordsAndTheIpTablesWordHaveTheirPlaces) {
   const ConfigFile file =
       ParseConfig("header0 = 1\nheader1 = 2\nheader2 = 3\nheader3 = 4\niptable_word = 5\n" + kBase);
-  ASSERT_EQ(Describe(file.problems), "");
+  ASSERT_EQ(ProblemsOf(file.problems), "");
   const uint32_t words[] = {1, 2, 3, 4, 2};  // the last is the number of nodes
   const std::byte* const route = RegionOf(*file.tables, Regions()[client::kRoute]);
   EXPECT_EQ(std::memcmp(route + kImage + 44648, words, sizeof words), 0);
@@ -159,7 +159,7 @@ TEST(ClientTables, AProxyMayBeTakenFromANode) {
       "[[node]]\nproxy_addr = '1.2.3.4'\nproxy_port = 1\nproxy_idc = 7\n"
       "proxy_name = 'three'\nsection1_delay = 12\nversion = 9\nflag = 8\n"
       "[[launch_test]]\ngame_idc = 1\nproxy = { node = 'three', proxy_port = 2, version = 3 }\n");
-  EXPECT_EQ(Describe(file.problems), "");
+  EXPECT_EQ(ProblemsOf(file.problems), "");
   const auto& proxy = file.tables->launch_test.records[0].proxy;
   EXPECT_STREQ(proxy.proxy_addr, "1.2.3.4");
   EXPECT_STREQ(proxy.proxy_name, "three");
@@ -179,7 +179,7 @@ class ClientTablesRefusal : public testing::TestWithParam<Refusal> {};
 
 TEST_P(ClientTablesRefusal, NamesFileLineAndKey) {
   const ConfigFile file = ParseConfig(kBase + GetParam().text);
-  EXPECT_EQ(Describe(file.problems), std::string("file:") + GetParam().report + "\n");
+  EXPECT_EQ(ProblemsOf(file.problems), std::string("file:") + GetParam().report + "\n");
   EXPECT_TRUE(HasErrors(file.problems));
 }
 
@@ -281,8 +281,8 @@ TEST(ClientTables, MissingBothModesIsRefusedOnlyWhereAGameUsesIt) {
            mode + "]\n";
   };
   const std::string base = kBase.substr(kBase.find('\n') + 1);
-  EXPECT_EQ(Describe(ParseConfig(base + route + game("'TCP'")).problems), "");
-  EXPECT_EQ(Describe(ParseConfig(base + route + game("'REF_BOTH_MODES'")).problems),
+  EXPECT_EQ(ProblemsOf(ParseConfig(base + route + game("'TCP'")).problems), "");
+  EXPECT_EQ(ProblemsOf(ParseConfig(base + route + game("'REF_BOTH_MODES'")).problems),
             "file:15: key 'route[0].ref_both_modes': must be a node: a game's net_mode has "
             "REF_BOTH_MODES, and without one this reads as DECISION_ACCE towards no address\n");
 }
@@ -290,7 +290,7 @@ TEST(ClientTables, MissingBothModesIsRefusedOnlyWhereAGameUsesIt) {
 TEST(ClientTables, TheSameAddressMayServeSeveralLevels) {
   const ConfigFile file =
       ParseConfig(kBase + "[[idc]]\ngame_idc = 1101\naddresses = ['198.51.100.10']");
-  EXPECT_EQ(Describe(file.problems), "");
+  EXPECT_EQ(ProblemsOf(file.problems), "");
   EXPECT_EQ(file.tables->iptable.ip_count, 3u);
 }
 
@@ -309,7 +309,7 @@ TEST(ClientTables, WarnsOfWhatDoesNothing) {
   };
   for (const Refusal& doubt : doubts) {
     const ConfigFile file = ParseConfig(kBase + doubt.text);
-    EXPECT_EQ(Describe(file.problems), std::string("file:") + doubt.report + "\n");
+    EXPECT_EQ(ProblemsOf(file.problems), std::string("file:") + doubt.report + "\n");
     EXPECT_FALSE(HasErrors(file.problems));
   }
 }
@@ -361,9 +361,9 @@ TEST(ClientTables, TheIpTableTakesEightyTwoThousandAddressesAndNoMore) {
     return ParseConfig(text + "]\n");
   };
   const ConfigFile full = file_with(81920);
-  EXPECT_EQ(Describe(full.problems), "");
+  EXPECT_EQ(ProblemsOf(full.problems), "");
   EXPECT_EQ(full.tables->iptable.ip_count, 81920u);
-  EXPECT_EQ(Describe(file_with(81921).problems),
+  EXPECT_EQ(ProblemsOf(file_with(81921).problems),
             "file:81925: key 'idc[0].addresses[81920]': is one address more than the 81920 that "
             "there is room for\n");
 }

@@ -20,7 +20,7 @@ using client::Takeover;
 using client::TakeoverReport;
 using namespace moru_vyr::lsp;
 
-constexpr unsigned kWaitMs = 1000;
+constexpr unsigned kTakeoverWaitMs = 1000;
 
 const std::string kGame =
     "[[game]]\ngame_id = 1\ngame_paths = []\nnet_mode = ['TCP']\nlog_level = 6\n"
@@ -48,7 +48,7 @@ std::string Changes(const TakeoverReport& report) {
 
 TEST(ClientTakeover, TheFirstTextMakesWhatItFills) {
   Takeover takeover({});
-  const TakeoverReport report = takeover.Apply(kGame + Nodes("1.2.3.4"), kWaitMs);
+  const TakeoverReport report = takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
   EXPECT_EQ(report.failure, "");
   EXPECT_EQ(Changes(report),
             "games: 1 game\nroute table: 1 node, 1 route and 0 for acc_mode 2\n"
@@ -60,39 +60,40 @@ TEST(ClientTakeover, TheFirstTextMakesWhatItFills) {
 // A route region that is there keeps the library from the route file, so none may be made.
 TEST(ClientTakeover, AFileWithoutRoutesMakesNoRouteRegion) {
   Takeover takeover({});
-  EXPECT_EQ(Changes(takeover.Apply(kGame, kWaitMs)), "games: 1 game\n");
+  EXPECT_EQ(Changes(takeover.Apply(kGame, kTakeoverWaitMs)), "games: 1 game\n");
   EXPECT_FALSE(common::Shared_mem_obj::Exists(kRouteRegionName));
 }
 
 TEST(ClientTakeover, OnlyWhatChangedIsWritten) {
   Takeover takeover({});
-  takeover.Apply(kGame + Nodes("1.2.3.4"), kWaitMs);
-  EXPECT_EQ(Changes(takeover.Apply("# a comment\n" + kGame + Nodes("1.2.3.4"), kWaitMs)), "");
-  EXPECT_EQ(Changes(takeover.Apply(kGame + Nodes("1.2.3.5"), kWaitMs)),
+  takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
+  EXPECT_EQ(Changes(takeover.Apply("# a comment\n" + kGame + Nodes("1.2.3.4"), kTakeoverWaitMs)),
+            "");
+  EXPECT_EQ(Changes(takeover.Apply(kGame + Nodes("1.2.3.5"), kTakeoverWaitMs)),
             "route table: 1 node, 1 route and 0 for acc_mode 2\n");
-  EXPECT_EQ(Changes(takeover.Apply(kGame + Nodes("1.2.3.5") + Spur("9.9.9.9"), kWaitMs)),
+  EXPECT_EQ(Changes(takeover.Apply(kGame + Nodes("1.2.3.5") + Spur("9.9.9.9"), kTakeoverWaitMs)),
             "spur list: 1 address\n");
-  EXPECT_EQ(Changes(takeover.Apply(kGame, kWaitMs)),
+  EXPECT_EQ(Changes(takeover.Apply(kGame, kTakeoverWaitMs)),
             "route table: 0 nodes, 0 routes and 0 for acc_mode 2\nIP table: 0 addresses\n"
             "spur list: 0 addresses\n");
-  EXPECT_EQ(ReadRegions(kWaitMs).tables->spur.spur_count, 0u);
+  EXPECT_EQ(ReadRegions(kTakeoverWaitMs).tables->spur.spur_count, 0u);
 }
 
 TEST(ClientTakeover, ABrokenTextLeavesEverythingInForce) {
   Takeover takeover({});
-  takeover.Apply(kGame + Nodes("1.2.3.4"), kWaitMs);
-  const auto before = ReadRegions(kWaitMs);
+  takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
+  const auto before = ReadRegions(kTakeoverWaitMs);
   for (const std::string& broken : {kGame + Nodes("1.2.3.400"), kGame + "nonsense = 1\n",
                                     std::string("[[game]"), std::string("game = 5")}) {
-    const TakeoverReport report = takeover.Apply(broken, kWaitMs);
+    const TakeoverReport report = takeover.Apply(broken, kTakeoverWaitMs);
     EXPECT_TRUE(HasErrors(report.problems));
     EXPECT_NE(report.problems[0].line, 0u);
     EXPECT_EQ(Changes(report), "");
   }
-  const auto after = ReadRegions(kWaitMs);
+  const auto after = ReadRegions(kTakeoverWaitMs);
   EXPECT_EQ(std::memcmp(before.tables.get(), after.tables.get(), sizeof(client::Tables)), 0);
   // And a right one is taken over as if nothing had been.
-  EXPECT_NE(Changes(takeover.Apply(kGame + Nodes("1.2.3.5"), kWaitMs)), "");
+  EXPECT_NE(Changes(takeover.Apply(kGame + Nodes("1.2.3.5"), kTakeoverWaitMs)), "");
 }
 
 uint32_t Selector() {
@@ -108,11 +109,11 @@ uint32_t Selector() {
 // A reader of the old buffer is never disturbed: each edit goes into the other one.
 TEST(ClientTakeover, EachNewRouteTableGoesIntoTheOtherBuffer) {
   Takeover takeover({});
-  takeover.Apply(kGame + Nodes("1.2.3.4"), kWaitMs);
+  takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
   const uint32_t first = Selector();
-  takeover.Apply(kGame + Nodes("1.2.3.5"), kWaitMs);
+  takeover.Apply(kGame + Nodes("1.2.3.5"), kTakeoverWaitMs);
   EXPECT_EQ(Selector(), 1 - first);
-  takeover.Apply(kGame + Nodes("1.2.3.6"), kWaitMs);
+  takeover.Apply(kGame + Nodes("1.2.3.6"), kTakeoverWaitMs);
   EXPECT_EQ(Selector(), first);
 }
 
@@ -122,7 +123,8 @@ class ClientTakeoverGame : public testing::Test {
 
   void Start(const Takeover&) {
     AccConfig config;
-    static_cast<AccConfigRecord&>(config) = ReadRegions(kWaitMs).tables->restriction.games[0];
+    static_cast<AccConfigRecord&>(config) =
+        ReadRegions(kTakeoverWaitMs).tables->restriction.games[0];
     ReplaceAccConfig(config);
     route_.Load(1, 0);
   }
@@ -137,10 +139,10 @@ class ClientTakeoverGame : public testing::Test {
 
 TEST_F(ClientTakeoverGame, ARunningGameSeesANewRouteTableAtItsNextLookup) {
   Takeover takeover({});
-  takeover.Apply(kGame + Nodes("1.2.3.4"), kWaitMs);
+  takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
   Start(takeover);
   EXPECT_EQ(Node(), "1.2.3.4");
-  takeover.Apply(kGame + Nodes("1.2.3.5"), kWaitMs);
+  takeover.Apply(kGame + Nodes("1.2.3.5"), kTakeoverWaitMs);
   EXPECT_EQ(Node(), "1.2.3.5");
 }
 
@@ -151,21 +153,22 @@ TEST_F(ClientTakeoverGame, ARunningGameSeesANewLaunchTestAtItsNextDecision) {
            address + "', proxy_port = 1, proxy_idc = 1 }\n";
   };
   Takeover takeover({});
-  takeover.Apply(kGame + Nodes("1.2.3.4") + measured("5.5.5.5"), kWaitMs);
+  takeover.Apply(kGame + Nodes("1.2.3.4") + measured("5.5.5.5"), kTakeoverWaitMs);
   Start(takeover);
   EXPECT_EQ(Node(), "5.5.5.5");
-  takeover.Apply(kGame + Nodes("1.2.3.4") + measured("6.6.6.6"), kWaitMs);
+  takeover.Apply(kGame + Nodes("1.2.3.4") + measured("6.6.6.6"), kTakeoverWaitMs);
   EXPECT_EQ(Node(), "6.6.6.6");
 }
 
 TEST_F(ClientTakeoverGame, ARunningGameIsToldOfANewSpurListAndReadsIt) {
   Takeover takeover({GetCurrentProcessId()});
-  takeover.Apply(kGame + Nodes("1.2.3.4") + Spur("9.9.9.9"), kWaitMs);
+  takeover.Apply(kGame + Nodes("1.2.3.4") + Spur("9.9.9.9"), kTakeoverWaitMs);
   Start(takeover);
   const uint32_t added = static_cast<uint32_t>(inet_addr("9.9.9.8"));
   uint32_t idc = 0;
   EXPECT_FALSE(route_.GetGameIDC(added, 0, &idc, false));
-  const TakeoverReport report = takeover.Apply(kGame + Nodes("1.2.3.4") + Spur("9.9.9.8"), kWaitMs);
+  const TakeoverReport report =
+      takeover.Apply(kGame + Nodes("1.2.3.4") + Spur("9.9.9.8"), kTakeoverWaitMs);
   ASSERT_EQ(report.changes.size(), 1u);
   EXPECT_EQ(report.changes[0].notified, 1u);
   EXPECT_FALSE(route_.GetGameIDC(added, 0, &idc, false));

@@ -10,6 +10,8 @@
 #include "port/shared/catalogue.h"
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
+#include "port/shared/rendition.h"
+#include "port/shared/winsock.h"
 
 namespace {
 

@@ -18,13 +18,13 @@ RecoverySwitchConfig Limits(u32 short_pkg, u32 short_lost, u32 long_pkg, u32 lon
   return limits;
 }
 
-struct Case {
+struct Judged {
   const char* name;
   LinkFigures figures;  // small lost, real; long lost, real; route short real, lost
   LinkTrouble trouble;
 };
 
-const Case kCases[] = {
+const Judged kJudged[] = {
     {"healthy", {0, 50, 0, 100, 2, 0}, LinkTrouble::kNone},
     // Dead: nothing came, and that is known.
     {"dead", {102, 0, 0, 0, 0, 0}, LinkTrouble::kDead},
@@ -64,7 +64,7 @@ const Case kCases[] = {
 };
 
 TEST(LinkTrouble, IsTheFirstThatHolds) {
-  for (const Case& one : kCases) {
+  for (const Judged& one : kJudged) {
     EXPECT_EQ(FindTrouble(one.figures, Limits(10, 15, 20, 5, 30)), one.trouble) << one.name;
   }
 }

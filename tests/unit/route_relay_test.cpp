@@ -11,8 +11,8 @@ using namespace moru_vyr::lsp;
 using test::Ip;
 using test::Port;
 
-constexpr SOCKET kSocket = 400;
-constexpr u32 kToken = 77;
+constexpr SOCKET kRelayed = 400;
+constexpr u32 kRelayedToken = 77;
 
 class GameIdc : public test::RoutePolicy {
  protected:
@@ -108,7 +108,7 @@ class RelayQuestion : public GameIdc {
     ReplaceAccConfig(config);
   }
   bool Need(const char* ip, u16 port, i32 socket_type = SOCK_STREAM) {
-    return route.NeedRelay(Ip(ip), Port(port), socket_type, kSocket, kToken);
+    return route.NeedRelay(Ip(ip), Port(port), socket_type, kRelayed, kRelayedToken);
   }
   void Say(const std::string& line) {
     EXPECT_TRUE(log.Contains(line + "\n")) << line << "\nis not in\n" << log.Text();
@@ -206,11 +206,11 @@ TEST_F(RelayQuestion, SocketAddressIsTakenApart) {
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = Ip("203.0.113.1");
   address.sin_port = Port(8000);
-  EXPECT_FALSE(route.NeedRelay(&address, SOCK_STREAM, kSocket, kToken));
+  EXPECT_FALSE(route.NeedRelay(&address, SOCK_STREAM, kRelayed, kRelayedToken));
   Say("[4][lsp][Route][NeedRelay] Port(8000) not accelerate, socket=400, token=77");
   address.sin_port = Port(8001);
-  EXPECT_TRUE(route.NeedRelay(&address, SOCK_STREAM, kSocket, kToken));
-  EXPECT_FALSE(route.NeedRelay(nullptr, SOCK_STREAM, kSocket, kToken));
+  EXPECT_TRUE(route.NeedRelay(&address, SOCK_STREAM, kRelayed, kRelayedToken));
+  EXPECT_FALSE(route.NeedRelay(nullptr, SOCK_STREAM, kRelayed, kRelayedToken));
 }
 
 TEST_F(RelayQuestion, SilentLevelsStaySilent) {

@@ -13,7 +13,7 @@ using test::AddProxy;
 using test::AddRoute;
 using test::Ref;
 
-constexpr u32 kToken = 77;
+constexpr u32 kMovedToken = 77;
 constexpr u32 kIdc = 1001;
 constexpr u16 kLastNode = 61;
 
@@ -59,7 +59,7 @@ class Switch : public test::RoutePolicy {
   // The proxy that was chosen, 0 for none.
   u32 Choose(u16 last_node = kLastNode) {
     AccDecisionInfo copy = info;
-    const bool found = route.MakeSwitchDecision(&copy, &cache, &last_node, kToken);
+    const bool found = route.MakeSwitchDecision(&copy, &cache, &last_node, kMovedToken);
     if (!found) {
       EXPECT_EQ(copy.acc_reason, kReasonNoRoute);
       copy.acc_reason = info.acc_reason;
@@ -121,11 +121,12 @@ TEST_F(Switch, NoLastNodeFindsNothing) {
 
 TEST_F(Switch, NullPlacesAreRefused) {
   const u16 last_node = kLastNode;
-  EXPECT_FALSE(route.MakeSwitchDecision(nullptr, &cache, &last_node, kToken));
-  EXPECT_FALSE(route.MakeSwitchDecision(&info, &cache, nullptr, kToken));
+  EXPECT_FALSE(route.MakeSwitchDecision(nullptr, &cache, &last_node, kMovedToken));
+  EXPECT_FALSE(route.MakeSwitchDecision(&info, &cache, nullptr, kMovedToken));
   SetGroup(0, kLastNode, 3, 0);
   Publish();
-  EXPECT_TRUE(route.MakeSwitchDecision(&info, nullptr, &last_node, kToken)) << "a record may miss";
+  EXPECT_TRUE(route.MakeSwitchDecision(&info, nullptr, &last_node, kMovedToken))
+      << "a record may miss";
 }
 
 // --- the manual routes -------------------------------------------------------------------------
@@ -171,7 +172,7 @@ TEST_F(Switch, ManualProxyWithoutIdentityWillDo) {
   SetManual(0, kIdc, 2, kLastNode, 0, kLastNode);
   Publish();
   const u16 last_node = kLastNode;
-  ASSERT_TRUE(route.MakeSwitchDecision(&info, &cache, &last_node, kToken));
+  ASSERT_TRUE(route.MakeSwitchDecision(&info, &cache, &last_node, kMovedToken));
   EXPECT_EQ(info.selected_proxy.proxy_idc, 0u) << "kept: 0 is as good as any, and the later wins";
 }
 

@@ -14,7 +14,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr SOCKET kSocket = 4321;
+constexpr SOCKET kUnbound = 4321;
 
 // What the next provider answers, call by call, and what it was asked.
 struct NextBind {
@@ -46,15 +46,15 @@ struct BindThroughNextProvider : testing::Test {
   BindThroughNextProvider() {
     table.lpWSPBind = AnswerBind;
     next_bind = &bind;
-    GetSocketMap().Add(kSocket, kSocketTypeStream, IPPROTO_TCP, 1);
-    GetSocketMap().SetNextProcTable(kSocket, &table);
+    GetSocketMap().Add(kUnbound, kSocketTypeStream, IPPROTO_TCP, 1);
+    GetSocketMap().SetNextProcTable(kUnbound, &table);
   }
   ~BindThroughNextProvider() override {
-    GetSocketMap().Remove(kSocket);
+    GetSocketMap().Remove(kUnbound);
     next_bind = nullptr;
   }
   bool Bind(u16* port, bool loopback = true) {
-    return BindRandomPort(kSocket, true, port, loopback);
+    return BindRandomPort(kUnbound, true, port, loopback);
   }
 
   NextBind bind;
@@ -70,7 +70,7 @@ TEST_F(BindThroughNextProvider, TakesAPortOfLoopbackAndTellsItInNetworkOrder) {
   EXPECT_EQ(asked.sin_family, AF_INET);
   EXPECT_EQ(ntohl(asked.sin_addr.s_addr), 0x7F000001u);
   EXPECT_EQ(asked.sin_port, port);
-  EXPECT_EQ(bind.sockets[0], kSocket);
+  EXPECT_EQ(bind.sockets[0], kUnbound);
   EXPECT_TRUE(
       log.Contains("BindRandomPort bind, port=" + std::to_string(ntohs(port)) + ", socket=4321"))
       << log.Text();
@@ -112,10 +112,10 @@ TEST_F(BindThroughNextProvider, AnyOtherErrorEndsItAtOnce) {
 }
 
 TEST_F(BindThroughNextProvider, WithoutATableNothingIsAsked) {
-  GetSocketMap().Remove(kSocket);
+  GetSocketMap().Remove(kUnbound);
   u16 port = 7;
   EXPECT_FALSE(Bind(&port));
-  GetSocketMap().Add(kSocket, kSocketTypeStream, IPPROTO_TCP, 1);  // a record, but no table
+  GetSocketMap().Add(kUnbound, kSocketTypeStream, IPPROTO_TCP, 1);  // a record, but no table
   EXPECT_FALSE(Bind(&port));
   EXPECT_TRUE(bind.addresses.empty());
   EXPECT_EQ(port, 7);
@@ -131,12 +131,12 @@ TEST_F(BindThroughNextProvider, ASocketClosedAfterWinsocksEndLeavesNoRecord) {
   table.lpWSPCloseSocket = AnswerClose;
   int starts = 0;  // the test program's own, and whatever tests before this one left
   while (WSACleanup() == 0) ++starts;
-  CloseRelaySocket(kSocket);
+  CloseRelaySocket(kUnbound);
   WSADATA data;
   for (; starts > 0; --starts) ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
-  EXPECT_EQ(bind.closed, std::vector<SOCKET>{kSocket});
+  EXPECT_EQ(bind.closed, std::vector<SOCKET>{kUnbound});
   SocketRecord record;
-  EXPECT_FALSE(GetSocketMap().Get(kSocket, &record));
+  EXPECT_FALSE(GetSocketMap().Get(kUnbound, &record));
 }
 
 TEST_F(BindThroughNextProvider, PortsComeFromTheWholeRangeAndNoOther) {

@@ -10,14 +10,14 @@ namespace {
 
 using test::Address;
 
-constexpr SOCKET kSocket = 77;
+constexpr SOCKET kKnown = 77;
 constexpr u32 kToken = 9, kOlder = 8;
 
 struct SocketMapEdges : testing::Test {
-  SocketMapEdges() { map.Add(kSocket, 2, 17, kToken); }
+  SocketMapEdges() { map.Add(kKnown, 2, 17, kToken); }
   SocketRecord Snapshot() {
     SocketRecord record;
-    EXPECT_TRUE(map.Get(kSocket, &record));
+    EXPECT_TRUE(map.Get(kKnown, &record));
     return record;
   }
   SocketMap map;
@@ -25,9 +25,9 @@ struct SocketMapEdges : testing::Test {
 };
 
 TEST_F(SocketMapEdges, WhatIsMeantForAnEarlierSocketIsRefused) {
-  EXPECT_FALSE(map.SetRelayAddr(kSocket, &relay, nullptr, nullptr, kOlder));
-  EXPECT_FALSE(map.SetRelayState(kSocket, kRelayRefused, kOlder));
-  EXPECT_FALSE(map.SetUdpConnectMode(kSocket, true, kOlder));
+  EXPECT_FALSE(map.SetRelayAddr(kKnown, &relay, nullptr, nullptr, kOlder));
+  EXPECT_FALSE(map.SetRelayState(kKnown, kRelayRefused, kOlder));
+  EXPECT_FALSE(map.SetUdpConnectMode(kKnown, true, kOlder));
   const SocketRecord record = Snapshot();
   EXPECT_EQ(record.relay_state, kRelayNotAsked);
   EXPECT_EQ(record.relay_addr.sin_port, 0);
@@ -35,11 +35,11 @@ TEST_F(SocketMapEdges, WhatIsMeantForAnEarlierSocketIsRefused) {
 }
 
 TEST_F(SocketMapEdges, WhatIsMeantForThisOneIsTaken) {
-  EXPECT_TRUE(map.SetRelayState(kSocket, kRelayRefused, kToken));
+  EXPECT_TRUE(map.SetRelayState(kKnown, kRelayRefused, kToken));
   EXPECT_EQ(Snapshot().relay_state, kRelayRefused);
-  EXPECT_TRUE(map.SetRelayAddr(kSocket, &relay, nullptr, nullptr, kToken));
+  EXPECT_TRUE(map.SetRelayAddr(kKnown, &relay, nullptr, nullptr, kToken));
   EXPECT_EQ(Snapshot().relay_state, kRelayRunning);
-  EXPECT_TRUE(map.SetUdpConnectMode(kSocket, true, kToken));
+  EXPECT_TRUE(map.SetUdpConnectMode(kKnown, true, kToken));
   EXPECT_TRUE(Snapshot().udp_connect_mode);
 }
 
@@ -47,8 +47,8 @@ TEST_F(SocketMapEdges, WhatIsMeantForThisOneIsTaken) {
 // counts.
 TEST_F(SocketMapEdges, ADestinationThatIsSavedTwiceTakesTwoPlaces) {
   const sockaddr_in server = Address("198.51.100.10", 1000);
-  EXPECT_TRUE(map.SaveRelayRecord(kSocket, &server, true));
-  EXPECT_TRUE(map.SaveRelayRecord(kSocket, &server, false));
+  EXPECT_TRUE(map.SaveRelayRecord(kKnown, &server, true));
+  EXPECT_TRUE(map.SaveRelayRecord(kKnown, &server, false));
   const SocketRecord record = Snapshot();
   EXPECT_EQ(record.relay_records[1].ip, static_cast<u32>(server.sin_addr.s_addr));
   EXPECT_FALSE(record.relay_records[1].relay);
@@ -59,9 +59,9 @@ TEST_F(SocketMapEdges, ADestinationThatIsSavedTwiceTakesTwoPlaces) {
 }
 
 TEST_F(SocketMapEdges, AHandledAddressChangesNothingElse) {
-  map.SetUdpConnectMode(kSocket, true);
-  map.SetRelayAddr(kSocket, &relay, nullptr, nullptr);
-  map.SetHandledAddr(kSocket, test::Generic(relay), 16);
+  map.SetUdpConnectMode(kKnown, true);
+  map.SetRelayAddr(kKnown, &relay, nullptr, nullptr);
+  map.SetHandledAddr(kKnown, test::Generic(relay), 16);
   EXPECT_TRUE(Snapshot().udp_connect_mode);
   EXPECT_EQ(Snapshot().relay_state, kRelayRunning);
 }
