@@ -128,7 +128,8 @@ std::string OnlyUtf8(const std::string& text) {
 std::string AddressText(uint32_t address) {
   std::string text;
   for (unsigned shift = 0; shift < 32; shift += 8) {
-    text += (text.empty() ? "" : ".") + std::to_string(address >> shift & 0xff);
+    if (!text.empty()) text += '.';
+    text += std::to_string(address >> shift & 0xff);
   }
   return text;
 }

@@ -24,7 +24,7 @@ constexpr char kHeading[] =
 
 std::string Comment(const std::string& text, size_t indent = 0) {
   std::string out;
-  const std::string margin = "#" + std::string(indent, ' ');
+  const std::string margin = std::string("#").append(indent, ' ');
   std::string line = margin;
   for (size_t at = 0; at < text.size();) {
     const size_t end = std::min(text.find(' ', at), text.size());
