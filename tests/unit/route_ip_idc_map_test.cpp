@@ -28,8 +28,8 @@ void ExpectSame(const Records& records) {
     const u32* const found = built.Find(ip);
     ASSERT_NE(found, nullptr) << ip;
     ASSERT_EQ(*found, idc) << ip;
-    for (const u32 near : {ip - 1, ip + 1, ip ^ 0x80000000u})
-      ASSERT_EQ(built.Find(near) != nullptr, plain.count(near) != 0) << near;
+    for (const u32 neighbour : {ip - 1, ip + 1, ip ^ 0x80000000u})
+      ASSERT_EQ(built.Find(neighbour) != nullptr, plain.count(neighbour) != 0) << neighbour;
   }
 }
 
