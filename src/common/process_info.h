@@ -5,8 +5,6 @@
 // always terminated.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 #include <ws2spi.h>
 
 #include "common/kind.h"

@@ -1,8 +1,6 @@
 #include "common/text.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <algorithm>
 #include <cstdarg>

@@ -9,8 +9,6 @@
 // Nothing throws.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <atomic>
 #include <memory>

@@ -1,8 +1,6 @@
 #include "quality/real_route_recent_cycle_data.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <cmath>
 

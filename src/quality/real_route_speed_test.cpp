@@ -1,8 +1,6 @@
 #include "quality/real_route_speed_test.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include "common/log.h"
 #include "common/unix_time.h"

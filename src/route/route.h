@@ -8,8 +8,6 @@
 // fails: a refusal is false, a log line and, in a decision, a reason.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <string>
 

@@ -1,8 +1,6 @@
 #include "start/net_probe.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include "common/process_info.h"
 #include "common/text.h"

@@ -1,8 +1,6 @@
 #include "start/process_start.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <string>
 

@@ -9,8 +9,6 @@
 // returns anything. Pointers may not be null unless stated.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <atomic>
 #include <map>
