@@ -6,7 +6,6 @@
 #include "common/unix_time.h"
 #include "protocol/speed_test_payload.h"
 #include "quality/link_thresholds.h"
-#include "quality/speed_figures.h"
 #include "route/acc_config.h"
 #include "tracker/tracker.h"
 
@@ -172,12 +171,12 @@ void RealRouteSpeedTest::CountReply(const ProbeReply& reply) noexcept {
 
 void RealRouteSpeedTest::Book(SpeedStatsHalf* half, u32 seq, u32 delay) noexcept {
   if (half->last_send_seq == seq) half->pending = 0;
-  AddToAllFigures(half, delay);
+  half->all.Add(delay);
   if (delay >= max_valid_test_delay_) {
-    AddToOverFigures(half, delay);
+    half->over.Add(delay);
     --half->total_send;  // late is not lost: the fine figures have not heard of this probe
   } else {
-    AddToFineFigures(half, delay);
+    half->fine.Add(delay);
   }
 }
 
