@@ -33,4 +33,7 @@ struct ProcessInfo {
 
 ProcessInfo& GetProcessInfo() noexcept;
 
+// Whether this is the diagnostic process of that name, which is served without a configuration.
+bool IsSpeedTester() noexcept;
+
 }  // namespace common

@@ -4,7 +4,6 @@
 
 #include "common/log.h"
 #include "common/process_info.h"
-#include "common/text.h"
 #include "hooks/block_config.h"
 #include "hooks/hook_entries.h"
 #include "hooks/hook_flags.h"
@@ -84,8 +83,7 @@ bool HookWSPAPI(LPWSPPROC_TABLE table) noexcept {
     common::LspTrace("HookWSPAPI: failed with invalid param!");
     return false;
   }
-  if (common::EqualsIgnoreCase(common::FieldText(common::GetProcessInfo().process_name),
-                               "SpeedTester.exe")) {
+  if (common::IsSpeedTester()) {
     GetHookFlags().speed_tester_mode.store(true, std::memory_order_relaxed);
   }
   UpdateBlockConfig();
