@@ -24,8 +24,6 @@ class LogFile {
 
   explicit LogFile(u64 max_written_total = kMaxWrittenTotal) noexcept;
   ~LogFile();
-  LogFile(const LogFile&) = delete;
-  LogFile& operator=(const LogFile&) = delete;
 
   // Appends to the file of this UTF-8 path, and creates it and its directories if they are missing.
   // True if the file is open, even if it was open before (under whatever path).

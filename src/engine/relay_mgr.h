@@ -30,10 +30,6 @@ class RelayMgr final : public IRelaySocketMgr {
   static constexpr u32 kStateFailed = 0x80004005;
   static constexpr u32 kDatagramTrustMs = 100;
 
-  RelayMgr() = default;
-  RelayMgr(const RelayMgr&) = delete;
-  RelayMgr& operator=(const RelayMgr&) = delete;
-
   // True if the relay has been started. The first call starts it and waits up to `timeout_ms` for
   // it; a worker that is not ready by then may be ready at a later call.
   bool CheckAndInit(u32 timeout_ms) noexcept;

@@ -35,10 +35,6 @@ enum class RelayVerdict {
 
 class Route {
  public:
-  Route() = default;
-  Route(const Route&) = delete;
-  Route& operator=(const Route&) = delete;
-
   // --- loading (route_load.cpp) ---
 
   // Loads the tables. If the configuration says wait_route, it tries again, with a pause after each

@@ -50,8 +50,6 @@ struct TcpSide {
 class TcpSession {
  public:
   TcpSession(TcpProvider* provider, u32 token) noexcept;  // the provider outlives it
-  TcpSession(const TcpSession&) = delete;
-  TcpSession& operator=(const TcpSession&) = delete;
 
   // The address that the game asked for, and the port from which it asked.
   void SetGame(u16 port, const sockaddr_in& server) noexcept;

@@ -42,11 +42,8 @@ struct PendingReports {
 
 class Tracker {
  public:
-  Tracker() = default;
   // Its thread must have ended, or never have started.
   ~Tracker() = default;
-  Tracker(const Tracker&) = delete;
-  Tracker& operator=(const Tracker&) = delete;
 
   // At the worker's start and at its end; may be repeated. If the worker is terminated before or
   // during its end, the reporting thread notices, writes what there is and ends by itself. `gone`
