@@ -1,7 +1,5 @@
 #include "quality/real_route_speed_test.h"
 
-#include <winsock2.h>
-
 #include "common/log.h"
 #include "common/unix_time.h"
 #include "protocol/speed_test_payload.h"
