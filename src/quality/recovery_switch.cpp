@@ -79,7 +79,6 @@ void RecoverySwitch::Reset() noexcept {
   link_type_ = 0;
   small_section_pack_ = small_section_lost_ = 0;
   full_section_pack_ = full_section_lost_ = 0;
-  need_switch_ = switch_result_ = 0;
 }
 
 bool RecoverySwitch::OnUpdate() noexcept {

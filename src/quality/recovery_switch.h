@@ -123,8 +123,6 @@ class RecoverySwitch {
   u32 small_section_lost_ = 0;
   u32 full_section_pack_ = 0;
   u32 full_section_lost_ = 0;
-  u32 need_switch_ = 0;
-  u32 switch_result_ = 0;
   u32 calc_count_ = 0;           // reports made
   RecoverySwitchRecord report_;  // the last one
   u32 proxy_idc_ = 0;

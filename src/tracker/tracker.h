@@ -102,7 +102,6 @@ class Tracker {
   std::map<SOCKET, SocketQosRecord> watch_list_;  // used by the worker only
 
   common::UniqueHandle thread_;
-  DWORD thread_id_ = 0;
   std::atomic<u32> sync_name_{0};  // of own_thread.h: the sync thread's
   u32 worker_name_ = 0;            // and that of the thread that called Init, if it has one
   WorkerGone gone_ = nullptr;

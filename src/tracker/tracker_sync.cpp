@@ -58,7 +58,7 @@ void Tracker::Init(WorkerGone gone) noexcept {
   sync_name_.store(0, std::memory_order_relaxed);
   worker_name_ = common::OwnThread::NameOfCaller();
   gone_ = gone;
-  thread_.Reset(CreateThread(nullptr, 0, SyncThread, this, 0, &thread_id_));
+  thread_.Reset(CreateThread(nullptr, 0, SyncThread, this, 0, nullptr));
   LSP_LOG(0, "[Tracker] Sync Thread started.");
   initialized_ = true;
 }
@@ -76,7 +76,6 @@ void Tracker::UnInit() noexcept {
       common::EndByForce(thread_.get(), sync_name_.load(std::memory_order_relaxed));
     }
     thread_.Reset();
-    thread_id_ = 0;
     LSP_LOG(0, "[Tracker] Sync Thread Ended");
   }
   qos_ready_event_.Reset();
@@ -136,7 +135,6 @@ bool Tracker::WorkerIsGone() const noexcept { return common::HasEnded(worker_nam
 void Tracker::LeaveAlone() noexcept {
   common::Lock hold(init_lock_);
   thread_.Reset();
-  thread_id_ = 0;
   qos_ready_event_.Reset();
   sync_ready_event_.Reset();
   initialized_ = false;
