@@ -10,6 +10,7 @@
 #pragma once
 #include <winsock2.h>
 
+#include <cstddef>
 #include <optional>
 #include <string_view>
 
@@ -17,7 +18,6 @@
 #include "common/types.h"
 #include "quality/link_identity.h"
 #include "quality/lost_calc.h"
-#include "quality/recovery_switch_config.h"
 
 namespace moru_vyr::lsp {
 
@@ -27,6 +27,29 @@ enum class LinkRequest {
   kSwitch,  // the link is bad: move to another node
   kAccept,  // the verdict on a link on trial
   kReject,
+};
+
+// The thresholds by which a link is judged, read once when its judge starts.
+struct RecoverySwitchConfig {
+  static constexpr std::size_t kTextSize = 512;
+
+  u16 short_cycle = 0;  // slots
+  u16 long_cycle = 0;
+  u32 max_delay_amp = 0;  // milliseconds
+  u32 max_delay_avg = 0;
+  u32 max_real_route_lost_ = 0;  // percent
+  u32 lost_calc_unit_size = 0;   // milliseconds
+  u32 max_link_except_rep_num = 0;
+  u32 link_switch_min_inter = 0;  // milliseconds
+  u32 max_link_switch_count = 0;
+  u32 data_link_short_cycle_pkg_ = 0;  // packets
+  u32 data_link_short_cycle_lost = 0;  // percent
+  u32 data_link_long_cycle_pkg_ = 0;
+  u32 data_link_long_cycle_lost_ = 0;
+
+  // A link on trial has limits of its own for delay and loss.
+  void ReadConfig(bool is_switch_session) noexcept;
+  void Format(char (&text)[kTextSize]) const noexcept;
 };
 
 // What is known of one section of the route. A loss may be a code, see lost_calc.h.

@@ -12,7 +12,7 @@
 #include "quality/link_identity.h"
 #include "quality/link_thresholds.h"
 #include "quality/recovery_record_text.h"
-#include "quality/recovery_switch_config.h"
+#include "quality/recovery_switch.h"
 #include "route/acc_config.h"
 
 namespace moru_vyr::lsp {
