@@ -16,8 +16,8 @@
 #include "protocol/udp_accl_header.h"
 #include "quality/link_watch.h"
 #include "udp/accl_link_info.h"
-#include "udp/datagram_buffer.h"
 #include "udp/stored_package.h"
+#include "udp/udp_package.h"
 
 namespace moru_vyr::lsp {
 

@@ -16,9 +16,9 @@
 #include "common/types.h"
 #include "relay/net_provider.h"
 #include "relay/relay_sockets.h"
-#include "udp/datagram_buffer.h"
 #include "udp/live_queues.h"
 #include "udp/relay_messages.h"
+#include "udp/udp_package.h"
 #include "udp/udp_session.h"
 #include "udp/untold_ends.h"
 
