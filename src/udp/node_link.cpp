@@ -10,6 +10,7 @@
 #include "common/unix_time.h"
 #include "protocol/nego_request.h"
 #include "relay/nego_common.h"
+#include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
 #include "udp/udp_provider.h"
 #include "udp/udp_session.h"
@@ -43,9 +44,7 @@ bool NodeLink::Open() noexcept {
             error, flow_.token);
     return false;
   }
-  u_long on = 1;
-  if (ioctlsocket(sock_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
-    const int error = WSAGetLastError();
+  if (const int error = MakeNonBlocking(sock_); error != 0) {
     LSP_LOG(5,
             on_trial_ ? "[UDP] UdpSwitchRemoteSession::Init ioctlsocket , error=%d, token=%u"
                       : "[UDP] UdpRemoteSession::Init ioctlsocket , error=%d, token=%u",
