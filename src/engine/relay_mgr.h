@@ -78,7 +78,6 @@ class RelayMgr final : public IRelaySocketMgr {
   void StartWorker(u32 timeout_ms) noexcept;
   void WorkerProc() noexcept;
   bool InternalInit() noexcept;
-  bool BecomeTheWorker() noexcept;
   void Loop() noexcept;
   void UninitProviders() noexcept;
   void BuryWorker() noexcept;

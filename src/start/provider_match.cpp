@@ -61,29 +61,24 @@ LspProvider* MatchKind(const WSAPROTOCOL_INFOW& in_info, Providers list) {
   return nullptr;
 }
 
-// Whether an entry of a foreign layer's chain leads to one of our records.
-bool LeadsToUs(DWORD id, const WSAPROTOCOL_INFOW& in_info, Providers list) {
-  for (const LspProvider& provider : list) {
-    if (id == provider.layer_provider.ProtocolChain.ChainEntries[0] &&
-        SameKind(in_info, provider.layer_provider)) {
-      common::LspTrace(
-          "FindMatchingProvider: try to match according to the protocol triplet and provider "
-          "flags");
-      return true;
-    }
-    if (id == provider.layer_provider.dwCatalogEntryId) {
-      common::LspTrace(
-          "FindMatchingProvider: entry belongs to the LSP layered over us and it references our "
-          "LSP");
-      return true;
-    }
-  }
-  return false;
-}
-
+// Whether the chain of a foreign layer leads to one of our records.
 bool LeadsToUs(const WSAPROTOCOL_INFOW& entry, const WSAPROTOCOL_INFOW& in_info, Providers list) {
   for (const DWORD id : LowerEntries(entry)) {
-    if (LeadsToUs(id, in_info, list)) return true;
+    for (const LspProvider& provider : list) {
+      if (id == provider.layer_provider.ProtocolChain.ChainEntries[0] &&
+          SameKind(in_info, provider.layer_provider)) {
+        common::LspTrace(
+            "FindMatchingProvider: try to match according to the protocol triplet and provider "
+            "flags");
+        return true;
+      }
+      if (id == provider.layer_provider.dwCatalogEntryId) {
+        common::LspTrace(
+            "FindMatchingProvider: entry belongs to the LSP layered over us and it references our "
+            "LSP");
+        return true;
+      }
+    }
   }
   return false;
 }

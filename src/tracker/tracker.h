@@ -87,7 +87,6 @@ class Tracker {
   void SubmitRecoverySwitch(const RecoverySwitchRecord* record) noexcept;
 
  private:
-  void AddToSnapshot(const SocketQosRecord& record) noexcept;
   void MakeClosingUpdate(SocketQosRecord* record);
 
   // The sync thread's.

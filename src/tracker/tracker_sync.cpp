@@ -99,19 +99,15 @@ void Tracker::SnapshotCommInfo(bool force) noexcept {
   snapshot_.clear();
   for (auto& [socket, record] : watch_list_) {
     UpdateTimes(&record);
-    if (record.is_acce && record.nego_success) AddToSnapshot(record);
+    if (!record.is_acce || !record.nego_success) continue;
+    try {
+      snapshot_.insert_or_assign(record.guid, record);  // of two with one guid the later counts
+    } catch (...) {  // no memory for it: this report is lost, and the others need not be
+    }
   }
   if (snapshot_.empty()) return;
   last_snapshot_tick_ = now;
   if (sync_ready_event_) SetEvent(sync_ready_event_.get());
-}
-
-// Of two sockets with one guid the later counts.
-void Tracker::AddToSnapshot(const SocketQosRecord& record) noexcept {
-  try {
-    snapshot_.insert_or_assign(record.guid, record);
-  } catch (...) {  // no memory for it: this report is lost, and the others need not be
-  }
 }
 
 DWORD WINAPI Tracker::SyncThread(LPVOID self) noexcept {

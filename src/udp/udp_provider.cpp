@@ -96,10 +96,6 @@ void UdpProvider::OnUpdate(u32 elapsed_ms) noexcept {
     session.OnUpdate(elapsed_ms);
     if (session.IsCloseWanted()) CloseSession(session.token());
   }
-  EndUntold();
-}
-
-void UdpProvider::EndUntold() noexcept {
   untold_ends_.OnTurn([this](u32 token) {
     const bool has_session = sessions_.count(token) != 0;
     CloseSession(token);

@@ -59,7 +59,6 @@ class UdpProvider final : public NetProvider {
   void OnUpdate(u32 elapsed_ms) noexcept override;
 
  private:
-  void EndUntold() noexcept;
   bool ReadPackage(SOCKET socket, UdpPackage* package) noexcept;
   void HandleLocalMessage(const UdpPackage& package) noexcept;
   void HandleOpenRequest(const ProtoRelayOpen& request, const sockaddr_in& game_addr) noexcept;
