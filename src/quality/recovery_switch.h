@@ -119,8 +119,8 @@ class RecoverySwitch {
   bool IsGameListed() const noexcept;
   void InitCalcs() noexcept;
   void LogUpdate(const char* calc_name, u32 time_delta) const noexcept;
-  u8 GetCurLost(const LostCalc& calc, u8 upload_lost, bool is_real_route, u16 cycles, u32* need,
-                u32* real, bool include_current) noexcept;
+  u8 GetCurLost(const LostCalc& calc, u16 cycles, u32* need, u32* real,
+                bool include_current) const noexcept;
   // Kept: true means that the report must be held back, which is the opposite of the name.
   bool IsBelowReportLimit() noexcept;
   void FillReport() noexcept;

@@ -112,7 +112,7 @@ class Route {
   void CreateNotifyEvent() noexcept;
   bool AdmitDestination(u32 ip, u16 port, i32 socket_type, AccDecisionInfo* info,
                         u32 token) noexcept;
-  void CopyCandidates(const SwitchGroup& group, SwitchProxyInfo* cache) noexcept;
+  void CopyCandidates(const SwitchGroup& group, u32 game_idc, SwitchProxyInfo* cache) noexcept;
 
   RouteTable route_table_;
   IpTable ip_table_;
