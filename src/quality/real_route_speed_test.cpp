@@ -43,7 +43,6 @@ void RealRouteSpeedTest::ReadConfig() noexcept {
   norm_test_interval_ = thresholds::NormTestInterval(config);
   high_freq_test_interval_ = thresholds::HighFreqTestInterval(config, is_in_switching_);
   high_freq_test_time_ = thresholds::HighFreqTestTime(config, is_in_switching_);
-  long_cycle_ = thresholds::LongCycle(config);
   max_valid_test_delay_ = thresholds::MaxValidTestDelay(config);
   ignore_high_freq_test_time_ = u32{config.ignore_high_freq_test_time} * 1000;
   max_real_route_lost_ = thresholds::MaxRealRouteLost(config);
@@ -53,7 +52,8 @@ void RealRouteSpeedTest::ReadConfig() noexcept {
           "ignore_high_freq_test_time_=%d, max_real_route_lost_=%d, max_valid_test_delay=%d, "
           "socket=%u, token=%u",
           is_in_switching_ ? "true" : "false", norm_test_interval_, high_freq_test_interval_,
-          high_freq_test_time_, long_cycle_, ignore_high_freq_test_time_, max_real_route_lost_,
+          high_freq_test_time_, thresholds::LongCycle(config), ignore_high_freq_test_time_,
+          max_real_route_lost_,
           max_valid_test_delay_, static_cast<u32>(param_.socket), param_.token);
 }
 

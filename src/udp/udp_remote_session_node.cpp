@@ -68,8 +68,7 @@ void UdpRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept {
   }
   state_ = UdpState::kAccl;
   FlushCachedPackages();  // before anything is measured: the game has waited long enough
-  link_.StartWatch(&watch_, decision_,
-                   DescribeClient(decision_, response.body.client_isp, response.body.client_ip));
+  link_.StartWatch(&watch_, decision_, DescribeClient(decision_, response));
 }
 
 void UdpRemoteSession::OnNegotiationFailed(u32 reason) noexcept {

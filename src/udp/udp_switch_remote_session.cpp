@@ -89,7 +89,7 @@ void UdpSwitchRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept 
     return;
   }
   state_ = UdpSwitchState::kVerifying;
-  client_info_ = DescribeClient(decision_, response.body.client_isp, response.body.client_ip);
+  client_info_ = DescribeClient(decision_, response);
   link_.StartWatch(&watch_, decision_, client_info_);
 }
 
