@@ -8,7 +8,6 @@ namespace moru_vyr::lsp {
 namespace {
 
 using Providers = std::span<LspProvider>;
-using Entries = std::span<const WSAPROTOCOL_INFOW>;
 
 // The entry below the first entry of a chain.
 std::span<const DWORD> LowerEntries(const WSAPROTOCOL_INFOW& info) {
@@ -90,7 +89,7 @@ LspProvider* MatchCatalogue(const WSAPROTOCOL_INFOW& in_info, Providers list) {
     common::LspTrace("FindMatchingProvider: GetProtocols failed!\n");
     return nullptr;
   }
-  const Entries catalogue(protocols.get(), static_cast<std::size_t>(std::max(count, 0)));
+  const Entries catalogue = EntriesOf(protocols.get(), count);
   const bool known =
       std::any_of(catalogue.begin(), catalogue.end(), [&](const WSAPROTOCOL_INFOW& entry) {
         return entry.dwCatalogEntryId == in_info.ProtocolChain.ChainEntries[0];
