@@ -79,14 +79,14 @@ class RecoverySwitch {
   bool OnUpdate() noexcept;
 
   void DataLinkAddOneRecvPkg(u32 seq) noexcept;
-  void DataLinkAddOneSendPkg(u32 seq) noexcept;
+  void DataLinkAddOneSendPkg(u32 seq) noexcept;  // nothing in the product calls this
   void RealRouteAddOneSendPkg(u32 seq) noexcept;
   void RealRouteAddOneRecvPkg(u32 seq, u8 relay_idx) noexcept;
 
   // The loss to tell the node, or kLostTooFew in place of a loss from too few packets. With `raw`
   // it is returned all the same.
   u8 DataLinkGetDefCurLost(bool raw) noexcept;
-  u8 RealRouteGetDefCurLost(bool raw) noexcept;
+  u8 RealRouteGetDefCurLost(bool raw) noexcept;  // nothing in the product calls this
 
   // The loss over the short and the long window, with the packets expected and received. All but
   // the third also store their result for the reports. The pointers may not be null.
@@ -155,6 +155,18 @@ class RecoverySwitch {
   char client_info_[kLinkTextSize] = {};
   u32 switch_count_ = 0;
   u32 last_switch_tick_ = 0;  // from the system's start: no switch in its first 30 seconds
+};
+
+// A report, spelled out for the log. Formats at once and owns its text, so that it can be an argument of a log statement and costs
+// nothing at levels that are not written.
+class RecoveryRecordText {
+ public:
+  explicit RecoveryRecordText(const RecoverySwitchRecord& record) noexcept;
+  const char* c_str() const noexcept { return text_; }
+
+ private:
+  static constexpr std::size_t kSize = 1536;
+  char text_[kSize] = {};
 };
 
 }  // namespace moru_vyr::lsp

@@ -7,7 +7,6 @@
 #include "common/log.h"
 #include "common/text.h"
 #include "quality/real_route_recent_cycle_data.h"
-#include "quality/recovery_record_text.h"
 #include "quality/recovery_switch.h"
 #include "tracker/tracker.h"
 

@@ -2,7 +2,7 @@
 
 #include "common/log.h"
 #include "common/net_text.h"
-#include "quality/recovery_record_text.h"
+#include "quality/recovery_switch.h"
 #include "relay/nego_common.h"
 #include "route/acc_config.h"
 #include "route/route.h"

@@ -11,7 +11,6 @@
 #include "common/text.h"
 #include "quality/link_identity.h"
 #include "quality/link_thresholds.h"
-#include "quality/recovery_record_text.h"
 #include "quality/recovery_switch.h"
 #include "route/acc_config.h"
 
