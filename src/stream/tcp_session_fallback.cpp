@@ -125,9 +125,9 @@ bool TcpSession::ChangeToGameSrv() noexcept {
 }
 
 void TcpSession::TargetSelectedProxy() noexcept {
-  const RouteProxyInfo& proxy = decision_.selected_proxy;
-  remote_ip_ = static_cast<u32>(inet_addr(ProxyAddrText(proxy).text));
-  remote_port_ = htons(proxy.proxy_port);
+  const sockaddr_in node = ProxyAddress(decision_.selected_proxy);
+  remote_ip_ = static_cast<u32>(node.sin_addr.s_addr);
+  remote_port_ = node.sin_port;
 }
 
 }  // namespace moru_vyr::lsp
