@@ -13,6 +13,7 @@
 #include "quality/link_thresholds.h"
 #include "quality/recovery_switch.h"
 #include "route/acc_config.h"
+#include "tracker/speed_stats.h"
 
 namespace moru_vyr::lsp {
 namespace {
