@@ -112,23 +112,21 @@ bool PrepareConnectedUdpSend(const SocketRecord& record, LPWSABUF buffers, DWORD
                              entry);
 }
 
-void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count) noexcept {
-  if (buffers == nullptr) return;
+void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count, bool pending, u64 entry) noexcept {
+  if (buffers == nullptr && !pending) return;
   SocketRecord record;
   if (!GetSocketMap().Get(s, &record)) return;
   const auto queue = Use(record, record.send_queue);
   if (queue == nullptr) return;
+  if (pending) {
+    queue->Remove(entry);
+    return;
+  }
   u64 total = 0;
   for (DWORD i = 0; i < count; ++i) total += buffers[i].len;
   sockaddr_in scratch = {};
   queue->FindAddrThenRemove(buffers, static_cast<u32>(count),
                             static_cast<u32>(std::min<u64>(total, UINT32_MAX)), &scratch);
-}
-
-void CancelPendingUdpSend(SOCKET s, u64 entry) noexcept {
-  SocketRecord record;
-  if (!GetSocketMap().Get(s, &record)) return;
-  if (const auto queue = Use(record, record.send_queue)) queue->Remove(entry);
 }
 
 bool RestoreUdpSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr_in* from,
