@@ -36,10 +36,10 @@ struct Slot {
 
 std::array<Slot, 3> Slots() {
   common::ProcessInfo& process = common::GetProcessInfo();
-  return {{{kProtocolTcp, kProtocolTcp, &process.tcp_upcall_table, &process.tcp_proc_table},
-           {kProtocolUdp, kProtocolUdp, &process.udp_upcall_table, &process.udp_proc_table},
-           {kProtocolRawFind, kProtocolRawSave, &process.raw_upcall_table,
-            &process.raw_proc_table}}};
+  return {
+      {{kProtocolTcp, kProtocolTcp, &process.tcp_upcall_table, &process.tcp_proc_table},
+       {kProtocolUdp, kProtocolUdp, &process.udp_upcall_table, &process.udp_proc_table},
+       {kProtocolRawFind, kProtocolRawSave, &process.raw_upcall_table, &process.raw_proc_table}}};
 }
 
 }  // namespace

@@ -53,8 +53,8 @@ void RealRouteSpeedTest::ReadConfig() noexcept {
           "socket=%u, token=%u",
           is_in_switching_ ? "true" : "false", norm_test_interval_, high_freq_test_interval_,
           high_freq_test_time_, thresholds::LongCycle(config), ignore_high_freq_test_time_,
-          max_real_route_lost_,
-          max_valid_test_delay_, static_cast<u32>(param_.socket), param_.token);
+          max_real_route_lost_, max_valid_test_delay_, static_cast<u32>(param_.socket),
+          param_.token);
 }
 
 bool RealRouteSpeedTest::StepSpeedTest() noexcept {

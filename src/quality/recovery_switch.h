@@ -157,8 +157,8 @@ class RecoverySwitch {
   u32 last_switch_tick_ = 0;  // from the system's start: no switch in its first 30 seconds
 };
 
-// A report, spelled out for the log. Formats at once and owns its text, so that it can be an argument of a log statement and costs
-// nothing at levels that are not written.
+// A report, spelled out for the log. Formats at once and owns its text, so that it can be an
+// argument of a log statement and costs nothing at levels that are not written.
 class RecoveryRecordText {
  public:
   explicit RecoveryRecordText(const RecoverySwitchRecord& record) noexcept;

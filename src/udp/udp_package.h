@@ -1,5 +1,5 @@
-// One datagram in memory with its source or destination, and the buffer into which one after another
-// is received.
+// One datagram in memory with its source or destination, and the buffer into which one after
+// another is received.
 #pragma once
 #include <winsock2.h>
 
