@@ -89,7 +89,7 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
   const int error = ErrorOf(lpErrno);
   const bool pending = MayBePending(result, lpErrno);
   if (relay_send && result == SOCKET_ERROR) {
-    // Kept: the relay will drop its datagram, if that is still sent.
+    // Kept: the relay will drop its datagram, if that is sent after all.
     CancelUdpSend(s, lpBuffers, dwBufferCount, pending, entry);
   }
   const auto log = [&](int level) {
