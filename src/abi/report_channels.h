@@ -35,16 +35,6 @@ inline constexpr ReportChannel kRealNegotiationChannel = {
 inline constexpr ReportChannel kRecoverySwitchChannel = {
     "vyr_recovery_switch_shared_mem", "vyr_recovery_switch_named_mutex", 9360, 16, 584};
 
-constexpr bool IsConsistent(const ReportChannel& channel) {
-  return channel.region_size == kReportHeaderSize + channel.slot_count * channel.slot_size;
-}
 static_assert(kReportHeaderSize == 16);
-static_assert(IsConsistent(kDecisionChannel));
-static_assert(IsConsistent(kCommunicationChannel));
-static_assert(IsConsistent(kLogPathChannel));
-static_assert(IsConsistent(kLoadedChannel));
-static_assert(IsConsistent(kNegotiationResultChannel));
-static_assert(IsConsistent(kRealNegotiationChannel));
-static_assert(IsConsistent(kRecoverySwitchChannel));
 
 }  // namespace moru_vyr::lsp

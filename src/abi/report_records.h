@@ -202,12 +202,17 @@ using NegotiationResultRegion = ReportRegion<NegRetRecord, 16>;
 using RealNegotiationRegion = ReportRegion<RealNegoRecord, 108>;
 using RecoverySwitchRegion = ReportRegion<RecoverySwitchRecord, 16>;
 
-static_assert(sizeof(DecisionRegion) == kDecisionChannel.region_size);
-static_assert(sizeof(CommunicationRegion) == kCommunicationChannel.region_size);
-static_assert(sizeof(LogPathRegion) == kLogPathChannel.region_size);
-static_assert(sizeof(LoadedRegion) == kLoadedChannel.region_size);
-static_assert(sizeof(NegotiationResultRegion) == kNegotiationResultChannel.region_size);
-static_assert(sizeof(RealNegotiationRegion) == kRealNegotiationChannel.region_size);
-static_assert(sizeof(RecoverySwitchRegion) == kRecoverySwitchChannel.region_size);
+template <typename Region>
+constexpr bool Fills(const ReportChannel& channel) noexcept {
+  return sizeof(Region) == channel.region_size &&
+         sizeof(Region::slots) == channel.slot_count * channel.slot_size;
+}
+static_assert(Fills<DecisionRegion>(kDecisionChannel));
+static_assert(Fills<CommunicationRegion>(kCommunicationChannel));
+static_assert(Fills<LogPathRegion>(kLogPathChannel));
+static_assert(Fills<LoadedRegion>(kLoadedChannel));
+static_assert(Fills<NegotiationResultRegion>(kNegotiationResultChannel));
+static_assert(Fills<RealNegotiationRegion>(kRealNegotiationChannel));
+static_assert(Fills<RecoverySwitchRegion>(kRecoverySwitchChannel));
 
 }  // namespace moru_vyr::lsp

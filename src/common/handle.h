@@ -2,8 +2,6 @@
 // uses either, depending on the call.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <utility>
 

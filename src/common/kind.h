@@ -3,8 +3,6 @@
 // byte: a client program of either kind serves games of either kind.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 #include <ws2spi.h>
 
 #include <cstddef>

@@ -2,8 +2,6 @@
 // call and the code that asks why it failed, so it must not change the error.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 namespace common {
 

@@ -35,7 +35,7 @@ bool LogFile::Open(const std::string& path) noexcept {
     if (!u8to16(path, &wide_path) || !EnsureParentDirectory(wide_path)) return false;
     if (!TryLock()) return false;
     const Lock lock(lock_, AdoptLock{});
-    return OpenLocked(path, wide_path);
+    return OpenLocked(wide_path);
   } catch (...) {
     return false;
   }
@@ -83,9 +83,8 @@ bool LogFile::TryLock() noexcept {
   return true;
 }
 
-bool LogFile::OpenLocked(const std::string& path, const std::wstring& wide_path) {
+bool LogFile::OpenLocked(const std::wstring& wide_path) {
   if (file_) return true;  // another thread was first
-  path_ = path;
   buffer_.reserve(kBufferCapacity);
   if (!OpenHandle(wide_path)) {
     file_.Reset();

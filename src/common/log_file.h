@@ -24,8 +24,6 @@ class LogFile {
 
   explicit LogFile(u64 max_written_total = kMaxWrittenTotal) noexcept;
   ~LogFile();
-  LogFile(const LogFile&) = delete;
-  LogFile& operator=(const LogFile&) = delete;
 
   // Appends to the file of this UTF-8 path, and creates it and its directories if they are missing.
   // True if the file is open, even if it was open before (under whatever path).
@@ -45,7 +43,7 @@ class LogFile {
 
  private:
   bool TryLock() noexcept;
-  bool OpenLocked(const std::string& path, const std::wstring& wide_path);
+  bool OpenLocked(const std::wstring& wide_path);
   bool OpenHandle(const std::wstring& wide_path) noexcept;
   void FlushLocked() noexcept;
 
@@ -53,7 +51,6 @@ class LogFile {
   std::atomic<int> min_level_{kInitialLevel};
   Mutex lock_;  // guards what follows, and the changes of is_open_
   UniqueHandle file_;
-  std::string path_;
   std::string buffer_;
   u64 written_total_ = 0;
   const u64 max_written_total_;

@@ -10,8 +10,6 @@
 // Any thread may ask. Nothing throws, and nothing here waits for a lock.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include "common/types.h"
 

@@ -1,8 +1,6 @@
 #include "common/paths.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include "common/text.h"
 

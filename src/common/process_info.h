@@ -5,8 +5,6 @@
 // always terminated.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 #include <ws2spi.h>
 
 #include "common/kind.h"
@@ -34,5 +32,8 @@ struct ProcessInfo {
 };
 
 ProcessInfo& GetProcessInfo() noexcept;
+
+// Whether this is the diagnostic process of that name, which is served without a configuration.
+bool IsSpeedTester() noexcept;
 
 }  // namespace common

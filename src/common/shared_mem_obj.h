@@ -31,8 +31,6 @@ class Shared_mem_obj {
   Shared_mem_obj(const std::string& name, u32 size, const std::string& mutex_name,
                  bool double_buffered);
   ~Shared_mem_obj();
-  Shared_mem_obj(const Shared_mem_obj&) = delete;
-  Shared_mem_obj& operator=(const Shared_mem_obj&) = delete;
 
   // The address of the record, or null (with a log line that says why). `check` compares the
   // record's header with what this library expects. The record of a reader is write-protected.

@@ -1,8 +1,6 @@
 #include "common/text.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <algorithm>
 #include <cstdarg>
@@ -18,38 +16,34 @@ char FoldCase(char c) noexcept {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-}  // namespace
-
-bool u8to16(const std::string& in, std::wstring* out) {
+// `convert` is the platform's: without a buffer it returns the size that is needed.
+template <class From, class To, class Convert>
+bool ConvertWhole(const From& in, To* out, Convert convert) {
   out->clear();
   if (in.empty()) return true;
   if (in.size() > kMaxConverted) return false;
   const int in_size = static_cast<int>(in.size());
-  const int size =
-      MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, in.data(), in_size, nullptr, 0);
+  const int size = convert(in.data(), in_size, nullptr, 0);
   if (size <= 0) return false;
   out->resize(static_cast<std::size_t>(size));
-  if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, in.data(), in_size, out->data(), size) ==
-      size)
-    return true;
+  if (convert(in.data(), in_size, out->data(), size) == size) return true;
   out->clear();
   return false;
 }
 
+}  // namespace
+
+bool u8to16(const std::string& in, std::wstring* out) {
+  return ConvertWhole(in, out, [](const char* from, int from_size, wchar_t* to, int to_size) {
+    return MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, from, from_size, to, to_size);
+  });
+}
+
 bool u16to8(const std::wstring& in, std::string* out) {
-  out->clear();
-  if (in.empty()) return true;
-  if (in.size() > kMaxConverted) return false;
-  const int in_size = static_cast<int>(in.size());
-  const int size = WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, in.data(), in_size, nullptr,
-                                       0, nullptr, nullptr);
-  if (size <= 0) return false;
-  out->resize(static_cast<std::size_t>(size));
-  if (WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, in.data(), in_size, out->data(), size,
-                          nullptr, nullptr) == size)
-    return true;
-  out->clear();
-  return false;
+  return ConvertWhole(in, out, [](const wchar_t* from, int from_size, char* to, int to_size) {
+    return WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, from, from_size, to, to_size, nullptr,
+                               nullptr);
+  });
 }
 
 int FormatBounded(char (&buffer)[kBoundedTextSize], const char* format, ...) noexcept {

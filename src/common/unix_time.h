@@ -1,8 +1,6 @@
 // The calendar clock.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include "common/types.h"
 

@@ -148,17 +148,12 @@ bool RelayMgr::InternalInit() noexcept {
   LSP_LOG(4, "RelayMgr::InternalInit, UDP init is %s", udp_started ? "true" : "false");
   const bool tcp_started = udp_started && tcp_provider_.Init(this, GetRoute());
   LSP_LOG(4, "RelayMgr::InternalInit, TCP init is %s", tcp_started ? "true" : "false");
-  const bool is_worker = tcp_started && BecomeTheWorker();
+  const bool is_worker = tcp_started && !worker_started_.exchange(true);
+  if (is_worker) serves_.store(true, std::memory_order_release);
   state_.store(tcp_started ? kStateRunning : kStateFailed, std::memory_order_release);
   // Guard: nobody would poll their sockets, nor ever close them.
   if (tcp_started && !is_worker) UninitProviders();
   return is_worker;
-}
-
-bool RelayMgr::BecomeTheWorker() noexcept {
-  if (worker_started_.exchange(true)) return false;
-  serves_.store(true, std::memory_order_release);
-  return true;
 }
 
 void RelayMgr::UninitProviders() noexcept {

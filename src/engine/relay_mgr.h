@@ -9,8 +9,6 @@
 // Nothing throws.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <atomic>
 #include <memory>
@@ -31,10 +29,6 @@ class RelayMgr final : public IRelaySocketMgr {
   static constexpr u32 kStateNotInitialised = 1;
   static constexpr u32 kStateFailed = 0x80004005;
   static constexpr u32 kDatagramTrustMs = 100;
-
-  RelayMgr() = default;
-  RelayMgr(const RelayMgr&) = delete;
-  RelayMgr& operator=(const RelayMgr&) = delete;
 
   // True if the relay has been started. The first call starts it and waits up to `timeout_ms` for
   // it; a worker that is not ready by then may be ready at a later call.
@@ -84,7 +78,6 @@ class RelayMgr final : public IRelaySocketMgr {
   void StartWorker(u32 timeout_ms) noexcept;
   void WorkerProc() noexcept;
   bool InternalInit() noexcept;
-  bool BecomeTheWorker() noexcept;
   void Loop() noexcept;
   void UninitProviders() noexcept;
   void BuryWorker() noexcept;

@@ -3,7 +3,6 @@
 #include <winsock2.h>
 //
 #include <shlwapi.h>
-#include <windows.h>
 
 #include <algorithm>
 #include <atomic>

@@ -1,10 +1,10 @@
 #include "hooks/downcall_table.h"
 
+#include <array>
 #include <atomic>
 
 #include "common/log.h"
 #include "common/process_info.h"
-#include "common/text.h"
 #include "hooks/block_config.h"
 #include "hooks/hook_entries.h"
 #include "hooks/hook_flags.h"
@@ -27,45 +27,37 @@ void Publish(WSPPROC_TABLE& slot, const WSPPROC_TABLE& table) {
       .store(table.lpWSPSocket, std::memory_order_release);
 }
 
-void File(int protocol, const WSPUPCALLTABLE& upcalls, const WSPPROC_TABLE& next_table) {
+struct Slot {
+  short type;
+  int saved_as;
+  WSPUPCALLTABLE* upcalls;
+  WSPPROC_TABLE* table;
+};
+
+std::array<Slot, 3> Slots() {
   common::ProcessInfo& process = common::GetProcessInfo();
-  switch (protocol) {
-    case kProtocolTcp:
-      process.tcp_upcall_table = upcalls;
-      Publish(process.tcp_proc_table, next_table);
-      break;
-    case kProtocolUdp:
-      process.udp_upcall_table = upcalls;
-      Publish(process.udp_proc_table, next_table);
-      break;
-    case kProtocolRawSave:
-      process.raw_upcall_table = upcalls;
-      Publish(process.raw_proc_table, next_table);
-      break;
-    default:
-      break;
-  }
+  return {
+      {{kProtocolTcp, kProtocolTcp, &process.tcp_upcall_table, &process.tcp_proc_table},
+       {kProtocolUdp, kProtocolUdp, &process.udp_upcall_table, &process.udp_proc_table},
+       {kProtocolRawFind, kProtocolRawSave, &process.raw_upcall_table, &process.raw_proc_table}}};
 }
 
 }  // namespace
 
 void SaveDowncallTable(int protocol, const WSPUPCALLTABLE* upcalls, const WSPPROC_TABLE* next_table,
                        LPWSPPROC_TABLE out) noexcept {
-  File(protocol, *upcalls, *next_table);
+  for (const Slot& slot : Slots()) {
+    if (slot.saved_as != protocol) continue;
+    *slot.upcalls = *upcalls;
+    Publish(*slot.table, *next_table);
+  }
   if (out == nullptr) return;
   *out = *next_table;
   HookWSPAPI(out);
 }
 
 WSPPROC_TABLE* GetDowncallTable(int protocol, short* out_type) noexcept {
-  struct Slot {
-    short type;
-    WSPPROC_TABLE* table;
-  };
-  common::ProcessInfo& process = common::GetProcessInfo();
-  const Slot slots[] = {{kProtocolTcp, &process.tcp_proc_table},
-                        {kProtocolUdp, &process.udp_proc_table},
-                        {kProtocolRawFind, &process.raw_proc_table}};
+  const auto slots = Slots();
   const Slot* chosen = nullptr;
   for (const Slot& slot : slots) {
     if (!IsFilled(*slot.table)) continue;
@@ -84,8 +76,7 @@ bool HookWSPAPI(LPWSPPROC_TABLE table) noexcept {
     common::LspTrace("HookWSPAPI: failed with invalid param!");
     return false;
   }
-  if (common::EqualsIgnoreCase(common::FieldText(common::GetProcessInfo().process_name),
-                               "SpeedTester.exe")) {
+  if (common::IsSpeedTester()) {
     GetHookFlags().speed_tester_mode.store(true, std::memory_order_relaxed);
   }
   UpdateBlockConfig();

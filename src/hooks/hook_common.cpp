@@ -1,6 +1,5 @@
 #include "hooks/hook_common.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "common/net_text.h"

@@ -88,10 +88,9 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
                         target_size, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
   const bool pending = MayBePending(result, lpErrno);
-  if (relay_send && pending) {
-    CancelPendingUdpSend(s, entry);  // Kept: the relay will drop its datagram
-  } else if (relay_send && result == SOCKET_ERROR) {
-    CancelUdpSend(s, lpBuffers, dwBufferCount);
+  if (relay_send && result == SOCKET_ERROR) {
+    // Kept: the relay will drop its datagram, if that is sent after all.
+    CancelUdpSend(s, lpBuffers, dwBufferCount, pending, entry);
   }
   const auto log = [&](int level) {
     const sockaddr* const to = lpTo != nullptr ? reinterpret_cast<const sockaddr*>(&asked) : lpTo;

@@ -35,11 +35,7 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
   const int error = ErrorOf(lpErrno);
   const bool pending = MayBePending(result, lpErrno);
   if (relay_send && result == SOCKET_ERROR && IsAllowedRelay(record)) {
-    if (pending) {
-      CancelPendingUdpSend(s, entry);
-    } else {
-      CancelUdpSend(s, lpBuffers, dwBufferCount);
-    }
+    CancelUdpSend(s, lpBuffers, dwBufferCount, pending, entry);
   }
   const auto log = [&](int level) {
     LSP_LOG(level,

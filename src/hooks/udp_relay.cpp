@@ -31,13 +31,11 @@ std::shared_ptr<UdpPackageQueue> Use(const SocketRecord& record,
   return queue != nullptr ? GetRelayMgr().UseQueue(queue, record.token) : nullptr;
 }
 
-enum class Asked { kRelayed, kRefused, kSocketGone };
-
 // Asks for the socket's relay and stores the outcome with the socket. Two threads may both do so
 // for one socket: the relay answers one of them, and the other's failure may be stored last. A
 // socket that was closed meanwhile could not know of the session that it may have by now.
-Asked AskForRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
-                  UdpPackageQueue** send_queue, LPWSATHREADID thread_id) noexcept {
+bool AskForRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
+                 UdpPackageQueue** send_queue, LPWSATHREADID thread_id, bool in_connect) noexcept {
   UdpPackageQueue* recv_queue = nullptr;
   const bool relayed = RequestUdpRelay(record, to, thread_id, out_addr, send_queue, &recv_queue);
   const bool kept = relayed
@@ -45,19 +43,13 @@ Asked AskForRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in
                                                       recv_queue, record.token)
                         : GetSocketMap().SetRelayState(record.socket, kRelayRefused, record.token);
   if (!kept) GetRelayMgr().NoteUntoldEnd(record.token);
-  if (!relayed) return Asked::kRefused;
-  return kept ? Asked::kRelayed : Asked::kSocketGone;
-}
-
-// The socket's first datagram for the relay.
-bool StartRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
-                UdpPackageQueue** send_queue, LPWSATHREADID thread_id) noexcept {
-  const Asked asked = AskForRelay(record, to, out_addr, send_queue, thread_id);
-  if (asked == Asked::kSocketGone) {
-    LSP_LOG(5, "[UDP] WSPSendTo: SetRelayAddr failed, socket=%Id, token=%u", record.socket,
-            record.token);
+  if (relayed && !kept) {
+    LSP_LOG(5,
+            in_connect ? "[UDP] HandleUdpConnect:SetRelayAddr failed, socket=%Id, token=%u"
+                       : "[UDP] WSPSendTo: SetRelayAddr failed, socket=%Id, token=%u",
+            record.socket, record.token);
   }
-  return asked == Asked::kRelayed;
+  return relayed && kept;
 }
 
 }  // namespace
@@ -94,7 +86,7 @@ bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD cou
   UdpPackageQueue* queue = nullptr;
   switch (record.relay_state) {
     case kRelayNotAsked:
-      if (!StartRelay(record, to, out_addr, &queue, thread_id)) return false;
+      if (!AskForRelay(record, to, out_addr, &queue, thread_id, false)) return false;
       break;
     case kRelayRunning:
       queue = record.send_queue;
@@ -120,23 +112,21 @@ bool PrepareConnectedUdpSend(const SocketRecord& record, LPWSABUF buffers, DWORD
                              entry);
 }
 
-void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count) noexcept {
-  if (buffers == nullptr) return;
+void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count, bool pending, u64 entry) noexcept {
+  if (buffers == nullptr && !pending) return;
   SocketRecord record;
   if (!GetSocketMap().Get(s, &record)) return;
   const auto queue = Use(record, record.send_queue);
   if (queue == nullptr) return;
+  if (pending) {
+    queue->Remove(entry);
+    return;
+  }
   u64 total = 0;
   for (DWORD i = 0; i < count; ++i) total += buffers[i].len;
   sockaddr_in scratch = {};
   queue->FindAddrThenRemove(buffers, static_cast<u32>(count),
                             static_cast<u32>(std::min<u64>(total, UINT32_MAX)), &scratch);
-}
-
-void CancelPendingUdpSend(SOCKET s, u64 entry) noexcept {
-  SocketRecord record;
-  if (!GetSocketMap().Get(s, &record)) return;
-  if (const auto queue = Use(record, record.send_queue)) queue->Remove(entry);
 }
 
 bool RestoreUdpSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr_in* from,
@@ -172,12 +162,7 @@ bool HandleUdpConnect(const SocketRecord& record, const sockaddr_in* addr,
   if (record.relay_state != kRelayNotAsked) return false;
   WSATHREADID thread{GetCurrentThread(), 0};
   UdpPackageQueue* send_queue = nullptr;
-  const Asked asked = AskForRelay(record, addr, out_addr, &send_queue, &thread);
-  if (asked == Asked::kSocketGone) {
-    LSP_LOG(5, "[UDP] HandleUdpConnect:SetRelayAddr failed, socket=%Id, token=%u", record.socket,
-            record.token);
-  }
-  if (asked != Asked::kRelayed) return false;
+  if (!AskForRelay(record, addr, out_addr, &send_queue, &thread, true)) return false;
   GetSocketMap().SetUdpConnectMode(record.socket, true, record.token);
   return true;
 }

@@ -29,10 +29,8 @@ bool PrepareConnectedUdpSend(const SocketRecord& record, LPWSABUF buffers, DWORD
                              LPWSATHREADID thread_id, u64* entry = nullptr) noexcept;
 
 // Takes back what was queued for a datagram that was not sent after all. Works on the socket's
-// current record.
-void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count) noexcept;
-// The same for one that is still being sent, whose buffers may be gone.
-void CancelPendingUdpSend(SOCKET s, u64 entry) noexcept;
+// current record. The buffers of a datagram that is still pending may be gone; `entry` names it.
+void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count, bool pending, u64 entry) noexcept;
 
 // Replaces `from` with the true source of a datagram that came from the relay. False if it came
 // from elsewhere or its source is not known.

@@ -46,15 +46,14 @@ bool SendOpenRequest(const SocketRecord& record, const sockaddr_in& to, HANDLE e
   }
   if (sent.bytes != sizeof request) {
     LSP_LOG(5, "[UDP] RequestUdpRelay failed: sendto(%s:%u), bytes(%u)!=%u, socket=%Id, token=%u",
-            common::IpToString(control.sin_addr.s_addr).c_str(),
-            static_cast<unsigned>(ntohs(control.sin_port)), static_cast<unsigned>(sent.bytes),
-            static_cast<unsigned>(sizeof request), record.socket, record.token);
+            common::IpToString(control.sin_addr.s_addr).c_str(), ntohs(control.sin_port),
+            static_cast<u32>(sent.bytes), static_cast<u32>(sizeof request), record.socket,
+            record.token);
     return false;
   }
   LSP_LOG(0, "[UDP] RequestUdpRelay: sendto(%s:%u) success, bytes=%u, socket=%Id, token=%u",
-          common::IpToString(control.sin_addr.s_addr).c_str(),
-          static_cast<unsigned>(ntohs(control.sin_port)), static_cast<unsigned>(sent.bytes),
-          record.socket, record.token);
+          common::IpToString(control.sin_addr.s_addr).c_str(), ntohs(control.sin_port),
+          static_cast<u32>(sent.bytes), record.socket, record.token);
   return true;
 }
 
@@ -92,9 +91,8 @@ bool RequestUdpRelay(const SocketRecord& record, const sockaddr_in* to, LPWSATHR
   }
   *out_addr = answer.address();
   LSP_LOG(5, "RequestUdpRelay success: relay_addr(%s:%u), wait_result=%u, socket=%Id,token=%u",
-          common::IpToString(out_addr->sin_addr.s_addr).c_str(),
-          static_cast<unsigned>(ntohs(out_addr->sin_port)), static_cast<unsigned>(wait_result),
-          record.socket, record.token);
+          common::IpToString(out_addr->sin_addr.s_addr).c_str(), ntohs(out_addr->sin_port),
+          static_cast<u32>(wait_result), record.socket, record.token);
   if (out_send_queue != nullptr) *out_send_queue = answer.send_queue();
   if (out_recv_queue != nullptr) *out_recv_queue = answer.recv_queue();
   return true;

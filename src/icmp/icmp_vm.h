@@ -31,10 +31,6 @@ struct raw_request_t {
 
 class CIcmpVM {
  public:
-  CIcmpVM() = default;
-  CIcmpVM(const CIcmpVM&) = delete;
-  CIcmpVM& operator=(const CIcmpVM&) = delete;
-
   // A raw socket was connected to `ip` (network order). Kept: connecting it again changes
   // nothing.
   void AddRawSocket(SOCKET s, u32 ip) noexcept;

@@ -97,12 +97,8 @@ void PingPool::ResetPool() noexcept {
 
 void PingPool::FreePool() noexcept {
   const common::Lock hold(pool_lock_);
-  if (pool_ == nullptr) return;
-  if (pool_->free_count == kSlots) {
-    pool_ = nullptr;
-  } else {
-    Retire();
-  }
+  if (pool_ != nullptr && pool_->free_count == kSlots) pool_ = nullptr;
+  if (pool_ != nullptr) Retire();
 }
 
 }  // namespace moru_vyr::lsp

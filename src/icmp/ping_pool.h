@@ -14,8 +14,6 @@ class PingPool {
 
   PingPool() noexcept;
   ~PingPool();
-  PingPool(const PingPool&) = delete;
-  PingPool& operator=(const PingPool&) = delete;
 
   // A cleared record, or null when out of memory. Slots are reused in the order in which they were
   // freed.

@@ -2,8 +2,6 @@
 
 #include <winsock2.h>
 //
-#include <windows.h>
-//
 #include <rpc.h>
 
 #include <cstdio>

@@ -38,10 +38,6 @@ LinkTrouble FindTrouble(const LinkFigures& figures, const RecoverySwitchConfig& 
 
 class LinkWatch {
  public:
-  LinkWatch() = default;  // its windows read the configuration of the process
-  LinkWatch(const LinkWatch&) = delete;
-  LinkWatch& operator=(const LinkWatch&) = delete;
-
   // Starts again, also on another link. Keeps what RecoverySwitch::Init keeps.
   void Start(const SpeedTestParam& param, std::string_view guid, const AccInfo& acc_info,
              const ClientInfo& client_info, bool on_trial) noexcept;

@@ -8,8 +8,6 @@
 // Owned by a RecoverySwitch, used by its thread alone. Times are milliseconds from a start that the
 // owner chooses. Nothing allocates, nothing throws.
 #pragma once
-#include <cstddef>
-
 #include "common/types.h"
 
 namespace moru_vyr::lsp {

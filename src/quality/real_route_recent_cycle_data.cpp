@@ -1,8 +1,6 @@
 #include "quality/real_route_recent_cycle_data.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <cmath>
 
@@ -114,17 +112,12 @@ void RealRouteRecentCycleData::CalcWatching() noexcept {
     LSP_LOG(0, "start watch time=%d", watch_start_tick_);
   }
   if (watch_start_tick_ != 0 || cycles_.size() < max_high_freq_test_count_) return;
-  const u32 high = HighFreqCycles();
+  u32 high = 0;
+  for (const RecentCycle& cycle : cycles_) high += cycle.is_high_freq ? 1 : 0;
   LSP_LOG(0, "count high=%d, max high =%d", high, max_high_freq_test_count_);
   if (high < max_high_freq_test_count_) return;
   watch_start_tick_ = GetTickCount();
   LSP_LOG(0, "from zero, start watch time=%d", watch_start_tick_);
-}
-
-u32 RealRouteRecentCycleData::HighFreqCycles() const noexcept {
-  u32 count = 0;
-  for (const RecentCycle& cycle : cycles_) count += cycle.is_high_freq ? 1 : 0;
-  return count;
 }
 
 }  // namespace moru_vyr::lsp

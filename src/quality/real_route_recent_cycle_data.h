@@ -45,7 +45,6 @@ class RealRouteRecentCycleData {
   void CloseCycle() noexcept;
   void CalcDelay() noexcept;
   void CalcWatching() noexcept;
-  u32 HighFreqCycles() const noexcept;
 
   u32 real_route_cycle_size_ = 0;  // milliseconds
   u32 lost_calc_cycle_ = 0;        // entries that the window must hold before it has a result

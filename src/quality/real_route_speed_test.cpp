@@ -1,14 +1,9 @@
 #include "quality/real_route_speed_test.h"
 
-#include <winsock2.h>
-//
-#include <windows.h>
-
 #include "common/log.h"
 #include "common/unix_time.h"
 #include "protocol/speed_test_payload.h"
 #include "quality/link_thresholds.h"
-#include "quality/speed_figures.h"
 #include "route/acc_config.h"
 #include "tracker/tracker.h"
 
@@ -48,7 +43,6 @@ void RealRouteSpeedTest::ReadConfig() noexcept {
   norm_test_interval_ = thresholds::NormTestInterval(config);
   high_freq_test_interval_ = thresholds::HighFreqTestInterval(config, is_in_switching_);
   high_freq_test_time_ = thresholds::HighFreqTestTime(config, is_in_switching_);
-  long_cycle_ = thresholds::LongCycle(config);
   max_valid_test_delay_ = thresholds::MaxValidTestDelay(config);
   ignore_high_freq_test_time_ = u32{config.ignore_high_freq_test_time} * 1000;
   max_real_route_lost_ = thresholds::MaxRealRouteLost(config);
@@ -58,8 +52,9 @@ void RealRouteSpeedTest::ReadConfig() noexcept {
           "ignore_high_freq_test_time_=%d, max_real_route_lost_=%d, max_valid_test_delay=%d, "
           "socket=%u, token=%u",
           is_in_switching_ ? "true" : "false", norm_test_interval_, high_freq_test_interval_,
-          high_freq_test_time_, long_cycle_, ignore_high_freq_test_time_, max_real_route_lost_,
-          max_valid_test_delay_, static_cast<u32>(param_.socket), param_.token);
+          high_freq_test_time_, thresholds::LongCycle(config), ignore_high_freq_test_time_,
+          max_real_route_lost_, max_valid_test_delay_, static_cast<u32>(param_.socket),
+          param_.token);
 }
 
 bool RealRouteSpeedTest::StepSpeedTest() noexcept {
@@ -174,12 +169,12 @@ void RealRouteSpeedTest::CountReply(const ProbeReply& reply) noexcept {
 
 void RealRouteSpeedTest::Book(SpeedStatsHalf* half, u32 seq, u32 delay) noexcept {
   if (half->last_send_seq == seq) half->pending = 0;
-  AddToAllFigures(half, delay);
+  half->all.Add(delay);
   if (delay >= max_valid_test_delay_) {
-    AddToOverFigures(half, delay);
+    half->over.Add(delay);
     --half->total_send;  // late is not lost: the fine figures have not heard of this probe
   } else {
-    AddToFineFigures(half, delay);
+    half->fine.Add(delay);
   }
 }
 

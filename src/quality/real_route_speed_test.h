@@ -76,7 +76,6 @@ class RealRouteSpeedTest {
   u32 norm_test_interval_ = 0;  // milliseconds, as are all times
   u32 high_freq_test_interval_ = 0;
   u32 high_freq_test_time_ = 0;
-  u32 long_cycle_ = 0;
   u32 max_valid_test_delay_ = 0;
   SpeedTestParam param_;
   bool running_ = false;

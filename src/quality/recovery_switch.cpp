@@ -79,7 +79,6 @@ void RecoverySwitch::Reset() noexcept {
   link_type_ = 0;
   small_section_pack_ = small_section_lost_ = 0;
   full_section_pack_ = full_section_lost_ = 0;
-  need_switch_ = switch_result_ = 0;
 }
 
 bool RecoverySwitch::OnUpdate() noexcept {
@@ -160,8 +159,10 @@ u8 RecoverySwitch::RealRouteGetDefCurLost(bool raw) noexcept {
   return lost;
 }
 
-u8 RecoverySwitch::GetCurLost(const LostCalc& calc, u8 upload_lost, bool is_real_route, u16 cycles,
-                              u32* need, u32* real, bool include_current) noexcept {
+u8 RecoverySwitch::GetCurLost(const LostCalc& calc, u16 cycles, u32* need, u32* real,
+                              bool include_current) const noexcept {
+  const bool is_real_route = &calc != &data_link_;
+  const u8 upload_lost = is_real_route ? 0 : data_link_upload_lost_;
   const u8 download_lost = calc.GetCurLost(cycles, need, real, include_current);
   // Above 100 the node does not know its view, or told nonsense. A code in place of our own goes
   // through as if it were a percentage, and comes out as it went in where the node's is 0.
@@ -178,8 +179,7 @@ u8 RecoverySwitch::GetCurLost(const LostCalc& calc, u8 upload_lost, bool is_real
 
 u8 RecoverySwitch::GetDataLinkShortLost(u32* need, u32* real, bool include_current) noexcept {
   if (!enabled_) return kLostNeverComputed;
-  const u8 lost = GetCurLost(data_link_, data_link_upload_lost_, false, config_.short_cycle, need,
-                             real, include_current);
+  const u8 lost = GetCurLost(data_link_, config_.short_cycle, need, real, include_current);
   small_section_pack_ = *real;
   small_section_lost_ = lost;
   return lost;
@@ -187,8 +187,7 @@ u8 RecoverySwitch::GetDataLinkShortLost(u32* need, u32* real, bool include_curre
 
 u8 RecoverySwitch::GetDataLinkLongLost(u32* need, u32* real, bool include_current) noexcept {
   if (!enabled_) return kLostNeverComputed;
-  const u8 lost = GetCurLost(data_link_, data_link_upload_lost_, false, config_.long_cycle, need,
-                             real, include_current);
+  const u8 lost = GetCurLost(data_link_, config_.long_cycle, need, real, include_current);
   full_section_pack_ = *real;
   full_section_lost_ = lost;
   return lost;
@@ -196,16 +195,15 @@ u8 RecoverySwitch::GetDataLinkLongLost(u32* need, u32* real, bool include_curren
 
 u8 RecoverySwitch::GetRealRouteShortLost(u32* need, u32* real, bool include_current) noexcept {
   if (!enabled_) return kLostNeverComputed;
-  return GetCurLost(real_route_full_, 0, true, config_.short_cycle, need, real, include_current);
+  return GetCurLost(real_route_full_, config_.short_cycle, need, real, include_current);
 }
 
 u8 RecoverySwitch::GetRealRouteLost(u32* need, u32* real, bool include_current) noexcept {
   if (!enabled_) return kLostNeverComputed;
-  link_data_[0].lost =
-      GetCurLost(real_route_front_, 0, true, config_.long_cycle, need, real, include_current);
+  u8 lost = GetCurLost(real_route_front_, config_.long_cycle, need, real, include_current);
+  link_data_[0].lost = lost;
   link_data_[0].recv = *real;
-  const u8 lost =
-      GetCurLost(real_route_full_, 0, true, config_.long_cycle, need, real, include_current);
+  lost = GetCurLost(real_route_full_, config_.long_cycle, need, real, include_current);
   link_data_[1].lost = lost;
   link_data_[1].recv = *real;
   return lost;

@@ -10,6 +10,7 @@
 #pragma once
 #include <winsock2.h>
 
+#include <cstddef>
 #include <optional>
 #include <string_view>
 
@@ -17,7 +18,6 @@
 #include "common/types.h"
 #include "quality/link_identity.h"
 #include "quality/lost_calc.h"
-#include "quality/recovery_switch_config.h"
 
 namespace moru_vyr::lsp {
 
@@ -27,6 +27,29 @@ enum class LinkRequest {
   kSwitch,  // the link is bad: move to another node
   kAccept,  // the verdict on a link on trial
   kReject,
+};
+
+// The thresholds by which a link is judged, read once when its judge starts.
+struct RecoverySwitchConfig {
+  static constexpr std::size_t kTextSize = 512;
+
+  u16 short_cycle = 0;  // slots
+  u16 long_cycle = 0;
+  u32 max_delay_amp = 0;  // milliseconds
+  u32 max_delay_avg = 0;
+  u32 max_real_route_lost_ = 0;  // percent
+  u32 lost_calc_unit_size = 0;   // milliseconds
+  u32 max_link_except_rep_num = 0;
+  u32 link_switch_min_inter = 0;  // milliseconds
+  u32 max_link_switch_count = 0;
+  u32 data_link_short_cycle_pkg_ = 0;  // packets
+  u32 data_link_short_cycle_lost = 0;  // percent
+  u32 data_link_long_cycle_pkg_ = 0;
+  u32 data_link_long_cycle_lost_ = 0;
+
+  // A link on trial has limits of its own for delay and loss.
+  void ReadConfig(bool is_switch_session) noexcept;
+  void Format(char (&text)[kTextSize]) const noexcept;
 };
 
 // What is known of one section of the route. A loss may be a code, see lost_calc.h.
@@ -56,14 +79,14 @@ class RecoverySwitch {
   bool OnUpdate() noexcept;
 
   void DataLinkAddOneRecvPkg(u32 seq) noexcept;
-  void DataLinkAddOneSendPkg(u32 seq) noexcept;
+  void DataLinkAddOneSendPkg(u32 seq) noexcept;  // nothing in the product calls this
   void RealRouteAddOneSendPkg(u32 seq) noexcept;
   void RealRouteAddOneRecvPkg(u32 seq, u8 relay_idx) noexcept;
 
   // The loss to tell the node, or kLostTooFew in place of a loss from too few packets. With `raw`
   // it is returned all the same.
   u8 DataLinkGetDefCurLost(bool raw) noexcept;
-  u8 RealRouteGetDefCurLost(bool raw) noexcept;
+  u8 RealRouteGetDefCurLost(bool raw) noexcept;  // nothing in the product calls this
 
   // The loss over the short and the long window, with the packets expected and received. All but
   // the third also store their result for the reports. The pointers may not be null.
@@ -96,8 +119,8 @@ class RecoverySwitch {
   bool IsGameListed() const noexcept;
   void InitCalcs() noexcept;
   void LogUpdate(const char* calc_name, u32 time_delta) const noexcept;
-  u8 GetCurLost(const LostCalc& calc, u8 upload_lost, bool is_real_route, u16 cycles, u32* need,
-                u32* real, bool include_current) noexcept;
+  u8 GetCurLost(const LostCalc& calc, u16 cycles, u32* need, u32* real,
+                bool include_current) const noexcept;
   // Kept: true means that the report must be held back, which is the opposite of the name.
   bool IsBelowReportLimit() noexcept;
   void FillReport() noexcept;
@@ -123,8 +146,6 @@ class RecoverySwitch {
   u32 small_section_lost_ = 0;
   u32 full_section_pack_ = 0;
   u32 full_section_lost_ = 0;
-  u32 need_switch_ = 0;
-  u32 switch_result_ = 0;
   u32 calc_count_ = 0;           // reports made
   RecoverySwitchRecord report_;  // the last one
   u32 proxy_idc_ = 0;
@@ -134,6 +155,18 @@ class RecoverySwitch {
   char client_info_[kLinkTextSize] = {};
   u32 switch_count_ = 0;
   u32 last_switch_tick_ = 0;  // from the system's start: no switch in its first 30 seconds
+};
+
+// A report, spelled out for the log. Formats at once and owns its text, so that it can be an
+// argument of a log statement and costs nothing at levels that are not written.
+class RecoveryRecordText {
+ public:
+  explicit RecoveryRecordText(const RecoverySwitchRecord& record) noexcept;
+  const char* c_str() const noexcept { return text_; }
+
+ private:
+  static constexpr std::size_t kSize = 1536;
+  char text_[kSize] = {};
 };
 
 }  // namespace moru_vyr::lsp

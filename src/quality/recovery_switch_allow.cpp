@@ -14,11 +14,6 @@
 namespace moru_vyr::lsp {
 namespace {
 
-bool IsSpeedTester() noexcept {
-  return common::EqualsIgnoreCase(common::FieldText(common::GetProcessInfo().process_name),
-                                  "SpeedTester.exe");
-}
-
 enum class ListAnswer { kListed, kNotListed, kNoList };
 
 // A piece of the list that does not begin with a digit, or is a number beyond all ids, spoils the
@@ -63,7 +58,7 @@ bool RecoverySwitch::IsGameListed() const noexcept {
 
 bool RecoverySwitch::IsAllowCalc() noexcept {
   const u32 socket = static_cast<u32>(socket_);
-  if (!IsCalcOpen() && !IsSpeedTester()) {
+  if (!IsCalcOpen() && !common::IsSpeedTester()) {
     LSP_LOG(4, "[RecoverySwitch][IsAllowCalc]calc_open is false, socket=%u, token=%u", socket,
             token_);
     return false;
@@ -104,7 +99,7 @@ bool RecoverySwitch::IsAllowSwitch() noexcept {
             token_);
     return false;
   }
-  if (GetAccConfig()->switch_open == 0 && !IsSpeedTester()) {
+  if (GetAccConfig()->switch_open == 0 && !common::IsSpeedTester()) {
     LSP_LOG(4, "[RecoverySwitch][IsAllowSwitch]switch_open is false, socket=%u, token=%u", socket,
             token_);
     return false;

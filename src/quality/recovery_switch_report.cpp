@@ -7,7 +7,6 @@
 #include "common/log.h"
 #include "common/text.h"
 #include "quality/real_route_recent_cycle_data.h"
-#include "quality/recovery_record_text.h"
 #include "quality/recovery_switch.h"
 #include "tracker/tracker.h"
 
@@ -97,8 +96,6 @@ void RecoverySwitch::FillReport() noexcept {
   record->data_link_small_section_lost = static_cast<i32>(small_section_lost_);
   record->data_link_full_section_pack = static_cast<i32>(full_section_pack_);
   record->data_link_full_section_lost = static_cast<i32>(full_section_lost_);
-  record->need_switch = static_cast<i32>(need_switch_);
-  record->is_switch_succ = static_cast<i32>(switch_result_);
   record->count = static_cast<i32>(calc_count_);
   record->proxy_idc = static_cast<i32>(proxy_idc_);
   record->elapse_time = GetTickCount() - start_tick_;
@@ -128,10 +125,11 @@ void RecoverySwitch::UpdateRecoveryInfo() noexcept {
   if (link_type_ == 1) link_data_[0] = {};
   const auto& [front, full] = link_data_;
   char text[120];  // as much as a report holds: longer figures are cut
+  constexpr u32 kNeedSwitch = 0, kSwitchResult = 0;  // only a report knows them
   std::snprintf(text, sizeof text, "%u-%u-%u-%u-%u-%u-%u-%u-%u-%u-%u-%u-%u-%u-%u", front.lost,
                 front.recv, front.delay_amp, front.delay_avg, full.lost, full.recv, full.delay_amp,
                 full.delay_avg, small_section_pack_, small_section_lost_, full_section_pack_,
-                full_section_lost_, need_switch_, switch_result_, calc_count_);
+                full_section_lost_, kNeedSwitch, kSwitchResult, calc_count_);
   LSP_LOG(0, "rs info=%s, link type=%d", text, link_type_);
   LSP_LOG(0, "rs recovery switch info=%s", text);
   GetTracker().SetRecoveryInfo(socket_, text);

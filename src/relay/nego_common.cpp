@@ -1,5 +1,6 @@
 #include "relay/nego_common.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <iterator>
@@ -24,35 +25,26 @@ u64 UserNumber(const AccConfig& config) noexcept {
 
 void LogIsp(NegoAsker asker, bool forced, SOCKET socket, u32 token, u32 client,
             u32 served) noexcept {
-  if (asker == NegoAsker::kTcp && forced) {
+  if (asker == NegoAsker::kTcp) {
     LSP_LOG(5,
-            "[TCP]CheckNegotiation isp not support, but force accl, client_isp=%x, "
-            "support_isps=%x, socket=%Id, token=%u",
+            forced ? "[TCP]CheckNegotiation isp not support, but force accl, client_isp=%x, "
+                     "support_isps=%x, socket=%Id, token=%u"
+                   : "[TCP]CheckNegotiation isp not support, client_isp=%x, support_isps=%x, "
+                     "socket=%Id, token=%u",
             client, served, socket, token);
-  } else if (asker == NegoAsker::kTcp) {
-    LSP_LOG(5,
-            "[TCP]CheckNegotiation isp not support, client_isp=%x, support_isps=%x, socket=%Id, "
-            "token=%u",
-            client, served, socket, token);
-  } else if (asker == NegoAsker::kUdp && forced) {
-    LSP_LOG(5,
-            "[UDP] UdpRemoteSession::CheckNegotiation isp not support, but force accl, "
-            "client_isp=%x, support_isps=%x, token=%u",
-            client, served, token);
   } else if (asker == NegoAsker::kUdp) {
     LSP_LOG(5,
-            "[UDP] UdpRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
-            "support_isps=%x, token=%u",
-            client, served, token);
-  } else if (forced) {
-    LSP_LOG(5,
-            "UdpSwitchRemoteSession::CheckNegotiation isp not support, but force accl, "
-            "client_isp=%x, support_isps=%x, token=%u",
+            forced ? "[UDP] UdpRemoteSession::CheckNegotiation isp not support, but force accl, "
+                     "client_isp=%x, support_isps=%x, token=%u"
+                   : "[UDP] UdpRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
+                     "support_isps=%x, token=%u",
             client, served, token);
   } else {
     LSP_LOG(5,
-            "[UDP] UdpSwitchRemoteSession::CheckNegotiation isp not support, client_isp=%x, "
-            "support_isps=%x, token=%u",
+            forced ? "UdpSwitchRemoteSession::CheckNegotiation isp not support, but force accl, "
+                     "client_isp=%x, support_isps=%x, token=%u"
+                   : "[UDP] UdpSwitchRemoteSession::CheckNegotiation isp not support, "
+                     "client_isp=%x, support_isps=%x, token=%u",
             client, served, token);
   }
 }
@@ -102,28 +94,32 @@ void LogNegotiated(NegoAsker asker, const NegoResponse& response, u32 token) noe
   const NegoResponseBody& body = response.body;
   // A shorter body has no last node.
   const LastNodeInfo node = response.header.version < 2 ? LastNodeInfo{} : body.last_node;
-#define LOG_NEGOTIATED(format)                                                         \
-  LSP_LOG(5, format, common::IpToString(htonl(body.accl_data_ip)).c_str(),             \
-          u32{body.accl_data_port}, common::IpToString(htonl(body.client_ip)).c_str(), \
-          u32{body.client_isp}, u32{body.accl_token}, int{node.node_id},               \
-          common::IpToString(htonl(node.ip)).c_str(), int{node.port}, u32{node.accl_token}, token)
-  if (asker == NegoAsker::kTcp) {
-    LOG_NEGOTIATED(
-        "[TCP] TcpNegotiation, NegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
-        "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
-        "token=%u");
-  } else if (asker == NegoAsker::kUdp) {
-    LOG_NEGOTIATED(
-        "[UDP] UdpRemoteSession::OnNegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
-        "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, accl_token=%u), "
-        "token=%u");
-  } else {
-    LOG_NEGOTIATED(
-        "[UDP] UdpSwitchRemoteSession::OnNegotiationSuccess, accl_data_addr=%s:%u, "
-        "client_ip=%s, client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, "
-        "accl_token=%u), token=%u");
-  }
-#undef LOG_NEGOTIATED
+  LSP_LOG(5,
+          asker == NegoAsker::kTcp
+              ? "[TCP] TcpNegotiation, NegotiationSuccess, accl_data_addr=%s:%u, client_ip=%s, "
+                "client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, port=%d, "
+                "accl_token=%u), token=%u"
+          : asker == NegoAsker::kUdp
+              ? "[UDP] UdpRemoteSession::OnNegotiationSuccess, accl_data_addr=%s:%u, "
+                "client_ip=%s, client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, "
+                "port=%d, accl_token=%u), token=%u"
+              : "[UDP] UdpSwitchRemoteSession::OnNegotiationSuccess, accl_data_addr=%s:%u, "
+                "client_ip=%s, client_isp=%u, accl_token=%u, last_node:(node_id=%d, ip=%s, "
+                "port=%d, accl_token=%u), token=%u",
+          common::IpToString(htonl(body.accl_data_ip)).c_str(), u32{body.accl_data_port},
+          common::IpToString(htonl(body.client_ip)).c_str(), u32{body.client_isp},
+          u32{body.accl_token}, int{node.node_id}, common::IpToString(htonl(node.ip)).c_str(),
+          int{node.port}, u32{node.accl_token}, token);
+}
+
+bool SelectOtherProxy(AccDecisionInfo* decision) noexcept {
+  const u32 current = decision->selected_proxy.proxy_idc;
+  const auto found = std::find_if(
+      std::begin(decision->top_proxy), std::end(decision->top_proxy),
+      [&](const RouteProxyInfo& p) { return p.proxy_idc != 0 && p.proxy_idc != current; });
+  if (found == std::end(decision->top_proxy)) return false;
+  decision->selected_proxy = *found;
+  return true;
 }
 
 ProxyAddrText::ProxyAddrText(const RouteProxyInfo& proxy) noexcept {

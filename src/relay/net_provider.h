@@ -35,10 +35,6 @@ class INetProvider {
 
 class NetProvider : public INetProvider {
  public:
-  NetProvider() = default;
-  NetProvider(const NetProvider&) = delete;
-  NetProvider& operator=(const NetProvider&) = delete;
-
   virtual void Start() noexcept;
   virtual void Shutdown() noexcept;
 

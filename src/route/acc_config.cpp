@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
-#include <string_view>
 
 #include "abi/restriction_formats.h"
 #include "common/log.h"

@@ -8,6 +8,9 @@
 
 namespace moru_vyr::lsp {
 
+// The game id of the network probe's configuration, which the library makes itself.
+inline constexpr u64 kNetProbeGameId = 99999;
+
 // A game's record and the paths that all games share. Every text in it is terminated and every
 // count is within its array.
 struct AccConfig : AccConfigRecord {

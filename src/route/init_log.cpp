@@ -1,8 +1,6 @@
 #include "route/init_log.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <cstdio>
 #include <ctime>

@@ -5,7 +5,6 @@
 
 #include "common/log.h"
 #include "common/shared_mem_obj.h"
-#include "common/types.h"
 
 namespace moru_vyr::lsp {
 

@@ -8,8 +8,6 @@
 // fails: a refusal is false, a log line and, in a decision, a reason.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <string>
 
@@ -37,10 +35,6 @@ enum class RelayVerdict {
 
 class Route {
  public:
-  Route() = default;
-  Route(const Route&) = delete;
-  Route& operator=(const Route&) = delete;
-
   // --- loading (route_load.cpp) ---
 
   // Loads the tables. If the configuration says wait_route, it tries again, with a pause after each
@@ -118,7 +112,7 @@ class Route {
   void CreateNotifyEvent() noexcept;
   bool AdmitDestination(u32 ip, u16 port, i32 socket_type, AccDecisionInfo* info,
                         u32 token) noexcept;
-  void CopyCandidates(const SwitchGroup& group, SwitchProxyInfo* cache) noexcept;
+  void CopyCandidates(const SwitchGroup& group, u32 game_idc, SwitchProxyInfo* cache) noexcept;
 
   RouteTable route_table_;
   IpTable ip_table_;

@@ -1,8 +1,6 @@
 #include "route/route_file.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <new>
 #include <string>

@@ -122,9 +122,7 @@ bool Route::GetSwitchProxyInfoFromIntelliRoute(u32 game_idc, u32 current_proxy, 
             "intelligent route set.",
             static_cast<int>(candidate.proxy_idc));
     if (cache == nullptr) continue;
-    cache->game_idc = game_idc;
-    cache->last_node = last_node;
-    CopyCandidates(*group, cache);
+    CopyCandidates(*group, game_idc, cache);
     LSP_LOG(0, "[Route][GetSwitchProxyInfo] cache route for intelligent mode.");
     LogSwitchProxyInfo(*cache);
   }
@@ -142,15 +140,16 @@ void Route::CacheSwitchProxy(const RouteEntry* entry, u32 last_node,
   if (last_node == 0) return;
   const SwitchGroup* const group = FindSwitchGroup(*entry, last_node);
   if (group == nullptr) return;
-  cache->game_idc = entry->game_idc;
-  cache->last_node = last_node;
-  CopyCandidates(*group, cache);
+  CopyCandidates(*group, entry->game_idc, cache);
   LSP_LOG(0, "[Route][CacheSwitchProxy] cache route for intelligent mode.");
   LogSwitchProxyInfo(*cache);
 }
 
 // A missing candidate leaves what the record holds in its place.
-void Route::CopyCandidates(const SwitchGroup& group, SwitchProxyInfo* cache) noexcept {
+void Route::CopyCandidates(const SwitchGroup& group, u32 game_idc,
+                           SwitchProxyInfo* cache) noexcept {
+  cache->game_idc = game_idc;
+  cache->last_node = group.last_node;
   for (u32 i = 0; i < kSwitchCandidates; ++i) {
     RouteProxyInfo proxy;
     if (group.candidates[i].proxy_idc == 0) continue;

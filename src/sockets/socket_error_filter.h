@@ -22,10 +22,6 @@ constexpr int kMaxLinesPerFailure = 5;
 // as new.
 class SocketErrorFilter {
  public:
-  SocketErrorFilter() = default;
-  SocketErrorFilter(const SocketErrorFilter&) = delete;
-  SocketErrorFilter& operator=(const SocketErrorFilter&) = delete;
-
   // True for the first five times that this socket gets this error in this operation.
   bool ShouldLog(int operation, int error, u32 token) noexcept;
   // Forgets a closed socket's counts.

@@ -32,23 +32,6 @@ bool BindTo(const WSPPROC_TABLE* next, SOCKET s, const sockaddr_in& address, int
   return false;
 }
 
-// Where false, the error for the caller's log line; closing the socket is up to the caller.
-bool MakeNonBlocking(SOCKET s, int* error) noexcept {
-  u_long on = 1;
-  if (ioctlsocket(s, static_cast<long>(FIONBIO), &on) != SOCKET_ERROR) return true;
-  *error = WSAGetLastError();
-  return false;
-}
-
-// Guard: both ends of a relayed connection have said to their own sockets whether small pieces may
-// be held back; held back here, the last piece would wait for the peer to confirm the one before,
-// which it may put off for up to 200 ms. Sockets that a listener accepts have the option from the
-// listener. A provider below that does not know the option costs no connection.
-void SendAtOnce(SOCKET s) noexcept {
-  const int on = 1;
-  setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
-}
-
 // The value that was set before.
 int ReplaceBufferSize(SOCKET s, int option, u32 size) noexcept {
   int previous = 0;
@@ -58,7 +41,43 @@ int ReplaceBufferSize(SOCKET s, int option, u32 size) noexcept {
   return previous;
 }
 
+// On a random port of 127.0.0.1, which *port gets, or with a null `port` not bound.
+bool CreateTcpSocket(SOCKET* out, u16* port) noexcept {
+  const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  if (s == INVALID_SOCKET) {
+    const int error = WSAGetLastError();
+    LSP_LOG(5,
+            port != nullptr ? "[TCP] CreateTcpSocketAndBind socket error=%d"
+                            : "[TCP] CreateNonBlockTcpSocket socket error=%d",
+            error);
+    return false;
+  }
+  if (port != nullptr && !BindLoopbackPort(s, port)) return false;  // Kept: the socket stays open
+  if (const int error = MakeNonBlocking(s); error != 0) {
+    LSP_LOG(5,
+            port != nullptr ? "[TCP]CreateTcpSocketAndBind ioctlsocket, err = %u"
+                            : "[TCP]CreateNonBlockTcpSocket ioctlsocket, err = %u",
+            static_cast<u32>(error));
+    closesocket(s);
+    return false;
+  }
+  // Guard: both ends of a relayed connection have said to their own sockets whether small pieces
+  // may be held back; held back here, the last piece would wait for the peer to confirm the one
+  // before, which it may put off for up to 200 ms. Sockets that a listener accepts have the option
+  // from the listener. A provider below that does not know the option costs no connection.
+  const int on = 1;
+  setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
+  if (out != nullptr) *out = s;
+  return true;
+}
+
 }  // namespace
+
+int MakeNonBlocking(SOCKET s) noexcept {
+  u_long on = 1;
+  const int result = ioctlsocket(s, static_cast<long>(FIONBIO), &on);
+  return result != SOCKET_ERROR ? 0 : WSAGetLastError();
+}
 
 bool BindRandomPort(SOCKET s, bool through_next_provider, u16* port, bool loopback) noexcept {
   sockaddr_in address = {};
@@ -114,43 +133,13 @@ void CloseWorkerSockets() noexcept {
 }
 
 bool CreateTcpSocketAndBind(SOCKET* out, u16* port) noexcept {
-  const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  if (s == INVALID_SOCKET) {
-    const int error = WSAGetLastError();
-    LSP_LOG(5, "[TCP] CreateTcpSocketAndBind socket error=%d", error);
-    return false;
-  }
   u16 bound = 0;
-  if (!BindLoopbackPort(s, &bound)) return false;  // Kept: the socket stays open
-  int error = 0;
-  if (!MakeNonBlocking(s, &error)) {
-    LSP_LOG(5, "[TCP]CreateTcpSocketAndBind ioctlsocket, err = %u", static_cast<u32>(error));
-    closesocket(s);
-    return false;
-  }
-  SendAtOnce(s);
-  if (out != nullptr) *out = s;
+  if (!CreateTcpSocket(out, &bound)) return false;
   if (port != nullptr) *port = bound;
   return true;
 }
 
-bool CreateNonBlockTcpSocket(SOCKET* out) noexcept {
-  const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  if (s == INVALID_SOCKET) {
-    const int error = WSAGetLastError();
-    LSP_LOG(5, "[TCP] CreateNonBlockTcpSocket socket error=%d", error);
-    return false;
-  }
-  int error = 0;
-  if (!MakeNonBlocking(s, &error)) {
-    LSP_LOG(5, "[TCP]CreateNonBlockTcpSocket ioctlsocket, err = %u", static_cast<u32>(error));
-    closesocket(s);
-    return false;
-  }
-  SendAtOnce(s);
-  if (out != nullptr) *out = s;
-  return true;
-}
+bool CreateNonBlockTcpSocket(SOCKET* out) noexcept { return CreateTcpSocket(out, nullptr); }
 
 void AdjustSocketBuff(SOCKET socket, u32 send_size, u32 recv_size) noexcept {
   if (send_size == 0 || recv_size == 0) return;

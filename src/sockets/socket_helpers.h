@@ -28,6 +28,9 @@ bool CreateNonBlockTcpSocket(SOCKET* out) noexcept;
 // to 20 times.
 bool BindLoopbackPort(SOCKET s, u16* port) noexcept;
 
+// 0 or the Winsock error.
+int MakeNonBlocking(SOCKET s) noexcept;
+
 // Closes one of the relay's own sockets. If Winsock has already ended for this process and no
 // longer closes anything, the next provider does it.
 void CloseRelaySocket(SOCKET s) noexcept;

@@ -61,10 +61,6 @@ class SocketMap {
  public:
   static constexpr u32 kAnyToken = 0;  // no socket has it
 
-  SocketMap() = default;
-  SocketMap(const SocketMap&) = delete;
-  SocketMap& operator=(const SocketMap&) = delete;
-
   // True if the socket has a record afterwards: a fresh one, or the one it had, which is left
   // unchanged, even if its fields are stale. False for INVALID_SOCKET and when out of memory.
   bool Add(SOCKET socket, int type, int protocol, u32 token) noexcept;

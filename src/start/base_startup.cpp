@@ -1,6 +1,5 @@
 #include "start/base_startup.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "common/log.h"
@@ -15,15 +14,13 @@ bool FindBaseEntry(int protocol, WSAPROTOCOL_INFOW* out) {
   int count = 0;
   const GlobalPtr<WSAPROTOCOL_INFOW> catalogue(GetProtocols(&count));
   if (catalogue == nullptr) return false;
-  const WSAPROTOCOL_INFOW* const end = catalogue.get() + std::max(count, 0);
-  const WSAPROTOCOL_INFOW* const found = std::find_if(
-      catalogue.get(), const_cast<WSAPROTOCOL_INFOW*>(end), [&](const WSAPROTOCOL_INFOW& entry) {
-        return entry.iAddressFamily == AF_INET && entry.ProtocolChain.ChainLen == BASE_PROTOCOL &&
-               entry.iProtocol == protocol;
-      });
-  if (found == end) return false;
-  *out = *found;
-  return true;
+  for (const WSAPROTOCOL_INFOW& entry : EntriesOf(catalogue.get(), count)) {
+    if (entry.iAddressFamily != AF_INET || entry.ProtocolChain.ChainLen != BASE_PROTOCOL) continue;
+    if (entry.iProtocol != protocol) continue;
+    *out = entry;
+    return true;
+  }
+  return false;
 }
 
 bool FindModulePath(WSAPROTOCOL_INFOW& entry, wchar_t (&out)[kPathSize]) {

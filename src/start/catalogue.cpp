@@ -1,19 +1,12 @@
 #include "start/catalogue.h"
 
 #include <cstring>
-#include <span>
 
 #include "common/log.h"
 #include "common/process_info.h"
 
 namespace moru_vyr::lsp {
 namespace {
-
-using Entries = std::span<const WSAPROTOCOL_INFOW>;
-
-Entries EntriesOf(const WSAPROTOCOL_INFOW* catalogue, int count) {
-  return {catalogue, static_cast<std::size_t>(std::max(count, 0))};
-}
 
 bool IsOurs(const WSAPROTOCOL_INFOW& entry) {
   return std::memcmp(&entry.ProviderId, &kLspGuid, sizeof kLspGuid) == 0;

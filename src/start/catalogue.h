@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <span>
 
 #include "common/types.h"
 
@@ -40,6 +41,12 @@ using GlobalPtr = std::unique_ptr<T, GlobalDeleter>;
 // How many entries of the chain may be read.
 inline int ChainLength(const WSAPROTOCOL_INFOW& info) {
   return std::clamp(info.ProtocolChain.ChainLen, 0, static_cast<int>(MAX_PROTOCOL_CHAIN));
+}
+
+// For the results of GetProtocols.
+using Entries = std::span<const WSAPROTOCOL_INFOW>;
+inline Entries EntriesOf(const WSAPROTOCOL_INFOW* catalogue, int count) {
+  return {catalogue, static_cast<std::size_t>(std::max(count, 0))};
 }
 
 // The whole catalogue, in order. Null with a count of 0 if it cannot be read; a count of 0 or -1

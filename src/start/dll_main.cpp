@@ -1,7 +1,5 @@
 // The module's entry point.
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include "common/process_info.h"
 

@@ -1,8 +1,6 @@
 #include "start/module_life.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include "start/startup.h"
 

@@ -1,8 +1,6 @@
 #include "start/net_probe.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include "common/process_info.h"
 #include "common/text.h"
@@ -13,7 +11,6 @@ namespace {
 
 // Datagrams, asynchronous TCP, and both modes of a route; plain TCP is not included.
 constexpr u32 kNetProbeNetMode = 0x10 | 0x20 | 0x10000 | 0x20000;
-constexpr u64 kNetProbeGameId = 99999;
 
 }  // namespace
 

@@ -1,8 +1,6 @@
 #include "start/process_start.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <string>
 
@@ -58,22 +56,18 @@ bool Admit(bool want) { return CheckCanHook(want) && KeepModule(); }
 // A game that the client lists gets a log file and the route tables. The network probe is hooked
 // without either.
 void SettleGate() {
-  hook_enabled = ObtainAccConfig();
-  hook_enabled = Admit(hook_enabled);
+  hook_enabled = Admit(ObtainAccConfig());
   if (hook_enabled) {
     InitLog();
     GetRoute()->Load(kRouteTries, kRouteIntervalMs);
     return;
   }
-  hook_enabled = IsNetProbeTest();
-  hook_enabled = Admit(hook_enabled);
+  hook_enabled = Admit(IsNetProbeTest());
 }
 
 void AdmitSpeedTester() {
   if (hook_enabled) return;
-  hook_enabled = common::EqualsIgnoreCase(common::FieldText(common::GetProcessInfo().process_name),
-                                          "SpeedTester.exe");
-  hook_enabled = Admit(hook_enabled);
+  hook_enabled = Admit(common::IsSpeedTester());
   if (hook_enabled) InitLog();
 }
 

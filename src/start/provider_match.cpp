@@ -8,7 +8,6 @@ namespace moru_vyr::lsp {
 namespace {
 
 using Providers = std::span<LspProvider>;
-using Entries = std::span<const WSAPROTOCOL_INFOW>;
 
 // The entry below the first entry of a chain.
 std::span<const DWORD> LowerEntries(const WSAPROTOCOL_INFOW& info) {
@@ -61,29 +60,24 @@ LspProvider* MatchKind(const WSAPROTOCOL_INFOW& in_info, Providers list) {
   return nullptr;
 }
 
-// Whether an entry of a foreign layer's chain leads to one of our records.
-bool LeadsToUs(DWORD id, const WSAPROTOCOL_INFOW& in_info, Providers list) {
-  for (const LspProvider& provider : list) {
-    if (id == provider.layer_provider.ProtocolChain.ChainEntries[0] &&
-        SameKind(in_info, provider.layer_provider)) {
-      common::LspTrace(
-          "FindMatchingProvider: try to match according to the protocol triplet and provider "
-          "flags");
-      return true;
-    }
-    if (id == provider.layer_provider.dwCatalogEntryId) {
-      common::LspTrace(
-          "FindMatchingProvider: entry belongs to the LSP layered over us and it references our "
-          "LSP");
-      return true;
-    }
-  }
-  return false;
-}
-
+// Whether the chain of a foreign layer leads to one of our records.
 bool LeadsToUs(const WSAPROTOCOL_INFOW& entry, const WSAPROTOCOL_INFOW& in_info, Providers list) {
   for (const DWORD id : LowerEntries(entry)) {
-    if (LeadsToUs(id, in_info, list)) return true;
+    for (const LspProvider& provider : list) {
+      if (id == provider.layer_provider.ProtocolChain.ChainEntries[0] &&
+          SameKind(in_info, provider.layer_provider)) {
+        common::LspTrace(
+            "FindMatchingProvider: try to match according to the protocol triplet and provider "
+            "flags");
+        return true;
+      }
+      if (id == provider.layer_provider.dwCatalogEntryId) {
+        common::LspTrace(
+            "FindMatchingProvider: entry belongs to the LSP layered over us and it references our "
+            "LSP");
+        return true;
+      }
+    }
   }
   return false;
 }
@@ -95,7 +89,7 @@ LspProvider* MatchCatalogue(const WSAPROTOCOL_INFOW& in_info, Providers list) {
     common::LspTrace("FindMatchingProvider: GetProtocols failed!\n");
     return nullptr;
   }
-  const Entries catalogue(protocols.get(), static_cast<std::size_t>(std::max(count, 0)));
+  const Entries catalogue = EntriesOf(protocols.get(), count);
   const bool known =
       std::any_of(catalogue.begin(), catalogue.end(), [&](const WSAPROTOCOL_INFOW& entry) {
         return entry.dwCatalogEntryId == in_info.ProtocolChain.ChainEntries[0];

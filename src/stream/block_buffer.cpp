@@ -1,8 +1,6 @@
 #include "stream/block_buffer.h"
 
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <iterator>
 #include <new>

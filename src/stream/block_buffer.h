@@ -43,10 +43,6 @@ class BlockBuffer {
   static constexpr u32 kBlockSize = 1u << 19;
   static constexpr u32 kGrowthLimit = 2097153;  // all blocks together stay below it
 
-  BlockBuffer() = default;
-  BlockBuffer(const BlockBuffer&) = delete;
-  BlockBuffer& operator=(const BlockBuffer&) = delete;
-
   // Room for `size` bytes, to be followed by Commit. False, with *ptr null, if there is no room;
   // false, with *ptr untouched, for a null `ptr`, for no bytes and without memory.
   bool Reserve(u8** ptr, u32 size) noexcept;

@@ -141,7 +141,7 @@ void TcpProvider::OnLocalServerAcceptable(SOCKET listen_socket) noexcept {
   }
   LSP_LOG(4, "[TCP]OnLocalServerAcceptable. peer_port=%d, local_port=%d, socket=%Id, token=%u",
           ntohs(peer_port), ntohs(addr.sin_port), accepted, session->token());
-  session->SetLocalSocket(accepted, addr.sin_port);
+  session->SetLocalSocket(accepted);
   socket_mgr_->AddSocket(accepted, &local_relay_socket_);
   // Kept: where this fails the session stays, and ends when the game closes.
   ConnectToRemoteServer(session);

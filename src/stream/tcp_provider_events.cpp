@@ -12,21 +12,19 @@ TcpSession* TcpProvider::FindBy(SOCKET (TcpSession::*of)() const noexcept,
 }
 
 void TcpProvider::OnLocalReadable(SOCKET socket) noexcept {
-  TcpSession* const session = FindBy(&TcpSession::local_socket, socket);
-  if (session == nullptr) {
+  if (TcpSession* const session = FindBy(&TcpSession::local_socket, socket)) {
+    CloseObsoleteSession(session, session->HandleLocalReadable());
+  } else {
     LSP_LOG(4, "[TCP] TcpProvider::OnLocalReadable, failed to find socket=%Id", socket);
-    return;
   }
-  CloseObsoleteSession(session, session->HandleLocalReadable());
 }
 
 void TcpProvider::OnLocalWritable(SOCKET socket) noexcept {
-  TcpSession* const session = FindBy(&TcpSession::local_socket, socket);
-  if (session == nullptr) {
+  if (TcpSession* const session = FindBy(&TcpSession::local_socket, socket)) {
+    CloseObsoleteSession(session, session->DoLocalWrite() ? kKeepSession : kCloseSession);
+  } else {
     LSP_LOG(4, "[TCP]TcpProvider::OnLocalWritable, failed to find socket=%Id", socket);
-    return;
   }
-  CloseObsoleteSession(session, session->DoLocalWrite() ? kKeepSession : kCloseSession);
 }
 
 void TcpProvider::OnLocalExcpetion(SOCKET socket) noexcept {
@@ -38,21 +36,19 @@ void TcpProvider::OnLocalClose(SOCKET socket) noexcept {
 }
 
 void TcpProvider::OnRemoteReadable(SOCKET socket) noexcept {
-  TcpSession* const session = FindBy(&TcpSession::remote_socket, socket);
-  if (session == nullptr) {
+  if (TcpSession* const session = FindBy(&TcpSession::remote_socket, socket)) {
+    CloseObsoleteSession(session, session->HandleRemoteReadable());
+  } else {
     LSP_LOG(4, "[TCP]TcpProvider::OnRemoteReadable, failed to find socket=%Id", socket);
-    return;
   }
-  CloseObsoleteSession(session, session->HandleRemoteReadable());
 }
 
 void TcpProvider::OnRemoteWritable(SOCKET socket) noexcept {
-  TcpSession* const session = FindBy(&TcpSession::remote_socket, socket);
-  if (session == nullptr) {
+  if (TcpSession* const session = FindBy(&TcpSession::remote_socket, socket)) {
+    CloseObsoleteSession(session, session->HandleRemoteWritable());
+  } else {
     LSP_LOG(4, "[TCP]TcpProvider::OnRemoteWritable, failed to find socket=%Id", socket);
-    return;
   }
-  CloseObsoleteSession(session, session->HandleRemoteWritable());
 }
 
 void TcpProvider::OnRemoteExcpetion(SOCKET socket) noexcept {

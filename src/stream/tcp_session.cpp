@@ -26,11 +26,6 @@ void TcpSession::SetGame(u16 port, const sockaddr_in& server) noexcept {
   game_port_ = server.sin_port;
 }
 
-void TcpSession::SetLocalSocket(SOCKET socket, u16 port) noexcept {
-  local_.socket = socket;
-  local_port_ = port;
-}
-
 void TcpSession::DecideRemoteAddr() noexcept {
   remote_ip_ = game_ip_;
   remote_port_ = game_port_;

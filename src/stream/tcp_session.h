@@ -50,13 +50,11 @@ struct TcpSide {
 class TcpSession {
  public:
   TcpSession(TcpProvider* provider, u32 token) noexcept;  // the provider outlives it
-  TcpSession(const TcpSession&) = delete;
-  TcpSession& operator=(const TcpSession&) = delete;
 
   // The address that the game asked for, and the port from which it asked.
   void SetGame(u16 port, const sockaddr_in& server) noexcept;
   // The accepted socket of the connection to the listener.
-  void SetLocalSocket(SOCKET socket, u16 port) noexcept;
+  void SetLocalSocket(SOCKET socket) noexcept { local_.socket = socket; }
   void SetRemoteSocket(SOCKET socket) noexcept { remote_.socket = socket; }
 
   // Asks the route policy where the remote socket should connect.
@@ -78,9 +76,7 @@ class TcpSession {
   SOCKET local_socket() const noexcept { return local_.socket; }
   SOCKET remote_socket() const noexcept { return remote_.socket; }
   u16 game_socket_port() const noexcept { return game_socket_port_; }
-  u16 local_port() const noexcept { return local_port_; }
   u32 token() const noexcept { return token_; }
-  TcpState state() const noexcept { return state_; }
   void set_state(TcpState state) noexcept { state_ = state; }
 
  private:
@@ -114,7 +110,6 @@ class TcpSession {
   u16 remote_port_ = 0;
   u16 game_socket_port_ = 0;
   TcpSide local_{.is_remote = false};  // towards the game
-  u16 local_port_ = 0;
   TcpSide remote_{.is_remote = true};  // towards a node or the game server
   u32 connect_elapsed_ = 0;            // milliseconds of connecting and negotiating
   TcpState state_ = TcpState::Created;

@@ -1,8 +1,5 @@
 // How a session negotiates, and where it turns when a node fails: to one other node, then to the
 // game server. What the game has sent waits meanwhile; the failed node never saw any of it.
-#include <algorithm>
-#include <iterator>
-
 #include "common/log.h"
 #include "common/net_text.h"
 #include "sockets/socket_helpers.h"
@@ -85,16 +82,10 @@ bool TcpSession::ConnectToNewNode() noexcept {
   return retried;
 }
 
-// Puts the first other proxy of the decision in the selected one's place.
 bool TcpSession::ChangeAcclServer() noexcept {
-  const u32 current = decision_.selected_proxy.proxy_idc;
-  const auto found = std::find_if(
-      std::begin(decision_.top_proxy), std::end(decision_.top_proxy),
-      [&](const RouteProxyInfo& p) { return p.proxy_idc != 0 && p.proxy_idc != current; });
-  if (found == std::end(decision_.top_proxy)) return false;
-  decision_.selected_proxy = *found;
-  LSP_LOG(5, "[TCP] TcpSession::ChangeAcclServer, proxy_idc=%u, token=%u", u32{found->proxy_idc},
-          token_);
+  if (!SelectOtherProxy(&decision_)) return false;
+  LSP_LOG(5, "[TCP] TcpSession::ChangeAcclServer, proxy_idc=%u, token=%u",
+          u32{decision_.selected_proxy.proxy_idc}, token_);
   return true;
 }
 
@@ -134,9 +125,9 @@ bool TcpSession::ChangeToGameSrv() noexcept {
 }
 
 void TcpSession::TargetSelectedProxy() noexcept {
-  const RouteProxyInfo& proxy = decision_.selected_proxy;
-  remote_ip_ = static_cast<u32>(inet_addr(ProxyAddrText(proxy).text));
-  remote_port_ = htons(proxy.proxy_port);
+  const sockaddr_in node = ProxyAddress(decision_.selected_proxy);
+  remote_ip_ = static_cast<u32>(node.sin_addr.s_addr);
+  remote_port_ = node.sin_port;
 }
 
 }  // namespace moru_vyr::lsp

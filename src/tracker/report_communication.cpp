@@ -46,14 +46,14 @@ void CopyRoute(const SocketQosRecord& from, CommInfoRecord* to) noexcept {
 }
 
 FineStats Fine(const SpeedStatsHalf& half) noexcept {
-  return {half.delay_avg, half.delay_max,  half.delay_min,
-          half.delay_amp, half.total_recv, half.total_send};
+  const DelayFigures& fine = half.fine;
+  return {fine.avg, fine.max, fine.min, fine.amp, fine.count, half.total_send};
 }
 OverStats Over(const SpeedStatsHalf& half) noexcept {
-  return {half.over_delay_avg, half.over_delay_max, half.over_delay_min, half.over_count};
+  return {half.over.avg, half.over.max, half.over.min, half.over.count};
 }
 AllStats All(const SpeedStatsHalf& half) noexcept {
-  return {half.all_delay_avg, half.all_delay_amp, half.all_recv_count, half.all_send_count};
+  return {half.all.avg, half.all.amp, half.all.count, half.all_send_count};
 }
 
 void CopySpeedTest(const SpeedStats& from, CommInfoRecord* to) noexcept {
@@ -110,14 +110,13 @@ void LogSpeedTest(int level, const char* data, const SocketQosRecord& s) noexcep
           "delay_amp=%u, recv_count=%u, send_count=%ufrontend_all: delay_avg=%u, delay_amp=%u, "
           "recv_count=%u, send_count=%u-----------------------------------------topology_type=%u, "
           "socket=%Id, token=%d",
-          s.guid.c_str(), data, front.delay_avg, front.delay_max, front.delay_min, front.delay_amp,
-          front.total_send, front.total_recv, front.lost_avg, back.delay_avg, back.delay_max,
-          back.delay_min, back.delay_amp, back.total_send, back.total_recv, back.lost_avg,
-          front.over_delay_avg, front.over_delay_max, front.over_delay_min, front.over_count,
-          back.over_delay_avg, back.over_delay_max, back.over_delay_min, back.over_count,
-          front.all_delay_avg, front.all_delay_amp, front.all_recv_count, front.all_send_count,
-          back.all_delay_avg, back.all_delay_amp, back.all_recv_count, back.all_send_count,
-          s.speed_test.topology_type, s.socket, Int(s.token));
+          s.guid.c_str(), data, front.fine.avg, front.fine.max, front.fine.min, front.fine.amp,
+          front.total_send, front.fine.count, front.lost_avg, back.fine.avg, back.fine.max,
+          back.fine.min, back.fine.amp, back.total_send, back.fine.count, back.lost_avg,
+          front.over.avg, front.over.max, front.over.min, front.over.count, back.over.avg,
+          back.over.max, back.over.min, back.over.count, front.all.avg, front.all.amp,
+          front.all.count, front.all_send_count, back.all.avg, back.all.amp, back.all.count,
+          back.all_send_count, s.speed_test.topology_type, s.socket, Int(s.token));
 }
 
 }  // namespace

@@ -37,8 +37,6 @@ class ReportSlot {
   ~ReportSlot() {
     if (owner_) owner_->Close();
   }
-  ReportSlot(const ReportSlot&) = delete;
-  ReportSlot& operator=(const ReportSlot&) = delete;
 
   bool has_region() const noexcept { return region_ != nullptr; }
   bool is_free() const noexcept { return region_ != nullptr && index_ < kSlots; }

@@ -11,14 +11,12 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr u64 kNetProbeGameId =
-    99999;  // the network probe decides often and nobody wants its reports
-
 unsigned long Long(u32 value) noexcept { return value; }
 
 }  // namespace
 
 void ReportAcceDecisionInfo(const AccDecisionInfo& decision) noexcept {
+  // The network probe decides often and nobody wants its reports.
   if (GetAccConfig()->game_id == kNetProbeGameId) return;
   DecisionSlot slot;
   constexpr int kSlots = DecisionSlot::kSlots;

@@ -5,40 +5,31 @@
 
 namespace moru_vyr::lsp {
 
-// One half of the route. Delays in milliseconds; `amp` is their standard deviation. Fine figures
-// are of answers below the limit for delays, over figures of those at or above it, all figures of
-// both.
+// The delays of a set of answers, in milliseconds.
+struct DelayFigures {
+  u32 avg = 0;
+  u32 max = 0;
+  u32 min = 0;  // 0: no answer yet
+  u32 amp = 0;  // the standard deviation
+  double sum = 0;
+  double squares = 0;
+  u32 count = 0;
+
+  void Add(u32 delay) noexcept;
+};
+
+// One half of the route.
 struct SpeedStatsHalf {
-  u32 delay_avg = 0;
-  u32 delay_max = 0;
-  u32 delay_min = 0;  // 0: no answer yet
-  u32 delay_amp = 0;
-  double delay_sum = 0;
-  double delay_squares = 0;
+  DelayFigures fine;    // of answers below the limit for delays
+  DelayFigures over;    // of those at or above it
+  DelayFigures all;     // of both
+  u32 total_send = 0;   // less those that were answered over the limit
   double lost_avg = 0;  // percent
-  u32 total_recv = 0;
-  u32 total_send = 0;  // less those that were answered over the limit
+  u32 all_send_count = 0;
 
   u32 last_send_tick = 0;
   u32 last_send_seq = 0;
   u32 pending = 0;  // 1: the last probe has not been answered
-
-  u32 over_delay_avg = 0;
-  u32 over_delay_max = 0;
-  u32 over_delay_min = 0;
-  u32 over_delay_amp = 0;
-  double over_delay_sum = 0;
-  double over_delay_squares = 0;
-  u32 over_count = 0;
-
-  u32 all_delay_avg = 0;
-  u32 all_delay_max = 0;
-  u32 all_delay_min = 0;
-  u32 all_delay_amp = 0;
-  double all_delay_sum = 0;
-  double all_delay_squares = 0;
-  u32 all_send_count = 0;
-  u32 all_recv_count = 0;
 };
 
 struct SpeedStats {

@@ -6,7 +6,6 @@
 #include "common/net_text.h"
 #include "common/text.h"
 #include "common/unix_time.h"
-#include "route/acc_config.h"
 #include "tracker/series_code.h"
 #include "tracker/tracker.h"
 

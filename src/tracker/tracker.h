@@ -9,8 +9,6 @@
 // returns anything. Pointers may not be null unless stated.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <atomic>
 #include <map>
@@ -44,11 +42,8 @@ struct PendingReports {
 
 class Tracker {
  public:
-  Tracker() = default;
   // Its thread must have ended, or never have started.
   ~Tracker() = default;
-  Tracker(const Tracker&) = delete;
-  Tracker& operator=(const Tracker&) = delete;
 
   // At the worker's start and at its end; may be repeated. If the worker is terminated before or
   // during its end, the reporting thread notices, writes what there is and ends by itself. `gone`
@@ -92,7 +87,6 @@ class Tracker {
   void SubmitRecoverySwitch(const RecoverySwitchRecord* record) noexcept;
 
  private:
-  void AddToSnapshot(const SocketQosRecord& record) noexcept;
   void MakeClosingUpdate(SocketQosRecord* record);
 
   // The sync thread's.
@@ -107,7 +101,6 @@ class Tracker {
   std::map<SOCKET, SocketQosRecord> watch_list_;  // used by the worker only
 
   common::UniqueHandle thread_;
-  DWORD thread_id_ = 0;
   std::atomic<u32> sync_name_{0};  // of own_thread.h: the sync thread's
   u32 worker_name_ = 0;            // and that of the thread that called Init, if it has one
   WorkerGone gone_ = nullptr;

@@ -58,7 +58,7 @@ void Tracker::Init(WorkerGone gone) noexcept {
   sync_name_.store(0, std::memory_order_relaxed);
   worker_name_ = common::OwnThread::NameOfCaller();
   gone_ = gone;
-  thread_.Reset(CreateThread(nullptr, 0, SyncThread, this, 0, &thread_id_));
+  thread_.Reset(CreateThread(nullptr, 0, SyncThread, this, 0, nullptr));
   LSP_LOG(0, "[Tracker] Sync Thread started.");
   initialized_ = true;
 }
@@ -76,7 +76,6 @@ void Tracker::UnInit() noexcept {
       common::EndByForce(thread_.get(), sync_name_.load(std::memory_order_relaxed));
     }
     thread_.Reset();
-    thread_id_ = 0;
     LSP_LOG(0, "[Tracker] Sync Thread Ended");
   }
   qos_ready_event_.Reset();
@@ -100,19 +99,15 @@ void Tracker::SnapshotCommInfo(bool force) noexcept {
   snapshot_.clear();
   for (auto& [socket, record] : watch_list_) {
     UpdateTimes(&record);
-    if (record.is_acce && record.nego_success) AddToSnapshot(record);
+    if (!record.is_acce || !record.nego_success) continue;
+    try {
+      snapshot_.insert_or_assign(record.guid, record);  // of two with one guid the later counts
+    } catch (...) {  // no memory for it: this report is lost, and the others need not be
+    }
   }
   if (snapshot_.empty()) return;
   last_snapshot_tick_ = now;
   if (sync_ready_event_) SetEvent(sync_ready_event_.get());
-}
-
-// Of two sockets with one guid the later counts.
-void Tracker::AddToSnapshot(const SocketQosRecord& record) noexcept {
-  try {
-    snapshot_.insert_or_assign(record.guid, record);
-  } catch (...) {  // no memory for it: this report is lost, and the others need not be
-  }
 }
 
 DWORD WINAPI Tracker::SyncThread(LPVOID self) noexcept {
@@ -136,7 +131,6 @@ bool Tracker::WorkerIsGone() const noexcept { return common::HasEnded(worker_nam
 void Tracker::LeaveAlone() noexcept {
   common::Lock hold(init_lock_);
   thread_.Reset();
-  thread_id_ = 0;
   qos_ready_event_.Reset();
   sync_ready_event_.Reset();
   initialized_ = false;

@@ -43,9 +43,9 @@ inline AccInfo DescribeLink(const sockaddr_in& game, const AccDecisionInfo& deci
           link.nego_addr.sin_port};
 }
 
-inline ClientInfo DescribeClient(const AccDecisionInfo& decision, u32 client_isp,
-                                 u32 client_ip) noexcept {
-  return {decision.header1, 0, client_isp, client_ip};
+inline ClientInfo DescribeClient(const AccDecisionInfo& decision,
+                                 const NegoResponse& response) noexcept {
+  return {decision.header1, 0, response.body.client_isp, response.body.client_ip};
 }
 
 inline bool SameAddress(const sockaddr_in& a, const sockaddr_in& b) noexcept {

@@ -1,3 +1,4 @@
+// The flow's links and the trial's have different texts in the log.
 #include "udp/node_link.h"
 
 #include <algorithm>
@@ -5,9 +6,11 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/net_text.h"
 #include "common/unix_time.h"
 #include "protocol/nego_request.h"
 #include "relay/nego_common.h"
+#include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
 #include "udp/udp_provider.h"
 #include "udp/udp_session.h"
@@ -16,6 +19,8 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr u32 kHeaderSize = sizeof(UdpAcclHeader);
+
+std::string Ip(const sockaddr_in& addr) { return common::IpToString(addr.sin_addr.s_addr); }
 
 UdpAcclHeader HeaderTo(const sockaddr_in& game_addr, u8 flags, u32 seq, u32 accl_token) noexcept {
   UdpAcclHeader header;
@@ -32,12 +37,18 @@ UdpAcclHeader HeaderTo(const sockaddr_in& game_addr, u8 flags, u32 seq, u32 accl
 bool NodeLink::Open() noexcept {
   sock_ = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
   if (sock_ == INVALID_SOCKET) {
-    LogNoSocket(WSAGetLastError());
+    const int error = WSAGetLastError();
+    LSP_LOG(5,
+            on_trial_ ? "UdpSwitchRemoteSession::Init socket error=%d, token=%u"
+                      : "[UDP] UdpRemoteSession::Init socket error=%d, token=%u",
+            error, flow_.token);
     return false;
   }
-  u_long on = 1;
-  if (ioctlsocket(sock_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
-    LogStaysBlocking(WSAGetLastError());
+  if (const int error = MakeNonBlocking(sock_); error != 0) {
+    LSP_LOG(5,
+            on_trial_ ? "[UDP] UdpSwitchRemoteSession::Init ioctlsocket , error=%d, token=%u"
+                      : "[UDP] UdpRemoteSession::Init ioctlsocket , error=%d, token=%u",
+            error, flow_.token);
   }
   return true;
 }
@@ -78,7 +89,11 @@ std::optional<u32> NodeLink::TakeAnswer(const UdpPackage& package, AccDecisionIn
   response->Init(kNegoVersion);
   const int result = response->Unpack({package.data, package.valid_len});
   if (result < 0) {
-    LogAnswerError(result, package.valid_len);
+    LSP_LOG(5,
+            on_trial_
+                ? "UdpSwitchRemoteSession::HandleNegoRecv, Unpack error=%d, pack_len=%u, token=%u"
+                : "[UDP] UdpRemoteSession::HandleNegoRecv, Unpack error=%d, pack_len=%u, token=%u",
+            result, package.valid_len, flow_.token);
     return kNegoBadHeader;
   }
   const NegoAsker asker = on_trial_ ? NegoAsker::kUdpSwitch : NegoAsker::kUdp;
@@ -175,15 +190,24 @@ u32 NodeLink::Send(SOCKET through, const void* data, u32 len, const sockaddr_in&
   const SOCKET socket = through == kOwnSocket ? sock_ : through;
   if (sendto(socket, static_cast<const char*>(data), static_cast<int>(len), 0,
              reinterpret_cast<const sockaddr*>(&to), sizeof to) != SOCKET_ERROR) {
-    LogSent(to, len, socket);
+    if (on_trial_) {
+      LSP_LOG(0, "[UDP] UdpSwitchRemoteSession::SendTo success, addr=%s:%u, len=%u, token=%u",
+              Ip(to).c_str(), ntohs(to.sin_port), len, flow_.token);
+    } else {
+      LSP_LOG(0, "[UDP] UdpRemoteSession::SendTo success, addr=%s:%u, len=%u, socket=%u, token=%u",
+              Ip(to).c_str(), ntohs(to.sin_port), len, static_cast<u32>(socket), flow_.token);
+    }
     return 0;
   }
   const int error = WSAGetLastError();
   if (error == WSAEWOULDBLOCK && may_wait) {
     Store(&blocked_, data, len, to, through);
     flow_.session->provider()->SessionMgr()->EnableWrite(sock_);
+  } else if (on_trial_) {
+    LSP_LOG(5, "[UDP] UdpSwitchRemoteSession::SendTo, error=%d, token=%u", error, flow_.token);
   } else {
-    LogSendError(error, socket);
+    LSP_LOG(5, "[UDP] UdpRemoteSession::SendTo, error=%d, socket=%u, token=%u", error,
+            static_cast<u32>(socket), flow_.token);
   }
   return static_cast<u32>(error);
 }
@@ -197,7 +221,11 @@ bool NodeLink::FlushBlockedPackages() noexcept {
     if (Send(front.socket, package.data, package.valid_len, package.addr, false) != 0) break;
     blocked_.pop_front();
   }
-  LogFlushed(count, static_cast<u32>(blocked_.size()));
+  LSP_LOG(0,
+          on_trial_
+              ? "UdpSwitchRemoteSession::FlushBlockedPackages, count=%u, remain_count=%u, token=%u"
+              : "[UDP] UdpRemoteSession::FlushBlockedPackages, count=%u, remain_count=%u, token=%u",
+          count, static_cast<u32>(blocked_.size()), flow_.token);
   return blocked_.empty();
 }
 
@@ -206,28 +234,63 @@ bool NodeLink::FlushBlockedPackages() noexcept {
 bool NodeLink::ReadPackage(SOCKET socket, DatagramBuffer* buffer,
                            UdpPackage* package) const noexcept {
   const int error = buffer->Receive(socket, package);
-  if (error == 0) {
-    LogReceived(*package, socket);
-    return true;
-  }
-  if (error != WSAEWOULDBLOCK) {
+  if (error != 0) {
+    if (error == WSAEWOULDBLOCK) return false;
     GetTracker().RecordRecv(socket, 0, error);
-    LogReceiveError(error, socket);
+    if (on_trial_) {
+      LSP_LOG(5, "UdpSwitchRemoteSession::ReadPackage recvfrom failed, error = %d, token=%u", error,
+              flow_.token);
+    } else {
+      LSP_LOG(5, "UdpRemoteSession::ReadPackage recvfrom failed, error=%d,socket=%u, token=%u",
+              error, static_cast<u32>(socket), flow_.token);
+    }
+    return false;
   }
-  return false;
+  if (on_trial_) {
+    LSP_LOG(0,
+            "[UDP] UdpSwitchRemoteSession::ReadPackage recvfrom success, addr=%s:%u, len=%u, "
+            "token=%u",
+            Ip(package->addr).c_str(), ntohs(package->addr.sin_port), package->valid_len,
+            flow_.token);
+  } else {
+    LSP_LOG(0,
+            "[UDP] UdpRemoteSession::ReadPackage recvfrom success, addr=%s:%u, len=%u, socket=%u, "
+            "token=%u",
+            Ip(package->addr).c_str(), ntohs(package->addr.sin_port), package->valid_len,
+            static_cast<u32>(socket), flow_.token);
+  }
+  return true;
 }
 
 bool NodeLink::Unwrap(const UdpPackage& package, UdpAcclHeader* header) const noexcept {
   const int head_len = header->Unpack({package.data, package.valid_len});
   if (head_len <= 0) {
-    LogUnpackError(head_len, package.addr);
+    LSP_LOG(5,
+            on_trial_ ? "[UDP] UdpSwitchRemoteSession::UnWrapUdpAcclPackage failed, unpack error, "
+                        "ret=%d, accl_data_addr=%s:%u, token=%u"
+                      : "[UDP] UnWrapUdpAcclPackage failed, unpack error, ret=%d, "
+                        "accl_data_addr=%s:%u, token=%u",
+            head_len, Ip(package.addr).c_str(), ntohs(package.addr.sin_port), flow_.token);
     return false;
   }
   if (static_cast<u32>(head_len) > package.valid_len) {
-    LogHeadTooLong(package.addr);
+    LSP_LOG(5,
+            on_trial_ ? "[UDP] UdpSwitchRemoteSession::UnWrapUdpAcclPackage failed, package "
+                        "invalid, head_len > pack_len, accl_data_addr=%s:%u, token=%u"
+                      : "[UDP] UnWrapUdpAcclPackage failed, package invalid, head_len > pack_len, "
+                        "accl_data_addr=%s:%u, token=%u",
+            Ip(package.addr).c_str(), ntohs(package.addr.sin_port), flow_.token);
     return false;
   }
   return true;
+}
+
+void NodeLink::LogProbeAnswer() const noexcept {
+  LSP_LOG(0,
+          on_trial_
+              ? "UdpSwitchRemoteSession::UnWrapUdpAcclPackage: it is a speed test result, token=%u"
+              : "UnWrapUdpAcclPackage: it is a speed test result, token=%u",
+          flow_.token);
 }
 
 }  // namespace moru_vyr::lsp

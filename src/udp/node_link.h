@@ -16,8 +16,8 @@
 #include "protocol/udp_accl_header.h"
 #include "quality/link_watch.h"
 #include "udp/accl_link_info.h"
-#include "udp/datagram_buffer.h"
 #include "udp/stored_package.h"
+#include "udp/udp_package.h"
 
 namespace moru_vyr::lsp {
 
@@ -102,18 +102,6 @@ class NodeLink {
   bool Wrap(const UdpPackage& package, u8 lost, u8 (&out)[kDatagramBufferSize]) noexcept;
   u32 Send(SOCKET through, const void* data, u32 len, const sockaddr_in& to,
            bool may_wait) noexcept;
-
-  // node_link_log.cpp
-  void LogNoSocket(int error) const noexcept;
-  void LogStaysBlocking(int error) const noexcept;
-  void LogAnswerError(int result, u32 len) const noexcept;
-  void LogReceived(const UdpPackage& package, SOCKET socket) const noexcept;
-  void LogReceiveError(int error, SOCKET socket) const noexcept;
-  void LogUnpackError(int result, const sockaddr_in& from) const noexcept;
-  void LogHeadTooLong(const sockaddr_in& from) const noexcept;
-  void LogSent(const sockaddr_in& to, u32 len, SOCKET socket) const noexcept;
-  void LogSendError(int error, SOCKET socket) const noexcept;
-  void LogFlushed(u32 count, u32 remain) const noexcept;
 
   const UdpFlow& flow_;
   const bool on_trial_;

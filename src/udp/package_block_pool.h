@@ -15,8 +15,6 @@ class PackageBlockPool {
   static constexpr u32 kMinBlockSize = 128;
 
   explicit PackageBlockPool(u32 block_size) noexcept;
-  PackageBlockPool(const PackageBlockPool&) = delete;
-  PackageBlockPool& operator=(const PackageBlockPool&) = delete;
 
   u32 block_size() const noexcept { return block_size_; }
 

@@ -6,8 +6,6 @@
 // native size: the open message is 41 bytes in a 32-bit process and 53 in a 64-bit one.
 #pragma once
 #include <winsock2.h>
-//
-#include <windows.h>
 
 #include <cstddef>
 #include <cstdint>

@@ -22,8 +22,6 @@ namespace moru_vyr::lsp {
 class UdpPackageQueue {
  public:
   UdpPackageQueue() noexcept : pool_(PackageBlockPool::kDatagramBlockSize) {}
-  UdpPackageQueue(const UdpPackageQueue&) = delete;
-  UdpPackageQueue& operator=(const UdpPackageQueue&) = delete;
 
   // Appends a copy of the datagram with its address. False, with nothing changed, for null
   // arguments, for a datagram longer than a block, and without memory; the second form also for an

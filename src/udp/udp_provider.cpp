@@ -26,9 +26,7 @@ bool UdpProvider::OnCreateLocalServer() noexcept {
   bool result = BindLoopbackPort(local_socket_, &port);
   if (result) {
     local_port_.store(port, std::memory_order_relaxed);
-    u_long on = 1;
-    if (ioctlsocket(local_socket_, static_cast<long>(FIONBIO), &on) == SOCKET_ERROR) {
-      const int error = WSAGetLastError();
+    if (const int error = MakeNonBlocking(local_socket_); error != 0) {
       LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer ioctlsocket , error=%d", error);
       result = false;
     }
@@ -98,10 +96,6 @@ void UdpProvider::OnUpdate(u32 elapsed_ms) noexcept {
     session.OnUpdate(elapsed_ms);
     if (session.IsCloseWanted()) CloseSession(session.token());
   }
-  EndUntold();
-}
-
-void UdpProvider::EndUntold() noexcept {
   untold_ends_.OnTurn([this](u32 token) {
     const bool has_session = sessions_.count(token) != 0;
     CloseSession(token);

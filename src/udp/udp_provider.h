@@ -16,9 +16,9 @@
 #include "common/types.h"
 #include "relay/net_provider.h"
 #include "relay/relay_sockets.h"
-#include "udp/datagram_buffer.h"
 #include "udp/live_queues.h"
 #include "udp/relay_messages.h"
+#include "udp/udp_package.h"
 #include "udp/udp_session.h"
 #include "udp/untold_ends.h"
 
@@ -59,7 +59,6 @@ class UdpProvider final : public NetProvider {
   void OnUpdate(u32 elapsed_ms) noexcept override;
 
  private:
-  void EndUntold() noexcept;
   bool ReadPackage(SOCKET socket, UdpPackage* package) noexcept;
   void HandleLocalMessage(const UdpPackage& package) noexcept;
   void HandleOpenRequest(const ProtoRelayOpen& request, const sockaddr_in& game_addr) noexcept;

@@ -84,20 +84,14 @@ void UdpProvider::ResponseCreateSessionResult(const ProtoRelayOpen& answer,
     ev_result = SetEvent(event);
     if (!ev_result) ev_error = GetLastError();
   }
-  const char* const success = answer.opened() ? "true" : "false";
-  if (ev_result) {
-    LSP_LOG(5,
-            "[UDP] UdpProvider::ResponseCreateSessionResult ok, addr=%s:%u, success=%s, "
-            "ev_result=%d, ev_error=%u, socket=%Id, token=%u",
-            common::IpToString(game_addr.sin_addr.s_addr).c_str(), ntohs(game_addr.sin_port),
-            success, ev_result, static_cast<u32>(ev_error), local_socket_, u32{answer.token});
-  } else {
-    LSP_LOG(5,
-            "[UDP] UdpProvider::ResponseCreateSessionResult invalid, addr=%s:%u, success=%s, "
-            "ev_result=%d, ev_error=%u, socket=%Id, token=%u",
-            common::IpToString(game_addr.sin_addr.s_addr).c_str(), ntohs(game_addr.sin_port),
-            success, ev_result, static_cast<u32>(ev_error), local_socket_, u32{answer.token});
-  }
+  LSP_LOG(5,
+          ev_result ? "[UDP] UdpProvider::ResponseCreateSessionResult ok, addr=%s:%u, success=%s, "
+                      "ev_result=%d, ev_error=%u, socket=%Id, token=%u"
+                    : "[UDP] UdpProvider::ResponseCreateSessionResult invalid, addr=%s:%u, "
+                      "success=%s, ev_result=%d, ev_error=%u, socket=%Id, token=%u",
+          common::IpToString(game_addr.sin_addr.s_addr).c_str(), ntohs(game_addr.sin_port),
+          answer.opened() ? "true" : "false", ev_result, static_cast<u32>(ev_error), local_socket_,
+          u32{answer.token});
 }
 
 void UdpProvider::StoreCreateResult(const ProtoRelayOpen& answer) noexcept {

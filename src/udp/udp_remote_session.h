@@ -33,8 +33,6 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   UdpRemoteSession(UdpSession* session, const sockaddr_in& remote_addr,
                    const sockaddr_in& local_addr);
   ~UdpRemoteSession() override;  // tells the node of the end
-  UdpRemoteSession(const UdpRemoteSession&) = delete;
-  UdpRemoteSession& operator=(const UdpRemoteSession&) = delete;
 
   // Makes the local socket, with the buffer sizes of the game's.
   bool Init(bool bind) noexcept;

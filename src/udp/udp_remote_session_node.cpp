@@ -3,8 +3,6 @@
 //
 // Each request is one datagram, never repeated. After a failure one other node is asked; then the
 // flow goes direct, with everything that waited.
-#include <algorithm>
-#include <iterator>
 #include <optional>
 
 #include "common/log.h"
@@ -70,8 +68,7 @@ void UdpRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept {
   }
   state_ = UdpState::kAccl;
   FlushCachedPackages();  // before anything is measured: the game has waited long enough
-  link_.StartWatch(&watch_, decision_,
-                   DescribeClient(decision_, response.body.client_isp, response.body.client_ip));
+  link_.StartWatch(&watch_, decision_, DescribeClient(decision_, response));
 }
 
 void UdpRemoteSession::OnNegotiationFailed(u32 reason) noexcept {
@@ -89,17 +86,11 @@ void UdpRemoteSession::OnNegotiationFailed(u32 reason) noexcept {
   FlushCachedPackages();
 }
 
-// Replaces the selected proxy by the first other one of the decision.
 bool UdpRemoteSession::ChangeAcclServer() noexcept {
-  const u32 current = decision_.selected_proxy.proxy_idc;
-  const auto found = std::find_if(
-      std::begin(decision_.top_proxy), std::end(decision_.top_proxy),
-      [&](const RouteProxyInfo& p) { return p.proxy_idc != 0 && p.proxy_idc != current; });
-  if (found == std::end(decision_.top_proxy)) return false;
-  decision_.selected_proxy = *found;
+  if (!SelectOtherProxy(&decision_)) return false;
   GetTracker().SetAcceInfo(local_sock_, true, &decision_);
   LSP_LOG(5, "[UDP] UdpRemoteSession::ChangeAcclServer, proxy_idc=%u,token=%u",
-          u32{found->proxy_idc}, flow_.token);
+          u32{decision_.selected_proxy.proxy_idc}, flow_.token);
   return true;
 }
 

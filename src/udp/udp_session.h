@@ -28,8 +28,6 @@ class UdpSession {
   UdpSession(UdpProvider* provider, u32 token, const sockaddr_in& local_addr,
              const sockaddr_in& remote_addr, u32 send_size, u32 recv_size);
   ~UdpSession();  // ends the links and tells their nodes
-  UdpSession(const UdpSession&) = delete;
-  UdpSession& operator=(const UdpSession&) = delete;
 
   // Makes the first remote session, and with it the game's relay port.
   bool Init() noexcept;

@@ -2,7 +2,7 @@
 
 #include "common/log.h"
 #include "common/net_text.h"
-#include "quality/recovery_record_text.h"
+#include "quality/recovery_switch.h"
 #include "relay/nego_common.h"
 #include "route/acc_config.h"
 #include "route/route.h"
@@ -89,7 +89,7 @@ void UdpSwitchRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept 
     return;
   }
   state_ = UdpSwitchState::kVerifying;
-  client_info_ = DescribeClient(decision_, response.body.client_isp, response.body.client_ip);
+  client_info_ = DescribeClient(decision_, response);
   link_.StartWatch(&watch_, decision_, client_info_);
 }
 

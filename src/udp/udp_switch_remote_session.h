@@ -38,8 +38,6 @@ class UdpSwitchRemoteSession final : public IRelaySocketDelegate {
  public:
   UdpSwitchRemoteSession(UdpRemoteSession* parent, const UdpFlow& flow);
   ~UdpSwitchRemoteSession() override;  // tells a node that was still on trial
-  UdpSwitchRemoteSession(const UdpSwitchRemoteSession&) = delete;
-  UdpSwitchRemoteSession& operator=(const UdpSwitchRemoteSession&) = delete;
 
   // Makes the socket. A failure shows when the request cannot be sent.
   void Init() noexcept;

@@ -163,7 +163,7 @@ SCENARIO_F(Probes, CarryWhatANodeNeeds) {
     EXPECT_EQ(half->pending, 1u);
     EXPECT_EQ(half->total_send, 1u);
     EXPECT_EQ(half->all_send_count, 1u);
-    EXPECT_EQ(half->total_recv, 0u);
+    EXPECT_EQ(half->fine.count, 0u);
   }
 }
 
@@ -211,16 +211,16 @@ SCENARIO_F(Probes, AnswersAreBookedByTheRelayThatGaveThem) {
   Run(602);
   EXPECT_TRUE(Answer(1, 1, 20));
   EXPECT_EQ(Stats().topology_type, 2u);
-  EXPECT_EQ(Stats().frontend.total_recv, 1u);
+  EXPECT_EQ(Stats().frontend.fine.count, 1u);
   EXPECT_EQ(Stats().frontend.pending, 0u);
   EXPECT_EQ(Stats().backend.pending, 1u);
   EXPECT_TRUE(Answer(1, 2, 50));
   const SpeedStats stats = Stats();
   EXPECT_EQ(stats.backend.pending, 0u);
-  EXPECT_EQ(stats.frontend.delay_avg, 20u);
-  EXPECT_EQ(stats.backend.delay_avg, 50u);
-  EXPECT_EQ(stats.frontend.all_recv_count, 1u);
-  EXPECT_EQ(stats.backend.all_recv_count, 1u);
+  EXPECT_EQ(stats.frontend.fine.avg, 20u);
+  EXPECT_EQ(stats.backend.fine.avg, 50u);
+  EXPECT_EQ(stats.frontend.all.count, 1u);
+  EXPECT_EQ(stats.backend.all.count, 1u);
   EXPECT_EQ(stats.topology_type, 2u);
 }
 
@@ -229,8 +229,8 @@ SCENARIO_F(Probes, ASingleRelayIsTheFrontend) {
   Run(602);
   EXPECT_TRUE(Answer(1, 0, 20));
   EXPECT_EQ(Stats().topology_type, 1u);
-  EXPECT_EQ(Stats().frontend.delay_avg, 20u);
-  EXPECT_EQ(Stats().backend.all_recv_count, 0u);
+  EXPECT_EQ(Stats().frontend.fine.avg, 20u);
+  EXPECT_EQ(Stats().backend.all.count, 0u);
   EXPECT_TRUE(Answer(1, 2, 20));
   EXPECT_EQ(Stats().topology_type, 1u);  // what was found first
 }
@@ -242,7 +242,7 @@ SCENARIO_F(Probes, AnAnswerFromAThirdRelayChangesNoFigures) {
   EXPECT_TRUE(Answer(1, 3, 20));
   const SpeedStats stats = Stats();
   EXPECT_EQ(stats.topology_type, 0xFFFFFFFFu);
-  EXPECT_EQ(stats.frontend.all_recv_count + stats.backend.all_recv_count, 0u);
+  EXPECT_EQ(stats.frontend.all.count + stats.backend.all.count, 0u);
   EXPECT_EQ(stats.frontend.pending, 1u);
   EXPECT_EQ(CountOf("RealRouteAddOneRecvPkg", log.Text()), 0);
   EXPECT_TRUE(log.Contains("RecvSpeedTest success,len=36,relay_idx=3,seq=1,delay=20, socket="));
@@ -271,14 +271,14 @@ SCENARIO_F(Probes, DelaysFromTheLimitOnAreNotLostButNotFineEither) {
   Answer(1, 0, 299);
   Answer(2, 0, 300);
   const SpeedStatsHalf half = Stats().frontend;
-  EXPECT_EQ(half.total_recv, 1u);
+  EXPECT_EQ(half.fine.count, 1u);
   EXPECT_EQ(half.total_send, 1u);
-  EXPECT_EQ(half.delay_max, 299u);
-  EXPECT_EQ(half.over_count, 1u);
-  EXPECT_EQ(half.over_delay_min, 300u);
-  EXPECT_EQ(half.all_recv_count, 2u);
+  EXPECT_EQ(half.fine.max, 299u);
+  EXPECT_EQ(half.over.count, 1u);
+  EXPECT_EQ(half.over.min, 300u);
+  EXPECT_EQ(half.all.count, 2u);
   EXPECT_EQ(half.all_send_count, 2u);
-  EXPECT_EQ(half.all_delay_max, 300u);
+  EXPECT_EQ(half.all.max, 300u);
   EXPECT_EQ(half.lost_avg, 0.0);
 }
 
@@ -306,7 +306,7 @@ SCENARIO_F(Probes, WhatIsNotAnAnswerIsData) {
   AnswerBytes(1, 0, 5);
   answer_[offsetof(UdpAcclHeader, head_len)] = 19;
   EXPECT_FALSE(Receives(answer_, 36));
-  EXPECT_EQ(Stats().frontend.all_recv_count, 0u);
+  EXPECT_EQ(Stats().frontend.all.count, 0u);
   EXPECT_TRUE(Answer(1, 0, 5));
 }
 

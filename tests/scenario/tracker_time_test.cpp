@@ -299,7 +299,7 @@ SCENARIO_F(TrackerTime, ProbeOfTheLastTwoSecondsIsNotLostYet) {
     SpeedStats stats;
     for (SpeedStatsHalf* half : {&stats.frontend, &stats.backend}) {
       half->total_send = row.sent;
-      half->total_recv = row.received;
+      half->fine.count = row.received;
       half->pending = row.pending;
       half->last_send_tick = GetTickCount();
     }

@@ -11,10 +11,9 @@
 #include "common/text.h"
 #include "quality/link_identity.h"
 #include "quality/link_thresholds.h"
-#include "quality/recovery_record_text.h"
-#include "quality/recovery_switch_config.h"
-#include "quality/speed_figures.h"
+#include "quality/recovery_switch.h"
 #include "route/acc_config.h"
+#include "tracker/speed_stats.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -234,45 +233,26 @@ std::ostream& operator<<(std::ostream& out, const Figures& f) {
   return out << "avg " << f.avg << ", max " << f.max << ", min " << f.min << ", amp " << f.amp
              << ", count " << f.count;
 }
-Figures Fine(const SpeedStatsHalf& h) {
-  return {h.delay_avg, h.delay_max, h.delay_min, h.delay_amp, h.total_recv};
-}
+Figures Of(const DelayFigures& f) { return {f.avg, f.max, f.min, f.amp, f.count}; }
 
 TEST(SpeedFigures, AreTruncated) {
-  SpeedStatsHalf half;
-  AddToFineFigures(&half, 10);
-  EXPECT_EQ(Fine(half), (Figures{10, 10, 10, 0, 1}));
-  AddToFineFigures(&half, 21);
-  EXPECT_EQ(Fine(half), (Figures{15, 21, 10, 5, 2}));  // the root of 30.5, about 15
-  AddToFineFigures(&half, 3);
-  EXPECT_EQ(Fine(half), (Figures{11, 21, 3, 7, 3}));
+  DelayFigures figures;
+  figures.Add(10);
+  EXPECT_EQ(Of(figures), (Figures{10, 10, 10, 0, 1}));
+  figures.Add(21);
+  EXPECT_EQ(Of(figures), (Figures{15, 21, 10, 5, 2}));  // the root of 30.5, about 15
+  figures.Add(3);
+  EXPECT_EQ(Of(figures), (Figures{11, 21, 3, 7, 3}));
 }
 
 // The average is truncated, so the swing of equal delays is 0 and never the root of a little less.
 TEST(SpeedFigures, OfEqualDelaysDoNotSwing) {
   for (const u32 delay : {1u, 7u, 33u, 499u, 9999u}) {
-    SpeedStatsHalf half;
-    for (int i = 0; i < 1000; ++i) AddToAllFigures(&half, delay);
-    EXPECT_EQ(half.all_delay_avg, delay);
-    EXPECT_EQ(half.all_delay_amp, 0u) << delay;
+    DelayFigures figures;
+    for (int i = 0; i < 1000; ++i) figures.Add(delay);
+    EXPECT_EQ(figures.avg, delay);
+    EXPECT_EQ(figures.amp, 0u) << delay;
   }
-}
-
-TEST(SpeedFigures, StandApart) {
-  SpeedStatsHalf half;
-  AddToFineFigures(&half, 10);
-  AddToOverFigures(&half, 700);
-  AddToOverFigures(&half, 900);
-  AddToAllFigures(&half, 50);
-  EXPECT_EQ(Fine(half), (Figures{10, 10, 10, 0, 1}));
-  EXPECT_EQ((Figures{half.over_delay_avg, half.over_delay_max, half.over_delay_min,
-                     half.over_delay_amp, half.over_count}),
-            (Figures{800, 900, 700, 100, 2}));
-  EXPECT_EQ((Figures{half.all_delay_avg, half.all_delay_max, half.all_delay_min, half.all_delay_amp,
-                     half.all_recv_count}),
-            (Figures{50, 50, 50, 0, 1}));
-  EXPECT_EQ(half.total_send, 0u);
-  EXPECT_EQ(half.all_send_count, 0u);
 }
 
 }  // namespace

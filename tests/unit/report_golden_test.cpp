@@ -62,10 +62,10 @@ class ReportGolden : public testing::Test {
 
 SpeedStatsHalf Half(u32 first) {
   SpeedStatsHalf half;
-  for (u32* field : {&half.delay_avg, &half.delay_max, &half.delay_min, &half.delay_amp,
-                     &half.total_recv, &half.total_send, &half.over_delay_avg, &half.over_delay_max,
-                     &half.over_delay_min, &half.over_count, &half.all_delay_avg,
-                     &half.all_delay_amp, &half.all_recv_count, &half.all_send_count}) {
+  for (u32* field :
+       {&half.fine.avg, &half.fine.max, &half.fine.min, &half.fine.amp, &half.fine.count,
+        &half.total_send, &half.over.avg, &half.over.max, &half.over.min, &half.over.count,
+        &half.all.avg, &half.all.amp, &half.all.count, &half.all_send_count}) {
     *field = first++;
   }
   return half;

@@ -385,20 +385,20 @@ TEST(ReportTraffic, SaysEveryFigure) {
   SpeedStatsHalf* const halves[] = {&s.speed_test.frontend, &s.speed_test.backend};
   u32 n = 100;
   for (SpeedStatsHalf* half : halves) {
-    half->delay_avg = n++;
-    half->delay_max = n++;
-    half->delay_min = n++;
-    half->delay_amp = n++;
+    half->fine.avg = n++;
+    half->fine.max = n++;
+    half->fine.min = n++;
+    half->fine.amp = n++;
     half->total_send = n++;
-    half->total_recv = n++;
+    half->fine.count = n++;
     half->lost_avg = n++ / 10.0;
-    half->over_delay_avg = n++;
-    half->over_delay_max = n++;
-    half->over_delay_min = n++;
-    half->over_count = n++;
-    half->all_delay_avg = n++;
-    half->all_delay_amp = n++;
-    half->all_recv_count = n++;
+    half->over.avg = n++;
+    half->over.max = n++;
+    half->over.min = n++;
+    half->over.count = n++;
+    half->all.avg = n++;
+    half->all.amp = n++;
+    half->all.count = n++;
     half->all_send_count = n++;
   }
   s.speed_test.topology_type = 2;

@@ -231,7 +231,7 @@ TEST_F(WatchList, RecoveryTextIsKept) {
 SpeedStatsHalf Half(u32 sent, u32 received) {
   SpeedStatsHalf half;
   half.total_send = sent;
-  half.total_recv = received;
+  half.fine.count = received;
   half.lost_avg = 77;
   return half;
 }
