@@ -6,8 +6,8 @@
 #include <ws2spi.h>
 
 #include "port/posix/sockets.h"
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
-#include "port/shared/rendition.h"
 
 namespace port {
 namespace {

@@ -3,8 +3,8 @@
 #include <atomic>
 #include <vector>
 
+#include "port/shared/backend.h"
 #include "port/shared/objects.h"
-#include "port/shared/rendition.h"
 
 namespace port {
 

@@ -1,7 +1,7 @@
+#include "port/shared/backend.h"
 #include "port/shared/catalogue.h"
 #include "port/shared/faults.h"
 #include "port/shared/process.h"
-#include "port/shared/rendition.h"
 #include "port/shared/text.h"
 
 namespace port {

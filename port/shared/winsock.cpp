@@ -1,9 +1,9 @@
 // The plain calls of Winsock, over the call table of each socket's provider.
 #include "port/shared/winsock.h"
 
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
 #include "port/shared/process.h"
-#include "port/shared/rendition.h"
 
 namespace port {
 namespace {

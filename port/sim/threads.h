@@ -1,8 +1,8 @@
 // Threads and waitable objects of the simulation: what the waits and the world's end of a
 // thread need to know. All of it runs on the scheduler's baton.
 #pragma once
+#include "port/shared/backend.h"
 #include "port/shared/objects.h"
-#include "port/shared/rendition.h"
 #include "port/sim/scheduler.h"
 #include "port/sim/sim.h"
 

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "port/shared/rendition.h"
+#include "port/shared/backend.h"
 #include "port/shared/single_step.h"
 #include "port/sim/faults.h"
 #include "port/sim/threads.h"

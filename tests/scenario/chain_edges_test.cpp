@@ -5,10 +5,10 @@
 #include <cstring>
 
 #include "common/process_info.h"
+#include "port/shared/backend.h"
 #include "port/shared/catalogue.h"
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
-#include "port/shared/rendition.h"
 #include "port/shared/text.h"
 #include "port/sim/scenario.h"
 #include "start/base_startup.h"

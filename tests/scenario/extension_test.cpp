@@ -9,8 +9,8 @@
 #include "common/process_info.h"
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
-#include "port/shared/rendition.h"
 #include "tests/scenario/tcp_world.h"
 
 namespace {
