@@ -1,4 +1,4 @@
-// Views that are mapped and unmapped: nobody watches them here.
+// Mapping and unmapping of views: this backend does not watch them.
 #include "port/shared/backend.h"
 
 namespace port {
