@@ -89,7 +89,7 @@ SCENARIO_F(ReportUdp, DirectFlowIsADecisionAlone) {
   EXPECT_EQ(decision.game_ip, 0xc633640bu);
   EXPECT_EQ(decision.game_port, 27015u);
   EXPECT_EQ(decision.socket_type, 1);  // a datagram socket is 1 here and 2 in the traffic
-  EXPECT_EQ(decision.acc_reason, DECISION_DIRECT);
+  EXPECT_EQ(decision.acc_reason, kReasonDirect);
   EXPECT_EQ(std::string(decision.guid).size(), 36u);
   Plays(s, 8000, kDirect);
   Closes(s);
@@ -132,7 +132,7 @@ SCENARIO_F(ReportUdp, DecisionAndNegotiationOfAFlowBearOneGuid) {
   EXPECT_EQ(decision.guid, guid);
   EXPECT_EQ(negotiation.guid, guid);
   EXPECT_EQ(LastReport().guid_str, guid);
-  EXPECT_EQ(decision.acc_reason, DECISION_ACCE);
+  EXPECT_EQ(decision.acc_reason, kReasonAcce);
   EXPECT_STREQ(decision.selected_proxy.proxy_addr, kNodeA);
   EXPECT_EQ(u32{decision.selected_proxy.user_ip}, test::Ip(kGame));  // as the node has answered
   EXPECT_EQ(negotiation.game_id, 7u);

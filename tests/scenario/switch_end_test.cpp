@@ -30,7 +30,7 @@ SCENARIO_F(SwitchEnd, ClosingStopsItsProbes) {
   flow->SetClosing();
   b.Takes();
   HealthyTurns(50);
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   EXPECT_TRUE(b.Takes().empty());
   EXPECT_TRUE(a.Takes().empty()) << "nor are there any of the old link";
 }
@@ -91,7 +91,7 @@ SCENARIO_F(SwitchEnd, AFlowThatIsClosingEndsAsATrialIsVerified) {
   EXPECT_FALSE(session->CanClose());
   b.SendsData("proof");
   Turn();
-  ASSERT_EQ(Results(), "0");
+  ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   ASSERT_TRUE(flow->HasBlockedPackages());
   for (int i = 0; i < 100 && Trial() == nullptr; ++i) {
     b.SendsRaw(b.LateProbeAnswer(static_cast<u32>(i + 1), 500));

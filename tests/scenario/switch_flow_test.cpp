@@ -77,7 +77,7 @@ SCENARIO_F(SwitchFlow, IsReportedWithWhatLedToIt) {
   const RecoverySwitchRecord& report = client.switches->slots[0];
   EXPECT_EQ(test::Value(report.game_id), 7u);
   EXPECT_EQ(test::Value(report.need_switch), 1);
-  EXPECT_EQ(test::Value(report.is_switch_succ), 0);
+  EXPECT_EQ(test::Value(report.is_switch_succ), static_cast<i32>(SwitchResult::kTakenOver));
   EXPECT_EQ(test::Value(report.count), 1);
   EXPECT_EQ(test::Value(report.proxy_idc), 1) << "the node that was left";
   EXPECT_EQ(test::Value(report.data_link_small_section_pack), 0);

@@ -36,7 +36,7 @@ SCENARIO_F(SwitchHandOver, OneThatHasEndedMakesWayAtOnce) {
   EXPECT_FALSE(loop.Has(first));
   EXPECT_EQ(Readiness(first), "error 10038") << "closed";
   EXPECT_TRUE(b.IsAsked());
-  EXPECT_EQ(Results(), "2");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNotAsked});
 }
 
 SCENARIO_F(SwitchHandOver, ASecondSwitchLeavesTheSocketInBetweenOpen) {
@@ -56,7 +56,7 @@ SCENARIO_F(SwitchHandOver, ASecondSwitchLeavesTheSocketInBetweenOpen) {
   b.Takes();
   a.SendsData("second proof");
   Turns(2);
-  EXPECT_EQ(Results(), "0 0");
+  EXPECT_EQ(Results(), (Outcomes{SwitchResult::kTakenOver, SwitchResult::kTakenOver}));
   EXPECT_EQ(GameGets(), "proof second proof");
   EXPECT_EQ(b.TakenEnds(), 1);
   EXPECT_FALSE(loop.Has(in_between));
@@ -90,7 +90,7 @@ SCENARIO_F(SwitchHandOver, TheGamesPortStaysThroughAnyNumber) {
     HealthyTurns(10);
     next.SendsData("proof");
     Turns(2);
-    ASSERT_EQ(static_cast<size_t>(moves), (Results().size() + 1) / 2) << Results();
+    ASSERT_EQ(Results(), Outcomes(moves, SwitchResult::kTakenOver));
     sockaddr_in now = {}, from = {};
     ASSERT_TRUE(session->GetRelayAddr(&now));
     EXPECT_EQ(now.sin_port, relay.sin_port) << moves;
@@ -149,7 +149,7 @@ SCENARIO_F(SwitchHandOver, WhatWaitsForRoomAtTheNewNodeMovesWithItsSocket) {
   b.SendsData("proof");
   const SOCKET new_sock = TrialSocket();
   loop.delegates[new_sock]->OnReadable(new_sock);
-  EXPECT_EQ(Results(), "0");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   EXPECT_TRUE(flow->HasBlockedPackages());
   // Kept: nobody asks for room again in the name of the new owner. The next that has to wait does.
   Turns(3);
@@ -176,7 +176,7 @@ SCENARIO_F(SwitchHandOver, WhatWaitedAtTheOldSocketLeavesBeforeWhatWaitedAtTheNe
   b.Takes();
   b.SendsData("proof");
   loop.delegates[new_sock]->OnReadable(new_sock);
-  ASSERT_EQ(Results(), "0");
+  ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   EXPECT_EQ(GameGets(), "proof");
   port::FailCall("sendto", 2, WSAEWOULDBLOCK);
   flow->OnWritable(new_sock);

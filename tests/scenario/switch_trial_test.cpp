@@ -30,12 +30,12 @@ class SwitchTrial : public SwitchWorld {
     EXPECT_EQ(GameGets(), "pong");
   }
   // A trial that has failed is gone a tick later, and its node is not told.
-  void ExpectOver(const std::string& result) {
-    EXPECT_EQ(Results(), result) << log->Text();
+  void ExpectOver(SwitchResult result) {
+    EXPECT_EQ(Results(), Outcomes{result}) << log->Text();
     Turns(2);
     EXPECT_EQ(Trial(), nullptr);
     EXPECT_EQ(b.TakenEnds(), 0);
-    EXPECT_EQ(Results(), result) << "reported once";
+    EXPECT_EQ(Results(), Outcomes{result}) << "reported once";
     ExpectCarriedByA();
   }
 };
@@ -45,11 +45,11 @@ SCENARIO_F(SwitchTrial, WithoutAnotherNodeItEndsAtOnce) {
   no_group.last_node = kLastNode + 1;
   IsCarried(no_group);
   EXPECT_TRUE(Fires()) << "a trial that cannot start has been made all the same";
-  EXPECT_EQ(Results(), "1");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
   EXPECT_TRUE(Logged("Can not find IDC(11)'s switch proxy route, current_proxy=1, last_node=62"));
   Turn();
   EXPECT_FALSE(b.IsAsked());
-  ExpectOver("1");
+  ExpectOver(SwitchResult::kNoRoute);
 }
 
 SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNowhereToGo) {
@@ -57,18 +57,18 @@ SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNowhereToGo) {
   first_version.version = 1;
   IsCarried(first_version);
   EXPECT_TRUE(Fires());
-  EXPECT_EQ(Results(), "1");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
 }
 
 SCENARIO_F(SwitchTrial, ARequestThatCannotLeaveEndsIt) {
   IsCarried();
   port::FailCall("sendto", 1, WSAENETUNREACH);
   EXPECT_TRUE(Fires());
-  EXPECT_EQ(Results(), "2");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNotAsked});
   EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::SendTo, error=10051, token=77"));
   Turn();
   EXPECT_FALSE(b.IsAsked());
-  ExpectOver("2");
+  ExpectOver(SwitchResult::kNotAsked);
 }
 
 // The request waits for room all the same, and leaves if that comes before the trial is cleared
@@ -77,7 +77,7 @@ SCENARIO_F(SwitchTrial, ARequestThatHasToWaitEndsItAndStillLeaves) {
   IsCarried();
   port::FailCall("sendto", 1, WSAEWOULDBLOCK);
   EXPECT_TRUE(Fires());
-  EXPECT_EQ(Results(), "2");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNotAsked});
   EXPECT_EQ(loop.wants_room.count(TrialSocket()), 1u);
   loop.Pass();
   EXPECT_TRUE(b.IsAsked());
@@ -86,7 +86,7 @@ SCENARIO_F(SwitchTrial, ARequestThatHasToWaitEndsItAndStillLeaves) {
   b.Answers();
   loop.Pass();
   EXPECT_FALSE(Logged(test::kTrialAgreed));
-  ExpectOver("2");
+  ExpectOver(SwitchResult::kNotAsked);
 }
 
 SCENARIO_F(SwitchTrial, WithoutASocketItEnds) {
@@ -95,7 +95,7 @@ SCENARIO_F(SwitchTrial, WithoutASocketItEnds) {
   EXPECT_TRUE(Fires());
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::Init socket error=10024, token=77"));
   EXPECT_FALSE(Logged("UdpSwitchRemoteSession::Init success"));
-  ExpectOver("2");
+  ExpectOver(SwitchResult::kNotAsked);
 }
 
 SCENARIO_F(SwitchTrial, ASocketThatStaysBlockingIsUsed) {
@@ -142,10 +142,10 @@ SCENARIO_F(SwitchTrial, ASilentNodeHasOneSecond) {
   IsCarried();
   ASSERT_TRUE(Fires());
   Turns(10, 100);
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   Turn(1);
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=202, token=77"));
-  ExpectOver("3");
+  ExpectOver(SwitchResult::kNegotiationFailed);
 }
 
 SCENARIO_F(SwitchTrial, AnAnswerAtTheLastMomentCounts) {
@@ -155,7 +155,7 @@ SCENARIO_F(SwitchTrial, AnAnswerAtTheLastMomentCounts) {
   Turns(10, 100);
   b.Answers();
   Turn(1);
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   EXPECT_TRUE(
       Logged("UdpSwitchRemoteSession::OnNegotiationSuccess, accl_data_addr=127.0.0.1:7102, "
              "client_ip=127.0.0.1, client_isp=1, accl_token=178, last_node:(node_id=61, "
@@ -174,7 +174,7 @@ SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
   b.Answers(refusal);
   loop.Pass();
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=9, token=77"));
-  ExpectOver("3");
+  ExpectOver(SwitchResult::kNegotiationFailed);
   EXPECT_FALSE(b.IsAsked());
   GetTracker().UnInit();
   ASSERT_EQ(test::UsedSlots(client.failures), 1);
@@ -186,7 +186,7 @@ SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
   EXPECT_EQ(test::Value(failure.user_ip), test::Ip("127.0.0.1"));
   ASSERT_EQ(test::UsedSlots(client.switches), 1);
   const RecoverySwitchRecord& report = client.switches->slots[0];
-  EXPECT_EQ(test::Value(report.is_switch_succ), 3);
+  EXPECT_EQ(test::Value(report.is_switch_succ), static_cast<i32>(SwitchResult::kNegotiationFailed));
   EXPECT_EQ(test::Value(report.need_switch), 1) << "the judge's word";
   EXPECT_EQ(test::Value(report.count), 3);
 }
@@ -216,7 +216,7 @@ SCENARIO_F(SwitchTrial, AnAnswerThatIsNoneEndsIt) {
   Turn();
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::HandleNegoRecv, Unpack error="));
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=203, token=77"));
-  ExpectOver("3");
+  ExpectOver(SwitchResult::kNegotiationFailed);
 }
 
 SCENARIO_F(SwitchTrial, ANodeOfAnotherProviderEndsIt) {
@@ -231,7 +231,7 @@ SCENARIO_F(SwitchTrial, ANodeOfAnotherProviderEndsIt) {
       Logged("[UDP] UdpSwitchRemoteSession::CheckNegotiation isp not support, "
              "client_isp=2, support_isps=1, token=77"));
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=207, token=77"));
-  ExpectOver("3");
+  ExpectOver(SwitchResult::kNegotiationFailed);
 }
 
 SCENARIO_F(SwitchTrial, AnErrorOfItsSocketEndsNothing) {
@@ -274,7 +274,7 @@ SCENARIO_F(SwitchTrial, HearsOnlyItsNode) {
   ASSERT_TRUE(b.IsAsked());
   b.AnswersFromTheWrongPort();
   Turn();
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   EXPECT_FALSE(Logged(test::kTrialAgreed));
   b.Answers();
   Turn();
@@ -296,7 +296,7 @@ SCENARIO_F(SwitchTrial, IgnoresTheGame) {
   ASSERT_EQ(getsockname(TrialSocket(), Raw(trial), &size), 0);
   SendTextTo(game, b.DataBytes("from the game", 1, 101), "127.0.0.1", ntohs(trial.sin_port));
   Turn();
-  EXPECT_EQ(Results(), "") << "data of the node would have completed it";
+  EXPECT_EQ(Results(), Outcomes{}) << "data of the node would have completed it";
   EXPECT_NE(Trial(), nullptr);
 }
 
@@ -342,7 +342,7 @@ SCENARIO_F(SwitchTrial, ByDefaultNoNodePasses) {
   IsVerifying();
   HealthyTurns(10);
   EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::NotifyVerifyResult, Verifying result=failed"));
-  ExpectOver("4");
+  ExpectOver(SwitchResult::kVerificationFailed);
 }
 
 SCENARIO_F(SwitchTrial, ANodeThatAnswersNoProbeFails) {
@@ -350,7 +350,7 @@ SCENARIO_F(SwitchTrial, ANodeThatAnswersNoProbeFails) {
   IsVerifying();
   const SOCKET trial = TrialSocket();
   Turns(10);
-  ExpectOver("4");
+  ExpectOver(SwitchResult::kVerificationFailed);
   EXPECT_EQ(Readiness(trial), "error 10038") << "closed";
   EXPECT_EQ(Counted(trial), "nothing");
 }
@@ -376,7 +376,7 @@ SCENARIO_F(SwitchTrial, WithGameTrafficBarredAGoodNodeIsOnlyReported) {
   IsCarried();
   IsVerified();
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::NotifyVerifyResult, game_link switch is not open"));
-  ExpectOver("5");
+  ExpectOver(SwitchResult::kNotOpen);
 }
 
 // A judge that may not measure the new node gives no verdict, and no clock ends the trial. Kept.
@@ -385,7 +385,7 @@ SCENARIO_F(SwitchTrial, OfANodeThatMayNotBeMeasuredNeverEnds) {
   IsCarried();
   IsVerifying();
   HealthyTurns(2000);
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   EXPECT_NE(Trial(), nullptr);
   EXPECT_FALSE(Fires()) << "and bars every later one";
   ExpectCarriedByA();
@@ -413,7 +413,7 @@ SCENARIO_F(SwitchTrial, AVerifiedNodeCarriesWhatTheGameSendsAndTheOldOneWhatItGe
   a.SendsData("late");
   Turn();
   EXPECT_EQ(GameGets(), "late");
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
 }
 
 SCENARIO_F(SwitchTrial, ADatagramTooLongToWrapGoesPastAVerifiedNodeToo) {
@@ -439,7 +439,7 @@ SCENARIO_F(SwitchTrial, NothingButDataOfItsNodeCompletesIt) {
   past_end[1] = 60;  // its header says that it is longer than the datagram
   b.SendsRaw(past_end);
   Turns(100);
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   EXPECT_EQ(GameGets(), "");
   EXPECT_TRUE(
       Logged("[UDP] UdpSwitchRemoteSession::UnWrapUdpAcclPackage failed, unpack error, "
@@ -463,7 +463,7 @@ SCENARIO_F(SwitchTrial, DataWithAProbesMarkCompletesIt) {
   marked[2] = 8;
   b.SendsRaw(marked);
   Turn();
-  EXPECT_EQ(Results(), "0");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   EXPECT_EQ(GameGets(), "marked");
 }
 
@@ -480,7 +480,7 @@ SCENARIO_F(SwitchTrial, TheFirstDataOfItsNodeHandsTheFlowOver) {
   b.SendsData("another");  // behind it in the socket, for the one who then has it
   Turns(2);
   EXPECT_EQ(GameGets(), "answer another");
-  EXPECT_EQ(Results(), "0");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   EXPECT_EQ(Trial(), nullptr);
   EXPECT_EQ(loop.delegates[new_sock], static_cast<IRelaySocketDelegate*>(flow));
   EXPECT_TRUE(loop.Has(local_sock)) << "the game's port";
@@ -521,7 +521,7 @@ SCENARIO_F(SwitchTrial, TheNewLinkIsProbedAndJudgedFromNothing) {
   ASSERT_TRUE(GetTracker().GetSpeedTestResult(new_sock, &before));
   b.SendsData("proof");
   Turn();
-  ASSERT_EQ(Results(), "0");
+  ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   a.Takes();
   b.Takes();
   Turns(60);
@@ -549,7 +549,7 @@ SCENARIO_F(SwitchTrial, DataWhileItIsVerifiedHandsOverALinkThatIsNotFilled) {
   IsVerifying();
   b.SendsData("eager");
   Turn();
-  EXPECT_EQ(Results(), "0");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   EXPECT_EQ(a.TakenEnds(), 1);
   EXPECT_EQ(GameGets(), "") << "its sender is not the one that the link names";
   Turn();
@@ -572,7 +572,7 @@ SCENARIO_F(SwitchTrial, DataWhileASecondOneIsVerifiedHandsOverTheLinkBefore) {
   Turn();
   a.SendsData("eager");
   Turn();
-  EXPECT_EQ(Results(), "0 0");
+  EXPECT_EQ(Results(), (Outcomes{SwitchResult::kTakenOver, SwitchResult::kTakenOver}));
   GameSends("on");
   Turn();
   EXPECT_EQ(b.TakenData(), "on") << "over A's socket to B's address";
@@ -584,7 +584,8 @@ SCENARIO_F(SwitchTrial, GameTrafficThatIsBarredIsStillMovedByData) {
   IsVerifying();
   b.SendsData("eager");
   Turn();
-  EXPECT_EQ(Results(), "0") << "kept: only the verdict asks whether that is open";
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver})
+      << "kept: only the verdict asks whether that is open";
 }
 
 }  // namespace

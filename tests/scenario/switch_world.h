@@ -7,8 +7,10 @@
 #include "tests/scenario/sim_sockets.h"
 //
 #include <atomic>
+#include <iterator>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -22,9 +24,23 @@
 #include "udp/udp_session.h"
 #include "udp/udp_switch_remote_session.h"
 
+namespace moru_vyr::lsp {
+
+// For failed assertions.
+inline void PrintTo(SwitchResult result, std::ostream* out) {
+  static constexpr const char* kNames[] = {"kTakenOver",          "kNoRoute",
+                                           "kNotAsked",           "kNegotiationFailed",
+                                           "kVerificationFailed", "kNotOpen"};
+  const auto value = static_cast<std::size_t>(result);
+  *out << (value < std::size(kNames) ? kNames[value] : std::to_string(value));
+}
+
+}  // namespace moru_vyr::lsp
+
 namespace switch_test {
 
 using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
+using common::i32;
 using common::u16;
 using common::u32;
 using common::u8;
@@ -36,6 +52,8 @@ inline constexpr int kServerPort = 27015;
 inline constexpr u32 kToken = 77;
 inline constexpr u16 kLastNode = 61;
 inline constexpr int kGameBuffer = 32768;  // bytes, of the game's socket
+
+using Outcomes = std::vector<SwitchResult>;
 
 // One pass calls every socket with something to read, then those that have asked for room.
 class Loop : public IRelaySocketMgr {
@@ -148,8 +166,8 @@ class SwitchWorld : public sim::ScenarioTest {
   void IsVerified();
   // B carries the flow.
   void IsTakenOver();
-  // The results that have been reported so far, "4" or "0 1".
-  std::string Results() const;
+  // The results that the log has reported so far, in order.
+  Outcomes Results() const;
   int Count(const std::string& part) const;
   // "2 sent, 1 received": what the Tracker has counted on the socket; "nothing", if it does not
   // watch it.

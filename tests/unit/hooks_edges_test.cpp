@@ -158,8 +158,8 @@ TEST_F(HookEdges, ASocketValueThatComesBackKeepsItsFirstRecord) {
   test::LogCapture log(4);
   Make(2, 17);
   EXPECT_EQ(Record().token, first);
-  EXPECT_EQ(Record().type, 1);
-  EXPECT_EQ(Record().protocol, 6);
+  EXPECT_EQ(Record().type, SOCK_STREAM);
+  EXPECT_EQ(Record().protocol, IPPROTO_TCP);
   EXPECT_TRUE(log.Contains("socket=" + std::to_string(next.socket) +
                            ", token=" + std::to_string(first + 1) + "\n"))
       << log.Text();

@@ -65,8 +65,8 @@ TEST_F(StreamHooks, SocketPassesItsArgumentsAndRecordsTheResult) {
   EXPECT_EQ(next.Last().arguments, WordsOf(AF_INET, 2, 17, &info, 3, 5));
   const SocketRecord record = Record();
   EXPECT_EQ(record.socket, next.socket);
-  EXPECT_EQ(record.type, 2);
-  EXPECT_EQ(record.protocol, 17);
+  EXPECT_EQ(record.type, SOCK_DGRAM);
+  EXPECT_EQ(record.protocol, IPPROTO_UDP);
   EXPECT_EQ(record.next_proc_table, GetDowncallTable(17, nullptr));
 }
 
@@ -124,8 +124,8 @@ TEST_F(StreamHooks, AcceptRecordsATcpStreamWhateverTheListenerIs) {
             next.socket);
   EXPECT_EQ(next.Last().name, "WSPAccept");
   EXPECT_EQ(next.Last().arguments, WordsOf(kUnknown, &peer, &size, nullptr, 7));
-  EXPECT_EQ(Record().type, 1);
-  EXPECT_EQ(Record().protocol, 6);
+  EXPECT_EQ(Record().type, SOCK_STREAM);
+  EXPECT_EQ(Record().protocol, IPPROTO_TCP);
   EXPECT_EQ(Record().next_proc_table, GetDowncallTable(6, nullptr));
   EXPECT_TRUE(log.Contains("WSPAccept: err=0, accept_socket=" + std::to_string(next.socket) +
                            ", listen socket=" + std::to_string(kUnknown) +

@@ -97,7 +97,7 @@ TEST_F(RouteTableTest, FileIsReadByteByByteWhereEachFieldBelongs) {
   EXPECT_EQ(proxy.surport_isps, 0xF0u);
   EXPECT_EQ(proxy.version, 3u);
   EXPECT_EQ(proxy.section2_delay, 33u);
-  EXPECT_EQ(proxy.decision, 4u);
+  EXPECT_EQ(proxy.decision, DECISION_FORCE_ACCE_AUTO);
   EXPECT_EQ(proxy.last_node, 70000u);
   config.acc_mode = 2;
   ReplaceAccConfig(config);

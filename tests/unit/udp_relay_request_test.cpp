@@ -76,7 +76,7 @@ TEST_F(ControlMessages, ARequestNamesTheSocketItsDestinationAndAnEvent) {
   EXPECT_EQ(next.Last().arguments[9], Word(&thread)) << "the caller's own";
   const auto message = SentMessage<ProtoRelayOpen>();
   EXPECT_EQ(u32{message.magic}, 0xC13F0253u);
-  EXPECT_EQ(message.type, 1);
+  EXPECT_EQ(message.type, kProtoRelayTypeOpen);
   EXPECT_EQ(u32{message.token}, 4711u);
   const sockaddr_in destination = message.address();
   EXPECT_EQ(std::memcmp(&destination, &server, sizeof server), 0);
@@ -128,7 +128,7 @@ TEST_F(ControlMessages, TheEndIsToldInThirteenBytesFromTheSocketItself) {
   ExpectSentToTheControlPort(13);
   const auto message = SentMessage<ProtoRelayClose>();
   EXPECT_EQ(u32{message.magic}, 0xC13F0253u);
-  EXPECT_EQ(message.type, 2);
+  EXPECT_EQ(message.type, kProtoRelayTypeClose);
   EXPECT_EQ(u32{message.token}, 4711u);
   EXPECT_EQ(next.sent.thread.ThreadHandle, GetCurrentThread());
   EXPECT_EQ(next.sent.thread.Reserved, 0u);
