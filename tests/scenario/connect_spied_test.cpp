@@ -11,6 +11,7 @@
 #include "hooks/hook_entries.h"
 #include "sockets/socket_map.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 
@@ -135,8 +136,8 @@ SCENARIO_F(ConnectSpied, TheWorkersOwnConnectsGoWhereItSays) {
     EXPECT_FALSE(worker_side.relay_disabled);
     closesocket(s);
   }
-  EXPECT_EQ(Lines("WSPConnect:protocol=6, type=1, socket="), 2) << "the game's two";
-  EXPECT_EQ(Lines("WSPConnect: RequestTcpRelaySession is relayed."), 2);
+  EXPECT_EQ(Lines(test::kConnectCalled + "6, type=1, socket="), 2) << "the game's two";
+  EXPECT_EQ(Lines(test::kConnectRelayed), 2);
   ExpectServesAgain();
 }
 
@@ -212,10 +213,10 @@ SCENARIO_F(ConnectSpied, ConnectExLeavesDatagramsAlone) {
   EXPECT_FALSE(record.handled);
   EXPECT_EQ(record.relay_state, kRelayNotAsked);
   EXPECT_FALSE(record.udp_connect_mode);
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnectEx: protocol=17, type=2, socket=" + std::to_string(s) +
-                     ", token=" + std::to_string(record.token) + "\n"))
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectExCalled + "17, type=2, socket=" +
+                     std::to_string(s) + ", token=" + std::to_string(record.token) + "\n"))
       << log_text();
-  EXPECT_FALSE(Logged("RequestTcpRelaySession"));
+  EXPECT_FALSE(Logged(test::kTcpRelaySession));
   EXPECT_TRUE(Logged("dest=198.51.100.10:27015, port=0, socket=" + std::to_string(s)));
 }
 
@@ -226,11 +227,11 @@ SCENARIO_F(ConnectSpied, ConnectExLeavesRawSocketsAlone) {
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].to, "198.51.100.10:27015");
   EXPECT_FALSE(RecordOf(s).handled);
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnectEx: protocol=1, type=3, socket=")) << log_text();
-  EXPECT_FALSE(Logged("RequestTcpRelaySession"));
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectExCalled + "1, type=3, socket=")) << log_text();
+  EXPECT_FALSE(Logged(test::kTcpRelaySession));
   const test::LogCapture log(0);
   SendText(s, std::string("\x08\0\xf7\xff\0\0\0\0", 8));
-  EXPECT_FALSE(log.Contains("[RAW]CheckinConnectionPingRequest: buffer_len="));
+  EXPECT_FALSE(log.Contains(test::kPingForRelayed));
 }
 
 // --- what is said of it ---------------------------------------------------------------------
@@ -241,12 +242,10 @@ SCENARIO_F(ConnectSpied, ARelayedConnectIsToldAtTheLevelsOfItsEvents) {
   const std::string tail =
       "socket=" + std::to_string(s) + ", token=" + std::to_string(record.token) + "\n";
   const std::string port = std::to_string(ntohs(record.local_port));
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnect:protocol=6, type=1, " + tail)) << log_text();
-  EXPECT_TRUE(Logged("[4][lsp][TCP]RequestTcpRelaySession: port=" + port + ", " + tail));
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectCalled + "6, type=1, " + tail)) << log_text();
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kTcpRelayAsked + port + ", " + tail));
   EXPECT_TRUE(Logged("[TCP]RequestTcpRelaySession: CreateNewSession succeed, " + tail));
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnect: RequestTcpRelaySession is relayed. relay=" + seen[0].to +
-                     ", " + tail))
-      << log_text();
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectRelayed + seen[0].to + ", " + tail)) << log_text();
   EXPECT_TRUE(Logged("[5][lsp]WSPConnect: ret=0, err=0, dest=198.51.100.10:27015, local port=" +
                      port + ", udp_connect_mode=false, " + tail))
       << log_text();
@@ -261,10 +260,8 @@ SCENARIO_F(ConnectSpied, ARelayedConnectExIsToldAtTheLevelsOfItsEvents) {
       "socket=" + std::to_string(s) + ", token=" + std::to_string(record.token) + "\n";
   const std::string port = std::to_string(ntohs(record.local_port));
   EXPECT_NE(port, "0");
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnectEx: protocol=6, type=1, " + tail)) << log_text();
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnect: RequestTcpRelaySession is relayed. relay=" + seen[0].to +
-                     ", " + tail))
-      << log_text();
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectExCalled + "6, type=1, " + tail)) << log_text();
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectRelayed + seen[0].to + ", " + tail)) << log_text();
   EXPECT_TRUE(Logged("[5][lsp]WSPConnectEx: ret=1, err=0, dest=198.51.100.10:27015, port=" + port +
                      ", " + tail))
       << log_text();

@@ -12,6 +12,7 @@
 #include "port/shared/backend.h"
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -114,8 +115,8 @@ SCENARIO_F(Extensions, AMissingConnectExFailsAndHarmsNobody) {
   port::FailCall("WSPIoctl", 1, WSAEOPNOTSUPP);
   int error = 0;
   EXPECT_EQ(ConnectsWith(connect_ex, s, kServer, &error), -1);
-  EXPECT_TRUE(Logged("WSPConnect: RequestTcpRelaySession is relayed. relay=127.0.0.1:"));
-  EXPECT_TRUE(Logged("WSPConnectEx: WSPIoctl get function pointer failure, socket="));
+  EXPECT_TRUE(Logged(test::kConnectRelayed));
+  EXPECT_TRUE(Logged(test::kNoConnectEx + "socket="));
   closesocket(s);
   ExpectServesAgain();
 }
@@ -258,7 +259,7 @@ SCENARIO_F(FirstCall, WhereTheRelayCannotStartGetsThePlatformsOwnForGood) {
   Start(0x18);
   world.FailThreadStart(1);
   EXPECT_NE(Query(s, WSAID_CONNECTEX).function, &WSPConnectEx);
-  EXPECT_TRUE(log->Contains("IsAllowedRelay is false, CheckAndInit failed, set flag, s="));
+  EXPECT_TRUE(log->Contains(test::kAdmissionFailed));
   EXPECT_NE(Query(s, WSAID_CONNECTEX).function, &WSPConnectEx);
   INT error = 0;
   const SOCKET other =

@@ -7,6 +7,7 @@
 
 #include "hooks/hook_entries.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -253,8 +254,8 @@ SCENARIO_F(Pings, SurviveTheEndOfTheLibrary) {
     EXPECT_GE(MsUntilReply(s, &reply), 0) << i;
     EXPECT_EQ(Sequence(reply), i);
   }
-  EXPECT_TRUE(log.Contains("[RAW] FreePingRequestCache: cursize=509\n"));
-  EXPECT_FALSE(log.Contains("[RAW] FreePingRequestCache: cursize=508\n")) << "two blocks";
+  EXPECT_TRUE(log.Contains(test::PingsStored(509)));
+  EXPECT_FALSE(log.Contains(test::PingsStored(508))) << "two blocks";
   moru_vyr::lsp::WSPCleanup(&error);
   closesocket(s);
 }

@@ -103,7 +103,7 @@ SCENARIO_OPTIONS(LinkJudge, StartsItsClockAnewWhenTheTickCountDoes, TickStart(0u
   Sleep(1);  // the open slot began at 500 of the old clock, and wants 50 more
   link.judge.OnUpdate();
   EXPECT_EQ(link.RealRouteLost(false), 10);
-  EXPECT_TRUE(log.Contains("[RecoverySwitch::Update]real_route, time_delta=550, socket=1234"));
+  EXPECT_TRUE(log.Contains(test::kRealRouteUpdate + "550, socket=1234"));
 }
 
 // After a switch the judge of the new link still looks at what it saw of the old one, for as long
@@ -147,7 +147,7 @@ SCENARIO(LinkJudge, TakesThePacketCountsOfTheSocketAndLeavesItsFiguresThere) {
   link.PassReportLimit();
   LogCapture log;
   link.judge.UpdateRecoveryInfo();
-  EXPECT_TRUE(log.Contains("socket record recovery switch info=0-0-0-0-0-0-0-0-0-0-0-0-0-0-0"));
+  EXPECT_TRUE(log.Contains(test::kSwitchFigures + "0-0-0-0-0-0-0-0-0-0-0-0-0-0-0"));
   Trouble(link);
   ASSERT_EQ(link.owner.fired.size(), 1u);
   EXPECT_EQ(link.owner.fired[0].total_send_pack, 3);
@@ -155,7 +155,7 @@ SCENARIO(LinkJudge, TakesThePacketCountsOfTheSocketAndLeavesItsFiguresThere) {
   // And a report that no switch follows goes to the Tracker.
   link.PassReportLimit();
   Trouble(link);
-  EXPECT_TRUE(log.Contains("recovery switch qos submitted, game_id=7, guid=01234567-89AB"));
+  EXPECT_TRUE(log.Contains(test::kSwitchSubmitted + "7, guid=01234567-89AB"));
 }
 
 }  // namespace

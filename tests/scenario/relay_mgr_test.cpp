@@ -9,6 +9,7 @@
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ SCENARIO(RelayMgr, AnIdleWorkerEndsWithinTwoPasses) {
   relay.Stop();
   EXPECT_LE(world.now() - before, 61ms);
   EXPECT_TRUE(log.Contains("[0][lsp]RelayMgr::WorkerProc, FD_SIZE=128\n"));
-  EXPECT_TRUE(log.Contains("[0][lsp]RelayMgr::WorkerProc Quit\n"));
+  EXPECT_TRUE(log.Contains(test::kWorkerEnded));
   EXPECT_EQ(relay.GetWorkerThreadId(), 0u);
   EXPECT_TRUE(relay.IsStopping());
   // Kept: it says that it runs, and nobody does.
@@ -97,7 +98,7 @@ SCENARIO(RelayMgr, AWorkerThatStartsLateIsWaitedForOnce) {
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_GE(world.now(), 3000ms);
   EXPECT_LE(world.now(), 3010ms);
-  EXPECT_TRUE(log.Contains("[4][lsp]RelayMgr::CheckAndInit, initialization is 1\n"));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::RelayInitialized(1)));
   const auto before = world.now();
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_EQ(world.now(), before);
@@ -125,7 +126,7 @@ SCENARIO(RelayMgr, AStreamRelayThatCannotListenCountsAsStarted) {
   port::FailCall("listen", 1, WSAEOPNOTSUPP);
   test::LogCapture log(4);
   EXPECT_TRUE(GetRelayMgr().CheckAndInit(3000));
-  EXPECT_TRUE(log.Contains("[TCP] OnCreateLocalServer listen return=-1, err=10045\n"));
+  EXPECT_TRUE(log.Contains(test::kTcpListen + "-1, err=10045\n"));
 }
 
 // The datagram relay makes the worker's first socket, the stream relay its second.
@@ -136,7 +137,7 @@ void ExpectFailsOnce(sim::World& world, unsigned failing_socket, const char* udp
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_TRUE(log.Contains(std::string("RelayMgr::InternalInit, UDP init is ") + udp_init));
   EXPECT_TRUE(log.Contains("RelayMgr::InternalInit, TCP init is false\n"));
-  EXPECT_TRUE(log.Contains("RelayMgr::CheckAndInit, initialization is -2147467259\n"));
+  EXPECT_TRUE(log.Contains(test::RelayInitialized(E_FAIL)));
   const auto before = world.now();
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_EQ(world.now(), before);
@@ -243,8 +244,8 @@ TEST(RelayMgr, ThreeErrorsOfSelectEndTheWorker) {
       port::FailCall("WSPSelect", 1, error);
       world.RunFor(1s);
       EXPECT_FALSE(world.IsRunning(worker));
-      EXPECT_TRUE(log.Contains("[TCP] TcpProvider::OnCloseLocalServer. socket="));
-      EXPECT_TRUE(log.Contains("[0][lsp]RelayMgr::WorkerProc Quit\n"));
+      EXPECT_TRUE(log.Contains(test::kTcpListenerClosed));
+      EXPECT_TRUE(log.Contains(test::kWorkerEnded));
     });
   }
 }

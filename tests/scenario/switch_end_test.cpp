@@ -4,6 +4,7 @@
 //
 #include "port/shared/faults.h"
 #include "tests/support/link_judge.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 
@@ -42,7 +43,7 @@ SCENARIO_F(SwitchEnd, WhileItNegotiates) {
   Ends();
   EXPECT_EQ(a.TakenEnds(), 1);
   EXPECT_EQ(b.TakenEnds(), 0);
-  EXPECT_EQ(Count("[UDP] UdpSwitchRemoteSession::SendTo, error="), 1) << "kept: it is tried";
+  EXPECT_EQ(Count(test::kTrialSendFailed), 1) << "kept: it is tried";
   ExpectNothingLeft();
 }
 
@@ -160,7 +161,7 @@ SCENARIO_F(SwitchEnd, AnAnswerThatWaitsForRoomStillLeavesFromTheGamesPort) {
   int size = sizeof from;
   EXPECT_EQ(recvfrom(game, bytes, sizeof bytes, 0, Raw(from), &size), 5);
   EXPECT_EQ(from.sin_port, relay.sin_port);
-  EXPECT_TRUE(Logged("UdpRemoteSession::FlushBlockedPackages, count=1, remain_count=0, token=77"));
+  EXPECT_TRUE(Logged("UdpRemoteSession::" + test::Flushed(1, 0) + ", token=77"));
 }
 
 SCENARIO_F(SwitchEnd, AFlowThatHasMovedClosesBothItsSockets) {

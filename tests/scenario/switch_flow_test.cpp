@@ -123,7 +123,7 @@ SCENARIO_F(SwitchFlow, HappensNoMoreOftenThanAllowed) {
   b.GoesDark();
   RunFor(15s);
   EXPECT_TRUE(Heard("A").empty());
-  EXPECT_TRUE(Logged("[RecoverySwitch]switching count reaches top limit 1, proxy_idc=2 ,"));
+  EXPECT_TRUE(Logged(test::SwitchLimitReached(1, 2)));
   GameCloses();
 }
 
@@ -148,7 +148,7 @@ SCENARIO_F(SwitchFlow, EndsWithTheGameWhileItIsVerified) {
   playing = false;
   RunFor(1s);
   EXPECT_TRUE(Logged(test::kUdpSessionClosed));
-  EXPECT_FALSE(Logged("NotifyVerifyResult"));
+  EXPECT_FALSE(Logged(test::kTrialVerdict));
   EXPECT_EQ(b.Count("flow_closed"), 1u) << b.AllEvents();
 }
 
@@ -156,7 +156,7 @@ SCENARIO_F(SwitchFlow, EndsWithTheGameOnceItIsVerified) {
   b.behaviour().data_down_loss = 100;
   Begins();
   ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); })) << log_text();
-  EXPECT_FALSE(Logged("ReplaceSock"));
+  EXPECT_FALSE(Logged(test::kSocketReplaced));
   GameCloses();
   EXPECT_EQ(b.Count("flow_closed"), 1u) << b.AllEvents();
 }
@@ -201,7 +201,7 @@ SCENARIO_F(SwitchStop, OnceItHasHappened) {
   Begins();
   ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); }));
   RunFor(500ms);
-  EXPECT_TRUE(Logged("ReplaceSock"));
+  EXPECT_TRUE(Logged(test::kSocketReplaced));
   Stops();
 }
 

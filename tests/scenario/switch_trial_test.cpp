@@ -65,7 +65,7 @@ SCENARIO_F(SwitchTrial, ARequestThatCannotLeaveEndsIt) {
   port::FailCall("sendto", 1, WSAENETUNREACH);
   EXPECT_TRUE(Fires());
   EXPECT_EQ(Results(), Outcomes{SwitchResult::kNotAsked});
-  EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::SendTo, error=10051, token=77"));
+  EXPECT_TRUE(Logged(test::kTrialSendFailed + "10051, token=77"));
   Turn();
   EXPECT_FALSE(b.IsAsked());
   ExpectOver(SwitchResult::kNotAsked);
@@ -81,8 +81,7 @@ SCENARIO_F(SwitchTrial, ARequestThatHasToWaitEndsItAndStillLeaves) {
   EXPECT_EQ(loop.wants_room.count(TrialSocket()), 1u);
   loop.Pass();
   EXPECT_TRUE(b.IsAsked());
-  EXPECT_TRUE(
-      Logged("UdpSwitchRemoteSession::FlushBlockedPackages, count=1, remain_count=0, token=77"));
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::" + test::Flushed(1, 0) + ", token=77"));
   b.Answers();
   loop.Pass();
   EXPECT_FALSE(Logged(test::kTrialAgreed));
@@ -94,7 +93,7 @@ SCENARIO_F(SwitchTrial, WithoutASocketItEnds) {
   port::FailCall("socket", 1, WSAEMFILE);
   EXPECT_TRUE(Fires());
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::Init socket error=10024, token=77"));
-  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::Init success"));
+  EXPECT_FALSE(Logged(test::kTrialStarted));
   ExpectOver(SwitchResult::kNotAsked);
 }
 
@@ -103,7 +102,7 @@ SCENARIO_F(SwitchTrial, ASocketThatStaysBlockingIsUsed) {
   port::FailCall("ioctlsocket", 1, WSAENOBUFS);
   EXPECT_TRUE(Fires());
   EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::Init ioctlsocket , error=10055, token=77"));
-  EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::Init success, remote_ip=198.51.100.10"));
+  EXPECT_TRUE(Logged(test::kTrialStarted + ", remote_ip=198.51.100.10"));
   EXPECT_NE(TrialSocket(), INVALID_SOCKET);
 }
 
@@ -144,7 +143,8 @@ SCENARIO_F(SwitchTrial, ASilentNodeHasOneSecond) {
   Turns(10, 100);
   EXPECT_EQ(Results(), Outcomes{});
   Turn(1);
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=202, token=77"));
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::" + test::NegotiationFailed(kNegoTimedOut) + "token=77"));
   ExpectOver(SwitchResult::kNegotiationFailed);
 }
 
@@ -157,9 +157,9 @@ SCENARIO_F(SwitchTrial, AnAnswerAtTheLastMomentCounts) {
   Turn(1);
   EXPECT_EQ(Results(), Outcomes{});
   EXPECT_TRUE(
-      Logged("UdpSwitchRemoteSession::OnNegotiationSuccess, accl_data_addr=127.0.0.1:7102, "
-             "client_ip=127.0.0.1, client_isp=1, accl_token=178, last_node:(node_id=61, "
-             "ip=127.0.0.1, port=7002, accl_token=178), token=77"))
+      Logged(test::kTrialAgreed +
+             ", accl_data_addr=127.0.0.1:7102, client_ip=127.0.0.1, client_isp=1, accl_token=178, "
+             "last_node:(node_id=61, ip=127.0.0.1, port=7002, accl_token=178), token=77"))
       << log->Text();
 }
 
@@ -173,7 +173,7 @@ SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
   refusal.result = 9;
   b.Answers(refusal);
   loop.Pass();
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=9, token=77"));
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::" + test::NegotiationFailed(9) + "token=77"));
   ExpectOver(SwitchResult::kNegotiationFailed);
   EXPECT_FALSE(b.IsAsked());
   GetTracker().UnInit();
@@ -202,7 +202,7 @@ SCENARIO_F(SwitchTrial, AFlowThatIsRefusedAtOnceIsReportedWithAMillisecond) {
   a.Answers(refusal);
   loop.Pass();
   ASSERT_EQ(world.now(), asked);
-  EXPECT_TRUE(Logged("UdpRemoteSession::OnNegotiationFailed, reason=9, token=77"));
+  EXPECT_TRUE(Logged("UdpRemoteSession::" + test::NegotiationFailed(9) + "token=77"));
   GetTracker().UnInit();
   ASSERT_EQ(test::UsedSlots(client.failures), 1);
   EXPECT_EQ(test::Value(client.failures->slots[0].elapsed_ms), 1u);
@@ -215,7 +215,8 @@ SCENARIO_F(SwitchTrial, AnAnswerThatIsNoneEndsIt) {
   b.AnswersBytes("garbage");
   Turn();
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::HandleNegoRecv, Unpack error="));
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=203, token=77"));
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::" + test::NegotiationFailed(kNegoBadHeader) + "token=77"));
   ExpectOver(SwitchResult::kNegotiationFailed);
 }
 
@@ -230,7 +231,8 @@ SCENARIO_F(SwitchTrial, ANodeOfAnotherProviderEndsIt) {
   EXPECT_TRUE(
       Logged("[UDP] UdpSwitchRemoteSession::CheckNegotiation isp not support, "
              "client_isp=2, support_isps=1, token=77"));
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=207, token=77"));
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::" + test::NegotiationFailed(kNegoIspNotServed) + "token=77"));
   ExpectOver(SwitchResult::kNegotiationFailed);
 }
 
@@ -263,8 +265,7 @@ SCENARIO_F(ForcedTrial, TakesANodeOfAnotherProvider) {
   b.Answers(other);
   Turn();
   EXPECT_TRUE(
-      Logged("UdpSwitchRemoteSession::CheckNegotiation isp not support, but force accl, "
-             "client_isp=2, support_isps=1, token=77"));
+      Logged("UdpSwitchRemoteSession::" + test::kForcedPastIsp + "support_isps=1, token=77"));
   EXPECT_TRUE(Logged(test::kTrialAgreed));
 }
 
@@ -290,7 +291,7 @@ SCENARIO_F(SwitchTrial, IgnoresTheGame) {
   the_games.data_port = 5555;
   b.Answers(the_games);
   Turn();
-  ASSERT_TRUE(Logged("OnNegotiationSuccess, accl_data_addr=127.0.0.1:5555,")) << log->Text();
+  ASSERT_TRUE(Logged(test::kTrialAgreed + ", accl_data_addr=127.0.0.1:5555,")) << log->Text();
   sockaddr_in trial;
   int size = sizeof trial;
   ASSERT_EQ(getsockname(TrialSocket(), Raw(trial), &size), 0);
@@ -330,9 +331,8 @@ SCENARIO_F(SwitchTrial, ANodeThatLosesNothingShowsAQuarterOfLoss) {
   config.switching_max_real_route_lost = 26;
   IsCarried();
   IsVerified();
-  EXPECT_TRUE(
-      Logged("[GetCurLost]real_route, cycle_size=5, download_lost=25, upload_lost=0, "
-             "full_lost=25, need_recv_pkg=4, real_recv_pkgs=3,"))
+  EXPECT_TRUE(Logged(test::kRealRouteLoss + ", cycle_size=5, download_lost=25, upload_lost=0, "
+                                            "full_lost=25, need_recv_pkg=4, real_recv_pkgs=3,"))
       << log->Text();
 }
 
@@ -341,7 +341,8 @@ SCENARIO_F(SwitchTrial, ByDefaultNoNodePasses) {
   IsCarried();
   IsVerifying();
   HealthyTurns(10);
-  EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::NotifyVerifyResult, Verifying result=failed"));
+  EXPECT_TRUE(
+      Logged("[UDP] UdpSwitchRemoteSession::" + test::kTrialVerdict + ", Verifying result=failed"));
   ExpectOver(SwitchResult::kVerificationFailed);
 }
 
@@ -362,7 +363,7 @@ SCENARIO_F(SwitchTrial, ALongBurstIsJudgedByItsLastSlots) {
   config.switching_high_freq_test_time = 400;  // 40 probes, 30 ms apart
   IsCarried();
   IsVerifying();
-  for (int turn = 0, probes = 0; turn < 60 && !Logged("NotifyVerifyResult"); ++turn) {
+  for (int turn = 0, probes = 0; turn < 60 && !Logged(test::kTrialVerdict); ++turn) {
     Turn();
     for (const Wrapped& one : b.Takes()) probes += one.IsProbe() ? 1 : 0;
     if (probes <= 30) b.ForgetsProbes();
@@ -375,7 +376,8 @@ SCENARIO_F(SwitchTrial, WithGameTrafficBarredAGoodNodeIsOnlyReported) {
   config.game_link_switch_open = 0;
   IsCarried();
   IsVerified();
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::NotifyVerifyResult, game_link switch is not open"));
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::" + test::kTrialVerdict + ", game_link switch is not open"));
   ExpectOver(SwitchResult::kNotOpen);
 }
 
@@ -492,7 +494,7 @@ SCENARIO_F(SwitchTrial, TheFirstDataOfItsNodeHandsTheFlowOver) {
   EXPECT_TRUE(farewell[0].IsEnd());
   EXPECT_EQ(farewell[0].accl_token, a.accl_token);
   EXPECT_EQ(farewell[0].seq, 3u) << "after one datagram: the number is counted before it is taken";
-  EXPECT_TRUE(Logged("UdpRemoteSession::ReplaceSock, new socket=" + std::to_string(new_sock) +
+  EXPECT_TRUE(Logged(test::kSocketReplaced + std::to_string(new_sock) +
                      ", ori socket=" + std::to_string(local_sock) + ", token=77"));
   // From here on B is the link: for data either way, and for the end message.
   EXPECT_EQ(b.TakenData(), "one");

@@ -286,7 +286,7 @@ SCENARIO_F(SwitchTrigger, ADeadLinkEndsInATrialOfAnotherNode) {
   dead.data_lost = dead.probe_lost = Always;
   for (int i = 0; i < 200 && !b.IsAsked(); ++i) Plays(50, dead);
   EXPECT_EQ(test::Value(b.request.body.flags), 2u);
-  EXPECT_EQ(Count("[RecoverySwitch]switching is firing: count=0, proxy_idc=1"), 1);
+  EXPECT_EQ(Count(test::kSwitchFires + "0, proxy_idc=1"), 1);
 }
 
 // The trial of a node that never sends data has no end, and bars every other: reports go on, and
@@ -301,13 +301,13 @@ SCENARIO_F(SwitchTrigger, ATrialThatDoesNotEndLeavesReportsOfWantedSwitches) {
   HealthyTurns(20);
   ASSERT_TRUE(Logged(test::kTrialVerified));
   Plays(25'000, dead);
-  EXPECT_TRUE(Logged("[RecoverySwitch]switching could not happen within 30000ms, proxy_idc=1 ,"));
-  EXPECT_EQ(Count("switching is firing"), 1);
-  const int held_back = Count("need_switch=0, switch_result=0");
+  EXPECT_TRUE(Logged(test::SwitchTooSoon(1)));
+  EXPECT_EQ(Count(test::kSwitchFires), 1);
+  const int held_back = Count(test::SwitchWanted(false));
   EXPECT_GT(held_back, 0);
   Plays(20'000, dead);
-  EXPECT_GT(Count("need_switch=1, switch_result=0"), 1);
-  EXPECT_EQ(Count("switching is firing: count=1"), Count("need_switch=1, switch_result=0"))
+  EXPECT_GT(Count(test::SwitchWanted(true)), 1);
+  EXPECT_EQ(Count(test::kSwitchFires + "1"), Count(test::SwitchWanted(true)))
       << "each is refused, and the next may try at once";
   EXPECT_FALSE(b.IsAsked());
   EXPECT_EQ(Results(), Outcomes{});
@@ -333,7 +333,7 @@ SCENARIO_F(SwitchTrigger, AFailedTrialCountsAndTheNextComesThirtySecondsLater) {
   EXPECT_LE(asked[1] - asked[0], 38s);
   EXPECT_EQ(Results(),
             (Outcomes{SwitchResult::kVerificationFailed, SwitchResult::kVerificationFailed}));
-  EXPECT_TRUE(Logged("[RecoverySwitch]switching count reaches top limit 2, proxy_idc=1 ,"));
+  EXPECT_TRUE(Logged(test::SwitchLimitReached(2, 1)));
 }
 
 // A trial that finds no node to try has been a switch all the same.
@@ -348,8 +348,8 @@ SCENARIO_F(SwitchTrigger, ATrialWithoutAnotherNodeCountsAsASwitch) {
   for (int i = 0; i < 200 && Results().empty(); ++i) Plays(50, dead);
   ASSERT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
   Plays(60'000, dead);
-  EXPECT_EQ(Count("[RecoverySwitch]switching is firing: count=0, proxy_idc=1"), 1);
-  EXPECT_TRUE(Logged("[RecoverySwitch]switching count reaches top limit 1, proxy_idc=1 ,"));
+  EXPECT_EQ(Count(test::kSwitchFires + "0, proxy_idc=1"), 1);
+  EXPECT_TRUE(Logged(test::SwitchLimitReached(1, 1)));
   EXPECT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
 }
 
@@ -362,7 +362,7 @@ SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
   Traffic lossy;
   lossy.data_lost = OneIn(5);
   Plays(10'000, lossy);
-  EXPECT_TRUE(Logged("watch period time, refuse high freq test"));
+  EXPECT_TRUE(Logged(test::kBurstRefused));
   probes_ = 0;
   Plays(10'000, lossy);
   EXPECT_LE(probes_, 20) << "no burst";
@@ -391,21 +391,20 @@ SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
 
 // Each look leaves its figures with the Tracker.
 SCENARIO_F(SwitchTrigger, TheLooksStartAgainWithALink) {
-  constexpr char kLook[] = "socket record recovery switch info=";
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   IsVerified();
-  const int looks = Count(kLook);
-  for (int i = 0; i < 25 && Count(kLook) == looks; ++i) Turn(50);
+  const int looks = Count(test::kSwitchFigures);
+  for (int i = 0; i < 25 && Count(test::kSwitchFigures) == looks; ++i) Turn(50);
   Turns(15, 50);
-  const int before = Count(kLook);
+  const int before = Count(test::kSwitchFigures);
   b.SendsData("proof");
   Turn(50);
   ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   Turns(19, 50);
-  EXPECT_EQ(Count(kLook), before);
+  EXPECT_EQ(Count(test::kSwitchFigures), before);
   Turn(50);
-  EXPECT_EQ(Count(kLook), before + 1);
+  EXPECT_EQ(Count(test::kSwitchFigures), before + 1);
 }
 
 SCENARIO_F(SwitchTrigger, ALinkThatIsNotMeasuredIsNotLookedAt) {
@@ -415,7 +414,7 @@ SCENARIO_F(SwitchTrigger, ALinkThatIsNotMeasuredIsNotLookedAt) {
   dead.data_lost = dead.probe_lost = Always;
   Plays(20'000, dead);
   EXPECT_EQ(Triggers(), "");
-  EXPECT_TRUE(Logged("[RecoverySwitch][IsAllowCalc], flag not allow calc, flag=4, proxy_idc=1"));
+  EXPECT_TRUE(Logged(test::MeasuringBarred(4) + "1"));
 }
 
 }  // namespace

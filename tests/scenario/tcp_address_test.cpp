@@ -10,6 +10,7 @@
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -92,7 +93,7 @@ SCENARIO_F(TcpAddress, AGameThatBindsItselfKeepsItsPort) {
     ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
     ResetOnClose(s);  // so that the port is free at once
     EXPECT_EQ(Talks(s, "hello"), "hello");
-    EXPECT_TRUE(Logged("[TCP]OnLocalServerAcceptable. peer_port=40000, "));
+    EXPECT_TRUE(Logged(test::GameAccepted(40000)));
     EXPECT_EQ(LastCall().from, "A");
     closesocket(s);
     RunFor(100ms);
@@ -140,7 +141,7 @@ SCENARIO_F(TcpAddress, ASocketThatGetsNoPortGoesDirect) {
   const SOCKET s = Joins();
   EXPECT_EQ(port::CallCount("WSPBind"), 200u);
   port::ClearFaults();
-  EXPECT_TRUE(Logged("CheckAndBind return false, socket="));
+  EXPECT_TRUE(Logged(test::kBindRefused));
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "game");
   closesocket(s);
@@ -154,7 +155,7 @@ SCENARIO_F(TcpAddress, AConnectionThatTheRelayRefusesGoesDirect) {
   relay.Stop();
   const SOCKET s = Tcp();  // not bound by the relay, which would keep it on the loopback interface
   ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
-  EXPECT_FALSE(Logged("[TCP]RequestTcpRelaySession: port="));
+  EXPECT_FALSE(Logged(test::kTcpRelayAsked));
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "game");
   sockaddr_in peer = {};

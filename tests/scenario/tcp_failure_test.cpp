@@ -67,8 +67,8 @@ SCENARIO_F(TcpFailure, ARequestThatCannotBeSentEndsTheConnection) {
   RunFor(20ms);
   port::FailCall("send", 1, WSAENOBUFS);
   ExpectEndWithoutAByte(s);
-  EXPECT_TRUE(Logged("[TCP]Failed to send negotiation, error=10055,socket="));
-  EXPECT_FALSE(Logged("OnNegotiationFailed"));
+  EXPECT_TRUE(Logged(test::kRequestNotSent + "10055,socket="));
+  EXPECT_FALSE(Logged(test::kNegotiationFailed));
   EXPECT_EQ(a.Count("request") + b.Count("accepted"), 0u);
   EXPECT_TRUE(calls.empty());
   ExpectServesAgain();
@@ -82,8 +82,8 @@ SCENARIO_F(TcpFailure, ARequestThatWouldBlockEndsTheConnection) {
   const auto start = world.now();
   ExpectEndWithoutAByte(s);
   EXPECT_LE(world.now() - start, 200ms);
-  EXPECT_FALSE(Logged("Failed to send negotiation"));
-  EXPECT_FALSE(Logged("OnNegotiationFailed"));
+  EXPECT_FALSE(Logged(test::kRequestNotSent));
+  EXPECT_FALSE(Logged(test::kNegotiationFailed));
   EXPECT_EQ(a.Count("request") + b.Count("accepted"), 0u);
   ExpectServesAgain();
 }
@@ -96,7 +96,7 @@ SCENARIO_F(TcpFailure, ARequestThatLeftInPartIsNotNoticed) {
   RunFor(200ms);
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "B");
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=202, "));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(kNegoTimedOut)));
   EXPECT_EQ(a.Count("request"), 0u);
   closesocket(s);
   ExpectServesAgain();
@@ -111,7 +111,7 @@ SCENARIO_F(TcpFailure, ANodeThatClosesIsRecognisedWhereSuccessKeepsTheLastError)
   EXPECT_EQ(Talks(s, "hello"), "hello");
   port::SuccessKeepsLastError(false);
   EXPECT_EQ(LastCall().from, "B");
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=205, "));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(kNegoReceiveFailed)));
   closesocket(s);
   ExpectServesAgain();
 }
@@ -125,7 +125,7 @@ SCENARIO_F(TcpFailure, ANodeThatClosesIsNotRecognisedWhereItsEndSaysThatItWouldB
   ExpectEndWithoutAByte(s);
   port::SuccessLeavesLastError(0);
   EXPECT_TRUE(Logged("[TCP]Failed to received Negotiation header\n"));
-  EXPECT_FALSE(Logged("OnNegotiationFailed"));
+  EXPECT_FALSE(Logged(test::kNegotiationFailed));
   EXPECT_EQ(b.Count("accepted"), 0u);
   EXPECT_TRUE(calls.empty());
   ExpectServesAgain();
@@ -153,7 +153,7 @@ SCENARIO_F(TcpFailure, AConnectThatFailsAtOnceLeavesTheConnectionToTheGame) {
   port::FailCall("connect", 2, WSAENETUNREACH);  // the first is the game's own
   ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
   RunFor(1s);
-  EXPECT_TRUE(Logged("[TCP]ConnectToRemoteServer failed. socket="));
+  EXPECT_TRUE(Logged(test::kNoRemoteSocket + "socket="));
   ExpectItWaitsForTheGame(s);
 }
 
@@ -184,7 +184,7 @@ SCENARIO_F(TcpFailure, AnAcceptedSocketWithoutANameEndsTheConnection) {
   ExpectEndWithoutAByte(s);
   EXPECT_TRUE(Logged("[TCP]OnLocalServerAcceptable, getsockname failed. err=10055, socket="));
   RunFor(100ms);
-  EXPECT_TRUE(Logged("TcpSession::IsObsolete, tick 0, found obsolete session, token="));
+  EXPECT_TRUE(Logged("TcpSession::IsObsolete, tick 0, " + test::kFoundObsolete));
   EXPECT_EQ(Sessions(test::kObsoleteClosed), 1);
   EXPECT_EQ(a.Count("accepted"), 0u);
   ExpectServesAgain();
@@ -197,7 +197,7 @@ SCENARIO_F(TcpFailure, ARefusedConnectEndsTheConnectionWhateverIsKnownOfIt) {
   port::FailCall("getsockopt", 1, WSAENOBUFS);
   ExpectEndWithoutAByte(s);
   EXPECT_TRUE(Logged("[TCP] getsockopt failed"));
-  EXPECT_TRUE(Logged("[TCP]TcpProvider::OnRemoteExcpetion. socket="));
+  EXPECT_TRUE(Logged(test::kRemoteUrgent));
 }
 
 // Kept: where time has run out and there is no socket for another node, time runs out once more.
@@ -242,8 +242,8 @@ SCENARIO_F(TcpFailure, AnotherNodeThatCannotBeConnectedToLeadsToTheServer) {
   ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "game");
-  EXPECT_TRUE(Logged("[TCP]TcpSession::OnNegotiationFailed. retry=false, socket="));
-  EXPECT_TRUE(Logged("begin direct mode. ChangeToGameSrv result=true, token="));
+  EXPECT_TRUE(Logged(test::kNegotiationRetry + "false"));
+  EXPECT_TRUE(Logged(test::kDirectBegins + ". ChangeToGameSrv result=true, token="));
   EXPECT_EQ(b.Count("accepted"), 0u);
   closesocket(s);
   ExpectServesAgain();
@@ -306,9 +306,9 @@ SCENARIO_WITH_(TcpFailure, TimeGoesOnWhileSelectFails, TcpFailure, 1, QuickSpin(
   RunFor(200ms);
   port::FailCall("WSPSelect", 0, WSAENOTSOCK);
   Sleep(4500);
-  EXPECT_FALSE(Logged("OnNegotiationFailed, reason=202, "));
+  EXPECT_FALSE(Logged(test::NegotiationFailed(kNegoTimedOut)));
   Sleep(1000);
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=202, "));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(kNegoTimedOut)));
   port::ClearFaults();
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "B");

@@ -49,7 +49,7 @@ SCENARIO_F(TcpFarewell, WhatAGoneGameHasSaidGetsTwoHundredMilliseconds) {
   const sim::Duration waited = WaitForTheEnd("");
   EXPECT_GE(waited, 195ms);
   EXPECT_LE(waited, 300ms);
-  EXPECT_TRUE(Logged("DoRemoteWrite, buffer is empty. Marking session obsolete, token="));
+  EXPECT_TRUE(Logged("DoRemoteWrite, " + test::kMarkedObsolete));
   ExpectServesAgain();
 }
 
@@ -102,15 +102,15 @@ SCENARIO_F_SEEDS(TcpFarewell, APortMayComeBackWhileItsOldConnectionIsDelivered, 
   const SOCKET s = joins(kServer);
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "A") << "it goes where it asked for";
-  EXPECT_EQ(Lines("[TCP]OnLocalServerAcceptable. peer_port=40000, "), 2);
-  EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, port=40000, "), 0);
+  EXPECT_EQ(Lines(test::GameAccepted(40000)), 2);
+  EXPECT_EQ(Lines(test::kObsoleteClosed + "port=40000, "), 0);
 
   reads = true;
   ASSERT_TRUE(RunUntil([this] { return calls.front().over(); }, 30s));
   EXPECT_TRUE(calls.front().got == all) << calls.front().got.size();
   EXPECT_EQ(calls.front().end, "closed");
   RunFor(1s);
-  EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, port=40000, local_socket=-1, "), 1);
+  EXPECT_EQ(Lines(test::kObsoleteClosed + "port=40000, local_socket=-1, "), 1);
   EXPECT_EQ(Talks(s, "and still"), "and still") << "the old one has taken nothing along";
   closesocket(s);
   ExpectServesAgain();
@@ -208,7 +208,7 @@ SCENARIO_F(TcpFarewell, WhatAServerSaysInTheLastTwoHundredMillisecondsReachesThe
   std::string got, end;
   EXPECT_TRUE(Collect(s, all.size(), &got, &end)) << end;
   EXPECT_TRUE(got == all) << got.size();
-  EXPECT_TRUE(Logged("DoLocalWrite, buffer is empty. Marking session obsolete, token="));
+  EXPECT_TRUE(Logged("DoLocalWrite, " + test::kMarkedObsolete));
   speaks = true;
   got.clear();
   EXPECT_EQ(CollectAll(s, &got), "closed");
@@ -243,7 +243,7 @@ SCENARIO_F(TcpBothEnd, AGameThatLeavesAfterItsServerEndsTheConnectionAtOnce) {
   closesocket(ServerLeaves());
   RunFor(100ms);
   EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
-  EXPECT_FALSE(Logged("found obsolete session"));
+  EXPECT_FALSE(Logged(test::kFoundObsolete));
   ExpectServesAgain();
 }
 
@@ -254,7 +254,7 @@ SCENARIO_F(TcpBothEnd, AGameThatEndsItsHalfAfterItsServerHasLeftEndsTheConnectio
   shutdown(s, SD_SEND);
   RunFor(100ms);
   EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
-  EXPECT_FALSE(Logged("found obsolete session"));
+  EXPECT_FALSE(Logged(test::kFoundObsolete));
   closesocket(s);
   ExpectServesAgain();
 }
@@ -266,7 +266,7 @@ SCENARIO_F(TcpBothEnd, AGameThatBreaksAfterItsServerHasLeftEndsTheConnectionAtOn
   EXPECT_TRUE(Collect(s, 70'000, &got, &end));
   RunFor(100ms);
   EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
-  EXPECT_FALSE(Logged("Marking session obsolete"));
+  EXPECT_FALSE(Logged(test::kMarkedObsolete));
   CollectAll(s, &got);
   EXPECT_TRUE(got == all.substr(0, got.size())) << got.size();
   EXPECT_LT(got.size(), all.size());

@@ -2,6 +2,7 @@
 // the game server when both do. The game sees one connection to its server, and every byte.
 #include "relay/nego_common.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -149,9 +150,9 @@ SCENARIO_F(TcpRoute, WhereThereIsNoOtherNodeOneFailureLeadsToTheServer) {
   ExpectTalk(kAlone);
   EXPECT_EQ(LastCall().from, "game");
   EXPECT_LE(world.now() - start, 2s);
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=9, "));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(9)));
   EXPECT_FALSE(Logged("ChangeAcclServer"));
-  EXPECT_FALSE(Logged("OnNegotiationFailed. retry="));
+  EXPECT_FALSE(Logged(test::kNegotiationRetry));
   EXPECT_EQ(b.Count("accepted"), 0u);
 }
 
@@ -169,7 +170,7 @@ SCENARIO_F(TcpRoute, AForcedRouteIgnoresTheClientsProvider) {
   RunFor(100ms);
   ExpectTalk(kForced);
   EXPECT_EQ(LastCall().from, "A");
-  EXPECT_TRUE(Logged("[TCP]CheckNegotiation isp not support, but force accl, client_isp=2, "));
+  EXPECT_TRUE(Logged("[TCP]" + test::kForcedPastIsp));
 }
 
 SCENARIO_F(TcpRoute, ANodeThatTakesItsTimeIsWaitedFor) {
@@ -206,7 +207,7 @@ SCENARIO_F(TcpRoute, ANodeThatIsNotThereEndsTheConnection) {
   EXPECT_NE(CollectAll(s, &got), "");
   EXPECT_EQ(got, "");
   EXPECT_LE(world.now() - start, 3s);
-  EXPECT_TRUE(Logged("[TCP]HandleConnectFailure. Connection Failed, "));
+  EXPECT_TRUE(Logged(test::kConnectFailed));
   EXPECT_EQ(b.Count("accepted"), 0u);
   EXPECT_TRUE(calls.empty());
 }

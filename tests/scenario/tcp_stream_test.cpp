@@ -3,6 +3,7 @@
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -122,7 +123,7 @@ SCENARIO_F(TcpStream, AnUnknownConnectionToTheListenerIsClosed) {
   });
   ASSERT_TRUE(RunUntil([&] { return heard != "nothing"; }, 5s));
   EXPECT_EQ(heard, "");
-  EXPECT_TRUE(Logged("[TCP]OnLocalServerAcceptable, session not registered for port="));
+  EXPECT_TRUE(Logged(test::kStrangerAccepted));
   EXPECT_EQ(Talks(s, "after"), "after");
   closesocket(s);
   ExpectServesAgain();

@@ -2,6 +2,7 @@
 // they cause is only logged and lasts as long as the byte does; the stream around them is complete.
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -52,8 +53,8 @@ SCENARIO_WITH_(TcpUrgent, AServersUrgentByteIsLostAndTheStreamIsWhole, TcpUrgent
   std::string got, end;
   EXPECT_TRUE(Collect(s, 11, &got, &end)) << end;
   EXPECT_EQ(got, "beforeafter");
-  EXPECT_TRUE(Logged("[TCP]TcpProvider::OnRemoteExcpetion. socket="));
-  EXPECT_TRUE(Logged("[TCP]HandleConnectFailure. state mismatched, cur state=4, token="));
+  EXPECT_TRUE(Logged(test::kRemoteUrgent));
+  EXPECT_TRUE(Logged(test::kConnectFailureLate + "4, token="));
   SendText(s, "and up");
   closesocket(s);
   Sleep(1000);

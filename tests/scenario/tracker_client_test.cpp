@@ -13,6 +13,7 @@
 #include "port/sim/scenario.h"
 #include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/tracker_fixture.h"
 #include "tracker/reports.h"
 
@@ -144,7 +145,7 @@ SCENARIO_F(TrackerClient, EndWaitsTwoSecondsForAThreadThatAStoppedClientHolds) {
     const u32 took = TimeOf([&] { fresh.UnInit(); });
     EXPECT_GE(took, 2000u) << channel->mapping_name;
     EXPECT_LT(took, 2050u) << channel->mapping_name;
-    EXPECT_TRUE(log.Contains("[Tracker] Sync Thread Ended\n"));
+    EXPECT_TRUE(log.Contains(test::kSyncEnded));
     EXPECT_FALSE(log.Contains("[Tracker] Report Thread quit"));
     world.Kill(stopped);
     RunFor(1s);
@@ -305,7 +306,7 @@ SCENARIO_F(TrackerClient, WithoutItsThreadTheEndDoesNotWait) {
   ReportEverything();
   RunFor(1s);
   EXPECT_EQ(TimeOf([&] { tracker.UnInit(); }), 0u);
-  EXPECT_FALSE(log.Contains("[Tracker] Sync Thread Ended\n"));
+  EXPECT_FALSE(log.Contains(test::kSyncEnded));
   tracker.Init();
   RunFor(1s);
   tracker.UnInit();

@@ -9,6 +9,7 @@
 #include "port/sim/scenario.h"
 #include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/tracker_fixture.h"
 
 namespace {
@@ -402,7 +403,7 @@ SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndMayComeTwice) {
   }
   const test::LogCapture log(0);
   tracker.UnInit();
-  EXPECT_FALSE(log.Contains("[Tracker] Sync Thread Ended")) << "there was none";
+  EXPECT_FALSE(log.Contains(test::kSyncEnded)) << "there was none";
 }
 
 // The thread is at work and sees the end coming; what is open must be looked at before it goes.

@@ -197,7 +197,7 @@ SCENARIO_F(UdpAsking, ALateAnswerStaysUntaken) {
   world.Stall(GetRelayMgr().GetWorkerThreadId(), 600ms);
   EXPECT_EQ(Sends(s, "hello"), 0);
   RunFor(1s);
-  EXPECT_TRUE(Logged("ResponseCreateSessionResult invalid")) << "the event was gone";
+  EXPECT_TRUE(Logged(test::kUdpRelayAnswerInvalid)) << "the event was gone";
   ProtoRelayOpen late;
   ASSERT_TRUE(GetRelayMgr().GetCreateResult(token, &late));
   EXPECT_TRUE(late.opened());
@@ -216,7 +216,7 @@ SCENARIO_F(UdpAsking, ALateAnswerMayWakeAnotherWaiter) {
   std::vector<HANDLE> strangers;
   for (int i = 0; i < 64; ++i) strangers.push_back(CreateEventA(nullptr, TRUE, FALSE, nullptr));
   RunFor(1s);
-  EXPECT_TRUE(Logged("ResponseCreateSessionResult"));
+  EXPECT_TRUE(Logged(test::kUdpRelayAnswered));
   for (const HANDLE one : strangers) CloseHandle(one);
   EXPECT_EQ(Heard("game"), Texts{"hello"});
   EXPECT_EQ(Talks(Udp(), "next"), "next from 198.51.100.10:27015");

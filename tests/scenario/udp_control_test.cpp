@@ -10,6 +10,7 @@
 #include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
 #include "port/sim/sockets.h"
+#include "tests/support/log_texts.h"
 #include "udp/relay_messages.h"
 
 extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
@@ -181,7 +182,7 @@ SCENARIO_F(UdpControlPort, AHandleThatIsNoEventOrNoneIsNotSet) {
     ++token;
     SendsControl(asking, Bytes(ProtoRelayOpen::Request(token, At(kServer, kPort), handle, asking)));
     EXPECT_EQ(Answer(token), "opened") << "the answer is there for whoever asks";
-    EXPECT_TRUE(Logged("ResponseCreateSessionResult invalid, addr=127.0.0.1:"));
+    EXPECT_TRUE(Logged(test::kUdpRelayAnswerInvalid + ", addr=127.0.0.1:"));
     EXPECT_TRUE(Logged("ev_result=0, ev_error=6, socket=")) << log_text();
   }
   for (const HANDLE handle : {HANDLE{nullptr}, INVALID_HANDLE_VALUE}) {

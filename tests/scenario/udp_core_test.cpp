@@ -30,7 +30,7 @@ SCENARIO_F(UdpRelay, CarriesADatagramThroughTheNodeAndItsAnswerBack) {
   EXPECT_EQ(heard[0].from_full, heard[1].from_full) << "a flow has one address for its server";
   EXPECT_EQ(a.Count("request"), 1u);
   EXPECT_EQ(a.Last("request").Text("game"), "198.51.100.10:27015");
-  EXPECT_TRUE(Logged("[UDP] UdpProvider::ResponseCreateSessionResult ok, addr=127.0.0.1:"));
+  EXPECT_TRUE(Logged(test::kUdpRelayAnswered + " ok, addr=127.0.0.1:"));
   closesocket(s);
   EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 1s)) << a.AllEvents();
   EXPECT_TRUE(Logged(test::kUdpSessionClosed));
@@ -83,7 +83,7 @@ SCENARIO_F(UdpRelay, ASilentNodeCostsFiveSecondsAndLosesNothing) {
   RunFor(1s);
   EXPECT_EQ(Difference(sent, Heard("B")), "") << AllHeard();
   EXPECT_EQ(b.Last("request").Number("retry"), 1u);
-  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::OnNegotiationFailed, reason=202"));
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::" + test::NegotiationFailed(kNegoTimedOut)));
 }
 
 SCENARIO_F(UdpRelay, TwoSilentNodesLeaveTheDirectWay) {
@@ -97,7 +97,7 @@ SCENARIO_F(UdpRelay, TwoSilentNodesLeaveTheDirectWay) {
   EXPECT_TRUE(heard.empty()) << AllHeard();
   RunFor(1s);
   EXPECT_EQ(Difference(sent, Heard("game")), "") << AllHeard();
-  EXPECT_TRUE(Logged("begin direct mode"));
+  EXPECT_TRUE(Logged(test::kDirectBegins));
   for (int i = 0; i < 5; ++i) EXPECT_EQ(Receives(s).from, "198.51.100.10:27015");
   EXPECT_EQ(Talks(s, "later"), "later from 198.51.100.10:27015");
 }
@@ -108,7 +108,7 @@ SCENARIO_F(UdpRelay, ARefusalTurnsToTheOtherNodeAtOnce) {
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
   EXPECT_EQ(Heard("B"), Texts{"hello"}) << AllHeard();
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=9,"));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(9)));
 }
 
 SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsLeftUnlessItIsForced) {
@@ -117,7 +117,7 @@ SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsLeftUnlessItIsForced) {
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
   EXPECT_EQ(Heard("B"), Texts{"hello"});
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=207,"));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(kNegoIspNotServed)));
   const SOCKET forced = Udp();
   EXPECT_EQ(Talks(forced, "forced", kForced), "forced from 198.51.100.12:27015");
   EXPECT_EQ(Heard("A"), Texts{"forced"}) << AllHeard();
@@ -145,7 +145,7 @@ SCENARIO_F(UdpRelay, AnAnswerThatIsNoneEndsTheAttempt) {
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
   EXPECT_EQ(Heard("B"), Texts{"hello"});
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=203,"));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(kNegoBadHeader)));
 }
 
 SCENARIO_F(UdpRelay, AnAnswerFromAnotherPortOfTheNodeIsIgnored) {
@@ -164,7 +164,7 @@ SCENARIO_F(UdpRelay, TheFirstVersionOfAnAnswerHasNoLastNode) {
   a.behaviour().answer_version = 1;
   Starts();
   EXPECT_EQ(Talks(Udp(), "hello"), "hello from 198.51.100.10:27015");
-  EXPECT_TRUE(Logged("last_node:(node_id=0, ip=0.0.0.0, port=0, accl_token=0)")) << log_text();
+  EXPECT_TRUE(Logged(test::kNoLastNode)) << log_text();
 }
 
 // The buffer for a wrapped datagram holds 2048 bytes, 20 of them the header's, and so does the
@@ -181,7 +181,7 @@ SCENARIO_F(UdpRelay, LongDatagramsGoPastTheNodeOrNowhere) {
   }
   EXPECT_EQ(Difference({"first", Pattern(1), Pattern(2028)}, Heard("A")), "") << AllHeard();
   EXPECT_EQ(Difference({Pattern(2029), Pattern(2048)}, Heard("game")), "") << AllHeard();
-  EXPECT_TRUE(Logged("WARNING: clone not enough room, k=2049, size=2048"));
+  EXPECT_TRUE(Logged(test::kCopyTooLong));
 }
 
 SCENARIO_F(UdpRelay, ADatagramOfNoBytesReachesTheServer) {
@@ -236,7 +236,7 @@ SCENARIO_F(UdpRelay, AFullSendBufferHoldsDatagramsInOrder) {
   EXPECT_EQ(Sends(s, "after"), 0);
   RunFor(500ms);
   EXPECT_EQ(Difference({"first", "blocked", "after"}, Heard("A")), "") << AllHeard();
-  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::FlushBlockedPackages, count=1, remain_count=0"));
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::" + test::Flushed(1, 0)));
 }
 
 // A game that sends its last datagram and closes must not lose it because a buffer is full.
@@ -401,7 +401,7 @@ SCENARIO_F(UdpSwitch, ADeadNodeIsLeftForTheOtherWithTheGamesPortUnchanged) {
   EXPECT_FALSE(PlaysUntil(
       s, [&] { return false; }, 5'000));
   EXPECT_GE(answered_ - before, 95) << "the answers come over the new node";
-  EXPECT_TRUE(Logged("UdpRemoteSession::ReplaceSock, new socket="));
+  EXPECT_TRUE(Logged(test::kSocketReplaced));
   closesocket(s);
   EXPECT_TRUE(RunUntil([&] { return b.Count("flow_opened") == b.Count("flow_closed"); }, 5s));
 }

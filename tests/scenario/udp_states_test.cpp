@@ -76,7 +76,7 @@ SCENARIO_F(UdpStates, DuringANegotiationOnlyItsNodeIsHeard) {
   const SOCKET s = Udp();
   EXPECT_EQ(Sends(s, "hello"), 0);
   AStrangerSends("from nowhere", s);
-  EXPECT_FALSE(Logged("OnNegotiationFailed")) << "no answer that could be a bad one";
+  EXPECT_FALSE(Logged(test::kNegotiationFailed)) << "no answer that could be a bad one";
   EXPECT_EQ(Receives(s, 2000).from, "198.51.100.10:27015");
 }
 
@@ -199,7 +199,7 @@ SCENARIO_F(UdpStates, WhatIsBlockedLeavesInOrderAndAsksForRoomOnlyOnce) {
   EXPECT_EQ(Sends(s, "four"), 0);
   RunFor(1s);
   EXPECT_EQ(Heard("A"), (Texts{"first", "one"}));
-  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::FlushBlockedPackages, count=4, remain_count=3"));
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::" + test::Flushed(4, 3)));
   // What finds room at once passes those that wait.
   NothingFails();
   EXPECT_EQ(Sends(s, "five"), 0);
@@ -214,7 +214,7 @@ SCENARIO_F(UdpStates, WhatIsBlockedLeavesInOrderAndAsksForRoomOnlyOnce) {
   EXPECT_EQ(Sends(s, "six"), 0);
   RunFor(1s);
   EXPECT_EQ(Heard("A"), (Texts{"first", "one", "five", "two", "three", "four", "six"}));
-  EXPECT_TRUE(Logged("FlushBlockedPackages, count=4, remain_count=0"));
+  EXPECT_TRUE(Logged(test::Flushed(4, 0)));
 }
 
 SCENARIO_F(UdpStates, AnErrorWhileFlushingKeepsTheDatagramInFront) {
@@ -231,7 +231,7 @@ SCENARIO_F(UdpStates, AnErrorWhileFlushingKeepsTheDatagramInFront) {
   EXPECT_EQ(Sends(s, "blocked"), 0);
   RunFor(500ms);
   EXPECT_EQ(Heard("A"), Texts{"first"});
-  EXPECT_TRUE(Logged("FlushBlockedPackages, count=1, remain_count=1"));
+  EXPECT_TRUE(Logged(test::Flushed(1, 1)));
   calls = 0;
   fails = [&calls](const SentDatagram& one) {
     return one.by_relay && ++calls == 1 ? WSAEWOULDBLOCK : 0;
@@ -334,7 +334,7 @@ SCENARIO_F(UdpStates, AThirdNodeIsNotTried) {
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015") << log_text();
   EXPECT_EQ(Heard("game"), Texts{"hello"});
   EXPECT_EQ(a.Count("request") + b.Count("request"), 2u);
-  EXPECT_TRUE(Logged("begin direct mode"));
+  EXPECT_TRUE(Logged(test::kDirectBegins));
 }
 
 // A late answer comes during another negotiation, and is ignored.

@@ -68,7 +68,7 @@ SCENARIO_F(UdpUntold, AnEndThatWouldBlockIsFoundOut) {
   fails = [](const SentDatagram& one) { return IsClose(one) ? WSAEWOULDBLOCK : 0; };
   sent.clear();
   closesocket(s);
-  EXPECT_TRUE(Logged("[UDP] CloseUdpRelay: sendto, error=10035, socket=")) << log_text();
+  EXPECT_TRUE(Logged(test::CloseSendFailed(WSAEWOULDBLOCK))) << log_text();
   EXPECT_EQ(GameSent(), std::vector<std::string>{"close"}) << "said once, and not again";
   ExpectNothingLeftAnywhere();
   EXPECT_TRUE(GameSent().empty());
@@ -88,7 +88,7 @@ SCENARIO_F(UdpUntold, AnEndThatIsCutIsFoundOut) {
   };
   closesocket(s);
   NextProvider().lpWSPSendTo = send_to;
-  EXPECT_TRUE(Logged("[UDP] CloseUdpRelay: sendto, bytes(12)!=13, socket="));
+  EXPECT_TRUE(Logged(test::CloseSentShort(12)));
   ExpectNothingLeftAnywhere();
 }
 
@@ -146,7 +146,7 @@ SCENARIO_F(UdpUntold, ASessionThatComesAfterItsSocketHasGoneEndsAtOnce) {
   EXPECT_EQ(Sends(s, "hello"), 0);
   closesocket(s);
   EXPECT_EQ(HomeSockets(), base_);
-  for (int i = 0; i < 1000 && !Logged("ResponseCreateSessionResult"); ++i) Sleep(1);
+  for (int i = 0; i < 1000 && !Logged(test::kUdpRelayAnswered); ++i) Sleep(1);
   ExpectNothingLeft();
   EXPECT_TRUE(Logged(test::kUdpSessionClosed)) << log_text();
 }

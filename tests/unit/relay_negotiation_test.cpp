@@ -12,6 +12,7 @@
 #include "route/decision.h"
 #include "stream/tcp_negotiation.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/loopback.h"
 #ifndef _WIN32
 #include "port/shared/faults.h"
@@ -150,7 +151,7 @@ TEST_F(Negotiation, AnAnswerOfTheFirstVersionHasNoLastNode) {
   const std::string wire = Wire(GoodAnswer(), 1);
   ASSERT_EQ(wire.size(), 29u);
   EXPECT_EQ(Hear(wire), 0);
-  EXPECT_TRUE(log.Contains("last_node:(node_id=0, ip=0.0.0.0, port=0, accl_token=0), token=9\n"));
+  EXPECT_TRUE(log.Contains(test::kNoLastNode + ", token=9\n"));
 }
 
 // The version decides, not what the node has put there.
@@ -313,8 +314,8 @@ TEST_F(Negotiation, ARequestThatCannotBeSentSaysSo) {
   const SOCKET gone = pair.here.Release();
   closesocket(gone);
   EXPECT_FALSE(negotiation.SendTcpNegotiation(&wishes, gone, 9, 1, 2, 0, &guid, &decision));
-  EXPECT_TRUE(log.Contains("[4][lsp][TCP]Failed to send negotiation, error=10038,socket=" +
-                           std::to_string(gone) + ", token=9\n"));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::kRequestNotSent +
+                           "10038,socket=" + std::to_string(gone) + ", token=9\n"));
   EXPECT_EQ(wishes.count, 0);
 }
 

@@ -12,6 +12,7 @@
 #include "common/text.h"
 #include "route/acc_config.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/report_client.h"
 #include "tests/support/threads.h"
 #include "tests/unit/out_of_memory.h"
@@ -288,7 +289,7 @@ TEST_P(ReportSlots, OfAnotherVersionCountAsNone) {
   const test::LogCapture log(4);
   report().make(1);
   EXPECT_TRUE(log.Contains(report().no_region)) << log.Text();
-  EXPECT_TRUE(log.Contains("structure not match")) << log.Text();
+  EXPECT_TRUE(log.Contains(test::kRegionMismatch)) << log.Text();
   EXPECT_EQ(region.Bytes(), before);
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "route/route_file.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/route_fixture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/threads.h"
@@ -134,12 +135,10 @@ TEST_F(RouteTableTest, FileOfAnyOtherSizeIsRefused) {
     SetRouteFile(path);
     EXPECT_FALSE(table().LoadRoute());
     EXPECT_FALSE(table().HasRouteTable());
-    EXPECT_TRUE(log.Contains(
-        "[5][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
-        "failed:file(" +
-        path + ") file size(" + std::to_string(size) + ") not match data size(65668)\n"));
+    EXPECT_TRUE(log.Contains(test::kRouteFileUnread + path + ") file size(" + std::to_string(size) +
+                             ") not match data size(65668)\n"));
   }
-  EXPECT_TRUE(log.Contains("[5][lsp][Route][LoadRoute] load route table from file failed!\n"));
+  EXPECT_TRUE(log.Contains(test::kNoRouteFile));
   SetRouteFile(WriteRouteFile());
   EXPECT_TRUE(table().LoadRoute()) << "a later try takes it";
 }
@@ -150,10 +149,7 @@ TEST_F(RouteTableTest, FileThatIsNotThereIsTriedAndNamedWithItsError) {
   const DWORD before = GetTickCount();
   EXPECT_FALSE(table().LoadRoute());
   EXPECT_GE(GetTickCount() - before, 5u) << "five tries, with a pause after each";
-  EXPECT_TRUE(
-      log.Contains("[5][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
-                   "failed:file(" +
-                   path + ") CreateFileW failed(error=2)\n"));
+  EXPECT_TRUE(log.Contains(test::kRouteFileUnread + path + ") CreateFileW failed(error=2)\n"));
 }
 
 TEST_F(RouteTableTest, FileThatSomeoneElseWritesIsRefusedEvenIfTheyWouldShareIt) {
@@ -164,7 +160,7 @@ TEST_F(RouteTableTest, FileThatSomeoneElseWritesIsRefusedEvenIfTheyWouldShareIt)
                   nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   ASSERT_NE(writer, INVALID_HANDLE_VALUE);
   EXPECT_FALSE(table().LoadRoute());
-  EXPECT_TRUE(log.Contains("CreateFileW failed(error=32)\n"));
+  EXPECT_TRUE(log.Contains(test::kFileShared));
   CloseHandle(writer);
   EXPECT_TRUE(table().LoadRoute());
 }
@@ -276,7 +272,7 @@ TEST_F(RouteTableTest, RegionThatNobodyHasMemoryForLeavesTheFile) {
       log.Contains("[5][lsp][Route][LoadRoute] open route table from shared memory "
                    "failed,mem_obj is null!\n"))
       << log.Text();
-  EXPECT_TRUE(log.Contains("[5][lsp][Route][LoadRoute] load route table from file failed!\n"));
+  EXPECT_TRUE(log.Contains(test::kNoRouteFile));
   EXPECT_TRUE(table().LoadRoute()) << "a later look finds the region";
   EXPECT_FALSE(table().LoadRoute()) << "and it was the region";
 }

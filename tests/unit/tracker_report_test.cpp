@@ -5,6 +5,7 @@
 #include "common/process_info.h"
 #include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/tracker_fixture.h"
 #include "tests/unit/out_of_memory.h"
 
@@ -162,7 +163,7 @@ TEST_F(TrackerReports, LinkInTroubleNeedsNoSocket) {
   common::SetFieldText(record.guid, "guid");
   const test::LogCapture log(0);
   tracker.SubmitRecoverySwitch(&record);
-  EXPECT_TRUE(log.Contains("[Tracker]  recovery switch qos submitted, game_id=7, guid=guid\n"));
+  EXPECT_TRUE(log.Contains("[Tracker] " + test::kSwitchSubmitted + "7, guid=guid\n"));
   ReportAll();
   ASSERT_EQ(UsedSlots(client.switches), 1);
   EXPECT_EQ(client.switches->slots[0].count, 3);

@@ -10,6 +10,7 @@
 #include "engine/relay_mgr.h"
 #include "hooks/udp_relay.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/unit/scripted_provider.h"
 #include "udp/relay_messages.h"
 
@@ -87,8 +88,8 @@ TEST_F(ControlMessages, ARequestNamesTheSocketItsDestinationAndAnEvent) {
   EXPECT_TRUE(
       log.Contains("ProtoRelayOpen, sock_send_buf_size=0, sock_recv_buf_size=0, socket=4660, "
                    "token=4711\n"));
-  EXPECT_TRUE(
-      log.Contains("[UDP] RequestUdpRelay failed: sendto, error=10055, socket=4660, token=4711\n"));
+  EXPECT_TRUE(log.Contains("[UDP] " + test::kUdpRelayFailed +
+                           ": sendto, error=10055, socket=4660, token=4711\n"));
 }
 
 TEST_F(ControlMessages, ARequestThatIsCutIsNotWaitedFor) {
@@ -142,14 +143,13 @@ TEST_F(ControlMessages, AnEndThatCannotBeToldIsOnlyLogged) {
   next.bytes = 12;
   test::LogCapture log(5);
   EXPECT_FALSE(CloseUdpRelay(record));
-  EXPECT_TRUE(
-      log.Contains("[5][lsp][UDP] CloseUdpRelay: sendto, bytes(12)!=13, socket=4660, token=4711\n"))
+  EXPECT_TRUE(log.Contains("[5][lsp]" + test::CloseSentShort(12) + "4660, token=4711\n"))
       << log.Text();
   next.result = -1;
   next.error = 10035;
   EXPECT_FALSE(CloseUdpRelay(record));
   EXPECT_TRUE(
-      log.Contains("[5][lsp][UDP] CloseUdpRelay: sendto, error=10035, socket=4660, token=4711\n"));
+      log.Contains("[5][lsp]" + test::CloseSendFailed(WSAEWOULDBLOCK) + "4660, token=4711\n"));
   EXPECT_EQ(next.calls.size(), 2u) << "nothing is tried again";
 }
 
