@@ -47,7 +47,7 @@ SCENARIO_F(Admission, EachKindNeedsItsBitAndPingsNone) {
   EXPECT_TRUE(May(SOCK_RAW));
 }
 
-// Kept: whatever comes of the question, it has started the relay.
+// Kept: whatever the answer, asking has started the relay.
 SCENARIO_F(Admission, AKindThatIsNotRelayedStartsTheRelayToo) {
   Configure(kUdp);
   EXPECT_FALSE(May(SOCK_STREAM));
@@ -78,7 +78,7 @@ SCENARIO_F(Admission, ABlockedKindSaysSoAndLeavesTheOthersAlone) {
   EXPECT_TRUE(May(SOCK_STREAM));
 }
 
-// Its configuration is all zero, and it measures what it is told to.
+// Its configuration is all zero, and it measures whatever it is asked to.
 SCENARIO_F(Admission, SpeedTesterMayEverythingEverywhere) {
   Configure(kNeedsAccMode);
   HookFlags& flags = GetHookFlags();

@@ -1,6 +1,6 @@
-// Which connects reach the next provider, made by whom and with which length. At stake: the game's
-// connects may go to the relay, the relay's own must go where it says, and a provider reads as much
-// of an address as the length says.
+// Which connects reach the next provider, from the game or the relay, and with which length. At
+// stake: the game's connects may go to the relay, the relay's own must go to their address, and a
+// provider reads as much of an address as the length says.
 #include <mswsock.h>
 
 #include <vector>
@@ -76,7 +76,7 @@ class ConnectSpied : public TcpWorld {
     next.lpWSPConnect = SpyConnect;
     next.lpWSPIoctl = SpyIoctl;
   }
-  // By the game; 0 or the error.
+  // Connects as the game; 0 or the error.
   static int ConnectsWith(SOCKET s, const char* server, int size) {
     const sockaddr_in address[8] = {At(server, kPort)};  // a caller may say that it is longer
     return ErrorOf(connect(s, Raw(address[0]), size));
@@ -95,7 +95,7 @@ class ConnectSpied : public TcpWorld {
     GetSocketMap().Get(s, &record);
     return record;
   }
-  // What the game was shown, and what the next provider holds.
+  // The function that the game was given, and the next provider's own.
   static std::string PeerOf(SOCKET s) {
     sockaddr_in peer = {};
     int size = sizeof peer;
@@ -114,8 +114,8 @@ class ConnectSpied : public TcpWorld {
 
 // --- the worker -----------------------------------------------------------------------------
 
-// Its sockets come through the same entries and have records of their own. Were they for the relay
-// too, the first of them would be the last.
+// Its sockets go through the same entries and have records of their own. If they were relayed too,
+// the relay would wait for itself.
 SCENARIO_F(ConnectSpied, TheWorkersOwnConnectsGoWhereItSays) {
   for (const auto& [server, far] : {std::pair(kDirect, std::string("198.51.100.11:27015")),
                                     std::pair(kServer, std::string("198.51.100.20:7001"))}) {
@@ -185,7 +185,7 @@ SCENARIO_F(ConnectSpied, ConnectExHasTheLengthOfWhatItNames) {
     seen.clear();
     const SOCKET direct = Tcp();
     EXPECT_EQ(ConnectsExWith(direct, kUnlisted, size), FALSE);
-    // Beside it the worker may still be connecting for the first one.
+    // Meanwhile the worker may still be connecting for the first one.
     const auto own = std::find_if(seen.begin(), seen.end(), [](const auto& call) {
       return call.to == "198.51.100.13:27015";
     });
@@ -198,8 +198,8 @@ SCENARIO_F(ConnectSpied, ConnectExHasTheLengthOfWhatItNames) {
 
 // --- ConnectEx and the other kinds of socket ------------------------------------------------
 
-// It serves streams alone. A datagram socket that took a stream's relay would be connected to a
-// port where nobody hears datagrams.
+// It serves streams only. A datagram socket with a stream's relay would be connected to a port that
+// receives no datagrams.
 SCENARIO_F(ConnectSpied, ConnectExLeavesDatagramsAlone) {
   const SOCKET s = Udp();
   WSPPROC_TABLE* const next = GetDowncallTable(kProtocolUdp, nullptr);
@@ -234,7 +234,7 @@ SCENARIO_F(ConnectSpied, ConnectExLeavesRawSocketsAlone) {
   EXPECT_FALSE(log.Contains(test::kPingForRelayed));
 }
 
-// --- what is said of it ---------------------------------------------------------------------
+// --- what is logged -------------------------------------------------------------------------
 
 SCENARIO_F(ConnectSpied, ARelayedConnectIsToldAtTheLevelsOfItsEvents) {
   const SOCKET s = Joins();

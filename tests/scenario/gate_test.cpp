@@ -47,7 +47,7 @@ SCENARIO(Gate, OneCopyOwnsAtATime) {
     SingleInstanceLock second("gate", "gate_lock");
     EXPECT_FALSE(second.owns());
   }
-  EXPECT_TRUE(Exists("gate"));  // the one that lost took nothing with it
+  EXPECT_TRUE(Exists("gate"));  // the copy that lost changed nothing
   first = SingleInstanceLock();
   EXPECT_FALSE(Exists("gate"));
   SingleInstanceLock third("gate", "gate_lock");

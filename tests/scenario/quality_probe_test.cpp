@@ -63,7 +63,7 @@ class Probes : public sim::ScenarioTest {
     param.accl_token = 0x01020304;
     probes_->Start(param, on_trial);
   }
-  // The flow has moved to another link; what is on its way to the node is not looked at.
+  // The flow has moved to another link; datagrams on their way to the node are ignored.
   void Restart() {
     SpeedTestParam param;
     param.socket = link.socket;
@@ -87,7 +87,7 @@ class Probes : public sim::ScenarioTest {
       }
     }
   }
-  // Whether it was an answer, which is booked then.
+  // Whether it was an answer; if so, it is counted.
   bool Receives(const u8* data, u32 len) {
     ProbeReply reply;
     if (!probes().ReadReply(data, len, &reply)) return false;
@@ -95,7 +95,7 @@ class Probes : public sim::ScenarioTest {
     probes().CountReply(reply);
     return true;
   }
-  // What the node has got since the last time.
+  // What the node has received since the last call.
   std::vector<std::string> Arrived() {
     std::vector<std::string> all;
     char buffer[2048];
@@ -197,11 +197,11 @@ SCENARIO_F(Probes, OfASocketThatNobodyWatchesLeaveNoTrace) {
   GetTracker().RemoveFromWatchList(link.socket);
   LogCapture log;
   Run(602);
-  EXPECT_EQ(Arrived().size(), 1u);  // it leaves all the same
+  EXPECT_EQ(Arrived().size(), 1u);  // it is sent all the same
   EXPECT_TRUE(log.Contains("ProcessTestSend, GetSpeedTestResult: failed to get info, socket="));
   EXPECT_TRUE(Answer(1, 0, 10));
   EXPECT_TRUE(log.Contains("ProcessTestRecv, GetSpeedTestResult: failed to get info, socket="));
-  EXPECT_EQ(link.RealRouteLost(), 102);  // the judge was told of neither
+  EXPECT_EQ(link.RealRouteLost(), 102);  // the judge got neither
   EXPECT_EQ(CountOf("RealRouteAdd", log.Text()), 0);
 }
 
@@ -418,7 +418,7 @@ SCENARIO_F(Probes, AWatchPeriodRefusesBurstsUntilProbesAreLost) {
     Answer(seq, 0, 5);
   }
   link.CloseSlot();
-  EXPECT_EQ(probes().HighFreqTest(), -1);  // all is well
+  EXPECT_EQ(probes().HighFreqTest(), -1);  // nothing is lost
   EXPECT_TRUE(log.Contains(test::TrialLoss(0, 3, 3)));
   Run(601);
   link.CloseSlot();

@@ -36,14 +36,14 @@ SCENARIO(RelayMgr, AnIdleWorkerEndsWithinTwoPasses) {
   EXPECT_TRUE(log.Contains(test::kWorkerEnded));
   EXPECT_EQ(relay.GetWorkerThreadId(), 0u);
   EXPECT_TRUE(relay.IsStopping());
-  // Kept: it says that it runs, and nobody does.
+  // Kept: it says that it is running although no worker is.
   EXPECT_TRUE(relay.CheckAndInit(3000));
   RunFor(1s);
   EXPECT_FALSE(world.IsRunning(relay.GetWorkerThreadId()));
   EXPECT_TRUE(relay.IsStopping());
 }
 
-// Whoever ends later may still use what ends before it.
+// A part that ends later may still use one that has ended before.
 SCENARIO(RelayMgr, TheTrackerEndsFirstThenDatagramsThenStreams) {
   test::LogCapture log(0);
   ASSERT_TRUE(GetRelayMgr().CheckAndInit(3000));
@@ -82,7 +82,7 @@ SCENARIO(RelayMgr, AWorkerThatDoesNotEndIsKilled) {
   EXPECT_EQ(world.now() - before, 200ms);
   RunFor(20s);
   EXPECT_FALSE(world.IsRunning(worker));
-  // What it may have held is not asked for again.
+  // Locks that it may have held are not taken again.
   sockaddr_in server = At(kServer, 80);
   sockaddr* relay_addr = nullptr;
   int size = 0;
@@ -189,7 +189,7 @@ class RelayTimers : public sim::ScenarioTest {
     for (size_t at = text.find(line); at != text.npos; at = text.find(line, at + 1)) ++lines;
     return lines;
   }
-  // Any arrival wakes the worker, and what it makes no sense of has no other effect.
+  // Any datagram wakes the worker; one that it does not understand has no other effect.
   void WakeTheWorker() {
     sockaddr_in control = {};
     GetRelayMgr().GetUdpLocalAddr(&control);

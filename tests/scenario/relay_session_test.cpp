@@ -18,7 +18,7 @@ using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
 constexpr u32 kGameIdc = 11;
 constexpr char kAbsentServer[] = "198.51.100.10";  // which this world does not have
 
-// Two nodes, both ours, and a connection of the game on its way to the first.
+// Two nodes, both played by the test, and a connection of the game that is being made to the first.
 class SessionByHand : public test::RoutePolicy {
  protected:
   SessionByHand() {
@@ -78,7 +78,7 @@ class SessionByHand : public test::RoutePolicy {
     for (size_t at = text.find(line); at != text.npos; at = text.find(line, at + 1)) ++lines;
     return lines;
   }
-  // The node takes the connection and answers the request.
+  // The node accepts the connection and answers the request.
   void Accept(test::OwnSocket* node_end) {
     node_end->Reset(accept(nodes[0], nullptr, nullptr));
     ASSERT_TRUE(TurnUntil("[TCP]Negotiation request is sent successfully"));
@@ -101,7 +101,7 @@ class SessionByHand : public test::RoutePolicy {
   TcpProvider provider;
 };
 
-// A refused socket is readable too on some systems, before it says why.
+// On some systems a refused socket is readable too, before its error is known.
 SCENARIO_F(SessionByHand, NothingIsReadBeforeTheConnectionStands) {
   provider.OnRemoteReadable(RemoteSocket());
   EXPECT_FALSE(IsClosed());

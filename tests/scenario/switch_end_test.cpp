@@ -1,5 +1,5 @@
 // How a flow ends while another node is on trial, and after a trial. At stake: every node that
-// still holds the flow is told, once, and no socket is left behind.
+// still holds the flow gets one end message, and no socket is left open.
 #include "tests/scenario/switch_world.h"
 //
 #include "port/shared/faults.h"
@@ -52,15 +52,15 @@ SCENARIO_F(SwitchEnd, WhileItIsVerified) {
   IsVerifying();
   Ends();
   EXPECT_EQ(a.TakenEnds(), 1);
-  const std::vector<Wrapped> farewell = b.Takes();
-  ASSERT_EQ(farewell.size(), 1u);
-  EXPECT_TRUE(farewell[0].IsEnd());
-  EXPECT_EQ(farewell[0].accl_token, b.accl_token);
-  EXPECT_EQ(farewell[0].seq, 2u);
+  const std::vector<Wrapped> last = b.Takes();
+  ASSERT_EQ(last.size(), 1u);
+  EXPECT_TRUE(last[0].IsEnd());
+  EXPECT_EQ(last[0].accl_token, b.accl_token);
+  EXPECT_EQ(last[0].seq, 2u);
   ExpectNothingLeft();
 }
 
-// Kept: the trial's own counter does not know what its parent has sent through it.
+// Kept: the trial's own counter does not include what its parent has sent through it.
 SCENARIO_F(SwitchEnd, OnceItIsVerified) {
   IsCarried();
   IsVerified();
@@ -71,10 +71,10 @@ SCENARIO_F(SwitchEnd, OnceItIsVerified) {
   EXPECT_EQ(b.TakenData(), "one two three");
   Ends();
   EXPECT_EQ(a.TakenEnds(), 1);
-  const std::vector<Wrapped> farewell = b.Takes();
-  ASSERT_EQ(farewell.size(), 1u);
-  EXPECT_TRUE(farewell[0].IsEnd());
-  EXPECT_EQ(farewell[0].seq, 2u);
+  const std::vector<Wrapped> last = b.Takes();
+  ASSERT_EQ(last.size(), 1u);
+  EXPECT_TRUE(last[0].IsEnd());
+  EXPECT_EQ(last[0].seq, 2u);
   ExpectNothingLeft();
 }
 
@@ -143,7 +143,7 @@ SCENARIO_F(SwitchEnd, WhileTheRelayStopsNobodyIsTold) {
   }
 }
 
-// --- once it has happened ----------------------------------------------------------------------
+// --- after a hand-over -------------------------------------------------------------------------
 
 // The game knows one port, whichever socket faces the node.
 SCENARIO_F(SwitchEnd, AnAnswerThatWaitsForRoomStillLeavesFromTheGamesPort) {

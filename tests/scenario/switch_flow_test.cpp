@@ -1,6 +1,6 @@
 // A switch as the game sees it, through the provider, its worker and real nodes. At stake: the game
 // plays on with the same port, the client program learns what happened, and whatever the game does
-// in the middle of it, nobody is left waiting.
+// meanwhile, nothing is left waiting.
 #include "tests/scenario/udp_world.h"
 #include "tests/support/log_texts.h"
 //
@@ -84,7 +84,7 @@ SCENARIO_F(SwitchFlow, IsReportedWithWhatLedToIt) {
   EXPECT_EQ(std::string(report.switch_condition), "delay_amp>=1000;delay_avg>=1000;real_lost>=20");
   EXPECT_EQ(std::string(report.acc_info), "198.51.100.10-27015-1-198.51.100.20-7001");
   EXPECT_GT(test::Value(report.total_send_pack), 50);
-  // The new link is described as such in what the client learns of negotiations.
+  // The report on the negotiation describes the new link.
   EXPECT_EQ(b.Last("flow_opened").Number("replaces_node_id"), 1u) << b.AllEvents();
   GameCloses();
   EXPECT_EQ(b.Count("flow_closed"), 1u);
@@ -113,7 +113,7 @@ SCENARIO_F(SwitchFlow, GoesBackToANodeThatIsWellAgain) {
   GameCloses();
 }
 
-// It may not be tried again, and the flow stays with a node that is dead: so it is wanted.
+// No other trial is allowed, and the flow stays with a dead node: that is intended.
 SCENARIO_F(SwitchFlow, HappensNoMoreOftenThanAllowed) {
   Begins([](moru_vyr::lsp::AccConfigRecord* config) { config->max_link_switch_count = 1; });
   ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); }));
@@ -163,7 +163,7 @@ SCENARIO_F(SwitchFlow, EndsWithTheGameOnceItIsVerified) {
 
 class SwitchStop : public SwitchFlow {
  protected:
-  // The library is being unloaded; nobody is told anything, and nothing is left of the worker.
+  // The library is being unloaded; no node gets an end message, and nothing is left of the worker.
   void Stops() {
     const std::size_t closed = b.Count("flow_closed");
     playing = false;

@@ -1,6 +1,6 @@
-// What a flow takes along to another node, and what it leaves behind: one trial after another,
-// sockets, and datagrams that waited for room. At stake: the move costs the game no datagram, and
-// no socket has two owners.
+// What moves with a flow to another node, and what stays: one trial after another, sockets, and
+// datagrams that wait for room. At stake: the move costs the game no datagram, and no socket has
+// two owners.
 #include "tests/scenario/switch_world.h"
 #include "tests/support/log_texts.h"
 //
@@ -75,7 +75,7 @@ SCENARIO_F(SwitchHandOver, ASecondSwitchLeavesTheSocketInBetweenOpen) {
   EXPECT_EQ(Readiness(local_sock), "error 10038");
 }
 
-// The game sends to one port and hears from it, however often the node changes behind it.
+// The game sends to one port and receives from it, however often the node changes behind it.
 SCENARIO_F(SwitchHandOver, TheGamesPortStaysThroughAnyNumber) {
   IsCarried();
   sockaddr_in relay = {};
@@ -106,7 +106,8 @@ SCENARIO_F(SwitchHandOver, TheGamesPortStaysThroughAnyNumber) {
   }
 }
 
-// What a socket's own calls come to is the socket's, whichever of the two is the link's.
+// The results of a socket's calls are counted for that socket, whichever of the two carries the
+// link.
 SCENARIO_F(SwitchHandOver, AnErrorOfReceivingIsBookedOnTheSocketThatHadIt) {
   test::ReportClient client;
   GetTracker().Init();
@@ -151,7 +152,7 @@ SCENARIO_F(SwitchHandOver, WhatWaitsForRoomAtTheNewNodeMovesWithItsSocket) {
   loop.delegates[new_sock]->OnReadable(new_sock);
   EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   EXPECT_TRUE(flow->HasBlockedPackages());
-  // Kept: nobody asks for room again in the name of the new owner. The next that has to wait does.
+  // Kept: no write event is requested for the new owner until another datagram has to wait.
   Turns(3);
   EXPECT_EQ(b.TakenData(), "");
   port::FailCall("sendto", 2, WSAEWOULDBLOCK);

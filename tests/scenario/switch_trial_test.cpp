@@ -71,8 +71,8 @@ SCENARIO_F(SwitchTrial, ARequestThatCannotLeaveEndsIt) {
   ExpectOver(SwitchResult::kNotAsked);
 }
 
-// The request waits for room all the same, and leaves if that comes before the trial is cleared
-// away. Its answer finds nobody.
+// The request waits for room all the same, and is sent if there is room before the trial is
+// removed. Its answer finds no trial.
 SCENARIO_F(SwitchTrial, ARequestThatHasToWaitEndsItAndStillLeaves) {
   IsCarried();
   port::FailCall("sendto", 1, WSAEWOULDBLOCK);
@@ -130,7 +130,7 @@ SCENARIO_F(SwitchTrial, ItsRequestNamesTheLinkThatIsLeft) {
   EXPECT_EQ(test::Value(asked.last_node.port), 7001);
   EXPECT_EQ(test::Value(asked.last_node.ip), 0x7F000001u);
   EXPECT_EQ(test::Value(asked.last_node.accl_token), a.accl_token);
-  // For the rest it is the flow's first request once more.
+  // The rest equals the flow's first request.
   asked.flags = 0;
   asked.last_node = {};
   EXPECT_EQ(std::memcmp(&asked, &first.body, sizeof asked), 0);
@@ -282,7 +282,7 @@ SCENARIO_F(SwitchTrial, HearsOnlyItsNode) {
   EXPECT_TRUE(Logged(test::kTrialAgreed));
 }
 
-// Nor the game's socket, even where that is what the node names for its data.
+// Nor the game's socket, even if the node names that as its data address.
 SCENARIO_F(SwitchTrial, IgnoresTheGame) {
   IsCarried();
   ASSERT_TRUE(Fires());
@@ -320,7 +320,7 @@ SCENARIO_F(SwitchTrial, ItsBurstStartsAtOnceWhileTheGamePlaysOnOverTheOldNode) {
     b.AnswersProbes();
     EXPECT_EQ(a.TakenData(), "tick");
   }
-  // The first step of the burst only looked at the clock, as the negotiation ended.
+  // The first step of the burst only read the clock, as the negotiation ended.
   EXPECT_EQ(probes, 5);
   EXPECT_TRUE(Logged(test::kTrialVerified));
 }
@@ -331,8 +331,9 @@ SCENARIO_F(SwitchTrial, ANodeThatLosesNothingShowsAQuarterOfLoss) {
   config.switching_max_real_route_lost = 26;
   IsCarried();
   IsVerified();
-  EXPECT_TRUE(Logged(test::kRealRouteLoss + ", cycle_size=5, download_lost=25, upload_lost=0, "
-                                            "full_lost=25, need_recv_pkg=4, real_recv_pkgs=3,"))
+  EXPECT_TRUE(Logged(test::kRealRouteLoss +
+                     ", cycle_size=5, download_lost=25, upload_lost=0, full_lost=25, "
+                     "need_recv_pkg=4, real_recv_pkgs=3,"))
       << log->Text();
 }
 
@@ -356,7 +357,7 @@ SCENARIO_F(SwitchTrial, ANodeThatAnswersNoProbeFails) {
   EXPECT_EQ(Counted(trial), "nothing");
 }
 
-// More probes than the long window holds: what a node lost in the beginning is forgiven it.
+// More probes than the long window holds: what a node lost in the beginning does not count.
 SCENARIO_F(SwitchTrial, ALongBurstIsJudgedByItsLastSlots) {
   config.lost_calc_unit_size = 100;
   config.long_cycle = 2;
@@ -381,7 +382,8 @@ SCENARIO_F(SwitchTrial, WithGameTrafficBarredAGoodNodeIsOnlyReported) {
   ExpectOver(SwitchResult::kNotOpen);
 }
 
-// A judge that may not measure the new node gives no verdict, and no clock ends the trial. Kept.
+// A judge that may not measure the new node gives no verdict, and no time limit ends the trial.
+// Kept.
 SCENARIO_F(SwitchTrial, OfANodeThatMayNotBeMeasuredNeverEnds) {
   image.proxies[1].flag = 4;
   IsCarried();
@@ -479,7 +481,7 @@ SCENARIO_F(SwitchTrial, TheFirstDataOfItsNodeHandsTheFlowOver) {
   GameSends("one");
   Turn();
   b.SendsData("answer");
-  b.SendsData("another");  // behind it in the socket, for the one who then has it
+  b.SendsData("another");  // behind it in the socket, for its next owner
   Turns(2);
   EXPECT_EQ(GameGets(), "answer another");
   EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
@@ -488,12 +490,12 @@ SCENARIO_F(SwitchTrial, TheFirstDataOfItsNodeHandsTheFlowOver) {
   EXPECT_TRUE(loop.Has(local_sock)) << "the game's port";
   ASSERT_TRUE(session->GetRelayAddr(&relay_after));
   EXPECT_EQ(relay_after.sin_port, relay_before.sin_port);
-  // The old node is told, with the number behind its last.
-  const std::vector<Wrapped> farewell = a.Takes();
-  ASSERT_EQ(farewell.size(), 1u);
-  EXPECT_TRUE(farewell[0].IsEnd());
-  EXPECT_EQ(farewell[0].accl_token, a.accl_token);
-  EXPECT_EQ(farewell[0].seq, 3u) << "after one datagram: the number is counted before it is taken";
+  // The old node gets an end message, with the number after its last.
+  const std::vector<Wrapped> last = a.Takes();
+  ASSERT_EQ(last.size(), 1u);
+  EXPECT_TRUE(last[0].IsEnd());
+  EXPECT_EQ(last[0].accl_token, a.accl_token);
+  EXPECT_EQ(last[0].seq, 3u) << "after one datagram: the number is counted before it is taken";
   EXPECT_TRUE(Logged(test::kSocketReplaced + std::to_string(new_sock) +
                      ", ori socket=" + std::to_string(local_sock) + ", token=77"));
   // From here on B is the link: for data either way, and for the end message.
@@ -544,8 +546,7 @@ SCENARIO_F(SwitchTrial, TheNewLinkIsProbedAndJudgedFromNothing) {
       << "its judge on trial and then as the flow's";
 }
 
-// The parent takes over a link that it has not been told of, and that is nowhere. Kept: the flow is
-// lost with it.
+// The parent takes over a link that has never been filled in. Kept: the flow is lost with it.
 SCENARIO_F(SwitchTrial, DataWhileItIsVerifiedHandsOverALinkThatIsNotFilled) {
   IsCarried();
   IsVerifying();
@@ -561,7 +562,7 @@ SCENARIO_F(SwitchTrial, DataWhileItIsVerifiedHandsOverALinkThatIsNotFilled) {
   EXPECT_EQ(a.TakenData() + b.TakenData(), "");
 }
 
-// The same once a link has been verified before: the copy is that link's.
+// The same if a link has been verified before: the copy is that of the earlier link.
 SCENARIO_F(SwitchTrial, DataWhileASecondOneIsVerifiedHandsOverTheLinkBefore) {
   IsCarried();
   IsTakenOver();

@@ -39,7 +39,7 @@ class SwitchTrigger : public SwitchWorld {
     u32 per_turn = 1;
     std::function<bool(u32)> data_lost = Never;
     std::function<bool(u32)> probe_lost = Never;
-    u8 lost = 101;  // what the node says of the way up
+    u8 lost = 101;  // the loss that the node reports for the way up
   };
   void Plays(int ms, const Traffic& traffic) {
     for (int passed = 0; passed < ms; passed += 50) {
@@ -99,7 +99,7 @@ SCENARIO_F(SwitchTrigger, AQuietGameIsNotADeadLink) {
 }
 
 SCENARIO_F(SwitchTrigger, NothingForAWindowIsADeadLink) {
-  config.ignore_high_freq_test_time = 3600;  // no burst: what is asked for shows in the log alone
+  config.ignore_high_freq_test_time = 3600;  // no burst: the request shows only in the log
   IsCarried();
   Plays(10'000);
   Traffic dead;
@@ -116,8 +116,8 @@ SCENARIO_F(SwitchTrigger, NothingForAWindowIsADeadLink) {
   EXPECT_EQ(Count(kShort) + Count(kLong) + Count(kRoute), 0) << "one reason at a time";
 }
 
-// Kept: with what it had last said of the way up, a loss of nothing expected comes out as another
-// code, and that counts as none. Then the probes alone show it, over the longer window.
+// Kept: combined with the last reported loss of the way up, the code for "nothing expected" becomes
+// another code, which counts as no loss. Then the probes alone show it, over the longer window.
 SCENARIO_F(SwitchTrigger, ANodeThatDiesAfterItReportedLossIsNoticedByItsProbesAlone) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
@@ -191,8 +191,8 @@ SCENARIO_F(SwitchTrigger, TheLongWindowNeedsTwentyDatagrams) {
   EXPECT_GE(Count(kLong), 3);
 }
 
-// The longest window there is takes the slot that runs for its oldest: it knows of no range, and
-// with all that it has received that is no loss.
+// The longest possible window takes the running slot as its oldest: that slot has no range, and
+// with everything received there is no loss.
 SCENARIO_F(SwitchTrigger, AWindowOfAllSlotsShowsNoLoss) {
   config.ignore_high_freq_test_time = 3600;
   config.lost_calc_unit_size = 100;
@@ -223,7 +223,7 @@ SCENARIO_F(SwitchTrigger, LossBelowBothThresholdsIsLeftAlone) {
   EXPECT_EQ(Triggers(), "");
 }
 
-// A game that sends little: then the probes have the word, if they are lost.
+// A game that sends little: then lost probes decide.
 SCENARIO_F(SwitchTrigger, LossOfProbesWhereTheGameIsQuiet) {
   config.ignore_high_freq_test_time = 3600;
   config.data_link_long_cycle_pkg = 1000;
@@ -336,7 +336,7 @@ SCENARIO_F(SwitchTrigger, AFailedTrialCountsAndTheNextComesThirtySecondsLater) {
   EXPECT_TRUE(Logged(test::SwitchLimitReached(2, 1)));
 }
 
-// A trial that finds no node to try has been a switch all the same.
+// A trial that finds no node counts as a switch all the same.
 SCENARIO_F(SwitchTrigger, ATrialWithoutAnotherNodeCountsAsASwitch) {
   config.max_link_switch_count = 1;
   ScriptedNode::Answer leads_nowhere;
@@ -353,7 +353,7 @@ SCENARIO_F(SwitchTrigger, ATrialWithoutAnotherNodeCountsAsASwitch) {
   EXPECT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
 }
 
-// Data that is lost where probes are not would have bursts without end.
+// If data is lost and probes are not, bursts would never stop.
 SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
   config.max_high_freq_test_count = 3;
   config.watching_time_span = 20;
@@ -373,7 +373,7 @@ SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
   EXPECT_TRUE(Logged(test::kSwitchReported) || Trial() != nullptr);
 }
 
-// Nothing is looked at any more once all reports have been made: a link in trouble stays.
+// Nothing is evaluated any more once all reports have been made: a link in trouble stays.
 SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
   config.switch_open = 0;
   config.max_link_except_rep_num = 1;
@@ -389,7 +389,7 @@ SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
   EXPECT_EQ(Count(test::kSwitchReported), 1);
 }
 
-// Each look leaves its figures with the Tracker.
+// Each evaluation leaves its figures with the Tracker.
 SCENARIO_F(SwitchTrigger, TheLooksStartAgainWithALink) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();

@@ -85,12 +85,12 @@ struct Wrapped {
   bool IsProbe() const { return flags == 8; }
 };
 
-// A node whose every word is the test's. Ports: negotiation, data, and one that is neither.
+// A node that sends only what the test says. Ports: negotiation, data, and one that is neither.
 class ScriptedNode {
  public:
   explicit ScriptedNode(int port, u32 accl_token);
 
-  // How the answer differs from a good one.
+  // The fields in which an answer may differ from a good one.
   struct Answer {
     u8 result = 0;
     u32 version = 3;
@@ -105,16 +105,16 @@ class ScriptedNode {
   void AnswersFromTheWrongPort();
   void AnswersBytes(const std::string& bytes);
 
-  // All that has come to the data port since the last time; probes are kept for their answers.
+  // Everything that has come to the data port since the last call; probes are kept to be answered.
   std::vector<Wrapped> Takes();
   std::string TakenData();                   // of these, the data, "one two"
   int TakenEnds();                           // of these, the end messages
   void AnswersProbes(u8 relay_idx = 0);      // those taken since the last time
-  void ForgetsProbes() { probes_.clear(); }  // … which have no answer then
+  void ForgetsProbes() { probes_.clear(); }  // they get no answer then
   void SendsData(const std::string& text, u32 seq = 0, u8 lost = 101);  // 0: the next number
   void SendsRaw(const std::string& bytes) { Send(data_, bytes, peer_); }
   void SendsDataFromTheWrongPort(const std::string& text);
-  // What comes to the data port is from there; before the first datagram, from the asker.
+  // The sender of the last datagram to the data port; before the first one, of the request.
   std::string DataBytes(const std::string& text, u32 seq, u8 lost) const;
   // The answer of a lone relay to a probe that left that long ago.
   std::string LateProbeAnswer(u32 seq, u32 delay_ms) const;
@@ -138,7 +138,7 @@ class SwitchWorld : public sim::ScenarioTest {
   explicit SwitchWorld(const char* server_ip = kServer);
   ~SwitchWorld() override;
 
-  // The configuration and the tables count from here on; the flow is made, and asks node A.
+  // Installs the configuration and the tables, and makes the flow, which asks node A.
   void Begins();
   // …and is carried by A.
   void IsCarried(const ScriptedNode::Answer& with);
@@ -157,7 +157,7 @@ class SwitchWorld : public sim::ScenarioTest {
   std::string GameGets();  // "one two"
 
   // --- a switch ---
-  bool Fires();  // what the judge does: asks for a switch, with a report of its own
+  bool Fires();  // asks for a switch as the judge does, with a report of its own
   UdpSwitchRemoteSession* Trial() const;  // null: none is on the loop
   SOCKET TrialSocket() const;             // INVALID_SOCKET: none
   // B has answered; the burst runs.

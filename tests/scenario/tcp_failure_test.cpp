@@ -25,12 +25,12 @@ class TcpFailure : public TcpWorld {
   bool NobodyIsLeft() const {
     return Sessions("[TCP]OnLocalServerAcceptable. peer_port=") == Sessions(test::kObsoleteClosed);
   }
-  // Looked at from time to time: reading the log takes calls of its own.
+  // Checked from time to time: reading the log takes calls of its own.
   bool NobodyIsLeftWithin(sim::Duration most) {
     for (const auto end = world.now() + most; world.now() < end && !NobodyIsLeft();) RunFor(10ms);
     return NobodyIsLeft();
   }
-  // Nothing has come, and the connection is as open as ever.
+  // Nothing has come, and the connection is still open.
   void ExpectSilence(SOCKET s) { EXPECT_EQ(Readiness(s), "w"); }
   void ExpectEndWithoutAByte(SOCKET s) {
     std::string got;
@@ -39,7 +39,7 @@ class TcpFailure : public TcpWorld {
     EXPECT_EQ(got, "");
     closesocket(s);
   }
-  // A connection that nobody serves lasts as long as the game wants it.
+  // A connection that is no longer served lasts as long as the game keeps it.
   void ExpectItWaitsForTheGame(SOCKET s) {
     RunFor(20s);
     ExpectSilence(s);
@@ -61,7 +61,7 @@ class TcpFailure : public TcpWorld {
   }
 };
 
-// Kept: from here there is no other way.
+// Kept: no other way is tried from here.
 SCENARIO_F(TcpFailure, ARequestThatCannotBeSentEndsTheConnection) {
   const SOCKET s = Joins();
   RunFor(20ms);
@@ -88,7 +88,7 @@ SCENARIO_F(TcpFailure, ARequestThatWouldBlockEndsTheConnection) {
   ExpectServesAgain();
 }
 
-// The node waits for the rest in vain, until time leads on to the next.
+// The node waits for the rest in vain, until the time-out leads to the next one.
 SCENARIO_F(TcpFailure, ARequestThatLeftInPartIsNotNoticed) {
   const SOCKET s = Joins();
   RunFor(20ms);
@@ -102,7 +102,7 @@ SCENARIO_F(TcpFailure, ARequestThatLeftInPartIsNotNoticed) {
   ExpectServesAgain();
 }
 
-// What an earlier call has left as the last error is no word of the node's.
+// The last error of an earlier call says nothing about the node.
 SCENARIO_F(TcpFailure, ANodeThatClosesIsRecognisedWhereSuccessKeepsTheLastError) {
   a.Behaves(Closes());
   RunFor(100ms);
@@ -116,7 +116,7 @@ SCENARIO_F(TcpFailure, ANodeThatClosesIsRecognisedWhereSuccessKeepsTheLastError)
   ExpectServesAgain();
 }
 
-// Kept: where the call that sees the end says itself that it would block, there is no other way.
+// Kept: if the call that sees the end reports that it would block, no other way is tried.
 SCENARIO_F(TcpFailure, ANodeThatClosesIsNotRecognisedWhereItsEndSaysThatItWouldBlock) {
   a.Behaves(Closes());
   RunFor(100ms);
@@ -200,7 +200,7 @@ SCENARIO_F(TcpFailure, ARefusedConnectEndsTheConnectionWhateverIsKnownOfIt) {
   EXPECT_TRUE(Logged(test::kRemoteUrgent));
 }
 
-// Kept: where time has run out and there is no socket for another node, time runs out once more.
+// Kept: if time has run out and there is no socket for another node, it has to run out once more.
 SCENARIO_F(TcpFailure, ATimeOutWithoutASocketComesToTheServerLater) {
   a.StopsAnswering();
   RunFor(100ms);
@@ -262,7 +262,7 @@ SCENARIO_F(TcpFailure, AGameThatHasLeftIsNotKeptForAServerThatCannotBeReached) {
   ExpectServesAgain();
 }
 
-// Kept: after a time-out nobody is told; the game may wait as long as it likes.
+// Kept: after a time-out the game is not told and may wait for ever.
 SCENARIO_F(TcpFailure, NoSocketForTheServerEither) {
   for (const char* call : {"socket", "connect"}) {
     SCOPED_TRACE(call);
@@ -315,9 +315,9 @@ SCENARIO_WITH_(TcpFailure, TimeGoesOnWhileSelectFails, TcpFailure, 1, QuickSpin(
   closesocket(s);
 }
 
-// A connection that nobody serves keeps what the game sends, up to two mebibytes. Then it ends: the
-// game's own close would stand behind bytes that are never read, and select would return at once
-// for as long as the process lives.
+// A connection that is not served keeps what the game sends, up to two mebibytes. Then it ends:
+// otherwise the game's own close would come behind bytes that are never read, and select would
+// return at once for as long as the process lives.
 class TcpOverfull : public TcpFailure {
  protected:
   static constexpr DWORD kMostMs = 3000;  // a game that is held back for ever gives up
@@ -380,7 +380,7 @@ SCENARIO_WITH_(TcpOverfull, WithoutMemoryAStreamIsHeldBackAndGoesOnLater, TcpOve
   ASSERT_TRUE(RunToTheEnd());
 }
 
-// With a stream under way, on its first way through everybody's hands.
+// With a stream under way that passes through every part for the first time.
 class TcpBrokenCall : public TcpFailure {
  protected:
   void Break(const char* call, unsigned nth, DWORD error) {

@@ -1,5 +1,6 @@
-// Urgent bytes in a relayed connection. Kept: nobody reads them. They are lost, the exception that
-// they cause is only logged and lasts as long as the byte does; the stream around them is complete.
+// Urgent bytes in a relayed connection. Kept: the relay does not read them. They are lost, and the
+// exception that they cause is only logged and lasts as long as the byte does; the stream around
+// them is complete.
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_world.h"
 #include "tests/support/log_texts.h"

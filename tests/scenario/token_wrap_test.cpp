@@ -78,8 +78,8 @@ SCENARIO_F(DatagramsAtTheWrap, AreRelayedUnderEveryNumber) {
   }
 }
 
-// What one socket has failed with is forgotten when it is closed; only a socket that was never
-// closed through here can leave its counts to the one that gets its number.
+// The failure counts of a socket are removed when it is closed; only a socket that was never closed
+// through the library can pass them on to the next one with its number.
 SCENARIO_F(StreamsAtTheWrap, CountTheirFailuresAfresh) {
   SetLastToken(GetRelayMgr(), 0xFFFFFFFE);
   const SOCKET s = Tcp();

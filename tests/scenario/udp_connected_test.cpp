@@ -36,7 +36,7 @@ SCENARIO_F(UdpConnected, AConnectedSocketIsConnectedToItsRelayAndSaysSo) {
                      "socket=" + std::to_string(s)));
   EXPECT_EQ(PeerOf(s), "127.0.0.1:" + std::to_string(ntohs(RecordOf(s).relay_addr.sin_port)));
   EXPECT_EQ(GameSent(), Texts{"open"});
-  // Where it is connected to is not known to the relay: nothing arrives anywhere.
+  // The relay does not know where it is connected to: nothing arrives.
   EXPECT_EQ(SendText(s, "lost"), 4);
   RunFor(1s);
   EXPECT_TRUE(heard.empty()) << AllHeard();
@@ -92,7 +92,7 @@ SCENARIO_F(UdpConnected, ARefusedSocketIsConnectedDirectly) {
   EXPECT_EQ(ConnectTo(unlisted, kUnlisted, kPort), 0);
   EXPECT_EQ(RecordOf(unlisted).relay_state, kRelayNotAsked);
   EXPECT_EQ(PeerOf(unlisted), "198.51.100.14:27015");
-  // Kept in the same state by a datagram that names no destination: it is no reason to ask.
+  // A datagram that names no destination leaves the state as it is: it is no reason to ask.
   sent.clear();
   EXPECT_EQ(sendto(unlisted, "x", 1, 0, nullptr, 0), 1);
   EXPECT_EQ(GameSent(), Texts{":x"});
@@ -159,7 +159,7 @@ SCENARIO_F(UdpConnected, ASendThatIsPendingIsTakenBackWithoutALookAtItsBuffers) 
 }
 
 // The address that a call gives may be longer than an IPv4 address is, or too short to be one: its
-// length goes down as it came, and what stands in its place must not be read beyond its end.
+// length is passed down unchanged, and the library must not read beyond its end.
 SCENARIO_F(UdpConnected, TheLengthOfTheAddressIsTheCallersOwn) {
   static int connect_size;
   static std::string connect_bytes;

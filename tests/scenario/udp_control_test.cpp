@@ -40,7 +40,7 @@ class UdpControlPort : public UdpSpiedWorld {
     if (!GetRelayMgr().GetCreateResult(token, &taken)) return "none";
     return taken.opened() ? "opened" : "refused";
   }
-  // As long as no session has the token, a request for it is answered with yes.
+  // As long as no session has the token, a request for it is accepted.
   bool HasSession(u32 token) {
     SendsControl(asking, Bytes(ProtoRelayOpen::Request(token, At(kServer, kPort), event, asking)));
     if (Answer(token) == "refused") return true;
@@ -155,8 +155,7 @@ SCENARIO_F_SEEDS(UdpControlPort, NoiseHasNoEffect, 5) {
   EXPECT_EQ(Talks(Udp(), "hello"), "hello from 198.51.100.10:27015");
 }
 
-// What a message of the right form may ask for is asked for by whoever sends it; no value in it
-// does harm.
+// A well-formed message is obeyed whoever sends it; no value in it does harm.
 SCENARIO_F(UdpControlPort, OddValuesInARequestAreNothingSpecial) {
   Begins();
   ProtoRelayOpen request = ProtoRelayOpen::Request(0, sockaddr_in{}, event, asking);

@@ -250,7 +250,7 @@ SCENARIO_F(UdpRelay, ClosingLetsBlockedDatagramsOutFirst) {
   const SOCKET s = Udp();
   EXPECT_EQ(Sends(s, "first"), 0);
   ASSERT_TRUE(RunUntil([&] { return !heard.empty(); }));
-  // The game's own send, then the relay's, then the relay's next try. Nothing asks for a third.
+  // The game's own send, then the relay's, then the relay's next try. There is no third try.
   port::FailCall("WSPSendTo", 2, WSAEWOULDBLOCK);
   port::FailCall("WSPSendTo", 3, WSAEWOULDBLOCK);
   EXPECT_EQ(Sends(s, "farewell"), 0);
@@ -261,7 +261,7 @@ SCENARIO_F(UdpRelay, ClosingLetsBlockedDatagramsOutFirst) {
   EXPECT_TRUE(Logged(test::kUdpSessionClosing));
   EXPECT_FALSE(Logged(test::kUdpSessionClosed));
   EXPECT_EQ(heard.size(), 1u);
-  // The server's send, the node's, and the relay's to the game: that asks for room again.
+  // The server's send, the node's, and the relay's to the game: that requests a write event again.
   port::FailCall("WSPSendTo", 3, WSAEWOULDBLOCK);
   EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 5s)) << a.AllEvents() << log_text();
   RunFor(100ms);
@@ -283,7 +283,7 @@ SCENARIO_F(UdpRelay, ManySocketsComeAndGo) {
   EXPECT_EQ(a.Count("flow_opened"), 200u);
 }
 
-// Calls of the game's other threads may have read the socket's record before it was closed.
+// Other threads of the game may have read the socket's record before it was closed.
 SCENARIO_F_SEEDS(UdpRelay, SendingWhileClosingTouchesNoQueueThatIsGone, 100) {
   Starts(5);
   const SOCKET s = Udp();
@@ -336,7 +336,8 @@ SCENARIO_F(UdpSwitch, AHealthyLinkIsNeverLeft) {
   EXPECT_GE(answered_, next_ - 1);
 }
 
-// Each direction is measured where it ends, and told to the other end with the next datagram.
+// Each direction is measured at its receiving end, and reported to the other end with the next
+// datagram.
 SCENARIO_F(UdpSwitch, TheNodeIsToldWhatShareOfItsDataIsLost) {
   MayMeasureAndSwitch();
   Configures([](moru_vyr::lsp::AccConfigRecord* config) { config->switch_open = 0; });
@@ -353,8 +354,8 @@ SCENARIO_F(UdpSwitch, TheNodeIsToldWhatShareOfItsDataIsLost) {
   }
 }
 
-// A node says what it misses in percent, and two percent have the link probed. So it must look back
-// over more of a game's datagrams than the fifty of which one is that much.
+// A node reports loss in percent, and two percent start a burst of probes. So it must look back
+// over more than fifty of a game's datagrams, of which a single one would be two percent.
 SCENARIO_F(UdpSwitch, ALoneDatagramLostOnTheWayUpIsNoReasonToProbe) {
   MayMeasureAndSwitch();
   Starts();

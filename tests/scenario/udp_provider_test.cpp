@@ -16,7 +16,7 @@ namespace {
 using namespace moru_vyr::lsp;  // NOLINT
 using namespace sim_test;       // NOLINT
 
-// Notes what would be polled.
+// Records what would be polled.
 class Loop final : public IRelaySocketMgr {
  public:
   u32 AddSocket(SOCKET socket, IRelaySocketDelegate*) noexcept override {
@@ -73,7 +73,7 @@ SCENARIO_F(UdpAlone, WithoutASocketTheProviderDoesNotStart) {
   EXPECT_FALSE(log.Contains("success"));
 }
 
-// Kept: a socket that has failed is polled all the same, and a line says that all is well.
+// Kept: a socket that has failed is polled all the same, and a log line reports success.
 SCENARIO_F(UdpAlone, ASocketWithoutAPortIsKeptAndTheProviderDoesNotStart) {
   port::FailCall("bind", 1, WSAENOBUFS);
   EXPECT_FALSE(provider.Init(&loop, &route));
@@ -123,8 +123,7 @@ SCENARIO_F(UdpAlone, AnAnswerThatNobodyHasTakenOutlivesItsSession) {
 
 // --- a session's address ----------------------------------------------------------------------
 
-// Lets the last test at what no test should need: an explicit instantiation may name a private
-// member.
+// Gives the last test access to a private member, which an explicit instantiation may name.
 template <class Tag, typename Tag::Type kMember>
 struct Opened {
   friend typename Tag::Type MemberOf(Tag) { return kMember; }

@@ -24,7 +24,7 @@ class UdpStates : public UdpSpiedWorld {
   }
   static u16 RelayPort(SOCKET s) { return ntohs(RecordOf(s).relay_addr.sin_port); }
 
-  // One datagram to the flow's own port, from a machine that nobody has spoken to.
+  // One datagram to the flow's own port, from a machine to which nothing was sent.
   void AStrangerSends(const std::string& text, SOCKET s) {
     const u16 port = RelayPort(s);
     world.SpawnOn(stranger, "stranger", [text, port] {
@@ -53,7 +53,8 @@ class UdpStates : public UdpSpiedWorld {
   sim::Host& stranger = world.AddHost("stranger", {"198.51.100.66"});
 };
 
-// --- strangers --------------------------------------------------------------------------------
+// --- unknown senders
+// --------------------------------------------------------------------------------
 
 SCENARIO_F(UdpStates, BeforeTheFirstDatagramNothingIsDelivered) {
   Starts();
@@ -89,7 +90,7 @@ SCENARIO_F(UdpStates, ThroughANodeOnlyItsDataPortIsHeard) {
   EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
 }
 
-// Without a node: anyone who knows the port is heard, under their own address.
+// Without a node: datagrams from anyone who knows the port arrive, with their own address.
 SCENARIO_F(UdpStates, DirectlyAnUnknownSenderKeepsItsOwnAddress) {
   Starts();
   const SOCKET s = Udp();
@@ -200,7 +201,7 @@ SCENARIO_F(UdpStates, WhatIsBlockedLeavesInOrderAndAsksForRoomOnlyOnce) {
   RunFor(1s);
   EXPECT_EQ(Heard("A"), (Texts{"first", "one"}));
   EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::" + test::Flushed(4, 3)));
-  // What finds room at once passes those that wait.
+  // A datagram that finds room at once overtakes those that wait.
   NothingFails();
   EXPECT_EQ(Sends(s, "five"), 0);
   RunFor(1s);
@@ -359,7 +360,7 @@ SCENARIO_F(UdpStates, ANodeThatAnswersEachRequestTwiceIsHeardOnce) {
   EXPECT_EQ(Difference({"one", "two"}, Heard("A")), "");
 }
 
-// Kept: on the direct way every sender is heard, even a node.
+// Kept: on the direct way datagrams of every sender arrive, even of a node.
 SCENARIO_F(UdpStates, AnAnswerAfterTheDirectWayHasBegunIsTheGamesToRead) {
   a.AnswersAfter(11'000);
   b.StopsAnswering();
@@ -372,7 +373,7 @@ SCENARIO_F(UdpStates, AnAnswerAfterTheDirectWayHasBegunIsTheGamesToRead) {
   EXPECT_EQ(late.text.size(), 41u);
 }
 
-// A refusal that comes twice must not cost the second node its chance.
+// A refusal that comes twice must not count against the second node.
 SCENARIO_F(UdpStates, ANodeThatRefusesTwiceIsLeftOnce) {
   a.behaviour().answers = 2;
   a.AnswersWith(9);
@@ -407,7 +408,7 @@ SCENARIO_F(UdpStates, ARequestThatIsBlockedLeavesWhenThereIsRoom) {
   EXPECT_EQ(Heard("A"), Texts{"hello"});
 }
 
-// --- nodes that carry badly -------------------------------------------------------------------
+// --- nodes that corrupt data ------------------------------------------------------------------
 
 struct BadCarrier {
   const char* name;
@@ -457,7 +458,7 @@ SCENARIO_F(UdpStates, AGameThatNeverReadsHarmsOnlyItself) {
   }
   RunFor(1s);
   EXPECT_EQ(Talks(other, "second"), "second from 198.51.100.10:27015");
-  // What did fit into its buffer has its true source still.
+  // A datagram that fitted into its buffer still has its true source.
   int read = 0;
   for (Datagram came = Receives(deaf, 0); !came.from.empty(); came = Receives(deaf, 0), ++read)
     EXPECT_EQ(came.from, "198.51.100.10:27015");

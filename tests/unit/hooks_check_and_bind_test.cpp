@@ -88,7 +88,7 @@ TEST_F(CheckAndBindTest, ThePortIsAskedForOnce) {
   EXPECT_TRUE(log.Contains("[0][lsp]CheckAndBind, retrieve port=4000 for socket=4322\n"));
 }
 
-// Kept: an answer is an answer. The next call asks again.
+// Kept: every answer is accepted. The next call asks again.
 TEST_F(CheckAndBindTest, APortOfZeroIsBelieved) {
   port = 1;
   EXPECT_TRUE(CheckAndBind(kSocket, &port));

@@ -82,7 +82,7 @@ TEST_F(DatagramHooks, SendToPassesItsArgumentsAndLeavesTheCountAlone) {
   EXPECT_EQ(bytes, 99u);
 }
 
-// How much of an address is valid is for the caller to say and for the next provider to judge.
+// The caller says how much of an address is valid, and the next provider judges it.
 TEST_F(DatagramHooks, SendToPassesTheLengthOfTheAddressAsItIs) {
   sockaddr_in room[2] = {server};
   for (const int size : {-1, 0, 2, 15, 16, 17, 32}) {
@@ -203,7 +203,7 @@ TEST_F(DatagramHooks, RelayFieldsOfTheRecordChangeNothingWithoutARelay) {
   EXPECT_EQ(RecvFrom(&from), 0);
   EXPECT_EQ(std::memcmp(&from, &relay, sizeof from), 0);
   EXPECT_EQ(WSPCloseSocket(next.socket, &error), 0);
-  EXPECT_EQ(next.calls.size(), 3u);  // and no word to the relay at the end
+  EXPECT_EQ(next.calls.size(), 3u);  // and no message to the relay at the end
 }
 
 }  // namespace

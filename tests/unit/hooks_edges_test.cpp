@@ -185,7 +185,7 @@ TEST_F(HookEdges, ConnectExNeedsNoConnectBelow) {
 
 // --- pings ----------------------------------------------------------------------------------
 
-// A message lies in the first buffer, as far as anyone here looks.
+// A ping message is expected in the first buffer alone.
 TEST_F(HookEdges, APingIsReadFromTheFirstOfItsBuffers) {
   Make(3, 1);
   EXPECT_EQ(
@@ -209,7 +209,7 @@ TEST_F(HookEdges, APingIsReadFromTheFirstOfItsBuffers) {
 
 // --- levels ---------------------------------------------------------------------------------
 
-// The life of a socket is told at the level of events, whatever else is.
+// The life of a socket is logged at the level of events, whatever happens to it.
 TEST_F(HookEdges, TheLifeOfASocketIsToldAtTheLevelOfEvents) {
   test::LogCapture log(4);
   Make();
@@ -295,7 +295,7 @@ TEST_F(HookEdges, EachCallCountsItsFailuresApart) {
 
 // --- a socket that may not be relayed -------------------------------------------------------
 
-// Whatever its record says of a relay, nobody is asked for one.
+// Whatever its record says about a relay, none is asked for.
 TEST_F(HookEdges, AConnectedSocketThatMayNotBeRelayedAsksForNothing) {
   Make(2, 17);
   GetSocketMap().SetUdpConnectMode(next.socket, true);

@@ -101,7 +101,7 @@ TEST_F(RawHooks, CountsMayBeMissing) {
   EXPECT_EQ(next.calls.size(), 1u) << "the connect alone";
 }
 
-// Kept: the game is told of more than it got.
+// Kept: the game is told a larger count than it got.
 TEST_F(RawHooks, TheCountOfAReplyThatIsCutIsItsOwn) {
   MakeSocket();
   Connect();
@@ -140,7 +140,7 @@ TEST_F(RawHooks, OnlyConnectedIcmpSocketsAreAnsweredFor) {
   EXPECT_EQ(next.Last().name, "WSPSend") << "not connected";
 }
 
-// The address is not read beyond what the game says there is of it.
+// The address is not read beyond the length that the game gives.
 TEST_F(RawHooks, AShortAddressCountsAsZero) {
   MakeSocket();
   Connect(4);

@@ -1,6 +1,6 @@
 // The replaced entries that create, connect and close sockets, over a scripted next provider. At
-// stake: a game must get its own arguments through and the next provider's own answers back,
-// whatever is logged about it.
+// stake: the game's arguments must reach the next provider, and its answers the game, whatever is
+// logged about it.
 #include <gtest/gtest.h>
 
 #include <cstring>

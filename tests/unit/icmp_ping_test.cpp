@@ -1,5 +1,5 @@
-// A game's raw pings, answered with forged replies. At stake: the bytes and the time of a reply are
-// all that the game's ping display has, and the buffers are the game's own.
+// A game's raw pings, answered with forged replies. At stake: the game's ping display depends on
+// the bytes and the time of a reply alone, and the buffers belong to the game.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -117,7 +117,7 @@ struct IcmpPing : testing::Test {
   u32 reply_length = 0;
 };
 
-// --- the sums --------------------------------------------------------------------------------
+// --- checksums -------------------------------------------------------------------------------
 
 TEST(IcmpSums, TheTwoReadTheirWordsInDifferentOrders) {
   const u8 words[] = {0x12, 0x34, 0x00, 0x01};
@@ -183,8 +183,7 @@ TEST_F(IcmpPing, AShortBufferGetsWhatFits) {
   }
 }
 
-// Some games say that there is more of a buffer than there is; a reply that fits was never a
-// reason to fault.
+// Some games pass a length beyond their buffer; a reply that fits must not fault.
 TEST_F(IcmpPing, NothingBehindTheReplyIsTouched) {
   ping_request_t request;
   request.size = 8;
@@ -193,7 +192,8 @@ TEST_F(IcmpPing, NothingBehindTheReplyIsTouched) {
   EXPECT_EQ(buffer[0], 0x45);
 }
 
-// --- what is held back -----------------------------------------------------------------------
+// --- which requests are held
+// -----------------------------------------------------------------------
 
 TEST_F(IcmpPing, OnlyWholeEchoRequestsAreHeld) {
   std::vector<char> good = Message(64, kChecksumOf64);

@@ -239,7 +239,7 @@ TEST(RecoverySwitch, WithoutAReadingThereIsNoLoss) {
   LinkJudge link;
   ASSERT_TRUE(link.Start());
   link.PassReportLimit();
-  link.JudgesLoss();  // what the last reading found, and there was none: 0
+  link.JudgesLoss();  // the result of the last reading; there was none: 0
   EXPECT_TRUE(link.owner.fired.empty());
 }
 
@@ -311,7 +311,7 @@ TEST(RecoverySwitch, ADiagnosticProcessMaySwitchWhateverIsOpen) {
   EXPECT_EQ(link.owner.fired.size(), 1u);
 }
 
-// Where a switch begins, the session on trial reports how it ended, with the judge's record.
+// If a switch begins, the trial reports its outcome, with the judge's record.
 TEST(RecoverySwitch, LeavesTheReportToTheSwitchThatItStarted) {
   LinkJudge link(0);
   ASSERT_TRUE(link.Start());
@@ -327,7 +327,7 @@ TEST(RecoverySwitch, LeavesTheReportToTheSwitchThatItStarted) {
   EXPECT_TRUE(log.Contains(test::kSwitchFires + "0, proxy_idc=42 ,socket=1234, token=77"));
   EXPECT_TRUE(log.Contains("[RecoverySwitch]DoSwitch, count=0, socket=1234, token=77"));
 
-  // And not again for half a minute; that one is its own to report.
+  // And not again for half a minute; that one it reports itself.
   link.PassReportLimit();
   link.Probe(5, 0);
   link.JudgesLoss();
@@ -454,7 +454,7 @@ TEST(RecoverySwitch, ANewLinkIsNotJudgedByWhatWasReadOfTheOldOne) {
   EXPECT_TRUE(link.owner.fired.empty());
   u32 need = 0, real = 0;
   EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, false), 102);
-  // What it reports is its own.
+  // Its reports are its own.
   link.Probe(5, 0);
   link.JudgesLoss();
   ASSERT_EQ(link.owner.fired.size(), 1u);
@@ -580,7 +580,7 @@ TEST(RecoverySwitch, SlotsOfTheFrontSectionCloseToo) {
   EXPECT_TRUE(log.Contains("rs info=10-9-0-0-100-0-0-0-0-0-0-0-0-0-0, link type=2"));
 }
 
-// A node is told "not known" rather than a loss from a handful of packets.
+// A node gets "not known" rather than a loss computed from a handful of packets.
 TEST(RecoverySwitch, TellsNoLossFromFewerThanTwentyPackets) {
   for (const u32 received : {0u, 1u, 19u, 20u}) {
     LinkJudge link;

@@ -100,7 +100,7 @@ TEST(NetProvider, LocalAddressIsLoopback) {
 
 using test::HandTurned;
 
-// The loop, which remembers whom it was to tell of writability.
+// The loop; it records which delegates wait to write.
 struct NotingLoop final : IRelaySocketMgr {
   u32 AddSocket(SOCKET s, IRelaySocketDelegate* d) noexcept override {
     return turned.AddSocket(s, d);
@@ -156,7 +156,7 @@ struct StreamProvider : testing::Test {
     const std::size_t at = line.find("socket=");
     return at == line.npos ? INVALID_SOCKET : static_cast<SOCKET>(std::stoul(line.substr(at + 7)));
   }
-  // Turns until the peer has closed, or gives up.
+  // Runs passes until the peer has closed, or gives up.
   bool IsClosedSoon(SOCKET s) {
     test::MakeNonBlocking(s);
     for (int i = 0; i < 500; ++i) {
@@ -176,7 +176,7 @@ struct StreamProvider : testing::Test {
   int relay_len = 0;
 };
 
-// Kept: the lines call it a socket of datagrams.
+// Kept: the log lines call it a datagram socket.
 TEST(StreamProviderStart, TheListenerHasBuffersOf64KiBAndGivesThemOn) {
   test::StartWinsock();
   test::LogCapture log(0);
@@ -203,7 +203,7 @@ TEST_F(StreamProvider, HandsOutItsListener) {
   EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
 }
 
-// A thread may still be connecting by what it was given when the worker ends and starts again.
+// A thread may still be connecting to its old port when the worker ends and starts again.
 TEST_F(StreamProvider, WhatWasHandedOutStaysAsItWas) {
   ASSERT_TRUE(Request(htons(4000), "198.51.100.10", 1));
   const auto* const first = reinterpret_cast<const sockaddr_in*>(relay_addr);
@@ -288,7 +288,7 @@ TEST_F(StreamProvider, AnAcceptedConnectionReachesItsServer) {
     if (n > 0) heard.append(bytes, static_cast<size_t>(n));
   }
   EXPECT_EQ(heard, "hello");
-  // The server's last words arrive before its end.
+  // The server's last bytes arrive before its end.
   ASSERT_EQ(send(server, "bye", 3, 0), 3);
   server.Close();
   heard.clear();
@@ -330,8 +330,8 @@ TEST_F(StreamProvider, NeitherSideWaitsForSmallPiecesToBeConfirmed) {
   }
 }
 
-// Kept: the remote socket is watched for writability whatever the connect came to. The error is a
-// detail at the lowest level.
+// Kept: the remote socket is watched for writability whatever the result of the connect. The error
+// is logged at the lowest level.
 TEST_F(StreamProvider, AConnectThatFailsAtOnceIsWatchedAllTheSame) {
   test::LogCapture log(0);
   u16 port = 0;

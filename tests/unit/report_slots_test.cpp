@@ -302,7 +302,7 @@ TEST_P(ReportSlots, OfAnotherSizeCountAsNone) {
   EXPECT_EQ(region.Bytes(), before);
 }
 
-// Every way out gives the mutex back: the client would hang otherwise.
+// Every return releases the mutex: the client program would hang otherwise.
 TEST_P(ReportSlots, LeaveTheChannelsMutexFree) {
   common::NamedMutex mutex(channel().mutex_name);
   const auto is_free = [&] {
@@ -329,7 +329,7 @@ TEST_P(ReportSlots, LeaveTheChannelsMutexFree) {
 INSTANTIATE_TEST_SUITE_P(All, ReportSlots, testing::ValuesIn(Reports()),
                          [](const auto& test) { return std::string(test.param.name); });
 
-// --- what only one of them does ---------------------------------------------------------------
+// --- differences between channels -------------------------------------------------------------
 
 void SetGameId(u64 id) {
   AccConfigRecord config;

@@ -196,7 +196,7 @@ TEST_F(DecisionTest, SocketTypesHaveTheirCodes) {
   }
 }
 
-// The caller's record may have been used before. Only what would mislead is cleared.
+// The caller's record may have been used before. Only fields that would mislead are cleared.
 TEST_F(DecisionTest, OfAnOldRecordOnlyTwoFieldsAreCleared) {
   test::Fill(info, 'x');
   EXPECT_FALSE(Decide("10.0.0.1"));

@@ -134,7 +134,7 @@ class SpurBeat : public RouteLoad {
 };
 
 // The event is never closed: once a policy has made it, its name is taken for the rest of the
-// process. So this test stands first, and leaves no event behind.
+// process. So this test comes first, and leaves no event behind.
 TEST_F(SpurBeat, EventThatCannotBeMadeFiveTimesIsGivenUp) {
   if (EventExists()) GTEST_SKIP() << "another test of this process has made the event";
   {
@@ -180,7 +180,7 @@ TEST_F(SpurBeat, ChangeIsPickedUpAtTheNextBeatHoweverOftenItIsSignalled) {
   route.OnUpdate(30'000);
   EXPECT_EQ(CountOf(test::kSpurListChanged), 2);
 
-  // Beats are counted in what the worker tells, from zero after each.
+  // Beats are counted in the time that the worker reports, from zero after each.
   Signal();
   route.OnUpdate(45'000);
   EXPECT_EQ(CountOf(test::kSpurListChanged), 3);

@@ -412,8 +412,8 @@ TEST_F(RouteTableTest, ProxyAddressIsComparedAsText) {
   EXPECT_FALSE(table().IsProxyIp("203.0.113."));
 }
 
-// The worker and the threads that send pings meet in the finding of the table and in its first
-// mapping.
+// The worker and threads that send pings may look up the table, and map it for the first time, at
+// the same moment.
 TEST_F(RouteTableTest, ThreadsThatMeetAtTheFirstLookupAllFindTheTable) {
   common::SetLogThreshold(6);
   for (int round = 0; round < 20; ++round) {

@@ -58,7 +58,7 @@ class SharedMem : public testing::Test {
   }
 
   std::string name_, mutex_name_;
-  // A mutex that nobody knows any more is free, whoever had it last: this keeps it known.
+  // A mutex without a handle is made anew, and free whoever owned it before: this keeps it open.
   std::optional<common::NamedMutex> keeps_mutex_;
 };
 

@@ -122,7 +122,7 @@ TEST(UdpPackageQueue, TakesBackThatVeryEntryAndNoOther) {
   EXPECT_TRUE(log.Contains(test::kQueueEmpty));
 }
 
-// The memory of an entry that is gone serves the next one; the number does not.
+// The memory of a removed entry is reused for the next one; its number is not.
 TEST(UdpPackageQueue, ANumberIsNeverUsedAgain) {
   UdpPackageQueue queue;
   const Buffers one{"one"};

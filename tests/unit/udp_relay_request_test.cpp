@@ -1,6 +1,6 @@
-// What a datagram socket tells the relay's control port, over a scripted next provider. At stake:
-// the relay accepts nothing but the exact message, from the socket itself, and whatever the outcome
-// is, the game's call goes on.
+// What a datagram socket sends to the relay's control port, over a scripted next provider. At
+// stake: the relay accepts nothing but the exact message, from the socket itself, and whatever the
+// outcome is, the game's call goes on.
 #include "hooks/udp_relay_request.h"
 
 #include <gtest/gtest.h>
@@ -172,7 +172,7 @@ TEST_F(ControlMessages, OnlyTheEndOfARelayIsTold) {
   EXPECT_TRUE(next.calls.empty());
 }
 
-// --- what a datagram makes of the answer ------------------------------------------------------
+// --- how a datagram uses the answer -----------------------------------------------------------
 
 TEST_F(ControlMessages, ADatagramGoesToTheRelayOnlyWhereAWorkerServes) {
   char data[4] = {};
