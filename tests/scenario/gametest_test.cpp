@@ -8,6 +8,7 @@
 #include "gametest/test_mode.h"
 #include "port/sim/scenario.h"
 #include "route/acc_config.h"
+#include "route/decision.h"
 #include "route/init_log.h"
 #include "route/route.h"
 #include "tests/scenario/game_process.h"

@@ -137,7 +137,7 @@ void ExpectFailsOnce(sim::World& world, unsigned failing_socket, const char* udp
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_TRUE(log.Contains(std::string("RelayMgr::InternalInit, UDP init is ") + udp_init));
   EXPECT_TRUE(log.Contains("RelayMgr::InternalInit, TCP init is false\n"));
-  EXPECT_TRUE(log.Contains(test::RelayInitialized(E_FAIL)));
+  EXPECT_TRUE(log.Contains(test::RelayInitialized(-2147467259)));
   const auto before = world.now();
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_EQ(world.now(), before);

@@ -6,6 +6,7 @@
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
+using enum moru_vyr::lsp::NegoFailure;
 
 class TcpFailure : public TcpWorld {
  protected:
@@ -15,7 +16,7 @@ class TcpFailure : public TcpWorld {
     for (sim::Host* host : {&a_host, &b_host, &server_host})
       world.SetLink(world.home().host, *host, far);
   }
-  int Sessions(const char* line) const {
+  int Sessions(const std::string& line) const {
     const std::string text = log_text();
     int found = 0;
     for (size_t at = text.find(line); at != text.npos; at = text.find(line, at + 1)) ++found;

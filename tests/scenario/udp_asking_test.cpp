@@ -88,7 +88,7 @@ struct AskingFailure {
   std::function<int(const SentDatagram&)> fails;
   std::function<size_t(const SentDatagram&)> says;
   Texts sent_by_game;
-  const char* words;
+  std::string words;
 };
 
 bool IsOpen(const SentDatagram& one) { return one.text.size() == sizeof(ProtoRelayOpen); }

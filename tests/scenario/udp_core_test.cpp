@@ -9,6 +9,7 @@
 namespace {
 
 using namespace udp_test;  // NOLINT
+using enum moru_vyr::lsp::NegoFailure;
 
 using Texts = std::vector<std::string>;
 

@@ -4,6 +4,8 @@
 #pragma once
 #include <string>
 
+#include "relay/nego_common.h"
+
 namespace test {
 
 // --- start-up and admission ----------------------------------------------------------------------
@@ -39,8 +41,7 @@ inline std::string BlacklistEntries(int count) {
 
 // --- replaced entries ----------------------------------------------------------------------------
 inline const std::string kConnectCalled = "WSPConnect:protocol=";
-inline const std::string kConnectRelayed =
-    "WSPConnect: RequestTcpRelaySession is relayed. relay=127.0.0.1:";
+inline const std::string kConnectRelayed = "WSPConnect: RequestTcpRelaySession is relayed. relay=";
 inline const std::string kConnectExCalled = "WSPConnectEx: protocol=";
 inline const std::string kNoConnectEx = "WSPConnectEx: WSPIoctl get function pointer failure, ";
 inline std::string NoNextProvider(const std::string& entry) {
@@ -101,7 +102,7 @@ inline const std::string kForcedPastIsp =
     "CheckNegotiation isp not support, but force accl, client_isp=2, ";
 inline const std::string kNoLastNode = "last_node:(node_id=0, ip=0.0.0.0, port=0, accl_token=0)";
 // A NegoFailure, or the node's own reason.
-inline std::string NegotiationFailed(unsigned reason) {
+inline std::string NegotiationFailed(common::u32 reason) {
   return "OnNegotiationFailed, reason=" + std::to_string(reason) + ", ";
 }
 
