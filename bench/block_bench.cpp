@@ -1,7 +1,7 @@
-// What the blocks of a stream's buffer cost to get and to give back. A connection of little traffic
-// takes one for each direction and touches a page or two of it. Beside the library's buffer stand
-// two blocks of the same size from the heap: one that nobody has cleared, and one that was cleared
-// by the heap's own call, which has to do so by hand where the block was used before.
+// What it costs to allocate and to free the blocks of a stream's buffer. A connection of little
+// traffic takes one for each direction and touches a page or two of it. The library's buffer is
+// compared with two blocks of the same size from the heap: one that is not cleared, and one that
+// the heap's own call clears, which has to write zeros if the block was used before.
 //
 //   build/posix/bench/block_bench
 //
@@ -18,7 +18,7 @@ namespace {
 
 constexpr u32 kPage = 4096;
 
-// A heap that has seen blocks of this size: it keeps what comes back, and gives it out again.
+// A heap that has handed out blocks of this size before: it keeps what is freed and reuses it.
 void AgeTheHeap() {
   void* blocks[8];
   for (void*& block : blocks) std::memset(block = std::malloc(BlockBuffer::kBlockSize), 1, kPage);

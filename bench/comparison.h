@@ -1,4 +1,4 @@
-// Figures that several ways of doing one thing yield in turns, and what they say beside each other.
+// Figures of several ways of doing one thing, measured in turns, and how they compare.
 //
 // One thread.
 #pragma once
@@ -27,13 +27,13 @@ class Comparison {
  public:
   Comparison(std::vector<Row> rows, std::vector<std::string> ways, std::vector<Pair> pairs);
 
-  // Of one round; every round adds to a row what each way yields, or nothing for any.
+  // The figure of one way in one round. A round adds one for every way, or for none.
   void Add(std::size_t row, const std::string& way, double value);
 
   double Median(std::size_t row, const std::string& way) const;
-  // How much better the first is than the second; 1 where they are the same. Neighbours in time are
-  // compared, since a busy machine is busy for both, and the middle of those ratios is told. 0
-  // where nothing can be said.
+  // How much better the first is than the second; 1 if they are equal. Figures of the same round
+  // are compared, since a busy machine slows both; the result is the median of those ratios, or 0
+  // if there is none.
   double Ratio(std::size_t row, const Pair& pair) const;
 
   // Rows without a figure are left out.

@@ -12,10 +12,10 @@
 
 namespace bench {
 
-// A process and all that it makes. Ended with this object.
+// A process and its children. They are ended with this object.
 class Forwarder {
  public:
-  // Nothing is started by a default one.
+  // A default one starts nothing.
   Forwarder() = default;
   explicit Forwarder(const std::vector<std::string>& command);
   explicit Forwarder(const std::function<void()>& work);
@@ -35,11 +35,11 @@ class Forwarder {
 // Whether a program can be found by that name.
 bool HasProgram(const std::string& name);
 
-// What the processes of some groups use from now on.
+// The processor time that the processes of some groups use from now on.
 class ProcessorUse {
  public:
   explicit ProcessorUse(std::vector<pid_t> groups);
-  // So far, by those that live now: one that has ended meanwhile had nothing to do.
+  // So far, by the processes that still run: one that has ended meanwhile had nothing to do.
   double Seconds() const;
 
  private:

@@ -54,7 +54,7 @@ void SetHeader(Region* region) {
 constexpr u32 kADayMs = 86'400'000;
 constexpr common::u16 kALongTimeS = 0xFFFF;
 
-// The widest thresholds: nothing that a loaded machine does to a link has it changed.
+// The widest thresholds, so that a loaded machine never makes a flow change its node.
 void SetCare(Care care, AccConfigRecord* game) {
   game->norm_test_interval = care == Care::kNoProbes || care == Care::kNoMeasure ? kADayMs : 0;
   game->ignore_high_freq_test_time = kALongTimeS;

@@ -6,11 +6,11 @@
 
 namespace bench {
 
-// What the library does for a flow of datagrams besides carrying it.
+// How much the library does for a flow of datagrams besides carrying it.
 enum class Care : std::uint8_t {
   kAll,        // as for a game whose links are watched: probes, losses, statistics
-  kNoProbes,   // but no probe is ever due
-  kNoMeasure,  // nor does it count what is lost
+  kNoProbes,   // the same, but no probe is ever due
+  kNoMeasure,  // the same, and losses are not counted either
 };
 
 struct LibrarySetup {

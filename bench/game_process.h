@@ -1,5 +1,5 @@
-// A game in a process of its own, which does what it is told, one order after the other, and
-// answers each with what came of it. Orders and outcomes are plain values.
+// A game in a process of its own, which carries out orders one after the other and answers each
+// with its outcome. Orders and outcomes are plain values.
 #pragma once
 #include <signal.h>
 #include <sys/prctl.h>
@@ -39,7 +39,7 @@ class GameProcess {
   GameProcess(const GameProcess&) = delete;
   GameProcess& operator=(const GameProcess&) = delete;
 
-  // All zero where the process is no more.
+  // All zero if the process has ended.
   Outcome Does(const Order& order) {
     Outcome outcome = {};
     if (!Put(orders_, order) || !Take(outcomes_, &outcome)) return {};

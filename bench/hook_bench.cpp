@@ -1,6 +1,6 @@
-// What an intercepted call that relays nothing adds to the call it passes on: one map lookup
-// under a short lock, one record copy. The next provider here does nothing at all, so the
-// difference between the two rows is all ours. The argument is the number of sockets open.
+// What an intercepted call that relays nothing adds to the call it passes on: one map lookup under
+// a short lock, one record copy. The next provider here does nothing at all, so the difference
+// between the two rows is the library's cost. The argument is the number of sockets open.
 #include <benchmark/benchmark.h>
 #include <winsock2.h>
 #include <ws2spi.h>
@@ -95,7 +95,7 @@ void OpenAndClose(benchmark::State& state) {
 }
 BENCHMARK(OpenAndClose)->RangeMultiplier(16)->Range(1, 65536);
 
-// A silent level against one that formats and collects a line.
+// A log level that writes nothing, against one that formats and collects a line.
 void SilentLogLine(benchmark::State& state) {
   common::SetLogThreshold(6);
   for (auto _ : state) LSP_LOG(0, "WSPSend: ret=%d, socket=%d, token=%u", 0, 1, 2u);

@@ -16,8 +16,7 @@
 
 namespace bench {
 
-// A figure of what a game was told to do. Rows that follow each other and have the same order are
-// figures of one run.
+// One figure of an order to a game. Consecutive rows with the same order are figures of one run.
 template <class Order, class Outcome>
 struct Measure {
   Row row;
@@ -39,8 +38,8 @@ class MeasuredTable {
  public:
   using AMeasure = Measure<Order, Outcome>;
   using AWay = Way<Order, Outcome>;
-  // Whether all is well with an outcome; otherwise it has said what is not. Only an outcome that
-  // `worked` has figures, whatever the answer.
+  // Whether an outcome is acceptable; if not, it has printed why. Only an outcome that `worked` has
+  // figures, whatever the answer.
   using Judge = std::function<bool(const AWay&, const AMeasure&, const Outcome&)>;
 
   MeasuredTable(const Settings& settings, std::vector<AMeasure> measures, std::vector<AWay> ways,
@@ -56,7 +55,7 @@ class MeasuredTable {
     comparison_ = std::make_unique<Comparison>(rows, names, pairs);
   }
 
-  // Measures and prints. Whether all was well with every outcome.
+  // Measures and prints. True if every outcome was acceptable.
   bool Run(const Judge& judge) {
     if (measures_.empty() || ways_.empty()) return true;
     const bool tells = isatty(STDERR_FILENO) != 0;
@@ -72,7 +71,7 @@ class MeasuredTable {
   }
 
  private:
-  // All ways, one after the other, each round from another on: nobody always follows the same.
+  // All ways in turn. Each round begins with another one, so that none always follows the same one.
   std::size_t TakeTurns(std::size_t first, std::size_t round, const Judge& judge, bool* well) {
     const Order& order = measures_[first].order;
     std::size_t end = first;

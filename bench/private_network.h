@@ -1,4 +1,4 @@
-// The network that nothing leaves, as a benchmark of real processes needs it.
+// The isolated network in which benchmarks of real processes run.
 #pragma once
 
 namespace bench {
@@ -10,8 +10,8 @@ inline constexpr char kNodeAddress[] = "198.51.100.20";
 
 bool InPrivateNetwork();
 
-// Starts this program anew in there, with the same arguments. Returns only where that fails: the
-// exit code.
+// Starts this program again in that network, with the same arguments. Returns only if that fails:
+// the exit code.
 int EnterPrivateNetwork(int argc, char** argv);
 
 }  // namespace bench

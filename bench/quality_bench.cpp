@@ -1,6 +1,6 @@
 // What measuring a link costs: for every datagram of a game, for every probe, and at every step of
-// the timer. The judge that is switched off stands beside the one that is on, and losses over short
-// and long windows beside each other.
+// the timer. A judge that is switched off is compared with one that is on, and loss over short
+// windows with loss over long ones.
 //
 //   build/posix/bench/quality_bench
 #include <benchmark/benchmark.h>
@@ -94,7 +94,7 @@ void LostCalcGetCurLost(benchmark::State& state) {
 }
 BENCHMARK(LostCalcGetCurLost)->ArgName("slots")->Arg(2)->Arg(5)->Arg(60);
 
-// The timer step, at which nothing is due, as every 30 ms.
+// A timer step at which nothing is due, as happens every 30 ms.
 void TimerStep(benchmark::State& state) {
   RecoverySwitch judge;
   Judge(&judge, 1, state.range(0) != 0);

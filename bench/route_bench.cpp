@@ -1,4 +1,4 @@
-// What the route policy costs as its tables grow. The product's address table stands beside the
+// What the route policy costs as its tables grow. The product's address table is compared with the
 // two containers that anyone would reach for first, a tree and a sorted array with binary search,
 // on the same keys and in one run; NeedRelay and MakeDecision are asked of empty, small and full
 // tables. The argument is the number of rows of the IP table.

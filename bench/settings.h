@@ -1,4 +1,4 @@
-// What the benchmarks of whole processes are asked for on the command line, and where they run.
+// The command line of the benchmarks of whole processes, and the place where they run.
 #pragma once
 #include <functional>
 #include <string>
@@ -16,15 +16,15 @@ struct Settings {
   bool Wants(const std::string& way) const;
 };
 
-// The main function of such a program: `run`, in the private network, which is entered where this
-// is not yet in it. The exit code.
+// The main function of such a program: enters the private network if the process is not yet in it,
+// and calls `run`. Returns the exit code.
 int RunBench(int argc, char** argv, const char* usage,
              const std::function<int(const Settings&)>& run);
 
 // A folder for what forwarders and the library write; it exists.
 std::string BenchFolder();
 
-// The node that was built beside this program; empty where there is none.
+// The node that was built beside this program; empty if none was.
 std::string NodeProgram();
 
 // Reports that a way is not measured because that is missing.

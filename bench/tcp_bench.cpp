@@ -126,14 +126,14 @@ class Ways {
     return options;
   }
 
-  // What the forwarders use counts.
+  // Counts what the forwarders use.
   void Add(const std::string& name, std::vector<Forwarder> forwarders, GameOptions options) {
     if (!settings_.Wants(name)) return;
     for (const Forwarder& one : forwarders) options.forwarders.push_back(one.group());
     ways_.push_back({name, std::move(forwarders), StartGame(options), options.with_library});
   }
 
-  // The game through those forwarders, of which one has that port.
+  // The game through those forwarders, one of which listens on that port.
   void AddForwarded(const std::string& name, std::vector<Forwarder> forwarders,
                     std::uint16_t port) {
     if (WaitForListener("127.0.0.1", port)) {
@@ -188,8 +188,9 @@ class Ways {
   std::vector<StreamWay> ways_;
 };
 
-// Some machines' default lets every sender pace itself by what it thinks of the network. Over a
-// loopback that is what would be measured, in all ways alike. Where it cannot be changed it stays.
+// On some machines every sender paces itself by its own estimate of the network. Over a loopback
+// device the benchmark would measure that, the same in every way of running it. If the setting
+// cannot be changed, it stays.
 void UsePlainCongestionControl() {
   std::ofstream("/proc/sys/net/ipv4/tcp_congestion_control") << "reno";
 }

@@ -1,4 +1,4 @@
-// The forwarders of streams that stand beside the library's relay.
+// The stream forwarders that the library's relay is compared with.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace bench {
 
-// Each forwards 127.0.0.1:`from` to `to`:`to_port`, as its maker's manual has it.
+// Each forwards 127.0.0.1:`from` to `to`:`to_port`, set up as its manual says.
 std::vector<std::string> SocatCommand(std::uint16_t from, const std::string& to,
                                       std::uint16_t to_port);
 std::vector<std::string> HaproxyCommand(const std::string& folder, std::uint16_t from,

@@ -19,10 +19,10 @@ namespace bench {
 namespace {
 
 constexpr int kPiece = 1 << 16;
-// Down or up a connection before its time counts: by then whoever carries it has its buffers.
+// Sent over a connection before the clock starts: by then every forwarder has its buffers.
 constexpr std::uint64_t kWarmUp = 4 << 20;
 
-// What the server is asked for.
+// The request to the server.
 char Demand(const Order& order) {
   if (order.split_answer) return 's';
   return order.pieces > 1 ? 'w' : 'e';

@@ -1,5 +1,5 @@
-// A game of streams, with the library in it or without, which measures what it is told to. Its
-// socket calls are Winsock's, the same in every way of running it.
+// A game that uses connections, with or without the library in its process, and measures what it is
+// ordered to. Its socket calls are Winsock's, the same in every way of running it.
 #pragma once
 #include <sys/types.h>
 
@@ -13,7 +13,7 @@
 namespace bench {
 
 enum class Task : std::uint32_t {
-  kDownload,  // over one connection: `amount` bytes, after some that do not count
+  kDownload,  // over one connection: `amount` bytes, after some that are not counted
   kUpload,
   kReply,    // over one connection: `amount` round trips of `message` bytes
   kConnect,  // `amount` connections, one after the other, each to its first reply of `message`
@@ -42,7 +42,7 @@ struct Outcome {
 };
 
 struct GameOptions {
-  std::string server;  // what it connects to, as it thinks
+  std::string server;  // the address that it connects to
   std::uint16_t port = 0;
   bool with_library = false;
   std::string node;  // where the library's node listens, or empty: relayed, but to no node

@@ -12,7 +12,7 @@
 namespace bench {
 
 constexpr std::size_t kMessage = 64;  // of 'w' and 's'
-constexpr unsigned kPauseUs = 200;    // between pieces, on either side: each should leave alone
+constexpr unsigned kPauseUs = 200;  // between pieces, on either side: each should be sent by itself
 
 struct Request {
   char what;

@@ -1,4 +1,4 @@
-// Times as the benchmarks of whole processes take and tell them.
+// How the benchmarks of whole processes measure and print times.
 #pragma once
 #include <algorithm>
 #include <ctime>
@@ -17,7 +17,7 @@ struct Spread {
   double p99 = 0;
 };
 
-// Of nothing it is zero.
+// Zero for no values.
 inline Spread SpreadOf(std::vector<double> times) {
   if (times.empty()) return {};
   std::sort(times.begin(), times.end());

@@ -1,6 +1,6 @@
-// What the Tracker adds to a relayed datagram: one lookup in the watch list and a few additions,
-// on the worker. Unwatched is a socket that is not in the list; the argument is the number of
-// sockets that are.
+// What the Tracker adds to a relayed datagram: one lookup in the watch list and a few additions, on
+// the worker. An unwatched socket is not in the list; the argument is the number of sockets that
+// are.
 #include <benchmark/benchmark.h>
 
 #include <string>
@@ -67,7 +67,7 @@ void Received(benchmark::State& state) {
 }
 BENCHMARK(Received)->Arg(1)->Arg(10)->Arg(60);
 
-// A datagram's way out of the worker, alone and with what the Tracker is told of it.
+// A datagram's way out of the worker, alone and with the Tracker's bookkeeping.
 void Send(benchmark::State& state, bool told) {
   WSADATA data;
   WSAStartup(MAKEWORD(2, 2), &data);
@@ -94,7 +94,7 @@ void Send(benchmark::State& state, bool told) {
 BENCHMARK_CAPTURE(Send, Untold, false);
 BENCHMARK_CAPTURE(Send, Told, true);
 
-// A probe that is sent: the figures are fetched and given back.
+// A probe that is sent: the figures are read and written back.
 void ProbeFigures(benchmark::State& state) {
   Watched watched(state.range(0));
   SpeedStats stats;

@@ -1,6 +1,6 @@
 // What a relayed flow of datagrams costs, beside a direct one and beside other programs that
-// forward the same way; and what of it the library's care for the flow costs. On this machine and
-// in one run. See bench/README.md for how to read it.
+// forward the same way; and how much of that is due to what the library does for the flow besides
+// carrying it. On this machine and in one run. See bench/README.md for how to read it.
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -36,7 +36,8 @@ constexpr std::uint16_t kFirstForwarderPort = 20200;
 constexpr std::uint32_t kUnderWay = 64;  // datagrams at once, of all flows together
 constexpr std::uint32_t kPacedFlows = 10;
 constexpr std::uint32_t kPacedHertz = 60;
-// One for each datagram of one direction is 0.5; reports of a flow's begin are no datagram's.
+// One for each datagram of one direction is 0.5; reports of a flow's begin are not counted for a
+// datagram.
 constexpr double kMostAllocationsEach = 0.2;
 constexpr double kReportsOfAFlow = 40;
 
@@ -174,7 +175,7 @@ class Ways {
     return forwarders;
   }
 
-  // The game through those forwarders, the last of which has the last port; what they use counts.
+  // The game through those forwarders, the last of which has the last port. Counts what they use.
   void AddForwarded(const std::string& name, std::vector<Forwarder> forwarders,
                     std::vector<FlowWay>* ways) {
     if (!settings_.Wants(name)) return;
@@ -229,7 +230,7 @@ bool Judge(const FlowWay& way, const FlowMeasure& measure, const DatagramOutcome
                  outcome.worked ? "" : ", did not work",
                  allocates ? ", allocates for its datagrams" : "");
   }
-  // Another program's failure is told, and its figure missing.
+  // A failure of another program is printed, and its figure is missing.
   return !way.has_library || (outcome.worked && !allocates);
 }
 

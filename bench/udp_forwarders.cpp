@@ -127,7 +127,7 @@ std::vector<std::string> SocatCommand(const ForwardedPort& port) {
 std::vector<std::string> NginxCommand(const std::string& folder, const ForwardedPort& port) {
   if (access(kStreamModule, R_OK) != 0) return {};
   const std::string path = folder + "/nginx.conf";
-  // One process: one that sheds its rights cannot run in a private network.
+  // One process: a program that drops its privileges cannot run in a private network.
   std::ofstream(path) << "load_module " << kStreamModule << ";\n"
                       << "daemon off;\nmaster_process off;\nerror_log stderr crit;\npid " << folder
                       << "/nginx.pid;\nevents { worker_connections 1024; }\n"

@@ -49,7 +49,7 @@ class Flow {
     return false;
   }
 
-  // How many round trips of so many came to their end.
+  // How many of so many round trips were completed.
   std::uint64_t Stream(std::uint64_t round_trips, std::uint32_t window) {
     std::uint64_t sent = 0, done = 0, under_way = 0;
     for (;;) {
@@ -81,7 +81,7 @@ class Flow {
            sizeof server_);
   }
 
-  // Whoever it comes from must be the server, as the game knows it.
+  // It must come from the server's address, as the game knows it.
   bool Receive() {
     char bytes[kMessageBytes];
     sockaddr_in from = {};
@@ -95,12 +95,12 @@ class Flow {
   sockaddr_in server_ = {};
   bool opened_ = false;
   std::uint64_t lost_ = 0;
-  std::uint64_t number_ = 0;  // no two datagrams on their way are the same
+  std::uint64_t number_ = 0;  // no two datagrams under way are the same
   char message_[kMessageBytes] = {};
 };
 
-// What the library tells its client of new flows is written behind their back, soon after they have
-// come. Waits until that is over.
+// The library reports new flows to its client program on another thread, soon after they begin.
+// Waits until that is over.
 void Settle() {
   constexpr useconds_t kQuietUs = 150'000;
   constexpr int kMost = 20;
@@ -110,7 +110,7 @@ void Settle() {
   }
 }
 
-// What everything costs from its begin to its end.
+// What a whole run costs.
 class Meter {
  public:
   explicit Meter(const DatagramGameOptions& options)

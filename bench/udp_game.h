@@ -1,5 +1,6 @@
-// A game of datagrams, with the library in it or without, whose flows a server echoes, and which
-// measures what it is told to. Its socket calls are Winsock's, the same in every way of running it.
+// A game that sends datagrams to an echoing server, with or without the library in its process, and
+// measures what it is ordered to. Its socket calls are Winsock's, the same in every way of running
+// it.
 #pragma once
 #include <sys/types.h>
 
@@ -15,7 +16,7 @@ namespace bench {
 
 enum class DatagramTask : std::uint32_t {
   kReply,   // one flow, one datagram at a time
-  kStream,  // all flows at once, each with `window` datagrams on their way
+  kStream,  // all flows at once, each with `window` datagrams under way
   kPaced,   // `hertz` datagrams a second on each flow, in turn, one at a time
 };
 
@@ -25,7 +26,7 @@ struct DatagramOrder {
   std::uint64_t round_trips;  // of each flow
   std::uint32_t window;
   std::uint32_t hertz;
-  bool settle;  // before it begins, so that only what datagrams cost is left to be seen
+  bool settle;  // wait before it begins, so that the datagrams alone are measured
   bool operator==(const DatagramOrder&) const = default;
 };
 
@@ -34,16 +35,16 @@ struct DatagramOutcome {
   double seconds;
   double median_us;  // of one round trip
   double p99_us;
-  std::uint64_t round_trips;  // that came to their end
+  std::uint64_t round_trips;  // completed
   std::uint64_t lost;
-  double game_cpu_s;          // used by the game's own threads, the library's hooks among it
+  double game_cpu_s;          // used by the game's own threads, including the library's hooks
   double library_cpu_s;       // by the other threads of its process
   double forwarder_cpu_s;     // by the forwarders
   std::uint64_t allocations;  // of all threads of the game's process
 };
 
 struct DatagramGameOptions {
-  std::string address;  // what its flows go to, as it thinks
+  std::string address;  // the address that its flows go to
   std::uint16_t port = 0;
   bool with_library = false;
   LibrarySetup library;

@@ -1,5 +1,5 @@
-// How a program that serves until somebody ends it learns that it should, and how it leaves. For
-// a program's main file: the signals are the whole process's.
+// How a serving program learns that it should end, and how it exits. For a program's main file
+// only: signals concern the whole process.
 #pragma once
 #include <winsock2.h>
 //

@@ -1,5 +1,5 @@
-// A catalogue full of other people's entries: chains in circles, lengths no chain can have,
-// layers above and below. Whatever stands there, a start gets a record of our own list or none.
+// A catalogue with other vendors' entries: circular chains, impossible chain lengths, layers above
+// and below. Whatever it holds, a start gets a record of our own list or none.
 #include <winsock2.h>
 #include <ws2spi.h>
 
@@ -31,7 +31,7 @@ class Input {
   std::size_t size_;
 };
 
-// Small numbers, so that ids meet each other.
+// Small numbers, so that ids collide.
 WSAPROTOCOL_INFOW Entry(Input* input) {
   WSAPROTOCOL_INFOW entry = {};
   if (input->Byte() % 4 == 0) entry.ProviderId = kLspGuid;

@@ -1,5 +1,5 @@
-// What strangers send to the reference node's datagram ports: requests, datagrams of flows, and
-// the numbers in them. Everything is read within its bounds, and what was read can be written.
+// Input from anyone to the reference node's datagram ports: requests, datagrams of flows, and the
+// numbers in them. Everything is read within its bounds, and what was read can be written again.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -31,7 +31,7 @@ void Request(const std::string& bytes) {
 }
 
 void Data(const std::string& bytes) {
-  // A copy of its own, so that every byte beyond it is somebody else's.
+  // An exact copy, so that the sanitizer catches a read beyond it.
   const std::vector<char> exact(bytes.begin(), bytes.end());
   ClientDatagram datagram;
   if (node::ReadDatagram(exact.data(), exact.size(), &datagram) != nullptr) return;
@@ -56,7 +56,7 @@ void Data(const std::string& bytes) {
   }
 }
 
-// Each five bytes are a number and how long after the one before it comes.
+// Each five bytes are a number and the time since the previous one.
 void Numbers(const std::string& bytes) {
   node::LossMeter meter;
   node::u64 now = 0;

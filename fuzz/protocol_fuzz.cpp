@@ -32,7 +32,7 @@ void ReadMessage(const Bytes& bytes) {
   Bytes again(sizeof message);
   Require(message.Pack(again) == size);
   Require(message.header.reserved == reserved);
-  // Magic stands for itself; length and version are written anew.
+  // The magic is kept; length and version are overwritten.
   Require(std::memcmp(again.data(), bytes.data(), 4) == 0);
   Require(std::memcmp(again.data() + 8, bytes.data() + 8, static_cast<std::size_t>(size) - 8) == 0);
 }

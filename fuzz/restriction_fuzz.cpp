@@ -1,6 +1,6 @@
-// The restriction region, as a client gone wrong may leave it: any header, counts past their
-// arrays, paths without an end. The process is served or it is not; nothing is read past the view,
-// and what is installed keeps the promises of its header.
+// The restriction region as a faulty client program may leave it: any header, counts past their
+// arrays, paths without a terminator. Whether or not the process is served, nothing is read past
+// the view, and what is installed satisfies the header's comments.
 #include <windows.h>
 #include <winsock2.h>
 

@@ -4,8 +4,8 @@
 
 namespace client {
 
-// A named mutex that is waited for so long and no longer. A region's own object waits without
-// end; the mutexes are recursive, so holding one of these bounds that wait.
+// A named mutex with a limit to the wait for it. A region's own object waits without limit; the
+// mutexes are recursive, so whoever holds one of these does not wait there.
 class BoundedLock {
  public:
   BoundedLock(const char* name, unsigned wait_ms);

@@ -44,8 +44,8 @@ struct Options {
   client::WatchOptions watch;
 };
 
-// The parsed file, or nothing when it is refused; everything there is to say has been said.
-// Without the advice where whoever asks says what of it matters.
+// The parsed file, or nothing if it is refused; all problems have been printed. Without the advice
+// if the caller prints the part that matters.
 std::optional<client::ConfigFile> Load(const Options& options, bool with_advice = true) {
   const client::Reporter reporter(options.json);
   const auto text = client::ReadAll(options.file);
@@ -96,7 +96,7 @@ int Serve(const Options& options) {
     reporter.Failure(report.failure);
     return kFailed;
   }
-  // Games are served without them too; only what happens to them is not told.
+  // Games are served without them too, but nothing is reported about them.
   client::ReportRegions reports;
   const std::string lost = reports.Make(kMutexWaitMs);
   if (!lost.empty()) reporter.Failure(lost);
@@ -120,7 +120,7 @@ int Compile(const Options& options) {
   return kDone;
 }
 
-// The tables that games see at this moment. Null, after a word about it, where there are none.
+// The tables that games see at this moment. Null, after a message, if there are none.
 std::unique_ptr<client::Tables> ReadStanding(const client::Reporter& reporter) {
   client::StandingTables standing = client::ReadRegions(kMutexWaitMs);
   if (!standing.error.empty()) reporter.Failure(standing.error);
@@ -298,7 +298,7 @@ void AddQuestions(CLI::App* app, Options* options, Action* action) {
   explain->callback([action] { *action = ExplainDestination; });
 }
 
-// The word that stands where a command should; empty if there is none.
+// The word in the place of the command; empty if there is none.
 std::string NoCommand(const CLI::App& app) {
   const auto rest = app.remaining();
   return app.get_subcommands().empty() && !rest.empty() ? rest.front() : "";

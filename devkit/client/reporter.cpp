@@ -7,7 +7,7 @@ namespace client {
 namespace {
 
 void PrintJson(const nlohmann::ordered_json& message) {
-  // A file name may be no UTF-8: show the rest of it rather than fail over it.
+  // A file name may not be valid UTF-8: show the rest of it rather than fail.
   const std::string line =
       message.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
   std::printf("%s\n", line.c_str());

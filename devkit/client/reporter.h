@@ -1,4 +1,4 @@
-// How the client speaks: sentences for a person, or one JSON object a line for a program.
+// The output of the client: sentences for a person, or one JSON object a line for a program.
 #pragma once
 
 #include <string>

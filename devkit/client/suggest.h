@@ -6,8 +6,8 @@
 
 namespace client {
 
-// The candidate that was probably meant: few typing errors away, letter case not counted.
-// Empty when none is near enough to be worth proposing.
+// The candidate that was probably meant: within a few typing errors, ignoring letter case. Empty if
+// none is close enough.
 std::string Suggest(std::string_view written, const std::vector<std::string_view>& candidates);
 
 }  // namespace client

@@ -12,8 +12,8 @@ inline constexpr size_t kLongestBeat = 1400;
 enum class BeatKind : uint8_t { kBeat = 1, kAnswer = 2 };
 
 #pragma pack(push, 1)
-// The answer is the beat with another kind and the server's count; what lies behind it comes back
-// as it was.
+// The answer is the beat with another kind and the server's count; the bytes behind it come back
+// unchanged.
 struct Beat {
   uint32_t magic = kBeatMagic;
   uint32_t session = 0;  // one for each run of the game

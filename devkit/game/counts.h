@@ -17,7 +17,7 @@ class Counts {
   uint32_t reordered() const { return reordered_; }  // came behind a higher number
 
  private:
-  // A number beyond this comes from nobody who counts, and must not cost the memory for it.
+  // A higher number cannot be a valid count, and must not cost memory.
   static constexpr uint32_t kMostSeq = 1u << 24;
 
   std::vector<bool> seen_;
@@ -33,7 +33,7 @@ struct PingFigures {
   double jitter_ms = 0;  // mean difference from one to the next
 };
 
-// In the order in which they were measured. All zero for none.
+// In the order in which they were measured. All zero if there are none.
 PingFigures Summarize(const std::vector<uint32_t>& round_trips_us);
 
 }  // namespace game

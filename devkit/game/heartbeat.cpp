@@ -67,7 +67,7 @@ void Heartbeat::Receive() {
 }
 
 void Heartbeat::ReceiveOn(size_t index) {
-  // As many as may have come in one go, so that a flood does not keep the game from its beats.
+  // A limit for one turn, so that a flood does not keep the game from its beats.
   for (int left = 256; left > 0; --left) {
     char datagram[kLongestBeat + 1];
     sockaddr_in from = {};

@@ -36,7 +36,7 @@ class Heartbeat {
   std::string Open();
 
   void SendAll();
-  void Receive();    // whatever is there; never waits
+  void Receive();    // takes all that have come; never waits
   void NotePorts();  // at the end
 
   const std::vector<SOCKET>& sockets() const { return handles_; }

@@ -14,18 +14,18 @@ class IcmpPing {
  public:
   explicit IcmpPing(const sockaddr_in& server) : server_(server) {}
 
-  // Empty, or why there is none: most systems ask for a privilege.
+  // Empty, or why it cannot be created: most systems require a privilege.
   std::string Open();
 
   void Send();
-  // To be asked often: an answer need not show in a wait for readable sockets. Never waits.
+  // To be called often: a wait for readable sockets may miss an answer. Never waits.
   void Receive();
 
   const sockaddr_in& server() const { return server_; }
   bool is_open() const { return socket_.is_open(); }
   unsigned sent() const { return static_cast<unsigned>(sent_us_.size()); }
   const std::vector<uint32_t>& round_trips_us() const { return round_trips_us_; }
-  // The latest answer since the last question; 0 where there was none.
+  // The latest answer since the previous call; 0 if there was none.
   uint32_t TakeLatestUs() { return std::exchange(latest_us_, 0); }
 
  private:

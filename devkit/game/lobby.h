@@ -1,5 +1,5 @@
-// The TCP side of the game: a lobby that is joined before the play and left after it, with a word
-// and an answer every second meanwhile.
+// The TCP side of the game: a lobby that is joined before the game and left after it, with a
+// message and an answer every second in between.
 #pragma once
 
 #include <string>
@@ -10,11 +10,11 @@ namespace game {
 
 class Lobby {
  public:
-  // Waits for the connection. Empty, or why it did not come about.
+  // Waits for the connection. Empty, or why it failed.
   std::string Join(const sockaddr_in& server);
 
   void Say();      // the next numbered word
-  void Receive();  // whatever is there; never waits
+  void Receive();  // takes all that have come; never waits
   // Says goodbye and waits so long at most for the answer to it.
   void Leave(unsigned wait_ms);
 
@@ -25,7 +25,7 @@ class Lobby {
   bool is_lost() const { return is_lost_; }
   unsigned said() const { return said_; }
   unsigned answered() const { return answered_; }
-  unsigned wrong() const { return wrong_; }  // lines that no answer should have been
+  unsigned wrong() const { return wrong_; }  // lines that are no valid answer
   uint32_t last_round_trip_us() const { return last_round_trip_us_; }
 
  private:

@@ -69,7 +69,7 @@ class Game {
       if (passed >= due) {
         beats_.SendAll();
         ++beat;
-        // A game that was held up does not make up for what it missed.
+        // A game that was held up does not catch up on the beats that it missed.
         if (passed > due + kSecondUs)
           beat = static_cast<uint64_t>(static_cast<double>(passed) / step_us);
         continue;

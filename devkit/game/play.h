@@ -1,4 +1,4 @@
-// One play of the game: lobby, heartbeat and ping, and what came of them.
+// One run of the game: lobby, heartbeat and ping, and their results.
 #pragma once
 
 #include <csignal>
@@ -22,8 +22,8 @@ struct PlayOptions {
   bool json = false;
 };
 
-// Prints a line a second and the figures at the end. False where it could not play at all; what the
-// network does to a play is a figure and no failure.
+// Prints a line a second and the figures at the end. False if it could not play at all; whatever
+// the network does to a game is a figure, not a failure.
 bool Play(const PlayOptions& options, const volatile std::sig_atomic_t* ended);
 
 }  // namespace game

@@ -57,7 +57,7 @@ void Server::ReceiveBeats() {
     const int got = recvfrom(datagrams_.get(), buffer, sizeof buffer, 0,
                              reinterpret_cast<sockaddr*>(&from), &from_size);
     if (got < 0 && WSAGetLastError() == WSAEWOULDBLOCK) return;
-    // Whoever has gone may leave an error behind; it is nobody else's.
+    // A client that has gone may leave an error on the socket; it does not concern the others.
     if (got >= 0) TakeBeat(std::string(buffer, static_cast<size_t>(got)), from);
   }
 }

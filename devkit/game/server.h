@@ -38,7 +38,7 @@ class Server {
   // Empty, or why it cannot listen.
   std::string Open();
 
-  // Serves for so long at most.
+  // Serves for at most that long.
   void Step(unsigned wait_ms);
 
   // By session and number of the server.

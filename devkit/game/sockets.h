@@ -1,4 +1,4 @@
-// The little that player and server need of sockets.
+// The socket helpers that player and server share.
 #pragma once
 
 #include <winsock2.h>
@@ -9,12 +9,12 @@
 
 namespace game {
 
-// "198.51.100.10:7000"; nothing if it is no such thing.
+// "198.51.100.10:7000"; nothing if it is malformed.
 std::optional<sockaddr_in> ParseEndpoint(const std::string& text);
 std::string EndpointText(const sockaddr_in& address);
 bool IsSame(const sockaddr_in& a, const sockaddr_in& b);
 
-// The port that a socket has of its own, 0 while it has none.
+// The socket's own port, 0 while it has none.
 uint16_t OwnPort(SOCKET s);
 
 class Socket {

@@ -8,7 +8,7 @@ using namespace moru_vyr::lsp;
 
 namespace {
 
-// Over what Pack has written: a liar's header is no record of ours.
+// Written over the output of Pack, which would not produce a false header.
 void Overwrite(std::string* bytes, std::size_t offset, std::size_t size, u64 value) {
   for (std::size_t i = 0; i < size; ++i)
     (*bytes)[offset + i] = static_cast<char>(value >> 8 * (size - 1 - i));

@@ -1,4 +1,4 @@
-// The bytes of a node's answer, right or wrong as its behaviour wants them.
+// The bytes of a node's answer, right or wrong as its behaviour says.
 #pragma once
 #include <string>
 
@@ -7,8 +7,8 @@
 
 namespace node {
 
-// `own` stands as data address and, unless told otherwise, as last node; `client` is who asks.
-// `result` is a parameter of its own, because it may be the game server's doing.
+// `own` is given as the data address and, unless configured otherwise, as the last node; `client`
+// is who asks. `result` is a parameter of its own, because it may be the game server's doing.
 std::string MakeAnswer(const Behaviour& behaviour, u8 result, u32 token, const Address& own,
                        const Address& client);
 

@@ -1,6 +1,6 @@
-// How a node treats its clients: by default well, and on demand in any way that a real or broken
-// one can. Everything may change while the node runs, and holds from the next moment at which it
-// matters: what is asked of a connection that is already past it does not change.
+// How a node treats its clients: well by default, and on demand in any way that a real or broken
+// node could. Everything may change while the node runs and applies from the next time that it is
+// read: a connection that is already past that point does not change.
 #pragma once
 #include <cstdint>
 #include <string>

@@ -69,8 +69,8 @@ void Connection::Want(Poller* poller, u64 now, u64* due) const {
 
 void Connection::Step(const Poller& poller, u64 now) {
   if (closed()) return;
-  // Both are looked at before anything is done: a handle that is closed and made anew meanwhile
-  // must not inherit what the old one was ready for.
+  // Both are checked before anything is done: if a handle is closed and its number reused, the new
+  // socket must not inherit the old one's readiness.
   const Readiness client = ReadinessOf(poller, client_);
   const Readiness server = ReadinessOf(poller, server_);
   switch (state_) {
@@ -85,7 +85,7 @@ void Connection::Step(const Poller& poller, u64 now) {
       if (answer_ == Answer::kGoing) SendAnswer(now);
       if (client.read) Discard(now);
       return;
-    case State::kFarewell:
+    case State::kRefused:
       if (client.read) Discard(now);
       if (!closed() && now >= deadline_) Close("refused; the client stayed", now);
       return;
@@ -245,12 +245,12 @@ void Connection::OnAnswered(u64 now) {
            .With("bytes", answer_bytes_.size())
            .With("after_ms", now - request_at_));
   if (result_ == 0) return;
-  state_ = State::kFarewell;
-  deadline_ = now + node_->limits.farewell_ms;
+  state_ = State::kRefused;
+  deadline_ = now + node_->limits.end_ms;
   shutdown(client_.get(), SD_SEND);
 }
 
-// What the client says to a node that no longer listens; noticed is only that it goes.
+// Data from a client that has been refused is dropped; only its close matters.
 void Connection::Discard(u64 now) {
   char bytes[4096];
   const int count = recv(client_.get(), bytes, sizeof bytes, 0);
@@ -288,8 +288,8 @@ bool Connection::Carry(Pipe* pipe, SOCKET from, SOCKET to, bool readable, u32 de
   const u64 sent = pipe->sent();
   const char* const source = pipe == &up_ ? "client" : "server";
   const char* const destination = pipe == &up_ ? "server" : "client";
-  // On an error of the source what it said before still goes out as far as it goes; the reset
-  // that follows is the only way to tell the other side that there was more.
+  // After an error of the source, what it sent before is still delivered as far as possible; the
+  // reset that follows is the only way to tell the other side that there was more.
   const int read_error = readable ? pipe->Read(from, now, delay_ms) : 0;
   const int write_error = pipe->Write(to, now, Budget());
   if (pipe->sent() != sent) active_at_ = now;
@@ -346,7 +346,7 @@ void Connection::End(const char* how, const std::string& reason, u64 now) {
 Event Connection::Tell(const char* name) const { return Event{name}.With("connection", id_); }
 
 Event Connection::Describe() const {
-  static constexpr const char* kStates[] = {"request", "serving", "mute", "farewell", "closed"};
+  static constexpr const char* kStates[] = {"request", "serving", "mute", "refused", "closed"};
   Event event = Tell("connection");
   event.With("client", peer_.Text())
       .With("state", carrying() ? "carrying" : kStates[static_cast<int>(state_)]);

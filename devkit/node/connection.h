@@ -29,7 +29,7 @@ class Connection {
   Event Describe() const;
 
  private:
-  enum class State { kRequest, kServing, kMute, kFarewell, kClosed };
+  enum class State { kRequest, kServing, kMute, kRefused, kClosed };
   enum class Server { kNone, kConnecting, kConnected, kFailed };
   enum class Answer { kOpen, kGoing, kSent };  // not decided, on its way, gone out whole
 

@@ -1,5 +1,5 @@
-// One line of the control port: a JSON object with a "command", answered by one with "ok". The
-// lines come from whoever reaches the port: anything that is no command of ours is refused whole.
+// One line of the control port: a JSON object with a "command", answered by one with "ok". Anyone
+// who reaches the port can send lines: one that is not a valid command is refused as a whole.
 #pragma once
 #include <functional>
 #include <string>

@@ -10,9 +10,10 @@ using namespace moru_vyr::lsp;
 namespace {
 
 constexpr int kInARow = 64;
-constexpr u64 kUnknownEventMs = 1000;  // a flood of strangers must not become one of events
+constexpr u64 kUnknownEventMs =
+    1000;  // a flood of stray datagrams must not become a flood of events
 
-// From the block of addresses that stand for nobody.
+// From the block of addresses that belong to nobody.
 constexpr Address kNobody = {0xC0000242, 666};
 constexpr char kUnaskedText[] = "nobody asked for this";
 

@@ -1,5 +1,5 @@
-// The port that the datagrams of all flows go through: wrapped towards clients, bare towards game
-// servers, each with what the impairments of its lane do to it.
+// The port for the datagrams of all flows: wrapped towards clients, bare towards game servers, with
+// the impairments of their lane.
 #pragma once
 #include <vector>
 
@@ -47,7 +47,7 @@ class DataPath {
   NodeContext* const node_;
   FlowTable* const flows_;
   Socket socket_;
-  Socket other_;  // an address that nobody was told about
+  Socket other_;  // an address that no client was told
   DelayLine line_;
   std::vector<char> in_;   // what was read, with room for a header in front
   std::vector<char> out_;  // what is written

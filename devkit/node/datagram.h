@@ -15,14 +15,14 @@ struct ClientDatagram {
   std::size_t payload_size = 0;
 };
 
-// Null: it is one. Otherwise what is wrong with it.
+// Null if it is valid, otherwise what is wrong with it.
 const char* ReadDatagram(const char* bytes, std::size_t size, ClientDatagram* datagram);
 
 inline constexpr std::size_t kLongestHeader = 255;
 
-// Writes header and payload to `out`, which has room for kLongestHeader more than the payload, as
-// well or as badly as the behaviour wants it; `header` is in host order. The payload may already
-// stand at out + kLongestHeader. The result is the whole size.
+// Writes header and payload to `out`, which has room for kLongestHeader more than the payload,
+// right or wrong as the behaviour says; `header` is in host order. The payload may already stand at
+// out + kLongestHeader. The result is the whole size.
 std::size_t WriteDatagram(const Behaviour& behaviour, moru_vyr::lsp::UdpAcclHeader header,
                           const char* payload, std::size_t payload_size, char* out);
 

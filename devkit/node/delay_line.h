@@ -1,5 +1,5 @@
-// Datagrams that are on their way, each until its moment. Bounded: what does not fit is lost, as
-// in any queue of a network.
+// Datagrams under way, each until it is due. Bounded: what does not fit is lost, as in any queue of
+// a network.
 #pragma once
 #include <queue>
 #include <string>

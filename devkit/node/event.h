@@ -1,4 +1,4 @@
-// What a node tells about itself: one record for each thing that happened.
+// What a node reports: one record for each thing that happened.
 #pragma once
 #include <functional>
 #include <string>

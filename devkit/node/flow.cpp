@@ -9,7 +9,7 @@ using moru_vyr::lsp::kNegoFlagSwitch;
 using moru_vyr::lsp::NegoRequestBody;
 using moru_vyr::lsp::SessionGuid;
 
-// Flows and lanes share a seed, never their chance.
+// Flows and lanes share a seed, but each has a random sequence of its own.
 u64 SeedOf(u64 seed, u64 flow, u64 lane) { return seed << 32 ^ flow << 8 ^ lane; }
 
 template <class... Members>

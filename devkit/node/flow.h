@@ -20,7 +20,7 @@ struct FlowCounts {
   u64 probes = 0, probe_answers = 0;
   u64 dropped_up = 0, dropped_down = 0;               // data, by the impairments
   u64 dropped_probes = 0, dropped_probe_answers = 0;  // by the impairments
-  u64 strays = 0;                                     // came from whom the client never wrote to
+  u64 strays = 0;       // came from an address that the client never wrote to
   u64 undelivered = 0;  // the destination is none, or a socket refused it
 };
 
@@ -39,7 +39,7 @@ class Flow {
   bool HasWrittenTo(u32 ip) const;
 
   Event Tell(const char* name) const;
-  // Tell, and what it has carried.
+  // Identifies it, and says what it has carried.
   Event Describe(const char* name) const;
   // Adds which link of which node this flow continues, if it was moved here.
   void DescribeOrigin(Event* event) const;

@@ -14,11 +14,11 @@ class FlowTable {
  public:
   explicit FlowTable(NodeContext* node) : node_(node) {}
 
-  // The flow of that client and guid: the one there is, for a request that came twice, or a new
-  // one. Null: there are too many, or no socket; *error says which, as Winsock numbers it.
+  // The flow of that client and guid: the existing one, for a repeated request, or a new one. Null:
+  // there are too many, or no socket; *error says which, as Winsock numbers it.
   Flow* Open(const Address& client, const moru_vyr::lsp::NegoRequestBody& request, u64 now,
              int* error);
-  // By what stands in a datagram and whom it comes from. Null: nobody's.
+  // By the token in a datagram and its sender. Null if it belongs to no flow.
   Flow* Find(u32 token, const Address& client) const;
   Flow* Find(u64 id) const;
 

@@ -1,5 +1,5 @@
-// One way that a kind of datagram takes between a client and the node, and what happens to it
-// there: everything by chance, and the chance by seed.
+// One path that a kind of datagram takes between a client and the node, and its impairments, drawn
+// at random from a seed.
 #pragma once
 #include "node/socket.h"
 
@@ -28,7 +28,7 @@ class Lane {
   explicit Lane(u64 seed) : state_(seed) {}
 
   Fate Decide(const Impairment& impairment, u64 now);
-  // Whether something happens that happens to this share of all.
+  // Draws whether an event with this share happens.
   bool Rolls(u32 percent) { return Draw(100) < percent; }
 
  private:

@@ -1,10 +1,10 @@
-// How much of what a client sends does not arrive, told from the gaps in its numbers: over the last
-// five seconds, leaving out the newest moments, whose stragglers may still come.
+// How much of what a client sends is lost, judged by the gaps in its numbers over the last five
+// seconds, without the newest moments, whose stragglers may still come.
 //
-// No rule says over how long a node looks back. Games send some 20 datagrams a second: two seconds
-// hold 40 of them, and a single one that is lost reads as 2 percent, from which on a client may
-// take the link for a bad one. Five seconds hold 100, so that a percent is a datagram, and they are
-// what a client itself looks back over where nothing else is configured.
+// No rule says how far a node looks back. Games send some 20 datagrams a second: two seconds hold
+// 40 of them, so that a single lost one reads as 2 percent, at which a client may already judge the
+// link bad. Five seconds hold 100, so that a percent is one datagram, and five seconds is also how
+// far a client looks back by default.
 #pragma once
 #include <array>
 #include <bitset>
@@ -34,7 +34,7 @@ class LossMeter {
   };
 
   static constexpr u32 kSlots = kWindowSlots + kRecentSlots + 1;
-  // Numbers further apart than this belong to a sender that has begun anew.
+  // A larger gap means that the sender has started again.
   static constexpr u32 kSpan = 16384;
 
   Slot& At(u64 slot) { return slots_[static_cast<std::size_t>(slot % kSlots)]; }

@@ -54,7 +54,7 @@ void AddLimits(CLI::App* app, node::Limits* limits) {
   add("--connections", &limits->connections, 4096, "at once; more wait to be accepted");
   add("--request-ms", &limits->request_ms, kDayMs, "for a client to send its request");
   add("--connect-ms", &limits->connect_ms, kDayMs, "for a game server to accept");
-  add("--farewell-ms", &limits->farewell_ms, kDayMs, "for a refused client to close");
+  add("--end-ms", &limits->end_ms, kDayMs, "for a refused client to close");
   add("--half-close-ms", &limits->half_close_ms, kDayMs, "without a byte, when one side has ended");
   add("--flows", &limits->flows, 4096, "of datagrams, at once; more are refused");
   add("--flow-idle-ms", &limits->flow_idle_ms, kDayMs, "without a datagram of the client");

@@ -73,7 +73,7 @@ void Negotiation::OnRequest(const RequestReader& reader, const Address& client, 
       return Queue(std::move(bytes), std::move(answered), client, now);
     }
     default:
-      return;  // whoever closes or resets a datagram is silent
+      return;  // for a datagram, "close" and "reset" mean no answer
   }
   if (behaviour.result != 0)
     return AnswerWith(static_cast<u8>(behaviour.result), node_->MakeToken(), 0, client, now);
@@ -102,7 +102,7 @@ void Negotiation::CannotServe(const RequestReader& reader, const Address& client
 
 // --- the answer -----------------------------------------------------------------------------
 
-// A node that listens everywhere tells each client the address that the system would take.
+// A node that listens on all addresses tells each client the one that the system would use.
 Address Negotiation::DataAddressFor(const Address& client) const {
   if (node_->data.ip != 0) return node_->data;
   int error = 0;

@@ -1,5 +1,5 @@
-// The port that datagram flows begin at: a request comes in, the answer goes out, sooner or later
-// and well or badly, as the behaviour wants it.
+// The port at which datagram flows begin: a request comes in, and the answer goes out, when and how
+// the behaviour says.
 #pragma once
 #include <vector>
 
@@ -43,7 +43,7 @@ class Negotiation {
   NodeContext* const node_;
   FlowTable* const flows_;
   Socket socket_;
-  Socket other_;  // an address that nobody was told about
+  Socket other_;  // an address that no client was told
   std::vector<Answer> waiting_;
 };
 

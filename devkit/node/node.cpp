@@ -61,7 +61,7 @@ bool Node::Start(std::string* problem) {
 
 bool Node::StartPorts(std::string* problem) {
   int error = 0;
-  // Where any port will do, one that is free for connections may be taken for datagrams.
+  // If any port will do, one that is free for connections may be taken for datagrams.
   for (int tries = options_.listen.port == 0 ? kPortTries : 1; tries > 0; --tries) {
     Address address = options_.listen;
     if (TryPorts(&address, &error)) return true;
@@ -174,7 +174,7 @@ void Node::Accept(u64 now) {
     if (!client.open()) {
       const int error = WSAGetLastError();
       if (error == WSAEWOULDBLOCK) return;
-      // A client that was gone again before it was accepted is its own affair.
+      // A client that was gone before it was accepted is no error.
       if (error == WSAECONNRESET || error == WSAECONNABORTED) continue;
       Emit(Event{"error"}.With("what", "accept").With("error", static_cast<u64>(error)));
       accept_again_at_ = now + kRestMs;

@@ -1,4 +1,4 @@
-// The reference acceleration node. One object, one thread: whoever owns it calls Step in a loop.
+// The reference acceleration node. One object, one thread: its owner calls Step in a loop.
 #pragma once
 #include <list>
 #include <memory>
@@ -40,7 +40,7 @@ class Node {
   // Waits for something to do, `most_ms` at most, and does what can be done now.
   void Step(u32 most_ms);
 
-  // Somebody asked for the end over the control port.
+  // Whether the control port was asked to end the node.
   bool stop_asked() const { return stop_asked_; }
   // May be changed between steps.
   Behaviour& behaviour() { return *behaviour_; }

@@ -11,13 +11,13 @@ struct Limits {
   u32 connections = 256;
   u32 request_ms = 5000;        // from the accept to the last byte of the request
   u32 connect_ms = 4000;        // to the game server
-  u32 farewell_ms = 5000;       // after a refusal, until the client has closed
+  u32 end_ms = 5000;            // after a refusal, until the client has closed
   u32 half_close_ms = 300'000;  // without a byte, once one side has ended
   u32 flows = 256;              // of datagrams
   u32 flow_idle_ms = 300'000;   // without a datagram from the client
 };
 
-// Outlives whoever uses it.
+// Outlives its users.
 struct NodeContext {
   const Behaviour* behaviour = nullptr;
   Limits limits = {};

@@ -27,7 +27,8 @@ u64 Pipe::NextDue(u64 now) const {
   return ended_ && !finished_ && end_due_ > now ? end_due_ : kNever;
 }
 
-// Without a delay there are no marks, unless earlier bytes still wait: order goes before time.
+// Without a delay there are no marks, unless earlier bytes still wait: order matters more than
+// time.
 void Pipe::MarkDue(u64 due) {
   if (!marks_.empty()) due = std::max(due, marks_.back().due);
   if (!marks_.empty() && marks_.back().due == due) {

@@ -16,7 +16,7 @@ class Pipe {
   static constexpr std::size_t kLeastRead = 16 * 1024;
   static constexpr u64 kNever = ~u64{0};
 
-  // Whether there is room worth a call, and more may come.
+  // Whether there is enough room for a read, and more may come.
   bool WantsRead() const { return !ended_ && kCapacity - size() >= kLeastRead; }
   // Whether something is due that the destination did not take yet.
   bool WantsWrite(u64 now) const;
@@ -26,7 +26,7 @@ class Pipe {
   // Reads what is there, to become due `delay_ms` after `now`. 0, or the socket's error.
   int Read(SOCKET from, u64 now, u32 delay_ms);
   // Sends what is due, `most` bytes at most, and shuts `to` down behind the last one of an ended
-  // stream. 0, or the socket's error; a socket that takes no more is none.
+  // stream. 0, or the socket's error; a full socket is not an error.
   int Write(SOCKET to, u64 now, u64 most);
 
   bool ended() const { return ended_; }        // the source has sent its last

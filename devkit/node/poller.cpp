@@ -8,7 +8,7 @@ namespace {
 // With more sockets than one select takes, the groups are looked at in turn this often.
 constexpr u32 kTurnMs = 2;
 
-// Without FD_SET's search for doubles: Want's caller names each socket once.
+// Without FD_SET's search for duplicates: Want's caller names each socket once.
 void Append(SOCKET socket, fd_set* set) { set->fd_array[set->fd_count++] = socket; }
 
 bool Contains(SOCKET socket, const fd_set& set) {

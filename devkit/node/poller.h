@@ -18,13 +18,13 @@ struct Readiness {
 
 class Poller {
  public:
-  // Forgets what is wanted and what was seen.
+  // Forgets what was asked for and what was found.
   void Clear();
   // Each socket once; nothing wanted is allowed.
   void Want(SOCKET socket, Readiness wanted);
   // Waits until something is ready, `most_ms` at most. False: a select failed.
   bool Wait(u32 most_ms);
-  // What the last Wait has seen.
+  // What the last Wait found.
   Readiness Of(SOCKET socket) const;
 
  private:

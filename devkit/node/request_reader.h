@@ -1,9 +1,9 @@
 // Reads one NegoRequest from a stream, byte by byte if necessary, or from a datagram. The bytes
 // are untrusted.
 //
-// Strict where the protocol leaves no choice: the magic, a length that is exactly the version's, a
-// game server that traffic can go to. A version that is not known (0, or above 3) is read as the
-// newest, and its record may be longer, since newer forms only add fields.
+// Strict in what the protocol fixes: the magic, a length that is exactly the version's, a game
+// server that traffic can go to. A version that is not known (0, or above 3) is read as the newest,
+// and its record may be longer, since newer forms only add fields.
 #pragma once
 #include <array>
 #include <cstddef>

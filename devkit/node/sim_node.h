@@ -1,13 +1,13 @@
-// The node as an actor of a simulated world: the very code of vyr_node on a host of its own, with
-// the verbs that scenarios want.
+// The node as an actor of a simulated world: the same code as vyr_node, on a host of its own, with
+// the verbs that scenarios need.
 //
 //   node::SimNode a(world, world.AddHost("a", {"198.51.100.20"}));
 //   a.StopsAnswering();
 //   …
 //   EXPECT_EQ(a.Count("request"), 1u);
 //
-// Lives on the director's thread; what it is told holds from the node's next step on, 20 ms later
-// at most.
+// Lives on the director's thread; a change takes effect at the node's next step, 20 ms later at
+// most.
 #pragma once
 #include <memory>
 #include <string>
@@ -48,8 +48,8 @@ class SimNode {
   SimNode& ResetsAfter(u64 bytes);
   SimNode& Freezes();
   SimNode& Thaws();
-  // Datagrams, as if its cable were pulled: neither requests nor data nor probes get through.
-  // Unlike a frozen node's, they are gone when it comes back.
+  // Drops datagrams as if its cable were pulled: neither requests nor data nor probes get through.
+  // Unlike those of a frozen node, they are lost.
   SimNode& GoesDark();
   SimNode& ComesBack();
   // Percent of data and probes, up, down or both ways.
@@ -59,7 +59,7 @@ class SimNode {
   // Half of it each way, for data and probes, in the same order.
   SimNode& DelaysRoundTripBy(u32 delay_ms, u32 jitter_ms = 0);
 
-  // What has happened so far, in order; of one name; how often; the last, or an empty one.
+  // The events so far, in order: all; those of one name; how many; the last one, or an empty one.
   const std::vector<Event>& events() const { return shared_->events; }
   std::vector<Event> Events(const std::string& name) const;
   std::size_t Count(const std::string& name) const { return Events(name).size(); }

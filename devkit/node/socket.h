@@ -19,7 +19,7 @@ struct Address {
   u16 port = 0;
 
   bool loopback() const { return ip >> 24 == 127; }
-  // Whether traffic of one can go there: no multicast or broadcast, and a port.
+  // Whether traffic can be sent there: no multicast or broadcast, and a port.
   bool server() const { return ip != 0 && ip < 0xE0000000 && port != 0; }
   std::string Text() const;  // "198.51.100.20:7001"
   sockaddr_in Raw() const;
@@ -45,7 +45,7 @@ class Socket {
 
   // A new non-blocking stream; its error is the last error where it is not open.
   static Socket Stream();
-  // A listener that is bound and listens; *error is 0 or says why there is none.
+  // A listener that is bound and listens; *error is 0, or says why it could not be made.
   static Socket Listener(const Address& address, int* error);
   // A bound non-blocking datagram socket; as Listener.
   static Socket Datagram(const Address& address, int* error);
@@ -64,8 +64,8 @@ class Socket {
   SOCKET handle_ = INVALID_SOCKET;
 };
 
-// Non-blocking, without delay of small pieces, and with a sign of life for connections whose
-// other side is gone without a word.
+// Non-blocking, with TCP_NODELAY, and with keep-alive for connections whose other side vanishes
+// silently.
 int PrepareStream(SOCKET socket);
 
 // 0, or the error of the connect; WSAEWOULDBLOCK while it goes on.

@@ -16,13 +16,13 @@ struct Module {
 
 Module ModuleAt(const std::wstring& path);
 
-// The program as the platform would look for it: as given, in the current directory, on the
-// search path, with ".exe" where there is no extension. Empty when there is none.
+// Finds the program as the platform would: as given, in the current directory, on the search path,
+// with ".exe" if it has no extension. Empty if it is not found.
 std::wstring FindProgram(const std::wstring& name);
 
 std::wstring FullPath(const std::wstring& path);
 
-// What stands behind the last separator.
+// The part after the last separator.
 std::wstring FileName(const std::wstring& path);
 
 }  // namespace vyr_run

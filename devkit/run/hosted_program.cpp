@@ -28,7 +28,7 @@ bool HostedProgram::Fail(const std::wstring& what, DWORD error) {
 }
 
 bool HostedProgram::Start(const std::wstring& program, const std::wstring& command_line) {
-  // Whoever ends us ends the program too, not only our half.
+  // If we are ended, the program is ended too.
   job_ = CreateJobObjectW(nullptr, nullptr);
   JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
   limits.BasicLimitInformation.LimitFlags =

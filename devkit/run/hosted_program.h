@@ -19,15 +19,15 @@ class HostedProgram {
   HostedProgram(const HostedProgram&) = delete;
   HostedProgram& operator=(const HostedProgram&) = delete;
 
-  // Each false leaves a sentence in problem(). A program that is not let run is ended unrun.
+  // On false, problem() says why. A program that is never let run is ended without having run.
   bool Start(const std::wstring& program, const std::wstring& command_line);
 
   winsock_host::Kind kind() const { return winsock_host::KindOfProcess(process_.hProcess); }
 
   // For a program of our own kind.
   bool PlaceHost(const std::wstring& host_path, winsock_host::HostConfig config);
-  // For one of the other kind, by the launcher of that kind: its exit code, and `no_launcher` where
-  // there is none. It has said itself what is wrong.
+  // For one of the other kind, by the launcher of that kind: its exit code, or `no_launcher` if
+  // there is none. It has printed itself what is wrong.
   DWORD PlaceByLauncher(winsock_host::HostConfig config, DWORD no_launcher);
 
   // Lets the program run; its exit code once it has ended.

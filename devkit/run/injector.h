@@ -14,7 +14,7 @@ class Injector {
  public:
   Injector(HANDLE process, DWORD process_id) : process_(process), process_id_(process_id) {}
 
-  // Each false leaves a sentence in problem(). The report's handle in `config` is the program's.
+  // On false, problem() says why. The report's handle in `config` is the program's.
   bool PlaceHost(const std::wstring& host_path, const winsock_host::HostConfig& config);
 
   const std::wstring& problem() const { return problem_; }

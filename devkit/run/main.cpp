@@ -53,8 +53,8 @@ bool Copy(const std::wstring& from, wchar_t* to) {
   return true;
 }
 
-// What was not said is filled in with what lies beside us, of our own kind; what the program cannot
-// do without is checked. 0, or the exit code to end with.
+// Options that were not given are filled in with the files of our own kind beside us; required
+// files are checked. 0, or the exit code to end with.
 int Complete(HostConfig* config, const std::wstring& host) {
   const std::wstring folder = FolderOf(nullptr);
   if (config->base[0] == 0 && !Copy(folder + FilesOf(kOwnKind).base, config->base)) return kNoHost;
@@ -111,7 +111,7 @@ int PlaceHostOfOtherKind(HostedProgram* hosted, const std::wstring& program,
   return kNoHost;
 }
 
-// Empty where there is none.
+// Empty if there is none.
 std::wstring LibraryOf(const HostedProgram& hosted, const HostConfig& config) {
   if (config.bare != 0) return {};
   if (config.library[0] != 0) return config.library;
@@ -143,7 +143,7 @@ int RunProgram(const Options& options, const std::wstring& program) {
   return static_cast<int>(exit_code);
 }
 
-// The host placed for somebody else: see join.h.
+// Places the host for another launcher: see join.h.
 int Join(const winsock_host::JoinRequest& request) {
   HostConfig config;
   const std::wstring host = FolderOf(nullptr) + FilesOf(kOwnKind).host;
@@ -161,7 +161,7 @@ int Join(const winsock_host::JoinRequest& request) {
   return placed ? 0 : kNotInjected;
 }
 
-// Ctrl-C is the program's to answer; we stay to report how it ended.
+// Ctrl-C is for the program to handle; we stay to report how it ended.
 BOOL WINAPI IgnoreConsoleSignals(DWORD) { return TRUE; }
 
 int Main(int argc, char** argv) {

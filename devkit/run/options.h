@@ -1,7 +1,7 @@
 // The command line of vyr_run.
 //
-// The program's own part is never taken apart: it is handed on as the very text that was typed,
-// because programs are free to read it by rules of their own.
+// The program's own part is never parsed: it is passed on exactly as typed, because programs may
+// read it by rules of their own.
 #pragma once
 
 #include <string>
@@ -22,7 +22,7 @@ struct Options {
   std::wstring command_line;  // from the program's name to the end, as typed
 };
 
-// False with a sentence in `*problem` when the line makes no sense.
+// On false, `*problem` says what is wrong with the line.
 bool ParseCommandLine(const wchar_t* line, Options* options, std::wstring* problem);
 
 extern const char kHelp[];

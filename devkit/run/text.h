@@ -10,7 +10,7 @@ std::string ToUtf8(const std::wstring& text);
 // One line on standard error: "vyr_run: TEXT".
 void Complain(const std::wstring& text);
 
-// What the platform says about an error code.
+// The platform's text for an error code.
 std::wstring ErrorText(unsigned long code);
 
 }  // namespace vyr_run

@@ -12,8 +12,8 @@ namespace {
 using winsock_host::CallCounter;
 using winsock_host::HostReport;
 
-// Text as a JSON string. Bytes above 127 go through: paths are UTF-8, and debugger output that
-// is not is the reader's to replace.
+// Text as a JSON string. Bytes above 127 pass unchanged: paths are UTF-8, and the reader has to
+// replace whatever is not valid in debugger output.
 std::string Quoted(const std::string& text) {
   std::string result = "\"";
   for (const char c : text) {

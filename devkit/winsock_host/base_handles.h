@@ -17,8 +17,8 @@ void UseUpcalls(const WSPUPCALLTABLE& upcalls);
 // catalogue: the socket stays unknown to Winsock. Where Winsock refuses the handle it is closed.
 SOCKET RegisterNew(SOCKET s, const WSAPROTOCOL_INFOW* info, LPINT error);
 
-// A socket that came out of `parent` (accepted by it) goes under the entry that last made a stream
-// of its family.
+// A socket that was accepted by `parent` is registered under the entry that last made a stream of
+// its family.
 SOCKET RegisterChild(SOCKET s, SOCKET parent, LPINT error);
 
 // Whether `info` describes an entry of the host's catalogue.

@@ -1,8 +1,8 @@
-// winsock_base.dll: a base provider whose thirty entries are the platform's own Winsock calls.
-// It stands at the bottom of the chain where the platform's real base provider cannot be loaded
-// through its path. The host never touches this module's imports, so these calls always reach
-// the platform. Each start of it is a start of the platform's Winsock, which goes on until as many
-// cleanups have come: a layer that keeps them to itself keeps its sockets open, as on Windows.
+// winsock_base.dll: a base provider whose thirty entries are the platform's own Winsock calls. It
+// stands at the bottom of the chain where the platform's real base provider cannot be loaded
+// through its path. The host never touches this module's imports, so these calls always reach the
+// platform. Each start of it is a start of the platform's Winsock, which lasts until as many
+// cleanups have come: a layer that does not pass them on keeps its sockets open, as on Windows.
 //
 // Every entry leaves the last error as the platform's call left it, on success too: a program
 // must not be able to tell the chain from a direct call.

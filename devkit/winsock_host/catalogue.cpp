@@ -74,9 +74,9 @@ void SetName(WSAPROTOCOL_INFOW* info, const wchar_t* prefix, const wchar_t* name
   std::wcsncat(info->szProtocol, name, WSAPROTOCOL_LEN - std::wcslen(info->szProtocol));
 }
 
-// A layer does not promise handles that behave as the platform's own in every respect. Programs
-// that see it leave alone the shortcut past their completion ports for calls that succeed at once,
-// and with the library they must: its ConnectEx answers TRUE for a connect that still runs.
+// A layer does not promise handles that behave like the platform's own in every respect. Programs
+// that see this do not skip their completion ports for calls that succeed at once. With the library
+// they must not: its ConnectEx answers TRUE for a connect that is still running.
 WSAPROTOCOL_INFOW DescribeLayer(const Kind& kind) {
   WSAPROTOCOL_INFOW info = Describe(kind);
   info.dwServiceFlags1 &= ~DWORD{XP1_IFS_HANDLES};

@@ -36,7 +36,7 @@ int FindEntry(int family, int type, int protocol);
 // The full path of the module behind an entry.
 const wchar_t* ModulePath(const WSAPROTOCOL_INFOW& info);
 
-// What the library and the program get for the platform calls of these names.
+// The replacements of the platform calls of these names, for the library and the program.
 int WSPAPI EnumProtocols(LPINT protocols, LPWSAPROTOCOL_INFOW buffer, LPDWORD length, LPINT error);
 int WSPAPI GetProviderPath(LPGUID provider, WCHAR* path, LPINT length, LPINT error);
 

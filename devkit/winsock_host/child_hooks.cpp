@@ -20,11 +20,12 @@ State& TheState() {
   return state;
 }
 
-// A debugger has to answer for each thread of its program, and it waits here: its program goes
+// A debugger has to handle each new thread of its program, but it waits here: such a program runs
 // without the library.
 bool IsDebugged(DWORD flags) { return (flags & (DEBUG_PROCESS | DEBUG_ONLY_THIS_PROCESS)) != 0; }
 
-// What cannot be hosted runs as it is. The last error stays as the start has left it.
+// A program that cannot be hosted runs without the library. The last error stays as the start has
+// left it.
 void Host(DWORD wanted_flags, const PROCESS_INFORMATION& child) {
   const DWORD last_error = GetLastError();
   State& state = TheState();

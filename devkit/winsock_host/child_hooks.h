@@ -1,5 +1,5 @@
-// Programs that the program starts are hosted like itself, whichever kind they are: on Windows the
-// library comes into every process that uses Winsock.
+// Programs that the program starts are hosted as well, whichever kind they are: on Windows the
+// library is loaded into every process that uses Winsock.
 #pragma once
 
 #include "host_config.h"

@@ -10,12 +10,12 @@
 
 namespace winsock_host {
 
-// Winsock starts and ends: startup.cpp.
+// Start and end of Winsock: startup.cpp.
 int WSAAPI Startup(WORD version, LPWSADATA data);
 int WSAAPI Cleanup();
 char* WSAAPI AddressText(in_addr address);
 
-// Sockets come and go: dispatch_sockets.cpp.
+// Making and closing sockets: dispatch_sockets.cpp.
 SOCKET WSAAPI Socket(int family, int type, int protocol);
 SOCKET WSAAPI SocketA(int family, int type, int protocol, LPWSAPROTOCOL_INFOA info, GROUP group,
                       DWORD flags);
@@ -30,7 +30,7 @@ int WSAAPI CloseSocket(SOCKET s);
 int WSAAPI DuplicateSocketA(SOCKET s, DWORD process, LPWSAPROTOCOL_INFOA info);
 int WSAAPI DuplicateSocketW(SOCKET s, DWORD process, LPWSAPROTOCOL_INFOW info);
 
-// Bytes move: dispatch_data.cpp.
+// Transfer of data: dispatch_data.cpp.
 int WSAAPI Recv(SOCKET s, char* buffer, int length, int flags);
 int WSAAPI RecvEx(SOCKET s, char* buffer, int length, int* flags);
 int WSAAPI RecvFrom(SOCKET s, char* buffer, int length, int flags, sockaddr* from,
@@ -55,7 +55,7 @@ int WSAAPI SendDisconnect(SOCKET s, LPWSABUF data);
 BOOL WSAAPI GetOverlappedResult(SOCKET s, LPWSAOVERLAPPED overlapped, LPDWORD bytes, BOOL wait,
                                 LPDWORD flags);
 
-// All the rest: dispatch_control.cpp.
+// Everything else: dispatch_control.cpp.
 int WSAAPI Bind(SOCKET s, const sockaddr* name, int length);
 int WSAAPI Connect(SOCKET s, const sockaddr* name, int length);
 int WSAAPI ConnectWithData(SOCKET s, const sockaddr* name, int length, LPWSABUF caller,

@@ -10,7 +10,7 @@ namespace winsock_host {
 namespace {
 
 // Winsock lets the provider of the first socket in the sets serve the whole call; sets without a
-// socket are the platform's to judge.
+// socket go to the platform.
 const Provider& ProviderOfSets(const fd_set* reads, const fd_set* writes, const fd_set* excepts) {
   for (const fd_set* set : {reads, writes, excepts}) {
     if (set != nullptr && set->fd_count != 0) return OwnerOf(set->fd_array[0]);
@@ -18,8 +18,8 @@ const Provider& ProviderOfSets(const fd_set* reads, const fd_set* writes, const 
   return ProviderOfStrangers();
 }
 
-// The platform knows nothing of our entries: a socket's own description gets the promises of the
-// entry that made it.
+// The platform does not know our entries: a socket's own description gets the flags of the entry
+// that made it.
 void ShowEntry(const Provider& provider, int option, char* value) {
   static_assert(offsetof(WSAPROTOCOL_INFOW, dwServiceFlags1) == 0);
   static_assert(offsetof(WSAPROTOCOL_INFOA, dwServiceFlags1) == 0);

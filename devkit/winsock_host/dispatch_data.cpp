@@ -111,7 +111,7 @@ int WSAAPI SendBuffersTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, 
 
 int WSAAPI SendMsg(SOCKET s, LPWSAMSG message, DWORD flags, LPDWORD sent,
                    LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) {
-  // Winsock has no table entry for this one: it asks the provider for the extension function.
+  // The call table has no entry for this one: Winsock asks the provider for the extension function.
   using Function = int(WSAAPI*)(SOCKET, LPWSAMSG, DWORD, LPDWORD, LPWSAOVERLAPPED,
                                 LPWSAOVERLAPPED_COMPLETION_ROUTINE);
   GUID id = WSAID_WSASENDMSG;

@@ -30,8 +30,8 @@ SOCKET MakeSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info, 
   WSAPROTOCOL_INFOW entry;
   LPWSAPROTOCOL_INFOW passed = info;
   if (provider != &DirectProvider()) {
-    // An info of the program's own comes from the platform's catalogue or from a duplicated
-    // socket: it keeps all it says but the entry's id, under which the handle is registered.
+    // An info of the program's own comes from the platform's catalogue or from a duplicated socket:
+    // it stays as it is except for the entry's id, under which the handle is registered.
     entry = info != nullptr ? *info : provider->info;
     entry.dwCatalogEntryId = provider->info.dwCatalogEntryId;
     passed = &entry;

@@ -22,8 +22,8 @@ inline int Finish(const Provider& provider, Call call, int result, int error, DW
   return Finish(provider, call, result, SOCKET_ERROR, error, bytes);
 }
 
-// What a call with a completion routine names its thread by. The handle is a pseudo handle: the
-// routine runs in the thread that made the call, so nobody else needs one.
+// Identifies the calling thread for a completion routine. The handle is a pseudo handle, because
+// the routine runs in the calling thread itself.
 struct CallingThread {
   WSATHREADID id = {GetCurrentThread(), 0};
 };

@@ -1,5 +1,5 @@
-// What the launcher hands to the host inside the program it starts: one record, written into the
-// program's memory and given to HostStart as the argument of a remote thread. It is the same in
+// What the launcher passes to the host inside the program that it starts: one record, written into
+// the program's memory and given to HostStart as the argument of a remote thread. It is the same in
 // 32-bit and 64-bit programs. Both sides are builds of one tree; kHostVersion keeps a stale copy of
 // either from being used.
 #pragma once

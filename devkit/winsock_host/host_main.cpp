@@ -1,6 +1,6 @@
 // Entry points of winsock_host.dll. Nothing runs when the module is loaded: the launcher calls
 // HostStart in a thread of its own, outside the loader's lock, before the program's first thread
-// is let go.
+// runs.
 
 #include <windows.h>
 #include <winsock2.h>

@@ -1,5 +1,5 @@
 // The two kinds of programs, 32-bit and 64-bit, and the files that serve each. The names differ, so
-// that all of them may lie in one folder. Both the launcher and the host know them.
+// that all of them fit into one folder. Shared by the launcher and the host.
 #pragma once
 
 #include <windows.h>
@@ -23,14 +23,14 @@ struct KindFiles {
 
 const KindFiles& FilesOf(Kind kind);
 
-// Of a process that runs or is about to: the platform decides it, not the program's file alone.
+// Of a process that runs or is about to: decided by the platform, not by the program's file alone.
 Kind KindOfProcess(HANDLE process);
 
 // The folder of a module, with its last separator; null is the program itself.
 std::wstring FolderOf(HMODULE module);
 
-// A file of some kind, for whoever lies in `folder`: beside it, or in the other kind's build.
-// Without either the answer is the path beside it.
+// The path of a file of some kind for a module in `folder`: beside it, or in the other kind's
+// build. If there is neither, the path beside it.
 std::wstring FindKindFile(const std::wstring& folder, Kind kind, const wchar_t* name);
 
 }  // namespace winsock_host

@@ -18,7 +18,7 @@ using RegisterNotification = NTSTATUS(NTAPI*)(ULONG, NotificationFunction, void*
 LoadDll g_load_dll;
 GetProcedure g_get_procedure;
 
-// What the loader tells about a module that came; the fields are the platform's.
+// What the loader reports about a module that was loaded; the fields are the platform's.
 struct LoadNotice {
   ULONG flags;
   const UNICODE_STRING* full_name;

@@ -1,4 +1,4 @@
-// Keeps up with modules and functions that the program finds at run time.
+// Handles modules and functions that the program finds at run time.
 #pragma once
 
 namespace winsock_host {

@@ -13,7 +13,7 @@
 
 namespace winsock_host {
 
-// Exclusive. Also for whoever ends a thread, which must not happen while that thread holds it.
+// Exclusive. Also taken to end a thread, which must not happen while that thread holds it.
 //
 // At process end the other threads are gone, and one of them may have held the lock. The calls
 // that still come (from static destructors) do without it rather than hang.
@@ -35,8 +35,8 @@ void Own(SOCKET s, const Provider& provider);
 const Provider* Disown(SOCKET s);  // the owner that was recorded, or null
 void DisownAll();
 
-// Serves inherited sockets, ones made before the host came, and values that are no sockets: the
-// direct provider, or one that refuses everything while Winsock is not started.
+// Serves inherited sockets, those made before the host was loaded, and values that are not sockets:
+// the direct provider, or one that refuses everything while Winsock is not started.
 const Provider& ProviderOfStrangers();
 
 }  // namespace winsock_host

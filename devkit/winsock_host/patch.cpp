@@ -21,7 +21,7 @@ State& TheState() {
   return state;
 }
 
-// A loaded image, with every offset checked against its size: packers leave odd headers behind.
+// A loaded image, with every offset checked against its size: packers produce odd headers.
 class Image {
  public:
   explicit Image(HMODULE module) : base_(reinterpret_cast<uint8_t*>(module)) {

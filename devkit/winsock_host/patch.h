@@ -1,5 +1,5 @@
-// Import slots, exchanged by value: a slot that holds the address of a platform function which
-// has a replacement gets the replacement, whether it was imported by name, by ordinal or late.
+// Import slots, replaced by value: a slot that holds the address of a platform function which has a
+// replacement gets the replacement, whether it was imported by name, by ordinal or late.
 //
 // The system modules that implement those functions, the host and the base provider keep their
 // own slots: that is what ends every chain at the platform.

@@ -79,7 +79,7 @@ int Start(HMODULE module, const CatalogueEntry& entry, Provider* provider) {
   return IsComplete(provider->table) ? 0 : WSAEINVALIDPROCTABLE;
 }
 
-// True: nothing is left of it in memory.
+// True if it is no longer in memory.
 bool Unload(HMODULE module) {
   if (TheState().keep_loaded) return false;
   FreeLibrary(module);
@@ -103,7 +103,7 @@ int LoadAndStart(const CatalogueEntry& entry, Provider* provider) {
   return result;
 }
 
-// What serves another entry of the GUID, if one start is to serve them all.
+// The started provider of another entry with the same GUID, if one start serves them all.
 const Provider* StartedUnder(const GUID& guid) {
   if (TheState().start_each_entry) return nullptr;
   for (const std::atomic<const Provider*>& slot : TheState().started) {
@@ -160,7 +160,7 @@ bool PrepareProviders(const HostConfig& config) {
   WSAPROTOCOL_INFOW info = {};
   if (start(MAKEWORD(2, 2), &data, &info, UpcallTable(), &state.direct.table) != 0) return false;
   if (!IsComplete(state.direct.table)) return false;
-  // Its table is all that is wanted: the starts that the program causes keep the provider going.
+  // Only its table is needed: the starts that the program causes keep the provider running.
   int error = 0;
   return state.direct.table.lpWSPCleanup(&error) == 0;
 }

@@ -5,10 +5,10 @@
 // further entries of a GUID get the table of its first start. One that starts each entry by itself
 // can be asked for.
 //
-// At the program's last WSACleanup every start is answered by a WSPCleanup and its module is
-// freed, whatever still runs there: a provider that is not done by then has to keep itself in
-// memory. Records of started providers are never freed: a call that is under way has one in hand.
-// All operations may be called from any thread.
+// At the program's last WSACleanup every start is matched by a WSPCleanup and its module is freed,
+// whatever still runs there: a provider that is not finished by then has to keep itself in memory.
+// Records of started providers are never freed: a call that is under way has one in hand. All
+// operations may be called from any thread.
 #pragma once
 
 #include <winsock2.h>
@@ -34,8 +34,8 @@ inline bool SeenByLibrary(const Provider& provider, Call call) {
   return (provider.replaced >> call & 1) != 0;
 }
 
-// Once, before anything is patched. Loads the base provider that serves what no started entry
-// knows (owners.h). False when it cannot.
+// Once, before anything is patched. Loads the base provider, which serves sockets without an owner
+// (owners.h). False if that fails.
 bool PrepareProviders(const HostConfig& config);
 const Provider& DirectProvider();
 
@@ -47,8 +47,8 @@ const Provider* ProviderForNewSocket(int family, int type, int protocol, int* er
 // The provider of a catalogue entry, null while the entry is not started.
 const Provider* StartedProvider(DWORD catalog_id);
 
-// The program's last WSACleanup: what was started is told and unloaded; the next socket starts
-// anew.
+// The program's last WSACleanup: started providers get their WSPCleanup and are unloaded; the next
+// socket starts them again.
 void CleanUpProviders();
 
 }  // namespace winsock_host

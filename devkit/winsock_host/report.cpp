@@ -7,7 +7,7 @@
 namespace winsock_host {
 namespace {
 
-// Before the report is opened, and when there is none, counts go here and are forgotten.
+// Takes the counts before the report is opened, or if there is no report.
 HostReport g_nowhere;
 HostReport* g_report = &g_nowhere;
 

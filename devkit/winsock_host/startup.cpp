@@ -29,7 +29,7 @@ class StartupLock {
   StartupLock& operator=(const StartupLock&) = delete;
 };
 
-// From here on every call fails that needs a started Winsock, the providers' own ones too.
+// From here on every call that needs a started Winsock fails, including the providers' own.
 void End() {
   TheState().starts = 0;
   DisownAll();
@@ -82,7 +82,7 @@ int WSAAPI Cleanup() {
 }
 
 // Winsock keeps this text in a place of the thread's own, and a thread gets its place under the
-// start-up lock: a provider's thread that asks for it waits until a cleanup has ended.
+// start-up lock: a provider's thread that calls this waits until a running cleanup has ended.
 char* WSAAPI AddressText(in_addr address) {
   const StartupLock lock;
   return inet_ntoa(address);

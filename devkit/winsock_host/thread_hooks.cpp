@@ -12,19 +12,20 @@ namespace {
 
 constexpr DWORD kFailed = static_cast<DWORD>(-1);
 
-// Stops a thread where it may be ended. True: it stands, and has to be ended or resumed.
+// Suspends a thread in a place where it may be ended. True if it is suspended, and has to be ended
+// or resumed.
 bool Halt(HANDLE thread) {
   const OwnersLock not_inside_the_host;
   if (SuspendThread(thread) == kFailed) return false;
   CONTEXT context = {};
   context.ContextFlags = CONTEXT_CONTROL;
-  GetThreadContext(thread, &context);  // comes back when the thread stands
+  GetThreadContext(thread, &context);  // returns once the thread is suspended
   return true;
 }
 
-// Windows ends a thread outside of the kernel only. Wine 8 ends it wherever it is, also while it
-// holds the lock under which handles are closed: the process then waits for ever at the next handle
-// that it closes, mostly at its own end. It suspends a thread outside of such places, though.
+// Windows ends a thread only outside of the kernel. Wine 8 ends it wherever it is, even while it
+// holds the lock under which handles are closed: the process then hangs at the next handle that it
+// closes, mostly at its own end. But Wine suspends a thread outside of such places only.
 BOOL WINAPI HookedTerminateThread(HANDLE thread, DWORD code) {
   const bool is_own = GetThreadId(thread) == GetCurrentThreadId();
   const bool halted = !is_own && Halt(thread);

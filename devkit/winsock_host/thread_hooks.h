@@ -1,4 +1,4 @@
-// Ends threads as Windows does on a platform where it harms the process.
+// Ends threads the way Windows does, on a platform whose own way harms the process.
 #pragma once
 
 namespace winsock_host {

@@ -7,8 +7,8 @@
 namespace winsock_host {
 namespace {
 
-// Every socket handle is the platform's own, so what exists for providers that invent handles is
-// refused.
+// Every socket handle is the platform's own, so the functions for providers that make handles of
+// their own refuse.
 template <typename Result>
 Result Refuse(Result result, LPINT error) {
   if (error != nullptr) *error = WSAEOPNOTSUPP;

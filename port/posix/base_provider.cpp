@@ -6,8 +6,8 @@
 #include <ws2spi.h>
 
 #include "port/posix/sockets.h"
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
-#include "port/shared/rendition.h"
 
 namespace port {
 namespace {
@@ -140,7 +140,7 @@ SOCKET WSPAPI BaseSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW
 
 // --- WSPIoctl and the one extension function ------------------------------------------------
 
-// Blocks where the platform would answer "pending": the outcome is there when it returns.
+// Blocks where the platform would answer "pending": the outcome is known when it returns.
 BOOL WINAPI ConnectAtOnce(SOCKET s, const struct sockaddr* name, int name_size, PVOID data,
                           DWORD size, LPDWORD sent, LPOVERLAPPED overlapped) {
   int error = 0;

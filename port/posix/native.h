@@ -1,5 +1,5 @@
-// The host system's socket calls and values under names of their own. To be included first:
-// winsock2.h gives the usual names another meaning.
+// The host system's socket calls and values under names of their own. Include it first: winsock2.h
+// gives the usual names another meaning.
 #pragma once
 #include <fcntl.h>
 #include <linux/errqueue.h>

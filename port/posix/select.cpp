@@ -29,8 +29,8 @@ struct Set {
   std::vector<Wanted>& wanted;
 };
 
-// What a thread's selections work on, one after the other: the memory stays, so that only its
-// first ones allocate.
+// Buffers that a thread's selections reuse one after the other, so that only the first ones
+// allocate.
 struct Scratch {
   std::vector<Wanted> wanted[3];
   SelectedSockets sockets;
@@ -42,8 +42,8 @@ Scratch& ThreadScratch() {
   return scratch;
 }
 
-// Callers are apt to ask for the same handles in two sets, in the same order; what is looked up,
-// waited for and polled once then serves both.
+// Callers often pass the same handles in two sets, in the same order; then one lookup and one poll
+// serve both.
 int Resolve(Set* set, const Set& reads, SelectedSockets* sockets) {
   if (!set->handles) return 0;
   if (set->handles->fd_count > FD_SETSIZE) return WSAEINVAL;
@@ -61,15 +61,15 @@ int Resolve(Set* set, const Set& reads, SelectedSockets* sockets) {
   return 0;
 }
 
-// What the host's poll may be asked for this socket. An unconnected or refused stream polls as
-// writable and hung up on the host, for ever; Windows shows a refused one in the exception set
+// The events that the host may be polled for on this socket. An unconnected or refused stream polls
+// as writable and hung up on the host, for ever; Windows shows a refused one in the exception set
 // alone, and an unconnected one nowhere.
 short Pollable(Socket& socket, short events) {
   if (!socket.stream()) return events;
   if (socket.listening) return static_cast<short>(events & POLLIN);
   switch (SettleConnect(socket)) {
     case Socket::Connect::kDone:
-      // The host tells of an urgent byte also where it is taken inline; Windows does not.
+      // The host reports an urgent byte even if it is read inline; Windows does not.
       return events == POLLPRI && socket.oob_inline ? short{0} : events;
     case Socket::Connect::kPending:
       return POLLOUT;  // any outcome concerns any set
@@ -101,7 +101,7 @@ class Selection {
       : sets_{{read, POLLIN, scratch_.wanted[0]},
               {write, POLLOUT, scratch_.wanted[1]},
               {except, POLLPRI, scratch_.wanted[2]}} {}
-  // No socket may outlive its handle because no other select follows.
+  // Releases the sockets, so that none outlives its handle until the next select.
   ~Selection() {
     for (Set& set : sets_) set.wanted.clear();
     scratch_.sockets.clear();
@@ -125,7 +125,7 @@ class Selection {
       for (Wanted& one : set.wanted) action(one);
   }
 
-  // One look at everything, for at most that long. False: a socket was closed meanwhile.
+  // One poll of all sockets, for at most that long. False: a socket was closed meanwhile.
   bool Look(Thread& thread, const timespec* limit) {
     std::vector<pollfd>& polled = scratch_.polled;
     polled.clear();

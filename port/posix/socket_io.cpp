@@ -8,8 +8,8 @@
 namespace port {
 namespace {
 
-// The caller's buffers as the host has them. A few need no memory: the port is not to add
-// allocations of its own to a path that has none.
+// The caller's buffers as the host has them. A few need no memory, so that the port adds no
+// allocation to a path that has none.
 class Vectors {
  public:
   Vectors(const WSABUF* buffers, DWORD count) : size_(count) {
@@ -67,8 +67,8 @@ ssize_t PutOnStream(int fd, Vectors* vectors, int flags) {
   return native::SendMsg(fd, &message, flags);
 }
 
-// With IP_RECVERR the host queues each unreachable report, and any call may be the one that
-// learns of it.
+// With IP_RECVERR the host queues each "unreachable" report, and any call may be the one that gets
+// it.
 void DropQueuedReport(Socket& socket) {
   char data[64], control[512];
   iovec vector = {data, sizeof data};
@@ -149,7 +149,7 @@ int SendDatagram(Socket& socket, Vectors& vectors, int flags, const sockaddr* to
     }
     if (errno == EINTR) continue;
     if (IsUnreachableReport(socket, errno)) {
-      // A report on an earlier datagram: receiving tells it, sending does not.
+      // A report on an earlier datagram: receiving returns it, sending does not.
       std::lock_guard hold(socket.lock);
       socket.pending_error = WSAECONNRESET;
       continue;
@@ -170,7 +170,7 @@ bool TakeUnreachable(Socket& socket) {
   return told && socket.report_unreachable;
 }
 
-// The three below give the host's error number.
+// The three functions below return the host's error number.
 int ReceiveBytes(const Socket& socket, Vectors* vectors, int flags, size_t* got) {
   const ssize_t size =
       native::Recv(socket.fd, vectors->data()->iov_base, vectors->data()->iov_len, flags);
@@ -234,7 +234,7 @@ int ReceiveOn(Socket& socket, const WSABUF* buffers, DWORD count, DWORD flags, s
       if (socket.report_unreachable) return WSAECONNRESET;
       continue;
     }
-    // The host calls an urgent byte that is not there a wrong question; Windows waits for it.
+    // Without an urgent byte the host answers "invalid argument"; Windows waits for one.
     const bool waits_for_urgent = (flags & MSG_OOB) != 0 && number == EINVAL && !socket.oob_inline;
     if (number != EAGAIN && !waits_for_urgent) return FinishStreamError(socket, number);
     if (socket.non_blocking) return WSAEWOULDBLOCK;

@@ -11,7 +11,7 @@
 namespace port {
 namespace {
 
-// Handles are the port's own: a host descriptor comes back at once and would hide a use after
+// Handles are the port's own: the host reuses a descriptor at once, which would hide a use after
 // close.
 class SocketTable {
  public:
@@ -91,7 +91,7 @@ RunningSelections& Selections() {
   return selections;
 }
 
-// A thread's place among those that poll a socket, for as long as it polls.
+// Registers a thread with the socket that it polls, for as long as it polls.
 class Waiting {
  public:
   Waiting(Socket& socket, Thread& thread) : socket_(socket), thread_(thread) {
@@ -189,7 +189,7 @@ int OpenSocket(int family, int type, int protocol, SOCKET* out) {
   const int fd = native::Socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol);
   if (fd < 0) return ErrorOf(errno);
   if (type == SOCK_DGRAM) {
-    // Windows tells an unconnected socket, too, that a peer's port was unreachable.
+    // Windows reports an unreachable port of a peer to an unconnected socket, too.
     const int on = 1;
     native::SetSockOpt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
   }
@@ -252,7 +252,7 @@ int AcceptOn(Socket& socket, sockaddr* name, int* name_size, SOCKET* out) {
 
 namespace {
 
-// A datagram socket's connect only names a peer. The address of nobody takes the name back.
+// A datagram socket's connect only sets the peer; the zero address removes it.
 int NamePeer(Socket& socket, const sockaddr* name) {
   sockaddr nobody = {};
   nobody.sa_family = AF_UNSPEC;
@@ -308,8 +308,8 @@ int ConnectTo(Socket& socket, const sockaddr* name, int name_size) {
   if (number == ECONNABORTED) number = TryConnect(socket.fd, name);  // a refusal before this one
   if (number != 0 && number != EINPROGRESS && number != ECONNREFUSED) return ErrorOf(number);
   socket.bound = true;
-  // On loopback the host may know the outcome at once. Windows never says so in this call when
-  // the socket is non-blocking: it is learned from select.
+  // On loopback the host may know the outcome at once. Windows never returns it from this call if
+  // the socket is non-blocking: select shows it.
   const auto next = number == 0             ? Socket::Connect::kDone
                     : number == EINPROGRESS ? Socket::Connect::kPending
                                             : Socket::Connect::kFailed;

@@ -45,15 +45,15 @@ struct Socket {
   std::atomic<Connect> connect{Connect::kNone};  // written under the lock
 
   std::mutex lock;               // what follows
-  int pending_error = 0;         // what SO_ERROR will tell once
+  int pending_error = 0;         // what SO_ERROR will return once
   std::vector<Thread*> waiters;  // threads that poll this socket alone
 };
 using SocketRef = std::shared_ptr<Socket>;
 using SelectedSockets = std::vector<SocketRef>;
 
-// A thread's place among those that poll many sockets at once, for as long as it does. The sockets
-// stay as they are meanwhile. Made for loops with many sockets and few changes: it costs one lock,
-// and a change of a socket looks for it in every selection.
+// Registers a thread that polls many sockets at once, for as long as it does, and keeps the sockets
+// alive. Made for loops with many sockets and few changes: it takes one lock, and a change of a
+// socket searches every selection for it.
 class Selecting {
  public:
   Selecting(const SelectedSockets& sockets, Thread& thread);
@@ -85,7 +85,7 @@ int ShutDown(Socket& socket, int how);
 int NameOf(Socket& socket, sockaddr* name, int* name_size);
 int PeerOf(Socket& socket, sockaddr* name, int* name_size);
 
-// Looks whether a pending connect has come to its end, and returns the state.
+// Checks whether a pending connect has ended, and returns the state.
 Socket::Connect SettleConnect(Socket& socket);
 
 // Waits for poll events. 0 when there are some, WSAETIMEDOUT after timeout_ms (0: no limit),

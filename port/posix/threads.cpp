@@ -58,8 +58,8 @@ void MarkEnded(Thread& thread, DWORD code) {
   thread.changed.notify_all();
 }
 
-// Threads that this port did not start: the first one, and those of a test framework. Kept for
-// good, because their last calls may come from destructors.
+// Threads that this port did not start: the main thread, and those of a test framework. Never
+// freed, because their last calls may come from destructors.
 struct Adopted {
   Adopted() : thread(std::make_shared<Thread>(next_id++)) {
     static std::mutex lock;

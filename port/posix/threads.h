@@ -1,10 +1,10 @@
-// Threads of the posix backend: what the waits and the sockets need to know of them.
+// Threads of the posix backend, as the waits and the sockets see them.
 #pragma once
 #include <atomic>
 #include <vector>
 
+#include "port/shared/backend.h"
 #include "port/shared/objects.h"
-#include "port/shared/rendition.h"
 
 namespace port {
 
@@ -32,7 +32,7 @@ class Thread : public Waitable {
   const char* kind() const override { return "thread"; }
   DWORD TryTake(Thread&) override { return ended ? WAIT_OBJECT_0 : WAIT_TIMEOUT; }
 
-  // Readable after Wake(): what a thread that waits for sockets adds to its poll.
+  // Readable after Wake(): a thread that waits for sockets adds it to its poll.
   int WakeFd();
   void Wake();
   void DrainWakes();
@@ -60,8 +60,8 @@ std::mutex& KernelLock();
 // The calling thread.
 Thread& Self();
 
-// Where a thread that was told to end stops: it is marked ended, its mutexes are abandoned, and
-// it never returns. Nothing on its stack is unwound, as on Windows: what it held stays held.
+// A thread that was told to end stops here: it is marked as ended, its mutexes are abandoned, and
+// it never returns. Its stack is not unwound, as on Windows: locks that it held stay held.
 void EndIfTold();
 
 }  // namespace port

@@ -1,5 +1,5 @@
-// Views that are mapped and unmapped: nobody watches them here.
-#include "port/shared/rendition.h"
+// Mapping and unmapping of views: this backend does not watch them.
+#include "port/shared/backend.h"
 
 namespace port {
 

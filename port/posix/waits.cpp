@@ -43,7 +43,7 @@ class Mutex : public Waitable, public Abandonable, public std::enable_shared_fro
     return std::exchange(abandoned_, false) ? WAIT_ABANDONED : WAIT_OBJECT_0;
   }
 
-  // False where the thread does not own it. Under KernelLock().
+  // False if the thread does not own it. Under KernelLock().
   bool Release(Thread& thread) {
     if (owner_ != &thread) return false;
     if (--depth_ > 0) return true;

@@ -2,8 +2,8 @@
 
 #include <atomic>
 
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
-#include "port/shared/rendition.h"
 
 namespace port {
 namespace {

@@ -1,7 +1,7 @@
-// The Winsock catalogue of the machine: a list that tests fill.
+// The Winsock catalogue of the machine: a list that tests can replace.
 //
-// Without a call it holds three base entries over this port's base provider: TCP (id 1001),
-// UDP (1002) and raw (1003).
+// By default it holds three base entries over this port's base provider: TCP (id 1001), UDP (1002)
+// and raw (1003).
 #pragma once
 #include <ws2spi.h>
 
@@ -17,7 +17,7 @@ std::vector<WSAPROTOCOL_INFOW> Catalogue();
 void SetProviderPath(const GUID& provider, const std::wstring& path);
 void RemoveProviderPath(const GUID& provider);
 
-// Empty where the provider is unknown.
+// Empty if the provider is unknown.
 std::wstring ProviderPath(const GUID& provider);
 
 // The three base entries.

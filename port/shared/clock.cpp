@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-#include "port/shared/rendition.h"
+#include "port/shared/backend.h"
 
 namespace {
 

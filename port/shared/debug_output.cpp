@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "port/shared/rendition.h"
+#include "port/shared/backend.h"
 
 namespace port {
 namespace {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <vector>
 
-#include "port/shared/rendition.h"
+#include "port/shared/backend.h"
 
 namespace port {
 namespace {

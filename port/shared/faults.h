@@ -19,14 +19,14 @@ void FailCall(const std::string& name, unsigned nth, DWORD error);
 // The n-th ReadFile from now on reads no more than that many bytes.
 void ShortRead(unsigned nth, DWORD bytes);
 
-// Forgets all faults and counts, and stops counting.
+// Removes all faults and counts, and stops counting.
 void ClearFaults();
 
 // Counts calls from now on (a fault that is set does so too).
 void CountCalls();
 
-// True: plain socket calls that succeed leave the last error as it was, where they clear it else.
-// Nobody promises either.
+// True: plain socket calls that succeed leave the last error as it was; otherwise they clear it.
+// Neither is documented.
 void SuccessKeepsLastError(bool keeps);
 bool DoesSuccessKeepLastError();
 
@@ -38,14 +38,14 @@ DWORD LastErrorOfSuccess();
 // Calls of that name since counting began, failed ones included.
 unsigned CallCount(const std::string& name);
 
-// The first thing every call that can fail asks. True: the last error is set, and the caller
-// returns its failure value at once.
+// Every call that can fail asks this first. True: the last error is set, and the caller returns its
+// failure value at once.
 bool Fails(const char* name);
 
 // The same for calls that hand their error through a pointer.
 bool Fails(const char* name, LPINT error);
 
-// How much of a read of that size is to be done.
+// How many bytes a read of that size may return.
 DWORD SizeToRead(DWORD size);
 
 }  // namespace port

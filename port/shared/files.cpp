@@ -29,7 +29,7 @@ pid_t root_owner = 0;
 const std::string& RootLocked() {
   if (!Root().empty()) return Root();
   std::string pattern = std::filesystem::temp_directory_path() / "port-files-XXXXXX";
-  if (!::mkdtemp(pattern.data())) std::abort();  // no place for files: nothing can go on
+  if (!::mkdtemp(pattern.data())) std::abort();  // without a root nothing can work
   Root() = pattern;
   root_owner = ::getpid();
   std::atexit(RemoveTemporaryRoot);
@@ -161,7 +161,7 @@ bool ValidName(const std::wstring& path) {
          path.find(L':', 2) == std::wstring::npos;
 }
 
-// A host path, or nothing with the error of a path that cannot be.
+// A host path, or nothing with the error for an invalid path.
 std::string HostPathOrFail(LPCWSTR path) {
   if (!path || !*path) {
     SetLastError(ERROR_PATH_NOT_FOUND);
@@ -193,7 +193,7 @@ bool Exists(const std::string& path) {
 
 // Takes no lock: a thread that was killed may hold it for ever.
 void RemoveTemporaryRoot() {
-  if (root_owner != ::getpid()) return;  // a forked child leaves its parent's files alone
+  if (root_owner != ::getpid()) return;  // a forked child does not remove its parent's files
   std::error_code ignored;
   std::filesystem::remove_all(Root(), ignored);
 }
@@ -308,7 +308,7 @@ DWORD WINAPI GetFileSize(HANDLE handle, LPDWORD high) {
   struct stat found;
   if (!file || ::fstat(file->fd(), &found) != 0) return INVALID_FILE_SIZE;
   if (high) *high = static_cast<DWORD>(static_cast<uint64_t>(found.st_size) >> 32);
-  SetLastError(0);  // a size of 0xffffffff is told from a failure by this
+  SetLastError(0);  // tells a size of 0xffffffff from a failure
   return static_cast<DWORD>(found.st_size);
 }
 

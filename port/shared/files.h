@@ -11,13 +11,13 @@ namespace port {
 void SetFileRoot(const std::string& directory);
 std::string FileRoot();
 
-// For a process that leaves without exit(): removes the temporary directory, if it made one.
+// For a process that ends without exit(): removes the temporary directory, if it made one.
 void RemoveTemporaryRoot();
 
-// The host path that stands for a Windows path, with existing names matched by letter case.
+// The host path of a Windows path. Existing names are found whatever their letter case.
 std::string HostPath(const std::wstring& path);
 
-// Makes the directory of a Windows path with all its parents; for tests that set a scene.
+// Makes the directory of a Windows path with all its parents; for a test's set-up.
 void MakeDirectories(const std::wstring& path);
 
 }  // namespace port

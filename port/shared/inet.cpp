@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
+#include "port/shared/backend.h"
 #include "port/shared/process.h"
-#include "port/shared/rendition.h"
 
 namespace {
 

@@ -58,7 +58,7 @@ void ParseLine(const std::wstring& raw, std::vector<Section>* sections) {
       {Trim(line.substr(0, equals)), has_value ? Trim(line.substr(equals + 1)) : L""});
 }
 
-// Nothing, with the error set, where the file cannot be read.
+// Nothing, with the error set, if the file cannot be read.
 std::optional<std::vector<Section>> ReadSections(LPCWSTR path) {
   std::wstring name = path ? path : L"win.ini";
   if (name.find_first_of(L"\\/:") == std::wstring::npos) name = L"C:\\Windows\\" + name;

@@ -1,5 +1,5 @@
 // One error number a thread, shared by both families of calls, as on Windows.
-#include "port/shared/rendition.h"
+#include "port/shared/backend.h"
 
 DWORD WINAPI GetLastError() { return port::CurrentThreadState().last_error; }
 

@@ -6,10 +6,10 @@
 
 #include <map>
 
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
 #include "port/shared/objects.h"
 #include "port/shared/process.h"
-#include "port/shared/rendition.h"
 
 namespace port {
 namespace {

@@ -4,7 +4,7 @@
 
 namespace port {
 
-// Unmaps every view that a process of that id left behind.
+// Unmaps every view that the process of that id has left mapped.
 void UnmapViewsOf(DWORD pid);
 
 }  // namespace port

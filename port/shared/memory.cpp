@@ -11,8 +11,8 @@ namespace {
 
 constexpr size_t kPage = 4096;
 
-// Behind each block lies a page that nobody may touch, so that what runs past the end is seen.
-// Windows promises nothing there.
+// Behind each block lies a page without access, so that an access past the end is caught. Windows
+// promises nothing there.
 size_t WithGuard(size_t size) { return (size + kPage - 1) / kPage * kPage + kPage; }
 
 std::mutex blocks_lock;

@@ -2,10 +2,10 @@
 
 #include <list>
 
+#include "port/shared/backend.h"
 #include "port/shared/base_startup.h"
 #include "port/shared/faults.h"
 #include "port/shared/process.h"
-#include "port/shared/rendition.h"
 #include "port/shared/text.h"
 
 namespace port {

@@ -1,9 +1,9 @@
 // Loadable modules: a registry that tests fill with exports, in place of files.
 //
-// Paths compare without regard to letter case. A name without a directory finds the first
-// module that bears it, and ".dll" is added where there is no extension. A module is "loaded"
-// while its count is above zero; its functions stay callable afterwards, so a test that wants
-// to catch a use after FreeLibrary looks at the count.
+// Paths compare without regard to letter case. A name without a directory finds the first module of
+// that name, and ".dll" is added if there is no extension. A module is "loaded" while its count is
+// above zero; its functions stay callable afterwards, so a test that wants to catch a use after
+// FreeLibrary looks at the count.
 #pragma once
 #include <windows.h>
 
@@ -16,13 +16,13 @@ namespace port {
 void RegisterModule(const std::wstring& path, const std::map<std::string, FARPROC>& exports);
 void UnregisterModule(const std::wstring& path);
 
-// How often the module is loaded now, and how often it was loaded at all. A module that was pinned
-// stays loaded once when it is freed for the last time.
+// How often the module is loaded now, and how often it was loaded in all. A pinned module keeps a
+// count of one when it is freed for the last time.
 int LoadCount(const std::wstring& path);
 int LoadsEver(const std::wstring& path);
 
-// Where the backend's own base provider is registered, exporting WSPStartup; and its identity
-// in the catalogue.
+// The path at which the backend's own base provider is registered, exporting WSPStartup, and its
+// GUID in the catalogue.
 inline constexpr wchar_t kBaseProviderPath[] = L"%SystemRoot%\\system32\\port_base.dll";
 inline constexpr GUID kBaseProviderGuid = {
     0x8f5a1c3e, 0x2b67, 0x4d90, {0x9e, 0x41, 0x5c, 0x72, 0x0a, 0xd3, 0x16, 0xb8}};

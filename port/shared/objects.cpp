@@ -3,9 +3,9 @@
 #include <map>
 #include <vector>
 
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
 #include "port/shared/process.h"
-#include "port/shared/rendition.h"
 
 namespace port {
 

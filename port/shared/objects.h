@@ -1,9 +1,9 @@
 // Kernel objects: counted by their handles, found by handle or by name.
 //
-// One table serves the whole machine; each handle belongs to the process that made it, so that
-// the end of a process can close what it left open. All names share one space, as on Windows:
-// a name that an object of another kind bears is an invalid handle to everyone else. A name
-// goes with its object's last handle, even while a view or a waiter keeps the object alive.
+// One table serves the whole machine; each handle belongs to the process that made it, so that the
+// end of a process can close what it left open. All names share one space, as on Windows: asking
+// for another kind of object under a used name is an invalid handle. A name ends with its object's
+// last handle, even while a view or a waiter keeps the object alive.
 //
 // Threads: every function may be called from any thread. The table's lock is a leaf.
 #pragma once
@@ -31,8 +31,8 @@ class Object {
 };
 using ObjectRef = std::shared_ptr<Object>;
 
-// A new handle for an object, owned by the calling thread's process. Handle values are
-// multiples of four and never come back.
+// A new handle for an object, owned by the calling thread's process. Handle values are multiples of
+// four and are never reused.
 HANDLE NewHandle(ObjectRef object);
 
 // Null for a handle that is not open; sets no error.
@@ -49,7 +49,7 @@ std::shared_ptr<T> LookupAs(HANDLE handle) {
 // False for a handle that is not open; sets no error.
 bool Close(HANDLE handle);
 
-// Closes every handle that a process of that id left behind.
+// Closes every handle that the process of that id has left open.
 void CloseHandlesOf(DWORD pid);
 
 // How many handles and views are open in all, for tests that look for leaks.
@@ -57,13 +57,13 @@ size_t OpenHandles();
 size_t OpenViews();        // mappings.cpp
 size_t OpenAllocations();  // memory.cpp: blocks of VirtualAlloc
 
-// Opens the object of that name and kind, or makes one with `make`. A null or empty name makes
-// an unnamed object. Last error: 0, or ERROR_ALREADY_EXISTS when it was there, or, with a null
-// result, ERROR_INVALID_HANDLE when the name belongs to another kind. `make` runs under the
-// table's lock; a null from it is the result, with the error it set.
+// Opens the object of that name and kind, or makes one with `make`. A null or empty name makes an
+// unnamed object. Last error: 0, or ERROR_ALREADY_EXISTS if it existed, or, with a null result,
+// ERROR_INVALID_HANDLE if the name belongs to another kind. `make` runs under the table's lock; if
+// it returns null, that is the result, with the error that it set.
 HANDLE CreateNamed(const char* name, const char* kind, const std::function<ObjectRef()>& make);
 
-// Null with ERROR_FILE_NOT_FOUND where no such name is, ERROR_INVALID_HANDLE for another kind.
+// Null with ERROR_FILE_NOT_FOUND for an unknown name, ERROR_INVALID_HANDLE for another kind.
 HANDLE OpenNamed(const char* name, const char* kind);
 
 }  // namespace port

@@ -1,6 +1,6 @@
 #include "port/shared/process.h"
 
-#include "port/shared/rendition.h"
+#include "port/shared/backend.h"
 
 namespace port {
 

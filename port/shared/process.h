@@ -1,5 +1,5 @@
-// What a process is to the calls that ask: its program, command line, id, and the providers
-// that Winsock has started in it.
+// A process as the calls see it: its program, command line, id, and the providers that Winsock has
+// started in it.
 #pragma once
 #include <string>
 
@@ -14,8 +14,8 @@ struct Process {
   SocketLayers layers;
 };
 
-// Sets what GetModuleFileNameW(NULL), GetCommandLineA and GetCurrentProcessId answer in the
-// calling thread's process. Call before other threads ask.
+// Sets what GetModuleFileNameW(NULL), GetCommandLineA and GetCurrentProcessId return in the calling
+// thread's process. Call it before other threads use them.
 void SetProcess(const std::wstring& path, const std::string& command_line, DWORD pid);
 
 }  // namespace port

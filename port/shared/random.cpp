@@ -1,7 +1,7 @@
 #include <rpc.h>
 
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
-#include "port/shared/rendition.h"
 
 int rand_s(unsigned int* out) {
   if (!out || port::Fails("rand_s")) return EINVAL;

@@ -2,8 +2,8 @@
 // it, or ends a process, between any two writes of one copy.
 //
 // `look` says whether the steps go on. It runs in a signal handler on the thread itself, which may
-// stand anywhere, in an allocation or under a lock: it does neither, unless it knows better. Where
-// the machine cannot do it (it is no x86), nothing is ever looked at.
+// be inside an allocation or hold a lock, so `look` must neither allocate nor lock unless it knows
+// that the thread does not. On machines other than x86 it is never called.
 #pragma once
 #include <functional>
 

@@ -1,7 +1,7 @@
+#include "port/shared/backend.h"
 #include "port/shared/catalogue.h"
 #include "port/shared/faults.h"
 #include "port/shared/process.h"
-#include "port/shared/rendition.h"
 #include "port/shared/text.h"
 
 namespace port {
@@ -15,7 +15,7 @@ WSPUPCALLTABLE Upcalls() {
   return table;
 }
 
-// Zero asks for whatever comes first; a hidden entry (chain length 0) serves nobody.
+// Zero matches any entry; a hidden entry (chain length 0) matches nothing.
 bool Serves(const WSAPROTOCOL_INFOW& entry, int family, int type, int protocol) {
   const bool protocol_fits =
       protocol == 0 || entry.iProtocol == protocol ||
@@ -29,7 +29,7 @@ std::atomic<bool> ends_before_its_providers{false};
 std::atomic<bool> starts_once_per_provider{false};
 std::atomic<bool> text_takes_the_start_lock{false};
 
-// A layered entry is started by the provider that its chain names first: its own.
+// A layered entry is started through the provider that comes first in its chain: its own.
 LPWSPSTARTUP FindStartup(const WSAPROTOCOL_INFOW& entry, HMODULE* module) {
   const std::wstring path = Expand(ProviderPath(entry.ProviderId));
   *module = path.empty() ? nullptr : LoadLibraryW(path.c_str());
@@ -129,7 +129,8 @@ std::shared_ptr<const SocketLayers::Started> SocketLayers::StartEntry(
   return started_.back();
 }
 
-// What an earlier start gave, where this one gave the same: a process may start a hundred times.
+// The kept result of an earlier start, if this one returned the same: a process may start Winsock a
+// hundred times.
 std::shared_ptr<const SocketLayers::Started> SocketLayers::Keep(
     std::shared_ptr<const Started> fresh) {
   for (const auto& one : kept_)
@@ -150,7 +151,7 @@ std::shared_ptr<const SocketLayers::Started> SocketLayers::ForNewSocket(int fami
     SectionGuard hold(&start_lock_);
     return StartEntry(entry, error);
   }
-  return nullptr;  // nobody serves it: the base provider says so in the platform's words
+  return nullptr;  // nobody serves it: the base provider returns the platform's error
 }
 
 const WSPPROC_TABLE& SocketLayers::TableOf(SOCKET s) {

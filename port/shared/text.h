@@ -4,7 +4,7 @@
 
 namespace port {
 
-// What is not a character becomes U+FFFD. For the port's own use; sets no error.
+// Invalid sequences become U+FFFD. For the port's own use; sets no error.
 std::wstring Wide(const std::string& utf8);
 std::string Utf8(const std::wstring& wide);
 
@@ -18,7 +18,7 @@ bool SameName(const std::wstring& a, const std::wstring& b);
 // TEMP and ProgramData; the host's environment is never looked at.
 void SetEnvironment(const std::wstring& name, const std::wstring& value);
 
-// %NAME% replaced where NAME is known, everything else left as it stands.
+// Replaces %NAME% if NAME is known, and leaves everything else as it is.
 std::wstring Expand(const std::wstring& text);
 
 }  // namespace port

@@ -1,7 +1,7 @@
 // Events and mutexes by name and handle; the backend implements the objects.
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
 #include "port/shared/objects.h"
-#include "port/shared/rendition.h"
 #include "port/shared/text.h"
 
 namespace port {

@@ -1,18 +1,18 @@
 // The plain calls of Winsock, over the call table of each socket's provider.
 #include "port/shared/winsock.h"
 
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
 #include "port/shared/process.h"
-#include "port/shared/rendition.h"
 
 namespace port {
 namespace {
 
 SocketLayers& Layers() { return CurrentProcess().layers; }
 
-// A provider reports failure through *error; a plain call leaves it as the last error, which
-// success clears, unless a test wants it kept. The error comes by reference, because the call that
-// fills it stands among the arguments beside it.
+// A provider reports failure through *error; a plain call makes it the last error, which success
+// clears unless a test has it kept. The error is passed by reference, because the call that fills
+// it is another argument of the same call.
 template <class Result>
 Result Finish(Result result, bool failed, const int& error) {
   if (failed) {
@@ -27,7 +27,7 @@ int Finish(int result, const int& error) { return Finish(result, result == SOCKE
 
 int Fail(int error) { return Finish(SOCKET_ERROR, error); }
 
-// What every plain call asks first. True: the last error is set, and the call has failed.
+// Every plain call asks this first. True: the last error is set, and the call has failed.
 bool Refuses(const char* name) {
   if (Fails(name)) return true;
   if (!Layers().ended()) return false;

@@ -30,18 +30,18 @@ class SocketLayers {
     HMODULE module;
   };
 
-  // True: sockets made from now on go by the catalogue. Forgets what was started before, so
-  // that the next socket starts its provider anew; sockets made before keep their tables.
+  // True: sockets made from now on use the catalogue. Forgets the providers that were started, so
+  // that the next socket starts its provider again; existing sockets keep their tables.
   void UseCatalogue(bool use);
 
-  // Winsock's own life: WSAStartup and WSACleanup, counted. The last cleanup tells each provider
-  // that was started and frees its module as often as it was loaded here; the next socket starts
-  // it anew. In a process that has asked for Winsock once, calls answer 10093 from the last cleanup
-  // to the next start; one that never asked is served all the same.
+  // Start and end of Winsock: WSAStartup and WSACleanup, counted. The last cleanup calls WSPCleanup
+  // of each started provider and frees its module as often as it was loaded here; the next socket
+  // starts it again. In a process that has called WSAStartup once, calls answer 10093 from the last
+  // cleanup to the next start; one that never has is served all the same.
   void StartUp();
   int CleanUp();  // 0, or the error
   bool ended() const { return ended_; }
-  void AwaitStartLock();  // where DispatchManners have inet_ntoa do so
+  void AwaitStartLock();  // taken by inet_ntoa too, if DispatchManners say so
 
   // The started provider for a new socket; starts it when it is the first. Null with *error
   // set, or with *error 0 where the base provider serves.
@@ -73,9 +73,9 @@ class SocketLayers {
 // For the calling thread's process.
 void UseCatalogue(bool use);
 
-// How the dispatch goes about what nobody has promised. For all processes.
+// How the dispatch behaves where Winsock promises nothing. For all processes.
 struct DispatchManners {
-  // True: by the time the last cleanup tells the providers, Winsock's own calls answer 10093.
+  // True: when the last cleanup calls the providers, Winsock's own calls already answer 10093.
   // False: they still work then.
   bool ends_before_its_providers = false;
   // True: a provider is started once, with the first of its entries that is asked for, and the
@@ -87,7 +87,7 @@ struct DispatchManners {
 void SetDispatchManners(const DispatchManners& manners);
 
 // Whether the calling thread waits for, or holds, the lock that starts and cleanups take. A thread
-// that is ended there keeps the lock for good, as on Windows, and no provider can do a thing.
+// that is ended there keeps the lock for good, as on Windows, and no provider can prevent it.
 bool IsInsideDispatch();
 
 // While one of these lives on a thread, sockets that the thread makes go straight to the base

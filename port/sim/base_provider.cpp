@@ -4,8 +4,8 @@
 // leaves a line in the trace. Overlapped calls are refused with 10045.
 #include <mswsock.h>
 
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
-#include "port/shared/rendition.h"
 #include "port/sim/sockets.h"
 #include "port/sim/threads.h"
 

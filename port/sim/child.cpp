@@ -12,7 +12,7 @@
 
 #include "port/shared/files.h"
 
-// The host system's own clock is meant here, not the simulated one.
+// Uses the host system's own clock, not the simulated one.
 #undef time
 
 namespace sim {
@@ -30,8 +30,8 @@ using WallClock = std::chrono::steady_clock;
   _exit(code);
 }
 
-// Of a world's threads one runs at a time, and handing over to one on another core takes several
-// times as long. Threads inherit this.
+// Only one of a world's threads runs at a time, and a hand-over to another core takes several times
+// as long. Threads inherit this.
 void StayOnThisCore() {
   const int core = ::sched_getcpu();
   if (core < 0 || core >= CPU_SETSIZE) return;
@@ -44,7 +44,7 @@ void StayOnThisCore() {
 [[noreturn]] void RunBody(const Options& options, const std::function<void(World&)>& body,
                           const std::function<Verdict()>& verdict) {
   StayOnThisCore();
-  // Left behind on purpose: what killed threads stand on must stay, and _exit asks nobody.
+  // Leaked on purpose: killed threads still have their stacks there, and _exit runs no destructor.
   World& world = *new World(options);
   body(world);
   std::fflush(nullptr);
@@ -60,7 +60,7 @@ void StayOnThisCore() {
   Leave(kFailed);
 }
 
-// Everything the child says, until it closes the pipe or the time is over.
+// The child's output, until it closes the pipe or the time is over.
 bool ReadAll(int from, std::chrono::seconds limit, std::string* out) {
   const auto deadline = WallClock::now() + limit;
   while (true) {

@@ -1,4 +1,5 @@
-// A world in a process of its own: statics start fresh, a crash or a hang harms nobody else.
+// A world in a process of its own: statics start fresh, and a crash or a hang does not affect other
+// tests.
 #pragma once
 #include <chrono>
 #include <functional>
@@ -9,7 +10,7 @@
 namespace sim {
 
 struct ChildResult {
-  bool passed = false;  // the body came to its end and `failed` said no
+  bool passed = false;  // the body returned and `failed` said no
   bool skipped = false;
   int exit_code = -1;  // -1: it did not exit by itself
   int signal = 0;      // what ended it; 0: none

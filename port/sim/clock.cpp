@@ -2,7 +2,7 @@
 
 namespace {
 
-// A look at a clock is no preemption point, but it counts: a loop that only watches the time
+// Reading a clock is no preemption point, but it counts as a step: a loop that only reads the time
 // must see it move in the end.
 sim::Micros SinceStart() {
   sim::Self();

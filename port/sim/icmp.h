@@ -1,4 +1,4 @@
-// The bytes of IP and ICMP headers, for those who look at them: raw sockets.
+// The bytes of IP and ICMP headers, which raw sockets see.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -23,7 +23,7 @@ std::string IpHeader(uint8_t protocol, uint32_t from, uint32_t to, size_t payloa
 // Sets the checksum of an ICMP message.
 void SealIcmp(std::string& message);
 
-// What a host says about a datagram that nobody wanted: it quotes the datagram's beginning.
+// A host's answer to a datagram for a closed port: it quotes the datagram's beginning.
 std::string PortUnreachable(const Packet& datagram);
 
 // The local and remote ends that such a message quotes. False for any other message.

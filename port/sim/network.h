@@ -1,8 +1,8 @@
 // Hosts, the links between them, and what travels.
 //
 // A packet is an IP datagram: a link may delay it, lose it, double it or let it be overtaken,
-// whatever it carries. TCP's promises are made by its endpoints (tcp.h), as in life, so a lossy
-// link costs a stream time and never bytes.
+// whatever it carries. TCP's guarantees are made by its endpoints (tcp.h), as on a real network, so
+// a lossy link costs a stream time and never bytes.
 //
 // Everything here runs on the scheduler's baton and needs no lock. Addresses and ports are in
 // host order throughout; only the socket calls know network order.
@@ -26,7 +26,7 @@ struct Address {
 };
 std::string ToText(uint32_t ip);
 std::string ToText(const Address& address);
-uint32_t ParseIp(const std::string& text);  // 0 for what is no dotted quad
+uint32_t ParseIp(const std::string& text);  // 0 if it is not a dotted quad
 inline bool IsLoopback(uint32_t ip) { return ip >> 24 == 127; }
 
 // The part of a TCP header that matters here. Sequence numbers are 64 bits wide and start at 0.
@@ -80,10 +80,10 @@ class Network {
   Host* HostNamed(const std::string& name) const;
   Link& LinkFrom(const Host& from, const Host& to);
 
-  // Hands a packet of `from` to the way that leads to its destination.
+  // Hands a packet of `from` to the link that leads to its destination.
   void Send(Host& from, Packet packet);
 
-  // No packet on its way and no stream with unacknowledged bytes.
+  // No packet under way and no stream with unacknowledged bytes.
   bool Quiet() const;
 
   Scheduler& scheduler() { return scheduler_; }

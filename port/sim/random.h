@@ -1,4 +1,4 @@
-// The simulation's own dice. Small, and the same on every machine and compiler, which the
+// The simulation's own random numbers. Small, and the same on every machine and compiler, which the
 // standard library's distributions are not: a seed must replay the same run anywhere.
 #pragma once
 #include <cstdint>
@@ -18,8 +18,8 @@ class Random {
   }
   // 0 … n-1; 0 for n = 0. The bias for the small n in use is far below what a test could see.
   uint64_t Below(uint64_t n) { return n == 0 ? 0 : Next() % n; }
-  // True with that probability. Draws only where the answer is open, so that a link without
-  // loss costs no draw.
+  // True with that probability. Draws only if the answer is open, so that a link without loss costs
+  // no draw.
   bool Chance(double probability) {
     if (probability <= 0) return false;
     if (probability >= 1) return true;

@@ -185,7 +185,7 @@ Thread* Scheduler::PickReady() {
   return ready.size() == 1 ? ready[0] : ready[dice_.Below(ready.size())];
 }
 
-// Never null: with nobody to run the world ends with a report.
+// Never null: if no thread can run, the world ends with a report.
 Thread* Scheduler::PickNext() {
   RunEventsUntil(now_);
   while (true) {
@@ -221,7 +221,7 @@ void Scheduler::SwitchTo(Thread& next) {
   self.AwaitBaton();
 }
 
-// The baton leaves a thread that will not want it back.
+// Passes the baton on from a thread that never gets it back.
 void Scheduler::PassOn() {
   Thread* next = PickNext();
   current_ = next;

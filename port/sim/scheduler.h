@@ -80,7 +80,7 @@ class Scheduler {
     uint64_t max_steps = 0;
     uint64_t spin_steps = 0;
   };
-  // `fail` gets the reason that ends the world (deadlock, a bound passed) and does not return.
+  // `fail` gets the reason why the world ends (deadlock, a bound passed) and does not return.
   // `ended` runs on the baton when a thread has ended or been killed, before it is reported.
   struct Hooks {
     std::function<void(const std::string&)> fail;
@@ -104,9 +104,9 @@ class Scheduler {
 
   // A preemption point. Every simulated call begins with one.
   void Step();
-  // Counts like a step and hands nothing on: for looks at the clock.
+  // Counts like a step without passing the baton on: for reading the clock.
   void Look() { CountStep(); }
-  // Lets any thread that can run go first, by the dice.
+  // Lets any runnable thread go first, at random.
   void Yield();
   // True when `ready` held, false when the deadline passed. Does not return if killed.
   bool Block(const Wait& wait);
@@ -126,7 +126,7 @@ class Scheduler {
   void At(Micros when, std::function<void()> event, bool traffic = false);
   size_t traffic_in_flight() const { return traffic_; }
 
-  // Who waits for what, one line a thread.
+  // What each thread waits for, one line a thread.
   std::string Report() const;
 
  private:
@@ -162,7 +162,7 @@ class Scheduler {
   uint32_t next_id_ = 100;
   Thread* current_ = nullptr;
   std::vector<ThreadRef> threads_;
-  std::vector<ThreadRef> ended_;  // parked for good; their stacks may still name these
+  std::vector<ThreadRef> ended_;  // parked for good; their stacks may still refer to these
   std::vector<Event> events_;     // a heap, the earliest first
 };
 

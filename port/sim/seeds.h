@@ -1,4 +1,4 @@
-// What a world's seed is made into before its dice are thrown.
+// Turns a world's seed into the seed of its random numbers.
 #pragma once
 #include <cstdint>
 
@@ -6,8 +6,8 @@
 
 namespace sim {
 
-// Random's streams of neighbouring seeds are one stream, each begun a draw after the other. Worlds
-// with the seeds 1, 2, 3 … are to have nothing in common.
+// The sequences of neighbouring seeds are one sequence, each begun one draw later. Worlds with the
+// seeds 1, 2, 3 … must have nothing in common.
 inline uint64_t Scattered(uint64_t seed) { return Random(seed).Next(); }
 
 }  // namespace sim

@@ -1,7 +1,7 @@
 // The sockets of every simulated process, and what the calls on them do.
 //
-// The calls are Windows' own, one function each; base_provider.cpp hands them out as a table.
-// Each answers a Winsock error number, 0 for success. Addresses are in host order here.
+// One function for each of Windows' calls; base_provider.cpp hands them out as a table. Each
+// answers a Winsock error number, 0 for success. Addresses are in host order here.
 #pragma once
 #include <winsock2.h>
 
@@ -15,8 +15,8 @@
 
 namespace sim {
 
-// A socket belongs to one process and is held by whoever is inside a call on it: closing it
-// under a blocked call ends that call with WSAEINTR.
+// A socket belongs to one process and is kept alive by every call on it: closing it during a
+// blocked call ends that call with WSAEINTR.
 struct Socket {
   SOCKET handle = INVALID_SOCKET;
   Process* process = nullptr;
@@ -49,7 +49,7 @@ struct Socket {
   bool stream() const { return type == SOCK_STREAM; }
   Stack& stack() const { return process->host.stack(); }
 
-  // Takes notice of how a pending connect ended.
+  // Takes over the outcome of a pending connect.
   void Settle();
   bool CanRead() const;
   bool CanWrite() const;
@@ -88,7 +88,7 @@ int PeerName(Socket& socket, Address* out);
 
 int Send(Socket& socket, std::string_view data, bool urgent, DWORD* sent);
 int SendTo(Socket& socket, const std::string& data, const std::optional<Address>& to, DWORD* sent);
-// `*from` is set for datagrams. 10040 with the part that fits where a datagram is too long.
+// `*from` is set for datagrams. 10040 with the part that fits if a datagram is too long.
 int Receive(Socket& socket, char* out, size_t size, bool peek, bool urgent, DWORD* received,
             std::optional<Address>* from);
 

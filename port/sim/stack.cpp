@@ -114,7 +114,7 @@ void Stack::ReceiveTcp(const Packet& packet) {
     connections_.erase(at);
   }
   if (!packet.tcp.syn || packet.tcp.ack) return Refuse(packet);
-  // A full backlog answers with a reset, as Windows does; others would stay silent.
+  // A full backlog answers with a reset, as Windows does; other systems stay silent.
   const auto listener = ListenerFor(packet.to);
   if (!listener || listener->full()) return Refuse(packet);
   auto connection =

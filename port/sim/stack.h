@@ -1,4 +1,4 @@
-// The TCP/IP of one host: which port belongs to whom, and what an arriving packet means.
+// The TCP/IP stack of one host: who owns which port, and who gets an arriving packet.
 #pragma once
 #include <list>
 #include <map>
@@ -17,7 +17,8 @@ struct DatagramPort {
   };
   Protocol protocol = Protocol::kUdp;
   Address local;
-  Address peer;  // connected: only this one is heard; all zero: everybody
+  Address
+      peer;  // connected: only datagrams of this address are received; all zero: of every address
   size_t limit = 65536;
   size_t bytes = 0;  // in `queue`; what does not fit any more is dropped
   std::deque<Datagram> queue;
@@ -47,7 +48,7 @@ class Stack {
   uint32_t SourceFor(uint32_t ip) const;
   bool HasUnacknowledged() const;
 
-  // The claims: a conflict is what Windows refuses with 10048.
+  // Claims: a conflict is one that Windows refuses with 10048.
   bool Conflicts(const Binding& wanted) const;
   void Claim(std::shared_ptr<Binding> binding) { bindings_.push_back(std::move(binding)); }
   void Disclaim(const std::shared_ptr<Binding>& binding) { bindings_.remove(binding); }

@@ -104,8 +104,8 @@ void TcpConnection::Release(bool abort) {
   WatchOrphan();
 }
 
-// Nobody owns it any more: it lives while it still delivers, and then a while for its peer to
-// close the other direction.
+// It has no owner any more: it lives while it still delivers, and then for a while until its peer
+// closes the other direction.
 void TcpConnection::WatchOrphan() {
   Later(kOrphanLife, [](TcpConnection& it) {
     if (it.all_acknowledged())
@@ -333,7 +333,7 @@ void TcpConnection::OnData(const Packet& packet) {
   const uint64_t end = begin + packet.payload.size();
   if (packet.payload.empty() && !packet.tcp.fin && begin >= expected_) return;  // a bare ACK
   if (released_ && end > expected_) {
-    // Nobody will read this: say so, as Windows does.
+    // Nobody will read this: reset the connection, as Windows does.
     Emit(next_, {}, false, false, true);
     Die(0);
     return;
@@ -391,7 +391,7 @@ void TcpConnection::OnReset() {
   Die(state_ == State::kSynSent ? WSAECONNREFUSED : WSAECONNRESET);
 }
 
-// Buffers go with it: what a reset overtakes is lost, on both sides.
+// The buffers go too: bytes that a reset overtakes are lost, on both sides.
 void TcpConnection::Die(int error) {
   if (dead()) return;
   state_ = State::kDead;
@@ -402,7 +402,7 @@ void TcpConnection::Die(int error) {
   stack_.Forget(*this);
 }
 
-// Stays a while to acknowledge a FIN whose acknowledgement was lost.
+// Stays for a while to acknowledge a FIN whose acknowledgement was lost.
 void TcpConnection::LingerThenVanish() {
   Later(kTimeWait, [](TcpConnection& it) { it.Die(0); });
 }

@@ -1,14 +1,14 @@
 // One end of a TCP connection, and a listener.
 //
 // A small TCP over packets that may be lost, doubled or overtaken: cumulative acknowledgement,
-// retransmission with doubling delay, fast retransmission, a window that follows the reader,
-// probes of a closed window, half close, reset. Where the world's options say so, it saves
-// segments: small pieces wait for what is under way to be acknowledged unless TCP_NODELAY is set,
-// and an acknowledgement waits for something to ride on, for a second segment, or for 200 ms.
-// Together they are what makes a message late; elsewhere everything leaves at once. No congestion
-// control: it shows in nothing that a program can promise or break. Time-outs are Windows': a
-// connect gives up after 3 + 6 + 12 s, data after five retransmissions. There is one urgent byte
-// at a time, the latest: one that another follows before it has arrived is an ordinary byte.
+// retransmission with doubling delay, fast retransmission, a window that follows the reader, probes
+// of a closed window, half close, reset. Where the world's options say so, it saves segments: small
+// pieces wait for what is under way to be acknowledged unless TCP_NODELAY is set, and an
+// acknowledgement waits for something to ride on, for a second segment, or for 200 ms. Together
+// they are what makes a message late; elsewhere everything leaves at once. There is no congestion
+// control: no program can rely on it or violate it. Time-outs are Windows': a connect gives up
+// after 3 + 6 + 12 s, data after five retransmissions. There is one urgent byte at a time, the
+// latest: one that another follows before it has arrived is an ordinary byte.
 #pragma once
 #include <deque>
 #include <map>
@@ -25,7 +25,7 @@ class TcpListener;
 
 class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
  public:
-  // What setsockopt has to say about it.
+  // The options that setsockopt sets.
   struct Settings {
     size_t send = 65536;
     size_t receive = 65536;
@@ -47,8 +47,8 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   std::optional<char> ReadUrgent(bool peek);
   void FinishWriting();  // a FIN behind what is queued
   void StopReading();    // what arrives from now on is thrown away
-  // The owner goes. Unread bytes or `abort` reset the connection, else what is queued is still
-  // delivered.
+  // The owner closes it. Unread bytes or `abort` reset the connection; otherwise what is queued is
+  // still delivered.
   void Release(bool abort);
   void SetSettings(const Settings& settings);
 
@@ -68,7 +68,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   // --- the stack's side ---
   void Receive(const Packet& packet);
   uint64_t connection() const { return connection_; }
-  // Only kept to answer what is late: its ports may be used again.
+  // Kept only to answer late segments: its ports may be used again.
   bool in_time_wait() const { return released_ && both_finished(); }
 
  private:
@@ -110,7 +110,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   ByteQueue out_;
   uint64_t unacknowledged_ = 0;
   uint64_t next_ = 0;
-  uint64_t recover_ = 0;  // what was sent when a loss was seen: until there, holes are filled
+  uint64_t recover_ = 0;  // how far it had sent when a loss was seen: up to there, holes are filled
   uint64_t urgent_end_ = 0;
   bool finish_ = false;
   bool finish_sent_ = false;
@@ -134,7 +134,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   size_t unacknowledged_segments_ = 0;  // that have come since we last said something
   uint64_t spoken_ = 0;  // segments sent: an acknowledgement that waits has become idle
 
-  uint64_t timer_ = 0;  // the newest timer's number; older ones find that they are
+  uint64_t timer_ = 0;  // the newest timer's number; older timers do nothing
   bool timer_armed_ = false;
   Micros timeout_ = 0;
   int retries_ = 0;

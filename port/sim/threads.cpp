@@ -118,8 +118,8 @@ DWORD WINAPI GetCurrentThreadId() { return sim::Self().id(); }
 
 namespace {
 
-// Held by the waiter too, so that a section that is deleted under it ends in a report and not
-// in freed memory.
+// The waiter holds it too, so that deleting a section during a wait leads to a report and not to
+// freed memory.
 struct Section {
   sim::Thread* owner = nullptr;
   std::string owner_name;
@@ -139,8 +139,8 @@ void Own(Section* section, sim::Thread& self) {
 
 }  // namespace
 
-// No step here, nor in the deletion: the constructor of a function's static object may run
-// them, and another thread that came to the same object would wait outside the simulation.
+// No step here, nor in the deletion: they may run in the constructor of a function's static object,
+// and another thread that reached the same object would wait outside the simulation.
 void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION section) {
   section->state = new SectionRef(std::make_shared<Section>());
 }

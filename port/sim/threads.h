@@ -1,8 +1,8 @@
-// Threads and waitable objects of the simulation: what the waits and the world's end of a
-// thread need to know. All of it runs on the scheduler's baton.
+// Threads and waitable objects of the simulation, as the waits and the world see them. All of it
+// runs on the scheduler's baton.
 #pragma once
+#include "port/shared/backend.h"
 #include "port/shared/objects.h"
-#include "port/shared/rendition.h"
 #include "port/sim/scheduler.h"
 #include "port/sim/sim.h"
 
@@ -17,7 +17,7 @@ class Waitable : public port::Object {
   virtual std::string Describe() const = 0;  // for the report of a deadlock
 };
 
-// What a thread's handle stands for.
+// The object behind a thread's handle.
 class ThreadObject : public Waitable {
  public:
   explicit ThreadObject(ThreadRef thread) : thread_(std::move(thread)) {}
@@ -31,13 +31,13 @@ class ThreadObject : public Waitable {
   ThreadRef thread_;
 };
 
-// The calling thread; ends the program with a message where the world does not know it.
+// The calling thread; ends the program with a message if the world does not know it.
 Thread& Self();
 
 // A preemption point with no name of its own.
 void Step();
 
-// Gives up what a thread that ends held: its mutexes are abandoned.
+// Abandons the mutexes of a thread that ends.
 void AbandonMutexesOf(Thread& thread);
 
 }  // namespace sim

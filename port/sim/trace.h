@@ -1,4 +1,4 @@
-// What happened, as lines of text in a ring that outlives a crash.
+// The trace: lines of text in a ring buffer that survives a crash.
 //
 // The ring lives in memory that a parent process may share, so that the last lines can be
 // printed even when the simulated process died of a signal. The hash covers every line of the

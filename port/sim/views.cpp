@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "port/shared/rendition.h"
+#include "port/shared/backend.h"
 #include "port/shared/single_step.h"
 #include "port/sim/faults.h"
 #include "port/sim/threads.h"
@@ -16,7 +16,7 @@ thread_local const void* watched_view = nullptr;
 void Begin(const ViewWatch& watch, const Thread& self, std::span<const uint8_t> view) {
   watched_view = view.data();
   if (!watch.look(view, true)) return;
-  // Steps go on while the thread waits for its turn; what it sees then is not its own doing.
+  // Steps go on while the thread waits for its turn; changes that it sees then are not its own.
   static thread_local std::function<bool()> look;
   look = [&watch, &self, view] {
     return &TheWorld().scheduler().current() != &self || watch.look(view, false);

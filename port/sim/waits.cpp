@@ -56,7 +56,7 @@ class Mutex : public Waitable, public std::enable_shared_from_this<Mutex> {
     return Called("mutex", name()) + (owner_ ? ", held by " + owner_->name() : "");
   }
 
-  // False where the thread does not own it.
+  // False if the thread does not own it.
   bool Release(Thread& thread) {
     if (owner_ != &thread) return false;
     if (--depth_ > 0) return true;

@@ -21,7 +21,7 @@ constexpr size_t kTraceLinesShown = 60;
 
 int PreemptPercent(const Options& options) {
   if (options.preempt_percent >= 0) return options.preempt_percent;
-  // Some orders show only where threads run long undisturbed, some only where they never do.
+  // Some orders occur only if threads run undisturbed for long, others only if they never do.
   constexpr int kChoices[] = {2, 10, 25, 50};
   return kChoices[Random(Scattered(options.seed ^ 0x70726565)).Below(4)];
 }
@@ -31,7 +31,7 @@ uint64_t SeedOfEnvironment() {
   return text ? std::strtoull(text, nullptr, 0) : 1;
 }
 
-// For good, and where a leak checker can see it.
+// Never freed, and visible to a leak checker.
 template <class T>
 void Keep(std::unique_ptr<T>& owner) {
   static auto& kept = *new std::vector<std::shared_ptr<T>>;
@@ -73,7 +73,7 @@ World::World(const Options& options)
   director->SetProcess(home_);
 }
 
-// Threads that were killed still stand on their stacks inside a call: what they stand on must
+// Threads that were killed are parked inside a call with their stacks: what those refer to must
 // outlive them, and they never end.
 World::~World() {
   Keep(scheduler_);
@@ -319,7 +319,7 @@ World& TheWorld() {
     options.seed = SeedOfEnvironment();
     options.max_steps *= 10;  // one world for all tests of a program
     options.max_time *= 100;
-    new World(options);  // for good: threads and static objects may use it to the very end
+    new World(options);  // never freed: threads and static objects may use it to the very end
   }
   return *the_world;
 }

@@ -310,7 +310,7 @@ int SendUrgent(SOCKET s, const std::string& text) {
   return send(s, text.data(), static_cast<int>(text.size()), MSG_OOB);
 }
 
-// So many bytes, by as many calls as it takes.
+// Exactly that many bytes, in as many calls as it takes.
 std::string RecvWhole(SOCKET s, size_t size) {
   std::string text;
   while (text.size() < size) {

@@ -144,7 +144,7 @@ TEST(Mutex, OfADeadOwnerGoesToTheNextWaiterAsAbandonedOnce) {
     CHECK_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
   });
   CHECK_EQ(WaitForSingleObject(mutex, 10'000), static_cast<DWORD>(WAIT_ABANDONED));
-  CHECK_TRUE(ReleaseMutex(mutex));  // owned once, however often the dead one had it
+  CHECK_TRUE(ReleaseMutex(mutex));  // owned once, however often the ended thread had taken it
   CHECK_FAILS(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
   CHECK_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
   CHECK_TRUE(ReleaseMutex(mutex));
@@ -253,7 +253,7 @@ TEST(Thread, IsFoundByItsIdWhileItRuns) {
   CHECK_EQ(WaitForSingleObject(found, 0), static_cast<DWORD>(WAIT_TIMEOUT));
   CHECK_TRUE(TerminateThread(thread, 0));
   CHECK_EQ(WaitForSingleObject(found, 10'000), WAIT_OBJECT_0);
-  // Whether it is still found is the platform's affair; a handle then says that it has ended.
+  // The platform may or may not still find it; a handle then says that it has ended.
   Handle late(OpenThread(SYNCHRONIZE, FALSE, id));
   if (late != nullptr) {
     CHECK_EQ(WaitForSingleObject(late, 0), WAIT_OBJECT_0);

@@ -1,5 +1,5 @@
-// What the contract tests need besides the Windows calls: counted checks, loopback sockets, and
-// whether they run on real Windows, or on Wine in its place.
+// Helpers of the contract tests: counted checks, loopback sockets, and whether they run under Wine
+// instead of Windows.
 #pragma once
 #include <winsock2.h>
 //
@@ -13,7 +13,7 @@
 
 namespace contract {
 
-// Counts one check and hands the value on.
+// Counts one check and returns the value.
 void CountCheck();
 template <class Value>
 decltype(auto) Counted(Value&& value) {
@@ -21,9 +21,8 @@ decltype(auto) Counted(Value&& value) {
   return std::forward<Value>(value);
 }
 
-// True under Wine, with the difference that was seen noted in the log. With
-// CONTRACT_LEAVE_NOTHING_OUT in the environment it is false, to see whether a newer Wine still
-// differs.
+// True under Wine, and logs the known difference. With CONTRACT_LEAVE_NOTHING_OUT in the
+// environment it is false, to see whether a newer Wine still differs.
 bool WineDiffers(const char* what_was_seen);
 
 // An object name that no other run of these tests uses.

@@ -1,5 +1,5 @@
-// A world's tables in named shared memory, where the policy looks for them: created and filled with
-// the calls that the client program itself would use.
+// A world's tables in named shared memory, where the policy looks for them, created and filled with
+// the calls that a client program would use.
 #pragma once
 #include <winsock2.h>
 //
@@ -16,7 +16,7 @@
 
 namespace test {
 
-// A named mapping. Gone with this object, unless someone else has it open.
+// A named mapping. It ends with this object, unless someone else has it open.
 class NamedMapping {
  public:
   NamedMapping(const char* name, u32 size)
@@ -45,16 +45,16 @@ class ClientRegions {
  public:
   explicit ClientRegions(const World& world) { Publish(world); }
 
-  // Writes the world's tables into shared memory. What is there already is rewritten in
-  // place; nothing is ever taken away.
+  // Writes the world's tables into shared memory. Existing regions are rewritten in place; none is
+  // ever removed.
   void Publish(const World& world) {
     PublishGames(world);
     PublishRegion(world.ip_table.get(), moru_vyr::lsp::kIpTableRegionName, &ip_table_);
     PublishSmall(world);
   }
 
-  // The game's record among others: an unused one for the same program before it, and one that
-  // comes too late behind it.
+  // The game's record among others: before it an unused one for the same program, behind it one
+  // that comes too late.
   void PublishGames(const World& world) {
     const auto games = std::make_unique<moru_vyr::lsp::RestrictionRegion>();
     games->header = {sizeof *games, 1, 36};

@@ -10,7 +10,7 @@ constexpr std::int64_t kRing = 60;  // slots that can be told from one another
 }  // namespace
 
 bool LostModel::Init(u32 start, u32 unit, u32 cycle_size, u32 wait, bool send_tracked) {
-  // The slot whose number is a multiple of sixty gets the time, wherever the others stand.
+  // The slot whose number is a multiple of sixty gets the time, whatever the others have.
   for (std::size_t i = 0; i < slots_.size(); i += kRing) slots_[i].start = start;
   unit_ = unit;
   cycle_size_ = cycle_size;

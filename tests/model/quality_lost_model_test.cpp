@@ -33,7 +33,7 @@ u32 FromEnvironment(const char* name, u32 otherwise) {
   return text != nullptr ? static_cast<u32>(std::strtoul(text, nullptr, 10)) : otherwise;
 }
 
-// A sender, a bad network and a clock, with a calculator and its model at the end.
+// A sender, a bad network and a clock, whose packets go to a calculator and to its model.
 class Stream {
  public:
   explicit Stream(u32 seed) : random_(seed) {

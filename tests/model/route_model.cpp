@@ -53,7 +53,7 @@ Verdict VerdictOf(u32 decision) {
   return {decision, false, -1};
 }
 
-// A text that fills its field gives up its last character for its end.
+// A text that fills its field loses its last character to the terminator.
 RouteProxyInfo WithTextsEnded(RouteProxyInfo proxy) {
   proxy.proxy_addr[31] = 0;
   proxy.proxy_name[63] = 0;
@@ -90,7 +90,7 @@ bool RouteModel::Load() {
   return !ips_.empty();
 }
 
-// The region if there is one, whatever it holds; else the file; and whichever it was for good.
+// The region if there is one, whatever it holds, otherwise the file; the choice is made once.
 void RouteModel::LoadRoute() {
   if (source_ != Source::kNone) return;
   if (world_.has_route_region)

@@ -1,5 +1,5 @@
-// The route policy as its rules read, for comparison: no index, no map, no cache, no lock. Every
-// question searches the records that the client program wrote.
+// The route policy written down rule by rule, for comparison: no index, no map, no cache, no lock.
+// Every question searches the records that the client program wrote.
 #pragma once
 #include <string>
 #include <vector>
@@ -28,7 +28,7 @@ class RouteModel {
                           moru_vyr::lsp::SwitchProxyInfo* cache, u16 last_node);
   u32 GetServerLag(u32 ip);
 
-  // Where the last switch came from, to see that all sources have been tried.
+  // The source of the last switch, to check that all sources have been used.
   SwitchSource switch_source() const { return switch_source_; }
 
  private:

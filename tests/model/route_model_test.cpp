@@ -133,8 +133,8 @@ void WipeBehindTexts(Session* session) {
 
 // --- one world -------------------------------------------------------------------------------
 
-// What has been seen, over all worlds: a comparison proves nothing about an answer that never
-// came up.
+// The answers that have occurred, over all worlds: a comparison proves nothing about an answer that
+// never did.
 struct Coverage {
   u64 destinations = 0;
   std::array<u64, 2> relay = {};
@@ -148,7 +148,7 @@ class Comparison {
   Comparison(u64 seed, WorldSize size, const TempDir& dir, Coverage* coverage)
       : dice_(seed), world_(MakeWorld(dice_, size)), coverage_(coverage) {
     PrepareFile(dir);
-    // Some regions come only while the game runs.
+    // Some regions are created only while the game runs.
     late_routes_ = world_->has_route_region && dice_.OneIn(8);
     if (late_routes_) world_->has_route_region = false;
     common::SetFieldText(common::GetProcessInfo().process_path, kGame);
@@ -401,7 +401,7 @@ TEST_F(RouteModelCheck, AgreesOnRandomTables) {
   RunWorlds(1, kWorlds, WorldSize::kSmall);
   if (single_ || HasFailure()) return;
   EXPECT_GE(coverage_.destinations, kWorlds * (kDestinations - 2));
-  // Every answer has come up, and often enough to be no accident.
+  // Every answer has occurred, and often enough not to be an accident.
   EXPECT_GE(coverage_.relay[0], 100u);
   EXPECT_GE(coverage_.relay[1], 100u);
   for (const i32 reason : {-1, 0, 1, 2, 3, 4, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16})

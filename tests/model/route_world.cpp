@@ -68,15 +68,15 @@ constexpr u32 kNetModeBits[] = {0x8, 0x10, 0x20, 0x10000, 0x10000, 0x20000, 0x20
 
 u32 AnyDelay(Dice& dice) { return dice.Of(kDelays); }
 
-// How many records are said to be there. Small ones most of the time.
+// The count that a table claims. Small most of the time.
 u32 AnyCount(Dice& dice, u32 usual, u32 bound) {
   if (!dice.OneIn(12)) return dice.Below(usual + 1);
   const u32 odd[] = {0, bound - 1, bound, bound + 1, 0xFFFFFFFF};
   return dice.Of(odd);
 }
 
-// How many records are filled, whatever is said: those that are said and a few more, so that one
-// read past the count shows.
+// How many records are filled: those that the count claims and a few more, so that a read past the
+// count shows.
 u32 Filled(u32 count, u32 bound) {
   return count + 3 < bound && count + 3 > count ? count + 3 : bound;
 }
@@ -87,7 +87,7 @@ void FillBytes(Dice& dice, T* field) {
   for (std::size_t i = 0; i < sizeof *field; ++i) bytes[i] = static_cast<u8>(dice.Below(256));
 }
 
-// A text, and behind it what was there before.
+// A text, and behind it the previous content.
 template <std::size_t N>
 void FillText(Dice& dice, char (&field)[N], const std::string& text) {
   FillBytes(dice, &field);
@@ -103,7 +103,7 @@ std::string Dotted(u32 ip) {
 }
 
 std::string AnyProxyAddr(Dice& dice) {
-  // Rarely a destination: whatever is a proxy's address is not asked any further.
+  // Rarely a destination: for a proxy's address nothing further is checked.
   const std::string text = Dotted(dice.OneIn(8) ? AnyIp(dice) : Ip(192, 0, 2, dice.Below(256)));
   switch (dice.Below(12)) {
     case 0:
@@ -135,8 +135,8 @@ std::unique_ptr<IpTableRegion> MakeIpTable(Dice& dice, WorldSize size) {
   region->ip_count = full ? dice.Of(full_counts) : dice.Below(40);
   const u32 filled = Filled(region->ip_count, kMaxIpRecords);
   for (u32 i = 0; i < filled; ++i) {
-    // In a full table most addresses are strangers. Whoever is known may stand anywhere, and does
-    // stand at the very end and behind it.
+    // In a full table most addresses are never asked about. Those that are may be anywhere, and
+    // some are at the very end and behind it.
     const bool at_end = i + 1 >= std::min(region->ip_count, kMaxIpRecords);
     const bool stranger = full && !at_end && !dice.OneIn(2000);
     const u32 ip = stranger ? static_cast<u32>(dice.Word()) | 0xE0 : AnyIp(dice);

@@ -1,4 +1,4 @@
-// Everything that a client program may have left for the route policy, at random.
+// Random tables, such as a client program may have left for the route policy.
 //
 // The ranges from which numbers are drawn are small, so that tables refer to one another, and
 // contain the values at which an answer changes: limits of counts, zero, values that differ only

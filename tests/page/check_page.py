@@ -100,7 +100,7 @@ def browse(browser, page, *arguments):
 
 
 def look(browser, pages, out):
-    """What each page shows, by its name; `pages` are (name, page, width)."""
+    """What each page shows, by name; `pages` are (name, page, width)."""
     around, copies = AROUND, []
     for name, page, width in pages:
         copies.append(out / f"look-{name}.html")
@@ -116,7 +116,7 @@ def look(browser, pages, out):
 
 
 def make(program, out, name, reports):
-    """The page of these reports, what the program said of it, and its exit code."""
+    """The page of these reports, the output of the program, and its exit code."""
     run, page = out / f"{name}.jsonl", out / f"{name}.html"
     sample_run.write(run, reports)
     made = subprocess.run([program, "watch", "--from", run, "--report", page], timeout=TIMEOUT_S,
@@ -184,7 +184,7 @@ def luminance(colour):
 
 
 def check_contrast(checks, text):
-    """Text stands out 4.5 to 1 from the page, curves and marks 3 to 1, by day and by night."""
+    """The contrast of text is at least 4.5 to 1, of curves and marks 3 to 1, in light and dark mode."""
     themes = re.findall(r":root \{(.*?)\}", text, re.DOTALL)
     checks.that(len(themes) == 2, "there are two sets of colours", len(themes))
     for theme in themes:

@@ -100,7 +100,7 @@ def one_flow(node_name, number=1, port=7000, reports=3):
 
 
 def many_flows(count):
-    """The first ten have one report of what they carried, the others three."""
+    """The first ten have one report of their traffic, the others three."""
     return [line for i in range(count)
             for line in one_flow(f"node-{i}", i, 7000 + i, reports=1 if i < 10 else 3)]
 

@@ -1,4 +1,4 @@
-// The relay's own port, which any thread may ask for while the worker opens and closes it.
+// The relay's own port, which any thread may read while the worker opens and closes it.
 #include <winsock2.h>
 
 #include <gtest/gtest.h>

@@ -64,7 +64,7 @@ bool Send(SOCKET s, const std::string& text) {
                 reinterpret_cast<const sockaddr*>(&to), sizeof to) != SOCKET_ERROR;
 }
 
-// The source of what comes, if something does.
+// The source of the next datagram, if one comes.
 std::string Receive(SOCKET s, std::string* text) {
   char bytes[2048];
   sockaddr_in from = {};
@@ -98,8 +98,8 @@ std::vector<std::string> OpenFiles() {
   return files;
 }
 
-// A thread gets a descriptor at its first call that has to wait, and keeps it. Whether this one's
-// has had to by now is chance: an answer that is there at once is not waited for.
+// A thread gets a descriptor at its first call that has to wait, and keeps it. Whether this thread
+// has waited by now is chance: an answer that has already come needs no wait.
 void WaitOnce() {
   const SOCKET s = Open();
   sockaddr_in here = {};
@@ -137,7 +137,8 @@ TEST(UdpRace, SendingAndReceivingWhileClosing) {
         closesocket(s);
       } else if (thread == 1) {
         for (std::string text, from; !(from = Receive(s, &text)).empty(); ++answers) {
-          // The true sources go with the relay, so what is read last may have the relay's.
+          // The true sources end with the relay, so datagrams that are read last may have the
+          // relay's.
           EXPECT_TRUE(from == bench::kServerAddress || closing) << from << " " << text;
         }
       } else {

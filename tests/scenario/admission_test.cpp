@@ -12,6 +12,7 @@
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ SCENARIO_F(Admission, EachKindNeedsItsBitAndPingsNone) {
   EXPECT_TRUE(May(SOCK_RAW));
 }
 
-// Kept: whatever comes of the question, it has started the relay.
+// Kept: whatever the answer, asking has started the relay.
 SCENARIO_F(Admission, AKindThatIsNotRelayedStartsTheRelayToo) {
   Configure(kUdp);
   EXPECT_FALSE(May(SOCK_STREAM));
@@ -71,13 +72,13 @@ SCENARIO_F(Admission, ABlockedKindSaysSoAndLeavesTheOthersAlone) {
   EXPECT_TRUE(May(SOCK_RAW));
   GetHookFlags().block_tcp = false;
   GetHookFlags().block_udp = true;
-  EXPECT_FALSE(log.Contains("ignore udp relay"));
+  EXPECT_FALSE(log.Contains(test::kUdpIgnored));
   EXPECT_FALSE(May(SOCK_DGRAM));
-  EXPECT_TRUE(log.Contains("[0][lsp]ignore udp relay\n"));
+  EXPECT_TRUE(log.Contains("[0][lsp]" + test::kUdpIgnored + "\n"));
   EXPECT_TRUE(May(SOCK_STREAM));
 }
 
-// Its configuration is all zero, and it measures what it is told to.
+// Its configuration is all zero, and it measures whatever it is asked to.
 SCENARIO_F(Admission, SpeedTesterMayEverythingEverywhere) {
   Configure(kNeedsAccMode);
   HookFlags& flags = GetHookFlags();
@@ -185,7 +186,7 @@ SCENARIO_F(AdmissionOfAProcess, WhoseStreamsAreNotRelayedBindsNoPort) {
   game.ListAsGame(0, "C:\\logs\\", kUdp);
   Starts();
   const SOCKET s = Connects();
-  EXPECT_FALSE(log->Contains("WSPConnect:protocol="));
+  EXPECT_FALSE(log->Contains(test::kConnectCalled));
   EXPECT_FALSE(log->Contains("CheckAndBind"));
   EXPECT_EQ(PortOf(s), 0);
   ExpectServed(s);
@@ -195,7 +196,7 @@ SCENARIO_F(AdmissionOfAProcess, ThatMeasuresSpeedIsRelayedWherever) {
   game.Is(L"D:\\tools\\SpeedTester.exe");
   Starts();
   const SOCKET s = Connects();
-  EXPECT_TRUE(log->Contains("WSPConnect: RequestTcpRelaySession is relayed. relay=127.0.0.1:"));
+  EXPECT_TRUE(log->Contains(test::kConnectRelayed + "127.0.0.1:"));
   EXPECT_NE(PortOf(s), 0);
   sockaddr_in peer = {};
   INT size = sizeof peer, error = 0;
@@ -212,15 +213,14 @@ SCENARIO_F(AdmissionOfAProcess, WhoseRelayCannotStartGoesDirect) {
   Starts();
   world.FailThreadStart(1);
   const SOCKET s = Connects();
-  EXPECT_TRUE(log->Contains("[4][lsp]RelayMgr::CheckAndInit, initialization is 1\n"));
-  EXPECT_TRUE(log->Contains("[0][lsp]IsAllowedRelay is false, CheckAndInit failed, set flag, s=" +
-                            std::to_string(s) + "\n"));
+  EXPECT_TRUE(log->Contains("[4][lsp]" + test::RelayInitialized(1)));
+  EXPECT_TRUE(log->Contains(test::kAdmissionFailed + std::to_string(s) + "\n"));
   EXPECT_FALSE(RelayHasStarted());
   ExpectServed(s);
   EXPECT_FALSE(RelayHasStarted()) << "its later calls do not try";
   heard.clear();
   const SOCKET next = Connects();
-  EXPECT_TRUE(log->Contains("WSPConnect: RequestTcpRelaySession is relayed. relay=127.0.0.1:"));
+  EXPECT_TRUE(log->Contains(test::kConnectRelayed + "127.0.0.1:"));
   ExpectServed(next);
 }
 

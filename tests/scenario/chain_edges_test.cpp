@@ -1,14 +1,14 @@
 // Edge cases of starting a provider. At stake: a process that starts and cleans up for days, and a
-// catalogue in which other layers are between this one and the platform's own.
+// catalogue with other layers between this one and the platform's provider.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "common/process_info.h"
+#include "port/shared/backend.h"
 #include "port/shared/catalogue.h"
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
-#include "port/shared/rendition.h"
 #include "port/shared/text.h"
 #include "port/sim/scenario.h"
 #include "start/base_startup.h"
@@ -40,7 +40,7 @@ SCENARIO(ChainEdges, AProcessMayStartItsProvidersAnyNumberOfTimes) {
   }
 }
 
-// Also where each of its starts fails.
+// Also if each of its starts fails.
 SCENARIO(ChainEdges, AStartThatFailsDoesNotCountTowardsTheDepthOfTheNext) {
   GameProcess game;
   game.LayerOverForeign();
@@ -58,7 +58,7 @@ SCENARIO(ChainEdges, AStartThatFailsDoesNotCountTowardsTheDepthOfTheNext) {
 
 // --- the start past every layer ---------------------------------------------------------------
 
-// The base entry is another provider's than the port's own, so that its start can be looked at.
+// The base entry belongs to a provider other than the port's, so that its start can be observed.
 void MakeForeignTheBase() {
   port::SetCatalogue(
       {MakeEntry(kForeignGuid, GameProcess::kForeignId, SOCK_STREAM, 6, {}),
@@ -182,7 +182,7 @@ SCENARIO(ChainEdges, AFileThatIsLoadedLeavesNoError) {
   EXPECT_NE(provider.start_function, nullptr);
 }
 
-// It is the next provider that refuses, and its name that support must read.
+// It is the next provider that refuses, so its name must be in the log.
 SCENARIO(ChainEdges, ARefusalIsTracedUnderTheNextProvidersName) {
   GameProcess game;
   game.LayerOverForeign();
@@ -235,7 +235,7 @@ SCENARIO_F(MatchEdges, AChainThatNamesAnEntryOfOursMeansItThoughAnotherIsOfItsKi
   EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3000, 2002, 1001})), 2002u);
 }
 
-// What stands first in a chain is the layer's own, and says nothing of what is below.
+// The first entry of a chain is the layer's own, and says nothing about the providers below.
 SCENARIO_F(MatchEdges, TheFirstOfAChainIsNotLookedAt) {
   EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3001, SOCK_RAW, 98, {2001, 1001})), 0u);
 }
@@ -248,7 +248,7 @@ SCENARIO_F(MatchEdges, TheHiddenEntryHasTheLastWordOnAChain) {
   EXPECT_EQ(game.TraceCount("FindMatchingProvider: our LSP in the in_info's protocol chains."), 1);
 }
 
-// Family, type and protocol count each by itself.
+// Family, type and protocol are compared separately.
 SCENARIO_F(MatchEdges, AKindAgreesInEveryPart) {
   const auto stream =
       MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3999, GameProcess::kOwnId, 1001});

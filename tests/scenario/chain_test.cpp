@@ -1,6 +1,6 @@
 // From the start of one of our catalogue entries to the next provider. At stake: the catalogue
 // belongs to the machine and to every other layer on it, so whatever it contains, the process must
-// end up with a working provider or with an error that Winsock understands.
+// get a working provider, or an error that Winsock understands.
 #include "start/chain.h"
 
 #include <gtest/gtest.h>
@@ -9,11 +9,11 @@
 #include <memory>
 
 #include "common/process_info.h"
+#include "port/shared/backend.h"
 #include "port/shared/base_startup.h"
 #include "port/shared/catalogue.h"
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
-#include "port/shared/rendition.h"
 #include "port/shared/text.h"
 #include "port/sim/scenario.h"
 #include "start/base_startup.h"
@@ -106,8 +106,8 @@ SCENARIO(Chain, RawEntriesFillTheRawSlot) {
   EXPECT_TRUE(game.GotBaseTable());
 }
 
-// The table that BSPStartup hands out must not point into a module that is gone, also when no
-// first start holds it: here the first one has failed.
+// The table that BSPStartup hands out must not point into an unloaded module, even if no first
+// start holds the module: here the first start has failed.
 SCENARIO(Chain, BaseProviderStaysLoadedBehindItsTable) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
@@ -254,8 +254,8 @@ SCENARIO(Chain, ANextProviderWithoutAFileFails) {
   EXPECT_TRUE(game.Traced("LoadProviderPath: LoadLibraryW failed: 126"));
 }
 
-// A path of 300 characters once expanded loads nothing, and only the search for the start
-// function says so.
+// A path that expands to 300 characters loads nothing, and only the search for the start function
+// fails visibly.
 SCENARIO(Chain, APathThatGrowsTooLongShowsAtTheStartFunction) {
   GameProcess game;
   game.LayerOverForeign();
@@ -393,7 +393,7 @@ SCENARIO(Match, TheLastEntryOfAShortChainCountsToo) {
   EXPECT_TRUE(game.Traced("FindMatchingProvider: our LSP chains in in_info's protocol chains."));
 }
 
-// The chain's first entry is not in the catalogue, so nothing stands above us under its number.
+// The chain's first entry is not in the catalogue, so no layer above us has its number.
 SCENARIO(Match, AnUnknownLayerAboveLeadsNowhere) {
   GameProcess game;
   port::SetCatalogue({MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {7777, 2002, 1001}), BaseTcp(),
@@ -451,7 +451,7 @@ struct CatalogueSearch {
     catalogue.insert(catalogue.begin() + static_cast<std::ptrdiff_t>(above_at),
                      MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, 2002, 1001}));
     port::SetCatalogue(catalogue);
-    // What Winsock asks for stands above the same foreign layer, without naming us.
+    // The entry that Winsock starts is above the same foreign layer, without naming us.
     info = MakeEntry(kForeignGuid, 3002, SOCK_STREAM, 6, {kForeign, 1001});
     info.iAddressFamily = 23;
   }
@@ -475,8 +475,8 @@ SCENARIO(Match, ACatalogueIndexPastTheListIsNoRecord) {
   EXPECT_TRUE(search.game.Traced("InitLspChain: FindMatchingProvider failed!"));
 }
 
-// A foreign layer that names our hidden entry says nothing of which entry is meant. By the kind of
-// socket it has been looked for before, and without one that agrees it stays nobody's.
+// A foreign layer that names our hidden entry does not tell which entry is meant. The search by the
+// kind of socket has come before, and if that found nothing, none is chosen.
 SCENARIO(Match, TheHiddenEntryAloneDoesNotEndTheCatalogueSearch) {
   GameProcess game;
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, kOwn, 1001});
@@ -493,7 +493,8 @@ SCENARIO(Match, TheHiddenEntryAloneDoesNotEndTheCatalogueSearch) {
   EXPECT_FALSE(game.TracedStart("FindMatchingProvider: ")) << game.AllTraces();
 }
 
-// So the search through the catalogue never comes to compare kinds: whoever agrees is found first.
+// So the search through the catalogue never compares kinds: an entry of the right kind is found
+// before.
 SCENARIO(Match, AKindThatAgreesIsFoundBeforeTheCatalogueIsSearched) {
   GameProcess game;
   auto own = LayeredTcp(2002, {kOwn, 1001});
@@ -566,8 +567,8 @@ SCENARIO(BadCatalogue, AChainThatLeadsBackToUsEnds) {
   auto first = MakeEntry(kLayerGuid, 2001, SOCK_RAW, 1, {kOwn, 2002});
   auto second = MakeEntry(kLayerGuid, 2002, SOCK_RAW, 1, {kOwn, 2001});
   port::SetCatalogue({Hidden(), first, second, BaseTcp()});
-  // Seven starts, one in the other, then a refusal. The start above a refusal takes it for
-  // success, as ever, and hands out an empty table, which the one above that refuses in turn.
+  // Seven starts, one in the other, then a refusal. The start above a refusal takes it for success,
+  // as always, and hands out an empty table, which the start above that one refuses in turn.
   EXPECT_EQ(game.Start(&first), 0);
   EXPECT_EQ(game.TraceCount("FindMatchingProvider: inInfo is one of the LSPs entry."), 7)
       << game.AllTraces();

@@ -1,5 +1,5 @@
-// The common layer when the platform fails it: a log that cannot be opened or written, a region
-// that cannot be reached. The host must not notice: no crash, no waiting, no lock left behind.
+// The common layer when platform calls fail: a log that cannot be opened or written, a region that
+// cannot be reached. The host must not notice: no crash, no waiting, no lock left behind.
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -32,7 +32,7 @@ using test::ReadFileText;
 // --- the log -------------------------------------------------------------------------------
 
 // After each failure the file opens again, which it would not if its handle had leaked: the log
-// lets nobody else write.
+// denies write access to others.
 SCENARIO(LogFaults, EveryFailureOfOpenLeavesTheLogClosedAndReady) {
   struct {
     const char* call;
@@ -76,7 +76,7 @@ SCENARIO(LogFaults, FullDiskLosesTextAndNothingElse) {
   EXPECT_EQ(ReadFileText(dir / "run.log"), "kept\n");
 }
 
-// A log line stands between a failed socket call and the code that asks why it failed.
+// Code may log between a failed socket call and reading its error.
 SCENARIO(LogFaults, LastErrorSurvivesALineThatCannotBeWritten) {
   const test::TempDir dir;
   ASSERT_TRUE(common::GetLogFile().Open(dir / "run.log"));
@@ -214,7 +214,7 @@ SCENARIO_F(ListedGame, ReadingSurvivesEveryFailure) {
   }
 }
 
-// A client that is ended in the middle of its writing must not take the game's start with it.
+// A client program that is ended in the middle of a write must not break the game's start.
 SCENARIO_F(ListedGame, ClientThatDiesWithTheMutexDoesNotHoldUpTheGame) {
   sim::Process& client = world.SpawnOn(world.home().host, "client", [] {
     common::NamedMutex(kRestrictionMutexName).lock();
@@ -229,7 +229,7 @@ SCENARIO_F(ListedGame, ClientThatDiesWithTheMutexDoesNotHoldUpTheGame) {
   EXPECT_TRUE(MutexIsFree(world, kRestrictionMutexName));
 }
 
-// A client that is slow is waited for, however long it takes: its data decide.
+// A slow client program is waited for without limit: its data decide.
 SCENARIO_F(ListedGame, SlowClientIsWaitedFor) {
   world.SpawnOn(world.home().host, "client", [] {
     common::NamedMutex mutex(kRestrictionMutexName);

@@ -11,8 +11,8 @@
 
 namespace {
 
-// Whoever makes a region fills it under its mutex. An object that did not wait would hand out a
-// region whose header is not yet there.
+// The creator of a region fills it under its mutex. An object that did not wait would hand out a
+// region without a header.
 SCENARIO(SharedMemWaits, ConstructionWaitsForTheMutex) {
   common::NamedMutex mutex("waits_mutex");
   std::atomic<bool> held{false};

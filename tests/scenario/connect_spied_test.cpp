@@ -1,6 +1,6 @@
-// Which connects reach the next provider, made by whom and with which length. At stake: the game's
-// connects may go to the relay, the relay's own must go where it says, and a provider reads as much
-// of an address as the length says.
+// Which connects reach the next provider, from the game or the relay, and with which length. At
+// stake: the game's connects may go to the relay, the relay's own must go to their address, and a
+// provider reads as much of an address as the length says.
 #include <mswsock.h>
 
 #include <vector>
@@ -11,6 +11,7 @@
 #include "hooks/hook_entries.h"
 #include "sockets/socket_map.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 
@@ -75,7 +76,7 @@ class ConnectSpied : public TcpWorld {
     next.lpWSPConnect = SpyConnect;
     next.lpWSPIoctl = SpyIoctl;
   }
-  // By the game; 0 or the error.
+  // Connects as the game; 0 or the error.
   static int ConnectsWith(SOCKET s, const char* server, int size) {
     const sockaddr_in address[8] = {At(server, kPort)};  // a caller may say that it is longer
     return ErrorOf(connect(s, Raw(address[0]), size));
@@ -94,7 +95,7 @@ class ConnectSpied : public TcpWorld {
     GetSocketMap().Get(s, &record);
     return record;
   }
-  // What the game was shown, and what the next provider holds.
+  // The function that the game was given, and the next provider's own.
   static std::string PeerOf(SOCKET s) {
     sockaddr_in peer = {};
     int size = sizeof peer;
@@ -113,8 +114,8 @@ class ConnectSpied : public TcpWorld {
 
 // --- the worker -----------------------------------------------------------------------------
 
-// Its sockets come through the same entries and have records of their own. Were they for the relay
-// too, the first of them would be the last.
+// Its sockets go through the same entries and have records of their own. If they were relayed too,
+// the relay would wait for itself.
 SCENARIO_F(ConnectSpied, TheWorkersOwnConnectsGoWhereItSays) {
   for (const auto& [server, far] : {std::pair(kDirect, std::string("198.51.100.11:27015")),
                                     std::pair(kServer, std::string("198.51.100.20:7001"))}) {
@@ -135,8 +136,8 @@ SCENARIO_F(ConnectSpied, TheWorkersOwnConnectsGoWhereItSays) {
     EXPECT_FALSE(worker_side.relay_disabled);
     closesocket(s);
   }
-  EXPECT_EQ(Lines("WSPConnect:protocol=6, type=1, socket="), 2) << "the game's two";
-  EXPECT_EQ(Lines("WSPConnect: RequestTcpRelaySession is relayed."), 2);
+  EXPECT_EQ(Lines(test::kConnectCalled + "6, type=1, socket="), 2) << "the game's two";
+  EXPECT_EQ(Lines(test::kConnectRelayed), 2);
   ExpectServesAgain();
 }
 
@@ -184,7 +185,7 @@ SCENARIO_F(ConnectSpied, ConnectExHasTheLengthOfWhatItNames) {
     seen.clear();
     const SOCKET direct = Tcp();
     EXPECT_EQ(ConnectsExWith(direct, kUnlisted, size), FALSE);
-    // Beside it the worker may still be connecting for the first one.
+    // Meanwhile the worker may still be connecting for the first one.
     const auto own = std::find_if(seen.begin(), seen.end(), [](const auto& call) {
       return call.to == "198.51.100.13:27015";
     });
@@ -197,8 +198,8 @@ SCENARIO_F(ConnectSpied, ConnectExHasTheLengthOfWhatItNames) {
 
 // --- ConnectEx and the other kinds of socket ------------------------------------------------
 
-// It serves streams alone. A datagram socket that took a stream's relay would be connected to a
-// port where nobody hears datagrams.
+// It serves streams only. A datagram socket with a stream's relay would be connected to a port that
+// receives no datagrams.
 SCENARIO_F(ConnectSpied, ConnectExLeavesDatagramsAlone) {
   const SOCKET s = Udp();
   WSPPROC_TABLE* const next = GetDowncallTable(kProtocolUdp, nullptr);
@@ -212,10 +213,10 @@ SCENARIO_F(ConnectSpied, ConnectExLeavesDatagramsAlone) {
   EXPECT_FALSE(record.handled);
   EXPECT_EQ(record.relay_state, kRelayNotAsked);
   EXPECT_FALSE(record.udp_connect_mode);
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnectEx: protocol=17, type=2, socket=" + std::to_string(s) +
-                     ", token=" + std::to_string(record.token) + "\n"))
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectExCalled + "17, type=2, socket=" +
+                     std::to_string(s) + ", token=" + std::to_string(record.token) + "\n"))
       << log_text();
-  EXPECT_FALSE(Logged("RequestTcpRelaySession"));
+  EXPECT_FALSE(Logged(test::kTcpRelaySession));
   EXPECT_TRUE(Logged("dest=198.51.100.10:27015, port=0, socket=" + std::to_string(s)));
 }
 
@@ -226,14 +227,14 @@ SCENARIO_F(ConnectSpied, ConnectExLeavesRawSocketsAlone) {
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].to, "198.51.100.10:27015");
   EXPECT_FALSE(RecordOf(s).handled);
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnectEx: protocol=1, type=3, socket=")) << log_text();
-  EXPECT_FALSE(Logged("RequestTcpRelaySession"));
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectExCalled + "1, type=3, socket=")) << log_text();
+  EXPECT_FALSE(Logged(test::kTcpRelaySession));
   const test::LogCapture log(0);
   SendText(s, std::string("\x08\0\xf7\xff\0\0\0\0", 8));
-  EXPECT_FALSE(log.Contains("[RAW]CheckinConnectionPingRequest: buffer_len="));
+  EXPECT_FALSE(log.Contains(test::kPingForRelayed));
 }
 
-// --- what is said of it ---------------------------------------------------------------------
+// --- what is logged -------------------------------------------------------------------------
 
 SCENARIO_F(ConnectSpied, ARelayedConnectIsToldAtTheLevelsOfItsEvents) {
   const SOCKET s = Joins();
@@ -241,12 +242,10 @@ SCENARIO_F(ConnectSpied, ARelayedConnectIsToldAtTheLevelsOfItsEvents) {
   const std::string tail =
       "socket=" + std::to_string(s) + ", token=" + std::to_string(record.token) + "\n";
   const std::string port = std::to_string(ntohs(record.local_port));
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnect:protocol=6, type=1, " + tail)) << log_text();
-  EXPECT_TRUE(Logged("[4][lsp][TCP]RequestTcpRelaySession: port=" + port + ", " + tail));
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectCalled + "6, type=1, " + tail)) << log_text();
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kTcpRelayAsked + port + ", " + tail));
   EXPECT_TRUE(Logged("[TCP]RequestTcpRelaySession: CreateNewSession succeed, " + tail));
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnect: RequestTcpRelaySession is relayed. relay=" + seen[0].to +
-                     ", " + tail))
-      << log_text();
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectRelayed + seen[0].to + ", " + tail)) << log_text();
   EXPECT_TRUE(Logged("[5][lsp]WSPConnect: ret=0, err=0, dest=198.51.100.10:27015, local port=" +
                      port + ", udp_connect_mode=false, " + tail))
       << log_text();
@@ -261,10 +260,8 @@ SCENARIO_F(ConnectSpied, ARelayedConnectExIsToldAtTheLevelsOfItsEvents) {
       "socket=" + std::to_string(s) + ", token=" + std::to_string(record.token) + "\n";
   const std::string port = std::to_string(ntohs(record.local_port));
   EXPECT_NE(port, "0");
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnectEx: protocol=6, type=1, " + tail)) << log_text();
-  EXPECT_TRUE(Logged("[4][lsp]WSPConnect: RequestTcpRelaySession is relayed. relay=" + seen[0].to +
-                     ", " + tail))
-      << log_text();
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectExCalled + "6, type=1, " + tail)) << log_text();
+  EXPECT_TRUE(Logged("[4][lsp]" + test::kConnectRelayed + seen[0].to + ", " + tail)) << log_text();
   EXPECT_TRUE(Logged("[5][lsp]WSPConnectEx: ret=1, err=0, dest=198.51.100.10:27015, port=" + port +
                      ", " + tail))
       << log_text();

@@ -84,7 +84,7 @@ SCENARIO_F(DiagnosticFile, DoesNothingAtTheNextLevel) {
 
 SCENARIO_F(DiagnosticFile, ThatIsNotThereKeepsNothingOut) { ExpectRelayed(true, 0); }
 
-// Every hooked start of a protocol looks at it, also where the first was for another.
+// Every hooked start of a protocol reads it, even if the first start was for another protocol.
 SCENARIO_F(DiagnosticFile, IsReadAgainAtTheNextProtocol) {
   game.ListAsGame(0);
   ASSERT_EQ(game.Start(IPPROTO_TCP), 0);

@@ -9,9 +9,10 @@
 #include "common/process_info.h"
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
+#include "port/shared/backend.h"
 #include "port/shared/faults.h"
-#include "port/shared/rendition.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -40,12 +41,12 @@ Answer Query(SOCKET s, GUID id, DWORD id_size = sizeof(GUID)) {
 
 class Extensions : public TcpWorld {
  protected:
-  // Lines of every level, and only those from here on.
+  // Logs at every level, from here on.
   void ReadAlong() { log_ = std::make_unique<test::LogCapture>(0); }
   bool Said(const std::string& part) const { return log_->Contains(part); }
   bool SaidWhatItIs() const { return Said(kRecognised); }
 
-  // The result of the call; what it says of the error is in *error.
+  // The result of the call; its error goes to *error.
   static BOOL ConnectsWith(LPFN_CONNECTEX connect_ex, SOCKET s, const char* server, int* error) {
     EXPECT_EQ(BindTo(s, "0.0.0.0", 0), 0);
     const sockaddr_in address = At(server, kPort);
@@ -107,20 +108,20 @@ SCENARIO_F(Extensions, AConnectExThatIsPendingLooksTrue) {
   ExpectServesAgain();
 }
 
-// The session that was asked for waits for ever, which harms nobody.
+// The session that was asked for waits for ever, which does no harm.
 SCENARIO_F(Extensions, AMissingConnectExFailsAndHarmsNobody) {
   const SOCKET s = Tcp();
   const LPFN_CONNECTEX connect_ex = Query(s, WSAID_CONNECTEX).function;
   port::FailCall("WSPIoctl", 1, WSAEOPNOTSUPP);
   int error = 0;
   EXPECT_EQ(ConnectsWith(connect_ex, s, kServer, &error), -1);
-  EXPECT_TRUE(Logged("WSPConnect: RequestTcpRelaySession is relayed. relay=127.0.0.1:"));
-  EXPECT_TRUE(Logged("WSPConnectEx: WSPIoctl get function pointer failure, socket="));
+  EXPECT_TRUE(Logged(test::kConnectRelayed + "127.0.0.1:"));
+  EXPECT_TRUE(Logged(test::kNoConnectEx + "socket="));
   closesocket(s);
   ExpectServesAgain();
 }
 
-// Kept: the pointer is ours whatever the next provider says; its answer is handed on.
+// Kept: the pointer is ours whatever the next provider answers; its result is passed on.
 SCENARIO_F(Extensions, TheFailureOfTheNextProviderIsHandedOnWithOurPointer) {
   ReadAlong();
   const SOCKET s = Tcp();
@@ -219,7 +220,7 @@ SCENARIO_F(Extensions, TheRelaysWorkerGetsThePlatformsOwn) {
 // The relay starts with the first call that could use it, whichever that is.
 class FirstCall : public sim::ScenarioTest {
  protected:
-  // A process of a game's, with the provider started and nothing done yet.
+  // A game's process in which the provider has been started and nothing else done.
   void Start(common::u32 net_mode) {
     game.ListAsGame(0, "C:\\logs\\", net_mode);
     ASSERT_EQ(game.Start(IPPROTO_TCP), 0);
@@ -258,7 +259,7 @@ SCENARIO_F(FirstCall, WhereTheRelayCannotStartGetsThePlatformsOwnForGood) {
   Start(0x18);
   world.FailThreadStart(1);
   EXPECT_NE(Query(s, WSAID_CONNECTEX).function, &WSPConnectEx);
-  EXPECT_TRUE(log->Contains("IsAllowedRelay is false, CheckAndInit failed, set flag, s="));
+  EXPECT_TRUE(log->Contains(test::kAdmissionFailed));
   EXPECT_NE(Query(s, WSAID_CONNECTEX).function, &WSPConnectEx);
   INT error = 0;
   const SOCKET other =

@@ -47,7 +47,7 @@ SCENARIO(FirstQuestion, WaitsThreeSecondsForARelayThatIsLate) {
   EXPECT_TRUE(IsAllowedRelay(record)) << "another's";
 }
 
-// The policy is asked for the kind of socket that it is.
+// The policy is asked about the socket's actual kind.
 SCENARIO(FirstQuestion, OfADestinationNamesTheKindOfSocket) {
   const sockaddr_in anywhere = At("203.0.113.77", 9);
   for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
@@ -125,7 +125,7 @@ SCENARIO_F(FirstCallOfAGame, MayBeARecvFromWhichAsksBeforeItReceives) {
   EXPECT_STARTED(true, true);
 }
 
-// And after the call, which has answered by then.
+// And after the call, which has returned by then.
 SCENARIO_F(FirstCallOfAGame, MayBeAnIoctlWhichAsksAfterwards) {
   EXPECT_EQ(table.lpWSPIoctl(s, 0x8004667e, data, 4, nullptr, 0, &bytes, nullptr, nullptr, nullptr,
                              &error),
@@ -181,7 +181,7 @@ SCENARIO_F(FirstCallOfAGame, IsNeitherABindNorAQuestionForTheName) {
   EXPECT_STARTED(false, false);
 }
 
-// Opening and accepting sockets asks nobody either.
+// Opening and accepting sockets does not start the relay either.
 SCENARIO_F(FirstCallOfAGame, IsNotTheOpeningOfASocket) {
   for (const int type : {SOCK_STREAM, SOCK_DGRAM, SOCK_RAW}) Make(type, 0);
   EXPECT_FALSE(RelayHasStarted());

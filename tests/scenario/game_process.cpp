@@ -4,11 +4,11 @@
 #include <cstring>
 
 #include "common/text.h"
+#include "port/shared/backend.h"
 #include "port/shared/catalogue.h"
 #include "port/shared/debug_output.h"
 #include "port/shared/modules.h"
 #include "port/shared/process.h"
-#include "port/shared/rendition.h"
 #include "port/shared/winsock.h"
 #include "start/catalogue.h"
 

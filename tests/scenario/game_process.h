@@ -19,7 +19,7 @@ namespace test {
 // entry bears the provider's.
 inline constexpr GUID kLayerGuid = {
     0x6a1d0c52, 0x7e35, 0x4f18, {0x8b, 0x02, 0x11, 0x21, 0x31, 0x41, 0x51, 0x61}};
-// A provider that is neither ours nor the platform's.
+// A third-party provider.
 inline constexpr GUID kForeignGuid = {
     0x0b1f6f7e, 0x53c1, 0x4f0e, {0x9a, 0x01, 0x10, 0x20, 0x30, 0x40, 0x50, 0x60}};
 inline constexpr wchar_t kForeignPath[] = L"C:\\foreign\\layer.dll";
@@ -36,8 +36,8 @@ struct ForeignProvider {
 };
 ForeignProvider& Foreign();
 
-// Without a GameProcess: the library's own sockets come from a provider that takes five seconds to
-// start.
+// For tests without a GameProcess: the library's own sockets come from a provider that takes five
+// seconds to start.
 void UseSlowProvider();
 
 // A catalogue entry of our own, layered above the entries of `chain`.
@@ -72,7 +72,7 @@ class GameProcess {
   int Start(int protocol);
   int Start(WSAPROTOCOL_INFOW* info);
 
-  // Whose table the last start handed out.
+  // Which table the last start handed out.
   bool GotHookedTable() const;
   bool GotBaseTable() const;
   bool GotEmptyTable() const;
@@ -81,7 +81,7 @@ class GameProcess {
   const std::vector<std::string>& traces() const { return traces_; }
   int TraceCount(const std::string& text) const;
   bool Traced(const std::string& text) const { return TraceCount(text) > 0; }
-  // Some trace begins so.
+  // Whether a trace begins with that text.
   bool TracedStart(const std::string& text) const;
   std::string AllTraces() const;
 

@@ -8,6 +8,7 @@
 #include "gametest/test_mode.h"
 #include "port/sim/scenario.h"
 #include "route/acc_config.h"
+#include "route/decision.h"
 #include "route/init_log.h"
 #include "route/route.h"
 #include "tests/scenario/game_process.h"
@@ -54,7 +55,7 @@ SCENARIO_F(TestMode, SendsEveryPublicDestinationThroughTheNodeOfTheFile) {
     EXPECT_EQ(std::string(info.selected_proxy.proxy_addr), "198.51.100.20");
     EXPECT_EQ(info.selected_proxy.proxy_port, 7001);
     EXPECT_EQ(info.selected_proxy.proxy_idc, 1u);
-    EXPECT_EQ(info.selected_proxy.decision, 8u);
+    EXPECT_EQ(info.selected_proxy.decision, DECISION_FORCE_ACCE_MANUAL);
   }
   AccDecisionInfo info;
   EXPECT_FALSE(Accelerates("192.168.1.7", &info)) << "private";

@@ -12,6 +12,7 @@
 #include "port/sim/scenario.h"
 #include "route/acc_config.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/threads.h"
 
 namespace {
@@ -46,7 +47,7 @@ SCENARIO(Gate, OneCopyOwnsAtATime) {
     SingleInstanceLock second("gate", "gate_lock");
     EXPECT_FALSE(second.owns());
   }
-  EXPECT_TRUE(Exists("gate"));  // the one that lost took nothing with it
+  EXPECT_TRUE(Exists("gate"));  // the copy that lost changed nothing
   first = SingleInstanceLock();
   EXPECT_FALSE(Exists("gate"));
   SingleInstanceLock third("gate", "gate_lock");
@@ -102,7 +103,7 @@ SCENARIO(BlockConfig, FalseBlocksAndIsLogged) {
   UpdateBlockConfig();
   ExpectBlocked(true, false);
   EXPECT_TRUE(log.Contains("[0][lsp]log path=C:\\logs\\\n"));
-  EXPECT_TRUE(log.Contains("[0][lsp]update block success, tcp=true, udp=false\n"));
+  EXPECT_TRUE(log.Contains("[0][lsp]" + test::BlockRead("true", "false")));
 }
 
 SCENARIO(BlockConfig, EachKeyHasItsOwnSwitch) {
@@ -144,7 +145,7 @@ SCENARIO(BlockConfig, AFileThatIsMissingBlocksNothing) {
   test::LogCapture log(0);
   UpdateBlockConfig();
   ExpectBlocked(false, false);
-  EXPECT_TRUE(log.Contains("update block success, tcp=false, udp=false\n"));
+  EXPECT_TRUE(log.Contains(test::BlockRead("false", "false")));
 }
 
 SCENARIO(BlockConfig, WithoutALogPathTheFileLiesAtTheRootOfTheDrive) {
@@ -153,7 +154,7 @@ SCENARIO(BlockConfig, WithoutALogPathTheFileLiesAtTheRootOfTheDrive) {
   test::LogCapture log(0);
   UpdateBlockConfig();
   ExpectBlocked(true, false);
-  EXPECT_FALSE(log.Contains("log path="));
+  EXPECT_FALSE(log.Contains(test::kLogPath));
 }
 
 // 259 characters and their end are what a path may have.

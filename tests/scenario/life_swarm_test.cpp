@@ -19,7 +19,7 @@ constexpr const ReportChannel* kChannels[] = {
     &kDecisionChannel,          &kCommunicationChannel,   &kLogPathChannel,       &kLoadedChannel,
     &kNegotiationResultChannel, &kRealNegotiationChannel, &kRecoverySwitchChannel};
 
-// Small numbers as often as large ones.
+// Small numbers are as likely as large ones.
 unsigned AnyCall(sim::Random& random) {
   const uint64_t most = uint64_t{1} << random.Below(14);
   return static_cast<unsigned>(1 + random.Below(most));
@@ -37,7 +37,8 @@ struct EarlyEnd {
   static void End(sim::World& world, const char* thread) {
     EndAtCall(world, thread, AnyCall(world.random()));
   }
-  // The next call outside the dispatch, whose own lock nobody could free.
+  // The next call outside the dispatch: a thread that ended there would keep the dispatch's lock
+  // for ever.
   static void EndAtCall(sim::World& world, const char* thread, unsigned nth) {
     world.AtCall(thread, nth, [&world, thread] {
       if (port::IsInsideDispatch()) return EndAtCall(world, thread, 1);
@@ -60,7 +61,7 @@ class LifeSwarm : public EarlyEnd, public Swarm<LifeWorld> {
     world.ReuseSocketHandles(Chance(50));
   }
 
-  // A client that takes its mutexes, and now and then keeps one for a while.
+  // A client program that takes its mutexes, and now and then holds one for a while.
   void StartClient() {
     world.SpawnOn(world.host("home"), "client", [this] {
       for (;;) {
@@ -135,7 +136,7 @@ SCENARIO_F_SEEDS(LifeSwarm, WhateverIsEndedNoCallHangsAndTrafficGoesDirect, Swar
 
 // --- the whole process --------------------------------------------------------------------------
 
-// The game's side, made and played in a process that may end at any moment.
+// The game's side, in a process that may end at any moment.
 class VictimGame : public TcpWorld {
  public:
   using TcpWorld::NodesAreFree;
@@ -164,7 +165,7 @@ class LifeOfAProcess : public sim::ScenarioTest {
   test::ReportClient client;
 };
 
-// Other processes find every mutex free, and the nodes hear of the end.
+// Other processes find every mutex free, and the nodes notice the end.
 SCENARIO_F_SEEDS(LifeOfAProcess, ItsEndLeavesNoMutexTaken, SwarmSeeds(60)) {
   sim::Process& process = world.AddProcess(world.host("home"), "victim");
   const char* const threads[] = {"victim/main", "victim/thread1", "victim/thread2"};

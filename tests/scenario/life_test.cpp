@@ -70,7 +70,7 @@ TEST(LifeOfTheWorker, AfterItsOwnEndEverythingGoesDirect) {
   }
 }
 
-// What was asked of it is refused, in whatever way it has ended.
+// Requests to it are refused, however it has ended.
 SCENARIO_F(Life, NothingIsAskedOfAWorkerThatHasEnded) {
   const SOCKET flow = Udp();
   EXPECT_EQ(TalksByDatagram(flow), "A");
@@ -97,7 +97,7 @@ SCENARIO_F(Life, NothingIsAskedOfAWorkerThatHasEnded) {
 
 // --- a worker that is ended by force ------------------------------------------------------------
 
-// The game must hear that its connections are over; nobody would ever serve them again.
+// The game must be told that its connections are over, since nothing would ever serve them again.
 SCENARIO_F(Life, AWorkerEndedByForceTakesItsConnectionsWithIt) {
   const SOCKET s = Joins();
   EXPECT_EQ(Talks(s, "hello"), "hello");
@@ -121,7 +121,7 @@ SCENARIO_F(Life, AWorkerEndedByForceTakesItsConnectionsWithIt) {
   ExpectConnects("game");
 }
 
-// Nobody has noticed yet. A connected socket could not go elsewhere afterwards.
+// The end has not been noticed yet. A connected socket could not go elsewhere afterwards.
 SCENARIO_F(Life, ADatagramSocketIsNotConnectedToAWorkerThatIsGone) {
   const SOCKET flow = Udp();
   EXPECT_EQ(TalksByDatagram(flow), "A");
@@ -139,7 +139,7 @@ SCENARIO_F(Life, ADatagramSocketIsNotConnectedToAWorkerThatIsGone) {
   }
 }
 
-// A stranger says nothing to anybody. A game that only listens hears of it all the same.
+// A game that only receives notices the end as well.
 SCENARIO_F(Life, AWorkerEndedByAStrangerTakesItsConnectionsWithIt) {
   const SOCKET s = Joins();
   EXPECT_EQ(Talks(s, "hello"), "hello");
@@ -158,8 +158,9 @@ SCENARIO_F(Life, AWorkerEndedByAStrangerTakesItsConnectionsWithIt) {
   EXPECT_EQ(Sockets(), 0u);
 }
 
-// Before anybody has noticed. A stream must be asked for before it is bound to the loopback
-// interface, where it would get nowhere else; a datagram may be lost for a tenth of a second.
+// Before the end has been noticed. A stream's relay must be requested before the socket is bound to
+// the loopback interface, from which it could reach nothing else; datagrams may be lost for a tenth
+// of a second.
 SCENARIO_F(Life, WhatBeginsBehindAWorkerThatAStrangerEndedGoesDirect) {
   const SOCKET flow = Udp();
   EXPECT_EQ(TalksByDatagram(flow), "A");
@@ -200,7 +201,7 @@ SCENARIO_F(Life, NothingIsAskedOfAWorkerThatIsToEnd) {
 
 // --- the thread that reports --------------------------------------------------------------------
 
-// Whatever the worker comes to, wherever it stands.
+// However the worker ends, and wherever it is then.
 SCENARIO_F_SEEDS(Life, TheReportingThreadEndsWithTheWorker, 30) {
   ExpectConnects("A");
   RunFor(std::chrono::microseconds(world.random().Below(300'000)));
@@ -229,7 +230,7 @@ struct EarlyClient {
 };
 class LifeReported : public EarlyClient, public Life {};
 
-// What it has not yet said, it says on its way out.
+// Reports that are still waiting are written as it ends.
 SCENARIO_F(LifeReported, TheReportingThreadLeavesItsLastReportsBehindADeadWorker) {
   world.Stall(world.ThreadNamed(kSyncThread), 1s);
   ExpectConnects("A");
@@ -242,7 +243,8 @@ SCENARIO_F(LifeReported, TheReportingThreadLeavesItsLastReportsBehindADeadWorker
 
 // --- the client program's mutexes ---------------------------------------------------------------
 
-// A client that keeps the launch test's mutex, and with it the worker that asks for a node.
+// A client program that holds the launch test's mutex, and so blocks the worker, which needs a
+// node.
 class LifeHeld : public Life {
  protected:
   LifeHeld() : Life([](AccConfigRecord* config) { config->game_launch_test_use = 1; }) {
@@ -291,8 +293,8 @@ SCENARIO_F(LifeHeld, AWorkerEndedWhileItWaitsForAClientLeavesNoLockBehind) {
   ExpectConnects("game");
 }
 
-// While the client keeps it, those who do not need it go on: whether the thread that needs it is
-// the first to open the region or comes later.
+// While the client program holds it, threads that do not need it go on, whether the thread that
+// needs it is the first to open the region or comes later.
 SCENARIO_F(LifeHeld, AThreadThatWaitsForAClientKeepsNoOtherFromTheTables) {
   for (const bool is_open : {false, true}) {
     SCOPED_TRACE(is_open);
@@ -322,7 +324,7 @@ SCENARIO_F(LifeHeld, AThreadThatWaitsForAClientKeepsNoOtherFromTheTables) {
   }
 }
 
-// Without a mutex the threads of this process still do not meet in one view.
+// Without a mutex the threads of this process still do not use one view at the same time.
 SCENARIO_F_SEEDS(LifeHeld, ARegionWithoutAMutexIsReadByOneThreadAtATime, 20) {
   LaunchTest table;
   port::FailCall("CreateMutexA", 0, ERROR_NOT_ENOUGH_MEMORY);
@@ -369,8 +371,8 @@ SCENARIO_F(Life, AThreadThatWaitsForTheRouteTableKeepsNoOtherFromIt) {
 
 // --- Winsock's own end --------------------------------------------------------------------------
 
-// In whatever order the dispatch goes about it: Winsock's calls still work when it tells the
-// providers, or do not; each entry is started by itself, or the first for all.
+// In every order that the dispatch may use: Winsock's calls still work when it calls WSPCleanup, or
+// do not; each entry is started by itself, or the first one for all.
 port::DispatchManners SomeManners(uint64_t seed) {
   port::DispatchManners manners;
   manners.ends_before_its_providers = seed % 2 == 0;
@@ -385,7 +387,7 @@ SCENARIO_F_SEEDS(Life, BothProtocolsAreRelayedHoweverProvidersAreStarted, 4) {
   ExpectTalksByDatagram("A");
 }
 
-// Kept: a process is served until its first cleanup. Nothing of the library runs afterwards.
+// Kept: a process is served until its first cleanup; afterwards nothing of the library runs.
 SCENARIO_F_SEEDS(Life, AHundredRoundsOfWinsockLeaveNothingBehind, 4) {
   port::SetDispatchManners(SomeManners(world.seed()));
   StartsWinsock();
@@ -415,7 +417,7 @@ SCENARIO_F_SEEDS(Life, AHundredRoundsOfWinsockLeaveNothingBehind, 4) {
   EXPECT_TRUE(NodesAreFree());
 }
 
-// Kept: a stream that is open at the end of Winsock stays open, and nobody serves it.
+// Kept: a stream that is open at the end of Winsock stays open and is not served.
 SCENARIO_F_SEEDS(Life, AStreamThatIsOpenAtTheFirstCleanupIsAllThatStays, 4) {
   port::SetDispatchManners(SomeManners(world.seed()));
   StartsWinsock();
@@ -459,7 +461,7 @@ SCENARIO_F_SEEDS(Life, RoundsAfterAWorkerThatHadToBeEndedLeaveNothingBehind, 4) 
   }
 }
 
-// Sockets that were made before the cleanup still come to the same entries.
+// Sockets that were made before the cleanup still use the same entries.
 SCENARIO_F(Life, ASocketOfTheFirstRoundCostsTheLaterOnesNothing) {
   StartsWinsock();
   const SOCKET flow = Udp();

@@ -1,5 +1,5 @@
-// A game with streams and datagrams in a process that may end Winsock, or in which one of our
-// threads may be terminated, at any time; and what is then left in it.
+// A game with streams and datagrams in a process that may end Winsock, or lose one of our threads,
+// at any time, and checks of what is left in it then.
 #pragma once
 #include "tests/scenario/tcp_world.h"
 //
@@ -40,7 +40,8 @@ class LifeWorld : public TcpWorld {
     EXPECT_EQ(WSACleanup(), 0);
     return GetTickCount() - start;
   }
-  // Sends a datagram and waits for its echo: who brought it to the server ("A", "game"), or "".
+  // Sends a datagram and waits for its echo. Returns who delivered it to the server ("A", "game"),
+  // or "".
   std::string TalksByDatagram(SOCKET s, const char* server = kServer) {
     const std::string text = "datagram " + std::to_string(++datagrams_);
     if (SendTextTo(s, text, server, kPort) < 0 || !ReadableWithin(s, 3000)) return "";
@@ -52,7 +53,7 @@ class LifeWorld : public TcpWorld {
     EXPECT_STREQ(inet_ntoa(from.sin_addr), server);
     return heard_->empty() ? "" : heard_->back();
   }
-  // A new connection works, and by that way ("A", "game").
+  // A new connection works, and goes that way ("A", "game").
   void ExpectConnects(const char* way) {
     const SOCKET s = Joins();
     ASSERT_NE(s, INVALID_SOCKET) << WSAGetLastError();

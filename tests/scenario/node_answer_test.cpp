@@ -1,5 +1,5 @@
 // What a client sees of each behaviour of the reference node, up to the answer. Tests of the
-// library depend on it: with a node that did not do what it is told they would prove nothing.
+// library depend on it: with a node that did not follow its behaviour they would prove nothing.
 #include "tests/scenario/node_world.h"
 
 namespace {
@@ -8,7 +8,7 @@ using node::Behaviour;
 
 class NodeAnswer : public NodeWorld {
  protected:
-  // Sends a request and tells what comes back, and how many milliseconds later, to the end of
+  // Sends a request and returns what comes back and after how many milliseconds, until the end of
   // the stream or of `ms`.
   struct Heard {
     std::string bytes;

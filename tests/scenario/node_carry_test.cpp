@@ -25,7 +25,7 @@ SCENARIO_F(NodeCarry, BothWaysByteForByte) {
   EXPECT_EQ(closed.Number("bytes_to_client"), 300'000u);
 }
 
-// What the client has said too early waits for the server and goes first.
+// What the client has sent too early waits for the server and goes first.
 SCENARIO_F(NodeCarry, EarlyBytesAreKept) {
   StartEchoServer();
   node.AnswersAfter(2000);
@@ -95,7 +95,8 @@ SCENARIO_F(NodeCarry, AResetGoesThroughToTheServer) {
   EXPECT_EQ(received, "error 10054");
 }
 
-// Whoever sends faster than the other reads is held back, not remembered without end.
+// A side that sends faster than the other reads is held back; the node does not buffer without
+// limit.
 SCENARIO_F(NodeCarry, ASlowReaderHoldsTheSenderBack) {
   std::size_t sent = 0;
   std::string received;
@@ -209,7 +210,8 @@ SCENARIO_F(NodeCarry, StandsStillWhileItIsFrozen) {
   EXPECT_LT(waited_ms, 20'100u);
 }
 
-// One side has ended, the other says nothing and stays: bounded, or it would stay for ever.
+// One side has ended and the other stays silent: without a limit the connection would stay for
+// ever.
 SCENARIO_F(NodeCarry, AHalfThatIsSilentForLongIsEnded) {
   std::string received;
   OnServer([&] {
@@ -236,7 +238,7 @@ SCENARIO_F(NodeCarry, AHundredConnectionsAtOnce) {
       const std::string text = std::to_string(i) + ":" + Pattern(5000);
       const SOCKET s = Asks();
       ReceivedExactly(s, kAnswerSize);
-      Sleep(1000);  // all stand at the same time
+      Sleep(1000);  // all open at the same time
       SendText(s, text);
       shutdown(s, SD_SEND);
       if (ReceivedAll(s) == text) ++right;
@@ -260,7 +262,7 @@ SCENARIO_F(NodeCarry, ConnectionsComeFromTheNodesAddress) {
   EXPECT_EQ(from.substr(0, from.find(':')), kNode);
 }
 
-// The tick counter wraps between a byte's coming and its going.
+// The tick counter wraps while a byte waits in the node.
 sim::Options NearTheWrap() {
   sim::Options options;
   options.tick_start = 0xFFFFFFFF - 200;

@@ -70,7 +70,7 @@ SCENARIO_F(NodeFlowHostile, SaysAnyProviderMaskAndToken) {
     EXPECT_EQ(flow.token, 0xDEADBEEFu);
     flow.Sends("x");
     EXPECT_EQ(flow.Receives().token, 0xDEADBEEFu);
-    // With one token for all, the newest flow of a client has it.
+    // If all flows have the same token, it means the client's newest flow.
     std::string another = RequestBytes();
     another[40] = 'x';
     ASSERT_TRUE(flow.Opens(another));
@@ -104,7 +104,7 @@ SCENARIO_F(NodeFlowHostile, AnswersMoreThanOnce) {
   EXPECT_EQ(node.Count("flow_opened"), 1u);
 }
 
-// What the flow looks like to the client when each of these is on.
+// How the client sees the flow with each of these behaviours.
 SCENARIO_F(NodeFlowHostile, DatagramsAreMadeAsTold) {
   const auto carried = [&](std::int64_t Behaviour::*what, std::int64_t value) {
     node.Behaves();
@@ -173,7 +173,7 @@ SCENARIO_F(NodeFlowHostile, SendsWhatNobodyAskedFor) {
   }));
 }
 
-// A node that was restarted: it listens, and knows nobody.
+// A node that was restarted: it listens, and knows no flow.
 SCENARIO_F(NodeFlowHostile, ForgetsItsFlows) {
   node::SimNode controlled(world, server_host, 7301, 7302);
   std::string listed, forgotten;

@@ -78,7 +78,7 @@ SCENARIO_F(NodeFlow, EachDatagramGoesWhereItSays) {
   EXPECT_EQ(heard[0].from, heard[1].from);
 }
 
-// Whoever the client never wrote to does not reach it, however he learned the address.
+// A sender to which the client has never written does not reach it, however it learned the address.
 SCENARIO_F(NodeFlow, UnknownSendersDoNotReachTheClient) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
@@ -108,7 +108,7 @@ SCENARIO_F(NodeFlow, EveryFlowHasAnAddressOfItsOwn) {
   EXPECT_EQ(sources.size(), 30u);
 }
 
-// A client that asks again has lost an answer, not a flow.
+// A client that repeats its request has lost an answer, and keeps its flow.
 SCENARIO_F(NodeFlow, ARepeatedRequestGetsTheSameFlow) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
@@ -255,7 +255,7 @@ SCENARIO_F(NodeSmall, TooManyFlowsAreRefused) {
   ASSERT_TRUE(RunToTheEnd());
 }
 
-// What is lost on the way up is told on the way down, soon and no more than it is.
+// Loss on the way up is reported on the way down, soon, and not exaggerated.
 SCENARIO_F_SEEDS(NodeFlow, TellsTheClientTheLossOfItsUpload, 5) {
   sim::LinkOptions lossy = world.link(client_host, node_host);
   lossy.loss = 0.2;

@@ -10,7 +10,7 @@ namespace node_test {
 
 inline constexpr int kRequestVersion = 3;
 
-// A datagram of a flow as it came, taken apart.
+// A received datagram of a flow, parsed.
 struct Wrapped {
   std::string bytes;
   std::string from;  // "198.51.100.20:40001"
@@ -23,17 +23,18 @@ struct Wrapped {
 };
 
 std::string AddressText(const sockaddr_in& address);
-// Nothing came in time: an empty one.
+// An empty one if nothing came in time.
 Wrapped ReceiveWrapped(SOCKET s, int ms);
 
 class RawFlow {
  public:
-  // A socket on a port of its own choice, or on a given one.
+  // A socket on a free port, or on a given one.
   explicit RawFlow(int port = 0);
 
   // Sends these bytes to the node's negotiation port.
   void Asks(const std::string& request = RequestBytes(kRequestVersion));
-  // The answer's bytes, whoever sent it; empty: none in time. Keeps token and data address of it.
+  // The answer's bytes, whoever sent it; empty if none came in time. Stores its token and data
+  // address.
   std::string Answer(int ms = 1000, std::string* from = nullptr);
   // Both, and whether the node accepted.
   bool Opens(const std::string& request = RequestBytes(kRequestVersion));
@@ -59,7 +60,7 @@ class RawFlow {
 
 class NodeFlowWorld : public NodeWorld {
  protected:
-  // A game server that sends each datagram back; `heard` gets who sent which.
+  // A game server that sends each datagram back; `heard` records who sent which.
   void StartEcho(int port = kServerPort);
 
   struct Heard {

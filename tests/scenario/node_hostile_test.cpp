@@ -1,4 +1,4 @@
-// Malicious and faulty clients: the node ends them within its limits, and serves everybody else
+// Malicious and faulty clients: the node drops them within its limits, and serves the others
 // meanwhile.
 #include "tests/scenario/node_world.h"
 
@@ -8,7 +8,7 @@ using node::Behaviour;
 
 class NodeUnderAttack : public NodeWorld {
  protected:
-  // The node still does its work.
+  // The node still works.
   void ExpectServes() {
     std::string received;
     OnClient([&] { received = Fetches("still there"); });
@@ -106,7 +106,7 @@ SCENARIO_F(NodeUnderAttack, ARefusedClientThatStaysIsClosed) {
   EXPECT_EQ(node.Last("closed").Text("reason"), "refused; the client stayed");
 }
 
-// A thousand that say nothing keep the others out for five seconds, not for ever.
+// A thousand silent clients keep the others out for five seconds, not for ever.
 SCENARIO_F(NodeUnderAttack, TheSilentOnesAreBoundedInNumberAndTime) {
   StartEchoServer();
   world.SpawnOn(client_host, "crowd", [] {

@@ -21,7 +21,7 @@ class NodeProbe : public NodeFlowWorld {
     });
     return RunToTheEnd();
   }
-  // So many data datagrams, one each 10 ms; what comes back, and when.
+  // Sends that many data datagrams, one every 10 ms; returns what comes back, and when.
   static std::vector<Wrapped> Plays(RawFlow& flow, int count) {
     for (int i = 0; i < count; ++i) {
       flow.Sends(std::to_string(i));
@@ -134,7 +134,7 @@ SCENARIO_F(NodeProbe, ItsAnswerNamesTheLastNodeOfThePath) {
   ASSERT_TRUE(RunToTheEnd());
 }
 
-// The request of a flow that moves says where it comes from, and the events say it on.
+// The request of a flow that moves names the node that it leaves, and so do the events.
 SCENARIO_F(NodeProbe, TellsWhichLinkAMovedFlowReplaces) {
   StartEcho();
   OnClient([&] {
@@ -165,7 +165,7 @@ SCENARIO_F(NodeProbe, TellsWhichLinkAMovedFlowReplaces) {
   EXPECT_EQ(node.Last("flow_closed").Number("token"), 1u);
 }
 
-// --- what lies between ------------------------------------------------------------------------
+// --- the path between -------------------------------------------------------------------------
 
 SCENARIO_F(NodeProbe, EachKindAndDirectionIsDelayedApart) {
   const struct {
@@ -243,11 +243,11 @@ SCENARIO_F(NodeProbe, JitterKeepsTheOrderAndDisorderDoesNot) {
   }));
 }
 
-// One seed, one fate: which datagrams are lost does not depend on anything else that is on.
+// With one seed, the same datagrams are lost whatever other impairments are on.
 SCENARIO_F(NodeProbe, TheSeedDecidesWhoIsLost) {
   StartEcho();
   std::vector<std::set<std::string>> arrived;
-  // A flow's number is part of its chance; each of these is the first of its node.
+  // A flow's number is part of its seed; each of these is the first of its node.
   node::SimNode b(world, server_host), c(world, server_host, 7401);
   OnClient([&] {
     for (const auto& [at, seed, delay] :

@@ -21,12 +21,12 @@ std::string RequestBytes(int version = 3);
 // With another server in it.
 std::string RequestFor(const char* ip, int port);
 
-// "result 0, version 3, 41 bytes", or what is odd about it.
+// "result 0, version 3, 41 bytes", or what is wrong with it.
 std::string Summary(const std::string& answer);
 unsigned Big16(const std::string& bytes, std::size_t at);
 unsigned Big32(const std::string& bytes, std::size_t at);
 
-// Up to so many bytes, fewer only where the stream ends; then "error …" may be its end.
+// Up to that many bytes, fewer only if the stream ends; the text may then end with "error …".
 std::string ReceivedExactly(SOCKET s, std::size_t size);
 
 class NodeWorld : public sim::ScenarioTest {
@@ -36,18 +36,18 @@ class NodeWorld : public sim::ScenarioTest {
   // Each on its host in a process of its own.
   void OnServer(std::function<void()> body) { Spawn(server_host, "server", std::move(body)); }
   void OnClient(std::function<void()> body) { Spawn(client_host, "client", std::move(body)); }
-  // Until all these bodies are through; false when they do not come to it.
+  // Runs until all these bodies have returned; false if they do not.
   bool RunToTheEnd() {
     return RunUntil([this] { return running_ == 0; });
   }
 
-  // A server that sends back what it gets, to any number of connections, each to its end.
+  // An echo server for any number of connections, each to its end.
   void StartEchoServer();
 
   // For clients: a connection to the node; the same with the request sent.
   static SOCKET Joins();
   static SOCKET Asks(int version = 3);
-  // The whole talk in one: the request, the answer, `text` up and all that comes down.
+  // A whole exchange: the request, the answer, `text` up and everything that comes down.
   static std::string Fetches(const std::string& text, std::string* answer = nullptr);
 
   sim::Host& client_host = world.AddHost("client", {"192.0.2.77"});

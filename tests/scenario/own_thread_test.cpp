@@ -70,7 +70,7 @@ SCENARIO_F(OwnThreads, ThatAStrangerEndsAreSeenToHaveEnded) {
   EXPECT_TRUE(HasEnded(name));
 }
 
-// Names are few, and taken again.
+// There are few names, and they are reused.
 SCENARIO_F(OwnThreads, ThatHaveEndedMakeRoomForOthers) {
   for (int i = 0; i < 20; ++i) {
     Starts([] {});
@@ -96,11 +96,11 @@ SCENARIO_F(OwnThreads, ALockOfOneThatIsGoneGoesToTheNext) {
   EXPECT_LT(MsOf([&] { mutex.lock(); }), 5u);
   world.Spawn(world.home(), "other", [&] { EXPECT_FALSE(mutex.inherit_lock()); });
   RunFor(1ms);
-  mutex.unlock();  // once, however often the dead one had it
+  mutex.unlock();  // once, however often the ended thread had taken it
   EXPECT_TRUE(mutex.try_lock());
 }
 
-// Whoever waits already when the holder ends.
+// A thread that already waits when the holder ends.
 SCENARIO_F_SEEDS(OwnThreads, WaitersOfALockGetItOneAfterTheOther, 20) {
   Starts([&] { mutex.lock(); });
   int inside = 0, done = 0;
@@ -120,8 +120,8 @@ SCENARIO_F_SEEDS(OwnThreads, WaitersOfALockGetItOneAfterTheOther, 20) {
   EXPECT_EQ(done, 5);
 }
 
-// A thread of the host that is gone with the lock, as all are that a process has left behind on its
-// way out. Whoever can do without the lock leaves it; whoever waits gets it.
+// A thread of the host that ended with the lock, as all other threads do at the end of a process. A
+// caller that can do without the lock skips it; one that waits gets it.
 SCENARIO_F(OwnThreads, ALockOfAnyOtherThatIsGoneGoesToWhoWaits) {
   const DWORD other = world.Spawn(world.home(), "other", [&] {
     mutex.lock();

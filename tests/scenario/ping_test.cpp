@@ -7,6 +7,7 @@
 
 #include "hooks/hook_entries.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -53,13 +54,13 @@ class Pings : public TcpWorld {
   static void Sends(SOCKET s, int sequence, size_t size = 64) {
     EXPECT_EQ(SendText(s, EchoRequest(sequence, size)), static_cast<int>(size));
   }
-  // What the route through the nodes promises for kServer.
+  // The delay to kServer that the route through the nodes promises.
   void PromiseDelay(common::u32 ms) {
     auto image = std::make_unique<RouteTableImage>(routes.Live().image);
     image->route_sets[0].routes[0].ref_default.section2_delay = ms;
     routes.Publish(*image);
   }
-  // Asks every millisecond, as games do, and says when there was one.
+  // Polls every millisecond, as games do, and returns when a reply came.
   int MsUntilReply(SOCKET s, std::string* reply, int most = 200) {
     for (int ms = 0; ms <= most; ++ms, RunFor(1ms)) {
       *reply = Received(s);
@@ -103,7 +104,7 @@ SCENARIO_F(Pings, OfARouteWithoutADelayTakeItsDefault) {
   EXPECT_EQ(MsUntilReply(s), 20 - 5);
 }
 
-// Kept: whoever is in no table is answered for as well.
+// Kept: pings of an address that is in no table are answered as well.
 SCENARIO_F(Pings, OfAnUnknownServerAreAnsweredTooByADefaultOfTheirOwn) {
   const SOCKET s = Pinger(kUnlisted);
   Sends(s, 1);
@@ -183,7 +184,7 @@ SCENARIO_F(Pings, GoByTheFirstServerThatTheirSocketWasConnectedTo) {
   EXPECT_STREQ(inet_ntoa(from), kUnlisted);
 }
 
-// Kept: the reply is nowhere that select could see it.
+// Kept: select cannot see the reply.
 SCENARIO_F(Pings, ShowInNoSelect) {
   const SOCKET s = Pinger();
   Sends(s, 1);
@@ -192,7 +193,7 @@ SCENARIO_F(Pings, ShowInNoSelect) {
   EXPECT_EQ(MsUntilReply(s), 0);
 }
 
-// Kept: a receive that waits in the platform waits there for ever; it must not hold anybody else.
+// Kept: a receive that waits in the platform waits there for ever; it must not block anything else.
 SCENARIO_F(Pings, OfABlockingSocketLeaveItsReceiveWaiting) {
   const SOCKET s = Ping();
   ASSERT_EQ(ConnectTo(s, kServer, 0), 0);
@@ -253,8 +254,8 @@ SCENARIO_F(Pings, SurviveTheEndOfTheLibrary) {
     EXPECT_GE(MsUntilReply(s, &reply), 0) << i;
     EXPECT_EQ(Sequence(reply), i);
   }
-  EXPECT_TRUE(log.Contains("[RAW] FreePingRequestCache: cursize=509\n"));
-  EXPECT_FALSE(log.Contains("[RAW] FreePingRequestCache: cursize=508\n")) << "two blocks";
+  EXPECT_TRUE(log.Contains(test::PingsStored(509)));
+  EXPECT_FALSE(log.Contains(test::PingsStored(508))) << "two blocks";
   moru_vyr::lsp::WSPCleanup(&error);
   closesocket(s);
 }

@@ -122,8 +122,8 @@ SCENARIO_F(NetProbeStart, KnowsItselfByNameAndPath) {
   EXPECT_STREQ(common::GetProcessInfo().process_name, "net_probe.exe");
 }
 
-// The client may list it as a program that is not accelerated: of that record nothing is left, and
-// the paths that all programs share stay.
+// The client program may list it as a program that is not accelerated: nothing of that record
+// remains, and the paths that all programs share stay.
 SCENARIO_F(NetProbeStart, ReplacesTheRecordThatTheClientHasOfIt) {
   game.ListAsGame(4, "C:\\logs\\", 0);
   game.Configures([](AccConfigRecord* config) {

@@ -73,7 +73,7 @@ SCENARIO(LinkJudge, AsksForSwitchesNoMoreOftenThanAllowed) {
   EXPECT_EQ(link.owner.fired.size(), 2u);
 }
 
-// The time of the last switch is the system's start until there was one.
+// Until the first switch, the time of the last switch is the system's start.
 SCENARIO_OPTIONS(LinkJudge, DoesNotSwitchRightAfterTheSystemHasStarted, TickStart(0)) {
   LinkJudge link;
   ASSERT_TRUE(link.Start());
@@ -90,7 +90,7 @@ SCENARIO_OPTIONS(LinkJudge, StartsItsClockAnewWhenTheTickCountDoes, TickStart(0u
   link.config.lost_calc_unit_size = 500;
   ASSERT_TRUE(link.Start());
   link.Probe(11, 9);
-  EXPECT_TRUE(link.judge.OnUpdate());  // no time has passed: nothing is looked at
+  EXPECT_TRUE(link.judge.OnUpdate());  // no time has passed: nothing is evaluated
   Sleep(500);
   EXPECT_TRUE(link.judge.OnUpdate());
   Sleep(600);  // 100 past the wrap: the grace period would be over
@@ -103,11 +103,12 @@ SCENARIO_OPTIONS(LinkJudge, StartsItsClockAnewWhenTheTickCountDoes, TickStart(0u
   Sleep(1);  // the open slot began at 500 of the old clock, and wants 50 more
   link.judge.OnUpdate();
   EXPECT_EQ(link.RealRouteLost(false), 10);
-  EXPECT_TRUE(log.Contains("[RecoverySwitch::Update]real_route, time_delta=550, socket=1234"));
+  EXPECT_TRUE(log.Contains(test::kRealRouteUpdate + "550, socket=1234"));
 }
 
-// After a switch the judge of the new link still looks at what it saw of the old one, for as long
-// as that had lasted. Kept; it is why a second switch can follow a first for no reason of its own.
+// After a switch the judge of the new link still evaluates what it saw of the old one, for as long
+// as that had lasted. Kept; it is why a second switch can follow a first without a reason of its
+// own.
 SCENARIO(LinkJudge, ANewLinkIsSeenWithTheOldWindowsForAsLongAsTheOldOneLasted) {
   LinkJudge link;
   link.config.lost_calc_unit_size = 1000;
@@ -125,7 +126,7 @@ SCENARIO(LinkJudge, ANewLinkIsSeenWithTheOldWindowsForAsLongAsTheOldOneLasted) {
     run(1000);
   }
   EXPECT_EQ(link.RealRouteLost(false), 80);
-  ASSERT_TRUE(link.Start());  // the flow has moved, and the new link is well
+  ASSERT_TRUE(link.Start());  // the flow has moved, and the new link is healthy
   for (int second = 0; second < 20; ++second) {
     link.Probe(10, 10);
     EXPECT_EQ(link.RealRouteLost(false), 80) << second;
@@ -147,7 +148,7 @@ SCENARIO(LinkJudge, TakesThePacketCountsOfTheSocketAndLeavesItsFiguresThere) {
   link.PassReportLimit();
   LogCapture log;
   link.judge.UpdateRecoveryInfo();
-  EXPECT_TRUE(log.Contains("socket record recovery switch info=0-0-0-0-0-0-0-0-0-0-0-0-0-0-0"));
+  EXPECT_TRUE(log.Contains(test::kSwitchFigures + "0-0-0-0-0-0-0-0-0-0-0-0-0-0-0"));
   Trouble(link);
   ASSERT_EQ(link.owner.fired.size(), 1u);
   EXPECT_EQ(link.owner.fired[0].total_send_pack, 3);
@@ -155,7 +156,7 @@ SCENARIO(LinkJudge, TakesThePacketCountsOfTheSocketAndLeavesItsFiguresThere) {
   // And a report that no switch follows goes to the Tracker.
   link.PassReportLimit();
   Trouble(link);
-  EXPECT_TRUE(log.Contains("recovery switch qos submitted, game_id=7, guid=01234567-89AB"));
+  EXPECT_TRUE(log.Contains(test::kSwitchSubmitted + "7, guid=01234567-89AB"));
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "quality/real_route_speed_test.h"
 #include "tests/scenario/sim_sockets.h"
 #include "tests/support/link_judge.h"
+#include "tests/support/log_texts.h"
 #include "tracker/tracker.h"
 
 namespace {
@@ -62,7 +63,7 @@ class Probes : public sim::ScenarioTest {
     param.accl_token = 0x01020304;
     probes_->Start(param, on_trial);
   }
-  // The flow has moved to another link; what is on its way to the node is not looked at.
+  // The flow has moved to another link; datagrams on their way to the node are ignored.
   void Restart() {
     SpeedTestParam param;
     param.socket = link.socket;
@@ -86,7 +87,7 @@ class Probes : public sim::ScenarioTest {
       }
     }
   }
-  // Whether it was an answer, which is booked then.
+  // Whether it was an answer; if so, it is counted.
   bool Receives(const u8* data, u32 len) {
     ProbeReply reply;
     if (!probes().ReadReply(data, len, &reply)) return false;
@@ -94,7 +95,7 @@ class Probes : public sim::ScenarioTest {
     probes().CountReply(reply);
     return true;
   }
-  // What the node has got since the last time.
+  // What the node has received since the last call.
   std::vector<std::string> Arrived() {
     std::vector<std::string> all;
     char buffer[2048];
@@ -196,11 +197,11 @@ SCENARIO_F(Probes, OfASocketThatNobodyWatchesLeaveNoTrace) {
   GetTracker().RemoveFromWatchList(link.socket);
   LogCapture log;
   Run(602);
-  EXPECT_EQ(Arrived().size(), 1u);  // it leaves all the same
+  EXPECT_EQ(Arrived().size(), 1u);  // it is sent all the same
   EXPECT_TRUE(log.Contains("ProcessTestSend, GetSpeedTestResult: failed to get info, socket="));
   EXPECT_TRUE(Answer(1, 0, 10));
   EXPECT_TRUE(log.Contains("ProcessTestRecv, GetSpeedTestResult: failed to get info, socket="));
-  EXPECT_EQ(link.RealRouteLost(), 102);  // the judge was told of neither
+  EXPECT_EQ(link.RealRouteLost(), 102);  // the judge got neither
   EXPECT_EQ(CountOf("RealRouteAdd", log.Text()), 0);
 }
 
@@ -324,7 +325,7 @@ SCENARIO_F(Probes, ABurstSendsItsProbesAndIsThenJudged) {
   EXPECT_EQ(CountOf("[GetCurLost]", log.Text()), 0);
   Run(1);
   EXPECT_EQ(Arrived().size(), 1u);
-  EXPECT_EQ(CountOf("[GetCurLost]real_route", log.Text()), 2);  // front section and whole route
+  EXPECT_EQ(CountOf(test::kRealRouteLoss, log.Text()), 2);  // front section and whole route
   EXPECT_TRUE(log.Contains("StepSpeedTest, high_freq_test_counter=1, socket="));
   Run(600);
   EXPECT_TRUE(Arrived().empty());  // back to the normal pace
@@ -410,21 +411,21 @@ SCENARIO_F(Probes, AWatchPeriodRefusesBurstsUntilProbesAreLost) {
   Run(602);
   Answer(1, 0, 5);
   EXPECT_EQ(probes().HighFreqTest(), -1);  // no slot has closed: 102 is no loss here
-  EXPECT_TRUE(log.Contains("test link lost=102, max=100, need=0,real=0, socket="));
-  EXPECT_TRUE(log.Contains("watch period time, refuse high freq test, socket="));
+  EXPECT_TRUE(log.Contains(test::TrialLoss(102, 0, 0)));
+  EXPECT_TRUE(log.Contains(test::kBurstRefused + ", socket="));
   for (u32 seq = 2; seq <= 4; ++seq) {
     Run(601);
     Answer(seq, 0, 5);
   }
   link.CloseSlot();
-  EXPECT_EQ(probes().HighFreqTest(), -1);  // all is well
-  EXPECT_TRUE(log.Contains("test link lost=0, max=100, need=3,real=3, socket="));
+  EXPECT_EQ(probes().HighFreqTest(), -1);  // nothing is lost
+  EXPECT_TRUE(log.Contains(test::TrialLoss(0, 3, 3)));
   Run(601);
   link.CloseSlot();
   Run(601);
   link.CloseSlot();
   EXPECT_EQ(probes().HighFreqTest(), 0);  // two of two are missing
-  EXPECT_TRUE(log.Contains("test link lost=100, max=100, need=2,real=0, socket="));
+  EXPECT_TRUE(log.Contains(test::TrialLoss(100, 2, 0)));
   EXPECT_TRUE(log.Contains("test link lost=100, socket="));
 }
 

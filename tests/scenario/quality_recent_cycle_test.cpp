@@ -193,7 +193,7 @@ SCENARIO_F(RecentCycles, AWatchEndsAtTheFirstProbePastItsTime) {
   EXPECT_TRUE(data().IsWatching());
   Sleep(1);
   EXPECT_TRUE(data().IsWatching());
-  data().Update(40, kSingle, kFront);  // of no concern to the front section
+  data().Update(40, kSingle, kFront);  // does not affect the front section
   EXPECT_TRUE(data().IsWatching());
   data().Update(40, kSingle, 2);
   EXPECT_FALSE(data().IsWatching());
@@ -246,8 +246,7 @@ SCENARIO_OPTIONS(RecentCycle, GoesOnOverTheWrapOfTheTickCount, TickBeforeWrap(12
   EXPECT_EQ(data.delay_avg(), 40u);
 }
 
-// A cycle that runs while the count begins again seems to have begun in the future, and begins
-// anew.
+// A cycle that runs while the count wraps seems to have begun in the future, and begins again.
 SCENARIO_OPTIONS(RecentCycle, StretchesTheCycleOfTheWrap, TickBeforeWrap(250)) {
   ReplaceAccConfig(Settings(1));
   RealRouteRecentCycleData data;

@@ -9,6 +9,7 @@
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 
@@ -32,17 +33,17 @@ SCENARIO(RelayMgr, AnIdleWorkerEndsWithinTwoPasses) {
   relay.Stop();
   EXPECT_LE(world.now() - before, 61ms);
   EXPECT_TRUE(log.Contains("[0][lsp]RelayMgr::WorkerProc, FD_SIZE=128\n"));
-  EXPECT_TRUE(log.Contains("[0][lsp]RelayMgr::WorkerProc Quit\n"));
+  EXPECT_TRUE(log.Contains(test::kWorkerEnded));
   EXPECT_EQ(relay.GetWorkerThreadId(), 0u);
   EXPECT_TRUE(relay.IsStopping());
-  // Kept: it says that it runs, and nobody does.
+  // Kept: it says that it is running although no worker is.
   EXPECT_TRUE(relay.CheckAndInit(3000));
   RunFor(1s);
   EXPECT_FALSE(world.IsRunning(relay.GetWorkerThreadId()));
   EXPECT_TRUE(relay.IsStopping());
 }
 
-// Whoever ends later may still use what ends before it.
+// A part that ends later may still use one that has ended before.
 SCENARIO(RelayMgr, TheTrackerEndsFirstThenDatagramsThenStreams) {
   test::LogCapture log(0);
   ASSERT_TRUE(GetRelayMgr().CheckAndInit(3000));
@@ -81,7 +82,7 @@ SCENARIO(RelayMgr, AWorkerThatDoesNotEndIsKilled) {
   EXPECT_EQ(world.now() - before, 200ms);
   RunFor(20s);
   EXPECT_FALSE(world.IsRunning(worker));
-  // What it may have held is not asked for again.
+  // Locks that it may have held are not taken again.
   sockaddr_in server = At(kServer, 80);
   sockaddr* relay_addr = nullptr;
   int size = 0;
@@ -97,7 +98,7 @@ SCENARIO(RelayMgr, AWorkerThatStartsLateIsWaitedForOnce) {
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_GE(world.now(), 3000ms);
   EXPECT_LE(world.now(), 3010ms);
-  EXPECT_TRUE(log.Contains("[4][lsp]RelayMgr::CheckAndInit, initialization is 1\n"));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::RelayInitialized(1)));
   const auto before = world.now();
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_EQ(world.now(), before);
@@ -125,7 +126,7 @@ SCENARIO(RelayMgr, AStreamRelayThatCannotListenCountsAsStarted) {
   port::FailCall("listen", 1, WSAEOPNOTSUPP);
   test::LogCapture log(4);
   EXPECT_TRUE(GetRelayMgr().CheckAndInit(3000));
-  EXPECT_TRUE(log.Contains("[TCP] OnCreateLocalServer listen return=-1, err=10045\n"));
+  EXPECT_TRUE(log.Contains(test::kTcpListen + "-1, err=10045\n"));
 }
 
 // The datagram relay makes the worker's first socket, the stream relay its second.
@@ -136,7 +137,7 @@ void ExpectFailsOnce(sim::World& world, unsigned failing_socket, const char* udp
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_TRUE(log.Contains(std::string("RelayMgr::InternalInit, UDP init is ") + udp_init));
   EXPECT_TRUE(log.Contains("RelayMgr::InternalInit, TCP init is false\n"));
-  EXPECT_TRUE(log.Contains("RelayMgr::CheckAndInit, initialization is -2147467259\n"));
+  EXPECT_TRUE(log.Contains(test::RelayInitialized(-2147467259)));
   const auto before = world.now();
   EXPECT_FALSE(relay.CheckAndInit(3000));
   EXPECT_EQ(world.now(), before);
@@ -188,7 +189,7 @@ class RelayTimers : public sim::ScenarioTest {
     for (size_t at = text.find(line); at != text.npos; at = text.find(line, at + 1)) ++lines;
     return lines;
   }
-  // Any arrival wakes the worker, and what it makes no sense of has no other effect.
+  // Any datagram wakes the worker; one that it does not understand has no other effect.
   void WakeTheWorker() {
     sockaddr_in control = {};
     GetRelayMgr().GetUdpLocalAddr(&control);
@@ -243,8 +244,8 @@ TEST(RelayMgr, ThreeErrorsOfSelectEndTheWorker) {
       port::FailCall("WSPSelect", 1, error);
       world.RunFor(1s);
       EXPECT_FALSE(world.IsRunning(worker));
-      EXPECT_TRUE(log.Contains("[TCP] TcpProvider::OnCloseLocalServer. socket="));
-      EXPECT_TRUE(log.Contains("[0][lsp]RelayMgr::WorkerProc Quit\n"));
+      EXPECT_TRUE(log.Contains(test::kTcpListenerClosed));
+      EXPECT_TRUE(log.Contains(test::kWorkerEnded));
     });
   }
 }

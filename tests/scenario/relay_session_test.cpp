@@ -18,7 +18,7 @@ using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
 constexpr u32 kGameIdc = 11;
 constexpr char kAbsentServer[] = "198.51.100.10";  // which this world does not have
 
-// Two nodes, both ours, and a connection of the game on its way to the first.
+// Two nodes, both played by the test, and a connection of the game that is being made to the first.
 class SessionByHand : public test::RoutePolicy {
  protected:
   SessionByHand() {
@@ -40,7 +40,7 @@ class SessionByHand : public test::RoutePolicy {
   }
   ~SessionByHand() override {
     game.Close();
-    for (int i = 0; i < 500 && !log.Contains("remove session, "); ++i) {
+    for (int i = 0; i < 500 && !log.Contains(test::kObsoleteClosed); ++i) {
       loop.Turn();
       provider.OnUpdate(0);
     }
@@ -78,7 +78,7 @@ class SessionByHand : public test::RoutePolicy {
     for (size_t at = text.find(line); at != text.npos; at = text.find(line, at + 1)) ++lines;
     return lines;
   }
-  // The node takes the connection and answers the request.
+  // The node accepts the connection and answers the request.
   void Accept(test::OwnSocket* node_end) {
     node_end->Reset(accept(nodes[0], nullptr, nullptr));
     ASSERT_TRUE(TurnUntil("[TCP]Negotiation request is sent successfully"));
@@ -101,7 +101,7 @@ class SessionByHand : public test::RoutePolicy {
   TcpProvider provider;
 };
 
-// A refused socket is readable too on some systems, before it says why.
+// On some systems a refused socket is readable too, before its error is known.
 SCENARIO_F(SessionByHand, NothingIsReadBeforeTheConnectionStands) {
   provider.OnRemoteReadable(RemoteSocket());
   EXPECT_FALSE(IsClosed());
@@ -129,13 +129,13 @@ SCENARIO_F(SessionByHand, TheSecondNodeHasFiveSecondsOfItsOwnAndTheServerAllTheT
   provider.OnUpdate(5000);
   provider.OnUpdate(0);
   ASSERT_EQ(Failures(), 1);
-  EXPECT_TRUE(log.Contains("[TCP]TcpSession::OnNegotiationFailed. retry=true, socket="));
+  EXPECT_TRUE(log.Contains(test::kNegotiationRetry + "true"));
   provider.OnUpdate(4999);
   provider.OnUpdate(1);
   EXPECT_EQ(Failures(), 1);
   provider.OnUpdate(0);
   EXPECT_EQ(Failures(), 2);
-  EXPECT_TRUE(log.Contains("begin direct mode. "));
+  EXPECT_TRUE(log.Contains(test::kDirectBegins));
   for (int i = 0; i < 5; ++i) provider.OnUpdate(5000);
   EXPECT_EQ(Failures(), 2);
 }
@@ -165,12 +165,10 @@ SCENARIO_F(SessionByHand, AnExceptionOfAConnectionThatStandsIsNoFailure) {
   test::OwnSocket node_end;
   Accept(&node_end);
   provider.OnRemoteExcpetion(RemoteSocket());
-  EXPECT_TRUE(
-      log.Contains("[4][lsp][TCP]HandleConnectFailure. state mismatched, cur state=3, token=9\n"));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::kConnectFailureLate + "3, token=9\n"));
   Answer(node_end);
   provider.OnRemoteExcpetion(RemoteSocket());
-  EXPECT_TRUE(
-      log.Contains("[4][lsp][TCP]HandleConnectFailure. state mismatched, cur state=4, token=9\n"));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::kConnectFailureLate + "4, token=9\n"));
   EXPECT_FALSE(IsClosed());
   ASSERT_EQ(send(node_end, "hello", 5, 0), 5);
   ASSERT_TRUE(TurnUntil("[TCP]DoLocalWrite. Send data to game client, len=5, socket="));
@@ -180,7 +178,7 @@ SCENARIO_F(SessionByHand, AnExceptionOfAConnectionThatStandsIsNoFailure) {
 
 SCENARIO_F(SessionByHand, AnExceptionOfAConnectIsTheEnd) {
   provider.OnRemoteExcpetion(RemoteSocket());
-  EXPECT_TRUE(log.Contains("[4][lsp][TCP]HandleConnectFailure. Connection Failed, token=9\n"));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::kConnectFailed + "token=9\n"));
   EXPECT_TRUE(IsClosed());
 }
 

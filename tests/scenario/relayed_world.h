@@ -21,7 +21,7 @@ inline constexpr char kGame[] = "192.0.2.1";
 inline constexpr char kNodeA[] = "198.51.100.20";
 inline constexpr char kNodeB[] = "198.51.100.21";
 
-// One game server under several addresses, for each of which the client program has its verdict.
+// One game server under several addresses, each with its own verdict in the tables.
 inline constexpr char kServer[] = "198.51.100.10";  // through A, else B
 inline constexpr char kDirect[] = "198.51.100.11";  // relayed, but through no node
 inline constexpr char kForced[] = "198.51.100.12";  // through A whoever the client's provider is

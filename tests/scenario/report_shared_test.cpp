@@ -1,5 +1,5 @@
 // Games that write to one client's channels at once, and processes that die while they hold a
-// mutex: the survivors lose nothing of their own, and no slot holds a mixture.
+// mutex: the survivors lose nothing of their own, and no slot holds a mixture of two reports.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -72,8 +72,8 @@ class ReportShared : public sim::ScenarioTest {
 
   using Told = std::map<std::string, std::vector<std::string>>;  // by game and channel
 
-  // A game whose connections come and go: each is a refusal, a success, a move and an end, or a
-  // direct connection. What it should have told goes by its name.
+  // A game that makes and ends connections: each is a refusal, a success, a move and an end, or a
+  // direct connection. Its name says which reports it should have made.
   sim::Process& PlaysAs(const std::string& game) {
     ++playing_;
     return world.SpawnOn(world.host("home"), game, [this, game] {
@@ -88,7 +88,7 @@ class ReportShared : public sim::ScenarioTest {
     });
   }
 
-  // Takes what is there out of its slots, again and again.
+  // Takes reports out of their slots, again and again.
   sim::Process& Watches() {
     return world.SpawnOn(world.host("home"), "client", [this] {
       for (;;) {

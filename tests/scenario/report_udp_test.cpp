@@ -17,7 +17,7 @@ using namespace moru_vyr::lsp;  // NOLINT: the records
 using common::u32;
 using test::UsedSlots;
 
-// The client program is there before the game starts.
+// The client program has started before the game.
 struct EarlyClient {
   test::ReportClient client;
 };
@@ -57,7 +57,7 @@ class ReportUdp : public EarlyClient, public UdpWorld {
       if (record.used != 0 && record.ended == ended) found.push_back(&record);
     return found;
   }
-  // The last report of the only flow that has ended.
+  // The last report of the one flow that has ended.
   const CommInfoRecord& LastReport() {
     static const CommInfoRecord none;
     const auto ended = Traffic(1);
@@ -77,7 +77,7 @@ class ReportUdp : public EarlyClient, public UdpWorld {
 
 SCENARIO_F(ReportUdp, DirectFlowIsADecisionAlone) {
   Starts();
-  EXPECT_EQ(Talks(Udp(), "hello", kUnlisted).substr(0, 5), "hello");  // nobody is asked about it
+  EXPECT_EQ(Talks(Udp(), "hello", kUnlisted).substr(0, 5), "hello");  // no node is asked about it
   RunFor(1s);
   ExpectSlots(0, 0, 0);
   const SOCKET s = Opens(kDirect);
@@ -89,7 +89,7 @@ SCENARIO_F(ReportUdp, DirectFlowIsADecisionAlone) {
   EXPECT_EQ(decision.game_ip, 0xc633640bu);
   EXPECT_EQ(decision.game_port, 27015u);
   EXPECT_EQ(decision.socket_type, 1);  // a datagram socket is 1 here and 2 in the traffic
-  EXPECT_EQ(decision.acc_reason, DECISION_DIRECT);
+  EXPECT_EQ(decision.acc_reason, kReasonDirect);
   EXPECT_EQ(std::string(decision.guid).size(), 36u);
   Plays(s, 8000, kDirect);
   Closes(s);
@@ -132,7 +132,7 @@ SCENARIO_F(ReportUdp, DecisionAndNegotiationOfAFlowBearOneGuid) {
   EXPECT_EQ(decision.guid, guid);
   EXPECT_EQ(negotiation.guid, guid);
   EXPECT_EQ(LastReport().guid_str, guid);
-  EXPECT_EQ(decision.acc_reason, DECISION_ACCE);
+  EXPECT_EQ(decision.acc_reason, kReasonAcce);
   EXPECT_STREQ(decision.selected_proxy.proxy_addr, kNodeA);
   EXPECT_EQ(u32{decision.selected_proxy.user_ip}, test::Ip(kGame));  // as the node has answered
   EXPECT_EQ(negotiation.game_id, 7u);
@@ -392,7 +392,7 @@ class ReportSwitch : public ReportUdp {
 };
 
 // Kept: the socket on trial has no decision of its own, so from the move on the traffic is in no
-// report, and the flow's end tells of the time before.
+// report, and the report on the flow's end covers only the time before.
 SCENARIO_F(ReportSwitch, MoveIsReportedOnceItIsDone) {
   const SOCKET s = OpensSwitchable();
   ASSERT_EQ(UsedSlots(client.switches), 0);
@@ -476,7 +476,7 @@ SCENARIO_F(ReportSwitch, LinkThatMayNotBeLeftIsReportedAsItIs) {
   EXPECT_EQ(b.Count("request"), 0u);
 }
 
-// --- what the client does, or does not --------------------------------------------------------
+// --- slow and absent client programs ----------------------------------------------------------
 
 SCENARIO_F(ReportUdp, FullChannelCostsItsReportsAndNothingElse) {
   for (CommInfoRecord& slot : client.traffic->slots) test::Fill(slot, 0x5a);
@@ -500,8 +500,8 @@ SCENARIO_F(ReportUdp, FullChannelCostsItsReportsAndNothingElse) {
   EXPECT_EQ(client.traffic->slots[9].ended, 1);
 }
 
-// Kept: flows are reported in the order of their guids until the channel is full, so a client that
-// is slow hears of the same ones each time. The end of each is told by itself.
+// Kept: flows are reported in the order of their guids until the channel is full, so a slow client
+// program gets the same ones each time. The end of each flow is reported separately.
 SCENARIO_F(ReportUdp, MoreFlowsThanSlotsLeaveTheLastOutUntilTheyEnd) {
   constexpr size_t kFlows = 40, kSlots = kCommunicationChannel.slot_count;
   Starts();
@@ -552,7 +552,7 @@ SCENARIO_F(ReportUdp, RegionsOfAnotherVersionAreLeftAloneAndTheRelayWorks) {
 
 // --- the end of the game ----------------------------------------------------------------------
 
-// The Tracker ends before the relays do: what is open is told of as open, and never again.
+// The Tracker ends before the relays do: open flows are reported as open, and never again.
 SCENARIO_F_SEEDS(ReportUdp, CleanupTellsOfOpenFlowsOnceMoreAndOfNoEnd, 5) {
   Starts();
   const SOCKET s = Opens();

@@ -1,5 +1,5 @@
-// The tables when the platform fails, and when a client breaks its own rules while a reader reads:
-// each failure has its log line, nobody waits longer than the limit, no mutex stays taken.
+// The tables when platform calls fail, and when a client program breaks its rules during a read:
+// each failure has its log line, no wait exceeds the limit, no mutex stays taken.
 #include <windows.h>
 
 #include <functional>
@@ -108,8 +108,8 @@ SCENARIO(RouteWaits, NoPauseForAGameThatDoesNotWait) {
 
 // --- a client that writes while the region is read -----------------------------------------------
 
-// Reads a region again and again, while the client writes at one instruction of the reader, until
-// that instruction is the one that was meant.
+// Reads a region again and again, while the client program writes at one instruction of the reader,
+// until that instruction is the intended one.
 class RouteMoment : public sim::ScenarioTest {
  protected:
   enum class Came { kTooEarly, kJust, kTooLate };

@@ -4,6 +4,7 @@
 #include "port/shared/faults.h"
 #include "port/sim/scenario.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -50,7 +51,7 @@ SCENARIO_F(RouteFile, IsGivenUpAfterFiveTimes) {
   EXPECT_FALSE(Load());
   EXPECT_EQ(port::CallCount("CreateFileW"), 5u);
   port::ClearFaults();
-  EXPECT_TRUE(log.Contains("CreateFileW failed(error=32)\n")) << log.Text();
+  EXPECT_TRUE(log.Contains(test::kFileShared)) << log.Text();
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Machines without a network address provide no identifiers. A connection needs one all the same,
-// and nodes have long known the substitutes, flaw included.
+// and existing nodes depend on the substitute, including its flaw.
 #include "protocol/session_guid.h"
 
 #include <gtest/gtest.h>

@@ -145,7 +145,7 @@ SCENARIO_F(SimFaults, AThreadIsTerminatedWhereItStands) {
   EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_ABANDONED);
   RunFor(1s);
   EXPECT_FALSE(went_on);
-  world.Terminate(id);  // is nobody's any more
+  world.Terminate(id);  // has no owner any more
 }
 
 // Whether the thread runs already or not.
@@ -245,10 +245,10 @@ SCENARIO_F(SimFaults, IdleMeansThatNothingIsUnderWay) {
     Sleep(INFINITE);
   });
   EXPECT_TRUE(RunUntilIdle());
-  EXPECT_EQ(world.now(), 600ms);  // there, and the word that nobody listens back
+  EXPECT_EQ(world.now(), 600ms);  // one way, and the refusal back
 }
 
-// --- what a failing scenario says -------------------------------------------------------------
+// --- what a failing scenario prints -----------------------------------------------------------
 
 void FailsOnSeedThree() {
   sim::RunScenario({}, 5, [](sim::World& world) {

@@ -19,7 +19,7 @@ DWORD WINAPI Start(LPVOID body) {
   return 7;
 }
 
-// Three threads that each say their letter five times.
+// Three threads that each write their letter five times.
 std::string OrderOfThreads(sim::World& world) {
   Race race;
   for (const char letter : {'a', 'b', 'c'})
@@ -305,7 +305,7 @@ TEST(SimScheduler, AFailureTellsTheCommandThatReplaysIt) {
   EXPECT_NE(command.find(" --gtest_filter=Suite.Name"), std::string::npos) << command;
 }
 
-// A hundred seeds are a hundred worlds, not one whose dice are thrown once more for each.
+// A hundred seeds are a hundred worlds, not one sequence of random numbers shifted by one for each.
 TEST(SimSeeds, NeighboursDrawDifferentNumbers) {
   constexpr uint64_t kSeeds = 100, kThrows = 1000;
   std::set<uint64_t> throws;

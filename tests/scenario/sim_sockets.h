@@ -57,7 +57,7 @@ inline int SendTextTo(SOCKET s, const std::string& text, const char* ip, int por
   const sockaddr_in to = At(ip, port);
   return sendto(s, text.data(), static_cast<int>(text.size()), 0, Raw(to), sizeof to);
 }
-// "error 10054" where the call fails.
+// "error 10054" if the call fails.
 inline std::string Received(SOCKET s, int most = 8192, int flags = 0) {
   std::string text(static_cast<size_t>(most), '\0');
   const int n = recv(s, text.data(), most, flags);
@@ -136,7 +136,7 @@ class TwoHosts : public sim::ScenarioTest {
   void Link(const sim::LinkOptions& link) { world.SetLink(client, server, link); }
   sim::LinkOptions link() { return world.link(client, server); }
 
-  // Runs both to their end; false when they do not come to it.
+  // Runs both to their end; false if they do not get there.
   bool Run(std::function<void()> on_server, std::function<void()> on_client) {
     server_process = &world.SpawnOn(server, "server", std::move(on_server));
     client_process = &world.SpawnOn(client, "client", std::move(on_client));

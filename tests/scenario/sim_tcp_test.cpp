@@ -1,4 +1,5 @@
-// TCP on the simulated network: what a program on Windows may rely on, and what may break.
+// TCP on the simulated network: what a program on Windows may rely on, and how connections may
+// fail.
 #include "tests/scenario/sim_sockets.h"
 
 namespace {
@@ -465,7 +466,7 @@ SCENARIO_F(SimTcp, ASocketOfAnotherProcessIsNoSocket) {
 
 // --- small pieces -------------------------------------------------------------------------------
 
-// The client says two small things a millisecond apart; the server hears them, or answers each.
+// The client sends two small messages a millisecond apart; the server reads them, or answers each.
 sim::Options SavingSegments() {
   sim::Options options;
   options.tcp_saves_segments = true;
@@ -521,7 +522,7 @@ SCENARIO_WITH_(SimNagle, NothingWaitsWithTheOption, SimNagle, 1, SavingSegments(
   EXPECT_EQ(heard, (std::vector<sim::Duration>{10ms, 11ms}));
 }
 
-// Of segments that nobody has read yet, two are confirmed at once, and one after a while.
+// Of unread segments, two are acknowledged at once, and a single one after a while.
 SCENARIO_WITH_(SimNagle, SegmentsAreConfirmedByTwos, SimNagle, 1, SavingSegments()) {
   for (const size_t segments : {1u, 2u, 3u, 4u}) {
     SCOPED_TRACE(segments);

@@ -1,4 +1,4 @@
-// The clock: it stands while anyone can run, and then jumps.
+// The clock: it stands still while any thread can run, and then jumps.
 #include "port/sim/scenario.h"
 
 namespace {

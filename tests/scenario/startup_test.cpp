@@ -64,7 +64,7 @@ SCENARIO(Startup, AnyOtherProcessGetsTheNextProvidersOwnTable) {
   EXPECT_EQ(GetProcessInfo().tcp_proc_table.lpWSPSocket, nullptr);
 }
 
-// Its record is installed by the first start, and a second look at it would say that all is well.
+// Its record is installed by the first start, and a second check of it would succeed.
 SCENARIO(Startup, AGameThatIsNotAcceleratedStaysUnhookedAtEveryStart) {
   GameProcess game;
   game.ListAsGame(0, "C:\\logs\\", 0);
@@ -81,7 +81,7 @@ SCENARIO(Startup, SpeedTesterIsHookedWithALogAndNoConfiguration) {
   process.Is(L"D:\\tools\\SPEEDTESTER.exe");
   EXPECT_EQ(process.Start(6), 0);
   EXPECT_TRUE(process.GotHookedTable());
-  EXPECT_EQ(process.TraceCount(kFirst), 1);  // the two questions before it recorded nothing
+  EXPECT_EQ(process.TraceCount(kFirst), 1);  // the two calls before it recorded nothing
   EXPECT_TRUE(GetHookFlags().speed_tester_mode);
   EXPECT_STRNE(GetProcessInfo().log_file_path, "");
   const moru_vyr::lsp::AccConfig zero;
@@ -205,7 +205,7 @@ SCENARIO(Startup, WithoutProtocolInfoItFailsAfterPreparing) {
   EXPECT_TRUE(game.Traced("WSPStartup failed"));
   EXPECT_EQ(game.TraceCount(kFirst), 1);
   EXPECT_TRUE(game.GotEmptyTable());
-  EXPECT_EQ(game.Start(6), 0);  // and does the process no harm
+  EXPECT_EQ(game.Start(6), 0);  // and does not harm the process
   EXPECT_TRUE(game.GotHookedTable());
 }
 

@@ -1,5 +1,5 @@
-// What the worlds of random games, nodes and faults have in common: how many there are, what is
-// drawn in them, and whether the relay has released everything.
+// Shared by the worlds of random games, nodes and faults: how many there are, their random draws,
+// and whether the relay has released everything.
 #pragma once
 #include "tests/scenario/sim_sockets.h"
 //
@@ -12,13 +12,13 @@
 
 namespace swarm_test {
 
-// How many worlds a run takes; VYR_SWARM_SEEDS=5000 asks for that many.
+// How many worlds a run has; VYR_SWARM_SEEDS=5000 sets another number.
 inline unsigned SwarmSeeds(unsigned usual) {
   const char* const wanted = std::getenv("VYR_SWARM_SEEDS");
   return wanted != nullptr ? static_cast<unsigned>(std::strtoul(wanted, nullptr, 10)) : usual;
 }
 
-// Behind its beginning, text in which bytes of any other place would show.
+// After its beginning, text in which a misplaced byte would show.
 inline std::string Noise(const std::string& begin, uint64_t seed, size_t size) {
   sim::Random random(seed);
   std::string text = begin;
@@ -41,7 +41,7 @@ class Swarm : public World {
     return of[Below(kCount)];
   }
 
-  // Every link there is, each as drawn for it.
+  // Every link, each with its own drawn properties.
   void SetAllLinks(const std::function<sim::LinkOptions()>& draw) {
     sim::Host& home = this->world.home().host;
     for (sim::Host* host : {&this->a_host, &this->b_host, &this->server_host})
@@ -54,7 +54,7 @@ class Swarm : public World {
     return *Any(hosts);
   }
 
-  // What the game and its relay have open.
+  // The open sockets of the game and its relay.
   size_t HomeSockets() const { return this->world.sockets().CountOf(this->world.home()); }
 };
 

@@ -1,6 +1,6 @@
 // A switch as the game sees it, through the provider, its worker and real nodes. At stake: the game
 // plays on with the same port, the client program learns what happened, and whatever the game does
-// in the middle of it, nobody is left waiting.
+// meanwhile, nothing is left waiting.
 #include "tests/scenario/udp_world.h"
 #include "tests/support/log_texts.h"
 //
@@ -77,14 +77,14 @@ SCENARIO_F(SwitchFlow, IsReportedWithWhatLedToIt) {
   const RecoverySwitchRecord& report = client.switches->slots[0];
   EXPECT_EQ(test::Value(report.game_id), 7u);
   EXPECT_EQ(test::Value(report.need_switch), 1);
-  EXPECT_EQ(test::Value(report.is_switch_succ), 0);
+  EXPECT_EQ(test::Value(report.is_switch_succ), static_cast<i32>(SwitchResult::kTakenOver));
   EXPECT_EQ(test::Value(report.count), 1);
   EXPECT_EQ(test::Value(report.proxy_idc), 1) << "the node that was left";
   EXPECT_EQ(test::Value(report.data_link_small_section_pack), 0);
   EXPECT_EQ(std::string(report.switch_condition), "delay_amp>=1000;delay_avg>=1000;real_lost>=20");
   EXPECT_EQ(std::string(report.acc_info), "198.51.100.10-27015-1-198.51.100.20-7001");
   EXPECT_GT(test::Value(report.total_send_pack), 50);
-  // The new link is described as such in what the client learns of negotiations.
+  // The report on the negotiation describes the new link.
   EXPECT_EQ(b.Last("flow_opened").Number("replaces_node_id"), 1u) << b.AllEvents();
   GameCloses();
   EXPECT_EQ(b.Count("flow_closed"), 1u);
@@ -113,7 +113,7 @@ SCENARIO_F(SwitchFlow, GoesBackToANodeThatIsWellAgain) {
   GameCloses();
 }
 
-// It may not be tried again, and the flow stays with a node that is dead: so it is wanted.
+// No other trial is allowed, and the flow stays with a dead node: that is intended.
 SCENARIO_F(SwitchFlow, HappensNoMoreOftenThanAllowed) {
   Begins([](moru_vyr::lsp::AccConfigRecord* config) { config->max_link_switch_count = 1; });
   ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); }));
@@ -123,7 +123,7 @@ SCENARIO_F(SwitchFlow, HappensNoMoreOftenThanAllowed) {
   b.GoesDark();
   RunFor(15s);
   EXPECT_TRUE(Heard("A").empty());
-  EXPECT_TRUE(Logged("[RecoverySwitch]switching count reaches top limit 1, proxy_idc=2 ,"));
+  EXPECT_TRUE(Logged(test::SwitchLimitReached(1, 2)));
   GameCloses();
 }
 
@@ -148,7 +148,7 @@ SCENARIO_F(SwitchFlow, EndsWithTheGameWhileItIsVerified) {
   playing = false;
   RunFor(1s);
   EXPECT_TRUE(Logged(test::kUdpSessionClosed));
-  EXPECT_FALSE(Logged("NotifyVerifyResult"));
+  EXPECT_FALSE(Logged(test::kTrialVerdict));
   EXPECT_EQ(b.Count("flow_closed"), 1u) << b.AllEvents();
 }
 
@@ -156,14 +156,14 @@ SCENARIO_F(SwitchFlow, EndsWithTheGameOnceItIsVerified) {
   b.behaviour().data_down_loss = 100;
   Begins();
   ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); })) << log_text();
-  EXPECT_FALSE(Logged("ReplaceSock"));
+  EXPECT_FALSE(Logged(test::kSocketReplaced));
   GameCloses();
   EXPECT_EQ(b.Count("flow_closed"), 1u) << b.AllEvents();
 }
 
 class SwitchStop : public SwitchFlow {
  protected:
-  // The library is being unloaded; nobody is told anything, and nothing is left of the worker.
+  // The library is being unloaded; no node gets an end message, and nothing is left of the worker.
   void Stops() {
     const std::size_t closed = b.Count("flow_closed");
     playing = false;
@@ -201,7 +201,7 @@ SCENARIO_F(SwitchStop, OnceItHasHappened) {
   Begins();
   ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); }));
   RunFor(500ms);
-  EXPECT_TRUE(Logged("ReplaceSock"));
+  EXPECT_TRUE(Logged(test::kSocketReplaced));
   Stops();
 }
 

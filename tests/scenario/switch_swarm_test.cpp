@@ -12,7 +12,7 @@ using namespace udp_test;  // NOLINT
 
 class SwitchSwarm : public UdpSwarm {
  protected:
-  // Longer than anything is on its way where all is well.
+  // Longer than any datagram is under way on a healthy network.
   static constexpr sim::Duration kUnderWay = 1s;
   static constexpr sim::Duration kTimeToMove = 7s;
 
@@ -39,7 +39,7 @@ class SwitchSwarm : public UdpSwarm {
     return player;
   }
 
-  // True where nothing can pass through A any more.
+  // True if nothing can pass through A any more.
   bool Degrade() {
     sim::Host& home = world.home().host;
     sim::LinkOptions link = world.link(home, a_host);
@@ -85,7 +85,7 @@ class SwitchSwarm : public UdpSwarm {
     }
     for (auto one = flow.begin(); one != moved; ++one) {
       if ((*one)->at + kUnderWay >= trouble_) break;
-      // What the old node has not brought back by then comes from an unknown sender.
+      // What the old node has not delivered by then comes from an unknown sender.
       const bool strange = moved != flow.end() && (*one)->at + kUnderWay > (*moved)->at;
       ExpectArrived(**one, strange);
     }

@@ -30,12 +30,12 @@ class SwitchTrial : public SwitchWorld {
     EXPECT_EQ(GameGets(), "pong");
   }
   // A trial that has failed is gone a tick later, and its node is not told.
-  void ExpectOver(const std::string& result) {
-    EXPECT_EQ(Results(), result) << log->Text();
+  void ExpectOver(SwitchResult result) {
+    EXPECT_EQ(Results(), Outcomes{result}) << log->Text();
     Turns(2);
     EXPECT_EQ(Trial(), nullptr);
     EXPECT_EQ(b.TakenEnds(), 0);
-    EXPECT_EQ(Results(), result) << "reported once";
+    EXPECT_EQ(Results(), Outcomes{result}) << "reported once";
     ExpectCarriedByA();
   }
 };
@@ -45,11 +45,11 @@ SCENARIO_F(SwitchTrial, WithoutAnotherNodeItEndsAtOnce) {
   no_group.last_node = kLastNode + 1;
   IsCarried(no_group);
   EXPECT_TRUE(Fires()) << "a trial that cannot start has been made all the same";
-  EXPECT_EQ(Results(), "1");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
   EXPECT_TRUE(Logged("Can not find IDC(11)'s switch proxy route, current_proxy=1, last_node=62"));
   Turn();
   EXPECT_FALSE(b.IsAsked());
-  ExpectOver("1");
+  ExpectOver(SwitchResult::kNoRoute);
 }
 
 SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNowhereToGo) {
@@ -57,36 +57,35 @@ SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNowhereToGo) {
   first_version.version = 1;
   IsCarried(first_version);
   EXPECT_TRUE(Fires());
-  EXPECT_EQ(Results(), "1");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
 }
 
 SCENARIO_F(SwitchTrial, ARequestThatCannotLeaveEndsIt) {
   IsCarried();
   port::FailCall("sendto", 1, WSAENETUNREACH);
   EXPECT_TRUE(Fires());
-  EXPECT_EQ(Results(), "2");
-  EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::SendTo, error=10051, token=77"));
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNotAsked});
+  EXPECT_TRUE(Logged(test::kTrialSendFailed + "10051, token=77"));
   Turn();
   EXPECT_FALSE(b.IsAsked());
-  ExpectOver("2");
+  ExpectOver(SwitchResult::kNotAsked);
 }
 
-// The request waits for room all the same, and leaves if that comes before the trial is cleared
-// away. Its answer finds nobody.
+// The request waits for room all the same, and is sent if there is room before the trial is
+// removed. Its answer finds no trial.
 SCENARIO_F(SwitchTrial, ARequestThatHasToWaitEndsItAndStillLeaves) {
   IsCarried();
   port::FailCall("sendto", 1, WSAEWOULDBLOCK);
   EXPECT_TRUE(Fires());
-  EXPECT_EQ(Results(), "2");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNotAsked});
   EXPECT_EQ(loop.wants_room.count(TrialSocket()), 1u);
   loop.Pass();
   EXPECT_TRUE(b.IsAsked());
-  EXPECT_TRUE(
-      Logged("UdpSwitchRemoteSession::FlushBlockedPackages, count=1, remain_count=0, token=77"));
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::" + test::Flushed(1, 0) + ", token=77"));
   b.Answers();
   loop.Pass();
   EXPECT_FALSE(Logged(test::kTrialAgreed));
-  ExpectOver("2");
+  ExpectOver(SwitchResult::kNotAsked);
 }
 
 SCENARIO_F(SwitchTrial, WithoutASocketItEnds) {
@@ -94,8 +93,8 @@ SCENARIO_F(SwitchTrial, WithoutASocketItEnds) {
   port::FailCall("socket", 1, WSAEMFILE);
   EXPECT_TRUE(Fires());
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::Init socket error=10024, token=77"));
-  EXPECT_FALSE(Logged("UdpSwitchRemoteSession::Init success"));
-  ExpectOver("2");
+  EXPECT_FALSE(Logged(test::kTrialStarted));
+  ExpectOver(SwitchResult::kNotAsked);
 }
 
 SCENARIO_F(SwitchTrial, ASocketThatStaysBlockingIsUsed) {
@@ -103,7 +102,7 @@ SCENARIO_F(SwitchTrial, ASocketThatStaysBlockingIsUsed) {
   port::FailCall("ioctlsocket", 1, WSAENOBUFS);
   EXPECT_TRUE(Fires());
   EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::Init ioctlsocket , error=10055, token=77"));
-  EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::Init success, remote_ip=198.51.100.10"));
+  EXPECT_TRUE(Logged(test::kTrialStarted + ", remote_ip=198.51.100.10"));
   EXPECT_NE(TrialSocket(), INVALID_SOCKET);
 }
 
@@ -131,7 +130,7 @@ SCENARIO_F(SwitchTrial, ItsRequestNamesTheLinkThatIsLeft) {
   EXPECT_EQ(test::Value(asked.last_node.port), 7001);
   EXPECT_EQ(test::Value(asked.last_node.ip), 0x7F000001u);
   EXPECT_EQ(test::Value(asked.last_node.accl_token), a.accl_token);
-  // For the rest it is the flow's first request once more.
+  // The rest equals the flow's first request.
   asked.flags = 0;
   asked.last_node = {};
   EXPECT_EQ(std::memcmp(&asked, &first.body, sizeof asked), 0);
@@ -142,10 +141,11 @@ SCENARIO_F(SwitchTrial, ASilentNodeHasOneSecond) {
   IsCarried();
   ASSERT_TRUE(Fires());
   Turns(10, 100);
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   Turn(1);
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=202, token=77"));
-  ExpectOver("3");
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::" + test::NegotiationFailed(kNegoTimedOut) + "token=77"));
+  ExpectOver(SwitchResult::kNegotiationFailed);
 }
 
 SCENARIO_F(SwitchTrial, AnAnswerAtTheLastMomentCounts) {
@@ -155,11 +155,11 @@ SCENARIO_F(SwitchTrial, AnAnswerAtTheLastMomentCounts) {
   Turns(10, 100);
   b.Answers();
   Turn(1);
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   EXPECT_TRUE(
-      Logged("UdpSwitchRemoteSession::OnNegotiationSuccess, accl_data_addr=127.0.0.1:7102, "
-             "client_ip=127.0.0.1, client_isp=1, accl_token=178, last_node:(node_id=61, "
-             "ip=127.0.0.1, port=7002, accl_token=178), token=77"))
+      Logged(test::kTrialAgreed +
+             ", accl_data_addr=127.0.0.1:7102, client_ip=127.0.0.1, client_isp=1, accl_token=178, "
+             "last_node:(node_id=61, ip=127.0.0.1, port=7002, accl_token=178), token=77"))
       << log->Text();
 }
 
@@ -173,8 +173,8 @@ SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
   refusal.result = 9;
   b.Answers(refusal);
   loop.Pass();
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=9, token=77"));
-  ExpectOver("3");
+  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::" + test::NegotiationFailed(9) + "token=77"));
+  ExpectOver(SwitchResult::kNegotiationFailed);
   EXPECT_FALSE(b.IsAsked());
   GetTracker().UnInit();
   ASSERT_EQ(test::UsedSlots(client.failures), 1);
@@ -186,7 +186,7 @@ SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
   EXPECT_EQ(test::Value(failure.user_ip), test::Ip("127.0.0.1"));
   ASSERT_EQ(test::UsedSlots(client.switches), 1);
   const RecoverySwitchRecord& report = client.switches->slots[0];
-  EXPECT_EQ(test::Value(report.is_switch_succ), 3);
+  EXPECT_EQ(test::Value(report.is_switch_succ), static_cast<i32>(SwitchResult::kNegotiationFailed));
   EXPECT_EQ(test::Value(report.need_switch), 1) << "the judge's word";
   EXPECT_EQ(test::Value(report.count), 3);
 }
@@ -202,7 +202,7 @@ SCENARIO_F(SwitchTrial, AFlowThatIsRefusedAtOnceIsReportedWithAMillisecond) {
   a.Answers(refusal);
   loop.Pass();
   ASSERT_EQ(world.now(), asked);
-  EXPECT_TRUE(Logged("UdpRemoteSession::OnNegotiationFailed, reason=9, token=77"));
+  EXPECT_TRUE(Logged("UdpRemoteSession::" + test::NegotiationFailed(9) + "token=77"));
   GetTracker().UnInit();
   ASSERT_EQ(test::UsedSlots(client.failures), 1);
   EXPECT_EQ(test::Value(client.failures->slots[0].elapsed_ms), 1u);
@@ -215,8 +215,9 @@ SCENARIO_F(SwitchTrial, AnAnswerThatIsNoneEndsIt) {
   b.AnswersBytes("garbage");
   Turn();
   EXPECT_TRUE(Logged("UdpSwitchRemoteSession::HandleNegoRecv, Unpack error="));
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=203, token=77"));
-  ExpectOver("3");
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::" + test::NegotiationFailed(kNegoBadHeader) + "token=77"));
+  ExpectOver(SwitchResult::kNegotiationFailed);
 }
 
 SCENARIO_F(SwitchTrial, ANodeOfAnotherProviderEndsIt) {
@@ -230,8 +231,9 @@ SCENARIO_F(SwitchTrial, ANodeOfAnotherProviderEndsIt) {
   EXPECT_TRUE(
       Logged("[UDP] UdpSwitchRemoteSession::CheckNegotiation isp not support, "
              "client_isp=2, support_isps=1, token=77"));
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::OnNegotiationFailed, reason=207, token=77"));
-  ExpectOver("3");
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::" + test::NegotiationFailed(kNegoIspNotServed) + "token=77"));
+  ExpectOver(SwitchResult::kNegotiationFailed);
 }
 
 SCENARIO_F(SwitchTrial, AnErrorOfItsSocketEndsNothing) {
@@ -263,8 +265,7 @@ SCENARIO_F(ForcedTrial, TakesANodeOfAnotherProvider) {
   b.Answers(other);
   Turn();
   EXPECT_TRUE(
-      Logged("UdpSwitchRemoteSession::CheckNegotiation isp not support, but force accl, "
-             "client_isp=2, support_isps=1, token=77"));
+      Logged("UdpSwitchRemoteSession::" + test::kForcedPastIsp + "support_isps=1, token=77"));
   EXPECT_TRUE(Logged(test::kTrialAgreed));
 }
 
@@ -274,14 +275,14 @@ SCENARIO_F(SwitchTrial, HearsOnlyItsNode) {
   ASSERT_TRUE(b.IsAsked());
   b.AnswersFromTheWrongPort();
   Turn();
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   EXPECT_FALSE(Logged(test::kTrialAgreed));
   b.Answers();
   Turn();
   EXPECT_TRUE(Logged(test::kTrialAgreed));
 }
 
-// Nor the game's socket, even where that is what the node names for its data.
+// Nor the game's socket, even if the node names that as its data address.
 SCENARIO_F(SwitchTrial, IgnoresTheGame) {
   IsCarried();
   ASSERT_TRUE(Fires());
@@ -290,13 +291,13 @@ SCENARIO_F(SwitchTrial, IgnoresTheGame) {
   the_games.data_port = 5555;
   b.Answers(the_games);
   Turn();
-  ASSERT_TRUE(Logged("OnNegotiationSuccess, accl_data_addr=127.0.0.1:5555,")) << log->Text();
+  ASSERT_TRUE(Logged(test::kTrialAgreed + ", accl_data_addr=127.0.0.1:5555,")) << log->Text();
   sockaddr_in trial;
   int size = sizeof trial;
   ASSERT_EQ(getsockname(TrialSocket(), Raw(trial), &size), 0);
   SendTextTo(game, b.DataBytes("from the game", 1, 101), "127.0.0.1", ntohs(trial.sin_port));
   Turn();
-  EXPECT_EQ(Results(), "") << "data of the node would have completed it";
+  EXPECT_EQ(Results(), Outcomes{}) << "data of the node would have completed it";
   EXPECT_NE(Trial(), nullptr);
 }
 
@@ -319,7 +320,7 @@ SCENARIO_F(SwitchTrial, ItsBurstStartsAtOnceWhileTheGamePlaysOnOverTheOldNode) {
     b.AnswersProbes();
     EXPECT_EQ(a.TakenData(), "tick");
   }
-  // The first step of the burst only looked at the clock, as the negotiation ended.
+  // The first step of the burst only read the clock, as the negotiation ended.
   EXPECT_EQ(probes, 5);
   EXPECT_TRUE(Logged(test::kTrialVerified));
 }
@@ -330,9 +331,9 @@ SCENARIO_F(SwitchTrial, ANodeThatLosesNothingShowsAQuarterOfLoss) {
   config.switching_max_real_route_lost = 26;
   IsCarried();
   IsVerified();
-  EXPECT_TRUE(
-      Logged("[GetCurLost]real_route, cycle_size=5, download_lost=25, upload_lost=0, "
-             "full_lost=25, need_recv_pkg=4, real_recv_pkgs=3,"))
+  EXPECT_TRUE(Logged(test::kRealRouteLoss +
+                     ", cycle_size=5, download_lost=25, upload_lost=0, full_lost=25, "
+                     "need_recv_pkg=4, real_recv_pkgs=3,"))
       << log->Text();
 }
 
@@ -341,8 +342,9 @@ SCENARIO_F(SwitchTrial, ByDefaultNoNodePasses) {
   IsCarried();
   IsVerifying();
   HealthyTurns(10);
-  EXPECT_TRUE(Logged("[UDP] UdpSwitchRemoteSession::NotifyVerifyResult, Verifying result=failed"));
-  ExpectOver("4");
+  EXPECT_TRUE(
+      Logged("[UDP] UdpSwitchRemoteSession::" + test::kTrialVerdict + ", Verifying result=failed"));
+  ExpectOver(SwitchResult::kVerificationFailed);
 }
 
 SCENARIO_F(SwitchTrial, ANodeThatAnswersNoProbeFails) {
@@ -350,19 +352,19 @@ SCENARIO_F(SwitchTrial, ANodeThatAnswersNoProbeFails) {
   IsVerifying();
   const SOCKET trial = TrialSocket();
   Turns(10);
-  ExpectOver("4");
+  ExpectOver(SwitchResult::kVerificationFailed);
   EXPECT_EQ(Readiness(trial), "error 10038") << "closed";
   EXPECT_EQ(Counted(trial), "nothing");
 }
 
-// More probes than the long window holds: what a node lost in the beginning is forgiven it.
+// More probes than the long window holds: what a node lost in the beginning does not count.
 SCENARIO_F(SwitchTrial, ALongBurstIsJudgedByItsLastSlots) {
   config.lost_calc_unit_size = 100;
   config.long_cycle = 2;
   config.switching_high_freq_test_time = 400;  // 40 probes, 30 ms apart
   IsCarried();
   IsVerifying();
-  for (int turn = 0, probes = 0; turn < 60 && !Logged("NotifyVerifyResult"); ++turn) {
+  for (int turn = 0, probes = 0; turn < 60 && !Logged(test::kTrialVerdict); ++turn) {
     Turn();
     for (const Wrapped& one : b.Takes()) probes += one.IsProbe() ? 1 : 0;
     if (probes <= 30) b.ForgetsProbes();
@@ -375,17 +377,19 @@ SCENARIO_F(SwitchTrial, WithGameTrafficBarredAGoodNodeIsOnlyReported) {
   config.game_link_switch_open = 0;
   IsCarried();
   IsVerified();
-  EXPECT_TRUE(Logged("UdpSwitchRemoteSession::NotifyVerifyResult, game_link switch is not open"));
-  ExpectOver("5");
+  EXPECT_TRUE(
+      Logged("UdpSwitchRemoteSession::" + test::kTrialVerdict + ", game_link switch is not open"));
+  ExpectOver(SwitchResult::kNotOpen);
 }
 
-// A judge that may not measure the new node gives no verdict, and no clock ends the trial. Kept.
+// A judge that may not measure the new node gives no verdict, and no time limit ends the trial.
+// Kept.
 SCENARIO_F(SwitchTrial, OfANodeThatMayNotBeMeasuredNeverEnds) {
   image.proxies[1].flag = 4;
   IsCarried();
   IsVerifying();
   HealthyTurns(2000);
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   EXPECT_NE(Trial(), nullptr);
   EXPECT_FALSE(Fires()) << "and bars every later one";
   ExpectCarriedByA();
@@ -413,7 +417,7 @@ SCENARIO_F(SwitchTrial, AVerifiedNodeCarriesWhatTheGameSendsAndTheOldOneWhatItGe
   a.SendsData("late");
   Turn();
   EXPECT_EQ(GameGets(), "late");
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
 }
 
 SCENARIO_F(SwitchTrial, ADatagramTooLongToWrapGoesPastAVerifiedNodeToo) {
@@ -439,7 +443,7 @@ SCENARIO_F(SwitchTrial, NothingButDataOfItsNodeCompletesIt) {
   past_end[1] = 60;  // its header says that it is longer than the datagram
   b.SendsRaw(past_end);
   Turns(100);
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
   EXPECT_EQ(GameGets(), "");
   EXPECT_TRUE(
       Logged("[UDP] UdpSwitchRemoteSession::UnWrapUdpAcclPackage failed, unpack error, "
@@ -463,7 +467,7 @@ SCENARIO_F(SwitchTrial, DataWithAProbesMarkCompletesIt) {
   marked[2] = 8;
   b.SendsRaw(marked);
   Turn();
-  EXPECT_EQ(Results(), "0");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   EXPECT_EQ(GameGets(), "marked");
 }
 
@@ -477,22 +481,22 @@ SCENARIO_F(SwitchTrial, TheFirstDataOfItsNodeHandsTheFlowOver) {
   GameSends("one");
   Turn();
   b.SendsData("answer");
-  b.SendsData("another");  // behind it in the socket, for the one who then has it
+  b.SendsData("another");  // behind it in the socket, for its next owner
   Turns(2);
   EXPECT_EQ(GameGets(), "answer another");
-  EXPECT_EQ(Results(), "0");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   EXPECT_EQ(Trial(), nullptr);
   EXPECT_EQ(loop.delegates[new_sock], static_cast<IRelaySocketDelegate*>(flow));
   EXPECT_TRUE(loop.Has(local_sock)) << "the game's port";
   ASSERT_TRUE(session->GetRelayAddr(&relay_after));
   EXPECT_EQ(relay_after.sin_port, relay_before.sin_port);
-  // The old node is told, with the number behind its last.
-  const std::vector<Wrapped> farewell = a.Takes();
-  ASSERT_EQ(farewell.size(), 1u);
-  EXPECT_TRUE(farewell[0].IsEnd());
-  EXPECT_EQ(farewell[0].accl_token, a.accl_token);
-  EXPECT_EQ(farewell[0].seq, 3u) << "after one datagram: the number is counted before it is taken";
-  EXPECT_TRUE(Logged("UdpRemoteSession::ReplaceSock, new socket=" + std::to_string(new_sock) +
+  // The old node gets an end message, with the number after its last.
+  const std::vector<Wrapped> last = a.Takes();
+  ASSERT_EQ(last.size(), 1u);
+  EXPECT_TRUE(last[0].IsEnd());
+  EXPECT_EQ(last[0].accl_token, a.accl_token);
+  EXPECT_EQ(last[0].seq, 3u) << "after one datagram: the number is counted before it is taken";
+  EXPECT_TRUE(Logged(test::kSocketReplaced + std::to_string(new_sock) +
                      ", ori socket=" + std::to_string(local_sock) + ", token=77"));
   // From here on B is the link: for data either way, and for the end message.
   EXPECT_EQ(b.TakenData(), "one");
@@ -521,7 +525,7 @@ SCENARIO_F(SwitchTrial, TheNewLinkIsProbedAndJudgedFromNothing) {
   ASSERT_TRUE(GetTracker().GetSpeedTestResult(new_sock, &before));
   b.SendsData("proof");
   Turn();
-  ASSERT_EQ(Results(), "0");
+  ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   a.Takes();
   b.Takes();
   Turns(60);
@@ -542,14 +546,13 @@ SCENARIO_F(SwitchTrial, TheNewLinkIsProbedAndJudgedFromNothing) {
       << "its judge on trial and then as the flow's";
 }
 
-// The parent takes over a link that it has not been told of, and that is nowhere. Kept: the flow is
-// lost with it.
+// The parent takes over a link that has never been filled in. Kept: the flow is lost with it.
 SCENARIO_F(SwitchTrial, DataWhileItIsVerifiedHandsOverALinkThatIsNotFilled) {
   IsCarried();
   IsVerifying();
   b.SendsData("eager");
   Turn();
-  EXPECT_EQ(Results(), "0");
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   EXPECT_EQ(a.TakenEnds(), 1);
   EXPECT_EQ(GameGets(), "") << "its sender is not the one that the link names";
   Turn();
@@ -559,7 +562,7 @@ SCENARIO_F(SwitchTrial, DataWhileItIsVerifiedHandsOverALinkThatIsNotFilled) {
   EXPECT_EQ(a.TakenData() + b.TakenData(), "");
 }
 
-// The same once a link has been verified before: the copy is that link's.
+// The same if a link has been verified before: the copy is that of the earlier link.
 SCENARIO_F(SwitchTrial, DataWhileASecondOneIsVerifiedHandsOverTheLinkBefore) {
   IsCarried();
   IsTakenOver();
@@ -572,7 +575,7 @@ SCENARIO_F(SwitchTrial, DataWhileASecondOneIsVerifiedHandsOverTheLinkBefore) {
   Turn();
   a.SendsData("eager");
   Turn();
-  EXPECT_EQ(Results(), "0 0");
+  EXPECT_EQ(Results(), (Outcomes{SwitchResult::kTakenOver, SwitchResult::kTakenOver}));
   GameSends("on");
   Turn();
   EXPECT_EQ(b.TakenData(), "on") << "over A's socket to B's address";
@@ -584,7 +587,8 @@ SCENARIO_F(SwitchTrial, GameTrafficThatIsBarredIsStillMovedByData) {
   IsVerifying();
   b.SendsData("eager");
   Turn();
-  EXPECT_EQ(Results(), "0") << "kept: only the verdict asks whether that is open";
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver})
+      << "kept: only the verdict asks whether that is open";
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ class SwitchTrigger : public SwitchWorld {
     u32 per_turn = 1;
     std::function<bool(u32)> data_lost = Never;
     std::function<bool(u32)> probe_lost = Never;
-    u8 lost = 101;  // what the node says of the way up
+    u8 lost = 101;  // the loss that the node reports for the way up
   };
   void Plays(int ms, const Traffic& traffic) {
     for (int passed = 0; passed < ms; passed += 50) {
@@ -60,11 +60,14 @@ class SwitchTrigger : public SwitchWorld {
     }
   }
   void Plays(int ms) { Plays(ms, Traffic{}); }
-  // "dead short long route", as often as each was logged.
+  // What has been logged as a reason to look closer, and how often: "1 dead, 2 long".
   std::string Triggers() const {
+    static constexpr std::pair<const char*, const char*> kReasons[] = {
+        {"dead", kDead}, {"short", kShort}, {"long", kLong}, {"route", kRoute}};
     std::string all;
-    for (const char* line : {kDead, kShort, kLong, kRoute}) {
-      all += (all.empty() ? "" : " ") + std::to_string(Count(line));
+    for (const auto& [name, line] : kReasons) {
+      const int count = Count(line);
+      if (count != 0) all += (all.empty() ? "" : ", ") + std::to_string(count) + " " + name;
     }
     return all;
   }
@@ -75,7 +78,7 @@ class SwitchTrigger : public SwitchWorld {
 SCENARIO_F(SwitchTrigger, AHealthyLinkIsProbedSeldomAndNeverTested) {
   IsCarried();
   Plays(60'000);
-  EXPECT_EQ(Triggers(), "0 0 0 0");
+  EXPECT_EQ(Triggers(), "");
   EXPECT_GE(probes_, 105);
   EXPECT_LE(probes_, 110);
 }
@@ -89,20 +92,20 @@ SCENARIO_F(SwitchTrigger, AQuietGameIsNotADeadLink) {
   Traffic quiet;
   quiet.per_turn = 0;
   Plays(1'100, quiet);
-  EXPECT_EQ(Triggers(), "1 0 0 0");
+  EXPECT_EQ(Triggers(), "1 dead");
   Plays(30'000, quiet);
-  EXPECT_EQ(Triggers(), "1 0 0 0");
+  EXPECT_EQ(Triggers(), "1 dead");
   EXPECT_LE(probes_, 60) << "no burst";
 }
 
 SCENARIO_F(SwitchTrigger, NothingForAWindowIsADeadLink) {
-  config.ignore_high_freq_test_time = 3600;  // no burst: what is asked for shows in the log alone
+  config.ignore_high_freq_test_time = 3600;  // no burst: the request shows only in the log
   IsCarried();
   Plays(10'000);
   Traffic dead;
   dead.data_lost = dead.probe_lost = Always;
   Plays(1'000, dead);
-  EXPECT_EQ(Triggers(), "0 0 0 0");
+  EXPECT_EQ(Triggers(), "");
   Plays(3'000, dead);
   const int first = Count(kDead);
   EXPECT_GE(first, 1);
@@ -113,8 +116,8 @@ SCENARIO_F(SwitchTrigger, NothingForAWindowIsADeadLink) {
   EXPECT_EQ(Count(kShort) + Count(kLong) + Count(kRoute), 0) << "one reason at a time";
 }
 
-// Kept: with what it had last said of the way up, a loss of nothing expected comes out as another
-// code, and that counts as none. Then the probes alone show it, over the longer window.
+// Kept: combined with the last reported loss of the way up, the code for "nothing expected" becomes
+// another code, which counts as no loss. Then the probes alone show it, over the longer window.
 SCENARIO_F(SwitchTrigger, ANodeThatDiesAfterItReportedLossIsNoticedByItsProbesAlone) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
@@ -149,7 +152,7 @@ SCENARIO_F(SwitchTrigger, LossOfTheWayUpAsTheNodeSaysIt) {
   Traffic lossy;
   lossy.lost = 1;
   Plays(5'000, lossy);
-  EXPECT_EQ(Triggers(), "0 0 0 0");
+  EXPECT_EQ(Triggers(), "");
   lossy.lost = 2;
   Plays(5'000, lossy);
   EXPECT_GE(Count(kLong), 4);
@@ -182,14 +185,14 @@ SCENARIO_F(SwitchTrigger, TheLongWindowNeedsTwentyDatagrams) {
   Traffic few;
   few.data_lost = [](u32 seq) { return seq % 5 != 0 || seq % 100 == 0; };  // 19 of 100 arrive
   Plays(15'000, few);
-  EXPECT_EQ(Triggers(), "0 0 0 0");
+  EXPECT_EQ(Triggers(), "");
   few.data_lost = [](u32 seq) { return seq % 5 != 0; };  // 20 of 100
   Plays(10'000, few);
   EXPECT_GE(Count(kLong), 3);
 }
 
-// The longest window there is takes the slot that runs for its oldest: it knows of no range, and
-// with all that it has received that is no loss.
+// The longest possible window takes the running slot as its oldest: that slot has no range, and
+// with everything received there is no loss.
 SCENARIO_F(SwitchTrigger, AWindowOfAllSlotsShowsNoLoss) {
   config.ignore_high_freq_test_time = 3600;
   config.lost_calc_unit_size = 100;
@@ -217,10 +220,10 @@ SCENARIO_F(SwitchTrigger, LossBelowBothThresholdsIsLeftAlone) {
   Traffic lossy;
   lossy.data_lost = OneIn(4);
   Plays(20'000, lossy);
-  EXPECT_EQ(Triggers(), "0 0 0 0");
+  EXPECT_EQ(Triggers(), "");
 }
 
-// A game that sends little: then the probes have the word, if they are lost.
+// A game that sends little: then lost probes decide.
 SCENARIO_F(SwitchTrigger, LossOfProbesWhereTheGameIsQuiet) {
   config.ignore_high_freq_test_time = 3600;
   config.data_link_long_cycle_pkg = 1000;
@@ -249,7 +252,7 @@ SCENARIO_F(SwitchTrigger, LossOfProbesIsNoMatterWhereTheGamePlays) {
   Traffic lossy;
   lossy.probe_lost = OneIn(3);
   Plays(20'000, lossy);
-  EXPECT_EQ(Triggers(), "0 0 0 0");
+  EXPECT_EQ(Triggers(), "");
 }
 
 // Probes that were never sent are no loss.
@@ -259,7 +262,7 @@ SCENARIO_F(SwitchTrigger, ARouteWithoutProbesHasNoLoss) {
   flow->SetClosing();  // no more probes
   Plays(20'000);
   EXPECT_EQ(probes_, 0);
-  EXPECT_EQ(Triggers(), "0 0 0 0");
+  EXPECT_EQ(Triggers(), "");
 }
 
 SCENARIO_F(SwitchTrigger, ABurstIsTwentyProbesAtLeastAndEndsInAReportOfALossyRoute) {
@@ -283,7 +286,7 @@ SCENARIO_F(SwitchTrigger, ADeadLinkEndsInATrialOfAnotherNode) {
   dead.data_lost = dead.probe_lost = Always;
   for (int i = 0; i < 200 && !b.IsAsked(); ++i) Plays(50, dead);
   EXPECT_EQ(test::Value(b.request.body.flags), 2u);
-  EXPECT_EQ(Count("[RecoverySwitch]switching is firing: count=0, proxy_idc=1"), 1);
+  EXPECT_EQ(Count(test::kSwitchFires + "0, proxy_idc=1"), 1);
 }
 
 // The trial of a node that never sends data has no end, and bars every other: reports go on, and
@@ -298,16 +301,16 @@ SCENARIO_F(SwitchTrigger, ATrialThatDoesNotEndLeavesReportsOfWantedSwitches) {
   HealthyTurns(20);
   ASSERT_TRUE(Logged(test::kTrialVerified));
   Plays(25'000, dead);
-  EXPECT_TRUE(Logged("[RecoverySwitch]switching could not happen within 30000ms, proxy_idc=1 ,"));
-  EXPECT_EQ(Count("switching is firing"), 1);
-  const int held_back = Count("need_switch=0, switch_result=0");
+  EXPECT_TRUE(Logged(test::SwitchTooSoon(1)));
+  EXPECT_EQ(Count(test::kSwitchFires), 1);
+  const int held_back = Count(test::SwitchWanted(false));
   EXPECT_GT(held_back, 0);
   Plays(20'000, dead);
-  EXPECT_GT(Count("need_switch=1, switch_result=0"), 1);
-  EXPECT_EQ(Count("switching is firing: count=1"), Count("need_switch=1, switch_result=0"))
+  EXPECT_GT(Count(test::SwitchWanted(true)), 1);
+  EXPECT_EQ(Count(test::kSwitchFires + "1"), Count(test::SwitchWanted(true)))
       << "each is refused, and the next may try at once";
   EXPECT_FALSE(b.IsAsked());
-  EXPECT_EQ(Results(), "");
+  EXPECT_EQ(Results(), Outcomes{});
 }
 
 SCENARIO_F(SwitchTrigger, AFailedTrialCountsAndTheNextComesThirtySecondsLater) {
@@ -328,11 +331,12 @@ SCENARIO_F(SwitchTrigger, AFailedTrialCountsAndTheNextComesThirtySecondsLater) {
   ASSERT_EQ(asked.size(), 2u);
   EXPECT_GE(asked[1] - asked[0], 30s);
   EXPECT_LE(asked[1] - asked[0], 38s);
-  EXPECT_EQ(Results(), "4 4");
-  EXPECT_TRUE(Logged("[RecoverySwitch]switching count reaches top limit 2, proxy_idc=1 ,"));
+  EXPECT_EQ(Results(),
+            (Outcomes{SwitchResult::kVerificationFailed, SwitchResult::kVerificationFailed}));
+  EXPECT_TRUE(Logged(test::SwitchLimitReached(2, 1)));
 }
 
-// A trial that finds no node to try has been a switch all the same.
+// A trial that finds no node counts as a switch all the same.
 SCENARIO_F(SwitchTrigger, ATrialWithoutAnotherNodeCountsAsASwitch) {
   config.max_link_switch_count = 1;
   ScriptedNode::Answer leads_nowhere;
@@ -342,14 +346,14 @@ SCENARIO_F(SwitchTrigger, ATrialWithoutAnotherNodeCountsAsASwitch) {
   Traffic dead;
   dead.data_lost = dead.probe_lost = Always;
   for (int i = 0; i < 200 && Results().empty(); ++i) Plays(50, dead);
-  ASSERT_EQ(Results(), "1");
+  ASSERT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
   Plays(60'000, dead);
-  EXPECT_EQ(Count("[RecoverySwitch]switching is firing: count=0, proxy_idc=1"), 1);
-  EXPECT_TRUE(Logged("[RecoverySwitch]switching count reaches top limit 1, proxy_idc=1 ,"));
-  EXPECT_EQ(Results(), "1");
+  EXPECT_EQ(Count(test::kSwitchFires + "0, proxy_idc=1"), 1);
+  EXPECT_TRUE(Logged(test::SwitchLimitReached(1, 1)));
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
 }
 
-// Data that is lost where probes are not would have bursts without end.
+// If data is lost and probes are not, bursts would never stop.
 SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
   config.max_high_freq_test_count = 3;
   config.watching_time_span = 20;
@@ -358,7 +362,7 @@ SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
   Traffic lossy;
   lossy.data_lost = OneIn(5);
   Plays(10'000, lossy);
-  EXPECT_TRUE(Logged("watch period time, refuse high freq test"));
+  EXPECT_TRUE(Logged(test::kBurstRefused));
   probes_ = 0;
   Plays(10'000, lossy);
   EXPECT_LE(probes_, 20) << "no burst";
@@ -369,7 +373,7 @@ SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
   EXPECT_TRUE(Logged(test::kSwitchReported) || Trial() != nullptr);
 }
 
-// Nothing is looked at any more once all reports have been made: a link in trouble stays.
+// Nothing is evaluated any more once all reports have been made: a link in trouble stays.
 SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
   config.switch_open = 0;
   config.max_link_except_rep_num = 1;
@@ -385,23 +389,22 @@ SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
   EXPECT_EQ(Count(test::kSwitchReported), 1);
 }
 
-// Each look leaves its figures with the Tracker.
+// Each evaluation leaves its figures with the Tracker.
 SCENARIO_F(SwitchTrigger, TheLooksStartAgainWithALink) {
-  constexpr char kLook[] = "socket record recovery switch info=";
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   IsVerified();
-  const int looks = Count(kLook);
-  for (int i = 0; i < 25 && Count(kLook) == looks; ++i) Turn(50);
+  const int looks = Count(test::kSwitchFigures);
+  for (int i = 0; i < 25 && Count(test::kSwitchFigures) == looks; ++i) Turn(50);
   Turns(15, 50);
-  const int before = Count(kLook);
+  const int before = Count(test::kSwitchFigures);
   b.SendsData("proof");
   Turn(50);
-  ASSERT_EQ(Results(), "0");
+  ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   Turns(19, 50);
-  EXPECT_EQ(Count(kLook), before);
+  EXPECT_EQ(Count(test::kSwitchFigures), before);
   Turn(50);
-  EXPECT_EQ(Count(kLook), before + 1);
+  EXPECT_EQ(Count(test::kSwitchFigures), before + 1);
 }
 
 SCENARIO_F(SwitchTrigger, ALinkThatIsNotMeasuredIsNotLookedAt) {
@@ -410,8 +413,8 @@ SCENARIO_F(SwitchTrigger, ALinkThatIsNotMeasuredIsNotLookedAt) {
   Traffic dead;
   dead.data_lost = dead.probe_lost = Always;
   Plays(20'000, dead);
-  EXPECT_EQ(Triggers(), "0 0 0 0");
-  EXPECT_TRUE(Logged("[RecoverySwitch][IsAllowCalc], flag not allow calc, flag=4, proxy_idc=1"));
+  EXPECT_EQ(Triggers(), "");
+  EXPECT_TRUE(Logged(test::MeasuringBarred(4) + "1"));
 }
 
 }  // namespace

@@ -323,17 +323,17 @@ void SwitchWorld::IsTakenOver() {
   IsVerified();
   b.SendsData("proof");
   Turn();
-  ASSERT_EQ(Results(), "0") << log->Text();
+  ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver}) << log->Text();
 }
 
-std::string SwitchWorld::Results() const {
+Outcomes SwitchWorld::Results() const {
   const std::string text = log->Text();
   const std::string line = "[UdpSwitchRemoteSession::ReportSwitchResult]";
   const std::string label = "switch_result=";
-  std::string all;
+  Outcomes all;
   for (std::size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) {
     const std::size_t value = text.find(label, at) + label.size();
-    all = Joined(all, text.substr(value, text.find(',', value) - value));
+    all.push_back(static_cast<SwitchResult>(std::stoi(text.substr(value))));
   }
   return all;
 }

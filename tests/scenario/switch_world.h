@@ -7,8 +7,10 @@
 #include "tests/scenario/sim_sockets.h"
 //
 #include <atomic>
+#include <iterator>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -22,9 +24,23 @@
 #include "udp/udp_session.h"
 #include "udp/udp_switch_remote_session.h"
 
+namespace moru_vyr::lsp {
+
+// For failed assertions.
+inline void PrintTo(SwitchResult result, std::ostream* out) {
+  static constexpr const char* kNames[] = {"kTakenOver",          "kNoRoute",
+                                           "kNotAsked",           "kNegotiationFailed",
+                                           "kVerificationFailed", "kNotOpen"};
+  const auto value = static_cast<std::size_t>(result);
+  *out << (value < std::size(kNames) ? kNames[value] : std::to_string(value));
+}
+
+}  // namespace moru_vyr::lsp
+
 namespace switch_test {
 
 using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
+using common::i32;
 using common::u16;
 using common::u32;
 using common::u8;
@@ -36,6 +52,8 @@ inline constexpr int kServerPort = 27015;
 inline constexpr u32 kToken = 77;
 inline constexpr u16 kLastNode = 61;
 inline constexpr int kGameBuffer = 32768;  // bytes, of the game's socket
+
+using Outcomes = std::vector<SwitchResult>;
 
 // One pass calls every socket with something to read, then those that have asked for room.
 class Loop : public IRelaySocketMgr {
@@ -67,12 +85,12 @@ struct Wrapped {
   bool IsProbe() const { return flags == 8; }
 };
 
-// A node whose every word is the test's. Ports: negotiation, data, and one that is neither.
+// A node that sends only what the test says. Ports: negotiation, data, and one that is neither.
 class ScriptedNode {
  public:
   explicit ScriptedNode(int port, u32 accl_token);
 
-  // How the answer differs from a good one.
+  // The fields in which an answer may differ from a good one.
   struct Answer {
     u8 result = 0;
     u32 version = 3;
@@ -87,16 +105,16 @@ class ScriptedNode {
   void AnswersFromTheWrongPort();
   void AnswersBytes(const std::string& bytes);
 
-  // All that has come to the data port since the last time; probes are kept for their answers.
+  // Everything that has come to the data port since the last call; probes are kept to be answered.
   std::vector<Wrapped> Takes();
   std::string TakenData();                   // of these, the data, "one two"
   int TakenEnds();                           // of these, the end messages
   void AnswersProbes(u8 relay_idx = 0);      // those taken since the last time
-  void ForgetsProbes() { probes_.clear(); }  // … which have no answer then
+  void ForgetsProbes() { probes_.clear(); }  // they get no answer then
   void SendsData(const std::string& text, u32 seq = 0, u8 lost = 101);  // 0: the next number
   void SendsRaw(const std::string& bytes) { Send(data_, bytes, peer_); }
   void SendsDataFromTheWrongPort(const std::string& text);
-  // What comes to the data port is from there; before the first datagram, from the asker.
+  // The sender of the last datagram to the data port; before the first one, of the request.
   std::string DataBytes(const std::string& text, u32 seq, u8 lost) const;
   // The answer of a lone relay to a probe that left that long ago.
   std::string LateProbeAnswer(u32 seq, u32 delay_ms) const;
@@ -120,7 +138,7 @@ class SwitchWorld : public sim::ScenarioTest {
   explicit SwitchWorld(const char* server_ip = kServer);
   ~SwitchWorld() override;
 
-  // The configuration and the tables count from here on; the flow is made, and asks node A.
+  // Installs the configuration and the tables, and makes the flow, which asks node A.
   void Begins();
   // …and is carried by A.
   void IsCarried(const ScriptedNode::Answer& with);
@@ -139,7 +157,7 @@ class SwitchWorld : public sim::ScenarioTest {
   std::string GameGets();  // "one two"
 
   // --- a switch ---
-  bool Fires();  // what the judge does: asks for a switch, with a report of its own
+  bool Fires();  // asks for a switch as the judge does, with a report of its own
   UdpSwitchRemoteSession* Trial() const;  // null: none is on the loop
   SOCKET TrialSocket() const;             // INVALID_SOCKET: none
   // B has answered; the burst runs.
@@ -148,8 +166,8 @@ class SwitchWorld : public sim::ScenarioTest {
   void IsVerified();
   // B carries the flow.
   void IsTakenOver();
-  // The results that have been reported so far, "4" or "0 1".
-  std::string Results() const;
+  // The results that the log has reported so far, in order.
+  Outcomes Results() const;
   int Count(const std::string& part) const;
   // "2 sent, 1 received": what the Tracker has counted on the socket; "nothing", if it does not
   // watch it.

@@ -10,13 +10,14 @@
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
 constexpr unsigned char kInet6 = 23;  // the family's number on this platform
 
-// An address of as many bytes as one likes.
+// An address of any length.
 std::vector<char> Bytes(const sockaddr_in& address, size_t size) {
   std::vector<char> bytes(size);
   std::memcpy(bytes.data(), &address, std::min(size, sizeof address));
@@ -28,7 +29,7 @@ class TcpAddress : public TcpWorld {
   static int Connects(SOCKET s, const std::vector<char>& bytes, int size) {
     return ErrorOf(connect(s, reinterpret_cast<const struct sockaddr*>(bytes.data()), size));
   }
-  // The relay took it, and its server answers.
+  // Whether the relay took it and its server answers.
   void ExpectRelayed(SOCKET s) {
     EXPECT_EQ(Talks(s, "hello"), "hello");
     EXPECT_EQ(LastCall().from, "A");
@@ -43,7 +44,7 @@ class TcpAddress : public TcpWorld {
 };
 
 SCENARIO_F(TcpAddress, AsMuchOfAnAddressAsThereIsIsRead) {
-  // Kept: the family, the port and the address are enough, and more does no harm.
+  // Kept: the family, the port and the address are enough, and a longer address is accepted.
   for (const int size : {8, 15, 16, 17, 28, 128}) {
     SCOPED_TRACE(size);
     const SOCKET s = Tcp();
@@ -92,7 +93,7 @@ SCENARIO_F(TcpAddress, AGameThatBindsItselfKeepsItsPort) {
     ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
     ResetOnClose(s);  // so that the port is free at once
     EXPECT_EQ(Talks(s, "hello"), "hello");
-    EXPECT_TRUE(Logged("[TCP]OnLocalServerAcceptable. peer_port=40000, "));
+    EXPECT_TRUE(Logged(test::GameAccepted(40000)));
     EXPECT_EQ(LastCall().from, "A");
     closesocket(s);
     RunFor(100ms);
@@ -100,7 +101,7 @@ SCENARIO_F(TcpAddress, AGameThatBindsItselfKeepsItsPort) {
   ExpectServesAgain();
 }
 
-// Games that cannot wait ask again and again whether they are connected.
+// Games that cannot wait poll whether they are connected.
 SCENARIO_F_SEEDS(TcpAddress, AskingAgainWhetherItIsConnectedHarmsNothing, 20) {
   const SOCKET s = Tcp();
   NonBlocking(s);
@@ -140,21 +141,21 @@ SCENARIO_F(TcpAddress, ASocketThatGetsNoPortGoesDirect) {
   const SOCKET s = Joins();
   EXPECT_EQ(port::CallCount("WSPBind"), 200u);
   port::ClearFaults();
-  EXPECT_TRUE(Logged("CheckAndBind return false, socket="));
+  EXPECT_TRUE(Logged(test::kBindRefused));
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "game");
   closesocket(s);
   ExpectServesAgain();
 }
 
-// A relay that was ended by force takes nobody any more.
+// A relay that was terminated takes no more connections.
 SCENARIO_F(TcpAddress, AConnectionThatTheRelayRefusesGoesDirect) {
   moru_vyr::lsp::RelayMgr& relay = moru_vyr::lsp::GetRelayMgr();
   world.Stall(relay.GetWorkerThreadId(), 10s);
   relay.Stop();
   const SOCKET s = Tcp();  // not bound by the relay, which would keep it on the loopback interface
   ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
-  EXPECT_FALSE(Logged("[TCP]RequestTcpRelaySession: port="));
+  EXPECT_FALSE(Logged(test::kTcpRelayAsked));
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "game");
   sockaddr_in peer = {};
@@ -163,7 +164,7 @@ SCENARIO_F(TcpAddress, AConnectionThatTheRelayRefusesGoesDirect) {
   EXPECT_STREQ(inet_ntoa(peer.sin_addr), kServer);
 }
 
-// A session that nobody connects to waits for ever, which harms nobody.
+// A session that is never connected to waits for ever, which does no harm.
 SCENARIO_F(TcpAddress, AConnectThatNeverComesLeavesTheOthersAlone) {
   for (int i = 0; i < 20; ++i) {
     const SOCKET s = Tcp();
@@ -174,7 +175,7 @@ SCENARIO_F(TcpAddress, AConnectThatNeverComesLeavesTheOthersAlone) {
   ExpectServesAgain();
 }
 
-// --- a game whose path no code page can write ---------------------------------------------------
+// --- a game whose path has no code page ---------------------------------------------------------
 
 class TcpForeignPath : public TcpWorld {
  protected:

@@ -1,5 +1,5 @@
 // The tick counter starts again after 49.7 days, at any moment of a connection. Kept: the relay's
-// timers then start again, or stand still until the counter has caught up; the bytes never do.
+// timers then start again, or stand still until the counter has caught up; the bytes never stop.
 #include <cstdio>
 #include <memory>
 
@@ -15,7 +15,7 @@ class TcpClock : public TcpWorld {
   using Course = bool (TcpClock::*)(sim::Duration wrap);
 
   // 100 ms before the counter wraps the server closes. True: the game saw the end.
-  bool Farewell(sim::Duration wrap) {
+  bool DeliveryAfterClose(sim::Duration wrap) {
     serve = [&](SOCKET t, Call* call) {
       Sleep(static_cast<DWORD>((wrap - 100ms - world.now()) / 1ms));
       SendAll(t, "goodbye");
@@ -29,14 +29,13 @@ class TcpClock : public TcpWorld {
     if (!ReadableWithin(s, 30'000)) return false;
     EXPECT_EQ(CollectAll(s, &got), "closed");
     EXPECT_EQ(got, "goodbye");
-    // Marked before the counter began again, so the 200 ms count from after that.
+    // Marked before the counter wrapped, so the 200 ms count from the wrap on.
     EXPECT_GE(world.now(), wrap + 200ms);
     EXPECT_LE(world.now(), wrap + 320ms);
     return true;
   }
 
-  // Five seconds of a silent node, with the new beginning in their midst. True: they came to an
-  // end.
+  // Five seconds of a silent node, with the wrap in the middle. True: the time-out came.
   bool Negotiation(sim::Duration wrap) {
     a.StopsAnswering();
     RunFor(100ms);
@@ -54,7 +53,7 @@ class TcpClock : public TcpWorld {
     return true;
   }
 
-  // What needs no timer goes on whatever these do. True: the connection could be given up.
+  // Everything that needs no timer goes on. True: the connection could be given up.
   bool Streams(sim::Duration wrap) {
     const SOCKET s = Joins();
     while (world.now() < wrap + 100ms) {
@@ -69,8 +68,9 @@ class TcpClock : public TcpWorld {
   }
 };
 
-// The new beginning falls differently into the worker's passes, one in 20 ms and an update at
-// every second of them. How many of these worlds went on, and how many stood still.
+// The wrap falls at different points of the worker's passes, one every 20 ms with an update at
+// every second one. Returns in how many worlds the timers went on, and in how many they stood
+// still.
 struct Outcome {
   int went_on = 0;
   int stood_still = 0;
@@ -97,7 +97,7 @@ Outcome AtEachOffset(TcpClock::Course course) {
 }
 
 TEST(TcpClock, LastBytesThatTheCounterInterruptsStartAgainOrWait) {
-  const Outcome outcome = AtEachOffset(&TcpClock::Farewell);
+  const Outcome outcome = AtEachOffset(&TcpClock::DeliveryAfterClose);
   EXPECT_GT(outcome.went_on, 0);
   EXPECT_GT(outcome.stood_still, 0);
 }

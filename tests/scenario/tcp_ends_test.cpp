@@ -10,7 +10,7 @@ using namespace tcp_test;  // NOLINT: the verbs of these tests
 
 enum class End { kClose, kCloseSending, kShutdown, kReset };
 
-// A moment in the life of a connection: how it comes to it, and after what time.
+// A moment in a connection's life: how it is reached, and when.
 struct Moment {
   const char* what;
   int nodes_silent;  // of the two
@@ -51,7 +51,7 @@ class TcpEnds : public TcpWorld {
     if (moment.after > 0ms) RunFor(moment.after);
     return s;
   }
-  // The one connection so far has got a beginning of `text`, and the relay is free of it.
+  // The only connection so far has received a beginning of `text`, and the relay has released it.
   void ExpectPrefix(const std::string& text) {
     EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 60s)) << a.AllEvents() << b.AllEvents();
     EXPECT_TRUE(RunUntil([&] { return calls.empty() || LastCall().over(); }, 60s));
@@ -98,7 +98,7 @@ SCENARIO_F(TcpEnds, AGameThatClosesWithoutSendingIsForgottenAtOnce) {
     const SOCKET s = JoinsUntil(moment, "");
     const size_t asked = b.Count("accepted");
     closesocket(s);
-    RunFor(12s);  // in which nobody else is tried
+    RunFor(12s);  // in which no other node is tried
     EXPECT_EQ(b.Count("accepted"), asked);
     ExpectPrefix("");
   }
@@ -151,7 +151,7 @@ SCENARIO_F_SEEDS(TcpEnds, AServerThatEndsItsHalfEndsTheConnection, 5) {
   ExpectServesAgain();
 }
 
-// A game that is silent while its server ends loses nothing.
+// A game that sends nothing while its server ends loses nothing.
 SCENARIO_F(TcpEnds, TheLastWordsOfAServerAreWholeWhenTheGameIsSilent) {
   const std::string down = Pattern(200'000);
   for (const bool shuts_only : {false, true}) {
@@ -191,7 +191,7 @@ SCENARIO_F(TcpEnds, AServerThatResetsEndsTheConnection) {
 
 // --- the relay's own end ------------------------------------------------------------------------
 
-// Kept: connections stay open, and nobody serves them any more.
+// Kept: connections stay open and are not served any more.
 class TcpStop : public TcpEnds {
  protected:
   void StopsIn(const Moment& moment) {
@@ -224,7 +224,7 @@ TEST(TcpStop, TheRelayMayStopInAnyStateOfAConnection) {
   }
 }
 
-// One that has much to deliver to a game that does not read.
+// A connection with much to deliver to a game that does not read.
 SCENARIO_F(TcpStop, TheRelayMayStopWithUndeliveredBytes) {
   serve = [](SOCKET t, Call* call) {
     SendAll(t, Pattern(1'000'000));

@@ -6,6 +6,7 @@
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
+using enum moru_vyr::lsp::NegoFailure;
 
 class TcpFailure : public TcpWorld {
  protected:
@@ -15,7 +16,7 @@ class TcpFailure : public TcpWorld {
     for (sim::Host* host : {&a_host, &b_host, &server_host})
       world.SetLink(world.home().host, *host, far);
   }
-  int Sessions(const char* line) const {
+  int Sessions(const std::string& line) const {
     const std::string text = log_text();
     int found = 0;
     for (size_t at = text.find(line); at != text.npos; at = text.find(line, at + 1)) ++found;
@@ -25,12 +26,12 @@ class TcpFailure : public TcpWorld {
   bool NobodyIsLeft() const {
     return Sessions("[TCP]OnLocalServerAcceptable. peer_port=") == Sessions(test::kObsoleteClosed);
   }
-  // Looked at from time to time: reading the log takes calls of its own.
+  // Checked from time to time: reading the log takes calls of its own.
   bool NobodyIsLeftWithin(sim::Duration most) {
     for (const auto end = world.now() + most; world.now() < end && !NobodyIsLeft();) RunFor(10ms);
     return NobodyIsLeft();
   }
-  // Nothing has come, and the connection is as open as ever.
+  // Nothing has come, and the connection is still open.
   void ExpectSilence(SOCKET s) { EXPECT_EQ(Readiness(s), "w"); }
   void ExpectEndWithoutAByte(SOCKET s) {
     std::string got;
@@ -39,7 +40,7 @@ class TcpFailure : public TcpWorld {
     EXPECT_EQ(got, "");
     closesocket(s);
   }
-  // A connection that nobody serves lasts as long as the game wants it.
+  // A connection that is no longer served lasts as long as the game keeps it.
   void ExpectItWaitsForTheGame(SOCKET s) {
     RunFor(20s);
     ExpectSilence(s);
@@ -61,14 +62,14 @@ class TcpFailure : public TcpWorld {
   }
 };
 
-// Kept: from here there is no other way.
+// Kept: no other way is tried from here.
 SCENARIO_F(TcpFailure, ARequestThatCannotBeSentEndsTheConnection) {
   const SOCKET s = Joins();
   RunFor(20ms);
   port::FailCall("send", 1, WSAENOBUFS);
   ExpectEndWithoutAByte(s);
-  EXPECT_TRUE(Logged("[TCP]Failed to send negotiation, error=10055,socket="));
-  EXPECT_FALSE(Logged("OnNegotiationFailed"));
+  EXPECT_TRUE(Logged(test::kRequestNotSent + "10055,socket="));
+  EXPECT_FALSE(Logged(test::kNegotiationFailed));
   EXPECT_EQ(a.Count("request") + b.Count("accepted"), 0u);
   EXPECT_TRUE(calls.empty());
   ExpectServesAgain();
@@ -82,13 +83,13 @@ SCENARIO_F(TcpFailure, ARequestThatWouldBlockEndsTheConnection) {
   const auto start = world.now();
   ExpectEndWithoutAByte(s);
   EXPECT_LE(world.now() - start, 200ms);
-  EXPECT_FALSE(Logged("Failed to send negotiation"));
-  EXPECT_FALSE(Logged("OnNegotiationFailed"));
+  EXPECT_FALSE(Logged(test::kRequestNotSent));
+  EXPECT_FALSE(Logged(test::kNegotiationFailed));
   EXPECT_EQ(a.Count("request") + b.Count("accepted"), 0u);
   ExpectServesAgain();
 }
 
-// The node waits for the rest in vain, until time leads on to the next.
+// The node waits for the rest in vain, until the time-out leads to the next one.
 SCENARIO_F(TcpFailure, ARequestThatLeftInPartIsNotNoticed) {
   const SOCKET s = Joins();
   RunFor(20ms);
@@ -96,13 +97,13 @@ SCENARIO_F(TcpFailure, ARequestThatLeftInPartIsNotNoticed) {
   RunFor(200ms);
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "B");
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=202, "));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(kNegoTimedOut)));
   EXPECT_EQ(a.Count("request"), 0u);
   closesocket(s);
   ExpectServesAgain();
 }
 
-// What an earlier call has left as the last error is no word of the node's.
+// The last error of an earlier call says nothing about the node.
 SCENARIO_F(TcpFailure, ANodeThatClosesIsRecognisedWhereSuccessKeepsTheLastError) {
   a.Behaves(Closes());
   RunFor(100ms);
@@ -111,12 +112,12 @@ SCENARIO_F(TcpFailure, ANodeThatClosesIsRecognisedWhereSuccessKeepsTheLastError)
   EXPECT_EQ(Talks(s, "hello"), "hello");
   port::SuccessKeepsLastError(false);
   EXPECT_EQ(LastCall().from, "B");
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=205, "));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(kNegoReceiveFailed)));
   closesocket(s);
   ExpectServesAgain();
 }
 
-// Kept: where the call that sees the end says itself that it would block, there is no other way.
+// Kept: if the call that sees the end reports that it would block, no other way is tried.
 SCENARIO_F(TcpFailure, ANodeThatClosesIsNotRecognisedWhereItsEndSaysThatItWouldBlock) {
   a.Behaves(Closes());
   RunFor(100ms);
@@ -125,7 +126,7 @@ SCENARIO_F(TcpFailure, ANodeThatClosesIsNotRecognisedWhereItsEndSaysThatItWouldB
   ExpectEndWithoutAByte(s);
   port::SuccessLeavesLastError(0);
   EXPECT_TRUE(Logged("[TCP]Failed to received Negotiation header\n"));
-  EXPECT_FALSE(Logged("OnNegotiationFailed"));
+  EXPECT_FALSE(Logged(test::kNegotiationFailed));
   EXPECT_EQ(b.Count("accepted"), 0u);
   EXPECT_TRUE(calls.empty());
   ExpectServesAgain();
@@ -153,7 +154,7 @@ SCENARIO_F(TcpFailure, AConnectThatFailsAtOnceLeavesTheConnectionToTheGame) {
   port::FailCall("connect", 2, WSAENETUNREACH);  // the first is the game's own
   ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
   RunFor(1s);
-  EXPECT_TRUE(Logged("[TCP]ConnectToRemoteServer failed. socket="));
+  EXPECT_TRUE(Logged(test::kNoRemoteSocket + "socket="));
   ExpectItWaitsForTheGame(s);
 }
 
@@ -184,7 +185,7 @@ SCENARIO_F(TcpFailure, AnAcceptedSocketWithoutANameEndsTheConnection) {
   ExpectEndWithoutAByte(s);
   EXPECT_TRUE(Logged("[TCP]OnLocalServerAcceptable, getsockname failed. err=10055, socket="));
   RunFor(100ms);
-  EXPECT_TRUE(Logged("TcpSession::IsObsolete, tick 0, found obsolete session, token="));
+  EXPECT_TRUE(Logged("TcpSession::IsObsolete, tick 0, " + test::kFoundObsolete));
   EXPECT_EQ(Sessions(test::kObsoleteClosed), 1);
   EXPECT_EQ(a.Count("accepted"), 0u);
   ExpectServesAgain();
@@ -197,10 +198,10 @@ SCENARIO_F(TcpFailure, ARefusedConnectEndsTheConnectionWhateverIsKnownOfIt) {
   port::FailCall("getsockopt", 1, WSAENOBUFS);
   ExpectEndWithoutAByte(s);
   EXPECT_TRUE(Logged("[TCP] getsockopt failed"));
-  EXPECT_TRUE(Logged("[TCP]TcpProvider::OnRemoteExcpetion. socket="));
+  EXPECT_TRUE(Logged(test::kRemoteUrgent));
 }
 
-// Kept: where time has run out and there is no socket for another node, time runs out once more.
+// Kept: if time has run out and there is no socket for another node, it has to run out once more.
 SCENARIO_F(TcpFailure, ATimeOutWithoutASocketComesToTheServerLater) {
   a.StopsAnswering();
   RunFor(100ms);
@@ -242,8 +243,8 @@ SCENARIO_F(TcpFailure, AnotherNodeThatCannotBeConnectedToLeadsToTheServer) {
   ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "game");
-  EXPECT_TRUE(Logged("[TCP]TcpSession::OnNegotiationFailed. retry=false, socket="));
-  EXPECT_TRUE(Logged("begin direct mode. ChangeToGameSrv result=true, token="));
+  EXPECT_TRUE(Logged(test::kNegotiationRetry + "false"));
+  EXPECT_TRUE(Logged(test::kDirectBegins + ". ChangeToGameSrv result=true, token="));
   EXPECT_EQ(b.Count("accepted"), 0u);
   closesocket(s);
   ExpectServesAgain();
@@ -262,7 +263,7 @@ SCENARIO_F(TcpFailure, AGameThatHasLeftIsNotKeptForAServerThatCannotBeReached) {
   ExpectServesAgain();
 }
 
-// Kept: after a time-out nobody is told; the game may wait as long as it likes.
+// Kept: after a time-out the game is not told and may wait for ever.
 SCENARIO_F(TcpFailure, NoSocketForTheServerEither) {
   for (const char* call : {"socket", "connect"}) {
     SCOPED_TRACE(call);
@@ -306,18 +307,18 @@ SCENARIO_WITH_(TcpFailure, TimeGoesOnWhileSelectFails, TcpFailure, 1, QuickSpin(
   RunFor(200ms);
   port::FailCall("WSPSelect", 0, WSAENOTSOCK);
   Sleep(4500);
-  EXPECT_FALSE(Logged("OnNegotiationFailed, reason=202, "));
+  EXPECT_FALSE(Logged(test::NegotiationFailed(kNegoTimedOut)));
   Sleep(1000);
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=202, "));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(kNegoTimedOut)));
   port::ClearFaults();
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "B");
   closesocket(s);
 }
 
-// A connection that nobody serves keeps what the game sends, up to two mebibytes. Then it ends: the
-// game's own close would stand behind bytes that are never read, and select would return at once
-// for as long as the process lives.
+// A connection that is not served keeps what the game sends, up to two mebibytes. Then it ends:
+// otherwise the game's own close would come behind bytes that are never read, and select would
+// return at once for as long as the process lives.
 class TcpOverfull : public TcpFailure {
  protected:
   static constexpr DWORD kMostMs = 3000;  // a game that is held back for ever gives up
@@ -380,7 +381,7 @@ SCENARIO_WITH_(TcpOverfull, WithoutMemoryAStreamIsHeldBackAndGoesOnLater, TcpOve
   ASSERT_TRUE(RunToTheEnd());
 }
 
-// With a stream under way, on its first way through everybody's hands.
+// With a stream under way that passes through every part for the first time.
 class TcpBrokenCall : public TcpFailure {
  protected:
   void Break(const char* call, unsigned nth, DWORD error) {

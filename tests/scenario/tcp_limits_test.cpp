@@ -21,7 +21,7 @@ class TcpLimits : public TcpWorld {
       *sent += piece;
     }
   }
-  // So much waits in the relay, and the rest in the systems' buffers on the way: of two streams,
+  // That much waits in the relay, and the rest in the systems' buffers on the way: two streams with
   // two ends each.
   static void ExpectHeld(size_t sent) {
     EXPECT_GE(sent, 2'097'152u - 4 * 8192u);
@@ -105,9 +105,9 @@ SCENARIO_WITH_(TcpLimits, BothDirectionsAreHeldBackAtOnceAndThenAllArrives, TcpL
   closesocket(s);
 }
 
-// A server that has left takes nothing any more, and what the game says to it is dropped: it must
-// neither hold the game back for ever nor keep the worker from its rest. What the server said last
-// is the game's all the same.
+// A server that has closed accepts nothing more, and what the game sends to it is dropped: it must
+// neither block the game for ever nor keep the worker busy. The game still gets what the server
+// sent last.
 SCENARIO_WITH_(TcpLimits, AGameMaySayMuchToAServerThatHasLeft, TcpLimits, 1, QuickSpin()) {
   const std::string last_words = Pattern(300'000);
   serve = [&](SOCKET t, Call* call) {
@@ -131,7 +131,7 @@ SCENARIO_WITH_(TcpLimits, AGameMaySayMuchToAServerThatHasLeft, TcpLimits, 1, Qui
   ASSERT_TRUE(RunToTheEnd());
 }
 
-// What the game says before anybody is there to hear it is held back as well, and then all of it
+// What the game sends before the server is connected is held back as well, and then all of it
 // arrives.
 SCENARIO_WITH_(TcpLimits, EarlyBytesAreHeldBackToo, TcpLimits, 1, QuickSpin()) {
   a.AnswersAfter(4000);
@@ -149,8 +149,8 @@ SCENARIO_WITH_(TcpLimits, EarlyBytesAreHeldBackToo, TcpLimits, 1, QuickSpin()) {
   closesocket(s);
 }
 
-// Kept: a socket beyond the 128th is known and never polled. Its connection waits, none is harmed,
-// and the places of those that end are free for those that come.
+// Kept: a socket beyond the 128th is registered but never polled. Its connection waits, no other
+// one suffers, and places that become free go to later connections.
 SCENARIO_F(TcpLimits, ConnectionsBeyondTheSetsWaitAndHarmNobody) {
   std::vector<SOCKET> sockets;
   for (int i = 0; i < 68; ++i) {
@@ -164,7 +164,7 @@ SCENARIO_F(TcpLimits, ConnectionsBeyondTheSetsWaitAndHarmNobody) {
   for (size_t i = 0; i < sockets.size(); ++i) {
     if (!ReadableWithin(sockets[i], 0)) continue;
     EXPECT_EQ(Received(sockets[i]), "I am " + std::to_string(i));
-    EXPECT_EQ(i, answered++);  // none that came later than one in want of a place
+    EXPECT_EQ(i, answered++);  // none that came later than one that lacks a place
   }
   // Two sockets each; some places are the relay's own.
   EXPECT_GE(answered, 60u);

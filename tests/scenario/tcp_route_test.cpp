@@ -2,6 +2,7 @@
 // the game server when both do. The game sees one connection to its server, and every byte.
 #include "relay/nego_common.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -15,7 +16,7 @@ class TcpRoute : public TcpWorld {
     if (getpeername(s, Raw(peer), &size) != 0) return "none";
     return std::string(inet_ntoa(peer.sin_addr)) + ":" + std::to_string(ntohs(peer.sin_port));
   }
-  // A whole connection: what was sent before the server could be reached, and what later.
+  // A whole connection: what was sent before the server could be reached, and what was sent later.
   void ExpectTalk(const char* server = kServer) {
     const SOCKET s = Joins(server);
     ASSERT_NE(s, INVALID_SOCKET);
@@ -131,8 +132,8 @@ SCENARIO_F(TcpRoute, EveryFailureOfANodeLeadsToTheNextAndThenToTheServer) {
   EXPECT_TRUE(NodesAreFree()) << a.AllEvents() << b.AllEvents();
 }
 
-// Each change of node closes a socket and makes one in the same pass of the worker. A value that
-// comes back must not bring its old event with it.
+// Each change of node closes a socket and makes one in the same pass of the worker. A reused handle
+// must not inherit the event of the old socket.
 SCENARIO_F_SEEDS(TcpRoute, ValuesThatComeBackAtOnceConfuseNobody, 8) {
   world.ReuseSocketHandles(true);
   a.StopsAnswering();
@@ -149,9 +150,9 @@ SCENARIO_F(TcpRoute, WhereThereIsNoOtherNodeOneFailureLeadsToTheServer) {
   ExpectTalk(kAlone);
   EXPECT_EQ(LastCall().from, "game");
   EXPECT_LE(world.now() - start, 2s);
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=9, "));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(9)));
   EXPECT_FALSE(Logged("ChangeAcclServer"));
-  EXPECT_FALSE(Logged("OnNegotiationFailed. retry="));
+  EXPECT_FALSE(Logged(test::kNegotiationRetry));
   EXPECT_EQ(b.Count("accepted"), 0u);
 }
 
@@ -169,7 +170,7 @@ SCENARIO_F(TcpRoute, AForcedRouteIgnoresTheClientsProvider) {
   RunFor(100ms);
   ExpectTalk(kForced);
   EXPECT_EQ(LastCall().from, "A");
-  EXPECT_TRUE(Logged("[TCP]CheckNegotiation isp not support, but force accl, client_isp=2, "));
+  EXPECT_TRUE(Logged("[TCP]" + test::kForcedPastIsp));
 }
 
 SCENARIO_F(TcpRoute, ANodeThatTakesItsTimeIsWaitedFor) {
@@ -196,7 +197,7 @@ SCENARIO_F(TcpRoute, ABlackHoleCostsFiveSeconds) {
   EXPECT_LE(world.now() - second, 13s);
 }
 
-// Kept: only time and an answer lead on to another way.
+// Kept: only a time-out or an answer leads to another way.
 SCENARIO_F(TcpRoute, ANodeThatIsNotThereEndsTheConnection) {
   world.Kill(a.process());
   const SOCKET s = Joins();
@@ -206,7 +207,7 @@ SCENARIO_F(TcpRoute, ANodeThatIsNotThereEndsTheConnection) {
   EXPECT_NE(CollectAll(s, &got), "");
   EXPECT_EQ(got, "");
   EXPECT_LE(world.now() - start, 3s);
-  EXPECT_TRUE(Logged("[TCP]HandleConnectFailure. Connection Failed, "));
+  EXPECT_TRUE(Logged(test::kConnectFailed));
   EXPECT_EQ(b.Count("accepted"), 0u);
   EXPECT_TRUE(calls.empty());
 }
@@ -218,7 +219,7 @@ SCENARIO_F(TcpRoute, AServerThatIsNotThereEndsTheConnection) {
   EXPECT_NE(CollectAll(s, &got), "");
   EXPECT_EQ(got, "");
   closesocket(s);
-  // Nor through the nodes, each of which says so.
+  // Nor through the nodes, each of which reports it.
   const SOCKET second = Joins(kServer, kNobodysPort);
   ASSERT_NE(second, INVALID_SOCKET);
   EXPECT_NE(CollectAll(second, &got), "");

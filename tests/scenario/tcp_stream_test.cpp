@@ -1,8 +1,9 @@
 // The bytes of a relayed connection: all of them, in order, once, or a visible end, whoever ends
-// it, at any moment, and however slowly somebody reads.
+// it, at any moment, and however slowly either side reads.
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -10,7 +11,7 @@ using node::Behaviour;
 
 class TcpStream : public TcpWorld {};
 
-// What the game says before anybody can hear it.
+// What the game sends before the server is connected.
 SCENARIO_F(TcpStream, EarlyBytesReachWhoeverTakesTheConnection) {
   const std::string early = Pattern(300'000);
   for (const char* way : {"A", "B", "game"}) {
@@ -32,7 +33,7 @@ SCENARIO_F(TcpStream, EarlyBytesReachWhoeverTakesTheConnection) {
   }
 }
 
-// The server gets all that the game had to say, and then the end.
+// The server gets everything that the game sent, and then the end.
 SCENARIO_F_SEEDS(TcpStream, TheGameMayCloseBehindItsLastByte, 4) {
   const std::string all = Pattern(400'000);
   for (const char* server : {kServer, kDirect}) {
@@ -86,7 +87,7 @@ SCENARIO_F_SEEDS(TcpStream, TheServerMayCloseBehindItsLastByte, 4) {
   ExpectServesAgain();
 }
 
-// What has left for the game gets that long to arrive before the connection ends.
+// Bytes that were sent to the game get that long to arrive before the connection ends.
 SCENARIO_F(TcpStream, AConnectionEndsTwoHundredMillisecondsAfterItsLastByte) {
   serve = [](SOCKET t, Call* call) {
     SendAll(t, "goodbye");
@@ -103,7 +104,7 @@ SCENARIO_F(TcpStream, AConnectionEndsTwoHundredMillisecondsAfterItsLastByte) {
   closesocket(s);
 }
 
-// One that neither side expects harms nobody.
+// An unexpected one does no harm.
 SCENARIO_F(TcpStream, AnUnknownConnectionToTheListenerIsClosed) {
   const SOCKET s = Joins();
   EXPECT_EQ(Talks(s, "before"), "before");
@@ -122,7 +123,7 @@ SCENARIO_F(TcpStream, AnUnknownConnectionToTheListenerIsClosed) {
   });
   ASSERT_TRUE(RunUntil([&] { return heard != "nothing"; }, 5s));
   EXPECT_EQ(heard, "");
-  EXPECT_TRUE(Logged("[TCP]OnLocalServerAcceptable, session not registered for port="));
+  EXPECT_TRUE(Logged(test::kStrangerAccepted));
   EXPECT_EQ(Talks(s, "after"), "after");
   closesocket(s);
   ExpectServesAgain();

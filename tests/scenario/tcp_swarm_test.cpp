@@ -119,7 +119,7 @@ class TcpSwarm : public Swarm<TcpWorld> {
                           &plan->up_got);
     call->end = plan->host_end;
   }
-  // Nobody waits for ever where a fault has left a connection that nobody serves.
+  // No thread waits for ever on a connection that a fault has left unserved.
   static void Limit(SOCKET s) {
     const DWORD most_ms = 60'000;
     for (const int which : {SO_RCVTIMEO, SO_SNDTIMEO})
@@ -206,12 +206,12 @@ class TcpSwarm : public Swarm<TcpWorld> {
       EXPECT_EQ(plan->down_got.size(), plan->down.size());
     }
   }
-  // The relay has given everything back.
+  // The relay has released everything.
   void ExpectNothingIsLeft() {
     for (int i = 0; i < 600 && HomeSockets() > base_sockets_; ++i) RunFor(500ms);
     EXPECT_EQ(HomeSockets(), base_sockets_);
   }
-  // Nodes may be left with clients whose end has been lost on the way, so they are not asked.
+  // Nodes may keep clients whose end was lost on the way, so they are not checked.
   void ExpectANewConnectionWorks() {
     common::SetLogThreshold(4);
     serve = Echo;
@@ -246,9 +246,10 @@ class TcpSwarm : public Swarm<TcpWorld> {
   size_t base_sockets_ = 0;
 };
 
-// --- where nobody breaks off --------------------------------------------------------------------
+// --- connections that stay to the end
+// --------------------------------------------------------------------
 
-// Links lose packets, nodes refuse, lie and are late, and everybody stays to the end: then
+// Links lose packets, nodes refuse, lie and are late, and both sides stay to the end: then
 // everything arrives.
 class TcpCalm : public TcpSwarm {
  protected:
@@ -347,13 +348,13 @@ SCENARIO_F_SEEDS(TcpCalm, EverythingArrivesWhereEverybodyStays, SwarmSeeds(100))
   ExpectANewConnectionWorks();
 }
 
-// --- where anything breaks ----------------------------------------------------------------------
+// --- anything may break -------------------------------------------------------------------------
 
 class TcpStorm : public TcpCalm {
  protected:
-  // Calls that the relay makes; whoever makes the one that fails. A socket that cannot be closed
-  // is not among them: nobody could tell what is left then. Nor is a connect that says it is under
-  // way and is not, which no system does: that would be waited for.
+  // Calls that the relay makes, although another caller may meet the fault. closesocket is not
+  // among them: what is left could then not be checked. Nor is a connect that claims to be under
+  // way and is not, which no system does: the relay would wait for it.
   void FailAnyCall() {
     const char* const names[] = {"send",        "recv",       "connect", "socket", "accept",
                                  "getsockname", "getsockopt", "select",  "send",   "recv"};

@@ -1,7 +1,9 @@
-// Urgent bytes in a relayed connection. Kept: nobody reads them. They are lost, the exception that
-// they cause is only logged and lasts as long as the byte does; the stream around them is complete.
+// Urgent bytes in a relayed connection. Kept: the relay does not read them. They are lost, and the
+// exception that they cause is only logged and lasts as long as the byte does; the stream around
+// them is complete.
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/log_texts.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
@@ -52,8 +54,8 @@ SCENARIO_WITH_(TcpUrgent, AServersUrgentByteIsLostAndTheStreamIsWhole, TcpUrgent
   std::string got, end;
   EXPECT_TRUE(Collect(s, 11, &got, &end)) << end;
   EXPECT_EQ(got, "beforeafter");
-  EXPECT_TRUE(Logged("[TCP]TcpProvider::OnRemoteExcpetion. socket="));
-  EXPECT_TRUE(Logged("[TCP]HandleConnectFailure. state mismatched, cur state=4, token="));
+  EXPECT_TRUE(Logged(test::kRemoteUrgent));
+  EXPECT_TRUE(Logged(test::kConnectFailureLate + "4, token="));
   SendText(s, "and up");
   closesocket(s);
   Sleep(1000);

@@ -81,7 +81,7 @@ TcpWorld::TcpWorld(const std::wstring& path, const Configure& configure) {
   });
   game.IsStartedBySockets();
   RunFor(10ms);
-  // The first socket starts the provider and its log, and then that log is the test's.
+  // The first socket starts the provider and its log, which the test then takes over.
   closesocket(Tcp());
   RunFor(100ms);
   log_ = std::make_unique<test::LogCapture>(4);

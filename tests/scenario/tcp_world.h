@@ -35,7 +35,7 @@ struct Call {
 
 // Sends all of it; how much was taken before the connection failed.
 size_t SendAll(SOCKET s, const std::string& text);
-// Up to so many bytes onto *got; false, with *end, where the stream ends before.
+// Appends that many bytes to *got; false, with *end set, if the stream ends before.
 bool Collect(SOCKET s, size_t size, std::string* got, std::string* end);
 // To the end of the stream; "closed" or "error N".
 std::string CollectAll(SOCKET s, std::string* got);
@@ -45,13 +45,13 @@ class TcpWorld : public sim::ScenarioTest {
  protected:
   using Configure = std::function<void(moru_vyr::lsp::AccConfigRecord*)>;
 
-  // The game's own path, where it matters, and what else the client lists it with.
+  // The game's own path, if it matters, and other fields of its record.
   explicit TcpWorld(const std::wstring& path = L"", const Configure& configure = nullptr);
 
   // --- the game ---
   // Connected, or INVALID_SOCKET.
   SOCKET Joins(const char* server = kServer, int port = kPort);
-  // What comes back of what was sent, as far as it does.
+  // The echo of what was sent, as far as it comes.
   std::string Talks(SOCKET s, const std::string& text);
   // Another thread of the game's.
   void GameThread(std::function<void()> body);
@@ -63,9 +63,9 @@ class TcpWorld : public sim::ScenarioTest {
   Call& LastCall() { return calls.back(); }
   bool Logged(const std::string& part) const { return log_->Contains(part); }
   std::string log_text() const { return log_->Text(); }
-  // Both nodes have seen the end of every connection that they took.
+  // Both nodes have seen the end of every connection that they accepted.
   bool NodesAreFree() const;
-  // Everything is over, and a new connection works.
+  // Waits until everything is over, and checks that a new connection works.
   void ExpectServesAgain();
 
   test::ClientRegion<moru_vyr::lsp::IpTableRegion> ips{moru_vyr::lsp::kIpTableRegionName};

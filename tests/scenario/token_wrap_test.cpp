@@ -45,7 +45,7 @@ SCENARIO_F(StreamsAtTheWrap, AreRelayedUnderEveryNumber) {
     EXPECT_EQ(TokenOf(s), last + 1);
     EXPECT_EQ(Talks(s, "hello"), "hello") << last;
     EXPECT_EQ(LastCall().from, "A") << last;
-    EXPECT_TRUE(Logged("is relayed. relay=127.0.0.1:")) << last;
+    EXPECT_TRUE(Logged(test::kConnectRelayed + "127.0.0.1:")) << last;
     EXPECT_TRUE(Logged("socket=" + std::to_string(s) + ", token=" + std::to_string(last + 1)));
     closesocket(s);
     RunFor(1s);
@@ -78,8 +78,8 @@ SCENARIO_F(DatagramsAtTheWrap, AreRelayedUnderEveryNumber) {
   }
 }
 
-// What one socket has failed with is forgotten when it is closed; only a socket that was never
-// closed through here can leave its counts to the one that gets its number.
+// The failure counts of a socket are removed when it is closed; only a socket that was never closed
+// through the library can pass them on to the next one with its number.
 SCENARIO_F(StreamsAtTheWrap, CountTheirFailuresAfresh) {
   SetLastToken(GetRelayMgr(), 0xFFFFFFFE);
   const SOCKET s = Tcp();

@@ -13,6 +13,7 @@
 #include "port/sim/scenario.h"
 #include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/tracker_fixture.h"
 #include "tracker/reports.h"
 
@@ -31,7 +32,7 @@ const ReportChannel* const kChannels[] = {
 
 class TrackerClient : public sim::ScenarioTest {
  protected:
-  // One of each: what a process leaves behind that does everything once.
+  // One report for each channel, as of a process that does everything once.
   void ReportEverything() {
     for (const SOCKET socket : {SOCKET{1}, SOCKET{2}, SOCKET{3}})
       tracker.AddToWatchList(socket, kTrackUdp, kToken);
@@ -118,7 +119,7 @@ SCENARIO_F(TrackerClient, StoppedClientHoldsReportsUpAndNothingElse) {
   tracker.Init();
   RunFor(1s);
   StopClientIn(kDecisionChannel, 30s);
-  // The worker goes on as if nothing were.
+  // The worker goes on undisturbed.
   EXPECT_EQ(TimeOf([&] { ReportEverything(); }), 0u);
   RunFor(29s);
   EXPECT_EQ(UsedSlots(client->decisions), 0);
@@ -144,7 +145,7 @@ SCENARIO_F(TrackerClient, EndWaitsTwoSecondsForAThreadThatAStoppedClientHolds) {
     const u32 took = TimeOf([&] { fresh.UnInit(); });
     EXPECT_GE(took, 2000u) << channel->mapping_name;
     EXPECT_LT(took, 2050u) << channel->mapping_name;
-    EXPECT_TRUE(log.Contains("[Tracker] Sync Thread Ended\n"));
+    EXPECT_TRUE(log.Contains(test::kSyncEnded));
     EXPECT_FALSE(log.Contains("[Tracker] Report Thread quit"));
     world.Kill(stopped);
     RunFor(1s);
@@ -190,7 +191,7 @@ SCENARIO_F(TrackerClient, WithoutAClientReportsAreLostAndNoRegionAppears) {
   RunFor(1s);
   for (const ReportChannel* channel : kChannels)
     EXPECT_FALSE(common::Shared_mem_obj::Exists(channel->mapping_name)) << channel->mapping_name;
-  client.emplace();  // what came before it does not come back
+  client.emplace();  // earlier reports do not come again
   RunFor(1s);
   EXPECT_EQ(UsedSlots(client->decisions) + UsedSlots(client->log_paths), 0);
   tracker.SubmitRecoverySwitch(At(RecoverySwitchRecord{}));
@@ -305,7 +306,7 @@ SCENARIO_F(TrackerClient, WithoutItsThreadTheEndDoesNotWait) {
   ReportEverything();
   RunFor(1s);
   EXPECT_EQ(TimeOf([&] { tracker.UnInit(); }), 0u);
-  EXPECT_FALSE(log.Contains("[Tracker] Sync Thread Ended\n"));
+  EXPECT_FALSE(log.Contains(test::kSyncEnded));
   tracker.Init();
   RunFor(1s);
   tracker.UnInit();

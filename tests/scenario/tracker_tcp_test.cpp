@@ -23,7 +23,7 @@ struct EarlyClient {
 
 class TrackerTcp : public EarlyClient, public TcpWorld {
  protected:
-  // A connection from its beginning to its end, in which the server echoes so many bytes.
+  // A whole connection, in which the server echoes that many bytes.
   void Talk(const char* server, size_t bytes) {
     const SOCKET s = Joins(server);
     ASSERT_NE(s, INVALID_SOCKET);
@@ -263,8 +263,8 @@ SCENARIO_F(TrackerTcpHeld, StoppedClientCostsTheGameNothing) {
   ExpectSlots(2, 2, 0);
 }
 
-// The worker waits for the sync thread, the game's WSACleanup for the worker: 200 ms, and by
-// force after that. What waits for the client then is freed with it and says what it has.
+// The worker waits for the sync thread, the game's WSACleanup for the worker: 200 ms, and by force
+// after that. A thread that waits for the client program is then released, and writes its reports.
 SCENARIO_F(TrackerTcpHeld, CleanupIsNotHeldUpByAStoppedClient) {
   const SOCKET s = Joins();
   EXPECT_EQ(Talks(s, "hello"), "hello");

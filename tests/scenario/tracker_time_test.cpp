@@ -9,6 +9,7 @@
 #include "port/sim/scenario.h"
 #include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/tracker_fixture.h"
 
 namespace {
@@ -44,7 +45,7 @@ class TrackerTime : public sim::ScenarioTest {
 
 // --- the sync thread's pace -------------------------------------------------------------------
 
-// After twenty milliseconds it is still too early, and each look that comes too early costs ten.
+// After twenty milliseconds it is still too early, and each check that comes too early costs ten.
 SCENARIO_F(TrackerTime, PassesAreMoreThanTwentyMillisecondsApart) {
   tracker.Init();
   AddAccelerated(kSocket, "guid");
@@ -65,7 +66,7 @@ SCENARIO_F(TrackerTime, PassesAreMoreThanTwentyMillisecondsApart) {
   tracker.UnInit();
 }
 
-// The other event's wait is what holds a report up.
+// The wait for the other event delays a report.
 SCENARIO_F(TrackerTime, ReportsWaitForOneWaitAtMost) {
   tracker.Init();
   AddAccelerated(kSocket, "guid");
@@ -114,8 +115,8 @@ SCENARIO_F(TrackerTime, EachReportGoesOutWithoutWaitingForAnother) {
   tracker.UnInit();
 }
 
-// What comes at the moment at which the thread takes over what there is must not wait for the
-// signal of what comes after it.
+// A report that is added while the thread takes over the waiting ones must not wait for the signal
+// of the next one.
 SCENARIO_F_SEEDS(TrackerTime, WhatComesWhileTheThreadTakesOverIsReportedWithoutFurtherSignal, 6) {
   constexpr int kAtOnce = 3;
   tracker.Init();
@@ -189,7 +190,7 @@ SCENARIO_F(TrackerTime, TimerShowsTheTrafficWhenMoreThanFiveSecondsHavePassed) {
   tracker.UnInit();
 }
 
-// A look that finds nothing is no look.
+// A check that finds nothing does not count.
 SCENARIO_F(TrackerTime, SuccessRightAfterATimerWithoutSocketsShowsTheTraffic) {
   tracker.Init();
   tracker.OnTimer(GetTickCount());
@@ -200,7 +201,7 @@ SCENARIO_F(TrackerTime, SuccessRightAfterATimerWithoutSocketsShowsTheTraffic) {
   tracker.UnInit();
 }
 
-// Every pass of the worker asks; what the client sees is one report in five seconds.
+// Every pass of the worker checks; the client program sees one report in five seconds.
 SCENARIO_F(TrackerTime, LiveReportsComeOnceInFiveSeconds) {
   tracker.Init();
   AddAccelerated(kSocket, "guid");
@@ -234,7 +235,7 @@ SCENARIO_F(TrackerTime, TrafficSaysHowLongASocketLivesAndIdles) {
   EXPECT_EQ(client.traffic->slots[0].idle, 0u);  // nothing was received yet
   tracker.RecordRecv(kSocket, 1, 0);
   RunFor(1500ms);
-  tracker.RecordSend(kSocket, 1, 0);  // is no sign of the other side's life
+  tracker.RecordSend(kSocket, 1, 0);  // does not show that the other side lives
   tracker.RemoveFromWatchList(kSocket);
   RunFor(300ms);
   EXPECT_EQ(client.traffic->slots[1].life, 1800u);
@@ -402,10 +403,10 @@ SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndMayComeTwice) {
   }
   const test::LogCapture log(0);
   tracker.UnInit();
-  EXPECT_FALSE(log.Contains("[Tracker] Sync Thread Ended")) << "there was none";
+  EXPECT_FALSE(log.Contains(test::kSyncEnded)) << "there was none";
 }
 
-// The thread is at work and sees the end coming; what is open must be looked at before it goes.
+// The thread is busy when it is told to end; open sockets must still be reported.
 SCENARIO_F_SEEDS(TrackerTime, EndShowsWhatIsOpenHoweverFarTheThreadIs, 6) {
   for (u32 sent = 1; sent <= 60; ++sent) {
     tracker.Init();

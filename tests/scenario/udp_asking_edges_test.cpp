@@ -35,7 +35,7 @@ class UdpAskingEdges : public UdpSpiedWorld {
   static bool IsOpen(const SentDatagram& one) { return one.text.size() == sizeof(ProtoRelayOpen); }
 };
 
-// --- what is said of it -----------------------------------------------------------------------
+// --- what is logged ---------------------------------------------------------------------------
 
 SCENARIO_F(UdpAskingEdges, AskingIsToldAtTheLevelsOfItsEvents) {
   Starts(0);
@@ -145,7 +145,7 @@ SCENARIO_F(UdpAskingEdges, ADatagramReceivedInPiecesHasTheSourceOfTheWhole) {
 
 // --- a refusal --------------------------------------------------------------------------------
 
-// It holds for every way of asking.
+// It applies to every way of asking.
 SCENARIO_F(UdpAskingEdges, ARefusedSocketThatIsConnectedAsksForNothingMore) {
   Starts();
   const SOCKET s = Udp();
@@ -209,7 +209,7 @@ int WSPAPI SeeThread(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytes, DWO
                        error);
 }
 
-// A connect brings no thread of its own to speak for.
+// A connect passes no thread identifier.
 SCENARIO_F(UdpAskingEdges, AConnectAsksInTheNameOfItsThread) {
   Starts();
   spied_send_to = NextProvider().lpWSPSendTo;

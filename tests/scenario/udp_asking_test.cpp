@@ -80,15 +80,15 @@ SCENARIO_F(UdpAsking, ASocketOnlyEverUsedDirectlyAsksForNothing) {
 
 // --- what can go wrong ------------------------------------------------------------------------
 
-// Each: what the library is told, and what it says of it. The datagram goes directly, the socket
-// never asks again, and its end is not announced to a relay that it has not got.
+// Each case is a fault and its log line. The datagram goes directly, the socket never asks again,
+// and its end is not announced to a relay that it does not have.
 struct AskingFailure {
   const char* name;
   std::function<void(UdpWorld*)> prepare;
   std::function<int(const SentDatagram&)> fails;
   std::function<size_t(const SentDatagram&)> says;
   Texts sent_by_game;
-  const char* words;
+  std::string words;
 };
 
 bool IsOpen(const SentDatagram& one) { return one.text.size() == sizeof(ProtoRelayOpen); }
@@ -177,7 +177,7 @@ SCENARIO_F(UdpAsking, ANextProviderThatLacksACallIsNotAskedWith) {
   EXPECT_FALSE(relayed_without(&WSPPROC_TABLE::lpWSPRecvFrom));
 }
 
-// The wait is over after half a second whatever came of it; the answer counts, not the event.
+// The wait ends after half a second in any case; the answer counts, not the event.
 SCENARIO_F(UdpAsking, AnAnswerCountsAlsoWhereItsEventWasNotSeen) {
   Starts();
   const SOCKET s = Udp();
@@ -197,7 +197,7 @@ SCENARIO_F(UdpAsking, ALateAnswerStaysUntaken) {
   world.Stall(GetRelayMgr().GetWorkerThreadId(), 600ms);
   EXPECT_EQ(Sends(s, "hello"), 0);
   RunFor(1s);
-  EXPECT_TRUE(Logged("ResponseCreateSessionResult invalid")) << "the event was gone";
+  EXPECT_TRUE(Logged(test::kUdpRelayAnswerInvalid)) << "the event was gone";
   ProtoRelayOpen late;
   ASSERT_TRUE(GetRelayMgr().GetCreateResult(token, &late));
   EXPECT_TRUE(late.opened());
@@ -216,13 +216,13 @@ SCENARIO_F(UdpAsking, ALateAnswerMayWakeAnotherWaiter) {
   std::vector<HANDLE> strangers;
   for (int i = 0; i < 64; ++i) strangers.push_back(CreateEventA(nullptr, TRUE, FALSE, nullptr));
   RunFor(1s);
-  EXPECT_TRUE(Logged("ResponseCreateSessionResult"));
+  EXPECT_TRUE(Logged(test::kUdpRelayAnswered));
   for (const HANDLE one : strangers) CloseHandle(one);
   EXPECT_EQ(Heard("game"), Texts{"hello"});
   EXPECT_EQ(Talks(Udp(), "next"), "next from 198.51.100.10:27015");
 }
 
-// The relay hears the loopback address alone, and this socket speaks from another.
+// The relay accepts only the loopback address, and this socket sends from another.
 SCENARIO_F(UdpAsking, ASocketThatIsBoundToTheNetworkGoesDirectlyAfterAWait) {
   Starts();
   const SOCKET s = Udp();
@@ -274,8 +274,8 @@ SCENARIO_F(UdpAsking, ANewSocketWithTheSameHandleIsNotGivenTheOldOnesRelay) {
   EXPECT_EQ(Heard("A"), Texts{"mine"}) << AllHeard();
 }
 
-// Nothing keeps two threads from asking for one socket; one is refused, and may have the last
-// word. Their datagrams arrive whoever has it.
+// Two threads may ask for one socket at once; one is refused, and its result may be stored last.
+// Their datagrams arrive in either case.
 SCENARIO_F_SEEDS(UdpAsking, TwoThreadsMayAskAtOnceForOneSocket, 20) {
   Starts();
   const SOCKET s = Udp();
@@ -324,7 +324,7 @@ SCENARIO_F(UdpAsking, DestinationsBeyondTheTenthShareAFlowUnlessTheyAreKnown) {
   EXPECT_EQ(heard[2].from, "A");
 }
 
-// A port may make any address known; another port's being known does not.
+// A port may make every address known; only that port counts.
 SCENARIO_F(UdpAsking, AnAddressIsKnownByThePortThatIsAskedAbout) {
   Configures([](AccConfigRecord* config) {
     config->port_idc_count = 1;
@@ -445,8 +445,8 @@ SCENARIO_F(UdpAsking, ADatagramWhoseSourceIsForgottenComesFromTheRelay) {
   EXPECT_EQ(second.from.substr(0, 10), "127.0.0.1:");
 }
 
-// Whoever knows the socket's port can send to it: what did not come from the relay keeps its own
-// source, and leaves the relay's datagram its.
+// Anyone who knows the socket's port can send to it: a datagram that did not come from the relay
+// keeps its own source, and does not change the source of the relay's datagram.
 SCENARIO_F(UdpAsking, OnlyTheRelaysDatagramsAreGivenAnotherSource) {
   sim::Host& stranger = world.AddHost("stranger", {"198.51.100.66"});
   server->answer = [](const std::string& text) {
@@ -498,8 +498,8 @@ SCENARIO_F(UdpAsking, AReceiveThatBeganBeforeTheRelayNamesTheRelay) {
   EXPECT_EQ(Talks(s, "second"), "second from 198.51.100.10:27015");
 }
 
-// The address that a call gives may be longer than an IPv4 address is; its like must not be read
-// beyond its end.
+// The address that a call gives may be longer than an IPv4 address is; it must not be read beyond
+// its end.
 SCENARIO_F(UdpAsking, TheLengthOfTheAddressIsTheCallersOwn) {
   Starts();
   const SOCKET s = Udp();

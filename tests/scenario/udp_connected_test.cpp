@@ -32,15 +32,15 @@ SCENARIO_F(UdpConnected, AConnectedSocketIsConnectedToItsRelayAndSaysSo) {
   EXPECT_EQ(RecordOf(s).relay_state, kRelayRunning);
   EXPECT_TRUE(RecordOf(s).udp_connect_mode);
   EXPECT_EQ(RecordOf(s).relay_records[0].ip, 0u) << "what was decided is not kept";
-  EXPECT_TRUE(Logged("dest=198.51.100.10:27015, local port=0, udp_connect_mode=true, socket=" +
-                     std::to_string(s)));
+  EXPECT_TRUE(Logged("dest=198.51.100.10:27015, " + test::UdpConnectMode(true) +
+                     "socket=" + std::to_string(s)));
   EXPECT_EQ(PeerOf(s), "127.0.0.1:" + std::to_string(ntohs(RecordOf(s).relay_addr.sin_port)));
   EXPECT_EQ(GameSent(), Texts{"open"});
-  // Where it is connected to is not known to the relay: nothing arrives anywhere.
+  // The relay does not know where it is connected to: nothing arrives.
   EXPECT_EQ(SendText(s, "lost"), 4);
   RunFor(1s);
   EXPECT_TRUE(heard.empty()) << AllHeard();
-  EXPECT_TRUE(Logged("[UDP] UdpSession CreateRemoteSession game_server=0.0.0.0:0, token="));
+  EXPECT_TRUE(Logged(test::kFlowWithoutServer));
   closesocket(s);
   RunFor(100ms);
   EXPECT_TRUE(Logged(test::kUdpSessionClosed));
@@ -53,8 +53,7 @@ SCENARIO_F(UdpConnected, WhereNoDestinationIsNamedItIsThatOfTheSocket) {
   EXPECT_EQ(sendto(s, "lost", 4, 0, nullptr, 0), 4);
   RunFor(100ms);
   EXPECT_EQ(GameSent(), (Texts{"open", ":lost"}));
-  EXPECT_TRUE(Logged("[UDP] UdpSession CreateRemoteSession game_server=0.0.0.0:0, token="))
-      << "kept: which the relay does not know";
+  EXPECT_TRUE(Logged(test::kFlowWithoutServer)) << "kept: which the relay does not know";
 }
 
 SCENARIO_F(UdpConnected, ReceivingOnAConnectedSocketLeavesTheQueueAlone) {
@@ -93,7 +92,7 @@ SCENARIO_F(UdpConnected, ARefusedSocketIsConnectedDirectly) {
   EXPECT_EQ(ConnectTo(unlisted, kUnlisted, kPort), 0);
   EXPECT_EQ(RecordOf(unlisted).relay_state, kRelayNotAsked);
   EXPECT_EQ(PeerOf(unlisted), "198.51.100.14:27015");
-  // Kept in the same state by a datagram that names no destination: it is no reason to ask.
+  // A datagram that names no destination leaves the state as it is: it is no reason to ask.
   sent.clear();
   EXPECT_EQ(sendto(unlisted, "x", 1, 0, nullptr, 0), 1);
   EXPECT_EQ(GameSent(), Texts{":x"});
@@ -110,7 +109,7 @@ SCENARIO_F(UdpConnected, ARelayedSocketIsConnectedDirectlyToWhatIsNotWanted) {
   EXPECT_EQ(SendText(s, "plain"), 5);
   RunFor(100ms);
   EXPECT_EQ(Heard("game"), Texts{"plain"}) << AllHeard();
-  EXPECT_TRUE(Logged("local port=0, udp_connect_mode=false, socket="));
+  EXPECT_TRUE(Logged(test::UdpConnectMode(false) + "socket="));
 }
 
 // The copy that was queued for it must not be taken for the next datagram's.
@@ -160,7 +159,7 @@ SCENARIO_F(UdpConnected, ASendThatIsPendingIsTakenBackWithoutALookAtItsBuffers) 
 }
 
 // The address that a call gives may be longer than an IPv4 address is, or too short to be one: its
-// length goes down as it came, and what stands in its place must not be read beyond its end.
+// length is passed down unchanged, and the library must not read beyond its end.
 SCENARIO_F(UdpConnected, TheLengthOfTheAddressIsTheCallersOwn) {
   static int connect_size;
   static std::string connect_bytes;

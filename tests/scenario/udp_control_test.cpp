@@ -10,6 +10,7 @@
 #include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
 #include "port/sim/sockets.h"
+#include "tests/support/log_texts.h"
 #include "udp/relay_messages.h"
 
 extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
@@ -39,7 +40,7 @@ class UdpControlPort : public UdpSpiedWorld {
     if (!GetRelayMgr().GetCreateResult(token, &taken)) return "none";
     return taken.opened() ? "opened" : "refused";
   }
-  // As long as no session has the token, a request for it is answered with yes.
+  // As long as no session has the token, a request for it is accepted.
   bool HasSession(u32 token) {
     SendsControl(asking, Bytes(ProtoRelayOpen::Request(token, At(kServer, kPort), event, asking)));
     if (Answer(token) == "refused") return true;
@@ -154,8 +155,7 @@ SCENARIO_F_SEEDS(UdpControlPort, NoiseHasNoEffect, 5) {
   EXPECT_EQ(Talks(Udp(), "hello"), "hello from 198.51.100.10:27015");
 }
 
-// What a message of the right form may ask for is asked for by whoever sends it; no value in it
-// does harm.
+// A well-formed message is obeyed whoever sends it; no value in it does harm.
 SCENARIO_F(UdpControlPort, OddValuesInARequestAreNothingSpecial) {
   Begins();
   ProtoRelayOpen request = ProtoRelayOpen::Request(0, sockaddr_in{}, event, asking);
@@ -181,7 +181,7 @@ SCENARIO_F(UdpControlPort, AHandleThatIsNoEventOrNoneIsNotSet) {
     ++token;
     SendsControl(asking, Bytes(ProtoRelayOpen::Request(token, At(kServer, kPort), handle, asking)));
     EXPECT_EQ(Answer(token), "opened") << "the answer is there for whoever asks";
-    EXPECT_TRUE(Logged("ResponseCreateSessionResult invalid, addr=127.0.0.1:"));
+    EXPECT_TRUE(Logged(test::kUdpRelayAnswerInvalid + ", addr=127.0.0.1:"));
     EXPECT_TRUE(Logged("ev_result=0, ev_error=6, socket=")) << log_text();
   }
   for (const HANDLE handle : {HANDLE{nullptr}, INVALID_HANDLE_VALUE}) {

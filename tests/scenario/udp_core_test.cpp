@@ -9,6 +9,7 @@
 namespace {
 
 using namespace udp_test;  // NOLINT
+using enum moru_vyr::lsp::NegoFailure;
 
 using Texts = std::vector<std::string>;
 
@@ -30,7 +31,7 @@ SCENARIO_F(UdpRelay, CarriesADatagramThroughTheNodeAndItsAnswerBack) {
   EXPECT_EQ(heard[0].from_full, heard[1].from_full) << "a flow has one address for its server";
   EXPECT_EQ(a.Count("request"), 1u);
   EXPECT_EQ(a.Last("request").Text("game"), "198.51.100.10:27015");
-  EXPECT_TRUE(Logged("[UDP] UdpProvider::ResponseCreateSessionResult ok, addr=127.0.0.1:"));
+  EXPECT_TRUE(Logged(test::kUdpRelayAnswered + " ok, addr=127.0.0.1:"));
   closesocket(s);
   EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 1s)) << a.AllEvents();
   EXPECT_TRUE(Logged(test::kUdpSessionClosed));
@@ -83,7 +84,7 @@ SCENARIO_F(UdpRelay, ASilentNodeCostsFiveSecondsAndLosesNothing) {
   RunFor(1s);
   EXPECT_EQ(Difference(sent, Heard("B")), "") << AllHeard();
   EXPECT_EQ(b.Last("request").Number("retry"), 1u);
-  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::OnNegotiationFailed, reason=202"));
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::" + test::NegotiationFailed(kNegoTimedOut)));
 }
 
 SCENARIO_F(UdpRelay, TwoSilentNodesLeaveTheDirectWay) {
@@ -97,7 +98,7 @@ SCENARIO_F(UdpRelay, TwoSilentNodesLeaveTheDirectWay) {
   EXPECT_TRUE(heard.empty()) << AllHeard();
   RunFor(1s);
   EXPECT_EQ(Difference(sent, Heard("game")), "") << AllHeard();
-  EXPECT_TRUE(Logged("begin direct mode"));
+  EXPECT_TRUE(Logged(test::kDirectBegins));
   for (int i = 0; i < 5; ++i) EXPECT_EQ(Receives(s).from, "198.51.100.10:27015");
   EXPECT_EQ(Talks(s, "later"), "later from 198.51.100.10:27015");
 }
@@ -108,7 +109,7 @@ SCENARIO_F(UdpRelay, ARefusalTurnsToTheOtherNodeAtOnce) {
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
   EXPECT_EQ(Heard("B"), Texts{"hello"}) << AllHeard();
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=9,"));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(9)));
 }
 
 SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsLeftUnlessItIsForced) {
@@ -117,7 +118,7 @@ SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsLeftUnlessItIsForced) {
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
   EXPECT_EQ(Heard("B"), Texts{"hello"});
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=207,"));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(kNegoIspNotServed)));
   const SOCKET forced = Udp();
   EXPECT_EQ(Talks(forced, "forced", kForced), "forced from 198.51.100.12:27015");
   EXPECT_EQ(Heard("A"), Texts{"forced"}) << AllHeard();
@@ -145,7 +146,7 @@ SCENARIO_F(UdpRelay, AnAnswerThatIsNoneEndsTheAttempt) {
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
   EXPECT_EQ(Heard("B"), Texts{"hello"});
-  EXPECT_TRUE(Logged("OnNegotiationFailed, reason=203,"));
+  EXPECT_TRUE(Logged(test::NegotiationFailed(kNegoBadHeader)));
 }
 
 SCENARIO_F(UdpRelay, AnAnswerFromAnotherPortOfTheNodeIsIgnored) {
@@ -164,7 +165,7 @@ SCENARIO_F(UdpRelay, TheFirstVersionOfAnAnswerHasNoLastNode) {
   a.behaviour().answer_version = 1;
   Starts();
   EXPECT_EQ(Talks(Udp(), "hello"), "hello from 198.51.100.10:27015");
-  EXPECT_TRUE(Logged("last_node:(node_id=0, ip=0.0.0.0, port=0, accl_token=0)")) << log_text();
+  EXPECT_TRUE(Logged(test::kNoLastNode)) << log_text();
 }
 
 // The buffer for a wrapped datagram holds 2048 bytes, 20 of them the header's, and so does the
@@ -181,7 +182,7 @@ SCENARIO_F(UdpRelay, LongDatagramsGoPastTheNodeOrNowhere) {
   }
   EXPECT_EQ(Difference({"first", Pattern(1), Pattern(2028)}, Heard("A")), "") << AllHeard();
   EXPECT_EQ(Difference({Pattern(2029), Pattern(2048)}, Heard("game")), "") << AllHeard();
-  EXPECT_TRUE(Logged("WARNING: clone not enough room, k=2049, size=2048"));
+  EXPECT_TRUE(Logged(test::kCopyTooLong));
 }
 
 SCENARIO_F(UdpRelay, ADatagramOfNoBytesReachesTheServer) {
@@ -236,7 +237,7 @@ SCENARIO_F(UdpRelay, AFullSendBufferHoldsDatagramsInOrder) {
   EXPECT_EQ(Sends(s, "after"), 0);
   RunFor(500ms);
   EXPECT_EQ(Difference({"first", "blocked", "after"}, Heard("A")), "") << AllHeard();
-  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::FlushBlockedPackages, count=1, remain_count=0"));
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::" + test::Flushed(1, 0)));
 }
 
 // A game that sends its last datagram and closes must not lose it because a buffer is full.
@@ -250,7 +251,7 @@ SCENARIO_F(UdpRelay, ClosingLetsBlockedDatagramsOutFirst) {
   const SOCKET s = Udp();
   EXPECT_EQ(Sends(s, "first"), 0);
   ASSERT_TRUE(RunUntil([&] { return !heard.empty(); }));
-  // The game's own send, then the relay's, then the relay's next try. Nothing asks for a third.
+  // The game's own send, then the relay's, then the relay's next try. There is no third try.
   port::FailCall("WSPSendTo", 2, WSAEWOULDBLOCK);
   port::FailCall("WSPSendTo", 3, WSAEWOULDBLOCK);
   EXPECT_EQ(Sends(s, "farewell"), 0);
@@ -261,7 +262,7 @@ SCENARIO_F(UdpRelay, ClosingLetsBlockedDatagramsOutFirst) {
   EXPECT_TRUE(Logged(test::kUdpSessionClosing));
   EXPECT_FALSE(Logged(test::kUdpSessionClosed));
   EXPECT_EQ(heard.size(), 1u);
-  // The server's send, the node's, and the relay's to the game: that asks for room again.
+  // The server's send, the node's, and the relay's to the game: that requests a write event again.
   port::FailCall("WSPSendTo", 3, WSAEWOULDBLOCK);
   EXPECT_TRUE(RunUntil([&] { return NodesAreFree(); }, 5s)) << a.AllEvents() << log_text();
   RunFor(100ms);
@@ -283,7 +284,7 @@ SCENARIO_F(UdpRelay, ManySocketsComeAndGo) {
   EXPECT_EQ(a.Count("flow_opened"), 200u);
 }
 
-// Calls of the game's other threads may have read the socket's record before it was closed.
+// Other threads of the game may have read the socket's record before it was closed.
 SCENARIO_F_SEEDS(UdpRelay, SendingWhileClosingTouchesNoQueueThatIsGone, 100) {
   Starts(5);
   const SOCKET s = Udp();
@@ -336,7 +337,8 @@ SCENARIO_F(UdpSwitch, AHealthyLinkIsNeverLeft) {
   EXPECT_GE(answered_, next_ - 1);
 }
 
-// Each direction is measured where it ends, and told to the other end with the next datagram.
+// Each direction is measured at its receiving end, and reported to the other end with the next
+// datagram.
 SCENARIO_F(UdpSwitch, TheNodeIsToldWhatShareOfItsDataIsLost) {
   MayMeasureAndSwitch();
   Configures([](moru_vyr::lsp::AccConfigRecord* config) { config->switch_open = 0; });
@@ -353,8 +355,8 @@ SCENARIO_F(UdpSwitch, TheNodeIsToldWhatShareOfItsDataIsLost) {
   }
 }
 
-// A node says what it misses in percent, and two percent have the link probed. So it must look back
-// over more of a game's datagrams than the fifty of which one is that much.
+// A node reports loss in percent, and two percent start a burst of probes. So it must look back
+// over more than fifty of a game's datagrams, of which a single one would be two percent.
 SCENARIO_F(UdpSwitch, ALoneDatagramLostOnTheWayUpIsNoReasonToProbe) {
   MayMeasureAndSwitch();
   Starts();
@@ -401,7 +403,7 @@ SCENARIO_F(UdpSwitch, ADeadNodeIsLeftForTheOtherWithTheGamesPortUnchanged) {
   EXPECT_FALSE(PlaysUntil(
       s, [&] { return false; }, 5'000));
   EXPECT_GE(answered_ - before, 95) << "the answers come over the new node";
-  EXPECT_TRUE(Logged("UdpRemoteSession::ReplaceSock, new socket="));
+  EXPECT_TRUE(Logged(test::kSocketReplaced));
   closesocket(s);
   EXPECT_TRUE(RunUntil([&] { return b.Count("flow_opened") == b.Count("flow_closed"); }, 5s));
 }

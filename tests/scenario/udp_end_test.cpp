@@ -1,6 +1,6 @@
 // The end of a flow: by the game, which may close its socket at any moment, and by the end of the
-// relay. At stake: what can still be sent is sent first, each node is told once, and nothing is
-// left behind.
+// relay. At stake: what can still be sent is sent first, each node gets one end message, and
+// nothing is left behind.
 #include "tests/scenario/udp_spied_world.h"
 #include "tests/support/log_texts.h"
 //
@@ -28,7 +28,7 @@ class UdpEnd : public UdpSpiedWorld {
   }
 };
 
-// Closing does not wait for a negotiation: what the game said into it is lost, as the rule is.
+// Closing does not wait for a negotiation: what the game sent during it is lost, as the rules say.
 SCENARIO_F(UdpEnd, ClosingWhileANodeIsAskedLosesWhatWaits) {
   a.StopsAnswering();
   Starts();
@@ -82,7 +82,7 @@ SCENARIO_F(UdpEnd, NumbersCountFromOneAndTheEndSkipsOne) {
   EXPECT_EQ(end[19], 0);
 }
 
-// A process that ends does not hold up its end with farewells.
+// A process that ends does not delay its end with end messages.
 SCENARIO_F(UdpEnd, StoppingTheRelayEndsTheFlowsSilently) {
   Starts(0);
   const SOCKET s = Udp();
@@ -90,17 +90,17 @@ SCENARIO_F(UdpEnd, StoppingTheRelayEndsTheFlowsSilently) {
   sent.clear();
   GetRelayMgr().Stop();
   RunFor(100ms);
-  EXPECT_TRUE(Logged("[UDP] UdpProvider::OnCloseLocalServer"));
+  EXPECT_TRUE(Logged(test::kUdpListenerClosed));
   EXPECT_TRUE(Logged("[UDP] UdpSession::Cleanup, token="));
   EXPECT_TRUE(sent.empty());
   EXPECT_EQ(GetRelayMgr().UseQueue(RecordOf(s).send_queue, RecordOf(s).token), nullptr);
-  // Nobody serves any more, so nobody is asked: what is sent now goes directly.
+  // The relay no longer runs, so it is not asked: new datagrams go directly.
   EXPECT_EQ(Talks(Udp(), "later"), "later from 198.51.100.10:27015");
   EXPECT_EQ(Heard("game"), std::vector<std::string>{"later"});
-  EXPECT_FALSE(Logged("RequestUdpRelay failed"));
+  EXPECT_FALSE(Logged(test::kUdpRelayFailed));
 }
 
-// Only the flow that has something left to say is closing; the others live on until the end of all.
+// Only the flow with something left to send is closing; the others live on until the session ends.
 SCENARIO_F(UdpEnd, AFlowThatWaitsForRoomIsNoLongerMeasuredAndTheOthersAre) {
   IsQuiet();
   Starts();

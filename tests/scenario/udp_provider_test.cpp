@@ -8,6 +8,7 @@
 #include "route/route.h"
 #include "tests/scenario/sim_sockets.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "udp/udp_remote_session.h"
 
 namespace {
@@ -15,7 +16,7 @@ namespace {
 using namespace moru_vyr::lsp;  // NOLINT
 using namespace sim_test;       // NOLINT
 
-// Notes what would be polled.
+// Records what would be polled.
 class Loop final : public IRelaySocketMgr {
  public:
   u32 AddSocket(SOCKET socket, IRelaySocketDelegate*) noexcept override {
@@ -61,8 +62,7 @@ SCENARIO_F(UdpAlone, TheControlSocketIsOnTheLoopbackAddressAndDoesNotBlock) {
   EXPECT_EQ(IntOption(control, SO_SNDBUF), 65536);
   EXPECT_EQ(IntOption(control, SO_RCVBUF), 65536);
   EXPECT_EQ(Received(control), "error 10035");
-  EXPECT_TRUE(log.Contains("[UDP] UdpProvider::OnCreateLocalServer success, port=" +
-                           std::to_string(ntohs(name.sin_port))));
+  EXPECT_TRUE(log.Contains(test::kUdpListening + std::to_string(ntohs(name.sin_port))));
 }
 
 SCENARIO_F(UdpAlone, WithoutASocketTheProviderDoesNotStart) {
@@ -73,13 +73,13 @@ SCENARIO_F(UdpAlone, WithoutASocketTheProviderDoesNotStart) {
   EXPECT_FALSE(log.Contains("success"));
 }
 
-// Kept: a socket that has failed is polled all the same, and a line says that all is well.
+// Kept: a socket that has failed is polled all the same, and a log line reports success.
 SCENARIO_F(UdpAlone, ASocketWithoutAPortIsKeptAndTheProviderDoesNotStart) {
   port::FailCall("bind", 1, WSAENOBUFS);
   EXPECT_FALSE(provider.Init(&loop, &route));
   EXPECT_EQ(loop.added.size(), 1u);
   EXPECT_EQ(IntOption(loop.added.at(0), SO_RCVBUF), 65536);
-  EXPECT_TRUE(log.Contains("[UDP] UdpProvider::OnCreateLocalServer success, port=0"));
+  EXPECT_TRUE(log.Contains(test::kUdpListening + "0"));
 }
 
 SCENARIO_F(UdpAlone, ASocketThatWouldBlockIsKeptAndTheProviderDoesNotStart) {
@@ -87,7 +87,7 @@ SCENARIO_F(UdpAlone, ASocketThatWouldBlockIsKeptAndTheProviderDoesNotStart) {
   EXPECT_FALSE(provider.Init(&loop, &route));
   EXPECT_EQ(loop.added.size(), 1u);
   EXPECT_TRUE(log.Contains("[UDP] UdpProvider::OnCreateLocalServer ioctlsocket , error=10055"));
-  EXPECT_TRUE(log.Contains("[UDP] UdpProvider::OnCreateLocalServer success, port="));
+  EXPECT_TRUE(log.Contains(test::kUdpListening));
 }
 
 SCENARIO_F(UdpAlone, AtItsEndTheControlSocketIsClosedAndThenForgotten) {
@@ -98,7 +98,7 @@ SCENARIO_F(UdpAlone, AtItsEndTheControlSocketIsClosedAndThenForgotten) {
   sockaddr_in told = {};
   provider.GetLocalAddr(&told);
   EXPECT_EQ(told.sin_port, 0);
-  EXPECT_TRUE(log.Contains("[UDP] UdpProvider::OnCloseLocalServer"));
+  EXPECT_TRUE(log.Contains(test::kUdpListenerClosed));
 }
 
 SCENARIO_F(UdpAlone, AnAnswerThatNobodyHasTakenOutlivesItsSession) {
@@ -123,8 +123,7 @@ SCENARIO_F(UdpAlone, AnAnswerThatNobodyHasTakenOutlivesItsSession) {
 
 // --- a session's address ----------------------------------------------------------------------
 
-// Lets the last test at what no test should need: an explicit instantiation may name a private
-// member.
+// Gives the last test access to a private member, which an explicit instantiation may name.
 template <class Tag, typename Tag::Type kMember>
 struct Opened {
   friend typename Tag::Type MemberOf(Tag) { return kMember; }

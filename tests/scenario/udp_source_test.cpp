@@ -14,7 +14,7 @@ LPWSPRECVFROM real_recv_from = nullptr;
 int fails_with = 0;       // where not 0: with this, after all has been handed out
 bool says_whole = false;  // how long the address is, however much of it there was room for
 
-// A next provider that hands out as much of the source as there is room for, and says how much.
+// A next provider that writes as much of the source as there is room for, and reports its size.
 int WSPAPI RecvFromWithWhatFits(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received,
                                 LPDWORD flags, struct sockaddr* from, LPINT from_size,
                                 LPWSAOVERLAPPED overlapped,
@@ -42,8 +42,8 @@ class UdpSource : public UdpSpiedWorld {
     real_recv_from = NextProvider().lpWSPRecvFrom;
     NextProvider().lpWSPRecvFrom = RecvFromWithWhatFits;
   }
-  // The place of `room` bytes after a datagram has come, and a margin behind it. What lies
-  // behind the margin belongs to nobody.
+  // The place of `room` bytes after a datagram has come, and a margin behind it. Memory behind the
+  // margin is inaccessible.
   std::vector<char> PlaceOf(int room) {
     std::vector<char> place(static_cast<size_t>(room) + kMargin, kOld);
     EXPECT_EQ(Sends(s, "again"), 0);
@@ -73,7 +73,7 @@ SCENARIO_F(UdpSource, IsWrittenAsFarAsTheGamesPlaceReaches) {
   EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).recv_queue), "none");
 }
 
-// Nor further where the provider tells the size of an address that it had no room for.
+// Nor further if the provider reports the size of an address that it had no room for.
 SCENARIO_F(UdpSource, IsBoundByTheGamesPlaceWhateverTheProviderSays) {
   const sockaddr_in truth = At(kServer, kPort);
   says_whole = true;
@@ -86,7 +86,7 @@ SCENARIO_F(UdpSource, IsBoundByTheGamesPlaceWhateverTheProviderSays) {
   says_whole = false;
 }
 
-// Where the address does not fit, nobody can tell that it is the relay's.
+// If the address does not fit, it cannot be recognised as the relay's.
 SCENARIO_F(UdpSource, IsNotLookedForWhereTheAddressDoesNotFit) {
   const sockaddr_in relay = RecordOf(s).relay_addr;
   const std::vector<char> place = PlaceOf(4);
@@ -95,7 +95,7 @@ SCENARIO_F(UdpSource, IsNotLookedForWhereTheAddressDoesNotFit) {
   EXPECT_EQ(TakeLoneEntry(s, RecordOf(s).recv_queue), "198.51.100.10:27015");
 }
 
-// Nor where the call asks for no source at all.
+// Nor if the call asks for no source at all.
 SCENARIO_F(UdpSource, IsNotLookedForWhereNobodyAsks) {
   EXPECT_EQ(Sends(s, "again"), 0);
   ASSERT_TRUE(ReadableWithin(s, 1000));

@@ -10,7 +10,7 @@ namespace udp_test {
 
 struct SentDatagram {
   SOCKET socket = INVALID_SOCKET;
-  bool by_relay = false;  // else by the game, the messages to the control port among them
+  bool by_relay = false;  // otherwise by the game, including messages to the control port
   std::string text;
   std::string to;  // with the port; empty: the call named no destination
 };
@@ -23,22 +23,22 @@ class UdpSpiedWorld : public UdpWorld {
   // Starts the provider, then puts the spy in.
   void Starts(common::u32 log_level = 4);
 
-  // What was sent, failed calls included. Those of the game in short form: "open", "close",
+  // What was sent, including failed calls. Those of the game in short form: "open", "close",
   // "relay:TEXT" or "ADDRESS:TEXT".
   std::vector<SentDatagram> sent;
   std::vector<std::string> GameSent() const;
-  std::vector<std::string> RelaySent() const;  // texts; wrapped ones with what is around them
+  std::vector<std::string> RelaySent() const;  // texts; wrapped ones with their header
 
   // The error that a call is to fail with; 0: it goes through.
   std::function<int(const SentDatagram&)> fails = [](const SentDatagram&) { return 0; };
-  // How many bytes a call that goes through says it has sent, if not all.
+  // How many bytes a successful call reports as sent, if not all.
   std::function<size_t(const SentDatagram&)> says = [](const SentDatagram& one) {
     return one.text.size();
   };
 
   static moru_vyr::lsp::SocketRecord RecordOf(SOCKET s);
   static std::string ControlAddress();
-  // Takes the lone entry of one of the socket's queues; its address, or "none".
+  // Takes the only entry of one of the socket's queues; its address, or "none".
   static std::string TakeLoneEntry(SOCKET s, const moru_vyr::lsp::UdpPackageQueue* queue);
   static WSPPROC_TABLE& NextProvider();
 

@@ -24,7 +24,7 @@ class UdpStates : public UdpSpiedWorld {
   }
   static u16 RelayPort(SOCKET s) { return ntohs(RecordOf(s).relay_addr.sin_port); }
 
-  // One datagram to the flow's own port, from a machine that nobody has spoken to.
+  // One datagram to the flow's own port, from a machine to which nothing was sent.
   void AStrangerSends(const std::string& text, SOCKET s) {
     const u16 port = RelayPort(s);
     world.SpawnOn(stranger, "stranger", [text, port] {
@@ -53,7 +53,8 @@ class UdpStates : public UdpSpiedWorld {
   sim::Host& stranger = world.AddHost("stranger", {"198.51.100.66"});
 };
 
-// --- strangers --------------------------------------------------------------------------------
+// --- unknown senders
+// --------------------------------------------------------------------------------
 
 SCENARIO_F(UdpStates, BeforeTheFirstDatagramNothingIsDelivered) {
   Starts();
@@ -76,7 +77,7 @@ SCENARIO_F(UdpStates, DuringANegotiationOnlyItsNodeIsHeard) {
   const SOCKET s = Udp();
   EXPECT_EQ(Sends(s, "hello"), 0);
   AStrangerSends("from nowhere", s);
-  EXPECT_FALSE(Logged("OnNegotiationFailed")) << "no answer that could be a bad one";
+  EXPECT_FALSE(Logged(test::kNegotiationFailed)) << "no answer that could be a bad one";
   EXPECT_EQ(Receives(s, 2000).from, "198.51.100.10:27015");
 }
 
@@ -89,7 +90,7 @@ SCENARIO_F(UdpStates, ThroughANodeOnlyItsDataPortIsHeard) {
   EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
 }
 
-// Without a node: anyone who knows the port is heard, under their own address.
+// Without a node: datagrams from anyone who knows the port arrive, with their own address.
 SCENARIO_F(UdpStates, DirectlyAnUnknownSenderKeepsItsOwnAddress) {
   Starts();
   const SOCKET s = Udp();
@@ -199,8 +200,8 @@ SCENARIO_F(UdpStates, WhatIsBlockedLeavesInOrderAndAsksForRoomOnlyOnce) {
   EXPECT_EQ(Sends(s, "four"), 0);
   RunFor(1s);
   EXPECT_EQ(Heard("A"), (Texts{"first", "one"}));
-  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::FlushBlockedPackages, count=4, remain_count=3"));
-  // What finds room at once passes those that wait.
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::" + test::Flushed(4, 3)));
+  // A datagram that finds room at once overtakes those that wait.
   NothingFails();
   EXPECT_EQ(Sends(s, "five"), 0);
   RunFor(1s);
@@ -214,7 +215,7 @@ SCENARIO_F(UdpStates, WhatIsBlockedLeavesInOrderAndAsksForRoomOnlyOnce) {
   EXPECT_EQ(Sends(s, "six"), 0);
   RunFor(1s);
   EXPECT_EQ(Heard("A"), (Texts{"first", "one", "five", "two", "three", "four", "six"}));
-  EXPECT_TRUE(Logged("FlushBlockedPackages, count=4, remain_count=0"));
+  EXPECT_TRUE(Logged(test::Flushed(4, 0)));
 }
 
 SCENARIO_F(UdpStates, AnErrorWhileFlushingKeepsTheDatagramInFront) {
@@ -231,7 +232,7 @@ SCENARIO_F(UdpStates, AnErrorWhileFlushingKeepsTheDatagramInFront) {
   EXPECT_EQ(Sends(s, "blocked"), 0);
   RunFor(500ms);
   EXPECT_EQ(Heard("A"), Texts{"first"});
-  EXPECT_TRUE(Logged("FlushBlockedPackages, count=1, remain_count=1"));
+  EXPECT_TRUE(Logged(test::Flushed(1, 1)));
   calls = 0;
   fails = [&calls](const SentDatagram& one) {
     return one.by_relay && ++calls == 1 ? WSAEWOULDBLOCK : 0;
@@ -334,7 +335,7 @@ SCENARIO_F(UdpStates, AThirdNodeIsNotTried) {
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015") << log_text();
   EXPECT_EQ(Heard("game"), Texts{"hello"});
   EXPECT_EQ(a.Count("request") + b.Count("request"), 2u);
-  EXPECT_TRUE(Logged("begin direct mode"));
+  EXPECT_TRUE(Logged(test::kDirectBegins));
 }
 
 // A late answer comes during another negotiation, and is ignored.
@@ -359,7 +360,7 @@ SCENARIO_F(UdpStates, ANodeThatAnswersEachRequestTwiceIsHeardOnce) {
   EXPECT_EQ(Difference({"one", "two"}, Heard("A")), "");
 }
 
-// Kept: on the direct way every sender is heard, even a node.
+// Kept: on the direct way datagrams of every sender arrive, even of a node.
 SCENARIO_F(UdpStates, AnAnswerAfterTheDirectWayHasBegunIsTheGamesToRead) {
   a.AnswersAfter(11'000);
   b.StopsAnswering();
@@ -372,7 +373,7 @@ SCENARIO_F(UdpStates, AnAnswerAfterTheDirectWayHasBegunIsTheGamesToRead) {
   EXPECT_EQ(late.text.size(), 41u);
 }
 
-// A refusal that comes twice must not cost the second node its chance.
+// A refusal that comes twice must not count against the second node.
 SCENARIO_F(UdpStates, ANodeThatRefusesTwiceIsLeftOnce) {
   a.behaviour().answers = 2;
   a.AnswersWith(9);
@@ -407,7 +408,7 @@ SCENARIO_F(UdpStates, ARequestThatIsBlockedLeavesWhenThereIsRoom) {
   EXPECT_EQ(Heard("A"), Texts{"hello"});
 }
 
-// --- nodes that carry badly -------------------------------------------------------------------
+// --- nodes that corrupt data ------------------------------------------------------------------
 
 struct BadCarrier {
   const char* name;
@@ -457,7 +458,7 @@ SCENARIO_F(UdpStates, AGameThatNeverReadsHarmsOnlyItself) {
   }
   RunFor(1s);
   EXPECT_EQ(Talks(other, "second"), "second from 198.51.100.10:27015");
-  // What did fit into its buffer has its true source still.
+  // A datagram that fitted into its buffer still has its true source.
   int read = 0;
   for (Datagram came = Receives(deaf, 0); !came.from.empty(); came = Receives(deaf, 0), ++read)
     EXPECT_EQ(came.from, "198.51.100.10:27015");

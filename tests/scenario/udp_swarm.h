@@ -1,5 +1,6 @@
-// Random games on datagram sockets, under any faults: what each of their datagrams was, who sent it
-// where and when, and whether it arrived. Used by the swarms, each of which adds its own faults.
+// Random games on datagram sockets, under any faults: for each of their datagrams its content, who
+// sent it where and when, and whether it arrived. Used by the swarms, each of which adds its own
+// faults.
 //
 // VYR_SWARM_SEEDS=3000 asks for more seeds than the usual run takes.
 #pragma once
@@ -37,7 +38,7 @@ struct Said {
   int port = kPort;
   int error = -1;  // -1: not sent so far
   sim::Duration at{};
-  std::string by;  // "A", "B" or "game", who brought it to the server
+  std::string by;  // "A", "B" or "game": who delivered it to the server
   size_t arrived = 0;
   size_t answered = 0;
 
@@ -45,7 +46,7 @@ struct Said {
   bool sent() const { return error == 0; }
 };
 
-// What a server says to it; who answers is a part of the answer.
+// A server's answer to it, which contains the server's name.
 inline std::string AnswerTo(const std::string& text, const std::string& server) {
   const size_t id = IdOf(text, 0);
   return Noise("R" + text.substr(0, kIdSize) + "@" + server + "|", id,
@@ -145,12 +146,14 @@ class UdpSwarm : public Swarm<UdpWorld> {
   }
   void Read(SOCKET s, bool knows_its_relay, const bool& open) {
     const Datagram came = Receives(s, 100);
-    // Kept: nobody knows any more where a datagram is from if its socket is closed meanwhile.
+    // Kept: the source of a datagram is unknown if its socket is closed meanwhile.
     if (!open) knows_its_relay = false;
     if (came.from.empty() || came.from.rfind("error", 0) == 0) return;
-    // A socket that has lost its relay to a second request still hears what the first has sent.
+    // A socket that has lost its relay to a second request still receives answers to what the first
+    // has sent.
     const bool from_relay = !knows_its_relay && came.from.rfind("127.0.0.1:", 0) == 0;
-    // Kept: on the direct way every sender is heard, even a node that answers too late.
+    // Kept: on the direct way datagrams of every sender arrive, even of a node that answers too
+    // late.
     const std::string from_ip = came.from.substr(0, came.from.find(':'));
     const bool from_node = from_ip == kNodeA || from_ip == kNodeB;
     if (from_node || (from_relay && came.text.substr(0, 2) != "R0")) return;

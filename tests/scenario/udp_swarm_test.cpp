@@ -13,10 +13,10 @@ namespace {
 
 using namespace udp_test;  // NOLINT
 
-// --- where nothing is lost on the way -----------------------------------------------------------
+// --- networks without loss ----------------------------------------------------------------------
 
-// Nodes refuse, lie, are silent or late; links and threads are slow in any order. Whatever becomes
-// of the node, everything that was said arrives and is answered.
+// Nodes refuse, lie, are silent or late; links and threads are slow in any order. Whatever happens
+// to the node, everything that was sent arrives and is answered.
 SCENARIO_F_SEEDS(UdpSwarm, NothingIsLostWhereNothingLoses, SwarmSeeds(30)) {
   SetAllLinks([this] { return AnyLink(); });
   a.Behaves(AnyNode());
@@ -35,7 +35,7 @@ SCENARIO_F_SEEDS(UdpSwarm, NothingIsLostWhereNothingLoses, SwarmSeeds(30)) {
   ExpectANewSocketWorks();
 }
 
-// --- where anything breaks ----------------------------------------------------------------------
+// --- anything may break -------------------------------------------------------------------------
 
 class UdpStorm : public UdpSwarm {
  protected:

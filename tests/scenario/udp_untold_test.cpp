@@ -40,8 +40,7 @@ class UdpUntold : public UdpSpiedWorld {
     EXPECT_EQ(HomeSockets(), base_ + 2);
     return s;
   }
-  // Once the game's sockets are closed: nothing of the relay's is open, and nobody sends anything
-  // any more.
+  // Once the game's sockets are closed: the relay has nothing open, and nothing more is sent.
   void ExpectNothingLeft() {
     RunFor(500ms);
     EXPECT_EQ(HomeSockets(), base_) << log_text();
@@ -60,7 +59,7 @@ class UdpUntold : public UdpSpiedWorld {
   size_t flows_ = 0;
 };
 
-// --- the word cannot be sent ------------------------------------------------------------------
+// --- the message cannot be sent ---------------------------------------------------------------
 
 SCENARIO_F(UdpUntold, AnEndThatWouldBlockIsFoundOut) {
   Begins();
@@ -68,7 +67,7 @@ SCENARIO_F(UdpUntold, AnEndThatWouldBlockIsFoundOut) {
   fails = [](const SentDatagram& one) { return IsClose(one) ? WSAEWOULDBLOCK : 0; };
   sent.clear();
   closesocket(s);
-  EXPECT_TRUE(Logged("[UDP] CloseUdpRelay: sendto, error=10035, socket=")) << log_text();
+  EXPECT_TRUE(Logged(test::CloseSendFailed(WSAEWOULDBLOCK))) << log_text();
   EXPECT_EQ(GameSent(), std::vector<std::string>{"close"}) << "said once, and not again";
   ExpectNothingLeftAnywhere();
   EXPECT_TRUE(GameSent().empty());
@@ -78,7 +77,7 @@ SCENARIO_F(UdpUntold, AnEndThatWouldBlockIsFoundOut) {
 SCENARIO_F(UdpUntold, AnEndThatIsCutIsFoundOut) {
   Begins();
   const SOCKET s = Relayed();
-  // The relay is not to get what the provider says it has cut.
+  // The relay must not act on a message that the provider has cut short.
   const auto send_to = NextProvider().lpWSPSendTo;
   NextProvider().lpWSPSendTo = [](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, DWORD, const sockaddr*,
                                   int, LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE,
@@ -88,7 +87,7 @@ SCENARIO_F(UdpUntold, AnEndThatIsCutIsFoundOut) {
   };
   closesocket(s);
   NextProvider().lpWSPSendTo = send_to;
-  EXPECT_TRUE(Logged("[UDP] CloseUdpRelay: sendto, bytes(12)!=13, socket="));
+  EXPECT_TRUE(Logged(test::CloseSentShort(12)));
   ExpectNothingLeftAnywhere();
 }
 
@@ -102,7 +101,8 @@ SCENARIO_F(UdpUntold, AnEndThatThereIsNoCallForIsFoundOut) {
   ExpectNothingLeftAnywhere();
 }
 
-// What still wants to leave is waited for, as after an end that was told; and that is begun once.
+// Datagrams that still wait to be sent delay the end, as after an announced one; and closing begins
+// once.
 SCENARIO_F(UdpUntold, AFlowThatWaitsForRoomIsClosing) {
   Begins();
   const SOCKET s = Relayed();
@@ -146,12 +146,12 @@ SCENARIO_F(UdpUntold, ASessionThatComesAfterItsSocketHasGoneEndsAtOnce) {
   EXPECT_EQ(Sends(s, "hello"), 0);
   closesocket(s);
   EXPECT_EQ(HomeSockets(), base_);
-  for (int i = 0; i < 1000 && !Logged("ResponseCreateSessionResult"); ++i) Sleep(1);
+  for (int i = 0; i < 1000 && !Logged(test::kUdpRelayAnswered); ++i) Sleep(1);
   ExpectNothingLeft();
   EXPECT_TRUE(Logged(test::kUdpSessionClosed)) << log_text();
 }
 
-// What is noted of a socket that was refused for good concerns nobody.
+// A note about a socket that was refused for good has no effect.
 SCENARIO_F(UdpUntold, ASocketThatWasRefusedLeavesNothingAndEndsNobodyElses) {
   Begins();
   const SOCKET other = Relayed();
@@ -169,8 +169,8 @@ SCENARIO_F(UdpUntold, ASocketThatWasRefusedLeavesNothingAndEndsNobodyElses) {
 
 // --- two threads ask at once ------------------------------------------------------------------
 
-// The one that is refused may have the last word: then the session carries what the other has said,
-// and the socket knows nothing of it.
+// The refusal may be stored last: then the session carries what the other thread has sent, and the
+// socket's record does not mention it.
 SCENARIO_F_SEEDS(UdpUntold, ASessionThatASocketHasLostToASecondRequestEndsWithIt, 3) {
   Begins();
   int lost = 0;
@@ -191,7 +191,7 @@ SCENARIO_F_SEEDS(UdpUntold, ASessionThatASocketHasLostToASecondRequestEndsWithIt
   ExpectNothingLeftAnywhere();
 }
 
-// --- the socket goes while it is asked for ----------------------------------------------------
+// --- the socket is closed during the request --------------------------------------------------
 
 SCENARIO_F(UdpUntold, ASocketThatIsClosedWhileItAsksLeavesNothing) {
   Begins();
@@ -248,7 +248,7 @@ SCENARIO_F(UdpUntold, TheEndOfOneSocketIsNotThatOfTheNextWithItsHandle) {
   ExpectNothingLeftAnywhere();
 }
 
-// At any moment of the asking.
+// At any moment of the request.
 SCENARIO_F_SEEDS(UdpUntold, ASocketMayGoAtAnyMoment, 12) {
   Begins();
   for (int i = 0; i < 10; ++i) {

@@ -15,7 +15,7 @@ inline constexpr char kSecond[] = "198.51.100.13";    // as kServer, another dat
 inline constexpr char kUnlisted[] = "198.51.100.14";  // not in the tables, as are kUnlisted + 1 …
 inline constexpr int kSecondPort = 27016;
 
-// What a server answers with a datagram of no bytes.
+// Makes a server answer with an empty datagram.
 inline constexpr char kNoBytes[] = "a datagram of no bytes";
 
 // A datagram as it came to a socket, or to the game server.
@@ -26,7 +26,7 @@ struct Datagram {
   std::string to;         // of the server's, the address that it was sent to, with the port
 };
 
-// Tells what is missing in `got` and what is in it twice; empty: it is `sent`, in this order.
+// Names what is missing in `got` and what is in it twice; empty if it equals `sent`, in order.
 std::string Difference(const std::vector<std::string>& sent, const std::vector<std::string>& got);
 
 class UdpWorld : public sim::ScenarioTest {
@@ -36,7 +36,7 @@ class UdpWorld : public sim::ScenarioTest {
   // --- the game ---
   // One datagram; 0 or the error.
   int Sends(SOCKET s, const std::string& text, const char* ip = kServer, int port = kPort);
-  // What comes within that time; an empty `from` says that nothing did.
+  // What comes within that time; `from` is empty if nothing did.
   Datagram Receives(SOCKET s, int ms = 1000);
   // "text from 198.51.100.10:27015" of what comes back.
   std::string Talks(SOCKET s, const std::string& text, const char* ip = kServer, int port = kPort);
@@ -50,7 +50,7 @@ class UdpWorld : public sim::ScenarioTest {
   void Configures(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change) {
     game.Configures(change);
   }
-  // Measuring and switching as a deployment would have them, and as fast as they can be.
+  // Measuring and switching as in production, and as fast as possible.
   void MayMeasureAndSwitch();
   // The game's first socket starts the provider; from here on there is a log, of everything from
   // that level on.
@@ -60,7 +60,7 @@ class UdpWorld : public sim::ScenarioTest {
   bool Logged(const std::string& part) const { return log_->Contains(part); }
   std::string log_text() const { return log_->Text(); }
   std::string whole_log() const { return log_->Whole(); }
-  // The texts that came to the server, all or those from "A", "B" or "game".
+  // The texts that reached the server: all, or those from "A", "B" or "game".
   std::vector<std::string> Heard(const std::string& from = "") const;
   std::string AllHeard() const;  // for the message of a failed expectation
   bool NodesAreFree() const;
@@ -78,8 +78,8 @@ class UdpWorld : public sim::ScenarioTest {
   node::SimNode a{world, a_host, 7001};
   node::SimNode b{world, b_host, 7002};
 
-  // The game server: what it answers (empty: nothing), and what it has heard. Its threads may still
-  // run when the test is over.
+  // The game server: what it answers (empty: nothing), and what it has received. Its threads may
+  // still run when the test is over.
   struct Server {
     std::function<std::string(const std::string&)> answer = [](const std::string& text) {
       return text;

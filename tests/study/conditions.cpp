@@ -8,8 +8,8 @@ namespace {
 using moru_vyr::lsp::AccConfigRecord;
 using std::chrono::milliseconds;
 
-// What must be set for anything to be measured, reported or switched. Everything else is as the
-// library takes it where nobody has set it.
+// The settings without which nothing is measured, reported or switched. Everything else has the
+// library's defaults.
 void Unset(AccConfigRecord* config) {
   config->link_switch_mask = 3;
   common::SetFieldText(config->list_text, "7");
@@ -19,7 +19,7 @@ void Unset(AccConfigRecord* config) {
   config->max_link_switch_count = 1000;
 }
 
-// Unset, no node passes its trial: the answer to a burst's last probe never counts.
+// By default no node passes its trial, because the answer to a burst's last probe never counts.
 void Least(AccConfigRecord* config) {
   Unset(config);
   config->switching_max_real_route_lost = 60;

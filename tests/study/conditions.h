@@ -23,7 +23,7 @@ struct Trouble {
   double loss_up = 0, loss_down = 0;
   int delay_ms = 0;      // more, over both ways
   int jitter_ms = 0;     // up to so much more, each way
-  bool at_both = false;  // the other node's way suffers as well
+  bool at_both = false;  // affects the other node's path as well
 
   sim::LinkOptions Up() const { return Link(loss_up); }
   sim::LinkOptions Down() const { return Link(loss_down); }
@@ -37,7 +37,7 @@ struct Settings {
   const char* name;
   const char* words;
   void (*apply)(moru_vyr::lsp::AccConfigRecord*);
-  // What they ask for at the least.
+  // The minimum that they configure.
   int burst_ms, trial_ms;
 };
 const std::vector<Settings>& AllSettings();

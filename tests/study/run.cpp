@@ -22,7 +22,7 @@ int Ms(sim::Duration time) {
   return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
 }
 
-// When each line with that part was written, in milliseconds of the world's time.
+// When each line that contains that text was written, in milliseconds of the world's time.
 std::vector<int> TimesOf(const std::string& part, const std::string& log) {
   constexpr int kDay = 86'400'000;
   const int start = static_cast<int>(sim::Options{}.unix_start_ms % kDay);
@@ -199,7 +199,7 @@ class Play : public udp_test::UdpWorld {
   std::set<std::string> by_b_;
 };
 
-// The child says its result in its last line.
+// The child prints its result in its last line.
 nlohmann::json InChild(uint64_t seed, const std::function<nlohmann::json()>& body) {
   sim::Options options;
   options.seed = seed;
@@ -224,7 +224,7 @@ nlohmann::json InChild(uint64_t seed, const std::function<nlohmann::json()>& bod
 Outcome RunTrouble(uint64_t seed, const Trouble& trouble, const Settings& settings,
                    const Spans& spans) {
   const nlohmann::json said = InChild(seed, [&]() -> nlohmann::json {
-    // Left behind on purpose: its threads run until the process ends.
+    // Leaked on purpose: its threads run until the process ends.
     const Outcome o = (new Play(settings, {}))->Through(trouble, spans);
     return {{"failure", o.failure},
             {"noticed", o.noticed},

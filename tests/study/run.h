@@ -33,9 +33,9 @@ struct Health {
   std::string failure;
   double flow_hours = 0;
   int bursts = 0, trials = 0, switches = 0;
-  int flows_moved = 0;  // at least once: what a move leaves behind can cause the next ones
+  int flows_moved = 0;  // at least once: the effects of a move can cause further ones
 };
-// So many flows at once, each through A, for that long.
+// That many flows at once, each through A, for that long.
 Health RunHealthy(uint64_t seed, const Losses& losses, const Settings& settings, int flows,
                   int minutes);
 

@@ -26,7 +26,7 @@ struct Owner {
   std::vector<moru_vyr::lsp::RecoverySwitchRecord> fired;
 };
 
-// Until the tick count has moved by so much: it may move in steps of 16 ms.
+// Waits until the tick count has advanced that far: it may move in steps of 16 ms.
 inline void Pass(common::u32 ms) {
   const DWORD start = GetTickCount();
   while (GetTickCount() - start < ms) Sleep(1);
@@ -72,7 +72,7 @@ class LinkJudge {
     judge.Init(socket, kToken, kGuid, acc, client, on_trial);
     return judge.RealRouteGetDefCurLost(true) != 0;  // one that does not judge answers 0
   }
-  // What the owner does with a request: whether there was one.
+  // Handles a request as the owner would; whether there was one.
   bool TakesUp(moru_vyr::lsp::LinkRequest request) {
     if (request != moru_vyr::lsp::LinkRequest::kSwitch) return false;
     owner.fired.push_back(judge.report());
@@ -99,7 +99,7 @@ class LinkJudge {
     Pass(kWait);
     EXPECT_TRUE(judge.OnUpdate());
   }
-  // Probes, of which so many are answered, and the loss that is read from them.
+  // Sends probes, of which `answered` get an answer; returns the loss that they show.
   common::u8 Probe(common::u32 sent, common::u32 answered, common::u8 relay_idx = 0) {
     for (common::u32 i = 0; i < sent; ++i) judge.RealRouteAddOneSendPkg(++seq);
     for (common::u32 i = 0; i < answered; ++i) judge.RealRouteAddOneRecvPkg(seq - i, relay_idx);

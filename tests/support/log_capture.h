@@ -13,7 +13,7 @@ namespace test {
 
 class LogCapture {
  public:
-  // Call sites write from that level on, and the file takes whatever they write.
+  // Call sites write from that level on, and everything that they write goes to the file.
   explicit LogCapture(common::u32 level = 0) : path_(dir_ / "test.log") {
     common::GetLogFile().Shut();  // an earlier test's
     EXPECT_TRUE(common::GetLogFile().Open(path_));
@@ -28,7 +28,7 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  // The last of it: a test that asks again and again need not read it all.
+  // The end of it: a test that polls need not read everything.
   std::string Text() const {
     common::GetLogFile().Flush();
     return ReadFileText(path_);

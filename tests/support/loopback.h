@@ -8,7 +8,7 @@
 
 namespace test {
 
-// Where sockets are real Windows sockets, they want to be asked for once.
+// Real Windows sockets need one WSAStartup.
 inline void StartWinsock() {
   static const int result = [] {
     WSADATA data;
@@ -17,7 +17,7 @@ inline void StartWinsock() {
   EXPECT_EQ(result, 0);
 }
 
-// Closes what it holds.
+// Closes its socket.
 class OwnSocket {
  public:
   explicit OwnSocket(SOCKET s = INVALID_SOCKET) : s_(s) {}

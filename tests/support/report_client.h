@@ -19,7 +19,7 @@ int UsedSlots(ClientRegion<Region>& region) {
 }
 
 // The process's own Tracker, which other tests have fed, writes into these regions too if its
-// thread still runs. For the beginning of a suite, before there are any.
+// thread still runs. Clears the regions for the beginning of a suite, before there are reports.
 inline void EndTheTrackerOfTheProcess() { moru_vyr::lsp::GetTracker().UnInit(); }
 
 struct ReportClient {

@@ -91,7 +91,7 @@ class RouteClient {
   RouteClient(const RouteClient&) = delete;
   RouteClient& operator=(const RouteClient&) = delete;
 
-  // Fills the buffer that nobody reads, and flips.
+  // Fills the buffer that is not being read, and swaps the two.
   void Publish(const moru_vyr::lsp::RouteTableImage& image) {
     const u32 other = Selector() == 0 ? 1 : 0;
     Buffer(other).image = image;
@@ -101,7 +101,7 @@ class RouteClient {
   moru_vyr::lsp::RouteRegion& Buffer(u32 index) {
     return *reinterpret_cast<moru_vyr::lsp::RouteRegion*>(view_ + 4 + index * 65680);
   }
-  // The buffer that readers use, to be spoilt under their eyes.
+  // The buffer that readers use, to be overwritten during a read.
   moru_vyr::lsp::RouteRegion& Live() { return Buffer(Selector() == 0 ? 0 : 1); }
 
  private:
@@ -148,7 +148,7 @@ inline void AddGlt(moru_vyr::lsp::LaunchTestRegion& region, u32 game_idc, u32 pr
   region.valid_count = region.valid_count + 1;
   record.game_idc = game_idc;
   record.proxy.proxy_idc = proxy_idc;
-  record.proxy.decision = moru_vyr::lsp::DECISION_OVER_MAX_LOST;  // must never be believed
+  record.proxy.decision = moru_vyr::lsp::DECISION_OVER_MAX_LOST;  // must never be used
   common::SetFieldText(record.proxy.proxy_addr, addr);
 }
 
@@ -164,7 +164,7 @@ class RoutePolicy : public testing::Test {
   }
   ~RoutePolicy() override { moru_vyr::lsp::ReplaceAccConfig(moru_vyr::lsp::AccConfig{}); }
 
-  // Makes what was written so far count: the configuration, and the image as the route table.
+  // Installs what was written so far: the configuration, and the image as the route table.
   void Publish() {
     moru_vyr::lsp::ReplaceAccConfig(config);
     if (!client) client = std::make_unique<RouteClient>();

@@ -1,4 +1,5 @@
-// A Tracker owned by the test, fed as the relay's worker feeds it, and decisions to feed it with.
+// A Tracker owned by the test and called as the relay's worker calls it, with decisions to pass to
+// it.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -41,7 +42,7 @@ inline moru_vyr::lsp::AccDecisionInfo SomeDecision(const std::string& guid = "gu
   return decision;
 }
 
-// The address of a temporary, for the length of one call.
+// The address of a temporary, for one call.
 template <class T>
 const T* At(const T& value) {
   return &value;
@@ -71,7 +72,7 @@ class TrackerTest : public testing::Test {
     tracker.SetAcceInfo(socket, true, &decision);
     tracker.RecordNegSuccess(socket, 9, 0x0a0b0c0d, 21, 0x05060708, &decision);
   }
-  // Has everything that waits reported, and the thread gone.
+  // Reports everything that waits, and ends the thread.
   void ReportAll() {
     tracker.Init();
     tracker.UnInit();

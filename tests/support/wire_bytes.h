@@ -1,4 +1,4 @@
-// Bytes of the wire as a person writes them, and as a failed test prints them.
+// Bytes of the protocol in readable notation, for tests and for their failure messages.
 #pragma once
 #include <cctype>
 #include <cstddef>

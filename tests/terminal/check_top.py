@@ -32,7 +32,7 @@ def flow(number, name="node-7", life=5000):
 
 
 class Top:
-    """The program in a terminal of its own, whose screen is kept up to date while one waits."""
+    """The program in a terminal of its own, whose screen is updated during waits."""
 
     def __init__(self, program, columns, rows, term="xterm-256color"):
         self.screen = Screen(columns, rows)
@@ -59,7 +59,7 @@ class Top:
         os.write(self.reports, "".join(json.dumps(line) + "\n" for line in lines).encode())
 
     def read(self, deadline):
-        """Takes in what was written. False once nobody can write there any more."""
+        """Reads what was written. False once nothing can be written there any more."""
         ready, _, _ = select.select([self.master], [], [], max(0, deadline - time.monotonic()))
         if not ready:
             return True
@@ -129,7 +129,7 @@ def check_size(checks, program, columns, rows, other):
 
 
 def check_full_width(checks, program):
-    """The last column belongs to the line: to clear behind it would clear it."""
+    """The last column belongs to the line: clearing after it would clear it."""
     top = Top(program, 100, 5)
     top.report(flow(0, name="a name that is longer than any column, to the end of the line"))
     checks.that(top.wait_for(lambda: top.shows("198.51.100.10:7000")), "a long line is shown")
@@ -144,7 +144,7 @@ def check_full_width(checks, program):
 
 
 def check_plain(checks, program):
-    """No terminal, or one that understands nothing: drawings one below the other."""
+    """Without a terminal, or in one without control sequences: drawings below each other."""
     lines = "".join(json.dumps(line) + "\n" for line in flow(0)).encode()
     piped = subprocess.run([program, "watch", "--from", "-", "--top"], input=lines,
                            capture_output=True, timeout=TIMEOUT_S)

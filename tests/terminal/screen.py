@@ -1,4 +1,4 @@
-"""A terminal's screen, as far as vyr_client draws on one. What it does not know is a mistake."""
+"""A terminal's screen, as far as vyr_client uses one. Unknown control sequences are errors."""
 import codecs
 import re
 

@@ -1,4 +1,4 @@
-"""What docs/glossary.md names in its last column stands in the tree: a file, a folder or a name."""
+"""Each name in the last column of docs/glossary.md exists in the tree: a file, a folder or a name."""
 import re
 
 from tree import Finding

@@ -40,7 +40,7 @@ class Row:
 
 
 def comment_of(line):
-    """What a line says behind its //; None where it has no comment."""
+    """The comment of a line after its //; None if it has none."""
     start = line.find("//")
     return None if start < 0 else line[start + 2:].strip()
 

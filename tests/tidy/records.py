@@ -41,7 +41,7 @@ def closing(code, opening):
 
 
 def statements(body):
-    """The body's own declarations, without what stands in inner braces."""
+    """The body's own declarations, without those in inner braces."""
     depth, current, ended_by_brace = 0, "", False
     for char in body:
         if char == "{":

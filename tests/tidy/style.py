@@ -1,4 +1,4 @@
-"""Every C++ file as clang-format 14 writes it. Other versions differ in trifles."""
+"""Every C++ file as clang-format 14 writes it. Other versions differ in details."""
 import shutil
 import subprocess
 

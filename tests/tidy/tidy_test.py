@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Each rule finds what it is there to find, and lets the rest pass."""
+"""Each rule finds what it should find, and lets the rest pass."""
 import contextlib
 import io
 import pathlib

@@ -20,7 +20,7 @@ class Finding:
 
 
 class Tree:
-    """All files that are, or are about to be, under version control."""
+    """All files that are under version control or about to be added."""
 
     def __init__(self, root):
         self.root = pathlib.Path(root)

@@ -1,6 +1,6 @@
-// Which games are served, and that nothing a client leaves in the region can harm the process that
-// reads it. The region has its real name: on one machine these tests run one at a time and never
-// beside a running client.
+// Which games are served. Whatever a client program leaves in the region, it must not harm the
+// process that reads it. The region has its real name: on one machine these tests run one at a time
+// and never beside a running client.
 #include "route/acc_config.h"
 
 #include <gtest/gtest.h>
@@ -89,7 +89,8 @@ class ReadConfig : public testing::Test {
     GetProcessInfo() = {};
   }
 
-  // Nobody's mutex is a new one at its next use, free whoever had it last: this keeps it known.
+  // A mutex without a handle is made anew at its next use, and free whoever owned it before: this
+  // keeps it open.
   const common::NamedMutex keeps_mutex_{kRestrictionMutexName};
 
   static bool MutexIsFree() {
@@ -207,7 +208,7 @@ TEST_F(ReadConfig, GameThatIsNotAcceleratedIsReadAndNotServed) {
   EXPECT_EQ(GetAccConfig()->game_id, 42u);
   EXPECT_STREQ(GetAccConfig()->uin, "10001");
   EXPECT_EQ(Traces().back(), "Based on server config, the game will not be accelerated:dawn.exe");
-  EXPECT_TRUE(ReadAccConfig());  // a configuration stands: nobody asks twice
+  EXPECT_TRUE(ReadAccConfig());  // the configuration is read once
 }
 
 TEST_F(ReadConfig, InstalledConfigurationIsNotReadAgain) {

@@ -1,4 +1,4 @@
-// What the configuration's modes let each kind of socket do.
+// What the configuration's modes allow each kind of socket.
 #include "route/acc_mode.h"
 
 #include <gtest/gtest.h>

@@ -182,8 +182,8 @@ TEST(BlockBuffer, ADrainedBlockIsUsedAgain) {
   }
 }
 
-// Read bytes count as free by the books, but their room is at the front of the block: a place at
-// its end must not run past it.
+// Read bytes count as free, but their room is at the front of the block: space at its end must not
+// run past it.
 TEST(BlockBuffer, APlaceNeverRunsPastItsBlock) {
   BlockBuffer buffer;
   u8* first = nullptr;
@@ -201,7 +201,7 @@ TEST(BlockBuffer, APlaceNeverRunsPastItsBlock) {
   EXPECT_EQ(Front(&buffer).size(), 10u);
 }
 
-// Drained blocks go too: what comes next is a block of zeros, not one with old bytes.
+// Drained blocks are freed too: the next one is all zeros, without old bytes.
 TEST(BlockBuffer, ClearGivesDrainedBlocksBack) {
   BlockBuffer buffer;
   FillBlock(&buffer);
@@ -268,7 +268,7 @@ class Model {
   Model(u32 seed, u32 largest) : random_(seed), largest_(largest) {}
 
   void Step() {
-    // By turns the writer, neither and the reader is the faster one.
+    // In turns the writer, neither and the reader is faster.
     if (steps_++ % 500 == 0) receives_percent_ = 5 + 45 * Below(3);
     switch (Below(500)) {
       case 0:

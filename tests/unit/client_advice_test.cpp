@@ -1,4 +1,4 @@
-// Advice about switching: each row spoils one thing in tables that cause no advice.
+// Advice about switching: each row breaks one thing in tables that cause no advice.
 #include "client/check/switch_advice.h"
 
 #include <gtest/gtest.h>
@@ -213,7 +213,7 @@ TEST(ClientAdvice, IsNotGivenWithoutSwitching) {
   }
 }
 
-// What nobody would write, but a region may hold.
+// Values that nobody would write, but that a region may hold.
 TEST(ClientAdvice, BearsAnyNumbers) {
   const auto tables = Sample();
   std::memset(static_cast<void*>(&tables->restriction.games), 0xff,
@@ -225,7 +225,7 @@ TEST(ClientAdvice, BearsAnyNumbers) {
   EXPECT_FALSE(AdviseOnSwitching(*tables).empty());
 }
 
-// Ten games through one bad node: it is bad once.
+// Ten games through one bad node: it is reported once.
 TEST(ClientAdvice, OfANodeIsSaidOnce) {
   client::ConfigFile file = ParseConfig(client::WriteSample({}));
   auto& games = file.tables->restriction.games;

@@ -76,7 +76,7 @@ TEST(ClientReportDrain, ASlotIsFreedByGivingBackAndNotByTaking) {
   EXPECT_TRUE(drain.Take(kWaitMs).empty());
 }
 
-// Whoever dies between the two leaves the report to the next.
+// A watcher that dies between the two leaves the report to the next one.
 TEST(ClientReportDrain, WhatWasTakenAndNotGivenBackIsThereForAnother) {
   Channel channel(client::kNegotiationResultReport);
   channel.Put(0, Failure(202));
@@ -147,7 +147,7 @@ TEST(ClientReportDrain, AMutexThatIsHeldCostsItsChannelAloneAndOnlyForNow) {
   EXPECT_EQ(drain.trouble(), "");
 }
 
-// Written out, but the slot could not be freed: it is freed later, and not told twice.
+// Written out, but the slot could not be freed: it is freed later, and not reported twice.
 TEST(ClientReportDrain, ASlotThatCouldNotBeFreedIsFreedLaterAndNotTakenTwice) {
   Channel channel(client::kNegotiationResultReport);
   channel.Put(0, Failure(202));
@@ -175,7 +175,8 @@ TEST(ClientReportDrain, ARegionOfAnotherVersionIsTroubleAndIsReadOnceItIsRight) 
   EXPECT_EQ(drain.Take(kWaitMs).size(), 1u);
 }
 
-// The regions go with the client that made them; what games still report into them must not.
+// The regions end with the client program that made them; reports that games still write must not
+// be lost.
 TEST(ClientReportDrain, ReportsOutliveTheClientThatMadeTheRegion) {
   auto channel = std::make_unique<Channel>(client::kNegotiationResultReport);
   ReportDrain drain;

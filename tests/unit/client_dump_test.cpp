@@ -167,7 +167,7 @@ class RandomFile {
     return value > INT64_MAX ? "'" + digits + "'" : digits;
   }
 
-  // Letters of any kind, quotes, backslashes, control signs; never the same for another index.
+  // Letters of any kind, quotes, backslashes, control characters; different for each index.
   std::string Quoted(unsigned index) {
     static const char* const kParts[] = {"a", "'", "\"", "\\", "\xC3\xA4", "\n", "\x7f", " ", "#"};
     std::string text = std::to_string(index);

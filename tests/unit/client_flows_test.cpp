@@ -74,7 +74,7 @@ TEST(ClientReportWords, ADecisionSaysWhereAndWhy) {
             "servers");
 }
 
-// Reason 0 goes by the node, 1 does not: the three that do are few.
+// Reason 0 is about the node, 1 is not: only three are.
 TEST(ClientReportWords, OnlyThreeReasonsGoThroughANode) {
   for (int32_t reason = -1; reason <= 16; ++reason) {
     const bool relayed = reason == 0 || reason == 11 || reason == 16;
@@ -160,7 +160,7 @@ TEST(ClientFlowBook, RatesAreOfTheTimeBetweenTwoReportsAndSurviveAWrap) {
   EXPECT_DOUBLE_EQ(book.flows().front().points[1].sent_rate, 1024);
 }
 
-// With one relay every probe is booked as sent in both halves and answered in the first.
+// With one relay every probe is counted as sent in both halves and answered in the first.
 TEST(ClientFlowBook, OneRelayHasNoBackend) {
   FlowBook book;
   CommInfoRecord record = Traffic("g", 5000);
@@ -293,7 +293,7 @@ TEST(ClientFlowBook, MarksStandInTheOrderOfTheirTimes) {
   EXPECT_TRUE(book.flows().front().ended);
 }
 
-// Figures carry their own time; what a late watcher takes out beside them does not.
+// Figures carry their own time; other reports that a late watcher takes out do not.
 TEST(ClientFlowBook, WhatWasTakenOutLateStillStandsBeforeWhatCameAfterIt) {
   FlowBook book;
   book.Add(FailureReport("g", 202, 60000));
@@ -429,7 +429,7 @@ TEST(ClientReportPage, DataThatLooksLikeAPlaceholderIsData) {
   EXPECT_TRUE(Has(page, "\"/*CHART-SCRIPT*/ /*DATA*/\""));
 }
 
-// A delay that was never measured is a gap, and no zero.
+// A delay that was never measured is a gap, not a zero.
 TEST(ClientReportPage, UnansweredProbesAreAGapInTheDelayAndALossOfAll) {
   FlowBook book;
   CommInfoRecord record = Traffic("g", 5000);

@@ -57,7 +57,7 @@ TEST(ClientTakeover, TheFirstTextMakesWhatItFills) {
   EXPECT_FALSE(common::Shared_mem_obj::Exists(kSpurRegionName));
 }
 
-// A route region that is there keeps the library from the route file, so none may be made.
+// An existing route region keeps the library from the route file, so none may be made.
 TEST(ClientTakeover, AFileWithoutRoutesMakesNoRouteRegion) {
   Takeover takeover({});
   EXPECT_EQ(Changes(takeover.Apply(kGame, kTakeoverWaitMs)), "games: 1 game\n");
@@ -92,7 +92,7 @@ TEST(ClientTakeover, ABrokenTextLeavesEverythingInForce) {
   }
   const auto after = ReadRegions(kTakeoverWaitMs);
   EXPECT_EQ(std::memcmp(before.tables.get(), after.tables.get(), sizeof(client::Tables)), 0);
-  // And a right one is taken over as if nothing had been.
+  // And a valid one is taken over as if nothing had happened.
   EXPECT_NE(Changes(takeover.Apply(kGame + Nodes("1.2.3.5"), kTakeoverWaitMs)), "");
 }
 

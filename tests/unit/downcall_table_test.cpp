@@ -22,7 +22,7 @@ struct DowncallTableTest : testing::Test {
     common::GetProcessInfo() = {};
     GetHookFlags().speed_tester_mode = false;
   }
-  // A table that can be told from the others.
+  // A table that differs from the others.
   WSPPROC_TABLE Marked(int mark) {
     WSPPROC_TABLE marked = test::ScriptedProvider::Table();
     const std::uintptr_t word = static_cast<std::uintptr_t>(mark);
@@ -146,7 +146,7 @@ TEST_F(DowncallTableTest, ReplacesTwelveEntriesOfThirty) {
   int kept = 0;
   for (int i = 0; i < 30; ++i) kept += before[i] == after[i];
   EXPECT_EQ(kept, 18);
-  // What the process files is the next provider's own table.
+  // The process stores the next provider's own table.
   EXPECT_EQ(std::memcmp(&process.tcp_proc_table, &next, sizeof next), 0);
 }
 

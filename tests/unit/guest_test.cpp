@@ -1,5 +1,5 @@
 // What the library shares with its host: the runtime's random numbers, its locale, its error number
-// and the processor's floating-point modes. A game draws the numbers that its seed gives, and reads
+// and the processor's floating-point modes. A game gets the random numbers of its seed and reads
 // its own errors, whatever is between it and its sockets.
 #include <gtest/gtest.h>
 #include <winsock2.h>

@@ -7,6 +7,7 @@
 #include "sockets/check_and_bind.h"
 #include "sockets/socket_map.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -87,12 +88,12 @@ TEST_F(CheckAndBindTest, ThePortIsAskedForOnce) {
   EXPECT_TRUE(log.Contains("[0][lsp]CheckAndBind, retrieve port=4000 for socket=4322\n"));
 }
 
-// Kept: an answer is an answer. The next call asks again.
+// Kept: every answer is accepted. The next call asks again.
 TEST_F(CheckAndBindTest, APortOfZeroIsBelieved) {
   port = 1;
   EXPECT_TRUE(CheckAndBind(kSocket, &port));
   EXPECT_EQ(port, 0);
-  EXPECT_FALSE(log.Contains("CheckAndBind return false"));
+  EXPECT_FALSE(log.Contains(test::kBindRefused));
   EXPECT_EQ(next.binds, 0);
   next.name_port = 4000;
   EXPECT_TRUE(CheckAndBind(kSocket, &port));
@@ -114,22 +115,23 @@ TEST_F(CheckAndBindTest, WithoutAPortThereIsNone) {
   next.bind_error = WSAEACCES;
   EXPECT_FALSE(CheckAndBind(kSocket, &port));
   EXPECT_EQ(port, 0);
-  EXPECT_TRUE(log.Contains("[4][lsp]CheckAndBind return false, socket=4322\n"));
-  EXPECT_FALSE(log.Contains("CheckAndBind failed"));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::kBindRefused + "4322\n"));
+  EXPECT_FALSE(log.Contains(test::kBindFailed));
 }
 
 TEST_F(CheckAndBindTest, AnotherErrorIsNamed) {
   next.name_error = WSAENOTSOCK;
   EXPECT_FALSE(CheckAndBind(kSocket, &port));
   EXPECT_EQ(next.binds, 0);
-  EXPECT_TRUE(log.Contains("[5][lsp][LSP] CheckAndBind failed, error = 10038, socket=4322\n"));
-  EXPECT_TRUE(log.Contains("[4][lsp]CheckAndBind return false, socket=4322\n"));
+  EXPECT_TRUE(
+      log.Contains("[5][lsp][LSP] " + test::kBindFailed + ", error = 10038, socket=4322\n"));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::kBindRefused + "4322\n"));
 }
 
 TEST_F(CheckAndBindTest, ASocketWithoutARecordHasNone) {
   EXPECT_FALSE(CheckAndBind(kSocket + 1, &port));
   EXPECT_EQ(next.names, 0);
-  EXPECT_TRUE(log.Contains("[4][lsp]CheckAndBind return false, socket=4323\n"));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::kBindRefused + "4323\n"));
 }
 
 TEST_F(CheckAndBindTest, ANextProviderWithoutTheCallHasNone) {

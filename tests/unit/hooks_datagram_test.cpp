@@ -7,6 +7,7 @@
 #include "hooks/hook_entries.h"
 #include "sockets/socket_map.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/unit/scripted_provider.h"
 
 namespace moru_vyr::lsp {
@@ -81,7 +82,7 @@ TEST_F(DatagramHooks, SendToPassesItsArgumentsAndLeavesTheCountAlone) {
   EXPECT_EQ(bytes, 99u);
 }
 
-// How much of an address is valid is for the caller to say and for the next provider to judge.
+// The caller says how much of an address is valid, and the next provider judges it.
 TEST_F(DatagramHooks, SendToPassesTheLengthOfTheAddressAsItIs) {
   sockaddr_in room[2] = {server};
   for (const int size : {-1, 0, 2, 15, 16, 17, 32}) {
@@ -185,8 +186,8 @@ TEST_F(DatagramHooks, UnknownSocketsFailInBothPlaces) {
   EXPECT_EQ(error, 10050);
   EXPECT_EQ(WSAGetLastError(), 10050);
   EXPECT_TRUE(next.calls.empty());
-  EXPECT_TRUE(log.Contains("WSPSendTo: next_proc_table invalid, socket=2457\n"));
-  EXPECT_TRUE(log.Contains("WSPRecvFrom: next_proc_table invalid, socket=2457\n"));
+  EXPECT_TRUE(log.Contains(test::NoNextProvider("WSPSendTo") + "2457\n"));
+  EXPECT_TRUE(log.Contains(test::NoNextProvider("WSPRecvFrom") + "2457\n"));
 }
 
 // A relay that was refused, one that runs, a destination that is known: none of it matters
@@ -202,7 +203,7 @@ TEST_F(DatagramHooks, RelayFieldsOfTheRecordChangeNothingWithoutARelay) {
   EXPECT_EQ(RecvFrom(&from), 0);
   EXPECT_EQ(std::memcmp(&from, &relay, sizeof from), 0);
   EXPECT_EQ(WSPCloseSocket(next.socket, &error), 0);
-  EXPECT_EQ(next.calls.size(), 3u);  // and no word to the relay at the end
+  EXPECT_EQ(next.calls.size(), 3u);  // and no message to the relay at the end
 }
 
 }  // namespace

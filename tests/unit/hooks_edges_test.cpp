@@ -158,8 +158,8 @@ TEST_F(HookEdges, ASocketValueThatComesBackKeepsItsFirstRecord) {
   test::LogCapture log(4);
   Make(2, 17);
   EXPECT_EQ(Record().token, first);
-  EXPECT_EQ(Record().type, 1);
-  EXPECT_EQ(Record().protocol, 6);
+  EXPECT_EQ(Record().type, SOCK_STREAM);
+  EXPECT_EQ(Record().protocol, IPPROTO_TCP);
   EXPECT_TRUE(log.Contains("socket=" + std::to_string(next.socket) +
                            ", token=" + std::to_string(first + 1) + "\n"))
       << log.Text();
@@ -185,7 +185,7 @@ TEST_F(HookEdges, ConnectExNeedsNoConnectBelow) {
 
 // --- pings ----------------------------------------------------------------------------------
 
-// A message lies in the first buffer, as far as anyone here looks.
+// A ping message is expected in the first buffer alone.
 TEST_F(HookEdges, APingIsReadFromTheFirstOfItsBuffers) {
   Make(3, 1);
   EXPECT_EQ(
@@ -209,7 +209,7 @@ TEST_F(HookEdges, APingIsReadFromTheFirstOfItsBuffers) {
 
 // --- levels ---------------------------------------------------------------------------------
 
-// The life of a socket is told at the level of events, whatever else is.
+// The life of a socket is logged at the level of events, whatever happens to it.
 TEST_F(HookEdges, TheLifeOfASocketIsToldAtTheLevelOfEvents) {
   test::LogCapture log(4);
   Make();
@@ -295,7 +295,7 @@ TEST_F(HookEdges, EachCallCountsItsFailuresApart) {
 
 // --- a socket that may not be relayed -------------------------------------------------------
 
-// Whatever its record says of a relay, nobody is asked for one.
+// Whatever its record says about a relay, none is asked for.
 TEST_F(HookEdges, AConnectedSocketThatMayNotBeRelayedAsksForNothing) {
   Make(2, 17);
   GetSocketMap().SetUdpConnectMode(next.socket, true);

@@ -11,6 +11,7 @@
 #include "hooks/hook_entries.h"
 #include "sockets/socket_map.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/unit/scripted_provider.h"
 
 namespace moru_vyr::lsp {
@@ -221,8 +222,8 @@ TEST_F(ExtensionHooks, AMissingConnectExAnswersMinusOne) {
   EXPECT_EQ(WSPConnectEx(0x999, Generic(server), 16, nullptr, 0, nullptr, nullptr), -1);
   EXPECT_EQ(WSPConnectEx(next.socket, nullptr, 16, nullptr, 0, nullptr, nullptr), -1);
   EXPECT_EQ(WSAGetLastError(), 4711);
-  EXPECT_TRUE(log.Contains("[4][lsp]WSPConnectEx: WSPIoctl get function pointer failure, " + tail));
-  EXPECT_TRUE(log.Contains("[5][lsp]WSPConnectEx: next_proc_table invalid, socket=2457\n"));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::kNoConnectEx + tail));
+  EXPECT_TRUE(log.Contains("[5][lsp]" + test::NoNextProvider("WSPConnectEx") + "2457\n"));
 }
 
 }  // namespace

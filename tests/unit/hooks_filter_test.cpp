@@ -1,4 +1,4 @@
-// What the failure filter keeps for a socket, as its calls leave it behind.
+// What the failure filter keeps for a socket.
 #include <gtest/gtest.h>
 
 #include "hooks/hook_entries.h"

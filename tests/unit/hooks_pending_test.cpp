@@ -95,7 +95,7 @@ TEST_F(PendingCalls, AConnectWithAnOverlappedResult) {
       << log.Text();
 }
 
-// Without a place for the error nobody can tell that the call is pending.
+// Without a place for the error it cannot be seen that the call is pending.
 TEST_F(PendingCalls, ACallThatHasNoPlaceForItsError) {
   EXPECT_EQ(WSPRecvFrom(next.socket, &its.buffer, 1, &its.bytes, &its.flags,
                         reinterpret_cast<sockaddr*>(&its.address), &its.address_size,
@@ -118,7 +118,7 @@ TEST_F(PendingCalls, ACallThatHasNoPlaceForItsError) {
             SOCKET_ERROR);
 }
 
-// A call that has failed is over, and its line tells what the provider left.
+// A call that has failed is over, and its log line has the values that the provider left.
 TEST_F(PendingCalls, AReceiveThatHasFailedIsLoggedAsItEnded) {
   next.error = WSAEMSGSIZE;
   next.meanwhile = [this] { its.flags = kPartial; };

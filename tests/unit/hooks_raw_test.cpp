@@ -7,6 +7,7 @@
 #include "hooks/hook_entries.h"
 #include "sockets/socket_map.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/unit/scripted_provider.h"
 
 namespace moru_vyr::lsp {
@@ -63,7 +64,7 @@ TEST_F(RawHooks, APingIsHeldAndAnsweredWithoutTheNextProvider) {
   EXPECT_EQ(Send(), 0);
   EXPECT_EQ(sent, 8u);
   EXPECT_TRUE(next.calls.empty());
-  EXPECT_TRUE(log.Contains("[0][lsp][RAW]CheckinConnectionPingRequest: buffer_len=8, " + tail()));
+  EXPECT_TRUE(log.Contains("[0][lsp]" + test::kPingForRelayed + "8, " + tail()));
   WaitUntilDue();
   EXPECT_EQ(Recv(300), 0);
   EXPECT_EQ(received, 28u);
@@ -100,7 +101,7 @@ TEST_F(RawHooks, CountsMayBeMissing) {
   EXPECT_EQ(next.calls.size(), 1u) << "the connect alone";
 }
 
-// Kept: the game is told of more than it got.
+// Kept: the game is told a larger count than it got.
 TEST_F(RawHooks, TheCountOfAReplyThatIsCutIsItsOwn) {
   MakeSocket();
   Connect();
@@ -139,7 +140,7 @@ TEST_F(RawHooks, OnlyConnectedIcmpSocketsAreAnsweredFor) {
   EXPECT_EQ(next.Last().name, "WSPSend") << "not connected";
 }
 
-// The address is not read beyond what the game says there is of it.
+// The address is not read beyond the length that the game gives.
 TEST_F(RawHooks, AShortAddressCountsAsZero) {
   MakeSocket();
   Connect(4);

@@ -1,5 +1,5 @@
-// A game's raw pings, answered with forged replies. At stake: the bytes and the time of a reply are
-// all that the game's ping display has, and the buffers are the game's own.
+// A game's raw pings, answered with forged replies. At stake: the game's ping display depends on
+// the bytes and the time of a reply alone, and the buffers belong to the game.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,6 +13,7 @@
 #include "icmp/icmp_vm.h"
 #include "icmp/ping_reply.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/threads.h"
 #include "tests/support/wire_bytes.h"
 #include "tests/unit/out_of_memory.h"
@@ -116,7 +117,7 @@ struct IcmpPing : testing::Test {
   u32 reply_length = 0;
 };
 
-// --- the sums --------------------------------------------------------------------------------
+// --- checksums -------------------------------------------------------------------------------
 
 TEST(IcmpSums, TheTwoReadTheirWordsInDifferentOrders) {
   const u8 words[] = {0x12, 0x34, 0x00, 0x01};
@@ -182,8 +183,7 @@ TEST_F(IcmpPing, AShortBufferGetsWhatFits) {
   }
 }
 
-// Some games say that there is more of a buffer than there is; a reply that fits was never a
-// reason to fault.
+// Some games pass a length beyond their buffer; a reply that fits must not fault.
 TEST_F(IcmpPing, NothingBehindTheReplyIsTouched) {
   ping_request_t request;
   request.size = 8;
@@ -192,7 +192,8 @@ TEST_F(IcmpPing, NothingBehindTheReplyIsTouched) {
   EXPECT_EQ(buffer[0], 0x45);
 }
 
-// --- what is held back -----------------------------------------------------------------------
+// --- which requests are held
+// -----------------------------------------------------------------------
 
 TEST_F(IcmpPing, OnlyWholeEchoRequestsAreHeld) {
   std::vector<char> good = Message(64, kChecksumOf64);
@@ -203,7 +204,7 @@ TEST_F(IcmpPing, OnlyWholeEchoRequestsAreHeld) {
   {
     const test::LogCapture log(0);
     EXPECT_FALSE(Checkin(wrong_sum));
-    EXPECT_TRUE(log.Contains("[RAW]CheckinPingRequest, lag value=50")) << "the route comes first";
+    EXPECT_TRUE(log.Contains(test::kPingLag)) << "the route comes first";
   }
   EXPECT_FALSE(Checkin(timestamp));
   EXPECT_FALSE(vm.CheckinConnectionPingRequest(kSocket, nullptr, 64));
@@ -281,7 +282,7 @@ TEST_F(IcmpPing, SaysWhatItDoes) {
   EXPECT_TRUE(log.Contains("[0][lsp][RAW] CheckoutPingResponse: No Request in Queue, " + tail));
   ASSERT_TRUE(Checkin());
   EXPECT_TRUE(log.Contains("[0][lsp][RAW]CheckinConnectionPingRequest, " + tail));
-  EXPECT_TRUE(log.Contains("[0][lsp][RAW]CheckinPingRequest, lag value=50, " + tail));
+  EXPECT_TRUE(log.Contains("[0][lsp]" + test::kPingLag + tail));
   vm.AddRawSocket(kSocket, 16909060);
   EXPECT_TRUE(log.Contains("[0][lsp][RAW]AddRawSocket, repeated. ip=16909060, " + tail));
   EXPECT_TRUE(Checkout().empty());
@@ -290,7 +291,7 @@ TEST_F(IcmpPing, SaysWhatItDoes) {
   WaitUntilDue();
   EXPECT_FALSE(Checkout().empty());
   EXPECT_EQ(from_ip, kIp) << "the first address stays";
-  EXPECT_TRUE(log.Contains("[0][lsp][RAW] FreePingRequestCache: cursize=512\n"));
+  EXPECT_TRUE(log.Contains("[0][lsp]" + test::PingsStored(512)));
   char buffer[28];
   u32 length = 28;
   EXPECT_FALSE(vm.CheckoutPingResponse(kSocket + 1, buffer, &length, nullptr));
@@ -330,11 +331,11 @@ TEST(PingPool, HandsOutItsSlotsAndThenTheHeap) {
   EXPECT_EQ(extra->size + extra->lag, 0u) << "cleared";
   test::LogCapture log(0);
   pool.FreePingRequestCache(extra);
-  EXPECT_TRUE(log.Contains("[RAW] FreePingRequestCache: cursize=0\n"));
+  EXPECT_TRUE(log.Contains(test::PingsStored(0)));
   requests[7]->size = 99;
   pool.FreePingRequestCache(requests[7]);
   pool.FreePingRequestCache(requests[3]);
-  EXPECT_TRUE(log.Contains("[RAW] FreePingRequestCache: cursize=2\n"));
+  EXPECT_TRUE(log.Contains(test::PingsStored(2)));
   pool.FreePingRequestCache(nullptr);
   EXPECT_EQ(pool.AllocPingRequest(), requests[7]) << "what came free first goes first";
   EXPECT_EQ(requests[7]->size, 0u) << "cleared";
@@ -366,7 +367,7 @@ TEST(PingPool, FreedUnderLiveRequestsItKeepsThemAlive) {
   first->size = 8;  // still there
   test::LogCapture log(0);
   pool.FreePingRequestCache(first);
-  EXPECT_TRUE(log.Contains("cursize=511\n")) << "it went back to where it came from";
+  EXPECT_TRUE(log.Contains(test::PingsStored(511))) << "it went back to where it came from";
   for (u32 i = 1; i < PingPool::kSlots; ++i) {
     ping_request_t* const slot = pool.AllocPingRequest();
     ASSERT_EQ(slot->from_heap, 0u);
@@ -385,7 +386,7 @@ TEST(PingPool, ForgottenUnderLiveRequestsItFreesNothing) {
   EXPECT_NE(pool.AllocPingRequest(), request);
   test::LogCapture log(0);
   pool.FreePingRequestCache(request);
-  EXPECT_TRUE(log.Contains("cursize=511\n")) << "the new block's";
+  EXPECT_TRUE(log.Contains(test::PingsStored(511))) << "the new block's";
 }
 
 TEST(PingPool, EmptyItIsFreedAndMadeAnew) {
@@ -435,7 +436,7 @@ TEST_F(IcmpPing, ARequestThatFindsNoMemoryIsNotHeld) {
   const test::LogCapture log(0);
   for (int i = 0; i <= held; ++i) EXPECT_EQ(Checkout().size(), 84u);
   EXPECT_TRUE(Checkout().empty());
-  EXPECT_TRUE(log.Contains("[RAW] FreePingRequestCache: cursize=512\n")) << "no slot is lost";
+  EXPECT_TRUE(log.Contains(test::PingsStored(512))) << "no slot is lost";
 }
 
 TEST_F(IcmpPing, ASocketThatFindsNoMemoryIsNotKnown) {

@@ -1,5 +1,5 @@
 // When lines reach the disk, when a file starts afresh, when it stops growing; and that a log that
-// nobody can write to does not disturb the host.
+// cannot be written to does not disturb the host.
 #include "common/log_file.h"
 
 #include <gtest/gtest.h>
@@ -183,7 +183,7 @@ TEST(LogFile, FileStopsGrowingAtTheLimitOfARun) {
   EXPECT_EQ(FileSize(dir / "run.log"), 2599);  // and the end of the process changes nothing
 }
 
-// Kept: what nobody may write any more stays in memory, line by line, for the rest of the run.
+// Kept: lines that can no longer be written stay in memory for the rest of the run.
 TEST(LogFile, PastTheLimitTheTextGrowsInMemory) {
   const TempDir dir;
   LogFile log(2000);
@@ -237,8 +237,8 @@ TEST(LogFile, OthersMayReadAndNotWrite) {
 }
 
 #ifdef _WIN32
-// Holds the log's lock by suspending a thread that writes all the time, at a moment when it has
-// it. A write that then fails, after its hundred tries, is the proof of the moment.
+// Holds the log's lock by suspending a thread that writes all the time, at a moment when it has it.
+// If a write then fails after its hundred tries, the moment was the right one.
 class StuckLogger {
  public:
   explicit StuckLogger(LogFile* log) : log_(log) {

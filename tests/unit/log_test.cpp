@@ -42,7 +42,7 @@ TEST(Log, LineHasTimeThreadLevelTagAndOneNewline) {
   EXPECT_EQ(match[1].str(), std::to_string(static_cast<int>(GetCurrentThreadId())));
 }
 
-// As a line begins with it, so that times compare as texts.
+// The time at the start of a line, so that times compare as texts.
 std::string LocalTime() {
   SYSTEMTIME now = {};
   GetLocalTime(&now);
@@ -106,7 +106,7 @@ __attribute__((noinline, no_sanitize_address)) void PaintStack() {
 }
 __attribute__((noinline, no_sanitize_address)) std::size_t StackUsed() {
   unsigned char area[kPainted];
-  asm volatile("" : "=m"(area));  // what was there, for all the compiler knows
+  asm volatile("" : "=m"(area));  // reads the old content, for all the compiler knows
   std::size_t clean = kFrameSlack;
   while (clean < kPainted && area[clean] == kPaint) ++clean;
   return kPainted - clean;

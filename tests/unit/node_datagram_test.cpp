@@ -185,7 +185,7 @@ TEST(NodeLane, JitterStaysInItsBoundsAndInOrder) {
   EXPECT_TRUE(least && most);
 }
 
-// A link that gets better does not let the new overtake the old.
+// When a link improves, new datagrams do not overtake old ones.
 TEST(NodeLane, OrderIsKeptWhenTheDelayShrinks) {
   Lane lane(1);
   EXPECT_EQ(lane.Decide({.delay_ms = 500}, 0).due[0], 500u);
@@ -263,12 +263,12 @@ TEST(NodeLossMeter, RemembersFiveSecondsAndNoMore) {
   EXPECT_NEAR(meter.Percent(now), 3, 1);  // of the 300 ms that were left out before
   now = Feed(&meter, 1101, 50, now, kNone);
   EXPECT_EQ(meter.Percent(now), 0);
-  // And with nobody sending it knows nothing.
+  // Without datagrams nothing is known.
   EXPECT_NEAR(meter.Percent(now + 4000), 0, 0);
   EXPECT_EQ(meter.Percent(now + 6000), LossMeter::kNotKnown);
 }
 
-// From 2 percent on a client may take the link for a bad one, which one datagram does not make it.
+// At 2 percent a client may judge the link bad, which a single datagram must not cause.
 TEST(NodeLossMeter, OneDatagramAtAGamesPaceIsOnePercent) {
   LossMeter meter;
   u64 now = 0;

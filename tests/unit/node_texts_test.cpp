@@ -192,7 +192,7 @@ TEST_F(NodeCommand, DoTheRest) {
   const std::string got = Run(R"({"command":"get"})");
   for (const node::BehaviourField& field : node::BehaviourFields())
     EXPECT_NE(got.find(std::string("\"") + field.name + "\":"), std::string::npos) << field.name;
-  // What get says, set takes.
+  // What `get` prints, `set` accepts.
   const std::size_t begin = got.find("{\"on_accept\"") + 1;
   EXPECT_EQ(Run("{\"command\":\"set\"," + got.substr(begin, got.size() - begin - 1)),
             R"({"ok":true})");

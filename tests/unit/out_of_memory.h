@@ -7,8 +7,8 @@ namespace test {
 
 class OutOfMemory {
  public:
-  // More than a simulated platform ever asks for on its own account, in the locks and waits of the
-  // product's that may not fail.
+  // More than the simulated platform ever allocates for itself, in locks and waits of the product
+  // that must not fail.
   static constexpr std::size_t kOfTheProduct = 128;
 
   explicit OutOfMemory(int nth = 1, std::size_t smallest = 1);

@@ -6,11 +6,11 @@
 #include <ws2spi.h>
 
 #include "gtest/gtest.h"
+#include "port/shared/backend.h"
 #include "port/shared/base_startup.h"
 #include "port/shared/catalogue.h"
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
-#include "port/shared/rendition.h"
 #include "port/shared/winsock.h"
 
 namespace {

@@ -133,8 +133,8 @@ TEST(ProtocolLength, TheHeaderOfADatagramNeeds20) {
 
 // --- whole messages, cut short --------------------------------------------------------------
 
-// Each form that a message takes in front of a reader: as it is, every shorter length must be
-// refused, and with the number that says why.
+// Each form in which a message reaches a reader: every shorter length must be refused, with the
+// number that says why.
 template <class Message>
 void ExpectEveryTruncationRefused(u32 version, u32 size) {
   Message message;

@@ -32,7 +32,7 @@ class Random {
   std::mt19937 engine_;
 };
 
-// A record whose every byte is chance. Extreme values come often.
+// A record of random bytes. Extreme values are frequent.
 template <class Record>
 Record RandomRecord(Random* random) {
   Bytes bytes(sizeof(Record));
@@ -180,7 +180,7 @@ TEST(ProtocolDecoder, PartsOfRecordsRoundTrip) {
 
 Bytes Damaged(Bytes bytes, Random* random) {
   for (u32 changes = (*random)() % 4; changes > 0; --changes) {
-    // Half of them where the lengths and versions are, and half to values that make sense there.
+    // Half of the changes hit lengths and versions, and half of the values are valid there.
     const std::size_t reach = random->Coin() ? 10 : bytes.size();
     bytes[(*random)() % reach] = static_cast<u8>(random->Coin() ? (*random)() % 80 : (*random)());
   }
@@ -221,7 +221,7 @@ TEST(ProtocolDecoder, BothReadersJudgeDamagedResponsesTheSame) {
   ReadersAgree<NegoResponse, wire::Answer>(&random);
 }
 
-// Every record of every version, cut after every byte: both refuse each cut, in the same words.
+// Every record of every version, cut after every byte: both refuse each cut with the same result.
 template <class Message, class Read>
 void BothRefuseEveryTruncation(u32 version) {
   Message sent;

@@ -26,7 +26,7 @@ struct Judged {
 
 const Judged kJudged[] = {
     {"healthy", {0, 50, 0, 100, 2, 0}, LinkTrouble::kNone},
-    // Dead: nothing came, and that is known.
+    // Dead: nothing arrived although something was expected.
     {"dead", {102, 0, 0, 0, 0, 0}, LinkTrouble::kDead},
     {"dead with a loss", {100, 0, 100, 0, 0, 100}, LinkTrouble::kDead},
     {"quiet, with answers to probes", {102, 0, 102, 0, 1, 0}, LinkTrouble::kNone},
@@ -52,7 +52,7 @@ const Judged kJudged[] = {
     {"long loss of 102 counts as none", {0, 50, 102, 20, 2, 0}, LinkTrouble::kNone},
     {"long loss of 201 counts as none", {0, 50, 201, 20, 2, 0}, LinkTrouble::kNone},
     {"an unknown short loss leaves the long one", {201, 0, 5, 20, 0, 0}, LinkTrouble::kLongLoss},
-    // Probes, where the game says little.
+    // Probes, if the game sends little.
     {"route loss", {0, 5, 0, 19, 2, 30}, LinkTrouble::kRouteLoss},
     {"route loss below its limit", {0, 5, 0, 19, 2, 29}, LinkTrouble::kNone},
     {"route loss beside enough data", {0, 50, 0, 20, 2, 30}, LinkTrouble::kNone},

@@ -1,5 +1,5 @@
 // Losses from sequence numbers: what is expected, what counts, and when it is evaluated. A wrong
-// percentage here moves a game that plays well to another node, or leaves it on a dead one.
+// percentage moves a healthy flow to another node, or leaves one on a dead node.
 #include "quality/lost_calc.h"
 
 #include <gtest/gtest.h>
@@ -157,7 +157,7 @@ TEST(LostCalc, ArrivalsMakeTheRangeAndFillIt) {
   EXPECT_EQ(calc.Get(5, true), (Lost{80, 5, 1}));
   calc.AddOneRecv(103);
   EXPECT_EQ(calc.Get(5, true), (Lost{60, 5, 2}));
-  calc.AddOneRecv(100);  // the base, and what lies below it, belong to nobody
+  calc.AddOneRecv(100);  // the base, and numbers below it, do not count
   calc.AddOneRecv(99);
   EXPECT_EQ(calc.Get(5, true), (Lost{60, 5, 2}));
 }
@@ -298,8 +298,8 @@ TEST(LostCalc, SumsTheResultsOfClosedSlots) {
   EXPECT_EQ(calc.lost_accum_count(), 2u);
 }
 
-// A node that starts again, or the link after a switch. Arrivals below everything are not seen,
-// until they have passed the old numbers; sends lower the base of their slot and make it very wide.
+// A node that restarts, or the link after a switch. Arrivals below everything are not seen, until
+// they have passed the old numbers; sends lower the base of their slot and make it very wide.
 TEST(LostCalc, NumbersThatStartAgainAreMisunderstood) {
   Calc arrivals(kArrivals, 2);
   arrivals.Recv(1000, 1010);

@@ -97,9 +97,7 @@ TEST(RecoverySwitch, SaysWhyItDoesNotMeasure) {
   link.config.link_switch_mask = 3;
   link.acc.flag = 0xFFFFFFFD;
   EXPECT_FALSE(link.Start());
-  EXPECT_TRUE(
-      log.Contains("[RecoverySwitch][IsAllowCalc], flag not allow calc, flag=-3, "
-                   "proxy_idc=42, socket=1234, token=77"));
+  EXPECT_TRUE(log.Contains(test::MeasuringBarred(-3) + "42, socket=1234, token=77"));
 }
 
 TEST(RecoverySwitch, AnUnusableUnitLeavesItSilent) {
@@ -241,7 +239,7 @@ TEST(RecoverySwitch, WithoutAReadingThereIsNoLoss) {
   LinkJudge link;
   ASSERT_TRUE(link.Start());
   link.PassReportLimit();
-  link.JudgesLoss();  // what the last reading found, and there was none: 0
+  link.JudgesLoss();  // the result of the last reading; there was none: 0
   EXPECT_TRUE(link.owner.fired.empty());
 }
 
@@ -298,7 +296,7 @@ TEST(RecoverySwitch, SaysWhyItDoesNotSwitch) {
     EXPECT_EQ(CountOf("switching", text), CountOf("switching", refused.line));  // no other reason
     EXPECT_TRUE(link.owner.fired.empty());
     EXPECT_EQ(CountOf(test::kSwitchReported, text), 1);
-    EXPECT_EQ(CountOf("need_switch=0, switch_result=0, count=1", text), 1);
+    EXPECT_EQ(CountOf(test::SwitchWanted(false) + ", count=1", text), 1);
   }
 }
 
@@ -313,7 +311,7 @@ TEST(RecoverySwitch, ADiagnosticProcessMaySwitchWhateverIsOpen) {
   EXPECT_EQ(link.owner.fired.size(), 1u);
 }
 
-// Where a switch begins, the session on trial reports how it ended, with the judge's record.
+// If a switch begins, the trial reports its outcome, with the judge's record.
 TEST(RecoverySwitch, LeavesTheReportToTheSwitchThatItStarted) {
   LinkJudge link(0);
   ASSERT_TRUE(link.Start());
@@ -326,18 +324,15 @@ TEST(RecoverySwitch, LeavesTheReportToTheSwitchThatItStarted) {
   EXPECT_EQ(link.owner.fired[0].is_switch_succ, 0);
   EXPECT_EQ(link.owner.fired[0].count, 1);
   EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 0);
-  EXPECT_TRUE(log.Contains(
-      "[RecoverySwitch]switching is firing: count=0, proxy_idc=42 ,socket=1234, token=77"));
+  EXPECT_TRUE(log.Contains(test::kSwitchFires + "0, proxy_idc=42 ,socket=1234, token=77"));
   EXPECT_TRUE(log.Contains("[RecoverySwitch]DoSwitch, count=0, socket=1234, token=77"));
 
-  // And not again for half a minute; that one is its own to report.
+  // And not again for half a minute; that one it reports itself.
   link.PassReportLimit();
   link.Probe(5, 0);
   link.JudgesLoss();
   EXPECT_EQ(link.owner.fired.size(), 1u);
-  EXPECT_TRUE(
-      log.Contains("[RecoverySwitch]switching could not happen within 30000ms, "
-                   "proxy_idc=42 ,socket=1234,token=77"));
+  EXPECT_TRUE(log.Contains(test::SwitchTooSoon(42) + "socket=1234,token=77"));
   EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 1);
 }
 
@@ -353,7 +348,7 @@ TEST(RecoverySwitch, ReportsASwitchThatCouldNotStartAndMayTryAgainAtOnce) {
     EXPECT_EQ(link.owner.fired.size(), static_cast<std::size_t>(i));
     EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), i);
   }
-  EXPECT_TRUE(log.Contains("need_switch=1, switch_result=0, count=2"));
+  EXPECT_TRUE(log.Contains(test::SwitchWanted(true) + ", count=2"));
   EXPECT_EQ(CountOf("DoSwitch, count=0,", log.Text()), 2);  // none has been made
 }
 
@@ -459,7 +454,7 @@ TEST(RecoverySwitch, ANewLinkIsNotJudgedByWhatWasReadOfTheOldOne) {
   EXPECT_TRUE(link.owner.fired.empty());
   u32 need = 0, real = 0;
   EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, false), 102);
-  // What it reports is its own.
+  // Its reports are its own.
   link.Probe(5, 0);
   link.JudgesLoss();
   ASSERT_EQ(link.owner.fired.size(), 1u);
@@ -567,11 +562,11 @@ TEST(RecoverySwitch, LooksAtClosedSlotsUnlessToldOtherwise) {
   link.CloseSlot();
   EXPECT_EQ(link.RealRouteLost(false), 10);
   EXPECT_TRUE(log.Contains("[RecoverySwitch::Update]data_link, time_delta="));
-  EXPECT_TRUE(log.Contains("[RecoverySwitch::Update]real_route, time_delta="));
+  EXPECT_TRUE(log.Contains(test::kRealRouteUpdate));
   EXPECT_EQ(CountOf("[RecoverySwitch::Update]", log.Text()), 2);  // none for the front section
-  EXPECT_TRUE(
-      log.Contains("[GetCurLost]real_route, cycle_size=1, download_lost=10, upload_lost=0, "
-                   "full_lost=10, need_recv_pkg=10, real_recv_pkgs=9,  socket=1234"));
+  EXPECT_TRUE(log.Contains(test::kRealRouteLoss +
+                           ", cycle_size=1, download_lost=10, upload_lost=0, full_lost=10, "
+                           "need_recv_pkg=10, real_recv_pkgs=9,  socket=1234"));
 }
 
 TEST(RecoverySwitch, SlotsOfTheFrontSectionCloseToo) {
@@ -585,7 +580,7 @@ TEST(RecoverySwitch, SlotsOfTheFrontSectionCloseToo) {
   EXPECT_TRUE(log.Contains("rs info=10-9-0-0-100-0-0-0-0-0-0-0-0-0-0, link type=2"));
 }
 
-// A node is told "not known" rather than a loss from a handful of packets.
+// A node gets "not known" rather than a loss computed from a handful of packets.
 TEST(RecoverySwitch, TellsNoLossFromFewerThanTwentyPackets) {
   for (const u32 received : {0u, 1u, 19u, 20u}) {
     LinkJudge link;

@@ -12,6 +12,7 @@
 #include "route/decision.h"
 #include "stream/tcp_negotiation.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/loopback.h"
 #ifndef _WIN32
 #include "port/shared/faults.h"
@@ -20,7 +21,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-struct WriteWishes final : IRelaySocketMgr {
+struct WriteRequests final : IRelaySocketMgr {
   u32 AddSocket(SOCKET, IRelaySocketDelegate*) noexcept override { return 0; }
   u32 EnableWrite(SOCKET) noexcept override {
     ++count;
@@ -65,10 +66,10 @@ struct Negotiation : testing::Test {
   ~Negotiation() override { ReplaceAccConfig(AccConfig{}); }
 
   bool Ask(u8 retry = 0) {
-    return negotiation.SendTcpNegotiation(&wishes, pair.here, 9, htonl(0xC633640A), htons(27015),
+    return negotiation.SendTcpNegotiation(&requests, pair.here, 9, htonl(0xC633640A), htons(27015),
                                           retry, &guid, &decision);
   }
-  // What the session would be told if the node said just that.
+  // What the session would be told if the node sent exactly these bytes.
   int Hear(const std::string& bytes) {
     pair.OtherEndSays(bytes);
     return negotiation.ParseTcpNegotiation(&decision, &reason);
@@ -76,7 +77,7 @@ struct Negotiation : testing::Test {
   std::string Tail() { return "socket=" + std::to_string(SOCKET{pair.here}) + ", token=9\n"; }
 
   test::StreamPair pair;
-  WriteWishes wishes;
+  WriteRequests requests;
   SessionGuid guid = SessionGuid::Make();
   AccDecisionInfo decision;
   TcpNegotiation negotiation;
@@ -135,7 +136,7 @@ TEST_F(Negotiation, AGoodAnswerSaysWhoTheClientIs) {
       << log.Text();
 }
 
-// What the game server says at once behind the answer is the game's.
+// Data that the game server sends right behind the answer belongs to the game.
 TEST_F(Negotiation, NothingBehindTheAnswerIsTaken) {
   ASSERT_TRUE(Ask());
   EXPECT_EQ(Hear(Wire(GoodAnswer()) + "game"), 0);
@@ -150,16 +151,16 @@ TEST_F(Negotiation, AnAnswerOfTheFirstVersionHasNoLastNode) {
   const std::string wire = Wire(GoodAnswer(), 1);
   ASSERT_EQ(wire.size(), 29u);
   EXPECT_EQ(Hear(wire), 0);
-  EXPECT_TRUE(log.Contains("last_node:(node_id=0, ip=0.0.0.0, port=0, accl_token=0), token=9\n"));
+  EXPECT_TRUE(log.Contains(test::kNoLastNode + ", token=9\n"));
 }
 
-// The version decides, not what the node has put there.
+// The version decides, not the bytes that the node has put there.
 TEST_F(Negotiation, AnAnswerBelowTheSecondVersionHasNoLastNodeWhateverItsBytesSay) {
   for (const int version : {0, 1, 2}) {
     test::LogCapture log(5);
     test::StreamPair fresh;
     TcpNegotiation attempt;
-    ASSERT_TRUE(attempt.SendTcpNegotiation(&wishes, fresh.here, 9, 1, 2, 0, &guid, &decision));
+    ASSERT_TRUE(attempt.SendTcpNegotiation(&requests, fresh.here, 9, 1, 2, 0, &guid, &decision));
     std::string wire = Wire(GoodAnswer());
     wire[7] = static_cast<char>(version);
     fresh.OtherEndSays(wire);
@@ -201,7 +202,7 @@ TEST_F(Negotiation, EachBadAnswerHasItsReason) {
     test::StreamPair fresh;
     TcpNegotiation attempt;
     u32 why = 0;
-    ASSERT_TRUE(attempt.SendTcpNegotiation(&wishes, fresh.here, 9, 1, 2, 0, &guid, &decision));
+    ASSERT_TRUE(attempt.SendTcpNegotiation(&requests, fresh.here, 9, 1, 2, 0, &guid, &decision));
     fresh.OtherEndSays(bad.bytes);
     EXPECT_EQ(attempt.ParseTcpNegotiation(&decision, &why), -1) << bad.name;
     EXPECT_EQ(why, bad.reason) << bad.name;
@@ -236,15 +237,15 @@ struct NegotiationErrors : Negotiation {
   }
 };
 
-// What some earlier call has left as the last error says nothing about the node.
+// The last error of an earlier call says nothing about the node.
 TEST_F(NegotiationErrors, AnErrorOfAnEarlierCallDoesNotHideThatTheNodeHasClosed) {
   port::SuccessKeepsLastError(true);
   EXPECT_EQ(HearTheEnd(), -1);
   EXPECT_EQ(reason, kNegoReceiveFailed);
 }
 
-// Kept: where the call that saw the end says so itself, the node counts as one that has said
-// nothing so far.
+// Kept: if the call that saw the end reports "would block", the node counts as one that has not
+// answered yet.
 TEST_F(NegotiationErrors, AnEndThatSaysItWouldBlockIsNeitherAnAnswerNorAFailure) {
   port::SuccessLeavesLastError(WSAEWOULDBLOCK);
   EXPECT_EQ(HearTheEnd(), 1);
@@ -278,7 +279,7 @@ TEST_F(Negotiation, AnIspThatIsNotServedIsRefusedUnlessForced) {
     NegoResponse answer = GoodAnswer();
     answer.body.client_isp = 0x18;
     decision.acc_reason = expected.acc_reason;
-    ASSERT_TRUE(attempt.SendTcpNegotiation(&wishes, fresh.here, 9, 1, 2, 0, &guid, &decision));
+    ASSERT_TRUE(attempt.SendTcpNegotiation(&requests, fresh.here, 9, 1, 2, 0, &guid, &decision));
     fresh.OtherEndSays(Wire(answer));
     EXPECT_EQ(attempt.ParseTcpNegotiation(&decision, &reason), expected.result);
     EXPECT_EQ(reason, expected.reason);
@@ -299,7 +300,7 @@ TEST_F(Negotiation, ASecondAttemptForgetsTheFirst) {
   EXPECT_EQ(Hear(Wire(refusal)), -1);
   test::LogCapture log(5);
   test::StreamPair other;
-  ASSERT_TRUE(negotiation.SendTcpNegotiation(&wishes, other.here, 10, 1, 2, 1, &guid, &decision));
+  ASSERT_TRUE(negotiation.SendTcpNegotiation(&requests, other.here, 10, 1, 2, 1, &guid, &decision));
   std::string brief = Wire(GoodAnswer(), 1);
   brief[7] = 2;  // it says that there is more
   other.OtherEndSays(brief);
@@ -312,13 +313,13 @@ TEST_F(Negotiation, ARequestThatCannotBeSentSaysSo) {
   test::LogCapture log(4);
   const SOCKET gone = pair.here.Release();
   closesocket(gone);
-  EXPECT_FALSE(negotiation.SendTcpNegotiation(&wishes, gone, 9, 1, 2, 0, &guid, &decision));
-  EXPECT_TRUE(log.Contains("[4][lsp][TCP]Failed to send negotiation, error=10038,socket=" +
-                           std::to_string(gone) + ", token=9\n"));
-  EXPECT_EQ(wishes.count, 0);
+  EXPECT_FALSE(negotiation.SendTcpNegotiation(&requests, gone, 9, 1, 2, 0, &guid, &decision));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::kRequestNotSent +
+                           "10038,socket=" + std::to_string(gone) + ", token=9\n"));
+  EXPECT_EQ(requests.count, 0);
 }
 
-// Kept: it counts as sent, and the writable event that was asked for ends the session.
+// Kept: it counts as sent, and the writable event that was requested ends the session.
 TEST_F(Negotiation, ARequestThatWouldBlockCountsAsSent) {
   const auto fill = [&] {  // whether there was room
     const std::string much(1 << 16, 'x');
@@ -332,7 +333,7 @@ TEST_F(Negotiation, ARequestThatWouldBlockCountsAsSent) {
   ASSERT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
   test::LogCapture log(0);
   EXPECT_TRUE(Ask());
-  EXPECT_EQ(wishes.count, 1);
+  EXPECT_EQ(requests.count, 1);
   EXPECT_FALSE(log.Contains("sent successfully"));
 }
 

@@ -12,6 +12,7 @@
 #include "stream/tcp_provider.h"
 #include "tests/support/hand_turned.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/loopback.h"
 
 namespace moru_vyr::lsp {
@@ -99,7 +100,7 @@ TEST(NetProvider, LocalAddressIsLoopback) {
 
 using test::HandTurned;
 
-// The loop, which remembers whom it was to tell of writability.
+// The loop; it records which delegates wait to write.
 struct NotingLoop final : IRelaySocketMgr {
   u32 AddSocket(SOCKET s, IRelaySocketDelegate* d) noexcept override {
     return turned.AddSocket(s, d);
@@ -155,7 +156,7 @@ struct StreamProvider : testing::Test {
     const std::size_t at = line.find("socket=");
     return at == line.npos ? INVALID_SOCKET : static_cast<SOCKET>(std::stoul(line.substr(at + 7)));
   }
-  // Turns until the peer has closed, or gives up.
+  // Runs passes until the peer has closed, or gives up.
   bool IsClosedSoon(SOCKET s) {
     test::MakeNonBlocking(s);
     for (int i = 0; i < 500; ++i) {
@@ -175,7 +176,7 @@ struct StreamProvider : testing::Test {
   int relay_len = 0;
 };
 
-// Kept: the lines call it a socket of datagrams.
+// Kept: the log lines call it a datagram socket.
 TEST(StreamProviderStart, TheListenerHasBuffersOf64KiBAndGivesThemOn) {
   test::StartWinsock();
   test::LogCapture log(0);
@@ -185,7 +186,7 @@ TEST(StreamProviderStart, TheListenerHasBuffersOf64KiBAndGivesThemOn) {
   ASSERT_TRUE(provider.Init(&loop, &route));
   EXPECT_TRUE(log.Contains(", new send_buf=65536, socket=")) << log.Text();
   EXPECT_TRUE(log.Contains(", new recv_buf=65536, socket="));
-  EXPECT_TRUE(log.Contains("[4][lsp][TCP] OnCreateLocalServer listen return=0, err="));
+  EXPECT_TRUE(log.Contains("[4][lsp]" + test::kTcpListen + "0, err="));
   EXPECT_TRUE(log.Contains("[0][lsp]TcpProvider::OnCreateLocalServer begin\n"));
   EXPECT_TRUE(log.Contains("[0][lsp]TcpProvider::OnCreateLocalServer end\n"));
   provider.Uninit();
@@ -202,7 +203,7 @@ TEST_F(StreamProvider, HandsOutItsListener) {
   EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
 }
 
-// A thread may still be connecting by what it was given when the worker ends and starts again.
+// A thread may still be connecting to its old port when the worker ends and starts again.
 TEST_F(StreamProvider, WhatWasHandedOutStaysAsItWas) {
   ASSERT_TRUE(Request(htons(4000), "198.51.100.10", 1));
   const auto* const first = reinterpret_cast<const sockaddr_in*>(relay_addr);
@@ -234,7 +235,7 @@ TEST_F(StreamProvider, ASecondRequestForAPortIsDropped) {
   EXPECT_TRUE(Request(htons(4000), "198.51.100.11", 2));
   EXPECT_NE(relay_addr, nullptr);
   EXPECT_EQ(relay_len, 16);
-  EXPECT_TRUE(log.Contains("[TCP]RequestTcpRelaySession: port=4000, socket=77, token=2\n"));
+  EXPECT_TRUE(log.Contains(test::kTcpRelayAsked + "4000, socket=77, token=2\n"));
   EXPECT_TRUE(log.Contains("[TCP]RequestTcpRelaySession port duplicate, port=" +
                            std::to_string(htons(4000)) + ", socket=77, token=2\n"));
   const std::string text = log.Text();
@@ -249,8 +250,7 @@ TEST_F(StreamProvider, AnUnknownConnectionIsAcceptedAndClosedAndTheNextOneToo) {
     const test::OwnSocket stranger(GameSocket(&port));
     ASSERT_EQ(connect(stranger, relay_addr, relay_len), 0);
     EXPECT_TRUE(IsClosedSoon(stranger));
-    EXPECT_TRUE(log.Contains("[TCP]OnLocalServerAcceptable, session not registered for port=" +
-                             std::to_string(ntohs(port)) + ", socket="));
+    EXPECT_TRUE(log.Contains(test::kStrangerAccepted + std::to_string(ntohs(port)) + ", socket="));
   }
 }
 
@@ -288,7 +288,7 @@ TEST_F(StreamProvider, AnAcceptedConnectionReachesItsServer) {
     if (n > 0) heard.append(bytes, static_cast<size_t>(n));
   }
   EXPECT_EQ(heard, "hello");
-  // The server's last words arrive before its end.
+  // The server's last bytes arrive before its end.
   ASSERT_EQ(send(server, "bye", 3, 0), 3);
   server.Close();
   heard.clear();
@@ -330,15 +330,15 @@ TEST_F(StreamProvider, NeitherSideWaitsForSmallPiecesToBeConfirmed) {
   }
 }
 
-// Kept: the remote socket is watched for writability whatever the connect came to. The error is a
-// detail at the lowest level.
+// Kept: the remote socket is watched for writability whatever the result of the connect. The error
+// is logged at the lowest level.
 TEST_F(StreamProvider, AConnectThatFailsAtOnceIsWatchedAllTheSame) {
   test::LogCapture log(0);
   u16 port = 0;
   const test::OwnSocket game(GameSocket(&port));
   ASSERT_TRUE(Request(port, "255.255.255.255", 9));
   ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
-  for (int i = 0; i < 500 && !log.Contains("[TCP]ConnectToRemoteServer failed. "); ++i) loop.Turn();
+  for (int i = 0; i < 500 && !log.Contains(test::kNoRemoteSocket); ++i) loop.Turn();
   const SOCKET remote = SocketOf(LineWith(log, "[4][lsp][TCP]ConnectToRemoteServer failed. "));
   const std::string line = LineWith(log, "[0][lsp][TCP]connect [game] server failed. err=");
   EXPECT_NE(line, "") << log.Text();
@@ -375,7 +375,7 @@ TEST_F(StreamProvider, TheEndClosesTheListener) {
   ASSERT_TRUE(Request(htons(1), "198.51.100.10", 1));
   test::LogCapture log(0);
   provider.Uninit();
-  EXPECT_TRUE(log.Contains("[0][lsp][TCP] TcpProvider::OnCloseLocalServer. socket="));
+  EXPECT_TRUE(log.Contains("[0][lsp]" + test::kTcpListenerClosed));
   const test::OwnSocket late(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   EXPECT_EQ(connect(late, relay_addr, relay_len), SOCKET_ERROR);
   sockaddr_in address;

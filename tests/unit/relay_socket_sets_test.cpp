@@ -14,7 +14,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// Notes what it is told, and does what the test says for that event.
+// Records each event, and does what the test says for it.
 struct Recorder : IRelaySocketDelegate {
   void OnReadable(SOCKET s) noexcept override { Note("read", s); }
   void OnWritable(SOCKET s) noexcept override { Note("write", s); }
@@ -102,7 +102,7 @@ TEST_F(SocketSetsTest, AddingTwiceKeepsTheFirstDelegate) {
   EXPECT_EQ(sets.Remove(s), nullptr);
 }
 
-// A session that ends takes sockets out that the same pass has found ready.
+// A session that ends removes sockets that the same pass has found ready.
 TEST_F(SocketSetsTest, ARemovedSocketGetsNothingMoreOfThePass) {
   const SOCKET first = Ready(), second = Ready();
   for (const SOCKET s : {first, second}) {
@@ -119,8 +119,8 @@ TEST_F(SocketSetsTest, ARemovedSocketGetsNothingMoreOfThePass) {
   EXPECT_EQ(error, WSAEINVAL);
 }
 
-// The value of a socket that was closed can come back at once, for a new one. It has not been
-// polled; what happened to the old one does not concern it, and its own request to write stays.
+// The handle of a closed socket can be reused at once. The new socket has not been polled; the old
+// one's events do not concern it, and its own write request stays.
 TEST_F(SocketSetsTest, AValueThatComesBackWaitsForTheNextPass) {
   const SOCKET s = Ready(), trigger = Ready();
   Recorder renewed;

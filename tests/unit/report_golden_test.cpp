@@ -12,7 +12,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// Bytes as they should be: zero but for what is put there.
+// The expected bytes: zero except for what is put there.
 class Golden {
  public:
   explicit Golden(std::size_t size) : bytes_(size) {}

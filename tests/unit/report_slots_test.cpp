@@ -12,6 +12,7 @@
 #include "common/text.h"
 #include "route/acc_config.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/report_client.h"
 #include "tests/support/threads.h"
 #include "tests/unit/out_of_memory.h"
@@ -288,7 +289,7 @@ TEST_P(ReportSlots, OfAnotherVersionCountAsNone) {
   const test::LogCapture log(4);
   report().make(1);
   EXPECT_TRUE(log.Contains(report().no_region)) << log.Text();
-  EXPECT_TRUE(log.Contains("structure not match")) << log.Text();
+  EXPECT_TRUE(log.Contains(test::kRegionMismatch)) << log.Text();
   EXPECT_EQ(region.Bytes(), before);
 }
 
@@ -301,7 +302,7 @@ TEST_P(ReportSlots, OfAnotherSizeCountAsNone) {
   EXPECT_EQ(region.Bytes(), before);
 }
 
-// Every way out gives the mutex back: the client would hang otherwise.
+// Every return releases the mutex: the client program would hang otherwise.
 TEST_P(ReportSlots, LeaveTheChannelsMutexFree) {
   common::NamedMutex mutex(channel().mutex_name);
   const auto is_free = [&] {
@@ -328,7 +329,7 @@ TEST_P(ReportSlots, LeaveTheChannelsMutexFree) {
 INSTANTIATE_TEST_SUITE_P(All, ReportSlots, testing::ValuesIn(Reports()),
                          [](const auto& test) { return std::string(test.param.name); });
 
-// --- what only one of them does ---------------------------------------------------------------
+// --- differences between channels -------------------------------------------------------------
 
 void SetGameId(u64 id) {
   AccConfigRecord config;

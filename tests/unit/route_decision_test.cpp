@@ -171,7 +171,7 @@ TEST_F(DecisionTest, RecordTellsTheWholeOutcome) {
   EXPECT_EQ(info.header3, 803u);
   for (u32 i = 0; i < 3; ++i) {
     EXPECT_EQ(info.top_proxy[i].proxy_idc, i + 1);
-    EXPECT_EQ(info.top_proxy[i].decision, 1u);
+    EXPECT_EQ(info.top_proxy[i].decision, DECISION_DIRECT);
     EXPECT_EQ(info.top_proxy[i].last_node, 63 + i);
     EXPECT_EQ(info.top_proxy[i].section2_delay, 7 + i);
   }
@@ -196,7 +196,7 @@ TEST_F(DecisionTest, SocketTypesHaveTheirCodes) {
   }
 }
 
-// The caller's record may have been used before. Only what would mislead is cleared.
+// The caller's record may have been used before. Only fields that would mislead are cleared.
 TEST_F(DecisionTest, OfAnOldRecordOnlyTwoFieldsAreCleared) {
   test::Fill(info, 'x');
   EXPECT_FALSE(Decide("10.0.0.1"));
@@ -278,7 +278,7 @@ TEST_F(DecisionTest, WithoutAccModeNothingIsAcceleratedWhateverTheTablesSay) {
     Publish();
     EXPECT_FALSE(Decide());
     EXPECT_EQ(info.acc_reason, kReasonNotAcce);
-    EXPECT_EQ(info.selected_proxy.decision, 3u);
+    EXPECT_EQ(info.selected_proxy.decision, DECISION_NOT_ACCE);
     EXPECT_EQ(info.selected_proxy.proxy_idc, 1u) << "the launch test has no say";
   }
   Say("[4][lsp][Route][RefineByGltRouteInfo] game launch test route info will not be "

@@ -77,8 +77,8 @@ TEST(IpIdcMap, WholeSubnetsAreFoundAtFullSize) {
   ExpectSame(records);
 }
 
-// The worst that a table can do to the lookup: all records share the top bits of their mixed
-// key. (x ^ x >> 16) * 0x9E3779B1 is undone by 0x144CBC89.
+// The worst case for the lookup: all records share the top bits of their mixed key. (x ^ x >> 16) *
+// 0x9E3779B1 is undone by 0x144CBC89.
 TEST(IpIdcMap, RecordsMadeToCollideAreFound) {
   Records records;
   for (u32 i = 0; i < 81920 / 8; ++i) {

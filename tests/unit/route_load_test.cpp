@@ -5,6 +5,7 @@
 #include <string>
 
 #include "common/handle.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/route_fixture.h"
 
 namespace {
@@ -79,8 +80,8 @@ TEST_F(RouteLoad, EachTryReadsTheBlacklistAndTheSpurListAnew) {
   ClientRegion<BlacklistRegion> blacklist(kBlacklistRegionName);
   ClientRegion<SpurRegion> spurs(kSpurRegionName);
   EXPECT_FALSE(route.Load(3, 1));
-  EXPECT_EQ(CountOf("blacklist entries count(0)!"), 3);
-  EXPECT_EQ(CountOf("spur iptable entries count(0)!"), 3);
+  EXPECT_EQ(CountOf(test::BlacklistEntries(0)), 3);
+  EXPECT_EQ(CountOf(test::SpurEntries(0)), 3);
 }
 
 TEST_F(RouteLoad, TablesAreLoadedInTheirOrder) {
@@ -133,7 +134,7 @@ class SpurBeat : public RouteLoad {
 };
 
 // The event is never closed: once a policy has made it, its name is taken for the rest of the
-// process. So this test stands first, and leaves no event behind.
+// process. So this test comes first, and leaves no event behind.
 TEST_F(SpurBeat, EventThatCannotBeMadeFiveTimesIsGivenUp) {
   if (EventExists()) GTEST_SKIP() << "another test of this process has made the event";
   {
@@ -170,25 +171,24 @@ TEST_F(SpurBeat, ChangeIsPickedUpAtTheNextBeatHoweverOftenItIsSignalled) {
   EXPECT_FALSE(Loaded()) << "the beat is not there yet";
   route.OnUpdate(1);
   EXPECT_TRUE(Loaded());
-  EXPECT_TRUE(
-      log.Contains("[5][lsp][Route][OnUpdate] Spur iplist content has changed, reload it!\n"));
+  EXPECT_TRUE(log.Contains("[5][lsp][Route]" + test::kSpurListChanged + ", reload it!\n"));
 
   // Signalled several times, loaded once; without a signal not at all.
   Signal();
   Signal();
   route.OnUpdate(30'000);
   route.OnUpdate(30'000);
-  EXPECT_EQ(CountOf("[OnUpdate] Spur iplist content has changed"), 2);
+  EXPECT_EQ(CountOf(test::kSpurListChanged), 2);
 
-  // Beats are counted in what the worker tells, from zero after each.
+  // Beats are counted in the time that the worker reports, from zero after each.
   Signal();
   route.OnUpdate(45'000);
-  EXPECT_EQ(CountOf("[OnUpdate] Spur iplist content has changed"), 3);
+  EXPECT_EQ(CountOf(test::kSpurListChanged), 3);
   Signal();
   route.OnUpdate(15'000);
-  EXPECT_EQ(CountOf("[OnUpdate] Spur iplist content has changed"), 3);
+  EXPECT_EQ(CountOf(test::kSpurListChanged), 3);
   route.OnUpdate(15'000);
-  EXPECT_EQ(CountOf("[OnUpdate] Spur iplist content has changed"), 4);
+  EXPECT_EQ(CountOf(test::kSpurListChanged), 4);
 }
 
 TEST_F(SpurBeat, EventIsMadeAtTheFirstBeatAndResetsItself) {

@@ -67,7 +67,7 @@ class Switch : public test::RoutePolicy {
       return 0;
     }
     EXPECT_EQ(copy.acc_reason, kReasonForceAuto) << "the reason stays the first decision's";
-    EXPECT_EQ(copy.selected_proxy.decision, 4u) << "whatever the route said";
+    EXPECT_EQ(copy.selected_proxy.decision, DECISION_FORCE_ACCE_AUTO) << "whatever the route said";
     return copy.selected_proxy.proxy_idc;
   }
   void Say(const std::string& line) {
@@ -254,7 +254,7 @@ TEST_F(Switch, SearchThatFindsRefreshesTheRecord) {
   EXPECT_EQ(cache.game_idc, kIdc);
   EXPECT_EQ(cache.last_node, kLastNode);
   EXPECT_EQ(cache.proxies[0].proxy_idc, 2u);
-  EXPECT_EQ(cache.proxies[0].decision, 1u) << "as the table has it";
+  EXPECT_EQ(cache.proxies[0].decision, DECISION_DIRECT) << "as the table has it";
   EXPECT_EQ(cache.proxies[1].proxy_idc, 1u) << "the present one too";
   Say("[0][lsp][Route][GetSwitchProxyInfo] cache route for intelligent mode.");
   Say("[0][lsp][Route][switch_proxy_info] game_idc(1001), last_node_idc(61): \n");

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "route/route_file.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/route_fixture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/threads.h"
@@ -97,7 +98,7 @@ TEST_F(RouteTableTest, FileIsReadByteByByteWhereEachFieldBelongs) {
   EXPECT_EQ(proxy.surport_isps, 0xF0u);
   EXPECT_EQ(proxy.version, 3u);
   EXPECT_EQ(proxy.section2_delay, 33u);
-  EXPECT_EQ(proxy.decision, 4u);
+  EXPECT_EQ(proxy.decision, DECISION_FORCE_ACCE_AUTO);
   EXPECT_EQ(proxy.last_node, 70000u);
   config.acc_mode = 2;
   ReplaceAccConfig(config);
@@ -134,12 +135,10 @@ TEST_F(RouteTableTest, FileOfAnyOtherSizeIsRefused) {
     SetRouteFile(path);
     EXPECT_FALSE(table().LoadRoute());
     EXPECT_FALSE(table().HasRouteTable());
-    EXPECT_TRUE(log.Contains(
-        "[5][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
-        "failed:file(" +
-        path + ") file size(" + std::to_string(size) + ") not match data size(65668)\n"));
+    EXPECT_TRUE(log.Contains(test::kRouteFileUnread + path + ") file size(" + std::to_string(size) +
+                             ") not match data size(65668)\n"));
   }
-  EXPECT_TRUE(log.Contains("[5][lsp][Route][LoadRoute] load route table from file failed!\n"));
+  EXPECT_TRUE(log.Contains(test::kNoRouteFile));
   SetRouteFile(WriteRouteFile());
   EXPECT_TRUE(table().LoadRoute()) << "a later try takes it";
 }
@@ -150,10 +149,7 @@ TEST_F(RouteTableTest, FileThatIsNotThereIsTriedAndNamedWithItsError) {
   const DWORD before = GetTickCount();
   EXPECT_FALSE(table().LoadRoute());
   EXPECT_GE(GetTickCount() - before, 5u) << "five tries, with a pause after each";
-  EXPECT_TRUE(
-      log.Contains("[5][lsp][Route][LoadRouteFromBinFile] load_mem_binary_from_file "
-                   "failed:file(" +
-                   path + ") CreateFileW failed(error=2)\n"));
+  EXPECT_TRUE(log.Contains(test::kRouteFileUnread + path + ") CreateFileW failed(error=2)\n"));
 }
 
 TEST_F(RouteTableTest, FileThatSomeoneElseWritesIsRefusedEvenIfTheyWouldShareIt) {
@@ -164,7 +160,7 @@ TEST_F(RouteTableTest, FileThatSomeoneElseWritesIsRefusedEvenIfTheyWouldShareIt)
                   nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   ASSERT_NE(writer, INVALID_HANDLE_VALUE);
   EXPECT_FALSE(table().LoadRoute());
-  EXPECT_TRUE(log.Contains("CreateFileW failed(error=32)\n"));
+  EXPECT_TRUE(log.Contains(test::kFileShared));
   CloseHandle(writer);
   EXPECT_TRUE(table().LoadRoute());
 }
@@ -276,7 +272,7 @@ TEST_F(RouteTableTest, RegionThatNobodyHasMemoryForLeavesTheFile) {
       log.Contains("[5][lsp][Route][LoadRoute] open route table from shared memory "
                    "failed,mem_obj is null!\n"))
       << log.Text();
-  EXPECT_TRUE(log.Contains("[5][lsp][Route][LoadRoute] load route table from file failed!\n"));
+  EXPECT_TRUE(log.Contains(test::kNoRouteFile));
   EXPECT_TRUE(table().LoadRoute()) << "a later look finds the region";
   EXPECT_FALSE(table().LoadRoute()) << "and it was the region";
 }
@@ -416,8 +412,8 @@ TEST_F(RouteTableTest, ProxyAddressIsComparedAsText) {
   EXPECT_FALSE(table().IsProxyIp("203.0.113."));
 }
 
-// The worker and the threads that send pings meet in the finding of the table and in its first
-// mapping.
+// The worker and threads that send pings may look up the table, and map it for the first time, at
+// the same moment.
 TEST_F(RouteTableTest, ThreadsThatMeetAtTheFirstLookupAllFindTheTable) {
   common::SetLogThreshold(6);
   for (int round = 0; round < 20; ++round) {

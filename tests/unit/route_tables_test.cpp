@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/named_mutex.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/route_fixture.h"
 #include "tests/support/threads.h"
 #include "tests/unit/out_of_memory.h"
@@ -120,9 +121,7 @@ TEST_F(RouteTables, IpTableRegionOfAnotherVersionReadsAsAbsent) {
   EXPECT_TRUE(log.Contains(
       "[4][Shared_mem_obj]Shared_mem_obj(vyr_iptable_share_mem,size=655380) open "
       "failed,structure not match, shared_mem_size=655380, major_ver=1, minor_ver=35\n"));
-  EXPECT_TRUE(
-      log.Contains("[5][lsp][Route][LoadIpTable] read route table from shared memory "
-                   "failed, mem_addr=null\n"));
+  EXPECT_TRUE(log.Contains("[5][lsp]" + test::kNoIpTable));
   region->header = {655380, 1, 36};
   EXPECT_TRUE(route.ip_table().LoadIpTable()) << "a later try takes it";
 }
@@ -134,9 +133,7 @@ TEST_F(RouteTables, RegionThatIsTooSmallReadsAsAbsent) {
   EXPECT_FALSE(route.ip_table().LoadIpTable());
   route.spur_list().LoadSpurIplistTable();
   route.blacklist().LoadBlacklistTable();
-  EXPECT_TRUE(
-      log.Contains("[Route][LoadIpTable] read route table from shared memory failed, "
-                   "mem_addr=null\n"));
+  EXPECT_TRUE(log.Contains(test::kNoIpTable));
   EXPECT_TRUE(
       log.Contains("[5][lsp]LoadSpurIplistTable read route table from shared memory "
                    "failed, mem_addr=null\n"));
@@ -187,14 +184,13 @@ TEST_F(RouteTables, SpurListTakesEveryLevelAndTheLaterRecord) {
   EXPECT_FALSE(route.spur_list().Find(Ip("203.0.113.3")).has_value());
   EXPECT_TRUE(log.Contains("[0][lsp][LoadSpurIplistTableFromMem] game_idc=7301, ip=" +
                            std::to_string(Ip("203.0.113.1")) + "(203.0.113.1)\n"));
-  EXPECT_TRUE(
-      log.Contains("[5][lsp][LoadSpurIplistTableFromMem] spur iptable entries count(2)!\n"));
+  EXPECT_TRUE(log.Contains("[5][lsp][LoadSpurIplistTableFromMem] " + test::SpurEntries(2) + "\n"));
 }
 
 TEST_F(RouteTables, EmptySpurListNeverReplacesTheOld) {
   LoadSpurs({{7301, Ip("203.0.113.1")}});
   LoadSpurs({});
-  EXPECT_TRUE(log.Contains("spur iptable entries count(0)!"));
+  EXPECT_TRUE(log.Contains(test::SpurEntries(0)));
   EXPECT_EQ(route.spur_list().Find(Ip("203.0.113.1")), 7301u);
   LoadSpurs({{7302, Ip("203.0.113.2")}});
   EXPECT_FALSE(route.spur_list().Find(Ip("203.0.113.1")).has_value());
@@ -206,7 +202,7 @@ TEST_F(RouteTables, SpurCountPastTheTableReadsTheTable) {
   for (u32 i = 0; i < kMaxSpurRecords; ++i) region->records[i] = {7, i + 1};
   region->spur_count = kMaxSpurRecords + 1;
   route.spur_list().LoadSpurIplistTableFromMem(*region);
-  EXPECT_TRUE(log.Contains("spur iptable entries count(2048)!"));
+  EXPECT_TRUE(log.Contains(test::SpurEntries(2048)));
 }
 
 TEST_F(RouteTables, SpurRegionIsReadAtEachLoad) {
@@ -261,8 +257,8 @@ TEST_F(RouteTables, BlacklistKeepsTcpAndUdpRecordsOnly) {
       "[0][lsp][LoadBlacklistTableFromMem] game_id=5, ip=" + std::to_string(Ip("203.0.113.1")) +
       "(203.0.113.1), port=80, type=TCP\n"));
   EXPECT_TRUE(log.Contains("(203.0.113.2), port=0, type=UDP\n"));
-  EXPECT_TRUE(
-      log.Contains("[5][lsp][Route][LoadBlacklistTableFromMem] blacklist entries count(2)!\n"));
+  EXPECT_TRUE(log.Contains("[5][lsp][Route][LoadBlacklistTableFromMem] " +
+                           test::BlacklistEntries(2) + "\n"));
   EXPECT_FALSE(route.blacklist().IsInAccBlacklist(5, Ip("203.0.113.1"), Port(80), 3))
       << "a dropped record never matches";
 }

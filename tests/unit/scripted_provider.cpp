@@ -161,7 +161,7 @@ WSPPROC_TABLE ScriptedProvider::Table() {
 }
 
 ScriptedProvider::ScriptedProvider() {
-  // The relay starts at the first call that could use it. Its first words must not come while a
+  // The relay starts at the first call that could use it. Its first log lines must not come while a
   // test reads the log.
   moru_vyr::lsp::GetRelayMgr().CheckAndInit(3000);
   current = this;

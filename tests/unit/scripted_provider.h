@@ -44,8 +44,8 @@ class ScriptedProvider {
   ScriptedProvider(const ScriptedProvider&) = delete;
   ScriptedProvider& operator=(const ScriptedProvider&) = delete;
 
-  // What every call answers. A call that fails stores `error` in its place for it; the counts
-  // and addresses that a call hands back are stored whatever it answers.
+  // What every call returns. A call that fails stores `error`; counts and addresses are stored
+  // whatever it returns.
   int result = 0;
   int error = 0;
   SOCKET socket = 0x1234;  // of the next WSPSocket or WSPAccept
@@ -53,7 +53,7 @@ class ScriptedProvider {
   bool stores_bytes = true;
   sockaddr_in address{};
 
-  // What else happens in the meantime, just before a call returns.
+  // Runs just before a call returns, for what happens meanwhile.
   std::function<void()> meanwhile = [] {};
 
   bool known_at_close = false;  // the last WSPCloseSocket still found a record of its socket
@@ -69,7 +69,7 @@ class ScriptedProvider {
   std::vector<Call> calls;
   const Call& Last() const { return calls.back(); }
 
-  // All thirty entries; those that are never replaced hold marks that nobody may call.
+  // All thirty entries; those that are never replaced hold marks that must not be called.
   static WSPPROC_TABLE Table();
 };
 

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/threads.h"
 
 namespace {
@@ -57,7 +58,7 @@ class SharedMem : public testing::Test {
   }
 
   std::string name_, mutex_name_;
-  // A mutex that nobody knows any more is free, whoever had it last: this keeps it known.
+  // A mutex without a handle is made anew, and free whoever owned it before: this keeps it open.
   std::optional<common::NamedMutex> keeps_mutex_;
 };
 
@@ -212,7 +213,7 @@ TEST_F(SharedMem, RecordOfAnotherVersionIsRefusedAndLogged) {
     raw.Set(row.offset, row.value);
     EXPECT_EQ(object.Open(kOpenForReading, true), nullptr);
     object.Close();
-    EXPECT_TRUE(log.Contains("[4][Shared_mem_obj]Shared_mem_obj(" + name_ +
+    EXPECT_TRUE(log.Contains(test::kRegionFailed + name_ +
                              ",size=16) open failed,structure not match, " + row.numbers + "\n"))
         << log.Text();
     EXPECT_NE(object.Open(kOpenForReading, false), nullptr);  // unchecked, the address comes back
@@ -261,8 +262,8 @@ TEST_F(SharedMem, MappingSmallerThanTheRecordIsNoRegion) {
     object.Close();
     EXPECT_TRUE(MutexIsFree());
   }
-  EXPECT_TRUE(log.Contains("[4][Shared_mem_obj]Shared_mem_obj(" + name_ +
-                           ",size=70000) mapped_region create failed\n"))
+  EXPECT_TRUE(
+      log.Contains(test::kRegionFailed + name_ + ",size=70000) mapped_region create failed\n"))
       << log.Text();
   CloseHandle(small);
 }

@@ -52,7 +52,7 @@ inline void StepThrough(const std::function<void()>& body, const std::function<v
   internal::look = &look;
   __writeeflags(__readeflags() | internal::kTrapFlag);
   body();
-  internal::look = nullptr;  // the last step finds nobody who looks, and sets no flag for a next
+  internal::look = nullptr;  // the last step finds no callback, and does not request another
   RemoveVectoredExceptionHandler(handler);
 #else
   const std::function<bool()> go_on = [&look] { return look(), true; };

@@ -16,7 +16,7 @@ namespace {
 
 constexpr SOCKET kUnbound = 4321;
 
-// What the next provider answers, call by call, and what it was asked.
+// The next provider's answers, call by call, and its arguments.
 struct NextBind {
   std::vector<int> errors;  // of the first calls; after them, `then`
   int then = 0;

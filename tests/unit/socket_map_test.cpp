@@ -35,29 +35,29 @@ TEST_F(SocketMapTest, AnEmptyRecordIsMinusOneAndZero) {
 }
 
 TEST_F(SocketMapTest, AddMakesAFreshRecord) {
-  EXPECT_TRUE(map.Add(kSocket, 1, 6, 9));
+  EXPECT_TRUE(map.Add(kSocket, SOCK_STREAM, IPPROTO_TCP, 9));
   const SocketRecord record = Snapshot();
   EXPECT_EQ(record.socket, kSocket);
-  EXPECT_EQ(record.type, 1);
-  EXPECT_EQ(record.protocol, 6);
+  EXPECT_EQ(record.type, SOCK_STREAM);
+  EXPECT_EQ(record.protocol, IPPROTO_TCP);
   EXPECT_EQ(record.token, 9u);
   EXPECT_EQ(record.local_port, 0);
   EXPECT_EQ(record.next_proc_table, nullptr);
 }
 
 TEST_F(SocketMapTest, AddTwiceKeepsTheFirstRecord) {
-  map.Add(kSocket, 1, 6, 9);
+  map.Add(kSocket, SOCK_STREAM, IPPROTO_TCP, 9);
   map.SetLocalPort(kSocket, 5);
-  EXPECT_TRUE(map.Add(kSocket, 2, 17, 10));
+  EXPECT_TRUE(map.Add(kSocket, SOCK_DGRAM, IPPROTO_UDP, 10));
   const SocketRecord record = Snapshot();
-  EXPECT_EQ(record.type, 1);
-  EXPECT_EQ(record.protocol, 6);
+  EXPECT_EQ(record.type, SOCK_STREAM);
+  EXPECT_EQ(record.protocol, IPPROTO_TCP);
   EXPECT_EQ(record.token, 9u);
   EXPECT_EQ(record.local_port, 5);
 }
 
 TEST_F(SocketMapTest, TheInvalidSocketNeverGetsARecord) {
-  EXPECT_FALSE(map.Add(INVALID_SOCKET, 1, 6, 9));
+  EXPECT_FALSE(map.Add(INVALID_SOCKET, SOCK_STREAM, IPPROTO_TCP, 9));
   EXPECT_FALSE(map.Remove(INVALID_SOCKET));
   WSPPROC_TABLE table{};
   EXPECT_FALSE(map.SetNextProcTable(INVALID_SOCKET, &table));
@@ -66,7 +66,7 @@ TEST_F(SocketMapTest, TheInvalidSocketNeverGetsARecord) {
 }
 
 TEST_F(SocketMapTest, RemoveErasesTheRecordOnce) {
-  map.Add(kSocket, 1, 6, 9);
+  map.Add(kSocket, SOCK_STREAM, IPPROTO_TCP, 9);
   EXPECT_TRUE(map.Remove(kSocket));
   EXPECT_FALSE(map.Remove(kSocket));
   SocketRecord record;
@@ -99,19 +99,19 @@ TEST_F(SocketMapTest, OperationsOnAnUnknownSocketDoNothing) {
 
 TEST_F(SocketMapTest, NextProcTableIsStoredAndNullIsRefused) {
   WSPPROC_TABLE table{};
-  map.Add(kSocket, 2, 17, 9);
+  map.Add(kSocket, SOCK_DGRAM, IPPROTO_UDP, 9);
   EXPECT_TRUE(map.SetNextProcTable(kSocket, &table));
   EXPECT_FALSE(map.SetNextProcTable(kSocket, nullptr));
   int type = 0;
   int protocol = 0;
   EXPECT_EQ(map.GetNextProcTable(kSocket, &type, &protocol), &table);
-  EXPECT_EQ(type, 2);
-  EXPECT_EQ(protocol, 17);
+  EXPECT_EQ(type, SOCK_DGRAM);
+  EXPECT_EQ(protocol, IPPROTO_UDP);
   EXPECT_EQ(map.GetNextProcTable(kSocket, nullptr, nullptr), &table);
 }
 
 TEST_F(SocketMapTest, LocalPortIsReadBack) {
-  map.Add(kSocket, 1, 6, 9);
+  map.Add(kSocket, SOCK_STREAM, IPPROTO_TCP, 9);
   u16 port = 9;
   EXPECT_TRUE(map.GetLocalPort(kSocket, &port));
   EXPECT_EQ(port, 0);
@@ -121,7 +121,7 @@ TEST_F(SocketMapTest, LocalPortIsReadBack) {
 }
 
 TEST_F(SocketMapTest, RelayAddrSetsTheRunningState) {
-  map.Add(kSocket, 2, 17, 9);
+  map.Add(kSocket, SOCK_DGRAM, IPPROTO_UDP, 9);
   const sockaddr_in address = Address("127.0.0.1", 4000);
   auto* const send_queue = reinterpret_cast<UdpPackageQueue*>(0x10);
   auto* const recv_queue = reinterpret_cast<UdpPackageQueue*>(0x20);
@@ -140,7 +140,7 @@ TEST_F(SocketMapTest, RelayAddrSetsTheRunningState) {
 }
 
 TEST_F(SocketMapTest, FlagsAreStored) {
-  map.Add(kSocket, 2, 17, 9);
+  map.Add(kSocket, SOCK_DGRAM, IPPROTO_UDP, 9);
   EXPECT_TRUE(map.SetRelayState(kSocket, kRelayRefused));
   EXPECT_TRUE(map.SetUdpConnectMode(kSocket, true));
   EXPECT_TRUE(map.SetRelayDisabled(kSocket, true));
@@ -151,7 +151,7 @@ TEST_F(SocketMapTest, FlagsAreStored) {
 }
 
 TEST_F(SocketMapTest, HandledAddrTakesTheGivenLength) {
-  map.Add(kSocket, 1, 6, 9);
+  map.Add(kSocket, SOCK_STREAM, IPPROTO_TCP, 9);
   const sockaddr_in address = Address("198.51.100.7", 80);
   EXPECT_TRUE(map.SetHandledAddr(kSocket, test::Generic(address), 4));
   SocketRecord record = Snapshot();
@@ -162,7 +162,7 @@ TEST_F(SocketMapTest, HandledAddrTakesTheGivenLength) {
 }
 
 TEST_F(SocketMapTest, HandledAddrNeverPassesItsField) {
-  map.Add(kSocket, 1, 6, 9);
+  map.Add(kSocket, SOCK_STREAM, IPPROTO_TCP, 9);
   const sockaddr_in addresses[2] = {Address("198.51.100.7", 80), Address("198.51.100.8", 81)};
   EXPECT_TRUE(map.SetHandledAddr(kSocket, test::Generic(addresses[0]), 28));
   EXPECT_EQ(Snapshot().handled_addr_len, 16);
@@ -172,7 +172,7 @@ TEST_F(SocketMapTest, HandledAddrNeverPassesItsField) {
 }
 
 TEST_F(SocketMapTest, ASnapshotDoesNotSeeLaterChanges) {
-  map.Add(kSocket, 1, 6, 9);
+  map.Add(kSocket, SOCK_STREAM, IPPROTO_TCP, 9);
   const SocketRecord before = Snapshot();
   map.SetLocalPort(kSocket, 5);
   EXPECT_EQ(before.local_port, 0);
@@ -180,7 +180,7 @@ TEST_F(SocketMapTest, ASnapshotDoesNotSeeLaterChanges) {
 }
 
 struct RelayRecordsTest : SocketMapTest {
-  RelayRecordsTest() { map.Add(kSocket, 2, 17, 9); }
+  RelayRecordsTest() { map.Add(kSocket, SOCK_DGRAM, IPPROTO_UDP, 9); }
   void Fill(int entries) {
     for (int i = 0; i < entries; ++i) {
       const sockaddr_in address = Destination(i);

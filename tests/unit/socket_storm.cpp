@@ -86,7 +86,7 @@ WSPPROC_TABLE HookedTable() {
   return hooked;
 }
 
-// A socket's whole life, as a game leads it.
+// The whole life of a game's socket.
 void UseOneSocket(const WSPPROC_TABLE& table, Tokens& tokens, StormResult* result) {
   INT error = 0;
   const SOCKET s = table.lpWSPSocket(AF_INET, 1, 6, nullptr, 0, 1, &error);

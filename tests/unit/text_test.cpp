@@ -134,7 +134,7 @@ TEST(IpToString, ReadsNetworkOrder) {
   EXPECT_EQ(common::IpToString(0xffffffff), "255.255.255.255");
 }
 
-// Winsock's own text of an address is the game's: it may be looking at one, and making another may
+// The buffer of Winsock's inet_ntoa belongs to the game, which may be reading it; and a call may
 // wait for the lock under which Winsock ends.
 TEST(IpToString, LeavesWinsocksOwnTextAlone) {
   in_addr address = {};

@@ -1,10 +1,11 @@
-// Each socket's way through the channels: what the client program has in the end, with real
+// Each socket's reports through the channels, as the client program finally has them, with real
 // threads. What depends on time is tested in the scenarios.
 #include <gtest/gtest.h>
 
 #include "common/process_info.h"
 #include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/tracker_fixture.h"
 #include "tests/unit/out_of_memory.h"
 
@@ -162,7 +163,7 @@ TEST_F(TrackerReports, LinkInTroubleNeedsNoSocket) {
   common::SetFieldText(record.guid, "guid");
   const test::LogCapture log(0);
   tracker.SubmitRecoverySwitch(&record);
-  EXPECT_TRUE(log.Contains("[Tracker]  recovery switch qos submitted, game_id=7, guid=guid\n"));
+  EXPECT_TRUE(log.Contains("[Tracker] " + test::kSwitchSubmitted + "7, guid=guid\n"));
   ReportAll();
   ASSERT_EQ(UsedSlots(client.switches), 1);
   EXPECT_EQ(client.switches->slots[0].count, 3);
@@ -195,7 +196,7 @@ TEST_F(TrackerReports, EndTakesALastLookAtWhatIsStillOpen) {
   tracker.AddToWatchList(3, kTrackUdp, kToken);
   tracker.RecordSend(1, 10, 0);
   tracker.UnInit();
-  // What the first success showed may have been written by itself, or not yet.
+  // The report of the first success may have been written by now, or not yet.
   int last_of_a = -1, last_of_b = -1;
   for (int i = 0; i < UsedSlots(client.traffic); ++i) {
     const CommInfoRecord& record = client.traffic->slots[i];
@@ -269,7 +270,7 @@ TEST_F(TrackerReports, LifeIsToldInTheLog) {
   EXPECT_EQ(text.find("Comm Info Sync"), text.npos) << "there was nothing to write";
 }
 
-// Whatever goes well is a detail, so that a game's log holds none of it at its usual level.
+// Successes are logged as details, so that a game's log has none of them at its usual level.
 TEST_F(TrackerReports, WhatTheTrackerSaysOfItselfAreDetails) {
   const test::LogCapture log(1);
   AddAccelerated();
@@ -290,7 +291,7 @@ TEST_F(TrackerReports, WhatTheTrackerSaysOfItselfAreDetails) {
   }
 }
 
-// The worker and the sync thread, as hard against each other as they go.
+// The worker and the sync thread, as concurrently as possible.
 TEST_F(TrackerReports, NothingIsLostOrDoubledWhileBothSidesRun) {
   constexpr u32 kSockets = 100;  // the decision channel has room for 108
   tracker.Init();
@@ -315,7 +316,7 @@ TEST_F(TrackerReports, NothingIsLostOrDoubledWhileBothSidesRun) {
 
 // --- out of memory ---------------------------------------------------------------------------
 
-// Each of these needs memory for its report, and none may take the worker with it.
+// Each of these needs memory for its report, and a failure must not end the worker.
 TEST_F(TrackerReports, WithoutMemoryReportsAreLostAndNothingElse) {
   const AccDecisionInfo decision = SomeDecision();
   const RecoverySwitchRecord record;

@@ -6,6 +6,7 @@
 
 #include "relay/nego_common.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/support/tracker_fixture.h"
 #include "tracker/series_code.h"
 
@@ -166,7 +167,7 @@ TEST_F(WatchList, AccelerationBringsTheProxysFigures) {
   EXPECT_EQ(r.section2_delay, 40u);
   EXPECT_TRUE(
       log.Contains("[Tracker] Socket Base Acce Information saved socket=77, is_acce=1, token=5\n"));
-  EXPECT_FALSE(log.Contains("submitted")) << log.Text();
+  EXPECT_FALSE(log.Contains(test::kReportSubmitted)) << log.Text();
 }
 
 TEST_F(WatchList, DirectSocketHasNoProxyWhateverTheDecisionNames) {
@@ -223,7 +224,7 @@ TEST_F(WatchList, RecoveryTextIsKept) {
   const test::LogCapture log(0);
   tracker.SetRecoveryInfo(kSocket, "0-1-2");
   EXPECT_EQ(Record().recovery_info, "0-1-2");
-  EXPECT_TRUE(log.Contains("socket record recovery switch info=0-1-2\n"));
+  EXPECT_TRUE(log.Contains(test::kSwitchFigures + "0-1-2\n"));
 }
 
 // --- probes -----------------------------------------------------------------------------------
@@ -360,7 +361,7 @@ TEST_F(WatchList, EndOfASocketThatIsNotAcceleratedIsIgnored) {
     EXPECT_TRUE(log.Contains("[Tracker] direct final comm info ignored, socket=77, token=5\n"));
     EXPECT_TRUE(log.Contains(std::string("[Tracker] update info, is_acce=") +
                              (row.is_acce ? "true" : "false") + ", socket=77, token=5\n"));
-    EXPECT_FALSE(log.Contains("submitted"));
+    EXPECT_FALSE(log.Contains(test::kReportSubmitted));
     EXPECT_EQ(tracker.Find(kSocket), nullptr);
   }
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "udp/live_queues.h"
 
 namespace moru_vyr::lsp {
@@ -61,7 +62,7 @@ TEST(UdpPackageQueue, FindsNothingWhileEmpty) {
   test::LogCapture log;
   UdpPackageQueue queue;
   EXPECT_EQ(Find(&queue, "any"), -1);
-  EXPECT_TRUE(log.Contains("[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove queue size=0"));
+  EXPECT_TRUE(log.Contains(test::kQueueEmpty));
 }
 
 TEST(UdpPackageQueue, LoneEntryMatchesWhateverIsAskedFor) {
@@ -118,10 +119,10 @@ TEST(UdpPackageQueue, TakesBackThatVeryEntryAndNoOther) {
   EXPECT_EQ(Find(&queue, "same"), 1);
   EXPECT_EQ(Find(&queue, "same"), 3);
   EXPECT_FALSE(queue.Remove(numbers[0]));
-  EXPECT_TRUE(log.Contains("[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove queue size=0"));
+  EXPECT_TRUE(log.Contains(test::kQueueEmpty));
 }
 
-// The memory of an entry that is gone serves the next one; the number does not.
+// The memory of a removed entry is reused for the next one; its number is not.
 TEST(UdpPackageQueue, ANumberIsNeverUsedAgain) {
   UdpPackageQueue queue;
   const Buffers one{"one"};
@@ -154,7 +155,7 @@ TEST(UdpPackageQueue, TakesADatagramOfOneBlockAndNoMore) {
   UdpPackageQueue queue;
   EXPECT_TRUE(Push(&queue, std::string(2048, 'x'), 1));
   EXPECT_FALSE(Push(&queue, std::string(2049, 'y'), 2));
-  EXPECT_TRUE(log.Contains("WARNING: clone not enough room, k=2049, size=2048"));
+  EXPECT_TRUE(log.Contains(test::kCopyTooLong));
   EXPECT_TRUE(log.Contains("WARNING: clone failed"));
   EXPECT_EQ(Find(&queue, std::string(2048, 'x')), 1) << "and the queue still works";
 }

@@ -1,6 +1,6 @@
-// What a datagram socket tells the relay's control port, over a scripted next provider. At stake:
-// the relay accepts nothing but the exact message, from the socket itself, and whatever the outcome
-// is, the game's call goes on.
+// What a datagram socket sends to the relay's control port, over a scripted next provider. At
+// stake: the relay accepts nothing but the exact message, from the socket itself, and whatever the
+// outcome is, the game's call goes on.
 #include "hooks/udp_relay_request.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include "engine/relay_mgr.h"
 #include "hooks/udp_relay.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/log_texts.h"
 #include "tests/unit/scripted_provider.h"
 #include "udp/relay_messages.h"
 
@@ -76,7 +77,7 @@ TEST_F(ControlMessages, ARequestNamesTheSocketItsDestinationAndAnEvent) {
   EXPECT_EQ(next.Last().arguments[9], Word(&thread)) << "the caller's own";
   const auto message = SentMessage<ProtoRelayOpen>();
   EXPECT_EQ(u32{message.magic}, 0xC13F0253u);
-  EXPECT_EQ(message.type, 1);
+  EXPECT_EQ(message.type, kProtoRelayTypeOpen);
   EXPECT_EQ(u32{message.token}, 4711u);
   const sockaddr_in destination = message.address();
   EXPECT_EQ(std::memcmp(&destination, &server, sizeof server), 0);
@@ -87,8 +88,8 @@ TEST_F(ControlMessages, ARequestNamesTheSocketItsDestinationAndAnEvent) {
   EXPECT_TRUE(
       log.Contains("ProtoRelayOpen, sock_send_buf_size=0, sock_recv_buf_size=0, socket=4660, "
                    "token=4711\n"));
-  EXPECT_TRUE(
-      log.Contains("[UDP] RequestUdpRelay failed: sendto, error=10055, socket=4660, token=4711\n"));
+  EXPECT_TRUE(log.Contains("[UDP] " + test::kUdpRelayFailed +
+                           ": sendto, error=10055, socket=4660, token=4711\n"));
 }
 
 TEST_F(ControlMessages, ARequestThatIsCutIsNotWaitedFor) {
@@ -128,7 +129,7 @@ TEST_F(ControlMessages, TheEndIsToldInThirteenBytesFromTheSocketItself) {
   ExpectSentToTheControlPort(13);
   const auto message = SentMessage<ProtoRelayClose>();
   EXPECT_EQ(u32{message.magic}, 0xC13F0253u);
-  EXPECT_EQ(message.type, 2);
+  EXPECT_EQ(message.type, kProtoRelayTypeClose);
   EXPECT_EQ(u32{message.token}, 4711u);
   EXPECT_EQ(next.sent.thread.ThreadHandle, GetCurrentThread());
   EXPECT_EQ(next.sent.thread.Reserved, 0u);
@@ -142,14 +143,13 @@ TEST_F(ControlMessages, AnEndThatCannotBeToldIsOnlyLogged) {
   next.bytes = 12;
   test::LogCapture log(5);
   EXPECT_FALSE(CloseUdpRelay(record));
-  EXPECT_TRUE(
-      log.Contains("[5][lsp][UDP] CloseUdpRelay: sendto, bytes(12)!=13, socket=4660, token=4711\n"))
+  EXPECT_TRUE(log.Contains("[5][lsp]" + test::CloseSentShort(12) + "4660, token=4711\n"))
       << log.Text();
   next.result = -1;
   next.error = 10035;
   EXPECT_FALSE(CloseUdpRelay(record));
   EXPECT_TRUE(
-      log.Contains("[5][lsp][UDP] CloseUdpRelay: sendto, error=10035, socket=4660, token=4711\n"));
+      log.Contains("[5][lsp]" + test::CloseSendFailed(WSAEWOULDBLOCK) + "4660, token=4711\n"));
   EXPECT_EQ(next.calls.size(), 2u) << "nothing is tried again";
 }
 
@@ -172,7 +172,7 @@ TEST_F(ControlMessages, OnlyTheEndOfARelayIsTold) {
   EXPECT_TRUE(next.calls.empty());
 }
 
-// --- what a datagram makes of the answer ------------------------------------------------------
+// --- how a datagram uses the answer -----------------------------------------------------------
 
 TEST_F(ControlMessages, ADatagramGoesToTheRelayOnlyWhereAWorkerServes) {
   char data[4] = {};

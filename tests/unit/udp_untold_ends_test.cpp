@@ -12,7 +12,7 @@ namespace {
 
 class UntoldEndsTest : public testing::Test {
  protected:
-  // One turn; the tokens that were asked about. Those with a session are ended.
+  // One pass; returns the tokens that were looked up. Those with a session are ended.
   std::vector<u32> Turn() {
     std::vector<u32> asked;
     ends.OnTurn([&](u32 token) {
@@ -50,7 +50,7 @@ TEST_F(UntoldEndsTest, ASocketThatHasNoneIsForgotten) {
   sessions = {7};
   EXPECT_TRUE(Turn().empty());
   EXPECT_EQ(sessions.size(), 1u);
-  // The next one in its place has all its turns.
+  // The next note in its place gets its full number of passes.
   ends.Add(8);
   for (u32 turn = 0; turn < UntoldEnds::kTurns; ++turn) EXPECT_EQ(Turn().size(), 1u) << turn;
   EXPECT_TRUE(Turn().empty());

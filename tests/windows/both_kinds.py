@@ -106,7 +106,7 @@ def check_children(stage):
 
 
 def check_missing_files(stage):
-    """A launcher that lies alone says what it needs."""
+    """A launcher without the files beside it names what it needs."""
     checks, lonely = stage.checks, stage.runner.folder / "lonely"
     lonely.mkdir()
     for kind in PORT:

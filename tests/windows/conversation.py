@@ -1,4 +1,4 @@
-"""Programs that are talked to while they run, and waiting for what they do."""
+"""Programs that a test talks to while they run, and waiting for their output."""
 
 import contextlib
 import queue
@@ -13,7 +13,7 @@ POLL_S = 0.2
 
 
 def wait_until(condition):
-    """Polls; what the condition gave last, true or not."""
+    """Polls the condition; returns its last value, true or not."""
     end = time.monotonic() + PATIENCE_S
     while not (found := condition()) and time.monotonic() < end:
         time.sleep(POLL_S)
@@ -41,7 +41,7 @@ class Conversation:
             self.process.stdin.write(text + "\n")
 
     def line_with(self, words, patience_s=PATIENCE_S):
-        """The next line that has those words; empty where none comes in time."""
+        """The next line that contains those words; empty if none comes in time."""
         end = time.monotonic() + patience_s
         with contextlib.suppress(queue.Empty):
             while True:

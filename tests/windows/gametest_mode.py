@@ -30,7 +30,7 @@ class Stage:
         self.node = relay_bench.Node(arguments.node)
 
     def fetch(self, what, file, library, through_the_node):
-        """The program's own work, with the file beside it or not."""
+        """The program's own work, with or without the file beside it."""
         body, samples = real_programs.wave_file(seconds=5)
         server = WebServer(body)
         before = len(self.node.games())

@@ -26,7 +26,7 @@ class Gate:
         return result
 
     def expect(self, what, result, served, log_files):
-        """`log_files`: a folder's log files, or None where there must be none at all."""
+        """`log_files`: a folder's log files, or None if there must be none at all."""
         tables = [start["replaced_entries"] for start in result.starts()]
         wanted = HOOKED if served else 0
         self.checks.that(result.output.count("echo: hello") == 2, f"{what}: it works", result.output)

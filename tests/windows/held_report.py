@@ -15,7 +15,7 @@ LONGEST_END_S = 4.0  # from there until the process is gone, on a busy machine
 
 
 def play(stage):
-    """What the game said, its exit code, and how long it took from its last cleanup to its end."""
+    """What the game printed, its exit code, and the time from its last cleanup to its end."""
     runner, server = stage.runner, stage.server
     game = Conversation(
         [runner.bin / "vyr_run.exe", support.windows_path(stage.game / "Game.exe"), relay_bench.SERVER,

@@ -73,13 +73,13 @@ def tool(kind, name, *arguments):
 
 
 def imported_names(text):
-    """By name, from the import tables; what is imported by number alone has none."""
+    """By name, from the import tables; imports by number alone have none."""
     imports = text[text.index("The Import Tables") : text.index("The Export Tables")]
     return set(re.findall(r"^\s+[0-9a-f]+\s+(?:<none>)?\s*\d+\s+(?:[0-9a-f]{4}\s+)?(\w+)\s*$", imports, re.M))
 
 
 def names_asked_for(kind, archive):
-    """What the product's own objects ask for, without the decorations of a name in C."""
+    """The symbols that the product's own objects need, without C's name decoration."""
     prefix = "_" if kind == "x86" else ""
     undefined = rf"^\s+U (?:__imp_)?{prefix}(\w+?)(?:@\d+)?$"
     return set(re.findall(undefined, tool(kind, "nm", archive), re.M))

@@ -52,7 +52,7 @@ def main():
 
 
 def first_socket_error(output):
-    """socket() failed, so connect() works on no socket; the probe says the first one's error."""
+    """socket() failed, so connect() has no socket; the probe prints the error of the first one."""
     found = re.search(r"^first socket: failed with (\d+)$", output, re.M)
     return int(found.group(1)) if found else None
 

@@ -73,7 +73,7 @@ class Network:
                 self.requests.append((socket.inet_ntoa(packet[16:20]), len(message)))
 
     def drained(self, marker):
-        """All that was sent before: a request of our own, of a size of its own, has arrived."""
+        """Waits for everything sent before: until a request of our own, of a unique size, has arrived."""
         message = struct.pack(">BBHHH", 8, 0, 0xF7FF, 0, 0) + bytes(marker)
         with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP) as sender:
             sender.sendto(message, ("198.51.100.19", 0))
@@ -96,7 +96,7 @@ class Stage:
         self.bench = relay_bench.Bench(arguments, self.runner, games, 0, TABLES)
 
     def went_out(self):
-        """What has reached the network since the last question."""
+        """What has reached the network since the last call."""
         self.marker += 2
         requests = self.network.drained(self.marker)
         new, self.seen = requests[self.seen :], len(requests)
@@ -110,7 +110,7 @@ class Stage:
 
 
 def reply_to(game, line):
-    """Size, milliseconds and time to live of the reply; none where there is none."""
+    """Size, milliseconds and time to live of the reply; None if there is no reply."""
     answer = game.asked(line, "reply: ")
     found = re.match(r"reply: (\d+) bytes after (\d+) ms, ttl (\d+)", answer)
     return tuple(map(int, found.groups())) if found else None
@@ -190,7 +190,7 @@ def play(stage, options):
 
 
 def check_sample_game(stage):
-    """Its beats are the same both ways, since the bed has no distances; its ping is not."""
+    """Its beats take the same time both ways, since the bed has no distances; its pings do not."""
     command = [stage.native_game, "serve", f"{RELAYED}:{GAME_PORT}", "--delay-ms", str(BEAT_MS)]
     server = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
     stage.bench.running.callback(server.wait, support.LONGEST_RUN_S)

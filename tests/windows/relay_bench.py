@@ -106,11 +106,11 @@ class Bench:
             raise RuntimeError("the client does not become ready")
 
     def log(self):
-        """All logs there are. One that is being written may lack its last lines."""
+        """All logs. One that is being written may lack its last lines."""
         return b"".join(file.read_bytes() for file in self.logs.glob("*.log")).decode("gbk", "replace")
 
     def node_is_idle(self):
-        """No connection is left, and everything that the node said of them has been read."""
+        """Waits until no connection is left and all events about them have been read."""
         idle = wait_until(lambda: not self.node.command(command="connections")["connections"])
         return idle and wait_until(
             lambda: len(self.node.named("closed")) == len(self.node.named("accepted"))

@@ -30,7 +30,7 @@ def make_pattern():
 
 
 class PatternServer:
-    """The game's server: it knows what is to come, and sends what is asked for."""
+    """The game's server: it knows what it must receive, and sends what is asked for."""
 
     def __init__(self):
         self.pattern = make_pattern()

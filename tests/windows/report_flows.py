@@ -182,7 +182,7 @@ class Stage:
 
 
 def check_games(stage):
-    """First of all, the games have lost nothing: else there is nothing to compare."""
+    """First of all, the games have lost nothing: otherwise there is nothing to compare."""
     checks = stage.checks
     for play, lobby in zip(stage.plays, SERVERS):
         for server in play["servers"]:
@@ -193,7 +193,7 @@ def check_games(stage):
 
 
 def guids_by_way(stage):
-    """What the channels say of each flow, by its guid."""
+    """The reports on each flow, by its guid."""
     ways = collections.defaultdict(list)
     for report in stage.reports:
         if report["event"] in ("loaded", "log_path"):

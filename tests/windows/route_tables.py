@@ -105,7 +105,7 @@ class Client(Conversation):
 
 
 class Game(Conversation):
-    """The probe under the launcher, and the log that the library writes of it."""
+    """The probe under the launcher, and the log that the library writes in it."""
 
     def __init__(self, bench, name):
         self.logs = bench.logs(name)
@@ -119,11 +119,11 @@ class Game(Conversation):
         return b"".join(file.read_bytes() for file in files).decode("gbk", "replace")
 
     def chatter(self):
-        """The log collects lines before it writes them: some more push them out."""
+        """The log collects lines before it writes them: more lines push them out."""
         self.say("chatter 5")
 
     def waits_for_log(self, condition):
-        """`condition`: words, or a function of the whole log. Returns what that gave last."""
+        """`condition`: words, or a function of the whole log. Returns its last value."""
         test = (lambda log: condition in log) if isinstance(condition, str) else condition
 
         def look():
@@ -152,7 +152,7 @@ class Game(Conversation):
 
 
 class DeafNode:
-    """Where connections to the node end up. It never answers."""
+    """A node that accepts connections and never answers."""
 
     def __init__(self):
         self.listener = socket.create_server((NODE, 0))
@@ -187,7 +187,7 @@ class Bench:
         return self.folder / f"logs of {name}"
 
     def edit(self, client=None):
-        """Brings the file to what the fields say."""
+        """Writes the file from the fields."""
         text = GAMES.format(
             game=support.windows_path(self.folder / "Game.exe"),
             game_logs=support.windows_path(self.logs("Game.exe")) + "\\",
@@ -228,7 +228,7 @@ class Bench:
         self.checks.equal(answer, wanted, "the game connects, and sees the server as its peer")
 
     def decides(self, game, count, decision, target):
-        """The decision of that number: its name, and where the worker went for it."""
+        """The decision of that number: its name, and where the worker connected for it."""
         found = game.waits_for_log(
             lambda log: len(all_found := game.decisions(log)) >= count and all_found
         )
@@ -251,7 +251,7 @@ def seconds_between(log, first, second):
 
 
 def check_start_without_tables(bench):
-    """The one game waits for the tables and goes on without, the other goes on at once."""
+    """One game waits for the tables and goes on without them, the other goes on at once."""
     checks = bench.checks
     patient, game = bench.start("Patient.exe"), bench.start("Game.exe")
     bench.connects(game, KNOWN)
@@ -341,7 +341,7 @@ def check_spur_list_at_the_beat(bench, game):
 
 
 def check_flips(bench, game):
-    """Both buffers and back: the next connection goes by the table that was edited last."""
+    """Both buffers and back: the next connection uses the table that was edited last."""
     server = (KNOWN, bench.servers[KNOWN].port)
     node = (NODE, bench.node.port)
     for decision, target in (

@@ -50,7 +50,7 @@ def skip(reason):
 
 
 class Checks:
-    """Counts what held and what did not; the exit code follows from it."""
+    """Counts checks that passed and failed; the exit code follows from that."""
 
     def __init__(self):
         self.passed = 0
@@ -163,7 +163,7 @@ class Runner:
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="vyr-probe-", dir=DRIVE_C))
 
     def file(self, name, extension):
-        """One of the files that both kinds have, by the name that it has for ours."""
+        """A file that exists for both kinds of program, by its name for this kind."""
         return self.bin / f"{name}{SUFFIXES[self.kind]}{extension}"
 
     def stage(self, program, name):

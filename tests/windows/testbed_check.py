@@ -18,7 +18,7 @@ def bed(*command, **options):
 
 
 def has_ended(pid):
-    """Gone, or a zombie that its new parent has not looked at yet."""
+    """Gone, or a zombie that its new parent has not reaped yet."""
     try:
         with open(f"/proc/{pid}/stat", encoding="ascii", errors="replace") as file:
             return file.read().rsplit(")", 1)[1].split()[0] == "Z"

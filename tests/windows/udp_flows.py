@@ -28,7 +28,7 @@ LINGER_MS = 20000  # for answers that a busy machine has not brought yet
 
 
 class Play:
-    """One game process and what it has to say in the end."""
+    """One game process and what it prints at its end."""
 
     def __init__(self, stage, rate, servers, connected):
         self.name = f"{rate} a second{', connected' if connected else ''}"
@@ -93,7 +93,7 @@ class Stage:
         self.tables.write_text(text.replace("\nswitch_open = 1", "\nswitch_open = 0"))
 
     def command(self, name):
-        """Of a program with the library under it, given its arguments."""
+        """The command of a program with the library under it, given its arguments."""
         launcher, program = self.runner.launcher, support.windows_path(self.paths[name])
         return lambda *words: demo_bed.wine(launcher, "--", program, *words)
 
@@ -105,7 +105,7 @@ class Stage:
 
 
 def check_node(stage, plays):
-    """What the node carried is what the games sent: none of it went past the node."""
+    """The node carried what the games sent: nothing went past the node."""
     checks, node = stage.checks, stage.node
     flows = [flow for flow in node.flows().values() if flow["game"].endswith(":7000")]
     carried = sum(flow["datagrams_to_server"] for flow in flows)

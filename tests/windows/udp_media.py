@@ -21,7 +21,7 @@ LONGEST_S = 150
 
 
 class FilmPeer:
-    """Takes datagrams and remembers them and who sent them."""
+    """Receives datagrams and records them with their senders."""
 
     def __init__(self, port=FILM_PORT):
         self.datagrams, self.peers = [], set()

@@ -36,7 +36,7 @@ def archive(files, mode="w"):
 
 
 def stored_zstandard(content):
-    """A frame of blocks that are stored as they are."""
+    """A frame of uncompressed blocks."""
     frame = b"\x28\xb5\x2f\xfd\xa0" + struct.pack("<I", len(content))
     pieces = [content[at : at + (1 << 17)] for at in range(0, len(content), 1 << 17)]
     for number, piece in enumerate(pieces, 1):
@@ -45,7 +45,7 @@ def stored_zstandard(content):
 
 
 class Work:
-    """What a program does once: the files it needs, its arguments, and the bytes that come of it."""
+    """One run of a program: the files it needs, its arguments, and the bytes that it produces."""
 
     program = ""
 
@@ -76,7 +76,7 @@ class Fetches(Work):
         self.wanted = None
 
     def result(self, folder):
-        """All but the upload, which it draws by chance."""
+        """Everything except the upload, which is random."""
         said = super().result(folder)
         return said and sorted(map(str, json.loads(said)["seen"]))
 
@@ -105,7 +105,7 @@ class Export(Work):
 
 
 class Restore(Work):
-    """It finds what it would build in a cache behind HTTP, and unpacks that."""
+    """It finds the result of its build in a cache behind HTTP, and unpacks that."""
 
     name, program, out = "build runner", "turbo.exe", "a/dist/big.bin"
 

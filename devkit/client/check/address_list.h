@@ -1,4 +1,4 @@
-// The addresses of groups, laid flat: a record an address.
+// The addresses of groups, stored flat: one record for each address.
 #pragma once
 
 #include <cstddef>
@@ -13,8 +13,8 @@
 
 namespace client {
 
-// Where the records of all groups of a list go. What is too many is read all the same, for the
-// sake of its own mistakes, and counted.
+// The records of all groups of a list. Those beyond the room are read all the same, to report their
+// own mistakes, and counted.
 class AddressList {
  public:
   // `field` is that of the list, `record` the one that the field belongs to.

@@ -26,7 +26,7 @@ bool IsSame(const Problem& a, const Problem& b) { return a.key == b.key && a.rea
 
 }  // namespace
 
-// What is wrong with a node is so for every game that uses it, and said once.
+// A fault of a node concerns every game that uses it, and is reported once.
 Problems AllProblems(const ConfigFile& file) {
   Problems all = file.problems;
   for (const SwitchAdvice& advice : file.advice) {
@@ -47,7 +47,7 @@ ConfigFile ParseConfig(std::string_view text) {
     return file;
   }
   file.problems = ReadTables(parsed.table(), file.tables.get());
-  // What the tables say together is worth a look only when each says something by itself.
+  // Rules across tables are checked only if each table is valid by itself.
   if (!HasErrors(file.problems)) CheckTables(parsed.table(), *file.tables, &file.problems);
   if (!HasErrors(file.problems)) file.advice = AdviseOnSwitching(*file.tables);
   for (SwitchAdvice& advice : file.advice) {

@@ -18,10 +18,10 @@ struct ConfigFile {
   std::vector<SwitchAdvice> advice;  // of files without an error
 };
 
-// Every warning, those of `advice` among them, in the order of the file.
+// Every warning, including those of `advice`, in the order of the file.
 Problems AllProblems(const ConfigFile& file);
 
-// Reads TOML. Every offence against the field table is found in one go; only a file that is no
+// Reads TOML. Every mistake against the field table is found in one pass; only a file that is not
 // TOML at all ends at its first mistake.
 ConfigFile ParseConfig(std::string_view text);
 

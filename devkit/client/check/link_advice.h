@@ -1,4 +1,4 @@
-// Advice on a game's own settings of measuring links and moving flows.
+// Advice on a game's own settings for measuring links and moving flows.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 namespace client {
 
 struct Advice {
-  std::string key;  // of the game's record where of_game says so, else of the whole file
+  std::string key;  // of the game's record if of_game is set, else of the whole file
   std::string reason;
   bool of_game = true;
 };
@@ -23,10 +23,10 @@ inline constexpr uint32_t kLongestPassMs = 50;
 // that the others count from, and those before the range are forgotten.
 uint64_t TrialProbes(const moru_vyr::lsp::AccConfigRecord& game);
 
-// What stands between trouble and a move, whatever is measured.
+// Settings that prevent every move, whatever is measured.
 void AdviseOnGates(const moru_vyr::lsp::AccConfigRecord& game, std::vector<Advice>* found);
 
-// What the measuring cannot see, or sees where nothing is.
+// Settings that hide trouble from the measurement, or make it report trouble where there is none.
 void AdviseOnMeasuring(const moru_vyr::lsp::AccConfigRecord& game, std::vector<Advice>* found);
 
 }  // namespace client

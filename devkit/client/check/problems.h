@@ -1,4 +1,4 @@
-// What is wrong with a configuration file, all of it, each thing with its line.
+// All mistakes in a configuration file, each with its line.
 #pragma once
 
 #include <string>

@@ -92,7 +92,7 @@ class Reader {
     const size_t count = std::min(list.size(), field.capacity);
     if (field.count_size != 0) Store(record + field.count_offset, field.count_size, count);
     for (size_t i = 0; i < list.size(); ++i) {
-      // Entries past the end are read into nothing, for the sake of their own mistakes.
+      // Entries past the end are read into a spare record, to report their own mistakes.
       std::vector<std::byte> spare(i < count ? 0 : field.size);
       std::byte* to = i < count ? record + field.offset + i * field.size : spare.data();
       Entry(list.at(i), field, to, EntryKey(key, i));

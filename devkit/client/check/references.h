@@ -1,4 +1,4 @@
-// What the file's tables call each other: nodes and data centres, by name or by number.
+// How the file's tables refer to each other: nodes and data centres, by name or by number.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@
 
 namespace client {
 
-// A node is known once it stands in the tables, which so must be filled before whoever names it.
+// A node is known once it is in the tables, so nodes are read before anything that names them.
 class References {
  public:
   References(const Tables& tables, Problems* problems) : tables_(tables), problems_(problems) {}

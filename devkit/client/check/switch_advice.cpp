@@ -13,8 +13,8 @@ namespace {
 
 using namespace moru_vyr::lsp;
 
-// Whether the game has anything that could move, and somebody who wants it to. To measure links
-// and never move a flow is a choice.
+// Whether the game has flows that could move, and is configured to move them. To measure links and
+// never move a flow is a valid choice.
 bool AsksForSwitching(const AccConfigRecord& game) {
   if (game.valid == 0 || (game.net_mode & kNetModeUdp) == 0 || game.acc_mode == kAccModeNone) {
     return false;

@@ -1,5 +1,5 @@
-// What stands in the tables but keeps datagram flows from moving to a better node, or would move
-// them without need: each a warning with its key, and why.
+// Finds settings that keep datagram flows from moving to a better node, or that would move them
+// without need. Each becomes a warning with its key and the reason.
 //
 // It knows the rules by which links are judged, not how good a link is: a table without a warning
 // can still be a poor one.
@@ -18,7 +18,7 @@ struct SwitchAdvice {
   Problem problem;    // a warning; its line is for whoever has the file
 };
 
-// A game that asks for no switching is left in peace.
+// A game that is configured without switching gets no advice.
 std::vector<SwitchAdvice> AdviseOnSwitching(const Tables& tables);
 
 }  // namespace client

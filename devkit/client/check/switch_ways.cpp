@@ -67,7 +67,7 @@ class Collector {
         NodeUse* const node = FindNode(candidate.proxy_idc);
         if (node == nullptr) continue;
         node->is_candidate = true;
-        node->may_refuse |= !forced;  // what forced the first way holds for those behind it
+        node->may_refuse |= !forced;  // if the first way is forced, those behind it are as well
       }
     }
     ways_.routes.push_back(route);
@@ -90,7 +90,7 @@ class Collector {
     }
   }
 
-  // The node's entry among those in use, made now if there is none. Null where no node has that
+  // The node's entry among those in use, made now if there is none. Null if no node has that
   // number.
   NodeUse* FindNode(uint32_t proxy_idc) {
     const auto known = std::find_if(ways_.nodes.begin(), ways_.nodes.end(),

@@ -1,4 +1,4 @@
-// The nodes that a game's datagram flows may begin with and move to, as the tables have them.
+// The nodes that a game's datagram flows may begin with and move to, according to the tables.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace client {
 
-// A node in one or more roles, with what moving flows asks of it.
+// A node in one or more roles, with the properties that moving a flow depends on.
 struct NodeUse {
   std::string key;   // "node[2]", "game[0].forced_proxy"
   std::string name;  // for people
@@ -38,7 +38,7 @@ struct SwitchWays {
   bool has_manual_candidates = false;
 };
 
-// `index` is the game's place among the games. Empty where nothing is accelerated.
+// `index` is the game's place among the games. Empty if nothing is accelerated.
 SwitchWays WaysOf(const Tables& tables, uint32_t index);
 
 }  // namespace client

@@ -1,4 +1,4 @@
-// What tables must agree on among each other, and what can stand in them but does nothing.
+// Rules across tables: what they must agree on, and entries that are allowed but have no effect.
 #pragma once
 
 #include "client/check/problems.h"

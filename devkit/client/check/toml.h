@@ -1,7 +1,7 @@
-// The TOML library as the client uses it: a parser that answers instead of throwing.
+// The TOML library as the client uses it: a parser that returns errors instead of throwing.
 #pragma once
 
-// Its names do not survive the macros of Windows' headers.
+// Some of its names clash with macros of the Windows headers.
 #pragma push_macro("time")
 #undef time
 #define TOML_EXCEPTIONS 0

@@ -1,4 +1,4 @@
-// What every reader of the file says of a node of it.
+// How every reader of the file describes one of its nodes.
 #pragma once
 
 #include <cstddef>

@@ -15,13 +15,13 @@ namespace client {
 // The records are little-endian, and so is every machine that this is built for.
 void Store(std::byte* to, size_t size, uint64_t value);
 
-// Values that mean what they say, whatever else the file holds. What is refused leaves its bytes
+// Reads values that do not depend on the rest of the file. A value that is refused leaves its bytes
 // as they are and goes to `problems`.
 class ValueReader {
  public:
   explicit ValueReader(Problems* problems) : problems_(problems) {}
 
-  // False where no value of that type can stand in the field; nothing is said of it then.
+  // False if the field takes no value of that type; nothing is reported then.
   bool Read(const toml::node& node, const Field& field, std::byte* to, const std::string& key);
   void WrongType(const toml::node& node, const Field& field, const std::string& key);
 

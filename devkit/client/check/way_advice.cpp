@@ -74,7 +74,7 @@ class WaysAdviser {
   }
 
  private:
-  // The delay that the table itself gives the link is a bad one.
+  // The delay that the table itself gives for the link counts as bad.
   bool DelayAtRest(const NodeUse& node) {
     const uint64_t most = thresholds::MaxDelayAvg(game_, false);
     if (node.section1_delay < most) return false;
@@ -120,7 +120,7 @@ class WaysAdviser {
   bool Trial(const NodeUse& node) {
     const uint64_t probes = TrialProbes(game_);
     const uint64_t most = thresholds::MaxRealRouteLost(game_, true);
-    if (probes == 0 || 200 / probes >= most) return false;  // said of every node already
+    if (probes == 0 || 200 / probes >= most) return false;  // already reported for every node
     const uint64_t step = kLongestPassMs + uint64_t{thresholds::HighFreqTestInterval(game_, true)};
     const uint64_t open = std::min(1 + node.section1_delay / step, probes);
     const uint64_t shown = open * 100 / probes;

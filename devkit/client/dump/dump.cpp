@@ -28,7 +28,7 @@ bool IsZero(const std::byte* from, size_t size) {
   return std::all_of(from, from + size, [](std::byte byte) { return byte == std::byte{0}; });
 }
 
-// Names of nodes, where a name means one node only.
+// Names of nodes, if the name is unique.
 class NodeNames {
  public:
   explicit NodeNames(const Tables& tables) {
@@ -65,7 +65,7 @@ class Dumper {
   std::string Take() { return std::move(text_); }
 
  private:
-  // Values first, tables behind them, since TOML allows no other order.
+  // Values first, then tables: TOML allows no other order.
   void Record(const Shape& shape, const std::byte* record, const std::string& path) {
     for (const Field& field : shape.fields) {
       if (!IsTable(field) || IsEmpty(field, record)) Line(field, record);
@@ -109,7 +109,7 @@ class Dumper {
     return count;
   }
 
-  // A key that may be left out is, where leaving it out gives the same.
+  // An optional key is left out if that gives the same bytes.
   static bool IsImplied(const Field& field, const std::byte* record) {
     if (field.required) return false;
     if (field.capacity != 0 || field.fallback == 0) return IsEmpty(field, record);

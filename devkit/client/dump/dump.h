@@ -7,8 +7,8 @@
 
 namespace client {
 
-// A file that gives these very tables when it is read, if they were written by such a file. What
-// another client may have left in them is shown as far as counts and fields reach: bytes behind
+// A file that gives exactly these tables when it is read, provided that they came from such a file.
+// What another client program left in them is shown as far as counts and fields reach: bytes behind
 // the last entry of a list or the end of a text are not.
 std::string DumpToml(const Tables& tables);
 

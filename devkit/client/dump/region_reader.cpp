@@ -58,7 +58,7 @@ std::string ReadRouteFile(const std::string& path, Tables* tables) {
   return "";
 }
 
-// Beside the file first: a game that starts at this moment must not find half of it.
+// Written beside the file first: a game that starts at this moment must not find half of it.
 std::string WriteRouteFile(const std::string& path, const Tables& tables) {
   const std::string fresh = path + ".new";
   {

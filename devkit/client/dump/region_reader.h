@@ -1,4 +1,4 @@
-// What stands in the regions at this moment.
+// The contents of the regions at this moment.
 #pragma once
 
 #include <array>
@@ -10,17 +10,18 @@
 namespace client {
 
 struct StandingTables {
-  std::unique_ptr<Tables> tables;  // empty where there is no region
+  std::unique_ptr<Tables> tables;  // empty if there is no region
   std::array<bool, kRegionCount> present = {};
   std::string error;  // which regions are there but cannot be read; empty if none
 
   bool AnyPresent() const;
 };
 
-// Copies each region that somebody has made; makes none. Waits so long at most for a mutex.
+// Copies each region that exists; creates none. Waits at most that long for each mutex.
 StandingTables ReadRegions(unsigned wait_ms);
 
-// A route table in a file of its own. The reason in words, or nothing on success.
+// Writes a route table into a file of its own. Returns the reason of a failure in words, or
+// nothing.
 std::string ReadRouteFile(const std::string& path, Tables* tables);
 std::string WriteRouteFile(const std::string& path, const Tables& tables);
 

@@ -25,7 +25,7 @@ namespace {
 using namespace moru_vyr::lsp;
 using common::FieldText;
 
-constexpr uint32_t kSilent = 100;  // a log level that nothing reaches
+constexpr uint32_t kSilent = 100;  // a log level above all lines
 
 template <size_t N>
 std::string Text(const char (&field)[N]) {
@@ -124,7 +124,7 @@ class Explainer {
     if (found) route_->route_table().LoadRouteFromMem(*image);
   }
 
-  // --- what the game's own entry says ---
+  // --- the game's own entry ---
 
   bool AskGame() {
     const AccConfig& config = *GetAccConfig();
@@ -159,7 +159,7 @@ class Explainer {
         continue;
       }
       Stop(RelayTestFailed(test), RelayConclusion(test));
-      // What a decision would report, had it been asked. It knows nothing of the blacklist.
+      // What a decision would have reported. It does not look at the blacklist.
       if (test != RelayVerdict::kBlacklisted && !Decide(nullptr)) {
         out_.acc_reason = info_.acc_reason;
       }
@@ -261,7 +261,7 @@ class Explainer {
            Number(question_.port);
   }
 
-  // The library says yes or no to a list: it is asked with lists of one record.
+  // The library only says whether a list matches, so it is asked with lists of one record each.
   std::string BlockedBy() const {
     for (uint32_t i = 0; i < std::min(tables_.blacklist.blacklist_count, kMaxBlacklistRecords);
          ++i) {
@@ -280,7 +280,7 @@ class Explainer {
     return "by several records together";
   }
 
-  // --- which way it goes ---
+  // --- the way it takes ---
 
   bool Decide(SwitchProxyInfo* cache) {
     return route_->MakeDecision(question_.ip, Port(), SocketType(), "explain", &info_, cache, 0, 0);
@@ -329,7 +329,7 @@ class Explainer {
     }
   }
 
-  // What made the route's own reference something else.
+  // What replaced the route's own reference.
   std::string Changed() const {
     const AccConfig& config = *GetAccConfig();
     if (config.acc_mode == kAccModeNone) return ", because acc_mode is 0, whatever the route says";
@@ -381,7 +381,7 @@ class Explainer {
     return "a node of the route file";
   }
 
-  // --- where it could move ---
+  // --- where the flow could move ---
 
   void Switching(const SwitchProxyInfo& cache) {
     if (!question_.udp) {

@@ -20,7 +20,7 @@ struct Question {
   std::string game;  // path, file name or game_id of the game that asks; empty: the first listed
 };
 
-// "198.51.100.10:8080" and "tcp" or "udp". Nothing if they are no such thing.
+// "198.51.100.10:8080" and "tcp" or "udp". Nothing if they are not well formed.
 std::optional<Question> ParseQuestion(const std::string& destination, const std::string& protocol);
 
 struct Step {
@@ -37,11 +37,11 @@ struct Way {
   uint32_t section2_delay = 0;
   uint32_t section2_lost = 0;
   std::string decision;
-  bool would_be_taken = false;  // candidates: the one that a change would go to
+  bool would_be_taken = false;  // candidates: the one that a switch would choose
 };
 
 struct Explanation {
-  std::string problem;  // the question has no answer, because of this; empty otherwise
+  std::string problem;  // why the question has no answer; empty if it has one
   std::string destination;
   std::string protocol;
   std::string game_path;

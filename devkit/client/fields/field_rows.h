@@ -1,4 +1,4 @@
-// What the files of field rows share.
+// Shared by the files that list field rows.
 #pragma once
 
 #include <type_traits>

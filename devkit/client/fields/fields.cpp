@@ -11,7 +11,7 @@ constexpr const char* kOnePerNode[] = {"proxy_idc", "proxy_name"};
 constexpr const char* kOnePerDataCentre[] = {"game_idc"};
 constexpr const char* kOnePerGroup[] = {"game_idc", "name"};
 
-// Nodes and data centres stand first: what follows calls them by name.
+// Nodes and data centres come first: the rest refers to them by name.
 constexpr Field kFileFields[] = {
     {.key = "route_binary_file_path",
      .kind = Kind::kText,

@@ -84,7 +84,7 @@ struct AddressGroup {
   char name[64] = {};
 };
 
-// The whole file, behind which all other shapes hang. Its offsets are those of Tables.
+// The shape of the whole file, which leads to all others. Its offsets are those of Tables.
 const Shape& FileShape();
 
 }  // namespace client

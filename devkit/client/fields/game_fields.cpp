@@ -321,7 +321,7 @@ constexpr Field kGameFields[] = {
             "when the last one leaves count as lost, so leave room for them",
      .sample = "20",
      .max = kPercent},
-    // Tables last: behind a table's heading, TOML knows no way back to the game's own keys.
+    // Tables last: after a table's heading, TOML has no way back to the game's own keys.
     {.key = "forced_proxy",
      .kind = Kind::kRecord,
      AT(Config, forced_proxy),

@@ -1,6 +1,6 @@
 // The tables of the sample, as a person writes them. The addresses are those of the private test
-// network: .10 to .19 are game servers, .20 and up are nodes. Between them, the destinations end
-// for a different reason each; docs/tables.md goes through them.
+// network: .10 to .19 are game servers, .20 and up are nodes. Each destination is decided for a
+// different reason; docs/tables.md goes through them.
 #pragma once
 
 namespace client {

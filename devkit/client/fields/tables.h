@@ -1,4 +1,4 @@
-// All that the client program tells the library: every region, in memory of our own.
+// Everything that the client program tells the library: every region, in our own memory.
 #pragma once
 
 #include <array>
@@ -22,10 +22,10 @@ struct Tables {
 };
 static_assert(sizeof(Tables) == 134216 + 65680 + 655380 + 24600 + 16400 + 15120);
 
-// Empty tables with right headers.
+// Empty tables with valid headers.
 std::unique_ptr<Tables> NewTables();
 
-// One region as the platform knows it, and its place in Tables.
+// One region: its name in the system, and its place in Tables.
 struct RegionRow {
   const char* label;  // for people
   const char* name;

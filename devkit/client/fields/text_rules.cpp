@@ -33,7 +33,7 @@ bool IsUtf8(const std::string& text) {
   return common::u8to16(text, &wide);
 }
 
-// How long the character at that place is; 0: there is none.
+// The length of the character at that place; 0 if there is no valid one.
 size_t CharacterAt(const std::string& text, size_t at) {
   for (size_t size = 1; size <= 4 && at + size <= text.size(); ++size) {
     if (IsUtf8(text.substr(at, size))) return size;

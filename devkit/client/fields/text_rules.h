@@ -1,4 +1,4 @@
-// What a text must look like for its field, apart from its length.
+// The rules for a text in its field, apart from its length.
 #pragma once
 
 #include <cstdint>
@@ -9,10 +9,10 @@
 
 namespace client {
 
-// Why the text cannot stand in a field of that kind. Empty if it can.
+// Why a field of that kind cannot hold the text. Empty if it can.
 std::string WhyRefused(const std::string& text, Kind kind);
 
-// Why it can, but will hardly do what the writer wants. Empty if it will.
+// Why the text is allowed but will hardly do what its author wants. Empty if it will.
 std::string WhyDoubtful(const std::string& text, Kind kind);
 
 // Decimal digits only, within 64 bits.
@@ -27,7 +27,7 @@ std::string OnlyUtf8(const std::string& text);
 // Two hexadecimal digits for each byte.
 std::optional<std::string> ParseHex(const std::string& digits);
 
-// The other way round. Zero bytes at the end are left out.
+// The reverse. Zero bytes at the end are left out.
 std::string AddressText(uint32_t address);
 std::string HexText(const char* bytes, size_t size);
 

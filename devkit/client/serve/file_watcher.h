@@ -7,11 +7,11 @@
 
 namespace client {
 
-// The whole content, or nothing where it cannot be read. "-" is standard input.
+// The whole content, or nothing if it cannot be read. "-" is standard input.
 std::optional<std::string> ReadAll(const std::string& path);
 
-// Editors write in several steps, some through an empty or a missing file. So new content counts
-// once it has been the same for two looks in a row, and no content never counts.
+// Editors write in several steps, and for some the file is empty or missing for a moment. So new
+// content counts once two looks in a row have found the same, and empty content never counts.
 class FileWatcher {
  public:
   FileWatcher(std::string path, std::string content);

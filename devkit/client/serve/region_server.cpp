@@ -7,7 +7,7 @@
 namespace client {
 namespace {
 
-// Whether readers would take the region that stands. Reading flips nothing.
+// Whether readers would accept the existing region. Reading does not swap its buffers.
 bool IsReadable(common::Shared_mem_obj* owner) {
   const bool readable = owner->Open(common::kOpenForReading, true) != nullptr;
   owner->Close();
@@ -16,7 +16,7 @@ bool IsReadable(common::Shared_mem_obj* owner) {
 
 bool Copy(common::Shared_mem_obj* owner, const std::byte* record, size_t size) {
   if (!IsReadable(owner)) return false;
-  // The buffer that is not read may hold anything: it is written whole, header included.
+  // The buffer that is not being read may hold anything: it is written whole, header included.
   void* const to = owner->Open(common::kOpenForWriting, false);
   if (to != nullptr) std::memcpy(to, record, size);
   owner->Close();
@@ -33,7 +33,8 @@ RegionServer::Outcome RegionServer::Publish(const Tables& tables, unsigned wait_
   for (int i = 0; i < kRegionCount; ++i) {
     const RegionId id = static_cast<RegionId>(i);
     const RegionRow& row = Regions()[id];
-    // What stands at the start is a former client's, kept by the games that have it open.
+    // A region that exists at the start is a former client's, kept alive by the games that have it
+    // open.
     const bool is_stale = !published_ && common::Shared_mem_obj::Exists(row.name);
     const bool must_exist = (id == kRestriction && !owners_[id]) || is_stale;
     const bool same = std::memcmp(RegionOf(before, row), RegionOf(tables, row), row.size) == 0;
@@ -50,7 +51,7 @@ RegionServer::Outcome RegionServer::Publish(const Tables& tables, unsigned wait_
   return outcome;
 }
 
-// Empty on success, else the reason in words.
+// Empty on success, otherwise the reason in words.
 std::string RegionServer::Write(RegionId id, const Tables& tables, unsigned wait_ms) {
   const RegionRow& row = Regions()[id];
   const BoundedLock lock(row.mutex_name, wait_ms);

@@ -1,4 +1,4 @@
-// Keeps the regions in being, for the games that run and those that start meanwhile.
+// Keeps the regions in existence, for running games and those that start later.
 #pragma once
 
 #include <array>
@@ -11,8 +11,7 @@
 
 namespace client {
 
-// A region lives as long as somebody has it open, so it lives at least as long as this does.
-// One thread.
+// A region exists as long as somebody has it open, so at least as long as this object. One thread.
 class RegionServer {
  public:
   struct Outcome {
@@ -22,11 +21,10 @@ class RegionServer {
 
   // Brings the regions to what the tables say, and touches only those that differ from what was
   // published last. Makes a region, or takes over the one that stands: a game that has an older
-  // mapping open sees the new content. A region that nothing was ever written into is not made,
-  // because a route table that is there, if empty, keeps the library from its binary file; the
-  // games' region always is. Plain regions are written under their mutex, for which it waits so
-  // long at most; of the route table the buffer that nobody reads is filled, then the two change
-  // places.
+  // mapping open sees the new content. A region that has never had content is not made, because
+  // even an empty route table keeps the library from its binary file; the games' region is always
+  // made. Plain regions are written under their mutex, with a limit to the wait; of the route
+  // table, the buffer that nobody reads is filled, then the two are swapped.
   Outcome Publish(const Tables& tables, unsigned wait_ms);
 
  private:

@@ -10,16 +10,16 @@
 
 namespace client {
 
-// Processes whose program is one of the listed games' paths. Empty where the platform cannot say.
+// Processes whose program is one of the listed games' paths. Empty if the platform cannot say.
 std::set<unsigned long> RunningGames(const Tables& tables);
 
 // One thread.
 class SpurNotifier {
  public:
-  // Signals the event of each process. A game makes its event only at its first look, up to half
-  // a minute after its start, so the event is made here where it is missing, and kept: a signal
-  // that nobody waits for yet must not be lost. Events of processes that are not named again are
-  // let go. The number of those that were signalled.
+  // Signals the event of each process. A game makes its event only at its first look, up to half a
+  // minute after its start, so the event is made here where it is missing, and kept: a signal that
+  // nobody waits for yet must not be lost. Events of processes that are no longer named are closed.
+  // Returns how many were signalled.
   size_t Notify(const std::set<unsigned long>& pids);
 
  private:

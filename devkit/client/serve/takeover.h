@@ -1,4 +1,4 @@
-// From an edited file to the regions, or to a refusal.
+// Puts an edited file into the regions, or refuses it.
 #pragma once
 
 #include <set>
@@ -20,7 +20,7 @@ struct Change {
 };
 
 struct TakeoverReport {
-  Problems problems;            // with an error among them nothing was touched
+  Problems problems;            // if one is an error, nothing was touched
   std::string failure;          // a region could not be written, in words
   std::vector<Change> changes;  // what was, in the order of the regions; may be nothing
   unsigned game_count = 0;
@@ -32,7 +32,7 @@ class Takeover {
   // Processes to notify besides the running games.
   explicit Takeover(std::set<unsigned long> extra_pids) : extra_pids_(std::move(extra_pids)) {}
 
-  // Brings the regions to what the text says. A text with a mistake leaves them as they are.
+  // Makes the regions match the text. A text with a mistake leaves them as they are.
   TakeoverReport Apply(std::string_view text, unsigned wait_ms);
 
  private:
@@ -41,7 +41,7 @@ class Takeover {
   SpurNotifier notifier_;
 };
 
-// How much there is in a region, in words.
+// What a region holds, in words.
 std::string Summary(const Tables& tables, RegionId region);
 
 }  // namespace client

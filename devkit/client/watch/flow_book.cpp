@@ -32,7 +32,7 @@ Section SectionOf(const FineStats& fine) {
   return section;
 }
 
-// The probes of a route with one relay are booked as sent in both halves and answered in one.
+// The probes of a route with one relay are counted as sent in both halves and as answered in one.
 constexpr uint32_t kTwoRelays = 2;
 
 double Rate(uint32_t now, uint32_t before, uint32_t span_ms) {
@@ -48,8 +48,8 @@ void ThinOut(std::vector<FlowPoint>* points) {
   *points = std::move(kept);
 }
 
-// Only figures know when they were true. Other reports have the time at which they were taken out,
-// which may be later than what is known to have come after them.
+// Only figures carry their own time. Other reports have the time at which they were taken out,
+// which may be later than that of reports that came after them.
 void PullBack(std::vector<Mark>* marks, std::vector<Mark>::iterator end, uint64_t time_ms) {
   for (auto mark = marks->begin(); mark != end; ++mark) {
     mark->time_ms = std::min(mark->time_ms, time_ms);
@@ -82,8 +82,9 @@ void FlowBook::Add(const Report& report) {
   }
 }
 
-// Flows are told by their guid. A failure can come before the socket has one, and what a node on
-// trial answers comes through a socket that never has: that is told by the game's server.
+// Flows are identified by their guid. A failure can come before the socket has one, and the answer
+// of a node on trial comes through a socket that never has one: these are identified by the game
+// server.
 Flow* FlowBook::Find(const std::string& guid, const std::string& game, uint64_t time_ms) {
   Flow* known = guid.empty() ? FindByServer(game) : nullptr;
   Flow*& flow = known != nullptr ? known : by_key_[guid.empty() ? "to " + game : guid];
@@ -105,7 +106,7 @@ Flow* FlowBook::Find(const std::string& guid, const std::string& game, uint64_t 
   return flow;
 }
 
-// The living relayed flow to that server that was heard of last.
+// The open relayed flow to that server with the latest news.
 Flow* FlowBook::FindByServer(const std::string& game) {
   Flow* found = nullptr;
   for (Flow& flow : flows_) {
@@ -123,10 +124,10 @@ std::string FlowBook::NodeName(uint32_t proxy_idc, const std::string& endpoint) 
 void FlowBook::AddMark(Flow* flow, uint64_t time_ms, MarkKind kind, std::string text) {
   std::vector<Mark>& marks = flow->marks;
   if (marks.size() == kMostMarks) marks.erase(marks.begin());
-  // What is taken out behind a flow's end happened before it.
+  // Reports that are taken out after a flow's end happened before it.
   const bool is_late = flow->ended && !marks.empty();
   if (is_late) time_ms = std::min(time_ms, marks.back().time_ms);
-  // Reports of one moment come channel by channel.
+  // Reports of the same moment come channel by channel.
   const auto later =
       std::upper_bound(marks.begin(), is_late ? marks.end() - 1 : marks.end(), time_ms,
                        [](uint64_t at, const Mark& mark) { return at < mark.time_ms; });
@@ -144,7 +145,7 @@ void FlowBook::AddDecision(const Report& report) {
   const RouteProxyInfo& node = info.selected_proxy;
   if (node.proxy_name[0] != '\0') node_names_[node.proxy_idc] = Printable(Text(node.proxy_name));
   if (flow->accelerated) {
-    // A flow that has its way already is on trial with another node.
+    // A flow that already has a node is on trial with another one.
     std::string& way = flow->node.empty() ? flow->node : flow->trial_node;
     way = NodeName(node.proxy_idc, Endpoint(Text(node.proxy_addr), node.proxy_port));
   }
@@ -202,7 +203,7 @@ void FlowBook::AddTraffic(const Report& report) {
   if (!flow->moved) {
     flow->node = NodeName(record.proxy_idc, Endpoint(Text(record.proxy_ip), record.proxy_port));
   }
-  // The first figures come behind the node's word.
+  // The first figures come after the node's answer.
   const auto agreed = std::find_if(flow->marks.begin(), flow->marks.end(), [](const Mark& mark) {
     return mark.kind == MarkKind::kNegotiation;
   });

@@ -1,4 +1,4 @@
-// What the reports say of each flow, put together.
+// Combines the reports on each flow.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,7 @@ struct Section {
 
 struct FlowPoint {
   uint64_t time_ms = 0;
-  double sent_rate = 0;  // bytes a second since the report before
+  double sent_rate = 0;  // bytes a second since the previous report
   double recv_rate = 0;
   std::optional<Section> frontend;
   std::optional<Section> backend;
@@ -56,7 +56,7 @@ struct Flow {
   uint32_t sent_errors = 0, recv_errors = 0;
   unsigned failures = 0, switches = 0;
   bool is_seen_from_start = false;
-  // Of the flow's reports of trouble: up to which number they are all in, and the highest.
+  // Of the flow's reports of trouble: the number up to which all have come, and the highest.
   int32_t troubles_all = 0, troubles_highest = 0;
   std::vector<FlowPoint> points;
   std::vector<Mark> marks;
@@ -65,8 +65,8 @@ struct Flow {
   std::string last_event() const { return marks.empty() ? "" : marks.back().text; }
 };
 
-// Bounded: of a flow that lives for days the older half of its points is thinned out, and of more
-// than kMostFlows flows the one that was heard of longest ago is forgotten.
+// Bounded: the older half of a long flow's points is thinned out, and beyond kMostFlows flows the
+// one with the oldest news is forgotten.
 class FlowBook {
  public:
   static constexpr size_t kMostFlows = 1000;
@@ -75,7 +75,7 @@ class FlowBook {
 
   void Add(const Report& report);
 
-  // In the order in which they were first heard of.
+  // In the order of their first reports.
   const std::list<Flow>& flows() const { return flows_; }
 
  private:

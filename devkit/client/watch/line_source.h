@@ -14,7 +14,8 @@ class LineSource {
   // "-" is standard input. Opening may wait as well, and is done on that thread too.
   explicit LineSource(const std::string& path);
 
-  // What has come, after waiting so long at most for something. False once all lines were taken.
+  // The lines that have come, after waiting at most that long for one. False once all have been
+  // taken.
   bool Take(unsigned wait_ms, std::vector<std::string>* lines);
 
   // Whether it could not be opened. Known once Take gave false.

@@ -1,5 +1,5 @@
-// The parts of the page that stand in files of their own. The build puts them into a source file,
-// because the page must not need them beside the program.
+// The parts of the page that have files of their own. The build puts them into a source file, so
+// that the program does not need them beside it.
 #pragma once
 
 #include <string_view>

@@ -1,4 +1,4 @@
-// One report, as it came out of its slot.
+// One report, as it was taken out of its slot.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,8 @@
 
 namespace client {
 
-// In the order in which the reports of one moment are told: a flow's failures come before the
-// success that ended them.
+// In the order in which reports of the same moment are shown: a flow's failures before the success
+// that ended them.
 enum ReportKind {
   kLoadedReport,
   kLogPathReport,

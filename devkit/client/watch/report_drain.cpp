@@ -64,7 +64,8 @@ void ReportDrain::CopyUsed(void* region, ReportKind kind, std::vector<Report>* r
   }
 }
 
-// A region is kept open once it was there: what the last games reported outlives their client.
+// A region is kept open once it has been found, so that the reports of the last games outlive their
+// client program.
 common::Shared_mem_obj* ReportDrain::Owner(ReportKind kind) {
   auto& owner = owners_[kind];
   const ReportChannel& channel = Channel(kind);
@@ -86,7 +87,8 @@ bool ReportDrain::TakeChannel(ReportKind kind, unsigned wait_ms, std::vector<Rep
   void* const region = owner->Open(common::kOpenForReading, true);
   if (region != nullptr) CopyUsed(region, kind, reports);
   owner->Close();
-  // One of another version must not be kept in being: whoever makes it anew makes it right.
+  // A region of another version is closed again, so that it can end and be made anew in the right
+  // version.
   if (region == nullptr) owners_[kind] = nullptr;
   return region != nullptr;
 }

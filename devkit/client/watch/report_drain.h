@@ -2,8 +2,8 @@
 //
 // A slot belongs to the library while its first byte is 0 and to the client program while it is
 // not. So reports are copied out under the region's mutex, written out without it, and only then
-// given back: a watcher that dies in between leaves them to the next, and one whose output stands
-// still holds up no game.
+// given back: a watcher that dies in between leaves them to the next one, and one whose output
+// blocks delays no game.
 #pragma once
 
 #include <array>

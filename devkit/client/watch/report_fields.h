@@ -36,7 +36,7 @@ struct ReportShape {
   std::span<const ReportField> fields;
 };
 
-// A channel, and how it is called in what is printed.
+// A channel, and its name in the output.
 struct ChannelRow {
   const char* name;
   const moru_vyr::lsp::ReportChannel* channel;

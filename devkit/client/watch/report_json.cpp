@@ -37,7 +37,8 @@ Json ValueJson(const std::byte* from, const ReportField& field) {
       return value;
     }
     case Form::kText:
-      // Cut by its field or written by a game, it may be no UTF-8; and it must fit again.
+      // A text that was cut by its field or written by a game may not be valid UTF-8, and it must
+      // fit again.
       return OnlyUtf8(std::string(text, std::find(text, text + field.size, '\0')));
     case Form::kIp:
       return AddressText(static_cast<uint32_t>(Load(from, sizeof(uint32_t))));
@@ -70,7 +71,7 @@ Json ShapeJson(const std::byte* record, const ReportShape& shape) {
   return object;
 }
 
-// --- and back; whatever is not as it was written throws Unreadable ---
+// --- and back; anything else than what was written throws Unreadable ---
 
 struct Unreadable {
   std::string key;
@@ -129,7 +130,7 @@ void ReadValue(const Json& value, const ReportField& field, std::byte* to) {
   }
 }
 
-// A value of another kind than the field's is named like any other that cannot stand there.
+// A value of the wrong kind is named like any other value that the field cannot hold.
 void ReadField(const Json& value, const ReportField& field, std::byte* to) {
   try {
     ReadValue(value, field, to);
@@ -183,7 +184,7 @@ std::string ReportJson(const Report& report) {
   const ChannelRow& row = ChannelOf(report.kind);
   Json object = {{"event", row.name}, {"time", report.time_ms}, {"slot", report.slot}};
   AddFields(report.bytes.data(), row.shape, &object);
-  // Texts come from the game's process and may be no UTF-8.
+  // Texts come from the game's process and may not be valid UTF-8.
   return object.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 

@@ -13,8 +13,8 @@ namespace client {
 // since 1970) and "slot". Without a line's end.
 std::string ReportJson(const Report& report);
 
-// Nothing where the line is no such report; *problem then says what is wrong with it, without a
-// line number, or has no reason where the line is another of this program's events. Fields that are
+// Nothing if the line is not such a report; *problem then says what is wrong with it, without a
+// line number, or has no reason if the line is another of this program's events. Fields that are
 // left out are zero.
 std::optional<Report> ReportFromJson(const std::string& line, Problem* problem);
 

@@ -27,7 +27,7 @@ const char* KindName(MarkKind kind) {
   }
 }
 
-// A delay that nothing was measured of is a gap in its line.
+// A delay that was not measured is a gap in its line.
 Json Measured(const std::optional<Section>& section, uint32_t value) {
   return section && section->answered != 0 ? Json(value) : Json();
 }
@@ -83,7 +83,7 @@ Json FlowJson(const Flow& flow) {
           {"marks", std::move(marks)}};
 }
 
-// Inside a script element: what could end it must not stand in there as it is.
+// Inside a script element, text that could end the element is escaped.
 std::string Guarded(std::string json) {
   for (size_t at = json.find('<'); at != std::string::npos; at = json.find('<', at)) {
     json.replace(at, 1, "\\u003c");

@@ -1,4 +1,4 @@
-// Keeps the seven report regions in being, so that the library has where to report to.
+// Keeps the seven report regions in existence, so that the library has somewhere to report to.
 #pragma once
 
 #include <memory>
@@ -9,11 +9,12 @@
 
 namespace client {
 
-// Makes each region that is not there and takes over each that is, with the reports that wait in
-// it. They live at least as long as this does. One thread.
+// Makes each region that does not exist and takes over each that does, with the reports in it. They
+// exist at least as long as this object. One thread.
 class ReportRegions {
  public:
-  // Waits so long at most for each mutex. What could not be made, in words; empty if nothing.
+  // Waits at most that long for each mutex. Returns in words what could not be made; empty if all
+  // could.
   std::string Make(unsigned wait_ms);
 
  private:

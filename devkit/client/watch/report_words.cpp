@@ -115,7 +115,7 @@ std::string Words(const CommInfoRecord& record) {
   return text;
 }
 
-// 0 stands for two things: the move, and a trouble that came while another trial still ran.
+// 0 has two meanings: the move, and trouble that came while another trial still ran.
 const char* SwitchOutcome(const RecoverySwitchRecord& record) {
   if (record.need_switch == 0) return "no move is allowed now";
   switch (record.is_switch_succ) {

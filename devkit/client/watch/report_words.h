@@ -11,7 +11,7 @@ namespace client {
 // What happened, in one line without its end and without the time.
 std::string ReportWords(const Report& report);
 
-// What was decided or came of something, shorter still: for a mark on a time axis.
+// A decision or an outcome, shorter still, for a mark on a time axis.
 std::string ReportMark(const Report& report);
 
 std::string Endpoint(const std::string& address, uint32_t port);

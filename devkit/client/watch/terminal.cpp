@@ -18,8 +18,8 @@ namespace {
 
 constexpr unsigned kPipeColumns = 160;
 
-// A screen of our own without a cursor. What is too wide after all, since some characters take
-// two columns, is cut there and does not run into the next line.
+// The terminal's second screen, without a cursor. A line that is still too wide, since some
+// characters take two columns, is cut and does not run into the next one.
 constexpr char kEnterScreen[] = "\x1b[?1049h\x1b[?25l\x1b[?7l";
 constexpr char kLeaveScreen[] = "\x1b[?7h\x1b[?25h\x1b[?1049l";
 
@@ -79,8 +79,8 @@ bool Terminal::Draw(const std::vector<std::string>& lines, ScreenSize size) {
     for (const std::string& line : lines) text += line + "\n";
     return Put(text + "\n");
   }
-  // Each line is cleared before it is written: behind its last column a terminal would clear that.
-  // No line's end behind the last line: the screen would scroll.
+  // Each line is cleared before it is written: clearing after a full line would clear its last
+  // column. No newline after the last line: the screen would scroll.
   text = "\x1b[H";
   for (size_t i = 0; i < lines.size(); ++i) text += (i == 0 ? "\x1b[K" : "\r\n\x1b[K") + lines[i];
   if (size.rows == 0 || lines.size() < size.rows) text += "\r\n\x1b[J";

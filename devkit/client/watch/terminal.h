@@ -1,4 +1,4 @@
-// Standard output as a screen, where it is one.
+// Standard output as a screen, if it is a terminal.
 #pragma once
 
 #include <string>
@@ -8,8 +8,8 @@
 
 namespace client {
 
-// In a terminal each drawing replaces the one before, on a screen of its own that goes with this
-// object. Elsewhere the drawings stand one below the other, without a control character.
+// In a terminal each drawing replaces the one before, on a second screen that is left when this
+// object ends. Elsewhere the drawings follow each other, without control characters.
 class Terminal {
  public:
   Terminal();
@@ -20,7 +20,7 @@ class Terminal {
   bool is_screen() const { return is_screen_; }
   ScreenSize Size() const;
 
-  // Lines that fit that size. False once nobody takes the output any more.
+  // Lines that fit that size. False once the output is closed.
   bool Draw(const std::vector<std::string>& lines, ScreenSize size);
 
  private:

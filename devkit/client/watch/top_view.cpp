@@ -106,7 +106,7 @@ std::vector<const Column*> ColumnsWithin(size_t width) {
       columns.push_back(&column);
       sum += column.width + kGap;
     }
-    // The last event is worth more than the columns of the highest ranks.
+    // The last event matters more than the columns of the highest ranks.
     const size_t rest = most > 3 ? kLeastEvent : 0;
     if (sum + rest <= width || most == 0) return columns;
   }

@@ -15,9 +15,9 @@ struct ScreenSize {
   bool operator==(const ScreenSize&) const = default;
 };
 
-// A heading, then a row a flow: those that live before those that have ended, the newest of these
-// first. On a narrow screen columns are left out, on a low one rows, and no line is longer than
-// the screen is wide.
+// A heading, then one row for each flow: open ones before those that have ended, of which the
+// newest comes first. A narrow screen has fewer columns, a low one fewer rows, and no line is wider
+// than the screen.
 std::vector<std::string> TopLines(const FlowBook& book, ScreenSize screen, uint64_t now_ms);
 
 }  // namespace client

@@ -30,7 +30,7 @@ constexpr DWORD kPageEveryMs = 5000;
 constexpr unsigned kMutexWaitMs = 1000;
 constexpr size_t kMostNotes = 200;
 
-// Two watchers would show each report twice, or each a part of them.
+// Two watchers would show reports twice, or each only a part of them.
 constexpr char kWatcherMutexName[] = "vyr_client_watch_mutex";
 
 uint64_t NowMs() {
@@ -38,7 +38,7 @@ uint64_t NowMs() {
   return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-// Where reports go. Everything that is asked for at once is fed from here.
+// Where reports go: every form of output that was asked for.
 class Outlet {
  public:
   explicit Outlet(const WatchOptions& options) : options_(options), reporter_(options.json) {
@@ -63,7 +63,7 @@ class Outlet {
     return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
   }
 
-  // A page that is written each time would cost more than all the rest.
+  // Writing the page each time would cost more than everything else.
   void PageNowAndThen() {
     if (options_.page.empty() || !page_is_due_) return;
     if (GetTickCount() - page_tick_ >= kPageEveryMs) WriteThePage();
@@ -79,7 +79,7 @@ class Outlet {
     return error.empty();
   }
 
-  // The last picture stays for who looks later.
+  // The last picture stays on the screen.
   void Close() {
     if (!terminal_ || (!terminal_->is_screen() && !is_changed_)) return;
     const ScreenSize size = {terminal_->Size().columns, 0};
@@ -90,7 +90,7 @@ class Outlet {
   }
 
  private:
-  // A run that is over is as old as it was at its end.
+  // The age of a run that is over no longer grows.
   uint64_t Now() const { return options_.from.empty() ? NowMs() : latest_ms_; }
 
   void Note(const Report& report) {
@@ -100,8 +100,8 @@ class Outlet {
     }
   }
 
-  // A screen is redrawn every second, because ages grow, and when it changes its size; a pipe gets
-  // a drawing when there is news.
+  // A screen is redrawn every second, because ages grow, and when its size changes; a pipe gets a
+  // drawing when there is news.
   bool Redraw() {
     const bool is_due = GetTickCount() - drawn_tick_ >= kRedrawMs;
     const ScreenSize size = terminal_->Size();
@@ -129,7 +129,7 @@ class Outlet {
   DWORD page_tick_ = GetTickCount() - kPageEveryMs;
 };
 
-// Which of the lines are reports. False, after a word about it, at one that is none.
+// Picks the reports out of the lines. False, after a message, at a line that is not one.
 bool ParseLines(const WatchOptions& options, const std::vector<std::string>& lines,
                 unsigned* number, std::vector<Report>* reports) {
   for (const std::string& line : lines) {
@@ -148,7 +148,7 @@ bool ParseLines(const WatchOptions& options, const std::vector<std::string>& lin
   return true;
 }
 
-// What comes is shown as it comes: the file may be a pipe from a watch elsewhere.
+// Lines are shown as they come: the file may be a pipe from a watch elsewhere.
 bool ShowFile(const WatchOptions& options, const volatile std::sig_atomic_t* ended,
               Outlet* outlet) {
   LineSource source(options.from);

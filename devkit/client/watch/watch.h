@@ -14,7 +14,7 @@ struct WatchOptions {
   std::string from;  // read reports from this file of JSON lines instead of the regions
 };
 
-// True when all went as it should. Stays for good with `follow` or `top`, until *ended is set.
+// True if all went well. With `follow` or `top` it runs until *ended is set.
 bool Watch(const WatchOptions& options, const volatile std::sig_atomic_t* ended);
 
 }  // namespace client

@@ -1,5 +1,5 @@
-// Between the end of one side and the end of the connection: data that is still owed is delivered,
-// data that nobody can take any more is dropped, and nobody waits longer than that takes.
+// Between the end of one side and the end of the connection: data that can still be delivered is
+// delivered, data without a receiver is dropped, and neither side waits longer than that takes.
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_world.h"
 #include "tests/support/log_texts.h"
@@ -7,14 +7,14 @@
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
-class TcpFarewell : public TcpWorld {
+class TcpShutdown : public TcpWorld {
  protected:
-  TcpFarewell() {
+  TcpShutdown() {
     sim::LinkOptions far;
     far.delay = 50ms;
     world.SetLink(world.home().host, server_host, far);
   }
-  // A game that is gone before its server can be reached.
+  // A game that closes before its server can be reached.
   void SaysAndLeaves(const std::string& text) {
     const SOCKET s = Joins(kDirect);
     SendAll(s, text);
@@ -45,22 +45,22 @@ class TcpFarewell : public TcpWorld {
   }
 };
 
-SCENARIO_F(TcpFarewell, WhatAGoneGameHasSaidGetsTwoHundredMilliseconds) {
+SCENARIO_F(TcpShutdown, WhatAGoneGameHasSaidGetsTwoHundredMilliseconds) {
   const sim::Duration waited = WaitForTheEnd("");
   EXPECT_GE(waited, 195ms);
   EXPECT_LE(waited, 300ms);
-  EXPECT_TRUE(Logged("DoRemoteWrite, buffer is empty. Marking session obsolete, token="));
+  EXPECT_TRUE(Logged("DoRemoteWrite, " + test::kMarkedObsolete));
   ExpectServesAgain();
 }
 
-// Kept: nobody is left to take the answer, and nothing is owed any more. 100 ms are the way there
-// and back.
-SCENARIO_F(TcpFarewell, AnAnswerToAGoneGameEndsTheConnectionAtOnce) {
+// Kept: the answer has no receiver, and nothing is left to deliver. 100 ms are the way there and
+// back.
+SCENARIO_F(TcpShutdown, AnAnswerToAGoneGameEndsTheConnectionAtOnce) {
   EXPECT_LE(WaitForTheEnd("and you?"), 150ms);
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpFarewell, AnAnswerToAGoneGameIsDroppedWhileBytesAreOwed) {
+SCENARIO_F(TcpShutdown, AnAnswerToAGoneGameIsDroppedWhileBytesAreOwed) {
   const std::string all = Pattern(300'000);
   serve = [&](SOCKET t, Call* call) {
     Sleep(1000);
@@ -75,11 +75,11 @@ SCENARIO_F(TcpFarewell, AnAnswerToAGoneGameIsDroppedWhileBytesAreOwed) {
   ExpectServesAgain();
 }
 
-// --- a port that comes back ---------------------------------------------------------------------
+// --- a port that is reused ----------------------------------------------------------------------
 
 // A game that binds its sockets itself may do so again while the connection before is still being
 // delivered. The two have only their port in common.
-SCENARIO_F_SEEDS(TcpFarewell, APortMayComeBackWhileItsOldConnectionIsDelivered, 4) {
+SCENARIO_F_SEEDS(TcpShutdown, APortMayComeBackWhileItsOldConnectionIsDelivered, 4) {
   world.ReuseSocketHandles(world.seed() % 2 == 0);
   constexpr int kGamesPort = 40'000;
   const std::string all = Pattern(400'000);
@@ -102,25 +102,25 @@ SCENARIO_F_SEEDS(TcpFarewell, APortMayComeBackWhileItsOldConnectionIsDelivered, 
   const SOCKET s = joins(kServer);
   EXPECT_EQ(Talks(s, "hello"), "hello");
   EXPECT_EQ(LastCall().from, "A") << "it goes where it asked for";
-  EXPECT_EQ(Lines("[TCP]OnLocalServerAcceptable. peer_port=40000, "), 2);
-  EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, port=40000, "), 0);
+  EXPECT_EQ(Lines(test::GameAccepted(40000)), 2);
+  EXPECT_EQ(Lines(test::kObsoleteClosed + "port=40000, "), 0);
 
   reads = true;
   ASSERT_TRUE(RunUntil([this] { return calls.front().over(); }, 30s));
   EXPECT_TRUE(calls.front().got == all) << calls.front().got.size();
   EXPECT_EQ(calls.front().end, "closed");
   RunFor(1s);
-  EXPECT_EQ(Lines("[TCP]CloseObsoleteSession, remove session, port=40000, local_socket=-1, "), 1);
+  EXPECT_EQ(Lines(test::kObsoleteClosed + "port=40000, local_socket=-1, "), 1);
   EXPECT_EQ(Talks(s, "and still"), "and still") << "the old one has taken nothing along";
   closesocket(s);
   ExpectServesAgain();
 }
 
-// --- a side that breaks while the other is owed something ---------------------------------------
+// --- a side that fails while the other has data to come -----------------------------------------
 
 struct Break {
   DWORD error;
-  bool gone;  // the connection is, and its socket with it; otherwise it stays to the session's end
+  bool gone;  // the connection's socket is closed at once; otherwise it stays to the session's end
 };
 const Break kBreaks[] = {{WSAECONNRESET, true},
                          {WSAECONNABORTED, true},
@@ -128,7 +128,7 @@ const Break kBreaks[] = {{WSAECONNRESET, true},
                          {WSAENOBUFS, false},
                          {WSAETIMEDOUT, false}};
 
-SCENARIO_F(TcpFarewell, AGameThatCannotBeWrittenToIsOwedNothingAndItsServerAll) {
+SCENARIO_F(TcpShutdown, AGameThatCannotBeWrittenToIsOwedNothingAndItsServerAll) {
   const std::string all = Pattern(300'000);
   for (const Break& it : kBreaks) {
     SCOPED_TRACE(it.error);
@@ -160,7 +160,7 @@ SCENARIO_F(TcpFarewell, AGameThatCannotBeWrittenToIsOwedNothingAndItsServerAll) 
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpFarewell, AServerThatCannotBeWrittenToIsOwedNothingAndItsGameAll) {
+SCENARIO_F(TcpShutdown, AServerThatCannotBeWrittenToIsOwedNothingAndItsGameAll) {
   const std::string all = Pattern(300'000);
   for (const Break& it : kBreaks) {
     SCOPED_TRACE(it.error);
@@ -187,9 +187,9 @@ SCENARIO_F(TcpFarewell, AServerThatCannotBeWrittenToIsOwedNothingAndItsGameAll) 
   ExpectServesAgain();
 }
 
-// A server that could not be written to may still say something. What comes after the game has got
-// everything, in the 200 ms before the end, is for the game too: it has missed nothing.
-SCENARIO_F(TcpFarewell, WhatAServerSaysInTheLastTwoHundredMillisecondsReachesTheGame) {
+// A server that could not be written to may still send something. Data that comes in the 200 ms
+// before the end, after the game has received everything else, goes to the game too.
+SCENARIO_F(TcpShutdown, WhatAServerSaysInTheLastTwoHundredMillisecondsReachesTheGame) {
   const std::string all = Pattern(300'000);
   bool speaks = false;
   serve = [&](SOCKET t, Call* call) {
@@ -208,7 +208,7 @@ SCENARIO_F(TcpFarewell, WhatAServerSaysInTheLastTwoHundredMillisecondsReachesThe
   std::string got, end;
   EXPECT_TRUE(Collect(s, all.size(), &got, &end)) << end;
   EXPECT_TRUE(got == all) << got.size();
-  EXPECT_TRUE(Logged("DoLocalWrite, buffer is empty. Marking session obsolete, token="));
+  EXPECT_TRUE(Logged("DoLocalWrite, " + test::kMarkedObsolete));
   speaks = true;
   got.clear();
   EXPECT_EQ(CollectAll(s, &got), "closed");
@@ -220,10 +220,11 @@ SCENARIO_F(TcpFarewell, WhatAServerSaysInTheLastTwoHundredMillisecondsReachesThe
 
 // --- both sides at once -------------------------------------------------------------------------
 
-// A server that has left is owed nothing, whatever the game goes on to say.
-class TcpBothEnd : public TcpFarewell {
+// A server that has closed gets nothing more, whatever the game goes on to send.
+class TcpBothEnd : public TcpShutdown {
  protected:
-  // The server has left, much of what it said waits for the game, and the game has said something.
+  // The server has closed, much of what it sent waits for the game, and the game has sent
+  // something.
   SOCKET ServerLeaves() {
     serve = [this](SOCKET t, Call* call) {
       SendAll(t, all);
@@ -243,18 +244,17 @@ SCENARIO_F(TcpBothEnd, AGameThatLeavesAfterItsServerEndsTheConnectionAtOnce) {
   closesocket(ServerLeaves());
   RunFor(100ms);
   EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
-  EXPECT_FALSE(Logged("found obsolete session"));
+  EXPECT_FALSE(Logged(test::kFoundObsolete));
   ExpectServesAgain();
 }
 
-// Kept: also when it only ends its half. What it said last has nobody to go to, so nothing is
-// waited for.
+// Kept: also if it only ends its half. What it sent last has no receiver, so nothing is waited for.
 SCENARIO_F(TcpBothEnd, AGameThatEndsItsHalfAfterItsServerHasLeftEndsTheConnectionAtOnce) {
   const SOCKET s = ServerLeaves();
   shutdown(s, SD_SEND);
   RunFor(100ms);
   EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
-  EXPECT_FALSE(Logged("found obsolete session"));
+  EXPECT_FALSE(Logged(test::kFoundObsolete));
   closesocket(s);
   ExpectServesAgain();
 }
@@ -266,7 +266,7 @@ SCENARIO_F(TcpBothEnd, AGameThatBreaksAfterItsServerHasLeftEndsTheConnectionAtOn
   EXPECT_TRUE(Collect(s, 70'000, &got, &end));
   RunFor(100ms);
   EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
-  EXPECT_FALSE(Logged("Marking session obsolete"));
+  EXPECT_FALSE(Logged(test::kMarkedObsolete));
   CollectAll(s, &got);
   EXPECT_TRUE(got == all.substr(0, got.size())) << got.size();
   EXPECT_LT(got.size(), all.size());

@@ -19,7 +19,7 @@ struct Process;
 struct ThreadState {
   DWORD last_error = 0;
   int bypass_layers = 0;      // > 0: sockets made by this thread skip the layered providers
-  int dispatch_sections = 0;  // > 0: inside the lock that starts and cleanups take, or at its door
+  int dispatch_sections = 0;  // > 0: holds the lock that starts and cleanups take, or waits for it
   char inet_text[16] = {};
 };
 
