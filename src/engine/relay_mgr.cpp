@@ -203,6 +203,8 @@ u32 RelayMgr::AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept 
 
 u32 RelayMgr::EnableWrite(SOCKET socket) noexcept { return sockets_.EnableWrite(socket, true); }
 
+void RelayMgr::StopReading(SOCKET socket) noexcept { sockets_.StopReading(socket); }
+
 IRelaySocketDelegate* RelayMgr::RemoveSocket(SOCKET socket) noexcept {
   return sockets_.Remove(socket);
 }

@@ -22,6 +22,7 @@ namespace {
 
 struct WriteWishes final : IRelaySocketMgr {
   u32 AddSocket(SOCKET, IRelaySocketDelegate*) noexcept override { return 0; }
+  void StopReading(SOCKET) noexcept override {}
   u32 EnableWrite(SOCKET) noexcept override {
     ++count;
     return 0;
