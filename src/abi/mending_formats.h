@@ -12,7 +12,6 @@ namespace moru_vyr::lsp {
 
 inline constexpr char kMendingRegionName[] = "vyr_mending_share_mem";
 inline constexpr char kMendingMutexName[] = "vyr_mending_named_mutex";
-inline constexpr u32 kMendingVersion = 1;
 
 // Bits of MendingRecord::mended. A reader ignores those that it does not know.
 inline constexpr u32 kMendHalfClose = 0x1;   // one side may end its sending and go on reading
@@ -28,7 +27,7 @@ struct MendingRecord {
 
 struct MendingRegion {
   common::SharedMemHeader header;
-  u32 version = 0;
+  u8 reserved_12[4] = {};
   MendingRecord games[kMaxGames];  // each for the game in the same place of RestrictionRegion
 };
 #pragma pack(pop)
@@ -39,7 +38,7 @@ static_assert(offsetof(MendingRecord, reserved_4) == 4);
 
 static_assert(sizeof(MendingRegion) == 336);
 static_assert(offsetof(MendingRegion, header) == 0);
-static_assert(offsetof(MendingRegion, version) == 12);
+static_assert(offsetof(MendingRegion, reserved_12) == 12);
 static_assert(offsetof(MendingRegion, games) == 16);
 
 }  // namespace moru_vyr::lsp

@@ -18,7 +18,9 @@ constexpr DWORD kMutexLimitMs = 500;
 constinit Mending process_mending;
 
 bool IsOurs(const MendingRegion& region) noexcept {
-  return region.header.shared_mem_size == sizeof region && region.version == kMendingVersion;
+  return region.header.shared_mem_size == sizeof region &&
+         region.header.major_ver == common::kSharedMemMajorVersion &&
+         region.header.minor_ver == common::kSharedMemMinorVersion;
 }
 
 // Copies before it checks: whoever writes may be writing now.
@@ -52,8 +54,9 @@ void ReadMending(u32 place) noexcept {
   MendingRegion region;
   if (!mapping || place >= kMaxGames || !CopyGuarded(mapping.get(), &region)) return;
   if (!IsOurs(region)) {
-    LspTrace("mending: size %d, version %d are not this library's, so nothing is mended",
-             static_cast<int>(region.header.shared_mem_size), static_cast<int>(region.version));
+    LspTrace("mending: size %d, version %d.%d are not this library's, so nothing is mended",
+             static_cast<int>(region.header.shared_mem_size),
+             static_cast<int>(region.header.major_ver), static_cast<int>(region.header.minor_ver));
     return;
   }
   process_mending = Mending(region.games[place]);

@@ -30,7 +30,6 @@ TEST_F(MendingRegionTest, WithoutARegionNothingIsMended) {
 
 TEST_F(MendingRegionTest, EachGameHasItsOwnBits) {
   test::ClientRegion<MendingRegion> region(kMendingRegionName);
-  region->version = kMendingVersion;
   region->games[0].mended = kMendReset;
   region->games[9].mended = kMendHalfClose;
   EXPECT_EQ(ReadBits(0), kMendReset);
@@ -43,7 +42,6 @@ TEST_F(MendingRegionTest, EachGameHasItsOwnBits) {
 
 TEST_F(MendingRegionTest, BitsOfALaterClientAreIgnored) {
   test::ClientRegion<MendingRegion> region(kMendingRegionName);
-  region->version = kMendingVersion;
   region->games[0].mended = 0xffffffff;
   EXPECT_EQ(ReadBits(), kMendAll);
 }
@@ -51,10 +49,12 @@ TEST_F(MendingRegionTest, BitsOfALaterClientAreIgnored) {
 TEST_F(MendingRegionTest, AnotherVersionAnotherSizeOrAnEmptyRecordMendNothing) {
   test::ClientRegion<MendingRegion> region(kMendingRegionName);
   region->games[0].mended = kMendAll;
-  EXPECT_EQ(ReadBits(), 0u) << "version 0";
-  region->version = kMendingVersion + 1;
+  ++region->header.minor_ver;
   EXPECT_EQ(ReadBits(), 0u);
-  region->version = kMendingVersion;
+  --region->header.minor_ver;
+  ++region->header.major_ver;
+  EXPECT_EQ(ReadBits(), 0u);
+  --region->header.major_ver;
   region->header.shared_mem_size = sizeof(MendingRegion) + 4;
   EXPECT_EQ(ReadBits(), 0u);
   region->header.shared_mem_size = sizeof(MendingRegion);
@@ -66,7 +66,6 @@ TEST_F(MendingRegionTest, AnotherVersionAnotherSizeOrAnEmptyRecordMendNothing) {
 // A client that hangs with the mutex in its hands holds up no game's start for long.
 TEST_F(MendingRegionTest, AMutexThatIsHeldMendsNothing) {
   test::ClientRegion<MendingRegion> region(kMendingRegionName);
-  region->version = kMendingVersion;
   region->games[0].mended = kMendAll;
   const common::UniqueHandle mutex(CreateMutexA(nullptr, FALSE, kMendingMutexName));
   EXPECT_EQ(ReadBits(), kMendAll);
