@@ -19,6 +19,8 @@ class Mending {
   bool LeavesFailedNode() const noexcept { return (mended_ & kMendFailedNode) != 0; }
   // A side that resets its connection, or refuses it, resets the other one too.
   bool PassesOnReset() const noexcept { return (mended_ & kMendReset) != 0; }
+  // ConnectEx answers what the next provider answered.
+  bool KeepsConnectExResult() const noexcept { return (mended_ & kMendConnectEx) != 0; }
 
   u32 bits() const noexcept { return mended_; }
 

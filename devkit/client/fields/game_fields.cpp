@@ -23,6 +23,7 @@ constexpr NamedValue kMendings[] = {
     {"half-close", kMendHalfClose},
     {"failed-node", kMendFailedNode},
     {"reset", kMendReset},
+    {"connect-ex", kMendConnectEx},
 };
 constexpr Beside kMendingOfGame = {.records = offsetof(Tables, restriction.games),
                                    .record_size = sizeof(AccConfigRecord),
@@ -200,9 +201,11 @@ constexpr Field kGameFields[] = {
      .kind = Kind::kNameOrBits,
      AT(MendingRecord, mended),
      .beside = &kMendingOfGame,
-     .doc = "what is mended of the behaviour that docs/oddities.md lists: 'all', 'none', or a list "
-            "of 'half-close' (one side may end its sending and go on reading), 'failed-node' (a "
-            "node that cannot be reached is left for the next way) and 'reset' (a reset stays one)",
+     .doc =
+         "what is mended of the behaviour that docs/oddities.md lists: 'all', 'none', or a list "
+         "of 'half-close' (one side may end its sending and go on reading), 'failed-node' (a "
+         "node that cannot be reached is left for the next way), 'reset' (a reset stays one) and "
+         "'connect-ex' (ConnectEx answers what the system answered)",
      .sample = "'all'"},
     {.key = "link_switch_mask",
      AT(Config, link_switch_mask),
