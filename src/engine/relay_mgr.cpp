@@ -3,6 +3,7 @@
 #include "common/handle.h"
 #include "common/log.h"
 #include "common/own_thread.h"
+#include "route/mending.h"
 #include "route/route.h"
 #include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
@@ -156,7 +157,7 @@ bool RelayMgr::InternalInit() noexcept {
 }
 
 bool RelayMgr::BecomeTheWorker() noexcept {
-  if (worker_started_.exchange(true)) return false;
+  if (worker_started_.exchange(true) && !GetMending().ServesAgain()) return false;
   serves_.store(true, std::memory_order_release);
   return true;
 }

@@ -2,6 +2,7 @@
 // terminated or with Winsock, and what the library leaves behind. At stake: no call of the game
 // hangs, none of our threads still runs, and what cannot be relayed goes direct.
 #include "tests/scenario/life_world.h"
+#include "tests/support/mended.h"
 
 #include "abi/launch_test_formats.h"
 #include "common/named_mutex.h"
