@@ -18,7 +18,9 @@ inline constexpr u32 kMendHalfClose = 0x1;   // one side may end its sending and
 inline constexpr u32 kMendFailedNode = 0x2;  // a node that cannot be reached is tried and left
 inline constexpr u32 kMendReset = 0x4;       // a reset stays a reset
 inline constexpr u32 kMendConnectEx = 0x8;   // ConnectEx answers what the next provider answered
-inline constexpr u32 kMendAll = kMendHalfClose | kMendFailedNode | kMendReset | kMendConnectEx;
+inline constexpr u32 kMendRestart = 0x10;    // a process that starts Winsock anew is served anew
+inline constexpr u32 kMendAll =
+    kMendHalfClose | kMendFailedNode | kMendReset | kMendConnectEx | kMendRestart;
 
 #pragma pack(push, 1)
 struct MendingRecord {

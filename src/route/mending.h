@@ -21,6 +21,8 @@ class Mending {
   bool PassesOnReset() const noexcept { return (mended_ & kMendReset) != 0; }
   // ConnectEx answers what the next provider answered.
   bool KeepsConnectExResult() const noexcept { return (mended_ & kMendConnectEx) != 0; }
+  // A process that cleans up Winsock and starts it again is served as the first time.
+  bool ServesAgain() const noexcept { return (mended_ & kMendRestart) != 0; }
 
   u32 bits() const noexcept { return mended_; }
 

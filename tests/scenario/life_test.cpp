@@ -416,6 +416,24 @@ SCENARIO_F_SEEDS(Life, AHundredRoundsOfWinsockLeaveNothingBehind, 4) {
   EXPECT_TRUE(NodesAreFree());
 }
 
+SCENARIO_F_SEEDS(Life, AMendedProcessIsServedInEveryRound, 4) {
+  const test::Mended mended(moru_vyr::lsp::kMendRestart);
+  port::SetDispatchManners(SomeManners(world.seed()));
+  StartsWinsock();
+  for (int round = 1; round <= 20; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    ExpectConnects("A");
+    const SOCKET flow = Udp();
+    EXPECT_EQ(TalksByDatagram(flow), "A");
+    EXPECT_LT(EndsWinsock(), kStopMs) << "the worker had to be ended by force";
+    EXPECT_TRUE(ThreadsOfOurs().empty());
+    StartsWinsock();
+    closesocket(flow);
+    EXPECT_EQ(Sockets(), 0u);
+  }
+  EXPECT_TRUE(NodesAreFree());
+}
+
 // Kept: a stream that is open at the end of Winsock stays open, and nobody serves it.
 SCENARIO_F_SEEDS(Life, AStreamThatIsOpenAtTheFirstCleanupIsAllThatStays, 4) {
   port::SetDispatchManners(SomeManners(world.seed()));

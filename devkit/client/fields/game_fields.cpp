@@ -24,6 +24,7 @@ constexpr NamedValue kMendings[] = {
     {"failed-node", kMendFailedNode},
     {"reset", kMendReset},
     {"connect-ex", kMendConnectEx},
+    {"restart", kMendRestart},
 };
 constexpr Beside kMendingOfGame = {.records = offsetof(Tables, restriction.games),
                                    .record_size = sizeof(AccConfigRecord),
@@ -201,11 +202,11 @@ constexpr Field kGameFields[] = {
      .kind = Kind::kNameOrBits,
      AT(MendingRecord, mended),
      .beside = &kMendingOfGame,
-     .doc =
-         "what is mended of the behaviour that docs/oddities.md lists: 'all', 'none', or a list "
-         "of 'half-close' (one side may end its sending and go on reading), 'failed-node' (a "
-         "node that cannot be reached is left for the next way), 'reset' (a reset stays one) and "
-         "'connect-ex' (ConnectEx answers what the system answered)",
+     .doc = "what is mended of the behaviour that docs/oddities.md lists: 'all', 'none', or a list "
+            "of 'half-close' (one side may end its sending and go on reading), 'failed-node' (a "
+            "node that cannot be reached is left for the next way), 'reset' (a reset stays one), "
+            "'connect-ex' (ConnectEx answers what the system answered) and 'restart' (a program "
+            "that cleans up Winsock and starts it again is served again)",
      .sample = "'all'"},
     {.key = "link_switch_mask",
      AT(Config, link_switch_mask),
