@@ -67,6 +67,7 @@ class RelayMgr final : public IRelaySocketMgr {
 
   u32 AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept override;
   u32 EnableWrite(SOCKET socket) noexcept override;
+  void StopReading(SOCKET socket) noexcept override;
   IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;
   // A new token: 1, 2, 3 … over the life of the process.
   u32 NextToken() noexcept override;

@@ -6,6 +6,7 @@
 #include "hooks/hook_common.h"
 #include "hooks/hook_entries.h"
 #include "hooks/relay_admission.h"
+#include "route/mending.h"
 #include "sockets/socket_map.h"
 
 namespace moru_vyr::lsp {
@@ -30,13 +31,15 @@ LPFN_CONNECTEX FindNextConnectEx(const WSPPROC_TABLE& next, SOCKET s) {
 BOOL PASCAL WSPConnectEx(SOCKET s, const struct sockaddr* name, int namelen, PVOID lpSendBuffer,
                          DWORD dwSendDataLength, LPDWORD lpdwBytesSent,
                          LPOVERLAPPED lpOverlapped) noexcept {
+  const bool answers_truly = GetMending().KeepsConnectExResult();
   // Kept: a caller reads this as TRUE.
-  constexpr BOOL kRefused = -1;
+  const BOOL refused = answers_truly ? FALSE : -1;
   SocketRecord record;
   const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPIoctl>(s, &record);
   if (name == nullptr || next == nullptr) {
     LSP_LOG(5, "WSPConnectEx: next_proc_table invalid, socket=%Id", s);
-    return kRefused;
+    if (answers_truly) WSASetLastError(WSAEINVAL);
+    return refused;
   }
   ConnectTarget target{name, namelen};
   if (IsAllowedRelay(record)) {
@@ -48,7 +51,7 @@ BOOL PASCAL WSPConnectEx(SOCKET s, const struct sockaddr* name, int namelen, PVO
   if (connect_ex == nullptr) {
     LSP_LOG(4, "WSPConnectEx: WSPIoctl get function pointer failure, socket=%Id, token=%u", s,
             record.token);
-    return kRefused;
+    return refused;
   }
   LSP_LOG(0, "WSPConnectEx: WSPConnectEx, lpConnectEx=%p, socket=%Id, token=%u",
           reinterpret_cast<void*>(connect_ex), s, record.token);
@@ -60,6 +63,10 @@ BOOL PASCAL WSPConnectEx(SOCKET s, const struct sockaddr* name, int namelen, PVO
   const int error = WSAGetLastError();
   LSP_LOG(5, "WSPConnectEx: ret=%d, err=%d, dest=%s:%d, port=%d, socket=%Id, token=%u", result,
           error, dest.ip.c_str(), dest.port, ntohs(target.local_port), s, record.token);
+  if (answers_truly) {
+    WSASetLastError(error);  // the log line may have changed it
+    return result;
+  }
   return result == 0 ? TRUE : FALSE;
 }
 

@@ -20,6 +20,7 @@ enum NegoFailure : u32 {
   kNegoBadBody = 204,
   kNegoReceiveFailed = 205,
   kNegoIspNotServed = 207,
+  kNegoUnreachable = 208,  // only where failed nodes are left: see Mending
 };
 
 // The request, in host order and in the newest form, for the game server at game_ip:game_port, both

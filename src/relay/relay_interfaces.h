@@ -30,6 +30,8 @@ class IRelaySocketMgr {
   // Asks for one writable event. 0, or not 0 if it was already asked for. Does nothing for a socket
   // that was not added.
   virtual u32 EnableWrite(SOCKET socket) noexcept = 0;
+  // No more readable events for the socket, nor exceptions. For one that has said all it will say.
+  virtual void StopReading(SOCKET socket) noexcept = 0;
   // The delegate, which is the caller's to delete or to keep; null if there was none.
   virtual IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept = 0;
 

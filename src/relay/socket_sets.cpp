@@ -51,6 +51,8 @@ u32 SocketSets::EnableWrite(SOCKET socket, bool enable) noexcept {
   return 0;
 }
 
+void SocketSets::StopReading(SOCKET socket) noexcept { Erase(&read_, socket); }
+
 IRelaySocketDelegate* SocketSets::Remove(SOCKET socket) noexcept {
   Erase(&read_, socket);
   Erase(&write_, socket);

@@ -21,6 +21,7 @@ class SocketSets {
   u32 Add(SOCKET socket, IRelaySocketDelegate* delegate) noexcept;
   // With `enable` false the event is no longer waited for, and the result is 0.
   u32 EnableWrite(SOCKET socket, bool enable) noexcept;
+  void StopReading(SOCKET socket) noexcept;
   IRelaySocketDelegate* Remove(SOCKET socket) noexcept;
 
   // One pass: waits for readiness up to `timeout`, then gives it to the delegates: all reads in

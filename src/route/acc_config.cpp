@@ -9,6 +9,7 @@
 #include "common/process_info.h"
 #include "common/shared_mem_obj.h"
 #include "common/text.h"
+#include "route/mending.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -96,7 +97,7 @@ bool NoRegion() noexcept {
 
 // Guard: asks first whether the region exists. Opening it would create a missing one, empty, and
 // the client program would find that instead of its own.
-bool InstallFromRegion() {
+bool InstallFromRegion(u32* place) {
   if (!common::Shared_mem_obj::Exists(kRestrictionRegionName)) return NoRegion();
   common::Shared_mem_obj owner(kRestrictionRegionName, sizeof(RestrictionRegion),
                                kRestrictionMutexName, false);
@@ -109,6 +110,7 @@ bool InstallFromRegion() {
     LspTrace("ReadAccConfig returns false!\n");
     return false;
   }
+  *place = static_cast<u32>(game - region->games);
   ReplaceAccConfig(ConfigOf(*game, *region.get()));
   return true;
 }
@@ -134,11 +136,13 @@ bool ReadAccConfig() noexcept {
     LspTrace("process path is empty, read acce info failed!\n");
     return false;
   }
+  u32 place = 0;
   try {
-    if (!InstallFromRegion()) return false;
+    if (!InstallFromRegion(&place)) return false;
   } catch (const std::exception&) {
     return NoRegion();  // out of memory
   }
+  ReadMending(place);
   if (process_config.net_mode != 0) return true;
   LspTrace("Based on server config, the game will not be accelerated:%s",
            common::GetProcessInfo().process_name);

@@ -152,4 +152,10 @@ void AdjustSocketBuff(SOCKET socket, u32 send_size, u32 recv_size) noexcept {
           recv_before, static_cast<int>(recv_size), socket);
 }
 
+void ResetAtClose(SOCKET socket) noexcept {
+  const linger at_once = {1, 0};
+  setsockopt(socket, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&at_once),
+             sizeof at_once);
+}
+
 }  // namespace moru_vyr::lsp

@@ -42,4 +42,7 @@ void CloseWorkerSockets() noexcept;
 // 0.
 void AdjustSocketBuff(SOCKET socket, u32 send_size, u32 recv_size) noexcept;
 
+// The close of the socket will reset its connection.
+void ResetAtClose(SOCKET socket) noexcept;
+
 }  // namespace moru_vyr::lsp

@@ -177,8 +177,9 @@ bool TcpProvider::ConnectToRemoteServer(TcpSession* session) noexcept {
   session->DecideRemoteAddr();
   LSP_LOG(4, "[TCP]ConnectToRemoteServer remote socket=%Id, token=%u", remote, session->token());
   socket_mgr_->AddSocket(remote, &remote_relay_socket_);
-  if (session->Connect()) return true;
+  if (session->Connect() || session->TakeAnotherWay()) return true;
   LSP_LOG(4, "[TCP]ConnectToRemoteServer failed. socket=%Id, token=%u", remote, session->token());
+  CloseObsoleteSession(session, session->GiveUp());
   return false;
 }
 
@@ -188,6 +189,7 @@ void TcpProvider::CloseObsoleteSession(TcpSession* session, u32 verdict) noexcep
   const SOCKET remote_socket = session->remote_socket();
   const u16 port = session->game_socket_port();
   const u32 token = session->token();
+  const bool is_reset = session->is_reset();
   const auto found = std::find_if(sessions_.begin(), sessions_.end(),
                                   [&](const auto& entry) { return entry.get() == session; });
   if (found != sessions_.end()) sessions_.erase(found);  // ends the session
@@ -198,6 +200,7 @@ void TcpProvider::CloseObsoleteSession(TcpSession* session, u32 verdict) noexcep
   for (const SOCKET socket : {local_socket, remote_socket}) {
     if (socket == INVALID_SOCKET) continue;
     socket_mgr_->RemoveSocket(socket);
+    if (is_reset) ResetAtClose(socket);
     LSP_LOG(4, "[TCP]CloseObsoleteSession, about to close socket=%Id, token=%u", socket, token);
     closesocket(socket);
   }

@@ -3,6 +3,7 @@
 
 #include "common/log.h"
 #include "common/net_text.h"
+#include "route/mending.h"
 #include "route/route.h"
 #include "stream/tcp_provider.h"
 #include "tracker/tracker.h"
@@ -11,6 +12,7 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr u32 kNegotiationLimitMs = 5000;
+constexpr u32 kHalfCloseLimitMs = 300'000;
 constexpr u32 kFarewellMs = 200;  // in which the system sends the last bytes on their way
 
 u32 Verdict(bool keep) noexcept { return keep ? kKeepSession : kCloseSession; }
@@ -94,7 +96,7 @@ u32 TcpSession::HandleRemoteWritable() noexcept {
               token_);
       if (use_acc_) {
         state_ = TcpState::Negotiating;
-        return Verdict(StartNegotiation());
+        return Verdict(StartNegotiation() || LeaveNode(kNegoSendFailed));
       }
       state_ = TcpState::Relaying;
       return Verdict(DoRemoteWrite());
@@ -106,6 +108,14 @@ u32 TcpSession::HandleRemoteWritable() noexcept {
   }
 }
 
+bool TcpSession::TakeAnotherWay() noexcept { return LeaveNode(kNegoUnreachable); }
+
+u32 TcpSession::GiveUp() noexcept {
+  if (!GetMending().PassesOnReset()) return kNoAction;
+  is_reset_ = true;
+  return kCloseSession;
+}
+
 // Kept: a connect that the network refuses ends the connection. Only time and a node's answer
 // lead to another try.
 u32 TcpSession::HandleConnectFailure() noexcept {
@@ -115,12 +125,24 @@ u32 TcpSession::HandleConnectFailure() noexcept {
     return kNoAction;
   }
   LSP_LOG(4, "[TCP]HandleConnectFailure. Connection Failed, token=%u", token_);
+  if (LeaveNode(kNegoUnreachable)) return kKeepSession;
   state_ = TcpState::Failed;
+  GiveUp();
   return kCloseSession;
+}
+
+// A game that has closed its socket looks as if it had ended its sending only. Where its server
+// does not end either, the connection is given this long without a byte.
+void TcpSession::LimitHalfClose(u32 elapsed_ms) noexcept {
+  if (!local_.at_end && !remote_.at_end) return;
+  half_closed_ms_ += elapsed_ms;
+  if (half_closed_ms_ < kHalfCloseLimitMs) return;
+  local_.sock_deleteing = remote_.sock_deleteing = true;
 }
 
 // The limit holds for connecting and negotiating together. A direct connection has the system's.
 void TcpSession::OnUpdate(u32 elapsed_ms) noexcept {
+  LimitHalfClose(elapsed_ms);
   if (!use_acc_) return;
   if (state_ != TcpState::Connecting && state_ != TcpState::Negotiating) return;
   if (connect_elapsed_ < kNegotiationLimitMs) {
@@ -129,7 +151,9 @@ void TcpSession::OnUpdate(u32 elapsed_ms) noexcept {
   }
   // Kept: nobody is told if this fails. The session ends with the far side's next event, or with
   // the game's close.
-  OnNegotiationFailed(kNegoTimedOut);
+  if (!OnNegotiationFailed(kNegoTimedOut) && GiveUp() == kCloseSession) {
+    local_.sock_deleteing = remote_.sock_deleteing = true;
+  }
 }
 
 bool TcpSession::IsGivenUp() const noexcept {
@@ -137,11 +161,12 @@ bool TcpSession::IsGivenUp() const noexcept {
 }
 
 bool TcpSession::IsObsolete() noexcept {
-  const bool local_dead = local_.sock_deleteing || local_.socket == INVALID_SOCKET;
   // Guard: a socket whose connect has failed carries nothing. What the closed game has sent cannot
   // leave, and the session would wait for that for ever.
   const bool remote_dead =
       remote_.sock_deleteing || remote_.socket == INVALID_SOCKET || IsGivenUp();
+  const bool local_dead =
+      local_.sock_deleteing || local_.socket == INVALID_SOCKET || (local_.at_end && remote_dead);
   if (!local_dead || !remote_dead) return false;
   if (obsolete_tick_ == 0) {
     LSP_LOG(4, "TcpSession::IsObsolete, tick 0, found obsolete session, token=%u", token_);

@@ -44,6 +44,8 @@ struct TcpSide {
   SOCKET socket = INVALID_SOCKET;
   bool sock_deleteing = false;  // the side is finished; its socket may still be open
   bool missed_bytes = false;    // some data for it was dropped: nothing may follow that
+  bool at_end = false;          // it will send nothing more, and may still receive
+  bool told_end = false;        // it has been told that the other side is at its end
   BlockBuffer owed{};           // filled by reading the other side, drained by writing to this one
 };
 
@@ -61,6 +63,10 @@ class TcpSession {
   void DecideRemoteAddr() noexcept;
   // Starts connecting it. False if that failed at once.
   bool Connect() noexcept;
+  // After a connect that failed at once. Whether there is another way, which is under way then.
+  bool TakeAnotherWay() noexcept;
+  // What the end of all ways means.
+  u32 GiveUp() noexcept;
 
   u32 HandleLocalReadable() noexcept;
   u32 HandleRemoteReadable() noexcept;
@@ -72,6 +78,8 @@ class TcpSession {
   void OnUpdate(u32 elapsed_ms) noexcept;
   // Whether both sides have ended, and long enough ago for the last bytes to have been sent.
   bool IsObsolete() noexcept;
+  // Whether one side reset its connection, and the other is to see the same.
+  bool is_reset() const noexcept { return is_reset_; }
 
   SOCKET local_socket() const noexcept { return local_.socket; }
   SOCKET remote_socket() const noexcept { return remote_.socket; }
@@ -82,10 +90,12 @@ class TcpSession {
  private:
   // No connect is under way and none will follow, so what the game sends can never leave.
   bool IsGivenUp() const noexcept;
+  void LimitHalfClose(u32 elapsed_ms) noexcept;
 
   // tcp_session_fallback.cpp
   bool StartNegotiation() noexcept;
   bool FinishNegotiation() noexcept;
+  bool LeaveNode(u32 reason) noexcept;
   bool OnNegotiationFailed(u32 reason) noexcept;
   bool ChangeAcclServer() noexcept;
   bool ConnectToNewNode() noexcept;
@@ -101,6 +111,9 @@ class TcpSession {
   bool Write(TcpSide* to, TcpSide* from) noexcept;
   bool WaitForRoom(TcpSide* to) noexcept;
   bool EndSide(TcpSide* ended, const TcpSide& other) noexcept;
+  void StopSending(TcpSide* side) noexcept;
+  void PassOnEnd(TcpSide* to, const TcpSide& from) noexcept;
+  void NoteReset(int error) noexcept;
   void CloseSocket(TcpSide* side) noexcept;
   void CloseSocketAfter(int error, TcpSide* side) noexcept;
 
@@ -113,10 +126,12 @@ class TcpSession {
   TcpSide remote_{.is_remote = true};  // towards a node or the game server
   u32 connect_elapsed_ = 0;            // milliseconds of connecting and negotiating
   TcpState state_ = TcpState::Created;
-  u32 obsolete_tick_ = 0;  // when the session was marked as finished; 0: never
+  u32 half_closed_ms_ = 0;  // since a side's end, or the last byte after it
+  u32 obsolete_tick_ = 0;   // when the session was marked as finished; 0: never
   const u32 token_;
   const SessionGuid guid_;
   bool use_acc_ = true;  // the remote side is a node
+  bool is_reset_ = false;
   AccDecisionInfo decision_;
   TcpNegotiation negotiation_;
   u8 node_changes_ = 0;

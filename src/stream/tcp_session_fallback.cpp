@@ -2,6 +2,7 @@
 // game server. What the game has sent waits meanwhile; the failed node never saw any of it.
 #include "common/log.h"
 #include "common/net_text.h"
+#include "route/mending.h"
 #include "sockets/socket_helpers.h"
 #include "stream/tcp_provider.h"
 #include "stream/tcp_session.h"
@@ -42,8 +43,13 @@ bool TcpSession::FinishNegotiation() noexcept {
       state_ = TcpState::Failed;
       return OnNegotiationFailed(reason);
     default:
-      return false;
+      return LeaveNode(kNegoReceiveFailed);
   }
+}
+
+// A node that failed in a way that otherwise ends the connection. Whether there is another way.
+bool TcpSession::LeaveNode(u32 reason) noexcept {
+  return use_acc_ && GetMending().LeavesFailedNode() && OnNegotiationFailed(reason);
 }
 
 bool TcpSession::OnNegotiationFailed(u32 reason) noexcept {

@@ -5,6 +5,7 @@
 // directions are the same code; they differ in what the log says, and in the Tracker's count of
 // what the remote socket carries.
 #include "common/log.h"
+#include "route/mending.h"
 #include "stream/tcp_provider.h"
 #include "stream/tcp_session.h"
 #include "tracker/tracker.h"
@@ -47,6 +48,10 @@ bool TcpSession::Read(TcpSide* from, TcpSide* to) noexcept {
     const int n = recv(from->socket, reinterpret_cast<char*>(place), kReadSize, 0);
     const int error = WSAGetLastError();
     if (from->is_remote) GetTracker().RecordRecv(from->socket, static_cast<u32>(n), error);
+    if (n == 0 && GetMending().PassesOnHalfClose()) {
+      StopSending(from);
+      return true;
+    }
     if (n == 0) {
       const bool keep = EndSide(from, *to);
       CloseSocket(from);
@@ -58,6 +63,7 @@ bool TcpSession::Read(TcpSide* from, TcpSide* to) noexcept {
               from->is_remote ? "[TCP]DoRemoteRead. err=%d, socket=%Id, token=%u"
                               : "[TCP]DoLocalRead. err=%d, socket=%Id, token=%u",
               error, from->socket, token_);
+      NoteReset(error);
       CloseSocketAfter(error, from);
       return false;
     }
@@ -67,6 +73,7 @@ bool TcpSession::Read(TcpSide* from, TcpSide* to) noexcept {
                 : "[TCP]DoLocalRead. Read game client data, len=%d, socket=%Id, token=%u",
             n, from->socket, token_);
     to->owed.Commit(static_cast<u32>(n));
+    half_closed_ms_ = 0;
   }
 }
 
@@ -99,11 +106,13 @@ bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
             to->is_remote ? "[TCP]DoRemoteWrite. err=%d, socket=%Id, token=%u"
                           : "[TCP]DoLocalWrite. err=%d, socket=%Id, token=%u",
             error, to->socket, token_);
+    NoteReset(error);
     const bool keep = EndSide(to, *from);
     CloseSocketAfter(error, to);
     if (!keep) return false;
     break;
   }
+  if (from->at_end && to->owed.IsEmpty()) PassOnEnd(to, *from);
   if (from->sock_deleteing && to->owed.IsEmpty()) {
     LSP_LOG(4,
             to->is_remote ? "DoRemoteWrite, buffer is empty. Marking session obsolete, token=%u"
@@ -134,6 +143,32 @@ bool TcpSession::EndSide(TcpSide* ended, const TcpSide& other) noexcept {
     ended->owed.Clear();
   }
   return owes;
+}
+
+// Its socket stays, to receive.
+void TcpSession::StopSending(TcpSide* side) noexcept {
+  side->at_end = true;
+  // Its end would be readable for ever.
+  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->StopReading(side->socket);
+  LSP_LOG(4, "[TCP]TcpSession::StopSending, side=%s, socket=%Id, token=%u",
+          side->is_remote ? "remote" : "local", side->socket, token_);
+}
+
+// All that `from` has sent is on its way. Once that is so for both, the session is over.
+void TcpSession::PassOnEnd(TcpSide* to, const TcpSide& from) noexcept {
+  if (to->told_end) return;
+  to->told_end = true;
+  shutdown(to->socket, SD_SEND);
+  LSP_LOG(4, "[TCP]TcpSession::PassOnEnd, side=%s, socket=%Id, token=%u",
+          to->is_remote ? "remote" : "local", to->socket, token_);
+  if (!to->at_end || !from.told_end) return;
+  local_.sock_deleteing = remote_.sock_deleteing = true;
+  obsolete_tick_ = GetTickCount();
+}
+
+void TcpSession::NoteReset(int error) noexcept {
+  const bool reset = error == WSAECONNABORTED || error == WSAECONNRESET || error == WSAENETRESET;
+  if (reset && GetMending().PassesOnReset()) is_reset_ = true;
 }
 
 void TcpSession::CloseSocket(TcpSide* side) noexcept {

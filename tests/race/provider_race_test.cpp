@@ -17,6 +17,7 @@ class NoLoop final : public IRelaySocketMgr {
  public:
   common::u32 AddSocket(SOCKET, IRelaySocketDelegate*) noexcept override { return 0; }
   common::u32 EnableWrite(SOCKET) noexcept override { return 0; }
+  void StopReading(SOCKET) noexcept override {}
   IRelaySocketDelegate* RemoveSocket(SOCKET) noexcept override { return nullptr; }
   common::u32 NextToken() noexcept override { return 0; }
 };

@@ -2,6 +2,7 @@
 // terminated or with Winsock, and what the library leaves behind. At stake: no call of the game
 // hangs, none of our threads still runs, and what cannot be relayed goes direct.
 #include "tests/scenario/life_world.h"
+#include "tests/support/mended.h"
 
 #include "abi/launch_test_formats.h"
 #include "common/named_mutex.h"
@@ -413,6 +414,24 @@ SCENARIO_F_SEEDS(Life, AHundredRoundsOfWinsockLeaveNothingBehind, 4) {
     EXPECT_TRUE(ThreadsOfOurs().empty());
     if (round == 1) handles = port::OpenHandles();
     EXPECT_EQ(port::OpenHandles(), handles);
+  }
+  EXPECT_TRUE(NodesAreFree());
+}
+
+SCENARIO_F_SEEDS(Life, AMendedProcessIsServedInEveryRound, 4) {
+  const test::Mended mended(moru_vyr::lsp::kMendRestart);
+  port::SetDispatchManners(SomeManners(world.seed()));
+  StartsWinsock();
+  for (int round = 1; round <= 20; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    ExpectConnects("A");
+    const SOCKET flow = Udp();
+    EXPECT_EQ(TalksByDatagram(flow), "A");
+    EXPECT_LT(EndsWinsock(), kStopMs) << "the worker had to be ended by force";
+    EXPECT_TRUE(ThreadsOfOurs().empty());
+    StartsWinsock();
+    closesocket(flow);
+    EXPECT_EQ(Sockets(), 0u);
   }
   EXPECT_TRUE(NodesAreFree());
 }

@@ -62,6 +62,7 @@ class Loop : public IRelaySocketMgr {
     return delegates.emplace(socket, delegate).second ? 0 : 1;
   }
   u32 EnableWrite(SOCKET socket) noexcept override { return wants_room.insert(socket).second; }
+  void StopReading(SOCKET) noexcept override {}
   IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;
   u32 NextToken() noexcept override { return ++tokens_; }
 

@@ -3,6 +3,9 @@
 #include "tests/scenario/relayed_world.h"
 //
 #include <list>
+#include <optional>
+
+#include "abi/mending_formats.h"
 
 namespace tcp_test {
 
@@ -45,8 +48,10 @@ class TcpWorld : public sim::ScenarioTest {
  protected:
   using Configure = std::function<void(moru_vyr::lsp::AccConfigRecord*)>;
 
-  // The game's own path, if it matters, and other fields of its record.
-  explicit TcpWorld(const std::wstring& path = L"", const Configure& configure = nullptr);
+  // The game's own path, if it matters, and other fields of its record. `mended` are the bits of
+  // the client's MendingRecord; without one it has no such region.
+  explicit TcpWorld(const std::wstring& path = L"", const Configure& configure = nullptr,
+                    moru_vyr::lsp::u32 mended = 0);
 
   // --- the game ---
   // Connected, or INVALID_SOCKET.
@@ -85,6 +90,7 @@ class TcpWorld : public sim::ScenarioTest {
   void WriteTables();
   void StartServer();
 
+  std::optional<test::ClientRegion<moru_vyr::lsp::MendingRegion>> mending_;
   std::unique_ptr<test::LogCapture> log_;
   int running_ = 0;
 };

@@ -24,6 +24,7 @@ class Loop final : public IRelaySocketMgr {
     return 0;
   }
   u32 EnableWrite(SOCKET) noexcept override { return 0; }
+  void StopReading(SOCKET) noexcept override {}
   IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override {
     sockaddr_in name = {};
     int size = sizeof name;

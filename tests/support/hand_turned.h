@@ -14,6 +14,7 @@ class HandTurned final : public moru_vyr::lsp::IRelaySocketMgr {
 
   common::u32 AddSocket(SOCKET s, Delegate* d) noexcept override { return sets_.Add(s, d); }
   common::u32 EnableWrite(SOCKET s) noexcept override { return sets_.EnableWrite(s, true); }
+  void StopReading(SOCKET s) noexcept override { sets_.StopReading(s); }
   Delegate* RemoveSocket(SOCKET s) noexcept override { return sets_.Remove(s); }
   common::u32 NextToken() noexcept override { return ++token_; }
 

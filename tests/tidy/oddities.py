@@ -1,7 +1,8 @@
 """Every Kept: and Guard: in src/ has a row in docs/oddities.md, and every row has its mark.
 
 A row names the mark by the name of its file and the words with which it begins, so that it stays
-right when a file moves to another folder. The tests that it names must exist.
+right when a file moves to another folder. The tests that it names must exist. Rows of what is mended
+on request name their tests too, and the words that the client program's file has for them.
 """
 import dataclasses
 import re
@@ -9,10 +10,13 @@ import re
 from tree import Finding
 
 REGISTER = "docs/oddities.md"
+MENDINGS = "devkit/client/fields/game_fields.cpp"
 NO_TEST = "none"
 MARK = re.compile(r"\b(Kept|Guard):")
 MISSPELT = re.compile(r"//.*(?:\b(?:kept|guard):|\b(?:Kept|Guard)\.$)")
 ROW = re.compile(r'^\| `([\w.]+)` "(.+?)" \|(.+)\|(.+)\|(.+)\|$')
+MENDED = re.compile(r"^\| `([\w-]+)` \|(.+)\|(.+)\|(.+)\|(.+)\|$")
+MENDING = re.compile(r'\{"([\w-]+)", kMend(?!All\b)\w+\}')
 TEST = re.compile(r"^[ \t]*(\w*(?:TEST|SCENARIO)\w*)\(\s*(\w+)\s*(?:,\s*(\w+))?", re.MULTILINE)
 # A file's own short form of a scenario: the fixture stands in the definition.
 SHORT_FORM = re.compile(r"^#define (\w+)\((\w+)[^)]*\)[\s\\]+\w+\(\s*(\w+),\s*\2\b", re.MULTILINE)
@@ -70,12 +74,36 @@ def rows(text):
     for number, line in enumerate(text.split("\n"), 1):
         if heading := re.match(r"^#+ (Kept|Guard)\b", line):
             kind = heading[1]
+        elif kind is None:
+            continue  # what is mended on request has a form of its own
         elif row := ROW.match(line):
             named = row[5].strip()
             tests = () if named == NO_TEST else tuple(re.findall(r"`([^`]+)`", named)) or (named,)
             yield Row(number, kind, row[1], row[2], tests)
         elif line.startswith("| `"):
             yield Finding(REGISTER, number, "is no row: | `file` \"words\" | what | who | test |")
+
+
+def mended(text):
+    """Yields (line, name, tests) for each row of what is mended on request."""
+    for number, line in enumerate(text.split("\n"), 1):
+        if row := MENDED.match(line):
+            yield number, row[1], re.findall(r"`([^`]+)`", row[5])
+
+
+def check_mended(tree, known):
+    listed = {name: (line, tests) for line, name, tests in mended(tree.text(REGISTER))}
+    offered = MENDING.findall(tree.text(MENDINGS)) if MENDINGS in tree.paths else []
+    for name in offered:
+        if name not in listed:
+            yield Finding(REGISTER, 0, f"has no row for what is mended as '{name}'")
+    for name, (line, tests) in listed.items():
+        if name not in offered:
+            yield Finding(REGISTER, line, f"the client program's file cannot ask for '{name}'")
+        if not tests:
+            yield Finding(REGISTER, line, f"no test for '{name}'")
+        yield from (Finding(REGISTER, line, f"no such test: {test}") for test in tests
+                    if test not in known)
 
 
 def tests_of(text):
@@ -111,4 +139,4 @@ def check(tree):
         for test in row.tests:
             if test not in known:
                 findings.append(Finding(REGISTER, row.line, f"no such test: {test}"))
-    yield REGISTER, findings
+    yield REGISTER, findings + list(check_mended(tree, known))

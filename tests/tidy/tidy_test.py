@@ -261,6 +261,22 @@ class Oddities(unittest.TestCase):
         self.assertIn("no such test: somewhere",
                       self.check(register=self.REGISTER.replace("none", "somewhere"))[0])
 
+    def test_what_is_mended_has_a_row_with_tests_and_a_name_in_the_clients_file(self):
+        fields = 'constexpr NamedValue k[] = {\n{"all", kMendAll},\n{"half", kMendHalf},\n};\n'
+
+        def check(rows, offered=fields):
+            return findings(oddities, {"src/route/a.h": self.SOURCE,
+                                       "tests/unit/a_test.cpp": self.TESTS,
+                                       "docs/oddities.md": rows + self.REGISTER,
+                                       "devkit/client/fields/game_fields.cpp": offered})
+
+        self.assertEqual(check("| `half` | a | b | c | `Suite.One` |\n"), [])
+        self.assertIn("no row for what is mended as 'half'", check("")[0])
+        self.assertIn("no such test: Suite.Three",
+                      check("| `half` | a | b | c | `Suite.Three` |\n")[0])
+        self.assertIn("no test for 'half'", check("| `half` | a | b | c | none |\n")[0])
+        self.assertIn("cannot ask for 'half'", check("| `half` | a | b | c | `Suite.One` |\n", "")[0])
+
     def test_a_files_own_short_form_of_a_scenario_names_a_test(self):
         tests = ("TEST_F(Suite, One) {\n"
                  "#define SCENARIO_WRAP(name, ms) SCENARIO_WITH_(Suite, name, Suite, 1, In(ms))\n"

@@ -12,6 +12,7 @@
 #include "sockets/socket_map.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/log_texts.h"
+#include "tests/support/mended.h"
 #include "tests/unit/scripted_provider.h"
 
 namespace moru_vyr::lsp {
@@ -212,6 +213,20 @@ TEST_F(ExtensionHooks, APendingConnectExLooksTrueAndKeepsItsError) {
   EXPECT_EQ(WSAGetLastError(), 997);
   EXPECT_TRUE(
       log.Contains("WSPConnectEx: ret=0, err=997, dest=198.51.100.20:8080, port=0, " + tail));
+}
+
+TEST_F(ExtensionHooks, AMendedConnectExAnswersAsTheNextProvider) {
+  const test::Mended mended(kMendConnectEx);
+  OVERLAPPED overlapped{};
+  EXPECT_EQ(WSPConnectEx(next.socket, Generic(server), 16, nullptr, 0, nullptr, &overlapped), TRUE);
+  next.error = 997;
+  EXPECT_EQ(WSPConnectEx(next.socket, Generic(server), 16, nullptr, 0, nullptr, &overlapped),
+            FALSE);
+  EXPECT_EQ(WSAGetLastError(), 997);
+  EXPECT_EQ(WSPConnectEx(next.socket, nullptr, 16, nullptr, 0, nullptr, nullptr), FALSE);
+  EXPECT_EQ(WSAGetLastError(), WSAEINVAL);
+  next.result = -1;
+  EXPECT_EQ(WSPConnectEx(next.socket, Generic(server), 16, nullptr, 0, nullptr, nullptr), FALSE);
 }
 
 TEST_F(ExtensionHooks, AMissingConnectExAnswersMinusOne) {

@@ -23,6 +23,7 @@ namespace {
 
 struct WriteRequests final : IRelaySocketMgr {
   u32 AddSocket(SOCKET, IRelaySocketDelegate*) noexcept override { return 0; }
+  void StopReading(SOCKET) noexcept override {}
   u32 EnableWrite(SOCKET) noexcept override {
     ++count;
     return 0;

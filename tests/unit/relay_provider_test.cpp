@@ -105,6 +105,7 @@ struct NotingLoop final : IRelaySocketMgr {
   u32 AddSocket(SOCKET s, IRelaySocketDelegate* d) noexcept override {
     return turned.AddSocket(s, d);
   }
+  void StopReading(SOCKET s) noexcept override { turned.StopReading(s); }
   u32 EnableWrite(SOCKET s) noexcept override {
     writers.push_back(s);
     return turned.EnableWrite(s);

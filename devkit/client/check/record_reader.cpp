@@ -36,7 +36,10 @@ std::string WhyUnknown(std::string_view key, const Shape& shape, const std::stri
 // Walks the tables of the file along the shapes of the records.
 class Reader {
  public:
-  explicit Reader(Tables* tables) : references_(*tables, &problems_), values_(&problems_) {}
+  explicit Reader(Tables* tables)
+      : tables_(reinterpret_cast<std::byte*>(tables)),
+        references_(*tables, &problems_),
+        values_(&problems_) {}
 
   void Table(const toml::table& table, const Shape& shape, std::byte* record,
              const std::string& path) {
@@ -46,7 +49,9 @@ class Reader {
       const std::string key = path + field.key;
       if (field.kind == Kind::kFromNode || field.kind == Kind::kAddresses) continue;
       if (const toml::node* node = table.get(field.key)) {
-        Value(*node, field, record, key);
+        std::vector<std::byte> spare(field.beside != nullptr ? field.offset + field.size : 0);
+        std::byte* const to = field.RecordOf(record, tables_);
+        Value(*node, field, to != nullptr ? to : spare.data(), key);
       } else if (field.required && !whole) {
         AddError(&problems_, LineOf(table), key, "is missing");
       } else if (field.fallback != 0) {
@@ -164,6 +169,7 @@ class Reader {
     if (field.kind == Kind::kNode) references_.CheckNode(to, LineOf(node), key);
   }
 
+  std::byte* const tables_;
   Problems problems_;
   References references_;
   ValueReader values_;

@@ -28,6 +28,8 @@ const char* WantedName(const Field& field) {
       return "a name or a whole number";
     case Kind::kNameBits:
       return "a list of names or a whole number";
+    case Kind::kNameOrBits:
+      return "a name, a list of names or a whole number";
     default:
       return "a text";
   }
@@ -41,6 +43,10 @@ std::string JoinNames(std::span<const NamedValue> names) {
 
 bool IsWritten(const Field& field) {  // as text only
   return field.IsText() || field.kind == Kind::kIp || field.kind == Kind::kHex;
+}
+
+bool TakesNames(const Field& field) {  // several of them
+  return field.kind == Kind::kNameBits || field.kind == Kind::kNameOrBits;
 }
 
 }  // namespace
@@ -62,7 +68,7 @@ bool ValueReader::Read(const toml::node& node, const Field& field, std::byte* to
     Store(to, field.size, **flag ? 1 : 0);
     return true;
   }
-  if (const auto* const list = node.as_array(); list && field.kind == Kind::kNameBits) {
+  if (const auto* const list = node.as_array(); list && TakesNames(field)) {
     NameBits(*list, field, to, key);
     return true;
   }
@@ -77,7 +83,7 @@ bool ValueReader::ReadString(const std::string& text, unsigned line, const Field
     Address(text, line, field, to, key);
   } else if (field.kind == Kind::kHex) {
     Bytes(text, line, field, to, key);
-  } else if (field.kind == Kind::kNames) {
+  } else if (field.kind == Kind::kNames || field.kind == Kind::kNameOrBits) {
     if (const auto value = Name(text, line, field, key)) Store(to, field.size, *value);
   } else if (field.kind == Kind::kNumber && field.size == sizeof(uint64_t)) {
     BigNumber(text, line, field, to, key);

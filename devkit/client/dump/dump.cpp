@@ -58,8 +58,9 @@ class NodeNames {
 
 class Dumper {
  public:
-  explicit Dumper(const Tables& tables) : names_(tables) {
-    Record(FileShape(), reinterpret_cast<const std::byte*>(&tables), "");
+  explicit Dumper(const Tables& tables)
+      : tables_(reinterpret_cast<const std::byte*>(&tables)), names_(tables) {
+    Record(FileShape(), tables_, "");
   }
 
   std::string Take() { return std::move(text_); }
@@ -68,7 +69,7 @@ class Dumper {
   // Values first, then tables: TOML allows no other order.
   void Record(const Shape& shape, const std::byte* record, const std::string& path) {
     for (const Field& field : shape.fields) {
-      if (!IsTable(field) || IsEmpty(field, record)) Line(field, record);
+      if (!IsTable(field) || IsEmpty(field, record)) Line(field, field.RecordOf(record, tables_));
     }
     for (const Field& field : shape.fields) {
       if (!IsTable(field) || IsEmpty(field, record)) continue;
@@ -147,6 +148,8 @@ class Dumper {
         return Name(field, number);
       case Kind::kNameBits:
         return NameBits(field, number);
+      case Kind::kNameOrBits:
+        return NameOrBits(field, number);
       case Kind::kIp:
         return QuoteToml(AddressText(static_cast<uint32_t>(number)));
       case Kind::kHex:
@@ -189,11 +192,16 @@ class Dumper {
     std::string list;
     uint64_t rest = number;
     for (const NamedValue& name : field.names) {
-      if ((number & name.value) != name.value) continue;
+      if (name.value == 0 || (number & name.value) != name.value) continue;
       list += (list.empty() ? "" : ", ") + QuoteToml(name.name);
       rest &= ~name.value;
     }
     return rest == 0 ? "[" + list + "]" : Number(number);
+  }
+
+  static std::string NameOrBits(const Field& field, uint64_t number) {
+    const std::string name = Name(field, number);
+    return name == Number(number) ? NameBits(field, number) : name;
   }
 
   // Of two records with the same address and level only the later counts, so only that is shown.
@@ -224,6 +232,7 @@ class Dumper {
     return {has_levels ? record.game_idc / 100 % 10 : 0, record.ip};
   }
 
+  const std::byte* const tables_;
   const NodeNames names_;
   std::string text_;
 };

@@ -102,6 +102,18 @@ uint64_t Field::Max() const {
   return size >= sizeof(uint64_t) ? UINT64_MAX : (uint64_t{1} << (8 * size)) - 1;
 }
 
+const std::byte* Field::RecordOf(const std::byte* record, const std::byte* tables) const {
+  if (beside == nullptr) return record;
+  const auto place = reinterpret_cast<uintptr_t>(record) - reinterpret_cast<uintptr_t>(tables);
+  const size_t index = (place - beside->records) / beside->record_size;
+  if (place < beside->records || index >= beside->count) return nullptr;
+  return tables + beside->list + index * beside->entry_size;
+}
+
+std::byte* Field::RecordOf(std::byte* record, std::byte* tables) const {
+  return const_cast<std::byte*>(RecordOf(static_cast<const std::byte*>(record), tables));
+}
+
 bool Field::IsText() const {
   switch (kind) {
     case Kind::kText:

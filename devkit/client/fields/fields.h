@@ -11,25 +11,26 @@
 namespace client {
 
 enum class Kind {
-  kNumber,     // a whole number; eight-byte fields also take one as text, past TOML's 63 bits
-  kFlag,       // a number of which only "0 or not" matters: also true and false
-  kText,       // UTF-8; the field's size counts the closing NUL
-  kDigits,     // text of decimal digits, may be empty
-  kDigitList,  // text of decimal numbers with commas between, may be empty
-  kPath,       // text that must be a full Windows path to be of any use
-  kDirectory,  // the same, and it must end in a separator to name a directory
-  kAddress,    // dotted IPv4 text
-  kIp,         // the same, stored as a number in network byte order
-  kHex,        // bytes, as text of two hexadecimal digits each; the rest is zero
-  kNode,       // a node that must be there, by its name or its proxy_idc; 0: none
-  kLastNode,   // the same, but a number may be that of a node that is not in the table
-  kIdc,        // a data centre, by the name that an [[idc]] gave it or by number
-  kFromNode,   // the name of a node from which the whole record is filled; keys beside it win
-  kNames,      // a number, or one name that stands for it
-  kNameBits,   // a number, or a list of names whose bits are joined
-  kRecord,     // a table with a shape of its own
-  kAddresses,  // the addresses of a group; only in the shape of a kGroups
-  kGroups,     // tables of one data centre and its addresses, stored flat: a record an address
+  kNumber,      // a whole number; eight-byte fields also take one as text, past TOML's 63 bits
+  kFlag,        // a number of which only "0 or not" matters: also true and false
+  kText,        // UTF-8; the field's size counts the closing NUL
+  kDigits,      // text of decimal digits, may be empty
+  kDigitList,   // text of decimal numbers with commas between, may be empty
+  kPath,        // text that must be a full Windows path to be of any use
+  kDirectory,   // the same, and it must end in a separator to name a directory
+  kAddress,     // dotted IPv4 text
+  kIp,          // the same, stored as a number in network byte order
+  kHex,         // bytes, as text of two hexadecimal digits each; the rest is zero
+  kNode,        // a node that must be there, by its name or its proxy_idc; 0: none
+  kLastNode,    // the same, but a number may be that of a node that is not in the table
+  kIdc,         // a data centre, by the name that an [[idc]] gave it or by number
+  kFromNode,    // the name of a node from which the whole record is filled; keys beside it win
+  kNames,       // a number, or one name that stands for it
+  kNameBits,    // a number, or a list of names whose bits are joined
+  kNameOrBits,  // the same, or one name that stands for the whole number
+  kRecord,      // a table with a shape of its own
+  kAddresses,   // the addresses of a group; only in the shape of a kGroups
+  kGroups,      // tables of one data centre and its addresses, stored flat: a record an address
 };
 
 struct NamedValue {
@@ -38,6 +39,16 @@ struct NamedValue {
 };
 
 struct Shape;
+
+// A list of another region, one entry for each entry of the list that a field's record is in.
+// Places are bytes from the start of Tables.
+struct Beside {
+  size_t records;
+  size_t record_size;
+  size_t count;
+  size_t list;
+  size_t entry_size;
+};
 
 struct Field {
   const char* key = nullptr;
@@ -52,6 +63,8 @@ struct Field {
   size_t count_offset = 0;
   size_t count_size = 0;
 
+  const Beside* beside = nullptr;  // `offset` counts from the entry there, not from the record
+
   const char* heading = nullptr;  // opens a group of fields in the sample
   const char* doc = nullptr;
   const char* sample = nullptr;  // what the sample writes behind "=", null for a record
@@ -65,6 +78,10 @@ struct Field {
   const char* example = nullptr;  // lists of the whole file: entries for the sample, as TOML
 
   uint64_t Max() const;
+  // What `offset` counts from: the record, or an entry beside it, null for a record that lies
+  // outside the tables.
+  std::byte* RecordOf(std::byte* record, std::byte* tables) const;
+  const std::byte* RecordOf(const std::byte* record, const std::byte* tables) const;
   bool IsText() const;
 };
 

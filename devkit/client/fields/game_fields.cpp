@@ -1,5 +1,6 @@
 #include "abi/restriction_formats.h"
 #include "client/fields/field_rows.h"
+#include "client/fields/tables.h"
 
 namespace client {
 namespace {
@@ -15,6 +16,21 @@ constexpr NamedValue kNetModes[] = {
     {"REF_BOTH_MODES", kNetModeBothModes},
     {"REFUSE_WITHOUT_ACC_MODE", kNetModeRefuseWithoutAccMode},
 };
+
+constexpr NamedValue kMendings[] = {
+    {"none", 0},
+    {"all", kMendAll},
+    {"half-close", kMendHalfClose},
+    {"failed-node", kMendFailedNode},
+    {"reset", kMendReset},
+    {"connect-ex", kMendConnectEx},
+    {"restart", kMendRestart},
+};
+constexpr Beside kMendingOfGame = {.records = offsetof(Tables, restriction.games),
+                                   .record_size = sizeof(AccConfigRecord),
+                                   .count = kMaxGames,
+                                   .list = offsetof(Tables, mending.games),
+                                   .entry_size = sizeof(MendingRecord)};
 
 constexpr Field kManualRouteFields[] = {
     {.key = "game_idc",
@@ -182,6 +198,16 @@ constexpr Field kGameFields[] = {
      AT(Config, reserved_word),
      .doc = "carried, read by nothing",
      .sample = "0"},
+    {.key = "mend",
+     .kind = Kind::kNameOrBits,
+     AT(MendingRecord, mended),
+     .beside = &kMendingOfGame,
+     .doc = "what is mended of the behaviour that docs/oddities.md lists: 'all', 'none', or a list "
+            "of 'half-close' (one side may end its sending and go on reading), 'failed-node' (a "
+            "node that cannot be reached is left for the next way), 'reset' (a reset stays one), "
+            "'connect-ex' (ConnectEx answers what the system answered) and 'restart' (a program "
+            "that cleans up Winsock and starts it again is served again)",
+     .sample = "'all'"},
     {.key = "link_switch_mask",
      AT(Config, link_switch_mask),
      .heading = "Measuring the link",

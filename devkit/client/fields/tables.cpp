@@ -12,6 +12,12 @@ constexpr char kLaterStarts[] = "games that start from now on";
 
 #define IN_TABLES(region) .offset = offsetof(Tables, region), .size = sizeof(Tables::region)
 constexpr RegionRows kRegions = {{
+    {.label = "mending",
+     .name = kMendingRegionName,
+     .mutex_name = kMendingMutexName,
+     IN_TABLES(mending),
+     .double_buffered = false,
+     .effect = kLaterStarts},
     {.label = "games",
      .name = kRestrictionRegionName,
      .mutex_name = kRestrictionMutexName,

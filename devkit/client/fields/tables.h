@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "abi/mending_formats.h"
 #include "abi/restriction_formats.h"
 #include "abi/route_formats.h"
 
@@ -13,6 +14,7 @@ namespace client {
 // The formats are packed, so the regions lie in here one behind the other without a gap, and a
 // field of any of them is a place in this record. Nearly a megabyte: never on a stack.
 struct Tables {
+  moru_vyr::lsp::MendingRegion mending;
   moru_vyr::lsp::RestrictionRegion restriction;
   moru_vyr::lsp::RouteRegion route;
   moru_vyr::lsp::IpTableRegion iptable;
@@ -20,7 +22,7 @@ struct Tables {
   moru_vyr::lsp::SpurRegion spur;
   moru_vyr::lsp::LaunchTestRegion launch_test;
 };
-static_assert(sizeof(Tables) == 134216 + 65680 + 655380 + 24600 + 16400 + 15120);
+static_assert(sizeof(Tables) == 336 + 134216 + 65680 + 655380 + 24600 + 16400 + 15120);
 
 // Empty tables with valid headers.
 std::unique_ptr<Tables> NewTables();
@@ -36,7 +38,17 @@ struct RegionRow {
   const char* effect;  // when running games see a change
 };
 
-enum RegionId { kRestriction, kRoute, kIpTable, kBlacklist, kSpur, kLaunchTest, kRegionCount };
+// In the order in which they are written: a game that starts once it is listed finds its mending.
+enum RegionId {
+  kMending,
+  kRestriction,
+  kRoute,
+  kIpTable,
+  kBlacklist,
+  kSpur,
+  kLaunchTest,
+  kRegionCount
+};
 using RegionRows = std::array<RegionRow, kRegionCount>;
 const RegionRows& Regions();
 

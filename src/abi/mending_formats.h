@@ -1,0 +1,47 @@
+// What the client program wants mended of the behaviour that docs/oddities.md lists, game by game.
+// Where the region is absent, of another version or zero, nothing is mended. A plain region,
+// little-endian, packed. It is read once, when a game starts.
+#pragma once
+#include <cstddef>
+
+#include "abi/restriction_formats.h"
+#include "common/shared_mem_header.h"
+#include "common/types.h"
+
+namespace moru_vyr::lsp {
+
+inline constexpr char kMendingRegionName[] = "vyr_mending_share_mem";
+inline constexpr char kMendingMutexName[] = "vyr_mending_named_mutex";
+
+// Bits of MendingRecord::mended. A reader ignores those that it does not know.
+inline constexpr u32 kMendHalfClose = 0x1;   // one side may end its sending and go on reading
+inline constexpr u32 kMendFailedNode = 0x2;  // a node that cannot be reached is tried and left
+inline constexpr u32 kMendReset = 0x4;       // a reset stays a reset
+inline constexpr u32 kMendConnectEx = 0x8;   // ConnectEx answers what the next provider answered
+inline constexpr u32 kMendRestart = 0x10;    // a process that starts Winsock anew is served anew
+inline constexpr u32 kMendAll =
+    kMendHalfClose | kMendFailedNode | kMendReset | kMendConnectEx | kMendRestart;
+
+#pragma pack(push, 1)
+struct MendingRecord {
+  u32 mended = 0;
+  u8 reserved_4[28] = {};  // zero
+};
+
+struct MendingRegion {
+  common::SharedMemHeader header;
+  u8 reserved_12[4] = {};
+  MendingRecord games[kMaxGames];  // each for the game in the same place of RestrictionRegion
+};
+#pragma pack(pop)
+
+static_assert(sizeof(MendingRecord) == 32);
+static_assert(offsetof(MendingRecord, mended) == 0);
+static_assert(offsetof(MendingRecord, reserved_4) == 4);
+
+static_assert(sizeof(MendingRegion) == 336);
+static_assert(offsetof(MendingRegion, header) == 0);
+static_assert(offsetof(MendingRegion, reserved_12) == 12);
+static_assert(offsetof(MendingRegion, games) == 16);
+
+}  // namespace moru_vyr::lsp

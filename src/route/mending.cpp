@@ -1,0 +1,66 @@
+#include "route/mending.h"
+
+#include <windows.h>
+
+#include <cstring>
+
+#include "common/handle.h"
+#include "common/log.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+using common::LspTrace;
+using common::UniqueHandle;
+
+constexpr DWORD kMutexLimitMs = 500;
+
+constinit Mending process_mending;
+
+bool IsOurs(const MendingRegion& region) noexcept {
+  return region.header.shared_mem_size == sizeof region &&
+         region.header.major_ver == common::kSharedMemMajorVersion &&
+         region.header.minor_ver == common::kSharedMemMinorVersion;
+}
+
+// Copies before it checks: whoever writes may be writing now.
+bool CopyRegion(HANDLE mapping, MendingRegion* out) noexcept {
+  const void* const view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, sizeof *out);
+  if (view == nullptr) return false;  // smaller than this library's, or no room for it
+  std::memcpy(static_cast<void*>(out), view, sizeof *out);
+  UnmapViewOfFile(view);
+  return true;
+}
+
+bool CopyGuarded(HANDLE mapping, MendingRegion* out) noexcept {
+  const UniqueHandle mutex(OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, kMendingMutexName));
+  if (!mutex) return CopyRegion(mapping, out);
+  if (WaitForSingleObject(mutex.get(), kMutexLimitMs) == WAIT_TIMEOUT) {
+    LspTrace("mending: the client holds its mutex, so nothing is mended");
+    return false;
+  }
+  const bool copied = CopyRegion(mapping, out);
+  ReleaseMutex(mutex.get());
+  return copied;
+}
+
+}  // namespace
+
+const Mending& GetMending() noexcept { return process_mending; }
+
+void ReadMending(u32 place) noexcept {
+  process_mending = Mending();
+  const UniqueHandle mapping(OpenFileMappingA(FILE_MAP_READ, FALSE, kMendingRegionName));
+  MendingRegion region;
+  if (!mapping || place >= kMaxGames || !CopyGuarded(mapping.get(), &region)) return;
+  if (!IsOurs(region)) {
+    LspTrace("mending: size %d, version %d.%d are not this library's, so nothing is mended",
+             static_cast<int>(region.header.shared_mem_size),
+             static_cast<int>(region.header.major_ver), static_cast<int>(region.header.minor_ver));
+    return;
+  }
+  process_mending = Mending(region.games[place]);
+  LspTrace("mending: 0x%x", process_mending.bits());
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,23 @@
+// A client program that asks for mending, for the length of a scope.
+#pragma once
+#include "abi/mending_formats.h"
+#include "route/mending.h"
+#include "tests/support/route_fixture.h"
+
+namespace test {
+
+class Mended {
+ public:
+  explicit Mended(u32 bits) : region_(moru_vyr::lsp::kMendingRegionName) {
+    region_->games[0].mended = bits;
+    moru_vyr::lsp::ReadMending(0);
+  }
+  ~Mended() { moru_vyr::lsp::ReadMending(moru_vyr::lsp::kMaxGames); }
+  Mended(const Mended&) = delete;
+  Mended& operator=(const Mended&) = delete;
+
+ private:
+  ClientRegion<moru_vyr::lsp::MendingRegion> region_;
+};
+
+}  // namespace test

@@ -1,0 +1,90 @@
+// What is mended for a game, by what the client program has written.
+#include "route/mending.h"
+
+#include <gtest/gtest.h>
+
+#include "common/handle.h"
+#include "tests/support/route_fixture.h"
+#include "tests/support/threads.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+class MendingRegionTest : public testing::Test {
+ protected:
+  ~MendingRegionTest() override { ReadMending(kMaxGames); }
+
+  // The bits of the game in that place.
+  u32 ReadBits(u32 place = 0) {
+    ReadMending(place);
+    return GetMending().bits();
+  }
+};
+
+TEST_F(MendingRegionTest, WithoutARegionNothingIsMended) {
+  EXPECT_EQ(ReadBits(), 0u);
+  EXPECT_FALSE(GetMending().PassesOnHalfClose());
+  EXPECT_FALSE(GetMending().LeavesFailedNode());
+  EXPECT_FALSE(GetMending().PassesOnReset());
+}
+
+TEST_F(MendingRegionTest, EachGameHasItsOwnBits) {
+  test::ClientRegion<MendingRegion> region(kMendingRegionName);
+  region->games[0].mended = kMendReset;
+  region->games[9].mended = kMendHalfClose;
+  EXPECT_EQ(ReadBits(0), kMendReset);
+  EXPECT_TRUE(GetMending().PassesOnReset());
+  EXPECT_EQ(ReadBits(1), 0u);
+  EXPECT_EQ(ReadBits(9), kMendHalfClose);
+  EXPECT_TRUE(GetMending().PassesOnHalfClose());
+  EXPECT_EQ(ReadBits(kMaxGames), 0u);
+}
+
+TEST_F(MendingRegionTest, BitsOfALaterClientAreIgnored) {
+  test::ClientRegion<MendingRegion> region(kMendingRegionName);
+  region->games[0].mended = 0xffffffff;
+  EXPECT_EQ(ReadBits(), kMendAll);
+}
+
+TEST_F(MendingRegionTest, AnotherVersionAnotherSizeOrAnEmptyRecordMendNothing) {
+  test::ClientRegion<MendingRegion> region(kMendingRegionName);
+  region->games[0].mended = kMendAll;
+  ++region->header.minor_ver;
+  EXPECT_EQ(ReadBits(), 0u);
+  --region->header.minor_ver;
+  ++region->header.major_ver;
+  EXPECT_EQ(ReadBits(), 0u);
+  --region->header.major_ver;
+  region->header.shared_mem_size = sizeof(MendingRegion) + 4;
+  EXPECT_EQ(ReadBits(), 0u);
+  region->header.shared_mem_size = sizeof(MendingRegion);
+  EXPECT_EQ(ReadBits(), kMendAll);
+  region->games[0].mended = 0;
+  EXPECT_EQ(ReadBits(), 0u);
+}
+
+// A client that hangs with the mutex in its hands holds up no game's start for long.
+TEST_F(MendingRegionTest, AMutexThatIsHeldMendsNothing) {
+  test::ClientRegion<MendingRegion> region(kMendingRegionName);
+  region->games[0].mended = kMendAll;
+  const common::UniqueHandle mutex(CreateMutexA(nullptr, FALSE, kMendingMutexName));
+  EXPECT_EQ(ReadBits(), kMendAll);
+  const common::UniqueHandle taken(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  const common::UniqueHandle done(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  test::RunThreads(2, [&](int client) {
+    if (client == 1) {
+      WaitForSingleObject(mutex.get(), INFINITE);
+      SetEvent(taken.get());
+      WaitForSingleObject(done.get(), INFINITE);
+      ReleaseMutex(mutex.get());
+      return;
+    }
+    WaitForSingleObject(taken.get(), INFINITE);
+    EXPECT_EQ(ReadBits(), 0u);
+    SetEvent(done.get());
+  });
+  EXPECT_EQ(ReadBits(), kMendAll);
+}
+
+}  // namespace
+}  // namespace moru_vyr::lsp
