@@ -6,7 +6,8 @@ import real_programs
 import relay_bench
 import support
 from conversation import wait_until
-from relayed_programs import LONGEST_S, WebServer
+from relayed_programs import LONGEST_S
+from web_server import WebServer
 
 PLAYER = "198.51.100.1"
 FILE = f"""[TestAccGame]
@@ -32,7 +33,7 @@ class Stage:
     def fetch(self, what, file, library, through_the_node):
         """The program's own work, with or without the file beside it."""
         body, samples = real_programs.wave_file(seconds=5)
-        server = WebServer(body)
+        server = WebServer({"": body})
         before = len(self.node.games())
         folder = self.runner.stage(self.program, "ffmpeg.exe")
         if file:
