@@ -33,7 +33,7 @@ bool CopyRegion(HANDLE mapping, MendingRegion* out) noexcept {
 }
 
 bool CopyGuarded(HANDLE mapping, MendingRegion* out) noexcept {
-  const UniqueHandle mutex(OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, kMendingMutexName));
+  const UniqueHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, kMendingMutexName));
   if (!mutex) return CopyRegion(mapping, out);
   if (WaitForSingleObject(mutex.get(), kMutexLimitMs) == WAIT_TIMEOUT) {
     LspTrace("mending: the client holds its mutex, so nothing is mended");
