@@ -227,7 +227,7 @@ SCENARIO_F(SimFaults, EndOfAProcessClosesWhatItLeftOpen) {
     CreateEventA(nullptr, FALSE, FALSE, nullptr);
   });
   ASSERT_TRUE(world.RunUntilAllEnd());
-  EXPECT_GE(port::OpenHandles(), handles + 2);
+  EXPECT_EQ(port::OpenHandles(), handles + 2);
   EXPECT_EQ(port::OpenViews(), views + 1);
   world.Kill(game);
   EXPECT_EQ(port::OpenHandles(), handles);
