@@ -207,7 +207,8 @@ constexpr Field kGameFields[] = {
             "node that cannot be reached is left for the next way), 'reset' (a reset stays one), "
             "'connect-ex' (ConnectEx answers what the system answered) and 'restart' (a program "
             "that cleans up Winsock and starts it again is served again)",
-     .sample = "'all'"},
+     .sample = "'all'",
+     .names = kMendings},
     {.key = "link_switch_mask",
      AT(Config, link_switch_mask),
      .heading = "Measuring the link",
