@@ -8,12 +8,15 @@
 
 namespace moru_vyr::lsp {
 
-// Kept: the next provider's WSPCleanup is never called, and unless this is mended no flag of start-up
-// is reset.
+// Kept: the next provider's WSPCleanup is never called, and unless this is mended no flag of
+// start-up is reset.
 int WSPAPI WSPCleanup(LPINT lpErrno) noexcept {
   GetRelayMgr().Stop();
   GetIcmpVM().FreePool();
-  if (GetMending().ServesAgain()) ForgetStarts();
+  if (GetMending().ServesAgain()) {
+    ForgetStarts();
+    GetRelayMgr().AllowAnotherWorker();
+  }
   StoreError(lpErrno, 0);
   LSP_LOG(0, "WSPCleanup");
   return 0;

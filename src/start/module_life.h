@@ -15,8 +15,8 @@
 // same: the gate's mutex belongs to the process, not to the copy.
 //
 // A game for which the client program asks for it is served again: WSPCleanup then forgets the
-// started protocols (started_protocols.h), and RelayMgr starts another worker. The providers' Uninit
-// resets everything except stream sessions.
+// started protocols (started_protocols.h), and RelayMgr starts another worker. The providers'
+// Uninit resets everything except stream sessions.
 #pragma once
 
 namespace moru_vyr::lsp {
