@@ -10,8 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "abi/mending_formats.h"
 #include "abi/restriction_formats.h"
 #include "hooks/hook_entries.h"
+#include "tests/support/route_fixture.h"
 
 namespace test {
 
@@ -59,6 +61,8 @@ class GameProcess {
   // The client lists this process; its log goes to C:\logs.
   void ListAsGame(common::u32 log_level = 0, const std::string& log_path = "C:\\logs\\",
                   common::u32 net_mode = 0x18);
+  // The client asks for these mendings, bits of MendingRecord; before the game's first start.
+  void IsMended(common::u32 bits);
   // Changes what the client lists it with; before its first start.
   void Configures(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change);
   // Has Winsock start the provider by itself, at the first socket of each protocol.
@@ -91,6 +95,7 @@ class GameProcess {
 
  private:
   HANDLE region_ = nullptr;
+  std::unique_ptr<ClientRegion<moru_vyr::lsp::MendingRegion>> mending_;
   std::vector<std::string> traces_;
 };
 
