@@ -3,7 +3,6 @@
 #include "common/handle.h"
 #include "common/log.h"
 #include "common/own_thread.h"
-#include "route/mending.h"
 #include "route/route.h"
 #include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
@@ -149,8 +148,7 @@ bool RelayMgr::InternalInit() noexcept {
   LSP_LOG(4, "RelayMgr::InternalInit, UDP init is %s", udp_started ? "true" : "false");
   const bool tcp_started = udp_started && tcp_provider_.Init(this, GetRoute());
   LSP_LOG(4, "RelayMgr::InternalInit, TCP init is %s", tcp_started ? "true" : "false");
-  const bool is_worker =
-      tcp_started && (!worker_started_.exchange(true) || GetMending().ServesAgain());
+  const bool is_worker = tcp_started && !worker_started_.exchange(true);
   if (is_worker) serves_.store(true, std::memory_order_release);
   state_.store(tcp_started ? kStateRunning : kStateFailed, std::memory_order_release);
   // Guard: nobody would poll their sockets, nor ever close them.

@@ -1,12 +1,12 @@
 // The centre of the relay: owns the one thread that moves relayed traffic, and the providers that
 // run on it.
 //
-// The thread starts at the first CheckAndInit and ends with Stop. A process gets one. Kept: a start
-// after a stop reports success, and no worker runs. Requests to the relay are then refused, and so
-// they are as soon as the worker has ended in any other way: after an error of select, because Stop
-// terminated it, or because another program did. See Serves, and docs/lifetime.md. Any thread may
-// call the public operations; IRelaySocketMgr's other three operations belong to the worker.
-// Nothing throws.
+// The thread starts at the first CheckAndInit and ends with Stop. A process gets one, unless
+// AllowAnotherWorker is called. Kept: a start after a stop reports success, and no worker runs.
+// Requests to the relay are then refused, and so they are as soon as the worker has ended in any
+// other way: after an error of select, because Stop terminated it, or because another program did.
+// See Serves, and docs/lifetime.md. Any thread may call the public operations; IRelaySocketMgr's
+// other operations belong to the worker. Nothing throws.
 #pragma once
 #include <winsock2.h>
 
@@ -43,6 +43,9 @@ class RelayMgr final : public IRelaySocketMgr {
   // Ends the worker, and terminates it if it has not ended after 200 ms. A terminated worker has
   // left its sockets open; they are then closed, so that the game notices.
   void Stop() noexcept;
+  // After a stop: the next start of Winsock gets a worker again, unless the last one was
+  // terminated.
+  void AllowAnotherWorker() noexcept { worker_started_.store(false); }
   bool IsStopping() const noexcept { return stop_flag_.load(std::memory_order_relaxed); }
 
   // Identifies calls that the worker makes itself; they are never relayed.
@@ -89,7 +92,7 @@ class RelayMgr final : public IRelaySocketMgr {
   std::atomic<HANDLE> worker_thread_{nullptr};
   std::atomic<u32> worker_thread_id_{0};
   std::atomic<u32> worker_name_{0};          // of own_thread.h
-  std::atomic<bool> worker_started_{false};  // never cleared
+  std::atomic<bool> worker_started_{false};  // the process gets one worker, unless it may have more
   std::atomic<bool> serves_{false};      // from the worker's readiness to the first sign of its end
   std::atomic<u32> looked_at_{0};        // the tick at which the worker's thread was seen alive
   std::atomic<bool> thread_left_{true};  // the thread has come to the end of its function

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstring>
 
 #include "common/log.h"
 #include "common/process_info.h"
@@ -14,7 +15,7 @@ namespace {
 
 // A second protocol can be started while sockets of the first are being opened. The entry that
 // marks a slot as filled is therefore stored last and read first; everything else in the slot
-// is plain and never changes after that.
+// is plain and changes no more, unless a process that is served again got another next provider.
 bool IsFilled(WSPPROC_TABLE& table) {
   return std::atomic_ref<LPWSPSOCKET>(table.lpWSPSocket).load(std::memory_order_acquire) != nullptr;
 }
@@ -49,6 +50,7 @@ void SaveDowncallTable(int protocol, const WSPUPCALLTABLE* upcalls, const WSPPRO
   for (const Slot& slot : Slots()) {
     if (slot.saved_as != protocol) continue;
     *slot.upcalls = *upcalls;
+    if (std::memcmp(slot.table, next_table, sizeof *next_table) == 0) continue;
     Publish(*slot.table, *next_table);
   }
   if (out == nullptr) return;

@@ -2,6 +2,7 @@
 
 #include "common/log.h"
 #include "hooks/downcall_table.h"
+#include "hooks/started_protocols.h"
 #include "start/base_startup.h"
 #include "start/catalogue.h"
 #include "start/provider_loader.h"
@@ -10,32 +11,14 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// Under the start-up lock. Once true they stay so, also when the start then fails and when the
-// process cleans up.
-bool tcp_started = false;
-bool udp_started = false;
-bool raw_started = false;
-
-// Guard: a catalogue whose chains lead from us back to us would start us without end. No true chain
-// is longer than the platform's limit.
+// Under the start-up lock. Guard: a catalogue whose chains lead from us back to us would start us
+// without end. No true chain is longer than the platform's limit.
 int start_depth = 0;
 
 struct DepthCount {
   DepthCount() { ++start_depth; }
   ~DepthCount() { --start_depth; }
 };
-
-// Says whether the protocol was started before, and remembers that it is now.
-bool WasStarted(int protocol) {
-  bool* const started = protocol == kProtocolTcp       ? &tcp_started
-                        : protocol == kProtocolUdp     ? &udp_started
-                        : protocol == kProtocolRawSave ? &raw_started
-                                                       : nullptr;
-  if (started == nullptr) return false;
-  const bool before = *started;
-  *started = true;
-  return before;
-}
 
 }  // namespace
 

@@ -14,10 +14,9 @@
 // further thread, socket or handle, however often it starts. A complete teardown would come to the
 // same: the gate's mutex belongs to the process, not to the copy.
 //
-// To serve a process again one day, do it in WSPCleanup (hook_cleanup.cpp), after Stop and while
-// nobody calls: the three started flags of chain.cpp and worker_started_ of RelayMgr are what
-// prevents it; the providers' Uninit resets everything except stream sessions, and the Tracker can
-// start again as it is.
+// A game for which the client program asks for it is served again: WSPCleanup then forgets the
+// started protocols (started_protocols.h), and RelayMgr starts another worker. The providers'
+// Uninit resets everything except stream sessions.
 #pragma once
 
 namespace moru_vyr::lsp {

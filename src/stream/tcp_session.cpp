@@ -3,7 +3,6 @@
 
 #include "common/log.h"
 #include "common/net_text.h"
-#include "route/mending.h"
 #include "route/route.h"
 #include "stream/tcp_provider.h"
 #include "tracker/tracker.h"
@@ -111,9 +110,8 @@ u32 TcpSession::HandleRemoteWritable() noexcept {
 bool TcpSession::TakeAnotherWay() noexcept { return LeaveNode(kNegoUnreachable); }
 
 u32 TcpSession::GiveUp() noexcept {
-  if (!GetMending().PassesOnReset()) return kNoAction;
-  is_reset_ = true;
-  return kCloseSession;
+  NoteReset(WSAECONNREFUSED);
+  return is_reset_ ? kCloseSession : kNoAction;
 }
 
 // Kept: a connect that the network refuses ends the connection. Only time and a node's answer

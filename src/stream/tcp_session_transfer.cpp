@@ -167,7 +167,8 @@ void TcpSession::PassOnEnd(TcpSide* to, const TcpSide& from) noexcept {
 }
 
 void TcpSession::NoteReset(int error) noexcept {
-  const bool reset = error == WSAECONNABORTED || error == WSAECONNRESET || error == WSAENETRESET;
+  const bool reset = error == WSAECONNABORTED || error == WSAECONNRESET || error == WSAENETRESET ||
+                     error == WSAECONNREFUSED;
   if (reset && GetMending().PassesOnReset()) is_reset_ = true;
 }
 

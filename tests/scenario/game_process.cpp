@@ -11,6 +11,7 @@
 #include "port/shared/process.h"
 #include "port/shared/winsock.h"
 #include "start/catalogue.h"
+#include "tests/support/mended.h"
 
 namespace test {
 namespace {
@@ -108,6 +109,15 @@ void GameProcess::ListAsGame(common::u32 log_level, const std::string& log_path,
   void* const view = MapViewOfFile(region_, FILE_MAP_ALL_ACCESS, 0, 0, sizeof *region);
   std::memcpy(view, region.get(), sizeof *region);
   UnmapViewOfFile(view);
+  if (AllAreMended() && mending_ == nullptr) IsMended(moru_vyr::lsp::kMendAll);
+}
+
+void GameProcess::IsMended(common::u32 bits) {
+  if (mending_ == nullptr) {
+    mending_ = std::make_unique<ClientRegion<moru_vyr::lsp::MendingRegion>>(
+        moru_vyr::lsp::kMendingRegionName);
+  }
+  (*mending_)->games[0].mended = bits;
 }
 
 void GameProcess::Configures(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change) {

@@ -10,8 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "abi/mending_formats.h"
 #include "abi/restriction_formats.h"
 #include "hooks/hook_entries.h"
+#include "tests/support/route_fixture.h"
 
 namespace test {
 
@@ -60,6 +62,9 @@ class GameProcess {
   // The client program lists this process; its log is written to C:\logs.
   void ListAsGame(common::u32 log_level = 0, const std::string& log_path = "C:\\logs\\",
                   common::u32 net_mode = 0x18);
+  // The client program requests these mendings, bits of MendingRecord. Call it before the first
+  // start.
+  void IsMended(common::u32 bits);
   // Changes its record in the client program's list. Call it before the first start.
   void Configures(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change);
   // Lets Winsock start the provider, at the first socket of each protocol.
@@ -92,6 +97,7 @@ class GameProcess {
 
  private:
   HANDLE region_ = nullptr;
+  std::unique_ptr<ClientRegion<moru_vyr::lsp::MendingRegion>> mending_;
   std::vector<std::string> traces_;
 };
 

@@ -71,10 +71,7 @@ void Echo(SOCKET s, Call* call) {
 }
 
 TcpWorld::TcpWorld(const std::wstring& path, const Configure& configure, u32 mended) {
-  if (mended != 0) {
-    mending_.emplace(kMendingRegionName);
-    (*mending_)->games[0].mended = mended;
-  }
+  if (mended != 0) game.IsMended(mended);
   if (!path.empty()) game.Is(path);
   StartServer();
   WriteTables();

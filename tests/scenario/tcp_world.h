@@ -3,9 +3,7 @@
 #include "tests/scenario/relayed_world.h"
 //
 #include <list>
-#include <optional>
 
-#include "abi/mending_formats.h"
 
 namespace tcp_test {
 
@@ -91,7 +89,6 @@ class TcpWorld : public sim::ScenarioTest {
   void WriteTables();
   void StartServer();
 
-  std::optional<test::ClientRegion<moru_vyr::lsp::MendingRegion>> mending_;
   std::unique_ptr<test::LogCapture> log_;
   int running_ = 0;
 };

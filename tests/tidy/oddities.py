@@ -1,8 +1,8 @@
 """Every Kept: and Guard: in src/ has a row in docs/oddities.md, and every row has its mark.
 
-A row names the mark by the name of its file and the mark's first words, so it stays correct when a
-file moves to another folder. The tests that it names must exist. The rows of mendings on request also
-name their tests, and the names that the client program's file uses for them.
+A row names the mark by the name of its file and the words with which it begins, so that it stays
+right when a file moves to another folder. The tests that it names must exist. Rows of what is mended
+on request name their tests too, and the words that the client program's file has for them.
 """
 import dataclasses
 import re
@@ -96,7 +96,7 @@ def check_mended(tree, known):
     offered = MENDING.findall(tree.text(MENDINGS)) if MENDINGS in tree.paths else []
     for name in offered:
         if name not in listed:
-            yield Finding(REGISTER, 0, f"has no row for the mending '{name}'")
+            yield Finding(REGISTER, 0, f"has no row for what is mended as '{name}'")
     for name, (line, tests) in listed.items():
         if name not in offered:
             yield Finding(REGISTER, line, f"the client program's file cannot ask for '{name}'")

@@ -271,7 +271,7 @@ class Oddities(unittest.TestCase):
                                        "devkit/client/fields/game_fields.cpp": offered})
 
         self.assertEqual(check("| `half` | a | b | c | `Suite.One` |\n"), [])
-        self.assertIn("no row for the mending 'half'", check("")[0])
+        self.assertIn("no row for what is mended as 'half'", check("")[0])
         self.assertIn("no such test: Suite.Three",
                       check("| `half` | a | b | c | `Suite.Three` |\n")[0])
         self.assertIn("no test for 'half'", check("| `half` | a | b | c | none |\n")[0])

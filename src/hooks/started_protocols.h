@@ -1,0 +1,14 @@
+// Which of our catalogue entries Winsock has started. Any thread.
+#pragma once
+
+namespace moru_vyr::lsp {
+
+// Says whether the protocol was started before, and remembers that it is now. Also a start that
+// then fails is remembered. False for every protocol but kProtocolTcp, kProtocolUdp and
+// kProtocolRawSave.
+bool WasStarted(int protocol) noexcept;
+
+// The process has ended Winsock and is to be served again.
+void ForgetStarts() noexcept;
+
+}  // namespace moru_vyr::lsp
