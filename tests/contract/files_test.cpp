@@ -32,7 +32,7 @@ std::string ReadAll(const std::wstring& path) {
   return std::string(buffer, read);
 }
 
-TEST(File, DispositionsSayWhatWasThere) {
+TEST(File, DispositionsReportWhetherTheFileExisted) {
   const std::wstring path = Fresh(L"disposition");
   CHECK_FAILS(Open(path, GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
               ERROR_FILE_NOT_FOUND);
@@ -79,7 +79,7 @@ TEST(File, AppendsAtItsEnd) {
   CloseHandle(file);
 }
 
-TEST(File, EndsWhereItIsTold) {
+TEST(File, SetEndOfFileTruncates) {
   const std::wstring path = Fresh(L"end");
   HANDLE file = Open(path, GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW);
   CHECK_TRUE(Write(file, "abcdef"));
@@ -153,7 +153,7 @@ TEST(File, IsSharedAsBothSidesAgree) {
   }
 }
 
-TEST(File, IsDeletedOnlyWhenNobodyHasIt) {
+TEST(File, IsDeletedOnlyIfItIsNotOpen) {
   const std::wstring path = Fresh(L"delete");
   HANDLE file = Open(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, CREATE_NEW);
   CHECK_FAILS(DeleteFileW(path.c_str()), FALSE, ERROR_SHARING_VIOLATION);
@@ -181,7 +181,7 @@ TEST(File, SomeNamesCannotBe) {
               ERROR_PATH_NOT_FOUND);
 }
 
-TEST(Directory, IsMadeOnceBelowOneThatIsThere) {
+TEST(Directory, IsCreatedOnceInAnExistingOne) {
   const std::wstring path = Directory() + L"\\folder";
   CHECK_FAILS(CreateDirectoryW((path + L"\\deeper").c_str(), nullptr), FALSE, ERROR_PATH_NOT_FOUND);
   CHECK_TRUE(CreateDirectoryW(path.c_str(), nullptr));

@@ -14,7 +14,7 @@ char* MapAll(HANDLE mapping, SIZE_T size = 0) {
   return static_cast<char*>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, size));
 }
 
-TEST(Mapping, BeginsWithZeroes) {
+TEST(Mapping, IsInitiallyZero) {
   HANDLE mapping = CreateMapping(5000, UniqueName("mapping"));
   CHECK_EQ(GetLastError(), 0u);
   char* view = MapAll(mapping, 5000);

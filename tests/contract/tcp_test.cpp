@@ -18,7 +18,7 @@ void LingerZero(SOCKET s) {
             0);
 }
 
-TEST(Tcp, BlockingConnectMovesBytesBothWays) {
+TEST(Tcp, BlockingConnectCarriesBytesInBothDirections) {
   Owned listener = Listener();
   Owned client = Tcp();
   CHECK_EQ(Connect(client, LocalPort(listener)), 0);
@@ -54,7 +54,7 @@ TEST(Tcp, NamesAreThoseOfTheConnection) {
   CHECK_SOCKET_ERROR(getsockname(client, Raw(name), &size), WSAEFAULT);
 }
 
-TEST(Tcp, NonBlockingConnectSaysWouldBlockThenBecomesWritable) {
+TEST(Tcp, NonBlockingConnectReturnsWouldBlockThenBecomesWritable) {
   Owned listener = Listener();
   Owned client = Tcp();
   SetNonBlocking(client);
@@ -196,7 +196,7 @@ TEST(Tcp, NonBlockingCallsSayWouldBlock) {
   CHECK_SOCKET_ERROR(recv(pair.client, &byte, 1, 0), WSAEWOULDBLOCK);
 }
 
-TEST(Tcp, NonBlockingSendStopsWhenTheWayIsFull) {
+TEST(Tcp, NonBlockingSendStopsWhenTheBuffersAreFull) {
   Pair pair = ConnectedPair();
   SetNonBlocking(pair.client);
   const std::string chunk(65536, 'x');
@@ -230,7 +230,7 @@ TEST(Tcp, BlockingSendTakesEverything) {
   CHECK_EQ(got, text.size());
 }
 
-TEST(Tcp, HalfClosedConnectionStillCarriesTheOtherWay) {
+TEST(Tcp, HalfClosedConnectionStillCarriesTheOtherDirection) {
   Pair pair = ConnectedPair();
   CHECK_EQ(SendText(pair.client, "abc"), 3);
   CHECK_EQ(shutdown(pair.client, SD_SEND), 0);
@@ -295,7 +295,7 @@ TEST(Tcp, CloseWithUnreadDataResetsThePeer) {
   CHECK_SOCKET_ERROR(recv(pair.client, &byte, 1, 0), WSAECONNRESET);
 }
 
-TEST(Tcp, PeekLeavesTheDataThere) {
+TEST(Tcp, PeekDoesNotRemoveTheData) {
   Pair pair = ConnectedPair();
   EXPECT_EQ(SendText(pair.client, "abc"), 3);
   EXPECT_TRUE(WaitReadable(pair.server));
@@ -337,7 +337,7 @@ TEST(Tcp, UrgentByteComesApartFromTheStream) {
   CHECK_EQ(RecvWhole(pair.server, 5), "abcde");
 }
 
-TEST(Tcp, UrgentByteAloneIsNothingToRead) {
+TEST(Tcp, AnUrgentByteIsNoOrdinaryDataToRead) {
   Pair pair = ConnectedPair();
   CHECK_EQ(SendUrgent(pair.client, "X"), 1);
   CHECK_TRUE(SelectOne(pair.server, 5000, false, false, true).except);

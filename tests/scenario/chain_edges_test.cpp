@@ -231,7 +231,7 @@ SCENARIO_F(MatchEdges, AnEntryOfOursIsMeantThoughAnotherIsOfItsKind) {
   EXPECT_EQ(game.traces().back(), "FindMatchingProvider: inInfo is one of the LSPs entry.");
 }
 
-SCENARIO_F(MatchEdges, AChainThatNamesAnEntryOfOursMeansItThoughAnotherIsOfItsKind) {
+SCENARIO_F(MatchEdges, AChainThatNamesOurEntryWinsOverOneOfTheSameKind) {
   EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3000, 2002, 1001})), 2002u);
 }
 
@@ -241,7 +241,7 @@ SCENARIO_F(MatchEdges, TheFirstOfAChainIsNotLookedAt) {
 }
 
 // The hidden entry ends the search through the chains, whatever else the chain names.
-SCENARIO_F(MatchEdges, TheHiddenEntryHasTheLastWordOnAChain) {
+SCENARIO_F(MatchEdges, TheHiddenEntryDecidesAboutAChain) {
   EXPECT_EQ(
       Find(MakeEntry(kForeignGuid, 3001, SOCK_DGRAM, 17, {3000, GameProcess::kOwnId, 2001, 1001})),
       2003u);
@@ -265,7 +265,7 @@ SCENARIO_F(MatchEdges, AKindAgreesInEveryPart) {
 }
 
 // A layer that stands above us under another number leads nowhere.
-SCENARIO_F(MatchEdges, OnlyTheLayerThatWasAskedForIsSearched) {
+SCENARIO_F(MatchEdges, OnlyTheRequestedLayerIsSearched) {
   catalogue.insert(catalogue.begin(),
                    MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3500, 2002, 1001}));
   port::SetCatalogue(catalogue);

@@ -108,7 +108,7 @@ SCENARIO(Chain, RawEntriesFillTheRawSlot) {
 
 // The table that BSPStartup hands out must not point into an unloaded module, even if no first
 // start holds the module: here the first start has failed.
-SCENARIO(Chain, BaseProviderStaysLoadedBehindItsTable) {
+SCENARIO(Chain, BaseProviderStaysLoadedWhileItsTableIsUsed) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
   EXPECT_EQ(BSPStartup(MAKEWORD(2, 2), &game.data, &info, game.upcalls, &game.table), 0);
@@ -151,7 +151,7 @@ SCENARIO(Chain, BaseStartFailuresAreLoggedAndBecome10106) {
   port::ClearFaults();
 }
 
-SCENARIO(Chain, WithoutABaseEntryBaseStartFailsSilently) {
+SCENARIO(Chain, WithoutABaseEntryBaseStartFailsWithoutALogLine) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
   test::LogCapture log(0);
@@ -175,7 +175,7 @@ SCENARIO(Chain, ABasePathThatGrowsTooLongIsRefusedByTheLoader) {
 
 // --- the next provider --------------------------------------------------------------------------
 
-SCENARIO(Chain, ABaseProviderIsToldOfItsOwnEntry) {
+SCENARIO(Chain, ABaseProviderIsStartedWithItsOwnEntry) {
   GameProcess game;
   game.ListAsGame();
   game.LayerOverForeign();
@@ -191,7 +191,7 @@ SCENARIO(Chain, ABaseProviderIsToldOfItsOwnEntry) {
   EXPECT_EQ(port::LoadCount(test::kForeignPath), 1);
 }
 
-SCENARIO(Chain, ALayerInTheMiddleIsToldOfTheChainThatWasAskedFor) {
+SCENARIO(Chain, ALayerInTheMiddleIsStartedWithTheRequestedChain) {
   GameProcess game;
   game.LayerOverForeign({kForeign, 1001});
   EXPECT_EQ(game.Start(6), 0) << game.AllTraces();
@@ -318,7 +318,7 @@ SCENARIO(Chain, ASecondStartLooksForABaseEntryOfItsOwnFamily) {
   EXPECT_EQ(port::LastBaseEntry(), 1001u);
 }
 
-SCENARIO(Chain, NullArgumentsAreRefusedWithAWord) {
+SCENARIO(Chain, NullArgumentsAreRefusedWithATrace) {
   GameProcess game;
   LspProvider provider{};
   LspProvider* list = nullptr;
@@ -477,7 +477,7 @@ SCENARIO(Match, ACatalogueIndexPastTheListIsNoRecord) {
 
 // A foreign layer that names our hidden entry does not tell which entry is meant. The search by the
 // kind of socket has come before, and if that found nothing, none is chosen.
-SCENARIO(Match, TheHiddenEntryAloneDoesNotEndTheCatalogueSearch) {
+SCENARIO(Match, TheHiddenEntryDoesNotEndTheCatalogueSearch) {
   GameProcess game;
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, kOwn, 1001});
   port::SetCatalogue({above, BaseTcp(), Hidden(), LayeredTcp(2002, {kOwn, 1001}),

@@ -135,7 +135,7 @@ SCENARIO(RegionFaults, ObjectThatCannotBeMadeOpensAsNull) {
   }
 }
 
-SCENARIO(RegionFaults, ViewThatFailsOnceIsThereTheNextTime) {
+SCENARIO(RegionFaults, AViewThatFailsOnceIsMappedTheNextTime) {
   common::Shared_mem_obj object(RegionName(), 64, MutexName(), false);
   port::FailCall("MapViewOfFile", 1, ERROR_NOT_ENOUGH_MEMORY);
   EXPECT_EQ(object.Open(common::kOpenForReading, true), nullptr);

@@ -40,7 +40,7 @@ SCENARIO(Gate, AProcessThatDoesNotWantToBeHookedLeavesNoMark) {
   EXPECT_FALSE(CheckCanHook(false));
 }
 
-SCENARIO(Gate, OneCopyOwnsAtATime) {
+SCENARIO(Gate, OneCopyOwnsTheGateAtATime) {
   SingleInstanceLock first("gate", "gate_lock");
   EXPECT_TRUE(first.owns());
   {
@@ -64,7 +64,7 @@ SCENARIO(Gate, TheMutexBelongsToWhoTookIt) {
   });
 }
 
-SCENARIO_SEEDS(Gate, OfManyAtOnceExactlyOneOwns, 20) {
+SCENARIO_SEEDS(Gate, OfManyCopiesAtOnceExactlyOneOwnsTheGate, 20) {
   SingleInstanceLock copies[8];
   test::RunThreads(8, [&](int i) { copies[i] = SingleInstanceLock("gate", "gate_lock"); });
   int owners = 0;

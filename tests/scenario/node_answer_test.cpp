@@ -126,7 +126,7 @@ SCENARIO_F(NodeAnswer, MayComeInPieces) {
   EXPECT_EQ(heard.last_ms, 40u + 40 * 50);
 }
 
-SCENARIO_F(NodeAnswer, MayNeverCome) {
+SCENARIO_F(NodeAnswer, CanBeWithheld) {
   StartEchoServer();
   node.StopsAnswering();
   const Heard heard = AsksAndListens(30'000);
@@ -148,7 +148,7 @@ SCENARIO_F(NodeAnswer, MayBeGarbage) {
   EXPECT_EQ(node.Count("connected"), 0u);
 }
 
-SCENARIO_F(NodeAnswer, ThatRefusesIsTheLastWord) {
+SCENARIO_F(NodeAnswer, ThatRefusesEndsTheConnection) {
   StartEchoServer();
   node.AnswersWith(9);
   const Heard heard = AsksAndListens(1000);
@@ -160,7 +160,7 @@ SCENARIO_F(NodeAnswer, ThatRefusesIsTheLastWord) {
   EXPECT_EQ(node.Last("closed").Text("reason"), "refused");
 }
 
-SCENARIO_F(NodeAnswer, SaysThatTheServerRefused) {
+SCENARIO_F(NodeAnswer, ReportsThatTheServerRefused) {
   EXPECT_EQ(Summary(AsksAndListens(1000).bytes), "result 1, version 3, 41 bytes");
   EXPECT_EQ(node.Last("server_failed").Number("error"), static_cast<unsigned>(WSAECONNREFUSED));
   node.behaviour().refused_result = 77;
@@ -185,7 +185,7 @@ SCENARIO_F(NodeAnswer, GivesASilentServerFourSeconds) {
   EXPECT_EQ(node.Last("server_failed").Number("error"), static_cast<unsigned>(WSAETIMEDOUT));
 }
 
-SCENARIO_F(NodeAnswer, NeverComesWhenTheServerHangs) {
+SCENARIO_F(NodeAnswer, IsMissingIfTheServerHangs) {
   StartEchoServer();
   node.behaviour().server = Behaviour::kHang;
   const Heard heard = AsksAndListens(30'000);
@@ -230,7 +230,7 @@ SCENARIO_F(NodeAnswer, MayBeAnEndWithoutARequest) {
   EXPECT_EQ(node.Count("request"), 0u);
 }
 
-SCENARIO_F(NodeAnswer, TokensCountUnlessTold) {
+SCENARIO_F(NodeAnswer, TokensIncreaseUnlessOneIsSet) {
   StartEchoServer();
   for (const unsigned token : {1u, 2u, 3u}) EXPECT_EQ(Big32(AsksAndListens(200).bytes, 11), token);
   node.behaviour().token = 0xFFFFFFFF;

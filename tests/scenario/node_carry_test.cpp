@@ -11,7 +11,7 @@ class NodeCarry : public NodeWorld {
   node::SimNode node{world, node_host};
 };
 
-SCENARIO_F(NodeCarry, BothWaysByteForByte) {
+SCENARIO_F(NodeCarry, BothDirectionsByteForByte) {
   StartEchoServer();
   const std::string sent = Pattern(300'000);
   std::string received;
@@ -191,7 +191,7 @@ SCENARIO_F(NodeCarry, ResetsAtOnceAfterNoBytes) {
   EXPECT_EQ(received.substr(received.size() - 11), "error 10054");
 }
 
-SCENARIO_F(NodeCarry, StandsStillWhileItIsFrozen) {
+SCENARIO_F(NodeCarry, StopsWhileItIsFrozen) {
   StartEchoServer();
   DWORD waited_ms = 0;
   OnClient([&] {

@@ -105,7 +105,7 @@ SCENARIO_F(Pings, OfARouteWithoutADelayTakeItsDefault) {
 }
 
 // Kept: pings of an address that is in no table are answered as well.
-SCENARIO_F(Pings, OfAnUnknownServerAreAnsweredTooByADefaultOfTheirOwn) {
+SCENARIO_F(Pings, OfAnUnknownServerAreAnsweredAfterADefaultDelay) {
   const SOCKET s = Pinger(kUnlisted);
   Sends(s, 1);
   std::string reply;

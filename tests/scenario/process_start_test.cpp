@@ -77,7 +77,7 @@ SCENARIO_F(ProcessStart, WaitsFiveSecondsForTablesThatDoNotCome) {
       << LogText();
 }
 
-SCENARIO_F(ProcessStart, GoesOnOnceTheTablesAreThere) {
+SCENARIO_F(ProcessStart, ContinuesWhenTheTablesExist) {
   game.ListAsGame();
   game.Configures([](AccConfigRecord* config) { config->wait_route = 1; });
   world.SpawnOn(world.home().host, "client", [this] {

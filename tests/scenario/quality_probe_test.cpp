@@ -192,7 +192,7 @@ SCENARIO_F(Probes, ANumberIsUsedAgainWhereItsProbeCouldNotLeave) {
   EXPECT_TRUE(log.Contains("SendSpeedTest success, seq=1, len=36, socket="));
 }
 
-SCENARIO_F(Probes, OfASocketThatNobodyWatchesLeaveNoTrace) {
+SCENARIO_F(Probes, OfAnUnwatchedSocketHaveNoEffect) {
   Start();
   GetTracker().RemoveFromWatchList(link.socket);
   LogCapture log;
@@ -251,7 +251,7 @@ SCENARIO_F(Probes, AnAnswerFromAThirdRelayChangesNoFigures) {
   EXPECT_EQ(Stats().topology_type, 0xFFFFFFFFu);
 }
 
-SCENARIO_F(Probes, DelaysAreHeldBetweenOneAndTheirGreatest) {
+SCENARIO_F(Probes, DelaysAreClampedToTheirRange) {
   struct Case {
     std::int64_t age;
     u32 delay;
@@ -360,7 +360,7 @@ SCENARIO_F(Probes, ALinkOnTrialIsJudgedAsItsLastProbeLeaves) {
   EXPECT_EQ(link.RealRouteLost(true), 25);
 }
 
-SCENARIO_F(Probes, AYoungLinkIsLeftAlone) {
+SCENARIO_F(Probes, ANewLinkGetsNoBurst) {
   link.config.ignore_high_freq_test_time = 3;
   Start();
   LogCapture log;

@@ -56,7 +56,7 @@ class RecentCycles : public sim::ScenarioTest {
   std::unique_ptr<RealRouteRecentCycleData> data_;
 };
 
-SCENARIO_F(RecentCycles, SaysNothingBeforeTheWindowIsFull) {
+SCENARIO_F(RecentCycles, HasNoResultBeforeTheWindowIsFull) {
   Configure(Settings(5));
   Probe({40, 40, 40, 40, 40});  // four entries, the fifth still runs
   EXPECT_EQ(data().delay_avg(), 9999u);
@@ -212,7 +212,7 @@ SCENARIO_F(RecentCycles, TheFirstProbeOfABurstMarksTheCycleBeforeIt) {
   EXPECT_FALSE(data().IsWatching());
 }
 
-SCENARIO_F(RecentCycles, TheFrontSectionNeverWatches) {
+SCENARIO_F(RecentCycles, TheFrontSectionHasNoWatchPeriod) {
   Configure(Settings(2, 1));
   Probe({40, 40, 40, 40}, kBurst, kFront);
   EXPECT_FALSE(data().IsWatching());

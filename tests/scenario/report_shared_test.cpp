@@ -183,7 +183,7 @@ SCENARIO_F_SEEDS(ReportShared, GamesThatReportAtOnceEachTellEverything, 6) {
   EXPECT_FALSE(log.Contains("failed")) << log.Text();
 }
 
-SCENARIO_F_SEEDS(ReportShared, ClientsThatDieWithEachMutexAreFollowedByTheNext, 6) {
+SCENARIO_F_SEEDS(ReportShared, AClientReplacesOneThatDiedWithAnyMutex, 6) {
   PlaysAs("dawn");
   PlaysAs("dusk");
   for (const ReportChannel* channel : kChannels) {
@@ -200,7 +200,7 @@ SCENARIO_F_SEEDS(ReportShared, ClientsThatDieWithEachMutexAreFollowedByTheNext, 
 }
 
 // A game that is ended in the middle of a report leaves the slot free or whole.
-SCENARIO_F_SEEDS(ReportShared, GamesThatDieWithEachMutexLeaveTheOthersAlone, 6) {
+SCENARIO_F_SEEDS(ReportShared, AGameThatDiesWithAnyMutexDoesNotAffectTheOthers, 6) {
   Watches();
   PlaysAs("dawn");
   for (const ReportChannel* channel : kChannels) {

@@ -75,7 +75,7 @@ class ReportUdp : public EarlyClient, public UdpWorld {
 
 // --- each way through the channels ------------------------------------------------------------
 
-SCENARIO_F(ReportUdp, DirectFlowIsADecisionAlone) {
+SCENARIO_F(ReportUdp, DirectFlowHasOnlyADecision) {
   Starts();
   EXPECT_EQ(Talks(Udp(), "hello", kUnlisted).substr(0, 5), "hello");  // no node is asked about it
   RunFor(1s);
@@ -180,7 +180,7 @@ SCENARIO_F(ReportUdp, RefusalIsReportedAndThenTheNodeThatServes) {
 }
 
 // The record of the socket names the node that is being asked, before that has answered.
-SCENARIO_F(ReportUdp, AChangeOfNodeIsNotedAsItIsMade) {
+SCENARIO_F(ReportUdp, AChangeOfNodeIsReportedWhenItHappens) {
   a.AnswersWith(9);
   b.StopsAnswering();
   Starts(0);
@@ -283,7 +283,7 @@ SCENARIO_F(ReportUdp, LateProbesAreOverAndNotLost) {
   EXPECT_EQ(last.topology_type, 1u);
 }
 
-SCENARIO_F(ReportUdp, ProbeUnderWayAtTheEndIsNotLost) {
+SCENARIO_F(ReportUdp, ProbeInFlightAtTheEndIsNotLost) {
   Starts();
   const SOCKET s = Opens();
   Plays(s, 10'000);
@@ -459,7 +459,7 @@ SCENARIO_F(ReportSwitch, FailedTrialIsAFailedNegotiationAndAReportOfTheMove) {
   EXPECT_EQ(std::string(LastReport().recovery_info).substr(0, 8), "0-0-0-0-");
 }
 
-SCENARIO_F(ReportSwitch, LinkThatMayNotBeLeftIsReportedAsItIs) {
+SCENARIO_F(ReportSwitch, ABadLinkThatMayNotSwitchIsReported) {
   MayMeasureAndSwitch();
   Configures([](AccConfigRecord* config) { config->switch_open = 0; });
   Starts();
@@ -526,7 +526,7 @@ SCENARIO_F(ReportUdp, MoreFlowsThanSlotsLeaveTheLastOutUntilTheyEnd) {
   EXPECT_EQ(ended, guids);
 }
 
-SCENARIO_F(ReportUdp, RegionsOfAnotherVersionAreLeftAloneAndTheRelayWorks) {
+SCENARIO_F(ReportUdp, RegionsOfAnotherVersionAreNotWrittenAndTheRelayWorks) {
   client.decisions->header.minor_ver = 37;
   client.traffic->header.minor_ver = 37;
   client.log_paths->header.major_ver = 2;
@@ -553,7 +553,7 @@ SCENARIO_F(ReportUdp, RegionsOfAnotherVersionAreLeftAloneAndTheRelayWorks) {
 // --- the end of the game ----------------------------------------------------------------------
 
 // The Tracker ends before the relays do: open flows are reported as open, and never again.
-SCENARIO_F_SEEDS(ReportUdp, CleanupTellsOfOpenFlowsOnceMoreAndOfNoEnd, 5) {
+SCENARIO_F_SEEDS(ReportUdp, CleanupReportsOpenFlowsOnceMoreAndNoEnd, 5) {
   Starts();
   const SOCKET s = Opens();
   const SOCKET other = Opens(kSecond);

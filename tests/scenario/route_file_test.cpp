@@ -28,7 +28,7 @@ class RouteFile : public ScenarioTest {
   char buffer[5] = {};
 };
 
-SCENARIO_F(RouteFile, IsOpenedAtOnceWhereNobodyHoldsIt) {
+SCENARIO_F(RouteFile, IsOpenedAtOnceIfItIsNotInUse) {
   const Duration start = world.now();
   EXPECT_TRUE(Load());
   EXPECT_LT(world.now() - start, 5ms);

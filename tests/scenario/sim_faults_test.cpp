@@ -38,7 +38,7 @@ SCENARIO_F(SimFaults, TheNthSendIsCutShort) {
   EXPECT_EQ(ReceivedAll(accepted), "whole,cut again");
 }
 
-SCENARIO_F(SimFaults, ALostSetEventWakesNobody) {
+SCENARIO_F(SimFaults, ALostSetEventWakesNoThread) {
   const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
   world.LoseSetEvent(1);
   EXPECT_TRUE(SetEvent(event));
@@ -56,7 +56,7 @@ SCENARIO_F(SimFaults, AThreadCannotStart) {
   EXPECT_NE(CreateThread(nullptr, 0, NoWork, nullptr, 0, nullptr), nullptr);
 }
 
-SCENARIO_F(SimFaults, AStalledThreadStandsStill) {
+SCENARIO_F(SimFaults, AStalledThreadDoesNotRun) {
   int ticks = 0;
   const DWORD id = world.Spawn(world.home(), "ticker", [&] {
     while (true) {
@@ -131,7 +131,7 @@ SCENARIO_F(SimFaults, AProcessThatKillsItselfEndsThere) {
   EXPECT_FALSE(went_on);
 }
 
-SCENARIO_F(SimFaults, AThreadIsTerminatedWhereItStands) {
+SCENARIO_F(SimFaults, AThreadIsTerminatedAnywhere) {
   const HANDLE mutex = CreateMutexA(nullptr, FALSE, "held");
   bool went_on = false;
   const DWORD id = world.Spawn(world.home(), "victim", [&] {
@@ -194,7 +194,7 @@ SCENARIO_F(SimFaults, AThreadAndAProcessEndAtTheNthCall) {
   EXPECT_EQ(world.ThreadNamed("process/other"), 0u);
 }
 
-SCENARIO_F(SimFaults, ClosedSocketHandlesComeBackOnlyWhenAsked) {
+SCENARIO_F(SimFaults, ClosedSocketHandlesAreReusedOnlyOnRequest) {
   const SOCKET first = Tcp();
   closesocket(first);
   EXPECT_NE(Tcp(), first);
@@ -235,7 +235,7 @@ SCENARIO_F(SimFaults, EndOfAProcessClosesWhatItLeftOpen) {
   EXPECT_EQ(OpenFileMappingA(FILE_MAP_READ, FALSE, "left_by_the_dead"), nullptr);
 }
 
-SCENARIO_F(SimFaults, IdleMeansThatNothingIsUnderWay) {
+SCENARIO_F(SimFaults, IdleMeansThatNothingIsInFlight) {
   sim::LinkOptions slow = link();
   slow.delay = 300ms;
   Link(slow);
@@ -289,7 +289,7 @@ TEST(SimHarness, AScenarioStartsWithFreshStatics) {
   EXPECT_EQ(count, 0);
 }
 
-TEST(SimHarness, ASeedInTheEnvironmentRunsThatSeedAlone) {
+TEST(SimHarness, ASeedInTheEnvironmentRunsOnlyThatSeed) {
   const char* set = std::getenv("VYR_SEED");
   const std::string before = set ? set : "";
   ::setenv("VYR_SEED", "41", 1);

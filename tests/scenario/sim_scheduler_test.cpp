@@ -198,7 +198,7 @@ SCENARIO(SimScheduler, TwoHundredThreadsTakeTurns) {
 
 // --- how worlds end ---------------------------------------------------------------------------
 
-TEST(SimScheduler, ADeadlockEndsTheWorldAndSaysWhoWaitsForWhat) {
+TEST(SimScheduler, ADeadlockEndsTheWorldAndReportsEachWait) {
   const auto run = sim::RunInChild(
       {},
       [](sim::World& world) {
@@ -299,7 +299,7 @@ TEST(SimScheduler, AFailedExpectationInAnyThreadFailsTheChild) {
   EXPECT_EQ(run.exit_code, 1);
 }
 
-TEST(SimScheduler, AFailureTellsTheCommandThatReplaysIt) {
+TEST(SimScheduler, AFailurePrintsTheCommandThatReplaysIt) {
   const std::string command = sim::ReplayCommand("Suite.Name", 123);
   EXPECT_EQ(command.rfind("VYR_SEED=123 /", 0), 0u) << command;
   EXPECT_NE(command.find(" --gtest_filter=Suite.Name"), std::string::npos) << command;

@@ -7,7 +7,7 @@ using namespace sim_test;  // NOLINT: the verbs of these tests
 
 using SimTcp = TwoHosts;
 
-SCENARIO_F(SimTcp, CarriesBytesBothWaysAndThenEnds) {
+SCENARIO_F(SimTcp, CarriesBytesInBothDirectionsAndThenEnds) {
   std::string at_server, at_client;
   ASSERT_TRUE(Run(
       [&] {
@@ -61,7 +61,7 @@ SCENARIO_F(SimTcp, ABlackHoleTimesOutAfterTwentyOneSeconds) {
                   }));
 }
 
-SCENARIO_F(SimTcp, AnAddressThatNobodyHasIsABlackHole) {
+SCENARIO_F(SimTcp, AnUnknownAddressIsABlackHole) {
   ASSERT_TRUE(Run([] {}, [] { EXPECT_EQ(ConnectTo(Tcp(), "198.51.100.99", 80), WSAETIMEDOUT); }));
 }
 
@@ -421,7 +421,7 @@ SCENARIO_F(SimTcp, BindConflictsFollowWindows) {
   EXPECT_EQ(BindTo(Tcp(), "198.51.100.77", 1), WSAEADDRNOTAVAIL);
 }
 
-SCENARIO_F(SimTcp, LoopbackIsEachHostsOwn) {
+SCENARIO_F(SimTcp, LoopbackIsSeparateForEachHost) {
   std::string received;
   ASSERT_TRUE(Run([&] { received = ReceivedAll(AcceptFrom(ListenAt(80))); },
                   [&] {

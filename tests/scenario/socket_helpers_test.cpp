@@ -33,7 +33,7 @@ std::string Number(SOCKET s) { return "socket=" + std::to_string(s); }
 
 // --- BindRandomPort, plainly ------------------------------------------------------------------
 
-SCENARIO(BindRandomPort, BindsAPlainSocketAndTellsThePortInNetworkOrder) {
+SCENARIO(BindRandomPort, BindsAPlainSocketAndReturnsThePortInNetworkOrder) {
   test::LogCapture log(5);
   const SOCKET s = sim_test::Udp();
   u16 port = 0;
@@ -135,7 +135,7 @@ SCENARIO(CreateTcpSocketAndBind, TakesNullForBoth) {
   EXPECT_TRUE(CreateTcpSocketAndBind(nullptr, nullptr));
 }
 
-SCENARIO(CreateTcpSocketAndBind, SaysWhyThereIsNoSocket) {
+SCENARIO(CreateTcpSocketAndBind, LogsWhyThereIsNoSocket) {
   test::LogCapture log(5);
   port::FailCall("socket", 1, WSAEMFILE);
   SOCKET s = 7;
@@ -207,7 +207,7 @@ SCENARIO(CreateNonBlockTcpSocket, WorksOverAProviderThatKnowsNoSuchOption) {
   EXPECT_EQ(log.Text(), "");
 }
 
-SCENARIO(CreateNonBlockTcpSocket, SaysWhyItFailsAndKeepsNothing) {
+SCENARIO(CreateNonBlockTcpSocket, LogsWhyItFailsAndKeepsNothing) {
   test::LogCapture log(5);
   SOCKET s = 7;
   port::FailCall("socket", 1, WSAENOBUFS);
@@ -237,7 +237,7 @@ SCENARIO(AdjustSocketBuff, SetsBothBuffersAndTellsWhatTheyWere) {
                            std::to_string(recv_before) + ", new recv_buf=70000, " + Number(s)));
 }
 
-SCENARIO(AdjustSocketBuff, OneSizeOfZeroLeavesBothBuffersAlone) {
+SCENARIO(AdjustSocketBuff, OneSizeOfZeroLeavesBothBuffersUnchanged) {
   test::LogCapture log(0);
   const SOCKET s = sim_test::Udp();
   port::CountCalls();

@@ -26,7 +26,7 @@ SCENARIO_F(SwitchHandOver, OneRunsAtATime) {
   EXPECT_FALSE(b.IsAsked()) << "asked once";
 }
 
-SCENARIO_F(SwitchHandOver, OneThatHasEndedMakesWayAtOnce) {
+SCENARIO_F(SwitchHandOver, AnEndedTrialIsReplacedAtOnce) {
   IsCarried();
   port::FailCall("sendto", 1, WSAENETUNREACH);
   ASSERT_TRUE(Fires());

@@ -106,7 +106,7 @@ SCENARIO_F(SwitchTrial, ASocketThatStaysBlockingIsUsed) {
   EXPECT_NE(TrialSocket(), INVALID_SOCKET);
 }
 
-SCENARIO_F(SwitchTrial, ItsSocketHasBuffersOfItsOwn) {
+SCENARIO_F(SwitchTrial, ItsSocketHasItsOwnBufferSizes) {
   IsCarried();
   ASSERT_TRUE(Fires());
   for (const int option : {SO_SNDBUF, SO_RCVBUF}) {
@@ -208,7 +208,7 @@ SCENARIO_F(SwitchTrial, AFlowThatIsRefusedAtOnceIsReportedWithAMillisecond) {
   EXPECT_EQ(test::Value(client.failures->slots[0].elapsed_ms), 1u);
 }
 
-SCENARIO_F(SwitchTrial, AnAnswerThatIsNoneEndsIt) {
+SCENARIO_F(SwitchTrial, AnInvalidAnswerEndsIt) {
   IsCarried();
   ASSERT_TRUE(Fires());
   ASSERT_TRUE(b.IsAsked());
@@ -269,7 +269,7 @@ SCENARIO_F(ForcedTrial, TakesANodeOfAnotherProvider) {
   EXPECT_TRUE(Logged(test::kTrialAgreed));
 }
 
-SCENARIO_F(SwitchTrial, HearsOnlyItsNode) {
+SCENARIO_F(SwitchTrial, AcceptsDatagramsOfItsNodeOnly) {
   IsCarried();
   ASSERT_TRUE(Fires());
   ASSERT_TRUE(b.IsAsked());
@@ -581,7 +581,7 @@ SCENARIO_F(SwitchTrial, DataWhileASecondOneIsVerifiedHandsOverTheLinkBefore) {
   EXPECT_EQ(b.TakenData(), "on") << "over A's socket to B's address";
 }
 
-SCENARIO_F(SwitchTrial, GameTrafficThatIsBarredIsStillMovedByData) {
+SCENARIO_F(SwitchTrial, BarredGameTrafficStillMovesWithData) {
   config.game_link_switch_open = 0;
   IsCarried();
   IsVerifying();

@@ -75,7 +75,7 @@ class SwitchTrigger : public SwitchWorld {
   int probes_ = 0;
 };
 
-SCENARIO_F(SwitchTrigger, AHealthyLinkIsProbedSeldomAndNeverTested) {
+SCENARIO_F(SwitchTrigger, AHealthyLinkIsProbedRarelyAndHasNoBurst) {
   IsCarried();
   Plays(60'000);
   EXPECT_EQ(Triggers(), "");
@@ -118,7 +118,7 @@ SCENARIO_F(SwitchTrigger, NothingForAWindowIsADeadLink) {
 
 // Kept: combined with the last reported loss of the way up, the code for "nothing expected" becomes
 // another code, which counts as no loss. Then the probes alone show it, over the longer window.
-SCENARIO_F(SwitchTrigger, ANodeThatDiesAfterItReportedLossIsNoticedByItsProbesAlone) {
+SCENARIO_F(SwitchTrigger, ANodeThatDiesAfterItReportedLossIsNoticedByProbesOnly) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   Traffic lossy;
@@ -146,7 +146,7 @@ SCENARIO_F(SwitchTrigger, LossOverTheShortWindow) {
   EXPECT_LE(Count(kLong), 1) << "while the short window still held no more than a little";
 }
 
-SCENARIO_F(SwitchTrigger, LossOfTheWayUpAsTheNodeSaysIt) {
+SCENARIO_F(SwitchTrigger, LossOfTheUploadAsTheNodeReportsIt) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   Traffic lossy;
@@ -213,7 +213,7 @@ SCENARIO_F(SwitchTrigger, LossOverTheLongWindow) {
   EXPECT_EQ(Count(kDead) + Count(kShort) + Count(kRoute), 0);
 }
 
-SCENARIO_F(SwitchTrigger, LossBelowBothThresholdsIsLeftAlone) {
+SCENARIO_F(SwitchTrigger, LossBelowBothThresholdsHasNoEffect) {
   config.data_link_short_cycle_lost = 30;
   config.data_link_long_cycle_lost = 30;
   IsCarried();

@@ -134,7 +134,7 @@ SCENARIO_F(TcpRoute, EveryFailureOfANodeLeadsToTheNextAndThenToTheServer) {
 
 // Each change of node closes a socket and makes one in the same pass of the worker. A reused handle
 // must not inherit the event of the old socket.
-SCENARIO_F_SEEDS(TcpRoute, ValuesThatComeBackAtOnceConfuseNobody, 8) {
+SCENARIO_F_SEEDS(TcpRoute, ReusedSocketHandlesAreNotConfused, 8) {
   world.ReuseSocketHandles(true);
   a.StopsAnswering();
   b.AnswersWith(9);
@@ -143,7 +143,7 @@ SCENARIO_F_SEEDS(TcpRoute, ValuesThatComeBackAtOnceConfuseNobody, 8) {
   EXPECT_EQ(LastCall().from, "game");
 }
 
-SCENARIO_F(TcpRoute, WhereThereIsNoOtherNodeOneFailureLeadsToTheServer) {
+SCENARIO_F(TcpRoute, WithoutAnotherNodeOneFailureLeadsToTheServer) {
   a.AnswersWith(9);
   RunFor(100ms);
   const auto start = world.now();

@@ -227,7 +227,7 @@ SCENARIO_F(TrackerTime, TimerThatComesRightAfterASuccessShowsNothingForFiveSecon
   EXPECT_EQ(UsedSlots(client.traffic), 1);
 }
 
-SCENARIO_F(TrackerTime, TrafficSaysHowLongASocketLivesAndIdles) {
+SCENARIO_F(TrackerTime, TrafficReportsLifeAndIdleTimeOfASocket) {
   tracker.Init();
   AddAccelerated(kSocket, "guid");
   RunFor(300ms);
@@ -391,7 +391,7 @@ SCENARIO_F_SEEDS(TrackerTime, EndDoesNotWaitForTheThreadsWaits, 20) {
   }
 }
 
-SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndMayComeTwice) {
+SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndCanBeRepeated) {
   const size_t before = port::OpenHandles();
   for (int i = 0; i < 2; ++i) {
     tracker.Init();

@@ -37,7 +37,7 @@ class UdpAskingEdges : public UdpSpiedWorld {
 
 // --- what is logged ---------------------------------------------------------------------------
 
-SCENARIO_F(UdpAskingEdges, AskingIsToldAtTheLevelsOfItsEvents) {
+SCENARIO_F(UdpAskingEdges, RequestsAreLoggedAtTheLevelsOfTheirEvents) {
   Starts(0);
   const SOCKET s = Udp();
   EXPECT_EQ(Sends(s, "one"), 0);
@@ -63,7 +63,7 @@ SCENARIO_F(UdpAskingEdges, AskingIsToldAtTheLevelsOfItsEvents) {
   ExpectLine("[0][lsp]IsAllowUdpRelayed, Out of space, addr=198.51.100.33:27015, " + tail);
 }
 
-SCENARIO_F(UdpAskingEdges, EveryRefusalIsToldAsAFailure) {
+SCENARIO_F(UdpAskingEdges, EveryRefusalIsLoggedAsAFailure) {
   Starts();
   const auto refused = [this](const std::string& words) {
     const SOCKET s = Udp();
@@ -87,7 +87,7 @@ SCENARIO_F(UdpAskingEdges, EveryRefusalIsToldAsAFailure) {
   refused("RequestUdpRelay failed: resp not found, ");
 }
 
-SCENARIO_F(UdpAskingEdges, ASocketThatIsGoneMeanwhileIsToldAsAFailure) {
+SCENARIO_F(UdpAskingEdges, ASocketThatWasClosedMeanwhileIsLoggedAsAFailure) {
   Starts();
   for (const bool connects : {false, true}) {
     const SOCKET s = Udp();
@@ -185,7 +185,7 @@ SCENARIO_F(UdpAskingEdges, ANewSocketWithTheSameHandleIsNotRefusedForTheOldOne) 
 // --- the policy's kind of socket --------------------------------------------------------------
 
 // The ports that are kept out are those of streams.
-SCENARIO_F(UdpAskingEdges, AnExcludedPortIsNoneForDatagrams) {
+SCENARIO_F(UdpAskingEdges, ExcludedPortsDoNotApplyToDatagrams) {
   Configures([](AccConfigRecord* config) {
     config->excluded_port_count = 1;
     config->excluded_ports[0] = kPort;

@@ -162,7 +162,7 @@ SCENARIO_F(UdpAskingFailure, CostsTheGameNothingButTheRelay) {
   EXPECT_EQ(Heard("A"), Texts{"relayed"}) << "for another socket all is well";
 }
 
-SCENARIO_F(UdpAsking, ANextProviderThatLacksACallIsNotAskedWith) {
+SCENARIO_F(UdpAsking, ANextProviderThatLacksACallCannotBeUsedForARequest) {
   Starts();
   const auto relayed_without = [&](auto WSPPROC_TABLE::*entry) {
     const auto kept = NextProvider().*entry;
@@ -236,7 +236,7 @@ SCENARIO_F(UdpAsking, ASocketThatIsBoundToTheNetworkGoesDirectlyAfterAWait) {
 }
 
 // Another thread closes the socket while it waits for its relay.
-SCENARIO_F(UdpAsking, ASocketThatIsGoneMeanwhileIsNotRelayed) {
+SCENARIO_F(UdpAsking, ASocketThatWasClosedMeanwhileIsNotRelayed) {
   Starts();
   const SOCKET s = Udp();
   world.Stall(GetRelayMgr().GetWorkerThreadId(), 300ms);
@@ -325,7 +325,7 @@ SCENARIO_F(UdpAsking, DestinationsBeyondTheTenthShareAFlowUnlessTheyAreKnown) {
 }
 
 // A port may make every address known; only that port counts.
-SCENARIO_F(UdpAsking, AnAddressIsKnownByThePortThatIsAskedAbout) {
+SCENARIO_F(UdpAsking, AnAddressIsLookedUpWithItsPort) {
   Configures([](AccConfigRecord* config) {
     config->port_idc_count = 1;
     config->port_idc_records[0] = {kSecondPort, 11};

@@ -59,7 +59,7 @@ class UdpControlPort : public UdpSpiedWorld {
   HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
 };
 
-SCENARIO_F(UdpControlPort, OnlyTheLoopbackAddressIsHeard) {
+SCENARIO_F(UdpControlPort, OnlyTheLoopbackAddressIsAccepted) {
   Begins();
   const SOCKET outward = Udp();
   ASSERT_EQ(BindTo(outward, kGame, 5555), 0);
@@ -169,7 +169,7 @@ SCENARIO_F(UdpControlPort, OddValuesInARequestAreNothingSpecial) {
   EXPECT_FALSE(HasSession(0));
 }
 
-SCENARIO_F(UdpControlPort, AHandleThatIsNoEventOrNoneIsNotSet) {
+SCENARIO_F(UdpControlPort, AnInvalidEventHandleIsNotSet) {
   Begins();
   const HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr);
   const HANDLE file = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 64,
@@ -206,7 +206,7 @@ SCENARIO_F(UdpControlPort, AFloodOfDatagramsTooLongLetsTheOthersThrough) {
 
 // --- what a refused request leaves ------------------------------------------------------------
 
-SCENARIO_F(UdpControlPort, ARefusedRequestLeavesNoSocketBehind) {
+SCENARIO_F(UdpControlPort, ARefusedRequestLeaksNoSocket) {
   Begins();
   const std::string open =
       Bytes(ProtoRelayOpen::Request(kToken, At(kServer, kPort), event, asking));
@@ -256,7 +256,7 @@ size_t AllocatedBytes() {
              : 0;
 }
 
-SCENARIO_F(UdpControlPort, SocketsThatComeAndGoLeaveNothingBehind) {
+SCENARIO_F(UdpControlPort, OpeningAndClosingSocketsLeaksNothing) {
   server->answer = [](const std::string&) { return std::string(); };
   world.ReuseSocketHandles(true);
   Starts(9);

@@ -96,7 +96,7 @@ SCENARIO_F(UdpSource, IsNotLookedForWhereTheAddressDoesNotFit) {
 }
 
 // Nor if the call asks for no source at all.
-SCENARIO_F(UdpSource, IsNotLookedForWhereNobodyAsks) {
+SCENARIO_F(UdpSource, IsNotLookedUpIfItIsNotRequested) {
   EXPECT_EQ(Sends(s, "again"), 0);
   ASSERT_TRUE(ReadableWithin(s, 1000));
   char bytes[100];

@@ -113,7 +113,7 @@ TEST(BlockBuffer, TakesFourBlocksAndNotAByteMore) {
   EXPECT_NE(place, nullptr);
 }
 
-TEST(BlockBuffer, MoreThanABlockIsNeverReserved) {
+TEST(BlockBuffer, MoreThanABlockCannotBeReserved) {
   BlockBuffer buffer;
   u8 mark = 0;
   u8* place = &mark;
@@ -184,7 +184,7 @@ TEST(BlockBuffer, ADrainedBlockIsUsedAgain) {
 
 // Read bytes count as free, but their room is at the front of the block: space at its end must not
 // run past it.
-TEST(BlockBuffer, APlaceNeverRunsPastItsBlock) {
+TEST(BlockBuffer, AReservationStaysWithinItsBlock) {
   BlockBuffer buffer;
   u8* first = nullptr;
   ASSERT_TRUE(buffer.Reserve(&first, kBlock));
@@ -213,7 +213,7 @@ TEST(BlockBuffer, ClearGivesDrainedBlocksBack) {
 }
 
 #ifndef _WIN32
-TEST(BlockBuffer, ClearAndTheEndLeaveNoBlockBehind) {
+TEST(BlockBuffer, ClearAndDestructionFreeEveryBlock) {
   const size_t before = port::OpenAllocations();
   {
     BlockBuffer buffer;

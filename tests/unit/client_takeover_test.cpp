@@ -160,7 +160,7 @@ TEST_F(ClientTakeoverGame, ARunningGameSeesANewLaunchTestAtItsNextDecision) {
   EXPECT_EQ(Node(), "6.6.6.6");
 }
 
-TEST_F(ClientTakeoverGame, ARunningGameIsToldOfANewSpurListAndReadsIt) {
+TEST_F(ClientTakeoverGame, ARunningGameIsNotifiedOfANewSpurListAndReadsIt) {
   Takeover takeover({GetCurrentProcessId()});
   takeover.Apply(kGame + Nodes("1.2.3.4") + Spur("9.9.9.9"), kTakeoverWaitMs);
   Start(takeover);

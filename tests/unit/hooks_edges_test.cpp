@@ -210,7 +210,7 @@ TEST_F(HookEdges, APingIsReadFromTheFirstOfItsBuffers) {
 // --- levels ---------------------------------------------------------------------------------
 
 // The life of a socket is logged at the level of events, whatever happens to it.
-TEST_F(HookEdges, TheLifeOfASocketIsToldAtTheLevelOfEvents) {
+TEST_F(HookEdges, TheLifeOfASocketIsLoggedAtTheLevelOfEvents) {
   test::LogCapture log(4);
   Make();
   const std::string tail = Tail();
@@ -230,7 +230,7 @@ TEST_F(HookEdges, TheLifeOfASocketIsToldAtTheLevelOfEvents) {
 }
 
 // And a socket without a provider as a failure.
-TEST_F(HookEdges, CallsWithoutAProviderBelowAreToldAsFailures) {
+TEST_F(HookEdges, CallsWithoutANextProviderAreLoggedAsFailures) {
   test::LogCapture log(4);
   constexpr SOCKET kUnknown = 0x999;
   sockaddr_in peer{};

@@ -86,7 +86,7 @@ constexpr char kFunctionIs[] =
     "[0][lsp][Main]WSPIoctl\xA3\xBA"
     "extension function is ";
 
-TEST_F(ExtensionHooks, EveryFunctionIsRecognisedAndConnectExAloneIsReplaced) {
+TEST_F(ExtensionHooks, EveryFunctionIsRecognisedAndOnlyConnectExIsReplaced) {
   struct Case {
     GUID id;
     const char* name;
@@ -153,7 +153,7 @@ TEST_F(ExtensionHooks, OnlySixteenBytesAreCompared) {
 void WSPAPI NeverCompleted(DWORD, DWORD, LPWSAOVERLAPPED, DWORD) {}
 
 // A raw socket may be relayed whatever the process's modes are.
-TEST_F(ExtensionHooks, AFailedQuerySaysEverythingAboutItself) {
+TEST_F(ExtensionHooks, AFailedQueryLogsAllItsArguments) {
   WSPCloseSocket(next.socket, &error);
   WSPSocket(AF_INET, 3, 1, nullptr, 0, 1, &error);
   GUID id = WSAID_CONNECTEX;

@@ -195,7 +195,7 @@ TEST_F(IcmpPing, NothingBehindTheReplyIsTouched) {
 // --- which requests are held
 // -----------------------------------------------------------------------
 
-TEST_F(IcmpPing, OnlyWholeEchoRequestsAreHeld) {
+TEST_F(IcmpPing, OnlyCompleteEchoRequestsAreHeld) {
   std::vector<char> good = Message(64, kChecksumOf64);
   std::vector<char> wrong_sum = good, timestamp = good;
   wrong_sum[2] = static_cast<char>(wrong_sum[2] + 1);
@@ -274,7 +274,7 @@ TEST_F(IcmpPing, RepliesComeInTheOrderOfTheirRequests) {
   EXPECT_TRUE(Checkout().empty());
 }
 
-TEST_F(IcmpPing, SaysWhatItDoes) {
+TEST_F(IcmpPing, LogsWhatItDoes) {
   test::LogCapture log(0);
   const std::string tail = "socket=" + std::to_string(kSocket) + "\n";
   const std::string other = "socket=" + std::to_string(kSocket + 1) + "\n";
@@ -389,7 +389,7 @@ TEST(PingPool, ForgottenUnderLiveRequestsItFreesNothing) {
   EXPECT_TRUE(log.Contains(test::PingsStored(511))) << "the new block's";
 }
 
-TEST(PingPool, EmptyItIsFreedAndMadeAnew) {
+TEST(PingPool, WhenEmptyItIsFreedAndCreatedAgain) {
   PingPool pool;
   pool.FreePool();
   pool.ResetPool();
@@ -464,7 +464,7 @@ TEST(PingPool, WithoutMemoryThereIsNoRecord) {
 }
 
 // A game may clean Winsock up and start it again all day long.
-TEST(PingPool, KeepsNoBlockThatNobodyNeeds) {
+TEST(PingPool, KeepsNoUnusedBlock) {
   const auto growth = [](bool freed_under_a_request) {
     PingPool pool;
     const long before = test::AllocationsAlive();

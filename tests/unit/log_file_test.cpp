@@ -99,7 +99,7 @@ TEST(LogFile, LevelIsFourAtFirst) {
   EXPECT_EQ(log.GetLevel(), 2);
 }
 
-TEST(LogFile, WriteTellsLossFromSilence) {
+TEST(LogFile, WriteDistinguishesLostLinesFromFilteredOnes) {
   const TempDir dir;
   LogFile log;
   EXPECT_FALSE(log.Write("closed\n", 5));

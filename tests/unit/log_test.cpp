@@ -52,7 +52,7 @@ std::string LocalTime() {
   return text;
 }
 
-TEST(Log, LineTellsTheLocalTimeOfItsMaking) {
+TEST(Log, LineHasItsLocalTime) {
   LogCapture log;
   const std::string before = LocalTime();
   LspLog(4, "x");

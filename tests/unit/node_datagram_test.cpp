@@ -230,7 +230,7 @@ u64 Feed(LossMeter* meter, u32 first, u32 count, u64 now, Lost lost) {
 }
 constexpr auto kNone = [](u32) { return false; };
 
-TEST(NodeLossMeter, SaysNothingAboutTooLittle) {
+TEST(NodeLossMeter, HasNoResultForTooFewDatagrams) {
   LossMeter meter;
   EXPECT_EQ(meter.Percent(0), LossMeter::kNotKnown);
   meter.Note(1, 1000);
@@ -238,7 +238,7 @@ TEST(NodeLossMeter, SaysNothingAboutTooLittle) {
   EXPECT_EQ(meter.Percent(2000), LossMeter::kNotKnown);
 }
 
-TEST(NodeLossMeter, TellsTheShareThatIsMissing) {
+TEST(NodeLossMeter, ReturnsTheShareThatIsMissing) {
   const struct {
     u32 every, percent;
   } cases[] = {{1000000, 0}, {5, 20}, {4, 25}, {2, 50}, {10, 10}};
@@ -302,7 +302,7 @@ TEST(NodeLossMeter, DuplicatesAndLateDatagramsAreNoLossAndNoGain) {
   EXPECT_NEAR(lossy.Percent(3000), 25, 1);
 }
 
-TEST(NodeLossMeter, NumbersMayWrapAndBeginAnew) {
+TEST(NodeLossMeter, NumbersCanWrapAndRestart) {
   LossMeter meter;
   u64 now = Feed(&meter, 0xFFFFFF00, 500, 0, [](u32 i) { return i % 10 == 3; });
   EXPECT_NEAR(meter.Percent(now), 10, 1);

@@ -247,7 +247,7 @@ TEST(LostCalc, ArrivalsInTheGracePeriodBelongToTheNextSlotIfTheyAreNew) {
 
 // In a grace period three slots are looked at. What lies in the one before the last is found in a
 // third look.
-TEST(LostCalc, TheSlotBeforeHearsOfLatePacketsInAGracePeriodToo) {
+TEST(LostCalc, TheGracePeriodCountsLatePacketsOfThePreviousSlot) {
   for (const bool mode : {kSends, kArrivals}) {
     Calc calc(mode, 1);
     calc.Send(0, 10);

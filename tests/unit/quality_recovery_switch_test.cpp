@@ -49,7 +49,7 @@ TEST(RecoverySwitch, MeasuresTheLinkTypesThatTheMaskOpens) {
   }
 }
 
-TEST(RecoverySwitch, ADiagnosticProcessIsMeasuredWhateverTheMaskSays) {
+TEST(RecoverySwitch, ADiagnosticProcessIsMeasuredRegardlessOfTheMask) {
   const ProcessName name("SpeedTester.exe");
   LinkJudge link;
   link.config.link_switch_mask = 0;
@@ -86,7 +86,7 @@ TEST(RecoverySwitch, MeasuresTheGamesOfTheList) {
   }
 }
 
-TEST(RecoverySwitch, SaysWhyItDoesNotMeasure) {
+TEST(RecoverySwitch, LogsWhyItDoesNotMeasure) {
   LinkJudge link(0);
   LogCapture log;
   link.config.link_switch_mask = 0;
@@ -243,7 +243,7 @@ TEST(RecoverySwitch, WithoutAReadingThereIsNoLoss) {
   EXPECT_TRUE(link.owner.fired.empty());
 }
 
-TEST(RecoverySwitch, JudgesALinkOnTrialByALimitOfItsOwn) {
+TEST(RecoverySwitch, JudgesALinkOnTrialByItsOwnLimits) {
   LinkJudge link;
   link.config.switching_max_real_route_lost = 30;
   ASSERT_TRUE(link.Start(true));
@@ -261,7 +261,7 @@ TEST(RecoverySwitch, ByDefaultEveryLinkOnTrialFails) {
   EXPECT_EQ(link.judge.TryFireRealRouteLost(), true);
 }
 
-TEST(RecoverySwitch, SaysWhyItDoesNotSwitch) {
+TEST(RecoverySwitch, LogsWhyItDoesNotSwitch) {
   struct Case {
     const char* line;
     void (*forbid)(LinkJudge&);
@@ -425,7 +425,7 @@ TEST(RecoverySwitch, ASingleRelayHasNoFrontSection) {
   EXPECT_EQ(link.owner.fired[0].link_type, 1);
 }
 
-TEST(RecoverySwitch, AReportForgetsWhatItRestedOn) {
+TEST(RecoverySwitch, AReportResetsTheFiguresItIsBasedOn) {
   LinkJudge link(0);
   ASSERT_TRUE(link.Start());
   link.PassReportLimit();
@@ -553,7 +553,7 @@ TEST(RecoverySwitch, TheNodesViewIsNoPartOfTheRealRoute) {
   EXPECT_EQ(real, 8u);
 }
 
-TEST(RecoverySwitch, LooksAtClosedSlotsUnlessToldOtherwise) {
+TEST(RecoverySwitch, UsesClosedSlotsByDefault) {
   LinkJudge link(0);
   ASSERT_TRUE(link.Start());
   EXPECT_EQ(link.Probe(11, 9), 10);
@@ -581,7 +581,7 @@ TEST(RecoverySwitch, SlotsOfTheFrontSectionCloseToo) {
 }
 
 // A node gets "not known" rather than a loss computed from a handful of packets.
-TEST(RecoverySwitch, TellsNoLossFromFewerThanTwentyPackets) {
+TEST(RecoverySwitch, HasNoLossFromFewerThanTwentyPackets) {
   for (const u32 received : {0u, 1u, 19u, 20u}) {
     LinkJudge link;
     ASSERT_TRUE(link.Start());

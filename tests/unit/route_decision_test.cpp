@@ -71,7 +71,7 @@ class DecisionTest : public test::RoutePolicy {
   SwitchProxyInfo cache;
 };
 
-TEST_F(DecisionTest, EachTestStandsBeforeThoseThatFollowIt) {
+TEST_F(DecisionTest, EachCheckPrecedesTheNext) {
   config.excluded_port_count = 1;
   config.excluded_ports[0] = 8000;
   ReplaceAccConfig(config);
@@ -141,7 +141,7 @@ TEST_F(DecisionTest, VerdictOfTheTableIsTheAnswerAndTheReason) {
   }
 }
 
-TEST_F(DecisionTest, RecordTellsTheWholeOutcome) {
+TEST_F(DecisionTest, RecordHasTheWholeOutcome) {
   config.game_launch_test_use = 1;
   config.glt_word = 0xABCD;
   PublishAll();
@@ -222,7 +222,7 @@ TEST_F(DecisionTest, NullRecordIsRefused) {
   Say("[4][lsp][Route][MakeDecision] invalid decision info pointer");
 }
 
-TEST_F(DecisionTest, BlacklistIsNotAskedHere) {
+TEST_F(DecisionTest, BlacklistIsNotChecked) {
   PublishAll();
   LoadBlacklist({{0, Ip(kServer), 0, 1, {}}});
   EXPECT_TRUE(Decide());
@@ -437,7 +437,7 @@ class LaunchTestTest : public test::RoutePolicy {
   GltRouteInfo glt;
 };
 
-TEST_F(LaunchTestTest, FirstRecordIsCopiedWholeAndAnewEachTime) {
+TEST_F(LaunchTestTest, FirstRecordIsCopiedCompletelyEachTime) {
   ClientRegion<LaunchTestRegion> region(kLaunchTestRegionName);
   AddGlt(region.region(), 1001, 2, "198.51.100.2");
   AddGlt(region.region(), 1001, 3, "198.51.100.3");
@@ -499,7 +499,7 @@ TEST_F(LaunchTestTest, MutexIsLetGoOnEveryPath) {
   EXPECT_TRUE(Load(1001)) << "it is looked at anew";
 }
 
-TEST_F(LaunchTestTest, RegionThatNobodyHasMemoryForIsLookedForAgain) {
+TEST_F(LaunchTestTest, RegionIsOpenedAgainAfterALackOfMemory) {
   ClientRegion<LaunchTestRegion> region(kLaunchTestRegionName);
   AddGlt(region.region(), 1001, 2, "198.51.100.2");
   {

@@ -115,7 +115,7 @@ class RelayQuestion : public GameIdc {
   }
 };
 
-TEST_F(RelayQuestion, EachTestStandsBeforeThoseThatFollowIt) {
+TEST_F(RelayQuestion, EachCheckPrecedesTheNext) {
   EXPECT_FALSE(Need("10.0.0.1", 8000));
   Say("[0][lsp][Route][NeedRelay] Ready to Check Relay(10.0.0.1:8000), socket=400, "
       "socket_type=1, token=77");

@@ -105,7 +105,7 @@ TEST_F(RouteTableTest, FileIsReadByteByByteWhereEachFieldBelongs) {
   EXPECT_TRUE(table().FindRouteEntry(1302, nullptr).has_value()) << "the second set";
 }
 
-TEST_F(RouteTableTest, FileIsTakenWhereThereIsNoRegionAndKeptForGood) {
+TEST_F(RouteTableTest, FileIsUsedIfThereIsNoRegionAndThenKept) {
   AddRoute(image.route_sets[0], 1301, Ref(0));
   SetRouteFile(WriteRouteFile());
   EXPECT_FALSE(table().HasRouteTable());
@@ -143,7 +143,7 @@ TEST_F(RouteTableTest, FileOfAnyOtherSizeIsRefused) {
   EXPECT_TRUE(table().LoadRoute()) << "a later try takes it";
 }
 
-TEST_F(RouteTableTest, FileThatIsNotThereIsTriedAndNamedWithItsError) {
+TEST_F(RouteTableTest, MissingFileIsLoggedWithItsNameAndError) {
   const std::string path = dir / "absent.bin";
   SetRouteFile(path);
   const DWORD before = GetTickCount();
@@ -259,7 +259,7 @@ TEST_F(RouteTableTest, RegionThatIsTooSmallGivesNothing) {
   EXPECT_FALSE(table().FindRouteEntry(0, nullptr).has_value());
 }
 
-TEST_F(RouteTableTest, RegionThatNobodyHasMemoryForLeavesTheFile) {
+TEST_F(RouteTableTest, WithoutMemoryForTheRegionTheFileIsTried) {
   RouteClient region;
   SetRouteFile(WriteRouteFile());
   {

@@ -45,7 +45,7 @@ TEST_F(SocketMapEdges, WhatIsMeantForThisOneIsTaken) {
 
 // Two threads may decide the same destination at once: both decisions are saved, and the first
 // counts.
-TEST_F(SocketMapEdges, ADestinationThatIsSavedTwiceTakesTwoPlaces) {
+TEST_F(SocketMapEdges, ADestinationThatIsSavedTwiceHasTwoEntries) {
   const sockaddr_in server = Address("198.51.100.10", 1000);
   EXPECT_TRUE(map.SaveRelayRecord(kKnown, &server, true));
   EXPECT_TRUE(map.SaveRelayRecord(kKnown, &server, false));

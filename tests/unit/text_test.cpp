@@ -136,7 +136,7 @@ TEST(IpToString, ReadsNetworkOrder) {
 
 // The buffer of Winsock's inet_ntoa belongs to the game, which may be reading it; and a call may
 // wait for the lock under which Winsock ends.
-TEST(IpToString, LeavesWinsocksOwnTextAlone) {
+TEST(IpToString, DoesNotChangeWinsocksStaticText) {
   in_addr address = {};
   address.s_addr = htonl(0xc6336407);
   const char* const shown = inet_ntoa(address);

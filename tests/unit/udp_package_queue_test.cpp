@@ -195,7 +195,7 @@ TEST(UdpPackageQueue, HoldsADatagramOfNoBytesThatCameInBuffers) {
   EXPECT_EQ(Find(&queue, ""), 7);
 }
 
-TEST(UdpPackageQueue, ComparesNothingOfABufferThatIsNotThere) {
+TEST(UdpPackageQueue, DoesNotCompareAMissingBuffer) {
   WSABUF missing = {};
   missing.len = 3;
   EXPECT_FALSE(CompareToWsaBuffers("abc", 3, &missing, 1, 3));

@@ -44,7 +44,7 @@ TEST_F(UntoldEndsTest, ASessionThatComesLaterIsEndedToo) {
   EXPECT_TRUE(Turn().empty());
 }
 
-TEST_F(UntoldEndsTest, ASocketThatHasNoneIsForgotten) {
+TEST_F(UntoldEndsTest, ASocketWithoutASessionIsForgotten) {
   ends.Add(7);
   for (u32 turn = 0; turn < UntoldEnds::kTurns; ++turn) Turn();
   sessions = {7};
