@@ -129,7 +129,7 @@ TEST(Select, EndOfStreamReadsAndWrites) {
   CHECK_FALSE(ready.except);
 }
 
-TEST(Handles, ClosedOrForeignOnesAreNoSockets) {
+TEST(Handles, ClosedOrForeignOnesAreNotSockets) {
   Owned s = BoundUdp();
   const SOCKET closed = s;
   s.Close();

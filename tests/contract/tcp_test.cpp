@@ -82,7 +82,7 @@ TEST(Tcp, RefusedNonBlockingConnectShowsInTheExceptionSetOnly) {
   CHECK_SOCKET_ERROR(SendText(client, "x"), WSAENOTCONN);
 }
 
-TEST(Tcp, RefusedConnectIsNotSeenByWhoAsksOnlyToWrite) {
+TEST(Tcp, RefusedConnectDoesNotMakeTheSocketWritable) {
   Owned client = Tcp();
   SetNonBlocking(client);
   Connect(client, DeadPort());
@@ -98,7 +98,7 @@ TEST(Tcp, RefusedBlockingConnectIs10061AndCanBeTriedAgain) {
   CHECK_EQ(Connect(client, LocalPort(listener)), 0);
 }
 
-TEST(Tcp, ConnectWantsAWholeAddress) {
+TEST(Tcp, ConnectNeedsACompleteAddress) {
   if (WineDiffers("the address is bound before it is looked at: 10049 for all")) return;
   Owned client = Tcp();
   const sockaddr_in name = Loopback(1);
@@ -217,7 +217,7 @@ TEST(Tcp, NonBlockingSendStopsWhenTheBuffersAreFull) {
   CHECK_TRUE(SelectOne(pair.client, 5000, false, true, false).write);
 }
 
-TEST(Tcp, BlockingSendTakesEverything) {
+TEST(Tcp, BlockingSendAcceptsEverything) {
   Pair pair = ConnectedPair();
   const std::string text(4 << 20, 'y');
   OnThread sender([&] { CHECK_EQ(SendText(pair.client, text), static_cast<int>(text.size())); });
@@ -321,7 +321,7 @@ std::string RecvWhole(SOCKET s, size_t size) {
   return text;
 }
 
-TEST(Tcp, UrgentByteComesApartFromTheStream) {
+TEST(Tcp, UrgentByteIsReadSeparatelyFromTheStream) {
   Pair pair = ConnectedPair();
   SetNonBlocking(pair.server);
   CHECK_EQ(RecvText(pair.server, 1, MSG_OOB), "<error 10035>");
@@ -347,7 +347,7 @@ TEST(Tcp, AnUrgentByteIsNoOrdinaryDataToRead) {
   CHECK_EQ(RecvText(pair.server), "<error 10035>");
 }
 
-TEST(Tcp, UrgentByteIsPartOfTheStreamWhereThatIsWanted) {
+TEST(Tcp, UrgentByteIsPartOfTheStreamOnRequest) {
   Owned listener = Listener();
   const int on = 1;
   CHECK_EQ(

@@ -121,14 +121,14 @@ TEST(Udp, UnreachablePeerShowsAsAResetAtTheNextReceive) {
   CHECK_EQ(ReceiveFrom(b).text, "y");
 }
 
-TEST(Udp, TheUnspecifiedAddressIsNoDestination) {
+TEST(Udp, TheUnspecifiedAddressIsNotADestination) {
   Owned a = BoundUdp();
   const sockaddr_in nobody = Address("0.0.0.0", 9);
   if (WineDiffers("a socket on loopback sends to 0.0.0.0")) return;
   CHECK_SOCKET_ERROR(sendto(a, "x", 1, 0, Raw(nobody), sizeof nobody), WSAEADDRNOTAVAIL);
 }
 
-TEST(Udp, DestinationIsAWholeAddress) {
+TEST(Udp, DestinationNeedsACompleteAddress) {
   Owned a = BoundUdp();
   const sockaddr_in to = Loopback(9);
   CHECK_SOCKET_ERROR(sendto(a, "x", 1, 0, Raw(to), 4), WSAEFAULT);

@@ -177,7 +177,7 @@ TEST(Mutex, KeepsOthersOut) {
   CHECK_EQ(count, 600);
 }
 
-TEST(CriticalSection, IsRecursiveAndKeepsOthersOut) {
+TEST(CriticalSection, IsRecursiveAndExcludesOtherThreads) {
   CRITICAL_SECTION section;
   InitializeCriticalSection(&section);
   EnterCriticalSection(&section);
@@ -227,7 +227,7 @@ TEST(Thread, HasItsExitCodeAfterItHasEnded) {
   CHECK_EQ(code, 7u);
 }
 
-TEST(Thread, IsEndedFromOutsideWhereverItWaits) {
+TEST(Thread, CanBeTerminatedInAnyWait) {
   for (LPTHREAD_START_ROUTINE body : {SleepForGood, WaitForGood}) {
     Handle running(CreateEventA(nullptr, FALSE, FALSE, nullptr));
     Handle thread(CreateThread(nullptr, 0, body, static_cast<HANDLE>(running), 0, nullptr));

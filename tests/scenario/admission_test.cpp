@@ -79,7 +79,7 @@ SCENARIO_F(Admission, ABlockedKindIsLoggedAndDoesNotAffectTheOthers) {
 }
 
 // Its configuration is all zero, and it measures whatever it is asked to.
-SCENARIO_F(Admission, SpeedTesterMayEverythingEverywhere) {
+SCENARIO_F(Admission, SpeedTesterIsAlwaysAdmitted) {
   Configure(kNeedsAccMode);
   HookFlags& flags = GetHookFlags();
   flags.speed_tester_mode = flags.block_tcp = flags.block_udp = true;
@@ -109,7 +109,7 @@ SCENARIO_F(Admission, WithoutARequiredAccModeNothingIsAdmitted) {
   EXPECT_FALSE(May(SOCK_STREAM)) << "nor later";
 }
 
-SCENARIO_F(Admission, AQuestionThatIsAnsweredBeforeTheModesDoesNotReadThem) {
+SCENARIO_F(Admission, EarlierChecksDoNotReadTheModes) {
   Configure(kUdp);
   GetHookFlags().block_tcp = true;
   EXPECT_FALSE(May(SOCK_STREAM));
@@ -192,7 +192,7 @@ SCENARIO_F(AdmissionOfAProcess, WithoutRelayedStreamsBindsNoPort) {
   ExpectServed(s);
 }
 
-SCENARIO_F(AdmissionOfAProcess, ThatMeasuresSpeedIsRelayedWherever) {
+SCENARIO_F(AdmissionOfAProcess, OfTheSpeedTesterIsRelayedToEveryDestination) {
   game.Is(L"D:\\tools\\SpeedTester.exe");
   Starts();
   const SOCKET s = Connects();

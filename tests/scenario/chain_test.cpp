@@ -82,7 +82,7 @@ SCENARIO(Chain, AStartThatFailsCountsAsTheFirst) {
   EXPECT_TRUE(game.GotBaseTable());
 }
 
-SCENARIO(Chain, AProtocolWithoutASwitchIsHookedAtEachStart) {
+SCENARIO(Chain, AProtocolWithoutAFlagIsHookedAtEachStart) {
   GameProcess game;
   game.ListAsGame();
   auto catalogue = port::Catalogue();
@@ -199,7 +199,7 @@ SCENARIO(Chain, ALayerInTheMiddleIsStartedWithTheRequestedChain) {
   EXPECT_EQ(Foreign().info.ProtocolChain.ChainLen, 2);
 }
 
-SCENARIO(Chain, AStartThatAnswersMinusOneFails) {
+SCENARIO(Chain, AStartThatReturnsMinusOneFails) {
   GameProcess game;
   game.LayerOverForeign();
   Foreign().result = -1;
@@ -333,7 +333,7 @@ SCENARIO(Chain, NullArgumentsAreRefusedWithATrace) {
 
 // --- this provider's own entries ----------------------------------------------------------------
 
-SCENARIO(Chain, TheFirstEntryWithOurIdentityGivesTheIdForGood) {
+SCENARIO(Chain, TheIdIsThatOfTheFirstEntryWithOurGuid) {
   GameProcess game;
   port::SetCatalogue({BaseTcp(), Hidden(), MakeEntry(kLspGuid, 2500, SOCK_STREAM, 6, {})});
   LspProvider* list = nullptr;
@@ -404,7 +404,7 @@ SCENARIO(Match, AnUnknownLayerAboveLeadsNowhere) {
       "FindMatchingProvider: entry belongs to the LSP layered over us and it references our LSP"));
 }
 
-SCENARIO(Match, AnEntryAboveNothingIsNoLayer) {
+SCENARIO(Match, AnEntryAboveNothingIsNotALayer) {
   GameProcess game;
   port::SetCatalogue(
       {BaseTcp(), Hidden(), LayeredTcp(2001, {kOwn}), LayeredTcp(2002, {kOwn, 1001})});
@@ -416,7 +416,7 @@ SCENARIO(Match, AnEntryAboveNothingIsNoLayer) {
   EXPECT_EQ(list[0].layer_provider.dwCatalogEntryId, 2002u);
 }
 
-SCENARIO(Match, AChainThatNamesOurHiddenEntryGoesByTheKindOfSocket) {
+SCENARIO(Match, AChainWithOurHiddenEntryMatchesByTheKindOfSocket) {
   GameProcess game;
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_DGRAM, 17, {kForeign, kOwn, 1002});
   above.dwServiceFlags1 &= ~XP1_IFS_HANDLES;  // the one bit that does not take part
@@ -427,7 +427,7 @@ SCENARIO(Match, AChainThatNamesOurHiddenEntryGoesByTheKindOfSocket) {
   EXPECT_EQ(port::LastBaseEntry(), 1002u);
 }
 
-SCENARIO(Match, FlagsOtherThanTheHandleBitMustAgree) {
+SCENARIO(Match, FlagsOtherThanTheHandleBitMustMatch) {
   GameProcess game;
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_DGRAM, 17, {kForeign, kOwn, 1002});
   above.dwServiceFlags1 ^= XP1_GUARANTEED_ORDER;
@@ -495,7 +495,7 @@ SCENARIO(Match, TheHiddenEntryDoesNotEndTheCatalogueSearch) {
 
 // So the search through the catalogue never compares kinds: an entry of the right kind is found
 // before.
-SCENARIO(Match, AKindThatAgreesIsFoundBeforeTheCatalogueIsSearched) {
+SCENARIO(Match, AMatchingKindIsFoundBeforeTheCatalogueIsSearched) {
   GameProcess game;
   auto own = LayeredTcp(2002, {kOwn, 1001});
   own.dwServiceFlags1 |= 0x400;
@@ -524,7 +524,7 @@ SCENARIO(Match, AnUnreadableCatalogueEndsTheSearch) {
   EXPECT_TRUE(game.Traced("FindMatchingProvider: GetProtocols failed!\n"));
 }
 
-SCENARIO(Match, NothingOfOursInTheCatalogueIsNoRecord) {
+SCENARIO(Match, WithoutOurEntriesInTheCatalogueThereIsNoRecord) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
   port::SetCatalogue(port::BaseEntries());

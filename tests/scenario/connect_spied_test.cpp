@@ -172,7 +172,7 @@ SCENARIO_F(ConnectSpied, AConnectThatIsNotRedirectedKeepsTheCallersLength) {
   }
 }
 
-SCENARIO_F(ConnectSpied, ConnectExHasTheLengthOfWhatItNames) {
+SCENARIO_F(ConnectSpied, ConnectExPassesTheLengthOfItsAddress) {
   for (const int size : {16, 28, 128}) {
     seen.clear();
     const SOCKET relayed = Tcp();

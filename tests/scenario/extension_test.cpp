@@ -87,7 +87,7 @@ SCENARIO_F(Extensions, AConnectExLookedUpOnceServesAllConnections) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(Extensions, WhatIsNotForTheRelayGoesDirectThroughTheSamePointer) {
+SCENARIO_F(Extensions, UnrelayedConnectionsAreDirectThroughTheSamePointer) {
   const SOCKET s = Tcp();
   int error = 0;
   EXPECT_EQ(ConnectsWith(Query(s, WSAID_CONNECTEX).function, s, kUnlisted, &error), FALSE);
@@ -98,7 +98,7 @@ SCENARIO_F(Extensions, WhatIsNotForTheRelayGoesDirectThroughTheSamePointer) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(Extensions, AConnectExThatIsPendingLooksTrue) {
+SCENARIO_F(Extensions, APendingConnectExReturnsTrue) {
   const SOCKET s = Tcp();
   port::FailCall("ConnectEx", 1, WSA_IO_PENDING);
   int error = 0;
@@ -135,7 +135,7 @@ SCENARIO_F(Extensions, TheFailureOfTheNextProviderIsHandedOnWithOurPointer) {
   EXPECT_TRUE(Said(std::string(kRecognised) + "ConnectEx\n"));
 }
 
-SCENARIO_F(Extensions, AnUnknownFunctionIsLeftToTheNextProvider) {
+SCENARIO_F(Extensions, AnUnknownFunctionComesFromTheNextProvider) {
   ReadAlong();
   const Answer answer = Query(Tcp(), GUID{1, 2, 3, {4}});
   EXPECT_EQ(answer.result, SOCKET_ERROR);
@@ -144,7 +144,7 @@ SCENARIO_F(Extensions, AnUnknownFunctionIsLeftToTheNextProvider) {
   EXPECT_TRUE(Said(std::string(kRecognised) + "unknown\n"));
 }
 
-SCENARIO_F(Extensions, AnIdentityOfAnotherLengthIsNotLookedAt) {
+SCENARIO_F(Extensions, AGuidOfAnotherLengthIsIgnored) {
   ReadAlong();
   const SOCKET s = Tcp();
   EXPECT_EQ(Query(s, WSAID_CONNECTEX, 12).function, nullptr);
@@ -154,7 +154,7 @@ SCENARIO_F(Extensions, AnIdentityOfAnotherLengthIsNotLookedAt) {
 }
 
 // A caller may use one buffer for both; by the time that it is looked at, the answer is in it.
-SCENARIO_F(Extensions, OneBufferForQuestionAndAnswerKeepsTheRealFunction) {
+SCENARIO_F(Extensions, OneBufferForInputAndOutputKeepsTheRealFunction) {
   const SOCKET s = Tcp();
   GUID buffer = WSAID_CONNECTEX;
   DWORD bytes = 0;
@@ -168,7 +168,7 @@ SCENARIO_F(Extensions, OneBufferForQuestionAndAnswerKeepsTheRealFunction) {
   EXPECT_NE(function, &WSPConnectEx);
 }
 
-SCENARIO_F(Extensions, NullBuffersGetThePlatformsAnswer) {
+SCENARIO_F(Extensions, NullBuffersGetThePlatformsError) {
   const SOCKET s = Tcp();
   GUID id = WSAID_CONNECTEX;
   DWORD bytes = 0;

@@ -39,7 +39,7 @@ class NodeAnswer : public NodeWorld {
   node::SimNode node{world, node_host};
 };
 
-SCENARIO_F(NodeAnswer, ComesWhenTheServerIsConnected) {
+SCENARIO_F(NodeAnswer, IsSentWhenTheServerIsConnected) {
   StartEchoServer();
   const Heard heard = AsksAndListens(1000);
   EXPECT_EQ(Summary(heard.bytes), "result 0, version 3, 41 bytes");
@@ -60,7 +60,7 @@ SCENARIO_F(NodeAnswer, NamesTheClientAndTheNode) {
   EXPECT_EQ(Big16(answer, 29), 3001u);  // last_node
 }
 
-SCENARIO_F(NodeAnswer, EventsTellTheWholeRequest) {
+SCENARIO_F(NodeAnswer, EventsContainTheWholeRequest) {
   StartEchoServer();
   for (const int version : {1, 2, 3}) {
     const std::string answer = AsksAndListens(200, version).bytes;
@@ -77,7 +77,7 @@ SCENARIO_F(NodeAnswer, EventsTellTheWholeRequest) {
   }
 }
 
-SCENARIO_F(NodeAnswer, TakesTheFormOfItsVersion) {
+SCENARIO_F(NodeAnswer, HasTheFormOfItsVersion) {
   StartEchoServer();
   const struct {
     int version;
@@ -177,7 +177,7 @@ SCENARIO_F(NodeAnswer, ActsAsIfTheServerRefused) {
   EXPECT_EQ(Summary(AsksAndListens(1000).bytes), "result 1, version 3, 41 bytes");
 }
 
-SCENARIO_F(NodeAnswer, GivesASilentServerFourSeconds) {
+SCENARIO_F(NodeAnswer, WaitsFourSecondsForASilentServer) {
   world.Partition(node_host, server_host);
   const Heard heard = AsksAndListens(10'000);
   EXPECT_EQ(Summary(heard.bytes), "result 1, version 3, 41 bytes");
@@ -194,7 +194,7 @@ SCENARIO_F(NodeAnswer, IsMissingIfTheServerHangs) {
   EXPECT_EQ(node.Last("closed").Text("reason"), "the client left before it had its answer");
 }
 
-SCENARIO_F(NodeAnswer, AtOnceDoesNotWaitForTheServer) {
+SCENARIO_F(NodeAnswer, CanBeSentBeforeTheServerIsConnected) {
   node.behaviour().answer_when = Behaviour::kAtOnce;
   const Heard heard = AsksAndListens(1000);
   EXPECT_EQ(heard.first_ms, 20u);
@@ -219,7 +219,7 @@ SCENARIO_F(NodeAnswer, MayBeAnEnd) {
   }
 }
 
-SCENARIO_F(NodeAnswer, MayBeAnEndWithoutARequest) {
+SCENARIO_F(NodeAnswer, CanBeAnEndWithoutARequest) {
   node.behaviour().on_accept = Behaviour::kClose;
   std::string heard = "nothing";
   OnClient([&] { heard = Received(Joins()); });

@@ -63,7 +63,7 @@ SCENARIO_F(NodeCarry, TheServerMayEndFirst) {
   EXPECT_EQ(at_server, Pattern(100'000));
 }
 
-SCENARIO_F(NodeCarry, AResetGoesThroughToTheClient) {
+SCENARIO_F(NodeCarry, AResetIsPassedOnToTheClient) {
   std::string received;
   OnServer([] {
     const SOCKET s = AcceptFrom(ListenAt(kServerPort));
@@ -82,7 +82,7 @@ SCENARIO_F(NodeCarry, AResetGoesThroughToTheClient) {
   EXPECT_EQ(node.Last("closed").Text("reason"), "server error 10054");
 }
 
-SCENARIO_F(NodeCarry, AResetGoesThroughToTheServer) {
+SCENARIO_F(NodeCarry, AResetIsPassedOnToTheServer) {
   std::string received;
   OnServer([&] { received = Received(AcceptFrom(ListenAt(kServerPort))); });
   OnClient([&] {

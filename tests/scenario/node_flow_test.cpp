@@ -148,7 +148,7 @@ SCENARIO_F(NodeFlow, ASilentFlowEndsByItself) {
   EXPECT_EQ(node.Last("flow_closed").Text("reason"), "the client is silent");
 }
 
-SCENARIO_F(NodeFlow, AnotherClientsTokenIsWorthNothing) {
+SCENARIO_F(NodeFlow, AnotherClientsTokenIsRefused) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow, thief;
     ASSERT_TRUE(flow.Opens());
@@ -200,7 +200,7 @@ SCENARIO_F(NodeFlow, ALongerHeaderIsSkipped) {
   }));
 }
 
-SCENARIO_F(NodeFlow, BadRequestsAreMetWithSilence) {
+SCENARIO_F(NodeFlow, BadRequestsAreNotAnswered) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
     const std::string good = RequestBytes();

@@ -139,7 +139,7 @@ SCENARIO_F(NodeUnderAttack, TheNodesOwnPortsAreNotGameServers) {
   }
 }
 
-SCENARIO_F(NodeUnderAttack, AClientThatGivesUpFreesItsPlaceAndTheServer) {
+SCENARIO_F(NodeUnderAttack, AClientThatGivesUpFreesItsSlotAndTheServer) {
   node.AnswersAfter(60'000);
   std::string at_server = "nothing";
   OnServer([&] { at_server = Received(AcceptFrom(ListenAt(kServerPort))); });
@@ -219,7 +219,7 @@ SCENARIO_F(NodeControl, ChangesTheNodeWhileItRuns) {
   EXPECT_EQ(Summary(answers[1]), "result 0, version 3, 41 bytes");
 }
 
-SCENARIO_F(NodeControl, AnswersLinesInOrderHoweverTheyCome) {
+SCENARIO_F(NodeControl, AnswersLinesInOrderInPiecesOfAnySize) {
   std::string replies;
   OnClient([&] {
     const SOCKET control = JoinsControl();
@@ -252,7 +252,7 @@ SCENARIO_F(NodeControl, EndsConnectionsAndTheNode) {
   EXPECT_EQ(received, "error 10054");
 }
 
-SCENARIO_F(NodeControl, ALineWithoutEndIsCutOff) {
+SCENARIO_F(NodeControl, AnEndlessLineEndsTheConnection) {
   std::string received = "nothing";
   OnClient([&] {
     const SOCKET control = JoinsControl();

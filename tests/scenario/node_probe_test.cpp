@@ -82,7 +82,7 @@ SCENARIO_F(NodeProbe, TwoRelaysAnswerAsOneAndTwo) {
   }));
 }
 
-SCENARIO_F(NodeProbe, TheHopLosesOnlyWhatCrossesIt) {
+SCENARIO_F(NodeProbe, TheHopLosesOnlyDatagramsThatCrossIt) {
   node.behaviour().relays = 2;
   node.behaviour().hop_loss = 100;
   ASSERT_TRUE(Runs([&](RawFlow& flow) {
@@ -244,7 +244,7 @@ SCENARIO_F(NodeProbe, JitterKeepsTheOrderAndDisorderDoesNot) {
 }
 
 // With one seed, the same datagrams are lost whatever other impairments are on.
-SCENARIO_F(NodeProbe, TheSeedDecidesWhoIsLost) {
+SCENARIO_F(NodeProbe, TheSeedDecidesWhichDatagramsAreLost) {
   StartEcho();
   std::vector<std::set<std::string>> arrived;
   // A flow's number is part of its seed; each of these is the first of its node.
@@ -271,7 +271,7 @@ SCENARIO_F(NodeProbe, TheSeedDecidesWhoIsLost) {
   EXPECT_NE(arrived[0], arrived[2]);
 }
 
-SCENARIO_F(NodeProbe, ADarkNodeComesBackEmpty) {
+SCENARIO_F(NodeProbe, ARestoredNodeHasDroppedEarlierDatagrams) {
   ASSERT_TRUE(Runs([&](RawFlow& flow) {
     node.GoesDark();
     Sleep(50);

@@ -71,7 +71,7 @@ SCENARIO_F(OwnThreads, ThatAreTerminatedFromOutsideCountAsEnded) {
 }
 
 // There are few names, and they are reused.
-SCENARIO_F(OwnThreads, ThatHaveEndedMakeRoomForOthers) {
+SCENARIO_F(OwnThreads, ThatHaveEndedFreeTheirSlots) {
   for (int i = 0; i < 20; ++i) {
     Starts([] {});
     EXPECT_NE(name, 0u) << i;

@@ -170,7 +170,7 @@ class ReportShared : public sim::ScenarioTest {
   }
 };
 
-SCENARIO_F_SEEDS(ReportShared, GamesThatReportAtOnceEachTellEverything, 6) {
+SCENARIO_F_SEEDS(ReportShared, GamesThatReportAtOnceLoseNoReport, 6) {
   const test::LogCapture log(4);
   Watches();
   PlaysAs("dawn");
@@ -221,7 +221,7 @@ SCENARIO_F_SEEDS(ReportShared, AGameThatDiesWithAnyMutexDoesNotAffectTheOthers, 
 }
 
 // Between any two writes of a copy, of one of its own reports or of any game's after it.
-SCENARIO_F_SEEDS(ReportShared, GamesThatDieInTheMiddleOfACopyLeaveTheSlotFreeOrWhole, 8) {
+SCENARIO_F_SEEDS(ReportShared, AGameThatDiesDuringACopyLeavesTheSlotFreeOrComplete, 8) {
   common::SetLogThreshold(6);
   Watches();
   PlaysAs("dawn");

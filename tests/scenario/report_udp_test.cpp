@@ -123,7 +123,7 @@ SCENARIO_F_SEEDS(ReportUdp, FlowThroughANodeIsReportedToTheByte, 3) {
   EXPECT_EQ(last.user_ip, test::Ip(kGame));
 }
 
-SCENARIO_F(ReportUdp, DecisionAndNegotiationOfAFlowBearOneGuid) {
+SCENARIO_F(ReportUdp, DecisionAndNegotiationOfAFlowHaveTheSameGuid) {
   Starts();
   Closes(Opens());
   const std::string guid = a.Last("request").Text("guid");
@@ -222,7 +222,7 @@ SCENARIO_F(ReportUdp, TwoSilentNodesAreTwoFailuresAndNothingElse) {
 
 // --- traffic while a flow lives ---------------------------------------------------------------
 
-SCENARIO_F(ReportUdp, TrafficShowsRightAfterTheNegotiationAndThenEveryFiveSeconds) {
+SCENARIO_F(ReportUdp, TrafficIsReportedAfterTheNegotiationAndThenEveryFiveSeconds) {
   Starts();
   RunFor(3s);
   const SOCKET s = Udp();
@@ -327,7 +327,7 @@ SCENARIO_F(ReportUdp, FailedCallsAreCountedWithTheirErrors) {
   EXPECT_EQ(last.curr_recv_error_code, static_cast<u32>(WSAECONNRESET));
 }
 
-SCENARIO_F(ReportUdp, FiguresAreTheSameWhateverErrorAnEarlierCallLeft) {
+SCENARIO_F(ReportUdp, FiguresDoNotDependOnAnEarlierLastError) {
   port::SuccessKeepsLastError(true);
   Starts();
   const SOCKET s = Opens();
@@ -358,7 +358,7 @@ SCENARIO_F(ReportUdp, DatagramThatWaitedForRoomIsNotCounted) {
   EXPECT_EQ(last.total_recv_packets, 3u);
 }
 
-SCENARIO_F(ReportUdp, DatagramThatGoesPastTheNodeIsCountedLikeTheOthers) {
+SCENARIO_F(ReportUdp, DatagramThatBypassesTheNodeIsCountedLikeTheOthers) {
   Starts();
   const SOCKET s = Opens();
   EXPECT_EQ(Sends(s, Pattern(2029)), 0);
@@ -502,7 +502,7 @@ SCENARIO_F(ReportUdp, FullChannelCostsItsReportsAndNothingElse) {
 
 // Kept: flows are reported in the order of their guids until the channel is full, so a slow client
 // program gets the same ones each time. The end of each flow is reported separately.
-SCENARIO_F(ReportUdp, MoreFlowsThanSlotsLeaveTheLastOutUntilTheyEnd) {
+SCENARIO_F(ReportUdp, FlowsBeyondTheSlotsAreReportedWhenTheyEnd) {
   constexpr size_t kFlows = 40, kSlots = kCommunicationChannel.slot_count;
   Starts();
   std::vector<SOCKET> sockets;

@@ -37,7 +37,7 @@ class RouteFileFaults : public sim::ScenarioTest {
   u8 buffer[100] = {};
 };
 
-SCENARIO_F(RouteFileFaults, IsOpenedAtTheFifthTryAndWaitsBetween) {
+SCENARIO_F(RouteFileFaults, IsOpenedAtTheFifthAttemptWithPausesBetween) {
   for (unsigned i = 1; i <= 4; ++i) port::FailCall("CreateFileW", i, ERROR_SHARING_VIOLATION);
   const sim::Duration begin = world.now();
   EXPECT_TRUE(Load());
@@ -71,7 +71,7 @@ SCENARIO_F(RouteFileFaults, ThatEndsBeforeItsSizeIsRefusedAndClosed) {
   EXPECT_TRUE(Load());
 }
 
-SCENARIO_F(RouteFileFaults, ThatCannotBeReadIsNoTable) {
+SCENARIO_F(RouteFileFaults, ThatCannotBeReadGivesNoTable) {
   AccConfig config;
   common::SetFieldText(config.route_binary_file_path, dir / "table.bin");
   ReplaceAccConfig(config);

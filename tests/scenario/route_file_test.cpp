@@ -45,7 +45,7 @@ SCENARIO_F(RouteFile, IsTriedFiveTimesWithFiveMillisecondsBetween) {
   EXPECT_EQ(port::CallCount("CreateFileW"), 5u);
 }
 
-SCENARIO_F(RouteFile, IsGivenUpAfterFiveTimes) {
+SCENARIO_F(RouteFile, IsAbandonedAfterFiveAttempts) {
   test::LogCapture log(4);
   port::FailCall("CreateFileW", 0, ERROR_SHARING_VIOLATION);
   EXPECT_FALSE(Load());

@@ -47,7 +47,7 @@ SCENARIO(SessionGuid, IsTheSystemsEvenIfItIsOnlyLocallyUnique) {
   EXPECT_EQ(port::CallCount("rand_s"), 0u);
 }
 
-SCENARIO_SEEDS(SessionGuid, IsMadeOfFourDrawsWithoutAnAddress, 5) {
+SCENARIO_SEEDS(SessionGuid, IsMadeOfFourRandomNumbersWithoutAnAddress, 5) {
   const SessionGuid guid = WithoutAddress(0);
   EXPECT_EQ(port::CallCount("rand_s"), 4u);
   EXPECT_FALSE(AllZero(guid, 0, 4));

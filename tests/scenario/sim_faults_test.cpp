@@ -73,7 +73,7 @@ SCENARIO_F(SimFaults, AStalledThreadDoesNotRun) {
   EXPECT_GT(ticks, 15);
 }
 
-SCENARIO_F(SimFaults, AKilledProcessLeavesNothingButBrokenThings) {
+SCENARIO_F(SimFaults, AKilledProcessLeavesOnlyBrokenConnectionsAndMutexes) {
   std::string at_client;
   sim::Process& victim = world.AddProcess(server, "victim");
   const HANDLE outside = CreateMutexA(nullptr, FALSE, "shared");
@@ -105,7 +105,7 @@ SCENARIO_F(SimFaults, AKilledProcessLeavesNothingButBrokenThings) {
   EXPECT_EQ(world.ThreadNamed("victim/holder"), 0u);
 }
 
-SCENARIO_F(SimFaults, AProcessDiesTheMomentItHoldsTheMutex) {
+SCENARIO_F(SimFaults, AProcessCanDieWhenItAcquiresTheMutex) {
   sim::Process& victim = world.AddProcess(server, "victim");
   world.KillWhenItHolds(victim, "guard");
   const HANDLE mutex = CreateMutexA(nullptr, FALSE, "guard");  // keeps the name alive
@@ -149,7 +149,7 @@ SCENARIO_F(SimFaults, AThreadIsTerminatedAnywhere) {
 }
 
 // Whether the thread runs already or not.
-SCENARIO_F(SimFaults, AnActionComesAtTheNthCallOfAThread) {
+SCENARIO_F(SimFaults, AnActionRunsAtTheNthCallOfAThread) {
   for (const bool early : {false, true}) {
     int events = 0, seen = -1;
     const auto act = [&] { seen = events; };
@@ -217,7 +217,7 @@ SCENARIO_F(SimFaults, EachProcessHasItsOwnRecord) {
   EXPECT_NE(GetCurrentProcessId(), game.pid);
 }
 
-SCENARIO_F(SimFaults, EndOfAProcessClosesWhatItLeftOpen) {
+SCENARIO_F(SimFaults, EndOfAProcessClosesItsHandles) {
   sim::Process& game = world.AddProcess(client, "game", L"C:\\games\\play.exe", "play.exe");
   const size_t handles = port::OpenHandles(), views = port::OpenViews();
   world.Spawn(game, "main", [] {
@@ -278,7 +278,7 @@ TEST(SimHarness, AFailurePrintsSeedTraceAndReplayCommand) {
     EXPECT_NE(output.find(part), std::string::npos) << part << " is not in\n" << output;
 }
 
-TEST(SimHarness, AWorldInWhichAllWaitForEverFailsItsTest) {
+TEST(SimHarness, AWorldInADeadlockFailsItsTest) {
   const std::string output = OutputOf(NeverReturns);
   EXPECT_NE(output.find("deadlock: every thread waits for ever"), std::string::npos) << output;
 }

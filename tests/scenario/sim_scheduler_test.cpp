@@ -91,7 +91,7 @@ TEST(SimScheduler, SomeSeedFindsALostUpdate) {
   EXPECT_GT(lost, 0);
 }
 
-SCENARIO(SimScheduler, ACriticalSectionKeepsOthersOutAndIsRecursive) {
+SCENARIO(SimScheduler, ACriticalSectionExcludesOthersAndIsRecursive) {
   CRITICAL_SECTION section;
   InitializeCriticalSection(&section);
   int inside = 0, most = 0;
@@ -153,7 +153,7 @@ SCENARIO(SimScheduler, ATerminatedThreadUnwindsNothingAndKeepsItsLocks) {
   EXPECT_FALSE(TryEnterCriticalSection(&section));
 }
 
-SCENARIO(SimScheduler, AMutexOfADeadThreadIsAbandonedToTheNext) {
+SCENARIO(SimScheduler, AMutexOfADeadThreadGoesToTheNextAsAbandoned) {
   const HANDLE mutex = CreateMutexA(nullptr, FALSE, "held");
   world.Spawn(world.home(), "holder", [&] { WaitForSingleObject(mutex, INFINITE); });
   world.RunFor(1ms);

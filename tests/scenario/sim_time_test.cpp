@@ -61,7 +61,7 @@ SCENARIO(SimTime, AnEventThatIsNotSetTimesOutExactly) {
   EXPECT_EQ(GetTickCount() - before, 500u);
 }
 
-SCENARIO(SimTime, AThreadThatOnlyWatchesTheClockSeesItMove) {
+SCENARIO(SimTime, AThreadThatOnlyReadsTheClockSeesItAdvance) {
   const DWORD before = GetTickCount();
   while (GetTickCount() - before < 20) {
   }

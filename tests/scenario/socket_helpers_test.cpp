@@ -56,7 +56,7 @@ SCENARIO(BindRandomPort, TriesAgainWhileThePortsAreInUse) {
   EXPECT_EQ(port::CallCount("bind"), 200u);
 }
 
-SCENARIO(BindRandomPort, GivesUpAfter200PortsInUseWithoutALine) {
+SCENARIO(BindRandomPort, GivesUpAfter200PortsInUseWithoutALogLine) {
   test::LogCapture log(0);
   port::FailCall("bind", 0, WSAEADDRINUSE);
   u16 port = 7;
@@ -76,7 +76,7 @@ SCENARIO(BindRandomPort, EndsAtOnceWithAnyOtherError) {
   EXPECT_TRUE(log.Contains(test::RandomBindFailed(WSAEACCES) + Number(s))) << log.Text();
 }
 
-SCENARIO(BindRandomPort, AHandleThatIsNoSocketIsAnyOtherError) {
+SCENARIO(BindRandomPort, AnInvalidSocketEndsItAtOnce) {
   test::LogCapture log(5);
   EXPECT_FALSE(BindRandomPort(12345, false, nullptr, true));
   EXPECT_TRUE(log.Contains(test::RandomBindFailed(WSAENOTSOCK) + "socket=12345")) << log.Text();
@@ -124,7 +124,7 @@ SCENARIO(CreateTcpSocketAndBind, WhatItAcceptsHoldsNoSmallPieceBack) {
   EXPECT_EQ(NoDelayOf(accepted), 1);
 }
 
-SCENARIO(CreateTcpSocketAndBind, WorksOverAProviderThatKnowsNoSuchOption) {
+SCENARIO(CreateTcpSocketAndBind, WorksWithAProviderWithoutTheOption) {
   port::FailCall("setsockopt", 1, WSAENOPROTOOPT);
   SOCKET s = INVALID_SOCKET;
   EXPECT_TRUE(CreateTcpSocketAndBind(&s, nullptr));
@@ -155,7 +155,7 @@ SCENARIO(CreateTcpSocketAndBind, LeavesTheSocketOpenWhenTheBindFails) {
   EXPECT_EQ(port::CallCount("ioctlsocket"), 0u);
 }
 
-SCENARIO(CreateTcpSocketAndBind, GivesUpAfterTwentyPortsThatAreKeptForOthers) {
+SCENARIO(CreateTcpSocketAndBind, GivesUpAfterTwentyReservedPorts) {
   port::FailCall("bind", 0, WSAEACCES);
   SOCKET s = 7;
   EXPECT_FALSE(CreateTcpSocketAndBind(&s, nullptr));
@@ -198,7 +198,7 @@ SCENARIO(CreateNonBlockTcpSocket, HoldsNoSmallPieceBack) {
   EXPECT_EQ(NoDelayOf(s), 1);
 }
 
-SCENARIO(CreateNonBlockTcpSocket, WorksOverAProviderThatKnowsNoSuchOption) {
+SCENARIO(CreateNonBlockTcpSocket, WorksWithAProviderWithoutTheOption) {
   test::LogCapture log(0);
   SOCKET s = INVALID_SOCKET;
   port::FailCall("setsockopt", 1, WSAENOPROTOOPT);

@@ -38,7 +38,7 @@ SCENARIO(Startup, GameIsPreparedOnceAndHookedForEachProtocol) {
   EXPECT_EQ(game.TraceCount("process path is C:\\Games\\Dawn\\dawn.exe\n"), 1);
 }
 
-SCENARIO(Startup, GameKnowsItselfAndHasALogFile) {
+SCENARIO(Startup, GameHasItsProcessInfoAndALogFile) {
   GameProcess game;
   game.ListAsGame();
   game.Start(6);
@@ -134,7 +134,7 @@ SCENARIO(Startup, ALongerNameThanSpeedTesterIsRefused) {
   ExpectNotHooked(L"C:\\tools\\MySpeedTester.exe", "");
 }
 
-SCENARIO(Startup, ASecondCopyOfTheLibraryStaysOut) {
+SCENARIO(Startup, ASecondCopyOfTheLibraryHooksNothing) {
   GameProcess game;
   game.ListAsGame();
   const HANDLE first_copy =
@@ -171,7 +171,7 @@ SCENARIO(Startup, TheGateMutexStaysToTheEndOfTheProcess) {
 }
 
 // The next provider's own start belongs to ours, however long it takes.
-SCENARIO(Startup, OneStartWaitsForAnother) {
+SCENARIO(Startup, StartsRunOneAfterTheOther) {
   GameProcess game;
   game.LayerOverForeign();
   test::Foreign().start_takes_ms = 500;

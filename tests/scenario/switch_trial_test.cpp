@@ -52,7 +52,7 @@ SCENARIO_F(SwitchTrial, WithoutAnotherNodeItEndsAtOnce) {
   ExpectOver(SwitchResult::kNoRoute);
 }
 
-SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNowhereToGo) {
+SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNoCandidate) {
   ScriptedNode::Answer first_version;
   first_version.version = 1;
   IsCarried(first_version);
@@ -60,7 +60,7 @@ SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNowhereToGo) {
   EXPECT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
 }
 
-SCENARIO_F(SwitchTrial, ARequestThatCannotLeaveEndsIt) {
+SCENARIO_F(SwitchTrial, ARequestThatCannotBeSentEndsIt) {
   IsCarried();
   port::FailCall("sendto", 1, WSAENETUNREACH);
   EXPECT_TRUE(Fires());
@@ -163,7 +163,7 @@ SCENARIO_F(SwitchTrial, AnAnswerAtTheLastMomentCounts) {
       << log->Text();
 }
 
-SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
+SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherAttempt) {
   test::ReportClient client;
   GetTracker().Init();
   IsCarried();
@@ -420,7 +420,7 @@ SCENARIO_F(SwitchTrial, AVerifiedNodeCarriesWhatTheGameSendsAndTheOldOneWhatItGe
   EXPECT_EQ(Results(), Outcomes{});
 }
 
-SCENARIO_F(SwitchTrial, ADatagramTooLongToWrapGoesPastAVerifiedNodeToo) {
+SCENARIO_F(SwitchTrial, ADatagramTooLongToWrapAlsoBypassesAVerifiedNode) {
   IsCarried();
   IsVerified();
   GameSends(Pattern(2029));

@@ -72,7 +72,7 @@ SCENARIO_F(TcpAddress, AnInvalidAddressGetsThePlatformsError) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpAddress, AnAddressOfAnotherFamilyGetsThePlatformsAnswer) {
+SCENARIO_F(TcpAddress, AnAddressOfAnotherFamilyGetsThePlatformsError) {
   std::vector<char> bytes(28);
   bytes[0] = kInet6;
   bytes[2] = static_cast<char>(kPort >> 8);

@@ -104,7 +104,7 @@ SCENARIO_F(TcpFailure, ARequestThatLeftInPartIsNotNoticed) {
 }
 
 // The last error of an earlier call says nothing about the node.
-SCENARIO_F(TcpFailure, ANodeThatClosesIsRecognisedWhereSuccessKeepsTheLastError) {
+SCENARIO_F(TcpFailure, ANodesCloseIsDetectedIfSuccessKeepsTheLastError) {
   a.Behaves(Closes());
   RunFor(100ms);
   port::SuccessKeepsLastError(true);
@@ -142,7 +142,7 @@ SCENARIO_F(TcpFailure, WithoutASocketForTheFarSideAConnectionWaitsForTheGame) {
   ExpectItWaitsForTheGame(s);
 }
 
-SCENARIO_F(TcpFailure, ASocketThatCannotBeMadeNonBlockingIsNoSocket) {
+SCENARIO_F(TcpFailure, ASocketThatCannotBeMadeNonBlockingIsNotUsed) {
   const SOCKET s = Tcp();
   port::FailCall("ioctlsocket", 1, WSAENOBUFS);
   ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);

@@ -107,7 +107,7 @@ SCENARIO_WITH_(TcpLimits, BackPressureInBothDirectionsLosesNothing, TcpLimits, 1
 // A server that has closed accepts nothing more, and what the game sends to it is dropped: it must
 // neither block the game for ever nor keep the worker busy. The game still gets what the server
 // sent last.
-SCENARIO_WITH_(TcpLimits, AGameMaySayMuchToAServerThatHasLeft, TcpLimits, 1, QuickSpin()) {
+SCENARIO_WITH_(TcpLimits, AGameCanSendMuchToAClosedServer, TcpLimits, 1, QuickSpin()) {
   const std::string last_words = Pattern(300'000);
   serve = [&](SOCKET t, Call* call) {
     SendAll(t, last_words);

@@ -29,7 +29,7 @@ class TcpRoute : public TcpWorld {
   }
 };
 
-SCENARIO_F_SEEDS(TcpRoute, GoesThroughTheNodeThatTheTablesSay, 10) {
+SCENARIO_F_SEEDS(TcpRoute, GoesThroughTheNodeOfTheTables, 10) {
   ExpectTalk();
   EXPECT_EQ(LastCall().from, "A");
   EXPECT_EQ(a.Last("request").Text("game"), "198.51.100.10:27015");
@@ -38,7 +38,7 @@ SCENARIO_F_SEEDS(TcpRoute, GoesThroughTheNodeThatTheTablesSay, 10) {
   EXPECT_EQ(b.Count("accepted"), 0u);
 }
 
-SCENARIO_F(TcpRoute, GoesToTheServerWhereTheTablesSaySo) {
+SCENARIO_F(TcpRoute, GoesDirectIfTheTablesSaySo) {
   for (const char* server : {kDirect, kUnlisted}) {
     ExpectTalk(server);
     EXPECT_EQ(LastCall().from, "game");
@@ -173,7 +173,7 @@ SCENARIO_F(TcpRoute, AForcedRouteIgnoresTheClientsProvider) {
   EXPECT_TRUE(Logged("[TCP]" + test::kForcedPastIsp));
 }
 
-SCENARIO_F(TcpRoute, ANodeThatTakesItsTimeIsWaitedFor) {
+SCENARIO_F(TcpRoute, WaitsForASlowNode) {
   a.AnswersAfter(4500);
   RunFor(100ms);
   ExpectTalk();

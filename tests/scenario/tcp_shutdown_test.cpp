@@ -240,7 +240,7 @@ class TcpBothEnd : public TcpShutdown {
   const std::string all = Pattern(300'000);
 };
 
-SCENARIO_F(TcpBothEnd, AGameThatLeavesAfterItsServerEndsTheConnectionAtOnce) {
+SCENARIO_F(TcpBothEnd, AGameThatClosesAfterItsServerEndsTheConnectionAtOnce) {
   closesocket(ServerLeaves());
   RunFor(100ms);
   EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
@@ -249,7 +249,7 @@ SCENARIO_F(TcpBothEnd, AGameThatLeavesAfterItsServerEndsTheConnectionAtOnce) {
 }
 
 // Kept: also if it only ends its half. What it sent last has no receiver, so nothing is waited for.
-SCENARIO_F(TcpBothEnd, AGameThatEndsItsHalfAfterItsServerHasLeftEndsTheConnectionAtOnce) {
+SCENARIO_F(TcpBothEnd, AGameThatEndsItsHalfAfterItsServerHasClosedEndsTheConnectionAtOnce) {
   const SOCKET s = ServerLeaves();
   shutdown(s, SD_SEND);
   RunFor(100ms);
@@ -259,7 +259,7 @@ SCENARIO_F(TcpBothEnd, AGameThatEndsItsHalfAfterItsServerHasLeftEndsTheConnectio
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpBothEnd, AGameThatBreaksAfterItsServerHasLeftEndsTheConnectionAtOnce) {
+SCENARIO_F(TcpBothEnd, AGameThatResetsAfterItsServerHasClosedEndsTheConnectionAtOnce) {
   const SOCKET s = ServerLeaves();
   port::FailCall("send", 1, WSAECONNRESET);
   std::string got, end;

@@ -151,7 +151,7 @@ SCENARIO_F(TcpStream, AResetOfTheGameAtAnyMomentLeaksNothing) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpStream, ANodeThatBreaksOffEndsTheConnectionWithoutAWrongByte) {
+SCENARIO_F(TcpStream, ANodeThatResetsEndsTheConnectionWithoutAWrongByte) {
   for (const std::uint32_t bytes : {1u, 5'000u, 100'000u}) {
     a.Behaves().ResetsAfter(bytes);
     RunFor(100ms);

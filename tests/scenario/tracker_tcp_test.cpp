@@ -103,7 +103,7 @@ SCENARIO_F_SEEDS(TrackerTcp, ConnectionThroughANodeIsReportedToTheByte, 5) {
 
 // The worker's last error is "would block" most of the time, and stays so where success clears
 // none.
-SCENARIO_F(TrackerTcp, BytesAreCountedWhateverErrorAnEarlierCallLeft) {
+SCENARIO_F(TrackerTcp, ByteCountsDoNotDependOnAnEarlierLastError) {
   port::SuccessKeepsLastError(true);
   Talk(kServer, 20'000);
   const CommInfoRecord* const last = LastReport();
@@ -287,7 +287,7 @@ SCENARIO_F(TrackerTcpHeld, CleanupDoesNotWaitForAStoppedClient) {
   closesocket(direct);
 }
 
-SCENARIO_F_SEEDS(TrackerTcpHeld, CleanupLeavesTheLastReportsWithinItsTime, 10) {
+SCENARIO_F_SEEDS(TrackerTcpHeld, CleanupWritesTheLastReportsInTime, 10) {
   const SOCKET s = Joins();
   EXPECT_EQ(Talks(s, "hello"), "hello");
   RunFor(std::chrono::milliseconds(world.random().Below(3000)));

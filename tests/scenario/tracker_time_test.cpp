@@ -117,7 +117,7 @@ SCENARIO_F(TrackerTime, EachReportGoesOutWithoutWaitingForAnother) {
 
 // A report that is added while the thread takes over the waiting ones must not wait for the signal
 // of the next one.
-SCENARIO_F_SEEDS(TrackerTime, WhatComesWhileTheThreadTakesOverIsReportedWithoutFurtherSignal, 6) {
+SCENARIO_F_SEEDS(TrackerTime, ReportsAddedDuringAPassNeedNoFurtherSignal, 6) {
   constexpr int kAtOnce = 3;
   tracker.Init();
   AddAccelerated(kSocket, "guid");
@@ -407,7 +407,7 @@ SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndCanBeRepeated) {
 }
 
 // The thread is busy when it is told to end; open sockets must still be reported.
-SCENARIO_F_SEEDS(TrackerTime, EndShowsWhatIsOpenHoweverFarTheThreadIs, 6) {
+SCENARIO_F_SEEDS(TrackerTime, EndReportsOpenSocketsInEveryStateOfTheThread, 6) {
   for (u32 sent = 1; sent <= 60; ++sent) {
     tracker.Init();
     if (sent == 1) AddAccelerated(kSocket, "guid");

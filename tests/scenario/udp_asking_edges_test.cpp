@@ -107,7 +107,7 @@ SCENARIO_F(UdpAskingEdges, ASocketThatWasClosedMeanwhileIsLoggedAsAFailure) {
 // --- datagrams in pieces ----------------------------------------------------------------------
 
 // All pieces together are what was queued, and what is taken back.
-SCENARIO_F(UdpAskingEdges, ADatagramInPiecesIsTakenBackWhole) {
+SCENARIO_F(UdpAskingEdges, ADatagramInSeveralBuffersIsTakenBack) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
@@ -123,7 +123,7 @@ SCENARIO_F(UdpAskingEdges, ADatagramInPiecesIsTakenBackWhole) {
   EXPECT_EQ(Heard("A"), (Texts{"first", "waits", "abcdefg"}));
 }
 
-SCENARIO_F(UdpAskingEdges, ADatagramReceivedInPiecesHasTheSourceOfTheWhole) {
+SCENARIO_F(UdpAskingEdges, ADatagramReceivedInSeveralBuffersHasItsSource) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_EQ(Sends(s, "abcX"), 0);
@@ -146,7 +146,7 @@ SCENARIO_F(UdpAskingEdges, ADatagramReceivedInPiecesHasTheSourceOfTheWhole) {
 // --- a refusal --------------------------------------------------------------------------------
 
 // It applies to every way of asking.
-SCENARIO_F(UdpAskingEdges, ARefusedSocketThatIsConnectedAsksForNothingMore) {
+SCENARIO_F(UdpAskingEdges, AConnectedRefusedSocketSendsNoFurtherRequest) {
   Starts();
   const SOCKET s = Udp();
   port::FailCall("CreateEventA", 1, ERROR_NOT_ENOUGH_MEMORY);
@@ -210,7 +210,7 @@ int WSPAPI SeeThread(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytes, DWO
 }
 
 // A connect passes no thread identifier.
-SCENARIO_F(UdpAskingEdges, AConnectAsksInTheNameOfItsThread) {
+SCENARIO_F(UdpAskingEdges, AConnectUsesTheCallingThread) {
   Starts();
   spied_send_to = NextProvider().lpWSPSendTo;
   NextProvider().lpWSPSendTo = SeeThread;

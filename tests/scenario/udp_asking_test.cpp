@@ -56,7 +56,7 @@ SCENARIO_F(UdpAsking, OnceForASocketAndOnceForADestination) {
              "relay=true, socket="));
 }
 
-SCENARIO_F(UdpAsking, WhatIsNotWantedGoesDirectlyFromARelayedSocketToo) {
+SCENARIO_F(UdpAsking, ARelayedSocketSendsOtherDatagramsDirectly) {
   Starts(0);
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "relayed"), "relayed from 198.51.100.10:27015");
@@ -68,7 +68,7 @@ SCENARIO_F(UdpAsking, WhatIsNotWantedGoesDirectlyFromARelayedSocketToo) {
   EXPECT_EQ(Heard("game"), Texts{"plain"});
 }
 
-SCENARIO_F(UdpAsking, ASocketOnlyEverUsedDirectlyAsksForNothing) {
+SCENARIO_F(UdpAsking, ADirectSocketSendsNoRequest) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "plain", kUnlisted), "plain from 198.51.100.14:27015");
@@ -190,7 +190,7 @@ SCENARIO_F(UdpAsking, AnAnswerCountsAlsoWhereItsEventWasNotSeen) {
   EXPECT_TRUE(Logged("wait_result=258, socket=")) << log_text();
 }
 
-SCENARIO_F(UdpAsking, ALateAnswerStaysUntaken) {
+SCENARIO_F(UdpAsking, ALateAnswerIsNotTaken) {
   Starts();
   const SOCKET s = Udp();
   const u32 token = RecordOf(s).token;
@@ -207,7 +207,7 @@ SCENARIO_F(UdpAsking, ALateAnswerStaysUntaken) {
 }
 
 // The handle that the request names may be another event's by the time it is set.
-SCENARIO_F(UdpAsking, ALateAnswerMayWakeAnotherWaiter) {
+SCENARIO_F(UdpAsking, ALateAnswerCanWakeAnotherWaiter) {
   Starts();
   const SOCKET s = Udp();
   world.Stall(GetRelayMgr().GetWorkerThreadId(), 600ms);
@@ -223,7 +223,7 @@ SCENARIO_F(UdpAsking, ALateAnswerMayWakeAnotherWaiter) {
 }
 
 // The relay accepts only the loopback address, and this socket sends from another.
-SCENARIO_F(UdpAsking, ASocketThatIsBoundToTheNetworkGoesDirectlyAfterAWait) {
+SCENARIO_F(UdpAsking, ASocketBoundToTheNetworkIsDirectAfterAWait) {
   Starts();
   const SOCKET s = Udp();
   ASSERT_EQ(BindTo(s, kGame, 5000), 0);
@@ -276,7 +276,7 @@ SCENARIO_F(UdpAsking, ANewSocketWithTheSameHandleIsNotGivenTheOldOnesRelay) {
 
 // Two threads may ask for one socket at once; one is refused, and its result may be stored last.
 // Their datagrams arrive in either case.
-SCENARIO_F_SEEDS(UdpAsking, TwoThreadsMayAskAtOnceForOneSocket, 20) {
+SCENARIO_F_SEEDS(UdpAsking, TwoThreadsCanRequestARelayForOneSocketAtOnce, 20) {
   Starts();
   const SOCKET s = Udp();
   for (const char* text : {"one", "two"}) {
@@ -447,7 +447,7 @@ SCENARIO_F(UdpAsking, ADatagramWhoseSourceIsForgottenComesFromTheRelay) {
 
 // Anyone who knows the socket's port can send to it: a datagram that did not come from the relay
 // keeps its own source, and does not change the source of the relay's datagram.
-SCENARIO_F(UdpAsking, OnlyTheRelaysDatagramsAreGivenAnotherSource) {
+SCENARIO_F(UdpAsking, OnlyTheRelaysDatagramsGetAnotherSource) {
   sim::Host& stranger = world.AddHost("stranger", {"198.51.100.66"});
   server->answer = [](const std::string& text) {
     if (text == "slow") Sleep(200);

@@ -80,7 +80,7 @@ SCENARIO_F(UdpControlPort, AnAnswerIsTakenOnce) {
   EXPECT_EQ(Answer(kToken), "none");
 }
 
-SCENARIO_F(UdpControlPort, ATokenThatIsTakenIsRefusedAndItsSessionGoesOn) {
+SCENARIO_F(UdpControlPort, ATokenInUseIsRefusedAndItsSessionContinues) {
   Begins();
   const std::string open =
       Bytes(ProtoRelayOpen::Request(kToken, At(kServer, kPort), event, asking));
@@ -192,7 +192,7 @@ SCENARIO_F(UdpControlPort, AnInvalidEventHandleIsNotSet) {
   }
 }
 
-SCENARIO_F(UdpControlPort, AFloodOfDatagramsTooLongLetsTheOthersThrough) {
+SCENARIO_F(UdpControlPort, AFloodOfOversizeDatagramsDoesNotBlockOthers) {
   Begins(0);
   for (int i = 0; i < 20; ++i) {
     sockaddr_in control = {};

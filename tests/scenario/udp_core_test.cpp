@@ -103,7 +103,7 @@ SCENARIO_F(UdpRelay, AfterTwoSilentNodesTheFlowIsDirect) {
   EXPECT_EQ(Talks(s, "later"), "later from 198.51.100.10:27015");
 }
 
-SCENARIO_F(UdpRelay, ARefusalTurnsToTheOtherNodeAtOnce) {
+SCENARIO_F(UdpRelay, AfterARefusalTheOtherNodeIsTriedAtOnce) {
   a.AnswersWith(9);
   Starts();
   const SOCKET s = Udp();
@@ -112,7 +112,7 @@ SCENARIO_F(UdpRelay, ARefusalTurnsToTheOtherNodeAtOnce) {
   EXPECT_TRUE(Logged(test::NegotiationFailed(9)));
 }
 
-SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsLeftUnlessItIsForced) {
+SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsReplacedUnlessItIsForced) {
   a.ServesIsps(2);
   Starts();
   const SOCKET s = Udp();
@@ -124,7 +124,7 @@ SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsLeftUnlessItIsForced) {
   EXPECT_EQ(Heard("A"), Texts{"forced"}) << AllHeard();
 }
 
-SCENARIO_F(UdpRelay, ANodeThatIsForcedByHandIsNotLeftEither) {
+SCENARIO_F(UdpRelay, AManuallyForcedNodeIsNotReplaced) {
   using namespace moru_vyr::lsp;  // NOLINT: the tables' records
   auto image = std::make_unique<RouteTableImage>();
   test::AddProxy(*image, 1, kNodeA).surport_isps = 1;
@@ -387,7 +387,7 @@ SCENARIO_F(UdpSwitch, ASingleLostUploadDoesNotStartABurst) {
   EXPECT_GT(asked(), at_first) << "two in a hundred are two percent";
 }
 
-SCENARIO_F(UdpSwitch, ADeadNodeIsLeftForTheOtherWithTheGamesPortUnchanged) {
+SCENARIO_F(UdpSwitch, AFlowMovesFromADeadNodeAndKeepsTheGamesPort) {
   MayMeasureAndSwitch();
   Starts();
   RunFor(60s);

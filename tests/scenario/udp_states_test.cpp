@@ -103,7 +103,7 @@ SCENARIO_F(UdpStates, AnUnknownSenderOfADirectFlowKeepsItsAddress) {
 
 // --- lengths ----------------------------------------------------------------------------------
 
-SCENARIO_F(UdpStates, ADatagramOfNoBytesWaitsLikeAnyOther) {
+SCENARIO_F(UdpStates, AnEmptyDatagramWaitsLikeAnyOther) {
   IsQuiet();
   a.AnswersAfter(300);
   Starts(0);
@@ -383,7 +383,7 @@ SCENARIO_F(UdpStates, ANodeThatRefusesTwiceIsReplacedOnce) {
   EXPECT_EQ(Heard("B"), Texts{"hello"});
 }
 
-SCENARIO_F(UdpStates, ARequestThatCannotBeSentWaitsItsTime) {
+SCENARIO_F(UdpStates, ARequestThatCannotBeSentTimesOut) {
   Starts();
   const SOCKET s = Udp();
   int left = 1;
@@ -472,7 +472,7 @@ sim::Options AboutToWrap() {
   return options;
 }
 
-SCENARIO_WITH_(UdpStates, AFlowGoesOnWhileTheTickCountWraps, UdpStates, 4, AboutToWrap()) {
+SCENARIO_WITH_(UdpStates, AFlowContinuesOverTheWrapOfTheTickCount, UdpStates, 4, AboutToWrap()) {
   Starts();
   const SOCKET s = Udp();
   for (int i = 0; i < 60; ++i) {

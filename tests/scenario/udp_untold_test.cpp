@@ -74,7 +74,7 @@ SCENARIO_F(UdpUntold, AnEndThatWouldBlockIsFoundOut) {
   EXPECT_EQ(a.Count("flow_closed"), 1u);
 }
 
-SCENARIO_F(UdpUntold, AnEndThatIsCutIsFoundOut) {
+SCENARIO_F(UdpUntold, ATruncatedEndMessageIsDetected) {
   Begins();
   const SOCKET s = Relayed();
   // The relay must not act on a message that the provider has cut short.

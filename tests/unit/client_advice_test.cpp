@@ -285,7 +285,7 @@ TEST_F(ClientExplainAdvice, IsInTheAnswerForAFlowThatCouldMove) {
       << ExplanationJson(answer);
 }
 
-TEST_F(ClientExplainAdvice, IsLeftOutWhereNothingCouldMove) {
+TEST_F(ClientExplainAdvice, IsOmittedIfNoFlowCouldMove) {
   EXPECT_TRUE(Ask("198.51.100.10:80", "tcp").warnings.empty());  // streams stay
   EXPECT_TRUE(Ask("198.51.100.12:80", "udp").warnings.empty());  // goes direct
 }

@@ -94,7 +94,7 @@ TEST_F(ClientRegion, TheReaderTakesTheRecordByteForByte) {
   EXPECT_EQ(std::memcmp(&read, &file.tables->restriction.games[0], sizeof read), 0);
 }
 
-TEST_F(ClientRegion, ANewFileReachesWhoStartsLaterThroughAnOlderMapping) {
+TEST_F(ClientRegion, ANewFileReachesLaterGamesThroughAnOlderMapping) {
   ASSERT_TRUE(Serve(ListedGame("C:\\one.exe", 1)));
   common::Shared_mem_obj older(kRestrictionRegionName, sizeof(RestrictionRegion),
                                kRestrictionMutexName, false);
@@ -141,7 +141,7 @@ TEST_F(ClientRegion, AMutexThatIsNeverReleasedIsAnErrorAndNoHang) {
   EXPECT_NE(error.find(kRestrictionMutexName), std::string::npos) << error;
 }
 
-TEST_F(ClientRegion, AMutexLeftByTheDeadIsTakenAndGivenBack) {
+TEST_F(ClientRegion, AMutexOfADeadProcessIsTakenAndReleased) {
   common::NamedMutex mutex(kRestrictionMutexName);
   test::RunThread([&] { mutex.lock(); });  // ends with it
   ASSERT_TRUE(Serve(ListedGame("C:\\one.exe", 1)));

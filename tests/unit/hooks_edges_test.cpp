@@ -128,7 +128,7 @@ TEST_F(HookEdges, APeerThatDoesNotFitIsNotReadBeyondItsPlace) {
 
 // --- opening --------------------------------------------------------------------------------
 
-TEST_F(HookEdges, OnlyTheFlagForItMakesASocketOverlapped) {
+TEST_F(HookEdges, OnlyItsFlagMakesASocketOverlapped) {
   test::LogCapture log(4);
   Make(1, 6, 0x80);
   EXPECT_TRUE(log.Contains("overlapped=false, protocol=6, ")) << log.Text();
@@ -174,7 +174,7 @@ TEST_F(HookEdges, ABindThatSucceedsStoresNoPort) {
 // --- ConnectEx ------------------------------------------------------------------------------
 
 // The function comes from an ioctl: of the table it needs that entry alone.
-TEST_F(HookEdges, ConnectExNeedsNoConnectBelow) {
+TEST_F(HookEdges, ConnectExNeedsNoConnectOfTheNextProvider) {
   common::GetProcessInfo().tcp_proc_table.lpWSPConnect = nullptr;
   Make();
   EXPECT_EQ(WSPConnectEx(next.socket, Generic(server), 16, nullptr, 0, nullptr, nullptr), FALSE);
@@ -296,7 +296,7 @@ TEST_F(HookEdges, EachCallCountsItsFailuresApart) {
 // --- a socket that may not be relayed -------------------------------------------------------
 
 // Whatever its record says about a relay, none is asked for.
-TEST_F(HookEdges, AConnectedSocketThatMayNotBeRelayedAsksForNothing) {
+TEST_F(HookEdges, AConnectedSocketThatMayNotBeRelayedSendsNoRequest) {
   Make(2, 17);
   GetSocketMap().SetUdpConnectMode(next.socket, true);
   EXPECT_EQ(Send(), 0);

@@ -73,7 +73,7 @@ TEST_F(ExtensionHooks, IoctlOfAnUnknownSocketFailsSilently) {
 }
 
 // A process whose sockets may not be relayed keeps the real function.
-TEST_F(ExtensionHooks, WithoutARelayTheRealConnectExIsHandedOut) {
+TEST_F(ExtensionHooks, WithoutARelayTheRealConnectExIsReturned) {
   test::LogCapture log(0);
   EXPECT_EQ(Query(WSAID_CONNECTEX, next.socket), 0);
   EXPECT_NE(function, nullptr);
@@ -184,7 +184,7 @@ TEST_F(ExtensionHooks, AFailedQueryLogsAllItsArguments) {
   EXPECT_GT(text.find("extension function is ConnectEx"), failure);
 }
 
-TEST_F(ExtensionHooks, ConnectExTurnsTheRealAnswerRound) {
+TEST_F(ExtensionHooks, ConnectExNegatesTheRealResult) {
   char data[4] = {};
   DWORD sent = 0;
   OVERLAPPED overlapped{};
@@ -205,7 +205,7 @@ TEST_F(ExtensionHooks, ConnectExTurnsTheRealAnswerRound) {
       << log.Text();
 }
 
-TEST_F(ExtensionHooks, APendingConnectExLooksTrueAndKeepsItsError) {
+TEST_F(ExtensionHooks, APendingConnectExReturnsTrueAndKeepsItsError) {
   test::LogCapture log(5);
   next.error = 997;
   OVERLAPPED overlapped{};

@@ -280,7 +280,7 @@ TEST_F(StreamHooks, PeerNameWithoutABufferOrARecordFails) {
       log.Contains(test::NoNextProvider("WSPGetPeerName") + std::to_string(kUnknown) + "\n"));
 }
 
-TEST_F(StreamHooks, CloseForgetsTheSocketAndReturnsTheNextProvidersAnswer) {
+TEST_F(StreamHooks, CloseForgetsTheSocketAndReturnsTheNextProvidersResult) {
   const u32 token = MakeSocket(2, 17);
   test::LogCapture log(4);
   next.result = -1;

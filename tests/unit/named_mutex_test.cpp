@@ -103,7 +103,7 @@ TEST(NamedMutexGuard, HoldsForItsScope) {
   EXPECT_TRUE(OtherThreadGets(name));
 }
 
-TEST(NamedMutexGuard, TryingGuardReleasesOnlyWhatItGot) {
+TEST(NamedMutexGuard, TryingGuardReleasesOnlyAMutexThatItTook) {
   const std::string name = Name("trying_guard");
   NamedMutex mutex(name);
   {

@@ -58,7 +58,7 @@ TEST(NodeDatagram, IsReadAsTheProtocolHasIt) {
   EXPECT_EQ(datagram.payload_size, 0u);
 }
 
-TEST(NodeDatagram, IsRefusedWhereItCannotBeOne) {
+TEST(NodeDatagram, IsRefusedIfItIsMalformed) {
   std::string bytes = Text(Hex("0114000000000007 01020304cb00710969870003")) + "hello";
   ClientDatagram datagram;
   for (std::size_t size = 0; size < 20; ++size)
@@ -112,7 +112,7 @@ TEST(NodeDatagram, IsWrittenAsTheProtocolHasIt) {
   }
 }
 
-TEST(NodeDatagram, IsWhatTheProtocolsOtherReaderReads) {
+TEST(NodeDatagram, AgreesWithTheProtocolsOtherDecoder) {
   Behaviour behaviour;
   behaviour.head_len = 24;
   const std::string bytes = Written(behaviour, "hello");
@@ -193,7 +193,7 @@ TEST(NodeLane, OrderIsKeptWhenTheDelayShrinks) {
   EXPECT_EQ(lane.Decide({}, 501).due[0], 501u);
 }
 
-TEST(NodeDelayLine, GivesBackByTimeAndThenByOrder) {
+TEST(NodeDelayLine, ReturnsByTimeAndThenByOrder) {
   DelayLine line;
   Parcel parcel;
   EXPECT_EQ(line.NextDue(), DelayLine::kNever);

@@ -70,7 +70,7 @@ TEST(NodeRequest, EveryVersionIsReadInPiecesOfAnySize) {
   }
 }
 
-TEST(NodeRequest, EveryTruncationWantsMore) {
+TEST(NodeRequest, EveryTruncationNeedsMoreBytes) {
   for (const int version : {1, 2, 3}) {
     const Bytes whole = Request(version);
     for (std::size_t size = 0; size < whole.size(); ++size)

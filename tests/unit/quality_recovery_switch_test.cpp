@@ -100,7 +100,7 @@ TEST(RecoverySwitch, LogsWhyItDoesNotMeasure) {
   EXPECT_TRUE(log.Contains(test::MeasuringBarred(-3) + "42, socket=1234, token=77"));
 }
 
-TEST(RecoverySwitch, AnUnusableUnitLeavesItSilent) {
+TEST(RecoverySwitch, AnUnusableUnitDisablesIt) {
   LinkJudge link(0);
   LogCapture log;
   link.config.lost_calc_unit_size = 10;
@@ -150,7 +150,7 @@ TEST(RecoverySwitch, DoesNothingWhileItDoesNotJudge) {
   EXPECT_EQ(log.Text(), "");
 }
 
-TEST(RecoverySwitch, WithNoReportAllowedNothingIsEverChecked) {
+TEST(RecoverySwitch, WithNoReportAllowedNothingIsChecked) {
   LinkJudge link(0);
   link.config.max_link_except_rep_num = 0;
   ASSERT_TRUE(link.Start());
@@ -300,7 +300,7 @@ TEST(RecoverySwitch, LogsWhyItDoesNotSwitch) {
   }
 }
 
-TEST(RecoverySwitch, ADiagnosticProcessMaySwitchWhateverIsOpen) {
+TEST(RecoverySwitch, ADiagnosticProcessMayAlwaysSwitch) {
   const ProcessName name("speedtester.EXE");
   LinkJudge link;
   link.config.switch_open = 0;
@@ -441,7 +441,7 @@ TEST(RecoverySwitch, AReportResetsTheFiguresItIsBasedOn) {
   EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, false), 102);
 }
 
-TEST(RecoverySwitch, ANewLinkIsNotJudgedByWhatWasReadOfTheOldOne) {
+TEST(RecoverySwitch, ANewLinkIsNotJudgedByFiguresOfTheOldOne) {
   LinkJudge link;
   ASSERT_TRUE(link.Start());
   link.judge.SetUploadLost(50);

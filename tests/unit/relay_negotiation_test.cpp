@@ -109,7 +109,7 @@ TEST_F(Negotiation, TheRequestNamesTheClientAndTheServer) {
   EXPECT_EQ(std::memcmp(&request.body.last_node, &none, sizeof none), 0);
 }
 
-TEST(NegoRequestTest, TheUsersNumberIsWhatTheDigitsOfItsTextSay) {
+TEST(NegoRequestTest, TheUsersNumberIsParsedFromItsText) {
   const std::pair<const char*, u64> cases[] = {
       {"", 0}, {"x", 0}, {"12x", 12}, {"0010", 10}, {"99999999999999999999", ~u64{0}}};
   for (const auto& [text, number] : cases) {

@@ -238,7 +238,7 @@ TEST_P(ReportSlots, AreTakenForAnyNonzeroFirstByte) {
 }
 
 // A process may be ended between any two writes, and the mutex goes to the next all the same.
-TEST_P(ReportSlots, AreFreeOrWholeAfterEachWrite) {
+TEST_P(ReportSlots, AreFreeOrCompleteAfterEachWrite) {
   if (!test::CanStep()) GTEST_SKIP() << "no steps here";
   common::SetLogThreshold(6);
   Region region(channel());

@@ -106,7 +106,7 @@ TEST_F(DecisionTest, EachCheckPrecedesTheNext) {
       "be used, token=77");
 }
 
-TEST_F(DecisionTest, VerdictOfTheTableIsTheAnswerAndTheReason) {
+TEST_F(DecisionTest, DecisionOfTheTableGivesTheResultAndTheReason) {
   PublishAll();
   const struct {
     u32 decision;
@@ -240,7 +240,7 @@ TEST_F(DecisionTest, LateRouteTableIsSeenByAPingBeforeADecision) {
 
 // --- the choice of the proxy -------------------------------------------------------------------
 
-TEST_F(DecisionTest, BothModeBitsTogetherTakeTheOtherReference) {
+TEST_F(DecisionTest, BothModeBitsTogetherSelectTheOtherReference) {
   const struct {
     u32 net_mode;
     u32 proxy_idc;
@@ -285,7 +285,7 @@ TEST_F(DecisionTest, WithoutAccModeNothingIsAcceleratedWhateverTheTablesSay) {
       "used!decision=3, game_launch_test_use=true");
 }
 
-TEST_F(DecisionTest, ForcedProxyCountsInManualModeWhereItReaches) {
+TEST_F(DecisionTest, ForcedProxyCountsInManualModeForReachableDataCentres) {
   common::SetFieldText(config.forced_proxy.proxy_addr, "198.51.100.77");
   config.forced_proxy.proxy_idc = 77;
   config.forced_proxy.decision = DECISION_DIRECT;
@@ -348,7 +348,7 @@ TEST_F(DecisionTest, LaunchTestReplacesAnAutomaticChoiceAmongTheTopThree) {
   Say("[0][lsp][Route][LoadGltRouteInfoFromShare] Got a glt route table, game_idc=1001");
 }
 
-TEST_F(DecisionTest, MissingLaunchTestLeavesTheTablesChoice) {
+TEST_F(DecisionTest, WithoutALaunchTestTheTablesDecide) {
   config.game_launch_test_use = 1;
   PublishAll();
   EXPECT_TRUE(Decide());
@@ -472,7 +472,7 @@ TEST_F(LaunchTestTest, TextsWithoutAnEndGetOne) {
   EXPECT_EQ(std::string(glt.proxy.proxy_name), std::string(63, 'x'));
 }
 
-TEST_F(LaunchTestTest, MutexIsLetGoOnEveryPath) {
+TEST_F(LaunchTestTest, MutexIsReleasedOnEveryPath) {
   EXPECT_FALSE(Load(1001)) << "there is no region";
   ClientRegion<LaunchTestRegion> region(kLaunchTestRegionName);
   AddGlt(region.region(), 1001, 2, "198.51.100.2");

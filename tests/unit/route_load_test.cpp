@@ -135,7 +135,7 @@ class SpurBeat : public RouteLoad {
 
 // The event is never closed: once a policy has made it, its name is taken for the rest of the
 // process. So this test comes first, and leaves no event behind.
-TEST_F(SpurBeat, EventThatCannotBeMadeFiveTimesIsGivenUp) {
+TEST_F(SpurBeat, EventIsAbandonedAfterFiveFailedCreations) {
   if (EventExists()) GTEST_SKIP() << "another test of this process has made the event";
   {
     // Its name is taken by an object of another kind.

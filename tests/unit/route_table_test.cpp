@@ -59,7 +59,7 @@ void Put(std::vector<u8>& bytes, u32 offset, u32 value) {
 }
 
 // Written by offset alone, as a client in another language writes it.
-TEST_F(RouteTableTest, FileIsReadByteByByteWhereEachFieldBelongs) {
+TEST_F(RouteTableTest, FileHasEveryFieldAtItsOffset) {
   std::vector<u8> bytes(65668);
   Put(bytes, 0, 1);         // one route in the first set
   Put(bytes, 4 + 8, 1301);  // its game_idc
@@ -230,7 +230,7 @@ TEST_F(RouteTableTest, LookupsFollowEachFlip) {
   EXPECT_TRUE(table().FindRouteEntry(3, nullptr).has_value()) << "any larger value is the second";
 }
 
-TEST_F(RouteTableTest, BufferOfAnotherVersionGivesNothingUntilTheNextFlip) {
+TEST_F(RouteTableTest, BufferOfAnotherVersionIsIgnoredUntilTheNextFlip) {
   AddRoute(image.route_sets[0], 1301, Ref(9));
   AddProxy(image, 9, "203.0.113.9");
   RouteClient region;
@@ -277,7 +277,7 @@ TEST_F(RouteTableTest, WithoutMemoryForTheRegionTheFileIsTried) {
   EXPECT_FALSE(table().LoadRoute()) << "and it was the region";
 }
 
-TEST_F(RouteTableTest, CopiesOfEntriesOutliveWhatTheClientDoesNext) {
+TEST_F(RouteTableTest, CopiesOfEntriesDoNotChangeWithTheRegion) {
   auto region = std::make_unique<RouteClient>();
   AddRoute(image.route_sets[0], 1301, Ref(9));
   region->Publish(image);

@@ -294,7 +294,7 @@ TEST_F(RouteTables, BlacklistFieldsMatchOrAreWildcards) {
   }
 }
 
-TEST_F(RouteTables, BlacklistSearchGoesOnPastWhatDoesNotMatch) {
+TEST_F(RouteTables, BlacklistSearchContinuesAfterARecordThatDoesNotMatch) {
   LoadBlacklist({{0, 0, 0, 1, {}}, {9, 0, 0, 1, {}}, {0, 0, 80, 2, {}}, {0, 0, 80, 1, {}}});
   EXPECT_TRUE(route.blacklist().IsInAccBlacklist(5, Ip("203.0.113.1"), Port(80), SOCK_STREAM));
 }
@@ -326,7 +326,7 @@ TEST_F(RouteTables, BlacklistRegionIsReadAtEachLoadAndMayTurnEmpty) {
 
 // --- port map --------------------------------------------------------------------------------
 
-TEST_F(RouteTables, PortMapTakesPortsAndPassesOverRecordsWithoutDataCentre) {
+TEST_F(RouteTables, PortMapSkipsRecordsWithoutADataCentre) {
   LoadPorts({{80, 11}, {80, 0}, {443, 12}, {80, 13}});
   EXPECT_EQ(route.port_map().size(), 2u);
   EXPECT_EQ(*route.port_map().Find(80), 13u);

@@ -250,7 +250,7 @@ TEST_F(SharedMem, RecordTooShortForAHeaderPassesNoCheck) {
   object.Close();
 }
 
-TEST_F(SharedMem, MappingSmallerThanTheRecordIsNoRegion) {
+TEST_F(SharedMem, MappingSmallerThanTheRecordIsRefused) {
   // A page, because whole pages are mapped; the record asked for is larger than that.
   const HANDLE small =
       CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, name_.c_str());
@@ -268,7 +268,7 @@ TEST_F(SharedMem, MappingSmallerThanTheRecordIsNoRegion) {
   CloseHandle(small);
 }
 
-TEST_F(SharedMem, NameOfAnotherObjectIsNoRegion) {
+TEST_F(SharedMem, NameOfAnotherObjectIsRefused) {
   const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, name_.c_str());
   ASSERT_NE(event, nullptr);
   EXPECT_FALSE(Shared_mem_obj::Exists(name_));

@@ -76,7 +76,7 @@ TEST_F(BindThroughNextProvider, TakesAPortOfLoopbackAndReturnsItInNetworkOrder) 
       << log.Text();
 }
 
-TEST_F(BindThroughNextProvider, WithoutLoopbackItAsksForAllAddresses) {
+TEST_F(BindThroughNextProvider, WithoutLoopbackItBindsToAllAddresses) {
   ASSERT_TRUE(Bind(nullptr, false));
   EXPECT_EQ(bind.addresses[0].sin_addr.s_addr, 0u);
 }
@@ -139,7 +139,7 @@ TEST_F(BindThroughNextProvider, ASocketClosedAfterWinsocksEndLeavesNoRecord) {
   EXPECT_FALSE(GetSocketMap().Get(kUnbound, &record));
 }
 
-TEST_F(BindThroughNextProvider, PortsComeFromTheWholeRangeAndNoOther) {
+TEST_F(BindThroughNextProvider, PortsComeFromTheWholeRangeOnly) {
   bind.then = WSAEADDRINUSE;
   for (int i = 0; i < 200; ++i) Bind(nullptr);
   std::set<unsigned> ports;

@@ -19,7 +19,7 @@ using common::FormatBounded;
 using common::u16to8;
 using common::u8to16;
 
-TEST(U8To16, WellFormedTextComesBackUnchanged) {
+TEST(U8To16, WellFormedTextSurvivesARoundTrip) {
   const std::string rows[] = {"C:\\games\\a.exe",    "\xC3\xA9",     "\xE6\xB8\xB8\xE6\x88\x8F",
                               "\xF0\x9F\x8E\xAE",    "\xEF\xBF\xBF", "\xF4\x8F\xBF\xBF",
                               std::string("a\0b", 3)};
@@ -182,7 +182,7 @@ TEST(CombineLoss, TruncatesTheExactFigure) {
   }
 }
 
-TEST(CombineLoss, TakesACodeForAPercentage) {
+TEST(CombineLoss, TreatsACodeAsAPercentage) {
   EXPECT_EQ(CombineLoss(0, 102), 102);
   EXPECT_EQ(CombineLoss(10, 102), 101);
   EXPECT_EQ(CombineLoss(255, 255), -140);

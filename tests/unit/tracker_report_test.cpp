@@ -230,7 +230,7 @@ TEST_F(TrackerReports, SocketClosedAtTheEndIsInTheLastReport) {
 }
 
 // The relay's providers end their sessions after the Tracker has ended.
-TEST_F(TrackerReports, WhatComesAfterTheEndWaitsForTheNextStart) {
+TEST_F(TrackerReports, ReportsAfterTheEndWaitForTheNextStart) {
   AddAccelerated();
   ReportAll();
   const int before = UsedSlots(client.traffic);

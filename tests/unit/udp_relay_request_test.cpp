@@ -92,7 +92,7 @@ TEST_F(ControlMessages, ARequestNamesTheSocketItsDestinationAndAnEvent) {
                            ": sendto, error=10055, socket=4660, token=4711\n"));
 }
 
-TEST_F(ControlMessages, ARequestThatIsCutIsNotWaitedFor) {
+TEST_F(ControlMessages, ATruncatedRequestIsNotAwaited) {
   next.bytes = sizeof(ProtoRelayOpen) - 1;
   test::LogCapture log(5);
   EXPECT_FALSE(Request(&server));
@@ -174,7 +174,7 @@ TEST_F(ControlMessages, OnlyRelayedSocketsSendAnEndMessage) {
 
 // --- how a datagram uses the answer -----------------------------------------------------------
 
-TEST_F(ControlMessages, ADatagramGoesToTheRelayOnlyWhereAWorkerServes) {
+TEST_F(ControlMessages, ADatagramGoesToTheRelayOnlyWhileAWorkerServes) {
   char data[4] = {};
   WSABUF buffer{sizeof data, data};
   IsRelayed();
