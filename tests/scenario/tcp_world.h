@@ -4,7 +4,6 @@
 //
 #include <list>
 
-
 namespace tcp_test {
 
 using namespace sim_test;      // NOLINT: the verbs of these tests
