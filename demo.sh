@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# The main job, from a fresh machine: installs what is missing, builds the library and a node, and
-# shows them at work in a private network on this machine. An unmodified Windows program fetches a
-# file: accelerated, through another node when the first falls silent, directly when both do. It
-# sends a film as datagrams, packet for packet. A sample game plays on while its link goes bad and
-# its flow moves to another node. A page with the game's connections is left behind.
+# Demonstrates the product on a fresh machine: installs what is missing, builds the library and a
+# node, and runs them in a private network. An unmodified Windows program fetches a file: through a
+# node, through another one when the first stops answering, and directly when both do. It sends a
+# film as datagrams. A sample game plays on while its link goes bad and its flow moves to another
+# node. Writes a page with the game's connections.
 #
 #   ./demo.sh          with 32-bit programs
 #   ./demo.sh --x64    with 64-bit ones
 #
-# Exit: 0 the program's work was the same with the library and without, 1 otherwise.
+# Exit: 0 if the programs did the same work with the library and without it, 1 otherwise.
 set -u
 cd "$(dirname "$0")" || exit 1
 preset=windows-x86 bits=32 programs=()
@@ -28,7 +28,7 @@ fi
 
 printf 'fetching the third-party programs ... '
 scripts/fetch_programs.sh "${programs[@]}" || exit 1
-scripts/fetch_programs.sh --charts  # says so where it cannot; the page is then without charts
+scripts/fetch_programs.sh --charts  # reports it if it cannot; the page then has no charts
 echo done
 
 log=build/$preset/demo.log

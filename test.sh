@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# All tests, from a fresh machine: installs what is missing, builds every preset, runs every
-# suite, and closes with the number of tests.
+# Runs all tests on a fresh machine: installs what is missing, builds every preset, runs every suite,
+# and prints the number of tests.
 #
 #   ./test.sh                 everything
-#   ./test.sh sim posix       these presets only (sim, posix, posix-tsan, fuzz, windows-x86,
+#   ./test.sh sim posix       only these presets (sim, posix, posix-tsan, fuzz, windows-x86,
 #                             windows-x64)
-#   ./test.sh --no-setup …    without looking for missing packages
+#   ./test.sh --no-setup …    without installing missing packages
 #
 # Logs are kept in build/PRESET/{build,test}.log. Exit: 0 all passed, 1 something failed.
 set -u
@@ -26,13 +26,13 @@ done
 if [ $setup = yes ]; then scripts/setup.sh || exit 1; fi
 case " ${presets[*]} " in *windows-x86*) scripts/fetch_programs.sh ;; esac
 case " ${presets[*]} " in *windows-x64*) scripts/fetch_programs.sh --x64 ;; esac
-scripts/fetch_programs.sh --charts  # says so where it cannot; pages are then built without charts
+scripts/fetch_programs.sh --charts  # reports it if it cannot; pages then have no charts
 
 left_out=()
 failed=no
 results=()
 
-build() {  # preset; what of it, everything if nothing is named
+build() {  # preset; its targets, by default all
   local preset=$1 log=build/$1/build.log
   shift
   mkdir -p "build/$preset"
@@ -69,8 +69,8 @@ wine_works() {  # preset, which has been built
   command -v wine >/dev/null 2>&1 && scripts/wine "build/$1/bin/$program" --help >/dev/null 2>&1
 }
 
-# Suites run native nodes beside the Windows programs, and those for 64-bit programs also what is
-# there for 32-bit ones: each has been built before, unless the one preset was asked for.
+# The Windows suites also run native nodes, and the suites for 64-bit programs also run 32-bit ones.
+# These have been built before, unless only this preset was requested.
 build_companions() {  # preset
   case "$1" in windows-*) build posix vyr_node vyr_game || return ;; esac
   if [ "$1" = windows-x64 ]; then

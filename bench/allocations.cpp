@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstddef>
 
-// The C library's own allocator, under the names that it exports for wrappers.
+// The C library's allocator, under the names that it exports for wrappers.
 extern "C" {
 void* __libc_malloc(std::size_t size) noexcept;
 void* __libc_calloc(std::size_t count, std::size_t size) noexcept;

@@ -1,11 +1,11 @@
-// Counts what this process allocates, by new, malloc or in a library: linking the source file puts
-// a counter in front of the C library's allocator.
+// Counts the allocations of this process: those by new, by malloc and inside libraries. Linking the
+// source file puts a counter in front of the C library's allocator.
 #pragma once
 #include <cstdint>
 
 namespace bench {
 
-// By all threads, since the process began.
+// The number of allocations by all threads since the process began.
 std::uint64_t Allocations();
 
 }  // namespace bench

@@ -1,11 +1,11 @@
-// What it costs to allocate and to free the blocks of a stream's buffer. A connection of little
-// traffic takes one for each direction and touches a page or two of it. The library's buffer is
-// compared with two blocks of the same size from the heap: one that is not cleared, and one that
-// the heap's own call clears, which has to write zeros if the block was used before.
+// The cost of allocating and freeing the blocks of a stream's buffer. A connection with little
+// traffic uses one for each direction, and a page or two of each. The library's buffer is compared
+// with two blocks of the same size from the heap: one that is not cleared, and one from calloc,
+// which has to write zeros if the block was used before.
 //
 //   build/posix/bench/block_bench
 //
-// The argument is how many bytes of a block are written.
+// The argument is the number of bytes of a block that are written.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr u32 kPage = 4096;
 
-// A heap that has handed out blocks of this size before: it keeps what is freed and reuses it.
+// Allocates and frees blocks of this size, which the heap then keeps and reuses.
 void AgeTheHeap() {
   void* blocks[8];
   for (void*& block : blocks) std::memset(block = std::malloc(BlockBuffer::kBlockSize), 1, kPage);

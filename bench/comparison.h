@@ -1,6 +1,6 @@
-// Figures of several ways of doing one thing, measured in turns, and how they compare.
+// Figures of several ways of doing one thing, measured in turn, and how they compare.
 //
-// One thread.
+// Use from one thread only.
 #pragma once
 #include <cstddef>
 #include <map>
@@ -31,12 +31,12 @@ class Comparison {
   void Add(std::size_t row, const std::string& way, double value);
 
   double Median(std::size_t row, const std::string& way) const;
-  // How much better the first is than the second; 1 if they are equal. Figures of the same round
-  // are compared, since a busy machine slows both; the result is the median of those ratios, or 0
-  // if there is none.
+  // How much better the first is than the second; 1 if they are equal. Compares figures of the same
+  // round, because a busy machine slows both. The result is the median of these ratios, or 0 if
+  // there is none.
   double Ratio(std::size_t row, const Pair& pair) const;
 
-  // Rows without a figure are left out.
+  // Leaves out rows without a figure.
   void PrintTable() const;
   void PrintJson(int rounds) const;
 

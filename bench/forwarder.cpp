@@ -63,7 +63,7 @@ Forwarder::Forwarder(const std::function<void()>& work) : pid_(fork()) {
 
 Forwarder::~Forwarder() {
   if (pid_ <= 0) return;
-  kill(-pid_, SIGKILL);  // the group that this object made
+  kill(-pid_, SIGKILL);  // the process group that this object created
   waitpid(pid_, nullptr, 0);
 }
 

@@ -1,5 +1,4 @@
-// What stands between a game and its server: a program, or code of this one, in processes of its
-// own.
+// What is between a game and its server: a program, or code of this one, in separate processes.
 #pragma once
 #include <sys/types.h>
 
@@ -12,10 +11,10 @@
 
 namespace bench {
 
-// A process and its children. They are ended with this object.
+// A process and its children, which are ended by the destructor.
 class Forwarder {
  public:
-  // A default one starts nothing.
+  // Starts nothing.
   Forwarder() = default;
   explicit Forwarder(const std::vector<std::string>& command);
   explicit Forwarder(const std::function<void()>& work);
@@ -32,14 +31,14 @@ class Forwarder {
   pid_t pid_ = 0;
 };
 
-// Whether a program can be found by that name.
+// Whether a program of that name is installed.
 bool HasProgram(const std::string& name);
 
-// The processor time that the processes of some groups use from now on.
+// The processor time that the processes of given groups use from now on.
 class ProcessorUse {
  public:
   explicit ProcessorUse(std::vector<pid_t> groups);
-  // So far, by the processes that still run: one that has ended meanwhile had nothing to do.
+  // The time so far, of the processes that still run; one that has ended had nothing to do.
   double Seconds() const;
 
  private:
@@ -49,7 +48,7 @@ class ProcessorUse {
   const std::map<pid_t, double> before_;
 };
 
-// True once somebody listens there; false after some seconds.
+// True once there is a listener at that address; false after some seconds.
 bool WaitForListener(const std::string& address, std::uint16_t port);
 
 }  // namespace bench

@@ -36,9 +36,9 @@ constexpr wchar_t kGamePath[] = L"C:\\game\\game.exe";
 constexpr DWORD kHiddenEntry = 2000;
 constexpr u32 kServerIdc = 1001;
 constexpr u32 kNodeIdc = 1;
-constexpr u32 kQuiet = 6;  // a level above all lines, as in production
+constexpr u32 kQuiet = 6;  // above the level of every line, as in production
 
-// Lives as long as the process, as the client's would.
+// Exists until the process ends, as the client program's would.
 template <class Region>
 Region* MakeRegion(const char* name, u32 size = sizeof(Region)) {
   const HANDLE mapping =
@@ -54,7 +54,7 @@ void SetHeader(Region* region) {
 constexpr u32 kADayMs = 86'400'000;
 constexpr common::u16 kALongTimeS = 0xFFFF;
 
-// The widest thresholds, so that a loaded machine never makes a flow change its node.
+// The most tolerant thresholds, so that a busy machine never makes a flow change its node.
 void SetCare(Care care, AccConfigRecord* game) {
   game->norm_test_interval = care == Care::kNoProbes || care == Care::kNoMeasure ? kADayMs : 0;
   game->ignore_high_freq_test_time = kALongTimeS;

@@ -1,5 +1,5 @@
-// Puts the library into this process, as the machine's Winsock would: listed as a game, with the
-// tables that its client would serve, above the base provider.
+// Loads the library into this process as the machine's Winsock would, above the base provider. The
+// process is listed as a game and has the tables that a client program would serve.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -9,15 +9,15 @@ namespace bench {
 // How much the library does for a flow of datagrams besides carrying it.
 enum class Care : std::uint8_t {
   kAll,        // as for a game whose links are watched: probes, losses, statistics
-  kNoProbes,   // the same, but no probe is ever due
-  kNoMeasure,  // the same, and losses are not counted either
+  kNoProbes,   // no probes
+  kNoMeasure,  // no probes, and losses are not counted
 };
 
 struct LibrarySetup {
-  std::string server;  // the game server; everything else stays direct
-  std::string node;    // empty: its connections are relayed, but to no node
+  std::string server;  // the game server; all other traffic is direct
+  std::string node;    // empty: its connections are relayed without a node
   std::uint16_t node_port = 0;
-  std::string folder;  // C: of this process
+  std::string folder;  // drive C: of this process
   Care care = Care::kAll;
 };
 

@@ -1,5 +1,5 @@
-// A game in a process of its own, which carries out orders one after the other and answers each
-// with its outcome. Orders and outcomes are plain values.
+// A game in a process of its own, which carries out orders one after the other and returns the
+// outcome of each. Orders and outcomes are plain values.
 #pragma once
 #include <signal.h>
 #include <sys/prctl.h>
@@ -12,7 +12,7 @@
 
 namespace bench {
 
-// The process ends with this object, and with the one that made it.
+// The process ends with this object, or with the process that created it.
 template <class Order, class Outcome>
 class GameProcess {
  public:

@@ -1,6 +1,8 @@
-// What an intercepted call that relays nothing adds to the call it passes on: one map lookup under
-// a short lock, one record copy. The next provider here does nothing at all, so the difference
-// between the two rows is the library's cost. The argument is the number of sockets open.
+// What a hooked call that relays nothing adds to the call that it passes on: one map lookup under a
+// short lock, and one copy of a record. The next provider here does nothing, so the difference
+// between the two rows is the library's cost. The argument is the number of open sockets.
+//
+//   build/posix/bench/hook_bench
 #include <benchmark/benchmark.h>
 #include <winsock2.h>
 #include <ws2spi.h>
@@ -35,7 +37,7 @@ WSPPROC_TABLE IdleProvider() {
   return table;
 }
 
-// The hooked table over the idle provider, and as many open sockets as a run asks for.
+// The hooked table above the idle provider, with a given number of open sockets.
 class HookedSockets {
  public:
   explicit HookedSockets(std::int64_t count) : next_(IdleProvider()) {
@@ -95,7 +97,7 @@ void OpenAndClose(benchmark::State& state) {
 }
 BENCHMARK(OpenAndClose)->RangeMultiplier(16)->Range(1, 65536);
 
-// A log level that writes nothing, against one that formats and collects a line.
+// A line below the log level, compared with one that is formatted and collected.
 void SilentLogLine(benchmark::State& state) {
   common::SetLogThreshold(6);
   for (auto _ : state) LSP_LOG(0, "WSPSend: ret=%d, socket=%d, token=%u", 0, 1, 2u);

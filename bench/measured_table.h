@@ -28,7 +28,7 @@ struct Measure {
 template <class Order, class Outcome>
 struct Way {
   std::string name;
-  std::vector<Forwarder> forwarders;  // each in front of the one before
+  std::vector<Forwarder> forwarders;  // each forwards to the previous one
   std::unique_ptr<GameProcess<Order, Outcome>> game;
   bool has_library = false;
 };
@@ -38,8 +38,8 @@ class MeasuredTable {
  public:
   using AMeasure = Measure<Order, Outcome>;
   using AWay = Way<Order, Outcome>;
-  // Whether an outcome is acceptable; if not, it has printed why. Only an outcome that `worked` has
-  // figures, whatever the answer.
+  // Returns whether an outcome is acceptable, and prints the reason if it is not. Either way, only
+  // an outcome that `worked` has figures.
   using Judge = std::function<bool(const AWay&, const AMeasure&, const Outcome&)>;
 
   MeasuredTable(const Settings& settings, std::vector<AMeasure> measures, std::vector<AWay> ways,
@@ -71,7 +71,8 @@ class MeasuredTable {
   }
 
  private:
-  // All ways in turn. Each round begins with another one, so that none always follows the same one.
+  // Measures all ways in turn. Each round begins with a different one, so that none always follows
+  // the same one.
   std::size_t TakeTurns(std::size_t first, std::size_t round, const Judge& judge, bool* well) {
     const Order& order = measures_[first].order;
     std::size_t end = first;

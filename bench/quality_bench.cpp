@@ -1,6 +1,6 @@
-// What measuring a link costs: for every datagram of a game, for every probe, and at every step of
-// the timer. A judge that is switched off is compared with one that is on, and loss over short
-// windows with loss over long ones.
+// The cost of watching a link: for each datagram of a game, for each probe, and for each step of
+// the timer. Compares a judge that is switched off with one that is on, and loss over short windows
+// with loss over long ones.
 //
 //   build/posix/bench/quality_bench
 #include <benchmark/benchmark.h>
@@ -40,7 +40,7 @@ void Judge(RecoverySwitch* judge, SOCKET socket, bool enabled) {
   judge->Init(socket, 1, "guid", acc, client, false);
 }
 
-// What a session does for one datagram from the node and one to it.
+// A session's work for one datagram from the node and one to it.
 void PerDatagram(benchmark::State& state) {
   RecoverySwitch judge;
   Judge(&judge, 1, state.range(0) != 0);
@@ -64,7 +64,7 @@ void LostCalcAddOneRecv(benchmark::State& state) {
 }
 BENCHMARK(LostCalcAddOneRecv);
 
-// A slot opens and closes in every round: the worst that a timer step can be.
+// A slot opens and closes in every round, which is the worst case of a timer step.
 void LostCalcUpdateThatCloses(benchmark::State& state) {
   LostCalc calc;
   calc.Init(0, 1000, static_cast<u16>(state.range(0)), 200, 20, false);
@@ -94,7 +94,7 @@ void LostCalcGetCurLost(benchmark::State& state) {
 }
 BENCHMARK(LostCalcGetCurLost)->ArgName("slots")->Arg(2)->Arg(5)->Arg(60);
 
-// A timer step at which nothing is due, as happens every 30 ms.
+// A timer step at which nothing is due. There is one every 30 ms.
 void TimerStep(benchmark::State& state) {
   RecoverySwitch judge;
   Judge(&judge, 1, state.range(0) != 0);
@@ -102,8 +102,8 @@ void TimerStep(benchmark::State& state) {
 }
 BENCHMARK(TimerStep)->ArgName("on")->Arg(0)->Arg(1);
 
-// An answered probe from the wire to the verdict, among so many watched sockets. No probe is sent:
-// that would measure the system's sendto.
+// The answer to a probe, from its bytes to the judgement, with a given number of watched sockets.
+// No probe is sent, because that would measure the system's sendto.
 void AnsweredProbe(benchmark::State& state) {
   constexpr SOCKET kFirst = 100;
   const auto sockets = static_cast<SOCKET>(state.range(0));

@@ -1,11 +1,11 @@
-// What the route policy costs as its tables grow. The product's address table is compared with the
-// two containers that anyone would reach for first, a tree and a sorted array with binary search,
-// on the same keys and in one run; NeedRelay and MakeDecision are asked of empty, small and full
-// tables. The argument is the number of rows of the IP table.
+// The cost of the route policy as its tables grow. The product's IP table is compared with the two
+// obvious containers, a tree and a sorted array with binary search, on the same keys and in one
+// run. NeedRelay and MakeDecision are measured with empty, small and full tables. The argument is
+// the number of rows of the IP table.
 //
 //   build/posix/bench/route_bench
 //
-// "bytes_per_row" is what the loaded table takes, as the heap accounts for it.
+// "bytes_per_row" is the heap memory of the loaded table.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <winsock2.h>
@@ -29,12 +29,12 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr std::size_t kQuestions = 4096;  // in a shuffled order, so that no branch is learnt
+constexpr std::size_t kQuestions = 4096;  // in random order, so branches cannot be predicted
 constexpr u32 kGameIdc = 1001;
 
 std::size_t HeapInUse() {
   const struct mallinfo2 heap = mallinfo2();
-  return heap.uordblks + heap.hblkhd;  // of the arenas, and mapped singly
+  return heap.uordblks + heap.hblkhd;  // in the arenas, and mapped separately
 }
 
 void ServeGame(u32 acc_mode = 1) {
@@ -46,7 +46,7 @@ void ServeGame(u32 acc_mode = 1) {
   ReplaceAccConfig(config);
 }
 
-// Rows of public addresses, each once, in no order.
+// Rows of different public addresses, in random order.
 std::unique_ptr<IpTableRegion> MakeRegion(std::int64_t rows) {
   auto region = std::make_unique<IpTableRegion>();
   region->header = {sizeof *region, 1, 36};
@@ -55,7 +55,7 @@ std::unique_ptr<IpTableRegion> MakeRegion(std::int64_t rows) {
   for (u32 i = 0; i < kMaxIpRecords; ++i) hosts[i] = i;
   std::shuffle(hosts.begin(), hosts.end(), std::mt19937(1));
   for (u32 i = 0; i < region->ip_count; ++i) {
-    // Runs of neighbours, as a game's data centres have them.
+    // Runs of consecutive addresses, as in a game's data centres.
     region->records[i] = {kGameIdc, htonl(0xCB000000 + hosts[i] % 64 + hosts[i] / 64 * 4096)};
   }
   return region;
@@ -149,8 +149,8 @@ FIND_BENCHMARK(Asked::kUnknown);
 
 // --- whole questions -------------------------------------------------------------------------
 
-// The route table as the client program leaves it, with as many routes and proxies as fit and the
-// ones in use at the end.
+// The route table as the client program writes it, with as many routes and proxies as fit. Those in
+// use are the last ones.
 class RouteRegionOfClient {
  public:
   RouteRegionOfClient()

@@ -8,7 +8,7 @@ namespace bench {
 
 struct Settings {
   int rounds = 9;
-  std::string only;               // a word of the measurements' names; empty: all
+  std::string only;               // only measurements with this word in their name; empty: all
   std::vector<std::string> ways;  // empty: all
   bool quick = false;
   bool json = false;
@@ -21,13 +21,13 @@ struct Settings {
 int RunBench(int argc, char** argv, const char* usage,
              const std::function<int(const Settings&)>& run);
 
-// A folder for what forwarders and the library write; it exists.
+// A folder for the files that forwarders and the library write. Creates it.
 std::string BenchFolder();
 
-// The node that was built beside this program; empty if none was.
+// The path of the node that was built with this program; empty if there is none.
 std::string NodeProgram();
 
-// Reports that a way is not measured because that is missing.
+// Reports that a way is not measured because a program is missing.
 void LeaveOut(const std::string& what);
 
 }  // namespace bench

@@ -1,5 +1,5 @@
-// What a relayed connection costs, beside a direct one and beside other programs that forward the
-// same way, on this machine and in one run. See bench/README.md for how to read it.
+// The cost of a relayed connection, compared with a direct one and with other forwarding programs,
+// on this machine and in one run. bench/README.md explains the output.
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -97,7 +97,7 @@ std::vector<StreamMeasure> Measures(bool quick) {
   return measures;
 }
 
-// Starts what has been asked for, in a network of its own.
+// Starts the ways that the user has chosen, in a network of their own.
 class Ways {
  public:
   explicit Ways(const Settings& settings) : settings_(settings), folder_(BenchFolder()) {
@@ -126,14 +126,14 @@ class Ways {
     return options;
   }
 
-  // Counts what the forwarders use.
+  // Counts the processor time of the forwarders.
   void Add(const std::string& name, std::vector<Forwarder> forwarders, GameOptions options) {
     if (!settings_.Wants(name)) return;
     for (const Forwarder& one : forwarders) options.forwarders.push_back(one.group());
     ways_.push_back({name, std::move(forwarders), StartGame(options), options.with_library});
   }
 
-  // The game through those forwarders, one of which listens on that port.
+  // Adds the game through those forwarders, one of which listens on that port.
   void AddForwarded(const std::string& name, std::vector<Forwarder> forwarders,
                     std::uint16_t port) {
     if (WaitForListener("127.0.0.1", port)) {
@@ -159,7 +159,7 @@ class Ways {
     AddForwarded("haproxy", std::move(one), port);
   }
 
-  // Two relays, the library's and the node; beside it, two of the simplest.
+  // Adds two relays, the library's and the node, and for comparison two of the simplest forwarders.
   void AddNode(GameOptions relayed) {
     if (!settings_.Wants("vyr+node")) return;
     const std::string node = NodeProgram();
@@ -188,9 +188,9 @@ class Ways {
   std::vector<StreamWay> ways_;
 };
 
-// On some machines every sender paces itself by its own estimate of the network. Over a loopback
-// device the benchmark would measure that, the same in every way of running it. If the setting
-// cannot be changed, it stays.
+// On some machines, senders pace themselves by an estimate of the network. On a loopback device the
+// benchmark would then measure the pacing, which is the same in all ways. If the setting cannot be
+// changed, it stays.
 void UsePlainCongestionControl() {
   std::ofstream("/proc/sys/net/ipv4/tcp_congestion_control") << "reno";
 }

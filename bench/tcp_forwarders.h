@@ -6,7 +6,7 @@
 
 namespace bench {
 
-// Each forwards 127.0.0.1:`from` to `to`:`to_port`, set up as its manual says.
+// Each forwards 127.0.0.1:`from` to `to`:`to_port`, configured as its manual recommends.
 std::vector<std::string> SocatCommand(std::uint16_t from, const std::string& to,
                                       std::uint16_t to_port);
 std::vector<std::string> HaproxyCommand(const std::string& folder, std::uint16_t from,

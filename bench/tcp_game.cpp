@@ -19,7 +19,8 @@ namespace bench {
 namespace {
 
 constexpr int kPiece = 1 << 16;
-// Sent over a connection before the clock starts: by then every forwarder has its buffers.
+// Sent over a connection before the clock starts, so that every forwarder has allocated its
+// buffers.
 constexpr std::uint64_t kWarmUp = 4 << 20;
 
 // The request to the server.
@@ -96,7 +97,7 @@ class Connection {
   std::vector<char> piece_ = std::vector<char>(kPiece);
 };
 
-// The time of each step, into the outcome.
+// Measures the time of each step for the outcome.
 template <class Step>
 bool TimeEach(std::uint64_t count, Outcome* outcome, Step step) {
   std::vector<double> times;
@@ -141,7 +142,8 @@ bool ConnectOften(const GameOptions& options, const Order& order, Outcome* outco
   return worked;
 }
 
-// All connect and say a word first; then all work at the same time, each in a thread of its own.
+// Connections that all connect and exchange a first message, and then all work at the same time,
+// each in a thread of its own.
 class Crowd {
  public:
   Crowd(const GameOptions& options, const Order& order)

@@ -48,7 +48,7 @@ bool Take(int s, std::uint64_t amount, std::vector<char>& piece) {
   return SendAll(s, "+", 1);
 }
 
-// `amount` bytes in all, each back as soon as it comes.
+// Echoes `amount` bytes, each as soon as it arrives.
 bool Echo(int s, std::uint64_t amount, std::vector<char>& piece) {
   while (amount > 0) {
     const ssize_t got = recv(s, piece.data(), piece.size(), 0);
@@ -58,7 +58,8 @@ bool Echo(int s, std::uint64_t amount, std::vector<char>& piece) {
   return true;
 }
 
-// As Echo, but each message of kMessage bytes only when it is whole, in so many pieces.
+// Like Echo, but each message of kMessage bytes only when it is complete, in a given number of
+// pieces.
 bool EchoWhole(int s, std::uint64_t amount, std::size_t pieces) {
   char message[kMessage];
   const std::size_t size = sizeof message / pieces;

@@ -1,7 +1,7 @@
-// The far end of every connection: a process of its own on the host's own sockets. A request of 9
-// bytes says what it is to do: 'e' N echoes N bytes as they come, 'w' N echoes N bytes in whole
-// messages, 's' N the same with each message in two pieces, 'd' N sends N bytes, 'u' N takes N
-// bytes and answers with one. The number is big-endian. A request may follow another.
+// The server of every connection: a separate process that uses the host's sockets. A request has 9
+// bytes, a letter and a big-endian number: 'e' N echoes N bytes as they arrive, 'w' N echoes N
+// bytes in whole messages, 's' N does the same with each message in two pieces, 'd' N sends N
+// bytes, 'u' N receives N bytes and answers with one. A connection may carry several requests.
 #pragma once
 #include <sys/types.h>
 
@@ -12,7 +12,7 @@
 namespace bench {
 
 constexpr std::size_t kMessage = 64;  // of 'w' and 's'
-constexpr unsigned kPauseUs = 200;  // between pieces, on either side: each should be sent by itself
+constexpr unsigned kPauseUs = 200;    // between pieces, on either side, so each is sent separately
 
 struct Request {
   char what;
@@ -21,8 +21,8 @@ struct Request {
   static constexpr std::size_t kSize = 9;
 };
 
-// Starts it on every address of this machine; the process ends with its parent. The port is
-// chosen by the system.
+// Starts the server on every address of this machine, on a port that the system chooses. The
+// process ends with its parent.
 pid_t StartServer(std::uint16_t* port);
 
 }  // namespace bench

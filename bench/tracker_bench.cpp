@@ -1,6 +1,7 @@
 // What the Tracker adds to a relayed datagram: one lookup in the watch list and a few additions, on
-// the worker. An unwatched socket is not in the list; the argument is the number of sockets that
-// are.
+// the worker. An unwatched socket is not in the list; the argument is the number of sockets in it.
+//
+//   build/posix/bench/tracker_bench
 #include <benchmark/benchmark.h>
 
 #include <string>
@@ -13,14 +14,14 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr u32 kDatagramSize = 200;
-constexpr SOCKET kFirstSocket = 300;  // handles are four apart, as the system gives them
+constexpr SOCKET kFirstSocket = 300;  // handles are four apart, as on Windows
 constexpr SOCKET kHandleStep = 4;
 
 SOCKET Socket(std::int64_t index) {
   return kFirstSocket + kHandleStep * static_cast<SOCKET>(index);
 }
 
-// A list of accelerated sockets, without the thread that reports them.
+// A Tracker with accelerated sockets, without the thread that reports them.
 class Watched {
  public:
   explicit Watched(std::int64_t count) {
@@ -67,7 +68,7 @@ void Received(benchmark::State& state) {
 }
 BENCHMARK(Received)->Arg(1)->Arg(10)->Arg(60);
 
-// A datagram's way out of the worker, alone and with the Tracker's bookkeeping.
+// The sending of a datagram by the worker, without and with the Tracker's bookkeeping.
 void Send(benchmark::State& state, bool told) {
   WSADATA data;
   WSAStartup(MAKEWORD(2, 2), &data);
@@ -76,7 +77,7 @@ void Send(benchmark::State& state, bool told) {
   int size = sizeof to;
   to.sin_family = AF_INET;
   to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const SOCKET sink = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);  // is full soon, and loses
+  const SOCKET sink = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);  // soon full; drops datagrams then
   bind(sink, reinterpret_cast<const sockaddr*>(&to), sizeof to);
   getsockname(sink, reinterpret_cast<sockaddr*>(&to), &size);
   Watched watched(60);
@@ -94,7 +95,7 @@ void Send(benchmark::State& state, bool told) {
 BENCHMARK_CAPTURE(Send, Untold, false);
 BENCHMARK_CAPTURE(Send, Told, true);
 
-// A probe that is sent: the figures are read and written back.
+// For each probe that is sent, the figures are read and written back.
 void ProbeFigures(benchmark::State& state) {
   Watched watched(state.range(0));
   SpeedStats stats;
@@ -105,7 +106,7 @@ void ProbeFigures(benchmark::State& state) {
 }
 BENCHMARK(ProbeFigures)->Arg(1)->Arg(60);
 
-// Once in five seconds: a copy of every record.
+// A copy of every record, made every five seconds.
 void Snapshot(benchmark::State& state) {
   Watched watched(state.range(0));
   for (auto _ : state) watched.tracker.SnapshotCommInfo(true);

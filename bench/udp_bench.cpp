@@ -1,6 +1,6 @@
-// What a relayed flow of datagrams costs, beside a direct one and beside other programs that
-// forward the same way; and how much of that is due to what the library does for the flow besides
-// carrying it. On this machine and in one run. See bench/README.md for how to read it.
+// The cost of a relayed flow of datagrams, compared with a direct one and with other forwarding
+// programs, and how much of it is due to the library's measuring. On this machine and in one run.
+// bench/README.md explains the output.
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -33,11 +33,11 @@ constexpr char kUsage[] =
 
 constexpr std::uint16_t kNodePort = 9000;
 constexpr std::uint16_t kFirstForwarderPort = 20200;
-constexpr std::uint32_t kUnderWay = 64;  // datagrams at once, of all flows together
+constexpr std::uint32_t kUnderWay = 64;  // datagrams in flight, of all flows together
 constexpr std::uint32_t kPacedFlows = 10;
 constexpr std::uint32_t kPacedHertz = 60;
-// One for each datagram of one direction is 0.5; reports of a flow's begin are not counted for a
-// datagram.
+// One allocation for each datagram of one direction would be 0.5. The reports at the start of a
+// flow are not counted as part of a datagram.
 constexpr double kMostAllocationsEach = 0.2;
 constexpr double kReportsOfAFlow = 40;
 
@@ -45,7 +45,7 @@ using FlowMeasure = Measure<DatagramOrder, DatagramOutcome>;
 using FlowWay = Way<DatagramOrder, DatagramOutcome>;
 using FlowTable = MeasuredTable<DatagramOrder, DatagramOutcome>;
 
-// There and back.
+// In both directions.
 double Datagrams(const DatagramOutcome& outcome) {
   return 2 * static_cast<double>(outcome.round_trips);
 }
@@ -110,7 +110,7 @@ const std::vector<Pair> kForwardingPairs = {{"vyr", "direct"},
                                             {"vyr+node", "select+select"}};
 const std::vector<Pair> kCarePairs = {{"vyr+node", "no probes"}, {"vyr+node", "no measure"}};
 
-// Starts what has been asked for, in a network of its own.
+// Starts the ways that the user has chosen, in a network of their own.
 class Ways {
  public:
   explicit Ways(const Settings& settings) : settings_(settings), folder_(BenchFolder()) {
@@ -175,7 +175,8 @@ class Ways {
     return forwarders;
   }
 
-  // The game through those forwarders, the last of which has the last port. Counts what they use.
+  // Adds the game through those forwarders, the last of which has the last port. Counts their
+  // processor time.
   void AddForwarded(const std::string& name, std::vector<Forwarder> forwarders,
                     std::vector<FlowWay>* ways) {
     if (!settings_.Wants(name)) return;
@@ -195,7 +196,7 @@ class Ways {
     AddForwarded("nginx", Started({command}), ways);
   }
 
-  // Each has a node of its own, so that the nodes' load is the same, too.
+  // Each way has a node of its own, so that the load of the nodes is the same, too.
   void AddNode(const std::string& name, Care care, std::vector<FlowWay>* ways) {
     if (!settings_.Wants(name)) return;
     const std::string node = NodeProgram();
@@ -230,7 +231,7 @@ bool Judge(const FlowWay& way, const FlowMeasure& measure, const DatagramOutcome
                  outcome.worked ? "" : ", did not work",
                  allocates ? ", allocates for its datagrams" : "");
   }
-  // A failure of another program is printed, and its figure is missing.
+  // If another program fails, the failure is printed, and its figure is missing.
   return !way.has_library || (outcome.worked && !allocates);
 }
 

@@ -17,7 +17,7 @@ constexpr int kEchoTries = 500;
 constexpr int kEchoPauseUs = 10'000;
 constexpr char kIdleSeconds[] = "5";
 constexpr char kStreamModule[] = "/usr/lib/nginx/modules/ngx_stream_module.so";
-constexpr std::size_t kFlows = 128;  // at once; the oldest makes room
+constexpr std::size_t kFlows = 128;  // at once; a new one replaces the oldest
 constexpr time_t kForgottenSeconds = 2;
 
 sockaddr_in Address(const std::string& ip, std::uint16_t port) {
@@ -100,7 +100,7 @@ class SelectForwarder {
     return flow;
   }
 
-  // Those of earlier measurements would slow every select.
+  // Flows of earlier measurements would slow down every select.
   void Forget(time_t now) {
     for (ForwardedFlow& flow : flows_) {
       if (flow.upstream < 0 || now - flow.used < kForgottenSeconds) continue;
@@ -127,7 +127,7 @@ std::vector<std::string> SocatCommand(const ForwardedPort& port) {
 std::vector<std::string> NginxCommand(const std::string& folder, const ForwardedPort& port) {
   if (access(kStreamModule, R_OK) != 0) return {};
   const std::string path = folder + "/nginx.conf";
-  // One process: a program that drops its privileges cannot run in a private network.
+  // A single process: a program that drops its privileges cannot run in a private network.
   std::ofstream(path) << "load_module " << kStreamModule << ";\n"
                       << "daemon off;\nmaster_process off;\nerror_log stderr crit;\npid " << folder
                       << "/nginx.pid;\nevents { worker_connections 1024; }\n"
@@ -146,7 +146,7 @@ bool WaitForEcho(std::uint16_t port) {
   bool came = false;
   for (int i = 0; i < kEchoTries && !came; ++i) {
     char byte = 0;
-    send(s, &byte, 1, 0);  // refused while nobody listens
+    send(s, &byte, 1, 0);  // refused while there is no listener
     usleep(kEchoPauseUs);
     came = recv(s, &byte, 1, 0) == 1;
   }

@@ -18,7 +18,7 @@
 namespace bench {
 namespace {
 
-constexpr int kMessageBytes = 100;  // what a game sends at a time
+constexpr int kMessageBytes = 100;  // a game's usual datagram
 constexpr DWORD kLostAfterMs = 2000;
 constexpr double kOpenSeconds = 10;
 constexpr useconds_t kOpenPauseUs = 10'000;
@@ -49,7 +49,7 @@ class Flow {
     return false;
   }
 
-  // How many of so many round trips were completed.
+  // Returns how many of the round trips were completed.
   std::uint64_t Stream(std::uint64_t round_trips, std::uint32_t window) {
     std::uint64_t sent = 0, done = 0, under_way = 0;
     for (;;) {
@@ -67,7 +67,7 @@ class Flow {
   void ForgetLosses() { lost_ = 0; }
 
  private:
-  // A forwarder that makes a process for each flow cannot be reached while it does.
+  // A forwarder that creates a process for each flow cannot be reached meanwhile.
   void Open() {
     const double begin = Seconds(CLOCK_MONOTONIC);
     while (!(opened_ = RoundTrip()) && Seconds(CLOCK_MONOTONIC) < begin + kOpenSeconds) {
@@ -81,7 +81,7 @@ class Flow {
            sizeof server_);
   }
 
-  // It must come from the server's address, as the game knows it.
+  // The datagram must come from the server's address as the game knows it.
   bool Receive() {
     char bytes[kMessageBytes];
     sockaddr_in from = {};
@@ -95,7 +95,7 @@ class Flow {
   sockaddr_in server_ = {};
   bool opened_ = false;
   std::uint64_t lost_ = 0;
-  std::uint64_t number_ = 0;  // no two datagrams under way are the same
+  std::uint64_t number_ = 0;  // makes all datagrams in flight different
   char message_[kMessageBytes] = {};
 };
 

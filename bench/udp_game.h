@@ -1,6 +1,5 @@
-// A game that sends datagrams to an echoing server, with or without the library in its process, and
-// measures what it is ordered to. Its socket calls are Winsock's, the same in every way of running
-// it.
+// A game that sends datagrams to an echo server and carries out measurements, with or without the
+// library in its process. It makes the same Winsock calls in every way of running it.
 #pragma once
 #include <sys/types.h>
 
@@ -16,7 +15,7 @@ namespace bench {
 
 enum class DatagramTask : std::uint32_t {
   kReply,   // one flow, one datagram at a time
-  kStream,  // all flows at once, each with `window` datagrams under way
+  kStream,  // all flows at once, each with `window` datagrams in flight
   kPaced,   // `hertz` datagrams a second on each flow, in turn, one at a time
 };
 
@@ -26,7 +25,7 @@ struct DatagramOrder {
   std::uint64_t round_trips;  // of each flow
   std::uint32_t window;
   std::uint32_t hertz;
-  bool settle;  // wait before it begins, so that the datagrams alone are measured
+  bool settle;  // wait before it begins, so that only the datagrams are measured
   bool operator==(const DatagramOrder&) const = default;
 };
 
@@ -48,7 +47,7 @@ struct DatagramGameOptions {
   std::uint16_t port = 0;
   bool with_library = false;
   LibrarySetup library;
-  std::vector<pid_t> forwarders;  // process groups whose processor time counts
+  std::vector<pid_t> forwarders;  // the process groups whose processor time counts
 };
 
 using DatagramGame = GameProcess<DatagramOrder, DatagramOutcome>;

@@ -1,12 +1,12 @@
-// The far end of every flow: a process of its own on the host's own sockets, which sends each
-// datagram back.
+// The server of every flow: a separate process that uses the host's sockets and sends each datagram
+// back.
 #pragma once
 #include <cstdint>
 
 namespace bench {
 
-// Starts it on the game server's address; the process ends with its parent. The port is
-// chosen by the system.
+// Starts the server on the game server's address, on a port that the system chooses. The process
+// ends with its parent.
 void StartEchoServer(std::uint16_t* port);
 
 }  // namespace bench

@@ -3,10 +3,10 @@
 
 usage: count_tests.py [--failures] LOG...
 
-Adds up what each suite says of itself: GoogleTest's closing lines, and the lines
-"N passed, N failed" (", N skipped") of the scripts; a suite that says neither counts as one
-test, by ctest's own verdict. Prints one line, "N passed, N failed, N skipped"; with
---failures what every suite that failed said of it instead.
+Adds up the results that each suite prints: GoogleTest's closing lines, and the lines
+"N passed, N failed" (", N skipped") of the scripts. A suite that prints neither counts as one
+test, with ctest's own verdict. Prints one line, "N passed, N failed, N skipped"; with
+--failures, prints instead what each failed suite reported.
 """
 import re
 import sys
@@ -33,7 +33,7 @@ def count(name, verdict, lines):
     passed = failed = skipped = 0
     spoke = False
     if name.startswith("tidy"):
-        lines = []  # it counts what it looked at, thousands of lines, and is one test
+        lines = []  # its numbers count files, in thousands of lines; the suite is one test
     for line in lines:
         if match := PLAIN.match(line.strip()):
             passed, failed = passed + int(match[1]), failed + int(match[2])
@@ -51,13 +51,13 @@ def count(name, verdict, lines):
             return 0, 0, 1
         return int(ok), int(not ok), 0
     if not ok and failed == 0:
-        failed = 1  # it counted none as failed and still ended badly: a crash or a time-out
+        failed = 1  # no test failed, but the suite did: a crash or a timeout
     return passed, failed, skipped
 
 
 def complaint(lines):
-    """What of a suite's lines says why it failed: of GoogleTest's, those of the tests that did not
-    pass, a crash included; of others the end."""
+    """The lines of a suite that show why it failed: for GoogleTest those of the tests that did not
+    pass, including a crash; for others the last lines."""
     said, test = [], None
     for line in lines:
         if line.startswith("[ RUN "):
@@ -69,7 +69,7 @@ def complaint(lines):
             if line.startswith("[  FAILED  ]"):
                 said, test = said + test[-60:], None
     if test:
-        said += test[-60:]  # it never ended
+        said += test[-60:]  # this test did not end
     return said or lines[-60:]
 
 

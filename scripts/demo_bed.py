@@ -1,5 +1,5 @@
-"""The parts that the demo and the tests of switching put together inside the test bed: nodes, the
-client that serves the tables, its watcher, the sample game's server."""
+"""What the demo and the tests of switching run inside the test bed: nodes, the client program that
+serves the tables, its watcher, and the sample game's server."""
 import json
 import pathlib
 import socket
@@ -13,7 +13,7 @@ POLL_S = 0.05
 
 
 class Failed(Exception):
-    """What the demo says instead of a Python stack."""
+    """A failure that the demo reports without a Python stack trace."""
 
 
 def wine(*arguments):
@@ -29,7 +29,8 @@ def read_json_lines(path):
 
 
 def machine_lost():
-    """Datagrams that found a full buffer, in this bed: a busy machine loses them, nobody else."""
+    """The number of datagrams in this bed that were dropped because a buffer was full, which happens
+    on a busy machine only."""
     lines = [line.split() for line in pathlib.Path("/proc/net/snmp").read_text().splitlines()]
     names, values = (line for line in lines if line[0] == "Udp:")
     return sum(int(value) for name, value in zip(names, values)
@@ -83,8 +84,8 @@ class Node:
         return [line for line in self.events[since:] if line["event"] == event]
 
     def flows(self, since=0):
-        """Of those opened since that event, by number: where each began, what it has carried, and
-        whether it is `open`. A program that ends at once after its sockets leaves its flows open."""
+        """The flows opened since that event, by number: where each began, what it has carried, and
+        whether it is `open`. A program that ends right after closing its sockets leaves flows open."""
         ours = {event["flow"] for event in self.named("flow_opened", since)}
         told = [{**flow, "open": True} for flow in self.command(command="flows")["flows"]]
         told += [{**event, "open": False} for event in self.named("flow_closed", since)]
@@ -96,7 +97,7 @@ class Node:
 
 
 class GameServer:
-    """The sample game's server; what it has seen is known at its end."""
+    """The sample game's server. It reports what it has seen when it ends."""
 
     def __init__(self, program, address, *options):
         self.process = subprocess.Popen(
@@ -110,7 +111,7 @@ class GameServer:
 
 
 class Client:
-    """vyr_client, serving the tables for as long as the block runs."""
+    """vyr_client, which serves the tables for the duration of the block."""
 
     def __init__(self, programs, tables):
         self.process = subprocess.Popen(
@@ -130,7 +131,7 @@ class Client:
 
 
 class Watcher:
-    """vyr_client, taking the library's reports out and drawing the page from them."""
+    """vyr_client, which takes out the library's reports and draws the page from them."""
 
     def __init__(self, programs, page):
         self.reports = []

@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
-"""The demo's story, told inside the test bed (demo.sh sets it up and calls this), with 32-bit
-programs or with 64-bit ones, as the build has them.
+"""The demo itself, which runs inside the test bed. demo.sh sets up the bed and calls this. Uses 32-bit
+or 64-bit programs, depending on the build.
 
 usage: demo_inside.py WINDOWS_BUILD_DIR NATIVE_PROGRAMS_DIR [PAGE]
 
-Three acts. A native server at 198.51.100.10 holds a file, and an unmodified Windows program
-fetches it: alone, with the library under it through the first of two native nodes, through the
-second when the first has fallen silent, and directly when both have. Then the same program sends
-a film as datagrams, and a native peer takes them. At last the sample game plays, and its node's
-link goes bad. PAGE is where the page with the game's connections is written.
+It has three parts. First, an unmodified Windows program fetches a file from a native server at
+198.51.100.10: without the library, then with it through the first of two native nodes, through the
+second one when the first is unreachable, and directly when both are. Second, the same program sends
+a film as datagrams to a native peer. Third, the sample game plays while its node's link goes bad.
+The page with the game's connections is written to PAGE.
 """
 import datetime
 import functools
@@ -29,7 +29,7 @@ from demo_bed import TIMEOUT_S, Failed, windows_path, wine
 
 SERVER = ("198.51.100.10", 8080)
 FILM_SERVER = ("198.51.100.10", 5004)
-PROGRAM = "C:\\vyr\\ffmpeg.exe"  # where the test bed puts it
+PROGRAM = "C:\\vyr\\ffmpeg.exe"  # its place in the test bed
 GAME = "C:\\vyr\\vyr_game.exe"
 FILE_SIZE = 8 * 1024 * 1024
 TS_PACKET = 188
@@ -41,7 +41,7 @@ def say(label, text):
 
 
 def say_pings(server, icmp, who):
-    say("its ping", f"{server['ping_ms']['p50']:.0f} ms by its beats; {icmp['ping_ms']['p50']:.0f} ms by "
+    say("its ping", f"{server['ping_ms']['p50']:.0f} ms by game traffic; {icmp['ping_ms']['p50']:.0f} ms by "
         f"ICMP, {icmp['received']} of {icmp['sent']} answered {who}")
 
 
@@ -70,7 +70,7 @@ def start_server(folder):
 
 
 class FilmPeer:
-    """Takes datagrams, for as long as the block runs."""
+    """Receives datagrams for the duration of the block."""
 
     def __init__(self, address):
         self.datagrams, self.peers = [], set()
@@ -102,7 +102,7 @@ def run(command, **options):
 
 
 def fetch(launcher, out):
-    """Runs ffmpeg as the fetcher: the server's bytes as they are, into a file."""
+    """Runs ffmpeg to copy the server's bytes unchanged into a file."""
     url = f"http://{SERVER[0]}:{SERVER[1]}/film.bin"
     run(wine(*launcher, PROGRAM, "-nostdin", "-loglevel", "error", "-f", "data", "-i", url,
              "-map", "0", "-c", "copy", "-f", "data", "-y", windows_path(out)))
@@ -110,9 +110,9 @@ def fetch(launcher, out):
 
 
 def send_film(launcher, address, folder):
-    """Has ffmpeg draw a film and send it at its own pace; what it sent stands in a file as well. A
-    second of silence keeps it alive behind its last picture: the relay lives in the program that it
-    serves, and what a program sends in its last breath is not waited for."""
+    """Runs ffmpeg to generate a film and send it in real time; it also writes what it sends to a file.
+    A second of silence keeps ffmpeg running after the last frame: the relay is in the process that it
+    serves, and does not wait for datagrams that are sent just before the process ends."""
     run(wine(*launcher, PROGRAM, "-nostdin", "-loglevel", "error", "-re", "-f", "lavfi",
              "-i", f"testsrc=size=320x240:rate=25:duration={FILM_S}", "-re", "-f", "lavfi",
              "-t", str(FILM_S + 1), "-i", "anullsrc", "-c:v", "mpeg2video", "-b:v", "1M", "-map", "0",
@@ -124,7 +124,8 @@ def send_film(launcher, address, folder):
 
 
 def write_sample(programs, path):
-    """The client's own sample: it lists the program as a game, and works here as it stands."""
+    """Writes the client program's sample file, which lists the program as a game and works in the bed
+    unchanged."""
     with open(path, "wb") as file:
         subprocess.run(wine(programs / "vyr_client.exe", "sample"), stdout=file, check=True,
                        timeout=TIMEOUT_S)
@@ -137,7 +138,7 @@ def show_trace(trace):
     for start in ("CheckCanHook", "WSPStartup end"):
         for line in said:
             if line.startswith(start):
-                say("the library said", line)
+                say("library's trace", line)
                 break
     for fact in facts:
         if "start" in fact:
@@ -145,11 +146,11 @@ def show_trace(trace):
             break
     calls = [f"{fact['call']} {fact['count']}" for fact in facts
              if fact.get("through") == "library"]
-    say("calls it saw", ", ".join(calls))
+    say("intercepted calls", ", ".join(calls))
 
 
 def show_log(log, words):
-    """The first line with each of the words; a missing one means that the demo failed."""
+    """Prints the first line that contains each of the texts. If one is missing, the demo has failed."""
     lines = log.read_bytes().decode("gbk", "replace").splitlines()
     say("log file", f"{log.name}, {len(lines)} lines")
     for word in words:
@@ -172,7 +173,7 @@ class Story:
                 print(f"demo: no {native / program}; the posix preset builds it")
                 sys.exit(77)
         self.programs, self.native, self.page = build / "bin", native, page
-        if self.is_x64:  # under the name by which the client's sample lists it
+        if self.is_x64:  # give it the name that the sample file lists
             (self.drive_c / "vyr/ffmpeg.exe").unlink(missing_ok=True)
             (self.drive_c / "vyr/x64/ffmpeg.exe").rename(self.drive_c / "vyr/ffmpeg.exe")
         self.work = pathlib.Path(os.environ["VYR_BED_DIR"], "demo")
@@ -184,7 +185,7 @@ class Story:
     def launcher(self, *options):
         return [self.programs / ("vyr_run64.exe" if self.is_x64 else "vyr_run.exe"), *options]
 
-    # --- first act: streams ---
+    # --- part one: streams ---
 
     def check(self, fetched):
         say("bytes", f"{len(fetched)}, sha256 {sha256(fetched)[:16]}…, from the server to "
@@ -215,21 +216,21 @@ class Story:
         return set(self.drive_c.glob("vyr/log/*.log"))
 
     def streams(self, nodes):
-        self.fetch_as_game(nodes, "The same program, listed as a game, with the library under it.",
+        self.fetch_as_game(nodes, "The same program, listed as a game and with the library.",
                            1, ["will accelerate", "is relayed", "TcpSession::StartNegotiation"],
                            trace=True)
         nodes[0].set(on_request="silent")
-        self.fetch_as_game(nodes, "Node one falls silent.", 2,
+        self.fetch_as_game(nodes, "Node one stops answering.", 2,
                            ["OnNegotiationFailed", "ChangeAcclServer"])
         nodes[1].set(on_request="silent")
-        self.fetch_as_game(nodes, "Node two falls silent too.", 3,
+        self.fetch_as_game(nodes, "Node two stops answering, too.", 3,
                            ["ChangeAcclServer", "begin direct"])
-        print("The bytes were the same every time. The program noticed nothing but a delay.\n")
+        print("The bytes were the same every time. The program noticed only a delay.\n")
 
-    # --- second act: datagrams ---
+    # --- part two: datagrams ---
 
     def film(self, nodes):
-        print("It sends a film as datagrams (MPEG-TS); the nodes are well again.")
+        print("It sends a film as datagrams (MPEG-TS). The nodes answer again.")
         for node in nodes:
             node.command(command="restore")
         folder = self.drive_c / "vyr/film"
@@ -244,15 +245,15 @@ class Story:
         say("the peer", f"had {len(got) // TS_PACKET} packets in {len(peer.datagrams)} datagrams "
             f"from {', '.join(peer.peers)}, sha256 {sha256(got)[:16]}…")
         if got != sent or peer.peers != {"198.51.100.20"}:
-            raise Failed("they are not the packets that were sent, in their order")
+            raise Failed("the packets differ from those that were sent, or are out of order")
         if flow["datagrams_to_server"] != len(peer.datagrams):
-            raise Failed("not all of them came by the node")
-        print("Packet for packet what was sent.\n")
+            raise Failed("not all of them came through the node")
+        print("Every packet arrived as it was sent.\n")
 
-    # --- last act: the link goes bad while the game plays on ---
+    # --- part three: the link goes bad while the game plays on ---
 
     def play_alone(self):
-        print("A sample game plays for two seconds, with nothing under it.")
+        print("A sample game plays for two seconds without the library.")
         server = demo_bed.GameServer(self.native / "vyr_game", switch_run.SERVER)
         done = subprocess.run(wine(GAME, "play", switch_run.SERVER, "--rate", "30", "--seconds", "2",
                                    "--ping", "--json"), timeout=TIMEOUT_S, check=True,
@@ -264,7 +265,7 @@ class Story:
     def finale(self):
         shutil.copy(self.programs / "vyr_game.exe", self.drive_c / "vyr")
         self.play_alone()
-        print(f"It plays by way of node A. After {switch_run.HEALTHY_S} s A's link loses 30 % each way.")
+        print(f"It plays through node A. After {switch_run.HEALTHY_S} s, A's link loses 30 % each way.")
         logs = self.drive_c / "vyr/game_log"
         logs.mkdir()
         tables = self.work / "game.toml"
@@ -284,33 +285,33 @@ class Story:
 
     def tell(self, facts, seen, watcher, machine_lost):
         game, summary = facts.game, facts.summary
-        say("the game", f"{game['sent']} beats (UDP), {summary['lobby']['said']} words in its lobby (TCP)")
+        say("the game", f"sent {game['sent']} datagrams (UDP) and {summary['lobby']['said']} lobby messages (TCP)")
         say_pings(game, summary["icmp"][0], "by the library from its tables")
         began = datetime.datetime.fromtimestamp(facts.began)
         say("+ 0.00 s", f"the trouble begins, at {began:%H:%M:%S}")
         for name, words in (("noticed", "the library has noticed"),
-                            ("judged", "its probes have confirmed it"),
+                            ("judged", "probes have confirmed it"),
                             ("verified", "node B has passed its trial"),
-                            ("arrived", "the first datagram has come over B")):
+                            ("arrived", "the first datagram has arrived over B")):
             if name in facts.moments:
                 at, line = facts.moments[name]
                 say(f"+{at:5.2f} s", words)
                 print(f"    {line}")
-        say("lost by the network", f"{facts.lost_up} of the game's datagrams on their way up, "
-            f"{facts.lost_down} on their way down")
+        say("lost by the network", f"{facts.lost_up} of the game's datagrams to the server, "
+            f"{facts.lost_down} from the server")
         say("lost by the library", f"{facts.library_lost_up} and {facts.library_lost_down}; "
             f"{game['duplicated']} duplicated, {game['reordered']} out of order")
         if machine_lost:
-            say("lost by the machine", f"{machine_lost}, since it is too busy to be a network")
+            say("lost by the machine", f"{machine_lost}, because it is too busy to carry them all")
         say("the game's port", f"{game['own_port_begin']} before, {game['own_port_end']} after; "
             f"every answer came from {switch_run.SERVER}")
-        say("the server", f"saw {seen[0]['address']} last, {seen[0]['address_changes']} move")
-        say("the client", f"had {len(watcher.reports)} reports, "
+        say("the server", f"saw {seen[0]['address']} last, {seen[0]['address_changes']} change of address")
+        say("the client", f"received {len(watcher.reports)} reports, "
             f"{len(watcher.named('recovery_switch'))} of a change of node")
         say("the page", os.path.relpath(self.page, demo_bed.TREE))
         if troubles := facts.troubles(machine_lost):
             raise Failed("; ".join(troubles))
-        print("The game played on. It noticed nothing but what the network lost.")
+        print("The game played on. It noticed only what the network lost.")
 
 
 def main(build, native, page):

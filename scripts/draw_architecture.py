@@ -3,11 +3,11 @@
 
 usage: draw_architecture.py [--check] [ROOT]
 
-A box is a folder of src/, with the words behind the colon of its README's heading. An arrow says
-that files of one folder include files of the other; arrows that follow from others are left out.
-The game is joined to the folders that define entries of Winsock's call table, the client program to
-those that name a shared region. Replaces what stands
-between the two marks in README.md; with --check exits 1 where that is not what would be drawn.
+A box is a folder of src/, labelled with the text after the colon in the heading of its README. An
+arrow means that files of one folder include files of the other; arrows that follow from others are
+left out. The game is connected to the folders that define entries of Winsock's call table, the
+client program to those that name a shared region. Replaces the text between the two marks in
+README.md; with --check, only exits with 1 if that text differs from the drawing.
 """
 import argparse
 import pathlib
@@ -28,7 +28,7 @@ def folder_of(path):
 
 
 def read_folders(sources):
-    """sources: path -> text. The folders of src/ with those that each includes."""
+    """The folders of src/, each with the folders that it includes. sources: path -> text."""
     graph = {f: set() for f in map(folder_of, sources) if f}
     for path, text in sources.items():
         if (folder := folder_of(path)) and path.endswith((".h", ".cpp")):
@@ -38,7 +38,7 @@ def read_folders(sources):
 
 
 def reaches(graph, start, end, without):
-    """Whether there is a way from start to end that does not begin with the arrow `without`."""
+    """Whether there is a path from start to end that does not begin with the arrow `without`."""
     seen, stack = {start}, [start]
     while stack:
         here = stack.pop()
@@ -53,7 +53,7 @@ def reaches(graph, start, end, without):
 
 
 def reduced(graph):
-    """The arrows that do not follow from others. Of folders that include one another all stay."""
+    """The arrows that do not follow from others. Arrows in a cycle are all kept."""
     left = {folder: set(targets) for folder, targets in graph.items()}
     for here in sorted(graph):
         for there in sorted(graph[here]):
@@ -87,7 +87,7 @@ def draw(sources):
 
 
 def replaced(readme, drawing):
-    """The README with the drawing in its place; None where it has no place for one."""
+    """The README with the new drawing; None if it does not have the two marks."""
     if readme.count(BEGIN) != 1 or readme.count(END) != 1:
         return None
     before, rest = readme.split(BEGIN)
@@ -109,7 +109,7 @@ def main():
     old = readme.read_text(encoding="utf-8")
     new = replaced(old, draw(sources))
     if new is None:
-        print(f"{readme}: has no place for the drawing", file=sys.stderr)
+        print(f"{readme}: has no marks for the drawing", file=sys.stderr)
         return 1
     if arguments.check:
         return 0 if new == old else 1

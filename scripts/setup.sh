@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs what building and testing needs: Debian packages, by name. Idempotent, and silent
-# when there is nothing to do. Wine is wanted but not required: without it the Windows suites of
-# its kind, 32-bit or 64-bit, are left out, and test.sh says so.
+# Installs the Debian packages that building and testing need. Idempotent, and silent when there is
+# nothing to do. Wine is optional: without 32-bit or 64-bit Wine the Windows suites of that kind are
+# left out, and test.sh says so.
 #
 #   scripts/setup.sh            install everything that is missing
 #   scripts/setup.sh --check    list what is missing, install nothing (exit 1 if anything is)
@@ -16,7 +16,7 @@ required=(
   g++-mingw-w64-i686-win32 g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-win32
   iproute2 util-linux
 )
-clang_runtime() {  # the sanitizer runtime belongs to a numbered clang
+clang_runtime() {  # the name of the sanitizer runtime contains clang's version
   local version
   version=$(clang --version 2>/dev/null | sed -n 's/.*version \([0-9]*\)\..*/\1/p' | head -n 1)
   [ -n "$version" ] && echo "libclang-rt-$version-dev"
@@ -37,7 +37,7 @@ case "${1:-}" in
   *) echo "scripts/setup.sh: unknown option '$1'; see --help" >&2; exit 2 ;;
 esac
 
-# Optional: if one of these cannot be installed, what needs it says so and is left out.
+# Optional: if one of these cannot be installed, the tests that need it report that and are left out.
 wanted=(wine wine32:i386 wine64 clang clang-format clang-tidy socat haproxy libnginx-mod-stream chromium)
 command -v npm >/dev/null 2>&1 || wanted+=(npm)
 runtime=$(clang_runtime)
@@ -49,7 +49,7 @@ if [ $((${#need[@]} + ${#want[@]})) -eq 0 ]; then exit 0; fi
 if [ "${1:-}" = --check ]; then printf '%s\n' "${need[@]}" "${want[@]}"; exit 1; fi
 
 if ! command -v apt-get >/dev/null 2>&1; then
-  echo "setup: no apt-get here; install by hand what stands for: ${need[*]} ${want[*]}" >&2
+  echo "setup: no apt-get here; install the equivalents of these packages: ${need[*]} ${want[*]}" >&2
   exit 1
 fi
 if [ "$(id -u)" != 0 ]; then
@@ -63,8 +63,8 @@ export DEBIAN_FRONTEND=noninteractive
 log=$(mktemp -t vyr-setup.XXXXXX.log)
 apt=(apt-get -y -q -o Dpkg::Use-Pty=0 --no-install-recommends)
 
-# The base suite alone: where a mirror is out of step in an update suite, amd64 and i386
-# packages of one name would differ in version, and dpkg refuses such a pair.
+# Only the base suite: if an update suite on a mirror is not in step, the amd64 and i386 packages of
+# one name differ in version, and dpkg refuses such a pair.
 base_suite_only() {
   local codename list
   codename=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
@@ -86,20 +86,20 @@ if printf '%s\n' "${want[@]}" | grep -q ':i386$' && [ "$(dpkg --print-architectu
   dpkg --add-architecture i386
 fi
 echo "setup: installing $((${#need[@]} + ${#want[@]})) packages (log: $log)"
-apt-get -q update >>"$log" 2>&1 || echo "setup: a package index could not be fetched whole; going on with what there is"
+apt-get -q update >>"$log" 2>&1 || echo "setup: a package index could not be fetched completely; continuing"
 
 if [ ${#need[@]} -gt 0 ] && ! install "${need[@]}"; then
   echo "setup: these could not be installed: $(missing "${need[@]}" | tr '\n' ' ')" >&2
   tail -n 15 "$log" >&2
   exit 1
 fi
-# A benchmark starts nginx itself. What comes with the package is a web server for the whole machine,
-# which nobody asked for: masked, it starts neither now nor later.
+# A benchmark starts nginx itself. The package also brings a web server for the whole machine, which
+# is not wanted: masked, its service starts neither now nor later.
 unit=/etc/systemd/system/nginx.service
 if printf '%s\n' "${want[@]}" | grep -q nginx && ! installed nginx &&
    [ -d "${unit%/*}" ] && [ ! -e "$unit" ] && [ ! -L "$unit" ]; then
   ln -s /dev/null "$unit"
-  echo "setup: nginx comes for a benchmark, its service masked ('systemctl unmask nginx' undoes that)"
+  echo "setup: nginx is for a benchmark; its service is masked ('systemctl unmask nginx' undoes that)"
 fi
 for package in "${want[@]}"; do
   install "$package" || echo "setup: $package cannot be installed here; what needs it is left out"

@@ -1,5 +1,5 @@
-"""One play of the sample game during which its node's link goes bad: what was seen of it by the
-game, by the nodes and by the library's own log, put together."""
+"""Runs the sample game once, while its node's link goes bad, and combines what the game, the nodes
+and the library's log report about it."""
 import dataclasses
 import datetime
 import json
@@ -11,14 +11,14 @@ import demo_bed
 
 SERVER = "198.51.100.10:7000"
 NODE_A, NODE_B = "198.51.100.20", "198.51.100.21"
-LAST_NODE = 7      # where both paths end; a flow moves only between such
-HEALTHY_S = 6      # before the trouble: longer than a young link is left alone
-TAIL_S = 2         # played on behind the switch
+LAST_NODE = 7      # of both paths; a flow only moves between paths with the same last node
+HEALTHY_S = 6      # before the trouble: longer than the time in which a new link is not judged
+TAIL_S = 2         # after the switch
 PATIENCE_S = 40    # from the trouble to the switch
 ATTEMPTS = 3
 LINK = {"data_up_loss": 30, "data_down_loss": 30, "probe_up_loss": 30, "probe_down_loss": 30}
 
-# What the library writes, in the order in which it happens.
+# The library's log texts, in the order of the events.
 MOMENTS = {
     "noticed": "requesting high freq test",
     "judged": "switching is firing",
@@ -27,10 +27,10 @@ MOMENTS = {
 }
 LINE = re.compile(r"\[(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})\]\[\d+\]\[\d\](.*)")
 
-# Thresholds that a deployment could use: a loss of a tenth over two seconds or of a twentieth over
-# five has the link probed, the probes of one second decide, and a node on trial may miss a sixth of
-# its own, since the answers to the last ones are still on their way when it is judged. One move for
-# each flow: after it the old link's loss would be remembered against the new one.
+# Thresholds that a deployment could use. A loss of 10 % over two seconds, or of 5 % over five, starts
+# a burst of probes, and the probes of one second decide. A node on trial may leave a sixth of its
+# probes unanswered, because the answers to the last ones are still in flight when it is judged. Each
+# flow moves once: after a move, the old link's loss would still count against the new one.
 GAME = """
 [[game]]
 game_id = {number}
@@ -121,8 +121,8 @@ def game(programs, logs, number=10001):
 
 
 def start_nodes(program):
-    """B is the farther one, as it would be where A was chosen first: no answer by way of A can be
-    later than the first one by way of B, which ends the listening to A."""
+    """Sets the nodes' delays. B is farther away than A, as it would be if A was chosen first. So no
+    answer through A arrives after the first one through B, at which the library closes A's socket."""
 
     def node(name, address, control_port, each_way_ms):
         delays = [word for lane in ("data-up", "data-down", "probe-up", "probe-down")
@@ -135,11 +135,11 @@ def start_nodes(program):
 
 @dataclasses.dataclass
 class Facts:
-    game: dict      # what the game says of its server
-    summary: dict   # all that the game says
-    began: float    # the trouble, in seconds since 1970
-    moments: dict   # name: (seconds since then, what the library wrote)
-    lost_up: int = 0    # by the network, which is in the nodes
+    game: dict      # the game's report on its server
+    summary: dict   # the game's whole report
+    began: float    # when the trouble began, in seconds since 1970
+    moments: dict   # name: (seconds since then, the library's log line)
+    lost_up: int = 0    # by the network, which the nodes simulate
     lost_down: int = 0
 
     @property
@@ -157,11 +157,11 @@ class Facts:
                 f"port {self.game['own_port_begin']}, then {self.game['own_port_end']}")
 
     def troubles(self, machine_lost=0):
-        """Everything that must not be, as sentences; empty where all is well. What full buffers of
-        the machine took is nobody's."""
+        """A description of everything that is wrong; empty if nothing is. Datagrams that the machine
+        dropped because its buffers were full do not count."""
         game = self.game
-        # A delay shows in the probes alone: nothing has to be noticed before.
-        wrong = [f"{name}: nothing of it in the log" for name in MOMENTS
+        # A delay appears in the probes only, so nothing has to be noticed before.
+        wrong = [f"{name}: not in the log" for name in MOMENTS
                  if name not in self.moments and name != "noticed"]
         times = [self.moments[name][0] for name in MOMENTS if name in self.moments]
         if times != sorted(times):
@@ -180,7 +180,7 @@ class Facts:
 
 
 def read_moments(log, began):
-    """When each of the moments came first, behind the beginning of the trouble."""
+    """The first time of each moment after the trouble began."""
     moments = {}
     for line in log.splitlines():
         if not (match := LINE.match(line)):
@@ -193,7 +193,7 @@ def read_moments(log, began):
 
 
 class Run:
-    """`game` is the command that plays; `logs` the folder of the library's logs, empty before."""
+    """`game` is the command of the game, `logs` the folder of the library's logs, which is empty."""
 
     def __init__(self, nodes, game, logs):
         self.a, self.b = nodes
@@ -208,11 +208,11 @@ class Run:
         raise demo_bed.Failed("the flow moves before its link is bad: this machine is too busy")
 
     def _attempt(self, seed, link):
-        """None where the machine itself was a bad link, before there was one."""
+        """None if this machine itself was a bad link, before the link was made bad."""
         a, b = self.a, self.b
         for node in (a, b):
             node.command(command="restore")
-        a.set(seed=seed)  # a flow takes it when it begins
+        a.set(seed=seed)  # takes effect when a flow begins
         known_a, known_b = len(a.events), len(b.events)
         known_logs = set(self.logs.glob("*.log"))
         game = subprocess.Popen(self.command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,

@@ -25,7 +25,7 @@ class Connection {
   void Reset(const std::string& reason, u64 now);
 
   bool closed() const { return state_ == State::kClosed; }
-  // What it is doing, for whoever asks the control port.
+  // What it is doing, for queries at the control port.
   Event Describe() const;
 
  private:

@@ -1,4 +1,4 @@
-// Identities of the extension functions, as the platform publishes them.
+// The GUIDs of Winsock's extension functions, as the platform publishes them.
 #pragma once
 #include <winsock2.h>
 

@@ -1,4 +1,4 @@
-// The shell's path calls. They know backslashes and drive letters, on every machine.
+// The shell's path calls. They handle backslashes and drive letters on every platform.
 #pragma once
 #include <windows.h>
 

@@ -1,16 +1,16 @@
 // The Win32 calls that the product and the devkit make, for machines that lack them.
 //
-// Declarations only: port/posix and port/sim each give them a body. Names, values, argument
-// order and error numbers are those of the Windows SDK documentation. Two things differ on
-// purpose: wchar_t is 4 bytes here (a wide string holds UTF-32), and a DWORD is an unsigned
-// int, so whatever is printed with %lu is cast first.
+// Declarations only: port/posix and port/sim implement them. Names, values, argument order and
+// error numbers are those of the Windows SDK documentation. Two things differ on purpose: wchar_t
+// is 4 bytes here (a wide string holds UTF-32), and a DWORD is an unsigned int, so a value printed
+// with %lu is cast first.
 //
-// Threads: every call may be made from any thread. Errors: as on Windows, the result says that
-// a call failed and GetLastError says why.
+// Threads: every call may be made from any thread. Errors: as on Windows, the return value
+// reports failure and GetLastError gives the reason.
 #pragma once
 
-// The system's own headers come in once, before the names they share with Winsock are renamed
-// (winsock2.h), so that a later include of them finds its guard set.
+// The host's own headers are included here, before winsock2.h renames the names that they share
+// with Winsock. A later include of them then has no effect.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/select.h>
@@ -124,8 +124,8 @@ void WINAPI GetLocalTime(LPSYSTEMTIME out);
 void WINAPI GetSystemTimeAsFileTime(LPFILETIME out);  // 100 ns since 1 January 1601
 void WINAPI Sleep(DWORD ms);
 
-// The C runtime's clock calls under port names: the simulation's clock must show in them too,
-// and Windows' localtime_s has its own argument order and answers 0 or an error number.
+// The C runtime's clock calls, renamed: they must read the simulation's clock, too, and Windows'
+// localtime_s has its own argument order and returns 0 or an error number.
 time_t vyr_port_time(time_t* out);
 int vyr_port_localtime_s(struct tm* out, const time_t* when);
 #define time(...) vyr_port_time(__VA_ARGS__)
@@ -159,13 +159,13 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stack_size, LPTHREAD_ST
 // Ends the thread at its next port call, never asynchronously.
 BOOL WINAPI TerminateThread(HANDLE thread, DWORD exit_code);
 BOOL WINAPI GetExitCodeThread(HANDLE thread, LPDWORD exit_code);
-// A thread that has ended may or may not be found. One that is not: ERROR_INVALID_PARAMETER.
+// May or may not find a thread that has ended. Fails with ERROR_INVALID_PARAMETER if it does not.
 HANDLE WINAPI OpenThread(DWORD access, BOOL inherit, DWORD id);
 HANDLE WINAPI GetCurrentThread();
 DWORD WINAPI GetCurrentThreadId();
 DWORD WINAPI GetCurrentProcessId();
 
-// Recursive. The state lives behind the pointer, so the record may be moved only before use.
+// Recursive. The state is behind the pointer, so the record may be moved only before its first use.
 typedef struct _CRITICAL_SECTION {
   void* state;
 } CRITICAL_SECTION, *LPCRITICAL_SECTION;
@@ -194,11 +194,11 @@ BOOL WINAPI CloseHandle(HANDLE handle);
 #define FILE_MAP_READ 4u
 #define FILE_MAP_ALL_ACCESS 0xf001fu
 
-// Backed by the page file only: `file` must be INVALID_HANDLE_VALUE.
+// Only mappings backed by the page file: `file` must be INVALID_HANDLE_VALUE.
 HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES, DWORD protect, DWORD size_high,
                                  DWORD size_low, LPCSTR name);
 HANDLE WINAPI OpenFileMappingA(DWORD access, BOOL inherit, LPCSTR name);
-// Fails (5, access denied) where the view would pass the mapping's end.
+// Fails (5, access denied) if the view would extend past the end of the mapping.
 LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offset_high, DWORD offset_low,
                             SIZE_T size);
 BOOL WINAPI UnmapViewOfFile(LPCVOID view);
@@ -270,9 +270,9 @@ HMODULE WINAPI LoadLibraryW(LPCWSTR path);
 HMODULE WINAPI LoadLibraryA(LPCSTR path);
 FARPROC WINAPI GetProcAddress(HMODULE module, LPCSTR name);
 BOOL WINAPI FreeLibrary(HMODULE module);
-// The module that an address lies in, which is all that is asked for here: both flags are needed.
-// From then on the module stays loaded, however often it is freed. What no module of
-// port/shared/modules.h exports lies in the program itself.
+// Supports one use only: pinning the module that contains an address, with both flags set. The
+// module then stays loaded, however often it is freed. An address that no module of
+// port/shared/modules.h exports belongs to the program itself.
 #define GET_MODULE_HANDLE_EX_FLAG_PIN 1u
 #define GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS 4u
 BOOL WINAPI GetModuleHandleExW(DWORD flags, LPCWSTR address, HMODULE* out);
@@ -288,7 +288,7 @@ HGLOBAL WINAPI GlobalFree(HGLOBAL memory);
 #define MEM_COMMIT 0x1000u
 #define MEM_RESERVE 0x2000u
 #define MEM_RELEASE 0x8000u
-// Whole pages at an address of the system's choice, zero, readable and writable: nothing else may
-// be asked for.
+// Supports one use only: zeroed pages, readable and writable, at an address that the system
+// chooses.
 LPVOID WINAPI VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect);
 BOOL WINAPI VirtualFree(LPVOID address, SIZE_T size, DWORD type);  // size 0, MEM_RELEASE

@@ -1,11 +1,11 @@
 // The Winsock calls that the product and the devkit make, for machines that lack them.
 //
-// Semantics are Windows', not the host system's: error numbers, the sets of select, the
-// inheritance of non-blocking mode. tests/contract checks each backend.
+// The semantics are those of Windows, not of the host system: error numbers, the sets of select,
+// the inheritance of non-blocking mode. tests/contract checks each backend.
 //
-// sockaddr, sockaddr_in, in_addr and sockaddr_storage are the host system's: they have the same
-// layout. Names that the C library uses with another meaning are renamed by macros, so that
-// code which includes this header sees each name once.
+// sockaddr, sockaddr_in, in_addr and sockaddr_storage are the host system's own, which have the
+// same layout. Macros rename the names that the C library uses with another meaning, so that code
+// which includes this header sees each name once.
 #pragma once
 #include <windows.h>
 
@@ -215,7 +215,7 @@ int WSAAPI WSACleanup();
 int WSAAPI closesocket(SOCKET s);
 int WSAAPI ioctlsocket(SOCKET s, long command, u_long* argument);
 
-// Through the process's call table, as on Windows: a layer that stands in it sees these too.
+// These go through the process's call table, as on Windows, so a layered provider sees them, too.
 SOCKET vyr_port_socket(int family, int type, int protocol);
 int vyr_port_bind(SOCKET s, const struct sockaddr* name, int name_size);
 int vyr_port_listen(SOCKET s, int backlog);

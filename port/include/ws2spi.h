@@ -15,8 +15,8 @@ typedef struct WSPData {
   WCHAR szDescription[WSAPROTOCOL_LEN + 1];
 } WSPDATA, *LPWSPDATA;
 
-// Fifteen pointers back into Winsock. Stored by the product and never called, so they have no
-// types of their own here.
+// Fifteen pointers back into Winsock. The product stores them and never calls them, so they have
+// no types of their own here.
 typedef struct _WSPUPCALLTABLE {
   FARPROC entries[15];
 } WSPUPCALLTABLE, *LPWSPUPCALLTABLE;
@@ -86,7 +86,7 @@ typedef SOCKET(WSPAPI* LPWSPSOCKET)(int family, int type, int protocol, LPWSAPRO
 typedef INT(WSPAPI* LPWSPSTRINGTOADDRESS)(LPWSTR text, INT family, LPWSAPROTOCOL_INFOW info,
                                           LPSOCKADDR out, LPINT out_size, LPINT error);
 
-// The entries a provider hands out, in the platform's order.
+// A provider's entries, in the platform's order.
 typedef struct _WSPPROC_TABLE {
   LPWSPACCEPT lpWSPAccept;
   LPWSPADDRESSTOSTRING lpWSPAddressToString;
@@ -126,7 +126,7 @@ typedef int(WSPAPI* LPWSPSTARTUP)(WORD version, LPWSPDATA data, LPWSAPROTOCOL_IN
 extern "C" int WSPAPI WSPStartup(WORD version, LPWSPDATA data, LPWSAPROTOCOL_INFOW info,
                                  WSPUPCALLTABLE upcalls, LPWSPPROC_TABLE out);
 
-// The catalogue. -1 with 10055 in *error where the buffer is too small; *size then says how
-// much it would take.
+// Reads the catalogue. If the buffer is too small, the result is -1 with 10055 in *error, and
+// *size is the size that is needed.
 int WSPAPI WSCEnumProtocols(LPINT protocols, LPWSAPROTOCOL_INFOW buffer, LPDWORD size, LPINT error);
 int WSPAPI WSCGetProviderPath(GUID* provider, WCHAR* path, LPINT path_length, LPINT error);

@@ -1,5 +1,5 @@
-// The base provider: thirty entries over real sockets. Overlapped calls and the entries that
-// nothing here uses answer 10045.
+// The base provider: thirty entries over real sockets. Overlapped calls, and entries that are not
+// used here, fail with 10045.
 #include "port/posix/native.h"
 //
 #include <mswsock.h>
@@ -17,7 +17,7 @@ int Finish(int failure, LPINT error) {
   return failure == 0 ? 0 : SOCKET_ERROR;
 }
 
-// What every entry does around its work: the fault check, the handle, the result.
+// The steps common to every entry: the fault check, the lookup of the handle, the result.
 template <class Work>
 int Run(const char* name, SOCKET s, LPINT error, Work work) {
   if (Fails(name, error)) return SOCKET_ERROR;
@@ -140,7 +140,7 @@ SOCKET WSPAPI BaseSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW
 
 // --- WSPIoctl and the one extension function ------------------------------------------------
 
-// Blocks where the platform would answer "pending": the outcome is known when it returns.
+// Blocks where the platform would return "pending", so the outcome is known when it returns.
 BOOL WINAPI ConnectAtOnce(SOCKET s, const struct sockaddr* name, int name_size, PVOID data,
                           DWORD size, LPDWORD sent, LPOVERLAPPED overlapped) {
   int error = 0;

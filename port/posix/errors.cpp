@@ -1,4 +1,4 @@
-// The host's error numbers as Winsock's.
+// Translates the host's error numbers into Winsock's.
 #include <cerrno>
 
 #include "port/posix/native.h"

@@ -1,4 +1,4 @@
-// The host system's socket calls and values under names of their own. Include it first: winsock2.h
+// The host's socket calls and values, under different names. Include this first, because winsock2.h
 // gives the usual names another meaning.
 #pragma once
 #include <fcntl.h>

@@ -19,7 +19,7 @@ constexpr size_t kNoTwin = static_cast<size_t>(-1);
 struct Wanted {
   Socket* socket;
   short events;
-  size_t twin = kNoTwin;  // its place in the set for reading, if the same handle is in it
+  size_t twin = kNoTwin;  // the index of the same handle in the set for reading, if it is there
   bool ready = false;
 };
 
@@ -29,8 +29,7 @@ struct Set {
   std::vector<Wanted>& wanted;
 };
 
-// Buffers that a thread's selections reuse one after the other, so that only the first ones
-// allocate.
+// Buffers that are reused by all selections of a thread, so that only the first ones allocate.
 struct Scratch {
   std::vector<Wanted> wanted[3];
   SelectedSockets sockets;
@@ -42,7 +41,7 @@ Scratch& ThreadScratch() {
   return scratch;
 }
 
-// Callers often pass the same handles in two sets, in the same order; then one lookup and one poll
+// Callers often pass the same handles in two sets, in the same order. One lookup and one poll then
 // serve both.
 int Resolve(Set* set, const Set& reads, SelectedSockets* sockets) {
   if (!set->handles) return 0;
@@ -61,9 +60,9 @@ int Resolve(Set* set, const Set& reads, SelectedSockets* sockets) {
   return 0;
 }
 
-// The events that the host may be polled for on this socket. An unconnected or refused stream polls
-// as writable and hung up on the host, for ever; Windows shows a refused one in the exception set
-// alone, and an unconnected one nowhere.
+// The events for which this socket may be polled. On the host, an unconnected or refused stream
+// always polls as writable and hung up. Windows reports a refused one in the exception set only,
+// and an unconnected one in none.
 short Pollable(Socket& socket, short events) {
   if (!socket.stream()) return events;
   if (socket.listening) return static_cast<short>(events & POLLIN);
@@ -72,7 +71,7 @@ short Pollable(Socket& socket, short events) {
       // The host reports an urgent byte even if it is read inline; Windows does not.
       return events == POLLPRI && socket.oob_inline ? short{0} : events;
     case Socket::Connect::kPending:
-      return POLLOUT;  // any outcome concerns any set
+      return POLLOUT;  // any outcome matters to every set
     default:
       return 0;
   }
@@ -101,7 +100,7 @@ class Selection {
       : sets_{{read, POLLIN, scratch_.wanted[0]},
               {write, POLLOUT, scratch_.wanted[1]},
               {except, POLLPRI, scratch_.wanted[2]}} {}
-  // Releases the sockets, so that none outlives its handle until the next select.
+  // Releases the sockets; otherwise one could outlive its handle until the next select.
   ~Selection() {
     for (Set& set : sets_) set.wanted.clear();
     scratch_.sockets.clear();
@@ -125,7 +124,7 @@ class Selection {
       for (Wanted& one : set.wanted) action(one);
   }
 
-  // One poll of all sockets, for at most that long. False: a socket was closed meanwhile.
+  // Polls all sockets once, for at most that long. False if a socket was closed meanwhile.
   bool Look(Thread& thread, const timespec* limit) {
     std::vector<pollfd>& polled = scratch_.polled;
     polled.clear();

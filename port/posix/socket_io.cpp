@@ -8,8 +8,8 @@
 namespace port {
 namespace {
 
-// The caller's buffers as the host has them. A few need no memory, so that the port adds no
-// allocation to a path that has none.
+// The caller's buffers in the host's form. A small number of buffers needs no allocation, so the
+// port adds none to a path that has none.
 class Vectors {
  public:
   Vectors(const WSABUF* buffers, DWORD count) : size_(count) {
@@ -59,7 +59,7 @@ msghdr Message(Vectors* vectors) {
   return message;
 }
 
-// Nearly every call has one buffer, for which the host has the quicker call.
+// Nearly every call has a single buffer, for which the host has a faster call.
 ssize_t PutOnStream(int fd, Vectors* vectors, int flags) {
   if (vectors->size() == 1)
     return native::Send(fd, vectors->data()->iov_base, vectors->data()->iov_len, flags);
@@ -67,8 +67,7 @@ ssize_t PutOnStream(int fd, Vectors* vectors, int flags) {
   return native::SendMsg(fd, &message, flags);
 }
 
-// With IP_RECVERR the host queues each "unreachable" report, and any call may be the one that gets
-// it.
+// With IP_RECVERR the host queues each "unreachable" report, and any later call may return it.
 void DropQueuedReport(Socket& socket) {
   char data[64], control[512];
   iovec vector = {data, sizeof data};
@@ -106,7 +105,7 @@ int FinishStreamError(Socket& socket, int number) {
   return error;
 }
 
-// A blocking stream send returns when everything has gone; a non-blocking one takes what fits.
+// A blocking send on a stream returns when everything is sent; a non-blocking one sends what fits.
 int SendStream(Socket& socket, Vectors& vectors, int flags, DWORD* sent) {
   if (int error = CheckStream(socket)) return error;
   if (socket.shut_send) return WSAESHUTDOWN;
@@ -143,13 +142,13 @@ int SendDatagram(Socket& socket, Vectors& vectors, int flags, const sockaddr* to
   while (true) {
     const ssize_t put = native::SendMsg(socket.fd, &message, flags);
     if (put >= 0) {
-      socket.bound = true;  // sending binds
+      socket.bound = true;  // sending binds the socket
       *sent = static_cast<DWORD>(put);
       return 0;
     }
     if (errno == EINTR) continue;
     if (IsUnreachableReport(socket, errno)) {
-      // A report on an earlier datagram: receiving returns it, sending does not.
+      // A report about an earlier datagram: receiving returns it, sending does not.
       std::lock_guard hold(socket.lock);
       socket.pending_error = WSAECONNRESET;
       continue;
@@ -159,7 +158,7 @@ int SendDatagram(Socket& socket, Vectors& vectors, int flags, const sockaddr* to
   }
 }
 
-// True once for each report that the caller should see as a reset.
+// True once for each report that the caller is to see as a reset.
 bool TakeUnreachable(Socket& socket) {
   std::lock_guard hold(socket.lock);
   const bool told = socket.pending_error == WSAECONNRESET;
@@ -234,7 +233,7 @@ int ReceiveOn(Socket& socket, const WSABUF* buffers, DWORD count, DWORD flags, s
       if (socket.report_unreachable) return WSAECONNRESET;
       continue;
     }
-    // Without an urgent byte the host answers "invalid argument"; Windows waits for one.
+    // Without an urgent byte, the host returns "invalid argument"; Windows waits for one.
     const bool waits_for_urgent = (flags & MSG_OOB) != 0 && number == EINVAL && !socket.oob_inline;
     if (number != EAGAIN && !waits_for_urgent) return FinishStreamError(socket, number);
     if (socket.non_blocking) return WSAEWOULDBLOCK;

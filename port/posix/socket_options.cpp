@@ -1,4 +1,4 @@
-// Options, with Windows' numbers and values.
+// Socket options, with Windows' numbers and values.
 #include "port/posix/native.h"
 //
 #include "port/posix/sockets.h"
@@ -12,7 +12,7 @@ namespace {
 constexpr int kUpdateAcceptContext = 0x700B;
 constexpr int kUpdateConnectContext = 0x7010;
 
-// Options that are one host flag.
+// Options that correspond to one host flag.
 int HostFlag(int option) {
   switch (option) {
     case SO_REUSEADDR:
@@ -70,7 +70,7 @@ int GetSocketOption(Socket& socket, int option, char* value, int* size) {
   if (int flag = HostFlag(option)) return GetHost(socket, native::kSolSocket, flag, value, size);
   switch (option) {
     case SO_ERROR:
-      // Tested first: an error must not be lost on a buffer that cannot take it.
+      // Checked first: the error must not be lost if the buffer is too small for it.
       if (*size < static_cast<int>(sizeof(int))) return WSAEFAULT;
       return PutOption(TakeError(socket), value, size);
     case SO_TYPE:

@@ -11,8 +11,8 @@
 namespace port {
 namespace {
 
-// Handles are the port's own: the host reuses a descriptor at once, which would hide a use after
-// close.
+// Handles are numbered by the port: the host reuses a descriptor at once, which would hide a use
+// after close.
 class SocketTable {
  public:
   static SocketTable& Instance() {
@@ -189,7 +189,7 @@ int OpenSocket(int family, int type, int protocol, SOCKET* out) {
   const int fd = native::Socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol);
   if (fd < 0) return ErrorOf(errno);
   if (type == SOCK_DGRAM) {
-    // Windows reports an unreachable port of a peer to an unconnected socket, too.
+    // Windows reports a peer's unreachable port to unconnected sockets, too.
     const int on = 1;
     native::SetSockOpt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
   }
@@ -305,11 +305,11 @@ int ConnectTo(Socket& socket, const sockaddr* name, int name_size) {
   if (state == Socket::Connect::kDone) return WSAEISCONN;
   if (IsAny(name) || PortOf(name) == 0) return WSAEADDRNOTAVAIL;
   int number = TryConnect(socket.fd, name);
-  if (number == ECONNABORTED) number = TryConnect(socket.fd, name);  // a refusal before this one
+  if (number == ECONNABORTED) number = TryConnect(socket.fd, name);  // left by an earlier refusal
   if (number != 0 && number != EINPROGRESS && number != ECONNREFUSED) return ErrorOf(number);
   socket.bound = true;
-  // On loopback the host may know the outcome at once. Windows never returns it from this call if
-  // the socket is non-blocking: select shows it.
+  // On loopback the host may know the outcome at once. On a non-blocking socket, Windows never
+  // returns it from this call, but reports it through select.
   const auto next = number == 0             ? Socket::Connect::kDone
                     : number == EINPROGRESS ? Socket::Connect::kPending
                                             : Socket::Connect::kFailed;
@@ -337,7 +337,7 @@ int ShutDown(Socket& socket, int how) {
   if (SettleConnect(socket) != Socket::Connect::kDone) return WSAENOTCONN;
   if (how != SD_SEND) socket.shut_recv = true;
   if (how != SD_RECEIVE) socket.shut_send = true;
-  // The host would answer a sender with a reset after SHUT_RD plus close; nothing else differs.
+  // The only difference: after SHUT_RD and close, the host would answer a sender with a reset.
   if (native::Shutdown(socket.fd, how) != 0 && errno != ENOTCONN) return ErrorOf(errno);
   WakeWaiters(socket);
   return 0;

@@ -1,7 +1,7 @@
-// Sockets of the posix backend: real ones, with Windows' semantics on top.
+// Sockets of the posix backend: real sockets with the semantics of Windows.
 //
-// Every host socket is non-blocking; a blocking call waits in poll, together with a descriptor
-// of its thread, so that closing the socket or ending the thread reaches a call in progress.
+// Every host socket is non-blocking. A blocking call waits in poll, together with a descriptor of
+// its thread, so closing the socket or ending the thread interrupts the call.
 //
 // Functions return a Windows error number, 0 for success, and never touch the last error.
 // Threads: any. A socket's lock is a leaf and is never held across a wait.
@@ -38,22 +38,22 @@ struct Socket {
   std::atomic<bool> report_unreachable{true};                 // SIO_UDP_CONNRESET
   std::atomic<bool> reset{false};                             // the peer's reset was seen
   std::atomic<DWORD> recv_timeout_ms{0}, send_timeout_ms{0};  // 0: none
-  std::atomic<int> send_buffer{65536}, recv_buffer{65536};    // as asked for
+  std::atomic<int> send_buffer{65536}, recv_buffer{65536};    // as requested
   std::atomic<bool> exclusive{false};
   std::atomic<bool> oob_inline{false};
 
   std::atomic<Connect> connect{Connect::kNone};  // written under the lock
 
-  std::mutex lock;               // what follows
+  std::mutex lock;               // guards what follows
   int pending_error = 0;         // what SO_ERROR will return once
   std::vector<Thread*> waiters;  // threads that poll this socket alone
 };
 using SocketRef = std::shared_ptr<Socket>;
 using SelectedSockets = std::vector<SocketRef>;
 
-// Registers a thread that polls many sockets at once, for as long as it does, and keeps the sockets
-// alive. Made for loops with many sockets and few changes: it takes one lock, and a change of a
-// socket searches every selection for it.
+// Registers a thread while it polls many sockets at once, and keeps the sockets alive. Designed for
+// loops with many sockets and few changes: it takes one lock, and a change of a socket searches
+// every selection for it.
 class Selecting {
  public:
   Selecting(const SelectedSockets& sockets, Thread& thread);
@@ -68,7 +68,7 @@ class Selecting {
   Thread& thread_;
 };
 
-// What happens to a closed handle's value: it is never used again (the default), or given to the
+// Decides whether the value of a closed handle is never used again (the default), or used for the
 // very next socket, as the platform tends to do.
 void ReuseSocketHandles(bool at_once);
 
@@ -88,11 +88,11 @@ int PeerOf(Socket& socket, sockaddr* name, int* name_size);
 // Checks whether a pending connect has ended, and returns the state.
 Socket::Connect SettleConnect(Socket& socket);
 
-// Waits for poll events. 0 when there are some, WSAETIMEDOUT after timeout_ms (0: no limit),
-// WSAEINTR when the socket is closed meanwhile.
+// Waits for poll events. Returns 0 when there are some, WSAETIMEDOUT after timeout_ms (0: no
+// limit), WSAEINTR if the socket is closed meanwhile.
 int WaitForEvents(Socket& socket, short events, DWORD timeout_ms);
 
-// Wakes every thread that polls the socket, so that it looks at the socket's state again.
+// Wakes every thread that polls the socket, so that it checks the socket's state again.
 void WakeWaiters(Socket& socket);
 
 // From socket_io.cpp.
@@ -111,7 +111,7 @@ int SelectSockets(fd_set* read, fd_set* write, fd_set* except, const timeval* ti
 // From errors.cpp.
 int ErrorOf(int host_errno);
 
-// Copies a host address out with Windows' rule for its size.
+// Copies a host address to the caller, following Windows' rule for its size.
 int DeliverName(const sockaddr_storage& from, unsigned from_size, sockaddr* name, int* name_size);
 
 }  // namespace port

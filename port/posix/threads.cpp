@@ -19,7 +19,7 @@ const HANDLE kCurrentThread = reinterpret_cast<HANDLE>(static_cast<intptr_t>(-2)
 
 std::atomic<DWORD> next_id{1};
 
-// Those that have not ended.
+// The threads that have not ended.
 class RunningThreads {
  public:
   void Add(const std::shared_ptr<Thread>& thread) {
@@ -58,8 +58,8 @@ void MarkEnded(Thread& thread, DWORD code) {
   thread.changed.notify_all();
 }
 
-// Threads that this port did not start: the main thread, and those of a test framework. Never
-// freed, because their last calls may come from destructors.
+// Threads that the port did not start: the main thread, and those of a test framework. Never freed,
+// because destructors may make the last calls of these threads.
 struct Adopted {
   Adopted() : thread(std::make_shared<Thread>(next_id++)) {
     static std::mutex lock;
@@ -103,7 +103,7 @@ int Thread::WakeFd() {
 void Thread::Wake() {
   std::lock_guard hold(wake_lock_);
   const uint64_t one = 1;
-  if (wake_fd_ >= 0 && ::write(wake_fd_, &one, sizeof one) < 0) return;  // full: awake already
+  if (wake_fd_ >= 0 && ::write(wake_fd_, &one, sizeof one) < 0) return;  // full: already awake
 }
 
 void Thread::DrainWakes() {
@@ -151,7 +151,7 @@ using port::KernelLock;
 HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE start,
                            LPVOID parameter, DWORD flags, LPDWORD id) {
   if (port::Fails("CreateThread")) return nullptr;
-  if (!start || flags != 0) {  // nothing here could resume a suspended one
+  if (!start || flags != 0) {  // a suspended thread could not be resumed here
     SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
@@ -218,12 +218,13 @@ DWORD WINAPI GetCurrentThreadId() { return port::Self().id; }
 
 namespace {
 
-// 0 free, 1 held, 2 held and somebody may sleep. A waiter wakes now and then by itself, because
-// one that was told to end must notice even where the owner is gone for good.
+// 0: free, 1: held, 2: held and a thread may be waiting. A waiting thread wakes from time to time
+// to check whether it has been terminated, because the owner may have ended without releasing the
+// lock.
 struct Section {
   std::atomic<uint32_t> word{0};
   std::atomic<DWORD> owner{0};
-  int depth = 0;  // the owner's
+  int depth = 0;  // how often the owner has entered
 };
 
 constexpr long kLookAgainNs = 20'000'000;

@@ -1,4 +1,4 @@
-// Threads of the posix backend, as the waits and the sockets see them.
+// Threads of the posix backend, for the wait functions and the sockets.
 #pragma once
 #include <atomic>
 #include <vector>
@@ -8,17 +8,17 @@
 
 namespace port {
 
-// What WaitForSingleObject can wait for. All of it is guarded by KernelLock().
+// What WaitForSingleObject can wait for. Guarded by KernelLock().
 class Waitable : public Object {
  public:
-  // Takes the object for the thread if it is signalled. The result is WAIT_OBJECT_0,
-  // WAIT_ABANDONED, or WAIT_TIMEOUT for "not now".
+  // Takes the object for the thread if it is signalled. Returns WAIT_OBJECT_0 or WAIT_ABANDONED, or
+  // WAIT_TIMEOUT if it is not signalled.
   virtual DWORD TryTake(class Thread& thread) = 0;
 
   std::condition_variable changed;
 };
 
-// A mutex's side of a thread's end.
+// A mutex, for the end of the thread that owns it.
 class Abandonable {
  public:
   virtual ~Abandonable() = default;
@@ -32,7 +32,7 @@ class Thread : public Waitable {
   const char* kind() const override { return "thread"; }
   DWORD TryTake(Thread&) override { return ended ? WAIT_OBJECT_0 : WAIT_TIMEOUT; }
 
-  // Readable after Wake(): a thread that waits for sockets adds it to its poll.
+  // Readable after Wake(). A thread that waits for sockets includes it in its poll.
   int WakeFd();
   void Wake();
   void DrainWakes();
@@ -44,8 +44,8 @@ class Thread : public Waitable {
   // Under KernelLock().
   bool ended = false;
   DWORD exit_code = STILL_ACTIVE;
-  DWORD final_code = 0;                             // what TerminateThread asked for
-  Waitable* waits_for = nullptr;                    // itself while it sleeps
+  DWORD final_code = 0;                             // the exit code given to TerminateThread
+  Waitable* waits_for = nullptr;                    // the thread itself while it sleeps
   std::vector<std::shared_ptr<Abandonable>> owned;  // mutexes
 
  private:
@@ -53,15 +53,15 @@ class Thread : public Waitable {
   int wake_fd_ = -1;
 };
 
-// One lock for every waitable object: waits are rare, and a wait looks at one object's state
-// and its owner's together. A leaf.
+// One lock for all waitable objects: waits are rare, and a wait needs the state of an object and of
+// its owner at the same moment. A leaf.
 std::mutex& KernelLock();
 
 // The calling thread.
 Thread& Self();
 
-// A thread that was told to end stops here: it is marked as ended, its mutexes are abandoned, and
-// it never returns. Its stack is not unwound, as on Windows: locks that it held stay held.
+// Does not return in a thread that has been terminated: marks it as ended and abandons its mutexes.
+// Its stack is not unwound, as on Windows, so its locks stay locked.
 void EndIfTold();
 
 }  // namespace port

@@ -1,4 +1,4 @@
-// Mapping and unmapping of views: this backend does not watch them.
+// This backend does not watch views.
 #include "port/shared/backend.h"
 
 namespace port {

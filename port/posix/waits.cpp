@@ -49,7 +49,7 @@ class Mutex : public Waitable, public Abandonable, public std::enable_shared_fro
     if (--depth_ > 0) return true;
     owner_ = nullptr;
     std::erase_if(thread.owned, [this](const auto& one) { return one.get() == this; });
-    changed.notify_all();  // one alone might be a waiter that is about to end
+    changed.notify_all();  // a single waiter might be a thread that is about to end
     return true;
   }
 
@@ -68,7 +68,7 @@ class Mutex : public Waitable, public Abandonable, public std::enable_shared_fro
 
 using Clock = std::chrono::steady_clock;
 
-// Until the object can be taken, the time is over, or the thread is told to end.
+// Waits until the object can be taken, the time is over, or the thread has been terminated.
 DWORD WaitFor(Waitable& object, Thread& thread, DWORD timeout_ms) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   std::unique_lock hold(KernelLock());
@@ -97,7 +97,7 @@ std::shared_ptr<Object> NewEvent(bool manual_reset, bool set) {
 
 std::shared_ptr<Object> NewMutex(bool owned) {
   auto mutex = std::make_shared<Mutex>();
-  if (owned) mutex->TryTake(Self());  // without KernelLock(): no other thread has it yet
+  if (owned) mutex->TryTake(Self());  // needs no KernelLock(): no other thread has the object yet
   return mutex;
 }
 

@@ -1,7 +1,7 @@
-// The interface between what both backends share and the backend below: what port/posix and
-// port/sim must each supply. Everything else that a backend supplies are the declared
-// Windows calls themselves: threads.cpp (threads, critical sections), waits.cpp (events,
-// mutexes, WaitForSingleObject), clock.cpp (GetTickCount and Sleep), base_provider.cpp.
+// The interface that each backend, port/posix and port/sim, implements for the shared code. The
+// rest of a backend is the declared Windows calls themselves: threads.cpp (threads, critical
+// sections), waits.cpp (events, mutexes, WaitForSingleObject), clock.cpp (GetTickCount and Sleep)
+// and base_provider.cpp.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>
@@ -15,7 +15,7 @@ namespace port {
 class Object;
 struct Process;
 
-// What Windows keeps in a thread's own block. Only its thread touches it.
+// The state that Windows keeps for each thread. Used by its own thread only.
 struct ThreadState {
   DWORD last_error = 0;
   int bypass_layers = 0;      // > 0: sockets made by this thread skip the layered providers
@@ -23,7 +23,7 @@ struct ThreadState {
   char inet_text[16] = {};
 };
 
-// The calling thread's record; made on first use for a thread that the backend did not start.
+// The calling thread's record; created on first use for a thread that the backend did not start.
 ThreadState& CurrentThreadState();
 
 // The process that the calling thread belongs to. Lives as long as any of its threads.
@@ -45,12 +45,12 @@ bool BreakDown(time_t moment, struct tm* out);
 // The random source behind rand_s and UuidCreate. The simulation draws it from its seed.
 uint32_t RandomBits();
 
-// Every shared call begins here, before it takes any lock: a thread that was told to end
-// leaves, and the simulation may trace. Must not change the last error.
+// Every shared call begins with this, before it takes any lock. A thread that has been terminated
+// ends here, and the simulation may write a trace. Must not change the last error.
 void OnCall(const char* name);
 
-// The calling thread has mapped a view of a mapping of that name (empty: unnamed), or is about to
-// unmap one. No lock is held. The simulation may watch a thread while it has a view.
+// Called without a lock when the calling thread has mapped a view of a mapping of that name (empty:
+// unnamed), or is about to unmap one. The simulation may watch a thread while it has a view.
 void OnViewMapped(const std::string& mapping, const void* view, size_t size);
 void OnViewUnmapped(const void* view);
 

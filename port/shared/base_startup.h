@@ -4,11 +4,11 @@
 
 namespace port {
 
-// Hands out BaseProviderTable(). 10092 for a version below 2.2.
+// Returns BaseProviderTable(), or 10092 for a version below 2.2.
 int WSPAPI BaseStartup(WORD version, LPWSPDATA data, LPWSAPROTOCOL_INFOW info,
                        WSPUPCALLTABLE upcalls, LPWSPPROC_TABLE out);
 
-// How often it has been called, and the catalogue id it was last called with.
+// How often BaseStartup has been called, and the catalogue id of its last call.
 int BaseStarts();
 DWORD LastBaseEntry();
 

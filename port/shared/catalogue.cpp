@@ -61,8 +61,8 @@ std::vector<WSAPROTOCOL_INFOW> BaseEntries() {
 
 std::vector<WSAPROTOCOL_INFOW> LayeredCatalogue(const GUID& provider, DWORD first_id) {
   const auto base = BaseEntries();
-  // The hidden entry stands first, so that a search for the provider's identity ends there and
-  // not at one of its layered entries, which bear it too.
+  // The hidden entry comes first, so that a search for the provider's GUID finds it and not one of
+  // the layered entries, which have the same GUID.
   auto hidden = MakeEntry(provider, first_id, SOCK_STREAM, IPPROTO_TCP, {});
   hidden.ProtocolChain.ChainLen = LAYERED_PROTOCOL;
   std::vector<WSAPROTOCOL_INFOW> all = {hidden};
@@ -110,7 +110,7 @@ int WSPAPI WSCEnumProtocols(LPINT protocols, LPWSAPROTOCOL_INFOW buffer, LPDWORD
   if (!size) return port::Fail(error, WSAEFAULT);
   std::vector<WSAPROTOCOL_INFOW> wanted;
   for (const WSAPROTOCOL_INFOW& entry : port::Catalogue()) {
-    bool asked = protocols == nullptr;  // none named: all of them, hidden ones too
+    bool asked = protocols == nullptr;  // none given: all of them, including hidden ones
     for (LPINT one = protocols; one && *one; ++one) asked = asked || *one == entry.iProtocol;
     if (asked) wanted.push_back(entry);
   }

@@ -1,4 +1,4 @@
-// The calendar; the backend supplies the time and the time zone.
+// Calendar time; the backend supplies the time and the time zone.
 #include <windows.h>
 
 #include <cerrno>

@@ -1,4 +1,4 @@
-// %NAME% in texts, from the port's own environment.
+// Expands %NAME% in texts, from the port's own environment.
 #include <windows.h>
 
 #include <map>
@@ -26,7 +26,8 @@ const std::wstring* FindVariable(const std::wstring& name) {
   return nullptr;
 }
 
-// The result counts the terminating null, as these calls do; too small a buffer is left alone.
+// As in these calls, the result includes the terminating null. A buffer that is too small is not
+// written to.
 template <class Char>
 DWORD Deliver(const std::basic_string<Char>& text, Char* out, DWORD size) {
   const DWORD needed = static_cast<DWORD>(text.size() + 1);
@@ -72,7 +73,7 @@ DWORD WINAPI ExpandEnvironmentStringsW(LPCWSTR in, LPWSTR out, DWORD size) {
 
 DWORD WINAPI ExpandEnvironmentStringsA(LPCSTR in, LPSTR out, DWORD size) {
   if (port::Fails("ExpandEnvironmentStringsA")) return 0;
-  // Through the code page both ways, so that its bytes come back as they were.
+  // Converted through the code page in both directions, so that its bytes stay the same.
   const std::wstring wide = port::Expand(port::WideFromAnsi(in));
   std::string narrow(wide.size(), '\0');
   const int length =

@@ -63,7 +63,7 @@ std::vector<std::wstring> Components(const std::wstring& path) {
   return parts;
 }
 
-// The name in that directory that differs at most by the case of its letters.
+// The name in that directory that matches without regard to letter case.
 std::string MatchName(const std::string& directory, const std::wstring& name) {
   const std::string exact = Utf8(name);
   struct stat found;
@@ -87,7 +87,7 @@ std::multimap<std::string, OpenFile>& OpenFiles() {
   return open;
 }
 
-// Each side must share what the other does with the file.
+// Each handle's sharing mode must permit the other's access.
 bool SharesAgree(const std::string& host_path, DWORD access, DWORD share) {
   auto allows = [](DWORD shared, DWORD wanted) {
     return (!(wanted & GENERIC_READ) || (shared & FILE_SHARE_READ)) &&
@@ -175,7 +175,7 @@ std::string HostPathOrFail(LPCWSTR path) {
 }
 
 int OpenFlags(DWORD access, DWORD disposition) {
-  // Windows may truncate through a handle that reads; POSIX needs the right to write.
+  // Windows can truncate through a handle for reading; POSIX requires write access.
   int flags =
       O_CLOEXEC | ((access & GENERIC_WRITE) || disposition == CREATE_ALWAYS ? O_RDWR : O_RDONLY);
   if (disposition == CREATE_NEW) return flags | O_CREAT | O_EXCL;
@@ -191,7 +191,7 @@ bool Exists(const std::string& path) {
 
 }  // namespace
 
-// Takes no lock: a thread that was killed may hold it for ever.
+// Takes no lock: a killed thread may hold it.
 void RemoveTemporaryRoot() {
   if (root_owner != ::getpid()) return;  // a forked child does not remove its parent's files
   std::error_code ignored;
@@ -308,7 +308,7 @@ DWORD WINAPI GetFileSize(HANDLE handle, LPDWORD high) {
   struct stat found;
   if (!file || ::fstat(file->fd(), &found) != 0) return INVALID_FILE_SIZE;
   if (high) *high = static_cast<DWORD>(static_cast<uint64_t>(found.st_size) >> 32);
-  SetLastError(0);  // tells a size of 0xffffffff from a failure
+  SetLastError(0);  // distinguishes a size of 0xffffffff from a failure
   return static_cast<DWORD>(found.st_size);
 }
 

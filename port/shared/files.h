@@ -1,23 +1,25 @@
-// Files of the simulated or ported machine: real files under a root directory of the process.
-// "C:\a\b" is root/C/a/b; "\a" and relative paths are on drive C. Names are found whatever the
-// case of their letters.
+// The file system of the simulated or ported machine: real files under a root directory of the
+// process. "C:\a\b" is root/C/a/b; "\a" and relative paths are on drive C. Names of existing files
+// are matched without regard to letter case.
 #pragma once
 #include <string>
 
 namespace port {
 
-// Created with its parents when missing. Without a call, a fresh temporary directory is made
-// on first use and removed at exit. Call before other threads touch files.
+// Creates the directory and its parents if they are missing. Without this call, the root is a
+// temporary directory that is created on first use and removed at exit. Call it before other
+// threads use files.
 void SetFileRoot(const std::string& directory);
 std::string FileRoot();
 
-// For a process that ends without exit(): removes the temporary directory, if it made one.
+// Removes the process's temporary directory, if there is one. For a process that ends without
+// exit().
 void RemoveTemporaryRoot();
 
-// The host path of a Windows path. Existing names are found whatever their letter case.
+// The host path of a Windows path.
 std::string HostPath(const std::wstring& path);
 
-// Makes the directory of a Windows path with all its parents; for a test's set-up.
+// Creates the directory of a Windows path and all its parents; for setting up a test.
 void MakeDirectories(const std::wstring& path);
 
 }  // namespace port

@@ -99,8 +99,8 @@ std::optional<std::wstring> FindValue(LPCWSTR section, LPCWSTR key, LPCWSTR path
   return std::nullopt;
 }
 
-// All names of a kind, each closed by a null and one more at the end; what does not fit is cut
-// so that both nulls stand, and the result is then size - 2.
+// All names of a kind, each followed by a null, and one more null at the end. If they do not fit,
+// they are cut before the two final nulls, and the result is size - 2.
 DWORD DeliverList(const std::vector<std::wstring>& names, LPWSTR out, DWORD size) {
   std::wstring all;
   for (const std::wstring& name : names) all += name + L'\0';

@@ -1,4 +1,4 @@
-// One error number a thread, shared by both families of calls, as on Windows.
+// One last error for each thread, shared by the Win32 and Winsock calls, as on Windows.
 #include "port/shared/backend.h"
 
 DWORD WINAPI GetLastError() { return port::CurrentThreadState().last_error; }

@@ -1,5 +1,5 @@
-// File mappings backed by nothing but memory. Each view is a mapping of its own, so that a
-// write through a view that was opened for reading faults here as it does on Windows.
+// File mappings in memory. Each view is a separate host mapping, so a write through a read-only
+// view faults as it does on Windows.
 #include "port/shared/mappings.h"
 
 #include <sys/mman.h>
@@ -27,7 +27,7 @@ class Mapping : public Object {
 
   const char* kind() const override { return "mapping"; }
   int fd() const { return fd_; }
-  size_t size() const { return size_; }  // whole pages: as far as a view may reach
+  size_t size() const { return size_; }  // in whole pages, which is as far as a view may extend
   bool writable() const { return writable_; }
 
  private:

@@ -1,4 +1,4 @@
-// Memory of the process: from its heap, and in whole pages from the system.
+// The process's memory: its heap, and whole pages from the system.
 #include <sys/mman.h>
 
 #include <map>
@@ -11,8 +11,8 @@ namespace {
 
 constexpr size_t kPage = 4096;
 
-// Behind each block lies a page without access, so that an access past the end is caught. Windows
-// promises nothing there.
+// Each block is followed by a page without access, to catch accesses past its end. Windows promises
+// nothing about these.
 size_t WithGuard(size_t size) { return (size + kPage - 1) / kPage * kPage + kPage; }
 
 std::mutex blocks_lock;
@@ -42,7 +42,7 @@ size_t OpenAllocations() {
 
 HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T size) {
   if (port::Fails("GlobalAlloc")) return nullptr;
-  // Windows gives a block for a size of zero as well.
+  // Windows returns a block for a size of zero, too.
   void* block =
       (flags & GMEM_ZEROINIT) ? std::calloc(1, size ? size : 1) : std::malloc(size ? size : 1);
   if (!block) SetLastError(ERROR_NOT_ENOUGH_MEMORY);

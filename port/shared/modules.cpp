@@ -48,7 +48,7 @@ Module* FindForLoad(std::wstring path) {
   return nullptr;
 }
 
-// A registered module that is loaded; anything else is not a handle.
+// The module of that handle, if it is registered and loaded; otherwise null.
 Module* FromHandle(HMODULE handle) {
   for (Module& module : Modules())
     if (reinterpret_cast<HMODULE>(&module) == handle && module.loaded > 0) return &module;
@@ -63,7 +63,7 @@ Module* FindByAddress(FARPROC address) {
   return nullptr;
 }
 
-// What every program's own module would be found by.
+// Stands for the module of the program itself.
 HMODULE TheProgram() {
   static Module program;
   return reinterpret_cast<HMODULE>(&program);
@@ -184,5 +184,5 @@ DWORD WINAPI GetModuleFileNameW(HMODULE handle, LPWSTR out, DWORD size) {
   const size_t length = fits ? path.size() : size - 1;
   std::copy_n(path.begin(), length, out);
   out[length] = L'\0';
-  return fits ? static_cast<DWORD>(length) : size;  // a cut path shows as the whole buffer
+  return fits ? static_cast<DWORD>(length) : size;  // a truncated path fills the whole buffer
 }

@@ -1,9 +1,9 @@
-// Loadable modules: a registry that tests fill with exports, in place of files.
+// Loadable modules: a registry that tests fill with exports, instead of files.
 //
-// Paths compare without regard to letter case. A name without a directory finds the first module of
-// that name, and ".dll" is added if there is no extension. A module is "loaded" while its count is
-// above zero; its functions stay callable afterwards, so a test that wants to catch a use after
-// FreeLibrary looks at the count.
+// Paths are compared without regard to letter case. A name without a directory finds the first
+// module of that name, and ".dll" is added if there is no extension. A module is "loaded" while its
+// count is above zero. Its functions can still be called afterwards: to detect a use after
+// FreeLibrary, check the count.
 #pragma once
 #include <windows.h>
 
@@ -12,12 +12,12 @@
 
 namespace port {
 
-// Replaces a module of the same path, counts included.
+// Replaces a module of the same path, including its counts.
 void RegisterModule(const std::wstring& path, const std::map<std::string, FARPROC>& exports);
 void UnregisterModule(const std::wstring& path);
 
-// How often the module is loaded now, and how often it was loaded in all. A pinned module keeps a
-// count of one when it is freed for the last time.
+// The module's current load count, and how often it has been loaded in total. The count of a pinned
+// module never falls below one.
 int LoadCount(const std::wstring& path);
 int LoadsEver(const std::wstring& path);
 

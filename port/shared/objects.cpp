@@ -105,12 +105,12 @@ class ObjectTable {
   std::mutex lock_;
   uintptr_t next_ = 0x40;
   std::map<HANDLE, Entry> handles_;
-  std::map<std::string, ObjectRef> names_;  // an object named here has an open handle
+  std::map<std::string, ObjectRef> names_;  // of the objects that have an open handle
 };
 
 namespace {
 
-// Names are per session; "Local\\" is the explicit spelling of that default.
+// Names are per session; the prefix "Local\\" makes that default explicit.
 std::string SessionName(const char* name) {
   std::string text = name ? name : "";
   if (text.rfind("Local\\", 0) == 0) text.erase(0, 6);

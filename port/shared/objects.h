@@ -1,9 +1,10 @@
 // Kernel objects: counted by their handles, found by handle or by name.
 //
-// One table serves the whole machine; each handle belongs to the process that made it, so that the
-// end of a process can close what it left open. All names share one space, as on Windows: asking
-// for another kind of object under a used name is an invalid handle. A name ends with its object's
-// last handle, even while a view or a waiter keeps the object alive.
+// One table serves the whole machine. Each handle belongs to the process that created it, so the
+// end of a process can close the handles that it left open. All names share one namespace, as on
+// Windows: opening a name as another kind of object fails with ERROR_INVALID_HANDLE. A name is
+// freed with the last handle of its object, even while a view or a waiting thread keeps the object
+// alive.
 //
 // Threads: every function may be called from any thread. The table's lock is a leaf.
 #pragma once
@@ -52,15 +53,15 @@ bool Close(HANDLE handle);
 // Closes every handle that the process of that id has left open.
 void CloseHandlesOf(DWORD pid);
 
-// How many handles and views are open in all, for tests that look for leaks.
+// How many handles and views are open in total, for tests that look for leaks.
 size_t OpenHandles();
 size_t OpenViews();        // mappings.cpp
 size_t OpenAllocations();  // memory.cpp: blocks of VirtualAlloc
 
-// Opens the object of that name and kind, or makes one with `make`. A null or empty name makes an
-// unnamed object. Last error: 0, or ERROR_ALREADY_EXISTS if it existed, or, with a null result,
-// ERROR_INVALID_HANDLE if the name belongs to another kind. `make` runs under the table's lock; if
-// it returns null, that is the result, with the error that it set.
+// Opens the object of that name and kind, or creates one with `make`. A null or empty name creates
+// an unnamed object. The last error is 0, or ERROR_ALREADY_EXISTS if the object existed. The result
+// is null with ERROR_INVALID_HANDLE if the name belongs to another kind, and null with the error
+// that `make` set if `make` returns null. `make` runs under the table's lock.
 HANDLE CreateNamed(const char* name, const char* kind, const std::function<ObjectRef()>& make);
 
 // Null with ERROR_FILE_NOT_FOUND for an unknown name, ERROR_INVALID_HANDLE for another kind.

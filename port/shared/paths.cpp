@@ -4,8 +4,8 @@
 
 namespace {
 
-// Where the last component begins, its separator included unless that belongs to a root:
-// "C:\a\b" at "\b", "C:\a" at "a", "\\server\share" at "\share".
+// The start of the last component, including its separator unless that belongs to a root: "\b" in
+// "C:\a\b", "a" in "C:\a", "\share" in "\\server\share".
 WCHAR* LastComponent(WCHAR* path) {
   WCHAR* at = path;
   for (int leading = 0; leading < 2 && *at == L'\\'; ++leading) ++at;
@@ -14,7 +14,7 @@ WCHAR* LastComponent(WCHAR* path) {
     if (*at == L'\\') last = at;
     if (*at != L':') continue;
     last = at + 1;
-    if (*last == L'\\') {  // the root of a drive stays whole
+    if (*last == L'\\') {  // the root of a drive keeps its separator
       ++last;
       ++at;
     }

@@ -1,5 +1,5 @@
-// A process as the calls see it: its program, command line, id, and the providers that Winsock has
-// started in it.
+// What the calls know of a process: its program, command line, id, and the providers that Winsock
+// has started in it.
 #pragma once
 #include <string>
 
@@ -14,8 +14,8 @@ struct Process {
   SocketLayers layers;
 };
 
-// Sets what GetModuleFileNameW(NULL), GetCommandLineA and GetCurrentProcessId return in the calling
-// thread's process. Call it before other threads use them.
+// Sets the results of GetModuleFileNameW(NULL), GetCommandLineA and GetCurrentProcessId in the
+// calling thread's process. Call it before other threads use them.
 void SetProcess(const std::wstring& path, const std::string& command_line, DWORD pid);
 
 }  // namespace port

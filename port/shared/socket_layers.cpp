@@ -29,7 +29,7 @@ std::atomic<bool> ends_before_its_providers{false};
 std::atomic<bool> starts_once_per_provider{false};
 std::atomic<bool> text_takes_the_start_lock{false};
 
-// A layered entry is started through the provider that comes first in its chain: its own.
+// A layered entry is started through the first provider of its chain, which is its own.
 LPWSPSTARTUP FindStartup(const WSAPROTOCOL_INFOW& entry, HMODULE* module) {
   const std::wstring path = Expand(ProviderPath(entry.ProviderId));
   *module = path.empty() ? nullptr : LoadLibraryW(path.c_str());
@@ -129,8 +129,8 @@ std::shared_ptr<const SocketLayers::Started> SocketLayers::StartEntry(
   return started_.back();
 }
 
-// The kept result of an earlier start, if this one returned the same: a process may start Winsock a
-// hundred times.
+// Reuses the record of an earlier start that returned the same table, because a process may start
+// Winsock a hundred times.
 std::shared_ptr<const SocketLayers::Started> SocketLayers::Keep(
     std::shared_ptr<const Started> fresh) {
   for (const auto& one : kept_)
@@ -151,14 +151,14 @@ std::shared_ptr<const SocketLayers::Started> SocketLayers::ForNewSocket(int fami
     SectionGuard hold(&start_lock_);
     return StartEntry(entry, error);
   }
-  return nullptr;  // nobody serves it: the base provider returns the platform's error
+  return nullptr;  // no entry serves it: the base provider returns the platform's error
 }
 
 const WSPPROC_TABLE& SocketLayers::TableOf(SOCKET s) {
   if (!any_layered_) return BaseProviderTable();
   std::shared_lock hold(sockets_lock_);
   const auto at = sockets_.find(s);
-  return at == sockets_.end() ? BaseProviderTable() : at->second->table;  // kept_ holds it for good
+  return at == sockets_.end() ? BaseProviderTable() : at->second->table;  // kept_ keeps it valid
 }
 
 std::shared_ptr<const SocketLayers::Started> SocketLayers::Of(SOCKET s) {

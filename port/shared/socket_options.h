@@ -1,6 +1,6 @@
-// How the values of socket options are passed: as an int, or for SO_LINGER as two words, which have
-// 16 bits each on Windows and are ints in the host's record. The size tells the two apart. An error
-// is a Winsock error, 0 none.
+// The values of socket options are passed as an int, or for SO_LINGER as two numbers, which have 16
+// bits each on Windows and are ints in the host's record. The size tells the two apart. Errors are
+// Winsock errors; 0 means success.
 #pragma once
 
 namespace port {

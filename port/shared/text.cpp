@@ -35,8 +35,8 @@ void AppendUtf8(char32_t c, std::string* out) {
   put(0x80 | (c & 0x3F));
 }
 
-// The character that begins at *at; moves past it. Nothing for a malformed sequence, of which
-// the longest well-formed beginning is skipped, as Windows does.
+// Reads the character at *at and advances past it. For a malformed sequence the result is empty,
+// and its longest well-formed beginning is skipped, as on Windows.
 std::optional<char32_t> NextUtf8(const std::string& text, size_t* at) {
   auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char lead = byte((*at)++);
@@ -104,7 +104,8 @@ std::string ToAnsi(const std::wstring& text, const char* replacement, bool* repl
   return out;
 }
 
-// Common to both directions: `size` 0 asks for the length, too small a buffer is an error.
+// Common to both directions: with `size` 0, returns the length; a buffer that is too small is an
+// error.
 template <class Char, class Text>
 int Deliver(const Text& text, Char* out, int size) {
   const int length = static_cast<int>(text.size());

@@ -10,9 +10,9 @@ namespace {
 
 SocketLayers& Layers() { return CurrentProcess().layers; }
 
-// A provider reports failure through *error; a plain call makes it the last error, which success
-// clears unless a test has it kept. The error is passed by reference, because the call that fills
-// it is another argument of the same call.
+// A provider reports failure through *error, which a plain call makes the last error. Success
+// clears the last error, unless a test has set otherwise. The error is passed by reference because
+// it is set by the call that is another argument here.
 template <class Result>
 Result Finish(Result result, bool failed, const int& error) {
   if (failed) {
@@ -27,7 +27,7 @@ int Finish(int result, const int& error) { return Finish(result, result == SOCKE
 
 int Fail(int error) { return Finish(SOCKET_ERROR, error); }
 
-// Every plain call asks this first. True: the last error is set, and the call has failed.
+// Every plain call checks this first. If true, the last error is set, and the call has failed.
 bool Refuses(const char* name) {
   if (Fails(name)) return true;
   if (!Layers().ended()) return false;
@@ -84,7 +84,7 @@ SOCKET vyr_port_socket(int family, int type, int protocol) {
 int WSAAPI closesocket(SOCKET s) {
   if (Refuses("closesocket")) return SOCKET_ERROR;
   const WSPPROC_TABLE& table = Layers().TableOf(s);
-  // Forgotten first: once it is closed, the handle may be another socket's.
+  // Forget it first: once it is closed, the handle may belong to another socket.
   auto started = Layers().Forget(s);
   int error = 0;
   const int result = table.lpWSPCloseSocket(s, &error);

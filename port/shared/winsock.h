@@ -1,9 +1,9 @@
-// Takes the place of Winsock's own dispatch: the plain socket calls go through the call table of
-// the provider that made the socket.
+// Implements Winsock's dispatch: the plain socket calls go through the call table of the provider
+// that created the socket.
 //
-// By default that is the backend's base provider. With the catalogue in use, the first socket
-// of a protocol starts the first catalogue entry that serves it: its provider's module is
-// loaded, its WSPStartup called once, and its table serves every later socket of that entry.
+// By default that is the backend's base provider. With the catalogue in use, the first socket of a
+// protocol starts the first catalogue entry that serves it: the provider's module is loaded, its
+// WSPStartup is called once, and its table serves every later socket of that entry.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>
@@ -16,7 +16,7 @@
 
 namespace port {
 
-// The providers that one process has started, and which of them made which socket.
+// The providers that one process has started, and which of them created which socket.
 class SocketLayers {
  public:
   SocketLayers();
@@ -30,25 +30,25 @@ class SocketLayers {
     HMODULE module;
   };
 
-  // True: sockets made from now on use the catalogue. Forgets the providers that were started, so
-  // that the next socket starts its provider again; existing sockets keep their tables.
+  // If true, sockets created from now on use the catalogue. Forgets the providers that were
+  // started, so the next socket starts its provider again; existing sockets keep their tables.
   void UseCatalogue(bool use);
 
-  // Start and end of Winsock: WSAStartup and WSACleanup, counted. The last cleanup calls WSPCleanup
-  // of each started provider and frees its module as often as it was loaded here; the next socket
-  // starts it again. In a process that has called WSAStartup once, calls answer 10093 from the last
-  // cleanup to the next start; one that never has is served all the same.
+  // WSAStartup and WSACleanup, counted. The last cleanup calls WSPCleanup of each started provider
+  // and frees its module as often as it was loaded here; the next socket starts the provider again.
+  // Between the last cleanup and the next start, calls fail with 10093. A process that has never
+  // called WSAStartup is served all the same.
   void StartUp();
   int CleanUp();  // 0, or the error
   bool ended() const { return ended_; }
-  void AwaitStartLock();  // taken by inet_ntoa too, if DispatchManners say so
+  void AwaitStartLock();  // for inet_ntoa, if DispatchManners ask for it
 
-  // The started provider for a new socket; starts it when it is the first. Null with *error
-  // set, or with *error 0 where the base provider serves.
+  // The provider for a new socket; starts it for the first one. Null with *error set, or with
+  // *error 0 if the base provider is to serve the socket.
   std::shared_ptr<const Started> ForNewSocket(int family, int type, int protocol, int* error);
 
-  // The table that serves a socket: its own provider's, else the base provider's, which knows
-  // best whether the handle means anything.
+  // The table that serves a socket: its provider's, or else the base provider's, which reports an
+  // invalid handle.
   const WSPPROC_TABLE& TableOf(SOCKET s);
 
   void Remember(SOCKET s, std::shared_ptr<const Started> started);
@@ -73,25 +73,25 @@ class SocketLayers {
 // For the calling thread's process.
 void UseCatalogue(bool use);
 
-// How the dispatch behaves where Winsock promises nothing. For all processes.
+// The behaviour of the dispatch where Winsock's is not specified. Holds for all processes.
 struct DispatchManners {
-  // True: when the last cleanup calls the providers, Winsock's own calls already answer 10093.
+  // True: when the last cleanup calls the providers, Winsock's own calls already fail with 10093.
   // False: they still work then.
   bool ends_before_its_providers = false;
-  // True: a provider is started once, with the first of its entries that is asked for, and the
-  // table that it gives serves all of them. False: each entry is started by itself.
+  // True: a provider is started once, with the first of its entries that is used, and its table
+  // serves all of them. False: each entry is started separately.
   bool starts_once_per_provider = false;
   // True: inet_ntoa waits for the lock that starts and cleanups hold.
   bool text_takes_the_start_lock = false;
 };
 void SetDispatchManners(const DispatchManners& manners);
 
-// Whether the calling thread waits for, or holds, the lock that starts and cleanups take. A thread
-// that is ended there keeps the lock for good, as on Windows, and no provider can prevent it.
+// Whether the calling thread holds, or waits for, the lock that starts and cleanups take. A thread
+// that is terminated there never releases the lock, as on Windows, and no provider can prevent it.
 bool IsInsideDispatch();
 
-// While one of these lives on a thread, sockets that the thread makes go straight to the base
-// provider: for actors that are not the game, and for what a base provider does itself.
+// While one of these exists on a thread, sockets that the thread creates use the base provider
+// directly: for actors other than the game, and for the base provider's own sockets.
 class BypassLayers {
  public:
   BypassLayers();

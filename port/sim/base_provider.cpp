@@ -1,7 +1,7 @@
 // The simulated machine's own Winsock provider: thirty entries over the simulated network.
 //
 // Each entry begins with the same step, which is a preemption point and may fail on demand, and
-// leaves a line in the trace. Overlapped calls are refused with 10045.
+// writes a line to the trace. Overlapped calls are refused with 10045.
 #include <mswsock.h>
 
 #include "port/shared/backend.h"
@@ -22,7 +22,7 @@ void Note(const char* call, SOCKET s, int error, const std::string& more = {}) {
   TheWorld().Trace(line);
 }
 
-// The result in the interface's way, traced.
+// Converts the result to the interface's form, and traces it.
 int Answer(const char* call, SOCKET s, int error, LPINT out, const std::string& more = {}) {
   Note(call, s, error, more);
   if (error == 0) return 0;
@@ -60,8 +60,8 @@ int WriteAddress(const Address& address, struct sockaddr* name, LPINT size) {
   return 0;
 }
 
-// One buffer, the ordinary case, is taken where it lies: a sender whose peer reads slowly offers
-// all that it has again and again.
+// A single buffer, the usual case, is not copied: a sender whose peer reads slowly offers all its
+// data again and again.
 std::string_view Gather(const WSABUF* buffers, DWORD count, std::string* space) {
   if (count == 1) return {buffers[0].buf, buffers[0].len};
   std::string& data = *space;
@@ -155,8 +155,8 @@ int WSPAPI WspGetSockOpt(SOCKET s, int level, int option, char* value, LPINT val
   return Answer("getsockopt", s, result, error, Format("0x%x", static_cast<unsigned>(option)));
 }
 
-// Connects in the call itself, so that there is never anything pending: TRUE, or FALSE with the
-// error of the connect.
+// Connects synchronously, so nothing is ever pending: returns TRUE, or FALSE with the error of the
+// connect.
 BOOL WINAPI ConnectEx(SOCKET s, const struct sockaddr* name, int name_size, PVOID data, DWORD size,
                       LPDWORD sent, LPOVERLAPPED overlapped) {
   const auto fail = [](int error) {
@@ -239,7 +239,7 @@ int WSPAPI WspListen(SOCKET s, int backlog, LPINT error) {
   return Answer("listen", s, socket ? Listen(*socket, backlog) : WSAENOTSOCK, error);
 }
 
-// What WspRecv and WspRecvFrom share: `from` and `from_size` may be null.
+// Common to WspRecv and WspRecvFrom: `from` and `from_size` may be null.
 int ReceiveInto(const char* call, SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received,
                 LPDWORD flags, struct sockaddr* from, LPINT from_size, bool overlapped,
                 LPINT error) {
@@ -251,7 +251,7 @@ int ReceiveInto(const char* call, SOCKET s, LPWSABUF buffers, DWORD count, LPDWO
     return Answer(call, s, WSAEFAULT, error);
   if ((*flags & ~static_cast<DWORD>(MSG_PEEK | MSG_OOB)) != 0)
     return Answer(call, s, WSAEOPNOTSUPP, error);
-  // One buffer, the ordinary case, is filled in place.
+  // A single buffer, the usual case, is filled in place.
   std::string space(count == 1 ? 0 : Room(buffers, count), '\0');
   char* const out = count == 1 ? buffers[0].buf : space.data();
   const size_t size = count == 1 ? buffers[0].len : space.size();
@@ -360,7 +360,7 @@ SOCKET WSPAPI WspSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW,
   return AnswerSocket("socket", made, result, error, Format("type %d", type));
 }
 
-// --- entries that nothing here stands behind --------------------------------------------------
+// --- entries that are not implemented ---------------------------------------------------------
 
 template <class Result>
 Result Unsupported(Result failure, LPINT error) {

@@ -1,4 +1,4 @@
-// Bytes in, bytes out, from the front; what a stream's buffers are made of.
+// A first-in, first-out queue of bytes, used for the buffers of a stream.
 #pragma once
 #include <algorithm>
 #include <cstddef>

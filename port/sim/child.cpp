@@ -30,8 +30,8 @@ using WallClock = std::chrono::steady_clock;
   _exit(code);
 }
 
-// Only one of a world's threads runs at a time, and a hand-over to another core takes several times
-// as long. Threads inherit this.
+// Only one of a world's threads runs at a time, and switching to a thread on another core takes
+// several times as long. Threads inherit this.
 void StayOnThisCore() {
   const int core = ::sched_getcpu();
   if (core < 0 || core >= CPU_SETSIZE) return;
@@ -60,7 +60,7 @@ void StayOnThisCore() {
   Leave(kFailed);
 }
 
-// The child's output, until it closes the pipe or the time is over.
+// Reads the child's output until it closes the pipe or the time limit has passed.
 bool ReadAll(int from, std::chrono::seconds limit, std::string* out) {
   const auto deadline = WallClock::now() + limit;
   while (true) {

@@ -2,8 +2,8 @@
 
 namespace {
 
-// Reading a clock is no preemption point, but it counts as a step: a loop that only reads the time
-// must see it move in the end.
+// Reading a clock is not a preemption point, but counts as a step: a loop that only reads the time
+// must eventually see it advance.
 sim::Micros SinceStart() {
   sim::Self();
   sim::Scheduler& scheduler = sim::TheWorld().scheduler();

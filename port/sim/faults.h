@@ -1,4 +1,5 @@
-// Faults that only a simulated world can inject. A counter counts down to its call; 0: off.
+// Faults that only a simulated world can inject. A counter counts down to the call that it affects;
+// 0 means off.
 #pragma once
 #include <cstddef>
 #include <functional>

@@ -1,4 +1,4 @@
-// The bytes of IP and ICMP headers, which raw sockets see.
+// The IP and ICMP headers that raw sockets see.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -14,7 +14,7 @@ constexpr uint8_t kIcmpUnreachable = 3;
 constexpr uint8_t kIcmpEchoRequest = 8;
 constexpr uint8_t kIcmpPortUnreachable = 3;  // a code of kIcmpUnreachable
 
-// The Internet checksum; 0 over a message that holds its own.
+// The Internet checksum. It is 0 for a message that contains its own correct checksum.
 uint16_t Checksum(std::string_view bytes);
 
 // An IP header of 20 bytes for a payload of that size.
@@ -23,10 +23,11 @@ std::string IpHeader(uint8_t protocol, uint32_t from, uint32_t to, size_t payloa
 // Sets the checksum of an ICMP message.
 void SealIcmp(std::string& message);
 
-// A host's answer to a datagram for a closed port: it quotes the datagram's beginning.
+// The message that a host sends back for a datagram to a closed port. It quotes the beginning of
+// the datagram.
 std::string PortUnreachable(const Packet& datagram);
 
-// The local and remote ends that such a message quotes. False for any other message.
+// Reads the local and remote endpoints that such a message quotes. False for any other message.
 bool ReadPortUnreachable(std::string_view message, Address* from, Address* to);
 
 }  // namespace sim

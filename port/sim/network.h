@@ -1,11 +1,11 @@
-// Hosts, the links between them, and what travels.
+// Hosts, the links between them, and the packets that they carry.
 //
-// A packet is an IP datagram: a link may delay it, lose it, double it or let it be overtaken,
-// whatever it carries. TCP's guarantees are made by its endpoints (tcp.h), as on a real network, so
-// a lossy link costs a stream time and never bytes.
+// A packet is an IP datagram. A link may delay, lose, duplicate or reorder it, whatever it carries.
+// TCP's guarantees are provided by its endpoints (tcp.h), as on a real network, so a lossy link
+// costs a stream time and never bytes.
 //
-// Everything here runs on the scheduler's baton and needs no lock. Addresses and ports are in
-// host order throughout; only the socket calls know network order.
+// Only the thread that holds the scheduler's baton runs code here, so no lock is needed. Addresses
+// and ports are in host order throughout; only the socket calls use network order.
 #pragma once
 #include <compare>
 #include <map>
@@ -35,11 +35,11 @@ struct TcpHeader {
   uint64_t sequence = 0;
   uint64_t acknowledged = 0;
   uint32_t window = 0;
-  uint64_t urgent = 0;  // the number behind the last urgent byte; 0: there is none
-  // Stands for what random initial sequence numbers are for: a segment of an earlier connection
-  // between the same two ports is told apart.
+  uint64_t urgent = 0;  // the sequence number after the last urgent byte; 0: none
+  // Takes the place of random initial sequence numbers: it identifies a segment of an earlier
+  // connection between the same two ports.
   uint64_t connection = 0;
-  uint64_t stamp = 0;  // grows with each segment an endpoint sends: the newest window counts
+  uint64_t stamp = 0;  // grows with each segment that an endpoint sends, to find the newest window
 };
 
 enum class Protocol { kTcp, kUdp, kIcmp };
@@ -58,13 +58,13 @@ class Link {
   void Set(const LinkOptions& options) { options_ = options; }
   const LinkOptions& options() const { return options_; }
 
-  // When copies of a packet arrive; none: it is lost.
+  // The arrival time of each copy of a packet; empty if it is lost.
   std::vector<Micros> Carry(size_t bytes, Micros now, Random& dice);
 
  private:
   LinkOptions options_;
-  Micros busy_until_ = 0;    // the rate limit's queue drains until then
-  Micros last_arrival_ = 0;  // nothing but a reordered packet overtakes another
+  Micros busy_until_ = 0;    // when the queue of the rate limit will be empty
+  Micros last_arrival_ = 0;  // later packets do not arrive before it, unless they are reordered
 };
 
 class Stack;
@@ -80,10 +80,10 @@ class Network {
   Host* HostNamed(const std::string& name) const;
   Link& LinkFrom(const Host& from, const Host& to);
 
-  // Hands a packet of `from` to the link that leads to its destination.
+  // Passes a packet from `from` to the link that leads to its destination.
   void Send(Host& from, Packet packet);
 
-  // No packet under way and no stream with unacknowledged bytes.
+  // True if no packet is in flight and no stream has unacknowledged bytes.
   bool Quiet() const;
 
   Scheduler& scheduler() { return scheduler_; }

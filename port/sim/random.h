@@ -1,5 +1,5 @@
-// The simulation's own random numbers. Small, and the same on every machine and compiler, which the
-// standard library's distributions are not: a seed must replay the same run anywhere.
+// The simulation's own random numbers. A seed must replay the same run everywhere, and the standard
+// library's distributions differ between implementations.
 #pragma once
 #include <cstdint>
 
@@ -16,10 +16,11 @@ class Random {
     z = (z ^ (z >> 27)) * 0x94d049bb133111ebu;
     return z ^ (z >> 31);
   }
-  // 0 … n-1; 0 for n = 0. The bias for the small n in use is far below what a test could see.
+  // Between 0 and n-1; 0 for n = 0. For the small n in use, the bias is far below what a test could
+  // detect.
   uint64_t Below(uint64_t n) { return n == 0 ? 0 : Next() % n; }
-  // True with that probability. Draws only if the answer is open, so that a link without loss costs
-  // no draw.
+  // True with that probability. Draws a number only for probabilities between 0 and 1, so a link
+  // without loss costs no draw.
   bool Chance(double probability) {
     if (probability <= 0) return false;
     if (probability >= 1) return true;

@@ -8,10 +8,10 @@
 //   }
 //   SCENARIO_SEEDS(Relay, KeepsEveryByte, 200) { … }  // the same for seeds 1 … 200
 //
-// Each runs in a process of its own, so statics start fresh. `world` is the world; the body is
-// its director. Expectations fail the test as ever, from any simulated thread. A crash, a hang,
-// a deadlock fails it too; whatever the failure, the trace's last lines, the seed and the one
-// command that replays the run are printed. VYR_SEED=n runs seed n alone.
+// Each runs in a process of its own, so static objects start fresh. `world` is the world; the body
+// is its director. Expectations fail the test as usual, from any simulated thread. So does a crash,
+// a hang or a deadlock. Every failure prints the last lines of the trace, the seed, and the command
+// that replays the run. VYR_SEED=n runs seed n alone.
 //
 // For a fixture, derive from sim::ScenarioTest and write SCENARIO_F(Fixture, Name): the fixture
 // object is made in the child, inside the world, before the body runs.
@@ -22,7 +22,7 @@
 
 namespace sim {
 
-// What a body and a fixture's verbs may use without naming the world.
+// Shortcuts that bodies and fixtures can use without naming the world.
 class ScenarioTest {
  public:
   virtual ~ScenarioTest() = default;
@@ -45,8 +45,8 @@ inline Verdict GtestVerdict() {
   return testing::Test::IsSkipped() ? Verdict::kSkipped : Verdict::kPassed;
 }
 
-// Runs the body for seeds 1 … `seeds`, or for VYR_SEED's; the first failure ends it. `options`
-// gives everything but the seed.
+// Runs the body for the seeds 1 to `seeds`, or for that of VYR_SEED, up to the first failure.
+// `options` gives everything except the seed.
 inline void RunScenario(Options options, unsigned seeds, const std::function<void(World&)>& body) {
   const auto* test = testing::UnitTest::GetInstance()->current_test_info();
   const std::string name = std::string(test->test_suite_name()) + "." + test->name();
@@ -68,7 +68,7 @@ inline void RunScenario(Options options, unsigned seeds, const std::function<voi
 
 }  // namespace sim
 
-using namespace std::chrono_literals;  // NOLINT: scenarios say 5s
+using namespace std::chrono_literals;  // NOLINT: scenarios write 5s
 
 #define SCENARIO_CLASS_(suite, name) suite##_##name##_Scenario
 
@@ -97,6 +97,6 @@ using namespace std::chrono_literals;  // NOLINT: scenarios say 5s
 #define SCENARIO_F(fixture, name) SCENARIO_WITH_(fixture, name, fixture, 1, sim::Options{})
 #define SCENARIO_F_SEEDS(fixture, name, seeds) \
   SCENARIO_WITH_(fixture, name, fixture, seeds, sim::Options{})
-// With sim::Options of one's own, such as a tick count that is about to wrap.
+// The same with given sim::Options, such as a tick count that is about to wrap.
 #define SCENARIO_OPTIONS(suite, name, options) \
   SCENARIO_WITH_(suite, name, sim::ScenarioTest, 1, options)

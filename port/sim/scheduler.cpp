@@ -28,7 +28,7 @@ void Thread::AwaitBaton() {
 }
 
 void Thread::TakeBaton() {
-  // Notified under the lock: the thread may end, and its record with it, as soon as it wakes.
+  // Notify under the lock: as soon as the thread wakes it may end, and its record with it.
   std::lock_guard hold(mutex_);
   baton_ = true;
   wake_.notify_one();
@@ -185,7 +185,7 @@ Thread* Scheduler::PickReady() {
   return ready.size() == 1 ? ready[0] : ready[dice_.Below(ready.size())];
 }
 
-// Never null: if no thread can run, the world ends with a report.
+// Never null: if no thread can run, the world fails with a report.
 Thread* Scheduler::PickNext() {
   RunEventsUntil(now_);
   while (true) {
@@ -221,14 +221,14 @@ void Scheduler::SwitchTo(Thread& next) {
   self.AwaitBaton();
 }
 
-// Passes the baton on from a thread that never gets it back.
+// Passes the baton on from a thread that will never run again.
 void Scheduler::PassOn() {
   Thread* next = PickNext();
   current_ = next;
   next->TakeBaton();
 }
 
-// A killed thread's stack must stay whole: others may hold pointers into it.
+// A killed thread's stack must stay intact: other threads may have pointers into it.
 void Scheduler::Leave() {
   Thread& self = *current_;
   PassOn();

@@ -1,16 +1,16 @@
-// One thread at a time, in an order that a seed decides, on a clock that a test owns.
+// Runs one thread at a time, in an order that the seed decides, on a virtual clock.
 //
-// Each simulated thread is a real thread of the machine, so the debugger, the sanitizers and
-// thread_local work as ever; a baton makes sure that exactly one of them runs. The baton can
-// change hands only inside Step, Yield and Block, which every simulated call goes through. Code
-// between two calls is therefore atomic, and whatever belongs to the simulation needs no lock.
+// Each simulated thread is a real thread of the host, so the debugger, the sanitizers and
+// thread_local work as usual. A baton makes sure that exactly one of them runs. The baton is passed
+// on only inside Step, Yield and Block, and every simulated call goes through one of these. Code
+// between two calls is therefore atomic, and the simulation's own data needs no lock.
 //
-// Virtual time stands still while anyone can run. When all wait it jumps to the next deadline
-// or event. One exception keeps programs that poll in a loop alive, as a real machine would:
-// after `spin_steps` steps without a wait the clock moves by one millisecond.
+// Virtual time stands still while any thread can run. When all threads wait, it jumps to the next
+// deadline or event. There is one exception, for programs that poll in a loop: after `spin_steps`
+// steps without a wait, the clock advances by one millisecond.
 //
-// A thread that is killed is never scheduled again: its stack stays as it was, no destructor
-// runs and what it had locked stays locked, which is what Windows does.
+// A killed thread is never scheduled again. Its stack stays as it was, no destructor runs, and its
+// locks stay locked, as on Windows.
 #pragma once
 #include <condition_variable>
 #include <cstdint>
@@ -24,17 +24,17 @@
 
 namespace sim {
 
-using Micros = int64_t;  // since the world began
+using Micros = int64_t;  // microseconds since the world began
 constexpr Micros kForever = INT64_MAX;
 
 class Process;
 
-// What a thread waits for. `ready` is asked often and must change nothing.
+// What a thread waits for. `ready` is called often and must not change anything.
 struct Wait {
-  std::function<bool()> ready;  // null: nothing but the deadline ends the wait
+  std::function<bool()> ready;  // null: only the deadline ends the wait
   Micros deadline = kForever;
   std::string what;        // for the report: "mutex \"vyr_route_named_mutex\", held by game/main"
-  bool when_idle = false;  // resumes only when no other thread can run: the test's own verbs
+  bool when_idle = false;  // resumes only when no other thread can run; for the test's own waits
 };
 
 class Thread {
@@ -62,7 +62,7 @@ class Thread {
   State state_ = State::kReady;
   const Wait* wait_ = nullptr;
   Micros stalled_until_ = 0;
-  unsigned calls_to_action_ = 0;  // 0: none waits
+  unsigned calls_to_action_ = 0;  // 0: no action is set
   std::function<void()> action_;
 
   std::mutex mutex_;
@@ -75,13 +75,14 @@ class Scheduler {
  public:
   struct Options {
     uint64_t seed = 1;
-    int preempt_percent = 20;  // chance that a step hands the baton on
+    int preempt_percent = 20;  // chance that a step passes the baton on
     Micros max_time = 0;
     uint64_t max_steps = 0;
     uint64_t spin_steps = 0;
   };
-  // `fail` gets the reason why the world ends (deadlock, a bound passed) and does not return.
-  // `ended` runs on the baton when a thread has ended or been killed, before it is reported.
+  // `fail` gets the reason why the world fails (a deadlock, a limit exceeded) and does not return.
+  // `ended` runs on the baton when a thread has ended or has been killed, before the thread is
+  // reported as ended.
   struct Hooks {
     std::function<void(const std::string&)> fail;
     std::function<void(Thread&)> ended;
@@ -94,39 +95,41 @@ class Scheduler {
   const std::vector<ThreadRef>& threads() const { return threads_; }
   ThreadRef Find(uint32_t id) const;
 
-  // The scheduler that the calling thread of the machine belongs to, if any.
+  // The scheduler that the calling thread of the host belongs to, if any.
   static const Scheduler* OfThisThread();
 
-  // The calling thread of the machine becomes a simulated one and holds the baton.
+  // Makes the calling thread of the host a simulated one, which holds the baton.
   ThreadRef Adopt(const std::string& name, Process* process);
-  // A new thread, ready to run. Null when the machine has no more threads to give.
+  // Creates a thread that is ready to run. Null if the host cannot create one.
   ThreadRef Start(const std::string& name, Process* process, std::function<uint32_t()> body);
 
   // A preemption point. Every simulated call begins with one.
   void Step();
-  // Counts like a step without passing the baton on: for reading the clock.
+  // Counts as a step but never passes the baton on; for reading the clock.
   void Look() { CountStep(); }
-  // Lets any runnable thread go first, at random.
+  // Passes the baton to any runnable thread, at random.
   void Yield();
-  // True when `ready` held, false when the deadline passed. Does not return if killed.
+  // True when `ready` held, false when the deadline passed. Does not return if the thread is
+  // killed.
   bool Block(const Wait& wait);
 
-  // Takes effect at once, since every other thread is inside a call; does not return when the
-  // thread is the caller's own.
+  // Takes effect at once, because every other thread is inside a call. Does not return if it is the
+  // caller's own thread.
   void Kill(Thread& thread, uint32_t exit_code);
-  // Ends several at once: the whole set is marked before anything else can run.
+  // Ends several threads at once: all are marked before anything else can run.
   void Kill(const std::vector<ThreadRef>& threads, uint32_t exit_code);
   void Stall(Thread& thread, Micros duration);
-  // Runs `action` on the baton when the thread begins its n-th step or wait from now on. It must
-  // not block, and may end the thread.
+  // Runs `action` on the baton when the thread begins its n-th step or wait from now on. The action
+  // must not block; it may end the thread.
   void AtCall(Thread& thread, unsigned nth, std::function<void()> action);
 
-  // Runs `event` at that time, on the baton, in the order of time and then of these calls. It
-  // must not block. Traffic counts as not idle.
+  // Runs `event` on the baton at that time. Events of the same time run in the order of these
+  // calls. An event must not block. While an event with `traffic` is pending, the world is not
+  // idle.
   void At(Micros when, std::function<void()> event, bool traffic = false);
   size_t traffic_in_flight() const { return traffic_; }
 
-  // What each thread waits for, one line a thread.
+  // What each thread waits for, one line for each.
   std::string Report() const;
 
  private:
@@ -162,7 +165,7 @@ class Scheduler {
   uint32_t next_id_ = 100;
   Thread* current_ = nullptr;
   std::vector<ThreadRef> threads_;
-  std::vector<ThreadRef> ended_;  // parked for good; their stacks may still refer to these
+  std::vector<ThreadRef> ended_;  // never run again; their stacks may still refer to these records
   std::vector<Event> events_;     // a heap, the earliest first
 };
 

@@ -1,4 +1,4 @@
-// Turns a world's seed into the seed of its random numbers.
+// Derives the seed of a world's random numbers from the world's seed.
 #pragma once
 #include <cstdint>
 
@@ -6,8 +6,8 @@
 
 namespace sim {
 
-// The sequences of neighbouring seeds are one sequence, each begun one draw later. Worlds with the
-// seeds 1, 2, 3 … must have nothing in common.
+// Used directly, neighbouring seeds would give the same sequence shifted by one draw. The worlds of
+// the seeds 1, 2, 3, … must be unrelated.
 inline uint64_t Scattered(uint64_t seed) { return Random(seed).Next(); }
 
 }  // namespace sim

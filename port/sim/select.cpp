@@ -7,7 +7,7 @@ namespace {
 
 using Test = bool (Socket::*)() const;
 
-// One of the three sets: the caller's array, its sockets, and what makes one of them ready.
+// One of the three sets: the caller's array, its sockets, and the condition for being ready.
 struct Watch {
   fd_set* set;
   Test test;
@@ -32,7 +32,7 @@ struct Watch {
       if (socket->closed) return true;
     return false;
   }
-  // Leaves the ready ones, in their order.
+  // Keeps the sockets that are ready, in their order.
   int Keep() const {
     if (!set) return 0;
     u_int kept = 0;

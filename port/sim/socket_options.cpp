@@ -1,4 +1,4 @@
-// getsockopt and setsockopt: what has an effect here, and a store for the rest.
+// getsockopt and setsockopt. Options that have no effect here are only stored.
 #include "port/shared/socket_options.h"
 #include "port/sim/sockets.h"
 

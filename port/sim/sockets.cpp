@@ -9,10 +9,9 @@ namespace sim {
 namespace {
 
 constexpr size_t kMaxDatagram = 65507;
-constexpr int kMaxBacklog = 200;  // what SOMAXCONN stands for
+constexpr int kMaxBacklog = 200;  // the value of SOMAXCONN
 
-// Until the condition holds; 0, WSAEINTR when the socket was closed under the call, or
-// WSAETIMEDOUT.
+// Waits for the condition. Returns 0, WSAEINTR if the socket was closed meanwhile, or WSAETIMEDOUT.
 int WaitUntil(Socket& socket, const char* call, DWORD timeout_ms,
               const std::function<bool()>& ready) {
   Scheduler& scheduler = TheWorld().scheduler();
@@ -54,7 +53,7 @@ int Claim(Socket& socket, Address address) {
   return 0;
 }
 
-// A loopback address talks to its own host only.
+// A loopback address reaches its own host only.
 bool CannotReach(const Socket& socket, const Address& to) {
   return IsLoopback(socket.local.ip) && !socket.stack().IsLocal(to.ip);
 }
@@ -236,7 +235,7 @@ namespace {
 int ConnectDatagrams(Socket& socket, const Address& address) {
   const bool needs_port = socket.type != SOCK_RAW;
   if (address.ip == 0 || (needs_port && address.port == 0)) {
-    socket.peer = socket.datagrams->peer = {};  // dissolves the connection
+    socket.peer = socket.datagrams->peer = {};  // disconnects
     return 0;
   }
   if (CannotReach(socket, address)) return WSAEADDRNOTAVAIL;
@@ -318,7 +317,7 @@ int StreamUnusable(Socket& socket) {
   return 0;
 }
 
-// A connection that died keeps saying why.
+// Every call on a failed connection returns the same error.
 int DeathOf(const TcpConnection& tcp) { return tcp.error() != 0 ? tcp.error() : WSAECONNABORTED; }
 
 int SendStream(Socket& socket, std::string_view data, bool urgent, DWORD* sent) {

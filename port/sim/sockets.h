@@ -1,7 +1,7 @@
-// The sockets of every simulated process, and what the calls on them do.
+// The sockets of every simulated process, and the calls on them.
 //
-// One function for each of Windows' calls; base_provider.cpp hands them out as a table. Each
-// answers a Winsock error number, 0 for success. Addresses are in host order here.
+// There is one function for each Windows call; base_provider.cpp puts them into a table. Each
+// returns a Winsock error number, or 0 for success. Addresses are in host order here.
 #pragma once
 #include <winsock2.h>
 
@@ -15,8 +15,8 @@
 
 namespace sim {
 
-// A socket belongs to one process and is kept alive by every call on it: closing it during a
-// blocked call ends that call with WSAEINTR.
+// A socket belongs to one process, and each call on it keeps it alive. If it is closed during a
+// blocking call, that call fails with WSAEINTR.
 struct Socket {
   SOCKET handle = INVALID_SOCKET;
   Process* process = nullptr;
@@ -26,7 +26,7 @@ struct Socket {
   bool closed = false;
 
   std::shared_ptr<Binding> binding;  // null: unbound
-  Address local;                     // as getsockname tells it
+  Address local;                     // as getsockname returns it
   Address peer;
   bool share = false, exclusive = false;
 
@@ -34,7 +34,7 @@ struct Socket {
   std::shared_ptr<TcpConnection> tcp;
   std::shared_ptr<TcpListener> listener;
   bool connecting = false;
-  bool connect_failed = false;  // shows in the exception set until the next connect
+  bool connect_failed = false;  // the socket is in the exception set until the next connect
   int pending_error = 0;        // SO_ERROR
   bool send_shut = false, receive_shut = false;
   TcpConnection::Settings settings;
@@ -49,7 +49,7 @@ struct Socket {
   bool stream() const { return type == SOCK_STREAM; }
   Stack& stack() const { return process->host.stack(); }
 
-  // Takes over the outcome of a pending connect.
+  // Reads the outcome of a pending connect.
   void Settle();
   bool CanRead() const;
   bool CanWrite() const;
@@ -61,16 +61,16 @@ class SocketTable {
  public:
   explicit SocketTable(bool reuse) : reuse_(reuse) {}
   SOCKET Add(SocketRef socket);
-  // Null for a handle that is closed or another process's.
+  // Null if the handle is closed or belongs to another process.
   SocketRef Find(SOCKET handle, const Process& process) const;
   void Remove(SOCKET handle);
-  void CloseAllOf(Process& process);  // as a process's sudden end does: streams are reset
+  void CloseAllOf(Process& process);  // as when a process is killed: streams are reset
   void SetReuse(bool reuse) { reuse_ = reuse; }
   size_t size() const { return sockets_.size(); }
   size_t CountOf(const Process& process) const;  // open ones
 
  private:
-  bool reuse_;  // true: the value closed last comes back first
+  bool reuse_;  // true: the value that was closed last is reused first
   SOCKET next_ = 0x100;
   std::vector<SOCKET> closed_;
   std::map<SOCKET, SocketRef> sockets_;
@@ -88,7 +88,7 @@ int PeerName(Socket& socket, Address* out);
 
 int Send(Socket& socket, std::string_view data, bool urgent, DWORD* sent);
 int SendTo(Socket& socket, const std::string& data, const std::optional<Address>& to, DWORD* sent);
-// `*from` is set for datagrams. 10040 with the part that fits if a datagram is too long.
+// `*from` is set for datagrams. If a datagram is too long, returns 10040 with the part that fits.
 int Receive(Socket& socket, char* out, size_t size, bool peek, bool urgent, DWORD* received,
             std::optional<Address>* from);
 

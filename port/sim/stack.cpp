@@ -41,9 +41,9 @@ bool Stack::HasUnacknowledged() const {
 
 // --- claims ---------------------------------------------------------------------------------
 
-// Windows' rules: the same address and port clash; a wildcard and a particular address clash
-// only when one side asked for exclusive use; SO_REUSEADDR on the newcomer overrides all but an
-// exclusive owner.
+// The rules of Windows: the same address and port conflict; a wildcard and a specific address
+// conflict only if either side asked for exclusive use; SO_REUSEADDR on the new socket overrides
+// all of this, unless the owner is exclusive.
 bool Stack::Conflicts(const Binding& wanted) const {
   for (const auto& taken : bindings_) {
     if (taken->protocol != wanted.protocol || taken->local.port != wanted.local.port) continue;
@@ -114,7 +114,7 @@ void Stack::ReceiveTcp(const Packet& packet) {
     connections_.erase(at);
   }
   if (!packet.tcp.syn || packet.tcp.ack) return Refuse(packet);
-  // A full backlog answers with a reset, as Windows does; other systems stay silent.
+  // Windows answers with a reset if the backlog is full; other systems do not answer.
   const auto listener = ListenerFor(packet.to);
   if (!listener || listener->full()) return Refuse(packet);
   auto connection =

@@ -1,4 +1,4 @@
-// The TCP/IP stack of one host: who owns which port, and who gets an arriving packet.
+// The TCP/IP stack of one host: which socket owns which port and receives which packet.
 #pragma once
 #include <list>
 #include <map>
@@ -9,7 +9,8 @@
 
 namespace sim {
 
-// Where datagrams arrive: a UDP socket's, or a raw ICMP socket's with the IP header in front.
+// The receive queue of a UDP socket, or of a raw ICMP socket, whose datagrams begin with the IP
+// header.
 struct DatagramPort {
   struct Datagram {
     Address from;
@@ -17,10 +18,9 @@ struct DatagramPort {
   };
   Protocol protocol = Protocol::kUdp;
   Address local;
-  Address
-      peer;  // connected: only datagrams of this address are received; all zero: of every address
+  Address peer;  // if connected, only datagrams from this address are received; all zero: from any
   size_t limit = 65536;
-  size_t bytes = 0;  // in `queue`; what does not fit any more is dropped
+  size_t bytes = 0;  // in `queue`; datagrams that do not fit are dropped
   std::deque<Datagram> queue;
   uint64_t dropped = 0;
   bool report_unreachable = true;  // SIO_UDP_CONNRESET
@@ -44,17 +44,17 @@ class Stack {
   void Receive(const Packet& packet);
 
   bool IsLocal(uint32_t ip) const;
-  // The address that a packet to `ip` leaves with.
+  // The source address of a packet to `ip`.
   uint32_t SourceFor(uint32_t ip) const;
   bool HasUnacknowledged() const;
 
-  // Claims: a conflict is one that Windows refuses with 10048.
+  // Port claims. A conflict is what Windows refuses with 10048.
   bool Conflicts(const Binding& wanted) const;
   void Claim(std::shared_ptr<Binding> binding) { bindings_.push_back(std::move(binding)); }
   void Disclaim(const std::shared_ptr<Binding>& binding) { bindings_.remove(binding); }
   uint16_t EphemeralPort(Protocol protocol);  // 0: all are taken
 
-  // Null when a connection between these two is alive.
+  // Null if there is already a connection between these two endpoints.
   std::shared_ptr<TcpConnection> Connect(const Address& local, const Address& remote,
                                          const TcpConnection::Settings& settings);
   void Listen(std::shared_ptr<TcpListener> listener) { listeners_.push_back(std::move(listener)); }

@@ -13,7 +13,7 @@ constexpr Micros kLeastTimeout = 300'000;
 constexpr Micros kMostTimeout = 60'000'000;
 constexpr int kDataRetries = 5;
 constexpr Micros kTimeWait = 60'000'000;
-constexpr Micros kOrphanLife = 120'000'000;  // a peer that never closes its side
+constexpr Micros kOrphanLife = 120'000'000;  // for a peer that never closes its side
 constexpr int kDuplicatesThatMeanLoss = 3;
 constexpr Micros kDelayedAck = 200'000;
 constexpr size_t kSegmentsPerAck = 2;
@@ -104,8 +104,8 @@ void TcpConnection::Release(bool abort) {
   WatchOrphan();
 }
 
-// It has no owner any more: it lives while it still delivers, and then for a while until its peer
-// closes the other direction.
+// A connection without an owner lives until it has delivered its data, and then for a limited time
+// until its peer closes the other direction.
 void TcpConnection::WatchOrphan() {
   Later(kOrphanLife, [](TcpConnection& it) {
     if (it.all_acknowledged())
@@ -136,17 +136,17 @@ size_t TcpConnection::segment_size() const {
   return stack_.IsLocal(remote_.ip) ? kMaxLoopbackSegment : kMaxSegment;
 }
 
-// The room that reading makes is announced by segments, not for each byte.
+// Reading makes room, which is announced in steps of a segment, not of a byte.
 bool TcpConnection::RoomIsWorthTelling() const {
   const size_t half = settings_.receive / 2;
   if (SavesSegments())
     return expected_ + window() >= told_edge_ + std::min(kSegmentsPerAck * segment_size(), half);
-  const size_t least = std::min(segment_size(), half);  // a window that was all but shut
+  const size_t least = std::min(segment_size(), half);  // below this, the window was nearly closed
   return told_window_ < least && window() >= least;
 }
 
-// Nagle's rule: while something is under way, a piece waits until it makes a segment, or half of
-// what the peer ever had room for. The end of the stream takes it along.
+// Nagle's algorithm: while data is in flight, a piece waits until it fills a segment, or half of
+// the largest window of the peer. It does not wait at the end of the stream.
 bool TcpConnection::HoldsBack(size_t piece) const {
   if (!SavesSegments() || settings_.no_delay || finish_ || unacknowledged_ == next_) return false;
   if (urgent_end_ > next_) return false;
@@ -199,7 +199,7 @@ void TcpConnection::SendWhatFits() {
 }
 
 void TcpConnection::RetransmitFirst() {
-  timed_sequence_ = 0;  // its acknowledgement would not say which copy it answers
+  timed_sequence_ = 0;  // an acknowledgement would not show which copy it is for
   if (state_ != State::kOpen) {
     Emit(0, {}, true, false, false);
     return;
@@ -212,7 +212,7 @@ void TcpConnection::RetransmitFirst() {
   } else if (finish_sent_ && unacknowledged_ < next_) {
     Emit(unacknowledged_, {}, false, true, false);
   } else {
-    // A probe of a shut window: an old number, which the peer must answer with its state.
+    // A probe of a closed window: the peer must answer an old sequence number with its state.
     Emit(unacknowledged_ - 1, {}, false, false, false);
   }
 }
@@ -268,7 +268,7 @@ void TcpConnection::Receive(const Packet& packet) {
     return;
   }
   if (packet.tcp.syn) {
-    // Our answer to it, or the acknowledgement of theirs, was lost.
+    // Our SYN-ACK, or our acknowledgement of theirs, was lost.
     if (state_ == State::kSynReceived)
       Emit(0, {}, true, false, false);
     else
@@ -322,7 +322,7 @@ void TcpConnection::OnAcknowledged(const Packet& packet) {
       RetransmitFirst();
     }
   } else {
-    retries_ = 0;  // an answered probe: the peer lives
+    retries_ = 0;  // the peer has answered a probe
   }
   SendWhatFits();
   if (released_ && both_finished()) LingerThenVanish();
@@ -333,12 +333,12 @@ void TcpConnection::OnData(const Packet& packet) {
   const uint64_t end = begin + packet.payload.size();
   if (packet.payload.empty() && !packet.tcp.fin && begin >= expected_) return;  // a bare ACK
   if (released_ && end > expected_) {
-    // Nobody will read this: reset the connection, as Windows does.
+    // These bytes will never be read: reset the connection, as Windows does.
     Emit(next_, {}, false, false, true);
     Die(0);
     return;
   }
-  // What comes in order, and leaves nothing missing, can wait for its acknowledgement.
+  // The acknowledgement of data that arrives in order, with no gap before or after it, can wait.
   const bool as_expected = begin == expected_ && early_.empty() && !packet.tcp.fin;
   urgent_behind_ = std::max(urgent_behind_, packet.tcp.urgent);
   if (packet.tcp.fin) finish_at_ = end;
@@ -372,7 +372,7 @@ void TcpConnection::Acknowledge(bool at_once) {
 }
 
 void TcpConnection::TakeInOrder(std::string_view data) {
-  data = data.substr(0, window());  // beyond it the sender has to try again
+  data = data.substr(0, window());  // the sender has to retransmit what is beyond the window
   const uint64_t begin = expected_;
   expected_ += data.size();
   if (stopped_reading_) return;
@@ -391,7 +391,7 @@ void TcpConnection::OnReset() {
   Die(state_ == State::kSynSent ? WSAECONNREFUSED : WSAECONNRESET);
 }
 
-// The buffers go too: bytes that a reset overtakes are lost, on both sides.
+// Clears the buffers, too: a reset discards the bytes before it, on both sides.
 void TcpConnection::Die(int error) {
   if (dead()) return;
   state_ = State::kDead;
@@ -402,7 +402,7 @@ void TcpConnection::Die(int error) {
   stack_.Forget(*this);
 }
 
-// Stays for a while to acknowledge a FIN whose acknowledgement was lost.
+// Stays for a while to acknowledge a FIN again if the acknowledgement was lost.
 void TcpConnection::LingerThenVanish() {
   Later(kTimeWait, [](TcpConnection& it) { it.Die(0); });
 }

@@ -1,14 +1,18 @@
 // One end of a TCP connection, and a listener.
 //
-// A small TCP over packets that may be lost, doubled or overtaken: cumulative acknowledgement,
-// retransmission with doubling delay, fast retransmission, a window that follows the reader, probes
-// of a closed window, half close, reset. Where the world's options say so, it saves segments: small
-// pieces wait for what is under way to be acknowledged unless TCP_NODELAY is set, and an
-// acknowledgement waits for something to ride on, for a second segment, or for 200 ms. Together
-// they are what makes a message late; elsewhere everything leaves at once. There is no congestion
-// control: no program can rely on it or violate it. Time-outs are Windows': a connect gives up
-// after 3 + 6 + 12 s, data after five retransmissions. There is one urgent byte at a time, the
-// latest: one that another follows before it has arrived is an ordinary byte.
+// A small TCP over packets that may be lost, duplicated or reordered: cumulative acknowledgement,
+// retransmission with exponential backoff, fast retransmission, flow control, probes of a closed
+// window, half close, reset.
+//
+// With Options::tcp_saves_segments there is Nagle's algorithm and delayed acknowledgement: a small
+// segment waits until earlier data is acknowledged, unless TCP_NODELAY is set, and an
+// acknowledgement waits for outgoing data, for a second segment, or for 200 ms. Together they delay
+// messages. Without the option everything is sent at once.
+//
+// There is no congestion control, because no program can rely on it or violate it. Timeouts are
+// those of Windows: a connect gives up after 3 + 6 + 12 s, data after five retransmissions. There
+// is one urgent byte at a time: if another one follows before it has arrived, it becomes an
+// ordinary byte.
 #pragma once
 #include <deque>
 #include <map>
@@ -36,19 +40,19 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
                 const Settings& settings);
 
   // --- the owner's side ---
-  void Connect();  // sends the first segment
+  void Connect();  // sends the SYN
   void AcceptFrom(const Packet& syn, const std::shared_ptr<TcpListener>& listener);
-  // As many bytes as the send buffer has room for; 0: none. Of urgent ones the last is the urgent
-  // byte, if all of them have room.
+  // Queues as many bytes as the send buffer has room for, and returns their number. With `urgent`,
+  // the last byte is the urgent one, if all of them fit.
   size_t Write(std::string_view data, bool urgent = false);
-  // Stops at the place of an urgent byte, which is not among them unless it is taken inline.
+  // Stops at the position of an urgent byte. The byte itself is read only if urgent data is inline.
   size_t Read(char* out, size_t most, bool peek);
   // The urgent byte, if there is one.
   std::optional<char> ReadUrgent(bool peek);
-  void FinishWriting();  // a FIN behind what is queued
-  void StopReading();    // what arrives from now on is thrown away
-  // The owner closes it. Unread bytes or `abort` reset the connection; otherwise what is queued is
-  // still delivered.
+  void FinishWriting();  // queues a FIN
+  void StopReading();    // drops everything that arrives from now on
+  // The owner closes the socket. With unread bytes or `abort`, this resets the connection;
+  // otherwise queued bytes are still delivered.
   void Release(bool abort);
   void SetSettings(const Settings& settings);
 
@@ -57,7 +61,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   bool connecting() const { return state_ == State::kSynSent; }
   bool open() const { return state_ == State::kOpen; }
   bool dead() const { return state_ == State::kDead; }
-  int error() const { return error_; }  // why it is dead; 0: closed in order
+  int error() const { return error_; }  // why the connection failed; 0: it was closed in order
   size_t unread() const { return in_.size(); }
   bool urgent_waits() const { return urgent_byte_.has_value(); }
   bool at_end() const { return finished_in_ && in_.empty(); }
@@ -68,7 +72,7 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   // --- the stack's side ---
   void Receive(const Packet& packet);
   uint64_t connection() const { return connection_; }
-  // Kept only to answer late segments: its ports may be used again.
+  // The connection exists only to answer late segments, and its ports may be used again.
   bool in_time_wait() const { return released_ && both_finished(); }
 
  private:
@@ -106,39 +110,40 @@ class TcpConnection : public std::enable_shared_from_this<TcpConnection> {
   uint64_t stamp_ = 0;
   std::weak_ptr<TcpListener> listener_;
 
-  // Out: [unacknowledged_, next_) is under way, out_ holds it and what follows.
+  // Outgoing: [unacknowledged_, next_) is in flight; out_ contains that and what follows.
   ByteQueue out_;
   uint64_t unacknowledged_ = 0;
   uint64_t next_ = 0;
-  uint64_t recover_ = 0;  // how far it had sent when a loss was seen: up to there, holes are filled
+  uint64_t recover_ = 0;  // where sending had got to when a loss was detected; resent up to there
   uint64_t urgent_end_ = 0;
   bool finish_ = false;
   bool finish_sent_ = false;
   uint32_t peer_window_ = 0;
-  uint32_t largest_window_ = 0;  // that the peer has ever announced
+  uint32_t largest_window_ = 0;  // the largest window that the peer has announced
   uint64_t peer_stamp_ = 0;
   int duplicates_ = 0;
 
-  // In: everything before expected_ is in in_ or read; early_ waits for a hole to be filled.
+  // Incoming: everything before expected_ is in in_ or has been read; early_ has what follows a
+  // gap.
   ByteQueue in_;
   uint64_t expected_ = 0;
   std::map<uint64_t, std::string> early_;
-  uint64_t urgent_behind_ = 0;           // the number behind the peer's last urgent byte
-  std::optional<char> urgent_byte_;      // not inline, and not read
-  std::optional<size_t> before_urgent_;  // bytes of in_ before its place
+  uint64_t urgent_behind_ = 0;           // the sequence number after the peer's last urgent byte
+  std::optional<char> urgent_byte_;      // not inline and not yet read
+  std::optional<size_t> before_urgent_;  // how many bytes of in_ precede its position
   uint64_t finish_at_ = UINT64_MAX;
   bool finished_in_ = false;
   bool stopped_reading_ = false;
   size_t told_window_ = 0;
-  uint64_t told_edge_ = 0;              // how far the peer may send, as far as it knows
-  size_t unacknowledged_segments_ = 0;  // that have come since we last said something
-  uint64_t spoken_ = 0;  // segments sent: an acknowledgement that waits has become idle
+  uint64_t told_edge_ = 0;              // the end of the window that was last announced to the peer
+  size_t unacknowledged_segments_ = 0;  // received since our last segment
+  uint64_t spoken_ = 0;  // segments sent; shows that a delayed acknowledgement is no longer needed
 
-  uint64_t timer_ = 0;  // the newest timer's number; older timers do nothing
+  uint64_t timer_ = 0;  // the number of the newest timer; older timers do nothing
   bool timer_armed_ = false;
   Micros timeout_ = 0;
   int retries_ = 0;
-  uint64_t timed_sequence_ = 0;  // a segment whose round trip is being measured; 0: none
+  uint64_t timed_sequence_ = 0;  // the segment whose round trip is being measured; 0: none
   Micros timed_at_ = 0;
 };
 

@@ -62,7 +62,7 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE
     SetLastError(world.faults().thread_start_error);
     return nullptr;
   }
-  if (!start || flags != 0) {  // nothing here could resume a suspended one
+  if (!start || flags != 0) {  // a suspended thread could not be resumed here
     SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
@@ -118,8 +118,8 @@ DWORD WINAPI GetCurrentThreadId() { return sim::Self().id(); }
 
 namespace {
 
-// The waiter holds it too, so that deleting a section during a wait leads to a report and not to
-// freed memory.
+// Waiting threads hold a reference, too, so deleting a section during a wait leads to a report and
+// not to a use of freed memory.
 struct Section {
   sim::Thread* owner = nullptr;
   std::string owner_name;
@@ -139,8 +139,8 @@ void Own(Section* section, sim::Thread& self) {
 
 }  // namespace
 
-// No step here, nor in the deletion: they may run in the constructor of a function's static object,
-// and another thread that reached the same object would wait outside the simulation.
+// Neither this nor the deletion makes a step: they may run in the constructor of a static object in
+// a function, and another thread that reached the same object would wait outside the simulation.
 void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION section) {
   section->state = new SectionRef(std::make_shared<Section>());
 }

@@ -1,4 +1,4 @@
-// Threads and waitable objects of the simulation, as the waits and the world see them. All of it
+// The simulation's threads and waitable objects, for the wait functions and the world. All of this
 // runs on the scheduler's baton.
 #pragma once
 #include "port/shared/backend.h"
@@ -12,7 +12,7 @@ namespace sim {
 class Waitable : public port::Object {
  public:
   virtual bool Ready(const Thread& thread) const = 0;
-  // Called when Ready: WAIT_OBJECT_0 or WAIT_ABANDONED.
+  // Called when Ready. Returns WAIT_OBJECT_0 or WAIT_ABANDONED.
   virtual DWORD Take(Thread& thread) = 0;
   virtual std::string Describe() const = 0;  // for the report of a deadlock
 };
@@ -31,13 +31,13 @@ class ThreadObject : public Waitable {
   ThreadRef thread_;
 };
 
-// The calling thread; ends the program with a message if the world does not know it.
+// The calling thread. Ends the program with a message if it is not a simulated thread.
 Thread& Self();
 
-// A preemption point with no name of its own.
+// A preemption point without a name.
 void Step();
 
-// Abandons the mutexes of a thread that ends.
+// Abandons the mutexes of an ending thread.
 void AbandonMutexesOf(Thread& thread);
 
 }  // namespace sim

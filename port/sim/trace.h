@@ -1,9 +1,9 @@
 // The trace: lines of text in a ring buffer that survives a crash.
 //
-// The ring lives in memory that a parent process may share, so that the last lines can be
-// printed even when the simulated process died of a signal. The hash covers every line of the
-// run, also those the ring has overwritten: two runs with one hash were the same run. Lines
-// therefore never hold a pointer, a real time or a real process id.
+// The ring is in memory that a parent process may share, so the last lines can be printed even if a
+// signal killed the simulated process. The hash covers every line of the run, including those that
+// the ring has overwritten: two runs with the same hash were the same run. Lines therefore never
+// contain a pointer, a real time or a real process id.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -20,7 +20,7 @@ struct TraceRing {
   char lines[kLines][kLineBytes];
 };
 
-// Zeroed memory that a forked child writes and its parent reads. Never freed.
+// Zeroed memory shared between a forked child, which writes it, and its parent. Never freed.
 TraceRing* NewSharedTraceRing();
 
 void AddTraceLine(TraceRing& ring, const std::string& line);

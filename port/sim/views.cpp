@@ -1,4 +1,4 @@
-// Threads that are watched, instruction by instruction, while they have a view of a mapping.
+// Watches threads, instruction by instruction, while they have a view of a mapping.
 #include <algorithm>
 #include <cstring>
 
@@ -10,13 +10,14 @@
 namespace sim {
 namespace {
 
-// The view that the calling thread is watched for; at most one at a time.
+// The view for which the calling thread is watched; at most one at a time.
 thread_local const void* watched_view = nullptr;
 
 void Begin(const ViewWatch& watch, const Thread& self, std::span<const uint8_t> view) {
   watched_view = view.data();
   if (!watch.look(view, true)) return;
-  // Steps go on while the thread waits for its turn; changes that it sees then are not its own.
+  // Stepping continues while the thread waits for its turn; changes that are seen then were made by
+  // other threads.
   static thread_local std::function<bool()> look;
   look = [&watch, &self, view] {
     return &TheWorld().scheduler().current() != &self || watch.look(view, false);

@@ -21,7 +21,7 @@ constexpr size_t kTraceLinesShown = 60;
 
 int PreemptPercent(const Options& options) {
   if (options.preempt_percent >= 0) return options.preempt_percent;
-  // Some orders occur only if threads run undisturbed for long, others only if they never do.
+  // Some orders occur only if threads run uninterrupted for long, others only if they never do.
   constexpr int kChoices[] = {2, 10, 25, 50};
   return kChoices[Random(Scattered(options.seed ^ 0x70726565)).Below(4)];
 }
@@ -31,7 +31,7 @@ uint64_t SeedOfEnvironment() {
   return text ? std::strtoull(text, nullptr, 0) : 1;
 }
 
-// Never freed, and visible to a leak checker.
+// Never freed, but still reachable for a leak checker.
 template <class T>
 void Keep(std::unique_ptr<T>& owner) {
   static auto& kept = *new std::vector<std::shared_ptr<T>>;
@@ -66,15 +66,16 @@ World::World(const Options& options)
   sockets_ = std::make_unique<SocketTable>(options.reuse_socket_handles);
   faults_ = std::make_unique<Faults>();
   the_world = this;
-  // A thread is needed before the first process: making its record is a Windows call.
+  // The thread comes before the first process, because creating a process record makes a Windows
+  // call.
   const ThreadRef director = scheduler_->Adopt("home/director", nullptr);
   home_ = &AddProcess(AddHost("home", {"192.0.2.1"}), "home", L"C:\\game\\game.exe",
                       "\"C:\\game\\game.exe\"");
   director->SetProcess(home_);
 }
 
-// Threads that were killed are parked inside a call with their stacks: what those refer to must
-// outlive them, and they never end.
+// Killed threads stay inside a call, with their stacks, and never end. The objects that their
+// stacks refer to must outlive them.
 World::~World() {
   Keep(scheduler_);
   Keep(network_);
@@ -276,7 +277,7 @@ void World::OnThreadEnded(Thread& thread) {
   AbandonMutexesOf(thread);
 }
 
-// --- looking --------------------------------------------------------------------------------
+// --- inspection -----------------------------------------------------------------------------
 
 bool World::IsRunning(DWORD thread_id) const {
   const ThreadRef thread = scheduler_->Find(thread_id);
@@ -317,7 +318,7 @@ World& TheWorld() {
   if (!the_world) {
     Options options;
     options.seed = SeedOfEnvironment();
-    options.max_steps *= 10;  // one world for all tests of a program
+    options.max_steps *= 10;  // all tests of a program share this world
     options.max_time *= 100;
     new World(options);  // never freed: threads and static objects may use it to the very end
   }

@@ -1,6 +1,6 @@
 // The settings of one game as the client program writes them into the restriction region.
-// Little-endian, packed. Texts may be unterminated and counts out of range: whoever reads a
-// record in shared memory bounds both.
+// Little-endian, packed. Texts may be unterminated and counts out of range: readers of a record in
+// shared memory must limit both.
 #pragma once
 #include <cstddef>
 
@@ -18,7 +18,7 @@ inline constexpr u32 kMaxPortIdcRecords = 256;
 // Bits of net_mode. None set: the game is not accelerated.
 inline constexpr u32 kNetModeTcp = 0x8;
 inline constexpr u32 kNetModeUdp = 0x10;
-inline constexpr u32 kNetModeAsyTcp = 0x20;        // brings kNetModeTcp with it
+inline constexpr u32 kNetModeAsyTcp = 0x20;        // implies kNetModeTcp
 inline constexpr u32 kNetModeBothModes = 0x30000;  // both bits together
 inline constexpr u32 kNetModeRefuseWithoutAccMode = 0x2000000;
 
@@ -57,7 +57,7 @@ struct AccConfigRecord {
   char uin[64] = {};                           // the user's number in decimal
   char second_text[64] = {};
   u32 log_level = 0;        // lowest level that is written
-  char log_path[260] = {};  // its parent directory holds the log files
+  char log_path[260] = {};  // the log files are in its parent directory
   u8 reserved_3148[4] = {};
   u64 zone_id = 0;
   u32 zone_word = 0;

@@ -1,5 +1,5 @@
-// Every region of the route policy, for those who write all of them. (The restriction region, which
-// lists the games, is in restriction_formats.h.)
+// Every region of the route policy, for code that writes all of them. (The restriction region,
+// which lists the games, is in restriction_formats.h.)
 #pragma once
 #include "abi/blacklist_formats.h"
 #include "abi/ip_table_formats.h"

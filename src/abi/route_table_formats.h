@@ -1,7 +1,7 @@
 // The route table: which proxies lead to which data centre of a game, and the client program's
-// verdict on each. It is in a double-buffered region, or alone in a binary file. Little-endian,
-// packed. Nothing in it can be trusted: counts can exceed their arrays, references can dangle,
-// texts can be unterminated.
+// decision on each. It is in a double-buffered region, or by itself in a binary file.
+// Little-endian, packed. Nothing in it can be trusted: counts can exceed their arrays, references
+// can dangle, texts can be unterminated.
 #pragma once
 #include <array>
 #include <cstddef>

@@ -1,8 +1,8 @@
 // The file that the log lines of one process run go to.
 //
-// Any thread may call anything. Nobody waits for a busy logger: the lock is tried a hundred times,
-// then the line is lost. Lines are collected, and written when the next one would exceed 1024 bytes
-// and when the object ends; a crash loses the collected lines.
+// Any thread may call anything, and no thread waits for a busy logger: it tries the lock a hundred
+// times, then the line is lost. Lines are collected, and written when the next one would exceed
+// 1024 bytes and when the object ends; a crash loses the collected lines.
 #pragma once
 #include <atomic>
 #include <string>

@@ -29,11 +29,11 @@ class OwnThread {
   static u32 NameOfCaller() noexcept;
 
  private:
-  u32 name_ = 0;  // 0 if there is no room for another: then it is a thread like any other
+  u32 name_ = 0;  // 0 if there is no room for another: then it counts as a thread of the host
 };
 
-// Whether the thread of that name has ended, in whatever way; of a thread that is not ours, whether
-// there is none of that id any more. False for 0.
+// Whether the thread of that name has ended in any way. For a thread that is not ours: whether no
+// thread has that id any more. False for 0.
 bool HasEnded(u32 who) noexcept;
 
 // Terminates one of our threads. Waits up to 100 ms for it to release our locks, and as long for it

@@ -7,7 +7,8 @@
 // fills the copy that is not selected and Close flips the word, so readers need no mutex and see
 // the old copy or the new one, never a mixture. Two writers at once are not supported.
 //
-// Whoever comes first creates the mapping; ask Exists first if a missing region must stay missing.
+// The first to open a region creates the mapping; call Exists first if a missing region must stay
+// missing.
 // An object has no lock of its own: its owner serialises its use.
 #pragma once
 #include <cstring>

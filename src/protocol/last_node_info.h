@@ -8,8 +8,8 @@
 namespace moru_vyr::lsp {
 
 #pragma pack(push, 1)
-// See docs/wire.md, "LastNodeInfo", and codec.h for Pack and Unpack, which nobody calls
-// here: it travels in requests and responses. All zero: there is none.
+// See docs/wire.md, "LastNodeInfo", and codec.h for Pack and Unpack. It is only sent as a part of
+// requests and responses, so nothing calls its own Pack and Unpack. All zero: there is none.
 struct LastNodeInfo {
   u16 node_id = 0;
   u16 port = 0;

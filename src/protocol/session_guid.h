@@ -8,8 +8,8 @@
 namespace moru_vyr::lsp {
 
 #pragma pack(push, 1)
-// See docs/wire.md, "SessionGuid", and codec.h for Pack and Unpack, which nobody calls
-// here: it travels in requests.
+// See docs/wire.md, "SessionGuid", and codec.h for Pack and Unpack. It is only sent as a part of
+// requests, so nothing calls its own Pack and Unpack.
 struct SessionGuid {
   static constexpr u32 kTextSize = 37;  // the text form with its terminator
 

@@ -1,5 +1,5 @@
-// The thresholds of measuring and switching that everyone uses: the values that the client program
-// configured, raised to a minimum or replaced by a default where they would not work.
+// The thresholds of measuring and switching, as they are used everywhere: the values that the
+// client program configured, raised to a minimum or replaced by a default if they would not work.
 #pragma once
 #include <algorithm>
 

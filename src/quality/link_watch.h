@@ -61,8 +61,8 @@ class LinkWatch {
 
   // The report behind kSwitch, until the next call.
   const RecoverySwitchRecord& report() const noexcept { return judge_.report(); }
-  // Whether the switch has begun. If so, whoever carries it out submits a copy of the report with
-  // the outcome; otherwise it is submitted here.
+  // Tells the watcher whether the switch has begun. If so, the trial submits a copy of the report
+  // with the outcome; otherwise the report is submitted here.
   void SwitchAnswered(bool begun) noexcept { judge_.SwitchAnswered(begun); }
 
  private:

@@ -1,9 +1,9 @@
 // Guard: which queues application threads may use.
 //
-// An application thread knows its socket's queues by bare pointers, in a copy of the socket's
-// record that may be older than the end of the session. So it never follows such a pointer: it asks
-// here first, and what it gets stays valid for as long as it holds it. It must give the token too,
-// because a later session's queue may have the same address.
+// An application thread knows its socket's queues by raw pointers, in a copy of the socket's record
+// that may be older than the end of the session. So it never dereferences such a pointer: it asks
+// here first, and the result stays valid for as long as the thread holds it. It must also pass the
+// token, because a later session's queue may have the same address.
 //
 // Any thread. The lock is held for a look-up, a leaf.
 #pragma once

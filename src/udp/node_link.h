@@ -4,7 +4,7 @@
 // The flow holds one, and the trial of another node holds its own. At the hand-over the flow's link
 // takes over the trial's socket and everything that belongs to it.
 //
-// Worker thread only. Nothing throws. The destructor closes nothing: whoever holds the link knows
+// Worker thread only. Nothing throws. The destructor closes nothing: the owner of the link knows
 // whether the socket is still in use.
 #pragma once
 #include <winsock2.h>
@@ -42,7 +42,7 @@ class NodeLink {
   // --- socket
   // Creates it. False on failure.
   bool Open() noexcept;
-  // Closes a socket that nobody else knows yet.
+  // Closes a socket that is not used anywhere else yet.
   void Discard() noexcept;
   SOCKET sock() const noexcept { return sock_; }
   bool IsGivenAway() const noexcept { return sock_ == kGivenAway; }

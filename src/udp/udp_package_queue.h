@@ -1,12 +1,12 @@
-// Datagrams in flight over the loopback hop, each a copy with its true address: whoever receives
-// the bytes finds the entry by comparing them, and gets the address that the hop has lost.
+// Datagrams in flight over the loopback hop, each a copy with its true address: the receiver of the
+// bytes finds the entry by comparing them, and gets the address that the hop has lost.
 //
 // Any thread; every operation holds the queue's own lock for its length, a leaf. Nothing throws.
 // Buffers come from a game, so nothing is assumed about them except that non-null ones are
-// readable. Entries that nobody takes stay: there is no age limit and no size limit.
+// readable. Entries that are not taken stay: there is no age limit and no size limit.
 //
-// Whoever queues a datagram can take back exactly that entry by its number, when the bytes are no
-// longer there to be compared.
+// The sender of a datagram can take back exactly its own entry by its number, when the bytes are no
+// longer available for a comparison.
 #pragma once
 #include <winsock2.h>
 

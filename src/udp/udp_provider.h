@@ -30,7 +30,7 @@ class UdpProvider final : public NetProvider {
   explicit UdpProvider(const std::atomic<bool>& stopping) noexcept;
 
   // Any thread. Takes the answer to the open request of that token; false if there is none. An
-  // answer can be taken once; if nobody takes it, it stays until the token's next answer.
+  // answer can be taken once; if it is not taken, it stays until the token's next answer.
   bool GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept;
 
   // Any thread. See LiveQueues::Use.

@@ -9,7 +9,7 @@
 namespace contract {
 namespace {
 
-TEST(Catalogue, TellsItsSizeAndThenItsEntries) {
+TEST(Catalogue, ReturnsItsSizeAndThenItsEntries) {
   DWORD size = 0;
   int error = 0;
   CHECK_EQ(WSCEnumProtocols(nullptr, nullptr, &size, &error), SOCKET_ERROR);

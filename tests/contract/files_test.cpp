@@ -32,7 +32,7 @@ std::string ReadAll(const std::wstring& path) {
   return std::string(buffer, read);
 }
 
-TEST(File, DispositionsSayWhatWasThere) {
+TEST(File, DispositionsReportWhetherTheFileExisted) {
   const std::wstring path = Fresh(L"disposition");
   CHECK_FAILS(Open(path, GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
               ERROR_FILE_NOT_FOUND);
@@ -52,7 +52,7 @@ TEST(File, DispositionsSayWhatWasThere) {
   CHECK_EQ(ReadAll(path), "");
 }
 
-TEST(File, MissingDirectoryIsAnotherError) {
+TEST(File, MissingDirectoryHasADifferentError) {
   CHECK_FAILS(Open(Directory() + L"\\none\\a.txt", GENERIC_WRITE, 0, CREATE_ALWAYS),
               INVALID_HANDLE_VALUE, ERROR_PATH_NOT_FOUND);
   CHECK_FAILS(GetFileAttributesW((Directory() + L"\\none\\a.txt").c_str()), INVALID_FILE_ATTRIBUTES,
@@ -79,7 +79,7 @@ TEST(File, AppendsAtItsEnd) {
   CloseHandle(file);
 }
 
-TEST(File, EndsWhereItIsTold) {
+TEST(File, SetEndOfFileTruncates) {
   const std::wstring path = Fresh(L"end");
   HANDLE file = Open(path, GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW);
   CHECK_TRUE(Write(file, "abcdef"));
@@ -94,7 +94,7 @@ TEST(File, EndsWhereItIsTold) {
   CHECK_EQ(ReadAll(path), std::string("abc\0\0\0", 6));
 }
 
-TEST(File, ReadAtItsEndGivesNothingAndSucceeds) {
+TEST(File, ReadAtItsEndSucceedsWithNoBytes) {
   const std::wstring path = Fresh(L"eof");
   HANDLE file = Open(path, GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW);
   char byte = 0;
@@ -104,7 +104,7 @@ TEST(File, ReadAtItsEndGivesNothingAndSucceeds) {
   CloseHandle(file);
 }
 
-TEST(File, BeforeItsBeginningIsNoPlace) {
+TEST(File, CannotSeekBeforeItsBeginning) {
   const std::wstring path = Fresh(L"seek");
   HANDLE file = Open(path, GENERIC_WRITE, 0, CREATE_NEW);
   LARGE_INTEGER at = {};
@@ -113,7 +113,7 @@ TEST(File, BeforeItsBeginningIsNoPlace) {
   CloseHandle(file);
 }
 
-TEST(File, DoesOnlyWhatItWasOpenedFor) {
+TEST(File, AllowsOnlyTheAccessItWasOpenedWith) {
   const std::wstring path = Fresh(L"rights");
   WriteTextFile(path, "x");
   HANDLE file = Open(path, GENERIC_READ, 0, OPEN_EXISTING);
@@ -153,7 +153,7 @@ TEST(File, IsSharedAsBothSidesAgree) {
   }
 }
 
-TEST(File, IsDeletedOnlyWhenNobodyHasIt) {
+TEST(File, IsDeletedOnlyIfItIsNotOpen) {
   const std::wstring path = Fresh(L"delete");
   HANDLE file = Open(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, CREATE_NEW);
   CHECK_FAILS(DeleteFileW(path.c_str()), FALSE, ERROR_SHARING_VIOLATION);
@@ -181,7 +181,7 @@ TEST(File, SomeNamesCannotBe) {
               ERROR_PATH_NOT_FOUND);
 }
 
-TEST(Directory, IsMadeOnceBelowOneThatIsThere) {
+TEST(Directory, IsCreatedOnceInAnExistingOne) {
   const std::wstring path = Directory() + L"\\folder";
   CHECK_FAILS(CreateDirectoryW((path + L"\\deeper").c_str(), nullptr), FALSE, ERROR_PATH_NOT_FOUND);
   CHECK_TRUE(CreateDirectoryW(path.c_str(), nullptr));
@@ -262,7 +262,7 @@ class Ini : public testing::Test {
   DWORD length_ = 0;
 };
 
-TEST_F(Ini, FindsValuesWhateverTheLetterCase) {
+TEST_F(Ini, IgnoresTheLetterCaseOfNames) {
   CHECK_EQ(Get(L"LSP", L"TCP"), L"1");  // the first of two
   CHECK_EQ(length_, 1u);
   CHECK_EQ(Get(L"lsp", L"tcp"), L"1");

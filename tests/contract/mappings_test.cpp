@@ -14,7 +14,7 @@ char* MapAll(HANDLE mapping, SIZE_T size = 0) {
   return static_cast<char*>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, size));
 }
 
-TEST(Mapping, BeginsWithZeroes) {
+TEST(Mapping, IsInitiallyZero) {
   HANDLE mapping = CreateMapping(5000, UniqueName("mapping"));
   CHECK_EQ(GetLastError(), 0u);
   char* view = MapAll(mapping, 5000);
@@ -58,7 +58,7 @@ TEST(Mapping, ViewBeyondItsEndFails) {
   CHECK_TRUE(CloseHandle(mapping));
 }
 
-TEST(Mapping, SizeCountsInWholePages) {
+TEST(Mapping, SizeIsRoundedUpToWholePages) {
   // A view may reach to the end of the mapping's last page, but not into the next.
   HANDLE mapping = CreateMapping(100, UniqueName("mapping"));
   char* view = MapAll(mapping, 4096);
@@ -97,7 +97,7 @@ TEST(Mapping, OfNoSizeCannotBe) {
 }
 
 // Pages straight from the system: zero, whatever lay there before.
-TEST(Pages, AreZeroAndGoBackAsAWhole) {
+TEST(Pages, AreZeroAndAreFreedAsAWhole) {
   constexpr DWORD kSize = 300'000;
   for (int round = 0; round < 3; ++round) {
     auto* const bytes = static_cast<unsigned char*>(

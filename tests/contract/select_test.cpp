@@ -129,7 +129,7 @@ TEST(Select, EndOfStreamReadsAndWrites) {
   CHECK_FALSE(ready.except);
 }
 
-TEST(Handles, ClosedOrForeignOnesAreNoSockets) {
+TEST(Handles, ClosedOrForeignOnesAreNotSockets) {
   Owned s = BoundUdp();
   const SOCKET closed = s;
   s.Close();
@@ -161,7 +161,7 @@ TEST(Handles, ClosedOrForeignOnesAreNoSockets) {
   }
 }
 
-TEST(Handles, OfKindsThatAreNotThereAreNotMade) {
+TEST(Handles, OfUnsupportedKindsAreNotCreated) {
   CHECK_FAILS(socket(99, SOCK_STREAM, 0), INVALID_SOCKET, WSAEAFNOSUPPORT);
   CHECK_FAILS(socket(AF_INET, 99, 0), INVALID_SOCKET, WSAESOCKTNOSUPPORT);
   CHECK_FAILS(socket(AF_INET, SOCK_STREAM, IPPROTO_UDP), INVALID_SOCKET, WSAEPROTONOSUPPORT);

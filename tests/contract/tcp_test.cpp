@@ -18,7 +18,7 @@ void LingerZero(SOCKET s) {
             0);
 }
 
-TEST(Tcp, BlockingConnectMovesBytesBothWays) {
+TEST(Tcp, BlockingConnectCarriesBytesInBothDirections) {
   Owned listener = Listener();
   Owned client = Tcp();
   CHECK_EQ(Connect(client, LocalPort(listener)), 0);
@@ -54,7 +54,7 @@ TEST(Tcp, NamesAreThoseOfTheConnection) {
   CHECK_SOCKET_ERROR(getsockname(client, Raw(name), &size), WSAEFAULT);
 }
 
-TEST(Tcp, NonBlockingConnectSaysWouldBlockThenBecomesWritable) {
+TEST(Tcp, NonBlockingConnectReturnsWouldBlockThenBecomesWritable) {
   Owned listener = Listener();
   Owned client = Tcp();
   SetNonBlocking(client);
@@ -82,7 +82,7 @@ TEST(Tcp, RefusedNonBlockingConnectShowsInTheExceptionSetOnly) {
   CHECK_SOCKET_ERROR(SendText(client, "x"), WSAENOTCONN);
 }
 
-TEST(Tcp, RefusedConnectIsNotSeenByWhoAsksOnlyToWrite) {
+TEST(Tcp, RefusedConnectDoesNotMakeTheSocketWritable) {
   Owned client = Tcp();
   SetNonBlocking(client);
   Connect(client, DeadPort());
@@ -98,7 +98,7 @@ TEST(Tcp, RefusedBlockingConnectIs10061AndCanBeTriedAgain) {
   CHECK_EQ(Connect(client, LocalPort(listener)), 0);
 }
 
-TEST(Tcp, ConnectWantsAWholeAddress) {
+TEST(Tcp, ConnectNeedsACompleteAddress) {
   if (WineDiffers("the address is bound before it is looked at: 10049 for all")) return;
   Owned client = Tcp();
   const sockaddr_in name = Loopback(1);
@@ -196,7 +196,7 @@ TEST(Tcp, NonBlockingCallsSayWouldBlock) {
   CHECK_SOCKET_ERROR(recv(pair.client, &byte, 1, 0), WSAEWOULDBLOCK);
 }
 
-TEST(Tcp, NonBlockingSendStopsWhenTheWayIsFull) {
+TEST(Tcp, NonBlockingSendStopsWhenTheBuffersAreFull) {
   Pair pair = ConnectedPair();
   SetNonBlocking(pair.client);
   const std::string chunk(65536, 'x');
@@ -217,7 +217,7 @@ TEST(Tcp, NonBlockingSendStopsWhenTheWayIsFull) {
   CHECK_TRUE(SelectOne(pair.client, 5000, false, true, false).write);
 }
 
-TEST(Tcp, BlockingSendTakesEverything) {
+TEST(Tcp, BlockingSendAcceptsEverything) {
   Pair pair = ConnectedPair();
   const std::string text(4 << 20, 'y');
   OnThread sender([&] { CHECK_EQ(SendText(pair.client, text), static_cast<int>(text.size())); });
@@ -230,7 +230,7 @@ TEST(Tcp, BlockingSendTakesEverything) {
   CHECK_EQ(got, text.size());
 }
 
-TEST(Tcp, HalfClosedConnectionStillCarriesTheOtherWay) {
+TEST(Tcp, HalfClosedConnectionStillCarriesTheOtherDirection) {
   Pair pair = ConnectedPair();
   CHECK_EQ(SendText(pair.client, "abc"), 3);
   CHECK_EQ(shutdown(pair.client, SD_SEND), 0);
@@ -295,7 +295,7 @@ TEST(Tcp, CloseWithUnreadDataResetsThePeer) {
   CHECK_SOCKET_ERROR(recv(pair.client, &byte, 1, 0), WSAECONNRESET);
 }
 
-TEST(Tcp, PeekLeavesTheDataThere) {
+TEST(Tcp, PeekDoesNotRemoveTheData) {
   Pair pair = ConnectedPair();
   EXPECT_EQ(SendText(pair.client, "abc"), 3);
   EXPECT_TRUE(WaitReadable(pair.server));
@@ -321,7 +321,7 @@ std::string RecvWhole(SOCKET s, size_t size) {
   return text;
 }
 
-TEST(Tcp, UrgentByteComesApartFromTheStream) {
+TEST(Tcp, UrgentByteIsReadSeparatelyFromTheStream) {
   Pair pair = ConnectedPair();
   SetNonBlocking(pair.server);
   CHECK_EQ(RecvText(pair.server, 1, MSG_OOB), "<error 10035>");
@@ -337,7 +337,7 @@ TEST(Tcp, UrgentByteComesApartFromTheStream) {
   CHECK_EQ(RecvWhole(pair.server, 5), "abcde");
 }
 
-TEST(Tcp, UrgentByteAloneIsNothingToRead) {
+TEST(Tcp, AnUrgentByteIsNoOrdinaryDataToRead) {
   Pair pair = ConnectedPair();
   CHECK_EQ(SendUrgent(pair.client, "X"), 1);
   CHECK_TRUE(SelectOne(pair.server, 5000, false, false, true).except);
@@ -347,7 +347,7 @@ TEST(Tcp, UrgentByteAloneIsNothingToRead) {
   CHECK_EQ(RecvText(pair.server), "<error 10035>");
 }
 
-TEST(Tcp, UrgentByteIsPartOfTheStreamWhereThatIsWanted) {
+TEST(Tcp, UrgentByteIsPartOfTheStreamOnRequest) {
   Owned listener = Listener();
   const int on = 1;
   CHECK_EQ(

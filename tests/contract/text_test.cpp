@@ -62,7 +62,7 @@ TEST(Text, LoneSurrogatesBecomeReplacementsOrAnError) {
               0, ERROR_NO_UNICODE_TRANSLATION);
 }
 
-TEST(Text, SizeIsAskedForAndHeldTo) {
+TEST(Text, SizeCanBeQueriedAndIsRespected) {
   CHECK_EQ(WideCharToMultiByte(CP_UTF8, 0, L"\u00e4", -1, nullptr, 0, nullptr, nullptr), 3);
   CHECK_EQ(MultiByteToWideChar(CP_UTF8, 0, "\xc3\xa4", -1, nullptr, 0), 2);
   CHECK_EQ(WideCharToMultiByte(CP_UTF8, 0, L"abc", 2, nullptr, 0, nullptr, nullptr), 2);
@@ -91,7 +91,7 @@ TEST(Text, WrongArgumentsAreRefused) {
               ERROR_INVALID_PARAMETER);
 }
 
-TEST(Text, CodePageKnowsItsOwnCharactersOnly) {
+TEST(Text, CodePageConvertsOnlyItsCharacters) {
   char out[20] = {};
   BOOL used = TRUE;
   CHECK_EQ(WideCharToMultiByte(CP_ACP, 0, L"a\u20ac\u00e4", -1, out, 20, nullptr, &used), 4);

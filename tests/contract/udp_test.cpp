@@ -25,7 +25,7 @@ Received ReceiveFrom(SOCKET s, int most = 4096) {
   return got;
 }
 
-TEST(Udp, TellsWhoSent) {
+TEST(Udp, ReportsTheSender) {
   Owned a = BoundUdp(), b = BoundUdp();
   CHECK_EQ(SendTextTo(a, "hello", LocalPort(b)), 5);
   const Received got = ReceiveFrom(b);
@@ -60,7 +60,7 @@ TEST(Udp, OversizeDatagramFillsTheBufferAndIsAnError) {
   CHECK_EQ(ReceiveFrom(b).text, "next");  // the rest is gone
 }
 
-TEST(Udp, OversizeDatagramStillTellsWhoSent) {
+TEST(Udp, OversizeDatagramStillReportsTheSender) {
   Owned a = BoundUdp(), b = BoundUdp();
   SendTextTo(a, "0123456789", LocalPort(b));
   CHECK_EQ(ReceiveFrom(b, 4).port, LocalPort(a));
@@ -71,7 +71,7 @@ TEST(Udp, DatagramTooLargeToSendIs10040) {
   CHECK_SOCKET_ERROR(SendTextTo(a, std::string(70'000, 'x'), LocalPort(b)), WSAEMSGSIZE);
 }
 
-TEST(Udp, PeekLeavesTheDatagramThere) {
+TEST(Udp, PeekDoesNotRemoveTheDatagram) {
   Owned a = BoundUdp(), b = BoundUdp();
   SendTextTo(a, "abc", LocalPort(b));
   EXPECT_TRUE(WaitReadable(b));
@@ -79,7 +79,7 @@ TEST(Udp, PeekLeavesTheDatagramThere) {
   CHECK_EQ(RecvText(b, 10), "abc");
 }
 
-TEST(Udp, ConnectedSocketHearsItsPeerOnly) {
+TEST(Udp, ConnectedSocketReceivesFromItsPeerOnly) {
   Owned a = BoundUdp(), b = BoundUdp(), stranger = BoundUdp();
   CHECK_EQ(Connect(a, LocalPort(b)), 0);
   CHECK_EQ(SendTextTo(stranger, "no", LocalPort(a)), 2);
@@ -94,7 +94,7 @@ TEST(Udp, ConnectedSocketHearsItsPeerOnly) {
   CHECK_EQ(ntohs(peer.sin_port), LocalPort(b));
 }
 
-TEST(Udp, UnconnectedSocketHasNobodyToSendTo) {
+TEST(Udp, UnconnectedSocketHasNoDestination) {
   Owned a = BoundUdp();
   if (!WineDiffers("send on an unconnected datagram socket is 10022")) {
     CHECK_SOCKET_ERROR(SendText(a, "x"), WSAENOTCONN);
@@ -121,14 +121,14 @@ TEST(Udp, UnreachablePeerShowsAsAResetAtTheNextReceive) {
   CHECK_EQ(ReceiveFrom(b).text, "y");
 }
 
-TEST(Udp, TheUnspecifiedAddressIsNoDestination) {
+TEST(Udp, TheUnspecifiedAddressIsNotADestination) {
   Owned a = BoundUdp();
   const sockaddr_in nobody = Address("0.0.0.0", 9);
   if (WineDiffers("a socket on loopback sends to 0.0.0.0")) return;
   CHECK_SOCKET_ERROR(sendto(a, "x", 1, 0, Raw(nobody), sizeof nobody), WSAEADDRNOTAVAIL);
 }
 
-TEST(Udp, DestinationIsAWholeAddress) {
+TEST(Udp, DestinationNeedsACompleteAddress) {
   Owned a = BoundUdp();
   const sockaddr_in to = Loopback(9);
   CHECK_SOCKET_ERROR(sendto(a, "x", 1, 0, Raw(to), 4), WSAEFAULT);

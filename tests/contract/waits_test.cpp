@@ -102,7 +102,7 @@ TEST(NamedObject, LocalPrefixIsTheDefault) {
   CHECK_NE(static_cast<HANDLE>(local), static_cast<HANDLE>(nullptr));
 }
 
-TEST(Handle, ClosedTwiceIsInvalid) {
+TEST(Handle, CannotBeClosedTwice) {
   HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   CHECK_TRUE(CloseHandle(event));
   CHECK_FAILS(CloseHandle(event), FALSE, ERROR_INVALID_HANDLE);
@@ -131,13 +131,13 @@ TEST(Mutex, IsRecursive) {
   CHECK_FAILS(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
 }
 
-TEST(Mutex, OnlyItsOwnerReleasesIt) {
+TEST(Mutex, OnlyItsOwnerCanReleaseIt) {
   Handle mutex(CreateMutexA(nullptr, TRUE, nullptr));
   OnThread([&] { CHECK_FAILS(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER); });
   CHECK_TRUE(ReleaseMutex(mutex));
 }
 
-TEST(Mutex, OfADeadOwnerGoesToTheNextWaiterAsAbandonedOnce) {
+TEST(Mutex, OfADeadOwnerIsReportedAsAbandonedToOneWaiter) {
   Handle mutex(CreateMutexA(nullptr, FALSE, nullptr));
   OnThread([&] {
     CHECK_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
@@ -177,7 +177,7 @@ TEST(Mutex, KeepsOthersOut) {
   CHECK_EQ(count, 600);
 }
 
-TEST(CriticalSection, IsRecursiveAndKeepsOthersOut) {
+TEST(CriticalSection, IsRecursiveAndExcludesOtherThreads) {
   CRITICAL_SECTION section;
   InitializeCriticalSection(&section);
   EnterCriticalSection(&section);
@@ -215,7 +215,7 @@ DWORD WINAPI WaitForGood(LPVOID parameter) {
   return 1;
 }
 
-TEST(Thread, TellsItsExitCodeWhenItHasEnded) {
+TEST(Thread, HasItsExitCodeAfterItHasEnded) {
   DWORD id = 0;
   Handle thread(CreateThread(nullptr, 0, ReturnSeven, nullptr, 0, &id));
   CHECK_NE(id, 0u);
@@ -227,7 +227,7 @@ TEST(Thread, TellsItsExitCodeWhenItHasEnded) {
   CHECK_EQ(code, 7u);
 }
 
-TEST(Thread, IsEndedFromOutsideWhereverItWaits) {
+TEST(Thread, CanBeTerminatedInAnyWait) {
   for (LPTHREAD_START_ROUTINE body : {SleepForGood, WaitForGood}) {
     Handle running(CreateEventA(nullptr, FALSE, FALSE, nullptr));
     Handle thread(CreateThread(nullptr, 0, body, static_cast<HANDLE>(running), 0, nullptr));
@@ -260,7 +260,7 @@ TEST(Thread, IsFoundByItsIdWhileItRuns) {
   }
 }
 
-TEST(Thread, ThatNeverWasIsAnInvalidParameter) {
+TEST(Thread, WithAnUnknownIdIsAnInvalidParameter) {
   CHECK_FAILS(OpenThread(SYNCHRONIZE, FALSE, 0x7ffffff0), static_cast<HANDLE>(nullptr),
               ERROR_INVALID_PARAMETER);
 }

@@ -40,7 +40,7 @@ class Admission : public sim::ScenarioTest {
   }
 };
 
-SCENARIO_F(Admission, EachKindNeedsItsBitAndPingsNone) {
+SCENARIO_F(Admission, EachKindOfSocketNeedsItsBitExceptForPings) {
   Configure(kTcp);
   EXPECT_TRUE(May(SOCK_STREAM));
   EXPECT_FALSE(May(SOCK_DGRAM));
@@ -61,7 +61,7 @@ SCENARIO_F(Admission, ASocketThatIsShutOutStartsNothing) {
   EXPECT_FALSE(RelayHasStarted());
 }
 
-SCENARIO_F(Admission, ABlockedKindSaysSoAndLeavesTheOthersAlone) {
+SCENARIO_F(Admission, ABlockedKindIsLoggedAndDoesNotAffectTheOthers) {
   Configure(kTcp | kUdp);
   test::LogCapture log(0);
   GetHookFlags().block_tcp = true;
@@ -79,7 +79,7 @@ SCENARIO_F(Admission, ABlockedKindSaysSoAndLeavesTheOthersAlone) {
 }
 
 // Its configuration is all zero, and it measures whatever it is asked to.
-SCENARIO_F(Admission, SpeedTesterMayEverythingEverywhere) {
+SCENARIO_F(Admission, SpeedTesterIsAlwaysAdmitted) {
   Configure(kNeedsAccMode);
   HookFlags& flags = GetHookFlags();
   flags.speed_tester_mode = flags.block_tcp = flags.block_udp = true;
@@ -102,14 +102,14 @@ SCENARIO_F(Admission, TheModesOfTheFirstQuestionStand) {
   EXPECT_FALSE(May(SOCK_DGRAM));
 }
 
-SCENARIO_F(Admission, WithoutAnAccModeNobodyMayWhereOneIsNeeded) {
+SCENARIO_F(Admission, WithoutARequiredAccModeNothingIsAdmitted) {
   Configure(kNeedsAccMode | kTcp | kUdp, 0);
   for (const int type : {SOCK_STREAM, SOCK_DGRAM, SOCK_RAW}) EXPECT_FALSE(May(type)) << type;
   Configure(kNeedsAccMode | kTcp | kUdp, 1);
   EXPECT_FALSE(May(SOCK_STREAM)) << "nor later";
 }
 
-SCENARIO_F(Admission, AQuestionThatIsAnsweredBeforeTheModesDoesNotReadThem) {
+SCENARIO_F(Admission, EarlierChecksDoNotReadTheModes) {
   Configure(kUdp);
   GetHookFlags().block_tcp = true;
   EXPECT_FALSE(May(SOCK_STREAM));
@@ -182,7 +182,7 @@ class AdmissionOfAProcess : public sim::ScenarioTest {
   std::string heard;
 };
 
-SCENARIO_F(AdmissionOfAProcess, WhoseStreamsAreNotRelayedBindsNoPort) {
+SCENARIO_F(AdmissionOfAProcess, WithoutRelayedStreamsBindsNoPort) {
   game.ListAsGame(0, "C:\\logs\\", kUdp);
   Starts();
   const SOCKET s = Connects();
@@ -192,7 +192,7 @@ SCENARIO_F(AdmissionOfAProcess, WhoseStreamsAreNotRelayedBindsNoPort) {
   ExpectServed(s);
 }
 
-SCENARIO_F(AdmissionOfAProcess, ThatMeasuresSpeedIsRelayedWherever) {
+SCENARIO_F(AdmissionOfAProcess, OfTheSpeedTesterIsRelayedToEveryDestination) {
   game.Is(L"D:\\tools\\SpeedTester.exe");
   Starts();
   const SOCKET s = Connects();
@@ -208,7 +208,7 @@ SCENARIO_F(AdmissionOfAProcess, ThatMeasuresSpeedIsRelayedWherever) {
 }
 
 // A relay that cannot start costs one socket its relay; the next one tries again.
-SCENARIO_F(AdmissionOfAProcess, WhoseRelayCannotStartGoesDirect) {
+SCENARIO_F(AdmissionOfAProcess, WithoutARelayGoesDirect) {
   game.Is(L"D:\\tools\\SpeedTester.exe");
   Starts();
   world.FailThreadStart(1);

@@ -65,7 +65,7 @@ void MakeForeignTheBase() {
        MakeEntry(kLspGuid, GameProcess::kOwnId, SOCK_STREAM, 6, {GameProcess::kOwnId})});
 }
 
-SCENARIO(ChainEdges, ABaseStartIsGivenWhatTheCallerGave) {
+SCENARIO(ChainEdges, ABaseStartGetsTheCallersArguments) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
   MakeForeignTheBase();
@@ -97,7 +97,7 @@ SCENARIO(ChainEdges, TheLongestBasePathIsLoaded) {
 // --- this provider's own entries --------------------------------------------------------------
 
 // Down to the last byte.
-SCENARIO(ChainEdges, AnIdentityThatDiffersAtItsEndIsAnothers) {
+SCENARIO(ChainEdges, AGuidThatDiffersAtItsEndDoesNotMatch) {
   GameProcess game;
   GUID almost = kLspGuid;
   almost.Data4[7] = static_cast<unsigned char>(almost.Data4[7] ^ 1);
@@ -172,7 +172,7 @@ SCENARIO(ChainEdges, TheLongestPathOfTheCatalogueIsRead) {
   }
 }
 
-SCENARIO(ChainEdges, AFileThatIsLoadedLeavesNoError) {
+SCENARIO(ChainEdges, ALoadedFileLeavesNoError) {
   GameProcess game;
   LspProvider provider{};
   provider.next_provider.ProviderId = kForeignGuid;
@@ -226,22 +226,22 @@ class MatchEdges : public sim::ScenarioTest {
   std::vector<WSAPROTOCOL_INFOW> catalogue;
 };
 
-SCENARIO_F(MatchEdges, AnEntryOfOursIsMeantThoughAnotherIsOfItsKind) {
+SCENARIO_F(MatchEdges, OurEntryWinsOverOneOfTheSameKind) {
   EXPECT_EQ(Find(catalogue[2]), 2002u);
   EXPECT_EQ(game.traces().back(), "FindMatchingProvider: inInfo is one of the LSPs entry.");
 }
 
-SCENARIO_F(MatchEdges, AChainThatNamesAnEntryOfOursMeansItThoughAnotherIsOfItsKind) {
+SCENARIO_F(MatchEdges, AChainThatNamesOurEntryWinsOverOneOfTheSameKind) {
   EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3000, 2002, 1001})), 2002u);
 }
 
 // The first entry of a chain is the layer's own, and says nothing about the providers below.
-SCENARIO_F(MatchEdges, TheFirstOfAChainIsNotLookedAt) {
+SCENARIO_F(MatchEdges, TheFirstEntryOfAChainIsIgnored) {
   EXPECT_EQ(Find(MakeEntry(kForeignGuid, 3001, SOCK_RAW, 98, {2001, 1001})), 0u);
 }
 
 // The hidden entry ends the search through the chains, whatever else the chain names.
-SCENARIO_F(MatchEdges, TheHiddenEntryHasTheLastWordOnAChain) {
+SCENARIO_F(MatchEdges, TheHiddenEntryDecidesAboutAChain) {
   EXPECT_EQ(
       Find(MakeEntry(kForeignGuid, 3001, SOCK_DGRAM, 17, {3000, GameProcess::kOwnId, 2001, 1001})),
       2003u);
@@ -249,7 +249,7 @@ SCENARIO_F(MatchEdges, TheHiddenEntryHasTheLastWordOnAChain) {
 }
 
 // Family, type and protocol are compared separately.
-SCENARIO_F(MatchEdges, AKindAgreesInEveryPart) {
+SCENARIO_F(MatchEdges, AKindMatchesInEveryField) {
   const auto stream =
       MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3999, GameProcess::kOwnId, 1001});
   EXPECT_EQ(Find(stream), 2001u);
@@ -265,7 +265,7 @@ SCENARIO_F(MatchEdges, AKindAgreesInEveryPart) {
 }
 
 // A layer that stands above us under another number leads nowhere.
-SCENARIO_F(MatchEdges, OnlyTheLayerThatWasAskedForIsSearched) {
+SCENARIO_F(MatchEdges, OnlyTheRequestedLayerIsSearched) {
   catalogue.insert(catalogue.begin(),
                    MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {3500, 2002, 1001}));
   port::SetCatalogue(catalogue);

@@ -82,7 +82,7 @@ SCENARIO(Chain, AStartThatFailsCountsAsTheFirst) {
   EXPECT_TRUE(game.GotBaseTable());
 }
 
-SCENARIO(Chain, AProtocolWithoutASwitchIsHookedAtEachStart) {
+SCENARIO(Chain, AProtocolWithoutAFlagIsHookedAtEachStart) {
   GameProcess game;
   game.ListAsGame();
   auto catalogue = port::Catalogue();
@@ -108,7 +108,7 @@ SCENARIO(Chain, RawEntriesFillTheRawSlot) {
 
 // The table that BSPStartup hands out must not point into an unloaded module, even if no first
 // start holds the module: here the first start has failed.
-SCENARIO(Chain, BaseProviderStaysLoadedBehindItsTable) {
+SCENARIO(Chain, BaseProviderStaysLoadedWhileItsTableIsUsed) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
   EXPECT_EQ(BSPStartup(MAKEWORD(2, 2), &game.data, &info, game.upcalls, &game.table), 0);
@@ -151,7 +151,7 @@ SCENARIO(Chain, BaseStartFailuresAreLoggedAndBecome10106) {
   port::ClearFaults();
 }
 
-SCENARIO(Chain, WithoutABaseEntryBaseStartFailsSilently) {
+SCENARIO(Chain, WithoutABaseEntryBaseStartFailsWithoutALogLine) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
   test::LogCapture log(0);
@@ -175,7 +175,7 @@ SCENARIO(Chain, ABasePathThatGrowsTooLongIsRefusedByTheLoader) {
 
 // --- the next provider --------------------------------------------------------------------------
 
-SCENARIO(Chain, ABaseProviderIsToldOfItsOwnEntry) {
+SCENARIO(Chain, ABaseProviderIsStartedWithItsOwnEntry) {
   GameProcess game;
   game.ListAsGame();
   game.LayerOverForeign();
@@ -191,7 +191,7 @@ SCENARIO(Chain, ABaseProviderIsToldOfItsOwnEntry) {
   EXPECT_EQ(port::LoadCount(test::kForeignPath), 1);
 }
 
-SCENARIO(Chain, ALayerInTheMiddleIsToldOfTheChainThatWasAskedFor) {
+SCENARIO(Chain, ALayerInTheMiddleIsStartedWithTheRequestedChain) {
   GameProcess game;
   game.LayerOverForeign({kForeign, 1001});
   EXPECT_EQ(game.Start(6), 0) << game.AllTraces();
@@ -199,7 +199,7 @@ SCENARIO(Chain, ALayerInTheMiddleIsToldOfTheChainThatWasAskedFor) {
   EXPECT_EQ(Foreign().info.ProtocolChain.ChainLen, 2);
 }
 
-SCENARIO(Chain, AStartThatAnswersMinusOneFails) {
+SCENARIO(Chain, AStartThatReturnsMinusOneFails) {
   GameProcess game;
   game.LayerOverForeign();
   Foreign().result = -1;
@@ -318,7 +318,7 @@ SCENARIO(Chain, ASecondStartLooksForABaseEntryOfItsOwnFamily) {
   EXPECT_EQ(port::LastBaseEntry(), 1001u);
 }
 
-SCENARIO(Chain, NullArgumentsAreRefusedWithAWord) {
+SCENARIO(Chain, NullArgumentsAreRefusedWithATrace) {
   GameProcess game;
   LspProvider provider{};
   LspProvider* list = nullptr;
@@ -333,7 +333,7 @@ SCENARIO(Chain, NullArgumentsAreRefusedWithAWord) {
 
 // --- this provider's own entries ----------------------------------------------------------------
 
-SCENARIO(Chain, TheFirstEntryWithOurIdentityGivesTheIdForGood) {
+SCENARIO(Chain, TheIdIsThatOfTheFirstEntryWithOurGuid) {
   GameProcess game;
   port::SetCatalogue({BaseTcp(), Hidden(), MakeEntry(kLspGuid, 2500, SOCK_STREAM, 6, {})});
   LspProvider* list = nullptr;
@@ -404,7 +404,7 @@ SCENARIO(Match, AnUnknownLayerAboveLeadsNowhere) {
       "FindMatchingProvider: entry belongs to the LSP layered over us and it references our LSP"));
 }
 
-SCENARIO(Match, AnEntryAboveNothingIsNoLayer) {
+SCENARIO(Match, AnEntryAboveNothingIsNotALayer) {
   GameProcess game;
   port::SetCatalogue(
       {BaseTcp(), Hidden(), LayeredTcp(2001, {kOwn}), LayeredTcp(2002, {kOwn, 1001})});
@@ -416,7 +416,7 @@ SCENARIO(Match, AnEntryAboveNothingIsNoLayer) {
   EXPECT_EQ(list[0].layer_provider.dwCatalogEntryId, 2002u);
 }
 
-SCENARIO(Match, AChainThatNamesOurHiddenEntryGoesByTheKindOfSocket) {
+SCENARIO(Match, AChainWithOurHiddenEntryMatchesByTheKindOfSocket) {
   GameProcess game;
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_DGRAM, 17, {kForeign, kOwn, 1002});
   above.dwServiceFlags1 &= ~XP1_IFS_HANDLES;  // the one bit that does not take part
@@ -427,7 +427,7 @@ SCENARIO(Match, AChainThatNamesOurHiddenEntryGoesByTheKindOfSocket) {
   EXPECT_EQ(port::LastBaseEntry(), 1002u);
 }
 
-SCENARIO(Match, FlagsOtherThanTheHandleBitMustAgree) {
+SCENARIO(Match, FlagsOtherThanTheHandleBitMustMatch) {
   GameProcess game;
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_DGRAM, 17, {kForeign, kOwn, 1002});
   above.dwServiceFlags1 ^= XP1_GUARANTEED_ORDER;
@@ -477,7 +477,7 @@ SCENARIO(Match, ACatalogueIndexPastTheListIsNoRecord) {
 
 // A foreign layer that names our hidden entry does not tell which entry is meant. The search by the
 // kind of socket has come before, and if that found nothing, none is chosen.
-SCENARIO(Match, TheHiddenEntryAloneDoesNotEndTheCatalogueSearch) {
+SCENARIO(Match, TheHiddenEntryDoesNotEndTheCatalogueSearch) {
   GameProcess game;
   auto above = MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {kForeign, kOwn, 1001});
   port::SetCatalogue({above, BaseTcp(), Hidden(), LayeredTcp(2002, {kOwn, 1001}),
@@ -495,7 +495,7 @@ SCENARIO(Match, TheHiddenEntryAloneDoesNotEndTheCatalogueSearch) {
 
 // So the search through the catalogue never compares kinds: an entry of the right kind is found
 // before.
-SCENARIO(Match, AKindThatAgreesIsFoundBeforeTheCatalogueIsSearched) {
+SCENARIO(Match, AMatchingKindIsFoundBeforeTheCatalogueIsSearched) {
   GameProcess game;
   auto own = LayeredTcp(2002, {kOwn, 1001});
   own.dwServiceFlags1 |= 0x400;
@@ -524,7 +524,7 @@ SCENARIO(Match, AnUnreadableCatalogueEndsTheSearch) {
   EXPECT_TRUE(game.Traced("FindMatchingProvider: GetProtocols failed!\n"));
 }
 
-SCENARIO(Match, NothingOfOursInTheCatalogueIsNoRecord) {
+SCENARIO(Match, WithoutOurEntriesInTheCatalogueThereIsNoRecord) {
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
   port::SetCatalogue(port::BaseEntries());

@@ -135,7 +135,7 @@ SCENARIO(RegionFaults, ObjectThatCannotBeMadeOpensAsNull) {
   }
 }
 
-SCENARIO(RegionFaults, ViewThatFailsOnceIsThereTheNextTime) {
+SCENARIO(RegionFaults, AViewThatFailsOnceIsMappedTheNextTime) {
   common::Shared_mem_obj object(RegionName(), 64, MutexName(), false);
   port::FailCall("MapViewOfFile", 1, ERROR_NOT_ENOUGH_MEMORY);
   EXPECT_EQ(object.Open(common::kOpenForReading, true), nullptr);
@@ -215,7 +215,7 @@ SCENARIO_F(ListedGame, ReadingSurvivesEveryFailure) {
 }
 
 // A client program that is ended in the middle of a write must not break the game's start.
-SCENARIO_F(ListedGame, ClientThatDiesWithTheMutexDoesNotHoldUpTheGame) {
+SCENARIO_F(ListedGame, ClientThatDiesWithTheMutexDoesNotDelayTheGame) {
   sim::Process& client = world.SpawnOn(world.home().host, "client", [] {
     common::NamedMutex(kRestrictionMutexName).lock();
     Sleep(INFINITE);

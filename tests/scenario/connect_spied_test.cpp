@@ -116,7 +116,7 @@ class ConnectSpied : public TcpWorld {
 
 // Its sockets go through the same entries and have records of their own. If they were relayed too,
 // the relay would wait for itself.
-SCENARIO_F(ConnectSpied, TheWorkersOwnConnectsGoWhereItSays) {
+SCENARIO_F(ConnectSpied, TheWorkersOwnConnectsAreNotRedirected) {
   for (const auto& [server, far] : {std::pair(kDirect, std::string("198.51.100.11:27015")),
                                     std::pair(kServer, std::string("198.51.100.20:7001"))}) {
     seen.clear();
@@ -172,7 +172,7 @@ SCENARIO_F(ConnectSpied, AConnectThatIsNotRedirectedKeepsTheCallersLength) {
   }
 }
 
-SCENARIO_F(ConnectSpied, ConnectExHasTheLengthOfWhatItNames) {
+SCENARIO_F(ConnectSpied, ConnectExPassesTheLengthOfItsAddress) {
   for (const int size : {16, 28, 128}) {
     seen.clear();
     const SOCKET relayed = Tcp();
@@ -200,7 +200,7 @@ SCENARIO_F(ConnectSpied, ConnectExHasTheLengthOfWhatItNames) {
 
 // It serves streams only. A datagram socket with a stream's relay would be connected to a port that
 // receives no datagrams.
-SCENARIO_F(ConnectSpied, ConnectExLeavesDatagramsAlone) {
+SCENARIO_F(ConnectSpied, ConnectExDoesNotAffectDatagrams) {
   const SOCKET s = Udp();
   WSPPROC_TABLE* const next = GetDowncallTable(kProtocolUdp, nullptr);
   real_ioctl = next->lpWSPIoctl;
@@ -221,7 +221,7 @@ SCENARIO_F(ConnectSpied, ConnectExLeavesDatagramsAlone) {
 }
 
 // Nor does it make a raw socket one whose pings are answered here.
-SCENARIO_F(ConnectSpied, ConnectExLeavesRawSocketsAlone) {
+SCENARIO_F(ConnectSpied, ConnectExDoesNotAffectRawSockets) {
   const SOCKET s = Ping();
   EXPECT_EQ(ConnectsExWith(s, kServer, 16), FALSE);
   ASSERT_EQ(seen.size(), 1u);
@@ -236,7 +236,7 @@ SCENARIO_F(ConnectSpied, ConnectExLeavesRawSocketsAlone) {
 
 // --- what is logged -------------------------------------------------------------------------
 
-SCENARIO_F(ConnectSpied, ARelayedConnectIsToldAtTheLevelsOfItsEvents) {
+SCENARIO_F(ConnectSpied, ARelayedConnectIsLoggedAtTheLevelsOfItsEvents) {
   const SOCKET s = Joins();
   const SocketRecord record = RecordOf(s);
   const std::string tail =
@@ -252,7 +252,7 @@ SCENARIO_F(ConnectSpied, ARelayedConnectIsToldAtTheLevelsOfItsEvents) {
   closesocket(s);
 }
 
-SCENARIO_F(ConnectSpied, ARelayedConnectExIsToldAtTheLevelsOfItsEvents) {
+SCENARIO_F(ConnectSpied, ARelayedConnectExIsLoggedAtTheLevelsOfItsEvents) {
   const SOCKET s = Tcp();
   EXPECT_EQ(ConnectsExWith(s, kServer, 16), FALSE);
   const SocketRecord record = RecordOf(s);
@@ -269,7 +269,7 @@ SCENARIO_F(ConnectSpied, ARelayedConnectExIsToldAtTheLevelsOfItsEvents) {
 }
 
 // The policy is asked about the socket by its own kind, value and token.
-SCENARIO_F(ConnectSpied, TheAnswerOfThePolicyNamesTheSocketThatAsked) {
+SCENARIO_F(ConnectSpied, TheLineOfThePolicyNamesTheSocket) {
   for (const auto& [server, answer] : {std::pair(kServer, "true"), std::pair(kUnlisted, "false")}) {
     const SOCKET s = Tcp();
     const test::LogCapture log(0);

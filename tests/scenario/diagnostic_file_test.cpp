@@ -82,7 +82,7 @@ SCENARIO_F(DiagnosticFile, DoesNothingAtTheNextLevel) {
   EXPECT_FALSE(GetHookFlags().block_udp);
 }
 
-SCENARIO_F(DiagnosticFile, ThatIsNotThereKeepsNothingOut) { ExpectRelayed(true, 0); }
+SCENARIO_F(DiagnosticFile, ThatIsMissingBlocksNothing) { ExpectRelayed(true, 0); }
 
 // Every hooked start of a protocol reads it, even if the first start was for another protocol.
 SCENARIO_F(DiagnosticFile, IsReadAgainAtTheNextProtocol) {

@@ -66,7 +66,7 @@ class Extensions : public TcpWorld {
   std::unique_ptr<test::LogCapture> log_;
 };
 
-SCENARIO_F(Extensions, AConnectExFetchedOnceCarriesAllConnections) {
+SCENARIO_F(Extensions, AConnectExLookedUpOnceServesAllConnections) {
   const SOCKET first = Tcp();
   const LPFN_CONNECTEX connect_ex = Query(first, WSAID_CONNECTEX).function;
   EXPECT_EQ(connect_ex, &WSPConnectEx);
@@ -87,7 +87,7 @@ SCENARIO_F(Extensions, AConnectExFetchedOnceCarriesAllConnections) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(Extensions, WhatIsNotForTheRelayGoesDirectThroughTheSamePointer) {
+SCENARIO_F(Extensions, UnrelayedConnectionsAreDirectThroughTheSamePointer) {
   const SOCKET s = Tcp();
   int error = 0;
   EXPECT_EQ(ConnectsWith(Query(s, WSAID_CONNECTEX).function, s, kUnlisted, &error), FALSE);
@@ -98,7 +98,7 @@ SCENARIO_F(Extensions, WhatIsNotForTheRelayGoesDirectThroughTheSamePointer) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(Extensions, AConnectExThatIsPendingLooksTrue) {
+SCENARIO_F(Extensions, APendingConnectExReturnsTrue) {
   const SOCKET s = Tcp();
   port::FailCall("ConnectEx", 1, WSA_IO_PENDING);
   int error = 0;
@@ -109,7 +109,7 @@ SCENARIO_F(Extensions, AConnectExThatIsPendingLooksTrue) {
 }
 
 // The session that was asked for waits for ever, which does no harm.
-SCENARIO_F(Extensions, AMissingConnectExFailsAndHarmsNobody) {
+SCENARIO_F(Extensions, AMissingConnectExFailsWithoutOtherEffects) {
   const SOCKET s = Tcp();
   const LPFN_CONNECTEX connect_ex = Query(s, WSAID_CONNECTEX).function;
   port::FailCall("WSPIoctl", 1, WSAEOPNOTSUPP);
@@ -135,7 +135,7 @@ SCENARIO_F(Extensions, TheFailureOfTheNextProviderIsHandedOnWithOurPointer) {
   EXPECT_TRUE(Said(std::string(kRecognised) + "ConnectEx\n"));
 }
 
-SCENARIO_F(Extensions, AnUnknownFunctionIsLeftToTheNextProvider) {
+SCENARIO_F(Extensions, AnUnknownFunctionComesFromTheNextProvider) {
   ReadAlong();
   const Answer answer = Query(Tcp(), GUID{1, 2, 3, {4}});
   EXPECT_EQ(answer.result, SOCKET_ERROR);
@@ -144,7 +144,7 @@ SCENARIO_F(Extensions, AnUnknownFunctionIsLeftToTheNextProvider) {
   EXPECT_TRUE(Said(std::string(kRecognised) + "unknown\n"));
 }
 
-SCENARIO_F(Extensions, AnIdentityOfAnotherLengthIsNotLookedAt) {
+SCENARIO_F(Extensions, AGuidOfAnotherLengthIsIgnored) {
   ReadAlong();
   const SOCKET s = Tcp();
   EXPECT_EQ(Query(s, WSAID_CONNECTEX, 12).function, nullptr);
@@ -154,7 +154,7 @@ SCENARIO_F(Extensions, AnIdentityOfAnotherLengthIsNotLookedAt) {
 }
 
 // A caller may use one buffer for both; by the time that it is looked at, the answer is in it.
-SCENARIO_F(Extensions, OneBufferForQuestionAndAnswerKeepsTheRealFunction) {
+SCENARIO_F(Extensions, OneBufferForInputAndOutputKeepsTheRealFunction) {
   const SOCKET s = Tcp();
   GUID buffer = WSAID_CONNECTEX;
   DWORD bytes = 0;
@@ -168,7 +168,7 @@ SCENARIO_F(Extensions, OneBufferForQuestionAndAnswerKeepsTheRealFunction) {
   EXPECT_NE(function, &WSPConnectEx);
 }
 
-SCENARIO_F(Extensions, NullBuffersGetThePlatformsAnswer) {
+SCENARIO_F(Extensions, NullBuffersGetThePlatformsError) {
   const SOCKET s = Tcp();
   GUID id = WSAID_CONNECTEX;
   DWORD bytes = 0;
@@ -182,7 +182,7 @@ SCENARIO_F(Extensions, NullBuffersGetThePlatformsAnswer) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(Extensions, EveryOtherCodePassesSilently) {
+SCENARIO_F(Extensions, EveryOtherCodeIsPassedOnWithoutALogLine) {
   ReadAlong();
   const SOCKET s = Tcp();
   NonBlocking(s);
@@ -203,7 +203,7 @@ SOCKET WSPAPI AcceptAndAsk(SOCKET s, sockaddr* name, LPINT size, LPCONDITIONPROC
   return port::BaseProviderTable().lpWSPAccept(s, name, size, condition, data, error);
 }
 
-SCENARIO_F(Extensions, TheRelaysWorkerGetsThePlatformsOwn) {
+SCENARIO_F(Extensions, TheRelaysWorkerGetsThePlatformsFunction) {
   const SOCKET first = Tcp();
   Answer answer;
   worker_answer = &answer;
@@ -246,7 +246,7 @@ SCENARIO_F(FirstCall, OfASocketMayBeAnIoctlWhichStartsTheRelay) {
   EXPECT_EQ(Query(s, WSAID_CONNECTEX).function, &WSPConnectEx);
 }
 
-SCENARIO_F(FirstCall, WhereStreamsAreNotForTheRelayGetsThePlatformsOwn) {
+SCENARIO_F(FirstCall, WithoutRelayedStreamsGetsThePlatformsFunction) {
   Start(0x10);
   const Answer answer = Query(s, WSAID_CONNECTEX);
   EXPECT_EQ(answer.result, 0);
@@ -255,7 +255,7 @@ SCENARIO_F(FirstCall, WhereStreamsAreNotForTheRelayGetsThePlatformsOwn) {
   EXPECT_FALSE(log->Contains(kRecognised));
 }
 
-SCENARIO_F(FirstCall, WhereTheRelayCannotStartGetsThePlatformsOwnForGood) {
+SCENARIO_F(FirstCall, WithoutARelayAlwaysGetsThePlatformsFunction) {
   Start(0x18);
   world.FailThreadStart(1);
   EXPECT_NE(Query(s, WSAID_CONNECTEX).function, &WSPConnectEx);

@@ -1,5 +1,5 @@
-// One process on a machine where this provider is installed: its name, whether the client lists it,
-// and what the catalogue contains. Everything process-wide in the product starts fresh, because
+// A process on a machine where this provider is installed: its name, whether the client program
+// lists it, and the contents of the catalogue. The product's process-wide state is fresh, because
 // each scenario runs in a process of its own.
 #pragma once
 #include <winsock2.h>
@@ -17,8 +17,8 @@
 
 namespace test {
 
-// Our layered entries have an identity of their own, as installers give them; only the hidden
-// entry bears the provider's.
+// Our layered entries have a GUID of their own, as installers assign them; only the hidden entry
+// has the provider's GUID.
 inline constexpr GUID kLayerGuid = {
     0x6a1d0c52, 0x7e35, 0x4f18, {0x8b, 0x02, 0x11, 0x21, 0x31, 0x41, 0x51, 0x61}};
 // A third-party provider.
@@ -26,10 +26,10 @@ inline constexpr GUID kForeignGuid = {
     0x0b1f6f7e, 0x53c1, 0x4f0e, {0x9a, 0x01, 0x10, 0x20, 0x30, 0x40, 0x50, 0x60}};
 inline constexpr wchar_t kForeignPath[] = L"C:\\foreign\\layer.dll";
 
-// What the foreign provider does when it is started, and what it was started with.
+// What the third-party provider does when it is started, and what it was started with.
 struct ForeignProvider {
   int result = 0;
-  WSPPROC_TABLE table{};  // the base provider's, until a test changes it
+  WSPPROC_TABLE table{};  // the base provider's, unless a test changes it
   DWORD start_takes_ms = 0;
   int starts = 0;
   WORD version = 0;
@@ -38,8 +38,8 @@ struct ForeignProvider {
 };
 ForeignProvider& Foreign();
 
-// For tests without a GameProcess: the library's own sockets come from a provider that takes five
-// seconds to start.
+// For tests without a GameProcess: gives the library a provider that takes five seconds to start,
+// for its own sockets.
 void UseSlowProvider();
 
 // A catalogue entry of our own, layered above the entries of `chain`.
@@ -48,40 +48,42 @@ WSAPROTOCOL_INFOW LayeredTcp(DWORD id, const std::vector<DWORD>& chain);
 class GameProcess {
  public:
   static constexpr DWORD kPid = 4321;
-  static constexpr DWORD kOwnId = 2000;  // the hidden entry; the layered ones follow it
+  static constexpr DWORD kOwnId = 2000;  // of the hidden entry; the layered ones follow
   static constexpr DWORD kForeignId = 3000;
 
-  // C:\Games\Dawn\dawn.exe over a catalogue with this provider above the three base entries.
+  // C:\Games\Dawn\dawn.exe, with a catalogue in which this provider is above the three base
+  // entries.
   GameProcess();
   ~GameProcess();
   GameProcess(const GameProcess&) = delete;
   GameProcess& operator=(const GameProcess&) = delete;
 
   void Is(const std::wstring& path, const std::string& command_line = "");
-  // The client lists this process; its log goes to C:\logs.
+  // The client program lists this process; its log is written to C:\logs.
   void ListAsGame(common::u32 log_level = 0, const std::string& log_path = "C:\\logs\\",
                   common::u32 net_mode = 0x18);
-  // The client asks for these mendings, bits of MendingRecord; before the game's first start.
+  // The client program requests these mendings, bits of MendingRecord. Call it before the first
+  // start.
   void IsMended(common::u32 bits);
-  // Changes what the client lists it with; before its first start.
+  // Changes its record in the client program's list. Call it before the first start.
   void Configures(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change);
-  // Has Winsock start the provider by itself, at the first socket of each protocol.
+  // Lets Winsock start the provider, at the first socket of each protocol.
   void IsStartedBySockets();
-  // Puts the foreign provider's TCP entry below ours, in place of the base provider's.
+  // Puts the third-party provider's TCP entry below ours, instead of the base provider's.
   void LayerOverForeign(const std::vector<DWORD>& foreign_chain = {});
 
-  // The catalogue's first entry for that protocol that stands above another.
+  // The first layered entry of the catalogue for that protocol.
   WSAPROTOCOL_INFOW Layered(int protocol) const;
-  // Starts it as Winsock does, into `table` and `data`.
+  // Starts the provider as Winsock does, and fills `table` and `data`.
   int Start(int protocol);
   int Start(WSAPROTOCOL_INFOW* info);
 
-  // Which table the last start handed out.
+  // Whether the last start returned the hooked table.
   bool GotHookedTable() const;
   bool GotBaseTable() const;
   bool GotEmptyTable() const;
 
-  // Traces so far, without their prefix and line end.
+  // The traces so far, without prefix and line end.
   const std::vector<std::string>& traces() const { return traces_; }
   int TraceCount(const std::string& text) const;
   bool Traced(const std::string& text) const { return TraceCount(text) > 0; }

@@ -29,7 +29,7 @@ bool Exists(const char* mutex) {
   return true;
 }
 
-SCENARIO(Gate, AProcessThatDoesNotWantToBeHookedLeavesNoMark) {
+SCENARIO(Gate, AProcessThatIsNotHookedLeavesNoTrace) {
   port::SetProcess(L"C:\\a.exe", "", 77);
   EXPECT_FALSE(CheckCanHook(false));
   EXPECT_FALSE(Exists("{BA3793BB-FB18-40DF-8C89-FA7C0159FADC}_single_mutex_77"));
@@ -40,7 +40,7 @@ SCENARIO(Gate, AProcessThatDoesNotWantToBeHookedLeavesNoMark) {
   EXPECT_FALSE(CheckCanHook(false));
 }
 
-SCENARIO(Gate, OneCopyOwnsAtATime) {
+SCENARIO(Gate, OneCopyOwnsTheGateAtATime) {
   SingleInstanceLock first("gate", "gate_lock");
   EXPECT_TRUE(first.owns());
   {
@@ -54,7 +54,7 @@ SCENARIO(Gate, OneCopyOwnsAtATime) {
   EXPECT_TRUE(third.owns());
 }
 
-SCENARIO(Gate, TheMutexBelongsToWhoTookIt) {
+SCENARIO(Gate, TheMutexBelongsToItsCreator) {
   const SingleInstanceLock first("gate", "gate_lock");
   test::RunThread([] {
     const HANDLE gate = OpenMutexA(SYNCHRONIZE, FALSE, "gate");
@@ -64,7 +64,7 @@ SCENARIO(Gate, TheMutexBelongsToWhoTookIt) {
   });
 }
 
-SCENARIO_SEEDS(Gate, OfManyAtOnceExactlyOneOwns, 20) {
+SCENARIO_SEEDS(Gate, OfManyCopiesAtOnceExactlyOneOwnsTheGate, 20) {
   SingleInstanceLock copies[8];
   test::RunThreads(8, [&](int i) { copies[i] = SingleInstanceLock("gate", "gate_lock"); });
   int owners = 0;
@@ -148,7 +148,7 @@ SCENARIO(BlockConfig, AFileThatIsMissingBlocksNothing) {
   EXPECT_TRUE(log.Contains(test::BlockRead("false", "false")));
 }
 
-SCENARIO(BlockConfig, WithoutALogPathTheFileLiesAtTheRootOfTheDrive) {
+SCENARIO(BlockConfig, WithoutALogPathTheFileIsInTheRootOfTheDrive) {
   WriteIni(L"\\vyr_lsp.ini", "[LSP]\r\nTCP=false\r\n");
   Configure(0, "");
   test::LogCapture log(0);

@@ -166,7 +166,7 @@ class LifeOfAProcess : public sim::ScenarioTest {
 };
 
 // Other processes find every mutex free, and the nodes notice the end.
-SCENARIO_F_SEEDS(LifeOfAProcess, ItsEndLeavesNoMutexTaken, SwarmSeeds(60)) {
+SCENARIO_F_SEEDS(LifeOfAProcess, ItsEndReleasesEveryMutex, SwarmSeeds(60)) {
   sim::Process& process = world.AddProcess(world.host("home"), "victim");
   const char* const threads[] = {"victim/main", "victim/thread1", "victim/thread2"};
   VictimGame* game = nullptr;

@@ -1,5 +1,5 @@
-// A game with streams and datagrams in a process that may end Winsock, or lose one of our threads,
-// at any time, and checks of what is left in it then.
+// A game with streams and datagrams, in a process that may end Winsock or lose one of our threads
+// at any time, with checks of what remains in the process.
 #pragma once
 #include "tests/scenario/tcp_world.h"
 //
@@ -18,7 +18,7 @@ namespace life_test {
 
 using namespace tcp_test;  // NOLINT: the verbs of these tests
 
-// The first threads that the game's process makes by CreateThread.
+// The first threads that the game's process creates with CreateThread.
 inline constexpr char kWorker[] = "home/thread1";
 inline constexpr char kSyncThread[] = "home/thread2";
 
@@ -34,7 +34,7 @@ class LifeWorld : public TcpWorld {
     WSADATA data = {};
     EXPECT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
   }
-  // The milliseconds that it took.
+  // Returns how many milliseconds it took.
   static common::u32 EndsWinsock() {
     const common::u32 start = GetTickCount();
     EXPECT_EQ(WSACleanup(), 0);
@@ -53,7 +53,7 @@ class LifeWorld : public TcpWorld {
     EXPECT_STREQ(inet_ntoa(from.sin_addr), server);
     return heard_->empty() ? "" : heard_->back();
   }
-  // A new connection works, and goes that way ("A", "game").
+  // Expects that a new connection works and goes that way ("A", "game").
   void ExpectConnects(const char* way) {
     const SOCKET s = Joins();
     ASSERT_NE(s, INVALID_SOCKET) << WSAGetLastError();
@@ -69,7 +69,7 @@ class LifeWorld : public TcpWorld {
 
   // --- what is left ---
   size_t Sockets() { return world.sockets().CountOf(world.home()); }
-  // Those that the process made by CreateThread: ours.
+  // The threads that the process created with CreateThread, which are ours.
   std::vector<std::string> ThreadsOfOurs() {
     std::vector<std::string> found;
     for (const auto& thread : world.scheduler().threads()) {
@@ -101,7 +101,7 @@ class LifeWorld : public TcpWorld {
     });
   }
 
-  // Its writers may outlive the test's body.
+  // Shared, because its writers may outlive the test's body.
   const std::shared_ptr<std::vector<std::string>> heard_ =
       std::make_shared<std::vector<std::string>>();
   int datagrams_ = 0;

@@ -39,7 +39,7 @@ class NodeAnswer : public NodeWorld {
   node::SimNode node{world, node_host};
 };
 
-SCENARIO_F(NodeAnswer, ComesWhenTheServerIsConnected) {
+SCENARIO_F(NodeAnswer, IsSentWhenTheServerIsConnected) {
   StartEchoServer();
   const Heard heard = AsksAndListens(1000);
   EXPECT_EQ(Summary(heard.bytes), "result 0, version 3, 41 bytes");
@@ -60,7 +60,7 @@ SCENARIO_F(NodeAnswer, NamesTheClientAndTheNode) {
   EXPECT_EQ(Big16(answer, 29), 3001u);  // last_node
 }
 
-SCENARIO_F(NodeAnswer, EventsTellTheWholeRequest) {
+SCENARIO_F(NodeAnswer, EventsContainTheWholeRequest) {
   StartEchoServer();
   for (const int version : {1, 2, 3}) {
     const std::string answer = AsksAndListens(200, version).bytes;
@@ -77,7 +77,7 @@ SCENARIO_F(NodeAnswer, EventsTellTheWholeRequest) {
   }
 }
 
-SCENARIO_F(NodeAnswer, TakesTheFormOfItsVersion) {
+SCENARIO_F(NodeAnswer, HasTheFormOfItsVersion) {
   StartEchoServer();
   const struct {
     int version;
@@ -126,7 +126,7 @@ SCENARIO_F(NodeAnswer, MayComeInPieces) {
   EXPECT_EQ(heard.last_ms, 40u + 40 * 50);
 }
 
-SCENARIO_F(NodeAnswer, MayNeverCome) {
+SCENARIO_F(NodeAnswer, CanBeWithheld) {
   StartEchoServer();
   node.StopsAnswering();
   const Heard heard = AsksAndListens(30'000);
@@ -148,7 +148,7 @@ SCENARIO_F(NodeAnswer, MayBeGarbage) {
   EXPECT_EQ(node.Count("connected"), 0u);
 }
 
-SCENARIO_F(NodeAnswer, ThatRefusesIsTheLastWord) {
+SCENARIO_F(NodeAnswer, ThatRefusesEndsTheConnection) {
   StartEchoServer();
   node.AnswersWith(9);
   const Heard heard = AsksAndListens(1000);
@@ -160,7 +160,7 @@ SCENARIO_F(NodeAnswer, ThatRefusesIsTheLastWord) {
   EXPECT_EQ(node.Last("closed").Text("reason"), "refused");
 }
 
-SCENARIO_F(NodeAnswer, SaysThatTheServerRefused) {
+SCENARIO_F(NodeAnswer, ReportsThatTheServerRefused) {
   EXPECT_EQ(Summary(AsksAndListens(1000).bytes), "result 1, version 3, 41 bytes");
   EXPECT_EQ(node.Last("server_failed").Number("error"), static_cast<unsigned>(WSAECONNREFUSED));
   node.behaviour().refused_result = 77;
@@ -177,7 +177,7 @@ SCENARIO_F(NodeAnswer, ActsAsIfTheServerRefused) {
   EXPECT_EQ(Summary(AsksAndListens(1000).bytes), "result 1, version 3, 41 bytes");
 }
 
-SCENARIO_F(NodeAnswer, GivesASilentServerFourSeconds) {
+SCENARIO_F(NodeAnswer, WaitsFourSecondsForASilentServer) {
   world.Partition(node_host, server_host);
   const Heard heard = AsksAndListens(10'000);
   EXPECT_EQ(Summary(heard.bytes), "result 1, version 3, 41 bytes");
@@ -185,7 +185,7 @@ SCENARIO_F(NodeAnswer, GivesASilentServerFourSeconds) {
   EXPECT_EQ(node.Last("server_failed").Number("error"), static_cast<unsigned>(WSAETIMEDOUT));
 }
 
-SCENARIO_F(NodeAnswer, NeverComesWhenTheServerHangs) {
+SCENARIO_F(NodeAnswer, IsMissingIfTheServerHangs) {
   StartEchoServer();
   node.behaviour().server = Behaviour::kHang;
   const Heard heard = AsksAndListens(30'000);
@@ -194,7 +194,7 @@ SCENARIO_F(NodeAnswer, NeverComesWhenTheServerHangs) {
   EXPECT_EQ(node.Last("closed").Text("reason"), "the client left before it had its answer");
 }
 
-SCENARIO_F(NodeAnswer, AtOnceDoesNotWaitForTheServer) {
+SCENARIO_F(NodeAnswer, CanBeSentBeforeTheServerIsConnected) {
   node.behaviour().answer_when = Behaviour::kAtOnce;
   const Heard heard = AsksAndListens(1000);
   EXPECT_EQ(heard.first_ms, 20u);
@@ -219,7 +219,7 @@ SCENARIO_F(NodeAnswer, MayBeAnEnd) {
   }
 }
 
-SCENARIO_F(NodeAnswer, MayBeAnEndWithoutARequest) {
+SCENARIO_F(NodeAnswer, CanBeAnEndWithoutARequest) {
   node.behaviour().on_accept = Behaviour::kClose;
   std::string heard = "nothing";
   OnClient([&] { heard = Received(Joins()); });
@@ -230,7 +230,7 @@ SCENARIO_F(NodeAnswer, MayBeAnEndWithoutARequest) {
   EXPECT_EQ(node.Count("request"), 0u);
 }
 
-SCENARIO_F(NodeAnswer, TokensCountUnlessTold) {
+SCENARIO_F(NodeAnswer, TokensIncreaseUnlessOneIsSet) {
   StartEchoServer();
   for (const unsigned token : {1u, 2u, 3u}) EXPECT_EQ(Big32(AsksAndListens(200).bytes, 11), token);
   node.behaviour().token = 0xFFFFFFFF;

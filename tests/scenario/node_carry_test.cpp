@@ -11,7 +11,7 @@ class NodeCarry : public NodeWorld {
   node::SimNode node{world, node_host};
 };
 
-SCENARIO_F(NodeCarry, BothWaysByteForByte) {
+SCENARIO_F(NodeCarry, BothDirectionsByteForByte) {
   StartEchoServer();
   const std::string sent = Pattern(300'000);
   std::string received;
@@ -63,7 +63,7 @@ SCENARIO_F(NodeCarry, TheServerMayEndFirst) {
   EXPECT_EQ(at_server, Pattern(100'000));
 }
 
-SCENARIO_F(NodeCarry, AResetGoesThroughToTheClient) {
+SCENARIO_F(NodeCarry, AResetIsPassedOnToTheClient) {
   std::string received;
   OnServer([] {
     const SOCKET s = AcceptFrom(ListenAt(kServerPort));
@@ -82,7 +82,7 @@ SCENARIO_F(NodeCarry, AResetGoesThroughToTheClient) {
   EXPECT_EQ(node.Last("closed").Text("reason"), "server error 10054");
 }
 
-SCENARIO_F(NodeCarry, AResetGoesThroughToTheServer) {
+SCENARIO_F(NodeCarry, AResetIsPassedOnToTheServer) {
   std::string received;
   OnServer([&] { received = Received(AcceptFrom(ListenAt(kServerPort))); });
   OnClient([&] {
@@ -191,7 +191,7 @@ SCENARIO_F(NodeCarry, ResetsAtOnceAfterNoBytes) {
   EXPECT_EQ(received.substr(received.size() - 11), "error 10054");
 }
 
-SCENARIO_F(NodeCarry, StandsStillWhileItIsFrozen) {
+SCENARIO_F(NodeCarry, StopsWhileItIsFrozen) {
   StartEchoServer();
   DWORD waited_ms = 0;
   OnClient([&] {

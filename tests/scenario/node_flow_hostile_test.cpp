@@ -10,7 +10,7 @@ using node::Behaviour;
 
 class NodeFlowHostile : public NodeFlowRun {};
 
-SCENARIO_F(NodeFlowHostile, RequestsAreMetAsTold) {
+SCENARIO_F(NodeFlowHostile, RequestsAreHandledAsConfigured) {
   const struct {
     std::int64_t Behaviour::*what;
     std::int64_t value;
@@ -60,7 +60,7 @@ SCENARIO_F(NodeFlowHostile, ARefusedRequestOpensNothing) {
   EXPECT_TRUE(heard.empty());
 }
 
-SCENARIO_F(NodeFlowHostile, SaysAnyProviderMaskAndToken) {
+SCENARIO_F(NodeFlowHostile, AnswersWithAnyProviderMaskAndToken) {
   node.ServesIsps(0x80000001);
   node.behaviour().token = 0xDEADBEEF;
   ASSERT_TRUE(Runs([&] {
@@ -105,7 +105,7 @@ SCENARIO_F(NodeFlowHostile, AnswersMoreThanOnce) {
 }
 
 // How the client sees the flow with each of these behaviours.
-SCENARIO_F(NodeFlowHostile, DatagramsAreMadeAsTold) {
+SCENARIO_F(NodeFlowHostile, DatagramsAreBuiltAsConfigured) {
   const auto carried = [&](std::int64_t Behaviour::*what, std::int64_t value) {
     node.Behaves();
     RawFlow flow;
@@ -146,7 +146,7 @@ SCENARIO_F(NodeFlowHostile, DatagramsAreMadeAsTold) {
   EXPECT_EQ(heard.size(), 10u);
 }
 
-SCENARIO_F(NodeFlowHostile, DataComesFromAPortThatNobodyKnows) {
+SCENARIO_F(NodeFlowHostile, DataComesFromAnUnknownPort) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
     ASSERT_TRUE(flow.Opens());
@@ -156,7 +156,7 @@ SCENARIO_F(NodeFlowHostile, DataComesFromAPortThatNobodyKnows) {
   }));
 }
 
-SCENARIO_F(NodeFlowHostile, SendsWhatNobodyAskedFor) {
+SCENARIO_F(NodeFlowHostile, SendsUnsolicitedData) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
     ASSERT_TRUE(flow.Opens());

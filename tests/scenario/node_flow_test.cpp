@@ -8,7 +8,7 @@ using node::Behaviour;
 
 class NodeFlow : public NodeFlowRun {};
 
-SCENARIO_F(NodeFlow, CarriesBothWaysWithNumbersAndSources) {
+SCENARIO_F(NodeFlow, CarriesBothDirectionsWithNumbersAndSources) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
     ASSERT_TRUE(flow.Opens());
@@ -53,7 +53,7 @@ SCENARIO_F(NodeFlow, CarriesDatagramsOfEverySize) {
   }));
 }
 
-SCENARIO_F(NodeFlow, EachDatagramGoesWhereItSays) {
+SCENARIO_F(NodeFlow, EachDatagramGoesToItsOwnDestination) {
   StartEcho(27016);
   sim::Host& other = world.AddHost("other", {"203.0.113.10"});
   world.SpawnOn(other, "other", [&] {
@@ -123,7 +123,7 @@ SCENARIO_F(NodeFlow, ARepeatedRequestGetsTheSameFlow) {
   EXPECT_EQ(node.Count("flow_opened"), 2u);
 }
 
-SCENARIO_F(NodeFlow, AnEndedFlowIsGone) {
+SCENARIO_F(NodeFlow, AnEndedFlowIsForgotten) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
     ASSERT_TRUE(flow.Opens());
@@ -148,7 +148,7 @@ SCENARIO_F(NodeFlow, ASilentFlowEndsByItself) {
   EXPECT_EQ(node.Last("flow_closed").Text("reason"), "the client is silent");
 }
 
-SCENARIO_F(NodeFlow, AnotherClientsTokenIsWorthNothing) {
+SCENARIO_F(NodeFlow, AnotherClientsTokenIsRefused) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow, thief;
     ASSERT_TRUE(flow.Opens());
@@ -200,7 +200,7 @@ SCENARIO_F(NodeFlow, ALongerHeaderIsSkipped) {
   }));
 }
 
-SCENARIO_F(NodeFlow, BadRequestsAreMetWithSilence) {
+SCENARIO_F(NodeFlow, BadRequestsAreNotAnswered) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
     const std::string good = RequestBytes();
@@ -222,7 +222,7 @@ SCENARIO_F(NodeFlow, BadRequestsAreMetWithSilence) {
   EXPECT_EQ(node.Count("bad_request"), 6u) << node.AllEvents();
 }
 
-SCENARIO_F(NodeFlow, ItsOwnPortsAreNoServers) {
+SCENARIO_F(NodeFlow, ItsOwnPortsAreNotGameServers) {
   ASSERT_TRUE(Runs([&] {
     RawFlow flow;
     flow.Asks(RequestFor(kNode, node::SimNode::kPort));
@@ -256,7 +256,7 @@ SCENARIO_F(NodeSmall, TooManyFlowsAreRefused) {
 }
 
 // Loss on the way up is reported on the way down, soon, and not exaggerated.
-SCENARIO_F_SEEDS(NodeFlow, TellsTheClientTheLossOfItsUpload, 5) {
+SCENARIO_F_SEEDS(NodeFlow, ReportsTheLossOfItsUploadToTheClient, 5) {
   sim::LinkOptions lossy = world.link(client_host, node_host);
   lossy.loss = 0.2;
   std::vector<Wrapped> healthy, bad;

@@ -16,14 +16,14 @@ struct Wrapped {
   std::string from;  // "198.51.100.20:40001"
   unsigned version = 0, head_len = 0, flags = 0, relay_idx = 0;
   unsigned seq = 0, token = 0, lost = 0;
-  std::string source;   // of the game, as the header says
-  std::string payload;  // behind head_len, empty if there is nothing
+  std::string source;   // the game's address, from the header
+  std::string payload;  // what follows head_len bytes
 
   bool came() const { return !bytes.empty() || !from.empty(); }
 };
 
 std::string AddressText(const sockaddr_in& address);
-// An empty one if nothing came in time.
+// Empty if nothing arrived in time.
 Wrapped ReceiveWrapped(SOCKET s, int ms);
 
 class RawFlow {
@@ -33,13 +33,13 @@ class RawFlow {
 
   // Sends these bytes to the node's negotiation port.
   void Asks(const std::string& request = RequestBytes(kRequestVersion));
-  // The answer's bytes, whoever sent it; empty if none came in time. Stores its token and data
-  // address.
+  // The bytes of the answer, from any sender; empty if none arrived in time. Stores its token and
+  // data address.
   std::string Answer(int ms = 1000, std::string* from = nullptr);
-  // Both, and whether the node accepted.
+  // Does both, and returns whether the node accepted.
   bool Opens(const std::string& request = RequestBytes(kRequestVersion));
 
-  // One datagram with a header of 20 bytes to the data port.
+  // Sends a datagram with a header of 20 bytes to the data port.
   void Sends(const std::string& payload, int port = kServerPort, const char* ip = kServer);
   void SendsNumbered(unsigned seq, const std::string& payload);
   void Probes(unsigned seq);
@@ -48,7 +48,7 @@ class RawFlow {
   std::string Header(unsigned flags, unsigned seq, const char* ip = kServer,
                      int port = kServerPort) const;
   Wrapped Receives(int ms = 1000) { return ReceiveWrapped(s, ms); }
-  // All that come, each within that time of the one before.
+  // Receives datagrams until none arrives for that long.
   std::vector<Wrapped> ReceivesAll(int ms);
 
   SOCKET s;
@@ -60,7 +60,8 @@ class RawFlow {
 
 class NodeFlowWorld : public NodeWorld {
  protected:
-  // A game server that sends each datagram back; `heard` records who sent which.
+  // Starts a game server that sends each datagram back; `heard` records the datagrams and their
+  // senders.
   void StartEcho(int port = kServerPort);
 
   struct Heard {
@@ -69,7 +70,7 @@ class NodeFlowWorld : public NodeWorld {
   std::vector<Heard> heard;
 };
 
-// With a node, and the client's body run once the echo server and the node are up.
+// The same with a node. Runs the client's body once the echo server and the node are ready.
 class NodeFlowRun : public NodeFlowWorld {
  protected:
   bool Runs(std::function<void()> body) {

@@ -37,7 +37,7 @@ SCENARIO_F(NodeUnderAttack, ARequestThatBreaksOffAnywhereIsDropped) {
   ExpectServes();
 }
 
-SCENARIO_F(NodeUnderAttack, AnUnreadableRequestEndsTheConnectionSilently) {
+SCENARIO_F(NodeUnderAttack, AnUnreadableRequestEndsTheConnectionWithoutAnAnswer) {
   StartEchoServer();
   const struct {
     std::size_t at;
@@ -126,7 +126,7 @@ SCENARIO_F(NodeUnderAttack, TheSilentOnesAreBoundedInNumberAndTime) {
 }
 
 // Otherwise anyone could control the node through the node itself.
-SCENARIO_F(NodeUnderAttack, TheNodesOwnPortsAreNoGameServers) {
+SCENARIO_F(NodeUnderAttack, TheNodesOwnPortsAreNotGameServers) {
   for (const int port : {kControlPort, static_cast<int>(node::SimNode::kPort)}) {
     std::string answer;
     OnClient([&] {
@@ -139,7 +139,7 @@ SCENARIO_F(NodeUnderAttack, TheNodesOwnPortsAreNoGameServers) {
   }
 }
 
-SCENARIO_F(NodeUnderAttack, AClientThatGivesUpFreesItsPlaceAndTheServer) {
+SCENARIO_F(NodeUnderAttack, AClientThatGivesUpFreesItsSlotAndTheServer) {
   node.AnswersAfter(60'000);
   std::string at_server = "nothing";
   OnServer([&] { at_server = Received(AcceptFrom(ListenAt(kServerPort))); });
@@ -153,7 +153,7 @@ SCENARIO_F(NodeUnderAttack, AClientThatGivesUpFreesItsPlaceAndTheServer) {
   EXPECT_EQ(node.Last("closed").Text("reason"), "the client left before it had its answer");
 }
 
-SCENARIO_F(NodeUnderAttack, AClientThatResetsBeforeItsAnswerIsGone) {
+SCENARIO_F(NodeUnderAttack, AClientThatResetsBeforeItsAnswerIsForgotten) {
   node.AnswersAfter(60'000);
   std::string at_server = "nothing";
   OnServer([&] { at_server = Received(AcceptFrom(ListenAt(kServerPort))); });
@@ -168,7 +168,7 @@ SCENARIO_F(NodeUnderAttack, AClientThatResetsBeforeItsAnswerIsGone) {
   EXPECT_EQ(node.Last("closed").Text("reason"), "client error 10054");
 }
 
-SCENARIO_F(NodeUnderAttack, GarbageOfEveryKindHurtsNobody) {
+SCENARIO_F(NodeUnderAttack, GarbageOfEveryKindDoesNoHarm) {
   StartEchoServer();
   for (int i = 0; i < 60; ++i) {
     OnClient([this] {
@@ -219,7 +219,7 @@ SCENARIO_F(NodeControl, ChangesTheNodeWhileItRuns) {
   EXPECT_EQ(Summary(answers[1]), "result 0, version 3, 41 bytes");
 }
 
-SCENARIO_F(NodeControl, AnswersLinesInOrderHoweverTheyCome) {
+SCENARIO_F(NodeControl, AnswersLinesInOrderInPiecesOfAnySize) {
   std::string replies;
   OnClient([&] {
     const SOCKET control = JoinsControl();
@@ -252,7 +252,7 @@ SCENARIO_F(NodeControl, EndsConnectionsAndTheNode) {
   EXPECT_EQ(received, "error 10054");
 }
 
-SCENARIO_F(NodeControl, ALineWithoutEndIsCutOff) {
+SCENARIO_F(NodeControl, AnEndlessLineEndsTheConnection) {
   std::string received = "nothing";
   OnClient([&] {
     const SOCKET control = JoinsControl();

@@ -82,7 +82,7 @@ SCENARIO_F(NodeProbe, TwoRelaysAnswerAsOneAndTwo) {
   }));
 }
 
-SCENARIO_F(NodeProbe, TheHopLosesOnlyWhatCrossesIt) {
+SCENARIO_F(NodeProbe, TheHopLosesOnlyDatagramsThatCrossIt) {
   node.behaviour().relays = 2;
   node.behaviour().hop_loss = 100;
   ASSERT_TRUE(Runs([&](RawFlow& flow) {
@@ -102,7 +102,7 @@ SCENARIO_F(NodeProbe, ARelayMayCallItselfAnything) {
 }
 
 // A longer header comes before the 16 bytes by which a client recognises an answer.
-SCENARIO_F(NodeProbe, AnswersKeepTheirPayloadBehindALongerHeader) {
+SCENARIO_F(NodeProbe, AnswersKeepTheirPayloadAfterALongerHeader) {
   node.behaviour().head_len = 28;
   ASSERT_TRUE(Runs([&](RawFlow& flow) {
     flow.Probes(1);
@@ -135,7 +135,7 @@ SCENARIO_F(NodeProbe, ItsAnswerNamesTheLastNodeOfThePath) {
 }
 
 // The request of a flow that moves names the node that it leaves, and so do the events.
-SCENARIO_F(NodeProbe, TellsWhichLinkAMovedFlowReplaces) {
+SCENARIO_F(NodeProbe, ReportsWhichLinkAMovedFlowReplaces) {
   StartEcho();
   OnClient([&] {
     RawFlow old_link, new_link;
@@ -210,7 +210,7 @@ SCENARIO_F_SEEDS(NodeProbe, EachKindAndDirectionLosesItsShare, 3) {
   }));
 }
 
-SCENARIO_F(NodeProbe, DoublesAreTheSameDatagramTwice) {
+SCENARIO_F(NodeProbe, DuplicatesAreTheSameDatagramTwice) {
   node.behaviour().data_up_duplicate = 100;
   ASSERT_TRUE(Runs([&](RawFlow& flow) {
     EXPECT_EQ(Plays(flow, 10).size(), 20u);
@@ -244,7 +244,7 @@ SCENARIO_F(NodeProbe, JitterKeepsTheOrderAndDisorderDoesNot) {
 }
 
 // With one seed, the same datagrams are lost whatever other impairments are on.
-SCENARIO_F(NodeProbe, TheSeedDecidesWhoIsLost) {
+SCENARIO_F(NodeProbe, TheSeedDecidesWhichDatagramsAreLost) {
   StartEcho();
   std::vector<std::set<std::string>> arrived;
   // A flow's number is part of its seed; each of these is the first of its node.
@@ -271,7 +271,7 @@ SCENARIO_F(NodeProbe, TheSeedDecidesWhoIsLost) {
   EXPECT_NE(arrived[0], arrived[2]);
 }
 
-SCENARIO_F(NodeProbe, ADarkNodeComesBackEmpty) {
+SCENARIO_F(NodeProbe, ARestoredNodeHasDroppedEarlierDatagrams) {
   ASSERT_TRUE(Runs([&](RawFlow& flow) {
     node.GoesDark();
     Sleep(50);

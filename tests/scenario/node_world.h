@@ -1,4 +1,4 @@
-// A client, a reference node and a game server on three hosts, 10 ms from each other.
+// A client, a reference node and a game server on three hosts, 10 ms apart.
 #pragma once
 #include "tests/scenario/sim_sockets.h"
 //
@@ -16,9 +16,9 @@ inline constexpr char kServer[] = "203.0.113.9";
 inline constexpr int kServerPort = 27015;
 inline constexpr int kAnswerSize = 41;
 
-// As docs/wire.md shows it, for 203.0.113.9:27015; user 10001, game 0x500000007.
+// The request of docs/wire.md, for 203.0.113.9:27015; user 10001, game 0x500000007.
 std::string RequestBytes(int version = 3);
-// With another server in it.
+// The same for another server.
 std::string RequestFor(const char* ip, int port);
 
 // "result 0, version 3, 41 bytes", or what is wrong with it.
@@ -26,14 +26,14 @@ std::string Summary(const std::string& answer);
 unsigned Big16(const std::string& bytes, std::size_t at);
 unsigned Big32(const std::string& bytes, std::size_t at);
 
-// Up to that many bytes, fewer only if the stream ends; the text may then end with "error …".
+// That many bytes, or fewer if the stream ends; the text may then end with "error …".
 std::string ReceivedExactly(SOCKET s, std::size_t size);
 
 class NodeWorld : public sim::ScenarioTest {
  protected:
   void SetUp() override;
 
-  // Each on its host in a process of its own.
+  // Each body runs on that host, in a process of its own.
   void OnServer(std::function<void()> body) { Spawn(server_host, "server", std::move(body)); }
   void OnClient(std::function<void()> body) { Spawn(client_host, "client", std::move(body)); }
   // Runs until all these bodies have returned; false if they do not.
@@ -41,13 +41,13 @@ class NodeWorld : public sim::ScenarioTest {
     return RunUntil([this] { return running_ == 0; });
   }
 
-  // An echo server for any number of connections, each to its end.
+  // Starts an echo server for any number of connections, each until it is closed.
   void StartEchoServer();
 
-  // For clients: a connection to the node; the same with the request sent.
+  // For clients: opens a connection to the node; the second one also sends the request.
   static SOCKET Joins();
   static SOCKET Asks(int version = 3);
-  // A whole exchange: the request, the answer, `text` up and everything that comes down.
+  // A whole exchange: the request, the answer, `text` to the server, and all that comes back.
   static std::string Fetches(const std::string& text, std::string* answer = nullptr);
 
   sim::Host& client_host = world.AddHost("client", {"192.0.2.77"});

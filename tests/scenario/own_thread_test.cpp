@@ -64,14 +64,14 @@ SCENARIO_F(OwnThreads, HaveANameUntilTheyEnd) {
   EXPECT_NE(name, first) << "a name is never another's";
 }
 
-SCENARIO_F(OwnThreads, ThatAStrangerEndsAreSeenToHaveEnded) {
+SCENARIO_F(OwnThreads, ThatAreTerminatedFromOutsideCountAsEnded) {
   Starts([] {});
   TerminateThread(thread, 1);
   EXPECT_TRUE(HasEnded(name));
 }
 
 // There are few names, and they are reused.
-SCENARIO_F(OwnThreads, ThatHaveEndedMakeRoomForOthers) {
+SCENARIO_F(OwnThreads, ThatHaveEndedFreeTheirSlots) {
   for (int i = 0; i < 20; ++i) {
     Starts([] {});
     EXPECT_NE(name, 0u) << i;
@@ -84,7 +84,7 @@ SCENARIO_F(OwnThreads, ThatHaveEndedMakeRoomForOthers) {
   }
 }
 
-SCENARIO_F(OwnThreads, ALockOfOneThatIsGoneGoesToTheNext) {
+SCENARIO_F(OwnThreads, ALockOfAnEndedThreadGoesToTheNext) {
   Starts([&] {
     mutex.lock();
     mutex.lock();
@@ -122,7 +122,7 @@ SCENARIO_F_SEEDS(OwnThreads, WaitersOfALockGetItOneAfterTheOther, 20) {
 
 // A thread of the host that ended with the lock, as all other threads do at the end of a process. A
 // caller that can do without the lock skips it; one that waits gets it.
-SCENARIO_F(OwnThreads, ALockOfAnyOtherThatIsGoneGoesToWhoWaits) {
+SCENARIO_F(OwnThreads, ALockOfAnEndedForeignThreadGoesToTheWaiter) {
   const DWORD other = world.Spawn(world.home(), "other", [&] {
     mutex.lock();
     mutex.lock();
@@ -162,7 +162,7 @@ SCENARIO_F(OwnThreads, AreNotEndedInTheMiddleOfWhatALockGuards) {
 }
 
 // Not between two locks either, of which it holds one.
-SCENARIO_F(OwnThreads, ThatHoldOneLockMayStillTakeAnother) {
+SCENARIO_F(OwnThreads, ThatHoldOneLockCanTakeAnother) {
   Mutex inner;
   int begun = 0, finished = 0;
   Starts([&] {

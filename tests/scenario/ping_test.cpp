@@ -89,7 +89,7 @@ SCENARIO_F(Pings, AreAnsweredFiveMillisecondsBeforeTheDelayOfTheRoute) {
 }
 
 // Less than the five milliseconds by which replies come early.
-SCENARIO_F(Pings, AreAnsweredAtOnceWhereTheRouteIsThatShort) {
+SCENARIO_F(Pings, AreAnsweredAtOnceOnAVeryShortRoute) {
   const SOCKET s = Pinger();
   for (const unsigned promised : {4u, 3u, 1u}) {
     PromiseDelay(promised);
@@ -98,14 +98,14 @@ SCENARIO_F(Pings, AreAnsweredAtOnceWhereTheRouteIsThatShort) {
   }
 }
 
-SCENARIO_F(Pings, OfARouteWithoutADelayTakeItsDefault) {
+SCENARIO_F(Pings, OfARouteWithoutADelayUseTheDefault) {
   const SOCKET s = Pinger();
   Sends(s, 1);
   EXPECT_EQ(MsUntilReply(s), 20 - 5);
 }
 
 // Kept: pings of an address that is in no table are answered as well.
-SCENARIO_F(Pings, OfAnUnknownServerAreAnsweredTooByADefaultOfTheirOwn) {
+SCENARIO_F(Pings, OfAnUnknownServerAreAnsweredAfterADefaultDelay) {
   const SOCKET s = Pinger(kUnlisted);
   Sends(s, 1);
   std::string reply;
@@ -131,7 +131,7 @@ SCENARIO_F(Pings, OfARelayedServerNeverLeaveTheMachine) {
   EXPECT_EQ(MsUntilReply(s), 15);
 }
 
-SCENARIO_F(Pings, ThatAreNotWholeEchoRequestsReallyGoOut) {
+SCENARIO_F(Pings, ThatAreNotCompleteEchoRequestsAreReallySent) {
   const SOCKET s = Pinger();
   Sends(s, 1, 257);
   std::string reply;
@@ -194,7 +194,7 @@ SCENARIO_F(Pings, ShowInNoSelect) {
 }
 
 // Kept: a receive that waits in the platform waits there for ever; it must not block anything else.
-SCENARIO_F(Pings, OfABlockingSocketLeaveItsReceiveWaiting) {
+SCENARIO_F(Pings, OfABlockingSocketDoNotEndItsReceive) {
   const SOCKET s = Ping();
   ASSERT_EQ(ConnectTo(s, kServer, 0), 0);
   Sends(s, 1);

@@ -67,7 +67,7 @@ SCENARIO_F(ProcessStart, OpensTheLogBeforeItLoadsTheTables) {
   EXPECT_LT(first, loaded) << text;
 }
 
-SCENARIO_F(ProcessStart, WaitsFiveSecondsForTablesThatDoNotCome) {
+SCENARIO_F(ProcessStart, WaitsFiveSecondsForMissingTables) {
   game.ListAsGame();
   game.Configures([](AccConfigRecord* config) { config->wait_route = 1; });
   EXPECT_EQ(Start(), 5s);
@@ -77,7 +77,7 @@ SCENARIO_F(ProcessStart, WaitsFiveSecondsForTablesThatDoNotCome) {
       << LogText();
 }
 
-SCENARIO_F(ProcessStart, GoesOnOnceTheTablesAreThere) {
+SCENARIO_F(ProcessStart, ContinuesWhenTheTablesExist) {
   game.ListAsGame();
   game.Configures([](AccConfigRecord* config) { config->wait_route = 1; });
   world.SpawnOn(world.home().host, "client", [this] {

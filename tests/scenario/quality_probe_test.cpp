@@ -130,7 +130,7 @@ class Probes : public sim::ScenarioTest {
   std::unique_ptr<RealRouteSpeedTest> probes_;
 };
 
-SCENARIO_F(Probes, TheFirstWaitsOneIntervalAndEachIsOneMillisecondLate) {
+SCENARIO_F(Probes, TheFirstIsSentAfterOneIntervalAndEachOneMillisecondLate) {
   Start();
   probes().StepSpeedTest();  // only looks at the clock
   Run(600);
@@ -178,7 +178,7 @@ SCENARIO_F(Probes, StopForGood) {
   EXPECT_EQ(probes().HighFreqTest(), -1);
 }
 
-SCENARIO_F(Probes, ANumberIsUsedAgainWhereItsProbeCouldNotLeave) {
+SCENARIO_F(Probes, ANumberIsReusedIfItsProbeCouldNotBeSent) {
   Start();
   LogCapture log;
   port::CountCalls();
@@ -192,7 +192,7 @@ SCENARIO_F(Probes, ANumberIsUsedAgainWhereItsProbeCouldNotLeave) {
   EXPECT_TRUE(log.Contains("SendSpeedTest success, seq=1, len=36, socket="));
 }
 
-SCENARIO_F(Probes, OfASocketThatNobodyWatchesLeaveNoTrace) {
+SCENARIO_F(Probes, OfAnUnwatchedSocketHaveNoEffect) {
   Start();
   GetTracker().RemoveFromWatchList(link.socket);
   LogCapture log;
@@ -207,7 +207,7 @@ SCENARIO_F(Probes, OfASocketThatNobodyWatchesLeaveNoTrace) {
 
 // --- answers -------------------------------------------------------------------------------------
 
-SCENARIO_F(Probes, AnswersAreBookedByTheRelayThatGaveThem) {
+SCENARIO_F(Probes, AnswersCountForTheRelayThatSentThem) {
   Start();
   Run(602);
   EXPECT_TRUE(Answer(1, 1, 20));
@@ -236,7 +236,7 @@ SCENARIO_F(Probes, ASingleRelayIsTheFrontend) {
   EXPECT_EQ(Stats().topology_type, 1u);  // what was found first
 }
 
-SCENARIO_F(Probes, AnAnswerFromAThirdRelayChangesNoFigures) {
+SCENARIO_F(Probes, AnAnswerOfAThirdRelayChangesNoFigures) {
   Start();
   Run(602);
   LogCapture log;
@@ -251,7 +251,7 @@ SCENARIO_F(Probes, AnAnswerFromAThirdRelayChangesNoFigures) {
   EXPECT_EQ(Stats().topology_type, 0xFFFFFFFFu);
 }
 
-SCENARIO_F(Probes, DelaysAreHeldBetweenOneAndTheirGreatest) {
+SCENARIO_F(Probes, DelaysAreClampedToTheirRange) {
   struct Case {
     std::int64_t age;
     u32 delay;
@@ -345,7 +345,7 @@ SCENARIO_F(Probes, TheBurstOfAnUnjudgedLinkEndsInAReport) {
 // The floors of a link on trial: five probes, ten milliseconds apart, the first one interval after
 // the clock has been looked at. The verdict falls as the last leaves, so four of five at most can
 // have been answered, of four expected.
-SCENARIO_F(Probes, ALinkOnTrialIsJudgedAsItsLastProbeLeaves) {
+SCENARIO_F(Probes, ALinkOnTrialIsJudgedWhenItsLastProbeIsSent) {
   link.config.switching_max_real_route_lost = 26;
   link.config.ignore_high_freq_test_time = 10;  // not for it
   Start(true);
@@ -360,7 +360,7 @@ SCENARIO_F(Probes, ALinkOnTrialIsJudgedAsItsLastProbeLeaves) {
   EXPECT_EQ(link.RealRouteLost(true), 25);
 }
 
-SCENARIO_F(Probes, AYoungLinkIsLeftAlone) {
+SCENARIO_F(Probes, ANewLinkGetsNoBurst) {
   link.config.ignore_high_freq_test_time = 3;
   Start();
   LogCapture log;
@@ -375,7 +375,7 @@ SCENARIO_F(Probes, AYoungLinkIsLeftAlone) {
   EXPECT_EQ(probes().HighFreqTest(), 0);
 }
 
-SCENARIO_F(Probes, AReportOnDelaysForgetsThem) {
+SCENARIO_F(Probes, AReportAboutDelaysResetsThem) {
   link.config.max_delay_avg = 100;
   Start();
   u32 answered = 0;
@@ -443,7 +443,7 @@ SCENARIO_F(Probes, ANewLinkStartsFromNothingButTheWatch) {
   EXPECT_EQ(arrived[0][7], 1);  // numbers begin again
 }
 
-SCENARIO_F(Probes, ANewLinkIsYoungAndTakesNoBurstWithIt) {
+SCENARIO_F(Probes, ANewLinkStartsWithoutABurst) {
   link.config.ignore_high_freq_test_time = 3;
   Start();
   Run(3000);
@@ -483,7 +483,7 @@ sim::Options AboutToWrap() {
 
 // Plain comparisons: while the sum of last probe and interval has wrapped and the clock has not,
 // every step sends. Kept.
-SCENARIO_OPTIONS(ProbesOverTheWrap, LeaveAtEveryStepUntilTheClockWrapsToo, AboutToWrap()) {
+SCENARIO_OPTIONS(ProbesOverTheWrap, AreSentAtEveryStepUntilTheClockWraps, AboutToWrap()) {
   test::LinkJudge link;
   link.config.norm_test_interval = 600;
   link.socket = Udp();

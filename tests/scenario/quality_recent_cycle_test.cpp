@@ -56,7 +56,7 @@ class RecentCycles : public sim::ScenarioTest {
   std::unique_ptr<RealRouteRecentCycleData> data_;
 };
 
-SCENARIO_F(RecentCycles, SaysNothingBeforeTheWindowIsFull) {
+SCENARIO_F(RecentCycles, HasNoResultBeforeTheWindowIsFull) {
   Configure(Settings(5));
   Probe({40, 40, 40, 40, 40});  // four entries, the fifth still runs
   EXPECT_EQ(data().delay_avg(), 9999u);
@@ -120,7 +120,7 @@ SCENARIO_F(RecentCycles, ASumThatIsTheMarkCountsAsNotMeasured) {
   EXPECT_EQ(data().delay_amp(), 6879u);
 }
 
-SCENARIO_F(RecentCycles, OneEntryLeavesTheSwingAsItWas) {
+SCENARIO_F(RecentCycles, OneEntryDoesNotChangeTheVariation) {
   Configure(Settings(1));
   data().Update(700, kSingle, 0);
   EXPECT_EQ(data().delay_amp(), 9999u);
@@ -133,7 +133,7 @@ SCENARIO_F(RecentCycles, OneEntryLeavesTheSwingAsItWas) {
   EXPECT_EQ(data().delay_amp(), 9999u);
 }
 
-SCENARIO_F(RecentCycles, ACycleWithoutProbesOrOfDelaysOfNothingMakesNoEntry) {
+SCENARIO_F(RecentCycles, ACycleWithoutProbesOrDelaysHasNoEntry) {
   Configure(Settings(2));
   Probe({50});
   Sleep(500);
@@ -148,7 +148,7 @@ SCENARIO_F(RecentCycles, ACycleWithoutProbesOrOfDelaysOfNothingMakesNoEntry) {
 
 // The start of the cycle moves by one cycle a call: after a pause, probes close cycles of their
 // own.
-SCENARIO_F(RecentCycles, AfterAPauseEveryProbeClosesACycleUntilTimeIsMadeUp) {
+SCENARIO_F(RecentCycles, AfterAPauseEveryProbeClosesACycleUntilItHasCaughtUp) {
   Configure(Settings(3));
   Sleep(2000);
   for (const u32 delay : {10u, 20u, 30u}) data().Update(delay, kSingle, 0);
@@ -163,7 +163,7 @@ SCENARIO_F(RecentCycles, AfterAPauseEveryProbeClosesACycleUntilTimeIsMadeUp) {
   EXPECT_EQ(data().delay_avg(), (20u + 30 + 140) / 3);
 }
 
-SCENARIO_F(RecentCycles, AResetForgetsDelaysAndKeepsTheWatch) {
+SCENARIO_F(RecentCycles, AResetDropsDelaysAndKeepsTheWatchPeriod) {
   Configure(Settings(2, 2));
   Burst(1);
   EXPECT_FALSE(data().IsWatching());
@@ -212,13 +212,13 @@ SCENARIO_F(RecentCycles, TheFirstProbeOfABurstMarksTheCycleBeforeIt) {
   EXPECT_FALSE(data().IsWatching());
 }
 
-SCENARIO_F(RecentCycles, TheFrontSectionNeverWatches) {
+SCENARIO_F(RecentCycles, TheFrontSectionHasNoWatchPeriod) {
   Configure(Settings(2, 1));
   Probe({40, 40, 40, 40}, kBurst, kFront);
   EXPECT_FALSE(data().IsWatching());
 }
 
-SCENARIO_F(RecentCycles, WithNoBurstAllowedTheWatchGoesOnForEver) {
+SCENARIO_F(RecentCycles, WithNoBurstAllowedTheWatchPeriodDoesNotEnd) {
   Configure(Settings(5, 0, 1));
   data().Update(40, kSingle, 0);
   EXPECT_TRUE(data().IsWatching());
@@ -236,7 +236,7 @@ sim::Options TickBeforeWrap(u32 ms) {
   return options;
 }
 
-SCENARIO_OPTIONS(RecentCycle, GoesOnOverTheWrapOfTheTickCount, TickBeforeWrap(1250)) {
+SCENARIO_OPTIONS(RecentCycle, ContinuesOverTheWrapOfTheTickCount, TickBeforeWrap(1250)) {
   ReplaceAccConfig(Settings(5));
   RealRouteRecentCycleData data;
   for (int i = 0; i < 6; ++i) {

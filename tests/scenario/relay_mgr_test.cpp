@@ -91,7 +91,7 @@ SCENARIO(RelayMgr, AWorkerThatDoesNotEndIsKilled) {
 }
 
 // The game's first connections go direct rather than wait for it again and again.
-SCENARIO(RelayMgr, AWorkerThatStartsLateIsWaitedForOnce) {
+SCENARIO(RelayMgr, AWorkerThatStartsLateIsAwaitedOnce) {
   test::UseSlowProvider();
   test::LogCapture log(4);
   RelayMgr& relay = GetRelayMgr();
@@ -143,11 +143,11 @@ void ExpectFailsOnce(sim::World& world, unsigned failing_socket, const char* udp
   EXPECT_EQ(world.now(), before);
 }
 
-SCENARIO(RelayMgr, AWorkerWithoutADatagramRelayIsNotTriedAgain) {
+SCENARIO(RelayMgr, AWorkerWithoutADatagramRelayIsNotStartedAgain) {
   ExpectFailsOnce(world, 1, "false\n");
 }
 
-SCENARIO(RelayMgr, AWorkerWithoutAStreamRelayIsNotTriedAgain) {
+SCENARIO(RelayMgr, AWorkerWithoutAStreamRelayIsNotStartedAgain) {
   ExpectFailsOnce(world, 2, "true\n");
 }
 
@@ -219,7 +219,7 @@ SCENARIO_F(RelayTimers, UpdatesAreMoreThanThirtyMillisecondsApart) {
   EXPECT_EQ(Updates(), 2);
 }
 
-SCENARIO(RelayMgr, MostErrorsOfSelectAreNoEnd) {
+SCENARIO(RelayMgr, MostErrorsOfSelectDoNotEndTheWorker) {
   test::LogCapture log(0);
   RelayMgr& relay = GetRelayMgr();
   ASSERT_TRUE(relay.CheckAndInit(3000));

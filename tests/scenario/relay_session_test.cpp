@@ -102,7 +102,7 @@ class SessionByHand : public test::RoutePolicy {
 };
 
 // On some systems a refused socket is readable too, before its error is known.
-SCENARIO_F(SessionByHand, NothingIsReadBeforeTheConnectionStands) {
+SCENARIO_F(SessionByHand, NothingIsReadBeforeTheConnectionIsEstablished) {
   provider.OnRemoteReadable(RemoteSocket());
   EXPECT_FALSE(IsClosed());
   test::OwnSocket node_end;
@@ -141,7 +141,7 @@ SCENARIO_F(SessionByHand, TheSecondNodeHasFiveSecondsOfItsOwnAndTheServerAllTheT
 }
 
 // Negotiating counts with connecting.
-SCENARIO_F(SessionByHand, ThatTheConnectionStandsGivesNoMoreTime) {
+SCENARIO_F(SessionByHand, AnEstablishedConnectionDoesNotExtendTheTime) {
   provider.OnUpdate(4999);
   test::OwnSocket node_end;
   Accept(&node_end);
@@ -151,7 +151,7 @@ SCENARIO_F(SessionByHand, ThatTheConnectionStandsGivesNoMoreTime) {
   EXPECT_EQ(Failures(), 1);
 }
 
-SCENARIO_F(SessionByHand, OnceNegotiatedThereIsNoLimit) {
+SCENARIO_F(SessionByHand, AfterTheNegotiationThereIsNoTimeLimit) {
   test::OwnSocket node_end;
   Accept(&node_end);
   Answer(node_end);
@@ -161,7 +161,7 @@ SCENARIO_F(SessionByHand, OnceNegotiatedThereIsNoLimit) {
 }
 
 // Out-of-band bytes show as an exception, and do not concern the session.
-SCENARIO_F(SessionByHand, AnExceptionOfAConnectionThatStandsIsNoFailure) {
+SCENARIO_F(SessionByHand, AnExceptionOfAnEstablishedConnectionIsNoFailure) {
   test::OwnSocket node_end;
   Accept(&node_end);
   provider.OnRemoteExcpetion(RemoteSocket());

@@ -170,7 +170,7 @@ class ReportShared : public sim::ScenarioTest {
   }
 };
 
-SCENARIO_F_SEEDS(ReportShared, GamesThatReportAtOnceEachTellEverything, 6) {
+SCENARIO_F_SEEDS(ReportShared, GamesThatReportAtOnceLoseNoReport, 6) {
   const test::LogCapture log(4);
   Watches();
   PlaysAs("dawn");
@@ -183,7 +183,7 @@ SCENARIO_F_SEEDS(ReportShared, GamesThatReportAtOnceEachTellEverything, 6) {
   EXPECT_FALSE(log.Contains("failed")) << log.Text();
 }
 
-SCENARIO_F_SEEDS(ReportShared, ClientsThatDieWithEachMutexAreFollowedByTheNext, 6) {
+SCENARIO_F_SEEDS(ReportShared, AClientReplacesOneThatDiedWithAnyMutex, 6) {
   PlaysAs("dawn");
   PlaysAs("dusk");
   for (const ReportChannel* channel : kChannels) {
@@ -200,7 +200,7 @@ SCENARIO_F_SEEDS(ReportShared, ClientsThatDieWithEachMutexAreFollowedByTheNext, 
 }
 
 // A game that is ended in the middle of a report leaves the slot free or whole.
-SCENARIO_F_SEEDS(ReportShared, GamesThatDieWithEachMutexLeaveTheOthersAlone, 6) {
+SCENARIO_F_SEEDS(ReportShared, AGameThatDiesWithAnyMutexDoesNotAffectTheOthers, 6) {
   Watches();
   PlaysAs("dawn");
   for (const ReportChannel* channel : kChannels) {
@@ -221,7 +221,7 @@ SCENARIO_F_SEEDS(ReportShared, GamesThatDieWithEachMutexLeaveTheOthersAlone, 6) 
 }
 
 // Between any two writes of a copy, of one of its own reports or of any game's after it.
-SCENARIO_F_SEEDS(ReportShared, GamesThatDieInTheMiddleOfACopyLeaveTheSlotFreeOrWhole, 8) {
+SCENARIO_F_SEEDS(ReportShared, AGameThatDiesDuringACopyLeavesTheSlotFreeOrComplete, 8) {
   common::SetLogThreshold(6);
   Watches();
   PlaysAs("dawn");

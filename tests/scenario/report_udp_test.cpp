@@ -75,7 +75,7 @@ class ReportUdp : public EarlyClient, public UdpWorld {
 
 // --- each way through the channels ------------------------------------------------------------
 
-SCENARIO_F(ReportUdp, DirectFlowIsADecisionAlone) {
+SCENARIO_F(ReportUdp, DirectFlowHasOnlyADecision) {
   Starts();
   EXPECT_EQ(Talks(Udp(), "hello", kUnlisted).substr(0, 5), "hello");  // no node is asked about it
   RunFor(1s);
@@ -123,7 +123,7 @@ SCENARIO_F_SEEDS(ReportUdp, FlowThroughANodeIsReportedToTheByte, 3) {
   EXPECT_EQ(last.user_ip, test::Ip(kGame));
 }
 
-SCENARIO_F(ReportUdp, DecisionAndNegotiationOfAFlowBearOneGuid) {
+SCENARIO_F(ReportUdp, DecisionAndNegotiationOfAFlowHaveTheSameGuid) {
   Starts();
   Closes(Opens());
   const std::string guid = a.Last("request").Text("guid");
@@ -180,7 +180,7 @@ SCENARIO_F(ReportUdp, RefusalIsReportedAndThenTheNodeThatServes) {
 }
 
 // The record of the socket names the node that is being asked, before that has answered.
-SCENARIO_F(ReportUdp, AChangeOfNodeIsNotedAsItIsMade) {
+SCENARIO_F(ReportUdp, AChangeOfNodeIsReportedWhenItHappens) {
   a.AnswersWith(9);
   b.StopsAnswering();
   Starts(0);
@@ -222,7 +222,7 @@ SCENARIO_F(ReportUdp, TwoSilentNodesAreTwoFailuresAndNothingElse) {
 
 // --- traffic while a flow lives ---------------------------------------------------------------
 
-SCENARIO_F(ReportUdp, TrafficShowsRightAfterTheNegotiationAndThenEveryFiveSeconds) {
+SCENARIO_F(ReportUdp, TrafficIsReportedAfterTheNegotiationAndThenEveryFiveSeconds) {
   Starts();
   RunFor(3s);
   const SOCKET s = Udp();
@@ -283,7 +283,7 @@ SCENARIO_F(ReportUdp, LateProbesAreOverAndNotLost) {
   EXPECT_EQ(last.topology_type, 1u);
 }
 
-SCENARIO_F(ReportUdp, ProbeUnderWayAtTheEndIsNotLost) {
+SCENARIO_F(ReportUdp, ProbeInFlightAtTheEndIsNotLost) {
   Starts();
   const SOCKET s = Opens();
   Plays(s, 10'000);
@@ -327,7 +327,7 @@ SCENARIO_F(ReportUdp, FailedCallsAreCountedWithTheirErrors) {
   EXPECT_EQ(last.curr_recv_error_code, static_cast<u32>(WSAECONNRESET));
 }
 
-SCENARIO_F(ReportUdp, FiguresAreTheSameWhateverErrorAnEarlierCallLeft) {
+SCENARIO_F(ReportUdp, FiguresDoNotDependOnAnEarlierLastError) {
   port::SuccessKeepsLastError(true);
   Starts();
   const SOCKET s = Opens();
@@ -358,7 +358,7 @@ SCENARIO_F(ReportUdp, DatagramThatWaitedForRoomIsNotCounted) {
   EXPECT_EQ(last.total_recv_packets, 3u);
 }
 
-SCENARIO_F(ReportUdp, DatagramThatGoesPastTheNodeIsCountedLikeTheOthers) {
+SCENARIO_F(ReportUdp, DatagramThatBypassesTheNodeIsCountedLikeTheOthers) {
   Starts();
   const SOCKET s = Opens();
   EXPECT_EQ(Sends(s, Pattern(2029)), 0);
@@ -459,7 +459,7 @@ SCENARIO_F(ReportSwitch, FailedTrialIsAFailedNegotiationAndAReportOfTheMove) {
   EXPECT_EQ(std::string(LastReport().recovery_info).substr(0, 8), "0-0-0-0-");
 }
 
-SCENARIO_F(ReportSwitch, LinkThatMayNotBeLeftIsReportedAsItIs) {
+SCENARIO_F(ReportSwitch, ABadLinkThatMayNotSwitchIsReported) {
   MayMeasureAndSwitch();
   Configures([](AccConfigRecord* config) { config->switch_open = 0; });
   Starts();
@@ -502,7 +502,7 @@ SCENARIO_F(ReportUdp, FullChannelCostsItsReportsAndNothingElse) {
 
 // Kept: flows are reported in the order of their guids until the channel is full, so a slow client
 // program gets the same ones each time. The end of each flow is reported separately.
-SCENARIO_F(ReportUdp, MoreFlowsThanSlotsLeaveTheLastOutUntilTheyEnd) {
+SCENARIO_F(ReportUdp, FlowsBeyondTheSlotsAreReportedWhenTheyEnd) {
   constexpr size_t kFlows = 40, kSlots = kCommunicationChannel.slot_count;
   Starts();
   std::vector<SOCKET> sockets;
@@ -526,7 +526,7 @@ SCENARIO_F(ReportUdp, MoreFlowsThanSlotsLeaveTheLastOutUntilTheyEnd) {
   EXPECT_EQ(ended, guids);
 }
 
-SCENARIO_F(ReportUdp, RegionsOfAnotherVersionAreLeftAloneAndTheRelayWorks) {
+SCENARIO_F(ReportUdp, RegionsOfAnotherVersionAreNotWrittenAndTheRelayWorks) {
   client.decisions->header.minor_ver = 37;
   client.traffic->header.minor_ver = 37;
   client.log_paths->header.major_ver = 2;
@@ -553,7 +553,7 @@ SCENARIO_F(ReportUdp, RegionsOfAnotherVersionAreLeftAloneAndTheRelayWorks) {
 // --- the end of the game ----------------------------------------------------------------------
 
 // The Tracker ends before the relays do: open flows are reported as open, and never again.
-SCENARIO_F_SEEDS(ReportUdp, CleanupTellsOfOpenFlowsOnceMoreAndOfNoEnd, 5) {
+SCENARIO_F_SEEDS(ReportUdp, CleanupReportsOpenFlowsOnceMoreAndNoEnd, 5) {
   Starts();
   const SOCKET s = Opens();
   const SOCKET other = Opens(kSecond);

@@ -37,7 +37,7 @@ class RouteFileFaults : public sim::ScenarioTest {
   u8 buffer[100] = {};
 };
 
-SCENARIO_F(RouteFileFaults, IsOpenedAtTheFifthTryAndWaitsBetween) {
+SCENARIO_F(RouteFileFaults, IsOpenedAtTheFifthAttemptWithPausesBetween) {
   for (unsigned i = 1; i <= 4; ++i) port::FailCall("CreateFileW", i, ERROR_SHARING_VIOLATION);
   const sim::Duration begin = world.now();
   EXPECT_TRUE(Load());
@@ -45,7 +45,7 @@ SCENARIO_F(RouteFileFaults, IsOpenedAtTheFifthTryAndWaitsBetween) {
   EXPECT_EQ(world.now() - begin, 20ms) << "five after each failure";
 }
 
-SCENARIO_F(RouteFileFaults, IsGivenUpAfterFiveTriesInTheWordsOfTheLast) {
+SCENARIO_F(RouteFileFaults, IsAbandonedAfterFiveAttemptsWithTheErrorOfTheLast) {
   for (unsigned i = 1; i <= 4; ++i) port::FailCall("CreateFileW", i, ERROR_SHARING_VIOLATION);
   port::FailCall("CreateFileW", 5, ERROR_ACCESS_DENIED);
   const sim::Duration begin = world.now();
@@ -55,7 +55,7 @@ SCENARIO_F(RouteFileFaults, IsGivenUpAfterFiveTriesInTheWordsOfTheLast) {
   EXPECT_TRUE(log.Contains(kFailed + ("file(" + path) + ") CreateFileW failed(error=5)\n"));
 }
 
-SCENARIO_F(RouteFileFaults, ThatCannotBeReadSaysWhyAndIsClosed) {
+SCENARIO_F(RouteFileFaults, ThatCannotBeReadLogsTheErrorAndIsClosed) {
   port::FailCall("ReadFile", 1, 1117);
   EXPECT_FALSE(Load());
   EXPECT_TRUE(log.Contains(kFailed + ("file(" + path) + ") ReadFile failed(error=1117)\n"))
@@ -71,7 +71,7 @@ SCENARIO_F(RouteFileFaults, ThatEndsBeforeItsSizeIsRefusedAndClosed) {
   EXPECT_TRUE(Load());
 }
 
-SCENARIO_F(RouteFileFaults, ThatCannotBeReadIsNoTable) {
+SCENARIO_F(RouteFileFaults, ThatCannotBeReadGivesNoTable) {
   AccConfig config;
   common::SetFieldText(config.route_binary_file_path, dir / "table.bin");
   ReplaceAccConfig(config);

@@ -28,7 +28,7 @@ class RouteFile : public ScenarioTest {
   char buffer[5] = {};
 };
 
-SCENARIO_F(RouteFile, IsOpenedAtOnceWhereNobodyHoldsIt) {
+SCENARIO_F(RouteFile, IsOpenedAtOnceIfItIsNotInUse) {
   const Duration start = world.now();
   EXPECT_TRUE(Load());
   EXPECT_LT(world.now() - start, 5ms);
@@ -45,7 +45,7 @@ SCENARIO_F(RouteFile, IsTriedFiveTimesWithFiveMillisecondsBetween) {
   EXPECT_EQ(port::CallCount("CreateFileW"), 5u);
 }
 
-SCENARIO_F(RouteFile, IsGivenUpAfterFiveTimes) {
+SCENARIO_F(RouteFile, IsAbandonedAfterFiveAttempts) {
   test::LogCapture log(4);
   port::FailCall("CreateFileW", 0, ERROR_SHARING_VIOLATION);
   EXPECT_FALSE(Load());

@@ -34,20 +34,20 @@ bool AllZero(const SessionGuid& guid, int from, int to) {
   return true;
 }
 
-SCENARIO(SessionGuid, IsTheSystemsOwnWhereThereIsOne) {
+SCENARIO(SessionGuid, IsTheSystemsIfThereIsOne) {
   port::CountCalls();
   SessionGuid::Make();
   EXPECT_EQ(port::CallCount("UuidCreate"), 1u);
   EXPECT_EQ(port::CallCount("rand_s"), 0u);
 }
 
-SCENARIO(SessionGuid, IsTheSystemsOwnAlsoWhereItIsOnlyLocal) {
+SCENARIO(SessionGuid, IsTheSystemsEvenIfItIsOnlyLocallyUnique) {
   port::FailCall("UuidCreate", 1, RPC_S_UUID_LOCAL_ONLY);
   SessionGuid::Make();
   EXPECT_EQ(port::CallCount("rand_s"), 0u);
 }
 
-SCENARIO_SEEDS(SessionGuid, IsMadeOfFourDrawsWithoutAnAddress, 5) {
+SCENARIO_SEEDS(SessionGuid, IsMadeOfFourRandomNumbersWithoutAnAddress, 5) {
   const SessionGuid guid = WithoutAddress(0);
   EXPECT_EQ(port::CallCount("rand_s"), 4u);
   EXPECT_FALSE(AllZero(guid, 0, 4));

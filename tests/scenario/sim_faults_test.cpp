@@ -38,7 +38,7 @@ SCENARIO_F(SimFaults, TheNthSendIsCutShort) {
   EXPECT_EQ(ReceivedAll(accepted), "whole,cut again");
 }
 
-SCENARIO_F(SimFaults, ALostSetEventWakesNobody) {
+SCENARIO_F(SimFaults, ALostSetEventWakesNoThread) {
   const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
   world.LoseSetEvent(1);
   EXPECT_TRUE(SetEvent(event));
@@ -56,7 +56,7 @@ SCENARIO_F(SimFaults, AThreadCannotStart) {
   EXPECT_NE(CreateThread(nullptr, 0, NoWork, nullptr, 0, nullptr), nullptr);
 }
 
-SCENARIO_F(SimFaults, AStalledThreadStandsStill) {
+SCENARIO_F(SimFaults, AStalledThreadDoesNotRun) {
   int ticks = 0;
   const DWORD id = world.Spawn(world.home(), "ticker", [&] {
     while (true) {
@@ -73,7 +73,7 @@ SCENARIO_F(SimFaults, AStalledThreadStandsStill) {
   EXPECT_GT(ticks, 15);
 }
 
-SCENARIO_F(SimFaults, AKilledProcessLeavesNothingButBrokenThings) {
+SCENARIO_F(SimFaults, AKilledProcessLeavesOnlyBrokenConnectionsAndMutexes) {
   std::string at_client;
   sim::Process& victim = world.AddProcess(server, "victim");
   const HANDLE outside = CreateMutexA(nullptr, FALSE, "shared");
@@ -105,7 +105,7 @@ SCENARIO_F(SimFaults, AKilledProcessLeavesNothingButBrokenThings) {
   EXPECT_EQ(world.ThreadNamed("victim/holder"), 0u);
 }
 
-SCENARIO_F(SimFaults, AProcessDiesTheMomentItHoldsTheMutex) {
+SCENARIO_F(SimFaults, AProcessCanDieWhenItAcquiresTheMutex) {
   sim::Process& victim = world.AddProcess(server, "victim");
   world.KillWhenItHolds(victim, "guard");
   const HANDLE mutex = CreateMutexA(nullptr, FALSE, "guard");  // keeps the name alive
@@ -131,7 +131,7 @@ SCENARIO_F(SimFaults, AProcessThatKillsItselfEndsThere) {
   EXPECT_FALSE(went_on);
 }
 
-SCENARIO_F(SimFaults, AThreadIsTerminatedWhereItStands) {
+SCENARIO_F(SimFaults, AThreadIsTerminatedAnywhere) {
   const HANDLE mutex = CreateMutexA(nullptr, FALSE, "held");
   bool went_on = false;
   const DWORD id = world.Spawn(world.home(), "victim", [&] {
@@ -149,7 +149,7 @@ SCENARIO_F(SimFaults, AThreadIsTerminatedWhereItStands) {
 }
 
 // Whether the thread runs already or not.
-SCENARIO_F(SimFaults, AnActionComesAtTheNthCallOfAThread) {
+SCENARIO_F(SimFaults, AnActionRunsAtTheNthCallOfAThread) {
   for (const bool early : {false, true}) {
     int events = 0, seen = -1;
     const auto act = [&] { seen = events; };
@@ -194,7 +194,7 @@ SCENARIO_F(SimFaults, AThreadAndAProcessEndAtTheNthCall) {
   EXPECT_EQ(world.ThreadNamed("process/other"), 0u);
 }
 
-SCENARIO_F(SimFaults, ClosedSocketHandlesComeBackOnlyWhenAsked) {
+SCENARIO_F(SimFaults, ClosedSocketHandlesAreReusedOnlyOnRequest) {
   const SOCKET first = Tcp();
   closesocket(first);
   EXPECT_NE(Tcp(), first);
@@ -217,7 +217,7 @@ SCENARIO_F(SimFaults, EachProcessHasItsOwnRecord) {
   EXPECT_NE(GetCurrentProcessId(), game.pid);
 }
 
-SCENARIO_F(SimFaults, EndOfAProcessClosesWhatItLeftOpen) {
+SCENARIO_F(SimFaults, EndOfAProcessClosesItsHandles) {
   sim::Process& game = world.AddProcess(client, "game", L"C:\\games\\play.exe", "play.exe");
   const size_t handles = port::OpenHandles(), views = port::OpenViews();
   world.Spawn(game, "main", [] {
@@ -235,7 +235,7 @@ SCENARIO_F(SimFaults, EndOfAProcessClosesWhatItLeftOpen) {
   EXPECT_EQ(OpenFileMappingA(FILE_MAP_READ, FALSE, "left_by_the_dead"), nullptr);
 }
 
-SCENARIO_F(SimFaults, IdleMeansThatNothingIsUnderWay) {
+SCENARIO_F(SimFaults, IdleMeansThatNothingIsInFlight) {
   sim::LinkOptions slow = link();
   slow.delay = 300ms;
   Link(slow);
@@ -278,7 +278,7 @@ TEST(SimHarness, AFailurePrintsSeedTraceAndReplayCommand) {
     EXPECT_NE(output.find(part), std::string::npos) << part << " is not in\n" << output;
 }
 
-TEST(SimHarness, AWorldInWhichAllWaitForEverFailsItsTest) {
+TEST(SimHarness, AWorldInADeadlockFailsItsTest) {
   const std::string output = OutputOf(NeverReturns);
   EXPECT_NE(output.find("deadlock: every thread waits for ever"), std::string::npos) << output;
 }
@@ -289,7 +289,7 @@ TEST(SimHarness, AScenarioStartsWithFreshStatics) {
   EXPECT_EQ(count, 0);
 }
 
-TEST(SimHarness, ASeedInTheEnvironmentRunsThatSeedAlone) {
+TEST(SimHarness, ASeedInTheEnvironmentRunsOnlyThatSeed) {
   const char* set = std::getenv("VYR_SEED");
   const std::string before = set ? set : "";
   ::setenv("VYR_SEED", "41", 1);

@@ -91,7 +91,7 @@ TEST(SimScheduler, SomeSeedFindsALostUpdate) {
   EXPECT_GT(lost, 0);
 }
 
-SCENARIO(SimScheduler, ACriticalSectionKeepsOthersOutAndIsRecursive) {
+SCENARIO(SimScheduler, ACriticalSectionExcludesOthersAndIsRecursive) {
   CRITICAL_SECTION section;
   InitializeCriticalSection(&section);
   int inside = 0, most = 0;
@@ -153,7 +153,7 @@ SCENARIO(SimScheduler, ATerminatedThreadUnwindsNothingAndKeepsItsLocks) {
   EXPECT_FALSE(TryEnterCriticalSection(&section));
 }
 
-SCENARIO(SimScheduler, AMutexOfADeadThreadIsAbandonedToTheNext) {
+SCENARIO(SimScheduler, AMutexOfADeadThreadGoesToTheNextAsAbandoned) {
   const HANDLE mutex = CreateMutexA(nullptr, FALSE, "held");
   world.Spawn(world.home(), "holder", [&] { WaitForSingleObject(mutex, INFINITE); });
   world.RunFor(1ms);
@@ -198,7 +198,7 @@ SCENARIO(SimScheduler, TwoHundredThreadsTakeTurns) {
 
 // --- how worlds end ---------------------------------------------------------------------------
 
-TEST(SimScheduler, ADeadlockEndsTheWorldAndSaysWhoWaitsForWhat) {
+TEST(SimScheduler, ADeadlockEndsTheWorldAndReportsEachWait) {
   const auto run = sim::RunInChild(
       {},
       [](sim::World& world) {
@@ -299,7 +299,7 @@ TEST(SimScheduler, AFailedExpectationInAnyThreadFailsTheChild) {
   EXPECT_EQ(run.exit_code, 1);
 }
 
-TEST(SimScheduler, AFailureTellsTheCommandThatReplaysIt) {
+TEST(SimScheduler, AFailurePrintsTheCommandThatReplaysIt) {
   const std::string command = sim::ReplayCommand("Suite.Name", 123);
   EXPECT_EQ(command.rfind("VYR_SEED=123 /", 0), 0u) << command;
   EXPECT_NE(command.find(" --gtest_filter=Suite.Name"), std::string::npos) << command;

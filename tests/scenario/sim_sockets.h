@@ -1,4 +1,4 @@
-// Short forms of the socket calls, for tests of the simulation.
+// Short forms of the socket calls, for tests in the simulation.
 #pragma once
 #include "port/sim/scenario.h"
 //
@@ -31,7 +31,7 @@ inline void NonBlocking(SOCKET s) {
   ASSERT_EQ(ioctlsocket(s, static_cast<long>(FIONBIO), &on), 0);
 }
 
-// Each answers 0 or the error.
+// Each returns 0 or the error.
 inline int ErrorOf(int result) { return result == SOCKET_ERROR ? WSAGetLastError() : 0; }
 inline int BindTo(SOCKET s, const char* ip, int port) {
   const sockaddr_in address = At(ip, port);
@@ -92,7 +92,7 @@ inline void ResetOnClose(SOCKET s) {
             0);
 }
 
-// Which sets a socket is in after that long: some of "rwe".
+// The sets in which select reports the socket, waiting up to that long: some of "rwe".
 inline std::string Readiness(SOCKET s, int ms = 0) {
   fd_set read = {}, write = {}, except = {};
   FD_SET(s, &read);
@@ -114,7 +114,7 @@ inline bool ReadableWithin(SOCKET s, int ms) {
   return select(0, &read, nullptr, nullptr, &most) == 1;
 }
 
-// Text in which every misplaced, lost or doubled byte shows.
+// A text in which every misplaced, lost or duplicated byte can be detected.
 inline std::string Pattern(size_t size) {
   std::string text;
   for (size_t i = 0; text.size() < size; ++i) text += std::to_string(i) + ",";
@@ -122,7 +122,7 @@ inline std::string Pattern(size_t size) {
   return text;
 }
 
-// A client host and a server host, 10 ms apart unless changed.
+// A client host and a server host, by default 10 ms apart.
 class TwoHosts : public sim::ScenarioTest {
  protected:
   static constexpr const char* kServer = "198.51.100.10";
@@ -136,7 +136,7 @@ class TwoHosts : public sim::ScenarioTest {
   void Link(const sim::LinkOptions& link) { world.SetLink(client, server, link); }
   sim::LinkOptions link() { return world.link(client, server); }
 
-  // Runs both to their end; false if they do not get there.
+  // Runs both until they return; false if they do not.
   bool Run(std::function<void()> on_server, std::function<void()> on_client) {
     server_process = &world.SpawnOn(server, "server", std::move(on_server));
     client_process = &world.SpawnOn(client, "client", std::move(on_client));

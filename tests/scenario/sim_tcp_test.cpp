@@ -7,7 +7,7 @@ using namespace sim_test;  // NOLINT: the verbs of these tests
 
 using SimTcp = TwoHosts;
 
-SCENARIO_F(SimTcp, CarriesBytesBothWaysAndThenEnds) {
+SCENARIO_F(SimTcp, CarriesBytesInBothDirectionsAndThenEnds) {
   std::string at_server, at_client;
   ASSERT_TRUE(Run(
       [&] {
@@ -61,7 +61,7 @@ SCENARIO_F(SimTcp, ABlackHoleTimesOutAfterTwentyOneSeconds) {
                   }));
 }
 
-SCENARIO_F(SimTcp, AnAddressThatNobodyHasIsABlackHole) {
+SCENARIO_F(SimTcp, AnUnknownAddressIsABlackHole) {
   ASSERT_TRUE(Run([] {}, [] { EXPECT_EQ(ConnectTo(Tcp(), "198.51.100.99", 80), WSAETIMEDOUT); }));
 }
 
@@ -121,7 +121,7 @@ SCENARIO_F(SimTcp, AnAcceptedSocketInheritsNonBlockingMode) {
       }));
 }
 
-SCENARIO_F(SimTcp, AResetLosesWhatWasNotRead) {
+SCENARIO_F(SimTcp, AResetDiscardsUnreadBytes) {
   ASSERT_TRUE(Run(
       [] {
         const SOCKET s = AcceptFrom(ListenAt(80));
@@ -178,7 +178,7 @@ SCENARIO_F(SimTcp, AnOrderlyCloseStillDeliversWhatWasSent) {
 }
 
 // The sender's buffer and the reader's window are all that fits while nobody reads.
-SCENARIO_F(SimTcp, AFullSendBufferTakesAPartAndThenNothing) {
+SCENARIO_F(SimTcp, AFullSendBufferAcceptsAPartAndThenNothing) {
   std::string received;
   ASSERT_TRUE(Run(
       [&] {
@@ -360,7 +360,7 @@ SCENARIO_F(SimTcp, PeekLeavesTheBytes) {
       }));
 }
 
-SCENARIO_F(SimTcp, NamesAreKnownWhenWindowsKnowsThem) {
+SCENARIO_F(SimTcp, NamesAreAvailableWhenTheyAreOnWindows) {
   ASSERT_TRUE(Run(
       [] {
         sockaddr_in from = {};
@@ -421,7 +421,7 @@ SCENARIO_F(SimTcp, BindConflictsFollowWindows) {
   EXPECT_EQ(BindTo(Tcp(), "198.51.100.77", 1), WSAEADDRNOTAVAIL);
 }
 
-SCENARIO_F(SimTcp, LoopbackIsEachHostsOwn) {
+SCENARIO_F(SimTcp, LoopbackIsSeparateForEachHost) {
   std::string received;
   ASSERT_TRUE(Run([&] { received = ReceivedAll(AcceptFrom(ListenAt(80))); },
                   [&] {
@@ -458,7 +458,7 @@ SCENARIO_F(SimTcp, ClosingUnderABlockedReceiveEndsIt) {
       }));
 }
 
-SCENARIO_F(SimTcp, ASocketOfAnotherProcessIsNoSocket) {
+SCENARIO_F(SimTcp, ASocketOfAnotherProcessIsInvalid) {
   const SOCKET mine = Tcp();
   ASSERT_TRUE(Run([] {}, [mine] { EXPECT_EQ(ErrorOf(closesocket(mine)), WSAENOTSOCK); }));
   EXPECT_EQ(closesocket(mine), 0);
@@ -506,13 +506,13 @@ class SimNagle : public TwoHosts {
   std::vector<sim::Duration> heard;
 };
 
-SCENARIO_WITH_(SimNagle, ASecondPieceWaitsUntilTheFirstIsConfirmedWhichTakesItsTime, SimNagle, 1,
+SCENARIO_WITH_(SimNagle, ASecondPieceWaitsForTheDelayedAcknowledgementOfTheFirst, SimNagle, 1,
                SavingSegments()) {
   Talk(false, false);
   EXPECT_EQ(heard, (std::vector<sim::Duration>{10ms, 230ms}));
 }
 
-SCENARIO_WITH_(SimNagle, AnAnswerConfirmsAtOnce, SimNagle, 1, SavingSegments()) {
+SCENARIO_WITH_(SimNagle, AnAnswerAcknowledgesAtOnce, SimNagle, 1, SavingSegments()) {
   Talk(false, true);
   EXPECT_EQ(heard, (std::vector<sim::Duration>{10ms, 30ms}));
 }
@@ -554,7 +554,7 @@ SCENARIO_WITH_(SimNagle, SegmentsAreConfirmedByTwos, SimNagle, 1, SavingSegments
 
 // --- the option is the listener's, too ----------------------------------------------------------
 
-SCENARIO_WITH_(SimNagle, AListenerGivesTheOptionToWhatItAccepts, SimNagle, 1, SavingSegments()) {
+SCENARIO_WITH_(SimNagle, AcceptedSocketsInheritTheOption, SimNagle, 1, SavingSegments()) {
   for (const bool no_delay : {false, true}) {
     std::vector<sim::Duration> times;
     ASSERT_TRUE(Run(

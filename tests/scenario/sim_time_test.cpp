@@ -54,14 +54,14 @@ SCENARIO(SimTime, SleepersWakeInTheOrderOfTheirDeadlines) {
   EXPECT_EQ(order, "10 20 30 ");
 }
 
-SCENARIO(SimTime, AnEventThatNobodySetsTimesOutOnTheDot) {
+SCENARIO(SimTime, AnEventThatIsNotSetTimesOutExactly) {
   const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   const DWORD before = GetTickCount();
   EXPECT_EQ(WaitForSingleObject(event, 500), WAIT_TIMEOUT);
   EXPECT_EQ(GetTickCount() - before, 500u);
 }
 
-SCENARIO(SimTime, AThreadThatOnlyWatchesTheClockSeesItMove) {
+SCENARIO(SimTime, AThreadThatOnlyReadsTheClockSeesItAdvance) {
   const DWORD before = GetTickCount();
   while (GetTickCount() - before < 20) {
   }

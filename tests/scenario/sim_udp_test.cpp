@@ -26,7 +26,7 @@ void SendNumbers(int count, const char* to, int port) {
   }
 }
 
-SCENARIO_F(SimUdp, KeepsTheBordersAndTellsTheSender) {
+SCENARIO_F(SimUdp, KeepsMessageBoundariesAndReportsTheSender) {
   ASSERT_TRUE(Run(
       [] {
         const SOCKET s = UdpAt(9);
@@ -91,7 +91,7 @@ SCENARIO_F(SimUdp, AFullReceiveBufferDrops) {
   EXPECT_EQ(arrived, 10u);
 }
 
-SCENARIO_F(SimUdp, AConnectedSocketHearsItsPeerOnly) {
+SCENARIO_F(SimUdp, AConnectedSocketReceivesFromItsPeerOnly) {
   const SOCKET stranger = UdpAt(77);
   ASSERT_TRUE(Run(
       [] {

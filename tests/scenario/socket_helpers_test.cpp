@@ -33,7 +33,7 @@ std::string Number(SOCKET s) { return "socket=" + std::to_string(s); }
 
 // --- BindRandomPort, plainly ------------------------------------------------------------------
 
-SCENARIO(BindRandomPort, BindsAPlainSocketAndTellsThePortInNetworkOrder) {
+SCENARIO(BindRandomPort, BindsAPlainSocketAndReturnsThePortInNetworkOrder) {
   test::LogCapture log(5);
   const SOCKET s = sim_test::Udp();
   u16 port = 0;
@@ -56,7 +56,7 @@ SCENARIO(BindRandomPort, TriesAgainWhileThePortsAreInUse) {
   EXPECT_EQ(port::CallCount("bind"), 200u);
 }
 
-SCENARIO(BindRandomPort, GivesUpAfter200PortsInUseWithoutALine) {
+SCENARIO(BindRandomPort, GivesUpAfter200PortsInUseWithoutALogLine) {
   test::LogCapture log(0);
   port::FailCall("bind", 0, WSAEADDRINUSE);
   u16 port = 7;
@@ -76,7 +76,7 @@ SCENARIO(BindRandomPort, EndsAtOnceWithAnyOtherError) {
   EXPECT_TRUE(log.Contains(test::RandomBindFailed(WSAEACCES) + Number(s))) << log.Text();
 }
 
-SCENARIO(BindRandomPort, AHandleThatIsNoSocketIsAnyOtherError) {
+SCENARIO(BindRandomPort, AnInvalidSocketEndsItAtOnce) {
   test::LogCapture log(5);
   EXPECT_FALSE(BindRandomPort(12345, false, nullptr, true));
   EXPECT_TRUE(log.Contains(test::RandomBindFailed(WSAENOTSOCK) + "socket=12345")) << log.Text();
@@ -124,7 +124,7 @@ SCENARIO(CreateTcpSocketAndBind, WhatItAcceptsHoldsNoSmallPieceBack) {
   EXPECT_EQ(NoDelayOf(accepted), 1);
 }
 
-SCENARIO(CreateTcpSocketAndBind, WorksOverAProviderThatKnowsNoSuchOption) {
+SCENARIO(CreateTcpSocketAndBind, WorksWithAProviderWithoutTheOption) {
   port::FailCall("setsockopt", 1, WSAENOPROTOOPT);
   SOCKET s = INVALID_SOCKET;
   EXPECT_TRUE(CreateTcpSocketAndBind(&s, nullptr));
@@ -135,7 +135,7 @@ SCENARIO(CreateTcpSocketAndBind, TakesNullForBoth) {
   EXPECT_TRUE(CreateTcpSocketAndBind(nullptr, nullptr));
 }
 
-SCENARIO(CreateTcpSocketAndBind, SaysWhyThereIsNoSocket) {
+SCENARIO(CreateTcpSocketAndBind, LogsWhyThereIsNoSocket) {
   test::LogCapture log(5);
   port::FailCall("socket", 1, WSAEMFILE);
   SOCKET s = 7;
@@ -155,7 +155,7 @@ SCENARIO(CreateTcpSocketAndBind, LeavesTheSocketOpenWhenTheBindFails) {
   EXPECT_EQ(port::CallCount("ioctlsocket"), 0u);
 }
 
-SCENARIO(CreateTcpSocketAndBind, GivesUpAfterTwentyPortsThatAreKeptForOthers) {
+SCENARIO(CreateTcpSocketAndBind, GivesUpAfterTwentyReservedPorts) {
   port::FailCall("bind", 0, WSAEACCES);
   SOCKET s = 7;
   EXPECT_FALSE(CreateTcpSocketAndBind(&s, nullptr));
@@ -198,7 +198,7 @@ SCENARIO(CreateNonBlockTcpSocket, HoldsNoSmallPieceBack) {
   EXPECT_EQ(NoDelayOf(s), 1);
 }
 
-SCENARIO(CreateNonBlockTcpSocket, WorksOverAProviderThatKnowsNoSuchOption) {
+SCENARIO(CreateNonBlockTcpSocket, WorksWithAProviderWithoutTheOption) {
   test::LogCapture log(0);
   SOCKET s = INVALID_SOCKET;
   port::FailCall("setsockopt", 1, WSAENOPROTOOPT);
@@ -207,7 +207,7 @@ SCENARIO(CreateNonBlockTcpSocket, WorksOverAProviderThatKnowsNoSuchOption) {
   EXPECT_EQ(log.Text(), "");
 }
 
-SCENARIO(CreateNonBlockTcpSocket, SaysWhyItFailsAndKeepsNothing) {
+SCENARIO(CreateNonBlockTcpSocket, LogsWhyItFailsAndKeepsNothing) {
   test::LogCapture log(5);
   SOCKET s = 7;
   port::FailCall("socket", 1, WSAENOBUFS);
@@ -237,7 +237,7 @@ SCENARIO(AdjustSocketBuff, SetsBothBuffersAndTellsWhatTheyWere) {
                            std::to_string(recv_before) + ", new recv_buf=70000, " + Number(s)));
 }
 
-SCENARIO(AdjustSocketBuff, OneSizeOfZeroLeavesBothBuffersAlone) {
+SCENARIO(AdjustSocketBuff, OneSizeOfZeroLeavesBothBuffersUnchanged) {
   test::LogCapture log(0);
   const SOCKET s = sim_test::Udp();
   port::CountCalls();

@@ -38,7 +38,7 @@ SCENARIO(Startup, GameIsPreparedOnceAndHookedForEachProtocol) {
   EXPECT_EQ(game.TraceCount("process path is C:\\Games\\Dawn\\dawn.exe\n"), 1);
 }
 
-SCENARIO(Startup, GameKnowsItselfAndHasALogFile) {
+SCENARIO(Startup, GameHasItsProcessInfoAndALogFile) {
   GameProcess game;
   game.ListAsGame();
   game.Start(6);
@@ -51,7 +51,7 @@ SCENARIO(Startup, GameKnowsItselfAndHasALogFile) {
   EXPECT_FALSE(GetHookFlags().speed_tester_mode);
 }
 
-SCENARIO(Startup, AnyOtherProcessGetsTheNextProvidersOwnTable) {
+SCENARIO(Startup, AnyOtherProcessGetsTheNextProvidersTable) {
   GameProcess process;
   EXPECT_EQ(process.Start(6), 0);
   EXPECT_TRUE(process.GotBaseTable());
@@ -118,23 +118,23 @@ void ExpectNotHooked(const std::wstring& path, const std::string& command_line) 
   EXPECT_EQ(GetAccConfig()->net_mode, 0u);
 }
 
-SCENARIO(Startup, NetProbeWithABlankBehindTestIsRefused) {
+SCENARIO(Startup, NetProbeWithASpaceAfterTestIsRefused) {
   ExpectNotHooked(L"C:\\tools\\net_probe.exe", "net_probe.exe -test ");
 }
 SCENARIO(Startup, NetProbeWithAShortCommandLineIsRefused) {
   ExpectNotHooked(L"C:\\tools\\net_probe.exe", "test");
 }
-SCENARIO(Startup, NetProbeWithoutTheWordIsRefused) {
+SCENARIO(Startup, NetProbeWithoutTestIsRefused) {
   ExpectNotHooked(L"C:\\tools\\net_probe.exe", "net_probe.exe --test-all");
 }
-SCENARIO(Startup, AnotherProgramWithTheWordIsRefused) {
+SCENARIO(Startup, AnotherProgramWithTestIsRefused) {
   ExpectNotHooked(L"C:\\tools\\net_probe2.exe", "net_probe2.exe -test");
 }
 SCENARIO(Startup, ALongerNameThanSpeedTesterIsRefused) {
   ExpectNotHooked(L"C:\\tools\\MySpeedTester.exe", "");
 }
 
-SCENARIO(Startup, ASecondCopyOfTheLibraryStaysOut) {
+SCENARIO(Startup, ASecondCopyOfTheLibraryHooksNothing) {
   GameProcess game;
   game.ListAsGame();
   const HANDLE first_copy =
@@ -171,7 +171,7 @@ SCENARIO(Startup, TheGateMutexStaysToTheEndOfTheProcess) {
 }
 
 // The next provider's own start belongs to ours, however long it takes.
-SCENARIO(Startup, OneStartWaitsForAnother) {
+SCENARIO(Startup, StartsRunOneAfterTheOther) {
   GameProcess game;
   game.LayerOverForeign();
   test::Foreign().start_takes_ms = 500;
@@ -209,7 +209,7 @@ SCENARIO(Startup, WithoutProtocolInfoItFailsAfterPreparing) {
   EXPECT_TRUE(game.GotHookedTable());
 }
 
-SCENARIO(Startup, NullPlacesForTheAnswerAreHarmless) {
+SCENARIO(Startup, NullOutPointersAreHarmless) {
   GameProcess game;
   game.ListAsGame();
   WSAPROTOCOL_INFOW tcp = game.Layered(6);
@@ -217,13 +217,13 @@ SCENARIO(Startup, NullPlacesForTheAnswerAreHarmless) {
   EXPECT_NE(GetProcessInfo().tcp_proc_table.lpWSPSocket, nullptr);
 }
 
-SCENARIO(Startup, NullPlacesForTheAnswerAreHarmlessUnhookedToo) {
+SCENARIO(Startup, NullOutPointersAreHarmlessWithoutHooks) {
   GameProcess process;
   WSAPROTOCOL_INFOW tcp = process.Layered(6);
   EXPECT_EQ(WSPStartup(MAKEWORD(2, 2), nullptr, &tcp, process.upcalls, nullptr), 0);
 }
 
-SCENARIO(Startup, GuidIsThisProvidersOwn) {
+SCENARIO(Startup, GuidIsThatOfThisProvider) {
   GUID guid{};
   GetLspGuid(&guid);
   const GUID expected = {

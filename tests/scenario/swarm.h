@@ -1,5 +1,5 @@
-// Shared by the worlds of random games, nodes and faults: how many there are, their random draws,
-// and whether the relay has released everything.
+// What the swarms share: the number of their worlds, their random draws, and the check that the
+// relay has released everything.
 #pragma once
 #include "tests/scenario/sim_sockets.h"
 //
@@ -12,13 +12,13 @@
 
 namespace swarm_test {
 
-// How many worlds a run has; VYR_SWARM_SEEDS=5000 sets another number.
+// The number of worlds in a run; VYR_SWARM_SEEDS=5000 sets another one.
 inline unsigned SwarmSeeds(unsigned usual) {
   const char* const wanted = std::getenv("VYR_SWARM_SEEDS");
   return wanted != nullptr ? static_cast<unsigned>(std::strtoul(wanted, nullptr, 10)) : usual;
 }
 
-// After its beginning, text in which a misplaced byte would show.
+// A text with that beginning in which a misplaced byte can be detected.
 inline std::string Noise(const std::string& begin, uint64_t seed, size_t size) {
   sim::Random random(seed);
   std::string text = begin;
@@ -27,7 +27,7 @@ inline std::string Noise(const std::string& begin, uint64_t seed, size_t size) {
   return text;
 }
 
-// The draws of one world, which its seed decides, in a fixture that has a game, two nodes and a
+// The random draws of one world, decided by its seed, for a fixture with a game, two nodes and a
 // game server.
 template <class World>
 class Swarm : public World {
@@ -41,7 +41,7 @@ class Swarm : public World {
     return of[Below(kCount)];
   }
 
-  // Every link, each with its own drawn properties.
+  // Sets each link to properties of its own from `draw`.
   void SetAllLinks(const std::function<sim::LinkOptions()>& draw) {
     sim::Host& home = this->world.home().host;
     for (sim::Host* host : {&this->a_host, &this->b_host, &this->server_host})
@@ -54,7 +54,7 @@ class Swarm : public World {
     return *Any(hosts);
   }
 
-  // The open sockets of the game and its relay.
+  // The number of open sockets of the game and its relay.
   size_t HomeSockets() const { return this->world.sockets().CountOf(this->world.home()); }
 };
 

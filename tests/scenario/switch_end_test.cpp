@@ -122,7 +122,7 @@ SCENARIO_F(SwitchEnd, AfterItHasFailed) {
   ExpectNothingLeft();
 }
 
-SCENARIO_F(SwitchEnd, WhileTheRelayStopsNobodyIsTold) {
+SCENARIO_F(SwitchEnd, WhileTheRelayStopsNoNodeIsNotified) {
   for (int stage = 0; stage < 4; ++stage) {
     if (stage != 0) {
       stopping = false;
@@ -146,7 +146,7 @@ SCENARIO_F(SwitchEnd, WhileTheRelayStopsNobodyIsTold) {
 // --- after a hand-over -------------------------------------------------------------------------
 
 // The game knows one port, whichever socket faces the node.
-SCENARIO_F(SwitchEnd, AnAnswerThatWaitsForRoomStillLeavesFromTheGamesPort) {
+SCENARIO_F(SwitchEnd, ABlockedAnswerIsStillSentFromTheGamesPort) {
   IsCarried();
   IsTakenOver();
   EXPECT_EQ(GameGets(), "proof");

@@ -65,7 +65,7 @@ class SwitchFlow : public UdpWorld {
   int sent = 0, answered = 0;
 };
 
-SCENARIO_F(SwitchFlow, IsReportedWithWhatLedToIt) {
+SCENARIO_F(SwitchFlow, IsReportedWithItsCause) {
   test::ReportClient client;
   Begins();
   ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); })) << log_text();
@@ -91,14 +91,14 @@ SCENARIO_F(SwitchFlow, IsReportedWithWhatLedToIt) {
 }
 
 // What a flow may be moved to is kept with it from its beginning.
-SCENARIO_F(SwitchFlow, FindsANodeThatTheTablesHaveForgotten) {
+SCENARIO_F(SwitchFlow, FindsANodeThatIsNoLongerInTheTables) {
   Begins();
   routes.Publish(*std::make_unique<moru_vyr::lsp::RouteTableImage>());
   ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); })) << log_text();
   GameCloses();
 }
 
-SCENARIO_F(SwitchFlow, GoesBackToANodeThatIsWellAgain) {
+SCENARIO_F(SwitchFlow, ReturnsToANodeThatHasRecovered) {
   Begins();
   ASSERT_TRUE(DiesUntil([&] { return !Heard("B").empty(); }));
   a.ComesBack();

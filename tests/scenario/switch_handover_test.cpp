@@ -26,7 +26,7 @@ SCENARIO_F(SwitchHandOver, OneRunsAtATime) {
   EXPECT_FALSE(b.IsAsked()) << "asked once";
 }
 
-SCENARIO_F(SwitchHandOver, OneThatHasEndedMakesWayAtOnce) {
+SCENARIO_F(SwitchHandOver, AnEndedTrialIsReplacedAtOnce) {
   IsCarried();
   port::FailCall("sendto", 1, WSAENETUNREACH);
   ASSERT_TRUE(Fires());
@@ -76,7 +76,7 @@ SCENARIO_F(SwitchHandOver, ASecondSwitchLeavesTheSocketInBetweenOpen) {
 }
 
 // The game sends to one port and receives from it, however often the node changes behind it.
-SCENARIO_F(SwitchHandOver, TheGamesPortStaysThroughAnyNumber) {
+SCENARIO_F(SwitchHandOver, TheGamesPortStaysTheSameThroughAnyNumber) {
   IsCarried();
   sockaddr_in relay = {};
   ASSERT_TRUE(session->GetRelayAddr(&relay));
@@ -138,7 +138,7 @@ SCENARIO_F(SwitchHandOver, AnErrorOfReceivingIsBookedOnTheSocketThatHadIt) {
 
 // --- datagrams that wait for room --------------------------------------------------------------
 
-SCENARIO_F(SwitchHandOver, WhatWaitsForRoomAtTheNewNodeMovesWithItsSocket) {
+SCENARIO_F(SwitchHandOver, BlockedDatagramsForTheNewNodeMoveWithItsSocket) {
   IsCarried();
   IsVerified();
   port::FailCall("sendto", 2, WSAEWOULDBLOCK);  // the game's own is the first
@@ -187,7 +187,7 @@ SCENARIO_F(SwitchHandOver, WhatWaitedAtTheOldSocketLeavesBeforeWhatWaitedAtTheNe
   EXPECT_EQ(b.TakenData(), "question");
 }
 
-SCENARIO_F(SwitchHandOver, WhatWaitedForRoomAtTheOldNodeLeavesAsTheNewOneIsVerified) {
+SCENARIO_F(SwitchHandOver, BlockedDatagramsForTheOldNodeAreSentWhenTheNewOneIsVerified) {
   IsCarried();
   IsVerifying();
   port::FailCall("sendto", 2, WSAEWOULDBLOCK);

@@ -52,7 +52,7 @@ SCENARIO_F(SwitchTrial, WithoutAnotherNodeItEndsAtOnce) {
   ExpectOver(SwitchResult::kNoRoute);
 }
 
-SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNowhereToGo) {
+SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNoCandidate) {
   ScriptedNode::Answer first_version;
   first_version.version = 1;
   IsCarried(first_version);
@@ -60,7 +60,7 @@ SCENARIO_F(SwitchTrial, AnAnswerOfTheFirstVersionLeavesNowhereToGo) {
   EXPECT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
 }
 
-SCENARIO_F(SwitchTrial, ARequestThatCannotLeaveEndsIt) {
+SCENARIO_F(SwitchTrial, ARequestThatCannotBeSentEndsIt) {
   IsCarried();
   port::FailCall("sendto", 1, WSAENETUNREACH);
   EXPECT_TRUE(Fires());
@@ -106,7 +106,7 @@ SCENARIO_F(SwitchTrial, ASocketThatStaysBlockingIsUsed) {
   EXPECT_NE(TrialSocket(), INVALID_SOCKET);
 }
 
-SCENARIO_F(SwitchTrial, ItsSocketHasBuffersOfItsOwn) {
+SCENARIO_F(SwitchTrial, ItsSocketHasItsOwnBufferSizes) {
   IsCarried();
   ASSERT_TRUE(Fires());
   for (const int option : {SO_SNDBUF, SO_RCVBUF}) {
@@ -163,7 +163,7 @@ SCENARIO_F(SwitchTrial, AnAnswerAtTheLastMomentCounts) {
       << log->Text();
 }
 
-SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherTry) {
+SCENARIO_F(SwitchTrial, ARefusalEndsItWithoutAnotherAttempt) {
   test::ReportClient client;
   GetTracker().Init();
   IsCarried();
@@ -208,7 +208,7 @@ SCENARIO_F(SwitchTrial, AFlowThatIsRefusedAtOnceIsReportedWithAMillisecond) {
   EXPECT_EQ(test::Value(client.failures->slots[0].elapsed_ms), 1u);
 }
 
-SCENARIO_F(SwitchTrial, AnAnswerThatIsNoneEndsIt) {
+SCENARIO_F(SwitchTrial, AnInvalidAnswerEndsIt) {
   IsCarried();
   ASSERT_TRUE(Fires());
   ASSERT_TRUE(b.IsAsked());
@@ -269,7 +269,7 @@ SCENARIO_F(ForcedTrial, TakesANodeOfAnotherProvider) {
   EXPECT_TRUE(Logged(test::kTrialAgreed));
 }
 
-SCENARIO_F(SwitchTrial, HearsOnlyItsNode) {
+SCENARIO_F(SwitchTrial, AcceptsDatagramsOfItsNodeOnly) {
   IsCarried();
   ASSERT_TRUE(Fires());
   ASSERT_TRUE(b.IsAsked());
@@ -420,7 +420,7 @@ SCENARIO_F(SwitchTrial, AVerifiedNodeCarriesWhatTheGameSendsAndTheOldOneWhatItGe
   EXPECT_EQ(Results(), Outcomes{});
 }
 
-SCENARIO_F(SwitchTrial, ADatagramTooLongToWrapGoesPastAVerifiedNodeToo) {
+SCENARIO_F(SwitchTrial, ADatagramTooLongToWrapAlsoBypassesAVerifiedNode) {
   IsCarried();
   IsVerified();
   GameSends(Pattern(2029));
@@ -581,7 +581,7 @@ SCENARIO_F(SwitchTrial, DataWhileASecondOneIsVerifiedHandsOverTheLinkBefore) {
   EXPECT_EQ(b.TakenData(), "on") << "over A's socket to B's address";
 }
 
-SCENARIO_F(SwitchTrial, GameTrafficThatIsBarredIsStillMovedByData) {
+SCENARIO_F(SwitchTrial, BarredGameTrafficStillMovesWithData) {
   config.game_link_switch_open = 0;
   IsCarried();
   IsVerifying();

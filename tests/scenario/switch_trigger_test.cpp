@@ -75,7 +75,7 @@ class SwitchTrigger : public SwitchWorld {
   int probes_ = 0;
 };
 
-SCENARIO_F(SwitchTrigger, AHealthyLinkIsProbedSeldomAndNeverTested) {
+SCENARIO_F(SwitchTrigger, AHealthyLinkIsProbedRarelyAndHasNoBurst) {
   IsCarried();
   Plays(60'000);
   EXPECT_EQ(Triggers(), "");
@@ -98,7 +98,7 @@ SCENARIO_F(SwitchTrigger, AQuietGameIsNotADeadLink) {
   EXPECT_LE(probes_, 60) << "no burst";
 }
 
-SCENARIO_F(SwitchTrigger, NothingForAWindowIsADeadLink) {
+SCENARIO_F(SwitchTrigger, SilenceForAWindowIsADeadLink) {
   config.ignore_high_freq_test_time = 3600;  // no burst: the request shows only in the log
   IsCarried();
   Plays(10'000);
@@ -118,7 +118,7 @@ SCENARIO_F(SwitchTrigger, NothingForAWindowIsADeadLink) {
 
 // Kept: combined with the last reported loss of the way up, the code for "nothing expected" becomes
 // another code, which counts as no loss. Then the probes alone show it, over the longer window.
-SCENARIO_F(SwitchTrigger, ANodeThatDiesAfterItReportedLossIsNoticedByItsProbesAlone) {
+SCENARIO_F(SwitchTrigger, ANodeThatDiesAfterItReportedLossIsNoticedByProbesOnly) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   Traffic lossy;
@@ -146,7 +146,7 @@ SCENARIO_F(SwitchTrigger, LossOverTheShortWindow) {
   EXPECT_LE(Count(kLong), 1) << "while the short window still held no more than a little";
 }
 
-SCENARIO_F(SwitchTrigger, LossOfTheWayUpAsTheNodeSaysIt) {
+SCENARIO_F(SwitchTrigger, LossOfTheUploadAsTheNodeReportsIt) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   Traffic lossy;
@@ -213,7 +213,7 @@ SCENARIO_F(SwitchTrigger, LossOverTheLongWindow) {
   EXPECT_EQ(Count(kDead) + Count(kShort) + Count(kRoute), 0);
 }
 
-SCENARIO_F(SwitchTrigger, LossBelowBothThresholdsIsLeftAlone) {
+SCENARIO_F(SwitchTrigger, LossBelowBothThresholdsHasNoEffect) {
   config.data_link_short_cycle_lost = 30;
   config.data_link_long_cycle_lost = 30;
   IsCarried();
@@ -224,7 +224,7 @@ SCENARIO_F(SwitchTrigger, LossBelowBothThresholdsIsLeftAlone) {
 }
 
 // A game that sends little: then lost probes decide.
-SCENARIO_F(SwitchTrigger, LossOfProbesWhereTheGameIsQuiet) {
+SCENARIO_F(SwitchTrigger, LossOfProbesCountsIfTheGameIsQuiet) {
   config.ignore_high_freq_test_time = 3600;
   config.data_link_long_cycle_pkg = 1000;
   IsCarried();
@@ -246,7 +246,7 @@ SCENARIO_F(SwitchTrigger, LossOfProbesFromItsThresholdOn) {
   EXPECT_GE(Count(kRoute), 2);
 }
 
-SCENARIO_F(SwitchTrigger, LossOfProbesIsNoMatterWhereTheGamePlays) {
+SCENARIO_F(SwitchTrigger, LossOfProbesDoesNotCountWhileTheGamePlays) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   Traffic lossy;
@@ -291,7 +291,7 @@ SCENARIO_F(SwitchTrigger, ADeadLinkEndsInATrialOfAnotherNode) {
 
 // The trial of a node that never sends data has no end, and bars every other: reports go on, and
 // say that a switch was wanted. Such an attempt is not counted and sets no clock.
-SCENARIO_F(SwitchTrigger, ATrialThatDoesNotEndLeavesReportsOfWantedSwitches) {
+SCENARIO_F(SwitchTrigger, DuringAnEndlessTrialRequestedSwitchesAreOnlyReported) {
   IsCarried();
   Plays(10'000);
   Traffic dead;
@@ -354,7 +354,7 @@ SCENARIO_F(SwitchTrigger, ATrialWithoutAnotherNodeCountsAsASwitch) {
 }
 
 // If data is lost and probes are not, bursts would never stop.
-SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
+SCENARIO_F(SwitchTrigger, TooManyFruitlessBurstsStartAWatchPeriod) {
   config.max_high_freq_test_count = 3;
   config.watching_time_span = 20;
   IsCarried();
@@ -374,7 +374,7 @@ SCENARIO_F(SwitchTrigger, TooManyBurstsThatFindNothingBeginAWatch) {
 }
 
 // Nothing is evaluated any more once all reports have been made: a link in trouble stays.
-SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
+SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsChecked) {
   config.switch_open = 0;
   config.max_link_except_rep_num = 1;
   IsCarried();
@@ -390,7 +390,7 @@ SCENARIO_F(SwitchTrigger, AfterTheLastReportNothingIsLookedAt) {
 }
 
 // Each evaluation leaves its figures with the Tracker.
-SCENARIO_F(SwitchTrigger, TheLooksStartAgainWithALink) {
+SCENARIO_F(SwitchTrigger, TheIntervalOfChecksRestartsWithANewLink) {
   config.ignore_high_freq_test_time = 3600;
   IsCarried();
   IsVerified();
@@ -407,7 +407,7 @@ SCENARIO_F(SwitchTrigger, TheLooksStartAgainWithALink) {
   EXPECT_EQ(Count(test::kSwitchFigures), before + 1);
 }
 
-SCENARIO_F(SwitchTrigger, ALinkThatIsNotMeasuredIsNotLookedAt) {
+SCENARIO_F(SwitchTrigger, ALinkThatIsNotMeasuredIsNotChecked) {
   image.proxies[0].flag = 4;
   IsCarried();
   Traffic dead;

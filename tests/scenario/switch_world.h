@@ -1,8 +1,8 @@
-// A relayed datagram flow without its worker: the session with its real sockets; the test takes the
-// place of the loop, the nodes and the game, step by step. So a test decides what is in which queue
-// when the next thing happens.
+// A relayed datagram flow without its worker: the session and its sockets are the real ones, and
+// the test acts as the loop, the nodes and the game, step by step. So a test decides what each
+// queue contains at each step.
 //
-// Everything is on the director's thread and on one host.
+// Everything runs on the director's thread and on one host.
 #pragma once
 #include "tests/scenario/sim_sockets.h"
 //
@@ -51,11 +51,11 @@ inline constexpr char kForcedServer[] = "198.51.100.12";
 inline constexpr int kServerPort = 27015;
 inline constexpr u32 kToken = 77;
 inline constexpr u16 kLastNode = 61;
-inline constexpr int kGameBuffer = 32768;  // bytes, of the game's socket
+inline constexpr int kGameBuffer = 32768;  // of the game's socket, in bytes
 
 using Outcomes = std::vector<SwitchResult>;
 
-// One pass calls every socket with something to read, then those that have asked for room.
+// One pass calls every socket that is readable, then those that wait until they are writable.
 class Loop : public IRelaySocketMgr {
  public:
   u32 AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept override {
@@ -76,48 +76,50 @@ class Loop : public IRelaySocketMgr {
   u32 tokens_ = 0;
 };
 
-// A datagram of a flow as it came to a node.
+// A datagram of a flow as a node receives it.
 struct Wrapped {
   u8 flags = 0, lost = 0;
   u32 seq = 0, accl_token = 0;
-  std::string payload;  // of data
+  std::string payload;  // of a data datagram
   bool IsData() const { return flags == 0; }
   bool IsEnd() const { return flags == 4; }
   bool IsProbe() const { return flags == 8; }
 };
 
-// A node that sends only what the test says. Ports: negotiation, data, and one that is neither.
+// A node that sends only what the test tells it to. It has ports for negotiation and data, and one
+// for neither.
 class ScriptedNode {
  public:
   explicit ScriptedNode(int port, u32 accl_token);
 
-  // The fields in which an answer may differ from a good one.
+  // The fields that a test may set in an answer.
   struct Answer {
     u8 result = 0;
     u32 version = 3;
     u32 isp = 1;
     u16 last_node = kLastNode;
-    int data_port = 0;  // 0: the node's own
+    int data_port = 0;  // 0: the node's data port
   };
-  // Whether there was a request; it is in `request` then.
+  // Whether there was a request, which is then in `request`.
   bool IsAsked();
   void Answers(const Answer& with);
   void Answers() { Answers(Answer{}); }
   void AnswersFromTheWrongPort();
   void AnswersBytes(const std::string& bytes);
 
-  // Everything that has come to the data port since the last call; probes are kept to be answered.
+  // Everything that has arrived at the data port since the last call. Probes are kept for
+  // AnswersProbes.
   std::vector<Wrapped> Takes();
-  std::string TakenData();                   // of these, the data, "one two"
-  int TakenEnds();                           // of these, the end messages
+  std::string TakenData();                   // the data among these, "one two"
+  int TakenEnds();                           // the end messages among these
   void AnswersProbes(u8 relay_idx = 0);      // those taken since the last time
-  void ForgetsProbes() { probes_.clear(); }  // they get no answer then
-  void SendsData(const std::string& text, u32 seq = 0, u8 lost = 101);  // 0: the next number
+  void ForgetsProbes() { probes_.clear(); }  // leaves them unanswered
+  void SendsData(const std::string& text, u32 seq = 0, u8 lost = 101);  // seq 0: the next number
   void SendsRaw(const std::string& bytes) { Send(data_, bytes, peer_); }
   void SendsDataFromTheWrongPort(const std::string& text);
   // The sender of the last datagram to the data port; before the first one, of the request.
   std::string DataBytes(const std::string& text, u32 seq, u8 lost) const;
-  // The answer of a lone relay to a probe that left that long ago.
+  // The answer of a single relay to a probe that was sent that long ago.
   std::string LateProbeAnswer(u32 seq, u32 delay_ms) const;
 
   NegoRequest request;
@@ -139,18 +141,19 @@ class SwitchWorld : public sim::ScenarioTest {
   explicit SwitchWorld(const char* server_ip = kServer);
   ~SwitchWorld() override;
 
-  // Installs the configuration and the tables, and makes the flow, which asks node A.
+  // Installs the configuration and the tables, and creates the flow, which sends a request to node
+  // A.
   void Begins();
-  // …and is carried by A.
+  // The same, and A accepts and carries the flow.
   void IsCarried(const ScriptedNode::Answer& with);
   void IsCarried() { IsCarried(ScriptedNode::Answer{}); }
 
-  // One turn of the worker: the loop, then the timer.
+  // One pass of the worker: the loop, then the timer.
   void Turn(u32 ms = 30);
   void Turns(int count, u32 ms = 30) {
     for (int i = 0; i < count; ++i) Turn(ms);
   }
-  // Turns in which both nodes answer each probe at once, and A echoes data.
+  // Passes in which both nodes answer each probe at once, and A echoes data.
   void HealthyTurns(int count, u32 ms = 30);
 
   // --- the game ---
@@ -158,20 +161,20 @@ class SwitchWorld : public sim::ScenarioTest {
   std::string GameGets();  // "one two"
 
   // --- a switch ---
-  bool Fires();  // asks for a switch as the judge does, with a report of its own
-  UdpSwitchRemoteSession* Trial() const;  // null: none is on the loop
+  bool Fires();  // requests a switch as the judge does, with a report of its own
+  UdpSwitchRemoteSession* Trial() const;  // null: no trial is on the loop
   SOCKET TrialSocket() const;             // INVALID_SOCKET: none
-  // B has answered; the burst runs.
+  // Brings the trial to the point where B has answered and the burst runs.
   void IsVerifying();
-  // B has passed.
+  // … where B has passed the burst.
   void IsVerified();
-  // B carries the flow.
+  // … where B carries the flow.
   void IsTakenOver();
-  // The results that the log has reported so far, in order.
+  // The results in the log so far, in order.
   Outcomes Results() const;
   int Count(const std::string& part) const;
-  // "2 sent, 1 received": what the Tracker has counted on the socket; "nothing", if it does not
-  // watch it.
+  // What the Tracker has counted on the socket, such as "2 sent, 1 received"; "nothing" if it does
+  // not watch it.
   static std::string Counted(SOCKET socket);
   bool Logged(const std::string& part) const { return log->Contains(part); }
 
@@ -187,7 +190,7 @@ class SwitchWorld : public sim::ScenarioTest {
   ScriptedNode a{7001, 0xA1}, b{7002, 0xB2};
   std::unique_ptr<test::LogCapture> log;
   std::unique_ptr<UdpSession> session;
-  UdpRemoteSession* flow = nullptr;  // the session's
+  UdpRemoteSession* flow = nullptr;  // owned by the session
   SOCKET local_sock = INVALID_SOCKET;
 };
 

@@ -55,7 +55,7 @@ SCENARIO_F(TcpAddress, AsMuchOfAnAddressAsThereIsIsRead) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpAddress, AnAddressThatIsNoneGetsThePlatformsAnswer) {
+SCENARIO_F(TcpAddress, AnInvalidAddressGetsThePlatformsError) {
   const std::vector<char> bytes = Bytes(At(kServer, kPort), 16);
   for (const int size : {-1, 0, 1, 2, 4, 6}) {
     SCOPED_TRACE(size);
@@ -72,7 +72,7 @@ SCENARIO_F(TcpAddress, AnAddressThatIsNoneGetsThePlatformsAnswer) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpAddress, AnAddressOfAnotherFamilyGetsThePlatformsAnswer) {
+SCENARIO_F(TcpAddress, AnAddressOfAnotherFamilyGetsThePlatformsError) {
   std::vector<char> bytes(28);
   bytes[0] = kInet6;
   bytes[2] = static_cast<char>(kPort >> 8);
@@ -102,7 +102,7 @@ SCENARIO_F(TcpAddress, AGameThatBindsItselfKeepsItsPort) {
 }
 
 // Games that cannot wait poll whether they are connected.
-SCENARIO_F_SEEDS(TcpAddress, AskingAgainWhetherItIsConnectedHarmsNothing, 20) {
+SCENARIO_F_SEEDS(TcpAddress, ARepeatedConnectDoesNoHarm, 20) {
   const SOCKET s = Tcp();
   NonBlocking(s);
   int error = ConnectTo(s, kServer, kPort);
@@ -118,7 +118,7 @@ SCENARIO_F_SEEDS(TcpAddress, AskingAgainWhetherItIsConnectedHarmsNothing, 20) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpAddress, AnOverlappedConnectIsRelayedAndAnswersTheOtherWayRound) {
+SCENARIO_F(TcpAddress, AnOverlappedConnectIsRelayedAndReturnsTheOppositeResult) {
   const SOCKET s = Tcp();
   const sockaddr_in server = At(kServer, kPort);
   OVERLAPPED overlapped{};
@@ -165,7 +165,7 @@ SCENARIO_F(TcpAddress, AConnectionThatTheRelayRefusesGoesDirect) {
 }
 
 // A session that is never connected to waits for ever, which does no harm.
-SCENARIO_F(TcpAddress, AConnectThatNeverComesLeavesTheOthersAlone) {
+SCENARIO_F(TcpAddress, AMissingConnectDoesNotAffectTheOthers) {
   for (int i = 0; i < 20; ++i) {
     const SOCKET s = Tcp();
     port::FailCall("WSPConnect", 1, WSAENETUNREACH);

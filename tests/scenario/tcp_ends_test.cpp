@@ -60,7 +60,7 @@ class TcpEnds : public TcpWorld {
   }
 };
 
-SCENARIO_F(TcpEnds, AGameThatClosesHasSaidWhatItSaid) {
+SCENARIO_F(TcpEnds, DataOfAGameThatClosesIsDelivered) {
   for (const Moment& moment : kMoments) {
     for (const bool shuts_first : {false, true}) {
       SCOPED_TRACE(moment.what);
@@ -152,7 +152,7 @@ SCENARIO_F_SEEDS(TcpEnds, AServerThatEndsItsHalfEndsTheConnection, 5) {
 }
 
 // A game that sends nothing while its server ends loses nothing.
-SCENARIO_F(TcpEnds, TheLastWordsOfAServerAreWholeWhenTheGameIsSilent) {
+SCENARIO_F(TcpEnds, TheLastDataOfAServerIsCompleteIfTheGameIsSilent) {
   const std::string down = Pattern(200'000);
   for (const bool shuts_only : {false, true}) {
     serve = [&, shuts_only](SOCKET t, Call* call) {

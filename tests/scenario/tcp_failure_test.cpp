@@ -104,7 +104,7 @@ SCENARIO_F(TcpFailure, ARequestThatLeftInPartIsNotNoticed) {
 }
 
 // The last error of an earlier call says nothing about the node.
-SCENARIO_F(TcpFailure, ANodeThatClosesIsRecognisedWhereSuccessKeepsTheLastError) {
+SCENARIO_F(TcpFailure, ANodesCloseIsDetectedIfSuccessKeepsTheLastError) {
   a.Behaves(Closes());
   RunFor(100ms);
   port::SuccessKeepsLastError(true);
@@ -118,7 +118,7 @@ SCENARIO_F(TcpFailure, ANodeThatClosesIsRecognisedWhereSuccessKeepsTheLastError)
 }
 
 // Kept: if the call that sees the end reports that it would block, no other way is tried.
-SCENARIO_F(TcpFailure, ANodeThatClosesIsNotRecognisedWhereItsEndSaysThatItWouldBlock) {
+SCENARIO_F(TcpFailure, ANodesCloseIsMissedIfTheErrorIsWouldBlock) {
   a.Behaves(Closes());
   RunFor(100ms);
   port::SuccessLeavesLastError(WSAEWOULDBLOCK);
@@ -142,7 +142,7 @@ SCENARIO_F(TcpFailure, WithoutASocketForTheFarSideAConnectionWaitsForTheGame) {
   ExpectItWaitsForTheGame(s);
 }
 
-SCENARIO_F(TcpFailure, ASocketThatCannotBeMadeNonBlockingIsNoSocket) {
+SCENARIO_F(TcpFailure, ASocketThatCannotBeMadeNonBlockingIsNotUsed) {
   const SOCKET s = Tcp();
   port::FailCall("ioctlsocket", 1, WSAENOBUFS);
   ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
@@ -279,7 +279,7 @@ SCENARIO_F(TcpFailure, NoSocketForTheServerEither) {
   }
 }
 
-SCENARIO_F(TcpFailure, ARefusalWithNoWayToTheServerEndsTheConnection) {
+SCENARIO_F(TcpFailure, ARefusalWithoutARouteToTheServerEndsTheConnection) {
   a.AnswersWith(9);
   b.AnswersWith(9);
   RunFor(100ms);
@@ -348,8 +348,8 @@ SCENARIO_WITH_(TcpOverfull, WithoutAConnectTheConnectionEndsWhenItsBufferIsFull,
   ExpectAnEndAndAQuietWorker(s);
 }
 
-SCENARIO_WITH_(TcpOverfull, WithoutAWayToTheServerTheConnectionEndsWhenItsBufferIsFull, TcpOverfull,
-               1, QuickSpin()) {
+SCENARIO_WITH_(TcpOverfull, WithoutARouteToTheServerTheConnectionEndsWhenItsBufferIsFull,
+               TcpOverfull, 1, QuickSpin()) {
   for (const char* call : {"socket", "connect"}) {
     SCOPED_TRACE(call);
     BothNodesAreSilent();
@@ -364,7 +364,7 @@ SCENARIO_WITH_(TcpOverfull, WithoutAWayToTheServerTheConnectionEndsWhenItsBuffer
 
 // The buffers' memory comes from the system, which may have none: then the stream waits for it, as
 // it waits for a slow reader.
-SCENARIO_WITH_(TcpOverfull, WithoutMemoryAStreamIsHeldBackAndGoesOnLater, TcpOverfull, 1,
+SCENARIO_WITH_(TcpOverfull, WithoutMemoryAStreamPausesAndContinuesLater, TcpOverfull, 1,
                QuickSpin()) {
   const SOCKET s = Joins(kDirect);
   Sleep(500);

@@ -72,8 +72,7 @@ SCENARIO_WITH_(TcpLimits, AGameThatDoesNotReadHoldsTheServerBack, TcpLimits, 1, 
 }
 
 // Each direction has its own two mebibytes, and neither waits for the other.
-SCENARIO_WITH_(TcpLimits, BothDirectionsAreHeldBackAtOnceAndThenAllArrives, TcpLimits, 1,
-               QuickSpin()) {
+SCENARIO_WITH_(TcpLimits, BackPressureInBothDirectionsLosesNothing, TcpLimits, 1, QuickSpin()) {
   bool reads = false;
   size_t up = 0, down = 0;
   serve = [&](SOCKET t, Call* call) {
@@ -108,7 +107,7 @@ SCENARIO_WITH_(TcpLimits, BothDirectionsAreHeldBackAtOnceAndThenAllArrives, TcpL
 // A server that has closed accepts nothing more, and what the game sends to it is dropped: it must
 // neither block the game for ever nor keep the worker busy. The game still gets what the server
 // sent last.
-SCENARIO_WITH_(TcpLimits, AGameMaySayMuchToAServerThatHasLeft, TcpLimits, 1, QuickSpin()) {
+SCENARIO_WITH_(TcpLimits, AGameCanSendMuchToAClosedServer, TcpLimits, 1, QuickSpin()) {
   const std::string last_words = Pattern(300'000);
   serve = [&](SOCKET t, Call* call) {
     SendAll(t, last_words);
@@ -133,7 +132,7 @@ SCENARIO_WITH_(TcpLimits, AGameMaySayMuchToAServerThatHasLeft, TcpLimits, 1, Qui
 
 // What the game sends before the server is connected is held back as well, and then all of it
 // arrives.
-SCENARIO_WITH_(TcpLimits, EarlyBytesAreHeldBackToo, TcpLimits, 1, QuickSpin()) {
+SCENARIO_WITH_(TcpLimits, BackPressureAlsoLimitsEarlyBytes, TcpLimits, 1, QuickSpin()) {
   a.AnswersAfter(4000);
   RunFor(100ms);
   const SOCKET s = Joins();

@@ -29,7 +29,7 @@ class TcpRoute : public TcpWorld {
   }
 };
 
-SCENARIO_F_SEEDS(TcpRoute, GoesThroughTheNodeThatTheTablesSay, 10) {
+SCENARIO_F_SEEDS(TcpRoute, GoesThroughTheNodeOfTheTables, 10) {
   ExpectTalk();
   EXPECT_EQ(LastCall().from, "A");
   EXPECT_EQ(a.Last("request").Text("game"), "198.51.100.10:27015");
@@ -38,7 +38,7 @@ SCENARIO_F_SEEDS(TcpRoute, GoesThroughTheNodeThatTheTablesSay, 10) {
   EXPECT_EQ(b.Count("accepted"), 0u);
 }
 
-SCENARIO_F(TcpRoute, GoesToTheServerWhereTheTablesSaySo) {
+SCENARIO_F(TcpRoute, GoesDirectIfTheTablesSaySo) {
   for (const char* server : {kDirect, kUnlisted}) {
     ExpectTalk(server);
     EXPECT_EQ(LastCall().from, "game");
@@ -134,7 +134,7 @@ SCENARIO_F(TcpRoute, EveryFailureOfANodeLeadsToTheNextAndThenToTheServer) {
 
 // Each change of node closes a socket and makes one in the same pass of the worker. A reused handle
 // must not inherit the event of the old socket.
-SCENARIO_F_SEEDS(TcpRoute, ValuesThatComeBackAtOnceConfuseNobody, 8) {
+SCENARIO_F_SEEDS(TcpRoute, ReusedSocketHandlesAreNotConfused, 8) {
   world.ReuseSocketHandles(true);
   a.StopsAnswering();
   b.AnswersWith(9);
@@ -143,7 +143,7 @@ SCENARIO_F_SEEDS(TcpRoute, ValuesThatComeBackAtOnceConfuseNobody, 8) {
   EXPECT_EQ(LastCall().from, "game");
 }
 
-SCENARIO_F(TcpRoute, WhereThereIsNoOtherNodeOneFailureLeadsToTheServer) {
+SCENARIO_F(TcpRoute, WithoutAnotherNodeOneFailureLeadsToTheServer) {
   a.AnswersWith(9);
   RunFor(100ms);
   const auto start = world.now();
@@ -173,7 +173,7 @@ SCENARIO_F(TcpRoute, AForcedRouteIgnoresTheClientsProvider) {
   EXPECT_TRUE(Logged("[TCP]" + test::kForcedPastIsp));
 }
 
-SCENARIO_F(TcpRoute, ANodeThatTakesItsTimeIsWaitedFor) {
+SCENARIO_F(TcpRoute, WaitsForASlowNode) {
   a.AnswersAfter(4500);
   RunFor(100ms);
   ExpectTalk();

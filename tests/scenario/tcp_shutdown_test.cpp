@@ -45,7 +45,7 @@ class TcpShutdown : public TcpWorld {
   }
 };
 
-SCENARIO_F(TcpShutdown, WhatAGoneGameHasSaidGetsTwoHundredMilliseconds) {
+SCENARIO_F(TcpShutdown, DataOfAClosedGameHasTwoHundredMilliseconds) {
   const sim::Duration waited = WaitForTheEnd("");
   EXPECT_GE(waited, 195ms);
   EXPECT_LE(waited, 300ms);
@@ -55,12 +55,12 @@ SCENARIO_F(TcpShutdown, WhatAGoneGameHasSaidGetsTwoHundredMilliseconds) {
 
 // Kept: the answer has no receiver, and nothing is left to deliver. 100 ms are the way there and
 // back.
-SCENARIO_F(TcpShutdown, AnAnswerToAGoneGameEndsTheConnectionAtOnce) {
+SCENARIO_F(TcpShutdown, AnAnswerToAClosedGameEndsTheConnectionAtOnce) {
   EXPECT_LE(WaitForTheEnd("and you?"), 150ms);
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpShutdown, AnAnswerToAGoneGameIsDroppedWhileBytesAreOwed) {
+SCENARIO_F(TcpShutdown, AnAnswerToAClosedGameIsDroppedWhileBytesAreOwed) {
   const std::string all = Pattern(300'000);
   serve = [&](SOCKET t, Call* call) {
     Sleep(1000);
@@ -189,7 +189,7 @@ SCENARIO_F(TcpShutdown, AServerThatCannotBeWrittenToIsOwedNothingAndItsGameAll) 
 
 // A server that could not be written to may still send something. Data that comes in the 200 ms
 // before the end, after the game has received everything else, goes to the game too.
-SCENARIO_F(TcpShutdown, WhatAServerSaysInTheLastTwoHundredMillisecondsReachesTheGame) {
+SCENARIO_F(TcpShutdown, DataOfAServerInTheLastTwoHundredMillisecondsReachesTheGame) {
   const std::string all = Pattern(300'000);
   bool speaks = false;
   serve = [&](SOCKET t, Call* call) {
@@ -240,7 +240,7 @@ class TcpBothEnd : public TcpShutdown {
   const std::string all = Pattern(300'000);
 };
 
-SCENARIO_F(TcpBothEnd, AGameThatLeavesAfterItsServerEndsTheConnectionAtOnce) {
+SCENARIO_F(TcpBothEnd, AGameThatClosesAfterItsServerEndsTheConnectionAtOnce) {
   closesocket(ServerLeaves());
   RunFor(100ms);
   EXPECT_EQ(Lines(test::kObsoleteClosed), 1);
@@ -249,7 +249,7 @@ SCENARIO_F(TcpBothEnd, AGameThatLeavesAfterItsServerEndsTheConnectionAtOnce) {
 }
 
 // Kept: also if it only ends its half. What it sent last has no receiver, so nothing is waited for.
-SCENARIO_F(TcpBothEnd, AGameThatEndsItsHalfAfterItsServerHasLeftEndsTheConnectionAtOnce) {
+SCENARIO_F(TcpBothEnd, AGameThatEndsItsHalfAfterItsServerHasClosedEndsTheConnectionAtOnce) {
   const SOCKET s = ServerLeaves();
   shutdown(s, SD_SEND);
   RunFor(100ms);
@@ -259,7 +259,7 @@ SCENARIO_F(TcpBothEnd, AGameThatEndsItsHalfAfterItsServerHasLeftEndsTheConnectio
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpBothEnd, AGameThatBreaksAfterItsServerHasLeftEndsTheConnectionAtOnce) {
+SCENARIO_F(TcpBothEnd, AGameThatResetsAfterItsServerHasClosedEndsTheConnectionAtOnce) {
   const SOCKET s = ServerLeaves();
   port::FailCall("send", 1, WSAECONNRESET);
   std::string got, end;

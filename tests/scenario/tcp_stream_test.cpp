@@ -12,7 +12,7 @@ using node::Behaviour;
 class TcpStream : public TcpWorld {};
 
 // What the game sends before the server is connected.
-SCENARIO_F(TcpStream, EarlyBytesReachWhoeverTakesTheConnection) {
+SCENARIO_F(TcpStream, EarlyBytesReachTheEndpointThatTakesTheConnection) {
   const std::string early = Pattern(300'000);
   for (const char* way : {"A", "B", "game"}) {
     a.Behaves();
@@ -34,7 +34,7 @@ SCENARIO_F(TcpStream, EarlyBytesReachWhoeverTakesTheConnection) {
 }
 
 // The server gets everything that the game sent, and then the end.
-SCENARIO_F_SEEDS(TcpStream, TheGameMayCloseBehindItsLastByte, 4) {
+SCENARIO_F_SEEDS(TcpStream, TheGameCanCloseAfterItsLastByte, 4) {
   const std::string all = Pattern(400'000);
   for (const char* server : {kServer, kDirect}) {
     const SOCKET s = Joins(server);
@@ -52,7 +52,7 @@ SCENARIO_F_SEEDS(TcpStream, TheGameMayCloseBehindItsLastByte, 4) {
   ExpectServesAgain();
 }
 
-SCENARIO_F_SEEDS(TcpStream, TheGameMayEndItsHalfBehindItsLastByte, 4) {
+SCENARIO_F_SEEDS(TcpStream, TheGameCanEndItsHalfAfterItsLastByte, 4) {
   const std::string all = Pattern(400'000);
   serve = [](SOCKET t, Call* call) {
     Sleep(3000);
@@ -70,7 +70,7 @@ SCENARIO_F_SEEDS(TcpStream, TheGameMayEndItsHalfBehindItsLastByte, 4) {
   ExpectServesAgain();
 }
 
-SCENARIO_F_SEEDS(TcpStream, TheServerMayCloseBehindItsLastByte, 4) {
+SCENARIO_F_SEEDS(TcpStream, TheServerCanCloseAfterItsLastByte, 4) {
   const std::string all = Pattern(400'000);
   serve = [&](SOCKET t, Call* call) {
     SendAll(t, all);
@@ -129,7 +129,7 @@ SCENARIO_F(TcpStream, AnUnknownConnectionToTheListenerIsClosed) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpStream, AResetOfTheGameAtAnyMomentLeavesNothingBehind) {
+SCENARIO_F(TcpStream, AResetOfTheGameAtAnyMomentLeaksNothing) {
   sim::LinkOptions slow;
   slow.delay = 20ms;
   world.SetLink(world.home().host, a_host, slow);
@@ -151,7 +151,7 @@ SCENARIO_F(TcpStream, AResetOfTheGameAtAnyMomentLeavesNothingBehind) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(TcpStream, ANodeThatBreaksOffEndsTheConnectionWithoutAWrongByte) {
+SCENARIO_F(TcpStream, ANodeThatResetsEndsTheConnectionWithoutAWrongByte) {
   for (const std::uint32_t bytes : {1u, 5'000u, 100'000u}) {
     a.Behaves().ResetsAfter(bytes);
     RunFor(100ms);

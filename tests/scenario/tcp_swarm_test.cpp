@@ -328,7 +328,7 @@ class TcpCalm : public TcpSwarm {
   }
 };
 
-SCENARIO_F_SEEDS(TcpCalm, EverythingArrivesWhereEverybodyStays, SwarmSeeds(100)) {
+SCENARIO_F_SEEDS(TcpCalm, EverythingArrivesIfNothingFails, SwarmSeeds(100)) {
   SetUpWorld(true);
   for (size_t n = 1 + Below(8); n > 0; --n) {
     Plan& plan = AddPlan({Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutFirst},
@@ -419,7 +419,7 @@ class TcpStorm : public TcpCalm {
   }
 };
 
-SCENARIO_F_SEEDS(TcpStorm, NoByteIsWrongWhateverBreaks, SwarmSeeds(150)) {
+SCENARIO_F_SEEDS(TcpStorm, NoByteIsWrongUnderAnyFault, SwarmSeeds(150)) {
   SetUpWorld(true);
   const Leavings any = {Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutFirst,
                         Manner::kAfterSending, Manner::kByReset};

@@ -21,7 +21,7 @@ class TcpUrgent : public TcpWorld {
   }
 };
 
-SCENARIO_WITH_(TcpUrgent, AGamesUrgentByteIsLostAndTheStreamIsWhole, TcpUrgent, 1, QuickSpin()) {
+SCENARIO_WITH_(TcpUrgent, AGamesUrgentByteIsLostAndTheStreamIsComplete, TcpUrgent, 1, QuickSpin()) {
   for (const char* server : {kServer, kDirect}) {
     const SOCKET s = Joins(server);
     EXPECT_EQ(Talks(s, "before"), "before");
@@ -43,7 +43,8 @@ SCENARIO_WITH_(TcpUrgent, AGamesUrgentByteIsLostAndTheStreamIsWhole, TcpUrgent, 
   ExpectAQuietWorker();
 }
 
-SCENARIO_WITH_(TcpUrgent, AServersUrgentByteIsLostAndTheStreamIsWhole, TcpUrgent, 1, QuickSpin()) {
+SCENARIO_WITH_(TcpUrgent, AServersUrgentByteIsLostAndTheStreamIsComplete, TcpUrgent, 1,
+               QuickSpin()) {
   serve = [](SOCKET t, Call* call) {
     SendText(t, "before");
     SendUrgent(t);

@@ -4,18 +4,17 @@
 //
 #include <list>
 
-
 namespace tcp_test {
 
 using namespace sim_test;      // NOLINT: the verbs of these tests
 using namespace relayed_test;  // NOLINT
 
 inline constexpr char kUnlisted[] = "198.51.100.13";  // not in the tables
-inline constexpr char kAlone[] = "198.51.100.14";     // through A, or else none
+inline constexpr char kAlone[] = "198.51.100.14";     // through A, or else through no node
 inline constexpr int kNobodysPort = 27016;
 
-// For scenarios in which the worker polls without a pause: polls then take little time, and
-// other threads get their turn.
+// For scenarios in which the worker polls without a pause: the clock advances after a few polls, so
+// other threads can run.
 inline sim::Options QuickSpin() {
   sim::Options options;
   options.preempt_percent = 10;
@@ -24,21 +23,21 @@ inline sim::Options QuickSpin() {
 }
 
 inline constexpr unsigned kQuietSelects =
-    160;  // in a second: 50 each of the relay and two nodes, and some
+    160;  // in a second: 50 each for the relay and the two nodes, and a margin
 
 // A connection as the game server sees it.
 struct Call {
   std::string from;  // "A", "B", "game"
-  std::string got;   // every byte so far
-  std::string end;   // once it has ended: "closed", or "error N"
+  std::string got;   // all bytes so far
+  std::string end;   // "closed" or "error N" once it has ended
   bool over() const { return !end.empty(); }
 };
 
-// Sends all of it; how much was taken before the connection failed.
+// Sends all of the text. Returns how much was accepted before the connection failed.
 size_t SendAll(SOCKET s, const std::string& text);
-// Appends that many bytes to *got; false, with *end set, if the stream ends before.
+// Appends that many bytes to *got. False, with *end set, if the stream ends before that.
 bool Collect(SOCKET s, size_t size, std::string* got, std::string* end);
-// To the end of the stream; "closed" or "error N".
+// Reads to the end of the stream. Returns "closed" or "error N".
 std::string CollectAll(SOCKET s, std::string* got);
 void Echo(SOCKET s, Call* call);
 
@@ -46,17 +45,17 @@ class TcpWorld : public sim::ScenarioTest {
  protected:
   using Configure = std::function<void(moru_vyr::lsp::AccConfigRecord*)>;
 
-  // The game's own path, if it matters, and other fields of its record. `mended` are the bits of
-  // the client's MendingRecord; without one it has no such region.
+  // `path` is the game's path, if it matters; `configure` changes other fields of its record;
+  // `mended` are the bits of the client's MendingRecord, without which there is no such region.
   explicit TcpWorld(const std::wstring& path = L"", const Configure& configure = nullptr,
                     moru_vyr::lsp::u32 mended = 0);
 
   // --- the game ---
-  // Connected, or INVALID_SOCKET.
+  // A connected socket, or INVALID_SOCKET.
   SOCKET Joins(const char* server = kServer, int port = kPort);
-  // The echo of what was sent, as far as it comes.
+  // Sends the text and returns its echo, as far as it arrives.
   std::string Talks(SOCKET s, const std::string& text);
-  // Another thread of the game's.
+  // Starts another thread of the game.
   void GameThread(std::function<void()> body);
   bool RunToTheEnd(sim::Duration most = std::chrono::minutes(20)) {
     return RunUntil([this] { return running_ == 0; }, most);
@@ -66,9 +65,9 @@ class TcpWorld : public sim::ScenarioTest {
   Call& LastCall() { return calls.back(); }
   bool Logged(const std::string& part) const { return log_->Contains(part); }
   std::string log_text() const { return log_->Text(); }
-  // Both nodes have seen the end of every connection that they accepted.
+  // Whether both nodes have seen the end of every connection that they accepted.
   bool NodesAreFree() const;
-  // Waits until everything is over, and checks that a new connection works.
+  // Waits until all connections have ended, and checks that a new one works.
   void ExpectServesAgain();
 
   test::ClientRegion<moru_vyr::lsp::IpTableRegion> ips{moru_vyr::lsp::kIpTableRegionName};
@@ -80,7 +79,8 @@ class TcpWorld : public sim::ScenarioTest {
   node::SimNode a{world, a_host, 7001};
   node::SimNode b{world, b_host, 7002};
 
-  // What the game server does with a connection, in a thread of its own, before it closes it.
+  // What the game server does with a connection, in a thread of its own, before it closes the
+  // connection.
   std::function<void(SOCKET, Call*)> serve = Echo;
   std::list<Call> calls;
 

@@ -38,7 +38,7 @@ u32 TokenOf(SOCKET s) {
 
 class StreamsAtTheWrap : public tcp_test::TcpWorld {};
 
-SCENARIO_F(StreamsAtTheWrap, AreRelayedUnderEveryNumber) {
+SCENARIO_F(StreamsAtTheWrap, AreRelayedAtEveryTickCount) {
   for (const u32 last : {0xFFFFFFFDu, 0xFFFFFFFEu, 0xFFFFFFFFu, 0u}) {
     SetLastToken(GetRelayMgr(), last);
     const SOCKET s = Joins();
@@ -56,7 +56,7 @@ SCENARIO_F(StreamsAtTheWrap, AreRelayedUnderEveryNumber) {
 
 class DatagramsAtTheWrap : public udp_test::UdpSpiedWorld {};
 
-SCENARIO_F(DatagramsAtTheWrap, AreRelayedUnderEveryNumber) {
+SCENARIO_F(DatagramsAtTheWrap, AreRelayedAtEveryTickCount) {
   Starts();
   std::vector<SOCKET> all;
   SetLastToken(GetRelayMgr(), 0xFFFFFFFE);

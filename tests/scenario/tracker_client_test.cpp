@@ -79,7 +79,7 @@ class TrackerClient : public sim::ScenarioTest {
 
 // --- clients that hold a mutex ----------------------------------------------------------------
 
-SCENARIO_F(TrackerClient, ClientThatDiesWithAMutexHandsItOver) {
+SCENARIO_F(TrackerClient, MutexOfADeadClientIsTakenOver) {
   sim::Process& victim = world.SpawnOn(client_host, "client", [] {
     for (const ReportChannel* channel : kChannels)
       (new common::NamedMutex(channel->mutex_name))->lock();
@@ -96,7 +96,7 @@ SCENARIO_F(TrackerClient, ClientThatDiesWithAMutexHandsItOver) {
   tracker.UnInit();
 }
 
-SCENARIO_F_SEEDS(TrackerClient, ClientThatDiesAtTheMomentItGetsEachMutex, 10) {
+SCENARIO_F_SEEDS(TrackerClient, ClientCanDieWhenItAcquiresAnyMutex, 10) {
   for (const ReportChannel* channel : kChannels) {
     sim::Process& victim = world.SpawnOn(client_host, "client", [channel] {
       common::NamedMutex mutex(channel->mutex_name);
@@ -348,7 +348,7 @@ SCENARIO_F(TrackerClient, RegionsThatCannotBeReachedCostTheirReports) {
 }
 
 // Unguarded writing is better than none: the client sees the record whole, as a rule.
-SCENARIO_F(TrackerClient, WithoutAMutexReportsAreWrittenAllTheSame) {
+SCENARIO_F(TrackerClient, WithoutAMutexReportsAreStillWritten) {
   port::FailCall("CreateMutexA", 0, ERROR_NOT_ENOUGH_MEMORY);
   tracker.Init();
   ReportEverything();

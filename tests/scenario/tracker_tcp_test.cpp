@@ -50,7 +50,7 @@ class TrackerTcp : public EarlyClient, public TcpWorld {
   }
 };
 
-SCENARIO_F(TrackerTcp, WorkerSaysOnceWhatRunsAndWhereItLogs) {
+SCENARIO_F(TrackerTcp, WorkerReportsOnceTheProcessAndItsLog) {
   Talk(kServer, 10);
   Talk(kDirect, 10);
   ASSERT_EQ(UsedSlots(client.loaded), 1);
@@ -60,7 +60,7 @@ SCENARIO_F(TrackerTcp, WorkerSaysOnceWhatRunsAndWhereItLogs) {
   EXPECT_NE(std::strstr(client.log_paths->slots[0].log_path, "dawn"), nullptr);
 }
 
-SCENARIO_F(TrackerTcp, DirectConnectionsAreDecisionsAlone) {
+SCENARIO_F(TrackerTcp, DirectConnectionsHaveOnlyDecisions) {
   Talk(kUnlisted, 20'000);  // is never asked about
   ExpectSlots(0, 0, 0);
   Talk(kDirect, 20'000);
@@ -103,7 +103,7 @@ SCENARIO_F_SEEDS(TrackerTcp, ConnectionThroughANodeIsReportedToTheByte, 5) {
 
 // The worker's last error is "would block" most of the time, and stays so where success clears
 // none.
-SCENARIO_F(TrackerTcp, BytesAreCountedWhateverErrorAnEarlierCallLeft) {
+SCENARIO_F(TrackerTcp, ByteCountsDoNotDependOnAnEarlierLastError) {
   port::SuccessKeepsLastError(true);
   Talk(kServer, 20'000);
   const CommInfoRecord* const last = LastReport();
@@ -192,7 +192,7 @@ SCENARIO_F(TrackerTcp, ConnectionThatTheServerEndsIsReportedAtOnce) {
   closesocket(s);
 }
 
-SCENARIO_F(TrackerTcp, RequestThatCannotBeSentIsAFailureOfItsOwn) {
+SCENARIO_F(TrackerTcp, RequestThatCannotBeSentHasItsOwnFailureCode) {
   port::FailCall("WSPSend", 1, WSAENOBUFS);
   const SOCKET s = Joins();
   ASSERT_NE(s, INVALID_SOCKET);
@@ -265,7 +265,7 @@ SCENARIO_F(TrackerTcpHeld, StoppedClientCostsTheGameNothing) {
 
 // The worker waits for the sync thread, the game's WSACleanup for the worker: 200 ms, and by force
 // after that. A thread that waits for the client program is then released, and writes its reports.
-SCENARIO_F(TrackerTcpHeld, CleanupIsNotHeldUpByAStoppedClient) {
+SCENARIO_F(TrackerTcpHeld, CleanupDoesNotWaitForAStoppedClient) {
   const SOCKET s = Joins();
   EXPECT_EQ(Talks(s, "hello"), "hello");
   RunFor(2s);
@@ -287,7 +287,7 @@ SCENARIO_F(TrackerTcpHeld, CleanupIsNotHeldUpByAStoppedClient) {
   closesocket(direct);
 }
 
-SCENARIO_F_SEEDS(TrackerTcpHeld, CleanupLeavesTheLastReportsWithinItsTime, 10) {
+SCENARIO_F_SEEDS(TrackerTcpHeld, CleanupWritesTheLastReportsInTime, 10) {
   const SOCKET s = Joins();
   EXPECT_EQ(Talks(s, "hello"), "hello");
   RunFor(std::chrono::milliseconds(world.random().Below(3000)));

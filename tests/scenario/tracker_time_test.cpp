@@ -117,7 +117,7 @@ SCENARIO_F(TrackerTime, EachReportGoesOutWithoutWaitingForAnother) {
 
 // A report that is added while the thread takes over the waiting ones must not wait for the signal
 // of the next one.
-SCENARIO_F_SEEDS(TrackerTime, WhatComesWhileTheThreadTakesOverIsReportedWithoutFurtherSignal, 6) {
+SCENARIO_F_SEEDS(TrackerTime, ReportsAddedDuringAPassNeedNoFurtherSignal, 6) {
   constexpr int kAtOnce = 3;
   tracker.Init();
   AddAccelerated(kSocket, "guid");
@@ -227,7 +227,7 @@ SCENARIO_F(TrackerTime, TimerThatComesRightAfterASuccessShowsNothingForFiveSecon
   EXPECT_EQ(UsedSlots(client.traffic), 1);
 }
 
-SCENARIO_F(TrackerTime, TrafficSaysHowLongASocketLivesAndIdles) {
+SCENARIO_F(TrackerTime, TrafficReportsLifeAndIdleTimeOfASocket) {
   tracker.Init();
   AddAccelerated(kSocket, "guid");
   RunFor(300ms);
@@ -391,7 +391,7 @@ SCENARIO_F_SEEDS(TrackerTime, EndDoesNotWaitForTheThreadsWaits, 20) {
   }
 }
 
-SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndMayComeTwice) {
+SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndCanBeRepeated) {
   const size_t before = port::OpenHandles();
   for (int i = 0; i < 2; ++i) {
     tracker.Init();
@@ -407,7 +407,7 @@ SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndMayComeTwice) {
 }
 
 // The thread is busy when it is told to end; open sockets must still be reported.
-SCENARIO_F_SEEDS(TrackerTime, EndShowsWhatIsOpenHoweverFarTheThreadIs, 6) {
+SCENARIO_F_SEEDS(TrackerTime, EndReportsOpenSocketsInEveryStateOfTheThread, 6) {
   for (u32 sent = 1; sent <= 60; ++sent) {
     tracker.Init();
     if (sent == 1) AddAccelerated(kSocket, "guid");

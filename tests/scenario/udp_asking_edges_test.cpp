@@ -37,7 +37,7 @@ class UdpAskingEdges : public UdpSpiedWorld {
 
 // --- what is logged ---------------------------------------------------------------------------
 
-SCENARIO_F(UdpAskingEdges, AskingIsToldAtTheLevelsOfItsEvents) {
+SCENARIO_F(UdpAskingEdges, RequestsAreLoggedAtTheLevelsOfTheirEvents) {
   Starts(0);
   const SOCKET s = Udp();
   EXPECT_EQ(Sends(s, "one"), 0);
@@ -63,7 +63,7 @@ SCENARIO_F(UdpAskingEdges, AskingIsToldAtTheLevelsOfItsEvents) {
   ExpectLine("[0][lsp]IsAllowUdpRelayed, Out of space, addr=198.51.100.33:27015, " + tail);
 }
 
-SCENARIO_F(UdpAskingEdges, EveryRefusalIsToldAsAFailure) {
+SCENARIO_F(UdpAskingEdges, EveryRefusalIsLoggedAsAFailure) {
   Starts();
   const auto refused = [this](const std::string& words) {
     const SOCKET s = Udp();
@@ -87,7 +87,7 @@ SCENARIO_F(UdpAskingEdges, EveryRefusalIsToldAsAFailure) {
   refused("RequestUdpRelay failed: resp not found, ");
 }
 
-SCENARIO_F(UdpAskingEdges, ASocketThatIsGoneMeanwhileIsToldAsAFailure) {
+SCENARIO_F(UdpAskingEdges, ASocketThatWasClosedMeanwhileIsLoggedAsAFailure) {
   Starts();
   for (const bool connects : {false, true}) {
     const SOCKET s = Udp();
@@ -107,7 +107,7 @@ SCENARIO_F(UdpAskingEdges, ASocketThatIsGoneMeanwhileIsToldAsAFailure) {
 // --- datagrams in pieces ----------------------------------------------------------------------
 
 // All pieces together are what was queued, and what is taken back.
-SCENARIO_F(UdpAskingEdges, ADatagramInPiecesIsTakenBackWhole) {
+SCENARIO_F(UdpAskingEdges, ADatagramInSeveralBuffersIsTakenBack) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
@@ -123,7 +123,7 @@ SCENARIO_F(UdpAskingEdges, ADatagramInPiecesIsTakenBackWhole) {
   EXPECT_EQ(Heard("A"), (Texts{"first", "waits", "abcdefg"}));
 }
 
-SCENARIO_F(UdpAskingEdges, ADatagramReceivedInPiecesHasTheSourceOfTheWhole) {
+SCENARIO_F(UdpAskingEdges, ADatagramReceivedInSeveralBuffersHasItsSource) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_EQ(Sends(s, "abcX"), 0);
@@ -146,7 +146,7 @@ SCENARIO_F(UdpAskingEdges, ADatagramReceivedInPiecesHasTheSourceOfTheWhole) {
 // --- a refusal --------------------------------------------------------------------------------
 
 // It applies to every way of asking.
-SCENARIO_F(UdpAskingEdges, ARefusedSocketThatIsConnectedAsksForNothingMore) {
+SCENARIO_F(UdpAskingEdges, AConnectedRefusedSocketSendsNoFurtherRequest) {
   Starts();
   const SOCKET s = Udp();
   port::FailCall("CreateEventA", 1, ERROR_NOT_ENOUGH_MEMORY);
@@ -185,7 +185,7 @@ SCENARIO_F(UdpAskingEdges, ANewSocketWithTheSameHandleIsNotRefusedForTheOldOne) 
 // --- the policy's kind of socket --------------------------------------------------------------
 
 // The ports that are kept out are those of streams.
-SCENARIO_F(UdpAskingEdges, AnExcludedPortIsNoneForDatagrams) {
+SCENARIO_F(UdpAskingEdges, ExcludedPortsDoNotApplyToDatagrams) {
   Configures([](AccConfigRecord* config) {
     config->excluded_port_count = 1;
     config->excluded_ports[0] = kPort;
@@ -210,7 +210,7 @@ int WSPAPI SeeThread(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytes, DWO
 }
 
 // A connect passes no thread identifier.
-SCENARIO_F(UdpAskingEdges, AConnectAsksInTheNameOfItsThread) {
+SCENARIO_F(UdpAskingEdges, AConnectUsesTheCallingThread) {
   Starts();
   spied_send_to = NextProvider().lpWSPSendTo;
   NextProvider().lpWSPSendTo = SeeThread;

@@ -56,7 +56,7 @@ SCENARIO_F(UdpAsking, OnceForASocketAndOnceForADestination) {
              "relay=true, socket="));
 }
 
-SCENARIO_F(UdpAsking, WhatIsNotWantedGoesDirectlyFromARelayedSocketToo) {
+SCENARIO_F(UdpAsking, ARelayedSocketSendsOtherDatagramsDirectly) {
   Starts(0);
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "relayed"), "relayed from 198.51.100.10:27015");
@@ -68,7 +68,7 @@ SCENARIO_F(UdpAsking, WhatIsNotWantedGoesDirectlyFromARelayedSocketToo) {
   EXPECT_EQ(Heard("game"), Texts{"plain"});
 }
 
-SCENARIO_F(UdpAsking, ASocketOnlyEverUsedDirectlyAsksForNothing) {
+SCENARIO_F(UdpAsking, ADirectSocketSendsNoRequest) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "plain", kUnlisted), "plain from 198.51.100.14:27015");
@@ -162,7 +162,7 @@ SCENARIO_F(UdpAskingFailure, CostsTheGameNothingButTheRelay) {
   EXPECT_EQ(Heard("A"), Texts{"relayed"}) << "for another socket all is well";
 }
 
-SCENARIO_F(UdpAsking, ANextProviderThatLacksACallIsNotAskedWith) {
+SCENARIO_F(UdpAsking, ANextProviderThatLacksACallCannotBeUsedForARequest) {
   Starts();
   const auto relayed_without = [&](auto WSPPROC_TABLE::*entry) {
     const auto kept = NextProvider().*entry;
@@ -190,7 +190,7 @@ SCENARIO_F(UdpAsking, AnAnswerCountsAlsoWhereItsEventWasNotSeen) {
   EXPECT_TRUE(Logged("wait_result=258, socket=")) << log_text();
 }
 
-SCENARIO_F(UdpAsking, ALateAnswerStaysUntaken) {
+SCENARIO_F(UdpAsking, ALateAnswerIsNotTaken) {
   Starts();
   const SOCKET s = Udp();
   const u32 token = RecordOf(s).token;
@@ -207,7 +207,7 @@ SCENARIO_F(UdpAsking, ALateAnswerStaysUntaken) {
 }
 
 // The handle that the request names may be another event's by the time it is set.
-SCENARIO_F(UdpAsking, ALateAnswerMayWakeAnotherWaiter) {
+SCENARIO_F(UdpAsking, ALateAnswerCanWakeAnotherWaiter) {
   Starts();
   const SOCKET s = Udp();
   world.Stall(GetRelayMgr().GetWorkerThreadId(), 600ms);
@@ -223,7 +223,7 @@ SCENARIO_F(UdpAsking, ALateAnswerMayWakeAnotherWaiter) {
 }
 
 // The relay accepts only the loopback address, and this socket sends from another.
-SCENARIO_F(UdpAsking, ASocketThatIsBoundToTheNetworkGoesDirectlyAfterAWait) {
+SCENARIO_F(UdpAsking, ASocketBoundToTheNetworkIsDirectAfterAWait) {
   Starts();
   const SOCKET s = Udp();
   ASSERT_EQ(BindTo(s, kGame, 5000), 0);
@@ -236,7 +236,7 @@ SCENARIO_F(UdpAsking, ASocketThatIsBoundToTheNetworkGoesDirectlyAfterAWait) {
 }
 
 // Another thread closes the socket while it waits for its relay.
-SCENARIO_F(UdpAsking, ASocketThatIsGoneMeanwhileIsNotRelayed) {
+SCENARIO_F(UdpAsking, ASocketThatWasClosedMeanwhileIsNotRelayed) {
   Starts();
   const SOCKET s = Udp();
   world.Stall(GetRelayMgr().GetWorkerThreadId(), 300ms);
@@ -276,7 +276,7 @@ SCENARIO_F(UdpAsking, ANewSocketWithTheSameHandleIsNotGivenTheOldOnesRelay) {
 
 // Two threads may ask for one socket at once; one is refused, and its result may be stored last.
 // Their datagrams arrive in either case.
-SCENARIO_F_SEEDS(UdpAsking, TwoThreadsMayAskAtOnceForOneSocket, 20) {
+SCENARIO_F_SEEDS(UdpAsking, TwoThreadsCanRequestARelayForOneSocketAtOnce, 20) {
   Starts();
   const SOCKET s = Udp();
   for (const char* text : {"one", "two"}) {
@@ -325,7 +325,7 @@ SCENARIO_F(UdpAsking, DestinationsBeyondTheTenthShareAFlowUnlessTheyAreKnown) {
 }
 
 // A port may make every address known; only that port counts.
-SCENARIO_F(UdpAsking, AnAddressIsKnownByThePortThatIsAskedAbout) {
+SCENARIO_F(UdpAsking, AnAddressIsLookedUpWithItsPort) {
   Configures([](AccConfigRecord* config) {
     config->port_idc_count = 1;
     config->port_idc_records[0] = {kSecondPort, 11};
@@ -447,7 +447,7 @@ SCENARIO_F(UdpAsking, ADatagramWhoseSourceIsForgottenComesFromTheRelay) {
 
 // Anyone who knows the socket's port can send to it: a datagram that did not come from the relay
 // keeps its own source, and does not change the source of the relay's datagram.
-SCENARIO_F(UdpAsking, OnlyTheRelaysDatagramsAreGivenAnotherSource) {
+SCENARIO_F(UdpAsking, OnlyTheRelaysDatagramsGetAnotherSource) {
   sim::Host& stranger = world.AddHost("stranger", {"198.51.100.66"});
   server->answer = [](const std::string& text) {
     if (text == "slow") Sleep(200);

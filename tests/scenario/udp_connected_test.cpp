@@ -190,7 +190,7 @@ SCENARIO_F(UdpConnected, TheLengthOfTheAddressIsTheCallersOwn) {
 }
 
 // Another thread closes the socket while it waits for its relay.
-SCENARIO_F(UdpConnected, ASocketThatIsGoneMeanwhileIsNotRelayed) {
+SCENARIO_F(UdpConnected, ASocketThatWasClosedMeanwhileIsNotRelayed) {
   Starts();
   const SOCKET s = Udp();
   world.Stall(GetRelayMgr().GetWorkerThreadId(), 300ms);

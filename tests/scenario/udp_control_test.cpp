@@ -59,7 +59,7 @@ class UdpControlPort : public UdpSpiedWorld {
   HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
 };
 
-SCENARIO_F(UdpControlPort, OnlyTheLoopbackAddressIsHeard) {
+SCENARIO_F(UdpControlPort, OnlyTheLoopbackAddressIsAccepted) {
   Begins();
   const SOCKET outward = Udp();
   ASSERT_EQ(BindTo(outward, kGame, 5555), 0);
@@ -80,7 +80,7 @@ SCENARIO_F(UdpControlPort, AnAnswerIsTakenOnce) {
   EXPECT_EQ(Answer(kToken), "none");
 }
 
-SCENARIO_F(UdpControlPort, ATokenThatIsTakenIsRefusedAndItsSessionGoesOn) {
+SCENARIO_F(UdpControlPort, ATokenInUseIsRefusedAndItsSessionContinues) {
   Begins();
   const std::string open =
       Bytes(ProtoRelayOpen::Request(kToken, At(kServer, kPort), event, asking));
@@ -169,7 +169,7 @@ SCENARIO_F(UdpControlPort, OddValuesInARequestAreNothingSpecial) {
   EXPECT_FALSE(HasSession(0));
 }
 
-SCENARIO_F(UdpControlPort, AHandleThatIsNoEventOrNoneIsNotSet) {
+SCENARIO_F(UdpControlPort, AnInvalidEventHandleIsNotSet) {
   Begins();
   const HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr);
   const HANDLE file = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 64,
@@ -192,7 +192,7 @@ SCENARIO_F(UdpControlPort, AHandleThatIsNoEventOrNoneIsNotSet) {
   }
 }
 
-SCENARIO_F(UdpControlPort, AFloodOfDatagramsTooLongLetsTheOthersThrough) {
+SCENARIO_F(UdpControlPort, AFloodOfOversizeDatagramsDoesNotBlockOthers) {
   Begins(0);
   for (int i = 0; i < 20; ++i) {
     sockaddr_in control = {};
@@ -206,7 +206,7 @@ SCENARIO_F(UdpControlPort, AFloodOfDatagramsTooLongLetsTheOthersThrough) {
 
 // --- what a refused request leaves ------------------------------------------------------------
 
-SCENARIO_F(UdpControlPort, ARefusedRequestLeavesNoSocketBehind) {
+SCENARIO_F(UdpControlPort, ARefusedRequestLeaksNoSocket) {
   Begins();
   const std::string open =
       Bytes(ProtoRelayOpen::Request(kToken, At(kServer, kPort), event, asking));
@@ -256,7 +256,7 @@ size_t AllocatedBytes() {
              : 0;
 }
 
-SCENARIO_F(UdpControlPort, SocketsThatComeAndGoLeaveNothingBehind) {
+SCENARIO_F(UdpControlPort, OpeningAndClosingSocketsLeaksNothing) {
   server->answer = [](const std::string&) { return std::string(); };
   world.ReuseSocketHandles(true);
   Starts(9);

@@ -37,7 +37,7 @@ SCENARIO_F(UdpRelay, CarriesADatagramThroughTheNodeAndItsAnswerBack) {
   EXPECT_TRUE(Logged(test::kUdpSessionClosed));
 }
 
-SCENARIO_F(UdpRelay, SendsAnUnacceleratedDestinationsDatagramsFromItsOwnSocket) {
+SCENARIO_F(UdpRelay, SendsUnacceleratedDatagramsFromItsOwnSocket) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello", kDirect), "hello from 198.51.100.11:27015");
@@ -87,7 +87,7 @@ SCENARIO_F(UdpRelay, ASilentNodeCostsFiveSecondsAndLosesNothing) {
   EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::" + test::NegotiationFailed(kNegoTimedOut)));
 }
 
-SCENARIO_F(UdpRelay, TwoSilentNodesLeaveTheDirectWay) {
+SCENARIO_F(UdpRelay, AfterTwoSilentNodesTheFlowIsDirect) {
   a.StopsAnswering();
   b.StopsAnswering();
   Starts();
@@ -103,7 +103,7 @@ SCENARIO_F(UdpRelay, TwoSilentNodesLeaveTheDirectWay) {
   EXPECT_EQ(Talks(s, "later"), "later from 198.51.100.10:27015");
 }
 
-SCENARIO_F(UdpRelay, ARefusalTurnsToTheOtherNodeAtOnce) {
+SCENARIO_F(UdpRelay, AfterARefusalTheOtherNodeIsTriedAtOnce) {
   a.AnswersWith(9);
   Starts();
   const SOCKET s = Udp();
@@ -112,7 +112,7 @@ SCENARIO_F(UdpRelay, ARefusalTurnsToTheOtherNodeAtOnce) {
   EXPECT_TRUE(Logged(test::NegotiationFailed(9)));
 }
 
-SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsLeftUnlessItIsForced) {
+SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsReplacedUnlessItIsForced) {
   a.ServesIsps(2);
   Starts();
   const SOCKET s = Udp();
@@ -124,7 +124,7 @@ SCENARIO_F(UdpRelay, ANodeOfAnotherProviderIsLeftUnlessItIsForced) {
   EXPECT_EQ(Heard("A"), Texts{"forced"}) << AllHeard();
 }
 
-SCENARIO_F(UdpRelay, ANodeThatIsForcedByHandIsNotLeftEither) {
+SCENARIO_F(UdpRelay, AManuallyForcedNodeIsNotReplaced) {
   using namespace moru_vyr::lsp;  // NOLINT: the tables' records
   auto image = std::make_unique<RouteTableImage>();
   test::AddProxy(*image, 1, kNodeA).surport_isps = 1;
@@ -140,7 +140,7 @@ SCENARIO_F(UdpRelay, ANodeThatIsForcedByHandIsNotLeftEither) {
   EXPECT_EQ(Heard("A"), Texts{"hello"}) << AllHeard();
 }
 
-SCENARIO_F(UdpRelay, AnAnswerThatIsNoneEndsTheAttempt) {
+SCENARIO_F(UdpRelay, AnInvalidAnswerEndsTheAttempt) {
   a.AnswersGarbage(20);
   Starts();
   const SOCKET s = Udp();
@@ -285,7 +285,7 @@ SCENARIO_F(UdpRelay, ManySocketsComeAndGo) {
 }
 
 // Other threads of the game may have read the socket's record before it was closed.
-SCENARIO_F_SEEDS(UdpRelay, SendingWhileClosingTouchesNoQueueThatIsGone, 100) {
+SCENARIO_F_SEEDS(UdpRelay, SendingWhileClosingDoesNotUseAFreedQueue, 100) {
   Starts(5);
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
@@ -326,7 +326,7 @@ class UdpSwitch : public UdpWorld {
   int answered_ = 0;
 };
 
-SCENARIO_F(UdpSwitch, AHealthyLinkIsNeverLeft) {
+SCENARIO_F(UdpSwitch, AFlowStaysOnAHealthyLink) {
   MayMeasureAndSwitch();
   Starts();
   const SOCKET s = Udp();
@@ -339,7 +339,7 @@ SCENARIO_F(UdpSwitch, AHealthyLinkIsNeverLeft) {
 
 // Each direction is measured at its receiving end, and reported to the other end with the next
 // datagram.
-SCENARIO_F(UdpSwitch, TheNodeIsToldWhatShareOfItsDataIsLost) {
+SCENARIO_F(UdpSwitch, TheLossOfTheNodesDataIsReportedToTheNode) {
   MayMeasureAndSwitch();
   Configures([](moru_vyr::lsp::AccConfigRecord* config) { config->switch_open = 0; });
   Starts();
@@ -357,7 +357,7 @@ SCENARIO_F(UdpSwitch, TheNodeIsToldWhatShareOfItsDataIsLost) {
 
 // A node reports loss in percent, and two percent start a burst of probes. So it must look back
 // over more than fifty of a game's datagrams, of which a single one would be two percent.
-SCENARIO_F(UdpSwitch, ALoneDatagramLostOnTheWayUpIsNoReasonToProbe) {
+SCENARIO_F(UdpSwitch, ASingleLostUploadDoesNotStartABurst) {
   MayMeasureAndSwitch();
   Starts();
   const SOCKET s = Udp();
@@ -387,7 +387,7 @@ SCENARIO_F(UdpSwitch, ALoneDatagramLostOnTheWayUpIsNoReasonToProbe) {
   EXPECT_GT(asked(), at_first) << "two in a hundred are two percent";
 }
 
-SCENARIO_F(UdpSwitch, ADeadNodeIsLeftForTheOtherWithTheGamesPortUnchanged) {
+SCENARIO_F(UdpSwitch, AFlowMovesFromADeadNodeAndKeepsTheGamesPort) {
   MayMeasureAndSwitch();
   Starts();
   RunFor(60s);

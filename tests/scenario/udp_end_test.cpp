@@ -29,7 +29,7 @@ class UdpEnd : public UdpSpiedWorld {
 };
 
 // Closing does not wait for a negotiation: what the game sent during it is lost, as the rules say.
-SCENARIO_F(UdpEnd, ClosingWhileANodeIsAskedLosesWhatWaits) {
+SCENARIO_F(UdpEnd, ClosingDuringANegotiationLosesWaitingDatagrams) {
   a.StopsAnswering();
   Starts();
   const SOCKET s = Udp();
@@ -83,7 +83,7 @@ SCENARIO_F(UdpEnd, NumbersCountFromOneAndTheEndSkipsOne) {
 }
 
 // A process that ends does not delay its end with end messages.
-SCENARIO_F(UdpEnd, StoppingTheRelayEndsTheFlowsSilently) {
+SCENARIO_F(UdpEnd, StoppingTheRelayEndsTheFlowsWithoutAnEndMessage) {
   Starts(0);
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
@@ -101,7 +101,7 @@ SCENARIO_F(UdpEnd, StoppingTheRelayEndsTheFlowsSilently) {
 }
 
 // Only the flow with something left to send is closing; the others live on until the session ends.
-SCENARIO_F(UdpEnd, AFlowThatWaitsForRoomIsNoLongerMeasuredAndTheOthersAre) {
+SCENARIO_F(UdpEnd, ABlockedFlowIsNoLongerMeasuredAndTheOthersAre) {
   IsQuiet();
   Starts();
   const SOCKET s = Udp();

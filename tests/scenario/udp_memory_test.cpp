@@ -45,7 +45,7 @@ SCENARIO_F(UdpMemory, AQueueKeepsNoBlockOfADatagramThatItRefused) {
   EXPECT_EQ(Allocated(), before);
 }
 
-SCENARIO_F(UdpMemory, AQueueUsesAgainWhatADatagramLeaves) {
+SCENARIO_F(UdpMemory, AQueueReusesTheMemoryOfDatagrams) {
   UdpPackageQueue queue;
   const std::vector<char> bytes(2048);
   sockaddr_in address = {};

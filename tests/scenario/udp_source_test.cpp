@@ -87,7 +87,7 @@ SCENARIO_F(UdpSource, IsBoundByTheGamesPlaceWhateverTheProviderSays) {
 }
 
 // If the address does not fit, it cannot be recognised as the relay's.
-SCENARIO_F(UdpSource, IsNotLookedForWhereTheAddressDoesNotFit) {
+SCENARIO_F(UdpSource, IsNotLookedUpIfTheAddressDoesNotFit) {
   const sockaddr_in relay = RecordOf(s).relay_addr;
   const std::vector<char> place = PlaceOf(4);
   EXPECT_EQ(std::memcmp(place.data(), &relay, 4), 0);
@@ -96,7 +96,7 @@ SCENARIO_F(UdpSource, IsNotLookedForWhereTheAddressDoesNotFit) {
 }
 
 // Nor if the call asks for no source at all.
-SCENARIO_F(UdpSource, IsNotLookedForWhereNobodyAsks) {
+SCENARIO_F(UdpSource, IsNotLookedUpIfItIsNotRequested) {
   EXPECT_EQ(Sends(s, "again"), 0);
   ASSERT_TRUE(ReadableWithin(s, 1000));
   char bytes[100];
@@ -105,7 +105,7 @@ SCENARIO_F(UdpSource, IsNotLookedForWhereNobodyAsks) {
 }
 
 // A provider that answers without a size has written no address either.
-SCENARIO_F(UdpSource, IsNotLookedForWhereTheGameGivesNoSize) {
+SCENARIO_F(UdpSource, IsNotLookedUpWithoutASize) {
   EXPECT_EQ(Sends(s, "again"), 0);
   ASSERT_TRUE(ReadableWithin(s, 1000));
   char bytes[100];
@@ -116,7 +116,7 @@ SCENARIO_F(UdpSource, IsNotLookedForWhereTheGameGivesNoSize) {
 }
 
 // A datagram that was cut fails the call, whatever has been handed out with it.
-SCENARIO_F(UdpSource, IsNotLookedForWhereTheCallFails) {
+SCENARIO_F(UdpSource, IsNotLookedUpIfTheCallFails) {
   EXPECT_EQ(Sends(s, "again"), 0);
   ASSERT_TRUE(ReadableWithin(s, 1000));
   fails_with = WSAEMSGSIZE;

@@ -71,7 +71,7 @@ SCENARIO_F(UdpStates, BeforeTheFirstDatagramNothingIsDelivered) {
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
 }
 
-SCENARIO_F(UdpStates, DuringANegotiationOnlyItsNodeIsHeard) {
+SCENARIO_F(UdpStates, DuringANegotiationOnlyItsNodeIsAccepted) {
   a.AnswersAfter(1000);
   Starts();
   const SOCKET s = Udp();
@@ -81,7 +81,7 @@ SCENARIO_F(UdpStates, DuringANegotiationOnlyItsNodeIsHeard) {
   EXPECT_EQ(Receives(s, 2000).from, "198.51.100.10:27015");
 }
 
-SCENARIO_F(UdpStates, ThroughANodeOnlyItsDataPortIsHeard) {
+SCENARIO_F(UdpStates, ThroughANodeOnlyItsDataPortIsAccepted) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
@@ -91,7 +91,7 @@ SCENARIO_F(UdpStates, ThroughANodeOnlyItsDataPortIsHeard) {
 }
 
 // Without a node: datagrams from anyone who knows the port arrive, with their own address.
-SCENARIO_F(UdpStates, DirectlyAnUnknownSenderKeepsItsOwnAddress) {
+SCENARIO_F(UdpStates, AnUnknownSenderOfADirectFlowKeepsItsAddress) {
   Starts();
   const SOCKET s = Udp();
   EXPECT_EQ(Talks(s, "hello", kDirect), "hello from 198.51.100.11:27015");
@@ -103,7 +103,7 @@ SCENARIO_F(UdpStates, DirectlyAnUnknownSenderKeepsItsOwnAddress) {
 
 // --- lengths ----------------------------------------------------------------------------------
 
-SCENARIO_F(UdpStates, ADatagramOfNoBytesWaitsLikeAnyOther) {
+SCENARIO_F(UdpStates, AnEmptyDatagramWaitsLikeAnyOther) {
   IsQuiet();
   a.AnswersAfter(300);
   Starts(0);
@@ -120,7 +120,7 @@ SCENARIO_F(UdpStates, ADatagramOfNoBytesWaitsLikeAnyOther) {
   EXPECT_EQ(Heard("A"), (Texts{"one", "", "three", "last"})) << "nothing asks for room again";
 }
 
-SCENARIO_F(UdpStates, ADatagramOfNoBytesWaitsForTheDirectWayToo) {
+SCENARIO_F(UdpStates, AnEmptyDatagramAlsoWaitsForTheDirectFlow) {
   IsQuiet();
   a.AnswersWith(9);
   b.AnswersWith(9);
@@ -292,7 +292,7 @@ SCENARIO_F(UdpStates, AnUnreachablePortEndsNothing) {
   EXPECT_EQ(Talks(s, "again", kDirect), "again from 198.51.100.11:27015");
 }
 
-SCENARIO_F(UdpStates, AReceiveErrorLeavesTheRestForTheNextTime) {
+SCENARIO_F(UdpStates, AfterAReceiveErrorTheRestIsReadTheNextTime) {
   IsQuiet();
   Starts();
   const SOCKET s = Udp();
@@ -350,7 +350,7 @@ SCENARIO_F(UdpStates, AnAnswerAfterTheLimitIsIgnored) {
   EXPECT_EQ(Heard("B"), Texts{"hello"});
 }
 
-SCENARIO_F(UdpStates, ANodeThatAnswersEachRequestTwiceIsHeardOnce) {
+SCENARIO_F(UdpStates, ADuplicateAnswerOfANodeIsIgnored) {
   a.behaviour().answers = 2;
   Starts();
   const SOCKET s = Udp();
@@ -361,7 +361,7 @@ SCENARIO_F(UdpStates, ANodeThatAnswersEachRequestTwiceIsHeardOnce) {
 }
 
 // Kept: on the direct way datagrams of every sender arrive, even of a node.
-SCENARIO_F(UdpStates, AnAnswerAfterTheDirectWayHasBegunIsTheGamesToRead) {
+SCENARIO_F(UdpStates, ALateAnswerOfANodeReachesTheGameOfADirectFlow) {
   a.AnswersAfter(11'000);
   b.StopsAnswering();
   Starts();
@@ -374,7 +374,7 @@ SCENARIO_F(UdpStates, AnAnswerAfterTheDirectWayHasBegunIsTheGamesToRead) {
 }
 
 // A refusal that comes twice must not count against the second node.
-SCENARIO_F(UdpStates, ANodeThatRefusesTwiceIsLeftOnce) {
+SCENARIO_F(UdpStates, ANodeThatRefusesTwiceIsReplacedOnce) {
   a.behaviour().answers = 2;
   a.AnswersWith(9);
   b.AnswersAfter(200);
@@ -383,7 +383,7 @@ SCENARIO_F(UdpStates, ANodeThatRefusesTwiceIsLeftOnce) {
   EXPECT_EQ(Heard("B"), Texts{"hello"});
 }
 
-SCENARIO_F(UdpStates, ARequestThatCannotBeSentWaitsItsTime) {
+SCENARIO_F(UdpStates, ARequestThatCannotBeSentTimesOut) {
   Starts();
   const SOCKET s = Udp();
   int left = 1;
@@ -397,7 +397,7 @@ SCENARIO_F(UdpStates, ARequestThatCannotBeSentWaitsItsTime) {
   EXPECT_EQ(Heard("B"), Texts{"hello"});
 }
 
-SCENARIO_F(UdpStates, ARequestThatIsBlockedLeavesWhenThereIsRoom) {
+SCENARIO_F(UdpStates, ABlockedRequestIsSentWhenThereIsRoom) {
   Starts();
   const SOCKET s = Udp();
   int left = 1;
@@ -416,7 +416,7 @@ struct BadCarrier {
   bool comes;  // the answer comes all the same
 };
 
-SCENARIO_F(UdpStates, WhatANodeGarblesNeverReachesTheGame) {
+SCENARIO_F(UdpStates, CorruptDatagramsOfANodeDoNotReachTheGame) {
   const BadCarrier carriers[] = {
       {"a longer header", [](Behaviour* it) { it->head_len = 60; }, true},
       {"another version", [](Behaviour* it) { it->header = Behaviour::kVersion; }, true},
@@ -447,7 +447,7 @@ SCENARIO_F(UdpStates, WhatANodeGarblesNeverReachesTheGame) {
 
 // --- the game and its clock -------------------------------------------------------------------
 
-SCENARIO_F(UdpStates, AGameThatNeverReadsHarmsOnlyItself) {
+SCENARIO_F(UdpStates, AGameThatDoesNotReadAffectsOnlyItself) {
   Starts();
   const SOCKET deaf = Udp();
   const SOCKET other = Udp();
@@ -472,7 +472,7 @@ sim::Options AboutToWrap() {
   return options;
 }
 
-SCENARIO_WITH_(UdpStates, AFlowGoesOnWhileTheTickCountWraps, UdpStates, 4, AboutToWrap()) {
+SCENARIO_WITH_(UdpStates, AFlowContinuesOverTheWrapOfTheTickCount, UdpStates, 4, AboutToWrap()) {
   Starts();
   const SOCKET s = Udp();
   for (int i = 0; i < 60; ++i) {

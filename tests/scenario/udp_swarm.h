@@ -1,8 +1,8 @@
-// Random games on datagram sockets, under any faults: for each of their datagrams its content, who
-// sent it where and when, and whether it arrived. Used by the swarms, each of which adds its own
-// faults.
+// Random games on datagram sockets, under any faults. Records for each of their datagrams the
+// content, who sent it when and to whom, and whether it arrived. Each of the swarms that use this
+// adds its own faults.
 //
-// VYR_SWARM_SEEDS=3000 asks for more seeds than the usual run takes.
+// VYR_SWARM_SEEDS=3000 runs more seeds than usual.
 #pragma once
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +13,7 @@
 
 namespace udp_test {
 
-using namespace swarm_test;  // NOLINT: the draws of the swarms
+using namespace swarm_test;  // NOLINT: the random draws of the swarms
 using node::Behaviour;
 
 inline constexpr size_t kIdSize = 6;
@@ -31,12 +31,12 @@ inline size_t IdOf(const std::string& text, size_t at) {
   return static_cast<size_t>(std::strtoul(text.substr(at, kIdSize).c_str(), nullptr, 10));
 }
 
-// One of the game's datagrams and its fate.
+// One of the game's datagrams, and what happened to it.
 struct Said {
   std::string text;
   const char* ip = kServer;
   int port = kPort;
-  int error = -1;  // -1: not sent so far
+  int error = -1;  // -1: not yet sent
   sim::Duration at{};
   std::string by;  // "A", "B" or "game": who delivered it to the server
   size_t arrived = 0;
@@ -46,18 +46,18 @@ struct Said {
   bool sent() const { return error == 0; }
 };
 
-// A server's answer to it, which contains the server's name.
+// The server's answer to a datagram, which contains the server's name.
 inline std::string AnswerTo(const std::string& text, const std::string& server) {
   const size_t id = IdOf(text, 0);
   return Noise("R" + text.substr(0, kIdSize) + "@" + server + "|", id,
                id % 7 == 0 ? text.size() : 30 + id % 90);
 }
 
-// One socket's life.
+// One socket and its traffic.
 struct Player {
   std::vector<size_t> says;
   DWORD starts_ms = 0;
-  DWORD pause_ms = 0;  // the longest between two datagrams
+  DWORD pause_ms = 0;  // the longest pause between two datagrams
   bool reads = true;
   int senders = 1;
   DWORD stays_ms = 0;         // after its last datagram …
@@ -87,7 +87,7 @@ class UdpSwarm : public Swarm<UdpWorld> {
     const char* ip;
     int port;
   };
-  // A new datagram to that place; its number.
+  // Records a new datagram to that place. Returns its number.
   size_t Says(const Place& place) {
     const size_t id = said_.size();
     Said one;
@@ -146,14 +146,13 @@ class UdpSwarm : public Swarm<UdpWorld> {
   }
   void Read(SOCKET s, bool knows_its_relay, const bool& open) {
     const Datagram came = Receives(s, 100);
-    // Kept: the source of a datagram is unknown if its socket is closed meanwhile.
+    // Kept: the source of a datagram is unknown if its socket has been closed meanwhile.
     if (!open) knows_its_relay = false;
     if (came.from.empty() || came.from.rfind("error", 0) == 0) return;
-    // A socket that has lost its relay to a second request still receives answers to what the first
-    // has sent.
+    // A socket whose relay was replaced by a second request still receives answers to datagrams
+    // that it sent through the first one.
     const bool from_relay = !knows_its_relay && came.from.rfind("127.0.0.1:", 0) == 0;
-    // Kept: on the direct way datagrams of every sender arrive, even of a node that answers too
-    // late.
+    // Kept: a direct flow passes on datagrams of any sender, even of a node that answers too late.
     const std::string from_ip = came.from.substr(0, came.from.find(':'));
     const bool from_node = from_ip == kNodeA || from_ip == kNodeB;
     if (from_node || (from_relay && came.text.substr(0, 2) != "R0")) return;
@@ -229,7 +228,7 @@ class UdpSwarm : public Swarm<UdpWorld> {
   }
 
   // --- nodes and links ---
-  // Flows may move to the other node, at once.
+  // Lets flows move to the other node without a delay.
   void MaySwitch() {
     MayMeasureAndSwitch();
     Configures([this](moru_vyr::lsp::AccConfigRecord* config) {
@@ -276,7 +275,7 @@ class UdpSwarm : public Swarm<UdpWorld> {
     if (Chance(20)) it.data_up_reorder = 20;
     return it;
   }
-  // May cost a negotiation its whole time.
+  // Whether a negotiation with such a node may take the whole time that it is allowed.
   static bool IsSlow(const Behaviour& it) {
     return it.on_request == Behaviour::kSilent || it.answer_from == Behaviour::kOther ||
            it.answer_delay_ms > 500;

@@ -17,7 +17,7 @@ using namespace udp_test;  // NOLINT
 
 // Nodes refuse, lie, are silent or late; links and threads are slow in any order. Whatever happens
 // to the node, everything that was sent arrives and is answered.
-SCENARIO_F_SEEDS(UdpSwarm, NothingIsLostWhereNothingLoses, SwarmSeeds(30)) {
+SCENARIO_F_SEEDS(UdpSwarm, NothingIsLostWithoutLosses, SwarmSeeds(30)) {
   SetAllLinks([this] { return AnyLink(); });
   a.Behaves(AnyNode());
   b.Behaves(AnyNode());
@@ -100,7 +100,7 @@ class UdpStorm : public UdpSwarm {
   }
 };
 
-SCENARIO_F_SEEDS(UdpStorm, NoDatagramIsMisdeliveredOrRepeatedWhateverBreaks, SwarmSeeds(40)) {
+SCENARIO_F_SEEDS(UdpStorm, NoDatagramIsMisdeliveredOrRepeatedUnderAnyFault, SwarmSeeds(40)) {
   SetAllLinks([this] { return AnyLink(); });
   a.Behaves(AnyNode());
   b.Behaves(AnyNode());

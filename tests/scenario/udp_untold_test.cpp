@@ -74,7 +74,7 @@ SCENARIO_F(UdpUntold, AnEndThatWouldBlockIsFoundOut) {
   EXPECT_EQ(a.Count("flow_closed"), 1u);
 }
 
-SCENARIO_F(UdpUntold, AnEndThatIsCutIsFoundOut) {
+SCENARIO_F(UdpUntold, ATruncatedEndMessageIsDetected) {
   Begins();
   const SOCKET s = Relayed();
   // The relay must not act on a message that the provider has cut short.
@@ -91,7 +91,7 @@ SCENARIO_F(UdpUntold, AnEndThatIsCutIsFoundOut) {
   ExpectNothingLeftAnywhere();
 }
 
-SCENARIO_F(UdpUntold, AnEndThatThereIsNoCallForIsFoundOut) {
+SCENARIO_F(UdpUntold, AnEndWithoutACallIsDetected) {
   Begins();
   const SOCKET s = Relayed();
   const auto send_to = NextProvider().lpWSPSendTo;
@@ -139,7 +139,7 @@ SCENARIO_F(UdpUntold, ASessionThatCameTooLateEndsWithItsSocket) {
   EXPECT_TRUE(GetRelayMgr().GetCreateResult(token, &late)) << "kept: the answer stays";
 }
 
-SCENARIO_F(UdpUntold, ASessionThatComesAfterItsSocketHasGoneEndsAtOnce) {
+SCENARIO_F(UdpUntold, ASessionCreatedAfterItsSocketWasClosedEndsAtOnce) {
   Begins();
   const SOCKET s = Udp();
   StallWorker(600ms);
@@ -152,7 +152,7 @@ SCENARIO_F(UdpUntold, ASessionThatComesAfterItsSocketHasGoneEndsAtOnce) {
 }
 
 // A note about a socket that was refused for good has no effect.
-SCENARIO_F(UdpUntold, ASocketThatWasRefusedLeavesNothingAndEndsNobodyElses) {
+SCENARIO_F(UdpUntold, ARefusedSocketLeavesNothingAndEndsNoOtherSession) {
   Begins();
   const SOCKET other = Relayed();
   const SOCKET s = Udp();
@@ -268,7 +268,7 @@ SCENARIO_F_SEEDS(UdpUntold, ASocketMayGoAtAnyMoment, 12) {
 // --- in any order -----------------------------------------------------------------------------
 
 // Sockets of several threads that come and go, over a worker that sleeps and events that are lost.
-SCENARIO_F_SEEDS(UdpSwarm, NoSocketLeavesItsFlowBehind, SwarmSeeds(10)) {
+SCENARIO_F_SEEDS(UdpSwarm, NoSocketLeaksItsFlow, SwarmSeeds(10)) {
   Begins();
   bool over = false;
   GameThread([this, &over] {

@@ -11,22 +11,22 @@ namespace udp_test {
 using namespace sim_test;      // NOLINT: the verbs of these tests
 using namespace relayed_test;  // NOLINT
 
-inline constexpr char kSecond[] = "198.51.100.13";    // as kServer, another data centre's
+inline constexpr char kSecond[] = "198.51.100.13";    // like kServer, but in another data centre
 inline constexpr char kUnlisted[] = "198.51.100.14";  // not in the tables, as are kUnlisted + 1 …
 inline constexpr int kSecondPort = 27016;
 
 // Makes a server answer with an empty datagram.
 inline constexpr char kNoBytes[] = "a datagram of no bytes";
 
-// A datagram as it came to a socket, or to the game server.
+// A datagram as a socket or the game server received it.
 struct Datagram {
   std::string text;
-  std::string from;       // "198.51.100.10:27015"; of the server's, "A", "B" or "game"
-  std::string from_full;  // of the server's, with the port
-  std::string to;         // of the server's, the address that it was sent to, with the port
+  std::string from;       // "198.51.100.10:27015"; at the server "A", "B" or "game"
+  std::string from_full;  // at the server only: the sender's address and port
+  std::string to;         // at the server only: the destination address and port
 };
 
-// Names what is missing in `got` and what is in it twice; empty if it equals `sent`, in order.
+// Describes what is missing in `got` and what is in it twice; empty if it equals `sent`, in order.
 std::string Difference(const std::vector<std::string>& sent, const std::vector<std::string>& got);
 
 class UdpWorld : public sim::ScenarioTest {
@@ -34,11 +34,11 @@ class UdpWorld : public sim::ScenarioTest {
   UdpWorld();
 
   // --- the game ---
-  // One datagram; 0 or the error.
+  // Sends one datagram. Returns 0 or the error.
   int Sends(SOCKET s, const std::string& text, const char* ip = kServer, int port = kPort);
-  // What comes within that time; `from` is empty if nothing did.
+  // Receives a datagram within that time; `from` is empty if there was none.
   Datagram Receives(SOCKET s, int ms = 1000);
-  // "text from 198.51.100.10:27015" of what comes back.
+  // Sends a datagram and returns the answer as "text from 198.51.100.10:27015".
   std::string Talks(SOCKET s, const std::string& text, const char* ip = kServer, int port = kPort);
   void GameThread(std::function<void()> body);
   bool RunToTheEnd(sim::Duration most = std::chrono::minutes(20)) {
@@ -46,21 +46,21 @@ class UdpWorld : public sim::ScenarioTest {
   }
 
   // --- the client program ---
-  // Changes the game's configuration; before the game's first socket.
+  // Changes the game's configuration. Call it before the game's first socket.
   void Configures(const std::function<void(moru_vyr::lsp::AccConfigRecord*)>& change) {
     game.Configures(change);
   }
-  // Measuring and switching as in production, and as fast as possible.
+  // Enables measuring and switching as in production, with the shortest times.
   void MayMeasureAndSwitch();
-  // The game's first socket starts the provider; from here on there is a log, of everything from
-  // that level on.
+  // Opens the game's first socket, which starts the provider. From here on there is a log, of that
+  // level and above.
   void Starts(common::u32 log_level = 4);
 
   // --- what happened ---
   bool Logged(const std::string& part) const { return log_->Contains(part); }
   std::string log_text() const { return log_->Text(); }
   std::string whole_log() const { return log_->Whole(); }
-  // The texts that reached the server: all, or those from "A", "B" or "game".
+  // The texts that arrived at the server: all, or those from "A", "B" or "game".
   std::vector<std::string> Heard(const std::string& from = "") const;
   std::string AllHeard() const;  // for the message of a failed expectation
   bool NodesAreFree() const;
@@ -78,8 +78,8 @@ class UdpWorld : public sim::ScenarioTest {
   node::SimNode a{world, a_host, 7001};
   node::SimNode b{world, b_host, 7002};
 
-  // The game server: what it answers (empty: nothing), and what it has received. Its threads may
-  // still run when the test is over.
+  // The game server: what it answers (empty: nothing), and what it has received. Shared, because
+  // its threads may still run when the test is over.
   struct Server {
     std::function<std::string(const std::string&)> answer = [](const std::string& text) {
       return text;

@@ -1,4 +1,4 @@
-// The relay's loop without its thread: a test runs each pass.
+// The relay's loop without its thread: the test runs each pass itself.
 #pragma once
 #include <winsock2.h>
 
@@ -18,7 +18,7 @@ class HandTurned final : public moru_vyr::lsp::IRelaySocketMgr {
   Delegate* RemoveSocket(SOCKET s) noexcept override { return sets_.Remove(s); }
   common::u32 NextToken() noexcept override { return ++token_; }
 
-  // One pass, of 10 ms at most.
+  // Runs one pass, which takes at most 10 ms.
   void Turn() {
     int error = 0;
     sets_.Poll(timeval{0, 10000}, &error);

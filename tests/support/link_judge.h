@@ -1,5 +1,5 @@
-// A judge of a link with everything that it needs enabled, and an owner that records what is
-// requested. Tests change `config` and `acc`, then call Start.
+// A judge of a link with everything enabled that it needs, and an owner that records its requests.
+// Tests change `config` and `acc`, then call Start.
 #pragma once
 #include <winsock2.h>
 //
@@ -26,7 +26,7 @@ struct Owner {
   std::vector<moru_vyr::lsp::RecoverySwitchRecord> fired;
 };
 
-// Waits until the tick count has advanced that far: it may move in steps of 16 ms.
+// Waits until the tick count has advanced by that much. It may advance in steps of 16 ms.
 inline void Pass(common::u32 ms) {
   const DWORD start = GetTickCount();
   while (GetTickCount() - start < ms) Sleep(1);
@@ -35,7 +35,7 @@ inline void Pass(common::u32 ms) {
 class LinkJudge {
  public:
   static constexpr common::u32 kToken = 77;
-  static constexpr common::u32 kUnit = 11;  // milliseconds, the shortest there is
+  static constexpr common::u32 kUnit = 11;  // milliseconds, the shortest that is allowed
   static constexpr common::u32 kWait = 50;
   static constexpr char kGuid[] = "01234567-89AB-CDEF-0123-456789ABCDEF";
 
@@ -65,21 +65,21 @@ class LinkJudge {
   LinkJudge(const LinkJudge&) = delete;
   LinkJudge& operator=(const LinkJudge&) = delete;
 
-  // Whether it judges.
+  // Starts the judge. Returns whether it is active.
   bool Start(bool on_trial = false, bool with_owner = true) {
     moru_vyr::lsp::ReplaceAccConfig(config);
     if (!with_owner) judge.HasNoOwner();
     judge.Init(socket, kToken, kGuid, acc, client, on_trial);
-    return judge.RealRouteGetDefCurLost(true) != 0;  // one that does not judge answers 0
+    return judge.RealRouteGetDefCurLost(true) != 0;  // an inactive one returns 0
   }
-  // Handles a request as the owner would; whether there was one.
+  // Handles a request as the owner would. Returns whether there was one.
   bool TakesUp(moru_vyr::lsp::LinkRequest request) {
     if (request != moru_vyr::lsp::LinkRequest::kSwitch) return false;
     owner.fired.push_back(judge.report());
     judge.SwitchAnswered(owner.accepts);
     return true;
   }
-  // Judges the loss that was last read, and the delays that are given.
+  // Judges the loss that was last read, or the given delays.
   std::optional<bool> JudgesLoss() {
     const std::optional<bool> lost = judge.TryFireRealRouteLost();
     if (lost.value_or(false)) TakesUp(judge.Report());
@@ -90,16 +90,16 @@ class LinkJudge {
     if (high) TakesUp(judge.Report());
     return high;
   }
-  // Past the time in which no report is made.
+  // Lets the time pass in which no further report is made.
   void PassReportLimit() const { Pass(config.long_cycle * kUnit); }
-  // The end of a slot and of its grace period.
+  // Lets a slot and its grace period end.
   void CloseSlot() {
     Pass(kUnit);
     EXPECT_TRUE(judge.OnUpdate());
     Pass(kWait);
     EXPECT_TRUE(judge.OnUpdate());
   }
-  // Sends probes, of which `answered` get an answer; returns the loss that they show.
+  // Sends probes, of which `answered` are answered, and returns the resulting loss.
   common::u8 Probe(common::u32 sent, common::u32 answered, common::u8 relay_idx = 0) {
     for (common::u32 i = 0; i < sent; ++i) judge.RealRouteAddOneSendPkg(++seq);
     for (common::u32 i = 0; i < answered; ++i) judge.RealRouteAddOneRecvPkg(seq - i, relay_idx);
@@ -119,7 +119,7 @@ class LinkJudge {
   common::u32 seq = 0;
 };
 
-// How often a text occurs in another.
+// How often `part` occurs in `text`.
 inline int CountOf(const std::string& part, const std::string& text) {
   int count = 0;
   for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))

@@ -1,5 +1,4 @@
-// The process's own log, opened on a file of the test's: everything that is logged while this
-// object lives. One at a time.
+// Directs the process's log into a file of the test while this object exists. One at a time.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -13,9 +12,9 @@ namespace test {
 
 class LogCapture {
  public:
-  // Call sites write from that level on, and everything that they write goes to the file.
+  // Lines of that level and above are written to the file.
   explicit LogCapture(common::u32 level = 0) : path_(dir_ / "test.log") {
-    common::GetLogFile().Shut();  // an earlier test's
+    common::GetLogFile().Shut();  // opened by an earlier test
     EXPECT_TRUE(common::GetLogFile().Open(path_));
     common::GetLogFile().SetLevel(0);
     common::SetLogThreshold(level);
@@ -28,7 +27,7 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  // The end of it: a test that polls need not read everything.
+  // The end of the log: a test that polls need not read all of it.
   std::string Text() const {
     common::GetLogFile().Flush();
     return ReadFileText(path_);

@@ -1,6 +1,6 @@
-// What the product writes into its log, for tests: each text that is asserted in more than one
-// place, up to the part that varies, or as a function of that part. A text that a single test is
-// about stands in that test.
+// Texts of the product's log lines: each text that tests assert in more than one place, up to the
+// part that varies, or as a function of that part. A text that only one test asserts is in that
+// test.
 #pragma once
 #include <string>
 
@@ -101,7 +101,7 @@ inline const std::string kNoGameServer = "begin direct mode. ChangeToGameSrv res
 inline const std::string kForcedPastIsp =
     "CheckNegotiation isp not support, but force accl, client_isp=2, ";
 inline const std::string kNoLastNode = "last_node:(node_id=0, ip=0.0.0.0, port=0, accl_token=0)";
-// A NegoFailure, or the node's own reason.
+// `reason` is a NegoFailure, or the node's own reason.
 inline std::string NegotiationFailed(common::u32 reason) {
   return "OnNegotiationFailed, reason=" + std::to_string(reason) + ", ";
 }

@@ -1,4 +1,4 @@
-// Real sockets over the loopback interface, wherever the tests run.
+// Sockets over the loopback interface, on every platform.
 #pragma once
 #include <winsock2.h>
 
@@ -8,7 +8,7 @@
 
 namespace test {
 
-// Real Windows sockets need one WSAStartup.
+// Sockets on Windows need one WSAStartup.
 inline void StartWinsock() {
   static const int result = [] {
     WSADATA data;
@@ -17,14 +17,14 @@ inline void StartWinsock() {
   EXPECT_EQ(result, 0);
 }
 
-// Closes its socket.
+// Owns a socket and closes it.
 class OwnSocket {
  public:
   explicit OwnSocket(SOCKET s = INVALID_SOCKET) : s_(s) {}
   ~OwnSocket() { Close(); }
   OwnSocket(const OwnSocket&) = delete;
   OwnSocket& operator=(const OwnSocket&) = delete;
-  operator SOCKET() const { return s_; }  // NOLINT: it stands for the handle
+  operator SOCKET() const { return s_; }  // NOLINT: used like the handle
   void Reset(SOCKET s) {
     Close();
     s_ = s;
@@ -45,7 +45,7 @@ class OwnSocket {
 
 inline sockaddr* Raw(sockaddr_in* address) { return reinterpret_cast<sockaddr*>(address); }
 
-// Bound to a free port of 127.0.0.1, whose address is filled in.
+// A socket bound to a free port of 127.0.0.1; *address is set to its address.
 inline SOCKET BoundSocket(int type, sockaddr_in* address) {
   StartWinsock();
   const SOCKET s = socket(AF_INET, type, 0);
@@ -80,7 +80,7 @@ inline bool BecomesWritable(SOCKET s, int milliseconds) {
   return select(0, nullptr, &set, nullptr, &limit) == 1;
 }
 
-// Two ends of one stream; `here` does not block.
+// Both ends of a stream. `here` is non-blocking.
 struct StreamPair {
   StreamPair() {
     sockaddr_in address;
@@ -91,7 +91,7 @@ struct StreamPair {
     there.Reset(accept(listener, nullptr, nullptr));
     MakeNonBlocking(here);
   }
-  // Sends from the other end, and waits until this end has it all.
+  // Sends from the other end, and waits until everything has arrived at this end.
   void OtherEndSays(const std::string& bytes) {
     EXPECT_EQ(send(there, bytes.data(), static_cast<int>(bytes.size()), 0),
               static_cast<int>(bytes.size()));

@@ -1,4 +1,4 @@
-// A client program that asks for mending, for the length of a scope.
+// For the lifetime of this object, the client program requests the mendings in `bits`.
 #pragma once
 #include <cstdlib>
 #include <cstring>

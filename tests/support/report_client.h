@@ -1,5 +1,5 @@
-// The client program's side of the seven report channels: regions as it creates them, with every
-// slot free, and their content afterwards.
+// The client program's side of the seven report channels: creates the regions with all slots free,
+// as the client program does, and reads their content.
 #pragma once
 #include <cstring>
 #include <string>
@@ -18,8 +18,8 @@ int UsedSlots(ClientRegion<Region>& region) {
   return used;
 }
 
-// The process's own Tracker, which other tests have fed, writes into these regions too if its
-// thread still runs. Clears the regions for the beginning of a suite, before there are reports.
+// Ends the process's own Tracker. Other tests have used it, and while its thread runs it writes
+// into these regions, too. Call it at the beginning of a suite, before there are reports.
 inline void EndTheTrackerOfTheProcess() { moru_vyr::lsp::GetTracker().UnInit(); }
 
 struct ReportClient {

@@ -1,7 +1,8 @@
 // The client program's side of the route policy, and a policy that has read it.
 //
-// The regions have their real names: on one machine these tests run one at a time and never
-// beside a running client. Nothing here sends a packet; the addresses are those of documentation.
+// The regions have their real names, so on one machine these tests must run one at a time, and not
+// beside a running client program. Nothing here sends a packet; the addresses are reserved for
+// documentation.
 #pragma once
 #include <winsock2.h>
 //
@@ -33,13 +34,13 @@ using common::u8;
 inline u32 Ip(const char* text) { return static_cast<u32>(inet_addr(text)); }
 inline u16 Port(u16 host_port) { return htons(host_port); }
 
-// Every byte of a record the same.
+// A record with every byte set to the same value.
 template <typename T>
 void Fill(T& record, int byte) {
   std::memset(static_cast<void*>(&record), byte, sizeof record);
 }
 
-// A plain region, made and filled by the client. Nothing but the header is in it at first.
+// A plain region, created by the client program. Initially it has only a header.
 template <typename T>
 class ClientRegion {
  public:
@@ -68,7 +69,7 @@ class ClientRegion {
   void* view_ = nullptr;
 };
 
-// The double-buffered region of the route table: a word that selects, then the two buffers.
+// The double-buffered region of the route table: a selector, then the two buffers.
 class RouteClient {
  public:
   static constexpr u32 kMappedSize = 131364;
@@ -91,7 +92,7 @@ class RouteClient {
   RouteClient(const RouteClient&) = delete;
   RouteClient& operator=(const RouteClient&) = delete;
 
-  // Fills the buffer that is not being read, and swaps the two.
+  // Fills the buffer that is not in use, and swaps the two.
   void Publish(const moru_vyr::lsp::RouteTableImage& image) {
     const u32 other = Selector() == 0 ? 1 : 0;
     Buffer(other).image = image;
@@ -101,7 +102,7 @@ class RouteClient {
   moru_vyr::lsp::RouteRegion& Buffer(u32 index) {
     return *reinterpret_cast<moru_vyr::lsp::RouteRegion*>(view_ + 4 + index * 65680);
   }
-  // The buffer that readers use, to be overwritten during a read.
+  // The buffer that readers use; a test may overwrite it during a read.
   moru_vyr::lsp::RouteRegion& Live() { return Buffer(Selector() == 0 ? 0 : 1); }
 
  private:
@@ -154,7 +155,7 @@ inline void AddGlt(moru_vyr::lsp::LaunchTestRegion& region, u32 game_idc, u32 pr
 
 // --- a policy --------------------------------------------------------------------------------
 
-// Tests fill `config` and `image` and the tables, then say Publish.
+// Tests fill `config`, `image` and the tables, then call Publish.
 class RoutePolicy : public testing::Test {
  protected:
   RoutePolicy() {
@@ -164,7 +165,7 @@ class RoutePolicy : public testing::Test {
   }
   ~RoutePolicy() override { moru_vyr::lsp::ReplaceAccConfig(moru_vyr::lsp::AccConfig{}); }
 
-  // Installs what was written so far: the configuration, and the image as the route table.
+  // Installs the configuration, and the image as the route table.
   void Publish() {
     moru_vyr::lsp::ReplaceAccConfig(config);
     if (!client) client = std::make_unique<RouteClient>();
@@ -209,7 +210,7 @@ class RoutePolicy : public testing::Test {
   LogCapture log;
   moru_vyr::lsp::AccConfig config;
   moru_vyr::lsp::RouteTableImage image;
-  std::unique_ptr<RouteClient> client;  // before the policy: it outlives the policy's views
+  std::unique_ptr<RouteClient> client;  // before the policy, whose views it must outlive
   moru_vyr::lsp::Route route;
 };
 

@@ -1,6 +1,6 @@
-// A fresh directory for one test, on whatever machine the test runs: below %TEMP%. It and what
-// the test leaves in it are removed at the end, except where the port has no call for it (there
-// the whole file system of the process is temporary).
+// A new directory for one test, below %TEMP%. It is removed at the end with everything in it,
+// except where the port has no call for that; there, the whole file system of the process is
+// temporary.
 #pragma once
 #include <winsock2.h>
 //
@@ -34,7 +34,7 @@ class TempDir {
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 
-  // The path of an entry, as UTF-8 and wide.
+  // The path of a file in the directory, in UTF-8 and as a wide string.
   std::string operator/(const std::string& name) const {
     std::string base;
     common::u16to8(path_, &base);
@@ -71,7 +71,7 @@ inline bool FileExists(const std::string& path) {
   return GetFileAttributesW(Wide(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-// Even of a file that someone still writes. -1 if there is none.
+// The size of a file, even while it is being written. -1 if there is no such file.
 inline long long FileSize(const std::string& path) {
   const HANDLE file =
       CreateFileW(Wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
@@ -102,7 +102,7 @@ inline std::string ReadFileText(const std::string& path, long long most = 1 << 2
   return text;
 }
 
-// A file of that size, which takes no room on the disk.
+// Creates a file of that size, which takes no space on the disk.
 inline void MakeSparseFile(const std::string& path, long long size) {
   const HANDLE file = CreateFileW(Wide(path).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                   CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);

@@ -1,4 +1,4 @@
-// A Tracker owned by the test and called as the relay's worker calls it, with decisions to pass to
+// A Tracker owned by the test, which calls it as the relay's worker does, and decisions to pass to
 // it.
 #pragma once
 #include <gtest/gtest.h>
@@ -42,7 +42,7 @@ inline moru_vyr::lsp::AccDecisionInfo SomeDecision(const std::string& guid = "gu
   return decision;
 }
 
-// The address of a temporary, for one call.
+// The address of a temporary, for the duration of a call.
 template <class T>
 const T* At(const T& value) {
   return &value;
@@ -64,7 +64,7 @@ class TrackerTest : public testing::Test {
     EXPECT_NE(record, nullptr);
     return record != nullptr ? *record : none;
   }
-  // An accelerated socket whose node has agreed.
+  // Adds an accelerated socket whose node has accepted the negotiation.
   void AddAccelerated(SOCKET socket = kSocket, const std::string& guid = "guid",
                       u32 type = moru_vyr::lsp::kTrackUdp) {
     const auto decision = SomeDecision(guid);
@@ -72,7 +72,7 @@ class TrackerTest : public testing::Test {
     tracker.SetAcceInfo(socket, true, &decision);
     tracker.RecordNegSuccess(socket, 9, 0x0a0b0c0d, 21, 0x05060708, &decision);
   }
-  // Reports everything that waits, and ends the thread.
+  // Writes all pending reports, and ends the thread.
   void ReportAll() {
     tracker.Init();
     tracker.UnInit();

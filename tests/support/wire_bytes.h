@@ -1,4 +1,4 @@
-// Bytes of the protocol in readable notation, for tests and for their failure messages.
+// The protocol's bytes in readable notation, for tests and their failure messages.
 #pragma once
 #include <cctype>
 #include <cstddef>
@@ -12,14 +12,14 @@ namespace test {
 
 using Bytes = std::vector<common::u8>;
 
-// A field of a packed record, for an expectation: those take references, and a packed field has no
-// address that a reference may have.
+// Copies a field of a packed record for an expectation. Expectations take references, which cannot
+// refer to a packed field.
 template <class T>
 T Value(T field) {
   return field;
 }
 
-// From pairs of hexadecimal digits with any space between them.
+// Bytes from pairs of hexadecimal digits, with any white space between them.
 inline Bytes Hex(const std::string& text) {
   Bytes bytes;
   std::string digits;

@@ -1,4 +1,4 @@
-"""The picture of the architecture in README.md is the one that the tree gives today."""
+"""The picture of the architecture in README.md agrees with the tree."""
 import pathlib
 import sys
 
@@ -18,4 +18,4 @@ def check(tree):
     drawn = draw_architecture.replaced(tree.text(README), draw_architecture.draw(sources))
     current = drawn == tree.text(README)
     yield README, [] if current else [Finding(
-        README, 0, "its picture is not that of the tree: run scripts/draw_architecture.py")]
+        README, 0, "its picture differs from the tree: run scripts/draw_architecture.py")]

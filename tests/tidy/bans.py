@@ -1,4 +1,4 @@
-"""Constructs and words that are not allowed in some place, each with the reason."""
+"""Constructs and words that are not allowed in certain files, each with the reason."""
 import dataclasses
 import re
 
@@ -12,7 +12,7 @@ CODE, LITERALS, TEXT = "code", "code_and_literals", "text"
 class Ban:
     pattern: str
     reason: str
-    where: str = CODE  # what of a file is searched
+    where: str = CODE  # which part of a file is searched
     folders: tuple = ("src/",)
     except_for: tuple = ()  # (path, text on the line): deliberate uses
     suffixes: tuple = (".cpp", ".h")
@@ -24,19 +24,19 @@ THIS = "tests/tidy/"
 BANS = [
     Ban(r"^[ \t]*#[ \t]*(?:if|ifdef|ifndef|elif)\b.*\b(?:_WIN32|_WIN64|WIN32|__CYGWIN__|__linux__"
         r"|__unix__|__APPLE__|__MINGW\w*|_MSC_VER|__GNUC__|__clang__|__x86_64__|__i386__)\b.*",
-        "the product knows one platform; what differs elsewhere is the port's affair",
+        "the product knows one platform; other platforms are the port's job",
         except_for=(("src/common/log.h", "__MINGW_PRINTF_FORMAT"),), flags=re.MULTILINE),
     Ban(r"\bstd::(?:recursive_|timed_|shared_|recursive_timed_)?mutex\b"
         r"|\bstd::(?:j?thread|condition_variable\w*|async|future|promise|\w*_semaphore|latch"
         r"|barrier|lock_guard|unique_lock|scoped_lock|call_once|this_thread)\b",
-        "the runtime that the DLL is built with has none: use the Win32 calls"),
-    Ban(r"\bstd::filesystem\b", "knows no backslashes where the tests run: use common/paths.h"),
+        "missing in the runtime that the DLL is built with: use the Win32 calls"),
+    Ban(r"\bstd::filesystem\b", "does not handle backslashes on every platform: use common/paths.h"),
     Ban(r"\bstd::(?:cout|cerr|clog|cin|[io]?[f]?stream|endl)\b|\bprintf\s*\(|\bputs\s*\(",
         "a library in a game has no console: use LSP_LOG"),
     Ban(r"#[ \t]*include[ \t]*<(?:mutex|thread|condition_variable|future|shared_mutex|filesystem"
         r"|iostream|fstream|semaphore|latch|barrier|stop_token)>",
-        "stands for what the runtime of the DLL lacks or must not bring in"),
-    # Objects that live until the process ends are made and never freed; the rest is owned.
+        "the runtime of the DLL does not have it, or must not include it"),
+    # Objects that exist until the process ends are created and never freed; all others are owned.
     Ban(r"^(?!.*\bstatic\b)(?!.*(?:\.reset|_ptr<[^;]*>)\s*[({]\s*new\b)(?!.*\bnew\s*\(\s*\w+\s*\)"
         r")(?!\s*#).*\bnew\b.*",
         "a naked new: let a type own it", flags=re.MULTILINE),
@@ -44,18 +44,18 @@ BANS = [
     Ban(r"\b(?:malloc|calloc|realloc|free)\s*\(", "let a type own the memory",
         except_for=(("src/stream/block_buffer.h", "std::free(bytes)"),
                     ("src/stream/block_buffer.cpp", "data(static_cast<u8*>(std::calloc("))),
-    Ban(r"%[-0-9.*]*ws", "prints literally where this is built: convert the text, print %s",
+    Ban(r"%[-0-9.*]*ws", "is printed literally by this runtime: convert the text and print %s",
         where=LITERALS),
-    # _snprintf leaves a text without its end where it does not fit; snprintf does not.
+    # _snprintf does not terminate a text that does not fit; snprintf does.
     Ban(r"\b(?:_snw?printf|v?sprintf|strcpy|strcat|gets|strtok)\s*\(",
-        "does not keep to its buffer"),
+        "may write past its buffer"),
     Ban(r"\busing\s+namespace\s+std\s*;", "names its names", folders=("",)),
-    Ban(r"\b(?:TODO|FIXME|XXX|HACK)\b", "do it, or say plainly what is not done", where=TEXT,
+    Ban(r"\b(?:TODO|FIXME|XXX|HACK)\b", "do it, or describe what is missing", where=TEXT,
         folders=("",), suffixes=("",)),
-    # Whoever reads this tree has nothing but this tree.
+    # Readers of this tree have nothing but the tree.
     Ban(r"\bPart\s+[0-9]+\.[0-9]+|\bspec(?:ification)?s?\b(?!\.|\()|(?<![\w-])issue\s+#?[0-9]+"
         r"|(?<![\w./$}])/(?:work|root|home|Users)/[A-Za-z.]",
-        "leans on something outside this tree", where=TEXT, folders=("",), suffixes=("",),
+        "refers to something outside this tree", where=TEXT, folders=("",), suffixes=("",),
         flags=re.IGNORECASE),
 ]
 

@@ -5,7 +5,7 @@ TOKEN = re.compile(
     r"""
     (?P<comment>//(?:[^\n\\]|\\.)*|/\*.*?\*/)
   | (?P<raw>R"(?P<mark>[^()\\\s]*)\(.*?\)(?P=mark)")
-  | (?P<number>(?<![\w.])[0-9][0-9a-zA-Z_.']*)      # with its separators, which are no quotes
+  | (?P<number>(?<![\w.])[0-9][0-9a-zA-Z_.']*)      # with separators, which are not quotes
   | (?P<literal>"(?:[^"\\\n]|\\.)*"|'(?:[^'\\\n]|\\.)*')
     """,
     re.VERBOSE | re.DOTALL,
@@ -14,8 +14,8 @@ INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*("[^"]*"|<[^>]*>)', re.MULTILI
 
 
 def blank(text, literals):
-    """Blanks comments, and with `literals` the insides of strings; every line keeps its place."""
-    keep = {m.span(1) for m in INCLUDE.finditer(text)}  # the name of a header is no literal
+    """Blanks comments, and with `literals` the content of strings. Line numbers stay the same."""
+    keep = {m.span(1) for m in INCLUDE.finditer(text)}  # the name of a header is not a literal
 
     def replace(match):
         found = match[0]

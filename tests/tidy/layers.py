@@ -1,12 +1,12 @@
-"""Who may include whom, from the ground up.
+"""Which folders may include which, from the lowest layer up.
 
 A file of src/ includes only files of its own folder or of a lower layer, by their path from src/,
-and no file includes itself by way of others. Folders of one layer do not know each other.
+and no file includes itself through others. Folders of the same layer do not include each other.
 """
 import cpp
 from tree import Finding
 
-# A folder includes its own floor and those above it in this list, which stand below it in the tree.
+# From the lowest layer to the highest; a folder may include its own and lower ones.
 LAYERS = [
     ["common"],
     ["abi", "protocol"],
@@ -41,23 +41,23 @@ def allowed(includer, included):
 def check_file(tree, path):
     name = folder(path)
     if level(name) is None:
-        yield Finding(path, 0, "stands in a folder without a layer (tests/tidy/layers.py)")
+        yield Finding(path, 0, "is in a folder without a layer (tests/tidy/layers.py)")
         return
     for line, header, quoted in cpp.includes(tree.code(path)):
         target = "src/" + header
         if target not in tree.paths:
             if quoted:
-                yield Finding(path, line, f'includes "{header}", which is no file of src/')
+                yield Finding(path, line, f'includes "{header}", which is not a file of src/')
             continue
         if not quoted:
-            yield Finding(path, line, f"includes <{header}>: our own headers stand in quotes")
+            yield Finding(path, line, f"includes <{header}>: use quotes for our own headers")
         other = folder(target)
         if level(other) is not None and not allowed(name, other):
-            yield Finding(path, line, f"includes {header}, which does not stand below it")
+            yield Finding(path, line, f"includes {header}, which is not in a lower layer")
 
 
 def cycles(tree):
-    """One finding for each file by way of which a file includes itself."""
+    """One finding for each file through which a file includes itself."""
     graph = {
         path: [(line, "src/" + header) for line, header, _ in cpp.includes(tree.code(path))
                if "src/" + header in tree.paths]

@@ -18,7 +18,7 @@ ROW = re.compile(r'^\| `([\w.]+)` "(.+?)" \|(.+)\|(.+)\|(.+)\|$')
 MENDED = re.compile(r"^\| `([\w-]+)` \|(.+)\|(.+)\|(.+)\|(.+)\|$")
 MENDING = re.compile(r'\{"([\w-]+)", kMend(?!All\b)\w+\}')
 TEST = re.compile(r"^[ \t]*(\w*(?:TEST|SCENARIO)\w*)\(\s*(\w+)\s*(?:,\s*(\w+))?", re.MULTILINE)
-# A file's own short form of a scenario: the fixture stands in the definition.
+# A file's own macro for a scenario; the definition names the fixture.
 SHORT_FORM = re.compile(r"^#define (\w+)\((\w+)[^)]*\)[\s\\]+\w+\(\s*(\w+),\s*\2\b", re.MULTILINE)
 
 
@@ -37,14 +37,14 @@ class Mark:
 @dataclasses.dataclass(frozen=True)
 class Row:
     line: int
-    kind: str  # of the table that it stands in
+    kind: str  # of the table that it is in
     file: str
     words: str
     tests: tuple
 
 
 def comment_of(line):
-    """The comment of a line after its //; None if it has none."""
+    """The comment of a line, after the //; None if there is none."""
     start = line.find("//")
     return None if start < 0 else line[start + 2:].strip()
 
@@ -75,17 +75,17 @@ def rows(text):
         if heading := re.match(r"^#+ (Kept|Guard)\b", line):
             kind = heading[1]
         elif kind is None:
-            continue  # what is mended on request has a form of its own
+            continue  # the rows of mendings on request have a different form
         elif row := ROW.match(line):
             named = row[5].strip()
             tests = () if named == NO_TEST else tuple(re.findall(r"`([^`]+)`", named)) or (named,)
             yield Row(number, kind, row[1], row[2], tests)
         elif line.startswith("| `"):
-            yield Finding(REGISTER, number, "is no row: | `file` \"words\" | what | who | test |")
+            yield Finding(REGISTER, number, "not a row: | `file` \"words\" | what | who | test |")
 
 
 def mended(text):
-    """Yields (line, name, tests) for each row of what is mended on request."""
+    """Yields (line, name, tests) for each row of mendings on request."""
     for number, line in enumerate(text.split("\n"), 1):
         if row := MENDED.match(line):
             yield number, row[1], re.findall(r"`([^`]+)`", row[5])

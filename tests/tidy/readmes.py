@@ -1,9 +1,9 @@
-"""Each folder has a README that says what it is; in the code's own folders in one paragraph."""
+"""Each folder has a README that describes it; in the folders of src, port and devkit in one paragraph."""
 import re
 
 from tree import Finding
 
-ROOTS = ["src", "port", "devkit"]  # their folders say it in one paragraph
+ROOTS = ["src", "port", "devkit"]  # READMEs of their folders have one paragraph
 DATA = ("fuzz/corpus/",)
 LEAST_WORDS = 20
 

@@ -1,6 +1,6 @@
-"""Packed records: each says its size and the offset of every field, in assertions.
+"""Packed records: assertions state the size of each and the offset of every field.
 
-Best effort: it understands the declarations that records here are made of.
+Best effort: it understands the kinds of declaration that are used in this tree.
 """
 import re
 
@@ -41,7 +41,7 @@ def closing(code, opening):
 
 
 def statements(body):
-    """The body's own declarations, without those in inner braces."""
+    """The declarations of the body, without those in inner braces."""
     depth, current, ended_by_brace = 0, "", False
     for char in body:
         if char == "{":
@@ -55,7 +55,7 @@ def statements(body):
                 yield current
                 current, ended_by_brace = "", False
                 continue
-            # A function's body ends its declaration without a semicolon.
+            # A function with a body has no semicolon at its end.
             if ended_by_brace and not char.isspace() and char != ",":
                 if "(" in current.split("=")[0]:
                     current = ""
@@ -78,7 +78,7 @@ def fields(body):
 
 
 def records(code):
-    """Yields (line, name, fields) for each packed record, nested ones too."""
+    """Yields (line, name, fields) for each packed record, including nested ones."""
     for start, end, _, _ in packed_spans(code):
         for match in RECORD.finditer(code, start, end):
             last = closing(code, match.end() - 1)

@@ -1,4 +1,4 @@
-"""Files that have grown past one idea. A warning: some tables are long."""
+"""Warns of long files, which may contain more than one idea. Some tables are long, too."""
 from tree import Finding
 
 MOST_LINES = {"src/": 300, "port/": 500, "devkit/": 500, "tests/": 700}

@@ -1,4 +1,4 @@
-"""Every C++ file as clang-format 14 writes it. Other versions differ in details."""
+"""Every C++ file has the layout of clang-format 14. Other versions differ in details."""
 import shutil
 import subprocess
 
@@ -26,5 +26,5 @@ def check(tree):
         line = 0
         if run.returncode and (first := run.stderr.split("\n")[0].split(":"))[1:2]:
             line = int(first[1]) if first[1].isdigit() else 0
-        yield path, ([Finding(path, line, "is not as clang-format writes it")]
+        yield path, ([Finding(path, line, "differs from clang-format's layout")]
                      if run.returncode else [])

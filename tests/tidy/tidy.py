@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""Holds the tree to its own rules.
+"""Checks the tree against its own rules.
 
 usage: tidy.py [--format] [ROOT]
 
 Include directions, the picture of them in README.md, banned constructs, the names in the glossary,
-the register of oddities, a README per folder, assertions on packed records, sizes of files; with
---format the layout of every C++ file instead. Prints one line, FILE:LINE: MESSAGE, for each offence
-and closes with "N passed, N failed": a check is one rule on one file. Exit: 0 all passed, 1 something
-failed, 77 nothing to format with.
+the register of oddities, a README in each folder, assertions on packed records, sizes of files; with
+--format, the layout of every C++ file instead. Prints one line, FILE:LINE: MESSAGE, for each finding,
+and at the end "N passed, N failed"; a check is one rule on one file. Exit: 0 all passed, 1 something
+failed, 77 no clang-format here.
 """
 import argparse
 import pathlib
@@ -47,7 +47,7 @@ def main():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--format", action="store_true", help="check the layout instead")
     parser.add_argument("root", nargs="?", default=pathlib.Path(__file__).resolve().parents[2],
-                        metavar="ROOT", help="the tree, by default the one this stands in")
+                        metavar="ROOT", help="the tree, by default the one with this script")
     arguments = parser.parse_args()
     if arguments.format and style.formatter() is None:
         print(f"skipped: no clang-format {style.VERSION} here")

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Each rule finds what it should find, and lets the rest pass."""
+"""Each rule finds what it should find, and accepts the rest."""
 import contextlib
 import io
 import pathlib
@@ -75,7 +75,7 @@ class Layers(unittest.TestCase):
                 ("hooks/hook.h", "start/gate.h")]:
             found = self.check({includer: [included], included: []})
             self.assertEqual(
-                found, [f"src/{includer}:1: includes {included}, which does not stand below it"])
+                found, [f"src/{includer}:1: includes {included}, which is not in a lower layer"])
 
     def test_a_circle_is_found(self):
         found = self.check({"route/a.h": ["route/b.h"], "route/b.h": ["route/c.h"],
@@ -85,11 +85,11 @@ class Layers(unittest.TestCase):
                       "src/route/a.h", found[0])
 
     def test_strangers_are_found(self):
-        self.assertIn("no file of src/", self.check({"common/a.h": ["port/sim/sim.h"]})[0])
+        self.assertIn("not a file of src/", self.check({"common/a.h": ["port/sim/sim.h"]})[0])
         self.assertIn("without a layer", self.check({"misc/a.h": []})[0])
         found = findings(layers, {"src/common/a.h": "#include <common/b.h>\n",
                                   "src/common/b.h": ""})
-        self.assertIn("stand in quotes", found[0])
+        self.assertIn("use quotes", found[0])
 
     def test_the_port_does_not_know_the_product(self):
         files = {"src/common/log.h": "", "port/sim/sim.h": '#include "common/log.h"\n'}
@@ -201,7 +201,7 @@ class Architecture(unittest.TestCase):
     def test_a_picture_of_another_tree_is_found(self):
         readme = f"before\n{self.DRAWING.BEGIN}\nold\n{self.DRAWING.END}\nafter\n"
         self.assertEqual(findings(architecture, dict(self.SOURCES, **{"README.md": readme})), [
-            "README.md: its picture is not that of the tree: run scripts/draw_architecture.py"])
+            "README.md: its picture differs from the tree: run scripts/draw_architecture.py"])
         right = self.DRAWING.replaced(readme, self.DRAWING.draw(self.SOURCES))
         self.assertTrue(right.startswith("before\n") and right.endswith("\nafter\n"))
         self.assertEqual(findings(architecture, dict(self.SOURCES, **{"README.md": right})), [])
@@ -291,7 +291,7 @@ class Oddities(unittest.TestCase):
         self.assertEqual(self.check(self.SOURCE + "// the guard of a lock, kept for later\n"), [])
 
     def test_a_row_that_cannot_be_read_is_found(self):
-        self.assertIn("is no row", self.check(
+        self.assertIn("not a row", self.check(
             register=self.REGISTER + "| `a.h` no quotes | x | y | none |\n")[0])
 
 
@@ -349,7 +349,7 @@ class Driver(unittest.TestCase):
     def test_layout_is_checked(self):
         found = findings(style, {".clang-format": "BasedOnStyle: Google\n",
                                  "a.cpp": "int a;\nint   b;\n", "b.cpp": "int a;\n"})
-        self.assertEqual(found, ["a.cpp:2: is not as clang-format writes it"])
+        self.assertEqual(found, ["a.cpp:2: differs from clang-format's layout"])
 
 
 def main():

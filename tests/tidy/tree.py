@@ -1,4 +1,4 @@
-"""The files of the tree and what a rule finds in them."""
+"""The files of the tree, and the findings of the rules."""
 import dataclasses
 import functools
 import pathlib
@@ -20,7 +20,7 @@ class Finding:
 
 
 class Tree:
-    """All files that are under version control or about to be added."""
+    """All files under version control, and new ones that are not ignored."""
 
     def __init__(self, root):
         self.root = pathlib.Path(root)
@@ -31,7 +31,7 @@ class Tree:
         try:
             listed = subprocess.run(git, capture_output=True, check=True).stdout.decode()
             names = listed.split("\0")
-        except (OSError, subprocess.CalledProcessError):  # an unpacked archive
+        except (OSError, subprocess.CalledProcessError):  # not a repository: an unpacked archive
             names = [p.relative_to(self.root).as_posix() for p in self.root.rglob("*")]
             names = [n for n in names if not n.startswith(("build/", ".git/"))]
         return {n for n in names if n and (self.root / n).is_file()}
@@ -42,7 +42,7 @@ class Tree:
 
     @functools.lru_cache(maxsize=None)
     def code(self, path):
-        """The source with its comments and the insides of its literals blanked."""
+        """The source with its comments and the content of its literals blanked."""
         return cpp.blank(self.text(path), literals=True)
 
     @functools.lru_cache(maxsize=None)

@@ -185,7 +185,7 @@ TEST_F(ReadConfig, LastPathOfTheLastSlotMatches) {
   EXPECT_TRUE(ReadAccConfig());
 }
 
-TEST_F(ReadConfig, PathsBehindTheCountAreNotRead) {
+TEST_F(ReadConfig, PathsBeyondTheCountAreNotRead) {
   ClientRegion client;
   client.List(0, "C:\\other.exe");
   client.List(0, kGame).path_count = 1;
@@ -309,7 +309,7 @@ TEST_F(ReadConfig, CountsAtTheirBoundsStay) {
   EXPECT_EQ(GetAccConfig()->port_idc_count, 256);
 }
 
-TEST_F(ReadConfig, UnterminatedPathMatchesNobody) {
+TEST_F(ReadConfig, UnterminatedPathMatchesNoProcess) {
   ClientRegion client;
   AccConfigRecord& game = client.List(0, kGame);
   std::memset(game.game_paths[0], 'C', sizeof game.game_paths[0]);

@@ -64,7 +64,7 @@ TEST(BlockBuffer, BytesComeOutAsTheyWentIn) {
   EXPECT_TRUE(buffer.IsEmpty());
 }
 
-TEST(BlockBuffer, AReservationWithoutACommitIsNoData) {
+TEST(BlockBuffer, AReservationWithoutACommitAddsNoData) {
   BlockBuffer buffer;
   u8* place = nullptr;
   u8* bytes = reinterpret_cast<u8*>(&place);
@@ -99,7 +99,7 @@ TEST(BlockBuffer, RefusesNullPointersAndNoBytes) {
   EXPECT_FALSE(buffer.Peek(&place, nullptr));
 }
 
-TEST(BlockBuffer, TakesFourBlocksAndNotAByteMore) {
+TEST(BlockBuffer, HoldsFourBlocksAndNotAByteMore) {
   BlockBuffer buffer;
   for (int i = 0; i < 4; ++i) FillBlock(&buffer);
   u8 mark = 0;
@@ -113,7 +113,7 @@ TEST(BlockBuffer, TakesFourBlocksAndNotAByteMore) {
   EXPECT_NE(place, nullptr);
 }
 
-TEST(BlockBuffer, MoreThanABlockIsNeverReserved) {
+TEST(BlockBuffer, MoreThanABlockCannotBeReserved) {
   BlockBuffer buffer;
   u8 mark = 0;
   u8* place = &mark;
@@ -161,7 +161,7 @@ TEST(BlockBuffer, ConsumeOfMoreThanTheFrontBlockHoldsChangesNothing) {
   EXPECT_EQ(Front(&buffer), "later");
 }
 
-TEST(BlockBuffer, ConsumeOfACountThatIsNoIntIsRefused) {
+TEST(BlockBuffer, ConsumeOfACountThatDoesNotFitAnIntIsRefused) {
   BlockBuffer buffer;
   ASSERT_TRUE(Write(&buffer, "abc"));
   EXPECT_FALSE(buffer.Consume(0x80000000));
@@ -184,7 +184,7 @@ TEST(BlockBuffer, ADrainedBlockIsUsedAgain) {
 
 // Read bytes count as free, but their room is at the front of the block: space at its end must not
 // run past it.
-TEST(BlockBuffer, APlaceNeverRunsPastItsBlock) {
+TEST(BlockBuffer, AReservationStaysWithinItsBlock) {
   BlockBuffer buffer;
   u8* first = nullptr;
   ASSERT_TRUE(buffer.Reserve(&first, kBlock));
@@ -202,7 +202,7 @@ TEST(BlockBuffer, APlaceNeverRunsPastItsBlock) {
 }
 
 // Drained blocks are freed too: the next one is all zeros, without old bytes.
-TEST(BlockBuffer, ClearGivesDrainedBlocksBack) {
+TEST(BlockBuffer, ClearFreesDrainedBlocks) {
   BlockBuffer buffer;
   FillBlock(&buffer);
   ASSERT_TRUE(buffer.Consume(kBlock));
@@ -213,7 +213,7 @@ TEST(BlockBuffer, ClearGivesDrainedBlocksBack) {
 }
 
 #ifndef _WIN32
-TEST(BlockBuffer, ClearAndTheEndLeaveNoBlockBehind) {
+TEST(BlockBuffer, ClearAndDestructionFreeEveryBlock) {
   const size_t before = port::OpenAllocations();
   {
     BlockBuffer buffer;
@@ -248,7 +248,7 @@ TEST(BlockBuffer, WithoutMemoryThereIsNoRoomAndNothingIsLost) {
 }
 #endif
 
-TEST(BlockBuffer, ClearForgetsEverything) {
+TEST(BlockBuffer, ClearDiscardsEverything) {
   BlockBuffer buffer;
   FillBlock(&buffer);
   ASSERT_TRUE(Write(&buffer, "rest"));

@@ -28,7 +28,7 @@ std::string Describe(const std::vector<SwitchAdvice>& advice) {
   return all;
 }
 
-TEST(ClientAdvice, TheSampleNeedsNone) {
+TEST(ClientAdvice, TheSampleNeedsNoAdvice) {
   EXPECT_EQ(Describe(AdviseOnSwitching(*Sample())), "");
   EXPECT_EQ(client::AllProblems(ParseConfig(client::WriteSample({}))).size(), 0u);
 }
@@ -187,7 +187,7 @@ INSTANTIATE_TEST_SUITE_P(All, ClientAdviceRow, testing::ValuesIn(kSpoilt),
                          [](const auto& row) { return std::string(row.param.name); });
 
 // One in 51 is less than two percent.
-TEST(ClientAdvice, ALongRangeThatBearsALostDatagramNeedsNone) {
+TEST(ClientAdvice, ALongRangeThatToleratesALostDatagramNeedsNoAdvice) {
   const auto tables = Sample();
   Game& game = tables->restriction.games[0];
   game.data_link_long_cycle_lost = 2;
@@ -226,7 +226,7 @@ TEST(ClientAdvice, BearsAnyNumbers) {
 }
 
 // Ten games through one bad node: it is reported once.
-TEST(ClientAdvice, OfANodeIsSaidOnce) {
+TEST(ClientAdvice, AboutANodeIsGivenOnce) {
   client::ConfigFile file = ParseConfig(client::WriteSample({}));
   auto& games = file.tables->restriction.games;
   games[1] = games[0];
@@ -271,7 +271,7 @@ class ClientExplainAdvice : public testing::Test {
   }
 };
 
-TEST_F(ClientExplainAdvice, StandsInTheAnswerForAFlowThatCouldMove) {
+TEST_F(ClientExplainAdvice, IsInTheAnswerForAFlowThatCouldMove) {
   const auto answer = Ask("198.51.100.10:80", "udp");
   ASSERT_EQ(answer.warnings.size(), 1u);
   EXPECT_NE(ExplanationText(answer).find(
@@ -285,7 +285,7 @@ TEST_F(ClientExplainAdvice, StandsInTheAnswerForAFlowThatCouldMove) {
       << ExplanationJson(answer);
 }
 
-TEST_F(ClientExplainAdvice, IsLeftOutWhereNothingCouldMove) {
+TEST_F(ClientExplainAdvice, IsOmittedIfNoFlowCouldMove) {
   EXPECT_TRUE(Ask("198.51.100.10:80", "tcp").warnings.empty());  // streams stay
   EXPECT_TRUE(Ask("198.51.100.12:80", "udp").warnings.empty());  // goes direct
 }

@@ -202,7 +202,7 @@ TEST(ClientDump, RandomTablesSurvive) {
   }
 }
 
-TEST(ClientDump, NamesStandWhereOneNodeIsMeant) {
+TEST(ClientDump, HasANameWhereItIdentifiesOneNode) {
   const std::string node =
       "[[node]]\nproxy_name = 'one'\nproxy_addr = '1.2.3.4'\nproxy_port = 1\nproxy_idc = 5\n";
   const std::string route =
@@ -222,7 +222,7 @@ TEST(ClientDump, NamesStandWhereOneNodeIsMeant) {
 }
 
 // Another client may have written anything; what is shown stays within the tables.
-TEST(ClientDump, CountsAndTextsWithoutAnEndAreBounded) {
+TEST(ClientDump, WrongCountsAndUnterminatedTextsAreLimited) {
   const auto tables = client::NewTables();
   for (const RegionRow& row : client::Regions()) {
     std::memset(RegionOf(*tables, row), 0xff, row.size);

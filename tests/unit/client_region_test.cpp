@@ -60,7 +60,7 @@ class ClientRegion : public testing::Test {
   RegionServer server_;
 };
 
-TEST_F(ClientRegion, AListedGameReadsWhatTheFileSays) {
+TEST_F(ClientRegion, AListedGameReadsTheContentOfTheFile) {
   ASSERT_TRUE(Serve("route_binary_file_path = 'C:\\route.dat'\nsecond_path = 'second'\n" +
                     ListedGame("C:\\Games\\Game.exe", 77) +
                     "excluded_ports = [25, 465]\nuin = '20001'\nzone_id = 3\n"));
@@ -94,7 +94,7 @@ TEST_F(ClientRegion, TheReaderTakesTheRecordByteForByte) {
   EXPECT_EQ(std::memcmp(&read, &file.tables->restriction.games[0], sizeof read), 0);
 }
 
-TEST_F(ClientRegion, ANewFileReachesWhoStartsLaterThroughAnOlderMapping) {
+TEST_F(ClientRegion, ANewFileReachesLaterGamesThroughAnOlderMapping) {
   ASSERT_TRUE(Serve(ListedGame("C:\\one.exe", 1)));
   common::Shared_mem_obj older(kRestrictionRegionName, sizeof(RestrictionRegion),
                                kRestrictionMutexName, false);
@@ -119,7 +119,7 @@ TEST_F(ClientRegion, AnInvalidRecordIsSkipped) {
   EXPECT_EQ(GetAccConfig()->game_id, 2u);
 }
 
-TEST_F(ClientRegion, IsGoneWithItsServer) {
+TEST_F(ClientRegion, EndsWithItsServer) {
   {
     RegionServer server;
     ASSERT_EQ(
@@ -129,7 +129,7 @@ TEST_F(ClientRegion, IsGoneWithItsServer) {
   EXPECT_FALSE(common::Shared_mem_obj::Exists(kRestrictionRegionName));
 }
 
-TEST_F(ClientRegion, AMutexThatIsHeldForGoodIsAnErrorAndNoHang) {
+TEST_F(ClientRegion, AMutexThatIsNeverReleasedIsAnErrorAndNoHang) {
   common::NamedMutex held(kRestrictionMutexName);
   held.lock();
   std::string error;
@@ -141,7 +141,7 @@ TEST_F(ClientRegion, AMutexThatIsHeldForGoodIsAnErrorAndNoHang) {
   EXPECT_NE(error.find(kRestrictionMutexName), std::string::npos) << error;
 }
 
-TEST_F(ClientRegion, AMutexLeftByTheDeadIsTakenAndGivenBack) {
+TEST_F(ClientRegion, AMutexOfADeadProcessIsTakenAndReleased) {
   common::NamedMutex mutex(kRestrictionMutexName);
   test::RunThread([&] { mutex.lock(); });  // ends with it
   ASSERT_TRUE(Serve(ListedGame("C:\\one.exe", 1)));
@@ -153,7 +153,7 @@ TEST_F(ClientRegion, AMutexLeftByTheDeadIsTakenAndGivenBack) {
   EXPECT_TRUE(free);
 }
 
-TEST_F(ClientRegion, ARegionOfAnotherVersionIsRefusedAndLeftAlone) {
+TEST_F(ClientRegion, ARegionOfAnotherVersionIsRefusedAndNotChanged) {
   common::Shared_mem_obj other(kRestrictionRegionName, sizeof(RestrictionRegion),
                                kRestrictionMutexName, false);
   auto* const region = static_cast<RestrictionRegion*>(other.Open(common::kOpenForWriting, false));

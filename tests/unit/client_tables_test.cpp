@@ -294,7 +294,7 @@ TEST(ClientTables, TheSameAddressMayServeSeveralLevels) {
   EXPECT_EQ(file.tables->iptable.ip_count, 3u);
 }
 
-TEST(ClientTables, WarnsOfWhatDoesNothing) {
+TEST(ClientTables, WarnsAboutEntriesWithoutEffect) {
   const Refusal doubts[] = {
       {"[[route]]\ngame_idc = 7\nref_default = { node = 5 }",
        "17: warning: key 'route[0].game_idc': no address and no port leads to 7, so this route is "
@@ -327,7 +327,7 @@ std::string Repeat(const std::string& text, int times) {
 }
 
 // [0] fills the table to its last place, [1] has one more.
-TEST(ClientTables, AreTakenUpToTheirBounds) {
+TEST(ClientTables, AreAcceptedUpToTheirLimits) {
   const std::string node = "[[node]]\nproxy_addr = '1.2.3.4'\nproxy_port = 1\nproxy_idc = 9#\n";
   const std::string route = "[[route]]\ngame_idc = 9#\nref_default = { node = 5 }\n";
   const std::string route2 = "[[route_mode2]]\ngame_idc = 9#\nref_default = { node = 5 }\n";

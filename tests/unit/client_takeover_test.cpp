@@ -46,7 +46,7 @@ std::string Changes(const TakeoverReport& report) {
   return all;
 }
 
-TEST(ClientTakeover, TheFirstTextMakesWhatItFills) {
+TEST(ClientTakeover, TheFirstTextCreatesTheRegionsThatItFills) {
   Takeover takeover({});
   const TakeoverReport report = takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
   EXPECT_EQ(report.failure, "");
@@ -64,7 +64,7 @@ TEST(ClientTakeover, AFileWithoutRoutesMakesNoRouteRegion) {
   EXPECT_FALSE(common::Shared_mem_obj::Exists(kRouteRegionName));
 }
 
-TEST(ClientTakeover, OnlyWhatChangedIsWritten) {
+TEST(ClientTakeover, OnlyChangesAreWritten) {
   Takeover takeover({});
   takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
   EXPECT_EQ(Changes(takeover.Apply("# a comment\n" + kGame + Nodes("1.2.3.4"), kTakeoverWaitMs)),
@@ -160,7 +160,7 @@ TEST_F(ClientTakeoverGame, ARunningGameSeesANewLaunchTestAtItsNextDecision) {
   EXPECT_EQ(Node(), "6.6.6.6");
 }
 
-TEST_F(ClientTakeoverGame, ARunningGameIsToldOfANewSpurListAndReadsIt) {
+TEST_F(ClientTakeoverGame, ARunningGameIsNotifiedOfANewSpurListAndReadsIt) {
   Takeover takeover({GetCurrentProcessId()});
   takeover.Apply(kGame + Nodes("1.2.3.4") + Spur("9.9.9.9"), kTakeoverWaitMs);
   Start(takeover);
@@ -193,7 +193,7 @@ TEST(ClientFileWatcher, NewContentCountsWhenItHasSettled) {
   EXPECT_EQ(watcher.Poll(), std::nullopt);
 }
 
-TEST(ClientFileWatcher, HalfWrittenAndMissingFilesAreNoContent) {
+TEST(ClientFileWatcher, HalfWrittenAndMissingFilesAreIgnored) {
   const test::RealDir dir;
   const std::string path = dir.File("games.toml");
   Write(path, "first");
@@ -222,7 +222,7 @@ TEST(ClientFileWatcher, AnEditOfTheSameLengthIsSeen) {
   EXPECT_EQ(watcher.Poll(), "two");
 }
 
-TEST(ClientFileWatcher, GoingBackToTheOldContentIsNoChange) {
+TEST(ClientFileWatcher, RestoringTheOldContentIsNoChange) {
   const test::RealDir dir;
   const std::string path = dir.File("games.toml");
   Write(path, "one");

@@ -21,7 +21,7 @@ struct Case {
   uint32_t received, duplicated, reordered;
 };
 
-TEST(GameCounts, EachNumberCountsOnceHoweverItComes) {
+TEST(GameCounts, EachNumberCountsOnceInAnyOrder) {
   const Case cases[] = {
       {"nothing", {}, 0, 0, 0},
       {"in order", {0, 1, 2}, 3, 0, 0},

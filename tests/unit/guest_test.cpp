@@ -72,7 +72,7 @@ class Guest : public testing::TestWithParam<Work> {
   WSPPROC_TABLE table{};
 };
 
-TEST_P(Guest, LeavesWhatItSharesWithItsHostAsItWas) {
+TEST_P(Guest, DoesNotChangeStateSharedWithItsHost) {
   const test::LogCapture log;
   std::srand(kSeed);
   const int first = std::rand();

@@ -79,7 +79,7 @@ TEST_F(CheckAndBindTest, ASocketThatTheGameBoundKeepsItsPort) {
   EXPECT_EQ(Recorded(), htons(4000));
 }
 
-TEST_F(CheckAndBindTest, ThePortIsAskedForOnce) {
+TEST_F(CheckAndBindTest, ThePortIsQueriedOnce) {
   next.name_port = 4000;
   EXPECT_TRUE(CheckAndBind(kSocket, nullptr));
   EXPECT_TRUE(CheckAndBind(kSocket, &port));
@@ -110,7 +110,7 @@ TEST_F(CheckAndBindTest, AnUnboundSocketGetsARandomPort) {
   EXPECT_EQ(Recorded(), port);
 }
 
-TEST_F(CheckAndBindTest, WithoutAPortThereIsNone) {
+TEST_F(CheckAndBindTest, WithoutAFreePortThereIsNoPort) {
   next.name_error = WSAEINVAL;
   next.bind_error = WSAEACCES;
   EXPECT_FALSE(CheckAndBind(kSocket, &port));
@@ -128,13 +128,13 @@ TEST_F(CheckAndBindTest, AnotherErrorIsNamed) {
   EXPECT_TRUE(log.Contains("[4][lsp]" + test::kBindRefused + "4322\n"));
 }
 
-TEST_F(CheckAndBindTest, ASocketWithoutARecordHasNone) {
+TEST_F(CheckAndBindTest, ASocketWithoutARecordHasNoPort) {
   EXPECT_FALSE(CheckAndBind(kSocket + 1, &port));
   EXPECT_EQ(next.names, 0);
   EXPECT_TRUE(log.Contains("[4][lsp]" + test::kBindRefused + "4323\n"));
 }
 
-TEST_F(CheckAndBindTest, ANextProviderWithoutTheCallHasNone) {
+TEST_F(CheckAndBindTest, ANextProviderWithoutTheCallHasNoPort) {
   table.lpWSPGetSockName = nullptr;
   EXPECT_FALSE(CheckAndBind(kSocket, &port));
 }

@@ -128,7 +128,7 @@ TEST_F(HookEdges, APeerThatDoesNotFitIsNotReadBeyondItsPlace) {
 
 // --- opening --------------------------------------------------------------------------------
 
-TEST_F(HookEdges, OnlyTheFlagForItMakesASocketOverlapped) {
+TEST_F(HookEdges, OnlyItsFlagMakesASocketOverlapped) {
   test::LogCapture log(4);
   Make(1, 6, 0x80);
   EXPECT_TRUE(log.Contains("overlapped=false, protocol=6, ")) << log.Text();
@@ -174,7 +174,7 @@ TEST_F(HookEdges, ABindThatSucceedsStoresNoPort) {
 // --- ConnectEx ------------------------------------------------------------------------------
 
 // The function comes from an ioctl: of the table it needs that entry alone.
-TEST_F(HookEdges, ConnectExNeedsNoConnectBelow) {
+TEST_F(HookEdges, ConnectExNeedsNoConnectOfTheNextProvider) {
   common::GetProcessInfo().tcp_proc_table.lpWSPConnect = nullptr;
   Make();
   EXPECT_EQ(WSPConnectEx(next.socket, Generic(server), 16, nullptr, 0, nullptr, nullptr), FALSE);
@@ -210,7 +210,7 @@ TEST_F(HookEdges, APingIsReadFromTheFirstOfItsBuffers) {
 // --- levels ---------------------------------------------------------------------------------
 
 // The life of a socket is logged at the level of events, whatever happens to it.
-TEST_F(HookEdges, TheLifeOfASocketIsToldAtTheLevelOfEvents) {
+TEST_F(HookEdges, TheLifeOfASocketIsLoggedAtTheLevelOfEvents) {
   test::LogCapture log(4);
   Make();
   const std::string tail = Tail();
@@ -230,7 +230,7 @@ TEST_F(HookEdges, TheLifeOfASocketIsToldAtTheLevelOfEvents) {
 }
 
 // And a socket without a provider as a failure.
-TEST_F(HookEdges, CallsWithoutAProviderBelowAreToldAsFailures) {
+TEST_F(HookEdges, CallsWithoutANextProviderAreLoggedAsFailures) {
   test::LogCapture log(4);
   constexpr SOCKET kUnknown = 0x999;
   sockaddr_in peer{};
@@ -296,7 +296,7 @@ TEST_F(HookEdges, EachCallCountsItsFailuresApart) {
 // --- a socket that may not be relayed -------------------------------------------------------
 
 // Whatever its record says about a relay, none is asked for.
-TEST_F(HookEdges, AConnectedSocketThatMayNotBeRelayedAsksForNothing) {
+TEST_F(HookEdges, AConnectedSocketThatMayNotBeRelayedSendsNoRequest) {
   Make(2, 17);
   GetSocketMap().SetUdpConnectMode(next.socket, true);
   EXPECT_EQ(Send(), 0);

@@ -73,7 +73,7 @@ TEST_F(ExtensionHooks, IoctlOfAnUnknownSocketFailsSilently) {
 }
 
 // A process whose sockets may not be relayed keeps the real function.
-TEST_F(ExtensionHooks, WithoutARelayTheRealConnectExIsHandedOut) {
+TEST_F(ExtensionHooks, WithoutARelayTheRealConnectExIsReturned) {
   test::LogCapture log(0);
   EXPECT_EQ(Query(WSAID_CONNECTEX, next.socket), 0);
   EXPECT_NE(function, nullptr);
@@ -86,7 +86,7 @@ constexpr char kFunctionIs[] =
     "[0][lsp][Main]WSPIoctl\xA3\xBA"
     "extension function is ";
 
-TEST_F(ExtensionHooks, EveryFunctionIsRecognisedAndConnectExAloneIsReplaced) {
+TEST_F(ExtensionHooks, EveryFunctionIsRecognisedAndOnlyConnectExIsReplaced) {
   struct Case {
     GUID id;
     const char* name;
@@ -153,7 +153,7 @@ TEST_F(ExtensionHooks, OnlySixteenBytesAreCompared) {
 void WSPAPI NeverCompleted(DWORD, DWORD, LPWSAOVERLAPPED, DWORD) {}
 
 // A raw socket may be relayed whatever the process's modes are.
-TEST_F(ExtensionHooks, AFailedQuerySaysEverythingAboutItself) {
+TEST_F(ExtensionHooks, AFailedQueryLogsAllItsArguments) {
   WSPCloseSocket(next.socket, &error);
   WSPSocket(AF_INET, 3, 1, nullptr, 0, 1, &error);
   GUID id = WSAID_CONNECTEX;
@@ -184,7 +184,7 @@ TEST_F(ExtensionHooks, AFailedQuerySaysEverythingAboutItself) {
   EXPECT_GT(text.find("extension function is ConnectEx"), failure);
 }
 
-TEST_F(ExtensionHooks, ConnectExTurnsTheRealAnswerRound) {
+TEST_F(ExtensionHooks, ConnectExNegatesTheRealResult) {
   char data[4] = {};
   DWORD sent = 0;
   OVERLAPPED overlapped{};
@@ -205,7 +205,7 @@ TEST_F(ExtensionHooks, ConnectExTurnsTheRealAnswerRound) {
       << log.Text();
 }
 
-TEST_F(ExtensionHooks, APendingConnectExLooksTrueAndKeepsItsError) {
+TEST_F(ExtensionHooks, APendingConnectExReturnsTrueAndKeepsItsError) {
   test::LogCapture log(5);
   next.error = 997;
   OVERLAPPED overlapped{};

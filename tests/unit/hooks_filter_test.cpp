@@ -43,7 +43,7 @@ TEST_F(FilteredHooks, ConnectCountsUnderItsOwnNumber) {
 }
 
 // A process that opens and closes sockets for days must not collect what they once failed with.
-TEST_F(FilteredHooks, CloseTakesTheCountsAlong) {
+TEST_F(FilteredHooks, CloseResetsTheCounts) {
   test::LogCapture log(5);
   FailConnects(7);
   next.result = 0;

@@ -102,7 +102,7 @@ TEST_F(RawHooks, CountsMayBeMissing) {
 }
 
 // Kept: the game is told a larger count than it got.
-TEST_F(RawHooks, TheCountOfAReplyThatIsCutIsItsOwn) {
+TEST_F(RawHooks, ATruncatedReplyReportsItsFullLength) {
   MakeSocket();
   Connect();
   char longer[16] = {8, 0, '\xf7', '\xff'};
@@ -116,7 +116,7 @@ TEST_F(RawHooks, TheCountOfAReplyThatIsCutIsItsOwn) {
   EXPECT_EQ(reply[28], 'x');
 }
 
-TEST_F(RawHooks, WithoutBuffersThereIsNothingToHold) {
+TEST_F(RawHooks, WithoutBuffersNoPingIsHeld) {
   MakeSocket();
   Connect();
   next.calls.clear();

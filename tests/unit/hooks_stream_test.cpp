@@ -280,7 +280,7 @@ TEST_F(StreamHooks, PeerNameWithoutABufferOrARecordFails) {
       log.Contains(test::NoNextProvider("WSPGetPeerName") + std::to_string(kUnknown) + "\n"));
 }
 
-TEST_F(StreamHooks, CloseForgetsTheSocketAndReturnsTheNextProvidersAnswer) {
+TEST_F(StreamHooks, CloseForgetsTheSocketAndReturnsTheNextProvidersResult) {
   const u32 token = MakeSocket(2, 17);
   test::LogCapture log(4);
   next.result = -1;
@@ -294,7 +294,7 @@ TEST_F(StreamHooks, CloseForgetsTheSocketAndReturnsTheNextProvidersAnswer) {
 }
 
 // The value can come back as another thread's socket the moment it is closed below.
-TEST_F(StreamHooks, TheRecordIsGoneBeforeTheSocketIsClosed) {
+TEST_F(StreamHooks, TheRecordIsRemovedBeforeTheSocketIsClosed) {
   MakeSocket();
   next.known_at_close = true;
   EXPECT_EQ(WSPCloseSocket(next.socket, &error), 0);
@@ -428,7 +428,7 @@ TEST_F(TransferHooks, APeerThatClosedIsLoggedAsAFailure) {
   EXPECT_EQ(LinesOf(log, "WSPRecv: ret="), 5);
 }
 
-TEST_F(TransferHooks, RecvWithoutBuffersSaysSo) {
+TEST_F(TransferHooks, RecvWithoutBuffersIsLogged) {
   test::LogCapture log(0);
   Fail(10054);
   EXPECT_EQ(Recv(nullptr), -1);
@@ -438,7 +438,7 @@ TEST_F(TransferHooks, RecvWithoutBuffersSaysSo) {
   EXPECT_EQ(next.calls.size(), 1u);
 }
 
-TEST_F(TransferHooks, NullPlacesAndNoBuffersAreHarmless) {
+TEST_F(TransferHooks, NullPointersAndNoBuffersAreHarmless) {
   test::LogCapture log(0);
   EXPECT_EQ(WSPSend(next.socket, nullptr, 0, nullptr, 0, nullptr, nullptr, nullptr, nullptr), 0);
   EXPECT_EQ(WSPRecv(next.socket, &buffer, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),

@@ -125,7 +125,7 @@ TEST(IcmpSums, TheTwoReadTheirWordsInDifferentOrders) {
   EXPECT_EQ(IpHeaderChecksum(words, 4), 0xedca);  // ~(0x1234 + 0x0001)
 }
 
-TEST(IcmpSums, AnOddByteCountsInOneAndVoidsTheOther) {
+TEST(IcmpSums, AnOddByteCountsInOneAndMakesTheOtherZero) {
   const u8 bytes[] = {0x12, 0x34, 0x05};
   EXPECT_EQ(IcmpChecksum(bytes, 3), 0xcbe8);  // ~(0x3412 + 0x05)
   EXPECT_EQ(IpHeaderChecksum(bytes, 3), 0);
@@ -195,7 +195,7 @@ TEST_F(IcmpPing, NothingBehindTheReplyIsTouched) {
 // --- which requests are held
 // -----------------------------------------------------------------------
 
-TEST_F(IcmpPing, OnlyWholeEchoRequestsAreHeld) {
+TEST_F(IcmpPing, OnlyCompleteEchoRequestsAreHeld) {
   std::vector<char> good = Message(64, kChecksumOf64);
   std::vector<char> wrong_sum = good, timestamp = good;
   wrong_sum[2] = static_cast<char>(wrong_sum[2] + 1);
@@ -243,7 +243,7 @@ TEST_F(IcmpPing, BuffersThatCannotHoldAReplyAreRefused) {
 
 // --- when ------------------------------------------------------------------------------------
 
-TEST_F(IcmpPing, TheReplyComesFiveMillisecondsEarlyAndNoSooner) {
+TEST_F(IcmpPing, TheReplyIsAtMostFiveMillisecondsEarly) {
   const u32 before = GetTickCount();
   ASSERT_TRUE(Checkin());
   u32 length = 28;
@@ -274,7 +274,7 @@ TEST_F(IcmpPing, RepliesComeInTheOrderOfTheirRequests) {
   EXPECT_TRUE(Checkout().empty());
 }
 
-TEST_F(IcmpPing, SaysWhatItDoes) {
+TEST_F(IcmpPing, LogsWhatItDoes) {
   test::LogCapture log(0);
   const std::string tail = "socket=" + std::to_string(kSocket) + "\n";
   const std::string other = "socket=" + std::to_string(kSocket + 1) + "\n";
@@ -342,7 +342,7 @@ TEST(PingPool, HandsOutItsSlotsAndThenTheHeap) {
   EXPECT_EQ(pool.AllocPingRequest(), requests[3]);
 }
 
-TEST(PingPool, GivesWhatItTookFromTheHeapBackToTheHeap) {
+TEST(PingPool, ReturnsHeapRecordsToTheHeap) {
   PingPool pool;
   for (u32 i = 0; i < PingPool::kSlots; ++i) pool.AllocPingRequest();
   std::vector<ping_request_t*> requests(100);
@@ -389,7 +389,7 @@ TEST(PingPool, ForgottenUnderLiveRequestsItFreesNothing) {
   EXPECT_TRUE(log.Contains(test::PingsStored(511))) << "the new block's";
 }
 
-TEST(PingPool, EmptyItIsFreedAndMadeAnew) {
+TEST(PingPool, WhenEmptyItIsFreedAndCreatedAgain) {
   PingPool pool;
   pool.FreePool();
   pool.ResetPool();
@@ -402,7 +402,7 @@ TEST(PingPool, EmptyItIsFreedAndMadeAnew) {
   pool.ResetPool();
 }
 
-TEST_F(IcmpPing, TheFiveHundredAndThirteenthInFlightIsAnsweredToo) {
+TEST_F(IcmpPing, MoreThanFiveHundredAndTwelveInFlightAreAnswered) {
   for (int i = 0; i < 520; ++i) ASSERT_TRUE(Checkin());
   WaitUntilDue();
   for (int i = 0; i < 520; ++i) ASSERT_EQ(Checkout().size(), 84u) << i;
@@ -421,7 +421,7 @@ TEST_F(IcmpPing, RepliesSurviveTheFreeingOfThePool) {
 // --- out of memory ---------------------------------------------------------------------------
 
 // A ping that cannot be held goes to the network, and the next one is held again.
-TEST_F(IcmpPing, ARequestThatFindsNoMemoryIsNotHeld) {
+TEST_F(IcmpPing, WithoutMemoryARequestIsNotHeld) {
   const auto checkin_without_memory = [this] {
     const std::vector<char> message = Message(64, kChecksumOf64);
     const test::OutOfMemory none(1, test::OutOfMemory::kOfTheProduct);
@@ -439,7 +439,7 @@ TEST_F(IcmpPing, ARequestThatFindsNoMemoryIsNotHeld) {
   EXPECT_TRUE(log.Contains(test::PingsStored(512))) << "no slot is lost";
 }
 
-TEST_F(IcmpPing, ASocketThatFindsNoMemoryIsNotKnown) {
+TEST_F(IcmpPing, WithoutMemoryASocketIsNotRecorded) {
   const std::vector<char> message = Message(64, kChecksumOf64);
   {
     const test::OutOfMemory none(1, test::OutOfMemory::kOfTheProduct);
@@ -464,7 +464,7 @@ TEST(PingPool, WithoutMemoryThereIsNoRecord) {
 }
 
 // A game may clean Winsock up and start it again all day long.
-TEST(PingPool, KeepsNoBlockThatNobodyNeeds) {
+TEST(PingPool, KeepsNoUnusedBlock) {
   const auto growth = [](bool freed_under_a_request) {
     PingPool pool;
     const long before = test::AllocationsAlive();

@@ -118,7 +118,7 @@ TEST_F(InitLogTest, ModesAreNamedInTheirOrder) {
   }
 }
 
-TEST_F(InitLogTest, GameThatIsNotAcceleratedIsSaidToBe) {
+TEST_F(InitLogTest, GameThatIsNotAcceleratedIsLogged) {
   config_.net_mode = 0;
   Init();
   EXPECT_TRUE(Contains("Based on server config, the game will not be accelerated:dawn.exe\n"));

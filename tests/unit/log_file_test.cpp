@@ -19,14 +19,14 @@ using test::TempDir;
 
 std::string LineOf(std::size_t size) { return std::string(size - 1, 'x') + "\n"; }
 
-TEST(LogFile, OpenMakesTheMissingDirectories) {
+TEST(LogFile, OpenCreatesMissingDirectories) {
   const TempDir dir;
   LogFile log;
   EXPECT_TRUE(log.Open(dir / "a\\b/c\\run.log"));
   EXPECT_TRUE(FileExists(dir / "a\\b\\c\\run.log"));
 }
 
-TEST(LogFile, OpenRefusesWhatIsNoPath) {
+TEST(LogFile, OpenRefusesAnInvalidPath) {
   const TempDir dir;
   LogFile log;
   EXPECT_FALSE(log.Open(""));
@@ -34,7 +34,7 @@ TEST(LogFile, OpenRefusesWhatIsNoPath) {
   EXPECT_FALSE(log.Write("line\n", 5));
 }
 
-TEST(LogFile, OpenFailsWhereTheDirectoryCannotBeMade) {
+TEST(LogFile, OpenFailsIfTheDirectoryCannotBeCreated) {
   const TempDir dir;
   test::MakeSparseFile(dir / "file", 0);
   LogFile log;
@@ -60,7 +60,7 @@ TEST(LogFile, SecondOpenKeepsTheFirstFile) {
   EXPECT_FALSE(FileExists(dir / "second.log"));
 }
 
-TEST(LogFile, PathMayLieOutsideTheCodePage) {
+TEST(LogFile, PathCanHaveCharactersOutsideTheCodePage) {
   const TempDir dir;
   const std::string path = dir / "\xE6\xB8\xB8\xE6\x88\x8F\\\xF0\x9F\x8E\xAE.log";
   LogFile log;
@@ -99,7 +99,7 @@ TEST(LogFile, LevelIsFourAtFirst) {
   EXPECT_EQ(log.GetLevel(), 2);
 }
 
-TEST(LogFile, WriteTellsLossFromSilence) {
+TEST(LogFile, WriteDistinguishesLostLinesFromFilteredOnes) {
   const TempDir dir;
   LogFile log;
   EXPECT_FALSE(log.Write("closed\n", 5));

@@ -52,7 +52,7 @@ std::string LocalTime() {
   return text;
 }
 
-TEST(Log, LineTellsTheLocalTimeOfItsMaking) {
+TEST(Log, LineHasItsLocalTime) {
   LogCapture log;
   const std::string before = LocalTime();
   LspLog(4, "x");
@@ -74,7 +74,7 @@ TEST(Log, CommonMessageIsCutAt102399Bytes) {
   EXPECT_EQ(LastMessage(log.Text(), "[tag]"), std::string(102399, 'c') + "\n");
 }
 
-TEST(Log, CommonMessageOfAnyLengthIsWhole) {
+TEST(Log, CommonMessageOfAnyLengthIsComplete) {
   LogCapture log;
   for (const std::size_t size : {2046u, 2047u, 2048u, 2049u, 50000u, 102398u}) {
     CommonLog(4, "tag", "%s", std::string(size, 'c').c_str());
@@ -180,7 +180,7 @@ TEST(Log, SilentLevelEvaluatesNoArgument) {
   EXPECT_EQ(evaluated, 1);
 }
 
-TEST(Log, FileLevelDropsWhatPassedTheCallSite) {
+TEST(Log, FileLevelDropsLinesThatPassedTheCallSite) {
   LogCapture log;
   common::GetLogFile().SetLevel(5);
   LspLog(4, "dropped");
@@ -211,7 +211,7 @@ TEST(Log, LinesWithoutAnOpenFileGoNowhere) {
 }
 
 // A line may be lost to a busy lock, but never torn.
-TEST(Log, LinesOfManyThreadsStayWhole) {
+TEST(Log, LinesOfManyThreadsAreNotMixed) {
   LogCapture log;
   test::RunThreads(8, [](int index) {
     for (int i = 0; i < 100; ++i)
@@ -233,7 +233,7 @@ TEST(Log, LinesOfManyThreadsStayWhole) {
   EXPECT_LE(lines, 800);
 }
 
-TEST(Trace, TextGoesOutWithPrefixAndNewline) {
+TEST(Trace, TextIsWrittenWithPrefixAndNewline) {
   const TraceCapture trace;
   LspTrace("InitLog: %s", "path");
   EXPECT_EQ(trace.lines(), std::vector<std::string>{"[LspTrace]InitLog: path\n"});

@@ -36,7 +36,7 @@ TEST(NamedMutex, SameNameIsTheSameMutex) {
   EXPECT_TRUE(OtherThreadGets(name));
 }
 
-TEST(NamedMutex, OwnerMayTakeItAgain) {
+TEST(NamedMutex, OwnerCanTakeItAgain) {
   const std::string name = Name("recursive");
   NamedMutex mutex(name);
   mutex.lock();
@@ -56,7 +56,7 @@ TEST(NamedMutex, DestructionDoesNotRelease) {
   EXPECT_TRUE(OtherThreadGets(name));
 }
 
-TEST(NamedMutex, LockTakesWhatADeadOwnerLeft) {
+TEST(NamedMutex, LockTakesTheMutexOfADeadOwner) {
   const std::string name = Name("abandoned");
   NamedMutex mutex(name);
   test::RunThread([&] { NamedMutex(name).lock(); });
@@ -103,7 +103,7 @@ TEST(NamedMutexGuard, HoldsForItsScope) {
   EXPECT_TRUE(OtherThreadGets(name));
 }
 
-TEST(NamedMutexGuard, TryingGuardReleasesOnlyWhatItGot) {
+TEST(NamedMutexGuard, TryingGuardReleasesOnlyAMutexThatItTook) {
   const std::string name = Name("trying_guard");
   NamedMutex mutex(name);
   {

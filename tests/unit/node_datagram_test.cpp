@@ -58,7 +58,7 @@ TEST(NodeDatagram, IsReadAsTheProtocolHasIt) {
   EXPECT_EQ(datagram.payload_size, 0u);
 }
 
-TEST(NodeDatagram, IsRefusedWhereItCannotBeOne) {
+TEST(NodeDatagram, IsRefusedIfItIsMalformed) {
   std::string bytes = Text(Hex("0114000000000007 01020304cb00710969870003")) + "hello";
   ClientDatagram datagram;
   for (std::size_t size = 0; size < 20; ++size)
@@ -112,7 +112,7 @@ TEST(NodeDatagram, IsWrittenAsTheProtocolHasIt) {
   }
 }
 
-TEST(NodeDatagram, IsWhatTheProtocolsOtherReaderReads) {
+TEST(NodeDatagram, AgreesWithTheProtocolsOtherDecoder) {
   Behaviour behaviour;
   behaviour.head_len = 24;
   const std::string bytes = Written(behaviour, "hello");
@@ -193,7 +193,7 @@ TEST(NodeLane, OrderIsKeptWhenTheDelayShrinks) {
   EXPECT_EQ(lane.Decide({}, 501).due[0], 501u);
 }
 
-TEST(NodeDelayLine, GivesBackByTimeAndThenByOrder) {
+TEST(NodeDelayLine, ReturnsByTimeAndThenByOrder) {
   DelayLine line;
   Parcel parcel;
   EXPECT_EQ(line.NextDue(), DelayLine::kNever);
@@ -230,7 +230,7 @@ u64 Feed(LossMeter* meter, u32 first, u32 count, u64 now, Lost lost) {
 }
 constexpr auto kNone = [](u32) { return false; };
 
-TEST(NodeLossMeter, SaysNothingAboutTooLittle) {
+TEST(NodeLossMeter, HasNoResultForTooFewDatagrams) {
   LossMeter meter;
   EXPECT_EQ(meter.Percent(0), LossMeter::kNotKnown);
   meter.Note(1, 1000);
@@ -238,7 +238,7 @@ TEST(NodeLossMeter, SaysNothingAboutTooLittle) {
   EXPECT_EQ(meter.Percent(2000), LossMeter::kNotKnown);
 }
 
-TEST(NodeLossMeter, TellsTheShareThatIsMissing) {
+TEST(NodeLossMeter, ReturnsTheShareThatIsMissing) {
   const struct {
     u32 every, percent;
   } cases[] = {{1000000, 0}, {5, 20}, {4, 25}, {2, 50}, {10, 10}};
@@ -302,7 +302,7 @@ TEST(NodeLossMeter, DuplicatesAndLateDatagramsAreNoLossAndNoGain) {
   EXPECT_NEAR(lossy.Percent(3000), 25, 1);
 }
 
-TEST(NodeLossMeter, NumbersMayWrapAndBeginAnew) {
+TEST(NodeLossMeter, NumbersCanWrapAndRestart) {
   LossMeter meter;
   u64 now = Feed(&meter, 0xFFFFFF00, 500, 0, [](u32 i) { return i % 10 == 3; });
   EXPECT_NEAR(meter.Percent(now), 10, 1);

@@ -70,7 +70,7 @@ TEST(NodeRequest, EveryVersionIsReadInPiecesOfAnySize) {
   }
 }
 
-TEST(NodeRequest, EveryTruncationWantsMore) {
+TEST(NodeRequest, EveryTruncationNeedsMoreBytes) {
   for (const int version : {1, 2, 3}) {
     const Bytes whole = Request(version);
     for (std::size_t size = 0; size < whole.size(); ++size)
@@ -79,7 +79,7 @@ TEST(NodeRequest, EveryTruncationWantsMore) {
   }
 }
 
-TEST(NodeRequest, OnlyTheVersionsOwnLengthIsTaken) {
+TEST(NodeRequest, OnlyTheLengthOfTheVersionIsAccepted) {
   for (const int version : {1, 2, 3}) {
     const std::size_t right = Request(version).size();
     for (std::size_t claimed = 0; claimed <= 0xFFFF; claimed += claimed < 2000 ? 1 : 991) {

@@ -87,7 +87,7 @@ TEST(NodeBehaviour, IsReadFromText) {
   }
 }
 
-TEST(NodeAnswer, IsWhatTheProtocolsOtherReaderReads) {
+TEST(NodeAnswer, AgreesWithTheProtocolsOtherDecoder) {
   Behaviour behaviour;
   behaviour.isp = 4;
   behaviour.node_id = 3001;
@@ -167,7 +167,7 @@ TEST_F(NodeCommand, RefusesValuesOfAnotherKind) {
   EXPECT_EQ(behaviour.result, 0);
 }
 
-TEST_F(NodeCommand, RefusesWhatIsNoCommand) {
+TEST_F(NodeCommand, RefusesInvalidCommands) {
   for (const char* line :
        {"", "{", "[]", "1", "null", "{}", R"({"command":1})", R"({"command":"fly"})",
         R"({"command":"stop","now":1})", "\xff\xfe", R"({"command":"set"} x)"}) {

@@ -74,7 +74,9 @@ TEST(ParentPath, MalformedTextIsRefused) {
   EXPECT_FALSE(common::FileName("C:\\a\\\x80", &out));
 }
 
-TEST(EnsureParentDirectory, NameAloneNeedsNone) { EXPECT_TRUE(EnsureParentDirectory(L"x.log")); }
+TEST(EnsureParentDirectory, NameWithoutAPathNeedsNoDirectory) {
+  EXPECT_TRUE(EnsureParentDirectory(L"x.log"));
+}
 
 TEST(EnsureParentDirectory, ExistingParentIsEnough) {
   const TempDir dir;
@@ -91,13 +93,13 @@ TEST(EnsureParentDirectory, MakesEveryMissingAncestor) {
   EXPECT_TRUE(FileExists(dir / "e"));
 }
 
-TEST(EnsureParentDirectory, FileInTheWayIsAFailure) {
+TEST(EnsureParentDirectory, FileInPlaceOfADirectoryIsAFailure) {
   const TempDir dir;
   test::MakeSparseFile(dir / "file", 0);
   EXPECT_FALSE(EnsureParentDirectory(Wide(dir / "file\\sub\\x.log")));
 }
 
-TEST(AppendPath, JoinsWithOneBackslashWhereNoneStands) {
+TEST(AppendPath, AddsABackslashIfThereIsNone) {
   struct {
     std::wstring base, tail, joined;
   } const rows[] = {

@@ -82,7 +82,7 @@ TEST_F(Layered, FirstSocketOfAProtocolStartsItsEntryOnce) {
   for (SOCKET s : {tcp, again, udp}) EXPECT_EQ(closesocket(s), 0);
 }
 
-TEST_F(Layered, SocketsRememberWhoMadeThem) {
+TEST_F(Layered, SocketsKeepTheirProvider) {
   port::UseCatalogue(false);
   const SOCKET before = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
   port::UseCatalogue(true);

@@ -181,7 +181,7 @@ void ExpectEveryClaimedLength(u32 version, u32 size) {
   }
 }
 
-TEST(ProtocolTruncation, ALengthThatLiesIsRefusedOrHarmless) {
+TEST(ProtocolTruncation, AWrongLengthIsRefusedOrHarmless) {
   ExpectEveryClaimedLength<NegoRequest>(1, 49);
   ExpectEveryClaimedLength<NegoRequest>(2, 65);
   ExpectEveryClaimedLength<NegoRequest>(3, 73);
@@ -203,7 +203,7 @@ TEST(ProtocolTruncation, OnlyTheLowHalfOfAResponsesLengthIsCompared) {
 
 // --- magic ----------------------------------------------------------------------------------
 
-TEST(ProtocolMagic, AWrongOneIsRefusedButTheFieldsAreThere) {
+TEST(ProtocolMagic, AWrongOneIsRefusedButTheFieldsAreRead) {
   const Bytes bytes = Hex("78 db 39 65 01 02 00 02 00 07");
   NegoHeader header;
   EXPECT_EQ(header.Unpack(bytes), -6);
@@ -258,7 +258,7 @@ TEST(ProtocolVersion, TheArgumentDecidesAndElseTheHeader) {
   }
 }
 
-TEST(ProtocolVersion, AnUnknownOneIsReadAsTheNewestAndSaysSoInTheRecord) {
+TEST(ProtocolVersion, AnUnknownOneIsReadAndRecordedAsTheNewest) {
   for (const u16 version : {u16{0}, u16{4}, u16{9}, u16{0xFFFF}}) {
     u8 bytes[73];
     NegoRequest().Pack(bytes);
@@ -271,7 +271,7 @@ TEST(ProtocolVersion, AnUnknownOneIsReadAsTheNewestAndSaysSoInTheRecord) {
   }
 }
 
-TEST(ProtocolVersion, FieldsThatAVersionLacksAreLeftAlone) {
+TEST(ProtocolVersion, FieldsThatAVersionLacksAreNotChanged) {
   NegoResponse sent;
   sent.body.last_node = {9, 9, 9, 9};
   u8 bytes[kBigEnough];
@@ -335,7 +335,7 @@ TEST(UdpAcclHeader, PackSetsItsVersionAndLengthInTheRecord) {
   }
 }
 
-TEST(UdpAcclHeader, AnUnknownVersionIsReadAsTheNewestAndSaysSoInTheRecord) {
+TEST(UdpAcclHeader, AnUnknownVersionIsReadAndRecordedAsTheNewest) {
   for (const u8 version : {u8{0}, u8{2}, u8{9}, u8{255}}) {
     Bytes bytes(20, 0x33);
     bytes[0] = version;
@@ -356,7 +356,7 @@ TEST(UdpAcclHeader, TheResultIsTheHeadLengthOfThePacket) {
   }
 }
 
-TEST(UdpAcclHeader, OfTwoFaultsTheOneFoundFirstIsTold) {
+TEST(UdpAcclHeader, OfTwoErrorsTheFirstIsReported) {
   UdpAcclHeader header;
   Bytes bytes = Hex("01 13 00 00 00 00 00 00 00 00");
   EXPECT_EQ(header.Unpack(std::span(bytes).first(3)), -3);
@@ -404,7 +404,7 @@ TEST(SpeedTest, AReplyHasTheFlagTheLengthAndTheMagic) {
   }
 }
 
-TEST(SpeedTest, ThePayloadOfAReplyStandsBehindItsWholeHeader) {
+TEST(SpeedTest, ThePayloadOfAReplyFollowsItsWholeHeader) {
   const Bytes bytes =
       Hex("01 16 08 01 00 00 00 05 01 02 03 04 cb 00 71 09 69 87 00 00 aa bb"
           "8f bd 3a 25 05 00 00 00 7b 68 e5 cf 8b 01 00 00");

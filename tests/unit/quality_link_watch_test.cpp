@@ -70,7 +70,7 @@ TEST(LinkTrouble, IsTheFirstThatHolds) {
 }
 
 // Limits of 0 would make any code a loss.
-TEST(LinkTrouble, ACodeIsNoLossWhateverTheLimit) {
+TEST(LinkTrouble, ACodeIsNotALossForAnyLimit) {
   EXPECT_EQ(FindTrouble({201, 7, 201, 7, 2, 201}, Limits(0, 1, 0, 1, 1)), LinkTrouble::kNone);
 }
 

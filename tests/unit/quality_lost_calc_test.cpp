@@ -105,7 +105,7 @@ TEST(LostCalc, HasNoLossToTellBeforeASlotHasClosed) {
   EXPECT_EQ(calc.Get(5, false), (Lost{100, 10, 0}));
 }
 
-TEST(LostCalc, NeedsNoPlaceForTheCounts) {
+TEST(LostCalc, AcceptsNullPointersForTheCounts) {
   Calc calc(kSends);
   calc.Send(0, 4);
   calc.Recv(1, 2);
@@ -200,7 +200,7 @@ TEST(LostCalc, SendsAreNothingToArrivals) {
   EXPECT_EQ(calc.Get(5, true), (Lost{0, 1, 1}));
 }
 
-TEST(LostCalc, ASlotTakesTwoCallsToCloseHoweverLateTheyAre) {
+TEST(LostCalc, ASlotNeedsTwoCallsToCloseAtAnyTime) {
   Calc calc(kSends);
   EXPECT_FALSE(calc.Update(999));
   EXPECT_FALSE(calc.Update(1'000'000));  // opens the grace period only now
@@ -247,7 +247,7 @@ TEST(LostCalc, ArrivalsInTheGracePeriodBelongToTheNextSlotIfTheyAreNew) {
 
 // In a grace period three slots are looked at. What lies in the one before the last is found in a
 // third look.
-TEST(LostCalc, TheSlotBeforeHearsOfLatePacketsInAGracePeriodToo) {
+TEST(LostCalc, TheGracePeriodCountsLatePacketsOfThePreviousSlot) {
   for (const bool mode : {kSends, kArrivals}) {
     Calc calc(mode, 1);
     calc.Send(0, 10);

@@ -45,7 +45,7 @@ TEST(RecentCycleArithmetic, TheSwingIsAboutTheTruncatedAverage) {
 
 // The entry of a burst is the sum of its delays, and the squares are of single ones: what is under
 // the root falls below zero.
-TEST(RecentCycleArithmetic, ABurstNeverSwings) {
+TEST(RecentCycleArithmetic, ABurstHasNoVariation) {
   AccConfig config;
   config.long_cycle = 2;
   config.log_level = 6;

@@ -49,7 +49,7 @@ TEST(RecoverySwitch, MeasuresTheLinkTypesThatTheMaskOpens) {
   }
 }
 
-TEST(RecoverySwitch, ADiagnosticProcessIsMeasuredWhateverTheMaskSays) {
+TEST(RecoverySwitch, ADiagnosticProcessIsMeasuredRegardlessOfTheMask) {
   const ProcessName name("SpeedTester.exe");
   LinkJudge link;
   link.config.link_switch_mask = 0;
@@ -86,7 +86,7 @@ TEST(RecoverySwitch, MeasuresTheGamesOfTheList) {
   }
 }
 
-TEST(RecoverySwitch, SaysWhyItDoesNotMeasure) {
+TEST(RecoverySwitch, LogsWhyItDoesNotMeasure) {
   LinkJudge link(0);
   LogCapture log;
   link.config.link_switch_mask = 0;
@@ -100,7 +100,7 @@ TEST(RecoverySwitch, SaysWhyItDoesNotMeasure) {
   EXPECT_TRUE(log.Contains(test::MeasuringBarred(-3) + "42, socket=1234, token=77"));
 }
 
-TEST(RecoverySwitch, AnUnusableUnitLeavesItSilent) {
+TEST(RecoverySwitch, AnUnusableUnitDisablesIt) {
   LinkJudge link(0);
   LogCapture log;
   link.config.lost_calc_unit_size = 10;
@@ -150,7 +150,7 @@ TEST(RecoverySwitch, DoesNothingWhileItDoesNotJudge) {
   EXPECT_EQ(log.Text(), "");
 }
 
-TEST(RecoverySwitch, WithNoReportAllowedNothingIsEverChecked) {
+TEST(RecoverySwitch, WithNoReportAllowedNothingIsChecked) {
   LinkJudge link(0);
   link.config.max_link_except_rep_num = 0;
   ASSERT_TRUE(link.Start());
@@ -243,7 +243,7 @@ TEST(RecoverySwitch, WithoutAReadingThereIsNoLoss) {
   EXPECT_TRUE(link.owner.fired.empty());
 }
 
-TEST(RecoverySwitch, JudgesALinkOnTrialByALimitOfItsOwn) {
+TEST(RecoverySwitch, JudgesALinkOnTrialByItsOwnLimits) {
   LinkJudge link;
   link.config.switching_max_real_route_lost = 30;
   ASSERT_TRUE(link.Start(true));
@@ -261,7 +261,7 @@ TEST(RecoverySwitch, ByDefaultEveryLinkOnTrialFails) {
   EXPECT_EQ(link.judge.TryFireRealRouteLost(), true);
 }
 
-TEST(RecoverySwitch, SaysWhyItDoesNotSwitch) {
+TEST(RecoverySwitch, LogsWhyItDoesNotSwitch) {
   struct Case {
     const char* line;
     void (*forbid)(LinkJudge&);
@@ -300,7 +300,7 @@ TEST(RecoverySwitch, SaysWhyItDoesNotSwitch) {
   }
 }
 
-TEST(RecoverySwitch, ADiagnosticProcessMaySwitchWhateverIsOpen) {
+TEST(RecoverySwitch, ADiagnosticProcessMayAlwaysSwitch) {
   const ProcessName name("speedtester.EXE");
   LinkJudge link;
   link.config.switch_open = 0;
@@ -425,7 +425,7 @@ TEST(RecoverySwitch, ASingleRelayHasNoFrontSection) {
   EXPECT_EQ(link.owner.fired[0].link_type, 1);
 }
 
-TEST(RecoverySwitch, AReportForgetsWhatItRestedOn) {
+TEST(RecoverySwitch, AReportResetsTheFiguresItIsBasedOn) {
   LinkJudge link(0);
   ASSERT_TRUE(link.Start());
   link.PassReportLimit();
@@ -441,7 +441,7 @@ TEST(RecoverySwitch, AReportForgetsWhatItRestedOn) {
   EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, false), 102);
 }
 
-TEST(RecoverySwitch, ANewLinkIsNotJudgedByWhatWasReadOfTheOldOne) {
+TEST(RecoverySwitch, ANewLinkIsNotJudgedByFiguresOfTheOldOne) {
   LinkJudge link;
   ASSERT_TRUE(link.Start());
   link.judge.SetUploadLost(50);
@@ -553,7 +553,7 @@ TEST(RecoverySwitch, TheNodesViewIsNoPartOfTheRealRoute) {
   EXPECT_EQ(real, 8u);
 }
 
-TEST(RecoverySwitch, LooksAtClosedSlotsUnlessToldOtherwise) {
+TEST(RecoverySwitch, UsesClosedSlotsByDefault) {
   LinkJudge link(0);
   ASSERT_TRUE(link.Start());
   EXPECT_EQ(link.Probe(11, 9), 10);
@@ -581,7 +581,7 @@ TEST(RecoverySwitch, SlotsOfTheFrontSectionCloseToo) {
 }
 
 // A node gets "not known" rather than a loss computed from a handful of packets.
-TEST(RecoverySwitch, TellsNoLossFromFewerThanTwentyPackets) {
+TEST(RecoverySwitch, HasNoLossFromFewerThanTwentyPackets) {
   for (const u32 received : {0u, 1u, 19u, 20u}) {
     LinkJudge link;
     ASSERT_TRUE(link.Start());

@@ -49,7 +49,7 @@ AccConfig EachItsOwn() {
   return config;
 }
 
-TEST(RecoverySwitchConfig, TakesFloorsAndDefaultsWhereNothingIsSet) {
+TEST(RecoverySwitchConfig, UsesMinimaAndDefaultsIfNothingIsSet) {
   EXPECT_EQ(ConfigText(AccConfig{}, false),
             "short_cycle              =2, long_cycle             =5, max_delay_amp          =20"
             ", max_delay_avg          =50, lost_calc_unit_size    =1000, max_link_except_rep_num=0"

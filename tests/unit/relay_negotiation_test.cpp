@@ -85,7 +85,7 @@ struct Negotiation : testing::Test {
   u32 reason = 0;
 };
 
-TEST_F(Negotiation, TheRequestSaysWhoWantsToGoWhere) {
+TEST_F(Negotiation, TheRequestNamesTheClientAndTheServer) {
   test::LogCapture log(0);
   ASSERT_TRUE(Ask(1));
   EXPECT_TRUE(log.Contains("[0][lsp][TCP]Negotiation request is sent successfully\n"));
@@ -109,7 +109,7 @@ TEST_F(Negotiation, TheRequestSaysWhoWantsToGoWhere) {
   EXPECT_EQ(std::memcmp(&request.body.last_node, &none, sizeof none), 0);
 }
 
-TEST(NegoRequestTest, TheUsersNumberIsWhatTheDigitsOfItsTextSay) {
+TEST(NegoRequestTest, TheUsersNumberIsParsedFromItsText) {
   const std::pair<const char*, u64> cases[] = {
       {"", 0}, {"x", 0}, {"12x", 12}, {"0010", 10}, {"99999999999999999999", ~u64{0}}};
   for (const auto& [text, number] : cases) {
@@ -122,7 +122,7 @@ TEST(NegoRequestTest, TheUsersNumberIsWhatTheDigitsOfItsTextSay) {
   ReplaceAccConfig(AccConfig{});
 }
 
-TEST_F(Negotiation, AGoodAnswerSaysWhoTheClientIs) {
+TEST_F(Negotiation, AGoodAnswerIdentifiesTheClient) {
   test::LogCapture log(4);
   ASSERT_TRUE(Ask());
   EXPECT_EQ(Hear(Wire(GoodAnswer())), 0);
@@ -138,7 +138,7 @@ TEST_F(Negotiation, AGoodAnswerSaysWhoTheClientIs) {
 }
 
 // Data that the game server sends right behind the answer belongs to the game.
-TEST_F(Negotiation, NothingBehindTheAnswerIsTaken) {
+TEST_F(Negotiation, NothingAfterTheAnswerIsRead) {
   ASSERT_TRUE(Ask());
   EXPECT_EQ(Hear(Wire(GoodAnswer()) + "game"), 0);
   char rest[8];
@@ -247,14 +247,14 @@ TEST_F(NegotiationErrors, AnErrorOfAnEarlierCallDoesNotHideThatTheNodeHasClosed)
 
 // Kept: if the call that saw the end reports "would block", the node counts as one that has not
 // answered yet.
-TEST_F(NegotiationErrors, AnEndThatSaysItWouldBlockIsNeitherAnAnswerNorAFailure) {
+TEST_F(NegotiationErrors, AnEndWithWouldBlockIsNeitherAnAnswerNorAFailure) {
   port::SuccessLeavesLastError(WSAEWOULDBLOCK);
   EXPECT_EQ(HearTheEnd(), 1);
   EXPECT_EQ(reason, kNegoReceiveFailed);
 }
 #endif
 
-TEST_F(Negotiation, ARefusalKeepsItsNumberAndStillSaysWhoTheClientIs) {
+TEST_F(Negotiation, ARefusalKeepsItsNumberAndStillIdentifiesTheClient) {
   NegoResponse refusal = GoodAnswer();
   refusal.body.result = 9;
   refusal.body.client_isp = 8;  // not served either, but the refusal came first
@@ -310,7 +310,7 @@ TEST_F(Negotiation, ASecondAttemptForgetsTheFirst) {
       << log.Text();
 }
 
-TEST_F(Negotiation, ARequestThatCannotBeSentSaysSo) {
+TEST_F(Negotiation, ARequestThatCannotBeSentIsAFailure) {
   test::LogCapture log(4);
   const SOCKET gone = pair.here.Release();
   closesocket(gone);

@@ -79,7 +79,7 @@ TEST(NetProvider, AProviderThatCannotStartDoesNotRun) {
   EXPECT_FALSE(provider.Init(nullptr, nullptr));
 }
 
-TEST(NetProvider, AnEndBeforeTheStartMeetsTheFirstValues) {
+TEST(NetProvider, AnEndBeforeTheStartUsesTheInitialValues) {
   NamedEvents provider;
   provider.Uninit();
   EXPECT_EQ(provider.events, (Events{"closed 0"}));
@@ -178,7 +178,7 @@ struct StreamProvider : testing::Test {
 };
 
 // Kept: the log lines call it a datagram socket.
-TEST(StreamProviderStart, TheListenerHasBuffersOf64KiBAndGivesThemOn) {
+TEST(StreamProviderStart, TheListenerHasBuffersOf64KiBThatConnectionsInherit) {
   test::StartWinsock();
   test::LogCapture log(0);
   HandTurned loop;
@@ -218,7 +218,7 @@ TEST_F(StreamProvider, WhatWasHandedOutStaysAsItWas) {
   EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(relay_addr)->sin_port, local.sin_port);
 }
 
-TEST_F(StreamProvider, RefusesToAnswerNowhere) {
+TEST_F(StreamProvider, RefusesNullPointers) {
   test::LogCapture log(4);
   sockaddr_in server = {};
   EXPECT_FALSE(provider.RequestTcpRelaySession(77, 1, nullptr, &relay_addr, &relay_len, 5));

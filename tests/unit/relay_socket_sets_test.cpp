@@ -80,7 +80,7 @@ TEST_F(SocketSetsTest, AWriteRequestCountsOnce) {
   EXPECT_EQ(Poll(), 0);
 }
 
-TEST_F(SocketSetsTest, AWriteRequestMadeWhileAWriteIsServedStays) {
+TEST_F(SocketSetsTest, AWriteRequestMadeDuringAWriteEventIsKept) {
   const SOCKET s = Idle();
   sets.Add(s, &recorder);
   sets.EnableWrite(s, true);
@@ -155,7 +155,7 @@ TEST_F(SocketSetsTest, AFailedConnectIsAnException) {
   EXPECT_EQ(recorder.events, (Events{Event("exception", s)}));
 }
 
-TEST_F(SocketSetsTest, AValueThatComesBackIsSparedTheExceptionOfTheOldOne) {
+TEST_F(SocketSetsTest, AReusedHandleDoesNotGetTheOldExceptionEvent) {
   sockaddr_in nobody;
   test::OwnSocket closed(test::BoundSocket(SOCK_STREAM, &nobody));
   closed.Close();

@@ -6,7 +6,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-TEST(ReportChannels, BearTheNamesAndSizesThatClientsKnow) {
+TEST(ReportChannels, HaveTheAgreedNamesAndSizes) {
   const struct {
     const ReportChannel& channel;
     const char* mapping_name;

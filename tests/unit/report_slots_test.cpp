@@ -228,7 +228,7 @@ TEST_P(ReportSlots, AreUsedAgainFromTheLowestThatTheClientFrees) {
 }
 
 // Any value but zero means that the client has not read it yet.
-TEST_P(ReportSlots, AreTakenWhateverTheirFirstByteSays) {
+TEST_P(ReportSlots, AreTakenForAnyNonzeroFirstByte) {
   Region region(channel());
   *region.Slot(0) = 0xff;
   *region.Slot(1) = 2;
@@ -238,7 +238,7 @@ TEST_P(ReportSlots, AreTakenWhateverTheirFirstByteSays) {
 }
 
 // A process may be ended between any two writes, and the mutex goes to the next all the same.
-TEST_P(ReportSlots, AreFreeOrWholeAfterEachWrite) {
+TEST_P(ReportSlots, AreFreeOrCompleteAfterEachWrite) {
   if (!test::CanStep()) GTEST_SKIP() << "no steps here";
   common::SetLogThreshold(6);
   Region region(channel());
@@ -283,7 +283,7 @@ TEST_P(ReportSlots, ThatCannotBeAskedForWithoutMemoryCountAsNone) {
   EXPECT_EQ(region.Mark(0, report().mark_at), 2u);
 }
 
-TEST_P(ReportSlots, OfAnotherVersionCountAsNone) {
+TEST_P(ReportSlots, OfAnotherVersionCountAsMissing) {
   Region region(channel(), 37);
   const std::vector<u8> before = region.Bytes();
   const test::LogCapture log(4);
@@ -293,7 +293,7 @@ TEST_P(ReportSlots, OfAnotherVersionCountAsNone) {
   EXPECT_EQ(region.Bytes(), before);
 }
 
-TEST_P(ReportSlots, OfAnotherSizeCountAsNone) {
+TEST_P(ReportSlots, OfAnotherSizeCountAsMissing) {
   Region region(channel(), 36, channel().region_size - channel().slot_size);
   const std::vector<u8> before = region.Bytes();
   const test::LogCapture log(4);

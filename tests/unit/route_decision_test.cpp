@@ -71,7 +71,7 @@ class DecisionTest : public test::RoutePolicy {
   SwitchProxyInfo cache;
 };
 
-TEST_F(DecisionTest, EachTestStandsBeforeThoseThatFollowIt) {
+TEST_F(DecisionTest, EachCheckPrecedesTheNext) {
   config.excluded_port_count = 1;
   config.excluded_ports[0] = 8000;
   ReplaceAccConfig(config);
@@ -106,7 +106,7 @@ TEST_F(DecisionTest, EachTestStandsBeforeThoseThatFollowIt) {
       "be used, token=77");
 }
 
-TEST_F(DecisionTest, VerdictOfTheTableIsTheAnswerAndTheReason) {
+TEST_F(DecisionTest, DecisionOfTheTableGivesTheResultAndTheReason) {
   PublishAll();
   const struct {
     u32 decision;
@@ -141,7 +141,7 @@ TEST_F(DecisionTest, VerdictOfTheTableIsTheAnswerAndTheReason) {
   }
 }
 
-TEST_F(DecisionTest, RecordTellsTheWholeOutcome) {
+TEST_F(DecisionTest, RecordHasTheWholeOutcome) {
   config.game_launch_test_use = 1;
   config.glt_word = 0xABCD;
   PublishAll();
@@ -222,7 +222,7 @@ TEST_F(DecisionTest, NullRecordIsRefused) {
   Say("[4][lsp][Route][MakeDecision] invalid decision info pointer");
 }
 
-TEST_F(DecisionTest, BlacklistIsNotAskedHere) {
+TEST_F(DecisionTest, BlacklistIsNotChecked) {
   PublishAll();
   LoadBlacklist({{0, Ip(kServer), 0, 1, {}}});
   EXPECT_TRUE(Decide());
@@ -240,7 +240,7 @@ TEST_F(DecisionTest, LateRouteTableIsSeenByAPingBeforeADecision) {
 
 // --- the choice of the proxy -------------------------------------------------------------------
 
-TEST_F(DecisionTest, BothModeBitsTogetherTakeTheOtherReference) {
+TEST_F(DecisionTest, BothModeBitsTogetherSelectTheOtherReference) {
   const struct {
     u32 net_mode;
     u32 proxy_idc;
@@ -285,7 +285,7 @@ TEST_F(DecisionTest, WithoutAccModeNothingIsAcceleratedWhateverTheTablesSay) {
       "used!decision=3, game_launch_test_use=true");
 }
 
-TEST_F(DecisionTest, ForcedProxyCountsInManualModeWhereItReaches) {
+TEST_F(DecisionTest, ForcedProxyCountsInManualModeForReachableDataCentres) {
   common::SetFieldText(config.forced_proxy.proxy_addr, "198.51.100.77");
   config.forced_proxy.proxy_idc = 77;
   config.forced_proxy.decision = DECISION_DIRECT;
@@ -348,7 +348,7 @@ TEST_F(DecisionTest, LaunchTestReplacesAnAutomaticChoiceAmongTheTopThree) {
   Say("[0][lsp][Route][LoadGltRouteInfoFromShare] Got a glt route table, game_idc=1001");
 }
 
-TEST_F(DecisionTest, MissingLaunchTestLeavesTheTablesChoice) {
+TEST_F(DecisionTest, WithoutALaunchTestTheTablesDecide) {
   config.game_launch_test_use = 1;
   PublishAll();
   EXPECT_TRUE(Decide());
@@ -437,7 +437,7 @@ class LaunchTestTest : public test::RoutePolicy {
   GltRouteInfo glt;
 };
 
-TEST_F(LaunchTestTest, FirstRecordIsCopiedWholeAndAnewEachTime) {
+TEST_F(LaunchTestTest, FirstRecordIsCopiedCompletelyEachTime) {
   ClientRegion<LaunchTestRegion> region(kLaunchTestRegionName);
   AddGlt(region.region(), 1001, 2, "198.51.100.2");
   AddGlt(region.region(), 1001, 3, "198.51.100.3");
@@ -472,7 +472,7 @@ TEST_F(LaunchTestTest, TextsWithoutAnEndGetOne) {
   EXPECT_EQ(std::string(glt.proxy.proxy_name), std::string(63, 'x'));
 }
 
-TEST_F(LaunchTestTest, MutexIsLetGoOnEveryPath) {
+TEST_F(LaunchTestTest, MutexIsReleasedOnEveryPath) {
   EXPECT_FALSE(Load(1001)) << "there is no region";
   ClientRegion<LaunchTestRegion> region(kLaunchTestRegionName);
   AddGlt(region.region(), 1001, 2, "198.51.100.2");
@@ -499,7 +499,7 @@ TEST_F(LaunchTestTest, MutexIsLetGoOnEveryPath) {
   EXPECT_TRUE(Load(1001)) << "it is looked at anew";
 }
 
-TEST_F(LaunchTestTest, RegionThatNobodyHasMemoryForIsLookedForAgain) {
+TEST_F(LaunchTestTest, RegionIsOpenedAgainAfterALackOfMemory) {
   ClientRegion<LaunchTestRegion> region(kLaunchTestRegionName);
   AddGlt(region.region(), 1001, 2, "198.51.100.2");
   {

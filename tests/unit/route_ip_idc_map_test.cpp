@@ -46,7 +46,7 @@ TEST(IpIdcMap, OneAndTwoRecordsAreFound) {
   ExpectSame({{1, 7}, {2, 8}});
 }
 
-TEST(IpIdcMap, LaterRecordWinsWhereverItStands) {
+TEST(IpIdcMap, LaterRecordWinsAtAnyPosition) {
   ExpectSame({{1, 10}, {1, 11}, {1, 12}});
   ExpectSame({{1, 10}, {2, 20}, {1, 11}, {2, 21}, {3, 30}, {1, 12}});
 }

@@ -35,7 +35,7 @@ class RouteLoad : public test::RoutePolicy {
   std::unique_ptr<ClientRegion<IpTableRegion>> ips;
 };
 
-TEST_F(RouteLoad, WithoutWaitingThereIsOneTryAndNoPause) {
+TEST_F(RouteLoad, WithoutWaitingThereIsOneAttemptAndNoPause) {
   Configure(false);
   const DWORD before = GetTickCount();
   EXPECT_FALSE(route.Load(50, 60'000));
@@ -75,7 +75,7 @@ TEST_F(RouteLoad, NoTriesMeanNoSuccess) {
   EXPECT_TRUE(log.Contains("try to read route failed, wait_route=success, try time=0, "));
 }
 
-TEST_F(RouteLoad, EachTryReadsTheBlacklistAndTheSpurListAnew) {
+TEST_F(RouteLoad, EachAttemptReadsTheBlacklistAndTheSpurListAgain) {
   Configure(true);
   ClientRegion<BlacklistRegion> blacklist(kBlacklistRegionName);
   ClientRegion<SpurRegion> spurs(kSpurRegionName);
@@ -135,7 +135,7 @@ class SpurBeat : public RouteLoad {
 
 // The event is never closed: once a policy has made it, its name is taken for the rest of the
 // process. So this test comes first, and leaves no event behind.
-TEST_F(SpurBeat, EventThatCannotBeMadeFiveTimesIsGivenUp) {
+TEST_F(SpurBeat, EventIsAbandonedAfterFiveFailedCreations) {
   if (EventExists()) GTEST_SKIP() << "another test of this process has made the event";
   {
     // Its name is taken by an object of another kind.

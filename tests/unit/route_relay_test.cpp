@@ -115,7 +115,7 @@ class RelayQuestion : public GameIdc {
   }
 };
 
-TEST_F(RelayQuestion, EachTestStandsBeforeThoseThatFollowIt) {
+TEST_F(RelayQuestion, EachCheckPrecedesTheNext) {
   EXPECT_FALSE(Need("10.0.0.1", 8000));
   Say("[0][lsp][Route][NeedRelay] Ready to Check Relay(10.0.0.1:8000), socket=400, "
       "socket_type=1, token=77");
@@ -142,7 +142,7 @@ TEST_F(RelayQuestion, EachTestStandsBeforeThoseThatFollowIt) {
       "token=77");
 }
 
-TEST_F(RelayQuestion, ExcludedPortHoldsStreamsBackOnly) {
+TEST_F(RelayQuestion, ExcludedPortAppliesToStreamsOnly) {
   LoadIps({{1001, Ip("203.0.113.1")}});
   EXPECT_FALSE(Need("203.0.113.1", 8000, SOCK_STREAM));
   EXPECT_TRUE(Need("203.0.113.1", 8000, SOCK_DGRAM));
@@ -213,7 +213,7 @@ TEST_F(RelayQuestion, SocketAddressIsTakenApart) {
   EXPECT_FALSE(route.NeedRelay(nullptr, SOCK_STREAM, kRelayed, kRelayedToken));
 }
 
-TEST_F(RelayQuestion, SilentLevelsStaySilent) {
+TEST_F(RelayQuestion, SilentLevelsLogNothing) {
   LoadIps({{1001, Ip("203.0.113.1")}});
   common::SetLogThreshold(5);
   const std::string before = log.Text();

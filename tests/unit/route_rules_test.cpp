@@ -81,7 +81,7 @@ TEST(InnerIp, EachRangeEndsWhereItsMaskSays) {
   for (const auto& row : kRows) EXPECT_EQ(IsInnerIp(Ip(row.ip)), row.inner) << row.ip;
 }
 
-TEST(ExcludedPort, HoldsForStreamSocketsOnly) {
+TEST(ExcludedPort, AppliesToStreamSocketsOnly) {
   AccConfigRecord config;
   config.excluded_port_count = 2;
   config.excluded_ports[0] = 80;
@@ -177,7 +177,7 @@ TEST(ProxyText, HasEachFieldInOrderAndNotTheUsers) {
                "section2_delay=15, section2_lost=16, last_node=17");
 }
 
-TEST(ProxyText, FieldsWithoutAnEndAreBounded) {
+TEST(ProxyText, UnterminatedFieldsEndWithTheirField) {
   RouteProxyInfo proxy;
   test::Fill(proxy, 'x');
   const std::string text = ProxyText(proxy).c_str();

@@ -59,7 +59,7 @@ void Put(std::vector<u8>& bytes, u32 offset, u32 value) {
 }
 
 // Written by offset alone, as a client in another language writes it.
-TEST_F(RouteTableTest, FileIsReadByteByByteWhereEachFieldBelongs) {
+TEST_F(RouteTableTest, FileHasEveryFieldAtItsOffset) {
   std::vector<u8> bytes(65668);
   Put(bytes, 0, 1);         // one route in the first set
   Put(bytes, 4 + 8, 1301);  // its game_idc
@@ -105,7 +105,7 @@ TEST_F(RouteTableTest, FileIsReadByteByByteWhereEachFieldBelongs) {
   EXPECT_TRUE(table().FindRouteEntry(1302, nullptr).has_value()) << "the second set";
 }
 
-TEST_F(RouteTableTest, FileIsTakenWhereThereIsNoRegionAndKeptForGood) {
+TEST_F(RouteTableTest, FileIsUsedIfThereIsNoRegionAndThenKept) {
   AddRoute(image.route_sets[0], 1301, Ref(0));
   SetRouteFile(WriteRouteFile());
   EXPECT_FALSE(table().HasRouteTable());
@@ -143,7 +143,7 @@ TEST_F(RouteTableTest, FileOfAnyOtherSizeIsRefused) {
   EXPECT_TRUE(table().LoadRoute()) << "a later try takes it";
 }
 
-TEST_F(RouteTableTest, FileThatIsNotThereIsTriedAndNamedWithItsError) {
+TEST_F(RouteTableTest, MissingFileIsLoggedWithItsNameAndError) {
   const std::string path = dir / "absent.bin";
   SetRouteFile(path);
   const DWORD before = GetTickCount();
@@ -230,7 +230,7 @@ TEST_F(RouteTableTest, LookupsFollowEachFlip) {
   EXPECT_TRUE(table().FindRouteEntry(3, nullptr).has_value()) << "any larger value is the second";
 }
 
-TEST_F(RouteTableTest, BufferOfAnotherVersionGivesNothingUntilTheNextFlip) {
+TEST_F(RouteTableTest, BufferOfAnotherVersionIsIgnoredUntilTheNextFlip) {
   AddRoute(image.route_sets[0], 1301, Ref(9));
   AddProxy(image, 9, "203.0.113.9");
   RouteClient region;
@@ -259,7 +259,7 @@ TEST_F(RouteTableTest, RegionThatIsTooSmallGivesNothing) {
   EXPECT_FALSE(table().FindRouteEntry(0, nullptr).has_value());
 }
 
-TEST_F(RouteTableTest, RegionThatNobodyHasMemoryForLeavesTheFile) {
+TEST_F(RouteTableTest, WithoutMemoryForTheRegionTheFileIsTried) {
   RouteClient region;
   SetRouteFile(WriteRouteFile());
   {
@@ -277,7 +277,7 @@ TEST_F(RouteTableTest, RegionThatNobodyHasMemoryForLeavesTheFile) {
   EXPECT_FALSE(table().LoadRoute()) << "and it was the region";
 }
 
-TEST_F(RouteTableTest, CopiesOfEntriesOutliveWhatTheClientDoesNext) {
+TEST_F(RouteTableTest, CopiesOfEntriesDoNotChangeWithTheRegion) {
   auto region = std::make_unique<RouteClient>();
   AddRoute(image.route_sets[0], 1301, Ref(9));
   region->Publish(image);

@@ -68,7 +68,7 @@ TEST_F(RouteTables, IpTableOfEachLevelIsTheDigitBeforeTheLastTwo) {
   }
 }
 
-TEST_F(RouteTables, SameIpOnSeveralLevelsIsFoundOnTheUsersOwn) {
+TEST_F(RouteTables, SameIpOnSeveralLevelsIsFoundOnTheUsersLevel) {
   config.game_vip_level = 1;
   ReplaceAccConfig(config);
   LoadIps({{5001, Ip("203.0.113.1")}, {5101, Ip("203.0.113.1")}, {5201, Ip("203.0.113.1")}});
@@ -294,7 +294,7 @@ TEST_F(RouteTables, BlacklistFieldsMatchOrAreWildcards) {
   }
 }
 
-TEST_F(RouteTables, BlacklistSearchGoesOnPastWhatDoesNotMatch) {
+TEST_F(RouteTables, BlacklistSearchContinuesAfterARecordThatDoesNotMatch) {
   LoadBlacklist({{0, 0, 0, 1, {}}, {9, 0, 0, 1, {}}, {0, 0, 80, 2, {}}, {0, 0, 80, 1, {}}});
   EXPECT_TRUE(route.blacklist().IsInAccBlacklist(5, Ip("203.0.113.1"), Port(80), SOCK_STREAM));
 }
@@ -326,7 +326,7 @@ TEST_F(RouteTables, BlacklistRegionIsReadAtEachLoadAndMayTurnEmpty) {
 
 // --- port map --------------------------------------------------------------------------------
 
-TEST_F(RouteTables, PortMapTakesPortsAndPassesOverRecordsWithoutDataCentre) {
+TEST_F(RouteTables, PortMapSkipsRecordsWithoutADataCentre) {
   LoadPorts({{80, 11}, {80, 0}, {443, 12}, {80, 13}});
   EXPECT_EQ(route.port_map().size(), 2u);
   EXPECT_EQ(*route.port_map().Find(80), 13u);
@@ -338,7 +338,7 @@ TEST_F(RouteTables, PortMapTakesPortsAndPassesOverRecordsWithoutDataCentre) {
   EXPECT_TRUE(log.Contains("[4][lsp][Route]LoadPortIdcTable, port=443, idc=12\n"));
 }
 
-TEST_F(RouteTables, PortZeroDiscardsWhatStandsBeforeAndHidesWhatStandsAfter) {
+TEST_F(RouteTables, PortZeroDiscardsRecordsBeforeItAndHidesThoseAfterIt) {
   LoadPorts({{80, 1}, {81, 2}, {82, 3}, {0, 7}, {83, 4}, {0, 9}});
   EXPECT_EQ(route.port_map().size(), 0u);
   EXPECT_EQ(route.port_map().First(), nullptr);

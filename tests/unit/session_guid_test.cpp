@@ -24,7 +24,7 @@ TEST(SessionGuid, TextIsUpperCaseInGroups) {
   EXPECT_STREQ(text, "0A1B2C3D-4E5F-0607-8809-AABBCCDDEEFF");
 }
 
-TEST(SessionGuid, TextNeeds37BytesAndElseNothingIsWritten) {
+TEST(SessionGuid, TextNeeds37BytesOrNothingIsWritten) {
   char text[37] = "untouched";
   EXPECT_EQ(Known().ToString(text, 36), nullptr);
   EXPECT_EQ(Known().ToString(text, 0), nullptr);

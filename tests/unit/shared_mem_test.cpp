@@ -133,7 +133,7 @@ TEST_F(SharedMem, SecondObjectFindsTheMappingAndLeavesItsContent) {
   EXPECT_EQ(Read(second), 17u);
 }
 
-TEST_F(SharedMem, ExistsTellsAndMakesNothing) {
+TEST_F(SharedMem, ExistsCreatesNothing) {
   EXPECT_FALSE(Shared_mem_obj::Exists(name_));
   EXPECT_FALSE(Shared_mem_obj::Exists(name_));
   {
@@ -250,7 +250,7 @@ TEST_F(SharedMem, RecordTooShortForAHeaderPassesNoCheck) {
   object.Close();
 }
 
-TEST_F(SharedMem, MappingSmallerThanTheRecordIsNoRegion) {
+TEST_F(SharedMem, MappingSmallerThanTheRecordIsRefused) {
   // A page, because whole pages are mapped; the record asked for is larger than that.
   const HANDLE small =
       CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, name_.c_str());
@@ -268,7 +268,7 @@ TEST_F(SharedMem, MappingSmallerThanTheRecordIsNoRegion) {
   CloseHandle(small);
 }
 
-TEST_F(SharedMem, NameOfAnotherObjectIsNoRegion) {
+TEST_F(SharedMem, NameOfAnotherObjectIsRefused) {
   const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, name_.c_str());
   ASSERT_NE(event, nullptr);
   EXPECT_FALSE(Shared_mem_obj::Exists(name_));
@@ -318,7 +318,7 @@ TEST_F(SharedMem, AnySelectorAboveOneMeansTheSecondCopy) {
   EXPECT_EQ(Read(reader), 102u);
 }
 
-TEST_F(SharedMem, ReaderNeverFlips) {
+TEST_F(SharedMem, ReaderDoesNotFlip) {
   Shared_mem_obj reader = Double();
   Read(reader);
   EXPECT_EQ(RawView(name_, 36).Get(0), 0u);
@@ -363,7 +363,7 @@ TEST_F(SharedMem, TypedViewOfAnotherSizeIsNullAndTheObjectStaysOpen) {
       << log.Text();
 }
 
-TEST_F(SharedMem, TypedViewOfAFailedOpenSaysNothingMore) {
+TEST_F(SharedMem, TypedViewOfAFailedOpenLogsNothingMore) {
   test::LogCapture log;
   Shared_mem_obj owner(name_, sizeof(Record), mutex_name_, false);
   RawView(name_, 16).Set(8, 37);

@@ -62,7 +62,7 @@ struct BindThroughNextProvider : testing::Test {
   test::LogCapture log{5};
 };
 
-TEST_F(BindThroughNextProvider, TakesAPortOfLoopbackAndTellsItInNetworkOrder) {
+TEST_F(BindThroughNextProvider, TakesAPortOfLoopbackAndReturnsItInNetworkOrder) {
   u16 port = 0;
   ASSERT_TRUE(Bind(&port));
   ASSERT_EQ(bind.addresses.size(), 1u);
@@ -76,12 +76,12 @@ TEST_F(BindThroughNextProvider, TakesAPortOfLoopbackAndTellsItInNetworkOrder) {
       << log.Text();
 }
 
-TEST_F(BindThroughNextProvider, WithoutLoopbackItAsksForAllAddresses) {
+TEST_F(BindThroughNextProvider, WithoutLoopbackItBindsToAllAddresses) {
   ASSERT_TRUE(Bind(nullptr, false));
   EXPECT_EQ(bind.addresses[0].sin_addr.s_addr, 0u);
 }
 
-TEST_F(BindThroughNextProvider, APortInUseMeansAnotherTry) {
+TEST_F(BindThroughNextProvider, APortInUseLeadsToAnotherAttempt) {
   bind.errors = {WSAEADDRINUSE, WSAEADDRINUSE, WSAEADDRINUSE};
   u16 port = 0;
   ASSERT_TRUE(Bind(&port));
@@ -95,7 +95,7 @@ TEST_F(BindThroughNextProvider, TheLastOf200TriesMaySucceed) {
   EXPECT_EQ(bind.addresses.size(), 200u);
 }
 
-TEST_F(BindThroughNextProvider, After200PortsInUseItGivesUpSilently) {
+TEST_F(BindThroughNextProvider, After200PortsInUseItGivesUpWithoutALogLine) {
   bind.then = WSAEADDRINUSE;
   u16 port = 7;
   EXPECT_FALSE(Bind(&port));
@@ -111,7 +111,7 @@ TEST_F(BindThroughNextProvider, AnyOtherErrorEndsItAtOnce) {
   EXPECT_TRUE(log.Contains("BindRandomPort bind, err=10022, socket=4321")) << log.Text();
 }
 
-TEST_F(BindThroughNextProvider, WithoutATableNothingIsAsked) {
+TEST_F(BindThroughNextProvider, WithoutATableNothingIsCalled) {
   GetSocketMap().Remove(kUnbound);
   u16 port = 7;
   EXPECT_FALSE(Bind(&port));
@@ -121,7 +121,7 @@ TEST_F(BindThroughNextProvider, WithoutATableNothingIsAsked) {
   EXPECT_EQ(port, 7);
 }
 
-TEST_F(BindThroughNextProvider, WithoutABindInTheTableNothingIsAsked) {
+TEST_F(BindThroughNextProvider, WithoutABindInTheTableNothingIsCalled) {
   table.lpWSPBind = nullptr;
   EXPECT_FALSE(Bind(nullptr));
 }
@@ -139,7 +139,7 @@ TEST_F(BindThroughNextProvider, ASocketClosedAfterWinsocksEndLeavesNoRecord) {
   EXPECT_FALSE(GetSocketMap().Get(kUnbound, &record));
 }
 
-TEST_F(BindThroughNextProvider, PortsComeFromTheWholeRangeAndNoOther) {
+TEST_F(BindThroughNextProvider, PortsComeFromTheWholeRangeOnly) {
   bind.then = WSAEADDRINUSE;
   for (int i = 0; i < 200; ++i) Bind(nullptr);
   std::set<unsigned> ports;

@@ -24,7 +24,7 @@ struct SocketMapEdges : testing::Test {
   const sockaddr_in relay = Address("127.0.0.1", 4000);
 };
 
-TEST_F(SocketMapEdges, WhatIsMeantForAnEarlierSocketIsRefused) {
+TEST_F(SocketMapEdges, AChangeForAnEarlierSocketIsRefused) {
   EXPECT_FALSE(map.SetRelayAddr(kKnown, &relay, nullptr, nullptr, kOlder));
   EXPECT_FALSE(map.SetRelayState(kKnown, kRelayRefused, kOlder));
   EXPECT_FALSE(map.SetUdpConnectMode(kKnown, true, kOlder));
@@ -34,7 +34,7 @@ TEST_F(SocketMapEdges, WhatIsMeantForAnEarlierSocketIsRefused) {
   EXPECT_FALSE(record.udp_connect_mode);
 }
 
-TEST_F(SocketMapEdges, WhatIsMeantForThisOneIsTaken) {
+TEST_F(SocketMapEdges, AChangeForThisSocketIsAccepted) {
   EXPECT_TRUE(map.SetRelayState(kKnown, kRelayRefused, kToken));
   EXPECT_EQ(Snapshot().relay_state, kRelayRefused);
   EXPECT_TRUE(map.SetRelayAddr(kKnown, &relay, nullptr, nullptr, kToken));
@@ -45,7 +45,7 @@ TEST_F(SocketMapEdges, WhatIsMeantForThisOneIsTaken) {
 
 // Two threads may decide the same destination at once: both decisions are saved, and the first
 // counts.
-TEST_F(SocketMapEdges, ADestinationThatIsSavedTwiceTakesTwoPlaces) {
+TEST_F(SocketMapEdges, ADestinationThatIsSavedTwiceHasTwoEntries) {
   const sockaddr_in server = Address("198.51.100.10", 1000);
   EXPECT_TRUE(map.SaveRelayRecord(kKnown, &server, true));
   EXPECT_TRUE(map.SaveRelayRecord(kKnown, &server, false));

@@ -201,7 +201,7 @@ TEST_F(RelayRecordsTest, AnEmptyTableHasRoom) {
   EXPECT_TRUE(relay);  // untouched
 }
 
-TEST_F(RelayRecordsTest, EveryDestinationIsFoundByAddressAlone) {
+TEST_F(RelayRecordsTest, EveryDestinationIsFoundByItsAddressOnly) {
   Fill(10);
   for (int i = 0; i < 10; ++i) {
     sockaddr_in address = Destination(i);
@@ -215,7 +215,7 @@ TEST_F(RelayRecordsTest, EveryDestinationIsFoundByAddressAlone) {
   }
 }
 
-TEST_F(RelayRecordsTest, AFullTableStaysAsItIs) {
+TEST_F(RelayRecordsTest, AFullTableDoesNotChange) {
   Fill(11);
   const sockaddr_in eleventh = Destination(10);
   bool has_free = true;

@@ -19,7 +19,7 @@ using common::FormatBounded;
 using common::u16to8;
 using common::u8to16;
 
-TEST(U8To16, WellFormedTextComesBackUnchanged) {
+TEST(U8To16, WellFormedTextSurvivesARoundTrip) {
   const std::string rows[] = {"C:\\games\\a.exe",    "\xC3\xA9",     "\xE6\xB8\xB8\xE6\x88\x8F",
                               "\xF0\x9F\x8E\xAE",    "\xEF\xBF\xBF", "\xF4\x8F\xBF\xBF",
                               std::string("a\0b", 3)};
@@ -136,7 +136,7 @@ TEST(IpToString, ReadsNetworkOrder) {
 
 // The buffer of Winsock's inet_ntoa belongs to the game, which may be reading it; and a call may
 // wait for the lock under which Winsock ends.
-TEST(IpToString, LeavesWinsocksOwnTextAlone) {
+TEST(IpToString, DoesNotChangeWinsocksStaticText) {
   in_addr address = {};
   address.s_addr = htonl(0xc6336407);
   const char* const shown = inet_ntoa(address);
@@ -182,7 +182,7 @@ TEST(CombineLoss, TruncatesTheExactFigure) {
   }
 }
 
-TEST(CombineLoss, TakesACodeForAPercentage) {
+TEST(CombineLoss, TreatsACodeAsAPercentage) {
   EXPECT_EQ(CombineLoss(0, 102), 102);
   EXPECT_EQ(CombineLoss(10, 102), 101);
   EXPECT_EQ(CombineLoss(255, 255), -140);

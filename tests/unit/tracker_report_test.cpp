@@ -25,7 +25,7 @@ class TrackerReports : public test::TrackerTest {
   test::ReportClient client;
 };
 
-TEST_F(TrackerReports, StartSaysWhichProcessLogsWhere) {
+TEST_F(TrackerReports, StartReportsTheProcessAndItsLogPath) {
   common::ProcessInfo& process = common::GetProcessInfo();
   const common::ProcessInfo before = process;
   common::SetFieldText(process.process_name, "dawn.exe");
@@ -189,7 +189,7 @@ TEST_F(TrackerReports, AreMadeChannelByChannel) {
   }
 }
 
-TEST_F(TrackerReports, EndTakesALastLookAtWhatIsStillOpen) {
+TEST_F(TrackerReports, EndReportsOpenSocketsOnceMore) {
   tracker.Init();
   AddAccelerated(1, "a");
   AddAccelerated(2, "b");
@@ -230,7 +230,7 @@ TEST_F(TrackerReports, SocketClosedAtTheEndIsInTheLastReport) {
 }
 
 // The relay's providers end their sessions after the Tracker has ended.
-TEST_F(TrackerReports, WhatComesAfterTheEndWaitsForTheNextStart) {
+TEST_F(TrackerReports, ReportsAfterTheEndWaitForTheNextStart) {
   AddAccelerated();
   ReportAll();
   const int before = UsedSlots(client.traffic);
@@ -255,7 +255,7 @@ TEST_F(TrackerReports, SecondInitStartsNothing) {
   EXPECT_EQ(UsedSlots(client.log_paths), 1);
 }
 
-TEST_F(TrackerReports, LifeIsToldInTheLog) {
+TEST_F(TrackerReports, LifeIsLogged) {
   const test::LogCapture log(0);
   ReportAll();
   const std::string text = log.Text();
@@ -271,7 +271,7 @@ TEST_F(TrackerReports, LifeIsToldInTheLog) {
 }
 
 // Successes are logged as details, so that a game's log has none of them at its usual level.
-TEST_F(TrackerReports, WhatTheTrackerSaysOfItselfAreDetails) {
+TEST_F(TrackerReports, ItsOwnLogLinesAreDetails) {
   const test::LogCapture log(1);
   AddAccelerated();
   tracker.NoteGameServer(kSocket, "198.51.100.10", htons(27015));

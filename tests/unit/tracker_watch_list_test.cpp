@@ -170,7 +170,7 @@ TEST_F(WatchList, AccelerationBringsTheProxysFigures) {
   EXPECT_FALSE(log.Contains(test::kReportSubmitted)) << log.Text();
 }
 
-TEST_F(WatchList, DirectSocketHasNoProxyWhateverTheDecisionNames) {
+TEST_F(WatchList, DirectSocketHasNoProxyEvenIfTheDecisionNamesOne) {
   tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
   const test::LogCapture log(0);
   tracker.SetAcceInfo(kSocket, false, At(SomeDecision()));
@@ -186,7 +186,7 @@ TEST_F(WatchList, DirectSocketHasNoProxyWhateverTheDecisionNames) {
 }
 
 // The table that a proxy comes from need not end its texts.
-TEST_F(WatchList, TextsWithoutAnEndAreCut) {
+TEST_F(WatchList, UnterminatedTextsAreTruncated) {
   AccDecisionInfo decision = SomeDecision();
   std::memset(decision.selected_proxy.proxy_addr, '9', sizeof decision.selected_proxy.proxy_addr);
   std::memset(decision.guid, 'g', sizeof decision.guid);
@@ -281,7 +281,7 @@ TEST_F(WatchList, UnknownSocketsAreIgnored) {
   EXPECT_EQ(log.Text(), "");
 }
 
-TEST_F(WatchList, OnlyTwoOperationsSayThatTheSocketIsUnknown) {
+TEST_F(WatchList, OnlyTwoOperationsReportAnUnknownSocket) {
   const test::LogCapture log(4);
   tracker.SetAcceInfo(kSocket, false, At(SomeDecision()));
   tracker.SetRecoveryInfo(kSocket, "x");

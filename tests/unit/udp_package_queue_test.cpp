@@ -101,7 +101,7 @@ TEST(UdpPackageQueue, OldestOfEqualEntriesComesFirst) {
 }
 
 // By its number, since the bytes of a datagram that is still being sent may be gone.
-TEST(UdpPackageQueue, TakesBackThatVeryEntryAndNoOther) {
+TEST(UdpPackageQueue, TakesBackExactlyThatEntry) {
   test::LogCapture log;
   UdpPackageQueue queue;
   const Buffers same{"same"};
@@ -150,7 +150,7 @@ TEST(UdpPackageQueue, ComparesOverTheBoundariesOfBuffers) {
   EXPECT_EQ(found.sin_port, first.sin_port);
 }
 
-TEST(UdpPackageQueue, TakesADatagramOfOneBlockAndNoMore) {
+TEST(UdpPackageQueue, AcceptsADatagramOfAtMostOneBlock) {
   test::LogCapture log;
   UdpPackageQueue queue;
   EXPECT_TRUE(Push(&queue, std::string(2048, 'x'), 1));
@@ -195,7 +195,7 @@ TEST(UdpPackageQueue, HoldsADatagramOfNoBytesThatCameInBuffers) {
   EXPECT_EQ(Find(&queue, ""), 7);
 }
 
-TEST(UdpPackageQueue, ComparesNothingOfABufferThatIsNotThere) {
+TEST(UdpPackageQueue, DoesNotCompareAMissingBuffer) {
   WSABUF missing = {};
   missing.len = 3;
   EXPECT_FALSE(CompareToWsaBuffers("abc", 3, &missing, 1, 3));
@@ -205,7 +205,7 @@ TEST(UdpPackageQueue, ComparesNothingOfABufferThatIsNotThere) {
   EXPECT_TRUE(CompareToWsaBuffers("abc", 3, &missing, 0, 3)) << "kept: nothing differs";
 }
 
-TEST(PackageBlockPool, GivesEachBlockToOneAtATimeAndWhole) {
+TEST(PackageBlockPool, GivesEachBlockToOneUserAtATime) {
   PackageBlockPool pool(1);
   EXPECT_EQ(pool.block_size(), 128u) << "smaller blocks are not made";
   std::set<void*> used;
@@ -217,7 +217,7 @@ TEST(PackageBlockPool, GivesEachBlockToOneAtATimeAndWhole) {
   }
 }
 
-TEST(PackageBlockPool, GivesTheBlockThatCameBackLast) {
+TEST(PackageBlockPool, ReusesTheLastReturnedBlockFirst) {
   PackageBlockPool pool(2048);
   void* const a = pool.Get();
   void* const b = pool.Get();

@@ -92,7 +92,7 @@ TEST_F(ControlMessages, ARequestNamesTheSocketItsDestinationAndAnEvent) {
                            ": sendto, error=10055, socket=4660, token=4711\n"));
 }
 
-TEST_F(ControlMessages, ARequestThatIsCutIsNotWaitedFor) {
+TEST_F(ControlMessages, ATruncatedRequestIsNotAwaited) {
   next.bytes = sizeof(ProtoRelayOpen) - 1;
   test::LogCapture log(5);
   EXPECT_FALSE(Request(&server));
@@ -102,7 +102,7 @@ TEST_F(ControlMessages, ARequestThatIsCutIsNotWaitedFor) {
   EXPECT_FALSE(SetEvent(SentMessage<ProtoRelayOpen>().event())) << "it is closed again";
 }
 
-TEST_F(ControlMessages, NothingIsAskedWithoutADestinationOrAWayToHearTheAnswer) {
+TEST_F(ControlMessages, NothingIsRequestedWithoutADestinationOrACallThatItNeeds) {
   test::LogCapture log(0);
   EXPECT_FALSE(Request(nullptr));
   table.lpWSPRecvFrom = nullptr;
@@ -121,7 +121,7 @@ TEST_F(ControlMessages, NothingIsAskedWithoutADestinationOrAWayToHearTheAnswer) 
 
 // --- the end ----------------------------------------------------------------------------------
 
-TEST_F(ControlMessages, TheEndIsToldInThirteenBytesFromTheSocketItself) {
+TEST_F(ControlMessages, TheEndMessageHasThirteenBytesAndComesFromTheSocketItself) {
   IsRelayed();
   next.bytes = 13;
   test::LogCapture log(0);
@@ -138,7 +138,7 @@ TEST_F(ControlMessages, TheEndIsToldInThirteenBytesFromTheSocketItself) {
       << log.Text();
 }
 
-TEST_F(ControlMessages, AnEndThatCannotBeToldIsOnlyLogged) {
+TEST_F(ControlMessages, AnEndMessageThatCannotBeSentIsOnlyLogged) {
   IsRelayed();
   next.bytes = 12;
   test::LogCapture log(5);
@@ -153,7 +153,7 @@ TEST_F(ControlMessages, AnEndThatCannotBeToldIsOnlyLogged) {
   EXPECT_EQ(next.calls.size(), 2u) << "nothing is tried again";
 }
 
-TEST_F(ControlMessages, OnlyTheEndOfARelayIsTold) {
+TEST_F(ControlMessages, OnlyRelayedSocketsSendAnEndMessage) {
   EXPECT_FALSE(CloseUdpRelay(record));
   IsRelayed();
   record.relay_state = kRelayRefused;
@@ -174,7 +174,7 @@ TEST_F(ControlMessages, OnlyTheEndOfARelayIsTold) {
 
 // --- how a datagram uses the answer -----------------------------------------------------------
 
-TEST_F(ControlMessages, ADatagramGoesToTheRelayOnlyWhereAWorkerServes) {
+TEST_F(ControlMessages, ADatagramGoesToTheRelayOnlyWhileAWorkerServes) {
   char data[4] = {};
   WSABUF buffer{sizeof data, data};
   IsRelayed();

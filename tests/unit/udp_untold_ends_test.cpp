@@ -35,7 +35,7 @@ TEST_F(UntoldEndsTest, ASessionIsEndedOnce) {
   EXPECT_EQ(sessions, (std::set<u32>{1, 3}));
 }
 
-TEST_F(UntoldEndsTest, ASessionThatComesLaterIsEndedToo) {
+TEST_F(UntoldEndsTest, ASessionThatIsCreatedLaterIsAlsoEnded) {
   ends.Add(7);
   for (u32 turn = 1; turn < UntoldEnds::kTurns; ++turn) EXPECT_EQ(Turn().size(), 1u) << turn;
   sessions = {7};
@@ -44,7 +44,7 @@ TEST_F(UntoldEndsTest, ASessionThatComesLaterIsEndedToo) {
   EXPECT_TRUE(Turn().empty());
 }
 
-TEST_F(UntoldEndsTest, ASocketThatHasNoneIsForgotten) {
+TEST_F(UntoldEndsTest, ASocketWithoutASessionIsForgotten) {
   ends.Add(7);
   for (u32 turn = 0; turn < UntoldEnds::kTurns; ++turn) Turn();
   sessions = {7};

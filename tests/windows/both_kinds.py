@@ -1,5 +1,5 @@
-"""32-bit and 64-bit programs side by side: one launcher for both, a child of the other kind keeps
-the library, and one client program, of either kind, serves games of both at once."""
+"""32-bit and 64-bit programs together: either launcher starts both, a child process of the other kind
+keeps the library, and one client program of either kind serves games of both at once."""
 
 import concurrent.futures
 import json
@@ -16,7 +16,7 @@ import demo_bed  # noqa: E402
 PORT = {"x86": 7000, "x64": 7001}
 NUMBER = {"x86": 10032, "x64": 10064}
 BITS = {"x86": "32 bits", "x64": "64 bits"}
-SERVED = "net_probe.exe"  # with "-test" at its end, and no configuration
+SERVED = "net_probe.exe"  # with "-test" at the end of its command line; needs no configuration
 CMD = {"x86": "C:\\windows\\syswow64\\cmd.exe", "x64": "C:\\windows\\sysnative\\cmd.exe"}
 SECONDS = 3
 
@@ -62,14 +62,14 @@ class Stage:
 def check_hooked(stage, what, result):
     checks = stage.checks
     checks.equal(result.code, 0, f"{what}: exit code\n{result.errors}")
-    checks.that(result.output.count("echo: hello") == 2, f"{what}: it works", result.output)
+    checks.that(result.output.count("echo: hello") == 2, f"{what}: the program works", result.output)
     tables = {start["replaced_entries"] for start in result.starts()}
-    checks.equal(tables, {support.REPLACED_ENTRIES}, f"{what}: its tables are hooked")
-    checks.that("WSPConnect" in result.calls("library"), f"{what}: the library sees its calls")
+    checks.equal(tables, {support.REPLACED_ENTRIES}, f"{what}: hooked tables")
+    checks.that("WSPConnect" in result.calls("library"), f"{what}: calls go through the library")
 
 
 def check_launchers(stage):
-    """Either launcher runs a program of either kind."""
+    """Each launcher runs programs of both kinds."""
     server = support.EchoServer()
     for kind in PORT:
         program, folder = stage.stage(kind, SERVED)
@@ -89,7 +89,7 @@ def check_launchers(stage):
 
 
 def check_children(stage):
-    """A shell without sockets of its own starts the program."""
+    """A shell that uses no sockets itself starts the program."""
     server = support.EchoServer()
     for parent in PORT:
         for kind in PORT:
@@ -106,7 +106,7 @@ def check_children(stage):
 
 
 def check_missing_files(stage):
-    """A launcher without the files beside it names what it needs."""
+    """A launcher names the files that it needs if they are missing."""
     checks, lonely = stage.checks, stage.runner.folder / "lonely"
     lonely.mkdir()
     for kind in PORT:
@@ -127,7 +127,7 @@ def check_missing_files(stage):
 
 
 class Games:
-    """A 32-bit and a 64-bit game, which one client program of some kind serves."""
+    """A 32-bit and a 64-bit game, served by one client program of a given kind."""
 
     def __init__(self, stage, client):
         self.stage, self.client = stage, client
@@ -174,7 +174,7 @@ class Games:
         loaded = {(report["process_name"], report["game_id"], report["is_x64"])
                   for report in watcher.named("loaded")}  # fmt: skip
         wanted = {(path.name, NUMBER[kind], int(kind == "x64")) for kind, path in self.paths.items()}
-        checks.equal(loaded, wanted, f"{self.name}: who has the library, and of which kind")
+        checks.equal(loaded, wanted, f"{self.name}: which processes have the library, and of which kind")
         text = page.read_text(encoding="utf-8")
         for kind, path in self.paths.items():
             words = f"{path.name} has the library, game {NUMBER[kind]}, {BITS[kind]}"
@@ -184,10 +184,10 @@ class Games:
         checks, what = self.stage.checks, f"{self.name}, {kind} game"
         server = f"{relay_bench.SERVER}:{PORT[kind]}"
         beats = summary["servers"][0]
-        checks.that(beats["sent"] > 0 and beats["lost"] == 0, f"{what}: its beats are answered", str(beats))
+        checks.that(beats["sent"] > 0 and beats["lost"] == 0, f"{what}: datagrams are answered", str(beats))
         carried = sum(flow["datagrams_to_server"] for flow in flows if flow["game"] == server)
-        checks.that(carried >= beats["sent"], f"{what}: its datagrams go by the node", f"{carried} of {beats}")
-        checks.that(server in node.games(), f"{what}: its lobby goes by the node", str(node.games()))
+        checks.that(carried >= beats["sent"], f"{what}: datagrams by the node", f"{carried} of {beats}")
+        checks.that(server in node.games(), f"{what}: lobby by the node", str(node.games()))
         logs = list(self.logs[kind].glob("*.log"))
         checks.equal(len(logs), 1, f"{what}: one log")
 

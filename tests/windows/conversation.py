@@ -1,4 +1,4 @@
-"""Programs that a test talks to while they run, and waiting for their output."""
+"""Communication with running programs: sending them lines and waiting for their output."""
 
 import contextlib
 import queue
@@ -8,12 +8,12 @@ import time
 
 import support
 
-PATIENCE_S = 40  # more than a beat of the tables
+PATIENCE_S = 40  # longer than the interval at which the tables are read again
 POLL_S = 0.2
 
 
 def wait_until(condition):
-    """Polls the condition; returns its last value, true or not."""
+    """Polls the condition, and returns its last value."""
     end = time.monotonic() + PATIENCE_S
     while not (found := condition()) and time.monotonic() < end:
         time.sleep(POLL_S)
@@ -21,7 +21,7 @@ def wait_until(condition):
 
 
 class Conversation:
-    """A Windows program whose lines are read while it runs."""
+    """A Windows program whose output is read while it runs."""
 
     def __init__(self, command, folder):
         self.process = subprocess.Popen(
@@ -37,11 +37,11 @@ class Conversation:
             self.lines.put(line.rstrip("\r\n"))
 
     def say(self, text):
-        with contextlib.suppress(OSError):  # it has ended; what it does not answer will show
+        with contextlib.suppress(OSError):  # it has ended; the missing answer will be noticed
             self.process.stdin.write(text + "\n")
 
     def line_with(self, words, patience_s=PATIENCE_S):
-        """The next line that contains those words; empty if none comes in time."""
+        """The next line that contains these words; empty if there is none in time."""
         end = time.monotonic() + patience_s
         with contextlib.suppress(queue.Empty):
             while True:

@@ -1,12 +1,12 @@
-"""Programs that connect by extension function: with the library under it as a relayed game, an
-event loop does what it does alone, and every connection that it makes, by a ConnectEx that it
-fetched once, goes through the node. Of all these functions ConnectEx alone is the library's."""
+"""Programs that connect by extension function: as a relayed game, an event loop does the same work as
+without the library, and every connection that it makes, with a ConnectEx that it looked up once, goes
+through the node. Of these functions, only ConnectEx is the library's own."""
 
 import relay_bench
 import support
 from conversation import wait_until
 
-CONNECTIONS = 41  # of the loop, and the one that transmits a file
+CONNECTIONS = 41  # those of the loop, and one that transmits a file
 FUNCTIONS = ("ConnectEx", "AcceptEx", "TransmitFile", "DisconnectEx", "GetAcceptExSockaddrs")
 WORK = (
     "loop: 40 connected, 40 see their server, 40 echoed, 40 disconnected, 0 failed",
@@ -40,18 +40,18 @@ def main():
     bench = relay_bench.Bench(arguments, runner, [folder / "Game.exe"])
     with bench.running:
         alone = run(runner, folder, server, ["--bare"])
-        checks.equal(bench.node.games(), [], "alone: the node hears nothing of it")
+        checks.equal(bench.node.games(), [], "alone: no request to the node")
         game = run(runner, folder, server, [])
         checks.equal(game.code, 0, "exit code")
         checks.equal(work(game), work(alone), "the program's work is the same")
-        checks.that(set(WORK) <= set(work(alone)), "and it is all there is", alone.output)
+        checks.that(set(WORK) <= set(work(alone)), "the work is complete", alone.output)
         asked = [f"{server.address}:{server.port}"] * CONNECTIONS
         wait_until(lambda: len(bench.node.games()) >= CONNECTIONS)
         checks.equal(bench.node.games(), asked, "the node is asked for every connection")
         found, without = modules(game), modules(alone)
-        checks.equal(found.pop("ConnectEx", None), runner.library.name, "whose ConnectEx it is")
+        checks.equal(found.pop("ConnectEx", None), runner.library.name, "which module has ConnectEx")
         without.pop("ConnectEx", None)
-        checks.equal(found, without, "whose the others are")
+        checks.equal(found, without, "which modules have the others")
         log = bench.log()
         for name in FUNCTIONS:
             said = "WSPAcceptEx" if name == "AcceptEx" else name

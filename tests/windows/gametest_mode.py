@@ -1,6 +1,6 @@
-"""The developers' library: a file beside an unmodified program is all that it takes to accelerate
-it, with a node and no client program. Without the file nothing is accelerated, and the product
-does not look at it."""
+"""The developers' library accelerates an unmodified program through a node, without a client program,
+if there is a file beside the program. Without the file nothing is accelerated. The product itself
+ignores the file."""
 
 import real_programs
 import relay_bench
@@ -31,7 +31,7 @@ class Stage:
         self.node = relay_bench.Node(arguments.node)
 
     def fetch(self, what, file, library, through_the_node):
-        """The program's own work, with or without the file beside it."""
+        """Runs the program with or without the file beside it, and checks its work."""
         body, samples = real_programs.wave_file(seconds=5)
         server = WebServer({"": body})
         before = len(self.node.games())
@@ -53,9 +53,9 @@ class Stage:
         checks.that(got == samples, f"{what}: every sample arrived", done.stderr.decode("utf-8", "replace"))
         asked = [server.address] if through_the_node else []
         wait_until(lambda: len(self.node.games()) >= before + len(asked))
-        checks.equal(self.node.games()[before:], asked, f"{what}: whom the node was asked for")
+        checks.equal(self.node.games()[before:], asked, f"{what}: the servers requested from the node")
         peers = {relay_bench.NODE if through_the_node else PLAYER}
-        checks.equal(server.peers, peers, f"{what}: whom the server saw")
+        checks.equal(server.peers, peers, f"{what}: the peers that the server saw")
         logs = len(list(folder.glob("*ffmpeg.exe*.log")))
         checks.equal(logs, int(through_the_node), f"{what}: logs beside the program")
         return support.Result(done, support.read_trace(folder / "trace.jsonl"), folder).debug_output()
@@ -70,11 +70,11 @@ def main():
         said = stage.fetch("with the file", FILE, developers, True)
         wanted = f"Game Test Init, ip={relay_bench.NODE}, port={relay_bench.NODE_PORT}, net_mode=24, log_level=4"
         checks.that(wanted in said, "it says what it read", said)
-        checks.that("GameTestModule ReadAccConfig returns done!" in said, "and that it goes by it", said)
+        checks.that("GameTestModule ReadAccConfig returns done!" in said, "and that it uses it", said)
         said = stage.fetch("without the file", "", developers, False)
-        checks.that("Game Test Init, log_path not exist=[" in said, "it says that there is none", said)
+        checks.that("Game Test Init, log_path not exist=[" in said, "it says that there is no folder", said)
         said = stage.fetch("the product", FILE, product, False)
-        checks.that("Game Test" not in said, "the product does not look", said)
+        checks.that("Game Test" not in said, "the product ignores the file", said)
     finally:
         stage.node.end()
     checks.end()

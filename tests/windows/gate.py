@@ -1,5 +1,5 @@
-"""Who is served: each kind of process, tried with a real one. Served means the hooked call table;
-a log file is written for listed games and the speed tester only."""
+"""Which processes are served: one real process of each kind. A served process gets the hooked call
+table. A log file is written for listed games and the speed tester only."""
 
 import contextlib
 import shutil
@@ -26,10 +26,10 @@ class Gate:
         return result
 
     def expect(self, what, result, served, log_files):
-        """`log_files`: a folder's log files, or None if there must be none at all."""
+        """`log_files` returns the log files of a folder; None if there must be none anywhere."""
         tables = [start["replaced_entries"] for start in result.starts()]
         wanted = HOOKED if served else 0
-        self.checks.that(result.output.count("echo: hello") == 2, f"{what}: it works", result.output)
+        self.checks.that(result.output.count("echo: hello") == 2, f"{what}: the program works", result.output)
         self.checks.that(
             tables and set(tables) == {wanted}, f"{what}: tables with {wanted} entries", str(tables)
         )
@@ -44,7 +44,7 @@ class Gate:
 
     @contextlib.contextmanager
     def client(self, text):
-        """The restriction region, for as long as the block lasts."""
+        """The restriction region exists for the duration of the block."""
         file = self.runner.folder / "games.toml"
         file.write_text(text, encoding="utf-8")
         process = subprocess.Popen(
@@ -90,7 +90,7 @@ def check_net_probe(gate):
 
 def check_speed_tester(gate):
     for name in ("SpeedTester.exe", "speedtester.EXE"):
-        # With no configuration there is no log folder: the file goes to the root of the drive.
+        # Without a configuration there is no log folder: the file is in the root of the drive.
         before = set(support.DRIVE_C.glob("*.log"))
         result = gate.run(name)
         gate.expect(name, result, True, lambda: set(support.DRIVE_C.glob("*.log")) - before)
@@ -105,7 +105,7 @@ def check_game(gate):
     def log_files():
         return list(logs.glob("*.log"))
 
-    # Listed under another letter case; the comparison ignores it.
+    # Listed with different letter case, which the comparison ignores.
     listed = folder / "gAME.EXE"
     with gate.client(game_entry(listed, logs)):
         result = gate.run("Game.exe", folder=folder)
@@ -118,7 +118,7 @@ def check_game(gate):
         gate.checks.that(name and name[0].startswith("[Game.exe][P"), "game: name of the log", str(name))
         result = gate.run("Game2.exe", folder=folder)
         gate.expect("beside the game", result, served=False, log_files=None)
-    # The region lives as long as somebody holds it.
+    # The region exists as long as a process has it open.
     gate.expect("after the client", gate.run("Game.exe", folder=folder), False, None)
 
 
@@ -139,11 +139,11 @@ def check_second_copy(gate):
         result = gate.run(name, support.windows_path(copy), *extra, folder=folder)
         what = f"second copy in {name}"
         gate.checks.that("WSPStartup of the copy: 0" in result.output, f"{what}: starts", result.output)
-        gate.checks.that("entries of the copy: 0" in result.output, f"{what}: stays out", result.output)
+        gate.checks.that("entries of the copy: 0" in result.output, f"{what}: hooks nothing", result.output)
         gate.checks.that("its socket: made" in result.output, f"{what}: still works", result.output)
         gate.checks.equal(result.starts()[0]["replaced_entries"], first, f"{what}: the first copy")
         said = "CheckCanHook, someone has hooked and not hook" in result.debug_output()
-        gate.checks.equal(said, bool(extra), f"{what}: it says who was first")
+        gate.checks.equal(said, bool(extra), f"{what}: it reports the first copy")
 
 
 def check_second_start(gate):
@@ -156,7 +156,7 @@ def check_second_start(gate):
     )  # fmt: skip
     gate.checks.equal(
         result.debug_output().count("CheckCanHook, I am the first and can hook"), 1,
-        "the gate is asked once a process",
+        "the gate decides once for each process",
     )  # fmt: skip
 
 

@@ -1,6 +1,6 @@
-"""A relayed game finds its process as it left it after each call: the numbers that it draws, its
-error number and locale, its floating-point modes, and a new thread's. It says the same with and
-without the library under it."""
+"""No call of a relayed game changes the state of its process: its random numbers, error number and
+locale, its floating-point modes and those of a new thread. Its output is the same with and without
+the library."""
 
 import difflib
 
@@ -27,12 +27,12 @@ def main():
         checks.that(relayed.output == alone.output, "relayed: same output", "\n".join(difference))
         checks.that("all kept" in alone.output, "it looks", alone.output)
         checks.that(" changed" not in relayed.output, "nothing is changed", relayed.output)
-        checks.that("strtok goes on with: second" in relayed.output, "nor half a string's place")
+        checks.that("strtok goes on with: second" in relayed.output, "strtok's position in a string is kept")
         checks.equal(relayed.code, alone.code, "same exit code")
         games = bench.node.games()
         checks.that(len(games) == 4, "streams and datagrams went through the node", str(games))
-        # On the way to the node a socket that was not bound is, to a port that is drawn.
-        checks.that("BindRandomPort bind, port=" in bench.log(), "a port was drawn", bench.log())
+        # For the connection to the node, an unbound socket is bound to a random port.
+        checks.that("BindRandomPort bind, port=" in bench.log(), "a random port was bound", bench.log())
     checks.end()
 
 

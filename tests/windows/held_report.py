@@ -1,5 +1,5 @@
-"""A game ends while the client program stands still in the middle of a report, whose mutex it holds:
-the game waits as long as the library's stopping is allowed to take, and not for the client."""
+"""A game ends while the client program is stopped in the middle of a report and holds its mutex: the
+game waits at most for the time in which the library may stop, and not for the client program."""
 
 import time
 
@@ -8,14 +8,14 @@ import restarts
 import support
 from conversation import Conversation
 
-MUTEX = "vyr_log_file_path_named_mutex"  # of the report that is the first in every game
-LEAST_CLEANUP_MS = 180  # the library waits 200 for its worker; the tick counter is coarse
-LONGEST_CLEANUP_MS = 2000  # less than a worker that waits for the reports would take
-LONGEST_END_S = 4.0  # from there until the process is gone, on a busy machine
+MUTEX = "vyr_log_file_path_named_mutex"  # of the first report in every game
+LEAST_CLEANUP_MS = 180  # the library waits 200 ms for its worker; the tick counter is coarse
+LONGEST_CLEANUP_MS = 2000  # less than the time of a worker that waits for the reports
+LONGEST_END_S = 4.0  # from the cleanup to the end of the process, on a busy machine
 
 
 def play(stage):
-    """What the game printed, its exit code, and the time from its last cleanup to its end."""
+    """Returns the game's output, its exit code, and the time from its last cleanup to its end."""
     runner, server = stage.runner, stage.server
     game = Conversation(
         [runner.bin / "vyr_run.exe", support.windows_path(stage.game / "Game.exe"), relay_bench.SERVER,

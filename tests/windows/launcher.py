@@ -1,4 +1,4 @@
-"""vyr_run itself: exit codes, errors that name the file, arguments and streams passed through."""
+"""vyr_run itself: exit codes, errors that name the file, and the passing on of arguments and streams."""
 
 import os
 import shutil
@@ -31,7 +31,7 @@ def main():
     code, _, err = launch("--guids")
     checks.that(code == 120 and "--guids needs a value" in err, "choice without its value", err)
     code, _, err = launch("--cleanup", "never", "x")
-    checks.that(code == 120 and "--cleanup is before or after" in err, "word that is no choice", err)
+    checks.that(code == 120 and "--cleanup is before or after" in err, "invalid choice", err)
     code, _, err = launch("no_such_program")
     checks.that(code == 127 and "no_such_program" in err, "program not found", err)
     text = runner.folder / "text.exe"
@@ -43,7 +43,7 @@ def main():
     code, _, err = launch("--library", "missing.dll", cmd, "/c", "exit")
     checks.that(code == 122 and "missing.dll" in err, "library not found", err)
     code, _, err = launch("--library", support.windows_path(text), cmd, "/c", "exit")
-    checks.that(code == 122 and "text.exe" in err, "library is no module", err)
+    checks.that(code == 122 and "text.exe" in err, "library is not a module", err)
     code, _, err = launch("--trace", "Z:\\no\\such\\folder\\t", "--bare", cmd, "/c", "exit 3")
     checks.that(code == 124 and "folder" in err, "trace cannot be written", err)
     lonely = runner.folder / "lonely"
@@ -67,7 +67,7 @@ def main():
     )
     checks.that(b"input: passed in" in done.stdout, "input passes through", str(done))
 
-    # The program sees its command line as it was typed.
+    # The program gets its command line unchanged.
     folder = runner.folder / "Ordner mit Ümläuten 漢字"
     folder.mkdir()
     program = folder / "print args.exe"

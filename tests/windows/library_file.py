@@ -1,5 +1,5 @@
-"""What the DLL is made of: a small module of its kind, with two exports, that needs system DLLs only,
-says what it is, and asks the system for nothing that would change what it shares with its host."""
+"""The DLL as a file: small, of the right kind, with two exports, version information and imports from
+system DLLs only. It uses no function that would change state which it shares with its host."""
 
 import os
 import re
@@ -17,13 +17,13 @@ LARGEST_STRIPPED = 1_000_000
 TOOLS = {"x86": "i686-w64-mingw32-", "x64": "x86_64-w64-mingw32-"}
 FORMATS = {"x86": "pei-i386", "x64": "pei-x86-64"}
 
-# What the C runtime and the system keep for the process or the thread is the host's. Each of these
-# changes it, and the reason says what the host would notice.
-RANDOM = "the host's own rand() would go on with other numbers"
-PLACE = "the result stands in a place of the runtime's, where the host's last result may stand"
-LOCALE = "the host's texts and numbers would be read and written otherwise"
+# State of the process or the thread, in the C runtime and in the system, belongs to the host. Each of
+# these functions changes some, and the reason says what the host would notice.
+RANDOM = "the host's own rand() would return different numbers"
+PLACE = "the result is in the runtime's static memory, where it may replace a result of the host"
+LOCALE = "the host's texts and numbers would be formatted differently"
 FLOAT = "the host's floating-point results would change"
-HANDLER = "the host's own handler would be gone"
+HANDLER = "the host's own handler would be replaced"
 SETTING = "a setting of the host's process would change"
 END = "the host would end"
 OUTPUT = "the host's own output would be mixed with ours"
@@ -47,22 +47,22 @@ BANNED = {
     **dict.fromkeys(["printf", "puts", "fputc", "fputs", "fwrite", "fprintf", "vfprintf", "vprintf",
                      "AllocConsole"], OUTPUT),
 }  # fmt: skip
-# What the compiler's own libraries bring in all the same, and why it does no harm.
-TERMINATE = "of the handler of exceptions that nobody catches: none of ours leaves an entry"
-OWN_ATEXIT = {"atexit"}  # a module's own, of its runtime: it runs as the module goes
+# What the compiler's own libraries import all the same, and why it does no harm.
+TERMINATE = "used for uncaught exceptions; none of ours leaves an entry"
+OWN_ATEXIT = {"atexit"}  # the module's own, in its runtime: it runs when the module is unloaded
 CARRIED = {
-    "setlocale": "asks which locale there is (with null), for wide text in formats; ours has none",
-    "localtime": "of localtime_s where the system's runtime is too old to have it",
-    "_localtime32": "of localtime_s where the system's runtime is too old to have it",
-    "_localtime64": "of localtime_s where the system's runtime is too old to have it",
-    "strerror": "of the format %m; ours has none",
-    "__setusermatherr": "of a function that only a program's own start calls",
-    "vfprintf": "of the message of a relocation that fails, when the module is loaded",
+    "setlocale": "reads the locale (with null) for wide text in formats; our formats have none",
+    "localtime": "used by localtime_s if the system's runtime is too old to have it",
+    "_localtime32": "used by localtime_s if the system's runtime is too old to have it",
+    "_localtime64": "used by localtime_s if the system's runtime is too old to have it",
+    "strerror": "used for the format %m; our formats have none",
+    "__setusermatherr": "used by a function that only the start of a program calls",
+    "vfprintf": "used for the message about a failed relocation, when the module is loaded",
     **dict.fromkeys(["abort", "fputc", "fputs", "fwrite"], TERMINATE),
 }
 
 def says(content, key, value):
-    """Whether a version resource has that line: texts of 16-bit characters, each ended and padded."""
+    """Whether a version resource has that entry: 16-bit texts, each terminated and padded."""
     key, value = (re.escape(text.encode("utf-16-le")) for text in (key, value))
     return re.search(key + rb"\0{2,6}" + value + rb"\0\0", content) is not None
 
@@ -73,13 +73,13 @@ def tool(kind, name, *arguments):
 
 
 def imported_names(text):
-    """By name, from the import tables; imports by number alone have none."""
+    """The imported names in the import tables; imports by ordinal have none."""
     imports = text[text.index("The Import Tables") : text.index("The Export Tables")]
     return set(re.findall(r"^\s+[0-9a-f]+\s+(?:<none>)?\s*\d+\s+(?:[0-9a-f]{4}\s+)?(\w+)\s*$", imports, re.M))
 
 
 def names_asked_for(kind, archive):
-    """The symbols that the product's own objects need, without C's name decoration."""
+    """The symbols that the product's own object files need, without C's name decoration."""
     prefix = "_" if kind == "x86" else ""
     undefined = rf"^\s+U (?:__imp_)?{prefix}(\w+?)(?:@\d+)?$"
     return set(re.findall(undefined, tool(kind, "nm", archive), re.M))
@@ -91,11 +91,11 @@ def check_guest(checks, kind, library, text):
     for name in sorted(names & BANNED.keys() - CARRIED.keys()):
         checks.that(False, f"it imports {name}: {BANNED[name]}")
     for name in sorted(CARRIED.keys() - BANNED.keys()):
-        checks.that(False, f"{name} is excused from a ban that there is not")
+        checks.that(False, f"there is an exception for {name}, which is not banned")
     asked = names_asked_for(kind, library.parent.parent / "src" / "libvyr_core.a")
-    checks.that({"memcpy", "CreateFileW", "rand_s"} <= asked, "what it asks for can be read", str(asked))
+    checks.that({"memcpy", "CreateFileW", "rand_s"} <= asked, "our own symbols can be read", str(asked))
     for name in sorted(asked & BANNED.keys() - OWN_ATEXIT):
-        checks.that(False, f"our own code asks for {name}: {BANNED[name]}")
+        checks.that(False, f"our own code uses {name}: {BANNED[name]}")
 
 
 def main():

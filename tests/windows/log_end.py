@@ -1,5 +1,5 @@
-"""The log at the end of a process: what was collected reaches the file when the process ends; and
-a process that ends while others of its threads are writing lines ends at once, its file whole."""
+"""The log at the end of a process: collected lines are written to the file when the process ends. A
+process that ends while its other threads write lines ends at once, and its file has whole lines."""
 
 import re
 import socket
@@ -8,7 +8,7 @@ import gate
 import support
 
 EXIT_CODE = 7
-RUNS = 4  # which threads are where when they are killed differs from run to run
+RUNS = 4  # where the threads are when they are killed differs from run to run
 WHOLE_LINE = re.compile(rb"\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\]\[\d+\]\[\d\]\[lsp\][^\n]+\n")
 
 
@@ -19,15 +19,15 @@ def free_port():
 
 
 def run(bench, checks, what, threads):
-    """Returns the one log that the run left."""
+    """Returns the content of the single log file of the run."""
     folder = bench.runner.stage(bench.arguments.probes / "log_end.exe", "Game.exe")
     logs = folder / "logs"
     port = free_port()
     with bench.client(gate.game_entry(folder / "Game.exe", logs)):
-        # A process that hangs at its end runs into the time that a launch may take.
+        # A process that hangs when it ends exceeds the time limit of the launch.
         words = [bench.server.address, bench.server.port, threads, port]
         result = bench.runner.launch(folder, "Game.exe", map(str, words))
-    checks.equal(result.code, EXIT_CODE, f"{what}: it ends as it wants to")
+    checks.equal(result.code, EXIT_CODE, f"{what}: its exit code")
     checks.that("bind: 0" in result.output, f"{what}: its last call worked", result.output)
     files = list(logs.glob("*.log"))
     checks.equal(len(files), 1, f"{what}: one log file")

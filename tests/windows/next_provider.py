@@ -1,5 +1,5 @@
-"""What a program gets when the provider under the library fails, is incomplete or is not there:
-the errors that the platform has for it, never a crash or a hang."""
+"""If the next provider fails, is incomplete or is missing, a program gets the platform's errors for
+that, and never crashes or hangs."""
 
 import re
 
@@ -8,9 +8,9 @@ import support
 FAILED_INIT = 10106
 INVALID_TABLE = 10104
 
-# next provider | result of the library's start | what the debugger is told | first socket's error
-# A positive error of the next provider becomes 0 with an empty table; what stops the program's
-# socket then is Winsock's own look at the table.
+# next provider | result of the library's start | debugger output | error of the first socket
+# A positive error of the next provider becomes 0 with an empty table. Winsock's own check of the table
+# then makes the program's socket fail.
 CASES = [
     ("failing", 0, "InitializeProvider failed: 10091", INVALID_TABLE),
     ("incomplete", FAILED_INIT, "InitLspChain: InitializeProvider failed: 10104", FAILED_INIT),
@@ -36,10 +36,10 @@ def main():
             checks.that(starts, f"{what}: a start was tried", result.errors)
             if starts:
                 found = starts[0]["result"]
-                # An empty table is refused by the host as Winsock refuses it.
+                # The host refuses an empty table, as Winsock does.
                 wanted = INVALID_TABLE if start_result == 0 else start_result
                 checks.equal(found, wanted, f"{what}: result of the start")
-            checks.equal(result.code, 0, f"{what}: the program lives on")
+            checks.equal(result.code, 0, f"{what}: the program ends normally")
             checks.that(
                 re.search(r"^connect: failed with \d+$", result.output, re.M),
                 f"{what}: the program's calls fail",
@@ -52,7 +52,7 @@ def main():
 
 
 def first_socket_error(output):
-    """socket() failed, so connect() has no socket; the probe prints the error of the first one."""
+    """The error of the first socket, which the probe prints; later calls have no socket."""
     found = re.search(r"^first socket: failed with (\d+)$", output, re.M)
     return int(found.group(1)) if found else None
 

@@ -1,6 +1,6 @@
-"""A game's raw pings: of a server that is relayed they never leave the machine, and are answered
-when its route's delay is over; every other one really goes out. The native side listens to all
-echo requests of the bed, so that it knows which did."""
+"""A game's pings through raw sockets. Pings of a relayed server never leave the machine and are
+answered after the delay of the server's route. All other pings are really sent. The native side
+listens to all echo requests in the bed, so it knows which were sent."""
 
 import json
 import re
@@ -13,18 +13,18 @@ import relay_bench
 import support
 from conversation import Conversation, wait_until
 
-RELAYED = "198.51.100.10"  # over node one: 10 ms to the node, 12 ms behind it
+RELAYED = "198.51.100.10"  # through node one: 10 ms to the node, 12 ms after it
 DIRECT = "198.51.100.11"  # listed, but not worth a node
-WITHOUT_DELAY = "198.51.100.12"  # relayed, and its route says nothing of a delay
+WITHOUT_DELAY = "198.51.100.12"  # relayed, with a route that has no delays
 UNKNOWN = "198.51.100.13"  # in no table
 
-# What a reply may come early by, and late on a busy machine.
+# How early a reply may be, and how late on a busy machine.
 EARLY_MS = 5
 LATE_MS = 200
 FORGED_TTL, REAL_TTL = 54, 64
 GAME_PORT = 7000
-BEAT_MS = 30  # what the sample game's server waits
-IN_FLIGHT = 520  # more than are kept without an allocation
+BEAT_MS = 30  # how long the sample game's server waits before it answers
+IN_FLIGHT = 520  # more than can be kept without an allocation
 
 TABLES = (
     relay_bench.GAMES.replace("['TCP']", "['TCP', 'UDP']")
@@ -58,7 +58,7 @@ ref_default = {{ node = 'node zero', decision = 'DECISION_ACCE', last_node = 'no
 
 
 class Network:
-    """Every echo request that arrives anywhere in the bed."""
+    """Receives every echo request in the bed."""
 
     def __init__(self):
         self.requests = []  # (address, size)
@@ -73,7 +73,7 @@ class Network:
                 self.requests.append((socket.inet_ntoa(packet[16:20]), len(message)))
 
     def drained(self, marker):
-        """Waits for everything sent before: until a request of our own, of a unique size, has arrived."""
+        """Waits for all earlier requests: sends one of a unique size and waits for its arrival."""
         message = struct.pack(">BBHHH", 8, 0, 0xF7FF, 0, 0) + bytes(marker)
         with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP) as sender:
             sender.sendto(message, ("198.51.100.19", 0))
@@ -96,7 +96,7 @@ class Stage:
         self.bench = relay_bench.Bench(arguments, self.runner, games, 0, TABLES)
 
     def went_out(self):
-        """What has reached the network since the last call."""
+        """The requests that have reached the network since the last call."""
         self.marker += 2
         requests = self.network.drained(self.marker)
         new, self.seen = requests[self.seen :], len(requests)
@@ -131,7 +131,7 @@ def check_held(stage, game, address, lag, size=64):
 
 def check_goes_out(stage, game, line, address, size):
     reply = reply_to(game, line)
-    stage.checks.equal(stage.went_out(), [(address, size)], f"'{line}' really goes out")
+    stage.checks.equal(stage.went_out(), [(address, size)], f"'{line}' is really sent")
     if stage.checks.that(reply, f"'{line}' is answered"):
         stage.checks.equal((reply[0], reply[2]), (size + 20, REAL_TTL), f"'{line}': by the server itself")
 
@@ -149,9 +149,9 @@ def check_answers(stage, game):
 
 def check_oddities(stage, game):
     checks = stage.checks
-    # Nobody answers what is broken, neither here nor there.
+    # A broken request is not answered, neither by the library nor by the system.
     checks.equal(reply_to(game, f"ping {RELAYED} 64 broken"), None, "a broken ping has no answer")
-    checks.equal(stage.went_out(), [(RELAYED, 64)], "a broken ping goes out as it is")
+    checks.equal(stage.went_out(), [(RELAYED, 64)], "a broken ping is sent unchanged")
     checks.equal(game.asked(f"watch {RELAYED} 64", "select"), "select: 0", "select sees no reply")
     checks.that(game.line_with("reply: 84 bytes"), "but there is one")
     wanted = f"burst: {IN_FLIGHT} sent, {IN_FLIGHT} answered in order"
@@ -176,7 +176,7 @@ def check_log(stage):
 
 
 def play(stage, options):
-    """What the sample game saw: the figures of its beats, and of its pings beside them."""
+    """Returns what the sample game measured: the times of its beats and of its pings."""
     result = stage.runner.launch(
         stage.sample, "vyr_game.exe",
         ["play", f"{RELAYED}:{GAME_PORT}", "--ping", "--json", "--seconds", "2.5"], options,
@@ -190,7 +190,8 @@ def play(stage, options):
 
 
 def check_sample_game(stage):
-    """Its beats take the same time both ways, since the bed has no distances; its pings do not."""
+    """Its beats take the same time with and without the library, because the bed has no distances; its
+    pings do not."""
     command = [stage.native_game, "serve", f"{RELAYED}:{GAME_PORT}", "--delay-ms", str(BEAT_MS)]
     server = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
     stage.bench.running.callback(server.wait, support.LONGEST_RUN_S)
@@ -216,7 +217,7 @@ def main():
         game = stage.start(stage.folder / "Game.exe")
         check_answers(stage, game)
         check_oddities(stage, game)
-        stage.checks.equal(game.end(), 0, "the game ends as it wants to")
+        stage.checks.equal(game.end(), 0, "the game's exit code")
         check_log(stage)
         nobody = stage.runner.stage(stage.runner.probes / "ping_game.exe", "Nobody.exe") / "Nobody.exe"
         other = stage.start(nobody)

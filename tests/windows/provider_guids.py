@@ -10,7 +10,7 @@ import support
 STREAMS, DATAGRAMS = 6, 17
 HOOKED = support.REPLACED_ENTRIES
 
-# how entries are named and started | the starts that a game with both kinds of socket causes
+# the GUIDs and starts of entries | the starts that a game with both kinds of socket causes
 CASES = [
     ((), [STREAMS, DATAGRAMS]),
     (("--guids", "one"), [STREAMS]),
@@ -25,7 +25,7 @@ def check(stage, options, protocols):
     starts = [(start["protocol"], start["result"], start["replaced_entries"]) for start in result.starts()]
     checks.equal(starts, [(protocol, 0, HOOKED) for protocol in protocols], f"{what}: starts")
     cleaned = [cleanup["cleanup"] for cleanup in result.cleanups()]
-    checks.equal(cleaned, [start["start"] for start in result.starts()], f"{what}: what is cleaned up")
+    checks.equal(cleaned, [start["start"] for start in result.starts()], f"{what}: each start has its cleanup")
     ways = [both for _, *both, _ in result.rounds]
     checks.equal(ways, [[relay_bench.NODE] * 2], f"{what}: the node carries both kinds")
     seen = result.calls("library")

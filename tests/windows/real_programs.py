@@ -1,6 +1,6 @@
-"""Unmodified third-party programs do real work, and the bytes that arrive are the same in each
-way of running them: a media tool (select loops, imports by name) fetches over HTTP and sends a
-transport stream over UDP; a bundler with a runtime that looks everything up itself serves HTTP."""
+"""Unmodified third-party programs do real work, and the bytes that arrive are the same in each way of
+running them. A media tool (select loops, imports by name) fetches over HTTP and sends a transport
+stream over UDP. A bundler, whose runtime looks up all functions itself, serves HTTP."""
 
 import hashlib
 import http.client
@@ -19,7 +19,7 @@ import support
 
 LONGEST_S = 90
 PLAYER = "198.51.100.1" if os.environ.get("VYR_TESTBED") else "127.0.0.1"
-# Served by its name, with no configuration; it writes a log file.
+# A process of this name is served without a configuration, and writes a log file.
 SERVED_NAME = "SpeedTester.exe"
 
 
@@ -33,7 +33,7 @@ def programs_folder(kind="x86"):
 
 
 def wave_file(seconds=20, rate=44100):
-    """A tone, as a WAV file and as its bare samples."""
+    """A tone, as a WAV file and as raw samples."""
     samples = b"".join(
         struct.pack("<hh", int(12000 * math.sin(i / 17)), int(9000 * math.sin(i / 23)))
         for i in range(seconds * rate)
@@ -66,14 +66,14 @@ class WebServer:
 
 
 class Program:
-    """A third-party program, runnable in each way."""
+    """A third-party program that can be run in each way."""
 
     def __init__(self, runner, path):
         self.runner = runner
         self.path = path
 
     def command(self, way, arguments):
-        """The command line, and the file its trace goes to."""
+        """The command line, and the path of the trace."""
         name = SERVED_NAME if way == "served" else self.path.name
         folder = pathlib.Path(self.runner.stage(self.path, name))
         program = support.windows_path(folder / name)
@@ -102,7 +102,7 @@ def check_trace(checks, what, way, trace, wanted_calls):
     if way == "served":
         for call in wanted_calls:
             checks.that(call in seen, f"{what}: {call} goes through the library", str(seen))
-        print(f"{what}: calls the library saw: {seen}")
+        print(f"{what}: calls through the library: {seen}")
     else:
         checks.equal(seen, {}, f"{what}, {way}: nothing goes through the library")
 
@@ -178,7 +178,7 @@ def get_when_up(process, port, path):
         try:
             return get(port, path)
         except OSError:
-            time.sleep(0.05)  # not listening yet; the deadline bounds it
+            time.sleep(0.05)  # not listening yet; the deadline limits the wait
     return None, b""
 
 
@@ -204,7 +204,7 @@ def serve_http(checks, esbuild):
         answers[way] = [get_when_up(process, port, "/www/main.js")]
         if answers[way][0][0] is not None:
             answers[way] += [get(port, path) for path in ("/big.txt", "/part.js", "/missing")]
-        # It ends when its input does.
+        # It ends when its input ends.
         _, errors = process.communicate(timeout=LONGEST_S)
         checks.equal(process.returncode, 0, f"serve, {way}: exit code")
         checks.that(len(answers[way]) == 4, f"serve, {way}: it answers", errors.decode("utf-8", "replace"))

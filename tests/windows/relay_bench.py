@@ -1,5 +1,5 @@
-"""A bed for relayed games: nodes as native programs, the client that serves the tables, and what
-the library wrote about a game."""
+"""A fixture for relayed games: native nodes, the client program that serves the tables, and access to
+the library's log of a game."""
 
 import contextlib
 import json
@@ -65,7 +65,7 @@ class Node:
         return [line for line in self.events if line["event"] == event]
 
     def games(self):
-        """The game servers that it was asked for, in order."""
+        """The game servers that have been requested from it, in order."""
         return [line["game"] for line in self.named("request")]
 
     def command(self, **command):
@@ -79,7 +79,7 @@ class Node:
 
 
 class Bench:
-    """`games` are the paths of the programs that are served, `tables` the client's file for them."""
+    """`games` are the paths of the programs to be served, `tables` is the client's file for them."""
 
     def __init__(self, arguments, runner, games, log_level=0, tables=GAMES):
         if support.DRIVE_C is None:
@@ -106,11 +106,11 @@ class Bench:
             raise RuntimeError("the client does not become ready")
 
     def log(self):
-        """All logs. One that is being written may lack its last lines."""
+        """All logs. A log that is being written may lack its last lines."""
         return b"".join(file.read_bytes() for file in self.logs.glob("*.log")).decode("gbk", "replace")
 
     def node_is_idle(self):
-        """Waits until no connection is left and all events about them have been read."""
+        """Waits until all connections are closed and all events about them have been read."""
         idle = wait_until(lambda: not self.node.command(command="connections")["connections"])
         return idle and wait_until(
             lambda: len(self.node.named("closed")) == len(self.node.named("accepted"))

@@ -1,7 +1,7 @@
-"""Unmodified third-party programs as games: their connections go through a node, which says whose
-they were; their work comes out as ever. A media tool connects in a select loop, a JavaScript
-runtime by extension function and overlapped calls, many connections at once. A bundler that only
-serves is a game too: what it accepts is nobody's to relay."""
+"""Unmodified third-party programs as games: their connections go through a node, which reports their
+servers, and their work has the same result as without the library. A media tool connects in a select
+loop, a JavaScript runtime with extension functions and overlapped calls, with many connections at
+once. A bundler that only serves is a game, too: connections that it accepts are not relayed."""
 
 import hashlib
 import json
@@ -14,13 +14,13 @@ import relay_bench
 import support
 from web_server import WebServer
 
-FETCHES = 59  # with the upload: sixty at once
+FETCHES = 59  # sixty connections at once, with the upload
 UPLOAD = 8 << 20
 LONGEST_S = 120
 
 
 class Stage:
-    """Each program in a folder of its own, all of them listed as games."""
+    """The programs, each in a folder of its own, all listed as games."""
 
     def __init__(self, arguments):
         self.checks = support.Checks()
@@ -46,11 +46,11 @@ class Stage:
 
     def asked_the_node(self, name, server, before, count):
         games = self.bench.node.games()[before:]
-        self.checks.equal(games, [server.address] * count, f"{name}: whom the node was asked for")
-        self.checks.equal(server.peers, {relay_bench.NODE}, f"{name}: the server saw the node alone")
+        self.checks.equal(games, [server.address] * count, f"{name}: the servers requested from the node")
+        self.checks.equal(server.peers, {relay_bench.NODE}, f"{name}: the server saw only the node")
         log = self.bench.log()
         redirects = re.findall(r"will accelerate", log)
-        self.checks.that(redirects, f"{name}: its log says so", log[-2000:])
+        self.checks.that(redirects, f"{name}: its log reports it", log[-2000:])
 
 
 def media_tool(stage):
@@ -74,7 +74,7 @@ def runtime(stage):
     out = stage.paths["node.exe"].parent / "out.json"
     errors = stage.runs("node.exe", support.windows_path(script), support.windows_path(out),
                         f"http://{server.address}", FETCHES, UPLOAD)  # fmt: skip
-    if not checks.that(out.exists(), "node.exe: it gets through its work", errors):
+    if not checks.that(out.exists(), "node.exe: it finishes its work", errors):
         return
     result = json.loads(out.read_text())
     whole = hashlib.sha256(body).hexdigest()
@@ -84,7 +84,7 @@ def runtime(stage):
     checks.equal(wrong, [], "node.exe: every byte of every fetch arrived")
     checks.equal(server.uploads, [result["uploaded"]], "node.exe: every byte of the upload arrived")
     peers = {one["peer"] for one in result["seen"]}
-    checks.equal(peers, {server.address}, "node.exe: it believes in its server")
+    checks.equal(peers, {server.address}, "node.exe: it sees its server as the peer")
     stage.asked_the_node("node.exe", server, before, FETCHES + 1)
 
 
@@ -103,7 +103,7 @@ def bundler(stage):
     _, errors = process.communicate(timeout=LONGEST_S)
     checks.that((status, content) == (200, big), "esbuild.exe: it serves every byte", errors.decode())
     checks.equal(process.returncode, 0, "esbuild.exe: exit code")
-    checks.equal(stage.bench.node.games()[before:], [], "esbuild.exe: the node hears nothing of it")
+    checks.equal(stage.bench.node.games()[before:], [], "esbuild.exe: no request to the node")
 
 
 def main():

@@ -1,5 +1,5 @@
-"""Whatever a game sends over a relayed connection arrives, and so does what it is sent: from one
-byte to as much as takes a while, both ways at once, over one connection and over sixty."""
+"""All bytes that a game sends and receives over relayed connections arrive: from one byte to many
+megabytes, in both directions at once, over one connection and over sixty."""
 
 import os
 import socket
@@ -30,7 +30,7 @@ def make_pattern():
 
 
 class PatternServer:
-    """The game's server: it knows what it must receive, and sends what is asked for."""
+    """The game's server. It knows which bytes it must receive, and sends those that are requested."""
 
     def __init__(self):
         self.pattern = make_pattern()
@@ -83,11 +83,11 @@ def check_sizes(checks, bench, game, server):
         wanted = f"transfer {number}: sent right, received right"
         checks.equal(answer, wanted, f"{up} bytes up, {down} down")
         print(f"{up} bytes up, {down} down: {time.monotonic() - begin:.2f} s")
-    checks.that(bench.node_is_idle(), "the node has no connection left")
+    checks.that(bench.node_is_idle(), "the node has no open connection")
     games = bench.node.games()
     checks.equal(games, [f"{relay_bench.SERVER}:{server.port}"] * len(SIZES),
-                 "the node was asked for the server, once for each")  # fmt: skip
-    # What the node says it carried: the heads and verdicts too.
+                 "one request to the node for each transfer")  # fmt: skip
+    # The bytes that the node reports include the headers and the final byte of the server.
     carried = [(e["bytes_to_server"], e["bytes_to_client"]) for e in bench.node.named("closed")]
     checks.equal(carried, [(up + 20, down + 1) for up, down in SIZES], "all of it went through the node")
 
@@ -102,8 +102,8 @@ def check_many(checks, bench, game, server):
     open_now = len(bench.node.command(command="connections")["connections"])
     checks.equal(open_now, CONNECTIONS, "connections at the node")
     answer = game.asked(f"move {EACH} {EACH}", "moved", PATIENCE_S)
-    checks.equal(answer, f"moved: {CONNECTIONS} right of {CONNECTIONS}", "all move their bytes")
-    checks.equal(set(server.peers), {relay_bench.NODE}, "the server saw nobody but the node")
+    checks.equal(answer, f"moved: {CONNECTIONS} right of {CONNECTIONS}", "all transfer their bytes")
+    checks.equal(set(server.peers), {relay_bench.NODE}, "the server saw only the node")
 
 
 def main():
@@ -120,7 +120,7 @@ def main():
         bench.running.callback(game.end)
         check_sizes(checks, bench, game, server)
         check_many(checks, bench, game, server)
-        checks.equal(game.end(), 0, "the game ends as it wants to")
+        checks.equal(game.end(), 0, "the game's exit code")
     checks.end()
 
 

@@ -1,7 +1,7 @@
-"""Four games at once, each with a datagram flow to every kind of server and a stream to one of them:
-what the client is told agrees with the nodes and the native servers, byte for byte, and every flow
-has left exactly the reports that its way through the channels asks for. The watcher is killed in
-the middle, and another one takes over what it left."""
+"""Four games at once, each with a datagram flow to every kind of server and a stream to one of them.
+The reports to the client program agree with the nodes and the native servers, byte for byte, and each
+flow has exactly the reports that belong to its kind. The watcher is killed in the middle, and another
+one continues from what it left."""
 
 import collections
 import concurrent.futures
@@ -71,7 +71,7 @@ def tables(game, logs):
 
 
 class Native:
-    """A native program that writes JSON lines, from its first line to the end of its input."""
+    """A native program that writes JSON lines and runs until the end of its input."""
 
     def __init__(self, *command):
         self.process = subprocess.Popen(
@@ -167,7 +167,7 @@ class Stage:
         return json.loads(done.stdout.decode().splitlines()[-1])
 
     def once_each(self):
-        """What the first watcher had shown and not freed, the second one shows again."""
+        """The second watcher shows reports again that the first had shown but not freed."""
         seen = {}
         for report in self.reports:
             known = {key: value for key, value in report.items() if key != "time"}
@@ -182,7 +182,7 @@ class Stage:
 
 
 def check_games(stage):
-    """First of all, the games have lost nothing: otherwise there is nothing to compare."""
+    """The games have lost nothing; otherwise the figures cannot be compared."""
     checks = stage.checks
     for play, lobby in zip(stage.plays, SERVERS):
         for server in play["servers"]:
@@ -193,7 +193,7 @@ def check_games(stage):
 
 
 def guids_by_way(stage):
-    """The reports on each flow, by its guid."""
+    """The reports about each flow, by its guid."""
     ways = collections.defaultdict(list)
     for report in stage.reports:
         if report["event"] in ("loaded", "log_path"):
@@ -210,7 +210,7 @@ def names(way):
 
 
 def check_ways(stage, ways):
-    """Four datagram flows and one stream go each way."""
+    """Each kind of server has four datagram flows and one stream."""
     checks = stage.checks
     wanted = {
         ACCELERATED: ["decision", "last", "real_negotiation"],
@@ -224,13 +224,13 @@ def check_ways(stage, ways):
         checks.equal(len(servers), 1, f"{guid} is about one server")
         server = servers.pop()
         found[server].append(guid)
-        checks.equal(names(way), wanted[server], f"the way of {guid} to {server}")
+        checks.equal(names(way), wanted[server], f"the reports of {guid} to {server}")
         lives = [report["life"] for name, report in way if name in ("live", "last")]
-        checks.equal(lives, sorted(lives), f"the reports of {guid} come in their order")
+        checks.equal(lives, sorted(lives), f"the reports of {guid} are in order")
         checks.equal(bool(lives), "last" in wanted[server], f"{guid} is reported live")
         pauses = [b - a for a, b in zip(lives, lives[1:-1])]
         checks.that(all(pause > 1000 for pause in pauses), f"live reports of {guid}: {pauses}")
-    flows = len(SERVERS) + 1  # of each game one, and the lobby of one
+    flows = len(SERVERS) + 1  # one of each game, and the lobby of one of them
     checks.equal({s: len(found[s]) for s in SERVERS}, {s: flows for s in SERVERS}, "flows to each")
 
 
@@ -241,7 +241,7 @@ def check_failures(stage):
         node, result = ("silent", TIMED_OUT) if server == FAILING else ("refusing", REFUSED)
         shown = [report[key] for key in ("nego_result", "proxy_ip", "proxy_port", "nego_count", "game_port")]
         checks.equal(shown, [result, NODES[node], NODE_PORT, 1, PORT], what)
-        # The pass of the worker in which it begins counts whole towards the five seconds.
+        # The whole pass of the worker in which it begins counts towards the five seconds.
         least, most = (4900, 7000) if result == TIMED_OUT else (1, 2000)
         checks.that(least <= report["elapsed_ms"] < most, f"{what} took {report['elapsed_ms']} ms")
     for report in stage.of("decision"):
@@ -275,7 +275,7 @@ def check_figures(stage, ways):
 
 
 def check_servers(stage, ways):
-    """The servers themselves know neither nodes nor guids, but each flow has an address there."""
+    """The servers do not know nodes or guids, but each flow has an address there."""
     checks = stage.checks
     places = {e["from"]: e["guid"] for e in stage.nodes["one"].named("flow_opened")}
     last = {guid: report for guid, way in ways.items() for name, report in way if name == "last"}
@@ -305,7 +305,7 @@ def check_processes(stage):
     told = {report["log_path"].lower() for report in stage.of("log_path")}
     checks.equal(told, logs, "the paths of the logs")
     programs = [report["process_name"].lower() for report in stage.of("loaded")]
-    # Equal reports are one in the list: the processes have one name and one game.
+    # The list has equal reports once: the processes have the same name and the same game.
     checks.equal(sorted(set(programs)), ["game.exe"], "the programs")
     log = stage.log()
     for text, event in (

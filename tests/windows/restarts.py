@@ -1,6 +1,6 @@
-"""Winsock started and ended a hundred times in one process while relayed traffic is under way, with
-the library unloaded at each end as Winsock does it, told of the end before it or after it: the
-process lives on, each round has its traffic by the way it should take, and nothing is left behind."""
+"""Starts and ends Winsock a hundred times in one process during relayed traffic. At each end the
+library is unloaded, as Winsock does, and its cleanup is called before the end or after it. The process
+keeps running, the traffic of each round goes the right way, and nothing is left behind."""
 
 import json
 import os
@@ -11,22 +11,22 @@ import threading
 import relay_bench
 import support
 
-# A process gets one relay worker, and the library stays in a process that it has hooked: what is
-# started after the first end is direct. Were every round accelerated, this would be True.
+# A process gets one relay worker, and the library stays in a process that it has hooked: after the
+# first end, everything is direct. If every round were accelerated, this would be True.
 EVERY_ROUND_ACCELERATED = False
 
 ROUNDS = int(os.environ.get("VYR_RESTART_ROUNDS", "20"))
-PROCESSES = max(3, ROUNDS // 4)  # of two rounds, of each order: so many ends under relayed traffic
+PROCESSES = max(3, ROUNDS // 4)  # of two rounds, for each order; each has an end during relayed traffic
 UNSERVED_ROUNDS = 20
-# The compiler's runtime makes these at a load and does not take them back at the unload.
+# The compiler's runtime creates these when the library is loaded, and does not free them at its unload.
 RUNTIME_HANDLES = {"semaphore": 2}
-# A stream that is under way keeps both ends of its relay; where Winsock still works at its end, it
-# closes them itself.
+# A stream in progress keeps both ends of its relay open. If Winsock's calls still work at its end, the
+# library closes them.
 OPEN_ENDS = {"before": 0, "after": 2}
-PLAYER = "198.51.100.1"  # the source address of what is direct
+PLAYER = "198.51.100.1"  # the source address of direct traffic
 LONGEST_S = 400
-LONGEST_CLEANUP_MS = 3000  # 200 for the worker and a busy machine
-# What an allocator may keep. A leak of a table or of a thread's stack is more, in so many rounds.
+LONGEST_CLEANUP_MS = 3000  # 200 ms for the worker, on a busy machine
+# What an allocator may keep. In that many rounds, a leaked table or thread stack would be more.
 MOST_MEMORY_KB = 2048
 NOT_STARTED = 10093
 ROUND = re.compile(r"^round (\d+): stream from (\S+), datagrams from (\S+), cleanup 0 in (\d+) ms$", re.M)
@@ -34,8 +34,8 @@ TABLES = relay_bench.GAMES.replace("['TCP']", "['TCP', 'UDP']")
 
 
 class TellingServer:
-    """Says who is there: in the first line of a stream, which it echoes from then on, and in its
-    answer to each datagram."""
+    """Reports the peer's address: in the first line of a stream, which it echoes from then on, and in
+    its answer to each datagram."""
 
     def __init__(self, address):
         self.stream = socket.create_server((address, 0), backlog=64)
@@ -58,7 +58,7 @@ class TellingServer:
                 while data := connection.recv(65536):
                     connection.sendall(data)
             except OSError:
-                pass  # the process has left in the middle of it
+                pass  # the process has ended in the middle of it
 
     def _answer(self):
         while True:
@@ -92,10 +92,10 @@ def belongings(result, when):
 
 
 def check_nothing_left(checks, what, result, reloads=0, open_ends=0):
-    """What lives as long as the process may come in the first round; it must not come again, but for
-    what the compiler's runtime keeps of each load of the library."""
+    """The first round may create what lives as long as the process. Later rounds must not, except for
+    what the compiler's runtime keeps for each load of the library."""
     begin, first, end = (belongings(result, when) for when in ("begin", "after the first", "end"))
-    if not checks.that(begin and first and end, f"{what}: it says what it has", result.output[-2000:]):
+    if not checks.that(begin and first and end, f"{what}: it reports its resources", result.output[-2000:]):
         return
     print(f"{what}: begin {begin}\n  after the first {first}\n  end {end}")
     checks.equal(end["threads"], begin["threads"], f"{what}: threads at the end")
@@ -112,7 +112,7 @@ def check_nothing_left(checks, what, result, reloads=0, open_ends=0):
 
 def check_cleanups(checks, what, result, unloaded):
     cleanups = result.cleanups()
-    checks.that(cleanups, f"{what}: what was started is cleaned up")
+    checks.that(cleanups, f"{what}: the cleanup is called")
     checks.equal({cleanup["result"] for cleanup in cleanups}, {0}, f"{what}: results of the cleanups")
     gone = [cleanup["unloaded"] for cleanup in cleanups]
     checks.equal(any(gone), unloaded, f"{what}: the library leaves the process")
@@ -129,25 +129,25 @@ def check_after_the_end(checks, what, result):
 
 
 def check_game(stage, order):
-    what, checks = f"told {order} the end", stage.checks
+    what, checks = f"cleanup {order} the end", stage.checks
     result = stage.run(what, stage.game, "Game.exe", ROUNDS, ["--cleanup", order])
     by_node, direct = (relay_bench.NODE,) * 2, (PLAYER,) * 2
     ways = [(stream, datagrams) for _, stream, datagrams, _ in result.rounds]
     checks.equal(ways[:1], [by_node], f"{what}: the first round is accelerated")
     later = by_node if EVERY_ROUND_ACCELERATED else direct
     odd = [f"round {i}: {way}" for i, way in enumerate(ways[1:], 2) if way != later]
-    checks.equal(odd, [], f"{what}: all later rounds go by {later[0]}")
+    checks.equal(odd, [], f"{what}: all later rounds go through {later[0]}")
     check_nothing_left(checks, what, result, open_ends=OPEN_ENDS[order])
     check_cleanups(checks, what, result, unloaded=EVERY_ROUND_ACCELERATED)
     check_after_the_end(checks, what, result)
 
 
 def check_many_ends(stage, order):
-    """Where the later rounds are direct, each process has one end with a worker under traffic."""
+    """Because later rounds are direct, each process has only one end during relayed traffic."""
     by_node, later = relay_bench.NODE, relay_bench.NODE if EVERY_ROUND_ACCELERATED else PLAYER
     wanted = [[by_node] * 2, [later] * 2]
     for i in range(PROCESSES):
-        what = f"process {i}, told {order} the end"
+        what = f"process {i}, cleanup {order} the end"
         result = stage.run(what, stage.game, "Game.exe", 2, ["--cleanup", order])
         ways = [both for _, *both, _ in result.rounds]
         stage.checks.equal(ways, wanted, f"{what}: ways")

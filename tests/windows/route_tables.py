@@ -1,5 +1,5 @@
-"""The route tables, from the file that a person edits to what a running game does: the client
-serves them in one process, a listed game finds them in another and follows each change."""
+"""The route tables, from the file that a user edits to the behaviour of a running game: the client
+program serves them in one process, and a listed game reads them in another and follows each change."""
 
 import contextlib
 import datetime
@@ -19,9 +19,9 @@ LATE_SPUR = "198.51.100.13"  # joins the spur list while the game runs
 NODE = "198.51.100.20"
 
 BEAT_S = 30
-# Each beat is late by a pass of the worker, and this machine may be busy.
+# Each periodic read may be late by a pass of the worker, and this machine may be busy.
 LATEST_BEAT_S = 33
-HOLD_S = 5  # fifty tries, a tenth of a second each
+HOLD_S = 5  # fifty attempts, 100 ms apart
 
 SPUR_CHANGED = "[Route][OnUpdate] Spur iplist content has changed, reload it!"
 WORKER_BEGINS = "RelayMgr::WorkerProc, FD_SIZE="
@@ -84,7 +84,7 @@ port = 53
 
 
 class Client(Conversation):
-    """`vyr_client serve`, and the file that it follows."""
+    """`vyr_client serve`, and the file that it serves."""
 
     def __init__(self, bench):
         self.path = bench.runner.folder / "games.toml"
@@ -95,7 +95,7 @@ class Client(Conversation):
         super().__init__(command, bench.runner.folder)
 
     def write(self, text):
-        # All at once, as editors do: the client never sees half a file.
+        # Replaced as a whole, as editors do, so the client never sees half a file.
         draft = self.path.with_suffix(".draft")
         draft.write_text(text, encoding="utf-8", newline="\n")
         os.replace(draft, self.path)
@@ -105,7 +105,7 @@ class Client(Conversation):
 
 
 class Game(Conversation):
-    """The probe under the launcher, and the log that the library writes in it."""
+    """The probe, run by the launcher, and the library's log of it."""
 
     def __init__(self, bench, name):
         self.logs = bench.logs(name)
@@ -119,11 +119,11 @@ class Game(Conversation):
         return b"".join(file.read_bytes() for file in files).decode("gbk", "replace")
 
     def chatter(self):
-        """The log collects lines before it writes them: more lines push them out."""
+        """Produces more log lines, because the log collects lines before it writes them."""
         self.say("chatter 5")
 
     def waits_for_log(self, condition):
-        """`condition`: words, or a function of the whole log. Returns its last value."""
+        """Waits for `condition`: a text, or a function of the whole log. Returns its last value."""
         test = (lambda log: condition in log) if isinstance(condition, str) else condition
 
         def look():
@@ -143,7 +143,7 @@ class Game(Conversation):
         return self.asked(f"echo {number} {text}", "echo: ") == f"echo: {text}"
 
     def decisions(self, log=None):
-        """What the worker decided so far: name, data centre, relayed, address, port."""
+        """The worker's decisions so far: name, data centre, relayed, address, port."""
         return re.findall(
             r"Ready to make decision, destination\(.*?route info founded.(DECISION_\w+), "
             r"game IDC\((\d+)\).*?DecideRemoteAddr\.use_acc_=(\w+), ip=([\d.]+), port=(\d+)",
@@ -187,7 +187,7 @@ class Bench:
         return self.folder / f"logs of {name}"
 
     def edit(self, client=None):
-        """Writes the file from the fields."""
+        """Writes the file with the given fields."""
         text = GAMES.format(
             game=support.windows_path(self.folder / "Game.exe"),
             game_logs=support.windows_path(self.logs("Game.exe")) + "\\",
@@ -228,7 +228,7 @@ class Bench:
         self.checks.equal(answer, wanted, "the game connects, and sees the server as its peer")
 
     def decides(self, game, count, decision, target):
-        """The decision of that number: its name, and where the worker connected for it."""
+        """Checks decision number `count`: its name, and where the worker connected."""
         found = game.waits_for_log(
             lambda log: len(all_found := game.decisions(log)) >= count and all_found
         )
@@ -240,7 +240,7 @@ class Bench:
 
 
 def when(log, words):
-    """When the first line with those words was written."""
+    """The time of the first log line with these words."""
     line = log[: log.index(words)].rpartition("\n")[2]
     stamp = re.match(r"\[([^]]*)\]", line).group(1)
     return datetime.datetime.strptime(stamp, "%Y-%m-%d %H:%M:%S.%f")
@@ -251,7 +251,7 @@ def seconds_between(log, first, second):
 
 
 def check_start_without_tables(bench):
-    """One game waits for the tables and goes on without them, the other goes on at once."""
+    """One game waits for the tables and then continues without them; the other continues at once."""
     checks = bench.checks
     patient, game = bench.start("Patient.exe"), bench.start("Game.exe")
     bench.connects(game, KNOWN)
@@ -261,7 +261,7 @@ def check_start_without_tables(bench):
     )  # fmt: skip
     game.end()
     bench.connects(patient, KNOWN)
-    checks.that(patient.echoes(0, "late"), "what was held goes on, and its connection works")
+    checks.that(patient.echoes(0, "late"), "the delayed game continues, and its connection works")
     last = "[Route][Load] try to read route failed, wait_route=success, try time=50, "
     bench.logs_say(patient, last, "try interval_ms=100 ms", "[Route][NeedRelay] IP table not ready, ")
     patient.end()
@@ -270,16 +270,16 @@ def check_start_without_tables(bench):
     checks.equal(log.count(first), 50, "fifty tries")
     if first in log and last in log:
         held = seconds_between(log, first, last)
-        # The platform's clock may be ahead of its sleeps by a little.
-        checks.that(HOLD_S - 0.2 <= held <= 3 * HOLD_S, "the start is held", f"{held} s")
+        # The platform's clock may be slightly ahead of its sleeps.
+        checks.that(HOLD_S - 0.2 <= held <= 3 * HOLD_S, "the start is delayed", f"{held} s")
 
 
 def check_tables_while_the_start_is_held(bench):
     checks = bench.checks
     patient = bench.start("Patient.exe")
-    patient.chatter()  # its first socket is what starts the library
+    patient.chatter()  # its first socket starts the library
     tried = wait_until(lambda: "[Route][LoadRoute] open route table" in patient.log())
-    checks.that(tried, "the game's start is held anew", patient.log())
+    checks.that(tried, "the game's start is delayed again", patient.log())
     bench.has_tables = True
     bench.edit()
     bench.taken_over("route table")
@@ -288,7 +288,7 @@ def check_tables_while_the_start_is_held(bench):
     )
     if checks.that(tries, "the game that waits gets the tables", patient.log()[-3000:]):
         number = int(tries.group(1))
-        checks.that(1 < number < 50, "between its tries", f"try {number}")
+        checks.that(1 < number < 50, "between two attempts", f"attempt {number}")
     patient.end()
 
 
@@ -306,7 +306,7 @@ def check_loads(bench):
     )
     bench.decides(game, 1, "DECISION_DIRECT", (KNOWN, bench.servers[KNOWN].port))
     bench.checks.that(game.echoes(0, "first"), "the relayed connection works")
-    # Nobody listens there, and nobody is asked to: a blacklisted address is the game's own affair.
+    # There is no listener, and no node is involved: a blacklisted address is not relayed.
     game.connects("198.51.100.11", 9)
     bench.logs_say(game, "[Route][NeedRelay] it is in acc blacklist, ")
     bench.connects(game, SPUR)
@@ -324,24 +324,24 @@ def check_spur_list_before_the_beat(bench, game):
     port = bench.servers[LATE_SPUR].port
     bench.connects(game, LATE_SPUR)
     bench.logs_say(game, f"[Route][NeedRelay] IP({LATE_SPUR}:{port}) is not in ip table, ")
-    bench.checks.that(SPUR_CHANGED not in game.log(), "before the beat nothing is read anew")
+    bench.checks.that(SPUR_CHANGED not in game.log(), "nothing is read again before the next interval")
 
 
 def check_spur_list_at_the_beat(bench, game):
     checks = bench.checks
     if checks.that(game.waits_for_log(SPUR_CHANGED), "the new spur list is read", game.log()[-3000:]):
         beat = seconds_between(game.log(), WORKER_BEGINS, SPUR_CHANGED)
-        checks.that(BEAT_S - 0.2 <= beat <= LATEST_BEAT_S, "at the first beat", f"{beat} s")
+        checks.that(BEAT_S - 0.2 <= beat <= LATEST_BEAT_S, "after one interval", f"{beat} s")
     bench.logs_say(game, "[LoadSpurIplistTableFromMem] spur iptable entries count(2)!")
     count = len(game.decisions())
     bench.connects(game, LATE_SPUR)
     bench.logs_say(game, f"[Route][NeedRelay] game server IP({LATE_SPUR}) IDC(1001), will relay")
     bench.decides(game, count + 1, bench.decision, (LATE_SPUR, bench.servers[LATE_SPUR].port))
-    checks.that(game.echoes(game.connections - 1, "spur"), "the admitted connection works")
+    checks.that(game.echoes(game.connections - 1, "spur"), "the connection of the new address works")
 
 
 def check_flips(bench, game):
-    """Both buffers and back: the next connection uses the table that was edited last."""
+    """Edits use both buffers in turn; each time, the next connection uses the newest table."""
     server = (KNOWN, bench.servers[KNOWN].port)
     node = (NODE, bench.node.port)
     for decision, target in (
@@ -363,7 +363,7 @@ def check_flips(bench, game):
         else:
             works = game.echoes(game.connections - 1, decision)
             bench.checks.that(works, f"{decision}: the connection works")
-    bench.checks.that(game.echoes(0, "still"), "the first connection has lived through it")
+    bench.checks.that(game.echoes(0, "still"), "the first connection still works")
 
 
 def check_broken_edit(bench, game):
@@ -381,7 +381,7 @@ def check_broken_edit(bench, game):
     wanted = f"{path}:{broken}: key 'route[0].ref_default.decision': "
     checks.that(line.startswith(wanted), "the edit is refused with file, line and key", line)
     line = bench.client.line_with("not taken over")
-    checks.equal(line, f"{path}: not taken over; what was served before stays", "and it says so")
+    checks.equal(line, f"{path}: not taken over; what was served before stays", "and it reports it")
     checks.equal(bench.dump(), before, "the tables in force stay")
     bench.decision = kept
     count = len(game.decisions())
@@ -390,11 +390,11 @@ def check_broken_edit(bench, game):
 
 
 def check_dump(bench):
-    """Lossless: the dump says what the file says, and serving it changes nothing."""
+    """The dump is lossless: it has the same content as the file, and serving it changes nothing."""
     bench.edit()
     line = bench.client.line_with("the file changed")
     checks = bench.checks
-    checks.equal(line, "the file changed, the tables did not", "the mended file is what is served")
+    checks.equal(line, "the file changed, the tables did not", "the corrected file equals what is served")
     dump = bench.dump()
     checks.equal(tomllib.loads(dump), tomllib.loads(bench.client.text()), "the dump is the file")
     bench.client.write("# what was dumped\n" + dump)
@@ -416,7 +416,7 @@ def main():
         check_broken_edit(bench, game)
         check_dump(bench)
         check_spur_list_at_the_beat(bench, game)
-        bench.checks.equal(game.end(), 0, "the game ends as it wants to")
+        bench.checks.equal(game.end(), 0, "the game's exit code")
     bench.checks.end()
 
 

@@ -1,5 +1,5 @@
-"""A probe says the same, to the byte, alone, under the bare host, and with the library under it,
-served or not; and with the library it is really under it."""
+"""A probe's output is the same, byte for byte, alone, under the bare host, and with the library,
+served or not. With the library, its calls really go through the library."""
 
 import difflib
 
@@ -19,7 +19,7 @@ def main():
     }
     alone = results["none"]
     print(alone.output)
-    checks.that(alone.output.count("\n") >= 2, "the probe alone says something", alone.errors)
+    checks.that(alone.output.count("\n") >= 2, "the probe alone has output", alone.errors)
     for way in ("bare", "other", "served"):
         result = results[way]
         difference = difflib.unified_diff(
@@ -27,7 +27,7 @@ def main():
         )
         checks.that(result.output == alone.output, f"{way}: same output", "\n".join(difference))
         checks.equal(result.code, alone.code, f"{way}: same exit code")
-        checks.equal(result.errors, alone.errors, f"{way}: nothing else said")
+        checks.equal(result.errors, alone.errors, f"{way}: same error output")
         checks.that(result.starts(), f"{way}: an entry was started")
     checks.equal(results["bare"].calls("library"), {}, "bare: nothing goes through the library")
     checks.equal(results["other"].calls("library"), {}, "other: the library takes no part")

@@ -1,14 +1,14 @@
-"""What the checks share: native peers in the bed, and running a Windows program in each way.
+"""What the tests share: native peers in the bed, and running a Windows program in each way.
 
 Ways to run a program:
   none    the program alone
-  bare    through the host with the base provider alone
+  bare    in the host, with the base provider only
   other   with the library, as a process that it does not serve
   served  with the library, as a process that it serves
 
-A program that is to be served without any configuration is run as a copy named net_probe.exe,
-with "-test" at the end of its command line; every way gets that argument, so that the program
-sees the same one each time.
+A program that is served without a configuration is run as a copy named net_probe.exe, with "-test"
+at the end of its command line. Every way uses that argument, so the program's command line is always
+the same.
 """
 
 import argparse
@@ -25,7 +25,7 @@ import threading
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 WINE = ROOT / "scripts" / "wine"
 SERVER = "198.51.100.10" if os.environ.get("VYR_TESTBED") else "127.0.0.1"
-SUFFIXES = {"x86": "", "x64": "64"}  # behind the names of programs and DLLs
+SUFFIXES = {"x86": "", "x64": "64"}  # of the names of programs and DLLs
 REPLACED_ENTRIES = 12
 WAYS = ("none", "bare", "other", "served")
 LONGEST_RUN_S = 60
@@ -50,7 +50,7 @@ def skip(reason):
 
 
 class Checks:
-    """Counts checks that passed and failed; the exit code follows from that."""
+    """Counts passed and failed checks, which give the exit code."""
 
     def __init__(self):
         self.passed = 0
@@ -72,7 +72,7 @@ class Checks:
         sys.exit(1 if self.failed else 0)
 
 
-# The bed's own drive C. What programs leave in the root of their drive goes with the bed.
+# The bed's own drive C. Files that programs leave in its root are removed with the bed.
 DRIVE_C = pathlib.Path(os.environ["VYR_WINEPREFIX"], "drive_c") if "VYR_BED_DIR" in os.environ else None
 
 
@@ -113,7 +113,7 @@ class EchoServer:
                 while data := connection.recv(65536):
                     connection.sendall(data)
             except OSError:
-                pass  # the peer ended without a word, as some probes do
+                pass  # the peer ended without closing the connection, as some probes do
 
     def _datagrams(self):
         while True:
@@ -163,11 +163,11 @@ class Runner:
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="vyr-probe-", dir=DRIVE_C))
 
     def file(self, name, extension):
-        """A file that exists for both kinds of program, by its name for this kind."""
+        """The file for this kind of program, of a pair that exists for both kinds."""
         return self.bin / f"{name}{SUFFIXES[self.kind]}{extension}"
 
     def stage(self, program, name):
-        """Copies a program, and the DLL that some probes have, into a fresh folder."""
+        """Copies a program into a new folder, with its DLL if it has one."""
         folder = pathlib.Path(tempfile.mkdtemp(dir=self.folder))
         shutil.copy(program, folder / name)
         module = self.probes / "probe_module.dll"
@@ -176,7 +176,7 @@ class Runner:
         return folder
 
     def launch(self, folder, name, arguments, options=(), timeout=LONGEST_RUN_S):
-        """Under vyr_run, with a trace."""
+        """Runs the program with vyr_run and a trace."""
         trace = folder / "trace.jsonl"
         command = [
             self.launcher,

@@ -1,9 +1,9 @@
-"""The sample game's link goes bad, and its flow moves to another node while it plays on: every
-time, with every seed of what the bad link does. The game keeps its port; nothing is lost, doubled
-or put out of order but by the link itself.
+"""The sample game's link goes bad, and its flow moves to another node while it plays on, with every
+seed of the bad link's behaviour. The game keeps its port; only the link itself loses, duplicates or
+reorders datagrams.
 
-VYR_SWITCH_RUNS: how many runs in a row, each with a seed of its own; 1 by default. Where there are
-several, links that are bad in other ways follow."""
+VYR_SWITCH_RUNS: the number of runs, each with its own seed; 1 by default. With more than one, runs
+with links that are bad in other ways follow."""
 
 import os
 import sys
@@ -15,11 +15,11 @@ import demo_bed  # noqa: E402
 import switch_run  # noqa: E402
 
 RUNS = int(os.environ.get("VYR_SWITCH_RUNS", "1"))
-FIRST_SEED = 2  # the demo has the first
+FIRST_SEED = 2  # the demo uses seed 1
 
 
-# What a link does, and how many answers may still be on its way when the first one by way of the
-# new node ends the listening to it.
+# What the link does, and how many answers may still be in flight when the first one through the new
+# node closes the old socket.
 OTHERS = (
     ("silence", dict.fromkeys(switch_run.LINK, 100), 0),
     ("loss on the way up", {"data_up_loss": 40, "probe_up_loss": 40}, 0),
@@ -68,10 +68,10 @@ def main():
     with demo_bed.Client(runner.bin, tables):
         for one in runs:
             play(checks, run, *one)
-    # One that moved too early was given up and played again.
+    # A run that moved too early was abandoned and repeated.
     moved = [player["address_changes"] for player in server.end()["players"]]
     checks.that(sum(changes % 2 for changes in moved) >= len(runs), f"each game has moved: {moved}")
-    slow = sum(late > 0 for *_, late in runs)  # what a slow link holds arrives between the others
+    slow = sum(late > 0 for *_, late in runs)  # late datagrams of a slow link arrive between the others
     checks.that(sum(changes > 1 for changes in moved) <= slow, f"each game moves once: {moved}")
     checks.end()
 

@@ -1,4 +1,4 @@
-"""The test bed: its addresses, its exit codes, its own end; and two beds at once."""
+"""The test bed: its addresses, its exit codes, its end, and two beds at once."""
 
 import os
 import signal
@@ -34,29 +34,29 @@ def main():
     checks.equal(probe.returncode, 0, "exit code 0")
     checks.equal(bed("sh", "-c", "exit 42").returncode, 42, "exit code of the command")
     checks.equal(bed("/no/such/command").returncode, 127, "exit code of a missing command")
-    checks.that("198.51.100.10" in bed("--help").stdout, "--help tells the addresses")
+    checks.that("198.51.100.10" in bed("--help").stdout, "--help lists the addresses")
     checks.equal(bed("cat", input="through").stdout, "through", "input and output pass through")
     devices = bed("ip", "-o", "link").stdout
     checks.that(devices.count("\n") == 1 and "lo:" in devices, "loopback is all there is", devices)
     source = bed("ip", "route", "get", "198.51.100.20").stdout
-    checks.that("src 198.51.100.1 " in source, "an unbound socket speaks as the player", source)
+    checks.that("src 198.51.100.1 " in source, "an unbound socket has the player's address", source)
     checks.that(bed("ip", "route", "get", "192.0.2.1").returncode != 0, "nothing leaves the bed")
 
-    # What the command leaves behind is ended, and nothing else is.
+    # Processes that the command leaves behind are ended, and no others.
     bystander = subprocess.Popen(["sleep", "61"])
     left = bed("sh", "-c", "setsid sleep 62 >/dev/null 2>&1 & echo $!").stdout.strip()
-    checks.that(left and has_ended(left), "what was left behind is ended")
-    checks.that(bystander.poll() is None, "a bystander lives on")
+    checks.that(left and has_ended(left), "processes left behind are ended")
+    checks.that(bystander.poll() is None, "other processes keep running")
     bystander.kill()
     bystander.wait()
 
-    # Two at once, one of which is interrupted.
+    # Two beds at once, one of which is interrupted.
     first = subprocess.Popen([BED, "sleep", "63"])
     second = subprocess.Popen([BED, "sh", "-c", "sleep 1; exit 5"])
-    time.sleep(0.5)  # either way the checks hold; this makes an overlap likely
+    time.sleep(0.5)  # makes an overlap likely; the checks hold without one, too
     first.send_signal(signal.SIGTERM)
-    checks.equal(first.wait(30), 143, "an ended bed says so")
-    checks.equal(second.wait(30), 5, "the other bed goes on")
+    checks.equal(first.wait(30), 143, "exit code of an interrupted bed")
+    checks.equal(second.wait(30), 5, "the other bed is not affected")
     checks.end()
 
 

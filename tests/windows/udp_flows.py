@@ -1,7 +1,7 @@
-"""Datagrams of real programs by way of a node: the sample game at three rates, to several servers
-from one socket and from connected ones, while a media program sends and plays a film beside it.
-Nothing is lost but by the machine's own full buffers, which it counts; nothing is doubled or put
-out of order, each answer has its server's address, each game keeps its port.
+"""Datagrams of real programs through a node: the sample game at three rates, to several servers from
+one socket and from connected ones, while a media program sends and plays a film. Datagrams are lost
+only in full buffers of the machine, which it counts. None is duplicated or reordered, each answer has
+its server's address, and each game keeps its port.
 
 VYR_FLOW_SECONDS: how long the games play; 10 by default."""
 
@@ -23,12 +23,12 @@ SECONDS = int(os.environ.get("VYR_FLOW_SECONDS", "10"))
 RATES = (30, 60, 128)
 RELAYED = ("198.51.100.10:7000", "198.51.100.11:7000", "198.51.100.10:7001")
 DIRECT = ("198.51.100.12:7000", "198.51.100.13:7000")  # in no table
-LEAST = 0.5  # of the beats there must be: a machine that is busier than that is no network
-LINGER_MS = 20000  # for answers that a busy machine has not brought yet
+LEAST = 0.5  # of the beats must be sent; if not, the machine is too busy for this test
+LINGER_MS = 20000  # for answers that are late on a busy machine
 
 
 class Play:
-    """One game process and what it prints at its end."""
+    """A game process, and the summary that it prints at its end."""
 
     def __init__(self, stage, rate, servers, connected):
         self.name = f"{rate} a second{', connected' if connected else ''}"
@@ -49,7 +49,7 @@ class Play:
 
     def check(self, checks):
         summary = self.summary(checks)
-        if not checks.that(summary, f"{self.name}: it says how it was"):
+        if not checks.that(summary, f"{self.name}: it prints its summary"):
             return
         for name in ("strangers", "receive_errors"):
             checks.equal(summary[name], 0, f"{self.name}: {name}")
@@ -62,7 +62,7 @@ class Play:
         for count in ("send_errors", "duplicated", "reordered", "source_mismatches", "damaged"):
             checks.equal(server[count], 0, f"{name}: {count}")
         ports = (server["own_port_begin"], server["own_port_end"])
-        checks.that(ports[0] != 0 and ports[0] == ports[1], f"{name}: the port stays", ports)
+        checks.that(ports[0] != 0 and ports[0] == ports[1], f"{name}: the port stays the same", ports)
         self.sent += server["sent"]
         self.lost += server["lost"]
 
@@ -89,11 +89,11 @@ class Stage:
         self.tables = self.runner.folder / "games.toml"
         games = [support.windows_path(path) for path in self.paths.values()]
         text = switch_run.game(games, support.windows_path(self.logs) + "\\") + switch_run.ROUTES
-        # A machine that is too busy to forward in time must not look like a bad link.
+        # Delays on a busy machine must not look like a bad link.
         self.tables.write_text(text.replace("\nswitch_open = 1", "\nswitch_open = 0"))
 
     def command(self, name):
-        """The command of a program with the library under it, given its arguments."""
+        """A function that makes a command with the library from the program's arguments."""
         launcher, program = self.runner.launcher, support.windows_path(self.paths[name])
         return lambda *words: demo_bed.wine(launcher, "--", program, *words)
 
@@ -105,12 +105,12 @@ class Stage:
 
 
 def check_node(stage, plays):
-    """The node carried what the games sent: nothing went past the node."""
+    """The node carried everything that the games sent."""
     checks, node = stage.checks, stage.node
     flows = [flow for flow in node.flows().values() if flow["game"].endswith(":7000")]
     carried = sum(flow["datagrams_to_server"] for flow in flows)
     sent, lost = (sum(getattr(play, name) for play in plays) for name in ("sent", "lost"))
-    checks.that(sent - lost <= carried <= sent, "datagrams that went by the node",
+    checks.that(sent - lost <= carried <= sent, "datagrams that went through the node",
                 f"{carried} carried of {sent} sent, {lost} lost")  # fmt: skip
     checks.equal(sum(flow["undelivered"] + flow["strays"] for flow in flows), 0, "undelivered")
     checks.equal(stage.other.named("request"), [], "nothing moves to the other node")
@@ -126,16 +126,16 @@ def main():
     with demo_bed.Client(stage.runner.bin, stage.tables):
         relayed = [Play(stage, rate, RELAYED, connected=False) for rate in RATES]
         direct = [Play(stage, rate, DIRECT, connected=True) for rate in RATES]
-        # Kept: what a connected socket sends carries no destination, so that where the tables want
-        # it relayed nothing arrives.
+        # Kept: a datagram of a connected socket has no destination, so if the tables want it relayed,
+        # it does not arrive.
         nowhere = Play(stage, RATES[0], RELAYED[:1], connected=True)
         stage.media()
         for play in (*relayed, *direct, nowhere):
             play.check(checks)
     if any(play.starved for play in (*relayed, *direct, nowhere)):
-        support.skip("this machine is too busy: the games did not come to send half of their beats")
+        support.skip("this machine is too busy: the games could not send half of their beats")
     machine, lost = demo_bed.machine_lost(), sum(play.lost for play in relayed + direct)
-    checks.that(lost <= machine, "nothing is lost but by the machine",
+    checks.that(lost <= machine, "datagrams are lost only by the machine",
                 "\n".join(f"{play.name}: {play.lost} of {play.sent}" for play in relayed + direct)
                 + f"\nthe machine: {machine}")  # fmt: skip
     checks.equal(nowhere.lost, nowhere.sent, f"{nowhere.name} to a relayed server: all lost")

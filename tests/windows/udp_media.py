@@ -1,5 +1,5 @@
 """A media program over relayed datagrams: it sends a film (MPEG-TS) to a native peer, and plays one
-from a native server that speaks RTSP and sends RTP to where the player's datagrams come from."""
+from a native RTSP server, which sends RTP to the source address of the player's datagrams."""
 
 import contextlib
 import socket
@@ -14,7 +14,7 @@ from conversation import wait_until
 SERVER = "198.51.100.10"
 FILM_PORT, STREAM_PORT, RTP_PORT = 5004, 8554, 6970
 FILM_S = 2
-FRAMES = 40  # of the fifty that the film has: the last ones may wait for a successor
+FRAMES = 40  # of the film's fifty: the last ones may wait for the next one
 TS_PACKET = 188
 TS_IN_DATAGRAM = 7
 LONGEST_S = 150
@@ -42,8 +42,8 @@ class FilmPeer:
 
 
 class RtspServer:
-    """As much of a streaming server as one film to one player takes. It sends to wherever the
-    player's own first datagrams came from, as servers do for players behind an address of another."""
+    """A streaming server with just enough functions for one film and one player. It sends to the source
+    address of the player's first datagrams, as servers do for players behind address translation."""
 
     SDP = (f"v=0\r\no=- 1 1 IN IP4 {SERVER}\r\ns=film\r\nc=IN IP4 {SERVER}\r\nt=0 0\r\n"
            "m=video 0 RTP/AVP 33\r\na=control:track1\r\n")
@@ -51,7 +51,7 @@ class RtspServer:
     def __init__(self, film):
         self.film = film
         self.sent = 0
-        self.punched = []  # who sent datagrams here
+        self.punched = []  # the senders of datagrams to this server
         self.rtp, self.rtcp = (self._socket(RTP_PORT + i) for i in range(2))
         self.listener = socket.create_server((SERVER, STREAM_PORT))
         threading.Thread(target=self._serve, daemon=True).start()
@@ -94,7 +94,7 @@ class RtspServer:
                 f"{body}").encode()
 
     def _stream(self):
-        _, player = self.rtp.recvfrom(2048)  # the player's, by which it is found
+        _, player = self.rtp.recvfrom(2048)  # shows the player's address
         self.punched.append(player)
         pieces = [self.film[at : at + TS_IN_DATAGRAM * TS_PACKET]
                   for at in range(0, len(self.film), TS_IN_DATAGRAM * TS_PACKET)]
@@ -108,7 +108,7 @@ class RtspServer:
 
 
 class Media:
-    """`command` runs the media program with the library under it, given its arguments."""
+    """`command` makes the command of the media program with the library from its arguments."""
 
     def __init__(self, command, folder, checks):
         self.command, self.folder, self.checks = command, folder, checks
@@ -123,9 +123,9 @@ class Media:
         return errors
 
     def sends(self, node_address):
-        """Draws a film and sends it at its own pace; a file says what was sent. A second of silence
-        keeps the program alive behind its last picture: the relay lives in it, and what a program
-        sends in its last breath is not waited for."""
+        """Generates a film and sends it in real time; what is sent is also written to a file. A second
+        of silence keeps the program running after the last frame: the relay is in its process, and does
+        not wait for datagrams that are sent just before the process ends."""
         checks, peer = self.checks, FilmPeer()
         film = self.folder / "film.ts"
         self.run("-re", "-f", "lavfi", "-i", f"testsrc=size=320x240:rate=25:duration={FILM_S}",
@@ -136,13 +136,13 @@ class Media:
         sent = film.read_bytes() if film.exists() else b""
         wait_until(lambda: len(peer.whole()) >= len(sent))
         checks.that(len(sent) > 100 * TS_PACKET, "the media program has sent a film")
-        checks.that(peer.whole() == sent, "packet for packet what was sent",
+        checks.that(peer.whole() == sent, "every packet arrived as it was sent",
                     f"{len(sent)} bytes sent, {len(peer.whole())} received")
         checks.equal(peer.peers, {node_address}, "the film comes from the node")
         return sent
 
     def receives(self, film, node_address):
-        """Plays the film from a server; what it plays is, frame by frame, what the film holds."""
+        """Plays the film from a server; what it plays equals the film, frame by frame."""
         checks, server = self.checks, RtspServer(film)
         errors = self.run("-rtsp_transport", "udp", "-analyzeduration", 200000,
                           "-i", f"rtsp://{SERVER}:{STREAM_PORT}/film", "-c", "copy",
@@ -151,9 +151,9 @@ class Media:
         played, held = ((self.folder / name) for name in ("played.m2v", "held.m2v"))
         held = held.read_bytes()
         played = played.read_bytes() if played.exists() else b""
-        checks.that(len(held) > 10000 and played == held, "frame by frame what the server sent",
+        checks.that(len(held) > 10000 and played == held, "every frame equals what the server sent",
                     f"{len(held)} bytes held, {len(played)} played, {server.sent} datagrams sent")
         checks.equal({peer[0] for peer in server.punched}, {node_address},
-                     "the server speaks to the node")
+                     "the server sees the node as its peer")
         lost = [line for line in errors.splitlines() if "missed" in line or "reorder" in line]
         checks.equal(lost, [], "the player misses nothing")

@@ -1,4 +1,4 @@
-"""A game server that speaks HTTP, for programs whose traffic can be told by what they fetch."""
+"""An HTTP server as a game server, for programs whose traffic can be recognised by what they fetch."""
 
 import hashlib
 import http.server
@@ -8,8 +8,8 @@ import relay_bench
 
 
 class WebServer:
-    """Serves bodies by path (the one named "" at any other), hashes what is posted, remembers who
-    came."""
+    """Serves bodies by path (the one named "" at all other paths), hashes posted data, and records the
+    peers."""
 
     def __init__(self, bodies, taken=b"taken", at_once=5):
         bench = self

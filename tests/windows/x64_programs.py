@@ -1,9 +1,9 @@
-"""Unmodified 64-bit programs, each with a socket style of its own: what comes of their work is the
-same, to the byte, without the library and as a game whose traffic goes through a node.
+"""Unmodified 64-bit programs, each with its own way of using sockets. The result of their work is the
+same, byte for byte, without the library and as a game whose traffic goes through a node.
 
-  a media tool (C)          waits in select, connects without blocking
+  a media tool (C)          waits in select, non-blocking connect
   a JavaScript runtime (C)  one completion port: ConnectEx, overlapped calls, overlapped datagrams
-  a schema tool (Go)        looks every function up itself, ConnectEx on a completion port
+  a schema tool (Go)        looks up all functions itself, ConnectEx on a completion port
   a build runner (Rust)     asks the driver for readiness, by completion port; plain calls
 """
 
@@ -45,7 +45,7 @@ def stored_zstandard(content):
 
 
 class Work:
-    """One run of a program: the files it needs, its arguments, and the bytes that it produces."""
+    """One run of a program: the files that it needs, its arguments, and the bytes that it produces."""
 
     program = ""
 
@@ -105,7 +105,7 @@ class Export(Work):
 
 
 class Restore(Work):
-    """It finds the result of its build in a cache behind HTTP, and unpacks that."""
+    """Finds the result of its build in an HTTP cache, and unpacks it."""
 
     name, program, out = "build runner", "turbo.exe", "a/dist/big.bin"
 
@@ -128,7 +128,7 @@ class Restore(Work):
 
 
 class Stage:
-    """Each program in a folder of its own without the library, and in one as a game."""
+    """Each program has two folders: it runs without the library in one, and as a game in the other."""
 
     def __init__(self, arguments):
         self.checks = support.Checks()
@@ -157,9 +157,9 @@ class Stage:
     def check(self, work, folder):
         checks = self.checks
         alone = self.run(work, self.place(work), "alone")
-        checks.that(alone and alone == (work.wanted or alone), f"{work.name} alone: its work is done")
+        checks.that(alone and alone == (work.wanted or alone), f"{work.name} alone: it finishes its work")
         before = len(self.bench.node.games())
-        checks.equal(before, self.known, f"{work.name} alone: the node hears nothing of it")
+        checks.equal(before, self.known, f"{work.name} alone: no request to the node")
         getattr(work.server, "peers", set()).clear()
         game = self.run(work, folder, "as a game", self.runner.launcher, "--")
         checks.that(game == alone, f"{work.name}: the same bytes with the library")
@@ -175,8 +175,8 @@ class Stage:
             carried = [flow["datagrams_to_client"] for flow in flows if flow["game"] == server]
             checks.that(sum(carried) >= DATAGRAMS, f"{work.name}: the node carried them", str(flows))
             return
-        checks.equal(set(asked), {work.server.address}, f"{work.name}: whom the node was asked for")
-        checks.equal(work.server.peers, {relay_bench.NODE}, f"{work.name}: the server saw the node alone")
+        checks.equal(set(asked), {work.server.address}, f"{work.name}: the servers requested from the node")
+        checks.equal(work.server.peers, {relay_bench.NODE}, f"{work.name}: the server saw only the node")
         print(f"{work.name}: {len(asked)} connections through the node")
 
     def main(self):

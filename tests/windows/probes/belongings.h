@@ -1,5 +1,5 @@
-// What a process has at one moment: threads, handles by kind, sockets, thread-local slots, memory.
-// To be compared with what it has later.
+// The resources of a process at one moment: threads, handles by kind, sockets, thread-local slots,
+// memory. For comparison with a later moment.
 #pragma once
 
 #include <winsock2.h>
@@ -18,7 +18,7 @@ struct Belongings {
   int threads = 0;
   int sockets = 0;  // 0 while Winsock is not started
   std::map<std::string, int> handles;
-  DWORD tls_index = 0;   // the lowest that is free
+  DWORD tls_index = 0;   // the lowest free one
   size_t memory_kb = 0;  // private pages and views of sections
 };
 
@@ -34,7 +34,7 @@ inline int CountThreads() {
   return count;
 }
 
-// Threads that are ending get some time for it. The count that was reached at last.
+// Gives ending threads some time to end. Returns the final count.
 inline int CountThreadsOnceAtMost(int wanted, DWORD patience_ms) {
   const DWORD begin = GetTickCount();
   int count = CountThreads();
@@ -45,7 +45,7 @@ inline int CountThreadsOnceAtMost(int wanted, DWORD patience_ms) {
   return count;
 }
 
-// Empty for a value that is no handle.
+// Empty if the value is not a handle.
 inline std::string KindOfHandle(HANDLE handle) {
   static const auto query = reinterpret_cast<decltype(&NtQueryObject)>(
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
@@ -89,7 +89,7 @@ inline Belongings Look() {
   return all;
 }
 
-// As JSON, in one line.
+// One line of JSON.
 inline std::string Text(const Belongings& all) {
   std::string text = "{\"threads\":" + std::to_string(all.threads) +
                      ",\"sockets\":" + std::to_string(all.sockets) +

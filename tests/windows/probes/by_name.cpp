@@ -1,4 +1,4 @@
-// Also built against the older Winsock library and against libraries that import by ordinal: see
+// Also built with the older Winsock library, and with import libraries that import by ordinal: see
 // CMakeLists.txt.
 #include "plain_work.h"
 

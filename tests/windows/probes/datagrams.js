@@ -1,5 +1,5 @@
-// What the JavaScript runtime does with datagrams as a game: it sends each from one socket to a
-// server that echoes, again until its echo is there, and writes down what came back.
+// The datagram work of the JavaScript runtime as a game: sends each datagram from one socket to an
+// echo server, repeatedly until its echo arrives, and writes a file about what came back.
 //   datagrams.js OUT_FILE ADDRESS PORT COUNT
 "use strict";
 const dgram = require("dgram");

@@ -1,4 +1,5 @@
-// A socket duplicated into the same process, in both text forms, works beside the first.
+// A socket that is duplicated into the same process, by the ANSI and the wide call, works beside
+// the first one.
 #include "probe.h"
 
 namespace {

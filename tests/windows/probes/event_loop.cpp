@@ -1,7 +1,7 @@
-// A program built on one completion port, as event-loop runtimes are: it fetches ConnectEx once,
-// from a socket that it then closes, and uses it for all its connections. Beside them the other
-// extension functions do their work: AcceptEx with its first bytes, TransmitFile, DisconnectEx.
-// "module" lines say where each function lies, which is all that may differ with the library.
+// A program with one completion port, like event-loop runtimes. It looks up ConnectEx once, from a
+// socket that it then closes, and uses it for all its connections. It also uses the other extension
+// functions: AcceptEx with its first bytes, TransmitFile, DisconnectEx. The "module" lines print
+// the module of each function; only these may differ with the library.
 #include "probe.h"
 
 #include <mswsock.h>
@@ -49,8 +49,7 @@ void SayModules() {
   closesocket(s);
 }
 
-// What is true of a call that has been taken, whether it is done by now or not. One that is
-// pending may answer either way.
+// Whether a call has been accepted. The platform may complete it at once or return "pending".
 bool IsTaken(BOOL result) { return result || WSAGetLastError() == WSA_IO_PENDING; }
 
 SOCKET BoundStream() {
@@ -108,7 +107,7 @@ class Loop {
   }
 
  private:
-  // Every other connection sends its message while it connects.
+  // Every second connection sends its message with the connect.
   void Connect(Connection* c, int number) {
     c->socket = BoundStream();
     std::snprintf(c->message, sizeof c->message, "message of connection %d", number);
@@ -123,7 +122,7 @@ class Loop {
     }
   }
 
-  // What is next after a step of so many bytes.
+  // Continues after a step that transferred that many bytes.
   bool Step(Connection* c, DWORD bytes) {
     switch (c->state) {
       case Connection::kConnecting:
@@ -203,7 +202,7 @@ HANDLE PatternFile(const std::string& content) {
   return file;
 }
 
-// A file between a head and a tail, echoed back while it is on its way.
+// Transmits a file between a head and a tail, while the server echoes it.
 void Transmit(LPFN_CONNECTEX connect_ex, LPFN_DISCONNECTEX disconnect_ex) {
   const SOCKET s = BoundStream();
   const auto transmit_file = Extension<LPFN_TRANSMITFILE>(s, WSAID_TRANSMITFILE);
@@ -232,7 +231,7 @@ void Transmit(LPFN_CONNECTEX connect_ex, LPFN_DISCONNECTEX disconnect_ex) {
   CloseHandle(file);
 }
 
-// A connection of our own, whose first bytes come with it.
+// Accepts a connection of our own together with its first bytes.
 void Accept(LPFN_CONNECTEX connect_ex) {
   sockaddr_in address;
   const SOCKET listener = probe::Listener(&address);

@@ -1,4 +1,4 @@
-// WSAEventSelect with network events, and window messages of WSAAsyncSelect.
+// Network events with WSAEventSelect, and window messages with WSAAsyncSelect.
 #include "probe.h"
 
 namespace {
@@ -6,8 +6,8 @@ namespace {
 constexpr UINT kSocketMessage = WM_USER + 1;
 constexpr DWORD kPatienceMs = 10'000;
 
-// Waits for one of the events; the platform may report several at once, so only the one that is
-// waited for is said.
+// Waits for one of the events. The platform may report several at once, so only the wanted one is
+// printed.
 bool AwaitEvent(SOCKET s, WSAEVENT event, long wanted, int bit) {
   for (int i = 0; i < 20; ++i) {
     if (WSAWaitForMultipleEvents(1, &event, FALSE, kPatienceMs, FALSE) != WSA_WAIT_EVENT_0) break;

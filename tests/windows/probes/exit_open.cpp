@@ -1,4 +1,5 @@
-// The process ends while sockets are open and threads wait in them. Argument 3: how it ends.
+// Ends the process while sockets are open and threads wait in socket calls. Argument 3: how it
+// ends.
 #include "probe.h"
 
 namespace {

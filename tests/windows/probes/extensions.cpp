@@ -1,4 +1,4 @@
-// ConnectEx from WSAIoctl, AcceptEx both ways: as mswsock's export and from WSAIoctl.
+// ConnectEx from WSAIoctl, and AcceptEx both from WSAIoctl and as an export of mswsock.
 #include "probe.h"
 
 #include <mswsock.h>
@@ -16,7 +16,7 @@ void* Extension(SOCKET s, GUID id) {
 
 void Await(const char* what, SOCKET s, BOOL result, OVERLAPPED* overlapped) {
   const int error = WSAGetLastError();
-  // Done at once or pending: the platform's choice, and no business of the comparison.
+  // Whether it completes at once or is pending is up to the platform, and must not be compared.
   if (!result && error != WSA_IO_PENDING) {
     probe::Say("%s: failed with %d", what, error);
     return;

@@ -1,5 +1,5 @@
-// What the JavaScript runtime does as a game: many fetches and one upload, all at once, over
-// connections of their own, and what it saw of each as JSON.
+// The HTTP work of the JavaScript runtime as a game: many fetches and one upload, all at once, over
+// separate connections. Writes the results as JSON.
 //   fetcher.js OUT_FILE BASE_URL COUNT UPLOAD_SIZE
 "use strict";
 const crypto = require("crypto");

@@ -1,5 +1,5 @@
-// Imports nothing of Winsock: names and ordinals are looked up at run time, as language runtimes
-// do that bring their own system layer.
+// Imports nothing from Winsock: looks up names and ordinals at run time, like language runtimes
+// with a system layer of their own.
 #include <windows.h>
 #include <winsock2.h>
 

@@ -1,6 +1,6 @@
-// A program that uses what the library finds in its process as well, the C runtime's state, the
-// processor's floating-point modes and a few settings of the process, and looks after each socket
-// call whether it is still as the program left it.
+// A program that uses state which it shares with the library: that of the C runtime, the
+// processor's floating-point modes and a few settings of the process. After each socket call it
+// checks that the state has not changed.
 #include <cerrno>
 #include <clocale>
 #include <ctime>
@@ -80,7 +80,7 @@ class Shared {
   unsigned sse_ = 0;
   std::string locale_;
   std::tm moment_ = {};
-  std::tm* last_moment_ = nullptr;  // the runtime's own place, one for each thread
+  std::tm* last_moment_ = nullptr;  // the runtime's static record, one for each thread
   char words_[16] = "first second";
   UINT error_mode_ = 0;
   char directory_[MAX_PATH] = {};
@@ -116,7 +116,7 @@ void Datagrams(Shared* shared) {
   shared->Look("a close");
 }
 
-// Threads that begin while the library is there begin as they would without it.
+// A thread that starts while the library is loaded has the same state as without it.
 DWORD WINAPI NewThread(void*) {
   Shared shared;
   probe::Say("a new thread's x87 modes: %04x", X87Modes());

@@ -1,5 +1,5 @@
-// Holds the named mutex of argument 1 until its standard input ends, as a program does that has
-// been stopped in the middle of its work.
+// Holds the mutex named in argument 1 until its standard input ends, like a program that has been
+// stopped in the middle of its work.
 #include <windows.h>
 
 #include <cstdio>

@@ -1,5 +1,5 @@
-// The calls are in a DLL that is loaded after the program has used Winsock; it is loaded, used and
-// unloaded by each of the loader's functions.
+// The calls are in a DLL that is loaded after the program has used Winsock. It is loaded, used and
+// unloaded once with each of the loader's functions.
 #include "probe.h"
 
 namespace {

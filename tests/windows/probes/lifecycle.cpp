@@ -1,5 +1,5 @@
-// Winsock started, ended and started again; sockets outside a start are refused; families that
-// the library does not layer over.
+// Starts Winsock, ends it and starts it again; checks that sockets are refused in between; uses
+// address families that the library does not layer.
 #include "probe.h"
 
 namespace {

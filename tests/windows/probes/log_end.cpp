@@ -1,5 +1,5 @@
-// The process ends at once after its last call. Argument 3: how many other threads are in the
-// middle of calls at that moment, argument 4: the port that marks the last call.
+// Ends the process immediately after its last call. Argument 3: how many other threads are in the
+// middle of calls at that moment. Argument 4: the port that marks the last call.
 #include "probe.h"
 
 namespace {

@@ -1,4 +1,4 @@
-// A program's DLL that makes the calls.
+// A program's DLL, which makes the calls.
 #include "plain_work.h"
 
 extern "C" __declspec(dllexport) void TalkFromModule(const sockaddr_in* server) {

@@ -1,5 +1,5 @@
-// Overlapped and synchronous calls mixed on one socket, scatter-gather buffers, zero-byte
-// receives, overlapped datagrams, completion routines.
+// Overlapped and synchronous calls on the same socket, scatter-gather buffers, zero-byte receives,
+// overlapped datagrams, completion routines.
 #include "probe.h"
 
 namespace {
@@ -12,7 +12,7 @@ class Pending {
   Pending& operator=(const Pending&) = delete;
   WSAOVERLAPPED* get() { return &overlapped_; }
 
-  // Whether it completed at once or went pending is the platform's choice.
+  // Whether it completes at once or is pending is up to the platform.
   void Await(const char* what, SOCKET s, int result) {
     const int error = WSAGetLastError();
     if (result == SOCKET_ERROR && error != WSA_IO_PENDING) {
@@ -31,12 +31,12 @@ class Pending {
 
 void StreamMix() {
   const SOCKET s = probe::ConnectedStream();
-  // A zero-byte receive that waits for data to be there.
+  // A zero-byte receive, which waits for data.
   Pending zero;
   WSABUF nothing = {0, nullptr};
   DWORD flags = 0;
   const int zero_result = WSARecv(s, &nothing, 1, nullptr, &flags, zero.get(), nullptr);
-  // Meanwhile a synchronous gathering send on the same socket.
+  // Meanwhile a synchronous send with several buffers on the same socket.
   char head[] = "head,";
   char body[] = "the body,";
   char tail[] = "tail";
@@ -45,7 +45,7 @@ void StreamMix() {
   probe::SayResult("gathering send", WSASend(s, parts, 4, &sent, 0, nullptr, nullptr));
   probe::Say("sent %lu", sent);
   zero.Await("zero-byte receive", s, zero_result);
-  // The echo, scattered and overlapped.
+  // An overlapped receive of the echo, into several buffers.
   char first[7] = {};
   char second[20] = {};
   WSABUF scatter[] = {{6, first}, {12, second}};
@@ -54,7 +54,7 @@ void StreamMix() {
   receive.Await("scattered receive", s,
                 WSARecv(s, scatter, 2, nullptr, &flags, receive.get(), nullptr));
   probe::Say("parts: [%s] [%s]", first, second);
-  // Overlapped send, synchronous receive.
+  // An overlapped send and a synchronous receive.
   Pending send_pending;
   WSABUF again = {5, head};
   send_pending.Await("overlapped send", s,

@@ -1,4 +1,4 @@
-// The calls are in a DLL that the program is linked with.
+// The calls are in a DLL with which the program is linked.
 #include "probe.h"
 
 extern "C" void TalkFromModule(const sockaddr_in* server);

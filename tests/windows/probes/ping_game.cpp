@@ -1,13 +1,13 @@
-// A game that lives as long as its standard input, and pings as the lines there say, through raw
-// sockets that never block:
+// A game that runs until its standard input ends, and sends pings as the lines of the input say,
+// through non-blocking raw sockets:
 //   ping ADDRESS SIZE [broken]   an echo request of that many bytes on a connected socket; a broken
-//                                one has a checksum that is not its own
+//                                one has a wrong checksum
 //   unconnected ADDRESS SIZE     the same with sendto and recvfrom
-//   watch ADDRESS SIZE           the same, with a look at what select says meanwhile
+//   watch ADDRESS SIZE           the same, and prints what select reports meanwhile
 //   burst ADDRESS COUNT          that many requests at once, and all their replies
-//   close                        what was connected so far
-// A socket stays connected for the later lines about the same address. Times are those of the
-// platform's tick count, which is what a ping's delay is counted in.
+//   close                        closes all connected sockets
+// A socket stays connected for later lines with the same address. Times are in the platform's tick
+// count, which the delay of a ping uses, too.
 #include <iostream>
 #include <map>
 #include <sstream>
@@ -73,7 +73,7 @@ std::string Request(size_t size) {
   return message;
 }
 
-// The reply to the last request, until the time is over.
+// Prints the reply to the last request, if it arrives in time.
 void SayReply(SOCKET s, bool connected, DWORD begin) {
   while (GetTickCount() - begin < kPatienceMs) {
     char packet[2048];

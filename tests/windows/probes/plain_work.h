@@ -1,5 +1,5 @@
-// The everyday calls, with the plain names: compiled into a program that imports them by name,
-// one that imports them by ordinal, one that uses the older Winsock library, and a DLL.
+// The common socket calls. Compiled into a program that imports them by name, one that imports them
+// by ordinal, one that uses the older Winsock library, and a DLL.
 #pragma once
 
 #include "probe.h"

@@ -64,7 +64,7 @@ DWORD WINAPI Serve(void*) {
     OVERLAPPED* overlapped = nullptr;
     const BOOL ok = GetQueuedCompletionStatus(g_port, &bytes, &key, &overlapped, 30'000);
     if (overlapped == nullptr) {
-      PostQueuedCompletionStatus(g_port, 0, 0, nullptr);  // for the next thread
+      PostQueuedCompletionStatus(g_port, 0, 0, nullptr);  // wakes the next thread
       return 0;
     }
     auto* connection = reinterpret_cast<Connection*>(overlapped);

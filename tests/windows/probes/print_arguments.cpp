@@ -1,4 +1,5 @@
-// Prints its path and arguments as UTF-8, one a line; with "-" alone, its input.
+// Prints its path and arguments in UTF-8, one on each line; with the single argument "-", its
+// input.
 #include <windows.h>
 
 #include <shellapi.h>

@@ -1,7 +1,7 @@
-// What the probe programs share. A probe does one kind of work against the native echo server of
-// the bed (argument 1: its address, argument 2: its port, served for TCP and UDP), and prints
-// what it saw, one line a fact. The lines hold nothing that differs from run to run: the test
-// compares them between runs with and without the library.
+// What the probe programs share. A probe does one kind of work with the native echo server of the
+// bed (argument 1: its address, argument 2: its port for TCP and UDP), and prints one line for each
+// result. The lines contain nothing that differs from run to run: the test compares them between
+// runs with and without the library.
 #pragma once
 
 #include <winsock2.h>
@@ -29,7 +29,7 @@ inline void Say(const char* format, ...) {
   std::fflush(stdout);
 }
 
-// A result and, where it is a failure, the error that goes with it.
+// Prints a result and, if it is a failure, the error.
 inline void SayResult(const char* what, int result) {
   const int error = WSAGetLastError();
   if (result == SOCKET_ERROR) {
@@ -76,7 +76,7 @@ inline SOCKET ConnectedStream() {
   return s;
 }
 
-// A listener on the loopback, and its address.
+// A listener on the loopback interface; *address is set to its address.
 inline SOCKET Listener(sockaddr_in* address) {
   const SOCKET s = NewStream();
   *address = Address("127.0.0.1", 0);
@@ -87,7 +87,7 @@ inline SOCKET Listener(sockaddr_in* address) {
   return s;
 }
 
-// Everything up to `size` bytes, however the stream is cut.
+// Receives up to `size` bytes, in any number of pieces.
 inline std::string ReceiveAll(SOCKET s, size_t size) {
   std::string text;
   char buffer[4096];
@@ -100,7 +100,7 @@ inline std::string ReceiveAll(SOCKET s, size_t size) {
   return text;
 }
 
-// A simple sum, so that long data can be compared in a line.
+// A simple checksum, to compare long data in one line.
 inline unsigned SumOf(const std::string& text) {
   unsigned sum = 2166136261u;
   for (const char c : text) sum = (sum ^ static_cast<unsigned char>(c)) * 16777619u;

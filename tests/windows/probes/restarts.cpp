@@ -1,8 +1,8 @@
-// Winsock started, used and ended over and over in one process, with traffic under way at each
-// end. Argument 3: how many rounds; after a single one the process ends at once. The server says
-// whom it sees as its peer, for streams in the first line and for datagrams in the answer to each.
+// Starts, uses and ends Winsock repeatedly in one process, with traffic in flight at each end.
+// Argument 3: the number of rounds; after a single one the process ends at once. The server reports
+// the peer that it sees: for streams in the first line, for datagrams in each answer.
 //
-// Every second round leaves its sockets open, and closes them once Winsock is started again.
+// Every second round leaves its sockets open, and closes them after the next start of Winsock.
 #include "belongings.h"
 #include "probe.h"
 
@@ -28,7 +28,7 @@ void SetPatience(SOCKET s, DWORD patience_ms) {
              sizeof(patience_ms));
 }
 
-// "none" with the error where the server cannot be asked.
+// "none" with the error if the server cannot be reached.
 std::string PeerOfStream(SOCKET s) {
   SetPatience(s, kPatienceMs);
   if (connect(s, probe::Server(), sizeof(probe::g_server)) != 0) {
@@ -51,7 +51,7 @@ std::string PeerOfDatagrams(SOCKET s) {
   return "none: " + std::to_string(WSAGetLastError());
 }
 
-// More than anybody reads: it is under way, there and back, when this returns.
+// Sends more than is read, so data is in flight in both directions when this returns.
 void SetUnderWay(const Sockets& sockets) {
   const std::string bytes(kStreamBytes, 'x');
   send(sockets.stream, bytes.data(), static_cast<int>(bytes.size()), 0);
@@ -66,7 +66,7 @@ void Start() {
   if (result != 0) probe::Say("WSAStartup: failed with %d", result);
 }
 
-// The sockets that the round leaves open.
+// Returns the sockets that the round leaves open.
 Sockets Round(int number) {
   Sockets sockets{probe::NewStream(), probe::NewDatagram()};
   const std::string stream = PeerOfStream(sockets.stream);

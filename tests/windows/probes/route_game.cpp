@@ -1,8 +1,9 @@
-// A game that lives as long as its standard input, and does what the lines there say:
-//   connect ADDRESS PORT   a TCP connection, kept open: the result, and the peer it believes in
-//   echo NUMBER TEXT       sends TEXT over the connection of that number and says what came back
-//   chatter COUNT          opens and closes so many sockets, so that a log that collects its lines
-//                          passes them on
+// A game that runs until its standard input ends, and does what the lines of the input say:
+//   connect ADDRESS PORT   opens a TCP connection and keeps it open; prints the result and the peer
+//   echo NUMBER TEXT       sends TEXT over the connection of that number and prints the answer
+//   chatter COUNT          opens and closes that many sockets, so that the log writes the lines
+//   that
+//                          it has collected
 #include <iostream>
 #include <sstream>
 #include <vector>

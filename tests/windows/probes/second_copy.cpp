@@ -1,5 +1,5 @@
-// A second copy of the library in the process, started by hand with the entries of the catalogue
-// that the process is shown. Argument 3: path of the copy. Only for runs under vyr_run.
+// Starts a second copy of the library in the process, directly and with the entries of the
+// catalogue that the process sees. Argument 3: the path of the copy. Only for runs under vyr_run.
 #include <winsock2.h>
 #include <ws2spi.h>
 
@@ -40,7 +40,7 @@ bool FindLayered(WSAPROTOCOL_INFOW* info) {
 int main(int argc, char** argv) {
   probe::Begin(argc, argv);
   if (argc < 4) return 2;
-  closesocket(probe::ConnectedStream());  // the first copy is started by now
+  closesocket(probe::ConnectedStream());  // starts the first copy
   const HMODULE copy = LoadLibraryA(argv[3]);
   probe::Say("copy: %s", copy != nullptr ? "loaded" : "failed");
   const auto start =

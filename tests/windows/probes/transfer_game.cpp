@@ -1,11 +1,11 @@
-// A game that lives as long as its standard input, and moves bytes both ways at once as the lines
-// there say:
-//   transfer UP DOWN     over a connection of its own
-//   hold COUNT           that many connections, kept open
-//   move UP DOWN         over each of those that are held, all at the same time; then they close
+// A game that runs until its standard input ends, and transfers bytes in both directions at once as
+// the lines of the input say:
+//   transfer UP DOWN     over a new connection
+//   hold COUNT           opens that many connections and keeps them open
+//   move UP DOWN         over each of these connections at the same time; then closes them
 // Each connection starts with 20 little-endian bytes: its number, the bytes up, the bytes down.
-// What follows is a stretch of one endless pattern either way, whose start goes by the number, and
-// both ends know it.
+// Then each side sends a part of an endless pattern, which begins at a position that depends on the
+// number. Both ends know the pattern.
 #include <iostream>
 #include <sstream>
 #include <vector>
@@ -14,14 +14,14 @@
 
 namespace {
 
-// A prime, so that bytes which moved by whole buffers do not fit.
+// A prime, so that bytes which are misplaced by whole buffers are detected.
 constexpr size_t kPatternPeriod = 1048573;
 constexpr size_t kPiece = 1 << 16;
 constexpr DWORD kReceiveTimeoutMs = 60000;
 
 using Size = unsigned long long;
 
-// Long enough that a piece can begin anywhere in the first period.
+// Long enough for a piece that begins anywhere in the first period.
 std::string MakePattern() {
   std::string pattern;
   unsigned word = 1;
@@ -43,7 +43,7 @@ struct Connection {
   Size up = 0;
   Size down = 0;
   bool sent = false;
-  Size received = 0;  // as far as it was right
+  Size received = 0;  // up to the first wrong byte
   HANDLE thread = nullptr;
 
   const char* At(Size offset) const {
@@ -79,7 +79,7 @@ DWORD WINAPI Upload(void* argument) {
   return 0;
 }
 
-// The server's last byte behind the pattern says that it has everything.
+// The byte that the server sends after the pattern confirms that it has received everything.
 void Download(Connection* c) {
   std::vector<char> piece(kPiece);
   while (c->received < c->down) {
@@ -156,7 +156,7 @@ void MoveAll(std::vector<Connection>* connections, Size up, Size down) {
 
 int main(int argc, char** argv) {
   probe::Begin(argc, argv);
-  Pattern();  // here, before there are threads that want it
+  Pattern();  // creates it before there are threads that use it
   std::vector<Connection> held;
   for (std::string line; std::getline(std::cin, line);) {
     std::istringstream words(line);

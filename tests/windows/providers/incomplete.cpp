@@ -1,4 +1,4 @@
-// A next provider that starts well and leaves one entry of its table empty.
+// A next provider that starts successfully and leaves one entry of its table empty.
 #include <winsock2.h>
 #include <ws2spi.h>
 

@@ -1,7 +1,7 @@
-// A layer that does what a layer must and nothing else: it replaces three entries in the table of
-// the base provider that the process has, and passes the calls on.
+// A minimal layer: it replaces three entries in the table of the process's base provider, and
+// passes the calls on.
 //
-// FORGETFUL: it passes no catalogue entry down with a new socket.
+// FORGETFUL: it does not pass its catalogue entry down with a new socket.
 #include <winsock2.h>
 #include <ws2spi.h>
 

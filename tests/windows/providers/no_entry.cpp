@@ -1,2 +1,2 @@
-// A module that is no provider at all.
+// A module that is not a provider.
 extern "C" int SomethingElse() { return 0; }
