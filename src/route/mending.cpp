@@ -48,6 +48,11 @@ bool CopyGuarded(HANDLE mapping, MendingRegion* out) noexcept {
 
 const Mending& GetMending() noexcept { return process_mending; }
 
+void ReplaceMending(const Mending& mending) noexcept {
+  process_mending = mending;
+  if (mending.bits() != 0) LspTrace("mending: 0x%x", mending.bits());
+}
+
 void ReadMending(u32 place) noexcept {
   process_mending = Mending();
   const UniqueHandle mapping(OpenFileMappingA(FILE_MAP_READ, FALSE, kMendingRegionName));

@@ -32,6 +32,9 @@ class Mending {
 
 const Mending& GetMending() noexcept;
 
+// In place of the client's, for a process that is configured otherwise.
+void ReplaceMending(const Mending& mending) noexcept;
+
 // Reads the record of the game in that place of the client's list. Waits at most half a second for
 // the region's mutex; any failure means that nothing is mended.
 void ReadMending(u32 place) noexcept;

@@ -1,3 +1,8 @@
+#include <algorithm>
+#include <array>
+#include <iterator>
+
+#include "abi/mending_names.h"
 #include "abi/restriction_formats.h"
 #include "client/fields/field_rows.h"
 #include "client/fields/tables.h"
@@ -17,15 +22,14 @@ constexpr NamedValue kNetModes[] = {
     {"REFUSE_WITHOUT_ACC_MODE", kNetModeRefuseWithoutAccMode},
 };
 
-constexpr NamedValue kMendings[] = {
-    {"none", 0},
-    {"all", kMendAll},
-    {"half-close", kMendHalfClose},
-    {"failed-node", kMendFailedNode},
-    {"reset", kMendReset},
-    {"connect-ex", kMendConnectEx},
-    {"restart", kMendRestart},
-};
+constexpr auto kMendings = [] {
+  std::array<NamedValue, 2 + std::size(kMendingNames)> all = {{{"none", 0}, {"all", kMendAll}}};
+  std::transform(std::begin(kMendingNames), std::end(kMendingNames), all.begin() + 2,
+                 [](const MendingName& known) {
+                   return NamedValue{known.name, known.bit};
+                 });
+  return all;
+}();
 constexpr Beside kMendingOfGame = {.records = offsetof(Tables, restriction.games),
                                    .record_size = sizeof(AccConfigRecord),
                                    .count = kMaxGames,
