@@ -12,7 +12,7 @@ struct MendingName {
 // Besides these, "all" and "none" stand for the whole word.
 inline constexpr MendingName kMendingNames[] = {
     {"half-close", kMendHalfClose}, {"failed-node", kMendFailedNode}, {"reset", kMendReset},
-    {"connect-ex", kMendConnectEx}, {"restart", kMendRestart},
+    {"connect-ex", kMendConnectEx}, {"restart", kMendRestart},        {"start", kMendStart},
 };
 
 }  // namespace moru_vyr::lsp

@@ -209,8 +209,9 @@ constexpr Field kGameFields[] = {
      .doc = "what is mended of the behaviour that docs/oddities.md lists: 'all', 'none', or a list "
             "of 'half-close' (one side may end its sending and go on reading), 'failed-node' (a "
             "node that cannot be reached is left for the next way), 'reset' (a reset stays one), "
-            "'connect-ex' (ConnectEx answers what the system answered) and 'restart' (a program "
-            "that cleans up Winsock and starts it again is served again)",
+            "'connect-ex' (ConnectEx answers what the system answered), 'restart' (a program "
+            "that cleans up Winsock and starts it again is served again) and 'start' (no wait for "
+            "a client that hangs, complete reports at the end, direct where the relay is full)",
      .sample = "'all'",
      .names = kMendings},
     {.key = "link_switch_mask",
