@@ -13,6 +13,7 @@ struct MendingName {
 inline constexpr MendingName kMendingNames[] = {
     {"half-close", kMendHalfClose}, {"failed-node", kMendFailedNode}, {"reset", kMendReset},
     {"connect-ex", kMendConnectEx}, {"restart", kMendRestart},        {"start", kMendStart},
+    {"names", kMendNames},
 };
 
 }  // namespace moru_vyr::lsp

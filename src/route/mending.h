@@ -35,6 +35,9 @@ class Mending {
   // While a buffer is full, its source is not polled.
   bool RestsWhileFull() const noexcept { return Starts(); }
 
+  // Both ends of a relayed stream have the names that they would have without us.
+  bool NamesAsWithoutUs() const noexcept { return (mended_ & kMendNames) != 0; }
+
   u32 bits() const noexcept { return mended_; }
 
  private:

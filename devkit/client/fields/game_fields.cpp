@@ -210,8 +210,9 @@ constexpr Field kGameFields[] = {
             "of 'half-close' (one side may end its sending and go on reading), 'failed-node' (a "
             "node that cannot be reached is left for the next way), 'reset' (a reset stays one), "
             "'connect-ex' (ConnectEx answers what the system answered), 'restart' (a program "
-            "that cleans up Winsock and starts it again is served again) and 'start' (no wait for "
-            "a client that hangs, complete reports at the end, direct where the relay is full)",
+            "that cleans up Winsock and starts it again is served again), 'start' (no wait for a "
+            "client that hangs, complete reports at the end, direct where the relay is full) and "
+            "'names' (getsockname and getpeername answer as without the library)",
      .sample = "'all'",
      .names = kMendings},
     {.key = "link_switch_mask",
