@@ -24,16 +24,40 @@ class Mending {
   // A process that cleans up Winsock and starts it again is served as the first time.
   bool ServesAgain() const noexcept { return (mended_ & kMendRestart) != 0; }
 
+  // No thread of the host waits long for a mutex of the client's, and the worker hardly at all.
+  bool BoundsClientWaits() const noexcept { return Starts(); }
+  // A process that ends with a cleanup of Winsock reports the end of what it still had open.
+  bool ReportsItsEnd() const noexcept { return Starts(); }
+  // What the relay has no place to poll goes direct.
+  bool KeepsToItsPlaces() const noexcept { return Starts(); }
+  // A connect that failed leaves nothing behind for the next one from its port.
+  bool ForgetsFailedConnects() const noexcept { return Starts(); }
+  // While a buffer is full, its source is not polled.
+  bool RestsWhileFull() const noexcept { return Starts(); }
+
+  // Both ends of a relayed stream have the names that they would have without us.
+  bool NamesAsWithoutUs() const noexcept { return (mended_ & kMendNames) != 0; }
+
   u32 bits() const noexcept { return mended_; }
 
  private:
+  bool Starts() const noexcept { return (mended_ & kMendStart) != 0; }
+
   u32 mended_ = 0;
 };
 
 const Mending& GetMending() noexcept;
 
+// In place of the client's, for a process that is configured otherwise.
+void ReplaceMending(const Mending& mending) noexcept;
+
+// Before the game's place is known, how long it may wait for that is known all the same:
+// BoundsClientWaits is what any listed game asks for, until ReadMending. Without a wait.
+void ReadWaitsOfAnyGame() noexcept;
+
 // Reads the record of the game in that place of the client's list. Waits at most half a second for
-// the region's mutex; any failure means that nothing is mended.
+// the region's mutex; any failure means that nothing is mended, except that waits stay bounded if
+// any game asks for that and the mutex was not free.
 void ReadMending(u32 place) noexcept;
 
 }  // namespace moru_vyr::lsp

@@ -45,6 +45,7 @@ struct TcpSide {
   bool sock_deleteing = false;  // the side is finished; its socket may still be open
   bool missed_bytes = false;    // some data for it was dropped: nothing may follow that
   bool at_end = false;          // it will send nothing more, and may still receive
+  bool held_back = false;       // it is not read: there is no room for its bytes
   bool told_end = false;        // it has been told that the other side is at its end
   BlockBuffer owed{};           // filled by reading the other side, drained by writing to this one
 };
@@ -109,7 +110,9 @@ class TcpSession {
   bool DoRemoteWrite() noexcept;
   bool Read(TcpSide* from, TcpSide* to) noexcept;
   bool Write(TcpSide* to, TcpSide* from) noexcept;
-  bool WaitForRoom(TcpSide* to) noexcept;
+  bool WaitForRoom(TcpSide* from, TcpSide* to) noexcept;
+  void HoldBack(TcpSide* from, const TcpSide& to) noexcept;
+  void LetGo(TcpSide* from, TcpSide* to) noexcept;
   bool EndSide(TcpSide* ended, const TcpSide& other) noexcept;
   void StopSending(TcpSide* side) noexcept;
   void PassOnEnd(TcpSide* to, const TcpSide& from) noexcept;

@@ -141,6 +141,10 @@ void Tracker::RemoveFromWatchList(SOCKET socket) noexcept try {
 } catch (...) {
 }
 
+void Tracker::EndWatching() noexcept {
+  while (!watch_list_.empty()) RemoveFromWatchList(watch_list_.begin()->first);
+}
+
 void Tracker::NoteGameServer(SOCKET socket, const char* ip, u16 port) noexcept {
   if (ip == nullptr) return;
   SocketQosRecord* const record = Find(socket);

@@ -49,6 +49,8 @@ class Tracker {
   // during its end, the reporting thread notices, writes what there is and ends by itself. `gone`
   // may be null.
   void Init(WorkerGone gone = nullptr) noexcept;
+  // Closes the records of all watched sockets, so that each leaves its last report.
+  void EndWatching() noexcept;
   // Has the last reports written, and waits at most 2000 ms for that.
   void UnInit() noexcept;
   // On every pass of the worker: reports the open sockets' traffic, at most once in five seconds.

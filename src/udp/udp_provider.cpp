@@ -53,6 +53,7 @@ void UdpProvider::OnCloseLocalServer() noexcept {
 
 UdpSession* UdpProvider::CreateSession(const ProtoRelayOpen& request,
                                        const sockaddr_in& game_addr) noexcept {
+  if (!socket_mgr_->HasRoom(1)) return nullptr;
   try {
     auto session = std::make_unique<UdpSession>(
         this, u32{request.token}, game_addr, request.address(),

@@ -1,3 +1,8 @@
+#include <algorithm>
+#include <array>
+#include <iterator>
+
+#include "abi/mending_names.h"
 #include "abi/restriction_formats.h"
 #include "client/fields/field_rows.h"
 #include "client/fields/tables.h"
@@ -17,15 +22,14 @@ constexpr NamedValue kNetModes[] = {
     {"REFUSE_WITHOUT_ACC_MODE", kNetModeRefuseWithoutAccMode},
 };
 
-constexpr NamedValue kMendings[] = {
-    {"none", 0},
-    {"all", kMendAll},
-    {"half-close", kMendHalfClose},
-    {"failed-node", kMendFailedNode},
-    {"reset", kMendReset},
-    {"connect-ex", kMendConnectEx},
-    {"restart", kMendRestart},
-};
+constexpr auto kMendings = [] {
+  std::array<NamedValue, 2 + std::size(kMendingNames)> all = {{{"none", 0}, {"all", kMendAll}}};
+  std::transform(std::begin(kMendingNames), std::end(kMendingNames), all.begin() + 2,
+                 [](const MendingName& known) {
+                   return NamedValue{known.name, known.bit};
+                 });
+  return all;
+}();
 constexpr Beside kMendingOfGame = {.records = offsetof(Tables, restriction.games),
                                    .record_size = sizeof(AccConfigRecord),
                                    .count = kMaxGames,
@@ -205,8 +209,10 @@ constexpr Field kGameFields[] = {
      .doc = "what is mended of the behaviour that docs/oddities.md lists: 'all', 'none', or a list "
             "of 'half-close' (one side may end its sending and go on reading), 'failed-node' (a "
             "node that cannot be reached is left for the next way), 'reset' (a reset stays one), "
-            "'connect-ex' (ConnectEx answers what the system answered) and 'restart' (a program "
-            "that cleans up Winsock and starts it again is served again)",
+            "'connect-ex' (ConnectEx answers what the system answered), 'restart' (a program "
+            "that cleans up Winsock and starts it again is served again), 'start' (no wait for a "
+            "client that hangs, complete reports at the end, direct where the relay is full) and "
+            "'names' (getsockname and getpeername answer as without the library)",
      .sample = "'all'",
      .names = kMendings},
     {.key = "link_switch_mask",
