@@ -14,6 +14,7 @@ inline constexpr MendingName kMendingNames[] = {
     {"half-close", kMendHalfClose}, {"failed-node", kMendFailedNode}, {"reset", kMendReset},
     {"connect-ex", kMendConnectEx}, {"restart", kMendRestart},        {"start", kMendStart},
     {"names", kMendNames},
+    {"datagram-match", kMendDatagramMatch},
 };
 
 }  // namespace moru_vyr::lsp

@@ -37,6 +37,8 @@ class Mending {
 
   // Both ends of a relayed stream have the names that they would have without us.
   bool NamesAsWithoutUs() const noexcept { return (mended_ & kMendNames) != 0; }
+  // Each address that a datagram socket talks to has a loopback port of its own, which names it.
+  bool GivesEachPeerAPort() const noexcept { return (mended_ & kMendDatagramMatch) != 0; }
 
   u32 bits() const noexcept { return mended_; }
 
