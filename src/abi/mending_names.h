@@ -11,8 +11,13 @@ struct MendingName {
 
 // Besides these, "all" and "none" stand for the whole word.
 inline constexpr MendingName kMendingNames[] = {
-    {"half-close", kMendHalfClose}, {"failed-node", kMendFailedNode}, {"reset", kMendReset},
-    {"connect-ex", kMendConnectEx}, {"restart", kMendRestart},        {"start", kMendStart},
+    {"half-close", kMendHalfClose},
+    {"failed-node", kMendFailedNode},
+    {"reset", kMendReset},
+    {"connect-ex", kMendConnectEx},
+    {"restart", kMendRestart},
+    {"fast-fallback", kMendFallback},
+    {"start", kMendStart},
     {"names", kMendNames},
     {"datagram-match", kMendDatagramMatch},
 };

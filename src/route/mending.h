@@ -8,10 +8,21 @@
 
 namespace moru_vyr::lsp {
 
+// How long falling back waits; milliseconds.
+struct FallbackTimes {
+  u32 next_node_ms = 1000;
+  u32 direct_ms = 1000;
+  u32 node_rest_ms = 30'000;
+};
+
 class Mending {
  public:
   constexpr Mending() noexcept = default;
-  explicit Mending(const MendingRecord& record) noexcept : mended_(record.mended & kMendAll) {}
+  explicit Mending(const MendingRecord& record) noexcept : mended_(record.mended & kMendAll) {
+    if (record.next_node_ms != 0) fallback_times_.next_node_ms = record.next_node_ms;
+    if (record.direct_ms != 0) fallback_times_.direct_ms = record.direct_ms;
+    if (record.node_rest_ms != 0) fallback_times_.node_rest_ms = record.node_rest_ms;
+  }
 
   // One side's end of sending is passed on as such; the other direction goes on to its own end.
   bool PassesOnHalfClose() const noexcept { return (mended_ & kMendHalfClose) != 0; }
@@ -23,6 +34,10 @@ class Mending {
   bool KeepsConnectExResult() const noexcept { return (mended_ & kMendConnectEx) != 0; }
   // A process that cleans up Winsock and starts it again is served as the first time.
   bool ServesAgain() const noexcept { return (mended_ & kMendRestart) != 0; }
+  // The next way is tried soon, beside those that have not answered yet, and a node that has failed
+  // is passed over for a while.
+  bool FallsBackFast() const noexcept { return (mended_ & kMendFallback) != 0; }
+  const FallbackTimes& fallback_times() const noexcept { return fallback_times_; }
 
   // No thread of the host waits long for a mutex of the client's, and the worker hardly at all.
   bool BoundsClientWaits() const noexcept { return Starts(); }
@@ -46,6 +61,7 @@ class Mending {
   bool Starts() const noexcept { return (mended_ & kMendStart) != 0; }
 
   u32 mended_ = 0;
+  FallbackTimes fallback_times_;
 };
 
 const Mending& GetMending() noexcept;

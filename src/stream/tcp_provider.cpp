@@ -221,6 +221,7 @@ void TcpProvider::CloseObsoleteSession(TcpSession* session, u32 verdict) noexcep
   const u16 port = session->game_socket_port();
   const u32 token = session->token();
   const bool is_reset = session->is_reset();
+  session->CloseTries();
   const auto found = std::find_if(sessions_.begin(), sessions_.end(),
                                   [&](const auto& entry) { return entry.get() == session; });
   if (found != sessions_.end()) sessions_.erase(found);  // ends the session

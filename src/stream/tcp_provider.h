@@ -65,6 +65,7 @@ class TcpProvider final : public NetProvider {
   TcpSession* Adopt(u16 peer_port) noexcept;
   // Null: no session has that socket on that side.
   TcpSession* FindBy(SOCKET (TcpSession::*of)() const noexcept, SOCKET socket) const noexcept;
+  TcpSession* FindRemote(SOCKET socket) const noexcept;
 
   // The listener's addresses, the latest at the front. Guard: each start adds its own and none is
   // ever changed or freed: threads connect by the address that they were given, even if it is that

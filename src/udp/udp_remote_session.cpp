@@ -13,12 +13,6 @@
 #include "udp/udp_switch_remote_session.h"
 
 namespace moru_vyr::lsp {
-namespace {
-
-constexpr u32 kNegotiationLimitMs = 5000;
-
-}  // namespace
-
 UdpRemoteSession::UdpRemoteSession(UdpSession* session, const sockaddr_in& remote_addr,
                                    const sockaddr_in& local_addr)
     : flow_{session, session->token(), remote_addr, local_addr, SessionGuid::Make()},
@@ -62,8 +56,8 @@ bool UdpRemoteSession::Init(bool bind) noexcept {
 }
 
 void UdpRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
-  if (state_ == UdpState::kNegotiating && link_.IsAnswerOverdue(elapsed_ms, kNegotiationLimitMs)) {
-    OnNegotiationFailed(kNegoTimedOut);
+  if (state_ == UdpState::kNegotiating && link_.IsAnswerOverdue(elapsed_ms, AnswerLimitMs())) {
+    OnAnswerOverdue();
   }
   const bool probing = state_ == UdpState::kAccl && !closing_;
   while (TakeUp(watch_.OnUpdate(elapsed_ms, probing))) {
@@ -171,6 +165,7 @@ void UdpRemoteSession::HandleAcclSend(const UdpPackage& package) noexcept {
 }
 
 void UdpRemoteSession::HandleRemotePacket(const UdpPackage& package) noexcept {
+  if (HandleLateAnswer(package)) return;
   switch (state_) {
     case UdpState::kInit:
       break;  // no node has been asked

@@ -47,7 +47,8 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   void OnUpdate(u32 elapsed_ms) noexcept;
   // Stops measuring, and ends the whole UdpSession once the blocked datagrams have left.
   void SetClosing() noexcept;
-  bool HasBlockedPackages() const noexcept { return link_.HasBlocked(); }
+  // Whether datagrams of the game's wait for room, or, where falling back is fast, for a node.
+  bool HasBlockedPackages() const noexcept { return link_.HasBlocked() || OwesCachedPackages(); }
 
   // Starts the trial of another node. False if one is running. Otherwise the trial, even one that
   // cannot start, submits the report with its outcome.
@@ -63,6 +64,12 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   void OnClose(SOCKET) noexcept override {}
 
  private:
+  // A node that had not answered in time, and still may. Only where falling back is fast.
+  struct AskedNode {
+    sockaddr_in addr = {};  // without a port: there is none here
+    RouteProxyInfo proxy;
+  };
+
   void TellNodeOfEnd() noexcept;
   void ReleaseSock() noexcept;
   void HandleGamePacket(const UdpPackage& package) noexcept;
@@ -75,8 +82,14 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   bool DecideAccl() noexcept;
   void StartNegotiation() noexcept;
   void HandleNegoRecv(const UdpPackage& package) noexcept;
+  void OnNegotiated(const NegoResponse& response) noexcept;
+  u32 AnswerLimitMs() const noexcept;
+  void OnAnswerOverdue() noexcept;
+  bool HandleLateAnswer(const UdpPackage& package) noexcept;
+  bool TakeLateAnswer(const UdpPackage& package, AskedNode* node) noexcept;
   void OnNegotiationFailed(u32 reason) noexcept;
   bool ChangeAcclServer() noexcept;
+  bool OwesCachedPackages() const noexcept;
   void FlushCachedPackages() noexcept;
   bool TakeUp(LinkRequest request) noexcept;
   void EndTrial() noexcept;
@@ -87,6 +100,7 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   UdpState state_ = UdpState::kInit;
   bool closing_ = false;
   u32 nego_retry_ = 0;  // changes of node so far
+  AskedNode overdue_[2];
   AccDecisionInfo decision_;
   StoredPackages cached_packages_;  // waiting for the end of the negotiation
   NodeLink link_;                   // to the node that the flow goes through

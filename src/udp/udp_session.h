@@ -51,7 +51,8 @@ class UdpSession {
   void OnUpdate(u32 elapsed_ms) noexcept;
 
   // Whether none of the game's datagrams waits for room in a socket. A remote session with such
-  // datagrams is told to close after them; those that wait for a negotiation do not count.
+  // datagrams is told to close after them; those that wait for a negotiation count only where
+  // falling back is fast.
   bool CanClose() noexcept;
   // For a part of the session that may not end it directly: the provider does so after this tick of
   // the timer.

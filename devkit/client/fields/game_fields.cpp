@@ -207,14 +207,26 @@ constexpr Field kGameFields[] = {
      AT(MendingRecord, mended),
      .beside = &kMendingOfGame,
      .doc = "what is mended of the behaviour that docs/oddities.md lists: 'all', 'none', or a list "
-            "of 'half-close' (one side may end its sending and go on reading), 'failed-node' (a "
-            "node that cannot be reached is left for the next way), 'reset' (a reset stays one), "
-            "'connect-ex' (ConnectEx answers what the system answered), 'restart' (a program "
-            "that cleans up Winsock and starts it again is served again), 'start' (no wait for a "
-            "client that hangs, complete reports at the end, direct where the relay is full) and "
-            "'names' (getsockname and getpeername answer as without the library)",
+            "of the names in its first table, such as ['half-close', 'reset']",
      .sample = "'all'",
      .names = kMendings},
+    {.key = "next_node_ms",
+     AT(MendingRecord, next_node_ms),
+     .beside = &kMendingOfGame,
+     .doc = "of 'fast-fallback': how long the first node may take to answer before the next way is "
+            "tried beside it; 0: 1000",
+     .sample = "0"},
+    {.key = "direct_ms",
+     AT(MendingRecord, direct_ms),
+     .beside = &kMendingOfGame,
+     .doc = "of 'fast-fallback': the same for the second node, before the game server itself is "
+            "tried; 0: 1000",
+     .sample = "0"},
+    {.key = "node_rest_ms",
+     AT(MendingRecord, node_rest_ms),
+     .beside = &kMendingOfGame,
+     .doc = "of 'fast-fallback': how long a node that has failed is passed over; 0: 30000",
+     .sample = "0"},
     {.key = "link_switch_mask",
      AT(Config, link_switch_mask),
      .heading = "Measuring the link",
