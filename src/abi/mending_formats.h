@@ -14,13 +14,14 @@ inline constexpr char kMendingRegionName[] = "vyr_mending_share_mem";
 inline constexpr char kMendingMutexName[] = "vyr_mending_named_mutex";
 
 // Bits of MendingRecord::mended. A reader ignores those that it does not know.
-inline constexpr u32 kMendHalfClose = 0x1;   // one side may end its sending and go on reading
-inline constexpr u32 kMendFailedNode = 0x2;  // a node that cannot be reached is tried and left
-inline constexpr u32 kMendReset = 0x4;       // a reset stays a reset
-inline constexpr u32 kMendConnectEx = 0x8;   // ConnectEx answers what the next provider answered
-inline constexpr u32 kMendRestart = 0x10;    // a process that starts Winsock anew is served anew
-inline constexpr u32 kMendAll =
-    kMendHalfClose | kMendFailedNode | kMendReset | kMendConnectEx | kMendRestart;
+inline constexpr u32 kMendHalfClose = 0x1;      // one side may end its sending and go on reading
+inline constexpr u32 kMendFailedNode = 0x2;     // a node that cannot be reached is tried and left
+inline constexpr u32 kMendReset = 0x4;          // a reset stays a reset
+inline constexpr u32 kMendConnectEx = 0x8;      // ConnectEx answers what the next provider answered
+inline constexpr u32 kMendRestart = 0x10;       // a process that starts Winsock anew is served anew
+inline constexpr u32 kMendAfterSwitch = 0x100;  // a flow that has moved starts anew
+inline constexpr u32 kMendAll = kMendHalfClose | kMendFailedNode | kMendReset | kMendConnectEx |
+                                kMendRestart | kMendAfterSwitch;
 
 #pragma pack(push, 1)
 struct MendingRecord {

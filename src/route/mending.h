@@ -24,6 +24,10 @@ class Mending {
   // A process that cleans up Winsock and starts it again is served as the first time.
   bool ServesAgain() const noexcept { return (mended_ & kMendRestart) != 0; }
 
+  // A flow that has moved to another node is measured and reported anew there, hears the old node
+  // out, and can move again.
+  bool StartsAnewAfterSwitch() const noexcept { return (mended_ & kMendAfterSwitch) != 0; }
+
   u32 bits() const noexcept { return mended_; }
 
  private:

@@ -25,6 +25,7 @@ constexpr NamedValue kMendings[] = {
     {"reset", kMendReset},
     {"connect-ex", kMendConnectEx},
     {"restart", kMendRestart},
+    {"after-switch", kMendAfterSwitch},
 };
 constexpr Beside kMendingOfGame = {.records = offsetof(Tables, restriction.games),
                                    .record_size = sizeof(AccConfigRecord),
