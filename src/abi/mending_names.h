@@ -17,6 +17,7 @@ inline constexpr MendingName kMendingNames[] = {
     {"connect-ex", kMendConnectEx},
     {"restart", kMendRestart},
     {"fast-fallback", kMendFallback},
+    {"after-switch", kMendAfterSwitch},
     {"start", kMendStart},
     {"names", kMendNames},
     {"datagram-match", kMendDatagramMatch},

@@ -55,6 +55,10 @@ class Mending {
   // Each address that a datagram socket talks to has a loopback port of its own, which names it.
   bool GivesEachPeerAPort() const noexcept { return (mended_ & kMendDatagramMatch) != 0; }
 
+  // A flow that has moved to another node is measured and reported anew there, hears the old node
+  // out, and can move again.
+  bool StartsAnewAfterSwitch() const noexcept { return (mended_ & kMendAfterSwitch) != 0; }
+
   u32 bits() const noexcept { return mended_; }
 
  private:

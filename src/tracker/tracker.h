@@ -62,6 +62,9 @@ class Tracker {
   void AddToWatchList(SOCKET socket, u32 type, u32 token) noexcept;
   // Called once the socket is closed: leaves its last report, if it was accelerated.
   void RemoveFromWatchList(SOCKET socket) noexcept;
+  // A flow has moved from one watched socket to another, and through it to the decision's node: its
+  // reports go on there, with all that it has carried. `from` is watched no more.
+  void MoveFlow(SOCKET from, SOCKET to, const AccDecisionInfo* decision) noexcept;
   // Null if the socket is not watched.
   SocketQosRecord* Find(SOCKET socket) noexcept;
 

@@ -64,6 +64,17 @@ void NodeLink::Adopt(NodeLink* other) noexcept {
   blocked_.splice(blocked_.end(), other->blocked_);
 }
 
+void NodeLink::CopyFrom(const NodeLink& other) noexcept {
+  sock_ = other.sock_;
+  info_ = other.info_;
+}
+
+void NodeLink::Clear() noexcept {
+  sock_ = INVALID_SOCKET;
+  info_ = {};
+  blocked_.clear();
+}
+
 // --- negotiation ---------------------------------------------------------------------------------
 
 u32 NodeLink::SendRequest(const AccDecisionInfo& decision, u8 retry,

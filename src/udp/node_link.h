@@ -50,6 +50,11 @@ class NodeLink {
   // own. The caller closes the former socket.
   void Adopt(NodeLink* other) noexcept;
 
+  // Names the same socket and node as the other link. What waits for room stays with that one.
+  void CopyFrom(const NodeLink& other) noexcept;
+  // Names none.
+  void Clear() noexcept;
+
   AcclLinkInfo& info() noexcept { return info_; }
   const AcclLinkInfo& info() const noexcept { return info_; }
 

@@ -55,6 +55,12 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   bool FireSwitch(const RecoverySwitchRecord& report) noexcept;
   // The trial's node has passed: game datagrams leave through it from here on.
   void OnVerified() noexcept;
+  // What the other node has sent to the game, before its link is the flow's or after. `watch`
+  // counts it; null: it tells nothing about the link.
+  void DeliverData(const UdpPackage& package, const UdpAcclHeader& header,
+                   LinkWatch* watch) noexcept;
+  // See Mending::StartsAnewAfterSwitch.
+  bool StartsAnewAfterSwitch() const noexcept { return starts_anew_; }
   // The trial's node has sent this datagram of the game's: its link becomes the flow's.
   void TakeOver(const UdpPackage& proof, const UdpAcclHeader& header) noexcept;
 
@@ -76,6 +82,7 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   void HandleAcclSend(const UdpPackage& package) noexcept;
   void HandleRemotePacket(const UdpPackage& package) noexcept;
   void HandleAcclRecv(const UdpPackage& package, const UdpAcclHeader& header) noexcept;
+  void HandleLateAnswer(const UdpPackage& package) noexcept;
   bool HandleReply(const UdpPackage& package) noexcept;
 
   // udp_remote_session_node.cpp
@@ -93,6 +100,9 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   void FlushCachedPackages() noexcept;
   bool TakeUp(LinkRequest request) noexcept;
   void EndTrial() noexcept;
+  void LeaveNode() noexcept;
+  void EndLeft() noexcept;
+  void BeginAnew(SOCKET left_sock) noexcept;
 
   const UdpFlow flow_;
   SOCKET local_sock_ = INVALID_SOCKET;  // faces the game; the link's too, until a switch
@@ -106,6 +116,9 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   NodeLink link_;                   // to the node that the flow goes through
   LinkWatch watch_;
   std::unique_ptr<UdpSwitchRemoteSession> trial_;
+  NodeLink left_{flow_, false};  // to the node that the flow left last, until that is told of it
+  u32 left_ms_ = 0;              // since then
+  const bool starts_anew_;
   AcclLinkInfo last_verified_;  // of the last node that was taken over after it had passed
 };
 

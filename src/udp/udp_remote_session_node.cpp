@@ -11,6 +11,7 @@
 #include "relay/nego_common.h"
 #include "relay/node_choice.h"
 #include "route/route.h"
+#include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
 #include "udp/udp_provider.h"
 #include "udp/udp_remote_session.h"
@@ -205,10 +206,15 @@ void UdpRemoteSession::OnVerified() noexcept {
 // The local socket stays, and with it the port that the game talks to.
 void UdpRemoteSession::TakeOver(const UdpPackage& proof, const UdpAcclHeader& header) noexcept {
   LogSwitchState(kSwitchTakenOver, link_.sock(), flow_.token);
-  TellNodeOfEnd();  // the node that the flow is leaving
   IRelaySocketMgr* const mgr = flow_.session->provider()->SessionMgr();
-  // Kept: after a second switch the socket in between stays open until the process ends.
-  if (link_.sock() != local_sock_) mgr->RemoveSocket(link_.sock());
+  const SOCKET left_sock = link_.sock();
+  if (starts_anew_) {
+    LeaveNode();
+  } else {
+    TellNodeOfEnd();  // the node that the flow is leaving
+    // Kept: after a second switch the socket in between stays open until the process ends.
+    if (left_sock != local_sock_) mgr->RemoveSocket(left_sock);
+  }
   const SOCKET new_sock = trial_->sock();
   LSP_LOG(5, "UdpRemoteSession::ReplaceSock, new socket=%u, ori socket=%u, token=%u",
           static_cast<u32>(new_sock), static_cast<u32>(local_sock_), flow_.token);
@@ -222,8 +228,34 @@ void UdpRemoteSession::TakeOver(const UdpPackage& proof, const UdpAcclHeader& he
   } else {
     link_.info() = last_verified_;
   }
+  if (starts_anew_) BeginAnew(left_sock);
   link_.StartWatch(&watch_, decision_, client_info);
   if (link_.IsFromNode(proof)) HandleAcclRecv(proof, header);
+}
+
+// The node is told of the end once its last answers can have arrived: it passes on none after that.
+void UdpRemoteSession::LeaveNode() noexcept {
+  EndLeft();
+  left_.CopyFrom(link_);
+  left_ms_ = 0;
+}
+
+void UdpRemoteSession::EndLeft() noexcept {
+  const SOCKET sock = left_.sock();
+  if (sock == INVALID_SOCKET) return;
+  if (!flow_.session->provider()->IsStopping()) left_.SendEnd();
+  left_.Clear();
+  if (sock == local_sock_) return;
+  flow_.session->provider()->SessionMgr()->RemoveSocket(sock);
+  CloseRelaySocket(sock);
+}
+
+// The new link is the flow's: its reports go on under the new node, and no figure of the old one
+// counts.
+void UdpRemoteSession::BeginAnew(SOCKET left_sock) noexcept {
+  GetTracker().MoveFlow(left_sock, link_.sock(), &decision_);
+  watch_.Forget();
+  if (link_.HasBlocked()) flow_.session->provider()->SessionMgr()->EnableWrite(link_.sock());
 }
 
 }  // namespace moru_vyr::lsp
