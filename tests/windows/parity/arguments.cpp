@@ -11,7 +11,8 @@ void Creation() {
   Note("socket of an unknown type", Said(static_cast<int>(socket(AF_INET, 99, 0))));
   Note("socket of an unknown protocol", Said(static_cast<int>(socket(AF_INET, SOCK_STREAM, 99))));
   Note("a stream of UDP", Said(static_cast<int>(socket(AF_INET, SOCK_STREAM, IPPROTO_UDP))));
-  Note("a datagram socket of TCP", Said(static_cast<int>(socket(AF_INET, SOCK_DGRAM, IPPROTO_TCP))));
+  Note("a datagram socket of TCP",
+       Said(static_cast<int>(socket(AF_INET, SOCK_DGRAM, IPPROTO_TCP))));
   const Socket plain(socket(AF_INET, SOCK_STREAM, 0));
   Note("a stream without a protocol", YesNo(plain != INVALID_SOCKET));
 }

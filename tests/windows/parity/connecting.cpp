@@ -28,16 +28,19 @@ void InOneCall() {
   Note("echo", Receive(peer.s));
   const Socket first = NewStream();
   Bound(first);
-  Note("connect to a server that speaks first", Said(connect(first, Of(Address(kServerIp, kFirstPort)), sizeof kServer)));
+  Note("connect to a server that speaks first",
+       Said(connect(first, Of(Address(kServerIp, kFirstPort)), sizeof kServer)));
   Note("what it says", Receive(first));
   const Socket direct = NewStream();
-  Note("connect to a server of no table", Said(connect(direct, Of(Address(kDirectIp, kPort)), sizeof kServer)));
+  Note("connect to a server of no table",
+       Said(connect(direct, Of(Address(kDirectIp, kPort)), sizeof kServer)));
   const Socket bound = NewStream();
   bind(bound, Of(Address("0.0.0.0", 0)), sizeof kServer);
   Note("connect of a bound socket", Said(connect(bound, Of(kServer), sizeof kServer)));
   const Socket mine = NewStream();
   bind(mine, Of(Address("198.51.100.1", 0)), sizeof kServer);
-  Note("connect of a socket bound to the machine's address", Said(connect(mine, Of(kServer), sizeof kServer)));
+  Note("connect of a socket bound to the machine's address",
+       Said(connect(mine, Of(kServer), sizeof kServer)));
 }
 
 void WithoutWaiting() {
@@ -86,7 +89,8 @@ void OverTheLoopback() {
   Send(pair.near_end, "through the machine");
   Note("a connection over the loopback", Receive(pair.far_end));
   const Socket s = NewStream();
-  Note("WSAConnect", Said(WSAConnect(s, Of(kServer), sizeof kServer, nullptr, nullptr, nullptr, nullptr)));
+  Note("WSAConnect",
+       Said(WSAConnect(s, Of(kServer), sizeof kServer, nullptr, nullptr, nullptr, nullptr)));
   int connected = 0;
   for (int i = 0; i < 20; ++i) {
     const Peer peer = Ask("echo");

@@ -10,7 +10,8 @@ Socket Second(SOCKET s, DWORD flags = WSA_FLAG_OVERLAPPED) {
   WSAPROTOCOL_INFOW info = {};
   const int result = WSADuplicateSocketW(s, GetCurrentProcessId(), &info);
   if (result != 0) return Socket(INVALID_SOCKET);
-  return Socket(WSASocketW(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0, flags));
+  return Socket(
+      WSASocketW(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &info, 0, flags));
 }
 
 void OfAStream() {
@@ -59,43 +60,30 @@ void OfADatagramSocket() {
   first.Close();
   Note("an answer after the first is closed", Receive(second));
   WSAPROTOCOL_INFOW info = {};
-  Note("a duplicate of no socket", Said(WSADuplicateSocketW(0x12344, GetCurrentProcessId(), &info)));
+  Note("a duplicate of no socket",
+       Said(WSADuplicateSocketW(0x12344, GetCurrentProcessId(), &info)));
   Note("a duplicate for no process", Said(WSADuplicateSocketW(second, 3, &info)));
 }
 
-// Starts this program as a child that inherits the handle; returns its exit code.
-DWORD RunChild(SOCKET s) {
+// Starts this program as a child that inherits the handle, and waits until it has said what it
+// sees.
+bool RunChild(SOCKET s, const wchar_t* kind) {
   wchar_t path[MAX_PATH];
   GetModuleFileNameW(nullptr, path, MAX_PATH);
   std::wstring line = std::wstring(L"\"").append(path).append(L"\" child ");
-  line.append(std::to_wstring(s)).append(L" -test");
+  line.append(std::to_wstring(s)).append(L" ").append(kind);
   STARTUPINFOW start = {};
   start.cb = sizeof start;
   PROCESS_INFORMATION process = {};
-  if (!CreateProcessW(path, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &start, &process)) {
-    return 99;
+  if (!CreateProcessW(path, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &start,
+                      &process)) {
+    return false;
   }
-  DWORD code = 98;
-  if (WaitForSingleObject(process.hProcess, 8000) == WAIT_OBJECT_0) {
-    GetExitCodeProcess(process.hProcess, &code);
-  } else {
-    TerminateProcess(process.hProcess, 97);
-  }
+  const bool ended = WaitForSingleObject(process.hProcess, 8000) == WAIT_OBJECT_0;
+  if (!ended) TerminateProcess(process.hProcess, 1);
   CloseHandle(process.hThread);
   CloseHandle(process.hProcess);
-  return code;
-}
-
-// What a child that tries everything says by its exit code.
-constexpr DWORD kSent = 1, kReceived = 2, kNamed = 4, kClosed = 8;
-
-void NoteChild(const char* what, DWORD code) {
-  std::string text = (code & kSent) != 0 ? "sends" : "does not send";
-  text.append((code & kReceived) != 0 ? ", receives" : ", does not receive");
-  text.append((code & kNamed) != 0 ? ", knows its peer" : ", does not know its peer");
-  text.append((code & kClosed) != 0 ? ", closes" : ", does not close");
-  if (code > 15) text = std::string("ends with ").append(std::to_string(code));
-  Note(what, text);
+  return ended;
 }
 
 }  // namespace
@@ -107,17 +95,20 @@ void Duplicated() {
 }
 
 void Inherited() {
-  const Peer peer = Ask("echo");
+  Peer peer = Ask("echo");
   DWORD flags = 0;
   GetHandleInformation(reinterpret_cast<HANDLE>(static_cast<SOCKET>(peer.s)), &flags);
   Note("a socket can be inherited", YesNo((flags & HANDLE_FLAG_INHERIT) != 0));
-  NoteChild("a child with a connected stream", RunChild(peer.s));
+  Note("a child with a connected stream ends", YesNo(RunChild(peer.s, L"stream")));
   Note("the parent's stream works on", Said(Send(peer.s, "again")));
   Note("its echo", Receive(peer.s));
-  const Socket later = NewStream();
-  Bound(later);
-  const DWORD code = RunChild(later);
-  NoteChild("a child with a stream that is not connected", code);
+  Socket datagrams = NewDatagram();
+  const sockaddr_in server = Address(kServerIp, kPort);
+  sendto(datagrams, "echo first", 10, 0, Of(server), sizeof server);
+  Note("an answer before the child", Receive(datagrams));
+  Note("a child with a datagram socket ends", YesNo(RunChild(datagrams, L"datagrams")));
+  sendto(datagrams, "echo last", 9, 0, Of(server), sizeof server);
+  Note("an answer after the child", Receive(datagrams));
   const Socket hidden(WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
                                  WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT));
   flags = 1;
@@ -125,16 +116,23 @@ void Inherited() {
   Note("one that is made not to be inherited", YesNo((flags & HANDLE_FLAG_INHERIT) != 0));
 }
 
-int Child(const char* handle_text) {
+int Child(const char* handle_text, const std::string& kind) {
   const auto s = static_cast<SOCKET>(std::strtoul(handle_text, nullptr, 10));
-  const std::string word = "from the child";
-  DWORD code = Send(s, word) == static_cast<int>(word.size()) ? kSent : 0;
-  if (Receive(s) == word) code |= kReceived;
-  sockaddr_in address = {};
-  int size = sizeof address;
-  if (getpeername(s, Of(address), &size) == 0 && ntohs(address.sin_port) == kPort) code |= kNamed;
-  if (closesocket(s) == 0) code |= kClosed;
-  return static_cast<int>(code);
+  if (kind == "stream") {
+    Note("the child sends", Said(Send(s, "from the child")));
+    Note("the child receives", Receive(s));
+    sockaddr_in address = {};
+    int size = sizeof address;
+    const int named = getpeername(s, Of(address), &size);
+    Note("the child's getpeername", named == 0 ? Text(address) : Said(named));
+    Note("the child's SO_ERROR", Number(static_cast<unsigned>(ErrorOption(s))));
+    Note("the child closes", Said(closesocket(s)));
+    return 0;
+  }
+  const sockaddr_in server = Address(kServerIp, kPort);
+  Note("the child's sendto", Said(sendto(s, "echo child", 10, 0, Of(server), sizeof server)));
+  Note("the answer to the child", Receive(s));
+  return 0;
 }
 
 }  // namespace parity

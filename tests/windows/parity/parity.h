@@ -88,7 +88,7 @@ Socket NewDatagram();
 struct Peer {
   Socket s;
   std::string id;
-  int connected;           // what connect said
+  int connected;            // what connect said
   std::string Saw() const;  // what the peer saw of it until its end
 };
 Peer Ask(const std::string& what);
@@ -101,6 +101,7 @@ std::string PeerSaw(const std::string& id);
 // --- Small steps. -----------------------------------------------------------------------------
 int Send(SOCKET s, const std::string& text, int flags = 0);
 std::string Receive(SOCKET s, int size = 64, int flags = 0);  // text, "end", or the error
+std::string ReceiveAll(SOCKET s, size_t size);                // that many bytes, however they come
 std::string ReceiveToEnd(SOCKET s);                           // "text, end", or "text, error N"
 void SetBlocking(SOCKET s, bool blocking);
 int ErrorOption(SOCKET s);                   // SO_ERROR
@@ -164,6 +165,6 @@ void Listening();
 void Ipv6();
 
 // What the child of `Inherited` does with the handle it got.
-int Child(const char* handle_text);
+int Child(const char* handle_text, const std::string& kind);
 
 }  // namespace parity

@@ -12,7 +12,6 @@ A stream server reads one line, ID VERB [ARGUMENT], and then does what the verb 
   bye [TEXT]    sends the text and closes
   reset [TEXT]  sends the text, and a moment later resets the connection
   pour N        sends N bytes and closes
-  drops         sends single bytes with pauses
   urgent        sends "ab", then "!" as urgent data, then "cd", then echoes
   urgent-sink   reads to the game's end, counting urgent bytes
   saw ID        answers what the server saw of that connection: bytes and how it ended
@@ -151,13 +150,6 @@ class Streams:
     def do_pour(self, connection, text, seen):
         connection.sendall(b"p" * int(text))
 
-    def do_drops(self, connection, text, seen):
-        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        for byte in b"drops":
-            connection.sendall(bytes([byte]))
-            time.sleep(0.05)
-        self._read(connection, seen)
-
     def do_urgent(self, connection, text, seen):
         connection.sendall(b"ab")
         time.sleep(0.1)
@@ -173,6 +165,7 @@ class Streams:
             if except_ and not urgent:
                 urgent = connection.recv(1, socket.MSG_OOB)
                 seen["note"] = f", urgent {urgent.decode()}"
+                continue
             if not readable:
                 break
             data = connection.recv(65536)
@@ -217,10 +210,3 @@ class Datagrams:
             elif verb == "late":
                 time.sleep(MOMENT_S)
                 s.sendto(text, peer)
-            elif verb == "size":
-                s.sendto(str(len(data_of(verb, text))).encode(), peer)
-
-
-def data_of(verb, text):
-    """The datagram that these came out of."""
-    return verb.encode("latin-1") + b" " + text

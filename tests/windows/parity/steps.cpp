@@ -1,5 +1,5 @@
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "parity.h"
 
@@ -53,11 +53,14 @@ void Bound(SOCKET s) {
   setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&limit), sizeof limit);
 }
 
+// Always of the same length, so that what is sent is.
 std::string NewId() {
   static LONG count = 0;
-  const LONG number = InterlockedIncrement(&count);
-  return std::to_string(GetCurrentProcessId()).append("-").append(std::to_string(number)).append(
-      "-").append(std::to_string(GetTickCount()));
+  const auto number = static_cast<unsigned>(InterlockedIncrement(&count));
+  char text[32];
+  std::snprintf(text, sizeof text, "%08x-%04x-%08x", static_cast<unsigned>(GetCurrentProcessId()),
+                number, static_cast<unsigned>(GetTickCount()));
+  return text;
 }
 
 std::string Request(const std::string& id, const std::string& what) {
@@ -92,6 +95,16 @@ std::string Receive(SOCKET s, int size, int flags) {
   if (got <= 0) return got == 0 ? "end" : Said(got);
   text.resize(static_cast<size_t>(got));
   return text;
+}
+
+std::string ReceiveAll(SOCKET s, size_t size) {
+  std::string all;
+  char buffer[4096];
+  for (int got = 1; got > 0 && all.size() < size;) {
+    got = recv(s, buffer, static_cast<int>(std::min(sizeof buffer, size - all.size())), 0);
+    if (got > 0) all.append(buffer, static_cast<size_t>(got));
+  }
+  return all;
 }
 
 std::string ReceiveToEnd(SOCKET s) {

@@ -27,7 +27,15 @@ def subject(name):
 class Table:
     def __init__(self, columns):
         self.columns = columns
-        self.names = list(dict.fromkeys(name for column in columns.values() for name in column))
+        self._order()
+
+    def _order(self):
+        """By subject, as the program alone has them: processes that it starts print between."""
+        names = list(dict.fromkeys(name for column in self.columns.values() for name in column))
+        ends = [subject(name) for name in names if name.endswith(": comes to its end")]
+        last = len(ends)
+        at = {one: number for number, one in enumerate(ends)}
+        self.names = sorted(names, key=lambda name: at.get(subject(name), last))
 
     def value(self, name, way):
         return self.columns[way].get(name, MISSING)
@@ -66,9 +74,9 @@ class Table:
                 for way in WAYS:
                     kept = {n: v for n, v in self.columns[way].items() if subject(n) != one}
                     new = {n: v for n, v in other.columns[way].items() if subject(n) == one}
-                    self.columns[way] = {n: {**kept, **new}[n] for n in dict.fromkeys([*self.names, *new])
-                                         if n in kept or n in new}  # fmt: skip
-        self.names = list(dict.fromkeys(n for column in self.columns.values() for n in column))
+                    both = {**kept, **new}
+                    self.columns[way] = {n: both[n] for n in dict.fromkeys([*self.names, *new]) if n in both}
+        self._order()
 
 
 def row(cells):
