@@ -19,7 +19,7 @@ void Timeouts() {
   Note("recv with a timeout", Receive(peer.s));
   Note("its time", watch.Took(300));
   Send(peer.s, "after");
-  SetTimeout(peer.s, SO_RCVTIMEO, kPatienceMs);
+  SetTimeout(peer.s, SO_RCVTIMEO, PatienceMs());
   Note("recv behind a timeout", Receive(peer.s));
   const Peer late = Ask("late word");
   const Watch waiting;
@@ -79,7 +79,7 @@ std::string EndOfWait(Peer* peer, void (*end)(Peer*)) {
   const HANDLE thread = CreateThread(nullptr, 0, Wait, &waiting, 0, nullptr);
   Sleep(100);
   end(peer);
-  WaitForSingleObject(thread, 2 * kPatienceMs);
+  WaitForSingleObject(thread, 2 * PatienceMs());
   CloseHandle(thread);
   return waiting.said;
 }

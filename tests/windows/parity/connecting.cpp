@@ -46,7 +46,7 @@ void InOneCall() {
 void WithoutWaiting() {
   const Socket s = NewStream();
   Note("non-blocking connect", Said(Begin(s, kServer)));
-  Note("what select says of it", Ready(s, kPatienceMs));
+  Note("what select says of it", Ready(s, PatienceMs()));
   Note("SO_ERROR of it", Number(static_cast<unsigned>(ErrorOption(s))));
   Note("connect again behind it", Said(connect(s, Of(kServer), sizeof kServer)));
   Note("send behind it", Said(Send(s, Request(NewId(), "say hello"))));
@@ -72,7 +72,7 @@ void Refused() {
   Note("connect after a refusal", Said(connect(s, Of(kServer), sizeof kServer)));
   const Socket later = NewStream();
   Note("non-blocking connect where nobody listens", Said(Begin(later, kRefused)));
-  Note("what select says of a refusal", Ready(later, kPatienceMs));
+  Note("what select says of a refusal", Ready(later, PatienceMs()));
   Note("SO_ERROR of a refusal", Number(static_cast<unsigned>(ErrorOption(later))));
   Note("SO_ERROR of a refusal again", Number(static_cast<unsigned>(ErrorOption(later))));
   Note("recv after a refusal", Receive(later));

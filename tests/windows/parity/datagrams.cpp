@@ -28,6 +28,7 @@ std::string ReceiveFrom(SOCKET s, int size = 2000, int flags = 0) {
     return std::string(error).append(" ").append(room).append(" from ").append(Text(from));
   }
   room.resize(static_cast<size_t>(got));
+  if (got == 0) room = "nothing";
   if (got > 40) room = Number(static_cast<unsigned>(got)).append(" bytes");
   return room.append(" from ").append(Text(from));
 }
@@ -277,7 +278,7 @@ void ByAPort() {
     DWORD bytes = 0;
     ULONG_PTR key = 0;
     OVERLAPPED* done = nullptr;
-    const BOOL good = GetQueuedCompletionStatus(port, &bytes, &key, &done, kPatienceMs);
+    const BOOL good = GetQueuedCompletionStatus(port, &bytes, &key, &done, PatienceMs());
     std::string said = done == nullptr ? "nothing" : good ? "word" : "an error";
     if (good) {
       for (const Arrival& arrival : arrivals) {

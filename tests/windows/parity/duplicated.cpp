@@ -56,9 +56,10 @@ void OfADatagramSocket() {
   const sockaddr_in server = Address(kServerIp, kPort);
   Note("sendto by the second", Said(sendto(second, "echo word", 9, 0, Of(server), sizeof server)));
   Note("its answer at the first", Receive(first));
-  sendto(first, "echo more", 9, 0, Of(server), sizeof server);
   first.Close();
-  Note("an answer after the first is closed", Receive(second));
+  Note("sendto after the first is closed",
+       Said(sendto(second, "echo more", 9, 0, Of(server), sizeof server)));
+  Note("its answer at the second", Receive(second));
   WSAPROTOCOL_INFOW info = {};
   Note("a duplicate of no socket",
        Said(WSADuplicateSocketW(0x12344, GetCurrentProcessId(), &info)));

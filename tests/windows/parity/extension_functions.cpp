@@ -35,7 +35,7 @@ void Connects() {
                                  static_cast<DWORD>(words.size()), &sent, &pending.overlapped);
   Note("ConnectEx with data", result ? "true" : Said(SOCKET_ERROR));
   if (!result) WSASetLastError(WSA_IO_PENDING);
-  const std::string end = pending.End(s, Begun(result), 3 * kPatienceMs);
+  const std::string end = pending.End(s, Begun(result), 3 * PatienceMs());
   Note("its end", end == Number(words.size()).append(" bytes") ? "all bytes" : end);
   Note("SO_UPDATE_CONNECT_CONTEXT",
        Said(setsockopt(s, SOL_SOCKET, SO_UPDATE_CONNECT_CONTEXT, nullptr, 0)));
@@ -62,7 +62,7 @@ void Refused() {
       connect_ex(s, Of(nobody), sizeof nobody, nullptr, 0, &sent, &pending.overlapped);
   Note("ConnectEx where nobody listens", result ? "true" : Said(SOCKET_ERROR));
   if (!result) WSASetLastError(WSA_IO_PENDING);
-  Note("the end of a refusal", pending.End(s, Begun(result), 3 * kPatienceMs));
+  Note("the end of a refusal", pending.End(s, Begun(result), 3 * PatienceMs()));
   const Socket direct = BoundStream();
   const sockaddr_in server = Address(kDirectIp, kPort);
   Pending other;
@@ -126,7 +126,7 @@ void Transmits() {
   const auto transmit = Extension<LPFN_TRANSMITFILE>(peer.s, WSAID_TRANSMITFILE);
   Pending pending;
   const BOOL result = transmit(peer.s, file, 0, 0, &pending.overlapped, nullptr, 0);
-  Note("TransmitFile", pending.End(peer.s, Begun(result), 3 * kPatienceMs));
+  Note("TransmitFile", pending.End(peer.s, Begun(result), 3 * PatienceMs()));
   shutdown(peer.s, SD_SEND);
   Note("what the server saw of a file", peer.Saw());
   CloseHandle(file);

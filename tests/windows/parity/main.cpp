@@ -1,7 +1,7 @@
 // Prints what programs rely on, an observation a line: NAME<TAB>VALUE.
 //
-//   parity [SUBJECT...]      all subjects by default
-//   parity child HANDLE KIND the other process of the subject "inherited"
+//   parity [calm] [SUBJECT...]  all subjects by default; calm: few at a time, with long patience
+//   parity child HANDLE KIND    the other process of the subject "inherited"
 //
 // Each subject has a thread of its own, so that one that hangs is named and left behind, and some
 // look at the same time, since most of them wait.
@@ -16,6 +16,7 @@ namespace {
 
 constexpr DWORD kLongestMs = 40'000;  // all of it
 constexpr LONG kAtOnce = 5;
+constexpr LONG kAtOnceCalm = 2;
 
 struct Subject {
   const char* name;
@@ -87,7 +88,7 @@ void Print(Run* run, DWORD longest_ms) {
 bool Chosen(const Subject& subject, int argc, char** argv) {
   bool named = false;
   for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "-test") == 0) continue;
+    if (std::strcmp(argv[i], "calm") == 0) continue;
     named = true;
     if (std::strcmp(argv[i], subject.name) == 0) return true;
   }
@@ -134,7 +135,9 @@ int main(int argc, char** argv) {
   if (WSAStartup(MAKEWORD(2, 2), &data) != 0) return 1;
   InitializeCriticalSection(&parity::g_lock);
   if (argc > 3 && std::strcmp(argv[1], "child") == 0) return parity::LookAsChild(argv);
-  parity::g_turns = CreateSemaphoreW(nullptr, parity::kAtOnce, parity::kAtOnce, nullptr);
+  parity::g_calm = argc > 1 && std::strcmp(argv[1], "calm") == 0;
+  const LONG at_once = parity::g_calm ? parity::kAtOnceCalm : parity::kAtOnce;
+  parity::g_turns = CreateSemaphoreW(nullptr, at_once, at_once, nullptr);
   parity::LookAtAll(argc, argv);
   WSACleanup();
   return 0;

@@ -16,7 +16,7 @@ void Received() {
   const Peer peer = Ask("urgent");
   SetBlocking(peer.s, false);
   Readable(peer.s);
-  Sleep(300);
+  Sleep(500);
   Note("select of urgent data", Excepted(peer.s));
   Note("recv of urgent data", Receive(peer.s, 1, MSG_OOB));
   Note("select behind it", Excepted(peer.s));
@@ -32,9 +32,9 @@ void InLine() {
   const BOOL on = TRUE;
   Note("SO_OOBINLINE", Said(setsockopt(peer.s, SOL_SOCKET, SO_OOBINLINE,
                                        reinterpret_cast<const char*>(&on), sizeof on)));
-  Sleep(400);
-  std::string all = Receive(peer.s);
-  if (Readable(peer.s, kQuietMs)) all.append("/").append(Receive(peer.s));
+  Sleep(500);
+  std::string all;
+  while (Readable(peer.s, kQuietMs)) all.append(Receive(peer.s));
   Note("urgent data in line", all);
 }
 

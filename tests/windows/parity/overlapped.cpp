@@ -82,7 +82,7 @@ void EventSizes() {
   const Peer peer = Ask("sink");
   std::string much(2 << 20, 'o');
   Pending send;
-  Note("a send of much", send.End(peer.s, BeginSend(peer.s, &much, &send), 3 * kPatienceMs));
+  Note("a send of much", send.End(peer.s, BeginSend(peer.s, &much, &send), 3 * PatienceMs()));
   shutdown(peer.s, SD_SEND);
   Note("what the server saw", peer.Saw());
   Pending none;
@@ -111,7 +111,7 @@ void CALLBACK OnDone(DWORD error, DWORD bytes, WSAOVERLAPPED* overlapped, DWORD 
 }
 
 std::string End(const Call& call) {
-  for (DWORD begin = GetTickCount(); call.count == 0 && GetTickCount() - begin < kPatienceMs;) {
+  for (DWORD begin = GetTickCount(); call.count == 0 && GetTickCount() - begin < PatienceMs();) {
     SleepEx(50, TRUE);
   }
   if (call.count != 1) return Number(static_cast<unsigned>(call.count)).append(" calls");
@@ -168,7 +168,7 @@ void RoutineEnds() {
 }
 
 // --- By port. -----------------------------------------------------------------------------------
-std::string Next(HANDLE port, const void* wanted, DWORD patience_ms = kPatienceMs) {
+std::string Next(HANDLE port, const void* wanted, DWORD patience_ms = PatienceMs()) {
   DWORD bytes = 0;
   ULONG_PTR key = 0;
   OVERLAPPED* done = nullptr;
@@ -207,6 +207,7 @@ void PortTransfers() {
   WSASend(peer.s, &buffer, 1, nullptr, 0, &send, nullptr);
   Note("the completion of a send", Next(port, &send));
   Note("one completion each", Next(port, &send, 100));
+  Readable(peer.s);
   OVERLAPPED zero = {};
   Note("a receive of zero bytes", Said(ReceiveByPort(peer.s, room, 0, &zero)));
   Note("the completion of it", Next(port, &zero));

@@ -11,8 +11,10 @@
 
 namespace parity {
 
-constexpr DWORD kPatienceMs = 1500;  // for what should come and may not
-constexpr DWORD kQuietMs = 300;      // for what should not come
+// For what should come and may not; longer in a calm run, for a machine that is busy.
+inline bool g_calm = false;
+inline DWORD PatienceMs() { return g_calm ? 5000 : 1500; }
+constexpr DWORD kQuietMs = 300;  // for what should not come
 
 void Note(const char* name, const std::string& value);
 
@@ -46,7 +48,7 @@ class Event {
   ~Event() { WSACloseEvent(handle_); }
   Event(const Event&) = delete;
   operator WSAEVENT() const { return handle_; }  // NOLINT: it is one
-  bool Await(DWORD patience_ms = kPatienceMs) const {
+  bool Await(DWORD patience_ms = PatienceMs()) const {
     return WaitForSingleObject(handle_, patience_ms) == WAIT_OBJECT_0;
   }
 
@@ -84,7 +86,7 @@ Socket NewStream();
 Socket NewDatagram();
 
 // A connection whose peer has been asked to do something, see peers.py. Calls that would block for
-// ever end after kPatienceMs.
+// ever end after PatienceMs().
 struct Peer {
   Socket s;
   std::string id;
@@ -106,8 +108,8 @@ std::string ReceiveToEnd(SOCKET s);                           // "text, end", or
 void SetBlocking(SOCKET s, bool blocking);
 int ErrorOption(SOCKET s);                   // SO_ERROR
 std::string Ready(SOCKET s, DWORD wait_ms);  // of "read write except", what select says
-bool Readable(SOCKET s, DWORD wait_ms = kPatienceMs);
-bool Writable(SOCKET s, DWORD wait_ms = kPatienceMs);
+bool Readable(SOCKET s, DWORD wait_ms = PatienceMs());
+bool Writable(SOCKET s, DWORD wait_ms = PatienceMs());
 // A listener on the loopback, a connected pair of sockets over it.
 Socket Listener(sockaddr_in* address);
 struct Pair {
@@ -130,7 +132,7 @@ class Pending {
  public:
   Pending() { overlapped.hEvent = event; }
   // How it ended: "5 bytes", "error N", or "pending" once the time is over; then it is cancelled.
-  std::string End(SOCKET s, int result, DWORD patience_ms = kPatienceMs);
+  std::string End(SOCKET s, int result, DWORD patience_ms = PatienceMs());
 
   Event event;
   WSAOVERLAPPED overlapped = {};

@@ -32,7 +32,7 @@ void WithoutRoom() {
   Note("sending ends with", end);
   Note("something went", YesNo(sent > 0));
   Note("select without room", Ready(peer.s, 0));
-  Note("select once there is room", YesNo(Writable(peer.s, 3 * kPatienceMs)));
+  Note("select once there is room", YesNo(Writable(peer.s, 3 * PatienceMs())));
   const int more = Send(peer.s, "more");
   Note("send once there is room", Said(more));
   if (more > 0) sent += static_cast<size_t>(more);

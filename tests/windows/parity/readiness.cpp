@@ -19,7 +19,7 @@ void SelectStates() {
   Note("a listener", Ready(listener, 0));
   const Socket caller = NewStream();
   connect(caller, Of(address), sizeof address);
-  Note("a listener with a caller", Ready(listener, kPatienceMs));
+  Note("a listener with a caller", Ready(listener, PatienceMs()));
 }
 
 void SelectMany() {
@@ -134,7 +134,7 @@ constexpr UINT kMessage = WM_USER + 1;
 
 std::string Message(HWND window, int wanted) {
   const DWORD begin = GetTickCount();
-  while (GetTickCount() - begin < kPatienceMs) {
+  while (GetTickCount() - begin < PatienceMs()) {
     MSG message;
     if (!PeekMessageW(&message, window, kMessage, kMessage, PM_REMOVE)) {
       MsgWaitForMultipleObjects(0, nullptr, FALSE, 50, QS_ALLINPUT);
@@ -200,27 +200,27 @@ void PollStates() {
   const Peer peer = Ask("late word");
   Note("a connection", Poll(peer.s, POLLIN | POLLOUT, 0));
   Note("nothing to read", Poll(peer.s, POLLIN, 50));
-  Note("something to read", Poll(peer.s, POLLIN, kPatienceMs));
+  Note("something to read", Poll(peer.s, POLLIN, PatienceMs()));
   Note("both", Poll(peer.s, POLLIN | POLLOUT, 0));
   Note("a socket without a connection", Poll(NewStream(), POLLOUT, 0));
   Note("no socket", Poll(0x12344, POLLIN, 0));
   const Peer ended = Ask("bye");
   Readable(ended.s);
-  Note("the end", Poll(ended.s, POLLIN, kPatienceMs));
+  Note("the end", Poll(ended.s, POLLIN, PatienceMs()));
   const Peer reset = Ask("reset slow");
   Receive(reset.s);
   Readable(reset.s);
-  Note("a reset", Poll(reset.s, POLLIN, kPatienceMs));
+  Note("a reset", Poll(reset.s, POLLIN, PatienceMs()));
   const Socket s = NewStream();
   SetBlocking(s, false);
   const sockaddr_in server = Address(kServerIp, kPort);
   connect(s, Of(server), sizeof server);
-  Note("a connection that comes to be", Poll(s, POLLOUT, kPatienceMs));
+  Note("a connection that comes to be", Poll(s, POLLOUT, PatienceMs()));
   const Socket refused = NewStream();
   SetBlocking(refused, false);
   const sockaddr_in nobody = Address(kServerIp, kRefusedPort);
   connect(refused, Of(nobody), sizeof nobody);
-  Note("a refusal", Poll(refused, POLLOUT, kPatienceMs));
+  Note("a refusal", Poll(refused, POLLOUT, PatienceMs()));
   const Peer quiet = Ask("echo");
   const Watch watch;
   Note("a wait", Poll(quiet.s, POLLIN, 300).append(", ").append(watch.Took(300)));

@@ -22,6 +22,10 @@ void Reported() {
   const Peer selected = Ask("reset");
   Note("select of a reset", YesNo(Readable(selected.s)));
   Note("recv behind select", Receive(selected.s));
+  const Peer ready = Ask("reset slow");
+  Receive(ready.s);
+  Sleep(800);
+  Note("what select says of a reset", Ready(ready.s, 0));
   const Peer event = Ask("reset words");
   const Event happens;
   WSAEventSelect(event.s, happens, FD_CLOSE);

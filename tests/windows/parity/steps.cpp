@@ -48,7 +48,7 @@ Socket NewDatagram() {
 }
 
 void Bound(SOCKET s) {
-  const DWORD limit = kPatienceMs;
+  const DWORD limit = PatienceMs();
   setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&limit), sizeof limit);
   setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&limit), sizeof limit);
 }

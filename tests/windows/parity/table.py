@@ -59,24 +59,38 @@ class Table:
         return list(dict.fromkeys(subject(name) for name in self.names))
 
     def changed(self, before):
-        """Observations that are not as a document had them."""
-        now = {name: self.values(name) for name in self.different()}
-        return [name for name in dict.fromkeys([*now, *before]) if now.get(name) != before.get(name)]
+        """Each observation and way that is not as a document had it. What the document does not
+        show was the same in all ways."""
+        found = []
+        for name in self.names:
+            values = self.values(name)
+            wanted = before.get(name) or (max(values, key=values.count),) * len(WAYS)
+            found += [(name, way) for way, value, want in zip(WAYS, values, wanted, strict=True) if value != want]
+        return found
 
     def changed_subjects(self, before):
-        return list(dict.fromkeys(map(subject, self.changed(before))))
+        """By way."""
+        found = {}
+        for name, way in self.changed(before):
+            found.setdefault(way, {})[subject(name)] = True
+        found = {way: [one for one in subjects if one != "program"] for way, subjects in found.items()}
+        return {way: subjects for way, subjects in found.items() if subjects}
 
-    def take_better(self, other, subjects, before):
-        """Takes over each of these subjects that another look found more as it was."""
-        for one in subjects:
-            mine, theirs = ([n for n in t.changed(before) if subject(n) == one] for t in (self, other))
-            if len(theirs) < len(mine):
-                for way in WAYS:
-                    kept = {n: v for n, v in self.columns[way].items() if subject(n) != one}
-                    new = {n: v for n, v in other.columns[way].items() if subject(n) == one}
-                    both = {**kept, **new}
-                    self.columns[way] = {n: both[n] for n in dict.fromkeys([*self.names, *new]) if n in both}
-        self._order()
+    def take_better(self, columns, before):
+        """Takes over each subject that another look found more as it was."""
+        for way, column in columns.items():
+            for one in dict.fromkeys(map(subject, column)):
+                other = Table({**self.columns, way: self._with(way, one, column)})
+                if one != "program" and len(other.changed(before)) < len(self.changed(before)):
+                    self.columns[way] = other.columns[way]
+                    self._order()
+
+    def _with(self, way, one, column):
+        """A column with a subject from another."""
+        kept = {name: value for name, value in self.columns[way].items() if subject(name) != one}
+        new = {name: value for name, value in column.items() if subject(name) == one}
+        both = {**kept, **new}
+        return {name: both[name] for name in dict.fromkeys([*self.columns[way], *new]) if name in both}
 
 
 def row(cells):
