@@ -3,6 +3,7 @@
 #include "common/handle.h"
 #include "common/log.h"
 #include "common/own_thread.h"
+#include "route/mending.h"
 #include "route/route.h"
 #include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"

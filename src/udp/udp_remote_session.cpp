@@ -16,7 +16,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr u32 kLateAnswerLimitMs = 2000;  // of a node that the flow has left
+constexpr u32 kLeftLimitMs = 2000;  // of a node that the flow has left
 
 }  // namespace
 
@@ -70,7 +70,7 @@ void UdpRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
   const bool probing = state_ == UdpState::kAccl && !closing_;
   while (TakeUp(watch_.OnUpdate(elapsed_ms, probing))) {
   }
-  if ((left_ms_ += elapsed_ms) >= kLateAnswerLimitMs) EndLeft();
+  if ((left_ms_ += elapsed_ms) >= kLeftLimitMs) EndLeft();
   if (trial_ == nullptr) return;
   if (trial_->IsActive()) {
     trial_->OnUpdate(elapsed_ms);
@@ -186,7 +186,7 @@ void UdpRemoteSession::HandleRemotePacket(const UdpPackage& package) noexcept {
       if (UdpAcclHeader header; link_.IsFromNode(package) && link_.Unwrap(package, &header)) {
         HandleAcclRecv(package, header);
       } else if (left_.IsFromNode(package)) {
-        HandleLateAnswer(package);
+        DeliverFromLeft(package);
       }
       break;
     case UdpState::kDirect:
@@ -203,7 +203,7 @@ void UdpRemoteSession::HandleAcclRecv(const UdpPackage& package,
 }
 
 // Of the node that the flow has left. What it says of the link counts no more.
-void UdpRemoteSession::HandleLateAnswer(const UdpPackage& package) noexcept {
+void UdpRemoteSession::DeliverFromLeft(const UdpPackage& package) noexcept {
   UdpAcclHeader header;
   ProbeReply reply;
   if (!left_.Unwrap(package, &header)) return;

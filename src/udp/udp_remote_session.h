@@ -82,7 +82,7 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   void HandleAcclSend(const UdpPackage& package) noexcept;
   void HandleRemotePacket(const UdpPackage& package) noexcept;
   void HandleAcclRecv(const UdpPackage& package, const UdpAcclHeader& header) noexcept;
-  void HandleLateAnswer(const UdpPackage& package) noexcept;
+  void DeliverFromLeft(const UdpPackage& package) noexcept;
   bool HandleReply(const UdpPackage& package) noexcept;
 
   // udp_remote_session_node.cpp
