@@ -116,6 +116,10 @@ std::shared_ptr<UdpPackageQueue> RelayMgr::UseQueue(const UdpPackageQueue* queue
   return Serves() ? udp_provider_.UseQueue(queue, token) : nullptr;
 }
 
+std::shared_ptr<PeerPorts> RelayMgr::UsePeerPorts(u32 token) const noexcept {
+  return Serves() ? udp_provider_.UsePeerPorts(token) : nullptr;
+}
+
 DWORD WINAPI RelayMgr::WorkerThread(LPVOID self) noexcept {
   const common::OwnThread own;
   auto& relay = *static_cast<RelayMgr*>(self);

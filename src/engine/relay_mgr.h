@@ -61,6 +61,9 @@ class RelayMgr final : public IRelaySocketMgr {
   // of one call. Null once its session has ended, which counts as an empty queue.
   std::shared_ptr<UdpPackageQueue> UseQueue(const UdpPackageQueue* queue, u32 token) const noexcept;
 
+  // The ports of a socket's session; null if it has none, or is gone.
+  std::shared_ptr<PeerPorts> UsePeerPorts(u32 token) const noexcept;
+
   // The game's socket of that token was closed and could not tell the control port: see
   // UdpProvider::NoteUntoldEnd.
   void NoteUntoldEnd(u32 token) noexcept { udp_provider_.NoteUntoldEnd(token); }

@@ -24,6 +24,9 @@ class Mending {
   // A process that cleans up Winsock and starts it again is served as the first time.
   bool ServesAgain() const noexcept { return (mended_ & kMendRestart) != 0; }
 
+  // Each address that a datagram socket talks to has a loopback port of its own, which names it.
+  bool GivesEachPeerAPort() const noexcept { return (mended_ & kMendDatagramMatch) != 0; }
+
   u32 bits() const noexcept { return mended_; }
 
  private:
