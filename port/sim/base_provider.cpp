@@ -40,6 +40,8 @@ SOCKET AnswerSocket(const char* call, SOCKET made, int error, LPINT out,
 
 SocketRef Find(SOCKET s) { return TheWorld().sockets().Find(s, *Self().process()); }
 
+constexpr DWORD kRoutingInterfaceQuery = 0xc8000014;
+
 int ReadAddress(const struct sockaddr* name, int size, Address* out) {
   if (!name || size < static_cast<int>(sizeof(sockaddr_in))) return WSAEFAULT;
   sockaddr_in in;
@@ -123,6 +125,7 @@ int WSPAPI WspConnect(SOCKET s, const struct sockaddr* name, int name_size, LPWS
   const auto socket = Find(s);
   Address address;
   int result = socket ? ReadAddress(name, name_size, &address) : WSAENOTSOCK;
+  if (result == WSAEAFNOSUPPORT && socket->datagrams && name->sa_family == AF_UNSPEC) result = 0;
   if (result == 0) result = Connect(*socket, address);
   return Answer("connect", s, result, error, ToText(address));
 }
@@ -194,6 +197,18 @@ int GiveExtension(LPVOID in, DWORD in_size, LPVOID out, DWORD out_size, LPDWORD 
   return 0;
 }
 
+int GiveInterface(const Socket& socket, LPVOID in, DWORD in_size, LPVOID out, DWORD out_size,
+                  LPDWORD returned) {
+  Address to;
+  if (const int error =
+          ReadAddress(static_cast<struct sockaddr*>(in), static_cast<int>(in_size), &to))
+    return error;
+  INT size = static_cast<INT>(out_size);
+  *returned = sizeof(sockaddr_in);
+  return WriteAddress({socket.stack().SourceFor(to.ip), 0}, static_cast<struct sockaddr*>(out),
+                      &size);
+}
+
 int Control(Socket& socket, DWORD code, LPVOID in, DWORD in_size, LPVOID out, DWORD out_size,
             LPDWORD returned) {
   DWORD value = 0;
@@ -204,6 +219,8 @@ int Control(Socket& socket, DWORD code, LPVOID in, DWORD in_size, LPVOID out, DW
     *returned = sizeof value;
     return 0;
   }
+  if (code == kRoutingInterfaceQuery)
+    return GiveInterface(socket, in, in_size, out, out_size, returned);
   if (code == SIO_GET_EXTENSION_FUNCTION_POINTER)
     return GiveExtension(in, in_size, out, out_size, returned);
   if (code != static_cast<DWORD>(FIONBIO) && code != SIO_UDP_CONNRESET) return WSAEOPNOTSUPP;

@@ -19,9 +19,10 @@ inline constexpr u32 kMendFailedNode = 0x2;  // a node that cannot be reached is
 inline constexpr u32 kMendReset = 0x4;       // a reset stays a reset
 inline constexpr u32 kMendConnectEx = 0x8;   // ConnectEx answers what the next provider answered
 inline constexpr u32 kMendRestart = 0x10;    // a process that starts Winsock anew is served anew
-inline constexpr u32 kMendDatagramMatch = 0x1000;  // no datagram gets another one's address
+inline constexpr u32 kMendConnectedDatagram = 0x40;  // datagram sockets may be connected
+inline constexpr u32 kMendDatagramMatch = 0x1000;    // no datagram gets another one's address
 inline constexpr u32 kMendAll = kMendHalfClose | kMendFailedNode | kMendReset | kMendConnectEx |
-                                kMendRestart | kMendDatagramMatch;
+                                kMendRestart | kMendConnectedDatagram | kMendDatagramMatch;
 
 #pragma pack(push, 1)
 struct MendingRecord {

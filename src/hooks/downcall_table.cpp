@@ -6,6 +6,7 @@
 #include "common/log.h"
 #include "common/process_info.h"
 #include "hooks/block_config.h"
+#include "hooks/connected_datagram.h"
 #include "hooks/hook_entries.h"
 #include "hooks/hook_flags.h"
 
@@ -93,6 +94,7 @@ bool HookWSPAPI(LPWSPPROC_TABLE table) noexcept {
   table->lpWSPSend = WSPSend;
   table->lpWSPSendTo = WSPSendTo;
   table->lpWSPSocket = WSPSocket;
+  HookOwnName(table);
   return true;
 }
 

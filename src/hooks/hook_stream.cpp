@@ -6,6 +6,7 @@
 #include "common/net_text.h"
 #include "engine/relay_mgr.h"
 #include "hooks/connect_target.h"
+#include "hooks/connected_datagram.h"
 #include "hooks/downcall_table.h"
 #include "hooks/hook_common.h"
 #include "hooks/hook_entries.h"
@@ -139,11 +140,13 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
     } else if (record.type == kSocketTypeStream) {
       RedirectStream(record, &target);
     } else if (record.type == kSocketTypeDatagram) {
+      LeavePeer(record);
       RedirectDatagrams(record, &target, &udp_relay);
     }
   }
   const int result = next->lpWSPConnect(s, target.name, target.name_size, lpCallerData,
                                         lpCalleeData, lpSQOS, lpGQOS, lpErrno);
+  if (result == 0) NotePeer(record, name, namelen, target.udp_connect);
   // The filter is asked on success as well, so a socket that connects over and over grows quiet.
   if (GetSocketErrorFilter().ShouldLog(kOperationConnect, ErrorOf(lpErrno), record.token)) {
     LSP_LOG(5,
@@ -165,6 +168,7 @@ int WSPAPI WSPGetPeerName(SOCKET s, struct sockaddr* name, LPINT namelen, LPINT 
     return FailWithoutProvider(lpErrno);
   }
   if (record.handled) {
+    if (record.type == kSocketTypeDatagram) return NamePeer(record, name, namelen, lpErrno);
     // Kept: the caller's buffer counts as long enough, and its error is not touched.
     std::memcpy(name, &record.handled_addr, static_cast<size_t>(record.handled_addr_len));
     if (namelen != nullptr) *namelen = record.handled_addr_len;

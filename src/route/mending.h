@@ -24,8 +24,13 @@ class Mending {
   // A process that cleans up Winsock and starts it again is served as the first time.
   bool ServesAgain() const noexcept { return (mended_ & kMendRestart) != 0; }
 
-  // Each address that a datagram socket talks to has a loopback port of its own, which names it.
-  bool GivesEachPeerAPort() const noexcept { return (mended_ & kMendDatagramMatch) != 0; }
+  // A datagram socket that is connected exchanges datagrams with its peer, and names it.
+  bool ConnectsDatagrams() const noexcept { return (mended_ & kMendConnectedDatagram) != 0; }
+  // Each address that a datagram socket talks to has a loopback port of its own, which names it. A
+  // socket can be connected to such a port only.
+  bool GivesEachPeerAPort() const noexcept {
+    return (mended_ & (kMendDatagramMatch | kMendConnectedDatagram)) != 0;
+  }
 
   u32 bits() const noexcept { return mended_; }
 

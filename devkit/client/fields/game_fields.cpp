@@ -25,6 +25,7 @@ constexpr NamedValue kMendings[] = {
     {"reset", kMendReset},
     {"connect-ex", kMendConnectEx},
     {"restart", kMendRestart},
+    {"connected-datagram", kMendConnectedDatagram},
     {"datagram-match", kMendDatagramMatch},
 };
 constexpr Beside kMendingOfGame = {.records = offsetof(Tables, restriction.games),
