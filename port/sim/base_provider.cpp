@@ -40,6 +40,8 @@ SOCKET AnswerSocket(const char* call, SOCKET made, int error, LPINT out,
 
 SocketRef Find(SOCKET s) { return TheWorld().sockets().Find(s, *Self().process()); }
 
+constexpr DWORD kRoutingInterfaceQuery = 0xc8000014;
+
 int ReadAddress(const struct sockaddr* name, int size, Address* out) {
   if (!name || size < static_cast<int>(sizeof(sockaddr_in))) return WSAEFAULT;
   sockaddr_in in;
@@ -123,6 +125,7 @@ int WSPAPI WspConnect(SOCKET s, const struct sockaddr* name, int name_size, LPWS
   const auto socket = Find(s);
   Address address;
   int result = socket ? ReadAddress(name, name_size, &address) : WSAENOTSOCK;
+  if (result == WSAEAFNOSUPPORT && socket->datagrams && name->sa_family == AF_UNSPEC) result = 0;
   if (result == 0) result = Connect(*socket, address);
   return Answer("connect", s, result, error, ToText(address));
 }

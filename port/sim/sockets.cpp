@@ -235,7 +235,8 @@ namespace {
 int ConnectDatagrams(Socket& socket, const Address& address) {
   const bool needs_port = socket.type != SOCK_RAW;
   if (address.ip == 0 || (needs_port && address.port == 0)) {
-    socket.peer = socket.datagrams->peer = {};  // disconnects
+    socket.peer = socket.datagrams->peer = {};  // dissolves the connection
+    if (socket.binding) socket.local = socket.datagrams->local = socket.binding->local;
     return 0;
   }
   if (CannotReach(socket, address)) return WSAEADDRNOTAVAIL;

@@ -17,6 +17,7 @@ inline constexpr MendingName kMendingNames[] = {
     {"connect-ex", kMendConnectEx},
     {"restart", kMendRestart},
     {"fast-fallback", kMendFallback},
+    {"connected-datagram", kMendConnectedDatagram},
     {"after-switch", kMendAfterSwitch},
     {"start", kMendStart},
     {"names", kMendNames},

@@ -9,7 +9,7 @@
 #include "hooks/block_config.h"
 #include "hooks/hook_entries.h"
 #include "hooks/hook_flags.h"
-#include "hooks/stream_names.h"
+#include "hooks/relayed_names.h"
 #include "route/mending.h"
 
 namespace moru_vyr::lsp {
@@ -97,7 +97,7 @@ bool HookWSPAPI(LPWSPPROC_TABLE table) noexcept {
   table->lpWSPSend = WSPSend;
   table->lpWSPSendTo = WSPSendTo;
   table->lpWSPSocket = WSPSocket;
-  if (GetMending().NamesAsWithoutUs()) HookStreamNames(table);
+  HookRelayedNames(table);
   return true;
 }
 

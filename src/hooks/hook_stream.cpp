@@ -6,6 +6,7 @@
 #include "common/net_text.h"
 #include "engine/relay_mgr.h"
 #include "hooks/connect_target.h"
+#include "hooks/connected_datagram.h"
 #include "hooks/downcall_table.h"
 #include "hooks/hook_common.h"
 #include "hooks/hook_entries.h"
@@ -139,12 +140,14 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
     } else if (record.type == kSocketTypeStream) {
       RedirectStream(record, &target);
     } else if (record.type == kSocketTypeDatagram) {
+      LeavePeer(record);
       RedirectDatagrams(record, &target, &udp_relay);
     }
   }
   const int result = next->lpWSPConnect(s, target.name, target.name_size, lpCallerData,
                                         lpCalleeData, lpSQOS, lpGQOS, lpErrno);
   if (result == SOCKET_ERROR && ErrorOf(lpErrno) != WSAEWOULDBLOCK) ForgetRedirect(record, target);
+  if (result == 0) NotePeer(record, name, namelen, target.udp_connect);
   // The filter is asked on success as well, so a socket that connects over and over grows quiet.
   if (GetSocketErrorFilter().ShouldLog(kOperationConnect, ErrorOf(lpErrno), record.token)) {
     LSP_LOG(5,

@@ -59,6 +59,14 @@ class Mending {
   // out, and can move again.
   bool StartsAnewAfterSwitch() const noexcept { return (mended_ & kMendAfterSwitch) != 0; }
 
+  // A datagram socket that is connected exchanges datagrams with its peer, and names it.
+  bool ConnectsDatagrams() const noexcept { return (mended_ & kMendConnectedDatagram) != 0; }
+  // Each address that a datagram socket talks to has a loopback port of its own, which names it. A
+  // socket can be connected to such a port only.
+  bool GivesEachPeerAPort() const noexcept {
+    return (mended_ & (kMendDatagramMatch | kMendConnectedDatagram)) != 0;
+  }
+
   u32 bits() const noexcept { return mended_; }
 
  private:

@@ -117,6 +117,10 @@ bool SocketMap::SetHandledAddr(SOCKET socket, const sockaddr* addr, int len) noe
   });
 }
 
+bool SocketMap::ForgetHandledAddr(SOCKET socket) noexcept {
+  return Update(socket, [](SocketRecord& record) { record.handled = false; });
+}
+
 bool SocketMap::SaveRelayRecord(SOCKET socket, const sockaddr_in* addr, bool relay) noexcept {
   return Update(socket, [&](SocketRecord& record) {
     if (addr == nullptr) return;

@@ -42,7 +42,7 @@ struct SocketRecord {
   u32 token = 0;               // the socket's name in logs and in messages to the relay
   sockaddr_in handled_addr{};  // where a redirected stream socket believes it is connected to
   i32 handled_addr_len = 0;
-  bool handled = false;  // never cleared: a new redirect replaces the answer of the first
+  bool handled = false;  // of a stream never cleared: a new redirect replaces the first's answer
   sockaddr_in relay_addr{};
   UdpPackageQueue* send_queue = nullptr;
   UdpPackageQueue* recv_queue = nullptr;
@@ -83,6 +83,8 @@ class SocketMap {
   bool SetUdpConnectMode(SOCKET socket, bool flag, u32 token = kAnyToken) noexcept;
   // `len` bytes of `addr`, at most a sockaddr_in.
   bool SetHandledAddr(SOCKET socket, const sockaddr* addr, int len) noexcept;
+  // The socket is no longer connected to where it believed to be.
+  bool ForgetHandledAddr(SOCKET socket) noexcept;
   // Takes the first free entry. If all ten are taken, nothing happens, and that is not a failure.
   bool SaveRelayRecord(SOCKET socket, const sockaddr_in* addr, bool relay) noexcept;
   bool SetRelayDisabled(SOCKET socket, bool flag) noexcept;

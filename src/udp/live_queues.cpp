@@ -1,5 +1,7 @@
 #include "udp/live_queues.h"
 
+#include <utility>
+
 namespace moru_vyr::lsp {
 
 void LiveQueues::Add(u32 token, std::shared_ptr<UdpQueues> queues) {
@@ -29,10 +31,16 @@ std::shared_ptr<UdpPackageQueue> LiveQueues::Use(const UdpPackageQueue* queue,
 }
 
 std::shared_ptr<PeerPorts> LiveQueues::UsePorts(u32 token) const noexcept {
-  common::Lock hold(lock_);
-  const auto found = by_token_.find(token);
-  if (found == by_token_.end() || !found->second->peer_ports.IsUsed()) return nullptr;
-  return {found->second, &found->second->peer_ports};
+  std::shared_ptr<UdpQueues> queues;
+  {
+    common::Lock hold(lock_);
+    const auto found = by_token_.find(token);
+    if (found == by_token_.end()) return nullptr;
+    queues = found->second;
+  }
+  if (!queues->peer_ports.IsUsed()) return nullptr;
+  PeerPorts* const ports = &queues->peer_ports;
+  return {std::move(queues), ports};
 }
 
 }  // namespace moru_vyr::lsp

@@ -81,11 +81,14 @@ const PeerSockets::Place* PeerSockets::Find(const sockaddr_in& peer) const noexc
 }
 
 // Null where there is no place, in the session or among the sockets that the relay can poll, and
-// for an address that the game reaches directly: that stays so.
+// for an address that the game reaches directly: that stays so. Asked before a socket is made:
+// whoever sends to the relay could have it make one for each datagram.
 const PeerSockets::Place* PeerSockets::Make(const sockaddr_in& peer) noexcept {
   UdpProvider* const provider = session_->provider();
-  if (count_ == places_.size() || !provider->TakePeerSocket()) return nullptr;
   u16 port = 0;
+  if (ports_->IsFull() || ports_->FindPort(peer, &port) || !provider->TakePeerSocket()) {
+    return nullptr;
+  }
   const SOCKET s = OpenLoopback(&port);
   if (s == INVALID_SOCKET || !ports_->Add(peer, port)) {
     if (s != INVALID_SOCKET) CloseRelaySocket(s);

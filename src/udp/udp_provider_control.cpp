@@ -65,8 +65,8 @@ void UdpProvider::HandleOpenRequest(const ProtoRelayOpen& request,
                                     const sockaddr_in& game_addr) noexcept {
   sockaddr_in relay = {};
   ProtoRelayOpen answer = ProtoRelayOpen::Answer(request.token, false, relay, nullptr, nullptr);
-  UdpSession* session = CreateSession(request, game_addr);
-  if (session == nullptr) session = FindWithPorts(request.token, game_addr);
+  UdpSession* session = FindWithPorts(request.token, game_addr);
+  if (session == nullptr) session = CreateSession(request, game_addr);
   // Kept: a session that has no address for the game is refused and stays.
   if (session != nullptr && session->GetRelayAddrFor(request.address(), &relay)) {
     const bool queued = !session->HasPeerPorts();

@@ -232,6 +232,112 @@ SCENARIO_F(MendedDatagram, ASessionWhoseSocketIsGoneEnds) {
   EXPECT_TRUE(NodesAreFree());
 }
 
+// --- connected sockets ---
+
+class MendedConnected : public MendedDatagram {
+ protected:
+  static std::string TextOf(int result, const sockaddr_in& name) {
+    if (result != 0) return "error " + std::to_string(WSAGetLastError());
+    return std::string(inet_ntoa(name.sin_addr)) + ":" + std::to_string(ntohs(name.sin_port));
+  }
+  static std::string PeerOf(SOCKET s, int size = sizeof(sockaddr_in)) {
+    sockaddr_in name = {};
+    const int result = getpeername(s, Raw(name), &size);
+    return TextOf(result, name);
+  }
+  static std::string OwnOf(SOCKET s) {
+    sockaddr_in name = {};
+    int size = sizeof name;
+    const int result = getsockname(s, Raw(name), &size);
+    return TextOf(result, name);
+  }
+  // By send and recv.
+  static std::string Asks(SOCKET s, const std::string& text) {
+    if (const int error = ErrorOf(SendText(s, text))) return "error " + std::to_string(error);
+    return ReadableWithin(s, 1000) ? Received(s) : "nothing";
+  }
+};
+
+SCENARIO_F(MendedConnected, AConnectedSocketTalksToItsPeerAndNamesIt) {
+  Starts();
+  for (const char* server : {kServer, kDirect, kUnlisted}) {
+    SCOPED_TRACE(server);
+    const SOCKET s = Udp();
+    EXPECT_EQ(PeerOf(s), "error 10057");
+    EXPECT_EQ(BindTo(s, "0.0.0.0", 6000), 0);
+    EXPECT_EQ(ConnectTo(s, server, kPort), 0);
+    EXPECT_EQ(PeerOf(s), On(server));
+    EXPECT_EQ(PeerOf(s, 8), "error 10014");
+    EXPECT_EQ(OwnOf(s), On(kGame, 6000));
+    EXPECT_EQ(Readiness(s), "w");
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(Asks(s, "hello"), "hello");
+    SendText(s, "named");
+    EXPECT_EQ(Receives(s).from, On(server)) << "recvfrom, too";
+    EXPECT_EQ(sendto(s, "none", 4, 0, nullptr, 0), 4) << "where no destination is named";
+    EXPECT_EQ(Receives(s).text, "none");
+    closesocket(s);
+    RunFor(100ms);
+  }
+  EXPECT_EQ(Heard("A").size(), 7u) << AllHeard();
+  EXPECT_TRUE(NodesAreFree());
+}
+
+SCENARIO_F(MendedConnected, OnlyThePeerIsHeard) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "to another", kSecond), "to another from " + On(kSecond));
+  EXPECT_EQ(Sends(s, "late", kSecond), 0);
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(Asks(s, "to the peer"), "to the peer");
+  RunFor(1s);
+  EXPECT_EQ(Receives(s, 100).from, "") << "late";
+  EXPECT_EQ(Heard().size(), 3u) << AllHeard();
+}
+
+SCENARIO_F(MendedConnected, ASocketMayBeConnectedAgainAndToNobody) {
+  Starts();
+  const SOCKET s = Udp();
+  for (const char* server : {kServer, kSecond, kUnlisted, kDirect, kUnlisted, kServer}) {
+    SCOPED_TRACE(server);
+    EXPECT_EQ(ConnectTo(s, server, kPort), 0);
+    EXPECT_EQ(PeerOf(s), On(server));
+    EXPECT_EQ(OwnOf(s).substr(0, 10), std::string(kGame) + ":");
+    EXPECT_EQ(Asks(s, server), server);
+    EXPECT_EQ(heard.back().to, On(server));
+  }
+  EXPECT_EQ(Heard("game").size(), 3u) << "the unlisted one, and the one without a node";
+  const sockaddr_in nobody = {};
+  EXPECT_EQ(connect(s, Raw(nobody), sizeof nobody), 0);
+  EXPECT_EQ(PeerOf(s), "error 10057");
+  EXPECT_EQ(ErrorOf(SendText(s, "x")), WSAENOTCONN);
+  EXPECT_EQ(Talks(s, "free", kSecond), "free from " + On(kSecond));
+  EXPECT_EQ(Talks(s, "free", kUnlisted), "free from " + On(kUnlisted));
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(PeerOf(s), On(kServer));
+  EXPECT_EQ(connect(s, Raw(At("0.0.0.0", 0)), sizeof nobody), 0) << "said in the other way";
+  EXPECT_EQ(PeerOf(s), "error 10057");
+}
+
+SCENARIO_F(MendedConnected, WhereTheRelayIsNotThereASocketIsConnectedDirectly) {
+  Starts();
+  const SOCKET s = Udp();
+  port::FailCall("WSPSocket", 1, WSAENOBUFS);
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(PeerOf(s), On(kServer));
+  EXPECT_EQ(Asks(s, "plain"), "plain");
+  EXPECT_EQ(Heard("game"), Texts{"plain"});
+}
+
+SCENARIO_F(MendedConnected, AConnectThatFailsNamesNobody) {
+  Starts();
+  const SOCKET s = Udp();
+  port::FailCall("WSPConnect", 1, WSAENETUNREACH);
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), WSAENETUNREACH);
+  EXPECT_EQ(PeerOf(s), "error 10057");
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), 0);
+  EXPECT_EQ(Asks(s, "hello"), "hello");
+}
+
 // Everything at once: identical texts, many servers, stalls and losses.
 SCENARIO_F_SEEDS(MendedDatagram, WhateverIsLostNothingIsMistaken, 10) {
   Starts(9);

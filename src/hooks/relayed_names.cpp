@@ -1,16 +1,22 @@
-#include "hooks/stream_names.h"
+#include "hooks/relayed_names.h"
 
 #include <cstring>
 
 #include "common/log.h"
+#include "hooks/connected_datagram.h"
 #include "hooks/hook_common.h"
 #include "hooks/hook_entries.h"
+#include "route/mending.h"
 
 namespace moru_vyr::lsp {
 namespace {
 
 // SIO_ROUTING_INTERFACE_QUERY: from which address of this machine another one is reached.
 constexpr DWORD kRoutingInterfaceQuery = 0xc8000014u;
+
+bool ShowsTrueNames(int socket_type) noexcept {
+  return socket_type == kSocketTypeStream ? GetMending().NamesAsWithoutUs() : ConnectsDatagrams();
+}
 
 // What a call has stored, if it is an address on the loopback interface.
 bool IsLoopback(const sockaddr* name, const SizedPlace& place, sockaddr_in* out) noexcept {
@@ -44,7 +50,8 @@ int WSPAPI WSPGetSockName(SOCKET s, struct sockaddr* name, LPINT namelen, LPINT 
   const SizedPlace place(namelen);
   const int result = next->lpWSPGetSockName(s, name, namelen, lpErrno);
   sockaddr_in own = {};
-  if (result != 0 || !record.handled || !IsLoopback(name, place, &own)) return result;
+  if (result != 0 || !record.handled || !ShowsTrueNames(record.type)) return result;
+  if (!IsLoopback(name, place, &own)) return result;
   if (!FindOwnAddress(*next, record, &own.sin_addr)) return result;
   std::memcpy(name, &own, sizeof own);
   LSP_LOG(4, "WSPGetSockName: own=%s:%d, socket=%Id, token=%u",
@@ -57,7 +64,9 @@ int WSPAPI WSPGetConnectedPeerName(SOCKET s, struct sockaddr* name, LPINT namele
                                    LPINT lpErrno) noexcept {
   SocketRecord record;
   const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPGetPeerName>(s, &record);
-  if (next == nullptr || !record.handled) return WSPGetPeerName(s, name, namelen, lpErrno);
+  if (next == nullptr || !record.handled || !ShowsTrueNames(record.type)) {
+    return WSPGetPeerName(s, name, namelen, lpErrno);
+  }
   const SizedPlace place(namelen);
   const int result = next->lpWSPGetPeerName(s, name, namelen, lpErrno);
   sockaddr_in peer = {};
@@ -72,7 +81,8 @@ int WSPAPI WSPGetConnectedPeerName(SOCKET s, struct sockaddr* name, LPINT namele
 
 }  // namespace
 
-void HookStreamNames(LPWSPPROC_TABLE table) noexcept {
+void HookRelayedNames(LPWSPPROC_TABLE table) noexcept {
+  if (!ShowsTrueNames(kSocketTypeStream) && !ShowsTrueNames(kSocketTypeDatagram)) return;
   table->lpWSPGetSockName = WSPGetSockName;
   table->lpWSPGetPeerName = WSPGetConnectedPeerName;
 }

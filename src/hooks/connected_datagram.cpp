@@ -1,0 +1,36 @@
+#include "hooks/connected_datagram.h"
+
+#include "hooks/hook_common.h"
+#include "route/mending.h"
+
+namespace moru_vyr::lsp {
+
+bool ConnectsDatagrams() noexcept { return GetMending().ConnectsDatagrams(); }
+
+void LeavePeer(const SocketRecord& record) noexcept {
+  const WSPPROC_TABLE* const next = record.next_proc_table;
+  if (!ConnectsDatagrams() || next->lpWSPGetPeerName == nullptr) return;
+  sockaddr_in peer = {};
+  INT size = sizeof peer;
+  INT error = 0;
+  if (next->lpWSPGetPeerName(record.socket, reinterpret_cast<sockaddr*>(&peer), &size, &error)) {
+    return;  // not connected
+  }
+  const sockaddr_in nobody = {};
+  next->lpWSPConnect(record.socket, reinterpret_cast<const sockaddr*>(&nobody), sizeof nobody,
+                     nullptr, nullptr, nullptr, nullptr, &error);
+}
+
+void NotePeer(const SocketRecord& record, const sockaddr* peer, int peer_size,
+              bool relayed) noexcept {
+  if (record.type != kSocketTypeDatagram || !ConnectsDatagrams()) return;
+  if (!relayed) {
+    GetSocketMap().ForgetHandledAddr(record.socket);
+    return;
+  }
+  const sockaddr_in asked = ReadAddress(peer, peer_size);
+  GetSocketMap().SetHandledAddr(record.socket, reinterpret_cast<const sockaddr*>(&asked),
+                                sizeof asked);
+}
+
+}  // namespace moru_vyr::lsp
