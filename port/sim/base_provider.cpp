@@ -194,6 +194,20 @@ int GiveExtension(LPVOID in, DWORD in_size, LPVOID out, DWORD out_size, LPDWORD 
   return 0;
 }
 
+constexpr DWORD kRoutingInterfaceQuery = 0xc8000014u;  // SIO_ROUTING_INTERFACE_QUERY
+
+int GiveRoute(const Socket& socket, LPVOID in, DWORD in_size, LPVOID out, DWORD out_size,
+              LPDWORD returned) {
+  sockaddr_in address = {};
+  if (!in || !out || in_size < sizeof address || out_size < sizeof address) return WSAEFAULT;
+  std::memcpy(&address, in, sizeof address);
+  address.sin_addr.s_addr = htonl(socket.stack().SourceFor(ntohl(address.sin_addr.s_addr)));
+  address.sin_port = 0;
+  std::memcpy(out, &address, sizeof address);
+  *returned = sizeof address;
+  return 0;
+}
+
 int Control(Socket& socket, DWORD code, LPVOID in, DWORD in_size, LPVOID out, DWORD out_size,
             LPDWORD returned) {
   DWORD value = 0;
@@ -204,6 +218,8 @@ int Control(Socket& socket, DWORD code, LPVOID in, DWORD in_size, LPVOID out, DW
     *returned = sizeof value;
     return 0;
   }
+  if (code == kRoutingInterfaceQuery)
+    return GiveRoute(socket, in, in_size, out, out_size, returned);
   if (code == SIO_GET_EXTENSION_FUNCTION_POINTER)
     return GiveExtension(in, in_size, out, out_size, returned);
   if (code != static_cast<DWORD>(FIONBIO) && code != SIO_UDP_CONNRESET) return WSAEOPNOTSUPP;

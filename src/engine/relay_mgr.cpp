@@ -12,9 +12,13 @@ namespace {
 
 constexpr DWORD kInitPollMs = 10;
 constexpr DWORD kStopWaitMs = 200;
-constexpr long kPassTimeUs = 20000;  // bounds the idle latency of every timer
+constexpr DWORD kReportingStopWaitMs = 2500;  // the Tracker takes up to 2000 ms of it
+constexpr u32 kSparePlaces = 8;               // for whoever has asked for room and has not come yet
+constexpr long kPassTimeUs = 20000;           // bounds the idle latency of every timer
 constexpr u32 kUpdateIntervalMs = 30;
 constexpr int kFarewellPasses = 2;  // after a stop, for the providers to flush
+
+bool ReportsItsEnd() noexcept { return GetMending().ReportsItsEnd(); }
 
 }  // namespace
 
@@ -87,7 +91,8 @@ void RelayMgr::Stop() noexcept {
   u32 id = GetWorkerThreadId();
   common::UniqueHandle thread(worker_thread_.exchange(nullptr, std::memory_order_relaxed));
   if (thread) {
-    const DWORD waited = WaitForSingleObject(thread.get(), kStopWaitMs);
+    const DWORD waited =
+        WaitForSingleObject(thread.get(), ReportsItsEnd() ? kReportingStopWaitMs : kStopWaitMs);
     if (waited == WAIT_TIMEOUT) {
       common::EndByForce(thread.get(), worker_name_.load(std::memory_order_relaxed));
     }
@@ -99,10 +104,12 @@ void RelayMgr::Stop() noexcept {
 }
 
 bool RelayMgr::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr,
-                                      sockaddr** out_addr, int* out_len, u32 token) noexcept {
+                                      sockaddr** out_addr, int* out_len, u32 token,
+                                      bool* created) noexcept {
   // Asked again afterwards: the worker may have ended while it was waited for.
   return Serves() &&
-         tcp_provider_.RequestTcpRelaySession(socket, port, addr, out_addr, out_len, token) &&
+         tcp_provider_.RequestTcpRelaySession(socket, port, addr, out_addr, out_len, token,
+                                              created) &&
          StillServes(0);
 }
 
@@ -113,6 +120,10 @@ bool RelayMgr::GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept {
 std::shared_ptr<UdpPackageQueue> RelayMgr::UseQueue(const UdpPackageQueue* queue,
                                                     u32 token) const noexcept {
   return Serves() ? udp_provider_.UseQueue(queue, token) : nullptr;
+}
+
+std::shared_ptr<PeerPorts> RelayMgr::UsePeerPorts(u32 token) const noexcept {
+  return Serves() ? udp_provider_.UsePeerPorts(token) : nullptr;
 }
 
 DWORD WINAPI RelayMgr::WorkerThread(LPVOID self) noexcept {
@@ -133,6 +144,7 @@ void RelayMgr::WorkerProc() noexcept {
   stop_flag_.store(false, std::memory_order_relaxed);
   Loop();
   serves_.store(false, std::memory_order_release);
+  if (ReportsItsEnd()) GetTracker().EndWatching();
   GetTracker().UnInit();
   UninitProviders();
   LSP_LOG(0, "RelayMgr::WorkerProc Quit");
@@ -199,6 +211,12 @@ u32 RelayMgr::AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept 
 u32 RelayMgr::EnableWrite(SOCKET socket) noexcept { return sockets_.EnableWrite(socket, true); }
 
 void RelayMgr::StopReading(SOCKET socket) noexcept { sockets_.StopReading(socket); }
+
+void RelayMgr::ResumeReading(SOCKET socket) noexcept { sockets_.ResumeReading(socket); }
+
+bool RelayMgr::HasRoom(u32 sockets) const noexcept {
+  return !GetMending().KeepsToItsPlaces() || sockets_.FreePlaces() >= sockets + kSparePlaces;
+}
 
 IRelaySocketDelegate* RelayMgr::RemoveSocket(SOCKET socket) noexcept {
   return sockets_.Remove(socket);

@@ -40,7 +40,8 @@ class RelayMgr final : public IRelaySocketMgr {
   // The same, but checks the worker's thread unless that was done within the last `trust_ms`. For
   // the start of a connection or the sending of a datagram, which cost a few system calls anyway.
   bool StillServes(u32 trust_ms) noexcept;
-  // Ends the worker, and terminates it if it has not ended after 200 ms. A terminated worker has
+  // Ends the worker, and terminates it if it has not ended after 200 ms, or after 2500 ms where its
+  // reports are to be complete. A terminated worker has
   // left its sockets open; they are then closed, so that the game notices.
   void Stop() noexcept;
   // After a stop: the next start of Winsock gets a worker again, unless the last one was
@@ -55,7 +56,11 @@ class RelayMgr final : public IRelaySocketMgr {
 
   // See TcpProvider.
   bool RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr, sockaddr** out_addr,
-                              int* out_len, u32 token) noexcept;
+                              int* out_len, u32 token, bool* created = nullptr) noexcept;
+  bool HasRoomForStream() noexcept { return tcp_provider_.HasRoomForSession(); }
+  void ForgetTcpRelaySession(u16 port, u32 token) noexcept {
+    tcp_provider_.ForgetRequest(port, token);
+  }
 
   // For datagram sockets, which ask for their relay at its control port; see UdpProvider.
   void GetUdpLocalAddr(sockaddr_in* out) const noexcept { udp_provider_.GetLocalAddr(out); }
@@ -64,6 +69,9 @@ class RelayMgr final : public IRelaySocketMgr {
   // of one call. Null once its session has ended, which counts as an empty queue.
   std::shared_ptr<UdpPackageQueue> UseQueue(const UdpPackageQueue* queue, u32 token) const noexcept;
 
+  // The ports of a socket's session; null if it has none, or is gone.
+  std::shared_ptr<PeerPorts> UsePeerPorts(u32 token) const noexcept;
+
   // The game's socket of that token was closed and could not tell the control port: see
   // UdpProvider::NoteUntoldEnd.
   void NoteUntoldEnd(u32 token) noexcept { udp_provider_.NoteUntoldEnd(token); }
@@ -71,6 +79,8 @@ class RelayMgr final : public IRelaySocketMgr {
   u32 AddSocket(SOCKET socket, IRelaySocketDelegate* delegate) noexcept override;
   u32 EnableWrite(SOCKET socket) noexcept override;
   void StopReading(SOCKET socket) noexcept override;
+  void ResumeReading(SOCKET socket) noexcept override;
+  bool HasRoom(u32 sockets) const noexcept override;
   IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;
   // A new token: 1, 2, 3 … over the life of the process.
   u32 NextToken() noexcept override;

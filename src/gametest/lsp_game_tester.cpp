@@ -13,8 +13,10 @@
 #include "common/log.h"
 #include "common/process_info.h"
 #include "common/text.h"
+#include "gametest/mending_list.h"
 #include "gametest/test_config.h"
 #include "route/acc_config.h"
+#include "route/mending.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -24,15 +26,17 @@ using common::LspTrace;
 constexpr wchar_t kSection[] = L"TestAccGame";
 constexpr wchar_t kFileName[] = L"\\vyr_lsp_test.ini";
 constexpr DWORD kMaxTextChars = 128;
+constexpr DWORD kMaxListChars = 1024;
 // Guard: of the proc keys that are looked for. A mistyped count must not hold the start for hours.
 constexpr u32 kMaxProcessKeys = 16384;
 constexpr u32 kMaxPort = 65535;
 constexpr INT kDefaultLogLevel = 4;
 
+template <DWORD kMaxChars = kMaxTextChars>
 std::wstring ReadText(const wchar_t* key, const std::wstring& path) {
-  wchar_t text[kMaxTextChars + 1] = {};
-  GetPrivateProfileStringW(kSection, key, L"", text, kMaxTextChars + 1, path.c_str());
-  text[kMaxTextChars] = L'\0';
+  wchar_t text[kMaxChars + 1] = {};
+  GetPrivateProfileStringW(kSection, key, L"", text, kMaxChars + 1, path.c_str());
+  text[kMaxChars] = L'\0';
   return text;
 }
 
@@ -55,9 +59,11 @@ struct LspGameTester::Pimpl {
   u16 proxy_port = 0;
   std::string proxy_ip;
   i32 log_level = 0;
+  u32 mended = 0;
 
   void ReadProcessNames(u32 count, const std::wstring& path);
   bool ReadProxy(const std::wstring& path);
+  bool ReadMended(const std::wstring& path);
 };
 
 LspGameTester::LspGameTester() noexcept {
@@ -114,7 +120,7 @@ void LspGameTester::ReadFile() {
     LspTrace("Game Test Init, process read count error quit\n");
     return;
   }
-  if (!pimpl_->ReadProxy(path)) return;
+  if (!pimpl_->ReadProxy(path) || !pimpl_->ReadMended(path)) return;
   pimpl_->net_mode = ReadNumber(L"net_mode", 0, path);
   pimpl_->log_level = static_cast<i32>(ReadNumber(L"log_level", kDefaultLogLevel, path));
   pimpl_->enabled = true;
@@ -146,6 +152,15 @@ bool LspGameTester::Pimpl::ReadProxy(const std::wstring& path) {
   return true;
 }
 
+bool LspGameTester::Pimpl::ReadMended(const std::wstring& path) {
+  std::string unknown;
+  if (ReadMendingList(Narrow(ReadText<kMaxListChars>(L"mend", path)), &mended, &unknown)) {
+    return true;
+  }
+  LspTrace("Game Test Init, mend name error quit, name=%s\n", unknown.c_str());
+  return false;
+}
+
 bool LspGameTester::ReadAccConfig() noexcept {
   if (pimpl_ == nullptr) return false;
   const common::ProcessInfo& process = common::GetProcessInfo();
@@ -158,6 +173,7 @@ bool LspGameTester::ReadAccConfig() noexcept {
   static_cast<AccConfigRecord&>(config) =
       MakeTestConfig({pimpl_->proxy_ip, pimpl_->proxy_port, pimpl_->net_mode, pimpl_->log_level});
   ReplaceAccConfig(config);
+  ReplaceMending(Mending({.mended = pimpl_->mended}));
   LspTrace("Read Config, ip=%s, port=%lu, net_mode=%lu\n", pimpl_->proxy_ip.c_str(),
            static_cast<unsigned long>(pimpl_->proxy_port),
            static_cast<unsigned long>(pimpl_->net_mode));

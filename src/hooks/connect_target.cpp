@@ -15,11 +15,15 @@ void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept 
   // Exactly, before the socket is bound to the loopback interface: from there it can reach nothing
   // else.
   if (!GetRelayMgr().StillServes(0)) return;
+  if (!GetRelayMgr().HasRoomForStream()) {
+    LSP_LOG(4, "WSPConnect: the relay has no room, socket=%Id, token=%u", s, record.token);
+    return;
+  }
   if (!CheckAndBind(s, &target->local_port)) return;
   sockaddr* relay_addr = nullptr;
   int relay_len = sizeof(sockaddr_in);
   if (!GetRelayMgr().RequestTcpRelaySession(s, target->local_port, &asked, &relay_addr, &relay_len,
-                                            record.token) ||
+                                            record.token, &target->requested) ||
       relay_addr == nullptr) {
     LSP_LOG(4, "WSPConnect: RequestTcpRelaySession is false, socket=%Id, token=%u", s,
             record.token);
@@ -31,6 +35,10 @@ void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept 
   LSP_LOG(4, "WSPConnect: RequestTcpRelaySession is relayed. relay=%s:%d, socket=%Id, token=%u",
           DescribeAddress(relay_addr, relay_len).ip.c_str(),
           DescribeAddress(relay_addr, relay_len).port, s, record.token);
+}
+
+void ForgetRedirect(const SocketRecord& record, const ConnectTarget& target) noexcept {
+  if (target.requested) GetRelayMgr().ForgetTcpRelaySession(target.local_port, record.token);
 }
 
 }  // namespace moru_vyr::lsp

@@ -11,6 +11,7 @@ struct ConnectTarget {
   const sockaddr* name;  // outlives the call
   int name_size;
   u16 local_port = 0;        // network order; known only if the socket was bound for a redirect
+  bool requested = false;    // the relay waits for this connect, and did not before
   bool udp_connect = false;  // a datagram socket that is connected to the relay
 };
 
@@ -19,5 +20,8 @@ struct ConnectTarget {
 // it. Otherwise the target stays. Kept: the socket may have been bound to the loopback interface by
 // then.
 void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept;
+
+// After a connect that has failed for good.
+void ForgetRedirect(const SocketRecord& record, const ConnectTarget& target) noexcept;
 
 }  // namespace moru_vyr::lsp

@@ -9,6 +9,8 @@
 #include "hooks/block_config.h"
 #include "hooks/hook_entries.h"
 #include "hooks/hook_flags.h"
+#include "hooks/stream_names.h"
+#include "route/mending.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -95,6 +97,7 @@ bool HookWSPAPI(LPWSPPROC_TABLE table) noexcept {
   table->lpWSPSend = WSPSend;
   table->lpWSPSendTo = WSPSendTo;
   table->lpWSPSocket = WSPSocket;
+  if (GetMending().NamesAsWithoutUs()) HookStreamNames(table);
   return true;
 }
 

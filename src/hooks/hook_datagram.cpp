@@ -35,6 +35,12 @@ void RestoreSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, so
   std::memcpy(from, &source, static_cast<size_t>(room));
 }
 
+// Whether the call has handed out a datagram and its source. One that was cut has a source too,
+// which a queue cannot find by what is left of it.
+bool HasSource(const SocketRecord& record, int result, const INT* error) noexcept {
+  return result == 0 || (record.recv_queue == nullptr && ErrorOf(error) == WSAEMSGSIZE);
+}
+
 // What a log line on a receive says about the caller's memory.
 struct ReceiveView {
   AddressText From() const {
@@ -133,7 +139,7 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
       next->lpWSPRecvFrom(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd, lpFlags, lpFrom,
                           lpFromlen, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
-  if (result == 0 && record.type == kSocketTypeDatagram && allowed) {
+  if (HasSource(record, result, lpErrno) && record.type == kSocketTypeDatagram && allowed) {
     RestoreSource(record, lpBuffers, dwBufferCount, lpFrom, source.Size(), lpNumberOfBytesRecvd);
   }
   const auto log = [&](int level) {

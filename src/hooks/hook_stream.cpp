@@ -144,6 +144,7 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
   }
   const int result = next->lpWSPConnect(s, target.name, target.name_size, lpCallerData,
                                         lpCalleeData, lpSQOS, lpGQOS, lpErrno);
+  if (result == SOCKET_ERROR && ErrorOf(lpErrno) != WSAEWOULDBLOCK) ForgetRedirect(record, target);
   // The filter is asked on success as well, so a socket that connects over and over grows quiet.
   if (GetSocketErrorFilter().ShouldLog(kOperationConnect, ErrorOf(lpErrno), record.token)) {
     LSP_LOG(5,

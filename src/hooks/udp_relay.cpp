@@ -31,13 +31,43 @@ std::shared_ptr<UdpPackageQueue> Use(const SocketRecord& record,
   return queue != nullptr ? GetRelayMgr().UseQueue(queue, record.token) : nullptr;
 }
 
+// The ports of that socket's session, where those take the place of the queues.
+std::shared_ptr<PeerPorts> UsePorts(const SocketRecord& record) noexcept {
+  return record.send_queue == nullptr ? GetRelayMgr().UsePeerPorts(record.token) : nullptr;
+}
+
+// The relay's port for that address; false if the game is to reach it directly. Where there is none
+// yet, the socket asks for one, as it asked for its relay.
+bool FindPeerPort(const SocketRecord& record, PeerPorts* ports, const sockaddr_in& peer,
+                  LPWSATHREADID thread_id, sockaddr_in* out_addr) noexcept {
+  u16 port = 0;
+  if (!ports->FindPort(peer, &port) && !ports->IsFull()) {
+    sockaddr_in answered = {};  // perhaps to another thread's question, so the table counts
+    RequestUdpRelay(record, &peer, thread_id, &answered, nullptr, nullptr);
+    // Directly from here on: a server that hears from one socket in two ways takes it for two.
+    ports->Add(peer, 0);
+    ports->FindPort(peer, &port);
+  }
+  *out_addr = {};
+  out_addr->sin_family = AF_INET;
+  out_addr->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  out_addr->sin_port = port;
+  return port != 0;
+}
+
 // Asks for the socket's relay and stores the outcome with the socket. Two threads may both do so
 // for one socket: the relay answers one of them, and the other's failure may be stored last. A
 // socket that was closed meanwhile could not know of the session that it may have by now.
 bool AskForRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
                  UdpPackageQueue** send_queue, LPWSATHREADID thread_id, bool in_connect) noexcept {
   UdpPackageQueue* recv_queue = nullptr;
-  const bool relayed = RequestUdpRelay(record, to, thread_id, out_addr, send_queue, &recv_queue);
+  bool relayed = RequestUdpRelay(record, to, thread_id, out_addr, send_queue, &recv_queue);
+  // Two threads may have asked, for different destinations, and taken each other's answer.
+  if (const auto ports = to != nullptr ? GetRelayMgr().UsePeerPorts(record.token) : nullptr) {
+    *send_queue = recv_queue = nullptr;
+    relayed = FindPeerPort(record, ports.get(), *to, thread_id, out_addr);
+    if (!relayed) return false;  // this address only
+  }
   const bool kept = relayed
                         ? GetSocketMap().SetRelayAddr(record.socket, out_addr, *send_queue,
                                                       recv_queue, record.token)
@@ -89,6 +119,9 @@ bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD cou
       if (!AskForRelay(record, to, out_addr, &queue, thread_id, false)) return false;
       break;
     case kRelayRunning:
+      if (const auto ports = UsePorts(record)) {
+        return dest == nullptr || FindPeerPort(record, ports.get(), *dest, thread_id, out_addr);
+      }
       queue = record.send_queue;
       *out_addr = record.relay_addr;
       if (dest == nullptr && record.udp_connect_mode) dest = &record.handled_addr;
@@ -106,7 +139,7 @@ bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD cou
 
 bool PrepareConnectedUdpSend(const SocketRecord& record, LPWSABUF buffers, DWORD count,
                              LPWSATHREADID thread_id, u64* entry) noexcept {
-  if (!record.udp_connect_mode) return false;
+  if (!record.udp_connect_mode || UsePorts(record) != nullptr) return false;
   sockaddr_in scratch = {};
   return PrepareUdpRelaySend(record, buffers, count, &record.handled_addr, &scratch, thread_id,
                              entry);
@@ -131,7 +164,12 @@ void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count, bool pending, u64 en
 
 bool RestoreUdpSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr_in* from,
                       const DWORD* received) noexcept {
-  if (from == nullptr || record.relay_state != kRelayRunning || received == nullptr) return false;
+  if (from == nullptr) return false;
+  // The record may be older than the relay: a thread may have waited here since.
+  if (from->sin_addr.s_addr == htonl(INADDR_LOOPBACK)) {
+    if (const auto ports = UsePorts(record)) return ports->FindPeer(from->sin_port, from);
+  }
+  if (record.relay_state != kRelayRunning || received == nullptr) return false;
   if (from->sin_addr.s_addr != record.relay_addr.sin_addr.s_addr ||
       from->sin_port != record.relay_addr.sin_port) {
     return false;  // it did not come through the relay
@@ -154,13 +192,16 @@ bool HandleUdpConnect(const SocketRecord& record, const sockaddr_in* addr,
   if (out_addr == nullptr || !NeedsRelay(record, addr)) return false;
   // Exactly, as for a stream: what is connected to the relay gets nowhere else.
   if (!GetRelayMgr().StillServes(0)) return false;
+  WSATHREADID thread{GetCurrentThread(), 0};
   if (record.relay_state == kRelayRunning) {
+    if (const auto ports = UsePorts(record)) {
+      return FindPeerPort(record, ports.get(), *addr, &thread, out_addr);
+    }
     // Kept: a socket whose relay was started by a datagram does not come into connect mode.
     *out_addr = record.relay_addr;
     return true;
   }
   if (record.relay_state != kRelayNotAsked) return false;
-  WSATHREADID thread{GetCurrentThread(), 0};
   UdpPackageQueue* send_queue = nullptr;
   if (!AskForRelay(record, addr, out_addr, &send_queue, &thread, true)) return false;
   GetSocketMap().SetUdpConnectMode(record.socket, true, record.token);

@@ -41,6 +41,11 @@ class LinkWatch {
   // Starts again, also on another link. Keeps what RecoverySwitch::Init keeps.
   void Start(const SpeedTestParam& param, std::string_view guid, const AccInfo& acc_info,
              const ClientInfo& client_info, bool on_trial) noexcept;
+  // Before Start: nothing that was measured of an earlier link counts for the next one.
+  void Forget() noexcept {
+    judge_.Forget();
+    probes_.Forget();
+  }
   // Sends no more probes and recognises no more answers. Data is still counted.
   void Stop() noexcept { probes_.Stop(); }
 

@@ -49,6 +49,8 @@ class RealRouteSpeedTest {
   // Starts again. A watch period of an earlier link continues.
   void Start(const SpeedTestParam& param, bool is_in_switching) noexcept;
   void Stop() noexcept { running_ = false; }
+  // Before Start: ends the watch period.
+  void Forget() noexcept { recent_cycle_[1].StopWatching(); }
 
   // The timer's step: sends the probe that is due. True once the last one of a burst has been sent;
   // then it must be called again in the same step of the timer.

@@ -73,6 +73,10 @@ void RecoverySwitch::InitCalcs() noexcept {
   enabled_ = data_link_.Init(kClockStart, unit, cycle, wait, kMinDataLinkPkgs, false) == 0;
 }
 
+void RecoverySwitch::Forget() noexcept {
+  real_route_front_ = real_route_full_ = data_link_ = LostCalc();
+}
+
 void RecoverySwitch::Reset() noexcept {
   data_link_upload_lost_ = 0;
   std::fill(std::begin(link_data_), std::end(link_data_), LinkDataSet{});

@@ -71,6 +71,9 @@ class RecoverySwitch {
   void Init(SOCKET socket, u32 token, std::string_view guid, const AccInfo& acc_info,
             const ClientInfo& client_info, bool is_switch_session) noexcept;
 
+  // Before Init: what an earlier link has left in the windows does not count for the next one.
+  void Forget() noexcept;
+
   // From now on it only reports. Nothing in the product calls this: each link has a session that
   // takes requests.
   void HasNoOwner() noexcept { has_owner_ = false; }

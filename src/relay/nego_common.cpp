@@ -1,6 +1,5 @@
 #include "relay/nego_common.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <iterator>
@@ -110,16 +109,6 @@ void LogNegotiated(NegoAsker asker, const NegoResponse& response, u32 token) noe
           common::IpToString(htonl(body.client_ip)).c_str(), u32{body.client_isp},
           u32{body.accl_token}, int{node.node_id}, common::IpToString(htonl(node.ip)).c_str(),
           int{node.port}, u32{node.accl_token}, token);
-}
-
-bool SelectOtherProxy(AccDecisionInfo* decision) noexcept {
-  const u32 current = decision->selected_proxy.proxy_idc;
-  const auto found = std::find_if(
-      std::begin(decision->top_proxy), std::end(decision->top_proxy),
-      [&](const RouteProxyInfo& p) { return p.proxy_idc != 0 && p.proxy_idc != current; });
-  if (found == std::end(decision->top_proxy)) return false;
-  decision->selected_proxy = *found;
-  return true;
 }
 
 ProxyAddrText::ProxyAddrText(const RouteProxyInfo& proxy) noexcept {

@@ -40,9 +40,6 @@ u32 CheckNegotiation(NegoAsker asker, SOCKET socket, u32 token, const NegoRespon
 // Logs an answer that was accepted.
 void LogNegotiated(NegoAsker asker, const NegoResponse& response, u32 token) noexcept;
 
-// Replaces the selected proxy by the first other one of the decision. False if there is none.
-bool SelectOtherProxy(AccDecisionInfo* decision) noexcept;
-
 // The tables that the client program writes need not terminate their texts.
 struct ProxyAddrText {
   explicit ProxyAddrText(const RouteProxyInfo& proxy) noexcept;

@@ -30,8 +30,13 @@ class IRelaySocketMgr {
   // Asks for one writable event. 0, or not 0 if it was already asked for. Does nothing for a socket
   // that was not added.
   virtual u32 EnableWrite(SOCKET socket) noexcept = 0;
-  // No more readable events for the socket, nor exceptions. For one that has said all it will say.
+  // No more readable events for the socket, nor exceptions. For one that has said all it will say,
+  // or whose bytes there is no room for.
   virtual void StopReading(SOCKET socket) noexcept = 0;
+  // Undoes that, at the end of the order in which sockets are served.
+  virtual void ResumeReading(SOCKET /*socket*/) noexcept {}
+  // Whether that many more sockets would be polled. Any thread.
+  virtual bool HasRoom(u32 /*sockets*/) const noexcept { return true; }
   // The delegate, which is the caller's to delete or to keep; null if there was none.
   virtual IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept = 0;
 

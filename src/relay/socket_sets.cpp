@@ -35,6 +35,7 @@ u32 SocketSets::Add(SOCKET socket, IRelaySocketDelegate* delegate) noexcept {
   } catch (...) {
     return 1;  // without memory the socket stays unpolled, as one that finds no room does
   }
+  CountPlaces();
   if (Has(read_, socket)) return 1;
   Append(&read_, socket);
   return 0;
@@ -53,6 +54,16 @@ u32 SocketSets::EnableWrite(SOCKET socket, bool enable) noexcept {
 
 void SocketSets::StopReading(SOCKET socket) noexcept { Erase(&read_, socket); }
 
+void SocketSets::ResumeReading(SOCKET socket) noexcept {
+  if (sockets_.contains(socket) && !Has(read_, socket)) Append(&read_, socket);
+}
+
+// A socket whose reading was stopped keeps its place.
+void SocketSets::CountPlaces() noexcept {
+  const std::size_t used = std::min<std::size_t>(sockets_.size(), FD_SETSIZE);
+  free_places_.store(static_cast<u32>(FD_SETSIZE - used), std::memory_order_relaxed);
+}
+
 IRelaySocketDelegate* SocketSets::Remove(SOCKET socket) noexcept {
   Erase(&read_, socket);
   Erase(&write_, socket);
@@ -60,6 +71,7 @@ IRelaySocketDelegate* SocketSets::Remove(SOCKET socket) noexcept {
   if (found == sockets_.end()) return nullptr;
   IRelaySocketDelegate* const delegate = found->second.delegate;
   sockets_.erase(found);
+  CountPlaces();
   return delegate;
 }
 

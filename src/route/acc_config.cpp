@@ -9,6 +9,7 @@
 #include "common/process_info.h"
 #include "common/shared_mem_obj.h"
 #include "common/text.h"
+#include "route/client_wait.h"
 #include "route/mending.h"
 
 namespace moru_vyr::lsp {
@@ -99,6 +100,10 @@ bool NoRegion() noexcept {
 // the client program would find that instead of its own.
 bool InstallFromRegion(u32* place) {
   if (!common::Shared_mem_obj::Exists(kRestrictionRegionName)) return NoRegion();
+  RenewClientWaits();
+  ReadWaitsOfAnyGame();
+  const ClientWait wait(kRestrictionMutexName);
+  if (!wait.may_read()) return NoRegion();
   common::Shared_mem_obj owner(kRestrictionRegionName, sizeof(RestrictionRegion),
                                kRestrictionMutexName, false);
   common::Shared_mem_ptr<const RestrictionRegion> region(&owner, common::kOpenForReading, true);
@@ -136,13 +141,15 @@ bool ReadAccConfig() noexcept {
     LspTrace("process path is empty, read acce info failed!\n");
     return false;
   }
-  u32 place = 0;
+  u32 place = kMaxGames;
+  bool installed = false;
   try {
-    if (!InstallFromRegion(&place)) return false;
+    installed = InstallFromRegion(&place);
   } catch (const std::exception&) {
-    return NoRegion();  // out of memory
+    NoRegion();  // out of memory
   }
   ReadMending(place);
+  if (!installed) return false;
   if (process_config.net_mode != 0) return true;
   LspTrace("Based on server config, the game will not be accelerated:%s",
            common::GetProcessInfo().process_name);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "route/client_wait.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -65,7 +66,8 @@ bool LaunchTest::LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noex
     const common::Lock hold(lock_);
     if (local_glt_ != nullptr) return CopyRecord(*local_glt_, game_idc, out);
   }
-  common::Shared_mem_obj* const region = OpenRegion();
+  const ClientWait wait(kLaunchTestMutexName);
+  common::Shared_mem_obj* const region = wait.may_read() ? OpenRegion() : nullptr;
   if (region == nullptr) return false;
   // The region's mutex also keeps our own threads apart. Without one nobody waits.
   std::optional<common::Lock> alone;

@@ -13,7 +13,8 @@ namespace moru_vyr::lsp {
 class LaunchTest {
  public:
   // Copies the first record for that data centre to *out, with texts terminated; leaves *out alone
-  // if there is none. Any thread; waits for the region's mutex without limit.
+  // if there is none. Any thread; waits for the region's mutex without
+  // limit, unless the game asks for one.
   bool LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noexcept;
 
   // Answers from a copy of this table from now on, never from the region: for tools that ask about

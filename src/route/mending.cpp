@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <cstring>
+#include <utility>
 
 #include "common/handle.h"
 #include "common/log.h"
@@ -16,6 +17,7 @@ using common::UniqueHandle;
 constexpr DWORD kMutexLimitMs = 500;
 
 constinit Mending process_mending;
+constinit u32 asked_by_any_game = 0;  // between ReadWaitsOfAnyGame and ReadMending
 
 bool IsOurs(const MendingRegion& region) noexcept {
   return region.header.shared_mem_size == sizeof region &&
@@ -48,11 +50,30 @@ bool CopyGuarded(HANDLE mapping, MendingRegion* out) noexcept {
 
 const Mending& GetMending() noexcept { return process_mending; }
 
+void ReplaceMending(const Mending& mending) noexcept {
+  process_mending = mending;
+  if (mending.bits() != 0) LspTrace("mending: 0x%x", mending.bits());
+}
+
+// Without the mutex: a word is written as a whole.
+void ReadWaitsOfAnyGame() noexcept {
+  const UniqueHandle mapping(OpenFileMappingA(FILE_MAP_READ, FALSE, kMendingRegionName));
+  MendingRegion region;
+  if (!mapping || !CopyRegion(mapping.get(), &region) || !IsOurs(region)) return;
+  for (const MendingRecord& game : region.games) asked_by_any_game |= game.mended & kMendStart;
+  process_mending = Mending({.mended = asked_by_any_game});
+}
+
 void ReadMending(u32 place) noexcept {
+  const u32 asked = std::exchange(asked_by_any_game, 0);
   process_mending = Mending();
   const UniqueHandle mapping(OpenFileMappingA(FILE_MAP_READ, FALSE, kMendingRegionName));
   MendingRegion region;
-  if (!mapping || place >= kMaxGames || !CopyGuarded(mapping.get(), &region)) return;
+  if (!mapping || place >= kMaxGames) return;
+  if (!CopyGuarded(mapping.get(), &region)) {
+    process_mending = Mending({.mended = asked});
+    return;
+  }
   if (!IsOurs(region)) {
     LspTrace("mending: size %d, version %d.%d are not this library's, so nothing is mended",
              static_cast<int>(region.header.shared_mem_size),

@@ -8,10 +8,21 @@
 
 namespace moru_vyr::lsp {
 
+// How long falling back waits; milliseconds.
+struct FallbackTimes {
+  u32 next_node_ms = 1000;
+  u32 direct_ms = 1000;
+  u32 node_rest_ms = 30'000;
+};
+
 class Mending {
  public:
   constexpr Mending() noexcept = default;
-  explicit Mending(const MendingRecord& record) noexcept : mended_(record.mended & kMendAll) {}
+  explicit Mending(const MendingRecord& record) noexcept : mended_(record.mended & kMendAll) {
+    if (record.next_node_ms != 0) fallback_times_.next_node_ms = record.next_node_ms;
+    if (record.direct_ms != 0) fallback_times_.direct_ms = record.direct_ms;
+    if (record.node_rest_ms != 0) fallback_times_.node_rest_ms = record.node_rest_ms;
+  }
 
   // One side's end of sending is passed on as such; the other direction goes on to its own end.
   bool PassesOnHalfClose() const noexcept { return (mended_ & kMendHalfClose) != 0; }
@@ -23,17 +34,52 @@ class Mending {
   bool KeepsConnectExResult() const noexcept { return (mended_ & kMendConnectEx) != 0; }
   // A process that cleans up Winsock and starts it again is served as the first time.
   bool ServesAgain() const noexcept { return (mended_ & kMendRestart) != 0; }
+  // The next way is tried soon, beside those that have not answered yet, and a node that has failed
+  // is passed over for a while.
+  bool FallsBackFast() const noexcept { return (mended_ & kMendFallback) != 0; }
+  const FallbackTimes& fallback_times() const noexcept { return fallback_times_; }
+
+  // No thread of the host waits long for a mutex of the client's, and the worker hardly at all.
+  bool BoundsClientWaits() const noexcept { return Starts(); }
+  // A process that ends with a cleanup of Winsock reports the end of what it still had open.
+  bool ReportsItsEnd() const noexcept { return Starts(); }
+  // What the relay has no place to poll goes direct.
+  bool KeepsToItsPlaces() const noexcept { return Starts(); }
+  // A connect that failed leaves nothing behind for the next one from its port.
+  bool ForgetsFailedConnects() const noexcept { return Starts(); }
+  // While a buffer is full, its source is not polled.
+  bool RestsWhileFull() const noexcept { return Starts(); }
+
+  // Both ends of a relayed stream have the names that they would have without us.
+  bool NamesAsWithoutUs() const noexcept { return (mended_ & kMendNames) != 0; }
+  // Each address that a datagram socket talks to has a loopback port of its own, which names it.
+  bool GivesEachPeerAPort() const noexcept { return (mended_ & kMendDatagramMatch) != 0; }
+
+  // A flow that has moved to another node is measured and reported anew there, hears the old node
+  // out, and can move again.
+  bool StartsAnewAfterSwitch() const noexcept { return (mended_ & kMendAfterSwitch) != 0; }
 
   u32 bits() const noexcept { return mended_; }
 
  private:
+  bool Starts() const noexcept { return (mended_ & kMendStart) != 0; }
+
   u32 mended_ = 0;
+  FallbackTimes fallback_times_;
 };
 
 const Mending& GetMending() noexcept;
 
+// In place of the client's, for a process that is configured otherwise.
+void ReplaceMending(const Mending& mending) noexcept;
+
+// Before the game's place is known, how long it may wait for that is known all the same:
+// BoundsClientWaits is what any listed game asks for, until ReadMending. Without a wait.
+void ReadWaitsOfAnyGame() noexcept;
+
 // Reads the record of the game in that place of the client's list. Waits at most half a second for
-// the region's mutex; any failure means that nothing is mended.
+// the region's mutex; any failure means that nothing is mended, except that waits stay bounded if
+// any game asks for that and the mutex was not free.
 void ReadMending(u32 place) noexcept;
 
 }  // namespace moru_vyr::lsp

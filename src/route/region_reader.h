@@ -5,6 +5,7 @@
 
 #include "common/log.h"
 #include "common/shared_mem_obj.h"
+#include "route/client_wait.h"
 
 namespace moru_vyr::lsp {
 
@@ -16,16 +17,20 @@ struct RegionFailures {
 };
 
 // Copies the region under its mutex, releases both, and passes the copy to parse(const T&). The
-// copy is private, so reading it twice gives the same data. Waits for the mutex without limit.
+// copy is private, so reading it twice gives the same data. Waits for the mutex without limit
+// unless the game asks for one.
 // Parsers signal failure by std::bad_alloc alone and leave their table as it was.
+// Returns false only where the mutex was not free in time, see client_wait.h.
 template <typename T, typename Parser>
-void ReadRegion(const char* name, const char* mutex_name, const RegionFailures& failures,
+bool ReadRegion(const char* name, const char* mutex_name, const RegionFailures& failures,
                 Parser parse) noexcept {
   try {
-    if (!common::Shared_mem_obj::Exists(name)) return;
+    if (!common::Shared_mem_obj::Exists(name)) return true;
     std::unique_ptr<const T> copy;
     const char* failure = nullptr;
     {
+      const ClientWait wait(mutex_name);
+      if (!wait.may_read()) return false;
       common::Shared_mem_obj region(name, sizeof(T), mutex_name, false);
       const common::Shared_mem_ptr<const T> view(&region, common::kOpenForReading, true);
       const common::Shared_mem_closer closer(&region);
@@ -37,6 +42,7 @@ void ReadRegion(const char* name, const char* mutex_name, const RegionFailures& 
   } catch (const std::bad_alloc&) {
     LSP_LOG(4, "%s", failures.no_memory);
   }
+  return true;
 }
 
 }  // namespace moru_vyr::lsp

@@ -118,6 +118,7 @@ class Route {
   IpTable ip_table_;
   Blacklist blacklist_;
   SpurList spur_list_;
+  bool spur_is_due_ = false;  // the worker's: it has changed and could not be read yet
   PortMap port_map_;
   LaunchTest launch_test_;
 

@@ -57,9 +57,11 @@ void Route::OnUpdate(u32 elapsed_ms) noexcept {
   elapsed_ms_ = 0;
   if (notify_event_ == nullptr && notify_event_tries_ < kMaxNotifyEventTries) CreateNotifyEvent();
   if (notify_event_ == nullptr) return;
-  if (WaitForSingleObject(notify_event_, 0) != WAIT_OBJECT_0) return;
-  LSP_LOG(5, "[Route][OnUpdate] Spur iplist content has changed, reload it!");
-  spur_list_.LoadSpurIplistTable();
+  if (WaitForSingleObject(notify_event_, 0) == WAIT_OBJECT_0) {
+    LSP_LOG(5, "[Route][OnUpdate] Spur iplist content has changed, reload it!");
+    spur_is_due_ = true;
+  }
+  if (spur_is_due_) spur_is_due_ = !spur_list_.LoadSpurIplistTable();
 }
 
 void Route::CreateNotifyEvent() noexcept {

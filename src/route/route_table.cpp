@@ -8,6 +8,7 @@
 #include "common/text.h"
 #include "route/acc_config.h"
 #include "route/acc_mode.h"
+#include "route/client_wait.h"
 #include "route/route_file.h"
 
 namespace moru_vyr::lsp {
@@ -83,6 +84,8 @@ std::unique_ptr<common::Shared_mem_obj> RouteTable::OpenRegion() noexcept {
               "exist!");
       return nullptr;
     }
+    const ClientWait wait(kRouteMutexName);
+    if (!wait.may_read()) return nullptr;
     region = std::make_unique<common::Shared_mem_obj>(kRouteRegionName, sizeof(RouteRegion),
                                                       kRouteMutexName, true);
   } catch (const std::bad_alloc&) {

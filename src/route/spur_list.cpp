@@ -9,8 +9,8 @@
 
 namespace moru_vyr::lsp {
 
-void SpurList::LoadSpurIplistTable() noexcept {
-  ReadRegion<SpurRegion>(
+bool SpurList::LoadSpurIplistTable() noexcept {
+  return ReadRegion<SpurRegion>(
       kSpurRegionName, kSpurMutexName,
       {"LoadSpurIplistTable read route table from shared memory failed, mem_addr=null",
        "LoadSpurIplistTable read route table from shared memory failed, mem_addr.get()=null",

@@ -13,7 +13,8 @@ namespace moru_vyr::lsp {
 class SpurList {
  public:
   // Reads the region again. If it cannot be read, the list stays as it was.
-  void LoadSpurIplistTable() noexcept;
+  // False if that is so because the mutex was not free: then it is worth another try.
+  bool LoadSpurIplistTable() noexcept;
 
   // Kept: an empty table never replaces what was loaded before, so the client program cannot
   // empty the list. May throw std::bad_alloc; the list is unchanged then.

@@ -51,6 +51,12 @@ bool SocketMap::Get(SOCKET socket, SocketRecord* out) const noexcept {
   return true;
 }
 
+bool SocketMap::HasToken(u32 token) const noexcept {
+  common::Lock hold(lock_);
+  return std::any_of(records_.begin(), records_.end(),
+                     [=](const auto& entry) { return entry.second.token == token; });
+}
+
 bool SocketMap::SetNextProcTable(SOCKET socket, WSPPROC_TABLE* table) noexcept {
   if (socket == INVALID_SOCKET || table == nullptr) return false;
   return Update(socket, [&](SocketRecord& record) { record.next_proc_table = table; });

@@ -66,6 +66,7 @@ class SocketMap {
   bool Add(SOCKET socket, int type, int protocol, u32 token) noexcept;
   bool Remove(SOCKET socket, SocketRecord* last = nullptr) noexcept;  // *last: its last state
   bool Get(SOCKET socket, SocketRecord* out) const noexcept;
+  bool HasToken(u32 token) const noexcept;
 
   bool SetNextProcTable(SOCKET socket, WSPPROC_TABLE* table) noexcept;  // refuses a null table
   WSPPROC_TABLE* GetNextProcTable(SOCKET socket, int* type, int* protocol) const noexcept;

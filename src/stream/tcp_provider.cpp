@@ -5,6 +5,7 @@
 
 #include "common/function_trace.h"
 #include "common/log.h"
+#include "route/mending.h"
 #include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
 
@@ -12,6 +13,9 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr u32 kListenerBufferSize = 65536;
+constexpr u32 kSocketsOfSession = 2;
+
+bool ForgetsFailed() noexcept { return GetMending().ForgetsFailedConnects(); }
 
 }  // namespace
 
@@ -70,7 +74,8 @@ void TcpProvider::OnCloseLocalServer() noexcept {
 }
 
 bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr,
-                                         sockaddr** out_addr, int* out_len, u32 token) noexcept {
+                                         sockaddr** out_addr, int* out_len, u32 token,
+                                         bool* created) noexcept {
   LSP_LOG(4, "[TCP]RequestTcpRelaySession: port=%d, socket=%Id, token=%u", ntohs(port), socket,
           token);
   if (addr == nullptr || out_addr == nullptr || out_len == nullptr) {
@@ -79,7 +84,9 @@ bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr
     return false;
   }
   common::Lock hold(pending_lock_);
+  ForgetOther(port, token);
   const bool duplicate = pending_sessions_.contains(port);
+  if (created != nullptr) *created = !duplicate;
   if (duplicate) {
     // Kept: the session that waits keeps its destination, which may be another. The port stands
     // here in network order.
@@ -97,6 +104,30 @@ bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr
             socket, token);
   }
   return true;
+}
+
+bool TcpProvider::HasRoomForSession() noexcept {
+  // More than there ever is: then nobody counts, and the lock is left alone.
+  if (socket_mgr_ == nullptr || socket_mgr_->HasRoom(FD_SETSIZE)) return true;
+  common::Lock hold(pending_lock_);
+  return socket_mgr_->HasRoom(kSocketsOfSession * (static_cast<u32>(pending_sessions_.size()) + 1));
+}
+
+void TcpProvider::ForgetRequest(u16 port, u32 token) noexcept {
+  common::Lock hold(pending_lock_);
+  const auto found = pending_sessions_.find(port);
+  if (found != pending_sessions_.end() && found->second->token() == token && ForgetsFailed()) {
+    pending_sessions_.erase(found);
+  }
+}
+
+// The port is that of a new socket now, so the one before it has failed or closed and nobody will
+// come from it any more. A second connect of the same socket fails, and its first one may not.
+void TcpProvider::ForgetOther(u16 port, u32 token) noexcept {
+  const auto found = pending_sessions_.find(port);
+  if (found != pending_sessions_.end() && found->second->token() != token && ForgetsFailed()) {
+    pending_sessions_.erase(found);
+  }
 }
 
 bool TcpProvider::CreateNewSession(u16 port, const sockaddr_in& addr, u32 token) noexcept {
@@ -190,6 +221,7 @@ void TcpProvider::CloseObsoleteSession(TcpSession* session, u32 verdict) noexcep
   const u16 port = session->game_socket_port();
   const u32 token = session->token();
   const bool is_reset = session->is_reset();
+  session->CloseTries();
   const auto found = std::find_if(sessions_.begin(), sessions_.end(),
                                   [&](const auto& entry) { return entry.get() == session; });
   if (found != sessions_.end()) sessions_.erase(found);  // ends the session

@@ -26,9 +26,15 @@ class TcpProvider final : public NetProvider {
 
   // Prepares a connection of the game's `socket`, which is bound to `port` (network order), to
   // `addr`. On true the caller connects the socket to *out_addr, which stays valid. May wait for as
-  // long as the worker takes to accept a connection and to decide its route.
+  // long as the worker takes to accept a connection and to decide its route. *created learns
+  // whether the request is new.
   bool RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr, sockaddr** out_addr,
-                              int* out_len, u32 token) noexcept;
+                              int* out_len, u32 token, bool* created = nullptr) noexcept;
+  // Whether the sets have places for both sockets of one more session. Ask before the game's socket
+  // is bound for the relay. May wait as RequestTcpRelaySession does.
+  bool HasRoomForSession() noexcept;
+  // The connect for which a request was made from that port has failed: nobody will come.
+  void ForgetRequest(u16 port, u32 token) noexcept;
 
   // For the sessions.
   IRelaySocketMgr* SessionMgr() const noexcept { return socket_mgr_; }
@@ -54,10 +60,12 @@ class TcpProvider final : public NetProvider {
 
  private:
   bool CreateNewSession(u16 port, const sockaddr_in& addr, u32 token) noexcept;
+  void ForgetOther(u16 port, u32 token) noexcept;
   bool AddLocalAddr(u16 port) noexcept;
   TcpSession* Adopt(u16 peer_port) noexcept;
   // Null: no session has that socket on that side.
   TcpSession* FindBy(SOCKET (TcpSession::*of)() const noexcept, SOCKET socket) const noexcept;
+  TcpSession* FindRemote(SOCKET socket) const noexcept;
 
   // The listener's addresses, the latest at the front. Guard: each start adds its own and none is
   // ever changed or freed: threads connect by the address that they were given, even if it is that

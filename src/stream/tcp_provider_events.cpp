@@ -11,6 +11,12 @@ TcpSession* TcpProvider::FindBy(SOCKET (TcpSession::*of)() const noexcept,
   return nullptr;
 }
 
+TcpSession* TcpProvider::FindRemote(SOCKET socket) const noexcept {
+  for (const auto& session : sessions_)
+    if (session->remote_socket() == socket || session->HasTry(socket)) return session.get();
+  return nullptr;
+}
+
 void TcpProvider::OnLocalReadable(SOCKET socket) noexcept {
   if (TcpSession* const session = FindBy(&TcpSession::local_socket, socket)) {
     CloseObsoleteSession(session, session->HandleLocalReadable());
@@ -36,23 +42,23 @@ void TcpProvider::OnLocalClose(SOCKET socket) noexcept {
 }
 
 void TcpProvider::OnRemoteReadable(SOCKET socket) noexcept {
-  if (TcpSession* const session = FindBy(&TcpSession::remote_socket, socket)) {
-    CloseObsoleteSession(session, session->HandleRemoteReadable());
+  if (TcpSession* const session = FindRemote(socket)) {
+    CloseObsoleteSession(session, session->HandleRemote(socket, &TcpSession::HandleRemoteReadable));
   } else {
     LSP_LOG(4, "[TCP]TcpProvider::OnRemoteReadable, failed to find socket=%Id", socket);
   }
 }
 
 void TcpProvider::OnRemoteWritable(SOCKET socket) noexcept {
-  if (TcpSession* const session = FindBy(&TcpSession::remote_socket, socket)) {
-    CloseObsoleteSession(session, session->HandleRemoteWritable());
+  if (TcpSession* const session = FindRemote(socket)) {
+    CloseObsoleteSession(session, session->HandleRemote(socket, &TcpSession::HandleRemoteWritable));
   } else {
     LSP_LOG(4, "[TCP]TcpProvider::OnRemoteWritable, failed to find socket=%Id", socket);
   }
 }
 
 void TcpProvider::OnRemoteExcpetion(SOCKET socket) noexcept {
-  TcpSession* const session = FindBy(&TcpSession::remote_socket, socket);
+  TcpSession* const session = FindRemote(socket);
   if (session == nullptr) {
     // Kept: the text of the writable event.
     LSP_LOG(4, "[TCP]TcpProvider::OnRemoteWritable, failed to find socket=%Id", socket);
@@ -66,7 +72,7 @@ void TcpProvider::OnRemoteExcpetion(SOCKET socket) noexcept {
   }
   LSP_LOG(4, "[TCP]TcpProvider::OnRemoteExcpetion. socket=%Id, error=%d, token=%u", socket, pending,
           session->token());
-  CloseObsoleteSession(session, session->HandleConnectFailure());
+  CloseObsoleteSession(session, session->HandleRemote(socket, &TcpSession::HandleConnectFailure));
 }
 
 void TcpProvider::OnRemoteClose(SOCKET socket) noexcept {

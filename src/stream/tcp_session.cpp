@@ -3,6 +3,7 @@
 
 #include "common/log.h"
 #include "common/net_text.h"
+#include "relay/node_choice.h"
 #include "route/route.h"
 #include "stream/tcp_provider.h"
 #include "tracker/tracker.h"
@@ -10,7 +11,6 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr u32 kNegotiationLimitMs = 5000;
 constexpr u32 kHalfCloseLimitMs = 300'000;
 constexpr u32 kFarewellMs = 200;  // in which the system sends the last bytes on their way
 
@@ -33,8 +33,10 @@ void TcpSession::DecideRemoteAddr() noexcept {
   char guid_text[SessionGuid::kTextSize] = {};
   guid_.ToString(guid_text, sizeof guid_text);
   try {
-    use_acc_ = provider_->SessionRoute()->MakeDecision(game_ip_, game_port_, SOCK_STREAM, guid_text,
-                                                       &decision_, nullptr, remote_.socket, token_);
+    use_acc_ =
+        provider_->SessionRoute()->MakeDecision(game_ip_, game_port_, SOCK_STREAM, guid_text,
+                                                &decision_, nullptr, remote_.socket, token_) &&
+        SelectAwakeProxy(SOCK_STREAM, &decision_);
   } catch (...) {
     use_acc_ = false;  // no memory for a question: the game server can still be reached
   }
@@ -95,9 +97,9 @@ u32 TcpSession::HandleRemoteWritable() noexcept {
               token_);
       if (use_acc_) {
         state_ = TcpState::Negotiating;
-        return Verdict(StartNegotiation() || LeaveNode(kNegoSendFailed));
+        return Verdict(StartNegotiation() || LeaveNode(kNegoSendFailed) || Resume(false));
       }
-      state_ = TcpState::Relaying;
+      WinRace();
       return Verdict(DoRemoteWrite());
     case TcpState::Relaying:
       return Verdict(DoRemoteWrite());
@@ -123,7 +125,7 @@ u32 TcpSession::HandleConnectFailure() noexcept {
     return kNoAction;
   }
   LSP_LOG(4, "[TCP]HandleConnectFailure. Connection Failed, token=%u", token_);
-  if (LeaveNode(kNegoUnreachable)) return kKeepSession;
+  if (LeaveNode(kNegoUnreachable) || Resume(false)) return kKeepSession;
   state_ = TcpState::Failed;
   GiveUp();
   return kCloseSession;
@@ -141,15 +143,16 @@ void TcpSession::LimitHalfClose(u32 elapsed_ms) noexcept {
 // The limit holds for connecting and negotiating together. A direct connection has the system's.
 void TcpSession::OnUpdate(u32 elapsed_ms) noexcept {
   LimitHalfClose(elapsed_ms);
+  UpdateTries(elapsed_ms);
   if (!use_acc_) return;
   if (state_ != TcpState::Connecting && state_ != TcpState::Negotiating) return;
-  if (connect_elapsed_ < kNegotiationLimitMs) {
+  if (connect_elapsed_ < AnswerLimitMs()) {
     connect_elapsed_ += elapsed_ms;
     return;
   }
   // Kept: nobody is told if this fails. The session ends with the far side's next event, or with
   // the game's close.
-  if (!OnNegotiationFailed(kNegoTimedOut) && GiveUp() == kCloseSession) {
+  if (!OnAnswerOverdue() && GiveUp() == kCloseSession) {
     local_.sock_deleteing = remote_.sock_deleteing = true;
   }
 }

@@ -7,6 +7,9 @@
 // that cannot be sent, one that would block, and a node that closes while the last error says
 // "would block".
 //
+// Where falling back is fast, a way that has not answered in time goes on beside the next one. The
+// members hold the latest way, `tries_` the others, until one carries and the rest are closed.
+//
 // Created on the application's thread, used by the worker alone after its accept. The provider owns
 // it, and closes its sockets when it ends. Addresses and ports are in network order. Nothing
 // throws. Handlers return a close verdict.
@@ -45,8 +48,20 @@ struct TcpSide {
   bool sock_deleteing = false;  // the side is finished; its socket may still be open
   bool missed_bytes = false;    // some data for it was dropped: nothing may follow that
   bool at_end = false;          // it will send nothing more, and may still receive
+  bool held_back = false;       // it is not read: there is no room for its bytes
   bool told_end = false;        // it has been told that the other side is at its end
   BlockBuffer owed{};           // filled by reading the other side, drained by writing to this one
+};
+
+// A way to the far side that is under way beside the latest one. Only where falling back is fast.
+struct TcpTry {
+  SOCKET socket = INVALID_SOCKET;  // INVALID_SOCKET: there is none here
+  TcpState state = TcpState::Created;
+  bool to_node = false;
+  bool is_overdue = false;  // it did not answer in time
+  u32 elapsed_ms = 0;
+  RouteProxyInfo proxy;
+  TcpNegotiation negotiation;
 };
 
 class TcpSession {
@@ -72,6 +87,8 @@ class TcpSession {
   u32 HandleRemoteReadable() noexcept;
   u32 HandleRemoteWritable() noexcept;
   u32 HandleConnectFailure() noexcept;
+  // Calls one of these three for an event of that socket: the remote one, or that of another way.
+  u32 HandleRemote(SOCKET socket, u32 (TcpSession::*handle)() noexcept) noexcept;
   // Sends the game the data that waits for it. False: the session is to be closed.
   bool DoLocalWrite() noexcept;
 
@@ -80,6 +97,10 @@ class TcpSession {
   bool IsObsolete() noexcept;
   // Whether one side reset its connection, and the other is to see the same.
   bool is_reset() const noexcept { return is_reset_; }
+
+  // Whether the socket is that of a way beside the latest.
+  bool HasTry(SOCKET socket) const noexcept;
+  void CloseTries() noexcept;
 
   SOCKET local_socket() const noexcept { return local_.socket; }
   SOCKET remote_socket() const noexcept { return remote_.socket; }
@@ -97,11 +118,22 @@ class TcpSession {
   bool FinishNegotiation() noexcept;
   bool LeaveNode(u32 reason) noexcept;
   bool OnNegotiationFailed(u32 reason) noexcept;
+  bool TakeNextWay() noexcept;
   bool ChangeAcclServer() noexcept;
   bool ConnectToNewNode() noexcept;
   bool ChangeToGameSrv() noexcept;
   bool CreateRemoteSocket() noexcept;
   void TargetSelectedProxy() noexcept;
+
+  // tcp_session_race.cpp
+  u32 AnswerLimitMs() const noexcept;
+  bool OnAnswerOverdue() noexcept;
+  bool Resume(bool in_time) noexcept;
+  void WinRace() noexcept;
+  void UpdateTries(u32 elapsed_ms) noexcept;
+  void Exchange(TcpTry* other) noexcept;
+  void RecordTimeOut(TcpTry* of) noexcept;
+  void CloseTry(TcpTry* ended) noexcept;
 
   // tcp_session_transfer.cpp
   bool DoLocalRead() noexcept;
@@ -109,7 +141,9 @@ class TcpSession {
   bool DoRemoteWrite() noexcept;
   bool Read(TcpSide* from, TcpSide* to) noexcept;
   bool Write(TcpSide* to, TcpSide* from) noexcept;
-  bool WaitForRoom(TcpSide* to) noexcept;
+  bool WaitForRoom(TcpSide* from, TcpSide* to) noexcept;
+  void HoldBack(TcpSide* from, const TcpSide& to) noexcept;
+  void LetGo(TcpSide* from, TcpSide* to) noexcept;
   bool EndSide(TcpSide* ended, const TcpSide& other) noexcept;
   void StopSending(TcpSide* side) noexcept;
   void PassOnEnd(TcpSide* to, const TcpSide& from) noexcept;
@@ -130,11 +164,13 @@ class TcpSession {
   u32 obsolete_tick_ = 0;   // when the session was marked as finished; 0: never
   const u32 token_;
   const SessionGuid guid_;
-  bool use_acc_ = true;  // the remote side is a node
+  bool use_acc_ = true;        // the remote side is a node
+  bool direct_tried_ = false;  // the game server has been asked itself
   bool is_reset_ = false;
   AccDecisionInfo decision_;
   TcpNegotiation negotiation_;
   u8 node_changes_ = 0;
+  TcpTry tries_[2];  // two nodes, while the game server is tried
   TcpProvider* const provider_;
   u32 nego_count_ = 0;
 };

@@ -2,6 +2,7 @@
 // game server. What the game has sent waits meanwhile; the failed node never saw any of it.
 #include "common/log.h"
 #include "common/net_text.h"
+#include "relay/node_choice.h"
 #include "route/mending.h"
 #include "sockets/socket_helpers.h"
 #include "stream/tcp_provider.h"
@@ -37,13 +38,14 @@ bool TcpSession::FinishNegotiation() noexcept {
   u32 reason = 0;
   switch (negotiation_.ParseTcpNegotiation(&decision_, &reason)) {
     case 0:
-      state_ = TcpState::Relaying;
+      NoteNodeServes(SOCK_STREAM, decision_);
+      WinRace();
       return DoRemoteWrite();
     case -1:
       state_ = TcpState::Failed;
       return OnNegotiationFailed(reason);
     default:
-      return LeaveNode(kNegoReceiveFailed);
+      return LeaveNode(kNegoReceiveFailed) || Resume(false);
   }
 }
 
@@ -56,6 +58,12 @@ bool TcpSession::OnNegotiationFailed(u32 reason) noexcept {
   LSP_LOG(5, "[TCP] TcpSession::OnNegotiationFailed, reason=%u, token=%u", reason, token_);
   GetTracker().RecordNegFailed(remote_.socket, 0, reason, &decision_, negotiation_.ElapsedMs(),
                                nego_count_);
+  NoteNodeFailed(SOCK_STREAM, decision_);
+  return Resume(true) || TakeNextWay() || Resume(false);
+}
+
+bool TcpSession::TakeNextWay() noexcept {
+  if (direct_tried_) return false;
   if (node_changes_ == 0 && ChangeAcclServer()) {
     ++node_changes_;
     connect_elapsed_ = 0;
@@ -89,7 +97,7 @@ bool TcpSession::ConnectToNewNode() noexcept {
 }
 
 bool TcpSession::ChangeAcclServer() noexcept {
-  if (!SelectOtherProxy(&decision_)) return false;
+  if (!SelectOtherProxy(SOCK_STREAM, &decision_)) return false;
   LSP_LOG(5, "[TCP] TcpSession::ChangeAcclServer, proxy_idc=%u, token=%u",
           u32{decision_.selected_proxy.proxy_idc}, token_);
   return true;
@@ -122,6 +130,7 @@ bool TcpSession::ChangeToGameSrv() noexcept {
     return false;
   }
   use_acc_ = false;
+  direct_tried_ = true;
   remote_ip_ = game_ip_;
   remote_port_ = game_port_;
   const bool result = Connect();

@@ -43,7 +43,7 @@ bool TcpSession::DoRemoteWrite() noexcept {
 bool TcpSession::Read(TcpSide* from, TcpSide* to) noexcept {
   for (;;) {
     u8* place = nullptr;
-    if (!to->owed.Reserve(&place, kReadSize)) return WaitForRoom(to);
+    if (!to->owed.Reserve(&place, kReadSize)) return WaitForRoom(from, to);
     ForgetLastError();
     const int n = recv(from->socket, reinterpret_cast<char*>(place), kReadSize, 0);
     const int error = WSAGetLastError();
@@ -112,6 +112,7 @@ bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
     if (!keep) return false;
     break;
   }
+  LetGo(from, to);
   if (from->at_end && to->owed.IsEmpty()) PassOnEnd(to, *from);
   if (from->sock_deleteing && to->owed.IsEmpty()) {
     LSP_LOG(4,
@@ -129,9 +130,28 @@ bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
 // bytes that are not read, and select would return at once all that time. A remote side that has
 // missed bytes takes no more, so what waits for it is dropped, and the game may still get what it
 // is owed. A session that was given up has nobody on either side, and ends.
-bool TcpSession::WaitForRoom(TcpSide* to) noexcept {
-  if (to->is_remote && to->missed_bytes) to->owed.Clear();
+bool TcpSession::WaitForRoom(TcpSide* from, TcpSide* to) noexcept {
+  if (to->is_remote && to->missed_bytes) {
+    to->owed.Clear();
+  } else if (GetMending().RestsWhileFull()) {
+    HoldBack(from, *to);
+  }
   return !IsGivenUp();
+}
+
+// Where nothing is owed there was no memory, and no write will make room: the next pass asks again.
+void TcpSession::HoldBack(TcpSide* from, const TcpSide& to) noexcept {
+  IRelaySocketMgr* const mgr = provider_->SessionMgr();
+  if (mgr == nullptr || to.owed.IsEmpty()) return;
+  from->held_back = true;
+  mgr->StopReading(from->socket);
+}
+
+void TcpSession::LetGo(TcpSide* from, TcpSide* to) noexcept {
+  u8* place = nullptr;
+  if (!from->held_back || !to->owed.Reserve(&place, kReadSize)) return;
+  from->held_back = false;
+  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->ResumeReading(from->socket);
 }
 
 // The side is finished. Whether the session goes on, to deliver what the other side is owed.

@@ -84,6 +84,31 @@ void CountCall(const Traffic& traffic, u32 bytes, int error) noexcept {
   traffic.last_tick = GetTickCount();
 }
 
+u32 FirstOf(u32 preferred, u32 other) noexcept { return preferred != 0 ? preferred : other; }
+
+// `now` goes on where `was` stands. The probes' figures are of one node alone.
+void AddFlow(const SocketQosRecord& was, SocketQosRecord* now) noexcept {
+  now->total_recv_bytes += was.total_recv_bytes;
+  now->total_sent_bytes += was.total_sent_bytes;
+  now->total_recv_packets += was.total_recv_packets;
+  now->total_sent_packets += was.total_sent_packets;
+  now->total_recv_errors += was.total_recv_errors;
+  now->total_sent_errors += was.total_sent_errors;
+  now->first_recv_error_code = FirstOf(was.first_recv_error_code, now->first_recv_error_code);
+  now->first_send_error_code = FirstOf(was.first_send_error_code, now->first_send_error_code);
+  now->curr_recv_error_code = FirstOf(now->curr_recv_error_code, was.curr_recv_error_code);
+  now->curr_send_error_code = FirstOf(now->curr_send_error_code, was.curr_send_error_code);
+  now->last_send_tick = FirstOf(now->last_send_tick, was.last_send_tick);
+  now->last_recv_tick = FirstOf(now->last_recv_tick, was.last_recv_tick);
+  now->create_tick = was.create_tick;
+  now->direct_delay = was.direct_delay;
+  now->direct_lost = was.direct_lost;
+  common::SetFieldText(now->game_ip, common::FieldText(was.game_ip));
+  now->game_port = was.game_port;
+  now->game_idc = was.game_idc;
+  now->is_acce = was.is_acce;
+}
+
 void Signal(const common::UniqueHandle& event) noexcept {
   if (event) SetEvent(event.get());
 }
@@ -107,6 +132,19 @@ void Tracker::AddToWatchList(SOCKET socket, u32 type, u32 token) noexcept try {
   MakeSeriesCode(socket, record.series_code, sizeof record.series_code);
   LSP_LOG(0, "[Tracker] Add %d to watch list, token=%d", static_cast<int>(socket), Int(token));
 } catch (...) {
+}
+
+void Tracker::MoveFlow(SOCKET from, SOCKET to, const AccDecisionInfo* decision) noexcept {
+  SocketQosRecord* const now = Find(to);
+  const auto was = watch_list_.find(from);
+  if (now == nullptr || was == watch_list_.end() || from == to) return;
+  AddFlow(was->second, now);
+  CopyProxyFigures(*decision, now);
+  now->guid.swap(was->second.guid);
+  now->recovery_info.swap(was->second.recovery_info);
+  watch_list_.erase(was);
+  LSP_LOG(0, "[Tracker] flow moved from socket=%Id to socket=%Id, token=%d", from, to,
+          Int(now->token));
 }
 
 void Tracker::MakeClosingUpdate(SocketQosRecord* record) {
@@ -139,6 +177,10 @@ void Tracker::RemoveFromWatchList(SOCKET socket) noexcept try {
   }
   LSP_LOG(0, "[Tracker] Remove %d from watch list, token=%d", static_cast<int>(socket), token);
 } catch (...) {
+}
+
+void Tracker::EndWatching() noexcept {
+  while (!watch_list_.empty()) RemoveFromWatchList(watch_list_.begin()->first);
 }
 
 void Tracker::NoteGameServer(SOCKET socket, const char* ip, u16 port) noexcept {

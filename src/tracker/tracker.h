@@ -49,6 +49,8 @@ class Tracker {
   // during its end, the reporting thread notices, writes what there is and ends by itself. `gone`
   // may be null.
   void Init(WorkerGone gone = nullptr) noexcept;
+  // Closes the records of all watched sockets, so that each leaves its last report.
+  void EndWatching() noexcept;
   // Has the last reports written, and waits at most 2000 ms for that.
   void UnInit() noexcept;
   // On every pass of the worker: reports the open sockets' traffic, at most once in five seconds.
@@ -60,6 +62,9 @@ class Tracker {
   void AddToWatchList(SOCKET socket, u32 type, u32 token) noexcept;
   // Called once the socket is closed: leaves its last report, if it was accelerated.
   void RemoveFromWatchList(SOCKET socket) noexcept;
+  // A flow has moved from one watched socket to another, and through it to the decision's node: its
+  // reports go on there, with all that it has carried. `from` is watched no more.
+  void MoveFlow(SOCKET from, SOCKET to, const AccDecisionInfo* decision) noexcept;
   // Null if the socket is not watched.
   SocketQosRecord* Find(SOCKET socket) noexcept;
 

@@ -28,4 +28,11 @@ std::shared_ptr<UdpPackageQueue> LiveQueues::Use(const UdpPackageQueue* queue,
   return nullptr;
 }
 
+std::shared_ptr<PeerPorts> LiveQueues::UsePorts(u32 token) const noexcept {
+  common::Lock hold(lock_);
+  const auto found = by_token_.find(token);
+  if (found == by_token_.end() || !found->second->peer_ports.IsUsed()) return nullptr;
+  return {found->second, &found->second->peer_ports};
+}
+
 }  // namespace moru_vyr::lsp

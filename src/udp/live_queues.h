@@ -1,4 +1,4 @@
-// Guard: which queues application threads may use.
+// Guard: which queues application threads may use, and which ports in place of them.
 //
 // An application thread knows its socket's queues by raw pointers, in a copy of the socket's record
 // that may be older than the end of the session. So it never dereferences such a pointer: it asks
@@ -12,14 +12,17 @@
 
 #include "common/lock.h"
 #include "common/types.h"
+#include "udp/peer_ports.h"
 #include "udp/udp_package_queue.h"
 
 namespace moru_vyr::lsp {
 
-// The two directions of one session.
+// How the true addresses of one session's datagrams pass the loopback hop: by the ports, or where
+// those are not used by the queues of the two directions.
 struct UdpQueues {
   UdpPackageQueue send_queue;  // from the game: the hooks write, the worker reads
   UdpPackageQueue recv_queue;  // to the game: the worker writes, the hooks read
+  PeerPorts peer_ports;
 };
 
 class LiveQueues {
@@ -30,6 +33,8 @@ class LiveQueues {
 
   // Null if that is not a queue of that session, or no longer.
   std::shared_ptr<UdpPackageQueue> Use(const UdpPackageQueue* queue, u32 token) const noexcept;
+  // Null if the session has no ports, or is gone.
+  std::shared_ptr<PeerPorts> UsePorts(u32 token) const noexcept;
 
  private:
   mutable common::Mutex lock_;  // guards by_token_; a leaf

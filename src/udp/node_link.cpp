@@ -64,6 +64,17 @@ void NodeLink::Adopt(NodeLink* other) noexcept {
   blocked_.splice(blocked_.end(), other->blocked_);
 }
 
+void NodeLink::CopyFrom(const NodeLink& other) noexcept {
+  sock_ = other.sock_;
+  info_ = other.info_;
+}
+
+void NodeLink::Clear() noexcept {
+  sock_ = INVALID_SOCKET;
+  info_ = {};
+  blocked_.clear();
+}
+
 // --- negotiation ---------------------------------------------------------------------------------
 
 u32 NodeLink::SendRequest(const AccDecisionInfo& decision, u8 retry,
@@ -170,9 +181,22 @@ void NodeLink::SendBare(const UdpPackage& package) noexcept {
   GetTracker().RecordSend(sock_, package.valid_len, static_cast<int>(result));
 }
 
+void NodeLink::SendEnd() noexcept { SendEndOf(&info_, kOwnSocket); }
+
+bool NodeLink::EndLateAnswer(SOCKET through, const UdpPackage& package) noexcept {
+  NegoResponse response;
+  response.Init(kNegoVersion);
+  if (response.Unpack({package.data, package.valid_len}) < 0) return false;
+  if (response.body.result != 0) return true;  // a refusal needs no end
+  AcclLinkInfo late;
+  late.Accept(response);
+  SendEndOf(&late, through);
+  return true;
+}
+
 // Kept: unlike data, which takes the number and then counts, this counts first.
-void NodeLink::SendEnd() noexcept {
-  UdpAcclHeader header = HeaderTo(flow_.remote_addr, kUdpAcclEnd, ++info_.seq, info_.accl_token);
+void NodeLink::SendEndOf(AcclLinkInfo* info, SOCKET through) noexcept {
+  UdpAcclHeader header = HeaderTo(flow_.remote_addr, kUdpAcclEnd, ++info->seq, info->accl_token);
   u8 wire[sizeof header];
   const int packed = header.Pack(wire);
   if (packed < 0) {
@@ -180,7 +204,7 @@ void NodeLink::SendEnd() noexcept {
             flow_.token);  // Kept: the flow's name, for a trial too
     return;
   }
-  Send(kOwnSocket, wire, sizeof wire, info_.data_addr, true);
+  Send(through, wire, sizeof wire, info->data_addr, true);
 }
 
 // Returns 0 or the Winsock error. Kept: room is awaited in the link's socket, even if another one

@@ -50,6 +50,11 @@ class NodeLink {
   // own. The caller closes the former socket.
   void Adopt(NodeLink* other) noexcept;
 
+  // Names the same socket and node as the other link. What waits for room stays with that one.
+  void CopyFrom(const NodeLink& other) noexcept;
+  // Names none.
+  void Clear() noexcept;
+
   AcclLinkInfo& info() noexcept { return info_; }
   const AcclLinkInfo& info() const noexcept { return info_; }
 
@@ -80,6 +85,9 @@ class NodeLink {
   }
   // Tells the node that the flow is leaving it.
   void SendEnd() noexcept;
+  // The same to a node that accepts too late, by the answer that it sent. False if the datagram is
+  // no answer.
+  bool EndLateAnswer(SOCKET through, const UdpPackage& package) noexcept;
 
   bool HasBlocked() const noexcept { return !blocked_.empty(); }
   // Called when there is room. Kept: a datagram that cannot be sent stays in front, whatever the
@@ -100,6 +108,7 @@ class NodeLink {
   static constexpr SOCKET kGivenAway = 0;
 
   bool Wrap(const UdpPackage& package, u8 lost, u8 (&out)[kDatagramBufferSize]) noexcept;
+  void SendEndOf(AcclLinkInfo* info, SOCKET through) noexcept;
   u32 Send(SOCKET through, const void* data, u32 len, const sockaddr_in& to,
            bool may_wait) noexcept;
 

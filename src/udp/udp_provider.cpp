@@ -3,11 +3,14 @@
 
 #include "common/log.h"
 #include "sockets/socket_helpers.h"
+#include "sockets/socket_map.h"
 
 namespace moru_vyr::lsp {
 namespace {
 
 constexpr u32 kControlBufferSize = 65536;
+constexpr u32 kMostPeerSockets = 64;
+constexpr u32 kLookIntervalMs = 5000;
 
 }  // namespace
 
@@ -53,6 +56,7 @@ void UdpProvider::OnCloseLocalServer() noexcept {
 
 UdpSession* UdpProvider::CreateSession(const ProtoRelayOpen& request,
                                        const sockaddr_in& game_addr) noexcept {
+  if (!socket_mgr_->HasRoom(1)) return nullptr;
   try {
     auto session = std::make_unique<UdpSession>(
         this, u32{request.token}, game_addr, request.address(),
@@ -101,6 +105,33 @@ void UdpProvider::OnUpdate(u32 elapsed_ms) noexcept {
     CloseSession(token);
     return has_session;
   });
+  EndForgotten(elapsed_ms);
+}
+
+bool UdpProvider::TakePeerSocket() noexcept {
+  if (peer_sockets_ == kMostPeerSockets) return false;
+  ++peer_sockets_;
+  return true;
+}
+
+// However it came about that nobody has told of a socket's end. What still waits for room then has
+// until the next look.
+void UdpProvider::EndForgotten(u32 elapsed_ms) noexcept {
+  since_look_ms_ += elapsed_ms;
+  if (since_look_ms_ < kLookIntervalMs) return;
+  since_look_ms_ = 0;
+  for (auto next = sessions_.begin(); next != sessions_.end();) {
+    const auto session = next++;
+    if (!session->second->HasPeerPorts() || GetSocketMap().HasToken(session->first)) continue;
+    if (!session->second->IsForgotten()) {
+      session->second->SetForgotten();
+      CloseSession(session->first);
+      continue;
+    }
+    LSP_LOG(5, "[UDP] session forgotten, token=%u", session->first);
+    live_queues_.Remove(session->first);
+    sessions_.erase(session);
+  }
 }
 
 }  // namespace moru_vyr::lsp

@@ -38,6 +38,10 @@ class UdpProvider final : public NetProvider {
                                             u32 token) const noexcept {
     return live_queues_.Use(queue, token);
   }
+  // Any thread. See LiveQueues::UsePorts.
+  std::shared_ptr<PeerPorts> UsePeerPorts(u32 token) const noexcept {
+    return live_queues_.UsePorts(token);
+  }
 
   // Any thread, without a lock. Ends the session of a socket that was closed without a close
   // message: one whose message could not be sent, or that never got to use the session. Also a
@@ -49,6 +53,10 @@ class UdpProvider final : public NetProvider {
   Route* SessionRoute() const noexcept { return route_; }
   // Nodes are told of a link's end only while the relay runs.
   bool IsStopping() const noexcept { return stopping_.load(std::memory_order_relaxed); }
+  // Whether one more of the sockets that the relay can poll may stand for an address. Half of them
+  // may, so that games with many peers leave room for connections.
+  bool TakePeerSocket() noexcept;
+  void GiveBackPeerSocket() noexcept { --peer_sockets_; }
   // Ends the session, at once or once its blocked datagrams have been sent; the session then calls
   // this again. Also ends the caller, if it is a part of the session.
   void CloseSession(u32 token) noexcept;
@@ -62,14 +70,18 @@ class UdpProvider final : public NetProvider {
   bool ReadPackage(SOCKET socket, UdpPackage* package) noexcept;
   void HandleLocalMessage(const UdpPackage& package) noexcept;
   void HandleOpenRequest(const ProtoRelayOpen& request, const sockaddr_in& game_addr) noexcept;
+  UdpSession* FindWithPorts(u32 token, const sockaddr_in& game_addr) const noexcept;
   UdpSession* CreateSession(const ProtoRelayOpen& request, const sockaddr_in& game_addr) noexcept;
   UdpSession* Adopt(std::unique_ptr<UdpSession> session);
+  void EndForgotten(u32 elapsed_ms) noexcept;
   void ResponseCreateSessionResult(const ProtoRelayOpen& answer, const sockaddr_in& game_addr,
                                    HANDLE event) noexcept;
   void StoreCreateResult(const ProtoRelayOpen& answer) noexcept;
 
   const std::atomic<bool>& stopping_;
   DatagramBuffer recv_buffer_;
+  u32 peer_sockets_ = 0;
+  u32 since_look_ms_ = 0;                                // for sessions whose socket is gone
   std::map<u32, std::unique_ptr<UdpSession>> sessions_;  // by token
 
   common::Mutex result_lock_;                     // guards create_results_; a leaf

@@ -65,13 +65,24 @@ void UdpProvider::HandleOpenRequest(const ProtoRelayOpen& request,
                                     const sockaddr_in& game_addr) noexcept {
   sockaddr_in relay = {};
   ProtoRelayOpen answer = ProtoRelayOpen::Answer(request.token, false, relay, nullptr, nullptr);
-  UdpSession* const session = CreateSession(request, game_addr);
+  UdpSession* session = CreateSession(request, game_addr);
+  if (session == nullptr) session = FindWithPorts(request.token, game_addr);
   // Kept: a session that has no address for the game is refused and stays.
-  if (session != nullptr && session->GetRelayAddr(&relay)) {
-    answer = ProtoRelayOpen::Answer(request.token, true, relay, session->send_queue(),
-                                    session->recv_queue());
+  if (session != nullptr && session->GetRelayAddrFor(request.address(), &relay)) {
+    const bool queued = !session->HasPeerPorts();
+    answer =
+        ProtoRelayOpen::Answer(request.token, true, relay, queued ? session->send_queue() : nullptr,
+                               queued ? session->recv_queue() : nullptr);
   }
   ResponseCreateSessionResult(answer, game_addr, request.event());
+}
+
+// A socket whose addresses have ports of their own asks again for each.
+UdpSession* UdpProvider::FindWithPorts(u32 token, const sockaddr_in& game_addr) const noexcept {
+  const auto found = sessions_.find(token);
+  if (found == sessions_.end()) return nullptr;
+  UdpSession* const session = found->second.get();
+  return session->HasPeerPorts() && session->IsOf(game_addr) ? session : nullptr;
 }
 
 // The requester waits half a second. After that the event's handle is closed, or another's.

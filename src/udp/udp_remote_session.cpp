@@ -6,6 +6,7 @@
 #include "quality/link_thresholds.h"
 #include "relay/nego_common.h"
 #include "route/acc_config.h"
+#include "route/mending.h"
 #include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
 #include "udp/udp_provider.h"
@@ -15,14 +16,15 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr u32 kNegotiationLimitMs = 5000;
+constexpr u32 kLateAnswerLimitMs = 2000;  // of a node that the flow has left
 
 }  // namespace
 
 UdpRemoteSession::UdpRemoteSession(UdpSession* session, const sockaddr_in& remote_addr,
                                    const sockaddr_in& local_addr)
     : flow_{session, session->token(), remote_addr, local_addr, SessionGuid::Make()},
-      link_(flow_, false) {
+      link_(flow_, false),
+      starts_anew_(GetMending().StartsAnewAfterSwitch()) {
   const AccConfig& config = *GetAccConfig();
   LSP_LOG(5,
           "[UDP] UdpRemoteSession::UdpRemoteSession, data_link_short_cycle_pkg_=%d, "
@@ -62,12 +64,13 @@ bool UdpRemoteSession::Init(bool bind) noexcept {
 }
 
 void UdpRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
-  if (state_ == UdpState::kNegotiating && link_.IsAnswerOverdue(elapsed_ms, kNegotiationLimitMs)) {
-    OnNegotiationFailed(kNegoTimedOut);
+  if (state_ == UdpState::kNegotiating && link_.IsAnswerOverdue(elapsed_ms, AnswerLimitMs())) {
+    OnAnswerOverdue();
   }
   const bool probing = state_ == UdpState::kAccl && !closing_;
   while (TakeUp(watch_.OnUpdate(elapsed_ms, probing))) {
   }
+  if ((left_ms_ += elapsed_ms) >= kLateAnswerLimitMs) EndLeft();
   if (trial_ == nullptr) return;
   if (trial_->IsActive()) {
     trial_->OnUpdate(elapsed_ms);
@@ -97,6 +100,7 @@ void UdpRemoteSession::ReleaseSock() noexcept {
   LSP_LOG(0, "UdpRemoteSession::ReleaseSock, remote_ip=%s, new_sock = %u, ori socket=%u, token=%u",
           common::IpToString(flow_.remote_addr.sin_addr.s_addr).c_str(),
           static_cast<u32>(remote_sock), static_cast<u32>(local_sock_), flow_.token);
+  EndLeft();
   TellNodeOfEnd();
   IRelaySocketMgr* const mgr = flow_.session->provider()->SessionMgr();
   for (const SOCKET socket : {remote_sock, local_sock_}) mgr->RemoveSocket(socket);
@@ -110,7 +114,7 @@ void UdpRemoteSession::ReleaseSock() noexcept {
 // --- datagrams: received once into a buffer, wrapped or unwrapped, and sent ----------------------
 
 void UdpRemoteSession::OnReadable(SOCKET socket) noexcept {
-  if (socket != local_sock_ && socket != link_.sock()) return;
+  if (socket != local_sock_ && socket != link_.sock() && socket != left_.sock()) return;
   DatagramBuffer buffer;
   UdpPackage package;
   while (link_.ReadPackage(socket, &buffer, &package)) {
@@ -129,11 +133,15 @@ void UdpRemoteSession::HandleGamePacket(const UdpPackage& package) noexcept {
     LSP_LOG(4, "FindPackageAddr failed, token=%u", flow_.token);
     return;
   }
-  // Another port of the same host stays here: a wrapped datagram names its own destination.
-  if (addressed.addr.sin_addr.s_addr != flow_.remote_addr.sin_addr.s_addr) {
-    flow_.session->RouteToRemoteSession(addressed);
+  TakeFromGame(addressed);
+}
+
+// Another port of the same host stays here: a wrapped datagram names its own destination.
+void UdpRemoteSession::TakeFromGame(const UdpPackage& package) noexcept {
+  if (package.addr.sin_addr.s_addr != flow_.remote_addr.sin_addr.s_addr) {
+    flow_.session->RouteToRemoteSession(package);
   } else {
-    HandleLocalPacket(addressed);
+    HandleLocalPacket(package);
   }
 }
 
@@ -167,6 +175,7 @@ void UdpRemoteSession::HandleAcclSend(const UdpPackage& package) noexcept {
 }
 
 void UdpRemoteSession::HandleRemotePacket(const UdpPackage& package) noexcept {
+  if (HandleLateAnswer(package)) return;
   switch (state_) {
     case UdpState::kInit:
       break;  // no node has been asked
@@ -176,6 +185,8 @@ void UdpRemoteSession::HandleRemotePacket(const UdpPackage& package) noexcept {
     case UdpState::kAccl:
       if (UdpAcclHeader header; link_.IsFromNode(package) && link_.Unwrap(package, &header)) {
         HandleAcclRecv(package, header);
+      } else if (left_.IsFromNode(package)) {
+        HandleLateAnswer(package);
       }
       break;
     case UdpState::kDirect:
@@ -188,6 +199,23 @@ void UdpRemoteSession::HandleRemotePacket(const UdpPackage& package) noexcept {
 void UdpRemoteSession::HandleAcclRecv(const UdpPackage& package,
                                       const UdpAcclHeader& header) noexcept {
   if ((header.flags & kUdpAcclSpeedTest) != 0 && HandleReply(package)) return;
+  DeliverData(package, header, &watch_);
+}
+
+// Of the node that the flow has left. What it says of the link counts no more.
+void UdpRemoteSession::HandleLateAnswer(const UdpPackage& package) noexcept {
+  UdpAcclHeader header;
+  ProbeReply reply;
+  if (!left_.Unwrap(package, &header)) return;
+  if ((header.flags & kUdpAcclSpeedTest) != 0 &&
+      watch_.ReadReply(package.data, package.valid_len, &reply)) {
+    return;
+  }
+  DeliverData(package, header, nullptr);
+}
+
+void UdpRemoteSession::DeliverData(const UdpPackage& package, const UdpAcclHeader& header,
+                                   LinkWatch* watch) noexcept {
   UdpPackage payload;
   payload.data = package.data + header.head_len;
   payload.capacity = payload.valid_len = package.valid_len - header.head_len;
@@ -200,7 +228,7 @@ void UdpRemoteSession::HandleAcclRecv(const UdpPackage& package,
           package.valid_len, payload.valid_len,
           common::IpToString(package.addr.sin_addr.s_addr).c_str(), ntohs(package.addr.sin_port),
           flow_.token);
-  watch_.OnData(header.seq, header.lost);
+  if (watch != nullptr) watch->OnData(header.seq, header.lost);
   GetTracker().RecordRecv(link_.sock(), payload.valid_len, 0);
   flow_.session->DeliverToGame(payload);
 }

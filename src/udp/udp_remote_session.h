@@ -40,18 +40,27 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
 
   // A game datagram; package.addr is its true destination.
   void HandleLocalPacket(const UdpPackage& package) noexcept;
+  // The same, perhaps for a destination of another group.
+  void TakeFromGame(const UdpPackage& package) noexcept;
   // To the game, through the local socket. What would block waits for room.
   void SendToGame(const UdpPackage& package) noexcept;
   void OnUpdate(u32 elapsed_ms) noexcept;
   // Stops measuring, and ends the whole UdpSession once the blocked datagrams have left.
   void SetClosing() noexcept;
-  bool HasBlockedPackages() const noexcept { return link_.HasBlocked(); }
+  // Whether datagrams of the game's wait for room, or, where falling back is fast, for a node.
+  bool HasBlockedPackages() const noexcept { return link_.HasBlocked() || OwesCachedPackages(); }
 
   // Starts the trial of another node. False if one is running. Otherwise the trial, even one that
   // cannot start, submits the report with its outcome.
   bool FireSwitch(const RecoverySwitchRecord& report) noexcept;
   // The trial's node has passed: game datagrams leave through it from here on.
   void OnVerified() noexcept;
+  // What the other node has sent to the game, before its link is the flow's or after. `watch`
+  // counts it; null: it tells nothing about the link.
+  void DeliverData(const UdpPackage& package, const UdpAcclHeader& header,
+                   LinkWatch* watch) noexcept;
+  // See Mending::StartsAnewAfterSwitch.
+  bool StartsAnewAfterSwitch() const noexcept { return starts_anew_; }
   // The trial's node has sent this datagram of the game's: its link becomes the flow's.
   void TakeOver(const UdpPackage& proof, const UdpAcclHeader& header) noexcept;
 
@@ -61,23 +70,39 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   void OnClose(SOCKET) noexcept override {}
 
  private:
+  // A node that had not answered in time, and still may. Only where falling back is fast.
+  struct AskedNode {
+    sockaddr_in addr = {};  // without a port: there is none here
+    RouteProxyInfo proxy;
+  };
+
   void TellNodeOfEnd() noexcept;
   void ReleaseSock() noexcept;
   void HandleGamePacket(const UdpPackage& package) noexcept;
   void HandleAcclSend(const UdpPackage& package) noexcept;
   void HandleRemotePacket(const UdpPackage& package) noexcept;
   void HandleAcclRecv(const UdpPackage& package, const UdpAcclHeader& header) noexcept;
+  void HandleLateAnswer(const UdpPackage& package) noexcept;
   bool HandleReply(const UdpPackage& package) noexcept;
 
   // udp_remote_session_node.cpp
   bool DecideAccl() noexcept;
   void StartNegotiation() noexcept;
   void HandleNegoRecv(const UdpPackage& package) noexcept;
+  void OnNegotiated(const NegoResponse& response) noexcept;
+  u32 AnswerLimitMs() const noexcept;
+  void OnAnswerOverdue() noexcept;
+  bool HandleLateAnswer(const UdpPackage& package) noexcept;
+  bool TakeLateAnswer(const UdpPackage& package, AskedNode* node) noexcept;
   void OnNegotiationFailed(u32 reason) noexcept;
   bool ChangeAcclServer() noexcept;
+  bool OwesCachedPackages() const noexcept;
   void FlushCachedPackages() noexcept;
   bool TakeUp(LinkRequest request) noexcept;
   void EndTrial() noexcept;
+  void LeaveNode() noexcept;
+  void EndLeft() noexcept;
+  void BeginAnew(SOCKET left_sock) noexcept;
 
   const UdpFlow flow_;
   SOCKET local_sock_ = INVALID_SOCKET;  // faces the game; the link's too, until a switch
@@ -85,11 +110,15 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   UdpState state_ = UdpState::kInit;
   bool closing_ = false;
   u32 nego_retry_ = 0;  // changes of node so far
+  AskedNode overdue_[2];
   AccDecisionInfo decision_;
   StoredPackages cached_packages_;  // waiting for the end of the negotiation
   NodeLink link_;                   // to the node that the flow goes through
   LinkWatch watch_;
   std::unique_ptr<UdpSwitchRemoteSession> trial_;
+  NodeLink left_{flow_, false};  // to the node that the flow left last, until that is told of it
+  u32 left_ms_ = 0;              // since then
+  const bool starts_anew_;
   AcclLinkInfo last_verified_;  // of the last node that was taken over after it had passed
 };
 

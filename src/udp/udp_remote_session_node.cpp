@@ -4,11 +4,14 @@
 // Each request is one datagram, never repeated. After a failure one other node is asked; then the
 // flow goes direct, with everything that waited.
 #include <optional>
+#include <utility>
 
 #include "common/log.h"
 #include "common/net_text.h"
 #include "relay/nego_common.h"
+#include "relay/node_choice.h"
 #include "route/route.h"
+#include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
 #include "udp/udp_provider.h"
 #include "udp/udp_remote_session.h"
@@ -18,6 +21,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
+constexpr u32 kNegotiationLimitMs = 5000;
 constexpr int kSwitchVerified = 1, kSwitchTakenOver = 2;
 
 void LogSwitchState(int state, SOCKET socket, u32 token) noexcept {
@@ -33,8 +37,9 @@ bool UdpRemoteSession::DecideAccl() noexcept {
   bool result = false;
   try {
     result = flow_.session->provider()->SessionRoute()->MakeDecision(
-        flow_.remote_addr.sin_addr.s_addr, flow_.remote_addr.sin_port, SOCK_DGRAM, guid_text,
-        &decision_, &link_.info().switch_route, local_sock_, flow_.token);
+                 flow_.remote_addr.sin_addr.s_addr, flow_.remote_addr.sin_port, SOCK_DGRAM,
+                 guid_text, &decision_, &link_.info().switch_route, local_sock_, flow_.token) &&
+             SelectAwakeProxy(SOCK_DGRAM, &decision_);
   } catch (...) {  // no memory for a question: the game server can still be reached
   }
   GetTracker().NoteGameServer(local_sock_,
@@ -66,15 +71,68 @@ void UdpRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept {
     OnNegotiationFailed(*reason);
     return;
   }
+  OnNegotiated(response);
+}
+
+void UdpRemoteSession::OnNegotiated(const NegoResponse& response) noexcept {
+  NoteNodeServes(SOCK_DGRAM, decision_);
   state_ = UdpState::kAccl;
   FlushCachedPackages();  // before anything is measured: the game has waited long enough
   link_.StartWatch(&watch_, decision_, DescribeClient(decision_, response));
+}
+
+u32 UdpRemoteSession::AnswerLimitMs() const noexcept {
+  const FallbackTimes* const times = FastFallback();
+  if (times == nullptr) return kNegotiationLimitMs;
+  return nego_retry_ == 0 ? times->next_node_ms : times->direct_ms;
+}
+
+void UdpRemoteSession::OnAnswerOverdue() noexcept {
+  if (FastFallback() != nullptr) {
+    overdue_[nego_retry_ == 0 ? 0 : 1] = {link_.info().nego_addr, decision_.selected_proxy};
+  }
+  OnNegotiationFailed(kNegoTimedOut);
+}
+
+// A node that was asked before the one that is being asked, or before the flow found its way.
+bool UdpRemoteSession::HandleLateAnswer(const UdpPackage& package) noexcept {
+  for (AskedNode& node : overdue_) {
+    if (node.addr.sin_port == 0 || !SameAddress(package.addr, node.addr)) continue;
+    if (state_ == UdpState::kNegotiating) return TakeLateAnswer(package, &node);
+    if (!link_.EndLateAnswer(local_sock_, package)) return false;  // it is something else
+    node = {};
+    return true;
+  }
+  return false;
+}
+
+// The first answer wins, even a late one; the other node's may come later still. A late refusal, or
+// anything that is no answer, is of no interest: its node has been reported as silent.
+bool UdpRemoteSession::TakeLateAnswer(const UdpPackage& package, AskedNode* node) noexcept {
+  AccDecisionInfo late = decision_;
+  late.selected_proxy = node->proxy;
+  const sockaddr_in asked_last = std::exchange(link_.info().nego_addr, node->addr);
+  NegoResponse response;
+  const std::optional<u32> reason = link_.TakeAnswer(package, &late, &response);
+  if (reason != 0u) {
+    link_.info().nego_addr = asked_last;
+    *node = {};
+    return true;
+  }
+  *node = {asked_last, decision_.selected_proxy};
+  decision_ = late;
+  GetTracker().SetAcceInfo(local_sock_, true, &decision_);
+  LSP_LOG(5, "[UDP] UdpRemoteSession::TakeLateAnswer, proxy_idc=%u, token=%u",
+          u32{decision_.selected_proxy.proxy_idc}, flow_.token);
+  OnNegotiated(response);
+  return true;
 }
 
 void UdpRemoteSession::OnNegotiationFailed(u32 reason) noexcept {
   LSP_LOG(5, "[UDP] UdpRemoteSession::OnNegotiationFailed, reason=%u, token=%u", reason,
           flow_.token);
   link_.RecordNegFailed(reason, decision_, nego_retry_ + 1);
+  NoteNodeFailed(SOCK_DGRAM, decision_);
   if (nego_retry_ == 0 && ChangeAcclServer()) {
     ++nego_retry_;
     StartNegotiation();
@@ -87,21 +145,27 @@ void UdpRemoteSession::OnNegotiationFailed(u32 reason) noexcept {
 }
 
 bool UdpRemoteSession::ChangeAcclServer() noexcept {
-  if (!SelectOtherProxy(&decision_)) return false;
+  if (!SelectOtherProxy(SOCK_DGRAM, &decision_)) return false;
   GetTracker().SetAcceInfo(local_sock_, true, &decision_);
   LSP_LOG(5, "[UDP] UdpRemoteSession::ChangeAcclServer, proxy_idc=%u,token=%u",
           u32{decision_.selected_proxy.proxy_idc}, flow_.token);
   return true;
 }
 
+bool UdpRemoteSession::OwesCachedPackages() const noexcept {
+  return !cached_packages_.empty() && FastFallback() != nullptr;
+}
+
 // The negotiation is over, with either result, so nothing gets back into the list.
 void UdpRemoteSession::FlushCachedPackages() noexcept {
+  const bool closes_after = closing_ && OwesCachedPackages();
   for (StoredPackage& cached : cached_packages_) HandleLocalPacket(cached.View());
   if (!cached_packages_.empty()) {
     LSP_LOG(0, "[UDP] UdpRemoteSession::FlushCachedPackages, count=%u, token=%u",
             static_cast<u32>(cached_packages_.size()), flow_.token);
   }
   cached_packages_.clear();
+  if (closes_after && !link_.HasBlocked()) flow_.session->WantClose();
 }
 
 // --- the move to another node --------------------------------------------------------------------
@@ -142,10 +206,15 @@ void UdpRemoteSession::OnVerified() noexcept {
 // The local socket stays, and with it the port that the game talks to.
 void UdpRemoteSession::TakeOver(const UdpPackage& proof, const UdpAcclHeader& header) noexcept {
   LogSwitchState(kSwitchTakenOver, link_.sock(), flow_.token);
-  TellNodeOfEnd();  // the node that the flow is leaving
   IRelaySocketMgr* const mgr = flow_.session->provider()->SessionMgr();
-  // Kept: after a second switch the socket in between stays open until the process ends.
-  if (link_.sock() != local_sock_) mgr->RemoveSocket(link_.sock());
+  const SOCKET left_sock = link_.sock();
+  if (starts_anew_) {
+    LeaveNode();
+  } else {
+    TellNodeOfEnd();  // the node that the flow is leaving
+    // Kept: after a second switch the socket in between stays open until the process ends.
+    if (left_sock != local_sock_) mgr->RemoveSocket(left_sock);
+  }
   const SOCKET new_sock = trial_->sock();
   LSP_LOG(5, "UdpRemoteSession::ReplaceSock, new socket=%u, ori socket=%u, token=%u",
           static_cast<u32>(new_sock), static_cast<u32>(local_sock_), flow_.token);
@@ -159,8 +228,34 @@ void UdpRemoteSession::TakeOver(const UdpPackage& proof, const UdpAcclHeader& he
   } else {
     link_.info() = last_verified_;
   }
+  if (starts_anew_) BeginAnew(left_sock);
   link_.StartWatch(&watch_, decision_, client_info);
   if (link_.IsFromNode(proof)) HandleAcclRecv(proof, header);
+}
+
+// The node is told of the end once its last answers can have arrived: it passes on none after that.
+void UdpRemoteSession::LeaveNode() noexcept {
+  EndLeft();
+  left_.CopyFrom(link_);
+  left_ms_ = 0;
+}
+
+void UdpRemoteSession::EndLeft() noexcept {
+  const SOCKET sock = left_.sock();
+  if (sock == INVALID_SOCKET) return;
+  if (!flow_.session->provider()->IsStopping()) left_.SendEnd();
+  left_.Clear();
+  if (sock == local_sock_) return;
+  flow_.session->provider()->SessionMgr()->RemoveSocket(sock);
+  CloseRelaySocket(sock);
+}
+
+// The new link is the flow's: its reports go on under the new node, and no figure of the old one
+// counts.
+void UdpRemoteSession::BeginAnew(SOCKET left_sock) noexcept {
+  GetTracker().MoveFlow(left_sock, link_.sock(), &decision_);
+  watch_.Forget();
+  if (link_.HasBlocked()) flow_.session->provider()->SessionMgr()->EnableWrite(link_.sock());
 }
 
 }  // namespace moru_vyr::lsp

@@ -2,7 +2,9 @@
 
 #include "common/log.h"
 #include "common/net_text.h"
+#include "route/mending.h"
 #include "route/route.h"
+#include "udp/accl_link_info.h"
 #include "udp/udp_provider.h"
 #include "udp/udp_remote_session.h"
 
@@ -33,7 +35,14 @@ bool UdpSession::Init() noexcept {
   if (first_remote_session_ == nullptr) {
     first_remote_session_ = CreateRemoteSession(remote_addr_, true);
   }
-  return first_remote_session_ != nullptr;
+  if (first_remote_session_ == nullptr) return false;
+  if (!GetMending().GivesEachPeerAPort()) return true;
+  try {
+    peer_sockets_ = std::make_unique<PeerSockets>(this, local_addr_, &queues_->peer_ports);
+  } catch (...) {
+    return false;
+  }
+  return peer_sockets_->Open(remote_addr_);
 }
 
 bool UdpSession::GetRelayAddr(sockaddr_in* out) const noexcept {
@@ -44,6 +53,17 @@ bool UdpSession::GetRelayAddr(sockaddr_in* out) const noexcept {
   out->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   out->sin_port = first_remote_session_->local_port();
   return true;
+}
+
+bool UdpSession::GetRelayAddrFor(const sockaddr_in& destination, sockaddr_in* out) noexcept {
+  if (!GetRelayAddr(out)) return false;
+  if (!HasPeerPorts()) return true;
+  return peer_sockets_->Open(destination) &&
+         queues_->peer_ports.FindPort(destination, &out->sin_port);
+}
+
+bool UdpSession::IsOf(const sockaddr_in& game) const noexcept {
+  return SameAddress(game, local_addr_);
 }
 
 UdpRemoteSession* UdpSession::CreateRemoteSession(const sockaddr_in& addr, bool bind) noexcept {
@@ -71,6 +91,10 @@ UdpRemoteSession* UdpSession::FindRemoteSession(u32 ip, u16 port) const noexcept
   return found != remote_sessions_.end() ? found->second.get() : nullptr;
 }
 
+void UdpSession::TakeFromGame(const UdpPackage& package) noexcept {
+  first_remote_session_->TakeFromGame(package);
+}
+
 void UdpSession::RouteToRemoteSession(const UdpPackage& package) noexcept {
   UdpRemoteSession* session =
       FindRemoteSession(package.addr.sin_addr.s_addr, package.addr.sin_port);
@@ -80,6 +104,10 @@ void UdpSession::RouteToRemoteSession(const UdpPackage& package) noexcept {
 
 void UdpSession::DeliverToGame(const UdpPackage& package) noexcept {
   if (first_remote_session_ == nullptr) return;
+  if (HasPeerPorts()) {
+    peer_sockets_->SendToGame(package);
+    return;
+  }
   // A datagram is not passed on if the game could not learn its source.
   if (!recv_queue()->Push(package.data, package.valid_len, &package.addr)) return;
   first_remote_session_->SendToGame(package);

@@ -15,6 +15,7 @@
 
 #include "common/types.h"
 #include "udp/live_queues.h"
+#include "udp/peer_sockets.h"
 #include "udp/udp_package.h"
 
 namespace moru_vyr::lsp {
@@ -33,6 +34,11 @@ class UdpSession {
   bool Init() noexcept;
   // The address for the game to send to: the loopback address, although that port listens on all.
   bool GetRelayAddr(sockaddr_in* out) const noexcept;
+  // The same for that destination, which may have a port of its own.
+  bool GetRelayAddrFor(const sockaddr_in& destination, sockaddr_in* out) noexcept;
+  // Whether each address has a port of its own, so that the queues are not used.
+  bool HasPeerPorts() const noexcept { return peer_sockets_ != nullptr; }
+  bool IsOf(const sockaddr_in& game) const noexcept;  // whether that is the game's socket
 
   u32 token() const noexcept { return token_; }
   u32 sock_send_buf_size() const noexcept { return sock_send_buf_size_; }
@@ -45,14 +51,20 @@ class UdpSession {
   void OnUpdate(u32 elapsed_ms) noexcept;
 
   // Whether none of the game's datagrams waits for room in a socket. A remote session with such
-  // datagrams is told to close after them; those that wait for a negotiation do not count.
+  // datagrams is told to close after them; those that wait for a negotiation count only where
+  // falling back is fast.
   bool CanClose() noexcept;
   // For a part of the session that may not end it directly: the provider does so after this tick of
   // the timer.
   void WantClose() noexcept { close_wanted_ = true; }
   bool IsCloseWanted() const noexcept { return close_wanted_; }
+  // The game's socket was found to be gone.
+  void SetForgotten() noexcept { forgotten_ = true; }
+  bool IsForgotten() const noexcept { return forgotten_; }
 
-  // A datagram of the game's for a destination of another group.
+  // A datagram of the game's; package.addr is its true destination.
+  void TakeFromGame(const UdpPackage& package) noexcept;
+  // The same for a destination of another group.
   void RouteToRemoteSession(const UdpPackage& package) noexcept;
   // A datagram from the network; package.addr is its true source.
   void DeliverToGame(const UdpPackage& package) noexcept;
@@ -73,6 +85,8 @@ class UdpSession {
   UdpRemoteSession* first_remote_session_ = nullptr;
   std::map<u32, std::unique_ptr<UdpRemoteSession>> remote_sessions_;  // see RemoteSessionKey
   bool close_wanted_ = false;
+  bool forgotten_ = false;
+  std::unique_ptr<PeerSockets> peer_sockets_;  // null where the queues are used
 };
 
 }  // namespace moru_vyr::lsp

@@ -2,6 +2,7 @@
 
 #include "common/log.h"
 #include "common/net_text.h"
+#include "quality/link_thresholds.h"
 #include "quality/recovery_switch.h"
 #include "relay/nego_common.h"
 #include "route/acc_config.h"
@@ -17,6 +18,10 @@ namespace {
 
 constexpr u32 kNegotiationLimitMs = 1000;  // the game suffers meanwhile
 constexpr u32 kSocketBufferSize = 65536;
+constexpr u32 kProofLimitMs = 5000;  // beyond the time of the burst
+// A game that sends so many gets an answer to one of them. Before that a node's silence says
+// nothing.
+constexpr u32 kEnoughToBeAnswered = 10;
 
 }  // namespace
 
@@ -114,6 +119,21 @@ void UdpSwitchRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
        (verdict = watch_.OnUpdate(elapsed_ms, probing)) != LinkRequest::kNone;) {
     NotifyVerifyResult(verdict == LinkRequest::kAccept);
   }
+  if (parent_.StartsAnewAfterSwitch() && IsOverdue(elapsed_ms)) {
+    link_.SendEnd();
+    NotifyVerifyResult(false);
+  }
+}
+
+// Whether the trial has run so long without a verdict, or the game without an answer through the
+// node, that the flow is better off where it was, and free to try another one.
+bool UdpSwitchRemoteSession::IsOverdue(u32 elapsed_ms) noexcept {
+  const bool waits =
+      state_ == UdpSwitchState::kVerifying ||
+      (state_ == UdpSwitchState::kVerified && link_.info().seq > kEnoughToBeAnswered);
+  if (!waits) return false;
+  waited_ms_ += elapsed_ms;
+  return waited_ms_ >= kProofLimitMs + thresholds::HighFreqTestTime(*GetAccConfig(), true);
 }
 
 void UdpSwitchRemoteSession::NotifyVerifyResult(bool ok) noexcept {
@@ -125,6 +145,7 @@ void UdpSwitchRemoteSession::NotifyVerifyResult(bool ok) noexcept {
     Finish(UdpSwitchState::kFailed, SwitchResult::kVerificationFailed);
   } else if (GetAccConfig()->game_link_switch_open != 0) {
     state_ = UdpSwitchState::kVerified;
+    waited_ms_ = 0;
     parent_.OnVerified();
   } else {
     LSP_LOG(5,
@@ -158,6 +179,10 @@ void UdpSwitchRemoteSession::HandleAcclRecv(const UdpPackage& package) noexcept 
   UdpAcclHeader header;
   if (!link_.IsFromNode(package) || !link_.Unwrap(package, &header)) return;
   if ((header.flags & kUdpAcclSpeedTest) != 0 && HandleReply(package)) return;
+  if (state_ == UdpSwitchState::kVerifying && parent_.StartsAnewAfterSwitch()) {
+    parent_.DeliverData(package, header, nullptr);
+    return;
+  }
   parent_.TakeOver(package, header);
   Finish(UdpSwitchState::kDone, SwitchResult::kTakenOver);
 }

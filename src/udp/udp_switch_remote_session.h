@@ -68,6 +68,7 @@ class UdpSwitchRemoteSession final : public IRelaySocketDelegate {
   void HandleNegoRecv(const UdpPackage& package) noexcept;
   void OnNegotiationFailed(u32 reason) noexcept;
   void NotifyVerifyResult(bool ok) noexcept;
+  bool IsOverdue(u32 elapsed_ms) noexcept;
   void HandleAcclRecv(const UdpPackage& package) noexcept;
   bool HandleReply(const UdpPackage& package) noexcept;
   void Finish(UdpSwitchState state, SwitchResult result) noexcept;
@@ -77,6 +78,7 @@ class UdpSwitchRemoteSession final : public IRelaySocketDelegate {
   const UdpFlow& flow_;  // the parent's: nodes know the flow by it
   UdpSwitchState state_ = UdpSwitchState::kInit;
   bool closing_ = false;
+  u32 waited_ms_ = 0;            // for the verdict, or for an answer to the game's datagrams
   RecoverySwitchRecord report_;  // why the flow wants to switch, completed here
   AccDecisionInfo decision_;     // the parent's, then with the new node
   NodeLink link_;

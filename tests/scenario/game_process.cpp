@@ -109,7 +109,7 @@ void GameProcess::ListAsGame(common::u32 log_level, const std::string& log_path,
   void* const view = MapViewOfFile(region_, FILE_MAP_ALL_ACCESS, 0, 0, sizeof *region);
   std::memcpy(view, region.get(), sizeof *region);
   UnmapViewOfFile(view);
-  if (AllAreMended() && mending_ == nullptr) IsMended(moru_vyr::lsp::kMendAll);
+  if (MendedInAllWorlds() != 0 && mending_ == nullptr) IsMended(MendedInAllWorlds());
 }
 
 void GameProcess::IsMended(common::u32 bits) {

@@ -12,6 +12,7 @@
 #include "route/init_log.h"
 #include "route/route.h"
 #include "tests/scenario/game_process.h"
+#include "tests/support/mended.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -60,6 +61,19 @@ SCENARIO_F(TestMode, SendsEveryPublicDestinationThroughTheNodeOfTheFile) {
   AccDecisionInfo info;
   EXPECT_FALSE(Accelerates("192.168.1.7", &info)) << "private";
   EXPECT_FALSE(Accelerates("198.51.100.20", &info)) << "the node itself";
+}
+
+SCENARIO_F(TestMode, MendsWhatTheFileAsksForWhateverTheClientSays) {
+  const std::string file =
+      "[TestAccGame]\nprocess_count=1\nproc1=dawn.exe\nproxy_ip=198.51.100.20\n"
+      "proxy_port=7001\nnet_mode=24\n";
+  const test::Mended client(kMendAll);
+  WriteFileBeside(file);
+  ASSERT_TRUE(ReadTestConfig());
+  EXPECT_EQ(GetMending().bits(), 0u);
+  WriteFileBeside(file + "mend=half-close\n");
+  ASSERT_TRUE(ReadTestConfig());
+  EXPECT_EQ(GetMending().bits(), kMendHalfClose);
 }
 
 SCENARIO_F(TestMode, WithoutAWholeFileTheClientDecides) {

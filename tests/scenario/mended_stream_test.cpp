@@ -122,6 +122,7 @@ SCENARIO_F(MendedStream, ANodeToWhichNoConnectCanStartIsLeft) {
     EXPECT_EQ(LastCall().from, "B");
     closesocket(s);
     port::ClearFaults();
+    RunFor(31s);  // until the node has rested
   }
   ExpectServesAgain();
 }

@@ -139,6 +139,33 @@ SCENARIO(LinkJudge, ANewLinkIsSeenWithTheOldWindowsForAsLongAsTheOldOneLasted) {
   EXPECT_EQ(link.RealRouteLost(false), 0);
 }
 
+// Asked to forget, it sees the new link alone, from its first slot on.
+SCENARIO(LinkJudge, AForgottenLinkLeavesNothingInTheWindows) {
+  LinkJudge link;
+  link.config.lost_calc_unit_size = 1000;
+  link.config.recovery_window_word = 200;
+  link.config.long_cycle = 2;
+  ASSERT_TRUE(link.Start());
+  const auto probe = [&link](u32 answered) {
+    link.Probe(10, answered);
+    for (u32 i = 0; i < 100; ++i) {
+      Sleep(10);
+      link.judge.OnUpdate();
+    }
+  };
+  for (int second = 0; second < 20; ++second) probe(2);
+  EXPECT_EQ(link.RealRouteLost(false), 80);
+  link.judge.Forget();
+  ASSERT_TRUE(link.Start());
+  link.seq = 0;  // a new link has numbers of its own
+  EXPECT_EQ(link.RealRouteLost(false), kLostNoRange);
+  EXPECT_EQ(link.judge.DataLinkGetDefCurLost(true), kLostNeverComputed);
+  for (int second = 0; second < 3; ++second) probe(10);
+  EXPECT_EQ(link.RealRouteLost(false), 0);
+  for (int second = 0; second < 3; ++second) probe(5);
+  EXPECT_EQ(link.RealRouteLost(false), 50);
+}
+
 SCENARIO(LinkJudge, TakesThePacketCountsOfTheSocketAndLeavesItsFiguresThere) {
   LinkJudge link(0);
   GetTracker().AddToWatchList(link.socket, kTrackUdp, LinkJudge::kToken);

@@ -24,7 +24,7 @@ std::string TextOf(const struct sockaddr* to) {
 
 UdpSpiedWorld* UdpSpiedWorld::spy_ = nullptr;
 
-UdpSpiedWorld::UdpSpiedWorld() { spy_ = this; }
+UdpSpiedWorld::UdpSpiedWorld(u32 mended) : UdpWorld(mended) { spy_ = this; }
 
 UdpSpiedWorld::~UdpSpiedWorld() {
   if (real_ != nullptr) NextProvider().lpWSPSendTo = real_;

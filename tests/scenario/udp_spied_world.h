@@ -17,7 +17,7 @@ struct SentDatagram {
 
 class UdpSpiedWorld : public UdpWorld {
  protected:
-  UdpSpiedWorld();
+  explicit UdpSpiedWorld(moru_vyr::lsp::u32 mended = 0);
   ~UdpSpiedWorld() override;
 
   // Starts the provider, then installs the spy.

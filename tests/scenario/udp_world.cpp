@@ -51,7 +51,11 @@ std::string Difference(const std::vector<std::string>& sent, const std::vector<s
   return text.empty() ? "the order differs" : text;
 }
 
-UdpWorld::UdpWorld() {
+UdpWorld::UdpWorld(u32 mended) {
+  if (mended != 0) {
+    mending_.emplace(kMendingRegionName);
+    (*mending_)->games[0].mended = mended;
+  }
   for (const char* ip : {kServer, kDirect, kForced, kSecond}) {
     StartServer(ip, kPort);
     StartServer(ip, kSecondPort);

@@ -2,8 +2,10 @@
 #pragma once
 #include "tests/scenario/relayed_world.h"
 //
+#include <optional>
 #include <vector>
 
+#include "abi/mending_formats.h"
 #include "abi/restriction_formats.h"
 
 namespace udp_test {
@@ -31,7 +33,8 @@ std::string Difference(const std::vector<std::string>& sent, const std::vector<s
 
 class UdpWorld : public sim::ScenarioTest {
  protected:
-  UdpWorld();
+  // `mended` are the bits of the client's MendingRecord; without one it has no such region.
+  explicit UdpWorld(moru_vyr::lsp::u32 mended = 0);
 
   // --- the game ---
   // Sends one datagram. Returns 0 or the error.
@@ -93,6 +96,7 @@ class UdpWorld : public sim::ScenarioTest {
   void WriteTables();
   void StartServer(const std::string& ip, int port);
 
+  std::optional<test::ClientRegion<moru_vyr::lsp::MendingRegion>> mending_;
   std::unique_ptr<test::LogCapture> log_;
   int running_ = 0;
 };

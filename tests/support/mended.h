@@ -1,6 +1,7 @@
 // For the lifetime of this object, the client program requests the mendings in `bits`.
 #pragma once
 #include <cstdlib>
+#include <cstring>
 
 #include "abi/mending_formats.h"
 #include "route/mending.h"
@@ -8,8 +9,14 @@
 
 namespace test {
 
-// VYR_MENDED=1 has every world's game mended in everything: the same worlds, run a second time.
-inline bool AllAreMended() { return std::getenv("VYR_MENDED") != nullptr; }
+// VYR_MENDED=all runs the same worlds with everything mended in each one's game, VYR_MENDED=0x3
+// with the mendings of these bits.
+inline moru_vyr::lsp::u32 MendedInAllWorlds() {
+  const char* const bits = std::getenv("VYR_MENDED");
+  if (bits == nullptr) return 0;
+  if (std::strcmp(bits, "all") == 0) return moru_vyr::lsp::kMendAll;
+  return static_cast<moru_vyr::lsp::u32>(std::strtoul(bits, nullptr, 0));
+}
 
 class Mended {
  public:

@@ -2,7 +2,7 @@
 
 A row names the mark by the name of its file and the words with which it begins, so that it stays
 right when a file moves to another folder. The tests that it names must exist. Rows of what is mended
-on request name their tests too, and the words that the client program's file has for them.
+on request name their tests too, and the words that files have for them.
 """
 import dataclasses
 import re
@@ -10,7 +10,7 @@ import re
 from tree import Finding
 
 REGISTER = "docs/oddities.md"
-MENDINGS = "devkit/client/fields/game_fields.cpp"
+MENDINGS = "src/abi/mending_names.h"
 NO_TEST = "none"
 MARK = re.compile(r"\b(Kept|Guard):")
 MISSPELT = re.compile(r"//.*(?:\b(?:kept|guard):|\b(?:Kept|Guard)\.$)")
@@ -99,7 +99,7 @@ def check_mended(tree, known):
             yield Finding(REGISTER, 0, f"has no row for what is mended as '{name}'")
     for name, (line, tests) in listed.items():
         if name not in offered:
-            yield Finding(REGISTER, line, f"the client program's file cannot ask for '{name}'")
+            yield Finding(REGISTER, line, f"nobody can ask for '{name}'")
         if not tests:
             yield Finding(REGISTER, line, f"no test for '{name}'")
         yield from (Finding(REGISTER, line, f"no such test: {test}") for test in tests

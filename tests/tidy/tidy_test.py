@@ -261,14 +261,14 @@ class Oddities(unittest.TestCase):
         self.assertIn("no such test: somewhere",
                       self.check(register=self.REGISTER.replace("none", "somewhere"))[0])
 
-    def test_what_is_mended_has_a_row_with_tests_and_a_name_in_the_clients_file(self):
-        fields = 'constexpr NamedValue k[] = {\n{"all", kMendAll},\n{"half", kMendHalf},\n};\n'
+    def test_what_is_mended_has_a_row_with_tests_and_a_name_for_files(self):
+        fields = 'constexpr MendingName k[] = {\n{"all", kMendAll},\n{"half", kMendHalf},\n};\n'
 
         def check(rows, offered=fields):
             return findings(oddities, {"src/route/a.h": self.SOURCE,
                                        "tests/unit/a_test.cpp": self.TESTS,
                                        "docs/oddities.md": rows + self.REGISTER,
-                                       "devkit/client/fields/game_fields.cpp": offered})
+                                       "src/abi/mending_names.h": offered})
 
         self.assertEqual(check("| `half` | a | b | c | `Suite.One` |\n"), [])
         self.assertIn("no row for what is mended as 'half'", check("")[0])

@@ -121,6 +121,17 @@ TEST_F(ClientExplain, TheDocumentShowsWhatTheProgramSays) {
   }
 }
 
+TEST_F(ClientExplain, SaysWhatIsMendedForTheGameThatAsks) {
+  const auto tables = Sample();
+  tables->mending.games[0].mended = kMendHalfClose | kMendReset;
+  const Explanation answer = Ask(*tables, "198.51.100.10:8080", "tcp");
+  EXPECT_NE(ExplanationText(answer).find(", mended: half-close, reset\n"), std::string::npos);
+  EXPECT_NE(ExplanationJson(answer).find(R"("mended":["half-close","reset"])"), std::string::npos);
+  tables->mending.games[0].mended = 0;
+  EXPECT_NE(ExplanationText(Ask(*tables, "198.51.100.10:8080", "tcp")).find("mended: nothing\n"),
+            std::string::npos);
+}
+
 TEST_F(ClientExplain, TheLevelMayBeAskedFor) {
   const auto tables = Sample();
   auto question = *ParseQuestion("198.51.100.18:8080", "tcp");

@@ -130,6 +130,16 @@ TEST(ClientReportWords, TextThatAGameChoseCannotDriveATerminal) {
   EXPECT_EQ(client::Printable("\x7f\xc2\x9b[2J \xc2\xa7 \xc3\x9b"), "???[2J \xc2\xa7 \xc3\x9b");
 }
 
+TEST(ClientReportWords, ALoadedReportSaysWhatIsMended) {
+  client::Report report = ReportOf(client::kLoadedReport, LspLoadedRecord{});
+  report.mended = 0;
+  EXPECT_TRUE(ReportWords(report).ends_with(", 32 bits, mended: nothing")) << ReportWords(report);
+  report.mended = kMendHalfClose | kMendReset;
+  EXPECT_TRUE(ReportWords(report).ends_with(", mended: half-close, reset")) << ReportWords(report);
+  report.mended = kMendAll;
+  EXPECT_TRUE(ReportWords(report).ends_with(", mended: all")) << ReportWords(report);
+}
+
 TEST(ClientFlowBook, ReportsOfOneGuidAreOneFlow) {
   FlowBook book;
   book.Add(FailureReport("g", 202, 1000));

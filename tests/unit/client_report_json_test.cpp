@@ -199,6 +199,25 @@ TEST(ClientReportJson, TheLeastAndTheGreatestValuesOfAFieldFit) {
   EXPECT_EQ(greatest->As<LspLoadedRecord>().is_x64, 255);
 }
 
+TEST(ClientReportJson, WhatIsMendedIsALoadedReportsLastKeyWhereItIsKnown) {
+  client::Report report = test::ReportOf(client::kLoadedReport, LspLoadedRecord{});
+  EXPECT_EQ(ReportJson(report).find("mended"), std::string::npos);
+  client::Problem problem;
+  for (const uint32_t bits : {0u, kMendReset, kMendAll, kMendReset | 0x40000000u}) {
+    report.mended = bits;
+    const auto again = ReportFromJson(ReportJson(report), &problem);
+    ASSERT_TRUE(again) << problem.key;
+    EXPECT_EQ(again->mended, bits);
+  }
+  EXPECT_TRUE(ReportJson(report).ends_with(R"("mended":["reset","0x40000000"]})"))
+      << ReportJson(report);
+  for (const char* const wrong : {"5", "[5]", R"(["rest"])", R"(["0x"])", R"(["0x123456789"])"}) {
+    EXPECT_FALSE(
+        ReportFromJson(R"({"event":"loaded","mended":)" + std::string(wrong) + "}", &problem));
+    EXPECT_EQ(problem.key, "mended") << wrong;
+  }
+}
+
 TEST(ClientReportJson, AFailureOfTheWatchItselfIsPassedOver) {
   client::Problem problem = {.reason = "something"};
   EXPECT_FALSE(ReportFromJson(R"({"event":"failure","reason":"no regions"})", &problem));

@@ -6,11 +6,13 @@
 #include <optional>
 #include <string>
 
+#include "abi/mending_names.h"
 #include "common/process_info.h"
 #include "common/text.h"
 #include "gametest/lsp_game_tester.h"
 #include "gametest/test_mode.h"
 #include "route/acc_config.h"
+#include "route/mending.h"
 #include "route/route.h"
 #include "start/config_source.h"
 #include "tests/support/log_capture.h"
@@ -28,6 +30,7 @@ struct GameTester : testing::Test {
     common::GetProcessInfo().process_name[0] = '\0';
     DeleteFileW(test::Wide(File()).c_str());
     ReplaceAccConfig(AccConfig{});
+    ReplaceMending(Mending());
   }
   std::string File() const { return dir / "vyr_lsp_test.ini"; }
   void WriteBytes(const std::string& bytes) {
@@ -234,6 +237,46 @@ TEST_F(GameTester, TheConfigurationHasItsBuiltInValues) {
   put(11306, 2, 1000);
   const auto* const got = reinterpret_cast<const unsigned char*>(GetAccConfig());
   for (std::size_t i = 0; i < sizeof(AccConfig); ++i) ASSERT_EQ(got[i], bytes[i]) << "byte " << i;
+}
+
+TEST_F(GameTester, TheFileSaysWhatIsMended) {
+  std::string each;
+  for (const MendingName& known : kMendingNames) each += std::string(known.name) + ",";
+  each.pop_back();
+  const std::pair<std::string, u32> cases[] = {
+      {"", 0},
+      {"mend=", 0},
+      {"mend=none", 0},
+      {"mend=all", kMendAll},
+      {"mend=" + each, kMendAll},
+      {"mend=reset", kMendReset},
+      {"mend= half-close ,reset\t", kMendHalfClose | kMendReset},
+  };
+  for (const auto& [key, bits] : cases) {
+    Write(kWhole + key + "\r\n");
+    EXPECT_TRUE(tester.Init());
+    EXPECT_TRUE(tester.IsEnabled()) << key;
+    EXPECT_TRUE(tester.ReadAccConfig());
+    EXPECT_EQ(GetMending().bits(), bits) << key;
+  }
+}
+
+TEST_F(GameTester, AMendingThatIsNoneTurnsItOff) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"resets", "resets"},
+      {"reset,", ""},
+      {"reset,,half-close", ""},
+      {"Reset", "Reset"},
+      {"reset half-close", "reset half-close"},
+      {"reset,all", "all"},
+  };
+  for (const auto& [list, name] : cases) {
+    Write(kWhole + ("mend=" + std::string(list)) + "\r\n");
+    test::TraceCapture::lines().clear();
+    EXPECT_TRUE(tester.Init());
+    EXPECT_FALSE(tester.IsEnabled()) << list;
+    EXPECT_TRUE(Traced("Game Test Init, mend name error quit, name=" + std::string(name))) << list;
+  }
 }
 
 TEST_F(GameTester, WithoutANetModeNothingIsAccelerated) {

@@ -198,6 +198,24 @@ TEST_F(SocketSetsTest, The129thSocketIsKnownAndNeverPolled) {
   EXPECT_EQ(sets.Remove(all[128]), &recorder);
 }
 
+TEST_F(SocketSetsTest, ASocketWhoseReadingStoppedKeepsItsPlaceAndMayResume) {
+  const SOCKET s = Ready();
+  EXPECT_EQ(sets.FreePlaces(), 128u);
+  sets.ResumeReading(s);  // it was never added
+  sets.Add(s, &recorder);
+  sets.StopReading(s);
+  EXPECT_EQ(sets.FreePlaces(), 127u);
+  sets.EnableWrite(s, true);
+  EXPECT_EQ(Poll(), 1);
+  EXPECT_EQ(recorder.events, (Events{Event("write", s)}));
+  sets.ResumeReading(s);
+  sets.ResumeReading(s);
+  EXPECT_EQ(Poll(), 1);
+  EXPECT_EQ(recorder.events, (Events{Event("write", s), Event("read", s)}));
+  sets.Remove(s);
+  EXPECT_EQ(sets.FreePlaces(), 128u);
+}
+
 TEST_F(SocketSetsTest, AClosedSocketIsAnError) {
   const SOCKET s = Idle();
   sets.Add(s, &recorder);

@@ -86,5 +86,20 @@ TEST_F(MendingRegionTest, AMutexThatIsHeldMendsNothing) {
   EXPECT_EQ(ReadBits(), kMendAll);
 }
 
+TEST_F(MendingRegionTest, HowLongToWaitIsKnownBeforeTheGameIs) {
+  ReadWaitsOfAnyGame();
+  EXPECT_FALSE(GetMending().BoundsClientWaits()) << "no region";
+  test::ClientRegion<MendingRegion> region(kMendingRegionName);
+  region->games[3].mended = kMendAll;
+  ReadWaitsOfAnyGame();
+  EXPECT_EQ(GetMending().bits(), kMendStart);
+  EXPECT_EQ(ReadBits(0), 0u);
+  EXPECT_EQ(ReadBits(3), kMendAll);
+  ++region->header.minor_ver;
+  ReadMending(kMaxGames);
+  ReadWaitsOfAnyGame();
+  EXPECT_EQ(GetMending().bits(), 0u) << "of another version";
+}
+
 }  // namespace
 }  // namespace moru_vyr::lsp

@@ -95,6 +95,7 @@ class Explainer {
     out_.protocol = question_.udp ? "UDP" : "TCP";
     out_.game_path = game.path_count != 0 ? Text(game.game_paths[0]) : "";
     out_.game_id = game.game_id;
+    out_.mended = tables_.mending.games[&game - tables_.restriction.games].mended;
     out_.vip_level = question_.vip_level.value_or(game.game_vip_level);
   }
 

@@ -47,6 +47,7 @@ struct Explanation {
   std::string game_path;
   uint64_t game_id = 0;
   uint32_t vip_level = 0;
+  uint32_t mended = 0;  // bits of MendingRecord
   bool accelerated = false;
   std::string conclusion;             // one clause
   std::vector<Step> steps;            // in the library's order, up to the one that decided

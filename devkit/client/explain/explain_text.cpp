@@ -1,6 +1,7 @@
 #include <nlohmann/json.hpp>
 
 #include "client/explain/explain.h"
+#include "client/fields/mending_text.h"
 
 namespace client {
 namespace {
@@ -68,7 +69,8 @@ std::string ExplanationText(const Explanation& explanation) {
                      (explanation.accelerated ? " is accelerated: " : " is NOT accelerated: ") +
                      explanation.conclusion + ".\n\n  asked as " + explanation.game_path +
                      " (game " + std::to_string(explanation.game_id) + "), VIP level " +
-                     std::to_string(explanation.vip_level) + "\n";
+                     std::to_string(explanation.vip_level) +
+                     ", mended: " + MendingText(explanation.mended) + "\n";
   int number = 0;
   for (const Step& step : explanation.steps) {
     const std::string shown = std::to_string(++number);
@@ -87,6 +89,7 @@ std::string ExplanationJson(const Explanation& explanation) {
                                  {"game", explanation.game_path},
                                  {"game_id", explanation.game_id},
                                  {"vip_level", explanation.vip_level},
+                                 {"mended", MendingNames(explanation.mended)},
                                  {"accelerated", explanation.accelerated},
                                  {"conclusion", explanation.conclusion}};
   json["steps"] = nlohmann::ordered_json::array();

@@ -1,3 +1,8 @@
+#include <algorithm>
+#include <array>
+#include <iterator>
+
+#include "abi/mending_names.h"
 #include "abi/restriction_formats.h"
 #include "client/fields/field_rows.h"
 #include "client/fields/tables.h"
@@ -17,15 +22,14 @@ constexpr NamedValue kNetModes[] = {
     {"REFUSE_WITHOUT_ACC_MODE", kNetModeRefuseWithoutAccMode},
 };
 
-constexpr NamedValue kMendings[] = {
-    {"none", 0},
-    {"all", kMendAll},
-    {"half-close", kMendHalfClose},
-    {"failed-node", kMendFailedNode},
-    {"reset", kMendReset},
-    {"connect-ex", kMendConnectEx},
-    {"restart", kMendRestart},
-};
+constexpr auto kMendings = [] {
+  std::array<NamedValue, 2 + std::size(kMendingNames)> all = {{{"none", 0}, {"all", kMendAll}}};
+  std::transform(std::begin(kMendingNames), std::end(kMendingNames), all.begin() + 2,
+                 [](const MendingName& known) {
+                   return NamedValue{known.name, known.bit};
+                 });
+  return all;
+}();
 constexpr Beside kMendingOfGame = {.records = offsetof(Tables, restriction.games),
                                    .record_size = sizeof(AccConfigRecord),
                                    .count = kMaxGames,
@@ -203,12 +207,26 @@ constexpr Field kGameFields[] = {
      AT(MendingRecord, mended),
      .beside = &kMendingOfGame,
      .doc = "what is mended of the behaviour that docs/oddities.md lists: 'all', 'none', or a list "
-            "of 'half-close' (one side may end its sending and go on reading), 'failed-node' (a "
-            "node that cannot be reached is left for the next way), 'reset' (a reset stays one), "
-            "'connect-ex' (ConnectEx answers what the system answered) and 'restart' (a program "
-            "that cleans up Winsock and starts it again is served again)",
+            "of the names in its first table, such as ['half-close', 'reset']",
      .sample = "'all'",
      .names = kMendings},
+    {.key = "next_node_ms",
+     AT(MendingRecord, next_node_ms),
+     .beside = &kMendingOfGame,
+     .doc = "of 'fast-fallback': how long the first node may take to answer before the next way is "
+            "tried beside it; 0: 1000",
+     .sample = "0"},
+    {.key = "direct_ms",
+     AT(MendingRecord, direct_ms),
+     .beside = &kMendingOfGame,
+     .doc = "of 'fast-fallback': the same for the second node, before the game server itself is "
+            "tried; 0: 1000",
+     .sample = "0"},
+    {.key = "node_rest_ms",
+     AT(MendingRecord, node_rest_ms),
+     .beside = &kMendingOfGame,
+     .doc = "of 'fast-fallback': how long a node that has failed is passed over; 0: 30000",
+     .sample = "0"},
     {.key = "link_switch_mask",
      AT(Config, link_switch_mask),
      .heading = "Measuring the link",

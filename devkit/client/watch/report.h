@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 namespace client {
@@ -26,6 +27,8 @@ struct Report {
   uint64_t time_ms = 0;  // milliseconds since 1970: when it was taken out, or better
   uint32_t slot = 0;
   std::vector<std::byte> bytes;  // the whole slot
+  std::optional<uint32_t> mended =
+      {};  // `loaded`: what is mended for the game, where that is known
 
   // A copy, because nothing in here is aligned.
   template <typename Record>

@@ -5,6 +5,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "client/fields/mending_text.h"
 #include "client/fields/text_rules.h"
 #include "client/watch/report_fields.h"
 
@@ -12,6 +13,8 @@ namespace client {
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+constexpr char kMendedKey[] = "mended";
 
 // The records are little-endian, and so is every machine that this is built for.
 uint64_t Load(const std::byte* from, size_t size) {
@@ -165,6 +168,17 @@ Number NumberUnder(const char* key, const Json& object) {
   return found->get<Number>();
 }
 
+std::optional<uint32_t> MendedOf(const Json& object) {
+  const auto found = object.find(kMendedKey);
+  if (found == object.end()) return std::nullopt;
+  try {
+    if (const auto bits = MendingBits(found->get<std::vector<std::string>>())) return bits;
+  } catch (const Json::exception&) {
+    // It is no list of texts.
+  }
+  throw Unreadable{kMendedKey};
+}
+
 std::string EventOf(const Json& object) {
   const auto found = object.find("event");
   return found != object.end() && found->is_string() ? found->get<std::string>() : "";
@@ -184,6 +198,7 @@ std::string ReportJson(const Report& report) {
   const ChannelRow& row = ChannelOf(report.kind);
   Json object = {{"event", row.name}, {"time", report.time_ms}, {"slot", report.slot}};
   AddFields(report.bytes.data(), row.shape, &object);
+  if (report.mended) object[kMendedKey] = MendingNames(*report.mended);
   // Texts come from the game's process and may not be valid UTF-8.
   return object.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
@@ -206,7 +221,8 @@ std::optional<Report> ReportFromJson(const std::string& line, Problem* problem) 
     Report report = {.kind = *kind,
                      .time_ms = NumberUnder<uint64_t>("time", object),
                      .slot = NumberUnder<uint32_t>("slot", object),
-                     .bytes = std::vector<std::byte>(shape.size)};
+                     .bytes = std::vector<std::byte>(shape.size),
+                     .mended = MendedOf(object)};
     ReadShape(object, shape, report.bytes.data());
     return report;
   } catch (const Unreadable& value) {

@@ -6,6 +6,7 @@
 
 #include "abi/report_records.h"
 #include "client/explain/reason_words.h"
+#include "client/fields/mending_text.h"
 #include "client/fields/text_rules.h"
 #include "common/text.h"
 #include "route/decision.h"
@@ -235,7 +236,8 @@ std::string Printable(std::string text) {
 std::string ReportWords(const Report& report) {
   switch (report.kind) {
     case kLoadedReport:
-      return Printable(Words(report.As<LspLoadedRecord>()));
+      return Printable(Words(report.As<LspLoadedRecord>()) +
+                       (report.mended ? ", mended: " + MendingText(*report.mended) : ""));
     case kLogPathReport:
       return Printable(Words(report.As<LogPathRecord>()));
     case kDecisionReport:

@@ -13,6 +13,7 @@
 #include "client/reporter.h"
 #include "client/watch/flow_book.h"
 #include "client/watch/line_source.h"
+#include "client/watch/mended_games.h"
 #include "client/watch/report_drain.h"
 #include "client/watch/report_json.h"
 #include "client/watch/report_page.h"
@@ -171,7 +172,8 @@ bool ShowFile(const WatchOptions& options, const volatile std::sig_atomic_t* end
 
 // One pass. False when the output is closed: what was taken stays in its slots then.
 bool Pass(ReportDrain* drain, Outlet* outlet) {
-  const std::vector<Report> reports = drain->Take(kMutexWaitMs);
+  std::vector<Report> reports = drain->Take(kMutexWaitMs);
+  NoteMended(&reports, kMutexWaitMs);
   if (!outlet->Show(reports)) return false;
   drain->GiveBack(reports, kMutexWaitMs);
   return true;
@@ -198,7 +200,8 @@ bool Follow(const WatchOptions& options, const volatile std::sig_atomic_t* ended
 
 bool ShowWhatWaits(const WatchOptions& options, ReportDrain* drain, Outlet* outlet) {
   const Reporter reporter(options.json);
-  const std::vector<Report> reports = drain->Take(kMutexWaitMs);
+  std::vector<Report> reports = drain->Take(kMutexWaitMs);
+  NoteMended(&reports, kMutexWaitMs);
   if (!drain->AnyRegion()) {
     reporter.Failure("there are no report regions: nobody serves");
     return false;

@@ -1,0 +1,26 @@
+// The names of what can be mended, as people write them in files.
+#pragma once
+#include "abi/mending_formats.h"
+
+namespace moru_vyr::lsp {
+
+struct MendingName {
+  const char* name;
+  u32 bit;
+};
+
+// Besides these, "all" and "none" stand for the whole word.
+inline constexpr MendingName kMendingNames[] = {
+    {"half-close", kMendHalfClose},
+    {"failed-node", kMendFailedNode},
+    {"reset", kMendReset},
+    {"connect-ex", kMendConnectEx},
+    {"restart", kMendRestart},
+    {"fast-fallback", kMendFallback},
+    {"after-switch", kMendAfterSwitch},
+    {"start", kMendStart},
+    {"names", kMendNames},
+    {"datagram-match", kMendDatagramMatch},
+};
+
+}  // namespace moru_vyr::lsp

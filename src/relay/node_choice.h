@@ -1,0 +1,29 @@
+// Which of a decision's nodes is asked, for connections (SOCK_STREAM) and for datagrams
+// (SOCK_DGRAM), and how soon the next way is tried.
+//
+// Where fast falling back is asked for, a node that has failed is not asked again for a while;
+// without it no node ever rests.
+//
+// Worker thread only. Nothing throws.
+#pragma once
+#include "abi/acc_decision_info.h"
+#include "common/types.h"
+#include "route/mending.h"
+
+namespace moru_vyr::lsp {
+
+// Null unless falling back is to be fast.
+const FallbackTimes* FastFallback() noexcept;
+
+// Keeps the selected proxy, unless it rests; then the first other one that does not is selected.
+// False if all rest.
+bool SelectAwakeProxy(i32 socket_type, AccDecisionInfo* decision) noexcept;
+// Replaces the selected proxy by the first other one of the decision that does not rest. False if
+// there is none.
+bool SelectOtherProxy(i32 socket_type, AccDecisionInfo* decision) noexcept;
+
+// What came of asking the selected proxy.
+void NoteNodeFailed(i32 socket_type, const AccDecisionInfo& decision) noexcept;
+void NoteNodeServes(i32 socket_type, const AccDecisionInfo& decision) noexcept;
+
+}  // namespace moru_vyr::lsp

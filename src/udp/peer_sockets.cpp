@@ -1,0 +1,110 @@
+#include "udp/peer_sockets.h"
+
+#include <algorithm>
+
+#include "common/log.h"
+#include "common/net_text.h"
+#include "sockets/socket_helpers.h"
+#include "udp/accl_link_info.h"
+#include "udp/udp_provider.h"
+#include "udp/udp_session.h"
+
+namespace moru_vyr::lsp {
+namespace {
+
+// Bound and non-blocking, or INVALID_SOCKET.
+SOCKET OpenLoopback(u16* port) noexcept {
+  const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+  if (s == INVALID_SOCKET) return s;
+  if (BindLoopbackPort(s, port) && MakeNonBlocking(s) == 0) return s;
+  CloseRelaySocket(s);
+  return INVALID_SOCKET;
+}
+
+}  // namespace
+
+PeerSockets::~PeerSockets() {
+  for (u32 i = 0; i < count_; ++i) {
+    session_->provider()->SessionMgr()->RemoveSocket(places_[i].socket);
+    CloseRelaySocket(places_[i].socket);
+    session_->provider()->GiveBackPeerSocket();
+  }
+}
+
+bool PeerSockets::Open(const sockaddr_in& peer) noexcept {
+  return Find(peer) != nullptr || Make(peer) != nullptr;
+}
+
+void PeerSockets::SendToGame(const UdpPackage& package) noexcept {
+  const Place* place = Find(package.addr);
+  if (place == nullptr && strangers_ < PeerPorts::kStrangers) {
+    place = Make(package.addr);
+    if (place != nullptr) ++strangers_;
+  }
+  if (place == nullptr) {
+    LSP_LOG(0, "[UDP] PeerSockets::SendToGame, no port for %s:%u, token=%u",
+            common::IpToString(package.addr.sin_addr.s_addr).c_str(), ntohs(package.addr.sin_port),
+            session_->token());
+    return;
+  }
+  if (sendto(place->socket, reinterpret_cast<const char*>(package.data),
+             static_cast<int>(package.valid_len), 0, reinterpret_cast<const sockaddr*>(&game_),
+             sizeof game_) == SOCKET_ERROR) {
+    LSP_LOG(0, "[UDP] PeerSockets::SendToGame, error=%d, token=%u", WSAGetLastError(),
+            session_->token());
+  }
+}
+
+// Nobody but the game has a reason to send here. A datagram that is too long ends the reading with
+// an error; the socket's next readiness goes on.
+void PeerSockets::OnReadable(SOCKET socket) noexcept {
+  const Place* const first = places_.data();
+  const Place* const end = first + count_;
+  const Place* const place =
+      std::find_if(first, end, [=](const Place& one) { return one.socket == socket; });
+  if (place == end) return;
+  DatagramBuffer buffer;
+  UdpPackage package;
+  while (buffer.Receive(socket, &package) == 0) {
+    if (!SameAddress(package.addr, game_)) continue;
+    package.addr = place->peer;
+    session_->TakeFromGame(package);
+  }
+}
+
+const PeerSockets::Place* PeerSockets::Find(const sockaddr_in& peer) const noexcept {
+  const Place* const first = places_.data();
+  const Place* const end = first + count_;
+  const Place* const found =
+      std::find_if(first, end, [&](const Place& one) { return SameAddress(one.peer, peer); });
+  return found != end ? found : nullptr;
+}
+
+// Null where there is no place, in the session or among the sockets that the relay can poll, and
+// for an address that the game reaches directly: that stays so.
+const PeerSockets::Place* PeerSockets::Make(const sockaddr_in& peer) noexcept {
+  UdpProvider* const provider = session_->provider();
+  if (count_ == places_.size() || !provider->TakePeerSocket()) return nullptr;
+  u16 port = 0;
+  const SOCKET s = OpenLoopback(&port);
+  if (s == INVALID_SOCKET || !ports_->Add(peer, port)) {
+    if (s != INVALID_SOCKET) CloseRelaySocket(s);
+    provider->GiveBackPeerSocket();
+    LSP_LOG(5, "[UDP] PeerSockets::Make failed, peer=%s:%u, token=%u",
+            common::IpToString(peer.sin_addr.s_addr).c_str(), ntohs(peer.sin_port),
+            session_->token());
+    return nullptr;
+  }
+  // The game's own sizes, as for the socket that faces the network. What goes to the game waits in
+  // the game's socket, and what comes from it here.
+  AdjustSocketBuff(s, session_->sock_send_buf_size(), session_->sock_recv_buf_size());
+  provider->SessionMgr()->AddSocket(s, this);
+  LSP_LOG(5, "[UDP] PeerSockets::Make, peer=%s:%u, port=%u, token=%u",
+          common::IpToString(peer.sin_addr.s_addr).c_str(), ntohs(peer.sin_port), ntohs(port),
+          session_->token());
+  Place& place = places_[count_++];
+  place = {s, peer};
+  return &place;
+}
+
+}  // namespace moru_vyr::lsp

@@ -1,0 +1,53 @@
+// The sockets behind a session's PeerPorts: one on the loopback interface for each address that the
+// game exchanges datagrams with.
+//
+// The session owns it. Worker thread only. Nothing but the constructor throws.
+#pragma once
+#include <winsock2.h>
+
+#include <array>
+
+#include "relay/relay_interfaces.h"
+#include "udp/peer_ports.h"
+#include "udp/udp_package.h"
+
+namespace moru_vyr::lsp {
+
+class UdpSession;
+
+class PeerSockets final : public IRelaySocketDelegate {
+ public:
+  // `game` is the game's socket; `ports` outlives this.
+  PeerSockets(UdpSession* session, const sockaddr_in& game, PeerPorts* ports) noexcept
+      : session_(session), game_(game), ports_(ports) {}
+  ~PeerSockets() override;
+
+  // A port for an address that the game wants to send to; true if it has one afterwards.
+  bool Open(const sockaddr_in& peer) noexcept;
+  // A datagram from the network, out of the port of its source, package.addr. One from a source for
+  // which there is no port left is dropped, and so is one that the loopback interface has no room
+  // for: the network may do the same.
+  void SendToGame(const UdpPackage& package) noexcept;
+
+  void OnReadable(SOCKET socket) noexcept override;
+  void OnWritable(SOCKET) noexcept override {}
+  void OnException(SOCKET) noexcept override {}
+  void OnClose(SOCKET) noexcept override {}
+
+ private:
+  struct Place {
+    SOCKET socket = INVALID_SOCKET;
+    sockaddr_in peer = {};
+  };
+  const Place* Find(const sockaddr_in& peer) const noexcept;
+  const Place* Make(const sockaddr_in& peer) noexcept;
+
+  UdpSession* const session_;
+  const sockaddr_in game_;
+  PeerPorts* const ports_;
+  std::array<Place, PeerPorts::kPlaces> places_;
+  u32 count_ = 0;
+  u32 strangers_ = 0;
+};
+
+}  // namespace moru_vyr::lsp

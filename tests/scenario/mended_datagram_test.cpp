@@ -1,0 +1,254 @@
+// Datagram sockets of a game whose client asks for mending: no datagram gets another one's address,
+// and nothing is kept for one that was lost, or that the game reads without asking where it is
+// from.
+#include "tests/scenario/udp_spied_world.h"
+//
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "engine/relay_mgr.h"
+#include "hooks/hook_entries.h"
+#include "port/shared/faults.h"
+#include "udp/peer_ports.h"
+
+namespace {
+
+using namespace udp_test;       // NOLINT
+using namespace moru_vyr::lsp;  // NOLINT
+using Texts = std::vector<std::string>;
+
+class MendedDatagram : public UdpSpiedWorld {
+ protected:
+  MendedDatagram() : UdpSpiedWorld(kMendAll) {}
+
+  // "text at 198.51.100.10:27015", sorted.
+  Texts HeardWhere() const {
+    Texts all;
+    for (const Datagram& one : heard) all.push_back(one.text + " at " + one.to);
+    std::sort(all.begin(), all.end());
+    return all;
+  }
+  static std::string On(const char* ip, int port = kPort) {
+    return std::string(ip) + ":" + std::to_string(port);
+  }
+  // How many addresses have a port, by the log.
+  int PortsMade() const {
+    const std::string text = log_text();
+    int count = 0;
+    for (size_t at = 0; (at = text.find("PeerSockets::Make, ", at)) != std::string::npos; ++at)
+      ++count;
+    return count;
+  }
+};
+
+SCENARIO_F(MendedDatagram, EachServerAnswersUnderItsOwnName) {
+  Starts();
+  const SOCKET s = Udp();
+  for (int round = 0; round < 3; ++round) {
+    for (const char* server : {kServer, kDirect, kSecond}) {
+      for (const int port : {kPort, kSecondPort}) {
+        EXPECT_EQ(Talks(s, "hello", server, port), "hello from " + On(server, port));
+      }
+    }
+  }
+  EXPECT_EQ(PortsMade(), 6);
+  EXPECT_EQ(RecordOf(s).send_queue, nullptr);
+  closesocket(s);
+  RunFor(100ms);
+  EXPECT_TRUE(NodesAreFree());
+}
+
+// The queue would give the datagrams to B those of A that were lost, for ever.
+SCENARIO_F(MendedDatagram, EqualDatagramsReachTheirOwnServersAfterALoss) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "ping", kServer), "ping from " + On(kServer));
+  EXPECT_EQ(Talks(s, "ping", kDirect), "ping from " + On(kDirect));
+  heard.clear();
+  // The worker stands still, and the loopback interface has room for some only.
+  world.Stall(GetRelayMgr().GetWorkerThreadId(), 500ms);
+  for (int i = 0; i < 3'000; ++i) Sends(s, "ping", kServer);
+  RunFor(3s);
+  EXPECT_LT(heard.size(), 3'000u) << "nothing was lost";
+  EXPECT_TRUE(std::all_of(heard.begin(), heard.end(),
+                          [](const Datagram& one) { return one.to == On(kServer); }));
+  while (!Receives(s, 100).from.empty()) continue;
+  heard.clear();
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(Talks(s, "ping", kDirect), "ping from " + On(kDirect));
+  EXPECT_EQ(HeardWhere(), Texts(5, "ping at " + On(kDirect)));
+}
+
+// The other way round: the game does not read for a while, and its own buffer overflows.
+SCENARIO_F(MendedDatagram, EqualAnswersKeepTheirSourcesAfterALoss) {
+  Starts();
+  const SOCKET s = Udp();
+  server->answer = [](const std::string&) { return "pong"; };
+  for (int i = 0; i < 3'000; ++i) {
+    Sends(s, "ping", kServer);
+    if (i % 100 == 0) RunFor(20ms);
+  }
+  RunFor(1s);
+  size_t read = 0;
+  for (Datagram one = Receives(s, 100); !one.from.empty(); one = Receives(s, 100), ++read)
+    EXPECT_EQ(one.from, On(kServer));
+  EXPECT_LT(read, 3'000u) << "nothing was lost";
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(Talks(s, "ping", kSecond), "pong from " + On(kSecond));
+}
+
+// Without a place for the source, without even a look at it, with a look at the datagram before,
+// and with too small a buffer: what is read next has its own source.
+SCENARIO_F(MendedDatagram, HoweverADatagramIsReadTheNextOneKeepsItsSource) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from " + On(kServer));
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(Sends(s, "same", i % 2 == 0 ? kDirect : kServer), 0);
+    ASSERT_TRUE(ReadableWithin(s, 1000));
+    char bytes[8];
+    switch (i % 4) {
+      case 0:
+        EXPECT_EQ(recv(s, bytes, sizeof bytes, 0), 4);
+        break;
+      case 1:
+        EXPECT_EQ(recvfrom(s, bytes, sizeof bytes, 0, nullptr, nullptr), 4);
+        break;
+      case 2: {
+        sockaddr_in from = {};
+        int size = sizeof from;
+        EXPECT_EQ(recvfrom(s, bytes, sizeof bytes, MSG_PEEK, Raw(from), &size), 4);
+        EXPECT_EQ(from.sin_addr.s_addr, At(kDirect, kPort).sin_addr.s_addr);
+        EXPECT_EQ(Receives(s).from, On(kDirect));
+        break;
+      }
+      default: {
+        sockaddr_in from = {};
+        int size = sizeof from;
+        EXPECT_EQ(ErrorOf(recvfrom(s, bytes, 2, 0, Raw(from), &size)), WSAEMSGSIZE);
+        EXPECT_EQ(from.sin_addr.s_addr, At(kServer, kPort).sin_addr.s_addr);
+      }
+    }
+  }
+  EXPECT_EQ(Talks(s, "same", kSecond), "same from " + On(kSecond));
+}
+
+SCENARIO_F(MendedDatagram, AnEmptyDatagramComesToo) {
+  Starts();
+  server->answer = [](const std::string&) { return kNoBytes; };
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "x", kServer), " from " + On(kServer));
+}
+
+// A thread that waits for the first datagram since before there was a relay.
+SCENARIO_F(MendedDatagram, AThreadThatHasWaitedLongerThanTheRelayLearnsTheSource) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(BindTo(s, "0.0.0.0", 5000), 0);
+  Datagram got;
+  GameThread([&] {
+    std::string bytes(100, '\0');
+    sockaddr_in from = {};
+    int size = sizeof from;
+    recvfrom(s, bytes.data(), 100, 0, Raw(from), &size);
+    got.from = inet_ntoa(from.sin_addr);
+  });
+  RunFor(100ms);
+  EXPECT_EQ(Sends(s, "hello"), 0);
+  ASSERT_TRUE(RunToTheEnd());
+  EXPECT_EQ(got.from, kServer);
+}
+
+// Two threads whose first datagrams go to different servers at the same moment.
+SCENARIO_F_SEEDS(MendedDatagram, ThreadsThatAskAtOnceGetEachItsOwnServer, 20) {
+  Starts();
+  const SOCKET s = Udp();
+  for (const char* server : {kServer, kDirect, kSecond, kForced}) {
+    GameThread([=, this] {
+      for (int i = 0; i < 3; ++i) EXPECT_EQ(Sends(s, server, server), 0);
+    });
+  }
+  ASSERT_TRUE(RunToTheEnd());
+  RunFor(2s);
+  EXPECT_EQ(heard.size(), 12u) << AllHeard();
+  for (const Datagram& one : heard) EXPECT_EQ(one.to, one.text + ":27015");
+}
+
+// A game that looks for servers: those for which there is no port are reached directly, each in one
+// way only.
+SCENARIO_F(MendedDatagram, MoreServersThanPortsAreReachedDirectly) {
+  Starts();
+  const SOCKET s = Udp();
+  for (int round = 0; round < 2; ++round) {
+    for (int port = 1; port <= 40; ++port) EXPECT_EQ(Sends(s, "x", kServer, port), 0);
+    for (const char* server : {kServer, kDirect}) Sends(s, "found", server);
+    RunFor(500ms);
+  }
+  EXPECT_EQ(PortsMade(), static_cast<int>(PeerPorts::kPlaces));
+  EXPECT_EQ(Heard("game").size(), 4u) << AllHeard();
+  EXPECT_EQ(Heard().size(), 4u);
+}
+
+// The relay can poll 128 sockets. Half of them may stand for addresses.
+SCENARIO_F(MendedDatagram, ManySocketsLeaveRoomForOthers) {
+  Starts();
+  std::vector<SOCKET> sockets;
+  for (int i = 0; i < 5; ++i) {
+    sockets.push_back(Udp());
+    for (int port = 1; port <= 20; ++port) Sends(sockets.back(), "x", kServer, port);
+  }
+  EXPECT_EQ(PortsMade(), 64);
+  EXPECT_EQ(Talks(sockets.back(), "direct"), "direct from " + On(kServer));
+  EXPECT_EQ(Heard("game"), Texts{"direct"});
+  for (const SOCKET s : sockets) closesocket(s);
+  RunFor(1s);
+  EXPECT_EQ(Talks(Udp(), "relayed"), "relayed from " + On(kServer));
+  EXPECT_EQ(Heard("A").back(), "relayed");
+}
+
+// A question that is not answered costs its own server the relay, and no other.
+SCENARIO_F(MendedDatagram, AnAddressForWhichThereIsNoAnswerIsReachedDirectlyFromThenOn) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from " + On(kServer));
+  world.Stall(GetRelayMgr().GetWorkerThreadId(), 700ms);
+  EXPECT_EQ(Talks(s, "second", kSecond), "second from " + On(kSecond));
+  RunFor(1s);
+  EXPECT_EQ(Talks(s, "third", kSecond), "third from " + On(kSecond));
+  EXPECT_EQ(Heard("game"), (Texts{"second", "third"})) << AllHeard();
+  EXPECT_EQ(Talks(s, "fourth"), "fourth from " + On(kServer));
+  EXPECT_EQ(Heard("A"), (Texts{"first", "fourth"})) << AllHeard();
+}
+
+// A socket that disappears with nobody told: its session ends by itself.
+SCENARIO_F(MendedDatagram, ASessionWhoseSocketIsGoneEnds) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from " + On(kServer));
+  const u32 token = RecordOf(s).token;
+  GetSocketMap().Remove(s);
+  EXPECT_NE(GetRelayMgr().UsePeerPorts(token), nullptr);
+  RunFor(6s);
+  EXPECT_EQ(GetRelayMgr().UsePeerPorts(token), nullptr);
+  EXPECT_TRUE(NodesAreFree());
+}
+
+// Everything at once: identical texts, many servers, stalls and losses.
+SCENARIO_F_SEEDS(MendedDatagram, WhateverIsLostNothingIsMistaken, 10) {
+  Starts(9);
+  server->answer = [](const std::string& text) { return text; };
+  const SOCKET s = Udp();
+  const std::vector<const char*> servers = {kServer, kDirect, kSecond, kForced};
+  for (int round = 0; round < 20; ++round) {
+    if (round % 5 == 4) world.Stall(GetRelayMgr().GetWorkerThreadId(), 100ms);
+    for (int i = 0; i < 200; ++i) {
+      const char* const server = servers[static_cast<size_t>(i) % servers.size()];
+      Sends(s, server, server);
+    }
+    for (Datagram one = Receives(s, 20); !one.from.empty(); one = Receives(s, 20))
+      EXPECT_EQ(one.from, one.text + ":27015");
+  }
+  for (const Datagram& one : heard) EXPECT_EQ(one.to, one.text + ":27015");
+  EXPECT_GT(heard.size(), 1'000u);
+}
+
+}  // namespace

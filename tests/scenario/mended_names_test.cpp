@@ -1,0 +1,94 @@
+// The names of a relayed connection's two ends, for a game whose client asks that they are those
+// which it would have without us.
+#include "abi/mending_formats.h"
+#include "port/shared/faults.h"
+#include "tests/scenario/tcp_world.h"
+
+namespace {
+using namespace tcp_test;  // NOLINT: the verbs of these tests
+
+class MendedNames : public TcpWorld {
+ protected:
+  explicit MendedNames(moru_vyr::lsp::u32 mended = moru_vyr::lsp::kMendNames)
+      : TcpWorld(L"", nullptr, mended) {}
+
+  using Ask = int (*)(SOCKET, struct sockaddr*, int*);
+  static int Own(SOCKET s, struct sockaddr* name, int* room) { return getsockname(s, name, room); }
+  static int Peer(SOCKET s, struct sockaddr* name, int* room) { return getpeername(s, name, room); }
+  // The error, or the address.
+  static std::string Name(Ask ask, SOCKET s, u_short* port = nullptr, int room = 16) {
+    sockaddr_in name = {};
+    if (ask(s, Raw(name), &room) != 0) return std::to_string(WSAGetLastError());
+    EXPECT_EQ(room, 16);
+    EXPECT_EQ(name.sin_family, AF_INET);
+    if (port != nullptr) *port = ntohs(name.sin_port);
+    return inet_ntoa(name.sin_addr);
+  }
+};
+
+class UnmendedNames : public MendedNames {
+ protected:
+  UnmendedNames() : MendedNames(0) {}
+};
+
+SCENARIO_F(MendedNames, TheOwnOneIsThatOfTheInterfaceTowardsTheServer) {
+  for (const char* server : {kServer, kDirect, kForced, kUnlisted}) {
+    SCOPED_TRACE(server);
+    const SOCKET s = Tcp();
+    EXPECT_EQ(Name(Own, s), "10022") << "not bound";
+    ASSERT_EQ(ConnectTo(s, server, kPort), 0);
+    u_short port = 0;
+    EXPECT_EQ(Name(Own, s, &port), kGame);
+    EXPECT_NE(port, 0);
+    EXPECT_EQ(Talks(s, "hello"), "hello");
+    u_short later = 0;
+    EXPECT_EQ(Name(Own, s, &later), kGame);
+    EXPECT_EQ(later, port);
+    closesocket(s);
+  }
+}
+
+SCENARIO_F(MendedNames, ThePortIsTheOneThatTheGameHasChosen) {
+  const SOCKET s = Tcp();
+  ASSERT_EQ(BindTo(s, "0.0.0.0", 5555), 0);
+  EXPECT_EQ(Name(Own, s), "0.0.0.0");
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  u_short port = 0;
+  EXPECT_EQ(Name(Own, s, &port), kGame);
+  EXPECT_EQ(port, 5555);
+  closesocket(s);
+}
+
+SCENARIO_F(MendedNames, ThereIsNoPeerBeforeTheConnectionStands) {
+  const SOCKET s = Tcp();
+  port::FailCall("WSPConnect", 1, WSAENOBUFS);
+  EXPECT_EQ(ConnectTo(s, kServer, kPort), WSAENOBUFS);
+  port::ClearFaults();
+  EXPECT_EQ(Name(Peer, s), "10057");
+  ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
+  u_short port = 0;
+  EXPECT_EQ(Name(Peer, s, &port), kServer);
+  EXPECT_EQ(port, kPort);
+  EXPECT_EQ(Name(Peer, s, nullptr, 8), "10014");
+  EXPECT_EQ(Name(Own, s, nullptr, 8), "10014");
+  closesocket(s);
+}
+
+SCENARIO_F(MendedNames, ConnectionsOnTheLoopbackInterfaceKeepTheirNames) {
+  const SOCKET listener = ListenAt(4444);
+  const SOCKET s = Tcp();
+  ASSERT_EQ(ConnectTo(s, "127.0.0.1", 4444), 0);
+  EXPECT_EQ(Name(Own, s), "127.0.0.1");
+  EXPECT_EQ(Name(Peer, s), "127.0.0.1");
+  closesocket(s);
+  closesocket(listener);
+}
+
+SCENARIO_F(UnmendedNames, TheOwnOneIsThatOfTheLoopbackInterface) {
+  const SOCKET s = Joins();
+  EXPECT_EQ(Name(Own, s), "127.0.0.1");
+  EXPECT_EQ(Name(Peer, s), kServer);
+  closesocket(s);
+}
+
+}  // namespace
