@@ -1,5 +1,5 @@
-// A catalogue with other vendors' entries: circular chains, impossible chain lengths, layers above
-// and below. Whatever it holds, a start gets a record of our own list or none.
+// A catalogue with entries of other vendors: circular chains, impossible chain lengths, layers
+// above and below. For any content, a start gets a record of our own list or none.
 #include <winsock2.h>
 #include <ws2spi.h>
 
@@ -15,7 +15,7 @@ namespace {
 
 using namespace moru_vyr::lsp;
 
-// Reads the input byte by byte; zeros behind its end.
+// Reads the input byte by byte, with zeros after its end.
 class Input {
  public:
   Input(const unsigned char* data, std::size_t size) : data_(data), size_(size) {}

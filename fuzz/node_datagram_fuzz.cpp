@@ -1,5 +1,5 @@
-// Input from anyone to the reference node's datagram ports: requests, datagrams of flows, and the
-// numbers in them. Everything is read within its bounds, and what was read can be written again.
+// Input to the reference node's datagram ports: requests, datagrams of flows, and the numbers in
+// them. Everything is read within its bounds, and what was read can be written again.
 #include <cstdlib>
 #include <cstring>
 #include <string>

@@ -1,5 +1,5 @@
-// What a client sends to the reference node, and what somebody sends to its control port. A request
-// must not depend on the pieces in which it arrives, and no command may exceed a bound.
+// What a client sends to the reference node, and input to its control port. The result must not
+// depend on the pieces in which a request arrives, and no command may exceed a limit.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>

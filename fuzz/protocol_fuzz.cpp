@@ -1,5 +1,5 @@
-// What a node sends, and what a client sends to a node: any bytes under any length. A record is
-// refused with a known number, or read within its bytes and packed again to what was read.
+// Messages from a node and to a node: any bytes with any length. A record is refused with a known
+// error, or read within its bytes and packed again to the same bytes.
 #include <cstdlib>
 #include <cstring>
 #include <vector>

@@ -1,6 +1,6 @@
-// The restriction region as a faulty client program may leave it: any header, counts past their
+// The restriction region as a faulty client program may write it: any header, counts beyond their
 // arrays, paths without a terminator. Whether or not the process is served, nothing is read past
-// the view, and what is installed satisfies the header's comments.
+// the view, and the installed configuration is as the header's comments say.
 #include <windows.h>
 #include <winsock2.h>
 
@@ -31,7 +31,7 @@ unsigned char* Region() {
   return view;
 }
 
-// A sound region that lists this process, for the input to be laid over.
+// A valid region that lists this process, to which the input is applied.
 void Prepare() {
   auto* const region = new (Region()) RestrictionRegion();
   region->header = {sizeof(RestrictionRegion), 1, 36};

@@ -1,5 +1,5 @@
-// Text and paths: whatever the bytes, a conversion gives text that converts back, or refuses; a
-// path function never returns text that is not part of its argument.
+// Text and paths: for any bytes, a conversion gives text that converts back, or refuses. A path
+// function never returns text that is not part of its argument.
 #include <cstdlib>
 #include <string>
 
@@ -23,7 +23,7 @@ void CheckConversion(const std::string& text) {
 }
 
 void CheckWide(const std::string& bytes) {
-  // Two bytes a unit, so that lone surrogates occur.
+  // Two bytes for each unit, so that unpaired surrogates occur.
   std::wstring wide;
   for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
     wide.push_back(static_cast<wchar_t>(static_cast<unsigned char>(bytes[i]) |

@@ -12,17 +12,17 @@ inline constexpr size_t kLongestBeat = 1400;
 enum class BeatKind : uint8_t { kBeat = 1, kAnswer = 2 };
 
 #pragma pack(push, 1)
-// The answer is the beat with another kind and the server's count; the bytes behind it come back
-// unchanged.
+// The answer is the beat with a different kind and the server's count; the bytes after it are
+// returned unchanged.
 struct Beat {
   uint32_t magic = kBeatMagic;
   uint32_t session = 0;  // one for each run of the game
   uint32_t seq = 0;      // from 0, for each server of its own
   uint64_t sent_us = 0;  // the player's clock
-  uint32_t arrived = 0;  // different beats of this session that the server has had so far
+  uint32_t arrived = 0;  // different beats of this session that the server has received so far
   uint16_t server = 0;   // which of the player's servers this is for
   uint8_t kind = 0;
-  uint8_t fill = 0;  // what each byte behind this record is
+  uint8_t fill = 0;  // the value of each byte after this record
 };
 #pragma pack(pop)
 static_assert(sizeof(Beat) == 28);

@@ -6,15 +6,15 @@
 
 namespace game {
 
-// Numbers from 0 on. Counts each number once, however often it comes.
+// Numbers from 0 on. Counts each number once, however often it arrives.
 class Counts {
  public:
-  // Whether this number came for the first time.
+  // Whether this number has arrived for the first time.
   bool Add(uint32_t seq);
 
   uint32_t received() const { return received_; }
   uint32_t duplicated() const { return duplicated_; }
-  uint32_t reordered() const { return reordered_; }  // came behind a higher number
+  uint32_t reordered() const { return reordered_; }  // arrived after a higher number
 
  private:
   // A higher number cannot be a valid count, and must not cost memory.

@@ -19,7 +19,7 @@ struct ServerFigures {
   uint32_t arrived = 0;  // as the server counts, by its latest answer
   Counts answers;
   uint32_t source_mismatches = 0;  // answers of this server that came from another address
-  uint32_t damaged = 0;            // answers whose content is not what was sent
+  uint32_t damaged = 0;            // answers whose content differs from what was sent
   std::vector<uint32_t> round_trips_us;
   uint16_t port_at_begin = 0;
   uint16_t port_at_end = 0;
@@ -29,14 +29,14 @@ struct ServerFigures {
 
 class Heartbeat {
  public:
-  // One socket for all servers, or a connected one for each. `size` is that of each datagram.
+  // One socket for all servers, or a connected one for each. `size` is the size of each datagram.
   Heartbeat(const std::vector<sockaddr_in>& servers, bool connected, size_t size);
 
   // Empty, or why the sockets cannot be created.
   std::string Open();
 
   void SendAll();
-  void Receive();    // takes all that have come; never waits
+  void Receive();    // receives all that have arrived, without waiting
   void NotePorts();  // at the end
 
   const std::vector<SOCKET>& sockets() const { return handles_; }

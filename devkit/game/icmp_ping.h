@@ -1,4 +1,4 @@
-// A game's own ping: an ICMP echo a second on a raw socket that is connected to the server.
+// A game's own ping: one ICMP echo per second on a raw socket that is connected to the server.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ class IcmpPing {
   std::string Open();
 
   void Send();
-  // To be called often: a wait for readable sockets may miss an answer. Never waits.
+  // Call it often, because a wait for readable sockets may miss an answer. Does not wait.
   void Receive();
 
   const sockaddr_in& server() const { return server_; }

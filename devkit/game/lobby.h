@@ -13,9 +13,9 @@ class Lobby {
   // Waits for the connection. Empty, or why it failed.
   std::string Join(const sockaddr_in& server);
 
-  void Say();      // the next numbered word
-  void Receive();  // takes all that have come; never waits
-  // Says goodbye and waits so long at most for the answer to it.
+  void Say();      // sends the next numbered message
+  void Receive();  // receives all that have arrived, without waiting
+  // Says goodbye, and waits at most that long for the answer.
   void Leave(unsigned wait_ms);
 
   bool is_joined() const { return socket_.is_open(); }
@@ -25,7 +25,7 @@ class Lobby {
   bool is_lost() const { return is_lost_; }
   unsigned said() const { return said_; }
   unsigned answered() const { return answered_; }
-  unsigned wrong() const { return wrong_; }  // lines that are no valid answer
+  unsigned wrong() const { return wrong_; }  // lines that are not valid answers
   uint32_t last_round_trip_us() const { return last_round_trip_us_; }
 
  private:

@@ -16,14 +16,14 @@ struct PlayOptions {
   double rate = 30;           // beats a second to each server
   double seconds = 10;        // 0: until ended
   unsigned size = 64;         // bytes of each beat
-  unsigned linger_ms = 1000;  // how long the last answers are waited for
+  unsigned linger_ms = 1000;  // how long to wait for the last answers
   bool connected = false;
   bool ping = false;
   bool json = false;
 };
 
-// Prints a line a second and the figures at the end. False if it could not play at all; whatever
-// the network does to a game is a figure, not a failure.
+// Prints a line each second, and the figures at the end. False if it could not play at all; effects
+// of the network on a game are figures, not failures.
 bool Play(const PlayOptions& options, const volatile std::sig_atomic_t* ended);
 
 }  // namespace game

@@ -28,7 +28,7 @@ struct PlayerFigures {
   uint32_t answered = 0;
   uint32_t withheld = 0;
   std::string last_address;
-  uint32_t address_changes = 0;  // beats that came from another address than the one before
+  uint32_t address_changes = 0;  // beats from a different address than the one before
 };
 
 class Server {
@@ -38,7 +38,7 @@ class Server {
   // Empty, or why it cannot listen.
   std::string Open();
 
-  // Serves for at most that long.
+  // Serves for at most this long.
   void Step(unsigned wait_ms);
 
   // By session and number of the server.
@@ -46,7 +46,7 @@ class Server {
   const Players& players() const { return players_; }
   uint32_t strangers() const { return strangers_; }
   uint32_t guests() const { return guests_; }  // of the lobby, so far
-  uint32_t words() const { return words_; }    // that the lobby has answered
+  uint32_t words() const { return words_; }    // messages that the lobby has answered
 
  private:
   struct Answer {

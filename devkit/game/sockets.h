@@ -1,4 +1,4 @@
-// The socket helpers that player and server share.
+// Socket helpers for the player and the server.
 #pragma once
 
 #include <winsock2.h>
@@ -37,7 +37,7 @@ class Socket {
 // True once one of the sockets is readable; false after the time. At most FD_SETSIZE of them.
 bool WaitReadable(const SOCKET* sockets, size_t count, int64_t microseconds);
 
-uint64_t NowUs();  // a clock that only goes forward
+uint64_t NowUs();  // a monotonic clock
 
 // "10061 (connection refused)"; the common ones in words.
 std::string ErrorText(int error);

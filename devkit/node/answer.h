@@ -7,12 +7,13 @@
 
 namespace node {
 
-// `own` is given as the data address and, unless configured otherwise, as the last node; `client`
-// is who asks. `result` is a parameter of its own, because it may be the game server's doing.
+// `own` is the data address in the answer and, unless configured otherwise, the last node; `client`
+// is the sender of the request. `result` is a separate parameter, because the game server may cause
+// it.
 std::string MakeAnswer(const Behaviour& behaviour, u8 result, u32 token, const Address& own,
                        const Address& client);
 
-// The same bytes each time, and never a valid start of an answer.
+// The same bytes each time; they are never the valid beginning of an answer.
 std::string MakeGarbage(std::size_t size);
 
 }  // namespace node

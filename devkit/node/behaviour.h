@@ -1,6 +1,6 @@
 // How a node treats its clients: well by default, and on demand in any way that a real or broken
-// node could. Everything may change while the node runs and applies from the next time that it is
-// read: a connection that is already past that point does not change.
+// node could. Everything may change while the node runs, and takes effect when it is next read: a
+// connection that is already past that point does not change.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -81,7 +81,7 @@ struct BehaviourField {
   std::vector<std::pair<const char*, std::int64_t>> words;
   const char* help;
 
-  // What may be given, for help and errors: "connected, at_once" or "0 to 255".
+  // The allowed values, for help and errors: "connected, at_once" or "0 to 255".
   std::string Range() const;
   bool Allows(std::int64_t value) const;
   // A word, or a number, decimal or with 0x.

@@ -1,5 +1,5 @@
 // One client's connection: its request, the answer, the connection to the game server, and then
-// the bytes, both ways, until both sides have ended.
+// the bytes in both directions, until both sides have ended.
 #pragma once
 #include <string>
 
@@ -16,9 +16,9 @@ class Connection {
  public:
   Connection(NodeContext* node, u64 id, Socket client, const Address& peer, u64 now);
 
-  // What to wait for. `*due` is lowered to the moment at which something is to be done anyway.
+  // Adds what to wait for. Lowers `*due` to the next moment at which something has to be done.
   void Want(Poller* poller, u64 now, u64* due) const;
-  // Does what can be done now; never waits.
+  // Does what can be done without waiting.
   void Step(const Poller& poller, u64 now);
   // Ends it from outside.
   void Close(const std::string& reason, u64 now);
@@ -31,7 +31,7 @@ class Connection {
  private:
   enum class State { kRequest, kServing, kMute, kRefused, kClosed };
   enum class Server { kNone, kConnecting, kConnected, kFailed };
-  enum class Answer { kOpen, kGoing, kSent };  // not decided, on its way, gone out whole
+  enum class Answer { kOpen, kGoing, kSent };  // not decided, partly sent, completely sent
 
   void ReadRequest(u64 now);
   void OnRequest(u64 now);
@@ -73,7 +73,7 @@ class Connection {
   std::size_t answer_sent_ = 0;
   u64 answer_due_ = Pipe::kNever;  // of its next piece
   bool answer_blocked_ = false;
-  u8 result_ = 0;  // that it tells
+  u8 result_ = 0;  // in the answer
   u32 token_ = 0;
   Pipe up_;    // client to server
   Pipe down_;  // server to client

@@ -1,5 +1,5 @@
 // One line of the control port: a JSON object with a "command", answered by one with "ok". Anyone
-// who reaches the port can send lines: one that is not a valid command is refused as a whole.
+// who can reach the port can send lines; a line that is not a valid command is refused as a whole.
 #pragma once
 #include <functional>
 #include <string>
@@ -13,11 +13,11 @@ namespace node {
 // What commands act on.
 struct ControlTarget {
   Behaviour* behaviour = nullptr;
-  Behaviour initial = {};  // what "restore" goes back to
+  Behaviour initial = {};  // what "restore" restores
   std::function<std::vector<Event>()> connections = {};
-  std::function<u64(bool reset)> close_all = {};  // answers how many there were
+  std::function<u64(bool reset)> close_all = {};  // returns how many there were
   std::function<std::vector<Event>()> flows = {};
-  std::function<u64()> forget_flows = {};  // answers how many there were
+  std::function<u64()> forget_flows = {};  // returns how many there were
   std::function<void()> stop = {};
 };
 

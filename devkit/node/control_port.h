@@ -13,7 +13,7 @@ class ControlPort {
  public:
   static constexpr std::size_t kMostClients = 8;
   static constexpr std::size_t kLongestLine = 64 * 1024;
-  // A client that does not read its replies is dropped beyond this.
+  // A client that leaves more than this of its replies unread is dropped.
   static constexpr std::size_t kMostUnread = 1024 * 1024;
 
   explicit ControlPort(ControlTarget target) : target_(std::move(target)) {}
@@ -31,7 +31,7 @@ class ControlPort {
     Socket stream;
     std::string in = {};
     std::string out = {};
-    bool ended = false;  // has sent its last line; is closed when it has all replies
+    bool ended = false;  // has sent its last line; is closed once all replies are sent
   };
 
   void Accept();

@@ -40,14 +40,14 @@ class DataPath {
   void Return(Flow* flow, Flow::LaneName lane, const char* bytes, std::size_t size, u64 extra_ms,
               u64 now);
   void Depart(Flow* flow, const char* bytes, std::size_t size);
-  // Over the hop between two relays, if there are two, so many times; false: lost there.
+  // Passes the hop between two relays that many times, if there are two. False if it is lost there.
   bool CrossHop(Flow* flow, int times, u64* extra_ms);
   void Delayed(u64 now);
 
   NodeContext* const node_;
   FlowTable* const flows_;
   Socket socket_;
-  Socket other_;  // an address that no client was told
+  Socket other_;  // an address that no client knows
   DelayLine line_;
   std::vector<char> in_;   // what was read, with room for a header in front
   std::vector<char> out_;  // what is written

@@ -8,7 +8,7 @@
 
 namespace node {
 
-// One that a client has sent. The payload lies in the bytes that were read.
+// A datagram from a client. The payload points into the bytes that were read.
 struct ClientDatagram {
   moru_vyr::lsp::UdpAcclHeader header = {};  // host order
   const char* payload = nullptr;
@@ -21,8 +21,8 @@ const char* ReadDatagram(const char* bytes, std::size_t size, ClientDatagram* da
 inline constexpr std::size_t kLongestHeader = 255;
 
 // Writes header and payload to `out`, which has room for kLongestHeader more than the payload,
-// right or wrong as the behaviour says; `header` is in host order. The payload may already stand at
-// out + kLongestHeader. The result is the whole size.
+// right or wrong as the behaviour says; `header` is in host order. The payload may already be at
+// out + kLongestHeader. Returns the whole size.
 std::size_t WriteDatagram(const Behaviour& behaviour, moru_vyr::lsp::UdpAcclHeader header,
                           const char* payload, std::size_t payload_size, char* out);
 

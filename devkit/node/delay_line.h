@@ -1,4 +1,4 @@
-// Datagrams under way, each until it is due. Bounded: what does not fit is lost, as in any queue of
+// Datagrams in flight, each until it is due. Bounded: what does not fit is lost, as in any queue of
 // a network.
 #pragma once
 #include <queue>
@@ -22,11 +22,12 @@ class DelayLine {
   static constexpr std::size_t kMostBytes = 64 * 1024 * 1024;
   static constexpr u64 kNever = ~u64{0};
 
-  // False: there is no room.
+  // False if there is no room.
   bool Add(u64 due, Parcel parcel);
   // kNever: nothing waits.
   u64 NextDue() const { return waiting_.empty() ? kNever : waiting_.top().due; }
-  // The first that is due; false: none is. Equal moments keep their order.
+  // Takes the first one that is due; false if there is none. Those due at the same time keep their
+  // order.
   bool Take(u64 now, Parcel* parcel);
 
  private:
@@ -39,7 +40,7 @@ class DelayLine {
     }
   };
 
-  // What a parcel costs besides its bytes; empty datagrams must not be free.
+  // The size of a parcel in addition to its bytes; empty datagrams must count, too.
   static constexpr std::size_t kOverhead = 128;
 
   std::priority_queue<Waiting> waiting_;

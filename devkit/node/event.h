@@ -19,7 +19,7 @@ struct Event {
   Event& With(const std::string& key, u64 value);
   Event& With(const std::string& key, const std::string& value);
 
-  // 0 or "" where the event has no such field of that kind.
+  // 0 or "" if the event has no such field of that kind.
   u64 Number(const std::string& key) const;
   std::string Text(const std::string& key) const;
 

@@ -20,26 +20,26 @@ struct FlowCounts {
   u64 probes = 0, probe_answers = 0;
   u64 dropped_up = 0, dropped_down = 0;               // data, by the impairments
   u64 dropped_probes = 0, dropped_probe_answers = 0;  // by the impairments
-  u64 strays = 0;       // came from an address that the client never wrote to
-  u64 undelivered = 0;  // the destination is none, or a socket refused it
+  u64 strays = 0;       // from an address to which the client never wrote
+  u64 undelivered = 0;  // with an invalid destination, or refused by a socket
 };
 
 class Flow {
  public:
   enum LaneName { kDataUp, kDataDown, kProbeUp, kProbeDown, kHop, kLanes };
 
-  // A flow that talks to more servers than this hears only the first of them.
+  // A flow that talks to more servers than this receives from the first of them only.
   static constexpr std::size_t kMostServers = 64;
 
   Flow(u64 id, u32 token, const Address& client, const moru_vyr::lsp::NegoRequestBody& request,
        Socket upstream, u64 seed, u64 now);
 
-  // Remembers that the client writes to that address, and whether it did.
+  // The first records that the client writes to an address, the second returns whether it did.
   void WritesTo(u32 ip);
   bool HasWrittenTo(u32 ip) const;
 
   Event Tell(const char* name) const;
-  // Identifies it, and says what it has carried.
+  // Adds what identifies the flow and what it has carried.
   Event Describe(const char* name) const;
   // Adds which link of which node this flow continues, if it was moved here.
   void DescribeOrigin(Event* event) const;
@@ -50,10 +50,10 @@ class Flow {
   const moru_vyr::lsp::NegoRequestBody request;  // host order
   const Socket upstream;
   const u64 opened_at;
-  u64 active_at;          // when the client was last heard
+  u64 active_at;          // when the last datagram of the client arrived
   u64 next_unasked = 0;   // 0: not decided
   u32 next_seq = 1;       // towards the client
-  u8 lost_by_client = 0;  // what the client last said
+  u8 lost_by_client = 0;  // as last reported by the client
   LossMeter upload;
   std::array<Lane, kLanes> lanes;
   FlowCounts counts;

@@ -14,8 +14,8 @@ class FlowTable {
  public:
   explicit FlowTable(NodeContext* node) : node_(node) {}
 
-  // The flow of that client and guid: the existing one, for a repeated request, or a new one. Null:
-  // there are too many, or no socket; *error says which, as Winsock numbers it.
+  // The flow of that client and guid: the existing one for a repeated request, or a new one. Null
+  // if there are too many flows or no socket; *error is then a Winsock error.
   Flow* Open(const Address& client, const moru_vyr::lsp::NegoRequestBody& request, u64 now,
              int* error);
   // By the token in a datagram and its sender. Null if it belongs to no flow.
@@ -25,7 +25,7 @@ class FlowTable {
   void Close(Flow* flow, const std::string& reason, u64 now);
   u64 CloseAll(const std::string& reason, u64 now);
   void CloseIdle(u64 now);
-  // kNever: nothing ends by itself.
+  // kNever: no flow ends by itself.
   u64 NextIdle() const;
 
   const std::list<std::unique_ptr<Flow>>& all() const { return flows_; }

@@ -1,5 +1,5 @@
-// One path that a kind of datagram takes between a client and the node, and its impairments, drawn
-// at random from a seed.
+// The path of one kind of datagram between a client and the node, with its impairments, which are
+// drawn at random from a seed.
 #pragma once
 #include "node/socket.h"
 
@@ -8,14 +8,14 @@ namespace node {
 // Shares are in percent.
 struct Impairment {
   u32 delay_ms = 0;
-  u32 jitter_ms = 0;  // up to this much more, order kept
+  u32 jitter_ms = 0;  // added to the delay, up to this much; datagrams stay in order
   u32 loss = 0;
   u32 duplicate = 0;
-  u32 reorder = 0;        // this share is overtaken by what follows, …
-  u32 reorder_by_ms = 0;  // … being this much later
+  u32 reorder = 0;        // the share of datagrams that later ones overtake
+  u32 reorder_by_ms = 0;  // the extra delay of such a datagram
 };
 
-// When each copy of a datagram arrives; no copy: it is lost.
+// The arrival time of each copy of a datagram; empty if it is lost.
 struct Fate {
   static constexpr int kMostCopies = 2;
 

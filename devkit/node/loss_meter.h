@@ -1,10 +1,10 @@
-// How much of what a client sends is lost, judged by the gaps in its numbers over the last five
-// seconds, without the newest moments, whose stragglers may still come.
+// The loss of a client's datagrams, computed from the gaps in their numbers over the last five
+// seconds, without the most recent moments, whose late datagrams may still arrive.
 //
-// No rule says how far a node looks back. Games send some 20 datagrams a second: two seconds hold
-// 40 of them, so that a single lost one reads as 2 percent, at which a client may already judge the
-// link bad. Five seconds hold 100, so that a percent is one datagram, and five seconds is also how
-// far a client looks back by default.
+// There is no rule for how far a node looks back. Games send about 20 datagrams a second. Two
+// seconds contain 40 of them, so a single loss counts as 2 percent, at which a client may already
+// judge the link bad. Five seconds contain 100, so a percent is one datagram; and five seconds is
+// how far a client looks back by default.
 #pragma once
 #include <array>
 #include <bitset>
@@ -16,12 +16,12 @@ namespace node {
 class LossMeter {
  public:
   static constexpr u8 kNotKnown = 101;
-  static constexpr u32 kLeastExpected = 10;  // datagrams; a share of fewer says nothing
+  static constexpr u32 kLeastExpected = 10;  // datagrams; the share of fewer means nothing
   static constexpr u64 kSlotMs = 100;
   static constexpr u32 kWindowSlots = 50;
-  static constexpr u32 kRecentSlots = 3;  // the running one and two before it
+  static constexpr u32 kRecentSlots = 3;  // the current one and the two before it
 
-  // A datagram with that number has come. A link's first number is 1.
+  // A datagram with that number has arrived. A link's first number is 1.
   void Note(u32 seq, u64 now);
   // 0 to 100, or kNotKnown.
   u8 Percent(u64 now);
@@ -44,7 +44,7 @@ class LossMeter {
 
   std::array<Slot, kSlots> slots_ = {};
   std::bitset<kSpan> seen_ = {};  // of the last kSpan numbers up to the highest
-  u64 slot_ = kSlots;             // the running one
+  u64 slot_ = kSlots;             // the current one
   u64 computed_in_ = 0;
   u8 percent_ = kNotKnown;
 };

@@ -1,5 +1,5 @@
-// The port at which datagram flows begin: a request comes in, and the answer goes out, when and how
-// the behaviour says.
+// The port at which datagram flows begin: receives requests, and answers when and how the behaviour
+// says.
 #pragma once
 #include <vector>
 
@@ -43,7 +43,7 @@ class Negotiation {
   NodeContext* const node_;
   FlowTable* const flows_;
   Socket socket_;
-  Socket other_;  // an address that no client was told
+  Socket other_;  // an address that no client knows
   std::vector<Answer> waiting_;
 };
 

@@ -14,8 +14,8 @@
 namespace node {
 
 struct NodeOptions {
-  Address listen = {};                  // port 0: any, which the event "listening" names
-  u16 data_port = 0;                    // of datagram flows; 0: any, named there too
+  Address listen = {};                  // port 0: any; the event "listening" has it
+  u16 data_port = 0;                    // of datagram flows; 0: any; in the same event
   std::optional<Address> control = {};  // none: no control port
   std::optional<u32> source_ip = {};    // none: as the listening address says, see Start
   Limits limits = {};
@@ -24,17 +24,17 @@ struct NodeOptions {
 
 class Node {
  public:
-  // `sink` gets every event as it happens, on the thread that calls Step, with its number
-  // (1, 2, …) and the time in front. It must not call back. The behaviour may be kept outside:
-  // then the options' is what "restore" goes back to.
+  // `sink` gets every event when it happens, on the thread that calls Step, beginning with its
+  // number (1, 2, …) and the time. It must not call back. The behaviour may be owned by the caller;
+  // "restore" then restores that of the options.
   Node(NodeOptions options, EventSink sink, Behaviour* behaviour = nullptr);
   ~Node();
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
 
-  // False: a port is not available; *problem says which and why. Unless a source address is
-  // given, connections to game servers come from the listening address, if that is one that
-  // reaches beyond this machine; so a game server sees the node that was asked.
+  // False if a port is not available; *problem says which and why. Unless a source address is
+  // given, connections to game servers come from the listening address, if that can reach other
+  // machines, so a game server sees the node's address.
   bool Start(std::string* problem);
 
   // Waits for something to do, `most_ms` at most, and does what can be done now.

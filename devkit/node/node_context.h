@@ -1,4 +1,4 @@
-// What the parts of a node share: its limits, its addresses, and where events go.
+// What the parts of a node share: its limits, its addresses, and the sink for events.
 #pragma once
 #include "node/behaviour.h"
 #include "node/event.h"
@@ -6,7 +6,7 @@
 
 namespace node {
 
-// In milliseconds, where it is not a number of things.
+// In milliseconds, except for counts.
 struct Limits {
   u32 connections = 256;
   u32 request_ms = 5000;        // from the accept to the last byte of the request
@@ -21,10 +21,10 @@ struct Limits {
 struct NodeContext {
   const Behaviour* behaviour = nullptr;
   Limits limits = {};
-  Address own = {};      // where clients come in, both with connections and with datagrams
+  Address own = {};      // where clients connect and send requests
   Address data = {};     // where they send the datagrams of a flow
   Address control = {};  // port 0: there is none
-  u32 source_ip = 0;     // what goes to game servers comes from here; 0: the system chooses
+  u32 source_ip = 0;     // of traffic to game servers; 0: the system chooses
   u32 next_token = 1;
   EventSink emit = {};
 
@@ -33,7 +33,7 @@ struct NodeContext {
     return fixed != 0 ? fixed : next_token++;
   }
 
-  // Nobody may reach the control port through the node, nor the node through itself.
+  // Clients must not reach the control port through the node, nor the node through itself.
   bool IsOwn(const Address& server) const {
     const auto matches = [&](const Address& mine) {
       return mine.port != 0 && mine.port == server.port &&

@@ -1,4 +1,4 @@
-// Waits on any number of sockets with select, which itself serves at most FD_SETSIZE of them.
+// Waits for any number of sockets with select, which itself handles at most FD_SETSIZE of them.
 #pragma once
 #include <winsock2.h>
 
@@ -18,9 +18,9 @@ struct Readiness {
 
 class Poller {
  public:
-  // Forgets what was asked for and what was found.
+  // Clears the requests and the results.
   void Clear();
-  // Each socket once; nothing wanted is allowed.
+  // Each socket once; it is allowed to want nothing.
   void Want(SOCKET socket, Readiness wanted);
   // Waits until something is ready, `most_ms` at most. False: a select failed.
   bool Wait(u32 most_ms);

@@ -1,9 +1,9 @@
 // Reads one NegoRequest from a stream, byte by byte if necessary, or from a datagram. The bytes
 // are untrusted.
 //
-// Strict in what the protocol fixes: the magic, a length that is exactly the version's, a game
-// server that traffic can go to. A version that is not known (0, or above 3) is read as the newest,
-// and its record may be longer, since newer forms only add fields.
+// Strict where the protocol is: the magic, exactly the length of the version, a game server that
+// can be reached. An unknown version (0, or above 3) is read as the newest, and its record may be
+// longer, because newer forms only add fields.
 #pragma once
 #include <array>
 #include <cstddef>
@@ -22,11 +22,11 @@ class RequestReader {
 
   static constexpr std::size_t kMaxRequest = 1024;  // bytes, of a version that is not known yet
 
-  // Where the next bytes go and how many there may be: never one beyond the request, so that
-  // what follows it stays in the stream.
+  // Where to put the next bytes, and how many: never one beyond the request, so that what follows
+  // it stays in the stream.
   char* Place() { return bytes_.data() + size_; }
   std::size_t Wanted() const { return wanted_ - size_; }
-  // That many have been put there; at most Wanted().
+  // That many bytes have been put there; at most Wanted().
   State Took(std::size_t count);
   // A datagram, which must hold one request and nothing else. Done or bad.
   State TakeDatagram(const char* bytes, std::size_t size);
@@ -36,7 +36,7 @@ class RequestReader {
   const moru_vyr::lsp::NegoRequest& request() const { return request_; }
   moru_vyr::lsp::u16 version() const { return version_; }
   Address game() const { return {request_.body.game_ip, request_.body.game_port}; }
-  // Adds what it asks for to an event.
+  // Adds the content of the request to an event.
   void Describe(Event* event) const;
   // What is wrong with it, when bad.
   const char* problem() const { return problem_; }

@@ -1,13 +1,13 @@
 // The node as an actor of a simulated world: the same code as vyr_node, on a host of its own, with
-// the verbs that scenarios need.
+// the methods that scenarios need.
 //
 //   node::SimNode a(world, world.AddHost("a", {"198.51.100.20"}));
 //   a.StopsAnswering();
 //   …
 //   EXPECT_EQ(a.Count("request"), 1u);
 //
-// Lives on the director's thread; a change takes effect at the node's next step, 20 ms later at
-// most.
+// Use it on the director's thread. A change takes effect at the node's next step, at most 20 ms
+// later.
 #pragma once
 #include <memory>
 #include <string>
@@ -27,13 +27,13 @@ class SimNode {
   // control, on the same address.
   SimNode(sim::World& world, sim::Host& host, u16 port = kPort, u16 control_port = 0);
   SimNode(sim::World& world, sim::Host& host, NodeOptions options);
-  ~SimNode();  // ends it, in order, unless its process is dead
+  ~SimNode();  // ends it in order, unless its process is dead
   SimNode(const SimNode&) = delete;
   SimNode& operator=(const SimNode&) = delete;
 
   Address address() const { return options_.listen; }
   sim::Process& process() { return *process_; }
-  // Any behaviour that has no verb here.
+  // For any behaviour that has no method here.
   Behaviour& behaviour() { return shared_->behaviour; }
 
   SimNode& Behaves(const Behaviour& as = {});  // well, by default
@@ -43,20 +43,20 @@ class SimNode {
   SimNode& AnswersAfter(u32 delay_ms);
   SimNode& AnswersInPiecesOf(u32 bytes, u32 gap_ms = 20);
   SimNode& AnswersGarbage(u32 bytes = 64);
-  SimNode& ServesIsps(u32 mask);  // what it says of the client
+  SimNode& ServesIsps(u32 mask);  // the providers of the client in its answer
   SimNode& CannotReachServers();
   SimNode& ResetsAfter(u64 bytes);
   SimNode& Freezes();
   SimNode& Thaws();
-  // Drops datagrams as if its cable were pulled: neither requests nor data nor probes get through.
-  // Unlike those of a frozen node, they are lost.
+  // Drops all datagrams, as if its cable were pulled: requests, data and probes. Unlike those of a
+  // frozen node, they are lost.
   SimNode& GoesDark();
   SimNode& ComesBack();
-  // Percent of data and probes, up, down or both ways.
+  // Percent of data and probes: up, down or in both directions.
   SimNode& LosesUp(u32 percent);
   SimNode& LosesDown(u32 percent);
   SimNode& Loses(u32 percent) { return LosesUp(percent).LosesDown(percent); }
-  // Half of it each way, for data and probes, in the same order.
+  // Half of it in each direction, for data and probes, which stay in order.
   SimNode& DelaysRoundTripBy(u32 delay_ms, u32 jitter_ms = 0);
 
   // The events so far, in order: all; those of one name; how many; the last one, or an empty one.
@@ -67,7 +67,7 @@ class SimNode {
   std::string AllEvents() const;  // for the message of a failed expectation
 
  private:
-  // What the node's thread and the director both use; outlives whichever ends first.
+  // Used by the node's thread and the director; exists until both have ended.
   struct Shared {
     Behaviour behaviour;
     std::vector<Event> events;

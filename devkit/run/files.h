@@ -1,4 +1,4 @@
-// Finding the files of a run, and telling what kind of module each is.
+// Finds the files of a run, and the kind of each module.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ struct Module {
 
 Module ModuleAt(const std::wstring& path);
 
-// Finds the program as the platform would: as given, in the current directory, on the search path,
+// Finds the program as the platform does: as given, in the current directory, on the search path,
 // with ".exe" if it has no extension. Empty if it is not found.
 std::wstring FindProgram(const std::wstring& name);
 

@@ -1,4 +1,4 @@
-// One program, started suspended, with the report of what the host sees in it.
+// One program, started suspended, with the host's report about it.
 #pragma once
 
 #include <windows.h>
@@ -19,18 +19,18 @@ class HostedProgram {
   HostedProgram(const HostedProgram&) = delete;
   HostedProgram& operator=(const HostedProgram&) = delete;
 
-  // On false, problem() says why. A program that is never let run is ended without having run.
+  // If false, problem() says why. A program that is never resumed is ended without having run.
   bool Start(const std::wstring& program, const std::wstring& command_line);
 
   winsock_host::Kind kind() const { return winsock_host::KindOfProcess(process_.hProcess); }
 
   // For a program of our own kind.
   bool PlaceHost(const std::wstring& host_path, winsock_host::HostConfig config);
-  // For one of the other kind, by the launcher of that kind: its exit code, or `no_launcher` if
-  // there is none. It has printed itself what is wrong.
+  // For one of the other kind, through the launcher of that kind. Returns its exit code, or
+  // `no_launcher` if there is none. The launcher itself prints errors.
   DWORD PlaceByLauncher(winsock_host::HostConfig config, DWORD no_launcher);
 
-  // Lets the program run; its exit code once it has ended.
+  // Resumes the program, and returns its exit code when it has ended.
   DWORD RunToEnd();
 
   const winsock_host::HostReport* report() const { return report_; }

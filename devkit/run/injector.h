@@ -9,7 +9,7 @@
 
 namespace vyr_run {
 
-// `process` stays the caller's, and has to let us write into it and start threads in it.
+// `process` stays owned by the caller, and must allow writing to its memory and starting threads.
 class Injector {
  public:
   Injector(HANDLE process, DWORD process_id) : process_(process), process_id_(process_id) {}

@@ -1,7 +1,7 @@
 // The command line of vyr_run.
 //
-// The program's own part is never parsed: it is passed on exactly as typed, because programs may
-// read it by rules of their own.
+// The program's part is not parsed but passed on exactly as typed, because programs may have their
+// own rules for it.
 #pragma once
 
 #include <string>

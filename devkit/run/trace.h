@@ -16,8 +16,8 @@ struct RunFacts {
   DWORD exit_code;
 };
 
-// One line for the run, one per start of a catalogue entry and one per its cleanup, one per call
-// that was made, one per text of debugger output. False when the file cannot be written.
+// One line for the run, one for each start of a catalogue entry and its cleanup, one for each call
+// that was used, one for each text of debugger output. False if the file cannot be written.
 bool WriteTrace(const std::wstring& path, const RunFacts& facts,
                 const winsock_host::HostReport& report);
 

@@ -1,6 +1,6 @@
-// Every socket handle of the base provider is one of the platform's own (an IFS handle), and is
-// made known to Winsock by WPUModifyIFSHandle, under the catalogue entry that its maker was asked
-// for: with a layer above, the layer's entry, so that calls on the socket go to the layer.
+// Every socket handle of the base provider is one of the platform's own (an IFS handle). It is
+// registered with Winsock by WPUModifyIFSHandle, under the catalogue entry with which it was
+// created. With a layer above this is the layer's entry, so calls on the socket go to the layer.
 #pragma once
 
 #include <winsock2.h>
@@ -10,11 +10,11 @@
 
 namespace winsock_base {
 
-// Each start hands over the same upcalls. A table without the upcall changes nothing.
+// Each start passes the same upcalls. A table without the upcall changes nothing.
 void UseUpcalls(const WSPUPCALLTABLE& upcalls);
 
-// A socket made for the entry that `info` describes; null or an info that is not of the host's
-// catalogue: the socket stays unknown to Winsock. Where Winsock refuses the handle it is closed.
+// Registers a socket for the entry that `info` describes. If `info` is null or not from the host's
+// catalogue, the socket stays unknown to Winsock. If Winsock refuses the handle, it is closed.
 SOCKET RegisterNew(SOCKET s, const WSAPROTOCOL_INFOW* info, LPINT error);
 
 // A socket that was accepted by `parent` is registered under the entry that last made a stream of

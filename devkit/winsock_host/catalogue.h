@@ -1,6 +1,6 @@
-// The catalogue that the library and Winsock's dispatch are shown in place of the platform's:
-// the library's hidden entry, its layered entries, and the base entries under them.
-// Built once by BuildCatalogue, constant afterwards, readable from any thread.
+// The catalogue that the library and Winsock's dispatch see instead of the platform's: the
+// library's hidden entry, its layered entries, and the base entries below them. Built once by
+// BuildCatalogue, constant afterwards, readable from any thread.
 #pragma once
 
 #include <winsock2.h>
@@ -24,8 +24,8 @@ struct CatalogueEntry {
   bool layered;  // an entry of the library
 };
 
-// Fills the catalogue from the paths of `config`. Without a library (`bare`) it holds the base
-// entries alone.
+// Fills the catalogue from the paths of `config`. Without a library (`bare`) it has only the base
+// entries.
 void BuildCatalogue(const HostConfig& config);
 const std::vector<CatalogueEntry>& Catalogue();
 

@@ -1,4 +1,4 @@
-// Programs that the program starts are hosted as well, whichever kind they are: on Windows the
+// Programs that the program starts are hosted, too, whether 32-bit or 64-bit: on Windows the
 // library is loaded into every process that uses Winsock.
 #pragma once
 
@@ -6,7 +6,8 @@
 
 namespace winsock_host {
 
-// Registers the replacements. Before anything is patched. `host` is the module of this code.
+// Registers the replacements. Call it before anything is patched. `host` is the module of this
+// code.
 void AddChildReplacements(HMODULE host, const HostConfig& config);
 
 }  // namespace winsock_host

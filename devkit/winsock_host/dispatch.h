@@ -1,6 +1,6 @@
-// The Winsock functions that programs get in place of the platform's. Each finds the provider of
-// its socket, calls the matching entry of that provider's table, and turns the entry's error word
-// into the thread's last error. A call that succeeds leaves the last error as the provider did.
+// The Winsock functions that programs get instead of the platform's. Each finds the provider of its
+// socket, calls the matching entry of that provider's table, and makes the entry's error the
+// thread's last error. After a call that succeeds, the last error is what the provider left.
 #pragma once
 
 #include <winsock2.h>

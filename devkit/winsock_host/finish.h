@@ -8,8 +8,8 @@
 
 namespace winsock_host {
 
-// Counts the call and, where it failed, makes the provider's error word the thread's last error.
-// The provider's success leaves the last error alone: so does Winsock.
+// Counts the call and, if it failed, makes the provider's error the thread's last error. Success
+// does not change the last error, as in Winsock.
 template <typename Result>
 Result Finish(const Provider& provider, Call call, Result result, Result failure, int error,
               DWORD bytes = 0) {

@@ -1,6 +1,6 @@
-// Placing the host in a program that waits, suspended, for its first instruction. A process of one
-// kind cannot inject into one of the other, and the host should not contain the injector, so the
-// launcher of the program's own kind is started, as
+// Places the host in a suspended program that has not yet run. A process of one kind cannot inject
+// into one of the other, and the host should not contain the injector, so the launcher of the
+// program's own kind is started, as
 //
 //   LAUNCHER --join PROCESS MAPPING
 //
@@ -16,7 +16,7 @@
 
 namespace winsock_host {
 
-// `folder` is where the caller's files lie. `config` is the caller's own, and its report_mapping a
+// `folder` is where the caller's files are. `config` is the caller's own, and its report_mapping a
 // handle of the caller's. The launcher prints to the caller's error output. Returns the launcher's
 // exit code, or no_launcher if it cannot be started or does not return.
 DWORD JoinProgram(const std::wstring& folder, const PROCESS_INFORMATION& program,

@@ -23,7 +23,8 @@ struct KindFiles {
 
 const KindFiles& FilesOf(Kind kind);
 
-// Of a process that runs or is about to: decided by the platform, not by the program's file alone.
+// The kind of a process that runs or will run. The platform decides it, not only the program's
+// file.
 Kind KindOfProcess(HANDLE process);
 
 // The folder of a module, with its last separator; null is the program itself.

@@ -1,4 +1,4 @@
-// What Winsock's calls answer while it is not started: before the first WSAStartup and after the
+// The results of Winsock's calls while it is not started: before the first WSAStartup and after the
 // last WSACleanup.
 #pragma once
 

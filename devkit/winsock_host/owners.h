@@ -1,8 +1,8 @@
 // Which provider serves which socket.
 //
-// A socket is a provider's from the moment that the base provider has registered its handle under
-// the catalogue entry it was made for (upcalls.h), until it is closed or Winsock has ended. All
-// operations may be called from any thread.
+// A socket belongs to a provider from the moment when the base provider has registered its handle
+// under the catalogue entry of its creation (upcalls.h), until it is closed or Winsock has ended.
+// All operations may be called from any thread.
 #pragma once
 
 #include <winsock2.h>
@@ -15,8 +15,8 @@ namespace winsock_host {
 
 // Exclusive. Also taken to end a thread, which must not happen while that thread holds it.
 //
-// At process end the other threads are gone, and one of them may have held the lock. The calls
-// that still come (from static destructors) do without it rather than hang.
+// When the process ends, the other threads have ended, and one of them may have held the lock.
+// Later calls (from static destructors) do not take it, because they would hang.
 class OwnersLock {
  public:
   OwnersLock();

@@ -1,8 +1,8 @@
-// Import slots, replaced by value: a slot that holds the address of a platform function which has a
+// Replaces import slots by value: a slot with the address of a platform function that has a
 // replacement gets the replacement, whether it was imported by name, by ordinal or late.
 //
-// The system modules that implement those functions, the host and the base provider keep their
-// own slots: that is what ends every chain at the platform.
+// The system modules that implement these functions, the host and the base provider keep their own
+// slots, so every chain ends at the platform.
 #pragma once
 
 #include <windows.h>

@@ -1,13 +1,13 @@
 // The call table of each catalogue entry that the program has started.
 //
 // An entry is started at the first socket that matches it, once, under a lock; a start that failed
-// is tried again at the next such socket. Winsock starts a provider once for each provider GUID:
-// further entries of a GUID get the table of its first start. One that starts each entry by itself
-// can be asked for.
+// is repeated at the next such socket. Winsock starts a provider once for each provider GUID:
+// further entries of a GUID get the table of its first start. Optionally each entry is started
+// separately.
 //
-// At the program's last WSACleanup every start is matched by a WSPCleanup and its module is freed,
-// whatever still runs there: a provider that is not finished by then has to keep itself in memory.
-// Records of started providers are never freed: a call that is under way has one in hand. All
+// At the program's last WSACleanup every start gets its WSPCleanup and its module is freed, even if
+// threads still run there: a provider that is not finished by then has to keep itself in memory.
+// Records of started providers are never freed, because a call in progress may use one. All
 // operations may be called from any thread.
 #pragma once
 

@@ -1,6 +1,6 @@
-// What the host observed, kept in memory shared with the launcher: it outlives the program
-// however that ends, so nothing has to be written at process exit, when locks of killed threads
-// are still held.
+// What the host has observed, in memory that it shares with the launcher. The memory outlives the
+// program, however that ends, so nothing has to be written at process exit, when killed threads may
+// still hold locks.
 #pragma once
 
 #include <windows.h>

@@ -1,5 +1,5 @@
-// The fifteen functions that a provider may call back in Winsock. Socket handles are made known to
-// it by WPUModifyIFSHandle: a handle that no base provider has registered has no owner.
+// The fifteen functions of Winsock that a provider may call. Socket handles are registered with
+// WPUModifyIFSHandle: a handle that no base provider has registered has no owner.
 #pragma once
 
 #include <winsock2.h>

@@ -31,10 +31,10 @@ std::string UniqueName(const char* stem);
 // A directory for this run's files, made on first use.
 std::wstring Directory();
 
-// The port text of an INI or other file, written whole.
+// Writes a whole INI or other file.
 void WriteTextFile(const std::wstring& path, const std::string& text);
 
-// Runs the body on a thread of its own; joined on destruction, which must not wait for ever.
+// Runs the body on a separate thread, which is joined on destruction; the body must end.
 class OnThread {
  public:
   explicit OnThread(std::function<void()> body);
@@ -79,7 +79,7 @@ Owned Udp();
 unsigned LocalPort(SOCKET s);
 Owned BoundUdp();     // on loopback
 Owned Listener();     // on loopback
-unsigned DeadPort();  // a loopback TCP port where nobody listens
+unsigned DeadPort();  // a loopback TCP port without a listener
 void SetNonBlocking(SOCKET s, bool on = true);
 int Connect(SOCKET s, unsigned port);
 
@@ -90,10 +90,10 @@ Pair ConnectedPair();
 
 int SendText(SOCKET s, const std::string& text);
 int SendTextTo(SOCKET s, const std::string& text, unsigned port);
-// At most `most` bytes by one recv; "<error N>" where it fails.
+// At most `most` bytes by one recv; "<error N>" if it fails.
 std::string RecvText(SOCKET s, int most = 4096, int flags = 0);
 
-// select on one handle; bounded. The three sets' answers.
+// select on one handle, with a time limit. Returns the result of the three sets.
 struct Ready {
   int result;
   bool read, write, except;

@@ -1,5 +1,5 @@
-// A world's tables in named shared memory, where the policy looks for them, created and filled with
-// the calls that a client program would use.
+// Puts a world's tables into named shared memory, where the policy looks for them, with the calls
+// that a client program would use.
 #pragma once
 #include <winsock2.h>
 //
@@ -16,7 +16,7 @@
 
 namespace test {
 
-// A named mapping. It ends with this object, unless someone else has it open.
+// A named mapping. It ends with this object, unless it is open elsewhere.
 class NamedMapping {
  public:
   NamedMapping(const char* name, u32 size)
@@ -45,16 +45,16 @@ class ClientRegions {
  public:
   explicit ClientRegions(const World& world) { Publish(world); }
 
-  // Writes the world's tables into shared memory. Existing regions are rewritten in place; none is
-  // ever removed.
+  // Writes the world's tables into shared memory. Existing regions are rewritten in place and never
+  // removed.
   void Publish(const World& world) {
     PublishGames(world);
     PublishRegion(world.ip_table.get(), moru_vyr::lsp::kIpTableRegionName, &ip_table_);
     PublishSmall(world);
   }
 
-  // The game's record among others: before it an unused one for the same program, behind it one
-  // that comes too late.
+  // The game's record among others: before it an unused one for the same program, after it one that
+  // comes too late.
   void PublishGames(const World& world) {
     const auto games = std::make_unique<moru_vyr::lsp::RestrictionRegion>();
     games->header = {sizeof *games, 1, 36};
@@ -71,7 +71,7 @@ class ClientRegions {
                                                     moru_vyr::lsp::kRestrictionRegionName, &games_);
   }
 
-  // All but the games and the IP table, which are read once.
+  // All except the games and the IP table, which are read once.
   void PublishSmall(const World& world) {
     PublishRegion(world.blacklist.get(), moru_vyr::lsp::kBlacklistRegionName, &blacklist_);
     PublishRegion(world.spur_list.get(), moru_vyr::lsp::kSpurRegionName, &spur_list_);

@@ -1,6 +1,6 @@
 // A second implementation of losses from sequence numbers: it remembers every slot with every
-// arrival, and each question searches all of them. Slow and simple; whoever changes it must not
-// look at the implementation, only at lost_calc.h.
+// arrival, and each question searches all of them. Slow and simple. To change it, read only
+// lost_calc.h and not the implementation.
 #pragma once
 #include <cstdint>
 #include <vector>

@@ -1,6 +1,6 @@
 // A second implementation of the delays of recent cycles: it remembers every probe with its cycle,
-// and each question searches all that belong to the window. Time comes from the caller. Whoever
-// changes it must not look at the implementation, only at real_route_recent_cycle_data.h.
+// and each question searches all that belong to the window. Time comes from the caller. To change
+// it, read only real_route_recent_cycle_data.h and not the implementation.
 #pragma once
 #include <algorithm>
 #include <cmath>
@@ -75,7 +75,7 @@ class RecentCycleModel {
     running_.delays.push_back(delay);
   }
 
-  // Never more than so many cycles, the latest.
+  // At most that many cycles, the latest ones.
   std::vector<Cycle> Window() const {
     const std::size_t count = std::min<std::size_t>(closed_.size(), settings_.window);
     return {closed_.end() - static_cast<std::ptrdiff_t>(count), closed_.end()};

@@ -12,7 +12,7 @@ class RouteModel {
  public:
   enum class SwitchSource { kNone, kManual, kRouteTable, kSessionRecord };
 
-  // Sees every later change of `world` where the policy would see it.
+  // Notices every later change of `world` that the policy would notice.
   explicit RouteModel(const World& world) : world_(world) {}
 
   void ReadConfig();

@@ -1,4 +1,4 @@
-// Random tables, such as a client program may have left for the route policy.
+// Random tables, such as a client program may have written for the route policy.
 //
 // The ranges from which numbers are drawn are small, so that tables refer to one another, and
 // contain the values at which an answer changes: limits of counts, zero, values that differ only
@@ -45,7 +45,7 @@ class Dice {
 enum class RouteFile { kNoPath, kMissing, kTooShort, kTooLong, kWhole };
 
 struct World {
-  // Null: there is no such region.
+  // Null if there is no such region.
   std::unique_ptr<moru_vyr::lsp::IpTableRegion> ip_table;
   std::unique_ptr<moru_vyr::lsp::BlacklistRegion> blacklist;
   std::unique_ptr<moru_vyr::lsp::SpurRegion> spur_list;
@@ -57,9 +57,9 @@ struct World {
   RouteFile route_file = RouteFile::kNoPath;
   moru_vyr::lsp::RouteTableImage route_file_image;
 
-  // As written: texts may lack their ends, counts pass their arrays.
+  // As written: texts may be unterminated, counts may exceed their arrays.
   moru_vyr::lsp::AccConfig config;
-  u32 game_slot = 0;  // where in the region of games it stands
+  u32 game_slot = 0;  // its position in the region of games
 };
 
 enum class WorldSize { kSmall, kFull };

@@ -157,7 +157,7 @@ class UdpSwarm : public Swarm<UdpWorld> {
     const bool from_node = from_ip == kNodeA || from_ip == kNodeB;
     if (from_node || (from_relay && came.text.substr(0, 2) != "R0")) return;
     if (came.text.empty() || came.text[0] != 'R' || IdOf(came.text, 1) >= said_.size()) {
-      ADD_FAILURE() << "nobody has said: " << came.text.substr(0, 60) << " from " << came.from;
+      ADD_FAILURE() << "was never sent: " << came.text.substr(0, 60) << " from " << came.from;
       return;
     }
     Said& one = said_[IdOf(came.text, 1)];
@@ -173,7 +173,7 @@ class UdpSwarm : public Swarm<UdpWorld> {
     for (const Datagram& came : heard) {
       const size_t id = came.text.size() < kIdSize ? said_.size() : IdOf(came.text, 0);
       if (id >= said_.size()) {
-        ADD_FAILURE() << "the server has heard what nobody said: " << came.text.substr(0, 60);
+        ADD_FAILURE() << "the server has received what was never sent: " << came.text.substr(0, 60);
         continue;
       }
       Said& one = said_[id];

@@ -1,4 +1,4 @@
-// For the lifetime of this object, the client program requests the mendings in `bits`.
+// The client program's requests for mendings, as tests make them.
 #pragma once
 #include <cstdlib>
 #include <cstring>
@@ -9,8 +9,8 @@
 
 namespace test {
 
-// VYR_MENDED=all runs the same worlds with everything mended in each one's game, VYR_MENDED=0x3
-// with the mendings of these bits.
+// VYR_MENDED=all runs the same worlds with all mendings for the game, VYR_MENDED=0x3 with the
+// mendings of these bits.
 inline moru_vyr::lsp::u32 MendedInAllWorlds() {
   const char* const bits = std::getenv("VYR_MENDED");
   if (bits == nullptr) return 0;
@@ -18,6 +18,7 @@ inline moru_vyr::lsp::u32 MendedInAllWorlds() {
   return static_cast<moru_vyr::lsp::u32>(std::strtoul(bits, nullptr, 0));
 }
 
+// While this object exists, the client program requests the mendings in `bits`.
 class Mended {
  public:
   explicit Mended(u32 bits) : region_(moru_vyr::lsp::kMendingRegionName) {

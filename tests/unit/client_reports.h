@@ -1,4 +1,4 @@
-// Reports for tests, as they come out of the channels, and regions to put them into.
+// Reports for tests in the form in which the channels have them, and regions for them.
 #pragma once
 #include <cstring>
 #include <string>

@@ -1,5 +1,5 @@
-// A thread without memory. While one of these lives, its thread's allocations of at least
-// `smallest` bytes fail from the n-th on; other threads are not affected, and neither is malloc.
+// Makes a thread run out of memory. While one of these exists, its thread's allocations of at least
+// `smallest` bytes fail from the n-th on. Other threads and malloc are not affected.
 #pragma once
 #include <cstddef>
 
@@ -20,7 +20,8 @@ class OutOfMemory {
   static bool WasFelt();
 };
 
-// How many allocations of this thread's are still there, less those of others that it has freed.
+// How many allocations of this thread have not been freed, minus those of other threads that it has
+// freed.
 long AllocationsAlive();
 
 }  // namespace test

@@ -1,4 +1,4 @@
-// A fresh folder of the machine itself, for what is read and written through the standard library.
+// A new folder in the host's file system, for files that are used through the standard library.
 #pragma once
 #include <winsock2.h>
 //

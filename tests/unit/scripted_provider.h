@@ -1,7 +1,7 @@
-// A next provider that does what the test says and remembers every call with all its arguments.
+// A next provider that does what the test says, and records every call with all its arguments.
 //
-// One at a time, on one thread. While it lives it occupies the TCP, UDP and raw slots of the
-// process, so that sockets made through the replaced entries reach it.
+// One at a time, on one thread. While it exists it occupies the TCP, UDP and raw slots of the
+// process, so sockets that are created through the replaced entries reach it.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>
@@ -34,7 +34,7 @@ Words WordsOf(T... values) {
 
 struct Call {
   std::string name;
-  Words arguments;  // without the place for the error
+  Words arguments;  // without the error pointer
 };
 
 class ScriptedProvider {
@@ -44,8 +44,8 @@ class ScriptedProvider {
   ScriptedProvider(const ScriptedProvider&) = delete;
   ScriptedProvider& operator=(const ScriptedProvider&) = delete;
 
-  // What every call returns. A call that fails stores `error`; counts and addresses are stored
-  // whatever it returns.
+  // The result of every call. A call that fails stores `error`; counts and addresses are stored for
+  // any result.
   int result = 0;
   int error = 0;
   SOCKET socket = 0x1234;  // of the next WSPSocket or WSPAccept
@@ -53,12 +53,12 @@ class ScriptedProvider {
   bool stores_bytes = true;
   sockaddr_in address{};
 
-  // Runs just before a call returns, for what happens meanwhile.
+  // Runs just before a call returns, to simulate events during the call.
   std::function<void()> meanwhile = [] {};
 
   bool known_at_close = false;  // the last WSPCloseSocket still found a record of its socket
 
-  // What the last WSPSendTo was given by pointer.
+  // What the pointers of the last WSPSendTo referred to.
   struct Sent {
     std::string bytes;
     sockaddr_in to{};
@@ -69,7 +69,7 @@ class ScriptedProvider {
   std::vector<Call> calls;
   const Call& Last() const { return calls.back(); }
 
-  // All thirty entries; those that are never replaced hold marks that must not be called.
+  // All thirty entries; those that are never replaced have dummy values that must not be called.
   static WSPPROC_TABLE Table();
 };
 

@@ -1,8 +1,8 @@
-// Looks at memory after each instruction of a piece of code, as another process could look at it
-// between any two of its writes: the machine code that is built is what is tested, not its source.
+// Inspects memory after each instruction of a piece of code, as another process could between any
+// two of its writes. This tests the machine code, not its source.
 //
-// `look` runs in the middle of everything, in an allocation or under a lock: it compares and copies
-// bytes, and no more. One at a time.
+// `look` may run anywhere, even in an allocation or under a lock, so it may only compare and copy
+// bytes. One at a time.
 #pragma once
 #include <winsock2.h>
 //
@@ -20,7 +20,7 @@
 
 namespace test {
 
-// False where single steps are not possible; the thread sanitizer keeps their signals to itself.
+// False if single steps are not possible; the thread sanitizer intercepts their signals.
 inline bool CanStep() {
 #if defined(_WIN32)
   return true;

@@ -1,4 +1,4 @@
-// Many threads that open, use and close sockets through a hooked table at once.
+// Many threads open, use and close sockets through a hooked table at the same time.
 #pragma once
 #include <atomic>
 
@@ -11,8 +11,8 @@ struct StormResult {
   std::atomic<int> repeated_tokens{0};
 };
 
-// Over a next provider that hands closed handle values out again at once, as the platform does:
-// a record that is removed too late or kept too long shows as a lost one.
+// Uses a next provider that reuses the values of closed handles at once, as the platform does. A
+// record that is removed too late or kept too long counts as a lost one.
 void RunSocketStorm(int threads, int sockets_per_thread, StormResult* result);
 
 }  // namespace test

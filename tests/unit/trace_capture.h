@@ -1,4 +1,4 @@
-// The debugger output during this object's life. One at a time.
+// Captures the debugger output while this object exists. One at a time.
 //
 // On Windows the text is taken from the exception with which OutputDebugStringA passes it to a
 // debugger, elsewhere from the port's sink.
@@ -36,7 +36,7 @@ class TraceCapture {
   TraceCapture(const TraceCapture&) = delete;
   TraceCapture& operator=(const TraceCapture&) = delete;
 
-  // As handed over, prefix and newline included.
+  // As written, with prefix and newline.
   static std::vector<std::string>& lines() {
     static std::vector<std::string> lines;
     return lines;
