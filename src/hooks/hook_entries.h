@@ -44,7 +44,6 @@ int WSPAPI WSPIoctl(SOCKET s, DWORD dwIoControlCode, LPVOID lpvInBuffer, DWORD c
                     LPWSAOVERLAPPED lpOverlapped,
                     LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
                     LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept;
-// Replaced only where connected datagram sockets are mended; see connected_datagram.h.
 int WSPAPI WSPCleanup(LPINT lpErrno) noexcept;
 
 // Returned for WSAID_CONNECTEX. Its result is the negation of the real function's: a pending

@@ -52,8 +52,6 @@ class Mending {
 
   // Both ends of a relayed stream have the names that they would have without us.
   bool NamesAsWithoutUs() const noexcept { return (mended_ & kMendNames) != 0; }
-  // Each address that a datagram socket talks to has a loopback port of its own, which names it.
-  bool GivesEachPeerAPort() const noexcept { return (mended_ & kMendDatagramMatch) != 0; }
 
   // A flow that has moved to another node is measured and reported anew there, hears the old node
   // out, and can move again.
