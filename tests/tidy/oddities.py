@@ -99,7 +99,7 @@ def check_mended(tree, known):
             yield Finding(REGISTER, 0, f"has no row for what is mended as '{name}'")
     for name, (line, tests) in listed.items():
         if name not in offered:
-            yield Finding(REGISTER, line, f"nobody can ask for '{name}'")
+            yield Finding(REGISTER, line, f"a file cannot ask for '{name}'")
         if not tests:
             yield Finding(REGISTER, line, f"no test for '{name}'")
         yield from (Finding(REGISTER, line, f"no such test: {test}") for test in tests
