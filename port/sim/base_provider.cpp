@@ -40,7 +40,6 @@ SOCKET AnswerSocket(const char* call, SOCKET made, int error, LPINT out,
 
 SocketRef Find(SOCKET s) { return TheWorld().sockets().Find(s, *Self().process()); }
 
-
 int ReadAddress(const struct sockaddr* name, int size, Address* out) {
   if (!name || size < static_cast<int>(sizeof(sockaddr_in))) return WSAEFAULT;
   sockaddr_in in;

@@ -5,6 +5,7 @@
 
 #include "common/function_trace.h"
 #include "common/log.h"
+#include "relay/node_choice.h"
 #include "route/mending.h"
 #include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
@@ -13,7 +14,9 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr u32 kListenerBufferSize = 65536;
-constexpr u32 kSocketsOfSession = 2;
+
+// The two ends; where falling back is fast, up to two other ways beside the latest.
+u32 SocketsOfSession() noexcept { return FastFallback() != nullptr ? 4 : 2; }
 
 bool ForgetsFailed() noexcept { return GetMending().ForgetsFailedConnects(); }
 
@@ -110,7 +113,8 @@ bool TcpProvider::HasRoomForSession() noexcept {
   // More than there ever is: then nobody counts, and the lock is left alone.
   if (socket_mgr_ == nullptr || socket_mgr_->HasRoom(FD_SETSIZE)) return true;
   common::Lock hold(pending_lock_);
-  return socket_mgr_->HasRoom(kSocketsOfSession * (static_cast<u32>(pending_sessions_.size()) + 1));
+  return socket_mgr_->HasRoom(SocketsOfSession() *
+                              (static_cast<u32>(pending_sessions_.size()) + 1));
 }
 
 void TcpProvider::ForgetRequest(u16 port, u32 token) noexcept {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "abi/mending_formats.h"
 #include "common/text.h"
 #include "port/shared/backend.h"
 #include "port/shared/catalogue.h"
@@ -12,6 +13,7 @@
 #include "port/shared/winsock.h"
 #include "start/catalogue.h"
 #include "tests/support/mended.h"
+#include "tests/support/route_fixture.h"
 
 namespace test {
 namespace {

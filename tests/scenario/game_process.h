@@ -10,12 +10,17 @@
 #include <string>
 #include <vector>
 
-#include "abi/mending_formats.h"
 #include "abi/restriction_formats.h"
 #include "hooks/hook_entries.h"
-#include "tests/support/route_fixture.h"
+
+namespace moru_vyr::lsp {
+struct MendingRegion;
+}
 
 namespace test {
+
+template <class T>
+class ClientRegion;
 
 // Our layered entries have a GUID of their own, as installers assign them; only the hidden entry
 // has the provider's GUID.

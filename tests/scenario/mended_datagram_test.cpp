@@ -46,9 +46,9 @@ SCENARIO_F(MendedDatagram, EachServerAnswersUnderItsOwnName) {
   Starts();
   const SOCKET s = Udp();
   for (int round = 0; round < 3; ++round) {
-    for (const char* server : {kServer, kDirect, kSecond}) {
+    for (const char* ip : {kServer, kDirect, kSecond}) {
       for (const int port : {kPort, kSecondPort}) {
-        EXPECT_EQ(Talks(s, "hello", server, port), "hello from " + On(server, port));
+        EXPECT_EQ(Talks(s, "hello", ip, port), "hello from " + On(ip, port));
       }
     }
   }
@@ -63,14 +63,15 @@ SCENARIO_F(MendedDatagram, EachServerAnswersUnderItsOwnName) {
 SCENARIO_F(MendedDatagram, EqualDatagramsReachTheirOwnServersAfterALoss) {
   Starts();
   const SOCKET s = Udp();
+  SetIntOption(s, SO_RCVBUF, 2'000);  // the relay's sockets follow
   EXPECT_EQ(Talks(s, "ping", kServer), "ping from " + On(kServer));
   EXPECT_EQ(Talks(s, "ping", kDirect), "ping from " + On(kDirect));
   heard.clear();
   // The worker stands still, and the loopback interface has room for some only.
   world.Stall(GetRelayMgr().GetWorkerThreadId(), 500ms);
-  for (int i = 0; i < 3'000; ++i) Sends(s, "ping", kServer);
+  for (int i = 0; i < 1'000; ++i) Sends(s, "ping", kServer);
   RunFor(3s);
-  EXPECT_LT(heard.size(), 3'000u) << "nothing was lost";
+  EXPECT_LT(heard.size(), 100u) << "nothing was lost";
   EXPECT_TRUE(std::all_of(heard.begin(), heard.end(),
                           [](const Datagram& one) { return one.to == On(kServer); }));
   while (!Receives(s, 100).from.empty()) continue;
@@ -83,8 +84,9 @@ SCENARIO_F(MendedDatagram, EqualDatagramsReachTheirOwnServersAfterALoss) {
 SCENARIO_F(MendedDatagram, EqualAnswersKeepTheirSourcesAfterALoss) {
   Starts();
   const SOCKET s = Udp();
+  SetIntOption(s, SO_RCVBUF, 2'000);
   server->answer = [](const std::string&) { return "pong"; };
-  for (int i = 0; i < 3'000; ++i) {
+  for (int i = 0; i < 1'000; ++i) {
     Sends(s, "ping", kServer);
     if (i % 100 == 0) RunFor(20ms);
   }
@@ -92,7 +94,7 @@ SCENARIO_F(MendedDatagram, EqualAnswersKeepTheirSourcesAfterALoss) {
   size_t read = 0;
   for (Datagram one = Receives(s, 100); !one.from.empty(); one = Receives(s, 100), ++read)
     EXPECT_EQ(one.from, On(kServer));
-  EXPECT_LT(read, 3'000u) << "nothing was lost";
+  EXPECT_LT(read, 1'000u) << "nothing was lost";
   for (int i = 0; i < 5; ++i) EXPECT_EQ(Talks(s, "ping", kSecond), "pong from " + On(kSecond));
 }
 
@@ -162,9 +164,9 @@ SCENARIO_F(MendedDatagram, AThreadThatHasWaitedLongerThanTheRelayLearnsTheSource
 SCENARIO_F_SEEDS(MendedDatagram, ThreadsThatAskAtOnceGetEachItsOwnServer, 20) {
   Starts();
   const SOCKET s = Udp();
-  for (const char* server : {kServer, kDirect, kSecond, kForced}) {
+  for (const char* ip : {kServer, kDirect, kSecond, kForced}) {
     GameThread([=, this] {
-      for (int i = 0; i < 3; ++i) EXPECT_EQ(Sends(s, server, server), 0);
+      for (int i = 0; i < 3; ++i) EXPECT_EQ(Sends(s, ip, ip), 0);
     });
   }
   ASSERT_TRUE(RunToTheEnd());
@@ -180,7 +182,7 @@ SCENARIO_F(MendedDatagram, MoreServersThanPortsAreReachedDirectly) {
   const SOCKET s = Udp();
   for (int round = 0; round < 2; ++round) {
     for (int port = 1; port <= 40; ++port) EXPECT_EQ(Sends(s, "x", kServer, port), 0);
-    for (const char* server : {kServer, kDirect}) Sends(s, "found", server);
+    for (const char* ip : {kServer, kDirect}) Sends(s, "found", ip);
     RunFor(500ms);
   }
   EXPECT_EQ(PortsMade(), static_cast<int>(PeerPorts::kPlaces));
@@ -197,6 +199,7 @@ SCENARIO_F(MendedDatagram, ManySocketsLeaveRoomForOthers) {
     for (int port = 1; port <= 20; ++port) Sends(sockets.back(), "x", kServer, port);
   }
   EXPECT_EQ(PortsMade(), 64);
+  Receives(sockets.back(), 100);  // that nobody is at some of these ports
   EXPECT_EQ(Talks(sockets.back(), "direct"), "direct from " + On(kServer));
   EXPECT_EQ(Heard("game"), Texts{"direct"});
   for (const SOCKET s : sockets) closesocket(s);
@@ -260,19 +263,19 @@ class MendedConnected : public MendedDatagram {
 
 SCENARIO_F(MendedConnected, AConnectedSocketTalksToItsPeerAndNamesIt) {
   Starts();
-  for (const char* server : {kServer, kDirect, kUnlisted}) {
-    SCOPED_TRACE(server);
+  for (const char* ip : {kServer, kDirect, kUnlisted}) {
+    SCOPED_TRACE(ip);
     const SOCKET s = Udp();
     EXPECT_EQ(PeerOf(s), "error 10057");
     EXPECT_EQ(BindTo(s, "0.0.0.0", 6000), 0);
-    EXPECT_EQ(ConnectTo(s, server, kPort), 0);
-    EXPECT_EQ(PeerOf(s), On(server));
+    EXPECT_EQ(ConnectTo(s, ip, kPort), 0);
+    EXPECT_EQ(PeerOf(s), On(ip));
     EXPECT_EQ(PeerOf(s, 8), "error 10014");
     EXPECT_EQ(OwnOf(s), On(kGame, 6000));
     EXPECT_EQ(Readiness(s), "w");
     for (int i = 0; i < 5; ++i) EXPECT_EQ(Asks(s, "hello"), "hello");
     SendText(s, "named");
-    EXPECT_EQ(Receives(s).from, On(server)) << "recvfrom, too";
+    EXPECT_EQ(Receives(s).from, On(ip)) << "recvfrom, too";
     EXPECT_EQ(sendto(s, "none", 4, 0, nullptr, 0), 4) << "where no destination is named";
     EXPECT_EQ(Receives(s).text, "none");
     closesocket(s);
@@ -297,13 +300,13 @@ SCENARIO_F(MendedConnected, OnlyThePeerIsHeard) {
 SCENARIO_F(MendedConnected, ASocketMayBeConnectedAgainAndToNobody) {
   Starts();
   const SOCKET s = Udp();
-  for (const char* server : {kServer, kSecond, kUnlisted, kDirect, kUnlisted, kServer}) {
-    SCOPED_TRACE(server);
-    EXPECT_EQ(ConnectTo(s, server, kPort), 0);
-    EXPECT_EQ(PeerOf(s), On(server));
+  for (const char* ip : {kServer, kSecond, kUnlisted, kDirect, kUnlisted, kServer}) {
+    SCOPED_TRACE(ip);
+    EXPECT_EQ(ConnectTo(s, ip, kPort), 0);
+    EXPECT_EQ(PeerOf(s), On(ip));
     EXPECT_EQ(OwnOf(s).substr(0, 10), std::string(kGame) + ":");
-    EXPECT_EQ(Asks(s, server), server);
-    EXPECT_EQ(heard.back().to, On(server));
+    EXPECT_EQ(Asks(s, ip), ip);
+    EXPECT_EQ(heard.back().to, On(ip));
   }
   EXPECT_EQ(Heard("game").size(), 3u) << "the unlisted one, and the one without a node";
   const sockaddr_in nobody = {};
@@ -339,22 +342,22 @@ SCENARIO_F(MendedConnected, AConnectThatFailsNamesNobody) {
 }
 
 // Everything at once: identical texts, many servers, stalls and losses.
-SCENARIO_F_SEEDS(MendedDatagram, WhateverIsLostNothingIsMistaken, 10) {
+SCENARIO_F_SEEDS(MendedDatagram, WhateverIsLostNothingIsMistaken, 5) {
   Starts(9);
   server->answer = [](const std::string& text) { return text; };
   const SOCKET s = Udp();
   const std::vector<const char*> servers = {kServer, kDirect, kSecond, kForced};
-  for (int round = 0; round < 20; ++round) {
+  for (int round = 0; round < 5; ++round) {
     if (round % 5 == 4) world.Stall(GetRelayMgr().GetWorkerThreadId(), 100ms);
-    for (int i = 0; i < 200; ++i) {
-      const char* const server = servers[static_cast<size_t>(i) % servers.size()];
-      Sends(s, server, server);
+    for (int i = 0; i < 60; ++i) {
+      const char* const ip = servers[static_cast<size_t>(i) % servers.size()];
+      Sends(s, ip, ip);
     }
     for (Datagram one = Receives(s, 20); !one.from.empty(); one = Receives(s, 20))
       EXPECT_EQ(one.from, one.text + ":27015");
   }
   for (const Datagram& one : heard) EXPECT_EQ(one.to, one.text + ":27015");
-  EXPECT_GT(heard.size(), 1'000u);
+  EXPECT_GT(heard.size(), 100u);
 }
 
 }  // namespace

@@ -212,7 +212,7 @@ class MendedPlay : public AsksForAfterSwitch, public udp_test::UdpWorld {
 SCENARIO_F(MendedPlay, TheNextTroubleMovesTheFlowAgain) {
   const SOCKET s = Udp();
   PlaysUntil(
-      s, [] { return false; }, 120'000);
+      s, [] { return false; }, 40'000);
   ASSERT_EQ(Moves(), 0);
   Cuts(a_host, true);
   ASSERT_TRUE(PlaysUntil(
@@ -221,7 +221,7 @@ SCENARIO_F(MendedPlay, TheNextTroubleMovesTheFlowAgain) {
   Cuts(a_host, false);
   const int troubles = test::CountOf("indicating", log_text());
   PlaysUntil(
-      s, [] { return false; }, 40'000);
+      s, [] { return false; }, 31'000);
   EXPECT_EQ(Moves(), 1) << "a healthy node is not left for what the old one did";
   EXPECT_LE(test::CountOf("indicating", log_text()), troubles + 1) << "the first slot";
   Cuts(b_host, true);
