@@ -73,15 +73,15 @@ class Table:
         found = {}
         for name, way in self.changed(before):
             found.setdefault(way, {})[subject(name)] = True
-        found = {way: [one for one in subjects if one != "program"] for way, subjects in found.items()}
-        return {way: subjects for way, subjects in found.items() if subjects}
+        # Where only its end was another, all of the program is to be seen again: no subject named.
+        return {way: [one for one in subjects if one != "program"] for way, subjects in found.items()}
 
     def take_better(self, columns, before):
         """Takes over each subject that another look found more as it was."""
         for way, column in columns.items():
             for one in dict.fromkeys(map(subject, column)):
                 other = Table({**self.columns, way: self._with(way, one, column)})
-                if one != "program" and len(other.changed(before)) < len(self.changed(before)):
+                if len(other.changed(before)) < len(self.changed(before)):
                     self.columns[way] = other.columns[way]
                     self._order()
 
