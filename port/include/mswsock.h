@@ -1,5 +1,6 @@
 // The GUIDs of Winsock's extension functions, as the platform publishes them.
-#pragma once
+#ifndef VYR_PORT_MSWSOCK_H
+#define VYR_PORT_MSWSOCK_H
 #include <winsock2.h>
 
 #define WSAID_CONNECTEX                                                            \
@@ -38,3 +39,5 @@
 typedef BOOL(WINAPI* LPFN_CONNECTEX)(SOCKET s, const struct sockaddr* name, int name_size,
                                      PVOID send_buffer, DWORD send_size, LPDWORD sent,
                                      LPOVERLAPPED overlapped);
+
+#endif  // VYR_PORT_MSWSOCK_H

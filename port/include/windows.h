@@ -7,7 +7,8 @@
 //
 // Threads: every call may be made from any thread. Errors: as on Windows, the return value
 // reports failure and GetLastError gives the reason.
-#pragma once
+#ifndef VYR_PORT_WINDOWS_H
+#define VYR_PORT_WINDOWS_H
 
 // The host's own headers are included here, before winsock2.h renames the names that they share
 // with Winsock. A later include of them then has no effect.
@@ -292,3 +293,5 @@ HGLOBAL WINAPI GlobalFree(HGLOBAL memory);
 // chooses.
 LPVOID WINAPI VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect);
 BOOL WINAPI VirtualFree(LPVOID address, SIZE_T size, DWORD type);  // size 0, MEM_RELEASE
+
+#endif  // VYR_PORT_WINDOWS_H

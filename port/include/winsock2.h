@@ -6,7 +6,8 @@
 // sockaddr, sockaddr_in, in_addr and sockaddr_storage are the host system's own, which have the
 // same layout. Macros rename the names that the C library uses with another meaning, so that code
 // which includes this header sees each name once.
-#pragma once
+#ifndef VYR_PORT_WINSOCK2_H
+#define VYR_PORT_WINSOCK2_H
 #include <windows.h>
 
 #define WSAAPI
@@ -254,3 +255,5 @@ char* vyr_port_inet_ntoa(struct in_addr address);
 #define setsockopt(...) vyr_port_setsockopt(__VA_ARGS__)
 #define inet_addr(...) vyr_port_inet_addr(__VA_ARGS__)
 #define inet_ntoa(...) vyr_port_inet_ntoa(__VA_ARGS__)
+
+#endif  // VYR_PORT_WINSOCK2_H

@@ -1,5 +1,6 @@
 // The Winsock service provider interface: the call table between Winsock and a provider.
-#pragma once
+#ifndef VYR_PORT_WS2SPI_H
+#define VYR_PORT_WS2SPI_H
 #include <winsock2.h>
 
 #define WSPAPI
@@ -130,3 +131,5 @@ extern "C" int WSPAPI WSPStartup(WORD version, LPWSPDATA data, LPWSAPROTOCOL_INF
 // *size is the size that is needed.
 int WSPAPI WSCEnumProtocols(LPINT protocols, LPWSAPROTOCOL_INFOW buffer, LPDWORD size, LPINT error);
 int WSPAPI WSCGetProviderPath(GUID* provider, WCHAR* path, LPINT path_length, LPINT error);
+
+#endif  // VYR_PORT_WS2SPI_H

@@ -38,6 +38,10 @@ log_level = 4
 log_path = '{logs}'
 acc_mode = 1
 mend = '{mend}'
+# On a busy machine a node may take longer than usual, and what it serves is compared here.
+next_node_ms = 5000
+direct_ms = 5000
+node_rest_ms = 1
 """
 ROUTES = """
 [[node]]
