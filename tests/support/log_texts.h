@@ -140,7 +140,7 @@ inline const std::string kSwitchFires = "[RecoverySwitch]switching is firing: co
 inline const std::string kSwitchSubmitted = " recovery switch qos submitted, game_id=";
 inline const std::string kSwitchFigures = "socket record recovery switch info=";
 inline std::string SwitchWanted(bool wanted) {
-  return std::string("need_switch=") + (wanted ? "1" : "0") + ", switch_result=0";
+  return wanted ? "need_switch=1, switch_result=0" : "need_switch=0, switch_result=0";
 }
 inline std::string SwitchTooSoon(int node) {
   return "[RecoverySwitch]switching could not happen within 30000ms, proxy_idc=" +
