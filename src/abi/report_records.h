@@ -205,7 +205,7 @@ using RecoverySwitchRegion = ReportRegion<RecoverySwitchRecord, 16>;
 template <typename Region>
 constexpr bool Fills(const ReportChannel& channel) noexcept {
   return sizeof(Region) == channel.region_size &&
-         sizeof(Region::slots) == channel.slot_count * channel.slot_size;
+         sizeof(Region::slots) == std::size_t{channel.slot_count} * channel.slot_size;
 }
 static_assert(Fills<DecisionRegion>(kDecisionChannel));
 static_assert(Fills<CommunicationRegion>(kCommunicationChannel));
