@@ -15,9 +15,23 @@ namespace {
 constexpr DWORD kHostLimitMs = 500;
 constexpr DWORD kWorkerLimitMs = 20;
 
-// What the host's threads may still wait in vain. A client that has kept one mutex this long hangs,
-// and its other ones are only tried.
-constinit std::atomic<DWORD> host_patience_ms{kHostLimitMs};
+// A client that has kept a mutex from a thread of the host for all of its wait hangs, and all its
+// mutexes are only tried for this long.
+constexpr DWORD kHangMs = 10'000;
+constinit std::atomic<bool> client_hangs{false};
+constinit std::atomic<DWORD> seen_hanging_ms{0};
+
+DWORD HostLimitMs() noexcept {
+  if (!client_hangs.load(std::memory_order_acquire)) return kHostLimitMs;
+  if (GetTickCount() - seen_hanging_ms.load(std::memory_order_relaxed) < kHangMs) return 0;
+  client_hangs.store(false, std::memory_order_relaxed);
+  return kHostLimitMs;
+}
+
+void NoteThatClientHangs() noexcept {
+  seen_hanging_ms.store(GetTickCount(), std::memory_order_relaxed);
+  client_hangs.store(true, std::memory_order_release);
+}
 
 }  // namespace
 
@@ -26,12 +40,12 @@ ClientWait::ClientWait(const char* mutex_name) noexcept {
   common::UniqueHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, mutex_name));
   if (!mutex) return;  // nobody has made it, so nobody holds it
   const bool is_own = common::OwnThread::NameOfCaller() != 0;
-  const DWORD limit = is_own ? kWorkerLimitMs : host_patience_ms.load(std::memory_order_relaxed);
+  const DWORD limit = is_own ? kWorkerLimitMs : HostLimitMs();
   const DWORD waited = WaitForSingleObject(mutex.get(), limit);
   if (waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED) held_ = std::move(mutex);
   if (waited != WAIT_TIMEOUT) return;
   may_read_ = false;
-  if (!is_own) host_patience_ms.store(0, std::memory_order_relaxed);
+  if (limit == kHostLimitMs) NoteThatClientHangs();
   LSP_LOG(5, "[Route] %s was not free within %lu ms, its region counts as absent", mutex_name,
           static_cast<unsigned long>(limit));
   common::LspTrace("%s was not free within %lu ms, its region counts as absent", mutex_name,
@@ -42,8 +56,6 @@ ClientWait::~ClientWait() {
   if (held_) ReleaseMutex(held_.get());
 }
 
-void RenewClientWaits() noexcept {
-  host_patience_ms.store(kHostLimitMs, std::memory_order_relaxed);
-}
+void RenewClientWaits() noexcept { client_hangs.store(false, std::memory_order_relaxed); }
 
 }  // namespace moru_vyr::lsp

@@ -9,8 +9,9 @@ namespace moru_vyr::lsp {
 
 class ClientWait {
  public:
-  // Takes the mutex. A thread of the host waits at most 500 ms in all (later waits are tries), the
-  // worker no longer than one of its passes takes. Does nothing where nothing is asked for.
+  // Takes the mutex. A thread of the host waits at most 500 ms (for ten seconds behind a wait in
+  // vain it only tries), the worker no longer than one of its passes takes. Does nothing where
+  // nothing is asked for.
   explicit ClientWait(const char* mutex_name) noexcept;
   ~ClientWait();
   ClientWait(const ClientWait&) = delete;

@@ -9,6 +9,7 @@
 #include "common/named_mutex.h"
 #include "common/process_info.h"
 #include "port/shared/faults.h"
+#include "route/client_wait.h"
 #include "route/mending.h"
 #include "tests/scenario/tcp_world.h"
 #include "tests/support/report_client.h"
@@ -115,6 +116,18 @@ SCENARIO_F(MendedWaits, AGameThatWaitsForItsTablesDoesNotWaitForEachMutexAgain) 
   games->games[1].wait_route = 1;
   Holds(kIpTableMutexName);
   EXPECT_EQ(Starts(), 5500ms);
+}
+
+// A slow client is not taken for one that hangs for the rest of the game's life.
+SCENARIO_F(MendedWaits, TenSecondsAfterAWaitInVainAMutexIsWaitedForAgain) {
+  Holds(kIpTableMutexName, 600);
+  EXPECT_EQ(Starts(), 500ms);
+  RunFor(9s);
+  Holds(kIpTableMutexName, 300);
+  EXPECT_FALSE(ClientWait(kIpTableMutexName).may_read()) << "tried too late";
+  RunFor(2s);
+  Holds(kIpTableMutexName, 300);
+  EXPECT_TRUE(ClientWait(kIpTableMutexName).may_read());
 }
 
 SCENARIO_F(MendedWaits, WhatIsMendedMayBeHeldToo) {
