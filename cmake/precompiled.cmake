@@ -4,3 +4,17 @@ set(VYR_STANDARD_HEADERS <algorithm> <array> <atomic> <cstddef> <cstdint> <cstdi
   <functional> <map> <memory> <mutex> <new> <optional> <set> <span> <string> <string_view> <utility>
   <vector>)
 set(VYR_PLATFORM_HEADERS <winsock2.h> <windows.h> <ws2spi.h>)
+
+# The files of one folder of a developers' program are compiled together: what they include and
+# instantiate costs far more than they do themselves. So they share one anonymous namespace.
+option(VYR_JOIN_FOLDERS "compile each folder of a developers' program as one unit" ON)
+function(vyr_join_by_folder target)
+  set_target_properties(${target} PROPERTIES UNITY_BUILD ${VYR_JOIN_FOLDERS} UNITY_BUILD_MODE GROUP)
+  foreach(source ${ARGN})
+    if(source MATCHES "cpp$")
+      get_filename_component(folder ${source} DIRECTORY)
+      get_filename_component(name ${folder} NAME)
+      set_source_files_properties(${source} PROPERTIES UNITY_GROUP ${name})
+    endif()
+  endforeach()
+endfunction()

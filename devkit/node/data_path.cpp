@@ -9,7 +9,6 @@ using namespace moru_vyr::lsp;
 
 namespace {
 
-constexpr int kInARow = 64;
 constexpr u64 kUnknownEventMs =
     1000;  // a flood of stray datagrams must not become a flood of events
 

@@ -8,7 +8,6 @@
 namespace node {
 namespace {
 
-constexpr int kInARow = 64;
 constexpr std::size_t kMostGarbage = 65000;  // what a datagram can hold
 
 }  // namespace

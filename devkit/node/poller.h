@@ -8,6 +8,9 @@
 
 namespace node {
 
+// What is taken from one socket before others have their turn.
+inline constexpr int kInARow = 64;
+
 struct Readiness {
   bool read = false;
   bool write = false;

@@ -10,8 +10,6 @@ namespace {
 
 using namespace moru_vyr::lsp;
 
-std::string Number(uint64_t number) { return std::to_string(number); }
-
 class WaysAdviser {
  public:
   WaysAdviser(const AccConfigRecord& game, const SwitchWays& ways, std::vector<Advice>* found)
@@ -26,7 +24,7 @@ class WaysAdviser {
         Say(route.key + ".switch_groups", "lead to no other node than the one that is left");
       } else if (route.last_node != 0 && !route.has_group_of_last_node) {
         Say(route.key + ".switch_groups",
-            "none is for last node " + Number(route.last_node) +
+            "none is for last node " + std::to_string(route.last_node) +
                 ", to which the route's own way leads: its flows have nowhere to go");
       }
     }
@@ -78,8 +76,8 @@ class WaysAdviser {
   bool DelayAtRest(const NodeUse& node) {
     const uint64_t most = thresholds::MaxDelayAvg(game_, false);
     if (node.section1_delay < most) return false;
-    SayOfGame("max_delay_avg", Number(most) + " ms, and " + node.name + " is " +
-                                   Number(node.section1_delay) +
+    SayOfGame("max_delay_avg", std::to_string(most) + " ms, and " + node.name + " is " +
+                                   std::to_string(node.section1_delay) +
                                    " ms away at the best of times: its links are bad from the "
                                    "start and flows move without need");
     return true;
@@ -94,10 +92,10 @@ class WaysAdviser {
     const uint64_t at_once = std::clamp<uint64_t>(in_cycle, 1, std::max<uint64_t>(burst, 1));
     const uint64_t shown = node.section1_delay * (cycles - 1 + at_once) / cycles;
     if (shown < most) return false;
-    SayOfGame("max_delay_avg", Number(most) + " ms: a burst adds up the delays of " +
-                                   Number(at_once) + " probes in one cycle, so that the " +
-                                   Number(node.section1_delay) + " ms of " + node.name +
-                                   " read as " + Number(shown) +
+    SayOfGame("max_delay_avg", std::to_string(most) + " ms: a burst adds up the delays of " +
+                                   std::to_string(at_once) + " probes in one cycle, so that the " +
+                                   std::to_string(node.section1_delay) + " ms of " + node.name +
+                                   " read as " + std::to_string(shown) +
                                    " ms: whatever starts a burst moves the flow");
     return true;
   }
@@ -110,9 +108,9 @@ class WaysAdviser {
         std::max<uint64_t>(thresholds::LongCycle(game_) * thresholds::LostCalcUnitSize(game_), 1);
     const uint64_t missing = (node.section1_delay - grace) * 100 / window;
     if (missing < thresholds::MaxRealRouteLost(game_)) return false;
-    SayOfGame("recovery_window_word", Number(grace) + " ms: answers of " + node.name + " take " +
-                                          Number(node.section1_delay) + " ms, so that about " +
-                                          Number(missing) +
+    SayOfGame("recovery_window_word", std::to_string(grace) + " ms: answers of " + node.name +
+                                          " take " + std::to_string(node.section1_delay) +
+                                          " ms, so that about " + std::to_string(missing) +
                                           " % of a healthy link's probes look lost");
     return true;
   }
@@ -126,8 +124,9 @@ class WaysAdviser {
     const uint64_t shown = open * 100 / probes;
     if (shown < most) return false;
     SayOfGame("switching_max_real_route_lost",
-              Number(most) + " %: " + node.name + " is " + Number(node.section1_delay) +
-                  " ms away, so that at a trial's end " + Number(shown) +
+              std::to_string(most) + " %: " + node.name + " is " +
+                  std::to_string(node.section1_delay) + " ms away, so that at a trial's end " +
+                  std::to_string(shown) +
                   " % of its probes are still out and look lost: it never passes");
     return true;
   }
@@ -139,7 +138,8 @@ class WaysAdviser {
     if (count == 0) return;
     const auto first = std::find_if(ways_.nodes.begin(), ways_.nodes.end(), has_fault);
     const std::string more =
-        count == 1 ? "" : " (the same at " + Number(static_cast<uint64_t>(count) - 1) + " more)";
+        count == 1 ? ""
+                   : " (the same at " + std::to_string(static_cast<uint64_t>(count) - 1) + " more)";
     Say(first->key + key, reason + more);
   }
 

@@ -5,19 +5,12 @@
 
 #include "abi/report_records.h"
 #include "client/watch/report_words.h"
-#include "common/text.h"
 #include "route/decision.h"
 
 namespace client {
 namespace {
 
 using namespace moru_vyr::lsp;
-using common::FieldText;
-
-template <size_t N>
-std::string Text(const char (&field)[N]) {
-  return std::string(FieldText(field));
-}
 
 const char* TypeName(int64_t type, int64_t stream, int64_t datagram) {
   return type == stream ? "TCP" : type == datagram ? "UDP" : "";

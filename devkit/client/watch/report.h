@@ -5,7 +5,10 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <string>
 #include <vector>
+
+#include "common/text.h"
 
 namespace client {
 
@@ -38,5 +41,11 @@ struct Report {
     return record;
   }
 };
+
+// What a text field of a record holds.
+template <size_t N>
+std::string Text(const char (&field)[N]) {
+  return std::string(common::FieldText(field));
+}
 
 }  // namespace client

@@ -22,11 +22,6 @@ using moru_vyr::lsp::ReportChannel;
 constexpr std::byte kFree{0};
 constexpr uint32_t kLongestWaitMs = 24 * 3600 * 1000;
 
-uint64_t NowMs() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
-}
-
 // Figures carry the tick at which they were true, and the tick is one for all processes.
 uint64_t TimeOf(const Report& report) {
   const uint64_t now = NowMs();
@@ -48,6 +43,11 @@ void FreeSlot(void* region, const Report& report) {
 }
 
 }  // namespace
+
+uint64_t NowMs() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
 
 void ReportDrain::CopyUsed(void* region, ReportKind kind, std::vector<Report>* reports) const {
   const ReportChannel& channel = Channel(kind);

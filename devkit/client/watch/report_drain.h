@@ -7,6 +7,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +16,9 @@
 #include "common/shared_mem_obj.h"
 
 namespace client {
+
+// Milliseconds since 1970.
+uint64_t NowMs();
 
 class ReportDrain {
  public:

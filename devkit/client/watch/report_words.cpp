@@ -15,7 +15,6 @@ namespace client {
 namespace {
 
 using namespace moru_vyr::lsp;
-using common::FieldText;
 
 __attribute__((format(printf, 1, 2))) std::string Format(const char* format, ...) {
   char buffer[1024];
@@ -24,11 +23,6 @@ __attribute__((format(printf, 1, 2))) std::string Format(const char* format, ...
   std::vsnprintf(buffer, sizeof buffer, format, arguments);
   va_end(arguments);
   return buffer;
-}
-
-template <size_t N>
-std::string Text(const char (&field)[N]) {
-  return std::string(FieldText(field));
 }
 
 std::string Number(int64_t number) { return std::to_string(number); }

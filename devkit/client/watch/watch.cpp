@@ -34,11 +34,6 @@ constexpr size_t kMostNotes = 200;
 // Two watchers would show reports twice, or each only a part of them.
 constexpr char kWatcherMutexName[] = "vyr_client_watch_mutex";
 
-uint64_t NowMs() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
-}
-
 // Where reports go: every form of output that was asked for.
 class Outlet {
  public:
