@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "abi/mending_formats.h"
@@ -71,6 +74,23 @@ TEST(RegionsHeader, ReportWrittenInCIsReadByTheLibrarysRecord) {
   EXPECT_EQ(u32{decision.selected_proxy.decision}, DECISION_FORCE_ACCE_MANUAL);
   EXPECT_EQ(u32{decision.glt_route_info.proxy.last_node}, 9u);
   EXPECT_EQ(u32{decision.glt_word}, 11u);
+}
+
+// The bytes of both regions in a folder, for the test of the Kaitai Struct description.
+TEST(RegionsHeader, WritesWhatCHasWrittenIntoAFolder) {
+  const char* const folder = std::getenv("VYR_REGIONS_FOLDER");
+  if (folder == nullptr) GTEST_SKIP() << "VYR_REGIONS_FOLDER names no folder";
+  const auto games = std::make_unique<vyr_restriction_region>();
+  const auto decisions = std::make_unique<vyr_decision_region>();
+  FillRestrictionRegion(games.get());
+  FillDecisionRegion(decisions.get());
+  const auto write = [&](const char* name, const void* bytes, std::size_t size) {
+    std::ofstream file(std::string(folder) + "/" + name, std::ios::binary);
+    file.write(static_cast<const char*>(bytes), static_cast<std::streamsize>(size));
+    EXPECT_TRUE(file.good());
+  };
+  write("restriction_region", games.get(), sizeof *games);
+  write("decision_region", decisions.get(), sizeof *decisions);
 }
 
 }  // namespace
