@@ -8,10 +8,12 @@
 #   scripts/fetch_programs.sh --check  exit 1 if any is missing, fetch nothing
 #   scripts/fetch_programs.sh --x64 …  the same for the 64-bit programs
 #   scripts/fetch_programs.sh --charts fetch the chart library that vyr_client builds into its pages
+#   scripts/fetch_programs.sh --kaitai fetch the compiler of docs/*.ksy and what a test of them needs
 #
 # Unpacked: FOLDER/ffmpeg.exe, FOLDER/esbuild.exe, FOLDER/node.exe (a JavaScript runtime, not a node
 # that carries traffic), and with --x64 in FOLDER/x64 also buf.exe and turbo.exe;
-# with --charts FOLDER/uPlot.iife.min.js, FOLDER/uPlot.min.css
+# with --charts FOLDER/uPlot.iife.min.js, FOLDER/uPlot.min.css;
+# with --kaitai FOLDER/kaitai-struct-compiler.js, FOLDER/KaitaiStream.js, FOLDER/js-yaml.min.js
 set -u
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/vyr/programs
 
@@ -33,6 +35,11 @@ programs64=(
 charts=(
   "uplot@1.6.32|sha512-KIMVnG68zvu5XXUbC4LQEPnhwOxBuLyW1AHtpm6IKTXImkbLgkMy+jabjLgSLMasNuGGzQm/ep3tOkyTxpiQIw==|uPlot.iife.min.js"
   "uplot@1.6.32|sha512-KIMVnG68zvu5XXUbC4LQEPnhwOxBuLyW1AHtpm6IKTXImkbLgkMy+jabjLgSLMasNuGGzQm/ep3tOkyTxpiQIw==|uPlot.min.css"
+)
+kaitai=(
+  "kaitai-struct-compiler@0.11.0|sha512-GJYIS7w8y6oh91GcDwUXMbbOhKzTQqMx4CXVw8iY12xJgCEEvYaoobgxMvi8XTzV/8uDSPYk5GP+Z/KfPuiEsA==|kaitai-struct-compiler.js"
+  "kaitai-struct@0.11.0|sha512-fcBvQONhZlM/dhrafsLAR9eboaQxYUJ8lEsl8EnWjqY0bs9GkIFNMUcMjKAk4oVz/Ik/OzhqIKjpQkawa28RIw==|KaitaiStream.js"
+  "js-yaml@4.1.0|sha512-wpxZs9NoxZaJESJGIZTyDEaYpl0FKSA+FB9aJiyemKhMwkxQg63h4T1KJgUGHpTqPDNRcmmYLugrRjJlBtWvRA==|js-yaml.min.js"
 )
 
 complain() { echo "fetch_programs: $*" >&2; exit 1; }
@@ -66,9 +73,10 @@ fi
 mode=${1:-fetch}
 case "$mode" in
   --path) echo "$cache"; exit 0 ;;
-  -h|--help) sed -n '2,14s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  -h|--help) sed -n '2,16s/^# \{0,1\}//p' "$0"; exit 0 ;;
   fetch|--check) ;;
   --charts) programs=("${charts[@]}") ;;
+  --kaitai) programs=("${kaitai[@]}") ;;
   *) echo "scripts/fetch_programs.sh: unknown option '$mode'; see --help" >&2; exit 2 ;;
 esac
 [ "$mode" = --check ] || mkdir -p "$cache" || complain "cannot make $cache"

@@ -13,6 +13,7 @@ import cpp
 import glossary
 import layers
 import oddities
+import published
 import readmes
 import records
 import sizes
@@ -293,6 +294,37 @@ class Oddities(unittest.TestCase):
     def test_a_row_that_cannot_be_read_is_found(self):
         self.assertIn("not a row", self.check(
             register=self.REGISTER + "| `a.h` no quotes | x | y | none |\n")[0])
+
+
+class Published(unittest.TestCase):
+    ROOT = pathlib.Path(__file__).resolve().parents[2]
+
+    def check(self, path="", old="", new=""):
+        names = [*published.make_regions_header.FILES, published.make_regions_header.HEADER,
+                 published.make_regions_header.KSY, published.DOCUMENT]
+        files = {name: (self.ROOT / name).read_text(encoding="utf-8") for name in names}
+        if path:
+            self.assertIn(old, files[path])
+            files[path] = files[path].replace(old, new, 1)
+        return findings(published, files)
+
+    def test_what_the_script_makes_passes(self):
+        self.assertEqual(self.check(), [])
+
+    def test_an_edited_header_is_found(self):
+        found = self.check("include/vyr_regions.h", "uint64_t game_id;", "uint64_t game;")
+        self.assertEqual(len(found), 1)
+        self.assertIn("include/vyr_regions.h: differs", found[0])
+
+    def test_a_renamed_field_of_a_record_is_found(self):
+        found = self.check("src/abi/proxy_formats.h", "u32 section2_lost", "u32 lost_behind")
+        self.assertEqual(len(found), 2)
+
+    def test_a_region_without_its_row_in_the_document_is_found(self):
+        for text in ("| 131364 |", "`vyr_mending_named_mutex` | 336", "32 of 984"):
+            found = self.check(published.DOCUMENT, text, "| x |")
+            self.assertEqual(len(found), 1)
+            self.assertIn("docs/regions.md: has no row", found[0])
 
 
 class Readmes(unittest.TestCase):
