@@ -183,13 +183,13 @@ SCENARIO_F(MendedOverlapped, AResultThatIsAskedForHasItsSource) {
   EXPECT_EQ(Sends(s, "second", kDirect, kSecondPort), 0);
   EXPECT_EQ(Ended(&two), "second from " + On(kDirect, kSecondPort));
   EXPECT_EQ(Result(&two), 0) << "asked again";
-  for (int i = 0; i < 600; ++i) {
+  for (int i = 0; i < 300; ++i) {  // more often than there are places
     ASSERT_EQ(Begin(&one), WSA_IO_PENDING);
     Sends(s, "again", kSecond);
     ASSERT_EQ(Ended(&one), "again from " + On(kSecond));
     one.bytes[0] = 0;
   }
-  EXPECT_EQ(Heard("A").size(), 602u) << AllHeard();
+  EXPECT_EQ(Heard("A").size(), 301u) << AllHeard();  // kDirect has no node
   EXPECT_FALSE(Logged("left direct"));
 }
 
@@ -332,10 +332,10 @@ SCENARIO_F(MendedOverlapped, ASocketThatIsLeftDirectPartsFromItsRelay) {
   RunFor(1s);
   EXPECT_TRUE(NodesAreFree());
   Sends(s, "direct");
-  EXPECT_EQ(Heard("game").size(), 0u);
+  Complete(&one);
   while (one.Source() != On(kServer)) {  // what had come already is not renamed
+    ASSERT_EQ(Begin(&one), WSA_IO_PENDING);
     Complete(&one);
-    if (one.Source() != On(kServer)) ASSERT_EQ(Begin(&one), WSA_IO_PENDING);
   }
   EXPECT_EQ(one.Got().substr(0, 6), "direct");
   EXPECT_EQ(Heard("game"), Texts{"direct"}) << AllHeard();
