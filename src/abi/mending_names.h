@@ -18,6 +18,7 @@ inline constexpr MendingName kMendingNames[] = {
     {"restart", kMendRestart},
     {"fast-fallback", kMendFallback},
     {"connected-datagram", kMendConnectedDatagram},
+    {"overlapped-datagram", kMendOverlappedDatagram},
     {"after-switch", kMendAfterSwitch},
     {"start", kMendStart},
     {"names", kMendNames},

@@ -1,5 +1,6 @@
 #include "hooks/connected_datagram.h"
 
+#include "common/log.h"
 #include "hooks/hook_common.h"
 #include "route/mending.h"
 
@@ -31,6 +32,19 @@ void NotePeer(const SocketRecord& record, const sockaddr* peer, int peer_size,
   const sockaddr_in asked = ReadAddress(peer, peer_size);
   GetSocketMap().SetHandledAddr(record.socket, reinterpret_cast<const sockaddr*>(&asked),
                                 sizeof asked);
+}
+
+void ConnectDirectly(const SocketRecord& record) noexcept {
+  LeavePeer(record);
+  const WSPPROC_TABLE* const next = record.next_proc_table;
+  if (next->lpWSPConnect == nullptr) return;
+  INT error = 0;
+  const int result =
+      next->lpWSPConnect(record.socket, reinterpret_cast<const sockaddr*>(&record.handled_addr),
+                         sizeof record.handled_addr, nullptr, nullptr, nullptr, nullptr, &error);
+  GetSocketMap().ForgetHandledAddr(record.socket);
+  LSP_LOG(5, "[UDP] ConnectDirectly: ret=%d, err=%d, socket=%Id, token=%u", result, error,
+          record.socket, record.token);
 }
 
 }  // namespace moru_vyr::lsp

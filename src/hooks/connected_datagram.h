@@ -23,4 +23,7 @@ void LeavePeer(const SocketRecord& record) noexcept;
 void NotePeer(const SocketRecord& record, const sockaddr* peer, int peer_size,
               bool relayed) noexcept;
 
+// Connects a socket that is connected to its relay to its peer itself.
+void ConnectDirectly(const SocketRecord& record) noexcept;
+
 }  // namespace moru_vyr::lsp

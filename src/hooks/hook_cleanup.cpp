@@ -2,6 +2,7 @@
 #include "engine/relay_mgr.h"
 #include "hooks/hook_common.h"
 #include "hooks/hook_entries.h"
+#include "hooks/overlapped_receive.h"
 #include "hooks/started_protocols.h"
 #include "icmp/icmp_vm.h"
 #include "route/mending.h"
@@ -13,6 +14,7 @@ namespace moru_vyr::lsp {
 int WSPAPI WSPCleanup(LPINT lpErrno) noexcept {
   GetRelayMgr().Stop();
   GetIcmpVM().FreePool();
+  ForgetAllReceives();
   if (GetMending().ServesAgain()) {
     ForgetStarts();
     GetRelayMgr().AllowAnotherWorker();

@@ -5,6 +5,7 @@
 #include "common/log.h"
 #include "hooks/hook_common.h"
 #include "hooks/hook_entries.h"
+#include "hooks/overlapped_receive.h"
 #include "hooks/relay_admission.h"
 #include "hooks/udp_relay.h"
 #include "sockets/socket_error_filter.h"
@@ -80,6 +81,7 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
     LSP_LOG(5, "WSPSendTo: next_proc_table invalid, socket=%Id", s);
     return FailWithoutProvider(lpErrno);
   }
+  NoteOverlappedUse(&record, lpOverlapped);
   RelayName relay;
   u64 entry = 0;
   const bool relay_send = PrepareSend(record, lpBuffers, dwBufferCount, lpTo, iTolen,
@@ -130,6 +132,7 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
     return FailWithoutProvider(lpErrno);
   }
   const bool allowed = IsAllowedRelay(record);
+  OverlappedReceive receive(&record, allowed, lpFrom, lpFromlen, lpOverlapped, lpCompletionRoutine);
   const SizedPlace source(lpFromlen);
   const auto look = [&] { return Look(lpFrom, source.Size(), lpNumberOfBytesRecvd, lpFlags); };
   // For the line on a receive that goes pending: it tells how it began.
@@ -137,9 +140,10 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
   // Kept: the count of received bytes is not cleared first, unlike in WSPRecv.
   const int result =
       next->lpWSPRecvFrom(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd, lpFlags, lpFrom,
-                          lpFromlen, lpOverlapped, lpCompletionRoutine, lpThreadId, lpErrno);
+                          lpFromlen, lpOverlapped, receive.routine(), lpThreadId, lpErrno);
   const int error = ErrorOf(lpErrno);
-  if (HasSource(record, result, lpErrno) && record.type == kSocketTypeDatagram && allowed) {
+  if (!receive.End(result, lpErrno) && HasSource(record, result, lpErrno) && allowed &&
+      record.type == kSocketTypeDatagram) {
     RestoreSource(record, lpBuffers, dwBufferCount, lpFrom, source.Size(), lpNumberOfBytesRecvd);
   }
   const auto log = [&](int level) {

@@ -10,6 +10,7 @@
 #include "hooks/downcall_table.h"
 #include "hooks/hook_common.h"
 #include "hooks/hook_entries.h"
+#include "hooks/overlapped_receive.h"
 #include "hooks/raw_ping.h"
 #include "hooks/relay_admission.h"
 #include "hooks/udp_relay.h"
@@ -199,6 +200,7 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
   // The record goes first: once the socket is closed below, its value can come back at once as
   // another thread's new socket, and its record must not be erased here.
   GetSocketErrorFilter().Forget(record.token);
+  ForgetReceives(record);
   Forget(s, told_token);
   const int result = next->lpWSPCloseSocket(s, lpErrno);
   LSP_LOG(4, "WSPCloseSocket: ret=%d, err=%d, protocol=%d, type=%d, socket=%Id, token=%u", result,

@@ -2,6 +2,7 @@
 #include "common/log.h"
 #include "hooks/hook_common.h"
 #include "hooks/hook_entries.h"
+#include "hooks/overlapped_receive.h"
 #include "hooks/raw_ping.h"
 #include "hooks/relay_admission.h"
 #include "hooks/udp_relay.h"
@@ -20,6 +21,7 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
     LSP_LOG(5, "WSPSend: next_proc_table invalid, socket=%Id", s);
     return FailWithoutProvider(lpErrno);
   }
+  NoteOverlappedUse(&record, lpOverlapped);
   // Kept: asked for every kind of socket, so that whichever call comes first starts the relay.
   if (IsAllowedRelay(record) && IsRawPing(record) &&
       HoldPing(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent)) {
@@ -65,6 +67,7 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
     LSP_LOG(5, "WSPRecv: next_proc_table invalid, socket=%Id", s);
     return FailWithoutProvider(lpErrno);
   }
+  NoteOverlappedUse(&record, lpOverlapped);
   if (IsAllowedRelay(record) && IsRawPing(record) &&
       AnswerPing(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd)) {
     return 0;

@@ -59,10 +59,13 @@ class Mending {
 
   // A datagram socket that is connected exchanges datagrams with its peer, and names it.
   bool ConnectsDatagrams() const noexcept { return (mended_ & kMendConnectedDatagram) != 0; }
+  // A receive that completes later gets its source where the library sees that, and a socket whose
+  // receives it would not see is left direct.
+  bool NamesLateSources() const noexcept { return (mended_ & kMendOverlappedDatagram) != 0; }
   // Each address that a datagram socket talks to has a loopback port of its own, which names it. A
-  // socket can be connected to such a port only.
+  // socket can be connected to such a port only, and a late receive is known by nothing else.
   bool GivesEachPeerAPort() const noexcept {
-    return (mended_ & (kMendDatagramMatch | kMendConnectedDatagram)) != 0;
+    return (mended_ & (kMendDatagramMatch | kMendConnectedDatagram | kMendOverlappedDatagram)) != 0;
   }
 
   u32 bits() const noexcept { return mended_; }

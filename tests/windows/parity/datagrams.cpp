@@ -3,6 +3,8 @@
 
 #include <mswsock.h>
 
+#include <cstring>
+
 namespace parity {
 namespace {
 
@@ -205,11 +207,15 @@ int Begin(SOCKET s, Arrival* arrival, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine
                      &arrival->length, &arrival->pending.overlapped, routine);
 }
 
+std::string From(const Arrival& arrival) {
+  return std::string(arrival.room).append(" from ").append(Text(arrival.from));
+}
+
 std::string Ended(SOCKET s, Arrival* arrival, int result, int error) {
   WSASetLastError(error);
   const std::string end = arrival->pending.End(s, result);
   if (end.find("bytes") == std::string::npos) return end;
-  return std::string(arrival->room).append(" from ").append(Text(arrival->from));
+  return From(*arrival);
 }
 
 void ByEvents() {
@@ -245,20 +251,130 @@ void ByEvents() {
   Note("its answer", ReceiveFrom(s));
 }
 
-int g_calls;
+// Asked for in one call that waits, and in one that does not.
+void ByResults() {
+  const Socket s = NewDatagram();
+  bind(s, Of(Address("0.0.0.0", 0)), sizeof kServer);
+  Arrival one;
+  Begin(s, &one);
+  SendTo(s, "echo waits", kSecond);
+  DWORD bytes = 0;
+  WSAGetOverlappedResult(s, &one.pending.overlapped, &bytes, TRUE, &one.pending.flags);
+  Note("a result that is waited for", From(one));
+  Arrival two;
+  Begin(s, &two);
+  SendTo(s, "echo polls", kServer);
+  for (DWORD begin = GetTickCount(); GetTickCount() - begin < PatienceMs(); Sleep(10)) {
+    if (WSAGetOverlappedResult(s, &two.pending.overlapped, &bytes, FALSE, &two.pending.flags))
+      break;
+  }
+  Note("a result that is polled", From(two));
+  Arrival cut;
+  WSABUF buffer = {3, cut.room};
+  const int result = WSARecvFrom(s, &buffer, 1, nullptr, &cut.pending.flags, Of(cut.from),
+                                 &cut.length, &cut.pending.overlapped, nullptr);
+  SendTo(s, "echo a-long-word", kSecond);
+  const std::string end = cut.pending.End(s, result);
+  Note("a room that is too small", std::string(end).append(", ").append(From(cut)));
+  Arrival cancelled;
+  Begin(s, &cancelled);
+  Note("a receive of which nothing comes", cancelled.pending.End(s, SOCKET_ERROR, kQuietMs));
+  Begin(s, &cancelled);
+  SendTo(s, "echo later", kServer);
+  Note("the same once more", Ended(s, &cancelled, SOCKET_ERROR, WSA_IO_PENDING));
+}
 
-void CALLBACK OnDone(DWORD, DWORD, WSAOVERLAPPED*, DWORD) { ++g_calls; }
+// A program that waits for the event and never asks for the result.
+void ByEventsAlone() {
+  const Socket s = NewDatagram();
+  bind(s, Of(Address("0.0.0.0", 0)), sizeof kServer);
+  Arrival arrival;
+  const sockaddr_in servers[] = {kServer, kSecond, kServer};
+  const char* const names[] = {"the first by event alone", "the second by event alone",
+                               "the third by event alone"};
+  for (int i = 0; i < 3; ++i) {
+    WSAResetEvent(arrival.pending.event);
+    std::memset(arrival.room, 0, sizeof arrival.room);
+    Begin(s, &arrival);
+    SendTo(s, "echo word", servers[i]);
+    arrival.pending.event.Await();
+    Note(names[i], From(arrival));
+  }
+}
+
+int g_calls;
+Arrival* g_next;  // what the routine begins
+SOCKET g_socket;
+
+void CALLBACK OnDone(DWORD, DWORD, WSAOVERLAPPED*, DWORD) {
+  ++g_calls;
+  Arrival* const next = g_next;
+  g_next = nullptr;
+  if (next != nullptr) Begin(g_socket, next, OnDone);
+}
+
+void AwaitCalls(int calls) {
+  for (int i = 0; i < 30 && g_calls < calls; ++i) SleepEx(50, TRUE);
+}
 
 void ByRoutines() {
   const Socket s = NewDatagram();
   bind(s, Of(Address("0.0.0.0", 0)), sizeof kServer);
   Arrival arrival;
+  Arrival next;
   g_calls = 0;
+  g_socket = s;
+  g_next = &next;
   Begin(s, &arrival, OnDone);
   SendTo(s, "echo word", kServer);
-  for (int i = 0; i < 30 && g_calls == 0; ++i) SleepEx(50, TRUE);
+  AwaitCalls(1);
   Note("a routine's calls", Number(static_cast<unsigned>(g_calls)));
-  Note("what it got", std::string(arrival.room).append(" from ").append(Text(arrival.from)));
+  Note("what it got", From(arrival));
+  SendTo(s, "echo next", kSecond);
+  AwaitCalls(2);
+  Note("what the one that it began got", From(next));
+  SendTo(s, "echo there", kServer);
+  Readable(s);
+  Arrival there;
+  Begin(s, &there, OnDone);
+  AwaitCalls(3);
+  Note("a routine of what is there", From(there));
+}
+
+std::string NextByPort(HANDLE port, const Arrival& wanted) {
+  DWORD bytes = 0;
+  ULONG_PTR key = 0;
+  OVERLAPPED* done = nullptr;
+  const BOOL good = GetQueuedCompletionStatus(port, &bytes, &key, &done, PatienceMs());
+  if (done == nullptr) return "nothing";
+  return good && done == &wanted.pending.overlapped ? From(wanted) : "another one";
+}
+
+// Of a socket that has exchanged datagrams before, and of a connected one.
+void ByAPortLater() {
+  const Socket s = NewDatagram();
+  SendTo(s, "echo before", kServer);
+  Note("before there is a port", ReceiveFrom(s));
+  const HANDLE port =
+      CreateIoCompletionPort(reinterpret_cast<HANDLE>(static_cast<SOCKET>(s)), nullptr, 1, 0);
+  Arrival arrival;
+  arrival.pending.overlapped.hEvent = nullptr;
+  Begin(s, &arrival);
+  SendTo(s, "echo behind", kServer);
+  Note("with one", NextByPort(port, arrival));
+  CloseHandle(port);
+  const Socket connected = NewDatagram();
+  connect(connected, Of(kServer), sizeof kServer);
+  Send(connected, "echo before");
+  Note("connected, before there is a port", Receive(connected));
+  const HANDLE other = CreateIoCompletionPort(
+      reinterpret_cast<HANDLE>(static_cast<SOCKET>(connected)), nullptr, 1, 0);
+  Arrival late;
+  late.pending.overlapped.hEvent = nullptr;
+  Begin(connected, &late);
+  Send(connected, "echo behind");
+  Note("connected, with one", NextByPort(other, late));
+  CloseHandle(other);
 }
 
 void ByAPort() {
@@ -309,8 +425,11 @@ void ConnectedDatagrams() {
 
 void OverlappedDatagrams() {
   ByEvents();
+  ByResults();
+  ByEventsAlone();
   ByRoutines();
   ByAPort();
+  ByAPortLater();
 }
 
 }  // namespace parity
