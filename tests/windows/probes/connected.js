@@ -1,5 +1,5 @@
 // A JavaScript runtime's connected datagram socket: asks an echo server question by question, each
-// after the last answer, and writes a file about what came back and the names of both ends. Writes how
+// after the last answer, and writes a file about what came back and its peer's name. Writes how
 // long the first answer and all others took to steps.txt.
 //   connected.js OUT_FILE ADDRESS PORT COUNT
 "use strict";
@@ -15,9 +15,8 @@ let begin = Date.now();
 
 function finish(end) {
   const peer = socket.remoteAddress();
-  const own = socket.address().address;
-  const both = { peer: `${peer.address}:${peer.port}`, own };
-  fs.writeFileSync(outFile, JSON.stringify({ seen, sources: [...sources], ...both, end }));
+  const name = `${peer.address}:${peer.port}`;
+  fs.writeFileSync(outFile, JSON.stringify({ seen, sources: [...sources], peer: name, end }));
   fs.appendFileSync("steps.txt", `all-answers ${Date.now() - begin}\n`);
   process.exit(end === "whole" ? 0 : 3);
 }

@@ -1,5 +1,5 @@
 # A script runtime's connected datagram socket: asks an echo server question by question, waiting in
-# select, and prints what came back and the names of both ends. Writes how long the first answer and
+# select, and prints what came back and its peer's name. Writes how long the first answer and
 # all others took to steps.txt.
 #   connected.rb ADDRESS PORT COUNT
 require "socket"
@@ -26,4 +26,4 @@ ARGV[2].to_i.times do |number|
   start = step("first-answer", start) if number == 0
 end
 step("all-answers", start)
-puts "#{socket.addr[3]} to #{socket.peeraddr(false)[3]}:#{socket.peeraddr(false)[1]}"
+puts "the peer is #{socket.peeraddr(false)[3]}:#{socket.peeraddr(false)[1]}"

@@ -1,6 +1,6 @@
-// A JavaScript runtime's streams that end one side at a time. On the first connection it sends, ends
-// its sending and reads the answer to its end; on the second the server ends first and is still
-// heard. Writes what it saw as JSON, and how long each connection took to steps.txt.
+// A JavaScript runtime's streams that end one side at a time. On the first connection the
+// server ends first and still hears; on the second this ends its sending and reads the answer to its
+// end. Writes what it saw as JSON, and how long each connection took to steps.txt.
 //   half_close.js ADDRESS PORT SIZE
 "use strict";
 const crypto = require("crypto");
@@ -18,7 +18,6 @@ function talk(first, sendsWhen) {
     const send = () => socket.end(body);
     socket.on("connect", () => {
       seen.peer = `${socket.remoteAddress}:${socket.remotePort}`;
-      seen.own = socket.localAddress;
       socket.write(`${first} first\n`);
       if (sendsWhen === "connect") send();
     });
@@ -37,7 +36,7 @@ function talk(first, sendsWhen) {
 
 async function main() {
   const seen = [];
-  for (const [first, sendsWhen] of [["game", "connect"], ["server", "end"]]) {
+  for (const [first, sendsWhen] of [["server", "end"], ["game", "connect"]]) {
     const begin = Date.now();
     seen.push(await talk(first, sendsWhen));
     fs.appendFileSync("steps.txt", `${first}-ends-first ${Date.now() - begin}\n`);

@@ -1,7 +1,6 @@
-# A script runtime's streams that end one side at a time. On the first connection it sends, ends its
-# sending and reads the answer to its end; on the second the server ends first and is still heard; on
-# the third it sends and leaves at once. Prints what it saw, and writes how long each connection took
-# to steps.txt.
+# A script runtime's streams that end one side at a time. On the first connection the server ends
+# first and still hears; on the second this ends its sending and reads the answer to its end. Prints
+# what it saw, and writes how long each connection took to steps.txt.
 #   half_close.rb ADDRESS PORT SIZE
 require "socket"
 
@@ -18,8 +17,8 @@ def step(name)
   File.open("steps.txt", "a") { |file| file.puts("#{name} #{((Time.now - start) * 1000).to_i}") }
 end
 
-def names(socket)
-  "#{socket.addr[3]} to #{socket.peeraddr(false)[3]}:#{socket.peeraddr(false)[1]}"
+def peer(socket)
+  "the peer is #{socket.peeraddr(false)[3]}:#{socket.peeraddr(false)[1]}"
 end
 
 def told(name, answer)
@@ -27,25 +26,20 @@ def told(name, answer)
 end
 
 Socket.do_not_reverse_lookup = true
-step("game-ends-first") do
-  socket = TCPSocket.new(ADDRESS, PORT)
-  puts names(socket)
-  socket.write("game first\n" + BODY)
-  socket.close_write
-  told("game first", socket.read)
-  socket.close
-end
 step("server-ends-first") do
   socket = TCPSocket.new(ADDRESS, PORT)
-  puts names(socket)
+  puts peer(socket)
   socket.write("server first\n")
   answer = socket.read
   socket.write(BODY)
   told("server first", answer)
   socket.close
 end
-step("sends-and-leaves") do
+step("game-ends-first") do
   socket = TCPSocket.new(ADDRESS, PORT)
-  socket.write("nothing back\n" + BODY)
+  puts peer(socket)
+  socket.write("game first\n" + BODY)
+  socket.close_write
+  told("game first", socket.read)
   socket.close
 end
