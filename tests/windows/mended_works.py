@@ -7,6 +7,7 @@ import os
 import select
 import socket
 import threading
+import time
 
 import real_programs
 import support
@@ -19,6 +20,16 @@ PROBES = support.ROOT / "tests/windows/probes"
 QUIET_S = 0.5
 
 
+class Peers(set):
+    """Who has been there, and when the first came, in seconds since 1970."""
+
+    first_at = None
+
+    def add(self, peer):
+        self.first_at = self.first_at or time.time()
+        super().add(peer)
+
+
 class Streams:
     """A server of streams, each with a first line. "game first": it answers after the client's end.
     "server first": it ends its own side at once and reads on. "nothing back": it only reads."""
@@ -26,7 +37,7 @@ class Streams:
     def __init__(self, address):
         self.listener = socket.create_server((address, 0))
         self.name = f"{address}:{self.listener.getsockname()[1]}"
-        self.peers, self.heard = set(), []
+        self.peers, self.heard = Peers(), []
         threading.Thread(target=self._accept, daemon=True).start()
 
     def _accept(self):
@@ -64,7 +75,7 @@ class Datagrams:
         self.socket.bind((address, 0))
         self.name = f"{address}:{self.socket.getsockname()[1]}"
         self.echoes = echoes
-        self.peers, self.heard = set(), []
+        self.peers, self.heard = Peers(), []
         threading.Thread(target=self._receive, daemon=True).start()
 
     def _receive(self):
@@ -81,6 +92,7 @@ class Web(WebServer):
         super().__init__({"": body}, at_once=20, address=address, content_type=content_type)
         self.name = self.address
 
+        self.peers = Peers()
         self.heard = []  # its answers show in what the program does with them
 
 
@@ -143,7 +155,8 @@ class RuntimeConnected(Work):
         return Datagrams(address, echoes=True)
 
     def arguments(self):
-        return [support.windows_path(PROBES / "connected.js"), self.output, self.host, self.port, QUESTIONS]
+        script = support.windows_path(PROBES / "connected.js")
+        return [script, self.output, self.host, self.port, QUESTIONS]
 
 
 class Ruby(Work):
