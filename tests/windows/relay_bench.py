@@ -47,10 +47,12 @@ ref_default = {{ node = 'node one', decision = 'DECISION_ACCE', section2_delay =
 class Node:
     """`vyr_node`, with its events and its control port."""
 
-    def __init__(self, program):
+    def __init__(self, program, address=NODE, control_port=7101, options=()):
         self.events = []
+        self.control = ("127.0.0.1", control_port)
         self.process = subprocess.Popen(
-            [program, "--listen", f"{NODE}:{NODE_PORT}", "--control", "127.0.0.1:7101"],
+            [program, "--listen", f"{address}:{NODE_PORT}", "--control", f"127.0.0.1:{control_port}",
+             *options],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True,
         )  # fmt: skip
         first = json.loads(self.process.stdout.readline())
@@ -69,7 +71,7 @@ class Node:
         return [line["game"] for line in self.named("request")]
 
     def command(self, **command):
-        with socket.create_connection(("127.0.0.1", 7101), timeout=support.LONGEST_RUN_S) as control:
+        with socket.create_connection(self.control, timeout=support.LONGEST_RUN_S) as control:
             control.sendall(json.dumps(command).encode() + b"\n")
             return json.loads(control.makefile().readline())
 
@@ -79,17 +81,19 @@ class Node:
 
 
 class Bench:
-    """`games` are the paths of the programs to be served, `tables` is the client's file for them."""
+    """`games` are the paths of the programs to be served, `tables` is the client's file for them.
+    Without `first_node` the test starts its nodes itself."""
 
-    def __init__(self, arguments, runner, games, log_level=0, tables=GAMES):
+    def __init__(self, arguments, runner, games, log_level=0, tables=GAMES, first_node=True):
         if support.DRIVE_C is None:
             support.skip("this runs in the test bed only")
         if not arguments.node.exists():
             support.skip(f"no node at {arguments.node}; the posix preset builds it")
         self.runner = runner
         self.running = contextlib.ExitStack()
-        self.node = Node(arguments.node)
-        self.running.callback(self.node.end)
+        if first_node:
+            self.node = Node(arguments.node)
+            self.running.callback(self.node.end)
         self.logs = runner.folder / "logs"
         self.logs.mkdir()
         self._serve_tables(games, log_level, tables)

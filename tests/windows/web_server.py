@@ -11,7 +11,8 @@ class WebServer:
     """Serves bodies by path (the one named "" at all other paths), hashes posted data, and records the
     peers."""
 
-    def __init__(self, bodies, taken=b"taken", at_once=5):
+    def __init__(self, bodies, taken=b"taken", at_once=5, address=relay_bench.SERVER,
+                 content_type="application/octet-stream"):  # fmt: skip
         bench = self
         self.uploads = []
         self.peers = set()
@@ -20,6 +21,7 @@ class WebServer:
             def answer(self, content):
                 bench.peers.add(self.client_address[0])
                 self.send_response(200)
+                self.send_header("Content-Type", content_type)
                 self.send_header("Content-Length", str(len(content)))
                 self.end_headers()
                 self.wfile.write(content)
@@ -38,6 +40,6 @@ class WebServer:
         class HttpServer(http.server.ThreadingHTTPServer):
             request_queue_size = at_once
 
-        self.server = HttpServer((relay_bench.SERVER, 0), Handler)
-        self.address = f"{relay_bench.SERVER}:{self.server.server_port}"
+        self.server = HttpServer((address, 0), Handler)
+        self.address = f"{address}:{self.server.server_port}"
         threading.Thread(target=self.server.serve_forever, daemon=True).start()
