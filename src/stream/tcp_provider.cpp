@@ -1,8 +1,6 @@
 // The listener, the sessions' registration and their end.
 #include "stream/tcp_provider.h"
 
-#include <algorithm>
-
 #include "common/function_trace.h"
 #include "common/log.h"
 #include "relay/node_choice.h"
@@ -202,25 +200,21 @@ bool TcpProvider::ConnectToRemoteServer(TcpSession* session) noexcept {
 void TcpProvider::CloseObsoleteSession(TcpSession* session) noexcept {
   const SOCKET local_socket = session->local_socket();
   const SOCKET remote_socket = session->remote_socket();
-  const u16 port = session->game_socket_port();
   const u32 token = session->token();
-  const bool is_reset = session->is_reset();
   session->CloseTries();
-  const auto found = std::find_if(sessions_.begin(), sessions_.end(),
-                                  [&](const auto& entry) { return entry.get() == session; });
-  if (found != sessions_.end()) sessions_.erase(found);  // ends the session
   LSP_LOG(4,
           "[TCP]CloseObsoleteSession, remove session, port=%d, local_socket=%Id, "
           "remote_socket=%Id, token=%u",
-          ntohs(port), local_socket, remote_socket, token);
+          ntohs(session->game_socket_port()), local_socket, remote_socket, token);
   for (const SOCKET socket : {local_socket, remote_socket}) {
     if (socket == INVALID_SOCKET) continue;
     socket_mgr_->RemoveSocket(socket);
-    if (is_reset) ResetAtClose(socket);
+    if (session->is_reset()) ResetAtClose(socket);
     LSP_LOG(4, "[TCP]CloseObsoleteSession, about to close socket=%Id, token=%u", socket, token);
     closesocket(socket);
   }
   if (remote_socket != INVALID_SOCKET) GetTracker().RemoveFromWatchList(remote_socket);
+  std::erase_if(sessions_, [session](const auto& entry) { return entry.get() == session; });
 }
 
 void TcpProvider::OnUpdate(u32 elapsed_ms) noexcept {

@@ -105,12 +105,9 @@ bool TcpSession::ChangeAcclServer() noexcept {
 
 bool TcpSession::CreateRemoteSocket() noexcept {
   if (remote_.socket != INVALID_SOCKET) {
-    provider_->SessionMgr()->RemoveSocket(remote_.socket);
     LSP_LOG(4, "[TCP]CreateRemoteSocket, about to close socket=%Id, token=%u", remote_.socket,
             token_);
-    closesocket(remote_.socket);
-    GetTracker().RemoveFromWatchList(remote_.socket);
-    remote_.socket = INVALID_SOCKET;
+    CloseSocket(&remote_);
   }
   if (OpenRemoteSocket()) return true;
   LSP_LOG(4, "[TCP]ERROR TcpProvider::CreateRemoteSocket. Fail to create socket, token=%u", token_);
