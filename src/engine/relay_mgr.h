@@ -15,7 +15,6 @@
 
 #include "common/lock.h"
 #include "common/types.h"
-#include "relay/net_provider.h"
 #include "relay/relay_interfaces.h"
 #include "relay/socket_sets.h"
 #include "stream/tcp_provider.h"

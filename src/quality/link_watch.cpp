@@ -44,9 +44,17 @@ void LinkWatch::Start(const SpeedTestParam& param, std::string_view guid, const 
   if (on_trial) probes_.HighFreqTest();  // such a link gets no time to settle
 }
 
+// A burst is judged as its last probe is sent: answers still on their way do not count. A link on
+// trial has hardly closed a slot by then, so the running one is included. A judge that may not
+// measure the link gives no verdict on it.
 LinkRequest LinkWatch::OnUpdate(u32 elapsed_ms, bool probing) noexcept {
   while (probing && probes_.StepSpeedTest()) {
-    if (const LinkRequest request = JudgeBurst(); request != LinkRequest::kNone) return request;
+    u32 need = 0, real = 0;
+    judge_.GetRealRouteLost(&need, &real, on_trial_);
+    const std::optional<bool> lost = judge_.TryFireRealRouteLost();
+    if (!lost) continue;
+    if (on_trial_) return *lost ? LinkRequest::kReject : LinkRequest::kAccept;
+    if (*lost && judge_.Report() == LinkRequest::kSwitch) return LinkRequest::kSwitch;
   }
   if (!judge_.OnUpdate() || on_trial_) return LinkRequest::kNone;
   if (high_freq_timer_ms_ < judge_.config().lost_calc_unit_size) {
@@ -56,18 +64,6 @@ LinkRequest LinkWatch::OnUpdate(u32 elapsed_ms, bool probing) noexcept {
   high_freq_timer_ms_ = 0;
   if (WantsHighFreqTest()) probes_.HighFreqTest();
   return LinkRequest::kNone;
-}
-
-// Called as the last probe is sent: answers still on their way do not count. A link on trial has
-// hardly closed a slot by then, so the running one is included. A judge that may not measure the
-// link gives no verdict on it.
-LinkRequest LinkWatch::JudgeBurst() noexcept {
-  u32 need = 0, real = 0;
-  judge_.GetRealRouteLost(&need, &real, on_trial_);
-  const std::optional<bool> lost = judge_.TryFireRealRouteLost();
-  if (!lost) return LinkRequest::kNone;
-  if (on_trial_) return *lost ? LinkRequest::kReject : LinkRequest::kAccept;
-  return *lost ? judge_.Report() : LinkRequest::kNone;
 }
 
 LinkRequest LinkWatch::OnReply(ProbeReply* reply) noexcept {

@@ -71,7 +71,6 @@ class LinkWatch {
   void SwitchAnswered(bool begun) noexcept { judge_.SwitchAnswered(begun); }
 
  private:
-  LinkRequest JudgeBurst() noexcept;
   bool WantsHighFreqTest() noexcept;
 
   RecoverySwitch judge_;

@@ -1,7 +1,7 @@
-// The relay of one protocol: named events for each side, a start and an end.
+// The relay of one protocol, as far as both are alike: it is the delegate of a local socket that
+// the game reaches over the loopback interface.
 //
-// The local side faces the game over the loopback interface, the remote side a node or the game
-// server. Worker thread; GetLocalAddr from any thread, at any time. Nothing throws.
+// Worker thread; GetLocalAddr from any thread, at any time. Nothing throws.
 #pragma once
 #include <winsock2.h>
 
@@ -14,40 +14,33 @@ namespace moru_vyr::lsp {
 
 class Route;
 
-// A provider overrides what it needs.
-class INetProvider {
+class NetProvider : public IRelaySocketDelegate {
  public:
-  virtual ~INetProvider() = default;
-  virtual void OnLocalServerAcceptable(SOCKET) noexcept {}
-  virtual void OnLocalReadable(SOCKET) noexcept {}
-  virtual void OnLocalWritable(SOCKET) noexcept {}
-  virtual void OnLocalExcpetion(SOCKET) noexcept {}  // Kept: the log has the name, spelled so
-  virtual void OnLocalClose(SOCKET) noexcept {}
-  virtual void OnRemoteReadable(SOCKET) noexcept {}
-  virtual void OnRemoteWritable(SOCKET) noexcept {}
-  virtual void OnRemoteExcpetion(SOCKET) noexcept {}
-  virtual void OnRemoteClose(SOCKET) noexcept {}
-  // Makes the local socket. False: the provider is not started.
-  virtual bool OnCreateLocalServer() noexcept { return true; }
-  virtual void OnCloseLocalServer() noexcept {}
-  virtual void OnUpdate(u32 /*elapsed_ms*/) noexcept {}
-};
-
-class NetProvider : public INetProvider {
- public:
-  virtual void Start() noexcept;
-  virtual void Shutdown() noexcept;
-
   // Starts the provider; returns whether it runs. Neither pointer is owned.
-  bool Init(IRelaySocketMgr* mgr, Route* route) noexcept;
-  void Uninit() noexcept { Shutdown(); }
-  bool IsRunning() const noexcept { return running_; }
+  bool Init(IRelaySocketMgr* mgr, Route* route) noexcept {
+    socket_mgr_ = mgr;
+    route_ = route;
+    return OnCreateLocalServer();
+  }
 
   // 127.0.0.1 and the local socket's port. Nothing for a null `out`.
-  void GetLocalAddr(sockaddr_in* out) const noexcept;
+  void GetLocalAddr(sockaddr_in* out) const noexcept {
+    if (out == nullptr) return;
+    *out = {};
+    out->sin_family = AF_INET;
+    out->sin_port = local_port_.load(std::memory_order_relaxed);
+    out->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  }
+
+  // The local socket is only read.
+  void OnWritable(SOCKET) noexcept override {}
+  void OnException(SOCKET) noexcept override {}
+  void OnClose(SOCKET) noexcept override {}
 
  protected:
-  bool running_ = false;
+  // Makes the local socket. False: the provider is not started.
+  virtual bool OnCreateLocalServer() noexcept = 0;
+
   IRelaySocketMgr* socket_mgr_ = nullptr;
   Route* route_ = nullptr;
   SOCKET local_socket_ = 0;  // the listener, or the datagram socket

@@ -62,7 +62,9 @@ int TcpNegotiation::ParseTcpNegotiation(AccDecisionInfo* decision, u32* reason) 
     *reason = kNegoBadHeader;
     return -1;
   }
-  if (const int result = RspTcpNegotiationBody(); result != 0) {
+  int received = 0;
+  if (const int result = Receive(received_ + kHeaderSize, pkg_len - kHeaderSize, &received);
+      result != 0) {
     LSP_LOG(4, "[TCP]Failed to received Negotiation body");
     *reason = kNegoReceiveFailed;
     return result;
@@ -117,11 +119,6 @@ int TcpNegotiation::RspTcpNegotiationHead() noexcept {
     return -1;
   }
   return 0;
-}
-
-int TcpNegotiation::RspTcpNegotiationBody() noexcept {
-  int received = 0;
-  return Receive(received_ + kHeaderSize, response_.header.pkg_len - kHeaderSize, &received);
 }
 
 }  // namespace moru_vyr::lsp

@@ -36,7 +36,6 @@ class TcpNegotiation {
  private:
   int Receive(u8* to, int size, int* received) noexcept;
   int RspTcpNegotiationHead() noexcept;
-  int RspTcpNegotiationBody() noexcept;
 
   SOCKET socket_ = INVALID_SOCKET;  // of the last request that went out
   u32 token_ = 0;

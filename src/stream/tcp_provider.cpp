@@ -1,8 +1,6 @@
 // The listener, the sessions' registration and their end.
 #include "stream/tcp_provider.h"
 
-#include <algorithm>
-
 #include "common/function_trace.h"
 #include "common/log.h"
 #include "relay/node_choice.h"
@@ -22,20 +20,8 @@ bool ForgetsFailed() noexcept { return GetMending().ForgetsFailedConnects(); }
 
 }  // namespace
 
-TcpProvider::TcpProvider() : local_addrs_(1) {
-  local_relay_socket_.SetProvider(this);
-  remote_relay_socket_.SetProvider(this);
-}
-
 bool TcpProvider::OnCreateLocalServer() noexcept {
   common::FunctionTrace trace("moru_vyr::lsp::TcpProvider::OnCreateLocalServer");
-  std::unique_ptr<TcpServerSocket> server;
-  try {
-    server = std::make_unique<TcpServerSocket>();
-  } catch (...) {
-    return false;
-  }
-  server->SetProvider(this);
   u16 port = 0;
   if (!CreateTcpSocketAndBind(&local_socket_, &port)) return false;
   local_port_.store(port, std::memory_order_relaxed);
@@ -44,7 +30,7 @@ bool TcpProvider::OnCreateLocalServer() noexcept {
     CloseRelaySocket(local_socket_);
     return false;
   }
-  socket_mgr_->AddSocket(local_socket_, server.release());
+  socket_mgr_->AddSocket(local_socket_, this);
   const int result = listen(local_socket_, SOMAXCONN);
   const int error = WSAGetLastError();
   LSP_LOG(4, "[TCP] OnCreateLocalServer listen return=%d, err=%d", result, error);
@@ -66,12 +52,10 @@ bool TcpProvider::AddLocalAddr(u16 port) noexcept {
 }
 
 // Kept: sessions stay as they are, with their sockets open, until the process ends.
-void TcpProvider::OnCloseLocalServer() noexcept {
+void TcpProvider::Uninit() noexcept {
   LSP_LOG(0, "[TCP] TcpProvider::OnCloseLocalServer. socket=%Id", local_socket_);
   CloseRelaySocket(local_socket_);
-  if (socket_mgr_ != nullptr) {
-    const std::unique_ptr<IRelaySocketDelegate> server(socket_mgr_->RemoveSocket(local_socket_));
-  }
+  if (socket_mgr_ != nullptr) socket_mgr_->RemoveSocket(local_socket_);
   local_socket_ = INVALID_SOCKET;
   local_port_.store(0, std::memory_order_relaxed);
 }
@@ -145,7 +129,7 @@ bool TcpProvider::CreateNewSession(u16 port, const sockaddr_in& addr, u32 token)
   }
 }
 
-void TcpProvider::OnLocalServerAcceptable(SOCKET listen_socket) noexcept {
+void TcpProvider::OnReadable(SOCKET listen_socket) noexcept {
   sockaddr_in addr = {};
   int size = sizeof addr;
   const SOCKET accepted = accept(listen_socket, reinterpret_cast<sockaddr*>(&addr), &size);
@@ -177,7 +161,6 @@ void TcpProvider::OnLocalServerAcceptable(SOCKET listen_socket) noexcept {
   LSP_LOG(4, "[TCP]OnLocalServerAcceptable. peer_port=%d, local_port=%d, socket=%Id, token=%u",
           ntohs(peer_port), ntohs(addr.sin_port), accepted, session->token());
   session->SetLocalSocket(accepted);
-  socket_mgr_->AddSocket(accepted, &local_relay_socket_);
   // Kept: where this fails the session stays, and ends when the game closes.
   ConnectToRemoteServer(session);
 }
@@ -201,46 +184,37 @@ TcpSession* TcpProvider::Adopt(u16 peer_port) noexcept {
 }
 
 bool TcpProvider::ConnectToRemoteServer(TcpSession* session) noexcept {
-  if (session == nullptr) return false;
-  SOCKET remote = INVALID_SOCKET;
-  if (!CreateNonBlockTcpSocket(&remote)) {
+  if (!session->OpenRemoteSocket()) {
     LSP_LOG(4, "[TCP]ConnectToRemoteServer failed to create socket, token=%u", session->token());
     return false;
   }
-  GetTracker().AddToWatchList(remote, kTrackTcp, session->token());
-  session->SetRemoteSocket(remote);
+  const SOCKET remote = session->remote_socket();
   session->DecideRemoteAddr();
   LSP_LOG(4, "[TCP]ConnectToRemoteServer remote socket=%Id, token=%u", remote, session->token());
-  socket_mgr_->AddSocket(remote, &remote_relay_socket_);
   if (session->Connect() || session->TakeAnotherWay()) return true;
   LSP_LOG(4, "[TCP]ConnectToRemoteServer failed. socket=%Id, token=%u", remote, session->token());
-  CloseObsoleteSession(session, session->GiveUp());
+  if (!session->GiveUp()) CloseObsoleteSession(session);
   return false;
 }
 
-void TcpProvider::CloseObsoleteSession(TcpSession* session, u32 verdict) noexcept {
-  if (verdict != kCloseSession || session == nullptr) return;
+void TcpProvider::CloseObsoleteSession(TcpSession* session) noexcept {
   const SOCKET local_socket = session->local_socket();
   const SOCKET remote_socket = session->remote_socket();
-  const u16 port = session->game_socket_port();
   const u32 token = session->token();
-  const bool is_reset = session->is_reset();
   session->CloseTries();
-  const auto found = std::find_if(sessions_.begin(), sessions_.end(),
-                                  [&](const auto& entry) { return entry.get() == session; });
-  if (found != sessions_.end()) sessions_.erase(found);  // ends the session
   LSP_LOG(4,
           "[TCP]CloseObsoleteSession, remove session, port=%d, local_socket=%Id, "
           "remote_socket=%Id, token=%u",
-          ntohs(port), local_socket, remote_socket, token);
+          ntohs(session->game_socket_port()), local_socket, remote_socket, token);
   for (const SOCKET socket : {local_socket, remote_socket}) {
     if (socket == INVALID_SOCKET) continue;
     socket_mgr_->RemoveSocket(socket);
-    if (is_reset) ResetAtClose(socket);
+    if (session->is_reset()) ResetAtClose(socket);
     LSP_LOG(4, "[TCP]CloseObsoleteSession, about to close socket=%Id, token=%u", socket, token);
     closesocket(socket);
   }
   if (remote_socket != INVALID_SOCKET) GetTracker().RemoveFromWatchList(remote_socket);
+  std::erase_if(sessions_, [session](const auto& entry) { return entry.get() == session; });
 }
 
 void TcpProvider::OnUpdate(u32 elapsed_ms) noexcept {
@@ -248,7 +222,7 @@ void TcpProvider::OnUpdate(u32 elapsed_ms) noexcept {
     session->OnUpdate(elapsed_ms);
     if (session->IsObsolete()) obsolete_sessions_.push_back(session.get());
   }
-  for (TcpSession* const session : obsolete_sessions_) CloseObsoleteSession(session, kCloseSession);
+  for (TcpSession* const session : obsolete_sessions_) CloseObsoleteSession(session);
   obsolete_sessions_.clear();
 }
 

@@ -15,14 +15,13 @@
 #include "common/lock.h"
 #include "common/types.h"
 #include "relay/net_provider.h"
-#include "relay/relay_sockets.h"
 #include "stream/tcp_session.h"
 
 namespace moru_vyr::lsp {
 
 class TcpProvider final : public NetProvider {
  public:
-  TcpProvider();
+  TcpProvider() : local_addrs_(1) {}
 
   // Prepares a connection of the game's `socket`, which is bound to `port` (network order), to
   // `addr`. On true the caller connects the socket to *out_addr, which stays valid. May wait for as
@@ -38,43 +37,31 @@ class TcpProvider final : public NetProvider {
 
   // For the sessions.
   IRelaySocketMgr* SessionMgr() const noexcept { return socket_mgr_; }
-  RemoteRelaySocket* RemoteRelaySocketOf() noexcept { return &remote_relay_socket_; }
   Route* SessionRoute() const noexcept { return route_; }
 
   bool ConnectToRemoteServer(TcpSession* session) noexcept;
-  // On a verdict to close, ends the session and closes its sockets; otherwise nothing.
-  void CloseObsoleteSession(TcpSession* session, u32 verdict) noexcept;
+  // Ends the session and closes its sockets.
+  void CloseObsoleteSession(TcpSession* session) noexcept;
 
-  bool OnCreateLocalServer() noexcept override;
-  void OnCloseLocalServer() noexcept override;
-  void OnLocalServerAcceptable(SOCKET listen_socket) noexcept override;
-  void OnLocalReadable(SOCKET socket) noexcept override;
-  void OnLocalWritable(SOCKET socket) noexcept override;
-  void OnLocalExcpetion(SOCKET socket) noexcept override;
-  void OnLocalClose(SOCKET socket) noexcept override;
-  void OnRemoteReadable(SOCKET socket) noexcept override;
-  void OnRemoteWritable(SOCKET socket) noexcept override;
-  void OnRemoteExcpetion(SOCKET socket) noexcept override;
-  void OnRemoteClose(SOCKET socket) noexcept override;
-  void OnUpdate(u32 elapsed_ms) noexcept override;
+  void Uninit() noexcept;
+  void OnReadable(SOCKET listen_socket) noexcept override;  // a connection of the game's is there
+  void OnUpdate(u32 elapsed_ms) noexcept;
 
  private:
+  bool OnCreateLocalServer() noexcept override;
   bool CreateNewSession(u16 port, const sockaddr_in& addr, u32 token) noexcept;
   void ForgetOther(u16 port, u32 token) noexcept;
   bool AddLocalAddr(u16 port) noexcept;
   TcpSession* Adopt(u16 peer_port) noexcept;
-  // Null: no session has that socket on that side.
-  TcpSession* FindBy(SOCKET (TcpSession::*of)() const noexcept, SOCKET socket) const noexcept;
-  TcpSession* FindRemote(SOCKET socket) const noexcept;
 
   // The listener's addresses, the latest at the front. Guard: each start adds its own and none is
   // ever changed or freed: threads connect by the address that they were given, even if it is that
   // of an earlier start.
   std::forward_list<sockaddr_in> local_addrs_;  // guarded by pending_lock_
 
-  // In the order of their accepts, so that equal runs serve them in equal order. Each event
-  // searches them in order. There may be more than the sets can poll: a session whose sockets found
-  // no place there is accepted all the same, and waits until places become free.
+  // In the order of their accepts, so that equal runs serve them in equal order. There may be more
+  // than the sets can poll: a session whose sockets found no place there is accepted all the same,
+  // and waits until places become free.
   std::vector<std::unique_ptr<TcpSession>> sessions_;
   std::vector<TcpSession*> obsolete_sessions_;  // within one OnUpdate; has room for all
 
@@ -82,9 +69,6 @@ class TcpProvider final : public NetProvider {
   // connect, so it is the outermost of all locks, and nothing may be held when it is taken.
   common::Mutex pending_lock_;
   std::map<u16, std::unique_ptr<TcpSession>> pending_sessions_;  // by port, network order
-
-  LocalRelaySocket local_relay_socket_;
-  RemoteRelaySocket remote_relay_socket_;
 };
 
 }  // namespace moru_vyr::lsp

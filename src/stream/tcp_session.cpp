@@ -1,10 +1,13 @@
 // The course of a session: what each event means in each of its states.
 #include "stream/tcp_session.h"
 
+#include <utility>
+
 #include "common/log.h"
 #include "common/net_text.h"
 #include "relay/node_choice.h"
 #include "route/route.h"
+#include "sockets/socket_helpers.h"
 #include "stream/tcp_provider.h"
 #include "tracker/tracker.h"
 
@@ -13,8 +16,6 @@ namespace {
 
 constexpr u32 kHalfCloseLimitMs = 300'000;
 constexpr u32 kFarewellMs = 200;  // in which the system sends the last bytes on their way
-
-u32 Verdict(bool keep) noexcept { return keep ? kKeepSession : kCloseSession; }
 
 }  // namespace
 
@@ -25,6 +26,18 @@ void TcpSession::SetGame(u16 port, const sockaddr_in& server) noexcept {
   game_socket_port_ = port;
   game_ip_ = server.sin_addr.s_addr;
   game_port_ = server.sin_port;
+}
+
+void TcpSession::SetLocalSocket(SOCKET socket) noexcept {
+  local_.socket = socket;
+  provider_->SessionMgr()->AddSocket(socket, &local_);
+}
+
+bool TcpSession::OpenRemoteSocket() noexcept {
+  if (!CreateNonBlockTcpSocket(&remote_.socket)) return false;
+  GetTracker().AddToWatchList(remote_.socket, kTrackTcp, token_);
+  provider_->SessionMgr()->AddSocket(remote_.socket, &remote_);
+  return true;
 }
 
 void TcpSession::DecideRemoteAddr() noexcept {
@@ -60,7 +73,7 @@ bool TcpSession::Connect() noexcept {
   const int result =
       connect(remote_.socket, reinterpret_cast<const sockaddr*>(&target), sizeof target);
   const int error = WSAGetLastError();
-  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->EnableWrite(remote_.socket);
+  provider_->SessionMgr()->EnableWrite(remote_.socket);
   if (result == SOCKET_ERROR && error != WSAEWOULDBLOCK) {
     LSP_LOG(0, "[TCP]connect [%s] server failed. err=%d, socket=%Id, token=%u",
             use_acc_ ? "proxy" : "game", error, remote_.socket, token_);
@@ -70,65 +83,23 @@ bool TcpSession::Connect() noexcept {
   return true;
 }
 
-u32 TcpSession::HandleLocalReadable() noexcept {
-  bool keep = DoLocalRead();
-  // In any other state the bytes wait.
-  if (keep && state_ == TcpState::Relaying) keep = DoRemoteWrite();
-  return Verdict(keep);
-}
-
-u32 TcpSession::HandleRemoteReadable() noexcept {
-  switch (state_) {
-    case TcpState::Relaying:
-      return Verdict(DoRemoteRead() && DoLocalWrite());
-    case TcpState::Negotiating:
-      return Verdict(FinishNegotiation());
-    case TcpState::Connecting:
-      return kKeepSession;  // the writable event, which follows, is the one that counts
-    default:
-      return kCloseSession;
-  }
-}
-
-u32 TcpSession::HandleRemoteWritable() noexcept {
-  switch (state_) {
-    case TcpState::Connecting:
-      LSP_LOG(4, "[TCP]TcpSession::HandleRemoteWritable, connection is successful. token=%u",
-              token_);
-      if (use_acc_) {
-        state_ = TcpState::Negotiating;
-        return Verdict(StartNegotiation() || LeaveNode(kNegoSendFailed) || Resume(false));
-      }
-      WinRace();
-      return Verdict(DoRemoteWrite());
-    case TcpState::Relaying:
-      return Verdict(DoRemoteWrite());
-    default:
-      // Kept: so a request that would have blocked ends the session. It was never sent.
-      return kCloseSession;
-  }
-}
-
 bool TcpSession::TakeAnotherWay() noexcept { return LeaveNode(kNegoUnreachable); }
 
-u32 TcpSession::GiveUp() noexcept {
+bool TcpSession::GiveUp() noexcept {
   NoteReset(WSAECONNREFUSED);
-  return is_reset_ ? kCloseSession : kNoAction;
+  return !is_reset_;
 }
 
-// Kept: a connect that the network refuses ends the connection. Only time and a node's answer
-// lead to another try.
-u32 TcpSession::HandleConnectFailure() noexcept {
-  if (state_ != TcpState::Connecting) {
-    LSP_LOG(4, "[TCP]HandleConnectFailure. state mismatched, cur state=%d, token=%u",
-            static_cast<int>(state_), token_);
-    return kNoAction;
+// A way that was put forward goes back, unless it has won or failed: then another has come into its
+// place. One that ends without ending the session is closed.
+void TcpSession::Conclude(bool keep) noexcept {
+  TcpTry* const place = std::exchange(put_forward_, nullptr);
+  if (place != nullptr && place->socket != INVALID_SOCKET) {
+    Exchange(place);
+    if (!keep) CloseTry(place);
+  } else if (!keep) {
+    provider_->CloseObsoleteSession(this);
   }
-  LSP_LOG(4, "[TCP]HandleConnectFailure. Connection Failed, token=%u", token_);
-  if (LeaveNode(kNegoUnreachable) || Resume(false)) return kKeepSession;
-  state_ = TcpState::Failed;
-  GiveUp();
-  return kCloseSession;
 }
 
 // A game that has closed its socket looks as if it had ended its sending only. Where its server
@@ -152,7 +123,7 @@ void TcpSession::OnUpdate(u32 elapsed_ms) noexcept {
   }
   // Kept: nobody is told if this fails. The session ends with the far side's next event, or with
   // the game's close.
-  if (!OnAnswerOverdue() && GiveUp() == kCloseSession) {
+  if (!OnAnswerOverdue() && !GiveUp()) {
     local_.sock_deleteing = remote_.sock_deleteing = true;
   }
 }

@@ -12,25 +12,21 @@
 //
 // Created on the application's thread, used by the worker alone after its accept. The provider owns
 // it, and closes its sockets when it ends. Addresses and ports are in network order. Nothing
-// throws. Handlers return a close verdict.
+// throws. What handles an event returns whether the session goes on.
 #pragma once
 #include <winsock2.h>
 
 #include "abi/acc_decision_info.h"
 #include "common/types.h"
 #include "protocol/session_guid.h"
+#include "relay/relay_interfaces.h"
 #include "stream/block_buffer.h"
 #include "stream/tcp_negotiation.h"
 
 namespace moru_vyr::lsp {
 
 class TcpProvider;
-
-enum CloseVerdict : u32 {
-  kKeepSession = 0,
-  kNoAction = 1,
-  kCloseSession = 2,
-};
+class TcpSession;
 
 enum class TcpState : u32 {
   Created,      // waiting for its accept
@@ -41,8 +37,12 @@ enum class TcpState : u32 {
   Failed,  // a failure is being handled, or nothing more will be done
 };
 
-// One of the two sockets that a session joins, and the data that it is still to get.
-struct TcpSide {
+// One of the two sockets that a session joins, which it serves as its delegate, and the data that
+// it is still to get.
+struct TcpSide : IRelaySocketDelegate {
+  TcpSide(TcpSession* owner, bool remote) noexcept : session(*owner), is_remote(remote) {}
+
+  TcpSession& session;
   const bool is_remote;  // the Tracker watches it, and the log names it
   SOCKET socket = INVALID_SOCKET;
   bool sock_deleteing = false;  // the side is finished; its socket may still be open
@@ -50,10 +50,11 @@ struct TcpSide {
   bool at_end = false;          // it will send nothing more, and may still receive
   bool held_back = false;       // it is not read: there is no room for its bytes
   bool told_end = false;        // it has been told that the other side is at its end
-  BlockBuffer owed{};           // filled by reading the other side, drained by writing to this one
+  BlockBuffer owed;             // filled by reading the other side, drained by writing to this one
 };
 
 // A way to the far side that is under way beside the latest one. Only where falling back is fast.
+// The remote side is the delegate of its socket, since the two may change places.
 struct TcpTry {
   SOCKET socket = INVALID_SOCKET;  // INVALID_SOCKET: there is none here
   TcpState state = TcpState::Created;
@@ -71,8 +72,9 @@ class TcpSession {
   // The address that the game asked for, and the port from which it asked.
   void SetGame(u16 port, const sockaddr_in& server) noexcept;
   // The accepted socket of the connection to the listener.
-  void SetLocalSocket(SOCKET socket) noexcept { local_.socket = socket; }
-  void SetRemoteSocket(SOCKET socket) noexcept { remote_.socket = socket; }
+  void SetLocalSocket(SOCKET socket) noexcept;
+  // Makes the remote one. False on failure.
+  bool OpenRemoteSocket() noexcept;
 
   // Asks the route policy where the remote socket should connect.
   void DecideRemoteAddr() noexcept;
@@ -80,17 +82,8 @@ class TcpSession {
   bool Connect() noexcept;
   // After a connect that failed at once. Whether there is another way, which is under way then.
   bool TakeAnotherWay() noexcept;
-  // What the end of all ways means.
-  u32 GiveUp() noexcept;
-
-  u32 HandleLocalReadable() noexcept;
-  u32 HandleRemoteReadable() noexcept;
-  u32 HandleRemoteWritable() noexcept;
-  u32 HandleConnectFailure() noexcept;
-  // Calls one of these three for an event of that socket: the remote one, or that of another way.
-  u32 HandleRemote(SOCKET socket, u32 (TcpSession::*handle)() noexcept) noexcept;
-  // Sends the game the data that waits for it. False: the session is to be closed.
-  bool DoLocalWrite() noexcept;
+  // All ways have failed. Whether the session goes on all the same.
+  bool GiveUp() noexcept;
 
   void OnUpdate(u32 elapsed_ms) noexcept;
   // Whether both sides have ended, and long enough ago for the last bytes to have been sent.
@@ -98,8 +91,7 @@ class TcpSession {
   // Whether one side reset its connection, and the other is to see the same.
   bool is_reset() const noexcept { return is_reset_; }
 
-  // Whether the socket is that of a way beside the latest.
-  bool HasTry(SOCKET socket) const noexcept;
+  // Closes the ways beside the latest.
   void CloseTries() noexcept;
 
   SOCKET local_socket() const noexcept { return local_.socket; }
@@ -109,6 +101,24 @@ class TcpSession {
   void set_state(TcpState state) noexcept { state_ = state; }
 
  private:
+  // tcp_session_events.cpp
+  struct LocalSide final : TcpSide {
+    using TcpSide::TcpSide;
+    void OnReadable(SOCKET from) noexcept override;
+    void OnWritable(SOCKET to) noexcept override;
+    void OnException(SOCKET of) noexcept override;
+    void OnClose(SOCKET of) noexcept override;
+  };
+  struct RemoteSide final : TcpSide {
+    using TcpSide::TcpSide;
+    void OnReadable(SOCKET from) noexcept override;
+    void OnWritable(SOCKET to) noexcept override;
+    void OnException(SOCKET of) noexcept override;
+    void OnClose(SOCKET of) noexcept override;
+  };
+
+  // The end of an event. Unless the session goes on, it is gone afterwards.
+  void Conclude(bool keep) noexcept;
   // No connect is under way and none will follow, so what the game sends can never leave.
   bool IsGivenUp() const noexcept;
   void LimitHalfClose(u32 elapsed_ms) noexcept;
@@ -126,6 +136,7 @@ class TcpSession {
   void TargetSelectedProxy() noexcept;
 
   // tcp_session_race.cpp
+  bool PutForward(SOCKET socket) noexcept;
   u32 AnswerLimitMs() const noexcept;
   bool OnAnswerOverdue() noexcept;
   bool Resume(bool in_time) noexcept;
@@ -136,8 +147,6 @@ class TcpSession {
   void CloseTry(TcpTry* ended) noexcept;
 
   // tcp_session_transfer.cpp
-  bool DoLocalRead() noexcept;
-  bool DoRemoteRead() noexcept;
   bool DoRemoteWrite() noexcept;
   bool Read(TcpSide* from, TcpSide* to) noexcept;
   bool Write(TcpSide* to, TcpSide* from) noexcept;
@@ -156,9 +165,9 @@ class TcpSession {
   u32 remote_ip_ = 0;  // what the remote socket connects to
   u16 remote_port_ = 0;
   u16 game_socket_port_ = 0;
-  TcpSide local_{.is_remote = false};  // towards the game
-  TcpSide remote_{.is_remote = true};  // towards a node or the game server
-  u32 connect_elapsed_ = 0;            // milliseconds of connecting and negotiating
+  LocalSide local_{this, false};   // towards the game
+  RemoteSide remote_{this, true};  // towards a node or the game server
+  u32 connect_elapsed_ = 0;        // milliseconds of connecting and negotiating
   TcpState state_ = TcpState::Created;
   u32 half_closed_ms_ = 0;  // since a side's end, or the last byte after it
   u32 obsolete_tick_ = 0;   // when the session was marked as finished; 0: never
@@ -170,7 +179,8 @@ class TcpSession {
   AccDecisionInfo decision_;
   TcpNegotiation negotiation_;
   u8 node_changes_ = 0;
-  TcpTry tries_[2];  // two nodes, while the game server is tried
+  TcpTry tries_[2];                // two nodes, while the game server is tried
+  TcpTry* put_forward_ = nullptr;  // the place of the way that was the latest before this event
   TcpProvider* const provider_;
   u32 nego_count_ = 0;
 };

@@ -4,7 +4,6 @@
 #include "common/net_text.h"
 #include "relay/node_choice.h"
 #include "route/mending.h"
-#include "sockets/socket_helpers.h"
 #include "stream/tcp_provider.h"
 #include "stream/tcp_session.h"
 #include "tracker/tracker.h"
@@ -17,6 +16,7 @@ const char* TrueOrFalse(bool value) noexcept { return value ? "true" : "false"; 
 }  // namespace
 
 bool TcpSession::StartNegotiation() noexcept {
+  state_ = TcpState::Negotiating;
   ++nego_count_;
   const bool sent =
       negotiation_.SendTcpNegotiation(provider_->SessionMgr(), remote_.socket, token_, game_ip_,
@@ -31,7 +31,7 @@ bool TcpSession::StartNegotiation() noexcept {
           u32{proxy.proxy_idc}, ProxyAddrText(proxy).text, u32{proxy.proxy_port},
           u32{proxy.section1_delay}, u32{proxy.section2_delay}, u32{proxy.section1_lost},
           static_cast<int>(decision_.game_idc), remote_.socket, token_);
-  return sent;
+  return sent || LeaveNode(kNegoSendFailed) || Resume(false);
 }
 
 bool TcpSession::FinishNegotiation() noexcept {
@@ -104,24 +104,14 @@ bool TcpSession::ChangeAcclServer() noexcept {
 }
 
 bool TcpSession::CreateRemoteSocket() noexcept {
-  IRelaySocketMgr* const mgr = provider_->SessionMgr();
-  if (mgr == nullptr) return false;
   if (remote_.socket != INVALID_SOCKET) {
-    mgr->RemoveSocket(remote_.socket);
     LSP_LOG(4, "[TCP]CreateRemoteSocket, about to close socket=%Id, token=%u", remote_.socket,
             token_);
-    closesocket(remote_.socket);
-    GetTracker().RemoveFromWatchList(remote_.socket);
-    remote_.socket = INVALID_SOCKET;
+    CloseSocket(&remote_);
   }
-  if (!CreateNonBlockTcpSocket(&remote_.socket)) {
-    LSP_LOG(4, "[TCP]ERROR TcpProvider::CreateRemoteSocket. Fail to create socket, token=%u",
-            token_);
-    return false;
-  }
-  GetTracker().AddToWatchList(remote_.socket, kTrackTcp, token_);
-  mgr->AddSocket(remote_.socket, provider_->RemoteRelaySocketOf());
-  return true;
+  if (OpenRemoteSocket()) return true;
+  LSP_LOG(4, "[TCP]ERROR TcpProvider::CreateRemoteSocket. Fail to create socket, token=%u", token_);
+  return false;
 }
 
 bool TcpSession::ChangeToGameSrv() noexcept {

@@ -48,20 +48,15 @@ bool TcpSession::OnAnswerOverdue() noexcept {
   return TakeNextWay() || Resume(false);
 }
 
-u32 TcpSession::HandleRemote(SOCKET socket, u32 (TcpSession::*handle)() noexcept) noexcept {
+// Makes the way with that socket the latest, until Conclude. False if no way has it.
+bool TcpSession::PutForward(SOCKET socket) noexcept {
+  if (socket == remote_.socket) return true;
   TcpTry* const place = std::find_if(std::begin(tries_), std::end(tries_),
                                      [&](const TcpTry& t) { return t.socket == socket; });
-  if (place == std::end(tries_)) return (this->*handle)();
+  if (place == std::end(tries_)) return false;
+  put_forward_ = place;
   Exchange(place);
-  u32 verdict = (this->*handle)();
-  // It has won or failed, and then another has come into its place, or it goes on.
-  if (place->socket == INVALID_SOCKET) return verdict;
-  Exchange(place);
-  if (verdict == kCloseSession) {
-    CloseTry(place);
-    verdict = kKeepSession;
-  }
-  return verdict;
+  return true;
 }
 
 // After the latest way has failed: another becomes the latest. With `in_time`, only one that still
@@ -99,11 +94,6 @@ void TcpSession::UpdateTries(u32 elapsed_ms) noexcept {
   }
 }
 
-bool TcpSession::HasTry(SOCKET socket) const noexcept {
-  return std::any_of(std::begin(tries_), std::end(tries_),
-                     [socket](const TcpTry& t) { return t.socket == socket; });
-}
-
 void TcpSession::CloseTries() noexcept {
   for (TcpTry& t : tries_) CloseTry(&t);
 }
@@ -128,7 +118,7 @@ void TcpSession::RecordTimeOut(TcpTry* of) noexcept {
 
 void TcpSession::CloseTry(TcpTry* ended) noexcept {
   if (ended->socket == INVALID_SOCKET) return;
-  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->RemoveSocket(ended->socket);
+  provider_->SessionMgr()->RemoveSocket(ended->socket);
   LSP_LOG(4, "[TCP]TcpSession::CloseTry, about to close socket=%Id, token=%u", ended->socket,
           token_);
   closesocket(ended->socket);

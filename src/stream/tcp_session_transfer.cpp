@@ -27,10 +27,6 @@ int FailAsEnded() noexcept {
 
 }  // namespace
 
-bool TcpSession::DoLocalRead() noexcept { return Read(&local_, &remote_); }
-bool TcpSession::DoRemoteRead() noexcept { return Read(&remote_, &local_); }
-bool TcpSession::DoLocalWrite() noexcept { return Write(&local_, &remote_); }
-
 bool TcpSession::DoRemoteWrite() noexcept {
   if (remote_.sock_deleteing || remote_.socket == INVALID_SOCKET) {
     LSP_LOG(4, "[TCP]DoRemoteWrite,invalid status,remote_sock_deleteing_=%s,socket=%Id, token=%u",
@@ -141,17 +137,16 @@ bool TcpSession::WaitForRoom(TcpSide* from, TcpSide* to) noexcept {
 
 // Where nothing is owed there was no memory, and no write will make room: the next pass asks again.
 void TcpSession::HoldBack(TcpSide* from, const TcpSide& to) noexcept {
-  IRelaySocketMgr* const mgr = provider_->SessionMgr();
-  if (mgr == nullptr || to.owed.IsEmpty()) return;
+  if (to.owed.IsEmpty()) return;
   from->held_back = true;
-  mgr->StopReading(from->socket);
+  provider_->SessionMgr()->StopReading(from->socket);
 }
 
 void TcpSession::LetGo(TcpSide* from, TcpSide* to) noexcept {
   u8* place = nullptr;
   if (!from->held_back || !to->owed.Reserve(&place, kReadSize)) return;
   from->held_back = false;
-  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->ResumeReading(from->socket);
+  provider_->SessionMgr()->ResumeReading(from->socket);
 }
 
 // The side is finished. Whether the session goes on, to deliver what the other side is owed.
@@ -169,7 +164,7 @@ bool TcpSession::EndSide(TcpSide* ended, const TcpSide& other) noexcept {
 void TcpSession::StopSending(TcpSide* side) noexcept {
   side->at_end = true;
   // Its end would be readable for ever.
-  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->StopReading(side->socket);
+  provider_->SessionMgr()->StopReading(side->socket);
   LSP_LOG(4, "[TCP]TcpSession::StopSending, side=%s, socket=%Id, token=%u",
           side->is_remote ? "remote" : "local", side->socket, token_);
 }
@@ -194,7 +189,7 @@ void TcpSession::NoteReset(int error) noexcept {
 
 void TcpSession::CloseSocket(TcpSide* side) noexcept {
   if (side->socket == INVALID_SOCKET) return;
-  if (IRelaySocketMgr* const mgr = provider_->SessionMgr()) mgr->RemoveSocket(side->socket);
+  provider_->SessionMgr()->RemoveSocket(side->socket);
   closesocket(side->socket);
   if (side->is_remote) GetTracker().RemoveFromWatchList(side->socket);
   side->socket = INVALID_SOCKET;

@@ -14,10 +14,6 @@ constexpr u32 kLookIntervalMs = 5000;
 
 }  // namespace
 
-UdpProvider::UdpProvider(const std::atomic<bool>& stopping) noexcept : stopping_(stopping) {
-  local_relay_socket_.SetProvider(this);
-}
-
 bool UdpProvider::OnCreateLocalServer() noexcept {
   local_socket_ = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
   if (local_socket_ == INVALID_SOCKET) {
@@ -36,13 +32,13 @@ bool UdpProvider::OnCreateLocalServer() noexcept {
   }
   // Kept: also for a socket that has failed, and so the line proves nothing.
   AdjustSocketBuff(local_socket_, kControlBufferSize, kControlBufferSize);
-  socket_mgr_->AddSocket(local_socket_, &local_relay_socket_);
+  socket_mgr_->AddSocket(local_socket_, this);
   LSP_LOG(5, "[UDP] UdpProvider::OnCreateLocalServer success, port=%u", ntohs(port));
   return result;
 }
 
 // Kept: answers that nobody has taken stay.
-void UdpProvider::OnCloseLocalServer() noexcept {
+void UdpProvider::Uninit() noexcept {
   LSP_LOG(0, "[UDP] UdpProvider::OnCloseLocalServer");
   if (local_socket_ != 0) CloseRelaySocket(local_socket_);
   if (socket_mgr_ != nullptr) socket_mgr_->RemoveSocket(local_socket_);

@@ -15,7 +15,6 @@
 #include "common/lock.h"
 #include "common/types.h"
 #include "relay/net_provider.h"
-#include "relay/relay_sockets.h"
 #include "udp/live_queues.h"
 #include "udp/relay_messages.h"
 #include "udp/udp_package.h"
@@ -27,7 +26,7 @@ namespace moru_vyr::lsp {
 class UdpProvider final : public NetProvider {
  public:
   // `stopping` says whether the relay is being stopped, and outlives the provider.
-  explicit UdpProvider(const std::atomic<bool>& stopping) noexcept;
+  explicit UdpProvider(const std::atomic<bool>& stopping) noexcept : stopping_(stopping) {}
 
   // Any thread. Takes the answer to the open request of that token; false if there is none. An
   // answer can be taken once; if it is not taken, it stays until the token's next answer.
@@ -61,12 +60,12 @@ class UdpProvider final : public NetProvider {
   // this again. Also ends the caller, if it is a part of the session.
   void CloseSession(u32 token) noexcept;
 
-  bool OnCreateLocalServer() noexcept override;
-  void OnCloseLocalServer() noexcept override;
-  void OnLocalReadable(SOCKET socket) noexcept override;
-  void OnUpdate(u32 elapsed_ms) noexcept override;
+  void Uninit() noexcept;
+  void OnReadable(SOCKET socket) noexcept override;
+  void OnUpdate(u32 elapsed_ms) noexcept;
 
  private:
+  bool OnCreateLocalServer() noexcept override;
   bool ReadPackage(SOCKET socket, UdpPackage* package) noexcept;
   void HandleLocalMessage(const UdpPackage& package) noexcept;
   void HandleOpenRequest(const ProtoRelayOpen& request, const sockaddr_in& game_addr) noexcept;
@@ -89,7 +88,6 @@ class UdpProvider final : public NetProvider {
 
   LiveQueues live_queues_;
   UntoldEnds untold_ends_;
-  LocalRelaySocket local_relay_socket_;
 };
 
 }  // namespace moru_vyr::lsp

@@ -25,7 +25,7 @@ bool Read(const UdpPackage& package, Message* message) noexcept {
 
 }  // namespace
 
-void UdpProvider::OnLocalReadable(SOCKET socket) noexcept {
+void UdpProvider::OnReadable(SOCKET socket) noexcept {
   UdpPackage package;
   while (ReadPackage(socket, &package)) {
     if (socket == local_socket_) HandleLocalMessage(package);

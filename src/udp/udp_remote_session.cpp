@@ -37,8 +37,6 @@ UdpRemoteSession::UdpRemoteSession(UdpSession* session, const sockaddr_in& remot
           static_cast<int>(thresholds::MaxRealRouteLost(config)));
 }
 
-UdpRemoteSession::~UdpRemoteSession() { ReleaseSock(); }
-
 bool UdpRemoteSession::Init(bool bind) noexcept {
   const std::string remote_ip = common::IpToString(flow_.remote_addr.sin_addr.s_addr);
   const u32 send_size = flow_.session->sock_send_buf_size();
@@ -68,7 +66,8 @@ void UdpRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
     OnAnswerOverdue();
   }
   const bool probing = state_ == UdpState::kAccl && !closing_;
-  while (TakeUp(watch_.OnUpdate(elapsed_ms, probing))) {
+  while (watch_.OnUpdate(elapsed_ms, probing) == LinkRequest::kSwitch) {
+    watch_.SwitchAnswered(FireSwitch(watch_.report()));
   }
   if ((left_ms_ += elapsed_ms) >= kLeftLimitMs) EndLeft();
   if (trial_ == nullptr) return;
@@ -95,7 +94,7 @@ void UdpRemoteSession::TellNodeOfEnd() noexcept {
   if (state_ == UdpState::kAccl && !flow_.session->provider()->IsStopping()) link_.SendEnd();
 }
 
-void UdpRemoteSession::ReleaseSock() noexcept {
+UdpRemoteSession::~UdpRemoteSession() {
   const SOCKET remote_sock = link_.sock();
   LSP_LOG(0, "UdpRemoteSession::ReleaseSock, remote_ip=%s, new_sock = %u, ori socket=%u, token=%u",
           common::IpToString(flow_.remote_addr.sin_addr.s_addr).c_str(),
@@ -237,7 +236,8 @@ void UdpRemoteSession::DeliverData(const UdpPackage& package, const UdpAcclHeade
 bool UdpRemoteSession::HandleReply(const UdpPackage& package) noexcept {
   ProbeReply reply;
   if (!watch_.ReadReply(package.data, package.valid_len, &reply)) return false;
-  while (TakeUp(watch_.OnReply(&reply))) {
+  while (watch_.OnReply(&reply) == LinkRequest::kSwitch) {
+    watch_.SwitchAnswered(FireSwitch(watch_.report()));
   }
   link_.LogProbeAnswer();
   return true;

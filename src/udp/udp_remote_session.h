@@ -77,7 +77,6 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   };
 
   void TellNodeOfEnd() noexcept;
-  void ReleaseSock() noexcept;
   void HandleGamePacket(const UdpPackage& package) noexcept;
   void HandleAcclSend(const UdpPackage& package) noexcept;
   void HandleRemotePacket(const UdpPackage& package) noexcept;
@@ -98,7 +97,6 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   bool ChangeAcclServer() noexcept;
   bool OwesCachedPackages() const noexcept;
   void FlushCachedPackages() noexcept;
-  bool TakeUp(LinkRequest request) noexcept;
   void EndTrial() noexcept;
   void LeaveNode() noexcept;
   void EndLeft() noexcept;

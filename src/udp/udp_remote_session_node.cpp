@@ -170,18 +170,9 @@ void UdpRemoteSession::FlushCachedPackages() noexcept {
 
 // --- the move to another node --------------------------------------------------------------------
 
-// False if there was no request to act on.
-bool UdpRemoteSession::TakeUp(LinkRequest request) noexcept {
-  if (request != LinkRequest::kSwitch) return false;
-  watch_.SwitchAnswered(FireSwitch(watch_.report()));
-  return true;
-}
-
 bool UdpRemoteSession::FireSwitch(const RecoverySwitchRecord& report) noexcept {
-  if (trial_ != nullptr) {
-    if (trial_->IsActive()) return false;
-    EndTrial();
-  }
+  if (trial_ != nullptr && trial_->IsActive()) return false;
+  if (trial_ != nullptr) EndTrial();
   try {
     trial_ = std::make_unique<UdpSwitchRemoteSession>(this, flow_);
   } catch (...) {

@@ -20,9 +20,7 @@ UdpSession::UdpSession(UdpProvider* provider, u32 token, const sockaddr_in& loca
       sock_recv_buf_size_(recv_size),
       queues_(std::make_shared<UdpQueues>()) {}
 
-UdpSession::~UdpSession() { Cleanup(); }
-
-void UdpSession::Cleanup() noexcept {
+UdpSession::~UdpSession() {
   LSP_LOG(0, "[UDP] UdpSession::Cleanup, token=%u,local(%s:%u)", token_,
           common::IpToString(local_addr_.sin_addr.s_addr).c_str(), ntohs(local_addr_.sin_port));
   first_remote_session_ = nullptr;

@@ -73,7 +73,6 @@ class UdpSession {
   UdpRemoteSession* CreateRemoteSession(const sockaddr_in& addr, bool bind) noexcept;
   UdpRemoteSession* FindRemoteSession(u32 ip, u16 port) const noexcept;
   u32 RemoteSessionKey(u32 ip, u16 port) const noexcept;
-  void Cleanup() noexcept;
 
   UdpProvider* const provider_;
   const u32 token_;

@@ -28,8 +28,6 @@ constexpr u32 kEnoughToBeAnswered = 10;
 UdpSwitchRemoteSession::UdpSwitchRemoteSession(UdpRemoteSession* parent, const UdpFlow& flow)
     : parent_(*parent), flow_(flow), link_(flow, true) {}
 
-UdpSwitchRemoteSession::~UdpSwitchRemoteSession() { ReleaseSock(); }
-
 void UdpSwitchRemoteSession::Init() noexcept {
   const std::string remote_ip = common::IpToString(flow_.remote_addr.sin_addr.s_addr);
   LSP_LOG(0,
@@ -59,18 +57,13 @@ void UdpSwitchRemoteSession::StartSwitch(const AccDecisionInfo& decision, const 
   decision_ = decision;
   report_ = report;
   link_.info().switch_route = left.switch_route;
-  const u16 last_node_id = left.last_node.node_id;
+  const LastNodeInfo& last_node = left.last_node;
+  const u16 last_node_id = last_node.node_id;
   if (!flow_.session->provider()->SessionRoute()->MakeSwitchDecision(
           &decision_, &link_.info().switch_route, &last_node_id, flow_.token)) {
     Finish(UdpSwitchState::kFailed, SwitchResult::kNoRoute);
-  } else if (!StartNegotiation(left.last_node)) {
-    Finish(UdpSwitchState::kFailed, SwitchResult::kNotAsked);
+    return;
   }
-}
-
-// Whether the request has been sent. Kept: one that waits for room counts as failed, and is still
-// sent.
-bool UdpSwitchRemoteSession::StartNegotiation(const LastNodeInfo& last_node) noexcept {
   state_ = UdpSwitchState::kNegotiating;
   const RouteProxyInfo& proxy = decision_.selected_proxy;
   LSP_LOG(5,
@@ -82,7 +75,10 @@ bool UdpSwitchRemoteSession::StartNegotiation(const LastNodeInfo& last_node) noe
           static_cast<int>(decision_.game_idc), int{last_node.node_id},
           common::IpToString(htonl(last_node.ip)).c_str(), int{last_node.port},
           u32{last_node.accl_token}, link_.sock(), flow_.token);
-  return link_.SendRequest(decision_, 0, &last_node) == 0;
+  // Kept: one that waits for room counts as failed, and is still sent.
+  if (link_.SendRequest(decision_, 0, &last_node) != 0) {
+    Finish(UdpSwitchState::kFailed, SwitchResult::kNotAsked);
+  }
 }
 
 void UdpSwitchRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept {
@@ -229,7 +225,7 @@ void UdpSwitchRemoteSession::SetClosing() noexcept {
   closing_ = true;
 }
 
-void UdpSwitchRemoteSession::ReleaseSock() noexcept {
+UdpSwitchRemoteSession::~UdpSwitchRemoteSession() {
   LSP_LOG(0, "[UDP] UdpSwitchRemoteSession::ReleaseSock, remote_ip=%s, socket=%u, token=%u",
           common::IpToString(flow_.remote_addr.sin_addr.s_addr).c_str(),
           static_cast<u32>(link_.sock()), flow_.token);

@@ -64,7 +64,6 @@ class UdpSwitchRemoteSession final : public IRelaySocketDelegate {
   void OnClose(SOCKET) noexcept override {}
 
  private:
-  bool StartNegotiation(const LastNodeInfo& last_node) noexcept;
   void HandleNegoRecv(const UdpPackage& package) noexcept;
   void OnNegotiationFailed(u32 reason) noexcept;
   void NotifyVerifyResult(bool ok) noexcept;
@@ -72,7 +71,6 @@ class UdpSwitchRemoteSession final : public IRelaySocketDelegate {
   void HandleAcclRecv(const UdpPackage& package) noexcept;
   bool HandleReply(const UdpPackage& package) noexcept;
   void Finish(UdpSwitchState state, SwitchResult result) noexcept;
-  void ReleaseSock() noexcept;
 
   UdpRemoteSession& parent_;
   const UdpFlow& flow_;  // the parent's: nodes know the flow by it

@@ -71,6 +71,7 @@ class SessionByHand : public test::RoutePolicy {
     const std::string text = log.Text();
     return static_cast<SOCKET>(std::stoul(text.substr(text.rfind(line) + line.size())));
   }
+  IRelaySocketDelegate& Remote() { return *loop.delegates.at(RemoteSocket()); }
   bool IsClosed() { return log.Contains(test::kObsoleteClosed); }
   int Failures() {
     const std::string text = log.Text(), line = "OnNegotiationFailed, reason=202, token=9\n";
@@ -103,7 +104,7 @@ class SessionByHand : public test::RoutePolicy {
 
 // On some systems a refused socket is readable too, before its error is known.
 SCENARIO_F(SessionByHand, NothingIsReadBeforeTheConnectionIsEstablished) {
-  provider.OnRemoteReadable(RemoteSocket());
+  Remote().OnReadable(RemoteSocket());
   EXPECT_FALSE(IsClosed());
   test::OwnSocket node_end;
   Accept(&node_end);
@@ -164,10 +165,10 @@ SCENARIO_F(SessionByHand, AfterTheNegotiationThereIsNoTimeLimit) {
 SCENARIO_F(SessionByHand, AnExceptionOfAnEstablishedConnectionIsNoFailure) {
   test::OwnSocket node_end;
   Accept(&node_end);
-  provider.OnRemoteExcpetion(RemoteSocket());
+  Remote().OnException(RemoteSocket());
   EXPECT_TRUE(log.Contains("[4][lsp]" + test::kConnectFailureLate + "3, token=9\n"));
   Answer(node_end);
-  provider.OnRemoteExcpetion(RemoteSocket());
+  Remote().OnException(RemoteSocket());
   EXPECT_TRUE(log.Contains("[4][lsp]" + test::kConnectFailureLate + "4, token=9\n"));
   EXPECT_FALSE(IsClosed());
   ASSERT_EQ(send(node_end, "hello", 5, 0), 5);
@@ -177,7 +178,7 @@ SCENARIO_F(SessionByHand, AnExceptionOfAnEstablishedConnectionIsNoFailure) {
 }
 
 SCENARIO_F(SessionByHand, AnExceptionOfAConnectIsTheEnd) {
-  provider.OnRemoteExcpetion(RemoteSocket());
+  Remote().OnException(RemoteSocket());
   EXPECT_TRUE(log.Contains("[4][lsp]" + test::kConnectFailed + "token=9\n"));
   EXPECT_TRUE(IsClosed());
 }
@@ -186,7 +187,7 @@ SCENARIO_F(SessionByHand, AnExceptionOfAConnectIsTheEnd) {
 SCENARIO_F(SessionByHand, AWritableEventWhileANodeIsAskedIsTheEnd) {
   test::OwnSocket node_end;
   Accept(&node_end);
-  provider.OnRemoteWritable(RemoteSocket());
+  Remote().OnWritable(RemoteSocket());
   EXPECT_TRUE(IsClosed());
 }
 

@@ -113,7 +113,7 @@ SCENARIO_F(UdpAlone, AnAnswerThatNobodyHasTakenOutlivesItsSession) {
                    sizeof control),
             static_cast<int>(sizeof request));
   RunFor(1ms);
-  provider.OnLocalReadable(loop.added.at(0));
+  provider.OnReadable(loop.added.at(0));
   EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
   provider.Uninit();
   ProtoRelayOpen answer;

@@ -2,6 +2,8 @@
 #pragma once
 #include <winsock2.h>
 
+#include <map>
+
 #include "common/types.h"
 #include "relay/relay_interfaces.h"
 #include "relay/socket_sets.h"
@@ -12,10 +14,16 @@ class HandTurned final : public moru_vyr::lsp::IRelaySocketMgr {
  public:
   using Delegate = moru_vyr::lsp::IRelaySocketDelegate;
 
-  common::u32 AddSocket(SOCKET s, Delegate* d) noexcept override { return sets_.Add(s, d); }
+  common::u32 AddSocket(SOCKET s, Delegate* d) noexcept override {
+    delegates.try_emplace(s, d);
+    return sets_.Add(s, d);
+  }
   common::u32 EnableWrite(SOCKET s) noexcept override { return sets_.EnableWrite(s, true); }
   void StopReading(SOCKET s) noexcept override { sets_.StopReading(s); }
-  Delegate* RemoveSocket(SOCKET s) noexcept override { return sets_.Remove(s); }
+  Delegate* RemoveSocket(SOCKET s) noexcept override {
+    delegates.erase(s);
+    return sets_.Remove(s);
+  }
   common::u32 NextToken() noexcept override { return ++token_; }
 
   // Runs one pass, which takes at most 10 ms.
@@ -23,6 +31,8 @@ class HandTurned final : public moru_vyr::lsp::IRelaySocketMgr {
     int error = 0;
     sets_.Poll(timeval{0, 10000}, &error);
   }
+
+  std::map<SOCKET, Delegate*> delegates;  // of the sockets that are polled now
 
  private:
   moru_vyr::lsp::SocketSets sets_;

@@ -1,13 +1,13 @@
-// The classes between the worker's loop and a provider, and the TCP provider as far as it needs no
-// network: how it starts and ends, and how it treats unknown connections.
+// What both providers share, and the TCP provider as far as it needs no network: how it starts and
+// ends, how it treats unknown connections, and what it leaves behind of those that end.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "relay/net_provider.h"
-#include "relay/relay_sockets.h"
 #include "route/route.h"
 #include "stream/tcp_provider.h"
 #include "tests/support/hand_turned.h"
@@ -18,75 +18,22 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// The name of each event that reaches the provider.
-class NamedEvents final : public NetProvider {
- public:
-  void OnLocalServerAcceptable(SOCKET s) noexcept override { Note("acceptable", s); }
-  void OnLocalReadable(SOCKET s) noexcept override { Note("local readable", s); }
-  void OnLocalWritable(SOCKET s) noexcept override { Note("local writable", s); }
-  void OnLocalExcpetion(SOCKET s) noexcept override { Note("local exception", s); }
-  void OnLocalClose(SOCKET s) noexcept override { Note("local close", s); }
-  void OnRemoteReadable(SOCKET s) noexcept override { Note("remote readable", s); }
-  void OnRemoteWritable(SOCKET s) noexcept override { Note("remote writable", s); }
-  void OnRemoteExcpetion(SOCKET s) noexcept override { Note("remote exception", s); }
-  void OnRemoteClose(SOCKET s) noexcept override { Note("remote close", s); }
+struct ProviderOfNothing final : NetProvider {
+  void OnReadable(SOCKET) noexcept override {}
   bool OnCreateLocalServer() noexcept override { return starts; }
-  void OnCloseLocalServer() noexcept override { Note("closed", local_socket_); }
 
   bool starts = true;
-  std::vector<std::string> events;
-
- private:
-  void Note(const char* what, SOCKET s) { events.push_back(what + (" " + std::to_string(s))); }
 };
 
-using Events = std::vector<std::string>;
-
-void FireAll(IRelaySocketDelegate& delegate) {
-  delegate.OnReadable(1);
-  delegate.OnWritable(2);
-  delegate.OnException(3);
-  delegate.OnClose(4);
-}
-
-TEST(RelaySockets, EachSideNamesItsEvents) {
-  NamedEvents provider;
-  TcpServerSocket server;
-  LocalRelaySocket local;
-  RemoteRelaySocket remote;
-  for (RelaySocket* socket : {static_cast<RelaySocket*>(&server), static_cast<RelaySocket*>(&local),
-                              static_cast<RelaySocket*>(&remote)}) {
-    socket->SetProvider(&provider);
-    FireAll(*socket);
-  }
-  EXPECT_EQ(provider.events, (Events{"acceptable 1", "local readable 1", "local writable 2",
-                                     "local exception 3", "local close 4", "remote readable 1",
-                                     "remote writable 2", "remote exception 3", "remote close 4"}));
-}
-
-TEST(NetProvider, WithNothingToStartItCountsAsStarted) {
-  NetProvider provider;
-  EXPECT_FALSE(provider.IsRunning());
+TEST(NetProvider, RunsIfItCouldMakeItsSocket) {
+  ProviderOfNothing provider;
   EXPECT_TRUE(provider.Init(nullptr, nullptr));
-  EXPECT_TRUE(provider.IsRunning());
-  provider.Uninit();
-  EXPECT_FALSE(provider.IsRunning());
-}
-
-TEST(NetProvider, AProviderThatCannotStartDoesNotRun) {
-  NamedEvents provider;
   provider.starts = false;
   EXPECT_FALSE(provider.Init(nullptr, nullptr));
 }
 
-TEST(NetProvider, AnEndBeforeTheStartUsesTheInitialValues) {
-  NamedEvents provider;
-  provider.Uninit();
-  EXPECT_EQ(provider.events, (Events{"closed 0"}));
-}
-
 TEST(NetProvider, LocalAddressIsLoopback) {
-  NetProvider provider;
+  ProviderOfNothing provider;
   sockaddr_in address;
   std::memset(&address, 0x55, sizeof address);
   provider.GetLocalAddr(&address);
@@ -110,12 +57,17 @@ struct NotingLoop final : IRelaySocketMgr {
     writers.push_back(s);
     return turned.EnableWrite(s);
   }
-  IRelaySocketDelegate* RemoveSocket(SOCKET s) noexcept override { return turned.RemoveSocket(s); }
+  IRelaySocketDelegate* RemoveSocket(SOCKET s) noexcept override {
+    IRelaySocketDelegate* const delegate = turned.RemoveSocket(s);
+    if (after_remove) after_remove(s);
+    return delegate;
+  }
   u32 NextToken() noexcept override { return turned.NextToken(); }
   void Turn() { turned.Turn(); }
 
   HandTurned turned;
   std::vector<SOCKET> writers;
+  std::function<void(SOCKET)> after_remove;
 };
 
 struct StreamProvider : testing::Test {
@@ -348,16 +300,58 @@ TEST_F(StreamProvider, AConnectThatFailsAtOnceIsWatchedAllTheSame) {
   EXPECT_EQ(loop.writers, std::vector<SOCKET>{remote});
 }
 
-TEST_F(StreamProvider, EventsOfUnknownSocketsAreLoggedEachInItsWords) {
-  test::LogCapture log(0);
-  provider.OnLocalReadable(5);
-  provider.OnLocalWritable(5);
-  provider.OnLocalExcpetion(5);
-  provider.OnLocalClose(5);
-  provider.OnRemoteReadable(5);
-  provider.OnRemoteWritable(6);
-  provider.OnRemoteExcpetion(7);
-  provider.OnRemoteClose(5);
+// A connection that has been accepted, and whose own way to its server is established.
+struct JoinedStream : StreamProvider {
+  JoinedStream() {
+    sockaddr_in address;
+    listener.Reset(test::BoundSocket(SOCK_STREAM, &address));
+    EXPECT_EQ(listen(listener, 1), 0);
+    u16 port = 0;
+    game.Reset(GameSocket(&port));
+    EXPECT_TRUE(provider.RequestTcpRelaySession(game, port, &address, &relay_addr, &relay_len, 9));
+    EXPECT_EQ(connect(game, relay_addr, relay_len), 0);
+    const char established[] = "connection is successful. token=9";
+    for (int i = 0; i < 500 && !log.Contains(established); ++i) loop.Turn();
+    EXPECT_TRUE(log.Contains(established)) << log.Text();
+    server.Reset(accept(listener, nullptr, nullptr));
+    local = SocketOf(LineWith(log, "[TCP]OnLocalServerAcceptable. peer_port="));
+    remote = SocketOf(LineWith(log, "[TCP]ConnectToRemoteServer remote "));
+    EXPECT_EQ(Watched(), 3u) << "two sides and the listener";
+  }
+  std::size_t Watched() const { return loop.turned.delegates.size(); }
+  IRelaySocketDelegate& Side(SOCKET s) { return *loop.turned.delegates.at(s); }
+  // The game's side by a reset, at which the session ends, and the server's by what it has sent.
+  void MakeBothReady() {
+    const linger reset{1, 0};
+    ASSERT_EQ(setsockopt(game, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&reset),
+                         sizeof reset),
+              0);
+    game.Close();
+    ASSERT_EQ(send(server, "late", 4, 0), 4);
+    ASSERT_TRUE(test::BecomesReadable(local));
+    ASSERT_TRUE(test::BecomesReadable(remote));
+  }
+  int Ends() const {
+    const std::string text = log.Text(), line = "[TCP]CloseObsoleteSession, remove session, ";
+    int lines = 0;
+    for (size_t at = text.find(line); at != text.npos; at = text.find(line, at + 1)) ++lines;
+    return lines;
+  }
+
+  test::LogCapture log{0};
+  test::OwnSocket listener, game, server;
+  SOCKET local = INVALID_SOCKET, remote = INVALID_SOCKET;
+};
+
+TEST_F(JoinedStream, EventsOfUnknownSocketsAreLoggedEachInItsWords) {
+  Side(local).OnReadable(5);
+  Side(local).OnWritable(5);
+  Side(local).OnException(5);
+  Side(local).OnClose(5);
+  Side(remote).OnReadable(5);
+  Side(remote).OnWritable(6);
+  Side(remote).OnException(7);
+  Side(remote).OnClose(5);
   for (const char* line : {
            "[4][lsp][TCP] TcpProvider::OnLocalReadable, failed to find socket=5\n",
            "[4][lsp][TCP]TcpProvider::OnLocalWritable, failed to find socket=5\n",
@@ -370,6 +364,44 @@ TEST_F(StreamProvider, EventsOfUnknownSocketsAreLoggedEachInItsWords) {
        }) {
     EXPECT_TRUE(log.Contains(line)) << line;
   }
+  EXPECT_EQ(Ends(), 0);
+  EXPECT_EQ(Watched(), 3u);
+}
+
+// Both sides are ready in one pass, and the first event ends the session: the second one's delegate
+// is gone by then.
+TEST_F(JoinedStream, ASessionThatEndsWithinAPassIsNotServedAgain) {
+  MakeBothReady();
+  loop.Turn();
+  EXPECT_EQ(Ends(), 1);
+  EXPECT_EQ(Watched(), 1u) << "the listener";
+  for (int i = 0; i < 3; ++i) {
+    loop.Turn();
+    provider.OnUpdate(31);
+  }
+  EXPECT_EQ(Ends(), 1);
+  EXPECT_FALSE(log.Contains("failed to find socket="));
+}
+
+// The system gives a new socket the value of one that was closed earlier in the pass: the events
+// that the pass has found for that value belong to the session that is gone.
+TEST_F(JoinedStream, ASocketWithTheValueOfAClosedOneWaitsForTheNextPass) {
+  struct Recorder final : IRelaySocketDelegate {
+    void OnReadable(SOCKET) noexcept override { ++events; }
+    void OnWritable(SOCKET) noexcept override { ++events; }
+    void OnException(SOCKET) noexcept override { ++events; }
+    void OnClose(SOCKET) noexcept override { ++events; }
+    int events = 0;
+  } successor;
+  MakeBothReady();
+  loop.after_remove = [&](SOCKET s) {
+    if (s == remote) loop.turned.AddSocket(s, &successor);
+  };
+  loop.Turn();
+  loop.after_remove = nullptr;
+  EXPECT_EQ(Ends(), 1);
+  EXPECT_EQ(successor.events, 0);
+  loop.turned.RemoveSocket(remote);
 }
 
 TEST_F(StreamProvider, TheEndClosesTheListener) {
