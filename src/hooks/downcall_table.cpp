@@ -9,6 +9,7 @@
 #include "hooks/block_config.h"
 #include "hooks/hook_entries.h"
 #include "hooks/hook_flags.h"
+#include "hooks/postponed_target.h"
 #include "hooks/relayed_names.h"
 #include "route/mending.h"
 
@@ -98,6 +99,7 @@ bool HookWSPAPI(LPWSPPROC_TABLE table) noexcept {
   table->lpWSPSendTo = WSPSendTo;
   table->lpWSPSocket = WSPSocket;
   HookRelayedNames(table);
+  HookBlockingModes(table);
   return true;
 }
 

@@ -72,6 +72,7 @@ void TcpProvider::OnRemoteExcpetion(SOCKET socket) noexcept {
   }
   LSP_LOG(4, "[TCP]TcpProvider::OnRemoteExcpetion. socket=%Id, error=%d, token=%u", socket, pending,
           session->token());
+  session->NoteConnectError(socket, pending);
   CloseObsoleteSession(session, session->HandleRemote(socket, &TcpSession::HandleConnectFailure));
 }
 
