@@ -26,10 +26,11 @@ inline constexpr u32 kMendAfterSwitch = 0x100;        // a flow that has moved s
 inline constexpr u32 kMendStart = 0x400;              // starting, ending and fullness as without us
 inline constexpr u32 kMendNames = 0x800;           // names of both ends of a stream as without us
 inline constexpr u32 kMendDatagramMatch = 0x1000;  // no datagram gets another one's address
+inline constexpr u32 kMendRefusal = 0x2000;        // a server that refuses is a refused connect
 inline constexpr u32 kMendAll = kMendHalfClose | kMendFailedNode | kMendReset | kMendConnectEx |
                                 kMendRestart | kMendFallback | kMendConnectedDatagram |
                                 kMendOverlappedDatagram | kMendAfterSwitch | kMendStart |
-                                kMendNames | kMendDatagramMatch;
+                                kMendNames | kMendDatagramMatch | kMendRefusal;
 
 #pragma pack(push, 1)
 struct MendingRecord {

@@ -23,6 +23,7 @@ inline constexpr MendingName kMendingNames[] = {
     {"start", kMendStart},
     {"names", kMendNames},
     {"datagram-match", kMendDatagramMatch},
+    {"refusal", kMendRefusal},
 };
 
 }  // namespace moru_vyr::lsp

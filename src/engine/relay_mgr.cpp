@@ -105,12 +105,12 @@ void RelayMgr::Stop() noexcept {
 }
 
 bool RelayMgr::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr,
-                                      sockaddr** out_addr, int* out_len, u32 token,
-                                      bool* created) noexcept {
+                                      sockaddr** out_addr, int* out_len, u32 token, bool* created,
+                                      std::shared_ptr<PostponedConnect> postponed) noexcept {
   // Asked again afterwards: the worker may have ended while it was waited for.
   return Serves() &&
-         tcp_provider_.RequestTcpRelaySession(socket, port, addr, out_addr, out_len, token,
-                                              created) &&
+         tcp_provider_.RequestTcpRelaySession(socket, port, addr, out_addr, out_len, token, created,
+                                              std::move(postponed)) &&
          StillServes(0);
 }
 

@@ -55,7 +55,9 @@ class RelayMgr final : public IRelaySocketMgr {
 
   // See TcpProvider.
   bool RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr, sockaddr** out_addr,
-                              int* out_len, u32 token, bool* created = nullptr) noexcept;
+                              int* out_len, u32 token, bool* created = nullptr,
+                              std::shared_ptr<PostponedConnect> postponed = nullptr) noexcept;
+  PostponedConnects& postponed_connects() noexcept { return tcp_provider_.postponed_connects(); }
   bool HasRoomForStream() noexcept { return tcp_provider_.HasRoomForSession(); }
   void ForgetTcpRelaySession(u16 port, u32 token) noexcept {
     tcp_provider_.ForgetRequest(port, token);

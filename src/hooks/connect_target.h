@@ -2,17 +2,23 @@
 #pragma once
 #include <winsock2.h>
 
+#include <memory>
+
 #include "common/types.h"
 #include "sockets/socket_map.h"
+#include "stream/postponed_connect.h"
 
 namespace moru_vyr::lsp {
 
 struct ConnectTarget {
   const sockaddr* name;  // outlives the call
   int name_size;
+  bool may_wait = false;     // the connect may be postponed
   u16 local_port = 0;        // network order; known only if the socket was bound for a redirect
   bool requested = false;    // the relay waits for this connect, and did not before
   bool udp_connect = false;  // a datagram socket that is connected to the relay
+  int answer = 0;            // the error of a connect that is not carried out
+  std::shared_ptr<PostponedConnect> postponed{};  // null: the connect is carried out at once
 };
 
 // Changes the target of a stream socket that may be relayed, which is what the application named,
@@ -22,6 +28,6 @@ struct ConnectTarget {
 void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept;
 
 // After a connect that has failed for good.
-void ForgetRedirect(const SocketRecord& record, const ConnectTarget& target) noexcept;
+void ForgetRedirect(const SocketRecord& record, ConnectTarget* target) noexcept;
 
 }  // namespace moru_vyr::lsp

@@ -10,6 +10,7 @@
 #include "hooks/hook_entries.h"
 #include "hooks/hook_flags.h"
 #include "hooks/overlapped_receive.h"
+#include "hooks/postponed_target.h"
 #include "hooks/relayed_names.h"
 #include "route/mending.h"
 
@@ -100,6 +101,7 @@ bool HookWSPAPI(LPWSPPROC_TABLE table) noexcept {
   table->lpWSPSocket = WSPSocket;
   HookRelayedNames(table);
   HookOverlappedResult(table);
+  HookBlockingModes(table);
   return true;
 }
 

@@ -61,7 +61,7 @@ BOOL PASCAL WSPConnectEx(SOCKET s, const struct sockaddr* name, int namelen, PVO
   const BOOL result = connect_ex(s, target.name, target.name_size, lpSendBuffer, dwSendDataLength,
                                  lpdwBytesSent, lpOverlapped);
   const int error = WSAGetLastError();
-  if (result == FALSE && error != ERROR_IO_PENDING) ForgetRedirect(record, target);
+  if (result == FALSE && error != ERROR_IO_PENDING) ForgetRedirect(record, &target);
   LSP_LOG(5, "WSPConnectEx: ret=%d, err=%d, dest=%s:%d, port=%d, socket=%Id, token=%u", result,
           error, dest.ip.c_str(), dest.port, ntohs(target.local_port), s, record.token);
   if (answers_truly) {

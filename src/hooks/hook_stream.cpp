@@ -11,6 +11,7 @@
 #include "hooks/hook_common.h"
 #include "hooks/hook_entries.h"
 #include "hooks/overlapped_receive.h"
+#include "hooks/postponed_target.h"
 #include "hooks/raw_ping.h"
 #include "hooks/relay_admission.h"
 #include "hooks/udp_relay.h"
@@ -131,7 +132,7 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
     StoreError(lpErrno, WSAENETDOWN);
     return SOCKET_ERROR;
   }
-  ConnectTarget target{name, namelen};
+  ConnectTarget target{name, namelen, true};
   RelayName udp_relay;
   if (IsAllowedRelay(record)) {
     LSP_LOG(4, "WSPConnect:protocol=%d, type=%d, socket=%Id, token=%u", record.protocol,
@@ -145,9 +146,11 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
       RedirectDatagrams(record, &target, &udp_relay);
     }
   }
-  const int result = next->lpWSPConnect(s, target.name, target.name_size, lpCallerData,
-                                        lpCalleeData, lpSQOS, lpGQOS, lpErrno);
-  if (result == SOCKET_ERROR && ErrorOf(lpErrno) != WSAEWOULDBLOCK) ForgetRedirect(record, target);
+  const int result = MayConnectNow(record, target, lpErrno)
+                         ? next->lpWSPConnect(s, target.name, target.name_size, lpCallerData,
+                                              lpCalleeData, lpSQOS, lpGQOS, lpErrno)
+                         : SOCKET_ERROR;
+  if (result == SOCKET_ERROR && ErrorOf(lpErrno) != WSAEWOULDBLOCK) ForgetRedirect(record, &target);
   if (result == 0) NotePeer(record, name, namelen, target.udp_connect);
   // The filter is asked on success as well, so a socket that connects over and over grows quiet.
   if (GetSocketErrorFilter().ShouldLog(kOperationConnect, ErrorOf(lpErrno), record.token)) {
@@ -197,6 +200,7 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
   // streams as well, and whichever call comes first starts the relay.
   const bool relay_told = IsAllowedRelay(record) && EndRelay(record);
   const u32 told_token = relay_told ? record.token : SocketMap::kAnyToken;
+  CancelPostponed(record);
   // The record goes first: once the socket is closed below, its value can come back at once as
   // another thread's new socket, and its record must not be erased here.
   GetSocketErrorFilter().Forget(record.token);

@@ -25,7 +25,7 @@ bool IsLoopback(const sockaddr* name, const SizedPlace& place, sockaddr_in* out)
   return out->sin_family == AF_INET && out->sin_addr.s_addr == htonl(INADDR_LOOPBACK);
 }
 
-bool FindOwnAddress(const WSPPROC_TABLE& next, const SocketRecord& record, in_addr* out) noexcept {
+bool AskRoute(const WSPPROC_TABLE& next, const SocketRecord& record, in_addr* out) noexcept {
   if (next.lpWSPIoctl == nullptr) return false;
   sockaddr_in server = record.handled_addr;
   sockaddr_in own = {};
@@ -37,6 +37,32 @@ bool FindOwnAddress(const WSPPROC_TABLE& next, const SocketRecord& record, in_ad
                       sizeof own, &returned, nullptr, nullptr, &thread, &error);
   *out = own.sin_addr;
   return result == 0 && own.sin_addr.s_addr != 0;
+}
+
+// Where the next provider does not know that question: a datagram socket that is connected to the
+// server, which sends nothing, has the same address. It is the library's own, and not relayed.
+bool AskDatagramSocket(const SocketRecord& record, in_addr* out) noexcept {
+  const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+  if (s == INVALID_SOCKET) return false;
+  GetSocketMap().SetRelayDisabled(s, true);
+  SocketRecord own;
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPConnect>(s, &own);
+  sockaddr_in name = {};
+  INT size = sizeof name;
+  INT error = 0;
+  const bool found =
+      next != nullptr && next->lpWSPGetSockName != nullptr &&
+      next->lpWSPConnect(s, reinterpret_cast<const sockaddr*>(&record.handled_addr),
+                         sizeof record.handled_addr, nullptr, nullptr, nullptr, nullptr,
+                         &error) == 0 &&
+      next->lpWSPGetSockName(s, reinterpret_cast<sockaddr*>(&name), &size, &error) == 0;
+  closesocket(s);
+  *out = name.sin_addr;
+  return found && name.sin_addr.s_addr != 0;
+}
+
+bool FindOwnAddress(const WSPPROC_TABLE& next, const SocketRecord& record, in_addr* out) noexcept {
+  return AskRoute(next, record, out) || AskDatagramSocket(record, out);
 }
 
 // The port is its own: the relay leaves it as it is.

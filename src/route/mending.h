@@ -30,6 +30,8 @@ class Mending {
   bool LeavesFailedNode() const noexcept { return (mended_ & kMendFailedNode) != 0; }
   // A side that resets its connection, or refuses it, resets the other one too.
   bool PassesOnReset() const noexcept { return (mended_ & kMendReset) != 0; }
+  // A connect of the game waits until its server has been reached, and fails as the server's does.
+  bool PostponesConnects() const noexcept { return (mended_ & kMendRefusal) != 0; }
   // ConnectEx answers what the next provider answered.
   bool KeepsConnectExResult() const noexcept { return (mended_ & kMendConnectEx) != 0; }
   // A process that cleans up Winsock and starts it again is served as the first time.

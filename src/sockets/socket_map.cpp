@@ -141,6 +141,15 @@ bool SocketMap::SetOfWorker(SOCKET socket, bool flag) noexcept {
   return Update(socket, [&](SocketRecord& record) { record.of_worker = flag; });
 }
 
+bool SocketMap::SetNonBlocking(SOCKET socket, bool flag) noexcept {
+  return Update(socket, [&](SocketRecord& record) { record.non_blocking = flag; });
+}
+
+bool SocketMap::SetConnectStage(SOCKET socket, ConnectStage stage, u32 token) noexcept {
+  return Update(
+      socket, [&](SocketRecord& record) { record.connect_stage = stage; }, token);
+}
+
 SOCKET SocketMap::NextOfWorker(SOCKET after) const noexcept {
   common::Lock hold(lock_);
   const auto found = std::find_if(records_.upper_bound(after), records_.end(),

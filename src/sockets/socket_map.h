@@ -25,6 +25,14 @@ enum RelayState : i32 {
   kRelayRefused = 2,
 };
 
+// How far the connect of a stream socket is that waits until its server has been reached.
+enum class ConnectStage : u8 {
+  kNone,     // there is none, or the relay has accepted it
+  kWaiting,  // the socket is not connected to anything yet
+  kIssued,   // to the relay
+  kRefused,  // to where nothing listens, as the server could not be reached
+};
+
 // What was decided for one destination of a datagram socket. Two ports of one host share it.
 struct RelayRecord {
   u32 ip = 0;  // network order; 0 marks a free entry
@@ -52,6 +60,8 @@ struct SocketRecord {
   RelayRecord relay_records[kMaxRelayRecords]{};
   bool relay_disabled = false;  // never cleared
   bool of_worker = false;       // the relay's own
+  bool non_blocking = false;    // known only where connects are postponed
+  ConnectStage connect_stage = ConnectStage::kNone;
 };
 
 // Any thread. Every operation holds the lock for its own length only, never across a call into the
@@ -89,6 +99,8 @@ class SocketMap {
   bool SaveRelayRecord(SOCKET socket, const sockaddr_in* addr, bool relay) noexcept;
   bool SetRelayDisabled(SOCKET socket, bool flag) noexcept;
   bool SetOfWorker(SOCKET socket, bool flag) noexcept;
+  bool SetNonBlocking(SOCKET socket, bool flag) noexcept;
+  bool SetConnectStage(SOCKET socket, ConnectStage stage, u32 token) noexcept;
 
   // The first of the relay's own sockets after `after`, in the order of their values; 0 starts from
   // the beginning. INVALID_SOCKET if there is none.

@@ -34,6 +34,10 @@ bool TcpProvider::OnCreateLocalServer() noexcept {
   const int result = listen(local_socket_, SOMAXCONN);
   const int error = WSAGetLastError();
   LSP_LOG(4, "[TCP] OnCreateLocalServer listen return=%d, err=%d", result, error);
+  if (PostponesConnects()) {
+    postponed_connects_.Open(local_addrs_.front());
+    wake_socket_.Open(socket_mgr_);
+  }
   return true;  // Kept: the bind alone decides
 }
 
@@ -54,6 +58,8 @@ bool TcpProvider::AddLocalAddr(u16 port) noexcept {
 // Kept: sessions stay as they are, with their sockets open, until the process ends.
 void TcpProvider::Uninit() noexcept {
   LSP_LOG(0, "[TCP] TcpProvider::OnCloseLocalServer. socket=%Id", local_socket_);
+  postponed_connects_.Close();
+  wake_socket_.Close(socket_mgr_);
   CloseRelaySocket(local_socket_);
   if (socket_mgr_ != nullptr) socket_mgr_->RemoveSocket(local_socket_);
   local_socket_ = INVALID_SOCKET;
@@ -62,7 +68,8 @@ void TcpProvider::Uninit() noexcept {
 
 bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr,
                                          sockaddr** out_addr, int* out_len, u32 token,
-                                         bool* created) noexcept {
+                                         bool* created,
+                                         std::shared_ptr<PostponedConnect> postponed) noexcept {
   LSP_LOG(4, "[TCP]RequestTcpRelaySession: port=%d, socket=%Id, token=%u", ntohs(port), socket,
           token);
   if (addr == nullptr || out_addr == nullptr || out_len == nullptr) {
@@ -79,7 +86,7 @@ bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr
     // here in network order.
     LSP_LOG(4, "[TCP]RequestTcpRelaySession port duplicate, port=%d, socket=%Id, token=%u", port,
             socket, token);
-  } else if (!CreateNewSession(port, *addr, token)) {
+  } else if (!CreateNewSession(port, *addr, token, std::move(postponed))) {
     LSP_LOG(4, "[TCP]RequestTcpRelaySession: CreateNewSession failed, socket=%Id, token=%u", socket,
             token);
     return false;
@@ -118,11 +125,15 @@ void TcpProvider::ForgetOther(u16 port, u32 token) noexcept {
   }
 }
 
-bool TcpProvider::CreateNewSession(u16 port, const sockaddr_in& addr, u32 token) noexcept {
+bool TcpProvider::CreateNewSession(u16 port, const sockaddr_in& addr, u32 token,
+                                   std::shared_ptr<PostponedConnect> postponed) noexcept {
+  const bool starts_now = postponed != nullptr;
   try {
     auto session = std::make_unique<TcpSession>(this, token);
     session->SetGame(port, addr);
+    session->SetPostponed(std::move(postponed));
     pending_sessions_.emplace(port, std::move(session));
+    if (starts_now) wake_socket_.Wake();
     return true;
   } catch (...) {
     return false;
@@ -142,6 +153,7 @@ void TcpProvider::OnReadable(SOCKET listen_socket) noexcept {
   const u16 peer_port = addr.sin_port;
   // To the end: a connect that is being registered must not pass unseen.
   common::Lock hold(pending_lock_);
+  if (MeetPostponed(peer_port, accepted)) return;
   TcpSession* const session = Adopt(peer_port);
   if (session == nullptr) {
     LSP_LOG(4, "[TCP]OnLocalServerAcceptable, session not registered for port=%d, socket=%Id",
@@ -218,6 +230,7 @@ void TcpProvider::CloseObsoleteSession(TcpSession* session) noexcept {
 }
 
 void TcpProvider::OnUpdate(u32 elapsed_ms) noexcept {
+  if (PostponesConnects()) StartPostponed();  // where there is no socket to wake the worker with
   for (const auto& session : sessions_) {
     session->OnUpdate(elapsed_ms);
     if (session->IsObsolete()) obsolete_sessions_.push_back(session.get());

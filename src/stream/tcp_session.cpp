@@ -77,6 +77,7 @@ bool TcpSession::Connect() noexcept {
   if (result == SOCKET_ERROR && error != WSAEWOULDBLOCK) {
     LSP_LOG(0, "[TCP]connect [%s] server failed. err=%d, socket=%Id, token=%u",
             use_acc_ ? "proxy" : "game", error, remote_.socket, token_);
+    NoteConnectError(remote_.socket, error);
     return false;
   }
   state_ = TcpState::Connecting;
@@ -87,7 +88,7 @@ bool TcpSession::TakeAnotherWay() noexcept { return LeaveNode(kNegoUnreachable);
 
 bool TcpSession::GiveUp() noexcept {
   NoteReset(WSAECONNREFUSED);
-  return !is_reset_;
+  return !is_reset_ && !IsPostponed();
 }
 
 // A way that was put forward goes back, unless it has won or failed: then another has come into its
@@ -114,6 +115,7 @@ void TcpSession::LimitHalfClose(u32 elapsed_ms) noexcept {
 // The limit holds for connecting and negotiating together. A direct connection has the system's.
 void TcpSession::OnUpdate(u32 elapsed_ms) noexcept {
   LimitHalfClose(elapsed_ms);
+  LimitPostponed(elapsed_ms);
   UpdateTries(elapsed_ms);
   if (!use_acc_) return;
   if (state_ != TcpState::Connecting && state_ != TcpState::Negotiating) return;

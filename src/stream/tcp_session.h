@@ -10,11 +10,17 @@
 // Where falling back is fast, a way that has not answered in time goes on beside the next one. The
 // members hold the latest way, `tries_` the others, until one carries and the rest are closed.
 //
+// Where the game's connect is postponed, the session starts before the game is connected, and lets
+// it connect once the far side is ready; if that cannot be reached, the connect fails.
+//
 // Created on the application's thread, used by the worker alone after its accept. The provider owns
 // it, and closes its sockets when it ends. Addresses and ports are in network order. Nothing
 // throws. What handles an event returns whether the session goes on.
 #pragma once
 #include <winsock2.h>
+
+#include <memory>
+#include <utility>
 
 #include "abi/acc_decision_info.h"
 #include "common/types.h"
@@ -27,6 +33,7 @@ namespace moru_vyr::lsp {
 
 class TcpProvider;
 class TcpSession;
+struct PostponedConnect;
 
 enum class TcpState : u32 {
   Created,      // waiting for its accept
@@ -68,6 +75,9 @@ struct TcpTry {
 class TcpSession {
  public:
   TcpSession(TcpProvider* provider, u32 token) noexcept;  // the provider outlives it
+  ~TcpSession();
+  TcpSession(const TcpSession&) = delete;
+  TcpSession& operator=(const TcpSession&) = delete;
 
   // The address that the game asked for, and the port from which it asked.
   void SetGame(u16 port, const sockaddr_in& server) noexcept;
@@ -75,6 +85,18 @@ class TcpSession {
   void SetLocalSocket(SOCKET socket) noexcept;
   // Makes the remote one. False on failure.
   bool OpenRemoteSocket() noexcept;
+
+  // The game's connect waits for this session; null: it does not. Before the first event.
+  void SetPostponed(std::shared_ptr<PostponedConnect> connect) noexcept {
+    postponed_ = std::move(connect);
+  }
+  bool IsPostponed() const noexcept { return postponed_ != nullptr; }
+  bool ExpectsGame() const noexcept;      // the game was told to connect, and may still come
+  bool IsGivenUpByGame() const noexcept;  // the game closed its socket, or no longer waits
+  // The game has come, with that socket.
+  void MeetGame(SOCKET local) noexcept;
+  // What the connect of one of the session's sockets failed with.
+  void NoteConnectError(SOCKET socket, int error) noexcept;
 
   // Asks the route policy where the remote socket should connect.
   void DecideRemoteAddr() noexcept;
@@ -122,6 +144,10 @@ class TcpSession {
   // No connect is under way and none will follow, so what the game sends can never leave.
   bool IsGivenUp() const noexcept;
   void LimitHalfClose(u32 elapsed_ms) noexcept;
+
+  // tcp_session_postponed.cpp
+  void LetGameConnect() noexcept;
+  void LimitPostponed(u32 elapsed_ms) noexcept;
 
   // tcp_session_fallback.cpp
   bool StartNegotiation() noexcept;
@@ -176,6 +202,9 @@ class TcpSession {
   bool use_acc_ = true;        // the remote side is a node
   bool direct_tried_ = false;  // the game server has been asked itself
   bool is_reset_ = false;
+  std::shared_ptr<PostponedConnect> postponed_;  // until the game has come
+  int connect_error_ = 0;                        // the game server's, else a node's
+  u32 expected_ms_ = 0;                          // since the game was told to connect
   AccDecisionInfo decision_;
   TcpNegotiation negotiation_;
   u8 node_changes_ = 0;

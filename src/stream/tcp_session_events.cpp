@@ -97,6 +97,7 @@ void TcpSession::RemoteSide::OnException(SOCKET of) noexcept {
   }
   LSP_LOG(4, "[TCP]TcpProvider::OnRemoteExcpetion. socket=%Id, error=%d, token=%u", of, pending,
           session.token_);
+  session.NoteConnectError(of, pending);
   if (session.state_ != TcpState::Connecting) {
     LSP_LOG(4, "[TCP]HandleConnectFailure. state mismatched, cur state=%d, token=%u",
             static_cast<int>(session.state_), session.token_);

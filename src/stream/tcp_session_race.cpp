@@ -82,6 +82,7 @@ void TcpSession::WinRace() noexcept {
     if (t.socket != INVALID_SOCKET && t.is_overdue) RecordTimeOut(&t);
     CloseTry(&t);
   }
+  if (IsPostponed()) LetGameConnect();
 }
 
 void TcpSession::UpdateTries(u32 elapsed_ms) noexcept {

@@ -19,6 +19,41 @@ constexpr int kReadSize = 8192;
 // system clears it on success, and what an earlier call left would have the bytes uncounted.
 void ForgetLastError() noexcept { WSASetLastError(0); }
 
+bool PassesOnReset() noexcept { return GetMending().PassesOnReset(); }
+
+bool IsLoss(int error) noexcept {
+  return error == WSAECONNABORTED || error == WSAECONNRESET || error == WSAENETRESET ||
+         error == WSAECONNREFUSED || error == WSAETIMEDOUT || error == WSAENETUNREACH ||
+         error == WSAEHOSTUNREACH;
+}
+
+// Some systems hand a connection's error to the select that reports it, and call what follows an
+// orderly end. The socket may still have the error; and it has no peer any more, which an end
+// leaves to a side that is not at its own. 0: it is an end.
+int ErrorBehindEnd(const TcpSide& side) noexcept {
+  if (!PassesOnReset()) return 0;
+  int error = 0;
+  int size = sizeof error;
+  getsockopt(side.socket, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &size);
+  if (IsLoss(error)) return error;
+  sockaddr_in peer = {};
+  size = sizeof peer;
+  const bool has_peer =
+      getpeername(side.socket, reinterpret_cast<sockaddr*>(&peer), &size) != SOCKET_ERROR;
+  return !has_peer && !side.told_end && WSAGetLastError() == WSAENOTCONN ? WSAECONNRESET : 0;
+}
+
+// What recv says, and its error.
+int Receive(const TcpSide& side, u8* place, int* error) noexcept {
+  ForgetLastError();
+  const int n = recv(side.socket, reinterpret_cast<char*>(place), kReadSize, 0);
+  *error = WSAGetLastError();
+  const int behind = n == 0 ? ErrorBehindEnd(side) : 0;
+  if (behind == 0) return n;
+  *error = behind;
+  return SOCKET_ERROR;
+}
+
 // A send to a side whose earlier bytes were dropped.
 int FailAsEnded() noexcept {
   WSASetLastError(WSAENOTSOCK);
@@ -40,9 +75,8 @@ bool TcpSession::Read(TcpSide* from, TcpSide* to) noexcept {
   for (;;) {
     u8* place = nullptr;
     if (!to->owed.Reserve(&place, kReadSize)) return WaitForRoom(from, to);
-    ForgetLastError();
-    const int n = recv(from->socket, reinterpret_cast<char*>(place), kReadSize, 0);
-    const int error = WSAGetLastError();
+    int error = 0;
+    const int n = Receive(*from, place, &error);
     if (from->is_remote) GetTracker().RecordRecv(from->socket, static_cast<u32>(n), error);
     if (n == 0 && GetMending().PassesOnHalfClose()) {
       StopSending(from);
@@ -182,9 +216,7 @@ void TcpSession::PassOnEnd(TcpSide* to, const TcpSide& from) noexcept {
 }
 
 void TcpSession::NoteReset(int error) noexcept {
-  const bool reset = error == WSAECONNABORTED || error == WSAECONNRESET || error == WSAENETRESET ||
-                     error == WSAECONNREFUSED;
-  if (reset && GetMending().PassesOnReset()) is_reset_ = true;
+  if (IsLoss(error) && PassesOnReset()) is_reset_ = true;
 }
 
 void TcpSession::CloseSocket(TcpSide* side) noexcept {

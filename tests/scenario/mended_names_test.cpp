@@ -48,6 +48,16 @@ SCENARIO_F(MendedNames, TheOwnOneIsThatOfTheInterfaceTowardsTheServer) {
   }
 }
 
+// Not every provider below says by which interface an address is reached.
+SCENARIO_F(MendedNames, TheOwnOneIsFoundWithoutTheNextProvidersHelp) {
+  const SOCKET s = Joins();
+  port::FailCall("WSPIoctl", 1, WSAEOPNOTSUPP);
+  EXPECT_EQ(Name(Own, s), kGame);
+  port::ClearFaults();
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  closesocket(s);
+}
+
 SCENARIO_F(MendedNames, ThePortIsTheOneThatTheGameHasChosen) {
   const SOCKET s = Tcp();
   ASSERT_EQ(BindTo(s, "0.0.0.0", 5555), 0);

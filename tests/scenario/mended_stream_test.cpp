@@ -9,7 +9,8 @@ using namespace tcp_test;  // NOLINT: the verbs of these tests
 
 class MendedStream : public TcpWorld {
  protected:
-  MendedStream() : TcpWorld(L"", nullptr, moru_vyr::lsp::kMendAll) {}
+  explicit MendedStream(moru_vyr::lsp::u32 mended = moru_vyr::lsp::kMendAll)
+      : TcpWorld(L"", nullptr, mended) {}
 
   // What the game gets, to the end, of a server that answers when it has heard everything.
   std::string Asks(SOCKET s, const std::string& question, std::string* end) {
@@ -26,6 +27,12 @@ class MendedStream : public TcpWorld {
       SendAll(t, answer);
     };
   }
+};
+
+// The game is connected before its server is.
+class MendedReset : public MendedStream {
+ protected:
+  MendedReset() : MendedStream(moru_vyr::lsp::kMendAll & ~moru_vyr::lsp::kMendRefusal) {}
 };
 
 SCENARIO_F_SEEDS(MendedStream, AGameThatEndsItsSendingGetsTheWholeAnswer, 5) {
@@ -162,7 +169,7 @@ SCENARIO_F(MendedStream, AGamesResetIsTheServers) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(MendedStream, AServerThatRefusesResetsTheGamesConnection) {
+SCENARIO_F(MendedReset, AServerThatRefusesResetsTheGamesConnection) {
   const SOCKET s = Joins(kDirect, kNobodysPort);
   std::string got;
   EXPECT_EQ(CollectAll(s, &got), "error 10054");
@@ -170,13 +177,25 @@ SCENARIO_F(MendedStream, AServerThatRefusesResetsTheGamesConnection) {
   ExpectServesAgain();
 }
 
-SCENARIO_F(MendedStream, AServerToWhichNoConnectCanStartResetsTheGamesConnection) {
+SCENARIO_F(MendedReset, AServerToWhichNoConnectCanStartResetsTheGamesConnection) {
   const SOCKET s = Tcp();
   port::FailCall("connect", 2, WSAENETUNREACH);
   ASSERT_EQ(ConnectTo(s, kDirect, kPort), 0);
   std::string got;
   EXPECT_EQ(CollectAll(s, &got), "error 10054");
   closesocket(s);
+  ExpectServesAgain();
+}
+
+SCENARIO_F(MendedStream, AServerThatIsLostResetsTheGamesConnection) {
+  const SOCKET s = Joins(kDirect);
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  server_host.down = true;
+  SendText(s, "anybody?");
+  std::string got;
+  EXPECT_EQ(CollectAll(s, &got), "error 10054");
+  closesocket(s);
+  server_host.down = false;
   ExpectServesAgain();
 }
 
