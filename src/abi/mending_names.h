@@ -19,6 +19,7 @@ inline constexpr MendingName kMendingNames[] = {
     {"fast-fallback", kMendFallback},
     {"connected-datagram", kMendConnectedDatagram},
     {"after-switch", kMendAfterSwitch},
+    {"judgement", kMendJudgement},
     {"start", kMendStart},
     {"names", kMendNames},
     {"datagram-match", kMendDatagramMatch},

@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "common/log.h"
+#include "route/mending.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -34,6 +35,9 @@ LinkTrouble FindTrouble(const LinkFigures& figures, const RecoverySwitchConfig& 
   return LinkTrouble::kNone;
 }
 
+LinkWatch::LinkWatch()
+    : by_answers_(GetMending().JudgesByAnswers()), probes_(&judge_, by_answers_) {}
+
 void LinkWatch::Start(const SpeedTestParam& param, std::string_view guid, const AccInfo& acc_info,
                       const ClientInfo& client_info, bool on_trial) noexcept {
   token_ = param.token;
@@ -58,16 +62,17 @@ LinkRequest LinkWatch::OnUpdate(u32 elapsed_ms, bool probing) noexcept {
   return LinkRequest::kNone;
 }
 
-// Called as the last probe is sent: answers still on their way do not count. A link on trial has
-// hardly closed a slot by then, so the running one is included. A judge that may not measure the
-// link gives no verdict on it.
+// Called as the last probe is sent: answers still on their way do not count, unless the burst is
+// judged by its answers. A link on trial has hardly closed a slot by then, so the running one is
+// included. A judge that may not measure the link gives no verdict on it.
 LinkRequest LinkWatch::JudgeBurst() noexcept {
   u32 need = 0, real = 0;
   judge_.GetRealRouteLost(&need, &real, on_trial_);
-  const std::optional<bool> lost = judge_.TryFireRealRouteLost();
-  if (!lost) return LinkRequest::kNone;
-  if (on_trial_) return *lost ? LinkRequest::kReject : LinkRequest::kAccept;
-  return *lost ? judge_.Report() : LinkRequest::kNone;
+  const std::optional<bool> window_lost = judge_.TryFireRealRouteLost();
+  if (!window_lost) return LinkRequest::kNone;
+  const bool lost = probes_.burst_lossy().value_or(*window_lost);
+  if (on_trial_) return lost ? LinkRequest::kReject : LinkRequest::kAccept;
+  return lost ? judge_.Report() : LinkRequest::kNone;
 }
 
 LinkRequest LinkWatch::OnReply(ProbeReply* reply) noexcept {
@@ -99,6 +104,7 @@ bool LinkWatch::WantsHighFreqTest() noexcept {
     case LinkTrouble::kNone:
       return false;
     case LinkTrouble::kDead:
+      if (by_answers_ && !judge_.HasShortWindows()) return false;
       LSP_LOG(4,
               "[RecoverySwitch]the received packages in 2 seconds is 0, indicating dead link, so "
               "requesting high freq test, token=%u",
