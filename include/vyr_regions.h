@@ -204,11 +204,14 @@ typedef struct vyr_restriction_region {
 #define VYR_MEND_RESTART 0x10u  /* a process that starts Winsock anew is served anew */
 #define VYR_MEND_FALLBACK 0x20u  /* another way is tried soon, failed nodes rest */
 #define VYR_MEND_CONNECTED_DATAGRAM 0x40u  /* datagram sockets may be connected */
+#define VYR_MEND_OVERLAPPED_DATAGRAM 0x80u  /* late receives get their source */
 #define VYR_MEND_AFTER_SWITCH 0x100u  /* a flow that has moved starts anew */
+#define VYR_MEND_JUDGEMENT 0x200u  /* a link is judged by what it does */
 #define VYR_MEND_START 0x400u  /* starting, ending and fullness as without us */
 #define VYR_MEND_NAMES 0x800u  /* names of both ends of a stream as without us */
 #define VYR_MEND_DATAGRAM_MATCH 0x1000u  /* no datagram gets another one's address */
-#define VYR_MEND_ALL 0x1d7fu
+#define VYR_MEND_REFUSAL 0x2000u  /* a server that refuses is a refused connect */
+#define VYR_MEND_ALL 0x3fffu
 
 #pragma pack(push, 1)
 typedef struct vyr_mending_record {

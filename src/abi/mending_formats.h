@@ -23,14 +23,15 @@ inline constexpr u32 kMendFallback = 0x20;   // another way is tried soon, faile
 inline constexpr u32 kMendConnectedDatagram = 0x40;   // datagram sockets may be connected
 inline constexpr u32 kMendOverlappedDatagram = 0x80;  // late receives get their source
 inline constexpr u32 kMendAfterSwitch = 0x100;        // a flow that has moved starts anew
+inline constexpr u32 kMendJudgement = 0x200;          // a link is judged by what it does
 inline constexpr u32 kMendStart = 0x400;              // starting, ending and fullness as without us
 inline constexpr u32 kMendNames = 0x800;           // names of both ends of a stream as without us
 inline constexpr u32 kMendDatagramMatch = 0x1000;  // no datagram gets another one's address
 inline constexpr u32 kMendRefusal = 0x2000;        // a server that refuses is a refused connect
 inline constexpr u32 kMendAll = kMendHalfClose | kMendFailedNode | kMendReset | kMendConnectEx |
                                 kMendRestart | kMendFallback | kMendConnectedDatagram |
-                                kMendOverlappedDatagram | kMendAfterSwitch | kMendStart |
-                                kMendNames | kMendDatagramMatch | kMendRefusal;
+                                kMendOverlappedDatagram | kMendAfterSwitch | kMendJudgement |
+                                kMendStart | kMendNames | kMendDatagramMatch | kMendRefusal;
 
 #pragma pack(push, 1)
 struct MendingRecord {

@@ -20,6 +20,7 @@ inline constexpr MendingName kMendingNames[] = {
     {"connected-datagram", kMendConnectedDatagram},
     {"overlapped-datagram", kMendOverlappedDatagram},
     {"after-switch", kMendAfterSwitch},
+    {"judgement", kMendJudgement},
     {"start", kMendStart},
     {"names", kMendNames},
     {"datagram-match", kMendDatagramMatch},

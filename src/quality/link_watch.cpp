@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "common/log.h"
+#include "route/mending.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -34,6 +35,9 @@ LinkTrouble FindTrouble(const LinkFigures& figures, const RecoverySwitchConfig& 
   return LinkTrouble::kNone;
 }
 
+LinkWatch::LinkWatch()
+    : by_answers_(GetMending().JudgesByAnswers()), probes_(&judge_, by_answers_) {}
+
 void LinkWatch::Start(const SpeedTestParam& param, std::string_view guid, const AccInfo& acc_info,
                       const ClientInfo& client_info, bool on_trial) noexcept {
   token_ = param.token;
@@ -44,17 +48,18 @@ void LinkWatch::Start(const SpeedTestParam& param, std::string_view guid, const 
   if (on_trial) probes_.HighFreqTest();  // such a link gets no time to settle
 }
 
-// A burst is judged as its last probe is sent: answers still on their way do not count. A link on
-// trial has hardly closed a slot by then, so the running one is included. A judge that may not
-// measure the link gives no verdict on it.
+// A burst is judged as its last probe is sent: answers still on their way do not count, unless it
+// is judged by its answers. A link on trial has hardly closed a slot by then, so the running one is
+// included. A judge that may not measure the link gives no verdict on it.
 LinkRequest LinkWatch::OnUpdate(u32 elapsed_ms, bool probing) noexcept {
   while (probing && probes_.StepSpeedTest()) {
     u32 need = 0, real = 0;
     judge_.GetRealRouteLost(&need, &real, on_trial_);
-    const std::optional<bool> lost = judge_.TryFireRealRouteLost();
-    if (!lost) continue;
-    if (on_trial_) return *lost ? LinkRequest::kReject : LinkRequest::kAccept;
-    if (*lost && judge_.Report() == LinkRequest::kSwitch) return LinkRequest::kSwitch;
+    const std::optional<bool> window_lost = judge_.TryFireRealRouteLost();
+    if (!window_lost) continue;
+    const bool lost = probes_.burst_lossy().value_or(*window_lost);
+    if (on_trial_) return lost ? LinkRequest::kReject : LinkRequest::kAccept;
+    if (lost && judge_.Report() == LinkRequest::kSwitch) return LinkRequest::kSwitch;
   }
   if (!judge_.OnUpdate() || on_trial_) return LinkRequest::kNone;
   if (high_freq_timer_ms_ < judge_.config().lost_calc_unit_size) {
@@ -95,6 +100,7 @@ bool LinkWatch::WantsHighFreqTest() noexcept {
     case LinkTrouble::kNone:
       return false;
     case LinkTrouble::kDead:
+      if (by_answers_ && !judge_.HasShortWindows()) return false;
       LSP_LOG(4,
               "[RecoverySwitch]the received packages in 2 seconds is 0, indicating dead link, so "
               "requesting high freq test, token=%u",

@@ -38,6 +38,7 @@ LinkTrouble FindTrouble(const LinkFigures& figures, const RecoverySwitchConfig& 
 
 class LinkWatch {
  public:
+  LinkWatch();
   // Starts again, also on another link. Keeps what RecoverySwitch::Init keeps.
   void Start(const SpeedTestParam& param, std::string_view guid, const AccInfo& acc_info,
              const ClientInfo& client_info, bool on_trial) noexcept;
@@ -73,8 +74,9 @@ class LinkWatch {
  private:
   bool WantsHighFreqTest() noexcept;
 
+  const bool by_answers_;  // see Mending::JudgesByAnswers
   RecoverySwitch judge_;
-  RealRouteSpeedTest probes_{&judge_};
+  RealRouteSpeedTest probes_;
   u32 token_ = 0;
   bool on_trial_ = false;
   u32 high_freq_timer_ms_ = 0;  // since the last check of the traffic

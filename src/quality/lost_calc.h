@@ -48,6 +48,9 @@ class LostCalc {
   // the number of packets expected and received. Either pointer may be null.
   u8 GetCurLost(u16 cycles, u32* need, u32* real, bool include_current) const noexcept;
 
+  // Whether so many slots have closed since the first packet, or without one.
+  bool HasSlots(u16 slots) const noexcept { return cycle_count_ >= slots; }
+
   // As of the last closing, over cycle_size slots.
   u8 last_lost() const noexcept { return last_lost_; }
   u32 need_recv_pkg() const noexcept { return need_recv_pkg_; }

@@ -2,6 +2,7 @@
 
 #include <winsock2.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "common/log.h"
@@ -17,7 +18,7 @@ const char* BoolText(bool value) noexcept { return value ? "true" : "false"; }
 
 }  // namespace
 
-RealRouteRecentCycleData::RealRouteRecentCycleData() {
+RealRouteRecentCycleData::RealRouteRecentCycleData(bool averages) : averages_(averages) {
   const AccConfig& config = *GetAccConfig();
   real_route_cycle_size_ = thresholds::NormTestInterval(config);
   lost_calc_cycle_ = thresholds::LongCycle(config);
@@ -41,6 +42,7 @@ void RealRouteRecentCycleData::Reset() noexcept {
   delay_amp_ = 0;
   cur_delay_sum_ = 0;
   cur_delay_square_sum_ = 0;
+  cur_count_ = 0;
   cycle_start_tick_ = GetTickCount();
   cycles_.clear();
   cur_high_freq_ = false;
@@ -58,15 +60,18 @@ void RealRouteRecentCycleData::AddDelay(u32 delay, bool is_high_freq) noexcept {
   } else if (now < cycle_start_tick_) {
     cycle_start_tick_ = now;  // the tick counter has begun again
   }
+  ++cur_count_;
   cur_delay_sum_ += delay;
   cur_delay_square_sum_ += static_cast<double>(delay * delay);
   if (cycles_.size() > lost_calc_cycle_) cycles_.pop_front();
 }
 
 void RealRouteRecentCycleData::CloseCycle() noexcept {
+  const u32 parts = averages_ ? std::max(cur_count_, 1u) : 1;
+  cur_count_ = 0;
   if (cur_delay_sum_ == 0) return;
   try {
-    cycles_.push_back({cur_delay_sum_, cur_delay_square_sum_, cur_high_freq_});
+    cycles_.push_back({cur_delay_sum_ / parts, cur_delay_square_sum_ / parts, cur_high_freq_});
   } catch (...) {
     // No memory: a cycle without an entry, as one without probes is.
   }

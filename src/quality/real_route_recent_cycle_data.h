@@ -24,7 +24,9 @@ struct RecentCycle {
 
 class RealRouteRecentCycleData {
  public:
-  RealRouteRecentCycleData();  // reads the configuration of the process
+  // Reads the configuration of the process. `averages`: the entry of a cycle is the average of its
+  // delays, not their sum.
+  explicit RealRouteRecentCycleData(bool averages = false);
 
   // An answered probe. relay_idx 1 is the front section, which has no watch period.
   void Update(u32 delay, bool is_high_freq, u8 relay_idx) noexcept;
@@ -51,7 +53,9 @@ class RealRouteRecentCycleData {
   u32 delay_avg_ = 0;
   u32 cycle_start_tick_ = 0;
   u32 delay_amp_ = 0;
+  const bool averages_;
   // The running cycle.
+  u32 cur_count_ = 0;
   u32 cur_delay_sum_ = 0;
   double cur_delay_square_sum_ = 0;
   std::deque<RecentCycle> cycles_;  // the oldest first

@@ -1,5 +1,7 @@
 #include "quality/real_route_speed_test.h"
 
+#include <algorithm>
+
 #include "common/log.h"
 #include "common/unix_time.h"
 #include "protocol/speed_test_payload.h"
@@ -29,6 +31,7 @@ void RealRouteSpeedTest::Start(const SpeedTestParam& param, bool is_in_switching
   // The windows keep their configuration and their watch period.
   ignore_time_passed_ = false;
   last_test_tick_ = high_freq_test_counter_ = 0;
+  burst_.Stop();
   for (RealRouteRecentCycleData& cycle : recent_cycle_) cycle.Reset();
 
   param_ = param;
@@ -64,18 +67,43 @@ bool RealRouteSpeedTest::StepSpeedTest() noexcept {
     last_test_tick_ = now;
     return false;
   }
-  if (high_freq_test_counter_ != 0 && now > last_test_tick_ + high_freq_test_interval_) {
-    last_test_tick_ = now;
-    SendSpeedTest();
-    LSP_LOG(0, "StepSpeedTest, high_freq_test_counter=%d, socket=%u, token=%u",
-            high_freq_test_counter_, static_cast<u32>(param_.socket), param_.token);
-    if (--high_freq_test_counter_ == 0) return true;
+  if (high_freq_test_counter_ != 0 &&
+      now + EarlyMs() > last_test_tick_ + high_freq_test_interval_) {
+    if (StepBurst(now)) return true;
   }
+  if (by_answers_ && IsBurstDecided(now)) return true;
   if (high_freq_test_counter_ == 0 && now > last_test_tick_ + norm_test_interval_) {
     last_test_tick_ = now;
     SendSpeedTest();
   }
   return false;
+}
+
+bool RealRouteSpeedTest::StepBurst(u32 now) noexcept {
+  const u32 last_seq = param_.seq;
+  last_test_tick_ = now;
+  SendSpeedTest();
+  burst_.NoteSent(param_.seq != last_seq ? param_.seq : 0, now);
+  LSP_LOG(0, "StepSpeedTest, high_freq_test_counter=%d, socket=%u, token=%u",
+          high_freq_test_counter_, static_cast<u32>(param_.socket), param_.token);
+  return --high_freq_test_counter_ == 0 && !by_answers_;
+}
+
+// An answer can be back within twice the delay that the link has had, and the time between two
+// steps of the timer at either end. Of a link whose delay is not known, within what counts as
+// valid.
+bool RealRouteSpeedTest::IsBurstDecided(u32 now) noexcept {
+  constexpr u32 kTimerMs = 60;
+  if (!burst_.IsRunning()) return false;
+  const u32 delay = recent_cycle_[1].delay_avg();
+  const bool is_known = delay != 0 && delay != kDelayNotMeasured;
+  const u32 wait =
+      is_known ? std::min(2 * delay + kTimerMs, max_valid_test_delay_) : max_valid_test_delay_;
+  burst_lossy_ = burst_.IsLossy(now, wait, judge_.config().max_real_route_lost_);
+  if (!burst_lossy_) return false;
+  burst_.Stop();
+  high_freq_test_counter_ = 0;
+  return true;
 }
 
 void RealRouteSpeedTest::SendSpeedTest() noexcept {
@@ -162,6 +190,7 @@ LinkRequest RealRouteSpeedTest::ProcessTestRecv(ProbeReply* reply) noexcept {
 
 void RealRouteSpeedTest::CountReply(const ProbeReply& reply) noexcept {
   if (reply.booked) judge_.RealRouteAddOneRecvPkg(reply.seq, reply.relay_idx);
+  if (reply.booked && reply.relay_idx != 1) burst_.NoteAnswered(reply.seq);
   LSP_LOG(0, "RecvSpeedTest success,len=%d,relay_idx=%d,seq=%d,delay=%d, socket=%u, token=%u",
           reply.len, reply.relay_idx, reply.seq, reply.delay, static_cast<u32>(param_.socket),
           param_.token);
@@ -202,9 +231,10 @@ int RealRouteSpeedTest::HighFreqTest() noexcept {
   if (!running_) return kRefused;
   LSP_LOG(0, "HighFreqTest, high_freq_test_countert=%u, socket=%u, token=%u",
           high_freq_test_counter_, socket, param_.token);
-  if (high_freq_test_counter_ != 0 || IsYoungLink()) return kNotNow;
+  if (high_freq_test_counter_ != 0 || burst_.IsRunning() || IsYoungLink()) return kNotNow;
   if (recent_cycle_[1].IsWatching() && !MayEndWatching()) return kRefused;
   high_freq_test_counter_ = high_freq_test_time_ / high_freq_test_interval_;
+  if (by_answers_) burst_.Start(high_freq_test_counter_);
   return kStarted;
 }
 

@@ -10,7 +10,11 @@
 #pragma once
 #include <winsock2.h>
 
+#include <algorithm>
+#include <optional>
+
 #include "common/types.h"
+#include "quality/probe_burst.h"
 #include "quality/real_route_recent_cycle_data.h"
 #include "quality/recovery_switch.h"
 
@@ -41,8 +45,11 @@ struct ProbeReply {
 
 class RealRouteSpeedTest {
  public:
-  // Its windows read the configuration of the process.
-  explicit RealRouteSpeedTest(RecoverySwitch* judge) : judge_(*judge) {}
+  // Its windows read the configuration of the process. `by_answers`: see Mending::JudgesByAnswers.
+  explicit RealRouteSpeedTest(RecoverySwitch* judge, bool by_answers = false)
+      : judge_(*judge),
+        by_answers_(by_answers),
+        recent_cycle_{RealRouteRecentCycleData(by_answers), RealRouteRecentCycleData(by_answers)} {}
   RealRouteSpeedTest(const RealRouteSpeedTest&) = delete;
   RealRouteSpeedTest& operator=(const RealRouteSpeedTest&) = delete;
 
@@ -52,8 +59,9 @@ class RealRouteSpeedTest {
   // Before Start: ends the watch period.
   void Forget() noexcept { recent_cycle_[1].StopWatching(); }
 
-  // The timer's step: sends the probe that is due. True once the last one of a burst has been sent;
-  // then it must be called again in the same step of the timer.
+  // The timer's step: sends the probe that is due. True once the last one of a burst has been sent,
+  // or once the burst's answers have decided; then it must be called again in the same step of the
+  // timer.
   bool StepSpeedTest() noexcept;
   // Whether the datagram was the answer to a probe; any other is data, even if it is marked as a
   // probe.
@@ -62,11 +70,21 @@ class RealRouteSpeedTest {
   LinkRequest ProcessTestRecv(ProbeReply* reply) noexcept;
   // Tells the judge of the answer, if it was added.
   void CountReply(const ProbeReply& reply) noexcept;
+  // Of the burst that StepSpeedTest has just ended: whether it lost too much. No value if its
+  // answers do not decide.
+  std::optional<bool> burst_lossy() const noexcept { return burst_lossy_; }
   // Asks for a burst: 0 it starts, 1 not now, -1 refused.
   int HighFreqTest() noexcept;
 
  private:
   void ReadConfig() noexcept;
+  // A probe of a burst leaves at the step of the timer that is nearest to its time, where bursts
+  // are judged by their answers; elsewhere at the first one after it.
+  u32 EarlyMs() const noexcept {
+    return by_answers_ ? std::min(20u, high_freq_test_interval_ / 2) : 0;
+  }
+  bool StepBurst(u32 now) noexcept;
+  bool IsBurstDecided(u32 now) noexcept;
   void SendSpeedTest() noexcept;
   bool MayEndWatching() noexcept;
   bool IsYoungLink() noexcept;
@@ -75,6 +93,9 @@ class RealRouteSpeedTest {
   LinkRequest UpdateDelay(u32 delay, u8 relay_idx) noexcept;
 
   RecoverySwitch& judge_;
+  const bool by_answers_;
+  ProbeBurst burst_;  // of by_answers_ only
+  std::optional<bool> burst_lossy_;
   u32 norm_test_interval_ = 0;  // milliseconds, as are all times
   u32 high_freq_test_interval_ = 0;
   u32 high_freq_test_time_ = 0;

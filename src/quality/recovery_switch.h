@@ -98,6 +98,12 @@ class RecoverySwitch {
   u8 GetRealRouteShortLost(u32* need, u32* real, bool include_current) noexcept;
   u8 GetRealRouteLost(u32* need, u32* real, bool include_current) noexcept;
 
+  // Whether the short windows are full; before that they may be empty on any link.
+  bool HasShortWindows() const noexcept {
+    return data_link_.HasSlots(config_.short_cycle) &&
+           real_route_full_.HasSlots(config_.short_cycle);
+  }
+
   // The node's view of what we send.
   void SetUploadLost(u8 lost) noexcept;
   // True when the delays are so high that a report is due; never for a link on trial.

@@ -41,6 +41,24 @@ bool SelectOtherProxy(i32 socket_type, AccDecisionInfo* decision) noexcept {
   return true;
 }
 
+bool SelectAwakeCandidate(const SwitchProxyInfo& candidates, u32 left, u32 last_node,
+                          AccDecisionInfo* decision) noexcept {
+  RouteProxyInfo& selected = decision->selected_proxy;
+  if (!Rests(SOCK_DGRAM, selected)) return true;
+  LSP_LOG(4, "[Relay]SelectAwakeCandidate, a node that failed is passed over, proxy_idc=%u",
+          u32{selected.proxy_idc});
+  if (candidates.last_node != last_node) return false;
+  const auto found = std::find_if(
+      std::begin(candidates.proxies), std::end(candidates.proxies), [&](const RouteProxyInfo& p) {
+        return p.proxy_idc != 0 && p.proxy_idc != left && !Rests(SOCK_DGRAM, p);
+      });
+  if (found == std::end(candidates.proxies)) return false;
+  const auto how = selected.decision;  // of a switch, whatever the route said
+  selected = *found;
+  selected.decision = how;
+  return true;
+}
+
 void NoteNodeFailed(i32 socket_type, const AccDecisionInfo& decision) noexcept {
   const FallbackTimes* const times = FastFallback();
   if (times == nullptr) return;

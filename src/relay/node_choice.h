@@ -22,6 +22,11 @@ bool SelectAwakeProxy(i32 socket_type, AccDecisionInfo* decision) noexcept;
 // there is none.
 bool SelectOtherProxy(i32 socket_type, AccDecisionInfo* decision) noexcept;
 
+// The same for a flow that is to leave the node `left` for the selected proxy: another one is taken
+// from the session's candidates that lead to that last node.
+bool SelectAwakeCandidate(const SwitchProxyInfo& candidates, u32 left, u32 last_node,
+                          AccDecisionInfo* decision) noexcept;
+
 // What came of asking the selected proxy.
 void NoteNodeFailed(i32 socket_type, const AccDecisionInfo& decision) noexcept;
 void NoteNodeServes(i32 socket_type, const AccDecisionInfo& decision) noexcept;

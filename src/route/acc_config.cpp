@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <type_traits>
 
 #include "abi/restriction_formats.h"
 #include "common/log.h"
@@ -135,6 +136,26 @@ void ReplaceAccConfig(const AccConfig& config) noexcept {
   common::SetLogThreshold(config.log_level);
 }
 
+void FillUnsetSettings(AccConfigRecord* record) noexcept {
+  const auto fill = [](auto& field, u32 value) noexcept {
+    if (field == 0) field = static_cast<std::remove_reference_t<decltype(field)>>(value);
+  };
+  // Slots so short that a dead link is noticed within a second, and a short window that still holds
+  // the answer to a probe. In the long one a single datagram that is lost of a usual game's asks
+  // for a burst of probes, whose verdict takes four of twenty.
+  if ((record->lost_calc_unit_size & 0xFFFF) == 0) record->lost_calc_unit_size = 200;
+  fill(record->short_cycle, 3);
+  fill(record->long_cycle, 7);
+  fill(record->data_link_long_cycle_lost, 3);
+  // Above any healthy link. A change is seen in the swing.
+  fill(record->max_delay_avg, 200);
+  fill(record->max_high_freq_test_count, 100);  // no watch period: no window holds so many bursts
+  // A trial of eight probes, of which one may be lost.
+  fill(record->switching_high_freq_test_interval, 10);
+  fill(record->switching_high_freq_test_time, 80);
+  fill(record->switching_max_real_route_lost, 25);
+}
+
 bool ReadAccConfig() noexcept {
   if (process_config.valid != 0) return true;
   if (common::GetProcessInfo().process_path[0] == '\0') {
@@ -150,6 +171,7 @@ bool ReadAccConfig() noexcept {
   }
   ReadMending(place);
   if (!installed) return false;
+  if (GetMending().FillsUnsetSettings()) FillUnsetSettings(&process_config);
   if (process_config.net_mode != 0) return true;
   LspTrace("Based on server config, the game will not be accelerated:%s",
            common::GetProcessInfo().process_name);

@@ -25,6 +25,10 @@ const AccConfig* GetAccConfig() noexcept;
 void ReplaceAccConfig(const AccConfigRecord& record) noexcept;
 void ReplaceAccConfig(const AccConfig& config) noexcept;
 
+// Sets what the client has left unset of the judge's settings, such that a link in trouble is left
+// soon and no other one is: docs/switching.md has the figures. What allows switching stays unset.
+void FillUnsetSettings(AccConfigRecord* record) noexcept;
+
 // Looks for the record that lists this process's path (ProcessInfo must be filled) and installs it.
 // True if there is one and it says that the game is accelerated. A record that says otherwise stays
 // installed all the same. Writes what it finds to the debugger output. Waits for the region's mutex

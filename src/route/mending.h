@@ -70,6 +70,13 @@ class Mending {
     return (mended_ & (kMendDatagramMatch | kMendConnectedDatagram | kMendOverlappedDatagram)) != 0;
   }
 
+  // Delays are averaged, a burst of probes is judged by its own answers once they can be back, and
+  // a link that is younger than its windows is not dead.
+  bool JudgesByAnswers() const noexcept { return (mended_ & kMendJudgement) != 0; }
+  // … and what the client has not set of the judge's settings is such that a link in trouble is
+  // left soon and no other one is.
+  bool FillsUnsetSettings() const noexcept { return (mended_ & kMendJudgement) != 0; }
+
   u32 bits() const noexcept { return mended_; }
 
  private:

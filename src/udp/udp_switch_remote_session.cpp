@@ -5,6 +5,7 @@
 #include "quality/link_thresholds.h"
 #include "quality/recovery_switch.h"
 #include "relay/nego_common.h"
+#include "relay/node_choice.h"
 #include "route/acc_config.h"
 #include "route/route.h"
 #include "sockets/socket_helpers.h"
@@ -59,8 +60,11 @@ void UdpSwitchRemoteSession::StartSwitch(const AccDecisionInfo& decision, const 
   link_.info().switch_route = left.switch_route;
   const LastNodeInfo& last_node = left.last_node;
   const u16 last_node_id = last_node.node_id;
-  if (!flow_.session->provider()->SessionRoute()->MakeSwitchDecision(
-          &decision_, &link_.info().switch_route, &last_node_id, flow_.token)) {
+  const u32 left_idc = decision.selected_proxy.proxy_idc;
+  SwitchProxyInfo* const candidates = &link_.info().switch_route;
+  if (!flow_.session->provider()->SessionRoute()->MakeSwitchDecision(&decision_, candidates,
+                                                                     &last_node_id, flow_.token) ||
+      !SelectAwakeCandidate(*candidates, left_idc, last_node_id, &decision_)) {
     Finish(UdpSwitchState::kFailed, SwitchResult::kNoRoute);
     return;
   }

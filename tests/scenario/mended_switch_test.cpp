@@ -7,6 +7,7 @@
 #include "tests/support/log_texts.h"
 //
 #include "port/shared/faults.h"
+#include "relay/node_choice.h"
 #include "tests/support/link_judge.h"
 #include "tests/support/mended.h"
 #include "tests/support/report_client.h"
@@ -17,6 +18,8 @@ namespace {
 
 using namespace switch_test;  // NOLINT
 using moru_vyr::lsp::kMendAfterSwitch;
+using moru_vyr::lsp::kMendFallback;
+using moru_vyr::lsp::kMendJudgement;
 
 // The client program has asked before the flow begins.
 struct AsksForAfterSwitch {
@@ -183,6 +186,103 @@ SCENARIO_F(MendedSwitch, WhatWaitsForRoomAtTheHandOverLeavesByItself) {
   EXPECT_FALSE(flow->HasBlockedPackages());
 }
 
+// --- the nodes that are tried --------------------------------------------------------------------
+
+void Failed(int port) {
+  AccDecisionInfo decision;
+  common::SetFieldText(decision.selected_proxy.proxy_addr, "127.0.0.1");
+  decision.selected_proxy.proxy_port = static_cast<u16>(port);
+  NoteNodeFailed(SOCK_DGRAM, decision);
+}
+
+class MendedCandidates : public SwitchWorld {
+ private:
+  test::Mended mended_{kMendFallback};
+};
+
+SCENARIO_F(MendedCandidates, ANodeThatFailedIsNotTriedUntilItHasRested) {
+  IsCarried();
+  Failed(7002);
+  EXPECT_TRUE(Fires());
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kNoRoute});
+  HealthyTurns(990);
+  EXPECT_FALSE(b.IsAsked());
+  HealthyTurns(20);
+  IsVerifying();
+}
+
+SCENARIO_F(MendedCandidates, InPlaceOfANodeThatFailedAnotherOneIsTried) {
+  ScriptedNode c{7003, 0xC3};
+  ProxyRecord& third = test::AddProxy(image, 3, "127.0.0.1");
+  third.surport_isps = 1;
+  third.flag = image.proxies[1].flag;
+  image.route_sets[0].routes[0].switch_groups[0].candidates[0] =
+      test::Ref(3, DECISION_ACCE, kLastNode);
+  IsCarried();
+  Failed(7002);
+  EXPECT_TRUE(Fires());
+  Turn();
+  EXPECT_FALSE(b.IsAsked());
+  ASSERT_TRUE(c.IsAsked()) << log->Text();
+  c.Answers();
+  Turn();
+  EXPECT_TRUE(Logged(test::kTrialAgreed));
+}
+
+SCENARIO_F(MendedSwitch, WhereNoNodeRestsOneThatFailedIsTried) {
+  IsCarried();
+  Failed(7002);
+  IsVerifying();
+}
+
+// --- the judgement -------------------------------------------------------------------------------
+
+struct AsksForJudgement {
+  test::Mended mended{kMendJudgement};
+};
+
+class MendedTrial : public AsksForJudgement, public SwitchWorld {
+ protected:
+  // The whole burst has left, and no answer has come.
+  void HasSentItsBurst() {
+    IsCarried();
+    IsVerifying();
+    for (int i = 0; i < 10; ++i) {
+      Turn();
+      b.Takes();
+    }
+    EXPECT_FALSE(Logged(test::kTrialVerdict)) << "all of it is on its way";
+  }
+};
+
+SCENARIO_F(MendedTrial, IsJudgedWhenTheAnswersAreBack) {
+  config.switching_max_real_route_lost = 0;  // 1 percent, which a node that loses nothing passes
+  HasSentItsBurst();
+  b.AnswersProbes();
+  Turn();
+  EXPECT_TRUE(Logged(test::kTrialVerified)) << log->Text();
+}
+
+SCENARIO_F(MendedTrial, IsLostOnceNoAnswerCanCome) {
+  HasSentItsBurst();
+  Turns(20);
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kVerificationFailed});
+}
+
+// Two of five may be missing where the limit is 60 percent, and nobody waits for them.
+SCENARIO_F(MendedTrial, PassesWithoutTheAnswersThatItCanSpare) {
+  IsCarried();
+  IsVerifying();
+  Turns(2);
+  b.Takes();
+  b.ForgetsProbes();
+  Turns(7);
+  b.Takes();
+  b.AnswersProbes();
+  Turn();
+  EXPECT_TRUE(Logged(test::kTrialVerified)) << log->Text();
+}
+
 // --- with real nodes, and a game that plays ------------------------------------------------------
 
 class MendedPlay : public AsksForAfterSwitch, public udp_test::UdpWorld {
@@ -228,6 +328,69 @@ SCENARIO_F(MendedPlay, TheNextTroubleMovesTheFlowAgain) {
   EXPECT_TRUE(PlaysUntil(
       s, [this] { return Moves() == 2; }, 10'000))
       << log_text();
+  closesocket(s);
+}
+
+// Nothing is set but what allows switching.
+class OpenJudge : public udp_test::UdpWorld {
+ protected:
+  explicit OpenJudge(u32 mended = 0) : udp_test::UdpWorld(mended) {
+    Configures([](AccConfigRecord* record) {
+      record->link_switch_mask = 3;
+      common::SetFieldText(record->list_text, "7");
+      record->switch_open = 1;
+      record->game_link_switch_open = 1;
+      record->max_link_except_rep_num = 20;
+      record->max_link_switch_count = 5;
+    });
+    Starts();
+  }
+  void LinksTake(sim::Duration delay) {
+    sim::LinkOptions link;
+    link.delay = delay;
+    link.jitter = 3ms;
+    for (sim::Host* node : {&a_host, &b_host}) world.SetLink(world.home().host, *node, link);
+  }
+  void Plays(SOCKET s, int ms) {
+    for (int passed = 0; passed < ms; passed += 50) {
+      Sends(s, "tick");
+      RunFor(50ms);
+      while (ReadableWithin(s, 0)) Receives(s, 0);
+    }
+  }
+};
+
+class MendedJudge : public OpenJudge {
+ protected:
+  MendedJudge() : OpenJudge(kMendJudgement) {}
+};
+
+SCENARIO_F(OpenJudge, AHealthyLinkLooksDeadInItsFirstSlot) {
+  LinksTake(72ms);
+  const SOCKET s = Udp();
+  Plays(s, 3000);
+  EXPECT_EQ(test::CountOf("indicating dead link", log_text()), 1) << log_text();
+  closesocket(s);
+}
+
+SCENARIO_F(MendedJudge, AHealthyLinkIsLeftAloneFromItsFirstSlotOn) {
+  LinksTake(72ms);
+  const SOCKET s = Udp();
+  Plays(s, 20'000);
+  EXPECT_FALSE(Logged("requesting high freq test")) << log_text();
+  EXPECT_FALSE(Logged(test::kSwitchFires));
+  closesocket(s);
+}
+
+SCENARIO_F(MendedJudge, ADeadLinkIsLeftSoonWithNothingSet) {
+  LinksTake(20ms);
+  const SOCKET s = Udp();
+  Plays(s, 10'000);
+  sim::LinkOptions cut;
+  cut.partitioned = true;
+  world.SetLink(world.home().host, a_host, cut);
+  Plays(s, 3000);
+  EXPECT_TRUE(Logged(test::kSocketReplaced)) << log_text();
   closesocket(s);
 }
 

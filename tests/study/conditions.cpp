@@ -1,5 +1,6 @@
 #include "tests/study/conditions.h"
 
+#include "abi/mending_formats.h"
 #include "common/text.h"
 
 namespace study {
@@ -104,6 +105,8 @@ const std::vector<Settings>& AllSettings() {
       {"fast", "as fast as a healthy link allows: slots of 100 ms", Fast, 1000, 50},
       {"steady", "for links of this length: delay from 150 ms on, a trial of 25 probes", Steady,
        1000, 500},
+      {"mended", "as unset, for a client that asks for after-switch and judgement", Unset, 1000, 80,
+       moru_vyr::lsp::kMendAfterSwitch | moru_vyr::lsp::kMendJudgement},
   };
   return all;
 }

@@ -39,6 +39,7 @@ struct Settings {
   void (*apply)(moru_vyr::lsp::AccConfigRecord*);
   // The minimum that they configure.
   int burst_ms, trial_ms;
+  common::u32 mended = 0;  // bits of MendingRecord::mended
 };
 const std::vector<Settings>& AllSettings();
 

@@ -15,7 +15,7 @@ using study::Trouble;
 struct Wanted {
   study::Spans spans;
   int seeds = 100, first_seed = 1;
-  int healthy_minutes = 0, healthy_flows = 40;
+  int healthy_minutes = 0, healthy_flows = 40, link_hours = 0;
   double healthy_loss_up = 0, healthy_loss_down = 0;  // percent
   std::vector<std::string> troubles, settings;
   bool json = false, quiet = false;
@@ -155,6 +155,36 @@ bool StudyHealth(const Wanted& wanted, const Settings& settings) {
   return true;
 }
 
+bool StudyLinks(const Wanted& wanted, const Settings& settings) {
+  constexpr int kLinks = 50;
+  const int minutes = std::clamp((wanted.link_hours * 60 + kLinks - 1) / kLinks, 1, 60);
+  const study::Losses losses = {wanted.healthy_loss_up / 100, wanted.healthy_loss_down / 100};
+  double hours = 0;
+  int probes = 0, switches = 0, moved = 0;
+  for (int i = 0; hours < wanted.link_hours; ++i) {
+    const auto seed = static_cast<uint64_t>(wanted.first_seed + i);
+    const study::Health one = study::RunLinks(seed, losses, settings, kLinks, minutes);
+    if (!one.failure.empty()) {
+      std::fprintf(stderr, "\nlinks, %s, seed %d: %s\n", settings.name, wanted.first_seed + i,
+                   one.failure.c_str());
+      return false;
+    }
+    hours += one.flow_hours;
+    probes += one.probes;
+    switches += one.switches;
+    moved += one.flows_moved;
+    Progress(wanted, std::string(settings.name) + ", links", static_cast<int>(hours),
+             wanted.link_hours);
+  }
+  std::printf(
+      "%-8s links of 20 to 150 ms, %.2f %% lost up, %.2f %% down: %.0f hours, %.0f probes an hour, "
+      "%d switches of %d links\n",
+      settings.name, wanted.healthy_loss_up, wanted.healthy_loss_down, hours, probes / hours,
+      switches, moved);
+  std::fflush(stdout);
+  return true;
+}
+
 template <class Condition>
 std::string Names(const std::vector<Condition>& all) {
   std::string text;
@@ -222,6 +252,10 @@ int main(int argc, char** argv) {
   app.add_option("--healthy-loss-down", wanted.healthy_loss_down, "… and on the way from it")
       ->check(CLI::Range(0.0, 100.0))
       ->capture_default_str();
+  app.add_option("--link-hours", wanted.link_hours,
+                 "also watch links without trouble on their own, so many hours of flows")
+      ->check(CLI::Range(0, 10'000))
+      ->capture_default_str();
   app.add_flag("--json", wanted.json, "one line of JSON for each row");
   app.add_flag("--quiet", wanted.quiet, "no progress");
   try {
@@ -239,6 +273,7 @@ int main(int argc, char** argv) {
     for (const Settings& each : settings) {
       for (const Trouble& trouble : troubles) well = Study(wanted, trouble, each) && well;
       if (wanted.healthy_minutes != 0) well = StudyHealth(wanted, each) && well;
+      if (wanted.link_hours != 0) well = StudyLinks(wanted, each) && well;
     }
     return well ? 0 : 1;
   } catch (const CLI::Error& error) {

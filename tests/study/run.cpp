@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "tests/scenario/udp_world.h"
+#include "tests/study/links.h"
 
 namespace study {
 namespace {
@@ -53,7 +54,7 @@ int FlowsWith(const std::string& part, const std::string& log) {
 
 class Play : public udp_test::UdpWorld {
  public:
-  Play(const Settings& settings, const Losses& losses) {
+  Play(const Settings& settings, const Losses& losses) : udp_test::UdpWorld(settings.mended) {
     Configures(settings.apply);
     sim::Host& player = world.home().host;
     for (sim::Host* node : {&a_host, &b_host}) {
@@ -200,14 +201,14 @@ class Play : public udp_test::UdpWorld {
 };
 
 // The child prints its result in its last line.
-nlohmann::json InChild(uint64_t seed, const std::function<nlohmann::json()>& body) {
+nlohmann::json InChild(uint64_t seed, const std::function<nlohmann::json(sim::World&)>& body) {
   sim::Options options;
   options.seed = seed;
   options.max_steps = 4'000'000'000;
   const sim::ChildResult result = sim::RunInChild(
       options,
-      [&](sim::World&) {
-        std::printf("%s%s\n", kMark, body().dump().c_str());
+      [&](sim::World& world) {
+        std::printf("%s%s\n", kMark, body(world).dump().c_str());
         std::fflush(stdout);
       },
       [] { return testing::Test::HasFailure() ? sim::Verdict::kFailed : sim::Verdict::kPassed; },
@@ -223,7 +224,7 @@ nlohmann::json InChild(uint64_t seed, const std::function<nlohmann::json()>& bod
 
 Outcome RunTrouble(uint64_t seed, const Trouble& trouble, const Settings& settings,
                    const Spans& spans) {
-  const nlohmann::json said = InChild(seed, [&]() -> nlohmann::json {
+  const nlohmann::json said = InChild(seed, [&](sim::World&) -> nlohmann::json {
     // Leaked on purpose: its threads run until the process ends.
     const Outcome o = (new Play(settings, {}))->Through(trouble, spans);
     return {{"failure", o.failure},
@@ -255,7 +256,7 @@ Outcome RunTrouble(uint64_t seed, const Trouble& trouble, const Settings& settin
 
 Health RunHealthy(uint64_t seed, const Losses& losses, const Settings& settings, int flows,
                   int minutes) {
-  const nlohmann::json said = InChild(seed, [&]() -> nlohmann::json {
+  const nlohmann::json said = InChild(seed, [&](sim::World&) -> nlohmann::json {
     const Health h = (new Play(settings, losses))->InHealth(flows, minutes);
     return {{"failure", h.failure}, {"hours", h.flow_hours},  {"bursts", h.bursts},
             {"trials", h.trials},   {"switches", h.switches}, {"flows_moved", h.flows_moved}};
@@ -267,6 +268,24 @@ Health RunHealthy(uint64_t seed, const Losses& losses, const Settings& settings,
   health.trials = said.value("trials", 0);
   health.switches = said.value("switches", 0);
   health.flows_moved = said.value("flows_moved", 0);
+  return health;
+}
+
+Health RunLinks(uint64_t seed, const Losses& losses, const Settings& settings, int links,
+                int minutes) {
+  const nlohmann::json said = InChild(seed, [&](sim::World& world) -> nlohmann::json {
+    const Health h = WatchLinks(world.random(), losses, settings, links, minutes);
+    return {{"hours", h.flow_hours},
+            {"switches", h.switches},
+            {"flows_moved", h.flows_moved},
+            {"probes", h.probes}};
+  });
+  Health health;
+  health.failure = said.value("failure", "");
+  health.flow_hours = said.value("hours", 0.0);
+  health.switches = said.value("switches", 0);
+  health.flows_moved = said.value("flows_moved", 0);
+  health.probes = said.value("probes", 0);
   return health;
 }
 

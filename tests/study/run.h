@@ -33,10 +33,15 @@ struct Health {
   std::string failure;
   double flow_hours = 0;
   int bursts = 0, trials = 0, switches = 0;
+  int probes = 0;       // of RunLinks
   int flows_moved = 0;  // at least once: the effects of a move can cause further ones
 };
 // That many flows at once, each through A, for that long.
 Health RunHealthy(uint64_t seed, const Losses& losses, const Settings& settings, int flows,
                   int minutes);
+
+// The same of links on their own; see links.h.
+Health RunLinks(uint64_t seed, const Losses& losses, const Settings& settings, int links,
+                int minutes);
 
 }  // namespace study

@@ -417,4 +417,21 @@ TEST_F(ReadConfig, ReplacingTheRecordKeepsThePaths) {
   EXPECT_FALSE(common::IsLogged(3));
 }
 
+TEST(UnsetSettings, AreFilledAndNoOthers) {
+  AccConfigRecord record;
+  record.lost_calc_unit_size = 0x10000;  // its low half counts
+  record.max_delay_avg = 77;
+  moru_vyr::lsp::FillUnsetSettings(&record);
+  EXPECT_EQ(u32{record.lost_calc_unit_size}, 200u);
+  EXPECT_EQ(record.short_cycle, 3);
+  EXPECT_EQ(record.long_cycle, 7);
+  EXPECT_EQ(record.data_link_long_cycle_lost, 3);
+  EXPECT_EQ(u32{record.max_delay_avg}, 77u);
+  EXPECT_EQ(u32{record.max_high_freq_test_count}, 100u);
+  EXPECT_EQ(u32{record.switching_high_freq_test_time}, 80u);
+  EXPECT_EQ(record.switching_max_real_route_lost, 25);
+  EXPECT_EQ(record.link_switch_mask, 0) << "what allows switching is the client's to say";
+  EXPECT_EQ(u32{record.max_link_except_rep_num}, 0u);
+}
+
 }  // namespace

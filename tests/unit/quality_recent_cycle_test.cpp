@@ -60,5 +60,21 @@ TEST(RecentCycleArithmetic, ABurstHasNoVariation) {
   ReplaceAccConfig(AccConfig{});
 }
 
+// Asked for averages, a burst is one entry like any other: neither higher nor without a swing.
+TEST(RecentCycleArithmetic, ABurstMayBeAveraged) {
+  AccConfig config;
+  config.long_cycle = 2;
+  config.log_level = 6;
+  ReplaceAccConfig(config);
+  RealRouteRecentCycleData window(true);
+  for (int i = 0; i < 4; ++i) window.Update(i % 2 == 0 ? 30 : 50, true, 0);
+  test::Pass(2 * 500);
+  window.Update(40, false, 0);
+  window.Update(1, false, 0);
+  EXPECT_EQ(window.delay_avg(), 40u);
+  EXPECT_EQ(window.delay_amp(), 7u) << "the root of half of a hundred";
+  ReplaceAccConfig(AccConfig{});
+}
+
 }  // namespace
 }  // namespace moru_vyr::lsp
