@@ -13,11 +13,13 @@ namespace {
 
 constexpr DWORD kInitPollMs = 10;
 constexpr DWORD kStopWaitMs = 200;
-constexpr DWORD kReportingStopWaitMs = 2500;  // the Tracker takes up to 2000 ms of it
+constexpr DWORD kReportingStopWaitMs = 5000;  // 2500 ms to deliver, 2000 ms of the Tracker's
 constexpr u32 kSparePlaces = 8;               // for whoever has asked for room and has not come yet
 constexpr long kPassTimeUs = 20000;           // bounds the idle latency of every timer
 constexpr u32 kUpdateIntervalMs = 30;
 constexpr int kFarewellPasses = 2;  // after a stop, for the providers to flush
+// And for as long as they owe servers something: time for two nodes that do not answer.
+constexpr u32 kDeliveryLimitMs = 2500;
 
 bool ReportsItsEnd() noexcept { return GetMending().ReportsItsEnd(); }
 
@@ -177,11 +179,13 @@ void RelayMgr::UninitProviders() noexcept {
 void RelayMgr::Loop() noexcept {
   const timeval pass_time{0, kPassTimeUs};
   int passes_left = kFarewellPasses;
+  u32 stopped = 0;
   u32 last_update = GetTickCount();
   for (;;) {
     if (IsStopping()) {
-      if (passes_left <= 0) return;
-      --passes_left;
+      if (passes_left == kFarewellPasses) stopped = GetTickCount();
+      if (passes_left <= 0 && !MayDeliver(stopped)) return;
+      if (passes_left > 0) --passes_left;
     }
     int error = 0;
     if (sockets_.Poll(pass_time, &error) == SOCKET_ERROR) {
@@ -190,6 +194,11 @@ void RelayMgr::Loop() noexcept {
     }
     OnTimer(&last_update);
   }
+}
+
+bool RelayMgr::MayDeliver(u32 stopped) const noexcept {
+  return GetMending().DeliversAtItsEnd() && GetTickCount() - stopped < kDeliveryLimitMs &&
+         (udp_provider_.OwesServers() || tcp_provider_.OwesServers());
 }
 
 // Kept: where the sum wraps or the counter has, the updates come at every pass, or pause until the

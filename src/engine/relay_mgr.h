@@ -97,6 +97,8 @@ class RelayMgr final : public IRelaySocketMgr {
   void UninitProviders() noexcept;
   void BuryWorker() noexcept;
   void OnTimer(u32* last_update) noexcept;
+  // After a stop, with the tick of it.
+  bool MayDeliver(u32 stopped) const noexcept;
 
   std::atomic<u32> state_{kStateNotInitialised};  // released: the listener's address goes with it
   std::atomic<bool> stop_flag_{true};

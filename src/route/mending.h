@@ -45,6 +45,8 @@ class Mending {
   bool BoundsClientWaits() const noexcept { return Starts(); }
   // A process that ends with a cleanup of Winsock reports the end of what it still had open.
   bool ReportsItsEnd() const noexcept { return Starts(); }
+  // What the game has sent before a cleanup of Winsock reaches its server.
+  bool DeliversAtItsEnd() const noexcept { return Starts(); }
   // What the relay has no place to poll goes direct.
   bool KeepsToItsPlaces() const noexcept { return Starts(); }
   // A connect that failed leaves nothing behind for the next one from its port.

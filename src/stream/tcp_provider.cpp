@@ -229,6 +229,11 @@ void TcpProvider::CloseObsoleteSession(TcpSession* session) noexcept {
   std::erase_if(sessions_, [session](const auto& entry) { return entry.get() == session; });
 }
 
+bool TcpProvider::OwesServers() const noexcept {
+  return std::any_of(sessions_.begin(), sessions_.end(),
+                     [](const auto& session) { return session->OwesServer(); });
+}
+
 void TcpProvider::OnUpdate(u32 elapsed_ms) noexcept {
   if (PostponesConnects()) StartPostponed();  // where there is no socket to wake the worker with
   for (const auto& session : sessions_) {

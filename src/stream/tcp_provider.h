@@ -53,6 +53,9 @@ class TcpProvider final : public NetProvider {
   // Ends the session and closes its sockets.
   void CloseObsoleteSession(TcpSession* session) noexcept;
 
+  // Whether bytes of the game's wait in any session.
+  bool OwesServers() const noexcept;
+
   void Uninit() noexcept;
   void OnReadable(SOCKET listen_socket) noexcept override;  // a connection of the game's is there
   void OnUpdate(u32 elapsed_ms) noexcept;

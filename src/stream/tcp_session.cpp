@@ -134,6 +134,10 @@ bool TcpSession::IsGivenUp() const noexcept {
   return state_ == TcpState::Accepted || state_ == TcpState::Failed;
 }
 
+bool TcpSession::OwesServer() const noexcept {
+  return !remote_.owed.IsEmpty() && !remote_.sock_deleteing && !IsGivenUp();
+}
+
 bool TcpSession::IsObsolete() noexcept {
   // Guard: a socket whose connect has failed carries nothing. What the closed game has sent cannot
   // leave, and the session would wait for that for ever.

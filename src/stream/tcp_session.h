@@ -108,6 +108,8 @@ class TcpSession {
   bool GiveUp() noexcept;
 
   void OnUpdate(u32 elapsed_ms) noexcept;
+  // Whether bytes of the game's wait here, and may still leave.
+  bool OwesServer() const noexcept;
   // Whether both sides have ended, and long enough ago for the last bytes to have been sent.
   bool IsObsolete() noexcept;
   // Whether one side reset its connection, and the other is to see the same.

@@ -1,6 +1,8 @@
 // The control socket, and the sessions' life.
 #include "udp/udp_provider.h"
 
+#include <algorithm>
+
 #include "common/log.h"
 #include "sockets/socket_helpers.h"
 #include "sockets/socket_map.h"
@@ -102,6 +104,11 @@ void UdpProvider::OnUpdate(u32 elapsed_ms) noexcept {
     return has_session;
   });
   EndForgotten(elapsed_ms);
+}
+
+bool UdpProvider::OwesServers() const noexcept {
+  return std::any_of(sessions_.begin(), sessions_.end(),
+                     [](const auto& entry) { return entry.second->OwesServers(); });
 }
 
 bool UdpProvider::TakePeerSocket() noexcept {

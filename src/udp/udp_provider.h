@@ -60,6 +60,9 @@ class UdpProvider final : public NetProvider {
   // this again. Also ends the caller, if it is a part of the session.
   void CloseSession(u32 token) noexcept;
 
+  // Whether datagrams of the game's wait here.
+  bool OwesServers() const noexcept;
+
   void Uninit() noexcept;
   void OnReadable(SOCKET socket) noexcept override;
   void OnUpdate(u32 elapsed_ms) noexcept;

@@ -1,5 +1,7 @@
 #include "udp/udp_session.h"
 
+#include <algorithm>
+
 #include "common/log.h"
 #include "common/net_text.h"
 #include "route/mending.h"
@@ -119,6 +121,11 @@ bool UdpSession::CanClose() noexcept {
     result = false;
   }
   return result;
+}
+
+bool UdpSession::OwesServers() const noexcept {
+  return std::any_of(remote_sessions_.begin(), remote_sessions_.end(),
+                     [](const auto& entry) { return entry.second->HasBlockedPackages(); });
 }
 
 void UdpSession::OnUpdate(u32 elapsed_ms) noexcept {

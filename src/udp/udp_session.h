@@ -54,6 +54,8 @@ class UdpSession {
   // datagrams is told to close after them; those that wait for a negotiation count only where
   // falling back is fast.
   bool CanClose() noexcept;
+  // The same question, and nothing is told to close.
+  bool OwesServers() const noexcept;
   // For a part of the session that may not end it directly: the provider does so after this tick of
   // the timer.
   void WantClose() noexcept { close_wanted_ = true; }

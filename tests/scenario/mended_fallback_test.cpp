@@ -11,6 +11,8 @@ using namespace sim_test;      // NOLINT: the verbs of these tests
 using namespace relayed_test;  // NOLINT
 using moru_vyr::lsp::kMendAll;
 using moru_vyr::lsp::kMendFallback;
+using moru_vyr::lsp::kMendRefusal;
+using moru_vyr::lsp::kMendStart;
 using Texts = std::vector<std::string>;
 
 // --- connections ---------------------------------------------------------------------------------
@@ -255,12 +257,31 @@ SCENARIO_F(FallbackAlone, ANodeThatRefusesEndsTheConnectionUnlessAnotherIsAsked)
   closesocket(s);
 }
 
+// Its connect is answered before the server has been reached, so its bytes have to wait.
+class MendedCleanup : public MendedFallback {
+ protected:
+  MendedCleanup() : MendedFallback(kMendAll & ~kMendRefusal) {}
+};
+
+SCENARIO_F(MendedCleanup, WaitsForWhatIsOwed) {
+  BothNodesAreSilent();
+  WSADATA data = {};
+  ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+  SendText(Joins(), "hello");
+  const auto start = world.now();
+  EXPECT_EQ(WSACleanup(), 0);
+  EXPECT_GE(world.now() - start, 1s);
+  RunFor(100ms);
+  ASSERT_FALSE(calls.empty());
+  EXPECT_EQ(LastCall().got, "hello");
+}
+
 // --- datagrams -----------------------------------------------------------------------------------
 
 class MendedFallbackDatagrams : public udp_test::UdpWorld {
  protected:
-  MendedFallbackDatagrams() {
-    mending->games[0].mended = kMendAll;
+  explicit MendedFallbackDatagrams(moru_vyr::lsp::u32 mended = kMendAll) {
+    mending->games[0].mended = mended;
     Starts();
   }
 
@@ -322,6 +343,35 @@ SCENARIO_F(MendedFallbackDatagrams, TwoSilentNodesCostTwoSeconds) {
   RunFor(100ms);
   EXPECT_EQ(Heard("game"), texts);
   EXPECT_EQ(a.Count("request") + b.Count("request"), 2u);
+}
+
+// A game that sends and cleans up at once, before a node has answered.
+SCENARIO_F(MendedFallbackDatagrams, ACleanupWaitsForWhatIsOwed) {
+  BothNodesAreSilent();
+  WSADATA data = {};
+  ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+  const Texts texts = SendsThree(Udp());
+  const auto start = world.now();
+  EXPECT_EQ(WSACleanup(), 0);
+  EXPECT_GE(world.now() - start, 1s);
+  EXPECT_LE(world.now() - start, 2500ms);
+  RunFor(100ms);
+  EXPECT_EQ(Heard("game"), texts);
+}
+
+class FallbackWithoutDelivery : public MendedFallbackDatagrams {
+ protected:
+  FallbackWithoutDelivery() : MendedFallbackDatagrams(kMendAll & ~kMendStart) {}
+};
+
+SCENARIO_F(FallbackWithoutDelivery, ACleanupDropsWhatIsOwed) {
+  BothNodesAreSilent();
+  WSADATA data = {};
+  ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+  SendsThree(Udp());
+  EXPECT_EQ(WSACleanup(), 0);
+  RunFor(3s);
+  EXPECT_EQ(Heard(), Texts());
 }
 
 SCENARIO_F(MendedFallbackDatagrams, TheFirstNodeMayAnswerAfterTheSecondWasAsked) {
