@@ -180,11 +180,12 @@ void RelayMgr::Loop() noexcept {
   const timeval pass_time{0, kPassTimeUs};
   int passes_left = kFarewellPasses;
   u32 stopped = 0;
+  delivers_ = false;
   u32 last_update = GetTickCount();
   for (;;) {
     if (IsStopping()) {
       if (passes_left == kFarewellPasses) stopped = GetTickCount();
-      if (passes_left <= 0 && !MayDeliver(stopped)) return;
+      if (passes_left <= 0 && !Delivers(stopped)) return;
       if (passes_left > 0) --passes_left;
     }
     int error = 0;
@@ -196,9 +197,16 @@ void RelayMgr::Loop() noexcept {
   }
 }
 
-bool RelayMgr::MayDeliver(u32 stopped) const noexcept {
-  return GetMending().DeliversAtItsEnd() && GetTickCount() - stopped < kDeliveryLimitMs &&
-         (udp_provider_.OwesServers() || tcp_provider_.OwesServers());
+// Winsock makes no socket any more while it is being cleaned up, so no connection takes another
+// way.
+bool RelayMgr::Delivers(u32 stopped) noexcept {
+  if (!GetMending().DeliversAtItsEnd() || GetTickCount() - stopped >= kDeliveryLimitMs ||
+      (!udp_provider_.OwesServers() && !tcp_provider_.OwesServers())) {
+    return false;
+  }
+  if (!delivers_) tcp_provider_.StopAccepting();
+  delivers_ = true;
+  return true;
 }
 
 // Kept: where the sum wraps or the counter has, the updates come at every pass, or pause until the
@@ -209,7 +217,7 @@ void RelayMgr::OnTimer(u32* last_update) noexcept {
   if (now <= *last_update + kUpdateIntervalMs) return;
   const u32 elapsed = now - *last_update;
   udp_provider_.OnUpdate(elapsed);
-  tcp_provider_.OnUpdate(elapsed);
+  if (!delivers_) tcp_provider_.OnUpdate(elapsed);
   GetRoute()->OnUpdate(elapsed);
   *last_update = now;
 }

@@ -97,8 +97,8 @@ class RelayMgr final : public IRelaySocketMgr {
   void UninitProviders() noexcept;
   void BuryWorker() noexcept;
   void OnTimer(u32* last_update) noexcept;
-  // After a stop, with the tick of it.
-  bool MayDeliver(u32 stopped) const noexcept;
+  // After a stop, with the tick of it: whether the loop goes on for what servers are owed.
+  bool Delivers(u32 stopped) noexcept;
 
   std::atomic<u32> state_{kStateNotInitialised};  // released: the listener's address goes with it
   std::atomic<bool> stop_flag_{true};
@@ -110,6 +110,7 @@ class RelayMgr final : public IRelaySocketMgr {
   std::atomic<u32> looked_at_{0};        // the tick at which the worker's thread was seen alive
   std::atomic<bool> thread_left_{true};  // the thread has come to the end of its function
   std::atomic<bool> buried_{false};      // a worker was terminated in the middle of its work
+  bool delivers_ = false;                // the worker only waits for what servers are owed
 
   common::Mutex init_lock_;  // one thread starts the worker; held while it waits for it
   std::atomic<u32> last_token_{0};

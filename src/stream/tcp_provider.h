@@ -55,6 +55,8 @@ class TcpProvider final : public NetProvider {
 
   // Whether bytes of the game's wait in any session.
   bool OwesServers() const noexcept;
+  // From now on no connection of the game's is taken.
+  void StopAccepting() noexcept { socket_mgr_->RemoveSocket(local_socket_); }
 
   void Uninit() noexcept;
   void OnReadable(SOCKET listen_socket) noexcept override;  // a connection of the game's is there

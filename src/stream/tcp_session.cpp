@@ -135,7 +135,7 @@ bool TcpSession::IsGivenUp() const noexcept {
 }
 
 bool TcpSession::OwesServer() const noexcept {
-  return !remote_.owed.IsEmpty() && !remote_.sock_deleteing && !IsGivenUp();
+  return state_ == TcpState::Relaying && !remote_.owed.IsEmpty() && !remote_.sock_deleteing;
 }
 
 bool TcpSession::IsObsolete() noexcept {

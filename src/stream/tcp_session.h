@@ -108,7 +108,7 @@ class TcpSession {
   bool GiveUp() noexcept;
 
   void OnUpdate(u32 elapsed_ms) noexcept;
-  // Whether bytes of the game's wait here, and may still leave.
+  // Whether bytes of the game's wait for room in the far side's socket.
   bool OwesServer() const noexcept;
   // Whether both sides have ended, and long enough ago for the last bytes to have been sent.
   bool IsObsolete() noexcept;
