@@ -11,7 +11,7 @@ namespace {
 sockaddr_in Name(const char* ip, int port) {
   sockaddr_in name = {};
   name.sin_family = AF_INET;
-  name.sin_addr.s_addr = static_cast<in_addr_t>(inet_addr(ip));
+  name.sin_addr.s_addr = static_cast<u32>(inet_addr(ip));
   name.sin_port = htons(static_cast<u16>(port));
   return name;
 }

@@ -53,8 +53,6 @@ MOST_AGAIN = 12  # cells; if more differ, it is not the machine
 NOT_MENDED = {
     "ruby-leaves": "It ends without WSACleanup. The thread that carries ends with its process, and what "
     "that thread still has is lost.",
-    "media-connected": "WSACleanup ends the thread that carries, and what waits there for the answer of "
-    "a node is lost.",
 }
 # Program: what has been seen of it now and then on a busy machine, and is not explained yet. What
 # differs is printed, and does not fail.

@@ -275,7 +275,7 @@ void ByResults() {
                                  &cut.length, &cut.pending.overlapped, nullptr);
   SendTo(s, "echo a-long-word", kSecond);
   const std::string end = cut.pending.End(s, result);
-  Note("a room that is too small", std::string(end).append(", ").append(From(cut)));
+  Note("a room that is too small", end);  // Wine may say so before it has stored the rest
   Arrival cancelled;
   Begin(s, &cancelled);
   Note("a receive of which nothing comes", cancelled.pending.End(s, SOCKET_ERROR, kQuietMs));

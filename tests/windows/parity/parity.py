@@ -8,6 +8,7 @@ docs/parity.md shows all that differs, and must be as the run says; with --write
 """
 
 import concurrent.futures
+import os
 import pathlib
 import subprocess
 import sys
@@ -125,6 +126,14 @@ def look(arguments, words_of_ways, at_once):
         return stage.look(words_of_ways, at_once), [*stage.state()]
 
 
+def end_all_programs():
+    """Ends what an earlier look may have left behind. The next program starts Wine anew."""
+    environment = {**os.environ, "WINEPREFIX": os.environ["VYR_WINEPREFIX"]}
+    subprocess.run(["wineserver", "-k"], env=environment, check=False)
+    subprocess.run(["wineserver", "-w"], env=environment, check=False, timeout=LONGEST_S)
+    pathlib.Path(os.environ["VYR_BED_DIR"], "wine-started").unlink(missing_ok=True)
+
+
 def look_until_as_before(arguments, before):
     """All observations. What is not as the document has it is looked at again, more calmly and with
     everything started anew."""
@@ -136,6 +145,7 @@ def look_until_as_before(arguments, before):
             break
         print("once more:", "; ".join(f"{way}: {', '.join(names)}" for way, names in changed.items()))
         words = {way: ["calm", *subjects] for way, subjects in changed.items()}
+        end_all_programs()
         columns, state = look(arguments, words, AT_ONCE_CALM)
         states.append(state)
         found.take_better(columns, before)
