@@ -26,7 +26,7 @@ std::shared_ptr<PostponedConnect> PostponedConnects::Add(const SocketRecord& rec
     if (!event) return nullptr;
   }
   try {
-    const auto made = std::make_shared<PostponedConnect>(record, std::move(event));
+    auto made = std::make_shared<PostponedConnect>(record, std::move(event));
     common::Lock hold(lock_);
     undecided_.push_back(made);
     return made;
