@@ -15,6 +15,7 @@
 #include "route/mending.h"
 #include "route/route.h"
 #include "start/config_source.h"
+#include "tests/support/end_worker.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/out_of_memory.h"
@@ -24,7 +25,10 @@ namespace moru_vyr::lsp {
 namespace {
 
 struct GameTester : testing::Test {
-  GameTester() { common::SetFieldText(common::GetProcessInfo().process_path, dir / "game.exe"); }
+  GameTester() {
+    test::EndWorker();
+    common::SetFieldText(common::GetProcessInfo().process_path, dir / "game.exe");
+  }
   ~GameTester() override {
     common::GetProcessInfo().process_path[0] = '\0';
     common::GetProcessInfo().process_name[0] = '\0';

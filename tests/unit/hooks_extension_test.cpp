@@ -10,6 +10,7 @@
 #include "hooks/extension_functions.h"
 #include "hooks/hook_entries.h"
 #include "sockets/socket_map.h"
+#include "tests/support/end_worker.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/log_texts.h"
 #include "tests/support/mended.h"
@@ -216,6 +217,7 @@ TEST_F(ExtensionHooks, APendingConnectExReturnsTrueAndKeepsItsError) {
 }
 
 TEST_F(ExtensionHooks, AMendedConnectExAnswersAsTheNextProvider) {
+  test::EndWorker();
   const test::Mended mended(kMendConnectEx);
   OVERLAPPED overlapped{};
   EXPECT_EQ(WSPConnectEx(next.socket, Generic(server), 16, nullptr, 0, nullptr, &overlapped), TRUE);
@@ -227,6 +229,7 @@ TEST_F(ExtensionHooks, AMendedConnectExAnswersAsTheNextProvider) {
   EXPECT_EQ(WSAGetLastError(), WSAEINVAL);
   next.result = -1;
   EXPECT_EQ(WSPConnectEx(next.socket, Generic(server), 16, nullptr, 0, nullptr, nullptr), FALSE);
+  test::EndWorker();  // it may have been started here
 }
 
 TEST_F(ExtensionHooks, AMissingConnectExAnswersMinusOne) {

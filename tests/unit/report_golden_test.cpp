@@ -6,6 +6,7 @@
 
 #include "common/text.h"
 #include "route/acc_config.h"
+#include "tests/support/end_worker.h"
 #include "tests/support/report_client.h"
 #include "tracker/reports.h"
 
@@ -47,7 +48,10 @@ constexpr u64 kGameId = 0x1122334455667788;
 
 class ReportGolden : public testing::Test {
  protected:
-  static void SetUpTestSuite() { test::EndTheTrackerOfTheProcess(); }
+  static void SetUpTestSuite() {
+    test::EndWorker();
+    test::EndTheTrackerOfTheProcess();
+  }
 
   ReportGolden() {
     AccConfigRecord config;

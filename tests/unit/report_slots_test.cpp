@@ -11,6 +11,7 @@
 #include "common/shared_mem_obj.h"
 #include "common/text.h"
 #include "route/acc_config.h"
+#include "tests/support/end_worker.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/log_texts.h"
 #include "tests/support/report_client.h"
@@ -173,7 +174,10 @@ class Region {
 
 class ReportSlots : public testing::TestWithParam<Report> {
  protected:
-  static void SetUpTestSuite() { test::EndTheTrackerOfTheProcess(); }
+  static void SetUpTestSuite() {
+    test::EndWorker();
+    test::EndTheTrackerOfTheProcess();
+  }
 
   const Report& report() const { return GetParam(); }
   const ReportChannel& channel() const { return *report().channel; }

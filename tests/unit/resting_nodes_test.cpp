@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "relay/node_choice.h"
+#include "tests/support/end_worker.h"
 #include "tests/support/mended.h"
 
 namespace moru_vyr::lsp {
@@ -71,6 +72,7 @@ TEST(RestingNodes, WhereThereIsNoRoomTheOldestIsForgotten) {
 class NodeChoice : public testing::Test {
  protected:
   NodeChoice() {
+    test::EndWorker();
     for (u32 i = 0; i < kTopRefs; ++i) decision.top_proxy[i] = Proxy(i + 1);
     decision.selected_proxy = Proxy(1);
   }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "common/handle.h"
+#include "tests/support/end_worker.h"
 #include "tests/support/route_fixture.h"
 #include "tests/support/threads.h"
 
@@ -12,6 +13,7 @@ namespace {
 
 class MendingRegionTest : public testing::Test {
  protected:
+  MendingRegionTest() { test::EndWorker(); }
   ~MendingRegionTest() override { ReadMending(kMaxGames); }
 
   // The bits of the game in that place.

@@ -4,6 +4,7 @@
 
 #include "common/process_info.h"
 #include "relay/nego_common.h"
+#include "tests/support/end_worker.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/log_texts.h"
 #include "tests/support/tracker_fixture.h"
@@ -20,7 +21,10 @@ using test::UsedSlots;
 
 class TrackerReports : public test::TrackerTest {
  protected:
-  static void SetUpTestSuite() { test::EndTheTrackerOfTheProcess(); }
+  static void SetUpTestSuite() {
+    test::EndWorker();
+    test::EndTheTrackerOfTheProcess();
+  }
 
   test::ReportClient client;
 };
