@@ -6,7 +6,8 @@ set(VYR_STANDARD_HEADERS <algorithm> <array> <atomic> <cstddef> <cstdint> <cstdi
 set(VYR_PLATFORM_HEADERS <winsock2.h> <windows.h> <ws2spi.h>)
 
 # The files of one folder of a developers' program are compiled together: what they include and
-# instantiate costs far more than they do themselves. So they share one anonymous namespace.
+# instantiate costs far more than they do themselves. So they share one anonymous namespace. The fuzz
+# preset compiles each by itself.
 option(VYR_JOIN_FOLDERS "compile each folder of a developers' program as one unit" ON)
 function(vyr_join_by_folder target)
   set_target_properties(${target} PROPERTIES UNITY_BUILD ${VYR_JOIN_FOLDERS} UNITY_BUILD_MODE GROUP)
