@@ -1,6 +1,8 @@
 // The listener, the sessions' registration and their end.
 #include "stream/tcp_provider.h"
 
+#include <algorithm>
+
 #include "common/function_trace.h"
 #include "common/log.h"
 #include "relay/node_choice.h"

@@ -120,10 +120,11 @@ class Stage:
 
 
 def look(arguments, words_of_ways, at_once):
-    """The columns of these ways, and what is to be known where they are not as they should be."""
+    """The columns of these ways, how often the node was asked, and what is to be known where they
+    are not as they should be."""
     stage = Stage(arguments)
     with stage.bench.running:
-        return stage.look(words_of_ways, at_once), [*stage.state()]
+        return stage.look(words_of_ways, at_once), len(stage.bench.node.games()), [*stage.state()]
 
 
 def end_all_programs():
@@ -137,7 +138,7 @@ def end_all_programs():
 def look_until_as_before(arguments, before):
     """All observations. What is not as the document has it is looked at again, more calmly and with
     everything started anew."""
-    columns, state = look(arguments, dict.fromkeys(table.WAYS, []), AT_ONCE)
+    columns, asked, state = look(arguments, dict.fromkeys(table.WAYS, []), AT_ONCE)
     found, states = table.Table(columns), [state]
     for _ in range(ATTEMPTS - 1):
         changed = found.changed_subjects(before)
@@ -146,10 +147,10 @@ def look_until_as_before(arguments, before):
         print("once more:", "; ".join(f"{way}: {', '.join(names)}" for way, names in changed.items()))
         words = {way: ["calm", *subjects] for way, subjects in changed.items()}
         end_all_programs()
-        columns, state = look(arguments, words, AT_ONCE_CALM)
+        columns, _, state = look(arguments, words, AT_ONCE_CALM)
         states.append(state)
         found.take_better(columns, before)
-    return found, states
+    return found, asked, states
 
 
 def check_way(checks, found, way, reasons):
@@ -179,7 +180,7 @@ def main():
     reasons = tomllib.loads(NOT_MENDED.read_text())["reason"]
     before = table.read(DOCUMENT.read_text()) if DOCUMENT.exists() else {}
     servers = (peers.Streams(), peers.Datagrams())  # they serve as long as they are held
-    found, states = look_until_as_before(arguments, before)
+    found, asked, states = look_until_as_before(arguments, before)
     text = table.document(found, reasons)
     if arguments.write:
         DOCUMENT.write_text(text)
@@ -187,7 +188,8 @@ def main():
     checks.that(DOCUMENT.read_text() == text,
                 f"docs/parity.md is not as things are; {sys.argv[0]} --write writes it",
                 "\n".join(map(found.line, [name for name, _ in found.changed(before)])))  # fmt: skip
-    print(f"{len(found.names)} observations in {len(states)} looks")
+    checks.that(asked > 0, "the node was asked")
+    print(f"{len(found.names)} observations in {len(states)} looks, the node was asked {asked} times")
     if checks.failed:
         for number, state in enumerate(states, 1):
             print(f"look {number}:", *state, sep="\n  ")
