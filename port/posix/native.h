@@ -47,6 +47,14 @@ inline ssize_t Send(int fd, const void* bytes, size_t size, int flags) {
 inline ssize_t Recv(int fd, void* bytes, size_t size, int flags) {
   return ::recv(fd, bytes, size, flags);
 }
+inline ssize_t SendTo(int fd, const void* bytes, size_t size, int flags, const sockaddr* to,
+                      socklen_t to_size) {
+  return ::sendto(fd, bytes, size, flags, to, to_size);
+}
+inline ssize_t RecvFrom(int fd, void* bytes, size_t size, int flags, sockaddr* from,
+                        socklen_t* from_size) {
+  return ::recvfrom(fd, bytes, size, flags, from, from_size);
+}
 inline ssize_t SendMsg(int fd, const msghdr* message, int flags) {
   return ::sendmsg(fd, message, flags);
 }

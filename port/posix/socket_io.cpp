@@ -59,11 +59,24 @@ msghdr Message(Vectors* vectors) {
   return message;
 }
 
-// Nearly every call has a single buffer, for which the host has a faster call.
+// Nearly every call has a single buffer, for which the host has a faster call: here, in PutDatagram
+// and in ReceiveOnce.
 ssize_t PutOnStream(int fd, Vectors* vectors, int flags) {
   if (vectors->size() == 1)
     return native::Send(fd, vectors->data()->iov_base, vectors->data()->iov_len, flags);
   const msghdr message = Message(vectors);
+  return native::SendMsg(fd, &message, flags);
+}
+
+ssize_t PutDatagram(int fd, Vectors* vectors, int flags, const sockaddr* to) {
+  const socklen_t to_size = to != nullptr ? sizeof(sockaddr_in) : 0;
+  if (vectors->size() == 1) {
+    const iovec& one = *vectors->data();
+    return native::SendTo(fd, one.iov_base, one.iov_len, flags, to, to_size);
+  }
+  msghdr message = Message(vectors);
+  message.msg_name = const_cast<sockaddr*>(to);
+  message.msg_namelen = to_size;
   return native::SendMsg(fd, &message, flags);
 }
 
@@ -130,17 +143,14 @@ int SendStream(Socket& socket, Vectors& vectors, int flags, DWORD* sent) {
 
 int SendDatagram(Socket& socket, Vectors& vectors, int flags, const sockaddr* to, int to_size,
                  DWORD* sent) {
-  msghdr message = Message(&vectors);
   if (to) {
     if (int error = CheckDestination(socket, to, to_size)) return error;
-    message.msg_name = const_cast<sockaddr*>(to);
-    message.msg_namelen = sizeof(sockaddr_in);
   } else if (SettleConnect(socket) != Socket::Connect::kDone) {
     return WSAENOTCONN;
   }
   if (socket.shut_send) return WSAESHUTDOWN;
   while (true) {
-    const ssize_t put = native::SendMsg(socket.fd, &message, flags);
+    const ssize_t put = PutDatagram(socket.fd, &vectors, flags, to);
     if (put >= 0) {
       socket.bound = true;  // sending binds the socket
       *sent = static_cast<DWORD>(put);
@@ -169,7 +179,7 @@ bool TakeUnreachable(Socket& socket) {
   return told && socket.report_unreachable;
 }
 
-// The three functions below return the host's error number.
+// The four functions below return the host's error number.
 int ReceiveBytes(const Socket& socket, Vectors* vectors, int flags, size_t* got) {
   const ssize_t size =
       native::Recv(socket.fd, vectors->data()->iov_base, vectors->data()->iov_len, flags);
@@ -190,11 +200,21 @@ int ReceiveMessage(const Socket& socket, Vectors* vectors, int flags, sockaddr_s
   return (message.msg_flags & MSG_TRUNC) ? EMSGSIZE : 0;
 }
 
+int ReceiveDatagram(const Socket& socket, const iovec& room, int flags, sockaddr_storage* from,
+                    unsigned* from_size, size_t* got) {
+  *from_size = sizeof *from;
+  const ssize_t size = native::RecvFrom(socket.fd, room.iov_base, room.iov_len, flags | MSG_TRUNC,
+                                        reinterpret_cast<sockaddr*>(from), from_size);
+  if (size < 0) return errno;
+  *got = std::min(static_cast<size_t>(size), room.iov_len);
+  return static_cast<size_t>(size) > room.iov_len ? EMSGSIZE : 0;
+}
+
 int ReceiveOnce(const Socket& socket, Vectors* vectors, int flags, sockaddr_storage* from,
                 unsigned* from_size, size_t* got) {
-  return socket.stream() && vectors->size() == 1
-             ? ReceiveBytes(socket, vectors, flags, got)
-             : ReceiveMessage(socket, vectors, flags, from, from_size, got);
+  if (vectors->size() != 1) return ReceiveMessage(socket, vectors, flags, from, from_size, got);
+  return socket.stream() ? ReceiveBytes(socket, vectors, flags, got)
+                         : ReceiveDatagram(socket, *vectors->data(), flags, from, from_size, got);
 }
 
 }  // namespace

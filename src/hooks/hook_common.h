@@ -18,12 +18,10 @@ inline void StoreError(LPINT error, int value) {
   if (error != nullptr) *error = value;
 }
 
-// Fetches the socket's record and returns the table of its next provider: null if it has none, or
-// one without that entry.
+// The table of the socket's next provider: null if it has none, or one without that entry.
 template <auto kEntry>
-const WSPPROC_TABLE* NextWith(SOCKET s, SocketRecord* record) noexcept {
-  GetSocketMap().Get(s, record);
-  const WSPPROC_TABLE* const next = record->next_proc_table;
+const WSPPROC_TABLE* NextWith(const SocketRecord& record) noexcept {
+  const WSPPROC_TABLE* const next = record.next_proc_table;
   return next != nullptr && next->*kEntry != nullptr ? next : nullptr;
 }
 

@@ -34,8 +34,8 @@ BOOL PASCAL WSPConnectEx(SOCKET s, const struct sockaddr* name, int namelen, PVO
   const bool answers_truly = GetMending().KeepsConnectExResult();
   // Kept: a caller reads this as TRUE.
   const BOOL refused = answers_truly ? FALSE : -1;
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPIoctl>(s, &record);
+  const SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPIoctl>(record);
   if (name == nullptr || next == nullptr) {
     LSP_LOG(5, "WSPConnectEx: next_proc_table invalid, socket=%Id", s);
     if (answers_truly) WSASetLastError(WSAEINVAL);

@@ -75,8 +75,8 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
                      LPWSAOVERLAPPED lpOverlapped,
                      LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
                      LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPSendTo>(s, &record);
+  SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPSendTo>(record);
   if (next == nullptr) {
     LSP_LOG(5, "WSPSendTo: next_proc_table invalid, socket=%Id", s);
     return FailWithoutProvider(lpErrno);
@@ -125,8 +125,8 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
                        LPINT lpFromlen, LPWSAOVERLAPPED lpOverlapped,
                        LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
                        LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPRecvFrom>(s, &record);
+  SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPRecvFrom>(record);
   if (next == nullptr) {
     LSP_LOG(5, "WSPRecvFrom: next_proc_table invalid, socket=%Id", s);
     return FailWithoutProvider(lpErrno);

@@ -13,8 +13,8 @@ int WSPAPI WSPIoctl(SOCKET s, DWORD dwIoControlCode, LPVOID lpvInBuffer, DWORD c
                     LPWSAOVERLAPPED lpOverlapped,
                     LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine,
                     LPWSATHREADID lpThreadId, LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPIoctl>(s, &record);
+  const SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPIoctl>(record);
   // Kept: this is the only entry that fails without a log line and without an error.
   if (next == nullptr) return SOCKET_ERROR;
 

@@ -108,8 +108,8 @@ SOCKET WSPAPI WSPAccept(SOCKET s, struct sockaddr* addr, LPINT addrlen,
 }
 
 int WSPAPI WSPBind(SOCKET s, const struct sockaddr* name, int namelen, LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPBind>(s, &record);
+  const SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPBind>(record);
   if (name == nullptr || next == nullptr) {
     // Kept: the text says WSPConnect, and the thread's last error is left alone.
     LSP_LOG(5, "WSPConnect: next_proc_table invalid, socket=%Id", s);
@@ -124,8 +124,8 @@ int WSPAPI WSPBind(SOCKET s, const struct sockaddr* name, int namelen, LPINT lpE
 
 int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSABUF lpCallerData,
                       LPWSABUF lpCalleeData, LPQOS lpSQOS, LPQOS lpGQOS, LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPConnect>(s, &record);
+  const SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPConnect>(record);
   if (name == nullptr || next == nullptr) {
     // Kept: the thread's last error is left alone here.
     LSP_LOG(5, "WSPConnect: next_proc_table invalid, socket=%Id", s);
@@ -166,8 +166,8 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
 
 int WSPAPI WSPGetPeerName(SOCKET s, struct sockaddr* name, LPINT namelen, LPINT lpErrno) noexcept {
   common::FunctionTrace trace("moru_vyr::lsp::WSPGetPeerName");
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPGetPeerName>(s, &record);
+  const SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPGetPeerName>(record);
   if (name == nullptr || next == nullptr) {
     LSP_LOG(5, "WSPGetPeerName: next_proc_table invalid, socket=%Id", s);
     return FailWithoutProvider(lpErrno);
@@ -190,8 +190,8 @@ int WSPAPI WSPGetPeerName(SOCKET s, struct sockaddr* name, LPINT namelen, LPINT 
 }
 
 int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPCloseSocket>(s, &record);
+  const SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPCloseSocket>(record);
   if (next == nullptr) {
     LSP_LOG(5, "WSPCloseSocket: next_proc_table invalid, socket=%Id", s);
     return FailWithoutProvider(lpErrno);

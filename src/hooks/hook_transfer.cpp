@@ -15,8 +15,8 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
                    DWORD dwFlags, LPWSAOVERLAPPED lpOverlapped,
                    LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine, LPWSATHREADID lpThreadId,
                    LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPSend>(s, &record);
+  SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPSend>(record);
   if (next == nullptr) {
     LSP_LOG(5, "WSPSend: next_proc_table invalid, socket=%Id", s);
     return FailWithoutProvider(lpErrno);
@@ -61,8 +61,8 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
                    LPDWORD lpFlags, LPWSAOVERLAPPED lpOverlapped,
                    LPWSAOVERLAPPED_COMPLETION_ROUTINE lpCompletionRoutine, LPWSATHREADID lpThreadId,
                    LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPRecv>(s, &record);
+  SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPRecv>(record);
   if (next == nullptr) {
     LSP_LOG(5, "WSPRecv: next_proc_table invalid, socket=%Id", s);
     return FailWithoutProvider(lpErrno);

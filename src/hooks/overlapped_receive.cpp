@@ -50,8 +50,8 @@ void LeaveDirect(SocketRecord* record, const char* why) noexcept {
 
 BOOL WSPAPI WSPGetOverlappedResult(SOCKET s, LPWSAOVERLAPPED lpOverlapped, LPDWORD lpcbTransfer,
                                    BOOL fWait, LPDWORD lpdwFlags, LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* next = NextWith<&WSPPROC_TABLE::lpWSPGetOverlappedResult>(s, &record);
+  const SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* next = NextWith<&WSPPROC_TABLE::lpWSPGetOverlappedResult>(record);
   // A socket that has no record has no receive of ours either, and its result is asked for as ever.
   if (next == nullptr) next = GetDowncallTable(kProtocolTcp, nullptr);
   if (next == nullptr || next->lpWSPGetOverlappedResult == nullptr) {

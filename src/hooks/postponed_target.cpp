@@ -50,8 +50,7 @@ int Await(const PostponedConnect& connect) noexcept {
 // A socket without a record of its own goes to the provider that all go to.
 template <auto kEntry>
 const WSPPROC_TABLE* NextOf(SOCKET s) noexcept {
-  SocketRecord record;
-  if (const WSPPROC_TABLE* const next = NextWith<kEntry>(s, &record)) return next;
+  if (const auto* const next = NextWith<kEntry>(GetSocketMap().Get(s))) return next;
   const WSPPROC_TABLE* const any = GetDowncallTable(kProtocolTcp, nullptr);
   return any != nullptr && any->*kEntry != nullptr ? any : nullptr;
 }

@@ -45,8 +45,8 @@ bool AskDatagramSocket(const SocketRecord& record, in_addr* out) noexcept {
   const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
   if (s == INVALID_SOCKET) return false;
   GetSocketMap().SetRelayDisabled(s, true);
-  SocketRecord own;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPConnect>(s, &own);
+  const SocketRecord own = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPConnect>(own);
   sockaddr_in name = {};
   INT size = sizeof name;
   INT error = 0;
@@ -67,8 +67,8 @@ bool FindOwnAddress(const WSPPROC_TABLE& next, const SocketRecord& record, in_ad
 
 // The port is its own: the relay leaves it as it is.
 int WSPAPI WSPGetSockName(SOCKET s, struct sockaddr* name, LPINT namelen, LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPGetSockName>(s, &record);
+  const SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPGetSockName>(record);
   if (next == nullptr) {
     LSP_LOG(5, "WSPGetSockName: next_proc_table invalid, socket=%Id", s);
     return FailWithoutProvider(lpErrno);
@@ -88,8 +88,8 @@ int WSPAPI WSPGetSockName(SOCKET s, struct sockaddr* name, LPINT namelen, LPINT 
 // The next provider says whether there is a connection, and room for its name.
 int WSPAPI WSPGetConnectedPeerName(SOCKET s, struct sockaddr* name, LPINT namelen,
                                    LPINT lpErrno) noexcept {
-  SocketRecord record;
-  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPGetPeerName>(s, &record);
+  const SocketRecord record = GetSocketMap().Get(s);
+  const WSPPROC_TABLE* const next = NextWith<&WSPPROC_TABLE::lpWSPGetPeerName>(record);
   if (next == nullptr || !record.handled || !ShowsTrueNames(record.type)) {
     return WSPGetPeerName(s, name, namelen, lpErrno);
   }

@@ -147,8 +147,7 @@ bool PrepareConnectedUdpSend(const SocketRecord& record, LPWSABUF buffers, DWORD
 
 void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count, bool pending, u64 entry) noexcept {
   if (buffers == nullptr && !pending) return;
-  SocketRecord record;
-  if (!GetSocketMap().Get(s, &record)) return;
+  const SocketRecord record = GetSocketMap().Get(s);
   const auto queue = Use(record, record.send_queue);
   if (queue == nullptr) return;
   if (pending) {

@@ -118,8 +118,8 @@ bool BindLoopbackPort(SOCKET s, u16* port) noexcept {
 
 void CloseRelaySocket(SOCKET s) noexcept {
   if (closesocket(s) != SOCKET_ERROR || WSAGetLastError() != WSANOTINITIALISED) return;
-  SocketRecord record;
-  if (!GetSocketMap().Get(s, &record) || record.next_proc_table == nullptr) return;
+  const SocketRecord record = GetSocketMap().Get(s);
+  if (record.next_proc_table == nullptr) return;
   GetSocketMap().Remove(s);
   INT error = 0;
   record.next_proc_table->lpWSPCloseSocket(s, &error);

@@ -2,14 +2,16 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace moru_vyr::lsp {
 
 template <class Change>
 bool SocketMap::Update(SOCKET socket, Change&& change, u32 token) noexcept {
-  common::Lock hold(lock_);
-  const auto found = records_.find(socket);
-  if (found == records_.end()) return false;
+  Part& part = parts_[PartOf(socket)];
+  common::Lock hold(part.lock);
+  const auto found = part.records.find(socket);
+  if (found == part.records.end()) return false;
   if (token != kAnyToken && found->second.token != token) return false;
   change(found->second);
   return true;
@@ -22,11 +24,12 @@ bool SocketMap::Add(SOCKET socket, int type, int protocol, u32 token) noexcept {
   record.type = type;
   record.protocol = protocol;
   record.token = token;
-  common::Lock hold(lock_);
+  Part& part = parts_[PartOf(socket)];
+  common::Lock hold(part.lock);
   try {
     // Kept: a record that was never removed, because its socket was closed behind our back,
     // stays with its token when the handle value comes back.
-    records_.try_emplace(socket, record);
+    part.records.try_emplace(socket, record);
     return true;
   } catch (...) {
     return false;
@@ -35,26 +38,29 @@ bool SocketMap::Add(SOCKET socket, int type, int protocol, u32 token) noexcept {
 
 bool SocketMap::Remove(SOCKET socket, SocketRecord* last) noexcept {
   if (socket == INVALID_SOCKET) return false;
-  common::Lock hold(lock_);
-  const auto found = records_.find(socket);
-  if (found == records_.end()) return false;
+  Part& part = parts_[PartOf(socket)];
+  common::Lock hold(part.lock);
+  const auto found = part.records.find(socket);
+  if (found == part.records.end()) return false;
   if (last != nullptr) *last = found->second;
-  records_.erase(found);
+  part.records.erase(found);
   return true;
 }
 
-bool SocketMap::Get(SOCKET socket, SocketRecord* out) const noexcept {
-  common::Lock hold(lock_);
-  const auto found = records_.find(socket);
-  if (found == records_.end()) return false;
-  *out = found->second;
-  return true;
+SocketRecord SocketMap::Get(SOCKET socket) const noexcept {
+  const Part& part = parts_[PartOf(socket)];
+  common::Lock hold(part.lock);
+  const auto found = part.records.find(socket);
+  if (found == part.records.end()) return {};
+  return found->second;  // copied once, into the caller's variable
 }
 
 bool SocketMap::HasToken(u32 token) const noexcept {
-  common::Lock hold(lock_);
-  return std::any_of(records_.begin(), records_.end(),
-                     [=](const auto& entry) { return entry.second.token == token; });
+  const auto has_token = [=](const auto& entry) { return entry.second.token == token; };
+  return std::any_of(std::begin(parts_), std::end(parts_), [&](const Part& part) {
+    common::Lock hold(part.lock);
+    return std::any_of(part.records.begin(), part.records.end(), has_token);
+  });
 }
 
 bool SocketMap::SetNextProcTable(SOCKET socket, WSPPROC_TABLE* table) noexcept {
@@ -63,19 +69,17 @@ bool SocketMap::SetNextProcTable(SOCKET socket, WSPPROC_TABLE* table) noexcept {
 }
 
 WSPPROC_TABLE* SocketMap::GetNextProcTable(SOCKET socket, int* type, int* protocol) const noexcept {
-  common::Lock hold(lock_);
-  const auto found = records_.find(socket);
-  if (found == records_.end()) return nullptr;
-  if (type != nullptr) *type = found->second.type;
-  if (protocol != nullptr) *protocol = found->second.protocol;
-  return found->second.next_proc_table;
+  const SocketRecord record = Get(socket);
+  if (record.socket == INVALID_SOCKET) return nullptr;
+  if (type != nullptr) *type = record.type;
+  if (protocol != nullptr) *protocol = record.protocol;
+  return record.next_proc_table;
 }
 
 bool SocketMap::GetLocalPort(SOCKET socket, u16* port) const noexcept {
-  common::Lock hold(lock_);
-  const auto found = records_.find(socket);
-  if (found == records_.end()) return false;
-  *port = found->second.local_port;
+  const SocketRecord record = Get(socket);
+  if (record.socket == INVALID_SOCKET) return false;
+  *port = record.local_port;
   return true;
 }
 
@@ -151,10 +155,14 @@ bool SocketMap::SetConnectStage(SOCKET socket, ConnectStage stage, u32 token) no
 }
 
 SOCKET SocketMap::NextOfWorker(SOCKET after) const noexcept {
-  common::Lock hold(lock_);
-  const auto found = std::find_if(records_.upper_bound(after), records_.end(),
-                                  [](const auto& entry) { return entry.second.of_worker; });
-  return found != records_.end() ? found->first : INVALID_SOCKET;
+  SOCKET next = INVALID_SOCKET;  // above all others
+  for (const Part& part : parts_) {
+    common::Lock hold(part.lock);
+    const auto found = std::find_if(part.records.upper_bound(after), part.records.end(),
+                                    [](const auto& entry) { return entry.second.of_worker; });
+    if (found != part.records.end()) next = std::min(next, found->first);
+  }
+  return next;
 }
 
 bool SocketMap::FindRelayRecord(const SocketRecord& record, const sockaddr_in* addr, bool* relay,

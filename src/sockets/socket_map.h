@@ -5,6 +5,7 @@
 #include <winsock2.h>
 #include <ws2spi.h>
 
+#include <cstddef>
 #include <map>
 
 #include "common/lock.h"
@@ -41,7 +42,7 @@ struct RelayRecord {
 constexpr int kMaxRelayRecords = 10;
 
 // One socket. A plain value: it points to things and owns nothing, so that a call can work on a
-// copy while it is in the next provider.
+// copy while it is in the next provider. Without a socket it is the record of none.
 struct SocketRecord {
   SOCKET socket = INVALID_SOCKET;
   i32 type = 0;
@@ -64,9 +65,10 @@ struct SocketRecord {
   ConnectStage connect_stage = ConnectStage::kNone;
 };
 
-// Any thread. Every operation holds the lock for its own length only, never across a call into the
+// Any thread. Every operation holds a lock for its own length only, never across a call into the
 // next provider, and none throws. Operations on a socket without a record do nothing and return
-// false.
+// false. The sockets are spread over several maps, each with its own lock: every call of a game
+// looks its socket up, and a game's threads should not wait for each other's.
 class SocketMap {
  public:
   static constexpr u32 kAnyToken = 0;  // no socket has it
@@ -75,7 +77,7 @@ class SocketMap {
   // unchanged, even if its fields are stale. False for INVALID_SOCKET and when out of memory.
   bool Add(SOCKET socket, int type, int protocol, u32 token) noexcept;
   bool Remove(SOCKET socket, SocketRecord* last = nullptr) noexcept;  // *last: its last state
-  bool Get(SOCKET socket, SocketRecord* out) const noexcept;
+  SocketRecord Get(SOCKET socket) const noexcept;  // the record of none if there is none
   bool HasToken(u32 token) const noexcept;
 
   bool SetNextProcTable(SOCKET socket, WSPPROC_TABLE* table) noexcept;  // refuses a null table
@@ -116,8 +118,16 @@ class SocketMap {
   template <class Change>
   bool Update(SOCKET socket, Change&& change, u32 token = kAnyToken) noexcept;
 
-  mutable common::Mutex lock_;  // guards records_; a leaf
-  std::map<SOCKET, SocketRecord> records_;
+  struct alignas(64) Part {      // a cache line of its own, so that parts do not share their locks'
+    mutable common::Mutex lock;  // guards records; a leaf
+    std::map<SOCKET, SocketRecord> records;
+  };
+  static constexpr std::size_t kParts = 16;
+
+  // Winsock's handles are multiples of four.
+  static std::size_t PartOf(SOCKET socket) noexcept { return (socket / 4) % kParts; }
+
+  Part parts_[kParts];
 };
 
 // The process's map, built at first use and alive until the process ends: other modules may still

@@ -90,11 +90,7 @@ class ConnectSpied : public TcpWorld {
     DWORD sent = 0;
     return WSPConnectEx(s, Raw(address[0]), size, nullptr, 0, &sent, &overlapped);
   }
-  static SocketRecord RecordOf(SOCKET s) {
-    SocketRecord record;
-    GetSocketMap().Get(s, &record);
-    return record;
-  }
+  static SocketRecord RecordOf(SOCKET s) { return GetSocketMap().Get(s); }
   // The function that the game was given, and the next provider's own.
   static std::string PeerOf(SOCKET s) {
     sockaddr_in peer = {};

@@ -31,8 +31,8 @@ SCENARIO(TokenWrap, GoesOnAtZero) {
 }
 
 u32 TokenOf(SOCKET s) {
-  SocketRecord record;
-  EXPECT_TRUE(GetSocketMap().Get(s, &record));
+  const SocketRecord record = GetSocketMap().Get(s);
+  EXPECT_EQ(record.socket, s);
   return record.token;
 }
 

@@ -90,11 +90,7 @@ std::vector<std::string> UdpSpiedWorld::RelaySent() const {
   return texts;
 }
 
-SocketRecord UdpSpiedWorld::RecordOf(SOCKET s) {
-  SocketRecord record;
-  GetSocketMap().Get(s, &record);
-  return record;
-}
+SocketRecord UdpSpiedWorld::RecordOf(SOCKET s) { return GetSocketMap().Get(s); }
 
 std::string UdpSpiedWorld::TakeLoneEntry(SOCKET s, const UdpPackageQueue* queue) {
   const auto live = GetRelayMgr().UseQueue(queue, RecordOf(s).token);

@@ -21,8 +21,7 @@ struct DatagramHooks : testing::Test {
   DatagramHooks() {
     WSPSocket(AF_INET, 2, 17, nullptr, 0, 1, &error);
     next.calls.clear();
-    SocketRecord record;
-    GetSocketMap().Get(next.socket, &record);
+    const SocketRecord record = GetSocketMap().Get(next.socket);
     tail =
         "socket=" + std::to_string(next.socket) + ", token=" + std::to_string(record.token) + "\n";
   }

@@ -25,11 +25,7 @@ struct HookEdges : testing::Test {
     EXPECT_EQ(WSPSocket(AF_INET, type, protocol, nullptr, 0, socket_flags, &error), next.socket);
     next.calls.clear();
   }
-  SocketRecord Record() {
-    SocketRecord record;
-    GetSocketMap().Get(next.socket, &record);
-    return record;
-  }
+  SocketRecord Record() { return GetSocketMap().Get(next.socket); }
   std::string Tail() {
     return "socket=" + std::to_string(next.socket) + ", token=" + std::to_string(Record().token) +
            "\n";

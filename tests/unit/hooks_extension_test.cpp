@@ -27,8 +27,7 @@ struct ExtensionHooks : testing::Test {
   ExtensionHooks() {
     WSPSocket(AF_INET, 1, 6, nullptr, 0, 1, &error);
     next.calls.clear();
-    SocketRecord record;
-    GetSocketMap().Get(next.socket, &record);
+    const SocketRecord record = GetSocketMap().Get(next.socket);
     tail =
         "socket=" + std::to_string(next.socket) + ", token=" + std::to_string(record.token) + "\n";
   }

@@ -13,8 +13,7 @@ namespace {
 struct FilteredHooks : testing::Test {
   FilteredHooks() {
     WSPSocket(AF_INET, 1, 6, nullptr, 0, 1, &error);
-    SocketRecord record;
-    GetSocketMap().Get(next.socket, &record);
+    const SocketRecord record = GetSocketMap().Get(next.socket);
     token = record.token;
   }
   void FailConnects(int count) {

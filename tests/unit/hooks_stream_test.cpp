@@ -34,11 +34,7 @@ struct StreamHooks : testing::Test {
     next.calls.clear();
     return Record().token;
   }
-  SocketRecord Record() {
-    SocketRecord record;
-    GetSocketMap().Get(next.socket, &record);
-    return record;
-  }
+  SocketRecord Record() { return GetSocketMap().Get(next.socket); }
   std::string Tail(u32 token) {
     return "socket=" + std::to_string(next.socket) + ", token=" + std::to_string(token) + "\n";
   }
@@ -287,8 +283,7 @@ TEST_F(StreamHooks, CloseForgetsTheSocketAndReturnsTheNextProvidersResult) {
   next.error = 10038;
   EXPECT_EQ(WSPCloseSocket(next.socket, &error), -1);
   EXPECT_EQ(next.Last().arguments, WordsOf(next.socket));
-  SocketRecord record;
-  EXPECT_FALSE(GetSocketMap().Get(next.socket, &record));
+  EXPECT_EQ(Record().socket, INVALID_SOCKET);
   EXPECT_TRUE(
       log.Contains("WSPCloseSocket: ret=-1, err=10038, protocol=17, type=2, " + Tail(token)));
 }

@@ -65,8 +65,7 @@ int WSPAPI FakeGetPeerName(SOCKET s, sockaddr* name, LPINT size, LPINT error) {
 
 int WSPAPI FakeCloseSocket(SOCKET s, LPINT error) {
   Note("WSPCloseSocket", s);
-  moru_vyr::lsp::SocketRecord record;
-  current->known_at_close = moru_vyr::lsp::GetSocketMap().Get(s, &record);
+  current->known_at_close = moru_vyr::lsp::GetSocketMap().Get(s).socket != INVALID_SOCKET;
   return Answer(error);
 }
 

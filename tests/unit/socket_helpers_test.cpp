@@ -135,8 +135,7 @@ TEST_F(BindThroughNextProvider, ASocketClosedAfterWinsocksEndLeavesNoRecord) {
   WSADATA data;
   for (; starts > 0; --starts) ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
   EXPECT_EQ(bind.closed, std::vector<SOCKET>{kUnbound});
-  SocketRecord record;
-  EXPECT_FALSE(GetSocketMap().Get(kUnbound, &record));
+  EXPECT_EQ(GetSocketMap().Get(kUnbound).socket, INVALID_SOCKET);
 }
 
 TEST_F(BindThroughNextProvider, PortsComeFromTheWholeRangeOnly) {

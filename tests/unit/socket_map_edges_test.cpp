@@ -16,8 +16,8 @@ constexpr u32 kToken = 9, kOlder = 8;
 struct SocketMapEdges : testing::Test {
   SocketMapEdges() { map.Add(kKnown, 2, 17, kToken); }
   SocketRecord Snapshot() {
-    SocketRecord record;
-    EXPECT_TRUE(map.Get(kKnown, &record));
+    const SocketRecord record = map.Get(kKnown);
+    EXPECT_EQ(record.socket, kKnown);
     return record;
   }
   SocketMap map;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "tests/unit/scripted_provider.h"
 
 namespace moru_vyr::lsp {
@@ -13,8 +15,8 @@ constexpr SOCKET kSocket = 77;
 
 struct SocketMapTest : testing::Test {
   SocketRecord Snapshot() {
-    SocketRecord record;
-    EXPECT_TRUE(map.Get(kSocket, &record));
+    const SocketRecord record = map.Get(kSocket);
+    EXPECT_EQ(record.socket, kSocket);
     return record;
   }
   SocketMap map;
@@ -61,17 +63,14 @@ TEST_F(SocketMapTest, TheInvalidSocketNeverGetsARecord) {
   EXPECT_FALSE(map.Remove(INVALID_SOCKET));
   WSPPROC_TABLE table{};
   EXPECT_FALSE(map.SetNextProcTable(INVALID_SOCKET, &table));
-  SocketRecord record;
-  EXPECT_FALSE(map.Get(INVALID_SOCKET, &record));
+  EXPECT_EQ(map.Get(INVALID_SOCKET).next_proc_table, nullptr);
 }
 
 TEST_F(SocketMapTest, RemoveErasesTheRecordOnce) {
   map.Add(kSocket, SOCK_STREAM, IPPROTO_TCP, 9);
   EXPECT_TRUE(map.Remove(kSocket));
   EXPECT_FALSE(map.Remove(kSocket));
-  SocketRecord record;
-  EXPECT_FALSE(map.Get(kSocket, &record));
-  EXPECT_EQ(record.socket, INVALID_SOCKET);
+  EXPECT_EQ(map.Get(kSocket).socket, INVALID_SOCKET);
 }
 
 TEST_F(SocketMapTest, OperationsOnAnUnknownSocketDoNothing) {
@@ -93,8 +92,7 @@ TEST_F(SocketMapTest, OperationsOnAnUnknownSocketDoNothing) {
   EXPECT_EQ(port, 3);
   EXPECT_EQ(type, 4);
   EXPECT_EQ(protocol, 5);
-  SocketRecord record;
-  EXPECT_FALSE(map.Get(kSocket, &record));
+  EXPECT_EQ(map.Get(kSocket).socket, INVALID_SOCKET);
 }
 
 TEST_F(SocketMapTest, NextProcTableIsStoredAndNullIsRefused) {
@@ -228,6 +226,28 @@ TEST_F(RelayRecordsTest, ANullAddressSavesNothing) {
   EXPECT_TRUE(map.SaveRelayRecord(kSocket, nullptr, true));
   EXPECT_EQ(Snapshot().relay_records[0].ip, 0u);
   EXPECT_FALSE(Snapshot().relay_records[0].relay);
+}
+
+// Handles are multiples of four, and the map spreads them over its parts.
+TEST_F(SocketMapTest, WorkersSocketsComeInTheOrderOfTheirValues) {
+  const std::vector<SOCKET> sockets = {400, 4, 72, 68, 136, 8};
+  for (const SOCKET s : sockets) {
+    map.Add(s, SOCK_STREAM, IPPROTO_TCP, static_cast<u32>(s));
+    map.SetOfWorker(s, s != 72);
+  }
+  std::vector<SOCKET> found;
+  for (SOCKET s = map.NextOfWorker(0); s != INVALID_SOCKET; s = map.NextOfWorker(s)) {
+    found.push_back(s);
+  }
+  EXPECT_EQ(found, (std::vector<SOCKET>{4, 8, 68, 136, 400}));
+}
+
+TEST_F(SocketMapTest, TokenIsFoundWhateverItsSocket) {
+  for (SOCKET s = 4; s <= 256; s += 4) map.Add(s, SOCK_STREAM, IPPROTO_TCP, static_cast<u32>(s));
+  for (u32 token = 4; token <= 256; token += 4) EXPECT_TRUE(map.HasToken(token));
+  EXPECT_FALSE(map.HasToken(260));
+  map.Remove(132);
+  EXPECT_FALSE(map.HasToken(132));
 }
 
 }  // namespace

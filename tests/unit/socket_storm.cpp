@@ -90,8 +90,8 @@ WSPPROC_TABLE HookedTable() {
 void UseOneSocket(const WSPPROC_TABLE& table, Tokens& tokens, StormResult* result) {
   INT error = 0;
   const SOCKET s = table.lpWSPSocket(AF_INET, 1, 6, nullptr, 0, 1, &error);
-  moru_vyr::lsp::SocketRecord record;
-  if (!moru_vyr::lsp::GetSocketMap().Get(s, &record) || record.socket != s) ++result->lost_records;
+  const moru_vyr::lsp::SocketRecord record = moru_vyr::lsp::GetSocketMap().Get(s);
+  if (record.socket != s) ++result->lost_records;
   if (!tokens.AddNew(record.token)) ++result->repeated_tokens;
 
   const sockaddr_in server = Address("198.51.100.20", 8080);
@@ -111,10 +111,8 @@ void UseOneSocket(const WSPPROC_TABLE& table, Tokens& tokens, StormResult* resul
   table.lpWSPRecv(s, &buffer, 1, &bytes, &flags, nullptr, nullptr, nullptr, &error);
   if (error != WSAECONNRESET) ++result->failed_calls;
 
-  moru_vyr::lsp::SocketRecord still;
-  if (!moru_vyr::lsp::GetSocketMap().Get(s, &still) || still.token != record.token) {
-    ++result->lost_records;
-  }
+  const moru_vyr::lsp::SocketRecord still = moru_vyr::lsp::GetSocketMap().Get(s);
+  if (still.socket != s || still.token != record.token) ++result->lost_records;
   if (table.lpWSPCloseSocket(s, &error) != 0) ++result->failed_calls;
   ++result->sockets;
 }
