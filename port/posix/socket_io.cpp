@@ -170,6 +170,7 @@ int SendDatagram(Socket& socket, Vectors& vectors, int flags, const sockaddr* to
 
 // True once for each report that the caller is to see as a reset.
 bool TakeUnreachable(Socket& socket) {
+  if (socket.pending_error == 0) return false;
   std::lock_guard hold(socket.lock);
   const bool told = socket.pending_error == WSAECONNRESET;
   if (told) {

@@ -43,9 +43,9 @@ struct Socket {
   std::atomic<bool> oob_inline{false};
 
   std::atomic<Connect> connect{Connect::kNone};  // written under the lock
+  std::atomic<int> pending_error{0};             // what SO_ERROR will return once; likewise
 
   std::mutex lock;               // guards what follows
-  int pending_error = 0;         // what SO_ERROR will return once
   std::vector<Thread*> waiters;  // threads that poll this socket alone
 };
 using SocketRef = std::shared_ptr<Socket>;

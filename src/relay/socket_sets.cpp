@@ -18,6 +18,12 @@ void Append(fd_set* set, SOCKET socket) noexcept {
   if (set->fd_count < FD_SETSIZE) set->fd_array[set->fd_count++] = socket;
 }
 
+// Select takes the sockets that there are, and half a kilobyte of places for more need no copy.
+void Copy(const fd_set& from, fd_set* to) noexcept {
+  to->fd_count = from.fd_count;
+  std::copy_n(from.fd_array, from.fd_count, to->fd_array);
+}
+
 // The order of service is the order of the set, so the rest moves up.
 void Erase(fd_set* set, SOCKET socket) noexcept {
   SOCKET* const end = set->fd_array + set->fd_count;
@@ -83,9 +89,10 @@ IRelaySocketDelegate* SocketSets::Find(SOCKET socket) const noexcept {
 
 int SocketSets::Poll(const timeval& timeout, int* error) noexcept {
   ++pass_;
-  fd_set readable = read_;
-  fd_set writable = write_;
-  fd_set failed = read_;
+  fd_set readable, writable, failed;  // NOLINT: filled below
+  Copy(read_, &readable);
+  Copy(write_, &writable);
+  Copy(read_, &failed);
   fd_set* const writable_or_null = write_.fd_count > 0 ? &writable : nullptr;
   timeval limit = timeout;  // some headers want to write here
   const int ready = select(0, &readable, writable_or_null, &failed, &limit);

@@ -70,9 +70,12 @@ struct Traffic {
   u32 &bytes, &packets, &last_tick, &errors, &last_error, &first_error;
 };
 
-// Errors that mean "later" do not count as errors.
+// Such a call counts neither as one nor as an error. Each stretch of reading ends with one.
+bool MeansLater(int error) noexcept {
+  return error == WSAEWOULDBLOCK || error == WSA_IO_PENDING || error == WSAEINPROGRESS;
+}
+
 void CountCall(const Traffic& traffic, u32 bytes, int error) noexcept {
-  if (error == WSAEWOULDBLOCK || error == WSA_IO_PENDING || error == WSAEINPROGRESS) return;
   if (error != 0) {
     ++traffic.errors;
     traffic.last_error = static_cast<u32>(error);
@@ -264,6 +267,7 @@ void Tracker::RecordNegFailed(SOCKET socket, i32 neg_type, u32 nego_result,
 }
 
 void Tracker::RecordSend(SOCKET socket, u32 bytes, int error) noexcept {
+  if (MeansLater(error)) return;
   SocketQosRecord* const r = Find(socket);
   if (r == nullptr) return;
   CountCall({r->total_sent_bytes, r->total_sent_packets, r->last_send_tick, r->total_sent_errors,
@@ -272,6 +276,7 @@ void Tracker::RecordSend(SOCKET socket, u32 bytes, int error) noexcept {
 }
 
 void Tracker::RecordRecv(SOCKET socket, u32 bytes, int error) noexcept {
+  if (MeansLater(error)) return;
   SocketQosRecord* const r = Find(socket);
   if (r == nullptr) return;
   CountCall({r->total_recv_bytes, r->total_recv_packets, r->last_recv_tick, r->total_recv_errors,
