@@ -68,7 +68,7 @@ void PeerSockets::OnReadable(SOCKET socket) noexcept {
   while (buffer.Receive(socket, &package) == 0) {
     if (!SameAddress(package.addr, game_)) continue;
     package.addr = place->peer;
-    session_->TakeFromGame(package);
+    session_->RouteFromGame(package);
   }
 }
 

@@ -132,11 +132,11 @@ void UdpRemoteSession::HandleGamePacket(const UdpPackage& package) noexcept {
     LSP_LOG(4, "FindPackageAddr failed, token=%u", flow_.token);
     return;
   }
-  TakeFromGame(addressed);
+  RouteFromGame(addressed);
 }
 
 // Another port of the same host stays here: a wrapped datagram names its own destination.
-void UdpRemoteSession::TakeFromGame(const UdpPackage& package) noexcept {
+void UdpRemoteSession::RouteFromGame(const UdpPackage& package) noexcept {
   if (package.addr.sin_addr.s_addr != flow_.remote_addr.sin_addr.s_addr) {
     flow_.session->RouteToRemoteSession(package);
   } else {

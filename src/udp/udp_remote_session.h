@@ -40,8 +40,8 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
 
   // A game datagram; package.addr is its true destination.
   void HandleLocalPacket(const UdpPackage& package) noexcept;
-  // The same, perhaps for a destination of another group.
-  void TakeFromGame(const UdpPackage& package) noexcept;
+  // Hands a game datagram to the remote session of its destination: this one or another.
+  void RouteFromGame(const UdpPackage& package) noexcept;
   // To the game, through the local socket. What would block waits for room.
   void SendToGame(const UdpPackage& package) noexcept;
   void OnUpdate(u32 elapsed_ms) noexcept;

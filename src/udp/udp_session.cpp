@@ -91,8 +91,8 @@ UdpRemoteSession* UdpSession::FindRemoteSession(u32 ip, u16 port) const noexcept
   return found != remote_sessions_.end() ? found->second.get() : nullptr;
 }
 
-void UdpSession::TakeFromGame(const UdpPackage& package) noexcept {
-  first_remote_session_->TakeFromGame(package);
+void UdpSession::RouteFromGame(const UdpPackage& package) noexcept {
+  first_remote_session_->RouteFromGame(package);
 }
 
 void UdpSession::RouteToRemoteSession(const UdpPackage& package) noexcept {

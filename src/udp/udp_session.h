@@ -64,9 +64,9 @@ class UdpSession {
   void SetForgotten() noexcept { forgotten_ = true; }
   bool IsForgotten() const noexcept { return forgotten_; }
 
-  // A datagram of the game's; package.addr is its true destination.
-  void TakeFromGame(const UdpPackage& package) noexcept;
-  // The same for a destination of another group.
+  // Hands a game datagram to the remote session of its destination, package.addr.
+  void RouteFromGame(const UdpPackage& package) noexcept;
+  // The same where that is not the first remote session's; makes the session if there is none.
   void RouteToRemoteSession(const UdpPackage& package) noexcept;
   // A datagram from the network; package.addr is its true source.
   void DeliverToGame(const UdpPackage& package) noexcept;
