@@ -36,8 +36,8 @@ void RestoreSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, so
   std::memcpy(from, &source, static_cast<size_t>(room));
 }
 
-// Whether the call has handed out a datagram and its source. One that was cut has a source too,
-// which a queue cannot find by what is left of it.
+// Whether the call has returned a datagram and its source. A datagram that was cut has a source
+// too, but a queue cannot find it by the bytes that are left.
 bool HasSource(const SocketRecord& record, int result, const INT* error) noexcept {
   return result == 0 || (record.recv_queue == nullptr && ErrorOf(error) == WSAEMSGSIZE);
 }
@@ -90,7 +90,7 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
   u64 entry = 0;
   const bool relay_send = PrepareSend(record, lpBuffers, dwBufferCount, lpTo, iTolen,
                                       relay.address(), lpThreadId, &entry);
-  // A socket that names no destination is connected: what it is connected to decides.
+  // Without a destination the socket is connected, and its peer decides.
   const sockaddr* const target = relay_send && lpTo != nullptr ? relay.name() : lpTo;
   const int target_size = target != lpTo ? RelayName::BoundedSize(iTolen) : iTolen;
   const AddressCopy asked(lpTo, iTolen);
@@ -138,7 +138,7 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
   OverlappedReceive receive(&record, allowed, lpFrom, lpFromlen, lpOverlapped, lpCompletionRoutine);
   const SizedPlace source(lpFromlen);
   const auto look = [&] { return Look(lpFrom, source.Size(), lpNumberOfBytesRecvd, lpFlags); };
-  // For the line on a receive that goes pending: it tells how it began.
+  // For the log line of a receive that goes pending, which shows how it began.
   const ReceiveView before = common::IsLogged(4) ? look() : ReceiveView{};
   // Kept: the count of received bytes is not cleared first, unlike in WSPRecv.
   const int result =

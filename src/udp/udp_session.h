@@ -51,13 +51,13 @@ class UdpSession {
   void OnUpdate(u32 elapsed_ms) noexcept;
 
   // Whether none of the game's datagrams waits for room in a socket. A remote session with such
-  // datagrams is told to close after them; those that wait for a negotiation count only where
-  // falling back is fast.
+  // datagrams is told to close after them; those that wait for a negotiation count only with fast
+  // fallback.
   bool CanClose() noexcept;
-  // The same question, and nothing is told to close.
+  // The same check, without telling anything to close.
   bool OwesServers() const noexcept;
-  // For a part of the session that may not end it directly: the provider does so after this tick of
-  // the timer.
+  // For parts of the session that must not end it directly: the provider ends it after this timer
+  // tick.
   void WantClose() noexcept { close_wanted_ = true; }
   bool IsCloseWanted() const noexcept { return close_wanted_; }
   // The game's socket was found to be gone.
