@@ -1,5 +1,5 @@
-// What the client program wants mended of the behaviour that docs/oddities.md lists, game by game.
-// Where the region is absent, of another version or zero, nothing is mended. A plain region,
+// Which of the oddities in docs/oddities.md the client program wants mended, game by game. Where
+// the region is absent, of another version or zero, nothing is mended. A plain region,
 // little-endian, packed. It is read once, when a game starts.
 #pragma once
 #include <cstddef>

@@ -7,7 +7,7 @@ namespace common {
 namespace {
 
 // First some attempts that only yield the processor, then attempts that wait for a millisecond
-// each: a holder that has lost its processor is mostly back by then.
+// each: a holder that was preempted is usually running again by then.
 constexpr u32 kYields = 64;
 constexpr u32 kTriesPerLook = 16;  // at whether the holder is still there
 
@@ -29,10 +29,10 @@ bool Mutex::Take(bool inherits) noexcept {
   return false;
 }
 
-// When a process ends, Windows ends all its threads but one, wherever they are, and what that one
-// does then in the destructors of other modules may need any lock of ours: whoever waited for a
-// thread of the host that is gone would keep the process from ending for ever. What the lock guards
-// may be half changed then; but a next holder that never comes is the worse.
+// When a process ends, Windows ends all its threads but one, wherever they are. The destructors of
+// other modules, which the remaining thread runs, may need any of our locks, and waiting for a
+// thread of the host that is gone would keep the process from ending. What the lock guards may be
+// half changed by then, but a process that never ends is worse.
 void Mutex::AwaitLock() noexcept {
   const KeepLastError keep_last_error;
   for (u32 tries = 1;; ++tries) {

@@ -1,10 +1,10 @@
-// A lock between threads, and its guard. (std::mutex does not exist in the runtime we build with.)
-// Recursive. Construction and destruction never block, so a Mutex may be part of a global object.
+// A recursive lock between threads, and its guard. (The runtime that we build with has no
+// std::mutex.) Construction and destruction never block, so a Mutex may be part of a global object.
 //
-// It is not a critical section, because one whose holder was terminated stays locked for ever, and
-// the next call of the game that needs it never returns. This one goes to a thread that waits for
-// it, once its holder is gone (own_thread.h). Waiters poll, so it is for locks that are held
-// briefly; docs/lifetime.md says for each lock what may be waited for while it is held.
+// A critical section stays locked forever if its holder is terminated, and then every call of the
+// game that needs it hangs. This lock passes to a waiting thread once its holder is gone
+// (own_thread.h). Waiters poll, so it must be held only briefly; docs/lifetime.md says what may be
+// waited for under each lock.
 #pragma once
 #include <atomic>
 
@@ -22,7 +22,7 @@ class Mutex {
     if (!try_lock()) AwaitLock();
   }
   bool try_lock() noexcept { return Take(false); }
-  // Takes the lock also from a holder that has ended, if that was a thread of ours.
+  // Also takes the lock from a holder that has ended, if that was one of our own threads.
   bool inherit_lock() noexcept { return Take(true); }
   void unlock() noexcept;
 
@@ -31,10 +31,10 @@ class Mutex {
   void AwaitLock() noexcept;
 
   std::atomic<u32> holder_{0};  // 0: free
-  u32 depth_ = 0;               // the holder's
+  u32 depth_ = 0;               // how often the holder has taken it
 };
 
-struct AdoptLock {};  // says that the caller holds the mutex already
+struct AdoptLock {};  // says that the caller already holds the mutex
 
 class Lock {
  public:

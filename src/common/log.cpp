@@ -14,12 +14,12 @@
 namespace common {
 namespace {
 
-// All with the terminator.
+// Sizes include the terminator.
 constexpr std::size_t kMaxHeader = 50;
 constexpr std::size_t kMaxTag = 64;
 constexpr std::size_t kMaxFrame = kMaxHeader + kMaxTag;  // of a line, without its message
 
-// Each of these puts text into zeroed memory and returns how many bytes of it.
+// Each of these writes text into zeroed memory and returns the number of bytes.
 
 std::size_t PutHeader(char* out, int level) noexcept {
   SYSTEMTIME now = {};

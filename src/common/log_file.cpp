@@ -8,8 +8,8 @@
 namespace common {
 namespace {
 
-// Capacity of the collected text, so that ordinary lines never make it grow: the threshold and
-// one line of the longest ordinary message.
+// Capacity for the collected text: the threshold plus the longest ordinary line, so that ordinary
+// lines never make it grow.
 constexpr std::size_t kBufferCapacity = 4096;
 
 class ShutAtProcessEnd {
@@ -55,7 +55,7 @@ bool LogFile::Write(std::string_view line, int level) noexcept {
   try {
     buffer_.append(line);
   } catch (...) {
-    return false;  // past the limit of a run nothing empties the buffer any more
+    return false;  // past the limit of a run the buffer is never emptied again
   }
   return true;
 }

@@ -26,7 +26,7 @@ class LogFile {
   ~LogFile();
 
   // Appends to the file of this UTF-8 path, and creates it and its directories if they are missing.
-  // True if the file is open, even if it was open before (under whatever path).
+  // True if the file is open, even if it was open before (under any path).
   bool Open(const std::string& path) noexcept;
 
   void SetLevel(int level) noexcept;  // lines below it are dropped

@@ -10,7 +10,7 @@ void NamedMutex::lock() noexcept { WaitForSingleObject(handle_.get(), INFINITE);
 bool NamedMutex::try_lock() noexcept {
   const DWORD result = WaitForSingleObject(handle_.get(), 0);
   // A mutex that a dead process left behind is refused, but the wait has taken it. Guard: it is
-  // given back; otherwise nobody could have it while this thread lives.
+  // given back; otherwise no other thread could take it while this one lives.
   if (result == WAIT_ABANDONED) unlock();
   return result == WAIT_OBJECT_0;
 }

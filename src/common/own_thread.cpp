@@ -9,7 +9,7 @@ namespace common {
 namespace {
 
 constexpr u32 kNameBit = 0x80000000;  // no thread's id has it
-constexpr u32 kClearing = kNameBit;   // nobody's name: the slot is being given back
+constexpr u32 kClearing = kNameBit;   // not a thread's name: the slot is being freed
 constexpr int kMostThreads = 4;       // two at a time, and those that follow them
 constexpr DWORD kForceWaitMs = 100;
 constexpr DWORD kParkMs = 10'000;
@@ -49,7 +49,7 @@ void Forget(int slot, u32 name) noexcept {
   ids.name[slot].store(0, std::memory_order_release);
 }
 
-// Its handle is opened again: whoever created the thread may close theirs at any time.
+// Opens a handle of its own, since the creator of the thread may close theirs at any time.
 bool IsGone(u32 thread_id) noexcept {
   const KeepLastError keep_last_error;
   const UniqueHandle thread(OpenThread(SYNCHRONIZE, FALSE, thread_id));
@@ -98,14 +98,14 @@ void EndByForce(HANDLE thread, u32 name) noexcept {
   const int slot = name != 0 ? FindName(name) : -1;
   if (slot >= 0) {
     holding[slot].doomed.store(true);
-    // By the clock: a wait of 1 ms may well take a whole tick of the system.
+    // Measured by the clock, since a wait of 1 ms may take a whole tick of the system.
     const u32 start = GetTickCount();
     while (holding[slot].locks.load() != 0 && GetTickCount() - start < kForceWaitMs) {
       if (WaitForSingleObject(thread, 1) == WAIT_OBJECT_0) break;
     }
   }
   TerminateThread(thread, 0);
-  // It goes on for a moment, and nobody may have its locks before it has ended.
+  // It runs on for a moment, and its locks must not pass on before it has ended.
   WaitForSingleObject(thread, kForceWaitMs);
   if (slot >= 0) HasEnded(name);
 }
@@ -115,8 +115,8 @@ u32 BeginLock() noexcept {
   const int slot = FindThread(thread_id);
   if (slot < 0) return thread_id;
   Holding& own = holding[slot];
-  // In this order: whoever dooms the thread looks at the count afterwards. A thread that holds a
-  // lock already goes on to release it.
+  // In this order, because a thread that dooms this one looks at the count afterwards. A thread
+  // that already holds a lock goes on to release it.
   const bool holds_none = own.locks.fetch_add(1) == 0;
   if (holds_none && own.doomed.load()) {
     own.locks.fetch_sub(1);

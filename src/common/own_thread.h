@@ -1,12 +1,12 @@
-// The threads that this library creates, as its locks know them.
+// The threads that this library creates, as its locks see them.
 //
-// There are few: the relay's worker and the Tracker's reporting thread. Either may have to be
-// terminated, wherever it is, and a lock that it holds would then stay locked. So each is known
-// here by a name that no other thread of the process ever gets again, and two things follow:
+// There are two: the relay's worker and the Tracker's reporting thread. Either may have to be
+// terminated, wherever it is, and a lock that it holds would then stay locked. So each has a name
+// here that no other thread of the process ever gets, and two things follow:
 // - EndByForce does not end a thread while it holds one of our locks, so nothing that a lock guards
 //   is left half changed;
-// - a lock whose holder has ended all the same (whoever ended it) goes to the next thread that asks
-//   for it, see lock.h.
+// - a lock whose holder has been ended in some other way passes to the next thread that asks for
+//   it, see lock.h.
 // Any thread may ask. Nothing throws, and nothing here waits for a lock.
 #pragma once
 #include <winsock2.h>
@@ -32,8 +32,8 @@ class OwnThread {
   u32 name_ = 0;  // 0 if there is no room for another: then it counts as a thread of the host
 };
 
-// Whether the thread of that name has ended in any way. For a thread that is not ours: whether no
-// thread has that id any more. False for 0.
+// Whether the thread of that name has ended in any way. For a thread that is not ours: whether its
+// id is no longer in use. False for 0.
 bool HasEnded(u32 who) noexcept;
 
 // Terminates one of our threads. Waits up to 100 ms for it to release our locks, and as long for it

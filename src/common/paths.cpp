@@ -62,8 +62,8 @@ bool Exists(const std::wstring& path) noexcept {
 }
 
 bool CreateDirectories(const std::wstring& path) {
-  // From the top down. A component that cannot be made is no verdict: it may be a share, or be
-  // there already, or another process was faster. What counts is the last one.
+  // From the top down. A component that cannot be created decides nothing: it may be a share, it
+  // may exist already, or another process was faster. Only the last one counts.
   for (std::size_t end = RootSize(path); end < path.size(); ++end)
     if (IsSeparator(path[end])) CreateDirectoryW(path.substr(0, end).c_str(), nullptr);
   CreateDirectoryW(path.c_str(), nullptr);

@@ -25,12 +25,12 @@ std::atomic_ref<u32> Selector(u8* view) noexcept {
   return std::atomic_ref<u32>(*reinterpret_cast<u32*>(view));
 }
 
-// Whoever wrote the word may have left any value in it.
+// Another process may have left any value in the word.
 u32 ActiveIndex(u8* view) noexcept {
   return std::min(Selector(view).load(std::memory_order_acquire), u32{1});
 }
 
-// A record shorter than its header holds as much of it as there is room for.
+// A record shorter than a header holds only the first part of one.
 std::size_t HeaderSize(u32 record_size) noexcept {
   return std::min<std::size_t>(record_size, sizeof(SharedMemHeader));
 }
@@ -66,7 +66,7 @@ void Shared_mem_obj::CreateMapping() noexcept {
   mapping_.Reset(CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, mapped_size_,
                                     name_.c_str()));
   const bool is_new = GetLastError() != ERROR_ALREADY_EXISTS;
-  // Guard: another's after all (opening it failed for a reason of its own), so its content stays.
+  // Guard: another's after all (opening it failed for some other reason), so its content stays.
   if (!mapping_ || !is_new) return;
   u8* const view = MapWhole(mapping_.get(), FILE_MAP_ALL_ACCESS, mapped_size_);
   if (view == nullptr) {
@@ -108,8 +108,8 @@ u8* Shared_mem_obj::SelectRecord() const noexcept {
   return view_ + kSelectorSize + std::size_t{selected} * size_;
 }
 
-// Guard: reads the header once, since whoever wrote it may be writing again. A record without room
-// for a header has no version that could be right.
+// Guard: reads the header once, since another process may be writing it. A record without room for
+// a header has no version that could be right.
 bool Shared_mem_obj::CheckHeader(const u8* record) const noexcept {
   SharedMemHeader found = {kNoHeader, kNoHeader, kNoHeader};
   const SharedMemHeader expected = {size_, kSharedMemMajorVersion, kSharedMemMinorVersion};

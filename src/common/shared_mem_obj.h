@@ -1,7 +1,7 @@
 // A record in named shared memory, as this library and the client program exchange them.
 //
 // Plain: the mapping is the record, and a named mutex is held from Open to Close, even if the Open
-// failed. So every Open needs its Close, on every path, and the time between should be one copy.
+// failed. So every Open needs a Close on every path, with no more than one copy in between.
 //
 // Double-buffered: the mapping is a word that selects one of two copies of the record. A writer
 // fills the copy that is not selected and Close flips the word, so readers need no mutex and see
@@ -74,7 +74,7 @@ class Shared_mem_closer {
 };
 
 // Opens the object's record as a T, whose first word must hold T's own size; null if it does not.
-// Never closes: the object's Close is required on every path, whatever this holds.
+// Never closes: the object's Close is required on every path, even where this is null.
 template <typename T>
 class Shared_mem_ptr {
  public:

@@ -14,11 +14,11 @@ namespace {
 constexpr DWORD kInitPollMs = 10;
 constexpr DWORD kStopWaitMs = 200;
 constexpr DWORD kReportingStopWaitMs = 5000;  // 2500 ms to deliver, 2000 ms of the Tracker's
-constexpr u32 kSparePlaces = 8;               // for whoever has asked for room and has not come yet
+constexpr u32 kSparePlaces = 8;               // for sockets on their way that were promised room
 constexpr long kPassTimeUs = 20000;           // bounds the idle latency of every timer
 constexpr u32 kUpdateIntervalMs = 30;
-constexpr int kFarewellPasses = 2;  // after a stop, for the providers to flush
-// And for as long as they owe servers something: time for two nodes that do not answer.
+constexpr int kFlushPasses = 2;  // after a stop, for the providers to flush
+// How long to go on while servers are owed data: enough for two nodes that do not answer.
 constexpr u32 kDeliveryLimitMs = 2500;
 
 bool ReportsItsEnd() noexcept { return GetMending().ReportsItsEnd(); }
@@ -36,7 +36,7 @@ bool RelayMgr::IsSettled() const noexcept {
 bool RelayMgr::CheckAndInit(u32 timeout_ms) noexcept {
   if (IsSettled()) return IsRunning();
   common::Lock hold(init_lock_);
-  // With a thread but no state, an earlier call gave up waiting; that may not be said twice.
+  // A thread without a state means that an earlier call gave up waiting, and has logged that.
   if (!IsSettled() && worker_thread_.load(std::memory_order_relaxed) == nullptr) {
     StartWorker(timeout_ms);
   }
@@ -56,8 +56,8 @@ void RelayMgr::StartWorker(u32 timeout_ms) noexcept {
       const u32 now = GetTickCount();
       // Kept: once the counter has wrapped the wait goes on until the worker is ready.
       if (now >= start && now - start >= timeout_ms) break;
-      // A thread that was ended on its way is not waited for. Its handle is not asked, since a stop
-      // may close that meanwhile.
+      // Does not wait for a thread that was terminated. Checks its name and not its handle, which a
+      // stop may close at any time.
       if (common::HasEnded(worker_name_.load(std::memory_order_relaxed))) break;
       Sleep(kInitPollMs);
     }
@@ -78,16 +78,16 @@ bool RelayMgr::StillServes(u32 trust_ms) noexcept {
   return false;
 }
 
-// Guard: what a worker leaves behind that did not come to its end. Nobody polls its sockets any
-// more, and whoever is connected to one would wait for ever. Nothing else of it is touched, now or
-// later: it may have been changing anything.
+// Guard: what a worker leaves behind that was terminated. Its sockets are no longer polled, and a
+// game connected to one would wait forever. Nothing else of it is ever touched: it may have been in
+// the middle of any change.
 void RelayMgr::BuryWorker() noexcept {
   if (thread_left_.load(std::memory_order_acquire) || buried_.exchange(true)) return;
   serves_.store(false, std::memory_order_release);
   CloseWorkerSockets();
 }
 
-// The worker's identity stands until it has ended, since its last calls must be known as its own.
+// The worker's id stays until the worker has ended: its last calls must be recognised as its own.
 void RelayMgr::Stop() noexcept {
   stop_flag_.store(true, std::memory_order_relaxed);
   serves_.store(false, std::memory_order_release);
@@ -109,7 +109,7 @@ void RelayMgr::Stop() noexcept {
 bool RelayMgr::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr_in* addr,
                                       sockaddr** out_addr, int* out_len, u32 token, bool* created,
                                       std::shared_ptr<PostponedConnect> postponed) noexcept {
-  // Asked again afterwards: the worker may have ended while it was waited for.
+  // Checked again afterwards: the worker may have ended during the wait.
   return Serves() &&
          tcp_provider_.RequestTcpRelaySession(socket, port, addr, out_addr, out_len, token, created,
                                               std::move(postponed)) &&
@@ -139,7 +139,8 @@ DWORD WINAPI RelayMgr::WorkerThread(LPVOID self) noexcept {
 }
 
 void RelayMgr::WorkerProc() noexcept {
-  // Before anything else: its own first socket call asks who makes it, and would wait for itself.
+  // Before anything else: the worker's first socket call checks this id, and would otherwise wait
+  // for the worker itself.
   worker_thread_id_.store(GetCurrentThreadId(), std::memory_order_relaxed);
   if (!InternalInit()) return;
   LSP_LOG(0, "RelayMgr::WorkerProc, FD_SIZE=%lu", static_cast<unsigned long>(FD_SETSIZE));
@@ -153,7 +154,8 @@ void RelayMgr::WorkerProc() noexcept {
   LSP_LOG(0, "RelayMgr::WorkerProc Quit");
 }
 
-// True if the thread is to poll. The state comes last: whoever sees it may use the relay at once.
+// True if the thread is to poll. The state is stored last: a thread that sees it may use the relay
+// at once.
 bool RelayMgr::InternalInit() noexcept {
   if (buried_.load(std::memory_order_acquire)) {
     state_.store(kStateRunning, std::memory_order_release);  // reports success; see the header
@@ -166,7 +168,7 @@ bool RelayMgr::InternalInit() noexcept {
   const bool is_worker = tcp_started && !worker_started_.exchange(true);
   if (is_worker) serves_.store(true, std::memory_order_release);
   state_.store(tcp_started ? kStateRunning : kStateFailed, std::memory_order_release);
-  // Guard: nobody would poll their sockets, nor ever close them.
+  // Guard: their sockets would never be polled or closed.
   if (tcp_started && !is_worker) UninitProviders();
   return is_worker;
 }
@@ -178,13 +180,13 @@ void RelayMgr::UninitProviders() noexcept {
 
 void RelayMgr::Loop() noexcept {
   const timeval pass_time{0, kPassTimeUs};
-  int passes_left = kFarewellPasses;
+  int passes_left = kFlushPasses;
   u32 stopped = 0;
   delivers_ = false;
   u32 last_update = GetTickCount();
   for (;;) {
     if (IsStopping()) {
-      if (passes_left == kFarewellPasses) stopped = GetTickCount();
+      if (passes_left == kFlushPasses) stopped = GetTickCount();
       if (passes_left <= 0 && !Delivers(stopped)) return;
       if (passes_left > 0) --passes_left;
     }
@@ -197,8 +199,7 @@ void RelayMgr::Loop() noexcept {
   }
 }
 
-// Winsock makes no socket any more while it is being cleaned up, so no connection takes another
-// way.
+// Winsock creates no more sockets during its cleanup, so no connection can try another way.
 bool RelayMgr::Delivers(u32 stopped) noexcept {
   if (!GetMending().DeliversAtItsEnd() || GetTickCount() - stopped >= kDeliveryLimitMs ||
       (!udp_provider_.OwesServers() && !tcp_provider_.OwesServers())) {

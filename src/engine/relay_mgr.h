@@ -3,10 +3,10 @@
 //
 // The thread starts at the first CheckAndInit and ends with Stop. A process gets one, unless
 // AllowAnotherWorker is called. Kept: a start after a stop reports success, and no worker runs.
-// Requests to the relay are then refused, and so they are as soon as the worker has ended in any
-// other way: after an error of select, because Stop terminated it, or because another program did.
-// See Serves, and docs/lifetime.md. Any thread may call the public operations; IRelaySocketMgr's
-// other operations belong to the worker. Nothing throws.
+// Requests to the relay are refused from then on. They are also refused once the worker has ended
+// in any other way: after an error of select, or because Stop or another program terminated it. See
+// Serves, and docs/lifetime.md. Any thread may call the public operations; IRelaySocketMgr's other
+// operations belong to the worker. Nothing throws.
 #pragma once
 #include <winsock2.h>
 
@@ -32,16 +32,16 @@ class RelayMgr final : public IRelaySocketMgr {
   // True if the relay has been started. The first call starts it and waits up to `timeout_ms` for
   // it; a worker that is not ready by then may be ready at a later call.
   bool CheckAndInit(u32 timeout_ms) noexcept;
-  // Whether there is a worker that handles what is sent to the relay: the one question to ask
-  // before sending anything to it, or waiting for anything from it. Costs one load, and may be true
-  // for a moment after the worker was terminated from outside.
+  // Whether a worker handles what is sent to the relay: the one question to ask before sending
+  // anything to it or waiting for anything from it. Costs one load, and may stay true for a moment
+  // after another program has terminated the worker.
   bool Serves() const noexcept { return serves_.load(std::memory_order_acquire); }
   // The same, but checks the worker's thread unless that was done within the last `trust_ms`. For
   // the start of a connection or the sending of a datagram, which cost a few system calls anyway.
   bool StillServes(u32 trust_ms) noexcept;
-  // Ends the worker, and terminates it if it has not ended after 200 ms, or after 2500 ms where its
-  // reports are to be complete. A terminated worker has
-  // left its sockets open; they are then closed, so that the game notices.
+  // Ends the worker. Terminates it if it has not ended after 200 ms, or after 5 seconds where it is
+  // to report its end. A terminated worker leaves its sockets open; they are closed here, so that
+  // the game notices.
   void Stop() noexcept;
   // After a stop: the next start of Winsock gets a worker again, unless the last one was
   // terminated.
@@ -66,8 +66,8 @@ class RelayMgr final : public IRelaySocketMgr {
   // For datagram sockets, which ask for their relay at its control port; see UdpProvider.
   void GetUdpLocalAddr(sockaddr_in* out) const noexcept { udp_provider_.GetLocalAddr(out); }
   bool GetCreateResult(u32 token, ProtoRelayOpen* out) noexcept;
-  // The queue that a socket's record points to, to be used through the result alone, for the length
-  // of one call. Null once its session has ended, which counts as an empty queue.
+  // The queue that a socket's record points to. Use it through the result only, for the length of
+  // one call. Null once its session has ended, which counts as an empty queue.
   std::shared_ptr<UdpPackageQueue> UseQueue(const UdpPackageQueue* queue, u32 token) const noexcept;
 
   // The ports of a socket's session; null if it has none, or is gone.
@@ -97,14 +97,14 @@ class RelayMgr final : public IRelaySocketMgr {
   void UninitProviders() noexcept;
   void BuryWorker() noexcept;
   void OnTimer(u32* last_update) noexcept;
-  // After a stop, with the tick of it: whether the loop goes on for what servers are owed.
+  // After a stop at that tick: whether the loop goes on to deliver what servers are owed.
   bool Delivers(u32 stopped) noexcept;
 
   std::atomic<u32> state_{kStateNotInitialised};  // released: the listener's address goes with it
   std::atomic<bool> stop_flag_{true};
   std::atomic<HANDLE> worker_thread_{nullptr};
   std::atomic<u32> worker_thread_id_{0};
-  std::atomic<u32> worker_name_{0};          // of own_thread.h
+  std::atomic<u32> worker_name_{0};          // see own_thread.h
   std::atomic<bool> worker_started_{false};  // the process gets one worker, unless it may have more
   std::atomic<bool> serves_{false};      // from the worker's readiness to the first sign of its end
   std::atomic<u32> looked_at_{0};        // the tick at which the worker's thread was seen alive

@@ -19,7 +19,7 @@ class LspGameTester {
   bool IsEnabled() const noexcept;
   // The directory of the program, and of the file. May throw std::bad_alloc.
   std::wstring GetProcessDir() const;
-  // Installs the configuration that the file asks for, whatever IsEnabled returns. False if that
+  // Installs the configuration that the file asks for, even if IsEnabled is false. False if that
   // configuration accelerates nothing.
   bool ReadAccConfig() noexcept;
 

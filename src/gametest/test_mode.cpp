@@ -34,7 +34,7 @@ void CompleteConfig() noexcept {
   ReplaceAccConfig(config);
 }
 
-// An IP table must not be empty, so it holds the address of nobody.
+// An IP table must not be empty, so it holds an address that no host has.
 void AddIpTable() {
   const auto region = std::make_unique<IpTableRegion>();
   region->ip_count = 1;
@@ -73,7 +73,7 @@ bool ReadTestConfig() noexcept {
     AddRouteTable();
     return true;
   } catch (const std::exception&) {
-    return false;  // out of memory: this process goes without us
+    return false;  // out of memory: this process is not served
   }
 }
 

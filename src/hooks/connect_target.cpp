@@ -14,8 +14,8 @@ void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept 
   const SOCKET s = record.socket;
   const sockaddr_in asked = ReadAddress(target->name, target->name_size);
   if (!IsAllowConnect(kSocketTypeStream, &asked, s, record.token)) return;
-  // Exactly, before the socket is bound to the loopback interface: from there it can reach nothing
-  // else.
+  // An exact check, before the socket is bound to the loopback interface: from there it can reach
+  // nothing but the relay.
   if (!GetRelayMgr().StillServes(0)) return;
   if (!GetRelayMgr().HasRoomForStream()) {
     LSP_LOG(4, "WSPConnect: the relay has no room, socket=%Id, token=%u", s, record.token);

@@ -21,13 +21,13 @@ struct ConnectTarget {
   std::shared_ptr<PostponedConnect> postponed{};  // null: the connect is carried out at once
 };
 
-// Changes the target of a stream socket that may be relayed, which is what the application named,
-// to the relay's listener, if the route policy wants the destination relayed and the relay accepts
-// it. Otherwise the target stays. Kept: the socket may have been bound to the loopback interface by
+// Redirects a stream socket that may be relayed: replaces the target that the application named by
+// the relay's listener, if the route policy wants the destination relayed and the relay accepts it.
+// Otherwise the target stays. Kept: the socket may have been bound to the loopback interface by
 // then.
 void RedirectStream(const SocketRecord& record, ConnectTarget* target) noexcept;
 
-// After a connect that has failed for good.
+// After a connect that has failed.
 void ForgetRedirect(const SocketRecord& record, ConnectTarget* target) noexcept;
 
 }  // namespace moru_vyr::lsp

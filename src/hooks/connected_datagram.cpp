@@ -17,9 +17,9 @@ void LeavePeer(const SocketRecord& record) noexcept {
   if (next->lpWSPGetPeerName(record.socket, reinterpret_cast<sockaddr*>(&peer), &size, &error)) {
     return;  // not connected
   }
-  const sockaddr_in nobody = {};
-  next->lpWSPConnect(record.socket, reinterpret_cast<const sockaddr*>(&nobody), sizeof nobody,
-                     nullptr, nullptr, nullptr, nullptr, &error);
+  const sockaddr_in unspecified = {};
+  next->lpWSPConnect(record.socket, reinterpret_cast<const sockaddr*>(&unspecified),
+                     sizeof unspecified, nullptr, nullptr, nullptr, nullptr, &error);
 }
 
 void NotePeer(const SocketRecord& record, const sockaddr* peer, int peer_size,

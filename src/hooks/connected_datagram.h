@@ -1,10 +1,10 @@
-// Datagram sockets that are connected to their relay, where the client asks for that to be mended:
-// such a socket is connected to the port of the relay that stands for its peer, so that the system
-// itself keeps other sources away from it, and only the names of both ends have to be put right
+// Datagram sockets that are connected to their relay, where the client asks for that to be mended.
+// Such a socket is connected to the port of the relay that stands for its peer, so the system
+// itself keeps out other sources, and only the names of both ends have to be corrected
 // (relayed_names.h).
 //
-// Any thread; nothing throws. Where it is not mended, no datagram socket's record is `handled`, and
-// nothing here does anything.
+// Any thread; nothing throws. Where it is not mended, no record of a datagram socket is `handled`,
+// and nothing here has any effect.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>
@@ -15,8 +15,8 @@ namespace moru_vyr::lsp {
 
 bool ConnectsDatagrams() noexcept;
 
-// Before a connect: takes back the connection that the socket has. A loopback address of its own,
-// or one on the network, would otherwise stay with it, and could not reach the new peer.
+// Before a connect: disconnects the socket. It would otherwise keep its local address, on the
+// loopback interface or on the network, from which it might not reach the new peer.
 void LeavePeer(const SocketRecord& record) noexcept;
 
 // After a connect that succeeded: whether the socket is connected to its relay, for which peer.

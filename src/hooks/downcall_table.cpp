@@ -18,8 +18,9 @@ namespace moru_vyr::lsp {
 namespace {
 
 // A second protocol can be started while sockets of the first are being opened. The entry that
-// marks a slot as filled is therefore stored last and read first; everything else in the slot
-// is plain and changes no more, unless a process that is served again got another next provider.
+// marks a slot as filled is therefore stored last and read first; everything else in the slot is
+// plain data that does not change afterwards, unless a process that is served again gets another
+// next provider.
 bool IsFilled(WSPPROC_TABLE& table) {
   return std::atomic_ref<LPWSPSOCKET>(table.lpWSPSocket).load(std::memory_order_acquire) != nullptr;
 }

@@ -14,8 +14,8 @@ constexpr int kProtocolRawSave = 0;
 constexpr int kProtocolRawFind = 255;
 
 // Stores both tables under `protocol` (6, 17 or 0; any other number stores nothing). If `out` is
-// given, it gets the next provider's table with our entries in it, whatever the protocol. Start-up
-// only, under its lock; lookups may run meanwhile.
+// given, it gets the next provider's table with our entries in it, for any protocol. Start-up only,
+// under its lock; lookups may run meanwhile.
 void SaveDowncallTable(int protocol, const WSPUPCALLTABLE* upcalls, const WSPPROC_TABLE* next_table,
                        LPWSPPROC_TABLE out) noexcept;
 

@@ -33,7 +33,7 @@ inline int FailWithoutProvider(LPINT error) {
 }
 
 // Whether the call may still be under way. Then its arguments belong to its completion, which may
-// have freed them before this thread looks at them: none of them may be read any more.
+// have freed them before this thread looks at them: none of them may be read from here on.
 inline bool MayBePending(int result, const INT* error) {
   return result == SOCKET_ERROR && (error == nullptr || *error == WSA_IO_PENDING);
 }
@@ -70,17 +70,17 @@ struct AddressText {
   int port;  // host order
 };
 
-// Reads the address as IPv4. Guard: a name too short to hold one prints as 0.0.0.0:0, whatever it
-// says, and a null one as "NULL" and 0.
+// Reads the address as IPv4. Guard: a name too short to hold one prints as 0.0.0.0:0, and a null
+// one as "NULL" and 0.
 AddressText DescribeAddress(const sockaddr* name, int name_size);
 
-// The size of a caller's place for an address, which a call replaces by that of the address. Made
-// before the call.
+// The size of a caller's buffer for an address, which a call replaces by the size of the address.
+// Made before the call.
 class SizedPlace {
  public:
   explicit SizedPlace(const INT* size) : size_(size), room_(size != nullptr ? *size : 0) {}
-  // How much of the place can be read now. Guard: never more than the caller has said that there
-  // is; a provider may tell the size of an address that it had no room for.
+  // How much of the buffer can be read now. Guard: never more than the caller has said that there
+  // is; a provider may report the size of an address that did not fit.
   int Size() const { return size_ != nullptr ? std::min(room_, int{*size_}) : 0; }
 
  private:

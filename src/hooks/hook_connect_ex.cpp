@@ -55,8 +55,8 @@ BOOL PASCAL WSPConnectEx(SOCKET s, const struct sockaddr* name, int namelen, PVO
   }
   LSP_LOG(0, "WSPConnectEx: WSPConnectEx, lpConnectEx=%p, socket=%Id, token=%u",
           reinterpret_cast<void*>(connect_ex), s, record.token);
-  // Taken now: a connect that has gone pending, or has just succeeded, leaves the address to its
-  // completion, which may have freed it.
+  // Copied now: once the connect is pending or has succeeded, its completion may have freed the
+  // address.
   const AddressText dest = common::IsLogged(5) ? DescribeAddress(name, namelen) : AddressText{};
   const BOOL result = connect_ex(s, target.name, target.name_size, lpSendBuffer, dwSendDataLength,
                                  lpdwBytesSent, lpOverlapped);

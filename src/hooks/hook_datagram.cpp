@@ -36,36 +36,40 @@ void RestoreSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, so
   std::memcpy(from, &source, static_cast<size_t>(room));
 }
 
-// Whether the call has handed out a datagram and its source. One that was cut has a source too,
-// which a queue cannot find by what is left of it.
+// Whether the call has returned a datagram and its source. A datagram that was cut has a source
+// too, but a queue cannot find it by the bytes that are left.
 bool HasSource(const SocketRecord& record, int result, const INT* error) noexcept {
   return result == 0 || (record.recv_queue == nullptr && ErrorOf(error) == WSAEMSGSIZE);
 }
 
-// What a log line on a receive says about the caller's memory.
-struct ReceiveView {
-  AddressText From() const {
-    const auto* const name = reinterpret_cast<const sockaddr*>(&from);
-    return DescribeAddress(named ? name : nullptr, from_size);
+// A copy of the address in the caller's memory, for a log line that is written later.
+class AddressCopy {
+ public:
+  AddressCopy() = default;
+  AddressCopy(const sockaddr* name, int name_size) : named_(name != nullptr), size_(name_size) {
+    if (named_) address_ = ReadAddress(name, name_size);
+  }
+  AddressText Text() const {
+    const auto* const name = reinterpret_cast<const sockaddr*>(&address_);
+    return DescribeAddress(named_ ? name : nullptr, size_);
   }
 
-  bool named = false;
-  sockaddr_in from = {};
-  int from_size = 0;
+ private:
+  bool named_ = false;
+  int size_ = 0;
+  sockaddr_in address_ = {};
+};
+
+// What a log line on a receive says about the caller's memory.
+struct ReceiveView {
+  AddressCopy from;
   int bytes = 0;
   int flags = 0;
 };
 
 ReceiveView Look(const sockaddr* from, int from_size, const DWORD* bytes, const DWORD* flags) {
-  ReceiveView view;
-  view.named = from != nullptr;
-  if (view.named) {
-    view.from = ReadAddress(from, from_size);
-    view.from_size = from_size;
-  }
-  view.bytes = static_cast<int>(CountOf(bytes));
-  view.flags = static_cast<int>(CountOf(flags));
-  return view;
+  return {AddressCopy(from, from_size), static_cast<int>(CountOf(bytes)),
+          static_cast<int>(CountOf(flags))};
 }
 
 }  // namespace
@@ -86,10 +90,10 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
   u64 entry = 0;
   const bool relay_send = PrepareSend(record, lpBuffers, dwBufferCount, lpTo, iTolen,
                                       relay.address(), lpThreadId, &entry);
-  // A socket that names no destination is connected: what it is connected to decides.
+  // Without a destination the socket is connected, and its peer decides.
   const sockaddr* const target = relay_send && lpTo != nullptr ? relay.name() : lpTo;
   const int target_size = target != lpTo ? RelayName::BoundedSize(iTolen) : iTolen;
-  const sockaddr_in asked = lpTo != nullptr ? ReadAddress(lpTo, iTolen) : sockaddr_in{};
+  const AddressCopy asked(lpTo, iTolen);
   // Kept: the count of sent bytes is not cleared first, unlike in WSPSend.
   const int result =
       next->lpWSPSendTo(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent, dwFlags, target,
@@ -101,11 +105,10 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD 
     CancelUdpSend(s, lpBuffers, dwBufferCount, pending, entry);
   }
   const auto log = [&](int level) {
-    const sockaddr* const to = lpTo != nullptr ? reinterpret_cast<const sockaddr*>(&asked) : lpTo;
     LSP_LOG(level,
             "WSPSendTo: ret=%d, err=%d, dst=%s:%d, relay_send=%s, pbuf=%p, buf_cnt=%d, "
             "sent_bytes=%d, flag=%d, ol=0x%08x, crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
-            result, error, DescribeAddress(to, iTolen).ip.c_str(), DescribeAddress(to, iTolen).port,
+            result, error, asked.Text().ip.c_str(), asked.Text().port,
             relay_send ? "true" : "false", static_cast<void*>(lpBuffers),
             static_cast<int>(dwBufferCount),
             pending ? 0 : static_cast<int>(CountOf(lpNumberOfBytesSent)), static_cast<int>(dwFlags),
@@ -135,7 +138,7 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
   OverlappedReceive receive(&record, allowed, lpFrom, lpFromlen, lpOverlapped, lpCompletionRoutine);
   const SizedPlace source(lpFromlen);
   const auto look = [&] { return Look(lpFrom, source.Size(), lpNumberOfBytesRecvd, lpFlags); };
-  // For the line on a receive that goes pending: it tells how it began.
+  // For the log line of a receive that goes pending, which shows how it began.
   const ReceiveView before = common::IsLogged(4) ? look() : ReceiveView{};
   // Kept: the count of received bytes is not cleared first, unlike in WSPRecv.
   const int result =
@@ -152,9 +155,10 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount,
     LSP_LOG(level,
             "WSPRecvFrom end: ret=%d, err=%d, from=%s:%d, pbuf=%p, buf_cnt=%d, recv_bytes=%d, "
             "flag=%d, ol=0x%08x, crt=0x%08x, pthd=0x%08x, socket=%Id, token=%u",
-            result, error, seen.From().ip.c_str(), seen.From().port, static_cast<void*>(lpBuffers),
-            static_cast<int>(dwBufferCount), seen.bytes, seen.flags, PointerBits(lpOverlapped),
-            PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s, record.token);
+            result, error, seen.from.Text().ip.c_str(), seen.from.Text().port,
+            static_cast<void*>(lpBuffers), static_cast<int>(dwBufferCount), seen.bytes, seen.flags,
+            PointerBits(lpOverlapped), PointerBits(lpCompletionRoutine), PointerBits(lpThreadId), s,
+            record.token);
   };
   // Kept: a pending receive (997) counts as a failure here, though not in WSPRecv.
   if (result == SOCKET_ERROR && error != WSAEWOULDBLOCK) {

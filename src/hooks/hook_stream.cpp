@@ -50,9 +50,9 @@ bool EndRelay(const SocketRecord& record) {
   return false;
 }
 
-// Takes the socket out of the map. A relay that was asked for, and has not been told of the end
-// under that token, is told here. Only now is it certain whether one was asked for: another thread
-// may have done so since this call began.
+// Removes the socket from the map, and tells its relay of the end unless that was done under this
+// token. Only now is it certain whether there is a relay: another thread may have asked for one
+// since this call began.
 void Forget(SOCKET s, u32 told_token) {
   SocketRecord last;
   if (!GetSocketMap().Remove(s, &last) || last.relay_state == kRelayNotAsked) return;
@@ -100,7 +100,7 @@ SOCKET WSPAPI WSPAccept(SOCKET s, struct sockaddr* addr, LPINT addrlen,
     return INVALID_SOCKET;
   }
   const u32 token = GetRelayMgr().NextToken();
-  // Kept: whatever the listener is, what it accepted counts as a TCP stream.
+  // Kept: what any kind of listener has accepted counts as a TCP stream.
   Record(result, kSocketTypeStream, kProtocolTcp, token, table);
   LSP_LOG(4, "WSPAccept: err=%d, accept_socket=%Id, listen socket=%Id, token=%u", ErrorOf(lpErrno),
           result, s, token);
@@ -152,7 +152,8 @@ int WSPAPI WSPConnect(SOCKET s, const struct sockaddr* name, int namelen, LPWSAB
                          : SOCKET_ERROR;
   if (result == SOCKET_ERROR && ErrorOf(lpErrno) != WSAEWOULDBLOCK) ForgetRedirect(record, &target);
   if (result == 0) NotePeer(record, name, namelen, target.udp_connect);
-  // The filter is asked on success as well, so a socket that connects over and over grows quiet.
+  // Successes count in the filter as well, so a socket that connects over and over stops being
+  // logged.
   if (GetSocketErrorFilter().ShouldLog(kOperationConnect, ErrorOf(lpErrno), record.token)) {
     LSP_LOG(5,
             "WSPConnect: ret=%d, err=%d, dest=%s:%d, local port=%d, udp_connect_mode=%s, "
@@ -197,12 +198,12 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT lpErrno) noexcept {
     return FailWithoutProvider(lpErrno);
   }
   // A stream's relay is not told: it sees the close on its own socket. Kept: it is asked for
-  // streams as well, and whichever call comes first starts the relay.
+  // streams as well, and the first call of any kind starts the relay.
   const bool relay_told = IsAllowedRelay(record) && EndRelay(record);
   const u32 told_token = relay_told ? record.token : SocketMap::kAnyToken;
   CancelPostponed(record);
-  // The record goes first: once the socket is closed below, its value can come back at once as
-  // another thread's new socket, and its record must not be erased here.
+  // Removes the record first: once the socket is closed below, another thread's new socket may get
+  // the same value at once, and its record must not be erased here.
   GetSocketErrorFilter().Forget(record.token);
   ForgetReceives(record);
   Forget(s, told_token);

@@ -22,7 +22,7 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDWORD lp
     return FailWithoutProvider(lpErrno);
   }
   NoteOverlappedUse(&record, lpOverlapped);
-  // Kept: asked for every kind of socket, so that whichever call comes first starts the relay.
+  // Kept: asked for every kind of socket, so that the first call of any kind starts the relay.
   if (IsAllowedRelay(record) && IsRawPing(record) &&
       HoldPing(s, lpBuffers, dwBufferCount, lpNumberOfBytesSent)) {
     return 0;

@@ -20,7 +20,7 @@ bool NamesLateSources() noexcept { return GetMending().NamesLateSources(); }
 
 bool HasDatagram(bool succeeded, int error) noexcept { return succeeded || error == WSAEMSGSIZE; }
 
-// The lowest bit of an event keeps a completion away from the socket's port, so there is a port.
+// The lowest bit of an event keeps a completion away from the socket's port, so the socket has one.
 bool IsSeen(const WSAOVERLAPPED& overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept {
   const auto event = reinterpret_cast<std::uintptr_t>(overlapped.hEvent);
   return routine != nullptr || (event != 0 && (event & 1) == 0);
@@ -52,7 +52,7 @@ BOOL WSPAPI WSPGetOverlappedResult(SOCKET s, LPWSAOVERLAPPED lpOverlapped, LPDWO
                                    BOOL fWait, LPDWORD lpdwFlags, LPINT lpErrno) noexcept {
   const SocketRecord record = GetSocketMap().Get(s);
   const WSPPROC_TABLE* next = NextWith<&WSPPROC_TABLE::lpWSPGetOverlappedResult>(record);
-  // A socket that has no record has no receive of ours either, and its result is asked for as ever.
+  // A socket without a record has no receive of ours either, and its result is asked for as usual.
   if (next == nullptr) next = GetDowncallTable(kProtocolTcp, nullptr);
   if (next == nullptr || next->lpWSPGetOverlappedResult == nullptr) {
     FailWithoutProvider(lpErrno);

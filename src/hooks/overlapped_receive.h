@@ -1,5 +1,5 @@
-// Overlapped receives of datagram sockets, where the client asks for that to be mended: one that
-// completes later gets its source put right wherever the library sees the completion.
+// Overlapped receives of datagram sockets, where the client asks for that to be mended: a receive
+// that completes later gets its true source wherever the library sees the completion.
 //
 // It sees a completion routine, and a program that waits for an event and then asks for the result
 // (WSAGetOverlappedResult). It sees nothing of what comes out of a completion port, and cannot know
@@ -9,9 +9,9 @@
 // result of its last receive has been asked for, and a process with more such receives at a
 // time than there are places for.
 //
-// A socket that has sent through the relay by then is parted from it, and connected to its peer
-// directly if it is connected: what is under way between the relay and the game is lost, and the
-// server hears the next datagram from another address. A relay that went on would hand the game
+// A socket that has already sent through the relay is detached from it, and connected to its peer
+// directly if it is connected: what is in flight between the relay and the game is lost, and the
+// server gets the next datagram from another address. A relay that went on would hand the game
 // datagrams from an address that it does not know.
 //
 // A pending send needs nothing: its address is known by the port that it goes to (PeerPorts), and
@@ -39,7 +39,7 @@ class OverlappedReceive {
 
   // What the next provider is to call: the game's routine, or ours, which calls it.
   LPWSAOVERLAPPED_COMPLETION_ROUTINE routine() const noexcept { return routine_; }
-  // After the call. Returns whether that settles the source: if not, it is the caller's business.
+  // After the call. True if that settles the source; otherwise the caller restores it.
   bool End(int result, const INT* error) noexcept;
 
  private:
@@ -51,7 +51,8 @@ class OverlappedReceive {
 
 // Before another call that takes an overlapped structure, which may be null.
 void NoteOverlappedUse(SocketRecord* record, const WSAOVERLAPPED* overlapped) noexcept;
-// Before a socket is closed: no result will be asked for any more, but routines will run.
+// Before a socket is closed: its results will not be asked for again, but its routines will still
+// run.
 void ForgetReceives(const SocketRecord& record) noexcept;
 // The same for all sockets.
 void ForgetAllReceives() noexcept;

@@ -8,7 +8,7 @@
 namespace moru_vyr::lsp {
 
 void NameSource(const PendingReceive& receive, const PeerPorts& ports) noexcept {
-  // As little as SizedPlace tells: the provider may have stored the size that it had no room for.
+  // Limited as in SizedPlace: the provider may have stored the size of an address that did not fit.
   const int size = std::min(int{receive.room}, int{*receive.from_size});
   sockaddr_in source = ReadAddress(receive.from, size);
   if (source.sin_addr.s_addr != htonl(INADDR_LOOPBACK)) return;

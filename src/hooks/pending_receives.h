@@ -1,8 +1,8 @@
-// The overlapped receives of datagram sockets that are to be told their source when they complete:
-// a table of fixed size for the process.
+// The overlapped receives of datagram sockets that are to get their source when they complete: a
+// table of fixed size for the process.
 //
 // Threads of the host; nothing allocates, nothing throws. The lock is held while a source is
-// written, so that a thread that finds no entry any more finds the source in its place.
+// written, so that a thread that no longer finds the entry finds the source in the game's buffer.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>

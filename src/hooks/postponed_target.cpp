@@ -13,8 +13,8 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr DWORD kLookMs = 100;  // between two looks whether the worker is still there
-// The worker has limits of its own, and the system one for the last connect, which are shorter.
+constexpr DWORD kLookMs = 100;  // between two checks that the worker is still there
+// The worker's own limits, and the system's for the last connect, are shorter.
 constexpr u32 kLongestWaitMs = 180'000;
 
 bool IsConnected(const SocketRecord& record) noexcept {
@@ -36,7 +36,7 @@ bool HasFailed(const SocketRecord& record) noexcept {
   return record.next_proc_table->lpWSPSelect(0, nullptr, nullptr, &failed, &at_once, &error) != 0;
 }
 
-// 0 once the server has been reached, else what its connect is answered.
+// 0 once the server has been reached, otherwise the error for its connect.
 int Await(const PostponedConnect& connect) noexcept {
   const u32 start = GetTickCount();
   while (connect.error == PostponedConnect::kUndecided) {
@@ -69,7 +69,7 @@ int WSPAPI WSPBlockingIoctl(SOCKET s, DWORD code, LPVOID in, DWORD in_size, LPVO
   return result;
 }
 
-// These two make a socket non-blocking, whatever events they ask for.
+// These two make a socket non-blocking, for any set of events.
 int WSPAPI WSPEventSelect(SOCKET s, WSAEVENT event, long events, LPINT error) noexcept {
   const WSPPROC_TABLE* const next = NextOf<&WSPPROC_TABLE::lpWSPEventSelect>(s);
   if (next == nullptr) return FailWithoutProvider(error);
@@ -106,8 +106,8 @@ bool IsConnectUnderWay(const SocketRecord& record, ConnectTarget* target) noexce
   return false;
 }
 
-// The stage comes first: the worker may be ready before this thread goes on. A non-blocking socket
-// that has been refused shows that until it is really connected again, so its next connect is
+// Sets the stage first: the worker may be ready before this thread goes on. A non-blocking socket
+// that was refused keeps showing that until it is really connected again, so its next connect is
 // carried out at once.
 void Postpone(const SocketRecord& record, ConnectTarget* target) noexcept {
   if (!PostponesConnects()) return;

@@ -1,4 +1,4 @@
-// The game's side of postponed connects (stream/postponed_connect.h): what its calls are answered
+// The game's side of postponed connects (stream/postponed_connect.h): how its calls are answered
 // until its socket is really connected.
 //
 // Any thread of the game. Nothing throws. Where connects are not postponed, none of this does
@@ -11,8 +11,8 @@
 
 namespace moru_vyr::lsp {
 
-// Whether an earlier connect of the socket has to be answered for: it is under way, or the socket
-// is connected. Then the relay is not asked; `target` holds the answer, or leaves it to the next
+// Whether an earlier connect of the socket decides the answer: it is under way, or the socket is
+// connected. Then the relay is not asked; `target` holds the answer, or leaves it to the next
 // provider.
 bool IsConnectUnderWay(const SocketRecord& record, ConnectTarget* target) noexcept;
 
@@ -20,8 +20,8 @@ bool IsConnectUnderWay(const SocketRecord& record, ConnectTarget* target) noexce
 void Postpone(const SocketRecord& record, ConnectTarget* target) noexcept;
 // The relay has nothing to decide, or its decision is no longer needed.
 void EndPostponed(const SocketRecord& record, ConnectTarget* target) noexcept;
-// Whether the connect is to be carried out, for which a thread of a blocking socket waits here.
-// Where it is not, *error says why: would block, or what the server's answer was.
+// Whether to carry out the connect; the thread of a blocking socket waits here for that. If not,
+// *error says why: would block, or the server's own error.
 bool MayConnectNow(const SocketRecord& record, const ConnectTarget& target, LPINT error) noexcept;
 
 // The socket is about to be closed.

@@ -31,8 +31,8 @@ bool IsSet(const std::atomic<bool>& flag) noexcept { return flag.load(std::memor
 
 bool IsAllowedRelay(const SocketRecord& record) noexcept {
   RelayMgr& relay = GetRelayMgr();
-  // The worker's own sockets pass through the same entries and have records too. Others use them
-  // only to close them.
+  // The worker's own sockets pass through the same entries and have records too. Other threads use
+  // them only to close them.
   if (GetCurrentThreadId() == relay.GetWorkerThreadId() || record.of_worker) return false;
   if (record.relay_disabled) return false;
   if (!relay.CheckAndInit(kRelayInitTimeoutMs)) {
@@ -43,7 +43,7 @@ bool IsAllowedRelay(const SocketRecord& record) noexcept {
   }
   const bool stream = record.type == kSocketTypeStream;
   const bool datagram = record.type == kSocketTypeDatagram;
-  // Pings are answered without it.
+  // Pings are answered without the worker.
   if ((stream || datagram) && !relay.Serves()) return false;
   const HookFlags& flags = GetHookFlags();
   if (IsSet(flags.speed_tester_mode)) return true;

@@ -8,9 +8,9 @@
 namespace moru_vyr::lsp {
 
 // Asks about the socket, not about a destination. Every intercepted call that could relay asks it
-// again, with its own copy of the record. Any thread. In spite of its name the first call acts: it
-// starts the relay, whatever the answer is, and may take up to three seconds. For streams and
-// datagrams it is false once the relay's worker has ended for any reason.
+// again, with its own copy of the record. Any thread. Despite its name the first call acts: it
+// starts the relay, with either answer, and may take up to three seconds. For streams and datagrams
+// it is false once the relay's worker has ended for any reason.
 bool IsAllowedRelay(const SocketRecord& record) noexcept;
 
 // Whether the route policy wants a connection to that address relayed. A null address may be.

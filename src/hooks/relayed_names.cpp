@@ -39,7 +39,7 @@ bool AskRoute(const WSPPROC_TABLE& next, const SocketRecord& record, in_addr* ou
   return result == 0 && own.sin_addr.s_addr != 0;
 }
 
-// Where the next provider does not know that question: a datagram socket that is connected to the
+// For a next provider that does not know that query: a datagram socket that is connected to the
 // server, which sends nothing, has the same address. It is the library's own, and not relayed.
 bool AskDatagramSocket(const SocketRecord& record, in_addr* out) noexcept {
   const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);

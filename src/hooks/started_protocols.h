@@ -3,9 +3,8 @@
 
 namespace moru_vyr::lsp {
 
-// Says whether the protocol was started before, and remembers that it is now. Also a start that
-// then fails is remembered. False for every protocol but kProtocolTcp, kProtocolUdp and
-// kProtocolRawSave.
+// Returns whether the protocol was started before, and remembers that it is now, even if this start
+// fails afterwards. False for every protocol but kProtocolTcp, kProtocolUdp and kProtocolRawSave.
 bool WasStarted(int protocol) noexcept;
 
 // The process has ended Winsock and is to be served again.

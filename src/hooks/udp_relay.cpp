@@ -44,7 +44,8 @@ bool FindPeerPort(const SocketRecord& record, PeerPorts* ports, const sockaddr_i
   if (!ports->FindPort(peer, &port) && !ports->IsFull()) {
     sockaddr_in answered = {};  // perhaps to another thread's question, so the table counts
     RequestUdpRelay(record, &peer, thread_id, &answered, nullptr, nullptr);
-    // Directly from here on: a server that hears from one socket in two ways takes it for two.
+    // Direct from here on: a server that hears from one socket by two routes takes it for two
+    // clients.
     ports->Add(peer, 0);
     ports->FindPort(peer, &port);
   }
@@ -57,7 +58,7 @@ bool FindPeerPort(const SocketRecord& record, PeerPorts* ports, const sockaddr_i
 
 // Asks for the socket's relay and stores the outcome with the socket. Two threads may both do so
 // for one socket: the relay answers one of them, and the other's failure may be stored last. A
-// socket that was closed meanwhile could not know of the session that it may have by now.
+// socket that was closed meanwhile could not know that it may have a session by now.
 bool AskForRelay(const SocketRecord& record, const sockaddr_in* to, sockaddr_in* out_addr,
                  UdpPackageQueue** send_queue, LPWSATHREADID thread_id, bool in_connect) noexcept {
   UdpPackageQueue* recv_queue = nullptr;
@@ -129,8 +130,8 @@ bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD cou
     default:
       return false;
   }
-  // Queued before it is sent, so that the worker finds the entry however soon the datagram comes.
-  // Kept: a datagram that cannot be queued goes to the relay all the same, and is lost there.
+  // Queued before it is sent, so that the worker finds the entry even if the datagram arrives at
+  // once. Kept: a datagram that cannot be queued goes to the relay all the same, and is lost there.
   if (const auto live = Use(record, queue)) {
     live->Push(buffers, static_cast<u32>(count), dest, entry);
   }
@@ -164,7 +165,7 @@ void CancelUdpSend(SOCKET s, LPWSABUF buffers, DWORD count, bool pending, u64 en
 bool RestoreUdpSource(const SocketRecord& record, LPWSABUF buffers, DWORD count, sockaddr_in* from,
                       const DWORD* received) noexcept {
   if (from == nullptr) return false;
-  // The record may be older than the relay: a thread may have waited here since.
+  // The record may be older than the relay: this thread may have waited in the call since then.
   if (from->sin_addr.s_addr == htonl(INADDR_LOOPBACK)) {
     if (const auto ports = UsePorts(record)) return ports->FindPeer(from->sin_port, from);
   }
@@ -189,7 +190,7 @@ bool RestoreConnectedUdpSource(const SocketRecord& record, LPWSABUF buffers, DWO
 bool HandleUdpConnect(const SocketRecord& record, const sockaddr_in* addr,
                       sockaddr_in* out_addr) noexcept {
   if (out_addr == nullptr || !NeedsRelay(record, addr)) return false;
-  // Exactly, as for a stream: what is connected to the relay gets nowhere else.
+  // An exact check, as for a stream: what is connected to the relay reaches nothing else.
   if (!GetRelayMgr().StillServes(0)) return false;
   WSATHREADID thread{GetCurrentThread(), 0};
   if (record.relay_state == kRelayRunning) {

@@ -3,7 +3,7 @@
 // A relayed datagram goes to a loopback address of the relay instead of its destination; before it
 // is sent, a copy and the destination are queued. For one from the relay, the address in the queue
 // replaces the relay's. Where each address has a port of the relay's own, nothing is queued, and
-// the port says it all. `record` is the caller's copy throughout. Any thread; nothing throws.
+// the port tells the address. `record` is the caller's copy throughout. Any thread; nothing throws.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>

@@ -30,8 +30,8 @@ bool IsValidEchoRequest(const char* buffer, u32 length) noexcept {
   return IcmpChecksum(message, length) == checksum;
 }
 
-// Kept: no care is taken of the tick counter's wrap, so around it a reply comes at once or, for
-// a request just before it, not before the counter has come round.
+// Kept: no care is taken of the tick counter's wrap, so around it a reply comes at once or, for a
+// request just before it, only once the counter has come round.
 bool IsDue(const ping_request_t& request, u32 now) noexcept {
   return now >= request.req_time + request.lag - kEarlyMs;
 }
@@ -42,8 +42,8 @@ struct Wait {
   u32 lag;
 };
 
-// Takes the oldest request off the queue if its time has come. Requests behind it wait, however
-// short their own lag is.
+// Takes the oldest request off the queue if its time has come. Requests behind it wait, even if
+// their own lag is shorter.
 Oldest TakeOldest(raw_request_t& entry, u32 now, ping_request_t** taken, Wait* wait) noexcept {
   const common::Lock hold(entry.lock);
   if (entry.requests.empty()) return Oldest::kNone;

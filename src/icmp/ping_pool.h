@@ -18,7 +18,7 @@ class PingPool {
   // A cleared record, or null when out of memory. Slots are reused in the order in which they were
   // freed.
   ping_request_t* AllocPingRequest() noexcept;
-  // Returns a record of AllocPingRequest, whatever has happened to the pool meanwhile. Null is
+  // Returns a record of AllocPingRequest, even if the pool has been freed meanwhile. Null is
   // allowed.
   void FreePingRequestCache(ping_request_t* request) noexcept;
 

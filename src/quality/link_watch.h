@@ -3,7 +3,7 @@
 //
 // What is received and the timer's steps go in, and at most one request comes out. The caller acts
 // on a request after the call that returned it, and then repeats that call until it returns kNone:
-// whatever comes after the request in time is done only then.
+// only then is the work that comes after the request done.
 //
 // A link that carries the game is judged by what the game receives, and by a burst of probes if
 // that looks bad. A link on trial gets a burst at once, and its verdict at the end of the burst.
@@ -47,7 +47,7 @@ class LinkWatch {
     judge_.Forget();
     probes_.Forget();
   }
-  // Sends no more probes and recognises no more answers. Data is still counted.
+  // Stops sending probes and recognising answers. Data is still counted.
   void Stop() noexcept { probes_.Stop(); }
 
   // The timer's step. `probing` is whether probes may be sent; the same in each repeated call.

@@ -10,7 +10,7 @@ bool IsExpected(const LostCycle& slot, u32 seq) noexcept {
   return seq > slot.min_seq && seq <= slot.max_seq;
 }
 
-// Below the highest number seen: that one itself has been counted when it came.
+// Below the highest number seen: that one was counted when it came.
 bool IsGap(const LostCycle& slot, u32 seq) noexcept {
   return seq > slot.min_seq && seq < slot.max_seq;
 }

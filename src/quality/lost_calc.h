@@ -40,7 +40,7 @@ class LostCalc {
   void AddOneSend(u32 seq) noexcept;  // no effect where arrivals make the range
   void AddOneRecv(u32 seq) noexcept;
 
-  // True when a slot closed. Each call takes one step, however late it is: the end of a slot takes
+  // True when a slot closed. Each call takes one step, even if it is late: the end of a slot takes
   // one call to open the grace period and another to close it.
   bool Update(u32 now_ms) noexcept;
 

@@ -55,7 +55,7 @@ void RealRouteRecentCycleData::AddDelay(u32 delay, bool is_high_freq) noexcept {
   if (now - cycle_start_tick_ >= real_route_cycle_size_) {
     LSP_LOG(0, "delay=%d, is high freq test_=%s", cur_delay_sum_, BoolText(cur_high_freq_));
     CloseCycle();
-    // One cycle a call however late it is: the cycles after a pause are short ones.
+    // One cycle per call, even if it is late: the cycles after a pause are short.
     cycle_start_tick_ += real_route_cycle_size_;
   } else if (now < cycle_start_tick_) {
     cycle_start_tick_ = now;  // the tick counter has begun again

@@ -1,5 +1,5 @@
 // The delays of the last probes over one section of a route: their average and how much they vary,
-// and whether there were so many bursts of probes lately that no more should be sent.
+// and whether so many bursts of probes were sent recently that no more should be.
 //
 // The unit is a cycle. All delays of a cycle make one entry, their sum. With one probe per cycle
 // that is its delay; a burst raises it, and with it the average. Kept: thresholds are set for it.

@@ -89,9 +89,8 @@ bool RealRouteSpeedTest::StepBurst(u32 now) noexcept {
   return --high_freq_test_counter_ == 0 && !by_answers_;
 }
 
-// An answer can be back within twice the delay that the link has had, and the time between two
-// steps of the timer at either end. Of a link whose delay is not known, within what counts as
-// valid.
+// An answer can be back within twice the link's delay so far, plus the time between two steps of
+// the timer at either end. If the delay is not known, the longest valid delay counts.
 bool RealRouteSpeedTest::IsBurstDecided(u32 now) noexcept {
   constexpr u32 kTimerMs = 60;
   if (!burst_.IsRunning()) return false;

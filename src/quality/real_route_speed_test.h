@@ -70,8 +70,8 @@ class RealRouteSpeedTest {
   LinkRequest ProcessTestRecv(ProbeReply* reply) noexcept;
   // Tells the judge of the answer, if it was added.
   void CountReply(const ProbeReply& reply) noexcept;
-  // Of the burst that StepSpeedTest has just ended: whether it lost too much. No value if its
-  // answers do not decide.
+  // Whether the burst that StepSpeedTest has just ended lost too much. No value if its answers do
+  // not decide.
   std::optional<bool> burst_lossy() const noexcept { return burst_lossy_; }
   // Asks for a burst: 0 it starts, 1 not now, -1 refused.
   int HighFreqTest() noexcept;

@@ -69,7 +69,7 @@ void RecoverySwitch::InitCalcs() noexcept {
   const u16 wait = thresholds::RecoveryWindow(config);
   real_route_front_.Init(kClockStart, unit, cycle, wait, kMinRealRoutePkgs, true);
   real_route_full_.Init(kClockStart, unit, cycle, wait, kMinRealRoutePkgs, true);
-  // Only the last one's word counts. All three get the same unit and cycle.
+  // Only the last result counts. All three get the same unit and cycle.
   enabled_ = data_link_.Init(kClockStart, unit, cycle, wait, kMinDataLinkPkgs, false) == 0;
 }
 
@@ -133,7 +133,7 @@ void RecoverySwitch::DataLinkAddOneRecvPkg(u32 seq) noexcept {
           "data_link", seq, static_cast<u32>(socket_), token_);
 }
 
-// Of no effect on the figures: what the node received of it, the node says itself.
+// No effect on the figures: the node itself reports what it has received.
 void RecoverySwitch::DataLinkAddOneSendPkg(u32 seq) noexcept {
   if (!enabled_) return;
   data_link_.AddOneSend(seq);
@@ -168,8 +168,8 @@ u8 RecoverySwitch::GetCurLost(const LostCalc& calc, u16 cycles, u32* need, u32* 
   const bool is_real_route = &calc != &data_link_;
   const u8 upload_lost = is_real_route ? 0 : data_link_upload_lost_;
   const u8 download_lost = calc.GetCurLost(cycles, need, real, include_current);
-  // Above 100 the node does not know its view, or told nonsense. A code in place of our own goes
-  // through as if it were a percentage, and comes out as it went in where the node's is 0.
+  // Above 100 the node does not know its loss, or sent nonsense. A code in place of our own loss is
+  // combined as if it were a percentage, and comes out unchanged where the node's is 0.
   const u8 full_lost = upload_lost > 100
                            ? download_lost
                            : static_cast<u8>(common::CombineLoss(upload_lost, download_lost));

@@ -16,8 +16,8 @@ namespace {
 
 enum class ListAnswer { kListed, kNotListed, kNoList };
 
-// A piece of the list that does not begin with a digit, or is a number beyond all ids, spoils the
-// whole list, also where the wanted number stands before it. What follows the digits does not.
+// An item that does not begin with a digit, or is too large for an id, makes the whole list
+// invalid, even if the wanted number comes before it. Text behind the digits does not.
 ListAnswer FindInList(std::string_view list, u64 wanted) noexcept {
   bool found = false;
   for (;;) {

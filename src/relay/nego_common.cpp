@@ -15,7 +15,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// As strtoull reads a text of digits, which says of a number too large that in the host's errno.
+// Reads digits as strtoull does, which would report a number that is too large in the host's errno.
 u64 UserNumber(const AccConfig& config) noexcept {
   u64 number = 0;
   const auto read = std::from_chars(config.uin, std::end(config.uin), number);

@@ -53,7 +53,7 @@ bool SelectAwakeCandidate(const SwitchProxyInfo& candidates, u32 left, u32 last_
         return p.proxy_idc != 0 && p.proxy_idc != left && !Rests(SOCK_DGRAM, p);
       });
   if (found == std::end(candidates.proxies)) return false;
-  const auto how = selected.decision;  // of a switch, whatever the route said
+  const auto how = selected.decision;  // of a switch, regardless of the route's verdict
   selected = *found;
   selected.decision = how;
   return true;

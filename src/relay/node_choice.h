@@ -1,8 +1,8 @@
 // Which of a decision's nodes is asked, for connections (SOCK_STREAM) and for datagrams
 // (SOCK_DGRAM), and how soon the next way is tried.
 //
-// Where fast falling back is asked for, a node that has failed is not asked again for a while;
-// without it no node ever rests.
+// With fast fallback, a node that has failed is not asked again for a while; without it no node
+// ever rests.
 //
 // Worker thread only. Nothing throws.
 #pragma once
@@ -12,7 +12,7 @@
 
 namespace moru_vyr::lsp {
 
-// Null unless falling back is to be fast.
+// Null without fast fallback.
 const FallbackTimes* FastFallback() noexcept;
 
 // Keeps the selected proxy, unless it rests; then the first other one that does not is selected.
@@ -27,7 +27,7 @@ bool SelectOtherProxy(i32 socket_type, AccDecisionInfo* decision) noexcept;
 bool SelectAwakeCandidate(const SwitchProxyInfo& candidates, u32 left, u32 last_node,
                           AccDecisionInfo* decision) noexcept;
 
-// What came of asking the selected proxy.
+// The outcome of asking the selected proxy.
 void NoteNodeFailed(i32 socket_type, const AccDecisionInfo& decision) noexcept;
 void NoteNodeServes(i32 socket_type, const AccDecisionInfo& decision) noexcept;
 

@@ -30,10 +30,10 @@ class IRelaySocketMgr {
   // Asks for one writable event. 0, or not 0 if it was already asked for. Does nothing for a socket
   // that was not added.
   virtual u32 EnableWrite(SOCKET socket) noexcept = 0;
-  // No more readable events for the socket, nor exceptions. For one that has said all it will say,
-  // or whose bytes there is no room for.
+  // Stops readable events and exceptions for a socket that will send nothing more, or whose bytes
+  // there is no room for.
   virtual void StopReading(SOCKET socket) noexcept = 0;
-  // Undoes that, at the end of the order in which sockets are served.
+  // Undoes that. The socket is then the last to be served.
   virtual void ResumeReading(SOCKET /*socket*/) noexcept {}
   // Whether that many more sockets would be polled. Any thread.
   virtual bool HasRoom(u32 /*sockets*/) const noexcept { return true; }

@@ -1,4 +1,4 @@
-// The nodes that lately failed, and how long each is still passed over.
+// The nodes that failed recently, and how long each is still passed over.
 //
 // Worker thread only. Nothing throws, nothing allocates.
 #pragma once
@@ -23,7 +23,7 @@ class RestingNodes {
   struct Entry {
     u32 ip = 0;  // network order, as the port is
     u16 port = 0;
-    i32 socket_type = 0;  // 0: nobody rests here
+    i32 socket_type = 0;  // 0: a free entry
     u32 since_ms = 0;     // by the tick counter, which may wrap meanwhile
     u32 rest_ms = 0;
   };

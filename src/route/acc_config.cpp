@@ -140,14 +140,14 @@ void FillUnsetSettings(AccConfigRecord* record) noexcept {
   const auto fill = [](auto& field, u32 value) noexcept {
     if (field == 0) field = static_cast<std::remove_reference_t<decltype(field)>>(value);
   };
-  // Slots so short that a dead link is noticed within a second, and a short window that still holds
-  // the answer to a probe. In the long one a single datagram that is lost of a usual game's asks
-  // for a burst of probes, whose verdict takes four of twenty.
+  // Slots short enough to notice a dead link within a second, and a short window that still holds
+  // the answer to a probe. In the long window, one lost datagram of a usual game asks for a burst
+  // of probes, which fails if four of twenty are lost.
   if ((record->lost_calc_unit_size & 0xFFFF) == 0) record->lost_calc_unit_size = 200;
   fill(record->short_cycle, 3);
   fill(record->long_cycle, 7);
   fill(record->data_link_long_cycle_lost, 3);
-  // Above any healthy link. A change is seen in the swing.
+  // Above any healthy link. A change shows in the variation.
   fill(record->max_delay_avg, 200);
   fill(record->max_high_freq_test_count, 100);  // no watch period: no window holds so many bursts
   // A trial of eight probes, of which one may be lost.

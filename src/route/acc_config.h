@@ -25,8 +25,9 @@ const AccConfig* GetAccConfig() noexcept;
 void ReplaceAccConfig(const AccConfigRecord& record) noexcept;
 void ReplaceAccConfig(const AccConfig& config) noexcept;
 
-// Sets what the client has left unset of the judge's settings, such that a link in trouble is left
-// soon and no other one is: docs/switching.md has the figures. What allows switching stays unset.
+// Fills in the judge's settings that the client has left unset, so that a bad link is left soon and
+// a good one stays in use: docs/switching.md has the figures. Settings that allow switching stay
+// unset.
 void FillUnsetSettings(AccConfigRecord* record) noexcept;
 
 // Looks for the record that lists this process's path (ProcessInfo must be filled) and installs it.

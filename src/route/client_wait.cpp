@@ -15,8 +15,8 @@ namespace {
 constexpr DWORD kHostLimitMs = 500;
 constexpr DWORD kWorkerLimitMs = 20;
 
-// A client that has kept a mutex from a thread of the host for all of its wait hangs, and all its
-// mutexes are only tried for this long.
+// A client that keeps a mutex for the whole wait of a host thread is taken to hang, and for this
+// long its mutexes are only tried.
 constexpr DWORD kHangMs = 10'000;
 constinit std::atomic<bool> client_hangs{false};
 constinit std::atomic<DWORD> seen_hanging_ms{0};
@@ -38,7 +38,7 @@ void NoteThatClientHangs() noexcept {
 ClientWait::ClientWait(const char* mutex_name) noexcept {
   if (!GetMending().BoundsClientWaits()) return;
   common::UniqueHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, mutex_name));
-  if (!mutex) return;  // nobody has made it, so nobody holds it
+  if (!mutex) return;  // it does not exist, so it is not held
   const bool is_own = common::OwnThread::NameOfCaller() != 0;
   const DWORD limit = is_own ? kWorkerLimitMs : HostLimitMs();
   const DWORD waited = WaitForSingleObject(mutex.get(), limit);

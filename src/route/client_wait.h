@@ -1,7 +1,8 @@
-// Bounds the wait for a mutex of the client program's, for a game that asks for that: a client that
-// hangs with a mutex in its hands must not keep a game from starting, nor the worker from relaying.
+// Bounds the wait for a mutex of the client program, for a game that asks for that: a client that
+// hangs while it holds a mutex must not keep a game from starting or the worker from relaying.
 //
-// Mutexes are recursive, so whoever holds one here takes it again below without a wait. Any thread.
+// Mutexes are recursive, so a thread that holds one here takes it again below without waiting. Any
+// thread.
 #pragma once
 #include "common/handle.h"
 
@@ -9,9 +10,9 @@ namespace moru_vyr::lsp {
 
 class ClientWait {
  public:
-  // Takes the mutex. A thread of the host waits at most 500 ms (for ten seconds behind a wait in
-  // vain it only tries), the worker no longer than one of its passes takes. Does nothing where
-  // nothing is asked for.
+  // Takes the mutex. A thread of the host waits at most 500 ms, and for ten seconds after a wait in
+  // vain it only tries; the worker waits no longer than one of its passes takes. Does nothing for a
+  // game that does not ask for it.
   explicit ClientWait(const char* mutex_name) noexcept;
   ~ClientWait();
   ClientWait(const ClientWait&) = delete;

@@ -1,10 +1,10 @@
 // Maps an address to the number of its data centre. Built once, then only looked up.
 //
 // Addresses are mixed by a bijection and sorted by the result; an index on the top bits of the
-// mixed value leads to a run that holds one record on average. So a lookup touches two places
-// however many records there are, and records made to collide cost no more than a binary search. (A
-// plain hash table is as fast, but a hostile table could make building it quadratic; a sorted array
-// and a tree are several times slower at full size.)
+// mixed value leads to a run that holds one record on average. So a lookup touches two places for
+// any number of records, and records made to collide cost no more than a binary search. (A plain
+// hash table is as fast, but a hostile table could make building it quadratic; a sorted array and a
+// tree are several times slower at full size.)
 #pragma once
 #include <cstddef>
 #include <utility>
@@ -32,7 +32,7 @@ class IpIdcMap {
   std::size_t size() const noexcept { return slots_.size(); }
   bool empty() const noexcept { return slots_.empty(); }
 
-  // Takes the same short time whatever the sizes.
+  // Takes the same short time for any sizes.
   void swap(IpIdcMap& other) noexcept;
 
  private:

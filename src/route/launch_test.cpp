@@ -11,8 +11,8 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// Guard: the copy has the key that was asked for and terminated texts, whatever another process
-// does to the record meanwhile.
+// Guard: the copy has the key that was asked for and terminated texts, even if another process
+// changes the record meanwhile.
 bool CopyRecord(const LaunchTestRegion& region, u32 game_idc, GltRouteInfo* out) noexcept {
   const u32 valid_count = region.valid_count;
   for (u32 i = 0; i < std::min(valid_count, kMaxGltRecords); ++i) {
@@ -69,7 +69,7 @@ bool LaunchTest::LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noex
   const ClientWait wait(kLaunchTestMutexName);
   common::Shared_mem_obj* const region = wait.may_read() ? OpenRegion() : nullptr;
   if (region == nullptr) return false;
-  // The region's mutex also keeps our own threads apart. Without one nobody waits.
+  // The region's mutex also serialises our own threads. Without one, no thread waits.
   std::optional<common::Lock> alone;
   if (!region->guarded()) alone.emplace(lock_);
   const common::Shared_mem_ptr<const LaunchTestRegion> view(region, common::kOpenForReading, true);

@@ -12,9 +12,9 @@ namespace moru_vyr::lsp {
 
 class LaunchTest {
  public:
-  // Copies the first record for that data centre to *out, with texts terminated; leaves *out alone
-  // if there is none. Any thread; waits for the region's mutex without
-  // limit, unless the game asks for one.
+  // Copies the first record for that data centre to *out, with its texts terminated; leaves *out
+  // alone if there is none. Any thread. Waits for the region's mutex without limit, unless the game
+  // asks for one.
   bool LoadGltRouteInfoFromShare(u32 game_idc, GltRouteInfo* out) noexcept;
 
   // Answers from a copy of this table from now on, never from the region: for tools that ask about

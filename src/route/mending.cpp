@@ -25,7 +25,7 @@ bool IsOurs(const MendingRegion& region) noexcept {
          region.header.minor_ver == common::kSharedMemMinorVersion;
 }
 
-// Copies before it checks: whoever writes may be writing now.
+// Copies before it checks: the client may be writing now.
 bool CopyRegion(HANDLE mapping, MendingRegion* out) noexcept {
   const void* const view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, sizeof *out);
   if (view == nullptr) return false;  // smaller than this library's, or no room for it

@@ -1,5 +1,5 @@
-// What this process mends of the behaviour that docs/oddities.md lists. The client program asks for
-// it, game by game; where it asks for nothing, every answer here is no, and nothing is different.
+// Which of the oddities in docs/oddities.md this process mends. The client program asks for them,
+// game by game; where it asks for nothing, every answer here is no, and nothing is different.
 //
 // Chosen once while the provider starts, under the start-up lock; every thread reads it without a
 // lock afterwards. Each question is asked in one place.
@@ -30,7 +30,8 @@ class Mending {
   bool LeavesFailedNode() const noexcept { return (mended_ & kMendFailedNode) != 0; }
   // A side that resets its connection, or refuses it, resets the other one too.
   bool PassesOnReset() const noexcept { return (mended_ & kMendReset) != 0; }
-  // A connect of the game waits until its server has been reached, and fails as the server's does.
+  // A connect of the game waits until its server has been reached, and fails with the server's own
+  // error.
   bool PostponesConnects() const noexcept { return (mended_ & kMendRefusal) != 0; }
   // ConnectEx answers what the next provider answered.
   bool KeepsConnectExResult() const noexcept { return (mended_ & kMendConnectEx) != 0; }
@@ -41,7 +42,7 @@ class Mending {
   bool FallsBackFast() const noexcept { return (mended_ & kMendFallback) != 0; }
   const FallbackTimes& fallback_times() const noexcept { return fallback_times_; }
 
-  // No thread of the host waits long for a mutex of the client's, and the worker hardly at all.
+  // No thread of the host waits long for one of the client's mutexes, and the worker hardly at all.
   bool BoundsClientWaits() const noexcept { return Starts(); }
   // A process that ends with a cleanup of Winsock reports the end of what it still had open.
   bool ReportsItsEnd() const noexcept { return Starts(); }
@@ -63,8 +64,8 @@ class Mending {
 
   // A datagram socket that is connected exchanges datagrams with its peer, and names it.
   bool ConnectsDatagrams() const noexcept { return (mended_ & kMendConnectedDatagram) != 0; }
-  // A receive that completes later gets its source where the library sees that, and a socket whose
-  // receives it would not see is left direct.
+  // A receive that completes later gets its source where the library sees the completion, and a
+  // socket whose completions it cannot see is left direct.
   bool NamesLateSources() const noexcept { return (mended_ & kMendOverlappedDatagram) != 0; }
   // Each address that a datagram socket talks to has a loopback port of its own, which names it. A
   // socket can be connected to such a port only, and a late receive is known by nothing else.
@@ -73,10 +74,10 @@ class Mending {
   }
 
   // Delays are averaged, a burst of probes is judged by its own answers once they can be back, and
-  // a link that is younger than its windows is not dead.
+  // a link that is younger than its windows does not count as dead.
   bool JudgesByAnswers() const noexcept { return (mended_ & kMendJudgement) != 0; }
-  // … and what the client has not set of the judge's settings is such that a link in trouble is
-  // left soon and no other one is.
+  // … and the judge's settings that the client has left unset are such that a bad link is left soon
+  // and a good one is kept.
   bool FillsUnsetSettings() const noexcept { return (mended_ & kMendJudgement) != 0; }
 
   u32 bits() const noexcept { return mended_; }
@@ -93,8 +94,8 @@ const Mending& GetMending() noexcept;
 // In place of the client's, for a process that is configured otherwise.
 void ReplaceMending(const Mending& mending) noexcept;
 
-// Before the game's place is known, how long it may wait for that is known all the same:
-// BoundsClientWaits is what any listed game asks for, until ReadMending. Without a wait.
+// For the waits before the game's place in the list is known: until ReadMending, BoundsClientWaits
+// is true if any listed game asks for that. Does not wait itself.
 void ReadWaitsOfAnyGame() noexcept;
 
 // Reads the record of the game in that place of the client's list. Waits at most half a second for

@@ -62,7 +62,7 @@ class Route {
 
   // --- decisions (route_decision.cpp) ---
 
-  // Whether this socket goes through a node, and through which: *info has all details, whatever the
+  // Whether this socket goes through a node, and through which: *info has all details, with either
   // answer. Kept: of what *info held, only glt_route_info and the selected proxy's address are
   // cleared first. switch_cache is null for TCP.
   bool MakeDecision(u32 ip, u16 port, i32 socket_type, const std::string& guid,

@@ -38,7 +38,7 @@ bool Route::Load(u32 try_times, u32 interval_ms) noexcept {
   return loaded;
 }
 
-// Kept: the IP table alone decides, so nobody waits for a missing route table.
+// Kept: the IP table alone decides, so a missing route table is not waited for.
 bool Route::LoadAll() noexcept {
   route_table_.LoadRoute();
   blacklist_.LoadBlacklistTable();

@@ -83,7 +83,7 @@ bool Route::GetSwitchProxyInfo(u32 game_idc, u32 current_proxy, u32 last_node,
       GetSwitchProxyInfoFromIntelliRoute(game_idc, current_proxy, last_node, &proxy, cache) ||
       GetSwitchProxyInfoFromRecord(current_proxy, last_node, cache, &proxy);
   if (!found) return false;
-  proxy.decision = DECISION_FORCE_ACCE_AUTO;  // whatever the route said
+  proxy.decision = DECISION_FORCE_ACCE_AUTO;  // regardless of the route's verdict
   info->selected_proxy = proxy;
   return true;
 }

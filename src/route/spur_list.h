@@ -12,8 +12,8 @@ namespace moru_vyr::lsp {
 
 class SpurList {
  public:
-  // Reads the region again. If it cannot be read, the list stays as it was.
-  // False if that is so because the mutex was not free: then it is worth another try.
+  // Reads the region again. If it cannot be read, the list stays as it was. False if that is
+  // because the mutex was not free, and a later try may succeed.
   bool LoadSpurIplistTable() noexcept;
 
   // Kept: an empty table never replaces what was loaded before, so the client program cannot

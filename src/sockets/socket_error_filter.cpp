@@ -9,7 +9,7 @@ bool SocketErrorFilter::ShouldLog(int operation, int error, u32 token) noexcept 
     if (count >= kMaxLinesPerFailure) return false;
     ++count;
   } catch (...) {
-    // One line too many costs less than a failure that nobody sees.
+    // One line too many costs less than a failure that is not seen.
   }
   return true;
 }

@@ -15,8 +15,8 @@ constexpr int kExcludedTries = 20;
 constexpr u32 kFirstPort = 1025;
 constexpr u32 kPortCount = 64506;  // 1025 to 65530
 
-// From the secure generator. The runtime's own belongs to the host and is not even seeded: no port
-// would come of it, and the game would draw other numbers than it counts on.
+// From the secure generator. The runtime's own belongs to the host: it need not be seeded, and
+// drawing from it would change the numbers that the game gets.
 u16 DrawPort() noexcept {
   unsigned int drawn = 0;
   rand_s(&drawn);
@@ -61,10 +61,10 @@ bool CreateTcpSocket(SOCKET* out, u16* port) noexcept {
     closesocket(s);
     return false;
   }
-  // Guard: both ends of a relayed connection have said to their own sockets whether small pieces
-  // may be held back; held back here, the last piece would wait for the peer to confirm the one
-  // before, which it may put off for up to 200 ms. Sockets that a listener accepts have the option
-  // from the listener. A provider below that does not know the option costs no connection.
+  // Guard: both ends of a relayed connection decide on their own sockets whether small pieces may
+  // be held back. If they were held back here, the last piece would wait up to 200 ms for the peer
+  // to acknowledge the one before. Sockets that a listener accepts have the option from the
+  // listener. A provider below that does not know the option costs no connection.
   const int on = 1;
   setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
   if (out != nullptr) *out = s;

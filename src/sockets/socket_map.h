@@ -26,7 +26,7 @@ enum RelayState : i32 {
   kRelayRefused = 2,
 };
 
-// How far the connect of a stream socket is that waits until its server has been reached.
+// How far a stream socket's connect has got that waits until its server has been reached.
 enum class ConnectStage : u8 {
   kNone,     // there is none, or the relay has accepted it
   kWaiting,  // the socket is not connected to anything yet
@@ -49,7 +49,7 @@ struct SocketRecord {
   i32 protocol = 0;
   u16 local_port = 0;          // network order; 0 = not known
   u32 token = 0;               // the socket's name in logs and in messages to the relay
-  sockaddr_in handled_addr{};  // where a redirected stream socket believes it is connected to
+  sockaddr_in handled_addr{};  // where a redirected stream socket believes it is connected
   i32 handled_addr_len = 0;
   bool handled = false;  // of a stream never cleared: a new redirect replaces the first's answer
   sockaddr_in relay_addr{};
@@ -95,7 +95,7 @@ class SocketMap {
   bool SetUdpConnectMode(SOCKET socket, bool flag, u32 token = kAnyToken) noexcept;
   // `len` bytes of `addr`, at most a sockaddr_in.
   bool SetHandledAddr(SOCKET socket, const sockaddr* addr, int len) noexcept;
-  // The socket is no longer connected to where it believed to be.
+  // The socket is no longer connected to where it believes it is.
   bool ForgetHandledAddr(SOCKET socket) noexcept;
   // Takes the first free entry. If all ten are taken, nothing happens, and that is not a failure.
   bool SaveRelayRecord(SOCKET socket, const sockaddr_in* addr, bool relay) noexcept;

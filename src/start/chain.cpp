@@ -43,7 +43,7 @@ int InitLspChain(WORD version, LPWSPDATA wsp_data, LPWSAPROTOCOL_INFOW in_info,
   }
   int error = 0;
   // Kept: only -1 is a failure. A next provider that refuses to start answers with a positive
-  // number; its table is empty then, and Winsock is told that all is well.
+  // number; its table is empty then, and Winsock is told that the start succeeded.
   if (InitializeProvider(provider, version, in_info, upcalls, &error) == -1) {
     common::LspTrace("InitLspChain: InitializeProvider failed: %d", error);
     return WSAEPROVIDERFAILEDINIT;

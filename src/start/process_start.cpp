@@ -86,7 +86,7 @@ bool PrepareProcess() noexcept {
       AdmitSpeedTester();
     }
   } catch (...) {
-    // Out of memory: this process goes without us, its chain is resolved all the same.
+    // Out of memory: this process is not served, but its chain is still resolved.
     hook_enabled = false;
   }
   return hook_enabled;

@@ -16,8 +16,8 @@ std::span<const DWORD> LowerEntries(const WSAPROTOCOL_INFOW& info) {
   return {&info.ProtocolChain.ChainEntries[1], static_cast<std::size_t>(length - 1)};
 }
 
-// Whether a socket's own handle reaches the application differs from layer to layer, so that
-// bit does not take part.
+// Whether a socket's own handle reaches the application differs from layer to layer, so that bit is
+// not compared.
 bool SameKind(const WSAPROTOCOL_INFOW& a, const WSAPROTOCOL_INFOW& b) {
   return a.iAddressFamily == b.iAddressFamily && a.iSocketType == b.iSocketType &&
          a.iProtocol == b.iProtocol &&

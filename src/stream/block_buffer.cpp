@@ -26,15 +26,15 @@ bool BlockBuffer::AddBlock() noexcept {
     active_.emplace_back(kBlockSize);
     return true;
   } catch (...) {
-    return false;  // without memory the relay reads no more, as with a full buffer
+    return false;  // out of memory: the relay stops reading, as with a full buffer
   }
 }
 
 bool BlockBuffer::Reserve(u8** ptr, u32 size) noexcept {
   if (ptr == nullptr || size == 0) return false;
-  // A block with room by the books may not have it at its end; then the next one is taken. That
-  // cannot fail for lack of blocks: only the front block is ever read from, so such a block is
-  // the only one in use.
+  // A block may count as having room and yet have none at its end; then the next one is taken. That
+  // cannot fail for lack of blocks: only the front block is ever read from, so such a block is the
+  // only one in use.
   if (active_.empty() || !active_.back().Fits(size)) AddBlock();
   if (active_.empty()) return false;
   BufferBlock& block = active_.back();

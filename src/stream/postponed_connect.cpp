@@ -82,7 +82,7 @@ void PostponedConnects::Drop(const PostponedConnect& connect) noexcept {
   std::erase_if(undecided_, [&](const auto& entry) { return entry.get() == &connect; });
 }
 
-// The stage comes first: the game may ask for it as soon as the connect is under way.
+// Sets the stage first: the game may ask for it as soon as the connect is under way.
 void PostponedConnects::Carry(const PostponedConnect& connect, bool reached) const noexcept {
   const ConnectStage stage = reached ? ConnectStage::kIssued : ConnectStage::kRefused;
   if (!GetSocketMap().SetConnectStage(connect.socket, stage, connect.token)) return;

@@ -1,8 +1,8 @@
-// Connects of the game that wait until its server has been reached, so that a server which refuses
-// is a refused connect. A thread that may wait is told the outcome and goes on by itself; the
-// connect of a non-blocking socket is carried out by the worker: to the relay's listener, or, where
-// the server could not be reached, to a port of the loopback interface where nothing listens, so
-// that the system itself reports a refusal in every way there is.
+// Connects of the game that wait until its server has been reached, so that a server that refuses
+// shows as a refused connect. A thread that may wait is told the outcome and connects by itself.
+// The worker connects non-blocking sockets: to the relay's listener or, if the server could not be
+// reached, to a loopback port where nothing listens, so that the system itself reports the refusal
+// in every way.
 //
 // Any thread, unless stated. Nothing throws.
 #pragma once
@@ -34,7 +34,7 @@ struct PostponedConnect {
   const WSPPROC_TABLE* const next;
   const common::UniqueHandle decided;     // an event; empty if the worker connects the socket
   std::atomic<int> error{kUndecided};     // 0: the server has been reached
-  std::atomic<bool> is_cancelled{false};  // the game's socket may be another's by now
+  std::atomic<bool> is_cancelled{false};  // the value may be another socket's by now
 };
 
 class PostponedConnects {
@@ -44,7 +44,7 @@ class PostponedConnects {
   // The game closes the socket, or no longer waits: from now on nothing is done with it.
   void Cancel(u32 token) noexcept;
 
-  // The worker's. Connects go to that listener until Close, which fails all that are undecided.
+  // For the worker. Connects go to that listener until Close, which fails all that are undecided.
   void Open(const sockaddr_in& listener) noexcept;
   void Close() noexcept;
   // The first call counts. 0: the server has been reached.
@@ -61,7 +61,7 @@ class PostponedConnects {
   std::vector<std::shared_ptr<PostponedConnect>> undecided_;
   sockaddr_in listener_{};
   sockaddr_in dead_end_{};
-  SOCKET dead_end_socket_ = INVALID_SOCKET;  // keeps that port from everyone else
+  SOCKET dead_end_socket_ = INVALID_SOCKET;  // reserves that port
 };
 
 }  // namespace moru_vyr::lsp

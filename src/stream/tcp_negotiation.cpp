@@ -91,10 +91,9 @@ u32 TcpNegotiation::ElapsedMs() const noexcept {
                   static_cast<u32>((common::UnixTicks() - start_time_) / common::kUnixTicksPerMs));
 }
 
-// 0 once `size` bytes are there. The answer is never waited for: one that comes in pieces must
-// have come by the time it is looked at. What an earlier call left as the last error is no word of
-// this one's, and not every system clears it on success: a node that closed would be taken for one
-// that has said nothing so far, and no other would be tried.
+// 0 once `size` bytes are there. Never waits: an answer that comes in pieces must be complete by
+// now. Clears the last error first, since not every system does so on success: after an old one, a
+// node that closed would be taken for one that has not answered yet, and no other would be tried.
 int TcpNegotiation::Receive(u8* to, int size, int* received) noexcept {
   *received = 0;
   while (*received < size) {

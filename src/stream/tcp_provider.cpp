@@ -15,7 +15,7 @@ namespace {
 
 constexpr u32 kListenerBufferSize = 65536;
 
-// The two ends; where falling back is fast, up to two other ways beside the latest.
+// The two ends; with fast fallback, up to two other ways beside the latest.
 u32 SocketsOfSession() noexcept { return FastFallback() != nullptr ? 4 : 2; }
 
 bool ForgetsFailed() noexcept { return GetMending().ForgetsFailedConnects(); }
@@ -103,7 +103,7 @@ bool TcpProvider::RequestTcpRelaySession(SOCKET socket, u16 port, const sockaddr
 }
 
 bool TcpProvider::HasRoomForSession() noexcept {
-  // More than there ever is: then nobody counts, and the lock is left alone.
+  // More room than there ever is: if that is granted, places are not counted and no lock is needed.
   if (socket_mgr_ == nullptr || socket_mgr_->HasRoom(FD_SETSIZE)) return true;
   common::Lock hold(pending_lock_);
   return socket_mgr_->HasRoom(SocketsOfSession() *
@@ -118,8 +118,8 @@ void TcpProvider::ForgetRequest(u16 port, u32 token) noexcept {
   }
 }
 
-// The port is that of a new socket now, so the one before it has failed or closed and nobody will
-// come from it any more. A second connect of the same socket fails, and its first one may not.
+// The port belongs to a new socket now, so the one before it has failed or closed and will not
+// connect from it any more. A second connect of the same socket fails, but the first one may not.
 void TcpProvider::ForgetOther(u16 port, u32 token) noexcept {
   const auto found = pending_sessions_.find(port);
   if (found != pending_sessions_.end() && found->second->token() != token && ForgetsFailed()) {
@@ -153,7 +153,7 @@ void TcpProvider::OnReadable(SOCKET listen_socket) noexcept {
     return;
   }
   const u16 peer_port = addr.sin_port;
-  // To the end: a connect that is being registered must not pass unseen.
+  // Held to the end, so that a connect that is being registered is not missed.
   common::Lock hold(pending_lock_);
   if (MeetPostponed(peer_port, accepted)) return;
   TcpSession* const session = Adopt(peer_port);
@@ -179,8 +179,8 @@ void TcpProvider::OnReadable(SOCKET listen_socket) noexcept {
   ConnectToRemoteServer(session);
 }
 
-// Takes the session that waits for that port over into sessions_. Null if there is none, or no
-// memory for it.
+// Moves the session that waits for that port into sessions_. Null if there is none, or no memory
+// for it.
 TcpSession* TcpProvider::Adopt(u16 peer_port) noexcept {
   const auto found = pending_sessions_.find(peer_port);
   if (found == pending_sessions_.end()) return nullptr;
@@ -237,7 +237,7 @@ bool TcpProvider::OwesServers() const noexcept {
 }
 
 void TcpProvider::OnUpdate(u32 elapsed_ms) noexcept {
-  if (PostponesConnects()) StartPostponed();  // where there is no socket to wake the worker with
+  if (PostponesConnects()) StartPostponed();  // in case there is no socket to wake the worker with
   for (const auto& session : sessions_) {
     session->OnUpdate(elapsed_ms);
     if (session->IsObsolete()) obsolete_sessions_.push_back(session.get());

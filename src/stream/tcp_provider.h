@@ -37,7 +37,7 @@ class TcpProvider final : public NetProvider {
   // Whether the sets have places for both sockets of one more session. Ask before the game's socket
   // is bound for the relay. May wait as RequestTcpRelaySession does.
   bool HasRoomForSession() noexcept;
-  // The connect for which a request was made from that port has failed: nobody will come.
+  // The connect that was requested from that port has failed: no connection will come from it.
   void ForgetRequest(u16 port, u32 token) noexcept;
 
   // Any thread.
@@ -53,13 +53,13 @@ class TcpProvider final : public NetProvider {
   // Ends the session and closes its sockets.
   void CloseObsoleteSession(TcpSession* session) noexcept;
 
-  // Whether bytes of the game's wait in any session.
+  // Whether bytes from the game wait in any session.
   bool OwesServers() const noexcept;
-  // From now on no connection of the game's is taken.
+  // From now on no connection from the game is accepted.
   void StopAccepting() noexcept { socket_mgr_->RemoveSocket(local_socket_); }
 
   void Uninit() noexcept;
-  void OnReadable(SOCKET listen_socket) noexcept override;  // a connection of the game's is there
+  void OnReadable(SOCKET listen_socket) noexcept override;  // a connection from the game is there
   void OnUpdate(u32 elapsed_ms) noexcept;
 
  private:

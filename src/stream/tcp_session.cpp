@@ -15,7 +15,7 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr u32 kHalfCloseLimitMs = 300'000;
-constexpr u32 kFarewellMs = 200;  // in which the system sends the last bytes on their way
+constexpr u32 kLastBytesMs = 200;  // for the system to send the last bytes
 
 }  // namespace
 
@@ -51,7 +51,7 @@ void TcpSession::DecideRemoteAddr() noexcept {
                                                 &decision_, nullptr, remote_.socket, token_) &&
         SelectAwakeProxy(SOCK_STREAM, &decision_);
   } catch (...) {
-    use_acc_ = false;  // no memory for a question: the game server can still be reached
+    use_acc_ = false;  // out of memory: the game server can still be reached directly
   }
   GetTracker().SetAcceInfo(remote_.socket, use_acc_, &decision_);
   if (use_acc_) {
@@ -68,7 +68,7 @@ bool TcpSession::Connect() noexcept {
   target.sin_family = AF_INET;
   target.sin_port = remote_port_;
   target.sin_addr.s_addr = remote_ip_;
-  // Also where the target is a node: what is reported is whom the game talks to.
+  // The game server even if the target is a node: reports name the peer of the game.
   GetTracker().NoteGameServer(remote_.socket, common::IpToString(game_ip_).c_str(), game_port_);
   const int result =
       connect(remote_.socket, reinterpret_cast<const sockaddr*>(&target), sizeof target);
@@ -91,8 +91,8 @@ bool TcpSession::GiveUp() noexcept {
   return !is_reset_ && !IsPostponed();
 }
 
-// A way that was put forward goes back, unless it has won or failed: then another has come into its
-// place. One that ends without ending the session is closed.
+// A way that was put forward goes back to its place, unless it has won or failed and another has
+// taken that place. A way that ends without ending the session is closed.
 void TcpSession::Conclude(bool keep) noexcept {
   TcpTry* const place = std::exchange(put_forward_, nullptr);
   if (place != nullptr && place->socket != INVALID_SOCKET) {
@@ -103,8 +103,8 @@ void TcpSession::Conclude(bool keep) noexcept {
   }
 }
 
-// A game that has closed its socket looks as if it had ended its sending only. Where its server
-// does not end either, the connection is given this long without a byte.
+// A game that has closed its socket looks like one that has only ended its sending. If its server
+// does not end the connection either, that lives this long without a byte.
 void TcpSession::LimitHalfClose(u32 elapsed_ms) noexcept {
   if (!local_.at_end && !remote_.at_end) return;
   half_closed_ms_ += elapsed_ms;
@@ -123,7 +123,7 @@ void TcpSession::OnUpdate(u32 elapsed_ms) noexcept {
     connect_elapsed_ += elapsed_ms;
     return;
   }
-  // Kept: nobody is told if this fails. The session ends with the far side's next event, or with
+  // Kept: a failure here is not reported. The session ends with the far side's next event, or with
   // the game's close.
   if (!OnAnswerOverdue() && !GiveUp()) {
     local_.sock_deleteing = remote_.sock_deleteing = true;
@@ -139,8 +139,8 @@ bool TcpSession::OwesServer() const noexcept {
 }
 
 bool TcpSession::IsObsolete() noexcept {
-  // Guard: a socket whose connect has failed carries nothing. What the closed game has sent cannot
-  // leave, and the session would wait for that for ever.
+  // Guard: a socket whose connect has failed carries nothing. What the game had sent before it
+  // closed cannot leave, and the session would wait for that forever.
   const bool remote_dead =
       remote_.sock_deleteing || remote_.socket == INVALID_SOCKET || IsGivenUp();
   const bool local_dead =
@@ -155,7 +155,7 @@ bool TcpSession::IsObsolete() noexcept {
     obsolete_tick_ = now;
     return false;
   }
-  if (now - obsolete_tick_ < kFarewellMs) return false;
+  if (now - obsolete_tick_ < kLastBytesMs) return false;
   LSP_LOG(4, "TcpSession::IsObsolete, found obsolete session, token=%u", token_);
   return true;
 }

@@ -7,15 +7,15 @@
 // that cannot be sent, one that would block, and a node that closes while the last error says
 // "would block".
 //
-// Where falling back is fast, a way that has not answered in time goes on beside the next one. The
-// members hold the latest way, `tries_` the others, until one carries and the rest are closed.
+// With fast fallback, a way that has not answered in time goes on beside the next one. The members
+// hold the latest way, `tries_` the others, until one carries and the rest are closed.
 //
 // Where the game's connect is postponed, the session starts before the game is connected, and lets
 // it connect once the far side is ready; if that cannot be reached, the connect fails.
 //
 // Created on the application's thread, used by the worker alone after its accept. The provider owns
 // it, and closes its sockets when it ends. Addresses and ports are in network order. Nothing
-// throws. What handles an event returns whether the session goes on.
+// throws. Event handlers return whether the session goes on.
 #pragma once
 #include <winsock2.h>
 
@@ -60,8 +60,8 @@ struct TcpSide : IRelaySocketDelegate {
   BlockBuffer owed;             // filled by reading the other side, drained by writing to this one
 };
 
-// A way to the far side that is under way beside the latest one. Only where falling back is fast.
-// The remote side is the delegate of its socket, since the two may change places.
+// A way to the far side that is under way beside the latest one. Only with fast fallback. The
+// remote side is the delegate of its socket, since the two may change places.
 struct TcpTry {
   SOCKET socket = INVALID_SOCKET;  // INVALID_SOCKET: there is none here
   TcpState state = TcpState::Created;
@@ -93,9 +93,9 @@ class TcpSession {
   bool IsPostponed() const noexcept { return postponed_ != nullptr; }
   bool ExpectsGame() const noexcept;      // the game was told to connect, and may still come
   bool IsGivenUpByGame() const noexcept;  // the game closed its socket, or no longer waits
-  // The game has come, with that socket.
+  // The game has connected, and that is the accepted socket.
   void MeetGame(SOCKET local) noexcept;
-  // What the connect of one of the session's sockets failed with.
+  // The error with which the connect of one of the session's sockets failed.
   void NoteConnectError(SOCKET socket, int error) noexcept;
 
   // Asks the route policy where the remote socket should connect.
@@ -104,11 +104,11 @@ class TcpSession {
   bool Connect() noexcept;
   // After a connect that failed at once. Whether there is another way, which is under way then.
   bool TakeAnotherWay() noexcept;
-  // All ways have failed. Whether the session goes on all the same.
+  // All ways have failed. True if the session goes on anyway.
   bool GiveUp() noexcept;
 
   void OnUpdate(u32 elapsed_ms) noexcept;
-  // Whether bytes of the game's wait for room in the far side's socket.
+  // Whether bytes from the game wait for room in the far side's socket.
   bool OwesServer() const noexcept;
   // Whether both sides have ended, and long enough ago for the last bytes to have been sent.
   bool IsObsolete() noexcept;
@@ -141,7 +141,7 @@ class TcpSession {
     void OnClose(SOCKET of) noexcept override;
   };
 
-  // The end of an event. Unless the session goes on, it is gone afterwards.
+  // Ends an event. Destroys the session unless it is kept.
   void Conclude(bool keep) noexcept;
   // No connect is under way and none will follow, so what the game sends can never leave.
   bool IsGivenUp() const noexcept;
@@ -202,7 +202,7 @@ class TcpSession {
   const u32 token_;
   const SessionGuid guid_;
   bool use_acc_ = true;        // the remote side is a node
-  bool direct_tried_ = false;  // the game server has been asked itself
+  bool direct_tried_ = false;  // the game server itself has been tried
   bool is_reset_ = false;
   std::shared_ptr<PostponedConnect> postponed_;  // until the game has come
   int connect_error_ = 0;                        // the game server's, else a node's

@@ -10,12 +10,12 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// From the worker's word to the accept; both are on the loopback interface.
+// From the worker's go-ahead to the accept, all on the loopback interface.
 constexpr u32 kExpectedLimitMs = 10'000;
 
 }  // namespace
 
-// Whatever ended the session: the game's connect fails if it still waits.
+// However the session has ended, the game's connect fails if it still waits.
 TcpSession::~TcpSession() {
   if (postponed_ == nullptr) return;
   provider_->postponed_connects().Decide(postponed_.get(),
@@ -30,7 +30,7 @@ bool TcpSession::IsGivenUpByGame() const noexcept {
   return postponed_ != nullptr && postponed_->is_cancelled;
 }
 
-// The far side is ready. What it sends waits in its socket until there is someone to have it.
+// The far side is ready. What it sends waits in its socket until the game has connected.
 void TcpSession::LetGameConnect() noexcept {
   provider_->SessionMgr()->StopReading(remote_.socket);
   provider_->postponed_connects().Decide(postponed_.get(), 0);

@@ -1,5 +1,5 @@
-// Ways to the far side that are under way at the same time, where falling back is fast: one that
-// has not answered in time goes on beside the next, and the first answer wins.
+// Ways to the far side that are under way at the same time, with fast fallback: one that has not
+// answered in time goes on beside the next, and the first answer wins.
 //
 // A node that wins late counts as one that serves. One that has not answered when another way wins
 // is reported as timed out, unless it still had time.

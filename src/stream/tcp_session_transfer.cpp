@@ -1,9 +1,8 @@
 // How a session moves bytes: each read goes straight into a buffer, each write straight out of it.
 //
-// A side that ends while bytes are still owed to the other leaves the session alive until they
-// are delivered. What was meant for the ended side is dropped: nobody is left to take it. Both
-// directions are the same code; they differ in what the log says, and in the Tracker's count of
-// what the remote socket carries.
+// A side that ends while bytes are still owed to the other leaves the session alive until they are
+// delivered. What was meant for the ended side is dropped. Both directions are the same code; they
+// differ in what the log says, and in the Tracker's count of what the remote socket carries.
 #include "common/log.h"
 #include "route/mending.h"
 #include "stream/tcp_provider.h"
@@ -15,8 +14,8 @@ namespace {
 
 constexpr int kReadSize = 8192;
 
-// What the Tracker is told with each call's result is the last error as it stands then. Not every
-// system clears it on success, and what an earlier call left would have the bytes uncounted.
+// The Tracker is told the last error together with each call's result. Not every system clears it
+// on success, and with an old one the bytes would not be counted.
 void ForgetLastError() noexcept { WSASetLastError(0); }
 
 bool PassesOnReset() noexcept { return GetMending().PassesOnReset(); }
@@ -27,9 +26,9 @@ bool IsLoss(int error) noexcept {
          error == WSAEHOSTUNREACH;
 }
 
-// Some systems hand a connection's error to the select that reports it, and call what follows an
-// orderly end. The socket may still have the error; and it has no peer any more, which an end
-// leaves to a side that is not at its own. 0: it is an end.
+// Some systems hand a connection's error to the select that reports it, and then show an orderly
+// end. But the socket may still hold the error; and it has lost its peer, which an orderly end
+// leaves to a side that has not ended itself. 0: it is an orderly end.
 int ErrorBehindEnd(const TcpSide& side) noexcept {
   if (!PassesOnReset()) return 0;
   int error = 0;
@@ -127,7 +126,7 @@ bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
       if (!to->owed.Consume(static_cast<u32>(n))) return false;
       continue;
     }
-    // Guard: a send that takes nothing without an error would keep the worker here for ever.
+    // Guard: a send that takes nothing without an error would keep the worker here forever.
     if (n == 0 || error == WSAEWOULDBLOCK) {
       provider_->SessionMgr()->EnableWrite(to->socket);
       break;
@@ -156,10 +155,10 @@ bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
 }
 
 // A full buffer holds the sender back: its bytes stay in the system until there is room. Guard:
-// where there never will be, that would go on for ever, since the sender's close stands behind the
-// bytes that are not read, and select would return at once all that time. A remote side that has
-// missed bytes takes no more, so what waits for it is dropped, and the game may still get what it
-// is owed. A session that was given up has nobody on either side, and ends.
+// where there never will be, the sender would be held back forever, since its close comes behind
+// the bytes that are not read, and select would return at once all that time. A remote side that
+// has missed bytes takes no more, so what waits for it is dropped, and the game may still get what
+// it is owed. A session that was given up serves no one, and ends.
 bool TcpSession::WaitForRoom(TcpSide* from, TcpSide* to) noexcept {
   if (to->is_remote && to->missed_bytes) {
     to->owed.Clear();
@@ -169,7 +168,7 @@ bool TcpSession::WaitForRoom(TcpSide* from, TcpSide* to) noexcept {
   return !IsGivenUp();
 }
 
-// Where nothing is owed there was no memory, and no write will make room: the next pass asks again.
+// If nothing is owed, memory has run out and no write will make room: the next pass tries again.
 void TcpSession::HoldBack(TcpSide* from, const TcpSide& to) noexcept {
   if (to.owed.IsEmpty()) return;
   from->held_back = true;
@@ -197,7 +196,7 @@ bool TcpSession::EndSide(TcpSide* ended, const TcpSide& other) noexcept {
 // Its socket stays, to receive.
 void TcpSession::StopSending(TcpSide* side) noexcept {
   side->at_end = true;
-  // Its end would be readable for ever.
+  // Its end would be readable forever.
   provider_->SessionMgr()->StopReading(side->socket);
   LSP_LOG(4, "[TCP]TcpSession::StopSending, side=%s, socket=%Id, token=%u",
           side->is_remote ? "remote" : "local", side->socket, token_);

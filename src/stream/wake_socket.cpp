@@ -37,7 +37,7 @@ void WakeSocket::Wake() noexcept {
          sizeof address_);
 }
 
-// Other programs may send here too; what they send says nothing.
+// Other programs may send here too; what they send is ignored.
 void WakeSocket::OnReadable(SOCKET socket) noexcept {
   char dropped = 0;
   recv(socket, &dropped, sizeof dropped, 0);

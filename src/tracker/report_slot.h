@@ -42,7 +42,7 @@ class ReportSlot {
   bool is_free() const noexcept { return region_ != nullptr && index_ < kSlots; }
   int index() const noexcept { return static_cast<int>(index_); }
 
-  // Whether there is a free slot. If not, logs whichever of the two lines gives the reason.
+  // Whether there is a free slot. If not, logs the line that gives the reason.
   bool IsFreeOr(const char* no_region, const char* no_free_slot) const noexcept {
     if (!is_free()) LSP_LOG(4, "%s", has_region() ? no_free_slot : no_region);
     return is_free();

@@ -16,7 +16,7 @@ unsigned long Long(u32 value) noexcept { return value; }
 }  // namespace
 
 void ReportAcceDecisionInfo(const AccDecisionInfo& decision) noexcept {
-  // The network probe decides often and nobody wants its reports.
+  // The network probe decides often, and its reports are not wanted.
   if (GetAccConfig()->game_id == kNetProbeGameId) return;
   DecisionSlot slot;
   constexpr int kSlots = DecisionSlot::kSlots;

@@ -14,7 +14,7 @@ namespace {
 
 int Int(u32 value) noexcept { return static_cast<int>(value); }
 
-// A direct socket has no proxy, whatever the decision names.
+// A direct socket has no proxy, even if the decision names one.
 void CopyProxyFigures(const AccDecisionInfo& decision, SocketQosRecord* record) noexcept {
   if (!record->is_acce) return;
   const RouteProxyInfo& proxy = decision.selected_proxy;
@@ -89,7 +89,7 @@ void CountCall(const Traffic& traffic, u32 bytes, int error) noexcept {
 
 u32 FirstOf(u32 preferred, u32 other) noexcept { return preferred != 0 ? preferred : other; }
 
-// `now` goes on where `was` stands. The probes' figures are of one node alone.
+// `now` continues from `was`. The probes' figures are of one node alone.
 void AddFlow(const SocketQosRecord& was, SocketQosRecord* now) noexcept {
   now->total_recv_bytes += was.total_recv_bytes;
   now->total_sent_bytes += was.total_sent_bytes;
@@ -211,7 +211,7 @@ void Tracker::SetAcceInfo(SOCKET socket, bool is_acce, const AccDecisionInfo* de
   record->direct_lost = decision->direct_lost;
   CopyProxyFigures(*decision, record);
   record->guid = common::FieldText(decision->guid);
-  // To accelerate may still fail: that decision is reported once the node has agreed.
+  // Acceleration may still fail, so that decision is reported once the node has agreed.
   if (is_acce) return;
   common::Lock hold(lists_lock_);
   pending_.decision_list.push_back(*decision);

@@ -63,7 +63,7 @@ class Tracker {
   // Called once the socket is closed: leaves its last report, if it was accelerated.
   void RemoveFromWatchList(SOCKET socket) noexcept;
   // A flow has moved from one watched socket to another, and through it to the decision's node: its
-  // reports go on there, with all that it has carried. `from` is watched no more.
+  // reports go on there, and include all that it has carried. `from` is no longer watched.
   void MoveFlow(SOCKET from, SOCKET to, const AccDecisionInfo* decision) noexcept;
   // Null if the socket is not watched.
   SocketQosRecord* Find(SOCKET socket) noexcept;
@@ -78,8 +78,8 @@ class Tracker {
   void RecordNegFailed(SOCKET socket, i32 neg_type, u32 nego_result,
                        const AccDecisionInfo* decision, u32 elapsed_ms, u32 tries) noexcept;
 
-  // One system call on the socket: what it moved, and its error. Error 0 counts as traffic,
-  // whatever the bytes; an error that means "later" counts for nothing.
+  // One system call on the socket: what it moved, and its error. Error 0 counts as traffic, even
+  // without bytes; an error that means "later" counts for nothing.
   void RecordSend(SOCKET socket, u32 bytes, int error) noexcept;
   void RecordRecv(SOCKET socket, u32 bytes, int error) noexcept;
 
@@ -94,7 +94,7 @@ class Tracker {
  private:
   void MakeClosingUpdate(SocketQosRecord* record);
 
-  // The sync thread's.
+  // For the sync thread.
   static DWORD WINAPI SyncThread(LPVOID self) noexcept;
   void ReportStart() noexcept;
   void SyncLoop() noexcept;

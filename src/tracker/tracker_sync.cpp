@@ -67,11 +67,11 @@ void Tracker::UnInit() noexcept {
   LSP_LOG(0, "[Tracker] UnInit.");
   SnapshotCommInfo(true);
   quit_.store(true, std::memory_order_relaxed);
-  // The thread leaves its waits at once, so that whoever stops the worker does not wait long.
+  // The thread leaves its waits at once, so that stopping the worker does not take long.
   if (qos_ready_event_) SetEvent(qos_ready_event_.get());
   if (sync_ready_event_) SetEvent(sync_ready_event_.get());
   if (thread_) {
-    // A client that keeps a mutex may delay the worker for this long and no longer.
+    // A client that keeps a mutex may delay the worker no longer than this.
     if (WaitForSingleObject(thread_.get(), kUnInitWaitMs) == WAIT_TIMEOUT) {
       common::EndByForce(thread_.get(), sync_name_.load(std::memory_order_relaxed));
     }
@@ -127,7 +127,7 @@ DWORD WINAPI Tracker::SyncThread(LPVOID self) noexcept {
 
 bool Tracker::WorkerIsGone() const noexcept { return common::HasEnded(worker_name_); }
 
-// Nobody else does what UnInit does after this thread's end.
+// After this thread's end nothing else does the work of UnInit.
 void Tracker::LeaveAlone() noexcept {
   common::Lock hold(init_lock_);
   thread_.Reset();
@@ -149,9 +149,9 @@ void Tracker::ReportStart() noexcept {
   ReportLspLoadedInfo(loaded);
 }
 
-// Ends when it is told to, and when there is no worker any more that could tell it.
-// Kept: once the tick counter has wrapped, the thread pauses until the counter has climbed back.
-// The end reports what has gathered until then.
+// Ends when it is told to, or when the worker that could tell it is gone. Kept: once the tick
+// counter has wrapped, the thread pauses until the counter has climbed back. At its end it reports
+// what has gathered.
 void Tracker::SyncLoop() noexcept {
   while (!quit_.load(std::memory_order_relaxed) && !WorkerIsGone()) {
     const u32 now = GetTickCount();

@@ -5,7 +5,7 @@
 // here first, and the result stays valid for as long as the thread holds it. It must also pass the
 // token, because a later session's queue may have the same address.
 //
-// Any thread. The lock is held for a look-up, a leaf.
+// Any thread. The lock is a leaf, held for one look-up.
 #pragma once
 #include <map>
 #include <memory>
@@ -17,8 +17,8 @@
 
 namespace moru_vyr::lsp {
 
-// How the true addresses of one session's datagrams pass the loopback hop: by the ports, or where
-// those are not used by the queues of the two directions.
+// How the datagrams of one session keep their true addresses over the loopback hop: by the ports
+// or, where those are not used, by a queue for each direction.
 struct UdpQueues {
   UdpPackageQueue send_queue;  // from the game: the hooks write, the worker reads
   UdpPackageQueue recv_queue;  // to the game: the worker writes, the hooks read

@@ -50,9 +50,9 @@ class NodeLink {
   // own. The caller closes the former socket.
   void Adopt(NodeLink* other) noexcept;
 
-  // Names the same socket and node as the other link. What waits for room stays with that one.
+  // Refers to the same socket and node as the other link. What waits for room stays with the other.
   void CopyFrom(const NodeLink& other) noexcept;
-  // Names none.
+  // Refers to no socket and no node.
   void Clear() noexcept;
 
   AcclLinkInfo& info() noexcept { return info_; }
@@ -66,7 +66,7 @@ class NodeLink {
   // in. Otherwise the reason for the failure. See CheckNegotiation for `decision`.
   std::optional<u32> TakeAnswer(const UdpPackage& package, AccDecisionInfo* decision,
                                 NegoResponse* response) noexcept;
-  // The timer's step: whether the time for an answer had run out before it.
+  // One step of the timer. True if the time for an answer had run out before it.
   bool IsAnswerOverdue(u32 elapsed_ms, u32 limit_ms) noexcept;
   // Tells the Tracker why there is no link, after so many attempts.
   void RecordNegFailed(u32 reason, const AccDecisionInfo& decision, u32 attempts) const noexcept;
@@ -85,8 +85,8 @@ class NodeLink {
   }
   // Tells the node that the flow is leaving it.
   void SendEnd() noexcept;
-  // The same to a node that accepts too late, by the answer that it sent. False if the datagram is
-  // no answer.
+  // Tells the same to a node that has accepted too late, with the numbers of its answer. False if
+  // the datagram is not an answer.
   bool EndLateAnswer(SOCKET through, const UdpPackage& package) noexcept;
 
   bool HasBlocked() const noexcept { return !blocked_.empty(); }

@@ -25,7 +25,7 @@ void PackageBlockPool::Put(void* block) noexcept {
   free_blocks_.push_back(static_cast<u8*>(block));
 }
 
-// Doubles, up to a step that a burst of a game's datagrams may cost in memory at once.
+// Doubles, up to the most memory that one burst of datagrams may take at once.
 void PackageBlockPool::Grow() noexcept {
   const size_t total = all_blocks_.size();
   size_t growth = total * 2 > kLargestGrowth ? kLargestGrowth : total;

@@ -1,10 +1,10 @@
 // Which loopback port of the relay stands for which address on the network, for one session.
 //
 // What the game sends to a port is for its address, and what it gets from a port is from that
-// address: the socket itself says so, whatever the datagram holds, however often it is read, and
-// whoever else is lost on the way. An address keeps its port for as long as the session lives.
+// address. The port alone decides: neither the content of a datagram, nor how often it is read, nor
+// the loss of others matters. An address keeps its port for as long as the session lives.
 //
-// Any thread; the lock is held for a search, a leaf. Nothing allocates, nothing throws.
+// Any thread; the lock is a leaf, held for one search. Nothing allocates, nothing throws.
 #pragma once
 #include <winsock2.h>
 
@@ -18,7 +18,7 @@ namespace moru_vyr::lsp {
 class PeerPorts {
  public:
   static constexpr u32 kPlaces = 32;
-  // Of them for those that the game has not sent to. Anyone may send to the relay.
+  // How many of them are for addresses that the game has not sent to. Anyone may send to the relay.
   static constexpr u32 kStrangers = 16;
 
   // A session has none until its first address is added.
@@ -31,7 +31,7 @@ class PeerPorts {
   // False, with *peer unchanged, if that is none of the ports.
   bool FindPeer(u16 port, sockaddr_in* peer) const noexcept;
 
-  // False if the address is known already, with whatever port, or if there is no place for it.
+  // False if the address is known already, with any port, or if there is no place for it.
   bool Add(const sockaddr_in& peer, u16 port) noexcept;
 
  private:

@@ -55,8 +55,8 @@ void PeerSockets::SendToGame(const UdpPackage& package) noexcept {
   }
 }
 
-// Nobody but the game has a reason to send here. A datagram that is too long ends the reading with
-// an error; the socket's next readiness goes on.
+// Only the game has a reason to send here. A datagram that is too long ends this read with an
+// error; reading goes on when the socket is next readable.
 void PeerSockets::OnReadable(SOCKET socket) noexcept {
   const Place* const first = places_.data();
   const Place* const end = first + count_;
@@ -68,7 +68,7 @@ void PeerSockets::OnReadable(SOCKET socket) noexcept {
   while (buffer.Receive(socket, &package) == 0) {
     if (!SameAddress(package.addr, game_)) continue;
     package.addr = place->peer;
-    session_->TakeFromGame(package);
+    session_->RouteFromGame(package);
   }
 }
 
@@ -80,9 +80,9 @@ const PeerSockets::Place* PeerSockets::Find(const sockaddr_in& peer) const noexc
   return found != end ? found : nullptr;
 }
 
-// Null where there is no place, in the session or among the sockets that the relay can poll, and
-// for an address that the game reaches directly: that stays so. Asked before a socket is made:
-// whoever sends to the relay could have it make one for each datagram.
+// Null if there is no place in the session or among the sockets that the relay can poll, and for an
+// address that the game reaches directly, which stays so. Checked before a socket is created:
+// otherwise any sender could make the relay create one for each datagram.
 const PeerSockets::Place* PeerSockets::Make(const sockaddr_in& peer) noexcept {
   UdpProvider* const provider = session_->provider();
   u16 port = 0;
@@ -98,8 +98,8 @@ const PeerSockets::Place* PeerSockets::Make(const sockaddr_in& peer) noexcept {
             session_->token());
     return nullptr;
   }
-  // The game's own sizes, as for the socket that faces the network. What goes to the game waits in
-  // the game's socket, and what comes from it here.
+  // The game's own sizes, as for the socket that faces the network. Datagrams to the game wait in
+  // the game's socket, and those from it here.
   AdjustSocketBuff(s, session_->sock_send_buf_size(), session_->sock_recv_buf_size());
   provider->SessionMgr()->AddSocket(s, this);
   LSP_LOG(5, "[UDP] PeerSockets::Make, peer=%s:%u, port=%u, token=%u",

@@ -24,9 +24,9 @@ class PeerSockets final : public IRelaySocketDelegate {
 
   // A port for an address that the game wants to send to; true if it has one afterwards.
   bool Open(const sockaddr_in& peer) noexcept;
-  // A datagram from the network, out of the port of its source, package.addr. One from a source for
-  // which there is no port left is dropped, and so is one that the loopback interface has no room
-  // for: the network may do the same.
+  // Sends a datagram from the network to the game, from the port of its source, package.addr. Drops
+  // it if there is no port left for the source or no room in the loopback interface, as the network
+  // may.
   void SendToGame(const UdpPackage& package) noexcept;
 
   void OnReadable(SOCKET socket) noexcept override;

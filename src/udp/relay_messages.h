@@ -35,7 +35,7 @@ struct ProtoRelayOpen {
   u32 magic = kProtoRelayMagic;
   u8 type = kProtoRelayTypeOpen;
   u32 token = 0;
-  u32 tick = 0;                           // when it was built; nobody reads it
+  u32 tick = 0;                           // when it was built; never read
   sockaddr_in addr = {};                  // request: first destination; answer: the relay's address
   std::uintptr_t event_or_result = 0;     // request: the event to signal; answer: ProtoRelayResult
   std::uintptr_t send_size_or_queue = 0;  // request: SO_SNDBUF; answer: UdpPackageQueue*
@@ -67,7 +67,7 @@ struct ProtoRelayClose {
   u32 magic = kProtoRelayMagic;
   u8 type = kProtoRelayTypeClose;
   u32 token = 0;
-  u32 tick = 0;  // when it was built; nobody reads it
+  u32 tick = 0;  // when it was built; never read
 
   static ProtoRelayClose Request(u32 token) noexcept;
 };

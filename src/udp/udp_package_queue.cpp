@@ -8,7 +8,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-// As many bytes as all buffers hold. Guard: false where one of them is not there.
+// Adds up the lengths of all buffers. Guard: false where one of them has no memory.
 bool TotalLength(const WSABUF* buffers, u32 count, u64* total) noexcept {
   *total = 0;
   for (u32 i = 0; i < count; ++i) {
@@ -122,7 +122,7 @@ bool UdpPackageQueue::TakeOut(Packages::iterator found, sockaddr_in* out_addr) n
   return true;
 }
 
-// The cheapest check first: mostly one datagram is in flight, and nothing has to be compared.
+// The cheapest check first: usually one datagram is in flight, and nothing has to be compared.
 UdpPackageQueue::Packages::iterator UdpPackageQueue::Match(const WSABUF* buffers, u32 count,
                                                            u32 valid_len) noexcept {
   if (packages_.size() == 1) return packages_.begin();

@@ -1,7 +1,7 @@
 // Datagrams in flight over the loopback hop, each a copy with its true address: the receiver of the
 // bytes finds the entry by comparing them, and gets the address that the hop has lost.
 //
-// Any thread; every operation holds the queue's own lock for its length, a leaf. Nothing throws.
+// Any thread; every operation holds the queue's own lock, a leaf, throughout. Nothing throws.
 // Buffers come from a game, so nothing is assumed about them except that non-null ones are
 // readable. Entries that are not taken stay: there is no age limit and no size limit.
 //
@@ -31,8 +31,8 @@ class UdpPackageQueue {
   bool Push(const void* data, u32 len, const sockaddr_in* addr) noexcept;
 
   // Takes out the entry of the `valid_len` bytes in `buffers`, and stores its address. Kept: a lone
-  // entry matches any datagram, and a lone one of that length any of that length; only if that
-  // leaves a choice do the bytes decide, and among equals the oldest.
+  // entry matches any datagram, and a lone entry of that length matches any datagram of that
+  // length. The bytes decide only between several entries, and the oldest of equal ones is taken.
   bool FindAddrThenRemove(const WSABUF* buffers, u32 count, u32 valid_len,
                           sockaddr_in* out_addr) noexcept;
   bool FindAddrThenRemove(const void* data, u32 len, sockaddr_in* out_addr) noexcept;

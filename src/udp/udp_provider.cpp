@@ -39,7 +39,7 @@ bool UdpProvider::OnCreateLocalServer() noexcept {
   return result;
 }
 
-// Kept: answers that nobody has taken stay.
+// Kept: answers that were not taken stay.
 void UdpProvider::Uninit() noexcept {
   LSP_LOG(0, "[UDP] UdpProvider::OnCloseLocalServer");
   if (local_socket_ != 0) CloseRelaySocket(local_socket_);
@@ -65,7 +65,7 @@ UdpSession* UdpProvider::CreateSession(const ProtoRelayOpen& request,
   }
 }
 
-// Null where the token is taken; its session goes on untouched. May throw std::bad_alloc.
+// Null if the token already has a session, which goes on untouched. May throw std::bad_alloc.
 UdpSession* UdpProvider::Adopt(std::unique_ptr<UdpSession> session) {
   const u32 token = session->token();
   const auto [place, inserted] = sessions_.try_emplace(token, nullptr);
@@ -94,7 +94,7 @@ void UdpProvider::CloseSession(u32 token) noexcept {
 
 void UdpProvider::OnUpdate(u32 elapsed_ms) noexcept {
   for (auto next = sessions_.begin(); next != sessions_.end();) {
-    UdpSession& session = *(next++)->second;  // may be gone behind the last line
+    UdpSession& session = *(next++)->second;  // may be gone after the last line
     session.OnUpdate(elapsed_ms);
     if (session.IsCloseWanted()) CloseSession(session.token());
   }
@@ -117,8 +117,8 @@ bool UdpProvider::TakePeerSocket() noexcept {
   return true;
 }
 
-// However it came about that nobody has told of a socket's end. What still waits for room then has
-// until the next look.
+// Ends the sessions of sockets that are gone without any notice of it. What still waits for room
+// has until the next look.
 void UdpProvider::EndForgotten(u32 elapsed_ms) noexcept {
   since_look_ms_ += elapsed_ms;
   if (since_look_ms_ < kLookIntervalMs) return;

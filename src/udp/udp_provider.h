@@ -43,8 +43,8 @@ class UdpProvider final : public NetProvider {
   }
 
   // Any thread, without a lock. Ends the session of a socket that was closed without a close
-  // message: one whose message could not be sent, or that never got to use the session. Also a
-  // session that is still being asked for.
+  // message, because the message could not be sent or the socket never got to use the session. Also
+  // ends one that is still being asked for.
   void NoteUntoldEnd(u32 token) noexcept { untold_ends_.Add(token); }
 
   // For the sessions.
@@ -52,15 +52,16 @@ class UdpProvider final : public NetProvider {
   Route* SessionRoute() const noexcept { return route_; }
   // Nodes are told of a link's end only while the relay runs.
   bool IsStopping() const noexcept { return stopping_.load(std::memory_order_relaxed); }
-  // Whether one more of the sockets that the relay can poll may stand for an address. Half of them
-  // may, so that games with many peers leave room for connections.
+  // Takes the place of one more socket that stands for an address; false if there is none left.
+  // Only half of the sockets that the relay can poll may do so: games with many peers must leave
+  // room for connections.
   bool TakePeerSocket() noexcept;
   void GiveBackPeerSocket() noexcept { --peer_sockets_; }
   // Ends the session, at once or once its blocked datagrams have been sent; the session then calls
-  // this again. Also ends the caller, if it is a part of the session.
+  // this again. This destroys the caller, too, if it is a part of the session.
   void CloseSession(u32 token) noexcept;
 
-  // Whether datagrams of the game's wait here.
+  // Whether any datagrams from the game wait here.
   bool OwesServers() const noexcept;
 
   void Uninit() noexcept;

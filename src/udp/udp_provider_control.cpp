@@ -32,7 +32,8 @@ void UdpProvider::OnReadable(SOCKET socket) noexcept {
   }
 }
 
-// A datagram that is too long ends the reading with an error; the socket's next readiness goes on.
+// A datagram that is too long ends this read with an error; reading goes on when the socket is next
+// readable.
 bool UdpProvider::ReadPackage(SOCKET socket, UdpPackage* package) noexcept {
   const int error = recv_buffer_.Receive(socket, package);
   if (error == 0) return true;
@@ -77,7 +78,7 @@ void UdpProvider::HandleOpenRequest(const ProtoRelayOpen& request,
   ResponseCreateSessionResult(answer, game_addr, request.event());
 }
 
-// A socket whose addresses have ports of their own asks again for each.
+// A socket whose addresses have ports of their own asks again for each address.
 UdpSession* UdpProvider::FindWithPorts(u32 token, const sockaddr_in& game_addr) const noexcept {
   const auto found = sessions_.find(token);
   if (found == sessions_.end()) return nullptr;
@@ -85,13 +86,14 @@ UdpSession* UdpProvider::FindWithPorts(u32 token, const sockaddr_in& game_addr) 
   return session->HasPeerPorts() && session->IsOf(game_addr) ? session : nullptr;
 }
 
-// The requester waits half a second. After that the event's handle is closed, or another's.
+// The requester waits half a second. After that the event's handle is closed, or names something
+// else.
 void UdpProvider::ResponseCreateSessionResult(const ProtoRelayOpen& answer,
                                               const sockaddr_in& game_addr, HANDLE event) noexcept {
   BOOL ev_result = FALSE;
   DWORD ev_error = 0;
   if (event != nullptr && event != INVALID_HANDLE_VALUE) {
-    StoreCreateResult(answer);  // first: who wakes must find it
+    StoreCreateResult(answer);  // first: the requester must find it when it wakes
     ev_result = SetEvent(event);
     if (!ev_result) ev_error = GetLastError();
   }
@@ -109,7 +111,7 @@ void UdpProvider::StoreCreateResult(const ProtoRelayOpen& answer) noexcept {
   common::Lock hold(result_lock_);
   try {
     create_results_[u32{answer.token}] = answer;
-  } catch (...) {  // the requester finds none, and goes its own way
+  } catch (...) {  // the requester finds none, and sends directly
   }
 }
 

@@ -86,7 +86,7 @@ void UdpRemoteSession::SetClosing() noexcept {
 
 void UdpRemoteSession::OnWritable(SOCKET) noexcept {
   if (link_.FlushBlockedPackages() && closing_) {
-    flow_.session->provider()->CloseSession(flow_.token);  // the end of this, too
+    flow_.session->provider()->CloseSession(flow_.token);  // destroys this, too
   }
 }
 
@@ -132,11 +132,11 @@ void UdpRemoteSession::HandleGamePacket(const UdpPackage& package) noexcept {
     LSP_LOG(4, "FindPackageAddr failed, token=%u", flow_.token);
     return;
   }
-  TakeFromGame(addressed);
+  RouteFromGame(addressed);
 }
 
 // Another port of the same host stays here: a wrapped datagram names its own destination.
-void UdpRemoteSession::TakeFromGame(const UdpPackage& package) noexcept {
+void UdpRemoteSession::RouteFromGame(const UdpPackage& package) noexcept {
   if (package.addr.sin_addr.s_addr != flow_.remote_addr.sin_addr.s_addr) {
     flow_.session->RouteToRemoteSession(package);
   } else {
@@ -170,7 +170,7 @@ void UdpRemoteSession::HandleAcclSend(const UdpPackage& package) noexcept {
   const bool verified = trial_ != nullptr && trial_->IsVerified();
   const bool sent =
       verified ? trial_->SendData(package) : link_.SendData(package, watch_.LostToTell());
-  if (!sent) link_.SendBare(package);  // too long to wrap: past the node, to the game server
+  if (!sent) link_.SendBare(package);  // too long to wrap: straight to the game server
 }
 
 void UdpRemoteSession::HandleRemotePacket(const UdpPackage& package) noexcept {
@@ -201,7 +201,7 @@ void UdpRemoteSession::HandleAcclRecv(const UdpPackage& package,
   DeliverData(package, header, &watch_);
 }
 
-// Of the node that the flow has left. What it says of the link counts no more.
+// From the node that the flow has left. What it says about the link no longer counts.
 void UdpRemoteSession::DeliverFromLeft(const UdpPackage& package) noexcept {
   UdpAcclHeader header;
   ProbeReply reply;
@@ -232,7 +232,7 @@ void UdpRemoteSession::DeliverData(const UdpPackage& package, const UdpAcclHeade
   flow_.session->DeliverToGame(payload);
 }
 
-// False if it is data, whatever its flags say.
+// False if it is data, even if its flags say otherwise.
 bool UdpRemoteSession::HandleReply(const UdpPackage& package) noexcept {
   ProbeReply reply;
   if (!watch_.ReadReply(package.data, package.valid_len, &reply)) return false;

@@ -40,14 +40,14 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
 
   // A game datagram; package.addr is its true destination.
   void HandleLocalPacket(const UdpPackage& package) noexcept;
-  // The same, perhaps for a destination of another group.
-  void TakeFromGame(const UdpPackage& package) noexcept;
+  // Hands a game datagram to the remote session of its destination: this one or another.
+  void RouteFromGame(const UdpPackage& package) noexcept;
   // To the game, through the local socket. What would block waits for room.
   void SendToGame(const UdpPackage& package) noexcept;
   void OnUpdate(u32 elapsed_ms) noexcept;
   // Stops measuring, and ends the whole UdpSession once the blocked datagrams have left.
   void SetClosing() noexcept;
-  // Whether datagrams of the game's wait for room, or, where falling back is fast, for a node.
+  // Whether datagrams from the game wait for room or, with fast fallback, for a node.
   bool HasBlockedPackages() const noexcept { return link_.HasBlocked() || OwesCachedPackages(); }
 
   // Starts the trial of another node. False if one is running. Otherwise the trial, even one that
@@ -55,22 +55,22 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   bool FireSwitch(const RecoverySwitchRecord& report) noexcept;
   // The trial's node has passed: game datagrams leave through it from here on.
   void OnVerified() noexcept;
-  // What the other node has sent to the game, before its link is the flow's or after. `watch`
-  // counts it; null: it tells nothing about the link.
+  // Delivers what the other node has sent to the game, before or after the hand-over. `watch`
+  // counts it; null if it says nothing about the link.
   void DeliverData(const UdpPackage& package, const UdpAcclHeader& header,
                    LinkWatch* watch) noexcept;
   // See Mending::StartsAnewAfterSwitch.
   bool StartsAnewAfterSwitch() const noexcept { return starts_anew_; }
-  // The trial's node has sent this datagram of the game's: its link becomes the flow's.
+  // The trial's node has sent this datagram for the game: its link becomes the flow's.
   void TakeOver(const UdpPackage& proof, const UdpAcclHeader& header) noexcept;
 
   void OnReadable(SOCKET socket) noexcept override;
-  void OnWritable(SOCKET socket) noexcept override;  // may end the UdpSession, and this with it
+  void OnWritable(SOCKET socket) noexcept override;  // may destroy the UdpSession, and this with it
   void OnException(SOCKET) noexcept override {}
   void OnClose(SOCKET) noexcept override {}
 
  private:
-  // A node that had not answered in time, and still may. Only where falling back is fast.
+  // A node that did not answer in time, and still may. Only with fast fallback.
   struct AskedNode {
     sockaddr_in addr = {};  // without a port: there is none here
     RouteProxyInfo proxy;
@@ -114,7 +114,7 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   NodeLink link_;                   // to the node that the flow goes through
   LinkWatch watch_;
   std::unique_ptr<UdpSwitchRemoteSession> trial_;
-  NodeLink left_{flow_, false};  // to the node that the flow left last, until that is told of it
+  NodeLink left_{flow_, false};  // to the node that the flow left last, until that node is told
   u32 left_ms_ = 0;              // since then
   const bool starts_anew_;
   AcclLinkInfo last_verified_;  // of the last node that was taken over after it had passed

@@ -40,7 +40,7 @@ bool UdpRemoteSession::DecideAccl() noexcept {
                  flow_.remote_addr.sin_addr.s_addr, flow_.remote_addr.sin_port, SOCK_DGRAM,
                  guid_text, &decision_, &link_.info().switch_route, local_sock_, flow_.token) &&
              SelectAwakeProxy(SOCK_DGRAM, &decision_);
-  } catch (...) {  // no memory for a question: the game server can still be reached
+  } catch (...) {  // out of memory: the game server can still be reached directly
   }
   GetTracker().NoteGameServer(local_sock_,
                               common::IpToString(flow_.remote_addr.sin_addr.s_addr).c_str(),
@@ -94,7 +94,7 @@ void UdpRemoteSession::OnAnswerOverdue() noexcept {
   OnNegotiationFailed(kNegoTimedOut);
 }
 
-// A node that was asked before the one that is being asked, or before the flow found its way.
+// The answer of a node that did not answer in time. False if the datagram is something else.
 bool UdpRemoteSession::HandleLateAnswer(const UdpPackage& package) noexcept {
   for (AskedNode& node : overdue_) {
     if (node.addr.sin_port == 0 || !SameAddress(package.addr, node.addr)) continue;
@@ -106,8 +106,8 @@ bool UdpRemoteSession::HandleLateAnswer(const UdpPackage& package) noexcept {
   return false;
 }
 
-// The first answer wins, even a late one; the other node's may come later still. A late refusal, or
-// anything that is no answer, is of no interest: its node has been reported as silent.
+// The first answer wins, even a late one; the other node's answer may still come. A late refusal,
+// or anything that is not an answer, is ignored: its node has been reported as silent.
 bool UdpRemoteSession::TakeLateAnswer(const UdpPackage& package, AskedNode* node) noexcept {
   AccDecisionInfo late = decision_;
   late.selected_proxy = node->proxy;
@@ -156,7 +156,7 @@ bool UdpRemoteSession::OwesCachedPackages() const noexcept {
   return !cached_packages_.empty() && FastFallback() != nullptr;
 }
 
-// The negotiation is over, with either result, so nothing gets back into the list.
+// The negotiation is over, with either result, so nothing is added to the list meanwhile.
 void UdpRemoteSession::FlushCachedPackages() noexcept {
   const bool closes_after = closing_ && OwesCachedPackages();
   for (StoredPackage& cached : cached_packages_) HandleLocalPacket(cached.View());
@@ -224,7 +224,8 @@ void UdpRemoteSession::TakeOver(const UdpPackage& proof, const UdpAcclHeader& he
   if (link_.IsFromNode(proof)) HandleAcclRecv(proof, header);
 }
 
-// The node is told of the end once its last answers can have arrived: it passes on none after that.
+// The node is told of the end only once its last answers should have arrived: it passes on none
+// after that.
 void UdpRemoteSession::LeaveNode() noexcept {
   EndLeft();
   left_.CopyFrom(link_);
@@ -241,8 +242,8 @@ void UdpRemoteSession::EndLeft() noexcept {
   CloseRelaySocket(sock);
 }
 
-// The new link is the flow's: its reports go on under the new node, and no figure of the old one
-// counts.
+// The new link is the flow's now: its reports go on under the new node, and no figure of the old
+// link counts.
 void UdpRemoteSession::BeginAnew(SOCKET left_sock) noexcept {
   GetTracker().MoveFlow(left_sock, link_.sock(), &decision_);
   watch_.Forget();

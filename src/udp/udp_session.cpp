@@ -73,7 +73,7 @@ UdpRemoteSession* UdpSession::CreateRemoteSession(const sockaddr_in& addr, bool 
   try {
     auto session = std::make_unique<UdpRemoteSession>(this, addr, local_addr_);
     if (!session->Init(bind)) return nullptr;
-    // Whoever asks for a new one has found none under the key.
+    // The caller has found none under the key.
     return remote_sessions_.try_emplace(key, std::move(session)).first->second.get();
   } catch (...) {
     return nullptr;
@@ -91,8 +91,8 @@ UdpRemoteSession* UdpSession::FindRemoteSession(u32 ip, u16 port) const noexcept
   return found != remote_sessions_.end() ? found->second.get() : nullptr;
 }
 
-void UdpSession::TakeFromGame(const UdpPackage& package) noexcept {
-  first_remote_session_->TakeFromGame(package);
+void UdpSession::RouteFromGame(const UdpPackage& package) noexcept {
+  first_remote_session_->RouteFromGame(package);
 }
 
 void UdpSession::RouteToRemoteSession(const UdpPackage& package) noexcept {

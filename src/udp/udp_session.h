@@ -51,22 +51,22 @@ class UdpSession {
   void OnUpdate(u32 elapsed_ms) noexcept;
 
   // Whether none of the game's datagrams waits for room in a socket. A remote session with such
-  // datagrams is told to close after them; those that wait for a negotiation count only where
-  // falling back is fast.
+  // datagrams is told to close after them; those that wait for a negotiation count only with fast
+  // fallback.
   bool CanClose() noexcept;
-  // The same question, and nothing is told to close.
+  // The same check, without telling anything to close.
   bool OwesServers() const noexcept;
-  // For a part of the session that may not end it directly: the provider does so after this tick of
-  // the timer.
+  // For parts of the session that must not end it directly: the provider ends it after this timer
+  // tick.
   void WantClose() noexcept { close_wanted_ = true; }
   bool IsCloseWanted() const noexcept { return close_wanted_; }
   // The game's socket was found to be gone.
   void SetForgotten() noexcept { forgotten_ = true; }
   bool IsForgotten() const noexcept { return forgotten_; }
 
-  // A datagram of the game's; package.addr is its true destination.
-  void TakeFromGame(const UdpPackage& package) noexcept;
-  // The same for a destination of another group.
+  // Hands a game datagram to the remote session of its destination, package.addr.
+  void RouteFromGame(const UdpPackage& package) noexcept;
+  // The same where that is not the first remote session's; makes the session if there is none.
   void RouteToRemoteSession(const UdpPackage& package) noexcept;
   // A datagram from the network; package.addr is its true source.
   void DeliverToGame(const UdpPackage& package) noexcept;

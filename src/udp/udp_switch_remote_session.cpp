@@ -20,8 +20,8 @@ namespace {
 constexpr u32 kNegotiationLimitMs = 1000;  // the game suffers meanwhile
 constexpr u32 kSocketBufferSize = 65536;
 constexpr u32 kProofLimitMs = 5000;  // beyond the time of the burst
-// A game that sends so many gets an answer to one of them. Before that a node's silence says
-// nothing.
+// A game that has sent this many datagrams should have had an answer. Before that, a node's silence
+// says nothing.
 constexpr u32 kEnoughToBeAnswered = 10;
 
 }  // namespace
@@ -125,8 +125,8 @@ void UdpSwitchRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
   }
 }
 
-// Whether the trial has run so long without a verdict, or the game without an answer through the
-// node, that the flow is better off where it was, and free to try another one.
+// Whether the trial has run too long without a verdict, or the game too long without an answer
+// through the node. The flow is then better off with the old node, and free to try another one.
 bool UdpSwitchRemoteSession::IsOverdue(u32 elapsed_ms) noexcept {
   const bool waits =
       state_ == UdpSwitchState::kVerifying ||
@@ -187,7 +187,7 @@ void UdpSwitchRemoteSession::HandleAcclRecv(const UdpPackage& package) noexcept 
   Finish(UdpSwitchState::kDone, SwitchResult::kTakenOver);
 }
 
-// False if it is data, whatever its flags say.
+// False if it is data, even if its flags say otherwise.
 bool UdpSwitchRemoteSession::HandleReply(const UdpPackage& package) noexcept {
   ProbeReply reply;
   if (!watch_.ReadReply(package.data, package.valid_len, &reply)) return false;
@@ -198,7 +198,7 @@ bool UdpSwitchRemoteSession::HandleReply(const UdpPackage& package) noexcept {
 
 void UdpSwitchRemoteSession::OnWritable(SOCKET) noexcept {
   if (link_.FlushBlockedPackages() && closing_) {
-    flow_.session->provider()->CloseSession(flow_.token);  // the end of this, too
+    flow_.session->provider()->CloseSession(flow_.token);  // destroys this, too
   }
 }
 

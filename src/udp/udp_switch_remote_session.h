@@ -59,7 +59,7 @@ class UdpSwitchRemoteSession final : public IRelaySocketDelegate {
   ClientInfo HandOver(NodeLink* link, AccDecisionInfo* decision) noexcept;
 
   void OnReadable(SOCKET socket) noexcept override;
-  void OnWritable(SOCKET socket) noexcept override;  // may end the UdpSession, and this with it
+  void OnWritable(SOCKET socket) noexcept override;  // may destroy the UdpSession, and this with it
   void OnException(SOCKET) noexcept override {}
   void OnClose(SOCKET) noexcept override {}
 

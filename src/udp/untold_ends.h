@@ -35,7 +35,7 @@ class UntoldEnds {
       if (token == 0) continue;
       if (!end(token) && ++place.turns < kTurns) continue;
       place.turns = 0;
-      place.token.store(0, std::memory_order_release);  // the place is the next one's from here on
+      place.token.store(0, std::memory_order_release);  // the place is free from here on
     }
   }
 

@@ -4,10 +4,10 @@
 usage: tidy.py [--format] [ROOT]
 
 Include directions, the picture of them in README.md, banned constructs, the names in the glossary,
-the register of oddities, what is published for other languages, a README in each folder, assertions on packed
-records, sizes of files; with --format, the layout of every C++ file instead. Prints one line, FILE:LINE: MESSAGE, for each finding,
-and at the end "N passed, N failed"; a check is one rule on one file. Exit: 0 all passed, 1 something
-failed, 77 no clang-format here.
+the register of oddities, what is published for other languages, a README in each folder, assertions on
+packed records, sizes of files and functions; with --format, the layout of every C++ file instead. Prints
+one line, FILE:LINE: MESSAGE, for each finding, and at the end "N passed, N failed"; a check is one rule
+on one file. Exit: 0 all passed, 1 something failed, 77 no clang-format here.
 """
 import argparse
 import pathlib

@@ -372,6 +372,20 @@ class Driver(unittest.TestCase):
         self.assertEqual(lines, ["src/a/a.cpp: warning: has 301 lines, more than 300",
                                  "1 passed, 0 failed"])
 
+    def test_a_long_function_of_the_product_is_an_error(self):
+        def lines_of(count, head="int A::f(int a) const noexcept"):
+            return head + " {\n" + "  a = 1;\n" * (count - 2) + "}\n"
+
+        self.assertEqual(findings(sizes, {"src/a/a.cpp": lines_of(48)}), [])
+        long = "namespace a {\n\n// text\n" + lines_of(49) + "\n}\n"
+        self.assertEqual(findings(sizes, {"src/a/a.cpp": long, "port/a/a.cpp": long}),
+                         ["src/a/a.cpp:4: a function of 49 lines, more than 48"])
+        for head in ("A::A(int a)\n    : b_(a)", "auto f(\n    int a) -> int", "void f() noexcept try",
+                     'void f(char a = \'{\', const char* b = "}")'):
+            self.assertEqual(len(findings(sizes, {"src/a/a.cpp": lines_of(60, head)})), 1, head)
+        for head in ("struct A final", "namespace a", "enum class A : int"):
+            self.assertEqual(findings(sizes, {"src/a/a.cpp": lines_of(60, head)}), [], head)
+
     def test_counts_and_closes(self):
         failed, lines = self.run_rules([readmes], {"src/README.md": PROSE, "src/a/a.h": ""})
         self.assertEqual(failed, 1)
