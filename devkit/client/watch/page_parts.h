@@ -7,6 +7,11 @@
 namespace client {
 
 std::string_view PageTemplate();
+std::string_view PageStyle();
+std::string_view PageScript();
+
+// Of this program.
+std::string_view PageVersion();
 
 // Both empty if the chart library was missing when this was built.
 std::string_view ChartScript();

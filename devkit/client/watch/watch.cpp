@@ -29,7 +29,6 @@ constexpr DWORD kPollMs = 100;
 constexpr DWORD kRedrawMs = 1000;
 constexpr DWORD kPageEveryMs = 5000;
 constexpr unsigned kMutexWaitMs = 1000;
-constexpr size_t kMostNotes = 200;
 
 // Two watchers would show reports twice, or each only a part of them.
 constexpr char kWatcherMutexName[] = "vyr_client_watch_mutex";
@@ -45,7 +44,6 @@ class Outlet {
   bool Show(const std::vector<Report>& reports) {
     for (const Report& report : reports) {
       book_.Add(report);
-      Note(report);
       latest_ms_ = std::max(latest_ms_, report.time_ms);
       if (terminal_) continue;
       const std::string line = options_.json
@@ -69,7 +67,7 @@ class Outlet {
     if (options_.page.empty()) return true;
     page_tick_ = GetTickCount();
     page_is_due_ = false;
-    const std::string error = WritePage(options_.page, ReportPage(book_, notes_));
+    const std::string error = WritePage(options_.page, ReportPage(book_));
     if (!error.empty() && !page_failed_) reporter_.Failure(options_.page + ": " + error);
     page_failed_ = !error.empty();
     return error.empty();
@@ -89,13 +87,6 @@ class Outlet {
   // The age of a run that is over no longer grows.
   uint64_t Now() const { return options_.from.empty() ? NowMs() : latest_ms_; }
 
-  void Note(const Report& report) {
-    if (report.kind != kLoadedReport && report.kind != kLogPathReport) return;
-    if (notes_.size() < kMostNotes) {
-      notes_.push_back(ClockText(report.time_ms) + "  " + ReportWords(report));
-    }
-  }
-
   // A screen is redrawn every second, because ages grow, and when its size changes; a pipe gets a
   // drawing when there is news.
   bool Redraw() {
@@ -114,7 +105,6 @@ class Outlet {
   const WatchOptions& options_;
   const Reporter reporter_;
   FlowBook book_;
-  std::vector<std::string> notes_;
   std::optional<Terminal> terminal_;
   uint64_t latest_ms_ = 0;
   bool is_changed_ = true;
