@@ -9,6 +9,7 @@ namespace client {
 std::string_view PageTemplate();
 std::string_view PageStyle();
 std::string_view PageScript();
+std::string_view LiveScript();  // what a page that is served has besides
 
 // Of this program.
 std::string_view PageVersion();

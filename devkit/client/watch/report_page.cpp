@@ -23,19 +23,28 @@ void Replace(std::string* page, std::string_view mark, std::string_view with) {
   if (at != std::string::npos) page->replace(at, mark.size(), with);
 }
 
-}  // namespace
-
-bool HasCharts() { return !ChartScript().empty(); }
-
-std::string PageAround(const std::string& data) {
+std::string Page(std::string_view data, std::string_view live) {
   std::string page(PageTemplate());
   Replace(&page, "/*PAGE-STYLE*/", PageStyle());
   Replace(&page, "/*PAGE-SCRIPT*/", PageScript());
   Replace(&page, "/*CHART-STYLE*/", ChartStyle());
   Replace(&page, "/*CHART-SCRIPT*/", ChartScript());
+  Replace(&page, "</body>", live);
   // The data last: it may hold anything.
-  Replace(&page, "/*DATA*/", Guarded(data));
+  Replace(&page, "/*DATA*/", Guarded(std::string(data)));
   return page;
+}
+
+}  // namespace
+
+bool HasCharts() { return !ChartScript().empty(); }
+
+std::string PageAround(const std::string& data) { return Page(data, "</body>"); }
+
+std::string LivePageAround(const std::string& data) {
+  std::string live = "<script>\n";
+  live.append(LiveScript()).append("</script>\n</body>");
+  return Page(data, live);
 }
 
 std::string ReportPage(const FlowBook& book) { return PageAround(PageData(book)); }

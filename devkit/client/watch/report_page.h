@@ -13,6 +13,8 @@ bool HasCharts();
 
 // The page with this document (page_data.h), which it draws when it is opened.
 std::string PageAround(const std::string& data);
+// The same, and it goes on to draw the documents that come from where it came from.
+std::string LivePageAround(const std::string& data);
 std::string ReportPage(const FlowBook& book);
 
 // Writes beside the file first, so that whoever has it open finds all of the old page or all of

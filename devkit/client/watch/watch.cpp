@@ -36,7 +36,8 @@ constexpr char kWatcherMutexName[] = "vyr_client_watch_mutex";
 // Where reports go: every form of output that was asked for.
 class Outlet {
  public:
-  explicit Outlet(const WatchOptions& options) : options_(options), reporter_(options.json) {
+  Outlet(const WatchOptions& options, LiveView* live)
+      : options_(options), reporter_(options.json), live_(live) {
     if (options.top) terminal_.emplace();
   }
 
@@ -51,10 +52,16 @@ class Outlet {
                                    : ClockText(report.time_ms) + "  " + ReportWords(report);
       std::printf("%s\n", line.c_str());
     }
+    if (live_ != nullptr) live_->Add(reports);
     is_changed_ = is_changed_ || !reports.empty();
     page_is_due_ = page_is_due_ || !reports.empty();
     if (terminal_) return Redraw();
     return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  }
+
+  bool is_live() const { return live_ != nullptr; }
+  void Looked(const std::string& trouble) {
+    if (live_ != nullptr) live_->Looked(trouble);
   }
 
   // Writing the page each time would cost more than everything else.
@@ -104,6 +111,7 @@ class Outlet {
 
   const WatchOptions& options_;
   const Reporter reporter_;
+  LiveView* const live_;
   FlowBook book_;
   std::optional<Terminal> terminal_;
   uint64_t latest_ms_ = 0;
@@ -145,8 +153,11 @@ bool ShowFile(const WatchOptions& options, const volatile std::sig_atomic_t* end
     std::vector<Report> reports;
     is_right = ParseLines(options, lines, &number, &reports);
     open = outlet->Show(reports);
+    outlet->Looked("");
     outlet->PageNowAndThen();
   }
+  const bool stays = outlet->is_live() && !source.failed() && is_right && open;
+  for (; stays && *ended == 0; Sleep(kPollMs)) outlet->Looked("");
   outlet->Close();
   if (source.failed()) {
     Reporter(options.json).Report(options.from, {{.reason = "cannot be read"}});
@@ -177,6 +188,7 @@ bool Follow(const WatchOptions& options, const volatile std::sig_atomic_t* ended
     if (trouble.empty() && !drain->AnyRegion()) trouble = "no report regions yet: nobody serves";
     if (trouble != told && !trouble.empty() && !options.top) reporter.Failure(trouble);
     told = trouble;
+    outlet->Looked(trouble);
     if (!last) Sleep(kPollMs);
   }
   outlet->Close();
@@ -199,13 +211,13 @@ bool ShowWhatWaits(const WatchOptions& options, ReportDrain* drain, Outlet* outl
 
 }  // namespace
 
-bool Watch(const WatchOptions& options, const volatile std::sig_atomic_t* ended) {
+bool Watch(const WatchOptions& options, const volatile std::sig_atomic_t* ended, LiveView* live) {
   if (!options.page.empty() && !HasCharts()) {
     std::fprintf(stderr,
                  "vyr_client: built without the chart library (scripts/fetch_programs.sh "
                  "--charts): the page's charts are left out\n");
   }
-  Outlet outlet(options);
+  Outlet outlet(options, live);
   if (!options.from.empty()) return ShowFile(options, ended, &outlet);
 #ifndef _WIN32
   std::fprintf(stderr,
