@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.." || exit 1
 required=(
   build-essential cmake ninja-build ccache git ca-certificates python3
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  libtomlplusplus-dev libcli11-dev nlohmann-json3-dev
+  libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libboost-dev
   g++-mingw-w64-i686-win32 g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-win32
   iproute2 util-linux
 )
@@ -38,7 +38,8 @@ case "${1:-}" in
 esac
 
 # Optional: if one of these cannot be installed, the tests that need it report that and are left out.
-wanted=(wine wine32:i386 wine64 clang clang-format clang-tidy socat haproxy libnginx-mod-stream chromium tshark)
+wanted=(wine wine32:i386 wine64 clang clang-format clang-tidy socat haproxy libnginx-mod-stream chromium tshark
+  python3-prometheus-client)
 command -v npm >/dev/null 2>&1 || wanted+=(npm)
 runtime=$(clang_runtime)
 wanted+=("${runtime:-libclang-rt-14-dev}")

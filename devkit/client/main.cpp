@@ -14,6 +14,7 @@
 #include "client/dump/dump.h"
 #include "client/dump/region_reader.h"
 #include "client/explain/explain.h"
+#include "client/live/serve_watch.h"
 #include "client/reporter.h"
 #include "client/sample/sample.h"
 #include "client/serve/file_watcher.h"
@@ -42,6 +43,7 @@ struct Options {
   std::string game;
   std::optional<uint32_t> vip_level;
   client::WatchOptions watch;
+  client::ServeOptions live;
 };
 
 // The parsed file, or nothing if it is refused; all problems have been printed. Without the advice
@@ -195,7 +197,11 @@ int Check(const Options& options) {
 int WatchReports(const Options& options) {
   client::WatchOptions watch = options.watch;
   watch.json = options.json;
-  return client::Watch(watch, devkit::NoticeTheEnd(options.until_eof)) ? kDone : kFailed;
+  const auto* const ended = devkit::NoticeTheEnd(options.until_eof);
+  const bool done = options.live.at.empty()
+                        ? client::Watch(watch, ended)
+                        : client::WatchServed(watch, options.live, VYR_VERSION, ended);
+  return done ? kDone : kFailed;
 }
 
 int Sample(const Options& options) { return Print(client::WriteSample(options.sample)); }
@@ -248,6 +254,23 @@ void AddFileCommands(CLI::App* app, Options* options, Action* action) {
   sample->callback([action] { *action = Sample; });
 }
 
+void AddLive(CLI::App* watch, client::ServeOptions* live) {
+  CLI::Option* const serve =
+      watch->add_option("--serve", live->at,
+                        "stay and serve the page, live, with /metrics for Prometheus and /health; "
+                        "port 0 takes any");
+  serve->type_name("ADDRESS:PORT");
+  watch
+      ->add_flag("--allow-remote", live->allow_remote,
+                 "that address may be one that other machines reach")
+      ->needs(serve);
+  watch
+      ->add_option("--allow-host", live->allowed_hosts,
+                   "requests may ask by this name too, not only by address or localhost")
+      ->type_name("NAME")
+      ->needs(serve);
+}
+
 void AddWatch(CLI::App* app, Options* options, Action* action) {
   CLI::App* watch = app->add_subcommand(
       "watch", "show what the library reports, a line a report, and free what was shown");
@@ -266,6 +289,7 @@ void AddWatch(CLI::App* app, Options* options, Action* action) {
   watch->add_flag("--until-eof", options->until_eof, "end with the end of standard input")
       ->excludes(from);
   top->excludes("--json");
+  AddLive(watch, &options->live);
   watch->callback([action] { *action = WatchReports; });
 }
 
@@ -345,6 +369,10 @@ int Run(int argc, char** argv) {
   }
   if (options.until_eof && options.file == "-") {
     std::fprintf(stderr, "vyr_client: --until-eof needs standard input for itself\n");
+    return kUsage;
+  }
+  if (const std::string problem = client::ProblemOf(options.live); !problem.empty()) {
+    std::fprintf(stderr, "vyr_client: --serve: %s\n", problem.c_str());
     return kUsage;
   }
   return action(options);

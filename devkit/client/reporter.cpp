@@ -85,6 +85,15 @@ void Reporter::Changed(const std::string& file, const TakeoverReport& report) co
   std::fflush(stdout);
 }
 
+void Reporter::Serving(const std::string& url) const {
+  if (json_) {
+    PrintJson({{"event", "serving"}, {"url", url}});
+  } else {
+    std::printf("serving %s\n", url.c_str());
+    std::fflush(stdout);
+  }
+}
+
 void Reporter::Refused(const std::string& file) const {
   if (json_) {
     PrintJson({{"event", "refused"}, {"file", file}});

@@ -18,6 +18,8 @@ class Reporter {
   void Compiled(const std::string& route_file, const std::string& content) const;
   void Ready(const std::string& file, const TakeoverReport& report) const;
   void Changed(const std::string& file, const TakeoverReport& report) const;
+  // Where a watch shows what it takes.
+  void Serving(const std::string& url) const;
   // An edit that is refused: its problems have been reported.
   void Refused(const std::string& file) const;
 

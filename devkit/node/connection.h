@@ -25,6 +25,8 @@ class Connection {
   void Reset(const std::string& reason, u64 now);
 
   bool closed() const { return state_ == State::kClosed; }
+  u64 bytes_to_server() const { return up_.sent(); }
+  u64 bytes_to_client() const { return down_.sent(); }
   // What it is doing, for queries at the control port.
   Event Describe() const;
 

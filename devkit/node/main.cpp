@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "http/server.h"
 #include "node/node.h"
+#include "node/node_site.h"
 #include "program_end.h"
 
 namespace {
@@ -14,7 +16,10 @@ constexpr node::u32 kPollMs = 100;  // how late an end may be noticed
 
 struct Options {
   node::NodeOptions node;
-  std::string listen, control, source;
+  std::string listen, control, source, metrics;
+  bool allow_remote = false;
+  std::vector<std::string> allowed_hosts;
+  http::Endpoint metrics_at;
   bool text = false;
   bool until_eof = false;
 };
@@ -70,6 +75,14 @@ std::string Understand(Options* options) {
       return "--control: '" + options->control + "' is not ADDRESS:PORT";
     options->node.control = control;
   }
+  if (!options->metrics.empty()) {
+    node::Address metrics;
+    if (!node::ParseAddress(options->metrics, &metrics))
+      return "--metrics: '" + options->metrics + "' is not ADDRESS:PORT";
+    const std::string problem =
+        http::ParseEndpoint(options->metrics, options->allow_remote, &options->metrics_at);
+    if (!problem.empty()) return "--metrics: " + problem;
+  }
   if (!options->source.empty()) {
     node::u32 ip = 0;
     if (!node::ParseIp(options->source, &ip))
@@ -79,27 +92,68 @@ std::string Understand(Options* options) {
   return "";
 }
 
-int Serve(const Options& options) {
+// Listens for those who ask for metrics; the node has to know where. Empty, or what is wrong.
+std::string StartMetrics(Options* options, http::Server* server) {
+  if (options->metrics.empty()) return "";
+  http::Endpoint& at = options->metrics_at;
+  const std::string problem = server->Start(&at);
+  if (!problem.empty()) return "--metrics: " + problem;
+  node::Address address;
+  node::ParseAddress(at.address + ":" + std::to_string(at.port), &address);
+  options->node.metrics = address;
+  return "";
+}
+
+void Fail(const std::string& problem) { std::fprintf(stderr, "vyr_node: %s\n", problem.c_str()); }
+
+int Serve(Options options) {
   WSADATA data;
   if (WSAStartup(MAKEWORD(2, 2), &data) != 0) {
-    std::fprintf(stderr, "vyr_node: no sockets here\n");
+    Fail("no sockets here");
     return kFailed;
   }
+  node::NodeFigures figures;
+  node::NodeSite site(VYR_VERSION);
+  http::Server server(&site, options.allowed_hosts);
+  std::string problem = StartMetrics(&options, &server);
+  if (!problem.empty()) {
+    Fail(problem);
+    return kFailed;
+  }
+  node::Behaviour behaviour = options.node.behaviour;
   const auto print = [&](const node::Event& event) {
+    figures.Add(event, behaviour);
     const std::string line = options.text ? event.ToText() : event.ToJson();
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
   };
   const auto* const ended = devkit::NoticeTheEnd(options.until_eof);
-  node::Node node(options.node, print);
-  std::string problem;
+  node::Node node(options.node, print, &behaviour);
+  site.Leave(figures, node);
   if (!node.Start(&problem)) {
-    std::fprintf(stderr, "vyr_node: %s\n", problem.c_str());
+    Fail(problem);
     return kFailed;
   }
-  while (*ended == 0 && !node.stop_asked()) node.Step(kPollMs);
+  while (*ended == 0 && !node.stop_asked()) {
+    node.Step(kPollMs);
+    site.Leave(figures, node);
+  }
   node.Step(0);  // the reply to the command that ended it
   return kDone;
+}
+
+void AddMetrics(CLI::App* app, Options* options) {
+  app->add_option("--metrics", options->metrics,
+                  "serve /metrics for Prometheus and /health there; port 0 takes any")
+      ->type_name("ADDRESS:PORT")
+      ->group("Metrics");
+  app->add_flag("--allow-remote", options->allow_remote,
+                "the metrics' address may be one that other machines reach")
+      ->group("Metrics");
+  app->add_option("--allow-host", options->allowed_hosts,
+                  "requests may ask by this name too, not only by address or localhost")
+      ->type_name("NAME")
+      ->group("Metrics");
 }
 
 int Run(int argc, char** argv) {
@@ -126,6 +180,7 @@ int Run(int argc, char** argv) {
       ->type_name("PORT");
   app.add_option("--control", options.control, "the control port; none if not given")
       ->type_name("ADDRESS:PORT");
+  AddMetrics(&app, &options);
   app.add_option("--source", options.source,
                  "where connections to game servers come from: 0.0.0.0 leaves it to the system; "
                  "by default the listening address, unless it is a loopback")
@@ -144,10 +199,10 @@ int Run(int argc, char** argv) {
   }
   const std::string problem = Understand(&options);
   if (!problem.empty()) {
-    std::fprintf(stderr, "vyr_node: %s\n", problem.c_str());
+    Fail(problem);
     return kUsage;
   }
-  return Serve(options);
+  return Serve(std::move(options));
 }
 
 }  // namespace

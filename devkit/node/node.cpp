@@ -38,6 +38,7 @@ Node::Node(NodeOptions options, EventSink sink, Behaviour* behaviour)
       control_(MakeControlTarget()) {
   context_.behaviour = behaviour_;
   context_.limits = options_.limits;
+  context_.metrics = options_.metrics.value_or(Address{});
   context_.emit = [this](const Event& event) { Emit(event); };
   tick_ = GetTickCount();
 }
@@ -55,6 +56,7 @@ bool Node::Start(std::string* problem) {
   Event event{"listening"};
   event.With("address", own.Text()).With("data", context_.data.Text());
   if (control_.listening()) event.With("control", context_.control.Text());
+  if (options_.metrics) event.With("metrics", options_.metrics->Text());
   Emit(event);
   return true;
 }
@@ -185,6 +187,23 @@ void Node::Accept(u64 now) {
                                                         Address::Of(raw), now));
   }
   connections_.remove_if([](const auto& connection) { return connection->closed(); });
+}
+
+StreamBytes Node::OpenStreamBytes() const {
+  StreamBytes all;
+  for (const auto& connection : connections_) {
+    if (connection->closed()) continue;  // its last event has told
+    all.to_server += connection->bytes_to_server();
+    all.to_client += connection->bytes_to_client();
+  }
+  return all;
+}
+
+FlowCounts Node::OpenFlowCounts() const {
+  FlowCounts all;
+  for (const auto& flow : flows_.all())
+    for (const FlowCountRow& row : FlowCountRows()) all.*row.member += flow->counts.*row.member;
+  return all;
 }
 
 u64 Node::CloseAll(bool reset, const std::string& reason) {

@@ -10,6 +10,7 @@
 #include "node/data_path.h"
 #include "node/flow_table.h"
 #include "node/negotiation.h"
+#include "node/node_figures.h"
 
 namespace node {
 
@@ -17,6 +18,7 @@ struct NodeOptions {
   Address listen = {};                  // port 0: any; the event "listening" has it
   u16 data_port = 0;                    // of datagram flows; 0: any; in the same event
   std::optional<Address> control = {};  // none: no control port
+  std::optional<Address> metrics = {};  // where the owner serves them; none: nowhere
   std::optional<u32> source_ip = {};    // none: as the listening address says, see Start
   Limits limits = {};
   Behaviour behaviour = {};
@@ -44,11 +46,15 @@ class Node {
   bool stop_asked() const { return stop_asked_; }
   // May be changed between steps.
   Behaviour& behaviour() { return *behaviour_; }
+  const Behaviour& behaviour() const { return *behaviour_; }
   Address listening() const { return context_.own; }
   Address data() const { return context_.data; }
   Address control() const { return context_.control; }
   std::size_t connections() const { return connections_.size(); }
   std::size_t flows() const { return flows_.all().size(); }
+  // What those that are open have carried so far.
+  StreamBytes OpenStreamBytes() const;
+  FlowCounts OpenFlowCounts() const;
 
  private:
   u64 Now();

@@ -24,6 +24,7 @@ struct NodeContext {
   Address own = {};      // where clients connect and send requests
   Address data = {};     // where they send the datagrams of a flow
   Address control = {};  // port 0: there is none
+  Address metrics = {};  // the same
   u32 source_ip = 0;     // of traffic to game servers; 0: the system chooses
   u32 next_token = 1;
   EventSink emit = {};
@@ -33,13 +34,14 @@ struct NodeContext {
     return fixed != 0 ? fixed : next_token++;
   }
 
-  // Clients must not reach the control port through the node, nor the node through itself.
+  // Clients must not reach the control port or the metrics through the node, nor the node through
+  // itself.
   bool IsOwn(const Address& server) const {
     const auto matches = [&](const Address& mine) {
       return mine.port != 0 && mine.port == server.port &&
              (mine.ip == 0 || mine.ip == server.ip || (mine.loopback() && server.loopback()));
     };
-    return matches(own) || matches(data) || matches(control);
+    return matches(own) || matches(data) || matches(control) || matches(metrics);
   }
 };
 

@@ -428,14 +428,21 @@ TEST(ClientReportPage, NothingThatWasReportedCanEndTheDataElement) {
   auto info = Decision("g", kReasonAcce);
   common::SetFieldText(info.selected_proxy.proxy_name, "</script><script>x");
   book.Add(ReportOf(client::kDecisionReport, info));
-  const std::string page = client::ReportPage(book, {"</script>note"});
+  LogPathRecord log;
+  common::SetFieldText(log.log_path, "</script>log");
+  book.Add(ReportOf(client::kLogPathReport, log));
+  const std::string page = client::ReportPage(book);
   EXPECT_FALSE(Has(page, "</script><script>x"));
-  EXPECT_FALSE(Has(page, "</script>note"));
-  EXPECT_TRUE(Has(page, "\\u003c/script>note"));
+  EXPECT_FALSE(Has(page, "</script>log"));
+  EXPECT_TRUE(Has(page, "\\u003c/script>log"));
 }
 
 TEST(ClientReportPage, DataThatLooksLikeAPlaceholderIsData) {
-  const std::string page = client::ReportPage(FlowBook(), {"/*CHART-SCRIPT*/ /*DATA*/"});
+  FlowBook book;
+  LogPathRecord log;
+  common::SetFieldText(log.log_path, "/*CHART-SCRIPT*/ /*DATA*/");
+  book.Add(ReportOf(client::kLogPathReport, log));
+  const std::string page = client::ReportPage(book);
   EXPECT_TRUE(Has(page, "\"/*CHART-SCRIPT*/ /*DATA*/\""));
 }
 
@@ -445,7 +452,7 @@ TEST(ClientReportPage, UnansweredProbesAreAGapInTheDelayAndALossOfAll) {
   CommInfoRecord record = Traffic("g", 5000);
   record.frontend_fine = {.total_recv = 0, .total_send = 4};
   book.Add(TrafficReport(record));
-  const std::string page = client::ReportPage(book, {});
+  const std::string page = client::ReportPage(book);
   EXPECT_TRUE(Has(page, "\"fd\":[null]"));
   EXPECT_TRUE(Has(page, "\"fl\":[100.0]"));
   EXPECT_TRUE(Has(page, "\"bl\":[null]"));

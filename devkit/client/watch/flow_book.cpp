@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "abi/mending_formats.h"
 #include "abi/report_records.h"
+#include "client/watch/flow_stays.h"
 #include "client/watch/report_words.h"
 #include "route/decision.h"
 
@@ -16,17 +18,8 @@ const char* TypeName(int64_t type, int64_t stream, int64_t datagram) {
   return type == stream ? "TCP" : type == datagram ? "UDP" : "";
 }
 
-Section SectionOf(const FineStats& fine) {
-  Section section = {
-      .delay_avg = fine.delay_avg, .delay_amp = fine.delay_amp, .answered = fine.total_recv};
-  if (fine.total_send > fine.total_recv) {
-    section.lost = (fine.total_send - fine.total_recv) * 100.0 / fine.total_send;
-  }
-  return section;
-}
-
-// The probes of a route with one relay are counted as sent in both halves and as answered in one.
-constexpr uint32_t kTwoRelays = 2;
+// is_switch_succ: beyond it another node was tried.
+constexpr int32_t kNoOtherNode = 1;
 
 double Rate(uint32_t now, uint32_t before, uint32_t span_ms) {
   return span_ms == 0 ? 0 : (now - before) * 1000.0 / span_ms;
@@ -70,9 +63,51 @@ void FlowBook::Add(const Report& report) {
       return AddSwitch(report);
     case kCommunicationReport:
       return AddTraffic(report);
+    case kLoadedReport:
+      return AddLoaded(report);
     default:
-      return;
+      return AddLogPath(report);
   }
+}
+
+Process* FlowBook::NewProcess(uint64_t game_id, uint64_t time_ms) {
+  if (processes_.size() == kMostProcesses) processes_.erase(processes_.begin());
+  processes_.push_back({.time_ms = time_ms, .name = {}, .game_id = game_id, .log = {}});
+  return &processes_.back();
+}
+
+void FlowBook::AddLoaded(const Report& report) {
+  const auto record = report.As<LspLoadedRecord>();
+  Process* process = NewProcess(record.game_id, report.time_ms);
+  process->name = Printable(Text(record.process_name));
+  process->bits = record.is_x64 != 0 ? 64 : 32;
+  process->mended = report.mended;
+}
+
+// A process reports its log right after itself.
+void FlowBook::AddLogPath(const Report& report) {
+  const auto record = report.As<LogPathRecord>();
+  const auto waiting =
+      std::find_if(processes_.begin(), processes_.end(), [&](const Process& process) {
+        return process.game_id == record.game_id && process.log.empty();
+      });
+  Process* const process =
+      waiting != processes_.end() ? &*waiting : NewProcess(record.game_id, report.time_ms);
+  process->log = Printable(Text(record.log_path));
+}
+
+// By its number in the log's name, or because its game has no other.
+const Process* FlowBook::ProcessOf(const Flow& flow) const {
+  const std::string number = "[P" + std::to_string(flow.process_id) + "]";
+  const Process* only = nullptr;
+  bool is_only = true;
+  for (const Process& process : processes_) {
+    if (process.game_id != flow.game_id) continue;
+    if (flow.process_id != 0 && process.log.find(number) != std::string::npos) return &process;
+    is_only = only == nullptr;
+    only = &process;
+  }
+  return is_only ? only : nullptr;
 }
 
 // Flows are identified by their guid. A failure can come before the socket has one, and the answer
@@ -132,15 +167,19 @@ void FlowBook::AddDecision(const Report& report) {
   Flow* const flow = Find(Text(info.guid), Endpoint(HostAddressText(info.game_ip), info.game_port),
                           report.time_ms);
   flow->type = TypeName(info.socket_type, 0, 1);
+  flow->game_id = info.game_id;
+  flow->process_id = info.process_id;
   flow->is_seen_from_start |= flow->marks.empty() && flow->points.empty();
   flow->accelerated = info.acc_reason == kReasonAcce || info.acc_reason == kReasonForceAuto ||
                       info.acc_reason == kReasonForceManual;
   const RouteProxyInfo& node = info.selected_proxy;
   if (node.proxy_name[0] != '\0') node_names_[node.proxy_idc] = Printable(Text(node.proxy_name));
   if (flow->accelerated) {
+    const std::string endpoint = Endpoint(Text(node.proxy_addr), node.proxy_port);
+    const NodeInReport chosen = {NodeName(node.proxy_idc, endpoint), endpoint, FiguresOf(info)};
     // A flow that already has a node is on trial with another one.
-    std::string& way = flow->node.empty() ? flow->node : flow->trial_node;
-    way = NodeName(node.proxy_idc, Endpoint(Text(node.proxy_addr), node.proxy_port));
+    const bool is_trial = !flow->stays.empty() && flow->stays.back().endpoint != endpoint;
+    (is_trial ? SetTrial : SetNode)(flow, chosen, report.time_ms);
   }
   AddMark(flow, report.time_ms, MarkKind::kDecision, ReportMark(report));
 }
@@ -150,9 +189,12 @@ void FlowBook::AddNegotiation(const Report& report) {
   const std::string guid = Text(record.guid);
   Flow* const flow =
       Find(guid, Endpoint(HostAddressText(record.game_ip), record.game_port), report.time_ms);
-  std::string& way = guid.empty() && !flow->node.empty() ? flow->trial_node : flow->node;
+  const std::string endpoint = Endpoint(Text(record.proxy_ip), record.proxy_port);
+  const bool is_trial = guid.empty() && !flow->node.empty();
   flow->accelerated = true;
-  way = NodeName(record.proxy_id, Endpoint(Text(record.proxy_ip), record.proxy_port));
+  flow->game_id = record.game_id;
+  (is_trial ? SetTrial : SetNode)(flow, {NodeName(record.proxy_id, endpoint), endpoint},
+                                  report.time_ms);
   AddMark(flow, report.time_ms, MarkKind::kNegotiation, ReportMark(report));
 }
 
@@ -161,8 +203,26 @@ void FlowBook::AddFailure(const Report& report) {
   Flow* const flow =
       Find(Text(record.guid), Endpoint(Text(record.game_ip), record.game_port), report.time_ms);
   flow->type = TypeName(record.neg_type, 0, 1);
+  flow->game_id = record.game_id;
+  flow->process_id = record.process_id;
   ++flow->failures;
+  if (!flow->stays.empty()) {
+    const std::string endpoint = Endpoint(Text(record.proxy_ip), record.proxy_port);
+    const uint64_t began = report.time_ms - std::min<uint64_t>(report.time_ms, record.elapsed_ms);
+    SetTrial(flow, {NodeName(record.proxy_idc, endpoint), endpoint}, began);
+    EndTrial(flow, report.time_ms, NegotiationFailureWords(record.nego_result), false);
+  }
   AddMark(flow, report.time_ms, MarkKind::kFailure, ReportMark(report));
+}
+
+// Unless the judge starts anew with the link, it keeps what it saw of the node before, and may see
+// trouble in that. `stay`: the index of the one in trouble.
+std::string FlowBook::Doubt(const Flow& flow, size_t stay) const {
+  const Process* const process = ProcessOf(flow);
+  const bool starts_anew = flow.figures_follow || (process != nullptr && process->mended &&
+                                                   (*process->mended & kMendAfterSwitch) != 0);
+  if (stay == 0 || stay >= flow.stays.size() || starts_anew) return "";
+  return "; since the flow had moved, this may be what was lost at " + flow.stays[stay - 1].node;
 }
 
 void FlowBook::AddSwitch(const Report& report) {
@@ -173,16 +233,19 @@ void FlowBook::AddSwitch(const Report& report) {
   const bool trial_runs = FollowsAGap(*flow, record.count);
   flow->troubles_highest = std::max(flow->troubles_highest, record.count);
   if (!trial_runs) flow->troubles_all = flow->troubles_highest;
+  if (const auto limits = LimitsOf(Text(record.switch_condition))) flow->limits = limits;
+  const size_t stay = flow->stays.empty() ? 0 : flow->stays.size() - 1;
   std::string text = ReportMark(report);
   if (says_moved && trial_runs) {
     text = "link in trouble: another node is on trial already";
   } else if (says_moved) {
     ++flow->switches;
-    flow->moved = true;
-    if (!flow->trial_node.empty()) flow->node = std::exchange(flow->trial_node, "");
-    text = "link in trouble: moved to " + (flow->node.empty() ? "another node" : flow->node);
+    Move(flow, report.time_ms);
+    text = "link in trouble: moved to " + flow->node;
+  } else if (record.need_switch != 0 && record.is_switch_succ > kNoOtherNode) {
+    EndTrial(flow, report.time_ms, TrialOutcomeWords(record.is_switch_succ), true);
   }
-  AddMark(flow, report.time_ms, MarkKind::kSwitch, text);
+  AddMark(flow, report.time_ms, MarkKind::kSwitch, text + Doubt(*flow, stay));
 }
 
 void FlowBook::AddTraffic(const Report& report) {
@@ -191,11 +254,13 @@ void FlowBook::AddTraffic(const Report& report) {
       Find(Text(record.guid_str), Endpoint(Text(record.game_ip), record.game_port), report.time_ms);
   flow->type = TypeName(record.socket_type, 1, 2);
   flow->accelerated = true;
-  const bool stands_still = flow->moved && record.total_sent_bytes == flow->sent_bytes &&
+  const std::string endpoint = Endpoint(Text(record.proxy_ip), record.proxy_port);
+  flow->game_id = record.game_id;
+  const size_t stay =
+      AddFigures(flow, record, {NodeName(record.proxy_idc, endpoint), endpoint}, report.time_ms);
+  const bool stands_still = flow->moved && !flow->figures_follow &&
+                            record.total_sent_bytes == flow->sent_bytes &&
                             record.total_recv_bytes == flow->recv_bytes;
-  if (!flow->moved) {
-    flow->node = NodeName(record.proxy_idc, Endpoint(Text(record.proxy_ip), record.proxy_port));
-  }
   // The first figures come after the node's answer.
   const auto agreed = std::find_if(flow->marks.begin(), flow->marks.end(), [](const Mark& mark) {
     return mark.kind == MarkKind::kNegotiation;
@@ -207,6 +272,7 @@ void FlowBook::AddTraffic(const Report& report) {
   const uint32_t span_ms = is_first ? record.life : record.life - flow->life_ms;
   FlowPoint point;
   point.time_ms = report.time_ms;
+  point.stay = stay;
   point.sent_rate = Rate(record.total_sent_bytes, is_first ? 0 : flow->sent_bytes, span_ms);
   point.recv_rate = Rate(record.total_recv_bytes, is_first ? 0 : flow->recv_bytes, span_ms);
   if (record.frontend_fine.total_send != 0 || record.frontend_fine.total_recv != 0) {
@@ -227,6 +293,7 @@ void FlowBook::AddTraffic(const Report& report) {
   if (record.ended == 0 || flow->ended) return;
   PullBack(&flow->marks, flow->marks.end(), report.time_ms);
   AddMark(flow, report.time_ms, MarkKind::kEnd, "ended");
+  EndStays(flow, report.time_ms);
   flow->ended = true;
   flow->last_ms = report.time_ms;
 }

@@ -1,4 +1,4 @@
-# Puts the page's template, and the chart library where it was fetched, into a source file.
+# Puts the page's template, its style and script, and the chart library where it was fetched, into a source file.
 # Sets VYR_PAGE_PARTS to its path.
 set(VYR_PAGE_PARTS ${CMAKE_CURRENT_BINARY_DIR}/page_parts.cpp)
 set(page_folder ${CMAKE_CURRENT_SOURCE_DIR}/watch)
@@ -18,6 +18,14 @@ function(bytes_of path out)
   set(${out} "${bytes}" PARENT_SCOPE)
 endfunction()
 bytes_of(${page_folder}/report_page.html PAGE_TEMPLATE)
+bytes_of(${page_folder}/report_page.css PAGE_STYLE)
+# In the order in which the browser reads them.
+set(PAGE_SCRIPT "")
+foreach(part page_words page_charts page_flow page_table report_page)
+  bytes_of(${page_folder}/${part}.js part_bytes)
+  string(APPEND PAGE_SCRIPT "${part_bytes}")
+endforeach()
+bytes_of(${CMAKE_CURRENT_SOURCE_DIR}/live/live_page.js LIVE_SCRIPT)
 bytes_of(${chart_folder}/uPlot.iife.min.js CHART_SCRIPT)
 bytes_of(${chart_folder}/uPlot.min.css CHART_STYLE)
 if(NOT CHART_SCRIPT OR NOT CHART_STYLE)

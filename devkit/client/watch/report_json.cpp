@@ -213,7 +213,8 @@ std::optional<Report> ReportFromJson(const std::string& line, Problem* problem) 
   const std::string name = EventOf(object);
   const auto kind = KindOf(name);
   if (!kind) {
-    if (name != "failure") *problem = {.key = "event", .reason = "'" + name + "' is no report"};
+    const bool is_ours = name == "failure" || name == "serving";
+    if (!is_ours) *problem = {.key = "event", .reason = "'" + name + "' is no report"};
     return std::nullopt;
   }
   try {

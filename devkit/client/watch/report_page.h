@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "client/watch/flow_book.h"
 
@@ -12,8 +11,11 @@ namespace client {
 // says that the charts are left out.
 bool HasCharts();
 
-// `notes` are lines about the run that belong to no flow: which processes, and where they log.
-std::string ReportPage(const FlowBook& book, const std::vector<std::string>& notes);
+// The page with this document (page_data.h), which it draws when it is opened.
+std::string PageAround(const std::string& data);
+// The same, and it goes on to draw the documents that come from where it came from.
+std::string LivePageAround(const std::string& data);
+std::string ReportPage(const FlowBook& book);
 
 // Writes beside the file first, so that whoever has it open finds all of the old page or all of
 // the new. The reason in words, or nothing on success.

@@ -177,6 +177,21 @@ const char* NegotiationFailureWords(int32_t nego_result) {
   }
 }
 
+const char* TrialOutcomeWords(int32_t is_switch_succ) {
+  switch (is_switch_succ) {
+    case 2:
+      return "the request could not be sent";
+    case 3:
+      return "refused or did not answer";
+    case 4:
+      return "did no better";
+    case 5:
+      return "did well, but moving is switched off";
+    default:
+      return "with an outcome that is not known";
+  }
+}
+
 std::string DelayWords(uint32_t delay) {
   return delay == 9999 ? "not measured" : std::to_string(delay) + " ms";
 }

@@ -17,6 +17,7 @@ std::string ReportMark(const Report& report);
 std::string Endpoint(const std::string& address, uint32_t port);
 std::string HostAddressText(uint32_t ip);  // host byte order
 const char* NegotiationFailureWords(int32_t nego_result);
+const char* TrialOutcomeWords(int32_t is_switch_succ);
 std::string DelayWords(uint32_t delay);  // "12 ms", or that it was not measured
 std::string LossWords(int64_t lost);     // "3 %", or what the code past 100 means
 std::string BytesWords(double bytes);    // "1.4 MB"

@@ -29,7 +29,6 @@ constexpr DWORD kPollMs = 100;
 constexpr DWORD kRedrawMs = 1000;
 constexpr DWORD kPageEveryMs = 5000;
 constexpr unsigned kMutexWaitMs = 1000;
-constexpr size_t kMostNotes = 200;
 
 // Two watchers would show reports twice, or each only a part of them.
 constexpr char kWatcherMutexName[] = "vyr_client_watch_mutex";
@@ -37,7 +36,8 @@ constexpr char kWatcherMutexName[] = "vyr_client_watch_mutex";
 // Where reports go: every form of output that was asked for.
 class Outlet {
  public:
-  explicit Outlet(const WatchOptions& options) : options_(options), reporter_(options.json) {
+  Outlet(const WatchOptions& options, LiveView* live)
+      : options_(options), reporter_(options.json), live_(live) {
     if (options.top) terminal_.emplace();
   }
 
@@ -45,7 +45,6 @@ class Outlet {
   bool Show(const std::vector<Report>& reports) {
     for (const Report& report : reports) {
       book_.Add(report);
-      Note(report);
       latest_ms_ = std::max(latest_ms_, report.time_ms);
       if (terminal_) continue;
       const std::string line = options_.json
@@ -53,10 +52,16 @@ class Outlet {
                                    : ClockText(report.time_ms) + "  " + ReportWords(report);
       std::printf("%s\n", line.c_str());
     }
+    if (live_ != nullptr) live_->Add(reports);
     is_changed_ = is_changed_ || !reports.empty();
     page_is_due_ = page_is_due_ || !reports.empty();
     if (terminal_) return Redraw();
     return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  }
+
+  bool is_live() const { return live_ != nullptr; }
+  void Looked(const std::string& trouble) {
+    if (live_ != nullptr) live_->Looked(trouble);
   }
 
   // Writing the page each time would cost more than everything else.
@@ -69,7 +74,7 @@ class Outlet {
     if (options_.page.empty()) return true;
     page_tick_ = GetTickCount();
     page_is_due_ = false;
-    const std::string error = WritePage(options_.page, ReportPage(book_, notes_));
+    const std::string error = WritePage(options_.page, ReportPage(book_));
     if (!error.empty() && !page_failed_) reporter_.Failure(options_.page + ": " + error);
     page_failed_ = !error.empty();
     return error.empty();
@@ -89,13 +94,6 @@ class Outlet {
   // The age of a run that is over no longer grows.
   uint64_t Now() const { return options_.from.empty() ? NowMs() : latest_ms_; }
 
-  void Note(const Report& report) {
-    if (report.kind != kLoadedReport && report.kind != kLogPathReport) return;
-    if (notes_.size() < kMostNotes) {
-      notes_.push_back(ClockText(report.time_ms) + "  " + ReportWords(report));
-    }
-  }
-
   // A screen is redrawn every second, because ages grow, and when its size changes; a pipe gets a
   // drawing when there is news.
   bool Redraw() {
@@ -113,8 +111,8 @@ class Outlet {
 
   const WatchOptions& options_;
   const Reporter reporter_;
+  LiveView* const live_;
   FlowBook book_;
-  std::vector<std::string> notes_;
   std::optional<Terminal> terminal_;
   uint64_t latest_ms_ = 0;
   bool is_changed_ = true;
@@ -155,8 +153,11 @@ bool ShowFile(const WatchOptions& options, const volatile std::sig_atomic_t* end
     std::vector<Report> reports;
     is_right = ParseLines(options, lines, &number, &reports);
     open = outlet->Show(reports);
+    outlet->Looked("");
     outlet->PageNowAndThen();
   }
+  const bool stays = outlet->is_live() && !source.failed() && is_right && open;
+  for (; stays && *ended == 0; Sleep(kPollMs)) outlet->Looked("");
   outlet->Close();
   if (source.failed()) {
     Reporter(options.json).Report(options.from, {{.reason = "cannot be read"}});
@@ -187,6 +188,7 @@ bool Follow(const WatchOptions& options, const volatile std::sig_atomic_t* ended
     if (trouble.empty() && !drain->AnyRegion()) trouble = "no report regions yet: nobody serves";
     if (trouble != told && !trouble.empty() && !options.top) reporter.Failure(trouble);
     told = trouble;
+    outlet->Looked(trouble);
     if (!last) Sleep(kPollMs);
   }
   outlet->Close();
@@ -209,13 +211,13 @@ bool ShowWhatWaits(const WatchOptions& options, ReportDrain* drain, Outlet* outl
 
 }  // namespace
 
-bool Watch(const WatchOptions& options, const volatile std::sig_atomic_t* ended) {
+bool Watch(const WatchOptions& options, const volatile std::sig_atomic_t* ended, LiveView* live) {
   if (!options.page.empty() && !HasCharts()) {
     std::fprintf(stderr,
                  "vyr_client: built without the chart library (scripts/fetch_programs.sh "
                  "--charts): the page's charts are left out\n");
   }
-  Outlet outlet(options);
+  Outlet outlet(options, live);
   if (!options.from.empty()) return ShowFile(options, ended, &outlet);
 #ifndef _WIN32
   std::fprintf(stderr,

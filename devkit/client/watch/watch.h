@@ -4,6 +4,8 @@
 #include <csignal>
 #include <string>
 
+#include "client/watch/live_view.h"
+
 namespace client {
 
 struct WatchOptions {
@@ -14,7 +16,9 @@ struct WatchOptions {
   std::string from;  // read reports from this file of JSON lines instead of the regions
 };
 
-// True if all went well. With `follow` or `top` it runs until *ended is set.
-bool Watch(const WatchOptions& options, const volatile std::sig_atomic_t* ended);
+// True if all went well. With `follow` or `top` it runs until *ended is set, and so it does with a
+// live view, which may be null.
+bool Watch(const WatchOptions& options, const volatile std::sig_atomic_t* ended,
+           LiveView* live = nullptr);
 
 }  // namespace client
