@@ -124,7 +124,7 @@ const Column kColumns[] = {
     {"TYPE", 4, 6,
      [](const Line& line, uint64_t) { return line.is_first ? line.flow->type : std::string(); }},
     {"NODE", 26, 2, [](const Line& line, uint64_t) { return NodeText(line); }},
-    {"SAVES", 9, 1, [](const Line& line, uint64_t) { return SavesText(line); }},
+    {"SAVES", 8, 1, [](const Line& line, uint64_t) { return SavesText(line); }},
     {"FRONTEND", 12, 3,
      [](const Line& line, uint64_t) { return DelayText(line, &Stay::frontend); }},
     {"BACKEND", 12, 8, [](const Line& line, uint64_t) { return DelayText(line, &Stay::backend); }},
