@@ -3,7 +3,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "abi/mending_formats.h"
 #include "client/watch/flow_book.h"
+#include "client/watch/flow_intervals.h"
+#include "client/watch/flow_worth.h"
 #include "client/watch/report_page.h"
 #include "client/watch/report_words.h"
 #include "client/watch/top_view.h"
@@ -25,6 +28,8 @@ using namespace moru_vyr::lsp;
 bool Has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
+
+std::string WordsOf(const client::Stay& stay) { return client::WorthWords(client::WorthOf(stay)); }
 
 Report DecisionReport(const char* guid, int32_t reason, uint64_t time_ms = 0) {
   return ReportOf(client::kDecisionReport, Decision(guid, reason), time_ms);
@@ -355,6 +360,258 @@ TEST(ClientFlowBook, IsBoundedInFlowsPointsAndMarks) {
   EXPECT_EQ(flow.marks.size(), FlowBook::kMostMarks);
 }
 
+// --- each figure belongs to the node that it was measured at ---
+
+Report Probes(uint32_t life, uint32_t node, const FineStats& front, uint32_t bytes) {
+  CommInfoRecord record = Traffic("g", life);
+  record.frontend_fine = front;
+  record.total_sent_bytes = bytes;
+  if (node == 2) common::SetFieldText(record.proxy_ip, "198.51.100.21");
+  record.proxy_idc = node;
+  return TrafficReport(record, life);
+}
+
+TEST(ClientStays, AfterAMoveTheFirstNodeKeepsItsFigures) {
+  FlowBook book = OnTrial();
+  book.Add(Probes(9000, 1, {.delay_avg = 30, .total_recv = 4, .total_send = 7}, 900));
+  book.Add(TroubleReport(1, 1, 0));
+  book.Add(Probes(14000, 1, {.delay_avg = 30, .total_recv = 4, .total_send = 7}, 900));
+  const Flow& flow = book.flows().front();
+  ASSERT_EQ(flow.stays.size(), 2u);
+  EXPECT_EQ(flow.stays[0].node, "north 198.51.100.20:9000");
+  EXPECT_EQ(flow.stays[0].sent_bytes, 900u);
+  ASSERT_TRUE(flow.stays[0].frontend);
+  EXPECT_FALSE(flow.stays[1].is_reported);
+  EXPECT_FALSE(flow.stays[1].frontend);
+  EXPECT_FALSE(flow.figures_follow);
+  ASSERT_EQ(flow.trials.size(), 1u);
+  EXPECT_EQ(flow.trials[0].outcome, "took over");
+}
+
+TEST(ClientStays, WhereFiguresFollowTheNewNodeHasItsOwn) {
+  FlowBook book = OnTrial();
+  book.Add(Probes(9000, 1, {.delay_avg = 30, .total_recv = 4, .total_send = 7}, 900));
+  book.Add(TroubleReport(1, 1, 0));
+  book.Add(Probes(14000, 2, {.delay_avg = 20, .total_recv = 3, .total_send = 3}, 1300));
+  const Flow& flow = book.flows().front();
+  ASSERT_EQ(flow.stays.size(), 2u);
+  EXPECT_EQ(flow.stays[0].sent_bytes, 900u);
+  EXPECT_EQ(flow.stays[0].frontend->delay_avg, 30u);
+  EXPECT_EQ(flow.stays[1].sent_bytes, 400u);
+  EXPECT_EQ(flow.stays[1].frontend->delay_avg, 20u);
+  EXPECT_TRUE(flow.figures_follow);
+  EXPECT_EQ(flow.points.back().stay, 1u);
+}
+
+// The figures may be taken out before the report on the move: it is one move all the same.
+TEST(ClientStays, AMoveThatTheFiguresToldIsCountedOnce) {
+  FlowBook book = OnTrial();
+  book.Add(Probes(14000, 2, {.delay_avg = 20, .total_recv = 3, .total_send = 3}, 1300));
+  ASSERT_EQ(book.flows().front().stays.size(), 2u);
+  book.Add(TroubleReport(1, 1, 0));
+  EXPECT_EQ(book.flows().front().stays.size(), 2u);
+  EXPECT_EQ(book.flows().front().node, "south 198.51.100.21:9000");
+}
+
+TEST(ClientStays, AFlowThatMovedBackKeepsTheFirstTimeWithItsNode) {
+  FlowBook book = OnTrial();
+  book.Add(Probes(9000, 1, {.delay_avg = 30, .total_recv = 4, .total_send = 7}, 900));
+  book.Add(TroubleReport(1, 1, 0));
+  book.Add(NegotiationReport("", 1));
+  book.Add(TroubleReport(2, 1, 0));
+  book.Add(Probes(20000, 1, {.delay_avg = 30, .total_recv = 4, .total_send = 7}, 900));
+  const Flow& flow = book.flows().front();
+  ASSERT_EQ(flow.stays.size(), 3u);
+  EXPECT_TRUE(flow.stays[0].is_reported);
+  EXPECT_FALSE(flow.stays[2].is_reported);
+  EXPECT_EQ(flow.stays[2].node, "north 198.51.100.20:9000");
+}
+
+TEST(ClientStays, ATrialHasItsOutcomeAndLeavesTheNode) {
+  FlowBook book = OnTrial();
+  book.Add(TroubleReport(1, 1, 4));
+  const Flow& flow = book.flows().front();
+  ASSERT_EQ(flow.trials.size(), 1u);
+  EXPECT_EQ(flow.trials[0].node, "south 198.51.100.21:9000");
+  EXPECT_EQ(flow.trials[0].outcome, "did no better");
+  EXPECT_EQ(flow.stays.size(), 1u);
+  // A refusal is one trial, though two reports tell of it.
+  book.Add(FailureReport("", 202));
+  book.Add(TroubleReport(2, 1, 3));
+  ASSERT_EQ(flow.trials.size(), 2u);
+  EXPECT_EQ(flow.trials[1].outcome, "no answer in time");
+  EXPECT_EQ(flow.stays.size(), 1u);
+}
+
+TEST(ClientStays, AMoveToAnUnknownNodeDoesNotNameTheOldOne) {
+  FlowBook book;
+  book.Add(Bytes(90000, 500));
+  book.Add(TroubleReport(5, 1, 0));
+  EXPECT_EQ(book.flows().front().node, "a node that was not reported");
+  EXPECT_FALSE(Has(book.flows().front().last_event(), "198.51.100.20"));
+}
+
+TEST(ClientStays, TroubleAfterAMoveDoesNotAccuseTheNewNode) {
+  const std::string doubt = "what was lost at north 198.51.100.20:9000";
+  FlowBook book = OnTrial();
+  book.Add(TroubleReport(1, 1, 0));
+  EXPECT_FALSE(Has(book.flows().front().last_event(), doubt));
+  book.Add(TroubleReport(2, 1, 4));
+  EXPECT_TRUE(Has(book.flows().front().last_event(), doubt));
+  // With after-switch the judge starts anew.
+  FlowBook anew = OnTrial();
+  Report loaded = ReportOf(client::kLoadedReport, LspLoadedRecord{});
+  loaded.mended = kMendAfterSwitch;
+  anew.Add(loaded);
+  anew.Add(TroubleReport(1, 1, 0));
+  anew.Add(TroubleReport(2, 1, 4));
+  EXPECT_FALSE(Has(anew.flows().front().last_event(), doubt));
+}
+
+TEST(ClientProcesses, AFlowHasTheProcessOfItsNumberOrOfItsGame) {
+  FlowBook book;
+  LspLoadedRecord loaded;
+  loaded.game_id = 77;
+  common::SetFieldText(loaded.process_name, "one.exe");
+  LogPathRecord log;
+  log.game_id = 77;
+  common::SetFieldText(log.log_path, "C:\\log\\[P12]game.log");
+  auto info = Decision("g", kReasonAcce);
+  info.game_id = 77;
+  info.process_id = 12;
+  book.Add(ReportOf(client::kDecisionReport, info));
+  const Flow& flow = book.flows().front();
+  EXPECT_EQ(book.ProcessOf(flow), nullptr);
+  book.Add(ReportOf(client::kLoadedReport, loaded));
+  book.Add(ReportOf(client::kLogPathReport, log));
+  ASSERT_NE(book.ProcessOf(flow), nullptr);
+  EXPECT_EQ(book.ProcessOf(flow)->name, "one.exe");
+  common::SetFieldText(loaded.process_name, "two.exe");
+  book.Add(ReportOf(client::kLoadedReport, loaded));
+  ASSERT_NE(book.ProcessOf(flow), nullptr);
+  EXPECT_EQ(book.ProcessOf(flow)->name, "one.exe");
+  common::SetFieldText(log.log_path, "C:\\log\\[P13]game.log");
+  book.Add(ReportOf(client::kLogPathReport, log));
+  auto other = Decision("h", kReasonAcce);
+  other.game_id = 77;
+  other.process_id = 14;
+  book.Add(ReportOf(client::kDecisionReport, other));
+  EXPECT_EQ(book.ProcessOf(book.flows().back()), nullptr) << "it can be either";
+}
+
+// --- what a node is worth, and what lies between two reports ---
+
+client::Stay MeasuredStay() {
+  client::Stay stay;
+  stay.tables.direct_delay = 80;
+  stay.tables.section1_delay = 12;
+  stay.tables.section2_delay = 31;
+  stay.frontend = client::Section{.delay_avg = 20, .answered = 10, .asked = 10};
+  return stay;
+}
+
+TEST(ClientWorth, IsTheDirectWayLessTheWayTaken) {
+  client::Stay stay = MeasuredStay();
+  EXPECT_EQ(WordsOf(stay), "saves 29 ms");
+  stay.backend = client::Section{.delay_avg = 60, .answered = 10, .asked = 10};
+  EXPECT_EQ(WordsOf(stay), "saves 20 ms") << "more than the tables give from the node on";
+  stay.backend->delay_avg = 40;
+  EXPECT_EQ(WordsOf(stay), "saves 29 ms");
+  stay.frontend->delay_avg = 60;
+  EXPECT_EQ(WordsOf(stay), "costs 11 ms");
+}
+
+TEST(ClientWorth, IsUnknownWhereAFigureIs) {
+  client::Stay stay = MeasuredStay();
+  stay.frontend->answered = 0;
+  EXPECT_EQ(WordsOf(stay), "(saves 37 ms)") << "by the tables";
+  stay.tables.section2_delay.reset();
+  EXPECT_EQ(WordsOf(stay), "unknown");
+  stay = MeasuredStay();
+  stay.tables.direct_delay.reset();
+  EXPECT_EQ(WordsOf(stay), "unknown");
+  EXPECT_TRUE(Has(client::WorthOf(stay).why, "no report gave the delay of the direct way"));
+  stay.tables.direct_unreachable = true;
+  EXPECT_TRUE(Has(client::WorthOf(stay).why, "unreachable"));
+}
+
+TEST(ClientWorth, LossIsThatOfBothPartsOfTheWay) {
+  client::Stay stay = MeasuredStay();
+  stay.frontend->lost = 10;
+  EXPECT_FALSE(client::WorthOf(stay).taken_lost) << "from the node on nothing is known";
+  stay.tables.section2_lost = 50;
+  EXPECT_DOUBLE_EQ(*client::WorthOf(stay).taken_lost, 55);
+}
+
+TEST(ClientWorth, CodesInTheTablesAreNoFigures) {
+  FlowBook book;
+  auto info = Decision("g", kReasonAcce);
+  info.direct_delay = 9999;
+  info.direct_lost = 103;
+  info.selected_proxy.section1_delay = 12;
+  info.selected_proxy.section2_delay = 9999;
+  book.Add(ReportOf(client::kDecisionReport, info));
+  const client::TableFigures& tables = book.flows().front().stays[0].tables;
+  EXPECT_FALSE(tables.direct_delay);
+  EXPECT_TRUE(tables.direct_unreachable);
+  EXPECT_FALSE(tables.direct_lost);
+  EXPECT_FALSE(tables.section2_delay);
+}
+
+std::vector<client::FlowPoint> PointsOf(const std::vector<client::Section>& sections) {
+  std::vector<client::FlowPoint> points;
+  for (const client::Section& section : sections) {
+    client::FlowPoint point;
+    point.time_ms = 5000 * (points.size() + 1);
+    point.frontend = section;
+    points.push_back(point);
+  }
+  return points;
+}
+
+TEST(ClientIntervals, AreTheDifferencesOfTwoReports) {
+  const auto intervals =
+      client::IntervalsOf(PointsOf({{.delay_avg = 10, .answered = 10, .asked = 10},
+                                    {.delay_avg = 20, .answered = 20, .asked = 24},
+                                    {.delay_avg = 20, .answered = 20, .asked = 34}}));
+  EXPECT_NEAR(*intervals[0].frontend.delay, 10.5, 0.01);
+  EXPECT_NEAR(*intervals[1].frontend.delay, 30.5, 0.01);
+  EXPECT_NEAR(intervals[1].frontend.error, 1.5, 0.01);
+  EXPECT_NEAR(*intervals[1].frontend.lost, 400.0 / 14, 0.01);
+  EXPECT_FALSE(intervals[2].frontend.delay) << "nothing was answered";
+  EXPECT_DOUBLE_EQ(*intervals[2].frontend.lost, 100);
+}
+
+// Whole milliseconds over a thousand probes: ten more tell nothing, three hundred do.
+TEST(ClientIntervals, GiveNoDelayThatTheFiguresDoNotTell) {
+  std::vector<client::Section> sections;
+  for (uint32_t n = 1000; n <= 1300; n += 10)
+    sections.push_back({.delay_avg = 10, .answered = n, .asked = n});
+  const auto intervals = client::IntervalsOf(PointsOf(sections));
+  for (size_t i = 1; i < 20; ++i) EXPECT_FALSE(intervals[i].frontend.delay) << i;
+  size_t given = 0;
+  for (const auto& interval : intervals) {
+    EXPECT_LE(interval.frontend.error, client::kMostErrorMs);
+    given += interval.frontend.delay ? 1 : 0;
+  }
+  EXPECT_EQ(given, 2u);
+}
+
+TEST(ClientIntervals, FarMoreProbesThanUsualAreABurst) {
+  std::vector<client::Section> sections;
+  for (uint32_t n = 5; n <= 50; n += 5)
+    sections.push_back({.answered = n, .asked = n + (n > 25 ? 20u : 0u)});
+  const auto intervals = client::IntervalsOf(PointsOf(sections));
+  for (size_t i = 0; i < intervals.size(); ++i) EXPECT_EQ(intervals[i].is_burst, i == 5) << i;
+}
+
+TEST(ClientIntervals, BeginAnewWithTheNode) {
+  auto points = PointsOf({{.delay_avg = 50, .answered = 10, .asked = 10},
+                          {.delay_avg = 20, .answered = 12, .asked = 12}});
+  points[1].stay = 1;
+  EXPECT_NEAR(*client::IntervalsOf(points)[1].frontend.delay, 20.5, 0.01);
+}
+
 size_t Columns(const std::string& line) {
   return static_cast<size_t>(
       std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xc0) != 0x80; }));
@@ -408,6 +665,43 @@ TEST(ClientTopView, TheLivingStandFirstAndTheRestIsCounted) {
   EXPECT_TRUE(Has(lines[3], ":7002"));
   EXPECT_TRUE(Has(lines[4], ":7004"));
   EXPECT_EQ(lines[5], "… 3 more");
+}
+
+TEST(ClientTopView, EachNodeOfAFlowHasItsOwnFigures) {
+  FlowBook book = OnTrial();
+  CommInfoRecord record = Traffic("g", 9000);
+  record.frontend_fine = {.delay_avg = 12, .delay_amp = 3, .total_recv = 9, .total_send = 10};
+  record.total_sent_bytes = 2500;
+  book.Add(TrafficReport(record, 9000));
+  EXPECT_TRUE(Has(TopLines(book, {200, 24}, 9000)[3], "south 198.51.100.21:9000")) << "the trial";
+  EXPECT_TRUE(Has(TopLines(book, {200, 24}, 9000)[3], "on trial"));
+  Report moved = TroubleReport(1, 1, 0);
+  moved.time_ms = 9500;
+  book.Add(moved);
+  const auto lines = TopLines(book, {200, 24}, 9600);
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_TRUE(Has(lines[2], "south 198.51.100.21:9000")) << lines[2];
+  EXPECT_TRUE(Has(lines[2], "not reported")) << lines[2];
+  EXPECT_FALSE(Has(lines[2], "10.0 %")) << lines[2];
+  for (const char* part :
+       {"until 9.5 s", "north 198.51.100.20:9000", "12 ±3 ms", "10.0 %", "2.5 kB "}) {
+    EXPECT_TRUE(Has(lines[3], part)) << lines[3];
+  }
+}
+
+TEST(ClientTopView, SaysWhatANodeSaves) {
+  FlowBook book;
+  auto info = Decision("g", kReasonAcce);
+  info.direct_delay = 80;
+  info.selected_proxy.section1_delay = 12;
+  info.selected_proxy.section2_delay = 31;
+  book.Add(ReportOf(client::kDecisionReport, info));
+  EXPECT_TRUE(Has(TopLines(book, {80, 24}, 0)[1], "SAVES"));
+  EXPECT_TRUE(Has(TopLines(book, {80, 24}, 0)[2], "(37 ms)")) << "nothing measured yet";
+  CommInfoRecord record = Traffic("g", 5000);
+  record.frontend_fine = {.delay_avg = 60, .total_recv = 9, .total_send = 9};
+  book.Add(TrafficReport(record));
+  EXPECT_TRUE(Has(TopLines(book, {80, 24}, 0)[2], "-11 ms"));
 }
 
 // Twelve texts of every length through the cutting of a cell.

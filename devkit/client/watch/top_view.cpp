@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "client/watch/flow_worth.h"
 #include "client/watch/report_words.h"
 
 namespace client {
@@ -29,27 +30,76 @@ std::string Fit(const std::string& text, size_t width) {
   return cut;
 }
 
-std::string DelayText(const std::optional<Section>& section) {
-  if (!section) return "-";
-  if (section->answered == 0) return "no answer";
-  return std::to_string(section->delay_avg) + " ±" + std::to_string(section->delay_amp) + " ms";
+// One line of the table: a flow with the node that it has now, one that it had before, or one that
+// is on trial.
+struct Line {
+  const Flow* flow;
+  const Stay* stay = nullptr;  // null: the flow goes direct, or it is a trial
+  const Trial* trial = nullptr;
+  bool is_first = true;  // of its flow
+};
+
+constexpr char kNothing[] = "-";
+
+// After a move the library speaks on of the node before, unless it is asked not to.
+bool IsSilent(const Line& line) {
+  return line.trial != nullptr || (line.stay != nullptr && !line.stay->is_reported &&
+                                   line.stay != &line.flow->stays.front());
 }
 
-std::string LossText(const FlowPoint* point) {
-  if (point == nullptr || !point->frontend) return "-";
-  const Section& whole = point->backend ? *point->backend : *point->frontend;
+// Rates are of now, so they belong to the node of the latest figures alone.
+const FlowPoint* PointOf(const Line& line) {
+  return line.is_first && !IsSilent(line) ? line.flow->last_point() : nullptr;
+}
+
+std::string DelayText(const Line& line, const std::optional<Section> Stay::*half) {
+  if (line.trial != nullptr) return "on trial";
+  if (IsSilent(line)) return "not reported";
+  if (line.stay == nullptr || !(line.stay->*half)) return kNothing;
+  const Section& section = *(line.stay->*half);
+  if (section.answered == 0) return "no answer";
+  return std::to_string(section.delay_avg) + " ±" + std::to_string(section.delay_amp) + " ms";
+}
+
+std::string LossText(const Line& line) {
+  const Stay* const stay = line.stay;
+  if (stay == nullptr || IsSilent(line) || !stay->frontend) return kNothing;
   char text[32];
-  std::snprintf(text, sizeof text, "%.1f %%", whole.lost);
+  std::snprintf(text, sizeof text, "%.1f %%",
+                (stay->backend ? stay->backend : stay->frontend)->lost);
   return text;
 }
 
-std::string RateText(double rate, const FlowPoint* point) {
-  return point == nullptr ? "-" : BytesWords(rate) + "/s";
+std::string CarriedText(const Line& line, double FlowPoint::*rate, uint64_t Stay::*bytes) {
+  if (const FlowPoint* const point = PointOf(line)) return BytesWords(point->*rate) + "/s";
+  if (line.is_first || line.stay == nullptr || IsSilent(line)) return kNothing;
+  return BytesWords(static_cast<double>(line.stay->*bytes));
 }
 
-std::string NodeText(const Flow& flow) {
-  if (!flow.node.empty()) return flow.node;
-  return flow.failures == 0 || flow.accelerated ? "direct" : "direct, node failed";
+// In brackets what stands in the tables alone.
+std::string SavesText(const Line& line) {
+  if (line.stay == nullptr) return kNothing;
+  const Worth worth = WorthOf(*line.stay);
+  const auto saves = worth.saves();
+  if (!saves) return "unknown";
+  const std::string text = std::to_string(*saves) + " ms";
+  return worth.basis == Worth::Basis::kTables ? "(" + text + ")" : text;
+}
+
+std::string NodeText(const Line& line) {
+  if (line.trial != nullptr) return line.trial->node;
+  if (line.stay != nullptr) return line.stay->node;
+  return line.flow->failures == 0 || line.flow->accelerated ? "direct" : "direct, node failed";
+}
+
+std::string SinceStart(const Flow& flow, uint64_t time_ms) {
+  return SpanWords(static_cast<uint32_t>(time_ms - std::min(time_ms, flow.first_ms)));
+}
+
+std::string NameText(const Line& line) {
+  if (line.is_first) return line.flow->game;
+  if (line.trial != nullptr) return "  since " + SinceStart(*line.flow, line.trial->from_ms);
+  return "  until " + SinceStart(*line.flow, line.stay->until_ms);
 }
 
 uint32_t AgeMs(const Flow& flow, uint64_t now_ms) {
@@ -63,39 +113,37 @@ struct Column {
   const char* title;
   size_t width;
   int rank;  // the higher, the sooner it is left out
-  std::string (*text)(const Flow& flow, uint64_t now_ms);
+  std::string (*text)(const Line& line, uint64_t now_ms);
 };
 
 constexpr size_t kGap = 2;
 constexpr size_t kLeastEvent = 16;
 
 const Column kColumns[] = {
-    {"GAME SERVER", 21, 0, [](const Flow& flow, uint64_t) { return flow.game; }},
-    {"TYPE", 4, 5, [](const Flow& flow, uint64_t) { return flow.type; }},
-    {"NODE", 26, 1, [](const Flow& flow, uint64_t) { return NodeText(flow); }},
-    {"FRONTEND", 12, 2,
-     [](const Flow& flow, uint64_t) {
-       return DelayText(flow.last_point() ? flow.last_point()->frontend : std::nullopt);
+    {"GAME SERVER", 21, 0, [](const Line& line, uint64_t) { return NameText(line); }},
+    {"TYPE", 4, 6,
+     [](const Line& line, uint64_t) { return line.is_first ? line.flow->type : std::string(); }},
+    {"NODE", 26, 2, [](const Line& line, uint64_t) { return NodeText(line); }},
+    {"SAVES", 8, 1, [](const Line& line, uint64_t) { return SavesText(line); }},
+    {"FRONTEND", 12, 3,
+     [](const Line& line, uint64_t) { return DelayText(line, &Stay::frontend); }},
+    {"BACKEND", 12, 8, [](const Line& line, uint64_t) { return DelayText(line, &Stay::backend); }},
+    {"LOSS", 7, 4, [](const Line& line, uint64_t) { return LossText(line); }},
+    {"SENT", 11, 5,
+     [](const Line& line, uint64_t) {
+       return CarriedText(line, &FlowPoint::sent_rate, &Stay::sent_bytes);
      }},
-    {"BACKEND", 12, 7,
-     [](const Flow& flow, uint64_t) {
-       return DelayText(flow.last_point() ? flow.last_point()->backend : std::nullopt);
+    {"RECEIVED", 11, 5,
+     [](const Line& line, uint64_t) {
+       return CarriedText(line, &FlowPoint::recv_rate, &Stay::recv_bytes);
      }},
-    {"LOSS", 7, 3, [](const Flow& flow, uint64_t) { return LossText(flow.last_point()); }},
-    {"SENT", 11, 4,
-     [](const Flow& flow, uint64_t) {
-       const FlowPoint* const point = flow.last_point();
-       return RateText(point ? point->sent_rate : 0, point);
+    {"AGE", 10, 7,
+     [](const Line& line, uint64_t now_ms) {
+       return line.is_first ? SpanWords(AgeMs(*line.flow, now_ms)) : std::string();
      }},
-    {"RECEIVED", 11, 4,
-     [](const Flow& flow, uint64_t) {
-       const FlowPoint* const point = flow.last_point();
-       return RateText(point ? point->recv_rate : 0, point);
-     }},
-    {"AGE", 10, 6,
-     [](const Flow& flow, uint64_t now_ms) { return SpanWords(AgeMs(flow, now_ms)); }},
 };
-constexpr int kLastRank = 7;
+constexpr int kLastRank = 8;
+constexpr int kLastRankBeforeEvent = 4;
 
 std::vector<const Column*> ColumnsWithin(size_t width) {
   for (int most = kLastRank; most >= 0; --most) {
@@ -107,26 +155,41 @@ std::vector<const Column*> ColumnsWithin(size_t width) {
       sum += column.width + kGap;
     }
     // The last event matters more than the columns of the highest ranks.
-    const size_t rest = most > 3 ? kLeastEvent : 0;
+    const size_t rest = most > kLastRankBeforeEvent ? kLeastEvent : 0;
     if (sum + rest <= width || most == 0) return columns;
   }
   return {};
 }
 
-std::string Row(const std::vector<const Column*>& columns, size_t width, const Flow* flow,
+// Without a line: the heading.
+std::string Row(const std::vector<const Column*>& columns, size_t width, const Line* of,
                 uint64_t now_ms) {
   std::string line;
   for (const Column* column : columns) {
-    line += Fit(flow != nullptr ? column->text(*flow, now_ms) : column->title, column->width) +
+    line += Fit(of != nullptr ? column->text(*of, now_ms) : column->title, column->width) +
             std::string(kGap, ' ');
   }
   const size_t used = Width(line);
-  if (used + kLeastEvent <= width) {
-    line += Cut(flow != nullptr ? flow->last_event() : "LAST EVENT", width - used);
+  if (used + kLeastEvent <= width && (of == nullptr || of->is_first)) {
+    line += Cut(of != nullptr ? of->flow->last_event() : "LAST EVENT", width - used);
   }
   line = Cut(line, width);
   line.erase(line.find_last_not_of(' ') + 1);
   return line;
+}
+
+// Earlier nodes, of which a flow may have had many: the latest.
+constexpr size_t kMostEarlier = 3;
+
+void AddLines(const Flow& flow, std::vector<Line>* lines) {
+  lines->push_back({.flow = &flow, .stay = flow.stay()});
+  if (!flow.trials.empty() && flow.trials.back().until_ms == 0) {
+    lines->push_back({.flow = &flow, .trial = &flow.trials.back(), .is_first = false});
+  }
+  const size_t stays = flow.stays.size();
+  for (size_t back = 2; back <= stays && back <= kMostEarlier + 1; ++back) {
+    lines->push_back({.flow = &flow, .stay = &flow.stays[stays - back], .is_first = false});
+  }
 }
 
 std::vector<const Flow*> InOrder(const FlowBook& book) {
@@ -154,14 +217,18 @@ std::vector<std::string> TopLines(const FlowBook& book, ScreenSize screen, uint6
   if (screen.rows == 0 || screen.rows > 2) {
     lines.push_back(Row(columns, screen.columns, nullptr, now_ms));
   }
-  for (size_t i = 0; i < flows.size(); ++i) {
+  std::vector<Line> rows;
+  for (const Flow* flow : flows) AddLines(*flow, &rows);
+  for (size_t i = 0; i < rows.size(); ++i) {
     const bool is_last_line = screen.rows != 0 && lines.size() + 1 >= screen.rows;
-    if (is_last_line && i + 1 < flows.size()) {
-      const std::string more = std::to_string(flows.size() - i);
-      if (lines.size() < screen.rows) lines.push_back(Cut("… " + more + " more", screen.columns));
+    if (is_last_line && i + 1 < rows.size()) {
+      const auto more = std::count_if(rows.begin() + static_cast<std::ptrdiff_t>(i), rows.end(),
+                                      [](const Line& line) { return line.is_first; });
+      const std::string text = more == 0 ? "…" : "… " + std::to_string(more) + " more";
+      if (lines.size() < screen.rows) lines.push_back(Cut(text, screen.columns));
       break;
     }
-    lines.push_back(Row(columns, screen.columns, flows[i], now_ms));
+    lines.push_back(Row(columns, screen.columns, &rows[i], now_ms));
   }
   if (screen.rows != 0 && lines.size() > screen.rows) lines.resize(screen.rows);
   return lines;
