@@ -1,10 +1,9 @@
 #include "client/watch/report_page.h"
 
-#include <cstdio>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "client/files.h"
 #include "client/watch/page_parts.h"
 
 namespace client {
@@ -112,14 +111,7 @@ std::string ReportPage(const FlowBook& book, const std::vector<std::string>& not
 }
 
 std::string WritePage(const std::string& path, const std::string& page) {
-  const std::string fresh = path + ".new";
-  {
-    std::ofstream file(fresh, std::ios::binary | std::ios::trunc);
-    file << page;
-    if (!file.flush()) return "cannot be written";
-  }
-  std::remove(path.c_str());
-  return std::rename(fresh.c_str(), path.c_str()) == 0 ? "" : "cannot be replaced";
+  return ReplaceFile(path, page);
 }
 
 }  // namespace client
