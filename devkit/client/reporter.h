@@ -18,6 +18,8 @@ class Reporter {
   void Compiled(const std::string& route_file, const std::string& content) const;
   void Ready(const std::string& file, const TakeoverReport& report) const;
   void Changed(const std::string& file, const TakeoverReport& report) const;
+  // What keeps the file from being read while it is served; empty once it can be again.
+  void Trouble(const std::string& file, const std::string& trouble) const;
   // An edit that is refused: its problems have been reported.
   void Refused(const std::string& file) const;
 
