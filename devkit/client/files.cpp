@@ -47,7 +47,7 @@ FileText ReadWhole(const std::string& name) {
   return {std::move(text), ""};
 }
 
-std::string ReplaceFile(const std::string& name, const std::string& content) {
+std::string WriteWhole(const std::string& name, const std::string& content) {
   if (std::string reason = WhyNotWritable(name); !reason.empty()) return reason;
   std::error_code error;
   std::ofstream file(BesideOf(name), std::ios::binary | std::ios::trunc);

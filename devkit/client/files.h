@@ -21,9 +21,9 @@ FileText ReadWhole(const std::string& name);
 
 // Writes beside the file first, so that whoever has it open finds all of the old content or all of
 // the new. The reason in words, or nothing on success.
-std::string ReplaceFile(const std::string& name, const std::string& content);
+std::string WriteWhole(const std::string& name, const std::string& content);
 
-// Why ReplaceFile could not write there, in words; empty if it could. Leaves what stands there.
+// Why WriteWhole could not write there, in words; empty if it could. Leaves what stands there.
 std::string WhyNotWritable(const std::string& name);
 
 }  // namespace client

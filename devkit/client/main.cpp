@@ -228,7 +228,7 @@ int Sample(const Options& options) {
   std::error_code error;
   const bool exists = std::filesystem::exists(client::PathOf(options.sample_file), error);
   const std::string reason =
-      exists ? "exists already" : client::ReplaceFile(options.sample_file, text);
+      exists ? "exists already" : client::WriteWhole(options.sample_file, text);
   if (reason.empty()) return kDone;
   reporter.Failure(options.sample_file + ": " + reason);
   return kFailed;

@@ -152,12 +152,12 @@ TEST(ClientFiles, TellWhyNothingIsRead) {
 TEST(ClientFiles, HaveNamesInUtf8AndAreReplacedAsAWhole) {
   const test::RealDir dir;
   const std::string name = dir.File("\xC3\xA4\xE4\xB8\xAD.toml");
-  EXPECT_EQ(client::ReplaceFile(name, "first"), "");
-  EXPECT_EQ(client::ReplaceFile(name, "second"), "");
+  EXPECT_EQ(client::WriteWhole(name, "first"), "");
+  EXPECT_EQ(client::WriteWhole(name, "second"), "");
   EXPECT_EQ(client::ReadWhole(name).text, "second");
   EXPECT_FALSE(std::filesystem::exists(client::PathOf(name + ".new")));
-  EXPECT_EQ(client::ReplaceFile(dir.File("."), ""), "is a directory, not a file");
-  EXPECT_EQ(client::ReplaceFile(dir.File("none/file"), ""), "cannot be written: no such folder");
+  EXPECT_EQ(client::WriteWhole(dir.File("."), ""), "is a directory, not a file");
+  EXPECT_EQ(client::WriteWhole(dir.File("none/file"), ""), "cannot be written: no such folder");
 }
 
 }  // namespace

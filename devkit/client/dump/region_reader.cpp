@@ -59,7 +59,7 @@ std::string ReadRouteFile(const std::string& path, Tables* tables) {
 // Written beside the file first: a game that starts at this moment must not find half of it.
 std::string WriteRouteFile(const std::string& path, const Tables& tables) {
   const auto* const bytes = reinterpret_cast<const char*>(&tables.route.image);
-  return ReplaceFile(path, std::string(bytes, sizeof(RouteTableImage)));
+  return WriteWhole(path, std::string(bytes, sizeof(RouteTableImage)));
 }
 
 }  // namespace client

@@ -111,7 +111,7 @@ std::string ReportPage(const FlowBook& book, const std::vector<std::string>& not
 }
 
 std::string WritePage(const std::string& path, const std::string& page) {
-  return ReplaceFile(path, page);
+  return WriteWhole(path, page);
 }
 
 }  // namespace client
