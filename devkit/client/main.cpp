@@ -2,6 +2,7 @@
 // watch and test games.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,13 +12,16 @@
 #include "abi/restriction_formats.h"
 #include "client/check/config_file.h"
 #include "client/check/switch_advice.h"
+#include "client/console.h"
 #include "client/dump/dump.h"
 #include "client/dump/region_reader.h"
 #include "client/explain/explain.h"
+#include "client/files.h"
 #include "client/live/serve_watch.h"
 #include "client/reporter.h"
 #include "client/sample/sample.h"
 #include "client/serve/file_watcher.h"
+#include "client/serve/only_server.h"
 #include "client/serve/takeover.h"
 #include "client/suggest.h"
 #include "client/watch/report_regions.h"
@@ -36,6 +40,7 @@ struct Options {
   bool json = false;
   bool until_eof = false;
   client::SampleOptions sample;
+  std::string sample_file;
   std::vector<unsigned long> notify_pids;
   std::string route_file;
   std::string destination;
@@ -46,16 +51,20 @@ struct Options {
   client::ServeOptions live;
 };
 
-// The parsed file, or nothing if it is refused; all problems have been printed. Without the advice
+// The parsed file, or nothing if it cannot be read or is refused; all problems have been printed,
+// and `*failure` is what to end with. Without the advice
 // if the caller prints the part that matters.
-std::optional<client::ConfigFile> Load(const Options& options, bool with_advice = true) {
+std::optional<client::ConfigFile> Load(const Options& options, int* failure,
+                                       bool with_advice = true) {
+  *failure = kBadFile;
   const client::Reporter reporter(options.json);
-  const auto text = client::ReadAll(options.file);
+  const client::FileText content = client::ReadWhole(options.file);
   client::ConfigFile file;
-  if (text) {
-    file = client::ParseConfig(*text);
+  if (content.text) {
+    file = client::ParseConfig(*content.text);
   } else {
-    file.problems.push_back({.reason = "cannot be read"});
+    file.problems.push_back({.reason = content.problem});
+    *failure = kFailed;
   }
   reporter.Report(options.file, with_advice ? client::AllProblems(file) : file.problems);
   if (client::HasErrors(file.problems)) return std::nullopt;
@@ -65,8 +74,13 @@ std::optional<client::ConfigFile> Load(const Options& options, bool with_advice 
 void FollowUntilEnd(const Options& options, const volatile std::sig_atomic_t* ended,
                     client::FileWatcher* file, client::Takeover* takeover) {
   const client::Reporter reporter(options.json);
+  std::string trouble;
   for (; *ended == 0; Sleep(kPollMs)) {
     const auto text = options.file != "-" ? file->Poll() : std::nullopt;
+    if (const std::string now = file->trouble(); now != trouble) {
+      trouble = now;
+      reporter.Trouble(options.file, trouble);
+    }
     if (!text) continue;
     const client::TakeoverReport report = takeover->Apply(*text, kMutexWaitMs);
     reporter.Report(options.file, report.problems);
@@ -81,17 +95,22 @@ void FollowUntilEnd(const Options& options, const volatile std::sig_atomic_t* en
 
 int Serve(const Options& options) {
   const client::Reporter reporter(options.json);
-  const auto text = client::ReadAll(options.file);
-  if (!text) {
-    reporter.Report(options.file, {{.reason = "cannot be read"}});
-    return kBadFile;
+  const client::OnlyServer only(options.file);
+  if (!only.other().empty()) {
+    reporter.Failure(only.other());
+    return kFailed;
+  }
+  const client::FileText content = client::ReadWhole(options.file);
+  if (!content.text) {
+    reporter.Report(options.file, {{.reason = content.problem}});
+    return kFailed;
   }
 #ifndef _WIN32
   std::fprintf(stderr,
                "vyr_client: this is not the Windows program: no other process sees the regions\n");
 #endif
   client::Takeover takeover({options.notify_pids.begin(), options.notify_pids.end()});
-  const client::TakeoverReport report = takeover.Apply(*text, kMutexWaitMs);
+  const client::TakeoverReport report = takeover.Apply(*content.text, kMutexWaitMs);
   reporter.Report(options.file, report.problems);
   if (client::HasErrors(report.problems)) return kBadFile;
   if (!report.failure.empty()) {
@@ -104,14 +123,15 @@ int Serve(const Options& options) {
   if (!lost.empty()) reporter.Failure(lost);
   const auto* const ended = devkit::NoticeTheEnd(options.until_eof);
   reporter.Ready(options.file, report);
-  client::FileWatcher watcher(options.file, *text);
+  client::FileWatcher watcher(options.file, *content.text);
   FollowUntilEnd(options, ended, &watcher, &takeover);
   return kDone;
 }
 
 int Compile(const Options& options) {
-  const auto file = Load(options);
-  if (!file) return kBadFile;
+  int failure = kDone;
+  const auto file = Load(options, &failure);
+  if (!file) return failure;
   const client::Reporter reporter(options.json);
   const std::string error = client::WriteRouteFile(options.route_file, *file->tables);
   if (!error.empty()) {
@@ -172,8 +192,9 @@ int ExplainDestination(const Options& options) {
     if (!tables) return kFailed;
     advice = client::AdviseOnSwitching(*tables);
   } else {
-    auto file = Load(options, false);
-    if (!file) return kBadFile;
+    int failure = kDone;
+    auto file = Load(options, &failure, false);
+    if (!file) return failure;
     tables = std::move(file->tables);
     advice = std::move(file->advice);
   }
@@ -188,8 +209,9 @@ int ExplainDestination(const Options& options) {
 }
 
 int Check(const Options& options) {
-  const auto file = Load(options);
-  if (!file) return kBadFile;
+  int failure = kDone;
+  const auto file = Load(options, &failure);
+  if (!file) return failure;
   client::Reporter(options.json).Checked(options.file, file->game_count);
   return kDone;
 }
@@ -204,7 +226,19 @@ int WatchReports(const Options& options) {
   return done ? kDone : kFailed;
 }
 
-int Sample(const Options& options) { return Print(client::WriteSample(options.sample)); }
+// A file that stands already may have been edited: it is not replaced.
+int Sample(const Options& options) {
+  const std::string text = client::WriteSample(options.sample);
+  if (options.sample_file.empty()) return Print(text);
+  const client::Reporter reporter(false);
+  std::error_code error;
+  const bool exists = std::filesystem::exists(client::PathOf(options.sample_file), error);
+  const std::string reason =
+      exists ? "exists already" : client::WriteWhole(options.sample_file, text);
+  if (reason.empty()) return kDone;
+  reporter.Failure(options.sample_file + ": " + reason);
+  return kFailed;
+}
 
 void AddFile(CLI::App* command, Options* options) {
   command->add_option("FILE", options->file, "the configuration, TOML; - reads standard input")
@@ -249,8 +283,12 @@ void AddFileCommands(CLI::App* app, Options* options, Action* action) {
       ->expected(1, moru_vyr::lsp::kMaxGames);
   sample
       ->add_option("--log-dir", options->sample.log_path,
-                   "where the log files go, with a backslash at its end")
+                   "where the log files go; the library makes the folder")
       ->type_name("FOLDER");
+  sample
+      ->add_option("-o,--output", options->sample_file,
+                   "write a new file, in UTF-8, instead of to standard output")
+      ->type_name("FILE");
   sample->callback([action] { *action = Sample; });
 }
 
@@ -308,7 +346,7 @@ void AddQuestions(CLI::App* app, Options* options, Action* action) {
   explain->add_option("PROTOCOL", options->protocol, "tcp or udp")
       ->required()
       ->type_name("")
-      ->check(CLI::IsMember({"tcp", "udp"}).description(""));
+      ->check(CLI::IsMember({"tcp", "udp"}, CLI::ignore_case).description(""));
   explain->add_option("--file", options->file, "ask this file instead of the tables in force")
       ->type_name("FILE");
   explain
@@ -339,10 +377,18 @@ int RefuseCommand(const CLI::App& app, const std::string& word) {
   return kUsage;
 }
 
+// Standard output may be buffered until now, and the disk full.
+int Written(int code) {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return code;
+  std::fprintf(stderr, "vyr_client: the output cannot be written\n");
+  return code == kDone ? kFailed : code;
+}
+
 int Run(int argc, char** argv) {
+  const client::Console console;
   CLI::App app(
       "Tells the library which games it serves, and how, and shows what it reports.\n\n"
-      "  vyr_client sample --game 'C:\\games\\game.exe' > games.toml\n"
+      "  vyr_client sample --game \"C:\\games\\game.exe\" -o games.toml\n"
       "  vyr_client explain 198.51.100.10:8080 udp --file games.toml\n"
       "  vyr_client serve games.toml\n"
       "  vyr_client watch --follow --report run.html\n",
@@ -360,7 +406,7 @@ int Run(int argc, char** argv) {
   AddQuestions(&app, &options, &action);
 
   try {
-    app.parse(argc, argv);
+    app.parse(client::Arguments(argc, argv));
   } catch (const CLI::ParseError& error) {
     if (const std::string word = NoCommand(app); error.get_exit_code() != 0 && !word.empty()) {
       return RefuseCommand(app, word);
@@ -375,7 +421,7 @@ int Run(int argc, char** argv) {
     std::fprintf(stderr, "vyr_client: --serve: %s\n", problem.c_str());
     return kUsage;
   }
-  return action(options);
+  return Written(action(options));
 }
 
 }  // namespace

@@ -72,12 +72,16 @@ void Reporter::Changed(const std::string& file, const TakeoverReport& report) co
                                         {"table", row.label},        {"region", row.name},
                                         {"content", change.summary}, {"effect", row.effect}};
       if (change.region == kSpur) message["notified"] = change.notified;
+      if (!change.lost.empty()) message["lost"] = change.lost;
       PrintJson(message);
       continue;
     }
     std::printf("taken over: %s, %s (counts for %s)\n", row.label, change.summary.c_str(),
                 row.effect);
     if (change.region == kSpur) std::printf("            %zu notified\n", change.notified);
+    if (!change.lost.empty()) {
+      std::printf("            warning: it is empty now; it held %s\n", change.lost.c_str());
+    }
   }
   if (!json_ && report.changes.empty() && report.failure.empty()) {
     std::printf("the file changed, the tables did not\n");
@@ -91,6 +95,18 @@ void Reporter::Serving(const std::string& url) const {
   } else {
     std::printf("serving %s\n", url.c_str());
     std::fflush(stdout);
+  }
+}
+
+void Reporter::Trouble(const std::string& file, const std::string& trouble) const {
+  if (json_) {
+    PrintJson({{"event", trouble.empty() ? "readable" : "unreadable"},
+               {"file", file},
+               {"reason", trouble}});
+  } else if (trouble.empty()) {
+    std::fprintf(stderr, "%s: can be read again\n", file.c_str());
+  } else {
+    std::fprintf(stderr, "%s: %s; what was served before stays\n", file.c_str(), trouble.c_str());
   }
 }
 

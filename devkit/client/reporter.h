@@ -20,6 +20,8 @@ class Reporter {
   void Changed(const std::string& file, const TakeoverReport& report) const;
   // Where a watch shows what it takes.
   void Serving(const std::string& url) const;
+  // What keeps the file from being read while it is served; empty once it can be again.
+  void Trouble(const std::string& file, const std::string& trouble) const;
   // An edit that is refused: its problems have been reported.
   void Refused(const std::string& file) const;
 

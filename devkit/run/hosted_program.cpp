@@ -65,6 +65,13 @@ bool HostedProgram::CreateReport() {
   return true;
 }
 
+std::wstring HostedProgram::ImagePath() const {
+  std::vector<wchar_t> path(32768);
+  DWORD size = static_cast<DWORD>(path.size());
+  if (!QueryFullProcessImageNameW(process_.hProcess, 0, path.data(), &size)) return {};
+  return {path.data(), size};
+}
+
 bool HostedProgram::PlaceHost(const std::wstring& host_path, HostConfig config) {
   HANDLE in_program = nullptr;
   if (!DuplicateHandle(GetCurrentProcess(), mapping_, process_.hProcess, &in_program, 0, FALSE,

@@ -24,6 +24,9 @@ class HostedProgram {
 
   winsock_host::Kind kind() const { return winsock_host::KindOfProcess(process_.hProcess); }
 
+  // Full, as the program itself and the library get it. Empty if it is not known.
+  std::wstring ImagePath() const;
+
   // For a program of our own kind.
   bool PlaceHost(const std::wstring& host_path, winsock_host::HostConfig config);
   // For one of the other kind, through the launcher of that kind. Returns its exit code, or

@@ -2,12 +2,15 @@
 
 #include <cstdio>
 #include <cwchar>
+#include <optional>
 #include <string>
 
 #include "files.h"
 #include "hosted_program.h"
 #include "injector.h"
+#include "log_follower.h"
 #include "options.h"
+#include "served.h"
 #include "text.h"
 #include "trace.h"
 #include "winsock_host/join.h"
@@ -119,6 +122,28 @@ std::wstring LibraryOf(const HostedProgram& hosted, const HostConfig& config) {
   return winsock_host::FindKindFile(FolderOf(nullptr), hosted.kind(), name);
 }
 
+// What becomes of the program, before it runs. Tables concern the product; another library may read
+// something else.
+void SayWhetherServed(const Options& options, const HostedProgram& hosted,
+                      const std::wstring& library) {
+  if (library.empty()) return;
+  if (_wcsicmp(FileName(library).c_str(), FilesOf(hosted.kind()).library) != 0) {
+    if (!options.quiet) Complain(L"with " + library + L", which has tables of its own or none");
+    return;
+  }
+  const Served served = AskTables(hosted.ImagePath());
+  if (!options.quiet) Complain(served.words);
+  if (options.log_level < 0) return;
+  if (!served.is_listed) {
+    Complain(L"there will be no log");
+  } else if (served.log_level > 5) {
+    Complain(L"nothing is logged: the game's log_level is " + std::to_wstring(served.log_level));
+  } else if (static_cast<int>(served.log_level) > options.log_level) {
+    Complain(L"only lines of level " + std::to_wstring(served.log_level) +
+             L" and above are written: that is the game's log_level");
+  }
+}
+
 int RunProgram(const Options& options, const std::wstring& program) {
   HostConfig config;
   if (!FillConfig(options, &config)) {
@@ -133,7 +158,11 @@ int RunProgram(const Options& options, const std::wstring& program) {
   const int failure = hosted.kind() == kOwnKind ? PlaceHost(&hosted, &config)
                                                 : PlaceHostOfOtherKind(&hosted, program, config);
   if (failure != 0) return failure;
+  SayWhetherServed(options, hosted, LibraryOf(hosted, config));
+  std::optional<LogFollower> log;
+  if (options.log_level >= 0) log.emplace(hosted.report(), options.log_level);
   const DWORD exit_code = hosted.RunToEnd();
+  log.reset();
   const RunFacts facts = {program, LibraryOf(hosted, config), hosted.kind() == Kind::k64,
                           exit_code};
   if (!options.trace.empty() && !WriteTrace(options.trace, facts, *hosted.report())) {
@@ -172,6 +201,10 @@ int Main(int argc, char** argv) {
   if (!ParseCommandLine(GetCommandLineW(), &options, &problem)) {
     Complain(problem + L"; see vyr_run --help");
     return kBadUsage;
+  }
+  if (options.version) {
+    std::puts("vyr_run " VYR_VERSION);
+    return 0;
   }
   if (options.help) {
     std::fputs(kHelp, stdout);

@@ -15,9 +15,13 @@ const char kHelp[] =
     "  --bare          no library: the base provider alone, as a control\n"
     "  --next MODULE   what the catalogue names as the next provider under the library\n"
     "                  (default: winsock_base.dll or winsock_base64.dll); not checked\n"
+    "  --quiet         no line that says whether PROGRAM is served, and as which game\n"
+    "  --log LEVEL     show the library's log as it goes, on standard error: lines of this level\n"
+    "                  and above, 0 to 5, as far as the game's log_level has them written\n"
     "  --trace FILE    write what was seen, as JSON lines, when the program has ended:\n"
     "                  catalogue entries started and cleaned up, calls counted, debugger\n"
     "                  output\n"
+    "  --version       which version this is\n"
     "  --help          this text\n"
     "\n"
     "What differs between installations and versions of Winsock; the first word is the default:\n"
@@ -114,6 +118,7 @@ void Choose(const Choice& choice, const std::wstring& word, Options* options,
 bool* FlagOption(const std::wstring& name, Options* options) {
   if (name == L"--bare") return &options->bare;
   if (name == L"--keep-loaded") return &options->keep_loaded;
+  if (name == L"--quiet") return &options->quiet;
   return nullptr;
 }
 
@@ -128,6 +133,14 @@ std::wstring* TextOption(const std::wstring& name, Options* options) {
 
 namespace {
 
+void TakeLogLevel(const std::wstring& word, Options* options, std::wstring* problem) {
+  if (word.size() == 1 && word[0] >= L'0' && word[0] <= L'5') {
+    options->log_level = word[0] - L'0';
+  } else {
+    *problem = L"--log takes a level from 0 to 5";
+  }
+}
+
 // Takes one option, with its value where it has one.
 void TakeOption(const std::wstring& name, Splitter* words, Options* options,
                 std::wstring* problem) {
@@ -135,7 +148,9 @@ void TakeOption(const std::wstring& name, Splitter* words, Options* options,
   std::wstring* text = TextOption(name, options);
   if (bool* flag = FlagOption(name, options)) {
     *flag = true;
-  } else if (choice == nullptr && text == nullptr) {
+  } else if (name == L"--log" && !words->AtEnd()) {
+    TakeLogLevel(words->Next(), options, problem);
+  } else if (choice == nullptr && text == nullptr && name != L"--log") {
     *problem = L"unknown option " + name;
   } else if (words->AtEnd()) {
     *problem = name + L" needs a value";
@@ -162,8 +177,8 @@ bool ParseCommandLine(const wchar_t* line, Options* options, std::wstring* probl
     }
     if (word == L"--") {
       options_end = true;
-    } else if (word == L"--help" || word == L"-h") {
-      options->help = true;
+    } else if (word == L"--help" || word == L"-h" || word == L"--version") {
+      (word == L"--version" ? options->version : options->help) = true;
       return true;
     } else {
       TakeOption(word, &words, options, problem);

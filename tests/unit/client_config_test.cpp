@@ -198,6 +198,17 @@ std::string Repeat(const std::string& text, size_t times) {
   return all;
 }
 
+// Games with paths and numbers of their own.
+std::string Games(int count) {
+  std::string all;
+  for (int i = 0; i < count; ++i) {
+    const std::string number = std::to_string(i);
+    all += "[[game]]\ngame_id = " + number + "\ngame_paths = ['C:\\" + number +
+           ".exe']\nnet_mode = ['TCP']\nlog_level = 5\nlog_path = 'C:\\log\\'\n";
+  }
+  return all;
+}
+
 // A value that just fits its field, and the same with one more: [0] is taken, [1] is refused.
 TEST(ClientConfig, BoundsAreTakenAndOneMoreIsRefused) {
   const auto path = [](size_t size) { return "second_path = '" + std::string(size, 'x') + "'\n"; };
@@ -214,7 +225,7 @@ TEST(ClientConfig, BoundsAreTakenAndOneMoreIsRefused) {
       // Bytes count, not letters.
       {line("second_text = '" + Repeat("\xC3\xA4", 31) + "'"),
        line("second_text = '" + Repeat("\xC3\xA4", 32) + "'")},
-      {Repeat(kGame, 10), Repeat(kGame, 11)},
+      {Games(10), Games(11)},
       {list("excluded_ports", "80", 32), list("excluded_ports", "80", 33)},
       {list("reserved_words", "1", 4), list("reserved_words", "1", 5)},
       {list("port_idc_records", "{port = 1, idc = 1}", 256),
@@ -245,9 +256,11 @@ TEST(ClientConfig, BoundsAreTakenAndOneMoreIsRefused) {
 
 TEST(ClientConfig, TenGamePathsFitAndElevenDoNot) {
   const auto with_paths = [](size_t count) {
+    std::string paths;
+    for (size_t i = 0; i < count; ++i) paths += "'C:\\" + std::to_string(i) + ".exe', ";
     return ParseConfig(
         "[[game]]\ngame_id = 1\nnet_mode = 0\nlog_level = 0\nlog_path = 'C:\\a\\'\n" +
-        ("game_paths = [" + Repeat("'C:\\a.exe', ", count)) + "]\n");
+        ("game_paths = [" + paths) + "]\n");
   };
   EXPECT_EQ(Describe(with_paths(10).problems), "");
   EXPECT_EQ(NumberAt(with_paths(10), kFirstGame + 20, 4), 10u);
@@ -259,6 +272,25 @@ struct Refusal {
   const char* text;  // behind the six lines of a right game
   const char* report;
 };
+
+TEST(ClientConfig, WarnsOfPathsAndNumbersThatTwoGamesHave) {
+  const std::string second =
+      "[[game]]\ngame_id = 10001\ngame_paths = ['C:\\b.exe', 'c:\\GAMES\\game.exe', 'C:\\B.exe']\n"
+      "net_mode = 0\nlog_level = 5\nlog_path = 'C:\\log\\'\n";
+  const ConfigFile file = ParseConfig(kGame + second);
+  EXPECT_EQ(
+      Describe(file.problems),
+      "file:8: warning: key 'game[1].game_id': is that of game[0] too: no report tells the "
+      "two apart\n"
+      "file:9: warning: key 'game[1].game_paths[1]': 'c:\\GAMES\\game.exe' is a path of game[0] "
+      "already, whose settings count for it\n"
+      "file:9: warning: key 'game[1].game_paths[2]': 'C:\\B.exe' is a path of game[1] "
+      "already\n");
+  EXPECT_EQ(Describe(ParseConfig(kGame + "valid = 0\n" + second).problems),
+            "file:10: warning: key 'game[1].game_paths[2]': 'C:\\B.exe' is a path of game[1] "
+            "already\n")
+      << "a record that is left out takes nothing";
+}
 
 class ClientConfigRefusal : public testing::TestWithParam<Refusal> {};
 
@@ -391,6 +423,12 @@ TEST(ClientConfig, WarnsOfPathsThatDoNothingUsefulAndTakesThem) {
       {"'game.exe'", "C:\\a\\", "is no full path like C:\\games\\game.exe, so it never matches"},
       {"'C:/a.exe'", "C:\\a\\",
        "has a '/': a process's path has backslashes only, so this never matches"},
+      {"'C:\\games\\*.exe'", "C:\\a\\",
+       "has a wildcard: paths are compared whole, so this never matches"},
+      {"'C:\\games\\?.exe'", "C:\\a\\",
+       "has a wildcard: paths are compared whole, so this never matches"},
+      {"'C:\\a.exe'", "C:\\a*\\",
+       "holds a sign that no folder's name can have, so no log is written"},
       {"'C:\\a.exe'", "C:\\a", "does not end in a backslash: the log files go to the folder above"},
   };
   for (const Doubt& doubt : doubts) {
@@ -433,6 +471,19 @@ TEST(ClientSample, HoldsOrExplainsEveryKeyOfTheFieldTable) {
     ++keys;
   });
   EXPECT_GT(keys, 130u);
+}
+
+TEST(ClientSample, PutsABackslashBehindTheLogDirectoryWhereItLacksOne) {
+  for (const char* folder : {"D:\\logs", "D:\\logs\\"}) {
+    const ConfigFile file = ParseConfig(client::WriteSample({{"C:\\a.exe"}, folder}));
+    EXPECT_EQ(Describe(file.problems), "");
+    EXPECT_STREQ(BytesAt(file, kFirstGame + 2888), "D:\\logs\\");
+  }
+}
+
+// Level 0 would write a line for each datagram of whoever only wants to begin.
+TEST(ClientSample, LogsEventsAndNotEachCall) {
+  EXPECT_EQ(NumberAt(ParseConfig(client::WriteSample({})), kFirstGame + 2884, 4), 4u);
 }
 
 TEST(ClientSample, TakesPathsWithAnySign) {

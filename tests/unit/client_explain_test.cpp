@@ -42,6 +42,28 @@ class ClientExplain : public testing::Test {
   }
 };
 
+TEST_F(ClientExplain, NamesTheGameThatWasAskedFor) {
+  auto question = *ParseQuestion("198.51.100.10:8080", "tcp");
+  const std::pair<const char*, const char*> asked[] = {
+      {"", "C:\\vyr\\ffmpeg.exe"},
+      {"10001", "C:\\vyr\\ffmpeg.exe"},
+      {"ESBUILD.exe", "C:\\vyr\\esbuild.exe"},
+      {"c:\\vyr\\esbuild.exe", "C:\\vyr\\esbuild.exe"},
+  };
+  for (const auto& [game, path] : asked) {
+    question.game = game;
+    EXPECT_EQ(Explain(*Sample(), question, {}).game_path, path) << game;
+  }
+  question.game = "other.exe";
+  EXPECT_EQ(Explain(*Sample(), question, {}).problem, "no listed game is 'other.exe'");
+}
+
+TEST_F(ClientExplain, TakesAProtocolInLettersOfAnyCase) {
+  EXPECT_FALSE(ParseQuestion("198.51.100.10:8080", "TCP").value().udp);
+  EXPECT_TRUE(ParseQuestion("198.51.100.10:8080", "Udp").value().udp);
+  EXPECT_FALSE(ParseQuestion("198.51.100.10:8080", "icmp").has_value());
+}
+
 struct Ending {
   const char* destination;
   const char* protocol;

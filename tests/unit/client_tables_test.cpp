@@ -246,7 +246,9 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"[[idc]]\ngame_idc = 1002\naddresses = 'x'",
                 "18: key 'idc[1].addresses': wants a list, found a text"},
         Refusal{"[[idc]]\ngame_idc = 1002", "16: key 'idc[1].addresses': is missing"},
-        Refusal{"[spur]\ngame_idc = 1002", "16: key 'spur': wants a list, found a table"},
+        Refusal{"[spur]\ngame_idc = 1002",
+                "16: key 'spur': is a list: begin each of its entries with [[spur]], with two "
+                "brackets"},
         Refusal{"[[spur]]\ngame_idc = 'west'\naddresses = []",
                 "17: key 'spur[0].game_idc': no [[idc]] has the name 'west'"},
         Refusal{"[[spur]]\ngame_idc = 1\nvip_level = 0\naddresses = []",
@@ -391,7 +393,7 @@ TEST(ClientRouteFile, OfAnotherSizeIsRefused) {
     EXPECT_EQ(client::ReadRouteFile(path, client::NewTables().get()),
               "has " + std::to_string(size) + " bytes, a route table has 65668");
   }
-  EXPECT_EQ(client::ReadRouteFile(dir.File("none"), client::NewTables().get()), "cannot be read");
+  EXPECT_EQ(client::ReadRouteFile(dir.File("none"), client::NewTables().get()), "does not exist");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "client/check/config_file.h"
 #include "client/dump/region_reader.h"
 #include "client/serve/file_watcher.h"
+#include "client/serve/only_server.h"
 #include "route/acc_config.h"
 #include "route/route.h"
 #include "tests/unit/real_dir.h"
@@ -77,6 +78,42 @@ TEST(ClientTakeover, OnlyChangesAreWritten) {
             "route table: 0 nodes, 0 routes and 0 for acc_mode 2\nIP table: 0 addresses\n"
             "spur list: 0 addresses\n");
   EXPECT_EQ(ReadRegions(kTakeoverWaitMs).tables->spur.spur_count, 0u);
+}
+
+TEST(ClientTakeover, AListThatShrinksToNothingSaysWhatItHeld) {
+  Takeover takeover({});
+  const auto lost = [](const TakeoverReport& report) {
+    std::string all;
+    for (const client::Change& change : report.changes) all += change.lost + ";";
+    return all;
+  };
+  const std::string full = kGame + Nodes("1.2.3.4") + Spur("9.9.9.9");
+  EXPECT_EQ(lost(takeover.Apply(full, kTakeoverWaitMs)), ";;;;") << "there was nothing to lose";
+  EXPECT_EQ(lost(takeover.Apply(kGame + Nodes("1.2.3.5") + Spur("9.9.9.9"), kTakeoverWaitMs)), ";");
+  EXPECT_EQ(lost(takeover.Apply(kGame, kTakeoverWaitMs)),
+            "1 node, 1 route and 0 for acc_mode 2;1 address;1 address;");
+  EXPECT_EQ(lost(takeover.Apply("game = []\n", kTakeoverWaitMs)), "1 game;");
+}
+
+TEST(ClientTakeover, GamesThatAreMendedAreCounted) {
+  Takeover takeover({});
+  EXPECT_EQ(Changes(takeover.Apply(kGame + "mend = 'all'\n", kTakeoverWaitMs)),
+            "mending: 1 game\ngames: 1 game\n");
+}
+
+TEST(ClientOnlyServer, ASecondOneIsToldOfTheFirst) {
+  {
+    const client::OnlyServer first("games.toml");
+    EXPECT_EQ(first.other(), "");
+    const client::OnlyServer second("other.toml");
+    EXPECT_EQ(second.other().rfind("another vyr_client serves already: process " +
+                                       std::to_string(GetCurrentProcessId()) + ", with ",
+                                   0),
+              0u)
+        << second.other();
+    EXPECT_NE(second.other().find("games.toml"), std::string::npos);
+  }
+  EXPECT_EQ(client::OnlyServer("other.toml").other(), "") << "the first has ended";
 }
 
 TEST(ClientTakeover, ABrokenTextLeavesEverythingInForce) {
@@ -208,6 +245,35 @@ TEST(ClientFileWatcher, HalfWrittenAndMissingFilesAreIgnored) {
   std::remove(path.c_str());
   EXPECT_EQ(watcher.Poll(), std::nullopt);
   Write(path, "second");
+  EXPECT_EQ(watcher.Poll(), "second");
+}
+
+std::string TroubleAfterLooks(client::FileWatcher* watcher, int looks) {
+  for (int i = 0; i < looks; ++i) EXPECT_EQ(watcher->Poll(), std::nullopt);
+  return watcher->trouble();
+}
+
+TEST(ClientFileWatcher, AFileThatStaysAwayOrEmptyIsTold) {
+  const test::RealDir dir;
+  const std::string path = dir.File("games.toml");
+  Write(path, "first");
+  client::FileWatcher watcher(path, "first");
+  EXPECT_EQ(TroubleAfterLooks(&watcher, 10), "");
+  std::remove(path.c_str());
+  EXPECT_EQ(TroubleAfterLooks(&watcher, 2), "") << "an editor may be writing";
+  EXPECT_EQ(TroubleAfterLooks(&watcher, 10), "has vanished");
+  Write(path, "first");
+  EXPECT_EQ(TroubleAfterLooks(&watcher, 2), "") << "the same file is back";
+  for (const char* nothing : {"", " \n\t\n"}) {
+    Write(path, nothing);
+    EXPECT_EQ(TroubleAfterLooks(&watcher, 30), "is empty") << "and stays told";
+  }
+  std::remove(path.c_str());
+  std::filesystem::create_directory(path);
+  EXPECT_EQ(TroubleAfterLooks(&watcher, 10), "is a directory, not a file");
+  std::filesystem::remove(path);
+  Write(path, "second");
+  EXPECT_EQ(TroubleAfterLooks(&watcher, 1), "");
   EXPECT_EQ(watcher.Poll(), "second");
 }
 

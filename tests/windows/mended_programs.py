@@ -217,7 +217,7 @@ class Stage:
         work = kind(server_of(column))
         folder = pathlib.Path(tempfile.mkdtemp(prefix=f"{work.name}-{column}-", dir=self.runner.folder))
         work.prepare(folder)
-        launcher = [] if column == PLAIN else [self.runner.launcher, "--"]
+        launcher = [] if column == PLAIN else [self.runner.launcher, "--quiet", "--"]
         program = support.windows_path(self.programs / work.program)
         before = set(self.bench.logs.glob("*"))
         code, said, errors, took = self._ended(work, folder, [*launcher, program, *work.arguments()])

@@ -180,6 +180,7 @@ class Runner:
         trace = folder / "trace.jsonl"
         command = [
             self.launcher,
+            "--quiet",
             "--trace",
             windows_path(trace),
             *options,

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "client/check/record_reader.h"
+#include "client/check/syntax_words.h"
 #include "client/check/table_rules.h"
 #include "client/check/toml.h"
 #include "client/check/toml_node.h"
@@ -10,11 +11,9 @@
 namespace client {
 namespace {
 
-Problem SyntaxProblem(const toml::parse_error& error) {
-  return {.severity = Problem::Severity::kError,
-          .line = error.source().begin.line,
-          .key = "",
-          .reason = std::string(error.description())};
+Problem SyntaxProblem(std::string_view text, const toml::parse_error& error) {
+  const toml::source_position at = error.source().begin;
+  return {.line = at.line, .reason = SyntaxWords(text, at.line, at.column, error.description())};
 }
 
 void SortByLine(Problems* problems) {
@@ -41,9 +40,13 @@ Problems AllProblems(const ConfigFile& file) {
 ConfigFile ParseConfig(std::string_view text) {
   ConfigFile file;
   file.tables = NewTables();
+  if (std::string reason = WhyWrongEncoding(text); !reason.empty()) {
+    file.problems.push_back({.reason = std::move(reason)});
+    return file;
+  }
   const toml::parse_result parsed = toml::parse(text);
   if (!parsed) {
-    file.problems.push_back(SyntaxProblem(parsed.error()));
+    file.problems.push_back(SyntaxProblem(text, parsed.error()));
     return file;
   }
   file.problems = ReadTables(parsed.table(), file.tables.get());

@@ -17,20 +17,50 @@ namespace {
 // "proxy_count" of "route.image.proxy_count".
 std::string_view LastPart(std::string_view place) { return place.substr(place.rfind('.') + 1); }
 
-std::string WhyUnknown(std::string_view key, const Shape& shape, const std::string& path) {
-  for (const Field& field : shape.fields) {
-    if (field.count_key != nullptr && key == LastPart(field.count_key)) {
-      return "is counted from '" + std::string(field.key) + "'; leave it out";
-    }
-  }
+const Field* CountedInto(std::string_view key, const Shape& shape) {
+  const auto found =
+      std::find_if(shape.fields.begin(), shape.fields.end(), [key](const Field& field) {
+        return field.count_key != nullptr && key == LastPart(field.count_key);
+      });
+  return found != shape.fields.end() ? &*found : nullptr;
+}
+
+// The key of the shape that a mistyped one stands for; empty if there is none.
+std::string MeantKey(std::string_view key, const Shape& shape) {
+  if (CountedInto(key, shape) != nullptr) return "";
   std::vector<std::string_view> keys;
   for (const Field& field : shape.fields) keys.emplace_back(field.key);
-  const std::string meant = Suggest(key, keys);
+  return Suggest(key, keys);
+}
+
+std::string WhyUnknown(std::string_view key, const Shape& shape, const std::string& path) {
+  if (const Field* const field = CountedInto(key, shape)) {
+    return "is counted from '" + std::string(field->key) + "'; leave it out";
+  }
+  const std::string meant = MeantKey(key, shape);
   if (!meant.empty()) return "is unknown; did you mean '" + meant + "'?";
   if (!path.empty() && FileShape().Find(key) != nullptr) {
     return "is unknown here; it belongs at the top of the file, before the first table";
   }
   return "is unknown here";
+}
+
+// "[[game.manual_routes]]" of "game[0].manual_routes".
+std::string ListHeader(const std::string& key) {
+  std::string header;
+  bool is_index = false;
+  for (const char c : key) {
+    is_index = (is_index || c == '[') && c != ']';
+    if (!is_index && c != ']') header += c;
+  }
+  return "[[" + header + "]]";
+}
+
+std::string WhyNoList(const toml::node& node, const std::string& key) {
+  const toml::table* const table = node.as_table();
+  if (table == nullptr) return std::string("wants a list, found ") + TypeName(node);
+  if (table->is_inline()) return "is a list: put brackets around its tables, [{ ... }]";
+  return "is a list: begin each of its entries with " + ListHeader(key) + ", with two brackets";
 }
 
 // Walks the tables of the file along the shapes of the records.
@@ -44,14 +74,15 @@ class Reader {
   void Table(const toml::table& table, const Shape& shape, std::byte* record,
              const std::string& path) {
     Keys(table, shape, path);
-    const bool whole = references_.TakeOverNode(table, shape, record, path);
+    const bool whole =
+        references_.TakeOverNode(table, shape, record, path) || MeansANode(table, shape);
     for (const Field& field : shape.fields) {
       const std::string key = path + field.key;
       if (field.kind == Kind::kFromNode || field.kind == Kind::kAddresses) continue;
       if (const toml::node* node = table.get(field.key)) {
-        std::vector<std::byte> spare(field.beside != nullptr ? field.offset + field.size : 0);
-        std::byte* const to = field.RecordOf(record, tables_);
-        Value(*node, field, to != nullptr ? to : spare.data(), key);
+        ReadField(*node, field, record, key);
+      } else if (const toml::node* const mistyped = Mistyped(table, shape, field)) {
+        ReadMistyped(*mistyped, field, record, key);
       } else if (field.required && !whole) {
         AddError(&problems_, LineOf(table), key, "is missing");
       } else if (field.fallback != 0) {
@@ -60,10 +91,46 @@ class Reader {
     }
   }
 
-  Problems Take() { return std::move(problems_); }
+  Problems Take() {
+    references_.NameOtherPlaces();
+    return std::move(problems_);
+  }
 
  private:
   using RecordOf = std::function<const std::byte*(size_t index)>;
+
+  void ReadField(const toml::node& node, const Field& field, std::byte* record,
+                 const std::string& key) {
+    std::vector<std::byte> spare(field.beside != nullptr ? field.offset + field.size : 0);
+    std::byte* const to = field.RecordOf(record, tables_);
+    Value(node, field, to != nullptr ? to : spare.data(), key);
+  }
+
+  static bool MeansANode(const toml::table& table, const Shape& shape) {
+    return std::any_of(shape.fields.begin(), shape.fields.end(), [&](const Field& field) {
+      return field.kind == Kind::kFromNode && Mistyped(table, shape, field) != nullptr;
+    });
+  }
+
+  // What an unknown key of the table holds that was meant to be this one.
+  static const toml::node* Mistyped(const toml::table& table, const Shape& shape,
+                                    const Field& field) {
+    for (const auto& [key, node] : table) {
+      if (shape.Find(key.str()) == nullptr && MeantKey(key.str(), shape) == field.key) return &node;
+    }
+    return nullptr;
+  }
+
+  // The key has been reported. Its value is read all the same: what needs it would otherwise be
+  // reported too, as missing or unknown. A guess must not add a problem of its own, but a table
+  // may hold more mistakes.
+  void ReadMistyped(const toml::node& node, const Field& field, std::byte* record,
+                    const std::string& key) {
+    const size_t count = problems_.size();
+    ReadField(node, field, record, key);
+    const bool holds_more = field.shape != nullptr || References::IsReference(field.kind);
+    if (!holds_more) problems_.erase(problems_.begin() + static_cast<long>(count), problems_.end());
+  }
 
   // Every key that is written must be one of the shape's.
   void Keys(const toml::table& table, const Shape& shape, const std::string& path) {
@@ -83,7 +150,7 @@ class Reader {
       field.kind == Kind::kGroups ? Groups(*list, field, record, key)
                                   : List(*list, field, record, key);
     } else {
-      AddError(&problems_, LineOf(node), key, std::string("wants a list, found ") + TypeName(node));
+      AddError(&problems_, LineOf(node), key, WhyNoList(node, key));
     }
   }
 

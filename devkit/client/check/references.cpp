@@ -109,9 +109,27 @@ void References::NoSuchNode(const std::string& name, unsigned line, const std::s
 void References::Unresolved(const std::string& name, unsigned line, const std::string& key,
                             const char* list, const std::vector<std::string_view>& names) {
   const std::string meant = Suggest(name, names);
-  AddError(problems_, line, key,
-           std::string("no ") + list + " has the name '" + name + "'" +
-               (meant.empty() ? "" : "; did you mean '" + meant + "'?"));
+  const std::string reason = std::string("no ") + list + " has the name '" + name + "'" +
+                             (meant.empty() ? "" : "; did you mean '" + meant + "'?");
+  const auto [place, is_new] = other_lines_.try_emplace(reason);
+  if (is_new) {
+    AddError(problems_, line, key, reason);
+  } else {
+    place->second.insert(line);
+  }
+}
+
+void References::NameOtherPlaces() {
+  for (Problem& problem : *problems_) {
+    const auto others = other_lines_.find(problem.reason);
+    if (others == other_lines_.end()) continue;
+    others->second.erase(problem.line);
+    std::string lines;
+    for (const unsigned line : others->second) {
+      lines += (lines.empty() ? "" : ", ") + std::to_string(line);
+    }
+    if (!lines.empty()) problem.reason += " (also in line " + lines + ")";
+  }
 }
 
 }  // namespace client

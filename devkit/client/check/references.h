@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,6 +32,9 @@ class References {
   // A node by number, as it was stored at that place: it must be there.
   void CheckNode(const std::byte* number, unsigned line, const std::string& key);
 
+  // Adds to the first report of each unknown name the lines where it stands as well.
+  void NameOtherPlaces();
+
   // Fills a proxy from the node that its table names. True if the table names one.
   bool TakeOverNode(const toml::table& table, const Shape& shape, std::byte* record,
                     const std::string& path);
@@ -43,6 +47,7 @@ class References {
   const Tables& tables_;
   Problems* const problems_;
   std::map<std::string, uint32_t> idcs_;
+  std::map<std::string, std::set<unsigned>> other_lines_;  // by the reason of the first report
 };
 
 }  // namespace client

@@ -1,10 +1,12 @@
 #include "client/check/table_rules.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <string>
 
 #include "client/check/toml_node.h"
+#include "common/text.h"
 
 namespace client {
 namespace {
@@ -12,6 +14,12 @@ namespace {
 using namespace moru_vyr::lsp;
 
 constexpr uint32_t kMaxAskedLastNode = 0xffff;
+
+// As the library compares paths: ASCII letters only.
+std::string LowerCase(std::string text) {
+  for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return text;
+}
 
 class Checker {
  public:
@@ -21,6 +29,7 @@ class Checker {
   void Run() {
     const RouteTableImage& image = tables_.route.image;
     CollectDataCentres();
+    Games();
     Routes("route", image.route_sets[0]);
     Routes("route_mode2", image.route_sets[1]);
     Blacklist();
@@ -51,6 +60,30 @@ class Checker {
         Doubt(Line(list, i, "switch_groups"), key + "." + Entry("switch_groups", group),
               "its last_node is above 65535 and cannot be asked for");
       }
+    }
+  }
+
+  // The library takes the first game that lists a path; client programs know games by their number.
+  void Games() {
+    std::map<std::string, std::string> paths;
+    std::map<uint64_t, std::string> numbers;
+    const auto& games = tables_.restriction.games;
+    for (uint32_t i = 0; i < std::size(games); ++i) {
+      const std::string game = Entry("game", i);
+      if (games[i].valid == 0) continue;
+      for (uint32_t at = 0; at < games[i].path_count; ++at) {
+        const std::string path(common::FieldText(games[i].game_paths[at]));
+        const auto [first, is_new] = paths.emplace(LowerCase(path), game);
+        if (is_new) continue;
+        const std::string key = Entry("game_paths", at);
+        Doubt(Line("game", i, key.c_str()), game + "." + key,
+              "'" + path + "' is a path of " + first->second +
+                  (first->second == game ? " already" : " already, whose settings count for it"));
+      }
+      const auto [first, is_new] = numbers.emplace(games[i].game_id, game);
+      if (is_new) continue;
+      Doubt(Line("game", i, "game_id"), game + ".game_id",
+            "is that of " + first->second + " too: no report tells the two apart");
     }
   }
 

@@ -1,12 +1,10 @@
 #include "client/dump/region_reader.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "client/bounded_lock.h"
+#include "client/files.h"
 #include "common/shared_mem_obj.h"
 
 namespace client {
@@ -47,9 +45,9 @@ StandingTables ReadRegions(unsigned wait_ms) {
 }
 
 std::string ReadRouteFile(const std::string& path, Tables* tables) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return "cannot be read";
-  const std::string bytes(std::istreambuf_iterator<char>(file), {});
+  const FileText file = ReadWhole(path);
+  if (!file.text) return file.problem;
+  const std::string& bytes = *file.text;
   if (bytes.size() != sizeof(RouteTableImage)) {
     return "has " + std::to_string(bytes.size()) + " bytes, a route table has " +
            std::to_string(sizeof(RouteTableImage));
@@ -60,14 +58,8 @@ std::string ReadRouteFile(const std::string& path, Tables* tables) {
 
 // Written beside the file first: a game that starts at this moment must not find half of it.
 std::string WriteRouteFile(const std::string& path, const Tables& tables) {
-  const std::string fresh = path + ".new";
-  {
-    std::ofstream file(fresh, std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(&tables.route.image), sizeof(RouteTableImage));
-    if (!file.flush()) return "cannot be written";
-  }
-  std::remove(path.c_str());
-  return std::rename(fresh.c_str(), path.c_str()) == 0 ? "" : "cannot be replaced";
+  const auto* const bytes = reinterpret_cast<const char*>(&tables.route.image);
+  return WriteWhole(path, std::string(bytes, sizeof(RouteTableImage)));
 }
 
 }  // namespace client

@@ -38,15 +38,22 @@ std::string Counted(uint64_t count, const char* thing, const char* plural) {
   return Number(count) + " " + thing + (count == 1 ? "" : plural);
 }
 
+// The path that is meant, by itself or by its file's name; empty if it is none of the game's.
+std::string AskedPath(const AccConfigRecord& game, const std::string& wanted) {
+  const uint32_t count = std::min(game.path_count, kMaxGamePaths);
+  for (uint32_t i = 0; i < count; ++i) {
+    std::string path = Text(game.game_paths[i]);
+    if (common::EqualsIgnoreCase(path, wanted) ||
+        common::EqualsIgnoreCase(path.substr(path.rfind('\\') + 1), wanted)) {
+      return path;
+    }
+  }
+  return "";
+}
+
 bool IsAsked(const AccConfigRecord& game, const std::string& wanted) {
   if (game.valid == 0) return false;
-  if (wanted.empty() || wanted == Number(game.game_id)) return true;
-  const uint32_t count = std::min(game.path_count, kMaxGamePaths);
-  return std::any_of(game.game_paths, game.game_paths + count, [&](const auto& field) {
-    const std::string path = Text(field);
-    return common::EqualsIgnoreCase(path, wanted) ||
-           common::EqualsIgnoreCase(path.substr(path.rfind('\\') + 1), wanted);
-  });
+  return wanted.empty() || wanted == Number(game.game_id) || !AskedPath(game, wanted).empty();
 }
 
 const AccConfigRecord* FindGame(const Tables& tables, const std::string& wanted) {
@@ -93,7 +100,8 @@ class Explainer {
   void Describe(const AccConfigRecord& game) {
     out_.destination = AddressText(question_.ip) + ":" + Number(question_.port);
     out_.protocol = question_.udp ? "UDP" : "TCP";
-    out_.game_path = game.path_count != 0 ? Text(game.game_paths[0]) : "";
+    out_.game_path = AskedPath(game, question_.game);
+    if (out_.game_path.empty() && game.path_count != 0) out_.game_path = Text(game.game_paths[0]);
     out_.game_id = game.game_id;
     out_.mended = tables_.mending.games[&game - tables_.restriction.games].mended;
     out_.vip_level = question_.vip_level.value_or(game.game_vip_level);
@@ -448,14 +456,17 @@ class Explainer {
 
 std::optional<Question> ParseQuestion(const std::string& destination, const std::string& protocol) {
   const size_t colon = destination.rfind(':');
-  if (colon == std::string::npos || (protocol != "tcp" && protocol != "udp")) return std::nullopt;
+  const bool is_udp = common::EqualsIgnoreCase(protocol, "udp");
+  if (colon == std::string::npos || !(is_udp || common::EqualsIgnoreCase(protocol, "tcp"))) {
+    return std::nullopt;
+  }
   const auto ip = ParseAddress(destination.substr(0, colon));
   const auto port = ParseNumber(destination.substr(colon + 1));
   if (!ip || !port || *port > 0xffff) return std::nullopt;
   Question question;
   question.ip = *ip;
   question.port = static_cast<uint16_t>(*port);
-  question.udp = protocol == "udp";
+  question.udp = is_udp;
   return question;
 }
 

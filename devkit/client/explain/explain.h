@@ -20,7 +20,8 @@ struct Question {
   std::string game;  // path, file name or game_id of the game that asks; empty: the first listed
 };
 
-// "198.51.100.10:8080" and "tcp" or "udp". Nothing if they are not well formed.
+// "198.51.100.10:8080" and "tcp" or "udp", in letters of any case. Nothing if they are not well
+// formed.
 std::optional<Question> ParseQuestion(const std::string& destination, const std::string& protocol);
 
 struct Step {

@@ -156,7 +156,7 @@ constexpr Field kGameFields[] = {
      AT(Config, log_level),
      .heading = "Its log",
      .doc = "lowest level that is written: 0 each call, 4 events, 5 failures; 6 and more: none",
-     .sample = "0",
+     .sample = "4",
      .required = true},
     {.key = "log_path",
      .kind = Kind::kDirectory,

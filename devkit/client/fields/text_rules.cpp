@@ -41,6 +41,21 @@ size_t CharacterAt(const std::string& text, size_t at) {
   return 0;
 }
 
+// No file's name holds a control character: it comes from a backslash in double quotes.
+std::string WhyNoPath(const std::string& path) {
+  const auto found = std::find_if(path.begin(), path.end(), [](char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+  });
+  if (found == path.end()) return "";
+  const std::string what = *found == '\t'   ? "a TAB, which \\t is in double quotes"
+                           : *found == '\n' ? "a line's end, which \\n is in double quotes"
+                           : *found == '\b' ? "a backspace, which \\b is in double quotes"
+                           : *found == '\f' ? "a form feed, which \\f is in double quotes"
+                           : *found == '\r' ? "a carriage return, which \\r is in double quotes"
+                                            : "a control character";
+  return "holds " + what + ": write a path in single quotes, like 'C:\\games\\game.exe'";
+}
+
 }  // namespace
 
 std::string WhyRefused(const std::string& text, Kind kind) {
@@ -54,7 +69,7 @@ std::string WhyRefused(const std::string& text, Kind kind) {
       return ParseAddress(text) ? "" : "'" + text + "' is no dotted IPv4 address";
     case Kind::kPath:
     case Kind::kDirectory:
-      return text.empty() ? "is empty" : "";
+      return text.empty() ? "is empty" : WhyNoPath(text);
     default:
       return "";
   }
@@ -65,7 +80,13 @@ std::string WhyDoubtful(const std::string& text, Kind kind) {
     if (text.find('/') != std::string::npos) {
       return "has a '/': a process's path has backslashes only, so this never matches";
     }
+    if (text.find_first_of("*?") != std::string::npos) {
+      return "has a wildcard: paths are compared whole, so this never matches";
+    }
     if (!IsFullPath(text)) return "is no full path like C:\\games\\game.exe, so it never matches";
+  }
+  if (kind == Kind::kDirectory && text.find_first_of("*?\"<>|") != std::string::npos) {
+    return "holds a sign that no folder's name can have, so no log is written";
   }
   if (kind == Kind::kDirectory && text.back() != '\\' && text.back() != '/') {
     return "does not end in a backslash: the log files go to the folder above";

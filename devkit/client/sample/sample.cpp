@@ -63,6 +63,12 @@ std::string Heading(const Field& field) {
   return line + "\n";
 }
 
+// The library writes beside what has no separator at its end.
+std::string AsFolder(const std::string& path) {
+  const bool is_folder = path.empty() || path.back() == '\\' || path.back() == '/';
+  return is_folder ? path : path + "\\";
+}
+
 class Writer {
  public:
   explicit Writer(const SampleOptions& options) : options_(options) {}
@@ -118,7 +124,7 @@ class Writer {
   }
 
   std::string SampleValue(const Field& field) const {
-    if (field.kind == Kind::kDirectory) return QuoteToml(options_.log_path);
+    if (field.kind == Kind::kDirectory) return QuoteToml(AsFolder(options_.log_path));
     if (field.kind != Kind::kPath) return field.sample;
     std::string list;
     for (const std::string& path : options_.game_paths) list += "  " + QuoteToml(path) + ",\n";

@@ -8,7 +8,7 @@ namespace client {
 
 struct SampleOptions {
   std::vector<std::string> game_paths = {"C:\\vyr\\ffmpeg.exe", "C:\\vyr\\esbuild.exe"};
-  std::string log_path = "C:\\vyr\\log\\";
+  std::string log_path = "C:\\vyr\\log\\";  // a backslash is put behind it where it lacks one
 };
 
 std::string WriteSample(const SampleOptions& options);

@@ -1,6 +1,7 @@
 // Puts an edited file into the regions, or refuses it.
 #pragma once
 
+#include <array>
 #include <set>
 #include <string>
 #include <string_view>
@@ -15,8 +16,9 @@ namespace client {
 
 struct Change {
   RegionId region;
-  std::string summary;  // "3 nodes, 2 routes"
-  size_t notified = 0;  // spur list: running games that were told
+  std::string summary;    // "3 nodes, 2 routes"
+  size_t notified = 0;    // spur list: running games that were told
+  std::string lost = {};  // what it held before, if it is empty now
 };
 
 struct TakeoverReport {
@@ -37,11 +39,15 @@ class Takeover {
 
  private:
   const std::set<unsigned long> extra_pids_;
+  std::array<std::string, kRegionCount> filled_;  // what each region holds, empty if nothing
   RegionServer server_;
   SpurNotifier notifier_;
 };
 
 // What a region holds, in words.
 std::string Summary(const Tables& tables, RegionId region);
+
+// Whether there is an entry in its list.
+bool HasEntries(const Tables& tables, RegionId region);
 
 }  // namespace client

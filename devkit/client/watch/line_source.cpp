@@ -4,10 +4,14 @@
 //
 #include <windows.h>
 
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <utility>
 
+#include "client/files.h"
 #include "common/lock.h"
 
 namespace client {
@@ -24,14 +28,30 @@ struct LineSource::State {
 
   void ReadAll() {
     std::ifstream opened;
-    if (path != "-") opened.open(path, std::ios::binary);
+    std::string reason;
+    if (path != "-") reason = Open(&opened);
     std::istream& input = path == "-" ? std::cin : opened;
-    const bool is_open = static_cast<bool>(input);
-    for (std::string line; std::getline(input, line);) Put(std::move(line));
+    for (std::string line; reason.empty() && std::getline(input, line);) {
+      read_size += line.size() + 1;
+      Put(std::move(line));
+    }
     const common::Lock lock(mutex);
-    has_failed = !is_open;
+    problem = reason;
     has_ended = true;
     SetEvent(news);
+  }
+
+  // Does not read: a pipe would be emptied, or hold us.
+  std::string Open(std::ifstream* file) {
+    const std::filesystem::path name = PathOf(path);
+    std::error_code error;
+    if (std::filesystem::is_directory(name, error)) return "is a directory, not a file";
+    if (!std::filesystem::exists(name, error)) return "does not exist";
+    if (std::filesystem::is_regular_file(name, error)) {
+      whole_size = std::filesystem::file_size(name, error);
+    }
+    file->open(name, std::ios::binary);
+    return *file ? "" : "cannot be read";
   }
 
   void Put(std::string line) {
@@ -55,7 +75,9 @@ struct LineSource::State {
   common::Mutex mutex;  // of what follows
   std::vector<std::string> lines;
   bool has_ended = false;
-  bool has_failed = false;
+  std::string problem;
+  std::atomic<uint64_t> whole_size = 0;  // 0: not known
+  std::atomic<uint64_t> read_size = 0;
 };
 
 LineSource::LineSource(const std::string& path) : state_(std::make_shared<State>(path)) {
@@ -76,9 +98,15 @@ bool LineSource::Take(unsigned wait_ms, std::vector<std::string>* lines) {
   return !lines->empty() || !state_->has_ended;
 }
 
-bool LineSource::failed() const {
+std::string LineSource::problem() const {
   const common::Lock lock(state_->mutex);
-  return state_->has_failed;
+  return state_->problem;
+}
+
+std::optional<unsigned> LineSource::Percent() const {
+  const uint64_t whole = state_->whole_size;
+  if (whole == 0) return std::nullopt;
+  return static_cast<unsigned>(std::min<uint64_t>(100, state_->read_size * 100 / whole));
 }
 
 }  // namespace client

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,8 +19,11 @@ class LineSource {
   // taken.
   bool Take(unsigned wait_ms, std::vector<std::string>* lines);
 
-  // Whether it could not be opened. Known once Take gave false.
-  bool failed() const;
+  // Why it could not be opened, in words, or empty. Known once Take gave false.
+  std::string problem() const;
+
+  // How much of a file has been read, in percent; nothing for a pipe.
+  std::optional<unsigned> Percent() const;
 
  private:
   struct State;

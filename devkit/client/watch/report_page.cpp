@@ -1,9 +1,8 @@
 #include "client/watch/report_page.h"
 
-#include <cstdio>
-#include <fstream>
 #include <string_view>
 
+#include "client/files.h"
 #include "client/watch/page_data.h"
 #include "client/watch/page_parts.h"
 
@@ -50,14 +49,7 @@ std::string LivePageAround(const std::string& data) {
 std::string ReportPage(const FlowBook& book) { return PageAround(PageData(book)); }
 
 std::string WritePage(const std::string& path, const std::string& page) {
-  const std::string fresh = path + ".new";
-  {
-    std::ofstream file(fresh, std::ios::binary | std::ios::trunc);
-    file << page;
-    if (!file.flush()) return "cannot be written";
-  }
-  std::remove(path.c_str());
-  return std::rename(fresh.c_str(), path.c_str()) == 0 ? "" : "cannot be replaced";
+  return WriteWhole(path, page);
 }
 
 }  // namespace client

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 
+#include "client/files.h"
 #include "client/reporter.h"
 #include "client/watch/flow_book.h"
 #include "client/watch/line_source.h"
@@ -28,6 +29,8 @@ namespace {
 constexpr DWORD kPollMs = 100;
 constexpr DWORD kRedrawMs = 1000;
 constexpr DWORD kPageEveryMs = 5000;
+constexpr DWORD kPagePause = 10;  // times what the last page took, so that pages cost a tenth
+constexpr DWORD kProgressEveryMs = 1000;
 constexpr unsigned kMutexWaitMs = 1000;
 
 // Two watchers would show reports twice, or each only a part of them.
@@ -67,14 +70,18 @@ class Outlet {
   // Writing the page each time would cost more than everything else.
   void PageNowAndThen() {
     if (options_.page.empty() || !page_is_due_) return;
-    if (GetTickCount() - page_tick_ >= kPageEveryMs) WriteThePage();
+    if (GetTickCount() - page_tick_ >= std::max(kPageEveryMs, kPagePause * page_cost_ms_)) {
+      WriteThePage();
+    }
   }
 
   bool WriteThePage() {
     if (options_.page.empty()) return true;
-    page_tick_ = GetTickCount();
+    const DWORD begin = GetTickCount();
     page_is_due_ = false;
     const std::string error = WritePage(options_.page, ReportPage(book_));
+    page_tick_ = GetTickCount();
+    page_cost_ms_ = page_tick_ - begin;
     if (!error.empty() && !page_failed_) reporter_.Failure(options_.page + ": " + error);
     page_failed_ = !error.empty();
     return error.empty();
@@ -121,6 +128,7 @@ class Outlet {
   ScreenSize drawn_size_;
   DWORD drawn_tick_ = GetTickCount() - kRedrawMs;
   DWORD page_tick_ = GetTickCount() - kPageEveryMs;
+  DWORD page_cost_ms_ = 0;
 };
 
 // Picks the reports out of the lines. False, after a message, at a line that is not one.
@@ -142,10 +150,28 @@ bool ParseLines(const WatchOptions& options, const std::vector<std::string>& lin
   return true;
 }
 
+// Says now and then on standard error how much of a large file has been read.
+class Progress {
+ public:
+  explicit Progress(const WatchOptions& options) : options_(options) {}
+
+  void Show(const LineSource& source) {
+    const auto percent = source.Percent();
+    if (!percent || options_.top || GetTickCount() - tick_ < kProgressEveryMs) return;
+    tick_ = GetTickCount();
+    std::fprintf(stderr, "vyr_client: %s: %u %% read\n", options_.from.c_str(), *percent);
+  }
+
+ private:
+  const WatchOptions& options_;
+  DWORD tick_ = GetTickCount();
+};
+
 // Lines are shown as they come: the file may be a pipe from a watch elsewhere.
 bool ShowFile(const WatchOptions& options, const volatile std::sig_atomic_t* ended,
               Outlet* outlet) {
   LineSource source(options.from);
+  Progress progress(options);
   unsigned number = 0;
   bool is_right = true, open = true;
   std::vector<std::string> lines;
@@ -155,12 +181,13 @@ bool ShowFile(const WatchOptions& options, const volatile std::sig_atomic_t* end
     open = outlet->Show(reports);
     outlet->Looked("");
     outlet->PageNowAndThen();
+    progress.Show(source);
   }
   const bool stays = outlet->is_live() && !source.failed() && is_right && open;
   for (; stays && *ended == 0; Sleep(kPollMs)) outlet->Looked("");
   outlet->Close();
-  if (source.failed()) {
-    Reporter(options.json).Report(options.from, {{.reason = "cannot be read"}});
+  if (const std::string problem = source.problem(); !problem.empty()) {
+    Reporter(options.json).Report(options.from, {{.reason = problem}});
     return false;
   }
   return outlet->WriteThePage() && is_right && open;
@@ -216,6 +243,11 @@ bool Watch(const WatchOptions& options, const volatile std::sig_atomic_t* ended,
     std::fprintf(stderr,
                  "vyr_client: built without the chart library (scripts/fetch_programs.sh "
                  "--charts): the page's charts are left out\n");
+  }
+  if (const std::string reason = options.page.empty() ? "" : WhyNotWritable(options.page);
+      !reason.empty()) {
+    Reporter(options.json).Failure(options.page + ": " + reason);
+    return false;
   }
   Outlet outlet(options, live);
   if (!options.from.empty()) return ShowFile(options, ended, &outlet);
