@@ -177,6 +177,10 @@ int Main(int argc, char** argv) {
     std::fputs(kHelp, stdout);
     return 0;
   }
+  if (options.version) {
+    std::puts("vyr_run " VYR_VERSION);
+    return 0;
+  }
   std::wstring program;
   if (const int failure = CheckProgram(options.program, &program)) return failure;
   SetConsoleCtrlHandler(IgnoreConsoleSignals, TRUE);

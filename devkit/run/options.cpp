@@ -18,6 +18,7 @@ const char kHelp[] =
     "  --trace FILE    write what was seen, as JSON lines, when the program has ended:\n"
     "                  catalogue entries started and cleaned up, calls counted, debugger\n"
     "                  output\n"
+    "  --version       the version\n"
     "  --help          this text\n"
     "\n"
     "What differs between installations and versions of Winsock; the first word is the default:\n"
@@ -164,6 +165,9 @@ bool ParseCommandLine(const wchar_t* line, Options* options, std::wstring* probl
       options_end = true;
     } else if (word == L"--help" || word == L"-h") {
       options->help = true;
+      return true;
+    } else if (word == L"--version") {
+      options->version = true;
       return true;
     } else {
       TakeOption(word, &words, options, problem);

@@ -10,6 +10,7 @@ namespace vyr_run {
 
 struct Options {
   bool help = false;
+  bool version = false;
   bool bare = false;
   bool one_guid = false;           // --guids one
   bool start_each_entry = false;   // --starts entry

@@ -20,6 +20,8 @@ def main():
 
     code, out, _ = launch("--help")
     checks.that(code == 0 and "--bare" in out, "--help", out)
+    code, out, _ = launch("--version")
+    checks.equal((code, out.strip()), (0, f"vyr_run {support.project_version()}"), "--version")
     code, _, err = launch()
     checks.that(code == 120 and "no program" in err, "no program", err)
     code, _, err = launch("--nonsense", "x")
