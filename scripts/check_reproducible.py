@@ -115,7 +115,9 @@ def symbols_that_fail(side, kind):
                           capture_output=True, text=True, check=True).stdout
     if not re.search(r"src/start/\w+\.cpp:[1-9]", said):
         yield f"the symbols do not know where WSPStartup is: {said}"
-    headers = subprocess.run([tool + "objdump", "-h", library], capture_output=True, text=True, check=True).stdout
+    headers = subprocess.run([tool + "objdump", "-ph", library], capture_output=True, text=True, check=True).stdout
+    if f"signature {identity} " not in headers:
+        yield f"objdump does not name the build id {identity}"
     if ".debug_info" in headers or ".gnu_debuglink" not in headers:
         yield f"{library.name} has debug symbols itself, or no link to them"
 

@@ -65,9 +65,13 @@ def machine_of(path):
 
 
 def build_id(path):
-    """The build id, as hexadecimal digits; None where the linker was not asked for one."""
+    """The build id, as hexadecimal digits; None where the linker was not asked for one. Its first three
+    parts are integers of Windows' byte order; gdb and objdump name them with the highest byte first."""
     found = re.search(rb"RSDS(.{16})\x01\0\0\0", path.read_bytes(), re.S)
-    return found.group(1).hex() if found else None
+    if not found:
+        return None
+    first, second, third, rest = struct.unpack("<IHH8s", found.group(1))
+    return struct.pack(">IHH8s", first, second, third, rest).hex()
 
 
 def split_one(path, symbols):
