@@ -76,6 +76,14 @@ UninstPage instfiles
   ${EndIf}
 !macroend
 
+; What vyr_setup notes beside itself is needed only while something of the library is in a catalogue.
+!macro RemoveRecords
+  Delete "$INSTDIR\windows-x86\bin\vyr_setup.journal"
+  Delete "$INSTDIR\windows-x86\bin\vyr_setup.undo"
+  Delete "$INSTDIR\windows-x64\bin\vyr_setup.journal"
+  Delete "$INSTDIR\windows-x64\bin\vyr_setup.undo"
+!macroend
+
 !macro RemoveFiles
   !include "${LISTS}\remove_files.nsh"
 !macroend
@@ -109,7 +117,9 @@ Section
   ${If} $failure != 0
     SetErrorLevel $failure
     ${If} $upgrade == 0
+    ${AndIf} $failure != 7  ; something is left in the catalogue: vyr_setup has to be run again
       SetOutPath $TEMP
+      !insertmacro RemoveRecords
       !insertmacro RemoveFiles
       Delete "$INSTDIR\uninstall.exe"
       RMDir $INSTDIR
@@ -137,6 +147,7 @@ Section un.
       SetErrorLevel $failure
       Abort "vyr is still in the Winsock catalogue, so its files stay; the lines above say why."
     ${EndIf}
+    !insertmacro RemoveRecords
     DeleteRegKey HKLM "${UNINSTALL_KEY}"
   ${EndIf}
   !insertmacro RemoveFiles

@@ -131,13 +131,14 @@ def main():
     CACHE.mkdir(parents=True, exist_ok=True)
     with open(CACHE / ".lock", "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
-        made = []
         for side in sides:
             side.take_sources()
-            made.append(side.release() if arguments.full else side.build(arguments.kind))
+        made = [side.release() if arguments.full else side.build(arguments.kind) for side in sides]
         wrong = list(differences(*made))
         if not arguments.full:
             wrong += [*tells_its_folder(made[0], sides), *symbols_that_fail(sides[0], arguments.kind)]
+        for side in sides if not wrong else ():
+            shutil.rmtree(side.folder / "build")
     for line in wrong:
         print(f"FAILED: {line}")
     print(f"{max(len(made[0]) - len(wrong), 0)} passed, {len(wrong)} failed")

@@ -189,7 +189,7 @@ def verification_code(files):
     return hashlib.sha1(together.encode()).hexdigest()
 
 
-def used_components(stage):
+def used_components():
     """Of what this repository may use, what this release contains."""
     headers = (ROOT / "cmake/headers.cmake").read_text()
     for component in third_party.COMPONENTS:
@@ -200,7 +200,7 @@ def used_components(stage):
 def sbom_of(stage, commit):
     version = project_version()
     files = [spdx_file(n, *entry) for n, entry in enumerate(files_of(stage), 1)]
-    used = list(used_components(stage))
+    used = list(used_components())
     components = [spdx_component(n, c) for n, c in enumerate(used, 1)]
     product = {
         "SPDXID": "SPDXRef-vyr", "name": "vyr", "versionInfo": version,
