@@ -17,6 +17,7 @@ if(WIN32)
     FD_SETSIZE=128 _WIN32_WINNT=0x0601 _CRT_RAND_S UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
     _WINSOCK_DEPRECATED_NO_WARNINGS)
   target_link_options(vyr_options INTERFACE -static)
+  include(${CMAKE_CURRENT_LIST_DIR}/release.cmake)
 else()
   target_compile_options(vyr_options INTERFACE -pthread)
   target_link_options(vyr_options INTERFACE -pthread)
@@ -45,7 +46,11 @@ if(NOT WIN32)
 endif()
 
 find_program(VYR_CCACHE ccache)
-if(VYR_CCACHE)
+if(VYR_CCACHE AND VYR_RELEASE)
+  # By whole paths: what the cache holds is then what the compiler makes of this folder.
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_BASEDIR= --unset=CCACHE_NOHASHDIR
+    CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${VYR_CCACHE})
+elseif(VYR_CCACHE)
   # Relative to the tree, so that a second clone finds what the first has compiled. What a test
   # reads from the tree it finds through VYR_SOURCE_DIR, never through __FILE__.
   set(CMAKE_CXX_COMPILER_LAUNCHER

@@ -10,13 +10,13 @@ namespace vyr_run {
 
 struct Options {
   bool help = false;
+  bool version = false;
   bool bare = false;
   bool one_guid = false;           // --guids one
   bool start_each_entry = false;   // --starts entry
   bool cleanup_after_end = false;  // --cleanup after
   bool keep_loaded = false;
   bool quiet = false;
-  bool version = false;
   int log_level = -1;         // of the lines that are shown; -1: none
   std::wstring library;       // empty: the one beside vyr_run.exe
   std::wstring next;          // empty: the host's base provider

@@ -213,6 +213,7 @@ def main():
     checks.that(len(made.stdout.splitlines()) == len(sample_run.reports()), "a line a report")
     text = page.read_text(encoding="utf-8")
     checks.that(not re.search(r"""(?:src|href)\s*=\s*["']?\w""", text), "nothing is fetched")
+    checks.that("Copyright (c) 2022 Leon Sorokin" in text, "the chart library's notice is in it")
     check_contrast(checks, text)
 
     pages = [("wide", page, 1280), ("narrow", page, 420)]

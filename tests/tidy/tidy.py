@@ -4,10 +4,11 @@
 usage: tidy.py [--format] [ROOT]
 
 Include directions, the picture of them in README.md, banned constructs, the names in the glossary,
-the register of oddities, what is published for other languages, a README in each folder, assertions on
-packed records, sizes of files and functions; with --format, the layout of every C++ file instead. Prints
-one line, FILE:LINE: MESSAGE, for each finding, and at the end "N passed, N failed"; a check is one rule
-on one file. Exit: 0 all passed, 1 something failed, 77 no clang-format here.
+the register of oddities, what is published for other languages, the notices of others' work,
+workflows, a README in each folder, assertions on packed records, sizes of files and functions; with
+--format, the layout of every C++ file instead. Prints one line, FILE:LINE: MESSAGE, for each finding,
+and at the end "N passed, N failed"; a check is one rule on one file. Exit: 0 all passed, 1 something
+failed, 77 no clang-format here.
 """
 import argparse
 import pathlib
@@ -17,6 +18,7 @@ import architecture
 import bans
 import glossary
 import layers
+import notices
 import oddities
 import published
 import readmes
@@ -24,8 +26,9 @@ import records
 import sizes
 import style
 import tree
+import workflows
 
-RULES = [layers, architecture, bans, glossary, oddities, published, readmes, records, sizes]
+RULES = [layers, architecture, bans, glossary, notices, oddities, published, readmes, records, sizes, workflows]
 
 
 def run(rules, files, out=sys.stdout):

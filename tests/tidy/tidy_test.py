@@ -12,6 +12,7 @@ import bans
 import cpp
 import glossary
 import layers
+import notices
 import oddities
 import published
 import readmes
@@ -20,6 +21,7 @@ import sizes
 import style
 import tidy
 import tree
+import workflows
 
 PROSE = "It owns what stands in it " + "and so on " * 10
 
@@ -353,6 +355,52 @@ class Readmes(unittest.TestCase):
     def test_the_roots_want_one_too(self):
         self.assertIn("port/README.md: is missing",
                       findings(readmes, {"port/sim/a.h": "", "port/sim/README.md": PROSE})[0])
+
+
+class Notices(unittest.TestCase):
+    ALL = "\n".join(notices.third_party.heading(c) for c in notices.third_party.COMPONENTS)
+
+    def check(self, link, headers="toml++ CLI", text=ALL):
+        return findings(notices, {
+            "THIRD-PARTY-NOTICES": f"\n{text}\n",
+            "cmake/headers.cmake": f"foreach(name {headers})\n  f(/usr/include/${{name}})\nendforeach()\n",
+            "devkit/CMakeLists.txt": f"add_library(own a.cpp)\ntarget_link_libraries(program PRIVATE {link})\n"})
+
+    def test_what_is_ours_the_systems_or_listed_may_be_linked(self):
+        self.assertEqual(self.check("own ws2_32"), [])
+
+    def test_what_is_linked_or_staged_has_to_be_listed(self):
+        self.assertIn("names curl", self.check("own curl")[0])
+        self.assertIn("names fmt", self.check("own", headers="CLI fmt")[0])
+
+    def test_what_is_listed_has_its_notice(self):
+        self.assertIn("no notice of uPlot", self.check("own", text=self.ALL.replace("uPlot: MIT", ""))[0])
+
+
+class Workflows(unittest.TestCase):
+    FIRST = "# This cannot be run here.\n"
+    JOBS = "jobs:\n  a:\n    steps:\n      - run: {}\n"
+
+    def check(self, run, first=FIRST):
+        return findings(workflows, {
+            ".github/workflows/a.yml": first + self.JOBS.format(run),
+            "CMakePresets.json": '{"configurePresets": [{"name": "sim"}]}', "scripts/a.sh": "",
+            "CMakeLists.txt": "add_library(vyr_core a.cpp)\nvyr_test_suite(unit 2 vyr_core)\n"})
+
+    def test_names_of_what_exists_are_right(self):
+        self.assertEqual(self.check("scripts/a.sh && cmake --build --preset sim --target vyr_core unit_tests"), [])
+
+    def test_names_of_nothing_are_found(self):
+        self.assertIn("preset posix", self.check("cmake --preset posix")[0])
+        self.assertIn("target vyr", self.check("cmake --build --preset sim --target vyr_core vyr")[0])
+        self.assertIn("scripts/b.sh", self.check("scripts/b.sh --quiet")[0])
+        self.assertIn("test.sh", self.check("./test.sh")[0])
+
+    def test_it_says_first_that_it_was_never_run(self):
+        self.assertIn("does not begin", self.check("scripts/a.sh", first="# Runs everywhere.\n")[0])
+
+    def test_it_is_yaml_with_steps(self):
+        self.assertTrue(self.check("scripts/a.sh\n\t- run: scripts/a.sh"))
 
 
 class Driver(unittest.TestCase):

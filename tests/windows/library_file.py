@@ -106,7 +106,7 @@ def main():
     wanted = FORMATS[kind]
     checks.that(f"file format {wanted}\n" in tool(kind, "objdump", "-f", library), f"the format is {wanted}")
     content = library.read_bytes()
-    for key, value in (("OriginalFilename", library.name), ("FileVersion", "0.1.0")):
+    for key, value in (("OriginalFilename", library.name), ("FileVersion", support.project_version())):
         checks.that(says(content, key, value), f"its version resource says {key} {value}")
     text = tool(kind, "objdump", "-p", library)
     imports = {name.lower() for name in re.findall(r"DLL Name: (\S+)", text)}

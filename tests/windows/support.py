@@ -15,6 +15,7 @@ import argparse
 import json
 import os
 import pathlib
+import re
 import shutil
 import socket
 import subprocess
@@ -42,6 +43,12 @@ def parse_arguments(*extra):
     if shutil.which("wine") is None:
         skip("no Wine here")
     return arguments
+
+
+def project_version():
+    """The version, from the one place that has it."""
+    text = (ROOT / "CMakeLists.txt").read_text()
+    return re.search(r"^project\(vyr VERSION ([0-9.]+)", text, re.M).group(1)
 
 
 def skip(reason):

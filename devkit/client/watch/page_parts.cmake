@@ -28,6 +28,11 @@ endforeach()
 bytes_of(${CMAKE_CURRENT_SOURCE_DIR}/live/live_page.js LIVE_SCRIPT)
 bytes_of(${chart_folder}/uPlot.iife.min.js CHART_SCRIPT)
 bytes_of(${chart_folder}/uPlot.min.css CHART_STYLE)
+# Its notice goes wherever it goes, as a comment before it.
+bytes_of(${page_folder}/chart_notice.txt CHART_NOTICE)
+if(CHART_SCRIPT)
+  set(CHART_SCRIPT "0x2f,0x2a,0x21,0x0a,${CHART_NOTICE}0x2a,0x2f,0x0a,${CHART_SCRIPT}")
+endif()
 if(NOT CHART_SCRIPT OR NOT CHART_STYLE)
   message(STATUS "no chart library (scripts/fetch_programs.sh --charts): "
     "pages of vyr_client are built without charts")
