@@ -187,7 +187,7 @@ void RelayMgr::Loop() noexcept {
   for (;;) {
     if (IsStopping()) {
       if (passes_left == kFlushPasses) stopped = GetTickCount();
-      if (passes_left <= 0 && !Delivers(stopped)) return;
+      if (passes_left <= 0 && !KeepDelivering(stopped)) return;
       if (passes_left > 0) --passes_left;
     }
     int error = 0;
@@ -200,7 +200,7 @@ void RelayMgr::Loop() noexcept {
 }
 
 // Winsock creates no more sockets during its cleanup, so no connection can try another way.
-bool RelayMgr::Delivers(u32 stopped) noexcept {
+bool RelayMgr::KeepDelivering(u32 stopped) noexcept {
   if (!GetMending().DeliversAtItsEnd() || GetTickCount() - stopped >= kDeliveryLimitMs ||
       (!udp_provider_.OwesServers() && !tcp_provider_.OwesServers())) {
     return false;

@@ -98,7 +98,7 @@ class RelayMgr final : public IRelaySocketMgr {
   void BuryWorker() noexcept;
   void OnTimer(u32* last_update) noexcept;
   // After a stop at that tick: whether the loop goes on to deliver what servers are owed.
-  bool Delivers(u32 stopped) noexcept;
+  bool KeepDelivering(u32 stopped) noexcept;
 
   std::atomic<u32> state_{kStateNotInitialised};  // released: the listener's address goes with it
   std::atomic<bool> stop_flag_{true};

@@ -58,7 +58,7 @@ class NodeLink {
   AcclLinkInfo& info() noexcept { return info_; }
   const AcclLinkInfo& info() const noexcept { return info_; }
 
-  // --- negotiation
+  // --- negotiation (node_link_negotiation.cpp)
   // Asks the selected proxy of the decision. `left`, which may be null, is the link to be replaced.
   // Returns 0 or the Winsock error; WSAEWOULDBLOCK if the request waits for room.
   u32 SendRequest(const AccDecisionInfo& decision, u8 retry, const LastNodeInfo* left) noexcept;

@@ -48,7 +48,7 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   // Stops measuring, and ends the whole UdpSession once the blocked datagrams have left.
   void SetClosing() noexcept;
   // Whether datagrams from the game wait for room or, with fast fallback, for a node.
-  bool HasBlockedPackages() const noexcept { return link_.HasBlocked() || OwesCachedPackages(); }
+  bool OwesServers() const noexcept { return link_.HasBlocked() || OwesCachedPackages(); }
 
   // Starts the trial of another node. False if one is running. Otherwise the trial, even one that
   // cannot start, submits the report with its outcome.

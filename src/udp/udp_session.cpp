@@ -116,7 +116,7 @@ void UdpSession::DeliverToGame(const UdpPackage& package) noexcept {
 bool UdpSession::CanClose() noexcept {
   bool result = true;
   for (const auto& [key, session] : remote_sessions_) {
-    if (!session->HasBlockedPackages()) continue;
+    if (!session->OwesServers()) continue;
     session->SetClosing();
     result = false;
   }
@@ -125,7 +125,7 @@ bool UdpSession::CanClose() noexcept {
 
 bool UdpSession::OwesServers() const noexcept {
   return std::any_of(remote_sessions_.begin(), remote_sessions_.end(),
-                     [](const auto& entry) { return entry.second->HasBlockedPackages(); });
+                     [](const auto& entry) { return entry.second->OwesServers(); });
 }
 
 void UdpSession::OnUpdate(u32 elapsed_ms) noexcept {

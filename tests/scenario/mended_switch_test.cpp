@@ -183,7 +183,7 @@ SCENARIO_F(MendedSwitch, WhatWaitsForRoomAtTheHandOverLeavesByItself) {
   ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
   Turns(2);
   EXPECT_EQ(b.TakenData(), "blocked");
-  EXPECT_FALSE(flow->HasBlockedPackages());
+  EXPECT_FALSE(flow->OwesServers());
 }
 
 // --- the nodes that are tried --------------------------------------------------------------------

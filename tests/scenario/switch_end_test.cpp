@@ -93,7 +93,7 @@ SCENARIO_F(SwitchEnd, AFlowThatIsClosingEndsAsATrialIsVerified) {
   b.SendsData("proof");
   Turn();
   ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
-  ASSERT_TRUE(flow->HasBlockedPackages());
+  ASSERT_TRUE(flow->OwesServers());
   for (int i = 0; i < 100 && Trial() == nullptr; ++i) {
     b.SendsRaw(b.LateProbeAnswer(static_cast<u32>(i + 1), 500));
     Turn(100);

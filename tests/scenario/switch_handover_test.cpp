@@ -151,7 +151,7 @@ SCENARIO_F(SwitchHandOver, BlockedDatagramsForTheNewNodeMoveWithItsSocket) {
   const SOCKET new_sock = TrialSocket();
   loop.delegates[new_sock]->OnReadable(new_sock);
   EXPECT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
-  EXPECT_TRUE(flow->HasBlockedPackages());
+  EXPECT_TRUE(flow->OwesServers());
   // Kept: no write event is requested for the new owner until another datagram has to wait.
   Turns(3);
   EXPECT_EQ(b.TakenData(), "");
@@ -159,7 +159,7 @@ SCENARIO_F(SwitchHandOver, BlockedDatagramsForTheNewNodeMoveWithItsSocket) {
   GameSends("next");
   Turns(2);
   EXPECT_EQ(b.TakenData(), "blocked next");
-  EXPECT_FALSE(flow->HasBlockedPackages());
+  EXPECT_FALSE(flow->OwesServers());
 }
 
 SCENARIO_F(SwitchHandOver, WhatWaitedAtTheOldSocketLeavesBeforeWhatWaitedAtTheNew) {
@@ -194,11 +194,11 @@ SCENARIO_F(SwitchHandOver, BlockedDatagramsForTheOldNodeAreSentWhenTheNewOneIsVe
   GameSends("waited");
   Sleep(1);
   loop.delegates[local_sock]->OnReadable(local_sock);
-  ASSERT_TRUE(flow->HasBlockedPackages());
+  ASSERT_TRUE(flow->OwesServers());
   loop.wants_room.clear();  // there is no room for a long time
   HealthyTurns(10);
   ASSERT_TRUE(Logged(test::kTrialVerified));
-  EXPECT_FALSE(flow->HasBlockedPackages());
+  EXPECT_FALSE(flow->OwesServers());
   EXPECT_EQ(GameGets(), "waited") << "A, to which it was wrapped, echoes it";
 }
 
