@@ -183,7 +183,7 @@ bool ShowFile(const WatchOptions& options, const volatile std::sig_atomic_t* end
     outlet->PageNowAndThen();
     progress.Show(source);
   }
-  const bool stays = outlet->is_live() && !source.failed() && is_right && open;
+  const bool stays = outlet->is_live() && source.problem().empty() && is_right && open;
   for (; stays && *ended == 0; Sleep(kPollMs)) outlet->Looked("");
   outlet->Close();
   if (const std::string problem = source.problem(); !problem.empty()) {
