@@ -8,12 +8,14 @@
 #   scripts/fetch_programs.sh --check  exit 1 if any is missing, fetch nothing
 #   scripts/fetch_programs.sh --x64 …  the same for the 64-bit programs
 #   scripts/fetch_programs.sh --charts fetch the chart library that vyr_client builds into its pages
+#   scripts/fetch_programs.sh --browser fetch the browser driver and the accessibility engine of tests/page
 #   scripts/fetch_programs.sh --kaitai fetch the compiler of docs/*.ksy and what a test of them needs
 #
 # Unpacked: FOLDER/ffmpeg.exe, FOLDER/esbuild.exe, FOLDER/node.exe (a JavaScript runtime, not a node
 # that carries traffic), FOLDER/turbo.exe, FOLDER/sentry-cli.exe, FOLDER/ruby/bin.real/ruby.exe with
 # what it needs, and with --x64 in FOLDER/x64 the first three and buf.exe and turbo.exe;
 # with --charts FOLDER/uPlot.iife.min.js, FOLDER/uPlot.min.css;
+# with --browser FOLDER/playwright-core, FOLDER/axe.min.js;
 # with --kaitai FOLDER/kaitai-struct-compiler.js, FOLDER/KaitaiStream.js, FOLDER/js-yaml.min.js
 set -u
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/vyr/programs
@@ -44,6 +46,10 @@ charts=(
   "uplot@1.6.32|sha512-KIMVnG68zvu5XXUbC4LQEPnhwOxBuLyW1AHtpm6IKTXImkbLgkMy+jabjLgSLMasNuGGzQm/ep3tOkyTxpiQIw==|uPlot.iife.min.js"
   "uplot@1.6.32|sha512-KIMVnG68zvu5XXUbC4LQEPnhwOxBuLyW1AHtpm6IKTXImkbLgkMy+jabjLgSLMasNuGGzQm/ep3tOkyTxpiQIw==|uPlot.min.css"
 )
+browser=(
+  "playwright-core@1.57.0|sha512-agTcKlMw/mjBWOnD6kFZttAAGHgi/Nw0CZ2o6JqWSbMlI219lAFLZZCyqByTsvVAJq5XA5H8cA6PrvBRpBWEuQ==|playwright-core/package.json"
+  "axe-core@4.14.1|sha512-FHfa+lmNjQZfJz1q8wKqIDwC6DExcHt/pkjNQb09a3NPjCKg2rhu5qb2S4r76ASyFNNtuFooJpZe37OgudVGtQ==|axe.min.js"
+)
 kaitai=(
   "kaitai-struct-compiler@0.11.0|sha512-GJYIS7w8y6oh91GcDwUXMbbOhKzTQqMx4CXVw8iY12xJgCEEvYaoobgxMvi8XTzV/8uDSPYk5GP+Z/KfPuiEsA==|kaitai-struct-compiler.js"
   "kaitai-struct@0.11.0|sha512-fcBvQONhZlM/dhrafsLAR9eboaQxYUJ8lEsl8EnWjqY0bs9GkIFNMUcMjKAk4oVz/Ik/OzhqIKjpQkawa28RIw==|KaitaiStream.js"
@@ -68,6 +74,8 @@ fetch() {
 print("sha512-" + base64.b64encode(hashlib.sha512(open(sys.argv[1], "rb").read()).digest()).decode())' "$packed")
   [ "$hash" = "$integrity" ] || { rm -rf "$work"; complain "$package is not what it should be: $hash"; }
   tar -xzf "$packed" -C "$work" || { rm -rf "$work"; complain "cannot unpack $package"; }
+  # An archive calls its folder "package"; a program that is a whole package is found by its own name.
+  mv "$work/package" "$work/${package%@*}" 2>/dev/null
   local found kept=${program%%/*}
   found=$(find "$work" -path "*/$program" | head -n 1)
   [ -n "$found" ] || { rm -rf "$work"; complain "no $program in $package"; }
@@ -82,9 +90,10 @@ fi
 mode=${1:-fetch}
 case "$mode" in
   --path) echo "$cache"; exit 0 ;;
-  -h|--help) sed -n '2,17s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  -h|--help) sed -n '2,19s/^# \{0,1\}//p' "$0"; exit 0 ;;
   fetch|--check) ;;
   --charts) programs=("${charts[@]}") ;;
+  --browser) programs=("${browser[@]}") ;;
   --kaitai) programs=("${kaitai[@]}") ;;
   *) echo "scripts/fetch_programs.sh: unknown option '$mode'; see --help" >&2; exit 2 ;;
 esac

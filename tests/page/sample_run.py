@@ -69,11 +69,16 @@ def reports():
         decision(900, 3, 7001, 11, node=1), negotiated(900, 3, 7001, 1),
         failed(5003, 4, 8080, 1, 207, kind=0), failed(5100, 4, 8080, 2, 3, kind=0),
     ]
+    sum_ms = asked = answered = 0
     for step in range(1, 25):
         life = 5000 * step
-        wave = int(9 * math.sin(step / 3))
+        wave = 9 * math.sin(step / 3)
+        # Each sixth report lacks an answer; the fifteenth has a burst in it.
+        now = 60 if step == 15 else 20
+        asked, answered = asked + now, answered + now - int(step % 6 == 0)
+        sum_ms += (14 + wave) * (now - int(step % 6 == 0))
         lines.append(traffic(5100 + life, 2, 7000, 2, life,
-                             (14 + wave, 60, 9, 3 + abs(wave) // 2, 20 * step - step // 6, 20 * step)))
+                             (int(sum_ms / answered), 60, 9, 3 + int(abs(wave)) // 2, answered, asked)))
         if step < 20:
             # It moves away at 46 s; from then on its figures stand still.
             seen = min(step, 9)

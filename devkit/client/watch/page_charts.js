@@ -48,7 +48,7 @@ function drawLimits(plot, limits) {
   ctx.strokeStyle = colour("limit");
   ctx.setLineDash([8 * devicePixelRatio, 4 * devicePixelRatio]);
   for (const limit of limits) {
-    const y = plot.valToPos(limit, "y", true);
+    const y = Math.round(plot.valToPos(limit, "y", true)) + devicePixelRatio / 2;
     if (y < bbox.top || y > bbox.top + bbox.height) continue;
     ctx.beginPath();
     ctx.moveTo(bbox.left, y);
@@ -72,28 +72,28 @@ function drawMarks(plot, marks) {
     drawShape(ctx, mark.kind, from, bbox.top - 1.2 * size, size);
   }
 }
+// The grid is drawn after what is cleared, and would cover a limit on one of its lines.
 function behind(bands, limits, marks) {
-  return { hooks: { drawClear: plot => {
+  const drawing = parts => plot => {
     plot.ctx.save();
     plot.ctx.lineWidth = devicePixelRatio;
-    drawBands(plot, bands);
-    drawLimits(plot, limits);
-    drawMarks(plot, marks);
+    parts.forEach(([drawPart, list]) => drawPart(plot, list));
     plot.ctx.restore();
-  } } };
+  };
+  return { hooks: { drawClear: drawing([[drawBands, bands], [drawMarks, marks]]), drawAxes: drawing([[drawLimits, limits]]) } };
 }
 
 function axes(unit) {
   const look = { stroke: colour("faint"), grid: { stroke: colour("grid"), width: 1 }, ticks: { stroke: colour("line"), width: 1 } };
   return [{ ...look, values: (plot, ticks) => ticks.map(tick), incrs: STEPS, space: 90 },
-          { ...look, size: 78, values: (plot, ticks) => ticks.map(unit) }];
+          { ...look, size: 78, space: 20, values: (plot, ticks) => ticks.map(unit) }];
 }
 
 // `more`: a curve through values that are not there at each moment is drawn from one to the next.
 const curve = (label, name, unit, more) => ({ label, stroke: colour(name), width: 1.75, points: { size: 5 },
                                               value: (plot, value) => orDash(value, unit), ...more });
 const between = { spanGaps: true, dash: [2, 3], width: 2.25 };
-const fixed = { dash: [10, 4], points: { show: false } };
+const fixed = { width: 2.25, dash: [14, 3], points: { show: false } };
 
 // All that is drawn now, to be drawn anew in another width, and put away.
 const drawn = new Set();
@@ -121,7 +121,7 @@ function chart(parent, view, what, more) {
   const place = make("div", null, box, "chart"), limits = what.limits || [];
   const width = () => Math.max(240, box.clientWidth);
   const options = {
-    width: width(), height: 190, padding: [14, null, null, null], bands: what.bands || [],
+    width: width(), height: 210, padding: [14, null, null, null], bands: what.bands || [],
     cursor: { sync: { key: view.range.join("-") } },
     scales: { x: { time: false, range: () => view.range }, y: { range: extent(limits) } },
     axes: axes(what.unit), plugins: [behind(view.bands, limits, view.marks)],

@@ -14,8 +14,8 @@ const orNull = (value, get) => isKnown(value) ? get(value) : null;
 
 // title, value to sort by, words in the flow's own row, words in a node's row
 const COLUMNS = [
-  ["Node", wayOf, wayOf, stay => stay.node, "node"],
   ["Saves", f => orNull(f.worth, w => w.saves), f => savesOf(f.worth), stay => savesOf(stay.worth), "number saves"],
+  ["Node", wayOf, wayOf, stay => stay.node, "node"],
   ["Way taken", f => orNull(f.worth, w => w.taken), f => orNull(f.worth, w => orDash(w.taken, ms)), stay => orDash(stay.worth.taken, ms)],
   ["Direct", f => orNull(f.worth, w => w.direct), f => orNull(f.worth, w => orDash(w.direct, ms)), stay => orDash(stay.worth.direct, ms)],
   ["Lost", f => nowOf(f, "lost"), f => orDash(nowOf(f, "lost"), v => v.toFixed(1) + " %"), stay => orDash(stay.lost, v => v.toFixed(1) + " %")],
@@ -92,8 +92,9 @@ function showStay(flow, stay, body) {
 
 function showTrial(flow, trial, body) {
   const row = addPart(body, periodOf(trial, flow.ended));
+  make("td", null, row);
   make("td", "on trial: " + trial.node, row, "node");
-  make("td", trial.outcome, row).colSpan = COLUMNS.length - 1;
+  make("td", trial.outcome, row).colSpan = COLUMNS.length - 2;
 }
 
 function showRow(flow, table, isOpen, toggle) {
