@@ -54,6 +54,10 @@ def check_run(checks, program):
                 "the delay is in seconds")
     checks.that(metrics.value("vyr_flows", **flow) == 1 and metrics.sum("vyr_flows") == 1,
                 "the flow that has ended is not open")
+    saved = metrics.value("vyr_saved_delay_seconds", node=NODE_2["node"])
+    wanted = (80 - last["frontend_fine"]["delay_avg"] - 31) / 1000  # direct, and from the node on, by the tables
+    checks.that(saved == wanted and metrics.sum("vyr_saved_delay_seconds") == wanted, "what the node saves",
+                (saved, wanted))
     ended = {"game_id": "77", "protocol": "udp", **NODE_1, "section": "backend"}
     checks.that(metrics.value("vyr_probes_answered_total", **ended) == last_of(run, 3)["backend_fine"]["total_recv"],
                 "what the one that has ended carried is counted still")

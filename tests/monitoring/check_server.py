@@ -149,6 +149,22 @@ def check_events(checks, client):
             flows = len(document["flows"])
 
 
+class Regions(Client):
+    """A watch of this machine's reports."""
+
+    def __init__(self, program):
+        served.Program.__init__(self, program, "watch", "--serve", "127.0.0.1:0")
+
+
+def check_hindered(checks, client):
+    with Regions(client) as program:
+        found = served.wait_until(lambda: program.served.health()[1]["status"] == "hindered")
+        status, health = program.served.health()
+        checks.that(found and status == 503 and "nobody serves" in health["trouble"], "without tables there are no reports",
+                    health)
+        checks.that(program.served.metrics().value("vyr_drain_hindered") == 1, "the metrics say so")
+
+
 class Mute(Client):
     """One whose output nobody reads."""
 
@@ -217,6 +233,7 @@ def main():
     with Client(client) as program:
         check_slow_readers(checks, program)
         checks.that(program.end() == 0, "it ends when told, with readers that do not read")
+    check_hindered(checks, client)
     check_stuck(checks, client)
     with Node(node) as program:
         checks.that(program.served.status("/metrics", Host="evil.example") == 403, "a node does not answer either")

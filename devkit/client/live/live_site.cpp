@@ -5,9 +5,11 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "client/watch/flow_worth.h"
 #include "client/watch/page_data.h"
 #include "client/watch/report_drain.h"
 #include "client/watch/report_page.h"
@@ -23,6 +25,31 @@ constexpr uint32_t kStuckMs = 10'000;
 // The page of a long run takes a while to put together: the server's thread has other work, too.
 constexpr uint32_t kLeastPauseMs = 1000;
 constexpr uint32_t kPausePerWork = 9;
+
+// The page's first figure, by node.
+void WriteSaved(const FlowBook& book, uint64_t now_ms, MetricsText* text) {
+  std::map<std::string, std::pair<double, unsigned>> saved;
+  for (const Flow& flow : book.flows()) {
+    if (flow.ended || flow.stay() == nullptr || now_ms > flow.last_ms + ReportMetrics::kGoneMs) {
+      continue;
+    }
+    const Worth worth = WorthOf(*flow.stay());
+    const auto saves = worth.saves();
+    if (worth.basis != Worth::Basis::kMeasured || !saves) continue;
+    const std::string& node = flow.stay()->endpoint;
+    const bool has_room = saved.size() < ReportMetrics::kMostSeries || saved.contains(node);
+    auto& [sum, count] = saved[has_room ? node : "other"];
+    sum += static_cast<double>(*saves);
+    ++count;
+  }
+  text->Family(
+      "vyr_saved_delay_seconds", Type::kGauge,
+      "What the way through the node saves against the direct way; below 0: what it costs. "
+      "The mean of the open flows whose way was measured.");
+  for (const auto& [node, sum] : saved) {
+    text->Sample({{"node", node}}, sum.first / 1000 / sum.second);
+  }
+}
 
 http::SharedText Share(std::string text) { return std::make_shared<std::string>(std::move(text)); }
 
@@ -114,7 +141,9 @@ http::Reply LiveSite::Metrics() {
   text.Family("vyr_reports_left_out_total", Type::kCounter,
               "Reports that were taken faster than they could be counted here.");
   text.Sample({}, seen_.left_out);
-  metrics_.Write(is_replay_ ? latest_ms_ : NowMs(), &text);
+  const uint64_t now_ms = is_replay_ ? latest_ms_ : NowMs();
+  metrics_.Write(now_ms, &text);
+  WriteSaved(book_, now_ms, &text);
   return {200, metrics::kContentType, Share(text.text())};
 }
 
