@@ -6,9 +6,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <cwchar>
 #include <exception>
+#include <iterator>
 #include <new>
 #include <set>
+#include <string_view>
 
 #include "common/log.h"
 #include "common/process_info.h"
@@ -48,6 +51,27 @@ std::string Narrow(const std::wstring& text) {
   std::string narrow;
   common::u16to8(text, &narrow);
   return narrow;
+}
+
+bool IsKnownKey(std::string_view key) noexcept {
+  constexpr std::string_view kKeys[] = {"process_count", "proxy_ip",  "proxy_port",
+                                        "net_mode",      "log_level", "mend"};
+  const bool is_plain =
+      std::any_of(std::begin(kKeys), std::end(kKeys),
+                  [key](std::string_view one) { return common::EqualsIgnoreCase(key, one); });
+  constexpr std::string_view kProcess = "proc";  // and a number
+  return is_plain || (common::EqualsIgnoreCase(key.substr(0, kProcess.size()), kProcess) &&
+                      key.find_first_not_of("0123456789", kProcess.size()) == key.npos);
+}
+
+// Guard: a mistyped key would do nothing, without a word.
+void TraceUnknownKeys(const std::wstring& path) {
+  wchar_t keys[kMaxListChars + 2] = {};  // each ends with a zero, and the last one with two
+  GetPrivateProfileStringW(kSection, nullptr, L"", keys, kMaxListChars, path.c_str());
+  for (const wchar_t* key = keys; *key != L'\0'; key += std::wcslen(key) + 1) {
+    const std::string name = Narrow(key);
+    if (!IsKnownKey(name)) LspTrace("Game Test Init, unknown key=%s\n", name.c_str());
+  }
 }
 
 }  // namespace
@@ -108,6 +132,7 @@ void LspGameTester::ReadFile() {
     return;
   }
   LspTrace("Game Test Init, log_path =[%s] \n", Narrow(path).c_str());
+  TraceUnknownKeys(path);
   const u32 process_count = ReadNumber(L"process_count", 0, path);
   if (process_count == 0) {
     const DWORD error = GetLastError();

@@ -104,6 +104,34 @@ TEST_F(GameTester, SaysWhatAFileLacks) {
   }
 }
 
+TEST_F(GameTester, NamesEachKeyThatItDoesNotKnow) {
+  Write(std::string(kWhole) + "proc2=b\r\nMEND=none\r\nPROC10=c\r\n");
+  EXPECT_TRUE(tester.Init());
+  EXPECT_FALSE(Traced("unknown key"));
+  Write(std::string(kWhole) + "netmode=24\r\nproc_1=a\r\nprocess=b\r\n\r\n[Other]\r\nkey=1\r\n");
+  EXPECT_TRUE(tester.Init());
+  for (const char* key : {"netmode", "proc_1", "process"}) {
+    EXPECT_TRUE(Traced("Game Test Init, unknown key=" + std::string(key) + "\n")) << key;
+  }
+  EXPECT_FALSE(Traced("unknown key=key")) << "another section is somebody else's";
+  EXPECT_TRUE(tester.IsEnabled()) << "and the rest counts";
+  test::TraceCapture::lines().clear();
+  Write("process_cuont=1\r\n");
+  EXPECT_TRUE(tester.Init());
+  EXPECT_TRUE(Traced("unknown key=process_cuont\n")) << "where something is missing, too";
+}
+
+// However many there are, no more is read than there is room for.
+TEST_F(GameTester, ManyUnknownKeysAreNamedAsFarAsTheyFit) {
+  std::string many;
+  for (int i = 0; i < 1000; ++i) many += "key" + std::to_string(i) + "=1\r\n";
+  Write(kWhole + many);
+  EXPECT_TRUE(tester.Init());
+  EXPECT_TRUE(Traced("unknown key=key0\n"));
+  EXPECT_FALSE(Traced("unknown key=key999\n"));
+  EXPECT_TRUE(tester.IsEnabled());
+}
+
 TEST_F(GameTester, AFileThatIsNoLongerWholeTurnsItOff) {
   Write(kWhole);
   tester.Init();
