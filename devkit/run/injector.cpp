@@ -28,6 +28,9 @@ const wchar_t* Explain(DWORD host_start_result) {
       return L"the host could not map its report";
     case winsock_host::kHostNoBaseProvider:
       return L"the base provider could not be started in the program";
+    case winsock_host::kHostNoCatalogue:
+      return L"the file of --catalogue holds no catalogue for programs of this kind, or one too "
+             L"long";
     default:
       return L"the host failed in the program";
   }

@@ -62,7 +62,7 @@ int Complete(HostConfig* config, const std::wstring& host) {
     return kNoHost;
   }
   if (config->next[0] == 0) std::wcscpy(config->next, config->base);
-  if (config->bare != 0) return 0;
+  if (config->bare != 0 || config->catalogue[0] != 0) return 0;
   if (config->library[0] == 0 && !Copy(folder + FilesOf(kOwnKind).library, config->library)) {
     return kNoLibrary;
   }
@@ -89,7 +89,8 @@ bool FillConfig(const Options& options, HostConfig* config) {
   config->cleanup_after_end = options.cleanup_after_end ? 1 : 0;
   config->keep_loaded = options.keep_loaded ? 1 : 0;
   return Copy(options.library.empty() ? L"" : FullPath(options.library), config->library) &&
-         Copy(options.next, config->next);
+         Copy(options.next, config->next) &&
+         Copy(options.catalogue.empty() ? L"" : FullPath(options.catalogue), config->catalogue);
 }
 
 int PlaceHost(HostedProgram* hosted, HostConfig* config) {
@@ -111,9 +112,10 @@ int PlaceHostOfOtherKind(HostedProgram* hosted, const std::wstring& program,
   return kNoHost;
 }
 
-// Empty if there is none.
+// Empty if there is none; the file that names it where the catalogue is a file's.
 std::wstring LibraryOf(const HostedProgram& hosted, const HostConfig& config) {
   if (config.bare != 0) return {};
+  if (config.catalogue[0] != 0) return config.catalogue;
   if (config.library[0] != 0) return config.library;
   const wchar_t* name = FilesOf(hosted.kind()).library;
   return winsock_host::FindKindFile(FolderOf(nullptr), hosted.kind(), name);

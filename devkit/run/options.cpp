@@ -15,6 +15,9 @@ const char kHelp[] =
     "  --bare          no library: the base provider alone, as a control\n"
     "  --next MODULE   what the catalogue names as the next provider under the library\n"
     "                  (default: winsock_base.dll or winsock_base64.dll); not checked\n"
+    "  --catalogue FILE  the catalogue that vyr_setup --catalogue FILE has written, in place of "
+    "the\n"
+    "                  host's own; it names the library\n"
     "  --trace FILE    write what was seen, as JSON lines, when the program has ended:\n"
     "                  catalogue entries started and cleaned up, calls counted, debugger\n"
     "                  output\n"
@@ -122,6 +125,7 @@ std::wstring* TextOption(const std::wstring& name, Options* options) {
   if (name == L"--library") return &options->library;
   if (name == L"--next") return &options->next;
   if (name == L"--trace") return &options->trace;
+  if (name == L"--catalogue") return &options->catalogue;
   return nullptr;
 }
 
@@ -176,6 +180,10 @@ bool ParseCommandLine(const wchar_t* line, Options* options, std::wstring* probl
   if (problem->empty() && options->program.empty()) *problem = L"no program given";
   if (options->bare && !(options->library.empty() && options->next.empty())) {
     *problem = L"--bare goes with neither --library nor --next";
+  }
+  const bool own = options->bare || options->one_guid || !options->library.empty();
+  if (own && !options->catalogue.empty()) {
+    *problem = L"--catalogue goes with neither --bare nor --library nor --guids";
   }
   return problem->empty();
 }

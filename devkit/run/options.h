@@ -19,6 +19,7 @@ struct Options {
   std::wstring library;       // empty: the one beside vyr_run.exe
   std::wstring next;          // empty: the host's base provider
   std::wstring trace;         // empty: none
+  std::wstring catalogue;     // empty: the host's own
   std::wstring program;       // as typed, without quotes
   std::wstring command_line;  // from the program's name to the end, as typed
 };

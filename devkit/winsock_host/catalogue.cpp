@@ -2,6 +2,9 @@
 
 #include <cstring>
 #include <cwchar>
+#include <string>
+
+#include "catalogue_file.h"
 
 namespace winsock_host {
 namespace {
@@ -48,6 +51,7 @@ struct State {
   std::vector<CatalogueEntry> entries;
   wchar_t library[kConfigPathChars];
   wchar_t base[kConfigPathChars];
+  FileCatalogue file;  // empty unless the catalogue is a file's
 };
 State& TheState() {
   static State& state = *new State{};  // never destroyed: threads outlive static destructors
@@ -131,13 +135,23 @@ bool IsWanted(const int* protocols, int protocol) {
   return false;
 }
 
+bool ReadFile(const wchar_t* path) {
+  State& state = TheState();
+  if (!ReadCatalogueFile(path, &state.file)) return false;
+  for (const WSAPROTOCOL_INFOW& info : state.file.entries) {
+    state.entries.push_back({info, info.ProtocolChain.ChainLen != BASE_PROTOCOL});
+  }
+  return true;
+}
+
 }  // namespace
 
-void BuildCatalogue(const HostConfig& config) {
+bool BuildCatalogue(const HostConfig& config) {
   State& state = TheState();
   state.entries.clear();
   std::wcsncpy(state.library, config.library, kConfigPathChars - 1);
   std::wcsncpy(state.base, config.next, kConfigPathChars - 1);
+  if (config.catalogue[0] != 0) return ReadFile(config.catalogue);
   if (config.bare == 0) {
     AddHiddenEntry();
     for (DWORD kind = 0; kind < kLayeredKinds; ++kind) {
@@ -145,6 +159,7 @@ void BuildCatalogue(const HostConfig& config) {
     }
   }
   for (DWORD kind = 0; kind < std::size(kKinds); ++kind) AddBaseEntry(kind);
+  return true;
 }
 
 const std::vector<CatalogueEntry>& Catalogue() { return TheState().entries; }
@@ -158,7 +173,10 @@ int FindEntry(int family, int type, int protocol) {
 }
 
 const wchar_t* ModulePath(const WSAPROTOCOL_INFOW& info) {
-  return info.ProviderId == kBaseGuid ? TheState().base : TheState().library;
+  const State& state = TheState();
+  if (info.ProtocolChain.ChainLen == BASE_PROTOCOL) return state.base;
+  const std::wstring* path = PathIn(state.file, info.ProviderId);
+  return path != nullptr ? path->c_str() : state.library;
 }
 
 int WSPAPI EnumProtocols(LPINT protocols, LPWSAPROTOCOL_INFOW buffer, LPDWORD length, LPINT error) {

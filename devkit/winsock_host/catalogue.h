@@ -24,16 +24,17 @@ struct CatalogueEntry {
   bool layered;  // an entry of the library
 };
 
-// Fills the catalogue from the paths of `config`. Without a library (`bare`) it has only the base
-// entries.
-void BuildCatalogue(const HostConfig& config);
+// Fills the catalogue: from the file that `config` names, else from its paths. Without a library
+// (`bare`) it has only the base entries. False if the file cannot be used.
+bool BuildCatalogue(const HostConfig& config);
 const std::vector<CatalogueEntry>& Catalogue();
 
 // The index of the entry that Winsock would start for a socket of these kinds: the first visible
 // one in the catalogue's order that matches. -1 when none does.
 int FindEntry(int family, int type, int protocol);
 
-// The full path of the module behind an entry.
+// The path of the module behind an entry; it may contain %NAME%. Base entries have the host's own
+// base provider, whichever they are.
 const wchar_t* ModulePath(const WSAPROTOCOL_INFOW& info);
 
 // The replacements of the platform calls of these names, for the library and the program.

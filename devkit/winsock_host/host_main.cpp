@@ -39,7 +39,7 @@ extern "C" DWORD WINAPI HostStart(void* argument) {
   AddLoaderReplacements();
   AddThreadReplacements();
   AddChildReplacements(g_host_module, config);
-  BuildCatalogue(config);
+  if (!BuildCatalogue(config)) return kHostNoCatalogue;
   PrepareStartup(config);
   if (!PrepareProviders(config)) return kHostNoBaseProvider;
   FollowModuleLoads();

@@ -12,7 +12,7 @@
 namespace winsock_host {
 namespace {
 
-constexpr size_t kMaxEntries = 16;
+constexpr size_t kMaxEntries = 128;
 constexpr size_t kTableEntries = sizeof(WSPPROC_TABLE) / sizeof(void*);
 static_assert(kTableEntries == 30);
 
@@ -90,8 +90,9 @@ bool Unload(HMODULE module) {
 }
 
 int LoadAndStart(const CatalogueEntry& entry, Provider* provider) {
-  const HMODULE module =
-      LoadLibraryExW(ModulePath(entry.info), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+  wchar_t path[kConfigPathChars] = {};
+  ExpandEnvironmentStringsW(ModulePath(entry.info), path, kConfigPathChars);
+  const HMODULE module = LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
   if (module == nullptr) return WSAEPROVIDERFAILEDINIT;
   PatchNewModules();
   const int result = Start(module, entry, provider);
