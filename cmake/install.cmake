@@ -13,7 +13,7 @@ foreach(program vyr_lsp vyr_run winsock_host winsock_base vyr_client vyr_node vy
 endforeach()
 install(FILES README.md CHANGELOG.md THIRD-PARTY-NOTICES DESTINATION .)
 install(FILES include/vyr_regions.h DESTINATION include)
-install(FILES tools/vyr.lua DESTINATION tools)
+install(FILES tools/vyr.lua tools/windows-check.ps1 DESTINATION tools)
 install(FILES examples/serve_one_game.c examples/serve_one_game.py DESTINATION examples)
 file(GLOB documents CONFIGURE_DEPENDS docs/*.md docs/*.ksy)
 install(FILES ${documents} DESTINATION docs)
