@@ -73,16 +73,16 @@ class Reader {
 
   void Table(const toml::table& table, const Shape& shape, std::byte* record,
              const std::string& path) {
-    Keys(table, shape, path);
+    const MeantNodes meant = Keys(table, shape, path);
     const bool whole =
-        references_.TakeOverNode(table, shape, record, path) || MeansANode(table, shape);
+        references_.TakeOverNode(table, shape, record, path) || MeansANode(meant, shape);
     for (const Field& field : shape.fields) {
       const std::string key = path + field.key;
       if (field.kind == Kind::kFromNode || field.kind == Kind::kAddresses) continue;
       if (const toml::node* node = table.get(field.key)) {
         ReadField(*node, field, record, key);
-      } else if (const toml::node* const mistyped = Mistyped(table, shape, field)) {
-        ReadMistyped(*mistyped, field, record, key);
+      } else if (const auto mistyped = meant.find(field.key); mistyped != meant.end()) {
+        ReadMistyped(*mistyped->second, field, record, key);
       } else if (field.required && !whole) {
         AddError(&problems_, LineOf(table), key, "is missing");
       } else if (field.fallback != 0) {
@@ -97,6 +97,7 @@ class Reader {
   }
 
  private:
+  using MeantNodes = std::map<std::string, const toml::node*, std::less<>>;
   using RecordOf = std::function<const std::byte*(size_t index)>;
 
   void ReadField(const toml::node& node, const Field& field, std::byte* record,
@@ -106,19 +107,10 @@ class Reader {
     Value(node, field, to != nullptr ? to : spare.data(), key);
   }
 
-  static bool MeansANode(const toml::table& table, const Shape& shape) {
+  static bool MeansANode(const MeantNodes& meant, const Shape& shape) {
     return std::any_of(shape.fields.begin(), shape.fields.end(), [&](const Field& field) {
-      return field.kind == Kind::kFromNode && Mistyped(table, shape, field) != nullptr;
+      return field.kind == Kind::kFromNode && meant.contains(field.key);
     });
-  }
-
-  // What an unknown key of the table holds that was meant to be this one.
-  static const toml::node* Mistyped(const toml::table& table, const Shape& shape,
-                                    const Field& field) {
-    for (const auto& [key, node] : table) {
-      if (shape.Find(key.str()) == nullptr && MeantKey(key.str(), shape) == field.key) return &node;
-    }
-    return nullptr;
   }
 
   // The key has been reported. Its value is read all the same: what needs it would otherwise be
@@ -132,13 +124,17 @@ class Reader {
     if (!holds_more) problems_.erase(problems_.begin() + static_cast<long>(count), problems_.end());
   }
 
-  // Every key that is written must be one of the shape's.
-  void Keys(const toml::table& table, const Shape& shape, const std::string& path) {
+  // Every key that is written must be one of the shape's. What the others hold, by the keys that
+  // they were meant to be.
+  MeantNodes Keys(const toml::table& table, const Shape& shape, const std::string& path) {
+    MeantNodes meant;
     for (const auto& [key, node] : table) {
       if (shape.Find(key.str()) != nullptr) continue;
+      if (std::string one = MeantKey(key.str(), shape); !one.empty()) meant.emplace(one, &node);
       AddError(&problems_, key.source().begin.line, path + std::string(key.str()),
                WhyUnknown(key.str(), shape, path));
     }
+    return meant;
   }
 
   void Value(const toml::node& node, const Field& field, std::byte* record,
