@@ -75,23 +75,25 @@ void PutBefore(CatalogueImage* image, DWORD id, const WSAPROTOCOL_INFOW& entry) 
   image->entries.insert(at, entry);
 }
 
-// Each layered entry directly before the one that it leads to: the order decides nothing else.
+// Each layered entry directly before the one that it leads to, and the hidden one before the first
+// of them: nothing else changes its place.
 bool AddLibrary(CatalogueImage* image, const std::wstring& path, bool over_others) {
   const CatalogueImage rest = *image;
-  bool any = false;
   DWORD id = kPlannedIds;
+  std::optional<WSAPROTOCOL_INFOW> hidden;
   for (const Protocol& protocol : kProtocols) {
     const WSAPROTOCOL_INFOW* below = Below(rest, protocol, over_others);
     if (below == nullptr) continue;
-    if (!any) {
-      image->entries.insert(image->entries.begin(), Hidden(*below));
-      image->paths.push_back({kHiddenGuid, path});
-    }
-    any = true;
+    if (!hidden) hidden = Hidden(*below);
     PutBefore(image, below->dwCatalogEntryId, Layered(*below, protocol.guid, ++id));
     image->paths.push_back({protocol.guid, path});
   }
-  return any;
+  const auto first = std::ranges::find_if(
+      image->entries, [](const WSAPROTOCOL_INFOW& entry) { return IsOwn(entry.ProviderId); });
+  if (!hidden) return false;
+  image->entries.insert(first, *hidden);
+  image->paths.push_back({kHiddenGuid, path});
+  return true;
 }
 
 }  // namespace

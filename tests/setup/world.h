@@ -175,18 +175,14 @@ inline std::string Comparable(const setup::MachineImage& image) {
   std::string text;
   for (const auto& [kind, catalogue] : image.catalogues) {
     text += std::string(setup::KindName(kind)) + "\n";
-    for (const WSAPROTOCOL_INFOW& entry : catalogue.entries) {
-      setup::Json json = setup::ToJson(entry);
-      if (setup::IsOwn(entry.ProviderId)) json["id"] = "own";
-      setup::Json chain = setup::Json::array();
+    for (WSAPROTOCOL_INFOW entry : catalogue.entries) {
       for (const DWORD id : setup::ChainOf(entry)) {
         const setup::EntryName name = setup::NameOf(catalogue, id);
-        chain.push_back(name.own ? "own " + std::to_string(name.provider.Data4[7]) + " " +
-                                       std::to_string(name.index)
-                                 : std::to_string(id));
+        text += name.own ? " own " + std::to_string(name.provider.Data4[7]) : std::to_string(id);
       }
-      json["chain"] = chain;
-      text += json.dump() + "\n";
+      if (setup::IsOwn(entry.ProviderId)) entry.dwCatalogEntryId = 0;
+      if (setup::IsOwn(entry.ProviderId)) entry.ProtocolChain = {};
+      text.append(reinterpret_cast<const char*>(&entry), sizeof entry);
     }
     for (const setup::Provider& own : setup::OwnProviders(catalogue)) {
       text += std::string(own.path.begin(), own.path.end()) + "\n";
