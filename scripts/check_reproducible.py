@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Whether two builds of the same sources are the same byte for byte.
 
-usage: check_reproducible.py [--kind x86|x64] [--full]
+usage: check_reproducible.py [--kind x86|x64] [--library | --full]
 
 Builds in two folders whose paths differ in length, with different time zones, file modes and numbers
-of jobs, and compares what comes out. By default that is the library and vyr_run, before and after
-their symbols have been moved out; with --full it is all that scripts/release.sh makes.
+of jobs, and compares what comes out. By default that is vyr_run and its two DLLs, before and after
+their symbols have been moved out; with --library also the library, which takes many minutes the first
+time; with --full it is all that scripts/release.sh makes.
 
 Each folder has its own part of the compiler cache. So an object that the cache returns has been
 compiled in that very folder at some time, and never in the other one.
@@ -23,7 +24,9 @@ import release_parts
 
 ROOT = release_parts.ROOT
 CACHE = pathlib.Path(os.environ.get("XDG_CACHE_HOME") or pathlib.Path.home() / ".cache", "vyr", "reproducible")
-MODULES = ["bin/vyr_lsp{}.dll", "bin/vyr_run{}.exe"]
+MODULES = {"vyr_run": "bin/vyr_run{}.exe", "winsock_host": "bin/winsock_host{}.dll",
+           "winsock_base": "bin/winsock_base{}.dll"}
+LIBRARY = {"vyr_lsp": "bin/vyr_lsp{}.dll"}
 SUFFIXES = {"x86": "", "x64": "64"}
 
 
@@ -62,15 +65,15 @@ class Side:
                 target.parent.mkdir(parents=True, exist_ok=True)
                 shutil.copy(source, target)
 
-    def build(self, kind):
+    def build(self, kind, modules):
         """The modules of one kind by name, with their symbols and without."""
         preset = f"release-{kind}"
         self.run("cmake", "--preset", preset)
-        self.run("cmake", "--build", "--preset", preset, "--target", "vyr_lsp", "vyr_run")
+        self.run("cmake", "--build", "--preset", preset, "--target", *modules)
         stage, symbols = self.folder / "build/stage", self.folder / "build/symbols"
         stage.mkdir()
         made = {}
-        for name in MODULES:
+        for name in modules.values():
             path = self.folder / "build" / preset / name.format(SUFFIXES[kind])
             made[path.name + " with symbols"] = path.read_bytes()
             shutil.copy(path, stage)
@@ -104,8 +107,8 @@ def tells_its_folder(made, sides):
 
 
 def symbols_that_fail(side, kind):
-    """An address of the stripped library leads through its build id to the line of an export."""
-    library = side.folder / "build/stage" / f"vyr_lsp{SUFFIXES[kind]}.dll"
+    """An address of a stripped module leads through its build id to the line of an export."""
+    library = side.folder / "build/stage" / f"winsock_base{SUFFIXES[kind]}.dll"
     identity = release_parts.build_id(library)
     symbols = side.folder / "build/symbols/.build-id" / identity[:2] / f"{identity[2:]}.debug"
     tool = release_parts.TOOLS[release_parts.machine_of(library)]
@@ -113,7 +116,7 @@ def symbols_that_fail(side, kind):
     address = re.search(r"^([0-9a-f]+) T _?WSPStartup", names, re.M).group(1)
     said = subprocess.run([tool + "addr2line", "-f", "-e", symbols, "0x" + address],
                           capture_output=True, text=True, check=True).stdout
-    if not re.search(r"src/start/\w+\.cpp:[1-9]", said):
+    if not re.search(r"devkit/winsock_host/base_provider\.cpp:[1-9]", said):
         yield f"the symbols do not know where WSPStartup is: {said}"
     headers = subprocess.run([tool + "objdump", "-ph", library], capture_output=True, text=True, check=True).stdout
     if f"signature {identity} " not in headers:
@@ -125,15 +128,17 @@ def symbols_that_fail(side, kind):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--kind", choices=SUFFIXES, default="x86")
+    parser.add_argument("--library", action="store_true", help="the library, too")
     parser.add_argument("--full", action="store_true", help="all that scripts/release.sh makes; takes long")
     arguments = parser.parse_args()
+    modules = MODULES | (LIBRARY if arguments.library else {})
     sides = [Side("one", 2, "UTC", 0o022), Side("another/of-a-longer-name", 1, "Pacific/Auckland", 0o077)]
     CACHE.mkdir(parents=True, exist_ok=True)
     with open(CACHE / ".lock", "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         for side in sides:
             side.take_sources()
-        made = [side.release() if arguments.full else side.build(arguments.kind) for side in sides]
+        made = [side.release() if arguments.full else side.build(arguments.kind, modules) for side in sides]
         wrong = list(differences(*made))
         if not arguments.full:
             wrong += [*tells_its_folder(made[0], sides), *symbols_that_fail(sides[0], arguments.kind)]

@@ -209,6 +209,7 @@ int Run(int argc, char** argv) {
   Options options;
   CLI::App app{"Puts the library into Winsock's catalogues and takes it out again."};
   app.require_subcommand(1);
+  app.set_version_flag("--version", "vyr_setup " VYR_VERSION);
   app.footer(kExitCodesHelp);
   AddCommand(&app, &options, "install", "put the library into the catalogues");
   AddCommand(&app, &options, "uninstall", "remove all of it");
