@@ -47,12 +47,39 @@ void PeerSockets::SendToGame(const UdpPackage& package) noexcept {
             session_->token());
     return;
   }
-  if (sendto(place->socket, reinterpret_cast<const char*>(package.data),
-             static_cast<int>(package.valid_len), 0, reinterpret_cast<const sockaddr*>(&game_),
-             sizeof game_) == SOCKET_ERROR) {
-    LSP_LOG(0, "[UDP] PeerSockets::SendToGame, error=%d, token=%u", WSAGetLastError(),
-            session_->token());
+  const bool in_line =
+      std::any_of(blocked_.begin(), blocked_.end(),
+                  [=](const StoredPackage& waiting) { return waiting.socket == place->socket; });
+  if (!in_line && Send(place->socket, package)) return;
+  if (blocked_.size() < kMostBlocked) {
+    Store(&blocked_, package.data, package.valid_len, game_, place->socket);
   }
+  session_->provider()->SessionMgr()->EnableWrite(place->socket);
+}
+
+// Where there is no room after all the next datagram asks again: a socket that is called writable
+// and takes nothing must not keep the worker busy.
+void PeerSockets::OnWritable(SOCKET socket) noexcept {
+  for (auto next = blocked_.begin(); next != blocked_.end();) {
+    if (next->socket != socket) {
+      ++next;
+    } else if (Send(socket, next->View())) {
+      next = blocked_.erase(next);
+    } else {
+      return;
+    }
+  }
+}
+
+bool PeerSockets::Send(SOCKET socket, const UdpPackage& package) noexcept {
+  if (sendto(socket, reinterpret_cast<const char*>(package.data),
+             static_cast<int>(package.valid_len), 0, reinterpret_cast<const sockaddr*>(&game_),
+             sizeof game_) != SOCKET_ERROR) {
+    return true;
+  }
+  const int error = WSAGetLastError();
+  LSP_LOG(0, "[UDP] PeerSockets::SendToGame, error=%d, token=%u", error, session_->token());
+  return error != WSAEWOULDBLOCK;
 }
 
 // Only the game has a reason to send here. A datagram that is too long ends this read with an
@@ -70,6 +97,10 @@ void PeerSockets::OnReadable(SOCKET socket) noexcept {
     package.addr = place->peer;
     session_->RouteFromGame(package);
   }
+}
+
+void PeerSockets::ReadAll() noexcept {
+  for (u32 i = 0; i < count_; ++i) OnReadable(places_[i].socket);
 }
 
 const PeerSockets::Place* PeerSockets::Find(const sockaddr_in& peer) const noexcept {

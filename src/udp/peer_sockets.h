@@ -9,6 +9,7 @@
 
 #include "relay/relay_interfaces.h"
 #include "udp/peer_ports.h"
+#include "udp/stored_package.h"
 #include "udp/udp_package.h"
 
 namespace moru_vyr::lsp {
@@ -17,6 +18,8 @@ class UdpSession;
 
 class PeerSockets final : public IRelaySocketDelegate {
  public:
+  static constexpr size_t kMostBlocked = 256;
+
   // `game` is the game's socket; `ports` outlives this.
   PeerSockets(UdpSession* session, const sockaddr_in& game, PeerPorts* ports) noexcept
       : session_(session), game_(game), ports_(ports) {}
@@ -25,12 +28,15 @@ class PeerSockets final : public IRelaySocketDelegate {
   // A port for an address that the game wants to send to; true if it has one afterwards.
   bool Open(const sockaddr_in& peer) noexcept;
   // Sends a datagram from the network to the game, from the port of its source, package.addr. Drops
-  // it if there is no port left for the source or no room in the loopback interface, as the network
-  // may.
+  // it if there is no port left for the source, as the network may. While the loopback interface
+  // has no room the datagram waits, with up to kMostBlocked others.
   void SendToGame(const UdpPackage& package) noexcept;
 
+  // Reads what the game has sent before it closed its socket.
+  void ReadAll() noexcept;
+
   void OnReadable(SOCKET socket) noexcept override;
-  void OnWritable(SOCKET) noexcept override {}
+  void OnWritable(SOCKET socket) noexcept override;
   void OnException(SOCKET) noexcept override {}
   void OnClose(SOCKET) noexcept override {}
 
@@ -39,6 +45,8 @@ class PeerSockets final : public IRelaySocketDelegate {
     SOCKET socket = INVALID_SOCKET;
     sockaddr_in peer = {};
   };
+  // Whether it left or was dropped; false if it has to wait for room.
+  bool Send(SOCKET socket, const UdpPackage& package) noexcept;
   const Place* Find(const sockaddr_in& peer) const noexcept;
   const Place* Make(const sockaddr_in& peer) noexcept;
 
@@ -48,6 +56,7 @@ class PeerSockets final : public IRelaySocketDelegate {
   std::array<Place, PeerPorts::kPlaces> places_;
   u32 count_ = 0;
   u32 strangers_ = 0;
+  StoredPackages blocked_;  // for the game, in the order in which they came
 };
 
 }  // namespace moru_vyr::lsp

@@ -114,6 +114,7 @@ void UdpSession::DeliverToGame(const UdpPackage& package) noexcept {
 }
 
 bool UdpSession::CanClose() noexcept {
+  if (HasPeerPorts()) peer_sockets_->ReadAll();
   bool result = true;
   for (const auto& [key, session] : remote_sessions_) {
     if (!session->OwesServers()) continue;

@@ -50,9 +50,10 @@ class UdpSession {
 
   void OnUpdate(u32 elapsed_ms) noexcept;
 
-  // Whether none of the game's datagrams waits for room in a socket. A remote session with such
-  // datagrams is told to close after them; those that wait for a negotiation count only with fast
-  // fallback.
+  // Whether none of the game's datagrams waits for room in a socket. Those that have reached a port
+  // of its own are read first, since the message that the socket has closed overtakes them. A
+  // remote session with such datagrams is told to close after them; those that wait for a
+  // negotiation count only with fast fallback.
   bool CanClose() noexcept;
   // The same check, without telling anything to close.
   bool OwesServers() const noexcept;

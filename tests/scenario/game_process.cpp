@@ -41,6 +41,14 @@ FARPROC Export(LPWSPSTARTUP function) {
   return exported;
 }
 
+// Whether the test has chosen already, whichever way.
+bool ClientAsksForMending() {
+  const HANDLE region = OpenFileMappingA(FILE_MAP_READ, FALSE, moru_vyr::lsp::kMendingRegionName);
+  if (region == nullptr) return false;
+  CloseHandle(region);
+  return true;
+}
+
 void RegisterForeign() {
   port::RegisterModule(kForeignPath, {{"WSPStartup", Export(StartForeign)}});
   port::SetProviderPath(kForeignGuid, kForeignPath);
@@ -111,7 +119,7 @@ void GameProcess::ListAsGame(common::u32 log_level, const std::string& log_path,
   void* const view = MapViewOfFile(region_, FILE_MAP_ALL_ACCESS, 0, 0, sizeof *region);
   std::memcpy(view, region.get(), sizeof *region);
   UnmapViewOfFile(view);
-  if (MendedInAllWorlds() != 0 && mending_ == nullptr) IsMended(MendedInAllWorlds());
+  if (MendedInAllWorlds() != 0 && !ClientAsksForMending()) IsMended(MendedInAllWorlds());
 }
 
 void GameProcess::IsMended(common::u32 bits) {

@@ -80,6 +80,41 @@ SCENARIO_F(MendedDatagram, EqualDatagramsReachTheirOwnServersAfterALoss) {
   EXPECT_EQ(HeardWhere(), Texts(5, "ping at " + On(kDirect)));
 }
 
+// What finds no room towards the game waits until there is some, and all behind it.
+SCENARIO_F(MendedDatagram, WhatFindsNoRoomTowardsTheGameWaits) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from " + On(kServer));
+  int blocked = 0;
+  fails = [&blocked](const SentDatagram& one) {
+    const bool to_game = one.by_relay && one.to.rfind("127.", 0) == 0;
+    return to_game && ++blocked == 1 ? WSAEWOULDBLOCK : 0;
+  };
+  for (const char* text : {"one", "two", "three"}) EXPECT_EQ(Sends(s, text), 0);
+  for (const char* text : {"one", "two", "three"}) {
+    const Datagram came = Receives(s, 500);
+    EXPECT_EQ(came.text, text);
+    EXPECT_EQ(came.from, On(kServer));
+  }
+  EXPECT_EQ(blocked, 4);
+}
+
+// The message that a socket has closed overtakes its datagrams on their way to the relay.
+SCENARIO_F(MendedDatagram, WhatAGameSendsRightBeforeItClosesArrives) {
+  Starts();
+  for (const char* ip : {kServer, kDirect}) {
+    const SOCKET s = Udp();
+    EXPECT_EQ(Talks(s, "first", ip), "first from " + On(ip));
+    heard.clear();
+    EXPECT_EQ(Sends(s, "one", ip), 0);
+    EXPECT_EQ(Sends(s, "two", ip), 0);
+    closesocket(s);
+    RunFor(500ms);
+    EXPECT_EQ(HeardWhere(), (Texts{"one at " + On(ip), "two at " + On(ip)}));
+  }
+  EXPECT_TRUE(NodesAreFree());
+}
+
 // The other way round: the game does not read for a while, and its own buffer overflows.
 SCENARIO_F(MendedDatagram, EqualAnswersKeepTheirSourcesAfterALoss) {
   Starts();

@@ -15,6 +15,7 @@
 #include "port/sim/threads.h"
 #include "tests/scenario/swarm.h"
 #include "tests/scenario/tcp_world.h"
+#include "tests/support/mended.h"
 
 namespace {
 using namespace tcp_test;    // NOLINT: the verbs of these tests
@@ -31,7 +32,15 @@ std::string Hello(size_t id) {
 
 // How one side sends, reads and leaves.
 struct Manner {
-  enum Leaving { kWhenAllIsDone, kWhenThePeerHasLeft, kShutFirst, kAfterSending, kByReset };
+  // kHalfClosed ends its sending as soon as it has sent all, and reads on to the other side's end.
+  enum Leaving {
+    kWhenAllIsDone,
+    kWhenThePeerHasLeft,
+    kShutFirst,
+    kAfterSending,
+    kByReset,
+    kHalfClosed
+  };
   size_t piece = 4096;
   DWORD pause_ms = 0;       // between pieces
   DWORD read_pause_ms = 0;  // before each read
@@ -140,6 +149,7 @@ class TcpSwarm : public Swarm<TcpWorld> {
         if (n < piece.size()) break;
         if (manner.pause_ms > 0) Sleep(manner.pause_ms);
       }
+      if (manner.leaving == Manner::kHalfClosed) shutdown(s, SD_SEND);
     };
     if (manner.leaving == Manner::kAfterSending) {
       send_all();
@@ -225,6 +235,15 @@ class TcpSwarm : public Swarm<TcpWorld> {
     for (const auto& plan : plans_) StartGame(plan.get());
     EXPECT_TRUE(RunToTheEnd(10min)) << world.Report();
     EXPECT_TRUE(RunUntil([this] { return ServerIsFree(); }, 5min)) << world.Report();
+  }
+  // No game waits a minute for a connection that neither goes on nor ends, unless a reset of its
+  // server was lost on the way.
+  void ExpectNoneIsSilent() const {
+    for (const auto& plan : plans_) {
+      if (plan->host.leaving == Manner::kByReset) continue;
+      EXPECT_NE(plan->game_end, "error " + std::to_string(WSAETIMEDOUT))
+          << "connection " << plan->id << " to " << plan->server << ", " << plan->host_end;
+    }
   }
   // Some connections are still on their way when their game has left.
   void AwaitLateArrivals() {
@@ -328,11 +347,15 @@ class TcpCalm : public TcpSwarm {
   }
 };
 
+// Where half-close is mended, streams that one or both sides have half closed are whole as well.
 SCENARIO_F_SEEDS(TcpCalm, EverythingArrivesIfNothingFails, SwarmSeeds(100)) {
   SetUpWorld(true);
+  Leavings patient = {Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutFirst};
+  if ((test::MendedInAllWorlds() & moru_vyr::lsp::kMendHalfClose) != 0) {
+    patient.push_back(Manner::kHalfClosed);
+  }
   for (size_t n = 1 + Below(8); n > 0; --n) {
-    Plan& plan = AddPlan({Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutFirst},
-                         {Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutFirst});
+    Plan& plan = AddPlan(patient, patient);
     // One has to go first.
     if (plan.game.leaving == Manner::kWhenThePeerHasLeft)
       plan.host.leaving = Manner::kWhenAllIsDone;
@@ -439,6 +462,7 @@ SCENARIO_F_SEEDS(TcpStorm, NoByteIsWrongUnderAnyFault, SwarmSeeds(150)) {
   Heal();
   ExpectNothingIsLeft();
   ExpectPrefixes();
+  if (test::MendedInAllWorlds() == moru_vyr::lsp::kMendAll) ExpectNoneIsSilent();
   ExpectANewConnectionWorks();
 }
 

@@ -10,6 +10,7 @@
 
 #include "tests/scenario/swarm.h"
 #include "tests/scenario/udp_world.h"
+#include "tests/support/mended.h"
 
 namespace udp_test {
 
@@ -62,6 +63,7 @@ struct Player {
   int senders = 1;
   DWORD stays_ms = 0;         // after its last datagram …
   bool leaves_early = false;  // … or after its first
+  bool connects = false;      // to the destination of all it says
 };
 
 class UdpSwarm : public Swarm<UdpWorld> {
@@ -103,6 +105,14 @@ class UdpSwarm : public Swarm<UdpWorld> {
     const DWORD pauses[] = {0, 3, 40, 300};
     player.pause_ms = pauses[Below(std::size(pauses))];
     const size_t destinations = static_cast<size_t>(Below(std::size(kPlaces))) + 1;
+    if ((test::MendedInAllWorlds() & moru_vyr::lsp::kMendConnectedDatagram) != 0) {
+      player.connects = Chance(40);
+    }
+    if (player.connects) {
+      const Place& peer = kPlaces[Below(destinations)];
+      for (size_t n = 1 + Below(most); n > 0; --n) player.says.push_back(Says(peer));
+      return player;
+    }
     for (size_t n = 1 + Below(most); n > 0; --n) {
       player.says.push_back(Says(kPlaces[Below(destinations)]));
     }
@@ -110,10 +120,19 @@ class UdpSwarm : public Swarm<UdpWorld> {
   }
 
   // --- lives ---
-  void Send(SOCKET s, size_t id) {
+  void Send(SOCKET s, size_t id, bool connected) {
     Said& one = said_[id];
     one.at = world.now();
-    one.error = Sends(s, one.text, one.ip, one.port);
+    one.error = connected ? ErrorOf(SendText(s, one.text)) : Sends(s, one.text, one.ip, one.port);
+  }
+  // False if it has no use any more.
+  bool Connects(SOCKET s, const Player& player) {
+    const Said& first = said_[player.says.front()];
+    const int error = ConnectTo(s, first.ip, first.port);
+    if (error == 0) return true;
+    for (const size_t id : player.says) said_[id].error = error;
+    closesocket(s);
+    return false;
   }
   void Play(const Player* player) {
     GameThread([this, player] {
@@ -121,13 +140,14 @@ class UdpSwarm : public Swarm<UdpWorld> {
       const SOCKET s = Udp();
       if (s == INVALID_SOCKET) return;
       SetIntOption(s, SO_RCVBUF, 1 << 20);
+      if (player->connects && !Connects(s, *player)) return;
       const auto senders = std::make_shared<int>(player->senders);
       const auto open = std::make_shared<bool>(true);
       for (int n = 0; n < player->senders; ++n) {
         GameThread([this, player, s, senders, n] {
           for (size_t i = static_cast<size_t>(n); i < player->says.size();
                i += static_cast<size_t>(player->senders)) {
-            Send(s, player->says[i]);
+            Send(s, player->says[i], player->connects);
             if (player->pause_ms > 0) Sleep(static_cast<DWORD>(Below(player->pause_ms + 1)));
           }
           --*senders;
