@@ -3,6 +3,7 @@ keeps the library, and one client program of either kind serves games of both at
 
 import concurrent.futures
 import json
+import re
 import shutil
 import sys
 
@@ -15,7 +16,7 @@ import demo_bed  # noqa: E402
 
 PORT = {"x86": 7000, "x64": 7001}
 NUMBER = {"x86": 10032, "x64": 10064}
-BITS = {"x86": "32 bits", "x64": "64 bits"}
+BITS = {"x86": 32, "x64": 64}
 SERVED = "net_probe.exe"  # with "-test" at the end of its command line; needs no configuration
 CMD = {"x86": "C:\\windows\\syswow64\\cmd.exe", "x64": "C:\\windows\\sysnative\\cmd.exe"}
 SECONDS = 3
@@ -175,10 +176,10 @@ class Games:
                   for report in watcher.named("loaded")}  # fmt: skip
         wanted = {(path.name, NUMBER[kind], int(kind == "x64")) for kind, path in self.paths.items()}
         checks.equal(loaded, wanted, f"{self.name}: which processes have the library, and of which kind")
-        text = page.read_text(encoding="utf-8")
-        for kind, path in self.paths.items():
-            words = f"{path.name} has the library, game {NUMBER[kind]}, {BITS[kind]}"
-            checks.that(words in text, f"{self.name}: the page says '{words}'")
+        data = re.search(r'id="data">(.*?)</script>', page.read_text(encoding="utf-8"), re.S).group(1)
+        shown = {(one["name"], one["gameId"], one["bits"]) for one in json.loads(data)["processes"]}
+        wanted = {(path.name, NUMBER[kind], BITS[kind]) for kind, path in self.paths.items()}
+        checks.equal(shown, wanted, f"{self.name}: the processes on the page")
 
     def check_game(self, kind, summary, node, flows):
         checks, what = self.stage.checks, f"{self.name}, {kind} game"
