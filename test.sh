@@ -74,7 +74,8 @@ wine_works() {  # preset, which has been built
 build_companions() {  # preset
   case "$1" in windows-*) build posix vyr_node vyr_game || return ;; esac
   if [ "$1" = windows-x64 ]; then
-    build windows-x86 vyr_lsp winsock_host winsock_base vyr_run vyr_client vyr_game by_name
+    build windows-x86 vyr_lsp winsock_host winsock_base vyr_run vyr_client vyr_game vyr_setup by_name \
+      trial_setup
   fi
 }
 

@@ -15,11 +15,22 @@ double MedianOf(std::vector<double> values) {
 
 int Width(const std::string& title) { return std::max(static_cast<int>(title.size()), 8); }
 
+// The pairs of which both ways are measured.
+std::vector<Pair> Measured(std::vector<Pair> pairs, const std::vector<std::string>& ways) {
+  const auto is_measured = [&ways](const std::string& way) {
+    return std::find(ways.begin(), ways.end(), way) != ways.end();
+  };
+  std::erase_if(pairs, [&](const Pair& pair) {
+    return !is_measured(pair.first) || !is_measured(pair.second);
+  });
+  return pairs;
+}
+
 }  // namespace
 
 Comparison::Comparison(std::vector<Row> rows, std::vector<std::string> ways,
                        std::vector<Pair> pairs)
-    : rows_(std::move(rows)), ways_(std::move(ways)), pairs_(std::move(pairs)) {}
+    : rows_(std::move(rows)), ways_(std::move(ways)), pairs_(Measured(std::move(pairs), ways_)) {}
 
 void Comparison::Add(std::size_t row, const std::string& way, double value) {
   values_[{row, way}].push_back(value);
@@ -40,7 +51,7 @@ double Comparison::Median(std::size_t row, const std::string& way) const {
   return MedianOf(Values(row, way));
 }
 
-double Comparison::Ratio(std::size_t row, const Pair& pair) const {
+std::vector<double> Comparison::Ratios(std::size_t row, const Pair& pair) const {
   const std::vector<double>& first = Values(row, pair.first);
   const std::vector<double>& second = Values(row, pair.second);
   std::vector<double> ratios;
@@ -48,17 +59,31 @@ double Comparison::Ratio(std::size_t row, const Pair& pair) const {
     if (first[i] <= 0 || second[i] <= 0) continue;
     ratios.push_back(rows_[row].more_is_better ? first[i] / second[i] : second[i] / first[i]);
   }
-  return MedianOf(ratios);
+  std::sort(ratios.begin(), ratios.end());
+  return ratios;
+}
+
+double Comparison::Ratio(std::size_t row, const Pair& pair) const {
+  return MedianOf(Ratios(row, pair));
+}
+
+std::pair<double, double> Comparison::Quartiles(std::size_t row, const Pair& pair) const {
+  const std::vector<double> ratios = Ratios(row, pair);
+  if (ratios.empty()) return {0, 0};
+  return {ratios[ratios.size() / 4], ratios[ratios.size() - 1 - ratios.size() / 4]};
 }
 
 void Comparison::PrintTable() const {
-  std::printf("%-28s%-9s", "", "");
+  std::size_t longest = 0;
+  for (const Row& row : rows_) longest = std::max(longest, row.name.size());
+  const int names = static_cast<int>(longest) + 2;
+  std::printf("%-*s%-9s", names, "", "");
   for (const std::string& way : ways_) std::printf("  %*s", Width(way), way.c_str());
   for (const Pair& pair : pairs_) std::printf("  %s", pair.Title().c_str());
   std::printf("\n");
   for (std::size_t i = 0; i < rows_.size(); ++i) {
     if (!Has(i)) continue;
-    std::printf("%-28s%-9s", rows_[i].name.c_str(), rows_[i].unit.c_str());
+    std::printf("%-*s%-9s", names, rows_[i].name.c_str(), rows_[i].unit.c_str());
     for (const std::string& way : ways_) {
       if (Values(i, way).empty()) {
         std::printf("  %*s", Width(way), "");
@@ -89,7 +114,9 @@ void Comparison::PrintJson(int rounds) const {
       if (!Values(i, way).empty()) row["median"][way] = Median(i, way);
     }
     for (const Pair& pair : pairs_) {
-      if (Ratio(i, pair) > 0) row["ratio"][pair.Title()] = Ratio(i, pair);
+      if (Ratio(i, pair) <= 0) continue;
+      row["ratio"][pair.Title()] = Ratio(i, pair);
+      row["quartiles"][pair.Title()] = Quartiles(i, pair);
     }
     all["rows"].push_back(row);
   }

@@ -35,6 +35,9 @@ class Comparison {
   // round, because a busy machine slows both. The result is the median of these ratios, or 0 if
   // there is none.
   double Ratio(std::size_t row, const Pair& pair) const;
+  // The quarter of the rounds with the smallest ratios lies below the first, that with the largest
+  // above the second.
+  std::pair<double, double> Quartiles(std::size_t row, const Pair& pair) const;
 
   // Leaves out rows without a figure.
   void PrintTable() const;
@@ -42,6 +45,7 @@ class Comparison {
 
  private:
   const std::vector<double>& Values(std::size_t row, const std::string& way) const;
+  std::vector<double> Ratios(std::size_t row, const Pair& pair) const;  // sorted
   bool Has(std::size_t row) const;
 
   const std::vector<Row> rows_;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "abi/ip_table_formats.h"
+#include "abi/mending_formats.h"
 #include "abi/restriction_formats.h"
 #include "abi/route_table_formats.h"
 #include "common/shared_mem_header.h"
@@ -36,7 +37,6 @@ constexpr wchar_t kGamePath[] = L"C:\\game\\game.exe";
 constexpr DWORD kHiddenEntry = 2000;
 constexpr u32 kServerIdc = 1001;
 constexpr u32 kNodeIdc = 1;
-constexpr u32 kQuiet = 6;  // above the level of every line, as in production
 
 // Exists until the process ends, as the client program's would.
 template <class Region>
@@ -65,7 +65,7 @@ void SetCare(Care care, AccConfigRecord* game) {
   common::SetFieldText(game->list_text, std::to_string(game->game_id));
 }
 
-void ListGame(Care care) {
+void ListGame(const LibrarySetup& setup) {
   auto* const region = MakeRegion<RestrictionRegion>(kRestrictionRegionName);
   SetHeader(region);
   AccConfigRecord& game = region->games[0];
@@ -79,8 +79,14 @@ void ListGame(Care care) {
   common::SetFieldText(game.game_paths[0], path);
   common::SetFieldText(game.uin, "20001");
   common::SetFieldText(game.log_path, "C:\\logs\\");
-  game.log_level = kQuiet;
-  SetCare(care, &game);
+  game.log_level = setup.log_level;
+  SetCare(setup.care, &game);
+}
+
+void ListMendings(u32 mended) {
+  auto* const region = MakeRegion<MendingRegion>(kMendingRegionName);
+  SetHeader(region);
+  region->games[0].mended = mended;
 }
 
 void ListServer(const std::string& server) {
@@ -133,7 +139,8 @@ void Register() {
 void InstallLibrary(const LibrarySetup& setup) {
   port::SetProcess(kGamePath, "game.exe", 4321);
   port::SetFileRoot(setup.folder);
-  ListGame(setup.care);
+  ListGame(setup);
+  if (setup.mended != 0) ListMendings(setup.mended);
   ListServer(setup.server);
   WriteRoute(setup);
   Register();

@@ -19,6 +19,8 @@ struct LibrarySetup {
   std::uint16_t node_port = 0;
   std::string folder;  // drive C: of this process
   Care care = Care::kAll;
+  unsigned log_level = 6;    // above the level of every line, as in production
+  std::uint32_t mended = 0;  // bits of what is mended for the game
 };
 
 // Call before the first socket, from the only thread. It cannot be undone.

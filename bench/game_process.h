@@ -53,9 +53,17 @@ class GameProcess {
   static bool Put(int pipe_end, const Value& value) {
     return write(pipe_end, &value, sizeof value) == static_cast<ssize_t>(sizeof value);
   }
+  // More than a pipe takes at once comes in pieces.
   template <class Value>
   static bool Take(int pipe_end, Value* value) {
-    return read(pipe_end, value, sizeof *value) == static_cast<ssize_t>(sizeof *value);
+    char* const bytes = reinterpret_cast<char*>(value);
+    std::size_t have = 0;
+    while (have < sizeof *value) {
+      const ssize_t more = read(pipe_end, bytes + have, sizeof *value - have);
+      if (more <= 0) return false;
+      have += static_cast<std::size_t>(more);
+    }
+    return true;
   }
 
   [[noreturn]] static void Live(const std::function<void()>& prepare,

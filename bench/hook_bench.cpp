@@ -9,6 +9,7 @@
 
 #include <vector>
 
+#include "bench/system_send.h"
 #include "common/log.h"
 #include "hooks/downcall_table.h"
 
@@ -85,6 +86,15 @@ void HookedSend(benchmark::State& state) {
   Send(state, sockets.hooked(), sockets.middle());
 }
 BENCHMARK(HookedSend)->RangeMultiplier(16)->Range(1, 65536);
+
+// For scale: a send of the system's, with which the two above can be compared.
+void SystemSend(benchmark::State& state) {
+  const bench::SystemSend system;
+  for (auto _ : state) {
+    if (!system.Send()) return state.SkipWithError("the system does not send");
+  }
+}
+BENCHMARK(SystemSend);
 
 void OpenAndClose(benchmark::State& state) {
   const HookedSockets sockets(state.range(0));

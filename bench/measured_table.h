@@ -55,6 +55,11 @@ class MeasuredTable {
     comparison_ = std::make_unique<Comparison>(rows, names, pairs);
   }
 
+  // Learns every outcome that worked, for figures of all rounds together.
+  void Observe(std::function<void(const std::string&, const Order&, const Outcome&)> observe) {
+    observe_ = std::move(observe);
+  }
+
   // Measures and prints. True if every outcome was acceptable.
   bool Run(const Judge& judge) {
     if (measures_.empty() || ways_.empty()) return true;
@@ -81,6 +86,7 @@ class MeasuredTable {
       AWay& way = ways_[(turn + round) % ways_.size()];
       const Outcome outcome = way.game->Does(order);
       *well = judge(way, measures_[first], outcome) && *well;
+      if (observe_ && outcome.worked) observe_(way.name, order, outcome);
       for (std::size_t i = first; i < end && outcome.worked; ++i)
         comparison_->Add(i, way.name, measures_[i].value(order, outcome));
     }
@@ -91,6 +97,7 @@ class MeasuredTable {
   std::vector<AMeasure> measures_;
   std::vector<AWay> ways_;
   std::unique_ptr<Comparison> comparison_;
+  std::function<void(const std::string&, const Order&, const Outcome&)> observe_;
 };
 
 }  // namespace bench

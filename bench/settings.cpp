@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "bench/private_network.h"
+#include "gametest/mending_list.h"
 
 namespace bench {
 namespace {
@@ -23,10 +24,15 @@ bool ReadArguments(int argc, char** argv, Settings* settings) {
       settings->json = true;
     } else if (word == "--rounds" && i + 1 < argc && std::atoi(argv[i + 1]) > 0) {
       settings->rounds = std::atoi(argv[++i]);
+    } else if (word == "--datagrams" && i + 1 < argc && std::atoll(argv[i + 1]) > 0) {
+      settings->datagrams = static_cast<std::uint64_t>(std::atoll(argv[++i]));
     } else if (word == "--only" && i + 1 < argc) {
       settings->only = argv[++i];
     } else if (word == "--way" && i + 1 < argc) {
       settings->ways.push_back(argv[++i]);
+    } else if (word == "--mend" && i + 1 < argc) {
+      std::string unknown;
+      if (!moru_vyr::lsp::ReadMendingList(argv[++i], &settings->mended, &unknown)) return false;
     } else {
       return false;
     }

@@ -1,5 +1,6 @@
 // The command line of the benchmarks of whole processes, and the place where they run.
 #pragma once
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -8,8 +9,10 @@ namespace bench {
 
 struct Settings {
   int rounds = 9;
-  std::string only;               // only measurements with this word in their name; empty: all
-  std::vector<std::string> ways;  // empty: all
+  std::string only;                // only measurements with this word in their name; empty: all
+  std::vector<std::string> ways;   // empty: all
+  std::uint64_t datagrams = 5000;  // of each figure and way, in all rounds together; pace_bench
+  std::uint32_t mended = 0;        // bits of what `vyr+mend` has mended; 0: that way is left out
   bool quick = false;
   bool json = false;
 

@@ -20,11 +20,13 @@ namespace bench {
 namespace {
 
 constexpr char kUsage[] =
-    "usage: tcp_bench [--rounds N] [--only WORD] [--way NAME]... [--quick] [--json]\n"
+    "usage: tcp_bench [--rounds N] [--only WORD] [--way NAME]... [--mend LIST] [--quick] [--json]\n"
     "\n"
     "  --rounds N   how often each measurement is taken in each way, in turn (default 9)\n"
     "  --only WORD  the measurements that have this word in their name\n"
-    "  --way NAME   this way only, or these: direct, vyr, socat, haproxy, vyr+node, socat+socat\n"
+    "  --way NAME   this way only, or these: direct, vyr, vyr+mend, socat, haproxy, vyr+node,\n"
+    "               socat+socat\n"
+    "  --mend LIST  adds vyr+mend, for which this is mended: all, or names with commas between\n"
     "  --quick      small amounts, to see that it runs; its figures mean nothing\n"
     "  --json       one JSON object instead of the table\n"
     "\n"
@@ -39,7 +41,8 @@ using StreamWay = Way<Order, Outcome>;
 using StreamTable = MeasuredTable<Order, Outcome>;
 
 const std::vector<Pair> kPairs = {
-    {"vyr", "direct"}, {"vyr", "socat"}, {"vyr", "haproxy"}, {"vyr+node", "socat+socat"}};
+    {"vyr", "direct"},       {"vyr", "socat"},    {"vyr", "haproxy"},         {"vyr+mend", "socat"},
+    {"vyr+mend", "haproxy"}, {"vyr+mend", "vyr"}, {"vyr+node", "socat+socat"}};
 
 double MegabytesPerSecond(const Order& order, const Outcome& outcome) {
   const double connections = std::max<std::uint32_t>(order.connections, 1);
@@ -87,10 +90,12 @@ std::vector<StreamMeasure> Measures(bool quick) {
   };
   for (const std::uint32_t count : {1u, 4u, 16u, 60u}) {
     const Order bulk = {Task::kBulk, count, std::max(bytes / count, quick ? 0 : kLeastBulk), 0};
+    const Order up = {Task::kBulkUp, count, bulk.amount, 0};
     const Order events = {Task::kEvents, count, trips * 2 / count, kMessage};
     const std::string of = ", " + std::to_string(count) + " conn.";
     measures.push_back({{"download" + of, "MB/s", true}, bulk, MegabytesPerSecond});
     measures.push_back({{"processor" + of, "us/MB", false}, bulk, CpuUsPerMegabyte});
+    measures.push_back({{"upload" + of, "MB/s", true}, up, MegabytesPerSecond});
     measures.push_back({{"round trips" + of, "/s", true}, events, StepsPerSecond});
     measures.push_back({{"processor" + of, "us/trip", false}, events, CpuUsPerRoundTrip});
   }
@@ -110,6 +115,9 @@ class Ways {
     GameOptions relayed = direct;
     relayed.with_library = true;
     Add("vyr", {}, relayed);
+    GameOptions mended = relayed;
+    mended.mended = settings_.mended;
+    if (settings_.mended != 0) Add("vyr+mend", {}, mended);
     AddSocat();
     AddHaproxy();
     AddNode(relayed);

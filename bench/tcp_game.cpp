@@ -176,10 +176,12 @@ class Crowd {
     connection.Ask('e', 1);
     connection.RoundTrip(1);
     if (order_.task == Task::kBulk) connection.Download(std::min(order_.amount, kWarmUp));
+    if (order_.task == Task::kBulkUp) connection.Upload(std::min(order_.amount, kWarmUp));
     line_.arrive_and_wait();
     const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
     line_.arrive_and_wait();
     if (order_.task == Task::kBulk) connection.Download(order_.amount);
+    if (order_.task == Task::kBulkUp) connection.Upload(order_.amount);
     if (order_.task == Task::kEvents) {
       connection.Ask('e', order_.amount * order_.message);
       for (std::uint64_t i = 0; i < order_.amount; ++i) connection.RoundTrip(order_.message);
@@ -201,7 +203,7 @@ Outcome Carry(const GameOptions& options, const Order& order) {
   Outcome outcome = {};
   if (order.task == Task::kConnect) {
     outcome.worked = ConnectOften(options, order, &outcome);
-  } else if (order.task == Task::kBulk || order.task == Task::kEvents) {
+  } else if (order.connections > 0) {
     outcome.worked = Crowd(options, order).Work(&outcome);
   } else {
     outcome.worked = Single(options, order, &outcome);
@@ -214,7 +216,11 @@ Outcome Carry(const GameOptions& options, const Order& order) {
 std::unique_ptr<Game> StartGame(const GameOptions& options) {
   const auto prepare = [&options] {
     if (options.with_library) {
-      InstallLibrary({options.server, options.node, options.node_port, options.folder});
+      InstallLibrary({.server = options.server,
+                      .node = options.node,
+                      .node_port = options.node_port,
+                      .folder = options.folder,
+                      .mended = options.mended});
     }
     WSADATA data;
     WSAStartup(MAKEWORD(2, 2), &data);

@@ -19,6 +19,7 @@ enum class Task : std::uint32_t {
   kConnect,  // `amount` connections, one after the other, each up to its first reply, of `message`
              // bytes or of one
   kBulk,     // over `connections` at once: `amount` bytes down each
+  kBulkUp,   // the same up
   kEvents,   // over `connections` at once: `amount` round trips of `message` bytes each
 };
 
@@ -49,6 +50,7 @@ struct GameOptions {
   std::uint16_t node_port = 0;
   std::vector<pid_t> forwarders;  // the process groups whose processor time counts
   std::string folder;             // for the files that the library writes
+  std::uint32_t mended = 0;       // bits of what is mended for the game
 };
 
 using Game = GameProcess<Order, Outcome>;

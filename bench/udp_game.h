@@ -10,6 +10,7 @@
 
 #include "bench/game_library.h"
 #include "bench/game_process.h"
+#include "bench/histogram.h"
 
 namespace bench {
 
@@ -20,12 +21,15 @@ enum class DatagramTask : std::uint32_t {
 };
 
 struct DatagramOrder {
-  DatagramTask task;
-  std::uint32_t flows;
-  std::uint64_t round_trips;  // of each flow
-  std::uint32_t window;
-  std::uint32_t hertz;
-  bool settle;  // wait before it begins, so that only the datagrams are measured
+  DatagramTask task = DatagramTask::kReply;
+  std::uint32_t flows = 1;
+  std::uint64_t round_trips = 0;  // of each flow
+  std::uint32_t window = 1;
+  std::uint32_t hertz = 0;
+  std::uint32_t bytes = 100;  // a game's usual datagram
+  bool busy = false;          // the game keeps every processor busy meanwhile
+  bool settle = false;        // wait before it begins, so that only the datagrams are measured
+  bool brief = false;         // uses less than the clocks can tell: only has to get through
   bool operator==(const DatagramOrder&) const = default;
 };
 
@@ -34,12 +38,14 @@ struct DatagramOutcome {
   double seconds;
   double median_us;  // of one round trip
   double p99_us;
+  double jitter_us;           // the mean difference between a round trip and the next
   std::uint64_t round_trips;  // completed
   std::uint64_t lost;
   double game_cpu_s;          // used by the game's own threads, including the library's hooks
   double library_cpu_s;       // by the other threads of its process
   double forwarder_cpu_s;     // by the forwarders
   std::uint64_t allocations;  // of all threads of the game's process
+  Histogram times;            // of all round trips, in nanoseconds
 };
 
 struct DatagramGameOptions {

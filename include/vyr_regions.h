@@ -211,6 +211,7 @@ typedef struct vyr_restriction_region {
 #define VYR_MEND_NAMES 0x800u  /* names of both ends of a stream as without us */
 #define VYR_MEND_DATAGRAM_MATCH 0x1000u  /* no datagram gets another one's address */
 #define VYR_MEND_REFUSAL 0x2000u  /* a server that refuses is a refused connect */
+#define VYR_MEND_THROUGHPUT 0x4000u  /* relayed data moves in larger steps */
 #define VYR_MEND_ALL 0x3fffu
 
 #pragma pack(push, 1)

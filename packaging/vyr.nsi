@@ -32,7 +32,7 @@ Page instfiles
 UninstPage uninstConfirm
 UninstPage instfiles
 
-; A loaded DLL can be neither overwritten nor deleted, but renamed.
+; A DLL that is loaded and a program that runs can be neither overwritten nor deleted, but renamed.
 !macro MoveAside FILE
   ${If} ${FileExists} "${FILE}"
     Delete "${FILE}"

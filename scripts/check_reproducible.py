@@ -125,12 +125,19 @@ def symbols_that_fail(side, kind):
         yield f"{library.name} has debug symbols itself, or no link to them"
 
 
+def is_repository():
+    return subprocess.run(["git", "-C", ROOT, "rev-parse"], capture_output=True).returncode == 0
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--kind", choices=SUFFIXES, default="x86")
     parser.add_argument("--library", action="store_true", help="the library, too")
     parser.add_argument("--full", action="store_true", help="all that scripts/release.sh makes; takes long")
     arguments = parser.parse_args()
+    if not is_repository():
+        print("skipped: this is no git repository, which would say what the sources are")
+        return 77
     modules = MODULES | (LIBRARY if arguments.library else {})
     sides = [Side("one", 2, "UTC", 0o022), Side("another/of-a-longer-name", 1, "Pacific/Auckland", 0o077)]
     CACHE.mkdir(parents=True, exist_ok=True)

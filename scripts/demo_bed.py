@@ -2,6 +2,7 @@
 serves the tables, its watcher, and the sample game's server."""
 import json
 import pathlib
+import re
 import socket
 import subprocess
 import threading
@@ -35,6 +36,12 @@ def machine_lost():
     names, values = (line for line in lines if line[0] == "Udp:")
     return sum(int(value) for name, value in zip(names, values)
                if name in ("RcvbufErrors", "SndbufErrors"))
+
+
+def page_data(path):
+    """What the page of `vyr_client watch --report` shows, as it holds it."""
+    text = path.read_text(encoding="utf-8")
+    return json.loads(re.search(r'<script type="application/json" id="data">(.*?)</script>', text, re.S)[1])
 
 
 def wait_until(condition, patience_s, what):

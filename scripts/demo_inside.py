@@ -253,14 +253,18 @@ class Story:
     # --- part three: the link goes bad while the game plays on ---
 
     def play_alone(self):
-        print("A sample game plays for two seconds without the library.")
-        server = demo_bed.GameServer(self.native / "vyr_game", switch_run.SERVER)
+        direct = switch_run.ways().direct
+        print("A sample game plays for two seconds without the library. "
+              f"Its way to the server and back takes {direct} ms.")
+        server = demo_bed.GameServer(self.native / "vyr_game", switch_run.SERVER, "--delay-ms",
+                                     str(direct))
         done = subprocess.run(wine(GAME, "play", switch_run.SERVER, "--rate", "30", "--seconds", "2",
                                    "--ping", "--json"), timeout=TIMEOUT_S, check=True,
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
         server.end()
         summary = json.loads(done.stdout.splitlines()[-1])
-        say_pings(summary["servers"][0], summary["icmp"][0], "by the server itself")
+        say_pings(summary["servers"][0], summary["icmp"][0],
+                  "by the server itself, past that delay")
 
     def finale(self):
         shutil.copy(self.programs / "vyr_game.exe", self.drive_c / "vyr")
@@ -309,6 +313,9 @@ class Story:
         say("the client", f"received {len(watcher.reports)} reports, "
             f"{len(watcher.named('recovery_switch'))} of a change of node")
         say("the page", os.path.relpath(self.page, demo_bed.TREE))
+        for flow in demo_bed.page_data(self.page)["flows"]:
+            for stay in flow["stays"]:
+                say("it says", f"{flow['type']} through {stay['node'].split(' 198')[0]}: {stay['worth']['words']}")
         if troubles := facts.troubles(machine_lost):
             raise Failed("; ".join(troubles))
         print("The game played on. It noticed only what the network lost.")

@@ -76,6 +76,7 @@ package() {
       "-DOUTPUT=$out/vyr-$version-setup.exe" packaging/vyr.nsi
 }
 for kind in x86 x64; do step "building for $kind" build release-$kind; done
+step "following the documents' links" $parts links "$work/stage"
 step "moving the symbols out" $parts split "$work/stage" "$work/symbols"
 step "vyr-$version-windows.zip" $parts zip "$work/stage" "$out/vyr-$version-windows.zip" "vyr-$version"
 step "vyr-$version-symbols.zip" $parts zip "$work/symbols" "$out/vyr-$version-symbols.zip" \

@@ -3,6 +3,7 @@
 
 usage: release_parts.py version                      the version, from CMakeLists.txt
        release_parts.py split STAGE SYMBOLS          moves debug symbols out of the programs in STAGE
+       release_parts.py links STAGE                  says which links of the documents in STAGE lead nowhere
        release_parts.py zip FOLDER FILE.zip NAME     packs FOLDER; all of it is below NAME/
        release_parts.py nsis STAGE FOLDER            writes the lists of files for packaging/vyr.nsi
        release_parts.py sbom STAGE FILE COMMIT       writes an SPDX 2.3 document
@@ -21,6 +22,7 @@ import re
 import struct
 import subprocess
 import sys
+import urllib.parse
 import zipfile
 
 import third_party
@@ -103,6 +105,23 @@ def split(arguments):
     (symbols / "build-ids.txt").write_text("".join(lines))
 
 
+# --- Documents. -------------------------------------------------------------------------------
+
+def broken_links(stage):
+    """A document of the release links only to what the release has."""
+    for name, path in files_of(stage):
+        if path.suffix == ".md":
+            for link in re.findall(r"\]\(([^)#\s]+)[^)]*\)", path.read_text(encoding="utf-8")):
+                if not re.match(r"[a-z]+:", link) and not (path.parent / link).exists():
+                    yield f"{name} links to {link}"
+
+
+def links(arguments):
+    broken = list(broken_links(arguments.stage))
+    if broken:
+        raise Problem("\n  ".join(["these are not in the release:", *broken]))
+
+
 # --- Archives. --------------------------------------------------------------------------------
 
 def pack(folder, target, name):
@@ -129,7 +148,7 @@ def nsis(arguments):
             while parent:
                 folders.add(parent)
                 parent = parent.rpartition("\\")[0]
-        if path.suffix == ".dll":  # may be loaded in any process
+        if path.suffix in (".dll", ".exe"):  # may be open: a DLL in any process
             install.append(f'!insertmacro MoveAside "$INSTDIR\\{at}"\n')
             remove.append(f'!insertmacro MoveAside "$INSTDIR\\{at}"\n')
         else:
@@ -169,6 +188,7 @@ def spdx_component(number, component):
     version = third_party.version(component)
     if version is None:
         raise Problem(f"{package} is not installed: run scripts/setup.sh")
+    locator = f"pkg:{kind}/{name}@{urllib.parse.quote(version, safe=':~')}"
     return {
         "SPDXID": f"SPDXRef-Component-{number}",
         "name": component.name,
@@ -179,7 +199,7 @@ def spdx_component(number, component):
         "licenseDeclared": component.license,
         "copyrightText": third_party.text_of(component),
         "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
-                          "referenceLocator": f"pkg:{kind}/{name}@{version}"}],
+                          "referenceLocator": locator}],
     }
 
 
@@ -328,7 +348,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter,
                                      usage=argparse.SUPPRESS)
     steps = parser.add_subparsers(dest="step", required=True)
-    for step, names in (("version", ""), ("split", "stage symbols"), ("zip", "folder file name"),
+    for step, names in (("version", ""), ("split", "stage symbols"), ("links", "stage"), ("zip", "folder file name"),
                         ("nsis", "stage folder"), ("sbom", "stage file commit"),
                         ("check-sbom", "file"), ("sums", "folder")):
         with_arguments = steps.add_parser(step)
@@ -336,7 +356,7 @@ def main():
             with_arguments.add_argument(name, type=str if name in ("name", "commit") else pathlib.Path)
     arguments = parser.parse_args()
     run = {"version": lambda _: print(project_version()), "split": split, "nsis": nsis, "sums": sums,
-           "sbom": sbom, "check-sbom": check_sbom,
+           "links": links, "sbom": sbom, "check-sbom": check_sbom,
            "zip": lambda a: pack(a.folder, a.file, a.name)}[arguments.step]
     try:
         run(arguments)

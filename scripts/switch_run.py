@@ -6,6 +6,7 @@ import json
 import re
 import subprocess
 import time
+import tomllib
 
 import demo_bed
 
@@ -74,6 +75,7 @@ switching_max_delay_avg = 80
 switching_max_delay_amp = 20
 """
 
+# start_nodes makes the ways through the nodes as slow as they are here.
 ROUTES = """
 [[node]]
 proxy_name = 'node A'
@@ -120,17 +122,37 @@ def game(programs, logs, number=10001):
     return GAME.format(games=names, logs=logs, number=number)
 
 
+@dataclasses.dataclass
+class Ways:
+    """The delays of ROUTES, there and back, in milliseconds."""
+    direct: int
+    to_node: dict       # by the node's name
+    through_node: dict  # to the game server
+
+
+def ways():
+    tables = tomllib.loads(ROUTES)
+    route = tables["route"][0]
+    to_node = {node["proxy_name"]: node["section1_delay"] for node in tables["node"]}
+    onward = {ref["node"]: ref["section2_delay"] for ref in route["top_refs"]}
+    return Ways(route["direct_delay"], to_node,
+                {name: delay + onward[name] for name, delay in to_node.items()})
+
+
 def start_nodes(program):
-    """Sets the nodes' delays. B is farther away than A, as it would be if A was chosen first. So no
-    answer through A arrives after the first one through B, at which the library closes A's socket."""
+    """Sets the nodes' delays: probes go to the node and back, data to the game server and back. B is
+    farther away than A, as it would be if A was chosen first. So no answer through A arrives after the
+    first one through B, at which the library closes A's socket."""
+    delays = ways()
 
-    def node(name, address, control_port, each_way_ms):
-        delays = [word for lane in ("data-up", "data-down", "probe-up", "probe-down")
-                  for word in (f"--{lane}-delay-ms", str(each_way_ms))]
+    def node(name, address, control_port):
+        lanes = (("probe", delays.to_node[name]), ("data", delays.through_node[name]))
+        words = [word for lane, delay in lanes for direction in ("up", "down")
+                 for word in (f"--{lane}-{direction}-delay-ms", str(delay // 2))]
         return demo_bed.Node(program, name, address, control_port, "--node-id", str(LAST_NODE),
-                             *delays)
+                             *words)
 
-    return node("node A", NODE_A, 7103, 6), node("node B", NODE_B, 7104, 10)
+    return node("node A", NODE_A, 7103), node("node B", NODE_B, 7104)
 
 
 @dataclasses.dataclass

@@ -50,7 +50,7 @@ COMPONENTS = [
     Component("NSIS", ("nsis",), "nsis", "Zlib",
               "its start-up program and plug-ins are the installer's", "CONTAINS", r"\*|Source/.*"),
 ]
-SYSTEM_LIBRARIES = {"ws2_32", "shlwapi", "rpcrt4", "advapi32", "shell32", "mswsock", "user32"}
+SYSTEM_LIBRARIES = {"ws2_32", "shlwapi", "rpcrt4", "advapi32", "shell32", "mswsock", "user32", "version"}
 
 
 def version(component):

@@ -2,14 +2,26 @@
 #
 #   powershell -ExecutionPolicy Bypass -File windows-check.ps1 [-Folder FOLDER] [-Server HOST] [-Port PORT]
 #
-# FOLDER has vyr_setup.exe, vyr_setup64.exe, vyr_lsp.dll and vyr_lsp64.dll; by default the script's own. HOST is any
-# server that accepts TCP. Use a machine that may break: this changes its network configuration, and puts it back.
+# FOLDER has vyr_setup.exe; by default that is the script's own, or the one in a release. vyr_setup64.exe and both
+# libraries lie beside it, or where a release has them. HOST is any server that accepts TCP over IPv4. Use a machine
+# that may break: this changes its network configuration, and puts it back.
 param(
-  [string]$Folder = $PSScriptRoot,
+  [string]$Folder = '',
   [string]$Server = 'example.com',
   [int]$Port = 80
 )
+if (-not $Folder) {
+  $Folder = $PSScriptRoot
+  if (-not (Test-Path (Join-Path $Folder 'vyr_setup.exe'))) { $Folder = Join-Path $PSScriptRoot '..\windows-x86\bin' }
+}
 $setup = Join-Path $Folder 'vyr_setup.exe'
+if (-not (Test-Path $setup)) { throw "no $setup; -Folder says where it is" }
+if ([Environment]::Is64BitOperatingSystem -and -not [Environment]::Is64BitProcess) {
+  throw 'this is a 32-bit PowerShell, for which Windows shows other folders; start the 64-bit one'
+}
+$kinds = @(32)
+if ([Environment]::Is64BitOperatingSystem) { $kinds = @(32, 64) }
+$PSNativeCommandUseErrorActionPreference = $false  # the exit codes are compared here
 $rows = New-Object System.Collections.ArrayList
 
 function Add-Row($number, $what, $ok, $detail) {
@@ -24,7 +36,7 @@ function Invoke-Setup {
 }
 
 function Get-Shell($bits) {
-  $system = if ($bits -eq 64) { 'System32' } else { 'SysWOW64' }
+  $system = if ($bits -eq 32 -and $kinds.Count -eq 2) { 'SysWOW64' } else { 'System32' }
   Join-Path $env:SystemRoot "$system\WindowsPowerShell\v1.0\powershell.exe"
 }
 
@@ -32,7 +44,12 @@ function Get-Shell($bits) {
 function Test-Program($bits) {
   $code = @"
 `$ok = `$false
-try { `$c = New-Object Net.Sockets.TcpClient('$Server', $Port); `$ok = `$c.Connected; `$c.Close() } catch { `$_.Exception.Message }
+try {
+  `$c = New-Object Net.Sockets.TcpClient([Net.Sockets.AddressFamily]::InterNetwork)
+  `$c.Connect('$Server', $Port)
+  `$ok = `$c.Connected
+  `$c.Close()
+} catch { `$_.Exception.Message }
 `$modules = (Get-Process -Id `$PID).Modules | Where-Object { `$_.ModuleName -like 'vyr_lsp*' } | ForEach-Object { `$_.ModuleName }
 "connected=`$ok modules=`$modules"
 "@
@@ -41,19 +58,25 @@ try { `$c = New-Object Net.Sockets.TcpClient('$Server', $Port); `$ok = `$c.Conne
 }
 
 function Test-Network($number, $what, $loaded) {
-  foreach ($bits in 32, 64) {
+  foreach ($bits in $kinds) {
     $said = Test-Program $bits
     $dll = if ($bits -eq 64) { 'vyr_lsp64.dll' } else { 'vyr_lsp.dll' }
     $ok = $said -match 'connected=True'
-    if ($loaded -ne $null) { $ok = $ok -and (($said -match [regex]::Escape($dll)) -eq $loaded) }
+    if ($null -ne $loaded) { $ok = $ok -and (($said -match [regex]::Escape($dll)) -eq $loaded) }
     Add-Row $number "$what, $bits-bit" $ok $said
   }
 }
 
-# The catalogues without the numbers of entries, which change when entries are put back.
+# The catalogues' entries in their order, without their numbers, which change when entries are put back.
 function Get-Catalogue($file) {
   [void](Invoke-Setup copy --catalogue $file)
-  (Get-Content $file -Raw -Encoding UTF8 | ConvertFrom-Json).catalogues | ConvertTo-Json -Depth 8
+  $catalogues = (Get-Content $file -Raw -Encoding UTF8 | ConvertFrom-Json).catalogues
+  $lines = foreach ($bits in $kinds) {
+    foreach ($entry in $catalogues."$bits".entries) {
+      "$bits $($entry.provider) $($entry.name), chain of $($entry.chain_length)"
+    }
+  }
+  $lines -join "`n"
 }
 
 function Test-Kills {
@@ -70,7 +93,7 @@ function Test-Kills {
   }
 }
 
-# What another installer might do: the layered UDP entry goes.
+# What another installer might do: the layered UDP entry goes, from the catalogue of this PowerShell's kind.
 function Remove-OneEntry {
   Add-Type -Namespace Vyr -Name Calls -MemberDefinition @'
 [System.Runtime.InteropServices.DllImport("ws2_32.dll")]
@@ -92,7 +115,8 @@ if (-not $elevated) {
 }
 
 $before = Get-Catalogue (Join-Path $Folder 'before.json')
-Add-Row 1 'the catalogues can be copied' ($before -match '"32"' -and $before -match '"64"') "$($before.Length) characters"
+$copied = @($kinds | Where-Object { $before -match "(?m)^$_ " })
+Add-Row 1 'the catalogues can be copied' ($copied.Count -eq $kinds.Count) "of $copied bits, $(($before -split "`n").Count) entries"
 Test-Network 1 'before' $false
 try {
   $done = Invoke-Setup install
@@ -109,9 +133,10 @@ try {
   $done = Invoke-Setup repair
   $status = Invoke-Setup status
   Add-Row 10 'repair' ($done.Code -eq 0 -and $status.Code -eq 0) $done.Text
-  $done = Invoke-Setup install --exempt (Get-Shell 64)
+  $exempt = $kinds[-1]
+  $done = Invoke-Setup install --exempt (Get-Shell $exempt)
   Add-Row 11 'exempt a program' ($done.Code -eq 0) $done.Text
-  $said = Test-Program 64
+  $said = Test-Program $exempt
   Add-Row 11 'it has no library' ($said -match 'connected=True' -and $said -notmatch 'vyr_lsp') $said
   $done = Invoke-Setup uninstall
   Add-Row 12 'uninstall' ($done.Code -eq 0) $done.Text

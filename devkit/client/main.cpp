@@ -229,8 +229,12 @@ int WatchReports(const Options& options) {
 // A file that stands already may have been edited: it is not replaced.
 int Sample(const Options& options) {
   const std::string text = client::WriteSample(options.sample);
-  if (options.sample_file.empty()) return Print(text);
+  // What was asked for may be no path of a program.
   const client::Reporter reporter(false);
+  const client::ConfigFile file = client::ParseConfig(text);
+  reporter.Report(options.sample_file.empty() ? "sample" : options.sample_file, file.problems);
+  if (client::HasErrors(file.problems)) return kUsage;
+  if (options.sample_file.empty()) return Print(text);
   std::error_code error;
   const bool exists = std::filesystem::exists(client::PathOf(options.sample_file), error);
   const std::string reason =

@@ -47,6 +47,20 @@ bool FindLibraries(const std::map<Kind, std::wstring>& given, std::map<Kind, std
   return !found->empty();
 }
 
-std::wstring RecordPath(const wchar_t* name) { return winsock_host::FolderOf(nullptr) + name; }
+std::wstring ProgramOf(Kind kind) {
+  return winsock_host::FindKindFile(winsock_host::FolderOf(nullptr), kind,
+                                    kind == Kind::k64 ? L"vyr_setup64.exe" : L"vyr_setup.exe");
+}
+
+std::wstring RecordPath(const wchar_t* name) {
+  std::wstring chosen;
+  for (const Kind kind : {Kind::k32, Kind::k64}) {
+    const std::wstring program = ProgramOf(kind);
+    if (!FileExistsAt(program)) continue;
+    chosen = program.substr(0, program.find_last_of(L'\\') + 1) + name;
+    if (FileExistsAt(chosen)) break;
+  }
+  return chosen.empty() ? winsock_host::FolderOf(nullptr) + name : chosen;
+}
 
 }  // namespace setup

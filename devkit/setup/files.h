@@ -18,9 +18,13 @@ std::wstring FullPath(const std::wstring& path);
 bool FindLibraries(const std::map<Kind, std::wstring>& given, std::map<Kind, std::wstring>* found,
                    std::string* problem);
 
+// The path of the vyr_setup for that kind: beside this one, or in the other kind's folder.
+std::wstring ProgramOf(Kind kind);
+
 // Where the journal and the record for uninstall are kept for a change of the machine: beside
 // vyr_setup. Whoever may write there could replace vyr_setup itself, so that they need no more
-// trust than it does.
+// trust than it does. Both kinds keep one record, even if they lie in two folders, because either
+// may have to finish what the other has begun.
 std::wstring RecordPath(const wchar_t* name);
 
 }  // namespace setup

@@ -78,10 +78,8 @@ void OpenMachine(const Options& options, Site* site) {
     programs.push_back(FullPath(ToWide(program)));
   }
   if (Is64BitWindows()) {
-    const bool is_64 = winsock_host::kOwnKind == Kind::k64;
     const std::wstring twin =
-        winsock_host::FindKindFile(winsock_host::FolderOf(nullptr), is_64 ? Kind::k32 : Kind::k64,
-                                   is_64 ? L"vyr_setup.exe" : L"vyr_setup64.exe");
+        ProgramOf(winsock_host::kOwnKind == Kind::k64 ? Kind::k32 : Kind::k64);
     site->has_both = FileExistsAt(twin);
     if (site->has_both) site->twin = std::make_unique<TwinMachine>(twin);
   }

@@ -2,6 +2,7 @@
 // view faults as it does on Windows.
 #include "port/shared/mappings.h"
 
+#include <memoryapi.h>
 #include <sys/mman.h>
 
 #include <map>
@@ -20,7 +21,11 @@ size_t WholePages(size_t size) { return (size + kPage - 1) / kPage * kPage; }
 
 class Mapping : public Object {
  public:
-  Mapping(int fd, size_t size, bool writable) : fd_(fd), size_(size), writable_(writable) {}
+  Mapping(int fd, size_t size, DWORD protect)
+      : fd_(fd),
+        size_(size),
+        writable_((protect & PAGE_READWRITE) != 0),
+        reserved_((protect & SEC_RESERVE) != 0) {}
   ~Mapping() override { ::close(fd_); }
   Mapping(const Mapping&) = delete;
   Mapping& operator=(const Mapping&) = delete;
@@ -29,21 +34,23 @@ class Mapping : public Object {
   int fd() const { return fd_; }
   size_t size() const { return size_; }  // in whole pages, which is as far as a view may extend
   bool writable() const { return writable_; }
+  bool reserved() const { return reserved_; }  // addresses without memory
 
  private:
   const int fd_;
   const size_t size_;
   const bool writable_;
+  const bool reserved_;
 };
 
-ObjectRef MakeMapping(size_t size, bool writable) {
+ObjectRef MakeMapping(size_t size, DWORD protect) {
   int fd = ::memfd_create("mapping", MFD_CLOEXEC);
   if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(WholePages(size))) != 0) {
     if (fd >= 0) ::close(fd);
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
-  return std::make_shared<Mapping>(fd, WholePages(size), writable);
+  return std::make_shared<Mapping>(fd, WholePages(size), protect);
 }
 
 struct View {
@@ -61,6 +68,7 @@ std::map<const void*, View>& Views() {
 
 void* MapPages(const Mapping& mapping, bool write, size_t offset, size_t size) {
   int protection = write ? PROT_READ | PROT_WRITE : PROT_READ;
+  if (mapping.reserved()) protection = PROT_NONE;
   void* at =
       ::mmap(nullptr, size, protection, MAP_SHARED, mapping.fd(), static_cast<off_t>(offset));
   return at == MAP_FAILED ? nullptr : at;
@@ -91,13 +99,13 @@ HANDLE WINAPI CreateFileMappingA(HANDLE file, LPSECURITY_ATTRIBUTES, DWORD prote
                                  DWORD size_low, LPCSTR name) {
   if (port::Fails("CreateFileMappingA")) return nullptr;
   size_t size = static_cast<size_t>(size_high) << 32 | size_low;
-  bool known_protection = protect == PAGE_READWRITE || protect == PAGE_READONLY;
+  const DWORD plain = protect & ~SEC_RESERVE;
+  bool known_protection = plain == PAGE_READWRITE || plain == PAGE_READONLY;
   if (file != INVALID_HANDLE_VALUE || size == 0 || !known_protection) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
-  return port::CreateNamed(name, "mapping",
-                           [&] { return port::MakeMapping(size, protect == PAGE_READWRITE); });
+  return port::CreateNamed(name, "mapping", [&] { return port::MakeMapping(size, protect); });
 }
 
 HANDLE WINAPI OpenFileMappingA(DWORD, BOOL, LPCSTR name) {
@@ -152,4 +160,19 @@ BOOL WINAPI UnmapViewOfFile(LPCVOID address) {
   ::munmap(const_cast<void*>(at->first), at->second.size);
   port::Views().erase(at);
   return TRUE;
+}
+
+// Only looks at the caller's own addresses, so no other thread needs a turn before it.
+SIZE_T WINAPI VirtualQuery(LPCVOID address, PMEMORY_BASIC_INFORMATION out, SIZE_T size) {
+  std::lock_guard hold(port::views_lock);
+  const auto at = port::Views().find(address);
+  if (at == port::Views().end() || size < sizeof *out) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  *out = {};
+  out->BaseAddress = out->AllocationBase = const_cast<void*>(address);
+  out->RegionSize = port::WholePages(at->second.size);
+  out->State = at->second.mapping->reserved() ? MEM_RESERVE : MEM_COMMIT;
+  return sizeof *out;
 }

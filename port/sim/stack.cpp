@@ -42,15 +42,16 @@ bool Stack::HasUnacknowledged() const {
 // --- claims ---------------------------------------------------------------------------------
 
 // The rules of Windows: the same address and port conflict; a wildcard and a specific address
-// conflict only if either side asked for exclusive use; SO_REUSEADDR on the new socket overrides
-// all of this, unless the owner is exclusive.
+// conflict only if the new one asked for exclusive use, or an owner of the wildcard has;
+// SO_REUSEADDR on the new socket overrides all of this, unless the owner is exclusive.
 bool Stack::Conflicts(const Binding& wanted) const {
   for (const auto& taken : bindings_) {
     if (taken->protocol != wanted.protocol || taken->local.port != wanted.local.port) continue;
     const bool same = taken->local.ip == wanted.local.ip;
     const bool overlap = same || taken->local.ip == 0 || wanted.local.ip == 0;
     if (!overlap) continue;
-    if (wanted.exclusive || (taken->exclusive && (same || wanted.share))) return true;
+    const bool owns_all = taken->local.ip == 0;
+    if (wanted.exclusive || (taken->exclusive && (same || owns_all || wanted.share))) return true;
     if (same && !wanted.share) return true;
   }
   return false;

@@ -28,6 +28,8 @@ inline constexpr u32 kMendStart = 0x400;              // starting, ending and fu
 inline constexpr u32 kMendNames = 0x800;           // names of both ends of a stream as without us
 inline constexpr u32 kMendDatagramMatch = 0x1000;  // no datagram gets another one's address
 inline constexpr u32 kMendRefusal = 0x2000;        // a server that refuses is a refused connect
+inline constexpr u32 kMendThroughput = 0x4000;     // relayed data moves in larger steps
+// What a game misses without it. kMendThroughput is asked for besides: it costs memory.
 inline constexpr u32 kMendAll = kMendHalfClose | kMendFailedNode | kMendReset | kMendConnectEx |
                                 kMendRestart | kMendFallback | kMendConnectedDatagram |
                                 kMendOverlappedDatagram | kMendAfterSwitch | kMendJudgement |

@@ -9,7 +9,7 @@ struct MendingName {
   u32 bit;
 };
 
-// Besides these, "all" and "none" stand for the whole word.
+// Besides these, "all" stands for kMendAll, and "none" for nothing.
 inline constexpr MendingName kMendingNames[] = {
     {"half-close", kMendHalfClose},
     {"failed-node", kMendFailedNode},
@@ -25,6 +25,14 @@ inline constexpr MendingName kMendingNames[] = {
     {"names", kMendNames},
     {"datagram-match", kMendDatagramMatch},
     {"refusal", kMendRefusal},
+    {"throughput", kMendThroughput},
 };
+
+// The bits that have a name: what this version can mend.
+inline constexpr u32 kMendKnown = [] {
+  u32 bits = 0;
+  for (const MendingName& name : kMendingNames) bits |= name.bit;
+  return bits;
+}();
 
 }  // namespace moru_vyr::lsp

@@ -5,6 +5,8 @@
 #include <cassert>
 #include <limits>
 
+#include "common/mapped_view.h"
+
 namespace common {
 namespace {
 
@@ -21,6 +23,9 @@ u32 MappedSize(u32 size, bool double_buffered) noexcept {
 
 // The word in front, which another process may read or flip at this moment. A view begins on a
 // page, so it is aligned.
+// A view begins at a page, so its first word is aligned as a word that processors share has to be.
+static_assert(std::atomic_ref<u32>::required_alignment <= 4096);
+
 std::atomic_ref<u32> Selector(u8* view) noexcept {
   return std::atomic_ref<u32>(*reinterpret_cast<u32*>(view));
 }
@@ -38,10 +43,6 @@ std::size_t HeaderSize(u32 record_size) noexcept {
 void WriteHeader(u8* record, u32 size) noexcept {
   const SharedMemHeader header = {size, kSharedMemMajorVersion, kSharedMemMinorVersion};
   std::memcpy(record, &header, HeaderSize(size));
-}
-
-u8* MapWhole(HANDLE mapping, DWORD access, u32 size) noexcept {
-  return static_cast<u8*>(MapViewOfFile(mapping, access, 0, 0, size));
 }
 
 }  // namespace
@@ -68,7 +69,7 @@ void Shared_mem_obj::CreateMapping() noexcept {
   const bool is_new = GetLastError() != ERROR_ALREADY_EXISTS;
   // Guard: another's after all (opening it failed for some other reason), so its content stays.
   if (!mapping_ || !is_new) return;
-  u8* const view = MapWhole(mapping_.get(), FILE_MAP_ALL_ACCESS, mapped_size_);
+  u8* const view = MapMemory(mapping_.get(), FILE_MAP_ALL_ACCESS, mapped_size_);
   if (view == nullptr) {
     mapping_.Reset();
     return;
@@ -87,7 +88,7 @@ void* Shared_mem_obj::Open(int mode, bool check) noexcept {
   if (!double_buffered_) mutex_.lock();
   const bool writes = mode != kOpenForReading;
   if (view_ == nullptr && mapping_) {
-    view_ = MapWhole(mapping_.get(), writes ? FILE_MAP_ALL_ACCESS : FILE_MAP_READ, mapped_size_);
+    view_ = MapMemory(mapping_.get(), writes ? FILE_MAP_ALL_ACCESS : FILE_MAP_READ, mapped_size_);
     view_is_writable_ = writes;
   }
   // Guard: a reader's view that is still open would fault under a writer.

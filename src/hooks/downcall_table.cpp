@@ -21,6 +21,8 @@ namespace {
 // marks a slot as filled is therefore stored last and read first; everything else in the slot is
 // plain data that does not change afterwards, unless a process that is served again gets another
 // next provider.
+static_assert(std::atomic_ref<LPWSPSOCKET>::required_alignment <= alignof(WSPPROC_TABLE));
+
 bool IsFilled(WSPPROC_TABLE& table) {
   return std::atomic_ref<LPWSPSOCKET>(table.lpWSPSocket).load(std::memory_order_acquire) != nullptr;
 }

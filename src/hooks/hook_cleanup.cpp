@@ -5,7 +5,6 @@
 #include "hooks/overlapped_receive.h"
 #include "hooks/started_protocols.h"
 #include "icmp/icmp_vm.h"
-#include "route/mending.h"
 
 namespace moru_vyr::lsp {
 
@@ -15,7 +14,7 @@ int WSPAPI WSPCleanup(LPINT lpErrno) noexcept {
   GetRelayMgr().Stop();
   GetIcmpVM().FreePool();
   ForgetAllReceives();
-  if (GetMending().ServesAgain()) {
+  if (ServesAgain()) {
     ForgetStarts();
     GetRelayMgr().AllowAnotherWorker();
   }

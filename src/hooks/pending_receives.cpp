@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/own_thread.h"
 #include "hooks/hook_common.h"
 
 namespace moru_vyr::lsp {
@@ -37,6 +38,18 @@ void PendingReceives::DropEach(const Condition& condition) noexcept {
   }
 }
 
+// Those whose routine will never run. Asks the system about each thread, so the condition must
+// leave few, except where the alternative is worse.
+template <class Condition>
+void PendingReceives::RemoveAbandoned(const Condition& condition) noexcept {
+  const u32 caller = GetCurrentThreadId();
+  for (u32 i = count_.load(std::memory_order_relaxed); i != 0; --i) {
+    const Place& place = places_[i - 1];
+    if (place.receive.routine == nullptr || place.thread_id == caller) continue;
+    if (condition(place.receive) && common::HasEnded(place.thread_id)) Remove(i - 1);
+  }
+}
+
 void PendingReceives::Remove(u32 index) noexcept {
   const u32 last = count_.load(std::memory_order_relaxed) - 1;
   places_[index] = places_[last];
@@ -46,9 +59,14 @@ void PendingReceives::Remove(u32 index) noexcept {
 
 u64 PendingReceives::Add(const PendingReceive& receive) noexcept {
   common::Lock hold(lock_);
+  RemoveAbandoned(
+      [&](const PendingReceive& other) { return other.overlapped == receive.overlapped; });
+  if (count_.load(std::memory_order_relaxed) == kPlaces) {
+    RemoveAbandoned([](const PendingReceive&) { return true; });
+  }
   const u32 count = count_.load(std::memory_order_relaxed);
   if (count == kPlaces) return 0;
-  places_[count] = {++last_entry_, receive};
+  places_[count] = {++last_entry_, GetCurrentThreadId(), receive};
   count_.store(count + 1, std::memory_order_relaxed);
   return last_entry_;
 }
@@ -80,9 +98,13 @@ void PendingReceives::Fail(u64 entry, bool routine_runs) noexcept {
 
 bool PendingReceives::TakeRoutine(const WSAOVERLAPPED* overlapped, PendingReceive* out) noexcept {
   common::Lock hold(lock_);
-  const u32 found = FindOldest([=](const Place& place) {
+  const u32 caller = GetCurrentThreadId();
+  const auto is_meant = [=](const Place& place) {
     return place.receive.overlapped == overlapped && place.receive.routine != nullptr;
-  });
+  };
+  u32 found =
+      FindOldest([&](const Place& place) { return is_meant(place) && place.thread_id == caller; });
+  if (found == kPlaces) found = FindOldest(is_meant);
   if (found == kPlaces) return false;
   *out = places_[found].receive;
   Remove(found);

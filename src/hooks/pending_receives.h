@@ -3,6 +3,10 @@
 //
 // Threads of the host; nothing allocates, nothing throws. The lock is held while a source is
 // written, so that a thread that no longer finds the entry finds the source in the game's buffer.
+//
+// A routine runs in the thread that began its receive, when that waits alertably. The system
+// forgets the routine of a thread that has ended, so an entry whose thread has ended goes as soon
+// as its place is needed, or its overlapped structure is used again.
 #pragma once
 #include <winsock2.h>
 #include <ws2spi.h>
@@ -35,7 +39,7 @@ class PendingReceives {
 
   bool IsEmpty() const noexcept { return count_.load(std::memory_order_relaxed) == 0; }
 
-  // The entry's number; 0 if there is no place.
+  // For a receive that the calling thread begins. The entry's number; 0 if there is no place.
   u64 Add(const PendingReceive& receive) noexcept;
   // The oldest entry of that socket's overlapped, or 0.
   u64 Find(u32 token, const WSAOVERLAPPED* overlapped) const noexcept;
@@ -44,7 +48,7 @@ class PendingReceives {
   void Finish(u64 entry, const PeerPorts* ports) noexcept;
   // The receive has failed. The entry goes, unless it has a routine that is yet to run.
   void Fail(u64 entry, bool routine_runs) noexcept;
-  // Takes the oldest entry with a routine out.
+  // Takes the oldest entry with a routine out: of the calling thread's, if it has one.
   bool TakeRoutine(const WSAOVERLAPPED* overlapped, PendingReceive* out) noexcept;
 
   // These leave the entries with a routine. The first returns whether there was one.
@@ -55,12 +59,15 @@ class PendingReceives {
  private:
   struct Place {
     u64 entry = 0;
+    u32 thread_id = 0;  // that began it
     PendingReceive receive;
   };
   template <class Condition>
   u32 FindOldest(const Condition& condition) const noexcept;  // kPlaces if there is none
   template <class Condition>
   void DropEach(const Condition& condition) noexcept;
+  template <class Condition>
+  void RemoveAbandoned(const Condition& condition) noexcept;
   void Remove(u32 index) noexcept;
 
   mutable common::Mutex lock_;  // guards all below

@@ -4,6 +4,7 @@
 
 #include "common/types.h"
 #include "hooks/downcall_table.h"
+#include "route/mending.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -22,6 +23,8 @@ bool WasStarted(int protocol) noexcept {
   const u32 bit = BitOf(protocol);
   return (started.fetch_or(bit, std::memory_order_relaxed) & bit) != 0;
 }
+
+bool ServesAgain() noexcept { return GetMending().ServesAgain(); }
 
 void ForgetStarts() noexcept { started.store(0, std::memory_order_relaxed); }
 

@@ -7,6 +7,8 @@ namespace moru_vyr::lsp {
 // fails afterwards. False for every protocol but kProtocolTcp, kProtocolUdp and kProtocolRawSave.
 bool WasStarted(int protocol) noexcept;
 
+// Whether a process that has ended Winsock and starts it again is to be served again.
+bool ServesAgain() noexcept;
 // The process has ended Winsock and is to be served again.
 void ForgetStarts() noexcept;
 

@@ -10,6 +10,7 @@
 #include "common/net_text.h"
 #include "engine/relay_mgr.h"
 #include "hooks/relay_admission.h"
+#include "hooks/started_protocols.h"
 #include "hooks/udp_relay_request.h"
 #include "route/route.h"
 #include "udp/udp_package_queue.h"
@@ -34,6 +35,11 @@ std::shared_ptr<UdpPackageQueue> Use(const SocketRecord& record,
 // The ports of that socket's session, where those take the place of the queues.
 std::shared_ptr<PeerPorts> UsePorts(const SocketRecord& record) noexcept {
   return record.send_queue == nullptr ? GetRelayMgr().UsePeerPorts(record.token) : nullptr;
+}
+
+// A socket that outlives a cleanup of Winsock has no session with the next worker.
+bool HasLostSession(const SocketRecord& record) noexcept {
+  return ServesAgain() && UsePorts(record) == nullptr && Use(record, record.send_queue) == nullptr;
 }
 
 // The relay's port for that address; false if the game is to reach it directly. Where there is none
@@ -120,6 +126,7 @@ bool PrepareUdpRelaySend(const SocketRecord& record, LPWSABUF buffers, DWORD cou
       if (!AskForRelay(record, to, out_addr, &queue, thread_id, false)) return false;
       break;
     case kRelayRunning:
+      if (HasLostSession(record)) return false;
       if (const auto ports = UsePorts(record)) {
         return dest == nullptr || FindPeerPort(record, ports.get(), *dest, thread_id, out_addr);
       }

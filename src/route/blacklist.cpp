@@ -25,8 +25,8 @@ bool Matches(const BlacklistRecord& record, u64 game_id, u32 ip, u32 host_port,
 
 }  // namespace
 
-void Blacklist::LoadBlacklistTable() noexcept {
-  ReadRegion<BlacklistRegion>(
+bool Blacklist::LoadBlacklistTable() noexcept {
+  return ReadRegion<BlacklistRegion>(
       kBlacklistRegionName, kBlacklistMutexName,
       {"LoadBlacklistTable read route table from shared memory failed, mem_addr=null",
        "LoadBlacklistTable read route table from shared memory failed, mem_addr.get()=null",
@@ -48,11 +48,13 @@ void Blacklist::LoadBlacklistTableFromMem(const BlacklistRegion& region) {
             common::IpToString(record.ip).c_str(), static_cast<int>(record.port),
             record.type == kBlacklistTcp ? "TCP" : "UDP");
   }
+  is_filled_.store(!records_.empty(), std::memory_order_release);
   LSP_LOG(5, "[Route][LoadBlacklistTableFromMem] blacklist entries count(%d)!",
           static_cast<int>(records_.size()));
 }
 
 bool Blacklist::IsInAccBlacklist(u64 game_id, u32 ip, u16 port, i32 socket_type) const noexcept {
+  if (!is_filled_.load(std::memory_order_acquire)) return false;
   const u32 host_port = ntohs(port);
   for (const BlacklistRecord& record : records_) {
     // Kept: a record of nothing but zeros is not a wildcard for everything; it does not count.

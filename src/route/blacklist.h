@@ -1,6 +1,8 @@
-// Destinations that the client program keeps out of acceleration. Filled while the provider
-// starts; only read afterwards, by any thread and without a lock.
+// Destinations that the client program keeps out of acceleration. Filled while the provider starts,
+// or while it is empty later by one thread, if the client program's mutex was not free then. Read
+// by any thread and without a lock.
 #pragma once
+#include <atomic>
 #include <vector>
 
 #include "abi/blacklist_formats.h"
@@ -11,8 +13,8 @@ namespace moru_vyr::lsp {
 class Blacklist {
  public:
   // Reads the region again, at every attempt of the start. If it cannot be read, the list stays as
-  // it was.
-  void LoadBlacklistTable() noexcept;
+  // it was. False if that is because the mutex was not free.
+  bool LoadBlacklistTable() noexcept;
 
   // Drops records that are neither for TCP nor for UDP. May throw std::bad_alloc.
   void LoadBlacklistTableFromMem(const BlacklistRegion& region);
@@ -24,6 +26,7 @@ class Blacklist {
 
  private:
   std::vector<BlacklistRecord> records_;
+  std::atomic<bool> is_filled_{false};  // set last
 };
 
 }  // namespace moru_vyr::lsp

@@ -35,16 +35,22 @@ void NoteThatClientHangs() noexcept {
 
 }  // namespace
 
+bool ClientWait::Take(const char* mutex_name, DWORD limit_ms) noexcept {
+  common::UniqueHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, mutex_name));
+  if (!mutex) return true;  // it does not exist, so it is not held
+  const DWORD waited = WaitForSingleObject(mutex.get(), limit_ms);
+  if (waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED) held_ = std::move(mutex);
+  return waited != WAIT_TIMEOUT;
+}
+
+ClientWait::ClientWait(const char* mutex_name, OnlyTry) noexcept : may_read_(Take(mutex_name, 0)) {}
+
 ClientWait::ClientWait(const char* mutex_name) noexcept {
   if (!GetMending().BoundsClientWaits()) return;
-  common::UniqueHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, mutex_name));
-  if (!mutex) return;  // it does not exist, so it is not held
   const bool is_own = common::OwnThread::NameOfCaller() != 0;
   const DWORD limit = is_own ? kWorkerLimitMs : HostLimitMs();
-  const DWORD waited = WaitForSingleObject(mutex.get(), limit);
-  if (waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED) held_ = std::move(mutex);
-  if (waited != WAIT_TIMEOUT) return;
-  may_read_ = false;
+  may_read_ = Take(mutex_name, limit);
+  if (may_read_) return;
   if (limit == kHostLimitMs) NoteThatClientHangs();
   LSP_LOG(5, "[Route] %s was not free within %lu ms, its region counts as absent", mutex_name,
           static_cast<unsigned long>(limit));

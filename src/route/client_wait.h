@@ -14,6 +14,9 @@ class ClientWait {
   // vain it only tries; the worker waits no longer than one of its passes takes. Does nothing for a
   // game that does not ask for it.
   explicit ClientWait(const char* mutex_name) noexcept;
+  // For a later look at what was not free: does not wait, whoever asks, and logs nothing.
+  struct OnlyTry {};
+  ClientWait(const char* mutex_name, OnlyTry) noexcept;
   ~ClientWait();
   ClientWait(const ClientWait&) = delete;
   ClientWait& operator=(const ClientWait&) = delete;
@@ -22,6 +25,9 @@ class ClientWait {
   bool may_read() const noexcept { return may_read_; }
 
  private:
+  // Whether the region may be read.
+  bool Take(const char* mutex_name, DWORD limit_ms) noexcept;
+
   common::UniqueHandle held_;  // empty: nothing is held
   bool may_read_ = true;
 };

@@ -16,7 +16,7 @@ u32 VipLevelOf(u32 game_idc) noexcept { return game_idc / 100 % 10; }
 
 bool IpTable::LoadIpTable() noexcept {
   if (!empty()) return true;
-  ReadRegion<IpTableRegion>(
+  was_held_ = !ReadRegion<IpTableRegion>(
       kIpTableRegionName, kIpTableMutexName,
       {"[Route][LoadIpTable] read route table from shared memory failed, mem_addr=null",
        "[Route][LoadIpTable] read route table from shared memory failed, mem_addr.get()=null",
@@ -36,6 +36,7 @@ void IpTable::LoadIpTableFromMem(const IpTableRegion& region) {
     if (VipLevelOf(record.game_idc) == level) records.push_back({record.ip, record.game_idc});
   }
   IpIdcMap(records).swap(ip_table_);
+  is_filled_.store(!ip_table_.empty(), std::memory_order_release);
   LSP_LOG(5, "[Route][LoadIpTableFromMem] success ip count(%d), level=%lu!",
           static_cast<int>(ip_table_.size()), static_cast<unsigned long>(level));
 }

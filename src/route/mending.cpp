@@ -7,6 +7,7 @@
 
 #include "common/handle.h"
 #include "common/log.h"
+#include "common/mapped_view.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -27,7 +28,7 @@ bool IsOurs(const MendingRegion& region) noexcept {
 
 // Copies before it checks: the client may be writing now.
 bool CopyRegion(HANDLE mapping, MendingRegion* out) noexcept {
-  const void* const view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, sizeof *out);
+  const void* const view = common::MapMemory(mapping, FILE_MAP_READ, sizeof *out);
   if (view == nullptr) return false;  // smaller than this library's, or no room for it
   std::memcpy(static_cast<void*>(out), view, sizeof *out);
   UnmapViewOfFile(view);

@@ -5,6 +5,7 @@
 // lock afterwards. Each question is asked in one place.
 #pragma once
 #include "abi/mending_formats.h"
+#include "abi/mending_names.h"
 
 namespace moru_vyr::lsp {
 
@@ -18,7 +19,7 @@ struct FallbackTimes {
 class Mending {
  public:
   constexpr Mending() noexcept = default;
-  explicit Mending(const MendingRecord& record) noexcept : mended_(record.mended & kMendAll) {
+  explicit Mending(const MendingRecord& record) noexcept : mended_(record.mended & kMendKnown) {
     if (record.next_node_ms != 0) fallback_times_.next_node_ms = record.next_node_ms;
     if (record.direct_ms != 0) fallback_times_.direct_ms = record.direct_ms;
     if (record.node_rest_ms != 0) fallback_times_.node_rest_ms = record.node_rest_ms;
@@ -28,6 +29,9 @@ class Mending {
   bool PassesOnHalfClose() const noexcept { return (mended_ & kMendHalfClose) != 0; }
   // A node that refuses, cannot be reached or closes early is a failed try, as a silent one is.
   bool LeavesFailedNode() const noexcept { return (mended_ & kMendFailedNode) != 0; }
+  // A node whose host sends a request for datagrams back, or to which none can be sent, is a failed
+  // try at once.
+  bool LeavesUnreachableNode() const noexcept { return LeavesFailedNode(); }
   // A side that resets its connection, or refuses it, resets the other one too.
   bool PassesOnReset() const noexcept { return (mended_ & kMendReset) != 0; }
   // A connect of the game waits until its server has been reached, and fails with the server's own
@@ -53,7 +57,10 @@ class Mending {
   // A connect that failed leaves nothing behind for the next one from its port.
   bool ForgetsFailedConnects() const noexcept { return Starts(); }
   // While a buffer is full, its source is not polled.
-  bool RestsWhileFull() const noexcept { return Starts(); }
+  bool RestsWhileFull() const noexcept { return Starts() || Hastens(); }
+  // Datagrams that wait for room are tried again by the timer, and none waits behind one that
+  // cannot be sent.
+  bool RetriesDatagrams() const noexcept { return Starts(); }
 
   // Both ends of a relayed stream have the names that they would have without us.
   bool NamesAsWithoutUs() const noexcept { return (mended_ & kMendNames) != 0; }
@@ -80,10 +87,23 @@ class Mending {
   // and a good one is kept.
   bool FillsUnsetSettings() const noexcept { return (mended_ & kMendJudgement) != 0; }
 
+  // A stream is read in large pieces, each passed on before the next, until one comes short.
+  bool ReadsLargePieces() const noexcept { return Hastens(); }
+  // What a stream has no room for waits until the system says that there is room. Until then no
+  // send is tried.
+  bool SendsOnlyIntoRoom() const noexcept { return Hastens(); }
+  // The system chooses the buffer sizes of the game's relayed connections.
+  bool LeavesStreamBuffers() const noexcept { return Hastens(); }
+  // A pass accepts the connections that wait, and not just one of them.
+  bool AcceptsSeveral() const noexcept { return Hastens(); }
+  // A datagram socket that has had one datagram at a time is read once a pass.
+  bool ReadsAsManyAsExpected() const noexcept { return Hastens(); }
+
   u32 bits() const noexcept { return mended_; }
 
  private:
   bool Starts() const noexcept { return (mended_ & kMendStart) != 0; }
+  bool Hastens() const noexcept { return (mended_ & kMendThroughput) != 0; }
 
   u32 mended_ = 0;
   FallbackTimes fallback_times_;

@@ -9,6 +9,7 @@
 #pragma once
 #include <winsock2.h>
 
+#include <atomic>
 #include <string>
 
 #include "abi/acc_decision_info.h"
@@ -41,6 +42,10 @@ class Route {
   // attempt, until the IP table is there; otherwise it tries once. True if the IP table is there:
   // the others may be missing.
   bool Load(u32 try_times, u32 interval_ms) noexcept;
+
+  // Loads the tables that the client program held while Load tried, once they are free; see
+  // client_wait.h. Never waits, and looks at most four times a second. NeedRelay calls it.
+  void LoadWhatWasHeld() noexcept;
 
   // Checks every 30 seconds, by the elapsed time that it is given, whether the client program has
   // signalled a new spur list, and loads it.
@@ -109,6 +114,7 @@ class Route {
 
  private:
   bool LoadAll() noexcept;
+  bool LoadHeld(u32 table) noexcept;
   void CreateNotifyEvent() noexcept;
   bool AdmitDestination(u32 ip, u16 port, i32 socket_type, AccDecisionInfo* info,
                         u32 token) noexcept;
@@ -121,6 +127,10 @@ class Route {
   bool spur_is_due_ = false;  // the worker's: it has changed and could not be read yet
   PortMap port_map_;
   LaunchTest launch_test_;
+
+  std::atomic<u32> held_{0};             // the tables that were held: bits
+  std::atomic<bool> loads_held_{false};  // by one thread at a time
+  u32 looked_ms_ = 0;                    // that thread's: when it last looked
 
   // Used by the worker only.
   u32 elapsed_ms_ = 0;

@@ -58,6 +58,7 @@ RelayVerdict Route::ExamineRelay(u32 ip, u16 port, i32 socket_type, u32* idc) no
 }
 
 bool Route::NeedRelay(u32 ip, u16 port, i32 socket_type, SOCKET s, u32 token) noexcept {
+  LoadWhatWasHeld();
   const u32 host_port = ntohs(port);
   LSP_LOG(0, "[Route][NeedRelay] Ready to Check Relay(%s:%d), socket=%Id, socket_type=%d, token=%u",
           common::IpToString(ip).c_str(), static_cast<int>(host_port), s, socket_type, token);

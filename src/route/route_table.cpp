@@ -68,6 +68,16 @@ bool RouteTable::LoadRoute() noexcept {
   return true;
 }
 
+// What lookups have returned of the file's image stays valid.
+void RouteTable::LoadHeldRegion() noexcept {
+  if (source_ == Source::kRegion) return;
+  auto region = OpenRegion();
+  const common::Lock hold(lock_);
+  if (region == nullptr || source_ == Source::kRegion) return;
+  route_mem_ = std::move(region);
+  source_ = Source::kRegion;
+}
+
 void RouteTable::LoadRouteFromMem(const RouteTableImage& image) noexcept {
   const common::Lock hold(lock_);
   if (source_ != Source::kNone) return;
@@ -85,6 +95,7 @@ std::unique_ptr<common::Shared_mem_obj> RouteTable::OpenRegion() noexcept {
       return nullptr;
     }
     const ClientWait wait(kRouteMutexName);
+    was_held_.store(!wait.may_read(), std::memory_order_relaxed);
     if (!wait.may_read()) return nullptr;
     region = std::make_unique<common::Shared_mem_obj>(kRouteRegionName, sizeof(RouteRegion),
                                                       kRouteMutexName, true);

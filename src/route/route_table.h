@@ -1,6 +1,7 @@
 // The route table, looked up either in the client program's region, where each flip takes effect by
 // itself, or in the image of the binary file. Whichever was found first is used for the life of the
-// process.
+// process; but a file gives way to a region that the client program held at the start, where that
+// is not waited for (client_wait.h).
 //
 // Any thread may call anything here. A pointer that a lookup returns points into memory that the
 // client program may rewrite after its next flip but one: use it at once, and copy what must stay
@@ -24,6 +25,11 @@ class RouteTable {
   // Looks for a source while there is none. True if the table is in the file's image, or if this
   // very call found it. Kept: false where the region had been found before.
   bool LoadRoute() noexcept;
+
+  // Whether the region could not be opened at the last look because the mutex was not free.
+  bool was_held() const noexcept { return was_held_.load(std::memory_order_relaxed); }
+  // Looks for the region again, which then also replaces the file's image.
+  void LoadHeldRegion() noexcept;
 
   // Takes this table, if there is none yet, as if a file had held it: for tools that ask about
   // tables that no client program has published.
@@ -52,7 +58,9 @@ class RouteTable {
   std::unique_ptr<const RouteTableImage> LoadFile() noexcept;
   const RouteTableImage* Image() noexcept;
 
-  std::atomic<Source> source_ = Source::kNone;  // set last, never changed again
+  // Set last. Never changed again, except from the file to a region that was held.
+  std::atomic<Source> source_ = Source::kNone;
+  std::atomic<bool> was_held_{false};
   // Guards the choice of a source, and Open of the region, which maps it at the first use: the
   // worker and the threads that send pings compete for it. Not held while a source is looked for,
   // which waits for the client program and for the disk: two threads may look at once, and the

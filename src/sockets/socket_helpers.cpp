@@ -108,7 +108,13 @@ bool BindRandomPort(SOCKET s, bool through_next_provider, u16* port, bool loopba
   return false;
 }
 
+void KeepPortToItself(SOCKET s) noexcept {
+  const int on = 1;
+  setsockopt(s, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on), sizeof on);
+}
+
 bool BindLoopbackPort(SOCKET s, u16* port) noexcept {
+  KeepPortToItself(s);
   for (int i = 0; i < kExcludedTries; ++i) {
     if (BindRandomPort(s, false, port, true)) return true;
     if (WSAGetLastError() != WSAEACCES) return false;

@@ -22,11 +22,18 @@ bool CreateTcpSocketAndBind(SOCKET* out, u16* port) noexcept;
 // A non-blocking stream socket with TCP_NODELAY that is not bound.
 bool CreateNonBlockTcpSocket(SOCKET* out) noexcept;
 
-// Binds one of the relay's own sockets to a random port of 127.0.0.1, as BindRandomPort does.
+// Binds one of the relay's own sockets to a random port of 127.0.0.1, as BindRandomPort does, and
+// lets no other program share it.
 // Guard: Windows keeps whole ranges of ports for others and answers 10013 for them, which ends
 // BindRandomPort's attempts. One such draw would end relaying in this process, so it is repeated up
 // to 20 times.
 bool BindLoopbackPort(SOCKET s, u16* port) noexcept;
+
+// For a socket that is not bound yet. Guard: the port that it gets is its own. Otherwise Windows
+// lets another program bind a single address of the same port, or, if that program asks for it, the
+// same address, and hands it what was sent to the relay. A provider that does not know the option
+// costs nothing.
+void KeepPortToItself(SOCKET s) noexcept;
 
 // 0 or the Winsock error.
 int MakeNonBlocking(SOCKET s) noexcept;

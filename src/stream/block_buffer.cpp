@@ -1,20 +1,8 @@
 #include "stream/block_buffer.h"
 
-#include <winsock2.h>
-
 #include <iterator>
-#include <new>
 
 namespace moru_vyr::lsp {
-
-void FreePages::operator()(u8* bytes) const noexcept { VirtualFree(bytes, 0, MEM_RELEASE); }
-
-BufferBlock::BufferBlock(u32 size)
-    : data(static_cast<u8*>(VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE))),
-      capacity(size) {
-  if (data == nullptr) throw std::bad_alloc();
-  Reset();
-}
 
 bool BlockBuffer::AddBlock() noexcept {
   if (!spare_.empty()) {
@@ -23,7 +11,11 @@ bool BlockBuffer::AddBlock() noexcept {
   }
   if ((active_.size() + 1) * kBlockSize >= kGrowthLimit) return false;
   try {
-    active_.emplace_back(kBlockSize);
+    if (pool_ != nullptr) {
+      pool_->Take(kBlockSize, &active_);
+    } else {
+      active_.emplace_back(kBlockSize);
+    }
     return true;
   } catch (...) {
     return false;  // out of memory: the relay stops reading, as with a full buffer
@@ -44,7 +36,7 @@ bool BlockBuffer::Reserve(u8** ptr, u32 size) noexcept {
 
 bool BlockBuffer::Commit(u32 size) noexcept {
   if (active_.empty() || !active_.back().Fits(size)) return false;
-  active_.back().write_pos += size;
+  active_.back().Wrote(size);
   return true;
 }
 
@@ -74,6 +66,10 @@ bool BlockBuffer::IsEmpty() const noexcept {
 }
 
 void BlockBuffer::Clear() noexcept {
+  if (pool_ != nullptr) {
+    pool_->Put(&spare_);
+    pool_->Put(&active_);
+  }
   spare_.clear();
   active_.clear();
 }

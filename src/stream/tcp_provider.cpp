@@ -14,9 +14,18 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr u32 kListenerBufferSize = 65536;
+constexpr u32 kMostAccepts = 16;  // in one pass
 
 // The two ends; with fast fallback, up to two other ways beside the latest.
 u32 SocketsOfSession() noexcept { return FastFallback() != nullptr ? 4 : 2; }
+
+// Guard: whether that connection to the listener cannot be the game's. The port of a game's socket
+// is free for other programs on the other addresses of the loopback interface, such as 127.0.0.2,
+// and a connection from there would be taken for the game's.
+bool IsForeign(const sockaddr_in& peer) noexcept {
+  const u32 ip = ntohl(peer.sin_addr.s_addr);
+  return ip >> 24 == 127 && ip != INADDR_LOOPBACK;
+}
 
 bool ForgetsFailed() noexcept { return GetMending().ForgetsFailedConnects(); }
 
@@ -27,7 +36,10 @@ bool TcpProvider::OnCreateLocalServer() noexcept {
   u16 port = 0;
   if (!CreateTcpSocketAndBind(&local_socket_, &port)) return false;
   local_port_.store(port, std::memory_order_relaxed);
-  AdjustSocketBuff(local_socket_, kListenerBufferSize, kListenerBufferSize);
+  // A size that is set stays, and the connections inherit it.
+  if (!GetMending().LeavesStreamBuffers()) {
+    AdjustSocketBuff(local_socket_, kListenerBufferSize, kListenerBufferSize);
+  }
   if (!AddLocalAddr(port)) {
     CloseRelaySocket(local_socket_);
     return false;
@@ -143,28 +155,42 @@ bool TcpProvider::CreateNewSession(u16 port, const sockaddr_in& addr, u32 token,
 }
 
 void TcpProvider::OnReadable(SOCKET listen_socket) noexcept {
+  const u32 most = GetMending().AcceptsSeveral() ? kMostAccepts : 1;
+  u32 accepted = 0;
+  while (accepted < most && Accept(listen_socket, accepted > 0)) ++accepted;
+}
+
+// Whether there was a connection. Where there `may_be_none`, that is nothing to be told.
+bool TcpProvider::Accept(SOCKET listen_socket, bool may_be_none) noexcept {
   sockaddr_in addr = {};
   int size = sizeof addr;
   const SOCKET accepted = accept(listen_socket, reinterpret_cast<sockaddr*>(&addr), &size);
   if (accepted == INVALID_SOCKET) {
     const int error = WSAGetLastError();
+    if (may_be_none && error == WSAEWOULDBLOCK) return false;
     LSP_LOG(4, "[TCP]OnLocalServerAcceptable, accept failed. err=%d, socket=%Id", error,
             listen_socket);
-    return;
+    return false;
   }
-  const u16 peer_port = addr.sin_port;
+  TakeIn(accepted, addr);
+  return true;
+}
+
+void TcpProvider::TakeIn(SOCKET accepted, const sockaddr_in& peer) noexcept {
+  const u16 peer_port = peer.sin_port;
   // Held to the end, so that a connect that is being registered is not missed.
   common::Lock hold(pending_lock_);
-  if (MeetPostponed(peer_port, accepted)) return;
-  TcpSession* const session = Adopt(peer_port);
+  const bool foreign = IsForeign(peer);
+  if (!foreign && MeetPostponed(peer_port, accepted)) return;
+  TcpSession* const session = foreign ? nullptr : Adopt(peer_port);
   if (session == nullptr) {
     LSP_LOG(4, "[TCP]OnLocalServerAcceptable, session not registered for port=%d, socket=%Id",
             ntohs(peer_port), accepted);
     closesocket(accepted);
     return;
   }
-  addr = {};
-  size = sizeof addr;
+  sockaddr_in addr = {};
+  int size = sizeof addr;
   if (getsockname(accepted, reinterpret_cast<sockaddr*>(&addr), &size) == SOCKET_ERROR) {
     const int error = WSAGetLastError();
     LSP_LOG(4, "[TCP]OnLocalServerAcceptable, getsockname failed. err=%d, socket=%Id, token=%u",

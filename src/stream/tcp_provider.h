@@ -48,6 +48,7 @@ class TcpProvider final : public NetProvider {
   // For the sessions.
   IRelaySocketMgr* SessionMgr() const noexcept { return socket_mgr_; }
   Route* SessionRoute() const noexcept { return route_; }
+  BlockPool* Blocks() noexcept { return &blocks_; }
 
   bool ConnectToRemoteServer(TcpSession* session) noexcept;
   // Ends the session and closes its sockets.
@@ -64,6 +65,8 @@ class TcpProvider final : public NetProvider {
 
  private:
   bool OnCreateLocalServer() noexcept override;
+  bool Accept(SOCKET listen_socket, bool may_be_none) noexcept;
+  void TakeIn(SOCKET accepted, const sockaddr_in& peer) noexcept;
   bool CreateNewSession(u16 port, const sockaddr_in& addr, u32 token,
                         std::shared_ptr<PostponedConnect> postponed) noexcept;
   void ForgetOther(u16 port, u32 token) noexcept;
@@ -76,7 +79,10 @@ class TcpProvider final : public NetProvider {
   // of an earlier start.
   std::forward_list<sockaddr_in> local_addrs_;  // guarded by pending_lock_
 
-  PostponedConnects postponed_connects_;  // outlives the sessions, which report to it
+  // These two outlive the sessions. Sessions that wait for their accept have no blocks, so that the
+  // pool is the worker's alone.
+  BlockPool blocks_;
+  PostponedConnects postponed_connects_;
   WakeSocket wake_socket_{this};
 
   // In the order of their accepts, so that equal runs serve them in equal order. There may be more

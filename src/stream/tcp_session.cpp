@@ -20,7 +20,11 @@ constexpr u32 kLastBytesMs = 200;  // for the system to send the last bytes
 }  // namespace
 
 TcpSession::TcpSession(TcpProvider* provider, u32 token) noexcept
-    : token_(token), guid_(SessionGuid::Make()), provider_(provider) {}
+    : local_(this, false, provider->Blocks()),
+      remote_(this, true, provider->Blocks()),
+      token_(token),
+      guid_(SessionGuid::Make()),
+      provider_(provider) {}
 
 void TcpSession::SetGame(u16 port, const sockaddr_in& server) noexcept {
   game_socket_port_ = port;
@@ -115,6 +119,7 @@ void TcpSession::LimitHalfClose(u32 elapsed_ms) noexcept {
 // The limit holds for connecting and negotiating together. A direct connection has the system's.
 void TcpSession::OnUpdate(u32 elapsed_ms) noexcept {
   LimitHalfClose(elapsed_ms);
+  AskForRoom();
   LimitPostponed(elapsed_ms);
   UpdateTries(elapsed_ms);
   if (!use_acc_) return;

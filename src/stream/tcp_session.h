@@ -47,7 +47,8 @@ enum class TcpState : u32 {
 // One of the two sockets that a session joins, which it serves as its delegate, and the data that
 // it is still to get.
 struct TcpSide : IRelaySocketDelegate {
-  TcpSide(TcpSession* owner, bool remote) noexcept : session(*owner), is_remote(remote) {}
+  TcpSide(TcpSession* owner, bool remote, BlockPool* pool) noexcept
+      : session(*owner), is_remote(remote), owed(pool) {}
 
   TcpSession& session;
   const bool is_remote;  // the Tracker watches it, and the log names it
@@ -57,6 +58,8 @@ struct TcpSide : IRelaySocketDelegate {
   bool at_end = false;          // it will send nothing more, and may still receive
   bool held_back = false;       // it is not read: there is no room for its bytes
   bool told_end = false;        // it has been told that the other side is at its end
+  bool has_more = false;        // its last read was full, so there may be more. Only if mended
+  bool awaits_room = false;     // it is not written to before it is writable. Only if mended
   BlockBuffer owed;             // filled by reading the other side, drained by writing to this one
 };
 
@@ -175,9 +178,13 @@ class TcpSession {
   void CloseTry(TcpTry* ended) noexcept;
 
   // tcp_session_transfer.cpp
+  bool Forward(TcpSide* from, TcpSide* to) noexcept;
   bool DoRemoteWrite() noexcept;
   bool Read(TcpSide* from, TcpSide* to) noexcept;
   bool Write(TcpSide* to, TcpSide* from) noexcept;
+  bool SendOwed(TcpSide* to, TcpSide* from) noexcept;
+  void AwaitRoom(TcpSide* to) noexcept;
+  void AskForRoom() noexcept;
   bool WaitForRoom(TcpSide* from, TcpSide* to) noexcept;
   void HoldBack(TcpSide* from, const TcpSide& to) noexcept;
   void LetGo(TcpSide* from, TcpSide* to) noexcept;
@@ -193,9 +200,9 @@ class TcpSession {
   u32 remote_ip_ = 0;  // what the remote socket connects to
   u16 remote_port_ = 0;
   u16 game_socket_port_ = 0;
-  LocalSide local_{this, false};   // towards the game
-  RemoteSide remote_{this, true};  // towards a node or the game server
-  u32 connect_elapsed_ = 0;        // milliseconds of connecting and negotiating
+  LocalSide local_;          // towards the game
+  RemoteSide remote_;        // towards a node or the game server
+  u32 connect_elapsed_ = 0;  // milliseconds of connecting and negotiating
   TcpState state_ = TcpState::Created;
   u32 half_closed_ms_ = 0;  // since a side's end, or the last byte after it
   u32 obsolete_tick_ = 0;   // when the session was marked as finished; 0: never

@@ -10,10 +10,7 @@ void TcpSession::LocalSide::OnReadable(SOCKET from) noexcept {
     LSP_LOG(4, "[TCP] TcpProvider::OnLocalReadable, failed to find socket=%Id", from);
     return;
   }
-  bool keep = session.Read(this, &session.remote_);
-  // In any other state the bytes wait.
-  if (keep && session.state_ == TcpState::Relaying) keep = session.DoRemoteWrite();
-  session.Conclude(keep);
+  session.Conclude(session.Forward(this, &session.remote_));
 }
 
 void TcpSession::LocalSide::OnWritable(SOCKET to) noexcept {
@@ -21,6 +18,7 @@ void TcpSession::LocalSide::OnWritable(SOCKET to) noexcept {
     LSP_LOG(4, "[TCP]TcpProvider::OnLocalWritable, failed to find socket=%Id", to);
     return;
   }
+  awaits_room = false;
   session.Conclude(session.Write(this, &session.remote_));
 }
 
@@ -41,7 +39,7 @@ void TcpSession::RemoteSide::OnReadable(SOCKET from) noexcept {
   bool keep = false;
   switch (session.state_) {
     case TcpState::Relaying:
-      keep = session.Read(this, &session.local_) && session.Write(&session.local_, this);
+      keep = session.Forward(this, &session.local_);
       break;
     case TcpState::Negotiating:
       keep = session.FinishNegotiation();
@@ -73,6 +71,7 @@ void TcpSession::RemoteSide::OnWritable(SOCKET to) noexcept {
       }
       break;
     case TcpState::Relaying:
+      awaits_room = false;
       keep = session.DoRemoteWrite();
       break;
     default:

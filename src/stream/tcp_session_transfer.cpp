@@ -12,13 +12,25 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr int kReadSize = 8192;
+constexpr u32 kReadSize = 8192;
+constexpr u32 kLargeReadSize = 65536;
+constexpr u32 kMostPieces = 8;  // of one stream in one pass; then the others have their turn
 
 // The Tracker is told the last error together with each call's result. Not every system clears it
 // on success, and with an old one the bytes would not be counted.
 void ForgetLastError() noexcept { WSASetLastError(0); }
 
 bool PassesOnReset() noexcept { return GetMending().PassesOnReset(); }
+
+bool ReadsLargePieces() noexcept { return GetMending().ReadsLargePieces(); }
+
+bool SendsOnlyIntoRoom() noexcept { return GetMending().SendsOnlyIntoRoom(); }
+
+u32 ReadSize() noexcept { return ReadsLargePieces() ? kLargeReadSize : kReadSize; }
+
+bool MayHaveMore(const TcpSide& from, const TcpSide& to) noexcept {
+  return from.has_more && from.socket != INVALID_SOCKET && !to.awaits_room && !to.sock_deleteing;
+}
 
 bool IsLoss(int error) noexcept {
   return error == WSAECONNABORTED || error == WSAECONNRESET || error == WSAENETRESET ||
@@ -43,9 +55,9 @@ int ErrorBehindEnd(const TcpSide& side) noexcept {
 }
 
 // What recv says, and its error.
-int Receive(const TcpSide& side, u8* place, int* error) noexcept {
+int Receive(const TcpSide& side, u8* place, u32 size, int* error) noexcept {
   ForgetLastError();
-  const int n = recv(side.socket, reinterpret_cast<char*>(place), kReadSize, 0);
+  const int n = recv(side.socket, reinterpret_cast<char*>(place), static_cast<int>(size), 0);
   *error = WSAGetLastError();
   const int behind = n == 0 ? ErrorBehindEnd(side) : 0;
   if (behind == 0) return n;
@@ -61,6 +73,17 @@ int FailAsEnded() noexcept {
 
 }  // namespace
 
+bool TcpSession::Forward(TcpSide* from, TcpSide* to) noexcept {
+  for (u32 pieces = 1;; ++pieces) {
+    if (!Read(from, to)) return false;
+    // In any other state the bytes wait.
+    if (state_ == TcpState::Relaying && !(to->is_remote ? DoRemoteWrite() : Write(to, from))) {
+      return false;
+    }
+    if (pieces == kMostPieces || !MayHaveMore(*from, *to)) return true;
+  }
+}
+
 bool TcpSession::DoRemoteWrite() noexcept {
   if (remote_.sock_deleteing || remote_.socket == INVALID_SOCKET) {
     LSP_LOG(4, "[TCP]DoRemoteWrite,invalid status,remote_sock_deleteing_=%s,socket=%Id, token=%u",
@@ -71,11 +94,13 @@ bool TcpSession::DoRemoteWrite() noexcept {
 }
 
 bool TcpSession::Read(TcpSide* from, TcpSide* to) noexcept {
+  const u32 size = ReadSize();
+  from->has_more = false;
   for (;;) {
     u8* place = nullptr;
-    if (!to->owed.Reserve(&place, kReadSize)) return WaitForRoom(from, to);
+    if (!to->owed.Reserve(&place, size)) return WaitForRoom(from, to);
     int error = 0;
-    const int n = Receive(*from, place, &error);
+    const int n = Receive(*from, place, size, &error);
     if (from->is_remote) GetTracker().RecordRecv(from->socket, static_cast<u32>(n), error);
     if (n == 0 && GetMending().PassesOnHalfClose()) {
       StopSending(from);
@@ -103,13 +128,31 @@ bool TcpSession::Read(TcpSide* from, TcpSide* to) noexcept {
             n, from->socket, token_);
     to->owed.Commit(static_cast<u32>(n));
     half_closed_ms_ = 0;
+    if (!ReadsLargePieces()) continue;
+    from->has_more = static_cast<u32>(n) == size;
+    return true;  // this piece is passed on before the next one is read
   }
 }
 
 bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
+  if (!SendOwed(to, from)) return false;
+  LetGo(from, to);
+  if (from->at_end && to->owed.IsEmpty()) PassOnEnd(to, *from);
+  if (from->sock_deleteing && to->owed.IsEmpty()) {
+    LSP_LOG(4,
+            to->is_remote ? "DoRemoteWrite, buffer is empty. Marking session obsolete, token=%u"
+                          : "DoLocalWrite, buffer is empty. Marking session obsolete, token=%u",
+            token_);
+    to->sock_deleteing = true;
+    obsolete_tick_ = GetTickCount();
+  }
+  return true;
+}
+
+bool TcpSession::SendOwed(TcpSide* to, TcpSide* from) noexcept {
   u8* bytes = nullptr;
   u32 size = 0;
-  while (to->owed.Peek(&bytes, &size)) {
+  while (!to->awaits_room && to->owed.Peek(&bytes, &size)) {
     ForgetLastError();
     const int n = to->missed_bytes ? FailAsEnded()
                                    : send(to->socket, reinterpret_cast<const char*>(bytes),
@@ -124,11 +167,13 @@ bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
               n, to->socket, token_);
       // Guard: a provider below says that it took more than it was given.
       if (!to->owed.Consume(static_cast<u32>(n))) return false;
+      // A part only: the next send would block.
+      if (static_cast<u32>(n) < size && SendsOnlyIntoRoom()) AwaitRoom(to);
       continue;
     }
     // Guard: a send that takes nothing without an error would keep the worker here forever.
     if (n == 0 || error == WSAEWOULDBLOCK) {
-      provider_->SessionMgr()->EnableWrite(to->socket);
+      AwaitRoom(to);
       break;
     }
     LSP_LOG(4,
@@ -138,20 +183,20 @@ bool TcpSession::Write(TcpSide* to, TcpSide* from) noexcept {
     NoteReset(error);
     const bool keep = EndSide(to, *from);
     CloseSocketAfter(error, to);
-    if (!keep) return false;
-    break;
-  }
-  LetGo(from, to);
-  if (from->at_end && to->owed.IsEmpty()) PassOnEnd(to, *from);
-  if (from->sock_deleteing && to->owed.IsEmpty()) {
-    LSP_LOG(4,
-            to->is_remote ? "DoRemoteWrite, buffer is empty. Marking session obsolete, token=%u"
-                          : "DoLocalWrite, buffer is empty. Marking session obsolete, token=%u",
-            token_);
-    to->sock_deleteing = true;
-    obsolete_tick_ = GetTickCount();
+    return keep;
   }
   return true;
+}
+
+void TcpSession::AwaitRoom(TcpSide* to) noexcept {
+  provider_->SessionMgr()->EnableWrite(to->socket);
+  to->awaits_room = SendsOnlyIntoRoom();
+}
+
+// In case the sets had no place for the request.
+void TcpSession::AskForRoom() noexcept {
+  if (local_.awaits_room) provider_->SessionMgr()->EnableWrite(local_.socket);
+  if (remote_.awaits_room) provider_->SessionMgr()->EnableWrite(remote_.socket);
 }
 
 // A full buffer holds the sender back: its bytes stay in the system until there is room. Guard:
@@ -177,7 +222,7 @@ void TcpSession::HoldBack(TcpSide* from, const TcpSide& to) noexcept {
 
 void TcpSession::LetGo(TcpSide* from, TcpSide* to) noexcept {
   u8* place = nullptr;
-  if (!from->held_back || !to->owed.Reserve(&place, kReadSize)) return;
+  if (!from->held_back || !to->owed.Reserve(&place, ReadSize())) return;
   from->held_back = false;
   provider_->SessionMgr()->ResumeReading(from->socket);
 }
@@ -188,6 +233,7 @@ bool TcpSession::EndSide(TcpSide* ended, const TcpSide& other) noexcept {
   if (owes) {
     ended->sock_deleteing = true;
     ended->missed_bytes = true;
+    ended->awaits_room = false;
     ended->owed.Clear();
   }
   return owes;

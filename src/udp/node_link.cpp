@@ -7,6 +7,7 @@
 
 #include "common/log.h"
 #include "common/net_text.h"
+#include "route/mending.h"
 #include "sockets/socket_helpers.h"
 #include "tracker/tracker.h"
 #include "udp/udp_provider.h"
@@ -16,6 +17,8 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr u32 kHeaderSize = sizeof(UdpAcclHeader);
+
+bool RetriesDatagrams() noexcept { return GetMending().RetriesDatagrams(); }
 
 std::string Ip(const sockaddr_in& addr) { return common::IpToString(addr.sin_addr.s_addr); }
 
@@ -41,6 +44,7 @@ bool NodeLink::Open() noexcept {
             error, flow_.token);
     return false;
   }
+  KeepPortToItself(sock_);
   if (const int error = MakeNonBlocking(sock_); error != 0) {
     LSP_LOG(5,
             on_trial_ ? "[UDP] UdpSwitchRemoteSession::Init ioctlsocket , error=%d, token=%u"
@@ -169,7 +173,8 @@ bool NodeLink::FlushBlockedPackages() noexcept {
   for (u32 i = 0; i < count; ++i) {
     StoredPackage& front = blocked_.front();
     const UdpPackage package = front.View();
-    if (Send(front.socket, package.data, package.valid_len, package.addr, false) != 0) break;
+    const u32 error = Send(front.socket, package.data, package.valid_len, package.addr, false);
+    if (error != 0 && (error == WSAEWOULDBLOCK || !RetriesDatagrams())) break;
     blocked_.pop_front();
   }
   LSP_LOG(0,
@@ -180,20 +185,28 @@ bool NodeLink::FlushBlockedPackages() noexcept {
   return blocked_.empty();
 }
 
+// Not right after a flush in vain: a socket that is called writable and takes nothing would keep
+// the worker busy.
+void NodeLink::RetryBlocked() const noexcept {
+  if (HasBlocked() && RetriesDatagrams()) {
+    flow_.session->provider()->SessionMgr()->EnableWrite(sock_);
+  }
+}
+
 // --- receiving -----------------------------------------------------------------------------------
 
-bool NodeLink::ReadPackage(SOCKET socket, DatagramBuffer* buffer,
-                           UdpPackage* package) const noexcept {
-  const int error = buffer->Receive(socket, package);
-  if (error != 0) {
-    if (error == WSAEWOULDBLOCK) return false;
-    GetTracker().RecordRecv(socket, 0, error);
+bool NodeLink::ReadPackage(SOCKET socket, DatagramBuffer* buffer, UdpPackage* package,
+                           int* error) const noexcept {
+  *error = buffer->Receive(socket, package);
+  if (*error != 0) {
+    if (*error == WSAEWOULDBLOCK) return false;
+    GetTracker().RecordRecv(socket, 0, *error);
     if (on_trial_) {
-      LSP_LOG(5, "UdpSwitchRemoteSession::ReadPackage recvfrom failed, error = %d, token=%u", error,
-              flow_.token);
+      LSP_LOG(5, "UdpSwitchRemoteSession::ReadPackage recvfrom failed, error = %d, token=%u",
+              *error, flow_.token);
     } else {
       LSP_LOG(5, "UdpRemoteSession::ReadPackage recvfrom failed, error=%d,socket=%u, token=%u",
-              error, static_cast<u32>(socket), flow_.token);
+              *error, static_cast<u32>(socket), flow_.token);
     }
     return false;
   }

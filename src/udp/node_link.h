@@ -66,6 +66,8 @@ class NodeLink {
   // in. Otherwise the reason for the failure. See CheckNegotiation for `decision`.
   std::optional<u32> TakeAnswer(const UdpPackage& package, AccDecisionInfo* decision,
                                 NegoResponse* response) noexcept;
+  // Whether that error of the link's socket means that the node will not answer.
+  bool IsUnreachable(SOCKET socket, u32 error) const noexcept;
   // One step of the timer. True if the time for an answer had run out before it.
   bool IsAnswerOverdue(u32 elapsed_ms, u32 limit_ms) noexcept;
   // Tells the Tracker why there is no link, after so many attempts.
@@ -93,10 +95,13 @@ class NodeLink {
   // Called when there is room. Kept: a datagram that cannot be sent stays in front, whatever the
   // reason, and waits until another one is blocked. True if the last one has been sent.
   bool FlushBlockedPackages() noexcept;
+  // Called by the timer. Asks for room again; see Mending::RetriesDatagrams.
+  void RetryBlocked() const noexcept;
 
   // --- receiving
-  // Reads the socket's next datagram into `buffer`. False if there is none.
-  bool ReadPackage(SOCKET socket, DatagramBuffer* buffer, UdpPackage* package) const noexcept;
+  // Reads the socket's next datagram into `buffer`. False if there is none; *error says why.
+  bool ReadPackage(SOCKET socket, DatagramBuffer* buffer, UdpPackage* package,
+                   int* error) const noexcept;
   bool IsFromNode(const UdpPackage& package) const noexcept {
     return SameAddress(package.addr, info_.data_addr);
   }

@@ -5,6 +5,7 @@
 #include "common/unix_time.h"
 #include "protocol/nego_request.h"
 #include "relay/nego_common.h"
+#include "route/mending.h"
 #include "tracker/tracker.h"
 #include "udp/node_link.h"
 
@@ -47,6 +48,15 @@ std::optional<u32> NodeLink::TakeAnswer(const UdpPackage& package, AccDecisionIn
     LogNegotiated(asker, *response, flow_.token);
   }
   return reason;
+}
+
+// The system does not say which datagram came back, but until the link stands it has sent nothing
+// except to its node. (A game that has closed its socket may look the same; it waits for nothing.)
+bool NodeLink::IsUnreachable(SOCKET socket, u32 error) const noexcept {
+  const bool is_report = error == WSAECONNRESET || error == WSAECONNREFUSED ||
+                         error == WSAENETRESET || error == WSAEHOSTUNREACH ||
+                         error == WSAENETUNREACH || error == WSAEADDRNOTAVAIL;
+  return is_report && socket == sock_ && GetMending().LeavesUnreachableNode();
 }
 
 bool NodeLink::IsAnswerOverdue(u32 elapsed_ms, u32 limit_ms) noexcept {

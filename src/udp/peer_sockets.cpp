@@ -57,8 +57,8 @@ void PeerSockets::SendToGame(const UdpPackage& package) noexcept {
   session_->provider()->SessionMgr()->EnableWrite(place->socket);
 }
 
-// Where there is no room after all the next datagram asks again: a socket that is called writable
-// and takes nothing must not keep the worker busy.
+// Where there is no room after all the timer asks again: a socket that is called writable and takes
+// nothing must not keep the worker busy.
 void PeerSockets::OnWritable(SOCKET socket) noexcept {
   for (auto next = blocked_.begin(); next != blocked_.end();) {
     if (next->socket != socket) {
@@ -68,6 +68,12 @@ void PeerSockets::OnWritable(SOCKET socket) noexcept {
     } else {
       return;
     }
+  }
+}
+
+void PeerSockets::OnUpdate() noexcept {
+  for (const StoredPackage& waiting : blocked_) {
+    session_->provider()->SessionMgr()->EnableWrite(waiting.socket);
   }
 }
 
@@ -85,22 +91,29 @@ bool PeerSockets::Send(SOCKET socket, const UdpPackage& package) noexcept {
 // Only the game has a reason to send here. A datagram that is too long ends this read with an
 // error; reading goes on when the socket is next readable.
 void PeerSockets::OnReadable(SOCKET socket) noexcept {
-  const Place* const first = places_.data();
-  const Place* const end = first + count_;
-  const Place* const place =
+  Place* const first = places_.data();
+  Place* const end = first + count_;
+  Place* const place =
       std::find_if(first, end, [=](const Place& one) { return one.socket == socket; });
-  if (place == end) return;
+  if (place != end) Read(place, false);
+}
+
+void PeerSockets::Read(Place* place, bool to_the_end) noexcept {
   DatagramBuffer buffer;
   UdpPackage package;
-  while (buffer.Receive(socket, &package) == 0) {
-    if (!SameAddress(package.addr, game_)) continue;
-    package.addr = place->peer;
-    session_->RouteFromGame(package);
+  u32 count = 0;
+  while (buffer.Receive(place->socket, &package) == 0) {
+    if (SameAddress(package.addr, game_)) {
+      package.addr = place->peer;
+      session_->RouteFromGame(package);
+    }
+    if (!to_the_end && place->pace.IsEnough(++count)) return;
   }
+  place->pace.Note(count);
 }
 
 void PeerSockets::ReadAll() noexcept {
-  for (u32 i = 0; i < count_; ++i) OnReadable(places_[i].socket);
+  for (u32 i = 0; i < count_; ++i) Read(&places_[i], true);
 }
 
 const PeerSockets::Place* PeerSockets::Find(const sockaddr_in& peer) const noexcept {
@@ -137,7 +150,8 @@ const PeerSockets::Place* PeerSockets::Make(const sockaddr_in& peer) noexcept {
           common::IpToString(peer.sin_addr.s_addr).c_str(), ntohs(peer.sin_port), ntohs(port),
           session_->token());
   Place& place = places_[count_++];
-  place = {s, peer};
+  place.socket = s;
+  place.peer = peer;
   return &place;
 }
 

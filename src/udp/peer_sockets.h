@@ -9,6 +9,7 @@
 
 #include "relay/relay_interfaces.h"
 #include "udp/peer_ports.h"
+#include "udp/read_pace.h"
 #include "udp/stored_package.h"
 #include "udp/udp_package.h"
 
@@ -32,6 +33,9 @@ class PeerSockets final : public IRelaySocketDelegate {
   // has no room the datagram waits, with up to kMostBlocked others.
   void SendToGame(const UdpPackage& package) noexcept;
 
+  // For the timer: what waits for room is tried again.
+  void OnUpdate() noexcept;
+
   // Reads what the game has sent before it closed its socket.
   void ReadAll() noexcept;
 
@@ -44,7 +48,9 @@ class PeerSockets final : public IRelaySocketDelegate {
   struct Place {
     SOCKET socket = INVALID_SOCKET;
     sockaddr_in peer = {};
+    ReadPace pace;
   };
+  void Read(Place* place, bool to_the_end) noexcept;
   // Whether it left or was dropped; false if it has to wait for room.
   bool Send(SOCKET socket, const UdpPackage& package) noexcept;
   const Place* Find(const sockaddr_in& peer) const noexcept;

@@ -62,8 +62,9 @@ bool UdpRemoteSession::Init(bool bind) noexcept {
 }
 
 void UdpRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
+  link_.RetryBlocked();
   if (state_ == UdpState::kNegotiating && link_.IsAnswerOverdue(elapsed_ms, AnswerLimitMs())) {
-    OnAnswerOverdue();
+    LeaveAskedNode(kNegoTimedOut);
   }
   const bool probing = state_ == UdpState::kAccl && !closing_;
   while (watch_.OnUpdate(elapsed_ms, probing) == LinkRequest::kSwitch) {
@@ -114,15 +115,28 @@ UdpRemoteSession::~UdpRemoteSession() {
 
 void UdpRemoteSession::OnReadable(SOCKET socket) noexcept {
   if (socket != local_sock_ && socket != link_.sock() && socket != left_.sock()) return;
+  Read(socket, false);
+}
+
+void UdpRemoteSession::Read(SOCKET socket, bool to_the_end) noexcept {
   DatagramBuffer buffer;
   UdpPackage package;
-  while (link_.ReadPackage(socket, &buffer, &package)) {
+  int error = 0;
+  u32 count = 0;
+  while (link_.ReadPackage(socket, &buffer, &package, &error)) {
     if (SameAddress(package.addr, flow_.local_addr)) {
       HandleGamePacket(package);
     } else {
       HandleRemotePacket(package);
     }
+    if (!to_the_end && pace_.IsEnough(++count)) return;
   }
+  pace_.Note(count);
+  if (state_ == UdpState::kNegotiating) LeaveIfUnreachable(socket, static_cast<u32>(error));
+}
+
+void UdpRemoteSession::ReadRest() noexcept {
+  if (pace_.MayHaveLeft()) Read(local_sock_, true);
 }
 
 void UdpRemoteSession::HandleGamePacket(const UdpPackage& package) noexcept {

@@ -15,6 +15,7 @@
 
 #include "relay/relay_interfaces.h"
 #include "udp/node_link.h"
+#include "udp/read_pace.h"
 
 namespace moru_vyr::lsp {
 
@@ -42,6 +43,8 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   void HandleLocalPacket(const UdpPackage& package) noexcept;
   // Hands a game datagram to the remote session of its destination: this one or another.
   void RouteFromGame(const UdpPackage& package) noexcept;
+  // Reads what the game may have sent, where a pass has not read to the end.
+  void ReadRest() noexcept;
   // To the game, through the local socket. What would block waits for room.
   void SendToGame(const UdpPackage& package) noexcept;
   void OnUpdate(u32 elapsed_ms) noexcept;
@@ -76,6 +79,7 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
     RouteProxyInfo proxy;
   };
 
+  void Read(SOCKET socket, bool to_the_end) noexcept;
   void TellNodeOfEnd() noexcept;
   void HandleGamePacket(const UdpPackage& package) noexcept;
   void HandleAcclSend(const UdpPackage& package) noexcept;
@@ -90,7 +94,8 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   void HandleNegoRecv(const UdpPackage& package) noexcept;
   void OnNegotiated(const NegoResponse& response) noexcept;
   u32 AnswerLimitMs() const noexcept;
-  void OnAnswerOverdue() noexcept;
+  void LeaveAskedNode(u32 reason) noexcept;
+  void LeaveIfUnreachable(SOCKET socket, u32 error) noexcept;
   bool HandleLateAnswer(const UdpPackage& package) noexcept;
   bool TakeLateAnswer(const UdpPackage& package, AskedNode* node) noexcept;
   void OnNegotiationFailed(u32 reason) noexcept;
@@ -110,6 +115,7 @@ class UdpRemoteSession final : public IRelaySocketDelegate {
   u32 nego_retry_ = 0;  // changes of node so far
   AskedNode overdue_[2];
   AccDecisionInfo decision_;
+  ReadPace pace_;
   StoredPackages cached_packages_;  // waiting for the end of the negotiation
   NodeLink link_;                   // to the node that the flow goes through
   LinkWatch watch_;

@@ -60,7 +60,8 @@ void UdpRemoteSession::StartNegotiation() noexcept {
           u32{proxy.proxy_idc}, ProxyAddrText(proxy).text, u32{proxy.proxy_port},
           u32{proxy.section1_delay}, u32{proxy.section2_delay}, u32{proxy.section1_lost},
           static_cast<int>(decision_.game_idc), local_sock_, flow_.token);
-  link_.SendRequest(decision_, static_cast<u8>(nego_retry_), nullptr);
+  const u32 error = link_.SendRequest(decision_, static_cast<u8>(nego_retry_), nullptr);
+  LeaveIfUnreachable(link_.sock(), error);
 }
 
 void UdpRemoteSession::HandleNegoRecv(const UdpPackage& package) noexcept {
@@ -87,11 +88,16 @@ u32 UdpRemoteSession::AnswerLimitMs() const noexcept {
   return nego_retry_ == 0 ? times->next_node_ms : times->direct_ms;
 }
 
-void UdpRemoteSession::OnAnswerOverdue() noexcept {
+// A node that has not answered, and still may.
+void UdpRemoteSession::LeaveAskedNode(u32 reason) noexcept {
   if (FastFallback() != nullptr) {
     overdue_[nego_retry_ == 0 ? 0 : 1] = {link_.info().nego_addr, decision_.selected_proxy};
   }
-  OnNegotiationFailed(kNegoTimedOut);
+  OnNegotiationFailed(reason);
+}
+
+void UdpRemoteSession::LeaveIfUnreachable(SOCKET socket, u32 error) noexcept {
+  if (link_.IsUnreachable(socket, error)) LeaveAskedNode(kNegoUnreachable);
 }
 
 // The answer of a node that did not answer in time. False if the datagram is something else.

@@ -115,6 +115,7 @@ void UdpSession::DeliverToGame(const UdpPackage& package) noexcept {
 
 bool UdpSession::CanClose() noexcept {
   if (HasPeerPorts()) peer_sockets_->ReadAll();
+  if (first_remote_session_ != nullptr) first_remote_session_->ReadRest();
   bool result = true;
   for (const auto& [key, session] : remote_sessions_) {
     if (!session->OwesServers()) continue;
@@ -131,6 +132,7 @@ bool UdpSession::OwesServers() const noexcept {
 
 void UdpSession::OnUpdate(u32 elapsed_ms) noexcept {
   for (const auto& [key, session] : remote_sessions_) session->OnUpdate(elapsed_ms);
+  if (HasPeerPorts()) peer_sockets_->OnUpdate();
 }
 
 }  // namespace moru_vyr::lsp

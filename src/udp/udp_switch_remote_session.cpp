@@ -108,6 +108,7 @@ void UdpSwitchRemoteSession::OnNegotiationFailed(u32 reason) noexcept {
 // --- verification --------------------------------------------------------------------------------
 
 void UdpSwitchRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
+  link_.RetryBlocked();
   if (state_ == UdpSwitchState::kNegotiating &&
       link_.IsAnswerOverdue(elapsed_ms, kNegotiationLimitMs)) {
     OnNegotiationFailed(kNegoTimedOut);
@@ -163,13 +164,18 @@ void UdpSwitchRemoteSession::OnReadable(SOCKET socket) noexcept {
   DatagramBuffer buffer;
   UdpPackage package;
   // The link may be given away while it is being read.
-  while (!link_.IsGivenAway() && link_.ReadPackage(socket, &buffer, &package)) {
+  int error = 0;
+  while (!link_.IsGivenAway() && link_.ReadPackage(socket, &buffer, &package, &error)) {
     if (SameAddress(package.addr, flow_.local_addr)) continue;
     if (state_ == UdpSwitchState::kNegotiating) {
       HandleNegoRecv(package);
     } else if (state_ == UdpSwitchState::kVerifying || state_ == UdpSwitchState::kVerified) {
       HandleAcclRecv(package);
     }
+  }
+  if (state_ == UdpSwitchState::kNegotiating &&
+      link_.IsUnreachable(socket, static_cast<u32>(error))) {
+    OnNegotiationFailed(kNegoUnreachable);
   }
 }
 

@@ -137,6 +137,13 @@ def check_sample(client, checks):
     checks.that((done.returncode, done.stderr) == (1, "vyr_client: games.toml: exists already\n"),
                 "a file that stands is not replaced", done.stderr)  # fmt: skip
     checks.that((client.folder / "games.toml").read_bytes() == before, "and stays as it is")
+    for wrong, words in (("game.exe", "is no full path"), ("C:\\*.exe", "has a wildcard"), ("C:\\games\\", "names a folder")):
+        done = client.run("sample", "--game", wrong)
+        checks.that(done.returncode == 0 and words in done.stderr and wrong in done.stdout,
+                    f"'{wrong}' is written with a warning", done.stderr)
+    done = client.run("sample", "-o", "never.toml", "--game", "C:\\a\tb.exe")
+    checks.that(done.returncode == 2 and "holds a TAB" in done.stderr and not (client.folder / "never.toml").exists(),
+                "what no file may hold is not written", done.stderr)
     done = client.run("sample", "-o", "missing/games.toml")
     checks.that(done.returncode == 1 and "no such folder" in done.stderr, "no such folder", done.stderr)
 

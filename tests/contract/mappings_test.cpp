@@ -1,7 +1,9 @@
 // File mappings that only memory backs.
-#include <cstring>
-
 #include "tests/contract/world.h"
+//
+#include <memoryapi.h>
+
+#include <cstring>
 
 namespace contract {
 namespace {
@@ -89,6 +91,25 @@ TEST(Mapping, OffsetIsAMultipleOfTheGranularity) {
   UnmapViewOfFile(second);
   UnmapViewOfFile(view);
   CloseHandle(mapping);
+}
+
+// Whether there is memory behind a view is known before it is looked at.
+TEST(Mapping, MayBeMereAddresses) {
+  MEMORY_BASIC_INFORMATION region = {};
+  HANDLE whole = CreateMapping(70000, UniqueName("mapping"));
+  const char* view = MapAll(whole, 70000);
+  CHECK_EQ(VirtualQuery(view, &region, sizeof region), sizeof region);
+  CHECK_EQ(region.State, static_cast<DWORD>(MEM_COMMIT));
+  CHECK_TRUE(region.RegionSize >= 70000);
+  CHECK_TRUE(UnmapViewOfFile(view));
+  CHECK_TRUE(CloseHandle(whole));
+  HANDLE hollow = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE | SEC_RESERVE, 0,
+                                     70000, UniqueName("mapping").c_str());
+  view = MapAll(hollow, 70000);
+  CHECK_EQ(VirtualQuery(view, &region, sizeof region), sizeof region);
+  CHECK_EQ(region.State, static_cast<DWORD>(MEM_RESERVE));
+  CHECK_TRUE(UnmapViewOfFile(view));
+  CHECK_TRUE(CloseHandle(hollow));
 }
 
 TEST(Mapping, OfNoSizeCannotBe) {

@@ -1,92 +1,67 @@
-"""Chromium without a screen, driven over its debugging pipe."""
+"""Chromium without a screen, driven through drive.js."""
 import contextlib
-import itertools
 import json
-import os
+import pathlib
 import shutil
 import subprocess
-import tempfile
-import threading
 
 import served
 
 BROWSERS = ("chromium", "chromium-browser", "google-chrome")
+FETCH = served.HERE.parents[1] / "scripts/fetch_programs.sh"
 
 
 class Browser:
-    """One page. `events` has all that the browser has told of it, in order."""
+    """One page. Skips the test where there is no browser or no driver."""
 
     def __init__(self):
         program = next(filter(None, map(shutil.which, BROWSERS)), None)
         if program is None:
             served.skip("no Chromium here")
-        self.profile = tempfile.TemporaryDirectory(prefix="vyr-live-", ignore_cleanup_errors=True)
-        commands, self.commands = os.pipe()
-        answers, told = os.pipe()
-        # The browser reads from 3 and writes to 4.
-        script = f'exec "$0" "$@" 3<&{commands} 4>&{told}'
-        self.process = subprocess.Popen(
-            ["bash", "-c", script, program, "--headless=new", "--no-sandbox", "--disable-gpu", "--no-first-run",
-             "--disable-background-networking", "--disable-component-update", "--remote-debugging-pipe",
-             "--window-size=1400,900", f"--user-data-dir={self.profile.name}", "about:blank"],
-            pass_fds=(commands, told), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(commands)
-        os.close(told)
-        self.numbers, self.answers, self.events, self.session = itertools.count(1), {}, [], None
-        threading.Thread(target=self._read, args=(answers,), daemon=True).start()
+        done = subprocess.run([FETCH, "--browser"], capture_output=True, text=True)
+        if done.returncode != 0 or shutil.which("node") is None:
+            served.skip(done.stderr.strip() or "no Node.js here")
+        folder = subprocess.run([FETCH, "--path"], capture_output=True, text=True).stdout.strip()
+        self.process = subprocess.Popen(["node", served.HERE / "drive.js", folder, program], text=True,
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
-    def _read(self, answers):
-        rest = b""
-        while data := os.read(answers, 65536):
-            *messages, rest = (rest + data).split(b"\0")
-            for message in map(json.loads, messages):
-                if "id" in message:
-                    self.answers[message["id"]] = message
-                else:
-                    self.events.append(message)
-
-    def call(self, method, **params):
-        number = next(self.numbers)
-        message = {"id": number, "method": method, "params": params}
-        if self.session is not None:
-            message["sessionId"] = self.session
-        os.write(self.commands, json.dumps(message).encode() + b"\0")
-        answer = served.wait_until(lambda: self.answers.pop(number, None))
-        assert answer and "result" in answer, (method, answer)
-        return answer["result"]
+    def call(self, **command):
+        self.process.stdin.write(json.dumps(command) + "\n")
+        self.process.stdin.flush()
+        answer = self.process.stdout.readline()
+        assert answer, f"the driver ended at {command}"
+        answer = json.loads(answer)
+        assert "error" not in answer, (command, answer)
+        return answer.get("value")
 
     def open(self, url):
-        page = self.call("Target.createTarget", url="about:blank")["targetId"]
-        self.session = self.call("Target.attachToTarget", targetId=page, flatten=True)["sessionId"]
-        for domain in ("Runtime", "Log", "Network", "Page"):
-            self.call(domain + ".enable")
-        self.call("Page.navigate", url=url)
-        assert self.comes('document.readyState === "complete"'), url
+        self.call(open=url)
 
     def value(self, expression):
-        result = self.call("Runtime.evaluate", expression=expression, returnByValue=True)
-        assert "exceptionDetails" not in result, (expression, result)
-        return result["result"].get("value")
+        return self.call(value=expression)
 
     def comes(self, expression, patience_s=20):
         """Waits until the expression is true."""
         return served.wait_until(lambda: self.value(expression), patience_s)
 
+    def picture(self, path, width=1400, theme="light"):
+        self.call(picture=str(pathlib.Path(path).resolve()), width=width, theme=theme)
+
     def asked_for(self):
-        return [event["params"]["request"]["url"] for event in list(self.events)
-                if event["method"] == "Network.requestWillBeSent"]
+        return self.call(asked=True)
 
     def complaints(self):
-        """Exceptions, and what the browser itself notes, such as a breach of the page's policy."""
-        return [event for event in list(self.events)
-                if event["method"] == "Runtime.exceptionThrown" or event["method"] == "Log.entryAdded"]
+        """Exceptions, and what the console has, such as the browser's own notes of a breach of the page's policy."""
+        return self.call(complaints=True)
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
-        self.process.terminate()
-        with contextlib.suppress(subprocess.TimeoutExpired):
+        with contextlib.suppress(OSError):
+            self.process.stdin.close()
+        try:
             self.process.wait(timeout=10)
-        self.profile.cleanup()
-
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()

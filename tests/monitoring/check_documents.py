@@ -2,9 +2,14 @@
 """docs/monitoring.md lists the metrics that there are, and the dashboard asks for no others.
 
 usage: check_documents.py VYR_CLIENT VYR_NODE
+
+Exit code 77 where all is well but nothing could read the dashboard's queries.
 """
 import json
+import os
 import re
+import shutil
+import subprocess
 import sys
 
 import check_node
@@ -15,8 +20,8 @@ DOCS = served.HERE.parents[1] / "docs"
 # What Prometheus adds to every sample.
 ADDED = {"job", "instance"}
 NAME = re.compile(r"\bvyr_\w+")
-# A metric in a query, with its selector.
-SELECTED = re.compile(r"\b(vyr_\w+)\s*(?:\{([^}]*)\})?")
+# Grafana's own, for the values of a variable: a selector and a label.
+LABEL_VALUES = re.compile(r"label_values\((.*),\s*(\w+)\)")
 # Dashboard variables whose names Grafana gives.
 GIVEN = {"__rate_interval"}
 
@@ -72,41 +77,81 @@ def queries(dashboard):
             yield panel["title"], target["expr"]
 
 
-def check_query(checks, where, query, labels, variables):
-    names = set(NAME.findall(query))
-    checks.that(names, f"{where}: asks for something", query)
-    checks.that(names <= set(labels), f"{where}: asks for what there is", names - set(labels))
-    for left, right in ("()", "[]", "{}"):
-        checks.that(query.count(left) == query.count(right), f"{where}: {left}{right} agree", query)
+def parsed(texts):
+    """What Prometheus's grammar makes of each (read_queries.js). None: there is no parser here."""
+    fetch = served.HERE.parents[1] / "scripts/fetch_programs.sh"
+    done = subprocess.run([fetch, "--promql"], capture_output=True, text=True)
+    if done.returncode != 0 or shutil.which("node") is None:
+        print(f"the queries are not read: {done.stderr.strip() or 'no Node.js here'}")
+        return None
+    folder = subprocess.run([fetch, "--path"], capture_output=True, text=True).stdout.strip()
+    done = subprocess.run(["node", served.HERE / "read_queries.js"], input=json.dumps(texts), capture_output=True,
+                          text=True, timeout=served.TIMEOUT_S, env={**os.environ, "NODE_PATH": folder})
+    assert done.returncode == 0, done.stderr
+    return json.loads(done.stdout)
+
+
+def as_promql(query):
+    """The query after Grafana has put in what is its own; of label_values, the metric and the label."""
+    query = query.replace("$__rate_interval", "1m")
+    values = LABEL_VALUES.fullmatch(query)
+    return (values[1], {values[2]}) if values else (query, set())
+
+
+def check_query(checks, where, query, read, labels, variables):
+    checks.that(not read["errors"], f"{where}: is PromQL", (query, read["errors"]))
+    checks.that(read["metrics"], f"{where}: asks for something", query)
     used = set(re.findall(r"\$\{?(\w+)", query))
     checks.that(used <= variables | GIVEN, f"{where}: its variables exist", used)
-    known = ADDED.union(*(labels.get(name, set()) for name in names))
-    grouped = {word for group in re.findall(r"\bby \(([^)]*)\)", query) for word in re.split(r"\W+", group) if word}
+    known, listed = set(ADDED), as_promql(query)[1]
+    for metric in read["metrics"]:
+        # Variables may ask for several metrics at once, by a pattern of their names.
+        names = {metric["name"]} if "name" in metric else set(NAME.findall(query))
+        checks.that(names <= set(labels), f"{where}: asks for what there is", names - set(labels))
+        own = ADDED.union(*(labels.get(name, set()) for name in names))
+        asked = set(metric["labels"]) - {"__name__"}
+        checks.that(asked <= own, f"{where}: selects by labels of {sorted(names)}", asked - own)
+        known |= own
+    grouped = set().union(listed, *read["aggregations"])
     checks.that(grouped <= known, f"{where}: groups by labels that exist", grouped - known)
-    for name, selector in SELECTED.findall(query):
-        asked = set(re.findall(r"(\w+)\s*(?:=~|!~|!=|=)", selector))
-        checks.that(asked <= labels.get(name, set()) | ADDED, f"{where}: selects by labels of {name}", asked)
 
 
-def check_types(checks, where, query, labels):
+def check_types(checks, where, query, read, labels):
     """What only grows is looked at through a rate, and nothing else is."""
-    for name in NAME.findall(query):
-        if name not in labels or "label_values" in query:
-            continue
-        is_rated = re.search(rf"\b(?:rate|increase)\({name}\b[^)]*\[", query)
-        is_sum = query == f"sum({name}" + query[len(f"sum({name}"):] and "Processes" in where
-        checks.that(bool(is_rated) == name.endswith("_total") or is_sum, f"{where}: {name} by its type", query)
+    if LABEL_VALUES.fullmatch(query):
+        return
+    for metric in read["metrics"]:
+        name = metric.get("name", "")
+        is_rated = metric["isRange"] and metric["functions"][:1] in (["rate"], ["increase"])
+        is_sum = query.startswith(f"sum({name}") and "Processes" in where
+        checks.that(is_rated == name.endswith("_total") or is_sum, f"{where}: {name} by its type", query)
+
+
+def check_queries(checks, dashboard, labels):
+    """False: they could not be read."""
+    variables = {variable["name"] for variable in dashboard["templating"]["list"]}
+    asked = list(queries(dashboard))
+    reads = parsed([as_promql(query)[0] for _, query in asked])
+    if reads is None:
+        return False
+    for (where, query), read in zip(asked, reads, strict=True):
+        check_query(checks, where, query, read, labels, variables)
+        check_types(checks, where, query, read, labels)
+    names = {metric.get("name") for read in reads for metric in read["metrics"]}
+    checks.that(len(names) > 30, "it shows most of what there is", len(names))
+    return True
+
+
+def check_reader(checks):
+    """The reader finds what is wrong, so that its silence means something."""
+    wrong = parsed(["sum(rate(vyr_flows[5m]", "vyr_flows{node=}", "rat(vyr_flows[5m])"]) or []
+    for read in wrong:
+        checks.that(read["errors"], "a query that is none is found", read)
 
 
 def check_dashboard(checks, labels):
     dashboard = json.loads((DOCS / "grafana-dashboard.json").read_text(encoding="utf-8"))
-    variables = {variable["name"] for variable in dashboard["templating"]["list"]}
-    asked = set()
-    for where, query in queries(dashboard):
-        check_query(checks, where, query, labels, variables)
-        check_types(checks, where, query, labels)
-        asked |= set(NAME.findall(query))
-    checks.that(len(asked) > 30, "it shows most of what there is", len(asked))
+    is_read = check_queries(checks, dashboard, labels)
     for panel in dashboard["panels"]:
         for target in panel.get("targets", ()):
             shown = set(re.findall(r"\{\{(\w+)\}\}", target["legendFormat"]))
@@ -121,6 +166,7 @@ def check_dashboard(checks, labels):
     checks.that(len(set(places)) == len(places), "and a place", places)
     text = json.dumps(dashboard)
     checks.that("http" not in text, "it names nobody's server")
+    return is_read
 
 
 def main():
@@ -131,9 +177,10 @@ def main():
                 sorted(set(written) ^ set(labels)))
     for name in sorted(set(written) & set(labels)):
         checks.that(written[name] == labels[name], f"the labels of {name}", (written[name], labels[name]))
-    check_dashboard(checks, labels)
+    is_read = check_dashboard(checks, labels)
+    check_reader(checks)
     print(f"{checks.passed} passed, {checks.failed} failed")
-    sys.exit(1 if checks.failed else 0)
+    sys.exit(1 if checks.failed else 0 if is_read else 77)
 
 
 if __name__ == "__main__":

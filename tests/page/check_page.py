@@ -32,7 +32,7 @@ CURVES = {"Rate": ("sent", "recv"), "Delay of the probes": ("front",), "Probes":
 # through two relays, the outcome of a flow without figures, a time counted from the run's start.
 SAID = ("4 flows, 2 through nodes; 3 failed negotiations, 1 move to another node",
         "2 flows sent 494.7 kB, received 989.3 kB", "not what 1 flow carried after a move",
-        "On average of the 1 flow whose way was measured", "1 flow by the tables alone",
+        "Of the 1 flow whose way was measured", "1 flow by the tables alone",
         "2 flows direct, with nothing to save", "direct, after 2 failed negotiations",
         "direct: the destination is inside", "1 min 35.9 s", "moved to node-2 198.51.100.21:9000",
         "curves end with the move", "vyr_game.exe, game 77", "32 bits", "trouble from 50 ms",

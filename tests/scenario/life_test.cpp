@@ -500,6 +500,23 @@ SCENARIO_F(Life, ASocketOfTheFirstRoundCostsTheLaterOnesNothing) {
   EXPECT_TRUE(ThreadsOfOurs().empty());
 }
 
+// Its session went with the worker of its round. What it connects to or makes later is relayed.
+SCENARIO_F_SEEDS(Life, AMendedSocketOfAnEarlierRoundGoesDirect, 2) {
+  using namespace moru_vyr::lsp;  // NOLINT: the mendings' names
+  game.IsMended(world.seed() == 1 ? kMendRestart : kMendAll);
+  ReadMending(0);
+  StartsWinsock();
+  const SOCKET flow = Udp();
+  for (int round = 1; round <= 3; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    EXPECT_EQ(TalksByDatagram(flow), round == 1 ? "A" : "game");
+    ExpectTalksByDatagram("A");
+    EndsWinsock();
+    StartsWinsock();
+  }
+  closesocket(flow);
+}
+
 // --- the module ---------------------------------------------------------------------------------
 
 SCENARIO_F(Life, TheModuleOfAServedProcessStays) {

@@ -99,6 +99,83 @@ SCENARIO_F(MendedDatagram, WhatFindsNoRoomTowardsTheGameWaits) {
   EXPECT_EQ(blocked, 4);
 }
 
+// A socket may be called writable and take nothing: the timer asks again.
+SCENARIO_F(MendedDatagram, WhatFindsNoRoomTwiceIsTriedAgainByItself) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from " + On(kServer));
+  for (const bool to_game : {false, true}) {
+    SCOPED_TRACE(to_game);
+    int blocked = 0;
+    fails = [&blocked, to_game](const SentDatagram& one) {
+      const bool meant = one.by_relay && (one.to.rfind("127.", 0) == 0) == to_game;
+      return meant && ++blocked <= 20 ? WSAEWOULDBLOCK : 0;
+    };
+    const auto start = world.now();
+    EXPECT_EQ(Sends(s, "second"), 0);
+    EXPECT_EQ(Receives(s, 5000).text, "second");
+    EXPECT_GE(world.now() - start, 500ms) << "the worker must not be kept busy";
+    EXPECT_EQ(blocked, 21);
+  }
+}
+
+// Room for datagrams without peers' ports, where both ways share a socket.
+class MendedRoom : public UdpSpiedWorld {
+ protected:
+  MendedRoom() : UdpSpiedWorld(kMendStart) {}
+
+  // The relay's sends to that address fail so often with that error.
+  void Fails(int times, int error, const std::string& to) {
+    fails = [left = times, error, to](const SentDatagram& one) mutable {
+      return one.by_relay && one.to.rfind(to, 0) == 0 && left-- > 0 ? error : 0;
+    };
+  }
+};
+
+SCENARIO_F(MendedRoom, WhatFindsNoRoomTwiceIsTriedAgainByItself) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  for (const char* to : {kNodeA, "127."}) {
+    SCOPED_TRACE(to);
+    Fails(20, WSAEWOULDBLOCK, to);
+    EXPECT_EQ(Sends(s, "second"), 0);
+    EXPECT_EQ(Receives(s, 5000).text, "second");
+  }
+}
+
+// What can never be sent holds up nothing behind it.
+SCENARIO_F(MendedRoom, ADatagramThatCannotBeSentAfterAllIsLostAlone) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  heard.clear();
+  int calls = 0;
+  fails = [&calls](const SentDatagram& one) {
+    if (!one.by_relay) return 0;
+    return ++calls <= 2 ? WSAEWOULDBLOCK : calls == 3 ? WSAEHOSTUNREACH : 0;
+  };
+  EXPECT_EQ(Sends(s, "lost"), 0);
+  EXPECT_EQ(Sends(s, "next"), 0);
+  RunFor(500ms);
+  EXPECT_EQ(Heard("A"), Texts{"next"}) << AllHeard();
+}
+
+// A session that closes waits for what it owes, and must not wait for ever.
+SCENARIO_F(MendedRoom, ASessionThatClosesEndsOnceThereIsRoom) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  Fails(50, WSAEWOULDBLOCK, kNodeA);
+  EXPECT_EQ(Sends(s, "last"), 0);
+  RunFor(100ms);
+  closesocket(s);
+  RunFor(5s);
+  EXPECT_EQ(Heard("A"), (Texts{"first", "last"}));
+  EXPECT_TRUE(Logged("[UDP] session closed, token="));
+  EXPECT_TRUE(NodesAreFree());
+}
+
 // The message that a socket has closed overtakes its datagrams on their way to the relay.
 SCENARIO_F(MendedDatagram, WhatAGameSendsRightBeforeItClosesArrives) {
   Starts();
@@ -268,6 +345,21 @@ SCENARIO_F(MendedDatagram, ASessionWhoseSocketIsGoneEnds) {
   RunFor(6s);
   EXPECT_EQ(GetRelayMgr().UsePeerPorts(token), nullptr);
   EXPECT_TRUE(NodesAreFree());
+}
+
+// Any program of the machine can send to the port that stands for a server.
+SCENARIO_F(MendedDatagram, OnlyTheGamesOwnSocketReachesAServerThroughItsPort) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from " + On(kServer));
+  const auto ports = GetRelayMgr().UsePeerPorts(RecordOf(s).token);
+  ASSERT_NE(ports, nullptr);
+  u16 port = 0;
+  ASSERT_TRUE(ports->FindPort(At(kServer, kPort), &port));
+  SendTextTo(Udp(), "forged", "127.0.0.1", ntohs(port));
+  RunFor(100ms);
+  EXPECT_EQ(Talks(s, "second"), "second from " + On(kServer));
+  EXPECT_EQ(Heard(), (Texts{"first", "second"}));
 }
 
 // --- connected sockets ---

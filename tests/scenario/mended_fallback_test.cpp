@@ -10,6 +10,7 @@ namespace {
 using namespace sim_test;      // NOLINT: the verbs of these tests
 using namespace relayed_test;  // NOLINT
 using moru_vyr::lsp::kMendAll;
+using moru_vyr::lsp::kMendFailedNode;
 using moru_vyr::lsp::kMendFallback;
 using moru_vyr::lsp::kMendRefusal;
 using moru_vyr::lsp::kMendStart;
@@ -460,6 +461,71 @@ SCENARIO_F(MendedFallbackDatagrams, WhereAllNodesRestTheServerIsAskedAtOnce) {
   EXPECT_EQ(a.Count("request") + b.Count("request"), 2u);
   RunFor(30s);
   EXPECT_EQ(Carrier(), "A");
+}
+
+// --- nodes that send datagrams back --------------------------------------------------------------
+
+// For that, falling back need not be fast.
+struct MendedFailedDatagrams : MendedFallbackDatagrams {
+  explicit MendedFailedDatagrams(moru_vyr::lsp::u32 mended = kMendFailedNode)
+      : MendedFallbackDatagrams(mended) {}
+};
+
+SCENARIO_F(MendedFailedDatagrams, ANodeThatRefusesIsLeftAtOnce) {
+  world.Kill(a.process());
+  sim::Duration took{};
+  EXPECT_EQ(Carrier(&took), "B");
+  EXPECT_LE(took, 500ms);
+  EXPECT_TRUE(Logged("UdpRemoteSession::OnNegotiationFailed, reason=208, "));
+  world.Kill(b.process());
+  EXPECT_EQ(Carrier(&took), "game");
+  EXPECT_LE(took, 500ms);
+}
+
+SCENARIO_F(MendedFailedDatagrams, WhatWaitsForARefusalLeavesInOrder) {
+  world.Kill(a.process());
+  world.Kill(b.process());
+  const SOCKET s = Udp();
+  const Texts texts = {"one", "two", "three"};
+  for (const std::string& text : texts) EXPECT_EQ(Sends(s, text), 0);
+  RunFor(500ms);
+  EXPECT_EQ(Heard("game"), texts);
+}
+
+SCENARIO_F(MendedFailedDatagrams, ANodeToWhichNothingCanBeSentIsLeftAtOnce) {
+  for (const int error : {WSAENETUNREACH, WSAEHOSTUNREACH, WSAEADDRNOTAVAIL}) {
+    SCOPED_TRACE(error);
+    const SOCKET s = Udp();
+    // The message to the control port and the game's datagram come first.
+    port::FailCall("WSPSendTo", 3, static_cast<DWORD>(error));
+    EXPECT_EQ(Sends(s, "hello"), 0);
+    RunFor(500ms);
+    EXPECT_EQ(Heard("B"), Texts{"hello"}) << log_text();
+    port::ClearFaults();
+    closesocket(s);
+    RunFor(100ms);
+    heard.clear();
+  }
+}
+
+SCENARIO_F(MendedFailedDatagrams, ASilentNodeIsWaitedForAsLongAsBefore) {
+  a.StopsAnswering();
+  RunFor(100ms);
+  sim::Duration took{};
+  EXPECT_EQ(Carrier(&took), "B");
+  EXPECT_GE(took, 5s);
+}
+
+struct UnmendedFailedDatagrams : MendedFailedDatagrams {
+  UnmendedFailedDatagrams()
+      : MendedFailedDatagrams(kMendAll & ~(kMendFailedNode | kMendFallback)) {}
+};
+
+SCENARIO_F(UnmendedFailedDatagrams, ANodeThatRefusesCostsFiveSeconds) {
+  world.Kill(a.process());
+  sim::Duration took{};
+  EXPECT_EQ(Carrier(&took), "B");
+  EXPECT_GE(took, 5s);
 }
 
 // The client's own times.

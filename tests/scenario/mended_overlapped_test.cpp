@@ -47,6 +47,10 @@ void CALLBACK OnDone(DWORD error, DWORD bytes, LPWSAOVERLAPPED overlapped, DWORD
                                       : receive->Got() + ", " + std::to_string(bytes));
 }
 
+void CALLBACK OnOther(DWORD, DWORD, LPWSAOVERLAPPED overlapped, DWORD) {
+  reinterpret_cast<Receive*>(overlapped)->calls.push_back("the routine of another receive");
+}
+
 class MendedOverlapped : public UdpSpiedWorld {
  protected:
   explicit MendedOverlapped(u32 mended = kMendAll) : UdpSpiedWorld(mended) { current_ = this; }
@@ -410,6 +414,41 @@ SCENARIO_F(MendedOverlapped, MoreReceivesThanPlacesLeaveASocketDirect) {
   EXPECT_EQ(Heard("A"), Texts{"relayed"}) << AllHeard();
   closesocket(s);
   EXPECT_TRUE(GetPendingReceives().IsEmpty()) << "a closed socket frees its places";
+}
+
+// The system forgets the routines of a thread that ends without having waited for them.
+SCENARIO_F(MendedOverlapped, ReceivesOfThreadsThatHaveEndedTakeNoPlace) {
+  Starts();
+  const SOCKET s = Bound();
+  std::vector<std::unique_ptr<Receive>> all;
+  for (u32 i = 0; i < PendingReceives::kPlaces; ++i) all.push_back(std::make_unique<Receive>(s));
+  GameThread([&all] {
+    for (const auto& one : all) EXPECT_EQ(Begin(one.get(), OnDone), WSA_IO_PENDING);
+  });
+  ASSERT_TRUE(RunToTheEnd());
+  RunFor(100ms);
+  const SOCKET other = Bound();
+  Receive one(other);
+  EXPECT_EQ(Begin(&one, OnDone), WSA_IO_PENDING);
+  Sends(other, "relayed");
+  Complete(&one);
+  EXPECT_EQ(one.calls, Texts{"relayed from " + On(kServer) + ", 7"});
+  EXPECT_EQ(Heard("A"), Texts{"relayed"}) << AllHeard();
+  EXPECT_FALSE(Logged("left direct"));
+}
+
+// Nor does one get in the way of the next receive with its structure.
+SCENARIO_F(MendedOverlapped, AStructureOfAThreadThatHasEndedMayBeUsedAgain) {
+  Starts();
+  const SOCKET s = Bound();
+  Receive one(s);
+  GameThread([&one] { EXPECT_EQ(Begin(&one, OnOther), WSA_IO_PENDING); });
+  ASSERT_TRUE(RunToTheEnd());
+  RunFor(100ms);
+  EXPECT_EQ(Begin(&one, OnDone), WSA_IO_PENDING);
+  Sends(s, "hello");
+  Complete(&one);
+  EXPECT_EQ(one.calls, Texts{"hello from " + On(kServer) + ", 5"});
 }
 
 // --- not mended ---

@@ -52,6 +52,10 @@ class MendedWaits : public sim::ScenarioTest {
     return world.now() - begin;
   }
 
+  bool Relays(const char* ip) {
+    return route.NeedRelay(test::Ip(ip), htons(kPort), SOCK_STREAM, 1, 1);
+  }
+
   test::ClientRegion<RestrictionRegion> games{kRestrictionRegionName};
   test::ClientRegion<MendingRegion> mending{kMendingRegionName};
   test::ClientRegion<IpTableRegion> ips{kIpTableRegionName};
@@ -109,6 +113,78 @@ SCENARIO_F(MendedWaits, AClientThatHoldsEveryTableCostsHalfASecond) {
     Holds(name);
   EXPECT_EQ(Starts(), 500ms);
   EXPECT_TRUE(served);
+}
+
+// Each is read at a later question, which waits for none.
+SCENARIO_F(MendedWaits, TablesThatWereHeldAreReadOnceTheyAreFree) {
+  ips->records[0] = {11, test::Ip(kServer)};
+  blacklist->blacklist_count = 1;
+  blacklist->records[0].type = kBlacklistTcp;
+  blacklist->records[0].ip = test::Ip(kServer);
+  Holds(kIpTableMutexName, 2000);
+  Holds(kRouteMutexName, 3000);
+  Holds(kBlacklistMutexName, 4000);
+  EXPECT_EQ(Starts(), 500ms);
+  const test::LogCapture log(4);
+  const sim::Duration asked = world.now();
+  EXPECT_FALSE(Relays(kServer));
+  EXPECT_EQ(world.now(), asked);
+  RunFor(2s);
+  EXPECT_TRUE(Relays(kServer));
+  EXPECT_FALSE(route.route_table().HasRouteTable());
+  RunFor(1s);
+  EXPECT_TRUE(Relays(kServer));
+  EXPECT_TRUE(route.route_table().HasRouteTable());
+  RunFor(1s);
+  EXPECT_FALSE(Relays(kServer)) << "it is on the blacklist";
+  for (const char* const name : {kIpTableMutexName, kRouteMutexName, kBlacklistMutexName}) {
+    EXPECT_TRUE(log.Contains("[5][lsp][Route] " + std::string(name) +
+                             " is free by now, its region is read\n"))
+        << log.Text();
+  }
+}
+
+SCENARIO_F(MendedWaits, AListOfAddedAddressesThatWasHeldIsReadOnceItIsFree) {
+  ips->records[0] = {11, test::Ip(kDirect)};
+  spur->spur_count = 1;
+  spur->records[0].game_idc = 11;
+  spur->records[0].ip = test::Ip(kServer);
+  Holds(kSpurMutexName, 2000);
+  EXPECT_EQ(Starts(), 500ms);
+  EXPECT_FALSE(Relays(kServer));
+  EXPECT_TRUE(Relays(kDirect));
+  RunFor(2s);
+  EXPECT_TRUE(Relays(kServer));
+}
+
+// A client that hangs for good costs a question nothing.
+SCENARIO_F(MendedWaits, ATableThatStaysHeldCostsNothing) {
+  Holds(kIpTableMutexName);
+  EXPECT_EQ(Starts(), 500ms);
+  port::CountCalls();
+  const unsigned before = port::CallCount("OpenMutexA");
+  const sim::Duration begin = world.now();
+  for (int i = 0; i < 1000; ++i) EXPECT_FALSE(Relays(kServer));
+  EXPECT_EQ(world.now(), begin);
+  EXPECT_EQ(port::CallCount("OpenMutexA"), before + 1);
+}
+
+// The file's table serves until the region can be read.
+SCENARIO_F(MendedWaits, ARegionThatWasHeldReplacesTheFile) {
+  auto image = std::make_unique<RouteTableImage>();
+  image->header0 = 7;
+  routes.Publish(*image);
+  Holds(kRouteMutexName, 1000);
+  EXPECT_EQ(Starts(), 500ms);
+  image->header0 = 6;
+  route.route_table().LoadRouteFromMem(*image);
+  RouteHeader header = {};
+  route.route_table().SelectRouteSet(&header);
+  EXPECT_EQ(header[0], 6u);
+  RunFor(1s);
+  Relays(kServer);
+  route.route_table().SelectRouteSet(&header);
+  EXPECT_EQ(header[0], 7u);
 }
 
 // A game that waits for its tables waits those five seconds, and half a second for the mutex.

@@ -403,6 +403,8 @@ SCENARIO_F(SimTcp, BindConflictsFollowWindows) {
       {"127.0.0.1", 0, "127.0.0.1", SO_REUSEADDR, 0},
       {"127.0.0.1", kExclusive, "127.0.0.1", SO_REUSEADDR, WSAEADDRINUSE},
       {"0.0.0.0", 0, "127.0.0.1", kExclusive, WSAEADDRINUSE},
+      {"0.0.0.0", kExclusive, "127.0.0.1", 0, WSAEADDRINUSE},
+      {"127.0.0.1", kExclusive, "0.0.0.0", 0, 0},
       {"192.0.2.1", 0, "127.0.0.1", 0, 0},
   };
   int port = 1000;

@@ -124,8 +124,18 @@ SCENARIO(CreateTcpSocketAndBind, WhatItAcceptsHoldsNoSmallPieceBack) {
   EXPECT_EQ(NoDelayOf(accepted), 1);
 }
 
-SCENARIO(CreateTcpSocketAndBind, WorksWithAProviderWithoutTheOption) {
-  port::FailCall("setsockopt", 1, WSAENOPROTOOPT);
+// Otherwise another program could wait for the game's connections on the same port.
+SCENARIO(CreateTcpSocketAndBind, SharesItsPortWithNoOtherProgram) {
+  SOCKET s = INVALID_SOCKET;
+  u16 port = 0;
+  ASSERT_TRUE(CreateTcpSocketAndBind(&s, &port));
+  const SOCKET thief = sim_test::Tcp();
+  sim_test::SetIntOption(thief, SO_REUSEADDR, 1);
+  EXPECT_EQ(sim_test::BindTo(thief, "127.0.0.1", ntohs(port)), WSAEADDRINUSE);
+}
+
+SCENARIO(CreateTcpSocketAndBind, WorksWithAProviderWithoutTheOptions) {
+  port::FailCall("setsockopt", 0, WSAENOPROTOOPT);
   SOCKET s = INVALID_SOCKET;
   EXPECT_TRUE(CreateTcpSocketAndBind(&s, nullptr));
   EXPECT_EQ(NoDelayOf(s), 0);

@@ -462,7 +462,8 @@ SCENARIO_F_SEEDS(TcpStorm, NoByteIsWrongUnderAnyFault, SwarmSeeds(150)) {
   Heal();
   ExpectNothingIsLeft();
   ExpectPrefixes();
-  if (test::MendedInAllWorlds() == moru_vyr::lsp::kMendAll) ExpectNoneIsSilent();
+  constexpr auto kAll = moru_vyr::lsp::kMendAll;
+  if ((test::MendedInAllWorlds() & kAll) == kAll) ExpectNoneIsSilent();
   ExpectANewConnectionWorks();
 }
 

@@ -66,6 +66,15 @@ SCENARIO_F(UdpAlone, TheControlSocketIsOnTheLoopbackAddressAndDoesNotBlock) {
   EXPECT_TRUE(log.Contains(test::kUdpListening + std::to_string(ntohs(name.sin_port))));
 }
 
+SCENARIO_F(UdpAlone, TheControlPortIsSharedWithNoOtherProgram) {
+  ASSERT_TRUE(provider.Init(&loop, &route));
+  sockaddr_in control = {};
+  provider.GetLocalAddr(&control);
+  const SOCKET thief = Udp();
+  SetIntOption(thief, SO_REUSEADDR, 1);
+  EXPECT_EQ(BindTo(thief, "127.0.0.1", ntohs(control.sin_port)), WSAEADDRINUSE);
+}
+
 SCENARIO_F(UdpAlone, WithoutASocketTheProviderDoesNotStart) {
   port::FailCall("socket", 1, WSAENOBUFS);
   EXPECT_FALSE(provider.Init(&loop, &route));
@@ -173,6 +182,14 @@ SCENARIO_F(UdpSessionAlone, HasAnAddressOnceItsSocketIsMade) {
   EXPECT_EQ(IntOption(loop.added[1], SO_RCVBUF), 40000);
   EXPECT_TRUE(session.Init());
   EXPECT_EQ(loop.added.size(), 2u) << "what is there is not made again";
+}
+
+// Its socket listens on every address, so without a claim of its own any program could bind the one
+// that the game sends to, and would get the game's datagrams.
+SCENARIO_F(UdpSessionAlone, NoOtherProgramGetsItsPortOnASingleAddress) {
+  ASSERT_TRUE(session.Init());
+  ASSERT_TRUE(session.GetRelayAddr(&relay));
+  EXPECT_EQ(BindTo(Udp(), "127.0.0.1", ntohs(relay.sin_port)), WSAEADDRINUSE);
 }
 
 // No port that is drawn is 0, so this one is taken away.

@@ -9,12 +9,12 @@
 
 namespace test {
 
-// VYR_MENDED=all runs the same worlds with all mendings for the game, VYR_MENDED=0x3 with the
-// mendings of these bits.
+// VYR_MENDED=all runs the same worlds with every mending for the game, also those that "all" leaves
+// out elsewhere, VYR_MENDED=0x3 with the mendings of these bits.
 inline moru_vyr::lsp::u32 MendedInAllWorlds() {
   const char* const bits = std::getenv("VYR_MENDED");
   if (bits == nullptr) return 0;
-  if (std::strcmp(bits, "all") == 0) return moru_vyr::lsp::kMendAll;
+  if (std::strcmp(bits, "all") == 0) return moru_vyr::lsp::kMendKnown;
   return static_cast<moru_vyr::lsp::u32>(std::strtoul(bits, nullptr, 0));
 }
 

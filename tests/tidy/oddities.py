@@ -115,6 +115,10 @@ def tests_of(text):
             yield f"{first}.{second}"
 
 
+def known_tests(tree):
+    return {name for path in tree.cpp_files("tests/") for name in tests_of(tree.text(path))}
+
+
 def check(tree):
     found = [m for path in tree.cpp_files("src/") for m in marks(path, tree.text(path))]
     if not found and REGISTER not in tree.paths:
@@ -123,7 +127,7 @@ def check(tree):
         yield REGISTER, [Finding(REGISTER, 0, f"is missing, and src/ has {len(found)} marks")]
         return
     read = list(rows(tree.text(REGISTER)))
-    known = {name for path in tree.cpp_files("tests/") for name in tests_of(tree.text(path))}
+    known = known_tests(tree)
     findings = [r for r in read if isinstance(r, Finding)]
     listed = [r for r in read if isinstance(r, Row)]
     for path in tree.cpp_files("src/"):

@@ -5,6 +5,7 @@ import copy
 import os
 import pathlib
 import shutil
+import subprocess
 import sys
 import tempfile
 import types
@@ -37,6 +38,25 @@ class Release(Staged):
         release_parts.pack(other, self.folder / "other.zip", "vyr")
         self.assertEqual((self.folder / "one.zip").read_bytes(), (self.folder / "other.zip").read_bytes())
 
+    def test_an_installer_depends_on_names_and_bytes_alone(self):
+        if shutil.which("makensis") is None:
+            self.skipTest("no makensis here")
+        made = []
+        for name, zone, umask in (("one", "UTC", 0o022), ("another/of-a-longer-name", "Pacific/Auckland", 0o077)):
+            stage, lists, setup = (self.folder / part / name for part in ("stage", "lists", "setup"))
+            before = os.umask(umask)
+            self.addCleanup(os.umask, before)
+            self.stage(f"stage/{name}")
+            os.utime(stage / "README.md", (umask, umask))
+            release_parts.nsis(types.SimpleNamespace(stage=stage, folder=lists))
+            setup.mkdir(parents=True)
+            subprocess.run(["makensis", "-V1", "-NOCD", "-DVERSION=1.2.3", f"-DLISTS={lists}",
+                            f"-DOUTPUT={setup / 'setup.exe'}", release_parts.ROOT / "packaging/vyr.nsi"],
+                           check=True, env={**os.environ, "TZ": zone})  # fmt: skip
+            os.umask(before)
+            made.append((setup / "setup.exe").read_bytes())
+        self.assertEqual(*made)
+
     def test_the_installer_removes_each_file_it_writes_and_no_folder_of_others(self):
         release_parts.nsis(types.SimpleNamespace(stage=self.stage("one"), folder=self.folder / "lists"))
         install = (self.folder / "lists/install_files.nsh").read_text()
@@ -44,9 +64,14 @@ class Release(Staged):
         for name in ("README.md", "bin\\b.exe", "bin\\a.dll"):
             self.assertEqual(remove.count(f'"$INSTDIR\\{name}"'), 1)
         self.assertEqual(install.count("\nFile "), 3)
-        self.assertEqual(install.count("MoveAside"), 1)  # the one DLL
+        self.assertEqual(install.count("MoveAside"), 2)  # the DLL and the program
         self.assertIn('RMDir "$INSTDIR\\bin"', remove)
         self.assertNotIn("/r", remove)
+
+    def test_a_document_links_only_to_what_is_released(self):
+        folder = self.stage("one", ("docs/a.md",))
+        (folder / "README.md").write_text("[a](docs/a.md#part), [b](docs), [c](https://example.com/c), [d](docs/d.md)")
+        self.assertEqual(list(release_parts.broken_links(folder)), ["README.md links to docs/d.md"])
 
     def test_sums_are_those_that_sha256sum_checks(self):
         folder = self.stage("one", ("a",))
@@ -77,6 +102,8 @@ class BillOfMaterials(Staged):
         names = {package["name"] for package in self.made["packages"]}
         self.assertLessEqual({"vyr", "toml++", "uPlot", "mingw-w64 runtime"}, names)
         self.assertEqual(self.made, release_parts.sbom_of(self.stage("other"), "0" * 40))
+        for package in self.made["packages"][1:]:  # a plus sign in a package URL stands for a space to some
+            self.assertRegex(package["externalRefs"][0]["referenceLocator"], r"^pkg:(npm|deb/debian)/[\w.-]+@[\w.:~%-]+$")
 
     def test_what_lacks_a_required_field_is_not(self):
         for key in ("spdxVersion", "dataLicense", "name", "documentNamespace", "creationInfo"):

@@ -4,7 +4,7 @@
 usage: tidy.py [--format] [ROOT]
 
 Include directions, the picture of them in README.md, banned constructs, the names in the glossary,
-the register of oddities, what is published for other languages, the notices of others' work,
+the registers of oddities and of ways in, what is published for other languages, the notices of others' work,
 workflows, a README in each folder, assertions on packed records, sizes of files and functions; with
 --format, the layout of every C++ file instead. Prints one line, FILE:LINE: MESSAGE, for each finding,
 and at the end "N passed, N failed"; a check is one rule on one file. Exit: 0 all passed, 1 something
@@ -23,12 +23,14 @@ import oddities
 import published
 import readmes
 import records
+import security
 import sizes
 import style
 import tree
 import workflows
 
-RULES = [layers, architecture, bans, glossary, notices, oddities, published, readmes, records, sizes, workflows]
+RULES = [layers, architecture, bans, glossary, notices, oddities, published, readmes, records, security, sizes,
+         workflows]
 
 
 def run(rules, files, out=sys.stdout):

@@ -17,6 +17,7 @@ import oddities
 import published
 import readmes
 import records
+import security
 import sizes
 import style
 import tidy
@@ -296,6 +297,28 @@ class Oddities(unittest.TestCase):
     def test_a_row_that_cannot_be_read_is_found(self):
         self.assertIn("not a row", self.check(
             register=self.REGISTER + "| `a.h` no quotes | x | y | none |\n")[0])
+
+
+class Security(unittest.TestCase):
+    HEAD = "| way in | can | stops | does not | tests |\n|---|---|---|---|---|\n"
+    FILES = {"src/udp/a.cpp": "void Refuse() {}\n", "tests/unit/a_test.cpp": "TEST(Suite, One) {\n",
+             "tests/windows/b.py": ""}
+
+    def check(self, *rows):
+        return findings(security, {**self.FILES, "docs/security.md": self.HEAD + "".join(r + "\n" for r in rows)})
+
+    def test_rows_with_guards_and_tests_that_exist_are_right(self):
+        self.assertEqual(self.check("| a | b | `a.cpp: Refuse` and more | c | `Suite.One`, `tests/windows/b.py` |",
+                                    "| a | b | nothing | c | none |"), [])
+
+    def test_what_does_not_exist_is_found(self):
+        for cells, found in [("`a.cpp: Ref` | c | none", "no such guard: a.cpp: Ref"),
+                             ("`b.cpp: Refuse` | c | none", "no such guard: b.cpp: Refuse"),
+                             ("b | c | `Suite.Two`", "no such test: Suite.Two"),
+                             ("b | c | `tests/windows/c.py`", "no such test: tests/windows/c.py"),
+                             ("b | c | later", "names no test, and does not say none"),
+                             ("b | none", "has 4 cells instead of 5")]:
+            self.assertEqual(self.check(f"| a | b | {cells} |"), [f"docs/security.md:3: {found}"], cells)
 
 
 class Published(unittest.TestCase):

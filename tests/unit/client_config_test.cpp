@@ -420,6 +420,7 @@ struct Doubt {
 
 TEST(ClientConfig, WarnsOfPathsThatDoNothingUsefulAndTakesThem) {
   const Doubt doubts[] = {
+      {"'C:\\games\\'", "C:\\a\\", "names a folder, and not a program, so it never matches"},
       {"'game.exe'", "C:\\a\\", "is no full path like C:\\games\\game.exe, so it never matches"},
       {"'C:/a.exe'", "C:\\a\\",
        "has a '/': a process's path has backslashes only, so this never matches"},

@@ -3,10 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "client/watch/mended_games.h"
 #include "client/watch/report_regions.h"
 #include "common/named_mutex.h"
-#include "tests/support/route_fixture.h"
 #include "tests/support/threads.h"
 #include "tests/unit/client_reports.h"
 
@@ -51,33 +49,6 @@ TEST(ClientReportRegions, ARegionOfAnotherVersionIsNamedAndTheOthersAreMade) {
   ReportRegions regions;
   EXPECT_NE(regions.Make(kWaitMs).find(kDecisionChannel.mapping_name), std::string::npos);
   EXPECT_TRUE(common::Shared_mem_obj::Exists(kRecoverySwitchChannel.mapping_name));
-}
-
-LspLoadedRecord Loaded(const char* name, uint64_t game_id) {
-  LspLoadedRecord record;
-  common::SetFieldText(record.process_name, name);
-  record.game_id = game_id;
-  return record;
-}
-
-TEST(ClientMendedGames, AreFoundByNumberAndProgramInTheTablesInForce) {
-  test::ClientRegion<RestrictionRegion> games(kRestrictionRegionName);
-  test::ClientRegion<MendingRegion> mending(kMendingRegionName);
-  games->games[1].valid = games->games[2].valid = 1;
-  games->games[1].game_id = games->games[2].game_id = 7;
-  games->games[1].path_count = games->games[2].path_count = 1;
-  common::SetFieldText(games->games[1].game_paths[0], "C:\\a\\one.exe");
-  common::SetFieldText(games->games[2].game_paths[0], "C:\\a\\Two.exe");
-  mending->games[2].mended = kMendReset;
-  std::vector<client::Report> reports;
-  for (const char* const name : {"one.exe", "two.exe", "three.exe"})
-    reports.push_back(test::ReportOf(client::kLoadedReport, Loaded(name, 7)));
-  reports.push_back(test::ReportOf(client::kLoadedReport, Loaded("two.exe", 8)));
-  reports.push_back(test::ReportOf(client::kNegotiationResultReport, Failure(202)));
-  client::NoteMended(&reports, kWaitMs);
-  EXPECT_EQ(reports[0].mended, 0u);
-  EXPECT_EQ(reports[1].mended, kMendReset);
-  for (size_t i = 2; i < reports.size(); ++i) EXPECT_FALSE(reports[i].mended) << i;
 }
 
 TEST(ClientReportDrain, NoRegionIsNoReportAndMakesNone) {

@@ -16,6 +16,7 @@
 #include "common/shared_mem_obj.h"
 #include "route/acc_config.h"
 #include "route/decision.h"
+#include "tests/support/source_dir.h"
 
 namespace {
 
@@ -107,7 +108,7 @@ TEST_F(ClientExplain, EachDestinationOfTheSampleEndsForItsOwnReason) {
 // Blocks of the document that begin with the command hold what it prints, to the letter. Set
 // VYR_UPDATE_DOCS to write them again.
 TEST_F(ClientExplain, TheDocumentShowsWhatTheProgramSays) {
-  const std::string path = VYR_SOURCE_DIR "/docs/tables.md";
+  const std::string path = test::SourceFile("docs/tables.md");
   std::ifstream file(path, std::ios::binary);
   ASSERT_TRUE(file) << path;
   const std::string document(std::istreambuf_iterator<char>(file), {});

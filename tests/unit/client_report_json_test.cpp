@@ -218,6 +218,31 @@ TEST(ClientReportJson, WhatIsMendedIsALoadedReportsLastKeyWhereItIsKnown) {
   }
 }
 
+TEST(ClientReportJson, WhatTheWatchAddsComesBack) {
+  client::Report loaded = test::ReportOf(client::kLoadedReport, LspLoadedRecord{});
+  client::Report traffic = test::ReportOf(client::kCommunicationReport, test::Traffic("g", 5000));
+  for (const client::Report& plain : {loaded, traffic}) {
+    EXPECT_EQ(ReportJson(plain).find("library_file"), std::string::npos);
+    EXPECT_EQ(ReportJson(plain).find("tables_direct"), std::string::npos);
+  }
+  client::Problem problem;
+  loaded.library_file = "0.1.0";
+  ASSERT_TRUE(ReportFromJson(ReportJson(loaded), &problem)) << problem.key;
+  EXPECT_EQ(ReportFromJson(ReportJson(loaded), &problem)->library_file, "0.1.0");
+  traffic.direct = client::DirectWay{60, 2};
+  const auto again = ReportFromJson(ReportJson(traffic), &problem);
+  ASSERT_TRUE(again && again->direct) << problem.key;
+  EXPECT_EQ(again->direct->delay, 60u);
+  EXPECT_EQ(again->direct->lost, 2u);
+  for (const char* const wrong :
+       {R"("library_file":5)", R"("tables_direct_delay":"60")", R"("tables_direct_delay":-1)",
+        R"("tables_direct_delay":1,"tables_direct_lost":4294967296)"}) {
+    const std::string line = R"({"event":"communication",)" + std::string(wrong) + "}";
+    EXPECT_FALSE(ReportFromJson(line, &problem)) << wrong;
+    EXPECT_NE(std::string(wrong).find("\"" + problem.key + "\""), std::string::npos) << wrong;
+  }
+}
+
 TEST(ClientReportJson, AFailureOfTheWatchItselfIsPassedOver) {
   client::Problem problem = {.reason = "something"};
   EXPECT_FALSE(ReportFromJson(R"({"event":"failure","reason":"no regions"})", &problem));

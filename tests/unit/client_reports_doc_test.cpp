@@ -9,6 +9,7 @@
 #include "client/explain/reason_words.h"
 #include "client/watch/report_words.h"
 #include "route/decision.h"
+#include "tests/support/source_dir.h"
 #include "tests/unit/client_reports.h"
 
 namespace {
@@ -21,7 +22,7 @@ using namespace moru_vyr::lsp;
 
 const std::string& Document() {
   static const std::string text = [] {
-    std::ifstream file(VYR_SOURCE_DIR "/docs/reports.md", std::ios::binary);
+    std::ifstream file(test::SourceFile("docs/reports.md"), std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(file), {});
   }();
   return text;

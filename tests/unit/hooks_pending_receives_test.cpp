@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "hooks/pending_receives.h"
+#include "tests/support/threads.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -126,6 +127,52 @@ TEST_F(PendingReceivesTest, ASocketsEntriesGoWithoutTheOthers) {
   EXPECT_NE(table.Find(8, &overlapped), 0u);
   EXPECT_TRUE(table.Drop(8, &overlapped)) << "all three";
   EXPECT_TRUE(table.IsEmpty());
+}
+
+TEST_F(PendingReceivesTest, ARoutineIsThatOfTheThreadThatBeganTheReceive) {
+  table.Add(Make(7, First));
+  test::RunThread([this] {
+    table.Add(Make(7, Second));
+    PendingReceive out;
+    ASSERT_TRUE(table.TakeRoutine(&overlapped, &out));
+    EXPECT_EQ(out.routine, &Second);
+  });
+  PendingReceive out;
+  ASSERT_TRUE(table.TakeRoutine(&overlapped, &out));
+  EXPECT_EQ(out.routine, &First);
+}
+
+TEST_F(PendingReceivesTest, ThePlacesOfThreadsThatHaveEndedAreFreeAgain) {
+  test::RunThread([this] {
+    for (u32 i = 0; i < PendingReceives::kPlaces - 1; ++i) table.Add(Make(7, First));
+  });
+  WSAOVERLAPPED own = {};
+  PendingReceive kept = Make(7, Second);
+  kept.overlapped = &own;
+  const u64 first = table.Add(kept);
+  WSAOVERLAPPED other = {};
+  PendingReceive next = Make(7, First);
+  next.overlapped = &other;
+  EXPECT_NE(table.Add(next), 0u);
+  PendingReceive out;
+  EXPECT_FALSE(table.TakeRoutine(&overlapped, &out));
+  EXPECT_EQ(table.Find(7, &own), first) << "its thread lives";
+  EXPECT_TRUE(table.TakeRoutine(&own, &out));
+  EXPECT_TRUE(table.TakeRoutine(&other, &out));
+  EXPECT_TRUE(table.IsEmpty());
+}
+
+// Where an event's entry lives on, nothing of it depends on a thread.
+TEST_F(PendingReceivesTest, AnEventsEntryOutlivesItsThread) {
+  test::RunThread([this] { table.Add(Make()); });
+  WSAOVERLAPPED other = {};
+  for (u32 i = 1; i < PendingReceives::kPlaces; ++i) {
+    PendingReceive one = Make();
+    one.overlapped = &other;
+    ASSERT_NE(table.Add(one), 0u);
+  }
+  EXPECT_EQ(table.Add(Make()), 0u);
+  EXPECT_NE(table.Find(7, &overlapped), 0u);
 }
 
 TEST_F(PendingReceivesTest, HasSoManyPlaces) {

@@ -207,6 +207,28 @@ TEST_F(StreamProvider, AnUnknownConnectionIsAcceptedAndClosedAndTheNextOneToo) {
   }
 }
 
+// The port of the game's socket is free on the other addresses of the loopback interface, for any
+// program. What connects from there is closed, and the game's session waits for the game.
+TEST_F(StreamProvider, TheGamesPortOnAnotherAddressIsAStrangers) {
+  u16 port = 0;
+  const test::OwnSocket game(GameSocket(&port));
+  ASSERT_TRUE(Request(port, "198.51.100.10", 1));
+  test::LogCapture log(4);
+  const test::OwnSocket thief(socket(AF_INET, SOCK_STREAM, 0));
+  sockaddr_in elsewhere = {};
+  elsewhere.sin_family = AF_INET;
+  elsewhere.sin_port = port;
+  elsewhere.sin_addr.s_addr = static_cast<u32>(inet_addr("127.0.0.2"));
+  ASSERT_EQ(bind(thief, test::Raw(&elsewhere), sizeof elsewhere), 0);
+  ASSERT_EQ(connect(thief, relay_addr, relay_len), 0);
+  EXPECT_TRUE(IsClosedSoon(thief));
+  EXPECT_TRUE(log.Contains(test::kStrangerAccepted + std::to_string(ntohs(port)) + ", socket="));
+  EXPECT_FALSE(log.Contains("OnLocalServerAcceptable. peer_port="));
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  for (int i = 0; i < 500 && !log.Contains("OnLocalServerAcceptable. peer_port="); ++i) loop.Turn();
+  EXPECT_TRUE(LineWith(log, "OnLocalServerAcceptable. peer_port=").ends_with(", token=1"));
+}
+
 // The server is the test's own on the loopback interface; bytes go both ways, and the first request
 // for a port is the one that counts.
 TEST_F(StreamProvider, AnAcceptedConnectionReachesItsServer) {

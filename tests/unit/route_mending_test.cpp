@@ -2,6 +2,7 @@
 #include "route/mending.h"
 
 #include <gtest/gtest.h>
+#include <memoryapi.h>
 
 #include "common/handle.h"
 #include "tests/support/end_worker.h"
@@ -45,7 +46,7 @@ TEST_F(MendingRegionTest, EachGameHasItsOwnBits) {
 TEST_F(MendingRegionTest, BitsOfALaterClientAreIgnored) {
   test::ClientRegion<MendingRegion> region(kMendingRegionName);
   region->games[0].mended = 0xffffffff;
-  EXPECT_EQ(ReadBits(), kMendAll);
+  EXPECT_EQ(ReadBits(), kMendKnown);
 }
 
 TEST_F(MendingRegionTest, AnotherVersionAnotherSizeOrAnEmptyRecordMendNothing) {
@@ -86,6 +87,15 @@ TEST_F(MendingRegionTest, AMutexThatIsHeldMendsNothing) {
     SetEvent(done.get());
   });
   EXPECT_EQ(ReadBits(), kMendAll);
+}
+
+TEST_F(MendingRegionTest, ARegionWithoutMemoryMendsNothing) {
+  const common::UniqueHandle hollow(CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr,
+                                                       PAGE_READWRITE | SEC_RESERVE, 0,
+                                                       sizeof(MendingRegion), kMendingRegionName));
+  ASSERT_TRUE(hollow);
+  ReadWaitsOfAnyGame();
+  EXPECT_EQ(ReadBits(), 0u);
 }
 
 TEST_F(MendingRegionTest, HowLongToWaitIsKnownBeforeTheGameIs) {

@@ -3,6 +3,7 @@
 #include "common/shared_mem_obj.h"
 
 #include <gtest/gtest.h>
+#include <memoryapi.h>
 
 #include <cstring>
 #include <optional>
@@ -266,6 +267,26 @@ TEST_F(SharedMem, MappingSmallerThanTheRecordIsRefused) {
       log.Contains(test::kRegionFailed + name_ + ",size=70000) mapped_region create failed\n"))
       << log.Text();
   CloseHandle(small);
+}
+
+// Addresses with no memory behind them: a look at one would end the process.
+TEST_F(SharedMem, MappingWithoutMemoryIsRefused) {
+  const HANDLE hollow = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr,
+                                           PAGE_READWRITE | SEC_RESERVE, 0, 70000, name_.c_str());
+  ASSERT_NE(hollow, nullptr);
+  test::LogCapture log;
+  {
+    Shared_mem_obj object = Plain(70000);
+    for (const int mode : {kOpenForReading, kOpenForWriting}) {
+      EXPECT_EQ(object.Open(mode, true), nullptr) << mode;
+      object.Close();
+      EXPECT_TRUE(MutexIsFree());
+    }
+  }
+  EXPECT_TRUE(
+      log.Contains(test::kRegionFailed + name_ + ",size=70000) mapped_region create failed\n"))
+      << log.Text();
+  CloseHandle(hollow);
 }
 
 TEST_F(SharedMem, NameOfAnotherObjectIsRefused) {

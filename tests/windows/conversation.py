@@ -21,11 +21,11 @@ def wait_until(condition):
 
 
 class Conversation:
-    """A Windows program whose output is read while it runs."""
+    """A Windows program whose output is read while it runs; or a native one, without `through`."""
 
-    def __init__(self, command, folder):
+    def __init__(self, command, folder, through=(support.WINE,)):
         self.process = subprocess.Popen(
-            [support.WINE, *map(str, command)], cwd=folder, text=True, encoding="utf-8",
+            [*through, *map(str, command)], cwd=folder, text=True, encoding="utf-8",
             errors="replace", bufsize=1, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
         )  # fmt: skip

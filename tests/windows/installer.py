@@ -1,7 +1,7 @@
-"""The installer package: install, run a program with what was installed, upgrade, uninstall. Nothing is
-left behind, and a file that the package has not installed stays. Where the build has vyr_setup, a
-catalogue in a file gets and loses the library's entries, and a catalogue that cannot be written leaves
-nothing installed."""
+"""The installer package: install, run a program with what was installed, upgrade and downgrade between versions
+that differ in their files, also while a program has the library open, uninstall. Nothing is left behind, and a file
+that the package has not installed stays. A catalogue in a file gets and loses the library's entries, and a catalogue
+that cannot be written leaves nothing installed."""
 
 import os
 import pathlib
@@ -11,7 +11,10 @@ import sys
 import tempfile
 import time
 
+import relay_bench
 import support
+from conversation import Conversation
+from relayed_transfers import PatternServer
 
 INSTALLED = "C:\\vyr-installed"  # in the bed's own drive
 KEY = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\vyr"
@@ -22,7 +25,8 @@ TIME = "1700000000"
 
 
 class Package:
-    """An installer of some version, made of what was built and one file of that version's own."""
+    """An installer of some version, made of what was built. What it has beside that, and the library's bytes, differ
+    from version to version."""
 
     def __init__(self, runner, folder, version):
         self.version = version
@@ -35,7 +39,11 @@ class Package:
             program = runner.file(name, ".exe")
             if program.exists():
                 shutil.copy(program, programs)
-        (self.stage / f"only in {version}.txt").write_text(version)
+        with open(programs / runner.file("vyr_lsp", ".dll").name, "ab") as library:
+            library.write(f"version {version}".encode())  # behind what the loader reads
+        for name in ("in each.txt", f"only in {version}.txt", f"folder of {version}/deep/file.txt", "docs/in each.txt"):
+            (self.stage / name).parent.mkdir(parents=True, exist_ok=True)
+            (self.stage / name).write_text(f"{name} of {version}")
         self.file = folder / f"vyr-{version}-setup.exe"
         environment = {**os.environ, "SOURCE_DATE_EPOCH": TIME}
         lists = folder / f"lists-{version}"
@@ -71,6 +79,9 @@ class Machine:
     def options(self):
         return [f"/CATALOGUE={support.windows_path(self.catalogue)}"] if self.has_setup() else []
 
+    def nowhere(self):
+        return support.windows_path(self.folder / "no such folder" / "catalogue.json")
+
     def has_setup(self):
         return self.runner.file("vyr_setup", ".exe").exists()
 
@@ -83,7 +94,10 @@ class Machine:
             self.checks.equal(self.entries(), 0, "the library is not in it")
 
     def install(self, package, *options):
-        done = self.runner.wine([package.file, "/S", *options, f"/D={INSTALLED}"], self.folder)
+        """Without pipes: a desktop that it starts would keep them as long as any program runs."""
+        done = subprocess.run([support.WINE, package.file, "/S", *options, f"/D={INSTALLED}"], cwd=self.folder,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                              timeout=support.LONGEST_RUN_S)  # fmt: skip
         return done.returncode
 
     def uninstall(self, *options):
@@ -138,12 +152,62 @@ def run_program(machine, arguments):
     machine.checks.that(served.starts(), "the installed library was started", served.errors)
 
 
+class OpenProgram:
+    """A program that has the installed library open, and goes on with it whatever is installed meanwhile."""
+
+    def __init__(self, machine, arguments):
+        self.checks, self.server, self.count = machine.checks, PatternServer(), 0
+        runner = support.Runner(arguments)
+        folder = runner.stage(arguments.probes / "transfer_game.exe", "program.exe")
+        self.trace = folder / "trace.jsonl"
+        self.program = Conversation(
+            [runner.launcher, "--quiet", "--trace", support.windows_path(self.trace),
+             support.windows_path(folder / "program.exe"), relay_bench.SERVER, self.server.port], folder)  # fmt: skip
+
+    def transfer(self, when):
+        self.count += 1
+        answer = self.program.asked("transfer 5000 5000", "transfer")
+        self.checks.equal(answer, f"transfer {self.count}: sent right, received right", f"an open program, {when}")
+
+    def end(self):
+        self.checks.equal(self.program.end(), 0, "the open program ends")
+        trace = support.read_trace(self.trace)
+        self.checks.that(any("start" in line for line in trace), "it has started the installed library", str(trace))
+
+
+def replace_versions(machine, arguments, old, new, own):
+    """One version over another, in both directions, with a program that keeps the library open, and with a catalogue
+    that cannot be written any more."""
+    checks = machine.checks
+    program = OpenProgram(machine, arguments)
+    program.transfer("before the upgrade")
+    checks.equal(machine.install(new, *machine.options()), 0, "it installs over an earlier version")
+    left = leftovers(machine)  # a library that is open can be moved, not deleted
+    machine.check_installed(new, also=[own.name, *left])
+    machine.check_entries(True, "still has the library")
+    program.transfer("after the upgrade")
+    program.end()
+    for name in left:
+        (machine.place / name).unlink()  # as Windows does at its next start
+    checks.equal(machine.install(old, *machine.options()), 0, "it installs over a later version")
+    machine.check_installed(old, also=[own.name])
+    code = machine.install(new, f"/CATALOGUE={machine.nowhere()}")
+    checks.that(code != 0, "an upgrade whose vyr_setup fails has failed", str(code))
+    found = {name: data for name, data in below(machine.place).items() if name not in ("uninstall.exe", own.name)}
+    checks.that(found == new.contents(), "the files that the catalogue names are there all the same", str(sorted(found)))
+    checks.equal(machine.install(new, *machine.options()), 0, "another try finishes the upgrade")
+    machine.check_installed(new, also=[own.name])
+
+
+def leftovers(machine):
+    return [path.name for path in machine.place.glob("ns*.tmp")]
+
+
 def fail_to_install(machine, package, before):
     """Polite failure: vyr_setup cannot write that catalogue."""
     if not machine.has_setup():
         return
-    nowhere = support.windows_path(machine.folder / "no such folder" / "catalogue.json")
-    code = machine.install(package, f"/CATALOGUE={nowhere}")
+    code = machine.install(package, f"/CATALOGUE={machine.nowhere()}")
     machine.checks.that(code != 0, "a failure of vyr_setup is the installer's", str(code))
     machine.checks.equal(all_files() - before, set(), "a failed installation leaves nothing")
     machine.checks.equal(machine.registered("DisplayVersion"), None, "nor is it registered")
@@ -169,9 +233,7 @@ def main():
         run_program(machine, arguments)
         own = machine.place / "notes.txt"
         own.write_text("not the package's")
-        checks.equal(machine.install(new, *machine.options()), 0, "it installs over an earlier version")
-        machine.check_installed(new, also=[own.name])
-        machine.check_entries(True, "still has the library")
+        replace_versions(machine, arguments, old, new, own)
         machine.uninstall(*machine.options())
         machine.check_entries(False, "has lost the library")
         checks.equal(below(machine.place), {own.name: own.read_bytes()}, "only a file of others is left")

@@ -1,5 +1,6 @@
 """The DLL as a file: small, of the right kind, with two exports, version information and imports from
-system DLLs only. It uses no function that would change state which it shares with its host."""
+system DLLs only. It uses no function that would change state which it shares with its host, and next to
+nothing of it runs while it is being loaded."""
 
 import os
 import re
@@ -98,6 +99,22 @@ def check_guest(checks, kind, library, text):
         checks.that(False, f"our own code uses {name}: {BANNED[name]}")
 
 
+def check_loading(checks, kind, library):
+    """While Windows loads the DLL it holds the loader's lock, under which nothing may wait, load a
+    library or start a thread. Of ours only DllMain runs then, and it asks for one object of memory."""
+    build = library.parent.parent / "src"
+    for section in (".ctors", ".init_array"):
+        found = [line for line in tool(kind, "objdump", "-h", build / "libvyr_core.a").splitlines()
+                 if section in line]  # fmt: skip
+        checks.equal(found, [], f"no object of ours is constructed at load ({section})")
+    names = tool(kind, "nm", "-C", build / "libvyr_core.a")
+    checks.that("WSPStartup" in names, "the names in our library can be read")
+    checks.equal(re.findall(r".*_GLOBAL__sub_I.*", names), [], "no function of ours runs at load")
+    entry = build / "CMakeFiles" / "vyr_lsp.dir" / "start" / "dll_main.cpp.obj"
+    called = re.findall(r"^\s+U (.*)$", tool(kind, "nm", "-C", entry), re.M)
+    checks.equal(called, ["common::GetProcessInfo()"], "what DllMain calls")
+
+
 def main():
     arguments = support.parse_arguments()
     checks = support.Checks()
@@ -113,6 +130,7 @@ def main():
     checks.that(imports, "it imports something")
     checks.equal(imports - SYSTEM_LIBRARIES, set(), "it imports system DLLs only")
     check_guest(checks, kind, library, text)
+    check_loading(checks, kind, library)
     exported = text[text.index("[Ordinal/Name Pointer] Table") :]
     names = re.findall(r"^\s+\[\s*\d+\](?: \+base\[\s*\d+\])?\s+(?:[0-9a-f]{4}\s+)?(\S+)$", exported, re.M)
     checks.equal(sorted(names), ["GetLspGuid", "WSPStartup"], "it exports exactly two names")

@@ -51,8 +51,9 @@ LOG_TIME = "[%Y-%m-%d %H:%M:%S.%f"
 MOST_AGAIN = 12  # cells; if more differ, it is not the machine
 # Program: why it can differ, in whatever state; in some state it must. It is run and shown all the same.
 NOT_MENDED = {
-    "ruby-leaves": "It ends without WSACleanup. The thread that carries ends with its process, and what "
-    "that thread still has is lost.",
+    "ruby-leaves": "It ends without WSACleanup. The system ends the thread that carries before any library "
+    "is told, and a library that is told may neither wait nor call Winsock, so what that thread still "
+    "has is lost.",
 }
 # Program: what has been seen of it now and then on a busy machine, and is not explained yet. What
 # differs is printed, and does not fail.

@@ -121,5 +121,5 @@ class Bench:
         )
 
 
-def parse_arguments():
-    return support.parse_arguments(("--node", {"type": support.pathlib.Path, "required": True}))
+def parse_arguments(*extra):
+    return support.parse_arguments(("--node", {"type": support.pathlib.Path, "required": True}), *extra)

@@ -26,6 +26,24 @@ def has_ended(pid):
         return True
 
 
+def opened(pid):
+    for descriptor in os.listdir(f"/proc/{pid}/fd"):
+        try:
+            yield os.readlink(f"/proc/{pid}/fd/{descriptor}")
+        except OSError:
+            pass  # closed meanwhile
+
+
+def check_hold(checks):
+    """The number of a namespace is free for the next bed once nothing holds it any more, and by that
+    number a bed finds its processes. So the bed holds its namespace from before the command begins."""
+    running = subprocess.Popen([BED, "sh", "-c", "readlink /proc/self/ns/net; read wait"],
+                               stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)  # fmt: skip
+    namespace = running.stdout.readline().strip()
+    checks.that(namespace in opened(running.pid), "a bed holds its namespace open", namespace)
+    running.communicate("\n", timeout=30)
+
+
 def main():
     checks = support.Checks()
     probe = bed("true")
@@ -49,6 +67,8 @@ def main():
     checks.that(bystander.poll() is None, "other processes keep running")
     bystander.kill()
     bystander.wait()
+
+    check_hold(checks)
 
     # Two beds at once, one of which is interrupted.
     first = subprocess.Popen([BED, "sleep", "63"])

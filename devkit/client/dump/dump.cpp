@@ -192,7 +192,8 @@ class Dumper {
     std::string list;
     uint64_t rest = number;
     for (const NamedValue& name : field.names) {
-      if (name.value == 0 || (number & name.value) != name.value) continue;
+      // What an earlier name has said already needs no name of its own.
+      if ((rest & name.value) == 0 || (number & name.value) != name.value) continue;
       list += (list.empty() ? "" : ", ") + QuoteToml(name.name);
       rest &= ~name.value;
     }

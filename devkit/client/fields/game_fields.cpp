@@ -207,7 +207,8 @@ constexpr Field kGameFields[] = {
      AT(MendingRecord, mended),
      .beside = &kMendingOfGame,
      .doc = "what is mended of the behaviour that docs/oddities.md lists: 'all', 'none', or a list "
-            "of the names in its first table, such as ['half-close', 'reset']",
+            "of the names in its first table, such as ['half-close', 'reset']; 'throughput' is not "
+            "in 'all': ['all', 'throughput']",
      .sample = "'all'",
      .names = kMendings},
     {.key = "next_node_ms",

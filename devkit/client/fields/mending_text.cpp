@@ -12,6 +12,7 @@ namespace {
 
 using moru_vyr::lsp::kMendAll;
 using moru_vyr::lsp::kMendingNames;
+using moru_vyr::lsp::kMendKnown;
 using moru_vyr::lsp::MendingName;
 
 constexpr size_t kPrefix = 2;  // of a number: 0x
@@ -36,7 +37,7 @@ std::vector<std::string> MendingNames(uint32_t bits) {
   for (const MendingName& known : kMendingNames) {
     if ((bits & known.bit) != 0) names.emplace_back(known.name);
   }
-  if (const uint32_t rest = bits & ~kMendAll; rest != 0) {
+  if (const uint32_t rest = bits & ~kMendKnown; rest != 0) {
     char number[16];
     std::snprintf(number, sizeof number, "0x%x", static_cast<unsigned>(rest));
     names.emplace_back(number);
@@ -56,9 +57,10 @@ std::optional<uint32_t> MendingBits(const std::vector<std::string>& names) {
 
 std::string MendingText(uint32_t bits) {
   if (bits == 0) return "nothing";
-  if (bits == kMendAll) return "all";
-  std::string text;
-  for (const std::string& name : MendingNames(bits)) text += (text.empty() ? "" : ", ") + name;
+  const bool has_all = (bits & kMendAll) == kMendAll;
+  std::string text = has_all ? "all" : "";
+  for (const std::string& name : MendingNames(has_all ? bits & ~kMendAll : bits))
+    text += (text.empty() ? "" : ", ") + name;
   return text;
 }
 

@@ -84,6 +84,7 @@ std::string WhyDoubtful(const std::string& text, Kind kind) {
       return "has a wildcard: paths are compared whole, so this never matches";
     }
     if (!IsFullPath(text)) return "is no full path like C:\\games\\game.exe, so it never matches";
+    if (text.back() == '\\') return "names a folder, and not a program, so it never matches";
   }
   if (kind == Kind::kDirectory && text.find_first_of("*?\"<>|") != std::string::npos) {
     return "holds a sign that no folder's name can have, so no log is written";

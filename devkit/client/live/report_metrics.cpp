@@ -168,8 +168,8 @@ void ReportMetrics::AddTraffic(const Report& report) {
   flow->front_ms = record.frontend_fine.delay_avg;
   flow->has_back = record.topology_type == kTwoRelays && record.backend_fine.total_recv != 0;
   flow->back_ms = record.backend_fine.delay_avg;
-  flow->has_direct = record.direct_delay != 0 && record.direct_delay < kNotMeasured;
-  flow->direct_ms = record.direct_delay;
+  flow->direct_ms = report.direct ? report.direct->delay : record.direct_delay;
+  flow->has_direct = flow->direct_ms != 0 && flow->direct_ms < kNotMeasured;
 }
 
 // Adds what came since the flow's last report. Bytes wrap at 32 bits; figures of probes start again

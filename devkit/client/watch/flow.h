@@ -20,12 +20,13 @@ struct Section {
 };
 
 struct FlowPoint {
-  uint64_t time_ms = 0;
+  uint64_t time_ms = 0;  // of what was reported of a node after a move: the move
   size_t stay = 0;       // index of the node's stay
   double sent_rate = 0;  // bytes a second since the previous report
   double recv_rate = 0;
   std::optional<Section> frontend;
   std::optional<Section> backend;
+  std::optional<uint32_t> direct_delay;  // by the tables of that moment
 };
 
 // What the tables say; nothing where they say nothing.
@@ -34,6 +35,9 @@ struct TableFigures {
   std::optional<uint32_t> section1_delay, section1_lost;
   std::optional<uint32_t> section2_delay, section2_lost;
   bool direct_unreachable = false;
+  // The direct way is that of the tables in force at the latest report. False: that of the tables
+  // when the flow began, as it was reported.
+  bool direct_is_in_force = false;
 };
 
 // The time that a flow spent with one node. The figures are those of this node alone.
@@ -116,6 +120,7 @@ struct Process {
   uint64_t game_id = 0;
   unsigned bits = 0;
   std::optional<uint32_t> mended = {};  // where that is known
+  std::string library_file = {};        // the version of the library beside the client, likewise
   std::string log;
 };
 

@@ -5,6 +5,7 @@
 
 #include "abi/mending_formats.h"
 #include "abi/report_records.h"
+#include "client/explain/reason_words.h"
 #include "client/watch/flow_stays.h"
 #include "client/watch/report_words.h"
 #include "route/decision.h"
@@ -20,6 +21,8 @@ const char* TypeName(int64_t type, int64_t stream, int64_t datagram) {
 
 // is_switch_succ: beyond it another node was tried.
 constexpr int32_t kNoOtherNode = 1;
+
+constexpr uint64_t kLogBeforeProcessMs = 2000;
 
 double Rate(uint32_t now, uint32_t before, uint32_t span_ms) {
   return span_ms == 0 ? 0 : (now - before) * 1000.0 / span_ms;
@@ -78,10 +81,20 @@ Process* FlowBook::NewProcess(uint64_t game_id, uint64_t time_ms) {
 
 void FlowBook::AddLoaded(const Report& report) {
   const auto record = report.As<LspLoadedRecord>();
-  Process* process = NewProcess(record.game_id, report.time_ms);
-  process->name = Printable(Text(record.process_name));
+  const std::string name = Printable(Text(record.process_name));
+  // Channels are looked at one after the other, so its log may have been taken before it.
+  const auto logs = [&](const Process& process) {
+    return process.game_id == record.game_id && process.name.empty() &&
+           process.log.find("[" + name + "]") != std::string::npos &&
+           report.time_ms - std::min(report.time_ms, process.time_ms) <= kLogBeforeProcessMs;
+  };
+  const auto known = std::find_if(processes_.begin(), processes_.end(), logs);
+  Process* const process =
+      known != processes_.end() ? &*known : NewProcess(record.game_id, report.time_ms);
+  process->name = name;
   process->bits = record.is_x64 != 0 ? 64 : 32;
   process->mended = report.mended;
+  process->library_file = Printable(report.library_file);
 }
 
 // A process reports its log right after itself.
@@ -149,6 +162,11 @@ std::string FlowBook::NodeName(uint32_t proxy_idc, const std::string& endpoint) 
   return (name != node_names_.end() ? name->second + " " : "") + endpoint;
 }
 
+std::string FlowBook::ShortName(uint32_t proxy_idc) const {
+  const auto name = node_names_.find(proxy_idc);
+  return name != node_names_.end() ? name->second : "node " + std::to_string(proxy_idc);
+}
+
 void FlowBook::AddMark(Flow* flow, uint64_t time_ms, MarkKind kind, std::string text) {
   std::vector<Mark>& marks = flow->marks;
   if (marks.size() == kMostMarks) marks.erase(marks.begin());
@@ -174,14 +192,18 @@ void FlowBook::AddDecision(const Report& report) {
                       info.acc_reason == kReasonForceManual;
   const RouteProxyInfo& node = info.selected_proxy;
   if (node.proxy_name[0] != '\0') node_names_[node.proxy_idc] = Printable(Text(node.proxy_name));
+  std::string text = ReportMark(report);
   if (flow->accelerated) {
     const std::string endpoint = Endpoint(Text(node.proxy_addr), node.proxy_port);
-    const NodeInReport chosen = {NodeName(node.proxy_idc, endpoint), endpoint, FiguresOf(info)};
+    NodeInReport chosen = {NodeName(node.proxy_idc, endpoint), endpoint, FiguresOf(info)};
+    if (report.direct) SetDirectInForce(&chosen.tables, *report.direct);
     // A flow that already has a node is on trial with another one.
     const bool is_trial = !flow->stays.empty() && flow->stays.back().endpoint != endpoint;
     (is_trial ? SetTrial : SetNode)(flow, chosen, report.time_ms);
+    text = (is_trial ? "a trial of " : "through ") + ShortName(node.proxy_idc) + ": " +
+           ReasonWords(info.acc_reason);
   }
-  AddMark(flow, report.time_ms, MarkKind::kDecision, ReportMark(report));
+  AddMark(flow, report.time_ms, MarkKind::kDecision, text);
 }
 
 void FlowBook::AddNegotiation(const Report& report) {
@@ -195,7 +217,7 @@ void FlowBook::AddNegotiation(const Report& report) {
   flow->game_id = record.game_id;
   (is_trial ? SetTrial : SetNode)(flow, {NodeName(record.proxy_id, endpoint), endpoint},
                                   report.time_ms);
-  AddMark(flow, report.time_ms, MarkKind::kNegotiation, ReportMark(report));
+  AddMark(flow, report.time_ms, MarkKind::kNegotiation, ShortName(record.proxy_id) + " agreed");
 }
 
 void FlowBook::AddFailure(const Report& report) {
@@ -212,7 +234,8 @@ void FlowBook::AddFailure(const Report& report) {
     SetTrial(flow, {NodeName(record.proxy_idc, endpoint), endpoint}, began);
     EndTrial(flow, report.time_ms, NegotiationFailureWords(record.nego_result), false);
   }
-  AddMark(flow, report.time_ms, MarkKind::kFailure, ReportMark(report));
+  AddMark(flow, report.time_ms, MarkKind::kFailure,
+          ShortName(record.proxy_idc) + " failed: " + NegotiationFailureWords(record.nego_result));
 }
 
 // Unless the judge starts anew with the link, it keeps what it saw of the node before, and may see
@@ -248,6 +271,38 @@ void FlowBook::AddSwitch(const Report& report) {
   AddMark(flow, report.time_ms, MarkKind::kSwitch, text + Doubt(*flow, stay));
 }
 
+// The flow still has its totals of the report before.
+void FlowBook::AddPoint(Flow* flow, const CommInfoRecord& record, uint64_t time_ms, size_t stay) {
+  const bool is_first = flow->points.empty() || record.life < flow->life_ms;
+  // Where the figures do not follow a move, they are of the time until then.
+  const uint64_t until_ms = flow->moved && !flow->figures_follow ? flow->stays[0].until_ms : 0;
+  const uint64_t at_ms = until_ms != 0 ? std::min(time_ms, until_ms) : time_ms;
+  const uint64_t silent_ms = time_ms - at_ms;
+  const uint64_t span_ms = is_first ? record.life : record.life - flow->life_ms;
+  FlowPoint point;
+  point.time_ms = at_ms;
+  point.stay = stay;
+  if (silent_ms < span_ms) {
+    const auto heard_ms = static_cast<uint32_t>(span_ms - silent_ms);
+    point.sent_rate = Rate(record.total_sent_bytes, is_first ? 0 : flow->sent_bytes, heard_ms);
+    point.recv_rate = Rate(record.total_recv_bytes, is_first ? 0 : flow->recv_bytes, heard_ms);
+  }
+  if (record.frontend_fine.total_send != 0 || record.frontend_fine.total_recv != 0) {
+    point.frontend = SectionOf(record.frontend_fine);
+  }
+  if (record.topology_type == kTwoRelays) point.backend = SectionOf(record.backend_fine);
+  point.direct_delay = flow->stays.back().tables.direct_delay;
+  // A few more bytes may be counted after the move: they belong to its moment as well.
+  if (silent_ms != 0 && !flow->points.empty() && flow->points.back().time_ms >= at_ms) {
+    FlowPoint& last = flow->points.back();
+    last.frontend = point.frontend;
+    last.backend = point.backend;
+    return;
+  }
+  if (flow->points.size() == kMostPoints) ThinOut(&flow->points);
+  flow->points.push_back(point);
+}
+
 void FlowBook::AddTraffic(const Report& report) {
   const auto record = report.As<CommInfoRecord>();
   Flow* const flow =
@@ -268,17 +323,8 @@ void FlowBook::AddTraffic(const Report& report) {
   if (flow->points.empty() && agreed != flow->marks.end()) {
     PullBack(&flow->marks, agreed + 1, report.time_ms);
   }
-  const bool is_first = flow->points.empty() || record.life < flow->life_ms;
-  const uint32_t span_ms = is_first ? record.life : record.life - flow->life_ms;
-  FlowPoint point;
-  point.time_ms = report.time_ms;
-  point.stay = stay;
-  point.sent_rate = Rate(record.total_sent_bytes, is_first ? 0 : flow->sent_bytes, span_ms);
-  point.recv_rate = Rate(record.total_recv_bytes, is_first ? 0 : flow->recv_bytes, span_ms);
-  if (record.frontend_fine.total_send != 0 || record.frontend_fine.total_recv != 0) {
-    point.frontend = SectionOf(record.frontend_fine);
-  }
-  if (record.topology_type == kTwoRelays) point.backend = SectionOf(record.backend_fine);
+  if (report.direct) SetDirectInForce(&flow->stays.back().tables, *report.direct);
+  if (!stands_still) AddPoint(flow, record, report.time_ms, stay);
   flow->life_ms = record.life;
   flow->sent_bytes = record.total_sent_bytes;
   flow->recv_bytes = record.total_recv_bytes;
@@ -286,10 +332,6 @@ void FlowBook::AddTraffic(const Report& report) {
   flow->recv_packets = record.total_recv_packets;
   flow->sent_errors = record.total_sent_errors;
   flow->recv_errors = record.total_recv_errors;
-  if (!stands_still) {
-    if (flow->points.size() == kMostPoints) ThinOut(&flow->points);
-    flow->points.push_back(point);
-  }
   if (record.ended == 0 || flow->ended) return;
   PullBack(&flow->marks, flow->marks.end(), report.time_ms);
   AddMark(flow, report.time_ms, MarkKind::kEnd, "ended");

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "abi/report_records.h"
 #include "client/watch/flow.h"
 #include "client/watch/report.h"
 
@@ -34,6 +35,7 @@ class FlowBook {
   Flow* Find(const std::string& guid, const std::string& game, uint64_t time_ms);
   Flow* FindByServer(const std::string& game);
   std::string NodeName(uint32_t proxy_idc, const std::string& endpoint) const;
+  std::string ShortName(uint32_t proxy_idc) const;
   Process* NewProcess(uint64_t game_id, uint64_t time_ms);
   void AddLoaded(const Report& report);
   void AddLogPath(const Report& report);
@@ -44,6 +46,8 @@ class FlowBook {
   void AddFailure(const Report& report);
   void AddSwitch(const Report& report);
   void AddTraffic(const Report& report);
+  static void AddPoint(Flow* flow, const moru_vyr::lsp::CommInfoRecord& record, uint64_t time_ms,
+                       size_t stay);
 
   std::list<Flow> flows_;
   std::map<std::string, Flow*> by_key_;

@@ -138,6 +138,13 @@ TableFigures FiguresOf(const AccDecisionInfo& info) {
   return figures;
 }
 
+void SetDirectInForce(TableFigures* figures, const DirectWay& direct) {
+  figures->direct_delay.reset();
+  figures->direct_lost.reset();
+  SetDirect(figures, direct.delay, direct.lost);
+  figures->direct_is_in_force = true;
+}
+
 void SetNode(Flow* flow, const NodeInReport& node, uint64_t time_ms) {
   if (flow->stays.empty()) {
     StartStay(flow, node, time_ms);

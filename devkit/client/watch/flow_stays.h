@@ -5,6 +5,7 @@
 
 #include "abi/report_records.h"
 #include "client/watch/flow.h"
+#include "client/watch/report.h"
 
 namespace client {
 
@@ -16,6 +17,9 @@ struct NodeInReport {
 };
 
 TableFigures FiguresOf(const moru_vyr::lsp::AccDecisionInfo& info);
+
+// The tables in force count for more than what was reported.
+void SetDirectInForce(TableFigures* figures, const DirectWay& direct);
 
 // The flow's node is this one, which may have been reported before.
 void SetNode(Flow* flow, const NodeInReport& node, uint64_t time_ms);

@@ -52,6 +52,7 @@ Worth WorthOf(const Stay& stay) {
                  .taken = {},
                  .direct_lost = tables.direct_lost,
                  .taken_lost = {},
+                 .direct_is_in_force = tables.direct_is_in_force,
                  .why = {}};
   const auto measured = TakenDelay(DelayIn(stay.frontend), DelayIn(stay.backend), tables);
   if (measured) {

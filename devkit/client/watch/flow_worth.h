@@ -16,7 +16,8 @@ struct Worth {
   std::optional<uint32_t> taken;   // milliseconds, through the node
   std::optional<uint32_t> direct_lost;
   std::optional<double> taken_lost;
-  std::string why;  // what is missing, or where the figure comes from
+  bool direct_is_in_force = false;  // or that of the tables when the flow began
+  std::string why;                  // what is missing, or where the figure comes from
 
   std::optional<int64_t> saves() const;  // below 0: the direct way would be faster
 };

@@ -65,7 +65,8 @@ void AddPoint(const FlowPoint& point, Json* columns) {
 }
 
 // What was measured since the report before, and the delay of the whole way by it.
-void AddInterval(const Interval& interval, const TableFigures& tables, Json* columns) {
+void AddInterval(const Interval& interval, const TableFigures& tables,
+                 const std::optional<uint32_t>& direct, Json* columns) {
   const auto add = [columns](const char* key, const Json& value) {
     (*columns)[key].push_back(value);
   };
@@ -76,7 +77,7 @@ void AddInterval(const Interval& interval, const TableFigures& tables, Json* col
   add("ifl", OrNull(interval.frontend.lost));
   add("ibl", OrNull(interval.backend.lost));
   add("way", OrNull(TakenDelay(interval.frontend.delay, interval.backend.delay, tables)));
-  add("direct", OrNull(tables.direct_delay));
+  add("direct", OrNull(direct ? direct : tables.direct_delay));
   add("burst", interval.is_burst);
 }
 
@@ -90,7 +91,7 @@ Json PointsJson(const Flow& flow) {
   for (size_t i = 0; i < flow.points.size(); ++i) {
     const FlowPoint& point = flow.points[i];
     AddPoint(point, &columns);
-    AddInterval(intervals[i], flow.stays[point.stay].tables, &columns);
+    AddInterval(intervals[i], flow.stays[point.stay].tables, point.direct_delay, &columns);
   }
   return columns;
 }
@@ -102,13 +103,10 @@ const char* BasisName(Worth::Basis basis) {
 }
 
 Json WorthJson(const Worth& worth) {
-  return {{"basis", BasisName(worth.basis)},
-          {"saves", OrNull(worth.saves())},
-          {"words", WorthWords(worth)},
-          {"why", worth.why},
-          {"direct", OrNull(worth.direct)},
-          {"taken", OrNull(worth.taken)},
-          {"directLost", OrNull(worth.direct_lost)},
+  return {{"basis", BasisName(worth.basis)},      {"saves", OrNull(worth.saves())},
+          {"words", WorthWords(worth)},           {"why", worth.why},
+          {"direct", OrNull(worth.direct)},       {"directInForce", worth.direct_is_in_force},
+          {"taken", OrNull(worth.taken)},         {"directLost", OrNull(worth.direct_lost)},
           {"takenLost", OrNull(worth.taken_lost)}};
 }
 
@@ -194,6 +192,7 @@ Json ProcessJson(const Process& process) {
           {"name", process.name},
           {"gameId", process.game_id},
           {"bits", process.bits != 0 ? Json(process.bits) : Json()},
+          {"libraryFile", process.library_file.empty() ? Json() : Json(process.library_file)},
           {"mended", process.mended ? Json(MendingText(*process.mended)) : Json()},
           {"log", process.log}};
 }

@@ -118,14 +118,14 @@ function showPoints(flow, parent) {
   }
 }
 
-function worthSentence(flow) {
-  const stay = stayOf(flow);
-  if (!stay) return "";
-  const w = stay.worth, direct = orDash(w.direct, ms), taken = orDash(w.taken, ms);
+// What each of its latest nodes was worth to a flow.
+const MOST_SENTENCES = 5;
+function worthSentence(flow, stay) {
+  const w = stay.worth, when = stay === stayOf(flow) ? "Through" : `${periodOf(stay, flow.ended)}: through`, direct = orDash(w.direct, ms), taken = orDash(w.taken, ms);
   const lost = isKnown(w.takenLost) && isKnown(w.directLost)
-    ? ` Lost: ${percent(w.takenLost)} on the way taken, ${percent(w.directLost)} on the direct one by the tables.` : "";
-  if (!isKnown(w.saves)) return `What ${stay.node} is worth is unknown: ${w.why}.${lost}`;
-  return `Through ${stay.node} the game ${w.words.replace(/[()]/g, "")}: ${taken} (${w.why}), against ${direct} on the direct way by the tables.${lost}`;
+    ? ` Lost: ${percent(w.takenLost)} on the way taken, ${percent(w.directLost)} on the direct one, ${directBy(w)}.` : "";
+  if (!isKnown(w.saves)) return `${when} ${stay.node}: what it is worth is unknown: ${w.why}.${lost}`;
+  return `${when} ${stay.node} the game ${w.words.replace(/[()]/g, "")}: ${taken} (${w.why}), against ${direct} on the direct way, ${directBy(w)}.${lost}`;
 }
 
 function showFlow(flow, parent, close) {
@@ -140,7 +140,7 @@ function showFlow(flow, parent, close) {
   button.setAttribute("aria-label", "Close " + nameOf(flow));
   button.addEventListener("click", close);
   title.after(make("p", [wayOf(flow), processOf(flow), flow.guid].filter(Boolean).join(", "), null, "under"));
-  if (flow.stays.length) make("p", worthSentence(flow), section);
+  for (const stay of flow.stays.slice(-MOST_SENTENCES)) make("p", worthSentence(flow, stay), section);
   if (flow.stays.some(stay => isUnreported(flow, stay))) {
     make("p", "This flow has moved to another node. What it carried and how its link did is reported of the first " +
          "node only, so the curves end with the move.", section, "note");

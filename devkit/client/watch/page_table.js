@@ -12,7 +12,7 @@ const stateOf = flow => flow.ended ? "ended" : "open";
 const nowOf = (flow, key) => orNull(stayOf(flow), stay => stay.reported ? stay[key] : null);
 const orNull = (value, get) => isKnown(value) ? get(value) : null;
 
-// title, value to sort by, words in the flow's own row, words in a node's row
+// title, value to sort by, words in the flow's own row, words in a node's row, class
 const COLUMNS = [
   ["Saves", f => orNull(f.worth, w => w.saves), f => savesOf(f.worth), stay => savesOf(stay.worth), "number saves"],
   ["Node", wayOf, wayOf, stay => stay.node, "node"],
@@ -28,11 +28,23 @@ const COLUMNS = [
   ["Moves", f => f.switches, f => String(f.switches), () => ""],
   ["Age", ageOf, f => span(ageOf(f)), () => ""],
   ["State", stateOf, stateOf, () => "", ""],
-  ["Process", processOf, processOf, () => "", "node"],
+  ["Process", processOf, processOf, () => "", "node process"],
 ];
+const isText = column => column[4] === "" || (column[4] || "").startsWith("node");
 // Which of them are measured, so that they are not known of a node that no report speaks of.
 const MEASURED = ["Lost", "Frontend", "Backend", "Sent", "Received", "Errors"];
 const sumWords = (flow, key) => orDash(sumOf(flow, key), bytes) + (lacksSome(flow) ? "*" : "");
+
+// Without anything to tell these would only push the others out of sight.
+const LEFT_OUT_WHERE_EMPTY = {
+  Backend: flow => flow.stays.every(stay => !isKnown(stay.bd)),
+  Errors: flow => !sumOf(flow, "errors"),
+  Failures: flow => !flow.failures,
+};
+let columns = COLUMNS;
+function chooseColumns(flows) {
+  columns = COLUMNS.filter(([title]) => !(LEFT_OUT_WHERE_EMPTY[title] && flows.every(LEFT_OUT_WHERE_EMPTY[title])));
+}
 
 // Unknown values stand behind all others, in both directions.
 function sorted(flows, sort) {
@@ -47,15 +59,15 @@ function sorted(flows, sort) {
 
 function showHead(table, sort, sortBy) {
   const head = make("tr", null, make("thead", null, table));
-  ["Flow", ...COLUMNS.map(column => column[0])].forEach((title, i) => {
-    const cell = make("th", null, head, i > 0 && !["", "node"].includes(COLUMNS[i - 1][4]) ? "number" : "");
+  [["Flow"], ...columns].forEach((column, i) => {
+    const title = column[0], cell = make("th", null, head, i > 0 && !isText(column) ? "number" : "");
     cell.scope = "col";
-    const isSorted = sort.column === i - 1;
+    const isSorted = sort.column === COLUMNS.indexOf(column);
     if (isSorted) cell.setAttribute("aria-sort", sort.down ? "descending" : "ascending");
     const button = make("button", title + (isSorted ? sort.down ? " ↓" : " ↑" : ""), cell);
     button.type = "button";
     button.id = "sort-" + title.toLowerCase().replace(" ", "-");
-    button.addEventListener("click", () => sortBy(i - 1));
+    button.addEventListener("click", () => sortBy(COLUMNS.indexOf(column)));
   });
 }
 
@@ -78,9 +90,9 @@ function addPart(body, name) {
 }
 
 function showStay(flow, stay, body) {
-  const row = addPart(body, periodOf(stay, flow.ended)), measured = COLUMNS.filter(column => MEASURED.includes(column[0]));
+  const row = addPart(body, periodOf(stay, flow.ended)), measured = columns.filter(column => MEASURED.includes(column[0]));
   let told = false;
-  for (const column of COLUMNS) {
+  for (const column of columns) {
     if (!isUnreported(flow, stay) || !MEASURED.includes(column[0])) {
       addCell(row, column, column[3](stay), stay.worth);
     } else if (!told) {
@@ -94,7 +106,7 @@ function showTrial(flow, trial, body) {
   const row = addPart(body, periodOf(trial, flow.ended));
   make("td", null, row);
   make("td", "on trial: " + trial.node, row, "node");
-  make("td", trial.outcome, row).colSpan = COLUMNS.length - 2;
+  make("td", trial.outcome, row).colSpan = columns.length - 2;
 }
 
 function showRow(flow, table, isOpen, toggle) {
@@ -107,10 +119,10 @@ function showRow(flow, table, isOpen, toggle) {
   if (isOpen) button.setAttribute("aria-controls", "flow-" + flow.number);
   button.addEventListener("click", toggle);
   if (!flow.points.t.length) {
-    make("td", outcomeOf(flow), row).colSpan = COLUMNS.length - 1;
+    make("td", outcomeOf(flow), row).colSpan = columns.length - 1;
     addCell(row, last(COLUMNS), processOf(flow));
   } else {
-    for (const column of COLUMNS) addCell(row, column, column[2](flow), flow.worth);
+    for (const column of columns) addCell(row, column, column[2](flow), flow.worth);
   }
   if (!hasParts(flow)) return;
   const parts = [...flow.stays.map(stay => [stay.from, () => showStay(flow, stay, body)]),
@@ -118,16 +130,18 @@ function showRow(flow, table, isOpen, toggle) {
   parts.sort((a, b) => a[0] - b[0]).forEach(([, show]) => show());
 }
 
+const libraryOf = process => [orDash(process.bits, n => n + " bits"), process.libraryFile && process.libraryFile + "†"].filter(Boolean).join(", ");
+
 function showProcesses(data) {
   const table = document.getElementById("process-table");
   document.getElementById("processes").hidden = !data.processes.length;
   table.replaceChildren();
-  const columns = [["Began", p => date(p.t)], ["Process", p => p.name || "not reported"], ["Game", p => String(p.gameId)],
-                   ["Library", p => orDash(p.bits, n => n + " bits")], ["Mended", p => p.mended ?? "unknown"], ["Log", p => p.log || "not reported"]];
+  const parts = [["Began", p => date(p.t)], ["Process", p => p.name || "not reported"], ["Game", p => String(p.gameId)],
+                   ["Library", libraryOf], ["Mended", p => p.mended ?? "unknown"], ["Log", p => p.log || "not reported"]];
   const head = make("tr", null, make("thead", null, table)), body = make("tbody", null, table);
-  for (const [title] of columns) make("th", title, head).scope = "col";
+  for (const [title] of parts) make("th", title, head).scope = "col";
   for (const process of data.processes) {
     const row = make("tr", null, body);
-    columns.forEach(([, text], i) => { const cell = make(i === 1 ? "th" : "td", text(process), row); if (i === 1) cell.scope = "row"; });
+    parts.forEach(([, text], i) => { const cell = make(i === 1 ? "th" : "td", text(process), row); if (i === 1) cell.scope = "row"; });
   }
 }

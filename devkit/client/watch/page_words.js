@@ -47,6 +47,9 @@ const delayOf = (average, amplitude) => orDash(average, v => `${v} ±${amplitude
 const savesOf = worth => worth ? worth.words : "–";
 const savesClass = worth => !worth || !isKnown(worth.saves) || worth.saves === 0 ? "" : worth.saves > 0 ? "better" : "worse";
 
+// Where the figure of the direct way comes from: nothing measures it.
+const directBy = worth => worth.directInForce ? "by the tables in force" : "by the tables of the flow's beginning";
+
 const serverOf = flow => flow.game || "an unknown server";
 const nameOf = flow => [flow.number + ".", flow.type, "to", serverOf(flow)].filter(Boolean).join(" ");
 const processOf = flow => [flow.process, flow.gameId ? "game " + flow.gameId : null,

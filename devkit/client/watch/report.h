@@ -25,13 +25,22 @@ enum ReportKind {
   kReportKindCount,
 };
 
+// A route's figures of the way without a node, as the tables have them.
+struct DirectWay {
+  uint32_t delay = 0;  // milliseconds
+  uint32_t lost = 0;   // percent
+};
+
 struct Report {
   ReportKind kind = kDecisionReport;
   uint64_t time_ms = 0;  // milliseconds since 1970: when it was taken out, or better
   uint32_t slot = 0;
   std::vector<std::byte> bytes;  // the whole slot
-  std::optional<uint32_t> mended =
-      {};  // `loaded`: what is mended for the game, where that is known
+
+  // What this program adds where it knows it, as it takes the report.
+  std::optional<uint32_t> mended = {};   // `loaded`: what is mended for the game
+  std::string library_file = {};         // `loaded`: the version of the library beside this program
+  std::optional<DirectWay> direct = {};  // `decision`, `communication`: by the tables in force
 
   // A copy, because nothing in here is aligned.
   template <typename Record>

@@ -15,6 +15,9 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr char kMendedKey[] = "mended";
+constexpr char kLibraryFileKey[] = "library_file";
+constexpr char kDirectDelayKey[] = "tables_direct_delay";
+constexpr char kDirectLostKey[] = "tables_direct_lost";
 
 // The records are little-endian, and so is every machine that this is built for.
 uint64_t Load(const std::byte* from, size_t size) {
@@ -179,6 +182,29 @@ std::optional<uint32_t> MendedOf(const Json& object) {
   throw Unreadable{kMendedKey};
 }
 
+std::string LibraryFileOf(const Json& object) {
+  const auto found = object.find(kLibraryFileKey);
+  if (found == object.end()) return "";
+  if (!found->is_string()) throw Unreadable{kLibraryFileKey};
+  return found->get<std::string>();
+}
+
+std::optional<DirectWay> DirectOf(const Json& object) {
+  if (!object.contains(kDirectDelayKey)) return std::nullopt;
+  return DirectWay{NumberUnder<uint32_t>(kDirectDelayKey, object),
+                   NumberUnder<uint32_t>(kDirectLostKey, object)};
+}
+
+// What is no part of the record, behind it.
+void AddNotes(const Report& report, Json* object) {
+  if (report.direct) {
+    (*object)[kDirectDelayKey] = report.direct->delay;
+    (*object)[kDirectLostKey] = report.direct->lost;
+  }
+  if (!report.library_file.empty()) (*object)[kLibraryFileKey] = report.library_file;
+  if (report.mended) (*object)[kMendedKey] = MendingNames(*report.mended);
+}
+
 std::string EventOf(const Json& object) {
   const auto found = object.find("event");
   return found != object.end() && found->is_string() ? found->get<std::string>() : "";
@@ -198,7 +224,7 @@ std::string ReportJson(const Report& report) {
   const ChannelRow& row = ChannelOf(report.kind);
   Json object = {{"event", row.name}, {"time", report.time_ms}, {"slot", report.slot}};
   AddFields(report.bytes.data(), row.shape, &object);
-  if (report.mended) object[kMendedKey] = MendingNames(*report.mended);
+  AddNotes(report, &object);
   // Texts come from the game's process and may not be valid UTF-8.
   return object.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
@@ -223,7 +249,9 @@ std::optional<Report> ReportFromJson(const std::string& line, Problem* problem) 
                      .time_ms = NumberUnder<uint64_t>("time", object),
                      .slot = NumberUnder<uint32_t>("slot", object),
                      .bytes = std::vector<std::byte>(shape.size),
-                     .mended = MendedOf(object)};
+                     .mended = MendedOf(object),
+                     .library_file = LibraryFileOf(object),
+                     .direct = DirectOf(object)};
     ReadShape(object, shape, report.bytes.data());
     return report;
   } catch (const Unreadable& value) {

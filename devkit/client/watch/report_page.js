@@ -43,19 +43,32 @@ function summary({ flows, start }) {
     (hasCharts ? "." : ". Built without the chart library: the charts are left out.");
 }
 
+// The latest node of the flow whose way was measured, or null: after a move it may be an earlier one.
+const measuredStay = flow => last(flow.stays.filter(stay => stay.worth.basis === "measured" && isKnown(stay.worth.saves)));
+const meanOf = worths => Math.round(total(worths, w => w.saves) / worths.length);
+const savesWords = n => n > 0 ? `saves ${n} ms` : n < 0 ? `costs ${-n} ms` : "saves nothing";
+
+// Of all flows the figures that tell most: measured now, or until the flow moved, or the tables' alone.
+function bestWorths(relayed, tables) {
+  const now = relayed.map(stayOf).filter(stay => stay.worth.basis === "measured" && isKnown(stay.worth.saves));
+  const stays = now.length ? now : relayed.map(measuredStay).filter(isKnown);
+  if (!stays.length) return { counts: tables, words: null };
+  const counts = stays.map(stay => stay.worth), each = counts.map(w => w.saves);
+  const until = now.length ? "" : `, until ${each.length === 1 ? "it" : "they"} moved`;
+  const range = each.length > 1 ? `, from ${Math.min(...each)} to ${Math.max(...each)} ms` : "";
+  return { counts, words: `${each.length === 1 ? "Of" : "On average of"} the ${counted(each.length, "flow", "flows")} whose way was measured${until}${range}` };
+}
+
 // Sums what is known, and says of what.
 function showWorth(flows) {
-  const relayed = flows.filter(f => f.worth), of = basis => relayed.filter(f => f.worth.basis === basis && isKnown(f.worth.saves));
-  const measured = of("measured"), tables = of("tables"), unknown = relayed.filter(f => !isKnown(f.worth.saves));
-  const mean = list => Math.round(total(list, f => f.worth.saves) / list.length);
-  const words = n => n > 0 ? `saves ${n} ms` : n < 0 ? `costs ${-n} ms` : "saves nothing";
-  const line = byId("worth"), counts = measured.length ? measured : tables;
-  line.textContent = counts.length ? words(mean(counts)) : relayed.length ? "unknown" : "nothing: no flow goes through a node";
-  line.className = "big " + (counts.length ? mean(counts) > 0 ? "better" : mean(counts) < 0 ? "worse" : "" : "");
-  const parts = [];
-  if (measured.length) parts.push(`On average of the ${counted(measured.length, "flow", "flows")} whose way was measured` +
-    (measured.length > 1 ? `, from ${Math.min(...measured.map(f => f.worth.saves))} to ${Math.max(...measured.map(f => f.worth.saves))} ms` : ""));
-  if (tables.length) parts.push(`${counted(tables.length, "flow", "flows")} by the tables alone, on average: ${words(mean(tables))}`);
+  const relayed = flows.filter(f => f.worth), unknown = relayed.filter(f => !isKnown(f.worth.saves));
+  const tables = relayed.filter(f => f.worth.basis === "tables" && isKnown(f.worth.saves)).map(f => f.worth);
+  const { counts, words } = bestWorths(relayed, tables), line = byId("worth"), mean = counts.length ? meanOf(counts) : 0;
+  line.textContent = counts.length ? words ? savesWords(mean) : `(${savesWords(mean)})`
+    : relayed.length ? "unknown" : "nothing: no flow goes through a node";
+  line.className = "big " + (mean > 0 ? "better" : mean < 0 ? "worse" : "");
+  const parts = words ? [words] : [];
+  if (tables.length) parts.push(`${counted(tables.length, "flow", "flows")} by the tables alone, on average: ${savesWords(meanOf(tables))}`);
   if (unknown.length) parts.push(`${counted(unknown.length, "flow", "flows")} unknown: ${[...new Set(unknown.map(f => f.worth.why))].join("; ")}`);
   const direct = flows.length - relayed.length;
   if (direct) parts.push(`${counted(direct, "flow", "flows")} direct, with nothing to save`);
@@ -91,13 +104,14 @@ function toggle(flow) {
 }
 function sortBy(column) {
   const sort = reader.sort;
-  reader.sort = { column, down: sort.column === column ? !sort.down : column >= 0 && COLUMNS[column][4] !== "node" };
+  reader.sort = { column, down: sort.column === column ? !sort.down : column >= 0 && !(COLUMNS[column][4] || "").startsWith("node") };
   redraw();
 }
 
 function showTable(flows, all) {
   const table = byId("figures");
   table.replaceChildren();
+  chooseColumns(all);
   showHead(table, reader.sort, sortBy);
   for (const flow of flows) showRow(flow, table, reader.open.has(keyOf(flow)), () => toggle(flow));
   byId("count").textContent = flows.length === all.length ? counted(all.length, "flow", "flows") : `${flows.length} of ${all.length} flows`;
@@ -134,7 +148,10 @@ function draw(document_) {
   if (reader.open === null && flows.length) reader.open = openedAtFirst(flows);
   byId("summary").textContent = summary(data);
   byId("reading").hidden = !flows.length;
-  byId("made").textContent = `Made by vyr_client ${data.version}. The library does not report its version.`;
+  byId("made").textContent = `Made by vyr_client ${data.version}.`;
+  byId("library").textContent = data.processes.some(process => process.libraryFile)
+    ? "† The version of the library's file beside vyr_client, which vyr_run takes. The library itself does not report its version."
+    : "The library does not report its version.";
   showProcesses(data);
   if (!flows.length) return;
   showWorth(flows);

@@ -13,12 +13,13 @@
 #include "client/files.h"
 #include "client/reporter.h"
 #include "client/watch/flow_book.h"
+#include "client/watch/library_file.h"
 #include "client/watch/line_source.h"
-#include "client/watch/mended_games.h"
 #include "client/watch/report_drain.h"
 #include "client/watch/report_json.h"
 #include "client/watch/report_page.h"
 #include "client/watch/report_words.h"
+#include "client/watch/tables_in_force.h"
 #include "client/watch/terminal.h"
 #include "client/watch/top_view.h"
 #include "common/named_mutex.h"
@@ -193,10 +194,16 @@ bool ShowFile(const WatchOptions& options, const volatile std::sig_atomic_t* end
   return outlet->WriteThePage() && is_right && open;
 }
 
-// One pass. False when the output is closed: what was taken stays in its slots then.
-bool Pass(ReportDrain* drain, Outlet* outlet) {
+std::vector<Report> TakeNoted(ReportDrain* drain, TablesInForce* tables) {
   std::vector<Report> reports = drain->Take(kMutexWaitMs);
-  NoteMended(&reports, kMutexWaitMs);
+  tables->Note(&reports, kMutexWaitMs);
+  NoteLibraryFile(&reports);
+  return reports;
+}
+
+// One pass. False when the output is closed: what was taken stays in its slots then.
+bool Pass(ReportDrain* drain, TablesInForce* tables, Outlet* outlet) {
+  const std::vector<Report> reports = TakeNoted(drain, tables);
   if (!outlet->Show(reports)) return false;
   drain->GiveBack(reports, kMutexWaitMs);
   return true;
@@ -205,11 +212,12 @@ bool Pass(ReportDrain* drain, Outlet* outlet) {
 bool Follow(const WatchOptions& options, const volatile std::sig_atomic_t* ended,
             ReportDrain* drain, Outlet* outlet) {
   const Reporter reporter(options.json);
+  TablesInForce tables;
   std::string told;
   bool open = true;
   for (bool last = false; open && !last;) {
     last = *ended != 0;  // one more pass: what was reported until now is not left behind
-    open = Pass(drain, outlet);
+    open = Pass(drain, &tables, outlet);
     outlet->PageNowAndThen();
     std::string trouble = drain->trouble();
     if (trouble.empty() && !drain->AnyRegion()) trouble = "no report regions yet: nobody serves";
@@ -224,8 +232,8 @@ bool Follow(const WatchOptions& options, const volatile std::sig_atomic_t* ended
 
 bool ShowWhatWaits(const WatchOptions& options, ReportDrain* drain, Outlet* outlet) {
   const Reporter reporter(options.json);
-  std::vector<Report> reports = drain->Take(kMutexWaitMs);
-  NoteMended(&reports, kMutexWaitMs);
+  TablesInForce tables;
+  const std::vector<Report> reports = TakeNoted(drain, &tables);
   if (!drain->AnyRegion()) {
     reporter.Failure("there are no report regions: nobody serves");
     return false;
