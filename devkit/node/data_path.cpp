@@ -115,7 +115,8 @@ void DataPath::OnDatagram(const char* bytes, std::size_t size, const Address& cl
 
   const bool probe = datagram.header.flags == kUdpAcclSpeedTest;
   const Flow::LaneName lane = probe ? Flow::kProbeUp : Flow::kDataUp;
-  const Fate fate = flow->lanes[lane].Decide(ImpairmentOf(*node_->behaviour, lane), now);
+  const Fate fate =
+      flow->lanes[lane].Decide(ImpairmentOf(*node_->behaviour, lane), now, node_->clock.Since(now));
   u64 extra_ms = 0;
   // The first of two relays answers a probe itself, so a probe crosses the hop only later.
   if (fate.copies == 0 || (!probe && !CrossHop(flow, 1, &extra_ms))) {
@@ -229,7 +230,8 @@ void DataPath::AnswerProbe(Flow* flow, const char* bytes, std::size_t size, u64 
 
 void DataPath::Return(Flow* flow, Flow::LaneName lane, const char* bytes, std::size_t size,
                       u64 extra_ms, u64 now) {
-  const Fate fate = flow->lanes[lane].Decide(ImpairmentOf(*node_->behaviour, lane), now);
+  const Fate fate =
+      flow->lanes[lane].Decide(ImpairmentOf(*node_->behaviour, lane), now, node_->clock.Since(now));
   if (fate.copies == 0)
     ++(lane == Flow::kProbeDown ? flow->counts.dropped_probe_answers : flow->counts.dropped_down);
   for (int i = 0; i < fate.copies; ++i) {

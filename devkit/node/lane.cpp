@@ -13,7 +13,7 @@ u32 Lane::Draw(u32 bound) {
   return static_cast<u32>((mixed >> 32) * bound >> 32);
 }
 
-Fate Lane::Decide(const Impairment& impairment, u64 now) {
+Fate Lane::Decide(const Impairment& impairment, u64 now, u64 since) {
   // Everything is drawn for every datagram, so that with one seed the third is lost whatever
   // else may happen to the others.
   const bool lost = Rolls(impairment.loss);
@@ -21,7 +21,8 @@ Fate Lane::Decide(const Impairment& impairment, u64 now) {
   const bool overtaken = Rolls(impairment.reorder);
   const u32 jitter = Draw(impairment.jitter_ms + 1);
   if (lost) return {};
-  u64 due = std::max(now + impairment.delay_ms + jitter, last_due_);
+  const u32 wait = impairment.delay_ms + jitter;
+  u64 due = std::max(now + (wait > 0 ? since + wait : 0), last_due_);
   if (overtaken) {
     due += impairment.reorder_by_ms;
   } else {

@@ -27,7 +27,8 @@ class Lane {
  public:
   explicit Lane(u64 seed) : state_(seed) {}
 
-  Fate Decide(const Impairment& impairment, u64 now);
+  // A datagram that is delayed is so from `since` milliseconds after `now`.
+  Fate Decide(const Impairment& impairment, u64 now, u64 since = 0);
   // Draws whether an event with this share happens.
   bool Rolls(u32 percent) { return Draw(100) < percent; }
 

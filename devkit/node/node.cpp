@@ -40,7 +40,6 @@ Node::Node(NodeOptions options, EventSink sink, Behaviour* behaviour)
   context_.limits = options_.limits;
   context_.metrics = options_.metrics.value_or(Address{});
   context_.emit = [this](const Event& event) { Emit(event); };
-  tick_ = GetTickCount();
 }
 
 Node::~Node() {
@@ -113,13 +112,6 @@ ControlTarget Node::MakeControlTarget() {
               },
           .forget_flows = [this] { return flows_.CloseAll("as told, by a command", Now()); },
           .stop = [this] { stop_asked_ = true; }};
-}
-
-u64 Node::Now() {
-  const u32 tick = GetTickCount();
-  now_ += static_cast<u32>(tick - tick_);
-  tick_ = tick;
-  return now_;
 }
 
 void Node::Emit(const Event& event) {

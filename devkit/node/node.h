@@ -57,7 +57,7 @@ class Node {
   FlowCounts OpenFlowCounts() const;
 
  private:
-  u64 Now();
+  u64 Now() const { return context_.clock.Now(); }
   void Emit(const Event& event);
   ControlTarget MakeControlTarget();
   bool StartPorts(std::string* problem);
@@ -79,8 +79,6 @@ class Node {
   DataPath data_{&context_, &flows_};
   ControlPort control_;
   std::list<std::unique_ptr<Connection>> connections_;
-  u64 now_ = 0;  // milliseconds since the start, beyond the tick counter's wrap
-  u32 tick_ = 0;
   u64 events_ = 0;
   u64 next_id_ = 1;
   u64 accept_again_at_ = 0;

@@ -1,6 +1,7 @@
 // What the parts of a node share: its limits, its addresses, and the sink for events.
 #pragma once
 #include "node/behaviour.h"
+#include "node/clock.h"
 #include "node/event.h"
 #include "node/socket.h"
 
@@ -28,6 +29,7 @@ struct NodeContext {
   u32 source_ip = 0;     // of traffic to game servers; 0: the system chooses
   u32 next_token = 1;
   EventSink emit = {};
+  Clock clock = {};
 
   u32 MakeToken() {
     const auto fixed = static_cast<u32>(behaviour->token);

@@ -229,6 +229,9 @@ typedef union _LARGE_INTEGER {
   } u;
   LONGLONG QuadPart;
 } LARGE_INTEGER, *PLARGE_INTEGER;
+
+BOOL WINAPI QueryPerformanceCounter(LARGE_INTEGER* count);
+BOOL WINAPI QueryPerformanceFrequency(LARGE_INTEGER* per_second);
 typedef struct _OVERLAPPED {
   ULONG_PTR Internal, InternalHigh;
   DWORD Offset, OffsetHigh;

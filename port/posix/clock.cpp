@@ -31,6 +31,17 @@ DWORD WINAPI GetTickCount() {
                             static_cast<uint64_t>(now.tv_nsec) / 1'000'000);
 }
 
+BOOL WINAPI QueryPerformanceCounter(LARGE_INTEGER* count) {
+  const timespec now = Now(CLOCK_MONOTONIC);
+  count->QuadPart = now.tv_sec * 1'000'000'000LL + now.tv_nsec;
+  return TRUE;
+}
+
+BOOL WINAPI QueryPerformanceFrequency(LARGE_INTEGER* per_second) {
+  per_second->QuadPart = 1'000'000'000;
+  return TRUE;
+}
+
 void WINAPI Sleep(DWORD ms) {
   port::EndIfTold();
   if (ms == 0) {

@@ -27,6 +27,16 @@ DWORD WINAPI GetTickCount() {
   return sim::TheWorld().options().tick_start + static_cast<DWORD>(passed);
 }
 
+BOOL WINAPI QueryPerformanceCounter(LARGE_INTEGER* count) {
+  count->QuadPart = SinceStart();
+  return TRUE;
+}
+
+BOOL WINAPI QueryPerformanceFrequency(LARGE_INTEGER* per_second) {
+  per_second->QuadPart = 1'000'000;
+  return TRUE;
+}
+
 void WINAPI Sleep(DWORD ms) {
   sim::Self();
   sim::Scheduler& scheduler = sim::TheWorld().scheduler();
