@@ -3,11 +3,13 @@
 #include "node/datagram.h"
 
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include <algorithm>
 #include <numeric>
 #include <vector>
 
+#include "node/clock.h"
 #include "node/delay_line.h"
 #include "node/lane.h"
 #include "node/loss_meter.h"
@@ -18,6 +20,7 @@ namespace {
 
 using node::Behaviour;
 using node::ClientDatagram;
+using node::Clock;
 using node::DelayLine;
 using node::Fate;
 using node::Impairment;
@@ -191,6 +194,24 @@ TEST(NodeLane, OrderIsKeptWhenTheDelayShrinks) {
   EXPECT_EQ(lane.Decide({.delay_ms = 500}, 0).due[0], 500u);
   EXPECT_EQ(lane.Decide({}, 100).due[0], 500u);
   EXPECT_EQ(lane.Decide({}, 501).due[0], 501u);
+}
+
+// A datagram arrives while a millisecond goes by; what is delayed may not leave a part of one
+// early.
+TEST(NodeLane, ADelayBeginsAtTheArrivalAndNotAtTheMillisecondBeforeIt) {
+  Lane lane(1);
+  EXPECT_EQ(lane.Decide({.delay_ms = 6}, 100, 1).due[0], 107u);
+  Lane open(1);
+  EXPECT_EQ(open.Decide({}, 100, 1).due[0], 100u) << "without a delay it leaves at once";
+}
+
+TEST(NodeClock, RoundsThePresentUp) {
+  const Clock clock;
+  const u64 now = clock.Now();
+  Sleep(3);
+  const u64 later = clock.Now();
+  EXPECT_GE(later, now + 2);
+  EXPECT_GE(now + clock.Since(now), later);
 }
 
 TEST(NodeDelayLine, ReturnsByTimeAndThenByOrder) {
