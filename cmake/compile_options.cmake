@@ -33,6 +33,13 @@ if(VYR_SANITIZE)
   endif()
 endif()
 
+# The simulated worlds of the tests run for days of their own time. What they are made of is optimised a
+# little even in a build for debugging.
+set(VYR_OPTIMISE_WORLD "")
+if(VYR_PORT STREQUAL "sim")
+  set(VYR_OPTIMISE_WORLD $<$<CONFIG:Debug>:-O1>)
+endif()
+
 # The tests of the sanitized builds are large: the ordinary linker takes minutes over each.
 if(NOT WIN32)
   include(CheckLinkerFlag)

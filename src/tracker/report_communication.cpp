@@ -10,8 +10,6 @@
 namespace moru_vyr::lsp {
 namespace {
 
-int Int(u32 value) noexcept { return static_cast<int>(value); }
-
 void CopyTraffic(const SocketQosRecord& from, CommInfoRecord* to) noexcept {
   to->total_sent_bytes = from.total_sent_bytes;
   to->total_sent_packets = from.total_sent_packets;

@@ -54,6 +54,9 @@ struct SocketQosRecord {
   std::string recovery_info;
 };
 
+// A number as the formats of log lines take it.
+inline int Int(u32 value) noexcept { return static_cast<int>(value); }
+
 // Updates `life` and `idle`. Kept: once the tick counter has wrapped, both say 0 for what began
 // before.
 void UpdateTimes(SocketQosRecord* record) noexcept;

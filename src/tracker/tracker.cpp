@@ -12,8 +12,6 @@
 namespace moru_vyr::lsp {
 namespace {
 
-int Int(u32 value) noexcept { return static_cast<int>(value); }
-
 // A direct socket has no proxy, even if the decision names one.
 void CopyProxyFigures(const AccDecisionInfo& decision, SocketQosRecord* record) noexcept {
   if (!record->is_acce) return;

@@ -17,7 +17,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr u32 kNegotiationLimitMs = 1000;  // the game suffers meanwhile
+constexpr u32 kTrialAnswerLimitMs = 1000;  // the game suffers meanwhile
 constexpr u32 kSocketBufferSize = 65536;
 constexpr u32 kProofLimitMs = 5000;  // beyond the time of the burst
 // A game that has sent this many datagrams should have had an answer. Before that, a node's silence
@@ -110,7 +110,7 @@ void UdpSwitchRemoteSession::OnNegotiationFailed(u32 reason) noexcept {
 void UdpSwitchRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
   link_.RetryBlocked();
   if (state_ == UdpSwitchState::kNegotiating &&
-      link_.IsAnswerOverdue(elapsed_ms, kNegotiationLimitMs)) {
+      link_.IsAnswerOverdue(elapsed_ms, kTrialAnswerLimitMs)) {
     OnNegotiationFailed(kNegoTimedOut);
   }
   // Kept: a watcher that may not measure this node gives no verdict, and nothing else ends the
