@@ -27,9 +27,11 @@ void MakeSeriesCode(SOCKET socket, char* buffer, std::size_t size) noexcept {
   const int random = static_cast<int>(generator() % kRandomRange);
   const AccConfig& config = *GetAccConfig();
   // Kept: the socket is repeated at the end, where a time was meant.
-  std::snprintf(buffer, size, "%llu-%s-%u-%d-%d", static_cast<unsigned long long>(config.game_id),
-                config.uin, static_cast<u32>(socket), random, static_cast<int>(socket));
-  buffer[size - 1] = '\0';
+  const int length = std::snprintf(buffer, size, "%llu-%s-%u-%d-%d",
+                                   static_cast<unsigned long long>(config.game_id), config.uin,
+                                   static_cast<u32>(socket), random, static_cast<int>(socket));
+  // What is too long is cut; what could not be written is none.
+  buffer[length < 0 ? 0 : size - 1] = '\0';
 }
 
 }  // namespace moru_vyr::lsp
