@@ -15,8 +15,8 @@
 // Uses the host system's own clock, not the simulated one.
 #undef time
 
-// There in a build that counts what runs. It writes what this process has counted, which _exit would
-// lose.
+// There in a build that counts what runs. It writes what this process has counted, which _exit
+// would lose.
 extern "C" int __llvm_profile_write_file() __attribute__((weak));
 
 namespace sim {
