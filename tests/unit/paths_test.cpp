@@ -45,7 +45,9 @@ constexpr Row kRows[] = {
     {"\\\\server", "\\\\server", ""},
     {"\\\\?\\C:\\a", "\\\\?\\C:", "a"},
     {"\\\\.\\pipe\\a", "\\\\.\\pipe", "a"},
-    {"1:\\a", "1:", "a"},  // no drive letter
+    {"\\??\\C:\\a", "\\??\\C:", "a"},
+    {"\\ab\\c", "\\ab", "c"},  // no device
+    {"1:\\a", "1:", "a"},      // no drive letter
     {"a.", "", "a."},
     {"a\\..", "a", ".."},
     {"\xE6\xB8\xB8\\\xE6\x88\x8F.exe", "\xE6\xB8\xB8", "\xE6\x88\x8F.exe"},
