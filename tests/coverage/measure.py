@@ -1,5 +1,6 @@
 """Builds the two coverage presets, runs the suites and exports what clang has counted."""
 
+import concurrent.futures
 import json
 import os
 import pathlib
@@ -85,19 +86,25 @@ def failed_tests(log):
     return sorted(name for name in named if "." in name)
 
 
+def run_job(tree, profiles, name, command, environment):
+    """What failed."""
+    log = profiles / f"{name}.log"
+    started = time.monotonic()
+    # Merged as they are written: a scenario is a process of its own, and there are thousands.
+    code = logged(log, command, tree, LLVM_PROFILE_FILE=str(profiles / f"{name}-%m.profraw"), **environment)
+    word = {0: "done", 77: "skipped"}.get(code, "FAILED")
+    say(f"running {name}... {word} ({time.monotonic() - started:.0f} s)")
+    if code in (0, 77):
+        return []
+    return failed_tests(log) or [f"{name} ended with {code}; see {log.relative_to(tree)}"]
+
+
 def run_suites(tree, suites, only, profiles):
-    failures = []
-    for suite in suites:
-        for name, command, environment in jobs_of(tree, suite, only):
-            log = profiles / f"{name}.log"
-            say(f"running {name}... ", end="")
-            started = time.monotonic()
-            # Merged as they are written: a scenario is a process of its own, and there are thousands.
-            code = logged(log, command, tree, LLVM_PROFILE_FILE=str(profiles / f"{suite}-%m.profraw"), **environment)
-            say(f"{'done' if code == 0 else 'skipped' if code == 77 else 'FAILED'} ({time.monotonic() - started:.0f} s)")
-            if code not in (0, 77):
-                failures += failed_tests(log) or [f"{name} ended with {code}; see {log.relative_to(tree)}"]
-    return failures
+    jobs = [job for suite in suites for job in jobs_of(tree, suite, only)]
+    say(f"running {len(jobs)} programs, {os.cpu_count()} at a time")
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        done = [pool.submit(run_job, tree, profiles, *job) for job in jobs]
+        return [failure for one in done for failure in one.result()]
 
 
 def export(tree, suites, profiles):
