@@ -26,6 +26,7 @@ def parse_arguments():
     parser.add_argument("--only", action="append", metavar="SUITE", choices=measure.SUITES,
                         help=f"only this one, or these: {', '.join(measure.SUITES)}")
     parser.add_argument("--filter", metavar="PATTERN", help="only these tests, as GoogleTest takes them")
+    parser.add_argument("--add", action="store_true", help="adds to what the last run has counted")
     parser.add_argument("--last", action="store_true",
                         help="builds and runs nothing, shows the last run's figures")
     parser.add_argument("--file", action="append", default=[], metavar="F",
@@ -34,10 +35,10 @@ def parse_arguments():
     parser.add_argument("--json", type=pathlib.Path, metavar="FILE", help="writes all figures as JSON; - is the output")
     parser.add_argument("--keep", action="store_true", help="writes docs/coverage.md")
     arguments = parser.parse_args()
-    if arguments.keep and (arguments.only or arguments.filter):
+    if arguments.keep and not arguments.add and (arguments.only or arguments.filter):
         parser.error("--keep wants a whole run")
-    if arguments.last and (arguments.only or arguments.filter):
-        parser.error("--last runs nothing, so --only and --filter make no sense with it")
+    if arguments.last and (arguments.only or arguments.filter or arguments.add):
+        parser.error("--last runs nothing, so --only, --filter and --add make no sense with it")
     return arguments
 
 
@@ -59,7 +60,7 @@ def show_file(path, file):
 
 def main():
     arguments = parse_arguments()
-    run = measure.last(TREE) if arguments.last else measure.run(TREE, arguments.only, arguments.filter)
+    run = measure.last(TREE) if arguments.last else measure.run(TREE, arguments.only, arguments.filter, arguments.add)
     files = figures.read(run["export"], TREE)
     try:
         verdict = listed.compare(files, listed.read(LIST))
@@ -71,7 +72,9 @@ def main():
     if arguments.json:
         text = json.dumps(document.as_json(files, verdict, run), indent=1)
         print(text) if str(arguments.json) == "-" else arguments.json.write_text(text + "\n")
-    if arguments.keep:
+    if arguments.keep and not run["whole"]:
+        print("only a part of the tests has run: docs/coverage.md stays as it is", file=sys.stderr)
+    elif arguments.keep:
         (TREE / "docs" / "coverage.md").write_text(document.markdown(TREE, files, verdict))
     for path in paths_of(arguments.file, files):
         show_file(path, files[path])

@@ -120,17 +120,22 @@ def export(tree, suites, profiles):
     return json.loads(done.stdout)
 
 
-def run(tree, only, tests):
+def run(tree, only, tests, add):
+    """Builds, runs and counts; `add` adds to what the last run has counted."""
     for name in ("clang++", "llvm-profdata", "llvm-cov"):
         tool(name)
+    before = last(tree) if add else {"suites": [], "complete": [], "failures": []}
     suites = [suite for suite in SUITES if not only or suite in only]
     build(tree, suites)
     profiles = tree / "build" / "coverage-figures"
-    shutil.rmtree(profiles, ignore_errors=True)
-    profiles.mkdir(parents=True)
-    failures = run_suites(tree, suites, tests, profiles)
-    result = {"suites": suites, "whole": len(suites) == len(SUITES) and not tests, "failures": failures,
-              "export": export(tree, suites, profiles)}  # fmt: skip
+    if not add:
+        shutil.rmtree(profiles, ignore_errors=True)
+        profiles.mkdir(parents=True)
+    failures = before["failures"] + run_suites(tree, suites, tests, profiles)
+    complete = set(before["complete"]) | (set() if tests else set(suites))
+    suites = [suite for suite in SUITES if suite in suites or suite in before["suites"]]
+    result = {"suites": suites, "complete": sorted(complete), "whole": complete == set(SUITES),
+              "failures": failures, "export": export(tree, suites, profiles)}  # fmt: skip
     (profiles / "last.json").write_text(json.dumps(result))
     return result
 
