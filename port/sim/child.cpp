@@ -15,6 +15,10 @@
 // Uses the host system's own clock, not the simulated one.
 #undef time
 
+// There in a build that counts what runs. It writes what this process has counted, which _exit
+// would lose.
+extern "C" int __llvm_profile_write_file() __attribute__((weak));
+
 namespace sim {
 namespace {
 
@@ -27,6 +31,7 @@ using WallClock = std::chrono::steady_clock;
 
 [[noreturn]] void Leave(int code) {
   port::RemoveTemporaryRoot();
+  if (__llvm_profile_write_file) __llvm_profile_write_file();
   _exit(code);
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/support/loopback.h"
+#include "tests/unit/out_of_memory.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -55,6 +56,22 @@ struct SocketSetsTest : testing::Test {
 };
 
 using Events = std::vector<std::string>;
+
+// Like one that finds no room, it is known to nobody, and may be added again.
+TEST_F(SocketSetsTest, ASocketThatThereIsNoMemoryForIsNotPolled) {
+  const SOCKET s = Ready();
+  Recorder recorder;
+  {
+    const test::OutOfMemory none;
+    sets.Add(s, &recorder);
+  }
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  Poll();
+  EXPECT_TRUE(recorder.events.empty());
+  sets.Add(s, &recorder);
+  Poll();
+  EXPECT_EQ(recorder.events, std::vector<std::string>{Event("read", s)});
+}
 
 TEST_F(SocketSetsTest, ReadsComeFirstInTheOrderOfAddingThenWrites) {
   const SOCKET b = Ready(), a = Ready(), idle = Idle();

@@ -1,0 +1,32 @@
+"""What a line of C++ belongs to."""
+
+import pathlib
+import re
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tidy"))
+import cpp  # noqa: E402
+import sizes  # noqa: E402
+
+NAME = re.compile(r"((?:~?\w+(?:<[^<>()]*>)?::)*(?:operator\s*(?:\(\)|[^\s\w(]+|\w+)|~?\w+))\s*\(")
+NO_NAME = {"noexcept", "VYR_PRINTF", "__attribute__", "decltype", "alignas", "explicit", "if", "requires"}
+
+
+def says_something(line):
+    """False for a line that has nothing but brackets, or a comment."""
+    return bool(re.search(r"\w", line.split("//")[0]))
+
+
+def functions(text):
+    """The name of the outermost function for each line that is in one."""
+    code = cpp.blank(text, literals=True)
+    lines = code.split("\n")
+    found = {}
+    for first, last in sorted(sizes.functions(text), key=lambda span: (span[0], -span[1])):
+        if first in found:
+            continue  # a lambda, or a function of a local class
+        head = " ".join(lines[first - 1 : last]).split("{")[0]
+        names = [match[1] for match in NAME.finditer(head) if match[1] not in NO_NAME]
+        for number in range(first, last + 1):
+            found[number] = names[0] if names else ""
+    return found

@@ -1,0 +1,93 @@
+// A next provider whose answers cannot be true. The relay must neither follow it out of its own
+// buffers nor repeat a call forever: the worker serves every other connection of the game.
+#include "tests/scenario/tcp_world.h"
+//
+#include "common/process_info.h"
+#include "engine/relay_mgr.h"
+
+namespace {
+
+using namespace tcp_test;       // NOLINT
+using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
+
+class LyingProvider : public TcpWorld {
+ protected:
+  LyingProvider() {
+    liar_ = this;
+    WSPPROC_TABLE& next = common::GetProcessInfo().tcp_proc_table;
+    real_send_ = next.lpWSPSend;
+    real_recv_ = next.lpWSPRecv;
+    next.lpWSPSend = Send;
+    next.lpWSPRecv = Recv;
+  }
+
+  // What a send of the worker says it took of so many bytes. It sends them all if it is not 0.
+  std::function<DWORD(DWORD)> takes = [](DWORD given) { return given; };
+  // What a receive of the worker says it got, having got so many bytes into so much room.
+  std::function<DWORD(DWORD, DWORD)> gives = [](DWORD got, DWORD) { return got; };
+
+ private:
+  static bool ByWorker() { return GetCurrentThreadId() == GetRelayMgr().GetWorkerThreadId(); }
+
+  static int WSPAPI Send(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,
+                         LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE completion,
+                         LPWSATHREADID thread, LPINT error) {
+    const DWORD said = ByWorker() ? liar_->takes(buffers[0].len) : 1;
+    int result = 0;
+    if (said != 0)
+      result =
+          liar_->real_send_(s, buffers, count, sent, flags, overlapped, completion, thread, error);
+    if (ByWorker() && result == 0) *sent = said;
+    return result;
+  }
+  static int WSPAPI Recv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD got, LPDWORD flags,
+                         LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE completion,
+                         LPWSATHREADID thread, LPINT error) {
+    const int result =
+        liar_->real_recv_(s, buffers, count, got, flags, overlapped, completion, thread, error);
+    if (ByWorker() && result == 0) *got = liar_->gives(*got, buffers[0].len);
+    return result;
+  }
+
+  static LyingProvider* liar_;
+  LPWSPSEND real_send_ = nullptr;
+  LPWSPRECV real_recv_ = nullptr;
+};
+
+LyingProvider* LyingProvider::liar_ = nullptr;
+
+SCENARIO_F(LyingProvider, ASendThatTookMoreThanItWasGivenEndsTheConnection) {
+  const SOCKET s = Joins(kDirect);
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  takes = [](DWORD given) { return given + 1; };
+  EXPECT_EQ(Talks(s, "again"), "");
+  EXPECT_TRUE(RunUntil([this] { return LastCall().over(); }, 10s));
+  EXPECT_EQ(LastCall().got, "helloagain") << "it was sent once";
+  takes = [](DWORD given) { return given; };
+  closesocket(s);
+  ExpectServesAgain();
+}
+
+SCENARIO_F(LyingProvider, ASendThatTookNothingIsRepeatedOnceThereIsRoom) {
+  const SOCKET s = Joins(kDirect);
+  int sends = 0;
+  takes = [&](DWORD given) { return ++sends == 1 ? 0 : given; };
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  EXPECT_EQ(sends, 3) << "one that took nothing, its repetition, and the echo";
+  closesocket(s);
+  ExpectServesAgain();
+}
+
+SCENARIO_F(LyingProvider, AnAnswerOfANodeThatIsLongerThanWasAskedForIsRefused) {
+  int lies = 0;
+  gives = [&](DWORD got, DWORD room) { return got == room && ++lies == 1 ? got + 1 : got; };
+  const SOCKET s = Joins(kServer);
+  Talks(s, "hello");
+  EXPECT_GT(lies, 0);
+  EXPECT_TRUE(Logged("Negotiation head reception failed. possibly it is illegal package. socket="));
+  gives = [](DWORD got, DWORD) { return got; };
+  closesocket(s);
+  ExpectServesAgain();
+}
+
+}  // namespace
