@@ -145,7 +145,7 @@ def ping():
 
 
 def regions():
-    # In the order of Regions: mending, restriction, route, iptable, blacklist, spur, launch test, and
+    # In the order of both targets' Regions: mending, restriction, route, iptable, blacklist, spur, launch test, and
     # the seven channels.
     def at(region, offset, data):
         return bytes([region]) + patch(offset, data)
@@ -236,7 +236,7 @@ def client_toml():
 
 
 TARGETS = {"tcp_session_fuzz": tcp_session, "udp_flow_fuzz": udp_flow, "control_port_fuzz": control_port,
-           "ping_fuzz": ping, "regions_fuzz": regions, "files_fuzz": files, "log_fuzz": log,
+           "ping_fuzz": ping, "regions_fuzz": regions, "client_regions_fuzz": regions, "files_fuzz": files, "log_fuzz": log,
            "ioctl_fuzz": ioctl, "client_toml_fuzz": client_toml}
 
 
