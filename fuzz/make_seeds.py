@@ -7,6 +7,7 @@ inputs that the fuzzer has found stay.
 """
 import argparse
 import pathlib
+import re
 import struct
 
 CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
@@ -77,7 +78,7 @@ def udp_flow():
     stranger, fires = bytes([7]) + word(5) + bytes([0]), bytes([9])
     def probes(node=0, idx=0, late=1): return bytes([8, node, idx, late])
     def asks(to): return bytes([10, to])
-    def control(bytes_): return bytes([11, len(bytes_)]) + bytes_
+    closes = bytes([11])
     def begin(mended=0, mode=0): return word(mended) + bytes([mode])
     carried = game() + answers() + passes()
     healthy = (passes() + probes() + probes(1) + game() + data()) * 6
@@ -102,7 +103,7 @@ def udp_flow():
     yield "short", begin() + carried + raw(bytes([1, 20]))
     yield "short_answer", begin() + game() + raw_answer(bytes.fromhex("78db39640029")) + answers(1)
     yield "cut_answer", begin() + game() + answers(cut=63) + answers(1)
-    yield "closes_early", begin(0x20) + game() + control(bytes.fromhex("53023fc10209000000") + bytes(4)) + answers()
+    yield "closes_early", begin(0x20) + game() + closes + answers() + asks(0) + game()
     yield "forced", begin(mode=2) + game() + answers(isp=0xF1) + game() + data()
 
 
@@ -227,7 +228,8 @@ def client_toml():
     texts = {"game": game, "empty": "", "no_games": "game = []", "node": game + node,
              "twice": game + "game_id = 3\n", "syntax": game + "x = [\n", "hex": game + "zone_id = 0x12\n",
              "huge": game + "zone_id = '18446744073709551615'\n", "beyond": game + "log_level = 99999999999999999999\n",
-             "unknown": game + "net_modes = 3\n", "type": game + "net_mode = 'TCP'\n", "nul": game + "uin = '\\u0000'\n",
+             "unknown": game + "net_modes = 3\n", "type": game + "net_mode = 'TCP'\n",
+             "nul": game + "uin = '\\u0000'\n",
              "bom": "\ufeff" + game, "deep": "a = " + "[" * 300}
     for name, text in texts.items():
         yield name, text.encode()
@@ -236,8 +238,16 @@ def client_toml():
 
 
 TARGETS = {"tcp_session_fuzz": tcp_session, "udp_flow_fuzz": udp_flow, "control_port_fuzz": control_port,
-           "ping_fuzz": ping, "regions_fuzz": regions, "client_regions_fuzz": regions, "files_fuzz": files, "log_fuzz": log,
-           "ioctl_fuzz": ioctl, "client_toml_fuzz": client_toml}
+           "ping_fuzz": ping, "regions_fuzz": regions, "client_regions_fuzz": regions,
+           "files_fuzz": files, "log_fuzz": log, "ioctl_fuzz": ioctl, "client_toml_fuzz": client_toml}
+
+
+def write_words():
+    """The keys and quoted texts of the sample configuration, for libFuzzer to put together anew."""
+    text = (CORPUS / "client_toml_fuzz" / "sample").read_text()
+    words = sorted(set(re.findall(r"\w+ = |'[^'\n]{1,40}'|\[\[?[\w.]+\]\]?", text)))
+    lines = ['"' + word.replace("\\", "\\\\").replace('"', '\\"') + '"' for word in words]
+    (CORPUS.parent / "client_toml_fuzz.dict").write_text("\n".join(lines) + "\n")
 
 
 def main():
@@ -252,6 +262,8 @@ def main():
                 print(f"{target}/{name}  {len(data)} bytes")
             else:
                 (folder / name).write_bytes(data)
+    if not only_list:
+        write_words()
 
 
 if __name__ == "__main__":

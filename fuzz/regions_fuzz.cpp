@@ -185,7 +185,7 @@ void CheckReport(const Kind& kind, bool is_still) {
   kind.report();
   if (!is_still) return;
   std::size_t begin = 0, end = 0;  // of the slot that may change
-  for (u32 slot = 0; HasHeader(before.data(), channel) && slot < channel.slot_count; ++slot) {
+  for (u32 slot = 0; fuzz::HasHeader(before.data(), channel) && slot < channel.slot_count; ++slot) {
     const std::size_t at = kReportHeaderSize + std::size_t{slot} * channel.slot_size;
     if (before[at] != 0) continue;
     begin = at;

@@ -82,7 +82,7 @@ class Flow {
       nodes_[i].nego = OpenSocket(SOCK_DGRAM, "127.0.0.1", kNodePorts[i]);
       nodes_[i].data = OpenSocket(SOCK_DGRAM, "127.0.0.1", kNodePorts[i] + 100);
     }
-    server_ = OpenSocket(SOCK_DGRAM, kServer, kServerPort);
+    for (int i = 0; i < 3; ++i) servers_[i] = OpenSocket(SOCK_DGRAM, kServer, kServerPort + i);
     stranger_ = OpenSocket(SOCK_DGRAM, "127.0.0.1", 7300);
     game_ = OpenSocket(SOCK_DGRAM, "127.0.0.1", 0);
     event_ = CreateEventA(nullptr, FALSE, FALSE, nullptr);
@@ -113,7 +113,7 @@ class Flow {
         return Answers(ChosenNode());
       case 4: {
         Node& node = ChosenNode();
-        return SendTo(node.nego, in_.Bytes(in_.Byte()), node.asker);
+        return Says(&node, in_.Bytes(in_.Byte()));
       }
       case 5:
         return NodeSends(&ChosenNode());
@@ -130,8 +130,7 @@ class Flow {
       case 10:
         return Asks(Destination(in_.Byte()));
       case 11:
-        SendTo(game_, in_.Bytes(in_.Byte()), Control());
-        return;
+        return Closes();
       default:
         server_sends_ = !server_sends_;
         return;
@@ -188,23 +187,30 @@ class Flow {
     body.result = static_cast<u8>(in_.Byte() / 128 * 3);
     body.client_isp = u32{in_.Byte()} ^ 1;
     body.accl_token = ++given_;
-    body.client_ip = 0x7F000001;
-    body.accl_data_ip = 0x7F000001;
-    body.accl_data_port = NameOf(node.data).sin_port;
-    body.accl_data_port = ntohs(body.accl_data_port);
     body.last_node.node_id = kLastNode;
     std::string wire = Packed(response);
     for (int patches = in_.Byte() % 3; patches > 0; --patches) {
       const std::size_t place = in_.Byte();
-      // The token and the address of the data port stay, because this node knows no others.
-      const std::size_t at = place % wire.size();
-      const bool is_fixed = (at >= 11 && at < 15) || (at >= 23 && at < 29);
-      const char value = static_cast<char>(in_.Byte());
-      if (!is_fixed) wire[at] = value;
+      wire[place % wire.size()] = static_cast<char>(in_.Byte());
     }
-    wire.resize(wire.size() - std::min<std::size_t>(in_.Byte() % 64, wire.size()) / 8);
-    node.tokens.insert(given_);
-    SendTo(node.nego, wire, node.asker);
+    wire.resize(wire.size() - in_.Byte() % 64 / 8);
+    Says(&node, wire);
+  }
+
+  // From the port of negotiation. Whatever it is, it may be taken for an answer. The address of the
+  // data port stays, because this node has no other.
+  void Says(Node* node, std::string wire) {
+    constexpr std::size_t kTokenAt = 11, kDataAt = 23, kAnswer = 29;
+    if (wire.size() >= kAnswer) {
+      const sockaddr_in data = NameOf(node->data);
+      std::memcpy(wire.data() + kDataAt, &data.sin_addr.s_addr, 4);
+      std::memcpy(wire.data() + kDataAt + 4, &data.sin_port, 2);
+      u32 token = 0;
+      std::memcpy(&token, wire.data() + kTokenAt, sizeof token);
+      ++node->tokens[ntohl(token)];
+    }
+    AllowDirect(wire, NameOf(node->nego));
+    SendTo(node->nego, wire, node->asker);
   }
 
   // A datagram as nodes make it, but for a few bytes.
@@ -269,8 +275,9 @@ class Flow {
     node->probes.clear();
   }
 
-  // Asks for another node, as the judge of the link does.
+  // Asks for another node, as the judge of the link does: of a flow that a node carries.
   void Fires() {
+    if (is_closed_) return;
     RecoverySwitchRecord report;
     report.used = report.need_switch = 1;
     report.game_id = 7;
@@ -295,16 +302,19 @@ class Flow {
       while (Take(node.nego, &one)) TakeRequest(&node, one);
       while (Take(node.data, &one)) TakeWrapped(&node, one);
     }
-    while (Take(server_, &one)) {
-      Require(game_sent_.contains(one.bytes), "the server gets what the game sent");
-      is_direct_ = true;
-      if (server_sends_) {
-        AllowDirect(one.bytes, At(kServer, kServerPort));
-        SendTo(server_, one.bytes, one.from);
-      }
+    for (const SOCKET server : servers_) {
+      while (Take(server, &one)) TakeAtServer(server, one);
     }
     relay_.loop.Turn();
     while (Take(game_, &one)) TakeAtGame(one);
+  }
+
+  void TakeAtServer(SOCKET server, const Datagram& one) {
+    Require(game_sent_.contains(one.bytes), "the server gets what the game sent");
+    is_direct_ = true;
+    if (!server_sends_) return;
+    AllowDirect(one.bytes, NameOf(server));
+    SendTo(server, one.bytes, one.from);
   }
 
   static void TakeRequest(Node* node, const Datagram& one) {
@@ -328,7 +338,8 @@ class Flow {
       const std::string payload = one.bytes.substr(kHeaderSize);
       Require(game_sent_.contains(payload), "a node gets what the game sent");
       Require(carried_.insert(payload).second, "and once");
-      Require(node->numbers.emplace(header.accl_token, header.seq).second, "a number of its own");
+      const bool is_new = node->numbers.emplace(header.accl_token, header.seq).second;
+      Require(is_new || node->tokens[header.accl_token] > 1, "a number of its own");
     } else {
       Require(header.flags == kUdpAcclEnd && one.bytes.size() == kHeaderSize, "an end");
     }
@@ -356,12 +367,16 @@ class Flow {
     --direct->second;
   }
 
-  void End() {
+  void Closes() {
+    is_closed_ = true;
     const ProtoRelayClose close = ProtoRelayClose::Request(kToken);
+    SendTo(game_, {reinterpret_cast<const char*>(&close), sizeof close}, Control());
+  }
+
+  void End() {
     for (int i = 0; i < 60 && relay_.loop.delegates.size() > 1; ++i) {
       // Again, because what waits for a node may keep the session for a while.
-      if (i % 20 == 0)
-        SendTo(game_, {reinterpret_cast<const char*>(&close), sizeof close}, Control());
+      if (i % 20 == 0) Closes();
       PassTime(500);
       Pump();
     }
@@ -369,8 +384,8 @@ class Flow {
     Require(provider_->UseQueue(send_queue_, kToken) == nullptr, "nor its queues");
     provider_->Uninit();
     provider_.reset();
-    for (const SOCKET s : {nodes_[0].nego, nodes_[0].data, nodes_[1].nego, nodes_[1].data, server_,
-                           stranger_, game_}) {
+    for (const SOCKET s : {nodes_[0].nego, nodes_[0].data, nodes_[1].nego, nodes_[1].data,
+                           servers_[0], servers_[1], servers_[2], stranger_, game_}) {
       closesocket(s);
     }
     CloseHandle(event_);
@@ -386,7 +401,7 @@ class Flow {
   const std::atomic<bool> stopping_{false};
   std::unique_ptr<UdpProvider> provider_ = std::make_unique<UdpProvider>(stopping_);
   Node nodes_[2];
-  SOCKET server_ = INVALID_SOCKET, stranger_ = INVALID_SOCKET, game_ = INVALID_SOCKET;
+  SOCKET servers_[3] = {}, stranger_ = INVALID_SOCKET, game_ = INVALID_SOCKET;
   HANDLE event_ = nullptr;
   sockaddr_in relay_port_ = {};
   std::map<Source, sockaddr_in> ports_;  // of the relay, by destination
@@ -395,6 +410,7 @@ class Flow {
   u32 number_ = 0;   // makes each datagram another one
   u32 given_ = 100;  // the last token that a node gave
   bool is_direct_ = false;
+  bool is_closed_ = false;
   bool server_sends_ = true;
   std::set<std::string> game_sent_;
   std::set<std::string> carried_;
