@@ -65,7 +65,7 @@ struct Node {
   SOCKET nego = INVALID_SOCKET, data = INVALID_SOCKET;
   sockaddr_in asker = {};                 // the source of the last request
   sockaddr_in peer = {};                  // and of the last datagram to either port
-  std::set<u32> tokens;                   // given so far
+  std::map<u32, int> tokens;              // given so far, and how often
   std::set<std::pair<u32, u32>> numbers;  // token and number of each datagram with data
   std::vector<std::string> probes;        // not yet answered
 };
