@@ -70,10 +70,9 @@ def udp_flow():
         both = b"".join(bytes(one) for one in patches)
         return bytes([3, node, version, result, isp, len(patches)]) + both + bytes([cut])
     def raw_answer(data, node=0): return bytes([4, node, len(data)]) + data
-    def data(node=0, seq=1, flags=None, longer=0):
+    def data(node=0, seq=1, flags=None, length=0, longer=0):
         flag = bytes([1]) if flags is None else bytes([0, flags])
-        more = bytes([0, longer]) if longer else bytes([1])
-        return bytes([5, node]) + word(seq) + flag + bytes([0, 0, 101]) + more + bytes([1, 20])
+        return bytes([5, node]) + word(seq) + flag + bytes([0, 0, 101, 20, longer, length, 1])
     def raw(bytes_, node=0): return bytes([6, node, len(bytes_)]) + bytes_
     stranger, fires = bytes([7]) + word(5) + bytes([0]), bytes([9])
     def probes(node=0, idx=0, late=1): return bytes([8, node, idx, late])
@@ -98,7 +97,8 @@ def udp_flow():
     yield "peer_ports", begin(0x1000) + carried + asks(1) + game(1) + data() + asks(3) + game(3)
     yield "all_mended", begin(0x3FFF) + carried + asks(1) + game(1) + healthy + switching + data(1)
     yield "header_past_end", begin() + carried + raw(bytes([1, 40]) + bytes(18))
-    yield "long_header", begin() + carried + data(longer=9)
+    yield "long_header", begin() + carried + data(length=1, longer=9)
+    yield "header_past_end_by_one", begin() + carried + data(length=4) + data(length=3) + data(length=2)
     yield "empty_payload", begin() + carried + raw(bytes([1, 20]) + bytes(18))
     yield "short", begin() + carried + raw(bytes([1, 20]))
     yield "short_answer", begin() + game() + raw_answer(bytes.fromhex("78db39640029")) + answers(1)
@@ -163,7 +163,7 @@ def regions():
     yield "spur_count", bytes([0]) + at(5, 16, high) + at(5, 12, high)
     yield "launch_count", bytes([0]) + at(6, 16, high) + at(6, 12, high)
     yield "endless_path", bytes([0]) + at(1, 40, b"A" * 255)
-    yield "counts_of_game", bytes([0]) + at(1, 16 + 24, high) + at(1, 16 + 2624, high)
+    yield "counts_of_game", bytes([0]) + at(1, 16 + 20, high) + at(1, 16 + 2624, high)
     yield "full_channel", bytes([0]) + b"".join(at(7, 16 + 280 * n, b"\x02") for n in range(16))
     for number in range(7):
         yield f"report_{number}", bytes([number * 4]) + at(7 + number, 16, b"\x01" + b"\xc3\x28" * 60)

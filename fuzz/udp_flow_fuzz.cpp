@@ -7,6 +7,7 @@
 //   a number of its own,
 // - once the game has gone, nothing of the session is left, and meanwhile its memory is bounded.
 #include <atomic>
+#include <iterator>
 #include <map>
 #include <set>
 #include <utility>
@@ -224,11 +225,14 @@ class Flow {
     header.game_port = static_cast<u16>(kServerPort + in_.Byte() % 3);
     header.lost = in_.Byte();
     std::string wire = Packed(header);
-    const std::size_t longer = in_.Byte() % 8 == 0 ? in_.Byte() : 0u;
-    wire[1] = static_cast<char>(kHeaderSize + longer);
-    if (in_.Byte() % 8 == 0) wire[in_.Byte() % kHeaderSize] = static_cast<char>(in_.Byte());
     ++number_;
-    wire += "n" + std::to_string(number_) + ":" + Pattern(number_, in_.Byte());
+    const std::string payload = "n" + std::to_string(number_) + ":" + Pattern(number_, in_.Byte());
+    // The header is sometimes longer, most of all about as long as the whole datagram.
+    const std::size_t lengths[] = {0, in_.Byte(), payload.size() - 1, payload.size(),
+                                   payload.size() + 1};
+    wire[1] = static_cast<char>(kHeaderSize + lengths[in_.Byte() % std::size(lengths)]);
+    if (in_.Byte() % 8 == 0) wire[in_.Byte() % kHeaderSize] = static_cast<char>(in_.Byte());
+    wire += payload;
     NodeSendsRaw(node, wire);
   }
 
