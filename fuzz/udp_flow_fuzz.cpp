@@ -26,7 +26,7 @@ namespace {
 using namespace fuzz;
 
 constexpr u32 kToken = 9;
-constexpr int kMostSteps = 64;
+constexpr int kMostSteps = 160;
 constexpr std::size_t kMostMemory = 4 << 20;
 constexpr std::size_t kMostLeft = 1 << 20;
 constexpr std::size_t kHeaderSize = sizeof(UdpAcclHeader);
