@@ -51,12 +51,12 @@ class RegionViews {
     const auto* const bytes = reinterpret_cast<const u8*>(&record);
     Add(name, std::vector<u8>(bytes, bytes + sizeof record));
   }
-  // Every other slot is used.
+  // The first slot is used, and every other up to the last.
   void Add(const moru_vyr::lsp::ReportChannel& channel) {
     std::vector<u8> sample(channel.region_size);
     const common::SharedMemHeader header = {channel.region_size, 1, 36};
     std::memcpy(sample.data(), &header, sizeof header);
-    for (u32 slot = 0; slot < channel.slot_count; slot += 2) {
+    for (u32 slot = 0; slot < channel.slot_count; slot += slot == 0 ? 1 : 2) {
       sample[moru_vyr::lsp::kReportHeaderSize + std::size_t{slot} * channel.slot_size] = 1;
     }
     Add(channel.mapping_name, std::move(sample));
