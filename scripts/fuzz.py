@@ -1,0 +1,236 @@
+"""Looks for inputs that break something, and says how to repeat what it finds.
+
+  scripts/fuzz.sh --minutes 10                        each target for ten minutes
+  scripts/fuzz.sh --minutes 60 --jobs 2 udp_flow_fuzz tcp_session_fuzz
+  scripts/fuzz.sh --merge                             takes what was found into fuzz/corpus, minimised
+
+What a target finds new stays in build/fuzz/found/TARGET, and the next run goes on from there. A
+target ends at its first finding, which goes to build/fuzz/findings. Exit codes: 0 nothing was found,
+1 something was, 2 wrong usage or no build.
+"""
+import argparse
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BUILD = ROOT / "build" / "fuzz"
+CORPUS = ROOT / "fuzz" / "corpus"
+FINDINGS = BUILD / "findings"
+LIMITS = ["-timeout=20", "-rss_limit_mb=2048"]
+PROGRESS_SECONDS = 15
+STATUS = re.compile(r"^#(\d+)\t\S+.*?cov: (\d+) ft: (\d+)", re.M)
+STAT = re.compile(r"^stat::(\w+):\s*(\d+)", re.M)
+FOUND_NAME = re.compile(r"[0-9a-f]{40}")  # as libFuzzer names what it finds
+
+
+def fail(message):
+    print(f"fuzz.sh: {message}", file=sys.stderr)
+    sys.exit(2)
+
+
+def all_targets():
+    return sorted(path.stem for path in (ROOT / "fuzz").glob("*_fuzz.cpp"))
+
+
+def program(target):
+    return BUILD / "fuzz" / target
+
+
+def shown(path):
+    return str(path.relative_to(ROOT))
+
+
+def of_client(target):
+    return target.startswith("client_")
+
+
+def build(targets):
+    options = ["-DVYR_FUZZ_CLIENT=ON"] if any(of_client(target) for target in targets) else []
+    if options or not (BUILD / "build.ninja").exists():
+        subprocess.run(["cmake", "--preset", "fuzz", *options], cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", "--preset", "fuzz", "--target", *targets], cwd=ROOT, check=True)
+
+
+class Run:
+    """One target at work, its output in a log."""
+
+    def __init__(self, target, seconds):
+        self.target = target
+        self.found = BUILD / "found" / target
+        self.log = BUILD / "found" / f"{target}.log"
+        self.before = {path.name for path in FINDINGS.glob(f"{target}-*")}
+        self.begin = time.monotonic()
+        self.seconds = seconds
+        self.cpu_seconds = 0.0
+        self.found.mkdir(parents=True, exist_ok=True)
+        corpus = CORPUS / target
+        corpus.mkdir(parents=True, exist_ok=True)
+        command = [str(program(target)), f"-max_total_time={seconds}", "-print_final_stats=1", *LIMITS,
+                   f"-artifact_prefix={FINDINGS}/{target}-"]
+        words = ROOT / "fuzz" / f"{target}.dict"
+        if words.exists():
+            command.append(f"-dict={words}")
+        with open(self.log, "wb") as log:
+            self.process = subprocess.Popen([*command, str(self.found), str(corpus)], cwd=ROOT,
+                                            stdout=log, stderr=subprocess.STDOUT)
+
+    def has_ended(self):
+        """Like poll, and keeps the processor time, which is the fairer figure on a busy machine."""
+        if self.process.returncode is None:
+            pid, status, usage = os.wait4(self.process.pid, os.WNOHANG)
+            if pid == 0:
+                return False
+            self.process.returncode = os.waitstatus_to_exitcode(status)
+            self.cpu_seconds = usage.ru_utime + usage.ru_stime
+        return True
+
+    def text(self):
+        return self.log.read_text(errors="replace")
+
+    def progress(self):
+        lines = STATUS.findall(self.text())
+        runs, edges, _ = lines[-1] if lines else ("0", "0", "0")
+        return (f"{self.target}: {time.monotonic() - self.begin:.0f} s of {self.seconds} s, "
+                f"{int(runs)} runs, {edges} edges")
+
+    def result(self):
+        text = self.text()
+        stats = {name: int(value) for name, value in STAT.findall(text)}
+        lines = STATUS.findall(text)
+        seconds = max(time.monotonic() - self.begin, 0.001)
+        runs = stats.get("number_of_executed_units", int(lines[-1][0]) if lines else 0)
+        new = {path.name for path in FINDINGS.glob(f"{self.target}-*")} - self.before
+        findings = [f"{shown(program(self.target))} {shown(FINDINGS / name)}" for name in sorted(new)]
+        if self.process.returncode != 0 and not findings:
+            findings = [f"ended with {self.process.returncode}, see {shown(self.log)}"]
+        return {"target": self.target, "seconds": round(seconds), "runs": runs,
+                "runs_per_second": round(runs / seconds), "cpu_seconds": round(self.cpu_seconds),
+                "runs_per_cpu_second": round(runs / max(self.cpu_seconds, 0.001)),
+                "edges": int(lines[-1][1]) if lines else 0,
+                "features": int(lines[-1][2]) if lines else 0,
+                "new_inputs": stats.get("new_units_added", 0), "findings": findings}
+
+
+def run_all(targets, seconds, jobs):
+    waiting, running, results = list(targets), [], []
+    said = time.monotonic()
+    try:
+        while waiting or running:
+            while waiting and len(running) < jobs:
+                running.append(Run(waiting.pop(0), seconds))
+            time.sleep(0.2)
+            for run in [run for run in running if run.has_ended()]:
+                running.remove(run)
+                results.append(run.result())
+                print(f"{run.progress()}, done", file=sys.stderr)
+            if time.monotonic() - said >= PROGRESS_SECONDS:
+                said = time.monotonic()
+                for run in running:
+                    print(run.progress(), file=sys.stderr)
+    except KeyboardInterrupt:
+        for run in running:
+            run.process.terminate()
+            while not run.has_ended():
+                time.sleep(0.1)
+            results.append(run.result())
+    return results
+
+
+def print_table(results):
+    head = ("target", "executions", "a second", "a CPU second", "edges", "features", "new inputs", "findings")
+    rows = [(one["target"], *(str(one[key]) for key in ("runs", "runs_per_second", "runs_per_cpu_second", "edges",
+                                                        "features", "new_inputs")), str(len(one["findings"])))
+            for one in results]
+    widths = [max(len(row[i]) for row in [head, *rows]) for i in range(len(head))]
+    for row in [head, *rows]:
+        cells = [row[0].ljust(widths[0])] + [cell.rjust(width) for cell, width in zip(row[1:], widths[1:])]
+        print("  ".join(cells))
+    for one in results:
+        for finding in one["findings"]:
+            print(f"\n{one['target']} has found something. To repeat it:\n  {finding}")
+
+
+def merge(target, most_bytes):
+    """Named inputs stay; of the others, the few that reach an edge that nothing else here reaches."""
+    corpus, found = CORPUS / target, BUILD / "found" / target
+    with tempfile.TemporaryDirectory() as chosen:
+        for path in corpus.iterdir():
+            if not FOUND_NAME.fullmatch(path.name):
+                shutil.copy(path, chosen)
+        command = [str(program(target)), "-set_cover_merge=1", "-use_counters=0", *LIMITS,
+                   f"-max_len={most_bytes}", chosen, str(corpus), str(found)]
+        found.mkdir(parents=True, exist_ok=True)
+        done = subprocess.run(command, cwd=ROOT, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        if done.returncode != 0:
+            sys.stderr.write(done.stderr.decode(errors="replace")[-2000:])
+            fail(f"{target} could not merge its inputs")
+        before = {path.name for path in corpus.iterdir() if FOUND_NAME.fullmatch(path.name)}
+        after = {path.name for path in pathlib.Path(chosen).iterdir() if FOUND_NAME.fullmatch(path.name)}
+        for name in before - after:
+            (corpus / name).unlink()
+        for name in after - before:
+            shutil.copy(pathlib.Path(chosen) / name, corpus / name)
+    size = sum(path.stat().st_size for path in corpus.iterdir())
+    print(f"{target}: {len(list(corpus.iterdir()))} inputs, {size} bytes, {len(after - before)} new")
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/fuzz.sh", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("targets", nargs="*", metavar="TARGET", help="all of them if none is named, "
+                        "but for those of the client program, whose build takes long")
+    parser.add_argument("--minutes", type=float, metavar="N", help="how long each target runs (1)")
+    parser.add_argument("--jobs", type=int, default=1, metavar="N", help="targets at a time (1)")
+    parser.add_argument("--json", metavar="FILE", help="write the table there as well, - for standard output")
+    parser.add_argument("--merge", action="store_true", help="afterwards, or without --minutes only: take "
+                        "the found inputs that add something into fuzz/corpus")
+    parser.add_argument("--most-bytes", type=int, default=4096, metavar="N",
+                        help="of an input that --merge takes (4096)")
+    parser.add_argument("--list", action="store_true", help="print the targets' names")
+    parser.add_argument("--no-build", action="store_true", help="run what is built")
+    options = parser.parse_args()
+    known = all_targets()
+    if options.list:
+        print("\n".join(known))
+        return 0
+    for target in options.targets:
+        if target not in known:
+            fail(f"there is no target {target}; --list prints those that there are")
+    if options.jobs < 1 or (options.minutes is not None and options.minutes <= 0):
+        fail("--minutes and --jobs take numbers above 0")
+    targets = options.targets or [target for target in known if not of_client(target)]
+    if not options.no_build:
+        try:
+            build(targets)
+        except (subprocess.CalledProcessError, FileNotFoundError):
+            fail("the build of the preset 'fuzz' has failed; it needs clang (scripts/setup.sh)")
+    missing = [target for target in targets if not program(target).exists()]
+    if missing:
+        fail(f"not built: {', '.join(missing)}")
+    FINDINGS.mkdir(parents=True, exist_ok=True)
+    results = []
+    if options.minutes is not None or not options.merge:
+        results = run_all(targets, max(1, round((options.minutes or 1) * 60)), options.jobs)
+        print_table(results)
+    if options.json:
+        text = json.dumps(results, indent=2) + "\n"
+        if options.json == "-":
+            sys.stdout.write(text)
+        else:
+            pathlib.Path(options.json).write_text(text)
+    has_findings = any(one["findings"] for one in results)
+    if options.merge and not has_findings:
+        for target in targets:
+            merge(target, options.most_bytes)
+    return 1 if has_findings else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
