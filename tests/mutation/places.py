@@ -41,6 +41,7 @@ OTHER_OPERATOR = {
 }  # fmt: skip
 COMPARISONS = ("<", "<=", ">", ">=", "==", "!=")
 MOST_CONTEXT = 90  # of a text in the list
+INCLUDE = re.compile(r"^#include <(\S+)>", re.MULTILINE)
 LITERAL = re.compile(r"(0[xX][0-9a-fA-F']+|[0-9][0-9']*)[uUlLzZ]*$")
 NO_COMMENT = re.compile(r"//[^\n]*|/\*.*?\*/", re.DOTALL)
 CONSTEXPR = re.compile(r"(?:\[\[\w+\]\]\s*|\b(?:static|inline|extern)\s+)*constexpr\b")
@@ -461,10 +462,25 @@ def uses_of_macros(text):
         yield match.start(), end
 
 
+def with_precompiled(options, sources, folder):
+    """The options with what the sources include of the system parsed already, which is most of the work."""
+    includes = {name for path in sources for name in INCLUDE.findall(path.read_text(encoding="latin-1"))}
+    first = [name for name in ("winsock2.h", "windows.h") if name in includes]  # in this order
+    header = folder / "precompiled.h"
+    folder.mkdir(parents=True, exist_ok=True)
+    header.write_text("".join(f"#include <{name}>\n" for name in first + sorted(includes - set(first))))
+    unit = cindex.Index.create().parse(str(header), args=["-x", "c++-header", *options],
+                                       options=cindex.TranslationUnit.PARSE_INCOMPLETE)  # fmt: skip
+    unit.save(str(header) + ".pch")
+    return [*options, "-include-pch", str(header) + ".pch"]
+
+
 def find(path, options, root, known=()):
     """Of the file and each header below root that it includes, without the known ones, the places."""
-    unit = cindex.Index.create().parse(str(path), args=options)
-    errors = [str(note) for note in unit.diagnostics if note.severity >= cindex.Diagnostic.Error]
+    unit = cindex.Index.create(excludeDecls=True).parse(str(path), args=options)
+    # One without a place is about the precompiled headers themselves, and does no harm.
+    errors = [str(note) for note in unit.diagnostics
+              if note.severity >= cindex.Diagnostic.Error and note.location.file is not None]  # fmt: skip
     if errors:
         raise SystemExit(f"mutate: {path}: clang does not understand it: {errors[0]}")
     wanted = {str(path)} | {inclusion.include.name for inclusion in unit.get_includes()}

@@ -90,11 +90,12 @@ def sources_below(root):
 def places_of_all(root, options, cache, say):
     """Of each file its places. What was found is kept until the file, a header or this tool changes."""
     sources = sources_below(root)
-    units = [path for path in sources if path.suffix == ".cpp" and path.relative_to(root).as_posix() not in LEFT_OUT]
+    headers_too = [path for path in sources if path.relative_to(root).as_posix() not in LEFT_OUT]
+    units = [path for path in headers_too if path.suffix == ".cpp"]
     headers = b"".join(path.read_bytes() for path in sources if path.suffix == ".h")
     headers += " ".join(map(str, units)).encode()  # the first one that includes a header owns it
     tool = (HERE / "places.py").read_bytes()
-    found = {}
+    found, parsed = {}, None
     for i, path in enumerate(units):
         say(f"reading {i + 1}/{len(units)} {path.relative_to(root)}")
         key = hashlib.sha256(b"\0".join((tool, headers, " ".join(options).encode(), path.read_bytes()))).hexdigest()
@@ -103,8 +104,9 @@ def places_of_all(root, options, cache, say):
         if kept.get("key") == key:
             new = {name: [places.Place(*fields) for fields in some] for name, some in kept["places"].items()}
         else:
+            parsed = parsed or places.with_precompiled(options, headers_too, cache)
             new = {str(pathlib.Path(name).relative_to(root)): some
-                   for name, some in places.find(path, options, root, {str(root / name) for name in found}).items()}
+                   for name, some in places.find(path, parsed, root, {str(root / name) for name in found}).items()}
             cache.mkdir(parents=True, exist_ok=True)
             note.write_text(json.dumps({"key": key, "places": {
                 name: [list(vars(place).values()) for place in some] for name, some in new.items()}}))  # fmt: skip
