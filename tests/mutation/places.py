@@ -136,6 +136,8 @@ class Finder:
         if not children or not children[-1].kind.is_expression():
             return
         value = children[-1]
+        if value.extent.start.offset < cursor.location.offset:
+            return  # a template argument
         before = self.text[cursor.extent.start.offset : value.extent.start.offset].rstrip()
         has_value = before.endswith(("=", "(", "{")) or self.source(value).startswith("{")
         if has_value or value.kind in (Kind.CALL_EXPR, Kind.UNEXPOSED_EXPR, Kind.INIT_LIST_EXPR):
@@ -363,6 +365,8 @@ class Finder:
         source = self.source(cursor)
         operand = self.source(next(cursor.get_children()))
         kind = kind_of(cursor)
+        if source.startswith("!="):
+            return  # the compiler's own, for a != b where only == is defined
         if source.startswith("!"):
             self.add(cursor, CONDITION, operand, f"static_cast<bool>({operand})")
         elif source.startswith(("++", "--")):
@@ -448,11 +452,11 @@ if cindex is not None:
     }
 
 
-MACRO = re.compile(r"\b[A-Z][A-Z0-9]*_?[A-Z0-9_]+\b(\s*\()?")
+MACRO = re.compile(r"\b(?:[A-Z][A-Z0-9_]+|assert)\b(\s*\()?")
 
 
 def uses_of_macros(text):
-    """The ranges of what is written in capitals, which macros are here, with their arguments. Comments
+    """The ranges of what is written in capitals, as macros are here, with their arguments. Comments
     and literals do no harm, because nothing is changed there."""
     for match in MACRO.finditer(text):
         end, depth = match.end(), 1
