@@ -185,7 +185,10 @@ class Results:
 
     def __init__(self, path):
         self.path = path
-        self.known = json.loads(path.read_text()) if path.exists() else {}
+        kept = json.loads(path.read_text()) if path.exists() else {}
+        self.known = kept.get("mutants", {})
+        self.judges = kept.get("judges", {})  # of each suite the number of its tests
+        self.seeds = kept.get("seeds", 0)
         self.saved = time.monotonic()
 
     def get(self, key, state):
@@ -203,6 +206,7 @@ class Results:
     def save(self):
         self.path.parent.mkdir(parents=True, exist_ok=True)
         part = self.path.with_suffix(".part")
-        part.write_text(json.dumps(self.known, indent=0))
+        about = {"judges": self.judges, "seeds": self.seeds}
+        part.write_text(json.dumps(about | {"mutants": self.known}, indent=0))
         part.replace(self.path)
         self.saved = time.monotonic()

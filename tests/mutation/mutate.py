@@ -50,7 +50,7 @@ def parse_arguments():
     parser.add_argument("--minutes", type=float, metavar="N", help="stop judging after so long; the next run goes on")
     parser.add_argument("--list", action="store_true", help="list the mutants and judge none")
     parser.add_argument("--json", metavar="FILE", help="write the results, or the list, as JSON")
-    parser.add_argument("--write", action="store_true", help="write docs/mutants.md, with all that is known")
+    parser.add_argument("--write", action="store_true", help="write docs/mutants.md of what is known, and judge none")
     parser.add_argument("--again", action="store_true", help="forget what is known")
     parser.add_argument("--check-list", action="store_true", help="also judge the mutants listed as equivalent")
     parser.add_argument("--no-build", action="store_true", help="judge with the suites as they are")
@@ -136,9 +136,14 @@ class Run:
         everything = schemata.sources_below(PRODUCT)
         key = hashlib.sha256(b"".join(path.read_bytes() for path in everything)).hexdigest()
         programs = {suite: BUILD / "tests" / suite for suite in judge.SUITES}
+        programs = {suite: program for suite, program in programs.items() if program.exists()}
+        if not programs:
+            raise SystemExit("mutate: the suites have not been built: leave out --no-build")
         KEPT.mkdir(parents=True, exist_ok=True)
         self.court = judge.Judge(programs, KEPT, arguments.seeds, self.say)
         self.court.reach(f"{key} {arguments.seeds}", arguments.again)
+        self.results.seeds = arguments.seeds
+        self.results.judges = {suite: sum(test.suite == suite for test in self.court.tests) for suite in programs}
         waiting = []
         for mutant in chosen:
             name = equivalents.key_of(mutant)
@@ -243,9 +248,13 @@ def main():
         if arguments.json:
             pathlib.Path(arguments.json).write_text(json.dumps(chosen, indent=1) + "\n")
         return 0
+    run = Run(arguments, mutants, reasons, say)
+    if arguments.write:
+        statuses = [(mutant, run.status(mutant)[0]) for mutant in mutants]
+        PAGE.write_text(summary.page(statuses, run.results.judges, run.results.seeds))
+        return 0
     if not arguments.no_build:
         build()
-    run = Run(arguments, mutants, reasons, say)
     left = run.judge(chosen)
     say.end()
     code = show(run, chosen, equivalents.stale(reasons, mutants), run.court.broken, left)
@@ -253,9 +262,6 @@ def main():
         pathlib.Path(arguments.json).write_text(json.dumps([
             mutant | {"status": status, "result": result, "reason": reasons.get(equivalents.key_of(mutant))}
             for mutant in chosen for status, result in [run.status(mutant)]], indent=1) + "\n")  # fmt: skip
-    if arguments.write:
-        PAGE.write_text(summary.page([(mutant, run.status(mutant)[0]) for mutant in mutants], arguments.seeds,
-                                     len(run.court.tests)))  # fmt: skip
     return code
 
 

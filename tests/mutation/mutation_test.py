@@ -188,7 +188,8 @@ class Verdicts(unittest.TestCase):
 
     def test_the_page_counts_by_folder(self):
         page = summary.page([({"file": "udp/a.cpp"}, "killed"), ({"file": "udp/b.cpp"}, "survived"),
-                             ({"file": "abi/c.h"}, "equivalent")], 1, 2)  # fmt: skip
+                             ({"file": "abi/c.h"}, "equivalent")], {"unit_tests": 7}, 1)  # fmt: skip
+        self.assertIn("The judges were 7 tests of `unit_tests`.", page)
         self.assertIn("| `udp` | 2 | 1 | 0 | 1 | 0 | 0 |\n", page)
         self.assertIn("| all | 3 | 1 | 1 | 1 | 0 | 0 |\n", page)
 

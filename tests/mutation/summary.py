@@ -6,14 +6,14 @@ HEAD = """# Mutants
 
 `scripts/mutate.sh --write` makes this page of its results; [its README](../tests/mutation/README.md) says what
 a mutant is. *Survived* and *not reached* are those that still need a test or a reason, *not judged* those that
-no run has come to. The judges were {tests} tests, with {seeds} of the seeds of each random world.
+no run has come to. The judges were {judges}.
 
 | folder of `src/` | mutants | killed | equivalent | survived | not reached | not judged |
 |---|--:|--:|--:|--:|--:|--:|
 """
 
 
-def page(statuses, seeds, tests):
+def page(statuses, judges, seeds):
     folders = {}
     for mutant, status in statuses:
         counts = folders.setdefault(mutant["file"].split("/")[0], dict.fromkeys(STATUSES, 0))
@@ -23,4 +23,7 @@ def page(statuses, seeds, tests):
     rows = [(f"`{name}`", counts) for name, counts in folders.items()] + [("all", total)]
     lines = [f"| {name} | {sum(counts.values())} | " + " | ".join(str(counts[s]) for s in STATUSES) + " |\n"
              for name, counts in rows]  # fmt: skip
-    return HEAD.format(tests=tests, seeds=seeds) + "".join(lines)
+    words = [f"{count} tests of `{suite}`" for suite, count in judges.items()]
+    if "scenario_tests" in judges:
+        words[-1] += f" (random worlds with a seed count of {seeds})"
+    return HEAD.format(judges=" and ".join(words) or "none yet") + "".join(lines)
