@@ -39,7 +39,7 @@ esac
 
 # Optional: if one of these cannot be installed, the tests that need it report that and are left out.
 wanted=(wine wine32:i386 wine64 clang llvm clang-format clang-tidy socat haproxy libnginx-mod-stream chromium tshark
-  python3-prometheus-client python3-pyte python3-matplotlib nsis)
+  python3-prometheus-client python3-pyte python3-matplotlib python3-clang-14 nsis)
 command -v npm >/dev/null 2>&1 || wanted+=(npm)
 runtime=$(clang_runtime)
 wanted+=("${runtime:-libclang-rt-14-dev}")
