@@ -232,11 +232,8 @@ void Observe(SOCKET s, Watch* watch) {
   while (!watch->is_over) {
     const bool read = (watch->happened & (kReadEvent | kCloseEvent)) == 0;
     const bool write = !watch->is_writable;
-    if (!read && !write) {
-      Sleep(2);
-      continue;
-    }
-    const std::string state = StateOf(s, read, write, kPollMs);
+    const bool waits = read || write;  // or else only for its end, and for the game to look
+    const std::string state = StateOf(s, read, write, waits ? kPollMs : 5);
     if (state == "x") return;
     for (const char event : state) {
       if (event == 'w') watch->is_writable = true;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 
 #include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
@@ -58,6 +59,17 @@ std::string EchoRequest(int sequence) {
 
 std::int64_t Less(Random* random, uint64_t n) {
   return static_cast<std::int64_t>(random->Below(n));
+}
+
+// The handles that are open, each with its kind and name. Values are multiples of four.
+std::map<uintptr_t, std::string> OpenObjects() {
+  std::map<uintptr_t, std::string> open;
+  const size_t count = port::OpenHandles();
+  for (uintptr_t value = 4; open.size() < count && value < 400'000; value += 4) {
+    if (const auto object = port::Lookup(reinterpret_cast<HANDLE>(value)))
+      open[value] = std::string(object->kind()) + " " + object->name();
+  }
+  return open;
 }
 
 Behaviour AnyBehaviour(uint64_t variant) {
@@ -711,7 +723,7 @@ void WholeWorld::Live() {
   ExpectPlaysOn();  // also whatever is made once and stays
   RunFor(12s);
   base_sockets_ = HomeSockets();
-  base_handles_ = port::OpenHandles();
+  base_objects_ = OpenObjects();
   base_views_ = port::OpenViews();
   for (Stream& stream : streams_) stream.answered = false;
   heard_.clear();
@@ -738,9 +750,10 @@ void WholeWorld::Live() {
       2min);
   ExpectStreams();
   ExpectDatagrams();
+  is_over_ = true;  // the client takes no more reports
+  RunFor(1s);
   ExpectNothingIsLeft();
   ExpectPlaysOn();
-  is_over_ = true;
   const DWORD begin = GetTickCount();
   EXPECT_EQ(WSACleanup(), 0);
   EXPECT_LE(GetTickCount() - begin, IsMended() ? 5500u : 410u);
@@ -800,12 +813,25 @@ void WholeWorld::ExpectNothingIsLeft() {
   }
   RunFor(3s);
   if (worker_is_ended_ || reporter_is_ended_ || game_thread_is_ended_) return;
-  EXPECT_EQ(port::OpenHandles(), base_handles_);
+  EXPECT_EQ(port::OpenHandles(), base_objects_.size()) << NewObjects();
   EXPECT_EQ(port::OpenViews(), base_views_);
+}
+
+std::string WholeWorld::NewObjects() const {
+  std::string text;
+  for (const auto& [value, object] : OpenObjects())
+    if (base_objects_.count(value) == 0) text += object + "\n";
+  return text;
 }
 
 void WholeWorld::ExpectPlaysOn() {
   serve = Echo;
+  const SOCKET ping = Ping();
+  NonBlocking(ping);
+  EXPECT_EQ(ConnectTo(ping, kServer, 0), 0);
+  SendText(ping, EchoRequest(1));
+  for (int ms = 0; ms < 1000 && Received(ping) == "error 10035"; ms += 10) RunFor(10ms);
+  closesocket(ping);
   const SOCKET s = Joins();
   EXPECT_EQ(Talks(s, "still there"), "still there");
   closesocket(s);

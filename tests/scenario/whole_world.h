@@ -144,6 +144,7 @@ class WholeWorld : public EarlyClient, public Swarm<ConfiguredWorld> {
   void ExpectDatagrams();
   void ExpectNothingIsLeft();
   void ExpectPlaysOn();
+  std::string NewObjects() const;
   bool IsMended() const { return mended_ != 0; }
 
   const FaultList faults_;
@@ -165,7 +166,8 @@ class WholeWorld : public EarlyClient, public Swarm<ConfiguredWorld> {
   std::vector<DWORD> players_;             // the ids of the game's threads
   std::deque<std::string> players_names_;  // of those that a fault is to end
   sim::Duration play_begins_{};
-  size_t base_sockets_ = 0, base_handles_ = 0, base_views_ = 0;
+  size_t base_sockets_ = 0, base_views_ = 0;
+  std::map<uintptr_t, std::string> base_objects_;  // the open handles
   bool worker_is_ended_ = false, reporter_is_ended_ = false, game_thread_is_ended_ = false;
   bool is_over_ = false;
 };

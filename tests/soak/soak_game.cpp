@@ -3,8 +3,8 @@
 // from outside; it says once a second what only the inside can know.
 //
 // Two sockets live as long as the game, others come and go all the time. The client takes the
-// reports, writes other tables, and is terminated again and again while it holds a mutex. Ends with
-// the end of its input.
+// reports, writes other tables, and dies again and again while it holds a mutex. Ends with the end
+// of its input.
 #include <winsock2.h>
 //
 #include <windows.h>
@@ -58,7 +58,7 @@ sockaddr_in Server() {
 bool IsReadable(SOCKET s, DWORD ms) {
   fd_set set = {};
   FD_SET(s, &set);
-  const struct timeval most = {static_cast<long>(ms / 1000), static_cast<long>(ms % 1000 * 1000)};
+  const struct timeval most = {static_cast<int>(ms / 1000), static_cast<int>(ms % 1000 * 1000)};
   return select(0, &set, nullptr, nullptr, &most) == 1;
 }
 
@@ -261,18 +261,18 @@ constexpr const char* kMutexes[] = {
     kNegotiationResultChannel.mutex_name, kRealNegotiationChannel.mutex_name,
     kRecoverySwitchChannel.mutex_name,    kRouteMutexName};
 
-// Made by name only, so that a thread that is terminated leaves no object behind.
-DWORD WINAPI HoldAMutex(LPVOID mutex) {
+// Ends with the mutex, which abandons it, as the end of a client's process does. Not terminated:
+// the port keeps the system's thread of one that is, because its stack may still be in use.
+DWORD WINAPI DieWithAMutex(LPVOID mutex) {
   WaitForSingleObject(mutex, INFINITE);
-  for (;;) Sleep(20);
+  Sleep(300);
+  return 0;
 }
 
 DWORD WINAPI KillClients(LPVOID) {
   for (unsigned turn = 0;; ++turn, Sleep(400)) {
     const HANDLE mutex = CreateMutexA(nullptr, FALSE, kMutexes[turn % std::size(kMutexes)]);
-    const HANDLE thread = CreateThread(nullptr, 0, HoldAMutex, mutex, 0, nullptr);
-    Sleep(300);
-    TerminateThread(thread, 1);
+    const HANDLE thread = CreateThread(nullptr, 0, DieWithAMutex, mutex, 0, nullptr);
     WaitForSingleObject(thread, INFINITE);
     CloseHandle(thread);
     CloseHandle(mutex);
