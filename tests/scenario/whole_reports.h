@@ -98,7 +98,8 @@ class ReportReader {
     EXPECT_TRUE(one.game_port == 27015 || one.game_port == 27016) << one.game_port;
   }
 
-  // Of one socket under one node.
+  // Of one of the library's sockets under one node. Two attempts for one connection of the game, at
+  // one node, have one GUID.
   struct Traffic {
     unsigned sent = 0, received = 0, ends = 0;
   };
@@ -108,7 +109,8 @@ class ReportReader {
     CheckNode(one.proxy_ip, sizeof one.proxy_ip);
     EXPECT_TRUE(one.socket_type == 1 || one.socket_type == 2) << one.socket_type;
     EXPECT_LE(one.ended, 1u);
-    Traffic& before = traffic_[std::string(one.guid_str) + " by " + one.proxy_ip];
+    Traffic& before = traffic_[std::string(one.guid_str) + " by " + one.proxy_ip + " since " +
+                               std::to_string(one.create_tick)];
     SCOPED_TRACE(one.guid_str);
     EXPECT_EQ(before.ends, 0u) << "a report after the last one";
     EXPECT_GE(one.total_sent_bytes, before.sent);

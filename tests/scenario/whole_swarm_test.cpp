@@ -17,7 +17,7 @@ using namespace whole_test;  // NOLINT
 using test::Kept;
 
 constexpr unsigned kUsualSeeds = 40;
-constexpr uint32_t kSetUpMs = 15'000;  // before the play begins, nearly
+constexpr uint32_t kSetUpMs = 38'000;  // before the play begins, nearly
 constexpr unsigned kMostRuns = 150;    // to reduce one list
 
 sim::ChildResult RunWorld(uint64_t seed, const Kept& kept) {

@@ -721,7 +721,7 @@ void WholeWorld::Live() {
   RunFor(100ms);
   late_.emplace();
   ExpectPlaysOn();  // also whatever is made once and stays
-  RunFor(12s);
+  RunFor(35s);  // the worker makes its event for changed lists
   base_sockets_ = HomeSockets();
   base_objects_ = OpenObjects();
   base_views_ = port::OpenViews();
@@ -835,6 +835,7 @@ void WholeWorld::ExpectPlaysOn() {
   const SOCKET s = Joins();
   EXPECT_EQ(Talks(s, "still there"), "still there");
   closesocket(s);
+  closesocket(Joins(kUnlisted));  // asks for the list of added addresses, too
   const SOCKET u = Udp();
   const std::string text = "000000 still there";
   std::string answer;
