@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Plays for as long as you like with the library, and says whether anything in the game's process
+# grows: descriptors, threads, handles, views, memory, processor time, flows without a last report.
+#
+#   scripts/soak.sh --minutes N [--json FILE] [--picture FILE.svg] [--mended all|none] [--seed S]
+#                   [--build FOLDER]
+#
+# Runs in the private network of scripts/testbed, with the programs of build/posix. docs/soak.md says
+# what happens in a run and how it is judged. Exit code: 0 flat, 1 something grows or went wrong, 2
+# wrong arguments, 77 this machine does not allow private networks.
+set -u
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+for argument in "$@"; do
+  case "$argument" in
+    -h|--help) sed -n '2,12s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  esac
+done
+exec "$here/testbed" python3 -B "$here/soak.py" "$@"

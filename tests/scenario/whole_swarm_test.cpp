@@ -1,0 +1,87 @@
+// One game that does everything at once while anything may fail, one world for each seed. At stake:
+// streams arrive whole or end, datagrams arrive at most once, unchanged and at their server,
+// answers have the address of their server, no call hangs, reports agree with each other, and
+// afterwards no socket, handle or view is left and the game plays on.
+//
+// The faults of a world are a list. A failure is run again with parts of its list, and the smallest
+// part that still fails is printed with the command that runs exactly that. VYR_SWARM_SEEDS=500
+// runs more worlds than usual, VYR_SWARM_FIRST=1001 other ones; scripts/swarm.sh counts by hours.
+#include <cstdio>
+#include <cstdlib>
+
+#include "tests/scenario/whole_world.h"
+
+namespace {
+
+using namespace whole_test;  // NOLINT
+using test::Kept;
+
+constexpr unsigned kUsualSeeds = 7;
+constexpr uint32_t kSetUpMs = 38'000;  // before the play begins, nearly
+constexpr unsigned kMostRuns = 150;    // to reduce one list
+
+sim::ChildResult RunWorld(uint64_t seed, const Kept& kept) {
+  const FaultList faults = DrawFaults(seed);
+  sim::Options options;
+  options.seed = seed;
+  for (const size_t at : kept) {
+    if (faults[at].kind == FaultKind::kTickWraps)
+      options.tick_start = 0u - kSetUpMs - faults[at].at_ms;
+  }
+  return sim::RunInChild(
+      options,
+      // Never freed: threads of the world that never end use it.
+      [&](sim::World&) { (new WholeWorld(faults, kept))->Live(); }, sim::GtestVerdict);
+}
+
+// What a passed world has printed of itself.
+double SimulatedSeconds(const sim::ChildResult& result) {
+  const size_t at = result.output.rfind("simulated ");
+  return at == std::string::npos ? 0 : std::atof(result.output.c_str() + at + 10) / 1000;
+}
+
+std::string Listed(uint64_t seed, const Kept& kept) {
+  const FaultList faults = DrawFaults(seed);
+  std::string text;
+  for (const size_t at : kept) text += "  " + std::to_string(at) + ": " + faults[at].Text() + "\n";
+  return text.empty() ? "  none at all\n" : text;
+}
+
+std::string Failure(uint64_t seed, const Kept& all) {
+  unsigned runs = 0;
+  const bool is_chosen = std::getenv("VYR_SWARM_FAULTS") != nullptr;
+  Kept kept = all;
+  if (!is_chosen) {
+    kept = test::Smallest(all, [seed, &runs](const Kept& part) {
+      return ++runs <= kMostRuns && !RunWorld(seed, part).passed;
+    });
+  }
+  const sim::ChildResult result = RunWorld(seed, kept);
+  const auto* const info = testing::UnitTest::GetInstance()->current_test_info();
+  const std::string name = std::string(info->test_suite_name()) + "." + info->name();
+  return "the world of seed " + std::to_string(seed) + " " + result.HowItEnded() + ", with " +
+         std::to_string(kept.size()) + " of " + std::to_string(all.size()) + " faults (found in " +
+         std::to_string(runs) + " runs):\n" + Listed(seed, kept) + result.output +
+         "the trace's last lines:\n" + result.last_lines +
+         "to run it again: VYR_SWARM_FAULTS=" + TextOf(kept) + " " + sim::ReplayCommand(name, seed);
+}
+
+TEST(WholeSwarm, EverythingAtOnceIsRightUnderAnyFaults) {
+  uint64_t first = 1;
+  if (const char* const text = std::getenv("VYR_SWARM_FIRST"))
+    first = std::strtoull(text, nullptr, 10);
+  uint64_t last = first + SwarmSeeds(kUsualSeeds) - 1;
+  if (sim::SeedFromEnvironment(&first)) last = first;
+  double seconds = 0;
+  for (uint64_t seed = first; seed <= last; ++seed) {
+    const Kept kept = KeptFaults(DrawFaults(seed));
+    const sim::ChildResult result = RunWorld(seed, kept);
+    if (!result.passed) FAIL() << Failure(seed, kept);
+    seconds += SimulatedSeconds(result);
+  }
+  std::printf("swarm: seeds %llu to %llu, %.1f simulated seconds\n",
+              static_cast<unsigned long long>(first), static_cast<unsigned long long>(last),
+              seconds);
+}
+
+}  // namespace

@@ -1,0 +1,175 @@
+// One game that does everything at once, in a world where everything may go wrong: streams,
+// datagrams and pings in each style of calling, three nodes, and a client program that writes the
+// tables and takes the reports. What is to happen is planned before the world begins to move, from
+// its seed; what goes wrong comes from a list (whole_faults.h).
+#pragma once
+#include "tests/scenario/swarm.h"
+#include "tests/scenario/tcp_world.h"
+//
+#include <deque>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/scenario/whole_calls.h"
+#include "tests/scenario/whole_faults.h"
+#include "tests/scenario/whole_late.h"
+#include "tests/scenario/whole_reports.h"
+
+namespace whole_test {
+
+using namespace tcp_test;    // NOLINT: the verbs of these tests
+using namespace swarm_test;  // NOLINT: and their draws
+
+inline constexpr char kNodeC[] = "198.51.100.22";
+inline constexpr int kOtherPort = 27016;
+
+// How one side of a stream sends, reads and leaves.
+struct Manner {
+  enum Leaving { kWhenAllIsDone, kWhenThePeerHasLeft, kShutsFirst, kAfterSending, kByReset };
+  size_t piece = 4096;
+  DWORD pause_ms = 0;       // between pieces
+  DWORD read_pause_ms = 0;  // before each read
+  Leaving leaving = kWhenAllIsDone;
+  DWORD stays_ms = 0;  // kByReset: after that long, wherever it is
+};
+
+struct Stream {
+  size_t id = 0;
+  const char* server = kServer;
+  DWORD starts_ms = 0;
+  std::string up, down;  // up begins with the stream's number
+  Manner game, host;
+  Style style = Style::kBlocks;
+  // What happened.
+  std::unique_ptr<Caller> caller;
+  bool answered = false;
+  size_t up_sent = 0, down_sent = 0;
+  std::string up_got, down_got, game_end, host_end;
+};
+
+// One of the game's datagrams.
+struct Said {
+  std::string text;
+  const char* ip = kServer;
+  int port = kPort;
+  bool tried = false;
+  bool sent = false;
+  size_t arrived = 0, answered = 0;
+  std::string to() const { return std::string(ip) + ":" + std::to_string(port); }
+};
+
+// One datagram socket.
+struct Talker {
+  std::vector<size_t> says;
+  DWORD starts_ms = 0, pause_ms = 0, stays_ms = 0;
+  bool reads = true;
+  Style style = Style::kBlocks;
+  std::unique_ptr<Caller> caller;
+};
+
+struct Pinger {
+  const char* server = kServer;
+  DWORD starts_ms = 0;
+  int pings = 0;
+  SOCKET s = INVALID_SOCKET;
+  int answered = 0;
+};
+
+// The client program is there before the game starts.
+struct EarlyClient {
+  test::ReportClient client;
+};
+
+// With everything or nothing mended, and flows that may move.
+class ConfiguredWorld : public TcpWorld {
+ protected:
+  ConfiguredWorld();
+};
+
+class WholeWorld : public EarlyClient, public Swarm<ConfiguredWorld> {
+ public:
+  WholeWorld(const FaultList& faults, const test::Kept& kept);
+
+  // The whole life of the world, with its expectations.
+  void Live();
+
+ private:
+  // --- plans ---
+  void PlanAll();
+  size_t AnySize();
+  Manner AnyManner(size_t size);
+  void PlanStream();
+  void PlanTalker();
+  void PlanPinger();
+
+  // --- the game ---
+  // A thread of the game that a fault may end, which counts as its end.
+  void Player(std::function<void()> body);
+  void StartGame();
+  void PlayStream(Stream* stream);
+  void Talk(Talker* talker);
+  void Send(Talker* talker, size_t id);
+  void Read(Talker* talker);
+  void PingAll(Pinger* pinger);
+  // The end of what one side of a stream does: "done", "left", "reset" or how its stream ended.
+  std::string LiveOn(Caller* caller, const Manner& manner, const std::string& says, size_t expects,
+                     size_t* sent, std::string* got);
+
+  // --- the rest of the world ---
+  void Serve(SOCKET s, Call* call);
+  void StartEcho(const char* ip, int port);
+  void StartReader();
+  void StartNode(size_t which);
+  sim::Host& HostOf(size_t which);
+  node::Behaviour& BehaviourOf(size_t which);
+  void WriteTables(uint64_t variant);
+
+  // --- faults ---
+  void StartFaults();
+  void Apply(const Fault& fault);
+  void NodeBehaves(size_t which, uint64_t variant);
+  void NodeDies(size_t which, sim::Duration time);
+  void ChangeLink(size_t which, uint64_t variant);
+  void ClientHolds(size_t which, sim::Duration time);
+  void EndOneOfOurs(const char* thread, unsigned nth);
+  void EndGameThread(const Fault& fault);
+  void Heal();
+
+  // --- verdicts ---
+  void Release();
+  void ExpectStreams();
+  void ExpectDatagrams();
+  void ExpectNothingIsLeft();
+  void ExpectPlaysOn();
+  std::string NewObjects() const;
+  bool IsMended() const { return mended_ != 0; }
+
+  const FaultList faults_;
+  const test::Kept kept_;
+  const moru_vyr::lsp::u32 mended_;
+  sim::Host& c_host_ = world.AddHost("c", {kNodeC});
+  node::Behaviour c_behaviour_;
+  std::vector<sim::Process*> node_processes_;
+  std::vector<Stream> streams_;
+  std::vector<Talker> talkers_;
+  std::vector<Pinger> pingers_;
+  std::vector<Said> said_;
+  struct Heard {
+    std::string text, to;
+  };
+  std::vector<Heard> heard_;
+  ReportReader reports_{&client};
+  std::optional<LateCalls> late_;
+  std::vector<DWORD> players_;             // the ids of the game's threads
+  std::deque<std::string> players_names_;  // of those that a fault is to end
+  sim::Duration play_begins_{};
+  size_t base_sockets_ = 0, base_views_ = 0;
+  std::map<uintptr_t, std::string> base_objects_;  // the open handles
+  bool worker_is_ended_ = false, reporter_is_ended_ = false, game_thread_is_ended_ = false;
+  bool is_over_ = false;
+};
+
+}  // namespace whole_test

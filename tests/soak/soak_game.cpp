@@ -1,0 +1,320 @@
+// A game that plays for hours with the library in its process, beside a client program in the same
+// process: without Windows, processes share no objects. scripts/soak.py starts it and watches it
+// from outside; it says once a second what only the inside can know.
+//
+// Two sockets live as long as the game, others come and go all the time. The client takes the
+// reports, writes other tables, and dies again and again while it holds a mutex. Ends with the end
+// of its input.
+#include <winsock2.h>
+//
+#include <windows.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "abi/mending_formats.h"
+#include "abi/report_records.h"
+#include "abi/route_table_formats.h"
+#include "bench/game_library.h"
+#include "common/named_mutex.h"
+#include "common/text.h"
+#include "port/shared/objects.h"
+#include "quality/link_identity.h"
+#include "route/decision.h"
+
+namespace {
+
+using namespace moru_vyr::lsp;  // NOLINT: the records
+using common::u32;
+
+constexpr char kServer[] = "198.51.100.10";
+constexpr const char* kNodes[] = {"198.51.100.20", "198.51.100.21"};
+constexpr int kServerPort = 7000, kNodePort = 9000;
+constexpr DWORD kAnswerMs = 500;
+
+struct Figures {
+  std::atomic<unsigned long> sent{0}, answered{0};             // datagrams
+  std::atomic<unsigned long> streams{0}, failed{0}, again{0};  // short ones; long ones begun again
+  std::atomic<unsigned long> wrong{0};                         // bytes that nobody sent
+  std::atomic<unsigned long> tables{0}, killed{0}, reports{0}, unended{0};
+};
+Figures figures;
+
+sockaddr_in Server() {
+  sockaddr_in to = {};
+  to.sin_family = AF_INET;
+  to.sin_addr.s_addr = static_cast<in_addr_t>(inet_addr(kServer));
+  to.sin_port = htons(kServerPort);
+  return to;
+}
+
+bool IsReadable(SOCKET s, DWORD ms) {
+  fd_set set = {};
+  FD_SET(s, &set);
+  const struct timeval most = {static_cast<int>(ms / 1000), static_cast<int>(ms % 1000 * 1000)};
+  return select(0, &set, nullptr, nullptr, &most) == 1;
+}
+
+void Start(LPTHREAD_START_ROUTINE body) {
+  CloseHandle(CreateThread(nullptr, 0, body, nullptr, 0, nullptr));
+}
+
+// --- the game -----------------------------------------------------------------------------------
+
+// Sends one datagram, and waits for its answer unless it is late.
+void Exchange(SOCKET s, const std::string& text) {
+  const sockaddr_in to = Server();
+  ++figures.sent;
+  if (sendto(s, text.data(), static_cast<int>(text.size()), 0,
+             reinterpret_cast<const struct sockaddr*>(&to), sizeof to) < 0)
+    return;
+  if (!IsReadable(s, kAnswerMs)) return;
+  char bytes[2048];
+  const int n = recv(s, bytes, sizeof bytes, 0);
+  if (n <= 0) return;
+  ++figures.answered;
+  if (std::string(bytes, static_cast<size_t>(n)).rfind("soak ", 0) != 0) ++figures.wrong;
+}
+
+DWORD WINAPI TalkLong(LPVOID) {
+  const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+  for (unsigned long n = 0;; ++n, Sleep(40)) Exchange(s, "soak " + std::to_string(n));
+}
+
+DWORD WINAPI TalkShort(LPVOID) {
+  for (;; Sleep(120)) {
+    const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    for (int n = 0; n < 3; ++n) Exchange(s, "soak short " + std::to_string(n));
+    closesocket(s);
+  }
+}
+
+SOCKET Join() {
+  const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  const DWORD most_ms = 8000;
+  for (const int which : {SO_RCVTIMEO, SO_SNDTIMEO})
+    setsockopt(s, SOL_SOCKET, which, reinterpret_cast<const char*>(&most_ms), sizeof most_ms);
+  const sockaddr_in to = Server();
+  if (connect(s, reinterpret_cast<const struct sockaddr*>(&to), sizeof to) == 0) return s;
+  closesocket(s);
+  return INVALID_SOCKET;
+}
+
+// False if the stream has ended.
+bool Echo(SOCKET s, const std::string& text) {
+  if (send(s, text.data(), static_cast<int>(text.size()), 0) != static_cast<int>(text.size()))
+    return false;
+  std::string got;
+  char bytes[4096];
+  while (got.size() < text.size()) {
+    const int n = recv(s, bytes, sizeof bytes, 0);
+    if (n <= 0) return false;
+    got.append(bytes, static_cast<size_t>(n));
+  }
+  if (got != text) ++figures.wrong;
+  return true;
+}
+
+DWORD WINAPI StreamLong(LPVOID) {
+  for (;; Sleep(200)) {
+    const SOCKET s = Join();
+    if (s == INVALID_SOCKET) continue;
+    for (unsigned long n = 0; Echo(s, "soak " + std::to_string(n)); ++n) Sleep(100);
+    ++figures.again;
+    closesocket(s);
+  }
+}
+
+DWORD WINAPI StreamShort(LPVOID) {
+  const std::string text(3000, 's');
+  for (;; Sleep(80)) {
+    const SOCKET s = Join();
+    ++figures.streams;
+    if (s == INVALID_SOCKET || !Echo(s, text)) ++figures.failed;
+    if (s != INVALID_SOCKET) closesocket(s);
+  }
+}
+
+// --- the client program -------------------------------------------------------------------------
+
+template <class Region>
+Region* Open(const char* name, u32 size = sizeof(Region)) {
+  const HANDLE mapping =
+      CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, size, name);
+  return static_cast<Region*>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, size));
+}
+
+template <class Region>
+Region* MakeChannel(const ReportChannel& channel) {
+  auto* const region = Open<Region>(channel.mapping_name, channel.region_size);
+  region->header = {sizeof(Region), common::kSharedMemMajorVersion, common::kSharedMemMinorVersion};
+  return region;
+}
+
+struct Channels {
+  DecisionRegion* decisions = MakeChannel<DecisionRegion>(kDecisionChannel);
+  CommunicationRegion* traffic = MakeChannel<CommunicationRegion>(kCommunicationChannel);
+  LogPathRegion* log_paths = MakeChannel<LogPathRegion>(kLogPathChannel);
+  LoadedRegion* loaded = MakeChannel<LoadedRegion>(kLoadedChannel);
+  NegotiationResultRegion* failures =
+      MakeChannel<NegotiationResultRegion>(kNegotiationResultChannel);
+  RealNegotiationRegion* negotiations = MakeChannel<RealNegotiationRegion>(kRealNegotiationChannel);
+  RecoverySwitchRegion* switches = MakeChannel<RecoverySwitchRegion>(kRecoverySwitchChannel);
+};
+Channels* channels = nullptr;
+
+template <class Region, class Note>
+void Drain(Region* region, const ReportChannel& channel, const Note& note) {
+  common::NamedMutex mutex(channel.mutex_name);
+  const common::NamedMutexGuard guard(&mutex, false);
+  for (auto& slot : region->slots) {
+    if (slot.used == 0) continue;
+    note(slot);
+    slot.used = 0;
+    ++figures.reports;
+  }
+}
+
+// Flows that have reported traffic and not yet their end.
+std::set<std::string> open_flows;
+
+DWORD WINAPI TakeReports(LPVOID) {
+  const auto nothing = [](const auto&) {};
+  for (;; Sleep(100)) {
+    Drain(channels->decisions, kDecisionChannel, nothing);
+    Drain(channels->traffic, kCommunicationChannel, [](const CommInfoRecord& one) {
+      if (one.ended != 0) {
+        open_flows.erase(one.guid_str);
+      } else {
+        open_flows.insert(one.guid_str);
+      }
+    });
+    Drain(channels->log_paths, kLogPathChannel, nothing);
+    Drain(channels->loaded, kLoadedChannel, nothing);
+    Drain(channels->failures, kNegotiationResultChannel, nothing);
+    Drain(channels->negotiations, kRealNegotiationChannel, nothing);
+    Drain(channels->switches, kRecoverySwitchChannel, nothing);
+    figures.unended = open_flows.size();
+  }
+}
+
+struct RouteBuffers {
+  u32 selector;
+  RouteRegion buffer[2];
+};
+
+// The game's server through node A, through node B, and through none, in turn.
+void WriteRoute(RouteBuffers* region, unsigned turn) {
+  constexpr u32 kLastNode = 1;
+  auto image = std::make_unique<RouteTableImage>();
+  image->proxy_count = 2;
+  for (u32 i = 0; i < 2; ++i) {
+    ProxyRecord& proxy = image->proxies[i];
+    proxy.proxy_idc = i + 1;
+    common::SetFieldText(proxy.proxy_addr, kNodes[i]);
+    proxy.proxy_port = kNodePort;
+    proxy.surport_isps = 1;
+    proxy.flag = kLinkMayBeMeasured;
+  }
+  const auto ref = [](u32 node, u32 decision = DECISION_ACCE) {
+    ProxyRef it;
+    it.proxy_idc = node;
+    it.decision = decision;
+    it.last_node = kLastNode;
+    return it;
+  };
+  RouteEntry& entry = image->route_sets[0].routes[0];
+  image->route_sets[0].route_count = 1;
+  entry.game_idc = 1001;
+  const u32 first = turn % 2 == 0 ? 1 : 2;
+  entry.ref_default = ref(first, turn % 5 == 4 ? DECISION_DIRECT : DECISION_ACCE);
+  entry.top_refs[0] = ref(first);
+  entry.top_refs[1] = ref(3 - first);
+  entry.switch_groups[0].last_node = kLastNode;
+  entry.switch_groups[0].candidates[0] = ref(1);
+  entry.switch_groups[0].candidates[1] = ref(2);
+  common::NamedMutex mutex(kRouteMutexName);
+  const common::NamedMutexGuard guard(&mutex, false);
+  const u32 other = region->selector == 0 ? 1 : 0;
+  region->buffer[other].image = *image;
+  region->selector = other;
+}
+
+DWORD WINAPI WriteTables(LPVOID) {
+  auto* const region = Open<RouteBuffers>(kRouteRegionName);
+  for (unsigned turn = 0;; ++turn, Sleep(1500)) {
+    WriteRoute(region, turn);
+    ++figures.tables;
+  }
+}
+
+constexpr const char* kMutexes[] = {
+    kDecisionChannel.mutex_name,          kCommunicationChannel.mutex_name,
+    kLogPathChannel.mutex_name,           kLoadedChannel.mutex_name,
+    kNegotiationResultChannel.mutex_name, kRealNegotiationChannel.mutex_name,
+    kRecoverySwitchChannel.mutex_name,    kRouteMutexName};
+
+// Ends with the mutex, which abandons it, as the end of a client's process does. Not terminated:
+// the port keeps the system's thread of one that is, because its stack may still be in use.
+DWORD WINAPI DieWithAMutex(LPVOID mutex) {
+  WaitForSingleObject(mutex, INFINITE);
+  Sleep(300);
+  return 0;
+}
+
+DWORD WINAPI KillClients(LPVOID) {
+  for (unsigned turn = 0;; ++turn, Sleep(400)) {
+    const HANDLE mutex = CreateMutexA(nullptr, FALSE, kMutexes[turn % std::size(kMutexes)]);
+    const HANDLE thread = CreateThread(nullptr, 0, DieWithAMutex, mutex, 0, nullptr);
+    WaitForSingleObject(thread, INFINITE);
+    CloseHandle(thread);
+    CloseHandle(mutex);
+    ++figures.killed;
+  }
+}
+
+// --- what it says -------------------------------------------------------------------------------
+
+DWORD WINAPI Say(LPVOID) {
+  for (;; Sleep(1000)) {
+    std::printf(
+        "{\"handles\": %zu, \"views\": %zu, \"blocks\": %zu, \"unended\": %lu, \"sent\": %lu, "
+        "\"answered\": %lu, \"streams\": %lu, \"failed\": %lu, \"again\": %lu, \"wrong\": %lu, "
+        "\"tables\": %lu, \"killed\": %lu, \"reports\": %lu}\n",
+        port::OpenHandles(), port::OpenViews(), port::OpenAllocations(), figures.unended.load(),
+        figures.sent.load(), figures.answered.load(), figures.streams.load(), figures.failed.load(),
+        figures.again.load(), figures.wrong.load(), figures.tables.load(), figures.killed.load(),
+        figures.reports.load());
+    std::fflush(stdout);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: soak_game FOLDER MENDED   (scripts/soak.py starts it)\n");
+    return 2;
+  }
+  bench::LibrarySetup setup;
+  setup.server = kServer;
+  setup.node = kNodes[0];
+  setup.node_port = kNodePort;
+  setup.folder = argv[1];
+  setup.log_level = 4;
+  setup.mended = std::string(argv[2]) == "all" ? kMendAll : 0;
+  bench::InstallLibrary(setup);
+  channels = new Channels;
+  for (const LPTHREAD_START_ROUTINE body :
+       {TalkLong, TalkShort, StreamLong, StreamShort, TakeReports, WriteTables, KillClients, Say})
+    Start(body);
+  for (std::string line; std::getline(std::cin, line);) continue;
+  std::_Exit(0);
+}
