@@ -36,7 +36,7 @@ int WSPAPI SelectMessages(SOCKET s, HWND window, unsigned int message, long even
 
 sockaddr_in answer{};  // the name that the provider gives
 
-int WSPAPI AnswerName(SOCKET, sockaddr* name, LPINT size, LPINT) {
+int WSPAPI AnswerWithName(SOCKET, sockaddr* name, LPINT size, LPINT) {
   if (name != nullptr) {
     std::memcpy(name, &answer, std::min(static_cast<std::size_t>(*size), sizeof answer));
   }
@@ -53,8 +53,8 @@ struct MendedEntries : testing::Test {
     select_result = 0;
     tcp.lpWSPEventSelect = SelectEvents;
     tcp.lpWSPAsyncSelect = SelectMessages;
-    tcp.lpWSPGetSockName = AnswerName;
-    tcp.lpWSPGetPeerName = AnswerName;
+    tcp.lpWSPGetSockName = AnswerWithName;
+    tcp.lpWSPGetPeerName = AnswerWithName;
     tcp.lpWSPIoctl = Control;
     HookBlockingModes(&table);
     HookRelayedNames(&table);

@@ -60,7 +60,6 @@ using Events = std::vector<std::string>;
 // Like one that finds no room, it is known to nobody, and may be added again.
 TEST_F(SocketSetsTest, ASocketThatThereIsNoMemoryForIsNotPolled) {
   const SOCKET s = Ready();
-  Recorder recorder;
   {
     const test::OutOfMemory none;
     sets.Add(s, &recorder);
