@@ -50,6 +50,7 @@ bool NodeLink::Open() noexcept {
             on_trial_ ? "[UDP] UdpSwitchRemoteSession::Init ioctlsocket , error=%d, token=%u"
                       : "[UDP] UdpRemoteSession::Init ioctlsocket , error=%d, token=%u",
             error, flow_.token);
+    waits_to_read_ = true;
   }
   return true;
 }
@@ -62,6 +63,7 @@ void NodeLink::Discard() noexcept {
 void NodeLink::Adopt(NodeLink* other) noexcept {
   sock_ = std::exchange(other->sock_, kGivenAway);
   info_ = other->info_;
+  waits_to_read_ |= other->waits_to_read_;  // the flow still reads the socket that faces the game
   blocked_.splice(blocked_.end(), other->blocked_);
 }
 

@@ -102,6 +102,9 @@ class NodeLink {
   // Reads the socket's next datagram into `buffer`. False if there is none; *error says why.
   bool ReadPackage(SOCKET socket, DatagramBuffer* buffer, UdpPackage* package,
                    int* error) const noexcept;
+  // Guard: after the first datagram of a pass another read of a socket that could not be made
+  // non-blocking would stop the worker until something arrives.
+  bool WaitsToRead() const noexcept { return waits_to_read_; }
   bool IsFromNode(const UdpPackage& package) const noexcept {
     return SameAddress(package.addr, info_.data_addr);
   }
@@ -120,6 +123,7 @@ class NodeLink {
   const UdpFlow& flow_;
   const bool on_trial_;
   SOCKET sock_ = INVALID_SOCKET;
+  bool waits_to_read_ = false;
   AcclLinkInfo info_;
   u64 nego_start_ms_ = 0;    // of the last request, in milliseconds since 1970
   u32 nego_elapsed_ms_ = 0;  // since then, by the timer

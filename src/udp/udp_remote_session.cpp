@@ -129,14 +129,14 @@ void UdpRemoteSession::Read(SOCKET socket, bool to_the_end) noexcept {
     } else {
       HandleRemotePacket(package);
     }
-    if (!to_the_end && pace_.IsEnough(++count)) return;
+    if (link_.WaitsToRead() || (!to_the_end && pace_.IsEnough(++count))) return;
   }
   pace_.Note(count);
   if (state_ == UdpState::kNegotiating) LeaveIfUnreachable(socket, static_cast<u32>(error));
 }
 
 void UdpRemoteSession::ReadRest() noexcept {
-  if (pace_.MayHaveLeft()) Read(local_sock_, true);
+  if (pace_.MayHaveLeft() && !link_.WaitsToRead()) Read(local_sock_, true);
 }
 
 void UdpRemoteSession::HandleGamePacket(const UdpPackage& package) noexcept {

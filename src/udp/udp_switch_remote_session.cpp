@@ -172,6 +172,7 @@ void UdpSwitchRemoteSession::OnReadable(SOCKET socket) noexcept {
     } else if (state_ == UdpSwitchState::kVerifying || state_ == UdpSwitchState::kVerified) {
       HandleAcclRecv(package);
     }
+    if (link_.WaitsToRead()) return;
   }
   if (state_ == UdpSwitchState::kNegotiating &&
       link_.IsUnreachable(socket, static_cast<u32>(error))) {

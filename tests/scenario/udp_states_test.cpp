@@ -101,6 +101,23 @@ SCENARIO_F(UdpStates, AnUnknownSenderOfADirectFlowKeepsItsAddress) {
   EXPECT_EQ(came.from, "198.51.100.66:6666");
 }
 
+// --- a socket that stays blocking ---------------------------------------------------------------
+
+// The worker would wait in it, and with it every other flow and connection.
+SCENARIO_F(UdpStates, ASocketThatStaysBlockingHoldsUpNoOtherFlow) {
+  Starts();
+  const SOCKET other = Udp();
+  EXPECT_EQ(Talks(other, "before"), "before from 198.51.100.10:27015");
+  const SOCKET s = Udp();
+  port::FailCall("WSPIoctl", 1, WSAENOBUFS);
+  EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
+  EXPECT_TRUE(Logged("[UDP] UdpRemoteSession::Init ioctlsocket , error=10055"));
+  EXPECT_EQ(Talks(other, "after"), "after from 198.51.100.10:27015");
+  EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
+  EXPECT_EQ(closesocket(s), 0);
+  EXPECT_EQ(Talks(other, "at the end"), "at the end from 198.51.100.10:27015");
+}
+
 // --- lengths ----------------------------------------------------------------------------------
 
 SCENARIO_F(UdpStates, AnEmptyDatagramWaitsLikeAnyOther) {

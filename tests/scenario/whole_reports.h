@@ -38,7 +38,7 @@ class ReportReader {
     });
     Drain(client_.failures, kNegotiationResultChannel, [](const NegRetRecord& one) {
       CheckGame(one.game_id);
-      CheckGuid(one.guid, sizeof one.guid);
+      CheckGuidOrNone(one.guid, sizeof one.guid);
       CheckText(one.game_ip, sizeof one.game_ip);
       CheckText(one.proxy_ip, sizeof one.proxy_ip);
       EXPECT_TRUE(one.neg_type == 0 || one.neg_type == 1) << one.neg_type;
@@ -46,7 +46,7 @@ class ReportReader {
     });
     Drain(client_.negotiations, kRealNegotiationChannel, [](const RealNegoRecord& one) {
       CheckGame(one.game_id);
-      CheckGuid(one.guid, sizeof one.guid);
+      CheckGuidOrNone(one.guid, sizeof one.guid);
       CheckNode(one.proxy_ip, sizeof one.proxy_ip);
     });
     Drain(client_.switches, kRecoverySwitchChannel, [](const RecoverySwitchRecord& one) {
@@ -84,6 +84,10 @@ class ReportReader {
     CheckText(guid, size);
     EXPECT_EQ(std::strlen(guid), 36u) << guid;
   }
+  // A node on trial has no flow yet.
+  static void CheckGuidOrNone(const char* guid, size_t size) {
+    if (guid[0] != '\0') CheckGuid(guid, size);
+  }
   static void CheckNode(const char* ip, size_t size) {
     CheckText(ip, size);
     const std::string text = ip;
@@ -101,7 +105,8 @@ class ReportReader {
   // Of one of the library's sockets under one node. Two attempts for one connection of the game, at
   // one node, have one GUID.
   struct Traffic {
-    unsigned sent = 0, received = 0, ends = 0;
+    unsigned sent = 0, received = 0;
+    bool has_ended = false;
   };
   void CheckTraffic(const moru_vyr::lsp::CommInfoRecord& one) {
     CheckGame(one.game_id);
@@ -112,10 +117,17 @@ class ReportReader {
     Traffic& before = traffic_[std::string(one.guid_str) + " by " + one.proxy_ip + " since " +
                                std::to_string(one.create_tick)];
     SCOPED_TRACE(one.guid_str);
-    EXPECT_EQ(before.ends, 0u) << "a report after the last one";
+    if (before.has_ended) {
+      // Kept: last reports are written before those of the open sockets, which may have been noted
+      // earlier.
+      EXPECT_EQ(one.ended, 0u) << "a second last report";
+      EXPECT_LE(one.total_sent_bytes, before.sent);
+      EXPECT_LE(one.total_recv_bytes, before.received);
+      return;
+    }
     EXPECT_GE(one.total_sent_bytes, before.sent);
     EXPECT_GE(one.total_recv_bytes, before.received);
-    before = {one.total_sent_bytes, one.total_recv_bytes, before.ends + one.ended};
+    before = {one.total_sent_bytes, one.total_recv_bytes, one.ended != 0};
   }
 
   test::ReportClient& client_;

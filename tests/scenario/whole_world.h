@@ -169,6 +169,7 @@ class WholeWorld : public EarlyClient, public Swarm<ConfiguredWorld> {
   size_t base_sockets_ = 0, base_views_ = 0;
   std::map<uintptr_t, std::string> base_objects_;  // the open handles
   bool worker_is_ended_ = false, reporter_is_ended_ = false, game_thread_is_ended_ = false;
+  bool timers_may_rest_ = false;  // until the tick counter has caught up, which takes seven weeks
   bool is_over_ = false;
 };
 
