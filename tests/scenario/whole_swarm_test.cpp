@@ -16,7 +16,7 @@ namespace {
 using namespace whole_test;  // NOLINT
 using test::Kept;
 
-constexpr unsigned kUsualSeeds = 7;
+constexpr unsigned kUsualSeeds = 20;
 constexpr uint32_t kSetUpMs = 38'000;  // before the play begins, nearly
 constexpr unsigned kMostRuns = 150;    // to reduce one list
 

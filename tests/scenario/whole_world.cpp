@@ -436,7 +436,7 @@ void WholeWorld::Read(Talker* talker) {
   Said& one = said_[NumberIn(text, 1, kIdSize)];
   ++one.answered;
   // Kept: a datagram that is alone of its length gets the address that waits, also where that is
-  // another's.
+  // another's; and a receive that completes late names the relay.
   if (!IsMended()) return;
   EXPECT_TRUE(text == AnswerTo(one.text, one.to())) << "changed: " << text.substr(0, 60);
   EXPECT_EQ(from, one.to()) << text.substr(0, 60);
