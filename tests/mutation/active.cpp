@@ -17,8 +17,8 @@ unsigned FromEnvironment() noexcept {
 
 std::atomic<unsigned char>* Notes() noexcept {
   if (std::getenv("VYR_MUTANTS_REACHED") == nullptr) return nullptr;
-  void* const notes = ::mmap(nullptr, kMostMutants, PROT_READ | PROT_WRITE,
-                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void* const notes =
+      ::mmap(nullptr, kMostMutants, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   return notes != MAP_FAILED ? static_cast<std::atomic<unsigned char>*>(notes) : nullptr;
 }
 
