@@ -78,20 +78,20 @@ Event Flow::Describe(const char* name) const {
 }
 
 Impairment ImpairmentOf(const Behaviour& behaviour, Flow::LaneName lane) {
-  using B = Behaviour;
+  using Of = Behaviour;
   switch (lane) {
     case Flow::kDataUp:
-      return From(behaviour, &B::data_up_delay_ms, &B::data_up_jitter_ms, &B::data_up_loss,
-                  &B::data_up_duplicate, &B::data_up_reorder);
+      return From(behaviour, &Of::data_up_delay_ms, &Of::data_up_jitter_ms, &Of::data_up_loss,
+                  &Of::data_up_duplicate, &Of::data_up_reorder);
     case Flow::kDataDown:
-      return From(behaviour, &B::data_down_delay_ms, &B::data_down_jitter_ms, &B::data_down_loss,
-                  &B::data_down_duplicate, &B::data_down_reorder);
+      return From(behaviour, &Of::data_down_delay_ms, &Of::data_down_jitter_ms, &Of::data_down_loss,
+                  &Of::data_down_duplicate, &Of::data_down_reorder);
     case Flow::kProbeUp:
-      return From(behaviour, &B::probe_up_delay_ms, &B::probe_up_jitter_ms, &B::probe_up_loss,
-                  &B::probe_up_duplicate, &B::probe_up_reorder);
+      return From(behaviour, &Of::probe_up_delay_ms, &Of::probe_up_jitter_ms, &Of::probe_up_loss,
+                  &Of::probe_up_duplicate, &Of::probe_up_reorder);
     case Flow::kProbeDown:
-      return From(behaviour, &B::probe_down_delay_ms, &B::probe_down_jitter_ms, &B::probe_down_loss,
-                  &B::probe_down_duplicate, &B::probe_down_reorder);
+      return From(behaviour, &Of::probe_down_delay_ms, &Of::probe_down_jitter_ms,
+                  &Of::probe_down_loss, &Of::probe_down_duplicate, &Of::probe_down_reorder);
     default:
       return {.delay_ms = static_cast<u32>(behaviour.hop_delay_ms),
               .loss = static_cast<u32>(behaviour.hop_loss)};
