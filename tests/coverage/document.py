@@ -70,7 +70,7 @@ def markdown(tree, files, verdict):
 Which lines and branches of `src/` the unit tests, the scenarios, the races and the corpora of the fuzz
 targets run together, counted by clang. A line of brackets alone does not count, and neither does an
 exception's way out of a call. A condition has two branches: true and false.
-[tests/coverage](../tests/coverage/README.md) says how it is measured and what is counted.
+`tests/coverage/README.md` says how it is measured and what is counted.
 
 Measured on {datetime.date.today().isoformat()} at {commit} with `scripts/coverage.sh --keep`. The goals are
 {GOALS['lines']:.0f} % of the lines and {GOALS['branches']:.0f} % of the branches.
@@ -79,7 +79,7 @@ Measured on {datetime.date.today().isoformat()} at {commit} with `scripts/covera
 | --- | --: | --: | --: | --: |
 {table}
 
-{len(verdict.reasons)} lines are listed in [tests/coverage/uncovered.toml](../tests/coverage/uncovered.toml) as not run,
+{len(verdict.reasons)} lines are listed in `tests/coverage/uncovered.toml` as not run,
 each with its reason. `scripts/coverage.sh` fails if a line does not run and is not on the list, or is on
 the list and runs. `scripts/coverage.sh --html DIR` shows every line and branch.
 """

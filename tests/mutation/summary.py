@@ -4,7 +4,7 @@ STATUSES = ("killed", "equivalent", "survived", "not reached", "not judged")
 
 HEAD = """# Mutants
 
-`scripts/mutate.sh --write` makes this page of its results; [its README](../tests/mutation/README.md) says what
+`scripts/mutate.sh --write` makes this page of its results; `tests/mutation/README.md` says what
 a mutant is. *Survived* and *not reached* are those that still need a test or a reason, *not judged* those that
 no run has come to. The judges were {judges}.
 

@@ -4,6 +4,7 @@ lacks what SPDX 2.3 requires is refused."""
 import copy
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -11,7 +12,8 @@ import tempfile
 import types
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
+TREE = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(TREE / "scripts"))
 import release_parts  # noqa: E402
 
 
@@ -72,6 +74,18 @@ class Release(Staged):
         folder = self.stage("one", ("docs/a.md",))
         (folder / "README.md").write_text("[a](docs/a.md#part), [b](docs), [c](https://example.com/c), [d](docs/d.md)")
         self.assertEqual(list(release_parts.broken_links(folder)), ["README.md links to docs/d.md"])
+
+    def test_the_documents_of_this_tree_link_only_to_what_is_released(self):
+        installed = (TREE / "cmake/install.cmake").read_text(encoding="utf-8")
+        documents = re.search(r"GLOB documents CONFIGURE_DEPENDS (.*?)\)", installed)[1].split()
+        rows = [(words.split(), to) for words, to in re.findall(r"install\(FILES ([^$]*?) DESTINATION (\S+)\)", installed)]
+        for patterns, to in [*rows, (documents, "docs")]:
+            for path in (path for pattern in patterns for path in TREE.glob(pattern)):
+                target = self.folder / "stage" / to / path.name
+                target.parent.mkdir(parents=True, exist_ok=True)
+                shutil.copy(path, target)
+        self.assertTrue((self.folder / "stage/docs/wire.md").exists())
+        self.assertEqual(list(release_parts.broken_links(self.folder / "stage")), [])
 
     def test_sums_are_those_that_sha256sum_checks(self):
         folder = self.stage("one", ("a",))
