@@ -435,10 +435,13 @@ void WholeWorld::Read(Talker* talker) {
   }
   Said& one = said_[NumberIn(text, 1, kIdSize)];
   ++one.answered;
+  const std::string head = text.substr(0, text.find('|'));
+  const std::string named = head.substr(std::min(head.size(), kIdSize + 2));
+  EXPECT_TRUE(text == AnswerTo(one.text, named)) << "changed: " << text.substr(0, 60);
   // Kept: a datagram that is alone of its length gets the address that waits, also where that is
   // another's; and a receive that completes late names the relay.
   if (!IsMended()) return;
-  EXPECT_TRUE(text == AnswerTo(one.text, one.to())) << "changed: " << text.substr(0, 60);
+  EXPECT_EQ(named, one.to()) << "misled: " << text.substr(0, 60);
   EXPECT_EQ(from, one.to()) << text.substr(0, 60);
 }
 
