@@ -43,7 +43,7 @@ Scratch& ThreadScratch() {
 
 // Callers often pass the same handles in two sets, in the same order. One lookup and one poll then
 // serve both.
-int Resolve(Set* set, const Set& reads, SelectedSockets* sockets) {
+int Resolve(Set* set, const Set& reads, const SocketFinder& finder, SelectedSockets* sockets) {
   if (!set->handles) return 0;
   if (set->handles->fd_count > FD_SETSIZE) return WSAEINVAL;
   for (u_int i = 0; i < set->handles->fd_count; ++i) {
@@ -52,7 +52,7 @@ int Resolve(Set* set, const Set& reads, SelectedSockets* sockets) {
       set->wanted.push_back({reads.wanted[i].socket, set->events, i});
       continue;
     }
-    SocketRef socket = FindSocket(handle);
+    SocketRef socket = finder.Find(handle);
     if (!socket) return WSAENOTSOCK;
     set->wanted.push_back({socket.get(), set->events});
     sockets->push_back(std::move(socket));
@@ -78,10 +78,7 @@ short Pollable(Socket& socket, short events) {
 }
 
 bool ReadyByState(Socket& socket, short events) {
-  if (!socket.stream()) {
-    std::lock_guard hold(socket.lock);
-    return events == POLLIN && socket.pending_error != 0;
-  }
+  if (!socket.stream()) return events == POLLIN && socket.pending_error != 0;
   return events == POLLPRI && SettleConnect(socket) == Socket::Connect::kFailed;
 }
 
@@ -111,8 +108,9 @@ class Selection {
   const SelectedSockets& sockets() const { return scratch_.sockets; }
 
   int ResolveAll() {
+    const SocketFinder finder;
     for (Set& set : sets_)
-      if (int error = Resolve(&set, sets_[0], &scratch_.sockets)) return error;
+      if (int error = Resolve(&set, sets_[0], finder, &scratch_.sockets)) return error;
     bool any = false;
     for (const Set& set : sets_) any = any || !set.wanted.empty();
     return any ? 0 : WSAEINVAL;

@@ -152,7 +152,7 @@ int SendDatagram(Socket& socket, Vectors& vectors, int flags, const sockaddr* to
   while (true) {
     const ssize_t put = PutDatagram(socket.fd, &vectors, flags, to);
     if (put >= 0) {
-      socket.bound = true;  // sending binds the socket
+      if (!socket.bound) socket.bound = true;  // sending binds the socket
       *sent = static_cast<DWORD>(put);
       return 0;
     }

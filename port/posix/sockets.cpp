@@ -33,8 +33,10 @@ class SocketTable {
     return s;
   }
 
-  SocketRef Find(SOCKET s) {
-    std::shared_lock hold(lock_);
+  std::shared_mutex& lock() { return lock_; }
+
+  // Under the lock.
+  SocketRef Find(SOCKET s) const {
     auto at = sockets_.find(s);
     return at == sockets_.end() ? nullptr : at->second;
   }
@@ -117,7 +119,13 @@ Socket::~Socket() { ::close(fd); }
 
 void ReuseSocketHandles(bool at_once) { SocketTable::Instance().SetReuse(at_once); }
 
-SocketRef FindSocket(SOCKET s) { return SocketTable::Instance().Find(s); }
+SocketFinder::SocketFinder() { SocketTable::Instance().lock().lock_shared(); }
+
+SocketFinder::~SocketFinder() { SocketTable::Instance().lock().unlock_shared(); }
+
+SocketRef SocketFinder::Find(SOCKET s) const { return SocketTable::Instance().Find(s); }
+
+SocketRef FindSocket(SOCKET s) { return SocketFinder().Find(s); }
 
 SOCKET AddSocket(SocketRef socket) { return SocketTable::Instance().Add(std::move(socket)); }
 

@@ -73,6 +73,18 @@ class Selecting {
 void ReuseSocketHandles(bool at_once);
 
 SocketRef FindSocket(SOCKET s);  // null: not a socket
+
+// Finds many sockets under one lock. While it lives, no socket is opened or closed.
+class SocketFinder {
+ public:
+  SocketFinder();
+  ~SocketFinder();
+  SocketFinder(const SocketFinder&) = delete;
+  SocketFinder& operator=(const SocketFinder&) = delete;
+
+  SocketRef Find(SOCKET s) const;
+};
+
 SOCKET AddSocket(SocketRef socket);
 
 int OpenSocket(int family, int type, int protocol, SOCKET* out);
