@@ -1,4 +1,15 @@
-# GoogleTest is built from Debian's source package, so that it has this build's flags.
+# The system's own GoogleTest where it serves: it was compiled for this machine, and the sanitizers of memory
+# and of undefined behaviour do not ask whether a library is instrumented.
+if(NOT WIN32 AND NOT VYR_SANITIZE MATCHES "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  find_package(GTest CONFIG QUIET)
+  if(TARGET GTest::gmock_main)
+    add_library(vyr_gtest INTERFACE)
+    target_link_libraries(vyr_gtest INTERFACE GTest::gmock_main)
+    return()
+  endif()
+endif()
+
+# Otherwise it is built from Debian's source package, with this build's compiler and flags.
 set(VYR_GTEST_ROOT /usr/src/googletest CACHE PATH "GoogleTest's sources")
 if(NOT EXISTS ${VYR_GTEST_ROOT}/googletest/src/gtest-all.cc)
   message(FATAL_ERROR "no GoogleTest sources in ${VYR_GTEST_ROOT}: run scripts/setup.sh")

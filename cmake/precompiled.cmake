@@ -1,21 +1,15 @@
 # What nearly every source includes, parsed once for a target of several units. A file still includes what it
-# uses: the fuzz preset and scripts/lint read src/ without these.
+# uses: scripts/lint reads each file of src/ by itself and without these.
 set(VYR_STANDARD_HEADERS <algorithm> <array> <atomic> <cstddef> <cstdint> <cstdio> <cstring>
   <functional> <map> <memory> <mutex> <new> <optional> <set> <span> <string> <string_view> <utility>
   <vector>)
 set(VYR_PLATFORM_HEADERS <winsock2.h> <windows.h> <ws2spi.h>)
 
 # The files of one folder are compiled together: what they include and instantiate costs far more than
-# they do themselves. So they share one anonymous namespace. The fuzz preset compiles each file of the
-# product by itself, which shows that it includes what it uses.
+# they do themselves. So they share one anonymous namespace.
 option(VYR_JOIN_FOLDERS "compile each folder as one unit" ON)
-option(VYR_JOIN_PRODUCT "also those of src/ and port/" ON)
 function(vyr_join_by_folder target)
-  set(join ${VYR_JOIN_FOLDERS})
-  if(target MATCHES "^(vyr_core|port)$")
-    set(join ${VYR_JOIN_PRODUCT})
-  endif()
-  set_target_properties(${target} PROPERTIES UNITY_BUILD ${join} UNITY_BUILD_MODE GROUP)
+  set_target_properties(${target} PROPERTIES UNITY_BUILD ${VYR_JOIN_FOLDERS} UNITY_BUILD_MODE GROUP)
   foreach(source ${ARGN})
     if(source MATCHES "cpp$")
       get_filename_component(folder ${source} DIRECTORY)

@@ -2,11 +2,12 @@
 
 performance.md.in has the words. A line `{{table BENCH WORD}}` becomes the rows of BENCH that have WORD in
 their name, `{{calls BENCH}}` the times of calls, `{{added}}` the delay that each way adds at a game's
-pace, `{{machine}}` a sentence about the machine and the run."""
+pace, `{{goals}}` what was wanted and what was reached, `{{machine}}` a sentence about the machine and the run."""
 
 import pathlib
 import re
 
+import goals
 import pictures
 
 TEMPLATE = pathlib.Path(__file__).with_name("performance.md.in")
@@ -92,8 +93,14 @@ def added(results):
     return "\n".join(lines)
 
 
-def at(of, wanted):
-    return next(us for share, us in of["us"] if share == wanted)
+def wanted(results):
+    """The goals, and how far each is reached."""
+    lines = [cells(["", "ways", "wanted", "measured", "short by"]), cells(["---", "---", "--:", "--:", "--:"])]
+    return "\n".join([*lines, *(cells(line) for line in goals.lines(results))])
+
+
+def at(of, share_wanted):
+    return next(us for share, us in of["us"] if share == share_wanted)
 
 
 def figure(value):
@@ -110,4 +117,5 @@ def in_order(names):
     return list(dict.fromkeys(names))
 
 
-FILLERS = {"table": table, "calls": calls, "share": share, "added": added, "machine": machine}
+FILLERS = {"table": table, "calls": calls, "share": share, "added": added, "goals": wanted,
+           "machine": machine}  # fmt: skip

@@ -15,7 +15,7 @@ constexpr DWORD kInitPollMs = 10;
 constexpr DWORD kStopWaitMs = 200;
 constexpr DWORD kReportingStopWaitMs = 5000;  // 2500 ms to deliver, 2000 ms of the Tracker's
 constexpr u32 kSparePlaces = 8;               // for sockets on their way that were promised room
-constexpr long kPassTimeUs = 20000;           // bounds the idle latency of every timer
+constexpr u32 kPassTimeMs = 20;               // bounds the idle latency of every timer
 constexpr u32 kUpdateIntervalMs = 30;
 constexpr int kFlushPasses = 2;  // after a stop, for the providers to flush
 // How long to go on while servers are owed data: enough for two nodes that do not answer.
@@ -179,7 +179,6 @@ void RelayMgr::UninitProviders() noexcept {
 }
 
 void RelayMgr::Loop() noexcept {
-  const timeval pass_time{0, kPassTimeUs};
   int passes_left = kFlushPasses;
   u32 stopped = 0;
   delivers_ = false;
@@ -191,7 +190,7 @@ void RelayMgr::Loop() noexcept {
       if (passes_left > 0) --passes_left;
     }
     int error = 0;
-    if (sockets_.Poll(pass_time, &error) == SOCKET_ERROR) {
+    if (sockets_.Poll(PassTime(last_update), &error) == SOCKET_ERROR) {
       LSP_LOG(0, "RelayMgr::WorkerProc select return error = %u", static_cast<u32>(error));
       if (error == WSANOTINITIALISED || error == WSAEFAULT || error == WSAENETDOWN) return;
     }
@@ -210,13 +209,21 @@ bool RelayMgr::KeepDelivering(u32 stopped) noexcept {
   return true;
 }
 
+// As long as select may wait, which is less where an update was asked for.
+timeval RelayMgr::PassTime(u32 last_update) const noexcept {
+  const u32 passed = GetTickCount() - last_update;
+  const u32 left = update_within_ms_ > passed ? update_within_ms_ - passed : 0;
+  return {0, static_cast<decltype(timeval::tv_usec)>(std::min(kPassTimeMs, left) * 1000)};
+}
+
 // Kept: where the sum wraps or the counter has, the updates come at every pass, or pause until the
 // counter has climbed back.
 void RelayMgr::OnTimer(u32* last_update) noexcept {
   const u32 now = GetTickCount();
   GetTracker().OnTimer(now);
-  if (now <= *last_update + kUpdateIntervalMs) return;
   const u32 elapsed = now - *last_update;
+  if (now <= *last_update + kUpdateIntervalMs && elapsed < update_within_ms_) return;
+  update_within_ms_ = kNoUpdateAskedFor;
   udp_provider_.OnUpdate(elapsed);
   if (!delivers_) tcp_provider_.OnUpdate(elapsed);
   GetRoute()->OnUpdate(elapsed);

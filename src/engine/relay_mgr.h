@@ -10,6 +10,7 @@
 #pragma once
 #include <winsock2.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 
@@ -82,11 +83,16 @@ class RelayMgr final : public IRelaySocketMgr {
   void StopReading(SOCKET socket) noexcept override;
   void ResumeReading(SOCKET socket) noexcept override;
   bool HasRoom(u32 sockets) const noexcept override;
+  void UpdateWithin(u32 ms) noexcept override {
+    update_within_ms_ = std::min(update_within_ms_, ms);
+  }
   IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;
   // A new token: 1, 2, 3 … over the life of the process.
   u32 NextToken() noexcept override;
 
  private:
+  static constexpr u32 kNoUpdateAskedFor = 0xFFFFFFFF;
+
   static DWORD WINAPI WorkerThread(LPVOID self) noexcept;
   bool IsSettled() const noexcept;
   bool IsRunning() const noexcept;
@@ -97,6 +103,7 @@ class RelayMgr final : public IRelaySocketMgr {
   void UninitProviders() noexcept;
   void BuryWorker() noexcept;
   void OnTimer(u32* last_update) noexcept;
+  timeval PassTime(u32 last_update) const noexcept;
   // After a stop at that tick: whether the loop goes on to deliver what servers are owed.
   bool KeepDelivering(u32 stopped) noexcept;
 
@@ -111,6 +118,7 @@ class RelayMgr final : public IRelaySocketMgr {
   std::atomic<bool> thread_left_{true};  // the thread has come to the end of its function
   std::atomic<bool> buried_{false};      // a worker was terminated in the middle of its work
   bool delivers_ = false;                // the worker only waits for what servers are owed
+  u32 update_within_ms_ = kNoUpdateAskedFor;  // of the last one
 
   common::Mutex init_lock_;  // one thread starts the worker; held while it waits for it
   std::atomic<u32> last_token_{0};

@@ -36,7 +36,8 @@ LinkTrouble FindTrouble(const LinkFigures& figures, const RecoverySwitchConfig& 
 }
 
 LinkWatch::LinkWatch()
-    : by_answers_(GetMending().JudgesByAnswers()), probes_(&judge_, by_answers_) {}
+    : by_answers_(GetMending().JudgesByAnswers()),
+      probes_(&judge_, by_answers_, GetMending().ProbesOnTime()) {}
 
 void LinkWatch::Start(const SpeedTestParam& param, std::string_view guid, const AccInfo& acc_info,
                       const ClientInfo& client_info, bool on_trial) noexcept {

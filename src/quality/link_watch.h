@@ -52,6 +52,10 @@ class LinkWatch {
 
   // The timer's step. `probing` is whether probes may be sent; the same in each repeated call.
   LinkRequest OnUpdate(u32 elapsed_ms, bool probing) noexcept;
+  // After it, while probing: in how many milliseconds the next one should come, if the timer's
+  // would be late.
+  static constexpr u32 kNotDue = RealRouteSpeedTest::kNotDue;
+  u32 DueInMs() const noexcept { return probes_.DueInMs(); }
 
   // Whether the datagram is the answer to a probe, which must then be passed to OnReply.
   bool ReadReply(const u8* data, u32 len, ProbeReply* reply) noexcept {

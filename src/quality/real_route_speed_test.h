@@ -45,10 +45,14 @@ struct ProbeReply {
 
 class RealRouteSpeedTest {
  public:
-  // Its windows read the configuration of the process. `by_answers`: see Mending::JudgesByAnswers.
-  explicit RealRouteSpeedTest(RecoverySwitch* judge, bool by_answers = false)
+  static constexpr u32 kNotDue = 0xFFFFFFFF;
+
+  // Its windows read the configuration of the process. `by_answers`: see Mending::JudgesByAnswers,
+  // `on_time`: see Mending::ProbesOnTime.
+  explicit RealRouteSpeedTest(RecoverySwitch* judge, bool by_answers = false, bool on_time = false)
       : judge_(*judge),
         by_answers_(by_answers),
+        on_time_(on_time),
         recent_cycle_{RealRouteRecentCycleData(by_answers), RealRouteRecentCycleData(by_answers)} {}
   RealRouteSpeedTest(const RealRouteSpeedTest&) = delete;
   RealRouteSpeedTest& operator=(const RealRouteSpeedTest&) = delete;
@@ -63,6 +67,8 @@ class RealRouteSpeedTest {
   // or once the burst's answers have decided; then it must be called again in the same step of the
   // timer.
   bool StepSpeedTest() noexcept;
+  // In how many milliseconds the next step of a burst is due; kNotDue where the timer's will do.
+  u32 DueInMs() const noexcept;
   // Whether the datagram was the answer to a probe; any other is data, even if it is marked as a
   // probe.
   bool ReadReply(const u8* data, u32 len, ProbeReply* reply) noexcept;
@@ -79,8 +85,10 @@ class RealRouteSpeedTest {
  private:
   void ReadConfig() noexcept;
   // A probe of a burst leaves at the step of the timer that is nearest to its time, where bursts
-  // are judged by their answers; elsewhere at the first one after it.
+  // are judged by their answers; elsewhere at the first one after it. There is one at its time if
+  // it is asked for.
   u32 EarlyMs() const noexcept {
+    if (on_time_) return 1;
     return by_answers_ ? std::min(20u, high_freq_test_interval_ / 2) : 0;
   }
   bool StepBurst(u32 now) noexcept;
@@ -94,6 +102,7 @@ class RealRouteSpeedTest {
 
   RecoverySwitch& judge_;
   const bool by_answers_;
+  const bool on_time_;
   ProbeBurst burst_;  // of by_answers_ only
   std::optional<bool> burst_lossy_;
   u32 norm_test_interval_ = 0;  // milliseconds, as are all times

@@ -37,6 +37,8 @@ class IRelaySocketMgr {
   virtual void ResumeReading(SOCKET /*socket*/) noexcept {}
   // Whether that many more sockets would be polled. Any thread.
   virtual bool HasRoom(u32 /*sockets*/) const noexcept { return true; }
+  // The next update of the timers comes in that many milliseconds at the latest. Holds once.
+  virtual void UpdateWithin(u32 /*ms*/) noexcept {}
   // The delegate, which is the caller's to delete or to keep; null if there was none.
   virtual IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept = 0;
 

@@ -98,6 +98,8 @@ class Mending {
   bool AcceptsSeveral() const noexcept { return Hastens(); }
   // A datagram socket that has had one datagram at a time is read once a pass.
   bool ReadsAsManyAsExpected() const noexcept { return Hastens(); }
+  // A probe of a burst leaves when it is due, and not at the next update.
+  bool ProbesOnTime() const noexcept { return Hastens(); }
 
   u32 bits() const noexcept { return mended_; }
 

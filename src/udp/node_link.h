@@ -75,6 +75,8 @@ class NodeLink {
   // Starts `watch` on this link and its socket.
   void StartWatch(LinkWatch* watch, const AccDecisionInfo& decision,
                   const ClientInfo& client_info) const noexcept;
+  // Asks the loop for the update that `watch` needs before the timer's.
+  void AskForUpdate(const LinkWatch& watch) const noexcept;
 
   // --- sending; what would block waits for room and counts as an error for the statistics
   // A game datagram, wrapped. False if it is too long to be wrapped, and then nothing is sent.

@@ -8,6 +8,8 @@
 #include "route/mending.h"
 #include "tracker/tracker.h"
 #include "udp/node_link.h"
+#include "udp/udp_provider.h"
+#include "udp/udp_session.h"
 
 namespace moru_vyr::lsp {
 
@@ -86,6 +88,11 @@ void NodeLink::StartWatch(LinkWatch* watch, const AccDecisionInfo& decision,
   flow_.guid.ToString(guid_text, sizeof guid_text);
   watch->Start(param, guid_text, DescribeLink(flow_.remote_addr, decision, info_), client_info,
                on_trial_);
+}
+
+void NodeLink::AskForUpdate(const LinkWatch& watch) const noexcept {
+  const u32 due = watch.DueInMs();
+  if (due != LinkWatch::kNotDue) flow_.session->provider()->SessionMgr()->UpdateWithin(due);
 }
 
 }  // namespace moru_vyr::lsp

@@ -70,6 +70,7 @@ void UdpRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
   while (watch_.OnUpdate(elapsed_ms, probing) == LinkRequest::kSwitch) {
     watch_.SwitchAnswered(FireSwitch(watch_.report()));
   }
+  if (probing) link_.AskForUpdate(watch_);
   if ((left_ms_ += elapsed_ms) >= kLeftLimitMs) EndLeft();
   if (trial_ == nullptr) return;
   if (trial_->IsActive()) {

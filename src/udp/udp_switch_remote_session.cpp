@@ -120,6 +120,7 @@ void UdpSwitchRemoteSession::OnUpdate(u32 elapsed_ms) noexcept {
        (verdict = watch_.OnUpdate(elapsed_ms, probing)) != LinkRequest::kNone;) {
     NotifyVerifyResult(verdict == LinkRequest::kAccept);
   }
+  if (probing) link_.AskForUpdate(watch_);
   if (parent_.StartsAnewAfterSwitch() && IsOverdue(elapsed_ms)) {
     link_.SendEnd();
     NotifyVerifyResult(false);

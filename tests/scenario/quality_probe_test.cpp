@@ -52,7 +52,7 @@ class Probes : public sim::ScenarioTest {
   void Start(bool on_trial = false) {
     ASSERT_TRUE(link.Start(on_trial));
     // Its windows read the configuration when they are made.
-    probes_ = std::make_unique<RealRouteSpeedTest>(&link.judge);
+    probes_ = std::make_unique<RealRouteSpeedTest>(&link.judge, by_answers, on_time);
     on_trial_ = on_trial;
     SpeedTestParam param;
     param.socket = link.socket;
@@ -122,7 +122,8 @@ class Probes : public sim::ScenarioTest {
   }
   u8 answer_[sizeof(SpeedTestPackage)] = {};
   test::LinkJudge link{0};
-  std::vector<bool> verdicts;  // on a link on trial: passed
+  bool by_answers = false, on_time = false;  // as the client asks; before Start
+  std::vector<bool> verdicts;                // on a link on trial: passed
 
  private:
   SOCKET node_;
@@ -331,6 +332,52 @@ SCENARIO_F(Probes, ABurstSendsItsProbesAndIsThenJudged) {
   EXPECT_TRUE(Arrived().empty());  // back to the normal pace
   Run(1);
   EXPECT_EQ(Arrived().size(), 1u);
+}
+
+SCENARIO_F(Probes, WhereTheyKeepTimeTheyLeaveWhenTheyAreDue) {
+  constexpr u32 kNotDue = RealRouteSpeedTest::kNotDue;
+  on_time = true;
+  Start();
+  Run(602);
+  Arrived();
+  EXPECT_EQ(probes().DueInMs(), kNotDue);  // one by itself can wait
+  EXPECT_EQ(probes().HighFreqTest(), 0);
+  EXPECT_EQ(probes().DueInMs(), 60u);
+  Run(60);
+  EXPECT_EQ(Arrived().size(), 1u);
+  Sleep(75);
+  EXPECT_EQ(probes().DueInMs(), 1u);  // late
+  Run(1);                             // at 76
+  EXPECT_EQ(Arrived().size(), 1u);
+  EXPECT_EQ(probes().DueInMs(), 120u - 76) << "made up for";
+  Sleep(200);
+  Run(1);
+  EXPECT_EQ(Arrived().size(), 1u) << "what is later than that is not";
+  EXPECT_EQ(probes().DueInMs(), 60u);
+  Run(60 * 17 - 1);
+  EXPECT_EQ(Arrived().size(), 16u);
+  Run(1);
+  EXPECT_EQ(Arrived().size(), 1u);  // the twentieth
+  EXPECT_EQ(probes().DueInMs(), kNotDue);
+}
+
+SCENARIO_F(Probes, WhereAnswersDecideTheyAreLookedAtSoon) {
+  by_answers = on_time = true;
+  link.config.max_valid_test_delay = 3000;  // until then none of the answers is missing
+  Start();
+  Run(602);
+  EXPECT_EQ(probes().HighFreqTest(), 0);
+  Run(60 * 20);
+  EXPECT_EQ(probes().DueInMs(), 10u);  // the last has left, and the burst is still open
+  probes().Stop();
+  EXPECT_EQ(probes().DueInMs(), RealRouteSpeedTest::kNotDue);
+}
+
+SCENARIO_F(Probes, WhereTheyNeedNotKeepTimeNoneIsDue) {
+  Start();
+  EXPECT_EQ(probes().HighFreqTest(), 0);
+  Run(100);
+  EXPECT_EQ(probes().DueInMs(), RealRouteSpeedTest::kNotDue);
 }
 
 SCENARIO_F(Probes, TheBurstOfAnUnjudgedLinkEndsInAReport) {

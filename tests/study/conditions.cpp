@@ -107,6 +107,9 @@ const std::vector<Settings>& AllSettings() {
        1000, 500},
       {"mended", "as unset, for a client that asks for after-switch and judgement", Unset, 1000, 80,
        moru_vyr::lsp::kMendAfterSwitch | moru_vyr::lsp::kMendJudgement},
+      {"on-time", "as mended, for a client that asks for throughput too", Unset, 1000, 80,
+       moru_vyr::lsp::kMendAfterSwitch | moru_vyr::lsp::kMendJudgement |
+           moru_vyr::lsp::kMendThroughput},
   };
   return all;
 }
