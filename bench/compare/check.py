@@ -8,6 +8,10 @@ half is below the earlier median."""
 def compare(last, now):
     """Prints the comparison. True if nothing got worse."""
     before, after = ratios(last), ratios(now)
+    machines = [results["machine"]["processor"] for results in (last, now)]
+    if machines[0] != machines[1]:
+        print(f"note: the kept run is from another machine ({machines[0]}, this one is {machines[1]}); even ratios "
+              "depend on it")  # fmt: skip
     common = [row for row in before if row in after]
     worse = [row for row in common if got_worse(before[row], after[row])]
     better = [row for row in common if got_worse(after[row], before[row])]

@@ -12,6 +12,7 @@ TREE = pathlib.Path(__file__).resolve().parents[2]
 COMPARE = TREE / "bench" / "compare"
 sys.path.insert(0, str(COMPARE))
 import check  # noqa: E402
+import goals  # noqa: E402
 import measure  # noqa: E402
 import report  # noqa: E402
 
@@ -77,6 +78,14 @@ class WhatIsWorse(unittest.TestCase):
             self.assertIn(f"worse    udp_bench / {row['measure']} / {pair}", ended.stdout)
             self.assertIn(": 1 worse", ended.stdout)
 
+    def test_another_machine_is_named(self):
+        with tempfile.TemporaryDirectory() as folder:
+            now = json.loads((TREE / "bench" / "last.json").read_text())
+            now["machine"]["processor"] = "Another One"
+            path = pathlib.Path(folder, "now.json")
+            path.write_text(json.dumps(now))
+            self.assertIn("this one is Another One", compare("--from", path, "--check").stdout)
+
     def test_the_same_results_are_not_worse(self):
         ended = compare("--from", TREE / "bench" / "last.json", "--check")
         self.assertEqual(ended.returncode, 0, ended.stdout + ended.stderr)
@@ -109,6 +118,25 @@ class Page(unittest.TestCase):
         self.assertIn("**1.015**", text)
         self.assertIn("*Not measured.*", text)
         self.assertNotIn("{{", text)
+
+    def test_a_goal_says_by_how_much_it_is_missed(self):
+        self.assertIn("| 1 flow, game and relay | vyr/nginx | 1.05 | **1.00** (0.90–1.10) | 5 % |",
+                      report.text(TREE, result(1.0, 0.9, 1.1)))  # fmt: skip
+        self.assertIn("| 1 flow, game and relay | vyr/nginx | 1.05 | **1.06** (0.90–1.10) |  |",
+                      report.text(TREE, result(1.06, 0.9, 1.1)))  # fmt: skip
+
+    def test_of_two_opponents_the_stronger_counts(self):
+        results = {"tables": {"tcp_bench": [
+            {"measure": "download, 4 conn.", "unit": "MB/s", "median": {},
+             "ratio": {"vyr+mend/haproxy": 1.5, "vyr+mend/socat": 0.8},
+             "quartiles": {"vyr+mend/haproxy": [1.4, 1.6], "vyr+mend/socat": [0.7, 0.9]}}]}}  # fmt: skip
+        self.assertEqual(list(goals.lines(results)),
+                         [["download, 4 conn.", "vyr+mend/socat", "1.00", "**0.80** (0.70–0.90)", "20 %"]])  # fmt: skip
+
+    def test_growth_is_of_the_same_way(self):
+        rows = [{"measure": f"{flows}, game and relay", "unit": "us", "median": {"vyr": us}, "ratio": {}}
+                for flows, us in (("1 flow", 10.0), ("60 flows", 15.0))]  # fmt: skip
+        self.assertEqual(list(goals.lines({"tables": {"udp_bench": rows}}))[-1][-2:], ["**1.50**", "25 %"])
 
     def test_the_page_in_the_tree_is_that_of_the_results_in_the_tree(self):
         last = json.loads((TREE / "bench" / "last.json").read_text())
