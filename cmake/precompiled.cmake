@@ -1,5 +1,5 @@
 # What nearly every source includes, parsed once for a target of several units. A file still includes what it
-# uses: scripts/lint reads each file of src/ by itself and without these.
+# uses: `scripts/lint --alone` reads each file of src/ by itself and without these.
 set(VYR_STANDARD_HEADERS <algorithm> <array> <atomic> <cstddef> <cstdint> <cstdio> <cstring>
   <functional> <map> <memory> <mutex> <new> <optional> <set> <span> <string> <string_view> <utility>
   <vector>)
