@@ -194,7 +194,7 @@ def main():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("targets", nargs="*", metavar="TARGET", help="all of them if none is named")
     parser.add_argument("--without-client", action="store_true", help="leave out the targets of the client "
-                        "program, whose library takes longer to build than all the rest")
+                        "program, whose library takes minutes to build")
     parser.add_argument("--minutes", type=float, metavar="N", help="how long each target runs (1)")
     parser.add_argument("--jobs", type=int, default=1, metavar="N", help="targets at a time (1)")
     parser.add_argument("--json", metavar="FILE", help="write the table there as well, - for standard output")
