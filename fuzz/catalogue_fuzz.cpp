@@ -3,10 +3,11 @@
 #include <winsock2.h>
 #include <ws2spi.h>
 
-#include <cstdlib>
 #include <vector>
 
+#include "check.h"
 #include "common/process_info.h"
+#include "input.h"
 #include "port/shared/catalogue.h"
 #include "start/catalogue.h"
 #include "start/provider_match.h"
@@ -15,24 +16,8 @@ namespace {
 
 using namespace moru_vyr::lsp;
 
-// Reads the input byte by byte, with zeros after its end.
-class Input {
- public:
-  Input(const unsigned char* data, std::size_t size) : data_(data), size_(size) {}
-  bool empty() const { return size_ == 0; }
-  int Byte() {
-    if (size_ == 0) return 0;
-    --size_;
-    return *data_++;
-  }
-
- private:
-  const unsigned char* data_;
-  std::size_t size_;
-};
-
 // Small numbers, so that ids collide.
-WSAPROTOCOL_INFOW Entry(Input* input) {
+WSAPROTOCOL_INFOW Entry(fuzz::Input* input) {
   WSAPROTOCOL_INFOW entry = {};
   if (input->Byte() % 4 == 0) entry.ProviderId = kLspGuid;
   entry.dwCatalogEntryId = static_cast<DWORD>(input->Byte() % 16);
@@ -49,7 +34,7 @@ WSAPROTOCOL_INFOW Entry(Input* input) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
-  Input input(data, size);
+  fuzz::Input input(data, size);
   WSAPROTOCOL_INFOW in_info = Entry(&input);
   std::vector<WSAPROTOCOL_INFOW> catalogue;
   while (!input.empty() && catalogue.size() < 64) catalogue.push_back(Entry(&input));
@@ -61,6 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   if (!GetProviders(&list, &count)) return 0;
   const GlobalPtr<LspProvider> owner(list);
   const LspProvider* const found = FindMatchingProvider(&in_info, list, count);
-  if (found != nullptr && (found < list || found >= list + count)) std::abort();
+  fuzz::Require(found == nullptr || (found >= list && found < list + count),
+                "a record of our own list");
   return 0;
 }

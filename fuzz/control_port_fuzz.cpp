@@ -4,44 +4,31 @@
 #include <atomic>
 #include <set>
 
-#include "hand_relay.h"
-#include "input.h"
+#include "hand_script.h"
 #include "udp/udp_provider.h"
 
 namespace {
 
 using namespace fuzz;
 
-constexpr int kMostSteps = 48;
-constexpr std::size_t kMostMemory = 4 << 20;
-constexpr std::size_t kMostLeft = 1 << 20;
-
 template <class Message>
 std::string BytesOf(const Message& message) {
   return {reinterpret_cast<const char*>(&message), sizeof message};
 }
 
-class ControlPort {
+class ControlPort : public HandScript {
  public:
-  explicit ControlPort(Input* input) : in_(*input), relay_(0, in_.Byte() % 2 != 0 ? 0 : 6, false) {
-    sockets_before_ = relay_.OpenSockets();
+  explicit ControlPort(Input* input)
+      : HandScript(input, {.mended = 0, .mode = static_cast<u8>(input->Byte() % 2)},
+                   {.steps = 48, .memory = 4 << 20}) {
     game_ = OpenSocket(SOCK_DGRAM, "127.0.0.1", 0);
     elsewhere_ = OpenSocket(SOCK_DGRAM, "127.0.0.2", 0);
     event_ = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     Require(provider_->Init(&relay_.loop, &relay_.route), "the control port");
   }
 
-  void Run() {
-    for (int i = 0; i < kMostSteps && !in_.empty(); ++i) {
-      Step();
-      Require(relay_.loop.delegates.size() == 1 + open_.size(), "one socket for each session");
-      Require(growth_.bytes() < kMostMemory, "the memory of the sessions");
-    }
-    End();
-  }
-
  private:
-  void Step() {
+  void Step() override {
     switch (in_.Byte() % 5) {
       case 0:
         return Say(game_, Open());
@@ -59,6 +46,10 @@ class ControlPort {
         return;
       }
     }
+  }
+
+  void Pump() override {
+    Require(relay_.loop.delegates.size() == 1 + open_.size(), "one socket for each session");
   }
 
   std::string Open() {
@@ -128,7 +119,7 @@ class ControlPort {
     Require(provider_->UseQueue(answer.send_queue(), token + 1) == nullptr, "for this token");
   }
 
-  void End() {
+  void End() override {
     for (const u32 token : std::set<u32>(open_)) {
       Say(game_, BytesOf(ProtoRelayClose::Request(token)));
     }
@@ -138,13 +129,8 @@ class ControlPort {
     closesocket(game_);
     closesocket(elsewhere_);
     CloseHandle(event_);
-    Require(relay_.OpenSockets() == sockets_before_, "no socket stays open");
   }
 
-  Input& in_;
-  HandRelay relay_;
-  Growth growth_;
-  std::size_t sockets_before_ = 0;
   const std::atomic<bool> stopping_{false};
   std::unique_ptr<UdpProvider> provider_ = std::make_unique<UdpProvider>(stopping_);
   SOCKET game_ = INVALID_SOCKET;
@@ -156,10 +142,5 @@ class ControlPort {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
-  SimWorld();
-  const Growth growth;
-  Input input(data, size);
-  ControlPort(&input).Run();
-  Require(growth.bytes() < kMostLeft, "what the control port leaves behind");
-  return 0;
+  return RunScript<ControlPort>(data, size);
 }

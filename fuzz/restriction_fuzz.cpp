@@ -4,22 +4,20 @@
 #include <windows.h>
 #include <winsock2.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "abi/restriction_formats.h"
+#include "check.h"
 #include "common/process_info.h"
 #include "common/text.h"
+#include "input.h"
 #include "route/acc_config.h"
 
 namespace {
 
 using namespace moru_vyr::lsp;
-
-void Require(bool condition) {
-  if (!condition) std::abort();
-}
+using fuzz::Require;
 
 // The region, made by "the client": the handle keeps it alive.
 unsigned char* Region() {
@@ -44,30 +42,24 @@ void Prepare() {
 }
 
 void CheckInstalled(const AccConfig& config) {
-  Require(config.path_count <= std::size(config.game_paths));
-  Require(config.excluded_port_count <= std::size(config.excluded_ports));
-  Require(std::memchr(config.log_path, 0, sizeof config.log_path) != nullptr);
-  Require(std::memchr(config.uin, 0, sizeof config.uin) != nullptr);
-  Require(std::memchr(config.second_path, 0, sizeof config.second_path) != nullptr);
+  Require(config.path_count <= std::size(config.game_paths), "the paths are bounded");
+  Require(config.excluded_port_count <= std::size(config.excluded_ports), "so are the ports");
+  Require(std::memchr(config.log_path, 0, sizeof config.log_path) != nullptr,
+          "the log's path ends");
+  Require(std::memchr(config.uin, 0, sizeof config.uin) != nullptr, "the player's name ends");
+  Require(std::memchr(config.second_path, 0, sizeof config.second_path) != nullptr,
+          "the second path ends");
 }
 
 }  // namespace
 
-// The input is a list of patches: an offset of three bytes, a length of one, the bytes.
+// The input is a list of patches (input.h).
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
   Prepare();
   ReplaceAccConfig(AccConfig{});
-  while (size >= 4) {
-    const std::size_t offset = (data[0] | std::size_t{data[1]} << 8 | std::size_t{data[2]} << 16) %
-                               sizeof(RestrictionRegion);
-    const std::size_t length =
-        std::min({std::size_t{data[3]}, size - 4, sizeof(RestrictionRegion) - offset});
-    std::memcpy(Region() + offset, data + 4, length);
-    data += 4 + length;
-    size -= 4 + length;
-  }
+  fuzz::Input(data, size).Patch(Region(), sizeof(RestrictionRegion));
   const bool served = ReadAccConfig();
-  Require(!served || GetAccConfig()->net_mode != 0);
+  Require(!served || GetAccConfig()->net_mode != 0, "who is served has a mode");
   CheckInstalled(*GetAccConfig());
   return 0;
 }

@@ -8,10 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "hand_relay.h"
-#include "input.h"
+#include "hand_script.h"
 #include "protocol/nego_request.h"
-#include "protocol/nego_response.h"
 #include "stream/tcp_provider.h"
 
 namespace {
@@ -19,10 +17,7 @@ namespace {
 using namespace fuzz;
 
 constexpr u32 kToken = 9;
-constexpr int kMostSteps = 48;
-constexpr std::size_t kMostBytes = 3 << 20;    // of one script: more than a session may hold
-constexpr std::size_t kMostMemory = 32 << 20;  // while it runs, what this target keeps included
-constexpr std::size_t kMostLeft = 1 << 20;     // what the simulation keeps
+constexpr std::size_t kMostBytes = 3 << 20;  // of one script: more than a session may hold
 
 // A connection to a node or to the server.
 struct Far {
@@ -62,14 +57,10 @@ void ResetOnClose(SOCKET s) {
              sizeof linger_now);
 }
 
-class Session {
+class Session : public HandScript {
  public:
   explicit Session(Input* input)
-      : in_(*input),
-        mended_(in_.Word()),
-        mode_(in_.Byte()),
-        relay_(mended_, (mode_ & 1) != 0 ? 0 : 6, (mode_ & 2) != 0) {
-    sockets_before_ = relay_.OpenSockets();
+      : HandScript(input, Setting::From(input), {.steps = 48, .memory = 32 << 20}) {
     for (const u16 port : kNodePorts) listeners_.push_back(Listener("127.0.0.1", port));
     // Where nothing listens, the way is refused.
     if ((mode_ & 4) != 0) Close(&listeners_[0]);
@@ -78,16 +69,6 @@ class Session {
     Require(provider_->Init(&relay_.loop, &relay_.route), "the listener");
     own_ = relay_.loop.delegates.size();
     Connect();
-  }
-
-  void Run() {
-    for (int i = 0; i < kMostSteps && !in_.empty() && Total() < kMostBytes; ++i) {
-      Step();
-      Pump();
-      Require(growth_.bytes() < kMostMemory, "the memory of a session");
-    }
-    if (calm_) ExpectAllArrived();
-    End();
   }
 
  private:
@@ -112,13 +93,13 @@ class Session {
     Pump();
   }
 
-  std::size_t Total() const {
+  bool MayGoOn() const override {
     std::size_t total = game_sent_.size();
     for (const Far& far : fars_) total += far.sent.size();
-    return total;
+    return total < kMostBytes;
   }
 
-  void Step() {
+  void Step() override {
     switch (in_.Byte() % 13) {
       case 0:
         return Turns(in_.Byte() % 16);
@@ -173,18 +154,8 @@ class Session {
 
   // An answer as nodes make it, but for a few bytes, in two pieces.
   void Answers(Far* far) {
-    NegoResponse response;
-    response.Init(in_.Byte() % 5);
-    response.body.result = static_cast<u8>(in_.Byte() / 128 * 3);
-    response.body.client_isp = u32{in_.Byte()} ^ 1;
-    response.body.accl_token = 77;
-    u8 wire[sizeof response];
-    const int size = response.Pack(wire);
-    for (int patches = in_.Byte() % 3; patches > 0; --patches) {
-      const u8 place = in_.Byte();
-      wire[place % sizeof wire] = in_.Byte();
-    }
-    const std::string bytes(reinterpret_cast<const char*>(wire), static_cast<std::size_t>(size));
+    std::string bytes = Packed(AnyAnswer(77));
+    ChangeSome(&bytes);
     const std::size_t cut = in_.Byte() % (bytes.size() + 1);
     FarSends(far, bytes.substr(0, cut));
     if (cut == bytes.size()) return;
@@ -239,7 +210,7 @@ class Session {
   }
 
   // One pass of the relay, then everybody reads.
-  void Pump() {
+  void Pump() override {
     Turns(1);
     for (std::size_t i = 0; i < listeners_.size(); ++i) {
       if (listeners_[i] == INVALID_SOCKET) continue;
@@ -317,7 +288,8 @@ class Session {
     }
   }
 
-  void End() {
+  void End() override {
+    if (calm_) ExpectAllArrived();
     Close(&game_);
     for (Far& far : fars_) Close(&far.s);
     for (SOCKET& s : listeners_) Close(&s);
@@ -325,16 +297,9 @@ class Session {
     Require(relay_.loop.delegates.size() == own_, "no session stays when all have gone");
     provider_->Uninit();
     Require(relay_.loop.delegates.empty());
-    Require(relay_.OpenSockets() == sockets_before_, "no socket stays open");
     provider_.reset();
   }
 
-  Input& in_;
-  const u32 mended_;
-  const u8 mode_;
-  HandRelay relay_;
-  Growth growth_;
-  std::size_t sockets_before_ = 0;
   std::size_t own_ = 0;  // sockets of the provider itself
   std::unique_ptr<TcpProvider> provider_ = std::make_unique<TcpProvider>();
   std::vector<SOCKET> listeners_;  // of the nodes, then of the server
@@ -350,10 +315,5 @@ class Session {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
-  SimWorld();
-  const Growth growth;
-  Input input(data, size);
-  Session(&input).Run();
-  Require(growth.bytes() < kMostLeft, "what a session leaves behind");
-  return 0;
+  return RunScript<Session>(data, size);
 }

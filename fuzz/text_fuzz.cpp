@@ -1,25 +1,23 @@
 // Text and paths: for any bytes, a conversion gives text that converts back, or refuses. A path
 // function never returns text that is not part of its argument.
-#include <cstdlib>
 #include <string>
 
+#include "check.h"
 #include "common/paths.h"
 #include "common/text.h"
 
 namespace {
 
-void Require(bool condition) {
-  if (!condition) std::abort();
-}
+using fuzz::Require;
 
 void CheckConversion(const std::string& text) {
   std::wstring wide;
   std::string back;
   if (!common::u8to16(text, &wide)) {
-    Require(wide.empty());
+    Require(wide.empty(), "a refusal gives nothing");
     return;
   }
-  Require(common::u16to8(wide, &back) && back == text);
+  Require(common::u16to8(wide, &back) && back == text, "it converts back");
 }
 
 void CheckWide(const std::string& bytes) {
@@ -31,15 +29,20 @@ void CheckWide(const std::string& bytes) {
   }
   std::string narrow;
   std::wstring back;
-  if (common::u16to8(wide, &narrow)) Require(common::u8to16(narrow, &back) && back == wide);
+  if (common::u16to8(wide, &narrow)) {
+    Require(common::u8to16(narrow, &back) && back == wide, "wide text, too");
+  }
 }
 
 void CheckPaths(const std::string& path) {
   std::string parent;
   std::string name;
-  if (common::ParentPath(path, &parent)) Require(!parent.empty() && parent.size() <= path.size());
+  if (common::ParentPath(path, &parent)) {
+    Require(!parent.empty() && parent.size() <= path.size(), "a parent is a part of its path");
+  }
   if (common::FileName(path, &name)) {
-    Require(!name.empty() && path.compare(path.size() - name.size(), name.size(), name) == 0);
+    Require(!name.empty() && path.compare(path.size() - name.size(), name.size(), name) == 0,
+            "a name is its end");
   }
 }
 

@@ -13,10 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "hand_relay.h"
-#include "input.h"
+#include "hand_script.h"
 #include "protocol/nego_request.h"
-#include "protocol/nego_response.h"
 #include "protocol/udp_accl_header.h"
 #include "udp/udp_provider.h"
 #include "udp/udp_remote_session.h"
@@ -26,9 +24,6 @@ namespace {
 using namespace fuzz;
 
 constexpr u32 kToken = 9;
-constexpr int kMostSteps = 160;
-constexpr std::size_t kMostMemory = 4 << 20;
-constexpr std::size_t kMostLeft = 1 << 20;
 constexpr std::size_t kHeaderSize = sizeof(UdpAcclHeader);
 
 struct Datagram {
@@ -50,13 +45,6 @@ void SendTo(SOCKET s, const std::string& bytes, const sockaddr_in& to) {
   sendto(s, bytes.data(), static_cast<int>(bytes.size()), 0, Raw(&to), sizeof to);
 }
 
-template <class Record>
-std::string Packed(Record record) {
-  u8 wire[sizeof record];
-  const int size = record.Pack(wire);
-  return {reinterpret_cast<const char*>(wire), static_cast<std::size_t>(size)};
-}
-
 using Source = std::pair<u32, u16>;  // network order
 Source SourceOf(const sockaddr_in& from) {
   return {static_cast<u32>(from.sin_addr.s_addr), from.sin_port};
@@ -71,14 +59,10 @@ struct Node {
   std::vector<std::string> probes;        // not yet answered
 };
 
-class Flow {
+class Flow : public HandScript {
  public:
   explicit Flow(Input* input)
-      : in_(*input),
-        mended_(in_.Word()),
-        mode_(in_.Byte()),
-        relay_(mended_, (mode_ & 1) != 0 ? 0 : 6, (mode_ & 2) != 0) {
-    sockets_before_ = relay_.OpenSockets();
+      : HandScript(input, Setting::From(input), {.steps = 160, .memory = 4 << 20}) {
     for (int i = 0; i < 2; ++i) {
       nodes_[i].nego = OpenSocket(SOCK_DGRAM, "127.0.0.1", kNodePorts[i]);
       nodes_[i].data = OpenSocket(SOCK_DGRAM, "127.0.0.1", kNodePorts[i] + 100);
@@ -92,17 +76,8 @@ class Flow {
     Require(relay_port_.sin_port != 0, "a socket gets a relay");
   }
 
-  void Run() {
-    for (int i = 0; i < kMostSteps && !in_.empty(); ++i) {
-      Step();
-      Pump();
-      Require(growth_.bytes() < kMostMemory, "the memory of a session");
-    }
-    End();
-  }
-
  private:
-  void Step() {
+  void Step() override {
     switch (in_.Byte() % 13) {
       case 0:
         return PassTime(u32{in_.Byte()} * 4);
@@ -182,18 +157,10 @@ class Flow {
   }
 
   void Answers(Node& node) {
-    NegoResponse response;
-    response.Init(in_.Byte() % 5);
-    NegoResponseBody& body = response.body;
-    body.result = static_cast<u8>(in_.Byte() / 128 * 3);
-    body.client_isp = u32{in_.Byte()} ^ 1;
-    body.accl_token = ++given_;
-    body.last_node.node_id = kLastNode;
+    NegoResponse response = AnyAnswer(++given_);
+    response.body.last_node.node_id = kLastNode;
     std::string wire = Packed(response);
-    for (int patches = in_.Byte() % 3; patches > 0; --patches) {
-      const std::size_t place = in_.Byte();
-      wire[place % wire.size()] = static_cast<char>(in_.Byte());
-    }
+    ChangeSome(&wire);
     wire.resize(wire.size() - in_.Byte() % 64 / 8);
     Says(&node, wire);
   }
@@ -299,7 +266,7 @@ class Flow {
     provider_->OnUpdate(ms);
   }
 
-  void Pump() {
+  void Pump() override {
     relay_.loop.Turn();
     Datagram one;
     for (Node& node : nodes_) {
@@ -377,7 +344,7 @@ class Flow {
     SendTo(game_, {reinterpret_cast<const char*>(&close), sizeof close}, Control());
   }
 
-  void End() {
+  void End() override {
     for (int i = 0; i < 60 && relay_.loop.delegates.size() > 1; ++i) {
       // Again, because what waits for a node may keep the session for a while.
       if (i % 20 == 0) Closes();
@@ -393,15 +360,8 @@ class Flow {
       closesocket(s);
     }
     CloseHandle(event_);
-    Require(relay_.OpenSockets() == sockets_before_, "no socket stays open");
   }
 
-  Input& in_;
-  const u32 mended_;
-  const u8 mode_;
-  HandRelay relay_;
-  Growth growth_;
-  std::size_t sockets_before_ = 0;
   const std::atomic<bool> stopping_{false};
   std::unique_ptr<UdpProvider> provider_ = std::make_unique<UdpProvider>(stopping_);
   Node nodes_[2];
@@ -425,10 +385,5 @@ class Flow {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
-  SimWorld();
-  const Growth growth;
-  Input input(data, size);
-  Flow(&input).Run();
-  Require(growth.bytes() < kMostLeft, "what a session leaves behind");
-  return 0;
+  return RunScript<Flow>(data, size);
 }

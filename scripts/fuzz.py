@@ -51,9 +51,17 @@ def of_client(target):
     return target.startswith("client_")
 
 
+def is_configured(with_client):
+    cache = BUILD / "CMakeCache.txt"
+    if not (BUILD / "build.ninja").exists() or not cache.exists():
+        return False
+    return not with_client or "VYR_FUZZ_CLIENT:BOOL=ON" in cache.read_text(errors="replace")
+
+
 def build(targets):
-    options = ["-DVYR_FUZZ_CLIENT=ON"] if any(of_client(target) for target in targets) else []
-    if options or not (BUILD / "build.ninja").exists():
+    with_client = any(of_client(target) for target in targets)
+    if not is_configured(with_client):
+        options = ["-DVYR_FUZZ_CLIENT=ON"] if with_client else []
         subprocess.run(["cmake", "--preset", "fuzz", *options], cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
     subprocess.run(["cmake", "--build", "--preset", "fuzz", "--target", *targets], cwd=ROOT, check=True)
 
@@ -184,8 +192,9 @@ def merge(target, most_bytes):
 def main():
     parser = argparse.ArgumentParser(prog="scripts/fuzz.sh", description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("targets", nargs="*", metavar="TARGET", help="all of them if none is named, "
-                        "but for those of the client program, whose build takes long")
+    parser.add_argument("targets", nargs="*", metavar="TARGET", help="all of them if none is named")
+    parser.add_argument("--without-client", action="store_true", help="leave out the targets of the client "
+                        "program, whose library takes minutes to build")
     parser.add_argument("--minutes", type=float, metavar="N", help="how long each target runs (1)")
     parser.add_argument("--jobs", type=int, default=1, metavar="N", help="targets at a time (1)")
     parser.add_argument("--json", metavar="FILE", help="write the table there as well, - for standard output")
@@ -205,7 +214,8 @@ def main():
             fail(f"there is no target {target}; --list prints those that there are")
     if options.jobs < 1 or (options.minutes is not None and options.minutes <= 0):
         fail("--minutes and --jobs take numbers above 0")
-    targets = options.targets or [target for target in known if not of_client(target)]
+    targets = options.targets or [target for target in known
+                                  if not (options.without_client and of_client(target))]
     if not options.no_build:
         try:
             build(targets)

@@ -6,18 +6,17 @@ usage: check_kaitai.py VYR_CLIENT REGIONS_TESTS FOLDER
 What was written stays in FOLDER. Exit code 77 where the compiler is not there and cannot be fetched.
 """
 import base64
-import json
 import os
 import pathlib
 import random
 import re
-import shutil
 import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT / "scripts"), str(ROOT / "tests" / "dissector")]
 import examples_check  # noqa: E402
+import javascript  # noqa: E402
 import make_regions_header  # noqa: E402
 
 REGIONS, WIRE = ROOT / "docs" / "vyr_regions.ksy", ROOT / "docs" / "vyr_wire.ksy"
@@ -36,25 +35,9 @@ class Parser:
 
     def __call__(self, asked):
         """asked: (description, type, bytes). Returns the list of answers."""
-        text = json.dumps([{"ksy": str(ksy), "type": kind, "bytes": base64.b64encode(data).decode()}
-                           for ksy, kind, data in asked])
-        done = subprocess.run(["node", ROOT / "tests/kaitai/parse.js", self.folder], input=text, text=True,
-                              capture_output=True, timeout=TIMEOUT_S)
-        if done.returncode != 0:
-            raise SystemExit(f"the descriptions do not compile:\n{done.stderr}")
-        return json.loads(done.stdout)
-
-
-def compiler_folder():
-    fetch = ROOT / "scripts/fetch_programs.sh"
-    if shutil.which("node") is None:
-        print("skipped: no Node.js here")
-        sys.exit(77)
-    done = subprocess.run([fetch, "--kaitai"], capture_output=True, text=True)
-    if done.returncode != 0:
-        print(f"skipped: {done.stderr.strip()}")
-        sys.exit(77)
-    return subprocess.run([fetch, "--path"], capture_output=True, text=True, check=True).stdout.strip()
+        questions = [{"ksy": str(ksy), "type": kind, "bytes": base64.b64encode(data).decode()}
+                     for ksy, kind, data in asked]
+        return javascript.ask(ROOT / "tests/kaitai/parse.js", questions, self.folder, timeout_s=TIMEOUT_S)
 
 
 def integers(formats, record, data):
@@ -163,7 +146,7 @@ def check_messages(checks, parse):
 def main():
     client, regions_tests, folder = map(pathlib.Path, sys.argv[1:4])
     folder.mkdir(parents=True, exist_ok=True)
-    parse, checks = Parser(compiler_folder()), examples_check.Checks()
+    parse, checks = Parser(javascript.parts_or_skip("kaitai")), examples_check.Checks()
     check_records(checks, parse)
     check_route_file(checks, parse, client.resolve(), folder)
     check_written_in_c(checks, parse, regions_tests.resolve(), folder)

@@ -6,9 +6,9 @@ import shutil
 import subprocess
 
 import served
+import javascript  # in the path since served was read
 
 BROWSERS = ("chromium", "chromium-browser", "google-chrome")
-FETCH = served.HERE.parents[1] / "scripts/fetch_programs.sh"
 
 
 class Browser:
@@ -18,10 +18,7 @@ class Browser:
         program = next(filter(None, map(shutil.which, BROWSERS)), None)
         if program is None:
             served.skip("no Chromium here")
-        done = subprocess.run([FETCH, "--browser"], capture_output=True, text=True)
-        if done.returncode != 0 or shutil.which("node") is None:
-            served.skip(done.stderr.strip() or "no Node.js here")
-        folder = subprocess.run([FETCH, "--path"], capture_output=True, text=True).stdout.strip()
+        folder = javascript.parts_or_skip("browser")
         self.process = subprocess.Popen(["node", served.HERE / "drive.js", folder, program], text=True,
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 

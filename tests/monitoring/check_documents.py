@@ -8,12 +8,11 @@ Exit code 77 where all is well but nothing could read the dashboard's queries.
 import json
 import os
 import re
-import shutil
-import subprocess
 import sys
 
 import check_node
 import served
+import javascript  # in the path since served was read
 from served import Checks, Client, Node, sample_run
 
 DOCS = served.HERE.parents[1] / "docs"
@@ -79,16 +78,13 @@ def queries(dashboard):
 
 def parsed(texts):
     """What Prometheus's grammar makes of each (read_queries.js). None: there is no parser here."""
-    fetch = served.HERE.parents[1] / "scripts/fetch_programs.sh"
-    done = subprocess.run([fetch, "--promql"], capture_output=True, text=True)
-    if done.returncode != 0 or shutil.which("node") is None:
-        print(f"the queries are not read: {done.stderr.strip() or 'no Node.js here'}")
+    try:
+        folder = javascript.parts("promql")
+    except javascript.Missing as missing:
+        print(f"the queries are not read: {missing}")
         return None
-    folder = subprocess.run([fetch, "--path"], capture_output=True, text=True).stdout.strip()
-    done = subprocess.run(["node", served.HERE / "read_queries.js"], input=json.dumps(texts), capture_output=True,
-                          text=True, timeout=served.TIMEOUT_S, env={**os.environ, "NODE_PATH": folder})
-    assert done.returncode == 0, done.stderr
-    return json.loads(done.stdout)
+    return javascript.ask(served.HERE / "read_queries.js", texts, timeout_s=served.TIMEOUT_S,
+                          env={**os.environ, "NODE_PATH": folder})
 
 
 def as_promql(query):

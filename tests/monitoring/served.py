@@ -13,7 +13,7 @@ TIMEOUT_S = 60
 POLL_S = 0.05
 # Where Debian's package is, if the interpreter is another one.
 sys.path.append("/usr/lib/python3/dist-packages")
-sys.path.append(str(HERE.parent / "page"))
+sys.path += [str(HERE.parent / "page"), str(HERE.parents[1] / "scripts")]
 
 
 def skip(reason):

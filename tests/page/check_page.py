@@ -8,7 +8,6 @@ run-dark.png, run-narrow.png, run-narrow-dark.png, many.png and others.
 Exit code 77 where there is no browser or no driver for it, or the program was built without the chart
 library.
 """
-import json
 import os
 import pathlib
 import re
@@ -18,6 +17,10 @@ import sys
 
 import sample_run
 from checks import Checks
+
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parents[1] / "scripts"))
+import javascript  # noqa: E402
 
 BROWSERS = ("chromium", "chromium-browser", "google-chrome")
 TIMEOUT_S = 120
@@ -58,21 +61,7 @@ def skip(reason):
 
 def look(browser, folder, looks):
     """What each page shows, by name."""
-    script = pathlib.Path(__file__).resolve().parent / "look.js"
-    done = subprocess.run(["node", script, folder, browser], input=json.dumps(looks), text=True,
-                          capture_output=True, timeout=TIMEOUT_S)
-    if done.returncode != 0:
-        sys.exit(f"the browser's driver failed: {done.stderr[-2000:]}")
-    return json.loads(done.stdout)
-
-
-def driver():
-    """The folder with the browser's driver and the accessibility engine."""
-    fetch = pathlib.Path(__file__).resolve().parents[2] / "scripts/fetch_programs.sh"
-    done = subprocess.run([fetch, "--browser"], capture_output=True, text=True)
-    if done.returncode != 0 or shutil.which("node") is None:
-        skip(done.stderr.strip() or "no Node.js here")
-    return subprocess.run([fetch, "--path"], capture_output=True, text=True).stdout.strip()
+    return javascript.ask(HERE / "look.js", looks, folder, browser, timeout_s=TIMEOUT_S)
 
 
 def make(program, out, name, reports):
@@ -196,7 +185,7 @@ def main():
     browser = next(filter(None, map(shutil.which, BROWSERS)), None)
     if browser is None:
         skip("no Chromium here")
-    folder = driver()
+    folder = javascript.parts_or_skip("browser")
     out.mkdir(parents=True, exist_ok=True)
     page, made = make(program, out, "run", sample_run.reports())
     if "charts are left out" in made.stderr:

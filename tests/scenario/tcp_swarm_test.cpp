@@ -4,7 +4,6 @@
 // A failure prints its seed and the command that runs it again. VYR_SWARM_SEEDS=5000 asks for more
 // seeds than the usual run takes.
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -13,7 +12,8 @@
 #include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
 #include "port/sim/threads.h"
-#include "tests/scenario/swarm.h"
+#include "tests/scenario/swarm_nodes.h"
+#include "tests/scenario/swarm_streams.h"
 #include "tests/scenario/tcp_world.h"
 #include "tests/support/mended.h"
 
@@ -22,51 +22,12 @@ using namespace tcp_test;    // NOLINT: the verbs of these tests
 using namespace swarm_test;  // NOLINT: and their draws
 using node::Behaviour;
 
-// Every connection starts with a line that tells the server which one it is.
-constexpr size_t kHelloSize = 5;
-std::string Hello(size_t id) {
-  char text[kHelloSize + 1];
-  std::snprintf(text, sizeof text, "%04zu\n", id);
-  return text;
-}
-
-// How one side sends, reads and leaves.
-struct Manner {
-  // kHalfClosed ends its sending as soon as it has sent all, and reads on to the other side's end.
-  enum Leaving {
-    kWhenAllIsDone,
-    kWhenThePeerHasLeft,
-    kShutFirst,
-    kAfterSending,
-    kByReset,
-    kHalfClosed
-  };
-  size_t piece = 4096;
-  DWORD pause_ms = 0;       // between pieces
-  DWORD read_pause_ms = 0;  // before each read
-  Leaving leaving = kWhenAllIsDone;
-  DWORD stays_ms = 0;  // kByReset: after that long, wherever it is
-};
-
-using Leavings = std::vector<Manner::Leaving>;
-
-struct Plan {
-  size_t id = 0;
-  const char* server = kServer;
+struct Plan : StreamPlan {
   int port = kPort;
-  DWORD starts_ms = 0;
-  std::string up, down;  // the hello comes before what goes up
-  Manner game, host;
-
-  // The outcome.
   bool connected = false;
-  bool answered = false;  // the server knows of it
-  size_t up_sent = 0, down_sent = 0;
-  std::string up_got, down_got;
-  std::string game_end, host_end;
 };
 
-class TcpSwarm : public Swarm<TcpWorld> {
+class TcpSwarm : public StreamSwarm<TcpWorld> {
  protected:
   TcpSwarm() {
     if (Chance(50)) common::SetLogThreshold(9);
@@ -75,30 +36,15 @@ class TcpSwarm : public Swarm<TcpWorld> {
   }
 
   // --- plans ---
-  size_t AnySize() {
-    const size_t bounds[] = {0, 1, 100, 8192, 70'000, 250'000};
-    return static_cast<size_t>(Below(bounds[Below(std::size(bounds))] + 1));
-  }
-  Manner AnyManner(const Leavings& leavings, size_t size) {
-    Manner manner;
-    manner.piece = static_cast<size_t>(1 + Below(Chance(20) ? 100 : 20'000));
-    manner.piece = std::max(manner.piece, size / 200);  // a world has an end
-    if (Chance(30)) manner.pause_ms = static_cast<DWORD>(Below(50));
-    if (Chance(20)) manner.read_pause_ms = static_cast<DWORD>(Below(50));
-    manner.leaving = leavings[Below(leavings.size())];
-    manner.stays_ms = static_cast<DWORD>(Below(8000));
-    return manner;
-  }
   Plan& AddPlan(const Leavings& games, const Leavings& hosts) {
     Plan& plan = *plans_.emplace_back(std::make_unique<Plan>());
     plan.id = plans_.size() - 1;
-    const char* const servers[] = {kServer, kServer, kServer, kDirect, kForced, kUnlisted};
-    plan.server = servers[Below(std::size(servers))];
-    plan.starts_ms = static_cast<DWORD>(Below(4000));
-    plan.up = Noise(Hello(plan.id), world.seed() * 1000 + plan.id * 2, kHelloSize + AnySize());
-    plan.down = Noise("", world.seed() * 1000 + plan.id * 2 + 1, AnySize());
-    plan.game = AnyManner(games, plan.up.size());
-    plan.host = AnyManner(hosts, plan.down.size());
+    DrawStream({.servers = {kServer, kServer, kServer, kDirect, kForced, kUnlisted},
+                .latest_ms = 4000,
+                .pauses_percent = 30,
+                .games = games,
+                .hosts = hosts},
+               &plan);
     return plan;
   }
 
@@ -121,9 +67,7 @@ class TcpSwarm : public Swarm<TcpWorld> {
     const size_t id = static_cast<size_t>(std::strtoul(hello.c_str(), nullptr, 10));
     ASSERT_LT(id, plans_.size()) << hello;
     Plan* const plan = plans_[id].get();
-    ASSERT_FALSE(plan->answered) << "connection " << id << " has reached the server twice";
-    plan->answered = true;
-    plan->up_got = hello;
+    if (!plan->ReachesTheServer(hello)) return;
     plan->host_end = Live(s, plan->host, plan->down, plan->up.size() - kHelloSize, &plan->down_sent,
                           &plan->up_got);
     call->end = plan->host_end;
@@ -187,7 +131,7 @@ class TcpSwarm : public Swarm<TcpWorld> {
     }
     while (*running > 0) Sleep(5);
     if (!end.empty()) return end;
-    if (manner.leaving == Manner::kShutFirst) shutdown(s, SD_SEND);
+    if (manner.leaving == Manner::kShutsFirst) shutdown(s, SD_SEND);
     if (manner.leaving != Manner::kWhenAllIsDone) {
       const size_t before = got->size();
       end = CollectAll(s, got);
@@ -199,17 +143,13 @@ class TcpSwarm : public Swarm<TcpWorld> {
   // --- verdicts ---
   void ExpectPrefixes() const {
     for (const auto& plan : plans_) {
-      SCOPED_TRACE("connection " + std::to_string(plan->id) + " to " + plan->server + ", " +
-                   plan->game_end + " and " + plan->host_end);
-      EXPECT_TRUE(plan->up_got == plan->up.substr(0, plan->up_got.size())) << plan->up_got.size();
-      EXPECT_TRUE(plan->down_got == plan->down.substr(0, plan->down_got.size()))
-          << plan->down_got.size();
+      SCOPED_TRACE(plan->Text());
+      plan->ExpectPrefixes();
     }
   }
   void ExpectAllArrived() const {
     for (const auto& plan : plans_) {
-      SCOPED_TRACE("connection " + std::to_string(plan->id) + " to " + plan->server + ", " +
-                   plan->game_end + " and " + plan->host_end);
+      SCOPED_TRACE(plan->Text());
       EXPECT_TRUE(plan->connected);
       EXPECT_TRUE(plan->answered);
       EXPECT_EQ(plan->up_got.size(), plan->up.size());
@@ -241,8 +181,7 @@ class TcpSwarm : public Swarm<TcpWorld> {
   void ExpectNoneIsSilent() const {
     for (const auto& plan : plans_) {
       if (plan->host.leaving == Manner::kByReset) continue;
-      EXPECT_NE(plan->game_end, "error " + std::to_string(WSAETIMEDOUT))
-          << "connection " << plan->id << " to " << plan->server << ", " << plan->host_end;
+      EXPECT_NE(plan->game_end, "error " + std::to_string(WSAETIMEDOUT)) << plan->Text();
     }
   }
   // Some connections are still on their way when their game has left.
@@ -265,8 +204,7 @@ class TcpSwarm : public Swarm<TcpWorld> {
   size_t base_sockets_ = 0;
 };
 
-// --- connections that stay to the end
-// --------------------------------------------------------------------
+// --- connections that stay to the end -----------------------------------------------------------
 
 // Links lose packets, nodes refuse, lie and are late, and both sides stay to the end: then
 // everything arrives.
@@ -274,50 +212,15 @@ class TcpCalm : public TcpSwarm {
  protected:
   Behaviour AnyNode() {
     Behaviour it;
-    switch (Below(14)) {
-      case 0:
-        it.on_request = Behaviour::kSilent;
-        break;
-      case 1:
-        it.on_request = Behaviour::kCloseThen;
-        break;
-      case 2:
-        it.on_request = Behaviour::kResetThen;
-        break;
-      case 3:
-        it.on_request = Behaviour::kGarbage;
-        it.garbage_bytes = 1 + static_cast<std::int64_t>(Below(100));
-        break;
-      case 4:
-        it.result = 1 + static_cast<std::int64_t>(Below(255));
-        break;
-      case 5:
-        it.isp = static_cast<std::int64_t>(Below(4));
-        break;
-      case 6:
-        // Not 11 to 40: the rest of such an answer would be the stream's first bytes.
-        it.pkg_len = static_cast<std::int64_t>(Chance(50) ? Below(11) : 42 + Below(100));
-        break;
-      case 7:
-        it.split_bytes = 1 + static_cast<std::int64_t>(Below(40));
-        it.split_gap_ms = static_cast<std::int64_t>(Below(50));
-        break;
-      case 8:
-        it.server = Below(2) == 0 ? Behaviour::kRefuse : Behaviour::kHang;
-        break;
-      case 9:
-        it.answer_version = 1 + static_cast<std::int64_t>(Below(3));
-        break;
-      case 10:
-        it.on_accept = Behaviour::kMute;
-        break;
-      default:
-        break;
+    sim::Random* const random = &world.random();
+    const uint64_t way = Below(kWaysToAnswer + 3);
+    if (way == kWrongLength) {
+      it.pkg_len = WrongLength(random, Chance(50));
+    } else {
+      SpoilAnswer(way, random, &it);
     }
-    if (Chance(30)) it.answer_delay_ms = static_cast<std::int64_t>(Below(7000));
-    if (it.server == Behaviour::kConnect && Chance(20)) it.answer_when = Behaviour::kAtOnce;
-    if (Chance(20)) it.delay_to_server_ms = static_cast<std::int64_t>(Below(200));
-    if (Chance(20)) it.delay_to_client_ms = static_cast<std::int64_t>(Below(200));
+    if (Chance(30)) it.answer_delay_ms = Less(random, 7000);
+    HurryOrDelay(random, &it);
     return it;
   }
   sim::LinkOptions AnyLink(bool may_lose) {
@@ -350,7 +253,7 @@ class TcpCalm : public TcpSwarm {
 // Where half-close is mended, streams that one or both sides have half closed are whole as well.
 SCENARIO_F_SEEDS(TcpCalm, EverythingArrivesIfNothingFails, SwarmSeeds(100)) {
   SetUpWorld(true);
-  Leavings patient = {Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutFirst};
+  Leavings patient = {Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutsFirst};
   if ((test::MendedInAllWorlds() & moru_vyr::lsp::kMendHalfClose) != 0) {
     patient.push_back(Manner::kHalfClosed);
   }
@@ -390,22 +293,7 @@ class TcpStorm : public TcpCalm {
   }
   void BreakANode(node::SimNode& node) {
     Behaviour it = AnyNode();
-    switch (Below(6)) {
-      case 0:
-        it.on_accept = Behaviour::kClose;
-        break;
-      case 1:
-        it.on_accept = Behaviour::kReset;
-        break;
-      case 2:
-        it.reset_after_bytes = static_cast<std::int64_t>(Below(100'000));
-        break;
-      case 3:
-        it.freeze = 1;
-        break;
-      default:
-        break;
-    }
+    BreakConnections(Below(kWaysToBreak + 2), &world.random(), &it);
     node.Behaves(it);
   }
   void BreakALink() {
@@ -444,10 +332,8 @@ class TcpStorm : public TcpCalm {
 
 SCENARIO_F_SEEDS(TcpStorm, NoByteIsWrongUnderAnyFault, SwarmSeeds(150)) {
   SetUpWorld(true);
-  const Leavings any = {Manner::kWhenAllIsDone, Manner::kWhenThePeerHasLeft, Manner::kShutFirst,
-                        Manner::kAfterSending, Manner::kByReset};
   for (size_t n = 1 + Below(8); n > 0; --n) {
-    Plan& plan = AddPlan(any, any);
+    Plan& plan = AddPlan(kAnyLeaving, kAnyLeaving);
     if (Chance(5)) plan.port = kNobodysPort;
   }
   GameThread([this] {

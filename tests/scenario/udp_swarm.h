@@ -4,11 +4,9 @@
 //
 // VYR_SWARM_SEEDS=3000 runs more seeds than usual.
 #pragma once
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 
-#include "tests/scenario/swarm.h"
+#include "tests/scenario/swarm_datagrams.h"
 #include "tests/scenario/udp_world.h"
 #include "tests/support/mended.h"
 
@@ -17,20 +15,9 @@ namespace udp_test {
 using namespace swarm_test;  // NOLINT: the random draws of the swarms
 using node::Behaviour;
 
-inline constexpr size_t kIdSize = 6;
 inline constexpr size_t kWrappable = 2028;
 inline constexpr size_t kLongestHeader = 120;
 inline constexpr size_t kReceivable = 2048;
-
-inline std::string IdText(size_t id) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%06zu", id);
-  return text;
-}
-
-inline size_t IdOf(const std::string& text, size_t at) {
-  return static_cast<size_t>(std::strtoul(text.substr(at, kIdSize).c_str(), nullptr, 10));
-}
 
 // One of the game's datagrams, and what happened to it.
 struct Said {
@@ -46,13 +33,6 @@ struct Said {
   std::string to() const { return std::string(ip) + ":" + std::to_string(port); }
   bool sent() const { return error == 0; }
 };
-
-// The server's answer to a datagram, which contains the server's name.
-inline std::string AnswerTo(const std::string& text, const std::string& server) {
-  const size_t id = IdOf(text, 0);
-  return Noise("R" + text.substr(0, kIdSize) + "@" + server + "|", id,
-               id % 7 == 0 ? text.size() : 30 + id % 90);
-}
 
 // One socket and its traffic.
 struct Player {
@@ -191,16 +171,10 @@ class UdpSwarm : public Swarm<UdpWorld> {
   void CountArrivals() {
     for (Said& one : said_) one.arrived = 0;
     for (const Datagram& came : heard) {
-      const size_t id = came.text.size() < kIdSize ? said_.size() : IdOf(came.text, 0);
-      if (id >= said_.size()) {
-        ADD_FAILURE() << "the server has received what was never sent: " << came.text.substr(0, 60);
-        continue;
-      }
-      Said& one = said_[id];
-      ++one.arrived;
-      one.by = came.from;
-      EXPECT_TRUE(came.text == one.text) << "changed: " << came.text.substr(0, 60);
-      EXPECT_EQ(came.to, one.to()) << "misled: " << one.text.substr(0, 60) << "\n" << log_text();
+      Said* const one = CountArrival(came.text, &said_);
+      if (one == nullptr) continue;
+      one->by = came.from;
+      EXPECT_EQ(came.to, one->to()) << "misled: " << one->text.substr(0, 60) << "\n" << log_text();
     }
   }
   void ExpectAtMostOnce() {

@@ -3,10 +3,12 @@
 // tables and takes the reports. What is to happen is planned before the world begins to move, from
 // its seed; what goes wrong comes from a list (whole_faults.h).
 #pragma once
-#include "tests/scenario/swarm.h"
+#include "tests/scenario/swarm_datagrams.h"
+#include "tests/scenario/swarm_streams.h"
 #include "tests/scenario/tcp_world.h"
 //
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -25,29 +27,14 @@ using namespace swarm_test;  // NOLINT: and their draws
 
 inline constexpr char kNodeC[] = "198.51.100.22";
 inline constexpr int kOtherPort = 27016;
+// From these, what goes to a server is drawn: most of it goes through nodes.
+inline constexpr const char* kServers[] = {kServer, kServer,   kServer, kDirect,
+                                           kForced, kUnlisted, kAlone};
+inline constexpr size_t kServerHost = kNodes;  // among the hosts of a link
 
-// How one side of a stream sends, reads and leaves.
-struct Manner {
-  enum Leaving { kWhenAllIsDone, kWhenThePeerHasLeft, kShutsFirst, kAfterSending, kByReset };
-  size_t piece = 4096;
-  DWORD pause_ms = 0;       // between pieces
-  DWORD read_pause_ms = 0;  // before each read
-  Leaving leaving = kWhenAllIsDone;
-  DWORD stays_ms = 0;  // kByReset: after that long, wherever it is
-};
-
-struct Stream {
-  size_t id = 0;
-  const char* server = kServer;
-  DWORD starts_ms = 0;
-  std::string up, down;  // up begins with the stream's number
-  Manner game, host;
+struct Stream : StreamPlan {
   Style style = Style::kBlocks;
-  // What happened.
   std::unique_ptr<Caller> caller;
-  bool answered = false;
-  size_t up_sent = 0, down_sent = 0;
-  std::string up_got, down_got, game_end, host_end;
 };
 
 // One of the game's datagrams.
@@ -87,9 +74,13 @@ struct EarlyClient {
 class ConfiguredWorld : public TcpWorld {
  protected:
   ConfiguredWorld();
+  bool IsMended() const { return mended_ != 0; }
+
+ private:
+  const moru_vyr::lsp::u32 mended_;
 };
 
-class WholeWorld : public EarlyClient, public Swarm<ConfiguredWorld> {
+class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
  public:
   WholeWorld(const FaultList& faults, const test::Kept& kept);
 
@@ -97,59 +88,62 @@ class WholeWorld : public EarlyClient, public Swarm<ConfiguredWorld> {
   void Live();
 
  private:
-  // --- plans ---
+  // whole_world.cpp
   void PlanAll();
-  size_t AnySize();
-  Manner AnyManner(size_t size);
-  void PlanStream();
-  void PlanTalker();
-  void PlanPinger();
-
-  // --- the game ---
   // A thread of the game that a fault may end, which counts as its end.
   void Player(std::function<void()> body);
   void StartGame();
+  void Release();
+  void ExpectNothingIsLeft();
+  void ExpectPlaysOn();
+  std::string NewObjects() const;
+
+  // whole_streams.cpp
+  void PlanStream();
   void PlayStream(Stream* stream);
-  void Talk(Talker* talker);
-  void Send(Talker* talker, size_t id);
-  void Read(Talker* talker);
-  void PingAll(Pinger* pinger);
+  void Serve(SOCKET s, Call* call);
   // The end of what one side of a stream does: "done", "left", "reset" or how its stream ended.
   std::string LiveOn(Caller* caller, const Manner& manner, const std::string& says, size_t expects,
                      size_t* sent, std::string* got);
 
-  // --- the rest of the world ---
-  void Serve(SOCKET s, Call* call);
+  void ExpectStreams();
+
+  // whole_datagrams.cpp
+  void PlanTalker();
+  void Talk(Talker* talker);
+  void Send(Talker* talker, size_t id);
+  void Read(Talker* talker);
   void StartEcho(const char* ip, int port);
-  void StartReader();
-  void StartNode(size_t which);
+  void ExpectDatagrams();
+  void ExpectADatagramIsAnswered();
+
+  // whole_pings.cpp
+  void PlanPinger();
+  void PingAll(Pinger* pinger);
+  void PingOnce();
+
+  // whole_nodes.cpp
   sim::Host& HostOf(size_t which);
   node::Behaviour& BehaviourOf(size_t which);
-  void WriteTables(uint64_t variant);
-
-  // --- faults ---
-  void StartFaults();
-  void Apply(const Fault& fault);
+  void StartNode(size_t which);
   void NodeBehaves(size_t which, uint64_t variant);
   void NodeDies(size_t which, sim::Duration time);
   void ChangeLink(size_t which, uint64_t variant);
+
+  // whole_client.cpp
+  void StartReader();
+  void WriteTables(uint64_t variant);
   void ClientHolds(size_t which, sim::Duration time);
+
+  // whole_damage.cpp
+  void StartFaults();
+  void Apply(const Fault& fault);
   void EndOneOfOurs(const char* thread, unsigned nth);
   void EndGameThread(const Fault& fault);
   void Heal();
 
-  // --- verdicts ---
-  void Release();
-  void ExpectStreams();
-  void ExpectDatagrams();
-  void ExpectNothingIsLeft();
-  void ExpectPlaysOn();
-  std::string NewObjects() const;
-  bool IsMended() const { return mended_ != 0; }
-
   const FaultList faults_;
   const test::Kept kept_;
-  const moru_vyr::lsp::u32 mended_;
   sim::Host& c_host_ = world.AddHost("c", {kNodeC});
   node::Behaviour c_behaviour_;
   std::vector<sim::Process*> node_processes_;

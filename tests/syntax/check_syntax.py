@@ -5,38 +5,22 @@ usage: check_syntax.py
 
 Exit code 77 where the parsers are not there and cannot be fetched.
 """
-import json
 import pathlib
 import re
-import shutil
-import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-TIMEOUT_S = 60
+sys.path.insert(0, str(ROOT / "scripts"))
+import javascript  # noqa: E402
+
+TIMEOUT_S = 240  # a grammar takes most of a minute to load on a busy machine
 SHELLS = ("pwsh", "powershell")
-
-
-def parsers():
-    fetch = ROOT / "scripts/fetch_programs.sh"
-    if shutil.which("node") is None:
-        print("skipped: no Node.js here")
-        sys.exit(77)
-    done = subprocess.run([fetch, "--syntax"], capture_output=True, text=True)
-    if done.returncode != 0:
-        print(f"skipped: {done.stderr.strip()}")
-        sys.exit(77)
-    return subprocess.run([fetch, "--path"], capture_output=True, text=True, check=True).stdout.strip()
 
 
 def parse(folder, asked):
     """asked: (kind, text). Returns what is wrong in each."""
-    text = json.dumps([{"kind": kind, "text": text} for kind, text in asked])
-    done = subprocess.run(["node", ROOT / "tests/syntax/parse.js", folder], input=text, text=True,
-                          capture_output=True, timeout=TIMEOUT_S)
-    if done.returncode != 0:
-        raise SystemExit(f"the parsers do not work:\n{done.stderr}")
-    return json.loads(done.stdout)
+    questions = [{"kind": kind, "text": text} for kind, text in asked]
+    return javascript.ask(ROOT / "tests/syntax/parse.js", questions, folder, timeout_s=TIMEOUT_S)
 
 
 def steps_of(workflow):
@@ -62,6 +46,7 @@ def damaged(kind, text):
 
 
 def main():
+    parsers = javascript.parts_or_skip("syntax")
     asked, names = [], []
     scripts = sorted(path for path in (ROOT / "tools").rglob("*.ps1"))
     workflows = sorted((ROOT / ".github/workflows").glob("*.yml"))
@@ -73,13 +58,13 @@ def main():
             for number, step in enumerate(steps_of(text) if kind == "workflow" else (), 1):
                 asked.append(("powershell", step))
                 names.append(f"{path.name}, PowerShell step {number}")
-    wrong = [f"{name}: {line}" for name, lines in zip(names, parse(parsers(), asked)) for line in lines]
+    wrong = [f"{name}: {line}" for name, lines in zip(names, parse(parsers, asked)) for line in lines]
     # Windows PowerShell reads a script without a mark at its beginning in the machine's own encoding.
     wrong += [f"{path.name} is not plain ASCII" for path in scripts if not path.read_bytes().isascii()]
     if len(names) < 5:
         wrong.append(f"only {names} were found")
     broken = [(name, how, kind, text) for name, (kind, whole) in zip(names, asked) for how, text in damaged(kind, whole)]
-    found = parse(parsers(), [(kind, text) for *_, kind, text in broken])
+    found = parse(parsers, [(kind, text) for *_, kind, text in broken])
     wrong += [f"{name}: {how} is not noticed" for (name, how, *_), lines in zip(broken, found) if not lines]
     for line in wrong:
         print(f"FAILED: {line}")

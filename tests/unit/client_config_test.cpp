@@ -412,6 +412,16 @@ TEST(ClientConfig, WhatIsNoTomlEndsAtItsFirstMistake) {
   EXPECT_TRUE(HasErrors(ParseConfig(kGame + "uin = '\xff'\n").problems));  // no UTF-8
 }
 
+TEST(ClientConfig, LettersBeyondAsciiAreMistakesInKeysAndAreTakenInComments) {
+  for (const char* const letter : {"\u00E9", "\u03A7", "\u1615", "\u3042", "\uFE70"}) {
+    const ConfigFile file = ParseConfig(kGame + "net" + letter + "mode = 1\n");
+    ASSERT_EQ(file.problems.size(), 1u) << letter;
+    EXPECT_TRUE(HasErrors(file.problems)) << letter;
+    const std::string comment = std::string("# ") + letter + "\n";
+    EXPECT_FALSE(HasErrors(ParseConfig(kGame + comment).problems)) << letter;
+  }
+}
+
 struct Doubt {
   const char* paths;
   const char* log_path;

@@ -21,34 +21,16 @@ SERVED = "net_probe.exe"  # with "-test" at the end of its command line; needs n
 CMD = {"x86": "C:\\windows\\syswow64\\cmd.exe", "x64": "C:\\windows\\sysnative\\cmd.exe"}
 SECONDS = 3
 
-GAME = """
-[[game]]
-game_id = {number}
-uin = '20001'
-game_paths = ['{path}']
-net_mode = ['TCP', 'UDP']
-log_level = 0
-log_path = '{logs}'
-acc_mode = 1
-"""
 
-
-class Stage:
+class Stage(support.StageOfBothKinds):
     def __init__(self, arguments):
-        if support.DRIVE_C is None:
-            support.skip("this runs in the test bed only")
-        self.checks = support.Checks()
-        self.runner = support.Runner(arguments)
         self.node = arguments.node
-        self.bins = {"x86": arguments.other, "x64": arguments.bin}
-        self.probes = {"x86": arguments.other.parent / "tests/windows/probes", "x64": arguments.probes}
-        self.launchers = {"x86": arguments.other / "vyr_run.exe", "x64": arguments.bin / "vyr_run64.exe"}
         self.native_game = arguments.node.parent / "vyr_game"
+        super().__init__(arguments, self.node, self.native_game)
+        self.launchers = {kind: folder / f"vyr_run{support.SUFFIXES[kind]}.exe" for kind, folder in self.bins.items()}
         needed = [self.launchers["x86"], self.probes["x86"] / "by_name.exe", self.bins["x86"] / "vyr_client.exe",
-                  self.bins["x86"] / "vyr_game.exe", self.node, self.native_game]  # fmt: skip
-        for program in needed:
-            if not program.exists():
-                support.skip(f"no {program}; the windows-x86 and posix presets build it")
+                  self.bins["x86"] / "vyr_game.exe"]  # fmt: skip
+        support.needs_bed(*needed, presets="the windows-x86 preset builds it")
 
     def stage(self, kind, name):
         folder = self.runner.stage(self.probes[kind] / "by_name.exe", name)
@@ -142,11 +124,11 @@ class Games:
             self.paths[kind] = stage.runner.stage(stage.bins[kind] / "vyr_game.exe", name) / name
             self.logs[kind] = self.folder / kind
             self.logs[kind].mkdir(parents=True)
-            text += GAME.format(number=NUMBER[kind], path=support.windows_path(self.paths[kind]),
-                                logs=support.windows_path(self.logs[kind]) + "\\")  # fmt: skip
+            text += relay_bench.GAME.format(
+                number=NUMBER[kind], games=f"'{support.windows_path(self.paths[kind])}'", protocols=["TCP", "UDP"],
+                log_level=0, logs=support.windows_path(self.logs[kind]) + "\\")  # fmt: skip
         self.tables = self.folder / "games.toml"
-        routes = relay_bench.GAMES[relay_bench.GAMES.index("[[node]]") :]
-        self.tables.write_text(text + routes.format())
+        self.tables.write_text(text + relay_bench.ROUTES.format())
 
     def play(self, kind):
         server = f"{relay_bench.SERVER}:{PORT[kind]}"

@@ -157,8 +157,7 @@ def check_after_the_client(bench):
 
 def main():
     arguments = support.parse_arguments()
-    if support.DRIVE_C is None:
-        support.skip("this runs in the test bed only")
+    support.needs_bed()
     bench = Bench(arguments)
     check_names(bench)
     check_console(bench)

@@ -86,13 +86,9 @@ def check_flows(checks, path, flows):
 
 def main():
     arguments = support.parse_arguments(("--node", {"type": support.pathlib.Path, "required": True}))
-    if support.DRIVE_C is None:
-        support.skip("this runs in the test bed only")
+    support.needs_bed(arguments.node, arguments.node.parent / "vyr_game")
     if capture.tshark() is None:
         support.skip("no tshark here")
-    for program in (arguments.node, arguments.node.parent / "vyr_game"):
-        if not program.exists():
-            support.skip(f"no {program}; the posix preset builds it")
     checks, runner = support.Checks(), support.Runner(arguments)
     path = runner.folder / "game.pcap"
     nodes, flows = play(arguments, runner, path)

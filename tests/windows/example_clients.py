@@ -47,15 +47,10 @@ class ClientInPython:
         return Conversation(command, runner.folder, through=())
 
 
-class Stage:
+class Stage(support.Stage):
     def __init__(self, arguments, client):
-        if support.DRIVE_C is None:
-            support.skip("this runs in the test bed only")
-        if not arguments.node.exists():
-            support.skip(f"no node at {arguments.node}; the posix preset builds it")
+        super().__init__(arguments, arguments.node)
         self.client = client
-        self.checks = support.Checks()
-        self.runner = support.Runner(arguments)
         self.running = contextlib.ExitStack()
         self.node = relay_bench.Node(arguments.node)
         self.running.callback(self.node.end)

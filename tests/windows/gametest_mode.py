@@ -19,14 +19,9 @@ net_mode=24
 """
 
 
-class Stage:
+class Stage(support.Stage):
     def __init__(self, arguments):
-        if support.DRIVE_C is None:
-            support.skip("this runs in the test bed only")
-        if not arguments.node.exists():
-            support.skip(f"no node at {arguments.node}; the posix preset builds it")
-        self.checks = support.Checks()
-        self.runner = support.Runner(arguments)
+        super().__init__(arguments, arguments.node)
         self.program = real_programs.programs_folder(self.runner.kind) / "ffmpeg.exe"
         self.node = relay_bench.Node(arguments.node)
 

@@ -162,8 +162,7 @@ def check_second_start(gate):
 
 def main():
     arguments = support.parse_arguments()
-    if support.DRIVE_C is None:
-        support.skip("this runs in the test bed only")
+    support.needs_bed()
     gate = Gate(arguments)
     for check in (check_other, check_net_probe, check_speed_tester, check_second_copy,
                   check_second_start, check_game, check_game_without_mode):  # fmt: skip

@@ -36,8 +36,7 @@ def run(bench, checks, what, threads):
 
 def main():
     arguments = support.parse_arguments()
-    if support.DRIVE_C is None:
-        support.skip("this runs in the test bed only")
+    support.needs_bed()
     bench = gate.Gate(arguments)
     checks = bench.checks
     text, port = run(bench, checks, "alone", 0)

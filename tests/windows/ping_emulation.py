@@ -82,10 +82,9 @@ class Network:
         return [request for request in self.requests if request[0] != mark[0]]
 
 
-class Stage:
+class Stage(support.Stage):
     def __init__(self, arguments):
-        self.checks = support.Checks()
-        self.runner = support.Runner(arguments)
+        super().__init__(arguments, arguments.node)
         self.folder = self.runner.stage(arguments.probes / "ping_game.exe", "Game.exe")
         self.sample = self.runner.stage(self.runner.bin / "vyr_game.exe", "vyr_game.exe")
         self.native_game = arguments.game

@@ -14,16 +14,18 @@ SERVER = "198.51.100.10"  # in the IP table
 NODE = "198.51.100.20"
 NODE_PORT = 9000
 
-GAMES = """
+# For str.format, as all tables here.
+GAME = """
 [[game]]
-game_id = 10001
+game_id = {number}
 uin = '20001'
 game_paths = [{games}]
-net_mode = ['TCP']
+net_mode = {protocols}
 log_level = {log_level}
 log_path = '{logs}'
 acc_mode = 1
-
+"""
+ROUTES = """
 [[node]]
 proxy_name = 'node one'
 proxy_addr = '198.51.100.20'
@@ -42,6 +44,7 @@ entry_name = 'east'
 direct_delay = 60
 ref_default = {{ node = 'node one', decision = 'DECISION_ACCE', section2_delay = 12, last_node = 'node one' }}
 """
+GAMES = GAME.replace("{number}", "10001").replace("{protocols}", "['TCP']") + ROUTES
 
 
 class Node:
@@ -85,10 +88,7 @@ class Bench:
     Without `first_node` the test starts its nodes itself."""
 
     def __init__(self, arguments, runner, games, log_level=0, tables=GAMES, first_node=True):
-        if support.DRIVE_C is None:
-            support.skip("this runs in the test bed only")
-        if not arguments.node.exists():
-            support.skip(f"no node at {arguments.node}; the posix preset builds it")
+        support.needs_bed(arguments.node)
         self.runner = runner
         self.running = contextlib.ExitStack()
         if first_node:

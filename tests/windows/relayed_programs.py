@@ -19,12 +19,11 @@ UPLOAD = 8 << 20
 LONGEST_S = 120
 
 
-class Stage:
+class Stage(support.Stage):
     """The programs, each in a folder of its own, all listed as games."""
 
     def __init__(self, arguments):
-        self.checks = support.Checks()
-        self.runner = support.Runner(arguments)
+        super().__init__(arguments, arguments.node)
         programs = real_programs.programs_folder(arguments.kind)
         self.paths = {}
         for name in ("ffmpeg.exe", "node.exe", "esbuild.exe"):

@@ -106,15 +106,9 @@ class Watcher:
         self.process.wait(support.LONGEST_RUN_S)
 
 
-class Stage:
+class Stage(support.Stage):
     def __init__(self, arguments):
-        if support.DRIVE_C is None:
-            support.skip("this runs in the test bed only")
-        for program in (arguments.node, arguments.game):
-            if not program.exists():
-                support.skip(f"nothing at {program}; the posix preset builds it")
-        self.checks = support.Checks()
-        self.runner = support.Runner(arguments)
+        super().__init__(arguments, arguments.node, arguments.game)
         self.game = self.runner.stage(self.runner.bin / "vyr_game.exe", "Game.exe") / "Game.exe"
         self.logs = self.runner.folder / "logs"
         self.logs.mkdir()

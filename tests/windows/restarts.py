@@ -66,10 +66,9 @@ class TellingServer:
             self.datagram.sendto(peer[0].encode(), peer)
 
 
-class Stage:
+class Stage(support.Stage):
     def __init__(self, arguments):
-        self.checks = support.Checks()
-        self.runner = support.Runner(arguments)
+        super().__init__(arguments, arguments.node)
         probe = arguments.probes / "restarts.exe"
         self.game = self.runner.stage(probe, "Game.exe")
         self.other = self.runner.stage(probe, "Other.exe")

@@ -404,8 +404,7 @@ def check_dump(bench):
 
 def main():
     arguments = support.parse_arguments()
-    if support.DRIVE_C is None:
-        support.skip("this runs in the test bed only")
+    support.needs_bed()
     bench = Bench(arguments)
     with bench.running:
         check_start_without_tables(bench)

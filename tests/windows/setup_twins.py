@@ -21,23 +21,17 @@ FAULTS = [
 KILLED = 137
 
 
-class Stage:
+class Stage(support.StageOfBothKinds):
     """The programs in the folders of a release."""
 
     def __init__(self, arguments):
-        if support.DRIVE_C is None:
-            support.skip("this runs in the test bed only")
-        self.checks = support.Checks()
-        self.runner = support.Runner(arguments)
-        other = arguments.other.resolve()
-        self.bins = {"x86": other, "x64": arguments.bin}
-        trials = {"x86": other.parent / "tests/windows/probes/trial", "x64": arguments.probes / "trial"}
+        super().__init__(arguments)
         self.folders = {kind: self.runner.folder / "release" / f"windows-{kind}" / "bin" for kind in KINDS}
         for kind, folder in self.folders.items():
             folder.mkdir(parents=True)
-            for file in (trials[kind] / self.named(kind), self.bins[kind] / self.library(kind)):
-                if not file.exists():
-                    support.skip(f"no {file}; the windows-x86 preset builds it")
+            files = (self.probes[kind] / "trial" / self.named(kind), self.bins[kind] / self.library(kind))
+            support.needs_bed(*files, presets="the windows-x86 preset builds it")
+            for file in files:
                 shutil.copy(file, folder)
         self.catalogue = self.runner.folder / "machine.json"
 

@@ -56,6 +56,15 @@ def skip(reason):
     sys.exit(77)
 
 
+def needs_bed(*programs, presets="the posix preset builds it"):
+    """Skips the test outside the test bed, and where one of these programs is not there."""
+    if DRIVE_C is None:
+        skip("this runs in the test bed only")
+    for program in programs:
+        if not program.exists():
+            skip(f"no {program}; {presets}")
+
+
 class Checks:
     """Counts passed and failed checks, which give the exit code."""
 
@@ -216,3 +225,22 @@ class Runner:
             completed = self.wine([windows_path(folder / name), *arguments], folder)
             return Result(completed, [], folder)
         return self.launch(folder, name, arguments, ["--bare"] if way == "bare" else [])
+
+
+class Stage:
+    """What a test in the bed begins with. It needs these native programs."""
+
+    def __init__(self, arguments, *programs):
+        needs_bed(*programs)
+        self.checks = Checks()
+        self.runner = Runner(arguments)
+
+
+class StageOfBothKinds(Stage):
+    """For programs of both kinds: `--bin` has the 64-bit ones, `--other` those of the other preset."""
+
+    def __init__(self, arguments, *programs):
+        super().__init__(arguments, *programs)
+        other = arguments.other.resolve()
+        self.bins = {"x86": other, "x64": arguments.bin}
+        self.probes = {"x86": other.parent / "tests/windows/probes", "x64": arguments.probes}

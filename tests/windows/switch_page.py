@@ -145,8 +145,7 @@ def main():
         ("--node", {"type": support.pathlib.Path, "required": True}),
         ("--pictures", {"type": support.pathlib.Path}))  # fmt: skip
     server_program = arguments.node.parent / "vyr_game"
-    if support.DRIVE_C is None or not arguments.node.exists() or not server_program.exists():
-        support.skip("this needs the test bed, and the programs of the posix preset")
+    support.needs_bed(arguments.node, server_program)
     checks, runner = support.Checks(), support.Runner(arguments)
     pictures = arguments.pictures or runner.folder
     pictures.mkdir(parents=True, exist_ok=True)

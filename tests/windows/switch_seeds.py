@@ -44,12 +44,8 @@ def play(checks, run, name, seed, link, late):
 
 def main():
     arguments = support.parse_arguments(("--node", {"type": support.pathlib.Path, "required": True}))
-    if support.DRIVE_C is None:
-        support.skip("this runs in the test bed only")
     server_program = arguments.node.parent / "vyr_game"
-    for program in (arguments.node, server_program):
-        if not program.exists():
-            support.skip(f"no {program}; the posix preset builds it")
+    support.needs_bed(arguments.node, server_program)
     checks, runner = support.Checks(), support.Runner(arguments)
     game = runner.stage(runner.bin / "vyr_game.exe", "vyr_game.exe") / "vyr_game.exe"
     logs, tables = runner.folder / "logs", runner.folder / "games.toml"

@@ -67,22 +67,16 @@ class Play:
         self.lost += server["lost"]
 
 
-class Stage:
+class Stage(support.Stage):
     def __init__(self, arguments):
-        if support.DRIVE_C is None:
-            support.skip("this runs in the test bed only")
-        native = arguments.node.parent
-        for program in (arguments.node, native / "vyr_game"):
-            if not program.exists():
-                support.skip(f"no {program}; the posix preset builds it")
-        self.checks = support.Checks()
-        self.runner = support.Runner(arguments)
+        native_game = arguments.node.parent / "vyr_game"
+        super().__init__(arguments, arguments.node, native_game)
         programs = real_programs.programs_folder(arguments.kind)
         sources = {"vyr_game.exe": self.runner.bin, "ffmpeg.exe": programs}
         self.paths = {name: self.runner.stage(folder / name, name) / name
                       for name, folder in sources.items()}  # fmt: skip
         self.node, self.other = switch_run.start_nodes(arguments.node)
-        self.servers = [demo_bed.GameServer(native / "vyr_game", server)
+        self.servers = [demo_bed.GameServer(native_game, server)
                         for server in (*RELAYED, *DIRECT)]  # fmt: skip
         self.logs = self.runner.folder / "logs"
         self.logs.mkdir()

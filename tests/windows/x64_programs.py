@@ -127,12 +127,11 @@ class Restore(Work):
             (folder / name).write_text(json.dumps(content))
 
 
-class Stage:
+class Stage(support.Stage):
     """Each program has two folders: it runs without the library in one, and as a game in the other."""
 
     def __init__(self, arguments):
-        self.checks = support.Checks()
-        self.runner = support.Runner(arguments)
+        super().__init__(arguments, arguments.node)
         self.programs = real_programs.programs_folder(arguments.kind)
         self.works = [Fetch(), Fetches(), Datagrams(), Export(), Restore()]
         self.games = [self.place(work) for work in self.works]

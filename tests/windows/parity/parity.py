@@ -31,40 +31,13 @@ LONGEST_S = 170
 # What the log says of a process that goes direct.
 TELLING = ("has no room", "was not free within", "CheckAndInit failed", "result=false", "result=true")
 
-GAME = """
-[[game]]
-game_id = {number}
-uin = '20001'
-game_paths = ['{path}']
-net_mode = ['TCP', 'UDP']
-log_level = 4
-log_path = '{logs}'
-acc_mode = 1
-mend = '{mend}'
+GAME = relay_bench.GAME + """mend = '{mend}'
 # On a busy machine a node may take longer than usual, and what it serves is compared here.
 next_node_ms = 5000
 direct_ms = 5000
 node_rest_ms = 1
 """
-ROUTES = """
-[[node]]
-proxy_name = 'node one'
-proxy_addr = '198.51.100.20'
-proxy_port = 9000
-proxy_idc = 1
-section1_delay = 10
-surport_isps = 0xffffffff
-
-[[idc]]
-game_idc = 1001
-addresses = ['198.51.100.10', '198.51.100.11']
-
-[[route]]
-game_idc = 1001
-entry_name = 'east'
-direct_delay = 60
-ref_default = { node = 'node one', decision = 'DECISION_ACCE', section2_delay = 12, last_node = 'node one' }
-"""
+ROUTES = relay_bench.ROUTES.replace("['198.51.100.10']", "['198.51.100.10', '198.51.100.11']")
 
 
 class Stage:
@@ -77,11 +50,12 @@ class Stage:
         self.paths = {way: self.runner.stage(program, name) / name for way, name in names.items()}
         logs = support.windows_path(self.runner.folder / "logs") + "\\"
         text = "".join(
-            GAME.format(number=10001 + i, path=support.windows_path(self.paths[way]), logs=logs, mend=mend)
+            GAME.format(number=10001 + i, games=f"'{support.windows_path(self.paths[way])}'",
+                        protocols=["TCP", "UDP"], log_level=4, logs=logs, mend=mend)  # fmt: skip
             for i, (way, mend) in enumerate((("served", "none"), ("mended", "all")))
         )
-        text = (text + ROUTES).replace("{", "{{").replace("}", "}}")
-        self.bench = relay_bench.Bench(arguments, self.runner, [], tables=text)
+        text = text.replace("{", "{{").replace("}", "}}")  # nothing is left to be put in
+        self.bench = relay_bench.Bench(arguments, self.runner, [], tables=text + ROUTES)
 
     def run(self, way, words):
         """What the program said, by observation."""
