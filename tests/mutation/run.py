@@ -1,0 +1,123 @@
+"""What a run of scripts/mutate.sh judges, and what is known of each mutant."""
+
+import concurrent.futures
+import hashlib
+import shutil
+import time
+
+import equivalents
+import judge
+import schemata
+
+# A survivor costs all tests that reach it, a killed mutant a few. So each mutant meets the cheap ones first, and
+# survivors meet the rest when everything has been judged.
+FIRST_ROUND_MS = 5000
+
+
+class Run:
+    """The mutants that were asked for and what is known of them."""
+
+    def __init__(self, arguments, src, build, reasons, say):
+        self.arguments = arguments
+        self.src = src
+        self.build = build
+        self.kept = build / "judge"
+        self.reasons = reasons
+        self.say = say
+        self.results = judge.Results(self.kept / "results.json")
+        if arguments.again:
+            self.results.known = {}
+        self.file_hashes = {}
+        self.court = None
+
+    def file_hash(self, name):
+        if name not in self.file_hashes:
+            self.file_hashes[name] = hashlib.sha256((self.src / name).read_bytes()).hexdigest()[:16]
+        return self.file_hashes[name]
+
+    def state(self, mutant, tests):
+        names = " ".join(sorted(test.name for test in tests)).encode()
+        return {"file": self.file_hash(mutant["file"]), "tests": hashlib.sha256(names).hexdigest()[:16]}
+
+    def programs(self):
+        """Copies of the suites, so that they can be built again meanwhile."""
+        copies = {}
+        for suite in judge.SUITES:
+            program, copy = self.build / "tests" / suite, self.kept / suite
+            if program.exists():
+                self.kept.mkdir(parents=True, exist_ok=True)
+                shutil.copy2(program, copy)
+                copies[suite] = copy
+        if not copies:
+            raise SystemExit("mutate: the suites have not been built: leave out --no-build")
+        return copies
+
+    def judge(self, chosen):
+        """All that are not known yet; returns how many were left."""
+        arguments = self.arguments
+        everything = schemata.sources_below(self.build / "product")
+        key = hashlib.sha256(b"".join(path.read_bytes() for path in everything)).hexdigest()
+        programs = self.programs()
+        self.court = judge.Judge(programs, self.kept, arguments.seeds, self.say)
+        self.court.reach(f"{key} {arguments.seeds}", arguments.again)
+        self.results.seeds = arguments.seeds
+        self.results.judges = {suite: sum(test.suite == suite for test in self.court.tests) for suite in programs}
+        waiting = [case for case in map(self.case, chosen) if self.is_asked_for(case)]
+        end = time.monotonic() + 60 * arguments.minutes if arguments.minutes else None
+        unknown = [case for case in waiting if arguments.mutant or self.results.get(case[0], case[3]) is None]
+        try:
+            left = self.work_off(unknown, end, None if arguments.mutant else FIRST_ROUND_MS)
+            if left:
+                return left
+            return self.work_off([case for case in waiting if not self.results.is_complete(case[0])], end, None)
+        finally:
+            self.results.save()
+
+    def case(self, mutant):
+        tests = self.court.judges_of(mutant["number"])
+        return equivalents.key_of(mutant), mutant, tests, self.state(mutant, tests)
+
+    def is_asked_for(self, case):
+        arguments = self.arguments
+        return bool(arguments.check_list or arguments.mutant or not self.reasons.lists(case[1]))
+
+    def work_off(self, waiting, end, most_ms):
+        """One after the other, or as many at a time as was asked for, until the end; returns how many are left."""
+        done = survivors = 0
+        jobs = max(1, self.arguments.jobs)
+        started = time.monotonic()
+        with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+            at_work = {}
+            queue = iter(waiting)
+            while True:
+                while len(at_work) < jobs and (end is None or time.monotonic() < end):
+                    case = next(queue, None)
+                    if case is None:
+                        break
+                    at_work[pool.submit(self.court.judge, case[1], case[2], most_ms)] = case
+                if not at_work:
+                    return len(waiting) - done
+                finished, _ = concurrent.futures.wait(at_work, return_when=concurrent.futures.FIRST_COMPLETED)
+                for one in finished:
+                    name, mutant, tests, state = at_work.pop(one)
+                    outcome = one.result()
+                    self.results.put(name, state | {"judges": len(tests)}, outcome)
+                    done += 1
+                    survivors += not outcome.killed
+                    rate = (time.monotonic() - started) / done
+                    self.say(f"{done}/{len(waiting)} judged, {survivors} survive, {rate:.2f} s each, "
+                             f"{mutant['file']}:{mutant['line']}")
+
+    def status(self, mutant):
+        """killed, equivalent, survived, not reached or not judged, and the result."""
+        name = equivalents.key_of(mutant)
+        result = self.results.known.get(name)
+        if result is not None and result["file"] != self.file_hash(mutant["file"]):
+            result = None
+        if result is not None and result["killed"]:
+            return "killed", result
+        if self.reasons.of(mutant):
+            return "equivalent", result
+        if result is None:
+            return "not judged", None
+        return ("survived" if result["judges"] else "not reached"), result
