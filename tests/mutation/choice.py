@@ -1,6 +1,6 @@
 """Which mutants are judged unless all are asked for: one of each statement, and of the statements two of three.
 
-Two changes of one statement mostly say the same, so all of them cost three times the work for little more. The
+Two changes of one statement mostly say the same: all of them cost three times the work and tell little more. The
 choice is made by hashes of the file, the function and the change: it takes all kinds alike, is the same in
 every clone, and stays when lines move or other functions change."""
 

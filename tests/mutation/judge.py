@@ -16,7 +16,7 @@ SUITES = ("unit_tests", "scenario_tests")
 FIRST_BATCH_MS = 100  # the cheapest tests; each further batch takes up to so many times longer
 BATCH_GROWTH = 4
 MOST_BATCH_TESTS = 400
-LEAST_CPU_S = 2  # beyond what the tests need: an endless loop costs this
+LEAST_CPU_S = 1  # beyond what the tests need: an endless loop costs this
 TIMES_SLOWER = 5
 TIMES_WAITING = 15  # of the processor time, on a busy machine
 MOST_MEMORY = 6 << 30  # addresses of the shadow stacks included
@@ -158,31 +158,33 @@ class Judge:
         if batch:
             yield batch
 
-    def judge(self, mutant, tests, most_ms=None):
-        """Against all tests, or against those that come first until most_ms are spent."""
-        spent = met = 0
-        for batch in self.batches(mutant, tests):
+    def judge(self, mutant, tests, most_ms=None, passed=()):
+        """Against all tests, or against those that come first until most_ms are spent, but not again against those
+        that it has passed; a set of these grows."""
+        passed = passed if isinstance(passed, set) else set(passed)
+        spent = sum(test.ms for test in tests if test.name in passed)
+        for batch in self.batches(mutant, [test for test in tests if test.name not in passed]):
             batch = [test for test, before in zip(batch, times_before(batch))
                      if most_ms is None or spent + before < most_ms]  # fmt: skip
             if not batch:
                 break
             ms = sum(test.ms for test in batch)
-            spent += ms
-            met += len(batch)
             cpu_s = int(LEAST_CPU_S + TIMES_SLOWER * ms / 1000)
             environment = self.environment | {"VYR_MUTANT": str(mutant["number"])}
             code, output = run(self.programs[batch[0].suite], [test.name for test in batch], environment, cpu_s,
                                TIMES_WAITING * cpu_s)  # fmt: skip
             if code == 0:
+                spent += ms
+                passed.update(test.name for test in batch)
                 continue
             outcome = verdict(code, output)
-            outcome.met = met
+            outcome.met = len(passed) + len(batch)
             killers = self.last_killers.setdefault(mutant["file"], [])
             if outcome.by in killers:
                 killers.remove(outcome.by)
             killers.insert(0, outcome.by)
             return outcome
-        return Outcome(False, met=met)
+        return Outcome(False, met=len(passed))
 
 
 def times_before(tests):

@@ -9,9 +9,9 @@ import equivalents
 import judge
 import schemata
 
-# A survivor costs all tests that reach it, a killed mutant a few. So each mutant meets the cheap ones first, and
-# survivors meet the rest when everything has been judged.
-FIRST_ROUND_MS = 5000
+# A survivor costs all tests that reach it, a killed mutant a few. So each mutant meets a second of the cheap ones
+# first, and what survives meets more when all others have had their turn. None: all of them.
+ROUNDS_MS = (1000, 8000, None)
 
 
 class Run:
@@ -29,6 +29,7 @@ class Run:
             self.results.known = {}
         self.file_hashes = {}
         self.court = None
+        self.survived = {}  # key of a mutant -> names of tests, in this run
 
     def file_hash(self, name):
         if name not in self.file_hashes:
@@ -64,14 +65,24 @@ class Run:
         self.results.judges = {suite: sum(test.suite == suite for test in self.court.tests) for suite in programs}
         waiting = [case for case in map(self.case, chosen) if self.is_asked_for(case)]
         end = time.monotonic() + 60 * arguments.minutes if arguments.minutes else None
-        unknown = [case for case in waiting if arguments.mutant or self.results.get(case[0], case[3]) is None]
         try:
-            left = self.work_off(unknown, end, None if arguments.mutant else FIRST_ROUND_MS)
-            if left:
-                return left
-            return self.work_off([case for case in waiting if not self.results.is_complete(case[0])], end, None)
+            if arguments.mutant:
+                return self.work_off(waiting, end, None)
+            for most_ms in ROUNDS_MS:
+                left = self.work_off([case for case in waiting if self.is_open(case, most_ms)], end, most_ms)
+                if left:
+                    return left
+            return 0
         finally:
             self.results.save()
+
+    def is_open(self, case, most_ms):
+        """Whether it has not been judged in this round or a later one."""
+        result = self.results.get(case[0], case[3])
+        if result is None:
+            return True
+        rounds = [round_ms or float("inf") for round_ms in (result["round_ms"], most_ms)]
+        return rounds[0] < rounds[1] and not self.results.is_complete(case[0])
 
     def case(self, mutant):
         tests = self.court.judges_of(mutant["number"])
@@ -82,7 +93,7 @@ class Run:
         return bool(arguments.check_list or arguments.mutant or not self.reasons.lists(case[1]))
 
     def work_off(self, waiting, end, most_ms):
-        """One after the other, or as many at a time as was asked for, until the end; returns how many are left."""
+        """One after the other, or as many at a time as jobs were asked for, until the end; returns how many are left."""
         done = survivors = 0
         jobs = max(1, self.arguments.jobs)
         started = time.monotonic()
@@ -94,14 +105,15 @@ class Run:
                     case = next(queue, None)
                     if case is None:
                         break
-                    at_work[pool.submit(self.court.judge, case[1], case[2], most_ms)] = case
+                    passed = self.survived.setdefault(case[0], set())
+                    at_work[pool.submit(self.court.judge, case[1], case[2], most_ms, passed)] = case
                 if not at_work:
                     return len(waiting) - done
                 finished, _ = concurrent.futures.wait(at_work, return_when=concurrent.futures.FIRST_COMPLETED)
                 for one in finished:
                     name, mutant, tests, state = at_work.pop(one)
                     outcome = one.result()
-                    self.results.put(name, state | {"judges": len(tests)}, outcome)
+                    self.results.put(name, state | {"judges": len(tests), "round_ms": most_ms}, outcome)
                     done += 1
                     survivors += not outcome.killed
                     rate = (time.monotonic() - started) / done
