@@ -8,11 +8,13 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import types
 import unittest
 
 import equivalents
 import judge
 import places
+import run
 import schemata
 import summary
 
@@ -284,6 +286,55 @@ class Judging(unittest.TestCase):
         self.assertEqual(passed, {"U.Narrow", "U.Wide", "S.Cheap"})
         self.assertFalse(self.judged("U.Slower", 50).killed)
         self.assertTrue(self.judged("U.Slower").killed)
+
+
+class Rounds(unittest.TestCase):
+    MUTANTS = [{"file": "a.cpp", "line": 1, "function": "F", "change": f"x -> {i}", "number": i} for i in (1, 2, 3)]
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name)
+        (self.root / "src").mkdir()
+        (self.root / "src/a.cpp").write_text("x")
+        self.arguments = types.SimpleNamespace(again=False, mutant=[], check_list=False, jobs=1, minutes=None)
+        self.met = []
+
+    def run_of(self, kills=()):
+        """A run whose tests take 800 ms each; number 1 is reached by none, the last test kills those of kills."""
+        a_run = run.Run(self.arguments, self.root / "src", self.root / "build", equivalents.Reasons(), lambda text: None)
+        tests = [judge.Test("unit_tests", f"U.{i}", 800, 1) for i in range(20)]
+        a_run.court = judge.Judge({"unit_tests": "u"}, None, 1, None)
+        a_run.court.reached_by = {2: tests, 3: tests}
+
+        def told(program, names, environment, cpu_s, wall_s):
+            number = int(environment["VYR_MUTANT"])
+            self.met.append((number, len(names)))
+            return (1, "[  FAILED  ] U.19\n") if number in kills and "U.19" in names else (0, "")
+
+        self.addCleanup(setattr, judge, "run", judge.run)
+        judge.run = told
+        return a_run
+
+    def judged(self, a_run):
+        left = a_run.rounds([a_run.case(mutant) for mutant in self.MUTANTS], None)
+        self.assertEqual(left, 0)
+        return [a_run.status(mutant)[0] for mutant in self.MUTANTS]
+
+    def test_all_have_a_first_turn_before_one_has_a_second_and_no_test_runs_twice(self):
+        self.assertEqual(self.judged(self.run_of({3})), ["not reached", "survived", "killed"])
+        turns = [number for i, (number, _) in enumerate(self.met) if i == 0 or self.met[i - 1][0] != number]
+        self.assertEqual(turns, [2, 3, 2, 3, 2, 3])
+        self.assertEqual([sum(count for number, count in self.met if number == one) for one in (2, 3)], [20, 20])
+
+    def test_what_is_known_is_not_judged_again(self):
+        self.judged(self.run_of({3}))
+        self.met.clear()
+        self.assertEqual(self.judged(self.run_of({3})), ["not reached", "survived", "killed"])
+        self.assertEqual(self.met, [])
+        (self.root / "src/a.cpp").write_text("y")
+        self.judged(self.run_of())
+        self.assertEqual(len({number for number, _ in self.met}), 2)
 
 
 if __name__ == "__main__":

@@ -63,10 +63,12 @@ class Run:
         self.court.reach(f"{key} {arguments.seeds}", arguments.again)
         self.results.seeds = arguments.seeds
         self.results.judges = {suite: sum(test.suite == suite for test in self.court.tests) for suite in programs}
-        waiting = [case for case in map(self.case, chosen) if self.is_asked_for(case)]
         end = time.monotonic() + 60 * arguments.minutes if arguments.minutes else None
+        return self.rounds([case for case in map(self.case, chosen) if self.is_asked_for(case)], end)
+
+    def rounds(self, waiting, end):
         try:
-            if arguments.mutant:
+            if self.arguments.mutant:
                 return self.work_off(waiting, end, None)
             for most_ms in ROUNDS_MS:
                 left = self.work_off([case for case in waiting if self.is_open(case, most_ms)], end, most_ms)
