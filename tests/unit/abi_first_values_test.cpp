@@ -1,5 +1,5 @@
-// Every record that another process reads begins as zeros: a field that nobody fills says "nothing" to its
-// reader, and a table without rows has no rows.
+// Every record that another process reads begins as zeros: a field that nobody fills says "nothing"
+// to its reader, and a table without rows has no rows.
 #include <gtest/gtest.h>
 
 #include <cstring>

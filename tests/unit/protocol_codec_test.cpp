@@ -421,8 +421,8 @@ TEST(SpeedTest, AReplyHasTheFlagTheLengthAndTheMagic) {
   }
 }
 
-// A reader uses its record again and again: the flag of the last reply is no flag of these bytes, and the number
-// of an error no place of a payload, although one would be found there.
+// A reader uses its record again and again: the flag of the last reply is no flag of these bytes,
+// and the number of an error no place of a payload, although one would be found there.
 TEST(SpeedTest, ADatagramThatCannotBeReadIsNoReplyAfterAReplyEither) {
   UdpAcclHeader header;
   header.flags = kUdpAcclSpeedTest;
