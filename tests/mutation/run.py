@@ -47,6 +47,7 @@ class Run:
             program, copy = self.build / "tests" / suite, self.kept / suite
             if program.exists():
                 self.kept.mkdir(parents=True, exist_ok=True)
+                copy.unlink(missing_ok=True)  # one that still runs cannot be written to
                 shutil.copy2(program, copy)
                 copies[suite] = copy
         if not copies:

@@ -48,6 +48,8 @@ def alternatives(original, same, numbers):
         return f"{{ {choices}{{ {original} }} }}"
     cast = "(void)" if places.VOID in shapes else "(bool)" if places.CONDITION in shapes else ""
     choices = "".join(f"VYR_MUTANT({numbers[id(p)]}) ? {cast}({p.code}) : " for p in same)
+    if not cast and any(place.change == "return 0" for place in same):
+        cast = "+"  # the number itself, where it is an atomic one's
     return f"({choices}{cast}({original}))"
 
 

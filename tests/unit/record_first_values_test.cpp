@@ -2,6 +2,9 @@
 // fields and leave the others as they are.
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <iterator>
+
 #include "common/process_info.h"
 #include "gametest/test_config.h"
 #include "hooks/connect_target.h"
@@ -27,8 +30,9 @@ namespace {
 
 template <class... Fields>
 void ExpectZeros(const char* name, Fields... fields) {
-  int place = 0;
-  ((++place, EXPECT_EQ(static_cast<double>(fields), 0) << name << ", field " << place), ...);
+  const double values[] = {static_cast<double>(fields)...};
+  for (std::size_t i = 0; i < std::size(values); ++i)
+    EXPECT_EQ(values[i], 0) << name << ", field " << i + 1;
 }
 
 TEST(RecordsBegin, WithoutFigures) {
