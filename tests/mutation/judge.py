@@ -167,13 +167,13 @@ class Judge:
             yield batch
 
     def judge(self, mutant, tests, most_ms=None, passed=()):
-        """Against all tests, or against those that come first until most_ms are spent, but not again against those
-        that it has passed; a set of these grows."""
+        """Against all tests, or against those that come first and take no more than most_ms, but at least one; not
+        again against those that it has passed. A set of these grows."""
         passed = passed if isinstance(passed, set) else set(passed)
         spent = sum(test.ms for test in tests if test.name in passed)
         for batch in self.batches(mutant, [test for test in tests if test.name not in passed]):
             batch = [test for test, before in zip(batch, times_before(batch))
-                     if most_ms is None or spent + before < most_ms]  # fmt: skip
+                     if most_ms is None or spent + before + test.ms <= most_ms or spent + before == 0]  # fmt: skip
             if not batch:
                 break
             ms = sum(test.ms for test in batch)

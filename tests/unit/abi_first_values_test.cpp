@@ -2,9 +2,11 @@
 // to its reader, and a table without rows has no rows.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "abi/acc_config_formats.h"
 #include "abi/acc_decision_info.h"
@@ -27,9 +29,10 @@ void ExpectZeros(const char* name) {
   const auto bytes = std::make_unique<u8[]>(sizeof(Record));
   std::memset(bytes.get(), 0xEE, sizeof(Record));
   new (bytes.get()) Record;
-  for (std::size_t i = 0; i < sizeof(Record); ++i) {
-    ASSERT_EQ(int{bytes[i]}, 0) << name << ", byte " << i;
-  }
+  const std::vector<u8> zeros(sizeof(Record));
+  if (std::memcmp(bytes.get(), zeros.data(), sizeof(Record)) == 0) return;
+  const auto at = std::mismatch(zeros.begin(), zeros.end(), bytes.get()).first - zeros.begin();
+  ADD_FAILURE() << name << ", byte " << at;
 }
 
 TEST(FirstValues, OfTheTables) {
