@@ -68,6 +68,8 @@ class Run:
         return self.rounds([case for case in map(self.case, chosen) if self.is_asked_for(case)], end)
 
     def rounds(self, waiting, end):
+        # What has survived tests before comes last: it will cost most, and tell least.
+        waiting.sort(key=lambda case: self.results.known.get(case[0], {}).get("met", 0) > 0)
         try:
             if self.arguments.mutant:
                 return self.work_off(waiting, end, None)
