@@ -241,8 +241,8 @@ class Verdicts(unittest.TestCase):
         known = [({"file": "udp/a.cpp"}, "killed", {}), ({"file": "udp/b.cpp"}, "survived", {"met": 2, "judges": 2}),
                  ({"file": "udp/b.cpp"}, "survived", {"met": 1, "judges": 2}), ({"file": "abi/c.h"}, "equivalent", None)]  # fmt: skip
         page = summary.page(known, 9, {"unit_tests": 7}, 1)
-        self.assertIn("Of the 9 mutants of `src/` these are the 4 that are judged by default (", page)
-        self.assertIn("The judges were 7 tests of `unit_tests`. 1 of the survivors have met the cheap tests only.", page)
+        self.assertIn("Of the 9 mutants of `src/` these are the 4 that are judged by default\n(", page)
+        self.assertIn("The judges were 7 tests of `unit_tests`.\n1 of the survivors have met the cheap tests only.", page)
         self.assertIn("| `udp` | 3 | 1 | 0 | 2 | 0 | 0 |\n", page)
         self.assertIn("| all | 4 | 1 | 1 | 2 | 0 | 0 |\n", page)
         self.assertIn("these are all.", summary.page(known, 4, {}, 1))

@@ -5,9 +5,9 @@ STATUSES = ("killed", "equivalent", "survived", "not reached", "not judged")
 HEAD = """# Mutants
 
 `scripts/mutate.sh --write` makes this page of its results; `tests/mutation/README.md` says what
-a mutant is. Of the {total} mutants of `src/` these are {chosen}. *Equivalent* are those
-that change nothing that a test could see, each with its reason in `tests/mutation/equivalent.toml`. *Survived*
-and *not reached* are those that still need a test or a reason, *not judged* those that no run has come to.
+a mutant is. Of the {total} mutants of `src/` these are {chosen}.
+*Equivalent* are those that change nothing that a test could see, each with its reason in
+`tests/mutation/equivalent.toml`. *Survived* and *not reached* are those that still need a test or a reason, *not judged* those that no run has come to.
 The judges were {judges}.{part}
 
 | folder of `src/` | mutants | killed | equivalent | survived | not reached | not judged |
@@ -31,6 +31,6 @@ def page(known, total, judges, seeds):
         words[-1] += f" (random worlds with a seed count of {seeds})"
     part = sum(status == "survived" and result["met"] < result["judges"] for _, status, result in known)
     head = HEAD.format(judges=" and ".join(words) or "none yet", total=total,
-                       chosen="all" if len(known) == total else f"the {len(known)} that are judged by default (one of each statement, in two of three statements)",
-                       part=f" {part} of the survivors have met the cheap tests only." if part else "")  # fmt: skip
+                       chosen="all" if len(known) == total else f"the {len(known)} that are judged by default\n(one of each statement, in two of three statements)",
+                       part=f"\n{part} of the survivors have met the cheap tests only." if part else "")  # fmt: skip
     return head + "".join(lines)
