@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Changes the product in thousands of places, one at a time, and asks the tests whether they notice.
 
-All changes are compiled into one build (preset `mutants`); the tests then run with one of them acting.
+One change of each statement is judged, in two of three statements; with --all every change. All of them are
+compiled into one build (preset `mutants`); the tests then run with one of them acting.
 Survivors are listed with their file, line and change. Each needs a test that kills it, or its reason in
 tests/mutation/equivalent.toml. What is known is kept in build/mutants/judge, so an interrupted run goes on.
 tests/mutation/README.md describes the changes.
@@ -10,8 +11,6 @@ Exit: 0 all mutants that were asked for are killed or explained, 1 survivors, st
 list, 2 wrong usage, 77 no libclang for Python here (Debian: python3-clang-14)."""
 
 import argparse
-import concurrent.futures
-import hashlib
 import json
 import os
 import pathlib
@@ -25,6 +24,7 @@ import judge
 import places
 import schemata
 import summary
+from run import Run
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SRC = ROOT / "src"
@@ -42,6 +42,8 @@ def parse_arguments():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)  # fmt: skip
     parser.add_argument("--file", action="append", metavar="F", default=[],
                         help="only this file or folder of src/, as udp/node_link.cpp or udp (may be repeated)")
+    parser.add_argument("--all", action="store_true",
+                        help="all mutants, not one of each statement in two of three statements; builds the suites anew")
     parser.add_argument("--mutant", action="append", type=int, metavar="N", default=[],
                         help="only this mutant, judged again (may be repeated)")
     parser.add_argument("--seeds", type=int, default=1, metavar="N", help="seeds of each random world (default: 1)")
@@ -79,128 +81,33 @@ class Progress:
 
 def wanted(mutants, arguments):
     """The mutants that were asked for, in the order of the files that were named."""
+    there = [mutant for mutant in mutants if arguments.all or mutant["chosen"]]
     if arguments.mutant:
-        chosen = [mutant for mutant in mutants if mutant["number"] in arguments.mutant]
+        chosen = [mutant for mutant in there if mutant["number"] in arguments.mutant]
         if len(chosen) != len(set(arguments.mutant)):
-            raise SystemExit("mutate: there is no mutant with one of these numbers; see --list")
+            raise SystemExit("mutate: there is no mutant with one of these numbers, or only with --all; see --list")
         return chosen
     if not arguments.file:
-        return mutants
+        return there
     chosen = []
     for name in arguments.file:
         name = name.removeprefix("src/").rstrip("/")
-        some = [mutant for mutant in mutants if mutant["file"] == name or mutant["file"].startswith(name + "/")]
+        some = [mutant for mutant in there if mutant["file"] == name or mutant["file"].startswith(name + "/")]
         if not some:
             raise SystemExit(f"mutate: {name}: no such file or folder with mutants in src/")
         chosen += some
     return chosen
 
 
-def build():
-    """The suites, with all mutants in them."""
+def build(jobs):
+    """The suites, with the mutants in them."""
     log = BUILD / "build.log"
     with open(log, "wb") as output:
         for words in (["cmake", "--preset", "mutants"],
-                      ["cmake", "--build", "--preset", "mutants", "--target", *judge.SUITES]):  # fmt: skip
+                      ["cmake", "--build", "--preset", "mutants", "-j", str(jobs), "--target", *judge.SUITES]):  # fmt: skip
             print(f"mutate: {' '.join(words)} (log: {log.relative_to(ROOT)})", file=sys.stderr, flush=True)
             if subprocess.run(words, cwd=ROOT, stdout=output, stderr=subprocess.STDOUT, check=False).returncode != 0:
                 raise SystemExit(f"mutate: the build with the mutants failed; see {log}")
-
-
-class Run:
-    """The mutants that were asked for and what is known of them."""
-
-    def __init__(self, arguments, mutants, reasons, say):
-        self.arguments = arguments
-        self.mutants = mutants
-        self.reasons = reasons
-        self.say = say
-        self.results = judge.Results(KEPT / "results.json")
-        if arguments.again:
-            self.results.known = {}
-        self.file_hashes = {}
-        self.court = None
-
-    def file_hash(self, name):
-        if name not in self.file_hashes:
-            self.file_hashes[name] = hashlib.sha256((SRC / name).read_bytes()).hexdigest()[:16]
-        return self.file_hashes[name]
-
-    def state(self, mutant, tests):
-        names = " ".join(sorted(test.name for test in tests)).encode()
-        return {"file": self.file_hash(mutant["file"]), "tests": hashlib.sha256(names).hexdigest()[:16]}
-
-    def judge(self, chosen):
-        """All that are not known yet; returns how many were left."""
-        arguments = self.arguments
-        everything = schemata.sources_below(PRODUCT)
-        key = hashlib.sha256(b"".join(path.read_bytes() for path in everything)).hexdigest()
-        programs = {suite: BUILD / "tests" / suite for suite in judge.SUITES}
-        programs = {suite: program for suite, program in programs.items() if program.exists()}
-        if not programs:
-            raise SystemExit("mutate: the suites have not been built: leave out --no-build")
-        KEPT.mkdir(parents=True, exist_ok=True)
-        self.court = judge.Judge(programs, KEPT, arguments.seeds, self.say)
-        self.court.reach(f"{key} {arguments.seeds}", arguments.again)
-        self.results.seeds = arguments.seeds
-        self.results.judges = {suite: sum(test.suite == suite for test in self.court.tests) for suite in programs}
-        waiting = []
-        for mutant in chosen:
-            name = equivalents.key_of(mutant)
-            tests = self.court.judges_of(mutant["number"])
-            state = self.state(mutant, tests)
-            if name in self.reasons and not arguments.check_list and not arguments.mutant:
-                continue
-            if arguments.mutant or self.results.get(name, state) is None:
-                waiting.append((name, mutant, tests, state))
-        end = time.monotonic() + 60 * arguments.minutes if arguments.minutes else None
-        try:
-            return self.work_off(waiting, end)
-        finally:
-            self.results.save()
-
-    def work_off(self, waiting, end):
-        done = survivors = 0
-        started = time.monotonic()
-        with concurrent.futures.ThreadPoolExecutor(arguments_jobs(self.arguments)) as pool:
-            at_work = {}
-            queue = iter(waiting)
-            while True:
-                while len(at_work) < arguments_jobs(self.arguments) and (end is None or time.monotonic() < end):
-                    case = next(queue, None)
-                    if case is None:
-                        break
-                    at_work[pool.submit(self.court.judge, case[1], case[2])] = case
-                if not at_work:
-                    return len(waiting) - done
-                finished, _ = concurrent.futures.wait(at_work, return_when=concurrent.futures.FIRST_COMPLETED)
-                for one in finished:
-                    name, mutant, tests, state = at_work.pop(one)
-                    outcome = one.result()
-                    self.results.put(name, state | {"judges": len(tests)}, outcome)
-                    done += 1
-                    survivors += not outcome.killed
-                    rate = (time.monotonic() - started) / done
-                    self.say(f"{done}/{len(waiting)} judged, {survivors} survive, {rate:.2f} s each, "
-                             f"{mutant['file']}:{mutant['line']}")
-
-    def status(self, mutant):
-        """killed, equivalent, survived, not reached or not judged, and the result."""
-        name = equivalents.key_of(mutant)
-        result = self.results.known.get(name)
-        if result is not None and result["file"] != self.file_hash(mutant["file"]):
-            result = None
-        if result is not None and result["killed"]:
-            return "killed", result
-        if name in self.reasons:
-            return "equivalent", result
-        if result is None:
-            return "not judged", None
-        return ("survived" if result["judges"] else "not reached"), result
-
-
-def arguments_jobs(arguments):
-    return max(1, arguments.jobs)
 
 
 def show(run, chosen, stale, broken, left):
@@ -212,8 +119,8 @@ def show(run, chosen, stale, broken, left):
         place = f"src/{mutant['file']}:{mutant['line']}"
         line = f"{place}: mutant {mutant['number']} in {mutant['function']}: {mutant['change']}"
         if status in ("survived", "not reached"):
-            print(f"{line}: {status}" + (f" {result['judges']} tests" if result["judges"] else ""))
-        elif status == "killed" and equivalents.key_of(mutant) in run.reasons:
+            print(f"{line}: {status}" + (f" {result['met']} of {result['judges']} tests" if result["judges"] else ""))
+        elif status == "killed" and run.reasons.lists(mutant):
             counts["wrong"] = counts.get("wrong", 0) + 1
             print(f"{line}: listed as equivalent, but {result['by']} {result['how']}")
     for name in stale:
@@ -238,29 +145,30 @@ def main():
         print(f"mutate: {error}", file=sys.stderr)
         return 1
     found = schemata.places_of_all(SRC, OPTIONS, KEPT / "places", say)
-    mutants = schemata.write_copy(SRC, PRODUCT, found)
+    judging = not arguments.list and not arguments.write
+    mutants = schemata.write_copy(SRC, PRODUCT if judging else None, found, arguments.all)
     chosen = wanted(mutants, arguments)
+    run = Run(arguments, SRC, BUILD, reasons, say)
     if arguments.list:
         say.end()
         for mutant in chosen:
             print(f"{mutant['number']} src/{mutant['file']}:{mutant['line']} {mutant['function']}: {mutant['change']}")
-        print(f"{len(chosen)} mutants")
+        print(f"{len(chosen)} mutants of {len(mutants)}")
         if arguments.json:
             pathlib.Path(arguments.json).write_text(json.dumps(chosen, indent=1) + "\n")
         return 0
-    run = Run(arguments, mutants, reasons, say)
     if arguments.write:
-        statuses = [(mutant, run.status(mutant)[0]) for mutant in mutants]
-        PAGE.write_text(summary.page(statuses, run.results.judges, run.results.seeds))
+        PAGE.write_text(summary.page([(mutant, *run.status(mutant)) for mutant in chosen], len(mutants),
+                                     run.results.judges, run.results.seeds))  # fmt: skip
         return 0
     if not arguments.no_build:
-        build()
+        build(max(1, arguments.jobs))
     left = run.judge(chosen)
     say.end()
-    code = show(run, chosen, equivalents.stale(reasons, mutants), run.court.broken, left)
+    code = show(run, chosen, reasons.stale(mutants), run.court.broken, left)
     if arguments.json:
         pathlib.Path(arguments.json).write_text(json.dumps([
-            mutant | {"status": status, "result": result, "reason": reasons.get(equivalents.key_of(mutant))}
+            mutant | {"status": status, "result": result, "reason": reasons.of(mutant)}
             for mutant in chosen for status, result in [run.status(mutant)]], indent=1) + "\n")  # fmt: skip
     return code
 

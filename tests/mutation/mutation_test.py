@@ -8,11 +8,13 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import types
 import unittest
 
 import equivalents
 import judge
 import places
+import run
 import schemata
 import summary
 
@@ -72,6 +74,9 @@ int main(int count, char** words) {
 """
 
 
+LINE_OF_THREE = 16  # the loop has three statements
+
+
 class Sample(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -118,6 +123,37 @@ class Sample(unittest.TestCase):
         self.assertEqual([equivalents.key_of(m) for m in later], [equivalents.key_of(m) for m in self.mutants])
         self.assertEqual([m["line"] for m in later], [m["line"] + 2 for m in self.mutants])
 
+    def test_one_mutant_of_a_statement_is_chosen_wherever_it_stands(self):
+        by_line = {}
+        for mutant in self.mutants:
+            by_line.setdefault(mutant["line"], []).append(mutant["chosen"])
+        self.assertEqual({sum(chosen) for line, chosen in by_line.items() if line != LINE_OF_THREE}, {0, 1})
+        self.assertTrue(any(len(chosen) > 1 and sum(chosen) for chosen in by_line.values()))
+        text = "// a; b\n\n" + SAMPLE.replace("Log(0, 1)", "Log(0, 2)")
+        (self.root / "moved.cpp").write_text(text)
+        found = places.find(self.root / "moved.cpp", ["-std=c++20"], self.root)[str(self.root / "moved.cpp")]
+        _, moved = schemata.mutated(text, "sample.cpp", found, 1)
+        for one, other in zip(self.mutants, moved):
+            if one["function"] != "Early":
+                self.assertEqual((one["change"], one["chosen"]), (other["change"], other["chosen"]))
+
+    def test_about_two_statements_of_three_have_one(self):
+        text = "".join(f"int F{i}(int a) {{ return a < {i}; }}\n" for i in range(300))
+        (self.root / "many.cpp").write_text(text)
+        found = places.find(self.root / "many.cpp", ["-std=c++20"], self.root)[str(self.root / "many.cpp")]
+        _, mutants = schemata.mutated(text, "many.cpp", found, 1)
+        chosen = [mutant["change"] for mutant in mutants if mutant["chosen"]]
+        self.assertTrue(170 < len(chosen) < 230, len(chosen))
+        for kind in ("<=", "+ 1", "- 1"):
+            self.assertTrue(40 < sum(kind in change for change in chosen) < 110, kind)
+
+    def test_a_copy_of_the_chosen_has_no_others(self):
+        found = places.find(self.root / "sample.cpp", ["-std=c++20"], self.root)
+        text, mutants = schemata.mutated(SAMPLE, "sample.cpp", found[str(self.root / "sample.cpp")], 1, False)
+        self.assertEqual(mutants, self.mutants)
+        for mutant in mutants:
+            self.assertEqual(mutant["chosen"], f"VYR_MUTANT({mutant['number']})" in text)
+
     @unittest.skipIf(shutil.which("c++") is None, "no compiler here")
     def test_one_build_acts_as_the_mutant_that_is_chosen(self):
         schemata.put(self.root / "mutation/mutant.h", (schemata.HERE / "mutant.h").read_text())
@@ -151,15 +187,28 @@ class TheList(unittest.TestCase):
 
     def test_an_entry_explains_its_mutants(self):
         reasons = self.read(self.ENTRY + 'reason = "no one\n can tell"\n'.replace("\n ", " "))
-        self.assertEqual(reasons[equivalents.key_of(self.MUTANT)], "no one can tell")
-        self.assertEqual(equivalents.stale(reasons, [self.MUTANT]), [])
+        self.assertEqual(reasons.of(self.MUTANT), "no one can tell")
+        self.assertTrue(reasons.lists(self.MUTANT))
+        self.assertEqual(reasons.stale([self.MUTANT]), [])
 
     def test_a_line_without_its_mutant_is_stale(self):
         reasons = self.read(self.ENTRY + 'reason = "none"\n')
-        self.assertEqual(equivalents.stale(reasons, [self.MUTANT | {"change": "x -> z"}]), ["a.cpp | F | x -> y"])
+        self.assertEqual(reasons.stale([self.MUTANT | {"change": "x -> z"}]), ["a.cpp | F | x -> y"])
+
+    RULE = '[[rule]]\nfile = "a.cpp"\nfunction = "F|G"\nchange = "x -> .*"\nreason = "none"\n'
+
+    def test_a_rule_explains_what_it_fits_wholly(self):
+        reasons = self.read(self.RULE)
+        self.assertEqual(reasons.of(self.MUTANT), "none")
+        self.assertFalse(reasons.lists(self.MUTANT))
+        self.assertEqual(reasons.stale([self.MUTANT]), [])
+        for other in ({"file": "b.cpp"}, {"function": "FG"}, {"change": "xx -> y"}):
+            self.assertIsNone(reasons.of(self.MUTANT | other))
+            self.assertEqual(reasons.stale([self.MUTANT | other]), ["a.cpp | F|G | x -> .* (rule)"])
 
     def test_a_wrong_list_is_refused(self):
-        for text in (self.ENTRY, self.ENTRY + 'reason = ""\n', (self.ENTRY + 'reason = "one"\n') * 2, "[["):
+        for text in (self.ENTRY, self.ENTRY + 'reason = ""\n', (self.ENTRY + 'reason = "one"\n') * 2, "[[", "[[rules]]",
+                     self.RULE.replace("reason", "why"), self.RULE.replace("x ->", "(")):  # fmt: skip
             with self.assertRaises(equivalents.ListError):
                 self.read(text)
 
@@ -177,21 +226,115 @@ class Verdicts(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             results = judge.Results(pathlib.Path(folder, "results.json"))
             state = {"file": "f1", "tests": "t1"}
-            results.put("killed", state, judge.Outcome(True, "Suite.Name", "failed"))
-            results.put("survivor", state, judge.Outcome(False))
+            results.put("killed", state | {"judges": 3}, judge.Outcome(True, "Suite.Name", "failed", 1))
+            results.put("survivor", state | {"judges": 3}, judge.Outcome(False, met=3))
+            results.put("half", state | {"judges": 3}, judge.Outcome(False, met=2))
             results.save()
             results = judge.Results(results.path)
             self.assertIsNotNone(results.get("killed", state | {"tests": "t2"}))
             self.assertIsNone(results.get("killed", state | {"file": "f2"}))
             self.assertIsNotNone(results.get("survivor", state))
+            self.assertEqual([results.is_complete(name) for name in ("killed", "survivor", "half")], [True, True, False])
             self.assertIsNone(results.get("survivor", state | {"tests": "t2"}))
 
     def test_the_page_counts_by_folder(self):
-        page = summary.page([({"file": "udp/a.cpp"}, "killed"), ({"file": "udp/b.cpp"}, "survived"),
-                             ({"file": "abi/c.h"}, "equivalent")], {"unit_tests": 7}, 1)  # fmt: skip
-        self.assertIn("The judges were 7 tests of `unit_tests`.", page)
-        self.assertIn("| `udp` | 2 | 1 | 0 | 1 | 0 | 0 |\n", page)
-        self.assertIn("| all | 3 | 1 | 1 | 1 | 0 | 0 |\n", page)
+        known = [({"file": "udp/a.cpp"}, "killed", {}), ({"file": "udp/b.cpp"}, "survived", {"met": 2, "judges": 2}),
+                 ({"file": "udp/b.cpp"}, "survived", {"met": 1, "judges": 2}), ({"file": "abi/c.h"}, "equivalent", None)]  # fmt: skip
+        page = summary.page(known, 9, {"unit_tests": 7}, 1)
+        self.assertIn("Of the 9 mutants of `src/` these are the 4 that are judged by default\n(", page)
+        self.assertIn("The judges were 7 tests of `unit_tests`.\n1 of the survivors have met the cheap tests only.", page)
+        self.assertIn("| `udp` | 3 | 1 | 0 | 2 | 0 | 0 |\n", page)
+        self.assertIn("| all | 4 | 1 | 1 | 2 | 0 | 0 |\n", page)
+        self.assertIn("these are all.", summary.page(known, 4, {}, 1))
+
+
+class Judging(unittest.TestCase):
+    TESTS = [judge.Test("scenario_tests", "S.Cheap", 20, 900), judge.Test("unit_tests", "U.Wide", 5, 800),
+             judge.Test("unit_tests", "U.Narrow", 9, 3), judge.Test("unit_tests", "U.Slow", 4000, 2),
+             judge.Test("unit_tests", "U.Slower", 9000, 2)]  # fmt: skip
+
+    def setUp(self):
+        self.judge = judge.Judge({"unit_tests": "u", "scenario_tests": "s"}, None, 1, None)
+        self.runs = []
+        self.addCleanup(setattr, judge, "run", judge.run)
+        judge.run = self.run_as_told
+
+    def run_as_told(self, program, tests, environment, cpu_s, wall_s):
+        self.runs.append(tests)
+        return (1, f"[  FAILED  ] {self.fails}\n") if self.fails in tests else (0, "")
+
+    def judged(self, fails, most_ms=None):
+        self.fails = fails
+        return self.judge.judge({"file": "a.cpp", "number": 5}, self.TESTS, most_ms)
+
+    def test_cheap_and_narrow_tests_come_first_and_a_killer_before_them(self):
+        self.assertFalse(self.judged(None).killed)
+        self.assertEqual([name for tests in self.runs for name in tests],
+                         ["U.Narrow", "U.Wide", "S.Cheap", "U.Slow", "U.Slower"])  # fmt: skip
+        self.assertEqual((self.judged("S.Cheap").by, self.runs[-1]), ("S.Cheap", ["S.Cheap"]))
+        self.runs.clear()
+        self.judged(None)
+        self.assertEqual(self.runs[0][0], "S.Cheap")
+
+    def test_a_round_has_tests_for_its_time(self):
+        for most_ms, met in ((1, 1), (20, 2), (50, 3), (4050, 4), (None, 5)):
+            self.assertEqual(self.judged(None, most_ms).met, met, most_ms)
+        passed = {"U.Narrow", "U.Wide"}
+        self.runs.clear()
+        self.assertEqual(self.judge.judge({"file": "a.cpp", "number": 5}, self.TESTS, 40, passed).met, 3)
+        self.assertEqual(self.runs, [["S.Cheap"]])
+        self.assertEqual(passed, {"U.Narrow", "U.Wide", "S.Cheap"})
+        self.assertFalse(self.judged("U.Slower", 50).killed)
+        self.assertTrue(self.judged("U.Slower").killed)
+
+
+class Rounds(unittest.TestCase):
+    MUTANTS = [{"file": "a.cpp", "line": 1, "function": "F", "change": f"x -> {i}", "number": i} for i in (1, 2, 3)]
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name)
+        (self.root / "src").mkdir()
+        (self.root / "src/a.cpp").write_text("x")
+        self.arguments = types.SimpleNamespace(again=False, mutant=[], check_list=False, jobs=1, minutes=None)
+        self.met = []
+
+    def run_of(self, kills=()):
+        """A run whose tests take 800 ms each; number 1 is reached by none, the last test kills those of kills."""
+        a_run = run.Run(self.arguments, self.root / "src", self.root / "build", equivalents.Reasons(), lambda text: None)
+        tests = [judge.Test("unit_tests", f"U.{i}", 800, 1) for i in range(20)]
+        a_run.court = judge.Judge({"unit_tests": "u"}, None, 1, None)
+        a_run.court.reached_by = {2: tests, 3: tests}
+
+        def told(program, names, environment, cpu_s, wall_s):
+            number = int(environment["VYR_MUTANT"])
+            self.met.append((number, len(names)))
+            return (1, "[  FAILED  ] U.19\n") if number in kills and "U.19" in names else (0, "")
+
+        self.addCleanup(setattr, judge, "run", judge.run)
+        judge.run = told
+        return a_run
+
+    def judged(self, a_run):
+        left = a_run.rounds([a_run.case(mutant) for mutant in self.MUTANTS], None)
+        self.assertEqual(left, 0)
+        return [a_run.status(mutant)[0] for mutant in self.MUTANTS]
+
+    def test_all_have_a_first_turn_before_one_has_a_second_and_no_test_runs_twice(self):
+        self.assertEqual(self.judged(self.run_of({3})), ["not reached", "survived", "killed"])
+        turns = [number for i, (number, _) in enumerate(self.met) if i == 0 or self.met[i - 1][0] != number]
+        self.assertEqual(turns, [2, 3, 2, 3, 2, 3])
+        self.assertEqual([sum(count for number, count in self.met if number == one) for one in (2, 3)], [20, 20])
+
+    def test_what_is_known_is_not_judged_again(self):
+        self.judged(self.run_of({3}))
+        self.met.clear()
+        self.assertEqual(self.judged(self.run_of({3})), ["not reached", "survived", "killed"])
+        self.assertEqual(self.met, [])
+        (self.root / "src/a.cpp").write_text("y")
+        self.judged(self.run_of())
+        self.assertEqual(len({number for number, _ in self.met}), 2)
 
 
 if __name__ == "__main__":

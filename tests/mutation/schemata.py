@@ -5,6 +5,7 @@ import json
 import pathlib
 import shutil
 
+import choice
 import places
 
 HERE = pathlib.Path(__file__).resolve().parent
@@ -47,6 +48,8 @@ def alternatives(original, same, numbers):
         return f"{{ {choices}{{ {original} }} }}"
     cast = "(void)" if places.VOID in shapes else "(bool)" if places.CONDITION in shapes else ""
     choices = "".join(f"VYR_MUTANT({numbers[id(p)]}) ? {cast}({p.code}) : " for p in same)
+    if not cast and any(place.change == "return 0" for place in same):
+        cast = "+"  # the number itself, where it is an atomic one's
     return f"({choices}{cast}({original}))"
 
 
@@ -78,12 +81,15 @@ def distinct(found):
     return list(seen.values())
 
 
-def mutated(text, name, found, first):
-    """The file's mutated text and its mutants."""
+def mutated(text, name, found, first, everything=True):
+    """The file's text with its mutants, or with those that are chosen, and all of them."""
     found = distinct(found)
-    numbers = {id(place): first + i for i, place in enumerate(found)}
-    body = render(text, 0, len(text), nested(found), numbers)
-    return f'#include "mutation/mutant.h"\n#line 1 "{name}"\n{body}', mutants_of(name, found, first)
+    mutants = mutants_of(name, found, first)
+    choice.mark(text, found, mutants)
+    used = [place for place, mutant in zip(found, mutants) if everything or mutant["chosen"]]
+    numbers = {id(place): mutant["number"] for place, mutant in zip(found, mutants)}
+    body = render(text, 0, len(text), nested(used), numbers)
+    return f'#include "mutation/mutant.h"\n#line 1 "{name}"\n{body}', mutants
 
 
 def sources_below(root):
@@ -118,19 +124,22 @@ def places_of_all(root, options, cache, say):
     return found
 
 
-def write_copy(root, out, found):
-    """The copy below out; returns the list of all mutants."""
+def write_copy(root, out, found, everything):
+    """The copy below out, if that is not None; returns the list of all mutants."""
     mutants = []
     first = 1
     for path in sorted(path for path in root.rglob("*") if path.is_file()):
         name = path.relative_to(root).as_posix()
         text = path.read_bytes().decode("latin-1")
         if found.get(name):
-            text, new = mutated(text, name, found[name], first)
+            text, new = mutated(text, name, found[name], first, everything)
             mutants += new
-        put(out / name, text)
+        if out is not None:
+            put(out / name, text)
         if path.suffix in (".cpp", ".h"):
             first += NUMBERS_OF_A_FILE * (1 + len(found.get(name, [])) // NUMBERS_OF_A_FILE)
+    if out is None:
+        return mutants
     for name in ("mutant.h", "active.cpp"):
         put(out / "mutation" / name, (HERE / name).read_text())
     kept = {path.relative_to(root) for path in root.rglob("*")} | {pathlib.Path("mutation")}

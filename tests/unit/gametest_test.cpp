@@ -89,6 +89,8 @@ TEST_F(GameTester, SaysWhatAFileLacks) {
       {"process_count=0\r\n", "Game Test Init, process count error quit,last_error="},
       {"process_count=2\r\nproc3=a\r\n", "Game Test Init, process read count error quit\n"},
       {"process_count=1\r\nproc1=\r\n", "Game Test Init, process read count error quit\n"},
+      {"process_count=1\r\nproxy_ip=1.2.3.4\r\nproxy_port=1\r\n",
+       "Game Test Init, process read count error quit\n"},
       {"process_count=1\r\nproc1=a\r\nproxy_port=1\r\n", "Game Test Init, process ip empty\n"},
       {"process_count=1\r\nproc1=a\r\nproxy_ip=1.2.3.4\r\n",
        "Game Test Init, process port empty\n"},

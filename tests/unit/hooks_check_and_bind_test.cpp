@@ -134,6 +134,14 @@ TEST_F(CheckAndBindTest, ASocketWithoutARecordHasNoPort) {
   EXPECT_TRUE(log.Contains("[4][lsp]" + test::kBindRefused + "4323\n"));
 }
 
+// Of a socket that was made before its protocol had a next provider.
+TEST_F(CheckAndBindTest, ASocketWithoutANextProviderHasNoPort) {
+  GetSocketMap().Remove(kSocket);
+  GetSocketMap().Add(kSocket, kSocketTypeStream, IPPROTO_TCP, 2);
+  EXPECT_FALSE(CheckAndBind(kSocket, &port));
+  EXPECT_EQ(Recorded(), 0);
+}
+
 TEST_F(CheckAndBindTest, ANextProviderWithoutTheCallHasNoPort) {
   table.lpWSPGetSockName = nullptr;
   EXPECT_FALSE(CheckAndBind(kSocket, &port));

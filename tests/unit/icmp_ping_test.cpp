@@ -137,6 +137,7 @@ TEST(IcmpSums, CarriesAreAddedBack) {
   EXPECT_EQ(IcmpChecksum(full, 6), 0xfffe);      // ~1
   EXPECT_EQ(IpHeaderChecksum(full, 6), 0xfeff);  // ~0x0100
   EXPECT_EQ(IcmpChecksum(full, 0), 0xffff);
+  EXPECT_EQ(IpHeaderChecksum(full, 2), 0) << "nothing to add back";
 }
 
 // --- replies, byte for byte ------------------------------------------------------------------
@@ -383,10 +384,35 @@ TEST(PingPool, ForgottenUnderLiveRequestsItFreesNothing) {
   ping_request_t* const request = pool.AllocPingRequest();
   pool.ResetPool();
   request->size = 8;  // still there
-  EXPECT_NE(pool.AllocPingRequest(), request);
+  ping_request_t* const other = pool.AllocPingRequest();
+  EXPECT_NE(other, request);
+  EXPECT_NE(other, request + 1) << "of a new block";
   test::LogCapture log(0);
   pool.FreePingRequestCache(request);
   EXPECT_TRUE(log.Contains(test::PingsStored(511))) << "the new block's";
+}
+
+TEST(PingPool, WithoutABlockNoSlotIsFree) {
+  PingPool pool;
+  ping_request_t* const request = pool.AllocPingRequest();
+  pool.FreePool();
+  test::LogCapture log(0);
+  pool.FreePingRequestCache(request);
+  EXPECT_TRUE(log.Contains(test::PingsStored(0)));
+}
+
+// A new block often lies where the one before lay, in whose ring the slots had another order.
+TEST(PingPool, ABlockBeginsWithItsFirstSlotWhateverItsMemoryHeld) {
+  PingPool pool;
+  for (int i = 0; i < 4; ++i) {
+    ping_request_t* const first = pool.AllocPingRequest();
+    ping_request_t* const second = pool.AllocPingRequest();
+    ping_request_t* const third = pool.AllocPingRequest();
+    EXPECT_EQ(second, first + 1);
+    EXPECT_EQ(third, first + 2);
+    for (ping_request_t* const one : {third, second, first}) pool.FreePingRequestCache(one);
+    pool.FreePool();
+  }
 }
 
 TEST(PingPool, WhenEmptyItIsFreedAndCreatedAgain) {
@@ -439,13 +465,25 @@ TEST_F(IcmpPing, WithoutMemoryARequestIsNotHeld) {
   EXPECT_TRUE(log.Contains(test::PingsStored(512))) << "no slot is lost";
 }
 
+TEST_F(IcmpPing, WithoutMemoryForSlotsAPingGoesToTheNetwork) {
+  const std::vector<char> message = Message(64, kChecksumOf64);
+  {
+    const test::OutOfMemory none(1, sizeof(ping_request_t));
+    EXPECT_FALSE(Checkin(message));
+  }
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  EXPECT_TRUE(Checkin(message));
+}
+
 TEST_F(IcmpPing, WithoutMemoryASocketIsNotRecorded) {
   const std::vector<char> message = Message(64, kChecksumOf64);
+  const test::LogCapture log(0);
   {
     const test::OutOfMemory none(1, test::OutOfMemory::kOfTheProduct);
     vm.AddRawSocket(kSocket + 1, kIp);
   }
   EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  EXPECT_FALSE(log.Contains("repeated")) << "nor has it been before";
   EXPECT_FALSE(vm.CheckinConnectionPingRequest(kSocket + 1, message.data(), 64));
 }
 

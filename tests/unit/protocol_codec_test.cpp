@@ -213,6 +213,13 @@ TEST(ProtocolMagic, AWrongOneIsRefusedButTheFieldsAreRead) {
   EXPECT_EQ(Value(header.reserved), 7);
 }
 
+// The number says what was wrong with these bytes, not what an earlier message left in the record.
+TEST(ProtocolMagic, AShortHeaderIsShortWhateverTheRecordHolds) {
+  NegoHeader header;
+  header.magic = 0;
+  EXPECT_EQ(header.Unpack(Bytes(9, 0)), -3);
+}
+
 TEST(ProtocolMagic, EveryFlippedBitOfItRefusesTheMessage) {
   Bytes bytes(73);
   NegoRequest().Pack(bytes);
@@ -319,6 +326,16 @@ TEST(ProtocolVersion, TheFirstValuesOfAHeader) {
   EXPECT_EQ(kSpeedTestMagic, 624606607u);
 }
 
+TEST(ProtocolVersion, TheFirstValuesOfABodyAreZeros) {
+  EXPECT_EQ(BytesIn(NegoRequestBody{}), ToHex(Bytes(63, 0)));
+  EXPECT_EQ(BytesIn(NegoResponseBody{}), ToHex(Bytes(31, 0)));
+  EXPECT_EQ(BytesIn(LastNodeInfo{}), ToHex(Bytes(12, 0)));
+  EXPECT_EQ(BytesIn(SessionGuid{}), ToHex(Bytes(16, 0)));
+  const SpeedTestPayload probe;
+  EXPECT_EQ(Value(probe.magic), kSpeedTestMagic);
+  EXPECT_EQ(ToHex(reinterpret_cast<const u8*>(&probe) + 4, 12), ToHex(Bytes(12, 0)));
+}
+
 // --- the header of a datagram ---------------------------------------------------------------
 
 TEST(UdpAcclHeader, PackSetsItsVersionAndLengthInTheRecord) {
@@ -402,6 +419,18 @@ TEST(SpeedTest, AReplyHasTheFlagTheLengthAndTheMagic) {
     SpeedTestPayload payload;
     EXPECT_EQ(ReadSpeedTestReply(bytes, &header, &payload), c.is_reply) << c.what;
   }
+}
+
+// A reader uses its record again and again: the flag of the last reply is no flag of these bytes,
+// and the number of an error no place of a payload, although one would be found there.
+TEST(SpeedTest, ADatagramThatCannotBeReadIsNoReplyAfterAReplyEither) {
+  UdpAcclHeader header;
+  header.flags = kUdpAcclSpeedTest;
+  SpeedTestPayload payload;
+  const Bytes too_short = Hex("8f bd 3a 25 14 00 00 00 00 00 00 00 00 00 00 00");
+  EXPECT_FALSE(ReadSpeedTestReply(std::span(too_short).subspan(3), &header, &payload));
+  const Bytes bad_length = Hex("8f bd 3a 25 00 01 13 00 00 00 00 00 00 00 00 00");
+  EXPECT_FALSE(ReadSpeedTestReply(std::span(bad_length).subspan(5), &header, &payload));
 }
 
 TEST(SpeedTest, ThePayloadOfAReplyFollowsItsWholeHeader) {

@@ -33,6 +33,7 @@ const Judged kJudged[] = {
     {"nothing came, and the loss is 101", {101, 0, 0, 0, 0, 0}, LinkTrouble::kNone},
     {"nothing came, and the loss is 103", {103, 0, 0, 0, 0, 0}, LinkTrouble::kNone},
     {"nothing came, and the loss is 201", {201, 0, 0, 0, 0, 0}, LinkTrouble::kNone},
+    {"data, without answers to probes", {0, 50, 0, 100, 0, 0}, LinkTrouble::kNone},
     // The short window.
     {"short loss", {15, 10, 0, 100, 2, 0}, LinkTrouble::kShortLoss},
     {"short loss below its limit", {14, 10, 0, 100, 2, 0}, LinkTrouble::kNone},

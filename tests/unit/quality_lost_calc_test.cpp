@@ -263,6 +263,28 @@ TEST(LostCalc, TheGracePeriodCountsLatePacketsOfThePreviousSlot) {
   }
 }
 
+TEST(LostCalc, ALatePacketCountsInTheSlotThatClosedLastWhicheverThatIs) {
+  Calc calc(kSends);
+  calc.Send(0, 0);  // the base
+  for (u32 last = 10; last <= 50; last += 10) {
+    calc.Send(last - 9, last);
+    calc.Recv(last - 9, last - 1);
+    calc.CloseSlot();
+    EXPECT_EQ(calc.Get(1, false), (Lost{10, 10, 9}));
+    calc.Recv(last, last);
+    EXPECT_EQ(calc.Get(1, false), (Lost{0, 10, 10})) << last;
+  }
+}
+
+TEST(LostCalc, HasAsManySlotsAsHaveClosed) {
+  Calc calc(kSends);
+  for (u16 closed = 0; closed < 3; ++closed) {
+    EXPECT_TRUE(calc.HasSlots(closed));
+    EXPECT_FALSE(calc.HasSlots(static_cast<u16>(closed + 1)));
+    calc.CloseSlot();
+  }
+}
+
 TEST(LostCalc, LooksBackOverTheLastSlots) {
   Calc calc(kSends, 3);
   calc.AddOneSend(0);

@@ -62,7 +62,7 @@ TEST_F(SocketSetsTest, ASocketThatThereIsNoMemoryForIsNotPolled) {
   const SOCKET s = Ready();
   {
     const test::OutOfMemory none;
-    sets.Add(s, &recorder);
+    EXPECT_NE(sets.Add(s, &recorder), 0u);
   }
   EXPECT_TRUE(test::OutOfMemory::WasFelt());
   Poll();
@@ -230,6 +230,17 @@ TEST_F(SocketSetsTest, ASocketWhoseReadingStoppedKeepsItsPlaceAndMayResume) {
   EXPECT_EQ(recorder.events, (Events{Event("write", s), Event("read", s)}));
   sets.Remove(s);
   EXPECT_EQ(sets.FreePlaces(), 128u);
+}
+
+// Where a session that has ended resumes the reading of its socket, nothing may be polled for
+// nobody.
+TEST_F(SocketSetsTest, OnlyASocketThatWasAddedIsReadAgain) {
+  const SOCKET added = Idle(), stranger = Ready();
+  sets.Add(added, &recorder);
+  sets.ResumeReading(stranger);
+  error = 5;
+  EXPECT_EQ(Poll(), 0);
+  EXPECT_EQ(error, 0);
 }
 
 TEST_F(SocketSetsTest, AClosedSocketIsAnError) {

@@ -271,6 +271,7 @@ TEST_P(ReportSlots, AreNotMadeWhereTheClientHasMadeNone) {
   const test::LogCapture log(4);
   report().make(1);
   EXPECT_TRUE(log.Contains(report().no_region)) << log.Text();
+  EXPECT_FALSE(log.Contains(report().full)) << "one reason is enough: " << log.Text();
   EXPECT_FALSE(common::Shared_mem_obj::Exists(channel().mapping_name));
 }
 
@@ -339,6 +340,14 @@ void SetGameId(u64 id) {
   AccConfigRecord config;
   config.game_id = id;
   ReplaceAccConfig(config);
+}
+
+TEST(ReportDecision, SaysInWhichSlotItIs) {
+  Region region(kDecisionChannel);
+  const test::LogCapture log(0);
+  for (int i = 0; i < 2; ++i) ReportAcceDecisionInfo(AccDecisionInfo{});
+  EXPECT_TRUE(log.Contains("ReportAcceDecisionInfo success,  idx=0, array_size=108")) << log.Text();
+  EXPECT_TRUE(log.Contains("ReportAcceDecisionInfo success,  idx=1, array_size=108")) << log.Text();
 }
 
 TEST(ReportDecision, IsNotMadeForTheNetworkProbe) {

@@ -69,6 +69,28 @@ TEST(RestingNodes, WhereThereIsNoRoomTheOldestIsForgotten) {
   }
 }
 
+TEST(RestingNodes, TheOldestIsForgottenWhereverItStands) {
+  RestingNodes nodes;
+  for (u32 i = 0; i < RestingNodes::kMost; ++i) nodes.Add(Node(i), SOCK_STREAM, 1000 + i, kRest);
+  nodes.Add(Node(0), SOCK_STREAM, 2000, kRest);
+  nodes.Add(Node(99), SOCK_STREAM, 2000, kRest);
+  EXPECT_TRUE(nodes.Has(Node(0), SOCK_STREAM, 2000));
+  EXPECT_FALSE(nodes.Has(Node(1), SOCK_STREAM, 2000));
+  EXPECT_TRUE(nodes.Has(Node(2), SOCK_STREAM, 2000));
+}
+
+TEST(RestingNodes, AFreePlaceIsUsedBeforeOneIsForgottenAlsoWhereTheCounterHasWrapped) {
+  RestingNodes nodes;
+  for (u32 i = 0; i + 1 < RestingNodes::kMost; ++i) {
+    nodes.Add(Node(i), SOCK_DGRAM, 0xffffff00 + i, kRest);
+  }
+  nodes.Add(Node(99), SOCK_DGRAM, 5, kRest);
+  for (u32 i = 0; i + 1 < RestingNodes::kMost; ++i) {
+    EXPECT_TRUE(nodes.Has(Node(i), SOCK_DGRAM, 5)) << i;
+  }
+  EXPECT_TRUE(nodes.Has(Node(99), SOCK_DGRAM, 5));
+}
+
 class NodeChoice : public testing::Test {
  protected:
   NodeChoice() {
@@ -123,6 +145,16 @@ TEST_F(NodeChoice, NodesThatFailedArePassedOverUntilNoneIsLeft) {
   EXPECT_EQ(Awake(), 0u);
   NoteNodeServes(SOCK_STREAM, decision);
   EXPECT_EQ(Awake(), 3u);
+}
+
+// One machine may run several nodes, each on a port of its own.
+TEST_F(NodeChoice, ANodeIsKnownByItsPortToo) {
+  const test::Mended mended(kMendFallback);
+  decision.top_proxy[1] = Proxy(1);
+  decision.top_proxy[1].proxy_idc = 2;
+  decision.top_proxy[1].proxy_port = 7002;
+  Fails();
+  EXPECT_EQ(Awake(), 2u);
 }
 
 TEST_F(NodeChoice, TimesAreTheRecordsOrTheDefaults) {

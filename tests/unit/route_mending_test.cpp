@@ -43,6 +43,56 @@ TEST_F(MendingRegionTest, EachGameHasItsOwnBits) {
   EXPECT_EQ(ReadBits(kMaxGames), 0u);
 }
 
+struct Question {
+  const char* name;
+  bool (Mending::*asked)() const noexcept;
+  u32 bits;  // each of which says yes
+};
+const Question kQuestions[] = {
+    {"PassesOnHalfClose", &Mending::PassesOnHalfClose, kMendHalfClose},
+    {"LeavesFailedNode", &Mending::LeavesFailedNode, kMendFailedNode},
+    {"LeavesUnreachableNode", &Mending::LeavesUnreachableNode, kMendFailedNode},
+    {"PassesOnReset", &Mending::PassesOnReset, kMendReset},
+    {"PostponesConnects", &Mending::PostponesConnects, kMendRefusal},
+    {"KeepsConnectExResult", &Mending::KeepsConnectExResult, kMendConnectEx},
+    {"ServesAgain", &Mending::ServesAgain, kMendRestart},
+    {"FallsBackFast", &Mending::FallsBackFast, kMendFallback},
+    {"BoundsClientWaits", &Mending::BoundsClientWaits, kMendStart},
+    {"ReportsItsEnd", &Mending::ReportsItsEnd, kMendStart},
+    {"DeliversAtItsEnd", &Mending::DeliversAtItsEnd, kMendStart},
+    {"KeepsToItsPlaces", &Mending::KeepsToItsPlaces, kMendStart},
+    {"ForgetsFailedConnects", &Mending::ForgetsFailedConnects, kMendStart},
+    {"RestsWhileFull", &Mending::RestsWhileFull, kMendStart | kMendThroughput},
+    {"RetriesDatagrams", &Mending::RetriesDatagrams, kMendStart},
+    {"NamesAsWithoutUs", &Mending::NamesAsWithoutUs, kMendNames},
+    {"StartsAnewAfterSwitch", &Mending::StartsAnewAfterSwitch, kMendAfterSwitch},
+    {"ConnectsDatagrams", &Mending::ConnectsDatagrams, kMendConnectedDatagram},
+    {"NamesLateSources", &Mending::NamesLateSources, kMendOverlappedDatagram},
+    {"GivesEachPeerAPort", &Mending::GivesEachPeerAPort,
+     kMendDatagramMatch | kMendConnectedDatagram | kMendOverlappedDatagram},
+    {"JudgesByAnswers", &Mending::JudgesByAnswers, kMendJudgement},
+    {"FillsUnsetSettings", &Mending::FillsUnsetSettings, kMendJudgement},
+    {"ReadsLargePieces", &Mending::ReadsLargePieces, kMendThroughput},
+    {"SendsOnlyIntoRoom", &Mending::SendsOnlyIntoRoom, kMendThroughput},
+    {"LeavesStreamBuffers", &Mending::LeavesStreamBuffers, kMendThroughput},
+    {"AcceptsSeveral", &Mending::AcceptsSeveral, kMendThroughput},
+    {"ReadsAsManyAsExpected", &Mending::ReadsAsManyAsExpected, kMendThroughput},
+};
+
+// A game gets what was asked for and nothing else.
+TEST(MendingBits, EachSaysYesToItsQuestionsOnly) {
+  for (u32 bit = 1; bit != 0; bit <<= 1) {
+    const Mending mending(MendingRecord{.mended = bit});
+    for (const Question& question : kQuestions) {
+      EXPECT_EQ((mending.*question.asked)(), (question.bits & bit) != 0)
+          << question.name << ", bit " << bit;
+    }
+  }
+  for (const Question& question : kQuestions) {
+    EXPECT_FALSE((Mending().*question.asked)()) << question.name;
+  }
+}
+
 TEST_F(MendingRegionTest, BitsOfALaterClientAreIgnored) {
   test::ClientRegion<MendingRegion> region(kMendingRegionName);
   region->games[0].mended = 0xffffffff;

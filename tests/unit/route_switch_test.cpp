@@ -68,6 +68,7 @@ class Switch : public test::RoutePolicy {
     }
     EXPECT_EQ(copy.acc_reason, kReasonForceAuto) << "the reason stays the first decision's";
     EXPECT_EQ(copy.selected_proxy.decision, DECISION_FORCE_ACCE_AUTO) << "whatever the route said";
+    EXPECT_NE(copy.selected_proxy.proxy_idc, 0u) << "found, and it is none";
     return copy.selected_proxy.proxy_idc;
   }
   void Say(const std::string& line) {
@@ -338,6 +339,14 @@ TEST_F(Switch, CandidatesAreCachedFromTheFirstGroupOfTheLastNode) {
   const RouteProxyInfo zero;
   EXPECT_EQ(std::memcmp(&cache.proxies[1], &zero, sizeof zero), 0) << "the missing one";
   Say("[0][lsp][Route][CacheSwitchProxy] cache route for intelligent mode.");
+}
+
+TEST_F(Switch, ASecondCandidateIsCachedWithoutAFirst) {
+  SetGroup(1, kLastNode, 0, 3);
+  Publish();
+  route.CacheSwitchProxy(&image.route_sets[0].routes[0], kLastNode, &cache);
+  EXPECT_EQ(cache.proxies[0].proxy_idc, 0u);
+  EXPECT_EQ(cache.proxies[1].proxy_idc, 3u);
 }
 
 TEST_F(Switch, NothingIsCachedWithoutALastNodeAGroupOrInManualMode) {

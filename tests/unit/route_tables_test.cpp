@@ -360,6 +360,14 @@ TEST_F(RouteTables, NothingTakesTheDataCentreOfAllPortsBack) {
   EXPECT_EQ(*route.port_map().Find(80), 1u);
 }
 
+TEST_F(RouteTables, PortMapForgetsThePortsOfTheListBefore) {
+  LoadPorts({{80, 1}, {81, 2}});
+  LoadPorts({{81, 3}});
+  EXPECT_EQ(route.port_map().size(), 1u);
+  EXPECT_EQ(route.port_map().Find(80), nullptr);
+  EXPECT_EQ(*route.port_map().Find(81), 3u);
+}
+
 TEST_F(RouteTables, PortCountPastTheTableReadsTheTable) {
   for (u32 i = 0; i < kMaxPortIdcRecords; ++i) config.port_idc_records[i] = {i + 1, 5};
   config.port_idc_count = 0xFFFF;

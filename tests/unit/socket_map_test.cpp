@@ -32,8 +32,10 @@ TEST_F(SocketMapTest, AnEmptyRecordIsMinusOneAndZero) {
   EXPECT_EQ(record.next_proc_table, nullptr);
   EXPECT_EQ(record.relay_state, 0);
   EXPECT_EQ(record.handled_addr.sin_port, 0);
+  EXPECT_EQ(record.handled_addr_len, 0);
   EXPECT_EQ(record.relay_addr.sin_port, 0);
   EXPECT_FALSE(record.handled || record.udp_connect_mode || record.relay_disabled);
+  EXPECT_FALSE(record.of_worker || record.non_blocking);
 }
 
 TEST_F(SocketMapTest, AddMakesAFreshRecord) {
@@ -71,6 +73,25 @@ TEST_F(SocketMapTest, RemoveErasesTheRecordOnce) {
   EXPECT_TRUE(map.Remove(kSocket));
   EXPECT_FALSE(map.Remove(kSocket));
   EXPECT_EQ(map.Get(kSocket).socket, INVALID_SOCKET);
+}
+
+TEST_F(SocketMapTest, RemoveHandsOutTheLastState) {
+  map.Add(kSocket, SOCK_STREAM, IPPROTO_TCP, 9);
+  map.SetLocalPort(kSocket, 5);
+  SocketRecord last;
+  EXPECT_TRUE(map.Remove(kSocket, &last));
+  EXPECT_EQ(last.socket, kSocket);
+  EXPECT_EQ(last.token, 9u);
+  EXPECT_EQ(last.local_port, 5);
+}
+
+TEST_F(SocketMapTest, AConnectThatFailedIsNoLongerAnsweredFor) {
+  const sockaddr_in address = Address("198.51.100.1", 1);
+  map.Add(kSocket, SOCK_STREAM, IPPROTO_TCP, 9);
+  EXPECT_FALSE(map.ForgetHandledAddr(kSocket + 4));
+  map.SetHandledAddr(kSocket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  EXPECT_TRUE(map.ForgetHandledAddr(kSocket));
+  EXPECT_FALSE(Snapshot().handled);
 }
 
 TEST_F(SocketMapTest, OperationsOnAnUnknownSocketDoNothing) {

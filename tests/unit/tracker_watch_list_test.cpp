@@ -292,6 +292,23 @@ TEST_F(WatchList, OnlyTwoOperationsReportAnUnknownSocket) {
 
 // --- series codes -----------------------------------------------------------------------------
 
+TEST_F(WatchList, TimesAreSinceTheBeginningAndTheLastReceive) {
+  Sleep(50);
+  const u32 before = GetTickCount();
+  SocketQosRecord record;
+  record.create_tick = before - 40;
+  record.last_recv_tick = before - 30;
+  UpdateTimes(&record);
+  const u32 passed = GetTickCount() - before;
+  EXPECT_GE(record.life, 40u);
+  EXPECT_LE(record.life, 40 + passed);
+  EXPECT_GE(record.idle, 30u);
+  EXPECT_LE(record.idle, 30 + passed);
+  record.last_recv_tick = 0;
+  UpdateTimes(&record);
+  EXPECT_EQ(record.idle, 0u) << "nothing was ever received";
+}
+
 TEST_F(WatchList, SeriesCodeNamesTheGameTheUserAndTheSocket) {
   tracker.AddToWatchList(kSocket, kTrackTcp, kToken);
   const std::string code = Record().series_code;
@@ -314,10 +331,11 @@ TEST_F(WatchList, SeriesCodeIsCutToItsBufferAndNotMadeForASmallerOne) {
   config.game_id = ~u64{0};
   common::SetFieldText(config.uin, std::string(63, '9'));
   ReplaceAccConfig(config);
-  char code[kSeriesCodeSize];
+  char code[kSeriesCodeSize + 1];
   std::memset(code, 'x', sizeof code);
-  MakeSeriesCode(kSocket, code, sizeof code);
+  MakeSeriesCode(kSocket, code, kSeriesCodeSize);
   EXPECT_EQ(std::string(code), "18446744073709551615-" + std::string(43, '9'));
+  EXPECT_EQ(code[kSeriesCodeSize], 'x') << "beyond its buffer";
   std::memset(code, 'x', sizeof code);
   MakeSeriesCode(kSocket, code, kSeriesCodeSize - 1);
   EXPECT_EQ(code[0], 'x');
