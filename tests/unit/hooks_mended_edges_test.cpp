@@ -1,6 +1,7 @@
 // Edges of what is mended, over a scripted next provider: providers that lack an entry or know no
 // name, sockets that are not what the caller thinks, and completions that nobody waits for. At
-// stake: the library falls back to what the next provider said, and calls nothing that is not there.
+// stake: the library falls back to what the next provider said, and calls nothing that is not
+// there.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -64,8 +65,9 @@ struct MendedEdges : testing::Test {
     HookRelayedNames(&table);
     sockaddr_in name{};
     INT size = sizeof name;
-    EXPECT_EQ(table.lpWSPGetSockName(next.socket, reinterpret_cast<sockaddr*>(&name), &size, &error),
-              name_result);
+    EXPECT_EQ(
+        table.lpWSPGetSockName(next.socket, reinterpret_cast<sockaddr*>(&name), &size, &error),
+        name_result);
     return name;
   }
   sockaddr_in PeerName(SOCKET s) {

@@ -53,6 +53,26 @@ TEST(StreamsWithoutStart, HaveRoomAndEndQuietly) {
   EXPECT_FALSE(provider.OwesServers());
 }
 
+// What a thread that connects is told has to stay, so each start keeps its listener's address.
+TEST(StreamsWithoutMemory, DoNotStartAndLeaveNoListener) {
+  test::StartWinsock();
+  struct Entry {
+    void* next;
+    sockaddr_in address;
+  };
+  test::HandTurned loop;
+  Route route;
+  TcpProvider provider;
+  {
+    const test::OutOfMemory none(1, sizeof(Entry), sizeof(Entry));
+    EXPECT_FALSE(provider.Init(&loop, &route));
+  }
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  EXPECT_TRUE(loop.delegates.empty());
+  EXPECT_TRUE(provider.Init(&loop, &route));
+  provider.Uninit();
+}
+
 // --- requests ----------------------------------------------------------------------------------
 
 struct StreamRequests : testing::Test {

@@ -5,9 +5,12 @@
 
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "abi/mending_formats.h"
 #include "common/handle.h"
@@ -176,7 +179,24 @@ TEST_F(DatagramEdges, WithoutMemoryARequestIsRefusedAndTheNextOneIsNot) {
   EXPECT_TRUE(Ask(game).opened());
 }
 
-// A session belongs to the socket that asked for it, by its address; its token alone proves nothing.
+// The last thing that a session needs is its place among those that the game's threads can find.
+TEST_F(DatagramEdges, WithoutMemoryForItsPlaceASessionIsTakenBack) {
+  struct Entry {
+    std::uintptr_t links[4];
+    std::pair<const u32, std::shared_ptr<UdpQueues>> value;
+  };
+  const std::set<SOCKET> before = Polled();
+  {
+    const test::OutOfMemory none(1, sizeof(Entry), sizeof(Entry));
+    EXPECT_FALSE(Ask(game).opened());
+  }
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  EXPECT_EQ(Polled(), before);
+  EXPECT_TRUE(Ask(game).opened()) << "the token is free";
+}
+
+// A session belongs to the socket that asked for it, by its address; its token alone proves
+// nothing.
 TEST_F(DatagramEdges, AnotherSocketDoesNotGetTheSessionOfAToken) {
   const test::Mended mended(kMendDatagramMatch);
   ASSERT_TRUE(Ask(game).opened());
@@ -294,8 +314,8 @@ TEST_F(PeerEdges, ThePortThatHasRoomFirstSendsFirst) {
   port::ClearFaults();
   ASSERT_EQ(port_of_a.size(), 1u);
   ASSERT_EQ(port_of_b.size(), 1u);
-  for (const auto& [s, text] : {std::pair{*port_of_b.begin(), "from b"},
-                                std::pair{*port_of_a.begin(), "from a"}}) {
+  for (const auto& [s, text] :
+       {std::pair{*port_of_b.begin(), "from b"}, std::pair{*port_of_a.begin(), "from a"}}) {
     Delegate(s).OnWritable(s);
     ASSERT_TRUE(test::BecomesReadable(game)) << text;
     EXPECT_EQ(Received(game), text);

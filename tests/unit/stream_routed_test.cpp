@@ -1,0 +1,201 @@
+// Streams on their way over nodes, turned by hand, with nodes on this host that only listen. At
+// stake: which way is the latest after each event, and what a request that is given up, or that
+// there is no memory for, leaves behind.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "abi/mending_formats.h"
+#include "common/process_info.h"
+#include "sockets/socket_map.h"
+#include "stream/tcp_provider.h"
+#include "tests/support/hand_turned.h"
+#include "tests/support/loopback.h"
+#include "tests/support/mended.h"
+#include "tests/support/route_fixture.h"
+#include "tests/unit/out_of_memory.h"
+
+#ifndef _WIN32
+#include "port/shared/faults.h"
+#endif
+
+namespace moru_vyr::lsp {
+namespace {
+
+constexpr char kRoutedServer[] = "203.0.113.1";
+
+struct RoutedStream : test::RoutePolicy {
+  RoutedStream() {
+    test::StartWinsock();
+    for (u32 idc = 1; idc <= 2; ++idc) {
+      sockaddr_in address;
+      nodes[idc - 1].Reset(test::BoundSocket(SOCK_STREAM, &address));
+      EXPECT_EQ(listen(nodes[idc - 1], 4), 0);
+      test::AddProxy(image, idc, "127.0.0.1").proxy_port = ntohs(address.sin_port);
+      image.proxies[idc - 1].surport_isps = 1;
+    }
+    RouteEntry& entry = test::AddRoute(image.route_sets[0], 11, test::Ref(1));
+    entry.top_refs[0] = test::Ref(1);
+    entry.top_refs[1] = test::Ref(2);
+    Publish();
+    LoadIps({{11, test::Ip(kRoutedServer)}});
+    EXPECT_TRUE(provider.Init(&loop, &route));
+    sockaddr_in address;
+    game.Reset(test::BoundSocket(SOCK_STREAM, &address));
+    port = address.sin_port;
+  }
+  ~RoutedStream() override { provider.Uninit(); }
+
+  bool Request(std::shared_ptr<PostponedConnect> postponed = nullptr) {
+    sockaddr_in server = {};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(80);
+    server.sin_addr.s_addr = test::Ip(kRoutedServer);
+    return provider.RequestTcpRelaySession(game, port, &server, &relay_addr, &relay_len, 9, &is_new,
+                                           std::move(postponed));
+  }
+  bool TurnsUntil(const std::string& line) {
+    for (int i = 0; i < 500 && !log.Contains(line); ++i) loop.Turn();
+    return log.Contains(line);
+  }
+  // The sockets of the log lines that have these words, in their order.
+  std::vector<SOCKET> SocketsOf(const std::string& words) const {
+    std::vector<SOCKET> sockets;
+    const std::string text = log.Text();
+    for (std::size_t at = text.find(words); at != text.npos; at = text.find(words, at + 1)) {
+      const std::size_t value = text.find("socket=", at);
+      if (value < text.find('\n', at))
+        sockets.push_back(static_cast<SOCKET>(std::stoul(text.substr(value + 7))));
+    }
+    return sockets;
+  }
+
+  test::HandTurned loop;
+  TcpProvider provider;
+  test::OwnSocket nodes[2], game;
+  u16 port = 0;
+  sockaddr* relay_addr = nullptr;
+  int relay_len = 0;
+  bool is_new = false;
+};
+
+#ifndef _WIN32
+// The server can still be reached. (It is on no network of this host: the connect is refused here.)
+TEST_F(RoutedStream, WithoutMemoryToDecideTheServerIsTakenItself) {
+  ASSERT_TRUE(Request());
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  port::FailCall("connect", 0, WSAENETUNREACH);
+  {
+    const test::OutOfMemory none(1, SessionGuid::kTextSize, SessionGuid::kTextSize);
+    EXPECT_TRUE(TurnsUntil("[TCP]DecideRemoteAddr.use_acc_=false, ip=203.0.113.1, port=80, "));
+  }
+  port::ClearFaults();
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
+}
+#endif
+
+TEST_F(RoutedStream, WithoutMemoryAConnectionIsClosedAndItsPortIsFree) {
+  ASSERT_TRUE(Request());
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  {
+    const test::OutOfMemory none(1, sizeof(TcpSession*), sizeof(TcpSession*));
+    EXPECT_TRUE(TurnsUntil("session not registered for port=")) << log.Text();
+  }
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  ASSERT_TRUE(Request());
+  EXPECT_TRUE(is_new) << "the next connection from there may go elsewhere";
+}
+
+// --- one way beside another
+// -----------------------------------------------------------------------
+
+// The first node has accepted the connection and says nothing, the second one is asked beside it.
+struct RacingStream : RoutedStream {
+  void Race() {
+    ASSERT_TRUE(Request());
+    ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+    const std::string asked = "TcpSession::StartNegotiation, proxy_idc=";
+    ASSERT_TRUE(TurnsUntil(asked + "1, ")) << log.Text();
+    for (int i = 0; i < 60 && !log.Contains(overdue); ++i) provider.OnUpdate(31);
+    ASSERT_TRUE(TurnsUntil(asked + "2, ")) << log.Text();
+    first = SocketsOf(asked + "1, ").at(0);
+    second = SocketsOf(asked + "2, ").at(0);
+    ASSERT_NE(first, second);
+  }
+  bool IsPolled(SOCKET s) const { return loop.delegates.contains(s); }
+
+  const std::string overdue = "TcpSession::OnAnswerOverdue, goes on beside the next, ";
+  const test::Mended mended{kMendFallback};
+  SOCKET first = INVALID_SOCKET, second = INVALID_SOCKET;
+};
+
+// An exception of a way that is not connecting, such as an urgent byte, decides nothing: the second
+// node is the latest afterwards, too, and the next that is overdue.
+TEST_F(RacingStream, AnEventThatDecidesNothingLeavesTheOrderAsItWas) {
+  Race();
+  loop.delegates.at(first)->OnException(first);
+  EXPECT_TRUE(log.Contains("HandleConnectFailure. state mismatched, cur state="));
+  EXPECT_TRUE(IsPolled(first));
+  EXPECT_TRUE(IsPolled(second));
+#ifndef _WIN32
+  port::FailCall("connect", 0, WSAENETUNREACH);  // the server's, which comes next
+  for (int i = 0; i < 60 && SocketsOf(overdue).size() < 2; ++i) provider.OnUpdate(31);
+  port::ClearFaults();
+  EXPECT_EQ(SocketsOf(overdue), (std::vector<SOCKET>{first, second}));
+#endif
+}
+
+// A way that ends without ending the session, while another goes on: it alone is closed.
+TEST_F(RacingStream, AWayThatEndsIsClosedAlone) {
+  Race();
+  loop.delegates.at(first)->OnWritable(first);
+  EXPECT_EQ(SocketsOf("TcpSession::CloseTry, about to close "), std::vector<SOCKET>{first});
+  EXPECT_FALSE(IsPolled(first));
+  EXPECT_TRUE(IsPolled(second));
+  EXPECT_FALSE(log.Contains("[TCP]CloseObsoleteSession, remove session, ")) << log.Text();
+}
+
+// --- connects that wait
+// ------------------------------------------------------------------------------
+
+struct WaitingStream : RoutedStream {
+  WaitingStream() {
+    GetSocketMap().Add(game, kSocketTypeStream, 6, 9);
+    record = GetSocketMap().Get(game);
+    record.next_proc_table = &next;
+    record.non_blocking = true;
+  }
+  ~WaitingStream() override { GetSocketMap().Remove(game); }
+
+  const test::Mended mended{kMendRefusal};
+  WSPPROC_TABLE next{};
+  SocketRecord record;
+};
+
+// The game closes its socket, or is told to stop, before the worker has begun.
+TEST_F(WaitingStream, AConnectThatIsGivenUpBeforeTheWorkerBeginsIsNotBegun) {
+  auto postponed = provider.postponed_connects().Add(record);
+  ASSERT_NE(postponed, nullptr);
+  ASSERT_TRUE(Request(postponed));
+  EXPECT_TRUE(is_new);
+  provider.postponed_connects().Cancel(9);
+  provider.StartPostponed();
+  EXPECT_FALSE(log.Contains("[TCP]DecideRemoteAddr.use_acc_=")) << log.Text();
+  ASSERT_TRUE(Request());
+  EXPECT_TRUE(is_new) << "nothing waits at its port";
+}
+
+TEST_F(WaitingStream, AConnectThatIsNotGivenUpIsBegunBeforeTheGameConnects) {
+  auto postponed = provider.postponed_connects().Add(record);
+  ASSERT_NE(postponed, nullptr);
+  ASSERT_TRUE(Request(postponed));
+  provider.StartPostponed();
+  EXPECT_TRUE(log.Contains("[TCP]DecideRemoteAddr.use_acc_=true, ")) << log.Text();
+  provider.postponed_connects().Cancel(9);
+  provider.OnUpdate(31);
+  EXPECT_TRUE(log.Contains("[TCP]CloseObsoleteSession, remove session, ")) << log.Text();
+}
+
+}  // namespace
+}  // namespace moru_vyr::lsp
