@@ -1,5 +1,5 @@
-// ConnectEx that fails at once, and calls for datagrams on a stream. At stake: the next connect from
-// the same port gets its own way, and a stream's bytes are handed on as they are.
+// ConnectEx that fails at once, and calls for datagrams on a stream. At stake: the next connect
+// from the same port gets its own way, and a stream's bytes are handed on as they are.
 #include <mswsock.h>
 
 #include "abi/mending_formats.h"

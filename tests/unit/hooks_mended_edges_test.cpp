@@ -278,6 +278,23 @@ TEST_F(LateEdges, AReceiveThatIsNotAskedForLeavesTheSocketDirectOnce) {
   EXPECT_EQ(text.find(line), text.rfind(line)) << text;
 }
 
+// The message to the relay cannot be sent: its session is noted as ended, and the socket goes
+// direct.
+TEST_F(LateEdges, ARelayedSocketIsLeftDirectEvenIfItsRelayCannotBeTold) {
+  GetSocketMap().SetRelayAddr(next.socket, &kEdgeRelay, nullptr, nullptr);
+  overlapped.hEvent = reinterpret_cast<HANDLE>(0x40);
+  SocketRecord record = Record();
+  { const OverlappedReceive receive(&record, true, Place(), &size, &overlapped, nullptr); }
+  next.result = SOCKET_ERROR;
+  next.error = WSAENOBUFS;
+  NoteOverlappedUse(&record, &overlapped);
+  EXPECT_EQ(record.relay_state, kRelayRefused);
+  EXPECT_EQ(Record().relay_state, kRelayRefused);
+  EXPECT_TRUE(Record().relay_disabled);
+  ASSERT_FALSE(next.calls.empty());
+  EXPECT_EQ(next.Last().name, "WSPConnect") << "to where it believes it is connected";
+}
+
 TEST_F(LateEdges, WithoutAnyProviderTheResultIsAFailure) {
   WSPPROC_TABLE table{};
   HookOverlappedResult(&table);
