@@ -12,6 +12,7 @@
 namespace {
 
 using namespace switch_test;  // NOLINT
+using moru_vyr::lsp::kMendAfterSwitch;
 using moru_vyr::lsp::kMendFailedNode;
 using moru_vyr::lsp::kMendFallback;
 
@@ -78,6 +79,17 @@ SCENARIO_F(SwitchEdges, AFlowEndsOnceItsTrialHasSentWhatWaited) {
   loop.delegates[trial]->OnWritable(trial);
   EXPECT_EQ(b.TakenData(), "last");
   EXPECT_TRUE(Logged(closed)) << log->Text();
+}
+
+// What waits for the negotiation leaves all the same; only with fast fallback does the end wait for
+// it.
+SCENARIO_F(SwitchEdges, AFlowThatEndsWhileItAsksIsNotHeldUpByWhatWaits) {
+  Begins();
+  flow->SetClosing();
+  a.Answers();
+  Turn();
+  EXPECT_EQ(a.TakenData(), "first");
+  EXPECT_FALSE(session->IsCloseWanted());
 }
 
 // --- nodes that cannot be reached ----------------------------------------------------------------
@@ -155,6 +167,29 @@ SCENARIO_F(LateAnswers, AreToldTheEndOnce) {
   a.Answers();
   Turn();
   EXPECT_EQ(a.TakenEnds(), 0) << "told once";
+}
+
+SCENARIO_F(LateAnswers, AFlowEndsWhenWhatWaitedForThemHasLeft) {
+  Begins();
+  EXPECT_FALSE(session->CanClose());
+  a.Answers();
+  Sleep(1);
+  port::FailCall("sendto", 1, WSAEWOULDBLOCK);
+  loop.delegates[local_sock]->OnReadable(local_sock);
+  EXPECT_TRUE(flow->OwesServers());
+  EXPECT_FALSE(session->IsCloseWanted()) << "there was no room yet";
+  Turn();
+  EXPECT_EQ(a.TakenData(), "first");
+  EXPECT_FALSE(flow->OwesServers());
+}
+
+SCENARIO_F(LateAnswers, AFlowThatOwesNothingMoreWantsToEnd) {
+  Begins();
+  EXPECT_FALSE(session->CanClose());
+  a.Answers();
+  Turn();
+  EXPECT_EQ(a.TakenData(), "first");
+  EXPECT_TRUE(session->IsCloseWanted());
 }
 
 SCENARIO_F(LateAnswers, ThatRefuseNeedNoEnd) {
