@@ -55,6 +55,7 @@ class UnknownName : public TcpWorld {
 // show it cannot be had, or cannot be connected, or does not say.
 SCENARIO_F(UnknownName, StaysThatOfTheRelay) {
   const SOCKET s = Joins();
+  EXPECT_EQ(Talks(s, "hi"), "hi");  // the relay has made its socket, with a call of that name
   const std::string known = OwnAddress(s);
   EXPECT_NE(known, "127.0.0.1");
   const std::pair<const char*, unsigned> calls_below[] = {
