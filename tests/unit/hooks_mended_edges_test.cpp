@@ -193,8 +193,8 @@ struct LateEdges : MendedEdges {
     Make(kSocketTypeDatagram);
   }
   ~LateEdges() override { ForgetAllReceives(); }
-  bool IsTaken(SocketRecord record, bool allowed, sockaddr* to, INT* size) {
-    OverlappedReceive receive(&record, allowed, to, size, &overlapped, CountedRoutine);
+  bool IsTaken(SocketRecord record, bool allowed, sockaddr* to, INT* room) {
+    OverlappedReceive receive(&record, allowed, to, room, &overlapped, CountedRoutine);
     const bool ours = receive.routine() != CountedRoutine;
     if (ours) late = receive.routine();
     EXPECT_FALSE(record.relay_disabled);

@@ -22,6 +22,7 @@ namespace {
 // The first thing that is made of the region is a copy of its name.
 TEST(StartWithoutMemory, AConfigurationCountsAsAbsent) {
   common::SetFieldText(common::GetProcessInfo().process_path, "C:\\Games\\Dawn\\dawn.exe");
+  ReplaceAccConfig(AccConfig{});
   const test::TraceCapture trace;
   {
     const test::OutOfMemory none(1, sizeof kRestrictionRegionName, sizeof kRestrictionRegionName);
