@@ -97,18 +97,6 @@ TEST_F(RoutedStream, WithoutMemoryToDecideTheServerIsTakenItself) {
 }
 #endif
 
-TEST_F(RoutedStream, WithoutMemoryAConnectionIsClosedAndItsPortIsFree) {
-  ASSERT_TRUE(Request());
-  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
-  {
-    const test::OutOfMemory none(1, sizeof(TcpSession*), sizeof(TcpSession*));
-    EXPECT_TRUE(TurnsUntil("session not registered for port=")) << log.Text();
-  }
-  EXPECT_TRUE(test::OutOfMemory::WasFelt());
-  ASSERT_TRUE(Request());
-  EXPECT_TRUE(is_new) << "the next connection from there may go elsewhere";
-}
-
 // --- one way beside another
 // -----------------------------------------------------------------------
 

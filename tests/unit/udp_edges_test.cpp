@@ -5,9 +5,7 @@
 
 #include <array>
 #include <atomic>
-#include <cstdint>
 #include <cstring>
-#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -177,22 +175,6 @@ TEST_F(DatagramEdges, WithoutMemoryARequestIsRefusedAndTheNextOneIsNot) {
     EXPECT_EQ(Polled(), before) << size;
   }
   EXPECT_TRUE(Ask(game).opened());
-}
-
-// The last thing that a session needs is its place among those that the game's threads can find.
-TEST_F(DatagramEdges, WithoutMemoryForItsPlaceASessionIsTakenBack) {
-  struct Entry {
-    std::uintptr_t links[4];
-    std::pair<const u32, std::shared_ptr<UdpQueues>> value;
-  };
-  const std::set<SOCKET> before = Polled();
-  {
-    const test::OutOfMemory none(1, sizeof(Entry), sizeof(Entry));
-    EXPECT_FALSE(Ask(game).opened());
-  }
-  EXPECT_TRUE(test::OutOfMemory::WasFelt());
-  EXPECT_EQ(Polled(), before);
-  EXPECT_TRUE(Ask(game).opened()) << "the token is free";
 }
 
 // A session belongs to the socket that asked for it, by its address; its token alone proves
