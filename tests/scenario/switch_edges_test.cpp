@@ -137,8 +137,26 @@ SCENARIO_F(UnreachableTrial, GoesOnAfterAnErrorOfItsOwnSocket) {
   EXPECT_TRUE(Logged(test::kTrialAgreed)) << log->Text();
 }
 
-// --- answers that come too late
-// --------------------------------------------------------------------
+// --- nodes that were left ------------------------------------------------------------------------
+
+struct AsksToStartAnew {
+  test::Mended mended{kMendAfterSwitch};
+};
+
+class LeftNode : public AsksToStartAnew, public SwitchWorld {};
+
+// A process that ends tells nobody, also not the node that it was about to tell.
+SCENARIO_F(LeftNode, IsNotToldTheEndWhileTheRelayStops) {
+  IsCarried();
+  IsTakenOver();
+  a.Takes();
+  stopping = true;
+  Turns(75);
+  EXPECT_EQ(a.TakenEnds(), 0);
+  stopping = false;
+}
+
+// --- answers that come too late ------------------------------------------------------------------
 
 struct AsksForFallback {
   test::Mended mended{kMendFallback};

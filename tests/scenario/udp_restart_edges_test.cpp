@@ -8,7 +8,7 @@ using namespace udp_test;  // NOLINT: the verbs of these tests
 
 class RestartableFlow : public UdpWorld {
  protected:
-  RestartableFlow() : UdpWorld(moru_vyr::lsp::kMendRestart) {}
+  RestartableFlow() : UdpWorld(moru_vyr::lsp::kMendRestart) { Starts(); }
 };
 
 SCENARIO_F(RestartableFlow, StaysWithItsRelayFromSendToSend) {

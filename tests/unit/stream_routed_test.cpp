@@ -97,8 +97,7 @@ TEST_F(RoutedStream, WithoutMemoryToDecideTheServerIsTakenItself) {
 }
 #endif
 
-// --- one way beside another
-// -----------------------------------------------------------------------
+// --- one way beside another ----------------------------------------------------------------------
 
 // The first node has accepted the connection and says nothing, the second one is asked beside it.
 struct RacingStream : RoutedStream {
@@ -147,8 +146,7 @@ TEST_F(RacingStream, AWayThatEndsIsClosedAlone) {
   EXPECT_FALSE(log.Contains("[TCP]CloseObsoleteSession, remove session, ")) << log.Text();
 }
 
-// --- connects that wait
-// ------------------------------------------------------------------------------
+// --- connects that wait --------------------------------------------------------------------------
 
 struct WaitingStream : RoutedStream {
   WaitingStream() {
@@ -245,8 +243,7 @@ TEST_F(WaitingStream, AConnectThatIsNotGivenUpIsBegunBeforeTheGameConnects) {
   EXPECT_TRUE(log.Contains("[TCP]CloseObsoleteSession, remove session, ")) << log.Text();
 }
 
-// --- ends
-// ---------------------------------------------------------------------------------------------
+// --- ends ----------------------------------------------------------------------------------------
 
 // A connection to a server of the test's own, which is on no table, so that it is reached directly.
 struct DirectStream : testing::Test {
