@@ -3,7 +3,7 @@
 import document
 import sources
 
-MOST_SHOWN = 12  # of a function's conditions
+MOST_SHOWN = 8  # of a function's conditions
 
 
 def functions_of(file):
