@@ -19,11 +19,7 @@ namespace moru_vyr::lsp {
 namespace {
 
 bool NeedsRelay(const SocketRecord& record, const sockaddr_in* to) noexcept {
-  try {
-    return GetRoute()->NeedRelay(to, record.type, record.socket, record.token);
-  } catch (...) {
-    return false;  // out of memory
-  }
+  return GetRoute()->NeedRelay(to, record.type, record.socket, record.token);
 }
 
 // A queue of that socket's session; null once the session is gone, which counts as no entry.

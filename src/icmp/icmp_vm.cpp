@@ -57,14 +57,6 @@ Oldest TakeOldest(raw_request_t& entry, u32 now, ping_request_t** taken, Wait* w
   return request != nullptr ? Oldest::kDue : Oldest::kNull;
 }
 
-u32 ServerLag(u32 ip) noexcept {
-  try {
-    return GetRoute()->GetServerLag(ip);
-  } catch (const std::exception&) {
-    return 0;  // out of memory
-  }
-}
-
 }  // namespace
 
 void CIcmpVM::AddRawSocket(SOCKET s, u32 ip) noexcept {
@@ -107,7 +99,7 @@ bool CIcmpVM::CheckinConnectionPingRequest(SOCKET s, const char* buffer, u32 len
 bool CIcmpVM::CheckinPingRequest(SOCKET s, raw_request_t& entry, const char* buffer,
                                  u32 length) noexcept {
   if (buffer == nullptr || length < kMinIcmpSize || length > kMaxIcmpSize) return false;
-  const u32 lag = ServerLag(entry.ip);
+  const u32 lag = GetRoute()->GetServerLag(entry.ip);
   if (lag == 0) return false;  // a server that is not accelerated
   LSP_LOG(0, "[RAW]CheckinPingRequest, lag value=%d, socket=%Id", static_cast<int>(lag), s);
   if (!IsValidEchoRequest(buffer, length)) return false;

@@ -12,6 +12,7 @@ import listed
 import measure
 import page
 import sources
+import swarm
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 SOURCE = """// A comment.
@@ -174,9 +175,44 @@ class WhatIsWritten(MadeUp):
         self.assertIn("class='no'", (self.tree / "pages" / "src_a_box.cpp.html").read_text())
 
 
+class TheSwarm(MadeUp):
+    def markdown(self, entries=()):
+        return swarm.markdown(self.files(), listed.parse("".join(entries)), 40, "some day at some commit")
+
+    def test_its_table_counts_functions_too(self):
+        self.assertIn("| src/a | 6 | 66.67 | 2 | 50.00 | 2 | 1 |", self.markdown())
+        self.assertIn("| **all** | 6 | 66.67 | 2 | 50.00 | 2 | 1 |", self.markdown())
+
+    def test_a_function_that_never_ran_is_named_with_its_line(self):
+        self.assertIn("- `src/a/box.cpp`: `Close` (8)\n", self.markdown())
+
+    def test_of_the_others_it_says_what_never_happened(self):
+        self.assertIn("| `src/a/box.cpp:2` | `Box::Open` |  | 3 true |\n", self.markdown())
+
+    def test_what_no_test_reaches_is_left_out(self):
+        self.assertNotIn("`Close`", self.markdown([LISTED]))
+
+    def test_line_numbers_and_conditions_are_said_in_few_words(self):
+        self.assertEqual(swarm.ranges({7, 3, 5, 6}), "3, 5-7")
+        self.assertEqual(swarm.ranges(set()), "")
+        words = [f"{line} true" for line in range(swarm.MOST_SHOWN + 2)]
+        self.assertTrue(swarm.shortened(words).endswith(f"{swarm.MOST_SHOWN - 1} true and 2 more"))
+        box = self.box(branches=[[3, 7, 3, 15, 0, 3, 0, 0, 4], [3, 17, 3, 20, 0, 0, 0, 0, 4]])
+        self.assertEqual(list(swarm.untaken(box, (2, 6, "Box::Open"))), ["3:7 true", "3:17 asked"])
+
+    def test_its_worlds_are_shared_out_and_none_is_lost(self):
+        jobs = list(measure.swarm_jobs("program", 7))
+        seeds = [first + n for _, _, said in jobs
+                 for first in [int(said["VYR_SWARM_FIRST"])] for n in range(int(said["VYR_SWARM_SEEDS"]))]  # fmt: skip
+        self.assertEqual(seeds, list(range(1, 8)))
+        self.assertEqual(len(list(measure.swarm_jobs("program", 1))), 1)
+
+
 class TheCommand(unittest.TestCase):
     def test_wrong_usage_is_refused(self):
-        for words in (["--only", "nothing"], ["--keep", "--only", "unit"], ["--last", "--only", "unit"]):
+        for words in (["--only", "nothing"], ["--keep", "--only", "unit"], ["--last", "--only", "unit"],
+                      ["--only", "swarm", "--only", "unit"], ["--seeds", "5"], ["--only", "swarm", "--seeds", "0"],
+                      ["--only", "swarm", "--add"]):  # fmt: skip
             done = subprocess.run([TREE / "scripts" / "coverage.sh", *words], capture_output=True, check=False)
             self.assertEqual(done.returncode, 2, words)
 

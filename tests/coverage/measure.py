@@ -9,8 +9,10 @@ import subprocess
 import sys
 import time
 
-SUITES = ("unit", "scenario", "race", "fuzz")
-PRESET_OF = {"unit": "coverage", "scenario": "coverage", "race": "coverage-posix", "fuzz": "coverage-posix"}
+SUITES = ("unit", "scenario", "race", "fuzz")  # a whole run
+SWARM = "swarm"  # a part of the scenarios, measured on its own
+PRESET_OF = {"unit": "coverage", "scenario": "coverage", "race": "coverage-posix", "fuzz": "coverage-posix",
+             SWARM: "coverage"}  # fmt: skip
 # As in tests/CMakeLists.txt.
 MENDED = "TcpStorm.*:TcpCalm.*:UdpStorm.*:UdpSwarm.*:SwitchSwarm.*"
 
@@ -34,7 +36,9 @@ def fuzz_targets(tree):
 
 
 def targets_of(tree, suite):
-    return fuzz_targets(tree) if suite == "fuzz" else [f"{suite}_tests"]
+    if suite == "fuzz":
+        return fuzz_targets(tree)
+    return ["scenario_tests" if suite == SWARM else f"{suite}_tests"]
 
 
 def program_of(tree, suite, target):
@@ -64,8 +68,22 @@ def build(tree, suites):
         say(f"done ({time.monotonic() - started:.0f} s)")
 
 
-def jobs_of(tree, suite, only):
+def swarm_jobs(program, seeds):
+    """As many parts as there are cores, each with the next seeds."""
+    parts = min(os.cpu_count(), seeds)
+    first = 1
+    for part in range(parts):
+        count = seeds // parts + (part < seeds % parts)
+        yield (f"{SWARM}.{part + 1}", [program, "--gtest_filter=WholeSwarm.*"],
+               {"VYR_SWARM_FIRST": str(first), "VYR_SWARM_SEEDS": str(count)})  # fmt: skip
+        first += count
+
+
+def jobs_of(tree, suite, only, seeds):
     """Yields (name, command, environment) for each program that the suite runs."""
+    if suite == SWARM:
+        yield from swarm_jobs(program_of(tree, suite, "scenario_tests"), seeds)
+        return
     if suite == "fuzz":
         for target in fuzz_targets(tree):
             corpus = tree / "fuzz" / "corpus" / target
@@ -101,8 +119,8 @@ def run_job(tree, profiles, name, command, environment):
     return failed_tests(log) or [f"{name} ended with {code}; see {log.relative_to(tree)}"]
 
 
-def run_suites(tree, suites, only, profiles):
-    jobs = [job for suite in suites for job in jobs_of(tree, suite, only)]
+def run_suites(tree, suites, only, profiles, seeds):
+    jobs = [job for suite in suites for job in jobs_of(tree, suite, only, seeds)]
     say(f"running {len(jobs)} programs, {os.cpu_count()} at a time")
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         done = [pool.submit(run_job, tree, profiles, *job) for job in jobs]
@@ -122,29 +140,34 @@ def export(tree, suites, profiles):
     return json.loads(done.stdout)
 
 
-def run(tree, only, tests, add):
+def figures_of(tree, only):
+    """The folder of what a run has counted. The swarm has one of its own."""
+    return tree / "build" / ("swarm-figures" if only == [SWARM] else "coverage-figures")
+
+
+def run(tree, only, tests, add, seeds=0):
     """Builds, runs and counts; `add` adds to what the last run has counted."""
     for name in ("clang++", "llvm-profdata", "llvm-cov"):
         tool(name)
-    before = last(tree) if add else {"suites": [], "complete": [], "failures": []}
-    suites = [suite for suite in SUITES if not only or suite in only]
+    before = last(tree, only) if add else {"suites": [], "complete": [], "failures": [], "seeds": 0}
+    suites = [suite for suite in (*SUITES, SWARM) if suite in (only or SUITES)]
     build(tree, suites)
-    profiles = tree / "build" / "coverage-figures"
+    profiles = figures_of(tree, only)
     if not add:
         shutil.rmtree(profiles, ignore_errors=True)
         profiles.mkdir(parents=True)
-    failures = before["failures"] + run_suites(tree, suites, tests, profiles)
+    failures = before["failures"] + run_suites(tree, suites, tests, profiles, seeds)
     complete = set(before["complete"]) | (set() if tests else set(suites))
-    suites = [suite for suite in SUITES if suite in suites or suite in before["suites"]]
+    suites = [suite for suite in (*SUITES, SWARM) if suite in suites or suite in before["suites"]]
     result = {"suites": suites, "complete": sorted(complete), "whole": complete == set(SUITES),
-              "failures": failures, "export": export(tree, suites, profiles)}  # fmt: skip
+              "failures": failures, "seeds": seeds, "export": export(tree, suites, profiles)}  # fmt: skip
     (profiles / "last.json").write_text(json.dumps(result))
     return result
 
 
-def last(tree):
+def last(tree, only=None):
     try:
-        return json.loads((tree / "build" / "coverage-figures" / "last.json").read_text())
+        return json.loads((figures_of(tree, only) / "last.json").read_text())
     except OSError:
         sys.exit("scripts/coverage.sh: there is no last run here")
 

@@ -17,16 +17,21 @@ def says_something(line):
     return bool(re.search(r"\w", line.split("//")[0]))
 
 
-def functions(text):
-    """The name of the outermost function for each line that is in one."""
+def spans(text):
+    """(first line, last line, name) of each outermost function."""
     code = cpp.blank(text, literals=True)
     lines = code.split("\n")
-    found = {}
+    found, end = [], 0
     for first, last in sorted(sizes.functions(text), key=lambda span: (span[0], -span[1])):
-        if first in found:
+        if first <= end:
             continue  # a lambda, or a function of a local class
         head = " ".join(lines[first - 1 : last]).split("{")[0]
         names = [match[1] for match in NAME.finditer(head) if match[1] not in NO_NAME]
-        for number in range(first, last + 1):
-            found[number] = names[0] if names else ""
+        found.append((first, last, names[0] if names else ""))
+        end = last
     return found
+
+
+def functions(text):
+    """The name of the outermost function for each line that is in one."""
+    return {number: name for first, last, name in spans(text) for number in range(first, last + 1)}

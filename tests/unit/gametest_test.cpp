@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "abi/ip_table_formats.h"
 #include "abi/mending_names.h"
 #include "common/process_info.h"
 #include "common/text.h"
@@ -356,6 +357,16 @@ TEST_F(GameTester, WithoutMemoryToReadTheFileItIsOff) {
   }
   EXPECT_TRUE(tester.Init());
   EXPECT_TRUE(tester.IsEnabled());
+}
+
+// The tables are the last thing that a process gets before it is served.
+TEST_F(GameTester, WithoutMemoryForItsTablesAProcessIsNotServed) {
+  Write(kWhole);
+  {
+    const test::OutOfMemory none(1, sizeof(IpTableRegion), sizeof(IpTableRegion));
+    EXPECT_FALSE(ReadTestConfig());
+  }
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
 }
 
 // The product as it is built never looks at the file.

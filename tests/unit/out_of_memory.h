@@ -1,7 +1,9 @@
 // Makes a thread run out of memory. While one of these exists, its thread's allocations of at least
-// `smallest` bytes fail from the n-th on. Other threads and malloc are not affected.
+// `smallest` bytes, and at most `largest`, fail from the n-th on. Other threads and malloc are not
+// affected.
 #pragma once
 #include <cstddef>
+#include <cstdint>
 
 namespace test {
 
@@ -11,7 +13,7 @@ class OutOfMemory {
   // that must not fail.
   static constexpr std::size_t kOfTheProduct = 128;
 
-  explicit OutOfMemory(int nth = 1, std::size_t smallest = 1);
+  explicit OutOfMemory(int nth = 1, std::size_t smallest = 1, std::size_t largest = SIZE_MAX);
   ~OutOfMemory();
   OutOfMemory(const OutOfMemory&) = delete;
   OutOfMemory& operator=(const OutOfMemory&) = delete;

@@ -1,0 +1,226 @@
+// Edges of a flow and of its trial, step by step: nodes that cannot be reached, late answers,
+// sockets without room at the flow's end, and a trial that there is no memory for. At stake: the
+// game plays on over the node that carries it, and no node waits for a flow that is over.
+#include "abi/mending_formats.h"
+#include "port/shared/faults.h"
+#include "tests/scenario/switch_world.h"
+#include "tests/support/log_texts.h"
+#include "tests/support/mended.h"
+#include "tests/unit/out_of_memory.h"
+#include "udp/relay_messages.h"
+
+namespace {
+
+using namespace switch_test;  // NOLINT
+using moru_vyr::lsp::kMendAfterSwitch;
+using moru_vyr::lsp::kMendFailedNode;
+using moru_vyr::lsp::kMendFallback;
+
+class SwitchEdges : public SwitchWorld {};
+
+SCENARIO_F(SwitchEdges, WithoutMemoryThereIsNoTrialAndTheNextOneIsNotHeldUp) {
+  IsCarried();
+  {
+    const test::OutOfMemory none(1, sizeof(UdpSwitchRemoteSession), sizeof(UdpSwitchRemoteSession));
+    EXPECT_FALSE(Fires());
+  }
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  EXPECT_EQ(Trial(), nullptr);
+  EXPECT_EQ(Results(), Outcomes{}) << "the judge asks again";
+  a.SendsData("goes on");
+  Turn();
+  EXPECT_EQ(GameGets(), "goes on");
+  IsVerifying();
+}
+
+SCENARIO_F(SwitchEdges, ATrialReadsItsOwnSocketOnly) {
+  IsCarried();
+  IsVerifying();
+  a.SendsData("pong");
+  const SOCKET other = local_sock;
+  Sleep(1);
+  loop.delegates[TrialSocket()]->OnReadable(other);
+  EXPECT_EQ(GameGets(), "");
+  Turn();
+  EXPECT_EQ(GameGets(), "pong") << "it was left to the flow";
+}
+
+// --- the end of a flow whose trial still has to send ---------------------------------------------
+
+// What the game sent last goes to the trial's node, which has passed. The session of that token
+// ends when it has left, and not before.
+SCENARIO_F(SwitchEdges, AFlowEndsOnceItsTrialHasSentWhatWaited) {
+  IsCarried();
+  IsVerified();
+  GameSends("last");
+  Sleep(1);
+  port::FailCall("sendto", 1, WSAEWOULDBLOCK);
+  loop.delegates[local_sock]->OnReadable(local_sock);
+  const SOCKET trial = TrialSocket();
+  EXPECT_EQ(loop.wants_room.count(trial), 1u);
+  b.Takes();
+  // A session of the same token that the provider knows: this fixture's own is not among them.
+  const SOCKET asker = Udp();
+  EXPECT_EQ(BindTo(asker, "127.0.0.1", 5556), 0);
+  const ProtoRelayOpen open = ProtoRelayOpen::Request(kToken, server_addr, nullptr, asker);
+  sockaddr_in control;
+  provider.GetLocalAddr(&control);
+  sendto(asker, reinterpret_cast<const char*>(&open), sizeof open, 0, Raw(control), sizeof control);
+  Sleep(1);
+  for (const auto& [socket, delegate] : std::map(loop.delegates)) {
+    if (delegate == &provider) delegate->OnReadable(socket);
+  }
+  const std::string closed = "[UDP] session closed, token=77\n";
+  flow->SetClosing();
+  port::FailCall("sendto", 1, WSAEWOULDBLOCK);
+  loop.delegates[trial]->OnWritable(trial);
+  EXPECT_EQ(b.TakenData(), "");
+  EXPECT_FALSE(Logged(closed)) << "there was no room yet";
+  loop.delegates[trial]->OnWritable(trial);
+  EXPECT_EQ(b.TakenData(), "last");
+  EXPECT_TRUE(Logged(closed)) << log->Text();
+}
+
+// What waits for the negotiation leaves all the same; only with fast fallback does the end wait for
+// it.
+SCENARIO_F(SwitchEdges, AFlowThatEndsWhileItAsksIsNotHeldUpByWhatWaits) {
+  Begins();
+  flow->SetClosing();
+  a.Answers();
+  Turn();
+  EXPECT_EQ(a.TakenData(), "first");
+  EXPECT_FALSE(session->IsCloseWanted());
+}
+
+// --- nodes that cannot be reached ----------------------------------------------------------------
+
+struct AsksToLeaveFailedNodes {
+  test::Mended mended{kMendFailedNode};
+};
+
+class UnreachableTrial : public AsksToLeaveFailedNodes, public SwitchWorld {};
+
+// What the system says when the node's host sends a request back, by any of its words.
+SCENARIO_F(UnreachableTrial, EndsAtOnce) {
+  IsCarried();
+  Outcomes expected;
+  for (const int error : {WSAECONNRESET, WSAECONNREFUSED, WSAENETRESET, WSAEHOSTUNREACH,
+                          WSAENETUNREACH, WSAEADDRNOTAVAIL}) {
+    SCOPED_TRACE(error);
+    ASSERT_TRUE(Fires());
+    const SOCKET trial = TrialSocket();
+    port::FailCall("recvfrom", 1, static_cast<DWORD>(error));
+    loop.delegates[trial]->OnReadable(trial);
+    port::ClearFaults();
+    expected.push_back(SwitchResult::kNegotiationFailed);
+    EXPECT_EQ(Results(), expected) << log->Text();
+    Turns(2);
+    EXPECT_EQ(Trial(), nullptr);
+  }
+  a.SendsData("goes on");
+  Turn();
+  EXPECT_EQ(GameGets(), "goes on");
+}
+
+// Any other error says nothing about the node.
+SCENARIO_F(UnreachableTrial, GoesOnAfterAnErrorOfItsOwnSocket) {
+  IsCarried();
+  ASSERT_TRUE(Fires());
+  const SOCKET trial = TrialSocket();
+  port::FailCall("recvfrom", 1, WSAENOBUFS);
+  loop.delegates[trial]->OnReadable(trial);
+  EXPECT_EQ(Results(), Outcomes{});
+  Turn();
+  ASSERT_TRUE(b.IsAsked());
+  b.Answers();
+  Turn();
+  EXPECT_TRUE(Logged(test::kTrialAgreed)) << log->Text();
+}
+
+// --- nodes that were left ------------------------------------------------------------------------
+
+struct AsksToStartAnew {
+  test::Mended mended{kMendAfterSwitch};
+};
+
+class LeftNode : public AsksToStartAnew, public SwitchWorld {};
+
+// A process that ends tells nobody, also not the node that it was about to tell.
+SCENARIO_F(LeftNode, IsNotToldTheEndWhileTheRelayStops) {
+  IsCarried();
+  IsTakenOver();
+  a.Takes();
+  stopping = true;
+  Turns(75);
+  EXPECT_EQ(a.TakenEnds(), 0);
+  stopping = false;
+}
+
+// --- answers that come too late ------------------------------------------------------------------
+
+struct AsksForFallback {
+  test::Mended mended{kMendFallback};
+};
+
+// The node was asked and given up, there was no other, and the game plays without one.
+class LateAnswers : public AsksForFallback, public SwitchWorld {
+ protected:
+  void GivesUpTheNode() {
+    Begins();
+    for (int i = 0; i < 200 && !Logged("begin direct mode"); ++i) Turn();
+    ASSERT_TRUE(Logged("begin direct mode")) << log->Text();
+    a.Takes();
+    GameGets();
+  }
+};
+
+SCENARIO_F(LateAnswers, AreToldTheEndOnce) {
+  GivesUpTheNode();
+  a.AnswersBytes("no answer at all");
+  Turn();
+  EXPECT_EQ(a.TakenEnds(), 0);
+  a.Answers();
+  Turn();
+  EXPECT_EQ(a.TakenEnds(), 1) << log->Text();
+  a.Answers();
+  Turn();
+  EXPECT_EQ(a.TakenEnds(), 0) << "told once";
+}
+
+SCENARIO_F(LateAnswers, AFlowEndsWhenWhatWaitedForThemHasLeft) {
+  Begins();
+  EXPECT_FALSE(session->CanClose());
+  a.Answers();
+  Sleep(1);
+  port::FailCall("sendto", 1, WSAEWOULDBLOCK);
+  loop.delegates[local_sock]->OnReadable(local_sock);
+  EXPECT_TRUE(flow->OwesServers());
+  EXPECT_FALSE(session->IsCloseWanted()) << "there was no room yet";
+  Turn();
+  EXPECT_EQ(a.TakenData(), "first");
+  EXPECT_FALSE(flow->OwesServers());
+}
+
+SCENARIO_F(LateAnswers, AFlowThatOwesNothingMoreWantsToEnd) {
+  Begins();
+  EXPECT_FALSE(session->CanClose());
+  a.Answers();
+  Turn();
+  EXPECT_EQ(a.TakenData(), "first");
+  EXPECT_TRUE(session->IsCloseWanted());
+}
+
+SCENARIO_F(LateAnswers, ThatRefuseNeedNoEnd) {
+  GivesUpTheNode();
+  ScriptedNode::Answer refusal;
+  refusal.result = 1;
+  a.Answers(refusal);
+  Turn();
+  EXPECT_EQ(a.TakenEnds(), 0);
+  EXPECT_EQ(GameGets(), "") << "it is not the game's";
+  a.Answers();
+  Turn();
+  EXPECT_EQ(a.TakenEnds(), 0) << "that node was heard out";
+}
+
+}  // namespace
