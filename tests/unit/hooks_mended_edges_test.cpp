@@ -39,7 +39,8 @@ int WSPAPI NameBelow(SOCKET, sockaddr* name, LPINT, LPINT) {
 }
 
 int selected_below = 0;  // how many sockets the next provider calls failed
-int WSPAPI SelectBelow(int, fd_set*, fd_set*, fd_set*, const timeval*, LPINT) {
+template <class Timeout>  // which is not everywhere a pointer to const
+int WSPAPI SelectBelow(int, fd_set*, fd_set*, fd_set*, Timeout, LPINT) {
   return selected_below;
 }
 
