@@ -38,7 +38,7 @@ int WSPAPI NameBelow(SOCKET, sockaddr* name, LPINT, LPINT) {
   return name_result;
 }
 
-int selected_below = 0;  // how many sockets the next provider calls failed
+int selected_below = 0;   // how many sockets the next provider calls failed
 template <class Timeout>  // which is not everywhere a pointer to const
 int WSPAPI SelectBelow(int, fd_set*, fd_set*, fd_set*, Timeout, LPINT) {
   return selected_below;
