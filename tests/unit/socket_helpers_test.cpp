@@ -8,6 +8,7 @@
 #include <set>
 #include <vector>
 
+#include "engine/relay_mgr.h"
 #include "sockets/socket_map.h"
 #include "tests/support/log_capture.h"
 
@@ -129,6 +130,10 @@ TEST_F(BindThroughNextProvider, WithoutABindInTheTableNothingIsCalled) {
 // The socket's number may be given to another socket at once.
 TEST_F(BindThroughNextProvider, ASocketClosedAfterWinsocksEndLeavesNoRecord) {
   table.lpWSPCloseSocket = AnswerClose;
+#ifdef _WIN32
+  ASSERT_FALSE(GetRelayMgr().Serves())
+      << "a test before this one has started the worker, whose sockets end here";
+#endif
   int starts = 0;  // the test program's own, and whatever tests before this one left
   while (WSACleanup() == 0) ++starts;
   CloseRelaySocket(kUnbound);

@@ -6,7 +6,6 @@
 #include <memory>
 #include <string>
 
-#include "common/process_info.h"
 #include "route/route.h"
 #include "sockets/socket_map.h"
 #include "stream/block_pool.h"
@@ -18,7 +17,6 @@
 #include "tests/support/loopback.h"
 #include "tests/support/mended.h"
 #include "tests/unit/out_of_memory.h"
-#include "tests/unit/scripted_provider.h"
 
 #ifndef _WIN32
 #include "port/shared/faults.h"
@@ -197,14 +195,17 @@ TEST_F(WakeSockets, ASocketThatCannotBePreparedIsGivenUp) {
 struct PostponedList : testing::Test {
   PostponedList() {
     test::StartWinsock();
-    GetSocketMap().Add(next.socket, kSocketTypeStream, 6, 9);
-    record = GetSocketMap().Get(next.socket);
-    record.next_proc_table = &common::GetProcessInfo().tcp_proc_table;
+    table.lpWSPConnect = ConnectBelow;
+    GetSocketMap().Add(kSocket, kSocketTypeStream, 6, 9);
+    record = GetSocketMap().Get(kSocket);
+    record.next_proc_table = &table;
     record.non_blocking = true;
-    common::GetProcessInfo().tcp_proc_table.lpWSPConnect = ConnectBelow;
     connected = {};
   }
-  ~PostponedList() override { connects.Close(); }
+  ~PostponedList() override {
+    connects.Close();
+    GetSocketMap().Remove(kSocket);
+  }
 
   static int WSPAPI ConnectBelow(SOCKET, const sockaddr* name, int, LPWSABUF, LPWSABUF, LPQOS,
                                  LPQOS, LPINT) {
@@ -213,7 +214,8 @@ struct PostponedList : testing::Test {
   }
   static inline sockaddr_in connected{};
 
-  test::ScriptedProvider next;
+  static constexpr SOCKET kSocket = 0x1234;
+  WSPPROC_TABLE table{};
   SocketRecord record;
   PostponedConnects connects;
   const sockaddr_in listener = test::Address("127.0.0.1", 4001);
@@ -225,7 +227,7 @@ TEST_F(PostponedList, AServerThatWasReachedConnectsTheSocketToTheRelay) {
   ASSERT_NE(connect, nullptr);
   connects.Decide(connect.get(), 0);
   EXPECT_EQ(connected.sin_port, listener.sin_port);
-  EXPECT_EQ(GetSocketMap().Get(next.socket).connect_stage, ConnectStage::kIssued);
+  EXPECT_EQ(GetSocketMap().Get(kSocket).connect_stage, ConnectStage::kIssued);
   connected = {};
   connects.Decide(connect.get(), WSAECONNREFUSED);
   EXPECT_EQ(connected.sin_port, 0) << "the first decision counts";
@@ -236,8 +238,8 @@ TEST_F(PostponedList, ASocketThatHasGoneIsNotConnected) {
   connects.Open(listener);
   const auto connect = connects.Add(record);
   ASSERT_NE(connect, nullptr);
-  GetSocketMap().Remove(next.socket);
-  GetSocketMap().Add(next.socket, kSocketTypeStream, 6, 10);
+  GetSocketMap().Remove(kSocket);
+  GetSocketMap().Add(kSocket, kSocketTypeStream, 6, 10);
   connects.Decide(connect.get(), 0);
   EXPECT_EQ(connected.sin_port, 0);
   EXPECT_EQ(connect->error, 0);
@@ -273,7 +275,7 @@ TEST_F(PostponedList, WithoutADeadEndARefusalGoesWhereNoProgramListens) {
   connects.Decide(connect.get(), WSAECONNREFUSED);
   EXPECT_EQ(connected.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
   EXPECT_EQ(ntohs(connected.sin_port), 1);
-  EXPECT_EQ(GetSocketMap().Get(next.socket).connect_stage, ConnectStage::kRefused);
+  EXPECT_EQ(GetSocketMap().Get(kSocket).connect_stage, ConnectStage::kRefused);
 }
 #endif
 
