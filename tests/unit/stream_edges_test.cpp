@@ -17,6 +17,7 @@
 #include "tests/support/loopback.h"
 #include "tests/support/mended.h"
 #include "tests/unit/out_of_memory.h"
+#include "tests/unit/scripted_provider.h"
 
 #ifndef _WIN32
 #include "port/shared/faults.h"
