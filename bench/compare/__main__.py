@@ -22,6 +22,9 @@ def parse_arguments():
     parser.add_argument("--rounds", type=int, default=9, help="alternating rounds of each figure (default 9)")
     parser.add_argument("--datagrams", type=int, default=5000,
                         help="round trips of each figure at a game's pace, in all rounds (default 5000)")
+    parser.add_argument("--million", action="store_true",
+                        help="a million round trips of 60 flows besides, two minutes and a half for each of "
+                        f"{', '.join(measure.MILLION)}")
     parser.add_argument("--only", action="append", metavar="BENCH", choices=measure.NAMES,
                         help=f"only this one, or these: {', '.join(measure.NAMES)}")
     parser.add_argument("--quick", action="store_true", help="small amounts; the figures mean nothing")
@@ -35,6 +38,8 @@ def parse_arguments():
     arguments = parser.parse_args()
     if arguments.source and (arguments.only or arguments.quick):
         parser.error("--from measures nothing, so --only and --quick make no sense with it")
+    if arguments.million and (arguments.source or arguments.quick):
+        parser.error("--million is measured, and takes its time")
     if arguments.keep and (arguments.only or arguments.quick):
         parser.error("--keep wants a whole run")
     return arguments

@@ -7,9 +7,11 @@ import platform
 import subprocess
 import sys
 
-CALLS = ("hook_bench", "route_bench", "tracker_bench", "quality_bench", "block_bench")
+CALLS = ("hook_bench", "route_bench", "tracker_bench", "quality_bench", "block_bench",
+         "queue_bench")
 WHOLE = ("udp_bench", "pace_bench", "tcp_bench")
 NAMES = (*CALLS, *WHOLE, "wine")
+MILLION = ("direct", "vyr", "nginx", "socat")
 
 
 def run(tree, arguments):
@@ -21,6 +23,12 @@ def run(tree, arguments):
         well = well and bool(documents)
         for document in documents:
             take(results, name, document)
+    if arguments.million:
+        print("a million datagrams...", file=sys.stderr, flush=True)
+        documents = documents_of(million(tree, arguments))
+        well = well and bool(documents)
+        for document in documents:
+            take_percentiles(results, document)
     results["machine"]["load_after"] = os.getloadavg()[0]
     return results, well
 
@@ -54,6 +62,12 @@ def command_of(tree, name, arguments):
     return [*command, "--quick"] if arguments.quick else command
 
 
+def million(tree, arguments):
+    ways = [word for way in MILLION for word in ("--way", way)]
+    return [tree / "build/posix/bench/pace_bench", "--json", "--rounds", arguments.rounds, "--only", "60 flows",
+            "--datagrams", 1000000, *ways]  # fmt: skip
+
+
 def documents_of(command):
     """The JSON documents that a program prints; none if it fails or is left out."""
     ended = subprocess.run([str(word) for word in command], stdout=subprocess.PIPE, text=True, check=False)
@@ -76,10 +90,15 @@ def take(results, name, document):
     if name in CALLS:
         results["calls"][name] = medians(document)
     elif "percentiles" in document:
-        results["percentiles"] = document["percentiles"]
+        take_percentiles(results, document)
     else:
         rows = results["tables"].setdefault(name, [])
         rows += document.get("rows", [])
+
+
+def take_percentiles(results, document):
+    for pace, ways in document.get("percentiles", {}).items():
+        results.setdefault("percentiles", {}).setdefault(pace, {}).update(ways)
 
 
 def medians(document):

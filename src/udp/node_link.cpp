@@ -2,7 +2,6 @@
 // log.
 #include "udp/node_link.h"
 
-#include <cstring>
 #include <utility>
 
 #include "common/log.h"
@@ -15,8 +14,6 @@
 
 namespace moru_vyr::lsp {
 namespace {
-
-constexpr u32 kHeaderSize = sizeof(UdpAcclHeader);
 
 bool RetriesDatagrams() noexcept { return GetMending().RetriesDatagrams(); }
 
@@ -81,29 +78,27 @@ void NodeLink::Clear() noexcept {
 // --- sending -------------------------------------------------------------------------------------
 
 bool NodeLink::SendData(const UdpPackage& package, u8 lost) noexcept {
-  u8 wrapped[kDatagramBufferSize];
-  if (!Wrap(package, lost, wrapped)) return false;
-  const u32 result =
-      Send(kOwnSocket, wrapped, package.valid_len + kHeaderSize, info_.data_addr, true);
+  if (!Wrap(package, lost)) return false;
+  const u32 result = Send(kOwnSocket, package.data - kWrapRoom, package.valid_len + kWrapRoom,
+                          info_.data_addr, true);
   GetTracker().RecordSend(sock_, package.valid_len, static_cast<int>(result));
   return true;
 }
 
-bool NodeLink::Wrap(const UdpPackage& package, u8 lost, u8 (&out)[kDatagramBufferSize]) noexcept {
-  if (package.valid_len > sizeof out - kHeaderSize) return false;
+bool NodeLink::Wrap(const UdpPackage& package, u8 lost) noexcept {
+  if (package.valid_len > kDatagramBufferSize - kWrapRoom) return false;
   UdpAcclHeader header = HeaderTo(package.addr, kUdpAcclData, info_.seq, info_.accl_token);
   header.lost = lost;
-  const int packed = header.Pack(out);
+  const int packed = header.Pack({package.data - kWrapRoom, kWrapRoom});
   if (packed < 0) {
     LSP_LOG(5, "[UDP] WrapUdpProxyPacket Failed, Pack error, ret=%d, token=%u", packed,
             flow_.token);
     return false;
   }
-  std::memcpy(out + kHeaderSize, package.data, package.valid_len);
   LSP_LOG(0,
           "[UDP] WrapUdpProxyPacket Success, SrcPkgLen=%u, NewPkgLen=%u, accl_token=%u, seq=%u, "
           "token=%u",
-          package.valid_len, package.valid_len + kHeaderSize, info_.accl_token, info_.seq,
+          package.valid_len, package.valid_len + kWrapRoom, info_.accl_token, info_.seq,
           flow_.token);
   ++info_.seq;
   return true;

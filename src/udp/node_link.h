@@ -79,7 +79,8 @@ class NodeLink {
   void AskForUpdate(const LinkWatch& watch) const noexcept;
 
   // --- sending; what would block waits for room and counts as an error for the statistics
-  // A game datagram, wrapped. False if it is too long to be wrapped, and then nothing is sent.
+  // A game datagram, wrapped; the header is written into the kWrapRoom bytes in front of it. False
+  // if it is too long to be wrapped, and then nothing is sent.
   bool SendData(const UdpPackage& package, u8 lost) noexcept;
   // A game datagram as it is, to its own destination.
   void SendBare(const UdpPackage& package) noexcept;
@@ -117,7 +118,7 @@ class NodeLink {
  private:
   static constexpr SOCKET kGivenAway = 0;
 
-  bool Wrap(const UdpPackage& package, u8 lost, u8 (&out)[kDatagramBufferSize]) noexcept;
+  bool Wrap(const UdpPackage& package, u8 lost) noexcept;
   void SendEndOf(AcclLinkInfo* info, SOCKET through) noexcept;
   u32 Send(SOCKET through, const void* data, u32 len, const sockaddr_in& to,
            bool may_wait) noexcept;

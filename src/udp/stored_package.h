@@ -2,7 +2,9 @@
 #pragma once
 #include <winsock2.h>
 
+#include <algorithm>
 #include <list>
+#include <utility>
 #include <vector>
 
 #include "common/types.h"
@@ -14,16 +16,14 @@ namespace moru_vyr::lsp {
 inline constexpr SOCKET kOwnSocket = INVALID_SOCKET;
 
 struct StoredPackage {
-  std::vector<u8> data;
+  std::vector<u8> bytes;  // kWrapRoom, then the datagram
   sockaddr_in addr = {};
   SOCKET socket = kOwnSocket;  // to send through
 
-  // Valid while this object is. Its data is never null, even without any bytes: an empty datagram
-  // is sent too.
+  // Valid while this object is. An empty datagram is sent too.
   UdpPackage View() noexcept {
-    static u8 nothing = 0;
-    const u32 size = static_cast<u32>(data.size());
-    return {size != 0 ? data.data() : &nothing, size, size, addr};
+    const u32 size = static_cast<u32>(bytes.size()) - kWrapRoom;
+    return {bytes.data() + kWrapRoom, size, size, addr};
   }
 };
 
@@ -34,9 +34,10 @@ using StoredPackages = std::list<StoredPackage>;
 // Appends a copy. Without memory for it the datagram is lost, as any may be on the network.
 inline void Store(StoredPackages* packages, const void* data, u32 len, const sockaddr_in& addr,
                   SOCKET socket = kOwnSocket) noexcept {
-  const u8* const bytes = static_cast<const u8*>(data);
   try {
-    packages->push_back({std::vector<u8>(bytes, bytes + len), addr, socket});
+    std::vector<u8> bytes(kWrapRoom + len);
+    std::copy_n(static_cast<const u8*>(data), len, bytes.begin() + kWrapRoom);
+    packages->push_back({std::move(bytes), addr, socket});
   } catch (...) {
   }
 }

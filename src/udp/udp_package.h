@@ -4,11 +4,14 @@
 #include <winsock2.h>
 
 #include "common/types.h"
+#include "protocol/udp_accl_header.h"
 
 namespace moru_vyr::lsp {
 
 // Longer datagrams than this are neither received nor wrapped.
 inline constexpr u32 kDatagramBufferSize = 2048;
+// Bytes in front of a received or stored datagram that are nobody's: it is wrapped where it lies.
+inline constexpr u32 kWrapRoom = sizeof(UdpAcclHeader);
 
 struct UdpPackage {
   u8* data = nullptr;  // not owned
@@ -23,15 +26,16 @@ class DatagramBuffer {
   int Receive(SOCKET socket, UdpPackage* package) noexcept {
     sockaddr_in addr = {};
     int addr_size = sizeof addr;
-    const int received = recvfrom(socket, reinterpret_cast<char*>(bytes_), sizeof bytes_, 0,
+    u8* const data = bytes_ + kWrapRoom;
+    const int received = recvfrom(socket, reinterpret_cast<char*>(data), kDatagramBufferSize, 0,
                                   reinterpret_cast<sockaddr*>(&addr), &addr_size);
     if (received < 0) return WSAGetLastError();
-    *package = {bytes_, sizeof bytes_, static_cast<u32>(received), addr};
+    *package = {data, kDatagramBufferSize, static_cast<u32>(received), addr};
     return 0;
   }
 
  private:
-  u8 bytes_[kDatagramBufferSize];
+  u8 bytes_[kWrapRoom + kDatagramBufferSize];
 };
 
 }  // namespace moru_vyr::lsp

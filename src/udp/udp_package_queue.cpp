@@ -80,7 +80,9 @@ bool UdpPackageQueue::Append(const UdpPackage& package) noexcept {
     return false;
   }
   spare_.front() = {package, ++last_number_};
-  packages_.splice(packages_.end(), spare_, spare_.begin());
+  Packages& list = ListOf(package.valid_len);
+  list.splice(list.end(), spare_, spare_.begin());
+  ++size_;
   return true;
 }
 
@@ -94,47 +96,58 @@ bool UdpPackageQueue::FindAddrThenRemove(const WSABUF* buffers, u32 count, u32 v
                                          sockaddr_in* out_addr) noexcept {
   if (buffers == nullptr || out_addr == nullptr) return false;
   common::Lock hold(lock_);
-  return TakeOut(packages_.empty() ? packages_.end() : Match(buffers, count, valid_len), out_addr);
+  Packages* list = &ListOf(valid_len);
+  if (size_ == 1 && list->empty()) list = FirstUsed();
+  return TakeOut(list, Match(list, buffers, count, valid_len), out_addr);
 }
 
 bool UdpPackageQueue::Remove(u64 number) noexcept {
   common::Lock hold(lock_);
+  const auto has_number = [=](const Entry& entry) { return entry.number == number; };
   sockaddr_in addr = {};
-  return TakeOut(std::find_if(packages_.begin(), packages_.end(),
-                              [=](const Entry& entry) { return entry.number == number; }),
-                 &addr);
+  for (Packages& list : lists_) {
+    const auto found = std::find_if(list.begin(), list.end(), has_number);
+    if (found != list.end()) return TakeOut(&list, found, &addr);
+  }
+  return TakeOut(&lists_[0], lists_[0].end(), &addr);
 }
 
-bool UdpPackageQueue::TakeOut(Packages::iterator found, sockaddr_in* out_addr) noexcept {
-  if (packages_.empty()) {
+bool UdpPackageQueue::TakeOut(Packages* list, Packages::iterator found,
+                              sockaddr_in* out_addr) noexcept {
+  if (size_ == 0) {
     LSP_LOG(5, "[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove queue size=0");
     return false;
   }
-  if (found == packages_.end()) {
+  if (found == list->end()) {
     LSP_LOG(5, "[UDP] WARNING: UdpPackageQueue::FindAddrThenRemove Not Found");
     return false;
   }
   *out_addr = found->package.addr;
   pool_.Put(found->package.data);
-  spare_.splice(spare_.begin(), packages_, found);
-  LSP_LOG(0, "[UDP] UdpPackageQueue::FindAddrThenRemove remove queue, current size=%u",
-          static_cast<u32>(packages_.size()));
+  spare_.splice(spare_.begin(), *list, found);
+  --size_;
+  LSP_LOG(0, "[UDP] UdpPackageQueue::FindAddrThenRemove remove queue, current size=%u", size_);
   return true;
 }
 
+UdpPackageQueue::Packages* UdpPackageQueue::FirstUsed() noexcept {
+  return std::find_if(lists_.begin(), lists_.end() - 1,
+                      [](const Packages& list) { return !list.empty(); });
+}
+
 // The cheapest check first: usually one datagram is in flight, and nothing has to be compared.
-UdpPackageQueue::Packages::iterator UdpPackageQueue::Match(const WSABUF* buffers, u32 count,
-                                                           u32 valid_len) noexcept {
-  if (packages_.size() == 1) return packages_.begin();
+UdpPackageQueue::Packages::iterator UdpPackageQueue::Match(Packages* list, const WSABUF* buffers,
+                                                           u32 count, u32 valid_len) noexcept {
+  if (size_ <= 1) return list->begin();
   const auto has_length = [=](const Entry& entry) { return entry.package.valid_len == valid_len; };
-  const auto first = std::find_if(packages_.begin(), packages_.end(), has_length);
-  if (first != packages_.end() &&
-      std::find_if(std::next(first), packages_.end(), has_length) == packages_.end()) {
+  const auto first = std::find_if(list->begin(), list->end(), has_length);
+  if (first != list->end() &&
+      std::find_if(std::next(first), list->end(), has_length) == list->end()) {
     return first;
   }
   LSP_LOG(0, "[UDP] UdpPackageQueue::FindAddrThenRemove, valid_len=%u, queue size=%u", valid_len,
-          static_cast<u32>(packages_.size()));
-  return std::find_if(first, packages_.end(), [=](const Entry& entry) {
+          size_);
+  return std::find_if(first, list->end(), [=](const Entry& entry) {
     const UdpPackage& package = entry.package;
     return package.valid_len == valid_len &&
            CompareToWsaBuffers(package.data, package.valid_len, buffers, count, valid_len);

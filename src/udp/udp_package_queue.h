@@ -10,6 +10,8 @@
 #pragma once
 #include <winsock2.h>
 
+#include <array>
+#include <cstddef>
 #include <list>
 
 #include "common/lock.h"
@@ -44,17 +46,24 @@ class UdpPackageQueue {
     UdpPackage package;
     u64 number = 0;
   };
-  using Packages = std::list<Entry>;
+  using Packages = std::list<Entry>;  // oldest first
+  // Entries that were not taken stay for good, so many may be there. Those of one length are in one
+  // of these lists, and the others are not looked at.
+  static constexpr std::size_t kLists = 32;
 
   bool Clone(const WSABUF* buffers, u32 count, UdpPackage* package) noexcept;
   bool Append(const UdpPackage& package) noexcept;
-  Packages::iterator Match(const WSABUF* buffers, u32 count, u32 valid_len) noexcept;
-  bool TakeOut(Packages::iterator found, sockaddr_in* out_addr) noexcept;
+  Packages& ListOf(u32 valid_len) noexcept { return lists_[valid_len % kLists]; }
+  Packages* FirstUsed() noexcept;
+  Packages::iterator Match(Packages* list, const WSABUF* buffers, u32 count,
+                           u32 valid_len) noexcept;
+  bool TakeOut(Packages* list, Packages::iterator found, sockaddr_in* out_addr) noexcept;
 
   common::Mutex lock_;  // guards all below; a leaf
   PackageBlockPool pool_;
-  Packages packages_;  // oldest first; each in a block of the pool
-  Packages spare_;     // elements to use again
+  std::array<Packages, kLists> lists_;  // each datagram in a block of the pool
+  u32 size_ = 0;                        // of all lists together
+  Packages spare_;                      // elements to use again
   u64 last_number_ = 0;
 };
 

@@ -100,6 +100,21 @@ TEST(UdpPackageQueue, OldestOfEqualEntriesComesFirst) {
   EXPECT_EQ(Find(&queue, "same"), 3);
 }
 
+// Entries are kept apart by their lengths, and some lengths are kept together.
+TEST(UdpPackageQueue, EveryLengthIsFoundAmongAllOthers) {
+  UdpPackageQueue queue;
+  const auto text = [](u16 size) { return std::string(size, static_cast<char>('a' + size % 7)); };
+  for (u16 size = 1; size <= 200; ++size) ASSERT_TRUE(Push(&queue, text(size), size));
+  EXPECT_EQ(Find(&queue, std::string(201, 'x')), -1);
+  for (u16 size = 200; size >= 1; --size) {
+    const bool lone_of_its_length = size % 2 == 0;
+    EXPECT_EQ(Find(&queue, lone_of_its_length ? std::string(size, '?') : text(size)), size);
+  }
+  ASSERT_TRUE(Push(&queue, text(200), 1));
+  EXPECT_EQ(Find(&queue, "of another length, but the only one"), 1);
+  EXPECT_EQ(Find(&queue, text(200)), -1);
+}
+
 // By its number, since the bytes of a datagram that is still being sent may be gone.
 TEST(UdpPackageQueue, TakesBackExactlyThatEntry) {
   test::LogCapture log;
