@@ -3,14 +3,15 @@
 //
 //   build/posix/bench/queue_bench
 //
-// The argument is the number of entries that were never taken, each for a datagram that was lost in
+// `lost` is the number of entries that were never taken, each for a datagram that was lost in
 // the hop. They stay as long as the session. `lengths:1` are datagrams of the length that is looked
 // for, with other bytes; `lengths:200` have that many lengths.
 #include <benchmark/benchmark.h>
 
-#include <cstring>
+#include <memory>
 #include <string>
 
+#include "udp/live_queues.h"
 #include "udp/udp_package_queue.h"
 
 namespace moru_vyr::lsp {
@@ -38,6 +39,20 @@ BENCHMARK(PassAddress)
     ->Args({0, 1})
     ->Args({1000, 200})
     ->Args({1000, 1});
+
+// What it costs a hook to ask whether its socket's queue is still there.
+void UseQueue(benchmark::State& state) {
+  LiveQueues live;
+  auto queues = std::make_shared<UdpQueues>();
+  const u32 sessions = static_cast<u32>(state.range(0));
+  for (u32 token = 1; token < sessions; ++token) live.Add(token, std::make_shared<UdpQueues>());
+  live.Add(sessions, queues);
+  for (auto _ : state) {
+    const auto used = live.Use(&queues->send_queue, sessions);
+    benchmark::DoNotOptimize(used.get());
+  }
+}
+BENCHMARK(UseQueue)->ArgName("sessions")->Arg(1)->Arg(60);
 
 }  // namespace
 }  // namespace moru_vyr::lsp

@@ -263,7 +263,7 @@ SCENARIO_F(Pings, SurviveTheEndOfTheLibrary) {
 SCENARIO_F_SEEDS(Pings, OfThirtyTwoThreadsAreAllAnswered, 10) {
   int answered = 0;
   for (int thread = 0; thread < 32; ++thread) {
-    GameThread([this, &answered, thread] {
+    GameThread([&answered, thread] {
       const SOCKET s = Pinger(thread % 2 == 0 ? kServer : kUnlisted);
       for (int i = 0; i < 20; ++i) Sends(s, i);
       int next = 0;

@@ -229,7 +229,7 @@ TEST(SimScheduler, AThreadThatSpinsForEverEndsTheWorld) {
   const auto run = sim::RunInChild(
       options,
       [](sim::World&) {
-        for (int i = 0; i >= 0;) Sleep(0);
+        for (volatile bool goes_on = true; goes_on;) Sleep(0);
       },
       sim::GtestVerdict);
   EXPECT_EQ(run.exit_code, sim::kWorldFailed);
@@ -242,7 +242,7 @@ TEST(SimScheduler, AWorldThatGrowsTooOldEnds) {
   const auto run = sim::RunInChild(
       options,
       [](sim::World&) {
-        for (int i = 0; i >= 0;) Sleep(60'000);
+        for (volatile bool goes_on = true; goes_on;) Sleep(60'000);
       },
       sim::GtestVerdict);
   EXPECT_EQ(run.exit_code, sim::kWorldFailed);

@@ -25,7 +25,7 @@ class ReportReader {
   void Take() {
     using namespace moru_vyr::lsp;  // NOLINT: the records
     Drain(client_.decisions, kDecisionChannel,
-          [this](const AccDecisionInfo& one) { CheckDecision(one); });
+          [](const AccDecisionInfo& one) { CheckDecision(one); });
     Drain(client_.traffic, kCommunicationChannel,
           [this](const CommInfoRecord& one) { CheckTraffic(one); });
     Drain(client_.log_paths, kLogPathChannel, [](const LogPathRecord& one) {
