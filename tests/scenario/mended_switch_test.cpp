@@ -11,6 +11,7 @@
 #include "tests/support/link_judge.h"
 #include "tests/support/mended.h"
 #include "tests/support/report_client.h"
+#include "tests/support/switch_config.h"
 #include "tests/support/wire_bytes.h"
 #include "tracker/tracker.h"
 
@@ -335,14 +336,7 @@ SCENARIO_F(MendedPlay, TheNextTroubleMovesTheFlowAgain) {
 class OpenJudge : public udp_test::UdpWorld {
  protected:
   explicit OpenJudge(u32 mended = 0) : udp_test::UdpWorld(mended) {
-    Configures([](AccConfigRecord* record) {
-      record->link_switch_mask = 3;
-      common::SetFieldText(record->list_text, "7");
-      record->switch_open = 1;
-      record->game_link_switch_open = 1;
-      record->max_link_except_rep_num = 20;
-      record->max_link_switch_count = 5;
-    });
+    Configures(test::OpenSwitches);
     Starts();
   }
   void LinksTake(sim::Duration delay) {

@@ -7,6 +7,7 @@
 #include "protocol/speed_test_payload.h"
 #include "protocol/udp_accl_header.h"
 #include "tests/support/link_judge.h"
+#include "tests/support/switch_config.h"
 #include "tracker/tracker.h"
 
 namespace switch_test {
@@ -197,10 +198,7 @@ SwitchWorld::SwitchWorld(const char* server_ip) : server_addr(At(server_ip, kSer
   config.valid = 1;
   config.acc_mode = 1;
   config.game_id = 7;
-  config.link_switch_mask = 3;
-  common::SetFieldText(config.list_text, "7");
-  config.switch_open = 1;
-  config.game_link_switch_open = 1;
+  test::OpenSwitches(&config);
   config.max_link_except_rep_num = 100;
   config.max_link_switch_count = 100;
   config.max_high_freq_test_count = 100;

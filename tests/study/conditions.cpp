@@ -1,7 +1,7 @@
 #include "tests/study/conditions.h"
 
 #include "abi/mending_formats.h"
-#include "common/text.h"
+#include "tests/support/switch_config.h"
 
 namespace study {
 namespace {
@@ -12,10 +12,7 @@ using std::chrono::milliseconds;
 // The settings without which nothing is measured, reported or switched. Everything else has the
 // library's defaults.
 void Unset(AccConfigRecord* config) {
-  config->link_switch_mask = 3;
-  common::SetFieldText(config->list_text, "7");
-  config->switch_open = 1;
-  config->game_link_switch_open = 1;
+  test::OpenSwitches(config);
   config->max_link_except_rep_num = 1000;
   config->max_link_switch_count = 1000;
 }
