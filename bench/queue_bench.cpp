@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "common/log.h"
 #include "udp/live_queues.h"
 #include "udp/udp_package_queue.h"
 
@@ -18,6 +19,7 @@ namespace moru_vyr::lsp {
 namespace {
 
 void PassAddress(benchmark::State& state) {
+  common::SetLogThreshold(6);  // a production level: nothing is written
   UdpPackageQueue queue;
   sockaddr_in address = {};
   address.sin_family = AF_INET;
