@@ -19,6 +19,12 @@ if(WIN32)
     _WINSOCK_DEPRECATED_NO_WARNINGS)
   target_link_options(vyr_options INTERFACE -static)
   include(${CMAKE_CURRENT_LIST_DIR}/release.cmake)
+  # Programs only: the library, and all that ships, are linked with the linker that is made for it.
+  find_program(VYR_LLD ld.lld)
+  if(VYR_LLD AND NOT VYR_RELEASE)
+    target_link_options(vyr_options INTERFACE
+      "$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-wrapper;${CMAKE_CURRENT_LIST_DIR}/link_with_lld;-fno-use-linker-plugin>")
+  endif()
 else()
   target_compile_options(vyr_options INTERFACE -pthread)
   target_link_options(vyr_options INTERFACE -pthread)
