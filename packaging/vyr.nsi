@@ -88,6 +88,19 @@ UninstPage instfiles
   !include "${LISTS}\remove_files.nsh"
 !macroend
 
+; A program that has just ended in it keeps a folder for a moment, on a busy machine for longer. A folder with
+; other files in it stays.
+!macro RemoveFolder
+  ${For} $R9 1 10
+    ClearErrors
+    RMDir $INSTDIR
+    ${IfNot} ${Errors}
+      ${ExitFor}
+    ${EndIf}
+    Sleep 100
+  ${Next}
+!macroend
+
 Function .onInit
   !insertmacro ReadCatalogue
   StrCpy $upgrade 0
@@ -122,7 +135,7 @@ Section
       !insertmacro RemoveRecords
       !insertmacro RemoveFiles
       Delete "$INSTDIR\uninstall.exe"
-      RMDir $INSTDIR
+      !insertmacro RemoveFolder
     ${EndIf}
     Abort "vyr could not be set up; the lines above say why."
   ${EndIf}
@@ -152,5 +165,5 @@ Section un.
   ${EndIf}
   !insertmacro RemoveFiles
   Delete "$INSTDIR\uninstall.exe"
-  RMDir $INSTDIR
+  !insertmacro RemoveFolder
 SectionEnd
