@@ -20,6 +20,10 @@ u64 UnixTimeMs() {
   return (ticks - kUnixEpoch) / 10000;
 }
 
+// The error of a listening socket whose own address cannot be found; 0 if it was. Clients of such a
+// node would be told port 0.
+int ErrorOfName(const Address& name) { return name.port != 0 ? 0 : WSAGetLastError(); }
+
 std::string CannotListen(const Address& address, int error) {
   std::string reason = "error " + std::to_string(error);
   if (error == WSAEADDRINUSE) reason = "the port is taken";
@@ -74,23 +78,28 @@ bool Node::StartPorts(std::string* problem) {
 bool Node::TryPorts(Address* address, int* error) {
   listener_ = Socket::Listener(*address, error);
   if (*error != 0) return false;
-  context_.own = *address = listener_.Local();
+  context_.own = listener_.Local();
+  *error = ErrorOfName(context_.own);
+  if (*error != 0) return false;
+  *address = context_.own;
   *error = negotiation_.Listen(*address);
   if (*error != 0) return false;
   *address = {address->ip, options_.data_port};
   *error = data_.Listen(*address);
+  if (*error != 0) return false;
   context_.data = data_.Local();
+  *error = ErrorOfName(context_.data);
   return *error == 0;
 }
 
 bool Node::StartControl(const Address& address, std::string* problem) {
-  const int error = control_.Listen(address);
-  if (error != 0) {
-    *problem = CannotListen(address, error);
-    return false;
+  int error = control_.Listen(address);
+  if (error == 0) {
+    context_.control = control_.Local();
+    error = ErrorOfName(context_.control);
   }
-  context_.control = control_.Local();
-  return true;
+  if (error != 0) *problem = CannotListen(address, error);
+  return error == 0;
 }
 
 ControlTarget Node::MakeControlTarget() {

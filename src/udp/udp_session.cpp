@@ -105,7 +105,7 @@ void UdpSession::RouteToRemoteSession(const UdpPackage& package) noexcept {
 void UdpSession::DeliverToGame(const UdpPackage& package) noexcept {
   if (first_remote_session_ == nullptr) return;
   if (HasPeerPorts()) {
-    peer_sockets_->SendToGame(package);
+    if (!closing_) peer_sockets_->SendToGame(package);
     return;
   }
   // A datagram is not passed on if the game could not learn its source.
@@ -122,6 +122,7 @@ bool UdpSession::CanClose() noexcept {
     session->SetClosing();
     result = false;
   }
+  if (!result) closing_ = true;
   return result;
 }
 

@@ -69,7 +69,9 @@ class UdpSession {
   void RouteFromGame(const UdpPackage& package) noexcept;
   // The same where that is not the first remote session's; makes the session if there is none.
   void RouteToRemoteSession(const UdpPackage& package) noexcept;
-  // A datagram from the network; package.addr is its true source.
+  // A datagram from the network; package.addr is its true source. Nothing is delivered by ports of
+  // their own once the session is only to deliver what it owes: its socket is closed, or has been
+  // left direct and would no longer be told the source.
   void DeliverToGame(const UdpPackage& package) noexcept;
 
  private:
@@ -86,6 +88,7 @@ class UdpSession {
   const std::shared_ptr<UdpQueues> queues_;
   UdpRemoteSession* first_remote_session_ = nullptr;
   std::map<u32, std::unique_ptr<UdpRemoteSession>> remote_sessions_;  // see RemoteSessionKey
+  bool closing_ = false;
   bool close_wanted_ = false;
   bool forgotten_ = false;
   std::unique_ptr<PeerSockets> peer_sockets_;  // null where the queues are used

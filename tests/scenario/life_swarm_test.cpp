@@ -101,7 +101,8 @@ class LifeSwarm : public EarlyEnd, public Swarm<LifeWorld> {
     const SOCKET s = Udp();
     if (s == INVALID_SOCKET) return;
     for (uint64_t i = 1 + Below(6); i > 0; --i) {
-      SendTextTo(s, Pattern(1 + Below(1000)), Chance(70) ? kServer : kUnlisted, kPort);
+      const char* const to = Chance(70) ? kServer : kUnlisted;
+      SendTextTo(s, Pattern(1 + Below(1000)), to, kPort);
       if (!ReadableWithin(s, 200)) continue;
       char bytes[2048];
       recv(s, bytes, sizeof bytes, 0);

@@ -345,6 +345,23 @@ SCENARIO_F(MendedOverlapped, ASocketThatIsLeftDirectPartsFromItsRelay) {
   EXPECT_EQ(Heard("game"), Texts{"direct"}) << AllHeard();
 }
 
+// Its datagram still goes to the server, by a relay that lives on until then.
+SCENARIO_F(MendedOverlapped, ASocketThatIsLeftDirectWhileItsNodeIsAskedGetsNothingFromItsRelay) {
+  Starts();
+  a.AnswersAfter(300);
+  const SOCKET s = Bound();
+  Sends(s, "owed");
+  Receive one(s);
+  one.overlapped.hEvent = nullptr;
+  EXPECT_EQ(Begin(&one), WSA_IO_PENDING);
+  RunFor(1s);
+  EXPECT_EQ(Heard("A"), Texts{"owed"}) << AllHeard();
+  EXPECT_TRUE(NodesAreFree());
+  Sends(s, "direct");
+  Complete(&one);
+  EXPECT_EQ(one.Got(), "direct from " + On(kServer));
+}
+
 SCENARIO_F(MendedOverlapped, AConnectedSocketThatIsLeftDirectIsConnectedToItsPeer) {
   Starts();
   const SOCKET s = Bound();

@@ -36,6 +36,7 @@ class NodeWorld : public sim::ScenarioTest {
   // Each body runs on that host, in a process of its own.
   void OnServer(std::function<void()> body) { Spawn(server_host, "server", std::move(body)); }
   void OnClient(std::function<void()> body) { Spawn(client_host, "client", std::move(body)); }
+  void OnNode(std::function<void()> body) { Spawn(node_host, "node", std::move(body)); }
   // Runs until all these bodies have returned; false if they do not.
   bool RunToTheEnd() {
     return RunUntil([this] { return running_ == 0; });

@@ -308,9 +308,9 @@ class Pair {
 
   AccConfig RandomConfig() {
     const u32 window = Below(3) == 0 ? Below(256) : Below(8);
-    AccConfig config = Settings(static_cast<u8>(window), static_cast<u16>(Below(6)),
-                                static_cast<u16>(Below(20)), Below(1500));
-    return config;
+    const u32 interval = Below(1500);
+    const auto watch_s = static_cast<u16>(Below(20));
+    return Settings(static_cast<u8>(window), static_cast<u16>(Below(6)), watch_s, interval);
   }
   void Pass() {
     switch (Below(40)) {

@@ -316,9 +316,10 @@ class TcpStorm : public TcpCalm {
         return BreakALink();
       case 6:
         return world.Stall(moru_vyr::lsp::GetRelayMgr().GetWorkerThreadId(), Ms(3000));
-      default:
-        return world.ShortSend(static_cast<unsigned>(1 + Below(20)),
-                               static_cast<size_t>(Below(200)));
+      default: {
+        const auto bytes = static_cast<size_t>(Below(200));
+        return world.ShortSend(static_cast<unsigned>(1 + Below(20)), bytes);
+      }
     }
   }
   void Heal() {

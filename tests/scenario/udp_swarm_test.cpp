@@ -45,7 +45,9 @@ class UdpStorm : public UdpSwarm {
                                  "WSPIoctl",  "WSPSendTo", "CreateEventA"};
     const DWORD errors[] = {WSAECONNRESET, WSAENOBUFS, WSAEWOULDBLOCK, WSAEWOULDBLOCK,
                             WSAENETUNREACH};
-    port::FailCall(Any(names), static_cast<unsigned>(1 + Below(30)), Any(errors));
+    const DWORD error = Any(errors);
+    const auto nth = static_cast<unsigned>(1 + Below(30));
+    port::FailCall(Any(names), nth, error);
   }
   void BreakANode(node::SimNode& node) {
     Behaviour it = AnyNode();

@@ -19,6 +19,11 @@ void Limit(SOCKET s, DWORD ms) {
     setsockopt(s, SOL_SOCKET, which, reinterpret_cast<const char*>(&ms), sizeof ms);
 }
 
+// A fault may have kept the event from being made, and without a wait no time would pass.
+void AwaitEvent(HANDLE event, DWORD ms) {
+  if (WaitForSingleObject(event, ms) == WAIT_FAILED) Sleep(10);
+}
+
 // True until that many milliseconds have passed, also over the end of the tick counter.
 class Patience {
  public:
@@ -66,6 +71,10 @@ Caller::Caller(SOCKET s, Style style) : s_(s), style_(style) {
   }
 }
 
+bool Caller::ReceivesUnseen() const {
+  return receive_ != nullptr && receive_->overlapped.hEvent == nullptr;
+}
+
 int Caller::Connect(const char* ip, int port) {
   const int error = ConnectTo(s_, ip, port);
   return error == WSAEWOULDBLOCK ? AwaitConnection() : error;
@@ -84,7 +93,7 @@ int Caller::AwaitConnection() {
 void Caller::AwaitChance(bool writes, DWORD ms) const {
   ms = std::min(ms, kLookAgainMs);
   if (style_ == Style::kWaitsForEvents) {
-    WaitForSingleObject(event_, ms);
+    AwaitEvent(event_, ms);
     TakeEvents(s_, event_);
     return;
   }
@@ -154,7 +163,7 @@ int Caller::ReceiveOnce(char* bytes, int size) {
 int Caller::ResultOfLate(Late* late, DWORD ms, DWORD* bytes) const {
   const Patience patience(ms);
   do {
-    WaitForSingleObject(late->overlapped.hEvent, std::min(ms, kLookAgainMs));
+    AwaitEvent(late->overlapped.hEvent, std::min(ms, kLookAgainMs));
     const int error = ResultOf(s_, &late->overlapped, bytes);
     if (error == kNotYet) continue;
     late->pending = false;

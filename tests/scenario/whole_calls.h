@@ -20,6 +20,8 @@ class Caller {
   Caller& operator=(const Caller&) = delete;
 
   SOCKET socket() const { return s_; }
+  // Whether its receives are pending without an event, which a fault has kept from being made.
+  bool ReceivesUnseen() const;
   // 0 or the error.
   int Connect(const char* ip, int port);
   // The count of bytes, or the negative error; WSAETIMEDOUT after kPatienceMs.

@@ -2,6 +2,7 @@
 // reports.
 #include <cstdlib>
 
+#include "port/sim/seeds.h"
 #include "tests/scenario/whole_world.h"
 #include "tests/support/mended.h"
 #include "tests/support/switch_config.h"
@@ -23,7 +24,7 @@ moru_vyr::lsp::u32 MendedIn(uint64_t seed) {
 
 // What lets flows move to other nodes, with limits of this world's own.
 void SetLimits(AccConfigRecord* config) {
-  Random random(sim::TheWorld().seed() ^ 0x636f6e66);
+  Random random(sim::Scattered(sim::TheWorld().seed() ^ 0x636f6e66));
   test::AllowSwitches(config);
   config->lost_calc_unit_size = 100 + static_cast<common::u32>(random.Below(200));
   config->high_freq_test_interval = 100;
@@ -62,8 +63,10 @@ void WholeWorld::WriteTables(uint64_t variant) {
   };
   const auto any_ref = [&random, usual_ref](common::u32 node, common::u32 decision) {
     if (random.Below(2) == 0) return usual_ref(node, decision);
-    return usual_ref(static_cast<common::u32>(random.Below(5)),
-                     random.Below(3) == 0 ? static_cast<common::u32>(random.Below(9)) : decision);
+    // One after the other: compilers differ in which argument of a call comes first.
+    const auto other_node = static_cast<common::u32>(random.Below(5));
+    if (random.Below(3) == 0) decision = static_cast<common::u32>(random.Below(9));
+    return usual_ref(other_node, decision);
   };
   const common::u32 decisions[] = {DECISION_ACCE, DECISION_DIRECT, DECISION_FORCE_ACCE_AUTO,
                                    DECISION_ACCE};

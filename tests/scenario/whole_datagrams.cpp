@@ -29,21 +29,25 @@ void WholeWorld::PlanTalker() {
 
 void WholeWorld::Talk(Talker* talker) {
   Sleep(talker->starts_ms);
+  talker->makes_socket = true;
   const SOCKET s = Udp();
+  if (s != INVALID_SOCKET) talker->caller = std::make_unique<Caller>(s, talker->style);
+  talker->makes_socket = false;
   if (s == INVALID_SOCKET) return;
   const int room = 1 << 20;
   setsockopt(s, SOL_SOCKET, SO_RCVBUF, reinterpret_cast<const char*>(&room), sizeof room);
-  talker->caller = std::make_unique<Caller>(s, talker->style);
   const auto over = std::make_shared<bool>(false);
   // An unbound socket receives nothing before it has sent, and Windows refuses to try.
   sim::Random random(world.seed() * 31 + talker->says.front());
   Send(talker, talker->says.front());
   DWORD reader = 0;
   if (talker->reads) {
-    reader =
-        world.Spawn(world.home(), "side" + std::to_string(players_.size()), [this, talker, over] {
-          while (!*over) Read(talker);
-        });
+    // This thread may be ended before it can say that all is over.
+    const DWORD self = GetCurrentThreadId();
+    reader = world.Spawn(world.home(), "side" + std::to_string(players_.size()),
+                         [this, talker, over, self] {
+                           while (!*over && world.IsRunning(self)) Read(talker);
+                         });
     players_.push_back(reader);
   }
   for (size_t i = 1; i < talker->says.size(); ++i) {
@@ -87,6 +91,8 @@ void WholeWorld::Read(Talker* talker) {
   // another's; and a receive that completes late names the relay.
   if (!IsMended()) return;
   EXPECT_EQ(named, one.to()) << "misled: " << text.substr(0, 60);
+  // Kept: what was in the socket when its first unseen receive left it direct names the relay.
+  if (talker->caller->ReceivesUnseen() && ip == "127.0.0.1") return;
   EXPECT_EQ(from, one.to()) << text.substr(0, 60);
 }
 

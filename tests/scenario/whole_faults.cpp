@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "port/sim/random.h"
+#include "port/sim/seeds.h"
 #include "port/sim/trace.h"
 
 namespace whole_test {
@@ -159,7 +160,7 @@ std::string Fault::Text() const {
 }
 
 FaultList DrawFaults(uint64_t seed) {
-  sim::Random random(seed ^ 0x6661756c74);
+  sim::Random random(sim::Scattered(seed ^ 0x6661756c74));
   FaultList all;
   for (uint64_t n = random.Below(kMostFaults); n > 0; --n) {
     all.push_back(Draw(AnyKind(&random), &random));

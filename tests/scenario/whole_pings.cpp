@@ -27,7 +27,9 @@ void WholeWorld::PlanPinger() {
 
 void WholeWorld::PingAll(Pinger* pinger) {
   Sleep(pinger->starts_ms);
+  pinger->makes_socket = true;
   const SOCKET s = pinger->s = Ping();
+  pinger->makes_socket = false;
   if (s == INVALID_SOCKET) return;
   u_long on = 1;
   ioctlsocket(s, static_cast<long>(FIONBIO), &on);

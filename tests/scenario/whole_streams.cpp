@@ -22,9 +22,11 @@ void WholeWorld::PlanStream() {
 
 void WholeWorld::PlayStream(Stream* stream) {
   Sleep(stream->starts_ms);
+  stream->makes_socket = true;
   const SOCKET s = Tcp();
+  if (s != INVALID_SOCKET) stream->caller = std::make_unique<Caller>(s, stream->style);
+  stream->makes_socket = false;
   if (s == INVALID_SOCKET) return;
-  stream->caller = std::make_unique<Caller>(s, stream->style);
   if (stream->caller->Connect(stream->server, kPort) == 0) {
     stream->game_end = LiveOn(stream->caller.get(), stream->game, stream->up, stream->down.size(),
                               &stream->up_sent, &stream->down_got);

@@ -34,6 +34,7 @@ inline constexpr size_t kServerHost = kNodes;  // among the hosts of a link
 
 struct Stream : StreamPlan {
   Style style = Style::kBlocks;
+  bool makes_socket = false;  // from before there is one until it is stored here
   std::unique_ptr<Caller> caller;
 };
 
@@ -54,6 +55,7 @@ struct Talker {
   DWORD starts_ms = 0, pause_ms = 0, stays_ms = 0;
   bool reads = true;
   Style style = Style::kBlocks;
+  bool makes_socket = false;
   std::unique_ptr<Caller> caller;
 };
 
@@ -61,6 +63,7 @@ struct Pinger {
   const char* server = kServer;
   DWORD starts_ms = 0;
   int pings = 0;
+  bool makes_socket = false;
   SOCKET s = INVALID_SOCKET;
   int answered = 0;
 };
@@ -94,6 +97,7 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   void Player(std::function<void()> body);
   void StartGame();
   void Release();
+  size_t SocketsWithoutOwner() const;
   void ExpectNothingIsLeft();
   void ExpectPlaysOn();
   std::string NewObjects() const;
@@ -147,6 +151,7 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   sim::Host& c_host_ = world.AddHost("c", {kNodeC});
   node::Behaviour c_behaviour_;
   std::vector<sim::Process*> node_processes_;
+  std::optional<uint64_t> node_variants_[kNodes];  // of those that misbehave as the play begins
   std::vector<Stream> streams_;
   std::vector<Talker> talkers_;
   std::vector<Pinger> pingers_;
