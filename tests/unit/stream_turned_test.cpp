@@ -1,6 +1,6 @@
-// Single steps of relayed streams, turned by hand: how long an end may last, what is done at once and
-// what at the next update, and what is left behind. At stake: a game that waits for nothing, and
-// sockets that nobody owns any more.
+// Single steps of relayed streams, turned by hand: how long an end may last, what is done at once
+// and what at the next update, and what is left behind. At stake: a game that waits for nothing,
+// and sockets that nobody owns any more.
 #include <gtest/gtest.h>
 
 #include <cstring>
