@@ -70,6 +70,7 @@ SCENARIO_F(TestMode, TheTablesLeadToTheNodeOfTheFile) {
       "[TestAccGame]\nprocess_count=1\nproc1=dawn.exe\nproxy_ip=198.51.100.20\n"
       "proxy_port=7001\nnet_mode=24\n");
   ASSERT_TRUE(ReadTestConfig());
+  ASSERT_TRUE(GetRoute()->Load(50, 100));
   const test::LogCapture log(4);
   AccDecisionInfo forced;
   ASSERT_TRUE(Accelerates("198.51.100.10", &forced));

@@ -98,6 +98,18 @@ TEST_F(RoutedStream, WithoutMemoryToDecideTheServerIsTakenItself) {
 }
 #endif
 
+// An event of a socket that the session does not have any more is nobody's.
+TEST_F(RoutedStream, AnEventOfAnotherSocketEndsNothing) {
+  ASSERT_TRUE(Request());
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  const std::string asked = "TcpSession::StartNegotiation, proxy_idc=1, ";
+  ASSERT_TRUE(TurnsUntil(asked)) << log.Text();
+  const SOCKET node = SocketsOf(asked).at(0);
+  loop.delegates.at(node)->OnWritable(0x7777);
+  EXPECT_TRUE(log.Contains("[TCP]TcpProvider::OnRemoteWritable, failed to find socket=30583\n"));
+  EXPECT_FALSE(log.Contains("[TCP]CloseObsoleteSession, remove session, ")) << log.Text();
+}
+
 // --- one way beside another ----------------------------------------------------------------------
 
 // The first node has accepted the connection and says nothing, the second one is asked beside it.
@@ -136,6 +148,20 @@ TEST_F(RacingStream, AnEventThatDecidesNothingLeavesTheOrderAsItWas) {
   EXPECT_EQ(SocketsOf(overdue), (std::vector<SOCKET>{first, second}));
 #endif
 }
+
+#ifndef _WIN32
+// One that is overdue has five seconds more, and no longer.
+TEST_F(RacingStream, AnOverdueWayIsGivenUpAfterFiveSeconds) {
+  Race();
+  port::FailCall("connect", 0, WSAENETUNREACH);  // the server's, should it come to that
+  provider.OnUpdate(4'999);
+  EXPECT_TRUE(IsPolled(first));
+  provider.OnUpdate(1);
+  port::ClearFaults();
+  EXPECT_EQ(SocketsOf("TcpSession::CloseTry, about to close "), std::vector<SOCKET>{first});
+  EXPECT_FALSE(IsPolled(first));
+}
+#endif
 
 // A way that ends without ending the session, while another goes on: it alone is closed.
 TEST_F(RacingStream, AWayThatEndsIsClosedAlone) {

@@ -13,7 +13,10 @@
 #include "stream/block_buffer.h"
 #include "stream/block_pool.h"
 #include "stream/postponed_connect.h"
+#include "stream/tcp_session.h"
+#include "stream/wake_socket.h"
 #include "tests/unit/direct_stream.h"
+#include "tests/unit/out_of_memory.h"
 
 #ifndef _WIN32
 #include "port/shared/faults.h"
@@ -119,6 +122,34 @@ TEST_F(OwingStream, OwesWhatTheServerHasNotTaken) {
   EXPECT_TRUE(provider.OwesServers());
 }
 
+#ifndef _WIN32
+struct RefusedStream : DirectStream {};
+
+// The server cannot be reached at all, so what the game has sent can never leave. Once the game has
+// found out and closed, nothing is left.
+TEST_F(RefusedStream, EndsWithItsGame) {
+  sockaddr_in address;
+  game.Reset(test::BoundSocket(SOCK_STREAM, &address));
+  ASSERT_TRUE(Request(game, address.sin_port));
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  port::FailCall("connect", 0, WSAENETUNREACH);
+  const std::string failed = "[TCP]ConnectToRemoteServer failed. ";
+  for (int i = 0; i < 500 && !log.Contains(failed); ++i) loop.Turn();
+  port::ClearFaults();
+  ASSERT_TRUE(log.Contains(failed)) << log.Text();
+  provider.OnUpdate(31);
+  EXPECT_FALSE(log.Contains(kSessionRemoved)) << log.Text();
+  ASSERT_EQ(send(game, "x", 1, 0), 1);
+  for (int i = 0; i < 5; ++i) loop.Turn();
+  game.Close();
+  for (int i = 0; i < 50 && !log.Contains(kSessionRemoved); ++i) {
+    loop.Turn();
+    provider.OnUpdate(31);
+  }
+  EXPECT_TRUE(log.Contains(kSessionRemoved)) << log.Text();
+}
+#endif
+
 // --- ends of the provider ----------------------------------------------------------------------
 
 struct EndedStreams : DirectStream {
@@ -130,6 +161,48 @@ TEST_F(EndedStreams, ThatNeverServedLeaveNothingToPoll) {
   provider.Uninit();
   EXPECT_TRUE(loop.delegates.empty());
 }
+
+#ifndef _WIN32
+TEST(StreamsThatCannotStart, CloseWhatTheyHaveOpened) {
+  struct Entry {  // of the list of the listener's addresses
+    void* next;
+    sockaddr_in address;
+  };
+  test::StartWinsock();
+  test::HandTurned loop;
+  Route route;
+  TcpProvider provider;
+  port::CountCalls();
+  {
+    const test::OutOfMemory none(1, sizeof(Entry), sizeof(Entry));
+    EXPECT_FALSE(provider.Init(&loop, &route));
+  }
+  EXPECT_GT(port::CallCount("socket"), 0u);
+  EXPECT_EQ(port::CallCount("closesocket"), port::CallCount("socket"));
+  port::ClearFaults();
+}
+
+// The socket that wakes the worker is one that somebody could take for theirs once it is closed.
+TEST(SocketThatWakes, IsClosedOnce) {
+  test::StartWinsock();
+  test::HandTurned loop;
+  TcpProvider provider;
+  WakeSocket wake{&provider};
+  for (const char* const call : {"bind", "ioctlsocket"}) {
+    port::FailCall(call, 0, WSAENOBUFS);
+    wake.Open(&loop);
+    EXPECT_EQ(port::CallCount("closesocket"), 1u) << call;
+    port::ClearFaults();
+  }
+  wake.Open(&loop);
+  port::CountCalls();
+  wake.Close(&loop);
+  EXPECT_EQ(port::CallCount("closesocket"), 1u);
+  wake.Close(&loop);
+  EXPECT_EQ(port::CallCount("closesocket"), 1u);
+  port::ClearFaults();
+}
+#endif
 
 // --- connects that wait ------------------------------------------------------------------------
 
