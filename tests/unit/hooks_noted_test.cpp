@@ -268,6 +268,14 @@ TEST_F(LateReceive, ThatIsOverIsToldSo) {
   EXPECT_FALSE(IsPending());
 }
 
+// A socket without a record has no receive of ours, and its result is asked for as usual.
+TEST_F(LateReceive, OfAnUnknownSocketIsTheNextProviders) {
+  tcp.lpWSPGetOverlappedResult = ReceiveIsOver;
+  WSPPROC_TABLE table{};
+  HookOverlappedResult(&table);
+  EXPECT_TRUE(table.lpWSPGetOverlappedResult(0x999, &overlapped, &bytes, FALSE, &flags, &error));
+}
+
 // On a socket that was left direct each source is the true one.
 TEST_F(LateReceive, OfADirectSocketIsNotWatched) {
   SocketRecord record = Record();

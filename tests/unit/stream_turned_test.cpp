@@ -7,6 +7,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "abi/mending_formats.h"
 #include "sockets/socket_map.h"
@@ -44,6 +45,7 @@ TEST(BlocksPutBack, AreKeptOrFreedOneByOne) {
   EXPECT_EQ(blocks.back().data.get(), little_used);
 }
 
+#ifndef _WIN32
 // A connection whose bytes have all been delivered ends like any other.
 TEST(BlocksPutBack, ADrainedBlockServesTheNextConnection) {
   BlockPool pool;
@@ -54,11 +56,13 @@ TEST(BlocksPutBack, ADrainedBlockServesTheNextConnection) {
     ASSERT_TRUE(buffer.Commit(100));
     ASSERT_TRUE(buffer.Consume(100));
   }
+  port::CountCalls();
   BlockBuffer next(&pool);
-  u8* again = nullptr;
-  ASSERT_TRUE(next.Reserve(&again, 100));
-  EXPECT_EQ(again, place);
+  ASSERT_TRUE(next.Reserve(&place, 100));
+  EXPECT_EQ(port::CallCount("VirtualAlloc"), 0u);
+  port::ClearFaults();
 }
+#endif
 
 // --- half-closed streams -----------------------------------------------------------------------
 
@@ -147,6 +151,51 @@ TEST_F(RefusedStream, EndsWithItsGame) {
     provider.OnUpdate(31);
   }
   EXPECT_TRUE(log.Contains(kSessionRemoved)) << log.Text();
+}
+#endif
+
+#ifndef _WIN32
+struct ResetStream : DirectStream {
+  ResetStream() : DirectStream(kMendReset) {}
+};
+
+// The loss shows when the game's bytes are sent on, before anything is read.
+TEST_F(ResetStream, ALossThatASendFindsIsAResetForTheGame) {
+  Joins();
+  ASSERT_EQ(send(game, "x", 1, 0), 1);
+  port::FailCall("send", 0, WSAECONNRESET);
+  for (int i = 0; i < 500 && port::CallCount("send") == 0; ++i) loop.Turn();
+  port::ClearFaults();
+  EXPECT_EQ(Reads(game), End("", "reset"));
+}
+
+struct FastStream : DirectStream {
+  FastStream() : DirectStream(kMendThroughput) {}
+  int PiecesRead() const {
+    const std::string text = log.Text(), line = "[TCP]DoLocalRead. Read game client data, ";
+    int pieces = 0;
+    for (std::size_t at = text.find(line); at != text.npos; at = text.find(line, at + 1)) ++pieces;
+    return pieces;
+  }
+};
+
+// Its bytes are passed on in one pass, but for no more than its share of that.
+TEST_F(FastStream, MovesEightPiecesInAPass) {
+  Joins();
+  const int size = 1 << 20;
+  const auto* const bytes = reinterpret_cast<const char*>(&size);
+  std::vector<SOCKET> sockets = {game, server};
+  for (const auto& [s, delegate] : loop.delegates) sockets.push_back(s);
+  for (const SOCKET s : sockets)
+    for (const int option : {SO_SNDBUF, SO_RCVBUF})
+      setsockopt(s, SOL_SOCKET, option, bytes, sizeof size);
+  const std::string much(1 << 20, 'x');
+  int sent = 0;
+  for (int n = 1; n > 0; sent += n > 0 ? n : 0) n = send(game, much.data(), 1 << 20, 0);
+  ASSERT_GT(sent, 9 * 65536) << "more than a pass takes";
+  const int before = PiecesRead();
+  loop.Turn();
+  EXPECT_EQ(PiecesRead() - before, 8);
 }
 #endif
 
