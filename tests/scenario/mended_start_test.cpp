@@ -238,16 +238,15 @@ SCENARIO_F(MendedWaits, ASecondWaitInVainIsFollowedByTriesToo) {
 // The client gets its mutex back.
 SCENARIO_F(MendedWaits, AMutexIsHeldWhileItsRegionIsReadAndNoLonger) {
   ASSERT_NE(Starts(), 500ms);
-  const auto is_free = [] {
+  const common::UniqueHandle mutex(CreateMutexA(nullptr, FALSE, kIpTableMutexName));
+  const auto is_free = [&mutex] {
     DWORD waited = WAIT_FAILED;
     test::RunThread([&] {
-      const common::UniqueHandle mutex(OpenMutexA(SYNCHRONIZE, FALSE, kIpTableMutexName));
       waited = WaitForSingleObject(mutex.get(), 0);
       if (waited == WAIT_OBJECT_0) ReleaseMutex(mutex.get());
     });
     return waited == WAIT_OBJECT_0;
   };
-  Holds(kIpTableMutexName, 300);
   {
     const ClientWait wait(kIpTableMutexName);
     EXPECT_TRUE(wait.may_read());
