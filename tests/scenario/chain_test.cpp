@@ -140,12 +140,14 @@ SCENARIO(Chain, BaseStartFailuresAreLoggedAndBecome10106) {
   };
   GameProcess game;
   WSAPROTOCOL_INFOW info = game.Layered(6);
-  test::LogCapture log(5);
   for (const Case& expected : cases) {
+    const test::LogCapture log(5);
     port::ClearFaults();
     port::FailCall(expected.call, 1, expected.error);
     EXPECT_EQ(BSPStartup(MAKEWORD(2, 2), &game.data, &info, game.upcalls, &game.table), 10106);
-    EXPECT_TRUE(log.Contains(expected.line)) << log.Text();
+    const std::string text = log.Text(), line = "BSPStartup: ";
+    EXPECT_NE(text.find(expected.line), text.npos) << text;
+    EXPECT_EQ(text.find(line), text.rfind(line)) << "nothing is tried afterwards: " << text;
     EXPECT_EQ(port::LoadCount(port::kBaseProviderPath), 0) << expected.call;
   }
   port::ClearFaults();

@@ -12,6 +12,7 @@
 #include "route/init_log.h"
 #include "route/route.h"
 #include "tests/scenario/game_process.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/mended.h"
 #include "tests/support/temp_dir.h"
 
@@ -61,6 +62,31 @@ SCENARIO_F(TestMode, SendsEveryPublicDestinationThroughTheNodeOfTheFile) {
   AccDecisionInfo info;
   EXPECT_FALSE(Accelerates("192.168.1.7", &info)) << "private";
   EXPECT_FALSE(Accelerates("198.51.100.20", &info)) << "the node itself";
+}
+
+// The tables that a client would have published name the node as well as the file's own word does.
+SCENARIO_F(TestMode, TheTablesLeadToTheNodeOfTheFile) {
+  WriteFileBeside(
+      "[TestAccGame]\nprocess_count=1\nproc1=dawn.exe\nproxy_ip=198.51.100.20\n"
+      "proxy_port=7001\nnet_mode=24\n");
+  ASSERT_TRUE(ReadTestConfig());
+  ASSERT_TRUE(GetRoute()->Load(50, 100));
+  const test::LogCapture log(4);
+  AccDecisionInfo forced;
+  ASSERT_TRUE(Accelerates("198.51.100.10", &forced));
+  EXPECT_TRUE(log.Contains("[Route][IsReachable] proxy_idc(1) to game_idc(1) reachable=true"));
+  for (const u32 both : {0u, kNetModeBothModes}) {
+    AccConfig config = *GetAccConfig();
+    config.manual_mode = 0;  // what the file names is not forced any more
+    config.net_mode |= both;
+    ReplaceAccConfig(config);
+    AccDecisionInfo info;
+    Accelerates("198.51.100.10", &info);
+    EXPECT_EQ(std::string(info.selected_proxy.proxy_addr), "198.51.100.20") << both;
+    EXPECT_EQ(info.selected_proxy.proxy_port, 7001) << both;
+    EXPECT_EQ(info.selected_proxy.proxy_idc, 1u) << both;
+    EXPECT_EQ(info.selected_proxy.type, forced.selected_proxy.type) << both;
+  }
 }
 
 SCENARIO_F(TestMode, MendsWhatTheFileAsksForWhateverTheClientSays) {

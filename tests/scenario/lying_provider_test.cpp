@@ -85,6 +85,7 @@ SCENARIO_F(LyingProvider, AnAnswerOfANodeThatIsLongerThanWasAskedForIsRefused) {
   Talks(s, "hello");
   EXPECT_GT(lies, 0);
   EXPECT_TRUE(Logged("Negotiation head reception failed. possibly it is illegal package. socket="));
+  EXPECT_TRUE(Logged("[TCP]Failed to received Negotiation header"));
   gives = [](DWORD got, DWORD) { return got; };
   closesocket(s);
   ExpectServesAgain();

@@ -3,9 +3,11 @@
 // the relay has no place for goes direct, and neither a failed connect nor a full buffer leaves
 // trouble behind.
 #include <algorithm>
+#include <string>
 #include <vector>
 
 #include "abi/mending_formats.h"
+#include "common/handle.h"
 #include "common/named_mutex.h"
 #include "common/process_info.h"
 #include "port/shared/faults.h"
@@ -13,6 +15,8 @@
 #include "route/mending.h"
 #include "tests/scenario/tcp_world.h"
 #include "tests/support/report_client.h"
+#include "tests/support/threads.h"
+#include "tests/unit/trace_capture.h"
 
 namespace {
 using namespace tcp_test;       // NOLINT: the verbs of these tests
@@ -84,9 +88,18 @@ SCENARIO_F(MendedWaits, WithoutItAStartWaitsForAsLongAsTheClientDoes) {
 // The game's place is known only once the list of games has been read.
 SCENARIO_F(MendedWaits, AListOfGamesThatIsHeldCountsAsNone) {
   Holds(kRestrictionMutexName);
+  const test::TraceCapture trace;
   EXPECT_EQ(Starts(), 500ms);
   EXPECT_FALSE(served);
   EXPECT_EQ(GetMending().bits(), 0u);
+  std::string traced;
+  for (const std::string& line : test::TraceCapture::lines()) traced += line;
+  EXPECT_NE(traced.find(std::string(kRestrictionMutexName) +
+                        " was not free within 500 ms, its region counts as absent"),
+            traced.npos)
+      << traced;
+  EXPECT_NE(traced.find("read restriction from shared memory failed, mem_addr=null"), traced.npos)
+      << traced;
 }
 
 SCENARIO_F(MendedWaits, AListOfGamesThatIsHeldForAMomentIsWaitedFor) {
@@ -204,6 +217,42 @@ SCENARIO_F(MendedWaits, TenSecondsAfterAWaitInVainAMutexIsWaitedForAgain) {
   RunFor(2s);
   Holds(kIpTableMutexName, 300);
   EXPECT_TRUE(ClientWait(kIpTableMutexName).may_read());
+}
+
+// One that hangs again is seen to hang again.
+SCENARIO_F(MendedWaits, ASecondWaitInVainIsFollowedByTriesToo) {
+  Holds(kIpTableMutexName, 600);
+  EXPECT_EQ(Starts(), 500ms);
+  RunFor(11s);
+  Holds(kIpTableMutexName);
+  const sim::Duration begin = world.now();
+  EXPECT_FALSE(ClientWait(kIpTableMutexName).may_read());
+  EXPECT_EQ(world.now() - begin, 500ms);
+  EXPECT_FALSE(ClientWait(kIpTableMutexName).may_read());
+  EXPECT_EQ(world.now() - begin, 500ms);
+  RenewClientWaits();
+  EXPECT_FALSE(ClientWait(kIpTableMutexName).may_read());
+  EXPECT_EQ(world.now() - begin, 1000ms) << "a start waits anew";
+}
+
+// The client gets its mutex back.
+SCENARIO_F(MendedWaits, AMutexIsHeldWhileItsRegionIsReadAndNoLonger) {
+  ASSERT_NE(Starts(), 500ms);
+  const common::UniqueHandle mutex(CreateMutexA(nullptr, FALSE, kIpTableMutexName));
+  const auto is_free = [&mutex] {
+    DWORD waited = WAIT_FAILED;
+    test::RunThread([&] {
+      waited = WaitForSingleObject(mutex.get(), 0);
+      if (waited == WAIT_OBJECT_0) ReleaseMutex(mutex.get());
+    });
+    return waited == WAIT_OBJECT_0;
+  };
+  {
+    const ClientWait wait(kIpTableMutexName);
+    EXPECT_TRUE(wait.may_read());
+    EXPECT_FALSE(is_free());
+  }
+  EXPECT_TRUE(is_free());
 }
 
 SCENARIO_F(MendedWaits, WhatIsMendedMayBeHeldToo) {

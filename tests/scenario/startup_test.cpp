@@ -261,6 +261,9 @@ void ExpectOutcome(const std::vector<Fault>& faults, Outcome outcome, const char
   EXPECT_EQ(game.GotHookedTable(), outcome == kHooked) << game.AllTraces();
   EXPECT_EQ(game.GotBaseTable(), outcome == kLeftAlone);
   EXPECT_TRUE(trace == nullptr || game.Traced(trace)) << game.AllTraces();
+  // A provider that cannot be loaded is told once, for the reason.
+  const std::string all = game.AllTraces(), prefix = "LoadProviderPath: ";
+  EXPECT_EQ(all.find(prefix), all.rfind(prefix)) << all;
 }
 
 SCENARIO(StartupFault, OwnPathUnknown) {

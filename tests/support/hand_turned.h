@@ -20,6 +20,7 @@ class HandTurned final : public moru_vyr::lsp::IRelaySocketMgr {
   }
   common::u32 EnableWrite(SOCKET s) noexcept override { return sets_.EnableWrite(s, true); }
   void StopReading(SOCKET s) noexcept override { sets_.StopReading(s); }
+  void ResumeReading(SOCKET s) noexcept override { sets_.ResumeReading(s); }
   Delegate* RemoveSocket(SOCKET s) noexcept override {
     delegates.erase(s);
     return sets_.Remove(s);

@@ -104,6 +104,10 @@ TEST_F(GameTester, SaysWhatAFileLacks) {
     EXPECT_TRUE(tester.Init());
     EXPECT_FALSE(tester.IsEnabled()) << expected.keys;
     EXPECT_TRUE(Traced(expected.trace)) << expected.keys;
+    int said = 0;
+    for (const std::string& line : test::TraceCapture::lines())
+      if (line.find("quit") != line.npos || line.find("empty") != line.npos) ++said;
+    EXPECT_EQ(said, 1) << "the first thing that it lacks: " << expected.keys;
   }
 }
 
@@ -326,8 +330,10 @@ TEST_F(GameTester, WithoutANetModeNothingIsAccelerated) {
 }
 
 TEST_F(GameTester, WithoutInitTheConfigurationIsThatOfNoFile) {
+  EXPECT_FALSE(tester.IsEnabled());
   EXPECT_FALSE(tester.ReadAccConfig());
   EXPECT_EQ(GetAccConfig()->forced_proxy.proxy_port, 0);
+  EXPECT_EQ(GetMending().bits(), 0u);
   common::GetProcessInfo().process_path[0] = '\0';
   EXPECT_FALSE(tester.ReadAccConfig());
   EXPECT_TRUE(Traced("process path is empty, read acce info failed!\n"));

@@ -182,6 +182,12 @@ TEST_F(ExtensionHooks, AFailedQueryLogsAllItsArguments) {
       low(NeverCompleted) + ", thread_handle=85, socket=" + std::to_string(next.socket) + "\n");
   ASSERT_NE(failure, text.npos) << text;
   EXPECT_GT(text.find("extension function is ConnectEx"), failure);
+  next.result = 0;
+  EXPECT_EQ(WSPIoctl(next.socket, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof id, &function,
+                     sizeof function, &returned, nullptr, nullptr, &thread, &error),
+            0);
+  EXPECT_EQ(log.Text().find("[lsp]WSPIoctl:ret=", failure + 4), text.npos)
+      << "a success is not told";
 }
 
 TEST_F(ExtensionHooks, ConnectExNegatesTheRealResult) {

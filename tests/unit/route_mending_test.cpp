@@ -4,10 +4,17 @@
 #include <gtest/gtest.h>
 #include <memoryapi.h>
 
+#include <string>
+
 #include "common/handle.h"
 #include "tests/support/end_worker.h"
 #include "tests/support/route_fixture.h"
 #include "tests/support/threads.h"
+#include "tests/unit/trace_capture.h"
+
+#ifndef _WIN32
+#include "port/shared/faults.h"
+#endif
 
 namespace moru_vyr::lsp {
 namespace {
@@ -42,6 +49,41 @@ TEST_F(MendingRegionTest, EachGameHasItsOwnBits) {
   EXPECT_TRUE(GetMending().PassesOnHalfClose());
   EXPECT_EQ(ReadBits(kMaxGames), 0u);
 }
+
+int TracedTimes(const std::string& text) {
+  int times = 0;
+  for (const std::string& line : test::TraceCapture::lines())
+    if (line.find(text) != line.npos) ++times;
+  return times;
+}
+
+TEST_F(MendingRegionTest, TheTraceSaysWhatIsMended) {
+  const test::TraceCapture trace;
+  test::ClientRegion<MendingRegion> region(kMendingRegionName);
+  region->games[0].mended = kMendReset;
+  ReadMending(0);
+  EXPECT_EQ(TracedTimes("mending: 0x4"), 1);
+  ReplaceMending(Mending({.mended = kMendHalfClose}));
+  EXPECT_EQ(TracedTimes("mending: 0x1"), 1);
+  ReplaceMending(Mending());
+  EXPECT_EQ(TracedTimes("mending: "), 2) << "nothing is not worth a line";
+  region->header.minor_ver += 1;
+  ReadMending(0);
+  EXPECT_EQ(TracedTimes("mending: size "), 1);
+}
+
+#ifndef _WIN32
+// What cannot be read has no version that could be wrong.
+TEST_F(MendingRegionTest, ARegionThatCannotBeReadIsNotBlamedForItsVersion) {
+  const test::TraceCapture trace;
+  test::ClientRegion<MendingRegion> region(kMendingRegionName);
+  region->games[0].mended = kMendReset;
+  port::FailCall("MapViewOfFile", 0, ERROR_NOT_ENOUGH_MEMORY);
+  EXPECT_EQ(ReadBits(0), 0u);
+  port::ClearFaults();
+  EXPECT_EQ(TracedTimes("mending: "), 0);
+}
+#endif
 
 struct Question {
   const char* name;

@@ -16,6 +16,7 @@
 #include "tests/support/loopback.h"
 #include "tests/support/mended.h"
 #include "tests/support/route_fixture.h"
+#include "tests/unit/direct_stream.h"
 #include "tests/unit/out_of_memory.h"
 
 #ifndef _WIN32
@@ -97,6 +98,18 @@ TEST_F(RoutedStream, WithoutMemoryToDecideTheServerIsTakenItself) {
 }
 #endif
 
+// An event of a socket that the session does not have any more is nobody's.
+TEST_F(RoutedStream, AnEventOfAnotherSocketEndsNothing) {
+  ASSERT_TRUE(Request());
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  const std::string asked = "TcpSession::StartNegotiation, proxy_idc=1, ";
+  ASSERT_TRUE(TurnsUntil(asked)) << log.Text();
+  const SOCKET node = SocketsOf(asked).at(0);
+  loop.delegates.at(node)->OnWritable(0x7777);
+  EXPECT_TRUE(log.Contains("[TCP]TcpProvider::OnRemoteWritable, failed to find socket=30583\n"));
+  EXPECT_FALSE(log.Contains("[TCP]CloseObsoleteSession, remove session, ")) << log.Text();
+}
+
 // --- one way beside another ----------------------------------------------------------------------
 
 // The first node has accepted the connection and says nothing, the second one is asked beside it.
@@ -135,6 +148,20 @@ TEST_F(RacingStream, AnEventThatDecidesNothingLeavesTheOrderAsItWas) {
   EXPECT_EQ(SocketsOf(overdue), (std::vector<SOCKET>{first, second}));
 #endif
 }
+
+#ifndef _WIN32
+// One that is overdue has five seconds more, and no longer.
+TEST_F(RacingStream, AnOverdueWayIsGivenUpAfterFiveSeconds) {
+  Race();
+  port::FailCall("connect", 0, WSAENETUNREACH);  // the server's, should it come to that
+  provider.OnUpdate(4'999);
+  EXPECT_TRUE(IsPolled(first));
+  provider.OnUpdate(1);
+  port::ClearFaults();
+  EXPECT_EQ(SocketsOf("TcpSession::CloseTry, about to close "), std::vector<SOCKET>{first});
+  EXPECT_FALSE(IsPolled(first));
+}
+#endif
 
 // A way that ends without ending the session, while another goes on: it alone is closed.
 TEST_F(RacingStream, AWayThatEndsIsClosedAlone) {
@@ -244,59 +271,6 @@ TEST_F(WaitingStream, AConnectThatIsNotGivenUpIsBegunBeforeTheGameConnects) {
 }
 
 // --- ends ----------------------------------------------------------------------------------------
-
-// A connection to a server of the test's own, which is on no table, so that it is reached directly.
-struct DirectStream : testing::Test {
-  explicit DirectStream(u32 bits = 0) : mended(bits) {
-    test::StartWinsock();
-    listener.Reset(test::BoundSocket(SOCK_STREAM, &server_addr));
-    EXPECT_EQ(listen(listener, 4), 0);
-    EXPECT_TRUE(provider.Init(&loop, &route));
-  }
-  ~DirectStream() override { provider.Uninit(); }
-
-  bool Request(SOCKET from, u16 port, std::shared_ptr<PostponedConnect> postponed = nullptr) {
-    return provider.RequestTcpRelaySession(from, port, &server_addr, &relay_addr, &relay_len, 9,
-                                           nullptr, std::move(postponed));
-  }
-  void Joins() {
-    sockaddr_in address;
-    game.Reset(test::BoundSocket(SOCK_STREAM, &address));
-    ASSERT_TRUE(Request(game, address.sin_port));
-    ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
-    test::MakeNonBlocking(game);
-    for (int i = 0; i < 500 && loop.delegates.size() < 3; ++i) loop.Turn();
-    server.Reset(accept(listener, nullptr, nullptr));
-    ASSERT_NE(SOCKET{server}, INVALID_SOCKET);
-    for (int i = 0; i < 3; ++i) loop.Turn();
-  }
-  // "bytes" and how the stream ended: "" not yet, "closed", "reset".
-  std::pair<std::string, std::string> Reads(SOCKET s) {
-    test::MakeNonBlocking(s);
-    std::string bytes;
-    for (int i = 0; i < 50; ++i) {
-      loop.Turn();
-      provider.OnUpdate(31);
-      char piece[64];
-      const int n = recv(s, piece, sizeof piece, 0);
-      if (n == 0) return {bytes, "closed"};
-      if (n > 0) bytes.append(piece, static_cast<size_t>(n));
-      if (n == SOCKET_ERROR && WSAGetLastError() == WSAECONNRESET) return {bytes, "reset"};
-    }
-    return {bytes, ""};
-  }
-  using End = std::pair<std::string, std::string>;
-
-  test::LogCapture log{0};
-  test::HandTurned loop;
-  Route route;
-  const test::Mended mended;
-  TcpProvider provider;
-  test::OwnSocket listener, game, server;
-  sockaddr_in server_addr;
-  sockaddr* relay_addr = nullptr;
-  int relay_len = 0;
-};
 
 #ifndef _WIN32
 struct PassedReset : DirectStream {

@@ -1,0 +1,413 @@
+// Single steps of relayed streams, turned by hand: how long an end may last, what is done at once
+// and what at the next update, and what is left behind. At stake: a game that waits for nothing,
+// and sockets that nobody owns any more.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "abi/mending_formats.h"
+#include "sockets/socket_map.h"
+#include "stream/block_buffer.h"
+#include "stream/block_pool.h"
+#include "stream/postponed_connect.h"
+#include "stream/tcp_session.h"
+#include "stream/wake_socket.h"
+#include "tests/unit/direct_stream.h"
+#include "tests/unit/out_of_memory.h"
+
+#ifndef _WIN32
+#include "port/shared/faults.h"
+#endif
+
+namespace moru_vyr::lsp {
+namespace {
+
+const char kSessionRemoved[] = "[TCP]CloseObsoleteSession, remove session, ";
+
+// --- blocks ------------------------------------------------------------------------------------
+
+// Of an ended connection's blocks, one that was used much goes back to the system, wherever it
+// stands; the others serve the next connection.
+TEST(BlocksPutBack, AreKeptOrFreedOneByOne) {
+  BlockPool pool;
+  std::list<BufferBlock> blocks;
+  pool.Take(BlockBuffer::kBlockSize, &blocks);
+  blocks.back().Wrote(BlockPool::kLittleUsed + 1);
+  pool.Take(BlockBuffer::kBlockSize, &blocks);
+  u8* const little_used = blocks.back().data.get();
+  pool.Put(&blocks);
+  EXPECT_TRUE(blocks.empty());
+  pool.Take(BlockBuffer::kBlockSize, &blocks);
+  EXPECT_EQ(blocks.back().data.get(), little_used);
+}
+
+#ifndef _WIN32
+// A connection whose bytes have all been delivered ends like any other.
+TEST(BlocksPutBack, ADrainedBlockServesTheNextConnection) {
+  BlockPool pool;
+  u8* place = nullptr;
+  {
+    BlockBuffer buffer(&pool);
+    ASSERT_TRUE(buffer.Reserve(&place, 100));
+    ASSERT_TRUE(buffer.Commit(100));
+    ASSERT_TRUE(buffer.Consume(100));
+  }
+  port::CountCalls();
+  BlockBuffer next(&pool);
+  ASSERT_TRUE(next.Reserve(&place, 100));
+  EXPECT_EQ(port::CallCount("VirtualAlloc"), 0u);
+  port::ClearFaults();
+}
+#endif
+
+// --- half-closed streams -----------------------------------------------------------------------
+
+struct HalfClosedStream : DirectStream {
+  HalfClosedStream() : DirectStream(kMendHalfClose) {}
+  void Ends(SOCKET side) {
+    ASSERT_EQ(shutdown(side, SD_SEND), 0);
+    const std::string stopped = "[TCP]TcpSession::StopSending, ";
+    for (int i = 0; i < 500 && !log.Contains(stopped); ++i) loop.Turn();
+    ASSERT_TRUE(log.Contains(stopped)) << log.Text();
+  }
+  bool IsRemoved() const { return log.Contains(kSessionRemoved); }
+};
+
+// Five minutes without a byte: an end of the game's alone may be a game that has gone.
+TEST_F(HalfClosedStream, LivesForFiveMinutesAfterTheGamesEnd) {
+  Joins();
+  Ends(game);
+  provider.OnUpdate(299'999);
+  EXPECT_FALSE(IsRemoved());
+  provider.OnUpdate(1);
+  EXPECT_TRUE(IsRemoved());
+}
+
+TEST_F(HalfClosedStream, LivesForFiveMinutesAfterTheServersEnd) {
+  Joins();
+  Ends(server);
+  provider.OnUpdate(299'999);
+  EXPECT_FALSE(IsRemoved());
+  provider.OnUpdate(1);
+  EXPECT_TRUE(IsRemoved());
+}
+
+TEST_F(HalfClosedStream, EachByteGivesItFiveMinutesAgain) {
+  Joins();
+  Ends(game);
+  provider.OnUpdate(299'999);
+  ASSERT_EQ(send(server, "x", 1, 0), 1);
+  char got = 0;
+  for (int i = 0; i < 500 && recv(game, &got, 1, 0) != 1; ++i) loop.Turn();
+  ASSERT_EQ(got, 'x');
+  provider.OnUpdate(299'999);
+  EXPECT_FALSE(IsRemoved());
+  provider.OnUpdate(1);
+  EXPECT_TRUE(IsRemoved());
+}
+
+// --- what is owed ------------------------------------------------------------------------------
+
+struct OwingStream : DirectStream {};
+
+// The end of the relay waits for what a game has sent, and not for a connection that is idle.
+TEST_F(OwingStream, OwesWhatTheServerHasNotTaken) {
+  Joins();
+  EXPECT_FALSE(provider.OwesServers());
+  const std::string piece(65536, 'x');
+  for (int i = 0; i < 500 && !provider.OwesServers(); ++i) {
+    send(game, piece.data(), static_cast<int>(piece.size()), 0);
+    loop.Turn();
+  }
+  EXPECT_TRUE(provider.OwesServers());
+}
+
+#ifndef _WIN32
+struct RefusedStream : DirectStream {};
+
+// The server cannot be reached at all, so what the game has sent can never leave. Once the game has
+// found out and closed, nothing is left.
+TEST_F(RefusedStream, EndsWithItsGame) {
+  sockaddr_in address;
+  game.Reset(test::BoundSocket(SOCK_STREAM, &address));
+  ASSERT_TRUE(Request(game, address.sin_port));
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  port::FailCall("connect", 0, WSAENETUNREACH);
+  const std::string failed = "[TCP]ConnectToRemoteServer failed. ";
+  for (int i = 0; i < 500 && !log.Contains(failed); ++i) loop.Turn();
+  port::ClearFaults();
+  ASSERT_TRUE(log.Contains(failed)) << log.Text();
+  provider.OnUpdate(31);
+  EXPECT_FALSE(log.Contains(kSessionRemoved)) << log.Text();
+  ASSERT_EQ(send(game, "x", 1, 0), 1);
+  for (int i = 0; i < 5; ++i) loop.Turn();
+  game.Close();
+  for (int i = 0; i < 50 && !log.Contains(kSessionRemoved); ++i) {
+    loop.Turn();
+    provider.OnUpdate(31);
+  }
+  EXPECT_TRUE(log.Contains(kSessionRemoved)) << log.Text();
+}
+#endif
+
+#ifndef _WIN32
+struct ResetStream : DirectStream {
+  ResetStream() : DirectStream(kMendReset) {}
+};
+
+// The loss shows when the game's bytes are sent on, before anything is read.
+TEST_F(ResetStream, ALossThatASendFindsIsAResetForTheGame) {
+  Joins();
+  ASSERT_EQ(send(game, "x", 1, 0), 1);
+  port::FailCall("send", 0, WSAECONNRESET);
+  for (int i = 0; i < 500 && port::CallCount("send") == 0; ++i) loop.Turn();
+  port::ClearFaults();
+  EXPECT_EQ(Reads(game), End("", "reset"));
+}
+
+struct FastStream : DirectStream {
+  FastStream() : DirectStream(kMendThroughput) {}
+  int PiecesRead() const {
+    const std::string text = log.Text(), line = "[TCP]DoLocalRead. Read game client data, ";
+    int pieces = 0;
+    for (std::size_t at = text.find(line); at != text.npos; at = text.find(line, at + 1)) ++pieces;
+    return pieces;
+  }
+};
+
+// Its bytes are passed on in one pass, but for no more than its share of that.
+TEST_F(FastStream, MovesEightPiecesInAPass) {
+  Joins();
+  const int size = 1 << 20;
+  const auto* const bytes = reinterpret_cast<const char*>(&size);
+  std::vector<SOCKET> sockets = {game, server};
+  for (const auto& [s, delegate] : loop.delegates) sockets.push_back(s);
+  for (const SOCKET s : sockets)
+    for (const int option : {SO_SNDBUF, SO_RCVBUF})
+      setsockopt(s, SOL_SOCKET, option, bytes, sizeof size);
+  const std::string much(1 << 20, 'x');
+  int sent = 0;
+  for (int n = 1; n > 0; sent += n > 0 ? n : 0) n = send(game, much.data(), 1 << 20, 0);
+  ASSERT_GT(sent, 9 * 65536) << "more than a pass takes";
+  const int before = PiecesRead();
+  loop.Turn();
+  EXPECT_EQ(PiecesRead() - before, 8);
+}
+#endif
+
+// --- ends of the provider ----------------------------------------------------------------------
+
+struct EndedStreams : DirectStream {
+  EndedStreams() : DirectStream(kMendRefusal) {}
+};
+
+TEST_F(EndedStreams, ThatNeverServedLeaveNothingToPoll) {
+  EXPECT_EQ(loop.delegates.size(), 2u) << "the listener, and the socket that wakes the worker";
+  provider.Uninit();
+  EXPECT_TRUE(loop.delegates.empty());
+}
+
+#ifndef _WIN32
+TEST(StreamsThatCannotStart, CloseWhatTheyHaveOpened) {
+  struct Entry {  // of the list of the listener's addresses
+    void* next;
+    sockaddr_in address;
+  };
+  test::StartWinsock();
+  test::HandTurned loop;
+  Route route;
+  TcpProvider provider;
+  port::CountCalls();
+  {
+    const test::OutOfMemory none(1, sizeof(Entry), sizeof(Entry));
+    EXPECT_FALSE(provider.Init(&loop, &route));
+  }
+  EXPECT_GT(port::CallCount("socket"), 0u);
+  EXPECT_EQ(port::CallCount("closesocket"), port::CallCount("socket"));
+  port::ClearFaults();
+}
+
+// The socket that wakes the worker is one that somebody could take for theirs once it is closed.
+TEST(SocketThatWakes, IsClosedOnce) {
+  test::StartWinsock();
+  test::HandTurned loop;
+  TcpProvider provider;
+  WakeSocket wake{&provider};
+  for (const char* const call : {"bind", "ioctlsocket"}) {
+    port::FailCall(call, 0, WSAENOBUFS);
+    wake.Open(&loop);
+    EXPECT_EQ(port::CallCount("closesocket"), 1u) << call;
+    port::ClearFaults();
+  }
+  wake.Open(&loop);
+  port::CountCalls();
+  wake.Close(&loop);
+  EXPECT_EQ(port::CallCount("closesocket"), 1u);
+  wake.Close(&loop);
+  EXPECT_EQ(port::CallCount("closesocket"), 1u);
+  port::ClearFaults();
+}
+#endif
+
+// --- connects that wait ------------------------------------------------------------------------
+
+// A game whose connect waits for a server that is reached directly.
+struct WaitingGame : DirectStream {
+  explicit WaitingGame(u32 bits = kMendRefusal) : DirectStream(bits) {
+    sockaddr_in address;
+    game.Reset(test::BoundSocket(SOCK_STREAM, &address));
+    port = address.sin_port;
+    GetSocketMap().Add(game, kSocketTypeStream, 6, 9);
+    next.lpWSPConnect = ConnectsLater;
+    record = GetSocketMap().Get(game);
+    record.next_proc_table = &next;
+    record.non_blocking = true;
+  }
+  ~WaitingGame() override { GetSocketMap().Remove(game); }
+
+  static int WSPAPI ConnectsLater(SOCKET, const sockaddr*, int, LPWSABUF, LPWSABUF, LPQOS, LPQOS,
+                                  LPINT) {
+    return 0;
+  }
+  void Asks() {
+    postponed = provider.postponed_connects().Add(record);
+    ASSERT_NE(postponed, nullptr);
+    GetSocketMap().SetConnectStage(game, ConnectStage::kWaiting, 9);
+    ASSERT_TRUE(Request(game, port, postponed));
+  }
+  void IsToldToConnect() {
+    for (int i = 0; i < 500 && postponed->error == PostponedConnect::kUndecided; ++i) loop.Turn();
+    ASSERT_EQ(postponed->error, 0);
+  }
+
+  u16 port = 0;
+  WSPPROC_TABLE next{};
+  SocketRecord record;
+  std::shared_ptr<PostponedConnect> postponed;
+};
+
+// The worker is woken, so a connect that waits does not wait for the next update, too.
+TEST_F(WaitingGame, IsServedBeforeTheNextUpdate) {
+  Asks();
+  IsToldToConnect();
+  EXPECT_EQ(GetSocketMap().Get(game).connect_stage, ConnectStage::kIssued);
+}
+
+#ifndef _WIN32
+TEST_F(WaitingGame, IsServedAtTheNextUpdateIfTheWorkerCouldNotBeWoken) {
+  port::FailCall("sendto", 0, WSAENOBUFS);
+  Asks();
+  port::ClearFaults();
+  for (int i = 0; i < 20; ++i) loop.Turn();
+  EXPECT_FALSE(log.Contains("[TCP]DecideRemoteAddr.use_acc_=")) << log.Text();
+  provider.OnUpdate(31);
+  EXPECT_TRUE(log.Contains("[TCP]DecideRemoteAddr.use_acc_=")) << log.Text();
+}
+#endif
+
+// What the server says before the game has connected waits for it.
+TEST_F(WaitingGame, GetsWhatTheServerHasSaidBeforeItConnected) {
+  Asks();
+  IsToldToConnect();
+  server.Reset(accept(listener, nullptr, nullptr));
+  ASSERT_NE(SOCKET{server}, INVALID_SOCKET);
+  ASSERT_EQ(send(server, "hello", 5, 0), 5);
+  for (int i = 0; i < 10; ++i) loop.Turn();
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  EXPECT_EQ(Reads(game), End("hello", ""));
+  EXPECT_EQ(GetSocketMap().Get(game).connect_stage, ConnectStage::kNone);
+}
+
+TEST_F(WaitingGame, IsToldApartFromAStrangerWhoConnectsFirst) {
+  Asks();
+  IsToldToConnect();
+  sockaddr_in address;
+  const test::OwnSocket stranger(test::BoundSocket(SOCK_STREAM, &address));
+  ASSERT_EQ(connect(stranger, relay_addr, relay_len), 0);
+  for (int i = 0; i < 500 && !log.Contains("session not registered for port="); ++i) loop.Turn();
+  EXPECT_FALSE(log.Contains("[TCP]MeetPostponed. ")) << log.Text();
+  ASSERT_EQ(connect(game, relay_addr, relay_len), 0);
+  for (int i = 0; i < 500 && !log.Contains("[TCP]MeetPostponed. "); ++i) loop.Turn();
+  EXPECT_TRUE(log.Contains("[TCP]MeetPostponed. ")) << log.Text();
+}
+
+// The relay ends: nobody will decide any more.
+TEST_F(WaitingGame, FailsWhenTheRelayEnds) {
+  Asks();
+  provider.Uninit();
+  EXPECT_EQ(postponed->error, WSAENETDOWN);
+}
+
+// One of several that wait closes its socket.
+TEST_F(WaitingGame, IsGivenUpAlone) {
+  Asks();
+  SocketRecord other_record = record;
+  other_record.token = 10;
+  const auto other = provider.postponed_connects().Add(other_record);
+  ASSERT_NE(other, nullptr);
+  provider.postponed_connects().Cancel(9);
+  EXPECT_EQ(postponed->error, WSAEINTR);
+  EXPECT_EQ(other->error, PostponedConnect::kUndecided);
+}
+
+// --- where refusals go -------------------------------------------------------------------------
+
+struct DeadEnd : testing::Test {
+  DeadEnd() {
+    test::StartWinsock();
+    next.lpWSPConnect = ConnectBelow;
+    GetSocketMap().Add(kSocket, kSocketTypeStream, 6, 9);
+    record = GetSocketMap().Get(kSocket);
+    record.next_proc_table = &next;
+    record.non_blocking = true;
+  }
+  ~DeadEnd() override {
+    connects.Close();
+    GetSocketMap().Remove(kSocket);
+  }
+  static int WSPAPI ConnectBelow(SOCKET, const sockaddr* name, int, LPWSABUF, LPWSABUF, LPQOS,
+                                 LPQOS, LPINT) {
+    std::memcpy(&connected, name, sizeof connected);
+    return 0;
+  }
+  static inline sockaddr_in connected{};
+
+  static constexpr SOCKET kSocket = 0x1235;
+  WSPPROC_TABLE next{};
+  SocketRecord record;
+  PostponedConnects connects;
+};
+
+// A port that the relay keeps, so that no other program can come to listen there.
+TEST_F(DeadEnd, IsAPortThatNobodyElseCanTake) {
+  sockaddr_in listener;
+  const test::OwnSocket listening(test::BoundSocket(SOCK_STREAM, &listener));
+  connects.Open(listener);
+  const auto connect = connects.Add(record);
+  ASSERT_NE(connect, nullptr);
+  connects.Decide(connect.get(), WSAECONNREFUSED);
+  EXPECT_EQ(connected.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+  EXPECT_NE(connected.sin_port, listener.sin_port);
+  EXPECT_NE(connected.sin_port, htons(1));
+  const test::OwnSocket other(socket(AF_INET, SOCK_STREAM, 0));
+  sockaddr_in place = connected;
+  EXPECT_EQ(bind(other, test::Raw(&place), sizeof place), SOCKET_ERROR);
+}
+
+#ifndef _WIN32
+TEST_F(DeadEnd, IsGivenBackOnce) {
+  connects.Open(sockaddr_in{});
+  connects.Close();
+  port::CountCalls();
+  connects.Close();
+  EXPECT_EQ(port::CallCount("closesocket"), 0u);
+  port::ClearFaults();
+}
+#endif
+
+}  // namespace
+}  // namespace moru_vyr::lsp
