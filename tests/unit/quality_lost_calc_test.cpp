@@ -364,6 +364,21 @@ TEST(LostCalc, AWindowOfAllSlotsTakesTheOpenOneForItsOldest) {
   EXPECT_EQ(calc.Get(1000, false), (Lost{102, 0, 0}));
 }
 
+// A window of more slots than there are would go round the ring, and show the last slot alone.
+TEST(LostCalc, AWindowThatWasRefusedEndsWithTheRing) {
+  for (const u16 refused : {u16{61}, u16{65535}}) {
+    Calc calc(kSends, 60);
+    EXPECT_EQ(calc.Init(0, kUnit, refused, kWait, 20, kSends), -1);
+    calc.AddOneSend(0);
+    for (u32 slot = 0; slot < 70; ++slot) {
+      calc.Send(slot * 10 + 1, slot * 10 + 10);
+      calc.CloseSlot();
+    }
+    EXPECT_EQ(calc.last_lost(), 102) << refused;
+    EXPECT_EQ(calc.need_recv_pkg(), 0u) << refused;
+  }
+}
+
 TEST(LostCalc, FirstPacketsInAGracePeriodStartTheSlotThatOpens) {
   for (const bool mode : {kSends, kArrivals}) {
     Calc calc(mode);
