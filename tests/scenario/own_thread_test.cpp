@@ -200,8 +200,8 @@ SCENARIO_F(OwnThreads, ThatHoldNothingAreEndedAtOnce) {
   EXPECT_FALSE(world.IsRunning(id));
 }
 
-// Those of our threads that wait for a lock and find its holder gone: one gets it, and the others must not count
-// as its holders, for a thread that holds a lock is not ended.
+// Those of our threads that wait for a lock and find its holder gone: one gets it, and the others
+// must not count as its holders, for a thread that holds a lock is not ended.
 SCENARIO_F_SEEDS(OwnThreads, ThatLoseTheRaceForALockHoldNothing, 20) {
   struct Waiter {
     static DWORD WINAPI Run(LPVOID parameter) {
@@ -234,7 +234,8 @@ SCENARIO_F_SEEDS(OwnThreads, ThatLoseTheRaceForALockHoldNothing, 20) {
   }
 }
 
-// The system may refuse to end a thread. It goes on after a while, and what it holds counts as before.
+// The system may refuse to end a thread. It goes on after a while, and what it holds counts as
+// before.
 SCENARIO_F(OwnThreads, OneThatCannotBeEndedGoesOn) {
   bool has_taken = false;
   Starts([&] {

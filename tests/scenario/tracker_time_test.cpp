@@ -436,7 +436,8 @@ SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndCanBeRepeated) {
   EXPECT_FALSE(log.Contains(test::kSyncEnded)) << "there was none";
 }
 
-// Where a stranger has ended the worker, the thread leaves by itself, and the next start is like the first.
+// Where a stranger has ended the worker, the thread leaves by itself, and the next start is like
+// the first.
 SCENARIO_F(TrackerTime, ALostWorkerLeavesNoHandleOpen) {
   const auto work = [](LPVOID self) -> DWORD {
     const common::OwnThread own;

@@ -11,8 +11,8 @@ TEST(RecentCycleArithmetic, TruncatesAveragesAndSwing) {
   struct Case {
     u32 first, second, avg, amp;
   };
-  constexpr Case kCases[] = {{10, 21, 15, 5},     {40, 40, 40, 0},       {1, 2, 1, 0},
-                             {30, 61, 45, 15},    {9999, 9998, 9998, 0}, {1, 9997, 4999, 4998},
+  constexpr Case kCases[] = {{10, 21, 15, 5},      {40, 40, 40, 0},       {1, 2, 1, 0},
+                             {30, 61, 45, 15},     {9999, 9998, 9998, 0}, {1, 9997, 4999, 4998},
                              {333, 666, 499, 166}, {1, 3, 2, 1}};
   AccConfig config;
   config.long_cycle = 2;

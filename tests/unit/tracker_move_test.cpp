@@ -87,7 +87,7 @@ TEST_F(MovedFlow, WhatTheNewSocketHasNotMetYetIsThatOfTheOld) {
   AddAccelerated();
   tracker.AddToWatchList(kOther, kTrackUdp, test::kToken);
   SocketQosRecord& was = *tracker.Find(test::kSocket);
-  u32 SocketQosRecord::* const fields[] = {
+  u32 SocketQosRecord::*const fields[] = {
       &SocketQosRecord::first_recv_error_code, &SocketQosRecord::first_send_error_code,
       &SocketQosRecord::curr_recv_error_code,  &SocketQosRecord::curr_send_error_code,
       &SocketQosRecord::last_send_tick,        &SocketQosRecord::last_recv_tick};
