@@ -84,7 +84,9 @@ SCENARIO_F_SEEDS(BusyLogger, ALineThatCountsAsWrittenIsInTheFile, 30) {
   log.Shut();
   ASSERT_TRUE(RunUntil([&] { return done; }));
   log.Shut();
-  if (written) EXPECT_TRUE(test::ReadFileText(path).ends_with("late\n"));
+  if (written) {
+    EXPECT_TRUE(test::ReadFileText(path).ends_with("late\n"));
+  }
 }
 
 SCENARIO_F_SEEDS(BusyLogger, HoldsUpNoOpening, 5) {
