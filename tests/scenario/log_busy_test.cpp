@@ -32,7 +32,7 @@ class BusyLogger : public sim::ScenarioTest {
   // The writer comes to its end.
   void Release() {
     stop_ = true;
-    world.Stall(writer_, 0us);
+    if (world.IsRunning(writer_)) world.Stall(writer_, 0us);
   }
 
   test::TempDir dir;

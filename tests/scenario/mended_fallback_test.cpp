@@ -290,11 +290,11 @@ SCENARIO_F(MendedFallback, WhileACleanupWaitsNothingNewIsAccepted) {
   int size = 0;
   ASSERT_TRUE(moru_vyr::lsp::GetRelayMgr().RequestTcpRelaySession(5, htons(4000), &server,
                                                                   &listener, &size, 7));
+  const SOCKET late = Tcp();
   bool is_connected = false;
   world.Spawn(world.home(), "late", [&] {
-    const SOCKET s = Tcp();
     Sleep(200);
-    is_connected = connect(s, listener, size) == 0;
+    is_connected = connect(late, listener, size) == 0;
   });
   const auto start = world.now();
   EXPECT_EQ(WSACleanup(), 0);

@@ -445,9 +445,9 @@ SCENARIO_F(TrackerTime, ALostWorkerLeavesNoHandleOpen) {
     Sleep(INFINITE);
     return 0;
   };
-  const size_t before = port::OpenHandles();
   for (int i = 0; i < 2; ++i) {
     const test::LogCapture log(0);
+    const size_t before = port::OpenHandles();
     const HANDLE worker = CreateThread(nullptr, 0, work, &tracker, 0, nullptr);
     RunFor(300ms);
     EXPECT_TRUE(log.Contains("[Tracker] Init.\n"));
