@@ -487,23 +487,6 @@ TEST_F(IcmpPing, WithoutMemoryASocketIsNotRecorded) {
   EXPECT_FALSE(vm.CheckinConnectionPingRequest(kSocket + 1, message.data(), 64));
 }
 
-// The queue of a socket grows piece by piece, and each request has its slot by then.
-TEST_F(IcmpPing, ARequestThatThereIsNoPlaceForGoesToTheNetwork) {
-  ASSERT_TRUE(Checkin());
-  const std::vector<char> message = Message(64, kChecksumOf64);
-  bool held = true, was_felt = false;
-  int requests = 1;
-  for (; !was_felt && requests < 500; ++requests) {
-    const test::OutOfMemory none;
-    held = vm.CheckinConnectionPingRequest(kSocket, message.data(), 64);
-    was_felt = test::OutOfMemory::WasFelt();
-  }
-  ASSERT_TRUE(was_felt);
-  EXPECT_FALSE(held);
-  EXPECT_TRUE(Checkin());
-  Drain();
-}
-
 TEST(PingPool, WithoutMemoryThereIsNoRecord) {
   PingPool pool;
   const auto alloc_without_memory = [&pool] {
