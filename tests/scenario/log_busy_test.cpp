@@ -24,10 +24,15 @@ class BusyLogger : public sim::ScenarioTest {
     GetStuck();
   }
   void TearDown() override {
-    stop_ = true;
-    world.Stall(writer_, 0us);
+    Release();
     ASSERT_TRUE(RunUntil([this] { return !world.IsRunning(writer_); }));
     log.Write("last\n", 5);
+  }
+
+  // The writer comes to its end.
+  void Release() {
+    stop_ = true;
+    if (world.IsRunning(writer_)) world.Stall(writer_, 0us);
   }
 
   test::TempDir dir;
@@ -64,6 +69,24 @@ SCENARIO_F_SEEDS(BusyLogger, HoldsUpNeitherAFlushNorTheEnd, 5) {
   log.Shut();
   EXPECT_LT(world.now() - begin, 10ms);
   EXPECT_FALSE(log.Write("too late\n", 5));
+  EXPECT_FALSE(log.Open(path)) << "nor is it waited for to open the file again";
+}
+
+// One thread waits for its turn to write, and another closes the log.
+SCENARIO_F_SEEDS(BusyLogger, ALineThatCountsAsWrittenIsInTheFile, 30) {
+  bool written = false, done = false;
+  world.Spawn(world.home(), "late", [&] {
+    written = log.Write("late\n", 5);
+    done = true;
+  });
+  Sleep(0);
+  Release();
+  log.Shut();
+  ASSERT_TRUE(RunUntil([&] { return done; }));
+  log.Shut();
+  if (written) {
+    EXPECT_TRUE(test::ReadFileText(path).ends_with("late\n"));
+  }
 }
 
 SCENARIO_F_SEEDS(BusyLogger, HoldsUpNoOpening, 5) {

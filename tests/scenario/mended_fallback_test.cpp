@@ -1,6 +1,7 @@
 // Connections and datagrams of a game whose client asks for fast falling back: another way is tried
 // soon, whoever answers first carries, and a node that has failed is passed over for a while.
 #include "abi/mending_formats.h"
+#include "engine/relay_mgr.h"
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_world.h"
 #include "tests/scenario/udp_world.h"
@@ -273,6 +274,33 @@ SCENARIO_F(MendedFallback, ACleanupWaitsForWhatIsOwed) {
   EXPECT_EQ(WSACleanup(), 0);
   RunFor(1s);
   EXPECT_TRUE(LastCall().got == all) << LastCall().got.size();
+}
+
+// Its session would need a socket, and Winsock makes no more by then.
+SCENARIO_F(MendedFallback, WhileACleanupWaitsNothingNewIsAccepted) {
+  serve = [](SOCKET t, tcp_test::Call* call) {
+    Sleep(500);
+    call->end = tcp_test::CollectAll(t, &call->got);
+  };
+  WSADATA data = {};
+  ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+  tcp_test::SendAll(Joins(), Pattern(1'000'000));
+  const sockaddr_in server = At(kServer, 80);
+  sockaddr* listener = nullptr;
+  int size = 0;
+  ASSERT_TRUE(moru_vyr::lsp::GetRelayMgr().RequestTcpRelaySession(5, htons(4000), &server,
+                                                                  &listener, &size, 7));
+  const SOCKET late = Tcp();
+  bool is_connected = false;
+  world.Spawn(world.home(), "late", [&] {
+    Sleep(200);
+    is_connected = connect(late, listener, size) == 0;
+  });
+  const auto start = world.now();
+  EXPECT_EQ(WSACleanup(), 0);
+  EXPECT_GE(world.now() - start, 300ms);
+  EXPECT_TRUE(is_connected);
+  EXPECT_FALSE(Logged(test::kStrangerAccepted));
 }
 
 // --- datagrams -----------------------------------------------------------------------------------

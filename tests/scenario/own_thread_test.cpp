@@ -8,6 +8,7 @@
 
 #include "common/lock.h"
 #include "common/log_file.h"
+#include "port/shared/faults.h"
 #include "port/sim/scenario.h"
 
 namespace {
@@ -195,6 +196,59 @@ SCENARIO_F(OwnThreads, AreTerminatedEvenIfTheyKeepTheirLock) {
 
 SCENARIO_F(OwnThreads, ThatHoldNothingAreEndedAtOnce) {
   Starts([] {});
+  EXPECT_EQ(MsOf([&] { EndByForce(thread, name); }), 0u);
+  EXPECT_FALSE(world.IsRunning(id));
+}
+
+// Those of our threads that wait for a lock and find its holder gone: one gets it, and the others
+// must not count as its holders, for a thread that holds a lock is not ended.
+SCENARIO_F_SEEDS(OwnThreads, ThatLoseTheRaceForALockHoldNothing, 20) {
+  struct Waiter {
+    static DWORD WINAPI Run(LPVOID parameter) {
+      auto& self = *static_cast<Waiter*>(parameter);
+      const OwnThread own;
+      self.name = own.name();
+      { const Lock hold(*self.mutex); }
+      Sleep(INFINITE);
+      return 0;
+    }
+    Mutex* mutex;
+    HANDLE thread = nullptr;
+    common::u32 name = 0;
+  };
+  const DWORD holder = world.Spawn(world.home(), "other", [&] {
+    mutex.lock();
+    Sleep(INFINITE);
+  });
+  RunFor(1ms);
+  Waiter waiters[3] = {{&mutex}, {&mutex}, {&mutex}};
+  for (Waiter& one : waiters) {
+    one.thread = CreateThread(nullptr, 0, Waiter::Run, &one, 0, nullptr);
+  }
+  RunFor(200ms);
+  world.Terminate(holder);
+  RunFor(1s);
+  for (Waiter& one : waiters) {
+    EXPECT_NE(one.name, 0u);
+    EXPECT_EQ(MsOf([&] { EndByForce(one.thread, one.name); }), 0u);
+  }
+}
+
+// The system may refuse to end a thread. It goes on after a while, and what it holds counts as
+// before.
+SCENARIO_F(OwnThreads, OneThatCannotBeEndedGoesOn) {
+  bool has_taken = false;
+  Starts([&] {
+    Sleep(10);
+    const Lock hold(mutex);
+    has_taken = true;
+  });
+  port::FailCall("TerminateThread", 1, ERROR_ACCESS_DENIED);
+  EndByForce(thread, name);
+  EXPECT_TRUE(world.IsRunning(id));
+  EXPECT_FALSE(has_taken);
+  RunFor(10s);
+  EXPECT_TRUE(has_taken);
   EXPECT_EQ(MsOf([&] { EndByForce(thread, name); }), 0u);
   EXPECT_FALSE(world.IsRunning(id));
 }

@@ -85,6 +85,28 @@ SCENARIO_OPTIONS(LinkJudge, DoesNotSwitchRightAfterTheSystemHasStarted, TickStar
   EXPECT_EQ(link.owner.fired.size(), 1u);
 }
 
+SCENARIO_OPTIONS(LinkJudge, MaySwitchHalfAMinuteAfterThat, TickStart(0)) {
+  LinkJudge link;
+  ASSERT_TRUE(link.Start());
+  Sleep(30'000);
+  Trouble(link);
+  EXPECT_EQ(link.owner.fired.size(), 1u);
+}
+
+SCENARIO(LinkJudge, TheFirstSlotOfDataLastsAWholeUnit) {
+  LinkJudge link;
+  link.config.lost_calc_unit_size = 1000;
+  ASSERT_TRUE(link.Start());
+  Sleep(999);
+  EXPECT_TRUE(link.judge.OnUpdate());
+  Sleep(LinkJudge::kWait);
+  EXPECT_TRUE(link.judge.OnUpdate());  // begins the grace period, if the one before did not
+  EXPECT_EQ(link.judge.DataLinkGetDefCurLost(true), kLostNeverComputed);
+  Sleep(LinkJudge::kWait);
+  EXPECT_TRUE(link.judge.OnUpdate());
+  EXPECT_EQ(link.judge.DataLinkGetDefCurLost(true), kLostNoRange);
+}
+
 SCENARIO_OPTIONS(LinkJudge, StartsItsClockAnewWhenTheTickCountDoes, TickStart(0u - 1000)) {
   LinkJudge link(0);
   link.config.lost_calc_unit_size = 500;

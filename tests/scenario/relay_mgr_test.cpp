@@ -5,11 +5,13 @@
 
 #include <memory>
 
+#include "common/handle.h"
 #include "port/shared/faults.h"
 #include "tests/scenario/game_process.h"
 #include "tests/scenario/sim_sockets.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/log_texts.h"
+#include "tests/support/mended.h"
 
 namespace {
 
@@ -88,6 +90,69 @@ SCENARIO(RelayMgr, AWorkerThatDoesNotEndIsKilled) {
   int size = 0;
   EXPECT_FALSE(relay.RequestTcpRelaySession(5, 6, &server, &relay_addr, &size, 7));
   EXPECT_EQ(relay_addr, nullptr);
+  // Kept: it says that it is running although none ever will.
+  relay.AllowAnotherWorker();
+  EXPECT_TRUE(relay.CheckAndInit(3000));
+  EXPECT_FALSE(relay.Serves());
+}
+
+// Each datagram on its way to the relay asks; the look costs some calls of the system.
+SCENARIO(RelayMgr, AWorkersThreadIsLookedAtOnceInTheTimeOfTrust) {
+  RelayMgr& relay = GetRelayMgr();
+  ASSERT_TRUE(relay.CheckAndInit(3000));
+  RunFor(1s);
+  const auto looks = [&](u32 trust_ms) {
+    port::ClearFaults();
+    port::CountCalls();
+    EXPECT_TRUE(relay.StillServes(trust_ms));
+    return port::CallCount("OpenThread");
+  };
+  EXPECT_EQ(looks(100), 1u);
+  RunFor(99ms);
+  EXPECT_EQ(looks(100), 0u);
+  RunFor(1ms);
+  EXPECT_EQ(looks(100), 1u);
+  EXPECT_EQ(looks(0), 1u);
+}
+
+SCENARIO(RelayMgr, AnIdlePassTakesTwentyMilliseconds) {
+  ASSERT_TRUE(GetRelayMgr().CheckAndInit(3000));
+  RunFor(1s);
+  port::ClearFaults();
+  port::CountCalls();
+  RunFor(1s);
+  EXPECT_NEAR(port::CallCount("select"), 50, 1);
+}
+
+// Eight places are kept for sockets on their way that were promised room.
+SCENARIO(RelayMgr, HasRoomForWhatItCanPollAlthoughOthersAreOnTheirWay) {
+  const test::Mended mended(kMendStart);
+  RelayMgr& relay = GetRelayMgr();
+  EXPECT_TRUE(relay.HasRoom(120));
+  EXPECT_FALSE(relay.HasRoom(121));
+  relay.AddSocket(77, nullptr);
+  EXPECT_TRUE(relay.HasRoom(119));
+  EXPECT_FALSE(relay.HasRoom(120));
+  relay.RemoveSocket(77);
+}
+
+SCENARIO(RelayMgr, ARequestThatIsForgottenLeavesItsPortFree) {
+  const test::Mended mended(kMendStart);
+  RelayMgr& relay = GetRelayMgr();
+  ASSERT_TRUE(relay.CheckAndInit(3000));
+  const sockaddr_in server = At(kServer, kServerPort);
+  const auto is_made = [&](u32 token) {
+    sockaddr* listener = nullptr;
+    int size = 0;
+    bool created = false;
+    EXPECT_TRUE(
+        relay.RequestTcpRelaySession(5, htons(4000), &server, &listener, &size, token, &created));
+    return created;
+  };
+  EXPECT_TRUE(is_made(7));
+  EXPECT_FALSE(is_made(7));
+  relay.ForgetTcpRelaySession(htons(4000), 7);
+  EXPECT_TRUE(is_made(7));
 }
 
 // The game's first connections go direct rather than wait for it again and again.
@@ -149,6 +214,15 @@ SCENARIO(RelayMgr, AWorkerWithoutADatagramRelayIsNotStartedAgain) {
 
 SCENARIO(RelayMgr, AWorkerWithoutAStreamRelayIsNotStartedAgain) {
   ExpectFailsOnce(world, 2, "true\n");
+}
+
+// Their handles may belong to other sockets by then.
+SCENARIO(RelayMgr, AStartThatFailsClosesNoSocketsThatItDoesNotHave) {
+  test::LogCapture log(0);
+  port::FailCall("WSPSocket", 2, WSAENOBUFS);
+  EXPECT_FALSE(GetRelayMgr().CheckAndInit(3000));
+  RunFor(1s);
+  EXPECT_FALSE(log.Contains(test::kTcpListenerClosed));
 }
 
 // A stop ends a failure as well: the next request tries again.
@@ -217,6 +291,18 @@ SCENARIO_F(RelayTimers, UpdatesAreMoreThanThirtyMillisecondsApart) {
   AwaitTick(update + 31);
   WakeTheWorker();
   EXPECT_EQ(Updates(), 2);
+}
+
+// The client program signals an event whose name has the process's number.
+SCENARIO(RelayMgr, TheWorkerAlsoTakesCareOfTheRoutesTables) {
+  test::LogCapture log(5);
+  ASSERT_TRUE(GetRelayMgr().CheckAndInit(3000));
+  RunFor(31s);
+  const std::string name = "spur_iplist_change_notify_" + std::to_string(GetCurrentProcessId());
+  const common::UniqueHandle changed(CreateEventA(nullptr, FALSE, FALSE, name.c_str()));
+  SetEvent(changed.get());
+  RunFor(31s);
+  EXPECT_TRUE(log.Contains("[Route][OnUpdate] Spur iplist content has changed, reload it!\n"));
 }
 
 SCENARIO(RelayMgr, MostErrorsOfSelectDoNotEndTheWorker) {

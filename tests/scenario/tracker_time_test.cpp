@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "common/own_thread.h"
 #include "port/shared/objects.h"
 #include "port/sim/scenario.h"
 #include "relay/nego_common.h"
@@ -244,6 +245,20 @@ SCENARIO_F(TrackerTime, TrafficReportsLifeAndIdleTimeOfASocket) {
   tracker.UnInit();
 }
 
+SCENARIO_F(TrackerTime, LiveReportsShowLifeAndIdleTime) {
+  tracker.Init();
+  AddAccelerated(kSocket, "guid");
+  tracker.RecordRecv(kSocket, 1, 0);
+  RunFor(1500ms);
+  FreeSlots(client.traffic);
+  tracker.SnapshotCommInfo(true);
+  RunFor(300ms);
+  EXPECT_EQ(client.traffic->slots[0].ended, 0);
+  EXPECT_EQ(client.traffic->slots[0].life, 1500u);
+  EXPECT_EQ(client.traffic->slots[0].idle, 1500u);
+  tracker.UnInit();
+}
+
 // Neither one on trial, for which nothing was decided, nor one whose node refuses.
 SCENARIO_F(TrackerTime, OnlyAcceleratedSocketsAreShown) {
   tracker.Init();
@@ -379,6 +394,21 @@ SCENARIO_WRAP(SocketThatIsOlderThanTheWrapHasNoAge, 1000) {
   EXPECT_EQ(client.traffic->slots[last].idle, 0u);
 }
 
+sim::Options JustStarted() {
+  sim::Options options;
+  options.tick_start = 500;
+  return options;
+}
+
+// No snapshot has been taken yet, however young the system is.
+SCENARIO_WITH_(TrackerTime, TheFirstSuccessIsShownAtOnce, TrackerTime, 1, JustStarted()) {
+  tracker.Init();
+  AddAccelerated(kSocket, "guid");
+  RunFor(300ms);
+  EXPECT_EQ(UsedSlots(client.traffic), 1);
+  tracker.UnInit();
+}
+
 // --- the end ----------------------------------------------------------------------------------
 
 SCENARIO_F_SEEDS(TrackerTime, EndDoesNotWaitForTheThreadsWaits, 20) {
@@ -404,6 +434,29 @@ SCENARIO_F(TrackerTime, EndLeavesNoHandleOpenAndCanBeRepeated) {
   const test::LogCapture log(0);
   tracker.UnInit();
   EXPECT_FALSE(log.Contains(test::kSyncEnded)) << "there was none";
+}
+
+// Where a stranger has ended the worker, the thread leaves by itself, and the next start is like
+// the first.
+SCENARIO_F(TrackerTime, ALostWorkerLeavesNoHandleOpen) {
+  const auto work = [](LPVOID self) -> DWORD {
+    const common::OwnThread own;
+    static_cast<Tracker*>(self)->Init();
+    Sleep(INFINITE);
+    return 0;
+  };
+  for (int i = 0; i < 2; ++i) {
+    const test::LogCapture log(0);
+    const size_t before = port::OpenHandles();
+    const HANDLE worker = CreateThread(nullptr, 0, work, &tracker, 0, nullptr);
+    RunFor(300ms);
+    EXPECT_TRUE(log.Contains("[Tracker] Init.\n"));
+    EXPECT_GT(port::OpenHandles(), before + 1);
+    TerminateThread(worker, 1);
+    CloseHandle(worker);
+    RunFor(1s);
+    EXPECT_EQ(port::OpenHandles(), before) << i;
+  }
 }
 
 // The thread is busy when it is told to end; open sockets must still be reported.

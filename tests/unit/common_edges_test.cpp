@@ -2,13 +2,16 @@
 // than have a name, and records that are asked for less than there is.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <list>
 
 #include "common/handle.h"
 #include "common/lock.h"
 #include "common/own_thread.h"
+#include "common/unix_time.h"
 #include "sockets/check_and_bind.h"
 #include "sockets/socket_map.h"
+#include "tests/support/end_worker.h"
 #include "tests/support/threads.h"
 
 namespace moru_vyr::lsp {
@@ -36,6 +39,62 @@ TEST(OwnThreadNames, RunOutAndComeBack) {
   const common::OwnThread next;
   EXPECT_NE(next.name(), 0u);
   EXPECT_EQ(common::OwnThread::NameOfCaller(), next.name());
+}
+
+// Two threads at a time, and those that follow them while they end.
+TEST(OwnThreadNames, AreEnoughForFourThreads) {
+  test::EndWorker();
+  for (int round = 0; round < 2; ++round) {
+    const std::list<common::OwnThread> many(8);
+    EXPECT_EQ(std::count_if(many.begin(), many.end(), [](const auto& one) { return one.name(); }),
+              4)
+        << round;
+  }
+}
+
+TEST(OwnThreadNames, TheLastThatIsFreeNamesItsThread) {
+  std::list<common::OwnThread> others;
+  while (others.emplace_back().name() != 0) continue;
+  others.pop_back();
+  ASSERT_FALSE(others.empty());
+  others.pop_back();
+  test::RunThread([] {
+    const common::OwnThread own;
+    EXPECT_NE(own.name(), 0u);
+    EXPECT_EQ(common::OwnThread::NameOfCaller(), own.name());
+  });
+}
+
+TEST(MutexOfAThread, IsReleasedAsOftenAsItWasTaken) {
+  common::Mutex mutex;
+  const auto is_free = [&] {
+    bool taken = false;
+    test::RunThread([&] {
+      taken = mutex.try_lock();
+      if (taken) mutex.unlock();
+    });
+    return taken;
+  };
+  ASSERT_TRUE(mutex.try_lock());
+  ASSERT_TRUE(mutex.try_lock());
+  mutex.unlock();
+  EXPECT_FALSE(is_free());
+  mutex.unlock();
+  EXPECT_TRUE(is_free());
+}
+
+// From 1601 to 1970 there are 134774 days.
+TEST(UnixTime, CountsFromTheFirstOfJanuary1970) {
+  const auto ticks = [] {
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    return (common::u64{now.dwHighDateTime} << 32 | now.dwLowDateTime) -
+           common::u64{134774} * 24 * 60 * 60 * 10'000'000;
+  };
+  const common::u64 before = ticks();
+  const common::u64 now = common::UnixTicks();
+  EXPECT_GE(now, before);
+  EXPECT_LE(now, ticks());
 }
 
 // The name is gone before the lock is released.

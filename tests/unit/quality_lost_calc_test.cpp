@@ -364,6 +364,38 @@ TEST(LostCalc, AWindowOfAllSlotsTakesTheOpenOneForItsOldest) {
   EXPECT_EQ(calc.Get(1000, false), (Lost{102, 0, 0}));
 }
 
+// In a grace period two slots are open. The oldest of fifty-nine closed ones has then become the
+// newer of these, which begins above all that the window ends with.
+TEST(LostCalc, AWindowOfAllSlotsButOneIsBackwardsInAGracePeriod) {
+  Calc calc(kSends, 60);
+  calc.AddOneSend(0);
+  for (u32 slot = 0; slot < 60; ++slot) {
+    calc.Send(slot * 10 + 1, slot * 10 + 10);
+    calc.CloseSlot();
+  }
+  EXPECT_EQ(calc.Get(59, false), (Lost{100, 590, 0}));
+  calc.Send(601, 610);
+  calc.OpenGrace();
+  EXPECT_EQ(calc.Get(59, false), (Lost{201, 0, 0}));
+  calc.EndGrace();
+  EXPECT_EQ(calc.Get(59, false), (Lost{100, 590, 0}));
+}
+
+// A window of more slots than there are would go round the ring, and show the last slot alone.
+TEST(LostCalc, AWindowThatWasRefusedEndsWithTheRing) {
+  for (const u16 refused : {u16{61}, u16{65535}}) {
+    Calc calc(kSends, 60);
+    EXPECT_EQ(calc.Init(0, kUnit, refused, kWait, 20, kSends), -1);
+    calc.AddOneSend(0);
+    for (u32 slot = 0; slot < 70; ++slot) {
+      calc.Send(slot * 10 + 1, slot * 10 + 10);
+      calc.CloseSlot();
+    }
+    EXPECT_EQ(calc.last_lost(), 102) << refused;
+    EXPECT_EQ(calc.need_recv_pkg(), 0u) << refused;
+  }
+}
+
 TEST(LostCalc, FirstPacketsInAGracePeriodStartTheSlotThatOpens) {
   for (const bool mode : {kSends, kArrivals}) {
     Calc calc(mode);

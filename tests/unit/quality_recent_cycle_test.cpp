@@ -11,9 +11,9 @@ TEST(RecentCycleArithmetic, TruncatesAveragesAndSwing) {
   struct Case {
     u32 first, second, avg, amp;
   };
-  constexpr Case kCases[] = {{10, 21, 15, 5},     {40, 40, 40, 0},       {1, 2, 1, 0},
-                             {30, 61, 45, 15},    {9999, 9998, 9998, 0}, {1, 9997, 4999, 4998},
-                             {333, 666, 499, 166}};
+  constexpr Case kCases[] = {{10, 21, 15, 5},      {40, 40, 40, 0},       {1, 2, 1, 0},
+                             {30, 61, 45, 15},     {9999, 9998, 9998, 0}, {1, 9997, 4999, 4998},
+                             {333, 666, 499, 166}, {1, 3, 2, 1}};
   AccConfig config;
   config.long_cycle = 2;
   config.log_level = 6;
@@ -73,6 +73,25 @@ TEST(RecentCycleArithmetic, ABurstMayBeAveraged) {
   window.Update(1, false, 0);
   EXPECT_EQ(window.delay_avg(), 40u);
   EXPECT_EQ(window.delay_amp(), 7u) << "the root of half of a hundred";
+  ReplaceAccConfig(AccConfig{});
+}
+
+TEST(RecentCycleArithmetic, AnAverageIsOfTheProbesSinceTheReset) {
+  AccConfig config;
+  config.long_cycle = 1;
+  ReplaceAccConfig(config);
+  const test::LogCapture log(0);
+  RealRouteRecentCycleData window(true);
+  for (int i = 0; i < 3; ++i) window.Update(90, true, 0);
+  window.Reset();
+  window.Update(40, true, 0);
+  window.Update(60, false, 0);
+  test::Pass(500);
+  window.Update(1, false, 0);
+  EXPECT_EQ(window.delay_avg(), 50u);
+  EXPECT_TRUE(log.Contains(", is high freq test=true\n"));
+  EXPECT_TRUE(log.Contains(", is high freq test=false\n"));
+  EXPECT_TRUE(log.Contains("delay=100, is high freq test_=true\n"));
   ReplaceAccConfig(AccConfig{});
 }
 

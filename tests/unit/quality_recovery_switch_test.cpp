@@ -150,6 +150,21 @@ TEST(RecoverySwitch, DoesNothingWhileItDoesNotJudge) {
   EXPECT_EQ(log.Text(), "");
 }
 
+TEST(RecoverySwitch, JudgesNothingBeforeItsStart) {
+  RecoverySwitch judge;
+  EXPECT_FALSE(judge.OnUpdate());
+  EXPECT_EQ(judge.DataLinkGetDefCurLost(true), 0);
+}
+
+// Only the loss of data needs a number of packets.
+TEST(RecoverySwitch, ALossOfAllProbesIsALoss) {
+  LinkJudge link;
+  ASSERT_TRUE(link.Start());
+  link.Probe(5, 0);
+  link.CloseSlot();
+  EXPECT_EQ(link.judge.RealRouteGetDefCurLost(false), 100);
+}
+
 TEST(RecoverySwitch, WithNoReportAllowedNothingIsChecked) {
   LinkJudge link(0);
   link.config.max_link_except_rep_num = 0;
@@ -207,13 +222,19 @@ TEST(RecoverySwitch, LossOfProbesFiresFromItsThresholdOn) {
   };
   for (const auto& [sent, answered, lost, fires] :
        {Case{101, 76, 24, false}, {101, 75, 25, true}, {101, 0, 100, true}, {101, 100, 0, false}}) {
-    LinkJudge link;
+    LinkJudge link(0);
     link.config.max_real_route_lost = 25;
     ASSERT_TRUE(link.Start());
     link.PassReportLimit();
     EXPECT_EQ(link.Probe(sent, answered), lost);  // the first probe is the base
+    const LogCapture log;
     link.JudgesLoss();
     EXPECT_EQ(link.owner.fired.size(), fires ? 1u : 0u) << lost;
+    EXPECT_EQ(log.Contains("[RecoverySwitch::TryFireRealRouteLost]delay_amp=0, delay_avg=0, "
+                           "real_route_lost=" +
+                           std::to_string(lost) + ", socket=1234, token=77"),
+              fires)
+        << lost;
   }
 }
 
@@ -334,6 +355,7 @@ TEST(RecoverySwitch, LeavesTheReportToTheSwitchThatItStarted) {
   EXPECT_EQ(link.owner.fired.size(), 1u);
   EXPECT_TRUE(log.Contains(test::SwitchTooSoon(42) + "socket=1234,token=77"));
   EXPECT_EQ(CountOf(test::kSwitchReported, log.Text()), 1);
+  EXPECT_EQ(link.judge.report().need_switch, 0) << "that was the one before";
 }
 
 TEST(RecoverySwitch, ReportsASwitchThatCouldNotStartAndMayTryAgainAtOnce) {
@@ -429,6 +451,10 @@ TEST(RecoverySwitch, AReportResetsTheFiguresItIsBasedOn) {
   LinkJudge link(0);
   ASSERT_TRUE(link.Start());
   link.PassReportLimit();
+  u32 need = 0, real = 0;
+  for (const u32 number : {1u, 2u, 5u}) link.judge.DataLinkAddOneRecvPkg(number);
+  EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, true), 50);
+  EXPECT_EQ(link.judge.GetDataLinkLongLost(&need, &real, true), 50);
   link.judge.SetUploadLost(50);
   link.Probe(5, 0, 2);
   link.JudgesLoss();
@@ -437,7 +463,7 @@ TEST(RecoverySwitch, AReportResetsTheFiguresItIsBasedOn) {
   EXPECT_TRUE(log.Contains("rs info=0-0-0-0-0-0-0-0-0-0-0-0-0-0-1, link type=0"));
   link.JudgesLoss();
   EXPECT_EQ(link.owner.fired.size(), 1u);
-  u32 need = 0, real = 0;  // the code of no range as it is, and so nothing lost on the way up
+  // The code of no range as it is, and so nothing lost on the way up.
   EXPECT_EQ(link.judge.GetDataLinkShortLost(&need, &real, false), 102);
 }
 

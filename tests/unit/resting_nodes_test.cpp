@@ -147,6 +147,27 @@ TEST_F(NodeChoice, NodesThatFailedArePassedOverUntilNoneIsLeft) {
   EXPECT_EQ(Awake(), 3u);
 }
 
+TEST_F(NodeChoice, AnotherCandidateOfASwitchIsDecidedOnAsTheFirstWas) {
+  const test::Mended mended(kMendFallback);
+  constexpr u32 kLeft = 3, kLastNode = 9;
+  SwitchProxyInfo candidates;
+  candidates.last_node = kLastNode;
+  candidates.proxies[0] = Proxy(kLeft);
+  candidates.proxies[1] = Proxy(2);
+  candidates.proxies[1].decision = 77;
+  decision.selected_proxy.decision = 5;
+  EXPECT_TRUE(SelectAwakeCandidate(candidates, kLeft, kLastNode, &decision));
+  EXPECT_EQ(decision.selected_proxy.proxy_idc, 1u);
+  NoteNodeFailed(SOCK_DGRAM, decision);
+  AccDecisionInfo first = decision;
+  EXPECT_TRUE(SelectAwakeCandidate(candidates, kLeft, kLastNode, &decision));
+  EXPECT_EQ(decision.selected_proxy.proxy_idc, 2u);
+  EXPECT_EQ(decision.selected_proxy.decision, 5u);
+  decision = first;
+  EXPECT_FALSE(SelectAwakeCandidate(candidates, kLeft, kLastNode + 1, &decision));
+  NoteNodeServes(SOCK_DGRAM, first);
+}
+
 // One machine may run several nodes, each on a port of its own.
 TEST_F(NodeChoice, ANodeIsKnownByItsPortToo) {
   const test::Mended mended(kMendFallback);

@@ -9,6 +9,9 @@
 #include <optional>
 #include <string>
 
+#ifndef _WIN32
+#include "port/shared/faults.h"
+#endif
 #include "tests/support/log_capture.h"
 #include "tests/support/log_texts.h"
 #include "tests/support/threads.h"
@@ -153,6 +156,14 @@ TEST_F(SharedMem, PlainRecordHoldsItsMutexFromOpenToClose) {
   EXPECT_TRUE(MutexIsFree());
 }
 
+// Where its mutex cannot exist, the threads of a process have to take care of each other.
+TEST_F(SharedMem, SaysWhetherAMutexGuardsIt) {
+  EXPECT_TRUE(Plain().guarded());
+  const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, (mutex_name_ + "_event").c_str());
+  EXPECT_FALSE(Shared_mem_obj(name_, 16, mutex_name_ + "_event", false).guarded());
+  CloseHandle(event);
+}
+
 TEST_F(SharedMem, FailedOpenHoldsTheMutexUntilClose) {
   Shared_mem_obj object = Plain();
   RawView(name_, 16).Set(8, 37);
@@ -288,6 +299,28 @@ TEST_F(SharedMem, MappingWithoutMemoryIsRefused) {
       << log.Text();
   CloseHandle(hollow);
 }
+
+#ifndef _WIN32
+TEST_F(SharedMem, EachViewIsGivenBack) {
+  port::CountCalls();
+  {
+    Shared_mem_obj object = Double();
+    Write(object, 1);
+    EXPECT_EQ(Read(object), 1u);
+  }
+  const HANDLE hollow = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr,
+                                           PAGE_READWRITE | SEC_RESERVE, 0, 70000, name_.c_str());
+  {
+    Shared_mem_obj object = Plain(70000);
+    EXPECT_EQ(object.Open(kOpenForReading, true), nullptr);
+    object.Close();
+  }
+  CloseHandle(hollow);
+  EXPECT_EQ(port::CallCount("MapViewOfFile"), 4u);
+  EXPECT_EQ(port::CallCount("UnmapViewOfFile"), 4u);
+  port::ClearFaults();
+}
+#endif
 
 TEST_F(SharedMem, NameOfAnotherObjectIsRefused) {
   const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, name_.c_str());

@@ -9,6 +9,9 @@
 
 #include "common/loss.h"
 #include "common/net_text.h"
+#ifndef _WIN32
+#include "port/shared/faults.h"
+#endif
 
 namespace {
 
@@ -88,6 +91,27 @@ TEST(FormatBounded, ReturnsTheLengthOrRefuses) {
   EXPECT_EQ(FormatBounded(buffer, "%s", std::string(128, 'a').c_str()), -1);
   EXPECT_EQ(std::string(buffer).size(), 127u);
 }
+
+TEST(FormatBounded, TouchesNothingBehindItsBuffer) {
+  struct {
+    char buffer[128];
+    char behind[8];
+  } memory;
+  std::memset(&memory, 'x', sizeof memory);
+  EXPECT_EQ(FormatBounded(memory.buffer, "%s", std::string(200, 'a').c_str()), -1);
+  EXPECT_EQ(std::string(memory.behind, sizeof memory.behind), std::string(8, 'x'));
+}
+
+#ifndef _WIN32
+// The platform may fail once it knows how long the result will be.
+TEST(U8To16, AConversionThatFailsHalfwayGivesNothing) {
+  port::FailCall("MultiByteToWideChar", 2, ERROR_NOT_ENOUGH_MEMORY);
+  std::wstring wide = L"old";
+  EXPECT_FALSE(u8to16("text", &wide));
+  port::ClearFaults();
+  EXPECT_TRUE(wide.empty());
+}
+#endif
 
 TEST(EqualsIgnoreCase, FoldsAsciiLettersOnly) {
   EXPECT_TRUE(EqualsIgnoreCase("SpeedTester.exe", "SPEEDTESTER.EXE"));
