@@ -18,7 +18,8 @@ class NodeStart : public NodeWorld {
       options.listen = At(7001);
       options.control = At(7002);
       node::Node node(options, [](const node::Event&) {});
-      EXPECT_EQ(node.Start(&problem), problem.empty());
+      const bool started = node.Start(&problem);
+      EXPECT_EQ(started, problem.empty());
       port::ClearFaults();
     });
     EXPECT_TRUE(RunToTheEnd());
