@@ -8,6 +8,7 @@ namespace {
 thread_local int left = 0;  // allocations that still succeed, and one more; 0: all do
 thread_local std::size_t smallest_counted = 1;
 thread_local std::size_t largest_counted = SIZE_MAX;
+thread_local bool only_once = false;
 thread_local bool felt = false;
 thread_local long alive = 0;
 
@@ -15,6 +16,7 @@ void* Allocate(std::size_t size) noexcept {
   if (left != 0 && size >= smallest_counted && size <= largest_counted) {
     if (left == 1) {
       felt = true;
+      if (only_once) left = 0;
       return nullptr;
     }
     --left;
@@ -48,8 +50,9 @@ void operator delete(void* memory, const std::nothrow_t&) noexcept { Free(memory
 
 namespace test {
 
-OutOfMemory::OutOfMemory(int nth, std::size_t smallest, std::size_t largest) {
+OutOfMemory::OutOfMemory(int nth, std::size_t smallest, std::size_t largest, bool once) {
   felt = false;
+  only_once = once;
   smallest_counted = smallest;
   largest_counted = largest;
   left = nth;

@@ -1,6 +1,6 @@
 // Makes a thread run out of memory. While one of these exists, its thread's allocations of at least
-// `smallest` bytes, and at most `largest`, fail from the n-th on. Other threads and malloc are not
-// affected.
+// `smallest` bytes, and at most `largest`, fail from the n-th on, or the n-th alone. Other threads and
+// malloc are not affected.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +13,8 @@ class OutOfMemory {
   // that must not fail.
   static constexpr std::size_t kOfTheProduct = 128;
 
-  explicit OutOfMemory(int nth = 1, std::size_t smallest = 1, std::size_t largest = SIZE_MAX);
+  explicit OutOfMemory(int nth = 1, std::size_t smallest = 1, std::size_t largest = SIZE_MAX,
+                       bool once = false);
   ~OutOfMemory();
   OutOfMemory(const OutOfMemory&) = delete;
   OutOfMemory& operator=(const OutOfMemory&) = delete;
