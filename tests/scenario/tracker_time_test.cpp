@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "common/named_mutex.h"
 #include "common/own_thread.h"
 #include "port/shared/objects.h"
 #include "port/sim/scenario.h"
@@ -457,6 +458,32 @@ SCENARIO_F(TrackerTime, ALostWorkerLeavesNoHandleOpen) {
     RunFor(1s);
     EXPECT_EQ(port::OpenHandles(), before) << i;
   }
+}
+
+SCENARIO_F(TrackerTime, AWorkerThatEndsInOrderIsNotLost) {
+  static int lost = 0;
+  tracker.Init([]() noexcept { ++lost; });
+  RunFor(300ms);
+  tracker.UnInit();
+  EXPECT_EQ(lost, 0);
+}
+
+// A client that keeps a mutex costs the thread its life, and no more: there are few names for the
+// next ones.
+SCENARIO_F(TrackerTime, AThreadThatIsEndedGivesItsNameBack) {
+  world.SpawnOn(world.home().host, "client", [] {
+    common::NamedMutex mutex(kLogPathChannel.mutex_name);
+    mutex.lock();
+    Sleep(INFINITE);
+  });
+  RunFor(10ms);
+  for (int i = 0; i < 5; ++i) {
+    tracker.Init();
+    RunFor(10ms);
+    EXPECT_GE(TimeOf([&] { tracker.UnInit(); }), 2000u);
+  }
+  const common::OwnThread own;
+  EXPECT_NE(own.name(), 0u);
 }
 
 // The thread is busy when it is told to end; open sockets must still be reported.

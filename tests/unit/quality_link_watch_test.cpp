@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <string>
 
 #include "tests/support/end_worker.h"
 #include "tests/support/link_judge.h"

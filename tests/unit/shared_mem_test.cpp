@@ -301,6 +301,15 @@ TEST_F(SharedMem, MappingWithoutMemoryIsRefused) {
 }
 
 #ifndef _WIN32
+TEST_F(SharedMem, ARegionThatExistsIsOpenedAndNotMade) {
+  Shared_mem_obj first = Plain();
+  Write(first, 17);
+  port::FailCall("CreateFileMappingA", 0, ERROR_NOT_ENOUGH_MEMORY);
+  Shared_mem_obj second = Plain();
+  port::ClearFaults();
+  EXPECT_EQ(Read(second), 17u);
+}
+
 TEST_F(SharedMem, EachViewIsGivenBack) {
   port::CountCalls();
   {
