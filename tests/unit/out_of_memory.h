@@ -1,6 +1,6 @@
 // Makes a thread run out of memory. While one of these exists, its thread's allocations of at least
-// `smallest` bytes, and at most `largest`, fail from the n-th on, or the n-th alone. Other threads and
-// malloc are not affected.
+// `smallest` bytes, and at most `largest`, fail from the n-th on, or the n-th alone. Other threads
+// and malloc are not affected.
 #pragma once
 #include <cstddef>
 #include <cstdint>
