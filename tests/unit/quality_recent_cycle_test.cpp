@@ -76,6 +76,30 @@ TEST(RecentCycleArithmetic, ABurstMayBeAveraged) {
   ReplaceAccConfig(AccConfig{});
 }
 
+// Neither its time nor anything of the probes that it had has a part in what comes.
+TEST(RecentCycleArithmetic, AResetBeginsANewCycle) {
+  AccConfig config;
+  config.long_cycle = 2;
+  config.max_high_freq_test_count = 1;
+  config.watching_time_span = 60;
+  config.log_level = 6;
+  ReplaceAccConfig(config);
+  RealRouteRecentCycleData window;
+  window.Update(900, true, 1);
+  test::Pass(3 * 500);
+  window.Reset();
+  for (int i = 0; i < 3; ++i) window.Update(40, false, 0);
+  EXPECT_EQ(window.delay_avg(), kDelayNotMeasured) << "one cycle, which is not over";
+  for (const u32 delay : {120u, 1u}) {
+    test::Pass(500);
+    window.Update(delay, false, 0);
+  }
+  EXPECT_EQ(window.delay_avg(), 120u);
+  EXPECT_EQ(window.delay_amp(), 0u);
+  EXPECT_FALSE(window.IsWatching()) << "the burst was before";
+  ReplaceAccConfig(AccConfig{});
+}
+
 TEST(RecentCycleArithmetic, AnAverageIsOfTheProbesSinceTheReset) {
   AccConfig config;
   config.long_cycle = 1;
