@@ -34,14 +34,15 @@ def parse_arguments():
     parser.add_argument("--check", action="store_true",
                         help="compares with bench/last.json and lists the rows that got worse beyond the spread")
     parser.add_argument("--keep", action="store_true",
-                        help="writes bench/last.json, docs/performance.md and its pictures")
+                        help="writes bench/last.json, docs/performance.md and its pictures; with --only, the rest "
+                        "stays as it was kept, if that was on the same machine")
     arguments = parser.parse_args()
     if arguments.source and (arguments.only or arguments.quick):
         parser.error("--from measures nothing, so --only and --quick make no sense with it")
     if arguments.million and (arguments.source or arguments.quick):
         parser.error("--million is measured, and takes its time")
-    if arguments.keep and (arguments.only or arguments.quick):
-        parser.error("--keep wants a whole run")
+    if arguments.keep and arguments.quick:
+        parser.error("--keep wants figures that mean something")
     return arguments
 
 
@@ -52,6 +53,15 @@ def read_results(path):
         sys.exit(f"bench/compare.sh: {path}: {error.strerror}")
     except ValueError as error:
         sys.exit(f"bench/compare.sh: {path}: no results of this program: {error}")
+
+
+def merged(kept, results):
+    """What was kept, with what was measured in its place."""
+    if kept["machine"]["processor"] != results["machine"]["processor"]:
+        sys.exit("bench/compare.sh: what was kept is from another machine: --keep wants a whole run")
+    for part in ("calls", "tables", "percentiles"):
+        kept.setdefault(part, {}).update(results.get(part, {}))
+    return {**kept, "machine": results["machine"], "rounds": results["rounds"]}
 
 
 def main():
@@ -65,6 +75,8 @@ def main():
     if arguments.check:
         well = check.compare(read_results(LAST), results) and well
     if arguments.keep:
+        if arguments.only:
+            results = merged(read_results(LAST), results)
         LAST.write_text(json.dumps(results, indent=1) + "\n")
         report.write(TREE, results)
     if not (arguments.check or arguments.keep or arguments.output):
