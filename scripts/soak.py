@@ -77,7 +77,10 @@ class Nodes:
         """Ends the trouble of one node, and begins that of another or of the same."""
         if self.in_trouble is not None:
             if self.alive[self.in_trouble] is None:
-                self.alive[self.in_trouble] = self.start(self.in_trouble)
+                try:
+                    self.alive[self.in_trouble] = self.start(self.in_trouble)
+                except demo_bed.Failed:
+                    return  # a socket of the game has its port for the moment: at the next turn
             else:
                 self.alive[self.in_trouble].command(command="restore")
             self.in_trouble = None

@@ -45,6 +45,14 @@ void LogFile::SetLevel(int level) noexcept { min_level_.store(level, std::memory
 
 int LogFile::GetLevel() const noexcept { return min_level_.load(std::memory_order_relaxed); }
 
+void LogFile::SetDropsPastTotal(bool drops) noexcept {
+  drops_past_total_.store(drops, std::memory_order_relaxed);
+}
+
+bool LogFile::DropsPastTotal() const noexcept {
+  return drops_past_total_.load(std::memory_order_relaxed);
+}
+
 bool LogFile::Write(std::string_view line, int level) noexcept {
   if (!is_open_.load(std::memory_order_acquire)) return false;
   if (level < GetLevel() || line.empty()) return true;
@@ -110,8 +118,13 @@ bool LogFile::OpenHandle(const std::wstring& wide_path) noexcept {
 }
 
 // What could not be written is lost: a full disk must not turn into a full memory.
+// Kept: past the total of a run the text stays in memory all the same, and grows by every line.
 void LogFile::FlushLocked() noexcept {
-  if (buffer_.empty() || written_total_ >= max_written_total_) return;
+  if (buffer_.empty()) return;
+  if (written_total_ >= max_written_total_) {
+    if (DropsPastTotal()) buffer_.clear();
+    return;
+  }
   DWORD written = 0;
   WriteFile(file_.get(), buffer_.data(), static_cast<DWORD>(buffer_.size()), &written, nullptr);
   buffer_.clear();

@@ -32,6 +32,11 @@ class LogFile {
   void SetLevel(int level) noexcept;  // lines below it are dropped
   int GetLevel() const noexcept;
 
+  // Whether lines are dropped once the total of a run has been written. Otherwise they stay in
+  // memory, see FlushLocked.
+  void SetDropsPastTotal(bool drops) noexcept;
+  bool DropsPastTotal() const noexcept;
+
   // False if the line is lost: no open file, a busy lock, no memory.
   bool Write(std::string_view line, int level) noexcept;
   void Flush() noexcept;
@@ -49,6 +54,7 @@ class LogFile {
 
   std::atomic<bool> is_open_{false};
   std::atomic<int> min_level_{kInitialLevel};
+  std::atomic<bool> drops_past_total_{false};
   Mutex lock_;  // guards what follows, and the changes of is_open_
   UniqueHandle file_;
   std::string buffer_;

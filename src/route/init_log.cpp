@@ -13,6 +13,7 @@
 #include "common/process_info.h"
 #include "common/text.h"
 #include "route/acc_config.h"
+#include "route/mending.h"
 
 namespace moru_vyr::lsp {
 namespace {
@@ -82,6 +83,7 @@ void OpenLog() {
   // Guard: a line more than is asked for, since a log that is missing can say nothing itself.
   if (!opened) common::LspTrace("InitLog: no log file, err=%lu", static_cast<unsigned long>(error));
   common::GetLogFile().SetLevel(LogFileLevel(GetAccConfig()->log_level));
+  common::GetLogFile().SetDropsPastTotal(GetMending().DropsLogPastItsTotal());
   LogBasicInfo();
 }
 

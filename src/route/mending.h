@@ -61,6 +61,8 @@ class Mending {
   // Datagrams that wait for room are tried again by the timer, and none waits behind one that
   // cannot be sent.
   bool RetriesDatagrams() const noexcept { return Starts(); }
+  // A log that may not grow any more takes no memory either.
+  bool DropsLogPastItsTotal() const noexcept { return Starts(); }
 
   // Both ends of a relayed stream have the names that they would have without us.
   bool NamesAsWithoutUs() const noexcept { return (mended_ & kMendNames) != 0; }

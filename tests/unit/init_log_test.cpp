@@ -11,6 +11,7 @@
 #include "common/process_info.h"
 #include "common/text.h"
 #include "route/acc_config.h"
+#include "tests/support/mended.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/trace_capture.h"
 
@@ -54,6 +55,16 @@ class InitLogTest : public testing::Test {
   test::TraceCapture trace_;
   AccConfig config_;
 };
+
+TEST_F(InitLogTest, WhereStartIsMendedTheLogDropsWhatItMayNotWrite) {
+  {
+    const test::Mended mended(moru_vyr::lsp::kMendStart);
+    Init();
+    EXPECT_TRUE(GetLogFile().DropsPastTotal());
+  }
+  Init();
+  EXPECT_FALSE(GetLogFile().DropsPastTotal());
+}
 
 TEST_F(InitLogTest, FileIsNamedForProgramProcessAndTime) {
   Init();

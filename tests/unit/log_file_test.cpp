@@ -203,6 +203,20 @@ TEST(LogFile, PastTheLimitTheTextGrowsInMemory) {
   EXPECT_EQ(FileSize(dir / "run.log"), 2000);
 }
 
+TEST(LogFile, PastTheLimitTheTextIsDroppedIfThatIsMended) {
+  const TempDir dir;
+  LogFile log(2000);
+  ASSERT_TRUE(log.Open(dir / "run.log"));
+  log.SetDropsPastTotal(true);
+  log.Write(LineOf(2000), 5);
+  log.Flush();
+  for (int i = 0; i < 10; ++i) ASSERT_TRUE(log.Write(LineOf(600), 5));
+  const std::string line = LineOf(600);
+  const test::OutOfMemory none(1, 4096);
+  for (int i = 0; i < 1000; ++i) ASSERT_TRUE(log.Write(line, 5)) << i;
+  EXPECT_EQ(FileSize(dir / "run.log"), 2000);
+}
+
 TEST(LogFile, LimitIsReachedByItsLastByte) {
   const TempDir dir;
   LogFile log(2000);

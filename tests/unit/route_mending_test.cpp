@@ -106,6 +106,7 @@ const Question kQuestions[] = {
     {"ForgetsFailedConnects", &Mending::ForgetsFailedConnects, kMendStart},
     {"RestsWhileFull", &Mending::RestsWhileFull, kMendStart | kMendThroughput},
     {"RetriesDatagrams", &Mending::RetriesDatagrams, kMendStart},
+    {"DropsLogPastItsTotal", &Mending::DropsLogPastItsTotal, kMendStart},
     {"NamesAsWithoutUs", &Mending::NamesAsWithoutUs, kMendNames},
     {"StartsAnewAfterSwitch", &Mending::StartsAnewAfterSwitch, kMendAfterSwitch},
     {"ConnectsDatagrams", &Mending::ConnectsDatagrams, kMendConnectedDatagram},
@@ -119,6 +120,7 @@ const Question kQuestions[] = {
     {"LeavesStreamBuffers", &Mending::LeavesStreamBuffers, kMendThroughput},
     {"AcceptsSeveral", &Mending::AcceptsSeveral, kMendThroughput},
     {"ReadsAsManyAsExpected", &Mending::ReadsAsManyAsExpected, kMendThroughput},
+    {"ProbesOnTime", &Mending::ProbesOnTime, kMendThroughput},
 };
 
 // A game gets what was asked for and nothing else.
