@@ -29,7 +29,9 @@ def save(pyplot, figure, path):
 
 def draw_percentiles(pyplot, path, percentiles):
     """One panel a pace; to the right, the rarer and slower round trips."""
-    figure, panels = pyplot.subplots(2, 3, figsize=(11, 6), squeeze=False)
+    figure, panels = pyplot.subplots(2, 4, figsize=(14, 6), squeeze=False)
+    for panel in panels.flat[len(percentiles):]:
+        panel.set_visible(False)
     for panel, (pace, ways) in zip(panels.flat, percentiles.items()):
         for way, of in ways.items():
             points = [(1 / (1 - share), us) for share, us in of["us"] if 0.25 <= share and us > 0]
