@@ -123,15 +123,15 @@ class Media:
         return errors
 
     def sends(self, node_address):
-        """Generates a film and sends it in real time; what is sent is also written to a file. A second
-        of silence keeps the program running after the last frame: the relay is in its process, and does
-        not wait for datagrams that are sent just before the process ends."""
+        """Generates a film and sends it in real time; what is sent is also written to a file. Each frame
+        leaves when it is made, and a second of silence keeps the program running after the last one: the
+        relay is in its process, and does not wait for datagrams that are sent just before the process ends."""
         checks, peer = self.checks, FilmPeer()
         film = self.folder / "film.ts"
         self.run("-re", "-f", "lavfi", "-i", f"testsrc=size=320x240:rate=25:duration={FILM_S}",
                  "-re", "-f", "lavfi", "-t", str(FILM_S + 1), "-i", "anullsrc",
                  "-c:v", "mpeg2video", "-b:v", "1M", "-map", "0", "-f", "tee",
-                 f"[f=mpegts]udp\\://{SERVER}\\:{FILM_PORT}?pkt_size=1316|[f=mpegts]film.ts",
+                 f"[f=mpegts:flush_packets=1]udp\\://{SERVER}\\:{FILM_PORT}?pkt_size=1316|[f=mpegts]film.ts",
                  "-map", "1", "-f", "null", "-")
         sent = film.read_bytes() if film.exists() else b""
         wait_until(lambda: len(peer.whole()) >= len(sent))
