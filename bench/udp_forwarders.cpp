@@ -130,7 +130,7 @@ std::vector<std::string> NginxCommand(const std::string& folder, const Forwarded
   // A single process: a program that drops its privileges cannot run in a private network.
   std::ofstream(path) << "load_module " << kStreamModule << ";\n"
                       << "daemon off;\nmaster_process off;\nerror_log stderr crit;\npid " << folder
-                      << "/nginx.pid;\nevents { worker_connections 1024; }\n"
+                      << "/nginx.pid;\nevents { worker_connections 8192; }\n"
                       << "stream {\n  server {\n    listen 127.0.0.1:" << port.from
                       << " udp;\n    proxy_timeout " << kIdleSeconds << "s;\n    proxy_pass "
                       << port.to << ":" << port.to_port << ";\n  }\n}\n";

@@ -9,6 +9,7 @@
 #include <barrier>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -185,54 +186,35 @@ class Flows {
 
   bool opened() const { return opened_; }
 
-  // One after the other, in this thread.
-  void InTurn(DatagramOutcome* outcome) {
-    std::vector<double> times;
-    times.reserve(order_.round_trips * order_.flows);
+  // One datagram at a time, in this thread.
+  void OneByOne(DatagramOutcome* outcome) {
+    std::vector<std::vector<double>> times(1);
+    times[0].reserve(order_.round_trips);
     Warm(*flows_[0]);
     if (order_.settle) Settle();
-    Work work(order_.busy);
     const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
-    const double worked = work.CpuSeconds();
     const Meter meter(options_);
-    for (std::uint64_t i = 0; i < order_.round_trips * order_.flows; ++i) {
-      const double begin =
-          order_.task == DatagramTask::kPaced ? WaitFor(i) : Seconds(CLOCK_MONOTONIC);
-      if (!flows_[i % order_.flows]->RoundTrip()) continue;
-      times.push_back((Seconds(CLOCK_MONOTONIC) - begin) * 1e6);
-    }
+    for (std::uint64_t i = 0; i < order_.round_trips; ++i)
+      RoundTrip(*flows_[0], Seconds(CLOCK_MONOTONIC), &times[0]);
     meter.Tell(Seconds(CLOCK_THREAD_CPUTIME_ID) - own, outcome);
-    // The work is no part of what the datagrams cost.
-    outcome->library_cpu_s = std::max(outcome->library_cpu_s - (work.CpuSeconds() - worked), 0.0);
-    TellTimes(std::move(times), outcome);
+    TellTimes(times, outcome);
   }
 
-  // All at once, each in a thread of its own.
-  void AtOnce(DatagramOutcome* outcome) {
-    std::barrier line(static_cast<std::ptrdiff_t>(order_.flows) + 1);
-    std::atomic<double> game_cpu_s{0};
+  // All at once, as fast as they get through.
+  void Streams(DatagramOutcome* outcome) {
     std::atomic<std::uint64_t> round_trips{0};
-    std::vector<std::thread> threads;
-    for (const auto& flow : flows_) {
-      threads.emplace_back([&, one = flow.get()] {
-        Warm(*one);
-        line.arrive_and_wait();
-        const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
-        line.arrive_and_wait();  // go
-        round_trips += one->Stream(order_.round_trips, order_.window);
-        game_cpu_s += Seconds(CLOCK_THREAD_CPUTIME_ID) - own;
-        line.arrive_and_wait();
-      });
-    }
-    line.arrive_and_wait();  // all are warm
-    if (order_.settle) Settle();
-    const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
-    const Meter meter(options_);
-    line.arrive_and_wait();
-    line.arrive_and_wait();  // all are done
-    meter.Tell(game_cpu_s + Seconds(CLOCK_THREAD_CPUTIME_ID) - own, outcome);
+    InThreads(
+        [&](std::size_t i) { round_trips += flows_[i]->Stream(order_.round_trips, order_.window); },
+        outcome);
     outcome->round_trips = round_trips;
-    for (std::thread& thread : threads) thread.join();
+  }
+
+  // All at once, each at the game's pace, so that a flow that waits delays no other.
+  void AtPace(DatagramOutcome* outcome) {
+    std::vector<std::vector<double>> times(flows_.size());
+    for (auto& of_flow : times) of_flow.reserve(order_.round_trips);
+    InThreads([&](std::size_t i) { KeepPace(i, &times[i]); }, outcome);
+    TellTimes(times, outcome);
   }
 
   std::uint64_t Lost() const {
@@ -248,28 +230,71 @@ class Flows {
     flow.ForgetLosses();
   }
 
+  // Runs each flow in a thread of its own, and measures that.
+  void InThreads(const std::function<void(std::size_t)>& run, DatagramOutcome* outcome) {
+    std::barrier line(static_cast<std::ptrdiff_t>(flows_.size()) + 1);
+    std::atomic<double> game_cpu_s{0};
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < flows_.size(); ++i) {
+      threads.emplace_back([&, i] {
+        Warm(*flows_[i]);
+        line.arrive_and_wait();
+        const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
+        line.arrive_and_wait();  // go
+        run(i);
+        game_cpu_s += Seconds(CLOCK_THREAD_CPUTIME_ID) - own;
+        line.arrive_and_wait();
+      });
+    }
+    line.arrive_and_wait();  // all are warm
+    if (order_.settle) Settle();
+    Work work(order_.busy);
+    const double own = Seconds(CLOCK_THREAD_CPUTIME_ID);
+    const double worked = work.CpuSeconds();
+    const Meter meter(options_);
+    line.arrive_and_wait();
+    line.arrive_and_wait();  // all are done
+    meter.Tell(game_cpu_s + Seconds(CLOCK_THREAD_CPUTIME_ID) - own, outcome);
+    // The work is no part of what the datagrams cost.
+    outcome->library_cpu_s = std::max(outcome->library_cpu_s - (work.CpuSeconds() - worked), 0.0);
+    for (std::thread& thread : threads) thread.join();
+  }
+
+  // The flows' datagrams leave in turn, evenly spread.
+  void KeepPace(std::size_t flow, std::vector<double>* times) const {
+    const double between = 1.0 / order_.hertz;
+    double next = Seconds(CLOCK_MONOTONIC) + between * static_cast<double>(flow) / order_.flows;
+    for (std::uint64_t i = 0; i < order_.round_trips; ++i, next += between)
+      RoundTrip(*flows_[flow], WaitUntil(next), times);
+  }
+
   // Returns when the datagram is to leave. If an earlier round trip took so long that this one
   // leaves late, it is that moment and not now: a player waits for both. A late wake-up of this
   // thread is none of the relay's, so it does not count.
-  double WaitFor(std::uint64_t turn) {
-    const double now = Seconds(CLOCK_MONOTONIC);
-    if (turn == 0) next_ = now;
-    next_ += 1.0 / order_.hertz / order_.flows;
-    if (next_ < now) return next_;
-    const timespec until = {static_cast<time_t>(next_),
-                            static_cast<long>((next_ - std::floor(next_)) * 1e9)};
+  static double WaitUntil(double next) {
+    if (next < Seconds(CLOCK_MONOTONIC)) return next;
+    const timespec until = {static_cast<time_t>(next),
+                            static_cast<long>((next - std::floor(next)) * 1e9)};
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
     return Seconds(CLOCK_MONOTONIC);
   }
 
-  static void TellTimes(std::vector<double> times, DatagramOutcome* outcome) {
-    outcome->round_trips = times.size();
-    for (std::size_t i = 0; i < times.size(); ++i) {
-      outcome->times.Add(static_cast<std::uint64_t>(times[i] * 1e3));
-      if (i > 0)
-        outcome->jitter_us += std::abs(times[i] - times[i - 1]) / static_cast<double>(times.size());
+  static void RoundTrip(Flow& flow, double begin, std::vector<double>* times) {
+    if (flow.RoundTrip()) times->push_back((Seconds(CLOCK_MONOTONIC) - begin) * 1e6);
+  }
+
+  static void TellTimes(const std::vector<std::vector<double>>& times, DatagramOutcome* outcome) {
+    std::vector<double> all;
+    double differences = 0;
+    for (const auto& of_flow : times) {
+      all.insert(all.end(), of_flow.begin(), of_flow.end());
+      for (std::size_t i = 1; i < of_flow.size(); ++i)
+        differences += std::abs(of_flow[i] - of_flow[i - 1]);
     }
-    const Spread spread = SpreadOf(std::move(times));
+    for (const double time : all) outcome->times.Add(static_cast<std::uint64_t>(time * 1e3));
+    outcome->round_trips = all.size();
+    outcome->jitter_us = differences / static_cast<double>(std::max<std::size_t>(all.size(), 1));
+    const Spread spread = SpreadOf(std::move(all));
     outcome->median_us = spread.median;
     outcome->p99_us = spread.p99;
   }
@@ -278,17 +303,22 @@ class Flows {
   const DatagramOrder& order_;
   std::vector<std::unique_ptr<Flow>> flows_;
   bool opened_ = true;
-  double next_ = 0;  // when the next datagram is to leave
 };
 
 DatagramOutcome Carry(const DatagramGameOptions& options, const DatagramOrder& order) {
   DatagramOutcome outcome = {};
   Flows flows(options, order);
   if (!flows.opened()) return outcome;
-  if (order.task == DatagramTask::kStream) {
-    flows.AtOnce(&outcome);
-  } else {
-    flows.InTurn(&outcome);
+  switch (order.task) {
+    case DatagramTask::kReply:
+      flows.OneByOne(&outcome);
+      break;
+    case DatagramTask::kStream:
+      flows.Streams(&outcome);
+      break;
+    case DatagramTask::kPaced:
+      flows.AtPace(&outcome);
+      break;
   }
   outcome.lost = flows.Lost();
   // A relay that nothing went through has not been measured.

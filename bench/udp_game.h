@@ -17,7 +17,7 @@ namespace bench {
 enum class DatagramTask : std::uint32_t {
   kReply,   // one flow, one datagram at a time
   kStream,  // all flows at once, each with `window` datagrams in flight
-  kPaced,   // `hertz` datagrams a second on each flow, in turn, one at a time
+  kPaced,   // all flows at once, each with `hertz` datagrams a second, one at a time
 };
 
 struct DatagramOrder {
@@ -38,7 +38,7 @@ struct DatagramOutcome {
   double seconds;
   double median_us;  // of one round trip
   double p99_us;
-  double jitter_us;           // the mean difference between a round trip and the next
+  double jitter_us;           // the mean difference between a flow's round trip and its next
   std::uint64_t round_trips;  // completed
   std::uint64_t lost;
   double game_cpu_s;          // used by the game's own threads, including the library's hooks

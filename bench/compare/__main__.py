@@ -23,7 +23,7 @@ def parse_arguments():
     parser.add_argument("--datagrams", type=int, default=5000,
                         help="round trips of each figure at a game's pace, in all rounds (default 5000)")
     parser.add_argument("--million", action="store_true",
-                        help="a million round trips of 60 flows besides, about five minutes for each of "
+                        help="a million round trips of 60 flows, two minutes for each of "
                         f"{', '.join(measure.MILLION)}")
     parser.add_argument("--only", action="append", metavar="BENCH", choices=measure.NAMES,
                         help=f"only this one, or these: {', '.join(measure.NAMES)}")

@@ -6,6 +6,7 @@ A goal is a ratio of two ways in one row, above 1 if the first is better, and th
 import dataclasses
 
 COUNTS = (1, 4, 16, 60)
+SERVER = "60 flows, 128/s of 100 B"
 PACES = ("30/s of 40 B", "60/s of 100 B", "128/s of 1200 B")
 
 
@@ -60,6 +61,32 @@ def growth(results, way):
     return many["median"][way] / one["median"][way] if one and many and way in one["median"] else None
 
 
+def added(results, pace, way, share):
+    """What a way adds to the delay: that percentile of all its round trips, less the direct way's. None if unknown."""
+    ways = results.get("percentiles", {}).get(pace, {})
+    if way not in ways or "direct" not in ways:
+        return None
+    return dict(map(tuple, ways[way]["us"]))[share] - dict(map(tuple, ways["direct"]["us"]))[share]
+
+
+def added_lines(results):
+    """The goals for the delay that is added, of all rounds together."""
+    for share in (0.5, 0.99):
+        own, *others = [(added(results, SERVER, way, share), way) for way in ("vyr", "nginx", "socat")]
+        ratios = [(delay / own[0], way) for delay, way in others if delay and own[0] and own[0] > 0]
+        if not ratios:
+            continue
+        ratio, way = min(ratios)
+        short = "" if ratio >= 1 else f"{(1 - ratio) * 100:.0f} %"
+        yield [f"{SERVER}, added delay, p{share * 100:.0f} of {count(results):,}", f"vyr/{way}", "1.00",
+               f"**{ratio:.2f}**", short]  # fmt: skip
+
+
+def count(results):
+    """Of how many round trips."""
+    return results["percentiles"][SERVER]["vyr"]["count"]
+
+
 def lines(results):
     """Rows of a table: what, against whom, wanted, measured, and by how much it falls short."""
     for goal in goals():
@@ -69,6 +96,7 @@ def lines(results):
         ratio, pair, (low, high) = found
         short = "" if ratio >= goal.least else f"{(1 - ratio / goal.least) * 100:.0f} %"
         yield [goal.measure, pair, f"{goal.least:.2f}", f"**{ratio:.2f}** ({low:.2f}–{high:.2f})", short]
+    yield from added_lines(results)
     for way in ("vyr", "nginx", "select", "direct"):  # the others for comparison
         times = growth(results, way)
         if times is not None:

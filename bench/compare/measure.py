@@ -64,7 +64,7 @@ def command_of(tree, name, arguments):
 
 def million(tree, arguments):
     ways = [word for way in MILLION for word in ("--way", way)]
-    return [tree / "build/posix/bench/pace_bench", "--json", "--rounds", arguments.rounds, "--only", "60 flows, 60/s",
+    return [tree / "build/posix/bench/pace_bench", "--json", "--rounds", arguments.rounds, "--only", "60 flows",
             "--datagrams", 1000000, *ways]  # fmt: skip
 
 

@@ -87,9 +87,8 @@ def added(results):
         for way, of in ways.items():
             if way == "direct":
                 continue
-            delays = [f"{at(of, share) - at(ways['direct'], share):.0f}" if "direct" in ways else ""
-                      for share, _ in shares]  # fmt: skip
-            lines.append(cells([pace, way, f"{of['count']:,}", *delays]))
+            delays = [goals.added(results, pace, way, share) for share, _ in shares]
+            lines.append(cells([pace, way, f"{of['count']:,}", *["" if us is None else f"{us:.0f}" for us in delays]]))
     return "\n".join(lines)
 
 
@@ -97,10 +96,6 @@ def wanted(results):
     """The goals, and how far each is reached."""
     lines = [cells(["", "ways", "wanted", "measured", "short by"]), cells(["---", "---", "--:", "--:", "--:"])]
     return "\n".join([*lines, *(cells(line) for line in goals.lines(results))])
-
-
-def at(of, share_wanted):
-    return next(us for share, us in of["us"] if share == share_wanted)
 
 
 def figure(value):

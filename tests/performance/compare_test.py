@@ -133,6 +133,14 @@ class Page(unittest.TestCase):
         self.assertEqual(list(goals.lines(results)),
                          [["download, 4 conn.", "vyr+mend/socat", "1.00", "**0.80** (0.70–0.90)", "20 %"]])  # fmt: skip
 
+    def test_the_delay_of_a_million_round_trips_is_compared_less_the_direct_way(self):
+        ways = {way: {"count": 1000, "us": [[0.5, p50], [0.99, p99]]}
+                for way, p50, p99 in (("direct", 10, 20), ("vyr", 30, 60), ("nginx", 40, 50), ("socat", 50, 90))}  # fmt: skip
+        lines = list(goals.lines({"tables": {}, "percentiles": {"60 flows, 128/s of 100 B": ways}}))
+        self.assertEqual([line[1:] for line in lines],
+                         [["vyr/nginx", "1.00", "**1.50**", ""], ["vyr/nginx", "1.00", "**0.75**", "25 %"]])  # fmt: skip
+        self.assertIn("p99 of 1,000", lines[1][0])
+
     def test_growth_is_of_the_same_way(self):
         rows = [{"measure": f"{flows}, game and relay", "unit": "us", "median": {"vyr": us}, "ratio": {}}
                 for flows, us in (("1 flow", 10.0), ("60 flows", 15.0))]  # fmt: skip
