@@ -40,6 +40,13 @@ if(VYR_SANITIZE)
   endif()
 endif()
 
+# What reads command lines, files and JSON is, like a test program, made of large templates, and never what takes time: only what
+# is shipped is optimised, and that a little.
+set(VYR_OPTIMISE_LITTLE $<$<NOT:$<CONFIG:Debug>>:-O0>)
+if(VYR_RELEASE)
+  set(VYR_OPTIMISE_LITTLE $<$<NOT:$<CONFIG:Debug>>:-O1>)
+endif()
+
 # The simulated worlds of the tests run for days of their own time. What they are made of is optimised a
 # little even in a build for debugging.
 set(VYR_OPTIMISE_WORLD "")
