@@ -182,6 +182,38 @@ SCENARIO_F(MendedWaits, ATableThatStaysHeldCostsNothing) {
   EXPECT_EQ(port::CallCount("OpenMutexA"), before + 1);
 }
 
+SCENARIO_F(MendedWaits, ATableThatIsHeldIsLookedForFourTimesASecond) {
+  Holds(kIpTableMutexName);
+  EXPECT_EQ(Starts(), 500ms);
+  EXPECT_FALSE(Relays(kServer));
+  port::CountCalls();
+  RunFor(249ms);
+  EXPECT_FALSE(Relays(kServer));
+  EXPECT_EQ(port::CallCount("OpenMutexA"), 0u);
+  RunFor(1ms);
+  EXPECT_FALSE(Relays(kServer));
+  EXPECT_EQ(port::CallCount("OpenMutexA"), 1u);
+}
+
+// The tables are read by anyone while they are filled, so one thread fills them.
+SCENARIO_F(MendedWaits, WhileAThreadReadsWhatWasHeldTheOthersDoNotLook) {
+  ips->records[0] = {11, test::Ip(kServer)};
+  Holds(kIpTableMutexName, 1000);
+  EXPECT_EQ(Starts(), 500ms);
+  RunFor(1s);
+  DWORD reader = 0;
+  bool relays = false;
+  world.AtCall("home/reader", 3, [&] { world.Stall(reader, 1s); });
+  reader = world.Spawn(world.home(), "reader", [&] { relays = Relays(kServer); });
+  RunFor(500ms);
+  port::CountCalls();
+  EXPECT_FALSE(Relays(kServer)) << "it is not read yet";
+  EXPECT_EQ(port::CallCount("OpenMutexA"), 0u);
+  RunFor(1s);
+  EXPECT_TRUE(relays);
+  EXPECT_TRUE(Relays(kServer));
+}
+
 // The file's table serves until the region can be read.
 SCENARIO_F(MendedWaits, ARegionThatWasHeldReplacesTheFile) {
   auto image = std::make_unique<RouteTableImage>();

@@ -86,6 +86,47 @@ SCENARIO_F(RouteFileFaults, ThatCannotBeReadGivesNoTable) {
   EXPECT_TRUE(table.LoadRoute());
 }
 
+// A thread that has to wait for the file meets what another has found meanwhile.
+class LateRouteFile : public sim::ScenarioTest {
+ protected:
+  LateRouteFile() {
+    AccConfig config;
+    common::SetFieldText(config.route_binary_file_path, dir / "table.bin");
+    ReplaceAccConfig(config);
+    test::MakeSparseFile(dir / "table.bin", sizeof(RouteTableImage));
+    port::FailCall("CreateFileW", 1, ERROR_SHARING_VIOLATION);
+    world.Spawn(world.home(), "late", [this] {
+      found = table.LoadRoute();
+      done = true;
+    });
+    RunFor(1ms);
+    EXPECT_FALSE(done);
+  }
+
+  test::TempDir dir;
+  RouteTable table;
+  bool found = false, done = false;
+};
+
+SCENARIO_F(LateRouteFile, ThatAnotherThreadHasReadIsInUse) {
+  EXPECT_TRUE(table.LoadRoute());
+  RunFor(10ms);
+  EXPECT_TRUE(done);
+  EXPECT_TRUE(found);
+}
+
+SCENARIO_F(LateRouteFile, DoesNotReplaceTheRegionThatAnotherThreadHasFound) {
+  test::RouteClient client;
+  RouteTableImage image;
+  test::AddRoute(image.route_sets[0], 1301, test::Ref(0));
+  client.Publish(image);
+  EXPECT_TRUE(table.LoadRoute());
+  RunFor(10ms);
+  EXPECT_TRUE(done);
+  EXPECT_FALSE(found) << "kept: as for a region that was found before";
+  EXPECT_TRUE(table.FindRouteEntry(1301, nullptr).has_value());
+}
+
 // --- waiting for the tables --------------------------------------------------------------------
 
 SCENARIO(RouteWaits, FiftyTriesAndFiftyPauses) {

@@ -434,4 +434,11 @@ TEST(UnsetSettings, AreFilledAndNoOthers) {
   EXPECT_EQ(u32{record.max_link_except_rep_num}, 0u);
 }
 
+TEST(UnsetSettings, ALongDelayHasALimitToo) {
+  AccConfigRecord record;
+  moru_vyr::lsp::FillUnsetSettings(&record);
+  EXPECT_EQ(u32{record.max_delay_avg}, 200u);
+  EXPECT_EQ(u32{record.switching_high_freq_test_interval}, 10u);
+}
+
 }  // namespace

@@ -9,6 +9,10 @@
 #include "tests/support/temp_dir.h"
 #include "tests/unit/out_of_memory.h"
 
+#ifndef _WIN32
+#include "port/shared/faults.h"
+#endif
+
 namespace {
 
 using common::LogFile;
@@ -133,6 +137,22 @@ TEST(LogFile, LineLongerThanTheThresholdWaitsForTheNext) {
   log.Write(LineOf(10), 5);
   EXPECT_EQ(FileSize(dir / "run.log"), 5000);
 }
+
+#ifndef _WIN32
+TEST(LogFile, TheDiskIsNotAskedToWriteNothing) {
+  const TempDir dir;
+  LogFile log;
+  ASSERT_TRUE(log.Open(dir / "run.log"));
+  port::CountCalls();
+  log.Flush();
+  log.Write(LineOf(5000), 5);
+  EXPECT_EQ(port::CallCount("WriteFile"), 0u);
+  log.Flush();
+  log.Flush();
+  EXPECT_EQ(port::CallCount("WriteFile"), 1u);
+  port::ClearFaults();
+}
+#endif
 
 TEST(LogFile, DestructorWritesTheLastLines) {
   const TempDir dir;

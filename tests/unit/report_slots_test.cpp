@@ -215,6 +215,11 @@ TEST_P(ReportSlots, LoseTheReportWhereAllAreTakenAndChangeNothing) {
     EXPECT_TRUE(log.Contains(report().full)) << log.Text();
   }
   EXPECT_EQ(region.Bytes(), before);
+  {
+    const test::LogCapture log(0);
+    report().make(1000);
+    EXPECT_FALSE(log.Contains("success")) << log.Text();
+  }
   const test::LogCapture log(5);
   report().make(1000);
   EXPECT_EQ(log.Text(), "");

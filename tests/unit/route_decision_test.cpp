@@ -222,6 +222,16 @@ TEST_F(DecisionTest, NullRecordIsRefused) {
   Say("[4][lsp][Route][MakeDecision] invalid decision info pointer");
 }
 
+// Only a destination that is known without its port has a route whatever the port.
+TEST_F(DecisionTest, AnUnknownAddressIsKnownByItsOwnPortAndByNoOther) {
+  LoadPorts({{443, 1001}});
+  PublishAll();
+  EXPECT_TRUE(Decide("203.0.113.9", 443));
+  EXPECT_FALSE(Decide("203.0.113.9", 80));
+  EXPECT_EQ(info.acc_reason, kReasonNotInIpTable);
+  EXPECT_EQ(info.game_idc, 0u);
+}
+
 TEST_F(DecisionTest, BlacklistIsNotChecked) {
   PublishAll();
   LoadBlacklist({{0, Ip(kServer), 0, 1, {}}});
@@ -453,6 +463,15 @@ TEST_F(LaunchTestTest, FirstRecordIsCopiedCompletelyEachTime) {
       log.Contains("[4][lsp][Route][LoadGltRouteInfoFromShare] No matching game idc from "
                    "glt table, game_idc=1002, valid_count=2\n"));
   EXPECT_EQ(glt.proxy.proxy_idc, 9u) << "a miss writes nothing";
+}
+
+TEST_F(LaunchTestTest, RecordsPastTheCountDoNotCount) {
+  ClientRegion<LaunchTestRegion> region(kLaunchTestRegionName);
+  AddGlt(region.region(), 1001, 2, "198.51.100.2");
+  AddGlt(region.region(), 1002, 3, "198.51.100.3");
+  region->valid_count = 1;
+  EXPECT_TRUE(Load(1001));
+  EXPECT_FALSE(Load(1002));
 }
 
 TEST_F(LaunchTestTest, CountPastTheTableReadsTheTable) {

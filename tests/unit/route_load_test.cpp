@@ -191,6 +191,16 @@ TEST_F(SpurBeat, ChangeIsPickedUpAtTheNextBeatHoweverOftenItIsSignalled) {
   EXPECT_EQ(CountOf(test::kSpurListChanged), 4);
 }
 
+// The first beat finds what was signalled before, if the event is there already.
+TEST_F(SpurBeat, FirstBeatComesAfterThirtySeconds) {
+  const common::UniqueHandle event(CreateEventA(nullptr, FALSE, TRUE, EventName().c_str()));
+  ASSERT_TRUE(SetEvent(event.get()));
+  route.OnUpdate(29'999);
+  EXPECT_FALSE(Loaded());
+  route.OnUpdate(1);
+  EXPECT_TRUE(Loaded());
+}
+
 TEST_F(SpurBeat, EventIsMadeAtTheFirstBeatAndResetsItself) {
   route.OnUpdate(30'000);
   ASSERT_TRUE(EventExists());

@@ -339,6 +339,8 @@ TEST_F(Switch, CandidatesAreCachedFromTheFirstGroupOfTheLastNode) {
   const RouteProxyInfo zero;
   EXPECT_EQ(std::memcmp(&cache.proxies[1], &zero, sizeof zero), 0) << "the missing one";
   Say("[0][lsp][Route][CacheSwitchProxy] cache route for intelligent mode.");
+  Say("[0][lsp][Route][switch_proxy_info] game_idc(" + std::to_string(kIdc) + "), last_node_idc(" +
+      std::to_string(kLastNode) + "): \n");
 }
 
 TEST_F(Switch, ASecondCandidateIsCachedWithoutAFirst) {

@@ -199,6 +199,25 @@ TEST_F(RouteTableTest, RegionIsPreferredToTheFileAndTheAnswerIsTrueOnce) {
   EXPECT_FALSE(table().FindRouteEntry(1301, nullptr).has_value());
 }
 
+// A region that was held at the start may have been found by a lookup before its turn comes.
+TEST_F(RouteTableTest, RegionThatIsInUseIsNotOpenedAgain) {
+  RouteClient region;
+  AddRoute(image.route_sets[0], 1301, Ref(0));
+  region.Publish(image);
+  EXPECT_TRUE(table().LoadRoute());
+  const std::string before = log.Text();
+  table().LoadHeldRegion();
+  EXPECT_EQ(log.Text(), before);
+  EXPECT_TRUE(table().FindRouteEntry(1301, nullptr).has_value());
+}
+
+TEST_F(RouteTableTest, TheFirstTableThatIsGivenStays) {
+  AddRoute(image.route_sets[0], 1301, Ref(0));
+  table().LoadRouteFromMem(image);
+  table().LoadRouteFromMem(RouteTableImage{});
+  EXPECT_TRUE(table().FindRouteEntry(1301, nullptr).has_value());
+}
+
 TEST_F(RouteTableTest, LateRegionIsFoundByALookupButNotByAQuestion) {
   EXPECT_FALSE(table().LoadRoute());
   RouteClient region;

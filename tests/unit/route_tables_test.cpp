@@ -93,6 +93,7 @@ TEST_F(RouteTables, IpCountPastTheTableReadsTheTable) {
 }
 
 TEST_F(RouteTables, IpTableRegionIsReadOnceAndLetGo) {
+  EXPECT_FALSE(route.ip_table().was_held()) << "nobody has looked yet";
   EXPECT_FALSE(route.ip_table().LoadIpTable()) << "there is no region";
   EXPECT_EQ(log.Text(), "") << "a missing region is no event";
   ClientRegion<IpTableRegion> region(kIpTableRegionName);
@@ -300,10 +301,14 @@ TEST_F(RouteTables, BlacklistSearchContinuesAfterARecordThatDoesNotMatch) {
 }
 
 TEST_F(RouteTables, BlacklistCountPastTheTableReadsTheTable) {
-  auto region = std::make_unique<BlacklistRegion>();
-  region->blacklist_count = 0xFFFFFFFF;
-  for (auto& record : region->records) record = {1, 0, 0, 1, {}};
-  route.blacklist().LoadBlacklistTableFromMem(*region);
+  struct Table {
+    BlacklistRegion region;
+    BlacklistRecord behind = {1, 0, 0, 1, {}};
+  };
+  const auto table = std::make_unique<Table>();
+  table->region.blacklist_count = 0xFFFFFFFF;
+  for (auto& record : table->region.records) record = {1, 0, 0, 1, {}};
+  route.blacklist().LoadBlacklistTableFromMem(table->region);
   EXPECT_EQ(route.blacklist().size(), kMaxBlacklistRecords);
 }
 
