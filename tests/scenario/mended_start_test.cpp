@@ -359,6 +359,29 @@ SCENARIO_F(MendedStart, ACleanupReportsTheEndOfWhatIsOpen) {
   EXPECT_EQ(UsedSlots(client.negotiations), 2);
 }
 
+// Winsock makes no more sockets by then, so a connection whose time is up would lose its node for
+// another way that it cannot take.
+SCENARIO_F(MendedStart, ANodeMayAnswerLateWhileACleanupWaits) {
+  serve = [this](SOCKET t, Call* call) {
+    if (call == &calls.front()) Sleep(6500);  // what it is owed keeps the cleanup waiting
+    call->end = CollectAll(t, &call->got);
+  };
+  WSADATA data = {};
+  ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+  const SOCKET first = Joins();
+  RunFor(100ms);
+  a.AnswersAfter(5500);
+  RunFor(100ms);
+  SendText(Joins(), "late");
+  RunFor(4s);
+  SendAll(first, Pattern(1'000'000));
+  EXPECT_EQ(WSACleanup(), 0);
+  RunFor(1s);
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(LastCall().from, "A");
+  EXPECT_EQ(LastCall().got, "late");
+}
+
 // A hundred connections are two hundred sockets of the relay's.
 SCENARIO_F(MendedStart, WhatThereIsNoPlaceForGoesDirect) {
   std::vector<SOCKET> sockets;

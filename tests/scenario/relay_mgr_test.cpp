@@ -124,6 +124,19 @@ SCENARIO(RelayMgr, AnIdlePassTakesTwentyMilliseconds) {
   EXPECT_NEAR(port::CallCount("select"), 50, 1);
 }
 
+// A burst of probes asks each time. Until then the worker waits as usual, and afterwards its passes
+// are as long as before.
+SCENARIO(RelayMgr, AnUpdateThatIsAskedForShortensOnePass) {
+  RelayMgr& relay = GetRelayMgr();
+  ASSERT_TRUE(relay.CheckAndInit(3000));
+  RunFor(1s);
+  relay.UpdateWithin(25);
+  port::ClearFaults();
+  port::CountCalls();
+  RunFor(1s);
+  EXPECT_NEAR(port::CallCount("select"), 51, 1);
+}
+
 // Eight places are kept for sockets on their way that were promised room.
 SCENARIO(RelayMgr, HasRoomForWhatItCanPollAlthoughOthersAreOnTheirWay) {
   const test::Mended mended(kMendStart);
