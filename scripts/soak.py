@@ -13,6 +13,7 @@ import threading
 import time
 
 import demo_bed
+import soak_flows
 import soak_judge
 
 SERVER = ("198.51.100.10", 7000)       # of the game with the library
@@ -112,13 +113,16 @@ class Game:
     def __init__(self, program, folder, mended):
         self.process = subprocess.Popen([program, folder, mended], stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, text=True)
-        self.said = {}
+        self.said, self.flows = {}, soak_flows.Flows()
         self.used, self.used_at = None, 0.0
         threading.Thread(target=self._listen, daemon=True).start()
 
     def _listen(self):
         for line in self.process.stdout:
-            self.said = json.loads(line)
+            said = json.loads(line)
+            self.flows.take(said.pop("traffic"))
+            self.said = {**said, "unended": len(self.flows.open),
+                         "after end": len(self.flows.after_end)}
 
     def sample(self, at):
         """None if the game has not said anything yet."""
@@ -195,7 +199,7 @@ def play(options, folder):
         echo.wait()
     happened = {"node deaths": nodes.deaths, "node troubles": nodes.troubles,
                 "flows with data": nodes.carried, "sample games": neighbours.games, **game.said}
-    return samples, happened
+    return samples, happened, game.flows
 
 
 def wrong_with(happened):
@@ -232,7 +236,7 @@ def main():
     options = arguments()
     folder = pathlib.Path(os.environ["VYR_BED_DIR"]) / "game"
     folder.mkdir()
-    samples, happened = play(options, folder)
+    samples, happened, flows = play(options, folder)
     verdicts = soak_judge.judge(samples)
     words = ", ".join(f"{name} {number}" for name, number in happened.items())
     print(f"{len(samples)} samples in {options.minutes:g} minutes; {words}")
@@ -241,7 +245,7 @@ def main():
     if options.json:
         options.json.write_text(json.dumps({
             "minutes": options.minutes, "mended": options.mended, "seed": options.seed,
-            "happened": happened, "samples": samples,
+            "happened": happened, "samples": samples, "flows": flows.left(),
             "verdicts": {one.limit.name: {"first": one.first, "last": one.last,
                                           "growth": one.growth, "allowed": one.allowed,
                                           "grows": one.grows} for one in verdicts}}, indent=1) + "\n")

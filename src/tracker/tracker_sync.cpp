@@ -181,6 +181,8 @@ void Tracker::DrainQosLists() noexcept {
   for (const RealNegoRecord& record : reports.real_nego_list) ReportRealNego(record);
 }
 
+// Kept: a socket that has ended since its snapshot is shown as open after its last report. Ends are
+// written first, and the snapshot as it was taken.
 void Tracker::SyncCommInfo() noexcept {
   std::map<std::string, SocketQosRecord> live;
   {

@@ -274,6 +274,54 @@ SCENARIO_F(TrackerTime, OnlyAcceleratedSocketsAreShown) {
   tracker.UnInit();
 }
 
+// Kept: last reports are written before a snapshot, even before one that is older than they are. So
+// a client that believes the latest report takes the socket for open for good.
+SCENARIO_F(TrackerTime, ASocketThatEndsRightAfterASnapshotIsShownOnceMoreAfterItsEnd) {
+  tracker.Init();
+  RunFor(1s);
+  AddAccelerated(kSocket, "guid");  // with a snapshot
+  tracker.RecordSend(kSocket, 10, 0);
+  tracker.RemoveFromWatchList(kSocket);
+  RunFor(300ms);
+  ASSERT_EQ(UsedSlots(client.traffic), 2);
+  const CommInfoRecord &last = client.traffic->slots[0], &late = client.traffic->slots[1];
+  EXPECT_EQ(last.ended, 1);
+  EXPECT_EQ(late.ended, 0);
+  EXPECT_STREQ(late.guid_str, last.guid_str);
+  EXPECT_EQ(late.create_tick, last.create_tick);
+  EXPECT_EQ(last.total_sent_bytes, 10u);
+  EXPECT_EQ(late.total_sent_bytes, 0u);  // as it was at the snapshot
+  RunFor(10s);
+  EXPECT_EQ(UsedSlots(client.traffic), 2);
+  tracker.UnInit();
+}
+
+// The same where a client that holds the mutex delays both.
+SCENARIO_F(TrackerTime, ASnapshotThatWaitsForAClientIsWrittenAfterTheEndsThatCameMeanwhile) {
+  tracker.Init();
+  RunFor(1s);
+  AddAccelerated(1, "a");
+  RunFor(300ms);
+  FreeSlots(client.traffic);
+  world.SpawnOn(world.home().host, "client", [] {
+    common::NamedMutex mutex(kCommunicationChannel.mutex_name);
+    mutex.lock();
+    Sleep(300);
+    mutex.unlock();
+  });
+  RunFor(1ms);
+  tracker.SnapshotCommInfo(true);  // the thread takes this one, and waits with it
+  RunFor(250ms);
+  tracker.SnapshotCommInfo(true);
+  tracker.RemoveFromWatchList(1);
+  RunFor(1s);
+  ASSERT_EQ(UsedSlots(client.traffic), 3);
+  EXPECT_EQ(client.traffic->slots[0].ended, 0);
+  EXPECT_EQ(client.traffic->slots[1].ended, 1);
+  EXPECT_EQ(client.traffic->slots[2].ended, 0);
+  tracker.UnInit();
+}
+
 SCENARIO_F(TrackerTime, LiveReportsComeInTheOrderOfTheirGuids) {
   tracker.Init();
   AddAccelerated(1, "c");

@@ -14,9 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <map>
 #include <memory>
-#include <set>
+#include <mutex>
 #include <string>
 
 #include "abi/mending_formats.h"
@@ -43,7 +42,7 @@ struct Figures {
   std::atomic<unsigned long> sent{0}, answered{0};             // datagrams
   std::atomic<unsigned long> streams{0}, failed{0}, again{0};  // short ones; long ones begun again
   std::atomic<unsigned long> wrong{0};                         // bytes that nobody sent
-  std::atomic<unsigned long> tables{0}, killed{0}, reports{0}, unended{0};
+  std::atomic<unsigned long> tables{0}, killed{0}, reports{0};
 };
 Figures figures;
 
@@ -182,26 +181,34 @@ void Drain(Region* region, const ReportChannel& channel, const Note& note) {
   }
 }
 
-// Flows that have reported traffic and not yet their end.
-std::set<std::string> open_flows;
+// The reports of traffic that were taken and not yet said, as JSON: one array for each, which
+// soak_flows.py reads. A socket is told by its flow and by when it was made, since a second attempt
+// for a connection has the same GUID.
+std::mutex said_lock;
+std::string traffic;  // guarded by said_lock
+
+void NoteTraffic(const CommInfoRecord& one) {
+  char text[192];
+  std::snprintf(text, sizeof text, "%s[\"%.64s %u\", %u, %lu, %u, %u, %u, %u]",
+                traffic.empty() ? "" : ", ", one.guid_str, one.create_tick, one.ended,
+                static_cast<unsigned long>(GetTickCount()), one.life, one.socket_type,
+                one.proxy_idc, one.total_sent_packets);
+  traffic += text;
+}
 
 DWORD WINAPI TakeReports(LPVOID) {
   const auto nothing = [](const auto&) {};
   for (;; Sleep(100)) {
     Drain(channels->decisions, kDecisionChannel, nothing);
     Drain(channels->traffic, kCommunicationChannel, [](const CommInfoRecord& one) {
-      if (one.ended != 0) {
-        open_flows.erase(one.guid_str);
-      } else {
-        open_flows.insert(one.guid_str);
-      }
+      const std::lock_guard hold(said_lock);
+      NoteTraffic(one);
     });
     Drain(channels->log_paths, kLogPathChannel, nothing);
     Drain(channels->loaded, kLoadedChannel, nothing);
     Drain(channels->failures, kNegotiationResultChannel, nothing);
     Drain(channels->negotiations, kRealNegotiationChannel, nothing);
     Drain(channels->switches, kRecoverySwitchChannel, nothing);
-    figures.unended = open_flows.size();
   }
 }
 
@@ -284,14 +291,19 @@ DWORD WINAPI KillClients(LPVOID) {
 
 DWORD WINAPI Say(LPVOID) {
   for (;; Sleep(1000)) {
+    std::string taken;
+    {
+      const std::lock_guard hold(said_lock);
+      taken.swap(traffic);
+    }
     std::printf(
-        "{\"handles\": %zu, \"views\": %zu, \"blocks\": %zu, \"unended\": %lu, \"sent\": %lu, "
+        "{\"handles\": %zu, \"views\": %zu, \"blocks\": %zu, \"sent\": %lu, "
         "\"answered\": %lu, \"streams\": %lu, \"failed\": %lu, \"again\": %lu, \"wrong\": %lu, "
-        "\"tables\": %lu, \"killed\": %lu, \"reports\": %lu}\n",
-        port::OpenHandles(), port::OpenViews(), port::OpenAllocations(), figures.unended.load(),
-        figures.sent.load(), figures.answered.load(), figures.streams.load(), figures.failed.load(),
+        "\"tables\": %lu, \"killed\": %lu, \"reports\": %lu, \"traffic\": [%s]}\n",
+        port::OpenHandles(), port::OpenViews(), port::OpenAllocations(), figures.sent.load(),
+        figures.answered.load(), figures.streams.load(), figures.failed.load(),
         figures.again.load(), figures.wrong.load(), figures.tables.load(), figures.killed.load(),
-        figures.reports.load());
+        figures.reports.load(), taken.c_str());
     std::fflush(stdout);
   }
 }

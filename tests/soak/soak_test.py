@@ -1,4 +1,5 @@
-"""The judge of long runs on made-up samples: what grows is noticed, what only moves is not."""
+"""The judge of long runs on made-up samples: what grows is noticed, what only moves is not. And the
+flows of a run on made-up reports: an end that never came is told from a report that came after it."""
 import math
 import pathlib
 import random
@@ -7,6 +8,7 @@ import unittest
 import xml.etree.ElementTree
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
+import soak_flows  # noqa: E402
 import soak_judge  # noqa: E402
 
 FLAT = {"descriptors": 40, "threads": 14, "handles": 60, "views": 12, "blocks": 3, "memory": 20_000,
@@ -66,6 +68,47 @@ class Judge(unittest.TestCase):
         for samples in ([], run(5), [{"at": float(at)} for at in range(100)]):
             with self.assertRaises(ValueError):
                 soak_judge.judge(samples)
+
+
+class Flows(unittest.TestCase):
+    def flows(self, *reports):
+        """After these reports: (socket, whether it is the last one, tick)."""
+        flows = soak_flows.Flows()
+        for report in reports:
+            flows.take([report])
+        return flows
+
+    def test_a_socket_without_a_last_report_is_open(self):
+        flows = self.flows(("a", 0, 1), ("b", 0, 2), ("a", 0, 3), ("b", 1, 4))
+        self.assertEqual(flows.open, {"a": [[1], [3]]})
+        self.assertEqual(flows.after_end, [])
+
+    def test_one_that_is_reported_after_its_end_is_not_open_again(self):
+        flows = self.flows(("a", 0, 1), ("a", 1, 2), ("a", 0, 3))
+        self.assertEqual(flows.open, {})
+        self.assertEqual(flows.after_end, [("a", [2], [3])])
+
+    def test_an_end_without_anything_before_it_is_one(self):
+        flows = self.flows(("a", 1, 1), ("a", 0, 2))
+        self.assertEqual(flows.open, {})
+        self.assertEqual(len(flows.after_end), 1)
+
+    def test_what_never_ends_grows_and_what_comes_late_does_not(self):
+        flows = soak_flows.Flows()
+        samples = run(unended=lambda at: 0)
+        for at, sample in enumerate(samples):
+            flows.take([(f"late {at}", 1, at), (f"late {at}", 0, at)])
+            sample["unended"] = len(flows.open)
+        self.assertEqual(growing(samples), set())
+        for at, sample in enumerate(samples):
+            flows.take([(f"lost {at}", 0, at)])
+            sample["unended"] = len(flows.open)
+        self.assertEqual(growing(samples), {"unended"})
+
+    def test_the_latest_reports_of_an_open_socket_are_kept(self):
+        most = soak_flows.MOST_KEPT
+        flows = self.flows(*(("a", 0, tick) for tick in range(3 * most)))
+        self.assertEqual(flows.left()["open"], {"a": [[tick] for tick in range(2 * most, 3 * most)]})
 
 
 class Picture(unittest.TestCase):

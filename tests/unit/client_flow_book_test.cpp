@@ -170,6 +170,26 @@ TEST(ClientFlowBook, WhatWasTakenOutLateStillStandsBeforeWhatCameAfterIt) {
   EXPECT_EQ(flow.last_ms, 10000u);
 }
 
+// The library writes ends before a snapshot that is older than they are.
+TEST(ClientFlowBook, AReportThatComesAfterTheLastOneChangesNothing) {
+  FlowBook book;
+  book.Add(TrafficReport(Traffic("g", 1000), 1000));
+  CommInfoRecord older = Traffic("g", 5000), last = Traffic("g", 9000);
+  older.total_sent_bytes = 500;
+  last.total_sent_bytes = 570;
+  last.ended = 1;
+  book.Add(TrafficReport(last, 9000));
+  const Flow& flow = book.flows().front();
+  const size_t points = flow.points.size();
+  book.Add(TrafficReport(older, 5000));
+  EXPECT_EQ(flow.life_ms, 9000u);
+  EXPECT_EQ(flow.sent_bytes, 570u);
+  EXPECT_EQ(flow.stays.back().sent_bytes, 570u);
+  EXPECT_EQ(flow.points.size(), points);
+  EXPECT_TRUE(flow.ended);
+  EXPECT_EQ(flow.last_ms, 9000u);
+}
+
 TEST(ClientFlowBook, IsBoundedInFlowsPointsAndMarks) {
   FlowBook book;
   for (size_t i = 0; i < FlowBook::kMostFlows + 5; ++i) {

@@ -307,6 +307,7 @@ void FlowBook::AddTraffic(const Report& report) {
   const auto record = report.As<CommInfoRecord>();
   Flow* const flow =
       Find(Text(record.guid_str), Endpoint(Text(record.game_ip), record.game_port), report.time_ms);
+  if (flow->ended && record.ended == 0) return;  // it was noted before the end, and came after it
   flow->type = TypeName(record.socket_type, 1, 2);
   flow->accelerated = true;
   const std::string endpoint = Endpoint(Text(record.proxy_ip), record.proxy_port);
