@@ -81,6 +81,8 @@ struct Wrapped {
   u8 flags = 0, lost = 0;
   u32 seq = 0, accl_token = 0;
   std::string payload;  // of a data datagram
+  u32 game_ip = 0;      // host byte order
+  int game_port = 0;
   bool IsData() const { return flags == 0; }
   bool IsEnd() const { return flags == 4; }
   bool IsProbe() const { return flags == 8; }
