@@ -206,6 +206,35 @@ SCENARIO_F(RetryingTrial, SendsWhatFoundNoRoomTwice) {
   EXPECT_EQ(b.TakenData(), "waits");
 }
 
+struct AsksToHasten {
+  test::Mended mended{moru_vyr::lsp::kMendThroughput};
+};
+
+class PromptTrial : public AsksToHasten, public SwitchWorld {};
+
+// Its probes do not wait for the timer's steps, and afterwards the timer is left alone.
+SCENARIO_F(PromptTrial, AsksForUpdatesWhileItsBurstRuns) {
+  IsCarried();
+  Turn();
+  EXPECT_EQ(loop.early_updates, 0);
+  IsVerifying();
+  EXPECT_EQ(loop.early_updates, 1);
+  HealthyTurns(10);
+  ASSERT_TRUE(Logged(test::kTrialVerified));
+  loop.early_updates = 0;
+  HealthyTurns(3);
+  EXPECT_EQ(loop.early_updates, 0);
+}
+
+// What the game then sends goes to its node, and no probes beside it.
+SCENARIO_F(SwitchEdges, ATrialThatHasPassedSendsNoProbes) {
+  IsCarried();
+  IsVerified();
+  b.Takes();
+  Turns(400);
+  EXPECT_TRUE(b.Takes().empty());
+}
+
 // --- nodes that cannot be reached ----------------------------------------------------------------
 
 struct AsksToLeaveFailedNodes {
@@ -287,6 +316,17 @@ class LateAnswers : public AsksForFallback, public SwitchWorld {
     GameGets();
   }
 };
+
+// What it gets directly is counted like anything else.
+SCENARIO_F(LateAnswers, AFlowThatHasGivenUpItsNodeIsCounted) {
+  GivesUpTheNode();
+  sockaddr_in relay = {};
+  ASSERT_TRUE(session->GetRelayAddr(&relay));
+  SendTextTo(Udp(), "answer", "127.0.0.1", ntohs(relay.sin_port));
+  Turn();
+  EXPECT_EQ(GameGets(), "answer");
+  EXPECT_EQ(Counted(local_sock), "1 sent, 1 received");
+}
 
 SCENARIO_F(LateAnswers, AreToldTheEndOnce) {
   GivesUpTheNode();

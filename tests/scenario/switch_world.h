@@ -65,12 +65,14 @@ class Loop : public IRelaySocketMgr {
   void StopReading(SOCKET) noexcept override {}
   IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;
   u32 NextToken() noexcept override { return ++tokens_; }
+  void UpdateWithin(u32) noexcept override { ++early_updates; }
 
   void Pass();
   bool Has(SOCKET socket) const { return delegates.count(socket) != 0; }
 
   std::map<SOCKET, IRelaySocketDelegate*> delegates;
   std::set<SOCKET> wants_room;
+  int early_updates = 0;  // that were asked for
 
  private:
   u32 tokens_ = 0;

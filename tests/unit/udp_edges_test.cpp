@@ -304,9 +304,9 @@ TEST_F(DatagramEdges, ARequestSaysHowMuchRoomTheGamesSocketHasAndWhenItWasMade) 
   };
   int wanted = 20000;
   for (const int option : {SO_SNDBUF, SO_RCVBUF}) {
-    ASSERT_EQ(setsockopt(game, SOL_SOCKET, option, reinterpret_cast<const char*>(&wanted),
-                         sizeof wanted),
-              0);
+    ASSERT_EQ(
+        setsockopt(game, SOL_SOCKET, option, reinterpret_cast<const char*>(&wanted), sizeof wanted),
+        0);
     wanted *= 2;
   }
   ASSERT_NE(room(SO_SNDBUF), room(SO_RCVBUF));
