@@ -4,12 +4,14 @@
 #include "tests/scenario/udp_spied_world.h"
 //
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
 #include "port/shared/faults.h"
+#include "port/sim/sockets.h"
 #include "udp/peer_ports.h"
 
 namespace {
@@ -332,6 +334,31 @@ SCENARIO_F(MendedDatagram, AnAddressForWhichThereIsNoAnswerIsReachedDirectlyFrom
   EXPECT_EQ(Heard("game"), (Texts{"second", "third"})) << AllHeard();
   EXPECT_EQ(Talks(s, "fourth"), "fourth from " + On(kServer));
   EXPECT_EQ(Heard("A"), (Texts{"first", "fourth"})) << AllHeard();
+}
+
+// A thread of the game may give the address up in the very moment in which its port is made.
+LPWSPBIND next_bind = nullptr;
+std::shared_ptr<PeerPorts> ports_at_bind;
+
+SCENARIO_F(MendedDatagram, AnAddressThatWasGivenUpMeanwhileStaysDirectAndLeavesNoSocket) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from " + On(kServer));
+  ports_at_bind = GetRelayMgr().UsePeerPorts(RecordOf(s).token);
+  ASSERT_NE(ports_at_bind, nullptr);
+  const size_t sockets = world.sockets().CountOf(world.home());
+  next_bind = NextProvider().lpWSPBind;
+  NextProvider().lpWSPBind = [](SOCKET one, const struct sockaddr* name, int size, LPINT error) {
+    if (ports_at_bind != nullptr) ports_at_bind->Add(At(kSecond, kPort), 0);
+    ports_at_bind.reset();
+    return next_bind(one, name, size, error);
+  };
+  EXPECT_EQ(Talks(s, "second", kSecond), "second from " + On(kSecond));
+  EXPECT_EQ(ports_at_bind, nullptr) << "it was the port's";
+  EXPECT_EQ(Heard("game"), Texts{"second"});
+  EXPECT_EQ(world.sockets().CountOf(world.home()), sockets);
+  EXPECT_EQ(Talks(s, "third"), "third from " + On(kServer));
+  NextProvider().lpWSPBind = next_bind;
 }
 
 // A socket that disappears with nobody told: its session ends by itself.

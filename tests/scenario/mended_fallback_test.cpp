@@ -574,6 +574,11 @@ SCENARIO_F(FallbackTimesOfTheRecord, AreKept) {
     const auto start = world.now();
     const SOCKET s = Udp();
     EXPECT_EQ(Sends(s, "hello"), 0);
+    const size_t asked = b.Count("request");
+    RunFor(290ms);
+    EXPECT_EQ(b.Count("request"), asked);
+    RunFor(90ms);
+    EXPECT_EQ(b.Count("request"), asked + 1);
     EXPECT_EQ(Receives(s, 5000).text, "hello");
     EXPECT_GE(world.now() - start, 500ms);
     EXPECT_LE(world.now() - start, 700ms);

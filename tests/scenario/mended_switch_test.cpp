@@ -51,6 +51,8 @@ SCENARIO_F(MendedSwitch, TheOldNodeIsHeardOutAndThenToldOfTheEnd) {
   a.SendsRaw("short");
   Turns(60);
   EXPECT_EQ(GameGets(), "late marked");
+  EXPECT_TRUE(Logged("[UDP] UnWrapUdpAcclPackage failed, unpack error, ret="))
+      << "the flow's words, as for its own node";
   EXPECT_EQ(a.TakenEnds(), 0);
   Turns(10);
   EXPECT_EQ(a.TakenEnds(), 1);
@@ -168,6 +170,17 @@ SCENARIO_F(MendedSwitch, ATrialThatCannotBeMeasuredEnds) {
   Turns(20);
   EXPECT_EQ(Results(), Outcomes{SwitchResult::kVerificationFailed});
   EXPECT_TRUE(Fires());
+}
+
+// From its node's answer on, with which this world's clock moves 30 ms.
+SCENARIO_F(MendedSwitch, ATrialHasFiveSecondsBeyondItsBurst) {
+  image.proxies[1].flag = 4;
+  IsCarried();
+  IsVerifying();
+  Turn(5000 + 50 - 30 - 1);
+  EXPECT_EQ(Results(), Outcomes{});
+  Turn(1);
+  EXPECT_EQ(Results(), Outcomes{SwitchResult::kVerificationFailed});
 }
 
 SCENARIO_F(MendedSwitch, WhatWaitsForRoomAtTheHandOverLeavesByItself) {

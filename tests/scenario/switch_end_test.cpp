@@ -111,6 +111,42 @@ SCENARIO_F(SwitchEnd, AFlowThatIsClosingEndsAsATrialIsVerified) {
   EXPECT_TRUE(session->CanClose());
 }
 
+// Neither is such a flow measured any more, over whatever node.
+SCENARIO_F(SwitchEnd, AFlowThatMovesWhileItIsClosingSendsNoProbes) {
+  IsCarried();
+  IsVerified();
+  a.SendsData("waits");
+  Sleep(1);
+  port::FailCall("sendto", 1, WSAEWOULDBLOCK);
+  loop.delegates[local_sock]->OnReadable(local_sock);
+  loop.wants_room.clear();
+  EXPECT_FALSE(session->CanClose());
+  b.SendsData("proof");
+  Turn();
+  ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
+  b.Takes();
+  Turns(400);
+  EXPECT_TRUE(b.Takes().empty());
+}
+
+// Answers that come late judge nothing any more.
+SCENARIO_F(SwitchEnd, AFlowThatIsClosingBeginsNoTrial) {
+  config.max_delay_avg = 300;
+  for (const bool closing : {false, true}) {
+    IsCarried();
+    if (closing) flow->SetClosing();
+    for (int i = 0; i < 100 && Trial() == nullptr; ++i) {
+      a.SendsRaw(a.LateProbeAnswer(static_cast<u32>(i + 1), 500));
+      Turn(100);
+    }
+    EXPECT_EQ(Trial() == nullptr, closing) << log->Text();
+    session.reset();
+    loop.delegates.clear();
+    provider.Uninit();
+    while (b.IsAsked()) continue;
+  }
+}
+
 SCENARIO_F(SwitchEnd, AfterItHasFailed) {
   config.switching_max_real_route_lost = 0;
   IsCarried();

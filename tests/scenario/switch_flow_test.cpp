@@ -76,6 +76,7 @@ SCENARIO_F(SwitchFlow, IsReportedWithItsCause) {
   ASSERT_GE(test::UsedSlots(client.switches), 1);
   const RecoverySwitchRecord& report = client.switches->slots[0];
   EXPECT_EQ(test::Value(report.game_id), 7u);
+  EXPECT_EQ(std::string(report.guid), b.Last("request").Text("guid")) << "the flow's, to its nodes";
   EXPECT_EQ(test::Value(report.need_switch), 1);
   EXPECT_EQ(test::Value(report.is_switch_succ), static_cast<i32>(SwitchResult::kTakenOver));
   EXPECT_EQ(test::Value(report.count), 1);

@@ -200,6 +200,7 @@ SCENARIO_F(SwitchHandOver, BlockedDatagramsForTheOldNodeAreSentWhenTheNewOneIsVe
   ASSERT_TRUE(Logged(test::kTrialVerified));
   EXPECT_FALSE(flow->OwesServers());
   EXPECT_EQ(GameGets(), "waited") << "A, to which it was wrapped, echoes it";
+  EXPECT_FALSE(session->IsCloseWanted());
 }
 
 }  // namespace

@@ -316,6 +316,8 @@ SCENARIO_F(SwitchTrial, ItsBurstStartsAtOnceWhileTheGamePlaysOnOverTheOldNode) {
       EXPECT_TRUE(one.IsProbe());
       EXPECT_EQ(one.accl_token, b.accl_token);
       EXPECT_EQ(one.seq, static_cast<u32>(++probes));
+      EXPECT_EQ(one.game_ip, ntohl(server_addr.sin_addr.s_addr));
+      EXPECT_EQ(one.game_port, kServerPort);
     }
     b.AnswersProbes();
     EXPECT_EQ(a.TakenData(), "tick");

@@ -136,7 +136,8 @@ std::vector<Wrapped> ScriptedNode::Takes() {
   for (std::string bytes; !(bytes = Take(data_, &peer_)).empty();) {
     UdpAcclHeader header;
     EXPECT_EQ(header.Unpack(Wire(bytes)), 20);
-    all.push_back({header.flags, header.lost, header.seq, header.accl_token, ""});
+    all.push_back({header.flags, header.lost, header.seq, header.accl_token, "", header.game_ip,
+                   header.game_port});
     if (all.back().IsData()) all.back().payload = bytes.substr(sizeof header);
     if (all.back().IsProbe()) probes_.push_back(bytes);
   }

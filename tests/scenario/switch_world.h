@@ -65,12 +65,14 @@ class Loop : public IRelaySocketMgr {
   void StopReading(SOCKET) noexcept override {}
   IRelaySocketDelegate* RemoveSocket(SOCKET socket) noexcept override;
   u32 NextToken() noexcept override { return ++tokens_; }
+  void UpdateWithin(u32) noexcept override { ++early_updates; }
 
   void Pass();
   bool Has(SOCKET socket) const { return delegates.count(socket) != 0; }
 
   std::map<SOCKET, IRelaySocketDelegate*> delegates;
   std::set<SOCKET> wants_room;
+  int early_updates = 0;  // that were asked for
 
  private:
   u32 tokens_ = 0;
@@ -81,6 +83,8 @@ struct Wrapped {
   u8 flags = 0, lost = 0;
   u32 seq = 0, accl_token = 0;
   std::string payload;  // of a data datagram
+  u32 game_ip = 0;      // host byte order
+  int game_port = 0;
   bool IsData() const { return flags == 0; }
   bool IsEnd() const { return flags == 4; }
   bool IsProbe() const { return flags == 8; }

@@ -4,11 +4,14 @@
 //
 #include <vector>
 
+#include "abi/mending_formats.h"
 #include "port/shared/faults.h"
+#include "port/sim/sockets.h"
 #include "route/route.h"
 #include "tests/scenario/sim_sockets.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/log_texts.h"
+#include "tests/support/mended.h"
 #include "udp/udp_remote_session.h"
 
 namespace {
@@ -111,6 +114,16 @@ SCENARIO_F(UdpAlone, AtItsEndTheControlSocketIsClosedAndThenForgotten) {
   EXPECT_TRUE(log.Contains(test::kUdpListenerClosed));
 }
 
+SCENARIO_F(UdpAlone, ASecondEndClosesNobodyElsesSocket) {
+  world.ReuseSocketHandles(true);
+  ASSERT_TRUE(provider.Init(&loop, &route));
+  provider.Uninit();
+  const SOCKET other = Udp();
+  ASSERT_EQ(other, loop.added.at(0)) << "under the same handle";
+  provider.Uninit();
+  EXPECT_EQ(BindTo(other, "127.0.0.1", 5000), 0);
+}
+
 SCENARIO_F(UdpAlone, AnAnswerThatNobodyHasTakenOutlivesItsSession) {
   ASSERT_TRUE(provider.Init(&loop, &route));
   const SOCKET asking = Udp();
@@ -124,6 +137,7 @@ SCENARIO_F(UdpAlone, AnAnswerThatNobodyHasTakenOutlivesItsSession) {
   RunFor(1ms);
   provider.OnReadable(loop.added.at(0));
   EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+  EXPECT_TRUE(log.Contains("success=true, ev_result=1, ev_error=0, socket=")) << log.Text();
   provider.Uninit();
   ProtoRelayOpen answer;
   ASSERT_TRUE(provider.GetCreateResult(7, &answer));
@@ -190,6 +204,39 @@ SCENARIO_F(UdpSessionAlone, NoOtherProgramGetsItsPortOnASingleAddress) {
   ASSERT_TRUE(session.Init());
   ASSERT_TRUE(session.GetRelayAddr(&relay));
   EXPECT_EQ(BindTo(Udp(), "127.0.0.1", ntohs(relay.sin_port)), WSAEADDRINUSE);
+}
+
+struct AsksForPorts {
+  test::Mended mended{kMendDatagramMatch};
+};
+
+// The sockets that stand for the addresses of a session.
+class UdpPortsAlone : public AsksForPorts, public UdpSessionAlone {
+ protected:
+  size_t HomeSockets() { return world.sockets().CountOf(world.home()); }
+};
+
+SCENARIO_F(UdpPortsAlone, HaveTheGamesBufferSizesAndEndWithIt) {
+  const size_t sockets = HomeSockets();
+  {
+    UdpSession one(&provider, 2, game, server, 30000, 40000);
+    ASSERT_TRUE(one.Init());
+    ASSERT_EQ(loop.added.size(), 3u) << "the control socket, the flow's and the port's";
+    EXPECT_EQ(IntOption(loop.added[2], SO_SNDBUF), 30000);
+    EXPECT_EQ(IntOption(loop.added[2], SO_RCVBUF), 40000);
+  }
+  EXPECT_EQ(HomeSockets(), sockets);
+}
+
+SCENARIO_F(UdpPortsAlone, ThatCannotBeMadeLeaveNoSocket) {
+  const size_t sockets = HomeSockets();
+  for (const char* const call : {"bind", "ioctlsocket"}) {
+    UdpSession one(&provider, 2, game, server, 30000, 40000);
+    for (unsigned nth = 2; nth <= 1000; ++nth) port::FailCall(call, nth, WSAENOBUFS);
+    EXPECT_FALSE(one.Init()) << call;
+    port::ClearFaults();
+    EXPECT_EQ(HomeSockets(), sockets + 1) << call << ": the flow's own";
+  }
 }
 
 // No port that is drawn is 0, so this one is taken away.

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 namespace moru_vyr::lsp {
 namespace {
 
@@ -19,6 +21,22 @@ TEST(AcclLinkInfo, AnAnswerBelowTheSecondVersionHasNoLastNode) {
     EXPECT_EQ(int{link.last_node.node_id}, version < 2 ? 0 : 7) << version;
     EXPECT_EQ(int{link.last_node.port}, version < 2 ? 0 : 8) << version;
   }
+}
+
+// Nothing of an earlier one is left in it, nor in the bytes that no field names.
+TEST(AcclLinkInfo, TheAddressForDataIsTheAnswers) {
+  NegoResponse response;
+  response.Init(3);
+  response.body.accl_data_ip = 0xC6336414;
+  response.body.accl_data_port = 7001;
+  AcclLinkInfo link;
+  std::memset(&link.data_addr, 0x55, sizeof link.data_addr);
+  link.Accept(response);
+  sockaddr_in expected = {};
+  expected.sin_family = AF_INET;
+  expected.sin_addr.s_addr = htonl(0xC6336414);
+  expected.sin_port = htons(7001);
+  EXPECT_EQ(std::memcmp(&link.data_addr, &expected, sizeof expected), 0);
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <memory>
 
+#include "common/handle.h"
+#include "tests/support/threads.h"
 #include "udp/live_queues.h"
 
 namespace moru_vyr::lsp {
@@ -29,7 +31,8 @@ TEST(PeerPorts, TellTwoPortsOfOneHostApart) {
   u16 port = 0;
   EXPECT_TRUE(ports.FindPort(b, &port));
   EXPECT_EQ(port, htons(4002));
-  sockaddr_in peer = Peer("127.0.0.1", 4001);
+  sockaddr_in peer;
+  std::memset(&peer, 0x55, sizeof peer);  // as a game's own memory may be
   EXPECT_TRUE(ports.FindPeer(htons(4001), &peer));
   EXPECT_EQ(std::memcmp(&peer, &a, sizeof a), 0);
 }
@@ -76,6 +79,29 @@ TEST(PeerPorts, OfASessionAreUsedFromTheFirstAddressToItsEnd) {
   EXPECT_EQ(live.UsePorts(7).get(), &queues->peer_ports);
   live.Remove(7);
   EXPECT_EQ(live.UsePorts(7), nullptr);
+}
+
+// That may take its time, and a thread of the game that looks for its own must not wait for it.
+TEST(LiveQueues, OfASessionThatEndsAreReleasedBesideTheLock) {
+  LiveQueues live;
+  const common::UniqueHandle ending{CreateEventA(nullptr, FALSE, FALSE, nullptr)};
+  const common::UniqueHandle looked{CreateEventA(nullptr, FALSE, FALSE, nullptr)};
+  bool was_free = false;
+  live.Add(7, std::shared_ptr<UdpQueues>(new UdpQueues, [&](UdpQueues* queues) {
+             SetEvent(ending.get());
+             was_free = WaitForSingleObject(looked.get(), 5000) == WAIT_OBJECT_0;
+             delete queues;
+           }));
+  test::RunThreads(2, [&](int index) {
+    if (index == 0) {
+      live.Remove(7);
+    } else {
+      WaitForSingleObject(ending.get(), INFINITE);
+      EXPECT_EQ(live.UsePorts(8), nullptr);
+      SetEvent(looked.get());
+    }
+  });
+  EXPECT_TRUE(was_free);
 }
 
 }  // namespace
