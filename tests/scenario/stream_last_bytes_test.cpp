@@ -12,7 +12,7 @@ using std::chrono::milliseconds;
 
 class LastBytes : public DirectStreamIn<sim::ScenarioTest> {
  protected:
-  explicit LastBytes(u32 mended = 0) : DirectStreamIn(mended) {}
+  explicit LastBytes(u32 bits = 0) : DirectStreamIn(bits) {}
 
   // Turns the relay until that line is logged, and expects that the session then has 200 ms.
   void ExpectTimeAfter(const std::string& line) {
