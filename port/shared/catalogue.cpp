@@ -1,5 +1,7 @@
 #include "port/shared/catalogue.h"
 
+#include <atomic>
+
 #include "port/shared/faults.h"
 #include "port/shared/modules.h"
 
@@ -12,6 +14,7 @@ struct Known {
 };
 
 std::mutex lock;
+std::atomic<int> claimed_more{0};
 
 std::vector<WSAPROTOCOL_INFOW>& Entries() {
   static auto& entries = *new std::vector<WSAPROTOCOL_INFOW>(BaseEntries());
@@ -84,6 +87,8 @@ std::vector<WSAPROTOCOL_INFOW> Catalogue() {
   return Entries();
 }
 
+void ClaimMoreEntries(int more) { claimed_more = more; }
+
 void RemoveProviderPath(const GUID& provider) {
   std::lock_guard hold(lock);
   std::erase_if(Providers(), [&](const Known& known) { return known.provider == provider; });
@@ -119,7 +124,7 @@ int WSPAPI WSCEnumProtocols(LPINT protocols, LPWSAPROTOCOL_INFOW buffer, LPDWORD
   *size = needed;
   if (given < needed || (!buffer && needed > 0)) return port::Fail(error, WSAENOBUFS);
   std::copy(wanted.begin(), wanted.end(), buffer);
-  return static_cast<int>(wanted.size());
+  return static_cast<int>(wanted.size()) + port::claimed_more;
 }
 
 int WSPAPI WSCGetProviderPath(GUID* provider, WCHAR* path, LPINT path_length, LPINT error) {

@@ -13,6 +13,9 @@ namespace port {
 void SetCatalogue(std::vector<WSAPROTOCOL_INFOW> entries);
 std::vector<WSAPROTOCOL_INFOW> Catalogue();
 
+// From now on the list of entries claims to have so many more than it gives, as no platform should.
+void ClaimMoreEntries(int more);
+
 // Paths may contain %NAME%. The path of the base provider is preset.
 void SetProviderPath(const GUID& provider, const std::wstring& path);
 void RemoveProviderPath(const GUID& provider);

@@ -50,6 +50,7 @@ HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T size) {
 }
 
 HGLOBAL WINAPI GlobalFree(HGLOBAL memory) {
+  if (port::Fails("GlobalFree")) return memory;
   std::free(memory);
   return nullptr;
 }

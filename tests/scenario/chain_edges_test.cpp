@@ -85,13 +85,62 @@ SCENARIO(ChainEdges, TheLongestBasePathIsLoaded) {
     const std::wstring directory = L"C:\\" + std::wstring(size - 9, L'd');
     const std::wstring path = directory + L"\\a.dll";
     ASSERT_EQ(path.size(), size);
+    const std::wstring cut = path.substr(0, 259);
     port::RegisterModule(path, {});
+    port::RegisterModule(cut, {});
     port::SetEnvironment(L"VYR_LONG_DIRECTORY", directory);
     port::SetProviderPath(kBaseProviderGuid, L"%VYR_LONG_DIRECTORY%\\a.dll");
     EXPECT_EQ(BSPStartup(MAKEWORD(2, 2), &game.data, &info, game.upcalls, &game.table), 10106);
     EXPECT_EQ(port::LoadsEver(path), size == 259 ? 1 : 0) << size;
+    EXPECT_EQ(port::LoadsEver(cut), size == 259 ? 1 : 0) << "nor is another file loaded";
     EXPECT_EQ(port::LoadCount(path), 0) << "it has no start function, and is let go";
   }
+}
+
+// The same holds for a path that the catalogue gives without variables.
+SCENARIO(ChainEdges, TheLongestBasePathOfTheCatalogueIsLoaded) {
+  GameProcess game;
+  WSAPROTOCOL_INFOW info = game.Layered(6);
+  for (const std::size_t size : {std::size_t{259}, std::size_t{260}}) {
+    const std::wstring path = L"C:\\" + std::wstring(size - 9, L'd') + L"\\b.dll";
+    ASSERT_EQ(path.size(), size);
+    port::RegisterModule(path, {});
+    port::SetProviderPath(kBaseProviderGuid, path);
+    EXPECT_EQ(BSPStartup(MAKEWORD(2, 2), &game.data, &info, game.upcalls, &game.table), 10106);
+    EXPECT_EQ(port::LoadsEver(path), size == 259 ? 1 : 0) << size;
+  }
+}
+
+// --- what is read of the catalogue ------------------------------------------------------------
+
+// The memory ends with the entries that were announced.
+SCENARIO(ChainEdges, ACatalogueThatClaimsMoreEntriesThanItGivesIsReadAsFarAsItGoes) {
+  GameProcess game;
+  port::ClaimMoreEntries(5);
+  int count = 0;
+  const GlobalPtr<WSAPROTOCOL_INFOW> entries(GetProtocols(&count));
+  ASSERT_NE(entries, nullptr);
+  EXPECT_EQ(count, static_cast<int>(port::Catalogue().size()));
+}
+
+SCENARIO(ChainEdges, ACatalogueThatCannotBeReadHasNoEntries) {
+  const WSAPROTOCOL_INFOW entry{};
+  for (const int count : {-1, 0}) EXPECT_TRUE(EntriesOf(&entry, count).empty()) << count;
+}
+
+SCENARIO(ChainEdges, WhatWasReadOfTheCatalogueIsReleased) {
+  GameProcess game;
+  port::CountCalls();
+  {
+    LspProvider* list = nullptr;
+    int count = 0;
+    ASSERT_TRUE(GetProviders(&list, &count));
+    const GlobalPtr<LspProvider> owner(list);
+    const auto unknown = MakeEntry(kForeignGuid, 3001, SOCK_RAW, 98, {7777, 1001});
+    EXPECT_EQ(FindMatchingProvider(&unknown, list, count), nullptr);
+  }
+  EXPECT_EQ(port::CallCount("GlobalAlloc"), 3u) << "two catalogues and the list";
+  EXPECT_EQ(port::CallCount("GlobalFree"), 3u);
 }
 
 // --- this provider's own entries --------------------------------------------------------------
@@ -262,6 +311,34 @@ SCENARIO_F(MatchEdges, AKindMatchesInEveryField) {
   other = stream;
   other.iProtocol = 132;
   EXPECT_EQ(Find(other), 0u);
+}
+
+// A layer's place in the catalogue picks the record, and there may be none at that place.
+SCENARIO_F(MatchEdges, ALayerBeyondTheRecordsLeadsNowhere) {
+  const DWORD layer = GameProcess::kForeignId;
+  catalogue.insert(catalogue.begin() + 2,
+                   MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {layer, 2001, 1001}));
+  port::SetCatalogue(catalogue);
+  LspProvider* list = nullptr;
+  int count = 0;
+  ASSERT_TRUE(GetProviders(&list, &count));
+  const GlobalPtr<LspProvider> owner(list);
+  ASSERT_EQ(count, 3);
+  const auto info = MakeEntry(kForeignGuid, 3002, SOCK_RAW, 98, {layer, 1001});
+  EXPECT_EQ(FindMatchingProvider(&info, list, 3), &list[2]);
+  EXPECT_EQ(FindMatchingProvider(&info, list, 2), nullptr);
+}
+
+// A chain whose own layer is not in the catalogue is taken for one of the layer 0.
+SCENARIO_F(MatchEdges, AnUnknownLayerIsLookedForAsNumberZero) {
+  const auto unknown = MakeEntry(kForeignGuid, 3002, SOCK_RAW, 98, {7777, 1001});
+  for (const DWORD number : {0u, 1u}) {
+    auto with_layer = catalogue;
+    with_layer.insert(with_layer.begin() + 1,
+                      MakeEntry(kForeignGuid, 3001, SOCK_STREAM, 6, {number, 2001, 1001}));
+    port::SetCatalogue(with_layer);
+    EXPECT_EQ(Find(unknown), number == 0 ? 2002u : 0u) << number;
+  }
 }
 
 // A layer that stands above us under another number leads nowhere.

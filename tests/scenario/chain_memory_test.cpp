@@ -5,6 +5,7 @@
 #include <string>
 
 #include "port/sim/scenario.h"
+#include "route/route.h"
 #include "start/provider_loader.h"
 #include "tests/scenario/game_process.h"
 #include "tests/unit/out_of_memory.h"
@@ -30,6 +31,18 @@ SCENARIO(ChainWithoutMemory, ARefusalIsTracedWithoutTheProvidersName) {
   EXPECT_TRUE(test::OutOfMemory::WasFelt());
   EXPECT_EQ(error, 10055);
   EXPECT_TRUE(game.Traced("::InitializeProvider failed: 10055")) << game.AllTraces();
+}
+
+// Without a route policy nothing could be decided, whatever was prepared before.
+SCENARIO(ChainWithoutMemory, AGameWithoutARoutePolicyIsNotServed) {
+  test::GameProcess game;
+  game.ListAsGame();
+  {
+    const test::OutOfMemory none(1, sizeof(Route), sizeof(Route));
+    EXPECT_EQ(game.Start(6), 0);
+  }
+  EXPECT_TRUE(test::OutOfMemory::WasFelt());
+  EXPECT_TRUE(game.GotBaseTable()) << game.AllTraces();
 }
 
 }  // namespace

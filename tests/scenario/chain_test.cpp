@@ -278,8 +278,8 @@ SCENARIO(Chain, ANarrowPathThatGrowsTooLongIsRefused) {
       << game.AllTraces();
 }
 
-// 258 characters and their end are what an expanded path may have.
-SCENARIO(Chain, TheLongestPathIsLoaded) {
+// 258 characters and their end are what an expanded path may have, wide or narrow.
+void ExpectLongestPath(bool narrow) {
   for (const std::size_t size : {std::size_t{258}, std::size_t{259}}) {
     const std::wstring directory = L"C:\\" + std::wstring(size - 9, L'd');
     const std::wstring path = directory + L"\\a.dll";
@@ -290,10 +290,15 @@ SCENARIO(Chain, TheLongestPathIsLoaded) {
     LspProvider provider{};
     provider.next_provider.ProviderId = kForeignGuid;
     int error = 0;
+    if (narrow) port::FailCall("ExpandEnvironmentStringsW", 1, 87);
     EXPECT_FALSE(LoadProviderPath(&provider, &error));  // it has no start function
     EXPECT_EQ(provider.module != nullptr, size == 258) << size;
   }
 }
+
+SCENARIO(Chain, TheLongestPathIsLoaded) { ExpectLongestPath(false); }
+
+SCENARIO(Chain, TheLongestNarrowPathIsLoaded) { ExpectLongestPath(true); }
 
 // The catalogue's own error is traced; the caller is told the thread's.
 SCENARIO(Chain, AMissingPathIsReportedWithTheThreadsError) {

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "common/named_mutex.h"
 #include "common/text.h"
 #include "hooks/block_config.h"
 #include "hooks/hook_flags.h"
@@ -70,6 +71,24 @@ SCENARIO_SEEDS(Gate, OfManyCopiesAtOnceExactlyOneOwnsTheGate, 20) {
   int owners = 0;
   for (const SingleInstanceLock& copy : copies) owners += copy.owns();
   EXPECT_EQ(owners, 1);
+}
+
+// Two copies that look at the same moment would both find the gate free.
+SCENARIO(Gate, ACopyWaitsUntilAnotherHasDecided) {
+  test::RunThreads(2, [](int i) {
+    if (i == 0) {
+      common::NamedMutex lock("gate_lock");
+      lock.lock();
+      Sleep(100);
+      lock.unlock();
+      return;
+    }
+    Sleep(10);
+    const DWORD begin = GetTickCount();
+    const SingleInstanceLock copy("gate", "gate_lock");
+    EXPECT_GE(GetTickCount() - begin, 80u);
+    EXPECT_TRUE(copy.owns());
+  });
 }
 
 // --- vyr_lsp.ini ------------------------------------------------------------------------------

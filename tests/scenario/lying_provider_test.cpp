@@ -2,8 +2,10 @@
 // buffers nor repeat a call forever: the worker serves every other connection of the game.
 #include "tests/scenario/tcp_world.h"
 //
+#include "abi/mending_formats.h"
 #include "common/process_info.h"
 #include "engine/relay_mgr.h"
+#include "port/sim/sockets.h"
 
 namespace {
 
@@ -12,7 +14,7 @@ using namespace moru_vyr::lsp;  // NOLINT: every name here is the product's
 
 class LyingProvider : public TcpWorld {
  protected:
-  LyingProvider() {
+  explicit LyingProvider(u32 mended = 0) : TcpWorld(L"", nullptr, mended) {
     liar_ = this;
     WSPPROC_TABLE& next = common::GetProcessInfo().tcp_proc_table;
     real_send_ = next.lpWSPSend;
@@ -89,6 +91,34 @@ SCENARIO_F(LyingProvider, AnAnswerOfANodeThatIsLongerThanWasAskedForIsRefused) {
   gives = [](DWORD got, DWORD) { return got; };
   closesocket(s);
   ExpectServesAgain();
+}
+
+// Shows an orderly end where it has lost the connection; only the socket's own error tells.
+struct LyingAboutALoss : LyingProvider {
+  LyingAboutALoss() : LyingProvider(kMendReset) {}
+};
+
+SCENARIO_F(LyingAboutALoss, IsSeenThrough) {
+  serve = [](SOCKET t, Call* call) {
+    Collect(t, 5, &call->got, &call->end);
+    Sleep(1000);
+    SendText(t, "x");
+    Sleep(1000);
+  };
+  const SOCKET s = Joins(kDirect);
+  SendText(s, "hello");
+  RunFor(500ms);
+  EXPECT_EQ(LastCall().got, "hello");
+  const std::string text = log_text(), line = "[TCP]ConnectToRemoteServer remote socket=";
+  ASSERT_NE(text.find(line), text.npos) << text;
+  const auto remote = static_cast<SOCKET>(std::stoul(text.substr(text.find(line) + line.size())));
+  world.sockets().Find(remote, world.home())->pending_error = WSAECONNRESET;
+  gives = [](DWORD, DWORD) { return 0; };
+  RunFor(1s);
+  gives = [](DWORD got, DWORD) { return got; };
+  std::string got;
+  EXPECT_EQ(CollectAll(s, &got), "error 10054");
+  closesocket(s);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include "tests/scenario/tcp_world.h"
 #include "tests/scenario/udp_world.h"
 #include "tests/support/log_texts.h"
+#include "tests/support/report_client.h"
 
 namespace {
 using namespace sim_test;      // NOLINT: the verbs of these tests
@@ -146,6 +147,8 @@ SCENARIO_F(MendedFallback, WhereNobodyAnswersTheConnectionEnds) {
   ASSERT_EQ(ConnectTo(s, kServer, kPort), 0);
   std::string got;
   EXPECT_EQ(tcp_test::CollectAll(s, &got), "error 10054");
+  // The second node was asked after a second, was overdue after another, and had five more.
+  EXPECT_GE(world.now() - start, 6900ms);
   EXPECT_LE(world.now() - start, 10s);
   closesocket(s);
   ExpectServesAgain();
@@ -301,6 +304,65 @@ SCENARIO_F(MendedFallback, WhileACleanupWaitsNothingNewIsAccepted) {
   EXPECT_GE(world.now() - start, 300ms);
   EXPECT_TRUE(is_connected);
   EXPECT_FALSE(Logged(test::kStrangerAccepted));
+}
+
+// --- what the client is told ---------------------------------------------------------------------
+
+// Before the game starts.
+struct EarlyClient {
+  EarlyClient() {
+    mending->games[0].mended = kMendFallback;
+    mending->games[0].next_node_ms = 300;
+    mending->games[0].direct_ms = 8000;
+    mending->games[0].node_rest_ms = 3000;
+  }
+  test::ClientRegion<moru_vyr::lsp::MendingRegion> mending{moru_vyr::lsp::kMendingRegionName};
+  test::ReportClient client;
+};
+
+class FallbackReports : public EarlyClient, public MendedFallback {
+ protected:
+  FallbackReports() : MendedFallback(0) {}
+
+  // The nodes of all failures, which have timed out.
+  Texts TimedOut() {
+    Texts nodes;
+    for (const auto& failure : client.failures->slots) {
+      if (failure.used == 0) continue;
+      EXPECT_EQ(failure.nego_result, int{moru_vyr::lsp::kNegoTimedOut});
+      nodes.emplace_back(failure.proxy_ip);
+    }
+    return nodes;
+  }
+};
+
+SCENARIO_F(FallbackReports, NameEachNodeThatDidNotAnswerInTime) {
+  BothNodesAreSilent();
+  EXPECT_EQ(Carrier(), "game");
+  RunFor(1s);
+  EXPECT_EQ(TimedOut(), (Texts{kNodeA, kNodeB}));
+}
+
+// The first one won, though late, and the second one still had time.
+SCENARIO_F(FallbackReports, NameNoNodeThatStillHadTime) {
+  a.AnswersAfter(1000);
+  b.StopsAnswering();
+  RunFor(100ms);
+  EXPECT_EQ(Carrier(), "A");
+  RunFor(1s);
+  EXPECT_EQ(TimedOut(), Texts());
+}
+
+// It is asked for as long as it takes, while the time of the first one ends.
+SCENARIO_F(FallbackReports, NameTheNodeThatServesAfterAnotherWasGivenUp) {
+  a.StopsAnswering();
+  b.AnswersAfter(6000);
+  RunFor(100ms);
+  EXPECT_EQ(Carrier(), "B");
+  RunFor(1s);
+  EXPECT_EQ(TimedOut(), Texts{kNodeA});
+  ASSERT_EQ(test::UsedSlots(client.negotiations), 1);
+  EXPECT_STREQ(client.negotiations->slots[0].proxy_ip, kNodeB);
 }
 
 // --- datagrams -----------------------------------------------------------------------------------

@@ -1,11 +1,14 @@
 // The names of a relayed connection's two ends, for a game whose client asks that they are those
 // which it would have without us.
 #include "abi/mending_formats.h"
+#include "hooks/downcall_table.h"
 #include "port/shared/faults.h"
 #include "tests/scenario/tcp_world.h"
 
 namespace {
 using namespace tcp_test;  // NOLINT: the verbs of these tests
+using moru_vyr::lsp::GetDowncallTable;
+using moru_vyr::lsp::kProtocolUdp;
 
 class MendedNames : public TcpWorld {
  protected:
@@ -56,6 +59,24 @@ SCENARIO_F(MendedNames, TheOwnOneIsFoundWithoutTheNextProvidersHelp) {
   EXPECT_EQ(Name(Own, s), kGame);
   port::ClearFaults();
   EXPECT_EQ(Talks(s, "hello"), "hello");
+  closesocket(s);
+}
+
+// Nor can every one tell a socket's own address.
+SCENARIO_F(MendedNames, AnAddressThatNobodyKnowsIsNotShown) {
+  const SOCKET s = Joins();
+  EXPECT_EQ(Talks(s, "hi"), "hi");
+  port::FailCall("WSPIoctl", 0, WSAEOPNOTSUPP);
+  EXPECT_EQ(Name(Own, s), kGame);
+  WSPPROC_TABLE& next = *GetDowncallTable(kProtocolUdp, nullptr);
+  const auto own_name = next.lpWSPGetSockName;
+  next.lpWSPGetSockName = [](SOCKET, struct sockaddr* name, LPINT, LPINT) {
+    *reinterpret_cast<sockaddr_in*>(name) = {};
+    return 0;
+  };
+  EXPECT_EQ(Name(Own, s), "127.0.0.1") << "what the next provider says of the socket itself";
+  next.lpWSPGetSockName = own_name;
+  port::ClearFaults();
   closesocket(s);
 }
 

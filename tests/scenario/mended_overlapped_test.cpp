@@ -2,6 +2,7 @@
 // its own source, or its socket is left direct. The simulation has no overlapped calls, so a
 // provider between it and the library holds them back until the test completes them.
 #include "tests/scenario/udp_spied_world.h"
+#include "tests/support/log_texts.h"
 //
 #include <map>
 #include <string>
@@ -11,6 +12,7 @@
 #include "hooks/hook_entries.h"
 #include "hooks/overlapped_receive.h"
 #include "hooks/pending_receives.h"
+#include "port/shared/faults.h"
 
 namespace {
 
@@ -343,6 +345,22 @@ SCENARIO_F(MendedOverlapped, ASocketThatIsLeftDirectPartsFromItsRelay) {
   }
   EXPECT_EQ(one.Got().substr(0, 6), "direct");
   EXPECT_EQ(Heard("game"), Texts{"direct"}) << AllHeard();
+}
+
+SCENARIO_F(MendedOverlapped, ARelayThatCannotBeToldThatItsSocketIsLeftDirectFindsOut) {
+  Starts();
+  const SOCKET s = Bound();
+  EXPECT_EQ(Talks(s, "relayed"), "relayed from " + On(kServer));
+  Receive one(s);
+  one.overlapped.hEvent = nullptr;
+  port::FailCall("WSPSendTo", 1, WSAENOBUFS);
+  EXPECT_EQ(Begin(&one), WSA_IO_PENDING);
+  port::ClearFaults();
+  EXPECT_TRUE(Logged(test::CloseSendFailed(WSAENOBUFS))) << log_text();
+  RunFor(1s);
+  EXPECT_TRUE(NodesAreFree());
+  Sends(s, "direct");
+  Complete(&one);
 }
 
 // Its datagram still goes to the server, by a relay that lives on until then.

@@ -144,6 +144,20 @@ SCENARIO_F(MendedStream, ANodeThatClosesEarlyIsLeft) {
   closesocket(s);
 }
 
+// Also if the call that sees the end reports that it would block.
+SCENARIO_F(MendedStream, ANodeThatClosesEarlyIsLeftWhateverTheError) {
+  node::Behaviour closes;
+  closes.on_request = node::Behaviour::kCloseThen;
+  a.Behaves(closes);
+  RunFor(100ms);
+  port::SuccessLeavesLastError(WSAEWOULDBLOCK);
+  const SOCKET s = Joins();
+  EXPECT_EQ(Talks(s, "hello"), "hello");
+  port::SuccessLeavesLastError(0);
+  EXPECT_EQ(LastCall().from, "B");
+  closesocket(s);
+}
+
 SCENARIO_F(MendedStream, AServersResetIsTheGames) {
   serve = [](SOCKET t, Call* call) {
     SendAll(t, "hello");

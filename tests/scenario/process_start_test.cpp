@@ -94,6 +94,16 @@ SCENARIO_F(ProcessStart, OfAGameThatDoesNotWaitTakesNoTime) {
   EXPECT_EQ(Start(), 0s);
 }
 
+// The platform fills the place for a path that is longer, and its end is ours to see to.
+SCENARIO_F(ProcessStart, OfAProgramWithALongPathKnowsAsMuchOfItAsFits) {
+  const std::string directory = "C:\\" + std::string(240, 'd') + "\\";
+  game.Is(std::wstring(directory.begin(), directory.end()) + std::wstring(40, L'n') + L".exe");
+  EXPECT_EQ(game.Start(IPPROTO_TCP), 0) << game.AllTraces();
+  const std::string name(259 - directory.size(), 'n');
+  EXPECT_EQ(common::GetProcessInfo().process_name, name);
+  EXPECT_EQ(common::GetProcessInfo().process_path, directory + name);
+}
+
 // --- the two diagnostic programs ----------------------------------------------------------------
 
 SCENARIO_F(ProcessStart, OfSpeedTesterOpensALogAndLoadsNoTables) {

@@ -159,6 +159,18 @@ SCENARIO_F(TrackerTcp, TwoFailedNodesAreTwoFailuresAndNoTraffic) {
   EXPECT_STREQ(second.guid, client.failures->slots[0].guid);
 }
 
+// The shortest time that is reported.
+SCENARIO_F(TrackerTcp, FailureWithinAMillisecondIsReportedAsOne) {
+  sim::LinkOptions near;
+  near.delay = sim::Duration{0};
+  world.SetLink(world.home().host, a_host, near);
+  a.Behaves(Refusing(9));
+  RunFor(100ms);
+  Talk(kServer, 10);
+  ASSERT_EQ(UsedSlots(client.failures), 1);
+  EXPECT_EQ(client.failures->slots[0].elapsed_ms, 1u);
+}
+
 // Its value may come back as another connection's.
 SCENARIO_F(TrackerTcp, EverySocketThatIsWatchedIsForgottenWhenItIsClosed) {
   a.Behaves(Refusing(9));

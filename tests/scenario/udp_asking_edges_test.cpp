@@ -157,6 +157,9 @@ SCENARIO_F(UdpAskingEdges, AConnectedRefusedSocketSendsNoFurtherRequest) {
   EXPECT_TRUE(GameSent().empty());
   EXPECT_EQ(RecordOf(s).relay_state, kRelayRefused);
   EXPECT_FALSE(RecordOf(s).udp_connect_mode);
+  EXPECT_EQ(SendText(s, "two"), 3);
+  RunFor(100ms);
+  EXPECT_EQ(Heard("game"), (Texts{"one", "two"})) << "it is connected to its server";
 }
 
 // The socket that was refused is gone, and its handle is another's: that one may still ask.
@@ -207,6 +210,27 @@ int WSPAPI SeeThread(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytes, DWO
     open_thread = *thread;
   return spied_send_to(s, buffers, count, bytes, flags, to, size, overlapped, completion, thread,
                        error);
+}
+
+// A layer below may use a socket of its own while it serves the worker, and that call comes through
+// the library again. If it asked for a relay, the worker would wait for itself.
+SCENARIO_F(UdpAskingEdges, ACallOnTheWorkersThreadGoesDirectAtOnce) {
+  Starts();
+  const SOCKET s = Udp(), layers = Udp();
+  EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
+  bool has_sent = false;
+  fails = [&](const SentDatagram& one) {
+    if (!one.by_relay || has_sent) return 0;
+    has_sent = true;
+    const auto begin = world.now();
+    EXPECT_EQ(Sends(layers, "note"), 0);
+    EXPECT_EQ(world.now(), begin);
+    return 0;
+  };
+  EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
+  EXPECT_TRUE(has_sent);
+  EXPECT_EQ(Heard("game"), Texts{"note"}) << AllHeard();
+  EXPECT_EQ(RecordOf(layers).relay_state, kRelayNotAsked);
 }
 
 // A connect passes no thread identifier.

@@ -228,8 +228,9 @@ SCENARIO_F(UdpAsking, ASocketBoundToTheNetworkIsDirectAfterAWait) {
   const SOCKET s = Udp();
   ASSERT_EQ(BindTo(s, kGame, 5000), 0);
   const auto begin = world.now();
-  EXPECT_EQ(Talks(s, "hello"), "hello from 198.51.100.10:27015");
-  EXPECT_GE(world.now() - begin, 500ms);
+  EXPECT_EQ(Sends(s, "hello"), 0);
+  EXPECT_EQ(world.now() - begin, 500ms);
+  EXPECT_EQ(Receives(s).text, "hello");
   EXPECT_EQ(Talks(s, "again"), "again from 198.51.100.10:27015");
   EXPECT_EQ(Heard("game"), (Texts{"hello", "again"})) << AllHeard();
   EXPECT_TRUE(Logged(test::kNoRelayAnswer));
@@ -420,6 +421,46 @@ SCENARIO_F(UdpAsking, ASendThatIsPendingIsTakenBackWithoutALookAtItsBuffers) {
     EXPECT_EQ(ntohs(found.sin_port), ntohs(left.sin_port));
   }
   EXPECT_FALSE(queue->FindAddrThenRemove("same", 4, &found));
+}
+
+// Whatever waits in the queue then belongs to another datagram.
+SCENARIO_F(UdpAsking, ADatagramThatWasNotQueuedTakesNothingBack) {
+  Starts();
+  const SOCKET s = Udp();
+  fails = [this](const SentDatagram& one) {
+    if (one.text == "first") world.Stall(GetRelayMgr().GetWorkerThreadId(), 100ms);
+    return 0;
+  };
+  EXPECT_EQ(Sends(s, "first"), 0);
+  fails = [](const SentDatagram& one) { return one.by_relay ? 0 : WSA_IO_PENDING; };
+  EXPECT_EQ(Sends(s, std::string(3000, 'x')), WSA_IO_PENDING) << "too long for the queue";
+  fails = [](const SentDatagram& one) { return one.by_relay ? 0 : WSAENOBUFS; };
+  EXPECT_EQ(Sends(s, "first", kUnlisted), WSAENOBUFS) << "to a server that is reached directly";
+  fails = [](const SentDatagram&) { return 0; };
+  RunFor(1s);
+  EXPECT_EQ(Heard("A"), Texts{"first"}) << log_text();
+}
+
+SCENARIO_F(UdpAsking, ASendWithoutBuffersHasNothingToTakeBack) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "first"), "first from 198.51.100.10:27015");
+  const auto send_to = NextProvider().lpWSPSendTo;
+  NextProvider().lpWSPSendTo = [](SOCKET, LPWSABUF, DWORD, LPDWORD, DWORD, const sockaddr*, int,
+                                  LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE,
+                                  LPWSATHREADID, LPINT error) {
+    *error = WSAEFAULT;
+    return SOCKET_ERROR;
+  };
+  const sockaddr_in to = At(kServer, kPort);
+  DWORD bytes = 0;
+  int error = 0;
+  EXPECT_EQ(
+      WSPSendTo(s, nullptr, 1, &bytes, 0, Raw(to), sizeof to, nullptr, nullptr, nullptr, &error),
+      SOCKET_ERROR);
+  NextProvider().lpWSPSendTo = send_to;
+  EXPECT_EQ(error, WSAEFAULT);
+  EXPECT_EQ(Talks(s, "second"), "second from 198.51.100.10:27015");
 }
 
 SCENARIO_F(UdpAsking, ADatagramWithoutADestinationIsNotQueued) {

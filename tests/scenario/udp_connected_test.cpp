@@ -5,6 +5,7 @@
 //
 #include "engine/relay_mgr.h"
 #include "hooks/hook_entries.h"
+#include "hooks/udp_relay.h"
 #include "port/shared/faults.h"
 #include "udp/udp_package_queue.h"
 
@@ -97,6 +98,14 @@ SCENARIO_F(UdpConnected, ARefusedSocketIsConnectedDirectly) {
   EXPECT_EQ(sendto(unlisted, "x", 1, 0, nullptr, 0), 1);
   EXPECT_EQ(GameSent(), Texts{":x"});
   EXPECT_EQ(RecordOf(unlisted).relay_state, kRelayNotAsked);
+}
+
+SCENARIO_F(UdpConnected, AConnectWithoutAPlaceForTheRelaysAddressGoesDirect) {
+  Starts();
+  const SOCKET s = Udp();
+  EXPECT_EQ(Talks(s, "relayed"), "relayed from 198.51.100.10:27015");
+  const sockaddr_in server_address = At(kServer, kPort);
+  EXPECT_FALSE(HandleUdpConnect(RecordOf(s), &server_address, nullptr));
 }
 
 // A destination is decided again at each connect, whatever the state of the socket is by then.

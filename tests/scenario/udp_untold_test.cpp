@@ -139,6 +139,22 @@ SCENARIO_F(UdpUntold, ASessionThatCameTooLateEndsWithItsSocket) {
   EXPECT_TRUE(GetRelayMgr().GetCreateResult(token, &late)) << "kept: the answer stays";
 }
 
+// Its token is the smallest there is.
+SCENARIO_F(UdpUntold, TheFirstSocketOfAProcessEndsItsSessionToo) {
+  game.IsStartedBySockets();
+  const SOCKET s = Udp();
+  ASSERT_EQ(RecordOf(s).token, 1u);
+  ASSERT_TRUE(GetRelayMgr().CheckAndInit(3000));
+  const size_t before = HomeSockets();
+  StallWorker(600ms);
+  EXPECT_EQ(Sends(s, "hello"), 0);
+  RunFor(1s);
+  EXPECT_EQ(HomeSockets(), before + 1) << "a session that came too late";
+  closesocket(s);
+  RunFor(500ms);
+  EXPECT_EQ(HomeSockets(), before - 1);
+}
+
 SCENARIO_F(UdpUntold, ASessionCreatedAfterItsSocketWasClosedEndsAtOnce) {
   Begins();
   const SOCKET s = Udp();

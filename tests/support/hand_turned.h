@@ -26,6 +26,7 @@ class HandTurned final : public moru_vyr::lsp::IRelaySocketMgr {
     return sets_.Remove(s);
   }
   common::u32 NextToken() noexcept override { return ++token_; }
+  bool HasRoom(common::u32 sockets) const noexcept override { return sockets <= room; }
 
   // Runs one pass, which takes at most 10 ms.
   void Turn() {
@@ -34,6 +35,7 @@ class HandTurned final : public moru_vyr::lsp::IRelaySocketMgr {
   }
 
   std::map<SOCKET, Delegate*> delegates;  // of the sockets that are polled now
+  common::u32 room = 10'000;              // what HasRoom believes: the places for more sockets
 
  private:
   moru_vyr::lsp::SocketSets sets_;

@@ -83,8 +83,8 @@ TEST_F(DatagramHooks, SendToPassesItsArgumentsAndLeavesTheCountAlone) {
 
 // The caller says how much of an address is valid, and the next provider judges it.
 TEST_F(DatagramHooks, SendToPassesTheLengthOfTheAddressAsItIs) {
-  sockaddr_in room[2] = {server};
-  for (const int size : {-1, 0, 2, 15, 16, 17, 32}) {
+  sockaddr_in room[16] = {server};
+  for (const int size : {-1, 0, 2, 15, 16, 17, 32, 129, 256}) {
     EXPECT_EQ(WSPSendTo(next.socket, &buffer, 1, &bytes, 4, Generic(room[0]), size, &overlapped,
                         nullptr, &thread, &error),
               0);

@@ -416,6 +416,9 @@ TEST_F(QueueEdges, ASourceIsRestoredOnlyWhereThereIsOneAndItsQueueLives) {
   EXPECT_FALSE(RestoreUdpSource(record, &buffer, 1, &from, nullptr)) << "nothing has come";
   EXPECT_FALSE(RestoreUdpSource(record, &buffer, 1, &from, &received)) << "the session is gone";
   EXPECT_TRUE(Same(from, kEdgeRelay));
+  sockaddr_in stranger = kEdgeServer;
+  EXPECT_FALSE(RestoreUdpSource(record, &buffer, 1, &stranger, &received));
+  EXPECT_TRUE(Same(stranger, kEdgeServer)) << "it did not come through the relay";
 }
 
 TEST_F(QueueEdges, ASendWithoutBuffersHasNothingToTakeBack) {

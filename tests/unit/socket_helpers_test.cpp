@@ -16,6 +16,7 @@ namespace moru_vyr::lsp {
 namespace {
 
 constexpr SOCKET kUnbound = 4321;
+constexpr int kNoError = -1;  // a bind that fails and does not say why
 
 // The next provider's answers, call by call, and its arguments.
 struct NextBind {
@@ -34,7 +35,7 @@ int WSPAPI AnswerBind(SOCKET s, const sockaddr* name, int name_size, LPINT error
   next_bind->sockets.push_back(s);
   const int answer = call < next_bind->errors.size() ? next_bind->errors[call] : next_bind->then;
   if (answer == 0) return 0;
-  *error = answer;
+  if (answer != kNoError) *error = answer;
   return SOCKET_ERROR;
 }
 
@@ -110,6 +111,13 @@ TEST_F(BindThroughNextProvider, AnyOtherErrorEndsItAtOnce) {
   EXPECT_FALSE(Bind(nullptr));
   EXPECT_EQ(bind.addresses.size(), 2u);
   EXPECT_TRUE(log.Contains("BindRandomPort bind, err=10022, socket=4321")) << log.Text();
+}
+
+TEST_F(BindThroughNextProvider, AFailureThatIsNotExplainedEndsItAtOnce) {
+  bind.errors = {kNoError};
+  EXPECT_FALSE(Bind(nullptr));
+  EXPECT_EQ(bind.addresses.size(), 1u);
+  EXPECT_TRUE(log.Contains("BindRandomPort bind, err=0, socket=4321")) << log.Text();
 }
 
 TEST_F(BindThroughNextProvider, WithoutATableNothingIsCalled) {

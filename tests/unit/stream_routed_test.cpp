@@ -10,14 +10,16 @@
 
 #include "abi/mending_formats.h"
 #include "common/process_info.h"
+#include "relay/nego_common.h"
 #include "sockets/socket_map.h"
 #include "stream/tcp_provider.h"
+#include "tests/support/direct_stream.h"
 #include "tests/support/hand_turned.h"
 #include "tests/support/loopback.h"
 #include "tests/support/mended.h"
 #include "tests/support/route_fixture.h"
-#include "tests/unit/direct_stream.h"
 #include "tests/unit/out_of_memory.h"
+#include "tracker/tracker.h"
 
 #ifndef _WIN32
 #include "port/shared/faults.h"
@@ -160,6 +162,10 @@ TEST_F(RacingStream, AnOverdueWayIsGivenUpAfterFiveSeconds) {
   port::ClearFaults();
   EXPECT_EQ(SocketsOf("TcpSession::CloseTry, about to close "), std::vector<SOCKET>{first});
   EXPECT_FALSE(IsPolled(first));
+  EXPECT_TRUE(log.Contains("[Tracker] RecordNegFailed socket=" + std::to_string(first) +
+                           ", neg_type=0, nego_result=" + std::to_string(kNegoTimedOut)))
+      << log.Text();
+  EXPECT_EQ(GetTracker().Find(first), nullptr) << "it is watched no longer";
 }
 #endif
 

@@ -3,6 +3,7 @@
 // and sockets that nobody owns any more.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <list>
 #include <memory>
@@ -16,8 +17,9 @@
 #include "stream/postponed_connect.h"
 #include "stream/tcp_session.h"
 #include "stream/wake_socket.h"
-#include "tests/unit/direct_stream.h"
+#include "tests/support/direct_stream.h"
 #include "tests/unit/out_of_memory.h"
+#include "tracker/tracker.h"
 
 #ifndef _WIN32
 #include "port/shared/faults.h"
@@ -126,6 +128,84 @@ TEST_F(OwingStream, OwesWhatTheServerHasNotTaken) {
   EXPECT_TRUE(provider.OwesServers());
 }
 
+// What a game that has ended is owed has no receiver, and its server is read to its end.
+TEST_F(OwingStream, AGameThatHasEndedHoldsNoServerBack) {
+  Joins();
+  test::MakeNonBlocking(server);
+  const std::string piece(65536, 'x');
+  const auto sends = [&](SOCKET s) {
+    const int n = send(s, piece.data(), static_cast<int>(piece.size()), 0);
+    loop.Turn();
+    return n > 0;
+  };
+  for (int i = 0, refused = 0; i < 2000 && refused < 5; ++i)
+    refused = sends(server) ? 0 : refused + 1;
+  for (int i = 0; i < 500 && !provider.OwesServers(); ++i) sends(game);
+  ASSERT_TRUE(provider.OwesServers());
+  ASSERT_EQ(shutdown(game, SD_SEND), 0);
+  for (int i = 0; i < 20; ++i) loop.Turn();
+  EXPECT_FALSE(log.Contains(kSessionRemoved));
+  ASSERT_EQ(shutdown(server, SD_SEND), 0);
+  for (int i = 0; i < 500 && !log.Contains(kSessionRemoved); ++i) loop.Turn();
+  EXPECT_TRUE(log.Contains(kSessionRemoved));
+}
+
+struct HeldBackStream : DirectStream {
+  HeldBackStream() : DirectStream(kMendStart | kMendHalfClose) {}
+};
+
+// Its end would be readable forever.
+TEST_F(HeldBackStream, IsNotReadAgainAfterItsEnd) {
+  Joins();
+  test::MakeNonBlocking(server);
+  std::string bytes(65536, 'x');
+  const int size = static_cast<int>(bytes.size());
+  for (int i = 0, refused = 0; i < 2000 && refused < 5; ++i) {
+    refused = send(game, bytes.data(), size, 0) > 0 ? 0 : refused + 1;
+    loop.Turn();
+  }
+  ASSERT_EQ(shutdown(game, SD_SEND), 0);
+  int n = SOCKET_ERROR;
+  for (int i = 0; i < 5000 && n != 0; ++i) {
+    n = recv(server, bytes.data(), size, 0);
+    loop.Turn();
+  }
+  EXPECT_EQ(n, 0) << "the server has heard all of it";
+  for (int i = 0; i < 5; ++i) loop.Turn();
+  const std::string text = log.Whole(), end = "[TCP]TcpSession::StopSending, side=local, ";
+  ASSERT_NE(text.find(end), text.npos);
+  EXPECT_EQ(text.find(end), text.rfind(end));
+}
+
+// --- places ------------------------------------------------------------------------------------
+
+struct CrowdedStreams : DirectStream {
+  explicit CrowdedStreams(u32 bits = 0) : DirectStream(bits) {}
+  bool HasRoomIn(u32 places) {
+    loop.room = places;
+    return provider.HasRoomForSession();
+  }
+};
+
+// A session has two ends, and those that wait for their games will need places, too.
+TEST_F(CrowdedStreams, NeedAPlaceForEachSocketOfASession) {
+  EXPECT_FALSE(HasRoomIn(1));
+  EXPECT_TRUE(HasRoomIn(2));
+  ASSERT_TRUE(Request(5, htons(4000)));
+  EXPECT_FALSE(HasRoomIn(3));
+  EXPECT_TRUE(HasRoomIn(4));
+}
+
+struct CrowdedRaces : CrowdedStreams {
+  CrowdedRaces() : CrowdedStreams(kMendFallback) {}
+};
+
+// And up to three ways at a time.
+TEST_F(CrowdedRaces, NeedAPlaceForEachSocketOfASession) {
+  EXPECT_FALSE(HasRoomIn(3));
+  EXPECT_TRUE(HasRoomIn(4));
+}
+
 #ifndef _WIN32
 struct RefusedStream : DirectStream {};
 
@@ -157,6 +237,18 @@ TEST_F(RefusedStream, EndsWithItsGame) {
 #ifndef _WIN32
 struct ResetStream : DirectStream {
   ResetStream() : DirectStream(kMendReset) {}
+  // Whether the end of the session closes the remote socket, of which a receive fails so.
+  bool IsClosedWithItsSession(int error) {
+    Joins();
+    const SOCKET remote = RemoteSide();
+    EXPECT_EQ(send(server, "x", 1, 0), 1);
+    port::FailCall("recv", 1, static_cast<DWORD>(error));
+    for (int i = 0; i < 500 && !log.Contains(kSessionRemoved); ++i) loop.Turn();
+    port::ClearFaults();
+    EXPECT_TRUE(log.Contains(kSessionRemoved));
+    return log.Contains(
+        "[TCP]CloseObsoleteSession, about to close socket=" + std::to_string(remote) + ",");
+  }
 };
 
 // The loss shows when the game's bytes are sent on, before anything is read.
@@ -167,6 +259,29 @@ TEST_F(ResetStream, ALossThatASendFindsIsAResetForTheGame) {
   for (int i = 0; i < 500 && port::CallCount("send") == 0; ++i) loop.Turn();
   port::ClearFaults();
   EXPECT_EQ(Reads(game), End("", "reset"));
+}
+
+TEST_F(ResetStream, ASocketThatHasLostItsConnectionIsClosedBeforeItsSession) {
+  EXPECT_FALSE(IsClosedWithItsSession(WSAECONNRESET)) << log.Text();
+}
+
+TEST_F(ResetStream, ASocketThatHadAnotherErrorIsClosedWithItsSession) {
+  EXPECT_TRUE(IsClosedWithItsSession(WSAENOBUFS)) << log.Text();
+}
+
+// Not every system clears the last error where a call succeeds.
+TEST_F(ResetStream, ByteCountsDoNotDependOnAnEarlierLastError) {
+  Joins();
+  const SOCKET remote = RemoteSide();
+  ASSERT_EQ(send(server, "hello", 5, 0), 5);
+  ASSERT_TRUE(test::BecomesReadable(remote));
+  port::SuccessKeepsLastError(true);
+  WSASetLastError(WSAEWOULDBLOCK);
+  loop.delegates.at(remote)->OnReadable(remote);
+  port::SuccessKeepsLastError(false);
+  const SocketQosRecord* const record = GetTracker().Find(remote);
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(record->total_recv_bytes, 5u);
 }
 
 struct FastStream : DirectStream {
@@ -200,6 +315,36 @@ TEST_F(FastStream, MovesEightPiecesInAPass) {
   if (sent >= size) {
     EXPECT_EQ(pieces, 8);
   }
+}
+
+// The sets may have had no place for the request when it was made.
+TEST_F(FastStream, AsksForRoomAgainAtEachUpdate) {
+  Joins();
+  test::MakeNonBlocking(server);
+  const SOCKET local = LocalSide();
+  constexpr SOCKET kOthers = 0x100000;
+  for (SOCKET s = kOthers; s < kOthers + FD_SETSIZE; ++s) {
+    loop.AddSocket(s, nullptr);
+    loop.EnableWrite(s);
+  }
+  std::string bytes(65536, 'x');
+  const int size = static_cast<int>(bytes.size());
+  int sent = 0, got = 0;
+  for (int i = 0; i < 500 && !provider.OwesServers(); ++i) {
+    sent += std::max(0, send(game, bytes.data(), size, 0));
+    loop.delegates.at(local)->OnReadable(local);
+  }
+  ASSERT_TRUE(provider.OwesServers());
+  for (SOCKET s = kOthers; s < kOthers + FD_SETSIZE; ++s) loop.RemoveSocket(s);
+  const auto reads = [&] {
+    loop.Turn();
+    got += std::max(0, recv(server, bytes.data(), size, 0));
+  };
+  for (int i = 0; i < 100; ++i) reads();
+  EXPECT_LT(got, sent) << "nobody knows that there is room";
+  provider.OnUpdate(31);
+  for (int i = 0; i < 500 && got < sent; ++i) reads();
+  EXPECT_EQ(got, sent);
 }
 #endif
 

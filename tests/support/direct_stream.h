@@ -16,14 +16,16 @@
 namespace moru_vyr::lsp {
 
 // A connection to a server of the test's own, which is on no table, so that it is reached directly.
-struct DirectStream : testing::Test {
-  explicit DirectStream(u32 bits = 0) : mended(bits) {
+// `World` is the base of the suite's tests.
+template <class World>
+struct DirectStreamIn : World {
+  explicit DirectStreamIn(u32 bits = 0) : mended(bits) {
     test::StartWinsock();
     listener.Reset(test::BoundSocket(SOCK_STREAM, &server_addr));
     EXPECT_EQ(listen(listener, 4), 0);
     EXPECT_TRUE(provider.Init(&loop, &route));
   }
-  ~DirectStream() override { provider.Uninit(); }
+  ~DirectStreamIn() override { provider.Uninit(); }
 
   bool Request(SOCKET from, u16 port, std::shared_ptr<PostponedConnect> postponed = nullptr) {
     return provider.RequestTcpRelaySession(from, port, &server_addr, &relay_addr, &relay_len, 9,
@@ -40,6 +42,15 @@ struct DirectStream : testing::Test {
     ASSERT_NE(SOCKET{server}, INVALID_SOCKET);
     for (int i = 0; i < 3; ++i) loop.Turn();
   }
+  // The socket that the first log line with these words names; INVALID_SOCKET: there is none.
+  SOCKET SocketOf(const std::string& words) const {
+    const std::string text = log.Text();
+    const std::size_t line = text.find(words), value = text.find("socket=", line);
+    if (line == text.npos || value == text.npos) return INVALID_SOCKET;
+    return static_cast<SOCKET>(std::stoul(text.substr(value + 7)));
+  }
+  SOCKET LocalSide() const { return SocketOf("[TCP]OnLocalServerAcceptable. peer_port="); }
+  SOCKET RemoteSide() const { return SocketOf("[TCP]ConnectToRemoteServer remote socket="); }
   // "bytes" and how the stream ended: "" not yet, "closed", "reset".
   std::pair<std::string, std::string> Reads(SOCKET s) {
     test::MakeNonBlocking(s);
@@ -67,5 +78,7 @@ struct DirectStream : testing::Test {
   sockaddr* relay_addr = nullptr;
   int relay_len = 0;
 };
+
+using DirectStream = DirectStreamIn<testing::Test>;
 
 }  // namespace moru_vyr::lsp
