@@ -12,6 +12,8 @@ inline constexpr const char* kStyleNames[] = {"blocks", "selects", "waits for ev
 
 // Each call waits at most that long, so that no thread waits for ever for what a fault has taken.
 inline constexpr DWORD kPatienceMs = 60'000;
+// How often a reader of a quiet flow looks whether it is to go on.
+inline constexpr DWORD kIdleLookMs = 5000;
 
 class Caller {
  public:
