@@ -15,6 +15,10 @@ inline constexpr DWORD kPatienceMs = 60'000;
 // How often a reader of a quiet flow looks whether it is to go on.
 inline constexpr DWORD kIdleLookMs = 5000;
 
+// How often a call that waits looks by itself whether it may go on; for worlds in which that would
+// be most of what happens.
+void LookAgainEvery(DWORD ms);
+
 class Caller {
  public:
   Caller(SOCKET s, Style style);

@@ -6,6 +6,9 @@
 // The faults of a world are a list. A failure is run again with parts of its list, and the smallest
 // part that still fails is printed with the command that runs exactly that. VYR_SWARM_SEEDS=500
 // runs more worlds than usual, VYR_SWARM_FIRST=1001 other ones; scripts/swarm.sh counts by hours.
+//
+// LongPlay has the same world for hours, which are quiet for the most part (whole_course.h). At the
+// end nothing may be there that was not there after the first minutes.
 #include <cstdio>
 #include <cstdlib>
 

@@ -108,6 +108,7 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   void CountBlocks();
   void ExpectNothingIsLeft();
   void ExpectNoMoreBlocks();
+  bool TimersRest();
   void ExpectPlaysOn();
   std::string NewObjects() const;
 
@@ -189,6 +190,7 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   std::map<std::string, long> base_blocks_;        // of long play, by who has allocated them
   bool worker_is_ended_ = false, reporter_is_ended_ = false, game_thread_is_ended_ = false;
   bool timers_may_rest_ = false;  // until the tick counter has caught up, which takes seven weeks
+  bool timers_rest_ = false;
   bool is_over_ = false;
 };
 
