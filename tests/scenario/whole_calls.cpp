@@ -12,6 +12,7 @@ using namespace sim_test;  // NOLINT: the verbs of these tests
 
 constexpr size_t kLargest = 65536;
 DWORD look_again_ms = 500;  // an event may have been lost
+DWORD look_rest_ms = 0;
 constexpr DWORD kPendingMs = 5000;
 
 void Limit(SOCKET s, DWORD ms) {
@@ -36,7 +37,10 @@ class Patience {
 
 }  // namespace
 
-void LookAgainEvery(DWORD ms) { look_again_ms = ms; }
+void LookAgainEvery(DWORD ms, DWORD rest_ms) {
+  look_again_ms = ms;
+  look_rest_ms = rest_ms;
+}
 
 struct Caller::Late {
   WSAOVERLAPPED overlapped = {};
@@ -167,7 +171,10 @@ int Caller::ResultOfLate(Late* late, DWORD ms, DWORD* bytes) const {
   do {
     AwaitEvent(late->overlapped.hEvent, std::min(ms, look_again_ms));
     const int error = ResultOf(s_, &late->overlapped, bytes);
-    if (error == kNotYet) continue;
+    if (error == kNotYet) {
+      if (look_rest_ms > 0) Sleep(look_rest_ms);
+      continue;
+    }
     late->pending = false;
     return error;
   } while (patience.IsLeft());

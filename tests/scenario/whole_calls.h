@@ -16,8 +16,9 @@ inline constexpr DWORD kPatienceMs = 60'000;
 inline constexpr DWORD kIdleLookMs = 5000;
 
 // How often a call that waits looks by itself whether it may go on; for worlds in which that would
-// be most of what happens.
-void LookAgainEvery(DWORD ms);
+// be most of what happens. After a look for nothing it rests: an event may be that of the call
+// before, and set for as long as the game waits.
+void LookAgainEvery(DWORD ms, DWORD rest_ms);
 
 class Caller {
  public:

@@ -39,7 +39,7 @@ WholeWorld::WholeWorld(const Course& course, const FaultList& faults, const test
   node_processes_ = {&a.process(), &b.process(), nullptr};
   if (course_.IsLong()) {
     node_step_ms_ = kIdleStepMs;
-    LookAgainEvery(kIdleLookMs);
+    LookAgainEvery(kIdleLookMs, 20);
     PollLateCallsEvery(kIdleLookMs);
     for (const size_t which : {0, 1}) {
       world.Kill(*node_processes_[which]);
