@@ -123,6 +123,7 @@ void WholeWorld::Live() {
   RunFor(1s);
   ExpectNothingIsLeft();
   ExpectPlaysOn();
+  if (course_.IsLong() && !timers_rest_ && !worker_is_ended_) ExpectSilenceIsNoticed();
   const DWORD begin = GetTickCount();
   EXPECT_EQ(WSACleanup(), 0);
   EXPECT_LE(GetTickCount() - begin, IsMended() ? 5500u : 410u);
@@ -217,6 +218,19 @@ std::string WholeWorld::NewObjects() const {
   for (const auto& [value, object] : OpenObjects())
     if (base_objects_.count(value) == 0) text += object + "\n";
   return text;
+}
+
+// Nodes that do not answer cost a stream time, and not its life: the relay's timers see to it.
+void WholeWorld::ExpectSilenceIsNoticed() {
+  for (size_t i = 0; i < kNodes; ++i) BehaviourOf(i).on_request = node::Behaviour::kSilent;
+  serve = Echo;
+  const SOCKET s = Tcp();
+  Caller caller(s, Style::kBlocks);
+  char bytes[16];
+  if (caller.Connect(kServer, kPort) == 0 && caller.Send("anyone there", 12) == 12)
+    EXPECT_NE(caller.Receive(bytes, sizeof bytes), -WSAETIMEDOUT);
+  caller.Close();
+  for (size_t i = 0; i < kNodes; ++i) BehaviourOf(i) = {};
 }
 
 void WholeWorld::ExpectPlaysOn() {

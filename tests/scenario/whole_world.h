@@ -110,6 +110,7 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   void ExpectNoMoreBlocks();
   bool TimersRest();
   void ExpectPlaysOn();
+  void ExpectSilenceIsNoticed();
   std::string NewObjects() const;
 
   // whole_streams.cpp
