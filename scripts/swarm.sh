@@ -2,9 +2,11 @@
 # Runs random worlds in which everything happens at once (tests/scenario/whole_swarm_test.cpp), for
 # as many simulated hours as are asked for.
 #
-#   scripts/swarm.sh --hours N [--seed S] [--jobs J] [--no-build]
+#   scripts/swarm.sh --hours N [--long] [--seed S] [--jobs J] [--no-build]
 #
 #   --hours N    simulated hours, all worlds together
+#   --long       worlds of long play, which are quiet for most of their two to twelve hours,
+#                instead of those of forty seconds
 #   --seed S     the first seed; 1 if it is not given
 #   --jobs J     processes at a time; 1 if it is not given
 #   --no-build   takes build/sim-release as it is
@@ -13,12 +15,13 @@
 # the fewest faults that still fail, and the command that runs exactly these. Exit code: 0 nothing
 # failed, 1 a world failed, 2 wrong arguments or no build.
 set -u
-usage() { sed -n '2,14s/^# \{0,1\}//p' "$0"; }
-hours="" seed=1 jobs=1 build=yes
+usage() { sed -n '2,16s/^# \{0,1\}//p' "$0"; }
+hours="" seed=1 jobs=1 build=yes suite=WholeSwarm worlds=20  # a process runs so many
 while [ $# -gt 0 ]; do
   case "$1" in
     -h|--help) usage; exit 0 ;;
     --no-build) build=no; shift; continue ;;
+    --long) suite=LongPlay worlds=2; shift; continue ;;
     --hours|--seed|--jobs) ;;
     *) echo "swarm.sh: what is $1?" >&2; usage >&2; exit 2 ;;
   esac
@@ -44,7 +47,6 @@ fi
 tests=build/sim-release/tests/scenario_tests
 [ -x "$tests" ] || { echo "swarm.sh: $tests is not there; leave out --no-build" >&2; exit 2; }
 
-worlds=20  # a process runs
 work=$(mktemp -d -t vyr-swarm.XXXXXX) || exit 2
 trap 'rm -rf "$work"' EXIT
 begin=$(date +%s.%N)
@@ -54,7 +56,7 @@ while :; do
   for ((job = 0; job < jobs; job++)); do
     file=$work/$next
     VYR_SWARM_FIRST=$next VYR_SWARM_SEEDS=$worlds "$tests" \
-      --gtest_filter='WholeSwarm.*' >"$file" 2>&1 &
+      --gtest_filter="$suite.*" >"$file" 2>&1 &
     pids+=($!) files+=("$file")
     next=$((next + worlds))
   done

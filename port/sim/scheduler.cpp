@@ -172,17 +172,17 @@ bool Scheduler::CanRun(const Thread& thread) const {
 }
 
 Thread* Scheduler::PickReady() {
-  std::vector<Thread*> ready;
+  ready_.clear();
   Thread* idle = nullptr;
   for (const auto& thread : threads_) {
     if (!CanRun(*thread)) continue;
     if (thread->wait_ && thread->wait_->when_idle)
       idle = idle ? idle : thread.get();
     else
-      ready.push_back(thread.get());
+      ready_.push_back(thread.get());
   }
-  if (ready.empty()) return idle;
-  return ready.size() == 1 ? ready[0] : ready[dice_.Below(ready.size())];
+  if (ready_.empty()) return idle;
+  return ready_.size() == 1 ? ready_[0] : ready_[dice_.Below(ready_.size())];
 }
 
 // Never null: if no thread can run, the world fails with a report.
@@ -263,7 +263,8 @@ std::string Scheduler::Report() const {
     } else if (!thread->wait_) {
       line += thread.get() == current_ ? "running" : "ready to run";
     } else {
-      line += "waits for " + thread->wait_->what;
+      const Wait& wait = *thread->wait_;
+      line += "waits for " + (wait.says ? wait.says() : wait.what);
       line += thread->wait_->deadline == kForever ? ", for ever"
                                                   : ", until " + Seconds(thread->wait_->deadline);
     }

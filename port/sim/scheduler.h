@@ -33,7 +33,8 @@ class Process;
 struct Wait {
   std::function<bool()> ready;  // null: only the deadline ends the wait
   Micros deadline = kForever;
-  std::string what;        // for the report: "mutex \"vyr_route_named_mutex\", held by game/main"
+  std::string what;                   // for the report: "time to pass (Sleep)"
+  std::function<std::string()> says;  // instead, where the text takes time and is seldom needed
   bool when_idle = false;  // resumes only when no other thread can run; for the test's own waits
 };
 
@@ -167,6 +168,7 @@ class Scheduler {
   std::vector<ThreadRef> threads_;
   std::vector<ThreadRef> ended_;  // never run again; their stacks may still refer to these records
   std::vector<Event> events_;     // a heap, the earliest first
+  std::vector<Thread*> ready_;    // of PickReady, which keeps its memory
 };
 
 }  // namespace sim

@@ -66,7 +66,7 @@ int Select(const Process& process, fd_set* read, fd_set* write, fd_set* except,
     Scheduler& scheduler = TheWorld().scheduler();
     Wait wait;
     wait.ready = any_ready;
-    wait.what = Format("select on %zu handles", watched);
+    wait.says = [watched] { return Format("select on %zu handles", watched); };
     if (timeout) wait.deadline = scheduler.now() + most;
     scheduler.Block(wait);
   }

@@ -17,7 +17,7 @@ int WaitUntil(Socket& socket, const char* call, DWORD timeout_ms,
   Scheduler& scheduler = TheWorld().scheduler();
   Wait wait;
   wait.ready = [&] { return socket.closed || ready(); };
-  wait.what = Format("%s on socket %u", call, socket.handle);
+  wait.says = [call, &socket] { return Format("%s on socket %u", call, socket.handle); };
   if (timeout_ms != 0 && timeout_ms != INFINITE)
     wait.deadline = scheduler.now() + Micros{timeout_ms} * 1000;
   const bool in_time = scheduler.Block(wait);

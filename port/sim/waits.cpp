@@ -92,7 +92,7 @@ DWORD WaitFor(Waitable& object, DWORD timeout_ms) {
     if (timeout_ms == 0) return WAIT_TIMEOUT;
     Wait wait;
     wait.ready = [&] { return object.Ready(self); };
-    wait.what = object.Describe();
+    wait.says = [&object] { return object.Describe(); };
     Scheduler& scheduler = TheWorld().scheduler();
     if (timeout_ms != INFINITE) wait.deadline = scheduler.now() + Micros{timeout_ms} * 1000;
     if (!scheduler.Block(wait)) return WAIT_TIMEOUT;

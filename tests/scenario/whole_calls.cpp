@@ -11,7 +11,8 @@ namespace {
 using namespace sim_test;  // NOLINT: the verbs of these tests
 
 constexpr size_t kLargest = 65536;
-constexpr DWORD kLookAgainMs = 500;  // an event may have been lost
+DWORD look_again_ms = 500;  // an event may have been lost
+DWORD look_rest_ms = 0;
 constexpr DWORD kPendingMs = 5000;
 
 void Limit(SOCKET s, DWORD ms) {
@@ -35,6 +36,11 @@ class Patience {
 };
 
 }  // namespace
+
+void LookAgainEvery(DWORD ms, DWORD rest_ms) {
+  look_again_ms = ms;
+  look_rest_ms = rest_ms;
+}
 
 struct Caller::Late {
   WSAOVERLAPPED overlapped = {};
@@ -82,7 +88,7 @@ int Caller::Connect(const char* ip, int port) {
 
 int Caller::AwaitConnection() {
   for (const Patience patience(kPatienceMs); patience.IsLeft();) {
-    const std::string in = Readiness(s_, static_cast<int>(kLookAgainMs));
+    const std::string in = Readiness(s_, static_cast<int>(look_again_ms));
     if (in.find('e') != std::string::npos && in.rfind("error", 0) != 0) return WSAECONNREFUSED;
     if (in.find('w') != std::string::npos) return 0;
     if (in.rfind("error", 0) == 0) Sleep(10);  // a failure that a fault has made
@@ -91,7 +97,7 @@ int Caller::AwaitConnection() {
 }
 
 void Caller::AwaitChance(bool writes, DWORD ms) const {
-  ms = std::min(ms, kLookAgainMs);
+  ms = std::min(ms, look_again_ms);
   if (style_ == Style::kWaitsForEvents) {
     AwaitEvent(event_, ms);
     TakeEvents(s_, event_);
@@ -109,7 +115,7 @@ int Caller::Send(const char* bytes, int size) {
   for (const Patience patience(kPatienceMs); patience.IsLeft();) {
     const int n = SendOnce(bytes, size);
     if (n != -WSAEWOULDBLOCK || style_ == Style::kBlocks) return n;
-    AwaitChance(true, kLookAgainMs);
+    AwaitChance(true, look_again_ms);
   }
   return -WSAETIMEDOUT;
 }
@@ -118,7 +124,7 @@ int Caller::Receive(char* bytes, int size) {
   for (const Patience patience(kPatienceMs); patience.IsLeft();) {
     const int n = ReceiveOnce(bytes, size);
     if (n != -WSAEWOULDBLOCK || style_ == Style::kBlocks) return n;
-    AwaitChance(false, kLookAgainMs);
+    AwaitChance(false, look_again_ms);
   }
   return -WSAETIMEDOUT;
 }
@@ -163,9 +169,12 @@ int Caller::ReceiveOnce(char* bytes, int size) {
 int Caller::ResultOfLate(Late* late, DWORD ms, DWORD* bytes) const {
   const Patience patience(ms);
   do {
-    AwaitEvent(late->overlapped.hEvent, std::min(ms, kLookAgainMs));
+    AwaitEvent(late->overlapped.hEvent, std::min(ms, look_again_ms));
     const int error = ResultOf(s_, &late->overlapped, bytes);
-    if (error == kNotYet) continue;
+    if (error == kNotYet) {
+      if (look_rest_ms > 0) Sleep(look_rest_ms);
+      continue;
+    }
     late->pending = false;
     return error;
   } while (patience.IsLeft());
@@ -232,7 +241,7 @@ void Caller::Close() {
     CloseHandle(late->overlapped.hEvent);
   }
   if (event_ != nullptr) {
-    Sleep(kLookAgainMs);  // what watches the socket has noticed
+    Sleep(500);  // what watches the socket has noticed
     CloseHandle(event_);
   }
   s_ = INVALID_SOCKET;

@@ -12,6 +12,13 @@ inline constexpr const char* kStyleNames[] = {"blocks", "selects", "waits for ev
 
 // Each call waits at most that long, so that no thread waits for ever for what a fault has taken.
 inline constexpr DWORD kPatienceMs = 60'000;
+// How often a reader of a quiet flow looks whether it is to go on.
+inline constexpr DWORD kIdleLookMs = 5000;
+
+// How often a call that waits looks by itself whether it may go on; for worlds in which that would
+// be most of what happens. After a look for nothing it rests: an event may be that of the call
+// before, and set for as long as the game waits.
+void LookAgainEvery(DWORD ms, DWORD rest_ms);
 
 class Caller {
  public:

@@ -15,6 +15,7 @@ using moru_vyr::lsp::RouteTableImage;
 using sim::Random;
 
 constexpr moru_vyr::lsp::u32 kLastNode = 1;
+constexpr DWORD kOftenestTablesMs = 120'000;
 
 // Half of all worlds have everything mended, unless the environment says what is.
 moru_vyr::lsp::u32 MendedIn(uint64_t seed) {
@@ -40,12 +41,21 @@ void WholeWorld::StartReader() {
   world.SpawnOn(world.home().host, "client", [this] {
     while (!is_over_) {
       reports_.Take();
-      Sleep(300);
+      Sleep(course_.IsLong() ? 2000 : 300);
+    }
+  });
+  if (!course_.IsLong()) return;
+  world.SpawnOn(world.home().host, "tables", [this] {
+    Random random(sim::Scattered(world.seed() ^ 0x7461626c6573));
+    while (!is_over_) {
+      Sleep(kOftenestTablesMs + static_cast<DWORD>(random.Below(kOftenestTablesMs)));
+      WriteTables(tables_);
     }
   });
 }
 
 void WholeWorld::WriteTables(uint64_t variant) {
+  tables_ = variant;
   Random random(variant);
   const bool usual = variant == 0;
   auto image = std::make_unique<RouteTableImage>();

@@ -7,24 +7,26 @@
 
 namespace whole_test {
 
-void WholeWorld::PlanTalker() {
+void WholeWorld::PlanTalker(const Stretch& stretch) {
   Talker& talker = talkers_.emplace_back();
-  talker.starts_ms = static_cast<DWORD>(Below(kPlayMs / 2));
+  talker.starts_ms = static_cast<DWORD>(Below(stretch.length_ms / 2));
   const DWORD pauses[] = {3, 40, 300, 300};
   talker.pause_ms = Any(pauses);
   talker.stays_ms = static_cast<DWORD>(Below(Chance(70) ? 3000 : 15'000));
   talker.reads = Chance(85);
   talker.style = static_cast<Style>(Below(4));
   const size_t servers = 1 + static_cast<size_t>(Below(std::size(kServers)));
-  for (size_t n = 1 + Below(Chance(50) ? 40 : 150); n > 0; --n) {
-    const size_t id = said_.size();
-    Said& one = said_.emplace_back();
-    one.ip = kServers[Below(servers)];
-    one.port = Chance(80) ? kPort : kOtherPort;
-    const size_t size = Chance(2) ? 2020 + Below(60) : kIdSize + Below(Chance(50) ? 4 : 200);
-    one.text = Noise(IdText(id), world.seed() * 100'000 + id, size);
-    talker.says.push_back(id);
-  }
+  for (size_t n = 1 + Below(Chance(50) ? 40 : 150); n > 0; --n) PlanDatagram(servers, &talker);
+}
+
+void WholeWorld::PlanDatagram(size_t servers, Talker* talker) {
+  const size_t id = said_.size();
+  Said& one = said_.emplace_back();
+  one.ip = kServers[Below(servers)];
+  one.port = Chance(80) ? kPort : kOtherPort;
+  const size_t size = Chance(2) ? 2020 + Below(60) : kIdSize + Below(Chance(50) ? 4 : 200);
+  one.text = Noise(IdText(id), world.seed() * 100'000 + id, size);
+  talker->says.push_back(id);
 }
 
 void WholeWorld::Talk(Talker* talker) {
@@ -51,12 +53,12 @@ void WholeWorld::Talk(Talker* talker) {
     players_.push_back(reader);
   }
   for (size_t i = 1; i < talker->says.size(); ++i) {
-    Sleep(static_cast<DWORD>(random.Below(talker->pause_ms + 1)));
+    Sleep(talker->beat_ms + static_cast<DWORD>(random.Below(talker->pause_ms + 1)));
     Send(talker, talker->says[i]);
   }
   Sleep(talker->stays_ms);
   *over = true;
-  while (world.IsRunning(reader)) Sleep(5);
+  while (world.IsRunning(reader)) Sleep(std::max<DWORD>(5, talker->look_ms / 20));
   talker->caller->Close();
 }
 
@@ -69,7 +71,7 @@ void WholeWorld::Send(Talker* talker, size_t id) {
 void WholeWorld::Read(Talker* talker) {
   std::string text;
   sockaddr_in source = {};
-  const int error = talker->caller->ReceiveFrom(&text, &source, 100);
+  const int error = talker->caller->ReceiveFrom(&text, &source, talker->look_ms);
   if (error != 0) {
     if (error != WSAETIMEDOUT) Sleep(5);
     return;

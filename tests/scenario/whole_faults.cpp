@@ -18,6 +18,9 @@ namespace {
 using sim::Format;
 
 constexpr unsigned kMostFaults = 24;
+constexpr unsigned kMostFaultsOfMany = 8;  // of a busy stretch among others
+constexpr unsigned kMostQuietFaults = 2;
+constexpr uint64_t kLongestAbsenceMs = 600'000;
 constexpr const char* kNodeNames[] = {"A", "B", "C"};
 constexpr const char* kHostNames[] = {"A", "B", "C", "the server"};
 
@@ -50,10 +53,10 @@ uint64_t AnyCount(sim::Random* random, unsigned bits) {
   return 1 + random->Below(uint64_t{1} << random->Below(bits));
 }
 
-Fault Draw(FaultKind kind, sim::Random* random) {
+Fault Draw(FaultKind kind, uint32_t begin_ms, uint32_t length_ms, sim::Random* random) {
   Fault one;
   one.kind = kind;
-  one.at_ms = static_cast<uint32_t>(random->Below(kPlayMs));
+  one.at_ms = begin_ms + static_cast<uint32_t>(random->Below(length_ms));
   one.a = random->Next() >> 16;
   one.b = random->Next() >> 16;
   one.c = random->Next() >> 16;
@@ -104,6 +107,24 @@ Fault Draw(FaultKind kind, sim::Random* random) {
       break;
   }
   return one;
+}
+
+void DrawFaultsOf(const Stretch& stretch, bool is_one_of_many, sim::Random* random,
+                  FaultList* all) {
+  if (stretch.kind == Stretch::kSilent) return;
+  if (stretch.kind == Stretch::kQuiet) {
+    for (uint64_t n = random->Below(kMostQuietFaults + 1); n > 0; --n) {
+      all->push_back(Draw(FaultKind::kNodeDies, stretch.begin_ms, stretch.length_ms, random));
+      all->back().b = random->Below(kLongestAbsenceMs);
+    }
+    return;
+  }
+  for (uint64_t n = random->Below(is_one_of_many ? kMostFaultsOfMany : kMostFaults); n > 0; --n) {
+    FaultKind kind = AnyKind(random);
+    // After it, what is left cannot be checked: that is for few worlds.
+    if (is_one_of_many && kind == FaultKind::kGameThread) kind = FaultKind::kTables;
+    all->push_back(Draw(kind, stretch.begin_ms, stretch.length_ms, random));
+  }
 }
 
 }  // namespace
@@ -159,15 +180,18 @@ std::string Fault::Text() const {
   return when;
 }
 
-FaultList DrawFaults(uint64_t seed) {
+FaultList DrawFaults(uint64_t seed, const Course& course) {
   sim::Random random(sim::Scattered(seed ^ 0x6661756c74));
   FaultList all;
-  for (uint64_t n = random.Below(kMostFaults); n > 0; --n) {
-    all.push_back(Draw(AnyKind(&random), &random));
-  }
-  if (random.Below(100) < 40) all.push_back(Draw(FaultKind::kTickWraps, &random));
-  if (random.Below(100) < 6) all.push_back(Draw(FaultKind::kWorkerEnds, &random));
-  if (random.Below(100) < 4) all.push_back(Draw(FaultKind::kReporterEnds, &random));
+  for (const Stretch& stretch : course.stretches)
+    DrawFaultsOf(stretch, course.IsLong(), &random, &all);
+  const auto some_time = [&](unsigned percent, FaultKind kind) {
+    if (random.Below(100) < percent) all.push_back(Draw(kind, 0, course.length_ms(), &random));
+  };
+  some_time(40, FaultKind::kTickWraps);
+  some_time(6, FaultKind::kWorkerEnds);
+  some_time(4, FaultKind::kReporterEnds);
+  if (course.IsLong()) some_time(5, FaultKind::kGameThread);
   std::stable_sort(all.begin(), all.end(),
                    [](const Fault& x, const Fault& y) { return x.at_ms < y.at_ms; });
   return all;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/scenario/whole_course.h"
 #include "tests/support/shrink.h"
 
 namespace whole_test {
@@ -39,7 +40,6 @@ struct Fault {
 };
 using FaultList = std::vector<Fault>;
 
-inline constexpr uint32_t kPlayMs = 40'000;  // faults and new sockets happen in this time
 inline constexpr size_t kNodes = 3;
 inline constexpr size_t kMutexes = 7;
 
@@ -47,7 +47,8 @@ inline constexpr size_t kMutexes = 7;
 const char* CallOf(const Fault& fault);
 uint32_t ErrorOfCall(const Fault& fault);
 
-FaultList DrawFaults(uint64_t seed);
+// A long course has some in each busy stretch, and nodes that die in the quiet ones.
+FaultList DrawFaults(uint64_t seed, const Course& course);
 
 // VYR_SWARM_FAULTS=2,5 keeps these faults of the list, VYR_SWARM_FAULTS=none not one. Without it,
 // all.

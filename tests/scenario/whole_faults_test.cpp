@@ -16,7 +16,7 @@ constexpr uint64_t kSeeds = 300;
 TEST(WholeFaults, NeighbouringSeedsHaveNoFaultInCommon) {
   std::set<std::tuple<FaultKind, uint32_t, uint64_t, uint64_t, uint64_t>> seen;
   for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
-    for (const Fault& fault : DrawFaults(seed)) {
+    for (const Fault& fault : DrawFaults(seed, ShortCourse())) {
       EXPECT_TRUE(seen.insert({fault.kind, fault.at_ms, fault.a, fault.b, fault.c}).second)
           << "seed " << seed << ": " << fault.Text();
     }
@@ -27,7 +27,7 @@ TEST(WholeFaults, NeighbouringSeedsHaveNoFaultInCommon) {
 TEST(WholeFaults, EveryKindIsDrawn) {
   std::set<FaultKind> seen;
   for (uint64_t seed = 1; seed <= kSeeds; ++seed)
-    for (const Fault& fault : DrawFaults(seed)) seen.insert(fault.kind);
+    for (const Fault& fault : DrawFaults(seed, ShortCourse())) seen.insert(fault.kind);
   EXPECT_EQ(seen.size(), static_cast<size_t>(kFaultKinds));
 }
 

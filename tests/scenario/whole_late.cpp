@@ -13,7 +13,7 @@
 namespace whole_test {
 namespace {
 
-constexpr int kPollMs = 200;
+int poll_ms = 200;
 
 // One overlapped call.
 struct Operation {
@@ -108,7 +108,7 @@ int SendNow(Operation* one) {
 
 void CarryOut(Operation* one, HANDLE event) {
   while (true) {
-    const std::string state = StateOf(one->s, one->receives, !one->receives, kPollMs);
+    const std::string state = StateOf(one->s, one->receives, !one->receives, poll_ms);
     if (state == "x") {
       one->error = kCancelled;
       break;
@@ -233,7 +233,7 @@ void Observe(SOCKET s, Watch* watch) {
     const bool read = (watch->happened & (kReadEvent | kCloseEvent)) == 0;
     const bool write = !watch->is_writable;
     const bool waits = read || write;  // or else only for its end, and for the game to look
-    const std::string state = StateOf(s, read, write, waits ? kPollMs : 5);
+    const std::string state = StateOf(s, read, write, waits ? poll_ms : 5);
     if (state == "x") return;
     for (const char event : state) {
       if (event == 'w') watch->is_writable = true;
@@ -283,6 +283,8 @@ Entry OursIfPlain(Entry in_table, Entry plain, Entry ours) {
 }
 
 }  // namespace
+
+void PollLateCallsEvery(int ms) { poll_ms = ms; }
 
 const WSPPROC_TABLE& TableOf(SOCKET s) { return port::CurrentProcess().layers.TableOf(s); }
 

@@ -29,6 +29,9 @@ int SelectEvents(SOCKET s, HANDLE event, long events);
 long TakeEvents(SOCKET s, HANDLE event);
 int ResultOf(SOCKET s, WSAOVERLAPPED* overlapped, DWORD* bytes);
 
+// How often what carries out a call, or watches a socket, looks at it although nothing happens.
+void PollLateCallsEvery(int ms);
+
 class LateCalls {
  public:
   LateCalls();  // once the library has been started, for streams and for datagrams

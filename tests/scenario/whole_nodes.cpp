@@ -101,13 +101,13 @@ void WholeWorld::StartNode(size_t which) {
   node::NodeOptions options;
   options.listen = {host.addresses().front(), static_cast<common::u16>(7001 + which)};
   Behaviour* const behaviour = &BehaviourOf(which);
-  node_processes_[which] = &world.SpawnOn(host, "node-" + host.name(), [options, behaviour] {
+  node_processes_[which] = &world.SpawnOn(host, "node-" + host.name(), [this, options, behaviour] {
     for (;; Sleep(100)) {
       node::Node node(
           options, [](const node::Event&) {}, behaviour);
       std::string problem;
       if (!node.Start(&problem)) continue;  // a fault
-      for (;;) node.Step(node::SimNode::kStepMs);
+      for (;;) node.Step(node_step_ms_);
     }
   });
 }

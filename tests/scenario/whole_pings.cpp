@@ -18,10 +18,10 @@ std::string EchoRequest(int sequence) {
 
 }  // namespace
 
-void WholeWorld::PlanPinger() {
+void WholeWorld::PlanPinger(const Stretch& stretch) {
   Pinger& pinger = pingers_.emplace_back();
   pinger.server = Any(kServers);
-  pinger.starts_ms = static_cast<DWORD>(Below(kPlayMs / 2));
+  pinger.starts_ms = static_cast<DWORD>(Below(stretch.length_ms / 2));
   pinger.pings = 1 + static_cast<int>(Below(20));
 }
 
@@ -35,6 +35,7 @@ void WholeWorld::PingAll(Pinger* pinger) {
   ioctlsocket(s, static_cast<long>(FIONBIO), &on);
   if (ConnectTo(s, pinger->server, 0) == 0) {
     for (int sequence = 1; sequence <= pinger->pings; ++sequence) {
+      if (pinger->pause_ms > 0) Sleep(pinger->pause_ms);
       SendText(s, EchoRequest(sequence));
       for (int ms = 0; ms < 1000; ms += 20, Sleep(20)) {
         const std::string reply = Received(s);

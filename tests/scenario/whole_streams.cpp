@@ -7,17 +7,17 @@
 
 namespace whole_test {
 
-void WholeWorld::PlanStream() {
-  Stream& stream = streams_.emplace_back();
-  stream.id = streams_.size() - 1;
+void WholeWorld::PlanStream(const Stretch& stretch) {
+  Stream& one = streams_.emplace_back();
+  one.id = streams_.size() - 1;
   DrawStream({.servers = {std::begin(kServers), std::end(kServers)},
-              .latest_ms = kPlayMs,
+              .latest_ms = stretch.length_ms,
               .pauses_percent = 40,
               .long_percent = 30,
               .games = kAnyLeaving,
               .hosts = kAnyLeaving},
-             &stream);
-  stream.style = static_cast<Style>(Below(4));
+             &one);
+  one.style = static_cast<Style>(Below(4));
 }
 
 void WholeWorld::PlayStream(Stream* stream) {
@@ -71,9 +71,9 @@ std::string WholeWorld::LiveOn(Caller* caller, const Manner& manner, const std::
     players_.push_back(id);
     running->push_back(id);
   };
-  const auto all_end = [this, running] {
+  const auto all_end = [this, running, manner] {
     for (const DWORD id : *running)
-      while (world.IsRunning(id)) Sleep(5);
+      while (world.IsRunning(id)) Sleep(std::max<DWORD>(5, manner.pause_ms / 100));
   };
   in_a_thread(send_all);
   if (manner.leaving == Manner::kByReset) {

@@ -6,6 +6,9 @@
 // The faults of a world are a list. A failure is run again with parts of its list, and the smallest
 // part that still fails is printed with the command that runs exactly that. VYR_SWARM_SEEDS=500
 // runs more worlds than usual, VYR_SWARM_FIRST=1001 other ones; scripts/swarm.sh counts by hours.
+//
+// LongPlay has the same world for hours, which are quiet for the most part (whole_course.h). At the
+// end nothing may be there that was not there after the first minutes.
 #include <cstdio>
 #include <cstdlib>
 
@@ -17,12 +20,26 @@ using namespace whole_test;  // NOLINT
 using test::Kept;
 
 constexpr unsigned kUsualSeeds = 20;
+constexpr unsigned kUsualLongSeeds = 1;
 constexpr uint32_t kSetUpMs = 38'000;  // before the play begins, nearly
 constexpr unsigned kMostRuns = 150;    // to reduce one list
+constexpr uint64_t kStepsOfLongWorlds = 1'000'000'000;
 
-sim::ChildResult RunWorld(uint64_t seed, const Kept& kept) {
-  const FaultList faults = DrawFaults(seed);
+// Which worlds: what one is like follows from its seed alone.
+enum class Length { kShort, kLong };
+
+Course CourseOf(Length length, uint64_t seed) {
+  return length == Length::kShort ? ShortCourse() : DrawLongCourse(seed);
+}
+FaultList FaultsOf(Length length, uint64_t seed) {
+  return DrawFaults(seed, CourseOf(length, seed));
+}
+
+sim::ChildResult RunWorld(Length length, uint64_t seed, const Kept& kept) {
+  const Course course = CourseOf(length, seed);
+  const FaultList faults = DrawFaults(seed, course);
   sim::Options options;
+  if (course.IsLong()) options.max_steps = kStepsOfLongWorlds;
   options.seed = seed;
   for (const size_t at : kept) {
     if (faults[at].kind == FaultKind::kTickWraps)
@@ -31,7 +48,8 @@ sim::ChildResult RunWorld(uint64_t seed, const Kept& kept) {
   return sim::RunInChild(
       options,
       // Never freed: threads of the world that never end use it.
-      [&](sim::World&) { (new WholeWorld(faults, kept))->Live(); }, sim::GtestVerdict);
+      [&](sim::World&) { (new WholeWorld(course, faults, kept))->Live(); }, sim::GtestVerdict,
+      std::chrono::seconds(course.IsLong() ? 3600 : 120));
 }
 
 // What a passed world has printed of itself.
@@ -40,48 +58,56 @@ double SimulatedSeconds(const sim::ChildResult& result) {
   return at == std::string::npos ? 0 : std::atof(result.output.c_str() + at + 10) / 1000;
 }
 
-std::string Listed(uint64_t seed, const Kept& kept) {
-  const FaultList faults = DrawFaults(seed);
+std::string Listed(const FaultList& faults, const Kept& kept) {
   std::string text;
   for (const size_t at : kept) text += "  " + std::to_string(at) + ": " + faults[at].Text() + "\n";
   return text.empty() ? "  none at all\n" : text;
 }
 
-std::string Failure(uint64_t seed, const Kept& all) {
+std::string Failure(Length length, uint64_t seed, const Kept& all) {
   unsigned runs = 0;
   const bool is_chosen = std::getenv("VYR_SWARM_FAULTS") != nullptr;
   Kept kept = all;
   if (!is_chosen) {
-    kept = test::Smallest(all, [seed, &runs](const Kept& part) {
-      return ++runs <= kMostRuns && !RunWorld(seed, part).passed;
+    kept = test::Smallest(all, [length, seed, &runs](const Kept& part) {
+      return ++runs <= kMostRuns && !RunWorld(length, seed, part).passed;
     });
   }
-  const sim::ChildResult result = RunWorld(seed, kept);
+  const sim::ChildResult result = RunWorld(length, seed, kept);
   const auto* const info = testing::UnitTest::GetInstance()->current_test_info();
   const std::string name = std::string(info->test_suite_name()) + "." + info->name();
   return "the world of seed " + std::to_string(seed) + " " + result.HowItEnded() + ", with " +
          std::to_string(kept.size()) + " of " + std::to_string(all.size()) + " faults (found in " +
-         std::to_string(runs) + " runs):\n" + Listed(seed, kept) + result.output +
+         std::to_string(runs) + " runs):\n" + Listed(FaultsOf(length, seed), kept) + result.output +
          "the trace's last lines:\n" + result.last_lines +
          "to run it again: VYR_SWARM_FAULTS=" + TextOf(kept) + " " + sim::ReplayCommand(name, seed);
 }
 
-TEST(WholeSwarm, EverythingAtOnceIsRightUnderAnyFaults) {
+void RunWorlds(Length length, unsigned usual) {
   uint64_t first = 1;
   if (const char* const text = std::getenv("VYR_SWARM_FIRST"))
     first = std::strtoull(text, nullptr, 10);
-  uint64_t last = first + SwarmSeeds(kUsualSeeds) - 1;
+  uint64_t last = first + SwarmSeeds(usual) - 1;
   if (sim::SeedFromEnvironment(&first)) last = first;
   double seconds = 0;
+  unsigned resting = 0;  // worlds whose timers a wrap of the tick counter has stopped
   for (uint64_t seed = first; seed <= last; ++seed) {
-    const Kept kept = KeptFaults(DrawFaults(seed));
-    const sim::ChildResult result = RunWorld(seed, kept);
-    if (!result.passed) FAIL() << Failure(seed, kept);
+    const Kept kept = KeptFaults(FaultsOf(length, seed));
+    const sim::ChildResult result = RunWorld(length, seed, kept);
+    if (!result.passed) FAIL() << Failure(length, seed, kept);
     seconds += SimulatedSeconds(result);
+    resting += result.output.find("timers rest") != std::string::npos;
   }
-  std::printf("swarm: seeds %llu to %llu, %.1f simulated seconds\n",
+  std::printf("swarm: seeds %llu to %llu, %.1f simulated seconds, timers rest in %u worlds\n",
               static_cast<unsigned long long>(first), static_cast<unsigned long long>(last),
-              seconds);
+              seconds, resting);
+}
+
+TEST(WholeSwarm, EverythingAtOnceIsRightUnderAnyFaults) { RunWorlds(Length::kShort, kUsualSeeds); }
+
+TEST(LongPlay, NothingIsLeftOfHoursOfQuietAndBusyStretches) {
+  test::PrepareCensus();
+  RunWorlds(Length::kLong, kUsualLongSeeds);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/scenario/census.h"
 #include "tests/scenario/whole_calls.h"
 #include "tests/scenario/whole_faults.h"
 #include "tests/scenario/whole_late.h"
@@ -34,6 +35,7 @@ inline constexpr size_t kServerHost = kNodes;  // among the hosts of a link
 
 struct Stream : StreamPlan {
   Style style = Style::kBlocks;
+  size_t stretch = 0;
   bool makes_socket = false;  // from before there is one until it is stored here
   std::unique_ptr<Caller> caller;
 };
@@ -52,7 +54,10 @@ struct Said {
 // One datagram socket.
 struct Talker {
   std::vector<size_t> says;
-  DWORD starts_ms = 0, pause_ms = 0, stays_ms = 0;
+  DWORD starts_ms = 0;  // since its stretch began
+  DWORD beat_ms = 0, pause_ms = 0, stays_ms = 0;
+  DWORD look_ms = 100;
+  size_t stretch = 0;
   bool reads = true;
   Style style = Style::kBlocks;
   bool makes_socket = false;
@@ -61,8 +66,9 @@ struct Talker {
 
 struct Pinger {
   const char* server = kServer;
-  DWORD starts_ms = 0;
+  DWORD starts_ms = 0, pause_ms = 0;
   int pings = 0;
+  size_t stretch = 0;
   bool makes_socket = false;
   SOCKET s = INVALID_SOCKET;
   int answered = 0;
@@ -85,7 +91,7 @@ class ConfiguredWorld : public TcpWorld {
 
 class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
  public:
-  WholeWorld(const FaultList& faults, const test::Kept& kept);
+  WholeWorld(const Course& course, const FaultList& faults, const test::Kept& kept);
 
   // The whole life of the world, with its expectations.
   void Live();
@@ -93,17 +99,22 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
  private:
   // whole_world.cpp
   void PlanAll();
+  void PlanBusy(const Stretch& stretch);
   // A thread of the game that a fault may end, which counts as its end.
   void Player(std::function<void()> body);
-  void StartGame();
+  void StartGame(size_t stretch);  // what is planned for that stretch
   void Release();
   size_t SocketsWithoutOwner() const;
+  void CountBlocks();
   void ExpectNothingIsLeft();
+  void ExpectNoMoreBlocks();
+  bool TimersRest();
   void ExpectPlaysOn();
+  void ExpectSilenceIsNoticed();
   std::string NewObjects() const;
 
   // whole_streams.cpp
-  void PlanStream();
+  void PlanStream(const Stretch& stretch);
   void PlayStream(Stream* stream);
   void Serve(SOCKET s, Call* call);
   // The end of what one side of a stream does: "done", "left", "reset" or how its stream ended.
@@ -113,7 +124,8 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   void ExpectStreams();
 
   // whole_datagrams.cpp
-  void PlanTalker();
+  void PlanTalker(const Stretch& stretch);
+  void PlanDatagram(size_t servers, Talker* talker);
   void Talk(Talker* talker);
   void Send(Talker* talker, size_t id);
   void Read(Talker* talker);
@@ -122,9 +134,15 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   void ExpectADatagramIsAnswered();
 
   // whole_pings.cpp
-  void PlanPinger();
+  void PlanPinger(const Stretch& stretch);
   void PingAll(Pinger* pinger);
   void PingOnce();
+
+  // whole_quiet.cpp
+  void PlanQuiet(const Stretch& stretch);
+  void PlanHeartbeat(const Stretch& stretch);
+  void PlanQuietStream(const Stretch& stretch);
+  void PlanQuietPinger(const Stretch& stretch);
 
   // whole_nodes.cpp
   sim::Host& HostOf(size_t which);
@@ -146,10 +164,13 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   void EndGameThread(const Fault& fault);
   void Heal();
 
+  const Course course_;
   const FaultList faults_;
   const test::Kept kept_;
   sim::Host& c_host_ = world.AddHost("c", {kNodeC});
   node::Behaviour c_behaviour_;
+  DWORD node_step_ms_ = node::SimNode::kStepMs;
+  uint64_t tables_ = 0;  // which the client has written last
   std::vector<sim::Process*> node_processes_;
   std::optional<uint64_t> node_variants_[kNodes];  // of those that misbehave as the play begins
   std::vector<Stream> streams_;
@@ -167,8 +188,10 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   sim::Duration play_begins_{};
   size_t base_sockets_ = 0, base_views_ = 0;
   std::map<uintptr_t, std::string> base_objects_;  // the open handles
+  std::map<std::string, long> base_blocks_;        // of long play, by who has allocated them
   bool worker_is_ended_ = false, reporter_is_ended_ = false, game_thread_is_ended_ = false;
   bool timers_may_rest_ = false;  // until the tick counter has caught up, which takes seven weeks
+  bool timers_rest_ = false;
   bool is_over_ = false;
 };
 

@@ -11,8 +11,10 @@ thread_local std::size_t largest_counted = SIZE_MAX;
 thread_local bool only_once = false;
 thread_local bool felt = false;
 thread_local long alive = 0;
+void (*on_allocated)(void* memory, void* caller) noexcept = nullptr;
+void (*on_freed)(void* memory) noexcept = nullptr;
 
-void* Allocate(std::size_t size) noexcept {
+void* Allocate(std::size_t size, void* caller) noexcept {
   if (left != 0 && size >= smallest_counted && size <= largest_counted) {
     if (left == 1) {
       felt = true;
@@ -23,24 +25,34 @@ void* Allocate(std::size_t size) noexcept {
   }
   void* const memory = std::malloc(size != 0 ? size : 1);
   if (memory != nullptr) ++alive;
+  if (memory != nullptr && on_allocated != nullptr) on_allocated(memory, caller);
   return memory;
 }
 
 void Free(void* memory) noexcept {
   if (memory != nullptr) --alive;
+  if (memory != nullptr && on_freed != nullptr) on_freed(memory);
   std::free(memory);
+}
+
+void* AllocateOrThrow(std::size_t size, void* caller) {
+  void* const memory = Allocate(size, caller);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
 }
 
 }  // namespace
 
-void* operator new(std::size_t size) {
-  void* const memory = Allocate(size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
+void* operator new(std::size_t size) { return AllocateOrThrow(size, __builtin_return_address(0)); }
+void* operator new[](std::size_t size) {
+  return AllocateOrThrow(size, __builtin_return_address(0));
 }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return Allocate(size, __builtin_return_address(0));
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return Allocate(size, __builtin_return_address(0));
+}
 void operator delete(void* memory) noexcept { Free(memory); }
 void operator delete[](void* memory) noexcept { Free(memory); }
 void operator delete[](void* memory, std::size_t) noexcept { Free(memory); }
@@ -61,5 +73,11 @@ OutOfMemory::~OutOfMemory() { left = 0; }
 bool OutOfMemory::WasFelt() { return felt; }
 
 long AllocationsAlive() { return alive; }
+
+void WatchAllocations(void (*allocated)(void* memory, void* caller) noexcept,
+                      void (*freed)(void* memory) noexcept) {
+  on_freed = freed;
+  on_allocated = allocated;
+}
 
 }  // namespace test

@@ -27,4 +27,9 @@ class OutOfMemory {
 // freed.
 long AllocationsAlive();
 
+// From now on these are called for each block, with the address that operator new returns to. Any
+// thread calls them.
+void WatchAllocations(void (*allocated)(void* memory, void* caller) noexcept,
+                      void (*freed)(void* memory) noexcept);
+
 }  // namespace test
