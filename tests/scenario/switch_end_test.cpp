@@ -23,6 +23,20 @@ class SwitchEnd : public SwitchWorld {
       EXPECT_EQ(dynamic_cast<UdpSwitchRemoteSession*>(delegate), nullptr) << socket;
     }
   }
+  // What waits for the game keeps the flow, until a trial has made sure of its node.
+  void MovesWhileItIsClosing() {
+    IsCarried();
+    IsVerified();
+    a.SendsData("waits");
+    Sleep(1);
+    port::FailCall("sendto", 1, WSAEWOULDBLOCK);
+    loop.delegates[local_sock]->OnReadable(local_sock);
+    loop.wants_room.clear();  // there is no room for a long time
+    EXPECT_FALSE(session->CanClose());
+    b.SendsData("proof");
+    Turn();
+    ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
+  }
 };
 
 SCENARIO_F(SwitchEnd, ClosingStopsItsProbes) {
@@ -82,17 +96,7 @@ SCENARIO_F(SwitchEnd, OnceItIsVerified) {
 // what waits leaves as a new node is verified, and the flow ends behind the trial that calls.
 SCENARIO_F(SwitchEnd, AFlowThatIsClosingEndsAsATrialIsVerified) {
   config.max_delay_avg = 300;
-  IsCarried();
-  IsVerified();
-  a.SendsData("waits");
-  Sleep(1);
-  port::FailCall("sendto", 1, WSAEWOULDBLOCK);
-  loop.delegates[local_sock]->OnReadable(local_sock);
-  loop.wants_room.clear();  // there is no room for a long time
-  EXPECT_FALSE(session->CanClose());
-  b.SendsData("proof");
-  Turn();
-  ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
+  ASSERT_NO_FATAL_FAILURE(MovesWhileItIsClosing());
   ASSERT_TRUE(flow->OwesServers());
   for (int i = 0; i < 100 && Trial() == nullptr; ++i) {
     b.SendsRaw(b.LateProbeAnswer(static_cast<u32>(i + 1), 500));
@@ -113,17 +117,7 @@ SCENARIO_F(SwitchEnd, AFlowThatIsClosingEndsAsATrialIsVerified) {
 
 // Neither is such a flow measured any more, over whatever node.
 SCENARIO_F(SwitchEnd, AFlowThatMovesWhileItIsClosingSendsNoProbes) {
-  IsCarried();
-  IsVerified();
-  a.SendsData("waits");
-  Sleep(1);
-  port::FailCall("sendto", 1, WSAEWOULDBLOCK);
-  loop.delegates[local_sock]->OnReadable(local_sock);
-  loop.wants_room.clear();
-  EXPECT_FALSE(session->CanClose());
-  b.SendsData("proof");
-  Turn();
-  ASSERT_EQ(Results(), Outcomes{SwitchResult::kTakenOver});
+  ASSERT_NO_FATAL_FAILURE(MovesWhileItIsClosing());
   b.Takes();
   Turns(400);
   EXPECT_TRUE(b.Takes().empty());
