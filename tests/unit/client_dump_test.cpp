@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <string>
@@ -39,9 +40,9 @@ void ExpectSame(const Tables& a, const Tables& b, const std::string& dump) {
   for (const RegionRow& row : client::Regions()) {
     const std::byte* const left = RegionOf(a, row);
     const std::byte* const right = RegionOf(b, row);
-    for (size_t i = 0; i < row.size; ++i) {
-      ASSERT_EQ(left[i], right[i]) << row.name << " at " << i << "\n" << dump.substr(0, 20000);
-    }
+    if (std::memcmp(left, right, row.size) == 0) continue;
+    const auto at = std::mismatch(left, left + row.size, right).first - left;
+    FAIL() << row.name << " differs at " << at << "\n" << dump.substr(0, 20000);
   }
 }
 

@@ -25,7 +25,8 @@ uint64_t Load(const std::byte* from, size_t size) {
 }
 
 bool IsZero(const std::byte* from, size_t size) {
-  return std::all_of(from, from + size, [](std::byte byte) { return byte == std::byte{0}; });
+  // Zeros only: the same bytes one place on. In one call, since lists have room for thousands.
+  return size == 0 || (from[0] == std::byte{0} && std::memcmp(from, from + 1, size - 1) == 0);
 }
 
 // Names of nodes, if the name is unique.
