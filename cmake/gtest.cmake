@@ -2,9 +2,9 @@
 # and of undefined behaviour do not ask whether a library is instrumented.
 if(NOT WIN32 AND NOT VYR_SANITIZE MATCHES "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   find_package(GTest CONFIG QUIET)
-  if(TARGET GTest::gmock_main)
+  if(TARGET GTest::gtest_main)
     add_library(vyr_gtest INTERFACE)
-    target_link_libraries(vyr_gtest INTERFACE GTest::gmock_main)
+    target_link_libraries(vyr_gtest INTERFACE GTest::gtest_main)
     return()
   endif()
 endif()
@@ -16,13 +16,11 @@ if(NOT EXISTS ${VYR_GTEST_ROOT}/googletest/src/gtest-all.cc)
 endif()
 add_library(vyr_gtest STATIC EXCLUDE_FROM_ALL  # the fuzz targets do without
   ${VYR_GTEST_ROOT}/googletest/src/gtest-all.cc
-  ${VYR_GTEST_ROOT}/googlemock/src/gmock-all.cc
-  ${VYR_GTEST_ROOT}/googlemock/src/gmock_main.cc)
+  ${VYR_GTEST_ROOT}/googletest/src/gtest_main.cc)
 target_compile_features(vyr_gtest PUBLIC cxx_std_20)
 target_compile_options(vyr_gtest PRIVATE -O0)  # compiled in every preset, and never what takes time
 target_include_directories(vyr_gtest SYSTEM
-  PUBLIC ${VYR_GTEST_ROOT}/googletest/include ${VYR_GTEST_ROOT}/googlemock/include
-  PRIVATE ${VYR_GTEST_ROOT}/googletest ${VYR_GTEST_ROOT}/googlemock)
+  PUBLIC ${VYR_GTEST_ROOT}/googletest/include PRIVATE ${VYR_GTEST_ROOT}/googletest)
 if(WIN32)
   # The win32-threads flavour has no std::mutex, which GoogleTest wants for one class only.
   # Not on a command line of the suites: their precompiled header has to be the first thing there.

@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.." || exit 1
 # The native build, the cross build and the test tools.
 required=(
   build-essential cmake ninja-build ccache git ca-certificates python3
-  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  libgtest-dev googletest libbenchmark-dev
   libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libboost-dev
   g++-mingw-w64-i686-win32 g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-win32
   iproute2 util-linux
