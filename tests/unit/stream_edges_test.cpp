@@ -266,7 +266,32 @@ TEST_F(PostponedList, WithoutMemoryNothingIsPostponed) {
   EXPECT_NE(connects.Add(record), nullptr);
 }
 
+// A port that the relay keeps, so that no other program can come to listen there.
+TEST_F(PostponedList, TheDeadEndIsAPortThatNobodyElseCanTake) {
+  sockaddr_in bound;
+  const test::OwnSocket listening(test::BoundSocket(SOCK_STREAM, &bound));
+  connects.Open(bound);
+  const auto connect = connects.Add(record);
+  ASSERT_NE(connect, nullptr);
+  connects.Decide(connect.get(), WSAECONNREFUSED);
+  EXPECT_EQ(connected.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+  EXPECT_NE(connected.sin_port, bound.sin_port);
+  EXPECT_NE(connected.sin_port, htons(1));
+  const test::OwnSocket other(socket(AF_INET, SOCK_STREAM, 0));
+  sockaddr_in place = connected;
+  EXPECT_EQ(bind(other, test::Raw(&place), sizeof place), SOCKET_ERROR);
+}
+
 #ifndef _WIN32
+TEST_F(PostponedList, TheDeadEndIsGivenBackOnce) {
+  connects.Open(sockaddr_in{});
+  connects.Close();
+  port::CountCalls();
+  connects.Close();
+  EXPECT_EQ(port::CallCount("closesocket"), 0u);
+  port::ClearFaults();
+}
+
 TEST_F(PostponedList, WithoutADeadEndARefusalGoesWhereNoProgramListens) {
   port::FailCall("socket", 1, WSAENOBUFS);
   connects.Open(listener);
