@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace node {
 
@@ -63,15 +64,22 @@ void DataPath::Delayed(u64 now) {
   for (Parcel parcel; line_.Take(now, &parcel);) {
     Flow* const flow = flows_->Find(parcel.flow);
     if (flow == nullptr) continue;
+    if (!parcel.is_copy) --flow->held[parcel.lane];
     const char* const bytes = parcel.bytes.data();
     const std::size_t size = parcel.bytes.size();
     ClientDatagram datagram;
-    if (parcel.goal == Parcel::Goal::kClient) {
+    if (parcel.lane == Flow::kDataDown || parcel.lane == Flow::kProbeDown) {
       Depart(flow, bytes, size);
     } else if (ReadDatagram(bytes, size, &datagram) == nullptr) {
       Arrive(flow, datagram, bytes, size, now);
     }
   }
+}
+
+void DataPath::Hold(Flow* flow, u64 due, Parcel parcel) {
+  const Flow::LaneName lane = parcel.lane;
+  const bool is_copy = parcel.is_copy;
+  if (line_.Add(due, std::move(parcel)) && !is_copy) ++flow->held[lane];
 }
 
 bool DataPath::CrossHop(Flow* flow, int times, u64* extra_ms) {
@@ -126,7 +134,7 @@ void DataPath::OnDatagram(const char* bytes, std::size_t size, const Address& cl
   const u64 id = flow->id;
   for (int i = 0; i < fate.copies; ++i) {
     if (fate.due[i] + extra_ms > now) {
-      line_.Add(fate.due[i] + extra_ms, {Parcel::Goal::kNode, id, std::string(bytes, size)});
+      Hold(flow, fate.due[i] + extra_ms, {id, lane, i > 0, std::string(bytes, size)});
     } else if (Flow* const still = flows_->Find(id)) {  // the first copy may have ended it
       Arrive(still, datagram, bytes, size, now);
     }
@@ -236,8 +244,7 @@ void DataPath::Return(Flow* flow, Flow::LaneName lane, const char* bytes, std::s
     ++(lane == Flow::kProbeDown ? flow->counts.dropped_probe_answers : flow->counts.dropped_down);
   for (int i = 0; i < fate.copies; ++i) {
     if (fate.due[i] + extra_ms > now) {
-      line_.Add(fate.due[i] + extra_ms,
-                {Parcel::Goal::kClient, flow->id, std::string(bytes, size)});
+      Hold(flow, fate.due[i] + extra_ms, {flow->id, lane, i > 0, std::string(bytes, size)});
     } else {
       Depart(flow, bytes, size);
     }

@@ -40,6 +40,7 @@ class DataPath {
   void Return(Flow* flow, Flow::LaneName lane, const char* bytes, std::size_t size, u64 extra_ms,
               u64 now);
   void Depart(Flow* flow, const char* bytes, std::size_t size);
+  void Hold(Flow* flow, u64 due, Parcel parcel);
   // Passes the hop between two relays that many times, if there are two. False if it is lost there.
   bool CrossHop(Flow* flow, int times, u64* extra_ms);
   void Delayed(u64 now);

@@ -5,15 +5,14 @@
 #include <string>
 #include <vector>
 
-#include "node/socket.h"
+#include "node/flow.h"
 
 namespace node {
 
 struct Parcel {
-  enum class Goal { kNode, kClient };
-
-  Goal goal = Goal::kNode;
   u64 flow = 0;
+  Flow::LaneName lane = Flow::kDataUp;
+  bool is_copy = false;  // of a datagram that is in the line, too
   std::string bytes = {};
 };
 

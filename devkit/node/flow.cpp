@@ -72,6 +72,10 @@ Event Flow::Describe(const char* name) const {
       .With("dropped_down", counts.dropped_down)
       .With("dropped_probes", counts.dropped_probes)
       .With("dropped_probe_answers", counts.dropped_probe_answers)
+      .With("held_up", held[kDataUp])
+      .With("held_down", held[kDataDown])
+      .With("held_probes", held[kProbeUp])
+      .With("held_probe_answers", held[kProbeDown])
       .With("strays", counts.strays)
       .With("undelivered", counts.undelivered)
       .With("lost_by_client", lost_by_client);

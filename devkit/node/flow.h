@@ -56,6 +56,7 @@ class Flow {
   u8 lost_by_client = 0;  // as last reported by the client
   LossMeter upload;
   std::array<Lane, kLanes> lanes;
+  std::array<u64, kLanes> held = {};  // datagrams that are delayed now; lost if the flow ends first
   FlowCounts counts;
 
  private:

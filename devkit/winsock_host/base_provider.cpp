@@ -15,10 +15,12 @@
 #include <cwchar>
 
 #include "base_handles.h"
+#include "merged_select.h"
 
 namespace {
 
 using winsock_base::IsOurs;
+using winsock_base::MergedSelect;
 using winsock_base::RegisterChild;
 using winsock_base::RegisterNew;
 
@@ -130,7 +132,7 @@ int WSPAPI RecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received, L
 
 int WSPAPI Select(int n, fd_set* reads, fd_set* writes, fd_set* excepts, const PTIMEVAL timeout,
                   LPINT error) {
-  return Report(select(n, reads, writes, excepts, timeout), error);
+  return Report(MergedSelect(n, reads, writes, excepts, timeout), error);
 }
 
 int WSPAPI Send(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,

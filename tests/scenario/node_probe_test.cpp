@@ -188,6 +188,29 @@ SCENARIO_F(NodeProbe, EachKindAndDirectionIsDelayedApart) {
   }));
 }
 
+// What is delayed when its flow ends is never sent, and is told apart from what has been sent.
+SCENARIO_F(NodeProbe, TellsWhatAFlowsEndFindsOnItsWay) {
+  node.behaviour().data_down_delay_ms = node.behaviour().probe_down_delay_ms = 500;
+  node.behaviour().probe_down_duplicate = 100;
+  ASSERT_TRUE(Runs([&](RawFlow& flow) {
+    flow.Sends("answered in time");
+    flow.Probes(1);
+    EXPECT_EQ(flow.ReceivesAll(1000).size(), 3u);
+    flow.Sends("answered too late");
+    flow.Probes(2);
+    flow.Probes(3);
+    Sleep(200);
+    flow.Ends();
+    EXPECT_FALSE(flow.Receives(1000).came());
+  }));
+  const node::Event closed = node.Last("flow_closed");
+  EXPECT_EQ(closed.Number("datagrams_to_client"), 2u);
+  EXPECT_EQ(closed.Number("held_down"), 1u);
+  EXPECT_EQ(closed.Number("probe_answers"), 3u);
+  EXPECT_EQ(closed.Number("held_probe_answers"), 2u);
+  EXPECT_EQ(closed.Number("held_up") + closed.Number("held_probes"), 0u);
+}
+
 SCENARIO_F_SEEDS(NodeProbe, EachKindAndDirectionLosesItsShare, 3) {
   const struct {
     std::int64_t Behaviour::*loss;

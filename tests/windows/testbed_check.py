@@ -1,6 +1,7 @@
 """The test bed: its addresses, its exit codes, its end, and two beds at once."""
 
 import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -44,6 +45,36 @@ def check_hold(checks):
     running.communicate("\n", timeout=30)
 
 
+def check_desktop(checks):
+    """The process of Wine's desktop has no pipes of a test's, and stays, so that no program begins another one."""
+    script = """$0 cmd /c exit; sleep 3
+      for process in /proc/[0-9]*; do
+        [ $process/ns/net -ef /proc/self/ns/net ] && grep -q "explorer[.]exe" $process/cmdline &&
+          readlink $process/fd/[012]
+      done"""
+    said = bed("sh", "-c", script, support.WINE).stdout.split()
+    checks.equal(said, ["/dev/null"] * 3, "what the desktop that stays has open")
+
+
+def check_server_end(checks):
+    """Programs do not outlive a Wine server that ends, for which they would wait forever, and the bed prints what
+    it has said."""
+    steps = ("mkfifo $VYR_BED_DIR/keys; exec 3<>$VYR_BED_DIR/keys",
+             "$0 cmd /c 'echo begun & pause' <&3 & read go",
+             "echo 'all is lost' >>$VYR_BED_DIR/wineserver.log",
+             "WINEPREFIX=$VYR_WINEPREFIX wineserver -k9; wait $!; echo ended with $?")  # fmt: skip
+    running = subprocess.Popen([BED, "sh", "-c", "; ".join(steps), support.WINE], stdin=subprocess.PIPE,
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)  # fmt: skip
+    begun = running.stdout.readline().strip()
+    try:
+        said, errors = running.communicate("go\n", timeout=30)
+    except subprocess.TimeoutExpired:
+        running.terminate()
+        said, errors = running.communicate()
+    checks.that(begun == "begun" and "ended with 137" in said, "a program ends with its server", f"{begun}\n{said}")
+    checks.that("the Wine server says: all is lost" in errors, "the bed prints what the server says", errors)
+
+
 def main():
     checks = support.Checks()
     probe = bed("true")
@@ -69,6 +100,9 @@ def main():
     bystander.wait()
 
     check_hold(checks)
+    if shutil.which("wine"):
+        check_desktop(checks)
+        check_server_end(checks)
 
     # Two beds at once, one of which is interrupted.
     first = subprocess.Popen([BED, "sleep", "63"])

@@ -104,9 +104,9 @@ def look(arguments, words_of_ways, at_once):
 def end_all_programs():
     """Ends what an earlier look may have left behind. The next program starts Wine anew."""
     environment = {**os.environ, "WINEPREFIX": os.environ["VYR_WINEPREFIX"]}
+    pathlib.Path(os.environ["VYR_BED_DIR"], "wine-started").unlink(missing_ok=True)  # first, see scripts/wine
     subprocess.run(["wineserver", "-k"], env=environment, check=False)
     subprocess.run(["wineserver", "-w"], env=environment, check=False, timeout=LONGEST_S)
-    pathlib.Path(os.environ["VYR_BED_DIR"], "wine-started").unlink(missing_ok=True)
 
 
 def look_until_as_before(arguments, before):
