@@ -4,15 +4,19 @@
 #
 #   scripts/soak.sh --minutes N [--json FILE] [--picture FILE.svg] [--mended all|none] [--seed S]
 #                   [--build FOLDER]
+#   scripts/soak.sh --wine --minutes N [the same] [--windows FOLDER] [--leak-every N]
 #
-# Runs in the private network of scripts/testbed, with the programs of build/posix. docs/soak.md says
-# what happens in a run and how it is judged. Exit code: 0 flat, 1 something grows or went wrong, 2
-# wrong arguments, 77 this machine does not allow private networks.
+# Runs in the private network of scripts/testbed, with the programs of build/posix; with --wine the game and its
+# neighbours are Windows programs, with those of build/windows-x86. docs/soak.md says what happens in a run and how
+# it is judged; `--minutes 1 --help` and `--wine --help` describe the options. Exit code: 0 flat, 1 something
+# grows or went wrong, 2 wrong arguments, 77 this machine does not allow private networks, or has no Wine.
 set -u
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+program=soak.py
+[ "${1:-}" = --wine ] && shift && program=soak_wine.py
 for argument in "$@"; do
   case "$argument" in
-    -h|--help) sed -n '2,12s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,13s/^# \{0,1\}//p' "$0"; exit 0 ;;
   esac
 done
-exec "$here/testbed" python3 -B "$here/soak.py" "$@"
+exec "$here/testbed" python3 -B "$here/$program" "$@"
