@@ -70,7 +70,7 @@ class Neighbours:
 
 def play(options, folder):
     programs = options.build / "bin"
-    run = soak_run.Run(soak_judge.LIMITS)
+    run = soak_run.Run(soak_judge.LIMITS, "the game")
     echo = soak_echo.EchoServer()
     nodes = soak_nodes.Nodes(programs / "vyr_node", options.seed, LAST_NODE)
     neighbours = Neighbours(programs / "vyr_game")

@@ -6,17 +6,19 @@
 #                   [--build FOLDER]
 #   scripts/soak.sh --wine --minutes N [the same] [--windows FOLDER] [--leak-every N]
 #
-# Runs in the private network of scripts/testbed, with the programs of build/posix; with --wine the game and its
-# neighbours are Windows programs, with those of build/windows-x86. docs/soak.md says what happens in a run and how
-# it is judged; `--minutes 1 --help` and `--wine --help` describe the options. Exit code: 0 flat, 1 something
-# grows or went wrong, 2 wrong arguments, 77 this machine does not allow private networks, or has no Wine.
+# Runs in the private network of scripts/testbed, with the programs of build/posix. With --wine the game and its
+# neighbours are Windows programs, with the DLL, of build/windows-x86; every N-th socket of a game with --leak-every
+# stays open. docs/soak.md says what happens in a run and how it is judged. Exit code: 0 flat, 1 something grows or
+# went wrong, 2 wrong arguments, 77 this machine does not allow private networks, or has no Wine. A run that is asked
+# to end (SIGTERM to its Python program) ends its programs, and is judged by what it has.
 set -u
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-program=soak.py
-[ "${1:-}" = --wine ] && shift && program=soak_wine.py
+program=soak.py rest=()
 for argument in "$@"; do
   case "$argument" in
-    -h|--help) sed -n '2,13s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,14s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    --wine) program=soak_wine.py ;;
+    *) rest+=("$argument") ;;
   esac
 done
-exec "$here/testbed" python3 -B "$here/$program" "$@"
+exec "$here/testbed" python3 -B "$here/$program" ${rest[@]+"${rest[@]}"}

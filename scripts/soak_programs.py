@@ -79,7 +79,8 @@ class Programs:
     def _start(self, now):
         self.work, path = self.works[self.turn % len(self.works)]
         self.turn, self.begun_at = self.turn + 1, now
-        self.place = tempfile.TemporaryDirectory(prefix=self.work.name + "-", dir=self.folder)
+        self.place = tempfile.TemporaryDirectory(prefix=self.work.name + "-", dir=self.folder,
+                                                 ignore_cleanup_errors=True)
         place = pathlib.Path(self.place.name)
         self.work.prepare(place)
         command = demo_bed.wine(self.launcher, "--quiet", "--", demo_bed.windows_path(path), *self.work.arguments())

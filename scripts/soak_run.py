@@ -19,6 +19,8 @@ PROGRESS_S = 15.0
 @dataclasses.dataclass
 class Run:
     limits: tuple
+    game: str    # in words
+    wrong: list = dataclasses.field(default_factory=list)   # that makes it worth nothing, or worse
     samples: list = dataclasses.field(default_factory=list)
     happened: dict = dataclasses.field(default_factory=dict)
     flows: soak_flows.Flows = dataclasses.field(default_factory=soak_flows.Flows)
@@ -54,6 +56,9 @@ class Run:
     def finish(self, options, needed):
         """Says, writes and draws what was found. Failed if something grows, or if the run is worth
         nothing: of what is `needed`, everything has to have happened."""
+        self._look_for_wrong(needed)
+        for one in self.wrong:
+            print(f"wrong: {one}")
         verdicts = soak_judge.judge(self.samples, self.limits)
         words = ", ".join(f"{name} {number}" for name, number in self.happened.items())
         print(f"{len(self.samples)} samples in {options.minutes:g} minutes; {words}")
@@ -62,10 +67,10 @@ class Run:
         if options.json:
             options.json.write_text(json.dumps(self._as_json(options, verdicts), indent=1) + "\n")
         if options.picture:
-            title = f"{options.minutes:g} minutes of the game, mended: {options.mended}"
+            title = f"{options.minutes:g} minutes of {self.game}, mended: {options.mended}"
             options.picture.write_text(soak_judge.picture(self.samples, verdicts, title))
-        if wrong := self._wrong(needed):
-            raise demo_bed.Failed("; ".join(wrong))
+        if self.wrong:
+            raise demo_bed.Failed("; ".join(self.wrong))
         if any(verdict.grows for verdict in verdicts):
             raise demo_bed.Failed("something grows")
 
@@ -76,11 +81,10 @@ class Run:
                                               "growth": one.growth, "allowed": one.allowed,
                                               "grows": one.grows} for one in verdicts}}
 
-    def _wrong(self, needed):
-        wrong = []
+    def _look_for_wrong(self, needed):
         if self.happened.get("wrong"):
-            wrong.append(f"{self.happened['wrong']} messages were altered")
-        return wrong + [f"nothing happened: {name} is 0" for name in needed if not self.happened.get(name)]
+            self.wrong.append(f"{self.happened['wrong']} messages were altered")
+        self.wrong += [f"nothing happened: {name} is 0" for name in needed if not self.happened.get(name)]
 
 
 def parser(description):

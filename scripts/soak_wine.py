@@ -32,13 +32,15 @@ LIMITS = (
     soak_judge.Limit("server fds", "", 12),
     soak_judge.Limit("server memory", "KiB", 1536, 0.03),
 )
-NEEDED = ("flows with data", "answered", "streams", "reports", "tables", "watchers killed", "died with a mutex", "programs")
+NEEDED = ("flows with data", "answered", "streams", "reports", "tables", "watchers killed", "died with a mutex",
+          "programs")
 
 
 class Tables:
     """Another way to the servers at each change: through node A, through node B, through none."""
 
     def __init__(self, path, game, others, logs, mended):
+        self.logs = logs
         logs = demo_bed.windows_path(logs) + "\\"
         games = [switch_run.game(map(demo_bed.windows_path, paths), logs, number).rstrip()
                  for number, paths in ((GAME_ID, [game]), (OTHER_GAME_ID, others))]
@@ -54,6 +56,9 @@ class Tables:
         new.write_text(self.games + routes)
         os.replace(new, self.path)
         self.changes += 1
+
+    def log_size(self):
+        return sum(path.stat().st_size for path in self.logs.glob("*"))
 
 
 class Game:
@@ -100,7 +105,7 @@ class Game:
 
 @dataclasses.dataclass
 class World:
-    """Everything around the game. It begins with the game's place and ends in the order of the list."""
+    """The game, and everything around it."""
     nodes: soak_nodes.Nodes
     programs: soak_programs.Programs
     tables: Tables
@@ -119,18 +124,18 @@ class World:
                 (soak_clients.DEATH_S, self.clients.next_death), (1.0, self.clients.keep),
                 (0.5, self.programs.step))
 
-    def end(self):
-        try:
-            self.programs.end()
-            self.game.end()
-            self.clients.end()
-        finally:
-            self.nodes.end_all()
+    def end(self, wrong):
+        """Appends to `wrong` what does not end as it should."""
+        for one in (self.programs.end, self.game.end, self.clients.end, self.nodes.end_all):
+            try:
+                one()
+            except (demo_bed.Failed, subprocess.TimeoutExpired) as failure:
+                wrong.append(str(failure))
 
     def happened(self):
         said = {name: number for name, number in self.game.said.items() if name not in ("pid", "handles")}
         return {**self.nodes.happened(), **self.clients.happened(), **self.reports.happened(),
-                "tables": self.tables.changes, **self.programs.happened(), **said,
+                "tables": self.tables.changes, "log KiB": self.tables.log_size() // 1024, **self.programs.happened(), **said,
                 "after end": len(self.reports.flows.after_end)}
 
 
@@ -171,13 +176,15 @@ def main():
     options = arguments()
     folder = pathlib.Path(os.environ["VYR_WINEPREFIX"]) / "drive_c" / "soak"
     folder.mkdir()
-    run = soak_run.Run(LIMITS)
+    run = soak_run.Run(LIMITS, "the Windows game under Wine")
     echo = soak_echo.EchoServer()
     world = begin(options, run, folder)
     try:
         run.take_samples(options.minutes * 60, world.sample, world.steps())
+    except demo_bed.Failed as failure:
+        run.wrong.append(str(failure))
     finally:
-        world.end()
+        world.end(run.wrong)
         echo.end()
     run.happened = world.happened()
     run.finish(options, NEEDED)
