@@ -84,9 +84,9 @@ class Programs:
         place = pathlib.Path(self.place.name)
         self.work.prepare(place)
         command = demo_bed.wine(self.launcher, "--quiet", "--", demo_bed.windows_path(path), *self.work.arguments())
-        with (place / "said.txt").open("wb") as said:
+        with (place / "said.txt").open("wb") as said, (place / "errors.txt").open("wb") as errors:
             self.process = subprocess.Popen(command, cwd=place, stdin=subprocess.DEVNULL, stdout=said,
-                                            stderr=subprocess.DEVNULL, env={**os.environ, **self.work.environment})
+                                            stderr=errors, env={**os.environ, **self.work.environment})
 
     def _look(self, now):
         """At the one that has ended, or takes too long."""
@@ -95,8 +95,12 @@ class Programs:
         if code is None:
             soak_clients.kill(pathlib.Path(self.work.program).name)
             self.process.wait(timeout=demo_bed.TIMEOUT_S)
-        result = self.work.result(place, (place / "said.txt").read_text("utf-8", "replace"))
+        said = (place / "said.txt").read_text("utf-8", "replace")
+        result = self.work.result(place, said)
         right = code == self.work.exit_code and self.results.setdefault(name, result) == result
+        if not right:
+            complained = (place / "errors.txt").read_text("utf-8", "replace")
+            print(f"{name} ended with {code} after {now - self.begun_at:.1f} s: …{complained[-150:]!r}", flush=True)
         self.ended[name] = self.ended.get(name, 0) + 1
         self.failed[name] = self.failed.get(name, 0) + (not right)
         self.work.server.heard.clear()

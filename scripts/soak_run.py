@@ -12,7 +12,8 @@ import soak_flows
 import soak_judge
 
 SAMPLE_S = 1.0
-FEWEST_SAMPLES = 40   # a short run is sampled more often
+FEWEST_SAMPLES = 40   # a short run is sampled more often,
+SHORT_S = 20.0        # and one below this has as much happen in it
 PROGRESS_S = 15.0
 
 
@@ -31,15 +32,15 @@ class Run:
         ended = threading.Event()
         for number in (signal.SIGTERM, signal.SIGINT):
             signal.signal(number, lambda *_: ended.set())
-        every = min(SAMPLE_S, seconds / FEWEST_SAMPLES)
+        every, pace = min(SAMPLE_S, seconds / FEWEST_SAMPLES), min(1.0, seconds / SHORT_S)
         begin, next_word = time.monotonic(), PROGRESS_S
-        due = [period for period, _ in steps]
+        due = [period * pace for period, _ in steps]
         while (at := time.monotonic() - begin) < seconds:
             if figures := sample():
                 self.samples.append({"at": round(at, 2), **figures})
             for i, (period, work) in enumerate(steps):
                 if at >= due[i]:
-                    due[i] = at + period
+                    due[i] = at + period * pace
                     work()
             if at >= next_word and self.samples:
                 next_word += PROGRESS_S

@@ -161,6 +161,7 @@ def arguments():
     parser.add_argument("--leak-every", type=int, default=0, metavar="N",
                         help="the game forgets to close every N-th socket, which has to be seen")
     options = parser.parse_args()
+    options.build, options.windows = options.build.resolve(), options.windows.resolve()
     if shutil.which("wine") is None:
         print("soak: no Wine here")
         sys.exit(77)
