@@ -25,5 +25,11 @@ class Process:
         self.used, self.used_at = used, now
         return found
 
+    def lives(self):
+        try:
+            return (self.folder / "stat").read_text().rsplit(")", 1)[1].split()[0] not in "ZX"
+        except OSError:
+            return False
+
     def mappings(self):
         return (self.folder / "maps").read_bytes().count(b"\n")

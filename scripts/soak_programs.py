@@ -57,9 +57,11 @@ class Programs:
 
     def __init__(self, launcher, windows_game, native_game, folder):
         self.launcher, self.folder = launcher, folder
-        self.works = [(SampleGame(native_game), windows_game)]
-        if third_party := third_party_folder():
-            self.works += [(work(SERVER), third_party / work.program) for work in mended_works.WORKS]
+        third_party = third_party_folder()
+        if third_party is None:
+            self.works = [(SampleGame(native_game), windows_game)]
+        else:
+            self.works = [(work(SERVER), third_party / work.program) for work in mended_works.WORKS]
         self.results = {}     # of each work's first run
         self.ended, self.failed = {}, {}
         self.process, self.work, self.place, self.turn = None, None, None, 0
@@ -112,7 +114,9 @@ class Programs:
             soak_clients.kill(pathlib.Path(self.work.program).name)
             self.process.wait(timeout=demo_bed.TIMEOUT_S)
             self.place.cleanup()
-        self.works[0][0].server.end()
+        for work, _ in self.works:
+            if isinstance(work, SampleGame):
+                work.server.end()
 
     def happened(self):
         return {"programs": sum(self.ended.values()), "programs that failed": sum(self.failed.values()),

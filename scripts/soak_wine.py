@@ -86,6 +86,8 @@ class Game:
 
     def sample(self):
         """Nothing at the first look."""
+        if not self.server.lives():
+            raise demo_bed.Failed("Wine's server has ended by itself, and the run with it")
         try:
             game, server = self.seen.sample(), self.server.sample()
             mappings = self.seen.mappings()
@@ -126,7 +128,8 @@ class World:
 
     def end(self, wrong):
         """Appends to `wrong` what does not end as it should."""
-        for one in (self.programs.end, self.game.end, self.clients.end, self.nodes.end_all):
+        windows = (self.programs.end, self.game.end, self.clients.end) if self.game.server.lives() else ()
+        for one in (*windows, self.nodes.end_all):
             try:
                 one()
             except (demo_bed.Failed, subprocess.TimeoutExpired) as failure:
