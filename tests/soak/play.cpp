@@ -9,7 +9,7 @@ PlayFigures played;
 namespace {
 
 constexpr DWORD kAnswerMs = 500;
-unsigned leak_every = 0;  // set before there are threads
+PlayOptions playing;  // set before there are threads
 
 sockaddr_in Server() {
   sockaddr_in to = {};
@@ -26,10 +26,12 @@ bool IsReadable(SOCKET s, DWORD ms) {
   return select(0, &set, nullptr, nullptr, &most) == 1;
 }
 
+void Pause(DWORD ms) { Sleep(ms * playing.calm); }
+
 // Closes one of the sockets that come and go, or leaks it.
 void Leave(SOCKET s) {
   static std::atomic<unsigned> left{0};
-  if (leak_every != 0 && ++left % leak_every == 0) return;
+  if (playing.leak_every != 0 && ++left % playing.leak_every == 0) return;
   closesocket(s);
 }
 
@@ -50,11 +52,11 @@ void Exchange(SOCKET s, const std::string& text) {
 
 DWORD WINAPI TalkLong(LPVOID) {
   const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-  for (unsigned long n = 0;; ++n, Sleep(40)) Exchange(s, "soak " + std::to_string(n));
+  for (unsigned long n = 0;; ++n, Pause(40)) Exchange(s, "soak " + std::to_string(n));
 }
 
 DWORD WINAPI TalkShort(LPVOID) {
-  for (;; Sleep(120)) {
+  for (;; Pause(120)) {
     const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     for (int n = 0; n < 3; ++n) Exchange(s, "soak short " + std::to_string(n));
     Leave(s);
@@ -88,10 +90,10 @@ bool Echo(SOCKET s, const std::string& text) {
 }
 
 DWORD WINAPI StreamLong(LPVOID) {
-  for (;; Sleep(200)) {
+  for (;; Pause(200)) {
     const SOCKET s = Join();
     if (s == INVALID_SOCKET) continue;
-    for (unsigned long n = 0; Echo(s, "soak " + std::to_string(n)); ++n) Sleep(100);
+    for (unsigned long n = 0; Echo(s, "soak " + std::to_string(n)); ++n) Pause(100);
     ++played.again;
     closesocket(s);
   }
@@ -99,7 +101,7 @@ DWORD WINAPI StreamLong(LPVOID) {
 
 DWORD WINAPI StreamShort(LPVOID) {
   const std::string text(3000, 's');
-  for (;; Sleep(80)) {
+  for (;; Pause(80)) {
     const SOCKET s = Join();
     ++played.streams;
     if (s == INVALID_SOCKET || !Echo(s, text)) ++played.failed;
@@ -113,8 +115,8 @@ void Start(LPTHREAD_START_ROUTINE body) {
   CloseHandle(CreateThread(nullptr, 0, body, nullptr, 0, nullptr));
 }
 
-void StartPlaying(unsigned leak) {
-  leak_every = leak;
+void StartPlaying(const PlayOptions& options) {
+  playing = options;
   for (const LPTHREAD_START_ROUTINE body : {TalkLong, TalkShort, StreamLong, StreamShort})
     Start(body);
 }

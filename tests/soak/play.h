@@ -24,9 +24,13 @@ extern PlayFigures played;
 // A thread for as long as the process lives.
 void Start(LPTHREAD_START_ROUTINE body);
 
-// Begins to play, with Winsock started, and returns. It ends with the process. Of the sockets that
-// come and go, every `leak_every`-th stays open, as in a game that leaks; none if that is 0.
-void StartPlaying(unsigned leak_every = 0);
+struct PlayOptions {
+  unsigned leak_every = 0;  // of the sockets that come and go, each so-many-th stays open; 0: none
+  unsigned calm = 1;        // pauses are so many times as long
+};
+
+// Begins to play, with Winsock started, and returns. It ends with the process.
+void StartPlaying(const PlayOptions& options = {});
 
 // The figures as members of a JSON object: `"sent": 1, ...`, without braces.
 std::string PlayedJson();

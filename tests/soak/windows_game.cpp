@@ -2,7 +2,9 @@
 // second what only the inside can know, as JSON. scripts/soak_wine.py starts it with the library
 // and watches it from outside.
 //
-//   windows_game [--leak-every N]    keeps every N-th of the sockets open that come and go
+//   windows_game [LEAK_EVERY [CALM]]    keeps every so-many-th of the sockets open that come and go
+//   (0: none), and
+//                                       pauses so many times as long
 #include <winsock2.h>
 //
 #include <windows.h>
@@ -54,17 +56,12 @@ DWORD WINAPI Say(LPVOID) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  unsigned leak_every = 0;
-  if (argc == 3 && std::strcmp(argv[1], "--leak-every") == 0)
-    leak_every = static_cast<unsigned>(std::atoi(argv[2]));
-  if (argc != 1 && leak_every == 0) {
-    std::fprintf(stderr,
-                 "usage: windows_game [--leak-every N]   (scripts/soak_wine.py starts it)\n");
-    return 2;
-  }
+  soak::PlayOptions options;
+  if (argc > 1) options.leak_every = static_cast<unsigned>(std::atoi(argv[1]));
+  if (argc > 2) options.calm = static_cast<unsigned>(std::atoi(argv[2]));
   WSADATA data;
   if (WSAStartup(MAKEWORD(2, 2), &data) != 0) return 1;
-  soak::StartPlaying(leak_every);
+  soak::StartPlaying(options);
   soak::Start(Say);
   for (std::string line; std::getline(std::cin, line);) continue;
   ExitProcess(0);
