@@ -39,9 +39,8 @@ NEEDED = ("flows with data", "answered", "streams", "reports", "tables", "watche
 
 
 class ServerEnded(demo_bed.Failed):
-    """The server of Wine 8.0 ends with a failed assertion (complete_async_poll in sock.c) now and then if the time of
-    a `select` is over after one of its sockets became ready and before the program has fetched that, which happens on
-    a busy machine."""
+    """The server of Wine 8.0 ends with a failed assertion (complete_async_poll in sock.c) now and then, on a busy
+    machine within minutes."""
 
 
 class Tables:

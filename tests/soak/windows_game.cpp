@@ -21,9 +21,8 @@ namespace {
 
 constexpr DWORD kSayMs = 500;
 
-// Wine's GetProcessHandleCount succeeds, and says 0; and its list of all handles, which the
-// system's information has, ends Wine's server now and then while other programs come and go. So
-// every value that a handle can have is asked about. Wine gives the least one that is free.
+// Wine's GetProcessHandleCount succeeds, and says 0. So every value that a handle can have is asked
+// about; Wine gives the least one that is free, so there are few gaps.
 constexpr ULONG_PTR kHandleStep = 4;
 constexpr int kMostInVain = 64;
 

@@ -8,7 +8,7 @@ import tempfile
 
 import support
 
-SECONDS = 7.5
+SECONDS = 6
 LEAK_EVERY = 3  # of a dozen sockets a second, and fewer on a busy machine
 LONGEST_S = 100
 ATTEMPTS = 3
