@@ -31,7 +31,7 @@ LOG_LEVEL = "log_level = 5"   # at 4 a long run reaches the most that a log may 
 LIMITS = (
     *(limit for limit in soak_judge.LIMITS if limit.name not in ("views", "blocks")),
     soak_judge.Limit("mappings", "", 12),
-    soak_judge.Limit("server fds", "", 12),
+    soak_judge.Limit("server fds", "", 40, 0.35),
     soak_judge.Limit("server memory", "KiB", 1536, 0.03),
 )
 NEEDED = ("flows with data", "answered", "streams", "reports", "tables", "watchers killed", "died with a mutex",
