@@ -62,13 +62,14 @@ class Run:
             print(f"wrong: {one}")
         verdicts = soak_judge.judge(self.samples, self.limits)
         words = ", ".join(f"{name} {number}" for name, number in self.happened.items())
-        print(f"{len(self.samples)} samples in {options.minutes:g} minutes; {words}")
+        print(f"{len(self.samples)} samples in {self.samples[-1]['at'] / 60:.3g} minutes; {words}")
         for verdict in verdicts:
             print(verdict.line())
         if options.json:
             options.json.write_text(json.dumps(self._as_json(options, verdicts), indent=1) + "\n")
         if options.picture:
-            title = f"{options.minutes:g} minutes of {self.game}, mended: {options.mended}"
+            minutes = self.samples[-1]["at"] / 60   # fewer than asked for if the run ended early
+            title = f"{minutes:.3g} minutes of {self.game}, mended: {options.mended}"
             options.picture.write_text(soak_judge.picture(self.samples, verdicts, title))
         if self.wrong:
             raise demo_bed.Failed("; ".join(self.wrong))
