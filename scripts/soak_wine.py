@@ -28,6 +28,7 @@ GAME = "soak_game.exe"
 SERVER_ENDED = 3   # exit code
 TABLES_S = 1.5     # from one change of the tables to the next
 LOG_LEVEL = "log_level = 5"   # at 4 a long run reaches the most that a log may have
+MOVES = "max_link_switch_count = 1000"   # a flow that may move once does not outlive two nodes
 LIMITS = (
     *(limit for limit in soak_judge.LIMITS if limit.name not in ("views", "blocks")),
     soak_judge.Limit("mappings", "", 12),
@@ -51,7 +52,9 @@ class Tables:
         logs = demo_bed.windows_path(logs) + "\\"
         games = [switch_run.game(map(demo_bed.windows_path, paths), logs, number).rstrip()
                  for number, paths in ((GAME_ID, [game]), (OTHER_GAME_ID, others))]
-        self.games = "\n".join(f"{one}\nmend = '{mended}'\n".replace("log_level = 4", LOG_LEVEL) for one in games)
+        self.games = "\n".join(f"{one}\nmend = '{mended}'\n" for one in games)
+        for before, after in (("log_level = 4", LOG_LEVEL), ("max_link_switch_count = 1", MOVES)):
+            self.games = self.games.replace(before, after)
         self.path, self.changes = path, 0
         self.change()
 
