@@ -16,6 +16,8 @@ class Flows:
     def take(self, reports):
         """Takes reports in the order in which the client did."""
         for socket, is_last, *shown in reports:
+            if is_last and self.ended.get(socket) == shown:
+                continue  # a watcher was killed before it had given the report back, and the next shows it, too
             if socket in self.ended:
                 self.after_end.append((socket, self.ended[socket], shown))
             elif is_last:

@@ -2,9 +2,8 @@
 // process: without Windows, processes share no objects. scripts/soak.py starts it and watches it
 // from outside; it says once a second what only the inside can know.
 //
-// Two sockets live as long as the game, others come and go all the time. The client takes the
-// reports, writes other tables, and dies again and again while it holds a mutex. Ends with the end
-// of its input.
+// play.h says what it plays. The client takes the reports, writes other tables, and dies again and
+// again again while it holds a mutex. Ends with the end of its input.
 #include <winsock2.h>
 //
 #include <windows.h>
@@ -27,119 +26,20 @@
 #include "port/shared/objects.h"
 #include "quality/link_identity.h"
 #include "route/decision.h"
+#include "tests/soak/play.h"
 
 namespace {
 
 using namespace moru_vyr::lsp;  // NOLINT: the records
 using common::u32;
 
-constexpr char kServer[] = "198.51.100.10";
 constexpr const char* kNodes[] = {"198.51.100.20", "198.51.100.21"};
-constexpr int kServerPort = 7000, kNodePort = 9000;
-constexpr DWORD kAnswerMs = 500;
+constexpr int kNodePort = 9000;
 
 struct Figures {
-  std::atomic<unsigned long> sent{0}, answered{0};             // datagrams
-  std::atomic<unsigned long> streams{0}, failed{0}, again{0};  // short ones; long ones begun again
-  std::atomic<unsigned long> wrong{0};                         // bytes that nobody sent
   std::atomic<unsigned long> tables{0}, killed{0}, reports{0};
 };
 Figures figures;
-
-sockaddr_in Server() {
-  sockaddr_in to = {};
-  to.sin_family = AF_INET;
-  to.sin_addr.s_addr = static_cast<in_addr_t>(inet_addr(kServer));
-  to.sin_port = htons(kServerPort);
-  return to;
-}
-
-bool IsReadable(SOCKET s, DWORD ms) {
-  fd_set set = {};
-  FD_SET(s, &set);
-  const struct timeval most = {static_cast<int>(ms / 1000), static_cast<int>(ms % 1000 * 1000)};
-  return select(0, &set, nullptr, nullptr, &most) == 1;
-}
-
-void Start(LPTHREAD_START_ROUTINE body) {
-  CloseHandle(CreateThread(nullptr, 0, body, nullptr, 0, nullptr));
-}
-
-// --- the game -----------------------------------------------------------------------------------
-
-// Sends one datagram, and waits for its answer unless it is late.
-void Exchange(SOCKET s, const std::string& text) {
-  const sockaddr_in to = Server();
-  ++figures.sent;
-  if (sendto(s, text.data(), static_cast<int>(text.size()), 0,
-             reinterpret_cast<const struct sockaddr*>(&to), sizeof to) < 0)
-    return;
-  if (!IsReadable(s, kAnswerMs)) return;
-  char bytes[2048];
-  const int n = recv(s, bytes, sizeof bytes, 0);
-  if (n <= 0) return;
-  ++figures.answered;
-  if (std::string(bytes, static_cast<size_t>(n)).rfind("soak ", 0) != 0) ++figures.wrong;
-}
-
-DWORD WINAPI TalkLong(LPVOID) {
-  const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-  for (unsigned long n = 0;; ++n, Sleep(40)) Exchange(s, "soak " + std::to_string(n));
-}
-
-DWORD WINAPI TalkShort(LPVOID) {
-  for (;; Sleep(120)) {
-    const SOCKET s = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    for (int n = 0; n < 3; ++n) Exchange(s, "soak short " + std::to_string(n));
-    closesocket(s);
-  }
-}
-
-SOCKET Join() {
-  const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  const DWORD most_ms = 8000;
-  for (const int which : {SO_RCVTIMEO, SO_SNDTIMEO})
-    setsockopt(s, SOL_SOCKET, which, reinterpret_cast<const char*>(&most_ms), sizeof most_ms);
-  const sockaddr_in to = Server();
-  if (connect(s, reinterpret_cast<const struct sockaddr*>(&to), sizeof to) == 0) return s;
-  closesocket(s);
-  return INVALID_SOCKET;
-}
-
-// False if the stream has ended.
-bool Echo(SOCKET s, const std::string& text) {
-  if (send(s, text.data(), static_cast<int>(text.size()), 0) != static_cast<int>(text.size()))
-    return false;
-  std::string got;
-  char bytes[4096];
-  while (got.size() < text.size()) {
-    const int n = recv(s, bytes, sizeof bytes, 0);
-    if (n <= 0) return false;
-    got.append(bytes, static_cast<size_t>(n));
-  }
-  if (got != text) ++figures.wrong;
-  return true;
-}
-
-DWORD WINAPI StreamLong(LPVOID) {
-  for (;; Sleep(200)) {
-    const SOCKET s = Join();
-    if (s == INVALID_SOCKET) continue;
-    for (unsigned long n = 0; Echo(s, "soak " + std::to_string(n)); ++n) Sleep(100);
-    ++figures.again;
-    closesocket(s);
-  }
-}
-
-DWORD WINAPI StreamShort(LPVOID) {
-  const std::string text(3000, 's');
-  for (;; Sleep(80)) {
-    const SOCKET s = Join();
-    ++figures.streams;
-    if (s == INVALID_SOCKET || !Echo(s, text)) ++figures.failed;
-    if (s != INVALID_SOCKET) closesocket(s);
-  }
-}
 
 // --- the client program -------------------------------------------------------------------------
 
@@ -297,13 +197,10 @@ DWORD WINAPI Say(LPVOID) {
       taken.swap(traffic);
     }
     std::printf(
-        "{\"handles\": %zu, \"views\": %zu, \"blocks\": %zu, \"sent\": %lu, "
-        "\"answered\": %lu, \"streams\": %lu, \"failed\": %lu, \"again\": %lu, \"wrong\": %lu, "
-        "\"tables\": %lu, \"killed\": %lu, \"reports\": %lu, \"traffic\": [%s]}\n",
-        port::OpenHandles(), port::OpenViews(), port::OpenAllocations(), figures.sent.load(),
-        figures.answered.load(), figures.streams.load(), figures.failed.load(),
-        figures.again.load(), figures.wrong.load(), figures.tables.load(), figures.killed.load(),
-        figures.reports.load(), taken.c_str());
+        "{\"handles\": %zu, \"views\": %zu, \"blocks\": %zu, %s, \"tables\": %lu, "
+        "\"killed\": %lu, \"reports\": %lu, \"traffic\": [%s]}\n",
+        port::OpenHandles(), port::OpenViews(), port::OpenAllocations(), soak::PlayedJson().c_str(),
+        figures.tables.load(), figures.killed.load(), figures.reports.load(), taken.c_str());
     std::fflush(stdout);
   }
 }
@@ -316,7 +213,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   bench::LibrarySetup setup;
-  setup.server = kServer;
+  setup.server = soak::kServer;
   setup.node = kNodes[0];
   setup.node_port = kNodePort;
   setup.folder = argv[1];
@@ -324,9 +221,9 @@ int main(int argc, char** argv) {
   setup.mended = std::string(argv[2]) == "all" ? kMendAll : 0;
   bench::InstallLibrary(setup);
   channels = new Channels;
-  for (const LPTHREAD_START_ROUTINE body :
-       {TalkLong, TalkShort, StreamLong, StreamShort, TakeReports, WriteTables, KillClients, Say})
-    Start(body);
+  soak::StartPlaying();
+  for (const LPTHREAD_START_ROUTINE body : {TakeReports, WriteTables, KillClients, Say})
+    soak::Start(body);
   for (std::string line; std::getline(std::cin, line);) continue;
   std::_Exit(0);
 }

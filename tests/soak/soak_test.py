@@ -1,15 +1,19 @@
 """The judge of long runs on made-up samples: what grows is noticed, what only moves is not. And the
-flows of a run on made-up reports: an end that never came is told from a report that came after it."""
+flows of a run on made-up reports: an end that never came is told from a report that came after it, and from one
+that nobody was there to take."""
+import json
 import math
 import pathlib
 import random
 import sys
 import unittest
+import unittest.mock
 import xml.etree.ElementTree
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
 import soak_flows  # noqa: E402
 import soak_judge  # noqa: E402
+import soak_reports  # noqa: E402
 
 FLAT = {"descriptors": 40, "threads": 14, "handles": 60, "views": 12, "blocks": 3, "memory": 20_000,
         "processor": 8, "unended": 4}
@@ -109,6 +113,73 @@ class Flows(unittest.TestCase):
         most = soak_flows.MOST_KEPT
         flows = self.flows(*(("a", 0, tick) for tick in range(3 * most)))
         self.assertEqual(flows.left()["open"], {"a": [[tick] for tick in range(2 * most, 3 * most)]})
+
+
+class Reports(unittest.TestCase):
+    """Under Wine, the reports come as lines of a watcher that is killed now and then."""
+
+    def setUp(self):
+        self.now = 1000.0
+        patched = unittest.mock.patch("time.monotonic", lambda: self.now)
+        patched.start()
+        self.addCleanup(patched.stop)
+        self.reports = soak_reports.Reports(soak_flows.Flows(), 10001)
+
+    def take(self, guid, ended=0, life=0, game_id=10001, event="communication"):
+        self.reports.take(json.dumps({
+            "event": event, "game_id": game_id, "guid_str": guid, "create_tick": 5, "life": life, "ended": ended,
+            "socket_type": 2, "proxy_idc": 1, "total_sent_packets": 3}))
+
+    def after(self, seconds):
+        self.now += seconds
+        self.reports.settle()
+
+    def open(self):
+        return set(self.reports.flows.open)
+
+    def test_flows_of_the_game_are_followed(self):
+        self.take("a")
+        self.take("b")
+        self.take("b", ended=1)
+        self.take("c", game_id=10002)
+        self.reports.take('{"event": "commun')
+        self.assertEqual(self.open(), {"a 5"})
+        self.assertEqual(self.reports.happened()["reports"], 4)
+
+    def test_a_flow_that_fell_silent_when_nobody_took_reports_is_told_apart(self):
+        self.take("a")
+        self.reports.nobody_takes_them()
+        self.after(soak_reports.AFTER_S - 1)
+        self.take("b")
+        self.after(soak_reports.SILENT_S)
+        self.assertEqual(self.open(), {"a 5", "b 5"})
+        self.after(2)
+        self.assertEqual(self.open(), set())
+        self.assertEqual(sorted(self.reports.unheard), ["a 5", "b 5"])
+
+    def test_one_that_fell_silent_at_another_time_is_open(self):
+        self.take("before")
+        self.after(soak_reports.BEFORE_S + 1)
+        self.reports.nobody_takes_them()
+        self.after(soak_reports.AFTER_S + 1)
+        self.take("afterwards")
+        self.after(soak_reports.SILENT_S + 1)
+        self.assertEqual(self.open(), {"before 5", "afterwards 5"})
+
+    def test_one_that_is_heard_of_again_is_open(self):
+        self.take("a")
+        self.reports.nobody_takes_them()
+        self.after(soak_reports.AFTER_S + 1)
+        self.take("a", life=6000)
+        self.after(soak_reports.SILENT_S)
+        self.assertEqual(self.open(), {"a 5"})
+
+    def test_a_report_that_two_watchers_show_is_one(self):
+        self.take("a", ended=1, life=9)
+        self.take("a", ended=1, life=9)
+        self.assertEqual(self.reports.flows.after_end, [])
+        self.take("a", life=9)
+        self.assertEqual(len(self.reports.flows.after_end), 1)
 
 
 class Picture(unittest.TestCase):

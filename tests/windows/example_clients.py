@@ -16,6 +16,9 @@ import support
 from conversation import Conversation, wait_until
 from relayed_transfers import PatternServer
 
+sys.path.insert(0, str(support.ROOT / "scripts"))
+from bed_processes import windows_processes  # noqa: E402
+
 MUTEXES = ("vyr_route_named_mutex", "vyr_restriction_named_mutex", "vyr_qos_acce_decision_named_mutex")
 BYTES = 100000
 MOMENTS = 12  # at which a client program is killed, from its first moment on
@@ -93,21 +96,6 @@ def rest_of(conversation):
     while not conversation.lines.empty():
         lines.append(conversation.lines.get())
     return lines
-
-
-def windows_processes(name):
-    """The ids of the native processes that run a Windows program of that name."""
-    found = []
-    for folder in support.pathlib.Path("/proc").glob("[0-9]*"):
-        with contextlib.suppress(OSError):
-            words = (folder / "cmdline").read_bytes().split(b"\0")
-            if re.split(rb"[\\/]", words[0])[-1] == name.encode() and in_this_bed(folder):
-                found.append(int(folder.name))
-    return found
-
-
-def in_this_bed(folder):
-    return os.readlink(folder / "ns/net") == os.readlink("/proc/self/ns/net")
 
 
 def check_reports(stage):
