@@ -58,6 +58,12 @@ double SimulatedSeconds(const sim::ChildResult& result) {
   return at == std::string::npos ? 0 : std::atof(result.output.c_str() + at + 10) / 1000;
 }
 
+// Of a passed world: what it says of itself.
+const char* LastLine(const std::string& output) {
+  const size_t at = output.rfind("simulated ");
+  return at == std::string::npos ? "\n" : output.c_str() + at;
+}
+
 std::string Listed(const FaultList& faults, const Kept& kept) {
   std::string text;
   for (const size_t at : kept) text += "  " + std::to_string(at) + ": " + faults[at].Text() + "\n";
@@ -96,6 +102,10 @@ void RunWorlds(Length length, unsigned usual) {
     const sim::ChildResult result = RunWorld(length, seed, kept);
     if (!result.passed) FAIL() << Failure(length, seed, kept);
     seconds += SimulatedSeconds(result);
+    if (std::getenv("VYR_SWARM_DIGESTS") != nullptr)
+      std::printf("seed %llu: %016llx of %llu lines, %s", static_cast<unsigned long long>(seed),
+                  static_cast<unsigned long long>(result.trace_hash),
+                  static_cast<unsigned long long>(result.trace_lines), LastLine(result.output));
     resting += result.output.find("timers rest") != std::string::npos;
   }
   std::printf("swarm: seeds %llu to %llu, %.1f simulated seconds, timers rest in %u worlds\n",

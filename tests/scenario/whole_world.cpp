@@ -127,8 +127,9 @@ void WholeWorld::Live() {
   const DWORD begin = GetTickCount();
   EXPECT_EQ(WSACleanup(), 0);
   EXPECT_LE(GetTickCount() - begin, IsMended() ? 5500u : 410u);
-  std::printf("simulated %lld ms, %zu reports%s\n",
-              static_cast<long long>(world.now() / std::chrono::milliseconds(1)), reports_.taken(),
+  std::printf("simulated %lld ms, %llu steps, %zu reports%s\n",
+              static_cast<long long>(world.now() / std::chrono::milliseconds(1)),
+              static_cast<unsigned long long>(world.steps()), reports_.taken(),
               timers_rest_ ? ", timers rest" : "");
 }
 
@@ -227,8 +228,9 @@ void WholeWorld::ExpectSilenceIsNoticed() {
   const SOCKET s = Tcp();
   Caller caller(s, Style::kBlocks);
   char bytes[16];
-  if (caller.Connect(kServer, kPort) == 0 && caller.Send("anyone there", 12) == 12)
+  if (caller.Connect(kServer, kPort) == 0 && caller.Send("anyone there", 12) == 12) {
     EXPECT_NE(caller.Receive(bytes, sizeof bytes), -WSAETIMEDOUT);
+  }
   caller.Close();
   for (size_t i = 0; i < kNodes; ++i) BehaviourOf(i) = {};
 }
