@@ -86,6 +86,12 @@ class Scheduler {
   Scheduler(const Options& options, Hooks hooks);
 
   Micros now() const { return now_; }
+  // When a time-out that begins now is noticed.
+  Micros DeadlineIn(Micros duration) const {
+    return (now_ + duration + grain_ - 1) / grain_ * grain_;
+  }
+  // Time-outs that begin from now on end at multiples of this.
+  void SetGrain(Micros grain) { grain_ = grain; }
   uint64_t steps() const { return steps_; }
   Thread& current() const { return *current_; }
   const std::vector<ThreadRef>& threads() const { return threads_; }
@@ -156,6 +162,7 @@ class Scheduler {
   Hooks hooks_;
   Random dice_;
   Micros now_ = 0;
+  Micros grain_ = 1;
   uint64_t steps_ = 0;
   uint64_t steps_here_ = 0;  // since a thread last waited for time to pass
   uint64_t event_order_ = 0;

@@ -19,7 +19,7 @@ int WaitUntil(Socket& socket, const char* call, DWORD timeout_ms,
   wait.ready = [&] { return socket.closed || ready(); };
   wait.says = [call, &socket] { return Format("%s on socket %u", call, socket.handle); };
   if (timeout_ms != 0 && timeout_ms != INFINITE)
-    wait.deadline = scheduler.now() + Micros{timeout_ms} * 1000;
+    wait.deadline = scheduler.DeadlineIn(Micros{timeout_ms} * 1000);
   const bool in_time = scheduler.Block(wait);
   if (socket.closed) return WSAEINTR;
   return in_time ? 0 : WSAETIMEDOUT;

@@ -216,6 +216,12 @@ void World::After(Duration delay, std::function<void()> action) {
   scheduler_->At((now() + delay).count(), std::move(action));
 }
 
+void World::SetTimerGrain(Duration grain) {
+  if (grain < Duration(1)) Fail("timers cannot be finer than a microsecond");
+  Trace(Format("timers notice each %lld us", static_cast<long long>(grain.count())));
+  scheduler_->SetGrain(grain.count());
+}
+
 // --- faults ---------------------------------------------------------------------------------
 
 void World::ShortSend(unsigned nth, size_t bytes) {

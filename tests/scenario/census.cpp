@@ -14,6 +14,7 @@
 #include <cstring>
 #include <iterator>
 #include <mutex>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -22,7 +23,8 @@
 namespace test {
 namespace {
 
-constexpr char kProduct[] = "moru_vyr";
+constexpr std::string_view kProduct = "moru_vyr::";
+constexpr std::string_view kUnnamed = "(anonymous namespace)";
 
 // What the census itself allocates must not be counted.
 template <class T>
@@ -109,12 +111,29 @@ struct State {
 };
 State* the_state = nullptr;  // never freed
 
+// Its name up to its parameters.
+std::string_view WithoutParameters(std::string_view readable) {
+  int depth = 0;  // of template arguments
+  for (std::size_t at = 0; at < readable.size(); ++at) {
+    if (readable.substr(at, kUnnamed.size()) == kUnnamed) {
+      at += kUnnamed.size() - 1;
+    } else if (readable[at] == '<') {
+      ++depth;
+    } else if (readable[at] == '>') {
+      --depth;
+    } else if (readable[at] == '(' && depth == 0 && at > 0) {
+      return readable.substr(0, at);
+    }
+  }
+  return readable;
+}
+
 void Note(void* memory, void* caller) noexcept {
   State& state = *the_state;
   const auto from = reinterpret_cast<std::uintptr_t>(caller);
   const std::lock_guard hold(state.lock);
   const auto [known, is_new] = state.is_product.try_emplace(from);
-  if (is_new) known->second = std::strstr(state.symbols.NameAt(from), kProduct) != nullptr;
+  if (is_new) known->second = IsOfProduct(state.symbols.NameAt(from));
   if (known->second) state.blocks[memory] = from;
 }
 
@@ -131,6 +150,15 @@ std::string Readable(const char* name) {
 }
 
 }  // namespace
+
+bool IsOfProduct(const char* symbol) {
+  // Takes its memory from malloc, which nobody counts.
+  char* const text = abi::__cxa_demangle(symbol, nullptr, nullptr, nullptr);
+  const std::string_view readable = text != nullptr ? text : symbol;
+  const bool is = WithoutParameters(readable).find(kProduct) != std::string_view::npos;
+  std::free(text);
+  return is;
+}
 
 void PrepareCensus() {
   if (the_state == nullptr) the_state = new State;

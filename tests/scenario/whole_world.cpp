@@ -100,7 +100,7 @@ void WholeWorld::Live() {
   StartFaults();
   for (size_t i = 0; i < course_.stretches.size(); ++i) {
     if (i > 0) StartGame(i);
-    AdvanceTo(play_begins_ + std::chrono::milliseconds(course_.stretches[i].end_ms()));
+    LiveThrough(course_.stretches[i]);
     Heal();
     if (course_.stretches[i].kind == Stretch::kSilent) CountBlocks();
   }
@@ -131,6 +131,22 @@ void WholeWorld::Live() {
               static_cast<long long>(world.now() / std::chrono::milliseconds(1)),
               static_cast<unsigned long long>(world.steps()), reports_.taken(),
               timers_rest_ ? ", timers rest" : "");
+}
+
+void WholeWorld::LiveThrough(const Stretch& stretch) {
+  const auto moment = [this](uint32_t ms) { return play_begins_ + std::chrono::milliseconds(ms); };
+  uint32_t exact_until_ms = stretch.begin_ms + kExactMs;
+  for (const size_t at : kept_) {
+    // Whether a wrap stops the timers depends on some milliseconds.
+    if (faults_[at].kind == FaultKind::kTickWraps && faults_[at].at_ms < stretch.end_ms())
+      exact_until_ms = std::max(exact_until_ms, faults_[at].at_ms + kExactMs);
+  }
+  if (stretch.timers_ms != 0 && exact_until_ms < stretch.end_ms()) {
+    AdvanceTo(moment(exact_until_ms));
+    world.SetTimerGrain(std::chrono::milliseconds(stretch.timers_ms));
+  }
+  AdvanceTo(moment(stretch.end_ms()));
+  world.SetTimerGrain(1us);
 }
 
 void WholeWorld::Player(std::function<void()> body) {
