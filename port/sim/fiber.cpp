@@ -89,8 +89,8 @@ void GiveStackBack(char* stack) {
   SpareStacks().push_back(stack);
 }
 
-Fiber* left = nullptr;     // whose stack was left last
-Fiber* arrives = nullptr;  // which fiber begins or goes on
+Fiber* departed = nullptr;  // whose stack was left last
+Fiber* arrives = nullptr;   // which fiber begins or goes on
 
 }  // namespace
 
@@ -219,7 +219,7 @@ void Fiber::Switch(Fiber& from, Fiber& to) {
   KeepExceptions();
   const auto* const look = port::PauseSteps();
   from.Save();
-  left = &from;
+  departed = &from;
   arrives = &to;
 #ifdef VYR_ADDRESS_SANITIZER
   __sanitizer_start_switch_fiber(&from.shadow_, to.base_, to.size_);
@@ -235,8 +235,8 @@ void Fiber::Arrive() {
   const void* base = nullptr;
   size_t size = 0;
   __sanitizer_finish_switch_fiber(shadow_, &base, &size);
-  left->base_ = base;
-  left->size_ = size;
+  departed->base_ = base;
+  departed->size_ = size;
 #endif
   Restore();
 }

@@ -227,11 +227,13 @@ void Scheduler::Leave() {
 
 void Scheduler::MarkEnded(Thread& thread, uint32_t exit_code) {
   thread.state_ = Thread::State::kEnded;
+  has_ended_ = true;
   thread.exit_code = exit_code;
   hooks_.ended(thread);
 }
 
 void Scheduler::DropEnded() {
+  if (!std::exchange(has_ended_, false)) return;
   for (size_t i = 0; i < threads_.size();) {
     if (!threads_[i]->ended()) {
       ++i;

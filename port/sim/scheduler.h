@@ -1,9 +1,9 @@
 // Runs one thread at a time, in an order that the seed decides, on a virtual clock.
 //
 // Each simulated thread has a stack of its own (fiber.h), and all of them share one thread of the
-// host. The baton says which of them runs. It is passed on only inside Step, Yield and Block, and every
-// simulated call goes through one of these. Code between two calls is therefore atomic, and the
-// simulation's own data needs no lock.
+// host. The baton says which of them runs. It is passed on only inside Step, Yield and Block, and
+// every simulated call goes through one of these. Code between two calls is therefore atomic, and
+// the simulation's own data needs no lock.
 //
 // Virtual time stands still while any thread can run. When all threads wait, it jumps to the next
 // deadline or event. There is one exception, for programs that poll in a loop: after `spin_steps`
@@ -171,6 +171,7 @@ class Scheduler {
   Thread* current_ = nullptr;
   std::unique_ptr<Fiber> over_;  // of the thread that has just ended
   std::vector<ThreadRef> threads_;
+  bool has_ended_ = false;        // some of these
   std::vector<ThreadRef> ended_;  // never run again; their stacks may still refer to these records
   std::vector<Event> events_;     // a heap, the earliest first
   std::vector<Thread*> ready_;    // of PickReady, which keeps its memory

@@ -69,6 +69,7 @@ struct Options {
   bool tcp_saves_segments = false;    // Nagle's algorithm and delayed acknowledgements
   bool reuse_socket_handles = false;  // true: the value of a closed handle is reused at once
   TraceRing* trace = nullptr;         // null: the world creates its own
+  bool traces = true;                 // false: the same run, in half the time, without a trace
 };
 
 class Host {

@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <mutex>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -103,8 +102,8 @@ class Symbols {
   std::vector<Function> functions_;
 };
 
+// Without a lock: all simulated threads share one thread of the host.
 struct State {
-  std::mutex lock;
   Symbols symbols;
   Map<std::uintptr_t, bool> is_product;  // by caller
   Map<void*, std::uintptr_t> blocks;     // with their callers
@@ -131,16 +130,12 @@ std::string_view WithoutParameters(std::string_view readable) {
 void Note(void* memory, void* caller) noexcept {
   State& state = *the_state;
   const auto from = reinterpret_cast<std::uintptr_t>(caller);
-  const std::lock_guard hold(state.lock);
   const auto [known, is_new] = state.is_product.try_emplace(from);
   if (is_new) known->second = IsOfProduct(state.symbols.NameAt(from));
   if (known->second) state.blocks[memory] = from;
 }
 
-void Forget(void* memory) noexcept {
-  const std::lock_guard hold(the_state->lock);
-  the_state->blocks.erase(memory);
-}
+void Forget(void* memory) noexcept { the_state->blocks.erase(memory); }
 
 std::string Readable(const char* name) {
   char* const text = abi::__cxa_demangle(name, nullptr, nullptr, nullptr);
@@ -172,10 +167,7 @@ void StartCensus() {
 std::map<std::string, long> Census() {
   State& state = *the_state;
   Map<std::uintptr_t, long> by_caller;
-  {
-    const std::lock_guard hold(state.lock);
-    for (const auto& [memory, caller] : state.blocks) ++by_caller[caller];
-  }
+  for (const auto& [memory, caller] : state.blocks) ++by_caller[caller];
   std::map<std::string, long> by_name;
   for (const auto& [caller, count] : by_caller)
     by_name[Readable(state.symbols.NameAt(caller))] += count;

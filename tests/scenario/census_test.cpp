@@ -1,5 +1,5 @@
-// The census: which blocks it counts, as whose, and that it forgets those that are freed. A block that
-// it does not see could leak for ever, and one that is not the product's would accuse it.
+// The census: which blocks it counts, as whose, and that it forgets those that are freed. A block
+// that it does not see could leak for ever, and one that is not the product's would accuse it.
 #include "tests/scenario/census.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// The courses of long play: what must be true of each, whatever the seed, so that a long world finds
-// what only hours can show.
+// The courses of long play: what must be true of each, whatever the seed, so that a long world
+// finds what only hours can show.
 #include "tests/scenario/whole_course.h"
 
 #include <gtest/gtest.h>

@@ -35,12 +35,16 @@ FaultList FaultsOf(Length length, uint64_t seed) {
   return DrawFaults(seed, CourseOf(length, seed));
 }
 
-sim::ChildResult RunWorld(Length length, uint64_t seed, const Kept& kept) {
+bool PrintsDigests() { return std::getenv("VYR_SWARM_DIGESTS") != nullptr; }
+
+// With a trace it takes twice as long.
+sim::ChildResult RunWorld(Length length, uint64_t seed, const Kept& kept, bool traces) {
   const Course course = CourseOf(length, seed);
   const FaultList faults = DrawFaults(seed, course);
   sim::Options options;
   if (course.IsLong()) options.max_steps = kStepsOfLongWorlds;
   options.seed = seed;
+  options.traces = traces;
   for (const size_t at : kept) {
     if (faults[at].kind == FaultKind::kTickWraps)
       options.tick_start = 0u - kSetUpMs - faults[at].at_ms;
@@ -76,10 +80,10 @@ std::string Failure(Length length, uint64_t seed, const Kept& all) {
   Kept kept = all;
   if (!is_chosen) {
     kept = test::Smallest(all, [length, seed, &runs](const Kept& part) {
-      return ++runs <= kMostRuns && !RunWorld(length, seed, part).passed;
+      return ++runs <= kMostRuns && !RunWorld(length, seed, part, false).passed;
     });
   }
-  const sim::ChildResult result = RunWorld(length, seed, kept);
+  const sim::ChildResult result = RunWorld(length, seed, kept, true);
   const auto* const info = testing::UnitTest::GetInstance()->current_test_info();
   const std::string name = std::string(info->test_suite_name()) + "." + info->name();
   return "the world of seed " + std::to_string(seed) + " " + result.HowItEnded() + ", with " +
@@ -99,10 +103,10 @@ void RunWorlds(Length length, unsigned usual) {
   unsigned resting = 0;  // worlds whose timers a wrap of the tick counter has stopped
   for (uint64_t seed = first; seed <= last; ++seed) {
     const Kept kept = KeptFaults(FaultsOf(length, seed));
-    const sim::ChildResult result = RunWorld(length, seed, kept);
+    const sim::ChildResult result = RunWorld(length, seed, kept, PrintsDigests());
     if (!result.passed) FAIL() << Failure(length, seed, kept);
     seconds += SimulatedSeconds(result);
-    if (std::getenv("VYR_SWARM_DIGESTS") != nullptr)
+    if (PrintsDigests())
       std::printf("seed %llu: %016llx of %llu lines, %s", static_cast<unsigned long long>(seed),
                   static_cast<unsigned long long>(result.trace_hash),
                   static_cast<unsigned long long>(result.trace_lines), LastLine(result.output));

@@ -141,12 +141,13 @@ void WholeWorld::LiveThrough(const Stretch& stretch) {
     if (faults_[at].kind == FaultKind::kTickWraps && faults_[at].at_ms < stretch.end_ms())
       exact_until_ms = std::max(exact_until_ms, faults_[at].at_ms + kExactMs);
   }
-  if (stretch.timers_ms != 0 && exact_until_ms < stretch.end_ms()) {
+  const bool saves_power = stretch.timers_ms != 0 && exact_until_ms < stretch.end_ms();
+  if (saves_power) {
     AdvanceTo(moment(exact_until_ms));
     world.SetTimerGrain(std::chrono::milliseconds(stretch.timers_ms));
   }
   AdvanceTo(moment(stretch.end_ms()));
-  world.SetTimerGrain(1us);
+  if (saves_power) world.SetTimerGrain(1us);
 }
 
 void WholeWorld::Player(std::function<void()> body) {
