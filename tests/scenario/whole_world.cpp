@@ -238,7 +238,8 @@ std::string WholeWorld::NewObjects() const {
   return text;
 }
 
-// Nodes that do not answer cost a stream time, and not its life: the relay's timers see to it.
+// Nodes that do not answer cost a stream time, and not its life, and a datagram likewise: the relay's
+// timers see to it, each protocol's its own.
 void WholeWorld::ExpectSilenceIsNoticed() {
   for (size_t i = 0; i < kNodes; ++i) BehaviourOf(i).on_request = node::Behaviour::kSilent;
   serve = Echo;
@@ -249,6 +250,7 @@ void WholeWorld::ExpectSilenceIsNoticed() {
     EXPECT_NE(caller.Receive(bytes, sizeof bytes), -WSAETIMEDOUT);
   }
   caller.Close();
+  ExpectADatagramIsAnswered();
   for (size_t i = 0; i < kNodes; ++i) BehaviourOf(i) = {};
 }
 
