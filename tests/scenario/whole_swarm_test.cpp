@@ -100,7 +100,8 @@ void RunWorlds(Length length, unsigned usual) {
   uint64_t last = first + SwarmSeeds(usual) - 1;
   if (sim::SeedFromEnvironment(&first)) last = first;
   double seconds = 0;
-  unsigned resting = 0;  // worlds whose timers a wrap of the tick counter has stopped
+  unsigned resting = 0,
+           going_on = 0;  // worlds whose timers a wrap of the tick counter has stopped, or not
   for (uint64_t seed = first; seed <= last; ++seed) {
     const Kept kept = KeptFaults(FaultsOf(length, seed));
     const sim::ChildResult result = RunWorld(length, seed, kept, PrintsDigests());
@@ -111,10 +112,13 @@ void RunWorlds(Length length, unsigned usual) {
                   static_cast<unsigned long long>(result.trace_hash),
                   static_cast<unsigned long long>(result.trace_lines), LastLine(result.output));
     resting += result.output.find("timers rest") != std::string::npos;
+    going_on += result.output.find("timers go on") != std::string::npos;
   }
-  std::printf("swarm: seeds %llu to %llu, %.1f simulated seconds, timers rest in %u worlds\n",
-              static_cast<unsigned long long>(first), static_cast<unsigned long long>(last),
-              seconds, resting);
+  std::printf(
+      "swarm: seeds %llu to %llu, %.1f simulated seconds, timers rest in %u worlds, go on after a "
+      "wrap in %u\n",
+      static_cast<unsigned long long>(first), static_cast<unsigned long long>(last), seconds,
+      resting, going_on);
 }
 
 TEST(WholeSwarm, EverythingAtOnceIsRightUnderAnyFaults) { RunWorlds(Length::kShort, kUsualSeeds); }

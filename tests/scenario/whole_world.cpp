@@ -130,7 +130,9 @@ void WholeWorld::Live() {
   std::printf("simulated %lld ms, %llu steps, %zu reports%s\n",
               static_cast<long long>(world.now() / std::chrono::milliseconds(1)),
               static_cast<unsigned long long>(world.steps()), reports_.taken(),
-              timers_rest_ ? ", timers rest" : "");
+              timers_rest_       ? ", timers rest"
+              : timers_may_rest_ ? ", timers go on after a wrap"
+                                 : "");
 }
 
 void WholeWorld::LiveThrough(const Stretch& stretch) {
@@ -238,8 +240,8 @@ std::string WholeWorld::NewObjects() const {
   return text;
 }
 
-// Nodes that do not answer cost a stream time, and not its life, and a datagram likewise: the relay's
-// timers see to it, each protocol's its own.
+// Nodes that do not answer cost a stream time, and not its life, and a datagram likewise: the
+// relay's timers see to it, each protocol's its own.
 void WholeWorld::ExpectSilenceIsNoticed() {
   for (size_t i = 0; i < kNodes; ++i) BehaviourOf(i).on_request = node::Behaviour::kSilent;
   serve = Echo;
