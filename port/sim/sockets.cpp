@@ -126,6 +126,16 @@ size_t SocketTable::CountOf(const Process& process) const {
                     [&](const auto& entry) { return entry.second->process == &process; }));
 }
 
+std::string SocketTable::ListOf(const Process& process) const {
+  std::string text;
+  for (const auto& [handle, socket] : sockets_) {
+    if (socket->process != &process) continue;
+    text += Format("%u of type %d, ", handle, socket->type) + ToText(socket->local) + " > " +
+            ToText(socket->peer) + (socket->listener ? ", listens" : "") + "\n";
+  }
+  return text;
+}
+
 void SocketTable::Remove(SOCKET handle) {
   if (sockets_.erase(handle) > 0) closed_.push_back(handle);
 }
