@@ -34,8 +34,8 @@ void OnTrap(int, siginfo_t*, void* context) {
 void CatchTraps() {
   struct sigaction action = {};
   action.sa_sigaction = OnTrap;
-  // Not blocked meanwhile: a thread that `look` ends never returns from here, and others of the same
-  // thread of the host go on.
+  // Not blocked meanwhile: a thread that `look` ends never returns from here, and others of the
+  // same thread of the host go on.
   action.sa_flags = SA_SIGINFO | SA_RESTART | SA_NODEFER;
   ::sigaction(SIGTRAP, &action, nullptr);
 }

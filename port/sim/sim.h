@@ -147,8 +147,9 @@ class World {
   // Calls `action` after that time. The action must not block; it may set a link, kill a process,
   // ….
   void After(Duration delay, std::function<void()> action);
-  // From now on the machines notice the end of a time-out only at multiples of this, as one that saves
-  // power does. 1 us, the default, is at once. The verbs above, packets and events are not affected.
+  // From now on the machines notice the end of a time-out only at multiples of this, as one that
+  // saves power does. 1 us, the default, is at once. The verbs above, packets and events are not
+  // affected.
   void SetTimerGrain(Duration grain);
 
   // --- faults; port::FailCall (port/shared/faults.h) makes any named call fail ---

@@ -52,9 +52,8 @@ SCENARIO(SimTime, CoarseTimersEndAtMultiplesAndSignalsAtOnce) {
   EXPECT_EQ(world.now(), 500ms);
   EXPECT_EQ(WaitForSingleObject(event, 260), WAIT_TIMEOUT);
   EXPECT_EQ(world.now(), 1000ms);
-  world.After(30ms, [this, event] {
-    world.Spawn(world.home(), "signal", [event] { SetEvent(event); });
-  });
+  world.After(30ms,
+              [this, event] { world.Spawn(world.home(), "signal", [event] { SetEvent(event); }); });
   EXPECT_EQ(WaitForSingleObject(event, 260), WAIT_OBJECT_0);
   EXPECT_EQ(world.now(), 1030ms);
   world.SetTimerGrain(1us);

@@ -7,7 +7,7 @@
 namespace whole_test {
 
 inline constexpr uint32_t kExactMs = 60'000;  // the first minute of each stretch, and after a wrap
-inline constexpr uint32_t kPlayMs = 40'000;  // of a world that is busy all the time
+inline constexpr uint32_t kPlayMs = 40'000;   // of a world that is busy all the time
 
 // At its end everything that went wrong is healed.
 struct Stretch {
