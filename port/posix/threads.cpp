@@ -131,6 +131,8 @@ void EndIfTold() {
 
 ThreadState& CurrentThreadState() { return Self().state; }
 
+void KeepForEachThread(void*, size_t) {}  // the host does
+
 Process& CurrentProcess() {
   static Process& process = *new Process;
   return process;

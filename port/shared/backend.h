@@ -26,6 +26,11 @@ struct ThreadState {
 // The calling thread's record; created on first use for a thread that the backend did not start.
 ThreadState& CurrentThreadState();
 
+// Says that this memory, of plain bytes, is thread_local. A backend whose threads share one thread
+// of the host keeps it apart for each of them. To be called on the main thread, before it has
+// others.
+void KeepForEachThread(void* memory, size_t size);
+
 // The process that the calling thread belongs to. Lives as long as any of its threads.
 Process& CurrentProcess();
 

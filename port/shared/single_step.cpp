@@ -34,7 +34,9 @@ void OnTrap(int, siginfo_t*, void* context) {
 void CatchTraps() {
   struct sigaction action = {};
   action.sa_sigaction = OnTrap;
-  action.sa_flags = SA_SIGINFO | SA_RESTART;
+  // Not blocked meanwhile: a thread that `look` ends never returns from here, and others of the
+  // same thread of the host go on.
+  action.sa_flags = SA_SIGINFO | SA_RESTART | SA_NODEFER;
   ::sigaction(SIGTRAP, &action, nullptr);
 }
 
@@ -61,6 +63,12 @@ void BeginSteps(const std::function<bool()>* look) {
 void EndSteps() {
   SetTrapFlag(false);
   look_of_this_thread = nullptr;
+}
+
+const std::function<bool()>* PauseSteps() {
+  const auto* const look = look_of_this_thread;
+  if (look != nullptr) EndSteps();
+  return look;
 }
 
 }  // namespace port

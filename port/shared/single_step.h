@@ -15,4 +15,8 @@ bool CanStep();
 void BeginSteps(const std::function<bool()>* look);
 void EndSteps();
 
+// The same as EndSteps for now. Returns what BeginSteps needs to go on, or null if the calling
+// thread was not stepped.
+const std::function<bool()>* PauseSteps();
+
 }  // namespace port

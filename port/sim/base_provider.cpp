@@ -14,7 +14,13 @@ namespace {
 
 constexpr GUID kConnectExId = WSAID_CONNECTEX;
 
-void Note(const char* call, SOCKET s, int error, const std::string& more = {}) {
+constexpr auto kNoMore = [] { return std::string(); };
+
+// `says_more` makes the rest of the text, which costs more than most calls.
+template <class More>
+void Note(const char* call, SOCKET s, int error, const More& says_more) {
+  if (!TheWorld().options().traces) return;
+  const std::string more = says_more();
   std::string line = Self().name() + " " + call;
   if (s != INVALID_SOCKET) line += Format(" %u", s);
   if (!more.empty()) line += " " + more;
@@ -23,15 +29,17 @@ void Note(const char* call, SOCKET s, int error, const std::string& more = {}) {
 }
 
 // Converts the result to the interface's form, and traces it.
-int Answer(const char* call, SOCKET s, int error, LPINT out, const std::string& more = {}) {
+template <class More = decltype(kNoMore)>
+int Answer(const char* call, SOCKET s, int error, LPINT out, const More& more = kNoMore) {
   Note(call, s, error, more);
   if (error == 0) return 0;
   if (out) *out = error;
   return SOCKET_ERROR;
 }
 
+template <class More = decltype(kNoMore)>
 SOCKET AnswerSocket(const char* call, SOCKET made, int error, LPINT out,
-                    const std::string& more = {}) {
+                    const More& more = kNoMore) {
   Note(call, made, error, more);
   if (error == 0) return made;
   if (out) *out = error;
@@ -97,7 +105,7 @@ SOCKET WSPAPI WspAccept(SOCKET s, struct sockaddr* name, LPINT name_size, LPCOND
   else if (socket)
     result = Accept(*socket, &made, &peer);
   if (result == 0 && name) WriteAddress(peer, name, name_size);
-  return AnswerSocket("accept", made, result, error, Format("on %u", s));
+  return AnswerSocket("accept", made, result, error, [&] { return Format("on %u", s); });
 }
 
 int WSPAPI WspBind(SOCKET s, const struct sockaddr* name, int name_size, LPINT error) {
@@ -106,7 +114,7 @@ int WSPAPI WspBind(SOCKET s, const struct sockaddr* name, int name_size, LPINT e
   Address address;
   int result = socket ? ReadAddress(name, name_size, &address) : WSAENOTSOCK;
   if (result == 0) result = Bind(*socket, address);
-  return Answer("bind", s, result, error, ToText(address));
+  return Answer("bind", s, result, error, [&] { return ToText(address); });
 }
 
 int WSPAPI WspCleanup(LPINT error) { return port::Fails("WSPCleanup", error) ? SOCKET_ERROR : 0; }
@@ -125,7 +133,7 @@ int WSPAPI WspConnect(SOCKET s, const struct sockaddr* name, int name_size, LPWS
   int result = socket ? ReadAddress(name, name_size, &address) : WSAENOTSOCK;
   if (result == WSAEAFNOSUPPORT && socket->datagrams && name->sa_family == AF_UNSPEC) result = 0;
   if (result == 0) result = Connect(*socket, address);
-  return Answer("connect", s, result, error, ToText(address));
+  return Answer("connect", s, result, error, [&] { return ToText(address); });
 }
 
 int WSPAPI WspGetPeerName(SOCKET s, struct sockaddr* name, LPINT name_size, LPINT error) {
@@ -153,7 +161,8 @@ int WSPAPI WspGetSockOpt(SOCKET s, int level, int option, char* value, LPINT val
   int result = WSAENOTSOCK;
   if (socket)
     result = value && value_size ? GetOption(*socket, level, option, value, value_size) : WSAEFAULT;
-  return Answer("getsockopt", s, result, error, Format("0x%x", static_cast<unsigned>(option)));
+  return Answer("getsockopt", s, result, error,
+                [&] { return Format("0x%x", static_cast<unsigned>(option)); });
 }
 
 // Connects synchronously, so nothing is ever pending: returns TRUE, or FALSE with the error of the
@@ -178,7 +187,7 @@ BOOL WINAPI ConnectEx(SOCKET s, const struct sockaddr* name, int name_size, PVOI
     result = Send(*socket, std::string(static_cast<const char*>(data), size), false, &done);
   socket->nonblocking = nonblocking;
   if (sent) *sent = done;
-  Note("ConnectEx", s, result, ToText(address));
+  Note("ConnectEx", s, result, [&] { return ToText(address); });
   if (result != 0) return fail(result);
   WSASetLastError(0);
   return TRUE;
@@ -247,7 +256,7 @@ int WSPAPI WspIoctl(SOCKET s, DWORD code, LPVOID in, DWORD in_size, LPVOID out, 
     result = overlapped  ? WSAEOPNOTSUPP
              : !returned ? WSAEFAULT
                          : Control(*socket, code, in, in_size, out, out_size, returned);
-  return Answer("ioctl", s, result, error, Format("0x%x", code));
+  return Answer("ioctl", s, result, error, [&] { return Format("0x%x", code); });
 }
 
 int WSPAPI WspListen(SOCKET s, int backlog, LPINT error) {
@@ -282,7 +291,7 @@ int ReceiveInto(const char* call, SOCKET s, LPWSABUF buffers, DWORD count, LPDWO
     *flags = 0;
     if (peer && from) WriteAddress(*peer, from, from_size);
   }
-  return Answer(call, s, result, error, Format("%u bytes", n));
+  return Answer(call, s, result, error, [&] { return Format("%u bytes", n); });
 }
 
 int WSPAPI WspRecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received, LPDWORD flags,
@@ -306,7 +315,8 @@ int WSPAPI WspSelect(int, fd_set* read, fd_set* write, fd_set* except,
   if (port::Fails("WSPSelect", error)) return SOCKET_ERROR;
   int ready = 0;
   const int result = Select(*Self().process(), read, write, except, timeout, &ready);
-  if (Answer("select", INVALID_SOCKET, result, error, Format("%d ready", ready)) != 0)
+  if (Answer("select", INVALID_SOCKET, result, error, [&] { return Format("%d ready", ready); }) !=
+      0)
     return SOCKET_ERROR;
   return ready;
 }
@@ -330,7 +340,7 @@ int WSPAPI WspSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD 
   if (result == 0)
     result = Send(*socket, Gather(buffers, count, &space), (flags & MSG_OOB) != 0, &n);
   if (result == 0) *sent = n;
-  return Answer("send", s, result, error, Format("%u bytes", n));
+  return Answer("send", s, result, error, [&] { return Format("%u bytes", n); });
 }
 
 int WSPAPI WspSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,
@@ -351,7 +361,7 @@ int WSPAPI WspSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWOR
   }
   if (result == 0) *sent = n;
   return Answer("sendto", s, result, error,
-                Format("%u bytes", n) + (target ? " to " + ToText(*target) : ""));
+                [&] { return Format("%u bytes", n) + (target ? " to " + ToText(*target) : ""); });
 }
 
 int WSPAPI WspSetSockOpt(SOCKET s, int level, int option, const char* value, int value_size,
@@ -360,7 +370,8 @@ int WSPAPI WspSetSockOpt(SOCKET s, int level, int option, const char* value, int
   const auto socket = Find(s);
   int result = WSAENOTSOCK;
   if (socket) result = value ? SetOption(*socket, level, option, value, value_size) : WSAEFAULT;
-  return Answer("setsockopt", s, result, error, Format("0x%x", static_cast<unsigned>(option)));
+  return Answer("setsockopt", s, result, error,
+                [&] { return Format("0x%x", static_cast<unsigned>(option)); });
 }
 
 int WSPAPI WspShutdown(SOCKET s, int how, LPINT error) {
@@ -374,7 +385,7 @@ SOCKET WSPAPI WspSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW,
   if (port::Fails("WSPSocket", error)) return INVALID_SOCKET;
   SOCKET made = INVALID_SOCKET;
   const int result = OpenSocket(*Self().process(), family, type, protocol, &made);
-  return AnswerSocket("socket", made, result, error, Format("type %d", type));
+  return AnswerSocket("socket", made, result, error, [&] { return Format("type %d", type); });
 }
 
 // --- entries that are not implemented ---------------------------------------------------------

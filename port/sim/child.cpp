@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -35,20 +34,8 @@ using WallClock = std::chrono::steady_clock;
   _exit(code);
 }
 
-// Only one of a world's threads runs at a time, and switching to a thread on another core takes
-// several times as long. Threads inherit this.
-void StayOnThisCore() {
-  const int core = ::sched_getcpu();
-  if (core < 0 || core >= CPU_SETSIZE) return;
-  cpu_set_t only;
-  CPU_ZERO(&only);
-  CPU_SET(core, &only);
-  ::sched_setaffinity(0, sizeof only, &only);
-}
-
 [[noreturn]] void RunBody(const Options& options, const std::function<void(World&)>& body,
                           const std::function<Verdict()>& verdict) {
-  StayOnThisCore();
   // Leaked on purpose: killed threads still have their stacks there, and _exit runs no destructor.
   World& world = *new World(options);
   body(world);

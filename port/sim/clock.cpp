@@ -47,6 +47,6 @@ void WINAPI Sleep(DWORD ms) {
   }
   sim::Wait wait;
   wait.what = "time to pass (Sleep)";
-  if (ms != INFINITE) wait.deadline = scheduler.now() + sim::Micros{ms} * 1000;
+  if (ms != INFINITE) wait.deadline = scheduler.DeadlineIn(sim::Micros{ms} * 1000);
   scheduler.Block(wait);
 }

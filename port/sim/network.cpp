@@ -120,12 +120,12 @@ void Network::Send(Host& from, Packet packet) {
   } else if (to && !from.down && !to->down && !IsLoopback(packet.from.ip)) {
     arrivals = LinkFrom(from, *to).Carry(WireSize(packet), now, dice_);
   }
-  if (arrivals.empty()) Trace("lost " + Describe(packet));
+  if (arrivals.empty()) Trace([&] { return "lost " + Describe(packet); });
   for (const Micros when : arrivals) {
     scheduler_.At(
         when,
         [this, to, packet] {
-          Trace("arrived " + Describe(packet));
+          Trace([&packet] { return "arrived " + Describe(packet); });
           to->stack().Receive(packet);
         },
         true);

@@ -71,6 +71,7 @@ class Stack;
 
 class Network {
  public:
+  // `trace` may be null.
   Network(Scheduler& scheduler, uint64_t seed, const LinkOptions& between_hosts,
           std::function<void(const std::string&)> trace);
   ~Network();
@@ -89,7 +90,11 @@ class Network {
   Scheduler& scheduler() { return scheduler_; }
   Random& dice() { return dice_; }
   uint64_t NextConnection() { return ++connections_; }
-  void Trace(const std::string& line) const { trace_(line); }
+  // `says` makes the line, where there is a trace.
+  template <class Says>
+  void Trace(const Says& says) const {
+    if (trace_) trace_(says());
+  }
 
  private:
   Scheduler& scheduler_;

@@ -1,8 +1,8 @@
 #include "port/sim/scheduler.h"
 
 #include <algorithm>
-#include <system_error>
-#include <thread>
+#include <cstdlib>
+#include <utility>
 
 #include "port/sim/trace.h"
 
@@ -21,19 +21,6 @@ thread_local const Scheduler* of_this_thread = nullptr;
 
 const Scheduler* Scheduler::OfThisThread() { return of_this_thread; }
 
-void Thread::AwaitBaton() {
-  std::unique_lock hold(mutex_);
-  wake_.wait(hold, [this] { return baton_; });
-  baton_ = false;
-}
-
-void Thread::TakeBaton() {
-  // Notify under the lock: as soon as the thread wakes it may end, and its record with it.
-  std::lock_guard hold(mutex_);
-  baton_ = true;
-  wake_.notify_one();
-}
-
 Scheduler::Scheduler(const Options& options, Hooks hooks)
     : options_(options), hooks_(std::move(hooks)), dice_(options.seed) {}
 
@@ -48,6 +35,7 @@ ThreadRef Scheduler::Adopt(const std::string& name, Process* process) {
   thread->id_ = next_id_ += 4;
   thread->name_ = name;
   thread->process_ = process;
+  thread->fiber_ = std::make_unique<Fiber>();
   threads_.push_back(thread);
   current_ = thread.get();
   of_this_thread = this;
@@ -60,17 +48,16 @@ ThreadRef Scheduler::Start(const std::string& name, Process* process,
   thread->id_ = next_id_ += 4;
   thread->name_ = name;
   thread->process_ = process;
-  try {
-    std::thread([this, thread, run = std::move(body)] {
-      of_this_thread = this;
-      thread->AwaitBaton();
-      const uint32_t code = run();
-      MarkEnded(*thread, code);
-      PassOn();
-    }).detach();
-  } catch (const std::system_error&) {
-    return nullptr;
-  }
+  Thread& self = *thread;
+  thread->fiber_ = std::make_unique<Fiber>([this, &self, run = std::move(body)]() mutable {
+    Arrive();
+    const uint32_t code = run();
+    MarkEnded(self, code);
+    run = nullptr;
+    over_ = std::move(self.fiber_);
+    PassOn();
+  });
+  if (!thread->fiber_->exists()) return nullptr;
   threads_.push_back(thread);
   return thread;
 }
@@ -217,31 +204,36 @@ void Scheduler::SwitchTo(Thread& next) {
   Thread& self = *current_;
   if (&self == &next) return;
   current_ = &next;
-  next.TakeBaton();
-  self.AwaitBaton();
+  Fiber::Switch(*self.fiber_, *next.fiber_);
+  Arrive();
 }
+
+// The first thing that a thread does which has been given the baton.
+void Scheduler::Arrive() { over_.reset(); }
 
 // Passes the baton on from a thread that will never run again.
 void Scheduler::PassOn() {
+  Fiber& last = over_ ? *over_ : *current_->fiber_;
   Thread* next = PickNext();
   current_ = next;
-  next->TakeBaton();
+  Fiber::Switch(last, *next->fiber_);
 }
 
 // A killed thread's stack must stay intact: other threads may have pointers into it.
 void Scheduler::Leave() {
-  Thread& self = *current_;
   PassOn();
-  while (true) self.AwaitBaton();
+  std::abort();
 }
 
 void Scheduler::MarkEnded(Thread& thread, uint32_t exit_code) {
   thread.state_ = Thread::State::kEnded;
+  has_ended_ = true;
   thread.exit_code = exit_code;
   hooks_.ended(thread);
 }
 
 void Scheduler::DropEnded() {
+  if (!std::exchange(has_ended_, false)) return;
   for (size_t i = 0; i < threads_.size();) {
     if (!threads_[i]->ended()) {
       ++i;

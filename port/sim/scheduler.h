@@ -1,9 +1,9 @@
 // Runs one thread at a time, in an order that the seed decides, on a virtual clock.
 //
-// Each simulated thread is a real thread of the host, so the debugger, the sanitizers and
-// thread_local work as usual. A baton makes sure that exactly one of them runs. The baton is passed
-// on only inside Step, Yield and Block, and every simulated call goes through one of these. Code
-// between two calls is therefore atomic, and the simulation's own data needs no lock.
+// Each simulated thread has a stack of its own (fiber.h), and all of them share one thread of the
+// host. The baton says which of them runs. It is passed on only inside Step, Yield and Block, and
+// every simulated call goes through one of these. Code between two calls is therefore atomic, and
+// the simulation's own data needs no lock.
 //
 // Virtual time stands still while any thread can run. When all threads wait, it jumps to the next
 // deadline or event. There is one exception, for programs that poll in a loop: after `spin_steps`
@@ -12,14 +12,13 @@
 // A killed thread is never scheduled again. Its stack stays as it was, no destructor runs, and its
 // locks stay locked, as on Windows.
 #pragma once
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "port/sim/fiber.h"
 #include "port/sim/random.h"
 
 namespace sim {
@@ -49,13 +48,12 @@ class Thread {
   void SetProcess(Process* process) { process_ = process; }
 
   uint32_t exit_code = 0;
+  const void* watched_view = nullptr;  // for which the thread is stepped (views.cpp); one at a time
+  std::function<bool()> look;          // and what is asked after each step
 
  private:
   friend class Scheduler;
   enum class State { kReady, kWaiting, kEnded };
-
-  void AwaitBaton();
-  void TakeBaton();
 
   uint32_t id_ = 0;
   std::string name_;
@@ -65,10 +63,7 @@ class Thread {
   Micros stalled_until_ = 0;
   unsigned calls_to_action_ = 0;  // 0: no action is set
   std::function<void()> action_;
-
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  bool baton_ = false;
+  std::unique_ptr<Fiber> fiber_;
 };
 using ThreadRef = std::shared_ptr<Thread>;
 
@@ -91,6 +86,12 @@ class Scheduler {
   Scheduler(const Options& options, Hooks hooks);
 
   Micros now() const { return now_; }
+  // When a time-out that begins now is noticed.
+  Micros DeadlineIn(Micros duration) const {
+    return (now_ + duration + grain_ - 1) / grain_ * grain_;
+  }
+  // Time-outs that begin from now on end at multiples of this.
+  void SetGrain(Micros grain) { grain_ = grain; }
   uint64_t steps() const { return steps_; }
   Thread& current() const { return *current_; }
   const std::vector<ThreadRef>& threads() const { return threads_; }
@@ -99,7 +100,8 @@ class Scheduler {
   // The scheduler that the calling thread of the host belongs to, if any.
   static const Scheduler* OfThisThread();
 
-  // Makes the calling thread of the host a simulated one, which holds the baton.
+  // Makes the calling thread of the host a simulated one, which holds the baton. All others run on
+  // the same thread of the host.
   ThreadRef Adopt(const std::string& name, Process* process);
   // Creates a thread that is ready to run. Null if the host cannot create one.
   ThreadRef Start(const std::string& name, Process* process, std::function<uint32_t()> body);
@@ -150,6 +152,7 @@ class Scheduler {
   Thread* PickNext();
   bool AdvanceTime();
   void SwitchTo(Thread& next);
+  void Arrive();
   void PassOn();
   [[noreturn]] void Leave();
   void MarkEnded(Thread& thread, uint32_t exit_code);
@@ -159,13 +162,16 @@ class Scheduler {
   Hooks hooks_;
   Random dice_;
   Micros now_ = 0;
+  Micros grain_ = 1;
   uint64_t steps_ = 0;
   uint64_t steps_here_ = 0;  // since a thread last waited for time to pass
   uint64_t event_order_ = 0;
   size_t traffic_ = 0;
   uint32_t next_id_ = 100;
   Thread* current_ = nullptr;
+  std::unique_ptr<Fiber> over_;  // of the thread that has just ended
   std::vector<ThreadRef> threads_;
+  bool has_ended_ = false;        // some of these
   std::vector<ThreadRef> ended_;  // never run again; their stacks may still refer to these records
   std::vector<Event> events_;     // a heap, the earliest first
   std::vector<Thread*> ready_;    // of PickReady, which keeps its memory

@@ -67,7 +67,7 @@ int Select(const Process& process, fd_set* read, fd_set* write, fd_set* except,
     Wait wait;
     wait.ready = any_ready;
     wait.says = [watched] { return Format("select on %zu handles", watched); };
-    if (timeout) wait.deadline = scheduler.now() + most;
+    if (timeout) wait.deadline = scheduler.DeadlineIn(most);
     scheduler.Block(wait);
   }
   for (const auto& watch : watches)

@@ -69,6 +69,7 @@ struct Options {
   bool tcp_saves_segments = false;    // Nagle's algorithm and delayed acknowledgements
   bool reuse_socket_handles = false;  // true: the value of a closed handle is reused at once
   TraceRing* trace = nullptr;         // null: the world creates its own
+  bool traces = true;                 // false: the same run, in half the time, without a trace
 };
 
 class Host {
@@ -146,6 +147,10 @@ class World {
   // Calls `action` after that time. The action must not block; it may set a link, kill a process,
   // ….
   void After(Duration delay, std::function<void()> action);
+  // From now on the machines notice the end of a time-out only at multiples of this, as one that
+  // saves power does. 1 us, the default, is at once. The verbs above, packets and events are not
+  // affected.
+  void SetTimerGrain(Duration grain);
 
   // --- faults; port::FailCall (port/shared/faults.h) makes any named call fail ---
   // The n-th stream send from now on, over all processes, accepts only that many bytes.

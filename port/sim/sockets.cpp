@@ -19,7 +19,7 @@ int WaitUntil(Socket& socket, const char* call, DWORD timeout_ms,
   wait.ready = [&] { return socket.closed || ready(); };
   wait.says = [call, &socket] { return Format("%s on socket %u", call, socket.handle); };
   if (timeout_ms != 0 && timeout_ms != INFINITE)
-    wait.deadline = scheduler.now() + Micros{timeout_ms} * 1000;
+    wait.deadline = scheduler.DeadlineIn(Micros{timeout_ms} * 1000);
   const bool in_time = scheduler.Block(wait);
   if (socket.closed) return WSAEINTR;
   return in_time ? 0 : WSAETIMEDOUT;
@@ -124,6 +124,16 @@ size_t SocketTable::CountOf(const Process& process) const {
   return static_cast<size_t>(
       std::count_if(sockets_.begin(), sockets_.end(),
                     [&](const auto& entry) { return entry.second->process == &process; }));
+}
+
+std::string SocketTable::ListOf(const Process& process) const {
+  std::string text;
+  for (const auto& [handle, socket] : sockets_) {
+    if (socket->process != &process) continue;
+    text += Format("%u of type %d, ", handle, socket->type) + ToText(socket->local) + " > " +
+            ToText(socket->peer) + (socket->listener ? ", listens" : "") + "\n";
+  }
+  return text;
 }
 
 void SocketTable::Remove(SOCKET handle) {

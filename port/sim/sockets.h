@@ -67,7 +67,8 @@ class SocketTable {
   void CloseAllOf(Process& process);  // as when a process is killed: streams are reset
   void SetReuse(bool reuse) { reuse_ = reuse; }
   size_t size() const { return sockets_.size(); }
-  size_t CountOf(const Process& process) const;  // open ones
+  size_t CountOf(const Process& process) const;      // open ones
+  std::string ListOf(const Process& process) const;  // the same in words, one line for each
 
  private:
   bool reuse_;  // true: the value that was closed last is reused first

@@ -177,7 +177,7 @@ void Stack::ReceiveUdp(const Packet& packet) {
     best_score = score;
   }
   if (best) return Deliver(*best, packet.from, packet.payload);
-  network_.Trace("no one at " + Describe(packet));
+  network_.Trace([&packet] { return "no one at " + Describe(packet); });
   SendIcmp(packet.to, packet.from, PortUnreachable(packet));
 }
 

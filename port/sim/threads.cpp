@@ -5,6 +5,7 @@
 #include "port/shared/faults.h"
 #include "port/shared/process.h"
 #include "port/sim/faults.h"
+#include "port/sim/fiber.h"
 
 namespace sim {
 namespace {
@@ -41,9 +42,13 @@ void Step() {
 namespace port {
 
 ThreadState& CurrentThreadState() {
-  static thread_local ThreadState state;
+  static ThreadState state;
+  static const bool kept = (KeepForEachThread(&state, sizeof state), true);
+  (void)kept;
   return state;
 }
+
+void KeepForEachThread(void* memory, size_t size) { sim::Fiber::KeepForEach(memory, size); }
 
 Process& CurrentProcess() { return sim::Self().process()->record(); }
 

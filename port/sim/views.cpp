@@ -10,19 +10,14 @@
 namespace sim {
 namespace {
 
-// The view for which the calling thread is watched; at most one at a time.
-thread_local const void* watched_view = nullptr;
-
-void Begin(const ViewWatch& watch, const Thread& self, std::span<const uint8_t> view) {
-  watched_view = view.data();
+void Begin(const ViewWatch& watch, Thread& self, std::span<const uint8_t> view) {
+  self.watched_view = view.data();
   if (!watch.look(view, true)) return;
-  // Stepping continues while the thread waits for its turn; changes that are seen then were made by
-  // other threads.
-  static thread_local std::function<bool()> look;
-  look = [&watch, &self, view] {
+  // The thread is stepped while it hands the turn on, too, when it is no longer the current one.
+  self.look = [&watch, &self, view] {
     return &TheWorld().scheduler().current() != &self || watch.look(view, false);
   };
-  port::BeginSteps(&look);
+  port::BeginSteps(&self.look);
 }
 
 }  // namespace
@@ -50,8 +45,8 @@ void World::KillAtWrite(Process& process, const std::string& mapping, unsigned n
 namespace port {
 
 void OnViewMapped(const std::string& mapping, const void* view, size_t size) {
-  if (sim::watched_view != nullptr) return;
-  const sim::Thread& self = sim::Self();
+  sim::Thread& self = sim::Self();
+  if (self.watched_view != nullptr) return;
   for (const auto& watch : sim::TheWorld().faults().view_watches) {
     const bool meant = watch->process == nullptr || watch->process == self.process();
     if (!meant || watch->mapping != mapping) continue;
@@ -61,9 +56,11 @@ void OnViewMapped(const std::string& mapping, const void* view, size_t size) {
 }
 
 void OnViewUnmapped(const void* view) {
-  if (view == nullptr || view != sim::watched_view) return;
+  if (view == nullptr) return;
+  sim::Thread& self = sim::Self();
+  if (view != self.watched_view) return;
   EndSteps();
-  sim::watched_view = nullptr;
+  self.watched_view = nullptr;
 }
 
 }  // namespace port

@@ -94,7 +94,7 @@ DWORD WaitFor(Waitable& object, DWORD timeout_ms) {
     wait.ready = [&] { return object.Ready(self); };
     wait.says = [&object] { return object.Describe(); };
     Scheduler& scheduler = TheWorld().scheduler();
-    if (timeout_ms != INFINITE) wait.deadline = scheduler.now() + Micros{timeout_ms} * 1000;
+    if (timeout_ms != INFINITE) wait.deadline = scheduler.DeadlineIn(Micros{timeout_ms} * 1000);
     if (!scheduler.Block(wait)) return WAIT_TIMEOUT;
   }
   const DWORD result = object.Take(self);

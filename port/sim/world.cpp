@@ -60,9 +60,10 @@ World::World(const Options& options)
   hooks.fail = [this](const std::string& reason) { Fail(reason); };
   hooks.ended = [this](Thread& thread) { OnThreadEnded(thread); };
   scheduler_ = std::make_unique<Scheduler>(schedule, std::move(hooks));
-  network_ =
-      std::make_unique<Network>(*scheduler_, Scattered(options.seed ^ 0x6e6574), options.link,
-                                [this](const std::string& line) { Trace(line); });
+  std::function<void(const std::string&)> trace;
+  if (options.traces) trace = [this](const std::string& line) { Trace(line); };
+  network_ = std::make_unique<Network>(*scheduler_, Scattered(options.seed ^ 0x6e6574),
+                                       options.link, std::move(trace));
   sockets_ = std::make_unique<SocketTable>(options.reuse_socket_handles);
   faults_ = std::make_unique<Faults>();
   the_world = this;
@@ -216,6 +217,12 @@ void World::After(Duration delay, std::function<void()> action) {
   scheduler_->At((now() + delay).count(), std::move(action));
 }
 
+void World::SetTimerGrain(Duration grain) {
+  if (grain < Duration(1)) Fail("timers cannot be finer than a microsecond");
+  Trace(Format("timers notice each %lld us", static_cast<long long>(grain.count())));
+  scheduler_->SetGrain(grain.count());
+}
+
 // --- faults ---------------------------------------------------------------------------------
 
 void World::ShortSend(unsigned nth, size_t bytes) {
@@ -295,6 +302,7 @@ uint64_t World::steps() const { return scheduler_->steps(); }
 std::string World::Report() const { return scheduler_->Report(); }
 
 void World::Trace(const std::string& line) {
+  if (!options_.traces) return;
   const Micros now = scheduler_->now();
   AddTraceLine(*options_.trace, Format("%6lld.%06lld  ", static_cast<long long>(now / 1000000),
                                        static_cast<long long>(now % 1000000)) +

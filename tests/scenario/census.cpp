@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <mutex>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -22,7 +22,8 @@
 namespace test {
 namespace {
 
-constexpr char kProduct[] = "moru_vyr";
+constexpr std::string_view kProduct = "moru_vyr::";
+constexpr std::string_view kUnnamed = "(anonymous namespace)";
 
 // What the census itself allocates must not be counted.
 template <class T>
@@ -101,27 +102,40 @@ class Symbols {
   std::vector<Function> functions_;
 };
 
+// Without a lock: all simulated threads share one thread of the host.
 struct State {
-  std::mutex lock;
   Symbols symbols;
   Map<std::uintptr_t, bool> is_product;  // by caller
   Map<void*, std::uintptr_t> blocks;     // with their callers
 };
 State* the_state = nullptr;  // never freed
 
+// Its name up to its parameters.
+std::string_view WithoutParameters(std::string_view readable) {
+  int depth = 0;  // of template arguments
+  for (std::size_t at = 0; at < readable.size(); ++at) {
+    if (readable.substr(at, kUnnamed.size()) == kUnnamed) {
+      at += kUnnamed.size() - 1;
+    } else if (readable[at] == '<') {
+      ++depth;
+    } else if (readable[at] == '>') {
+      --depth;
+    } else if (readable[at] == '(' && depth == 0 && at > 0) {
+      return readable.substr(0, at);
+    }
+  }
+  return readable;
+}
+
 void Note(void* memory, void* caller) noexcept {
   State& state = *the_state;
   const auto from = reinterpret_cast<std::uintptr_t>(caller);
-  const std::lock_guard hold(state.lock);
   const auto [known, is_new] = state.is_product.try_emplace(from);
-  if (is_new) known->second = std::strstr(state.symbols.NameAt(from), kProduct) != nullptr;
+  if (is_new) known->second = IsOfProduct(state.symbols.NameAt(from));
   if (known->second) state.blocks[memory] = from;
 }
 
-void Forget(void* memory) noexcept {
-  const std::lock_guard hold(the_state->lock);
-  the_state->blocks.erase(memory);
-}
+void Forget(void* memory) noexcept { the_state->blocks.erase(memory); }
 
 std::string Readable(const char* name) {
   char* const text = abi::__cxa_demangle(name, nullptr, nullptr, nullptr);
@@ -131,6 +145,15 @@ std::string Readable(const char* name) {
 }
 
 }  // namespace
+
+bool IsOfProduct(const char* symbol) {
+  // Takes its memory from malloc, which nobody counts.
+  char* const text = abi::__cxa_demangle(symbol, nullptr, nullptr, nullptr);
+  const std::string_view readable = text != nullptr ? text : symbol;
+  const bool is = WithoutParameters(readable).find(kProduct) != std::string_view::npos;
+  std::free(text);
+  return is;
+}
 
 void PrepareCensus() {
   if (the_state == nullptr) the_state = new State;
@@ -144,10 +167,7 @@ void StartCensus() {
 std::map<std::string, long> Census() {
   State& state = *the_state;
   Map<std::uintptr_t, long> by_caller;
-  {
-    const std::lock_guard hold(state.lock);
-    for (const auto& [memory, caller] : state.blocks) ++by_caller[caller];
-  }
+  for (const auto& [memory, caller] : state.blocks) ++by_caller[caller];
   std::map<std::string, long> by_name;
   for (const auto& [caller, count] : by_caller)
     by_name[Readable(state.symbols.NameAt(caller))] += count;

@@ -41,6 +41,26 @@ SCENARIO(SimTime, TheDateStartsFixedAndMovesWithTheClock) {
   EXPECT_EQ(now.wMilliseconds, 500);
 }
 
+// As on a machine that saves power. What a thread waits for is still noticed at once.
+SCENARIO(SimTime, CoarseTimersEndAtMultiplesAndSignalsAtOnce) {
+  const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+  Sleep(30);
+  world.SetTimerGrain(250ms);
+  Sleep(1);
+  EXPECT_EQ(world.now(), 250ms);
+  Sleep(250);
+  EXPECT_EQ(world.now(), 500ms);
+  EXPECT_EQ(WaitForSingleObject(event, 260), WAIT_TIMEOUT);
+  EXPECT_EQ(world.now(), 1000ms);
+  world.After(30ms,
+              [this, event] { world.Spawn(world.home(), "signal", [event] { SetEvent(event); }); });
+  EXPECT_EQ(WaitForSingleObject(event, 260), WAIT_OBJECT_0);
+  EXPECT_EQ(world.now(), 1030ms);
+  world.SetTimerGrain(1us);
+  Sleep(1);
+  EXPECT_EQ(world.now(), 1031ms);
+}
+
 SCENARIO(SimTime, SleepersWakeInTheOrderOfTheirDeadlines) {
   std::string order;
   for (const int ms : {30, 10, 20})

@@ -6,7 +6,8 @@
 
 namespace whole_test {
 
-inline constexpr uint32_t kPlayMs = 40'000;  // of a world that is busy all the time
+inline constexpr uint32_t kExactMs = 60'000;  // the first minute of each stretch, and after a wrap
+inline constexpr uint32_t kPlayMs = 40'000;   // of a world that is busy all the time
 
 // At its end everything that went wrong is healed.
 struct Stretch {
@@ -18,6 +19,9 @@ struct Stretch {
   uint32_t begin_ms = 0;  // since the play began
   uint32_t length_ms = 0;
   Kind kind = kBusy;
+  // What the machine's timers are multiples of after the first minute, where nobody plays: it saves
+  // power. 0: they are exact.
+  uint32_t timers_ms = 0;
   uint32_t end_ms() const { return begin_ms + length_ms; }
 };
 

@@ -49,7 +49,8 @@ class ReportReader {
       CheckGuidOrNone(one.guid, sizeof one.guid);
       CheckNode(one.proxy_ip, sizeof one.proxy_ip);
     });
-    Drain(client_.switches, kRecoverySwitchChannel, [](const RecoverySwitchRecord& one) {
+    Drain(client_.switches, kRecoverySwitchChannel, [this](const RecoverySwitchRecord& one) {
+      ++switches_;
       CheckGame(one.game_id);
       CheckGuid(one.guid, sizeof one.guid);
       CheckText(one.switch_condition, sizeof one.switch_condition);
@@ -59,6 +60,7 @@ class ReportReader {
     });
   }
   size_t taken() const { return taken_; }
+  size_t switches() const { return switches_; }
 
  private:
   template <class Region, class Check>
@@ -133,6 +135,7 @@ class ReportReader {
   test::ReportClient& client_;
   std::map<std::string, Traffic> traffic_;
   size_t taken_ = 0;
+  size_t switches_ = 0;  // of flows from one node to another, tried or done
 };
 
 }  // namespace whole_test

@@ -20,7 +20,7 @@ using namespace whole_test;  // NOLINT
 using test::Kept;
 
 constexpr unsigned kUsualSeeds = 20;
-constexpr unsigned kUsualLongSeeds = 1;
+constexpr unsigned kUsualLongSeeds = 3;
 constexpr uint32_t kSetUpMs = 38'000;  // before the play begins, nearly
 constexpr unsigned kMostRuns = 150;    // to reduce one list
 constexpr uint64_t kStepsOfLongWorlds = 1'000'000'000;
@@ -35,12 +35,16 @@ FaultList FaultsOf(Length length, uint64_t seed) {
   return DrawFaults(seed, CourseOf(length, seed));
 }
 
-sim::ChildResult RunWorld(Length length, uint64_t seed, const Kept& kept) {
+bool PrintsDigests() { return std::getenv("VYR_SWARM_DIGESTS") != nullptr; }
+
+// With a trace it takes twice as long.
+sim::ChildResult RunWorld(Length length, uint64_t seed, const Kept& kept, bool traces) {
   const Course course = CourseOf(length, seed);
   const FaultList faults = DrawFaults(seed, course);
   sim::Options options;
   if (course.IsLong()) options.max_steps = kStepsOfLongWorlds;
   options.seed = seed;
+  options.traces = traces;
   for (const size_t at : kept) {
     if (faults[at].kind == FaultKind::kTickWraps)
       options.tick_start = 0u - kSetUpMs - faults[at].at_ms;
@@ -58,6 +62,12 @@ double SimulatedSeconds(const sim::ChildResult& result) {
   return at == std::string::npos ? 0 : std::atof(result.output.c_str() + at + 10) / 1000;
 }
 
+// Of a passed world: what it says of itself.
+const char* LastLine(const std::string& output) {
+  const size_t at = output.rfind("simulated ");
+  return at == std::string::npos ? "\n" : output.c_str() + at;
+}
+
 std::string Listed(const FaultList& faults, const Kept& kept) {
   std::string text;
   for (const size_t at : kept) text += "  " + std::to_string(at) + ": " + faults[at].Text() + "\n";
@@ -70,10 +80,10 @@ std::string Failure(Length length, uint64_t seed, const Kept& all) {
   Kept kept = all;
   if (!is_chosen) {
     kept = test::Smallest(all, [length, seed, &runs](const Kept& part) {
-      return ++runs <= kMostRuns && !RunWorld(length, seed, part).passed;
+      return ++runs <= kMostRuns && !RunWorld(length, seed, part, false).passed;
     });
   }
-  const sim::ChildResult result = RunWorld(length, seed, kept);
+  const sim::ChildResult result = RunWorld(length, seed, kept, true);
   const auto* const info = testing::UnitTest::GetInstance()->current_test_info();
   const std::string name = std::string(info->test_suite_name()) + "." + info->name();
   return "the world of seed " + std::to_string(seed) + " " + result.HowItEnded() + ", with " +
@@ -90,17 +100,25 @@ void RunWorlds(Length length, unsigned usual) {
   uint64_t last = first + SwarmSeeds(usual) - 1;
   if (sim::SeedFromEnvironment(&first)) last = first;
   double seconds = 0;
-  unsigned resting = 0;  // worlds whose timers a wrap of the tick counter has stopped
+  unsigned resting = 0,
+           going_on = 0;  // worlds whose timers a wrap of the tick counter has stopped, or not
   for (uint64_t seed = first; seed <= last; ++seed) {
     const Kept kept = KeptFaults(FaultsOf(length, seed));
-    const sim::ChildResult result = RunWorld(length, seed, kept);
+    const sim::ChildResult result = RunWorld(length, seed, kept, PrintsDigests());
     if (!result.passed) FAIL() << Failure(length, seed, kept);
     seconds += SimulatedSeconds(result);
+    if (PrintsDigests())
+      std::printf("seed %llu: %016llx of %llu lines, %s", static_cast<unsigned long long>(seed),
+                  static_cast<unsigned long long>(result.trace_hash),
+                  static_cast<unsigned long long>(result.trace_lines), LastLine(result.output));
     resting += result.output.find("timers rest") != std::string::npos;
+    going_on += result.output.find("timers go on") != std::string::npos;
   }
-  std::printf("swarm: seeds %llu to %llu, %.1f simulated seconds, timers rest in %u worlds\n",
-              static_cast<unsigned long long>(first), static_cast<unsigned long long>(last),
-              seconds, resting);
+  std::printf(
+      "swarm: seeds %llu to %llu, %.1f simulated seconds, timers rest in %u worlds, go on after a "
+      "wrap in %u\n",
+      static_cast<unsigned long long>(first), static_cast<unsigned long long>(last), seconds,
+      resting, going_on);
 }
 
 TEST(WholeSwarm, EverythingAtOnceIsRightUnderAnyFaults) { RunWorlds(Length::kShort, kUsualSeeds); }

@@ -104,6 +104,7 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   void Player(std::function<void()> body);
   void StartGame(size_t stretch);  // what is planned for that stretch
   void Release();
+  void LiveThrough(const Stretch& stretch);
   size_t SocketsWithoutOwner() const;
   void CountBlocks();
   void ExpectNothingIsLeft();

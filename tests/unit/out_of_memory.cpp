@@ -3,34 +3,44 @@
 #include <cstdlib>
 #include <new>
 
+#ifndef _WIN32
+#include "port/shared/backend.h"
+#endif
+
 namespace {
 
-thread_local int left = 0;  // allocations that still succeed, and one more; 0: all do
-thread_local std::size_t smallest_counted = 1;
-thread_local std::size_t largest_counted = SIZE_MAX;
-thread_local bool only_once = false;
-thread_local bool felt = false;
-thread_local long alive = 0;
+struct State {
+  int left = 0;  // allocations that still succeed, and one more; 0: all do
+  std::size_t smallest_counted = 1;
+  std::size_t largest_counted = SIZE_MAX;
+  bool only_once = false;
+  bool felt = false;
+  long alive = 0;
+};
+constinit thread_local State state;
+#ifndef _WIN32
+[[maybe_unused]] const bool is_kept = (port::KeepForEachThread(&state, sizeof state), true);
+#endif
 void (*on_allocated)(void* memory, void* caller) noexcept = nullptr;
 void (*on_freed)(void* memory) noexcept = nullptr;
 
 void* Allocate(std::size_t size, void* caller) noexcept {
-  if (left != 0 && size >= smallest_counted && size <= largest_counted) {
-    if (left == 1) {
-      felt = true;
-      if (only_once) left = 0;
+  if (state.left != 0 && size >= state.smallest_counted && size <= state.largest_counted) {
+    if (state.left == 1) {
+      state.felt = true;
+      if (state.only_once) state.left = 0;
       return nullptr;
     }
-    --left;
+    --state.left;
   }
   void* const memory = std::malloc(size != 0 ? size : 1);
-  if (memory != nullptr) ++alive;
+  if (memory != nullptr) ++state.alive;
   if (memory != nullptr && on_allocated != nullptr) on_allocated(memory, caller);
   return memory;
 }
 
 void Free(void* memory) noexcept {
-  if (memory != nullptr) --alive;
+  if (memory != nullptr) --state.alive;
   if (memory != nullptr && on_freed != nullptr) on_freed(memory);
   std::free(memory);
 }
@@ -63,16 +73,16 @@ void operator delete(void* memory, const std::nothrow_t&) noexcept { Free(memory
 namespace test {
 
 OutOfMemory::OutOfMemory(int nth, std::size_t smallest, std::size_t largest, bool once) {
-  felt = false;
-  only_once = once;
-  smallest_counted = smallest;
-  largest_counted = largest;
-  left = nth;
+  state.felt = false;
+  state.only_once = once;
+  state.smallest_counted = smallest;
+  state.largest_counted = largest;
+  state.left = nth;
 }
-OutOfMemory::~OutOfMemory() { left = 0; }
-bool OutOfMemory::WasFelt() { return felt; }
+OutOfMemory::~OutOfMemory() { state.left = 0; }
+bool OutOfMemory::WasFelt() { return state.felt; }
 
-long AllocationsAlive() { return alive; }
+long AllocationsAlive() { return state.alive; }
 
 void WatchAllocations(void (*allocated)(void* memory, void* caller) noexcept,
                       void (*freed)(void* memory) noexcept) {
