@@ -190,25 +190,28 @@ HANDLE Port(SOCKET s) {
   return CreateIoCompletionPort(reinterpret_cast<HANDLE>(s), nullptr, 42, 0);
 }
 
+// What is not done in time is done later, in whichever thread waits then, and that thread's wait
+// fails if the record and the room are gone with the stack of a thread that has ended. So they
+// stay.
 void PortTransfers() {
   const Peer peer = Ask("echo");
   const HANDLE port = Port(peer.s);
   Note("a port", YesNo(port != nullptr));
-  char room[64] = {};
-  OVERLAPPED receive = {};
+  static char room[64] = {};
+  static OVERLAPPED receive = {};
   Note("a receive", Said(ReceiveByPort(peer.s, room, sizeof room, &receive)));
   Note("nothing before there is something", Next(port, &receive, 50));
   Send(peer.s, "by port");
   Note("its completion", Next(port, &receive));
   Note("what it got", room);
-  OVERLAPPED send = {};
+  static OVERLAPPED send = {};
   char words[] = "more";
   WSABUF buffer = {4, words};
   WSASend(peer.s, &buffer, 1, nullptr, 0, &send, nullptr);
   Note("the completion of a send", Next(port, &send));
   Note("one completion each", Next(port, &send, 100));
   Readable(peer.s);
-  OVERLAPPED zero = {};
+  static OVERLAPPED zero = {};
   Note("a receive of zero bytes", Said(ReceiveByPort(peer.s, room, 0, &zero)));
   Note("the completion of it", Next(port, &zero));
   Note("what it left", Receive(peer.s));
@@ -216,30 +219,30 @@ void PortTransfers() {
 }
 
 void PortEnds() {
-  char room[8];
+  static char room[8];
   const Peer ended = Ask("bye");
   HANDLE port = Port(ended.s);
-  OVERLAPPED end = {};
+  static OVERLAPPED end = {};
   ReceiveByPort(ended.s, room, sizeof room, &end);
   Note("a completion at the end", Next(port, &end));
   CloseHandle(port);
   const Peer reset = Ask("reset slow");
   Receive(reset.s);
   port = Port(reset.s);
-  OVERLAPPED error = {};
+  static OVERLAPPED error = {};
   ReceiveByPort(reset.s, room, sizeof room, &error);
   Note("a completion at a reset", Next(port, &error));
   CloseHandle(port);
   Peer closed = Ask("echo");
   port = Port(closed.s);
-  OVERLAPPED lost = {};
+  static OVERLAPPED lost = {};
   ReceiveByPort(closed.s, room, sizeof room, &lost);
   closed.s.Close();
   Note("a completion after closesocket", Next(port, &lost));
   CloseHandle(port);
   const Peer cancelled = Ask("echo");
   port = Port(cancelled.s);
-  OVERLAPPED cancel = {};
+  static OVERLAPPED cancel = {};
   ReceiveByPort(cancelled.s, room, sizeof room, &cancel);
   Note("CancelIo", YesNo(CancelIo(reinterpret_cast<HANDLE>(static_cast<SOCKET>(cancelled.s)))));
   Note("a completion after a cancel", Next(port, &cancel));
