@@ -32,7 +32,7 @@ LONGEST_WAIT_S = 60.0
 TABLES_S = 1.5     # from one change of the tables to the next
 # What differs from the tables of a short run: the log may not reach its limit, and a flow is to outlive many nodes.
 FOR_LONG = {"log_level = 4": "log_level = 5", "max_link_switch_count = 1": "max_link_switch_count = 1000",
-            "max_link_except_rep_num = 6": "max_link_except_rep_num = 100000"}
+            "max_link_except_rep_num = 6": "max_link_except_rep_num = 1000"}
 LIMITS = (
     *(limit for limit in soak_judge.LIMITS if limit.name not in ("views", "blocks")),
     soak_judge.Limit("mappings", "", 12),
