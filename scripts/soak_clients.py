@@ -71,8 +71,10 @@ class Clients:
         self.deaths = {"servers killed": 0, "watchers killed": 0, "died with a mutex": 0}
         program = programs / "vyr_client.exe"
         self.server = Client(program, ["serve", demo_bed.windows_path(tables)], self._take_word)
-        if not self.ready.wait(demo_bed.TIMEOUT_S):
-            raise demo_bed.Failed("vyr_client does not become ready")
+        demo_bed.wait_until(lambda: self.ready.is_set() or self.server.process.poll() is not None,
+                            demo_bed.TIMEOUT_S, "vyr_client becomes ready")
+        if not self.ready.is_set():
+            raise demo_bed.Failed(f"vyr_client ends with {self.server.process.poll()}")
         self.watcher = Client(program, ["watch", "--follow", "--json"], reports.take)
 
     def _take_word(self, line):

@@ -10,6 +10,7 @@ import shutil
 import subprocess
 import sys
 import threading
+import time
 
 import bed_processes
 import demo_bed
@@ -26,9 +27,12 @@ import switch_run
 GAME_ID, OTHER_GAME_ID = 10001, 10002
 GAME = "soak_game.exe"
 SERVER_ENDED = 3   # exit code
+SERVER_ENDED_WORDS = "Wine's server has ended by itself, and the run with it"
+LONGEST_WAIT_S = 60.0
 TABLES_S = 1.5     # from one change of the tables to the next
-LOG_LEVEL = "log_level = 5"   # at 4 a long run reaches the most that a log may have
-MOVES = "max_link_switch_count = 1000"   # a flow that may move once does not outlive two nodes
+# What differs from the tables of a short run: the log may not reach its limit, and a flow is to outlive many nodes.
+FOR_LONG = {"log_level = 4": "log_level = 5", "max_link_switch_count = 1": "max_link_switch_count = 1000",
+            "max_link_except_rep_num = 6": "max_link_except_rep_num = 1000"}
 LIMITS = (
     *(limit for limit in soak_judge.LIMITS if limit.name not in ("views", "blocks")),
     soak_judge.Limit("mappings", "", 12),
@@ -53,7 +57,7 @@ class Tables:
         games = [switch_run.game(map(demo_bed.windows_path, paths), logs, number).rstrip()
                  for number, paths in ((GAME_ID, [game]), (OTHER_GAME_ID, others))]
         self.games = "\n".join(f"{one}\nmend = '{mended}'\n" for one in games)
-        for before, after in (("log_level = 4", LOG_LEVEL), ("max_link_switch_count = 1", MOVES)):
+        for before, after in FOR_LONG.items():
             self.games = self.games.replace(before, after)
         self.path, self.changes = path, 0
         self.change()
@@ -80,14 +84,22 @@ class Game:
                           options.leak_every, options.calm),
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         self.said, self.began = {}, threading.Event()
+        self.server = soak_process.Process(bed_processes.wine_server())
         threading.Thread(target=self._listen, daemon=True).start()
-        if not self.began.wait(demo_bed.TIMEOUT_S):
-            raise demo_bed.Failed("the game does not begin")
+        self._wait_until(self.began.is_set, "the game does not begin")
         found = bed_processes.windows_processes(program.name)
         if len(found) != 1:
             raise demo_bed.Failed(f"of {program.name}, {len(found)} processes run")
         self.seen = soak_process.Process(found[0])
-        self.server = soak_process.Process(bed_processes.wine_server())
+
+    def _wait_until(self, condition, failure):
+        end = time.monotonic() + LONGEST_WAIT_S
+        while not condition():
+            if not self.server.lives():
+                raise ServerEnded(SERVER_ENDED_WORDS)
+            if time.monotonic() > end:
+                raise demo_bed.Failed(failure)
+            time.sleep(demo_bed.POLL_S)
 
     def _listen(self):
         for line in self.process.stdout:
@@ -97,7 +109,7 @@ class Game:
     def sample(self):
         """Nothing at the first look."""
         if not self.server.lives():
-            raise ServerEnded("Wine's server has ended by itself, and the run with it")
+            raise ServerEnded(SERVER_ENDED_WORDS)
         try:
             game, server = self.seen.sample(), self.server.sample()
             mappings = self.seen.mappings()
@@ -110,9 +122,9 @@ class Game:
 
     def end(self):
         self.process.stdin.close()
-        code = self.process.wait(timeout=demo_bed.TIMEOUT_S)
-        if code != 0:
-            raise demo_bed.Failed(f"the game ended with {code}")
+        self._wait_until(lambda: self.process.poll() is not None, "the game does not end")
+        if self.process.returncode != 0:
+            raise demo_bed.Failed(f"the game ended with {self.process.returncode}")
 
 
 @dataclasses.dataclass
@@ -218,5 +230,8 @@ def main():
 if __name__ == "__main__":
     try:
         main()
+    except ServerEnded as failure:
+        print(failure)
+        sys.exit(SERVER_ENDED)
     except (demo_bed.Failed, ValueError) as failure:
         sys.exit(f"soak: FAILED, {failure}")
