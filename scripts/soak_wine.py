@@ -44,8 +44,8 @@ NEEDED = ("flows with data", "answered", "streams", "reports", "tables", "watche
 
 
 class ServerEnded(demo_bed.Failed):
-    """The server of Wine 8.0 ends with a failed assertion (complete_async_poll in sock.c) now and then, on a busy
-    machine within minutes."""
+    """The server of Wine 8.0 may end with a failed assertion where a program without the DLL calls select
+    (devkit/winsock_host/merged_select.h)."""
 
 
 class Tables:
@@ -186,7 +186,7 @@ def arguments():
     parser.add_argument("--leak-every", type=int, default=0, metavar="N",
                         help="the game forgets to close every N-th socket, which has to be seen")
     parser.add_argument("--calm", type=int, default=1, metavar="N",
-                        help="the game pauses N times as long: Wine's server lives longer on a busy machine")
+                        help="the game pauses N times as long, for a busy machine")
     options = parser.parse_args()
     options.build, options.windows = options.build.resolve(), options.windows.resolve()
     if shutil.which("wine") is None:

@@ -9,7 +9,7 @@
 #                instead of those of forty seconds
 #   --seed S     the first seed; 1 if it is not given
 #   --jobs J     processes at a time; 1 if it is not given
-#   --no-build   takes build/sim-release as it is
+#   --no-build   takes build/sim-release as it is, or build/posix for long play
 #
 # Says every few seconds how far it is and how fast. The first failure ends the run: its output has
 # the fewest faults that still fail, and the command that runs exactly these. Exit code: 0 nothing
@@ -17,11 +17,12 @@
 set -u
 usage() { sed -n '2,16s/^# \{0,1\}//p' "$0"; }
 hours="" seed=1 jobs=1 build=yes suite=WholeSwarm worlds=20  # a process runs so many
+preset=sim-release program=scenario_tests
 while [ $# -gt 0 ]; do
   case "$1" in
     -h|--help) usage; exit 0 ;;
     --no-build) build=no; shift; continue ;;
-    --long) suite=LongPlay worlds=2; shift; continue ;;
+    --long) suite=LongPlay worlds=4 preset=posix program=long_play; shift; continue ;;
     --hours|--seed|--jobs) ;;
     *) echo "swarm.sh: what is $1?" >&2; usage >&2; exit 2 ;;
   esac
@@ -41,10 +42,10 @@ if [ -z "$hours" ]; then usage >&2; exit 2; fi
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$here" || exit 2
 if [ "$build" = yes ]; then
-  { cmake --preset sim-release >/dev/null && cmake --build --preset sim-release \
-      --target scenario_tests; } || { echo "swarm.sh: cannot build" >&2; exit 2; }
+  { cmake --preset $preset >/dev/null && cmake --build --preset $preset --target $program; } ||
+    { echo "swarm.sh: cannot build" >&2; exit 2; }
 fi
-tests=build/sim-release/tests/scenario_tests
+tests=build/$preset/tests/$program
 [ -x "$tests" ] || { echo "swarm.sh: $tests is not there; leave out --no-build" >&2; exit 2; }
 
 work=$(mktemp -d -t vyr-swarm.XXXXXX) || exit 2

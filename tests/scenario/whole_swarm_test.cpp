@@ -20,7 +20,7 @@ using namespace whole_test;  // NOLINT
 using test::Kept;
 
 constexpr unsigned kUsualSeeds = 20;
-constexpr unsigned kUsualLongSeeds = 3;
+constexpr unsigned kUsualLongSeeds = 1;  // scenario/long_play.cmake plays more
 constexpr uint32_t kSetUpMs = 38'000;  // before the play begins, nearly
 constexpr unsigned kMostRuns = 150;    // to reduce one list
 constexpr uint64_t kStepsOfLongWorlds = 1'000'000'000;

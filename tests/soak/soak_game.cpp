@@ -3,7 +3,7 @@
 // from outside; it says once a second what only the inside can know.
 //
 // play.h says what it plays. The client takes the reports, writes other tables, and dies again and
-// again again while it holds a mutex. Ends with the end of its input.
+// again while it holds a mutex. Ends with the end of its input.
 #include <winsock2.h>
 //
 #include <windows.h>

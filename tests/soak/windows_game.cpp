@@ -2,9 +2,10 @@
 // second what only the inside can know, as JSON. scripts/soak_wine.py starts it with the library
 // and watches it from outside.
 //
-//   windows_game [LEAK_EVERY [CALM]]    keeps every so-many-th of the sockets open that come and go
-//   (0: none), and
-//                                       pauses so many times as long
+//   windows_game [LEAK_EVERY [CALM]]
+//
+// It keeps every LEAK_EVERY-th of the sockets open that come and go (0: none), and pauses CALM times
+// as long.
 #include <winsock2.h>
 //
 #include <windows.h>

@@ -21,7 +21,7 @@ FEWEST_SAMPLES = 25
 
 
 def run_until_wine_lasts(*command):
-    """On a busy machine Wine's server can end before the time is over (docs/soak.md)."""
+    """Wine's server may end before the time is over (docs/soak.md)."""
     for _ in range(ATTEMPTS):
         done = subprocess.run(
             list(map(str, command)), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
