@@ -53,8 +53,7 @@ build() {  # preset; its targets, by default all
 run_suites() {  # preset
   local preset=$1 log=build/$1/test.log started=$SECONDS
   printf '%-12s testing  ... ' "$preset"
-  # Most suites wait for half of their time, so one more than there are processors.
-  ctest --preset "$preset" --verbose --parallel "$(($(nproc) + 1))" >"$log" 2>&1
+  ctest --preset "$preset" --verbose --parallel "$(nproc)" >"$log" 2>&1
   local code=$?
   results+=("$log")
   echo "$(scripts/count_tests.py "$log") ($((SECONDS - started)) s)"

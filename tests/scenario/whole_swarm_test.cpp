@@ -21,8 +21,8 @@ using test::Kept;
 
 constexpr unsigned kUsualSeeds = 20;
 constexpr unsigned kUsualLongSeeds = 1;  // scenario/long_play.cmake plays more
-constexpr uint32_t kSetUpMs = 38'000;  // before the play begins, nearly
-constexpr unsigned kMostRuns = 150;    // to reduce one list
+constexpr uint32_t kSetUpMs = 38'000;    // before the play begins, nearly
+constexpr unsigned kMostRuns = 150;      // to reduce one list
 constexpr uint64_t kStepsOfLongWorlds = 1'000'000'000;
 
 // Which worlds: what one is like follows from its seed alone.

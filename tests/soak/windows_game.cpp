@@ -4,8 +4,8 @@
 //
 //   windows_game [LEAK_EVERY [CALM]]
 //
-// It keeps every LEAK_EVERY-th of the sockets open that come and go (0: none), and pauses CALM times
-// as long.
+// It keeps every LEAK_EVERY-th of the sockets open that come and go (0: none), and pauses CALM
+// times as long.
 #include <winsock2.h>
 //
 #include <windows.h>
