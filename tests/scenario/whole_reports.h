@@ -50,9 +50,9 @@ class ReportReader {
       CheckNode(one.proxy_ip, sizeof one.proxy_ip);
     });
     Drain(client_.switches, kRecoverySwitchChannel, [this](const RecoverySwitchRecord& one) {
-      ++switches_;
       CheckGame(one.game_id);
       CheckGuid(one.guid, sizeof one.guid);
+      ++switches_[std::string(one.guid, ::strnlen(one.guid, sizeof one.guid))];
       CheckText(one.switch_condition, sizeof one.switch_condition);
       CheckText(one.acc_info, sizeof one.acc_info);
       CheckText(one.client_info, sizeof one.client_info);
@@ -60,7 +60,12 @@ class ReportReader {
     });
   }
   size_t taken() const { return taken_; }
-  size_t switches() const { return switches_; }
+  // Of flows from one node to another, tried or done: all but the first of each flow.
+  size_t later_switches() const {
+    size_t count = 0;
+    for (const auto& [guid, switches] : switches_) count += switches - 1;
+    return count;
+  }
 
  private:
   template <class Region, class Check>
@@ -135,7 +140,7 @@ class ReportReader {
   test::ReportClient& client_;
   std::map<std::string, Traffic> traffic_;
   size_t taken_ = 0;
-  size_t switches_ = 0;  // of flows from one node to another, tried or done
+  std::map<std::string, size_t> switches_;  // by flow
 };
 
 }  // namespace whole_test

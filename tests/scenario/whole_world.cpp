@@ -222,10 +222,12 @@ void WholeWorld::ExpectNothingIsLeft() {
   // its timers rest, what waits for them stays open.
   timers_rest_ = timers_may_rest_ && (!course_.IsLong() || TimersRest());
   if (!worker_is_ended_ && !timers_rest_) {
-    // Kept: after a second switch of a flow the socket in between stays open. A reporting thread
-    // that rests after a wrap does not tell of switches, so they may be any number.
-    size_t between = IsMended() ? 0 : reports_.switches();
-    if (!IsMended() && timers_may_rest_) between = kMostBetweenSwitches;
+    // Kept: after a second switch of a flow the socket in between stays open, which only coarse
+    // timers bring about. A reporting thread that rests after a wrap does not tell of switches, so
+    // they may be any number.
+    const bool may_stay = course_.IsLong() && !IsMended();
+    size_t between = may_stay ? reports_.later_switches() : 0;
+    if (may_stay && timers_may_rest_) between = kMostBetweenSwitches;
     const size_t most = base_sockets_ + SocketsWithoutOwner() + between;
     RunUntil([this, most] { return HomeSockets() <= most; }, 6min);
     EXPECT_LE(HomeSockets(), most) << world.sockets().ListOf(world.home());
