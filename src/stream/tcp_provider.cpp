@@ -226,6 +226,9 @@ TcpSession* TcpProvider::Adopt(u16 peer_port) noexcept {
 bool TcpProvider::ConnectToRemoteServer(TcpSession* session) noexcept {
   if (!session->OpenRemoteSocket()) {
     LSP_LOG(4, "[TCP]ConnectToRemoteServer failed to create socket, token=%u", session->token());
+    // A connection of the game's waits for the next update, or for the game. A postponed connect
+    // fails at once.
+    if (session->IsPostponed()) CloseObsoleteSession(session);
     return false;
   }
   const SOCKET remote = session->remote_socket();

@@ -72,6 +72,22 @@ SCENARIO_F(MendedRefusal, FailsWithTheServersOwnError) {
   ExpectServesAgain();
 }
 
+// The timers that end other sessions without a socket may rest for good.
+SCENARIO_F(MendedRefusal, WithoutASocketForTheFarSideComesAtOnce) {
+  for (int i = 0; i < 3; ++i) {
+    const SOCKET s = Tcp();
+    port::FailCall("socket", 1, WSAENOBUFS);
+    const auto start = world.now();
+    EXPECT_EQ(ConnectTo(s, kServer, kPort), WSAECONNREFUSED);
+    EXPECT_LE(world.now() - start, 1ms);
+    port::ClearFaults();
+    closesocket(s);
+    RunFor(7ms);
+  }
+  EXPECT_TRUE(Logged("[TCP]ConnectToRemoteServer failed to create socket, token="));
+  ExpectServesAgain();
+}
+
 SCENARIO_F(MendedRefusal, OfANonBlockingConnectShowsAsItDoesWithoutUs) {
   for (const char* server : {kDirect, kServer}) {
     SCOPED_TRACE(server);
