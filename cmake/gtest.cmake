@@ -1,6 +1,6 @@
 # The system's own GoogleTest where it serves: it was compiled for this machine, and the sanitizers of memory
 # and of undefined behaviour do not ask whether a library is instrumented.
-if(NOT WIN32 AND NOT VYR_SANITIZE MATCHES "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+if(NOT WIN32 AND NOT VYR_SANITIZE MATCHES "thread")
   find_package(GTest CONFIG QUIET)
   if(TARGET GTest::gtest_main)
     add_library(vyr_gtest INTERFACE)

@@ -25,6 +25,12 @@ def windows_path(path):
     return "Z:" + str(path).replace("/", "\\")
 
 
+def client_program(programs):
+    """vyr_client of these programs, or else that of the 32-bit build: one serves games of both kinds."""
+    own = programs / "vyr_client.exe"
+    return own if own.exists() else TREE / "build/windows-x86/bin" / own.name
+
+
 def read_json_lines(path):
     return [json.loads(line) for line in path.read_text(errors="replace").splitlines()]
 
@@ -122,7 +128,7 @@ class Client:
 
     def __init__(self, programs, tables):
         self.process = subprocess.Popen(
-            wine(programs / "vyr_client.exe", "serve", windows_path(tables), "--until-eof"),
+            wine(client_program(programs), "serve", windows_path(tables), "--until-eof"),
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
 
     def __enter__(self):
@@ -143,7 +149,7 @@ class Watcher:
     def __init__(self, programs, page):
         self.reports = []
         self.process = subprocess.Popen(
-            wine(programs / "vyr_client.exe", "watch", "--follow", "--json", "--until-eof",
+            wine(client_program(programs), "watch", "--follow", "--json", "--until-eof",
                  "--report", windows_path(page)),
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, encoding="utf-8",
             errors="replace")

@@ -127,7 +127,7 @@ def write_sample(programs, path):
     """Writes the client program's sample file, which lists the program as a game and works in the bed
     unchanged."""
     with open(path, "wb") as file:
-        subprocess.run(wine(programs / "vyr_client.exe", "sample"), stdout=file, check=True,
+        subprocess.run(wine(demo_bed.client_program(programs), "sample"), stdout=file, check=True,
                        timeout=TIMEOUT_S)
 
 

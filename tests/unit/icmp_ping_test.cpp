@@ -25,7 +25,7 @@
 namespace moru_vyr::lsp {
 namespace {
 
-constexpr SOCKET kSocket = 0x4321;
+constexpr SOCKET kRawSocket = 0x4321;
 const u32 kIp = static_cast<u32>(inet_addr("198.51.100.10"));
 constexpr u32 kUnknownServerLag = 50;
 constexpr char kOld = '\xEE';  // the previous content of the game's buffer
@@ -86,11 +86,11 @@ struct LostByRule {
 };
 
 struct IcmpPing : testing::Test {
-  IcmpPing() { vm.AddRawSocket(kSocket, kIp); }
+  IcmpPing() { vm.AddRawSocket(kRawSocket, kIp); }
   ~IcmpPing() override { Drain(); }
 
   bool Checkin(const std::vector<char>& message) {
-    return vm.CheckinConnectionPingRequest(kSocket, message.data(),
+    return vm.CheckinConnectionPingRequest(kRawSocket, message.data(),
                                            static_cast<u32>(message.size()));
   }
   bool Checkin() { return Checkin(Message(64, kChecksumOf64)); }
@@ -98,7 +98,7 @@ struct IcmpPing : testing::Test {
   std::vector<char> Checkout(u32 room = 300) {
     std::vector<char> buffer(room, kOld);
     u32 length = room;
-    if (!vm.CheckoutPingResponse(kSocket, buffer.data(), &length, &from_ip)) return {};
+    if (!vm.CheckoutPingResponse(kRawSocket, buffer.data(), &length, &from_ip)) return {};
     buffer.resize(std::min(length, room));
     reply_length = length;
     return buffer;
@@ -177,7 +177,7 @@ TEST_F(IcmpPing, AShortBufferGetsWhatFits) {
     WaitUntilDue();
     std::vector<char> buffer(room + 300, kOld);
     u32 length = room;
-    ASSERT_TRUE(vm.CheckoutPingResponse(kSocket, buffer.data(), &length, nullptr));
+    ASSERT_TRUE(vm.CheckoutPingResponse(kRawSocket, buffer.data(), &length, nullptr));
     EXPECT_EQ(length, 84u);
     EXPECT_EQ(buffer[0], 0x45);
     for (u32 i = room; i < buffer.size(); ++i) ASSERT_EQ(buffer[i], kOld) << room << " at " << i;
@@ -208,12 +208,12 @@ TEST_F(IcmpPing, OnlyCompleteEchoRequestsAreHeld) {
     EXPECT_TRUE(log.Contains(test::kPingLag)) << "the route comes first";
   }
   EXPECT_FALSE(Checkin(timestamp));
-  EXPECT_FALSE(vm.CheckinConnectionPingRequest(kSocket, nullptr, 64));
+  EXPECT_FALSE(vm.CheckinConnectionPingRequest(kRawSocket, nullptr, 64));
   for (const u32 size : {0u, 1u, 7u, 257u, 0xFFFFFFFFu}) {
     const std::vector<char> zeros(300);
-    EXPECT_FALSE(vm.CheckinConnectionPingRequest(kSocket, zeros.data(), size)) << size;
+    EXPECT_FALSE(vm.CheckinConnectionPingRequest(kRawSocket, zeros.data(), size)) << size;
   }
-  EXPECT_FALSE(vm.CheckinConnectionPingRequest(kSocket + 1, good.data(), 64));
+  EXPECT_FALSE(vm.CheckinConnectionPingRequest(kRawSocket + 1, good.data(), 64));
   WaitUntilDue();
   EXPECT_TRUE(Checkout().empty());
   EXPECT_TRUE(Checkin(good));
@@ -222,7 +222,7 @@ TEST_F(IcmpPing, OnlyCompleteEchoRequestsAreHeld) {
 // Another thread may be sending from the same bytes at that moment.
 TEST_F(IcmpPing, TheGamesBufferIsNotWrittenTo) {
   alignas(4) static constexpr char kEmptyPing[8] = {8, 0, '\xf7', '\xff', 0, 0, 0, 0};  // read only
-  EXPECT_TRUE(vm.CheckinConnectionPingRequest(kSocket, kEmptyPing, sizeof kEmptyPing));
+  EXPECT_TRUE(vm.CheckinConnectionPingRequest(kRawSocket, kEmptyPing, sizeof kEmptyPing));
 }
 
 TEST_F(IcmpPing, BuffersThatCannotHoldAReplyAreRefused) {
@@ -231,15 +231,15 @@ TEST_F(IcmpPing, BuffersThatCannotHoldAReplyAreRefused) {
   test::LogCapture log(0);
   char buffer[300];
   u32 length = 27;
-  EXPECT_FALSE(vm.CheckoutPingResponse(kSocket, buffer, &length, nullptr));
+  EXPECT_FALSE(vm.CheckoutPingResponse(kRawSocket, buffer, &length, nullptr));
   EXPECT_EQ(length, 27u);
   length = 0;
-  EXPECT_FALSE(vm.CheckoutPingResponse(kSocket, buffer, &length, nullptr));
+  EXPECT_FALSE(vm.CheckoutPingResponse(kRawSocket, buffer, &length, nullptr));
   length = 28;
-  EXPECT_FALSE(vm.CheckoutPingResponse(kSocket, nullptr, &length, nullptr));
-  EXPECT_FALSE(vm.CheckoutPingResponse(kSocket, buffer, nullptr, nullptr));
+  EXPECT_FALSE(vm.CheckoutPingResponse(kRawSocket, nullptr, &length, nullptr));
+  EXPECT_FALSE(vm.CheckoutPingResponse(kRawSocket, buffer, nullptr, nullptr));
   EXPECT_TRUE(log.Contains("[0][lsp][RAW] CheckoutPingResponse: Invalid Param\n"));
-  EXPECT_TRUE(vm.CheckoutPingResponse(kSocket, buffer, &length, nullptr)) << "it waited";
+  EXPECT_TRUE(vm.CheckoutPingResponse(kRawSocket, buffer, &length, nullptr)) << "it waited";
 }
 
 // --- when ------------------------------------------------------------------------------------
@@ -249,7 +249,7 @@ TEST_F(IcmpPing, TheReplyIsAtMostFiveMillisecondsEarly) {
   ASSERT_TRUE(Checkin());
   u32 length = 28;
   char buffer[28];
-  while (!vm.CheckoutPingResponse(kSocket, buffer, &length, nullptr)) {
+  while (!vm.CheckoutPingResponse(kRawSocket, buffer, &length, nullptr)) {
     ASSERT_LT(GetTickCount() - before, 10'000u);
     Sleep(1);
   }
@@ -277,14 +277,14 @@ TEST_F(IcmpPing, RepliesComeInTheOrderOfTheirRequests) {
 
 TEST_F(IcmpPing, LogsWhatItDoes) {
   test::LogCapture log(0);
-  const std::string tail = "socket=" + std::to_string(kSocket) + "\n";
-  const std::string other = "socket=" + std::to_string(kSocket + 1) + "\n";
+  const std::string tail = "socket=" + std::to_string(kRawSocket) + "\n";
+  const std::string other = "socket=" + std::to_string(kRawSocket + 1) + "\n";
   EXPECT_TRUE(Checkout().empty());
   EXPECT_TRUE(log.Contains("[0][lsp][RAW] CheckoutPingResponse: No Request in Queue, " + tail));
   ASSERT_TRUE(Checkin());
   EXPECT_TRUE(log.Contains("[0][lsp][RAW]CheckinConnectionPingRequest, " + tail));
   EXPECT_TRUE(log.Contains("[0][lsp]" + test::kPingLag + tail));
-  vm.AddRawSocket(kSocket, 16909060);
+  vm.AddRawSocket(kRawSocket, 16909060);
   EXPECT_TRUE(log.Contains("[0][lsp][RAW]AddRawSocket, repeated. ip=16909060, " + tail));
   EXPECT_TRUE(Checkout().empty());
   EXPECT_TRUE(log.Contains("[0][lsp][RAW] CheckoutPingResponse:not ready, req_time="));
@@ -295,21 +295,21 @@ TEST_F(IcmpPing, LogsWhatItDoes) {
   EXPECT_TRUE(log.Contains("[0][lsp]" + test::PingsStored(512)));
   char buffer[28];
   u32 length = 28;
-  EXPECT_FALSE(vm.CheckoutPingResponse(kSocket + 1, buffer, &length, nullptr));
+  EXPECT_FALSE(vm.CheckoutPingResponse(kRawSocket + 1, buffer, &length, nullptr));
   EXPECT_TRUE(log.Contains("[0][lsp][RAW]CheckoutPingResponse, no request for " + other));
-  EXPECT_FALSE(vm.CheckinConnectionPingRequest(kSocket + 1, buffer, 28));
+  EXPECT_FALSE(vm.CheckinConnectionPingRequest(kRawSocket + 1, buffer, 28));
   EXPECT_TRUE(log.Contains("[0][lsp][RAW]CheckinConnectionPingRequest, no request for " + other));
-  vm.RemoveRawSocket(kSocket + 1);
+  vm.RemoveRawSocket(kRawSocket + 1);
   EXPECT_TRUE(log.Contains("[0][lsp]RemoveRawSocket:  " + other));
 }
 
 TEST_F(IcmpPing, ARemovedSocketIsForgottenWithItsRequests) {
   ASSERT_TRUE(Checkin());
-  vm.RemoveRawSocket(kSocket);
+  vm.RemoveRawSocket(kRawSocket);
   WaitUntilDue();
   EXPECT_TRUE(Checkout().empty());
   EXPECT_FALSE(Checkin());
-  vm.AddRawSocket(kSocket, kIp + 1);
+  vm.AddRawSocket(kRawSocket, kIp + 1);
   EXPECT_TRUE(Checkout().empty()) << "the requests of its earlier life are lost";
   ASSERT_TRUE(Checkin());
   WaitUntilDue();
@@ -480,11 +480,11 @@ TEST_F(IcmpPing, WithoutMemoryASocketIsNotRecorded) {
   const test::LogCapture log(0);
   {
     const test::OutOfMemory none(1, test::OutOfMemory::kOfTheProduct);
-    vm.AddRawSocket(kSocket + 1, kIp);
+    vm.AddRawSocket(kRawSocket + 1, kIp);
   }
   EXPECT_TRUE(test::OutOfMemory::WasFelt());
   EXPECT_FALSE(log.Contains("repeated")) << "nor has it been before";
-  EXPECT_FALSE(vm.CheckinConnectionPingRequest(kSocket + 1, message.data(), 64));
+  EXPECT_FALSE(vm.CheckinConnectionPingRequest(kRawSocket + 1, message.data(), 64));
 }
 
 TEST(PingPool, WithoutMemoryThereIsNoRecord) {

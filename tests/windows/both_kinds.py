@@ -182,8 +182,9 @@ def main():
     check_launchers(stage)
     check_children(stage)
     check_missing_files(stage)
-    for client in PORT:
-        Games(stage, client).check()
+    for client, programs in stage.bins.items():
+        if (programs / "vyr_client.exe").exists():  # of 64 bits only where it has been asked for
+            Games(stage, client).check()
     stage.checks.end()
 
 

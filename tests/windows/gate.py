@@ -48,7 +48,7 @@ class Gate:
         file = self.runner.folder / "games.toml"
         file.write_text(text, encoding="utf-8")
         process = subprocess.Popen(
-            [support.WINE, self.arguments.bin / "vyr_client.exe", "serve", "--until-eof",
+            [support.WINE, support.client_program(self.arguments.bin), "serve", "--until-eof",
              support.windows_path(file)],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
         )  # fmt: skip

@@ -103,7 +103,7 @@ class Bench:
         names = ", ".join(f"'{support.windows_path(game)}'" for game in games)
         logs = support.windows_path(self.logs) + "\\"
         path.write_text(tables.format(games=names, logs=logs, log_level=log_level))
-        command = [self.runner.bin / "vyr_client.exe", "serve", "--until-eof", support.windows_path(path)]
+        command = [support.client_program(self.runner.bin), "serve", "--until-eof", support.windows_path(path)]
         self.client = Conversation(command, self.runner.folder)
         self.running.callback(self.client.end)
         if not self.client.line_with("ready"):

@@ -24,6 +24,9 @@ import tempfile
 import threading
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "scripts"))
+from demo_bed import client_program  # noqa: E402,F401
+
 WINE = ROOT / "scripts" / "wine"
 SERVER = "198.51.100.10" if os.environ.get("VYR_TESTBED") else "127.0.0.1"
 SUFFIXES = {"x86": "", "x64": "64"}  # of the names of programs and DLLs
