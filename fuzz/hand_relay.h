@@ -2,8 +2,8 @@
 // played by the target, and the tables that lead to them. Time passes only in Turn and Sleep, so a
 // finding repeats exactly.
 //
-// There is one simulated world for the whole run (world.cpp). What the product keeps for the process
-// (statistics, resting nodes, the configuration) starts anew with each HandRelay.
+// There is one simulated world for the whole run (world.cpp). What the product keeps for the
+// process (statistics, resting nodes, the configuration) starts anew with each HandRelay.
 #pragma once
 #include <winsock2.h>
 //

@@ -1,5 +1,5 @@
-// The simulated world of a fuzz target, made before its first input. There is one for the whole run,
-// because a world keeps its memory; and it has no end, since a search takes days of its time.
+// The simulated world of a fuzz target, made before its first input. There is one for the whole
+// run, because a world keeps its memory; and it has no end, since a search takes days of its time.
 #include <winsock2.h>
 
 #include <limits>
