@@ -3,15 +3,15 @@
 # and prints the number of tests.
 #
 #   ./test.sh                 everything
-#   ./test.sh sim posix       only these presets (sim, posix, posix-tsan, fuzz, windows-x86,
-#                             windows-x64)
+#   ./test.sh sim posix       only these presets (sim, posix, posix-tsan, windows-x86, windows-x64; and
+#                             fuzz, whose tests sim has as well)
 #   ./test.sh --no-setup …    without installing missing packages
 #
 # Logs are kept in build/PRESET/{build,test}.log. Exit: 0 all passed, 1 something failed.
 set -u
 cd "$(dirname "$0")" || exit 1
 
-presets=(sim posix posix-tsan fuzz windows-x86 windows-x64)
+presets=(sim posix posix-tsan windows-x86 windows-x64)
 setup=yes
 chosen=()
 for argument in "$@"; do
@@ -80,12 +80,6 @@ build_companions() {  # preset
 }
 
 for preset in "${presets[@]}"; do
-  case "$preset" in
-    fuzz)
-      if ! command -v clang++ >/dev/null 2>&1; then
-        left_out+=("fuzz (no clang here)"); continue
-      fi ;;
-  esac
   build "$preset" || continue
   case "$preset" in windows-*)
     if ! wine_works "$preset"; then

@@ -40,6 +40,11 @@ if(VYR_SANITIZE)
   endif()
 endif()
 
+set(VYR_FUZZ "" CACHE STRING "the fuzz targets, which need clang and the simulation: with all the rest (too), or alone")
+if(VYR_FUZZ STREQUAL "alone")
+  add_compile_options(-fsanitize=fuzzer-no-link)  # a search goes by all that it reaches, and by what is compared there
+endif()
+
 # What reads command lines, files and JSON is, like a test program, made of large templates, and never what takes time: only what
 # is shipped is optimised, and that a little.
 set(VYR_OPTIMISE_LITTLE $<$<NOT:$<CONFIG:Debug>>:-O0>)

@@ -2,15 +2,13 @@
 // played by the target, and the tables that lead to them. Time passes only in Turn and Sleep, so a
 // finding repeats exactly.
 //
-// There is one simulated world for the whole run, because a world keeps its memory. What the
-// product keeps for the process (statistics, resting nodes, the configuration) starts anew with
-// each HandRelay.
+// There is one simulated world for the whole run (world.cpp). What the product keeps for the
+// process (statistics, resting nodes, the configuration) starts anew with each HandRelay.
 #pragma once
 #include <winsock2.h>
 //
 #include <windows.h>
 
-#include <limits>
 #include <map>
 #include <memory>
 #include <new>
@@ -55,20 +53,6 @@ inline sockaddr_in At(const char* ip, int port) {
 inline sockaddr* Raw(sockaddr_in* address) { return reinterpret_cast<sockaddr*>(address); }
 inline const sockaddr* Raw(const sockaddr_in* address) {
   return reinterpret_cast<const sockaddr*>(address);
-}
-
-inline sim::World& SimWorld() {
-  static sim::World& world = []() -> sim::World& {
-    sim::Options options;
-    options.preempt_percent = 0;
-    options.max_steps = std::numeric_limits<std::uint64_t>::max();
-    options.max_time = sim::Duration(std::numeric_limits<std::int64_t>::max() / 4);
-    auto& made = *new sim::World(options);
-    WSADATA data;
-    Require(WSAStartup(MAKEWORD(2, 2), &data) == 0);
-    return made;
-  }();
-  return world;
 }
 
 // A socket of the target's, which never blocks.
@@ -162,7 +146,7 @@ class HandRelay {
 
   std::size_t OpenSockets() const { return world.sockets().size(); }
 
-  sim::World& world = SimWorld();
+  sim::World& world = sim::TheWorld();
   Route route;
   Loop loop;
 

@@ -94,7 +94,6 @@ class HandScript {
 template <class Script>
 int RunScript(const unsigned char* data, std::size_t size) {
   constexpr std::size_t kMostLeft = 1 << 20;  // what the simulation keeps
-  SimWorld();
   const Growth growth;
   Input input(data, size);
   Script(&input).Run();

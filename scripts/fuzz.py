@@ -55,7 +55,8 @@ def is_configured(with_client):
     cache = BUILD / "CMakeCache.txt"
     if not (BUILD / "build.ninja").exists() or not cache.exists():
         return False
-    return not with_client or "VYR_FUZZ_CLIENT:BOOL=ON" in cache.read_text(errors="replace")
+    wanted = ["VYR_FUZZ:STRING=alone", *(["VYR_FUZZ_CLIENT:BOOL=ON"] if with_client else [])]
+    return all(entry in cache.read_text(errors="replace") for entry in wanted)  # or it is of an older preset
 
 
 def build(targets):

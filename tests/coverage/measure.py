@@ -11,7 +11,7 @@ import time
 
 SUITES = ("unit", "scenario", "race", "fuzz")  # a whole run
 SWARM = "swarm"  # a part of the scenarios, measured on its own
-PRESET_OF = {"unit": "coverage", "scenario": "coverage", "race": "coverage-posix", "fuzz": "coverage-posix",
+PRESET_OF = {"unit": "coverage", "scenario": "coverage", "race": "coverage-posix", "fuzz": "coverage",
              SWARM: "coverage"}  # fmt: skip
 # As in tests/CMakeLists.txt.
 MENDED = "TcpStorm.*:TcpCalm.*:UdpStorm.*:UdpSwarm.*:SwitchSwarm.*"
