@@ -20,7 +20,7 @@ constexpr long kSpareBlocks = 24;
 std::map<uintptr_t, std::string> OpenObjects() {
   std::map<uintptr_t, std::string> open;
   const size_t count = port::OpenHandles();
-  for (uintptr_t value = 4; open.size() < count && value < 400'000; value += 4) {
+  for (uintptr_t value = 4; open.size() < count && value < 4'000'000; value += 4) {
     if (const auto object = port::Lookup(reinterpret_cast<HANDLE>(value)))
       open[value] = std::string(object->kind()) + " " + object->name();
   }
