@@ -106,6 +106,7 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   void Release();
   void LiveThrough(const Stretch& stretch);
   size_t SocketsWithoutOwner() const;
+  size_t HomeStreamSockets() const;
   void CountBlocks();
   void ExpectNothingIsLeft();
   void ExpectNoMoreBlocks();
@@ -187,7 +188,7 @@ class WholeWorld : public EarlyClient, public StreamSwarm<ConfiguredWorld> {
   std::vector<DWORD> players_;             // the ids of the game's threads
   std::deque<std::string> players_names_;  // of those that a fault is to end
   sim::Duration play_begins_{};
-  size_t base_sockets_ = 0, base_views_ = 0;
+  size_t base_sockets_ = 0, base_stream_sockets_ = 0, base_views_ = 0;
   std::map<uintptr_t, std::string> base_objects_;  // the open handles
   std::map<std::string, long> base_blocks_;        // of long play, by who has allocated them
   bool worker_is_ended_ = false, reporter_is_ended_ = false, game_thread_is_ended_ = false;
