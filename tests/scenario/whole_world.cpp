@@ -251,7 +251,11 @@ void WholeWorld::ExpectNothingIsLeft() {
   }
   RunFor(3s);
   if (worker_is_ended_ || reporter_is_ended_ || game_thread_is_ended_) return;
-  EXPECT_EQ(port::OpenHandles(), base_objects_.size()) << NewObjects();
+  // A postponed connect that waits for timers which rest keeps its event, as it does its socket.
+  const bool may_wait = course_.IsLong() && timers_rest_ && IsMended();
+  const size_t waiting = may_wait ? HomeSockets() - std::min(HomeSockets(), base_sockets_) : 0;
+  EXPECT_LE(port::OpenHandles(), base_objects_.size() + waiting) << NewObjects();
+  EXPECT_GE(port::OpenHandles(), base_objects_.size());
   EXPECT_EQ(port::OpenViews(), base_views_);
   if (course_.IsLong() && !timers_rest_) ExpectNoMoreBlocks();
 }
