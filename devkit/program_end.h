@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <iostream>
 
 namespace devkit {
 
@@ -49,7 +48,6 @@ inline const volatile std::sig_atomic_t* NoticeTheEnd(bool until_eof) {
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s: %s\n", program, error.what());
   }
-  std::cout.flush();
   std::fflush(stdout);
   std::_Exit(code);
 }

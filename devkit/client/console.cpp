@@ -136,7 +136,7 @@ std::vector<std::string> Arguments(int, char**) {
   int count = 0;
   wchar_t** const words = CommandLineToArgvW(GetCommandLineW(), &count);
   std::vector<std::string> arguments;
-  for (int i = count - 1; words != nullptr && i > 0; --i) {
+  for (int i = 1; words != nullptr && i < count; ++i) {
     common::u16to8(words[i], &arguments.emplace_back());
   }
   LocalFree(words);
@@ -147,9 +147,7 @@ struct Console::Window {};
 
 Console::Console() = default;
 
-std::vector<std::string> Arguments(int argc, char** argv) {
-  return {std::make_reverse_iterator(argv + argc), std::make_reverse_iterator(argv + 1)};
-}
+std::vector<std::string> Arguments(int argc, char** argv) { return {argv + 1, argv + argc}; }
 #endif
 
 Console::~Console() = default;

@@ -21,7 +21,7 @@ class Console {
   std::unique_ptr<Window> window_;  // null: nothing goes to a console window
 };
 
-// The words of the command line behind the program's name, in UTF-8, the last one first.
+// The words of the command line behind the program's name, in UTF-8.
 std::vector<std::string> Arguments(int argc, char** argv);
 
 }  // namespace client

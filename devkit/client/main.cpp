@@ -1,6 +1,5 @@
 // vyr_client: the client program's side of the library, as far as a person needs it to serve,
 // watch and test games.
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -26,6 +25,7 @@
 #include "client/suggest.h"
 #include "client/watch/report_regions.h"
 #include "client/watch/watch.h"
+#include "command_line.h"
 #include "program_end.h"
 
 namespace {
@@ -244,141 +244,130 @@ int Sample(const Options& options) {
   return kFailed;
 }
 
-void AddFile(CLI::App* command, Options* options) {
-  command->add_option("FILE", options->file, "the configuration, TOML; - reads standard input")
-      ->required()
-      ->type_name("");
-  command->add_flag("--json", options->json, "one JSON object a line instead of sentences");
+using devkit::Command;
+using devkit::CommandLine;
+using devkit::Option;
+
+void AddFile(Command* command, Options* options) {
+  command->Add("FILE", &options->file, "the configuration, TOML; - reads standard input")
+      .Required()
+      .Called("");
+  command->Add("--json", &options->json, "one JSON object a line instead of sentences");
 }
 
 using Action = int (*)(const Options&);
 
-void AddServe(CLI::App* app, Options* options, Action* action) {
-  CLI::App* serve = app->add_subcommand(
+void AddServe(CommandLine* line, Options* options, Action* action) {
+  Command serve = line->AddCommand(
       "serve",
-      "put the file where games find it, say \"ready\", take over each edit, stay until ended");
-  AddFile(serve, options);
-  serve->add_flag("--until-eof", options->until_eof, "end with the end of standard input");
+      "put the file where games find it, say \"ready\", take over each edit, stay until ended",
+      [action] { *action = Serve; });
+  AddFile(&serve, options);
+  serve.Add("--until-eof", &options->until_eof, "end with the end of standard input");
   serve
-      ->add_option("--notify-pid", options->notify_pids,
-                   "tell these processes of a new spur list, besides the listed games that run")
-      ->type_name("PID");
-  serve->callback([action] { *action = Serve; });
+      .Add("--notify-pid", &options->notify_pids,
+           "tell these processes of a new spur list, besides the listed games that run")
+      .Called("PID");
 }
 
-void AddFileCommands(CLI::App* app, Options* options, Action* action) {
-  CLI::App* check = app->add_subcommand("check", "say what is wrong with the file");
-  AddFile(check, options);
-  check->callback([action] { *action = Check; });
+void AddFileCommands(CommandLine* line, Options* options, Action* action) {
+  Command check =
+      line->AddCommand("check", "say what is wrong with the file", [action] { *action = Check; });
+  AddFile(&check, options);
 
-  CLI::App* compile = app->add_subcommand(
-      "compile", "write the route table into a file, for clients that leave no region");
-  AddFile(compile, options);
-  compile->add_option("--route-file", options->route_file, "the file to write")
-      ->required()
-      ->type_name("PATH");
-  compile->callback([action] { *action = Compile; });
+  Command compile = line->AddCommand(
+      "compile", "write the route table into a file, for clients that leave no region",
+      [action] { *action = Compile; });
+  AddFile(&compile, options);
+  compile.Add("--route-file", &options->route_file, "the file to write").Required().Called("PATH");
 
-  CLI::App* sample = app->add_subcommand("sample", "write a complete file with comments");
+  Command sample = line->AddCommand("sample", "write a complete file with comments",
+                                    [action] { *action = Sample; });
   sample
-      ->add_option("--game", options->sample.game_paths,
-                   "full Windows path of the game's program, up to ten of them")
-      ->type_name("PATH")
-      ->expected(1, moru_vyr::lsp::kMaxGames);
+      .Add("--game", &options->sample.game_paths,
+           "full Windows path of the game's program, up to ten of them")
+      .Called("PATH")
+      .Times(1, moru_vyr::lsp::kMaxGames);
   sample
-      ->add_option("--log-dir", options->sample.log_path,
-                   "where the log files go; the library makes the folder")
-      ->type_name("FOLDER");
+      .Add("--log-dir", &options->sample.log_path,
+           "where the log files go; the library makes the folder")
+      .Called("FOLDER");
   sample
-      ->add_option("-o,--output", options->sample_file,
-                   "write a new file, in UTF-8, instead of to standard output")
-      ->type_name("FILE");
-  sample->callback([action] { *action = Sample; });
+      .Add("-o,--output", &options->sample_file,
+           "write a new file, in UTF-8, instead of to standard output")
+      .Called("FILE");
 }
 
-void AddLive(CLI::App* watch, client::ServeOptions* live) {
-  CLI::Option* const serve =
-      watch->add_option("--serve", live->at,
-                        "stay and serve the page, live, with /metrics for Prometheus and /health; "
-                        "port 0 takes any");
-  serve->type_name("ADDRESS:PORT");
-  watch
-      ->add_flag("--allow-remote", live->allow_remote,
-                 "that address may be one that other machines reach")
-      ->needs(serve);
-  watch
-      ->add_option("--allow-host", live->allowed_hosts,
-                   "requests may ask by this name too, not only by address or localhost")
-      ->type_name("NAME")
-      ->needs(serve);
-}
-
-void AddWatch(CLI::App* app, Options* options, Action* action) {
-  CLI::App* watch = app->add_subcommand(
-      "watch", "show what the library reports, a line a report, and free what was shown");
-  watch->add_flag("--json", options->json, "one JSON object a line, with every field");
-  watch->add_flag("--follow", options->watch.follow, "stay and show what comes, until ended");
-  CLI::Option* const top = watch->add_flag("--top", options->watch.top,
-                                           "stay and show a table of the flows, kept up to date");
-  watch->add_option("--report", options->watch.page, "write a page with charts of the run there")
-      ->type_name("PAGE.html");
-  CLI::Option* const from =
+void AddLive(Command* watch, client::ServeOptions* live) {
+  const Option serve =
       watch
-          ->add_option(
-              "--from", options->watch.from,
-              "show what another watch --json has printed, as it comes; - reads standard input")
-          ->type_name("FILE");
-  watch->add_flag("--until-eof", options->until_eof, "end with the end of standard input")
-      ->excludes(from);
-  top->excludes("--json");
-  AddLive(watch, &options->live);
-  watch->callback([action] { *action = WatchReports; });
+          ->Add("--serve", &live->at,
+                "stay and serve the page, live, with /metrics for Prometheus and /health; "
+                "port 0 takes any")
+          .Called("ADDRESS:PORT");
+  watch
+      ->Add("--allow-remote", &live->allow_remote,
+            "that address may be one that other machines reach")
+      .Needs(serve);
+  watch
+      ->Add("--allow-host", &live->allowed_hosts,
+            "requests may ask by this name too, not only by address or localhost")
+      .Called("NAME")
+      .Needs(serve);
 }
 
-void AddQuestions(CLI::App* app, Options* options, Action* action) {
-  CLI::App* dump = app->add_subcommand("dump", "print the tables in force, as a file for serve");
-  dump->add_option("--route-file", options->route_file, "print this compiled route table instead")
-      ->type_name("PATH");
-  dump->add_flag("--json", options->json, "as JSON");
-  dump->callback([action] { *action = Dump; });
+void AddWatch(CommandLine* line, Options* options, Action* action) {
+  Command watch = line->AddCommand(
+      "watch", "show what the library reports, a line a report, and free what was shown",
+      [action] { *action = WatchReports; });
+  const Option json =
+      watch.Add("--json", &options->json, "one JSON object a line, with every field");
+  watch.Add("--follow", &options->watch.follow, "stay and show what comes, until ended");
+  watch.Add("--top", &options->watch.top, "stay and show a table of the flows, kept up to date")
+      .Excludes(json);
+  watch.Add("--report", &options->watch.page, "write a page with charts of the run there")
+      .Called("PAGE.html");
+  const Option from =
+      watch
+          .Add("--from", &options->watch.from,
+               "show what another watch --json has printed, as it comes; - reads standard input")
+          .Called("FILE");
+  watch.Add("--until-eof", &options->until_eof, "end with the end of standard input")
+      .Excludes(from);
+  AddLive(&watch, &options->live);
+}
 
-  CLI::App* explain =
-      app->add_subcommand("explain", "say how a destination is decided, by which table, and why");
-  explain->add_option("DESTINATION", options->destination, "ADDRESS:PORT")
-      ->required()
-      ->type_name("");
-  explain->add_option("PROTOCOL", options->protocol, "tcp or udp")
-      ->required()
-      ->type_name("")
-      ->check(CLI::IsMember({"tcp", "udp"}, CLI::ignore_case).description(""));
-  explain->add_option("--file", options->file, "ask this file instead of the tables in force")
-      ->type_name("FILE");
+void AddQuestions(CommandLine* line, Options* options, Action* action) {
+  Command dump = line->AddCommand("dump", "print the tables in force, as a file for serve",
+                                  [action] { *action = Dump; });
+  dump.Add("--route-file", &options->route_file, "print this compiled route table instead")
+      .Called("PATH");
+  dump.Add("--json", &options->json, "as JSON");
+
+  Command explain =
+      line->AddCommand("explain", "say how a destination is decided, by which table, and why",
+                       [action] { *action = ExplainDestination; });
+  explain.Add("DESTINATION", &options->destination, "ADDRESS:PORT").Required().Called("");
+  explain.Add("PROTOCOL", &options->protocol, "tcp or udp")
+      .Required()
+      .Called("")
+      .OneOf({"tcp", "udp"});
+  explain.Add("--file", &options->file, "ask this file instead of the tables in force")
+      .Called("FILE");
   explain
-      ->add_option("--game", options->game,
-                   "the game that asks: its path, file name or game_id; else the first")
-      ->type_name("GAME");
-  explain->add_option("--level", options->vip_level, "VIP level in place of the game's own")
-      ->type_name("0..9")
-      ->check(CLI::Range(0, 9).description(""));
-  explain->add_flag("--json", options->json, "one JSON object instead of sentences");
-  explain->callback([action] { *action = ExplainDestination; });
+      .Add("--game", &options->game,
+           "the game that asks: its path, file name or game_id; else the first")
+      .Called("GAME");
+  explain.Add("--level", &options->vip_level, "VIP level in place of the game's own")
+      .Called("0..9")
+      .In(0, 9);
+  explain.Add("--json", &options->json, "one JSON object instead of sentences");
 }
 
-// The word in the place of the command; empty if there is none.
-std::string NoCommand(const CLI::App& app) {
-  const auto rest = app.remaining();
-  return app.get_subcommands().empty() && !rest.empty() ? rest.front() : "";
-}
-
-int RefuseCommand(const CLI::App& app, const std::string& word) {
-  std::vector<std::string_view> names;
-  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
-    names.push_back(command->get_name());
-  }
-  const std::string meant = client::Suggest(word, names);
+void RefuseCommand(const std::string& word, const std::vector<std::string_view>& commands) {
+  const std::string meant = client::Suggest(word, commands);
   std::fprintf(stderr, "vyr_client: '%s' is no command; %s\n", word.c_str(),
                meant.empty() ? "see --help" : ("did you mean '" + meant + "'?").c_str());
-  return kUsage;
 }
 
 // Standard output may be buffered until now, and the disk full.
@@ -390,32 +379,25 @@ int Written(int code) {
 
 int Run(int argc, char** argv) {
   const client::Console console;
-  CLI::App app(
-      "Tells the library which games it serves, and how, and shows what it reports.\n\n"
-      "  vyr_client sample --game \"C:\\games\\game.exe\" -o games.toml\n"
-      "  vyr_client explain 198.51.100.10:8080 udp --file games.toml\n"
-      "  vyr_client serve games.toml\n"
-      "  vyr_client watch --follow --report run.html\n",
-      "vyr_client");
-  app.set_version_flag("--version", "vyr_client " VYR_VERSION);
-  app.footer("Exit codes: 0 done, 1 failed, 2 wrong usage, 3 the file is refused.");
-  app.require_subcommand(1);
-  app.allow_windows_style_options(false);  // "/home/…" is a path under Wine, never an option
-
+  CommandLine line(
+      {.program = "vyr_client",
+       .text = "Tells the library which games it serves, and how, and shows what it reports.\n\n"
+               "  vyr_client sample --game \"C:\\games\\game.exe\" -o games.toml\n"
+               "  vyr_client explain 198.51.100.10:8080 udp --file games.toml\n"
+               "  vyr_client serve games.toml\n"
+               "  vyr_client watch --follow --report run.html\n",
+       .footer = "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 the file is refused.",
+       .version = "vyr_client " VYR_VERSION,
+       .slash_begins_path = true});
   Options options;
   Action action = nullptr;
-  AddServe(&app, &options, &action);
-  AddWatch(&app, &options, &action);
-  AddFileCommands(&app, &options, &action);
-  AddQuestions(&app, &options, &action);
-
-  try {
-    app.parse(client::Arguments(argc, argv));
-  } catch (const CLI::ParseError& error) {
-    if (const std::string word = NoCommand(app); error.get_exit_code() != 0 && !word.empty()) {
-      return RefuseCommand(app, word);
-    }
-    return app.exit(error) == 0 ? kDone : kUsage;
+  AddServe(&line, &options, &action);
+  AddWatch(&line, &options, &action);
+  AddFileCommands(&line, &options, &action);
+  AddQuestions(&line, &options, &action);
+  line.IfNoCommand(RefuseCommand);
+  if (const auto code = line.Parse(client::Arguments(argc, argv))) {
+    return *code == 0 ? kDone : kUsage;
   }
   if (options.until_eof && options.file == "-") {
     std::fprintf(stderr, "vyr_client: --until-eof needs standard input for itself\n");

@@ -1,8 +1,8 @@
 // vyr_game: a sample game, and its server.
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "command_line.h"
 #include "game/play.h"
 #include "game/server.h"
 #include "program_end.h"
@@ -81,68 +81,59 @@ int Serve(Options* options) {
 
 using Action = int (*)(Options*);
 
-void AddPlay(CLI::App* app, Options* options, Action* action) {
-  CLI::App* play = app->add_subcommand("play", "play: beat to each server, and show ping and loss");
-  play->add_option("SERVER", options->servers, "ADDRESS:PORT, one or several")
-      ->required()
-      ->expected(1, 32);
-  play->add_option("--rate", options->play.rate, "beats a second to each server")
-      ->check(CLI::Range(0.1, 2000.0))
-      ->capture_default_str();
-  play->add_option("--seconds", options->play.seconds, "how long; 0: until ended")
-      ->check(CLI::Range(0.0, 86400.0))
-      ->capture_default_str();
-  play->add_option("--size", options->play.size, "bytes of each beat")
-      ->check(CLI::Range(28u, 1400u))
-      ->capture_default_str();
-  play->add_option("--linger-ms", options->play.linger_ms, "how long the last answers may take")
-      ->check(CLI::Range(0u, 60000u))
-      ->capture_default_str();
-  play->add_flag("--connected", options->play.connected,
-                 "a connected socket for each server instead of one for all");
-  play->add_option("--lobby", options->lobby, "ADDRESS:PORT of a TCP lobby to be in meanwhile");
-  play->add_flag("--ping", options->play.ping, "an ICMP ping a second beside, on a raw socket");
-  play->add_flag("--json", options->play.json, "one JSON object at the end instead of sentences");
-  play->callback([action] { *action = Play; });
+void AddUntilEof(devkit::Command* command, Options* options) {
+  command->Add("--until-eof", &options->until_eof, "end with the end of standard input");
 }
 
-void AddServe(CLI::App* app, Options* options, Action* action) {
-  CLI::App* serve = app->add_subcommand("serve", "be the server: answer beats and keep the lobby");
-  serve->add_option("ADDRESS", options->listen, "ADDRESS:PORT to listen at, UDP and TCP")
-      ->required();
-  serve->add_option("--delay-ms", options->server.delay_ms, "before each answer")
-      ->check(CLI::Range(0u, 60000u));
-  serve->add_option("--jitter-ms", options->server.jitter_ms, "on top, at random up to this")
-      ->check(CLI::Range(0u, 60000u));
-  serve->add_option("--loss-percent", options->server.loss_percent, "answers that are not sent")
-      ->check(CLI::Range(0u, 100u));
-  serve->add_option("--seed", options->server.seed, "of what is at random")->capture_default_str();
-  serve->callback([action] { *action = Serve; });
+void AddPlay(devkit::CommandLine* line, Options* options, Action* action) {
+  devkit::Command play = line->AddCommand(
+      "play", "play: beat to each server, and show ping and loss", [action] { *action = Play; });
+  play.Add("SERVER", &options->servers, "ADDRESS:PORT, one or several").Required().Times(1, 32);
+  play.Add("--rate", &options->play.rate, "beats a second to each server")
+      .In(0.1, 2000.0)
+      .ShowDefault();
+  play.Add("--seconds", &options->play.seconds, "how long; 0: until ended")
+      .In(0.0, 86400.0)
+      .ShowDefault();
+  play.Add("--size", &options->play.size, "bytes of each beat").In(28u, 1400u).ShowDefault();
+  play.Add("--linger-ms", &options->play.linger_ms, "how long the last answers may take")
+      .In(0u, 60000u)
+      .ShowDefault();
+  play.Add("--connected", &options->play.connected,
+           "a connected socket for each server instead of one for all");
+  play.Add("--lobby", &options->lobby, "ADDRESS:PORT of a TCP lobby to be in meanwhile");
+  play.Add("--ping", &options->play.ping, "an ICMP ping a second beside, on a raw socket");
+  play.Add("--json", &options->play.json, "one JSON object at the end instead of sentences");
+  AddUntilEof(&play, options);
+}
+
+void AddServe(devkit::CommandLine* line, Options* options, Action* action) {
+  devkit::Command serve = line->AddCommand(
+      "serve", "be the server: answer beats and keep the lobby", [action] { *action = Serve; });
+  serve.Add("ADDRESS", &options->listen, "ADDRESS:PORT to listen at, UDP and TCP").Required();
+  serve.Add("--delay-ms", &options->server.delay_ms, "before each answer").In(0u, 60000u);
+  serve.Add("--jitter-ms", &options->server.jitter_ms, "on top, at random up to this")
+      .In(0u, 60000u);
+  serve.Add("--loss-percent", &options->server.loss_percent, "answers that are not sent")
+      .In(0u, 100u);
+  serve.Add("--seed", &options->server.seed, "of what is at random").ShowDefault();
+  AddUntilEof(&serve, options);
 }
 
 int Run(int argc, char** argv) {
-  CLI::App app(
-      "A sample game: a UDP heartbeat and a TCP lobby.\n\n"
-      "  vyr_game serve 127.0.0.1:7000\n"
-      "  vyr_game play 127.0.0.1:7000 --rate 60 --lobby 127.0.0.1:7000",
-      "vyr_game");
-  app.set_version_flag("--version", "vyr_game " VYR_VERSION);
-  app.footer(
-      "Loss is a figure and no failure. Exit codes: 0 done, 1 could not play or listen, "
-      "2 wrong usage.");
-  app.require_subcommand(1);
+  devkit::CommandLine line(
+      {.program = "vyr_game",
+       .text = "A sample game: a UDP heartbeat and a TCP lobby.\n\n"
+               "  vyr_game serve 127.0.0.1:7000\n"
+               "  vyr_game play 127.0.0.1:7000 --rate 60 --lobby 127.0.0.1:7000",
+       .footer = "Loss is a figure and no failure. Exit codes: 0 done, 1 could not play or listen, "
+                 "2 wrong usage.",
+       .version = "vyr_game " VYR_VERSION});
   Options options;
   Action action = nullptr;
-  AddPlay(&app, &options, &action);
-  AddServe(&app, &options, &action);
-  for (CLI::App* command : app.get_subcommands(nullptr)) {
-    command->add_flag("--until-eof", options.until_eof, "end with the end of standard input");
-  }
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
-  }
+  AddPlay(&line, &options, &action);
+  AddServe(&line, &options, &action);
+  if (const auto code = line.Parse(argc, argv)) return *code == 0 ? kDone : kUsage;
   WSADATA data;
   if (WSAStartup(MAKEWORD(2, 2), &data) != 0) {
     std::fprintf(stderr, "vyr_game: no sockets here\n");

@@ -1,8 +1,8 @@
 // vyr_node: the reference acceleration node as a program.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 
+#include "command_line.h"
 #include "http/server.h"
 #include "node/node.h"
 #include "node/node_site.h"
@@ -30,30 +30,23 @@ std::string OptionName(const node::BehaviourField& field) {
   return name;
 }
 
-void AddBehaviour(CLI::App* app, node::Behaviour* behaviour) {
+void AddBehaviour(devkit::CommandLine* line, node::Behaviour* behaviour) {
   for (const node::BehaviourField& field : node::BehaviourFields()) {
-    app->add_option_function<std::string>(
-           OptionName(field),
-           [&field, behaviour](const std::string& text) {
-             if (!field.Parse(text, &(behaviour->*field.member)))
-               throw CLI::ValidationError(OptionName(field),
-                                          "'" + text + "' is not " + field.Range());
-           },
-           field.help)
-        ->type_name(field.Range())
-        ->default_str(field.WordFor(behaviour->*field.member).empty()
-                          ? std::to_string(behaviour->*field.member)
-                          : field.WordFor(behaviour->*field.member))
-        ->group("Behaviour");
+    const std::string word = field.WordFor(behaviour->*field.member);
+    const auto take = [&field, behaviour](const std::string& text) -> std::string {
+      if (field.Parse(text, &(behaviour->*field.member))) return "";
+      return "'" + text + "' is not " + field.Range();
+    };
+    line->AddTaken(OptionName(field), take, field.help)
+        .Called(field.Range())
+        .ShowDefault(word.empty() ? std::to_string(behaviour->*field.member) : word)
+        .Group("Behaviour");
   }
 }
 
-void AddLimits(CLI::App* app, node::Limits* limits) {
+void AddLimits(devkit::CommandLine* line, node::Limits* limits) {
   const auto add = [&](const char* name, node::u32* value, node::u32 most, const char* help) {
-    app->add_option(name, *value, help)
-        ->check(CLI::Range(node::u32{1}, most))
-        ->capture_default_str()
-        ->group("Limits");
+    line->Add(name, value, help).In(node::u32{1}, most).ShowDefault().Group("Limits");
   };
   constexpr node::u32 kDayMs = 86'400'000;
   add("--connections", &limits->connections, 4096, "at once; more wait to be accepted");
@@ -142,61 +135,57 @@ int Serve(Options options) {
   return kDone;
 }
 
-void AddMetrics(CLI::App* app, Options* options) {
-  app->add_option("--metrics", options->metrics,
-                  "serve /metrics for Prometheus and /health there; port 0 takes any")
-      ->type_name("ADDRESS:PORT")
-      ->group("Metrics");
-  app->add_flag("--allow-remote", options->allow_remote,
-                "the metrics' address may be one that other machines reach")
-      ->group("Metrics");
-  app->add_option("--allow-host", options->allowed_hosts,
-                  "requests may ask by this name too, not only by address or localhost")
-      ->type_name("NAME")
-      ->group("Metrics");
+void AddMetrics(devkit::CommandLine* line, Options* options) {
+  line->Add("--metrics", &options->metrics,
+            "serve /metrics for Prometheus and /health there; port 0 takes any")
+      .Called("ADDRESS:PORT")
+      .Group("Metrics");
+  line->Add("--allow-remote", &options->allow_remote,
+            "the metrics' address may be one that other machines reach")
+      .Group("Metrics");
+  line->Add("--allow-host", &options->allowed_hosts,
+            "requests may ask by this name too, not only by address or localhost")
+      .Called("NAME")
+      .Group("Metrics");
 }
 
 int Run(int argc, char** argv) {
-  CLI::App app(
-      "The reference acceleration node: reads a request, answers, and carries the bytes of a\n"
-      "connection or the datagrams of a flow to the game server that it names, and back.\n"
-      "Events go to standard output.\n\n"
-      "  vyr_node --listen 198.51.100.20:7001 --control 127.0.0.1:7101\n",
-      "vyr_node");
-  app.set_version_flag("--version", "vyr_node " VYR_VERSION);
-  app.footer(
-      "With --control, every behaviour can be changed while the node runs, one JSON object a\n"
-      "line: {\"command\":\"set\",\"on_request\":\"silent\"}. Others: get, restore, connections,\n"
-      "close, reset, flows, forget, stop.\n"
-      "Exit codes: 0 ended as asked, 1 cannot listen, 2 wrong usage.");
-  app.allow_windows_style_options(false);
-
+  devkit::CommandLine line(
+      {.program = "vyr_node",
+       .text =
+           "The reference acceleration node: reads a request, answers, and carries the bytes of a\n"
+           "connection or the datagrams of a flow to the game server that it names, and back.\n"
+           "Events go to standard output.\n\n"
+           "  vyr_node --listen 198.51.100.20:7001 --control 127.0.0.1:7101\n",
+       .footer =
+           "With --control, every behaviour can be changed while the node runs, one JSON object a\n"
+           "line: {\"command\":\"set\",\"on_request\":\"silent\"}. Others: get, restore, "
+           "connections,\n"
+           "close, reset, flows, forget, stop.\n"
+           "Exit codes: 0 ended as asked, 1 cannot listen, 2 wrong usage.",
+       .version = "vyr_node " VYR_VERSION,
+       .slash_begins_path = true});
   Options options;
-  app.add_option("--listen", options.listen, "where clients come in; port 0 takes any")
-      ->required()
-      ->type_name("ADDRESS:PORT");
-  app.add_option("--data-port", options.node.data_port,
-                 "where the datagrams of flows go; by default any, as the first event says")
-      ->type_name("PORT");
-  app.add_option("--control", options.control, "the control port; none if not given")
-      ->type_name("ADDRESS:PORT");
-  AddMetrics(&app, &options);
-  app.add_option("--source", options.source,
-                 "where connections to game servers come from: 0.0.0.0 leaves it to the system; "
-                 "by default the listening address, unless it is a loopback")
-      ->type_name("ADDRESS");
+  line.Add("--listen", &options.listen, "where clients come in; port 0 takes any")
+      .Required()
+      .Called("ADDRESS:PORT");
+  line.Add("--data-port", &options.node.data_port,
+           "where the datagrams of flows go; by default any, as the first event says")
+      .Called("PORT");
+  line.Add("--control", &options.control, "the control port; none if not given")
+      .Called("ADDRESS:PORT");
+  AddMetrics(&line, &options);
+  line.Add("--source", &options.source,
+           "where connections to game servers come from: 0.0.0.0 leaves it to the system; "
+           "by default the listening address, unless it is a loopback")
+      .Called("ADDRESS");
   bool json = false;
-  auto* const text_flag = app.add_flag("--text", options.text, "events as NAME KEY=VALUE ...");
-  app.add_flag("--json", json, "events as JSON lines; the default")->excludes(text_flag);
-  app.add_flag("--until-eof", options.until_eof, "end with the end of standard input");
-  AddBehaviour(&app, &options.node.behaviour);
-  AddLimits(&app, &options.node.limits);
-
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
-  }
+  const devkit::Option text = line.Add("--text", &options.text, "events as NAME KEY=VALUE ...");
+  line.Add("--json", &json, "events as JSON lines; the default").Excludes(text);
+  line.Add("--until-eof", &options.until_eof, "end with the end of standard input");
+  AddBehaviour(&line, &options.node.behaviour);
+  AddLimits(&line, &options.node.limits);
+  if (const auto code = line.Parse(argc, argv)) return *code == 0 ? kDone : kUsage;
   const std::string problem = Understand(&options);
   if (!problem.empty()) {
     Fail(problem);

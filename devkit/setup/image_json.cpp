@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "setup/guid_text.h"

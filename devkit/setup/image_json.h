@@ -2,7 +2,7 @@
 // the two kinds of vyr_setup tell each other. README.md describes it. Knows nothing of the library,
 // so that winsock_host can read it too.
 #pragma once
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 #include "setup/image.h"

@@ -1,5 +1,7 @@
 #include "setup/journal.h"
 
+#include <nlohmann/json.hpp>
+
 #include "setup/image_json.h"
 
 namespace setup {

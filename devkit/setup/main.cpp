@@ -5,12 +5,13 @@
 //
 #include <shellapi.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "program_end.h"
 #include "setup/commands.h"
 #include "setup/files.h"
@@ -169,35 +170,34 @@ int RunCommand(const Options& options) {
   return ChangeCatalogues(options, &site);
 }
 
-void AddCommand(CLI::App* app, Options* options, const char* name, const char* help) {
-  CLI::App* command = app->add_subcommand(name, help);
-  command->callback([=] { options->command = name; });
-  CLI::Option* file = command->add_option("--catalogue", options->catalogue,
-                                          "work on this file in place of the machine's catalogues");
+void AddCommand(devkit::CommandLine* line, Options* options, const char* name, const char* help) {
   const std::string word = name;
+  devkit::Command command = line->AddCommand(word, help, [=] { options->command = word; });
+  devkit::Option file = command.Add("--catalogue", &options->catalogue,
+                                    "work on this file in place of the machine's catalogues");
   if (word == "copy") {
-    file->required();
+    file.Required();
     return;
   }
-  command->add_flag("--json", options->json, "print one JSON object");
+  command.Add("--json", &options->json, "print one JSON object");
   if (word == "status") return;
-  command->add_flag("--dry-run", options->dry_run, "say what would be done, and do nothing");
+  command.Add("--dry-run", &options->dry_run, "say what would be done, and do nothing");
   if (word == "uninstall") return;
-  command->add_option("--library", options->library32, "vyr_lsp.dll, for 32-bit programs");
-  command->add_option("--library64", options->library64, "vyr_lsp64.dll, for 64-bit programs");
-  command->add_flag("--over-others", options->over_others,
-                    "layer over other layered providers that serve sockets today");
+  command.Add("--library", &options->library32, "vyr_lsp.dll, for 32-bit programs");
+  command.Add("--library64", &options->library64, "vyr_lsp64.dll, for 64-bit programs");
+  command.Add("--over-others", &options->over_others,
+              "layer over other layered providers that serve sockets today");
   if (word == "repair") return;
-  command->add_option("--exempt", options->exempt,
-                      "a program that is to load no layered provider; may be repeated");
+  command.Add("--exempt", &options->exempt,
+              "a program that is to load no layered provider; may be repeated");
 }
 
-// Paths may have any letters. The parser wants the last one first.
+// Paths may have any letters.
 std::vector<std::string> Arguments() {
   int count = 0;
   LPWSTR* const words = CommandLineToArgvW(GetCommandLineW(), &count);
   std::vector<std::string> arguments;
-  for (int i = count - 1; i > 0; --i) arguments.push_back(ToUtf8(words[i]));
+  for (int i = 1; i < count; ++i) arguments.push_back(ToUtf8(words[i]));
   LocalFree(words);
   return arguments;
 }
@@ -205,20 +205,17 @@ std::vector<std::string> Arguments() {
 int Run(int argc, char** argv) {
   if (argc == 2 && std::string(argv[1]) == kTwinOption) return ServeTwinCall();
   Options options;
-  CLI::App app{"Puts the library into Winsock's catalogues and takes it out again."};
-  app.require_subcommand(1);
-  app.set_version_flag("--version", "vyr_setup " VYR_VERSION);
-  app.footer(kExitCodesHelp);
-  AddCommand(&app, &options, "install", "put the library into the catalogues");
-  AddCommand(&app, &options, "uninstall", "remove all of it");
-  AddCommand(&app, &options, "status", "say what is installed, and what other providers there are");
-  AddCommand(&app, &options, "repair", "mend what another installer has broken");
-  AddCommand(&app, &options, "copy", "write the machine's catalogues to --catalogue FILE");
-  try {
-    app.parse(Arguments());
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kExitDone : kExitUsage;
-  }
+  devkit::CommandLine line(
+      {.text = "Puts the library into Winsock's catalogues and takes it out again.",
+       .footer = kExitCodesHelp,
+       .version = "vyr_setup " VYR_VERSION});
+  AddCommand(&line, &options, "install", "put the library into the catalogues");
+  AddCommand(&line, &options, "uninstall", "remove all of it");
+  AddCommand(&line, &options, "status",
+             "say what is installed, and what other providers there are");
+  AddCommand(&line, &options, "repair", "mend what another installer has broken");
+  AddCommand(&line, &options, "copy", "write the machine's catalogues to --catalogue FILE");
+  if (const auto code = line.Parse(Arguments())) return *code == 0 ? kExitDone : kExitUsage;
   return RunCommand(options);
 }
 

@@ -1,6 +1,7 @@
 #include "setup/twin_machine.h"
 
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 #include "setup/guid_text.h"
 #include "setup/image_json.h"

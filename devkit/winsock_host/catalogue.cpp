@@ -28,7 +28,7 @@ constexpr DWORD kStreamFlags = XP1_GUARANTEED_DELIVERY | XP1_GUARANTEED_ORDER | 
 constexpr DWORD kDatagramFlags = XP1_CONNECTIONLESS | XP1_MESSAGE_ORIENTED | XP1_SUPPORT_BROADCAST |
                                  XP1_SUPPORT_MULTIPOINT | XP1_IFS_HANDLES;
 
-struct Kind {
+struct EntryKind {
   const wchar_t* name;
   int family;
   int type;
@@ -37,7 +37,7 @@ struct Kind {
   DWORD service_flags;
   DWORD message_size;
 };
-constexpr Kind kKinds[] = {
+constexpr EntryKind kKinds[] = {
     {L"TCP", AF_INET, SOCK_STREAM, IPPROTO_TCP, 0, kStreamFlags, 0},
     {L"UDP", AF_INET, SOCK_DGRAM, IPPROTO_UDP, 0, kDatagramFlags, 65467},
     {L"RAW", AF_INET, SOCK_RAW, IPPROTO_IP, 255, kDatagramFlags, 32768},
@@ -47,18 +47,19 @@ constexpr Kind kKinds[] = {
 };
 constexpr DWORD kLayeredKinds = 3;  // the library layers over the first three
 
-struct State {
+struct CatalogueState {
   std::vector<CatalogueEntry> entries;
   wchar_t library[kConfigPathChars];
   wchar_t base[kConfigPathChars];
   FileCatalogue file;  // empty unless the catalogue is a file's
 };
-State& TheState() {
-  static State& state = *new State{};  // never destroyed: threads outlive static destructors
+CatalogueState& TheCatalogueState() {
+  static CatalogueState& state =
+      *new CatalogueState{};  // never destroyed: threads outlive static destructors
   return state;
 }
 
-WSAPROTOCOL_INFOW Describe(const Kind& kind) {
+WSAPROTOCOL_INFOW Describe(const EntryKind& kind) {
   WSAPROTOCOL_INFOW info = {};
   info.dwServiceFlags1 = kind.service_flags;
   info.dwProviderFlags = PFL_MULTIPLE_PROTO_ENTRIES | PFL_MATCHES_PROTOCOL_ZERO;
@@ -81,7 +82,7 @@ void SetName(WSAPROTOCOL_INFOW* info, const wchar_t* prefix, const wchar_t* name
 // A layer does not promise handles that behave like the platform's own in every respect. Programs
 // that see this do not skip their completion ports for calls that succeed at once. With the library
 // they must not: its ConnectEx answers TRUE for a connect that is still running.
-WSAPROTOCOL_INFOW DescribeLayer(const Kind& kind) {
+WSAPROTOCOL_INFOW DescribeLayer(const EntryKind& kind) {
   WSAPROTOCOL_INFOW info = Describe(kind);
   info.dwServiceFlags1 &= ~DWORD{XP1_IFS_HANDLES};
   return info;
@@ -94,7 +95,7 @@ void AddHiddenEntry() {
   info.dwCatalogEntryId = kHiddenId;
   info.ProtocolChain.ChainLen = LAYERED_PROTOCOL;
   SetName(&info, L"vyr", L"");
-  TheState().entries.push_back({info, true});
+  TheCatalogueState().entries.push_back({info, true});
 }
 
 void AddLayeredEntry(DWORD kind, bool one_guid) {
@@ -106,7 +107,7 @@ void AddLayeredEntry(DWORD kind, bool one_guid) {
   info.ProtocolChain.ChainEntries[0] = kHiddenId;
   info.ProtocolChain.ChainEntries[1] = kBaseId + kind;
   SetName(&info, L"vyr over ", kKinds[kind].name);
-  TheState().entries.push_back({info, true});
+  TheCatalogueState().entries.push_back({info, true});
 }
 
 void AddBaseEntry(DWORD kind) {
@@ -116,7 +117,7 @@ void AddBaseEntry(DWORD kind) {
   info.ProtocolChain.ChainLen = BASE_PROTOCOL;
   info.ProtocolChain.ChainEntries[0] = kBaseId + kind;
   SetName(&info, L"base ", kKinds[kind].name);
-  TheState().entries.push_back({info, false});
+  TheCatalogueState().entries.push_back({info, false});
 }
 
 bool Matches(const WSAPROTOCOL_INFOW& info, int family, int type, int protocol) {
@@ -136,7 +137,7 @@ bool IsWanted(const int* protocols, int protocol) {
 }
 
 bool ReadFile(const wchar_t* path) {
-  State& state = TheState();
+  CatalogueState& state = TheCatalogueState();
   if (!ReadCatalogueFile(path, &state.file)) return false;
   for (const WSAPROTOCOL_INFOW& info : state.file.entries) {
     state.entries.push_back({info, info.ProtocolChain.ChainLen != BASE_PROTOCOL});
@@ -147,7 +148,7 @@ bool ReadFile(const wchar_t* path) {
 }  // namespace
 
 bool BuildCatalogue(const HostConfig& config) {
-  State& state = TheState();
+  CatalogueState& state = TheCatalogueState();
   state.entries.clear();
   std::wcsncpy(state.library, config.library, kConfigPathChars - 1);
   std::wcsncpy(state.base, config.next, kConfigPathChars - 1);
@@ -162,7 +163,7 @@ bool BuildCatalogue(const HostConfig& config) {
   return true;
 }
 
-const std::vector<CatalogueEntry>& Catalogue() { return TheState().entries; }
+const std::vector<CatalogueEntry>& Catalogue() { return TheCatalogueState().entries; }
 
 int FindEntry(int family, int type, int protocol) {
   const std::vector<CatalogueEntry>& entries = Catalogue();
@@ -173,7 +174,7 @@ int FindEntry(int family, int type, int protocol) {
 }
 
 const wchar_t* ModulePath(const WSAPROTOCOL_INFOW& info) {
-  const State& state = TheState();
+  const CatalogueState& state = TheCatalogueState();
   if (info.ProtocolChain.ChainLen == BASE_PROTOCOL) return state.base;
   const std::wstring* path = PathIn(state.file, info.ProviderId);
   return path != nullptr ? path->c_str() : state.library;

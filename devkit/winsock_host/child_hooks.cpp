@@ -11,12 +11,13 @@ namespace {
 
 constexpr DWORD kNoLauncher = 1;
 
-struct State {
+struct ChildState {
   HostConfig config;
   std::wstring folder;
 };
-State& TheState() {
-  static State& state = *new State{};  // never destroyed: threads outlive static destructors
+ChildState& TheChildState() {
+  static ChildState& state =
+      *new ChildState{};  // never destroyed: threads outlive static destructors
   return state;
 }
 
@@ -28,7 +29,7 @@ bool IsDebugged(DWORD flags) { return (flags & (DEBUG_PROCESS | DEBUG_ONLY_THIS_
 // left it.
 void Host(DWORD wanted_flags, const PROCESS_INFORMATION& child) {
   const DWORD last_error = GetLastError();
-  State& state = TheState();
+  ChildState& state = TheChildState();
   HostConfig config = state.config;
   // Files of our own kind are of no use to the other, which has its own.
   if (KindOfProcess(child.hProcess) != kOwnKind) {
@@ -71,7 +72,7 @@ BOOL WINAPI HookedCreateProcessW(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIB
 }  // namespace
 
 void AddChildReplacements(HMODULE host, const HostConfig& config) {
-  TheState() = {config, FolderOf(host)};
+  TheChildState() = {config, FolderOf(host)};
   for (const wchar_t* name : {L"kernel32.dll", L"kernelbase.dll"}) {
     const HMODULE module = GetModuleHandleW(name);
     AddReplacement(reinterpret_cast<void*>(GetProcAddress(module, "CreateProcessA")),

@@ -12,22 +12,23 @@ namespace {
 
 using ShutdownQuery = BOOLEAN(NTAPI*)();
 
-struct State {
+struct OwnerState {
   SRWLOCK lock = SRWLOCK_INIT;  // guards owners; a leaf
   std::unordered_map<SOCKET, const Provider*> owners;
   const ShutdownQuery shutdown_in_progress =
       reinterpret_cast<ShutdownQuery>(reinterpret_cast<void*>(
           GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
 };
-State& TheState() {
-  static State& state = *new State;  // never destroyed: threads outlive static destructors
+OwnerState& TheOwnerState() {
+  static OwnerState& state =
+      *new OwnerState;  // never destroyed: threads outlive static destructors
   return state;
 }
 
 }  // namespace
 
 OwnersLock::OwnersLock() : held_(true) {
-  State& state = TheState();
+  OwnerState& state = TheOwnerState();
   if (state.shutdown_in_progress != nullptr && state.shutdown_in_progress()) {
     held_ = TryAcquireSRWLockExclusive(&state.lock) != FALSE;
   } else {
@@ -36,26 +37,26 @@ OwnersLock::OwnersLock() : held_(true) {
 }
 
 OwnersLock::~OwnersLock() {
-  if (held_) ReleaseSRWLockExclusive(&TheState().lock);
+  if (held_) ReleaseSRWLockExclusive(&TheOwnerState().lock);
 }
 
 const Provider& OwnerOf(SOCKET s) {
   const OwnersLock lock;
   if (!lock.held()) return ProviderOfStrangers();
-  const auto& owners = TheState().owners;
+  const auto& owners = TheOwnerState().owners;
   const auto found = owners.find(s);
   return found == owners.end() ? ProviderOfStrangers() : *found->second;
 }
 
 void Own(SOCKET s, const Provider& provider) {
   const OwnersLock lock;
-  if (lock.held()) TheState().owners[s] = &provider;
+  if (lock.held()) TheOwnerState().owners[s] = &provider;
 }
 
 const Provider* Disown(SOCKET s) {
   const OwnersLock lock;
   if (!lock.held()) return nullptr;
-  auto& owners = TheState().owners;
+  auto& owners = TheOwnerState().owners;
   const auto found = owners.find(s);
   if (found == owners.end()) return nullptr;
   const Provider* owner = found->second;
@@ -65,7 +66,7 @@ const Provider* Disown(SOCKET s) {
 
 void DisownAll() {
   const OwnersLock lock;
-  if (lock.held()) TheState().owners.clear();
+  if (lock.held()) TheOwnerState().owners.clear();
 }
 
 const Provider& ProviderOfStrangers() {

@@ -8,16 +8,17 @@
 namespace winsock_host {
 namespace {
 
-struct State {
-  State() { InitializeCriticalSection(&lock); }
+struct PatchState {
+  PatchState() { InitializeCriticalSection(&lock); }
 
   std::unordered_map<void*, void*> replacements;  // constant once patching has begun
   std::vector<HMODULE> untouched;
   CRITICAL_SECTION lock;  // one thread at a time changes page protections; taken inside the
                           // loader's lock, never around it
 };
-State& TheState() {
-  static State& state = *new State;  // never destroyed: threads outlive static destructors
+PatchState& ThePatchState() {
+  static PatchState& state =
+      *new PatchState;  // never destroyed: threads outlive static destructors
   return state;
 }
 
@@ -50,7 +51,7 @@ class Image {
 };
 
 void ReplaceSlot(void** slot) {
-  const auto& replacements = TheState().replacements;
+  const auto& replacements = ThePatchState().replacements;
   const auto found = replacements.find(*slot);
   if (found == replacements.end()) return;
   DWORD protection = 0;
@@ -114,21 +115,21 @@ void NTAPI PatchVisited(LoaderEntry* entry, void*, BOOLEAN* stop) {
 }  // namespace
 
 void AddReplacement(void* platform_function, void* replacement) {
-  if (platform_function != nullptr) TheState().replacements[platform_function] = replacement;
+  if (platform_function != nullptr) ThePatchState().replacements[platform_function] = replacement;
 }
 
 void NeverPatch(HMODULE module) {
-  if (module != nullptr) TheState().untouched.push_back(module);
+  if (module != nullptr) ThePatchState().untouched.push_back(module);
 }
 
 void* ReplacementFor(void* function) {
-  const auto& replacements = TheState().replacements;
+  const auto& replacements = ThePatchState().replacements;
   const auto found = replacements.find(function);
   return found == replacements.end() ? function : found->second;
 }
 
 void PatchModule(HMODULE module) {
-  State& state = TheState();
+  PatchState& state = ThePatchState();
   const auto& untouched = state.untouched;
   if (std::find(untouched.begin(), untouched.end(), module) != untouched.end()) return;
   const Image image(module);

@@ -16,8 +16,8 @@ constexpr size_t kMaxEntries = 128;
 constexpr size_t kTableEntries = sizeof(WSPPROC_TABLE) / sizeof(void*);
 static_assert(kTableEntries == 30);
 
-struct State {
-  State() { InitializeCriticalSection(&start_lock); }
+struct ProviderState {
+  ProviderState() { InitializeCriticalSection(&start_lock); }
 
   Provider direct = {};
   // Per catalogue index. Written under start_lock; read without it.
@@ -26,15 +26,16 @@ struct State {
   bool start_each_entry = false;
   bool keep_loaded = false;
 };
-State& TheState() {
-  static State& state = *new State;  // never destroyed: threads outlive static destructors
+ProviderState& TheProviderState() {
+  static ProviderState& state =
+      *new ProviderState;  // never destroyed: threads outlive static destructors
   return state;
 }
 
 class StartLock {
  public:
-  StartLock() { EnterCriticalSection(&TheState().start_lock); }
-  ~StartLock() { LeaveCriticalSection(&TheState().start_lock); }
+  StartLock() { EnterCriticalSection(&TheProviderState().start_lock); }
+  ~StartLock() { LeaveCriticalSection(&TheProviderState().start_lock); }
   StartLock(const StartLock&) = delete;
   StartLock& operator=(const StartLock&) = delete;
 };
@@ -81,7 +82,7 @@ int Start(HMODULE module, const CatalogueEntry& entry, Provider* provider) {
 
 // True if it is no longer in memory.
 bool Unload(HMODULE module) {
-  if (TheState().keep_loaded) return false;
+  if (TheProviderState().keep_loaded) return false;
   FreeLibrary(module);
   HMODULE found = nullptr;
   constexpr DWORD kFlags =
@@ -106,8 +107,8 @@ int LoadAndStart(const CatalogueEntry& entry, Provider* provider) {
 
 // The started provider of another entry with the same GUID, if one start serves them all.
 const Provider* StartedUnder(const GUID& guid) {
-  if (TheState().start_each_entry) return nullptr;
-  for (const std::atomic<const Provider*>& slot : TheState().started) {
+  if (TheProviderState().start_each_entry) return nullptr;
+  for (const std::atomic<const Provider*>& slot : TheProviderState().started) {
     const Provider* provider = slot.load(std::memory_order_relaxed);
     if (provider != nullptr && provider->info.ProviderId == guid) return provider;
   }
@@ -132,7 +133,7 @@ const Provider* StartEntry(size_t index, int* error) {
     }
   }
   provider->info = entry.info;
-  TheState().started[index].store(provider, std::memory_order_release);
+  TheProviderState().started[index].store(provider, std::memory_order_release);
   return provider;
 }
 
@@ -149,7 +150,7 @@ void CleanUp(const Provider& provider) {
 }  // namespace
 
 bool PrepareProviders(const HostConfig& config) {
-  State& state = TheState();
+  ProviderState& state = TheProviderState();
   state.start_each_entry = config.start_each_entry != 0;
   state.keep_loaded = config.keep_loaded != 0;
   const HMODULE module = LoadLibraryExW(config.base, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
@@ -166,10 +167,10 @@ bool PrepareProviders(const HostConfig& config) {
   return state.direct.table.lpWSPCleanup(&error) == 0;
 }
 
-const Provider& DirectProvider() { return TheState().direct; }
+const Provider& DirectProvider() { return TheProviderState().direct; }
 
 const Provider* ProviderForNewSocket(int family, int type, int protocol, int* error) {
-  State& state = TheState();
+  ProviderState& state = TheProviderState();
   const int index = FindEntry(family, type, protocol);
   if (index < 0 || index >= static_cast<int>(kMaxEntries)) return &state.direct;
   std::atomic<const Provider*>& slot = state.started[index];
@@ -181,7 +182,7 @@ const Provider* ProviderForNewSocket(int family, int type, int protocol, int* er
 }
 
 const Provider* StartedProvider(DWORD catalog_id) {
-  for (const std::atomic<const Provider*>& slot : TheState().started) {
+  for (const std::atomic<const Provider*>& slot : TheProviderState().started) {
     const Provider* provider = slot.load(std::memory_order_acquire);
     if (provider != nullptr && provider->info.dwCatalogEntryId == catalog_id) return provider;
   }
@@ -190,7 +191,7 @@ const Provider* StartedProvider(DWORD catalog_id) {
 
 void CleanUpProviders() {
   const StartLock lock;
-  for (std::atomic<const Provider*>& slot : TheState().started) {
+  for (std::atomic<const Provider*>& slot : TheProviderState().started) {
     const Provider* provider = slot.exchange(nullptr, std::memory_order_acq_rel);
     if (provider != nullptr && provider->module != nullptr) CleanUp(*provider);
   }

@@ -9,35 +9,36 @@
 namespace winsock_host {
 namespace {
 
-struct State {
-  State() { InitializeCriticalSection(&lock); }
+struct StartupState {
+  StartupState() { InitializeCriticalSection(&lock); }
 
   CRITICAL_SECTION lock;         // taken before any other of the host's
   std::atomic<long> starts = 0;  // of the program and its modules, less its cleanups
   bool cleanup_after_end = false;
 };
-State& TheState() {
-  static State& state = *new State;  // never destroyed: threads outlive static destructors
+StartupState& TheStartupState() {
+  static StartupState& state =
+      *new StartupState;  // never destroyed: threads outlive static destructors
   return state;
 }
 
 class StartupLock {
  public:
-  StartupLock() { EnterCriticalSection(&TheState().lock); }
-  ~StartupLock() { LeaveCriticalSection(&TheState().lock); }
+  StartupLock() { EnterCriticalSection(&TheStartupState().lock); }
+  ~StartupLock() { LeaveCriticalSection(&TheStartupState().lock); }
   StartupLock(const StartupLock&) = delete;
   StartupLock& operator=(const StartupLock&) = delete;
 };
 
 // From here on every call that needs a started Winsock fails, including the providers' own.
 void End() {
-  TheState().starts = 0;
+  TheStartupState().starts = 0;
   DisownAll();
 }
 
 // Which of the two comes first is not documented.
 void EndWithProviders() {
-  if (TheState().cleanup_after_end) {
+  if (TheStartupState().cleanup_after_end) {
     End();
     CleanUpProviders();
   } else {
@@ -49,7 +50,7 @@ void EndWithProviders() {
 }  // namespace
 
 void PrepareStartup(const HostConfig& config) {
-  State& state = TheState();
+  StartupState& state = TheStartupState();
   state.cleanup_after_end = config.cleanup_after_end != 0;
   const SOCKET s = socket(AF_INET, SOCK_DGRAM, 0);
   if (s == INVALID_SOCKET) return;
@@ -57,18 +58,18 @@ void PrepareStartup(const HostConfig& config) {
   state.starts = 1;
 }
 
-bool IsStarted() { return TheState().starts != 0; }
+bool IsStarted() { return TheStartupState().starts != 0; }
 
 int WSAAPI Startup(WORD version, LPWSADATA data) {
   const StartupLock lock;
   const int result = WSAStartup(version, data);
-  if (result == 0) ++TheState().starts;
+  if (result == 0) ++TheStartupState().starts;
   return result;
 }
 
 int WSAAPI Cleanup() {
   const StartupLock lock;
-  State& state = TheState();
+  StartupState& state = TheStartupState();
   if (state.starts == 0) {
     WSASetLastError(WSANOTINITIALISED);
     return SOCKET_ERROR;

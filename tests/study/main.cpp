@@ -1,9 +1,9 @@
 // time_to_switch: how long a flow stays with a node that has gone bad, over many seeds.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "command_line.h"
 #include "tests/study/run.h"
 
 namespace {
@@ -197,86 +197,98 @@ std::string Names(const std::vector<Condition>& all) {
   return text;
 }
 
+// False, and the name is in `*unknown`: there is none of that name. Nothing was named: all.
 template <class Condition>
-std::vector<Condition> Chosen(const std::vector<Condition>& all, std::vector<std::string> names) {
-  if (names.empty()) return all;
+bool Choose(const std::vector<std::string>& names, std::vector<Condition>* all,
+            std::string* unknown) {
   std::vector<Condition> chosen;
   for (const std::string& name : names) {
-    const Condition* const found = study::Find(all, name);
-    if (found == nullptr) throw CLI::ValidationError("there is no '" + name + "': see --help");
+    const Condition* const found = study::Find(*all, name);
+    if (found == nullptr) {
+      *unknown = name;
+      return false;
+    }
     chosen.push_back(*found);
   }
-  return chosen;
+  if (!names.empty()) *all = std::move(chosen);
+  return true;
+}
+
+void AddOptions(devkit::CommandLine* line, Wanted* wanted) {
+  line->Add("--seeds", &wanted->seeds, "runs of each kind").In(1, 1'000'000).ShowDefault();
+  line->Add("--first-seed", &wanted->first_seed, "where to begin").ShowDefault();
+  line->Add("--trouble", &wanted->troubles, "only these; 'none' for none");
+  line->Add("--settings", &wanted->settings, "only these");
+  line->Add("--limit", &wanted->spans.limit, "seconds after which a run has not switched")
+      .ShowDefault();
+  line->Add("--before", &wanted->spans.before, "seconds of healthy play before the trouble")
+      .In(5, 3600)
+      .ShowDefault();
+  line->Add("--afterwards", &wanted->spans.afterwards,
+            "seconds to play on with the trouble as it is, for the trials and moves of that time")
+      .In(0, 3600)
+      .ShowDefault();
+  line->Add("--healthy-minutes", &wanted->healthy_minutes,
+            "also play without trouble, so many minutes a seed; 0 does not")
+      .In(0, 90)
+      .ShowDefault();
+  line->Add("--healthy-flows", &wanted->healthy_flows, "sockets of the game meanwhile")
+      .In(1, 50)
+      .ShowDefault();
+  line->Add("--healthy-loss-up", &wanted->healthy_loss_up,
+            "percent that such a link loses on the way to the node")
+      .In(0.0, 100.0)
+      .ShowDefault();
+  line->Add("--healthy-loss-down", &wanted->healthy_loss_down, "… and on the way from it")
+      .In(0.0, 100.0)
+      .ShowDefault();
+  line->Add("--link-hours", &wanted->link_hours,
+            "also watch links without trouble on their own, so many hours of flows")
+      .In(0, 10'000)
+      .ShowDefault();
+  line->Add("--json", &wanted->json, "one line of JSON for each row");
+  line->Add("--quiet", &wanted->quiet, "no progress");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app(
-      "Measures, in the simulation, how long a game's flow stays with a node that has gone bad:\n"
-      "from the start of the trouble to the first of the game's datagrams that its server gets "
-      "over\n"
-      "the other node, and what of that the rules of measuring demand. Medians in milliseconds.\n"
-      "The player is 10 ms (swing 3 ms) from either node, a node 5 ms from the server; the game\n"
-      "sends 20 datagrams a second and gets each back.");
-  app.footer("Troubles:" + Names(study::Troubles()) + "\nSettings:" + Names(study::AllSettings()) +
-             "\nExit codes: 0 done, 1 a run failed, above 100 wrong arguments.");
+  devkit::CommandLine line(
+      {.program = argv[0],
+       .text = "Measures, in the simulation, how long a game's flow stays with a node that has "
+               "gone bad:\n"
+               "from the start of the trouble to the first of the game's datagrams that its server "
+               "gets "
+               "over\n"
+               "the other node, and what of that the rules of measuring demand. Medians in "
+               "milliseconds.\n"
+               "The player is 10 ms (swing 3 ms) from either node, a node 5 ms from the server; "
+               "the game\n"
+               "sends 20 datagrams a second and gets each back.",
+       .footer = "Troubles:" + Names(study::Troubles()) +
+                 "\nSettings:" + Names(study::AllSettings()) +
+                 "\nExit codes: 0 done, 1 a run failed, above 100 wrong arguments."});
   Wanted wanted;
-  app.add_option("--seeds", wanted.seeds, "runs of each kind")
-      ->check(CLI::Range(1, 1'000'000))
-      ->capture_default_str();
-  app.add_option("--first-seed", wanted.first_seed, "where to begin")->capture_default_str();
-  app.add_option("--trouble", wanted.troubles, "only these; 'none' for none");
-  app.add_option("--settings", wanted.settings, "only these");
-  app.add_option("--limit", wanted.spans.limit, "seconds after which a run has not switched")
-      ->capture_default_str();
-  app.add_option("--before", wanted.spans.before, "seconds of healthy play before the trouble")
-      ->check(CLI::Range(5, 3600))
-      ->capture_default_str();
-  app.add_option(
-         "--afterwards", wanted.spans.afterwards,
-         "seconds to play on with the trouble as it is, for the trials and moves of that time")
-      ->check(CLI::Range(0, 3600))
-      ->capture_default_str();
-  app.add_option("--healthy-minutes", wanted.healthy_minutes,
-                 "also play without trouble, so many minutes a seed; 0 does not")
-      ->check(CLI::Range(0, 90))
-      ->capture_default_str();
-  app.add_option("--healthy-flows", wanted.healthy_flows, "sockets of the game meanwhile")
-      ->check(CLI::Range(1, 50))
-      ->capture_default_str();
-  app.add_option("--healthy-loss-up", wanted.healthy_loss_up,
-                 "percent that such a link loses on the way to the node")
-      ->check(CLI::Range(0.0, 100.0))
-      ->capture_default_str();
-  app.add_option("--healthy-loss-down", wanted.healthy_loss_down, "… and on the way from it")
-      ->check(CLI::Range(0.0, 100.0))
-      ->capture_default_str();
-  app.add_option("--link-hours", wanted.link_hours,
-                 "also watch links without trouble on their own, so many hours of flows")
-      ->check(CLI::Range(0, 10'000))
-      ->capture_default_str();
-  app.add_flag("--json", wanted.json, "one line of JSON for each row");
-  app.add_flag("--quiet", wanted.quiet, "no progress");
-  try {
-    app.parse(argc, argv);
-    const bool none = wanted.troubles.size() == 1 && wanted.troubles[0] == "none";
-    const auto troubles =
-        none ? std::vector<Trouble>() : Chosen(study::Troubles(), wanted.troubles);
-    const auto settings = Chosen(study::AllSettings(), wanted.settings);
-    if (!wanted.json && !troubles.empty()) {
-      std::printf("%-8s %-14s %5s %8s %8s %8s %8s %8s %8s %8s %8s %7s %7s %7s\n", "settings",
-                  "trouble", "runs", "switched", "noticed", "fired", "verified", "over b", "95th",
-                  "played", "demanded", "trials", "later", "moved");
-    }
-    bool well = true;
-    for (const Settings& each : settings) {
-      for (const Trouble& trouble : troubles) well = Study(wanted, trouble, each) && well;
-      if (wanted.healthy_minutes != 0) well = StudyHealth(wanted, each) && well;
-      if (wanted.link_hours != 0) well = StudyLinks(wanted, each) && well;
-    }
-    return well ? 0 : 1;
-  } catch (const CLI::Error& error) {
-    return app.exit(error);
+  AddOptions(&line, &wanted);
+  if (const auto code = line.Parse(argc, argv)) return *code;
+  const bool none = wanted.troubles.size() == 1 && wanted.troubles[0] == "none";
+  auto troubles = none ? std::vector<Trouble>() : study::Troubles();
+  auto settings = study::AllSettings();
+  std::string unknown;
+  if ((!none && !Choose(wanted.troubles, &troubles, &unknown)) ||
+      !Choose(wanted.settings, &settings, &unknown)) {
+    return line.Refuse("there is no '" + unknown + "': see --help");
   }
+  if (!wanted.json && !troubles.empty()) {
+    std::printf("%-8s %-14s %5s %8s %8s %8s %8s %8s %8s %8s %8s %7s %7s %7s\n", "settings",
+                "trouble", "runs", "switched", "noticed", "fired", "verified", "over b", "95th",
+                "played", "demanded", "trials", "later", "moved");
+  }
+  bool well = true;
+  for (const Settings& each : settings) {
+    for (const Trouble& trouble : troubles) well = Study(wanted, trouble, each) && well;
+    if (wanted.healthy_minutes != 0) well = StudyHealth(wanted, each) && well;
+    if (wanted.link_hours != 0) well = StudyLinks(wanted, each) && well;
+  }
+  return well ? 0 : 1;
 }

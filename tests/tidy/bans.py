@@ -49,6 +49,8 @@ BANS = [
     # _snprintf does not terminate a text that does not fit; snprintf does.
     Ban(r"\b(?:_snw?printf|v?sprintf|strcpy|strcat|gets|strtok)\s*\(",
         "may write past its buffer"),
+    Ban(r"#[ \t]*include[ \t]*<CLI/.*", "takes seconds in each unit: use devkit/command_line.h", folders=("",),
+        except_for=(("devkit/command_line.cpp", "<CLI/CLI.hpp>"),)),
     Ban(r"\busing\s+namespace\s+std\s*;", "names its names", folders=("",)),
     Ban(r"\b(?:TODO|FIXME|XXX|HACK)\b", "do it, or describe what is missing", where=TEXT,
         folders=("",), suffixes=("",)),
