@@ -1,10 +1,9 @@
 // vyr_game: a sample game, and its server.
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
 #include "command_line.h"
 #include "game/play.h"
-#include "game/server.h"
+#include "game/serve.h"
 #include "program_end.h"
 
 namespace {
@@ -38,45 +37,12 @@ int Play(Options* options) {
   return game::Play(options->play, devkit::NoticeTheEnd(options->until_eof)) ? kDone : kFailed;
 }
 
-void PrintLine(const nlohmann::ordered_json& event) {
-  std::printf("%s\n", event.dump().c_str());
-  std::fflush(stdout);
-}
-
-void ReportServer(const game::Server& server) {
-  nlohmann::ordered_json players = nlohmann::ordered_json::array();
-  for (const auto& [key, player] : server.players()) {
-    players.push_back({{"session", key.first},
-                       {"server", key.second},
-                       {"received", player.beats.received()},
-                       {"duplicated", player.beats.duplicated()},
-                       {"reordered", player.beats.reordered()},
-                       {"answered", player.answered},
-                       {"withheld", player.withheld},
-                       {"address", player.last_address},
-                       {"address_changes", player.address_changes}});
-  }
-  PrintLine({{"event", "summary"},
-             {"players", players},
-             {"strangers", server.strangers()},
-             {"lobby", {{"guests", server.guests()}, {"words", server.words()}}}});
-}
-
 int Serve(Options* options) {
   const auto listen = Understand(options->listen);
   if (!listen) return kUsage;
   options->server.listen = *listen;
-  game::Server server(options->server);
-  const std::string error = server.Open();
-  if (!error.empty()) {
-    std::fprintf(stderr, "vyr_game: %s\n", error.c_str());
-    return kFailed;
-  }
   const auto* const ended = devkit::NoticeTheEnd(options->until_eof);
-  PrintLine({{"event", "listening"}, {"address", options->listen}});
-  while (*ended == 0) server.Step(100);
-  ReportServer(server);
-  return kDone;
+  return game::Serve(options->server, options->listen, ended) ? kDone : kFailed;
 }
 
 using Action = int (*)(Options*);

@@ -13,7 +13,7 @@ struct Known {
   std::wstring path;
 };
 
-std::mutex lock;
+std::mutex catalogue_lock;
 std::atomic<int> claimed_more{0};
 
 std::vector<WSAPROTOCOL_INFOW>& Entries() {
@@ -26,12 +26,12 @@ std::vector<Known>& Providers() {
   return providers;
 }
 
-int Fail(LPINT error, int number) {
+}  // namespace
+
+int FailCatalogueCall(LPINT error, int number) {
   if (error) *error = number;
   return SOCKET_ERROR;
 }
-
-}  // namespace
 
 WSAPROTOCOL_INFOW MakeEntry(const GUID& provider, DWORD id, int type, int protocol,
                             const std::vector<DWORD>& chain) {
@@ -78,30 +78,30 @@ std::vector<WSAPROTOCOL_INFOW> LayeredCatalogue(const GUID& provider, DWORD firs
 }
 
 void SetCatalogue(std::vector<WSAPROTOCOL_INFOW> entries) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(catalogue_lock);
   Entries() = std::move(entries);
 }
 
 std::vector<WSAPROTOCOL_INFOW> Catalogue() {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(catalogue_lock);
   return Entries();
 }
 
 void ClaimMoreEntries(int more) { claimed_more = more; }
 
 void RemoveProviderPath(const GUID& provider) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(catalogue_lock);
   std::erase_if(Providers(), [&](const Known& known) { return known.provider == provider; });
 }
 
 void SetProviderPath(const GUID& provider, const std::wstring& path) {
   RemoveProviderPath(provider);
-  std::lock_guard hold(lock);
+  std::lock_guard hold(catalogue_lock);
   Providers().push_back({provider, path});
 }
 
 std::wstring ProviderPath(const GUID& provider) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(catalogue_lock);
   for (const Known& known : Providers())
     if (known.provider == provider) return known.path;
   return {};
@@ -112,7 +112,7 @@ std::wstring ProviderPath(const GUID& provider) {
 int WSPAPI WSCEnumProtocols(LPINT protocols, LPWSAPROTOCOL_INFOW buffer, LPDWORD size,
                             LPINT error) {
   if (port::Fails("WSCEnumProtocols", error)) return SOCKET_ERROR;
-  if (!size) return port::Fail(error, WSAEFAULT);
+  if (!size) return port::FailCatalogueCall(error, WSAEFAULT);
   std::vector<WSAPROTOCOL_INFOW> wanted;
   for (const WSAPROTOCOL_INFOW& entry : port::Catalogue()) {
     bool asked = protocols == nullptr;  // none given: all of them, including hidden ones
@@ -122,20 +122,20 @@ int WSPAPI WSCEnumProtocols(LPINT protocols, LPWSAPROTOCOL_INFOW buffer, LPDWORD
   const DWORD needed = static_cast<DWORD>(wanted.size() * sizeof(WSAPROTOCOL_INFOW));
   const DWORD given = *size;
   *size = needed;
-  if (given < needed || (!buffer && needed > 0)) return port::Fail(error, WSAENOBUFS);
+  if (given < needed || (!buffer && needed > 0)) return port::FailCatalogueCall(error, WSAENOBUFS);
   std::copy(wanted.begin(), wanted.end(), buffer);
   return static_cast<int>(wanted.size()) + port::claimed_more;
 }
 
 int WSPAPI WSCGetProviderPath(GUID* provider, WCHAR* path, LPINT path_length, LPINT error) {
   if (port::Fails("WSCGetProviderPath", error)) return SOCKET_ERROR;
-  if (!provider || !path || !path_length) return port::Fail(error, WSAEFAULT);
+  if (!provider || !path || !path_length) return port::FailCatalogueCall(error, WSAEFAULT);
   const std::wstring known = port::ProviderPath(*provider);
-  if (known.empty()) return port::Fail(error, WSAEINVALIDPROVIDER);
+  if (known.empty()) return port::FailCatalogueCall(error, WSAEINVALIDPROVIDER);
   const int needed = static_cast<int>(known.size()) + 1;
   const int given = *path_length;
   *path_length = needed;
-  if (given < needed) return port::Fail(error, WSAEFAULT);
+  if (given < needed) return port::FailCatalogueCall(error, WSAEFAULT);
   std::copy_n(known.c_str(), needed, path);
   return 0;
 }

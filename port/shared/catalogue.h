@@ -34,4 +34,8 @@ std::vector<WSAPROTOCOL_INFOW> LayeredCatalogue(const GUID& provider, DWORD firs
 WSAPROTOCOL_INFOW MakeEntry(const GUID& provider, DWORD id, int type, int protocol,
                             const std::vector<DWORD>& chain);
 
+// Stores the error of a call on the catalogue, if the caller wants it, and gives what the call
+// does.
+int FailCatalogueCall(LPINT error, int number);
+
 }  // namespace port

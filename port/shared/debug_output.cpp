@@ -9,7 +9,7 @@
 namespace port {
 namespace {
 
-std::mutex lock;
+std::mutex debug_output_lock;
 
 std::function<void(const char*)>& Sink() {
   static auto& sink = *new std::function<void(const char*)>;
@@ -19,7 +19,7 @@ std::function<void(const char*)>& Sink() {
 }  // namespace
 
 void SetDebugSink(std::function<void(const char*)> sink) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(debug_output_lock);
   Sink() = std::move(sink);
 }
 
@@ -29,7 +29,7 @@ void WINAPI OutputDebugStringA(LPCSTR text) {
   port::OnCall("OutputDebugStringA");
   if (!text) return;
   static const bool to_stderr = std::getenv("VYR_TRACE") != nullptr;
-  std::lock_guard hold(port::lock);
+  std::lock_guard hold(port::debug_output_lock);
   if (port::Sink()) return port::Sink()(text);
   if (!to_stderr) return;
   const size_t size = std::strlen(text);

@@ -9,7 +9,7 @@
 namespace port {
 namespace {
 
-std::mutex lock;
+std::mutex environment_lock;
 
 std::map<std::wstring, std::wstring>& Variables() {
   static auto& variables =
@@ -38,7 +38,7 @@ DWORD Deliver(const std::basic_string<Char>& text, Char* out, DWORD size) {
 }  // namespace
 
 void SetEnvironment(const std::wstring& name, const std::wstring& value) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(environment_lock);
   for (auto& [known, old] : Variables()) {
     if (!SameName(known, name)) continue;
     old = value;
@@ -48,7 +48,7 @@ void SetEnvironment(const std::wstring& name, const std::wstring& value) {
 }
 
 std::wstring Expand(const std::wstring& text) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(environment_lock);
   std::wstring out;
   for (size_t at = 0; at < text.size();) {
     const size_t end = text[at] == L'%' ? text.find(L'%', at + 1) : std::wstring::npos;

@@ -24,7 +24,7 @@ std::atomic<bool> success_keeps_last_error{false};
 std::atomic<DWORD> last_error_of_success{0};
 std::atomic<unsigned> reads_to_short_one{0};  // counts down; 0: off
 std::atomic<DWORD> short_read_bytes{0};
-std::mutex lock;
+std::mutex faults_lock;
 
 std::map<std::string, Watched>& Table() {
   static auto& table = *new std::map<std::string, Watched>;
@@ -32,7 +32,7 @@ std::map<std::string, Watched>& Table() {
 }
 
 std::optional<DWORD> CountAndJudge(const char* name) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(faults_lock);
   Watched& entry = Table()[name];
   ++entry.calls;
   for (const Fault& fault : entry.faults)
@@ -43,14 +43,14 @@ std::optional<DWORD> CountAndJudge(const char* name) {
 }  // namespace
 
 void FailCall(const std::string& name, unsigned nth, DWORD error) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(faults_lock);
   Watched& entry = Table()[name];
   entry.faults.push_back({nth == 0 ? 0 : entry.calls + nth, error});
   watching = true;
 }
 
 void ClearFaults() {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(faults_lock);
   watching = false;
   reads_to_short_one = 0;
   Table().clear();
@@ -77,7 +77,7 @@ void SuccessLeavesLastError(DWORD error) { last_error_of_success = error; }
 DWORD LastErrorOfSuccess() { return last_error_of_success.load(std::memory_order_relaxed); }
 
 unsigned CallCount(const std::string& name) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(faults_lock);
   auto at = Table().find(name);
   return at == Table().end() ? 0 : at->second.calls;
 }

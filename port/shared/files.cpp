@@ -17,7 +17,7 @@
 namespace port {
 namespace {
 
-std::mutex lock;  // root and the table of open files
+std::mutex files_lock;  // root and the table of open files
 
 std::string& Root() {
   static auto& root = *new std::string;
@@ -100,7 +100,7 @@ bool SharesAgree(const std::string& host_path, DWORD access, DWORD share) {
 }
 
 void ForgetOpen(const std::string& host_path, DWORD access, DWORD share) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(files_lock);
   auto [from, to] = OpenFiles().equal_range(host_path);
   for (auto at = from; at != to; ++at) {
     if (at->second.access != access || at->second.share != share) continue;
@@ -199,14 +199,14 @@ void RemoveTemporaryRoot() {
 }
 
 void SetFileRoot(const std::string& directory) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(files_lock);
   Root() = directory;
   root_owner = 0;
   std::filesystem::create_directories(directory + "/C/Windows/system32");
 }
 
 std::string FileRoot() {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(files_lock);
   return RootLocked();
 }
 
@@ -232,7 +232,7 @@ HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_AT
     SetLastError(ERROR_INVALID_PARAMETER);
     return INVALID_HANDLE_VALUE;
   }
-  std::lock_guard hold(port::lock);
+  std::lock_guard hold(port::files_lock);
   const bool existed = port::Exists(host);
   if (existed && disposition == CREATE_NEW) {
     SetLastError(ERROR_FILE_EXISTS);
@@ -365,7 +365,7 @@ BOOL WINAPI DeleteFileW(LPCWSTR path) {
   if (port::Fails("DeleteFileW")) return FALSE;
   const std::string host = port::HostPathOrFail(path);
   if (host.empty()) return FALSE;
-  std::lock_guard hold(port::lock);
+  std::lock_guard hold(port::files_lock);
   if (port::OpenFiles().contains(host)) {  // FILE_SHARE_DELETE is not among the port's modes
     SetLastError(ERROR_SHARING_VIOLATION);
     return FALSE;

@@ -15,16 +15,11 @@ namespace {
 constexpr DWORD kEveryCategory = 0x800000FF;
 
 std::atomic<bool> administrator{true};
-std::mutex lock;
+std::mutex installation_lock;
 
 std::map<std::wstring, DWORD>& Categories() {
   static auto& categories = *new std::map<std::wstring, DWORD>;
   return categories;
-}
-
-int Fail(LPINT error, int number) {
-  if (error) *error = number;
-  return SOCKET_ERROR;
 }
 
 DWORD NextId(const std::vector<WSAPROTOCOL_INFOW>& entries) {
@@ -47,12 +42,12 @@ int Refusal(const GUID* provider, const WCHAR* path, const WSAPROTOCOL_INFOW* en
 void SetAdministrator(bool is_administrator) { administrator = is_administrator; }
 
 std::map<std::wstring, DWORD> ApplicationCategories() {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(installation_lock);
   return Categories();
 }
 
 void SetApplicationCategories(std::map<std::wstring, DWORD> categories) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(installation_lock);
   Categories() = std::move(categories);
 }
 
@@ -62,7 +57,7 @@ int WSPAPI WSCInstallProvider(GUID* provider, const WCHAR* path, LPWSAPROTOCOL_I
                               DWORD count, LPINT error) {
   if (port::Fails("WSCInstallProvider", error)) return SOCKET_ERROR;
   if (const int refusal = port::Refusal(provider, path, entries, count))
-    return port::Fail(error, refusal);
+    return port::FailCatalogueCall(error, refusal);
   auto catalogue = port::Catalogue();
   for (DWORD i = 0; i < count; ++i) {
     WSAPROTOCOL_INFOW entry = entries[i];
@@ -77,9 +72,9 @@ int WSPAPI WSCInstallProvider(GUID* provider, const WCHAR* path, LPWSAPROTOCOL_I
 
 int WSPAPI WSCDeinstallProvider(GUID* provider, LPINT error) {
   if (port::Fails("WSCDeinstallProvider", error)) return SOCKET_ERROR;
-  if (!provider) return port::Fail(error, WSAEFAULT);
-  if (port::ProviderPath(*provider).empty()) return port::Fail(error, WSAEINVAL);
-  if (!port::administrator) return port::Fail(error, WSANO_RECOVERY);
+  if (!provider) return port::FailCatalogueCall(error, WSAEFAULT);
+  if (port::ProviderPath(*provider).empty()) return port::FailCatalogueCall(error, WSAEINVAL);
+  if (!port::administrator) return port::FailCatalogueCall(error, WSANO_RECOVERY);
   auto catalogue = port::Catalogue();
   std::erase_if(catalogue, [&](const auto& entry) { return entry.ProviderId == *provider; });
   port::RemoveProviderPath(*provider);
@@ -109,10 +104,10 @@ int WSPAPI WSCWriteProviderOrder(LPDWORD ids, DWORD count) {
 int WSPAPI WSCSetApplicationCategory(LPCWSTR path, DWORD path_length, LPCWSTR, DWORD,
                                      DWORD permitted, DWORD* previous, LPINT error) {
   if (port::Fails("WSCSetApplicationCategory", error)) return SOCKET_ERROR;
-  if (!path) return port::Fail(error, WSAEFAULT);
-  if (path_length == 0) return port::Fail(error, WSAEINVAL);
-  if (!port::administrator) return port::Fail(error, WSANO_RECOVERY);
-  std::lock_guard hold(port::lock);
+  if (!path) return port::FailCatalogueCall(error, WSAEFAULT);
+  if (path_length == 0) return port::FailCatalogueCall(error, WSAEINVAL);
+  if (!port::administrator) return port::FailCatalogueCall(error, WSANO_RECOVERY);
+  std::lock_guard hold(port::installation_lock);
   const std::wstring program(path, path_length);
   const auto known = port::Categories().find(program);
   if (previous)
@@ -124,10 +119,11 @@ int WSPAPI WSCSetApplicationCategory(LPCWSTR path, DWORD path_length, LPCWSTR, D
 int WSPAPI WSCGetApplicationCategory(LPCWSTR path, DWORD path_length, LPCWSTR, DWORD,
                                      DWORD* permitted, LPINT error) {
   if (port::Fails("WSCGetApplicationCategory", error)) return SOCKET_ERROR;
-  if (!path || !permitted) return port::Fail(error, WSAEFAULT);
-  std::lock_guard hold(port::lock);
+  if (!path || !permitted) return port::FailCatalogueCall(error, WSAEFAULT);
+  std::lock_guard hold(port::installation_lock);
   const auto known = port::Categories().find(std::wstring(path, path_length));
-  if (known == port::Categories().end()) return port::Fail(error, WSASERVICE_NOT_FOUND);
+  if (known == port::Categories().end())
+    return port::FailCatalogueCall(error, WSASERVICE_NOT_FOUND);
   *permitted = known->second;
   return 0;
 }

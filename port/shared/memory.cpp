@@ -9,11 +9,13 @@
 namespace port {
 namespace {
 
-constexpr size_t kPage = 4096;
+constexpr size_t kGuardPage = 4096;
 
 // Each block is followed by a page without access, to catch accesses past its end. Windows promises
 // nothing about these.
-size_t WithGuard(size_t size) { return (size + kPage - 1) / kPage * kPage + kPage; }
+size_t WithGuard(size_t size) {
+  return (size + kGuardPage - 1) / kGuardPage * kGuardPage + kGuardPage;
+}
 
 std::mutex blocks_lock;
 
@@ -26,7 +28,7 @@ void* MapBlock(size_t size) {
   const size_t whole = WithGuard(size);
   void* const at = ::mmap(nullptr, whole, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (at == MAP_FAILED) return nullptr;
-  if (::mprotect(at, whole - kPage, PROT_READ | PROT_WRITE) == 0) return at;
+  if (::mprotect(at, whole - kGuardPage, PROT_READ | PROT_WRITE) == 0) return at;
   ::munmap(at, whole);
   return nullptr;
 }

@@ -19,7 +19,7 @@ struct Module {
   bool pinned = false;
 };
 
-std::mutex lock;
+std::mutex modules_lock;
 
 // A list, because a module's address is its handle.
 std::list<Module>& Modules() {
@@ -70,7 +70,7 @@ HMODULE TheProgram() {
 }
 
 HMODULE Load(const std::wstring& path) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(modules_lock);
   Module* module = FindForLoad(path);
   if (!module) {
     SetLastError(ERROR_MOD_NOT_FOUND);
@@ -85,24 +85,24 @@ HMODULE Load(const std::wstring& path) {
 
 void RegisterModule(const std::wstring& path, const std::map<std::string, FARPROC>& exports) {
   UnregisterModule(path);
-  std::lock_guard hold(lock);
+  std::lock_guard hold(modules_lock);
   Modules().push_back({Expand(path), exports});
 }
 
 void UnregisterModule(const std::wstring& path) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(modules_lock);
   const std::wstring expanded = Expand(path);
   Modules().remove_if([&](const Module& module) { return SameName(module.path, expanded); });
 }
 
 int LoadCount(const std::wstring& path) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(modules_lock);
   const Module* module = FindByPath(path);
   return module ? module->loaded : 0;
 }
 
 int LoadsEver(const std::wstring& path) {
-  std::lock_guard hold(lock);
+  std::lock_guard hold(modules_lock);
   const Module* module = FindByPath(path);
   return module ? module->loads_ever : 0;
 }
@@ -125,7 +125,7 @@ HMODULE WINAPI LoadLibraryA(LPCSTR path) {
 
 FARPROC WINAPI GetProcAddress(HMODULE handle, LPCSTR name) {
   if (port::Fails("GetProcAddress")) return nullptr;
-  std::lock_guard hold(port::lock);
+  std::lock_guard hold(port::modules_lock);
   const port::Module* module = port::FromHandle(handle);
   if (module) {
     if (auto at = module->exports.find(name); at != module->exports.end()) return at->second;
@@ -136,7 +136,7 @@ FARPROC WINAPI GetProcAddress(HMODULE handle, LPCSTR name) {
 
 BOOL WINAPI FreeLibrary(HMODULE handle) {
   if (port::Fails("FreeLibrary")) return FALSE;
-  std::lock_guard hold(port::lock);
+  std::lock_guard hold(port::modules_lock);
   port::Module* module = port::FromHandle(handle);
   if (!module) {
     SetLastError(ERROR_MOD_NOT_FOUND);
@@ -153,7 +153,7 @@ BOOL WINAPI GetModuleHandleExW(DWORD flags, LPCWSTR address, HMODULE* out) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
-  std::lock_guard hold(port::lock);
+  std::lock_guard hold(port::modules_lock);
   const auto function = reinterpret_cast<FARPROC>(const_cast<wchar_t*>(address));
   port::Module* const module = port::FindByAddress(function);
   if (!module) {
@@ -170,7 +170,7 @@ DWORD WINAPI GetModuleFileNameW(HMODULE handle, LPWSTR out, DWORD size) {
   if (port::Fails("GetModuleFileNameW")) return 0;
   std::wstring path;
   {
-    std::lock_guard hold(port::lock);
+    std::lock_guard hold(port::modules_lock);
     const port::Module* module = handle ? port::FromHandle(handle) : nullptr;
     if (handle && !module) {
       SetLastError(ERROR_MOD_NOT_FOUND);

@@ -17,7 +17,7 @@ using udp_test::kPort;
 using udp_test::kServer;
 
 constexpr char kMark[] = "RESULT ";
-constexpr DWORD kTurnMs = 50;  // of the game, which sends once in each
+constexpr DWORD kGameTurnMs = 50;  // of the game, which sends once in each
 
 int Ms(sim::Duration time) {
   return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
@@ -78,7 +78,7 @@ class Play : public udp_test::UdpWorld {
   // The game sends at its pace on each of its sockets for as long as the run lasts, and listens all
   // the time.
   void GamePlays(int flows = 1) {
-    const int phase = static_cast<int>(world.random().Below(kTurnMs));
+    const int phase = static_cast<int>(world.random().Below(kGameTurnMs));
     GameThread([this, phase, flows] {
       Sleep(static_cast<DWORD>(phase));
       std::vector<SOCKET> sockets;
@@ -86,8 +86,8 @@ class Play : public udp_test::UdpWorld {
       for (unsigned n = 0;; ++n) {
         for (const SOCKET s : sockets) Sends(s, std::to_string(s) + " " + std::to_string(n));
         const DWORD turn = GetTickCount();
-        for (DWORD passed; (passed = GetTickCount() - turn) < kTurnMs;) {
-          Listens(sockets, kTurnMs - passed);
+        for (DWORD passed; (passed = GetTickCount() - turn) < kGameTurnMs;) {
+          Listens(sockets, kGameTurnMs - passed);
         }
       }
     });
