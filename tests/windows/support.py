@@ -25,7 +25,7 @@ import threading
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "scripts"))
-from demo_bed import client_program  # noqa: E402,F401
+import demo_bed  # noqa: E402
 
 WINE = ROOT / "scripts" / "wine"
 SERVER = "198.51.100.10" if os.environ.get("VYR_TESTBED") else "127.0.0.1"
@@ -66,6 +66,14 @@ def needs_bed(*programs, presets="the posix preset builds it"):
     for program in programs:
         if not program.exists():
             skip(f"no {program}; {presets}")
+
+
+def client_program(programs):
+    """vyr_client for games of these programs' kind. Skips the test if there is none."""
+    program = demo_bed.client_program(programs)
+    if not program.exists():
+        skip(f"no {program}; the windows-x86 preset builds it")
+    return program
 
 
 class Checks:
