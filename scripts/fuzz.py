@@ -1,12 +1,13 @@
 """Looks for inputs that break something, and says how to repeat what it finds.
 
-  scripts/fuzz.sh --minutes 10                        each target for ten minutes
+  scripts/fuzz.sh --minutes 10                        each target for ten minutes of a processor
   scripts/fuzz.sh --minutes 60 --jobs 2 udp_flow_fuzz tcp_session_fuzz
+  scripts/fuzz.sh --minutes 60 --in-all               what is missing of an hour each, after earlier runs
   scripts/fuzz.sh --merge                             takes what was found into fuzz/corpus, minimised
 
-What a target finds new stays in build/fuzz/found/TARGET, and the next run goes on from there. A
-target ends at its first finding, which goes to build/fuzz/findings. Exit codes: 0 nothing was found,
-1 something was, 2 wrong usage or no build.
+What a target finds new stays in build/fuzz/found/TARGET, and the next run goes on from there; how long
+it has run in all stays in build/fuzz/found/TARGET.json. A target ends at its first finding, which goes
+to build/fuzz/findings. Exit codes: 0 nothing was found, 1 something was, 2 wrong usage or no build.
 """
 import argparse
 import json
@@ -14,6 +15,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -23,7 +25,8 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "fuzz"
 CORPUS = ROOT / "fuzz" / "corpus"
 FINDINGS = BUILD / "findings"
-LIMITS = ["-timeout=20", "-rss_limit_mb=2048"]
+# The limit of one input goes by the clock, and a target may get a twentieth of a processor.
+LIMITS = ["-timeout=300", "-report_slow_units=300", "-rss_limit_mb=2048"]
 PROGRESS_SECONDS = 15
 STATUS = re.compile(r"^#(\d+)\t\S+.*?cov: (\d+) ft: (\d+)", re.M)
 STAT = re.compile(r"^stat::(\w+):\s*(\d+)", re.M)
@@ -67,22 +70,49 @@ def build(targets):
     subprocess.run(["cmake", "--build", "--preset", "fuzz", "--target", *targets], cwd=ROOT, check=True)
 
 
+class Total:
+    """What all runs of a target have done together; one file for each."""
+
+    def __init__(self, target):
+        self.path = BUILD / "found" / f"{target}.json"
+        self.cpu_seconds, self.runs = 0.0, 0
+        if self.path.exists():
+            try:
+                kept = json.loads(self.path.read_text())
+                self.cpu_seconds, self.runs = float(kept["cpu_seconds"]), int(kept["runs"])
+            except (ValueError, KeyError, TypeError):
+                fail(f"{shown(self.path)} is not as this program writes it; without it, counting starts again")
+
+    def keep(self, more_seconds, more_runs):
+        text = json.dumps({"cpu_seconds": round(self.cpu_seconds + more_seconds, 1), "runs": self.runs + more_runs})
+        beside = self.path.with_suffix(".new")
+        beside.write_text(text + "\n")
+        beside.replace(self.path)
+
+
+def cpu_seconds_of(pid):
+    """What a process has used until now (proc(5): the fields 14 and 15 behind the name in parentheses)."""
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
 class Run:
     """One target at work, its output in a log."""
 
-    def __init__(self, target, seconds):
+    def __init__(self, target, cpu_seconds):
         self.target = target
         self.found = BUILD / "found" / target
         self.log = BUILD / "found" / f"{target}.log"
         self.before = {path.name for path in FINDINGS.glob(f"{target}-*")}
         self.begin = time.monotonic()
-        self.seconds = seconds
+        self.limit = cpu_seconds
         self.cpu_seconds = 0.0
+        self.is_asked_to_end = False
         self.found.mkdir(parents=True, exist_ok=True)
+        self.total = Total(target)
         corpus = CORPUS / target
         corpus.mkdir(parents=True, exist_ok=True)
-        command = [str(program(target)), f"-max_total_time={seconds}", "-print_final_stats=1", *LIMITS,
-                   f"-artifact_prefix={FINDINGS}/{target}-"]
+        command = [str(program(target)), "-print_final_stats=1", *LIMITS, f"-artifact_prefix={FINDINGS}/{target}-"]
         words = ROOT / "fuzz" / f"{target}.dict"
         if words.exists():
             command.append(f"-dict={words}")
@@ -91,30 +121,50 @@ class Run:
                                             stdout=log, stderr=subprocess.STDOUT)
 
     def has_ended(self):
-        """Like poll, and keeps the processor time, which is the fairer figure on a busy machine."""
+        """Like poll; keeps the processor time, and asks the target to end when it has had its share."""
         if self.process.returncode is None:
             pid, status, usage = os.wait4(self.process.pid, os.WNOHANG)
             if pid == 0:
+                self.watch()
                 return False
             self.process.returncode = os.waitstatus_to_exitcode(status)
             self.cpu_seconds = usage.ru_utime + usage.ru_stime
         return True
 
+    def watch(self):
+        self.cpu_seconds = cpu_seconds_of(self.process.pid)
+        if self.cpu_seconds >= self.limit:
+            self.end()
+
+    def end(self):
+        """After the input at hand, with its statistics; while it is starting, the signal would just kill it."""
+        if not self.is_asked_to_end and STATUS.search(self.text()):
+            self.is_asked_to_end = True
+            self.process.send_signal(signal.SIGUSR1)
+
+    def text(self):
+        return self.log.read_text(errors="replace")
+
+    def statistics(self):
+        """Runs, edges and features until now."""
+        text = self.text()
+        lines = STATUS.findall(text)
+        runs, edges, features = (int(value) for value in (lines[-1] if lines else ("0", "0", "0")))
+        stats = {name: int(value) for name, value in STAT.findall(text)}
+        return stats.get("number_of_executed_units", runs), edges, features, stats.get("new_units_added", 0)
+
+    def keep_total(self):
+        self.total.keep(self.cpu_seconds, self.statistics()[0])
     def text(self):
         return self.log.read_text(errors="replace")
 
     def progress(self):
-        lines = STATUS.findall(self.text())
-        runs, edges, _ = lines[-1] if lines else ("0", "0", "0")
-        return (f"{self.target}: {time.monotonic() - self.begin:.0f} s of {self.seconds} s, "
-                f"{int(runs)} runs, {edges} edges")
+        runs, edges, _, _ = self.statistics()
+        return f"{self.target}: {self.cpu_seconds:.0f} s of {self.limit:.0f} s, {runs} runs, {edges} edges"
 
     def result(self):
-        text = self.text()
-        stats = {name: int(value) for name, value in STAT.findall(text)}
-        lines = STATUS.findall(text)
+        runs, edges, features, new_inputs = self.statistics()
         seconds = max(time.monotonic() - self.begin, 0.001)
-        runs = stats.get("number_of_executed_units", int(lines[-1][0]) if lines else 0)
         new = {path.name for path in FINDINGS.glob(f"{self.target}-*")} - self.before
         findings = [f"{shown(program(self.target))} {shown(FINDINGS / name)}" for name in sorted(new)]
         if self.process.returncode != 0 and not findings:
@@ -122,41 +172,46 @@ class Run:
         return {"target": self.target, "seconds": round(seconds), "runs": runs,
                 "runs_per_second": round(runs / seconds), "cpu_seconds": round(self.cpu_seconds),
                 "runs_per_cpu_second": round(runs / max(self.cpu_seconds, 0.001)),
-                "edges": int(lines[-1][1]) if lines else 0,
-                "features": int(lines[-1][2]) if lines else 0,
-                "new_inputs": stats.get("new_units_added", 0), "findings": findings}
+                "cpu_seconds_in_all": round(self.total.cpu_seconds + self.cpu_seconds),
+                "runs_in_all": self.total.runs + runs, "edges": edges, "features": features,
+                "new_inputs": new_inputs, "findings": findings}
 
 
 def run_all(targets, seconds, jobs):
-    waiting, running, results = list(targets), [], []
+    """`seconds` of a processor for each target; what was done stays written down however this ends."""
+    waiting, running, results = [target for target in targets if seconds[target] > 0], [], []
     said = time.monotonic()
-    try:
-        while waiting or running:
-            while waiting and len(running) < jobs:
-                running.append(Run(waiting.pop(0), seconds))
-            time.sleep(0.2)
-            for run in [run for run in running if run.has_ended()]:
-                running.remove(run)
-                results.append(run.result())
-                print(f"{run.progress()}, done", file=sys.stderr)
-            if time.monotonic() - said >= PROGRESS_SECONDS:
-                said = time.monotonic()
-                for run in running:
-                    print(run.progress(), file=sys.stderr)
-    except KeyboardInterrupt:
-        for run in running:
-            run.process.terminate()
-            while not run.has_ended():
-                time.sleep(0.1)
+    ends_early = []
+    signal.signal(signal.SIGTERM, lambda *_: ends_early.append(True))
+    signal.signal(signal.SIGINT, lambda *_: ends_early.append(True))
+    while running or (waiting and not ends_early):
+        while waiting and len(running) < jobs and not ends_early:
+            target = waiting.pop(0)
+            running.append(Run(target, seconds[target]))
+        time.sleep(0.2)
+        for run in [run for run in running if run.has_ended()]:
+            running.remove(run)
+            run.keep_total()
             results.append(run.result())
+            print(f"{run.progress()}, done", file=sys.stderr)
+        is_time = time.monotonic() - said >= PROGRESS_SECONDS
+        for run in running:
+            if ends_early:
+                run.end()
+            if is_time:
+                said = time.monotonic()
+                run.keep_total()
+                print(run.progress(), file=sys.stderr)
     return results
 
 
 def print_table(results):
-    head = ("target", "executions", "a second", "a CPU second", "edges", "features", "new inputs", "findings")
-    rows = [(one["target"], *(str(one[key]) for key in ("runs", "runs_per_second", "runs_per_cpu_second", "edges",
-                                                        "features", "new_inputs")), str(len(one["findings"])))
-            for one in results]
+    columns = {"target": "target", "cpu_seconds": "CPU seconds", "runs": "executions",
+               "runs_per_cpu_second": "a CPU second", "edges": "edges", "features": "features",
+               "new_inputs": "new inputs", "cpu_seconds_in_all": "CPU seconds in all",
+               "runs_in_all": "executions in all"}
+    head = (*columns.values(), "findings")
+    rows = [(*(str(one[key]) for key in columns), str(len(one["findings"]))) for one in results]
     widths = [max(len(row[i]) for row in [head, *rows]) for i in range(len(head))]
     for row in [head, *rows]:
         cells = [row[0].ljust(widths[0])] + [cell.rjust(width) for cell, width in zip(row[1:], widths[1:])]
@@ -196,7 +251,10 @@ def main():
     parser.add_argument("targets", nargs="*", metavar="TARGET", help="all of them if none is named")
     parser.add_argument("--without-client", action="store_true", help="leave out the targets of the client "
                         "program, whose library takes minutes to build")
-    parser.add_argument("--minutes", type=float, metavar="N", help="how long each target runs (1)")
+    parser.add_argument("--minutes", type=float, metavar="N", help="how long each target runs, in minutes "
+                        "of a processor (1)")
+    parser.add_argument("--in-all", action="store_true", help="count what earlier runs have done into --minutes; "
+                        "the least tried target comes first")
     parser.add_argument("--jobs", type=int, default=1, metavar="N", help="targets at a time (1)")
     parser.add_argument("--json", metavar="FILE", help="write the table there as well, - for standard output")
     parser.add_argument("--merge", action="store_true", help="afterwards, or without --minutes only: take "
@@ -228,8 +286,15 @@ def main():
     FINDINGS.mkdir(parents=True, exist_ok=True)
     results = []
     if options.minutes is not None or not options.merge:
-        results = run_all(targets, max(1, round((options.minutes or 1) * 60)), options.jobs)
-        print_table(results)
+        wanted = (options.minutes or 1) * 60
+        done = {target: Total(target).cpu_seconds if options.in_all else 0.0 for target in targets}
+        targets.sort(key=lambda target: done[target])
+        for target in targets:
+            if done[target] >= wanted:
+                print(f"{target}: has had {done[target]:.0f} s of {wanted:.0f} s", file=sys.stderr)
+        results = run_all(targets, {target: wanted - done[target] for target in targets}, options.jobs)
+        if results:
+            print_table(results)
     if options.json:
         text = json.dumps(results, indent=2) + "\n"
         if options.json == "-":
