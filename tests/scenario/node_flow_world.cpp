@@ -26,15 +26,13 @@ std::string AddressText(const sockaddr_in& address) {
 Wrapped ReceiveWrapped(SOCKET s, int ms) {
   Wrapped wrapped;
   if (!ReadableWithin(s, ms)) return wrapped;
-  std::string bytes(65536, '\0');
   sockaddr_in from = {};
-  int size = sizeof from;
-  const int count = recvfrom(s, bytes.data(), static_cast<int>(bytes.size()), 0, Raw(from), &size);
-  if (count == SOCKET_ERROR) {
+  std::optional<std::string> datagram = ReceivedFrom(s, &from);
+  if (!datagram) {
     wrapped.from = "error " + std::to_string(WSAGetLastError());
     return wrapped;
   }
-  bytes.resize(static_cast<std::size_t>(count));
+  std::string& bytes = *datagram;
   wrapped.from = AddressText(from);
   wrapped.version = At8(bytes, 0);
   wrapped.head_len = At8(bytes, 1);
@@ -121,15 +119,12 @@ void NodeFlowWorld::StartEcho(int port) {
   world.SpawnOn(server_host, "echo" + std::to_string(port), [this, port] {
     const SOCKET s = Udp();
     EXPECT_EQ(BindTo(s, "0.0.0.0", port), 0);
-    std::string bytes(65536, '\0');
     while (true) {
       sockaddr_in from = {};
-      int size = sizeof from;
-      const int count =
-          recvfrom(s, bytes.data(), static_cast<int>(bytes.size()), 0, Raw(from), &size);
-      if (count == SOCKET_ERROR) continue;
-      heard.push_back({AddressText(from), bytes.substr(0, static_cast<std::size_t>(count))});
-      sendto(s, bytes.data(), count, 0, Raw(from), size);
+      const std::optional<std::string> text = ReceivedFrom(s, &from);
+      if (!text) continue;
+      heard.push_back({AddressText(from), *text});
+      sendto(s, text->data(), static_cast<int>(text->size()), 0, Raw(from), sizeof from);
     }
   });
 }

@@ -4,6 +4,8 @@
 //
 #include <winsock2.h>
 
+#include <memory>
+#include <optional>
 #include <string>
 
 namespace sim_test {
@@ -76,6 +78,17 @@ inline std::string ReceivedAll(SOCKET s) {
   }
 }
 
+// The next datagram, or none for an error. The buffer is not cleared first: 64 KB of new memory would
+// cost more than the rest of the call.
+inline std::optional<std::string> ReceivedFrom(SOCKET s, sockaddr_in* from) {
+  constexpr int kLargest = 65536;
+  const auto buffer = std::make_unique_for_overwrite<char[]>(kLargest);
+  int size = sizeof *from;
+  const int count = recvfrom(s, buffer.get(), kLargest, 0, Raw(*from), &size);
+  if (count == SOCKET_ERROR) return std::nullopt;
+  return std::string(buffer.get(), static_cast<size_t>(count));
+}
+
 inline int IntOption(SOCKET s, int option) {
   int value = -1, size = sizeof value;
   EXPECT_EQ(getsockopt(s, SOL_SOCKET, option, reinterpret_cast<char*>(&value), &size), 0);
@@ -116,10 +129,10 @@ inline bool ReadableWithin(SOCKET s, int ms) {
 
 // A text in which every misplaced, lost or duplicated byte can be detected.
 inline std::string Pattern(size_t size) {
-  std::string text;
-  for (size_t i = 0; text.size() < size; ++i) text += std::to_string(i) + ",";
-  text.resize(size);
-  return text;
+  static std::string text;  // of the longest one so far: long ones are expensive here
+  static size_t numbers = 0;
+  while (text.size() < size) text += std::to_string(numbers++) + ",";
+  return text.substr(0, size);
 }
 
 // A client host and a server host, by default 10 ms apart.

@@ -108,19 +108,15 @@ void UdpWorld::StartServer(const std::string& ip, int port) {
     const SOCKET s = Udp();
     EXPECT_EQ(BindTo(s, ip.c_str(), port), 0);
     SetIntOption(s, SO_RCVBUF, 1 << 20);
-    std::string bytes(65536, '\0');
     while (true) {
       sockaddr_in from = {};
-      int size = sizeof from;
-      const int count =
-          recvfrom(s, bytes.data(), static_cast<int>(bytes.size()), 0, Raw(from), &size);
-      if (count == SOCKET_ERROR) continue;
-      const std::string text = bytes.substr(0, static_cast<size_t>(count));
-      server->heard.push_back({text, NameOf(from), AddressText(from), name});
-      std::string reply = server->answer(text);
+      const std::optional<std::string> text = ReceivedFrom(s, &from);
+      if (!text) continue;
+      server->heard.push_back({*text, NameOf(from), AddressText(from), name});
+      std::string reply = server->answer(*text);
       if (reply.empty()) continue;
       if (reply == kNoBytes) reply.clear();
-      sendto(s, reply.data(), static_cast<int>(reply.size()), 0, Raw(from), size);
+      sendto(s, reply.data(), static_cast<int>(reply.size()), 0, Raw(from), sizeof from);
     }
   });
 }
@@ -131,12 +127,10 @@ int UdpWorld::Sends(SOCKET s, const std::string& text, const char* ip, int port)
 
 Datagram UdpWorld::Receives(SOCKET s, int ms) {
   if (!ReadableWithin(s, ms)) return {};
-  std::string bytes(65536, '\0');
   sockaddr_in from = {};
-  int size = sizeof from;
-  const int count = recvfrom(s, bytes.data(), static_cast<int>(bytes.size()), 0, Raw(from), &size);
-  if (count == SOCKET_ERROR) return {"", "error " + std::to_string(WSAGetLastError()), "", ""};
-  return {bytes.substr(0, static_cast<size_t>(count)), AddressText(from), "", ""};
+  const std::optional<std::string> text = ReceivedFrom(s, &from);
+  if (!text) return {"", "error " + std::to_string(WSAGetLastError()), "", ""};
+  return {*text, AddressText(from), "", ""};
 }
 
 std::string UdpWorld::Talks(SOCKET s, const std::string& text, const char* ip, int port) {
