@@ -78,8 +78,8 @@ inline std::string ReceivedAll(SOCKET s) {
   }
 }
 
-// The next datagram, or none for an error. The buffer is not cleared first: 64 KB of new memory would
-// cost more than the rest of the call.
+// The next datagram, or none for an error. The buffer is not cleared first: 64 KB of new memory
+// would cost more than the rest of the call.
 inline std::optional<std::string> ReceivedFrom(SOCKET s, sockaddr_in* from) {
   constexpr int kLargest = 65536;
   const auto buffer = std::make_unique_for_overwrite<char[]>(kLargest);
