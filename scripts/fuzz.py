@@ -25,8 +25,8 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "fuzz"
 CORPUS = ROOT / "fuzz" / "corpus"
 FINDINGS = BUILD / "findings"
-# The limit of one input goes by the clock, and a target may get a twentieth of a processor.
-LIMITS = ["-timeout=300", "-report_slow_units=300", "-rss_limit_mb=2048"]
+# The limit of one input goes by the clock; a target may get a twentieth of a processor, or be stopped for a while.
+LIMITS = ["-timeout=1200", "-report_slow_units=1200", "-rss_limit_mb=2048"]
 PROGRESS_SECONDS = 15
 STATUS = re.compile(r"^#(\d+)\t\S+.*?cov: (\d+) ft: (\d+)", re.M)
 STAT = re.compile(r"^stat::(\w+):\s*(\d+)", re.M)
