@@ -35,16 +35,32 @@ Reply Refusal(unsigned status, const char* words) {
 
 // An answer is for those who asked this server itself: it is not kept, not read by pages of other
 // origins, and no page among them fetches from elsewhere.
-template <class Response>
-void AddHeaders(Response* response) {
-  response->set(wire::field::cache_control, "no-store");
-  response->set("X-Content-Type-Options", "nosniff");
-  response->set("Cross-Origin-Resource-Policy", "same-origin");
-  response->set("Referrer-Policy", "no-referrer");
-  response->set("Content-Security-Policy",
-                "default-src 'none'; script-src 'unsafe-inline'; style-src 'unsafe-inline'; "
-                "img-src data:; connect-src 'self'; base-uri 'none'; form-action 'none'; "
-                "frame-ancestors 'none'");
+constexpr char kGuards[] =
+    "Cache-Control: no-store\r\n"
+    "X-Content-Type-Options: nosniff\r\n"
+    "Cross-Origin-Resource-Policy: same-origin\r\n"
+    "Referrer-Policy: no-referrer\r\n"
+    "Content-Security-Policy: default-src 'none'; script-src 'unsafe-inline'; "
+    "style-src 'unsafe-inline'; img-src data:; connect-src 'self'; base-uri 'none'; "
+    "form-action 'none'; frame-ancestors 'none'\r\n";
+
+// Without a length, the end of the answer is that of the connection.
+std::string Head(unsigned status, const std::string& type, bool keeps_alive,
+                 std::optional<size_t> length) {
+  const auto reason = wire::obsolete_reason(wire::int_to_status(status));
+  std::string head = "HTTP/1.1 " + std::to_string(status) + " " +
+                     std::string(reason.data(), reason.size()) + "\r\nContent-Type: " + type +
+                     "\r\n";
+  if (status == 405) head += "Allow: GET, HEAD\r\n";
+  if (status == 503) head += "Retry-After: 10\r\n";
+  head += kGuards;
+  if (!keeps_alive) head += "Connection: close\r\n";
+  if (length) head += "Content-Length: " + std::to_string(*length) + "\r\n";
+  return head + "\r\n";
+}
+
+net::const_buffer BytesOf(const SharedText& text) {
+  return text != nullptr ? net::buffer(*text) : net::const_buffer();
 }
 
 // What all connections share. It outlives them.
@@ -134,30 +150,27 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // After a request that could not be read, it is not known where the next one begins.
   void Write(const Reply& reply, const Request& request) {
-    body_ = reply.body;
-    response_ = {};
-    response_.version(11);
-    response_.result(reply.status);
-    response_.set(wire::field::content_type, reply.type);
-    if (reply.status == 405) response_.set(wire::field::allow, "GET, HEAD");
-    if (reply.status == 503) response_.set(wire::field::retry_after, "10");
-    AddHeaders(&response_);
-    response_.keep_alive(reply.status == 200 && request.keep_alive());
-    response_.body() = {body_->data(), body_->size()};
-    response_.prepare_payload();
-    stream_.expires_after(milliseconds(shared_->limits.write_ms));
-    const auto written = [self = shared_from_this()](error_code error, size_t) {
-      self->OnWritten(error);
-    };
-    if (request.method() != wire::verb::head) return wire::async_write(stream_, response_, written);
-    head_.emplace(response_);
-    wire::async_write_header(stream_, *head_, written);
+    keeps_alive_ = reply.status == 200 && request.keep_alive();
+    head_ = Head(reply.status, reply.type, keeps_alive_, reply.body->size());
+    body_ = request.method() != wire::verb::head ? reply.body : nullptr;
+    Send("", &Connection::OnWritten);
   }
 
   void OnWritten(error_code error) {
     if (error) return;
-    if (response_.keep_alive()) return Read(shared_->limits.idle_ms);
+    if (keeps_alive_) return Read(shared_->limits.idle_ms);
     stream_.socket().shutdown(tcp::socket::shutdown_send, error);
+  }
+
+  // What stands in head_ and body_, and the end. One kind of write, because each takes the compiler
+  // seconds.
+  void Send(std::string_view end, void (Connection::*then)(error_code)) {
+    const std::array<net::const_buffer, 3> parts = {net::buffer(head_), BytesOf(body_),
+                                                    net::buffer(end.data(), end.size())};
+    stream_.expires_after(milliseconds(shared_->limits.write_ms));
+    net::async_write(stream_, parts, [self = shared_from_this(), then](error_code error, size_t) {
+      (*self.*then)(error);
+    });
   }
 
   // --- streams ------------------------------------------------------------------------------
@@ -166,20 +179,16 @@ class Connection : public std::enable_shared_from_this<Connection> {
     if (shared_->streams.size() >= shared_->limits.streams) {
       return Write(Refusal(503, "too many readers"), request);
     }
-    response_ = {};
-    response_.version(11);
-    response_.result(200);
-    response_.set(wire::field::content_type, "text/event-stream");
-    AddHeaders(&response_);
-    response_.keep_alive(false);  // its end is that of the connection
-    head_.emplace(response_);
+    keeps_alive_ = false;
+    head_ = Head(200, "text/event-stream", keeps_alive_, std::nullopt);
+    body_ = nullptr;
     const bool is_head = request.method() == wire::verb::head;
     is_writing_ = true;
-    stream_.expires_after(milliseconds(shared_->limits.write_ms));
-    wire::async_write_header(stream_, *head_,
-                             [self = shared_from_this(), is_head](error_code error, size_t) {
-                               if (!error && !is_head) self->Stream();
-                             });
+    Send("", is_head ? &Connection::OnWritten : &Connection::OnBegun);
+  }
+
+  void OnBegun(error_code error) {
+    if (!error) Stream();
   }
 
   void Stream() {
@@ -200,18 +209,16 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void WriteEvent(std::string head, SharedText text) {
     is_writing_ = true;
     sent_at_ = std::chrono::steady_clock::now();
-    event_head_ = std::move(head);
+    head_ = std::move(head);
     body_ = std::move(text);
-    const std::array<net::const_buffer, 3> parts = {
-        net::buffer(event_head_), body_ != nullptr ? net::buffer(*body_) : net::const_buffer(),
-        net::buffer("\n\n", 2)};
-    stream_.expires_after(milliseconds(shared_->limits.write_ms));
-    net::async_write(stream_, parts, [self = shared_from_this()](error_code error, size_t) {
-      self->is_writing_ = false;
-      self->body_ = nullptr;
-      if (error) return self->Close();
-      self->Look();
-    });
+    Send("\n\n", &Connection::OnEventWritten);
+  }
+
+  void OnEventWritten(error_code error) {
+    is_writing_ = false;
+    body_ = nullptr;
+    if (error) return Close();
+    Look();
   }
 
   void Close() {
@@ -224,11 +231,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   beast::tcp_stream stream_;
   beast::flat_buffer buffer_{2 * kHeaderLimit};
   std::optional<wire::request_parser<wire::empty_body>> parser_;
-  wire::response<wire::span_body<const char>> response_;
-  std::optional<wire::response_serializer<wire::span_body<const char>>> head_;
-  SharedText body_;  // what response_ or the event refers to
+  std::string head_;  // of the answer or event that is being written
+  SharedText body_;   // its text, if any
+  bool keeps_alive_ = false;
   std::array<char, 64> from_reader_ = {};
-  std::string event_head_;
   uint64_t sent_number_ = 0;
   std::chrono::steady_clock::time_point sent_at_ = std::chrono::steady_clock::now();
   bool is_writing_ = false;
