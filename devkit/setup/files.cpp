@@ -10,7 +10,7 @@ namespace {
 
 using winsock_host::FilesOf;
 
-constexpr size_t kMostPath = 259;  // what the library reads of a provider's path
+constexpr size_t kMostProviderPath = 259;  // what the library reads of a provider's path
 
 bool IsLibraryFor(Kind kind, const std::wstring& path) {
   const vyr_run::Module module = vyr_run::ModuleAt(path);
@@ -36,7 +36,7 @@ bool FindLibraries(const std::map<Kind, std::wstring>& given, std::map<Kind, std
         FullPath(named != given.end() ? named->second
                                       : winsock_host::FindKindFile(winsock_host::FolderOf(nullptr),
                                                                    kind, FilesOf(kind).library));
-    const bool usable = IsLibraryFor(kind, path) && path.size() <= kMostPath;
+    const bool usable = IsLibraryFor(kind, path) && path.size() <= kMostProviderPath;
     if (usable) (*found)[kind] = path;
     if (usable || named == given.end()) continue;
     *problem = ToUtf8(path) + " is not a " + KindName(kind) +
