@@ -8,7 +8,7 @@
 namespace parity {
 namespace {
 
-const sockaddr_in kServer = Address(kServerIp, kPort);
+const sockaddr_in kEchoServer = Address(kServerIp, kPort);
 const sockaddr_in kSecond = Address(kSecondIp, kPort);
 const sockaddr_in kOther = Address(kServerIp, kOtherPort);
 const sockaddr_in kDirect = Address(kDirectIp, kPort);
@@ -37,7 +37,7 @@ std::string ReceiveFrom(SOCKET s, int size = 2000, int flags = 0) {
 
 void Simple() {
   const Socket s = NewDatagram();
-  Note("sendto", Said(SendTo(s, "echo word", kServer)));
+  Note("sendto", Said(SendTo(s, "echo word", kEchoServer)));
   Note("recvfrom", ReceiveFrom(s));
   SendTo(s, "echo other", kOther);
   Note("a second port of the server", ReceiveFrom(s));
@@ -45,28 +45,28 @@ void Simple() {
   Note("a second server", ReceiveFrom(s));
   SendTo(s, "echo direct", kDirect);
   Note("a server of no table", ReceiveFrom(s));
-  SendTo(s, "twice word", kServer);
+  SendTo(s, "twice word", kEchoServer);
   Note("the first of two answers", ReceiveFrom(s));
   Note("the second of two answers", ReceiveFrom(s));
-  SendTo(s, "other word", kServer);
+  SendTo(s, "other word", kEchoServer);
   Note("an answer from another port", ReceiveFrom(s));
-  SendTo(s, "empty ", kServer);
+  SendTo(s, "empty ", kEchoServer);
   Note("an empty answer", ReceiveFrom(s));
-  SendTo(s, "big 1400", kServer);
+  SendTo(s, "big 1400", kEchoServer);
   Note("a large answer", ReceiveFrom(s));
-  SendTo(s, "echo " + std::string(1200, 'l'), kServer);
+  SendTo(s, "echo " + std::string(1200, 'l'), kEchoServer);
   Note("a large datagram", ReceiveFrom(s));
-  SendTo(s, "echo " + std::string(6000, 'l'), kServer);
+  SendTo(s, "echo " + std::string(6000, 'l'), kEchoServer);
   Note("a datagram of 6000 bytes", ReceiveFrom(s, 8000));
-  Note("sendto of an empty datagram", Said(SendTo(s, "", kServer)));
-  Note("sendto of too much", Said(SendTo(s, std::string(70'000, 't'), kServer)));
+  Note("sendto of an empty datagram", Said(SendTo(s, "", kEchoServer)));
+  Note("sendto of too much", Said(SendTo(s, std::string(70'000, 't'), kEchoServer)));
   Note("sendto an address of no machine", Said(SendTo(s, "x", Address(kNobodyIp, kPort))));
   Note("sendto port 0", Said(SendTo(s, "x", Address(kServerIp, 0))));
 }
 
-void Pieces() {
+void DatagramsInPieces() {
   const Socket s = NewDatagram();
-  SendTo(s, "echo a-long-word", kServer);
+  SendTo(s, "echo a-long-word", kEchoServer);
   Note("select of a datagram", YesNo(Readable(s)));
   u_long left = 0;
   ioctlsocket(s, static_cast<long>(FIONREAD), &left);
@@ -74,7 +74,7 @@ void Pieces() {
   Note("a look at it", ReceiveFrom(s, 2000, MSG_PEEK));
   Note("a room that is too small", ReceiveFrom(s, 6));
   Note("the rest is gone", Ready(s, kQuietMs));
-  SendTo(s, "late word", kServer);
+  SendTo(s, "late word", kEchoServer);
   SetBlocking(s, false);
   Note("non-blocking recvfrom", ReceiveFrom(s));
   Readable(s);
@@ -85,9 +85,9 @@ void Pieces() {
   const Watch watch;
   Note("recvfrom with a timeout", ReceiveFrom(s).append(", ").append(watch.Took(300)));
   Bound(s);
-  SendTo(s, "echo plain", kServer);
+  SendTo(s, "echo plain", kEchoServer);
   Note("recv without a source", Receive(s));
-  SendTo(s, "echo null", kServer);
+  SendTo(s, "echo null", kEchoServer);
   char room[16] = {};
   Note("recvfrom without a source", Said(recvfrom(s, room, sizeof room, 0, nullptr, nullptr)));
   SendTo(s, "echo next", kSecond);
@@ -98,7 +98,7 @@ void Order() {
   const Socket s = NewDatagram();
   for (int i = 0; i < 20; ++i) {
     const std::string text = std::string("echo ").append(std::to_string(i));
-    SendTo(s, text, i % 2 == 0 ? kServer : kSecond);
+    SendTo(s, text, i % 2 == 0 ? kEchoServer : kSecond);
     Sleep(5);
   }
   int right = 0;
@@ -111,7 +111,7 @@ void Order() {
   }
   Note("twenty answers have their own server's name", Number(static_cast<unsigned>(right)));
   const Socket same = NewDatagram();
-  SendTo(same, "echo same", kServer);
+  SendTo(same, "echo same", kEchoServer);
   SendTo(same, "echo same", kSecond);
   const std::string one = ReceiveFrom(same);
   const std::string two = ReceiveFrom(same);
@@ -125,21 +125,21 @@ void Unheard() {
   const Socket s = NewDatagram();
   Note("sendto where nobody listens", Said(SendTo(s, "x", kNobody)));
   Note("recvfrom behind it", ReceiveFrom(s));
-  SendTo(s, "echo word", kServer);
+  SendTo(s, "echo word", kEchoServer);
   Note("an answer behind it", ReceiveFrom(s));
   BOOL off = FALSE;
   DWORD got = 0;
   Note("SIO_UDP_CONNRESET",
        Said(WSAIoctl(s, SIO_UDP_CONNRESET, &off, sizeof off, nullptr, 0, &got, nullptr, nullptr)));
   const Socket local = NewDatagram();
-  bind(local, Of(Address("127.0.0.1", 0)), sizeof kServer);
+  bind(local, Of(Address("127.0.0.1", 0)), sizeof kEchoServer);
   sockaddr_in own = {};
   int size = sizeof own;
   getsockname(local, Of(own), &size);
   SendTo(local, "to itself", own);
   Note("a datagram over the loopback", ReceiveFrom(local));
   const Socket bound = NewDatagram();
-  bind(bound, Of(Address("0.0.0.0", 0)), sizeof kServer);
+  bind(bound, Of(Address("0.0.0.0", 0)), sizeof kEchoServer);
   getsockname(bound, Of(own), &size);
   Note("bind of a second socket to its port", Said(bind(NewDatagram(), Of(own), sizeof own)));
 }
@@ -147,12 +147,12 @@ void Unheard() {
 // --- Connected. ---------------------------------------------------------------------------------
 void ConnectedSockets() {
   const Socket s = NewDatagram();
-  Note("connect", Said(connect(s, Of(kServer), sizeof kServer)));
+  Note("connect", Said(connect(s, Of(kEchoServer), sizeof kEchoServer)));
   Note("send", Said(Send(s, "echo word")));
   Note("recv", Receive(s));
   Note("send again", Said(Send(s, "echo again")));
   Note("recvfrom", ReceiveFrom(s));
-  Note("sendto its own server", Said(SendTo(s, "echo named", kServer)));
+  Note("sendto its own server", Said(SendTo(s, "echo named", kEchoServer)));
   Note("the answer to it", Receive(s));
   Send(s, "other word");
   Note("an answer from another port", Ready(s, kQuietMs));
@@ -167,7 +167,7 @@ void ConnectedSockets() {
 
 void Reconnected() {
   const Socket s = NewDatagram();
-  connect(s, Of(kServer), sizeof kServer);
+  connect(s, Of(kEchoServer), sizeof kEchoServer);
   Note("connect to a second server", Said(connect(s, Of(kSecond), sizeof kSecond)));
   Note("send to it", Said(Send(s, "echo second")));
   Note("its answer", ReceiveFrom(s));
@@ -178,12 +178,12 @@ void Reconnected() {
   none.sin_family = AF_UNSPEC;
   Note("disconnect", Said(connect(s, Of(none), sizeof none)));
   Note("send behind it", Said(Send(s, "echo gone")));
-  Note("sendto behind it", Said(SendTo(s, "echo named", kServer)));
+  Note("sendto behind it", Said(SendTo(s, "echo named", kEchoServer)));
   Note("the answer behind it", ReceiveFrom(s));
   const Socket late = NewDatagram();
-  SendTo(late, "echo first", kServer);
+  SendTo(late, "echo first", kEchoServer);
   Note("before it is connected", ReceiveFrom(late));
-  Note("connect after a datagram", Said(connect(late, Of(kServer), sizeof kServer)));
+  Note("connect after a datagram", Said(connect(late, Of(kEchoServer), sizeof kEchoServer)));
   Send(late, "echo second");
   Note("the answer after it", ReceiveFrom(late));
   const Socket refused = NewDatagram();
@@ -220,12 +220,12 @@ std::string Ended(SOCKET s, Arrival* arrival, int result, int error) {
 
 void ByEvents() {
   const Socket s = NewDatagram();
-  bind(s, Of(Address("0.0.0.0", 0)), sizeof kServer);
+  bind(s, Of(Address("0.0.0.0", 0)), sizeof kEchoServer);
   Arrival first;
   int result = Begin(s, &first);
   int error = WSAGetLastError();
   Note("a receive before there is something", result == 0 ? "0" : ErrorText(error));
-  SendTo(s, "echo word", kServer);
+  SendTo(s, "echo word", kEchoServer);
   Note("its end", Ended(s, &first, result, error));
   SendTo(s, "echo there", kSecond);
   Readable(s);
@@ -237,7 +237,7 @@ void ByEvents() {
   Arrival two;
   Begin(s, &one);
   Begin(s, &two);
-  SendTo(s, "echo one", kServer);
+  SendTo(s, "echo one", kEchoServer);
   Sleep(100);
   SendTo(s, "echo two", kSecond);
   Note("the first of two receives", Ended(s, &one, SOCKET_ERROR, WSA_IO_PENDING));
@@ -245,8 +245,8 @@ void ByEvents() {
   Pending send;
   char words[] = "echo sent";
   WSABUF buffer = {9, words};
-  result =
-      WSASendTo(s, &buffer, 1, nullptr, 0, Of(kServer), sizeof kServer, &send.overlapped, nullptr);
+  result = WSASendTo(s, &buffer, 1, nullptr, 0, Of(kEchoServer), sizeof kEchoServer,
+                     &send.overlapped, nullptr);
   Note("an overlapped send", send.End(s, result));
   Note("its answer", ReceiveFrom(s));
 }
@@ -254,7 +254,7 @@ void ByEvents() {
 // Asked for in one call that waits, and in one that does not.
 void ByResults() {
   const Socket s = NewDatagram();
-  bind(s, Of(Address("0.0.0.0", 0)), sizeof kServer);
+  bind(s, Of(Address("0.0.0.0", 0)), sizeof kEchoServer);
   Arrival one;
   Begin(s, &one);
   SendTo(s, "echo waits", kSecond);
@@ -263,7 +263,7 @@ void ByResults() {
   Note("a result that is waited for", From(one));
   Arrival two;
   Begin(s, &two);
-  SendTo(s, "echo polls", kServer);
+  SendTo(s, "echo polls", kEchoServer);
   for (DWORD begin = GetTickCount(); GetTickCount() - begin < PatienceMs(); Sleep(10)) {
     if (WSAGetOverlappedResult(s, &two.pending.overlapped, &bytes, FALSE, &two.pending.flags))
       break;
@@ -280,16 +280,16 @@ void ByResults() {
   Begin(s, &cancelled);
   Note("a receive of which nothing comes", cancelled.pending.End(s, SOCKET_ERROR, kQuietMs));
   Begin(s, &cancelled);
-  SendTo(s, "echo later", kServer);
+  SendTo(s, "echo later", kEchoServer);
   Note("the same once more", Ended(s, &cancelled, SOCKET_ERROR, WSA_IO_PENDING));
 }
 
 // A program that waits for the event and never asks for the result.
 void ByEventsAlone() {
   const Socket s = NewDatagram();
-  bind(s, Of(Address("0.0.0.0", 0)), sizeof kServer);
+  bind(s, Of(Address("0.0.0.0", 0)), sizeof kEchoServer);
   Arrival arrival;
-  const sockaddr_in servers[] = {kServer, kSecond, kServer};
+  const sockaddr_in servers[] = {kEchoServer, kSecond, kEchoServer};
   const char* const names[] = {"the first by event alone", "the second by event alone",
                                "the third by event alone"};
   for (int i = 0; i < 3; ++i) {
@@ -306,11 +306,11 @@ int g_calls;
 Arrival* g_next;  // what the routine begins
 SOCKET g_socket;
 
-void CALLBACK OnDone(DWORD, DWORD, WSAOVERLAPPED*, DWORD) {
+void CALLBACK OnDatagramDone(DWORD, DWORD, WSAOVERLAPPED*, DWORD) {
   ++g_calls;
   Arrival* const next = g_next;
   g_next = nullptr;
-  if (next != nullptr) Begin(g_socket, next, OnDone);
+  if (next != nullptr) Begin(g_socket, next, OnDatagramDone);
 }
 
 void AwaitCalls(int calls) {
@@ -319,24 +319,24 @@ void AwaitCalls(int calls) {
 
 void ByRoutines() {
   const Socket s = NewDatagram();
-  bind(s, Of(Address("0.0.0.0", 0)), sizeof kServer);
+  bind(s, Of(Address("0.0.0.0", 0)), sizeof kEchoServer);
   Arrival arrival;
   Arrival next;
   g_calls = 0;
   g_socket = s;
   g_next = &next;
-  Begin(s, &arrival, OnDone);
-  SendTo(s, "echo word", kServer);
+  Begin(s, &arrival, OnDatagramDone);
+  SendTo(s, "echo word", kEchoServer);
   AwaitCalls(1);
   Note("a routine's calls", Number(static_cast<unsigned>(g_calls)));
   Note("what it got", From(arrival));
   SendTo(s, "echo next", kSecond);
   AwaitCalls(2);
   Note("what the one that it began got", From(next));
-  SendTo(s, "echo there", kServer);
+  SendTo(s, "echo there", kEchoServer);
   Readable(s);
   Arrival there;
-  Begin(s, &there, OnDone);
+  Begin(s, &there, OnDatagramDone);
   AwaitCalls(3);
   Note("a routine of what is there", From(there));
 }
@@ -353,18 +353,18 @@ std::string NextByPort(HANDLE port, const Arrival& wanted) {
 // Of a socket that has exchanged datagrams before, and of a connected one.
 void ByAPortLater() {
   const Socket s = NewDatagram();
-  SendTo(s, "echo before", kServer);
+  SendTo(s, "echo before", kEchoServer);
   Note("before there is a port", ReceiveFrom(s));
   const HANDLE port =
       CreateIoCompletionPort(reinterpret_cast<HANDLE>(static_cast<SOCKET>(s)), nullptr, 1, 0);
   Arrival arrival;
   arrival.pending.overlapped.hEvent = nullptr;
   Begin(s, &arrival);
-  SendTo(s, "echo behind", kServer);
+  SendTo(s, "echo behind", kEchoServer);
   Note("with one", NextByPort(port, arrival));
   CloseHandle(port);
   const Socket connected = NewDatagram();
-  connect(connected, Of(kServer), sizeof kServer);
+  connect(connected, Of(kEchoServer), sizeof kEchoServer);
   Send(connected, "echo before");
   Note("connected, before there is a port", Receive(connected));
   const HANDLE other = CreateIoCompletionPort(
@@ -379,7 +379,7 @@ void ByAPortLater() {
 
 void ByAPort() {
   const Socket s = NewDatagram();
-  bind(s, Of(Address("0.0.0.0", 0)), sizeof kServer);
+  bind(s, Of(Address("0.0.0.0", 0)), sizeof kEchoServer);
   const HANDLE port =
       CreateIoCompletionPort(reinterpret_cast<HANDLE>(static_cast<SOCKET>(s)), nullptr, 1, 0);
   Arrival arrivals[3];
@@ -388,7 +388,7 @@ void ByAPort() {
     Begin(s, &arrival);
   }
   const char* const names[] = {"the first by port", "the second by port", "the third by port"};
-  const sockaddr_in servers[] = {kServer, kSecond, kDirect};
+  const sockaddr_in servers[] = {kEchoServer, kSecond, kDirect};
   for (int i = 0; i < 3; ++i) {
     SendTo(s, "echo word", servers[i]);
     DWORD bytes = 0;
@@ -413,7 +413,7 @@ void ByAPort() {
 
 void Datagrams() {
   Simple();
-  Pieces();
+  DatagramsInPieces();
   Order();
   Unheard();
 }

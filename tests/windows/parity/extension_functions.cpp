@@ -52,7 +52,7 @@ void Connects() {
            connect_ex(unbound, Of(server), sizeof server, nullptr, 0, &sent, &pending.overlapped)));
 }
 
-void Refused() {
+void ConnectExRefused() {
   const Socket s = BoundStream();
   const auto connect_ex = Extension<LPFN_CONNECTEX>(s, WSAID_CONNECTEX);
   const sockaddr_in nobody = Address(kServerIp, kRefusedPort);
@@ -136,7 +136,7 @@ void Transmits() {
 
 void ExtensionFunctions() {
   Connects();
-  Refused();
+  ConnectExRefused();
   Disconnects();
   Accepts();
   Transmits();

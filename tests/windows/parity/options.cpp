@@ -62,7 +62,7 @@ void SetBeforeAConnection() {
   Note("SO_EXCLUSIVEADDRUSE over connect", Get(s, SOL_SOCKET, SO_EXCLUSIVEADDRUSE));
 }
 
-void OfADatagramSocket() {
+void OptionsOfADatagramSocket() {
   const Socket s = NewDatagram();
   Note("SO_TYPE of a datagram socket", Get(s, SOL_SOCKET, SO_TYPE));
   Note("SO_BROADCAST", Get(s, SOL_SOCKET, SO_BROADCAST));
@@ -106,7 +106,7 @@ void Controls() {
 void Options() {
   OfAConnection();
   SetBeforeAConnection();
-  OfADatagramSocket();
+  OptionsOfADatagramSocket();
   Controls();
 }
 

@@ -4,7 +4,7 @@
 namespace parity {
 namespace {
 
-void OfTheServer() {
+void ResetOfTheServer() {
   const Peer peer = Ask("reset words");
   Note("what came before a reset", Receive(peer.s));
   Note("recv of a reset", Receive(peer.s));
@@ -43,7 +43,7 @@ void Reported() {
   Note("an overlapped receive at a reset", pending.End(overlapped.s, result));
 }
 
-void OfTheGame() {
+void ResetOfTheGame() {
   Peer peer = Ask("sink");
   Send(peer.s, "words");
   Sleep(100);
@@ -60,9 +60,9 @@ void OfTheGame() {
 }  // namespace
 
 void Resets() {
-  OfTheServer();
+  ResetOfTheServer();
   Reported();
-  OfTheGame();
+  ResetOfTheGame();
 }
 
 }  // namespace parity
