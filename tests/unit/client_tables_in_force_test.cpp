@@ -13,7 +13,7 @@ using client::DirectWayTo;
 using client::TablesInForce;
 using namespace moru_vyr::lsp;
 
-constexpr unsigned kWaitMs = 1000;
+constexpr unsigned kNoteMs = 1000;
 
 LspLoadedRecord Loaded(const char* name, uint64_t game_id) {
   LspLoadedRecord record;
@@ -36,7 +36,7 @@ TEST(ClientTablesInForce, SayWhatIsMendedByNumberAndProgram) {
     reports.push_back(test::ReportOf(client::kLoadedReport, Loaded(name, 7)));
   reports.push_back(test::ReportOf(client::kLoadedReport, Loaded("two.exe", 8)));
   reports.push_back(test::ReportOf(client::kNegotiationResultReport, NegRetRecord{}));
-  TablesInForce().Note(&reports, kWaitMs);
+  TablesInForce().Note(&reports, kNoteMs);
   EXPECT_EQ(reports[0].mended, 0u);
   EXPECT_EQ(reports[1].mended, kMendReset);
   for (size_t i = 2; i < reports.size(); ++i) EXPECT_FALSE(reports[i].mended) << i;
@@ -94,7 +94,7 @@ TEST(ClientTablesInForce, AreNotedWithFiguresAndDecisionsAsTheyChange) {
   decision.game_id = 7;
   std::vector<client::Report> reports = {test::ReportOf(client::kDecisionReport, decision),
                                          TrafficTo(1001), TrafficTo(1003)};
-  tables.Note(&reports, kWaitMs);
+  tables.Note(&reports, kNoteMs);
   ASSERT_TRUE(reports[0].direct && reports[1].direct);
   EXPECT_EQ(reports[0].direct->delay, 60u);
   EXPECT_EQ(reports[1].direct->lost, 2u);
@@ -104,7 +104,7 @@ TEST(ClientTablesInForce, AreNotedWithFiguresAndDecisionsAsTheyChange) {
   routes.Publish(*image);
   // A process that begins has them read anew, however fresh they are.
   reports = {TrafficTo(1001), test::ReportOf(client::kLoadedReport, Loaded("one.exe", 7))};
-  tables.Note(&reports, kWaitMs);
+  tables.Note(&reports, kNoteMs);
   ASSERT_TRUE(reports[0].direct);
   EXPECT_EQ(reports[0].direct->delay, 48u);
 }

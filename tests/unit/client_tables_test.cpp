@@ -44,17 +44,17 @@ std::string ProblemsOf(const client::Problems& problems) {
   return all;
 }
 
-struct Placed {
+struct Stored {
   const char* text;
   RegionId region;
   size_t offset;
   std::vector<unsigned char> bytes;
 };
 
-class ClientTablesBytes : public testing::TestWithParam<Placed> {};
+class ClientTablesBytes : public testing::TestWithParam<Stored> {};
 
 TEST_P(ClientTablesBytes, StandAtTheirOffset) {
-  const Placed& placed = GetParam();
+  const Stored& placed = GetParam();
   const ConfigFile file = ParseConfig(kBase + placed.text);
   ASSERT_EQ(ProblemsOf(file.problems), "");
   const auto* const region =
@@ -86,37 +86,37 @@ constexpr char kMeasured[] =
 
 INSTANTIATE_TEST_SUITE_P(
     Headers, ClientTablesBytes,
-    testing::Values(Placed{"", client::kRoute, 0, {0x90, 0x00, 0x01, 0, 1, 0, 0, 0, 36, 0, 0, 0}},
-                    Placed{"", client::kIpTable, 0, {0x14, 0x00, 0x0a, 0, 1, 0, 0, 0, 36, 0, 0, 0}},
-                    Placed{"", client::kBlacklist, 0, {0x18, 0x60, 0, 0, 1, 0, 0, 0, 36, 0, 0, 0}},
-                    Placed{"", client::kSpur, 0, {0x10, 0x40, 0, 0, 1, 0, 0, 0, 36, 0, 0, 0}},
-                    Placed{
+    testing::Values(Stored{"", client::kRoute, 0, {0x90, 0x00, 0x01, 0, 1, 0, 0, 0, 36, 0, 0, 0}},
+                    Stored{"", client::kIpTable, 0, {0x14, 0x00, 0x0a, 0, 1, 0, 0, 0, 36, 0, 0, 0}},
+                    Stored{"", client::kBlacklist, 0, {0x18, 0x60, 0, 0, 1, 0, 0, 0, 36, 0, 0, 0}},
+                    Stored{"", client::kSpur, 0, {0x10, 0x40, 0, 0, 1, 0, 0, 0, 36, 0, 0, 0}},
+                    Stored{
                         "", client::kLaunchTest, 0, {0x10, 0x3b, 0, 0, 1, 0, 0, 0, 36, 0, 0, 0}}));
 
 INSTANTIATE_TEST_SUITE_P(
     Routes, ClientTablesBytes,
     testing::Values(
-        Placed{"", client::kRoute, kImage + 44664, {2, 0, 0, 0}},
-        Placed{"", client::kRoute, kNodes + 8, {'1', '9', '8', '.', '5', '1'}},
-        Placed{"", client::kRoute, kNodes + 40, {0x28, 0x23, 0, 0, 5, 0, 0, 0}},
-        Placed{"", client::kRoute, kNodes + 140 + 52, {'t', 'w', 'o', 0}},
-        Placed{kRoute, client::kRoute, kImage, {1, 0, 0, 0}},
-        Placed{kRoute, client::kRoute, kFirstRoute, {1, 0, 0, 0, 2, 0, 0, 0, 0xe9, 3,   0,
+        Stored{"", client::kRoute, kImage + 44664, {2, 0, 0, 0}},
+        Stored{"", client::kRoute, kNodes + 8, {'1', '9', '8', '.', '5', '1'}},
+        Stored{"", client::kRoute, kNodes + 40, {0x28, 0x23, 0, 0, 5, 0, 0, 0}},
+        Stored{"", client::kRoute, kNodes + 140 + 52, {'t', 'w', 'o', 0}},
+        Stored{kRoute, client::kRoute, kImage, {1, 0, 0, 0}},
+        Stored{kRoute, client::kRoute, kFirstRoute, {1, 0, 0, 0, 2, 0, 0, 0, 0xe9, 3,   0,
                                                      0, 3, 0, 0, 0, 4, 0, 0, 0,    'E', 0}},
-        Placed{kRoute, client::kRoute, kFirstRoute + 84, {21, 0, 0, 0, 0x2c, 1, 0, 0, 7, 0, 0, 0}},
-        Placed{kRoute, client::kRoute, kFirstRoute + 96, {6, 0, 0, 0}},
-        Placed{kRoute, client::kRoute, kFirstRoute + 136, {5, 0, 0, 0, 0, 0, 0, 0, 9, 0, 0, 0}},
-        Placed{kRoute, client::kRoute, kFirstRoute + 156, {6, 0, 0, 0, 2, 1, 0, 0}},
-        Placed{kRoute, client::kRoute, kFirstRoute + 176, {5, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+        Stored{kRoute, client::kRoute, kFirstRoute + 84, {21, 0, 0, 0, 0x2c, 1, 0, 0, 7, 0, 0, 0}},
+        Stored{kRoute, client::kRoute, kFirstRoute + 96, {6, 0, 0, 0}},
+        Stored{kRoute, client::kRoute, kFirstRoute + 136, {5, 0, 0, 0, 0, 0, 0, 0, 9, 0, 0, 0}},
+        Stored{kRoute, client::kRoute, kFirstRoute + 156, {6, 0, 0, 0, 2, 1, 0, 0}},
+        Stored{kRoute, client::kRoute, kFirstRoute + 176, {5, 0, 0, 0, 0, 0, 0, 0, 0, 0,
                                                            0, 0, 7, 0, 0, 0, 6, 0, 0, 0}},
-        Placed{kRoute, client::kRoute, kFirstRoute + 196, {6, 0, 0, 0, 5, 0, 0, 0}},
-        Placed{kRoute, client::kRoute, kFirstRoute + 196 + 24, {6, 0, 0, 0}},
-        Placed{kRoute, client::kRoute, kFirstRoute + 240, {77, 0, 0, 0, 6, 0, 0, 0, 3, 0, 0, 0}},
-        Placed{"[[route_mode2]]\ngame_idc = 1001\nref_default = { node = 6 }",
+        Stored{kRoute, client::kRoute, kFirstRoute + 196, {6, 0, 0, 0, 5, 0, 0, 0}},
+        Stored{kRoute, client::kRoute, kFirstRoute + 196 + 24, {6, 0, 0, 0}},
+        Stored{kRoute, client::kRoute, kFirstRoute + 240, {77, 0, 0, 0, 6, 0, 0, 0, 3, 0, 0, 0}},
+        Stored{"[[route_mode2]]\ngame_idc = 1001\nref_default = { node = 6 }",
                client::kRoute,
                kSet2,
                {1, 0, 0, 0}},
-        Placed{"[[route_mode2]]\ngame_idc = 1001\nref_default = { node = 6 }",
+        Stored{"[[route_mode2]]\ngame_idc = 1001\nref_default = { node = 6 }",
                client::kRoute,
                kSet2 + 4 + 176,
                {6, 0, 0, 0}}));
@@ -124,21 +124,21 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     Lists, ClientTablesBytes,
     testing::Values(
-        Placed{"", client::kIpTable, 12, {2,   0,  0,    0, 0xe9, 3, 0,   0,  198, 51,
+        Stored{"", client::kIpTable, 12, {2,   0,  0,    0, 0xe9, 3, 0,   0,  198, 51,
                                           100, 10, 0xe9, 3, 0,    0, 198, 51, 100, 11}},
-        Placed{"[[spur]]\ngame_idc = 'east'\naddresses = ['1.2.3.4']",
+        Stored{"[[spur]]\ngame_idc = 'east'\naddresses = ['1.2.3.4']",
                client::kSpur,
                12,
                {1, 0, 0, 0, 0xe9, 3, 0, 0, 1, 2, 3, 4}},
-        Placed{
+        Stored{
             "[[blacklist]]\ntype = 'UDP'\nip = '1.2.3.4'\nport = 258\ngame_id = 9",
             client::kBlacklist,
             16,
             {1, 0, 0, 0, 0, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4, 2, 1, 0, 0, 2, 0, 0, 0}},
-        Placed{kMeasured, client::kLaunchTest, 12, {1, 0, 0, 0, 0xe9, 3, 0, 0, 0x0a, 0xff, 0, 0}},
-        Placed{kMeasured, client::kLaunchTest, 16 + 72 + 8, {'1', '9', '8', '.', '5', '1'}},
-        Placed{kMeasured, client::kLaunchTest, 16 + 72 + 40, {0x29, 0x23, 0, 0, 6, 0, 0, 0}},
-        Placed{kMeasured, client::kLaunchTest, 16 + 72 + 152, {3, 0, 0, 0}}));
+        Stored{kMeasured, client::kLaunchTest, 12, {1, 0, 0, 0, 0xe9, 3, 0, 0, 0x0a, 0xff, 0, 0}},
+        Stored{kMeasured, client::kLaunchTest, 16 + 72 + 8, {'1', '9', '8', '.', '5', '1'}},
+        Stored{kMeasured, client::kLaunchTest, 16 + 72 + 40, {0x29, 0x23, 0, 0, 6, 0, 0, 0}},
+        Stored{kMeasured, client::kLaunchTest, 16 + 72 + 152, {3, 0, 0, 0}}));
 
 TEST(ClientTables, HeaderWordsAndTheIpTablesWordHaveTheirPlaces) {
   const ConfigFile file =
@@ -170,12 +170,12 @@ TEST(ClientTables, AProxyMayBeTakenFromANode) {
   EXPECT_EQ(proxy.version, 3u);
 }
 
-struct Refusal {
+struct Refused {
   const char* text;  // behind the fifteen lines
   const char* report;
 };
 
-class ClientTablesRefusal : public testing::TestWithParam<Refusal> {};
+class ClientTablesRefusal : public testing::TestWithParam<Refused> {};
 
 TEST_P(ClientTablesRefusal, NamesFileLineAndKey) {
   const ConfigFile file = ParseConfig(kBase + GetParam().text);
@@ -186,94 +186,94 @@ TEST_P(ClientTablesRefusal, NamesFileLineAndKey) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, ClientTablesRefusal,
     testing::Values(
-        Refusal{"[[route]]\ngame_idc = 'east'\nref_default = { node = 'tow' }",
+        Refused{"[[route]]\ngame_idc = 'east'\nref_default = { node = 'tow' }",
                 "18: key 'route[0].ref_default.node': no [[node]] has the name 'tow'; did you mean "
                 "'two'?"},
-        Refusal{"[[route]]\ngame_idc = 'east'\nref_default = { node = 'unheard of' }",
+        Refused{"[[route]]\ngame_idc = 'east'\nref_default = { node = 'unheard of' }",
                 "18: key 'route[0].ref_default.node': no [[node]] has the name 'unheard of'"},
-        Refusal{"[[route]]\ngame_idc = 'east'\nref_default = { node = 9 }",
+        Refused{"[[route]]\ngame_idc = 'east'\nref_default = { node = 9 }",
                 "18: key 'route[0].ref_default.node': 9 is the proxy_idc of no [[node]]"},
-        Refusal{"[[route]]\ngame_idc = 'east'\nref_default = { node = 0 }",
+        Refused{"[[route]]\ngame_idc = 'east'\nref_default = { node = 0 }",
                 "18: key 'route[0].ref_default.node': must be a node even where the verdict is "
                 "against it: without one the verdict is lost and reads as DECISION_ACCE towards no "
                 "address"},
-        Refusal{"[[route]]\ngame_idc = 'east'\n", "16: key 'route[0].ref_default': is missing"},
-        Refusal{"[[route]]\ngame_idc = 'east'\nref_default = { decision = 1 }",
+        Refused{"[[route]]\ngame_idc = 'east'\n", "16: key 'route[0].ref_default': is missing"},
+        Refused{"[[route]]\ngame_idc = 'east'\nref_default = { decision = 1 }",
                 "18: key 'route[0].ref_default.node': is missing"},
-        Refusal{
+        Refused{
             "[[route]]\ngame_idc = 'eats'\nref_default = { node = 5 }",
             "17: key 'route[0].game_idc': no [[idc]] has the name 'eats'; did you mean 'east'?"},
-        Refusal{"[[route]]\ngame_idc = 0\nref_default = { node = 5 }",
+        Refused{"[[route]]\ngame_idc = 0\nref_default = { node = 5 }",
                 "17: key 'route[0].game_idc': 0 is out of range, which is 1 to 4294967295"},
-        Refusal{"[[route]]\ngame_idc = 1001\nref_default = { node = 5, decision = 'DIRECT' }",
+        Refused{"[[route]]\ngame_idc = 1001\nref_default = { node = 5, decision = 'DIRECT' }",
                 "18: key 'route[0].ref_default.decision': 'DIRECT' is unknown; the names are "
                 "DECISION_ACCE, DECISION_DIRECT, DECISION_NOT_ACCE_SAME_ISP, DECISION_NOT_ACCE, "
                 "DECISION_FORCE_ACCE_AUTO, DECISION_OVER_MAX_BOTH, DECISION_OVER_MAX_DELAY, "
                 "DECISION_OVER_MAX_LOST, DECISION_FORCE_ACCE_MANUAL"},
-        Refusal{"[[route]]\ngame_idc = 1001\nref_default = { node = 5 }\n"
+        Refused{"[[route]]\ngame_idc = 1001\nref_default = { node = 5 }\n"
                 "[[route]]\ngame_idc = 'east'\nref_default = { node = 6 }",
                 "20: key 'route[1].game_idc': is that of route[0] too, in line 16"},
-        Refusal{"[[route]]\ngame_idc = 1001\nref_default = { node = 5 }\n"
+        Refused{"[[route]]\ngame_idc = 1001\nref_default = { node = 5 }\n"
                 "top_refs = [{ node = 5 }, { node = 5 }, { node = 5 }, { node = 5 }]",
                 "19: key 'route[0].top_refs': takes at most 3 entries, found 4"},
-        Refusal{"[[route]]\ngame_idc = 1001\nref_default = { node = 5 }\nswitch_groups = [\n"
+        Refused{"[[route]]\ngame_idc = 1001\nref_default = { node = 5 }\nswitch_groups = [\n"
                 "{ last_node = 5, candidates = [] },\n{ last_node = 'one', candidates = [] }]",
                 "21: key 'route[0].switch_groups[1].last_node': is that of "
                 "route[0].switch_groups[0] too, in line 20"},
-        Refusal{"[[route]]\ngame_idc = 1001\nref_default = { node = 5, last_node = 'nobody' }",
+        Refused{"[[route]]\ngame_idc = 1001\nref_default = { node = 5, last_node = 'nobody' }",
                 "18: key 'route[0].ref_default.last_node': no [[node]] has the name 'nobody'"},
-        Refusal{"[[node]]\nproxy_addr = '1.2.3.4'\nproxy_port = 1\nproxy_idc = 5",
+        Refused{"[[node]]\nproxy_addr = '1.2.3.4'\nproxy_port = 1\nproxy_idc = 5",
                 "19: key 'node[2].proxy_idc': is that of node[0] too, in line 2"},
-        Refusal{"[[node]]\nproxy_name = 'two'\nproxy_addr = '1.2.3.4'\nproxy_port = 1\n"
+        Refused{"[[node]]\nproxy_name = 'two'\nproxy_addr = '1.2.3.4'\nproxy_port = 1\n"
                 "proxy_idc = 8",
                 "17: key 'node[2].proxy_name': is that of node[1] too, in line 7"},
-        Refusal{"[[node]]\nproxy_addr = '1.2.3.4'\nproxy_port = 1\nproxy_idc = 0",
+        Refused{"[[node]]\nproxy_addr = '1.2.3.4'\nproxy_port = 1\nproxy_idc = 0",
                 "19: key 'node[2].proxy_idc': 0 is out of range, which is 1 to 4294967295"},
-        Refusal{"[[node]]\nproxy_addr = '1.2.3'\nproxy_port = 1\nproxy_idc = 8",
+        Refused{"[[node]]\nproxy_addr = '1.2.3'\nproxy_port = 1\nproxy_idc = 8",
                 "17: key 'node[2].proxy_addr': '1.2.3' is no dotted IPv4 address"},
-        Refusal{"[[idc]]\ngame_idc = 1001\naddresses = []",
+        Refused{"[[idc]]\ngame_idc = 1001\naddresses = []",
                 "17: key 'idc[1].game_idc': is that of idc[0] too, in line 12"},
-        Refusal{"[[idc]]\ngame_idc = 1002\nname = 'east'\naddresses = []",
+        Refused{"[[idc]]\ngame_idc = 1002\nname = 'east'\naddresses = []",
                 "18: key 'idc[1].name': is that of idc[0] too, in line 12"},
-        Refusal{"[[idc]]\ngame_idc = 1302\nvip_level = 2\naddresses = []",
+        Refused{"[[idc]]\ngame_idc = 1302\nvip_level = 2\naddresses = []",
                 "18: key 'idc[1].vip_level': the hundreds digit of game_idc 1302 is 3"},
-        Refusal{"[[idc]]\ngame_idc = 1002\naddresses = [\n'1.2.3.4',\n'198.51.100.10']",
+        Refused{"[[idc]]\ngame_idc = 1002\naddresses = [\n'1.2.3.4',\n'198.51.100.10']",
                 "20: key 'idc[1].addresses[1]': '198.51.100.10' stands in line 15 already"},
-        Refusal{"[[idc]]\ngame_idc = 1002\naddresses = ['host']",
+        Refused{"[[idc]]\ngame_idc = 1002\naddresses = ['host']",
                 "18: key 'idc[1].addresses[0]': 'host' is no dotted IPv4 address"},
-        Refusal{"[[idc]]\ngame_idc = 1002\naddresses = [1]",
+        Refused{"[[idc]]\ngame_idc = 1002\naddresses = [1]",
                 "18: key 'idc[1].addresses[0]': wants a text, found a whole number"},
-        Refusal{"[[idc]]\ngame_idc = 1002\naddresses = 'x'",
+        Refused{"[[idc]]\ngame_idc = 1002\naddresses = 'x'",
                 "18: key 'idc[1].addresses': wants a list, found a text"},
-        Refusal{"[[idc]]\ngame_idc = 1002", "16: key 'idc[1].addresses': is missing"},
-        Refusal{"[spur]\ngame_idc = 1002",
+        Refused{"[[idc]]\ngame_idc = 1002", "16: key 'idc[1].addresses': is missing"},
+        Refused{"[spur]\ngame_idc = 1002",
                 "16: key 'spur': is a list: begin each of its entries with [[spur]], with two "
                 "brackets"},
-        Refusal{"[[spur]]\ngame_idc = 'west'\naddresses = []",
+        Refused{"[[spur]]\ngame_idc = 'west'\naddresses = []",
                 "17: key 'spur[0].game_idc': no [[idc]] has the name 'west'"},
-        Refusal{"[[spur]]\ngame_idc = 1\nvip_level = 0\naddresses = []",
+        Refused{"[[spur]]\ngame_idc = 1\nvip_level = 0\naddresses = []",
                 "18: key 'spur[0].vip_level': is unknown here"},
-        Refusal{"[[spur]]\ngame_idc = 1\naddresses = ['1.2.3.4', '1.2.3.4']",
+        Refused{"[[spur]]\ngame_idc = 1\naddresses = ['1.2.3.4', '1.2.3.4']",
                 "18: key 'spur[0].addresses[1]': '1.2.3.4' stands in line 18 already"},
-        Refusal{"[[blacklist]]\nip = '1.2.3.4'", "16: key 'blacklist[0].type': is missing"},
-        Refusal{"[[blacklist]]\ntype = 3\nport = 1",
+        Refused{"[[blacklist]]\nip = '1.2.3.4'", "16: key 'blacklist[0].type': is missing"},
+        Refused{"[[blacklist]]\ntype = 3\nport = 1",
                 "17: key 'blacklist[0].type': 3 is out of range, which is 1 to 2"},
-        Refusal{"[[blacklist]]\ntype = 'ICMP'\nport = 1",
+        Refused{"[[blacklist]]\ntype = 'ICMP'\nport = 1",
                 "17: key 'blacklist[0].type': 'ICMP' is unknown; the names are TCP, UDP"},
-        Refusal{"[[blacklist]]\ntype = 1\nip = '1.2.3.04'",
+        Refused{"[[blacklist]]\ntype = 1\nip = '1.2.3.04'",
                 "18: key 'blacklist[0].ip': '1.2.3.04' is no dotted IPv4 address"},
-        Refusal{"[[blacklist]]\ntype = 1\nport = 65536",
+        Refused{"[[blacklist]]\ntype = 1\nport = 65536",
                 "18: key 'blacklist[0].port': 65536 is out of range, which is 0 to 65535"},
-        Refusal{"[[launch_test]]\ngame_idc = 1\nglt_head = '0'\nproxy = { node = 'one' }",
+        Refused{"[[launch_test]]\ngame_idc = 1\nglt_head = '0'\nproxy = { node = 'one' }",
                 "18: key 'launch_test[0].glt_head': '0' is no text of hexadecimal digits, two for "
                 "each byte"},
-        Refusal{"[[launch_test]]\ngame_idc = 1\nproxy = { node = 'oen' }",
+        Refused{"[[launch_test]]\ngame_idc = 1\nproxy = { node = 'oen' }",
                 "18: key 'launch_test[0].proxy.node': no [[node]] has the name 'oen'; did you mean "
                 "'one'?"},
-        Refusal{"[[launch_test]]\ngame_idc = 1\nproxy = { node = 5 }",
+        Refused{"[[launch_test]]\ngame_idc = 1\nproxy = { node = 5 }",
                 "18: key 'launch_test[0].proxy.node': wants a text, found a whole number"},
-        Refusal{"[[nodes]]\n", "16: key 'nodes': is unknown; did you mean 'node'?"},
-        Refusal{"[proxy_count]\n", "16: key 'proxy_count': is counted from 'node'; leave it out"}));
+        Refused{"[[nodes]]\n", "16: key 'nodes': is unknown; did you mean 'node'?"},
+        Refused{"[proxy_count]\n", "16: key 'proxy_count': is counted from 'node'; leave it out"}));
 
 TEST(ClientTables, MissingBothModesIsRefusedOnlyWhereAGameUsesIt) {
   const std::string route = "[[route]]\ngame_idc = 1001\nref_default = { node = 5 }\n";
@@ -297,7 +297,7 @@ TEST(ClientTables, TheSameAddressMayServeSeveralLevels) {
 }
 
 TEST(ClientTables, WarnsAboutEntriesWithoutEffect) {
-  const Refusal doubts[] = {
+  const Refused doubts[] = {
       {"[[route]]\ngame_idc = 7\nref_default = { node = 5 }",
        "17: warning: key 'route[0].game_idc': no address and no port leads to 7, so this route is "
        "never used"},
@@ -309,7 +309,7 @@ TEST(ClientTables, WarnsAboutEntriesWithoutEffect) {
        "19: warning: key 'route[0].switch_groups[0]': its last_node is above 65535 and cannot be "
        "asked for"},
   };
-  for (const Refusal& doubt : doubts) {
+  for (const Refused& doubt : doubts) {
     const ConfigFile file = ParseConfig(kBase + doubt.text);
     EXPECT_EQ(ProblemsOf(file.problems), std::string("file:") + doubt.report + "\n");
     EXPECT_FALSE(HasErrors(file.problems));

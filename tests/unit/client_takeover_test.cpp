@@ -23,7 +23,7 @@ using namespace moru_vyr::lsp;
 
 constexpr unsigned kTakeoverWaitMs = 1000;
 
-const std::string kGame =
+const std::string kText =
     "[[game]]\ngame_id = 1\ngame_paths = []\nnet_mode = ['TCP']\nlog_level = 6\n"
     "log_path = 'C:\\a\\'\nacc_mode = 1\ngame_launch_test_use = 1\n";
 
@@ -49,7 +49,7 @@ std::string Changes(const TakeoverReport& report) {
 
 TEST(ClientTakeover, TheFirstTextCreatesTheRegionsThatItFills) {
   Takeover takeover({});
-  const TakeoverReport report = takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
+  const TakeoverReport report = takeover.Apply(kText + Nodes("1.2.3.4"), kTakeoverWaitMs);
   EXPECT_EQ(report.failure, "");
   EXPECT_EQ(Changes(report),
             "games: 1 game\nroute table: 1 node, 1 route and 0 for acc_mode 2\n"
@@ -61,20 +61,20 @@ TEST(ClientTakeover, TheFirstTextCreatesTheRegionsThatItFills) {
 // An existing route region keeps the library from the route file, so none may be made.
 TEST(ClientTakeover, AFileWithoutRoutesMakesNoRouteRegion) {
   Takeover takeover({});
-  EXPECT_EQ(Changes(takeover.Apply(kGame, kTakeoverWaitMs)), "games: 1 game\n");
+  EXPECT_EQ(Changes(takeover.Apply(kText, kTakeoverWaitMs)), "games: 1 game\n");
   EXPECT_FALSE(common::Shared_mem_obj::Exists(kRouteRegionName));
 }
 
 TEST(ClientTakeover, OnlyChangesAreWritten) {
   Takeover takeover({});
-  takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
-  EXPECT_EQ(Changes(takeover.Apply("# a comment\n" + kGame + Nodes("1.2.3.4"), kTakeoverWaitMs)),
+  takeover.Apply(kText + Nodes("1.2.3.4"), kTakeoverWaitMs);
+  EXPECT_EQ(Changes(takeover.Apply("# a comment\n" + kText + Nodes("1.2.3.4"), kTakeoverWaitMs)),
             "");
-  EXPECT_EQ(Changes(takeover.Apply(kGame + Nodes("1.2.3.5"), kTakeoverWaitMs)),
+  EXPECT_EQ(Changes(takeover.Apply(kText + Nodes("1.2.3.5"), kTakeoverWaitMs)),
             "route table: 1 node, 1 route and 0 for acc_mode 2\n");
-  EXPECT_EQ(Changes(takeover.Apply(kGame + Nodes("1.2.3.5") + Spur("9.9.9.9"), kTakeoverWaitMs)),
+  EXPECT_EQ(Changes(takeover.Apply(kText + Nodes("1.2.3.5") + Spur("9.9.9.9"), kTakeoverWaitMs)),
             "spur list: 1 address\n");
-  EXPECT_EQ(Changes(takeover.Apply(kGame, kTakeoverWaitMs)),
+  EXPECT_EQ(Changes(takeover.Apply(kText, kTakeoverWaitMs)),
             "route table: 0 nodes, 0 routes and 0 for acc_mode 2\nIP table: 0 addresses\n"
             "spur list: 0 addresses\n");
   EXPECT_EQ(ReadRegions(kTakeoverWaitMs).tables->spur.spur_count, 0u);
@@ -87,17 +87,17 @@ TEST(ClientTakeover, AListThatShrinksToNothingSaysWhatItHeld) {
     for (const client::Change& change : report.changes) all += change.lost + ";";
     return all;
   };
-  const std::string full = kGame + Nodes("1.2.3.4") + Spur("9.9.9.9");
+  const std::string full = kText + Nodes("1.2.3.4") + Spur("9.9.9.9");
   EXPECT_EQ(lost(takeover.Apply(full, kTakeoverWaitMs)), ";;;;") << "there was nothing to lose";
-  EXPECT_EQ(lost(takeover.Apply(kGame + Nodes("1.2.3.5") + Spur("9.9.9.9"), kTakeoverWaitMs)), ";");
-  EXPECT_EQ(lost(takeover.Apply(kGame, kTakeoverWaitMs)),
+  EXPECT_EQ(lost(takeover.Apply(kText + Nodes("1.2.3.5") + Spur("9.9.9.9"), kTakeoverWaitMs)), ";");
+  EXPECT_EQ(lost(takeover.Apply(kText, kTakeoverWaitMs)),
             "1 node, 1 route and 0 for acc_mode 2;1 address;1 address;");
   EXPECT_EQ(lost(takeover.Apply("game = []\n", kTakeoverWaitMs)), "1 game;");
 }
 
 TEST(ClientTakeover, GamesThatAreMendedAreCounted) {
   Takeover takeover({});
-  EXPECT_EQ(Changes(takeover.Apply(kGame + "mend = 'all'\n", kTakeoverWaitMs)),
+  EXPECT_EQ(Changes(takeover.Apply(kText + "mend = 'all'\n", kTakeoverWaitMs)),
             "mending: 1 game\ngames: 1 game\n");
 }
 
@@ -118,9 +118,9 @@ TEST(ClientOnlyServer, ASecondOneIsToldOfTheFirst) {
 
 TEST(ClientTakeover, ABrokenTextLeavesEverythingInForce) {
   Takeover takeover({});
-  takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
+  takeover.Apply(kText + Nodes("1.2.3.4"), kTakeoverWaitMs);
   const auto before = ReadRegions(kTakeoverWaitMs);
-  for (const std::string& broken : {kGame + Nodes("1.2.3.400"), kGame + "nonsense = 1\n",
+  for (const std::string& broken : {kText + Nodes("1.2.3.400"), kText + "nonsense = 1\n",
                                     std::string("[[game]"), std::string("game = 5")}) {
     const TakeoverReport report = takeover.Apply(broken, kTakeoverWaitMs);
     EXPECT_TRUE(HasErrors(report.problems));
@@ -130,7 +130,7 @@ TEST(ClientTakeover, ABrokenTextLeavesEverythingInForce) {
   const auto after = ReadRegions(kTakeoverWaitMs);
   EXPECT_EQ(std::memcmp(before.tables.get(), after.tables.get(), sizeof(client::Tables)), 0);
   // And a valid one is taken over as if nothing had happened.
-  EXPECT_NE(Changes(takeover.Apply(kGame + Nodes("1.2.3.5"), kTakeoverWaitMs)), "");
+  EXPECT_NE(Changes(takeover.Apply(kText + Nodes("1.2.3.5"), kTakeoverWaitMs)), "");
 }
 
 uint32_t Selector() {
@@ -146,11 +146,11 @@ uint32_t Selector() {
 // A reader of the old buffer is never disturbed: each edit goes into the other one.
 TEST(ClientTakeover, EachNewRouteTableGoesIntoTheOtherBuffer) {
   Takeover takeover({});
-  takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
+  takeover.Apply(kText + Nodes("1.2.3.4"), kTakeoverWaitMs);
   const uint32_t first = Selector();
-  takeover.Apply(kGame + Nodes("1.2.3.5"), kTakeoverWaitMs);
+  takeover.Apply(kText + Nodes("1.2.3.5"), kTakeoverWaitMs);
   EXPECT_EQ(Selector(), 1 - first);
-  takeover.Apply(kGame + Nodes("1.2.3.6"), kTakeoverWaitMs);
+  takeover.Apply(kText + Nodes("1.2.3.6"), kTakeoverWaitMs);
   EXPECT_EQ(Selector(), first);
 }
 
@@ -176,10 +176,10 @@ class ClientTakeoverGame : public testing::Test {
 
 TEST_F(ClientTakeoverGame, ARunningGameSeesANewRouteTableAtItsNextLookup) {
   Takeover takeover({});
-  takeover.Apply(kGame + Nodes("1.2.3.4"), kTakeoverWaitMs);
+  takeover.Apply(kText + Nodes("1.2.3.4"), kTakeoverWaitMs);
   Start(takeover);
   EXPECT_EQ(Node(), "1.2.3.4");
-  takeover.Apply(kGame + Nodes("1.2.3.5"), kTakeoverWaitMs);
+  takeover.Apply(kText + Nodes("1.2.3.5"), kTakeoverWaitMs);
   EXPECT_EQ(Node(), "1.2.3.5");
 }
 
@@ -190,22 +190,22 @@ TEST_F(ClientTakeoverGame, ARunningGameSeesANewLaunchTestAtItsNextDecision) {
            address + "', proxy_port = 1, proxy_idc = 1 }\n";
   };
   Takeover takeover({});
-  takeover.Apply(kGame + Nodes("1.2.3.4") + measured("5.5.5.5"), kTakeoverWaitMs);
+  takeover.Apply(kText + Nodes("1.2.3.4") + measured("5.5.5.5"), kTakeoverWaitMs);
   Start(takeover);
   EXPECT_EQ(Node(), "5.5.5.5");
-  takeover.Apply(kGame + Nodes("1.2.3.4") + measured("6.6.6.6"), kTakeoverWaitMs);
+  takeover.Apply(kText + Nodes("1.2.3.4") + measured("6.6.6.6"), kTakeoverWaitMs);
   EXPECT_EQ(Node(), "6.6.6.6");
 }
 
 TEST_F(ClientTakeoverGame, ARunningGameIsNotifiedOfANewSpurListAndReadsIt) {
   Takeover takeover({GetCurrentProcessId()});
-  takeover.Apply(kGame + Nodes("1.2.3.4") + Spur("9.9.9.9"), kTakeoverWaitMs);
+  takeover.Apply(kText + Nodes("1.2.3.4") + Spur("9.9.9.9"), kTakeoverWaitMs);
   Start(takeover);
   const uint32_t added = static_cast<uint32_t>(inet_addr("9.9.9.8"));
   uint32_t idc = 0;
   EXPECT_FALSE(route_.GetGameIDC(added, 0, &idc, false));
   const TakeoverReport report =
-      takeover.Apply(kGame + Nodes("1.2.3.4") + Spur("9.9.9.8"), kTakeoverWaitMs);
+      takeover.Apply(kText + Nodes("1.2.3.4") + Spur("9.9.9.8"), kTakeoverWaitMs);
   ASSERT_EQ(report.changes.size(), 1u);
   EXPECT_EQ(report.changes[0].notified, 1u);
   EXPECT_FALSE(route_.GetGameIDC(added, 0, &idc, false));
