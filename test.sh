@@ -72,8 +72,10 @@ report() {  # preset, the exit code of its suites, seconds
 # former run beside the latter, and after them in the scheduler's eyes.
 start_simulation() {
   simulation_began=$SECONDS
+  set -m  # a process group of its own, so that whoever ends this ends it as well
   run_suites sim 10 &
   simulation=$!
+  set +m
 }
 
 report_simulation() {
@@ -116,7 +118,7 @@ for preset in "${presets[@]}"; do
 done
 
 simulation=
-trap '[ -z "$simulation" ] || kill "$simulation"' EXIT
+trap '[ -z "$simulation" ] || kill -- "-$simulation"' EXIT
 for preset in ${built[@]+"${built[@]}"}; do
   case "$preset ${built[*]}" in "sim "*windows-*) start_simulation; continue ;; esac
   began=$SECONDS
