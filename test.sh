@@ -51,17 +51,20 @@ build() {  # preset; its targets, by default all
   return 1
 }
 
-run_suites() {  # preset, and what ctest is run with; the time it took is the shell's to know
-  local preset=$1 jobs
+run_suites() {  # preset, and how much nicer than others
+  local preset=$1 jobs began=$SECONDS code
   jobs=$(nproc)
-  case "$preset" in windows-*) jobs=$((jobs + 1)) ;; esac  # they wait more than they compute
+  case "$preset" in posix|windows-*) jobs=$((jobs + 1)) ;; esac  # they wait more than they compute
   nice -n "${2:-0}" ctest --preset "$preset" --verbose --parallel "$jobs" >"build/$preset/test.log" 2>&1
+  code=$?
+  echo $((SECONDS - began)) >"build/$preset/test.seconds"
+  return $code
 }
 
-report() {  # preset, the exit code of its suites, seconds
+report() {  # preset, the exit code of its suites
   local log=build/$1/test.log
   results+=("$log")
-  printf '%-12s testing  ... %s\n' "$1" "$(scripts/count_tests.py "$log") ($3 s)"
+  printf '%-12s testing  ... %s\n' "$1" "$(scripts/count_tests.py "$log") ($(cat "build/$1/test.seconds") s)"
   if [ "$2" != 0 ]; then
     failed=yes
     scripts/count_tests.py --failures "$log"
@@ -71,7 +74,6 @@ report() {  # preset, the exit code of its suites, seconds
 # The suites of the simulation only compute, in a time of their own; those under Wine mostly wait. So the
 # former run beside the latter, and after them in the scheduler's eyes.
 start_simulation() {
-  simulation_began=$SECONDS
   set -m  # a process group of its own, so that whoever ends this ends it as well
   run_suites sim 10 &
   simulation=$!
@@ -83,7 +85,7 @@ report_simulation() {
   wait "$simulation"
   code=$?
   simulation=
-  report sim $code $((SECONDS - simulation_began))
+  report sim $code
 }
 
 wine_works() {  # preset, which has been built
@@ -121,9 +123,8 @@ simulation=
 trap '[ -z "$simulation" ] || kill -- "-$simulation"' EXIT
 for preset in ${built[@]+"${built[@]}"}; do
   case "$preset ${built[*]}" in "sim "*windows-*) start_simulation; continue ;; esac
-  began=$SECONDS
   run_suites "$preset"
-  report "$preset" $? $((SECONDS - began))
+  report "$preset" $?
 done
 [ -z "$simulation" ] || report_simulation
 
