@@ -4,10 +4,12 @@
   scripts/fuzz.sh --minutes 60 --jobs 2 udp_flow_fuzz tcp_session_fuzz
   scripts/fuzz.sh --minutes 60 --in-all               what is missing of an hour each, after earlier runs
   scripts/fuzz.sh --merge                             takes what was found into fuzz/corpus, minimised
+  scripts/fuzz.sh --totals                            what all runs have done
 
 What a target finds new stays in build/fuzz/found/TARGET, and the next run goes on from there; how long
-it has run in all stays in build/fuzz/found/TARGET.json. A target ends at its first finding, which goes
-to build/fuzz/findings. Exit codes: 0 nothing was found, 1 something was, 2 wrong usage or no build.
+it has run in all stays in build/fuzz/found/TARGET.json, and --merge adds it to fuzz/campaign.json, so that
+another machine goes on as well. A target ends at its first finding, which goes to build/fuzz/findings.
+Exit codes: 0 nothing was found, 1 something was, 2 wrong usage or no build.
 """
 import argparse
 import json
@@ -24,7 +26,9 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "fuzz"
 CORPUS = ROOT / "fuzz" / "corpus"
+CAMPAIGN = ROOT / "fuzz" / "campaign.json"
 FINDINGS = BUILD / "findings"
+NOTHING = {"cpu_seconds": 0, "runs": 0, "edges": 0}
 # The limit of one input goes by the clock; a target may get a twentieth of a processor, or be stopped for a while.
 LIMITS = ["-timeout=1200", "-report_slow_units=1200", "-rss_limit_mb=2048"]
 PROGRESS_SECONDS = 15
@@ -70,24 +74,49 @@ def build(targets):
     subprocess.run(["cmake", "--build", "--preset", "fuzz", "--target", *targets], cwd=ROOT, check=True)
 
 
+def read_totals(path):
+    try:
+        return json.loads(path.read_text()) if path.exists() else {}
+    except ValueError:
+        fail(f"{shown(path)} is not as this program writes it; without it, counting starts again")
+
+
+def write_totals(path, totals):
+    beside = path.with_suffix(".new")
+    beside.write_text(json.dumps(totals, indent=2) + "\n")
+    beside.replace(path)
+
+
 class Total:
-    """What all runs of a target have done together; one file for each."""
+    """What all runs of a target have done together: those before the last --merge, and those since."""
 
     def __init__(self, target):
+        self.target = target
         self.path = BUILD / "found" / f"{target}.json"
-        self.cpu_seconds, self.runs = 0.0, 0
-        if self.path.exists():
-            try:
-                kept = json.loads(self.path.read_text())
-                self.cpu_seconds, self.runs = float(kept["cpu_seconds"]), int(kept["runs"])
-            except (ValueError, KeyError, TypeError):
-                fail(f"{shown(self.path)} is not as this program writes it; without it, counting starts again")
+        self.merged = read_totals(CAMPAIGN).get(target, NOTHING)
+        self.since = {**NOTHING, **read_totals(self.path)}
 
-    def keep(self, more_seconds, more_runs):
-        text = json.dumps({"cpu_seconds": round(self.cpu_seconds + more_seconds, 1), "runs": self.runs + more_runs})
-        beside = self.path.with_suffix(".new")
-        beside.write_text(text + "\n")
-        beside.replace(self.path)
+    @property
+    def cpu_seconds(self):
+        return self.merged["cpu_seconds"] + self.since["cpu_seconds"]
+
+    @property
+    def runs(self):
+        return self.merged["runs"] + self.since["runs"]
+
+    @property
+    def edges(self):
+        return self.since["edges"] or self.merged["edges"]
+
+    def keep(self, more_seconds, more_runs, edges):
+        write_totals(self.path, {"cpu_seconds": round(self.since["cpu_seconds"] + more_seconds, 1),
+                                 "runs": self.since["runs"] + more_runs, "edges": edges})
+
+    def merge(self):
+        totals = read_totals(CAMPAIGN)
+        totals[self.target] = {"cpu_seconds": round(self.cpu_seconds), "runs": self.runs, "edges": self.edges}
+        write_totals(CAMPAIGN, dict(sorted(totals.items())))
+        self.path.unlink(missing_ok=True)
 
 
 def cpu_seconds_of(pid):
@@ -154,9 +183,8 @@ class Run:
         return stats.get("number_of_executed_units", runs), edges, features, stats.get("new_units_added", 0)
 
     def keep_total(self):
-        self.total.keep(self.cpu_seconds, self.statistics()[0])
-    def text(self):
-        return self.log.read_text(errors="replace")
+        runs, edges, _, _ = self.statistics()
+        self.total.keep(self.cpu_seconds, runs, edges)
 
     def progress(self):
         runs, edges, _, _ = self.statistics()
@@ -205,17 +233,31 @@ def run_all(targets, seconds, jobs):
     return results
 
 
-def print_table(results):
+def print_results(results):
     columns = {"target": "target", "cpu_seconds": "CPU seconds", "runs": "executions",
                "runs_per_cpu_second": "a CPU second", "edges": "edges", "features": "features",
                "new_inputs": "new inputs", "cpu_seconds_in_all": "CPU seconds in all",
                "runs_in_all": "executions in all"}
-    head = (*columns.values(), "findings")
-    rows = [(*(str(one[key]) for key in columns), str(len(one["findings"]))) for one in results]
+    print_table((*columns.values(), "findings"),
+                [(*(one[key] for key in columns), len(one["findings"])) for one in results])
+    print_findings(results)
+
+
+def print_totals(targets):
+    totals = [Total(target) for target in targets]
+    print_table(("target", "CPU seconds", "executions", "edges"),
+                [(one.target, round(one.cpu_seconds), one.runs, one.edges) for one in totals])
+
+
+def print_table(head, rows):
+    rows = [[str(cell) for cell in row] for row in rows]
     widths = [max(len(row[i]) for row in [head, *rows]) for i in range(len(head))]
     for row in [head, *rows]:
         cells = [row[0].ljust(widths[0])] + [cell.rjust(width) for cell, width in zip(row[1:], widths[1:])]
         print("  ".join(cells))
+
+
+def print_findings(results):
     for one in results:
         for finding in one["findings"]:
             print(f"\n{one['target']} has found something. To repeat it:\n  {finding}")
@@ -243,6 +285,7 @@ def merge(target, most_bytes):
             shutil.copy(pathlib.Path(chosen) / name, corpus / name)
     size = sum(path.stat().st_size for path in corpus.iterdir())
     print(f"{target}: {len(list(corpus.iterdir()))} inputs, {size} bytes, {len(after - before)} new")
+    Total(target).merge()
 
 
 def main():
@@ -261,6 +304,7 @@ def main():
                         "the found inputs that add something into fuzz/corpus")
     parser.add_argument("--most-bytes", type=int, default=4096, metavar="N",
                         help="of an input that --merge takes (4096)")
+    parser.add_argument("--totals", action="store_true", help="print what all runs have done, and run nothing")
     parser.add_argument("--list", action="store_true", help="print the targets' names")
     parser.add_argument("--no-build", action="store_true", help="run what is built")
     options = parser.parse_args()
@@ -275,6 +319,9 @@ def main():
         fail("--minutes and --jobs take numbers above 0")
     targets = options.targets or [target for target in known
                                   if not (options.without_client and of_client(target))]
+    if options.totals:
+        print_totals(targets)
+        return 0
     if not options.no_build:
         try:
             build(targets)
@@ -294,7 +341,7 @@ def main():
                 print(f"{target}: has had {done[target]:.0f} s of {wanted:.0f} s", file=sys.stderr)
         results = run_all(targets, {target: wanted - done[target] for target in targets}, options.jobs)
         if results:
-            print_table(results)
+            print_results(results)
     if options.json:
         text = json.dumps(results, indent=2) + "\n"
         if options.json == "-":

@@ -137,7 +137,10 @@ std::string SocketTable::ListOf(const Process& process) const {
 }
 
 void SocketTable::Remove(SOCKET handle) {
-  if (sockets_.erase(handle) > 0) closed_.push_back(handle);
+  constexpr size_t kMostKept = 4096;  // more than a world has sockets
+  if (sockets_.erase(handle) == 0) return;
+  closed_.push_back(handle);
+  if (closed_.size() > kMostKept) closed_.pop_front();
 }
 
 void SocketTable::CloseAllOf(Process& process) {

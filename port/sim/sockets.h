@@ -5,6 +5,7 @@
 #pragma once
 #include <winsock2.h>
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -73,7 +74,7 @@ class SocketTable {
  private:
   bool reuse_;  // true: the value that was closed last is reused first
   SOCKET next_ = 0x100;
-  std::vector<SOCKET> closed_;
+  std::deque<SOCKET> closed_;  // the latest ones; a search closes sockets for hours
   std::map<SOCKET, SocketRef> sockets_;
 };
 

@@ -204,6 +204,16 @@ SCENARIO_F(SimFaults, ClosedSocketHandlesAreReusedOnlyOnRequest) {
   EXPECT_EQ(Tcp(), second);
 }
 
+// A search opens and closes sockets for hours in one world.
+SCENARIO_F(SimFaults, OnlyTheLatestClosedSocketsAreRemembered) {
+  constexpr int kMany = 5000;
+  const SOCKET first = Udp();
+  closesocket(first);
+  for (int i = 0; i < kMany; ++i) closesocket(Udp());
+  world.ReuseSocketHandles(true);
+  for (int i = 0; i <= kMany; ++i) EXPECT_NE(Udp(), first);
+}
+
 SCENARIO_F(SimFaults, EachProcessHasItsOwnRecord) {
   sim::Process& game = world.AddProcess(client, "game", L"C:\\games\\play.exe", "play.exe -fast");
   world.Spawn(game, "main", [&] {
