@@ -11,7 +11,9 @@
 
 #include "common/function_trace.h"
 #include "common/log_file.h"
+#include "tests/support/end_worker.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/report_client.h"
 #include "tests/support/threads.h"
 #include "tests/unit/out_of_memory.h"
 #include "tests/unit/trace_capture.h"
@@ -24,13 +26,24 @@ using common::LspTrace;
 using test::LogCapture;
 using test::TraceCapture;
 
+// The tests read whole logs: threads that other tests have left may write no line into them.
+class Log : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    test::EndWorker();
+    test::EndTheTrackerOfTheProcess();
+  }
+};
+
+using FunctionTrace = Log;
+
 // What follows the last header of the text.
 std::string LastMessage(const std::string& text, const std::string& tag = "[lsp]") {
   const std::size_t start = text.rfind(tag);
   return start == std::string::npos ? "" : text.substr(start + tag.size());
 }
 
-TEST(Log, LineHasTimeThreadLevelTagAndOneNewline) {
+TEST_F(Log, LineHasTimeThreadLevelTagAndOneNewline) {
   LogCapture log;
   LspLog(4, "socket=%Id, token=%u, id=%llu", static_cast<SOCKET>(17), 3u, 1ull << 40);
   const std::regex line(
@@ -52,7 +65,7 @@ std::string LocalTime() {
   return text;
 }
 
-TEST(Log, LineHasItsLocalTime) {
+TEST_F(Log, LineHasItsLocalTime) {
   LogCapture log;
   const std::string before = LocalTime();
   LspLog(4, "x");
@@ -62,19 +75,19 @@ TEST(Log, LineHasItsLocalTime) {
   EXPECT_LE(found, after);
 }
 
-TEST(Log, MessageIsCutAt2047BytesAndTheLineStillEnds) {
+TEST_F(Log, MessageIsCutAt2047BytesAndTheLineStillEnds) {
   LogCapture log;
   LspLog(0, "%s", std::string(3000, 'm').c_str());
   EXPECT_EQ(LastMessage(log.Text()), std::string(2047, 'm') + "\n");
 }
 
-TEST(Log, CommonMessageIsCutAt102399Bytes) {
+TEST_F(Log, CommonMessageIsCutAt102399Bytes) {
   LogCapture log;
   CommonLog(4, "tag", "%s", std::string(103000, 'c').c_str());
   EXPECT_EQ(LastMessage(log.Text(), "[tag]"), std::string(102399, 'c') + "\n");
 }
 
-TEST(Log, CommonMessageOfAnyLengthIsComplete) {
+TEST_F(Log, CommonMessageOfAnyLengthIsComplete) {
   LogCapture log;
   for (const std::size_t size : {2046u, 2047u, 2048u, 2049u, 50000u, 102398u}) {
     CommonLog(4, "tag", "%s", std::string(size, 'c').c_str());
@@ -82,7 +95,7 @@ TEST(Log, CommonMessageOfAnyLengthIsComplete) {
   }
 }
 
-TEST(Log, LongCommonMessageIsCutAsAnyOtherWhereThereIsNoMemory) {
+TEST_F(Log, LongCommonMessageIsCutAsAnyOtherWhereThereIsNoMemory) {
   LogCapture log;
   const std::string text(5000, 'c');
   {
@@ -113,7 +126,7 @@ __attribute__((noinline, no_sanitize_address)) std::size_t StackUsed() {
 }
 
 // The threads are the host's: some programs give them 64 KiB.
-TEST(Log, LinesNeedLittleStackHoweverLongTheyAre) {
+TEST_F(Log, LinesNeedLittleStackHoweverLongTheyAre) {
   LogCapture log;
   const std::string text(100'000, 'c');
   PaintStack();
@@ -127,7 +140,7 @@ TEST(Log, LinesNeedLittleStackHoweverLongTheyAre) {
   EXPECT_LT(StackUsed(), 24'000u);
 }
 
-TEST(Log, EmptyTagLeavesNoTagPart) {
+TEST_F(Log, EmptyTagLeavesNoTagPart) {
   LogCapture log;
   CommonLog(4, "", "[Shared_mem_obj]x");
   const std::string text = log.Text();
@@ -136,7 +149,7 @@ TEST(Log, EmptyTagLeavesNoTagPart) {
       << text;
 }
 
-TEST(Log, NullFormatDoesNothing) {
+TEST_F(Log, NullFormatDoesNothing) {
   LogCapture log;
   const TraceCapture trace;
   const char* volatile none = nullptr;  // volatile: the compiler would refuse a plain null
@@ -151,7 +164,7 @@ TEST(Log, NullFormatDoesNothing) {
   EXPECT_TRUE(trace.lines().empty());
 }
 
-TEST(Log, CallSiteWritesFromTheThresholdUp) {
+TEST_F(Log, CallSiteWritesFromTheThresholdUp) {
   struct {
     common::u32 log_level;
     const char* expected;
@@ -170,7 +183,7 @@ TEST(Log, CallSiteWritesFromTheThresholdUp) {
   }
 }
 
-TEST(Log, SilentLevelEvaluatesNoArgument) {
+TEST_F(Log, SilentLevelEvaluatesNoArgument) {
   LogCapture log(5);
   int evaluated = 0;
   LSP_LOG(4, "%d", ++evaluated);
@@ -180,7 +193,7 @@ TEST(Log, SilentLevelEvaluatesNoArgument) {
   EXPECT_EQ(evaluated, 1);
 }
 
-TEST(Log, FileLevelDropsLinesThatPassedTheCallSite) {
+TEST_F(Log, FileLevelDropsLinesThatPassedTheCallSite) {
   LogCapture log;
   common::GetLogFile().SetLevel(5);
   LspLog(4, "dropped");
@@ -189,7 +202,7 @@ TEST(Log, FileLevelDropsLinesThatPassedTheCallSite) {
   EXPECT_TRUE(log.Contains("written"));
 }
 
-TEST(Log, LastErrorSurvives) {
+TEST_F(Log, LastErrorSurvives) {
   LogCapture log;
   const TraceCapture trace;
   SetLastError(10035);
@@ -203,7 +216,7 @@ TEST(Log, LastErrorSurvives) {
   EXPECT_EQ(GetLastError(), 10035u);
 }
 
-TEST(Log, LinesWithoutAnOpenFileGoNowhere) {
+TEST_F(Log, LinesWithoutAnOpenFileGoNowhere) {
   common::GetLogFile().Shut();
   SetLastError(7);
   LspLog(5, "nobody reads this");
@@ -211,7 +224,7 @@ TEST(Log, LinesWithoutAnOpenFileGoNowhere) {
 }
 
 // A line may be lost to a busy lock, but never torn.
-TEST(Log, LinesOfManyThreadsAreNotMixed) {
+TEST_F(Log, LinesOfManyThreadsAreNotMixed) {
   LogCapture log;
   test::RunThreads(8, [](int index) {
     for (int i = 0; i < 100; ++i)
@@ -246,7 +259,7 @@ TEST(Trace, MessageIsCutAt2047Bytes) {
   EXPECT_EQ(trace.lines()[0], "[LspTrace]" + std::string(2047, 't') + "\n");
 }
 
-TEST(FunctionTrace, NameIsLoggedWithoutTheNamespace) {
+TEST_F(FunctionTrace, NameIsLoggedWithoutTheNamespace) {
   struct {
     const char* name;
     std::string logged;
@@ -266,19 +279,19 @@ TEST(FunctionTrace, NameIsLoggedWithoutTheNamespace) {
   }
 }
 
-TEST(FunctionTrace, NameIsKeptIn64Bytes) {
+TEST_F(FunctionTrace, NameIsKeptIn64Bytes) {
   LogCapture log;
   { const common::FunctionTrace trace(std::string(100, 'n').c_str()); }
   EXPECT_TRUE(log.Contains("]" + std::string(63, 'n') + " begin\n"));
 }
 
-TEST(FunctionTrace, SilentAboveLevelZero) {
+TEST_F(FunctionTrace, SilentAboveLevelZero) {
   LogCapture log(1);
   { const common::FunctionTrace trace("f"); }
   EXPECT_EQ(log.Text(), "");
 }
 
-TEST(FunctionTrace, TheLevelAtConstructionDecides) {
+TEST_F(FunctionTrace, TheLevelAtConstructionDecides) {
   LogCapture log(0);
   {
     const common::FunctionTrace trace("f");
