@@ -153,6 +153,7 @@ class Flow : public HandScript {
       relay_port_ = port->second;
     }
     game_sent_.insert(bytes);
+    if (SourceOf(to) == SourceOf(At(kUnlisted, kServerPort))) unseen_.insert(bytes);
     SendTo(game_, bytes, relay_port_);
   }
 
@@ -309,6 +310,7 @@ class Flow : public HandScript {
       const std::string payload = one.bytes.substr(kHeaderSize);
       Require(game_sent_.contains(payload), "a node gets what the game sent");
       Require(carried_.insert(payload).second, "and once");
+      unseen_.erase(payload);
       const bool is_new = node->numbers.emplace(header.accl_token, header.seq).second;
       Require(is_new || node->tokens[header.accl_token] > 1, "a number of its own");
     } else {
@@ -333,10 +335,13 @@ class Flow : public HandScript {
       return;
     }
     const auto direct = allowed_if_direct_.find({one.bytes, SourceOf(source)});
-    Require(is_direct_ && direct != allowed_if_direct_.end() && direct->second > 0,
+    Require(MayBeDirect() && direct != allowed_if_direct_.end() && direct->second > 0,
             "the game gets what was sent for it");
     --direct->second;
   }
+
+  // Nobody reads at the unlisted address: what has come to no node may have gone there.
+  bool MayBeDirect() const { return is_direct_ || !unseen_.empty(); }
 
   void Closes() {
     is_closed_ = true;
@@ -377,6 +382,7 @@ class Flow : public HandScript {
   bool is_closed_ = false;
   bool server_sends_ = true;
   std::set<std::string> game_sent_;
+  std::set<std::string> unseen_;  // of these, for the unlisted address, and not come to a node
   std::set<std::string> carried_;
   std::map<std::pair<std::string, Source>, int> allowed_;
   std::map<std::pair<std::string, Source>, int> allowed_if_direct_;
