@@ -168,9 +168,11 @@ class Story:
             print("demo: the third-party programs are not here; scripts/fetch_programs.sh "
                   f"{'--x64 ' * self.is_x64}gets them")
             sys.exit(77)
-        for program in ("vyr_node", "vyr_game"):
-            if not (native / program).exists():
-                print(f"demo: no {native / program}; the posix preset builds it")
+        needed = {native / "vyr_node": "posix", native / "vyr_game": "posix",
+                  demo_bed.client_program(build / "bin"): "windows-x86"}
+        for program, preset in needed.items():
+            if not program.exists():
+                print(f"demo: no {program}; the {preset} preset builds it")
                 sys.exit(77)
         self.programs, self.native, self.page = build / "bin", native, page
         if self.is_x64:  # give it the name that the sample file lists

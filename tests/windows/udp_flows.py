@@ -117,6 +117,7 @@ def main():
     stage = Stage(support.parse_arguments(
         ("--node", {"type": support.pathlib.Path, "required": True})))  # fmt: skip
     checks = stage.checks
+    support.client_program(stage.runner.bin)  # or else the test is skipped
     with demo_bed.Client(stage.runner.bin, stage.tables):
         relayed = [Play(stage, rate, RELAYED, connected=False) for rate in RATES]
         direct = [Play(stage, rate, DIRECT, connected=True) for rate in RATES]
