@@ -245,8 +245,9 @@ def print_results(results):
 
 def print_totals(targets):
     totals = [Total(target) for target in targets]
-    print_table(("target", "CPU seconds", "executions", "edges"),
-                [(one.target, round(one.cpu_seconds), one.runs, one.edges) for one in totals])
+    print_table(("target", "CPU seconds", "executions", "a CPU second", "edges"),
+                [(one.target, round(one.cpu_seconds), one.runs, round(one.runs / max(one.cpu_seconds, 0.001)),
+                  one.edges) for one in totals])
 
 
 def print_table(head, rows):
